@@ -1,0 +1,37 @@
+# What every target of the tree has in common: language, warnings, sanitizers, and how a library is laid out.
+
+add_library(vesk_build_flags INTERFACE)
+target_compile_features(vesk_build_flags INTERFACE cxx_std_17)
+target_compile_options(vesk_build_flags INTERFACE -Wall -Wextra -Wshadow -Wconversion -Werror)
+if(VESK_SANITIZE)
+    target_compile_options(vesk_build_flags INTERFACE -fsanitize=${VESK_SANITIZE} -fno-omit-frame-pointer)
+    target_link_options(vesk_build_flags INTERFACE -fsanitize=${VESK_SANITIZE})
+    if(VESK_SANITIZE MATCHES "undefined")
+        target_compile_options(vesk_build_flags INTERFACE -fno-sanitize-recover=undefined)
+    endif()
+endif()
+
+# Fields of the two libraries, their sources and headers are listed by their own CMakeLists.txt.
+function(vesk_add_library name)
+    add_library(${name} SHARED ${ARGN})
+    add_library(vesk::${name} ALIAS ${name})
+    set_target_properties(
+        ${name}
+        PROPERTIES VERSION ${PROJECT_VERSION}
+                   SOVERSION ${PROJECT_VERSION_MAJOR}
+                   CXX_EXTENSIONS ON
+                   CXX_VISIBILITY_PRESET hidden
+                   VISIBILITY_INLINES_HIDDEN ON)
+    target_compile_features(${name} PUBLIC cxx_std_17)
+    target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:vesk_build_flags>)
+    # Calls inside a library stay inside it; only libc's functions can be replaced by the program.
+    target_compile_options(${name} PRIVATE -fno-semantic-interposition -fno-plt)
+    target_include_directories(
+        ${name}
+        PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+               $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
+        PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
+    if(NOT VESK_SANITIZE)
+        target_link_options(${name} PRIVATE -Wl,-z,defs)
+    endif()
+endfunction()

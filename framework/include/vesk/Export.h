@@ -1,0 +1,4 @@
+#pragma once
+
+/// Marks what `libvesk.so` exports; everything else in it is hidden.
+#define VESK_API __attribute__((visibility("default")))

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <vesk/Export.h>
+#include <vesk/common/ScopedLock.h>
+
+#include <tarncommon/error/ErrorType.h>
+#include <tarncommon/tarnbase/NonCopyable.h>
+#include <tarncommon/threadsafe/MutexImpl.h>
+
+namespace vesk {
+
+/// A lock between the threads of one process that checks its owner and reports what goes wrong.
+///
+///     vesk::Mutex mutex;
+///     {
+///         vesk::MutexLock const lock(mutex);
+///         ...
+///     }
+///
+/// All operations may be called from any thread. A failed `lock` means that the caller must not rely on the critical
+/// section. To share a lock between processes use `ShmMutex`.
+class VESK_API Mutex : private tarnbase::NonCopyable {
+public:
+    /// Failures of locks. Derives from `SysError`.
+    ///
+    /// | id | meaning |
+    /// |---|---|
+    /// | 0 | creation failed |
+    /// | 1 | lock failed |
+    /// | 2 | unlock failed |
+    /// | 3 | inconsistency: a broken lock, or a call that is not allowed |
+    static std::ErrorType const Error;
+
+    /// Creates the lock; being unable to ends the process (see `threadsafe::MutexImpl`).
+    /// @param recursive  whether the owner may lock it again; it is free after as many calls of `unlock`
+    explicit Mutex(bool recursive = false) : m_impl(recursive) {}
+
+    /// Waits for the lock (`pthread_mutex_lock`).
+    /// @return true on failure: `Error` 3 if the caller holds a lock that is not recursive, or it is broken; `Error` 1
+    ///         for any other reason
+    bool lock() const noexcept {
+        int const result = m_impl.lock();
+        return __builtin_expect(result != 0, 0) && reportLock(result);
+    }
+
+    /// Lets go of the lock (`pthread_mutex_unlock`). Does not block.
+    /// @return true on failure: `Error` 3 if the caller does not hold it, or it is broken; `Error` 2 for any other
+    ///         reason
+    bool unlock() const noexcept {
+        int const result = m_impl.unlock();
+        return __builtin_expect(result != 0, 0) && reportUnlock(result);
+    }
+
+private:
+    friend class Condition;
+
+    static bool reportLock(int result) noexcept;
+    static bool reportUnlock(int result) noexcept;
+
+    mutable threadsafe::MutexImpl m_impl;
+};
+
+/// Holds a `Mutex` for the length of a scope.
+using MutexLock = ScopedLock<Mutex const>;
+
+} // namespace vesk

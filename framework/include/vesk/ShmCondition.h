@@ -1,0 +1,72 @@
+#pragma once
+
+#include <vesk/AbsTime.h>
+#include <vesk/ConditionOps.h>
+#include <vesk/Export.h>
+#include <vesk/ShmMutex.h>
+
+#include <tarncommon/error/ErrorType.h>
+#include <tarncommon/tarnbase/NonCopyable.h>
+#include <tarncommon/tarnbase/TimePoint.h>
+
+#include <pthread.h>
+
+namespace vesk {
+
+/// A condition whose object may lie in memory that several processes map, together with the `ShmMutex` of its waiters:
+/// build it there once, with placement new. Its waits are on the monotonic clock.
+///
+///     vesk::ShmMutexLock const lock(shared->mutex);
+///     while (!shared->ready) {
+///         if (shared->condition.wait(shared->mutex)) { ... }
+///     }
+///
+/// All operations may be called from any thread of any process.
+class ShmCondition : private tarnbase::NonCopyable {
+public:
+    /// The family of `Condition`.
+    static VESK_API std::ErrorType const& Error;
+
+    /// Creates the condition (see `ConditionOps::handleInitError` for its reports); `isValid` tells whether it worked.
+    ShmCondition() : m_valid(!ConditionOps::init(&m_condition, true)) {}
+
+    /// Ends the condition; a failure leaves its report pending. Only one process may destroy it, when nobody waits.
+    ~ShmCondition() {
+        if (!m_valid) {
+            return;
+        }
+        if (int const error = pthread_cond_destroy(&m_condition)) {
+            ConditionOps::handleDestroyError(error);
+        }
+    }
+
+    bool isValid() const noexcept { return m_valid; }
+
+    /// Waits for a signal, with `mutex` held by the caller (`pthread_cond_wait`). May wake without one.
+    /// @return true on failure: `SysError` 10 or 19, then `Error` 1
+    bool wait(ShmMutex& mutex) {
+        int const error = pthread_cond_wait(&m_condition, &mutex.m_mutex);
+        return error != 0 && ConditionOps::handleWaitError(error) != 0;
+    }
+
+    /// The same until a deadline at most (`pthread_cond_timedwait`).
+    /// @param deadline  on the monotonic clock; its flag is not looked at
+    /// @return 0 woken, 1 timed out (not reported), -1 on failure, as for `wait`
+    signed char waitTimeout(ShmMutex& mutex, AbsTimeT const& deadline) {
+        timespec const time = tarnbase::TimePoint(deadline.value).toTimespec();
+        int const error = pthread_cond_timedwait(&m_condition, &mutex.m_mutex, &time);
+        return error == 0 ? static_cast<signed char>(0) : ConditionOps::handleWaitError(error);
+    }
+
+    /// Wakes one waiter (`pthread_cond_signal`). Does not block. True on failure: `SysError` 10 or 19, then `Error` 2.
+    bool signal() {
+        int const error = pthread_cond_signal(&m_condition);
+        return error != 0 && ConditionOps::handleSignalError(error);
+    }
+
+private:
+    pthread_cond_t m_condition;
+    bool m_valid;
+};
+
+} // namespace vesk

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <vesk/Export.h>
+#include <vesk/MutexOps.h>
+#include <vesk/common/ScopedLock.h>
+
+#include <tarncommon/error/ErrorType.h>
+#include <tarncommon/tarnbase/NonCopyable.h>
+
+#include <pthread.h>
+
+namespace vesk {
+
+/// A lock whose object may lie in memory that several processes map: build it there once, with placement new, and use it
+/// from all of them.
+///
+///     auto* mutex = new (shared_memory) vesk::ShmMutex;
+///     if (!mutex->isValid()) { ... }
+///     vesk::ShmMutexLock const lock(*mutex);
+///
+/// All operations may be called from any thread of any process. It does not check its owner: unlocking it from the wrong
+/// thread or locking it twice is the caller's error. Its process may not end while holding it.
+class ShmMutex : private tarnbase::NonCopyable {
+public:
+    /// The family of `Mutex`.
+    static VESK_API std::ErrorType const& Error;
+
+    /// Creates the lock (see `MutexOps::init` for its reports); `isValid` tells whether it worked.
+    explicit ShmMutex(bool recursive = false, bool priority_inherit = false)
+        : m_valid(!MutexOps::init(&m_mutex, recursive, priority_inherit, true)) {}
+
+    /// Ends the lock; a failure leaves its report pending. Only one process may destroy it, when no other uses it.
+    ~ShmMutex() { MutexOps::destroy(&m_mutex); }
+
+    bool isValid() const noexcept { return m_valid; }
+
+    /// Waits for the lock (`pthread_mutex_lock`). True on failure: `Error` 3 if it is broken or not allowed, else 1.
+    bool lock() const {
+        int const error = pthread_mutex_lock(&m_mutex);
+        return __builtin_expect(error != 0, 0) && MutexOps::handleLockError(error);
+    }
+
+    /// Takes the lock if it is free (`pthread_mutex_trylock`). 0 locked, 1 busy (not reported), -1 on failure: `Error` 3
+    /// or 1. Never blocks.
+    signed char tryLock() const {
+        int const error = pthread_mutex_trylock(&m_mutex);
+        return error == 0 ? static_cast<signed char>(0) : MutexOps::handleTryLockError(error);
+    }
+
+    /// Waits for the lock for a while; see `MutexOps::tryLockTimeout`.
+    signed char tryLockTimeout(long long const& ms) const { return MutexOps::tryLockTimeout(&m_mutex, ms); }
+
+    /// Lets go of the lock (`pthread_mutex_unlock`). True on failure: `Error` 3 if it is broken or not allowed, else 2.
+    bool unlock() const {
+        int const error = pthread_mutex_unlock(&m_mutex);
+        return __builtin_expect(error != 0, 0) && MutexOps::handleUnlockError(error);
+    }
+
+private:
+    friend class ShmCondition;
+
+    mutable pthread_mutex_t m_mutex;
+    bool m_valid;
+};
+
+/// Holds a `ShmMutex` for the length of a scope.
+using ShmMutexLock = ScopedLock<ShmMutex const>;
+
+} // namespace vesk

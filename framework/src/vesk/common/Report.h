@@ -1,0 +1,35 @@
+#pragma once
+
+#include <tarncommon/error/ErrorOutput.h>
+#include <tarncommon/error/ErrorStorage.h>
+
+namespace vesk::detail {
+
+/// Where a report is made: the `SOURCE` constant of its file, which turns into a place by itself, and the line of the
+/// call.
+struct Place {
+    constexpr Place(char const* source, int source_line = __builtin_LINE()) noexcept
+        : file(source), line(source_line) {}
+
+    char const* file;
+    int line;
+};
+
+/// How a report joins the calling thread's chain.
+enum class Chain {
+    NEW,     ///< It is the root cause of a new chain.
+    ON_TOP,  ///< It is one level above what a call of this library has reported.
+    UNKNOWN, ///< A lower level may or may not have reported.
+};
+
+/// The one idiom for making a report:
+///
+///     report(SOURCE, Chain::NEW, Mutex::Error, 1, SystemErrorText().get());
+template <typename... Args>
+void report(Place place, Chain chain, std::ErrorType const& family, int id, Args const&... args) noexcept {
+    bool const new_chain =
+        chain == Chain::NEW || (chain == Chain::UNKNOWN && !std::ErrorStorage::isError(true));
+    std::ErrorOutput(place.file, place.line, new_chain)(family, id, args...);
+}
+
+} // namespace vesk::detail

@@ -1,0 +1,101 @@
+#include <vesk/Condition.h>
+
+#include "vesk/common/Report.h"
+
+#include <vesk/ShmCondition.h>
+#include <vesk/SysError.h>
+#include <vesk/common/AbortingLock.h>
+
+#include <iterator>
+#include <new>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/Condition";
+
+constexpr std::ErrorID ROWS[] = {
+    {0, "Creating condition variable failed", 0},
+    {1, "Waiting on condition variable failed", 0},
+    {2, "Signaling condition variable failed", 0},
+};
+
+using InternalLock = AbortingLock<threadsafe::MutexImpl>;
+
+} // namespace
+
+TARN_CONSTANT_INIT std::ErrorType const Condition::Error(ROWS, std::size(ROWS), SysError);
+TARN_CONSTANT_INIT std::ErrorType const& ShmCondition::Error = Condition::Error;
+
+// What the condition is built on needs its mutex at once, which only the first wait brings.
+Condition::Condition() : m_lock(false) {}
+
+Condition::~Condition() {
+    InternalLock const lock(m_lock, SOURCE, "~Condition");
+    if (m_mutex != nullptr) {
+        getImpl().~ConditionImpl();
+    }
+}
+
+threadsafe::ConditionImpl& Condition::getImpl() noexcept {
+    return *std::launder(reinterpret_cast<threadsafe::ConditionImpl*>(m_storage));
+}
+
+/// Binds the condition to the mutex of its first wait. True if it is bound to another one. The internal lock is not
+/// held during the wait itself.
+bool Condition::bind(Mutex& mutex, char const* function) {
+    InternalLock const lock(m_lock, SOURCE, function);
+    if (m_mutex == nullptr) {
+        new (m_storage) threadsafe::ConditionImpl(mutex.m_impl);
+        m_mutex = &mutex;
+        m_mutex_impl = &mutex.m_impl;
+    }
+    if (m_mutex != &mutex) {
+        report(SOURCE, Chain::NEW, SysError, 10, "Using Condition with different Mutexes");
+        return true;
+    }
+    return false;
+}
+
+bool Condition::wait(Mutex& mutex) {
+    if (bind(mutex, "wait")) {
+        return true;
+    }
+    int const result = getImpl().wait();
+    if (result != 0) {
+        report(SOURCE, Chain::NEW, SysError, 10, result);
+        return true;
+    }
+    return false;
+}
+
+signed char Condition::waitTimeout(Mutex& mutex, AbsTimeT const& deadline) {
+    if (bind(mutex, "waitTimeout")) {
+        return -1;
+    }
+    int const result = getImpl().wait_timeout(tarnbase::TimePoint(deadline.value));
+    if (result == 0) {
+        return 0;
+    }
+    if (result == threadsafe::ConditionBase::TIMEOUT) {
+        return 1;
+    }
+    report(SOURCE, Chain::NEW, SysError, 10, result);
+    return -1;
+}
+
+bool Condition::signal() {
+    InternalLock const lock(m_lock, SOURCE, "signal");
+    int const result = m_mutex != nullptr ? getImpl().signal_one() : 0;
+    if (result == 0) {
+        return false;
+    }
+    int const id = result == threadsafe::ConditionBase::ERROR_INCONSISTENCY ? 10 : 19;
+    report(SOURCE, Chain::NEW, SysError, id, result);
+    return true;
+}
+
+} // namespace vesk

@@ -1,0 +1,92 @@
+#include <vesk/ConditionOps.h>
+
+#include "ErrnoTable.h"
+#include "Poison.h"
+
+#include <vesk/Condition.h>
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/ConditionOps";
+
+constexpr ErrnoRow INIT_ERRORS[] = {
+    {{EAGAIN}, {SysError, 0}, {Condition::Error, 0}},
+    {{ENOMEM}, {SysError, 1}, {Condition::Error, 0}},
+    {{EBUSY, EINVAL}, {SysError, 10}, {Condition::Error, 0}},
+    {OTHERS, {SysError, 19}, {Condition::Error, 0}},
+};
+
+constexpr ErrnoRow DESTROY_ERRORS[] = {
+    {{EBUSY, EINVAL}, {SysError, 10}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow WAIT_ERRORS[] = {
+    {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
+    {{EINVAL, EPERM}, {SysError, 10}, {Condition::Error, 1}},
+    {OTHERS, {SysError, 19}, {Condition::Error, 1}},
+};
+
+constexpr ErrnoRow SIGNAL_ERRORS[] = {
+    {{EINVAL}, {SysError, 10}, {Condition::Error, 2}},
+    {OTHERS, {SysError, 19}, {Condition::Error, 2}},
+};
+
+int create(pthread_cond_t* condition, bool process_shared) {
+    pthread_condattr_t attributes;
+    int error = pthread_condattr_init(&attributes);
+    if (error != 0) {
+        return error;
+    }
+    error = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    if (error == 0 && process_shared) {
+        error = pthread_condattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    }
+    if (error == 0) {
+        error = pthread_cond_init(condition, &attributes);
+    }
+    if (int const destroy_error = pthread_condattr_destroy(&attributes)) {
+        std::GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "init", "destroying condition attributes failed, res = %d", destroy_error);
+    }
+    return error;
+}
+
+} // namespace
+
+bool ConditionOps::init(pthread_cond_t* condition, bool process_shared) {
+    int const error = create(condition, process_shared);
+    if (error != 0) {
+        poison(condition, FAILED_LOCK);
+        return handleInitError(error);
+    }
+    return false;
+}
+
+bool ConditionOps::handleInitError(int error) {
+    classify(SOURCE, INIT_ERRORS, error);
+    return true;
+}
+
+bool ConditionOps::handleDestroyError(int error) {
+    classify(SOURCE, DESTROY_ERRORS, error);
+    return true;
+}
+
+signed char ConditionOps::handleWaitError(int error) {
+    return static_cast<signed char>(classify(SOURCE, WAIT_ERRORS, error));
+}
+
+bool ConditionOps::handleSignalError(int error) {
+    classify(SOURCE, SIGNAL_ERRORS, error);
+    return true;
+}
+
+} // namespace vesk

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <ctime>
+#include <limits>
+
+namespace vesk::detail {
+
+/// A deadline on the wall clock, for the system calls that know no other clock.
+class WallDeadline {
+public:
+    /// Now plus a time, which is told in milliseconds. A negative time is a deadline that has passed. Seconds that the
+    /// system's `time_t` cannot hold become its smallest or largest value.
+    explicit WallDeadline(long long timeout_ms) noexcept
+        : m_valid(clock_gettime(CLOCK_REALTIME, &m_time) == 0) {
+        long long seconds = timeout_ms / 1000;
+        long nanoseconds = m_time.tv_nsec + static_cast<long>(timeout_ms % 1000) * 1000000;
+        if (nanoseconds > 999999999) {
+            nanoseconds -= 1000000000;
+            ++seconds;
+        } else if (nanoseconds < 0) {
+            nanoseconds += 1000000000;
+            --seconds;
+        }
+        using Limits = std::numeric_limits<time_t>;
+        long long sum = 0;
+        if (__builtin_add_overflow(static_cast<long long>(m_time.tv_sec), seconds, &sum)) {
+            sum = seconds > 0 ? std::numeric_limits<long long>::max() : 0;
+        }
+        m_time.tv_sec = sum > Limits::max() ? Limits::max() : sum < 0 ? 0 : static_cast<time_t>(sum);
+        m_time.tv_nsec = nanoseconds;
+    }
+
+    /// Whether the clock could be read.
+    bool isValid() const noexcept { return m_valid; }
+    timespec const* get() const noexcept { return &m_time; }
+
+private:
+    timespec m_time{};
+    bool m_valid;
+};
+
+} // namespace vesk::detail

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <tarncommon/Export.h>
+#include <tarncommon/tarnbase/NonCopyable.h>
+
+#include <pthread.h>
+
+namespace threadsafe {
+
+/// What every lock of the base library has in common.
+class TARN_API MutexBase {
+public:
+    /// Result of an operation on a broken lock, or of a call that is not allowed: unlocking what another thread holds,
+    /// locking twice what is not recursive. Read at run time, so that the library that defines it decides.
+    static int const ERROR_INCONSISTENCY;
+};
+
+/// A lock between the threads of one process that checks its owner. It makes no reports: results tell, and `errno`
+/// holds the system's number behind a result other than 0.
+class TARN_API MutexImpl : public MutexBase, private tarnbase::NonCopyable {
+public:
+    /// Creates the lock; a failure ends the process through `GlobalErrorHandler::doAbort`. A recursive lock may be
+    /// locked again by its owner and is free after as many calls of `unlock`.
+    explicit MutexImpl(bool recursive);
+    ~MutexImpl();
+
+    /// Waits for the lock. 0 done; `ERROR_INCONSISTENCY`; any other value is another failure. `pthread_mutex_lock`.
+    int lock() noexcept {
+        int const error = pthread_mutex_lock(&m_mutex);
+        return __builtin_expect(error == 0, 1) ? 0 : classify(error);
+    }
+
+    /// Lets go of the lock; results as for `lock`. `pthread_mutex_unlock`.
+    int unlock() noexcept {
+        int const error = pthread_mutex_unlock(&m_mutex);
+        return __builtin_expect(error == 0, 1) ? 0 : classify(error);
+    }
+
+private:
+    friend class ConditionImpl;
+
+    static int classify(int error) noexcept;
+
+    pthread_mutex_t m_mutex;
+};
+
+} // namespace threadsafe

@@ -1,0 +1,117 @@
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include "TextWriter.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <unistd.h>
+
+namespace std {
+
+namespace {
+
+using tarnbase::detail::TextWriter;
+
+constexpr long OUT_OF_MEMORY_WAIT_NS = 100L * 1000 * 1000;
+
+TARN_CONSTANT_INIT atomic<GlobalErrorHandler::Hook const*> s_hook{nullptr};
+
+char const* describe(GlobalErrorHandler::Kind kind) noexcept {
+    switch (kind) {
+    case GlobalErrorHandler::Kind::ASSERT:
+        return "assertion failed: ";
+    case GlobalErrorHandler::Kind::ABORT:
+        return "fatal: ";
+    case GlobalErrorHandler::Kind::WARNING:
+        return "warning: ";
+    case GlobalErrorHandler::Kind::OUT_OF_MEMORY:
+        return "out of memory: ";
+    }
+    return "";
+}
+
+void print(GlobalErrorHandler::Event const& event) noexcept {
+    char line[1024];
+    TextWriter writer(line, sizeof line - 1); // One byte is left for the newline of a cut text.
+    writer.putPlace(event.file, event.line, event.function);
+    writer.put(describe(event.kind));
+    if (event.expression != nullptr) {
+        writer.put(event.expression);
+        writer.put(event.message[0] != '\0' ? ": " : "");
+    }
+    writer.put(event.message);
+    size_t const length = writer.finish();
+    line[length] = '\n';
+    tarnbase::detail::writeAll(STDERR_FILENO, line, length + 1);
+}
+
+/// Shows the event to the hook, then prints it. True if the hook keeps the rest of the default action from running.
+bool handle(
+    GlobalErrorHandler::Kind kind, char const* expression, char const* file, int line, char const* function,
+    char const* format, va_list args) noexcept {
+    char message[512] = "";
+    if (format != nullptr) {
+        vsnprintf(message, sizeof message, format, args);
+    }
+    GlobalErrorHandler::Event const event{kind, expression, file, line, function, message};
+    GlobalErrorHandler::Hook const* const hook = s_hook.load(memory_order_acquire);
+    if (hook != nullptr && hook->call(event, hook->context)) {
+        return true;
+    }
+    print(event);
+    return false;
+}
+
+} // namespace
+
+GlobalErrorHandler::Hook const* GlobalErrorHandler::setHook(Hook const* hook) noexcept {
+    return s_hook.exchange(hook, memory_order_acq_rel);
+}
+
+void GlobalErrorHandler::doAssert(
+    bool condition, char const* expression, char const* file, int line, char const* function,
+    char const* format, ...) {
+    if (condition) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    handle(Kind::ASSERT, expression, file, line, function, format, args);
+    va_end(args);
+}
+
+void GlobalErrorHandler::doAbort(char const* file, int line, char const* function, char const* format, ...) {
+    va_list args;
+    va_start(args, format);
+    bool const kept = handle(Kind::ABORT, nullptr, file, line, function, format, args);
+    va_end(args);
+    if (!kept) {
+        std::abort();
+    }
+}
+
+void GlobalErrorHandler::doWarning(
+    char const* file, int line, char const* function, char const* format, ...) {
+    va_list args;
+    va_start(args, format);
+    handle(Kind::WARNING, nullptr, file, line, function, format, args);
+    va_end(args);
+}
+
+void GlobalErrorHandler::doOutOfMem(
+    char const* file, int line, char const* function, char const* format, ...) {
+    va_list args;
+    va_start(args, format);
+    bool const kept = handle(Kind::OUT_OF_MEMORY, nullptr, file, line, function, format, args);
+    va_end(args);
+    if (!kept) {
+        // A signal may shorten the wait: the caller tries again either way.
+        timespec const wait{0, OUT_OF_MEMORY_WAIT_NS};
+        nanosleep(&wait, nullptr);
+    }
+}
+
+} // namespace std

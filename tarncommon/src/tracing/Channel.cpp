@@ -1,0 +1,98 @@
+#include <tarncommon/tracing/Channel.h>
+
+#include "TextWriter.h"
+
+#include <tarncommon/tarnbase/TimePoint.h>
+
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace tracing {
+
+namespace {
+
+// Guards the registry alone: writing a message takes no lock, so a child between fork and exec may trace.
+TARN_CONSTANT_INIT std::mutex s_mutex;
+TARN_CONSTANT_INIT Channel* s_first = nullptr;
+
+/// Looks the channel up in "name=level,name=level"; `fallback` where it is not named or its level is no number.
+short thresholdFromEnvironment(std::string const& name, short fallback) noexcept {
+    char const* entry = getenv("TARN_TRACE");
+    while (entry != nullptr) {
+        if (strncmp(entry, name.c_str(), name.size()) == 0 && entry[name.size()] == '=') {
+            char* end = nullptr;
+            char const* const level = entry + name.size() + 1;
+            long const value = strtol(level, &end, 10);
+            bool const good =
+                end != level && (*end == '\0' || *end == ',') && static_cast<short>(value) == value;
+            return good ? static_cast<short>(value) : fallback;
+        }
+        entry = strchr(entry, ',');
+        entry += entry != nullptr ? 1 : 0;
+    }
+    return fallback;
+}
+
+} // namespace
+
+Channel::Channel(std::string const& name, short level, unsigned int flags)
+    : m_threshold(thresholdFromEnvironment(name, level)), m_name(name), m_flags(flags) {
+    std::lock_guard<std::mutex> const guard(s_mutex);
+    m_next = s_first;
+    s_first = this;
+}
+
+Channel::~Channel() {
+    std::lock_guard<std::mutex> const guard(s_mutex);
+    for (Channel** channel = &s_first; *channel != nullptr; channel = &(*channel)->m_next) {
+        if (*channel == this) {
+            *channel = m_next;
+            return;
+        }
+    }
+}
+
+bool Channel::setThreshold(std::string const& name, short level) {
+    std::lock_guard<std::mutex> const guard(s_mutex);
+    bool found = false;
+    for (Channel* channel = s_first; channel != nullptr; channel = channel->m_next) {
+        if (channel->m_name == name) {
+            channel->m_threshold.store(level, std::memory_order_relaxed);
+            found = true;
+        }
+    }
+    return found;
+}
+
+void Channel::logCV(short level, char const* format, ...) {
+    char line[1025];
+    tarnbase::detail::TextWriter writer(line, sizeof line - 1);
+    if ((m_flags & WITH_TIME) != 0) {
+        writer.putSigned(tarnbase::TimePoint::now().getCount());
+        writer.put(' ');
+    }
+    writer.put(m_name.c_str());
+    writer.put('[');
+    writer.putSigned(level);
+    writer.put(']');
+    if ((m_flags & WITH_THREAD) != 0) {
+        writer.put(" tid ");
+        writer.putSigned(syscall(SYS_gettid));
+    }
+    writer.put(": ");
+    va_list args;
+    va_start(args, format);
+    char message[1024];
+    vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    writer.put(message);
+    size_t const length = writer.finish();
+    line[length] = '\n';
+    tarnbase::detail::writeAll(STDERR_FILENO, line, length + 1);
+}
+
+} // namespace tracing

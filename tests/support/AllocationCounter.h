@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+/// Counts the heap allocations of the calling thread. Include it in one file of a test program: it replaces the
+/// allocation functions of libc there. The sanitizers bring their own, so nothing is counted with them, which
+/// `COUNTS_ALLOCATIONS` tells.
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+
+namespace support {
+constexpr bool COUNTS_ALLOCATIONS = false;
+inline thread_local int t_allocations = 0;
+} // namespace support
+
+#else
+
+namespace support {
+constexpr bool COUNTS_ALLOCATIONS = true;
+inline thread_local int t_allocations = 0;
+} // namespace support
+
+extern "C" {
+void* __libc_malloc(size_t);
+void* __libc_calloc(size_t, size_t);
+void* __libc_realloc(void*, size_t);
+
+void* malloc(size_t size) {
+    ++support::t_allocations;
+    return __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size) {
+    ++support::t_allocations;
+    return __libc_calloc(count, size);
+}
+void* realloc(void* memory, size_t size) {
+    ++support::t_allocations;
+    return __libc_realloc(memory, size);
+}
+}
+
+#endif
+
+namespace support {
+
+/// Heap allocations of this thread since the object was made.
+class AllocationCounter {
+public:
+    AllocationCounter() noexcept : m_start(t_allocations) {}
+    int getCount() const noexcept { return t_allocations - m_start; }
+
+private:
+    int m_start;
+};
+
+} // namespace support

@@ -1,0 +1,8 @@
+#pragma once
+
+namespace support {
+
+/// How many descriptors the process has open.
+int countDescriptors();
+
+} // namespace support

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <atomic>
+#include <cerrno>
+#include <pthread.h>
+
+/// The fault injector. A test program defines a function of libc, which then is what the libraries call as well; it
+/// forwards to the real one unless a `Fault` tells it to fail.
+///
+///     VESK_INJECT_RESULT(pthread_mutex_init, (pthread_mutex_t* m, pthread_mutexattr_t const* a), (m, a))
+///     VESK_INJECT_ERRNO(int, -1, clock_settime, (clockid_t c, timespec const* t), (c, t))
+///
+///     support::Fault const fault(inject_pthread_mutex_init, EAGAIN);
+///     EXPECT_TRUE(vesk::MutexOps::init(&raw, false, false, false));
+///
+/// The macros stand at the top of a test file, outside of every namespace. Each test file is a program of its own, so a
+/// replaced function disturbs no other test.
+
+namespace support {
+
+/// One replaced function. Constant-initialised, so it works from the first call in the process on.
+class Injected {
+public:
+    constexpr explicit Injected(char const* name) noexcept : m_name(name) {}
+
+    /// Counts the call and tells whether it is to fail, and with what.
+    bool fails(int& error) noexcept;
+
+    /// The real function.
+    void* getReal() noexcept;
+
+private:
+    friend class Fault;
+
+    char const* m_name;
+    std::atomic<void*> m_real{nullptr};
+    std::atomic<bool> m_armed{false};
+    std::atomic<int> m_calls{0};
+    pthread_t m_thread{};
+    bool m_every_thread = false;
+    int m_error = 0;
+    int m_first = 0;
+    int m_last = 0;
+};
+
+/// While it lives, calls of the function are counted, and some of them fail. One at a time for each function.
+class Fault {
+public:
+    static constexpr int FOREVER = 1 << 30;
+
+    enum class Threads { MINE, ALL };
+
+    /// @param error    the number to fail with; 0 only counts the calls
+    /// @param nth      the first call to fail, counted from 1
+    /// @param times    how many calls fail in a row
+    /// @param threads  whose calls count and fail
+    Fault(
+        Injected& function, int error, int nth = 1, int times = 1, Threads threads = Threads::MINE) noexcept;
+    ~Fault();
+
+    Fault(Fault const&) = delete;
+    Fault& operator=(Fault const&) = delete;
+
+    /// Calls so far.
+    int getCalls() const noexcept { return m_function.m_calls; }
+
+private:
+    Injected& m_function;
+};
+
+} // namespace support
+
+/// Replaces a function that returns its error number, as the `pthread_*` functions do.
+#define VESK_INJECT_RESULT(name, parameters, arguments)                                                      \
+    support::Injected inject_##name(#name);                                                                  \
+    extern "C" int name parameters {                                                                         \
+        int error = 0;                                                                                       \
+        if (inject_##name.fails(error)) {                                                                    \
+            return error;                                                                                    \
+        }                                                                                                    \
+        return reinterpret_cast<int(*) parameters>(inject_##name.getReal()) arguments;                       \
+    }
+
+/// Replaces a function that returns `failure` and sets `errno`.
+#define VESK_INJECT_ERRNO(result, failure, name, parameters, arguments)                                      \
+    support::Injected inject_##name(#name);                                                                  \
+    extern "C" result name parameters {                                                                      \
+        int error = 0;                                                                                       \
+        if (inject_##name.fails(error)) {                                                                    \
+            errno = error;                                                                                   \
+            return failure;                                                                                  \
+        }                                                                                                    \
+        return reinterpret_cast<result(*) parameters>(inject_##name.getReal()) arguments;                    \
+    }

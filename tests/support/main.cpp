@@ -1,0 +1,28 @@
+#include "support/Descriptors.h"
+
+#include <gtest/gtest.h>
+
+#include <tarncommon/error/ErrorStorage.h>
+
+namespace {
+
+/// What holds for every test: it begins without a pending error and loses no descriptor.
+class HouseRules : public testing::EmptyTestEventListener {
+    void OnTestStart(testing::TestInfo const&) override {
+        std::ErrorStorage::ack();
+        m_descriptors = support::countDescriptors();
+    }
+    void OnTestEnd(testing::TestInfo const&) override {
+        EXPECT_EQ(m_descriptors, support::countDescriptors()) << "the test lost or closed a descriptor";
+    }
+
+    int m_descriptors = 0;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    testing::UnitTest::GetInstance()->listeners().Append(new HouseRules);
+    return RUN_ALL_TESTS();
+}
