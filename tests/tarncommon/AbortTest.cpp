@@ -1,20 +1,41 @@
 #include "support/AllocationCounter.h"
 #include "support/Child.h"
+#include "support/Inject.h"
 
 #include <tarncommon/tarnbase/abort.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <string>
 #include <unistd.h>
 
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+
+namespace {
+
+int s_allocations_before = 0;
+support::Fault const* s_locks = nullptr;
+
+} // namespace
+
+/// The last call before the end: what happened until here is visible nowhere else.
+extern "C" int pthread_sigmask(int how, sigset_t const* set, sigset_t* old) {
+    if (s_locks != nullptr && support::t_allocations != s_allocations_before) {
+        _exit(4);
+    }
+    if (s_locks != nullptr && s_locks->getCalls() != 0) {
+        _exit(5);
+    }
+    return sigprocmask(how, set, old);
+}
+
 namespace {
 
 using support::ChildEnd;
+using support::Fault;
 using support::runInChild;
 
 TEST(Abort, writesOneLineAndEndsTheProcessWithSigabrt) {
@@ -47,22 +68,29 @@ TEST(Abort, cutsALongLine) {
     EXPECT_EQ("...\n", end.errors.substr(end.errors.size() - 4));
 }
 
-TEST(Abort, endsTheProcessFromASignalHandlerThatInterruptedTheAllocator) {
+TEST(Abort, worksInASignalHandlerWithoutTheHeapAndWithoutALock) {
     if (!support::COUNTS_ALLOCATIONS) {
         GTEST_SKIP() << "the sanitizers bring their own allocation functions";
     }
     ChildEnd const end = runInChild([] {
-        static thread_local int s_before;
         signal(SIGUSR1, [](int) {
-            s_before = support::t_allocations;
-            // What this asks for must come without the heap, or the count below tells.
-            signal(SIGABRT, [](int) { _exit(support::t_allocations == s_before ? 3 : 4); });
+            Fault const locks(inject_pthread_mutex_lock, 0);
+            s_locks = &locks;
+            s_allocations_before = support::t_allocations;
             tarnbase::abort("f", 1, "g", "%s", "in a handler");
         });
         raise(SIGUSR1);
     });
-    EXPECT_EQ(SIGABRT, end.signal) << "a handler of SIGABRT does not run";
+    EXPECT_EQ(SIGABRT, end.signal) << "exit code " << end.exit_code << ": 4 is an allocation, 5 a lock";
     EXPECT_EQ("f:1: g: fatal: in a handler\n", end.errors);
+}
+
+TEST(Abort, runsNoHandlerOfSigabrt) {
+    ChildEnd const end = runInChild([] {
+        signal(SIGABRT, [](int) { _exit(3); });
+        tarnbase::abort("f", 1, "g", "text");
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
 }
 
 TEST(Abort, endsTheProcessWithSigabrtBlocked) {
