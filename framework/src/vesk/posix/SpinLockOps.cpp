@@ -41,12 +41,6 @@ constexpr ErrnoRow UNLOCK_ERRORS[] = {
     {OTHERS, {SpinLock::Error, 1}},
 };
 
-/// The number that a call returned goes to `errno`, too.
-Outcome classifyResult(Place place, ErrnoTable table, int error) noexcept {
-    errno = error;
-    return classify(place, table, error);
-}
-
 } // namespace
 
 bool SpinLockOps::handleInitError(int error) {
