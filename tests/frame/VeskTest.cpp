@@ -444,8 +444,10 @@ TEST_P(VeskPipeSignalChosen, staysAsItWas) {
         ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &after));
         EXPECT_EQ(before.sa_sigaction, after.sa_sigaction);
         EXPECT_EQ(before.sa_flags, after.sa_flags);
+        // Not what was chosen: the thread sanitizer widens the mask on its way to the system.
+        EXPECT_EQ(1, sigismember(&before.sa_mask, SIGUSR1));
         EXPECT_EQ(1, sigismember(&after.sa_mask, SIGUSR1));
-        EXPECT_EQ(0, sigismember(&after.sa_mask, SIGUSR2));
+        EXPECT_EQ(sigismember(&before.sa_mask, SIGUSR2), sigismember(&after.sa_mask, SIGUSR2));
     });
 }
 
