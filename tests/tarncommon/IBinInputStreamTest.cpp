@@ -47,6 +47,7 @@ public:
     bool isValid() const override { return isReadBufferSound(); }
 
     std::vector<unsigned int> asked; // The size of every `performRead`.
+    unsigned int read_ahead = 0;     // How many of them were for the stream's own buffer.
     int checks = 0;                  // Calls of the hook.
     bool inconsistent = false;       // What the hook says.
 
@@ -71,6 +72,7 @@ protected:
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override {
         EXPECT_EQ(0U, read);
         asked.push_back(size);
+        read_ahead += buffer != nullptr && buffer == m_buffer ? 1 : 0;
         if (m_steps.empty()) {
             if (size == 0) {
                 return false;
@@ -217,8 +219,10 @@ TEST(IBinInputStream, requestAsLargeAsTheBufferBypassesIt) {
     EXPECT_EQ((Got{1, "efghij"}), readFrom(source, 6));
     EXPECT_EQ(0U, source.getHeld());
     EXPECT_EQ((Sizes{4, 6}), source.asked);
+    EXPECT_EQ(0U, source.read_ahead);
     EXPECT_EQ((Got{1, "klm"}), readFrom(source, 3));
     EXPECT_EQ(1U, source.getHeld());
+    EXPECT_EQ(1U, source.read_ahead);
 }
 
 TEST(IBinInputStream, unbufferedOnePassesEveryRequestOn) {
