@@ -1,3 +1,4 @@
+#include "support/AllowLockMisuse.h"
 #include "support/Chain.h"
 #include "support/Inject.h"
 
