@@ -1,4 +1,3 @@
-#include "support/AllowLockMisuse.h"
 #include "support/Chain.h"
 #include "support/Inject.h"
 #include "support/Processes.h"
