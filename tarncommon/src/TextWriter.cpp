@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace tarnbase::detail {
@@ -122,7 +123,8 @@ size_t TextWriter::finish() noexcept {
 void writeAll(int fd, char const* text, size_t length) noexcept {
     int const saved_errno = errno;
     while (length > 0) {
-        ssize_t const done = write(fd, text, length);
+        // Not write(): that is a cancellation point, and a thread may be cancelled while it warns or reports.
+        long const done = syscall(SYS_write, fd, text, length);
         if (done < 0 && errno == EINTR) {
             continue;
         }

@@ -4,14 +4,22 @@
 
 namespace vesk {
 
-/// An absolute deadline in milliseconds of the monotonic clock, the clock of `Time::getTime`.
+/// An absolute deadline in milliseconds of the monotonic clock, the clock of `Time::getTime`. Setting the date does not
+/// move it.
+///
+///     long long now = 0;
+///     vesk::Time::getTime(now);
+///     vesk::AbsTimeT const deadline(now + 500);
+///
+/// A plain value of fixed size.
 struct AbsTimeT {
-    long long value = 0; ///< Milliseconds.
-    int16_t good = 0;    ///< Not 0 if the value is good.
+    long long value = 0; ///< Milliseconds since the boot of the system.
+    int16_t good = 0;    ///< Not 0 if the value is good. Operations that look at it fail if it is 0.
 
+    /// No deadline yet: its flag is 0.
     constexpr AbsTimeT() noexcept = default;
 
-    /// A good deadline.
+    /// A good deadline, in milliseconds as `value`.
     constexpr explicit AbsTimeT(long long ms) noexcept : value(ms), good(1) {}
 };
 

@@ -67,7 +67,7 @@ protected:
     /// Lets go of what the handle stands for, with `destroy()` if it was the last, and shares the count of `other`. The
     /// derived class copies its own fields afterwards, as a defaulted assignment does. Two handles of the same thing, or
     /// a handle and itself, stay as they are.
-    RefCounted& operator=(RefCounted const& other) {
+    RefCounted& operator=(RefCounted const& other) { // NOLINT(bugprone-unhandled-self-assignment)
         if (counter != other.counter) {
             Counter* const shared = other.counter;
             if (shared != nullptr) {

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <vesk/Export.h>
+
+#include <tarncommon/error/ErrorType.h>
+#include <tarncommon/tarnbase/TimePoint.h>
+
+namespace vesk {
+
+/// Reads the clocks, and sleeps. All times are milliseconds in 64 bits.
+///
+///     long long start = 0;
+///     vesk::Time::getTime(start);
+///     ...
+///     vesk::Time::sleep(20);
+///
+/// For lengths of time take `getTime` or a stopwatch, such as `RealtimeStopWatch`: the date may be set at any moment,
+/// and `getTimestamp` jumps with it.
+///
+/// All operations may be called from any thread, once the process has its `Vesk` object.
+class VESK_API Time {
+public:
+    Time() = delete;
+
+    /// Failures of clocks, sleeping and stopwatches. Derives from `SysError`.
+    ///
+    /// | id | meaning |
+    /// |---|---|
+    /// | 0 | there is no such clock |
+    /// | 1 | a sleep failed |
+    /// | 2 | a stopwatch could not read its clock |
+    /// | 3 | no time since the start of the library |
+    /// | 4 | no time since 1970 |
+    static std::ErrorType const Error;
+
+    /// Makes this moment the origin of `getUptime`. Called by the start-up of the library, in `Vesk`.
+    /// @return true on failure: `Error` 0
+    static bool init();
+
+    /// The monotonic clock, which counts from the boot of the system and never jumps (`clock_gettime`,
+    /// `CLOCK_MONOTONIC`). Does not block; callable in a signal handler.
+    /// @param ms  set to the time
+    /// @return false: it cannot fail
+    static bool getTime(long long& ms) noexcept {
+        ms = tarnbase::TimePoint::now().getCount();
+        return false;
+    }
+
+    /// The time since the first `Vesk` object of the process, on the clock of `getTime`; before there is one, the same
+    /// as `getTime`. Does not block.
+    /// @param ms  set to the time
+    /// @return true on failure: `Error` 3
+    static bool getUptime(long long& ms);
+
+    /// The time since the beginning of 1970, UTC (`clock_gettime`, `CLOCK_REALTIME`). Does not block.
+    /// @param ms  set to the time, rounded down; not touched on failure
+    /// @return true on failure: `SysError` 6 if the system has no such clock, else `Error` 4
+    static bool getTimestamp(long long& ms);
+
+    /// The origin of `getUptime` on the clock of `getTime`, in milliseconds; 0 until the library has started. It is
+    /// written by the start-up alone, so it is a plain value that any thread may read afterwards.
+    static long long const& getInitTime() noexcept;
+
+    /// Blocks the calling thread for a time (`clock_nanosleep` until a moment of `CLOCK_MONOTONIC`). Neither a signal
+    /// nor setting the date makes it shorter or longer.
+    /// @param ms  milliseconds, counted from the last full one: up to one less than that may pass. Below 1 it returns at
+    ///            once. A time that no deadline can hold is for ever.
+    /// @return true if the system refused to sleep at least once: `Error` 1. The sleep is tried again until it works, so
+    ///         the time has passed all the same; should it never work, the call does not return.
+    static bool sleep(long long ms);
+
+private:
+    static long long s_init_time;
+};
+
+} // namespace vesk

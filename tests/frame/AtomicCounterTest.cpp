@@ -1,0 +1,85 @@
+#include <vesk/AtomicCounter.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+namespace {
+
+using vesk::AtomicCounter;
+
+static_assert(sizeof(AtomicCounter) == 4);
+static_assert(!std::is_copy_constructible_v<AtomicCounter> && !std::is_copy_assignable_v<AtomicCounter>);
+
+/// What an initialiser finds that runs before that of the counter would: one that is there already.
+extern AtomicCounter g_counter;
+uint32_t const g_early = g_counter.increment();
+AtomicCounter g_counter;
+
+TEST(AtomicCounter, beginsAtZero) {
+    AtomicCounter const counter;
+    EXPECT_EQ(0u, counter.getCurrentCount());
+    EXPECT_EQ(0u, counter.peekCount());
+}
+
+TEST(AtomicCounter, incrementGivesTheNewCount) {
+    AtomicCounter counter;
+    EXPECT_EQ(1u, counter.increment());
+    EXPECT_EQ(2u, counter.increment());
+    EXPECT_EQ(2u, counter.getCurrentCount());
+    EXPECT_EQ(2u, counter.peekCount());
+}
+
+TEST(AtomicCounter, globalOneCountsBeforeItsOwnInitialiserWouldRun) {
+    EXPECT_EQ(1u, g_early);
+    EXPECT_EQ(1u, g_counter.getCurrentCount());
+}
+
+TEST(AtomicCounter, losesNoIncrementBetweenThreads) {
+    constexpr uint32_t THREADS = 4;
+    constexpr uint32_t ROUNDS = 20000;
+    AtomicCounter counter;
+    std::vector<std::thread> threads;
+    for (uint32_t i = 0; i < THREADS; ++i) {
+        threads.emplace_back([&counter] {
+            uint32_t last = 0;
+            for (uint32_t round = 0; round < ROUNDS; ++round) {
+                uint32_t const count = counter.increment();
+                EXPECT_GT(count, last);
+                EXPECT_GE(counter.getCurrentCount(), count);
+                last = count;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(THREADS * ROUNDS, counter.getCurrentCount());
+}
+
+class AtomicCounterOrder : public testing::TestWithParam<uint32_t (AtomicCounter::*)() const> {};
+
+TEST_P(AtomicCounterOrder, showsWhatWasWrittenBeforeTheIncrement) {
+    for (int round = 0; round < 200; ++round) {
+        AtomicCounter counter;
+        int written = 0; // Not atomic: only the counter orders it.
+        std::thread writer([&] {
+            written = 1;
+            counter.increment();
+        });
+        while ((counter.*GetParam())() == 0) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(1, written);
+        writer.join();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, AtomicCounterOrder, testing::Values(&AtomicCounter::getCurrentCount, &AtomicCounter::peekCount),
+    [](auto const& row) { return row.index == 0 ? "getCurrentCount" : "peekCount"; });
+
+} // namespace
