@@ -26,6 +26,17 @@ static_assert(FAILURES == 0x38);
 
 using InternalLock = AbortingLock<threadsafe::MutexImpl>;
 
+/// The system's text for an error number, without the number.
+class ErrorText {
+public:
+    explicit ErrorText(int error) noexcept : m_text(strerror_r(error, m_buffer, sizeof m_buffer)) {}
+    char const* get() const noexcept { return m_text; }
+
+private:
+    char m_buffer[256];
+    char const* m_text;
+};
+
 /// Makes room for `size` elements, and for more to come.
 template <typename T>
 void makeRoom(std::vector<T>& list, size_t size) {
@@ -66,11 +77,12 @@ Poller::SelfPipe::~SelfPipe() {
 
 Poller::Poller() : mutex(false), fds(1) {
     int ends[2] = {-1, -1};
+    // Without close-on-exec: what a new program inherits is decided by whoever starts it.
     if (pipe(ends) != 0) {
         int const error = errno;
         std::GlobalErrorHandler::doAbort(
             SOURCE, __LINE__, "Poller", "vesk::Poller::c'tor: cannot create self-pipe, errno=%d (%s)", error,
-            strerror(error));
+            ErrorText(error).get());
     }
     self_pipe.read_end = ends[0];
     self_pipe.write_end = ends[1];
@@ -123,7 +135,7 @@ bool Poller::poll() {
         int const error = errno;
         std::GlobalErrorHandler::doAbort(
             SOURCE, __LINE__, "poll", "vesk::Poller::poll: poll failed, errno=%d (%s)", error,
-            strerror(error));
+            ErrorText(error).get());
     }
     if ((fds[0].revents & FAILURES) != 0) {
         std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, "poll", "vesk::Poller::poll: self-pipe failed");
