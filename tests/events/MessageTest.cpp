@@ -1,4 +1,4 @@
-#include "VirtualSlot.h"
+#include "support/VtableSlot.h"
 
 #include <vesk/Message.h>
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-using support::slotOf;
+using support::getSlot;
 using vesk::Message;
 
 class CountingMessage : public Message {
@@ -125,13 +125,13 @@ TEST(MessageCallback, holdsTheFunctionAndItsDataBehindTheBase) {
 }
 
 TEST(MessageSlots, virtualOperationsFollowTheDestructorsInTheirOrder) {
-    EXPECT_EQ(2U, slotOf(&Message::get_handled_by));
-    EXPECT_EQ(3U, slotOf(&Message::invoke));
-    EXPECT_EQ(4U, slotOf(&Message::dismiss));
-    EXPECT_EQ(5U, slotOf(&Message::abort));
-    EXPECT_EQ(2U, slotOf(&Message::Source::pop_nonblock));
-    EXPECT_EQ(2U, slotOf(&Message::Sink::push));
-    EXPECT_EQ(2U, slotOf(&Message::Handler::handle));
+    EXPECT_EQ(2, getSlot(&Message::get_handled_by));
+    EXPECT_EQ(3, getSlot(&Message::invoke));
+    EXPECT_EQ(4, getSlot(&Message::dismiss));
+    EXPECT_EQ(5, getSlot(&Message::abort));
+    EXPECT_EQ(2, getSlot(&Message::Source::pop_nonblock));
+    EXPECT_EQ(2, getSlot(&Message::Sink::push));
+    EXPECT_EQ(2, getSlot(&Message::Handler::handle));
 }
 
 TEST(MessageSlots, interfacesArePureAndHaveVirtualDestructors) {

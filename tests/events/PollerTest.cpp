@@ -1,10 +1,10 @@
-#include "NoMemory.h"
-#include "VirtualSlot.h"
 #include "support/AllocationCounter.h"
 #include "support/Child.h"
 #include "support/Descriptors.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/NewFault.h"
+#include "support/VtableSlot.h"
 
 #include <vesk/Poller.h>
 
@@ -73,9 +73,10 @@ namespace {
 using support::AllocationCounter;
 using support::EventRecorder;
 using support::Fault;
-using support::NoMemory;
+using support::getSlot;
+using support::New;
+using support::NewFault;
 using support::runInChild;
-using support::slotOf;
 using vesk::Poller;
 
 /// What happened, in order. Belongs to the polling thread.
@@ -762,7 +763,7 @@ TEST_F(PollerTest, aSteadyStateDoesNotUseTheHeap) {
 TEST_F(PollerTest, anAdditionWithoutMemoryPassesTheExceptionAndFreesTheLock) {
     EventRecorder const recorder;
     {
-        NoMemory const no_memory;
+        NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
         EXPECT_THROW(m_poller.add(m_client, m_a.get()), std::bad_alloc);
     }
     EXPECT_EQ(0, countCommands());
@@ -778,7 +779,7 @@ TEST_F(PollerTest, aRemovalWithoutMemoryPassesTheExceptionAndFreesTheLock) {
     m_poller.add(m_client, m_a.get());
     drain();
     {
-        NoMemory const no_memory;
+        NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
         EXPECT_THROW(m_poller.remove(m_client), std::bad_alloc);
     }
     EXPECT_EQ(0, countCommands());
@@ -808,7 +809,7 @@ TEST_F(PollerTest, aCycleWithoutMemoryPassesTheExceptionAndLosesNothing) {
     for (int allowed = 0; !served && allowed < 20; ++allowed) {
         m_log.clear();
         try {
-            NoMemory const no_memory(allowed);
+            NewFault const no_memory(New::SINGLE, allowed + 1, NewFault::FOREVER);
             m_client.on_read = nullptr;
             served = !m_poller.poll();
         } catch (std::bad_alloc const&) {
@@ -1179,10 +1180,10 @@ TEST(PollerDefault, aLaterReferenceGetsAFreshOne) {
 // ---- The class ----
 
 TEST(PollerClass, virtualOperationsOfAClientFollowItsDestructors) {
-    EXPECT_EQ(2U, slotOf(&Poller::Client::poll_events));
-    EXPECT_EQ(3U, slotOf(&Poller::Client::read));
-    EXPECT_EQ(4U, slotOf(&Poller::Client::write));
-    EXPECT_EQ(5U, slotOf(&Poller::Client::error));
+    EXPECT_EQ(2, getSlot(&Poller::Client::poll_events));
+    EXPECT_EQ(3, getSlot(&Poller::Client::read));
+    EXPECT_EQ(4, getSlot(&Poller::Client::write));
+    EXPECT_EQ(5, getSlot(&Poller::Client::error));
     EXPECT_TRUE(std::is_abstract_v<Poller::Client>);
     EXPECT_TRUE(std::has_virtual_destructor_v<Poller::Client>);
     EXPECT_FALSE(std::is_polymorphic_v<Poller>);

@@ -1,8 +1,8 @@
-#include "VirtualSlot.h"
 #include "support/Chain.h"
 #include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/VtableSlot.h"
 
 #include <vesk/Dispatcher.h>
 #include <vesk/SysError.h>
@@ -349,8 +349,8 @@ TEST(VanillaNotifierLock, fatalMeansThatTheProcessEnds) {
 }
 
 TEST(VanillaNotifierClass, waitAndSignalFollowTheDestructors) {
-    EXPECT_EQ(2U, support::slotOf(&Notifier::wait));
-    EXPECT_EQ(3U, support::slotOf(&Notifier::signal));
+    EXPECT_EQ(2, support::getSlot(&Notifier::wait));
+    EXPECT_EQ(3, support::getSlot(&Notifier::signal));
     EXPECT_TRUE(std::is_abstract_v<Notifier>);
     EXPECT_TRUE((std::is_base_of_v<Notifier, VanillaNotifier>));
 }

@@ -1,7 +1,7 @@
-#include "NoMemory.h"
 #include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/NewFault.h"
 
 #include <vesk/Dispatcher.h>
 
@@ -165,7 +165,7 @@ TEST_F(VanillaQueueTest, withoutMemoryTheMessageStaysTheCallersAndTheQueueWorks)
     bool refused = false;
     while (!refused && pushed < 100000) {
         try {
-            support::NoMemory const no_memory;
+            support::NewFault const no_memory(support::New::SINGLE, 1, support::NewFault::FOREVER);
             m_queue.push(&message);
             ++pushed;
         } catch (std::bad_alloc const&) {

@@ -170,7 +170,7 @@ TEST(Buf, withoutMemoryIsInvalidAndReported) {
 }
 
 TEST(Buf, heapWithoutMemoryIsReportedToo) {
-    NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
+    NewFault const fault(New::NOTHROW_SINGLE, 1, NewFault::FOREVER);
     Buf const buf(10);
     EXPECT_FALSE(buf.isValid());
     EXPECT_TRUE(chainIs({{CommonError, 0}}));
