@@ -17,6 +17,7 @@
 #include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
@@ -84,7 +85,8 @@ TEST(RefCountedStart, firstHandleBuildsThePool) {
 TEST(RefCountedStart, initLockThatFailsAborts) {
     inFreshProcess([] {
         EventRecorder const recorder;
-        Fault const lock(inject_pthread_mutex_lock, EINVAL); // Nor can be unlocked what is not held.
+        Fault const lock(inject_pthread_mutex_lock, EINVAL);
+        Fault const unlock(inject_pthread_mutex_unlock, EINVAL, 2); // The first one is the recorder's.
         Handle const handle;
         EXPECT_EQ(
             "ABORT framework/include/vesk/RefCounted checkInit: error locking\n"

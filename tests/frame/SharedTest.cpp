@@ -17,6 +17,7 @@
 #include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
@@ -244,7 +245,8 @@ TEST(Shared, lockThatFailsAborts) {
         alignas(Ptr<Engine<11>>) unsigned char memory[sizeof(Ptr<Engine<11>>)];
         Ptr<Engine<11>>* reference = nullptr;
         {
-            Fault const lock(inject_pthread_mutex_lock, EINVAL); // Nor can be unlocked what is not held.
+            Fault const lock(inject_pthread_mutex_lock, EINVAL);
+            Fault const unlock(inject_pthread_mutex_unlock, EINVAL, 2); // The first one is the recorder's.
             reference = new (memory) Ptr<Engine<11>>(shared);
         }
         EXPECT_EQ(
@@ -253,6 +255,7 @@ TEST(Shared, lockThatFailsAborts) {
             recorder.getText());
         {
             Fault const lock(inject_pthread_mutex_lock, EINVAL);
+            Fault const unlock(inject_pthread_mutex_unlock, EINVAL, 2); // The first one is the recorder's.
             reference->~Ptr();
         }
         EXPECT_EQ(

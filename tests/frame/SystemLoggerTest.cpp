@@ -18,10 +18,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <iterator>
 #include <mutex>
-#include <regex>
 #include <sched.h>
 #include <set>
 #include <string>
@@ -407,11 +407,14 @@ private:
 testing::AssertionResult isMessage(std::string const& message, int priority, std::string const& text) {
     std::string const begin = "<" + std::to_string(priority) + ">";
     std::string const end = " lumo framework[" + std::to_string(getpid()) + "]: " + text;
-    static std::regex const date("[A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2}");
     if (message.size() > begin.size() + end.size() && message.compare(0, begin.size(), begin) == 0 &&
-        message.compare(message.size() - end.size(), end.size(), end) == 0 &&
-        std::regex_match(message.substr(begin.size(), message.size() - begin.size() - end.size()), date)) {
-        return testing::AssertionSuccess();
+        message.compare(message.size() - end.size(), end.size(), end) == 0) {
+        std::string const date = message.substr(begin.size(), message.size() - begin.size() - end.size());
+        tm fields{};
+        char const* const rest = strptime(date.c_str(), "%b %e %H:%M:%S", &fields);
+        if (rest != nullptr && *rest == '\0') {
+            return testing::AssertionSuccess();
+        }
     }
     return testing::AssertionFailure() << "got: " << message;
 }

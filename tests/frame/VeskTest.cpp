@@ -134,7 +134,7 @@ namespace {
 int g_unknown_number = -1;
 } // namespace
 extern "C" long __sysconf(int name);
-extern "C" [[gnu::no_sanitize("thread")]] long sysconf(int name) {
+extern "C" __attribute__((no_sanitize("thread"))) long sysconf(int name) {
     return name == g_unknown_number ? -1 : __sysconf(name);
 }
 

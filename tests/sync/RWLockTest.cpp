@@ -169,9 +169,6 @@ TEST(RWLock, timedLockIsHadWhenTheWriterLetsGo) {
     }
 }
 
-#if !defined(__SANITIZE_THREAD__)
-// The thread sanitizer takes what these two do for a bug of the program, which it is.
-
 TEST(RWLock, writerThatReadsIsADeadlock) {
     RWLock const lock;
     ASSERT_FALSE(lock.lockForWrite());
@@ -195,7 +192,6 @@ TEST(RWLock, writerThatWritesIsADeadlock) {
     EXPECT_TRUE(chainIs({{RWLock::Error, 1, "Deadlock has been detected: " + systemText(EDEADLK)}}));
     EXPECT_FALSE(lock.unlock());
 }
-#endif
 
 TEST(RWLock, tooManyReadersAreReported) {
     RWLock const lock;

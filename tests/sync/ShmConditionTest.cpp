@@ -224,8 +224,6 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"signal", &inject_pthread_cond_signal, signal, EINVAL, 10, 2, SIGNALING, 1},
         Row{"signal", &inject_pthread_cond_signal, signal, EPERM, 19, 2, SIGNALING, 1}));
 
-#if !defined(__SANITIZE_THREAD__)
-// The thread sanitizer takes this for a bug of the program, which it is.
 TEST(ShmCondition, waitWithoutTheMutexFailsIfTheMutexKnowsItsOwner) {
     ShmMutex mutex(true);
     ShmCondition condition;
@@ -236,7 +234,6 @@ TEST(ShmCondition, waitWithoutTheMutexFailsIfTheMutexKnowsItsOwner) {
     EXPECT_EQ(-1, condition.waitTimeout(mutex, inMs(60000)));
     EXPECT_TRUE(chainIs(expected));
 }
-#endif
 
 // ---- deadlines ----
 

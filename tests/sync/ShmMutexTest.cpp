@@ -216,8 +216,6 @@ TEST(ShmMutex, recursiveOneIsFreeAfterAsManyUnlocks) {
     }).join();
 }
 
-#if !defined(__SANITIZE_THREAD__)
-// The thread sanitizer takes this for a bug of the program, which it is.
 TEST(ShmMutex, recursiveOneChecksItsOwner) {
     ShmMutex const mutex(RECURSIVE);
     ASSERT_FALSE(mutex.lock());
@@ -227,7 +225,6 @@ TEST(ShmMutex, recursiveOneChecksItsOwner) {
     }).join();
     EXPECT_FALSE(mutex.unlock());
 }
-#endif
 
 /// Runs `body` in a thread with a real-time priority; false if the system does not allow that.
 template <typename Body>

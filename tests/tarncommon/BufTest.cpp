@@ -1,5 +1,5 @@
 #include "support/Chain.h"
-#include "support/NothrowFault.h"
+#include "support/NewFault.h"
 
 #include <tarncommon/Buf.h>
 #include <tarncommon/error/CommonError.h>
@@ -18,7 +18,8 @@ namespace {
 using std::Buf;
 using std::CommonError;
 using support::chainIs;
-using support::NothrowFault;
+using support::New;
+using support::NewFault;
 
 /// Knows what it gave, fills it with rubbish, and can be told to give nothing.
 class TestAllocator final : public Buf::Allocator {
@@ -169,7 +170,7 @@ TEST(Buf, withoutMemoryIsInvalidAndReported) {
 }
 
 TEST(Buf, heapWithoutMemoryIsReportedToo) {
-    NothrowFault const fault;
+    NewFault const fault(New::NOTHROW_SINGLE, 1, NewFault::FOREVER);
     Buf const buf(10);
     EXPECT_FALSE(buf.isValid());
     EXPECT_TRUE(chainIs({{CommonError, 0}}));

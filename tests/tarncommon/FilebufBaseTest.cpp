@@ -1,5 +1,5 @@
 #include "support/Chain.h"
-#include "support/NothrowFault.h"
+#include "support/NewFault.h"
 #include "support/VtableSlot.h"
 
 #include <tarncommon/error/CommonError.h>
@@ -25,7 +25,8 @@ using std::filebuf_base;
 using std::ios_base;
 using support::chainIs;
 using support::getSlot;
-using support::NothrowFault;
+using support::New;
+using support::NewFault;
 
 ios_base::openmode const BOTH = ios_base::in | ios_base::out;
 
@@ -244,7 +245,7 @@ TEST(FilebufBase, destroyBufferDropsWhatIsNotWritten) {
 TEST(FilebufBase, memoryOfTheCallerIsUsedAndLeftAlone) {
     char memory[4] = {'#', '#', '#', '#'};
     {
-        NothrowFault const fault;
+        NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
         MemoryBuffer buffer(BOTH, 3, "abcdef", memory);
         EXPECT_FALSE(buffer.creation_failed);
         EXPECT_EQ(memory, buffer.m_buffer);
@@ -260,7 +261,7 @@ TEST(FilebufBase, memoryOfTheCallerIsUsedAndLeftAlone) {
 }
 
 TEST(FilebufBase, withoutMemoryNothingCanBeReadOrWritten) {
-    NothrowFault const fault;
+    NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
     MemoryBuffer buffer(BOTH, 4, "abc");
     EXPECT_TRUE(buffer.creation_failed);
     EXPECT_TRUE(chainIs({{CommonError, 0, "Out of memory"}}));

@@ -1,6 +1,6 @@
 #include "support/AllocationCounter.h"
 #include "support/Chain.h"
-#include "support/NothrowFault.h"
+#include "support/NewFault.h"
 #include "support/VtableSlot.h"
 
 #include <tarncommon/error/CommonError.h>
@@ -29,7 +29,8 @@ using std::IBinStreamBase;
 using support::AllocationCounter;
 using support::chainIs;
 using support::getSlot;
-using support::NothrowFault;
+using support::New;
+using support::NewFault;
 
 enum class From { CURRENT, BEGIN, END };
 
@@ -223,7 +224,7 @@ TEST(IBinInOutStream, constructorHandsItsArgumentsToTheDirections) {
 }
 
 TEST(IBinInOutStream, withoutMemoryForABufferFailsInThatDirectionOnly) {
-    NothrowFault const fault;
+    NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
     unsigned int count = 0;
     char block[4] = {};
     MemoryFile input(4, 0);

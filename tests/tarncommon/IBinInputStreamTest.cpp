@@ -1,6 +1,6 @@
 #include "support/AllocationCounter.h"
 #include "support/Chain.h"
-#include "support/NothrowFault.h"
+#include "support/NewFault.h"
 #include "support/VtableSlot.h"
 
 #include <tarncommon/error/CommonError.h>
@@ -28,7 +28,8 @@ using support::AllocationCounter;
 using support::chainIs;
 using support::ExpectedReport;
 using support::getSlot;
-using support::NothrowFault;
+using support::New;
+using support::NewFault;
 
 constexpr int SUCCESS = -1;
 
@@ -359,7 +360,7 @@ TEST(IBinInputStream, bufferThatAClassEmptiesIsFilledAnew) {
 }
 
 TEST(IBinInputStream, withoutMemoryForItsBufferIsInvalid) {
-    NothrowFault const fault;
+    NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
     ScriptedSource source(16, {{"abc"}});
     EXPECT_TRUE(chainIs({{CommonError, 0, "Out of memory"}}));
     EXPECT_FALSE(source.isValid());
@@ -375,7 +376,7 @@ TEST(IBinInputStream, withoutMemoryForItsBufferIsInvalid) {
 }
 
 TEST(IBinInputStream, unbufferedOneNeedsNoMemory) {
-    NothrowFault const fault;
+    NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
     ScriptedSource source(0, {{"abc"}});
     EXPECT_TRUE(source.isValid());
     EXPECT_TRUE(chainIs({}));

@@ -1,6 +1,6 @@
 #include "support/AllocationCounter.h"
 #include "support/Chain.h"
-#include "support/NothrowFault.h"
+#include "support/NewFault.h"
 #include "support/VtableSlot.h"
 
 #include <tarncommon/error/CommonError.h>
@@ -24,7 +24,8 @@ using std::IBinStreamBase;
 using support::AllocationCounter;
 using support::chainIs;
 using support::getSlot;
-using support::NothrowFault;
+using support::New;
+using support::NewFault;
 
 /// What one `performWrite` of the test's sink does: it takes up to `most` bytes, and perhaps fails then.
 struct Step {
@@ -420,7 +421,7 @@ TEST(IBinOutputStream, destroyedOneDropsWhatItHoldsInsteadOfCallingASinkThatIsGo
 }
 
 TEST(IBinOutputStream, withoutMemoryForItsBufferIsInvalid) {
-    NothrowFault const fault;
+    NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
     ScriptedSink sink(16);
     EXPECT_TRUE(chainIs({{CommonError, 0, "Out of memory"}}));
     EXPECT_FALSE(sink.isValid());

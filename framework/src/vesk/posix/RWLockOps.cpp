@@ -39,7 +39,7 @@ constexpr ErrnoRow DESTROY_ERRORS[] = {
 
 /// For reading and for writing, which differ in the row of all other numbers.
 template <int OTHERS_ID>
-constexpr ErrnoRow LOCK_ERRORS[] = {
+constexpr ErrnoRow LOCK_ERRORS[4] = {
     {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
     {{EDEADLK}, {RWLock::Error, 1}},
     {{EAGAIN}, {RWLock::Error, 2}},
