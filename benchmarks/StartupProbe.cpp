@@ -28,9 +28,7 @@ long long now() {
 
 int fail() {
     char const* const reason = dlerror();
-    fputs(
-        (std::string("startup_probe: ") + (reason != nullptr ? reason : "failed") + "\n").c_str(),
-        stderr);
+    fputs((std::string("startup_probe: ") + (reason != nullptr ? reason : "failed") + "\n").c_str(), stderr);
     return 1;
 }
 
