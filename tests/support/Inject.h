@@ -70,10 +70,13 @@ private:
 
 } // namespace support
 
+/// A sanitizer's runtime may call a replaced function before it can watch the program.
+#define VESK_UNWATCHED __attribute__((no_sanitize_thread, no_sanitize_address))
+
 /// Replaces a function that returns its error number, as the `pthread_*` functions do.
 #define VESK_INJECT_RESULT(name, parameters, arguments)                                                      \
     support::Injected inject_##name(#name);                                                                  \
-    extern "C" int name parameters {                                                                         \
+    extern "C" VESK_UNWATCHED int name parameters {                                                          \
         int error = 0;                                                                                       \
         if (inject_##name.fails(error)) {                                                                    \
             return error;                                                                                    \
@@ -84,7 +87,7 @@ private:
 /// Replaces a function that returns `failure` and sets `errno`.
 #define VESK_INJECT_ERRNO(result, failure, name, parameters, arguments)                                      \
     support::Injected inject_##name(#name);                                                                  \
-    extern "C" result name parameters {                                                                      \
+    extern "C" VESK_UNWATCHED result name parameters {                                                       \
         int error = 0;                                                                                       \
         if (inject_##name.fails(error)) {                                                                    \
             errno = error;                                                                                   \

@@ -1,0 +1,106 @@
+#include "support/AllocationCounter.h"
+#include "support/Child.h"
+#include "support/Inject.h"
+
+#include <tarncommon/tarnbase/abort.h>
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+
+namespace {
+
+int s_allocations_before = 0;
+support::Fault const* s_locks = nullptr;
+
+} // namespace
+
+/// The last call before the end: what happened until here is visible nowhere else.
+extern "C" int pthread_sigmask(int how, sigset_t const* set, sigset_t* old) {
+    if (s_locks != nullptr && support::t_allocations != s_allocations_before) {
+        _exit(4);
+    }
+    if (s_locks != nullptr && s_locks->getCalls() != 0) {
+        _exit(5);
+    }
+    return sigprocmask(how, set, old);
+}
+
+namespace {
+
+using support::ChildEnd;
+using support::Fault;
+using support::runInChild;
+
+TEST(Abort, writesOneLineAndEndsTheProcessWithSigabrt) {
+    ChildEnd const end =
+        runInChild([] { tarnbase::abort("some/File", 12, "function", "error %d (%s)", 5, "text"); });
+    EXPECT_EQ(SIGABRT, end.signal);
+    EXPECT_EQ("some/File:12: function: fatal: error 5 (text)\n", end.errors);
+}
+
+TEST(Abort, knowsTheConversions) {
+    ChildEnd const end = runInChild([] {
+        tarnbase::abort(
+            "f", 1, "g", "%s|%c|%d|%i|%u|%x|%ld|%lu|%lld|%llu|%zu|%hd|%p|%%", "s", 'c', INT_MIN, -1,
+            4000000000u, 255u, LONG_MAX, 7ul, LLONG_MIN, ULLONG_MAX, static_cast<size_t>(9),
+            static_cast<short>(-5), reinterpret_cast<void*>(0xabc));
+    });
+    EXPECT_EQ(
+        "f:1: g: fatal: s|c|-2147483648|-1|4000000000|ff|" + std::to_string(LONG_MAX) +
+            "|7|-9223372036854775808|18446744073709551615|9|-5|0xabc|%\n",
+        end.errors);
+}
+
+TEST(Abort, cutsALongLine) {
+    ChildEnd const end = runInChild([] {
+        std::string const name(2000, 'x');
+        tarnbase::abort("f", 1, "g", "%s", name.c_str());
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+    EXPECT_EQ(1023u, end.errors.size());
+    EXPECT_EQ("...\n", end.errors.substr(end.errors.size() - 4));
+}
+
+TEST(Abort, worksInASignalHandlerWithoutTheHeapAndWithoutALock) {
+    if (!support::COUNTS_ALLOCATIONS) {
+        GTEST_SKIP() << "the sanitizers bring their own allocation functions";
+    }
+    ChildEnd const end = runInChild([] {
+        signal(SIGUSR1, [](int) {
+            Fault const locks(inject_pthread_mutex_lock, 0);
+            s_locks = &locks;
+            s_allocations_before = support::t_allocations;
+            tarnbase::abort("f", 1, "g", "%s", "in a handler");
+        });
+        raise(SIGUSR1);
+    });
+    EXPECT_EQ(SIGABRT, end.signal) << "exit code " << end.exit_code << ": 4 is an allocation, 5 a lock";
+    EXPECT_EQ("f:1: g: fatal: in a handler\n", end.errors);
+}
+
+TEST(Abort, runsNoHandlerOfSigabrt) {
+    ChildEnd const end = runInChild([] {
+        signal(SIGABRT, [](int) { _exit(3); });
+        tarnbase::abort("f", 1, "g", "text");
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+}
+
+TEST(Abort, endsTheProcessWithSigabrtBlocked) {
+    ChildEnd const end = runInChild([] {
+        sigset_t all;
+        sigfillset(&all);
+        sigprocmask(SIG_SETMASK, &all, nullptr);
+        tarnbase::abort("f", 1, "g", "text");
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+}
+
+} // namespace

@@ -1,0 +1,161 @@
+#include "support/AllocationCounter.h"
+#include "support/Child.h"
+#include "support/EventRecorder.h"
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Handler = std::GlobalErrorHandler;
+using support::ChildEnd;
+using support::EventRecorder;
+using support::runInChild;
+
+TEST(GlobalErrorHandler, assertionWritesOneLineAndReturns) {
+    ChildEnd const end = runInChild([] {
+        Handler::doAssert(false, "a == b", "some/File", 12, "function", "a is %d", 3);
+        Handler::doAssert(false, "a == b", "some/File", 13, "function", nullptr);
+        puts("went on");
+    });
+    EXPECT_EQ(0, end.exit_code);
+    EXPECT_EQ("went on\n", end.output);
+    EXPECT_EQ(
+        "some/File:12: function: assertion failed: a == b: a is 3\n"
+        "some/File:13: function: assertion failed: a == b\n",
+        end.errors);
+}
+
+TEST(GlobalErrorHandler, assertionThatHoldsDoesNothing) {
+    EventRecorder const recorder;
+    Handler::doAssert(true, "a == b", "some/File", 12, "function", "never %s", "seen");
+    EXPECT_EQ(0u, recorder.getCount());
+}
+
+TEST(GlobalErrorHandler, warningWritesOneLineAndReturns) {
+    ChildEnd const end = runInChild([] {
+        Handler::doWarning("some/File", 12, "~Class", "res = %d", 22);
+        puts("went on");
+    });
+    EXPECT_EQ("went on\n", end.output);
+    EXPECT_EQ("some/File:12: ~Class: warning: res = 22\n", end.errors);
+}
+
+TEST(GlobalErrorHandler, abortWritesOneLineAndEndsTheProcess) {
+    ChildEnd const end = runInChild([] {
+        Handler::doAbort("some/File", 12, "function", "error %s", "locking");
+        puts("went on");
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+    EXPECT_EQ("", end.output);
+    EXPECT_EQ("some/File:12: function: fatal: error locking\n", end.errors);
+}
+
+TEST(GlobalErrorHandler, outOfMemoryWaitsTenthOfASecondAndReturns) {
+    ChildEnd const end = runInChild([] {
+        auto const start = std::chrono::steady_clock::now();
+        Handler::doOutOfMem("some/File", 12, "function", "need %u bytes", 7u);
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ("some/File:12: function: out of memory: need 7 bytes\n", end.errors);
+}
+
+TEST(GlobalErrorHandler, hookSeesEveryEventAndMayKeepTheDefaultActionFromRunning) {
+    EventRecorder const recorder;
+    auto const start = std::chrono::steady_clock::now();
+    Handler::doAssert(false, "a == b", "some/File", 1, "one", "text");
+    Handler::doAbort("some/File", 2, "two", "text %d", 2);
+    Handler::doWarning("some/File", 3, "three", "text");
+    Handler::doOutOfMem("some/File", 4, "four", "text");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    EXPECT_EQ(
+        "ASSERT some/File one: a == b: text\n"
+        "ABORT some/File two: text 2\n"
+        "WARNING some/File three: text\n"
+        "OUT_OF_MEMORY some/File four: text",
+        recorder.getText());
+    EXPECT_EQ(2, recorder.getEvents()[1].line);
+}
+
+TEST(GlobalErrorHandler, hookMayLetTheDefaultActionRun) {
+    ChildEnd const end = runInChild([] {
+        static Handler::Hook const hook{
+            [](Handler::Event const& event, void*) {
+                printf("seen %s\n", event.message);
+                fflush(stdout);
+                return false;
+            },
+            nullptr};
+        Handler::setHook(&hook);
+        Handler::doAbort("some/File", 2, "two", "the end");
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+    EXPECT_EQ("seen the end\n", end.output);
+    EXPECT_EQ("some/File:2: two: fatal: the end\n", end.errors);
+}
+
+TEST(GlobalErrorHandler, setHookGivesBackTheOneBefore) {
+    Handler::Hook const first{[](Handler::Event const&, void*) { return true; }, nullptr};
+    Handler::Hook const second = first;
+    Handler::Hook const* const before = Handler::setHook(&first);
+    EXPECT_EQ(&first, Handler::setHook(&second));
+    EXPECT_EQ(&second, Handler::setHook(before));
+}
+
+TEST(GlobalErrorHandler, longLineIsCut) {
+    ChildEnd const end = runInChild([] {
+        std::string const name(2000, 'x');
+        Handler::doWarning("some/File", 1, name.c_str(), "text");
+    });
+    EXPECT_EQ(1023u, end.errors.size());
+    EXPECT_EQ("...\n", end.errors.substr(end.errors.size() - 4));
+}
+
+TEST(GlobalErrorHandler, takesEventsOfManyThreadsAtOnce) {
+    constexpr int THREADS = 4;
+    constexpr int ROUNDS = 500;
+    EventRecorder const recorder;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < THREADS; ++i) {
+        threads.emplace_back([i] {
+            for (int round = 0; round < ROUNDS; ++round) {
+                Handler::doWarning("some/File", round, "function", "thread %d", i);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    int counts[THREADS] = {};
+    for (auto const& event : recorder.getEvents()) {
+        ++counts[event.message.back() - '0'];
+    }
+    for (int const count : counts) {
+        EXPECT_EQ(ROUNDS, count);
+    }
+}
+
+TEST(GlobalErrorHandler, neverUsesTheHeap) {
+    if (!support::COUNTS_ALLOCATIONS) {
+        GTEST_SKIP() << "the sanitizers bring their own allocation functions";
+    }
+    Handler::Hook const hook{[](Handler::Event const&, void*) { return true; }, nullptr};
+    Handler::Hook const* const before = Handler::setHook(&hook);
+    support::AllocationCounter const counter;
+    Handler::doWarning("some/File", 1, "function", "%s %d", "text", 5);
+    Handler::doAssert(false, "a", "some/File", 1, "function", "%s %d", "text", 5);
+    int const count = counter.getCount();
+    Handler::setHook(before);
+    EXPECT_EQ(0, count);
+}
+
+} // namespace
