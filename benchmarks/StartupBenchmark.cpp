@@ -1,0 +1,77 @@
+// How long a fresh process waits for the library: loading libvesk.so and libtarncommon.so (their initialisers included)
+// and the first Vesk(true, false), beside the same system calls made by hand: most of that time libc takes to read the
+// locale of the environment. Each sample is a process of its own, so Google Benchmark is no help here.
+//
+//     bench_Startup [PROCESSES]
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace {
+
+constexpr int DEFAULT_PROCESSES = 500;
+// The first ones bring the files into the page cache.
+constexpr int WARM_UP_PROCESSES = 10;
+
+struct Sample {
+    long long load_ns;
+    long long start_ns;
+};
+
+constexpr char const* WITH_LIBRARY = "exec '" VESK_STARTUP_PROBE "' '" VESK_LIBRARY "'";
+constexpr char const* BARE = "exec '" VESK_STARTUP_PROBE "'";
+
+bool takeSample(char const* command, Sample& sample) {
+    FILE* const probe = popen(command, "r");
+    if (probe == nullptr) {
+        return false;
+    }
+    int const numbers = fscanf(probe, "%lld %lld", &sample.load_ns, &sample.start_ns);
+    return pclose(probe) == 0 && numbers == 2;
+}
+
+void printRow(char const* name, std::vector<long long>& times_ns) {
+    std::sort(times_ns.begin(), times_ns.end());
+    auto const at = [&](double share) {
+        auto const index = static_cast<size_t>(share * static_cast<double>(times_ns.size()));
+        return static_cast<double>(times_ns[std::min(index, times_ns.size() - 1)]) / 1000.0;
+    };
+    printf("%-44s %12.1f %12.1f\n", name, at(0.5), at(0.99));
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    int const processes = argc > 1 ? atoi(argv[1]) : DEFAULT_PROCESSES;
+    if (processes < 1) {
+        fputs("usage: bench_Startup [PROCESSES]\n", stderr);
+        return 2;
+    }
+    std::vector<long long> load;
+    std::vector<long long> start;
+    std::vector<long long> both;
+    std::vector<long long> bare;
+    for (int i = 0; i < WARM_UP_PROCESSES + processes; ++i) {
+        Sample sample{};
+        Sample bare_sample{};
+        if (!takeSample(WITH_LIBRARY, sample) || !takeSample(BARE, bare_sample)) {
+            fputs("bench_Startup: the probe failed\n", stderr);
+            return 1;
+        }
+        if (i >= WARM_UP_PROCESSES) {
+            load.push_back(sample.load_ns);
+            start.push_back(sample.start_ns);
+            both.push_back(sample.load_ns + sample.start_ns);
+            bare.push_back(bare_sample.start_ns);
+        }
+    }
+    printf("%-44s %12s %12s\n", "start-up of a fresh process, in us", "median", "99 %");
+    printRow("Load both libraries", load);
+    printRow("First Vesk(true, false)", start);
+    printRow("Load both libraries and first Vesk", both);
+    printRow("The system calls of the first Vesk, bare", bare);
+    printf("(%d processes each; no limit)\n", processes);
+    return 0;
+}

@@ -1,0 +1,94 @@
+// Loads the library as a program's first use of it would, starts it up, and prints how many nanoseconds each took. It is
+// linked against neither library, so nothing of them is there before. Without an argument it makes the system calls of
+// the start-up itself instead.
+//
+//     bench_StartupProbe [LIBVESK]
+
+#include <cerrno>
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <dlfcn.h>
+#include <pthread.h>
+#include <sched.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+long long now() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1000000000LL + time.tv_nsec;
+}
+
+int fail() {
+    char const* const reason = dlerror();
+    fputs(
+        (std::string("bench_StartupProbe: ") + (reason != nullptr ? reason : "failed") + "\n").c_str(),
+        stderr);
+    return 1;
+}
+
+bool startBare() {
+    setlocale(LC_ALL, "");
+    struct sigaction action {};
+    if (sigaction(SIGPIPE, nullptr, &action) != 0) {
+        return true;
+    }
+    if (action.sa_handler == SIG_DFL) {
+        action.sa_handler = SIG_IGN;
+        sigfillset(&action.sa_mask);
+        if (sigaction(SIGPIPE, &action, nullptr) != 0) {
+            return true;
+        }
+    }
+    tzset();
+    timespec time{};
+    if (clock_gettime(CLOCK_MONOTONIC, &time) != 0 || clock_gettime(CLOCK_REALTIME, &time) != 0) {
+        return true;
+    }
+    srand(static_cast<unsigned int>(time.tv_sec * 1000LL + time.tv_nsec / 1000000));
+    int policy = 0;
+    sched_param param{};
+    if (pthread_getschedparam(pthread_self(), &policy, &param) != 0) {
+        return true;
+    }
+    errno = 0;
+    return getpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid))) == -1 && errno != 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        long long const start = now();
+        if (startBare()) {
+            return fail();
+        }
+        printf("0 %lld\n", now() - start);
+        return 0;
+    }
+    long long const start = now();
+    void* const library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+    long long const loaded = now();
+    if (library == nullptr) {
+        return fail();
+    }
+    // The constructor of vesk::Vesk, by its name in the C++ ABI.
+    auto const construct =
+        reinterpret_cast<void (*)(void*, bool, bool)>(dlsym(library, "_ZN4vesk4VeskC1Ebb"));
+    if (construct == nullptr) {
+        return fail();
+    }
+    alignas(16) unsigned char object[64];
+    long long const found = now();
+    construct(object, true, false);
+    long long const started = now();
+    printf("%lld %lld\n", loaded - start, started - found);
+    return 0;
+}

@@ -1,0 +1,777 @@
+#include "support/Chain.h"
+#include "support/Child.h"
+#include "support/EventRecorder.h"
+#include "support/Inject.h"
+
+#include <vesk/CalendarTime.h>
+#include <vesk/Condition.h>
+#include <vesk/FileAccess.h>
+#include <vesk/Mutex.h>
+#include <vesk/SysError.h>
+#include <vesk/Thread.h>
+#include <vesk/Time.h>
+#include <vesk/Vesk.h>
+
+#include <tarncommon/error/ErrorOutput.h>
+#include <tarncommon/error/ErrorStorage.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <clocale>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <pthread.h>
+#include <sched.h>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
+#include <type_traits>
+#include <unistd.h>
+#include <vector>
+
+// ---- what the start-up asks of the system, in order ----
+
+namespace {
+
+bool g_recording = false;
+std::vector<std::string> g_calls;
+struct sigaction g_last_action {};
+// What the clocks show instead of the time, where the seconds are not 0.
+timespec g_wall_clock{};
+timespec g_monotonic_clock{};
+
+void record(std::string const& call) {
+    if (g_recording) {
+        g_calls.push_back(call);
+    }
+}
+
+template <typename Function>
+Function* getReal(support::Injected& injected, Function*) {
+    return reinterpret_cast<Function*>(injected.getReal());
+}
+
+} // namespace
+
+support::Injected inject_setlocale("setlocale");
+extern "C" char* setlocale(int category, char const* locale) {
+    if (locale != nullptr) {
+        record("setlocale(" + std::string(category == LC_ALL ? "LC_ALL" : "other") + ", \"" + locale + "\")");
+    }
+    return getReal(inject_setlocale, &setlocale)(category, locale);
+}
+
+support::Injected inject_sigaction("sigaction");
+extern "C" int sigaction(int signal, struct sigaction const* action, struct sigaction* old) {
+    if (g_recording) {
+        record(
+            "sigaction(" + std::string(signal == SIGPIPE ? "SIGPIPE" : "other") +
+            (action == nullptr ? ", query)" : ", set)"));
+        if (action != nullptr) {
+            g_last_action = *action;
+        }
+    }
+    int error = 0;
+    if (inject_sigaction.fails(error)) {
+        errno = error;
+        return -1;
+    }
+    return getReal(inject_sigaction, &sigaction)(signal, action, old);
+}
+
+support::Injected inject_tzset("tzset");
+extern "C" void tzset() {
+    record("tzset()");
+    getReal(inject_tzset, &tzset)();
+}
+
+support::Injected inject_clock_gettime("clock_gettime");
+extern "C" int clock_gettime(clockid_t clock, timespec* time) {
+    if (clock == CLOCK_MONOTONIC) {
+        record("clock_gettime(CLOCK_MONOTONIC)");
+        if (g_monotonic_clock.tv_sec != 0) {
+            *time = g_monotonic_clock;
+            return 0;
+        }
+    } else if (clock == CLOCK_REALTIME) {
+        record("clock_gettime(CLOCK_REALTIME)");
+        int error = 0;
+        if (inject_clock_gettime.fails(error)) {
+            errno = error;
+            return -1;
+        }
+        if (g_wall_clock.tv_sec != 0) {
+            *time = g_wall_clock;
+            return 0;
+        }
+    }
+    return getReal(inject_clock_gettime, &clock_gettime)(clock, time);
+}
+
+support::Injected inject_srand("srand");
+extern "C" void srand(unsigned int seed) {
+    record("srand()");
+    getReal(inject_srand, &srand)(seed);
+}
+
+support::Injected inject_pthread_getschedparam("pthread_getschedparam");
+extern "C" int pthread_getschedparam(pthread_t thread, int* policy, sched_param* param) {
+    record("pthread_getschedparam()");
+    int error = 0;
+    if (inject_pthread_getschedparam.fails(error)) {
+        return error;
+    }
+    return getReal(inject_pthread_getschedparam, &pthread_getschedparam)(thread, policy, param);
+}
+
+VESK_INJECT_ERRNO(long, -1, sysconf, (int name), (name))
+
+// ---- before every initialiser ----
+
+namespace {
+
+char g_first_dir[32] = "not called";
+constexpr char const* EARLY_DIR = "/set/before/any/initialiser/ran/and/still/there";
+
+// Runs before the initialisers of all libraries: what depends on the order of files cannot work here.
+void setDirBeforeInitialisers() {
+    strncpy(g_first_dir, vesk::Vesk::setDefaultConfigDir(EARLY_DIR).c_str(), sizeof g_first_dir - 1);
+}
+[[gnu::section(".preinit_array"),
+  gnu::used]] void (*const g_before_initialisers)() = setDirBeforeInitialisers;
+
+// ---- the tests ----
+
+using support::chainIs;
+using support::ChildEnd;
+using support::EventRecorder;
+using support::Fault;
+using support::rowText;
+using support::systemText;
+using vesk::Vesk;
+using namespace vesk::sched;
+
+using Calls = std::vector<std::string>;
+
+Calls const WHOLE_START_UP = {
+    "setlocale(LC_ALL, \"\")",
+    "sigaction(SIGPIPE, query)",
+    "sigaction(SIGPIPE, set)",
+    "tzset()",
+    "clock_gettime(CLOCK_MONOTONIC)",
+    "clock_gettime(CLOCK_REALTIME)",
+    "srand()",
+    "pthread_getschedparam()",
+};
+
+constexpr char const* START_UP_FAILED = "ABORT framework/src/vesk/common/vesk Vesk: Error initializing VESK";
+constexpr char const* SECOND_START_UP =
+    "ASSERT framework/src/vesk/common/vesk Vesk: !s_init_count.getCurrentCount()";
+
+/// Notes the calls while it lives.
+class Recording {
+public:
+    Recording() {
+        g_calls.clear();
+        g_recording = true;
+    }
+    ~Recording() { g_recording = false; }
+};
+
+/// What a new object makes of the library, and which calls that takes.
+Calls callsOf(bool lazy_process_init) {
+    Recording const recording;
+    Vesk const vesk(lazy_process_init, false);
+    return g_calls;
+}
+
+void choosePipeSignal(void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    ASSERT_EQ(0, sigaction(SIGPIPE, &action, nullptr));
+}
+
+/// The start-up is once per process, so every test has a process of its own, with `SIGPIPE` as a shell leaves it.
+template <typename Body>
+void inFreshProcess(Body body) {
+    ChildEnd const end = support::runInChild([&] {
+        choosePipeSignal(SIG_DFL);
+        body();
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+    EXPECT_EQ(0, end.signal) << end.output << end.errors;
+}
+
+long long getUptime() {
+    long long ms = -1;
+    EXPECT_FALSE(vesk::Time::getUptime(ms));
+    return ms;
+}
+
+void expectAttr(Attr const& attributes, Policy_E policy, int priority, int nice) {
+    EXPECT_EQ(policy, attributes.policy);
+    EXPECT_EQ(priority, attributes.param.priority);
+    EXPECT_EQ(nice, attributes.param.nice);
+    EXPECT_EQ(0, attributes.param.reserved_byte);
+    EXPECT_EQ(0u, attributes.param.reserved_word);
+    EXPECT_EQ(0u, attributes.param.reserved_last);
+}
+
+// ---- before the start-up ----
+
+TEST(VeskLoaded, nothingHasStarted) {
+    inFreshProcess([] {
+        EXPECT_FALSE(Vesk::s_initialized);
+        EXPECT_FALSE(Vesk::s_ever_initialized);
+        EXPECT_EQ(0u, Vesk::s_init_count.getCurrentCount());
+        expectAttr(Vesk::s_vesk_ctor_sched_attrs, VESK_SCHED_NOOP, 0, 0);
+        g_monotonic_clock = {1000, 0};
+        EXPECT_EQ(1000000, getUptime()) << "counted from 0";
+    });
+}
+
+TEST(VeskLoaded, knowsTheMachine) {
+    EXPECT_EQ(sysconf(_SC_PAGESIZE), static_cast<long>(Vesk::s_sys_info.page_size));
+    EXPECT_EQ(sysconf(_SC_NPROCESSORS_ONLN), static_cast<long>(Vesk::s_sys_info.processor_count));
+}
+
+TEST(VeskLoaded, locksAndConditionsAndFileConstantsWorkWithoutAStartUp) {
+    inFreshProcess([] {
+        vesk::Mutex mutex;
+        vesk::Condition condition;
+        bool ready = false;
+        std::thread waiter([&] {
+            vesk::MutexLock const lock(mutex);
+            while (!ready) {
+                EXPECT_FALSE(condition.wait(mutex));
+            }
+        });
+        {
+            vesk::MutexLock const lock(mutex);
+            ready = true;
+        }
+        EXPECT_FALSE(condition.signal());
+        waiter.join();
+        EXPECT_TRUE(mutex.unlock()) << "and so do the error families";
+        EXPECT_TRUE(chainIs({{vesk::Mutex::Error, 3}}));
+        EXPECT_EQ(0700u, static_cast<mode_t>(vesk::FileAccess::owner_all));
+        EXPECT_EQ(0u, Vesk::s_init_count.getCurrentCount());
+    });
+}
+
+static_assert(sizeof(Vesk::SystemInfo) == 8 && offsetof(Vesk::SystemInfo, page_size) == 0);
+static_assert(offsetof(Vesk::SystemInfo, processor_count) == 4);
+
+TEST(VeskSystemInfo, numberThatCannotBeHadIsZero) {
+    {
+        Fault const fault(inject_sysconf, EINVAL, 1);
+        Vesk::SystemInfo const info;
+        EXPECT_EQ(0u, info.page_size);
+        EXPECT_EQ(Vesk::s_sys_info.processor_count, info.processor_count);
+    }
+    Fault const fault(inject_sysconf, EINVAL, 2);
+    Vesk::SystemInfo const info;
+    EXPECT_EQ(Vesk::s_sys_info.page_size, info.page_size);
+    EXPECT_EQ(0u, info.processor_count);
+}
+
+// ---- the start-up ----
+
+static_assert(!std::is_polymorphic_v<Vesk> && sizeof(Vesk) == 1);
+static_assert(std::is_trivially_destructible_v<Vesk>);
+
+TEST(VeskStartUp, takesItsStepsInOrder) {
+    inFreshProcess([] {
+        EXPECT_EQ(WHOLE_START_UP, callsOf(true));
+        EXPECT_TRUE(Vesk::s_initialized);
+        EXPECT_TRUE(Vesk::s_ever_initialized);
+        EXPECT_EQ(1u, Vesk::s_init_count.getCurrentCount());
+        EXPECT_TRUE(chainIs({}));
+    });
+}
+
+TEST(VeskStartUp, takesTheSameStepsWhenProcessesAreSetUpAtOnce) {
+    inFreshProcess([] {
+        EXPECT_EQ(WHOLE_START_UP, callsOf(false));
+        EXPECT_TRUE(chainIs({}));
+    });
+}
+
+TEST(VeskStartUp, takesTheLocaleOfTheEnvironment) {
+    inFreshProcess([] {
+        ASSERT_EQ(0, setenv("LC_ALL", "C.UTF-8", 1));
+        ASSERT_STREQ("C", setlocale(LC_ALL, nullptr));
+        Vesk const vesk(true, false);
+        EXPECT_STREQ("C.UTF-8", setlocale(LC_ALL, nullptr));
+    });
+}
+
+TEST(VeskStartUp, unknownLocaleInTheEnvironmentIsNoFailure) {
+    inFreshProcess([] {
+        ASSERT_EQ(0, setenv("LC_ALL", "nowhere_NOWHERE", 1));
+        EventRecorder const recorder;
+        Vesk const vesk(true, false);
+        EXPECT_STREQ("C", setlocale(LC_ALL, nullptr));
+        EXPECT_EQ("", recorder.getText());
+    });
+}
+
+TEST(VeskStartUp, takesTheTimeZoneOfTheEnvironment) {
+    inFreshProcess([] {
+        ASSERT_EQ(0, setenv("TZ", "XYZ-5", 1));
+        Vesk const vesk(true, false);
+        EXPECT_STREQ("XYZ", tzname[0]);
+        EXPECT_EQ(-5 * 3600, timezone);
+    });
+}
+
+TEST(VeskStartUp, isTheOriginOfTheUptime) {
+    inFreshProcess([] {
+        g_monotonic_clock = {1000, 0};
+        Vesk const vesk(true, false);
+        EXPECT_EQ(0, getUptime());
+        g_monotonic_clock = {1005, 250000000};
+        EXPECT_EQ(5250, getUptime());
+    });
+}
+
+TEST(VeskStartUp, seedsRandWithTheLowBitsOfTheTime) {
+    inFreshProcess([] {
+        g_wall_clock = {1700000000, 123999999};
+        Vesk const vesk(true, false);
+        std::vector<int> drawn(8);
+        for (int& number : drawn) {
+            number = rand();
+        }
+        srand(static_cast<unsigned int>(1700000000123 & 0xFFFFFFFF));
+        for (int const number : drawn) {
+            EXPECT_EQ(rand(), number);
+        }
+    });
+}
+
+TEST(VeskStartUp, leavesAnErrorAloneThatWasPendingBefore) {
+    inFreshProcess([] {
+        std::ErrorOutput("older", 1, true)(vesk::SysError, 18);
+        Vesk const vesk(true, false);
+        EXPECT_TRUE(chainIs({{vesk::SysError, 18}}));
+    });
+}
+
+TEST(VeskStartUp, keepsItsFirstArgument) {
+    inFreshProcess([] {
+        Vesk const lazy(true, false);
+        Vesk const eager(false, true);
+        EXPECT_TRUE(lazy.isProcessInitLazy());
+        EXPECT_FALSE(eager.isProcessInitLazy());
+    });
+}
+
+// ---- SIGPIPE ----
+
+void handlePipe(int) {}
+void handlePipeInfo(int, siginfo_t*, void*) {}
+
+bool isFull(sigset_t const& set) {
+    sigset_t full;
+    sigfillset(&full);
+    for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+        if (sigismember(&full, signal) != sigismember(&set, signal)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST(VeskPipeSignal, isIgnoredWithAFullMaskAndNoFlags) {
+    inFreshProcess([] {
+        {
+            Recording const recording;
+            Vesk const vesk(true, false);
+        }
+        EXPECT_EQ(SIG_IGN, g_last_action.sa_handler);
+        EXPECT_EQ(0, g_last_action.sa_flags);
+        EXPECT_TRUE(isFull(g_last_action.sa_mask));
+        struct sigaction action {};
+        ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &action));
+        EXPECT_EQ(SIG_IGN, action.sa_handler);
+    });
+}
+
+TEST(VeskPipeSignal, writingToAClosedPipeIsAnErrorNumber) {
+    inFreshProcess([] {
+        Vesk const vesk(true, false);
+        int ends[2];
+        ASSERT_EQ(0, pipe(ends));
+        close(ends[0]);
+        EXPECT_EQ(-1, write(ends[1], "x", 1));
+        EXPECT_EQ(EPIPE, errno);
+        close(ends[1]);
+    });
+}
+
+struct Disposition {
+    char const* name;
+    void (*choose)(struct sigaction& action);
+};
+
+void PrintTo(Disposition const& disposition, std::ostream* out) {
+    *out << disposition.name;
+}
+
+class VeskPipeSignalChosen : public testing::TestWithParam<Disposition> {};
+
+TEST_P(VeskPipeSignalChosen, staysAsItWas) {
+    inFreshProcess([] {
+        struct sigaction chosen {};
+        GetParam().choose(chosen);
+        sigaddset(&chosen.sa_mask, SIGUSR1);
+        chosen.sa_flags |= SA_NODEFER;
+        ASSERT_EQ(0, sigaction(SIGPIPE, &chosen, nullptr));
+        struct sigaction before {};
+        ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &before));
+
+        Calls expected = WHOLE_START_UP;
+        expected.erase(expected.begin() + 2);
+        EXPECT_EQ(expected, callsOf(true)) << "all but setting it";
+
+        struct sigaction after {};
+        ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &after));
+        EXPECT_EQ(before.sa_sigaction, after.sa_sigaction);
+        EXPECT_EQ(before.sa_flags, after.sa_flags);
+        EXPECT_EQ(1, sigismember(&after.sa_mask, SIGUSR1));
+        EXPECT_EQ(0, sigismember(&after.sa_mask, SIGUSR2));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, VeskPipeSignalChosen,
+    testing::Values(
+        Disposition{"ignored", [](struct sigaction& action) { action.sa_handler = SIG_IGN; }},
+        Disposition{"handled", [](struct sigaction& action) { action.sa_handler = handlePipe; }},
+        Disposition{"handled with information", [](struct sigaction& action) {
+                        action.sa_sigaction = handlePipeInfo;
+                        action.sa_flags = SA_SIGINFO;
+                    }}));
+
+// ---- a start-up that fails ----
+
+TEST(VeskFailure, pipeSignalThatCannotBeReadEndsTheStartUp) {
+    inFreshProcess([] {
+        EventRecorder const recorder;
+        Fault const fault(inject_sigaction, EINVAL, 1);
+        Calls const calls = callsOf(true);
+        EXPECT_EQ(
+            (Calls{"setlocale(LC_ALL, \"\")", "sigaction(SIGPIPE, query)", "pthread_getschedparam()"}), calls)
+            << "no further step; a hook that survives the abort lets the constructor go on behind them";
+        EXPECT_EQ(START_UP_FAILED, recorder.getText());
+        EXPECT_TRUE(chainIs({})) << "it makes no report";
+    });
+}
+
+TEST(VeskFailure, pipeSignalThatCannotBeSetEndsTheStartUp) {
+    inFreshProcess([] {
+        EventRecorder const recorder;
+        Fault const fault(inject_sigaction, EPERM, 2);
+        Calls const calls = callsOf(true);
+        EXPECT_EQ(
+            (Calls{
+                "setlocale(LC_ALL, \"\")", "sigaction(SIGPIPE, query)", "sigaction(SIGPIPE, set)",
+                "pthread_getschedparam()"}),
+            calls);
+        EXPECT_EQ(START_UP_FAILED, recorder.getText());
+        EXPECT_TRUE(chainIs({}));
+    });
+}
+
+struct ClockRow {
+    int error;
+    std::ErrorType const* family;
+    int id;
+};
+
+class VeskFailureClockRows : public testing::TestWithParam<ClockRow> {};
+
+TEST_P(VeskFailureClockRows, endTheStartUpWithTheReportPending) {
+    inFreshProcess([] {
+        ClockRow const& row = GetParam();
+        EventRecorder const recorder;
+        Calls calls;
+        {
+            Fault const fault(inject_clock_gettime, row.error);
+            calls = callsOf(true);
+        }
+        Calls expected = WHOLE_START_UP;
+        expected.erase(expected.end() - 2); // Not srand.
+        EXPECT_EQ(expected, calls);
+        EXPECT_EQ(START_UP_FAILED, recorder.getText());
+        EXPECT_TRUE(chainIs({{*row.family, row.id, rowText(*row.family, row.id, systemText(row.error))}}));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, VeskFailureClockRows,
+    testing::Values(ClockRow{EINVAL, &vesk::SysError, 6}, ClockRow{EPERM, &vesk::Time::Error, 4}),
+    [](auto const& row) { return "errno" + std::to_string(row.param.error); });
+
+TEST(VeskFailure, endsTheProcess) {
+    ChildEnd const end = support::runInChild([] {
+        choosePipeSignal(SIG_DFL);
+        rlimit const no_core{0, 0};
+        setrlimit(RLIMIT_CORE, &no_core);
+        Fault const fault(inject_sigaction, EINVAL, 1);
+        Vesk const vesk(true, false);
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+    EXPECT_NE(std::string::npos, end.errors.find("framework/src/vesk/common/vesk")) << end.errors;
+    EXPECT_NE(std::string::npos, end.errors.find("Error initializing VESK")) << end.errors;
+}
+
+TEST(VeskFailure, stepsTellTheirFailure) {
+    inFreshProcess([] {
+        Vesk vesk(true, false);
+        EXPECT_FALSE(vesk.preInit());
+        EXPECT_FALSE(vesk.postInit());
+        {
+            Fault const fault(inject_sigaction, EINVAL);
+            EXPECT_TRUE(vesk.preInit());
+        }
+        choosePipeSignal(SIG_DFL);
+        {
+            Fault const fault(inject_sigaction, EINVAL, 2);
+            EXPECT_TRUE(vesk.preInit());
+        }
+        EXPECT_TRUE(chainIs({}));
+        Fault const fault(inject_clock_gettime, EINVAL);
+        EXPECT_TRUE(vesk.postInit());
+        EXPECT_TRUE(chainIs({{vesk::SysError, 6}}));
+    });
+}
+
+// ---- further objects ----
+
+TEST(VeskSecond, changesNothingButTheCount) {
+    inFreshProcess([] {
+        g_monotonic_clock = {1000, 0};
+        Vesk const first(true, false);
+        g_monotonic_clock = {1005, 0};
+        int const kept_nice = Vesk::s_vesk_ctor_sched_attrs.param.nice;
+        ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
+        choosePipeSignal(SIG_DFL);
+        EventRecorder const recorder;
+        EXPECT_EQ(Calls{}, callsOf(true));
+        EXPECT_EQ(2u, Vesk::s_init_count.getCurrentCount());
+        EXPECT_EQ(Calls{}, callsOf(false)) << "whatever its arguments are";
+        EXPECT_EQ(3u, Vesk::s_init_count.getCurrentCount());
+        EXPECT_EQ(5000, getUptime());
+        EXPECT_TRUE(Vesk::s_initialized);
+        struct sigaction action {};
+        ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &action));
+        EXPECT_EQ(SIG_DFL, action.sa_handler);
+        EXPECT_EQ(kept_nice, Vesk::s_vesk_ctor_sched_attrs.param.nice);
+        EXPECT_EQ("", recorder.getText());
+    });
+}
+
+TEST(VeskSecond, destroyingOneUndoesNothing) {
+    inFreshProcess([] {
+        { Vesk const vesk(true, false); }
+        EXPECT_TRUE(Vesk::s_initialized);
+        EXPECT_EQ(1u, Vesk::s_init_count.getCurrentCount());
+        EXPECT_EQ(Calls{}, callsOf(true));
+        EXPECT_EQ(2u, Vesk::s_init_count.getCurrentCount());
+    });
+}
+
+TEST(VeskSecond, threadsThatMakeFurtherOnesLoseNoCount) {
+    inFreshProcess([] {
+        constexpr unsigned int THREADS = 4;
+        constexpr unsigned int ROUNDS = 5000;
+        Vesk const vesk(true, false);
+        std::vector<std::thread> threads;
+        for (unsigned int i = 0; i < THREADS; ++i) {
+            threads.emplace_back([] {
+                for (unsigned int round = 0; round < ROUNDS; ++round) {
+                    Vesk const further(false, false);
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(1 + THREADS * ROUNDS, Vesk::s_init_count.getCurrentCount());
+    });
+}
+
+// ---- cleanupAll ----
+
+TEST(VeskCleanup, leavesTheCountAndTheMarkOfTheFirstStartUp) {
+    inFreshProcess([] {
+        Vesk const vesk(true, false);
+        Vesk::cleanupAll();
+        EXPECT_FALSE(Vesk::s_initialized);
+        EXPECT_TRUE(Vesk::s_ever_initialized);
+        EXPECT_EQ(1u, Vesk::s_init_count.getCurrentCount());
+    });
+}
+
+TEST(VeskCleanup, startUpAfterItTripsAnAssertionAndRunsAllTheSame) {
+    inFreshProcess([] {
+        Vesk const vesk(true, false);
+        Vesk::cleanupAll();
+        g_monotonic_clock = {1000, 0};
+        choosePipeSignal(SIG_DFL);
+        EventRecorder const recorder;
+        EXPECT_EQ(WHOLE_START_UP, callsOf(true));
+        EXPECT_EQ(SECOND_START_UP, recorder.getText());
+        EXPECT_EQ(0, getUptime()) << "the uptime begins again";
+        EXPECT_TRUE(Vesk::s_initialized);
+        EXPECT_EQ(2u, Vesk::s_init_count.getCurrentCount());
+        EXPECT_EQ(Calls{}, callsOf(true)) << "now it runs again";
+        EXPECT_EQ(1u, recorder.getCount());
+        EXPECT_EQ(3u, Vesk::s_init_count.getCurrentCount());
+    });
+}
+
+TEST(VeskCleanup, assertionDoesNotEndTheProcess) {
+    ChildEnd const end = support::runInChild([] {
+        Vesk const vesk(true, false);
+        Vesk::cleanupAll();
+        Vesk const again(true, false);
+        EXPECT_TRUE(Vesk::s_initialized);
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_NE(std::string::npos, end.errors.find("!s_init_count.getCurrentCount()")) << end.errors;
+}
+
+TEST(VeskCleanup, beforeAnyStartUpDoesNothing) {
+    inFreshProcess([] {
+        Vesk::cleanupAll();
+        EventRecorder const recorder;
+        EXPECT_EQ(WHOLE_START_UP, callsOf(true));
+        EXPECT_EQ("", recorder.getText());
+    });
+}
+
+// ---- the main thread's scheduling ----
+
+TEST(VeskSchedAttrs, areThoseOfTheThreadThatRanTheStartUp) {
+    inFreshProcess([] {
+        ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
+        Vesk const vesk(true, false);
+        expectAttr(Vesk::s_vesk_ctor_sched_attrs, VESK_SCHED_POLICY_NORMAL, 0, 19);
+    });
+}
+
+TEST(VeskSchedAttrs, areKeptForARealTimeThread) {
+    ChildEnd const end = support::runInChild([] {
+        sched_param param{};
+        param.sched_priority = 3;
+        if (int const refused = pthread_setschedparam(pthread_self(), SCHED_RR, &param)) {
+            fprintf(stderr, "REFUSED %s", systemText(refused).c_str());
+            return;
+        }
+        Vesk const vesk(true, false);
+        expectAttr(Vesk::s_vesk_ctor_sched_attrs, VESK_SCHED_POLICY_RR, 3, 0);
+    });
+    if (end.errors.find("REFUSED") == 0) {
+        GTEST_SKIP() << "no real-time scheduling here: " << end.errors;
+    }
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+}
+
+TEST(VeskSchedAttrs, thatCannotBeReadAreAcknowledgedAndChangeNothing) {
+    inFreshProcess([] {
+        ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
+        Vesk const first(true, false);
+        Vesk::cleanupAll();
+        EventRecorder const recorder;
+        Fault const fault(inject_pthread_getschedparam, EPERM);
+        Vesk const second(true, false);
+        expectAttr(Vesk::s_vesk_ctor_sched_attrs, VESK_SCHED_NOOP, 0, 0);
+        EXPECT_FALSE(std::ErrorStorage::isError(false));
+        EXPECT_EQ(SECOND_START_UP, recorder.getText()) << "and no abort";
+        EXPECT_TRUE(Vesk::s_initialized);
+    });
+}
+
+// ---- the configuration directory ----
+
+TEST(VeskConfigDir, isEmptyTheFirstTime) {
+    EXPECT_STREQ("", g_first_dir);
+}
+
+TEST(VeskConfigDir, staysWhatAnInitialiserMadeIt) {
+    inFreshProcess([] { EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir()); });
+}
+
+TEST(VeskConfigDir, settingItGivesBackTheOneBefore) {
+    inFreshProcess([] {
+        Vesk::setDefaultConfigDir("/etc/one");
+        EXPECT_EQ("/etc/one", vesk::getDefaultConfigDir());
+        EXPECT_EQ("/etc/one", Vesk::setDefaultConfigDir("/etc/two"));
+        EXPECT_EQ("/etc/two", Vesk::setDefaultConfigDir(""));
+        EXPECT_EQ("", Vesk::setDefaultConfigDir("/etc/three"));
+        EXPECT_EQ("/etc/three", vesk::getDefaultConfigDir());
+    });
+}
+
+TEST(VeskConfigDir, resultIsACopyAndTheOtherAReferenceToWhatIsStored) {
+    inFreshProcess([] {
+        std::string const& stored = vesk::getDefaultConfigDir();
+        Vesk::setDefaultConfigDir("/etc/one");
+        std::string const old = Vesk::setDefaultConfigDir("/etc/two");
+        EXPECT_EQ("/etc/one", old);
+        EXPECT_EQ("/etc/two", stored);
+        EXPECT_EQ(&stored, &vesk::getDefaultConfigDir());
+    });
+    static_assert(std::is_same_v<std::string, decltype(Vesk::setDefaultConfigDir(""))>);
+    static_assert(std::is_same_v<std::string const&, decltype(vesk::getDefaultConfigDir())>);
+}
+
+TEST(VeskConfigDir, settingItToItselfKeepsIt) {
+    inFreshProcess([] {
+        EXPECT_EQ(EARLY_DIR, Vesk::setDefaultConfigDir(vesk::getDefaultConfigDir()));
+        EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
+    });
+}
+
+// ---- the rest ----
+
+TEST(VeskArguments, areLeftAlone) {
+    char name[] = "program";
+    char* list[] = {name, nullptr};
+    int argc = 1;
+    char** argv = list;
+    vesk::getMainFwArgs(&argc, &argv);
+    EXPECT_EQ(1, argc);
+    EXPECT_EQ(list, argv);
+    EXPECT_STREQ("program", list[0]);
+    vesk::getMainFwArgs(nullptr, nullptr);
+}
+
+TEST(VeskError, hasItsRowAndNoParent) {
+    std::ErrorID const* const row = Vesk::Error.getRow(0);
+    ASSERT_NE(nullptr, row);
+    EXPECT_EQ(0, row->id);
+    EXPECT_STREQ("Unable to initialize VESK: \"%s\" failed", row->format);
+    EXPECT_EQ(1, row->nargs);
+    EXPECT_EQ(nullptr, Vesk::Error.getRow(1));
+    EXPECT_FALSE(Vesk::Error.isA(vesk::SysError));
+}
+
+TEST(VeskError, namesTheSetUpThatFailed) {
+    std::ErrorOutput("source", 1, true)(Vesk::Error, 0, "process impl. object is invalid");
+    EXPECT_TRUE(
+        chainIs({{Vesk::Error, 0, "Unable to initialize VESK: \"process impl. object is invalid\" failed"}}));
+    std::ErrorOutput("source", 1, true)(Vesk::Error, 0, "process static impl. object is invalid");
+    EXPECT_TRUE(chainIs(
+        {{Vesk::Error, 0, "Unable to initialize VESK: \"process static impl. object is invalid\" failed"}}));
+}
+
+} // namespace
