@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace tarnbase::detail {
@@ -121,6 +122,10 @@ size_t TextWriter::finish() noexcept {
 
 void writeAll(int fd, char const* text, size_t length) noexcept {
     int const saved_errno = errno;
+    // Reports, warnings and what destructors tell come here: a thread that is being cancelled must not be unwound from
+    // within them.
+    int cancellation = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
     while (length > 0) {
         ssize_t const done = write(fd, text, length);
         if (done < 0 && errno == EINTR) {
@@ -132,6 +137,7 @@ void writeAll(int fd, char const* text, size_t length) noexcept {
         text += done;
         length -= static_cast<size_t>(done);
     }
+    pthread_setcancelstate(cancellation, nullptr);
     errno = saved_errno;
 }
 
