@@ -174,8 +174,6 @@ bool applySchedAttrs(pthread_attr_t& attributes, sched::Attr& kept) {
     }
     if (error == 0) {
         error = pthread_attr_setschedpolicy(&attributes, policy);
-    }
-    if (error == 0) {
         sched_param param{};
         switch (policy) {
         case SCHED_RR:
@@ -187,9 +185,12 @@ bool applySchedAttrs(pthread_attr_t& attributes, sched::Attr& kept) {
             kept.policy = sched::VESK_SCHED_POLICY_NORMAL;
             break;
         default:
+            // A policy that the calling thread has and this library does not know, whatever the system said to it.
             return setInheritance(attributes, PTHREAD_INHERIT_SCHED);
         }
-        error = pthread_attr_setschedparam(&attributes, &param);
+        if (error == 0) {
+            error = pthread_attr_setschedparam(&attributes, &param);
+        }
     }
     if (error == 0) {
         return false;
