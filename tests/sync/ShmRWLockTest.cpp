@@ -217,7 +217,7 @@ TEST(ShmRWLock, lockThatCannotBeDestroyedIsAWarningAndNothingStaysPending) {
     Fault const fault(inject_pthread_rwlock_destroy, EINVAL);
     { ShmRWLock const lock; }
     EXPECT_EQ(
-        "WARNING framework/include/vesk/ShmRWLock ~ShmRWLock: Error destroying RWLock!", recorder.getText());
+        "WARNING framework/include/vesk/posix/RWLock ~RWLock: Error destroying RWLock!", recorder.getText());
     EXPECT_TRUE(chainIs({}));
 }
 
