@@ -2,7 +2,7 @@
 // linked against neither library, so nothing of them is there before. Without an argument it makes the system calls of
 // the start-up itself instead.
 //
-//     bench_StartupProbe [LIBVESK]
+//     startup_probe [LIBVESK]
 
 #include <cerrno>
 #include <clocale>
@@ -28,9 +28,7 @@ long long now() {
 
 int fail() {
     char const* const reason = dlerror();
-    fputs(
-        (std::string("bench_StartupProbe: ") + (reason != nullptr ? reason : "failed") + "\n").c_str(),
-        stderr);
+    fputs((std::string("startup_probe: ") + (reason != nullptr ? reason : "failed") + "\n").c_str(), stderr);
     return 1;
 }
 

@@ -1,0 +1,30 @@
+# Every public header, compiled alone in each language standard that a caller may use, without the compiler's
+# extensions. Part of the ordinary build: a header that leans on what another one includes breaks it.
+set(VESK_HEADER_CHECK_STANDARDS 17 20 23)
+
+foreach(library tarncommon vesk)
+    get_target_property(source_dir ${library} SOURCE_DIR)
+    file(
+        GLOB_RECURSE headers
+        RELATIVE ${source_dir}/include
+        CONFIGURE_DEPENDS ${source_dir}/include/*.h)
+    set(sources)
+    foreach(header IN LISTS headers)
+        set(source ${CMAKE_BINARY_DIR}/header_check/${library}/${header}.cpp)
+        file(CONFIGURE OUTPUT ${source} CONTENT "#include <${header}>\n" @ONLY)
+        list(APPEND sources ${source})
+    endforeach()
+    foreach(standard IN LISTS VESK_HEADER_CHECK_STANDARDS)
+        set(target header_check_${library}_${standard})
+        add_library(${target} OBJECT ${sources})
+        set_target_properties(
+            ${target}
+            PROPERTIES CXX_STANDARD ${standard}
+                       CXX_STANDARD_REQUIRED ON
+                       CXX_EXTENSIONS OFF
+                       EXPORT_COMPILE_COMMANDS OFF)
+        target_link_libraries(${target} PRIVATE ${library} vesk_build_flags)
+        # No debug information: nobody looks at the objects, and there are three for each header.
+        target_compile_options(${target} PRIVATE -Wpedantic -O0 -g0)
+    endforeach()
+endforeach()

@@ -1,0 +1,45 @@
+# What `cmake --install` gives: both libraries, their headers, the CMake package `vesk` and a pkg-config file for each
+# library. The installed tree can be moved: nothing in it names the place it was installed to.
+include(CMakePackageConfigHelpers)
+
+set(VESK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vesk)
+set(VESK_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# libvesk finds the base library beside itself, whatever the program's own search path is.
+set_target_properties(vesk PROPERTIES INSTALL_RPATH "$ORIGIN")
+
+install(TARGETS tarncommon vesk EXPORT veskTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(
+    DIRECTORY tarncommon/include/ framework/include/
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    FILES_MATCHING
+    PATTERN "*.h")
+
+# Before 1.0 a new minor version may change the interface.
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+    set(compatibility SameMinorVersion)
+else()
+    set(compatibility SameMajorVersion)
+endif()
+configure_package_config_file(
+    cmake/veskConfig.cmake.in ${PROJECT_BINARY_DIR}/package/veskConfig.cmake
+    INSTALL_DESTINATION ${VESK_CMAKE_DIR}
+    NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(
+    ${PROJECT_BINARY_DIR}/package/veskConfigVersion.cmake
+    VERSION ${PROJECT_VERSION}
+    COMPATIBILITY ${compatibility})
+install(
+    FILES ${PROJECT_BINARY_DIR}/package/veskConfig.cmake ${PROJECT_BINARY_DIR}/package/veskConfigVersion.cmake
+    DESTINATION ${VESK_CMAKE_DIR})
+install(
+    EXPORT veskTargets
+    NAMESPACE vesk::
+    DESTINATION ${VESK_CMAKE_DIR})
+
+# The way from a .pc file to the prefix, since it depends on how deep the library folder is.
+file(RELATIVE_PATH VESK_PREFIX_FROM_PKGCONFIG /prefix/${VESK_PKGCONFIG_DIR} /prefix)
+foreach(library tarncommon vesk)
+    configure_file(cmake/${library}.pc.in ${PROJECT_BINARY_DIR}/package/${library}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/package/${library}.pc DESTINATION ${VESK_PKGCONFIG_DIR})
+endforeach()

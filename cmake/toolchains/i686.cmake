@@ -8,5 +8,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# The search path is of the old kind, which also holds for what a library of the toolchain needs in its turn.
 set(CMAKE_EXE_LINKER_FLAGS_INIT
-    "-Wl,--dynamic-linker=/usr/i686-linux-gnu/lib/ld-linux.so.2 -Wl,-rpath,/usr/i686-linux-gnu/lib")
+    "-Wl,--dynamic-linker=/usr/i686-linux-gnu/lib/ld-linux.so.2 -Wl,-rpath,/usr/i686-linux-gnu/lib -Wl,--disable-new-dtags")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,--disable-new-dtags")

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace tarnbase::detail {
@@ -122,12 +122,9 @@ size_t TextWriter::finish() noexcept {
 
 void writeAll(int fd, char const* text, size_t length) noexcept {
     int const saved_errno = errno;
-    // Reports, warnings and what destructors tell come here: a thread that is being cancelled must not be unwound from
-    // within them.
-    int cancellation = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
     while (length > 0) {
-        ssize_t const done = write(fd, text, length);
+        // Not write(): that is a cancellation point, and a thread may be cancelled while it warns or reports.
+        long const done = syscall(SYS_write, fd, text, length);
         if (done < 0 && errno == EINTR) {
             continue;
         }
@@ -137,7 +134,6 @@ void writeAll(int fd, char const* text, size_t length) noexcept {
         text += done;
         length -= static_cast<size_t>(done);
     }
-    pthread_setcancelstate(cancellation, nullptr);
     errno = saved_errno;
 }
 

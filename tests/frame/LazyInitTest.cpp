@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <pthread.h>
 #include <thread>
 #include <type_traits>
@@ -255,6 +256,8 @@ TEST(LazyInit, lockThatCannotBeHadEndsTheProcess) {
     EventRecorder recorder;
     {
         Fault const lock(inject_pthread_mutex_lock, EINVAL);
+        // The second one, after that of the recorder: refused, as for any lock that nobody holds.
+        Fault const unlock(inject_pthread_mutex_unlock, EPERM, 2);
         EXPECT_FALSE(thing.checkInit(nullptr));
     }
     EXPECT_EQ(
@@ -266,8 +269,10 @@ TEST(LazyInit, lockThatCannotBeHadEndsTheProcess) {
 }
 
 TEST(LazyInit, lockThatCannotBeGivenBackEndsTheProcess) {
-    EventRecorder recorder; // Outlives the object, whose lock stays held and complains at its end.
-    LazyThing thing;
+    // Never destroyed: its lock stays held.
+    alignas(LazyThing) static unsigned char s_storage[sizeof(LazyThing)];
+    LazyThing& thing = *new (s_storage) LazyThing;
+    EventRecorder recorder;
     {
         Fault const unlock(inject_pthread_mutex_unlock, EINVAL);
         EXPECT_FALSE(thing.checkInit(nullptr));
@@ -280,7 +285,14 @@ TEST(LazyInit, lockThatCannotBeGivenBackEndsTheProcess) {
 
 TEST(LazyInit, setUpThatChecksItsOwnObjectEndsTheProcess) {
     struct Recursive : LazyInitBase<void*> {
-        bool doInit() override { return ++m_runs == 1 && checkInit(nullptr); }
+        bool doInit() override {
+            if (++m_runs > 1) {
+                return false;
+            }
+            // The check in here must not get to unlock, after the recorder: the lock belongs to the one around it.
+            Fault const unlock(inject_pthread_mutex_unlock, EPERM, 2);
+            return checkInit(nullptr);
+        }
         int m_runs = 0;
     } thing;
     EventRecorder recorder;

@@ -129,7 +129,14 @@ extern "C" int pthread_getschedparam(pthread_t thread, int* policy, sched_param*
     return getReal(inject_pthread_getschedparam, &pthread_getschedparam)(thread, policy, param);
 }
 
-VESK_INJECT_ERRNO(long, -1, sysconf, (int name), (name))
+// The number that the system does not know. The thread sanitizer calls this before it is able to watch anything.
+namespace {
+int g_unknown_number = -1;
+} // namespace
+extern "C" long __sysconf(int name);
+extern "C" __attribute__((no_sanitize("thread"))) long sysconf(int name) {
+    return name == g_unknown_number ? -1 : __sysconf(name);
+}
 
 // ---- before every initialiser ----
 
@@ -142,8 +149,15 @@ constexpr char const* EARLY_DIR = "/set/before/any/initialiser/ran/and/still/the
 void setDirBeforeInitialisers() {
     strncpy(g_first_dir, vesk::Vesk::setDefaultConfigDir(EARLY_DIR).c_str(), sizeof g_first_dir - 1);
 }
+#if defined(__SANITIZE_THREAD__)
+// Instrumented code cannot run that early with this sanitizer: an initialiser of the program has to do.
+[[gnu::constructor]] void setDirInAnInitialiser() {
+    setDirBeforeInitialisers();
+}
+#else
 [[gnu::section(".preinit_array"),
   gnu::used]] void (*const g_before_initialisers)() = setDirBeforeInitialisers;
+#endif
 
 // ---- the tests ----
 
@@ -257,7 +271,9 @@ TEST(VeskLoaded, locksAndConditionsAndFileConstantsWorkWithoutAStartUp) {
         }
         EXPECT_FALSE(condition.signal());
         waiter.join();
-        EXPECT_TRUE(mutex.unlock()) << "and so do the error families";
+        EXPECT_FALSE(mutex.lock());
+        EXPECT_TRUE(mutex.lock()) << "and so do the error families";
+        EXPECT_FALSE(mutex.unlock());
         EXPECT_TRUE(chainIs({{vesk::Mutex::Error, 3}}));
         EXPECT_EQ(0700u, static_cast<mode_t>(vesk::FileAccess::owner_all));
         EXPECT_EQ(0u, Vesk::s_init_count.getCurrentCount());
@@ -268,16 +284,15 @@ static_assert(sizeof(Vesk::SystemInfo) == 8 && offsetof(Vesk::SystemInfo, page_s
 static_assert(offsetof(Vesk::SystemInfo, processor_count) == 4);
 
 TEST(VeskSystemInfo, numberThatCannotBeHadIsZero) {
-    {
-        Fault const fault(inject_sysconf, EINVAL, 1);
-        Vesk::SystemInfo const info;
-        EXPECT_EQ(0u, info.page_size);
-        EXPECT_EQ(Vesk::s_sys_info.processor_count, info.processor_count);
-    }
-    Fault const fault(inject_sysconf, EINVAL, 2);
-    Vesk::SystemInfo const info;
-    EXPECT_EQ(Vesk::s_sys_info.page_size, info.page_size);
-    EXPECT_EQ(0u, info.processor_count);
+    g_unknown_number = _SC_PAGESIZE;
+    Vesk::SystemInfo const without_page;
+    g_unknown_number = _SC_NPROCESSORS_ONLN;
+    Vesk::SystemInfo const without_processors;
+    g_unknown_number = -1;
+    EXPECT_EQ(0u, without_page.page_size);
+    EXPECT_EQ(Vesk::s_sys_info.processor_count, without_page.processor_count);
+    EXPECT_EQ(Vesk::s_sys_info.page_size, without_processors.page_size);
+    EXPECT_EQ(0u, without_processors.processor_count);
 }
 
 // ---- the start-up ----
@@ -377,11 +392,9 @@ TEST(VeskStartUp, keepsItsFirstArgument) {
 void handlePipe(int) {}
 void handlePipeInfo(int, siginfo_t*, void*) {}
 
-bool isFull(sigset_t const& set) {
-    sigset_t full;
-    sigfillset(&full);
+bool isSame(sigset_t const& left, sigset_t const& right) {
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
-        if (sigismember(&full, signal) != sigismember(&set, signal)) {
+        if (sigismember(&left, signal) != sigismember(&right, signal)) {
             return false;
         }
     }
@@ -396,7 +409,9 @@ TEST(VeskPipeSignal, isIgnoredWithAFullMaskAndNoFlags) {
         }
         EXPECT_EQ(SIG_IGN, g_last_action.sa_handler);
         EXPECT_EQ(0, g_last_action.sa_flags);
-        EXPECT_TRUE(isFull(g_last_action.sa_mask));
+        sigset_t full;
+        sigfillset(&full);
+        EXPECT_TRUE(isSame(full, g_last_action.sa_mask));
         struct sigaction action {};
         ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &action));
         EXPECT_EQ(SIG_IGN, action.sa_handler);
@@ -444,8 +459,7 @@ TEST_P(VeskPipeSignalChosen, staysAsItWas) {
         ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &after));
         EXPECT_EQ(before.sa_sigaction, after.sa_sigaction);
         EXPECT_EQ(before.sa_flags, after.sa_flags);
-        EXPECT_EQ(1, sigismember(&after.sa_mask, SIGUSR1));
-        EXPECT_EQ(0, sigismember(&after.sa_mask, SIGUSR2));
+        EXPECT_TRUE(isSame(before.sa_mask, after.sa_mask));
     });
 }
 

@@ -24,6 +24,23 @@ using support::rowText;
 using support::systemText;
 using vesk::Mutex;
 
+TEST(Mutex, rowsHaveTheirTexts) {
+    char const* const texts[] = {
+        "Mutex creation failed: %s",
+        "Mutex lock failed: %s",
+        "Mutex unlock failed: %s",
+        "Mutex inconsistency detected: %s",
+    };
+    int id = 0;
+    for (char const* text : texts) {
+        ASSERT_NE(nullptr, Mutex::Error.getRow(id));
+        EXPECT_STREQ(text, Mutex::Error.getRow(id)->format);
+        EXPECT_EQ(1, Mutex::Error.getRow(id)->nargs);
+        ++id;
+    }
+    EXPECT_EQ(nullptr, Mutex::Error.getRow(id));
+}
+
 TEST(Mutex, locksAndUnlocksWithoutAReport) {
     Mutex mutex;
     EXPECT_FALSE(mutex.lock());

@@ -12,7 +12,7 @@ class VESK_API ConditionOps {
 public:
     ConditionOps() = delete;
 
-    /// Creates a condition on the monotonic clock. If the system refuses to make it, all bytes of the memory are 0xEB.
+    /// Creates a condition on the monotonic clock. After a failure all bytes of the memory are 0xEB.
     /// @param process_shared  whether other processes that map the memory may use it
     /// @return true on failure, with the reports of `handleInitError`
     static bool init(pthread_cond_t* condition, bool process_shared);

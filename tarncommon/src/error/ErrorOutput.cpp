@@ -77,7 +77,8 @@ void ErrorOutput::make(
 }
 
 void ErrorOutput::operator()(ErrorObject const& object) const noexcept {
-    ErrorObject const copy(object); // The object may lie in the chain that is given up here.
+    // The object may lie in the chain that is given up here.
+    ErrorObject const copy(object); // NOLINT(performance-unnecessary-copy-initialization)
     ErrorObject& report = ErrorStorage::Chain::ofThread().open(m_new_chain);
     ErrorObject const* const next = report.next;
     report = copy;

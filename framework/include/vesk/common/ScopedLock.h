@@ -9,11 +9,13 @@ namespace vesk {
 ///
 /// A lock that cannot be had leaves the report of its `lock` pending, and `isLocked()` tells. Being unable to unlock at
 /// the end of the scope goes to `std::GlobalErrorHandler::doAbort` with "error unlocking".
-template <typename Lock>
+///
+/// `LOCK` is the member that takes the lock, for a class that has more than one.
+template <typename Lock, auto LOCK = &Lock::lock>
 class [[nodiscard]] ScopedLock : private tarnbase::NonCopyable {
 public:
     /// Waits for the lock.
-    explicit ScopedLock(Lock& lock) : m_lock(lock), m_locked(!lock.lock()) {}
+    explicit ScopedLock(Lock& lock) : m_lock(lock), m_locked(!(lock.*LOCK)()) {}
 
     ~ScopedLock() {
         if (m_locked && m_lock.unlock()) {

@@ -39,31 +39,43 @@ constexpr ErrnoRow SIGNAL_ERRORS[] = {
     {OTHERS, {SysError, 19}, {Condition::Error, 2}},
 };
 
-int create(pthread_cond_t* condition, bool process_shared) {
-    pthread_condattr_t attributes;
-    int error = pthread_condattr_init(&attributes);
-    if (error != 0) {
+/// Destroys the attributes on every way out.
+class AttrCleaner {
+public:
+    explicit AttrCleaner(pthread_condattr_t& attributes) noexcept : m_attributes(attributes) {}
+    ~AttrCleaner() {
+        if (int const error = pthread_condattr_destroy(&m_attributes)) {
+            std::GlobalErrorHandler::doWarning(
+                SOURCE, __LINE__, "init", "destroying condition attributes failed, res = %d", error);
+        }
+    }
+
+private:
+    pthread_condattr_t& m_attributes;
+};
+
+int create(pthread_cond_t* condition, pthread_condattr_t& attributes, bool process_shared) {
+    if (int const error = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC)) {
         return error;
     }
-    error = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    if (error == 0 && process_shared) {
-        error = pthread_condattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    if (process_shared) {
+        if (int const error = pthread_condattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED)) {
+            return error;
+        }
     }
-    if (error == 0) {
-        error = pthread_cond_init(condition, &attributes);
-    }
-    if (int const destroy_error = pthread_condattr_destroy(&attributes)) {
-        std::GlobalErrorHandler::doWarning(
-            SOURCE, __LINE__, "init", "destroying condition attributes failed, res = %d", destroy_error);
-    }
-    return error;
+    return pthread_cond_init(condition, &attributes);
 }
 
 } // namespace
 
 bool ConditionOps::init(pthread_cond_t* condition, bool process_shared) {
-    int const error = create(condition, process_shared);
-    if (error != 0) {
+    pthread_condattr_t attributes;
+    if (int const error = pthread_condattr_init(&attributes)) {
+        poison(condition, FAILED_LOCK);
+        return handleInitError(error);
+    }
+    AttrCleaner const cleaner(attributes);
+    if (int const error = create(condition, attributes, process_shared)) {
         poison(condition, FAILED_LOCK);
         return handleInitError(error);
     }

@@ -21,4 +21,9 @@ Outcome classify(Place place, ErrnoTable table, int error, char const* detail, C
     return Outcome::FAILED;
 }
 
+Outcome classifyResult(Place place, ErrnoTable table, int error) noexcept {
+    errno = error;
+    return classify(place, table, error);
+}
+
 } // namespace vesk::detail

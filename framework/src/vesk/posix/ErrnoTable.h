@@ -75,6 +75,10 @@ Outcome classify(
     Place place, ErrnoTable table, int error, char const* detail = nullptr,
     Chain chain = Chain::NEW) noexcept;
 
+/// The same for a call that returned its number, as the `pthread_*` functions do: the number goes into `errno` first,
+/// where callers look for what a report's text was made of.
+Outcome classifyResult(Place place, ErrnoTable table, int error) noexcept;
+
 /// Makes a system call that reports through `errno` until a signal does not interrupt it.
 template <typename Call>
 auto retryOnEintr(Call&& call) noexcept(noexcept(call())) {

@@ -75,12 +75,6 @@ private:
     pthread_mutexattr_t& m_attributes;
 };
 
-/// Classifies what a call returned: the text of a report is made from `errno`, so the number goes there first.
-Outcome classifyResult(Place place, ErrnoTable table, int error) noexcept {
-    errno = error;
-    return classify(place, table, error);
-}
-
 bool create(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared) {
     pthread_mutexattr_t attributes;
     if (int const error = pthread_mutexattr_init(&attributes)) {

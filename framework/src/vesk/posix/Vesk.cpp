@@ -25,7 +25,7 @@ Vesk::SystemInfo::SystemInfo() noexcept
     : page_size(readSystemNumber(_SC_PAGESIZE)), processor_count(readSystemNumber(_SC_NPROCESSORS_ONLN)) {}
 
 bool Vesk::preInit() {
-    setlocale(LC_ALL, "");
+    setlocale(LC_ALL, ""); // NOLINT(concurrency-mt-unsafe): the process has no other thread yet.
     struct sigaction action {};
     if (sigaction(SIGPIPE, nullptr, &action) != 0) {
         return true;

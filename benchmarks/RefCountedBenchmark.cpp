@@ -1,0 +1,113 @@
+#include <common/Shared.h>
+#include <vesk/RefCounted.h>
+
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+/// A second thread for the whole run: libc and the language's library skip atomics in a process that has only one, which
+/// no user of this library has.
+class Company {
+public:
+    Company()
+        : m_thread([this] {
+              std::unique_lock<std::mutex> lock(m_mutex);
+              m_condition.wait(lock, [this] { return m_end; });
+          }) {}
+    ~Company() {
+        {
+            std::lock_guard<std::mutex> const lock(m_mutex);
+            m_end = true;
+        }
+        m_condition.notify_one();
+        m_thread.join();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_condition;
+    bool m_end = false;
+    std::thread m_thread;
+} company;
+
+class Handle final : public vesk::RefCounted {
+public:
+    Handle() = default;
+    Handle(Handle const&) = default;
+    ~Handle() override { decrement(); }
+
+private:
+    int destroy() override { return 0; }
+};
+
+void copyHandle(benchmark::State& state) {
+    Handle const handle;
+    for (auto _ : state) {
+        Handle copy(handle);
+        benchmark::DoNotOptimize(copy);
+    }
+}
+
+void copySharedPtr(benchmark::State& state) {
+    auto const pointer = std::make_shared<int>(1);
+    for (auto _ : state) {
+        std::shared_ptr<int> copy(pointer);
+        benchmark::DoNotOptimize(copy);
+    }
+}
+
+void createHandle(benchmark::State& state) {
+    for (auto _ : state) {
+        Handle handle;
+        benchmark::DoNotOptimize(handle);
+    }
+}
+
+void createCounter(benchmark::State& state) {
+    for (auto _ : state) {
+        auto* counter = new std::atomic<int>(1);
+        benchmark::DoNotOptimize(counter);
+        delete counter;
+    }
+}
+
+void copyPtr(benchmark::State& state) {
+    static std::Shared<int> shared;
+    std::SharedBase::Ptr<int> const pointer(shared);
+    for (auto _ : state) {
+        std::SharedBase::Ptr<int> copy(pointer);
+        benchmark::DoNotOptimize(copy);
+    }
+}
+
+void countUnderMutex(benchmark::State& state) {
+    static std::mutex mutex;
+    static int count = 1;
+    for (auto _ : state) {
+        {
+            std::lock_guard<std::mutex> const lock(mutex);
+            ++count;
+            benchmark::DoNotOptimize(count);
+        }
+        {
+            std::lock_guard<std::mutex> const lock(mutex);
+            --count;
+            benchmark::DoNotOptimize(count);
+        }
+    }
+}
+
+BENCHMARK(copyHandle)->Name("RefCounted handle copy (at most 1.0)/vesk");
+BENCHMARK(copySharedPtr)->Name("RefCounted handle copy (at most 1.0)/bare");
+BENCHMARK(createHandle)->Name("RefCounted create and destroy (at most 1.2)/vesk");
+BENCHMARK(createCounter)->Name("RefCounted create and destroy (at most 1.2)/bare");
+BENCHMARK(copyPtr)->Name("Shared::Ptr copy/vesk");
+BENCHMARK(countUnderMutex)->Name("Shared::Ptr copy/bare");
+
+} // namespace

@@ -1,0 +1,259 @@
+#include <vesk/Condition.h>
+#include <vesk/Mutex.h>
+#include <vesk/RWLock.h>
+#include <vesk/ShmMutex.h>
+#include <vesk/SpinLock.h>
+
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <new>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <thread>
+
+namespace {
+
+void check(int error) {
+    if (error != 0) {
+        abort();
+    }
+}
+
+/// Memory that processes could share, for both twins alike.
+template <typename T>
+class SharedMemory {
+public:
+    SharedMemory()
+        : m_memory(mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
+        check(m_memory == MAP_FAILED ? 1 : 0);
+    }
+    ~SharedMemory() { munmap(m_memory, sizeof(T)); }
+    SharedMemory(SharedMemory const&) = delete;
+    SharedMemory& operator=(SharedMemory const&) = delete;
+
+    void* get() const { return m_memory; }
+
+private:
+    void* m_memory;
+};
+
+class BareMutex {
+public:
+    BareMutex(int type, int shared) {
+        pthread_mutexattr_t attributes;
+        check(pthread_mutexattr_init(&attributes));
+        check(pthread_mutexattr_settype(&attributes, type));
+        check(pthread_mutexattr_setpshared(&attributes, shared));
+        check(pthread_mutex_init(&raw, &attributes));
+        check(pthread_mutexattr_destroy(&attributes));
+    }
+    ~BareMutex() { pthread_mutex_destroy(&raw); }
+    BareMutex(BareMutex const&) = delete;
+    BareMutex& operator=(BareMutex const&) = delete;
+
+    pthread_mutex_t raw;
+};
+
+class BareCondition {
+public:
+    BareCondition() {
+        pthread_condattr_t attributes;
+        check(pthread_condattr_init(&attributes));
+        check(pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC));
+        check(pthread_cond_init(&raw, &attributes));
+        check(pthread_condattr_destroy(&attributes));
+    }
+    ~BareCondition() { pthread_cond_destroy(&raw); }
+    BareCondition(BareCondition const&) = delete;
+    BareCondition& operator=(BareCondition const&) = delete;
+
+    pthread_cond_t raw;
+};
+
+// ---- uncontended locks ----
+// Both twins look at every result, as a caller has to.
+
+void mutexVesk(benchmark::State& state) {
+    vesk::Mutex const mutex;
+    for (auto _ : state) {
+        check(mutex.lock() ? 1 : 0);
+        benchmark::ClobberMemory();
+        check(mutex.unlock() ? 1 : 0);
+    }
+}
+BENCHMARK(mutexVesk)->Name("Mutex lock and unlock (at most 1.15)/vesk");
+
+void mutexBare(benchmark::State& state) {
+    BareMutex mutex(PTHREAD_MUTEX_ERRORCHECK, PTHREAD_PROCESS_PRIVATE);
+    for (auto _ : state) {
+        check(pthread_mutex_lock(&mutex.raw));
+        benchmark::ClobberMemory();
+        check(pthread_mutex_unlock(&mutex.raw));
+    }
+}
+BENCHMARK(mutexBare)->Name("Mutex lock and unlock (at most 1.15)/bare");
+
+void shmMutexVesk(benchmark::State& state) {
+    SharedMemory<vesk::ShmMutex> const memory;
+    auto* const mutex = new (memory.get()) vesk::ShmMutex;
+    for (auto _ : state) {
+        check(mutex->lock() ? 1 : 0);
+        benchmark::ClobberMemory();
+        check(mutex->unlock() ? 1 : 0);
+    }
+    mutex->~ShmMutex();
+}
+BENCHMARK(shmMutexVesk)->Name("ShmMutex lock and unlock (at most 1.05)/vesk");
+
+void shmMutexBare(benchmark::State& state) {
+    SharedMemory<BareMutex> const memory;
+    auto* const mutex = new (memory.get()) BareMutex(PTHREAD_MUTEX_DEFAULT, PTHREAD_PROCESS_SHARED);
+    for (auto _ : state) {
+        check(pthread_mutex_lock(&mutex->raw));
+        benchmark::ClobberMemory();
+        check(pthread_mutex_unlock(&mutex->raw));
+    }
+    mutex->~BareMutex();
+}
+BENCHMARK(shmMutexBare)->Name("ShmMutex lock and unlock (at most 1.05)/bare");
+
+void rwLockVesk(benchmark::State& state) {
+    vesk::RWLock const lock;
+    for (auto _ : state) {
+        check(lock.lockForRead() ? 1 : 0);
+        benchmark::ClobberMemory();
+        check(lock.unlock() ? 1 : 0);
+    }
+}
+BENCHMARK(rwLockVesk)->Name("RWLock read lock and unlock/vesk");
+
+void rwLockBare(benchmark::State& state) {
+    pthread_rwlock_t lock;
+    check(pthread_rwlock_init(&lock, nullptr));
+    for (auto _ : state) {
+        check(pthread_rwlock_rdlock(&lock));
+        benchmark::ClobberMemory();
+        check(pthread_rwlock_unlock(&lock));
+    }
+    check(pthread_rwlock_destroy(&lock));
+}
+BENCHMARK(rwLockBare)->Name("RWLock read lock and unlock/bare");
+
+void spinLockVesk(benchmark::State& state) {
+    vesk::SpinLock const lock;
+    for (auto _ : state) {
+        check(lock.lock() ? 1 : 0);
+        benchmark::ClobberMemory();
+        check(lock.unlock() ? 1 : 0);
+    }
+}
+BENCHMARK(spinLockVesk)->Name("SpinLock lock and unlock/vesk");
+
+void spinLockBare(benchmark::State& state) {
+    pthread_spinlock_t lock;
+    check(pthread_spin_init(&lock, PTHREAD_PROCESS_PRIVATE));
+    for (auto _ : state) {
+        check(pthread_spin_lock(&lock));
+        benchmark::ClobberMemory();
+        check(pthread_spin_unlock(&lock));
+    }
+    check(pthread_spin_destroy(&lock));
+}
+BENCHMARK(spinLockBare)->Name("SpinLock lock and unlock/bare");
+
+// ---- ping-pong ----
+
+/// Keeps the calling thread, and the threads that it starts meanwhile, on one processor: each hand-over is then exactly
+/// one switch, whatever else the machine does, and the time that it takes does not hang on where the scheduler puts the
+/// two.
+class OneProcessor {
+public:
+    OneProcessor() {
+        check(sched_getaffinity(0, sizeof m_before, &m_before));
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        for (int cpu = CPU_SETSIZE - 1; cpu >= 0; --cpu) {
+            if (CPU_ISSET(cpu, &m_before)) {
+                CPU_SET(cpu, &one);
+                break;
+            }
+        }
+        check(sched_setaffinity(0, sizeof one, &one));
+    }
+    ~OneProcessor() { sched_setaffinity(0, sizeof m_before, &m_before); }
+    OneProcessor(OneProcessor const&) = delete;
+    OneProcessor& operator=(OneProcessor const&) = delete;
+
+private:
+    cpu_set_t m_before;
+};
+
+enum class Ball { HERE, THERE, GONE };
+
+/// One iteration is a hand-over to the partner and one back. `Table` has a lock, a condition for each direction, and
+/// the calls of one of the twins.
+template <typename Table>
+void pingPong(benchmark::State& state) {
+    OneProcessor const one_processor;
+    Table table;
+    Ball ball = Ball::HERE;
+    std::thread partner([&] {
+        table.lock();
+        for (;;) {
+            while (ball == Ball::HERE) {
+                table.waitThere();
+            }
+            if (ball == Ball::GONE) {
+                break;
+            }
+            ball = Ball::HERE;
+            table.signalHere();
+        }
+        table.unlock();
+    });
+    table.lock();
+    for (auto _ : state) {
+        ball = Ball::THERE;
+        table.signalThere();
+        while (ball == Ball::THERE) {
+            table.waitHere();
+        }
+    }
+    ball = Ball::GONE;
+    table.signalThere();
+    table.unlock();
+    partner.join();
+}
+
+struct VeskTable {
+    void lock() { check(mutex.lock() ? 1 : 0); }
+    void unlock() { check(mutex.unlock() ? 1 : 0); }
+    void waitHere() { check(here.wait(mutex) ? 1 : 0); }
+    void waitThere() { check(there.wait(mutex) ? 1 : 0); }
+    void signalHere() { check(here.signal() ? 1 : 0); }
+    void signalThere() { check(there.signal() ? 1 : 0); }
+
+    vesk::Mutex mutex;
+    vesk::Condition here;
+    vesk::Condition there;
+};
+BENCHMARK(pingPong<VeskTable>)->UseRealTime()->Name("Condition ping-pong (at most 1.10)/vesk");
+
+struct BareTable {
+    void lock() { check(pthread_mutex_lock(&mutex.raw)); }
+    void unlock() { check(pthread_mutex_unlock(&mutex.raw)); }
+    void waitHere() { check(pthread_cond_wait(&here.raw, &mutex.raw)); }
+    void waitThere() { check(pthread_cond_wait(&there.raw, &mutex.raw)); }
+    void signalHere() { check(pthread_cond_signal(&here.raw)); }
+    void signalThere() { check(pthread_cond_signal(&there.raw)); }
+
+    BareMutex mutex{PTHREAD_MUTEX_ERRORCHECK, PTHREAD_PROCESS_PRIVATE};
+    BareCondition here;
+    BareCondition there;
+};
+BENCHMARK(pingPong<BareTable>)->UseRealTime()->Name("Condition ping-pong (at most 1.10)/bare");
+
+} // namespace

@@ -1,0 +1,13 @@
+#include "Tour.h"
+
+#include <cstdio>
+
+int main() {
+    tour::startup();
+    tour::time();
+    tour::locks();
+    tour::ownership();
+    tour::errors();
+    printf("\nThe tour %s.\n", tour::hasFailed() ? "FAILED" : "is complete");
+    return tour::hasFailed() ? 1 : 0;
+}

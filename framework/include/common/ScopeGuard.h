@@ -1,0 +1,62 @@
+#pragma once
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+#include <tarncommon/tarnbase/NonCopyable.h>
+
+namespace std {
+
+/// The result conversion of a `ScopeGuard` whose function already tells failure with true: leaves the result as it is.
+struct NoopResultConv {
+    constexpr bool operator()(bool result) const noexcept { return result; }
+};
+
+/// Calls a member function of an object at the end of a scope.
+///
+///     std::ScopeGuard<File, bool (File::*)()> const guard(file, &File::close);
+///
+/// A function that reports failure trips an assertion, since nobody is left to handle it. An exception out of the
+/// function ends the process with `std::terminate`. A guard belongs to one thread; it costs no heap and takes no lock.
+///
+/// @tparam T           the object's class, const if the function is
+/// @tparam Member      pointer to the member function: no arguments, a result that `ResultConv` takes
+/// @tparam ResultConv  turns the function's result into a bool that is true on failure
+template <typename T, typename Member, typename ResultConv = NoopResultConv>
+class [[nodiscard]] ScopeGuard : private tarnbase::NonCopyable {
+public:
+    /// @param object    must outlive the guard
+    /// @param function  what to call on it
+    /// @param armed     false: `arm` must be called first for anything to happen
+    ScopeGuard(T& object, Member function, bool armed = true) noexcept
+        : m_object(&object), m_function(function), m_armed(armed) {}
+
+    /// Calls the function, unless the guard was released or is disarmed.
+    virtual ~ScopeGuard() noexcept {
+        if (m_released || !m_armed) {
+            return;
+        }
+        bool const release_failed = ResultConv()((m_object->*m_function)());
+        if (release_failed) {
+            GlobalErrorHandler::doAssert(
+                false, "! release_failed", "framework/include/common/ScopeGuard", __LINE__, "~ScopeGuard",
+                nullptr);
+        }
+    }
+
+    /// Hands the duty back to the caller for good: the guard will not call the function.
+    void release() noexcept { m_released = true; }
+
+    /// Keeps the guard from calling the function until `arm`.
+    void disarm() noexcept { m_armed = false; }
+    void arm() noexcept { m_armed = true; }
+
+    bool isReleased() const noexcept { return m_released; }
+    bool isArmed() const noexcept { return m_armed; }
+
+private:
+    T* m_object;
+    Member m_function;
+    bool m_released = false;
+    bool m_armed;
+};
+
+} // namespace std

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <vesk/Export.h>
+#include <vesk/common/ScopedLock.h>
+#include <vesk/posix/SpinLock.h>
+
+#include <tarncommon/error/ErrorType.h>
+
+namespace vesk {
+
+/// A spin lock whose object may lie in memory that several processes map: build it there once, with placement new, and
+/// use it from all of them.
+///
+///     auto* lock = new (shared_memory) vesk::ShmSpinLock;
+///     if (!lock->isValid()) { ... }
+///     vesk::ShmSpinLockGuard const guard(*lock);
+///
+/// Its operations are those of `SpinLock` and may be called from any thread of any process. A process may not end while
+/// it holds the lock.
+class ShmSpinLock : public SpinLockBase {
+public:
+    /// The family of `SpinLock`.
+    static VESK_API std::ErrorType const& Error;
+
+    /// Creates the lock (`pthread_spin_init`); `isValid` tells whether it worked, and if not `Error` 0 is pending. Only one
+    /// process may destroy it, when no other uses it.
+    ShmSpinLock() : SpinLockBase(PTHREAD_PROCESS_SHARED) {}
+};
+
+/// Holds a `ShmSpinLock` for the length of a scope.
+using ShmSpinLockGuard = ScopedLock<ShmSpinLock const>;
+
+} // namespace vesk

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <vesk/Export.h>
+#include <vesk/common/ScopedLock.h>
+#include <vesk/posix/SpinLock.h>
+
+#include <tarncommon/error/ErrorType.h>
+
+namespace vesk {
+
+/// A lock between the threads of one process for a few instructions: a thread that finds it held does not sleep but
+/// turns on the spot. Hold it only for short stretches, and never across a call that may block.
+///
+///     vesk::SpinLock lock;
+///     {
+///         vesk::SpinLockGuard const guard(lock);
+///         ++counter;
+///     }
+///
+/// All operations may be called from any thread. To share a lock between processes use `ShmSpinLock`.
+class SpinLock : public SpinLockBase {
+public:
+    /// Failures of spin locks. Derives from `SysError`. What lock and unlock report does not follow the names of the
+    /// rows: see `SpinLockOps`.
+    ///
+    /// | id | meaning |
+    /// |---|---|
+    /// | 0 | creation failed |
+    /// | 1 | the row of locking, reported by `tryLock` and `unlock` |
+    /// | 2 | the row of unlocking, reported by `lock` |
+    /// | 3 | inconsistency: a call that is not allowed |
+    static VESK_API std::ErrorType const Error;
+
+    /// Creates the lock (`pthread_spin_init`); `isValid` tells whether it worked, and if not `Error` 0 is pending. Nobody
+    /// may hold it when it is destroyed; a failure is then a warning, "Error destroying SpinLock!", and no report stays
+    /// pending.
+    SpinLock() : SpinLockBase(PTHREAD_PROCESS_PRIVATE) {}
+};
+
+/// Holds a `SpinLock` for the length of a scope.
+using SpinLockGuard = ScopedLock<SpinLock const>;
+
+} // namespace vesk

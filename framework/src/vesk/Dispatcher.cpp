@@ -1,0 +1,112 @@
+#include <vesk/Dispatcher.h>
+
+#include <vesk/common/AbortingLock.h>
+
+namespace vesk {
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/Dispatcher";
+
+using InternalLock = AbortingLock<Mutex const>;
+
+} // namespace
+
+void Dispatcher::add_source(Message::Source& source) {
+    sources.push_back(&source);
+}
+
+void Dispatcher::add_handler(Message::Handler& handler) {
+    InternalLock const lock(mutex, SOURCE, "add_handler");
+    handlers.push_back(&handler);
+}
+
+void Dispatcher::remove_handler(Message::Handler& handler) {
+    InternalLock const lock(mutex, SOURCE, "remove_handler");
+    handlers.remove(&handler);
+}
+
+void Dispatcher::run() {
+    while (isRunning()) {
+        // One message at a time: before the next one the first source has its turn again.
+        if (Message* const message = pop()) {
+            dispatch(message);
+        } else {
+            notifier->wait();
+        }
+    }
+    running.store(true, std::memory_order_relaxed);
+}
+
+Message* Dispatcher::pop() {
+    for (Message::Source* const source : sources) {
+        if (Message* const message = source->pop_nonblock()) {
+            return message;
+        }
+    }
+    return nullptr;
+}
+
+void Dispatcher::stop() {
+    running.store(false, std::memory_order_relaxed);
+    notifier->signal();
+}
+
+void Dispatcher::dispatch(Message* message) {
+    {
+        InternalLock const lock(mutex, SOURCE, "dispatch");
+        for (auto next = handlers.begin(); next != handlers.end();) {
+            // Read ahead of the call: should the process survive a fatal error in it, the handler may be gone.
+            Message::Handler* const handler = *next++;
+            message->get_handled_by(handler);
+        }
+    }
+    message->invoke();
+    message->dismiss();
+}
+
+void Dispatcher::main(void* dispatcher) {
+    static_cast<Dispatcher*>(dispatcher)->run();
+}
+
+Dispatcher::VanillaQueue::~VanillaQueue() = default;
+
+Message* Dispatcher::VanillaQueue::pop_nonblock() {
+    InternalLock const lock(mutex, SOURCE, "pop_nonblock");
+    if (messages.empty()) {
+        return nullptr;
+    }
+    Message* const message = messages.front();
+    messages.pop_front();
+    return message;
+}
+
+void Dispatcher::VanillaQueue::push(Message* message) {
+    {
+        InternalLock const lock(mutex, SOURCE, "push");
+        messages.push_back(message);
+    }
+    notifier->signal();
+}
+
+Dispatcher::VanillaNotifier::~VanillaNotifier() = default;
+
+void Dispatcher::VanillaNotifier::wait() {
+    InternalLock const lock(mutex, SOURCE, "wait");
+    while (!signalled) {
+        // A wait that fails is reported, but is no signal.
+        condition.wait(mutex);
+    }
+    signalled = false;
+}
+
+void Dispatcher::VanillaNotifier::signal() {
+    InternalLock const lock(mutex, SOURCE, "signal");
+    // While the last signal waits to be taken, the waiter that it woke will take this one with it.
+    if (!signalled || !waiter_woken) {
+        signalled = true;
+        waiter_woken = !condition.signal();
+    }
+}
+
+} // namespace vesk

@@ -1,0 +1,58 @@
+#include <vesk/RefCounted.h>
+
+#include <tarncommon/Export.h>
+
+namespace vesk {
+
+namespace {
+
+constexpr unsigned int COUNTERS = 1024;
+
+} // namespace
+
+// Ahead of every other initialiser, each of which may make the first handle.
+__attribute__((init_priority(101))) Mutex RefCounted::s_init_lock;
+TARN_CONSTANT_INIT std::atomic<int32_t> RefCounted::s_init_counter{0};
+TARN_CONSTANT_INIT std::atomic<RefCounted::CounterPool*> RefCounted::s_counter_pool{nullptr};
+// On a line of its own: threads write it, while they only read what stands around it.
+alignas(64) TARN_CONSTANT_INIT std::atomic<void*> RefCounted::s_spare{nullptr};
+
+void RefCounted::doInit() {
+    try {
+        s_counter_pool.store(new CounterPool(sizeof(Counter), COUNTERS), std::memory_order_release);
+    } catch (...) {
+        s_init_counter.store(0);
+        throw;
+    }
+}
+
+void* RefCounted::takeFromPool() {
+    CounterPool* const pool = checkInit();
+    if (pool == nullptr) {
+        return nullptr;
+    }
+    CounterPool::LockGuard const guard(*pool);
+    if (void* const item = pool->getFreeStack().pop()) {
+        return item;
+    }
+    // Another thread may have set one aside meanwhile; only now it is certain that all are in use.
+    if (void* const item = takeSpare()) {
+        return item;
+    }
+    return pool->getDepletion().getHelp();
+}
+
+void RefCounted::endLast() {
+    destroy();
+    CounterPool* const pool = s_counter_pool.load(std::memory_order_acquire);
+    void* expected = nullptr;
+    bool const spared = pool->contains(counter) && s_spare.load(std::memory_order_relaxed) == nullptr &&
+        s_spare.compare_exchange_strong(
+            expected, counter, std::memory_order_release, std::memory_order_relaxed);
+    if (!spared) {
+        pool->thankYou(counter);
+    }
+    counter = nullptr;
+}
+
+} // namespace vesk

@@ -1,0 +1,129 @@
+#include <tarncommon/stream/IBinOutputStream.h>
+
+#include "StreamBuffer.h"
+
+#include <algorithm>
+#include <cstring>
+#include <sched.h>
+
+namespace std {
+
+using namespace stream_detail;
+
+namespace {
+
+constexpr char const* SOURCE = "tarncommon/src/stream/IBinOutputStream";
+
+} // namespace
+
+IBinOutputStream::IBinOutputStream(bool blocking, unsigned int buffer_size)
+    : m_buffer_size(buffer_size), m_buffer(makeBuffer(SOURCE, buffer_size)) {
+    m_blocking = blocking;
+}
+
+IBinOutputStream::~IBinOutputStream() {
+    delete[] m_buffer;
+}
+
+bool IBinOutputStream::checkWriteBufferConsistency() {
+    return false;
+}
+
+/// Writes until all is taken; in non-blocking mode only until the sink takes nothing. `passed` counts what it took, also
+/// on failure.
+bool IBinOutputStream::passOn(unsigned char const* source, unsigned int size, unsigned int& passed) {
+    passed = 0;
+    // At least one call: writing nothing to an unbuffered stream means something to some sinks, to a datagram socket say.
+    do {
+        unsigned int count = 0;
+        bool const failed = performWrite(source + passed, size - passed, count);
+        passed += count;
+        if (failed) {
+            return true;
+        }
+        if (count == 0 && passed != size) {
+            if (!m_blocking) {
+                return false;
+            }
+            // A stream that blocks on a descriptor that does not: it has to wait, but not at the cost of all others.
+            sched_yield();
+        }
+    } while (passed != size);
+    return false;
+}
+
+/// Passes on what the buffer holds. Success in non-blocking mode may leave something in it.
+bool IBinOutputStream::passBufferOn() {
+    if (m_pos == m_end) {
+        return false;
+    }
+    unsigned int passed = 0;
+    bool const failed = passOn(m_buffer + m_pos, m_end - m_pos, passed);
+    m_pos += passed;
+    if (m_pos == m_end) {
+        m_pos = 0;
+        m_end = 0;
+    }
+    return failed;
+}
+
+/// Puts as much into the buffer as fits and tells how much that was.
+unsigned int IBinOutputStream::keep(unsigned char const* source, unsigned int size) noexcept {
+    unsigned int const held = m_end - m_pos;
+    unsigned int const count = min(size, m_buffer_size - held);
+    if (count == 0) {
+        return 0;
+    }
+    if (count > m_buffer_size - m_end || held == 0) {
+        memmove(m_buffer, m_buffer + m_pos, held);
+        m_pos = 0;
+        m_end = held;
+    }
+    memcpy(m_buffer + m_end, source, count);
+    m_end += count;
+    return count;
+}
+
+int IBinOutputStream::writeSlowly(void const* buffer, unsigned int size, unsigned int& written) {
+    written = 0;
+    if (!isWriteBufferSound()) {
+        reportNoBuffer(SOURCE);
+        return -1;
+    }
+    if (checkWriteBufferConsistency()) {
+        return -1;
+    }
+    auto const* const source = static_cast<unsigned char const*>(buffer);
+    bool const bypass = size >= m_buffer_size;
+    if (bypass || size > m_buffer_size - (m_end - m_pos)) {
+        if (passBufferOn()) {
+            return -1;
+        }
+        // Behind bytes that a non-blocking sink did not take nothing may overtake.
+        if (bypass && m_pos == m_end && passOn(source, size, written)) {
+            return -1;
+        }
+    }
+    written += keep(source + written, size - written);
+    return 1;
+}
+
+bool IBinOutputStream::flush(bool buffer_only) {
+    if (!isWriteBufferSound()) {
+        reportNoBuffer(SOURCE);
+        return true;
+    }
+    // With nothing to pass on the other direction is none of its business: its read-ahead stays.
+    if (m_pos != m_end) {
+        if (checkWriteBufferConsistency() || passBufferOn()) {
+            return true;
+        }
+        if (m_pos != m_end) {
+            ErrorOutput(SOURCE, __LINE__, true)(StreamError, 1);
+            return true;
+        }
+    }
+    return !buffer_only && performFlush();
+}
+
+} // namespace std

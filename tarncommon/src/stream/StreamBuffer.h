@@ -1,0 +1,30 @@
+#pragma once
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorOutput.h>
+#include <tarncommon/stream/IBinStreamBase.h>
+
+#include <new>
+
+namespace std::stream_detail {
+
+/// The buffer of one direction. Null for a size of 0, and after a report without memory.
+inline unsigned char*
+makeBuffer(char const* source, unsigned int size, int line = __builtin_LINE()) noexcept {
+    if (size == 0) {
+        return nullptr;
+    }
+    unsigned char* const buffer = new (nothrow) unsigned char[size];
+    if (buffer == nullptr) {
+        ErrorOutput(source, line, true)(CommonError, 0);
+    }
+    return buffer;
+}
+
+/// Reports that an operation finds no buffer, from its cause up.
+inline void reportNoBuffer(char const* source, int line = __builtin_LINE()) noexcept {
+    ErrorOutput(source, line, true)(CommonError, 0);
+    ErrorOutput(source, line, false)(IBinStreamBase::StreamError, 0);
+}
+
+} // namespace std::stream_detail

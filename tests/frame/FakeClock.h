@@ -1,0 +1,68 @@
+#pragma once
+
+#include "support/Inject.h"
+
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+#include <pthread.h>
+
+/// Replaces `clock_gettime`. Include it in one file of a test program. `support::Fault` on `inject_clock_gettime` counts
+/// and fails its calls; a `FakeClock` says what it tells.
+
+inline support::Injected inject_clock_gettime("clock_gettime");
+
+namespace support {
+
+/// While it lives, every clock stands still in the thread that made it, at the moment that the test sets. One at a time.
+class FakeClock {
+public:
+    FakeClock(time_t seconds, long nanoseconds) noexcept {
+        set(seconds, nanoseconds);
+        s_thread = pthread_self();
+        s_active = true;
+    }
+    ~FakeClock() { s_active = false; }
+
+    FakeClock(FakeClock const&) = delete;
+    FakeClock& operator=(FakeClock const&) = delete;
+
+    void set(time_t seconds, long nanoseconds) noexcept {
+        s_seconds = seconds;
+        s_nanoseconds = nanoseconds;
+    }
+
+    /// Which clock was read last.
+    clockid_t getClock() const noexcept { return s_clock; }
+
+    VESK_UNWATCHED static bool read(clockid_t clock, timespec* time) noexcept {
+        if (!s_active || pthread_equal(s_thread, pthread_self()) == 0) {
+            return false;
+        }
+        s_clock = clock;
+        time->tv_sec = s_seconds;
+        time->tv_nsec = s_nanoseconds;
+        return true;
+    }
+
+private:
+    static inline std::atomic<bool> s_active{false};
+    static inline pthread_t s_thread{};
+    static inline std::atomic<time_t> s_seconds{0};
+    static inline std::atomic<long> s_nanoseconds{0};
+    static inline std::atomic<clockid_t> s_clock{0};
+};
+
+} // namespace support
+
+extern "C" VESK_UNWATCHED int clock_gettime(clockid_t clock, timespec* time) {
+    int error = 0;
+    if (inject_clock_gettime.fails(error)) {
+        errno = error;
+        return -1;
+    }
+    if (support::FakeClock::read(clock, time)) {
+        return 0;
+    }
+    return reinterpret_cast<int (*)(clockid_t, timespec*)>(inject_clock_gettime.getReal())(clock, time);
+}

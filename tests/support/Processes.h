@@ -1,0 +1,121 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <sched.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+
+/// What tests of memory between processes need.
+
+namespace support {
+
+/// An object in memory of its own that forked children share with the test.
+template <typename T>
+class SharedObject {
+public:
+    template <typename... Args>
+    explicit SharedObject(Args&&... args)
+        : m_memory(mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
+        if (m_memory == MAP_FAILED) {
+            throw std::bad_alloc();
+        }
+        m_object = new (m_memory) T(std::forward<Args>(args)...);
+    }
+    ~SharedObject() {
+        m_object->~T();
+        munmap(m_memory, sizeof(T));
+    }
+
+    SharedObject(SharedObject const&) = delete;
+    SharedObject& operator=(SharedObject const&) = delete;
+
+    T& operator*() const noexcept { return *m_object; }
+    T* operator->() const noexcept { return m_object; }
+
+private:
+    void* m_memory;
+    T* m_object;
+};
+
+/// A forked child that runs `body` beside the test. It exits with 0, or with 1 if an expectation failed in it, and is
+/// ended by SIGALRM after a minute. Its destructor kills one that is still there.
+class Process {
+public:
+    template <typename Body>
+    explicit Process(Body&& body) {
+        fflush(nullptr);
+        m_pid = fork();
+        if (m_pid == 0) {
+            alarm(60);
+            body();
+            fflush(nullptr);
+            _exit(testing::Test::HasFailure() ? 1 : 0);
+        }
+    }
+    Process(Process&& other) noexcept : m_pid(std::exchange(other.m_pid, -1)) {}
+    Process& operator=(Process&&) = delete;
+    ~Process() { kill(); }
+
+    pid_t getId() const noexcept { return m_pid; }
+
+    /// Waits for its end and gives its exit code; -1 if a signal ended it.
+    int join() noexcept {
+        int status = 0;
+        while (m_pid > 0 && waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {}
+        bool const exited = m_pid > 0 && WIFEXITED(status);
+        m_pid = -1;
+        return exited ? WEXITSTATUS(status) : -1;
+    }
+
+    /// Ends it as hard as can be, wherever it is.
+    void kill() noexcept {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            join();
+        }
+    }
+
+private:
+    pid_t m_pid = -1;
+};
+
+/// One field of a thread's line in /proc, counted from 1 as proc(5) does; 3 is the state. Empty if the thread is gone.
+inline std::string threadField(pid_t process, pid_t thread, int field) {
+    std::string const path = "/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/stat";
+    FILE* const file = fopen(path.c_str(), "re");
+    if (file == nullptr) {
+        return {};
+    }
+    char line[1024];
+    size_t const length = fread(line, 1, sizeof line - 1, file);
+    fclose(file);
+    line[length] = '\0';
+    char const* at = strrchr(line, ')'); // The name before it may hold anything.
+    for (int i = 2; at != nullptr && i < field; ++i) {
+        at = strchr(at + 1, ' ');
+    }
+    return at == nullptr ? std::string() : std::string(at + 1, strcspn(at + 1, " \n"));
+}
+
+/// Gives way until a thread sleeps in the kernel: the way to see that it has come to wait for something, when it says
+/// beforehand that it is about to. Use only where nothing else makes it sleep on its way.
+inline void waitUntilAsleep(pid_t process, pid_t thread) {
+    for (;;) {
+        std::string const state = threadField(process, thread, 3);
+        if (state.empty() || state == "S") {
+            return;
+        }
+        sched_yield();
+    }
+}
+
+} // namespace support

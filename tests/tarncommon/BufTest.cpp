@@ -1,0 +1,217 @@
+#include "support/Chain.h"
+#include "support/NewFault.h"
+
+#include <tarncommon/Buf.h>
+#include <tarncommon/error/CommonError.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+namespace {
+
+using std::Buf;
+using std::CommonError;
+using support::chainIs;
+using support::New;
+using support::NewFault;
+
+/// Knows what it gave, fills it with rubbish, and can be told to give nothing.
+class TestAllocator final : public Buf::Allocator {
+public:
+    ~TestAllocator() { EXPECT_TRUE(m_given.empty()) << "every block comes back"; }
+
+    void* allocate(unsigned int size) const noexcept override {
+        ++m_calls;
+        if (m_fails) {
+            return nullptr;
+        }
+        void* const memory = malloc(size);
+        memset(memory, 0xA5, size);
+        m_given[memory] = size;
+        return memory;
+    }
+
+    void release(void* memory, unsigned int size) const noexcept override {
+        EXPECT_EQ(1U, m_given.count(memory));
+        EXPECT_EQ(m_given[memory], size);
+        m_given.erase(memory);
+        free(memory);
+    }
+
+    void setFailing(bool fails) { m_fails = fails; }
+    int getCalls() const { return m_calls; }
+    size_t getGiven() const { return m_given.size(); }
+
+private:
+    mutable std::map<void*, unsigned int> m_given;
+    mutable int m_calls = 0;
+    bool m_fails = false;
+};
+
+Buf makeBuf(char const* text, Buf::Allocator const& allocator = Buf::DEFAULT_ALLOCATOR) {
+    Buf result(static_cast<unsigned int>(strlen(text)), allocator);
+    memcpy(result.data, text, strlen(text));
+    return result;
+}
+
+std::string getText(Buf const& buf) {
+    return buf.getSize() == 0 ? std::string()
+                              : std::string(reinterpret_cast<char const*>(buf.data), buf.getSize());
+}
+
+// Made before main, from the one allocator that must be there by then.
+Buf const early = makeBuf("early");
+
+TEST(Buf, canBeMadeInAnyInitialiser) {
+    EXPECT_TRUE(early.isValid());
+    EXPECT_EQ("early", getText(early));
+}
+
+TEST(Buf, hasTheBytesThatWereAskedForAndTheyAreZero) {
+    TestAllocator const allocator;
+    Buf const buf(300, allocator);
+    EXPECT_TRUE(buf.isValid());
+    ASSERT_EQ(300U, buf.getSize());
+    EXPECT_EQ(std::string(300, '\0'), getText(buf));
+    EXPECT_EQ(1, allocator.getCalls());
+}
+
+TEST(Buf, ofSizeZeroIsValidAndAsksForNothing) {
+    TestAllocator const allocator;
+    Buf const buf(0, allocator);
+    EXPECT_TRUE(buf.isValid());
+    EXPECT_EQ(0U, buf.getSize());
+    EXPECT_EQ(nullptr, buf.data);
+    Buf const copy(buf);
+    EXPECT_TRUE(copy.isValid());
+    EXPECT_EQ(nullptr, copy.data);
+    EXPECT_EQ(0, allocator.getCalls());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST(Buf, givesItsBytesBack) {
+    TestAllocator const allocator;
+    {
+        Buf const buf(7, allocator);
+        EXPECT_EQ(1U, allocator.getGiven());
+    }
+    EXPECT_EQ(0U, allocator.getGiven());
+}
+
+TEST(Buf, copyHasBytesOfItsOwn) {
+    TestAllocator const allocator;
+    Buf original = makeBuf("abc", allocator);
+    Buf copy(original);
+    EXPECT_NE(original.data, copy.data);
+    EXPECT_EQ("abc", getText(copy));
+    copy.data[0] = 'X';
+    EXPECT_EQ("abc", getText(original));
+    original.data[1] = 'Y';
+    EXPECT_EQ("Xbc", getText(copy));
+    EXPECT_EQ(2U, allocator.getGiven());
+}
+
+TEST(Buf, assignmentCopiesAndGivesTheOldBytesBackWhereTheyCameFrom) {
+    TestAllocator const one;
+    TestAllocator const other;
+    Buf buf = makeBuf("old bytes", one);
+    Buf const source = makeBuf("new", other);
+    buf = source;
+    EXPECT_EQ("new", getText(buf));
+    EXPECT_NE(source.data, buf.data);
+    EXPECT_EQ(0U, one.getGiven());
+    EXPECT_EQ(2U, other.getGiven());
+}
+
+TEST(Buf, assignmentToItselfChangesNothing) {
+    Buf buf = makeBuf("same");
+    unsigned char const* const data = buf.data;
+    Buf& alias = buf;
+    buf = alias;
+    EXPECT_EQ("same", getText(buf));
+    buf = std::move(alias);
+    EXPECT_EQ("same", getText(buf));
+    EXPECT_EQ(data, buf.data);
+}
+
+TEST(Buf, movingTakesTheBytesOverAndLeavesAnEmptyBlock) {
+    TestAllocator const allocator;
+    Buf source = makeBuf("abc", allocator);
+    unsigned char const* const data = source.data;
+    Buf target(std::move(source));
+    EXPECT_EQ(data, target.data);
+    EXPECT_EQ("abc", getText(target));
+    EXPECT_TRUE(source.isValid());
+    EXPECT_EQ(0U, source.getSize());
+    EXPECT_EQ(nullptr, source.data);
+    Buf assigned(5, allocator);
+    assigned = std::move(target);
+    EXPECT_EQ(data, assigned.data);
+    EXPECT_EQ(0U, target.getSize());
+    EXPECT_EQ(1U, allocator.getGiven());
+    EXPECT_TRUE(std::is_nothrow_move_constructible_v<Buf>);
+    EXPECT_TRUE(std::is_nothrow_move_assignable_v<Buf>);
+}
+
+TEST(Buf, withoutMemoryIsInvalidAndReported) {
+    TestAllocator allocator;
+    allocator.setFailing(true);
+    Buf const buf(10, allocator);
+    EXPECT_FALSE(buf.isValid());
+    EXPECT_EQ(nullptr, buf.data);
+    EXPECT_EQ(0U, buf.getSize());
+    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+}
+
+TEST(Buf, heapWithoutMemoryIsReportedToo) {
+    NewFault const fault(New::NOTHROW_SINGLE, 1, NewFault::FOREVER);
+    Buf const buf(10);
+    EXPECT_FALSE(buf.isValid());
+    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+}
+
+TEST(Buf, copyWithoutMemoryIsInvalidAndTheSourceIsNot) {
+    TestAllocator allocator;
+    Buf const source = makeBuf("abc", allocator);
+    Buf target = makeBuf("old", allocator);
+    allocator.setFailing(true);
+    Buf const copy(source);
+    EXPECT_FALSE(copy.isValid());
+    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    target = source;
+    EXPECT_FALSE(target.isValid());
+    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_EQ("abc", getText(source));
+    EXPECT_EQ(1U, allocator.getGiven());
+}
+
+TEST(Buf, copyOfAnInvalidBlockIsInvalidWithoutAReport) {
+    TestAllocator allocator;
+    allocator.setFailing(true);
+    Buf const invalid(10, allocator);
+    ASSERT_TRUE(chainIs({{CommonError, 0}}));
+    allocator.setFailing(false);
+    Buf const copy(invalid);
+    EXPECT_FALSE(copy.isValid());
+    EXPECT_EQ(0U, copy.getSize());
+    EXPECT_EQ(1, allocator.getCalls());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST(Buf, blocksCompareByTheirBytes) {
+    TestAllocator const allocator;
+    Buf const abc = makeBuf("abc");
+    EXPECT_TRUE(abc == makeBuf("abc", allocator));
+    EXPECT_FALSE(abc != makeBuf("abc", allocator));
+    EXPECT_TRUE(abc != makeBuf("abd"));
+    EXPECT_TRUE(abc != makeBuf("ab"));
+    EXPECT_TRUE(Buf(0) == Buf(0, allocator));
+}
+
+} // namespace
