@@ -37,8 +37,7 @@ private:
     std::atomic<bool> m_armed{false};
     std::atomic<int> m_calls{0};
     pthread_t m_thread{};
-    bool m_counts_mine = true;
-    bool m_counts_others = false;
+    bool m_every_thread = false;
     int m_error = 0;
     int m_first = 0;
     int m_last = 0;
@@ -49,7 +48,7 @@ class Fault {
 public:
     static constexpr int FOREVER = 1 << 30;
 
-    enum class Threads { MINE, OTHERS, ALL };
+    enum class Threads { MINE, ALL };
 
     /// @param error    the number to fail with; 0 only counts the calls
     /// @param nth      the first call to fail, counted from 1

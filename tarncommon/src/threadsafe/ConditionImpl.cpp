@@ -40,11 +40,11 @@ ConditionImpl::~ConditionImpl() {
     }
 }
 
-int ConditionImpl::wait() {
+int ConditionImpl::wait() noexcept {
     return classify(pthread_cond_wait(&m_condition, m_mutex));
 }
 
-int ConditionImpl::wait_timeout(tarnbase::TimePoint const& deadline) {
+int ConditionImpl::wait_timeout(tarnbase::TimePoint const& deadline) noexcept {
     if (deadline == tarnbase::TimePoint::MAX) {
         return wait();
     }

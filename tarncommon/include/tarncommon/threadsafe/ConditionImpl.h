@@ -20,8 +20,7 @@ public:
 
 /// A condition between the threads of one process, bound to one mutex for its whole life. Its clock is that of
 /// `tarnbase::TimePoint`, so setting the date disturbs no wait. It makes no reports; `errno` holds the system's number
-/// behind a failure. Its waits are cancellation points: the unwinding of a cancelled thread leaves them with the mutex
-/// held, which is for a guard around the wait to let go of.
+/// behind a failure.
 class TARN_API ConditionImpl : public ConditionBase, private tarnbase::NonCopyable {
 public:
     /// Creates the condition; a failure ends the process through `GlobalErrorHandler::doAbort`. `mutex` must outlive it.
@@ -29,10 +28,10 @@ public:
     ~ConditionImpl();
 
     /// Waits, with the mutex held by the caller. 0 on wake-up, which may be spurious; other values are failures.
-    int wait();
+    int wait() noexcept;
 
     /// Waits until the deadline at most; `TimePoint::MAX` is none. 0 on wake-up, `TIMEOUT`, other values are failures.
-    int wait_timeout(tarnbase::TimePoint const& deadline);
+    int wait_timeout(tarnbase::TimePoint const& deadline) noexcept;
 
     /// Wakes one waiter, if there is one. 0 done, `ERROR_INCONSISTENCY`, or another failure.
     int signal_one() noexcept;
