@@ -21,7 +21,7 @@ bool Injected::fails(int& error) noexcept {
     if (!m_armed.load(std::memory_order_acquire)) {
         return false;
     }
-    if (!m_every_thread && pthread_equal(m_thread, pthread_self()) == 0) {
+    if (!(pthread_equal(m_thread, pthread_self()) != 0 ? m_counts_mine : m_counts_others)) {
         return false;
     }
     int const call = ++m_calls;
@@ -33,7 +33,8 @@ Fault::Fault(Injected& function, int error, int nth, int times, Threads threads)
     : m_function(function) {
     m_function.m_calls = 0;
     m_function.m_thread = pthread_self();
-    m_function.m_every_thread = threads == Threads::ALL;
+    m_function.m_counts_mine = threads != Threads::OTHERS;
+    m_function.m_counts_others = threads != Threads::MINE;
     m_function.m_error = error;
     m_function.m_first = nth;
     m_function.m_last = times == FOREVER ? FOREVER : nth + times - 1;

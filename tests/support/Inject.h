@@ -37,7 +37,8 @@ private:
     std::atomic<bool> m_armed{false};
     std::atomic<int> m_calls{0};
     pthread_t m_thread{};
-    bool m_every_thread = false;
+    bool m_counts_mine = true;
+    bool m_counts_others = false;
     int m_error = 0;
     int m_first = 0;
     int m_last = 0;
@@ -48,7 +49,7 @@ class Fault {
 public:
     static constexpr int FOREVER = 1 << 30;
 
-    enum class Threads { MINE, ALL };
+    enum class Threads { MINE, OTHERS, ALL };
 
     /// @param error    the number to fail with; 0 only counts the calls
     /// @param nth      the first call to fail, counted from 1

@@ -21,7 +21,8 @@ namespace vesk {
 ///         if (condition.wait(mutex)) { ... }
 ///     }
 ///
-/// All operations may be called from any thread. Destroying it while somebody waits is not allowed.
+/// All operations may be called from any thread. Destroying it while somebody waits is not allowed. Waits are
+/// cancellation points: a cancelled thread is unwound from them with the mutex held, and its `MutexLock` lets go of it.
 class VESK_API Condition : private tarnbase::NonCopyable {
 public:
     /// Failures of conditions that lie in shared memory; this class reports rows of `SysError`. Derives from it.

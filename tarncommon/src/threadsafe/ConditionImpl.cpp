@@ -40,11 +40,11 @@ ConditionImpl::~ConditionImpl() {
     }
 }
 
-int ConditionImpl::wait() noexcept {
+int ConditionImpl::wait() {
     return classify(pthread_cond_wait(&m_condition, m_mutex));
 }
 
-int ConditionImpl::wait_timeout(tarnbase::TimePoint const& deadline) noexcept {
+int ConditionImpl::wait_timeout(tarnbase::TimePoint const& deadline) {
     if (deadline == tarnbase::TimePoint::MAX) {
         return wait();
     }

@@ -37,6 +37,7 @@ constexpr Step STEPS[] = {
     [](Vesk& vesk) { return vesk.preInit(); },
     [](Vesk&) { return CalendarTime::init(); },
     [](Vesk&) { return Time::init(); },
+    [](Vesk&) { return Thread::init(); },
     [](Vesk& vesk) { return vesk.postInit(); },
 };
 

@@ -4,14 +4,14 @@
 
 namespace vesk::detail {
 
-Outcome classify(Place place, ErrnoTable table, int error, char const* detail) noexcept {
+Outcome classify(Place place, ErrnoTable table, int error, char const* detail, Chain chain) noexcept {
     for (size_t i = 0; i < table.count; ++i) {
         ErrnoRow const& row = table.rows[i];
         if (!row.errnos.has(error)) {
             continue;
         }
         if (row.cause.family != nullptr) {
-            report(place, Chain::NEW, *row.cause.family, row.cause.id, SystemErrorText(error).get());
+            report(place, chain, *row.cause.family, row.cause.id, SystemErrorText(error).get());
         }
         if (row.on_top.family != nullptr) {
             report(place, Chain::ON_TOP, *row.on_top.family, row.on_top.id, detail);

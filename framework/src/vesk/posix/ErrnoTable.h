@@ -68,10 +68,12 @@ struct ErrnoTable {
     size_t count;
 };
 
-/// Walks a table to the row of `error`, makes its reports and gives its outcome. The cause opens a chain and takes the
-/// system's text, the report on top of it takes `detail`, for example a path. A number that no row has gives `FAILED`
-/// without a report, which only an incomplete table lets happen.
-Outcome classify(Place place, ErrnoTable table, int error, char const* detail = nullptr) noexcept;
+/// Walks a table to the row of `error`, makes its reports and gives its outcome. The cause takes the system's text and
+/// opens a chain, unless `chain` says otherwise; the report on top of it takes `detail`, for example a path. A number
+/// that no row has gives `FAILED` without a report, which only an incomplete table lets happen.
+Outcome classify(
+    Place place, ErrnoTable table, int error, char const* detail = nullptr,
+    Chain chain = Chain::NEW) noexcept;
 
 /// The same for a call that returned its number, as the `pthread_*` functions do: the number goes into `errno` first,
 /// where callers look for what a report's text was made of.

@@ -20,7 +20,8 @@ public:
 
 /// A condition between the threads of one process, bound to one mutex for its whole life. Its clock is that of
 /// `tarnbase::TimePoint`, so setting the date disturbs no wait. It makes no reports; `errno` holds the system's number
-/// behind a failure.
+/// behind a failure. Its waits are cancellation points: the unwinding of a cancelled thread leaves them with the mutex
+/// held, which is for a guard around the wait to let go of.
 class TARN_API ConditionImpl : public ConditionBase, private tarnbase::NonCopyable {
 public:
     /// Creates the condition; a failure ends the process through `GlobalErrorHandler::doAbort`. `mutex` must outlive it.
@@ -28,10 +29,10 @@ public:
     ~ConditionImpl();
 
     /// Waits, with the mutex held by the caller. 0 on wake-up, which may be spurious; other values are failures.
-    int wait() noexcept;
+    int wait();
 
     /// Waits until the deadline at most; `TimePoint::MAX` is none. 0 on wake-up, `TIMEOUT`, other values are failures.
-    int wait_timeout(tarnbase::TimePoint const& deadline) noexcept;
+    int wait_timeout(tarnbase::TimePoint const& deadline);
 
     /// Wakes one waiter, if there is one. 0 done, `ERROR_INCONSISTENCY`, or another failure.
     int signal_one() noexcept;

@@ -1,0 +1,41 @@
+#include "ThreadLink.h"
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <new>
+
+namespace vesk::detail {
+
+ThreadLink& ThreadLink::make() {
+    for (;;) {
+        if (auto* const link = new (std::nothrow) ThreadLink) {
+            return *link;
+        }
+        std::GlobalErrorHandler::doOutOfMem(
+            THREAD_SOURCE, __LINE__, "Thread", "cannot allocate what thread and object share");
+    }
+}
+
+void ThreadLink::leaveThread() {
+    {
+        Lock const lock(m_lock, THREAD_SOURCE, "threadWrapper");
+        m_gone = true;
+    }
+    release();
+}
+
+bool ThreadLink::claimEnd() {
+    Lock const lock(m_lock, THREAD_SOURCE, "threadWrapper");
+    if (m_end == End::OPEN) {
+        m_end = End::BY_THREAD;
+    }
+    return m_end == End::BY_THREAD;
+}
+
+void ThreadLink::release() noexcept {
+    if (m_sides.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        delete this;
+    }
+}
+
+} // namespace vesk::detail

@@ -1,0 +1,205 @@
+#include "support/Chain.h"
+#include "support/Inject.h"
+#include "threads/ThreadSupport.h"
+
+#include <vesk/SysError.h>
+#include <vesk/Thread.h>
+#include <vesk/Vesk.h>
+
+#include <tarncommon/error/ErrorOutput.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <pthread.h>
+#include <sched.h>
+#include <vector>
+
+VESK_INJECT_RESULT(
+    pthread_setaffinity_np, (pthread_t thread, size_t size, cpu_set_t const* set), (thread, size, set))
+VESK_INJECT_RESULT(
+    pthread_getaffinity_np, (pthread_t thread, size_t size, cpu_set_t* set), (thread, size, set))
+
+namespace {
+
+using support::chainIs;
+using support::Event;
+using support::Fault;
+using support::rowText;
+using support::systemText;
+using vesk::SysError;
+using vesk::Thread;
+
+using Processors = std::vector<bool>;
+
+/// A thread in its body, as long as the test wants it.
+class ThreadAffinity : public support::ThreadsGone {
+protected:
+    void SetUp() override {
+        EXPECT_FALSE(m_thread.start());
+        EXPECT_TRUE(m_ready.wait());
+    }
+    void TearDown() override {
+        m_go.set();
+        EXPECT_FALSE(m_thread.join());
+        support::ThreadsGone::TearDown();
+    }
+
+    /// As the system sees it.
+    cpu_set_t readSet() const {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        EXPECT_EQ(0, pthread_getaffinity_np(m_thread.getThreadId().getValue(), sizeof set, &set));
+        return set;
+    }
+    Processors read() const {
+        cpu_set_t const set = readSet();
+        Processors processors(m_count);
+        for (size_t i = 0; i < m_count; ++i) {
+            processors[i] = CPU_ISSET(i, &set);
+        }
+        return processors;
+    }
+
+    /// The number of a processor on which this process may run.
+    size_t getUsable() const {
+        Processors const processors = read();
+        size_t usable = 0;
+        while (usable + 1 < m_count && !processors[usable]) {
+            ++usable;
+        }
+        return usable;
+    }
+
+    size_t m_count = vesk::Vesk::s_sys_info.processor_count;
+    Event m_ready;
+    Event m_go;
+    Thread m_thread{
+        [](void* self) {
+            static_cast<ThreadAffinity*>(self)->m_ready.set();
+            EXPECT_TRUE(static_cast<ThreadAffinity*>(self)->m_go.wait());
+        },
+        this};
+};
+
+TEST_F(ThreadAffinity, isSetAndRead) {
+    size_t const usable = getUsable();
+    Processors one(m_count);
+    one[usable] = true;
+    EXPECT_FALSE(m_thread.setCPUAffinity(one));
+    EXPECT_EQ(one, read());
+    Processors got;
+    EXPECT_FALSE(m_thread.getCPUAffinity(got));
+    EXPECT_EQ(one, got);
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_F(ThreadAffinity, vectorUpToTheProcessorIsEnough) {
+    size_t const usable = getUsable();
+    Processors processors(usable + 1);
+    processors[usable] = true;
+    EXPECT_FALSE(m_thread.setCPUAffinity(processors));
+    cpu_set_t const set = readSet();
+    EXPECT_EQ(1, CPU_COUNT(&set));
+    EXPECT_TRUE(CPU_ISSET(usable, &set));
+}
+
+TEST_F(ThreadAffinity, ofOthersStaysAsItIs) {
+    cpu_set_t before;
+    ASSERT_EQ(0, pthread_getaffinity_np(pthread_self(), sizeof before, &before));
+    Processors one(getUsable() + 1);
+    one.back() = true;
+    EXPECT_FALSE(m_thread.setCPUAffinity(one));
+    cpu_set_t after;
+    ASSERT_EQ(0, pthread_getaffinity_np(pthread_self(), sizeof after, &after));
+    EXPECT_TRUE(CPU_EQUAL(&before, &after));
+}
+
+TEST_F(ThreadAffinity, emptyVectorAllowsAllProcessors) {
+    Processors const before = read();
+    Processors one(getUsable() + 1);
+    one.back() = true;
+    EXPECT_FALSE(m_thread.setCPUAffinity(one));
+    EXPECT_FALSE(m_thread.setCPUAffinity({}));
+    EXPECT_EQ(before, read());
+    Processors got;
+    EXPECT_FALSE(m_thread.getCPUAffinity(got));
+    EXPECT_EQ(before, got);
+}
+
+TEST_F(ThreadAffinity, vectorOfOnlyFalseEntriesChangesNothing) {
+    Processors const before = read();
+    Fault const calls(inject_pthread_setaffinity_np, EINVAL);
+    EXPECT_FALSE(m_thread.setCPUAffinity(Processors(1)));
+    EXPECT_FALSE(m_thread.setCPUAffinity(Processors(m_count)));
+    EXPECT_FALSE(m_thread.setCPUAffinity(Processors(5000)));
+    EXPECT_EQ(0, calls.getCalls());
+    EXPECT_EQ(before, read());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_F(ThreadAffinity, entriesFrom1024OnAreIgnored) {
+    Processors processors(2000);
+    processors[1024] = true;
+    processors[1999] = true;
+    Processors const before = read();
+    {
+        Fault const calls(inject_pthread_setaffinity_np, EINVAL);
+        EXPECT_FALSE(m_thread.setCPUAffinity(processors)) << "nothing is left";
+        EXPECT_EQ(0, calls.getCalls());
+    }
+    EXPECT_EQ(before, read());
+    size_t const usable = getUsable();
+    processors[usable] = true;
+    EXPECT_FALSE(m_thread.setCPUAffinity(processors));
+    cpu_set_t const set = readSet();
+    EXPECT_EQ(1, CPU_COUNT(&set));
+    EXPECT_TRUE(CPU_ISSET(usable, &set));
+}
+
+TEST_F(ThreadAffinity, entriesBeyondTheMachineAreTheSystemsToIgnore) {
+    size_t const usable = getUsable();
+    Processors processors(1024, true);
+    EXPECT_FALSE(m_thread.setCPUAffinity(processors));
+    EXPECT_TRUE(read()[usable]);
+    Processors none_of_them(1024);
+    none_of_them[1023] = true;
+    if (m_count < 1024) {
+        EXPECT_TRUE(m_thread.setCPUAffinity(none_of_them));
+        EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EINVAL))}}));
+    }
+}
+
+TEST_F(ThreadAffinity, readingItResizesTheVector) {
+    for (size_t const size : {size_t{0}, size_t{1}, m_count, m_count + 1, size_t{3000}}) {
+        Processors processors(size, true);
+        EXPECT_FALSE(m_thread.getCPUAffinity(processors));
+        EXPECT_EQ(m_count, processors.size());
+        EXPECT_EQ(read(), processors);
+    }
+}
+
+class ThreadAffinityErrors : public ThreadAffinity, public testing::WithParamInterface<int> {};
+
+INSTANTIATE_TEST_SUITE_P(All, ThreadAffinityErrors, testing::Values(EINVAL, ESRCH, EPERM, EFAULT));
+
+TEST_P(ThreadAffinityErrors, areUnclassified) {
+    Processors const before = read();
+    std::ErrorOutput("older", 1, true)(SysError, 18);
+    {
+        Fault const fault(inject_pthread_setaffinity_np, GetParam());
+        EXPECT_TRUE(m_thread.setCPUAffinity({}));
+    }
+    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam()))}}));
+    EXPECT_EQ(before, read());
+    std::ErrorOutput("older", 1, true)(SysError, 18);
+    Processors processors(7, true);
+    {
+        Fault const fault(inject_pthread_getaffinity_np, GetParam());
+        EXPECT_TRUE(m_thread.getCPUAffinity(processors));
+    }
+    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam()))}}));
+    EXPECT_EQ(Processors(7, true), processors) << "left as it was";
+}
+
+} // namespace
