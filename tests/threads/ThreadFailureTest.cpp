@@ -113,6 +113,7 @@ using support::ExpectedReport;
 using support::Fault;
 using support::Injected;
 using support::rowText;
+using support::SetAtEnd;
 using support::systemText;
 using support::waitForCancellation;
 using vesk::Mutex;
@@ -580,6 +581,11 @@ protected:
         g_exits = 0;
     }
 
+    void TearDown() override {
+        EXPECT_TRUE(m_left.wait());
+        ThreadFailure::TearDown();
+    }
+
     void start(Thread& thread) {
         EXPECT_FALSE(thread.start());
         EXPECT_TRUE(m_ready.wait());
@@ -587,7 +593,9 @@ protected:
 
     Event m_ready;
     Event m_go;
+    Event m_left;
     Body m_body = [this] {
+        SetAtEnd const end(m_left);
         Thread::registerExitHandler([](Thread::ThreadId const&, Thread::ExitReason) { ++g_exits; });
         m_ready.set();
         EXPECT_TRUE(m_go.wait());
@@ -611,28 +619,31 @@ TEST_F(ThreadTerminateFailure, toLockLeavesTheThreadAlone) {
     EXPECT_EQ(1, g_exits);
 }
 
-TEST_F(ThreadTerminateFailure, toCancelLeavesTheThreadToBeJoined) {
-    for (int const error : {ESRCH, EPERM}) {
-        makeOlder();
-        Thread thread(run, &m_body);
-        start(thread);
-        {
-            Fault const detaches(inject_pthread_detach, 0);
-            Fault const fault(inject_pthread_cancel, error);
-            EXPECT_TRUE(thread.terminate());
-            EXPECT_EQ(0, detaches.getCalls());
-        }
-        EXPECT_TRUE(chainIs({OLDER, failed(5, error)})) << "on top of what is pending";
-        {
-            Fault const fault(inject_pthread_cancel, error);
-            EXPECT_TRUE(thread.terminate());
-        }
-        EXPECT_TRUE(chainIs({failed(5, error)})) << "alone where nothing is";
-        EXPECT_EQ(Thread::RUNNING, thread.getThreadState());
-        m_go.set();
-        EXPECT_FALSE(thread.join());
+class ThreadCancelErrors : public ThreadTerminateFailure, public testing::WithParamInterface<int> {};
+
+INSTANTIATE_TEST_SUITE_P(All, ThreadCancelErrors, testing::Values(ESRCH, EPERM));
+
+TEST_P(ThreadCancelErrors, leaveTheThreadToBeJoined) {
+    int const error = GetParam();
+    Thread thread(run, &m_body);
+    start(thread);
+    makeOlder();
+    {
+        Fault const detaches(inject_pthread_detach, 0);
+        Fault const fault(inject_pthread_cancel, error);
+        EXPECT_TRUE(thread.terminate());
+        EXPECT_EQ(0, detaches.getCalls());
     }
-    EXPECT_EQ(2, g_exits) << "the end of the body is the end of the thread";
+    EXPECT_TRUE(chainIs({OLDER, failed(5, error)})) << "on top of what is pending";
+    {
+        Fault const fault(inject_pthread_cancel, error);
+        EXPECT_TRUE(thread.terminate());
+    }
+    EXPECT_TRUE(chainIs({failed(5, error)})) << "alone where nothing is";
+    EXPECT_EQ(Thread::RUNNING, thread.getThreadState());
+    m_go.set();
+    EXPECT_FALSE(thread.join());
+    EXPECT_EQ(1, g_exits) << "the end of the body is the end of the thread";
 }
 
 TEST_F(ThreadTerminateFailure, toDetachIsIgnored) {
@@ -868,21 +879,15 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(ThreadFailure, waitsOfTheDestructorThatFailAreFatalAndRepeated) {
     EventRecorder const recorder;
     int seen = 0;
-    // Whether the destructor has to wait is a matter of who is faster, so this takes some rounds.
+    // Whether the destructor has to wait is a matter of who is faster, so this may take some rounds.
     for (int round = 0; round < 2000 && seen == 0; ++round) {
-        std::atomic<int> runs{0};
-        Body body = [&runs] { ++runs; };
-        {
-            Thread thread(run, &body, nullptr, Attr(), true);
-            if (round % 2 == 0) {
-                EXPECT_FALSE(thread.start());
-            }
-            Fault const fault(inject_pthread_cond_wait, EAGAIN);
-            thread.~Thread();
-            new (&thread) Thread(doNothing, nullptr);
-            seen += fault.getCalls() > 1 ? 1 : 0;
+        auto thread = std::make_unique<Thread>(doNothing, nullptr, nullptr, Attr(), true);
+        if (round % 2 == 0) {
+            EXPECT_FALSE(thread->start());
         }
-        EXPECT_TRUE(eventually([this] { return areThreadsGone(); }));
+        Fault const fault(inject_pthread_cond_wait, EAGAIN);
+        thread.reset();
+        seen += fault.getCalls() > 1 ? 1 : 0;
     }
     ASSERT_EQ(1, seen);
     EXPECT_EQ(aborted("~Thread", "wait failed"), recorder.getText());

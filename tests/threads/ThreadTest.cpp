@@ -324,6 +324,13 @@ void leaveErrorAndReturnCancelled(void* ready) {
         [] { return static_cast<Thread*>(Thread::s_tls_ctrl_object.get())->getThreadState() == 4; }));
 }
 
+void replaceErrorWhenCancelled(void* ready) {
+    leaveErrorAndReturnCancelled(ready);
+    // Gives up the one before it, which is written out in the middle of a report.
+    std::ErrorOutput("other/file", 34, true)(SysError, 13);
+    waitForCancellation();
+}
+
 struct LeftError {
     char const* name;
     Thread::Function body;
@@ -356,7 +363,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         LeftError{"byReturning", leaveError, false}, LeftError{"byItsOwnExit", leaveErrorAndExit, false},
         LeftError{"whenCancelled", leaveErrorAndWait, true},
-        LeftError{"byReturningAfterItsCancellation", leaveErrorAndReturnCancelled, true}),
+        LeftError{"byReturningAfterItsCancellation", leaveErrorAndReturnCancelled, true},
+        LeftError{"whenReplacedAfterItsCancellation", replaceErrorWhenCancelled, true}),
     [](auto const& row) { return row.param.name; });
 
 // ---- join ----
@@ -476,6 +484,9 @@ TEST_F(ThreadTest, threadThatEndedByItselfIsJoined) {
 }
 
 TEST_F(ThreadTest, joinCanBeCancelledAndLeavesTheThreadToBeJoined) {
+    if (!support::WATCHES_CANCELLED_CALLS) {
+        GTEST_SKIP() << "the thread sanitizer does not know threads that are cancelled in pthread_join";
+    }
     Event go;
     Event joining;
     Event left;
@@ -827,11 +838,16 @@ TEST_F(ThreadTest, fifthExitHandlerFailsAndTheFirstFourStay) {
 
 TEST_F(ThreadTest, exitHandlersOfADetachedOneDoNotRunWhenItsBodyReturns) {
     g_handled.clear();
-    Body body = [] { EXPECT_FALSE(Thread::registerExitHandler(handleExit<1>)); };
+    Event done;
+    Body body = [&done] {
+        EXPECT_FALSE(Thread::registerExitHandler(handleExit<1>));
+        done.set();
+    };
     int const before = support::countThreads();
     {
         Thread thread(run, &body, nullptr, Attr(), true);
         EXPECT_FALSE(thread.start());
+        EXPECT_TRUE(done.wait());
         EXPECT_TRUE(eventually([before] { return support::countThreads() == before; }));
         EXPECT_TRUE(g_handled.empty());
         thread.callExitHandlers(thread.getThreadId(), Thread::EXIT_NORMAL);
