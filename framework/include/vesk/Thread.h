@@ -202,7 +202,8 @@ public:
     /// then no exit handler is called any more. Does not wait for the end.
     ///
     /// @return true on failure: `std::CommonError` 1 in any other state than `RUNNING`, or if the body has returned;
-    ///         `Error` 5 if the lock or the system fails
+    ///         `Error` 5 if the lock or the system fails. A thread that the system refuses to cancel is detached by
+    ///         then, and runs on: it can be terminated again, but not joined
     bool terminate();
 
     /// Registers a handler for the end of the calling thread. Handlers cannot be removed. Those of the main thread, that

@@ -491,13 +491,11 @@ bool Thread::terminate() {
     int error = ThreadLink::TOO_LATE;
     if (getState() == RUNNING) {
         error = m_link.endThread("terminate", [this] {
-            int const cancel_error = pthread_cancel(m_handle);
-            // After the cancellation, so that a thread that cannot be cancelled can still be joined. Who joins it at
-            // this very moment saves the detaching.
-            if (cancel_error == 0 && !m_detached_mode && !m_joining.load(std::memory_order_relaxed)) {
+            // Nobody has to join it after its cancellation. Who joins it at this very moment does what the detaching would.
+            if (!m_detached_mode && !m_joining.load(std::memory_order_relaxed)) {
                 pthread_detach(m_handle);
             }
-            return cancel_error;
+            return pthread_cancel(m_handle);
         });
     }
     if (error == ThreadLink::TOO_LATE) {
