@@ -20,6 +20,9 @@ void startup();
 void time();
 void locks();
 void ownership();
+void threads();
+void events();
+void timers();
 void errors();
 
 } // namespace tour

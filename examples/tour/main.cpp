@@ -7,6 +7,9 @@ int main() {
     tour::time();
     tour::locks();
     tour::ownership();
+    tour::threads();
+    tour::events();
+    tour::timers();
     tour::errors();
     printf("\nThe tour %s.\n", tour::hasFailed() ? "FAILED" : "is complete");
     return tour::hasFailed() ? 1 : 0;
