@@ -1,0 +1,9 @@
+#include <vesk/SignalQueue.h>
+
+namespace vesk {
+
+SignalQueue::~SignalQueue() = default;
+
+SignalQueue::Notifier::~Notifier() = default;
+
+} // namespace vesk

@@ -1,0 +1,121 @@
+#include <vesk/SignalQueueImpl.h>
+
+#include "posix/CancellationOff.h"
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+#include <tarncommon/tarnbase/abort.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace vesk {
+
+using detail::CancellationOff;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/SignalQueueImpl-posix";
+
+} // namespace
+
+SignalQueueImpl::~SignalQueueImpl() = default;
+
+SignalQueueImpl::SelfPipe::SelfPipe() {
+    int ends[2] = {-1, -1};
+    int const result = pipe(ends);
+    read_end = ends[0];
+    write_end = ends[1];
+    if (read_end >= FD_SETSIZE) {
+        // A pipe for which nobody can wait is none.
+        close();
+    }
+    if (result != 0 || !isOpen()) {
+        std::GlobalErrorHandler::doAssert(
+            false, "result==0", SOURCE, __LINE__, "SelfPipe", "couldn't create self-pipe");
+        return;
+    }
+    errno = 0;
+    int const flags = fcntl(write_end, F_GETFL);
+    fcntl(write_end, F_SETFL, (flags < 0 ? 0 : flags) | O_NONBLOCK);
+    if (errno != 0) {
+        std::GlobalErrorHandler::doAssert(
+            false, "errno==0", SOURCE, __LINE__, "SelfPipe", "couldn't configure self-pipe as non-blocking");
+    }
+}
+
+SignalQueueImpl::SelfPipe::~SelfPipe() {
+    close();
+}
+
+void SignalQueueImpl::SelfPipe::close() noexcept {
+    if (!isOpen()) {
+        return;
+    }
+    // The system's close is a cancellation point.
+    CancellationOff const cancellation_off;
+    ::close(read_end);
+    ::close(write_end);
+    read_end = -1;
+    write_end = -1;
+}
+
+ssize_t SignalQueueImpl::SelfPipe::read(void* buffer, unsigned int length) {
+    return ::read(read_end, buffer, length);
+}
+
+ssize_t SignalQueueImpl::SelfPipe::write(void const* buffer, unsigned int length) {
+    return ::write(write_end, buffer, length);
+}
+
+void SignalQueueImpl::SelfPipe::set(fd_set* set, int& highest) const {
+    if (!isOpen()) {
+        return;
+    }
+    FD_SET(read_end, set);
+    if (read_end >= highest) {
+        highest = read_end + 1;
+    }
+}
+
+bool SignalQueueImpl::SelfPipe::is_set(fd_set const* set) const {
+    return isOpen() && FD_ISSET(read_end, set);
+}
+
+SignalQueueImpl::NotifierImpl::NotifierImpl() = default;
+
+SignalQueueImpl::NotifierImpl::~NotifierImpl() = default;
+
+void SignalQueueImpl::NotifierImpl::wait() {
+    fd_set readable;
+    FD_ZERO(&readable);
+    int highest = 0;
+    self_pipe.set(&readable, highest);
+    // Its result says nothing new: after an interruption the set is as it was, and reading waits as well.
+    select(highest, &readable, nullptr, nullptr, nullptr);
+    if (self_pipe.is_set(&readable)) {
+        char wake_up = 0;
+        [[maybe_unused]] ssize_t const count = self_pipe.read(&wake_up, 1);
+    }
+}
+
+void SignalQueueImpl::NotifierImpl::signal() {
+    // A thread must not be unwound out of a signal handler.
+    CancellationOff const cancellation_off;
+    char const wake_up = 0;
+    if (self_pipe.write(&wake_up, 1) == 1) {
+        return;
+    }
+    int const error = errno;
+    if (error == EAGAIN) {
+        return;
+    }
+    // Not strerror, which may take a lock.
+    char const* const text = strerrordesc_np(error);
+    tarnbase::abort(
+        SOURCE, __LINE__, "signal", "write to self-pipe failed with errno=%d (%s)", error,
+        text != nullptr ? text : "Unknown error");
+}
+
+} // namespace vesk
