@@ -1,0 +1,236 @@
+#include <vesk/Timer.h>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <ctime>
+#include <memory>
+#include <pthread.h>
+#include <semaphore.h>
+#include <vector>
+
+namespace {
+
+void doNothing(vesk::Timer*) {}
+
+// ---- Start and stop among many ----
+
+// The twin of these rows is the same with few timers: a bare one knows nothing of others.
+
+constexpr unsigned int HOUR_MS = 3600000;
+
+/// So many timers that are running, with intervals from one hour to two.
+class Running {
+public:
+    explicit Running(unsigned int count) {
+        for (unsigned int i = 0; i < count; ++i) {
+            m_timers.push_back(std::make_unique<vesk::Timer>(doNothing, false));
+            m_timers.back()->start(getInterval(i), false);
+        }
+    }
+
+    static unsigned int getInterval(unsigned int i) { return HOUR_MS + i * 7919 % HOUR_MS; }
+
+private:
+    std::vector<std::unique_ptr<vesk::Timer>> m_timers;
+};
+
+/// A timer among others, later than some and earlier than others: each start has a new place.
+void startStop(benchmark::State& state, unsigned int pending) {
+    Running const others(pending);
+    std::array<std::unique_ptr<vesk::Timer>, 64> timers;
+    for (auto& timer : timers) {
+        timer = std::make_unique<vesk::Timer>(doNothing, false);
+    }
+    unsigned int i = 0;
+    for (auto _ : state) {
+        vesk::Timer& timer = *timers[i % timers.size()];
+        benchmark::DoNotOptimize(timer.start(Running::getInterval(++i), false));
+        benchmark::DoNotOptimize(timer.stop());
+    }
+}
+
+void startStopAmongMany(benchmark::State& state) {
+    startStop(state, 10000);
+}
+BENCHMARK(startStopAmongMany)->Name("Timer start plus stop, 10,000 pending against 10 (at most 1.5)/vesk");
+
+void startStopAmongFew(benchmark::State& state) {
+    startStop(state, 10);
+}
+BENCHMARK(startStopAmongFew)->Name("Timer start plus stop, 10,000 pending against 10 (at most 1.5)/bare");
+
+/// The next one of all: each start arms the kernel's timer.
+void startStopFirst(benchmark::State& state, unsigned int pending) {
+    Running const others(pending);
+    vesk::Timer timer(doNothing, false);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(timer.start(HOUR_MS / 2, false));
+        benchmark::DoNotOptimize(timer.stop());
+    }
+}
+
+void startStopBeforeMany(benchmark::State& state) {
+    startStopFirst(state, 10000);
+}
+BENCHMARK(startStopBeforeMany)
+    ->Name("Earliest timer start plus stop, 10,000 pending against 10 (at most 1.5)/vesk");
+
+void startStopBeforeFew(benchmark::State& state) {
+    startStopFirst(state, 10);
+}
+BENCHMARK(startStopBeforeFew)
+    ->Name("Earliest timer start plus stop, 10,000 pending against 10 (at most 1.5)/bare");
+
+/// The timers that are pending take turns: each is stopped and started with a new interval.
+void restart(benchmark::State& state, unsigned int pending) {
+    std::vector<std::unique_ptr<vesk::Timer>> timers;
+    for (unsigned int i = 0; i < pending; ++i) {
+        timers.push_back(std::make_unique<vesk::Timer>(doNothing, false));
+        timers.back()->start(Running::getInterval(i), false);
+    }
+    unsigned int i = 0;
+    for (auto _ : state) {
+        i += 4099;
+        vesk::Timer& timer = *timers[i % pending];
+        benchmark::DoNotOptimize(timer.stop());
+        benchmark::DoNotOptimize(timer.start(Running::getInterval(i), false));
+    }
+}
+
+void restartAmongMany(benchmark::State& state) {
+    restart(state, 10000);
+}
+BENCHMARK(restartAmongMany)->Name("Timers stopped and started in turns, 10,000 against 10/vesk");
+
+void restartAmongFew(benchmark::State& state) {
+    restart(state, 10);
+}
+BENCHMARK(restartAmongFew)->Name("Timers stopped and started in turns, 10,000 against 10/bare");
+
+// ---- How late a timer of one millisecond is ----
+
+constexpr long NS_PER_MS = 1000000;
+
+long long now() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1000LL * NS_PER_MS + time.tv_nsec;
+}
+
+/// Puts the delays in microseconds beside the row.
+void show(benchmark::State& state, std::vector<long long>& delays) {
+    std::sort(delays.begin(), delays.end());
+    auto const at = [&delays](size_t percent) {
+        return static_cast<double>(delays[delays.size() * percent / 100]) / 1000;
+    };
+    state.counters["late_p50_us"] = at(50);
+    state.counters["late_p99_us"] = at(99);
+}
+
+class Shot {
+public:
+    Shot() { sem_init(&m_done, 0, 0); }
+    ~Shot() { sem_destroy(&m_done); }
+
+    void hit() {
+        m_time = now();
+        sem_post(&m_done);
+    }
+    long long wait() {
+        while (sem_wait(&m_done) != 0) {} // The signal may come to this thread.
+        return m_time;
+    }
+
+private:
+    sem_t m_done;
+    long long m_time = 0;
+};
+
+class ShootingTimer : public vesk::Timer {
+public:
+    explicit ShootingTimer(Shot& target) : Timer(shoot, false), m_shot(target) {}
+    ~ShootingTimer() override { stop(); }
+
+private:
+    static void shoot(Timer* timer) { static_cast<ShootingTimer*>(timer)->m_shot.hit(); }
+
+    Shot& m_shot;
+};
+
+void oneShot(benchmark::State& state) {
+    Shot shot;
+    ShootingTimer timer(shot);
+    std::vector<long long> delays;
+    for (auto _ : state) {
+        long long const start = now();
+        timer.start(1, false);
+        delays.push_back(shot.wait() - start - NS_PER_MS);
+    }
+    show(state, delays);
+}
+BENCHMARK(oneShot)->Name("One-shot timer of 1 ms/vesk")->UseRealTime();
+
+/// A timer of the system whose signal a thread of its own waits for.
+class BareTimer {
+public:
+    explicit BareTimer(Shot& target) : m_shot(target) {
+        sigemptyset(&m_signals);
+        sigaddset(&m_signals, SIGNAL);
+        pthread_sigmask(SIG_BLOCK, &m_signals, nullptr);
+        sigevent event{};
+        event.sigev_notify = SIGEV_SIGNAL;
+        event.sigev_signo = SIGNAL;
+        timer_create(CLOCK_MONOTONIC, &event, &m_timer);
+        pthread_create(&m_thread, nullptr, serve, this);
+    }
+    ~BareTimer() {
+        m_ending = true;
+        pthread_kill(m_thread, SIGNAL);
+        pthread_join(m_thread, nullptr);
+        timer_delete(m_timer);
+        pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
+    }
+
+    void start() {
+        itimerspec value{};
+        value.it_value.tv_nsec = NS_PER_MS;
+        timer_settime(m_timer, 0, &value, nullptr);
+    }
+
+private:
+    static void* serve(void* argument) {
+        auto& self = *static_cast<BareTimer*>(argument);
+        siginfo_t info;
+        while (sigwaitinfo(&self.m_signals, &info) == SIGNAL && !self.m_ending) {
+            self.m_shot.hit();
+        }
+        return nullptr;
+    }
+
+    static inline int const SIGNAL = SIGRTMIN + 9;
+
+    Shot& m_shot;
+    sigset_t m_signals{};
+    timer_t m_timer{};
+    pthread_t m_thread{};
+    std::atomic<bool> m_ending{false};
+};
+
+void bareOneShot(benchmark::State& state) {
+    Shot shot;
+    BareTimer timer(shot);
+    std::vector<long long> delays;
+    for (auto _ : state) {
+        long long const start = now();
+        timer.start();
+        delays.push_back(shot.wait() - start - NS_PER_MS);
+    }
+    show(state, delays);
+}
+BENCHMARK(bareOneShot)->Name("One-shot timer of 1 ms/bare")->UseRealTime();
+
+} // namespace

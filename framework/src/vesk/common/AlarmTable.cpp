@@ -1,0 +1,137 @@
+#include "AlarmTable.h"
+
+#include <algorithm>
+
+namespace vesk::detail {
+
+using tarnbase::TimePoint;
+
+namespace {
+
+constexpr unsigned int FIRST_SLOTS_LOG2 = 4;
+constexpr size_t CHILDREN = 4; // Half the levels of a heap with two, and they share cache lines.
+
+constexpr size_t getParent(size_t place) noexcept {
+    return (place - 1) / CHILDREN;
+}
+
+} // namespace
+
+AlarmTable::AlarmTable() : m_slots(size_t{1} << FIRST_SLOTS_LOG2), m_shift(64 - FIRST_SLOTS_LOG2) {
+    m_heap.reserve(m_slots.size() / 2);
+}
+
+void AlarmTable::set(Alarm* alarm, TimePoint expiry) {
+    size_t slot = find(alarm);
+    if (m_slots[slot].place == FREE) {
+        if (m_heap.size() == m_slots.size() / 2) {
+            grow();
+            slot = find(alarm);
+        }
+        m_slots[slot] = {alarm, m_heap.size()};
+        m_heap.push_back({expiry, slot}); // There is room.
+        m_count.store(m_heap.size(), std::memory_order_relaxed);
+    }
+    settle(m_slots[slot].place, {expiry, slot});
+}
+
+void AlarmTable::erase(Alarm const* alarm) noexcept {
+    size_t const slot = find(alarm);
+    if (m_slots[slot].place != FREE) {
+        eraseSlot(slot);
+    }
+}
+
+Alarm* AlarmTable::takeEarliest() noexcept {
+    size_t const slot = m_heap.front().slot;
+    Alarm* const alarm = m_slots[slot].alarm;
+    eraseSlot(slot);
+    return alarm;
+}
+
+size_t AlarmTable::getHome(Alarm const* alarm) const noexcept {
+    // Alarms often lie at equal distances: the multiplication spreads them, best in its upper bits.
+    uint64_t const address = reinterpret_cast<uintptr_t>(alarm);
+    return static_cast<size_t>((address * 0x9E3779B97F4A7C15U) >> m_shift);
+}
+
+/// The alarm's slot, or the free one where it would go.
+size_t AlarmTable::find(Alarm const* alarm) const noexcept {
+    size_t slot = getHome(alarm);
+    while (m_slots[slot].place != FREE && m_slots[slot].alarm != alarm) {
+        slot = nextSlot(slot);
+    }
+    return slot;
+}
+
+void AlarmTable::grow() {
+    m_heap.reserve(m_slots.size());
+    std::vector<Slot> slots(2 * m_slots.size());
+    // Nothing fails from here on.
+    m_slots.swap(slots);
+    --m_shift;
+    for (size_t place = 0; place < m_heap.size(); ++place) {
+        Alarm* const alarm = slots[m_heap[place].slot].alarm;
+        m_heap[place].slot = find(alarm);
+        m_slots[m_heap[place].slot] = {alarm, place};
+    }
+}
+
+void AlarmTable::eraseSlot(size_t slot) noexcept {
+    size_t const place = m_slots[slot].place;
+    Entry const last = m_heap.back();
+    m_heap.pop_back();
+    m_count.store(m_heap.size(), std::memory_order_relaxed);
+    if (place < m_heap.size()) {
+        settle(place, last);
+    }
+    freeSlot(slot);
+}
+
+/// Those behind a slot that becomes free move up, so that no search ends before its goal.
+void AlarmTable::freeSlot(size_t hole) noexcept {
+    for (size_t slot = nextSlot(hole); m_slots[slot].place != FREE; slot = nextSlot(slot)) {
+        if (distance(getHome(m_slots[slot].alarm), slot) >= distance(hole, slot)) {
+            m_slots[hole] = m_slots[slot];
+            m_heap[m_slots[hole].place].slot = hole;
+            hole = slot;
+        }
+    }
+    m_slots[hole].place = FREE;
+}
+
+void AlarmTable::put(size_t place, Entry const& entry) noexcept {
+    m_heap[place] = entry;
+    m_slots[entry.slot].place = place;
+}
+
+/// Finds the entry its place, up or down from where there is a gap.
+void AlarmTable::settle(size_t place, Entry entry) noexcept {
+    while (place > 0 && entry.expiry < m_heap[getParent(place)].expiry) {
+        put(place, m_heap[getParent(place)]);
+        place = getParent(place);
+    }
+    for (;;) {
+        size_t const child = getEarliestChild(place);
+        if (child >= m_heap.size() || m_heap[child].expiry >= entry.expiry) {
+            break;
+        }
+        put(place, m_heap[child]);
+        place = child;
+    }
+    put(place, entry);
+}
+
+size_t AlarmTable::getEarliestChild(size_t place) const noexcept {
+    size_t const first = place * CHILDREN + 1;
+    size_t const end = std::min(first + CHILDREN, m_heap.size());
+    size_t earliest = first;
+    for (size_t child = first + 1; child < end; ++child) {
+        if (m_heap[child].expiry < m_heap[earliest].expiry) {
+            earliest = child;
+        }
+    }
+    return earliest;
+}
+
+} // namespace vesk::detail
