@@ -23,6 +23,8 @@ void ownership();
 void threads();
 void events();
 void timers();
+void files();
+void processes();
 void errors();
 
 } // namespace tour

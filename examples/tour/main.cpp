@@ -10,6 +10,8 @@ int main() {
     tour::threads();
     tour::events();
     tour::timers();
+    tour::files();
+    tour::processes();
     tour::errors();
     printf("\nThe tour %s.\n", tour::hasFailed() ? "FAILED" : "is complete");
     return tour::hasFailed() ? 1 : 0;
