@@ -42,7 +42,12 @@ struct sigaction const* s_old_of_failure = nullptr;
 
 support::Injected inject_pipe("pipe");
 extern "C" VESK_UNWATCHED int pipe(int* ends) {
-    int const result = reinterpret_cast<int (*)(int*)>(inject_pipe.getReal())(ends);
+    using Function = int (*)(int*);
+    auto const real = reinterpret_cast<Function>(inject_pipe.getReal());
+    if (!support::isOfLibrary(__builtin_return_address(0))) {
+        return real(ends);
+    }
+    int const result = real(ends);
     s_pipe[0] = ends[0];
     s_pipe[1] = ends[1];
     ++s_pipes;

@@ -18,9 +18,14 @@
 
 support::Injected inject_pipe("pipe");
 extern "C" VESK_UNWATCHED int pipe(int* ends) {
+    using Function = int (*)(int*);
+    auto const real = reinterpret_cast<Function>(inject_pipe.getReal());
+    if (!support::isOfLibrary(__builtin_return_address(0))) {
+        return real(ends);
+    }
     int error = 0;
     inject_pipe.fails(error); // Counts.
-    return reinterpret_cast<int (*)(int*)>(inject_pipe.getReal())(ends);
+    return real(ends);
 }
 
 namespace {

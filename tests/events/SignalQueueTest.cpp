@@ -49,7 +49,12 @@ int s_pipe[2] = {-1, -1};
 
 support::Injected inject_pipe("pipe");
 extern "C" VESK_UNWATCHED int pipe(int* ends) {
-    int const result = reinterpret_cast<int (*)(int*)>(inject_pipe.getReal())(ends);
+    using Function = int (*)(int*);
+    auto const real = reinterpret_cast<Function>(inject_pipe.getReal());
+    if (!support::isOfLibrary(__builtin_return_address(0))) {
+        return real(ends);
+    }
+    int const result = real(ends);
     s_pipe[0] = ends[0];
     s_pipe[1] = ends[1];
     return result;

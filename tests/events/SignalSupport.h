@@ -6,7 +6,9 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstddef>
+#include <cstring>
 #include <dirent.h>
+#include <dlfcn.h>
 #include <mutex>
 #include <sched.h>
 #include <string>
@@ -32,6 +34,12 @@ bool waitUntil(Condition condition) {
         sched_yield();
     }
     return true;
+}
+
+/// Whether code of the library lies at an address. A sanitizer's runtime calls replaced functions for itself as well.
+inline bool isOfLibrary(void const* address) {
+    Dl_info info{};
+    return dladdr(address, &info) != 0 && strstr(info.dli_fname, "libvesk.so") != nullptr;
 }
 
 inline pid_t getThreadId() {
