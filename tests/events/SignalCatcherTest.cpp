@@ -42,7 +42,12 @@ struct sigaction const* s_old_of_failure = nullptr;
 
 support::Injected inject_pipe("pipe");
 extern "C" VESK_UNWATCHED int pipe(int* ends) {
-    int const result = reinterpret_cast<int (*)(int*)>(inject_pipe.getReal())(ends);
+    using Function = int (*)(int*);
+    auto const real = reinterpret_cast<Function>(inject_pipe.getReal());
+    if (!support::isOfLibrary(__builtin_return_address(0))) {
+        return real(ends);
+    }
+    int const result = real(ends);
     s_pipe[0] = ends[0];
     s_pipe[1] = ends[1];
     ++s_pipes;
@@ -204,6 +209,9 @@ TEST_F(SignalCatcherTest, HandlesTheSignalInTheThreadThatGotItWithAllSignalsBloc
 }
 
 TEST_F(SignalCatcherTest, CallsBackOnceForEachRealTimeSignalThatWaited) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer merges signals of one number that wait, as if they were standard ones";
+#endif
     int const signal = SIGRTMIN + 5;
     sigset_t set;
     sigemptyset(&set);
@@ -270,6 +278,9 @@ TEST_F(SignalCatcherTest, CallsBackInTheOrderOfTheNumbersAfterASlowCallback) {
 }
 
 TEST_F(SignalCatcherTest, RestartsTheSystemCallThatTheHandlerInterrupted) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer keeps a signal until the system call has returned";
+#endif
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
     SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);

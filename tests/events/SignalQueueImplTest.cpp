@@ -46,12 +46,17 @@ std::vector<Select>* s_selects = nullptr;
 
 support::Injected inject_pipe("pipe");
 extern "C" VESK_UNWATCHED int pipe(int* ends) {
+    using Function = int (*)(int*);
+    auto const real = reinterpret_cast<Function>(inject_pipe.getReal());
+    if (!support::isOfLibrary(__builtin_return_address(0))) {
+        return real(ends);
+    }
     int error = 0;
     if (inject_pipe.fails(error)) {
         errno = error;
         return -1;
     }
-    int const result = reinterpret_cast<int (*)(int*)>(inject_pipe.getReal())(ends);
+    int const result = real(ends);
     s_pipe[0] = ends[0];
     s_pipe[1] = ends[1];
     return result;
