@@ -1,4 +1,5 @@
 #include "KernelTimers.h"
+#include "SignalsToMainThread.h"
 #include "ThreadSupport.h"
 #include "frame/FakeClock.h"
 #include "support/Chain.h"
@@ -187,15 +188,17 @@ INSTANTIATE_TEST_SUITE_P(
 
 /// 32-bit systems have a short `time_t`.
 TEST_F(AlarmTimer, aDelayBeyondTheSystemsLongestIsArmedInPieces) {
-    constexpr long long LONGEST = std::numeric_limits<time_t>::max();
-    constexpr long long DELAY = 2147483648000 + 500;
-    bool const fits = LONGEST > 2147483648;
+    constexpr time_t LONGEST = std::numeric_limits<time_t>::max();
+    constexpr long long DELAY = 2147483648000 + 5000;
+    bool const fits = DELAY / 1000 <= LONGEST;
     add(m_a, DELAY);
     EXPECT_EQ(Spans{fits ? ms(DELAY) : (Span{LONGEST, 0})}, m_timers.take());
-    // The clock of the test cannot show what comes after that either.
     EXPECT_EQ(Rung(), ringAt(1000));
-    Spans const again{fits ? ms(DELAY - 1000) : (Span{LONGEST, 0})};
-    EXPECT_EQ(again[0], m_timers.take().at(0));
+    Span const again = fits ? ms(DELAY - 1000) : Span{LONGEST, 0};
+    EXPECT_EQ((Spans{again, again}), m_timers.take());
+    EXPECT_EQ(Rung(), ringAt(5001));
+    Span const last = ms(DELAY - 5001);
+    EXPECT_EQ((Spans{last, last}), m_timers.take());
 }
 
 TEST_F(AlarmTimer, anEngineWithoutAlarmsCountsAsArmedForAFarTime) {
@@ -547,10 +550,16 @@ TEST_F(AlarmTimer, aRingAllocatesOnceForItsListAndNotForEachAlarm) {
     }
     m_rung.reserve(bells.size());
     setTime(100);
-    NewFault const count(New::SINGLE, 1, 0);
-    Engine::ring(&m_engine);
-    EXPECT_EQ(1, count.getCalls());
-    EXPECT_EQ(std::vector<size_t>{300 * sizeof(Alarm*)}, count.getSizes());
+    int calls = 0;
+    std::vector<size_t> sizes;
+    {
+        NewFault const count(New::SINGLE, 1, 0);
+        Engine::ring(&m_engine);
+        calls = count.getCalls();
+        sizes = count.getSizes();
+    }
+    EXPECT_EQ(1, calls);
+    EXPECT_EQ(300 * sizeof(Alarm*), sizes.at(0));
     EXPECT_EQ(300U, m_rung.size());
 }
 
@@ -653,7 +662,7 @@ TEST(AlarmTimerLife, theThreadAndTheHandlerAreThereBeforeTheTimerAndTheThreadGoe
     int calls = 0;
     auto const check = [&](int expected_threads) {
         ++calls;
-        EXPECT_EQ(expected_threads, support::countThreads());
+        EXPECT_TRUE(support::hasThreads(expected_threads));
         EXPECT_TRUE(isCaught(SIGNAL));
     };
     timers.on_create = [&] { check(threads + 1); };
@@ -667,7 +676,7 @@ TEST(AlarmTimerLife, theThreadAndTheHandlerAreThereBeforeTheTimerAndTheThreadGoe
     EXPECT_EQ(1, timers.deleted);
     EXPECT_EQ(timers.created_timer, timers.deleted_timer);
     EXPECT_FALSE(isCaught(SIGNAL));
-    EXPECT_EQ(threads, support::countThreads());
+    EXPECT_TRUE(support::hasThreads(threads));
 }
 
 TEST(AlarmTimerLife, alarmsThatArePendingAtTheEndAreForgotten) {
@@ -771,7 +780,7 @@ private:
     static constexpr long long NEVER = std::numeric_limits<long long>::max();
 
     void arm(long long delay) {
-        constexpr long long LONGEST = std::numeric_limits<time_t>::max();
+        constexpr time_t LONGEST = std::numeric_limits<time_t>::max();
         m_spans.push_back(delay == 0 ? AT_ONCE : delay / 1000 > LONGEST ? Span{LONGEST, 0} : ms(delay));
     }
     void armForNext(long long now) {

@@ -27,7 +27,7 @@ namespace support {
 
 /// A time as the kernel's timer gets it.
 struct Span {
-    long long seconds;
+    time_t seconds;
     long nanoseconds;
 
     friend bool operator==(Span const& a, Span const& b) {
@@ -41,7 +41,7 @@ struct Span {
 using Spans = std::vector<Span>;
 
 constexpr Span ms(long long count) {
-    return {count / 1000, static_cast<long>(count % 1000) * 1000000};
+    return {static_cast<time_t>(count / 1000), static_cast<long>(count % 1000) * 1000000};
 }
 
 /// One at a time.

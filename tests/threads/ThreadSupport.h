@@ -81,6 +81,14 @@ inline int countThreads() {
     return count;
 }
 
+/// Waits until the process has so many threads: one that was joined may be seen for another moment.
+inline testing::AssertionResult hasThreads(int count) {
+    if (eventually([count] { return countThreads() == count; })) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << countThreads() << " threads instead of " << count;
+}
+
 /// Tests that leave detached or terminated threads behind wait for their end here, so that the process does not end
 /// under them.
 class ThreadsGone : public testing::Test {

@@ -1,4 +1,5 @@
 #include "KernelTimers.h"
+#include "SignalsToMainThread.h"
 #include "ThreadSupport.h"
 #include "frame/FakeClock.h"
 

@@ -17,20 +17,18 @@ constexpr size_t getParent(size_t place) noexcept {
 
 } // namespace
 
-AlarmTable::AlarmTable() : m_slots(size_t{1} << FIRST_SLOTS_LOG2), m_shift(64 - FIRST_SLOTS_LOG2) {
-    m_heap.reserve(m_slots.size() / 2);
-}
+AlarmTable::AlarmTable()
+    : m_slots(size_t{1} << FIRST_SLOTS_LOG2), m_heap(m_slots.size() / 2), m_shift(64 - FIRST_SLOTS_LOG2) {}
 
 void AlarmTable::set(Alarm* alarm, TimePoint expiry) {
     size_t slot = find(alarm);
     if (m_slots[slot].place == FREE) {
-        if (m_heap.size() == m_slots.size() / 2) {
+        if (getCount() == m_heap.size()) {
             grow();
             slot = find(alarm);
         }
-        m_slots[slot] = {alarm, m_heap.size()};
-        m_heap.push_back({expiry, slot}); // There is room.
-        m_count.store(m_heap.size(), std::memory_order_relaxed);
+        m_slots[slot] = {alarm, getCount()};
+        setCount(getCount() + 1);
     }
     settle(m_slots[slot].place, {expiry, slot});
 }
@@ -65,12 +63,14 @@ size_t AlarmTable::find(Alarm const* alarm) const noexcept {
 }
 
 void AlarmTable::grow() {
-    m_heap.reserve(m_slots.size());
+    std::vector<Entry> heap(2 * m_heap.size());
     std::vector<Slot> slots(2 * m_slots.size());
     // Nothing fails from here on.
+    std::copy(m_heap.begin(), m_heap.end(), heap.begin());
+    m_heap.swap(heap);
     m_slots.swap(slots);
     --m_shift;
-    for (size_t place = 0; place < m_heap.size(); ++place) {
+    for (size_t place = 0; place < getCount(); ++place) {
         Alarm* const alarm = slots[m_heap[place].slot].alarm;
         m_heap[place].slot = find(alarm);
         m_slots[m_heap[place].slot] = {alarm, place};
@@ -79,11 +79,9 @@ void AlarmTable::grow() {
 
 void AlarmTable::eraseSlot(size_t slot) noexcept {
     size_t const place = m_slots[slot].place;
-    Entry const last = m_heap.back();
-    m_heap.pop_back();
-    m_count.store(m_heap.size(), std::memory_order_relaxed);
-    if (place < m_heap.size()) {
-        settle(place, last);
+    setCount(getCount() - 1);
+    if (place < getCount()) {
+        settle(place, m_heap[getCount()]); // The last one goes where the gap is.
     }
     freeSlot(slot);
 }
@@ -113,7 +111,7 @@ void AlarmTable::settle(size_t place, Entry entry) noexcept {
     }
     for (;;) {
         size_t const child = getEarliestChild(place);
-        if (child >= m_heap.size() || m_heap[child].expiry >= entry.expiry) {
+        if (child >= getCount() || m_heap[child].expiry >= entry.expiry) {
             break;
         }
         put(place, m_heap[child]);
@@ -124,7 +122,7 @@ void AlarmTable::settle(size_t place, Entry entry) noexcept {
 
 size_t AlarmTable::getEarliestChild(size_t place) const noexcept {
     size_t const first = place * CHILDREN + 1;
-    size_t const end = std::min(first + CHILDREN, m_heap.size());
+    size_t const end = std::min(first + CHILDREN, getCount());
     size_t earliest = first;
     for (size_t child = first + 1; child < end; ++child) {
         if (m_heap[child].expiry < m_heap[earliest].expiry) {

@@ -30,7 +30,7 @@ public:
 
     /// The smallest expiry; `TimePoint::MAX` without any.
     tarnbase::TimePoint getEarliest() const noexcept {
-        return m_heap.empty() ? tarnbase::TimePoint::MAX : m_heap.front().expiry;
+        return getCount() == 0 ? tarnbase::TimePoint::MAX : m_heap.front().expiry;
     }
 
     /// Puts an alarm in, or gives it another expiry. Throws `std::bad_alloc`, and has then changed nothing.
@@ -51,13 +51,15 @@ private:
     };
     struct Entry {
         tarnbase::TimePoint expiry;
-        size_t slot;
+        size_t slot = 0;
     };
 
     size_t nextSlot(size_t slot) const noexcept { return (slot + 1) & (m_slots.size() - 1); }
     size_t distance(size_t from, size_t to) const noexcept { return (to - from) & (m_slots.size() - 1); }
     size_t getHome(Alarm const* alarm) const noexcept;
     size_t find(Alarm const* alarm) const noexcept;
+
+    void setCount(size_t count) noexcept { m_count.store(count, std::memory_order_relaxed); }
 
     void grow();
     void eraseSlot(size_t slot) noexcept;

@@ -1,0 +1,32 @@
+#pragma once
+
+/// Include it in one file of a test program with engines of alarms.
+///
+/// The thread sanitizer puts a signal off that reaches a thread in a call which it does not know to block, and hands it
+/// over when that thread makes its next call that it does know. A dispatcher of signals that is interrupted in its
+/// `select` then waits in `read` for the byte that its own handler was to write. So with that sanitizer only the main thread
+/// takes signals: it waits in calls that are known.
+
+#if defined(__SANITIZE_THREAD__)
+
+#include <csignal>
+#include <dlfcn.h>
+#include <pthread.h>
+
+extern "C" __attribute__((no_sanitize_thread)) int pthread_create(
+    pthread_t* thread, pthread_attr_t const* attributes, void* (*body)(void*), void* argument) noexcept {
+    using Create = int (*)(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*);
+    static auto const create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+    sigset_t signals;
+    sigset_t before;
+    sigfillset(&signals);
+    for (int const signal : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGALRM}) {
+        sigdelset(&signals, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, &before);
+    int const result = create(thread, attributes, body, argument);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return result;
+}
+
+#endif
