@@ -114,8 +114,9 @@ public:
     /// `ELOOP`, 19 for others.
     /// @param time  seconds since the epoch; 0 stands for the present
     /// @return true on failure
-    static bool setModTime(UnicodeString const& path, long time);
+    static bool setModTime(char const* path, long time);
     static bool setModTime(std::string const& path, long time);
+    static bool setModTime(UnicodeString const& path, long time);
 
 private:
     bool m_valid;

@@ -76,15 +76,19 @@ FileInfo::Type FileInfo::getType() const noexcept {
     }
 }
 
-bool FileInfo::setModTime(UnicodeString const& path, long time) {
+bool FileInfo::setModTime(char const* path, long time) {
     timeval const both[2] = {{time, 0}, {time, 0}};
     // As with `stat`: null is for the system to answer.
     int (*const set)(char const*, timeval const*) = utimes;
-    if (set(path.c_str(), time == 0 ? nullptr : both) != 0) {
+    if (set(path, time == 0 ? nullptr : both) != 0) {
         classify(SOURCE, SET_MOD_TIME_ERRORS, errno);
         return true;
     }
     return false;
+}
+
+bool FileInfo::setModTime(UnicodeString const& path, long time) {
+    return setModTime(path.c_str(), time);
 }
 
 bool FileInfo::setModTime(std::string const& path, long time) {
