@@ -2,12 +2,11 @@
 
 #include <vesk/Export.h>
 #include <vesk/StreamBinFileBase.h>
+#include <vesk/UnicodeString.h>
 
 #include <tarncommon/stream/IBinOutputStream.h>
 
 namespace vesk {
-
-class UnicodeString;
 
 /// A file, a device or one end of a pipe that is written as a stream.
 ///

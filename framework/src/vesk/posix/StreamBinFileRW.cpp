@@ -2,8 +2,6 @@
 
 #include "vesk/common/Report.h"
 
-#include <vesk/UnicodeString.h>
-
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
