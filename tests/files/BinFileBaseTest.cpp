@@ -18,6 +18,7 @@
 
 #include <iostream>
 #include <new>
+#include <ostream>
 #include <sched.h>
 #include <sstream>
 #include <string>
@@ -102,6 +103,10 @@ struct FlagRow {
     unsigned int word;
     int system_flags;
 };
+
+void PrintTo(FlagRow const& row, std::ostream* out) {
+    *out << "0x" << std::hex << row.word << std::dec;
+}
 
 class BinFileBaseFlags : public testing::TestWithParam<FlagRow> {};
 
@@ -288,6 +293,10 @@ struct OpenRow {
     int cause;
     int on_top;
 };
+
+void PrintTo(OpenRow const& row, std::ostream* out) {
+    *out << strerrorname_np(row.error);
+}
 
 class BinFileBaseOpen : public testing::TestWithParam<OpenRow> {
 protected:
@@ -567,6 +576,10 @@ struct CloseRow {
     bool stays_open;
 };
 
+void PrintTo(CloseRow const& row, std::ostream* out) {
+    *out << strerrorname_np(row.error);
+}
+
 class BinFileBaseClose : public testing::TestWithParam<CloseRow> {};
 
 TEST_P(BinFileBaseClose, failureIsReportedAndLeavesTheObjectOpenOrClosed) {
@@ -649,6 +662,10 @@ struct Row {
     int error;
     int id;
 };
+
+void PrintTo(Row const& row, std::ostream* out) {
+    *out << strerrorname_np(row.error);
+}
 
 class BinFileBaseInfo : public testing::TestWithParam<Row> {};
 

@@ -13,6 +13,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <ostream>
 #include <string>
 #include <sys/resource.h>
 #include <type_traits>
@@ -52,6 +53,10 @@ struct CreationRow {
     int error;
     int id;
 };
+
+void PrintTo(CreationRow const& row, std::ostream* out) {
+    *out << strerrorname_np(row.error);
+}
 
 class PipeCreation : public testing::TestWithParam<CreationRow> {};
 

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <ostream>
 #include <string>
 #include <unistd.h>
 
@@ -92,6 +93,10 @@ struct Row {
     int error;
     int id;
 };
+
+void PrintTo(Row const& row, std::ostream* out) {
+    *out << strerrorname_np(row.error);
+}
 
 class StreamBinFileBaseSeek : public testing::TestWithParam<Row> {};
 

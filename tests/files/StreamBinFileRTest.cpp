@@ -20,6 +20,7 @@
 
 #include <climits>
 #include <csignal>
+#include <ostream>
 #include <string>
 #include <type_traits>
 
@@ -353,6 +354,10 @@ struct Row {
     int cause;
     int on_top;
 };
+
+void PrintTo(Row const& row, std::ostream* out) {
+    *out << strerrorname_np(row.error);
+}
 
 class StreamBinFileRRead : public testing::TestWithParam<Row> {};
 

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <ostream>
 #include <random>
 #include <string>
 #include <tuple>
@@ -519,6 +520,10 @@ TEST_F(StreamBinFileRWTest, readingAndWritingInTurnAllocatesNothing) {
 
 /// How the system answers: all at once, or in pieces of any size.
 enum class Mood { WHOLE, SHORT };
+
+void PrintTo(Mood mood, std::ostream* out) {
+    *out << (mood == Mood::WHOLE ? "WHOLE" : "SHORT");
+}
 
 using Setting = std::tuple<unsigned int, unsigned int, Mood>;
 

@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <ostream>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
@@ -297,6 +298,10 @@ struct Row {
     int cause;
     int on_top;
 };
+
+void PrintTo(Row const& row, std::ostream* out) {
+    *out << strerrorname_np(row.error);
+}
 
 class StreamBinFileWWrite : public testing::TestWithParam<Row> {};
 
