@@ -91,7 +91,7 @@ TEST(Pipe, withoutDescriptorsLeftItIsNotMade) {
         EXPECT_EQ(-1, pipe.getReadEnd());
         EXPECT_EQ(-1, pipe.getWriteEnd());
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 TEST(Pipe, secondCloseOfAnEndDoesNothing) {

@@ -50,7 +50,7 @@ TEST(StderrBinFile, writesToStandardErrorWithoutABuffer) {
         // Without the destructor, which has nothing left to write.
         _exit(testing::Test::HasFailure() ? 1 : 0);
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
     EXPECT_EQ("abc", end.errors);
     EXPECT_EQ("", end.output);
 }
@@ -63,7 +63,7 @@ TEST(StderrBinFile, flushOfAPipeSucceeds) {
         EXPECT_FALSE(output.flush(false));
         EXPECT_EQ(1, syncs.getCalls());
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 TEST(StderrBinFile, closeEndsOnlyTheObjectsUseOfTheDescriptor) {

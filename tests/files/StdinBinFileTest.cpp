@@ -54,7 +54,7 @@ TEST(StdinBinFile, readsStandardInputWithoutABuffer) {
         EXPECT_EQ("", readFrom(input, 1, 0));
         EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamError, 2}}));
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 TEST(StdinBinFile, closeEndsOnlyTheObjectsUseOfTheDescriptor) {
@@ -88,7 +88,7 @@ TEST(StdinBinFile, isMadeAlsoWhereTheProcessHasNoStandardInput) {
         EXPECT_EQ("", readFrom(input, 1, -1));
         EXPECT_TRUE(support::streamFailureIs(EBADF, 10, 0));
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
     EXPECT_EQ("", end.errors);
 }
 

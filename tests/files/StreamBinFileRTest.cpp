@@ -578,7 +578,7 @@ TEST_F(StreamBinFileRTest, destructorTellsAFailureOnStandardError) {
         EXPECT_FALSE(file.open(m_path, file.READ));
         close(file.getDescriptor());
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
     EXPECT_EQ(0U, end.errors.find("~BinFileBase|Warning: Error closing BinFile: ")) << end.errors;
     EXPECT_NE(std::string::npos, end.errors.find(systemText(EBADF))) << end.errors;
 }

@@ -471,7 +471,7 @@ TEST_F(StreamBinFileRWTest, everyLevelTriesToCloseAFileThatStaysOpen) {
             events.getText());
         EXPECT_TRUE(chainIs({}));
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
     EXPECT_EQ(0U, end.errors.find("~BinFileBase|Warning: Error closing BinFile: ")) << end.errors;
 }
 

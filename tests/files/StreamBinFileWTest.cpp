@@ -384,7 +384,7 @@ TEST_F(StreamBinFileWTest, fileThatGetsTooLargeIsNotWritten) {
         EXPECT_TRUE(streamFailureIs(EFBIG, 8, 1));
         EXPECT_EQ("abcd", contentOf(m_path));
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 TEST_F(StreamBinFileWTest, fullFileSystemIsReportedAndWhatFitsIsWritten) {
@@ -405,7 +405,7 @@ TEST_F(StreamBinFileWTest, fullFileSystemIsReportedAndWhatFitsIsWritten) {
     if (end.exit_code == NO_RIGHT) {
         GTEST_SKIP() << "mounting needs a privilege";
     }
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 TEST_F(StreamBinFileWTest, hookOfAFileWithOneDirectionDoesNothing) {
@@ -704,7 +704,7 @@ TEST_F(StreamBinFileWTest, destructorLeavesAFileThatStaysOpenToItsBase) {
         EXPECT_EQ(WARNING, events.getText());
         EXPECT_TRUE(chainIs({}));
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
     EXPECT_EQ(0U, end.errors.find("~BinFileBase|Warning: Error closing BinFile: ")) << end.errors;
 }
 

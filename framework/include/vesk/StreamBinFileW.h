@@ -77,6 +77,9 @@ protected:
     /// @return true if the buffer still holds something, after a report
     bool passOnWritten();
 
+    /// Calls `flush(false)` and `BinFileBase::close`, both always; true if one of them failed.
+    bool flushAndClose();
+
 private:
     template <typename Open>
     bool openBy(Open open);
