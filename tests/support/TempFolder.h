@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <system_error>
@@ -37,15 +38,18 @@ public:
     std::string operator/(std::string const& name) const { return m_path + "/" + name; }
 
     /// Makes a file, or empties and fills one, and gives its path.
-    std::string makeFile(std::string const& name, std::string const& content = "") const {
+    std::string
+    makeFile(std::string const& name, std::string const& content = "", mode_t access = 0644) const {
         std::ofstream file(*this / name, std::ios::binary | std::ios::trunc);
         EXPECT_TRUE(file << content << std::flush) << name;
+        EXPECT_EQ(0, chmod((*this / name).c_str(), access)) << name;
         return *this / name;
     }
 
     /// Makes a folder and gives its path.
-    std::string makeFolder(std::string const& name) const {
+    std::string makeFolder(std::string const& name, mode_t access = 0755) const {
         EXPECT_TRUE(std::filesystem::create_directory(*this / name)) << name;
+        EXPECT_EQ(0, chmod((*this / name).c_str(), access)) << name;
         return *this / name;
     }
 
@@ -66,5 +70,16 @@ private:
 
     std::string m_path;
 };
+
+/// What a file holds; "(none)" if it cannot be read.
+inline std::string contentOf(std::string const& path) {
+    std::ifstream const file(path, std::ios::binary);
+    if (!file) {
+        return "(none)";
+    }
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
 
 } // namespace support
