@@ -1,10 +1,9 @@
 #pragma once
 
+#include <vesk/Export.h>
 #include <vesk/ProcessTNG.h>
 #include <vesk/UnicodeString.h>
 
-#include <cstring>
-#include <cwchar>
 #include <string>
 
 namespace vesk {
@@ -13,14 +12,10 @@ namespace vesk {
 /// that name.
 /// @param max  how many bytes to look at
 /// @return the bytes before the NUL, `max` if there is none among the first `max`
-inline unsigned int strnlen(char const* text, unsigned int max) noexcept {
-    return static_cast<unsigned int>(::strnlen(text, max));
-}
+VESK_API unsigned int strnlen(char const* text, unsigned int max) noexcept;
 
 /// The same for a wide text (`wcsnlen`); counts wide characters.
-inline unsigned int wcsnlen(wchar_t const* text, unsigned int max) noexcept {
-    return static_cast<unsigned int>(::wcsnlen(text, max));
-}
+VESK_API unsigned int wcsnlen(wchar_t const* text, unsigned int max) noexcept;
 
 /// The name of the environment variable that holds the search path of executables, "PATH", for `char` and `wchar_t`.
 ///

@@ -43,12 +43,11 @@ UnicodeString::UnicodeString(std::wstring const& text) : m_data(nullptr), m_size
 }
 
 UnicodeString::operator std::wstring() const {
-    std::wstring result;
     size_t const measured = m_data != nullptr ? utf8_to_wide(nullptr, m_data, CONVERSION_FAILED) : 0;
     if (measured == 0 || measured == CONVERSION_FAILED) {
-        return result;
+        return {};
     }
-    result.resize(measured);
+    std::wstring result(measured, L'\0');
     if (utf8_to_wide(result.data(), m_data, measured + 1) != result.length()) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "operator std::__cxx11::wstring",

@@ -1,0 +1,58 @@
+#include <vesk/UnicodeString.h>
+
+#include <benchmark/benchmark.h>
+
+#include <clocale>
+#include <cwchar>
+#include <memory>
+#include <string>
+
+namespace {
+
+/// A path of the length that the row asks for, with a letter in eight beyond ASCII.
+std::string makePath(benchmark::State const& state) {
+    setlocale(LC_ALL, "C.UTF-8");
+    std::string path;
+    while (path.length() + 9 <= static_cast<size_t>(state.range(0))) {
+        path += "/folder\xC3\xA4";
+    }
+    return path;
+}
+
+void convert(benchmark::State& state) {
+    std::string const path = makePath(state);
+    vesk::UnicodeString const text(path);
+    for (auto _ : state) {
+        std::wstring const wide = text;
+        vesk::UnicodeString const narrow(wide);
+        benchmark::DoNotOptimize(narrow.c_str());
+        benchmark::ClobberMemory();
+    }
+}
+
+void convertByHand(benchmark::State& state) {
+    std::string const path = makePath(state);
+    for (auto _ : state) {
+        mbstate_t shift{};
+        char const* source = path.c_str();
+        size_t const characters = mbsrtowcs(nullptr, &source, 0, &shift);
+        std::wstring wide(characters, L'\0');
+        shift = {};
+        source = path.c_str();
+        mbsrtowcs(wide.data(), &source, characters + 1, &shift);
+        shift = {};
+        wchar_t const* wide_source = wide.c_str();
+        size_t const bytes = wcsrtombs(nullptr, &wide_source, 0, &shift);
+        std::unique_ptr<char[]> const narrow(new char[bytes + 1]);
+        shift = {};
+        wide_source = wide.c_str();
+        wcsrtombs(narrow.get(), &wide_source, bytes + 1, &shift);
+        benchmark::DoNotOptimize(narrow.get());
+        benchmark::ClobberMemory();
+    }
+}
+
+BENCHMARK(convert)->Name("narrow to wide and back (at most 1.05)/vesk")->Arg(100)->Arg(1000);
+BENCHMARK(convertByHand)->Name("narrow to wide and back (at most 1.05)/bare")->Arg(100)->Arg(1000);
+
+} // namespace
