@@ -297,7 +297,7 @@ TEST(FileSysMountPoints, areThoseOfTheProcess) {
 TEST(FileSysMountPoints, realMountPointWithABlankIsShownEscaped) {
     VESK_SKIP_WITHOUT_MOUNTS();
     TempFolder const folder;
-    std::string const where = folder.makeDir("a b");
+    std::string const where = folder.makeFolder("a b");
     expectInChild([&] {
         ASSERT_TRUE(separateMounts() && mountMemory(where)) << strerror(errno);
         List const list = FileSys::getMountPoints();
@@ -309,7 +309,7 @@ TEST(FileSysMountPoints, realMountPointWithABlankIsShownEscaped) {
 TEST(FileSysMountPoints, manyRealMountsAreNeverSplit) {
     VESK_SKIP_WITHOUT_MOUNTS();
     TempFolder const folder;
-    std::string const where = folder.makeDir(std::string(100, 'm'));
+    std::string const where = folder.makeFolder(std::string(100, 'm'));
     expectInChild([&] {
         ASSERT_TRUE(separateMounts());
         constexpr int MANY = 100;

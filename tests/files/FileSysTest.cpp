@@ -157,7 +157,7 @@ TEST_F(FileSysTest, fileAndDirectoryExistWhetherFollowedOrNot) {
 }
 
 TEST_F(FileSysTest, danglingLinkExistsOnlyIfItIsNotFollowed) {
-    std::string const link = m_folder.makeLink("nowhere", "link");
+    std::string const link = m_folder.makeLink("link", "nowhere");
     EXPECT_EQ(1, FileSys::exists(link.c_str(), true));
     EXPECT_EQ(0, FileSys::exists(link.c_str(), false));
     EXPECT_TRUE(chainIs({}));
@@ -225,7 +225,7 @@ TEST_F(FileSysTest, noDirectoryIsCreatedAbove) {
 
 TEST_F(FileSysTest, removedFileIsGoneAndALinkGoesAlone) {
     std::string const file = m_folder.makeFile("file");
-    std::string const link = m_folder.makeLink("file", "link");
+    std::string const link = m_folder.makeLink("link", "file");
     EXPECT_FALSE(FileSys::removeFile(link.c_str()));
     EXPECT_EQ(1, FileSys::exists(link.c_str(), false));
     EXPECT_EQ(0, FileSys::exists(file.c_str(), false));
@@ -236,7 +236,7 @@ TEST_F(FileSysTest, removedFileIsGoneAndALinkGoesAlone) {
 }
 
 TEST_F(FileSysTest, directoryIsNoFileToRemove) {
-    std::string const path = m_folder.makeDir("dir");
+    std::string const path = m_folder.makeFolder("dir");
     EXPECT_TRUE(FileSys::removeFile(path.c_str()));
     // Linux says EISDIR; others may say EPERM.
     EXPECT_TRUE(failedWith(EISDIR, 2, 2, path));
@@ -244,7 +244,7 @@ TEST_F(FileSysTest, directoryIsNoFileToRemove) {
 }
 
 TEST_F(FileSysTest, onlyAnEmptyDirectoryIsRemoved) {
-    std::string const path = m_folder.makeDir("dir");
+    std::string const path = m_folder.makeFolder("dir");
     std::string const file = m_folder.makeFile("dir/file");
     EXPECT_TRUE(FileSys::removeDir(path.c_str()));
     EXPECT_TRUE(failedWith(ENOTEMPTY, 14, 5, path));
@@ -261,7 +261,7 @@ TEST_F(FileSysTest, fileIsNoDirectoryToRemove) {
 }
 
 TEST_F(FileSysTest, directoryIsNotRemovedAsItself) {
-    std::string const path = m_folder.makeDir("dir") + "/.";
+    std::string const path = m_folder.makeFolder("dir") + "/.";
     EXPECT_TRUE(FileSys::removeDir(path.c_str()));
     EXPECT_TRUE(failedWith(EINVAL, 19, 9, path));
 }
@@ -278,7 +278,7 @@ TEST_F(FileSysTest, movedFileKeepsItsContentAndReplacesAnother) {
 }
 
 TEST_F(FileSysTest, directoryIsMovedWithWhatItHolds) {
-    m_folder.makeDir("dir");
+    m_folder.makeFolder("dir");
     m_folder.makeFile("dir/file", "x");
     EXPECT_FALSE(FileSys::move(at("dir").c_str(), at("new").c_str()));
     EXPECT_EQ("x", contentOf(at("new/file")));
@@ -302,8 +302,8 @@ class FileSysMoveRefusals : public FileSysTest, public testing::WithParamInterfa
 TEST_P(FileSysMoveRefusals, namesBothPathsAndLeavesTheSource) {
     MoveRefusal const& refusal = GetParam();
     m_folder.makeFile("file", "x");
-    m_folder.makeDir("dir");
-    m_folder.makeDir("full");
+    m_folder.makeFolder("dir");
+    m_folder.makeFolder("full");
     m_folder.makeFile("full/file");
     std::string const source = at(refusal.source);
     std::string const destination = at(refusal.destination);
@@ -345,7 +345,7 @@ TEST_F(FileSysTest, longPathsOfAMoveAreCutAsEveryReportIs) {
 // ---- changeWD ----
 
 TEST_F(FileSysTest, workingDirectoryIsChangedForRelativePaths) {
-    m_folder.makeDir("dir");
+    m_folder.makeFolder("dir");
     m_folder.makeFile("dir/file");
     expectInChild([&] {
         EXPECT_FALSE(FileSys::changeWD(at("dir").c_str()));
@@ -441,7 +441,7 @@ TEST_F(FileSysTest, createdLinkHoldsItsTargetWhetherItExistsOrNot) {
 }
 
 TEST_F(FileSysTest, linkThatExistsIsNotCreatedAgain) {
-    std::string const link = m_folder.makeLink("a", "link");
+    std::string const link = m_folder.makeLink("link", "a");
     EXPECT_TRUE(FileSys::createLink("b", link.c_str()));
     EXPECT_TRUE(failedWith(EEXIST, 12, 4, link));
 }
@@ -453,7 +453,7 @@ TEST_F(FileSysTest, emptyTargetIsABadPathOfTheLink) {
 
 TEST_F(FileSysTest, targetThatIsTooLongForTheBufferIsCutWithoutAReport) {
     std::string const target = "12345678901234567890";
-    std::string const link = m_folder.makeLink(target, "link");
+    std::string const link = m_folder.makeLink("link", target);
     char buffer[9];
     memset(buffer, '#', sizeof buffer);
     unsigned int size = 8;
@@ -465,7 +465,7 @@ TEST_F(FileSysTest, targetThatIsTooLongForTheBufferIsCutWithoutAReport) {
 }
 
 TEST_F(FileSysTest, targetThatFillsTheBufferIsNotCut) {
-    std::string const link = m_folder.makeLink("1234567", "link");
+    std::string const link = m_folder.makeLink("link", "1234567");
     char buffer[8];
     unsigned int size = sizeof buffer;
     EXPECT_FALSE(FileSys::readLink(link.c_str(), buffer, size));
@@ -494,7 +494,7 @@ TEST_F(FileSysTest, bufferOfNothingCountsAsTheLargestOfAll) {
         EXPECT_STREQ("x", buffer);
     }
     // What the system makes of it is its affair; it is no success here.
-    std::string const link = m_folder.makeLink("target", "link");
+    std::string const link = m_folder.makeLink("link", "target");
     unsigned int size = 0;
     EXPECT_TRUE(FileSys::readLink(link.c_str(), buffer, size));
     EXPECT_EQ(0U, size);
@@ -504,7 +504,7 @@ TEST_F(FileSysTest, bufferOfNothingCountsAsTheLargestOfAll) {
 }
 
 TEST_F(FileSysTest, bufferOfOneByteHasNoRoomForAnyTarget) {
-    std::string const link = m_folder.makeLink("target", "link");
+    std::string const link = m_folder.makeLink("link", "target");
     char buffer[2] = "x";
     unsigned int size = 1;
     EXPECT_TRUE(FileSys::readLink(link.c_str(), buffer, size));
@@ -535,7 +535,7 @@ TEST_F(FileSysTest, ofAnAccessOnlyTheMasksBitsReachTheSystem) {
 
 TEST_F(FileSysTest, accessOfALinkIsThatOfItsTarget) {
     std::string const path = m_folder.makeFile("file");
-    std::string const link = m_folder.makeLink("file", "link");
+    std::string const link = m_folder.makeLink("link", "file");
     EXPECT_FALSE(FileSys::changeAccess(link.c_str(), FileAccess::owner_read));
     EXPECT_EQ(0400U, accessOf(path));
 }
@@ -639,7 +639,7 @@ TEST_F(FileSysOwnerTest, idThatNoUserCanHaveIsRefusedAndNotCut) {
 }
 
 TEST_F(FileSysOwnerTest, ownerOfALinkIsThatOfItsTarget) {
-    std::string const link = m_folder.makeLink("file", "link");
+    std::string const link = m_folder.makeLink("link", "file");
     EXPECT_FALSE(FileSys::changeOwnerGroup(link, User(4711LL), Group(4712LL)));
     expectOwner(4711, 4712);
     EXPECT_EQ(0U, infoOf(link).st_uid);
@@ -816,7 +816,7 @@ class FileSysWithoutRights : public FileSysTest, public testing::WithParamInterf
 
 TEST_P(FileSysWithoutRights, isDenied) {
     VESK_SKIP_UNLESS_ROOT();
-    m_folder.makeDir("closed", 0700);
+    m_folder.makeFolder("closed", 0700);
     m_folder.makeFile("closed/x");
     expectInChild([&] {
         ASSERT_TRUE(dropRights());
@@ -842,9 +842,9 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(FileSysTest, anothersFileIsNotToBeChangedOrRemovedByEverybody) {
     VESK_SKIP_UNLESS_ROOT();
     // As /tmp is: whoever wants makes files, and only owners remove them.
-    m_folder.makeDir("sticky", 01777);
+    m_folder.makeFolder("sticky", 01777);
     m_folder.makeFile("sticky/file");
-    m_folder.makeDir("sticky/dir");
+    m_folder.makeFolder("sticky/dir");
     std::string const file = at("sticky/file");
     std::string const directory = at("sticky/dir");
     expectInChild([&] {
@@ -862,11 +862,11 @@ class FileSysReadOnly : public FileSysTest, public testing::WithParamInterface<R
 
 TEST_P(FileSysReadOnly, isDenied) {
     VESK_SKIP_WITHOUT_MOUNTS();
-    std::string const where = m_folder.makeDir("mount");
+    std::string const where = m_folder.makeFolder("mount");
     expectInChild([&] {
         ASSERT_TRUE(separateMounts() && mountMemory(where)) << strerror(errno);
         m_folder.makeFile("mount/file");
-        m_folder.makeDir("mount/dir");
+        m_folder.makeFolder("mount/dir");
         ASSERT_TRUE(mountMemory(where, "", MS_REMOUNT | MS_RDONLY)) << strerror(errno);
         bool (*const run)(char const*) = GetParam().operation.run;
         bool const creates = run == CREATE_DIR.run || run == CREATE_LINK.run;
@@ -891,7 +891,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(FileSysTest, moveWithinAReadOnlyFileSystemIsDenied) {
     VESK_SKIP_WITHOUT_MOUNTS();
-    std::string const where = m_folder.makeDir("mount");
+    std::string const where = m_folder.makeFolder("mount");
     expectInChild([&] {
         ASSERT_TRUE(separateMounts() && mountMemory(where)) << strerror(errno);
         std::string const file = m_folder.makeFile("mount/file");
@@ -904,7 +904,7 @@ TEST_F(FileSysTest, moveWithinAReadOnlyFileSystemIsDenied) {
 TEST_F(FileSysTest, moveBetweenTwoFileSystemsIsNotImplementedAndLosesNothing) {
     VESK_SKIP_WITHOUT_MOUNTS();
     std::string const file = m_folder.makeFile("file", "content");
-    std::string const where = m_folder.makeDir("mount");
+    std::string const where = m_folder.makeFolder("mount");
     std::string const other = at("mount/new");
     expectInChild([&] {
         ASSERT_TRUE(separateMounts() && mountMemory(where)) << strerror(errno);
@@ -920,7 +920,7 @@ TEST_F(FileSysTest, moveBetweenTwoFileSystemsIsNotImplementedAndLosesNothing) {
 
 TEST_F(FileSysTest, mountPointIsInUse) {
     VESK_SKIP_WITHOUT_MOUNTS();
-    std::string const where = m_folder.makeDir("mount");
+    std::string const where = m_folder.makeFolder("mount");
     std::string const file = m_folder.makeFile("file");
     std::string const over = m_folder.makeFile("over");
     expectInChild([&] {
@@ -935,7 +935,7 @@ TEST_F(FileSysTest, mountPointIsInUse) {
 
 TEST_F(FileSysTest, fullFileSystemHasNoRoomForALinkOrADirectory) {
     VESK_SKIP_WITHOUT_MOUNTS();
-    std::string const where = m_folder.makeDir("mount");
+    std::string const where = m_folder.makeFolder("mount");
     expectInChild([&] {
         ASSERT_TRUE(separateMounts() && mountMemory(where, "size=64k,nr_inodes=2")) << strerror(errno);
         m_folder.makeFile("mount/last");
@@ -946,7 +946,7 @@ TEST_F(FileSysTest, fullFileSystemHasNoRoomForALinkOrADirectory) {
 
 TEST_F(FileSysTest, fileSystemWithoutSymbolicLinksHasNotImplementedThem) {
     VESK_SKIP_WITHOUT_MOUNTS();
-    std::string const where = m_folder.makeDir("mount");
+    std::string const where = m_folder.makeFolder("mount");
     expectInChild([&] {
         ASSERT_TRUE(separateMounts());
         // The one of terminals knows no links.

@@ -1,31 +1,32 @@
 #pragma once
 
-#include <cerrno>
-#include <cstdio>
+#include <gtest/gtest.h>
+
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace support {
 
-/// A folder of the test's own, with whatever it puts there, gone when the object goes. Everybody may enter it.
+/// A folder of the test's own, which goes with everything in it. Others may look into it, so that a child that has given
+/// up its rights finds what it is to be refused.
+///
+/// It lies in memory: a 32-bit program under user-mode QEMU cannot list a folder of most disk file systems, whose
+/// positions are too large for it.
 class TempFolder {
 public:
-    TempFolder() {
-        char name[] = "/tmp/vesk-test-XXXXXX";
-        if (mkdtemp(name) == nullptr || chmod(name, 0755) != 0) {
-            perror("TempFolder");
-            abort();
-        }
-        m_path = name;
+    TempFolder() : m_path(getParent() + "/vesk-test-XXXXXX") {
+        EXPECT_NE(nullptr, mkdtemp(m_path.data())) << m_path;
+        EXPECT_EQ(0, chmod(m_path.c_str(), 0755));
     }
     ~TempFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
+        std::error_code error;
+        std::filesystem::remove_all(m_path, error);
+        EXPECT_FALSE(error) << m_path << ": " << error.message();
     }
 
     TempFolder(TempFolder const&) = delete;
@@ -33,59 +34,52 @@ public:
 
     std::string const& getPath() const { return m_path; }
 
-    /// The path of an entry.
+    /// The path of an entry, existing or not.
     std::string operator/(std::string const& name) const { return m_path + "/" + name; }
 
-    /// Makes a file and gives its path.
+    /// Makes a file, or empties and fills one, and gives its path.
     std::string
-    makeFile(std::string const& name, std::string const& content = {}, mode_t access = 0644) const {
-        std::string path = *this / name;
-        int const fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, access);
-        if (fd == -1 || write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
-            fchmod(fd, access) != 0 || close(fd) != 0) {
-            perror(path.c_str());
-            abort();
-        }
-        return path;
+    makeFile(std::string const& name, std::string const& content = "", mode_t access = 0644) const {
+        std::ofstream file(*this / name, std::ios::binary | std::ios::trunc);
+        EXPECT_TRUE(file << content << std::flush) << name;
+        EXPECT_EQ(0, chmod((*this / name).c_str(), access)) << name;
+        return *this / name;
     }
 
-    /// Makes a directory and gives its path.
-    std::string makeDir(std::string const& name, mode_t access = 0755) const {
-        std::string path = *this / name;
-        if (mkdir(path.c_str(), access) != 0 || chmod(path.c_str(), access) != 0) {
-            perror(path.c_str());
-            abort();
-        }
-        return path;
+    /// Makes a folder and gives its path.
+    std::string makeFolder(std::string const& name, mode_t access = 0755) const {
+        EXPECT_TRUE(std::filesystem::create_directory(*this / name)) << name;
+        EXPECT_EQ(0, chmod((*this / name).c_str(), access)) << name;
+        return *this / name;
     }
 
     /// Makes a symbolic link and gives its path.
-    std::string makeLink(std::string const& target, std::string const& name) const {
-        std::string path = *this / name;
-        if (symlink(target.c_str(), path.c_str()) != 0) {
-            perror(path.c_str());
-            abort();
-        }
-        return path;
+    std::string makeLink(std::string const& name, std::string const& target) const {
+        std::error_code error;
+        std::filesystem::create_symlink(target, *this / name, error);
+        EXPECT_FALSE(error) << name << ": " << error.message();
+        return *this / name;
     }
 
 private:
+    static std::string getParent() {
+        std::string const memory = "/dev/shm";
+        std::error_code error;
+        return std::filesystem::is_directory(memory, error) ? memory : testing::TempDir();
+    }
+
     std::string m_path;
 };
 
-/// What a file holds, "(none)" if it cannot be read.
+/// What a file holds; "(none)" if it cannot be read.
 inline std::string contentOf(std::string const& path) {
-    int const fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd == -1) {
+    std::ifstream const file(path, std::ios::binary);
+    if (!file) {
         return "(none)";
     }
-    std::string content;
-    char chunk[4096];
-    for (ssize_t count = 0; (count = read(fd, chunk, sizeof chunk)) > 0;) {
-        content.append(chunk, static_cast<size_t>(count));
-    }
-    close(fd);
-    return content;
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
 }
 
 } // namespace support
