@@ -656,8 +656,10 @@ struct Operation {
 bool existsFails(char const* path) {
     return FileSys::exists(path, true) == -1;
 }
+// Where it would be in the same file system.
+char const* s_new_path = "/new";
 bool moveFails(char const* path) {
-    return FileSys::move(path, "/new");
+    return FileSys::move(path, s_new_path);
 }
 bool moveToFails(char const* path) {
     return FileSys::move("/proc/self/exe", path);
@@ -712,7 +714,7 @@ void PrintTo(Refusal const& refusal, std::ostream* out) {
 /// What reports show for a path of the operation.
 std::string shown(Operation const& operation, char const* path) {
     std::string const text = path != nullptr ? path : "(null)";
-    return operation.run == moveFails  ? text + " or /new"
+    return operation.run == moveFails  ? text + " or " + s_new_path
         : operation.run == moveToFails ? "/proc/self/exe or " + text
                                        : text;
 }
@@ -736,7 +738,10 @@ TEST_P(FileSysBadPaths, areReported) {
         : error == ENOTDIR                   ? at("file/x")
         : error == ENAMETOOLONG              ? at(std::string(256, 'a'))
                                              : at("loop/x");
+    std::string const new_path = at("new");
+    s_new_path = new_path.c_str();
     expectRefusal(GetParam(), path.c_str());
+    s_new_path = "/new";
 }
 
 INSTANTIATE_TEST_SUITE_P(
