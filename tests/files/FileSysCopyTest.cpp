@@ -123,6 +123,8 @@ protected:
         "ABORT framework/src/vesk/common/FileSys copy: Error closing src/dst file(s)";
 
     TempFolder m_folder;
+    // The first handle of a process makes the pool of the counters.
+    vesk::UnicodeString m_first_handle{"", 1};
     std::string m_source = m_folder / "source";
     std::string m_destination = m_folder / "destination";
 };

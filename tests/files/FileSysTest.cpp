@@ -27,6 +27,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <tuple>
 #include <unistd.h>
 #include <vector>
@@ -58,8 +59,8 @@ extern "C" VESK_UNWATCHED ssize_t readlink(char const* path, char* buffer, size_
         buffer[0] = 'x';
         return 1;
     }
-    return reinterpret_cast<ssize_t (*)(char const*, char*, size_t)>(inject_readlink.getReal())(
-        path, buffer, size);
+    // Past the sanitizers, which would look at the path themselves.
+    return syscall(SYS_readlinkat, AT_FDCWD, path, buffer, size);
 }
 
 namespace {
@@ -772,11 +773,6 @@ INSTANTIATE_TEST_SUITE_P(
 class FileSysNullPaths : public FileSysTest, public testing::WithParamInterface<Refusal> {};
 
 TEST_P(FileSysNullPaths, areTheSystemsToRefuse) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    if (GetParam().operation.run == readLinkFails) {
-        GTEST_SKIP() << "the sanitizer looks at the path itself";
-    }
-#endif
     expectRefusal(GetParam(), nullptr);
 }
 
