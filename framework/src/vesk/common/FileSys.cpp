@@ -1,0 +1,104 @@
+#include <vesk/FileSys.h>
+
+#include "Report.h"
+
+#include <vesk/StreamBinFileR.h>
+#include <vesk/StreamBinFileW.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <memory>
+#include <new>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/common/FileSys";
+
+bool isEndOfStream() noexcept {
+    using StreamBase = std::IBinStreamBase;
+    return std::ErrorStorage::isA(StreamBase::StreamError) && std::ErrorStorage::id() == 2;
+}
+
+/// Copies what is left of the source. True on failure, after a report.
+bool copyBytes(StreamBinFileR& source, StreamBinFileW& destination, void* buffer, unsigned int buffer_size) {
+    unsigned int read_bytes = 0;
+    do {
+        if (source.read(buffer, buffer_size, read_bytes) != 1) {
+            if (!isEndOfStream()) {
+                return true;
+            }
+            std::ErrorStorage::ack();
+            read_bytes = 0;
+        }
+        if (read_bytes != 0) {
+            unsigned int written_bytes = 0;
+            if (destination.write(buffer, read_bytes, written_bytes) != 1) {
+                return true;
+            }
+            if (written_bytes != read_bytes) {
+                std::GlobalErrorHandler::doAssert(
+                    false, "written_bytes == read_bytes", SOURCE, __LINE__, "copy", nullptr);
+            }
+        }
+    } while (read_bytes != 0);
+    return false;
+}
+
+/// Closes both; the destination only when that of the source succeeded. True on failure.
+bool closeBoth(StreamBinFileR& source, StreamBinFileW& destination) {
+    if (source.BinFileBase::close()) {
+        return true;
+    }
+    if (!destination.isValid()) {
+        return false;
+    }
+    bool const flush_failed = destination.flush(false);
+    return destination.BinFileBase::close() || flush_failed;
+}
+
+} // namespace
+
+bool FileSys::copy(
+    UnicodeString const& source, UnicodeString const& destination, unsigned int buffer_size, void* buffer) {
+    if (buffer_size == 0) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "zero bufsize given");
+        return true;
+    }
+    std::unique_ptr<unsigned char[]> own_buffer;
+    if (buffer == nullptr) {
+        own_buffer.reset(new (std::nothrow) unsigned char[buffer_size]);
+        if (own_buffer == nullptr) {
+            report(SOURCE, Chain::NEW, std::CommonError, 0);
+            return true;
+        }
+        buffer = own_buffer.get();
+    }
+
+    StreamBinFileR source_file(0);
+    source_file.open(source, BinFileBase::READ);
+    // Not what the open returned: an empty path is no failure of it.
+    if (!source_file.isValid()) {
+        return true;
+    }
+    StreamBinFileW destination_file(0);
+    destination_file.open(destination, BinFileBase::WRITE | BinFileBase::CREATE | BinFileBase::EXCLUSIVE);
+    if (!destination_file.isValid()) {
+        return true;
+    }
+
+    if (copyBytes(source_file, destination_file, buffer, buffer_size)) {
+        return true;
+    }
+    // The caller believes in the copy, and may remove the source next.
+    if (closeBoth(source_file, destination_file)) {
+        std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, "copy", "Error closing src/dst file(s)");
+    }
+    return false;
+}
+
+} // namespace vesk

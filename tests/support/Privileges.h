@@ -1,0 +1,61 @@
+#pragma once
+
+#include "support/Child.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <grp.h>
+#include <sched.h>
+#include <string>
+#include <sys/mount.h>
+#include <unistd.h>
+
+/// For tests that run a child with fewer rights, or with mounts of its own.
+
+namespace support {
+
+/// Runs `body` in a child, whose failures become those of the test.
+inline void expectInChild(std::function<void()> const& body) {
+    ChildEnd const end = runInChild(body);
+    EXPECT_EQ(0, end.exit_code) << "signal " << end.signal << "\n" << end.output << end.errors;
+}
+
+/// Makes the calling process, a child, one of a user who owns nothing.
+inline bool dropRights() {
+    constexpr unsigned int NOBODY = 65534;
+    return setgroups(0, nullptr) == 0 && setgid(NOBODY) == 0 && setuid(NOBODY) == 0;
+}
+
+/// Gives the calling process, a child, mounts that end with it.
+inline bool separateMounts() {
+    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+/// Mounts an empty file system in memory.
+/// @param options  as for `mount -t tmpfs -o`
+inline bool mountMemory(std::string const& where, char const* options = "", unsigned long flags = 0) {
+    return mount("memory", where.c_str(), "tmpfs", flags, options) == 0;
+}
+
+inline bool maySeparateMounts() {
+    return runInChild([] {
+               if (!separateMounts() || !mountMemory("/tmp")) {
+                   ADD_FAILURE() << strerror(errno);
+               }
+           }).exit_code == 0;
+}
+
+} // namespace support
+
+#define VESK_SKIP_UNLESS_ROOT()                                                                              \
+    if (geteuid() != 0) {                                                                                    \
+        GTEST_SKIP() << "only root can give up rights";                                                      \
+    }
+
+#define VESK_SKIP_WITHOUT_MOUNTS()                                                                           \
+    if (!support::maySeparateMounts()) {                                                                     \
+        GTEST_SKIP() << "a mount namespace of its own is not granted to the test";                           \
+    }
