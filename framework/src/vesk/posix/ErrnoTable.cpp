@@ -10,7 +10,9 @@ Outcome classify(Place place, ErrnoTable table, int error, char const* detail, C
         if (!row.errnos.has(error)) {
             continue;
         }
-        if (row.cause.family != nullptr) {
+        if (row.further != nullptr) {
+            report(place, chain, *row.cause.family, row.cause.id, SystemErrorText(error).get(), row.further);
+        } else if (row.cause.family != nullptr) {
             report(place, chain, *row.cause.family, row.cause.id, SystemErrorText(error).get());
         }
         if (row.on_top.family != nullptr) {

@@ -57,6 +57,7 @@ struct ErrnoRow {
     RowReport cause;
     RowReport on_top = {};
     Outcome outcome = Outcome::FAILED;
+    char const* further = nullptr; ///< An argument of the cause behind the system's text.
 };
 
 /// A view of a table, so that any `constexpr` array of rows can be handed over as it stands.
