@@ -64,11 +64,11 @@ public:
 
     /// Where a path really leads.
     static std::string resolve(char const* path, int flags) {
-        if (s_current == nullptr || strncmp(path, "/proc/", 6) != 0) {
+        if (strncmp(path, "/proc", 5) != 0) {
             return path;
         }
         s_current->m_opened.push_back({path, flags});
-        return s_current->m_folder / (path + 6);
+        return s_current->m_folder.string() + (path + 5);
     }
 
     static bool isThere() noexcept { return s_current != nullptr; }

@@ -6,17 +6,20 @@
 #include "support/Inject.h"
 #include "support/Processes.h"
 
+#include <vesk/FileAccessError.h>
 #include <vesk/ProcessInfo.h>
 #include <vesk/SysError.h>
 #include <vesk/Time.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <dirent.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -50,6 +53,16 @@ extern "C" VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {
         return -1;
     }
     return reinterpret_cast<ssize_t (*)(int, void*, size_t)>(inject_read.getReal())(fd, buffer, size);
+}
+
+support::Injected inject_readdir("readdir");
+extern "C" VESK_UNWATCHED dirent* readdir(DIR* directory) {
+    int error = 0;
+    if (inject_readdir.fails(error)) {
+        errno = error;
+        return nullptr;
+    }
+    return reinterpret_cast<dirent* (*)(DIR*)>(inject_readdir.getReal())(directory);
 }
 
 support::Injected inject_sysconf("sysconf");
@@ -497,6 +510,66 @@ TEST_P(ProcessInfoLoadWithout, isAFailureOfTheStartAheadOfTheEnd) {
 INSTANTIATE_TEST_SUITE_P(
     OneOrBothTimes, ProcessInfoLoadWithout,
     testing::Values(0u, 2u, 4u, ALL_VALUES & ~2u, ALL_VALUES & ~4u, ALL_VALUES & ~6u));
+
+// ---- all processes ----
+
+class ProcessInfoPIDs : public testing::Test {
+protected:
+    bool contain(int pid) const { return std::find(m_pids.begin(), m_pids.end(), pid) != m_pids.end(); }
+
+    std::vector<int> m_pids{-1, -2, -3};
+};
+
+TEST_F(ProcessInfoPIDs, areThoseOfTheSystemAndNoneOfBefore) {
+    Process child([] { pause(); });
+    EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
+    EXPECT_TRUE(chainIs({}));
+    EXPECT_TRUE(contain(getpid()));
+    EXPECT_TRUE(contain(child.getId()));
+    EXPECT_TRUE(std::all_of(m_pids.begin(), m_pids.end(), [](int pid) { return pid > 0; }));
+    std::sort(m_pids.begin(), m_pids.end());
+    EXPECT_EQ(m_pids.end(), std::adjacent_find(m_pids.begin(), m_pids.end()));
+    child.kill();
+    EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
+    EXPECT_FALSE(contain(child.getId()));
+    EXPECT_TRUE(contain(getpid()));
+}
+
+TEST_F(ProcessInfoPIDs, areNamesWithADigitInFront) {
+    FakeProc const proc;
+    for (char const* const name : {"1", "4711", "007", "33days", "self", "x9", "-5", " 8", "mounts"}) {
+        proc.set(name, "");
+    }
+    EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
+    std::sort(m_pids.begin(), m_pids.end());
+    EXPECT_EQ((std::vector<int>{1, 7, 33, 4711}), m_pids);
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_F(ProcessInfoPIDs, areNoneWhereThereAreNone) {
+    FakeProc const proc;
+    EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
+    EXPECT_EQ(std::vector<int>{}, m_pids);
+}
+
+TEST_F(ProcessInfoPIDs, directoryThatCannotBeOpenedIsAFailureThatEmptiesThemAllTheSame) {
+    Fault const fault(inject_open, EMFILE);
+    EXPECT_TRUE(ProcessInfo::getPIDs(m_pids));
+    EXPECT_TRUE(m_pids.empty());
+    EXPECT_TRUE(chainIs(
+        {{SysError, 0, rowText(SysError, 0, systemText(EMFILE))},
+         {vesk::FileAccessError, 6},
+         {SysError, 17, rowText(SysError, 17, systemText(EMFILE))}}));
+}
+
+TEST_F(ProcessInfoPIDs, directoryThatCannotBeReadIsAFailure) {
+    for (int const nth : {1, 2}) {
+        Fault const fault(inject_readdir, EIO, nth);
+        EXPECT_TRUE(ProcessInfo::getPIDs(m_pids));
+        EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EIO))}, {SysError, 17}}));
+        EXPECT_EQ(nth, fault.getCalls());
+    }
+}
 
 // ---- real processes ----
 

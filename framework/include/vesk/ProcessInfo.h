@@ -49,6 +49,11 @@ public:
     ///         or "end", a snapshot without both times
     static double getCpuLoad(ProcessInfo const& start, ProcessInfo const& end);
 
+    /// Finds all processes of the system (`vesk::Directory` on "/proc"). They may be gone when it returns.
+    /// @param pids  emptied, then filled with their ids, in no order
+    /// @return true on failure: `SysError` 17 on top of the report of `Directory`; `pids` holds what was found before
+    static bool getPIDs(std::vector<int>& pids);
+
     /// The process looked at.
     int getPID() const noexcept { return m_pid; }
 

@@ -2,6 +2,7 @@
 
 #include "Snapshot.h"
 
+#include <vesk/Directory.h>
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
 
@@ -10,6 +11,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -165,6 +167,21 @@ double ProcessInfo::getCpuLoad(ProcessInfo const& start, ProcessInfo const& end)
     return limitLoad(
         static_cast<double>(used) / system.processor_count / getElapsed(start.timestamp, end.timestamp) *
         100.0);
+}
+
+bool ProcessInfo::getPIDs(std::vector<int>& pids) {
+    pids.clear();
+    Directory proc("/proc", false);
+    // No directory is empty: one that is at its end already could not be read.
+    int result = proc.isValid() && !proc.atEnd() ? 0 : -1;
+    while (result == 0) {
+        char const* const name = proc.curName();
+        if (name[0] >= '0' && name[0] <= '9') {
+            pids.push_back(static_cast<int>(strtol(name, nullptr, 10)));
+        }
+        result = proc.next();
+    }
+    return result < 0 && reportQuery(SOURCE, Chain::ON_TOP);
 }
 
 } // namespace vesk
