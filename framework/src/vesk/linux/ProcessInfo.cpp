@@ -70,14 +70,14 @@ void ProcessInfo::init() {
     if (m_pid == 0) {
         std::GlobalErrorHandler::doAssert(false, "m_pid", SOURCE, __LINE__, "init", nullptr);
     }
-    char path[32];
+    char path[32]{};
     int const length = snprintf(path, sizeof path, "/proc/%d/stat", m_pid);
     ProcFile const stat(path);
     if (!stat.isOpen()) {
         reportQuery(SOURCE);
         return;
     }
-    strcpy(path + length, "m");
+    path[length] = 'm';
     // Opened before the first one is read, so that both tell of the same process.
     ProcFile const statm(path);
     if (!statm.isOpen()) {
