@@ -321,7 +321,7 @@ TEST_F(SharedObjTest, symbolWhoseValueIsNullIsFound) {
 TEST_F(SharedObjTest, whatTheLoaderHadToSayBeforeIsNoFailureOfResolving) {
     SharedObj object;
     ASSERT_FALSE(object.load(FIRST_LIBRARY));
-    EXPECT_EQ(nullptr, dlopen("/nonexistent/libnothing.so", RTLD_LAZY));
+    s_loader_text = "of no concern";
     void* address = &address;
     EXPECT_FALSE(object.resolve("library_nothing", address));
     EXPECT_EQ(nullptr, address);
