@@ -24,7 +24,8 @@ namespace vesk {
 /// means anything until its own `next`. The last copy to go closes the stream. A directory and its copies belong to one
 /// thread at a time, but copies may end in different threads. What is opened from a directory lives on without it.
 ///
-/// The descriptor is passed on to a new program (`exec`): it has no close-on-exec. Names go to the system as they are.
+/// The descriptor is passed on to a new program (`exec`): it has no close-on-exec, unless it was taken over, when
+/// `fdopendir` decides. Names go to the system as they are.
 /// Calls that a signal interrupts are not repeated.
 ///
 /// The constructors cannot fail visibly: ask `isValid`. What they report of the path, or of the name within the parent:

@@ -64,6 +64,11 @@ void closeOrWarn(Close close_it, char const* function, char const* message, int 
     }
 }
 
+/// `fdopendir` marks the descriptor close-on-exec. Those that are opened here stay open for a new program all the same.
+void keepAcrossExec(int fd) noexcept {
+    fcntl(fd, F_SETFD, 0);
+}
+
 } // namespace
 
 Directory::Directory() : m_at_end(true) {}
@@ -102,6 +107,7 @@ void Directory::adopt(char const* path) {
     if (m_handle.fd != -1) {
         m_handle.dir = fdopendir(m_handle.fd);
         if (m_handle.dir != nullptr) {
+            keepAcrossExec(m_handle.fd);
             init();
             return;
         }
@@ -179,7 +185,9 @@ Directory Directory::curDir(bool follow, bool) const {
         return Directory();
     }
     Directory directory(&handle);
-    if (!directory.m_valid && !directory.m_at_end) {
+    if (directory.m_valid) {
+        keepAcrossExec(handle.fd);
+    } else if (!directory.m_at_end) {
         // It has no stream, so the descriptor was not taken over: an entry that is no directory.
         SavedErrorChain const saved;
         closeOrWarn([&handle] { return close(handle.fd); }, "curDir", "error closing dir-fd");

@@ -1,0 +1,113 @@
+#include "support/Chain.h"
+#include "support/Child.h"
+
+#include <vesk/Environment.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using support::chainIs;
+using support::ChildEnd;
+using support::runInChild;
+using vesk::Environment;
+
+static_assert(sizeof(Environment) == 2 * sizeof(char**));
+
+/// Rows of the test's own in the place of the process's, while it lives.
+class OwnRows {
+public:
+    explicit OwnRows(char** rows) : m_before(environ) { environ = rows; }
+    ~OwnRows() { environ = m_before; }
+    OwnRows(OwnRows const&) = delete;
+    OwnRows& operator=(OwnRows const&) = delete;
+
+private:
+    char** m_before;
+};
+
+char s_a[] = "A=1";
+char s_b[] = "B=";
+char s_c[] = "C=x=y";
+
+std::vector<std::string> list(Environment const& environment) {
+    return {environment.begin(), environment.end()};
+}
+
+TEST(Environment, aSetVariableHasItsValue) {
+    ASSERT_EQ(0, setenv("VESK_TEST_VARIABLE", "some value", 1));
+    EXPECT_STREQ("some value", Environment::getVariable("VESK_TEST_VARIABLE"));
+    EXPECT_EQ(getenv("VESK_TEST_VARIABLE"), Environment::getVariable("VESK_TEST_VARIABLE")) << "no copy";
+}
+
+TEST(Environment, anUnsetVariableIsAnEmptyTextAndNotNull) {
+    ASSERT_EQ(0, unsetenv("VESK_TEST_VARIABLE"));
+    char const* const value = Environment::getVariable("VESK_TEST_VARIABLE");
+    ASSERT_NE(nullptr, value);
+    EXPECT_STREQ("", value);
+    EXPECT_STREQ("", Environment::getVariable(""));
+    EXPECT_STREQ("", Environment::getVariable("A=B"));
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST(Environment, anEmptyVariableLooksLikeAnUnsetOne) {
+    ASSERT_EQ(0, setenv("VESK_TEST_VARIABLE", "", 1));
+    EXPECT_STREQ("", Environment::getVariable("VESK_TEST_VARIABLE"));
+}
+
+TEST(Environment, walksAllRowsInTheirOrder) {
+    char* rows[] = {s_a, s_b, s_c, nullptr};
+    OwnRows const own(rows);
+    Environment const environment;
+    EXPECT_TRUE(environment.isValid());
+    EXPECT_EQ(rows, environment.begin());
+    EXPECT_EQ(rows + 3, environment.end());
+    EXPECT_EQ((std::vector<std::string>{"A=1", "B=", "C=x=y"}), list(environment));
+    EXPECT_STREQ("x=y", Environment::getVariable("C"));
+}
+
+TEST(Environment, theOtherFormOfTheWalkIsTheSame) {
+    Environment const environment;
+    EXPECT_EQ(environ, environment.begin());
+    EXPECT_EQ(environment.begin(), environment.begin_ucs());
+    EXPECT_EQ(environment.end(), environment.end_ucs());
+    EXPECT_EQ(nullptr, *environment.end());
+}
+
+TEST(Environment, rowsThatAreAddedLaterAreNotSeen) {
+    char* rows[] = {s_a, nullptr, nullptr};
+    OwnRows const own(rows);
+    Environment const environment;
+    rows[1] = s_b;
+    EXPECT_EQ((std::vector<std::string>{"A=1"}), list(environment));
+    EXPECT_EQ((std::vector<std::string>{"A=1", "B="}), list(Environment()));
+    rows[0] = s_c;
+    EXPECT_EQ((std::vector<std::string>{"C=x=y"}), list(environment)) << "only the bounds are kept";
+}
+
+TEST(Environment, anEnvironmentWithoutRowsIsEmpty) {
+    char* rows[] = {nullptr};
+    OwnRows const own(rows);
+    Environment const environment;
+    EXPECT_TRUE(environment.isValid());
+    EXPECT_EQ(environment.begin(), environment.end());
+}
+
+TEST(Environment, aClearedEnvironmentIsEmpty) {
+    ChildEnd const end = runInChild([] {
+        EXPECT_EQ(0, clearenv());
+        Environment const environment;
+        EXPECT_TRUE(environment.isValid());
+        EXPECT_EQ(environment.begin(), environment.end());
+        EXPECT_EQ(environment.begin_ucs(), environment.end_ucs());
+        EXPECT_STREQ("", Environment::getVariable("PATH"));
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output;
+}
+
+} // namespace

@@ -1,0 +1,38 @@
+#include "support/Chain.h"
+
+#include <vesk/SysError.h>
+#include <vesk/UserFS.h>
+
+#include <gtest/gtest.h>
+
+#include <type_traits>
+
+namespace {
+
+using support::chainIs;
+using vesk::UserFS;
+
+static_assert(std::is_empty_v<UserFS>);
+
+TEST(UserFS, mountAlwaysFails) {
+    for (bool const no_effect : {false, true}) {
+        UserFS file_system(no_effect);
+        for (char const* const path : {"/mnt", "", static_cast<char const*>(nullptr)}) {
+            EXPECT_TRUE(file_system.mount(path, nullptr));
+            EXPECT_TRUE(chainIs({{vesk::SysError, 6, "Function not implemented: No FUSE available"}}));
+        }
+    }
+}
+
+TEST(UserFS, unmountHasNothingToDo) {
+    UserFS file_system(true);
+    EXPECT_FALSE(file_system.unmount());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST(UserFS, startUpHasNothingToDo) {
+    EXPECT_FALSE(UserFS::init());
+    EXPECT_TRUE(chainIs({}));
+}
+
+} // namespace
