@@ -1,14 +1,13 @@
 #pragma once
 
 #include "support/Inject.h"
+#include "support/TempFolder.h"
 
 #include <cerrno>
 #include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -28,24 +27,16 @@ struct OpenCall {
 /// While it lives, files under /proc are opened in a folder that the test fills. One at a time.
 class FakeProc {
 public:
-    FakeProc() {
-        std::string name = (std::filesystem::temp_directory_path() / "vesk-proc-XXXXXX").string();
-        m_folder = mkdtemp(name.data());
-        s_current = this;
-    }
-    ~FakeProc() {
-        s_current = nullptr;
-        std::filesystem::remove_all(m_folder);
-    }
+    FakeProc() { s_current = this; }
+    ~FakeProc() { s_current = nullptr; }
 
     FakeProc(FakeProc const&) = delete;
     FakeProc& operator=(FakeProc const&) = delete;
 
     /// Writes a file, named from /proc on: "42/stat".
     void set(std::string const& name, std::string const& text) const {
-        std::filesystem::path const file = m_folder / name;
-        std::filesystem::create_directories(file.parent_path());
-        std::ofstream(file) << text;
+        std::filesystem::create_directories(std::filesystem::path(m_folder / name).parent_path());
+        m_folder.makeFile(name, text);
     }
 
     /// Writes the two files of a process. The values of `stat` and `statm` that nobody asks for are all different.
@@ -68,7 +59,7 @@ public:
             return path;
         }
         s_current->m_opened.push_back({path, flags});
-        return s_current->m_folder.string() + (path + 5);
+        return s_current->m_folder.getPath() + (path + 5);
     }
 
     static bool isThere() noexcept { return s_current != nullptr; }
@@ -76,7 +67,7 @@ public:
 private:
     static inline FakeProc* s_current = nullptr;
 
-    std::filesystem::path m_folder;
+    TempFolder m_folder;
     std::vector<OpenCall> m_opened;
 };
 

@@ -1,6 +1,6 @@
 #include "support/Chain.h"
-#include "support/Descriptors.h"
 #include "support/Inject.h"
+#include "support/TempFolder.h"
 
 #include <vesk/FileAccessError.h>
 #include <vesk/SecureRandom.h>
@@ -14,19 +14,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
 #include <thread>
 #include <type_traits>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -87,26 +81,17 @@ constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
 /// A file of the test's own in place of the devices, with the bytes "0123456789ABCDEF".
 class FakeDevice {
 public:
-    FakeDevice() {
-        std::string name = (std::filesystem::temp_directory_path() / "vesk-random-XXXXXX").string();
-        m_folder = mkdtemp(name.data());
-        m_file = (m_folder / "device").string();
-        std::ofstream(m_file) << "0123456789ABCDEF";
-        s_device = m_file.c_str();
-    }
+    FakeDevice() : m_file(m_folder.makeFile("device", "0123456789ABCDEF")) { s_device = m_file.c_str(); }
     ~FakeDevice() {
         s_device = nullptr;
         s_most = 0;
-        std::filesystem::remove_all(m_folder);
     }
 
     FakeDevice(FakeDevice const&) = delete;
     FakeDevice& operator=(FakeDevice const&) = delete;
 
-    std::string const& getPath() const { return m_file; }
-
 private:
-    std::filesystem::path m_folder;
+    support::TempFolder m_folder;
     std::string m_file;
 };
 

@@ -1,6 +1,7 @@
 #include "frame/FakeClock.h"
 #include "support/Chain.h"
 #include "support/Inject.h"
+#include "support/TempFolder.h"
 
 #include <vesk/SysError.h>
 #include <vesk/SystemLoad.h>
@@ -17,7 +18,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <string>
@@ -62,28 +62,21 @@ double getProcessors() {
     return static_cast<double>(vesk::Vesk::s_sys_info.processor_count);
 }
 
-/// A folder of the test's own with a /proc/uptime in it.
+/// A /proc/uptime of the test's own.
 class FakeUptime {
 public:
-    explicit FakeUptime(std::string const& text) {
-        std::string name = (std::filesystem::temp_directory_path() / "vesk-load-XXXXXX").string();
-        m_folder = mkdtemp(name.data());
-        m_file = (m_folder / "uptime").string();
-        std::ofstream(m_file) << text;
+    explicit FakeUptime(std::string const& text) : m_file(m_folder.makeFile("uptime", text)) {
         s_uptime_file = m_file.c_str();
     }
-    ~FakeUptime() {
-        s_uptime_file = nullptr;
-        std::filesystem::remove_all(m_folder);
-    }
+    ~FakeUptime() { s_uptime_file = nullptr; }
 
     FakeUptime(FakeUptime const&) = delete;
     FakeUptime& operator=(FakeUptime const&) = delete;
 
-    std::filesystem::path const& getFolder() const { return m_folder; }
+    std::string const& getFolder() const { return m_folder.getPath(); }
 
 private:
-    std::filesystem::path m_folder;
+    support::TempFolder m_folder;
     std::string m_file;
 };
 
@@ -164,8 +157,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(SystemLoad, fileThatCannotBeReadIsReported) {
     FakeUptime const uptime("");
-    std::string const folder = uptime.getFolder().string();
-    s_uptime_file = folder.c_str(); // A folder opens, and that is all.
+    s_uptime_file = uptime.getFolder().c_str(); // A folder opens, and that is all.
     SystemLoad load;
     EXPECT_TRUE(load.sample());
     EXPECT_TRUE(chainIs({{SysError, 17, rowText(SysError, 17, systemText(EISDIR))}}));
@@ -202,7 +194,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(SystemLoad, doesNotMindALocaleWithADecimalComma) {
     FakeUptime const uptime("1148.70 8641.50\n");
-    std::string const folder = uptime.getFolder().string();
+    std::string const& folder = uptime.getFolder();
     std::string const command = "localedef -i de_DE -f UTF-8 '" + folder + "/de_DE.UTF-8' >/dev/null 2>&1";
     (void)!system(command.c_str()); // Warnings make it fail; what counts is whether the locale is there.
     setenv("LOCPATH", folder.c_str(), 1);

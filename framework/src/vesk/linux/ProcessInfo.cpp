@@ -172,8 +172,10 @@ double ProcessInfo::getCpuLoad(ProcessInfo const& start, ProcessInfo const& end)
 bool ProcessInfo::getPIDs(std::vector<int>& pids) {
     pids.clear();
     Directory proc("/proc", false);
-    // No directory is empty: one that is at its end already could not be read.
-    int result = proc.isValid() && !proc.atEnd() ? 0 : -1;
+    if (!proc.isValid()) {
+        return reportQuery(SOURCE, Chain::ON_TOP);
+    }
+    int result = proc.atEnd() ? 1 : 0;
     while (result == 0) {
         char const* const name = proc.curName();
         if (name[0] >= '0' && name[0] <= '9') {
