@@ -1,0 +1,189 @@
+#include <vesk/ProcessInfo.h>
+
+#include "Snapshot.h"
+
+#include <vesk/Directory.h>
+#include <vesk/Time.h>
+#include <vesk/Vesk.h>
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+#include <tarncommon/tarnbase/NonCopyable.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/linux/ProcessInfo";
+
+/// A file under /proc, closed on every way out.
+class ProcFile : private tarnbase::NonCopyable {
+public:
+    explicit ProcFile(char const* path) noexcept : m_fd(open(path, O_RDONLY)) {}
+    ~ProcFile() {
+        if (isOpen()) {
+            close(m_fd);
+        }
+    }
+
+    bool isOpen() const noexcept { return m_fd != -1; }
+
+    /// Reads as much as there is room for. True on failure.
+    template <size_t N>
+    bool readText(char (&text)[N]) const noexcept {
+        ssize_t const length = read(m_fd, text, N - 1);
+        if (length < 0) {
+            return true;
+        }
+        text[length] = '\0';
+        return false;
+    }
+
+private:
+    int m_fd;
+};
+
+uint32_t toMilliseconds(unsigned long ticks) noexcept {
+    static uint32_t const ticks_per_second = static_cast<uint32_t>(sysconf(_SC_CLK_TCK));
+    // The product wraps, and does so alike on all systems: callers know the counters as 32 bits wide.
+    return 1000U * static_cast<uint32_t>(ticks) / ticks_per_second;
+}
+
+bool hasTimes(ProcessInfo const& info) noexcept {
+    constexpr unsigned int TIMES = ProcessInfo::USER_TIME | ProcessInfo::SYSTEM_TIME;
+    return (info.available & TIMES) == TIMES;
+}
+
+} // namespace
+
+void ProcessInfo::init() {
+    valid = false;
+    available = 0;
+    if (m_pid == 0) {
+        std::GlobalErrorHandler::doAssert(false, "m_pid", SOURCE, __LINE__, "init", nullptr);
+    }
+    char path[32]{};
+    int const length = snprintf(path, sizeof path, "/proc/%d/stat", m_pid);
+    ProcFile const stat(path);
+    if (!stat.isOpen()) {
+        reportQuery(SOURCE);
+        return;
+    }
+    path[length] = 'm';
+    // Opened before the first one is read, so that both tell of the same process.
+    ProcFile const statm(path);
+    if (!statm.isOpen()) {
+        reportQuery(SOURCE);
+        return;
+    }
+    char text[1024];
+    if (stat.readText(text)) {
+        reportQuery(SOURCE);
+        return;
+    }
+    if (parseStat(text)) {
+        return;
+    }
+    if (statm.readText(text)) {
+        reportQuery(SOURCE);
+        return;
+    }
+    if (parseStatm(text)) {
+        return;
+    }
+    if (Time::getTimestamp(timestamp)) {
+        reportQuery(SOURCE, Chain::ON_TOP);
+        timestamp = 0;
+    }
+    valid = true;
+}
+
+bool ProcessInfo::parseStat(char const* text) {
+    // The name may hold anything, parentheses and spaces as well: only the last one ends it.
+    char const* const begin = strchr(text, '(');
+    char const* const end = strrchr(text, ')');
+    if (begin == nullptr || end == nullptr || end < begin) {
+        return reportQuery(SOURCE);
+    }
+    name.assign(begin + 1, end);
+    available |= NAME;
+    if (end[1] == '\0') {
+        return reportQuery(SOURCE);
+    }
+    unsigned long user_ticks = 0;
+    unsigned long system_ticks = 0;
+    ssize_t thread_count = 0;
+    if (sscanf(
+            end + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %*u %*u %*d %*d %zd", &user_ticks,
+            &system_ticks, &thread_count) < 3) {
+        return reportQuery(SOURCE);
+    }
+    user_time = toMilliseconds(user_ticks);
+    system_time = toMilliseconds(system_ticks);
+    threads = static_cast<size_t>(thread_count);
+    available |= USER_TIME | SYSTEM_TIME | THREADS;
+    return false;
+}
+
+bool ProcessInfo::parseStatm(char const* text) {
+    size_t pages = 0;
+    if (sscanf(text, "%*u %zu %*u %*u %*u %*u", &pages) != 1) {
+        return reportQuery(SOURCE);
+    }
+    static long const page_size = sysconf(_SC_PAGESIZE);
+    if (page_size == -1) {
+        std::GlobalErrorHandler::doAssert(false, "page_size != -1", SOURCE, __LINE__, "init", nullptr);
+    }
+    resident = pages * static_cast<size_t>(page_size);
+    available |= RESIDENT;
+    return false;
+}
+
+double ProcessInfo::getCpuLoad(ProcessInfo const& start, ProcessInfo const& end) {
+    if (!hasTimes(start)) {
+        report(SOURCE, Chain::NEW, SysError, 8, "start");
+        return -1.0;
+    }
+    if (!hasTimes(end)) {
+        report(SOURCE, Chain::NEW, SysError, 8, "end");
+        return -1.0;
+    }
+    if (start.timestamp >= end.timestamp) {
+        return 0.0;
+    }
+    // Negative if a counter wrapped in between.
+    auto const used =
+        static_cast<long long>(end.user_time + end.system_time - (start.user_time + start.system_time));
+    // Processors come and go.
+    Vesk::SystemInfo const system;
+    return limitLoad(
+        static_cast<double>(used) / system.processor_count / getElapsed(start.timestamp, end.timestamp) *
+        100.0);
+}
+
+bool ProcessInfo::getPIDs(std::vector<int>& pids) {
+    pids.clear();
+    Directory proc("/proc", false);
+    if (!proc.isValid()) {
+        return reportQuery(SOURCE, Chain::ON_TOP);
+    }
+    int result = proc.atEnd() ? 1 : 0;
+    while (result == 0) {
+        char const* const name = proc.curName();
+        if (name[0] >= '0' && name[0] <= '9') {
+            pids.push_back(static_cast<int>(strtol(name, nullptr, 10)));
+        }
+        result = proc.next();
+    }
+    return result < 0 && reportQuery(SOURCE, Chain::ON_TOP);
+}
+
+} // namespace vesk

@@ -1,0 +1,97 @@
+#include <vesk/SharedObj.h>
+
+#include "vesk/common/Report.h"
+
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <dlfcn.h>
+#include <iterator>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/SharedObj";
+
+constexpr std::ErrorID ROWS[] = {
+    {0, "Failed to load shared object: %s", 1},
+    {1, "Failed to unload shared object: %s", 1},
+    {2, "Failed to resolve symbol in shared object: %s", 1},
+};
+
+bool reportMisuse(Place place, char const* text) noexcept {
+    report(place, Chain::NEW, std::CommonError, 1, text);
+    return true;
+}
+
+} // namespace
+
+TARN_CONSTANT_INIT std::ErrorType const SharedObj::Error(ROWS, std::size(ROWS), SysError);
+TARN_CONSTANT_INIT char const* const SharedObj::SharedLibraryPrefix = "lib";
+TARN_CONSTANT_INIT char const* const SharedObj::SharedLibrarySuffix = ".so";
+
+bool SharedObj::load(char const* path) {
+    if (isValid() && unload()) {
+        report(SOURCE, Chain::ON_TOP, Error, 0, "Unload of previously loaded library failed");
+        return true;
+    }
+    if (path == nullptr) {
+        return reportMisuse(SOURCE, "NULL pointer given for path");
+    }
+    handle = dlopen(path, RTLD_LAZY);
+    if (handle == nullptr) {
+        report(SOURCE, Chain::NEW, Error, 0, dlerror());
+        return true;
+    }
+    return false;
+}
+
+bool SharedObj::unload() {
+    if (!isValid()) {
+        return reportMisuse(SOURCE, "No library loaded");
+    }
+    if (dlclose(handle) != 0) {
+        report(SOURCE, Chain::NEW, Error, 1, dlerror());
+        return true;
+    }
+    handle = nullptr;
+    return false;
+}
+
+bool SharedObj::resolve(char const* symbol, void*& address) const {
+    if (!isValid()) {
+        return reportMisuse(SOURCE, "No library loaded");
+    }
+    if (symbol == nullptr) {
+        return reportMisuse(SOURCE, "NULL pointer given for symbol");
+    }
+    // A null address is no failure by itself: only a text that was not there before tells one.
+    dlerror();
+    void* const found = dlsym(handle, symbol);
+    if (found == nullptr) {
+        if (char const* const text = dlerror()) {
+            report(SOURCE, Chain::NEW, Error, 2, text);
+            return true;
+        }
+    }
+    address = found;
+    return false;
+}
+
+int SharedObj::destroy() {
+    if (isValid() && unload()) {
+        std::GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "destroy", "Error unloading shared library object @%p",
+            static_cast<void*>(this));
+        std::ErrorStorage::ack();
+    }
+    return 0;
+}
+
+} // namespace vesk

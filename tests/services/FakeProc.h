@@ -1,0 +1,91 @@
+#pragma once
+
+#include "support/Inject.h"
+#include "support/TempFolder.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+/// Replaces `open`. Include it in one file of a test program. `support::Fault` on `inject_open` counts and fails its
+/// calls; a `FakeProc` brings a /proc of its own.
+
+inline support::Injected inject_open("open");
+
+namespace support {
+
+/// One call of `open`.
+struct OpenCall {
+    std::string path;
+    int flags;
+};
+
+/// While it lives, files under /proc are opened in a folder that the test fills. One at a time.
+class FakeProc {
+public:
+    FakeProc() { s_current = this; }
+    ~FakeProc() { s_current = nullptr; }
+
+    FakeProc(FakeProc const&) = delete;
+    FakeProc& operator=(FakeProc const&) = delete;
+
+    /// Writes a file, named from /proc on: "42/stat".
+    void set(std::string const& name, std::string const& text) const {
+        std::filesystem::create_directories(std::filesystem::path(m_folder / name).parent_path());
+        m_folder.makeFile(name, text);
+    }
+
+    /// Writes the two files of a process. The values of `stat` and `statm` that nobody asks for are all different.
+    void setProcess(
+        int pid, std::string const& name, std::string const& user_ticks, std::string const& system_ticks,
+        std::string const& threads, std::string const& pages) const {
+        std::string const folder = std::to_string(pid);
+        set(folder + "/stat",
+            folder + " (" + name + ") S 1 2 3 4 -5 6 7 8 9 10 " + user_ticks + " " + system_ticks +
+                " 11 12 -13 -14 " + threads + " 15 16 17 18 19\n");
+        set(folder + "/statm", "901 " + pages + " 902 903 904 905 906\n");
+    }
+
+    /// The calls of `open` so far, those below /proc.
+    std::vector<OpenCall> const& getOpened() const { return m_opened; }
+
+    /// Where a path really leads.
+    static std::string resolve(char const* path, int flags) {
+        if (strncmp(path, "/proc", 5) != 0) {
+            return path;
+        }
+        s_current->m_opened.push_back({path, flags});
+        return s_current->m_folder.getPath() + (path + 5);
+    }
+
+    static bool isThere() noexcept { return s_current != nullptr; }
+
+private:
+    static inline FakeProc* s_current = nullptr;
+
+    TempFolder m_folder;
+    std::vector<OpenCall> m_opened;
+};
+
+} // namespace support
+
+extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    int const mode = (flags & O_CREAT) != 0 ? va_arg(args, int) : 0;
+    va_end(args);
+    int error = 0;
+    if (inject_open.fails(error)) {
+        errno = error;
+        return -1;
+    }
+    auto const real = reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal());
+    if (!support::FakeProc::isThere()) {
+        return real(path, flags, mode);
+    }
+    return real(support::FakeProc::resolve(path, flags).c_str(), flags, mode);
+}
