@@ -3,6 +3,7 @@
 #include <vesk/CalendarTime.h>
 #include <vesk/Thread.h>
 #include <vesk/Time.h>
+#include <vesk/UserFS.h>
 
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -34,11 +35,9 @@ using Step = bool (*)(Vesk& vesk);
 
 // In the order of the start-up: each step may count on those above it.
 constexpr Step STEPS[] = {
-    [](Vesk& vesk) { return vesk.preInit(); },
-    [](Vesk&) { return CalendarTime::init(); },
-    [](Vesk&) { return Time::init(); },
-    [](Vesk&) { return Thread::init(); },
-    [](Vesk& vesk) { return vesk.postInit(); },
+    [](Vesk& vesk) { return vesk.preInit(); }, [](Vesk&) { return CalendarTime::init(); },
+    [](Vesk&) { return Time::init(); },        [](Vesk&) { return Thread::init(); },
+    [](Vesk&) { return UserFS::init(); },      [](Vesk& vesk) { return vesk.postInit(); },
 };
 
 bool startUp(Vesk& vesk) {

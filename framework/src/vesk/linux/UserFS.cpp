@@ -1,0 +1,22 @@
+#include <vesk/UserFS.h>
+
+#include "vesk/common/Report.h"
+
+#include <vesk/SysError.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/linux/UserFS";
+
+} // namespace
+
+bool UserFS::mount(char const*, IFileSystem*) {
+    report(SOURCE, Chain::NEW, SysError, 6, "No FUSE available");
+    return true;
+}
+
+} // namespace vesk

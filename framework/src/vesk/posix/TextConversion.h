@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstddef>
+#include <cwchar>
+
+namespace vesk::detail {
+
+constexpr size_t CONVERSION_FAILED = static_cast<size_t>(-1);
+
+/// Wide text to the locale's encoding, whatever that is. Without a destination it only measures; `limit` is in bytes, with
+/// room for the NUL.
+/// @return the bytes without the NUL, `CONVERSION_FAILED` for a character that the locale cannot express
+inline size_t wide_to_utf8(char* destination, wchar_t const* source, size_t limit) noexcept {
+    mbstate_t state{};
+    return wcsrtombs(destination, &source, limit, &state);
+}
+
+/// Text in the locale's encoding to wide text; `limit` is in wide characters.
+/// @return the wide characters without the NUL, `CONVERSION_FAILED` for a malformed text
+inline size_t utf8_to_wide(wchar_t* destination, char const* source, size_t limit) noexcept {
+    mbstate_t state{};
+    return mbsrtowcs(destination, &source, limit, &state);
+}
+
+} // namespace vesk::detail

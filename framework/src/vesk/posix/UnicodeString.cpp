@@ -1,0 +1,75 @@
+#include <vesk/UnicodeString.h>
+
+#include "TextConversion.h"
+
+#include <common/error/ErrorHelper.h>
+
+#include <tarncommon/Export.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <new>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/UnicodeString";
+
+constexpr uint32_t FAILED_SIZE = 0xFFFFFFFF;
+
+} // namespace
+
+TARN_CONSTANT_INIT uint32_t const UnicodeString::s_encoding = 1;
+
+UnicodeString::UnicodeString(std::wstring const& text) : m_data(nullptr), m_size(0), m_storage(OWNED) {
+    size_t const measured = wide_to_utf8(nullptr, text.c_str(), CONVERSION_FAILED);
+    // Takes in what is too long for the size, which only a 64-bit system can have.
+    if (measured >= FAILED_SIZE) {
+        m_size = FAILED_SIZE;
+        return;
+    }
+    m_size = static_cast<uint32_t>(measured + 1);
+    // Filled with NULs: should the second pass break off, the text ends where it does.
+    m_data = std::allocateOrWait(
+        [this] { return new (std::nothrow) char[m_size](); }, SOURCE, "UnicodeString",
+        "cannot allocate data for wcs conversion");
+    if (wide_to_utf8(m_data, text.c_str(), m_size) != measured) {
+        std::GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "UnicodeString", "got different result in second call to wide_to_utf8");
+        m_data[measured] = '\0';
+    }
+}
+
+UnicodeString::operator std::wstring() const {
+    std::wstring result;
+    size_t const measured = m_data != nullptr ? utf8_to_wide(nullptr, m_data, CONVERSION_FAILED) : 0;
+    if (measured == 0 || measured == CONVERSION_FAILED) {
+        return result;
+    }
+    result.resize(measured);
+    if (utf8_to_wide(result.data(), m_data, measured + 1) != result.length()) {
+        std::GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "operator std::__cxx11::wstring",
+            "second call to utf8_to_wide returned different result");
+    }
+    return result;
+}
+
+void UnicodeString::checkStorage() {
+    char* const copy = std::allocateOrWait(
+        [this] { return new (std::nothrow) char[m_size]; }, SOURCE, "checkStorage", "cannot make UC copy");
+    m_data = static_cast<char*>(memcpy(copy, m_data, m_size));
+}
+
+int UnicodeString::destroy() {
+    if (m_data != nullptr && m_storage != BORROWED) {
+        delete[] m_data;
+    }
+    m_data = nullptr;
+    m_storage = BORROWED;
+    return 0;
+}
+
+} // namespace vesk
