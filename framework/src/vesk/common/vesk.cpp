@@ -1,6 +1,7 @@
 #include <vesk/Vesk.h>
 
 #include <vesk/CalendarTime.h>
+#include <vesk/ProcessTNG.h>
 #include <vesk/Thread.h>
 #include <vesk/Time.h>
 #include <vesk/UserFS.h>
@@ -35,9 +36,13 @@ using Step = bool (*)(Vesk& vesk);
 
 // In the order of the start-up: each step may count on those above it.
 constexpr Step STEPS[] = {
-    [](Vesk& vesk) { return vesk.preInit(); }, [](Vesk&) { return CalendarTime::init(); },
-    [](Vesk&) { return Time::init(); },        [](Vesk&) { return Thread::init(); },
-    [](Vesk&) { return UserFS::init(); },      [](Vesk& vesk) { return vesk.postInit(); },
+    [](Vesk& vesk) { return vesk.preInit(); },
+    [](Vesk&) { return CalendarTime::init(); },
+    [](Vesk&) { return Time::init(); },
+    [](Vesk&) { return Thread::init(); },
+    [](Vesk& vesk) { return ProcessTNG::init(vesk.isProcessInitLazy()); },
+    [](Vesk&) { return UserFS::init(); },
+    [](Vesk& vesk) { return vesk.postInit(); },
 };
 
 bool startUp(Vesk& vesk) {
@@ -79,6 +84,7 @@ Vesk::Vesk(bool lazy_process_init, bool) : m_lazy_process_init(lazy_process_init
 }
 
 void Vesk::cleanupAll() {
+    ProcessTNG::exit();
     s_initialized.store(false, std::memory_order_relaxed);
 }
 
