@@ -10,6 +10,8 @@
 #include <vesk/SystemLoad.h>
 #include <vesk/Time.h>
 
+#include <tarncommon/error/ErrorStorage.h>
+
 #include <array>
 #include <csignal>
 #include <cstdlib>

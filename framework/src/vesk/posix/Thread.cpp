@@ -91,7 +91,7 @@ public:
 template <typename Operation>
 void insist(char const* function, char const* failure, Operation operation, int line = __builtin_LINE()) {
     while (operation()) {
-        GlobalErrorHandler::doAbort(SOURCE, line, function, failure);
+        GlobalErrorHandler::doAbort(SOURCE, line, function, "%s", failure);
     }
 }
 
@@ -99,7 +99,7 @@ void insist(char const* function, char const* failure, Operation operation, int 
 void unlockOrAbort(
     Mutex const& mutex, char const* function, char const* failure, int line = __builtin_LINE()) {
     if (mutex.unlock()) {
-        GlobalErrorHandler::doAbort(SOURCE, line, function, failure);
+        GlobalErrorHandler::doAbort(SOURCE, line, function, "%s", failure);
         mutex.unlock();
     }
 }
