@@ -64,6 +64,15 @@ void closeOrWarn(Close close_it, char const* function, char const* message, int 
     }
 }
 
+/// `closedir`, which by its declaration takes no null: answers one as the system does.
+int closeStream(DIR* dir) noexcept {
+    if (dir == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    return closedir(dir);
+}
+
 /// `fdopendir` marks the descriptor close-on-exec. Those that are opened here stay open for a new program all the same.
 void keepAcrossExec(int fd) noexcept {
     fcntl(fd, F_SETFD, 0);
@@ -129,7 +138,7 @@ void Directory::init() {
         return;
     }
     SavedErrorChain const saved;
-    closeOrWarn([this] { return closedir(m_handle.dir); }, "init", "error closing dir");
+    closeOrWarn([this] { return closeStream(m_handle.dir); }, "init", "error closing dir");
     if (m_handle.fd != -1) {
         // Also behind a good `closedir`, for one that has failed before it came to the descriptor. As a rule it finds the
         // descriptor closed, and warns. Should another thread have been given the number in between, it closes that
@@ -206,9 +215,7 @@ int Directory::destroy() {
     }
     std::GlobalErrorHandler::doAssert(
         m_handle.dir != nullptr, "m_handle.dir != NULL", SOURCE, __LINE__, "destroy", nullptr);
-    // Without its declaration, by which there is no null: what has been lost is told below as well.
-    int (*const close_stream)(DIR*) = closedir;
-    while (close_stream(m_handle.dir) != 0) {
+    while (closeStream(m_handle.dir) != 0) {
         if (errno == EINTR) {
             // The stream is still there: the system never interrupts a close that it has begun for a directory.
             continue;
