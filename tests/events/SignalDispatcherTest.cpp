@@ -78,21 +78,32 @@ void askThread(SignalDispatcher& dispatcher, Looks& looks) {
     dispatcher.getQueue().sign_off(1);
 }
 
-TEST(SignalDispatcherTest, StartsItsThreadInTheConstructorAndEndsItInTheDestructor) {
-    int const threads = countThreads();
+class SignalDispatcherTest : public testing::Test {
+protected:
+    void SetUp() override { threads_before = countThreads(); }
+    void TearDown() override { EXPECT_TRUE(haveThreadsGone()); }
+
+    bool haveThreadsGone() const {
+        return waitUntil([this] { return countThreads() == threads_before; });
+    }
+
+    int threads_before = 0;
+};
+
+TEST_F(SignalDispatcherTest, StartsItsThreadInTheConstructorAndEndsItInTheDestructor) {
     {
         SignalDispatcher dispatcher;
-        EXPECT_EQ(threads + 1, countThreads());
+        EXPECT_EQ(threads_before + 1, countThreads());
         Looks looks;
         askThread(dispatcher, looks);
         EXPECT_NE(support::getThreadId(), looks.log.getCalls()[0].thread);
         EXPECT_STREQ("ignalDispatcher", looks.name);
     }
-    EXPECT_TRUE(waitUntil([threads] { return countThreads() == threads; }));
+    EXPECT_TRUE(haveThreadsGone());
     EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
-TEST(SignalDispatcherTest, GivesItsThreadTheNameAndTheAttributes) {
+TEST_F(SignalDispatcherTest, GivesItsThreadTheNameAndTheAttributes) {
     vesk::sched::Attr attributes;
     attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
     attributes.param.nice = 7;
@@ -104,7 +115,7 @@ TEST(SignalDispatcherTest, GivesItsThreadTheNameAndTheAttributes) {
     EXPECT_EQ(7, looks.nice);
 }
 
-TEST(SignalDispatcherTest, OfTheProcessIsScheduledAsTheMainThreadWasAtTheStart) {
+TEST_F(SignalDispatcherTest, OfTheProcessIsScheduledAsTheMainThreadWasAtTheStart) {
     ChildEnd const end = runInChild([] {
         EXPECT_EQ(0, setpriority(PRIO_PROCESS, 0, 5));
         vesk::Vesk const library(true, false);
@@ -117,7 +128,7 @@ TEST(SignalDispatcherTest, OfTheProcessIsScheduledAsTheMainThreadWasAtTheStart) 
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-TEST(SignalDispatcherTest, WithThePriorityZeroInheritsItsScheduling) {
+TEST_F(SignalDispatcherTest, WithThePriorityZeroInheritsItsScheduling) {
     ChildEnd const end = runInChild([] {
         EXPECT_EQ(0, setpriority(PRIO_PROCESS, 0, 5));
         int const priority = 0;
@@ -131,7 +142,7 @@ TEST(SignalDispatcherTest, WithThePriorityZeroInheritsItsScheduling) {
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-TEST(SignalDispatcherTest, WithAPriorityKeepsThePolicyOfItsMaker) {
+TEST_F(SignalDispatcherTest, WithAPriorityKeepsThePolicyOfItsMaker) {
     ChildEnd const end = runInChild([] {
         SignalDispatcher dispatcher("older", 4);
         Looks looks;
@@ -143,7 +154,7 @@ TEST(SignalDispatcherTest, WithAPriorityKeepsThePolicyOfItsMaker) {
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-TEST(SignalDispatcherTest, WithAPriorityOfARealTimeThreadKeepsThePolicyOfItsMaker) {
+TEST_F(SignalDispatcherTest, WithAPriorityOfARealTimeThreadKeepsThePolicyOfItsMaker) {
     ChildEnd const end = runInChild([] {
         sched_param param{};
         param.sched_priority = 3;
@@ -163,24 +174,23 @@ TEST(SignalDispatcherTest, WithAPriorityOfARealTimeThreadKeepsThePolicyOfItsMake
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-TEST(SignalDispatcherTest, OfTheProcessLivesAsLongAsThereAreReferences) {
-    int const threads = countThreads();
+TEST_F(SignalDispatcherTest, OfTheProcessLivesAsLongAsThereAreReferences) {
     for (int i = 0; i < 2; ++i) {
         {
             auto first = std::make_unique<Reference>(SignalDispatcher::DEFAULT);
             Reference const second(*first);
-            EXPECT_EQ(threads + 1, countThreads());
+            EXPECT_EQ(threads_before + 1, countThreads());
             EXPECT_EQ(first->get(), second.get());
             first.reset();
-            EXPECT_EQ(threads + 1, countThreads());
+            EXPECT_EQ(threads_before + 1, countThreads());
             Looks looks;
             askThread(*second, looks);
         }
-        EXPECT_TRUE(waitUntil([threads] { return countThreads() == threads; }));
+        EXPECT_TRUE(haveThreadsGone());
     }
 }
 
-TEST(SignalDispatcherTest, KeepsItsCallbacksApartFromThoseOfOthers) {
+TEST_F(SignalDispatcherTest, KeepsItsCallbacksApartFromThoseOfOthers) {
     struct Held {
         std::atomic<bool> entered{false};
         std::atomic<bool> released{false};
@@ -208,8 +218,7 @@ TEST(SignalDispatcherTest, KeepsItsCallbacksApartFromThoseOfOthers) {
     EXPECT_NE(log.getCalls()[0].thread, held.log.getCalls()[0].thread);
 }
 
-TEST(SignalDispatcherTest, StopsOnce) {
-    int const threads = countThreads();
+TEST_F(SignalDispatcherTest, StopsOnce) {
     CallLog log;
     auto dispatcher = std::make_unique<SignalDispatcher>();
     SignalQueue& queue = dispatcher->getQueue();
@@ -217,7 +226,7 @@ TEST(SignalDispatcherTest, StopsOnce) {
     queue.push(1);
     EXPECT_TRUE(log.waitFor(1));
     dispatcher->stop();
-    EXPECT_TRUE(waitUntil([threads] { return countThreads() == threads; }));
+    EXPECT_TRUE(haveThreadsGone());
     // Catchers may still be there.
     queue.push(1);
     {
@@ -230,7 +239,7 @@ TEST(SignalDispatcherTest, StopsOnce) {
     EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
-TEST(SignalDispatcherTest, WaitsInStopForTheCallbackThatIsUnderWayAndMakesNoOther) {
+TEST_F(SignalDispatcherTest, WaitsInStopForTheCallbackThatIsUnderWayAndMakesNoOther) {
     struct Held {
         std::atomic<bool> entered{false};
         std::atomic<bool> released{false};
@@ -264,7 +273,7 @@ TEST(SignalDispatcherTest, WaitsInStopForTheCallbackThatIsUnderWayAndMakesNoOthe
     EXPECT_EQ(1, held.calls);
 }
 
-TEST(SignalDispatcherTest, WithoutAThreadLeavesTheErrorPendingAndEndsQuietly) {
+TEST_F(SignalDispatcherTest, WithoutAThreadLeavesTheErrorPendingAndEndsQuietly) {
     CallLog log;
     {
         Fault const fault(inject_pthread_create, EAGAIN, 1, Fault::FOREVER);
@@ -284,8 +293,7 @@ TEST(SignalDispatcherTest, WithoutAThreadLeavesTheErrorPendingAndEndsQuietly) {
     EXPECT_TRUE(log.waitFor(1));
 }
 
-TEST(SignalDispatcherTest, IsJoinedAlsoByAThreadThatIsCancelled) {
-    int const threads = countThreads();
+TEST_F(SignalDispatcherTest, IsJoinedAlsoByAThreadThatIsCancelled) {
     pthread_t thread{};
     std::atomic<bool> destroyed{false};
     ASSERT_EQ(
@@ -306,10 +314,10 @@ TEST(SignalDispatcherTest, IsJoinedAlsoByAThreadThatIsCancelled) {
     EXPECT_EQ(0, pthread_join(thread, &result));
     EXPECT_EQ(PTHREAD_CANCELED, result);
     EXPECT_TRUE(destroyed);
-    EXPECT_TRUE(waitUntil([threads] { return countThreads() == threads; }));
+    EXPECT_TRUE(haveThreadsGone());
 }
 
-TEST(SignalDispatcherTest, IsNoValue) {
+TEST_F(SignalDispatcherTest, IsNoValue) {
     static_assert(!std::is_copy_constructible_v<SignalDispatcher>);
     static_assert(!std::is_polymorphic_v<SignalDispatcher>);
 }

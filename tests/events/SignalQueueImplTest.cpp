@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <ostream>
 #include <pthread.h>
 #include <string>
 #include <sys/ioctl.h>
@@ -245,6 +246,9 @@ struct FlagsFailure {
     int times;
     int flags_after;
 };
+void PrintTo(FlagsFailure const& row, std::ostream* out) {
+    *out << row.name;
+}
 
 class SelfPipeFlagsTest : public testing::TestWithParam<FlagsFailure> {};
 

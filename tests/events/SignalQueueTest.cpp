@@ -17,6 +17,7 @@
 #include <climits>
 #include <fcntl.h>
 #include <memory>
+#include <ostream>
 #include <pthread.h>
 #include <stdexcept>
 #include <string>
@@ -314,6 +315,9 @@ struct BadNumber {
     int signal;
     char const* condition;
 };
+void PrintTo(BadNumber const& row, std::ostream* out) {
+    *out << row.signal;
+}
 
 class SignalQueueNumberTest : public SignalQueueTest, public testing::WithParamInterface<BadNumber> {};
 
@@ -425,6 +429,9 @@ struct LockFailure {
     char const* function;
     void (*call)(SignalQueue&);
 };
+void PrintTo(LockFailure const& row, std::ostream* out) {
+    *out << row.function;
+}
 
 class SignalQueueLockTest : public SignalQueueTest, public testing::WithParamInterface<LockFailure> {};
 

@@ -12,12 +12,11 @@
 #include <memory>
 #include <thread>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace {
 
-using support::ActionGuard;
+using support::CatchableSignals;
 using support::waitUntil;
 using vesk::SignalCatcher;
 using vesk::SignalDispatcher;
@@ -32,29 +31,6 @@ constexpr int SIGNALS = 1'000'000;
 
 constexpr int SENDERS = 3;
 constexpr int CHURNERS = 2;
-
-/// All signals that a process can catch. They are ignored while it lives, so that one that nobody catches does no harm.
-class CatchableSignals {
-public:
-    CatchableSignals() {
-        for (int signal = 1; signal < TARN_NSIGNALS; ++signal) {
-            struct sigaction before {};
-            struct sigaction action {};
-            action.sa_handler = SIG_IGN;
-            if (sigaction(signal, nullptr, &before) == 0 && sigaction(signal, &action, nullptr) == 0) {
-                sigaction(signal, &before, nullptr);
-                m_guards.push_back(std::make_unique<ActionGuard>(signal, SIG_IGN));
-                m_signals.push_back(signal);
-            }
-        }
-    }
-
-    std::vector<int> const& get() const { return m_signals; }
-
-private:
-    std::vector<std::unique_ptr<ActionGuard>> m_guards;
-    std::vector<int> m_signals;
-};
 
 /// What became of one signal number. Its callbacks get it as their data.
 struct Fate {

@@ -9,12 +9,14 @@
 #include <cstring>
 #include <dirent.h>
 #include <dlfcn.h>
+#include <memory>
 #include <mutex>
 #include <sched.h>
 #include <string>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 /// What tests of signals need.
@@ -46,11 +48,20 @@ inline pid_t getThreadId() {
     return static_cast<pid_t>(syscall(SYS_gettid));
 }
 
+/// Whether the process has such a thread. One that was joined may take a little longer to go.
+inline bool isThread(pid_t thread) {
+    return access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) == 0;
+}
+
 /// The threads of this process, those included that end right now.
 inline int countThreads() {
     // A sanitizer's runtime starts a thread of its own beside the first one of the program.
-    static bool const started = (std::thread([] {}).join(), true);
-    (void)started;
+    static bool const settled = [] {
+        pid_t first = 0;
+        std::thread([&first] { first = getThreadId(); }).join();
+        return waitUntil([first] { return !isThread(first); });
+    }();
+    EXPECT_TRUE(settled);
     DIR* const directory = opendir("/proc/self/task");
     if (directory == nullptr) {
         return -1;
@@ -124,6 +135,36 @@ public:
 private:
     int m_signal;
     struct sigaction m_before {};
+};
+
+/// All signals that a process can catch. They are ignored while it lives, so that one that nobody catches does no harm.
+class CatchableSignals {
+public:
+    CatchableSignals() {
+        for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+            bool const between = signal > 31 && signal < SIGRTMIN; // Belongs to libc.
+            if (signal == SIGKILL || signal == SIGSTOP || between) {
+                continue;
+            }
+            auto guard = std::make_unique<ActionGuard>(signal, SIG_IGN);
+            // An emulator may have fewer of them than it admits.
+            if (raise(signal) == 0) {
+                m_guards.push_back(std::move(guard));
+                m_signals.push_back(signal);
+            }
+        }
+#if !defined(__arm__)
+        EXPECT_EQ(60u, m_signals.size());
+#endif
+    }
+
+    std::vector<int> const& get() const {
+        return m_signals;
+    }
+
+private:
+    std::vector<std::unique_ptr<ActionGuard>> m_guards;
+    std::vector<int> m_signals;
 };
 
 /// The action of a signal now.
