@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -142,6 +143,29 @@ TEST(GlobalErrorHandler, takesEventsOfManyThreadsAtOnce) {
     for (int const count : counts) {
         EXPECT_EQ(ROUNDS, count);
     }
+}
+
+TEST(GlobalErrorHandler, letsAnExceptionOfTheHookPassToItsCaller) {
+    Handler::Hook const hook{
+        [](Handler::Event const& event, void*) -> bool {
+            throw std::runtime_error(std::string(event.function) + " " + event.message);
+        },
+        nullptr};
+    Handler::Hook const* const before = Handler::setHook(&hook);
+    std::string caught;
+    auto const call = [&](auto const& entry) {
+        try {
+            entry();
+        } catch (std::runtime_error const& error) {
+            caught += std::string(error.what()) + "; ";
+        }
+    };
+    call([] { Handler::doAssert(false, "a", "some/File", 1, "one", "%d", 1); });
+    call([] { Handler::doAbort("some/File", 1, "two", "%d", 2); });
+    call([] { Handler::doWarning("some/File", 1, "three", "%d", 3); });
+    call([] { Handler::doOutOfMem("some/File", 1, "four", "%d", 4); });
+    Handler::setHook(before);
+    EXPECT_EQ("one 1; two 2; three 3; four 4; ", caught);
 }
 
 TEST(GlobalErrorHandler, neverUsesTheHeap) {

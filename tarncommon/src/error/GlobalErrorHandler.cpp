@@ -48,15 +48,22 @@ void print(GlobalErrorHandler::Event const& event) noexcept {
     tarnbase::detail::writeAll(STDERR_FILENO, line, length + 1);
 }
 
-/// Shows the event to the hook, then prints it. True if the hook keeps the rest of the default action from running.
-bool handle(
-    GlobalErrorHandler::Kind kind, char const* expression, char const* file, int line, char const* function,
-    char const* format, va_list args) noexcept {
-    char message[512] = "";
-    if (format != nullptr) {
-        vsnprintf(message, sizeof message, format, args);
+/// The formatted message of an event, empty without a format. It is made before the hook is called, which may throw.
+class Message {
+public:
+    Message(char const* format, va_list args) noexcept {
+        if (format != nullptr) {
+            vsnprintf(m_text, sizeof m_text, format, args);
+        }
     }
-    GlobalErrorHandler::Event const event{kind, expression, file, line, function, message};
+    char const* get() const noexcept { return m_text; }
+
+private:
+    char m_text[512] = "";
+};
+
+/// Shows the event to the hook, then prints it. True if the hook keeps the rest of the default action from running.
+bool handle(GlobalErrorHandler::Event const& event) {
     GlobalErrorHandler::Hook const* const hook = s_hook.load(memory_order_acquire);
     if (hook != nullptr && hook->call(event, hook->context)) {
         return true;
@@ -79,15 +86,17 @@ void GlobalErrorHandler::doAssert(
     }
     va_list args;
     va_start(args, format);
-    handle(Kind::ASSERT, expression, file, line, function, format, args);
+    Message const message(format, args);
     va_end(args);
+    handle({Kind::ASSERT, expression, file, line, function, message.get()});
 }
 
 void GlobalErrorHandler::doAbort(char const* file, int line, char const* function, char const* format, ...) {
     va_list args;
     va_start(args, format);
-    bool const kept = handle(Kind::ABORT, nullptr, file, line, function, format, args);
+    Message const message(format, args);
     va_end(args);
+    bool const kept = handle({Kind::ABORT, nullptr, file, line, function, message.get()});
     if (!kept) {
         std::abort();
     }
@@ -97,16 +106,18 @@ void GlobalErrorHandler::doWarning(
     char const* file, int line, char const* function, char const* format, ...) {
     va_list args;
     va_start(args, format);
-    handle(Kind::WARNING, nullptr, file, line, function, format, args);
+    Message const message(format, args);
     va_end(args);
+    handle({Kind::WARNING, nullptr, file, line, function, message.get()});
 }
 
 void GlobalErrorHandler::doOutOfMem(
     char const* file, int line, char const* function, char const* format, ...) {
     va_list args;
     va_start(args, format);
-    bool const kept = handle(Kind::OUT_OF_MEMORY, nullptr, file, line, function, format, args);
+    Message const message(format, args);
     va_end(args);
+    bool const kept = handle({Kind::OUT_OF_MEMORY, nullptr, file, line, function, message.get()});
     if (!kept) {
         // A signal may shorten the wait: the caller tries again either way.
         timespec const wait{0, OUT_OF_MEMORY_WAIT_NS};

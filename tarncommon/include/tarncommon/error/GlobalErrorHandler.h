@@ -27,7 +27,8 @@ public:
     /// What a process installs to see every event first, for example to route them to its own log.
     struct Hook {
         /// Called in the thread of the event. True keeps the default action from running: no line is written, an
-        /// abort returns, and running out of memory does not wait.
+        /// abort returns, and running out of memory does not wait. An exception passes through the entry point to
+        /// whoever called that, and ends the process where the caller cannot let it pass.
         bool (*call)(Event const& event, void* context);
         void* context;
     };

@@ -1,0 +1,90 @@
+#include <vesk/SignalCatcher.h>
+
+#include <benchmark/benchmark.h>
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int SIGNAL = SIGUSR1;
+
+/// Where a callback tells that it was called.
+struct Answer {
+    Answer() { sem_init(&arrived, 0, 0); }
+    ~Answer() { sem_destroy(&arrived); }
+
+    static void give(int, void* answer) { sem_post(&static_cast<Answer*>(answer)->arrived); }
+    void wait() {
+        while (sem_wait(&arrived) != 0) {}
+    }
+
+    sem_t arrived;
+};
+
+void roundTrip(benchmark::State& state) {
+    Answer answer;
+    vesk::SignalCatcher const catcher(SIGNAL, Answer::give, &answer);
+    for (auto _ : state) {
+        raise(SIGNAL);
+        answer.wait();
+    }
+}
+BENCHMARK(roundTrip)->Name("Signal to callback and back (at most 1.15)/vesk")->UseRealTime();
+
+int s_pipe[2];
+
+void writeByte(int) {
+    int const saved_errno = errno;
+    char const byte = 0;
+    benchmark::DoNotOptimize(write(s_pipe[1], &byte, 1));
+    errno = saved_errno;
+}
+
+/// Waits for bytes of the handler, and calls back for each, until the pipe is closed.
+void* callForEachByte(void* answer) {
+    for (;;) {
+        fd_set readable;
+        FD_ZERO(&readable);
+        FD_SET(s_pipe[0], &readable);
+        select(s_pipe[0] + 1, &readable, nullptr, nullptr, nullptr);
+        char byte = 0;
+        if (!FD_ISSET(s_pipe[0], &readable) || read(s_pipe[0], &byte, 1) != 1) {
+            return nullptr;
+        }
+        Answer::give(SIGNAL, answer);
+    }
+}
+
+void bareRoundTrip(benchmark::State& state) {
+    Answer answer;
+    if (pipe(s_pipe) != 0) {
+        state.SkipWithError("pipe");
+        return;
+    }
+    fcntl(s_pipe[1], F_SETFL, O_NONBLOCK);
+    pthread_t thread;
+    pthread_create(&thread, nullptr, callForEachByte, &answer);
+    struct sigaction action {};
+    action.sa_handler = writeByte;
+    sigfillset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    struct sigaction before {};
+    sigaction(SIGNAL, &action, &before);
+    for (auto _ : state) {
+        raise(SIGNAL);
+        answer.wait();
+    }
+    sigaction(SIGNAL, &before, nullptr);
+    close(s_pipe[1]);
+    pthread_join(thread, nullptr);
+    close(s_pipe[0]);
+}
+BENCHMARK(bareRoundTrip)->Name("Signal to callback and back (at most 1.15)/bare")->UseRealTime();
+
+} // namespace

@@ -1,0 +1,523 @@
+#include "support/AllocationCounter.h"
+#include "support/Child.h"
+#include "support/EventRecorder.h"
+#include "support/Inject.h"
+#include "support/Processes.h"
+
+#include "SignalSupport.h"
+
+#include <vesk/SignalQueue.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size), (fd, buffer, size))
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+
+namespace {
+// The pipe that was made last.
+int s_pipe[2] = {-1, -1};
+// The descriptors that were closed while it was on.
+std::vector<int>* s_closed = nullptr;
+// What select was called with.
+struct Select {
+    int highest;
+    bool only_reads;
+    bool no_limit;
+};
+std::vector<Select>* s_selects = nullptr;
+} // namespace
+
+support::Injected inject_pipe("pipe");
+extern "C" VESK_UNWATCHED int pipe(int* ends) {
+    using Function = int (*)(int*);
+    auto const real = reinterpret_cast<Function>(inject_pipe.getReal());
+    if (!support::isOfLibrary(__builtin_return_address(0))) {
+        return real(ends);
+    }
+    int error = 0;
+    if (inject_pipe.fails(error)) {
+        errno = error;
+        return -1;
+    }
+    int const result = real(ends);
+    s_pipe[0] = ends[0];
+    s_pipe[1] = ends[1];
+    return result;
+}
+
+support::Injected inject_close("close");
+extern "C" VESK_UNWATCHED int close(int fd) {
+    if (s_closed != nullptr) {
+        s_closed->push_back(fd);
+    }
+    return reinterpret_cast<int (*)(int)>(inject_close.getReal())(fd);
+}
+
+support::Injected inject_fcntl("fcntl");
+extern "C" VESK_UNWATCHED int fcntl(int fd, int command, ...) {
+    int error = 0;
+    if (inject_fcntl.fails(error)) {
+        errno = error;
+        return -1;
+    }
+    va_list arguments;
+    va_start(arguments, command);
+    long const argument = va_arg(arguments, long);
+    va_end(arguments);
+    return reinterpret_cast<int (*)(int, int, ...)>(inject_fcntl.getReal())(fd, command, argument);
+}
+
+support::Injected inject_select("select");
+extern "C" VESK_UNWATCHED int
+select(int highest, fd_set* reads, fd_set* writes, fd_set* others, timeval* limit) {
+    if (s_selects != nullptr) {
+        s_selects->push_back(
+            {highest, reads != nullptr && writes == nullptr && others == nullptr, limit == nullptr});
+    }
+    int error = 0;
+    if (inject_select.fails(error)) {
+        // As the system does, the sets are left as they are.
+        errno = error;
+        return -1;
+    }
+    using Function = int (*)(int, fd_set*, fd_set*, fd_set*, timeval*);
+    return reinterpret_cast<Function>(inject_select.getReal())(highest, reads, writes, others, limit);
+}
+
+namespace {
+
+using support::AllocationCounter;
+using support::ChildEnd;
+using support::EventRecorder;
+using support::Fault;
+using support::runInChild;
+using support::waitUntil;
+using SelfPipe = vesk::SignalQueueImpl::SelfPipe;
+using Notifier = vesk::SignalQueue::Notifier;
+
+int countBytes() {
+    int bytes = -1;
+    EXPECT_EQ(0, ioctl(s_pipe[0], FIONREAD, &bytes));
+    return bytes;
+}
+
+// ---- the pipe ----
+
+TEST(SelfPipeTest, BlocksReadersButNotWriters) {
+    SelfPipe const self_pipe;
+    EXPECT_EQ(0, fcntl(s_pipe[0], F_GETFL, 0L) & O_NONBLOCK);
+    EXPECT_EQ(O_NONBLOCK, fcntl(s_pipe[1], F_GETFL, 0L) & O_NONBLOCK);
+    EXPECT_EQ(O_RDONLY, fcntl(s_pipe[0], F_GETFL, 0L) & O_ACCMODE);
+    EXPECT_EQ(O_WRONLY, fcntl(s_pipe[1], F_GETFL, 0L) & O_ACCMODE);
+}
+
+TEST(SelfPipeTest, IsInheritedByNewPrograms) {
+    SelfPipe const self_pipe;
+    EXPECT_EQ(0, fcntl(s_pipe[0], F_GETFD, 0L));
+    EXPECT_EQ(0, fcntl(s_pipe[1], F_GETFD, 0L));
+}
+
+TEST(SelfPipeTest, ReadsAndWritesWithTheSystemsResults) {
+    SelfPipe self_pipe;
+    char data[] = "abc";
+    EXPECT_EQ(3, self_pipe.write(data, 3));
+    char buffer[8] = {};
+    EXPECT_EQ(2, self_pipe.read(buffer, 2));
+    EXPECT_STREQ("ab", buffer);
+    EXPECT_EQ(1, self_pipe.read(buffer, sizeof buffer));
+    EXPECT_EQ('c', buffer[0]);
+    EXPECT_EQ(-1, self_pipe.write(nullptr, 5));
+    EXPECT_EQ(EFAULT, errno);
+    {
+        Fault const fault(inject_write, EIO);
+        EXPECT_EQ(-1, self_pipe.write(data, 1));
+        EXPECT_EQ(EIO, errno);
+    }
+    EXPECT_EQ(0, countBytes());
+}
+
+TEST(SelfPipeTest, DoesNotWriteWhenItIsFull) {
+    SelfPipe self_pipe;
+    std::string const much(1 << 20, 'x');
+    EXPECT_LT(0, self_pipe.write(much.data(), static_cast<unsigned int>(much.size())));
+    while (self_pipe.write(much.data(), 1) == 1) {}
+    EXPECT_EQ(EAGAIN, errno);
+}
+
+TEST(SelfPipeTest, PutsItsReadEndIntoASetAndRaisesTheHighestToOneMore) {
+    SelfPipe const self_pipe;
+    int const end = s_pipe[0];
+    struct {
+        int before;
+        int after;
+    } const rows[] = {
+        {0, end + 1}, {end - 1, end + 1}, {end, end + 1}, {end + 1, end + 1}, {end + 10, end + 10}};
+    for (auto const& row : rows) {
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(0, &set);
+        EXPECT_FALSE(self_pipe.is_set(&set));
+        int highest = row.before;
+        self_pipe.set(&set, highest);
+        EXPECT_EQ(row.after, highest);
+        EXPECT_TRUE(FD_ISSET(end, &set));
+        EXPECT_FALSE(FD_ISSET(s_pipe[1], &set));
+        EXPECT_TRUE(FD_ISSET(0, &set));
+        EXPECT_TRUE(self_pipe.is_set(&set));
+        FD_CLR(end, &set);
+        EXPECT_FALSE(self_pipe.is_set(&set));
+    }
+}
+
+TEST(SelfPipeTest, TakesNoNoticeOfAnErrorBeforeIt) {
+    EventRecorder const events;
+    errno = EINVAL;
+    SelfPipe const self_pipe;
+    EXPECT_EQ("", events.getText());
+}
+
+class SelfPipeCreationTest : public testing::TestWithParam<int> {};
+
+TEST_P(SelfPipeCreationTest, ThatFailsIsAnAssertionAndLeavesNoPipe) {
+    fd_set set;
+    FD_ZERO(&set);
+    int highest = 7;
+    std::vector<int> closed;
+    {
+        EventRecorder const events;
+        Fault const fault(inject_pipe, GetParam());
+        Fault const flags(inject_fcntl, 0);
+        SelfPipe self_pipe;
+        EXPECT_EQ(
+            "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: result==0: couldn't create self-pipe",
+            events.getText());
+        EXPECT_EQ(0, flags.getCalls());
+        self_pipe.set(&set, highest);
+        EXPECT_EQ(7, highest);
+        EXPECT_FALSE(self_pipe.is_set(&set));
+        EXPECT_EQ(-1, self_pipe.write("", 1));
+        EXPECT_EQ(EBADF, errno);
+        s_closed = &closed;
+    }
+    s_closed = nullptr;
+    EXPECT_TRUE(closed.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, SelfPipeCreationTest, testing::Values(EMFILE, ENFILE, EFAULT),
+    [](auto const& row) { return std::string(strerrorname_np(row.param)); });
+
+TEST(SelfPipeTest, ThatFindsNoDescriptorLeftIsAnAssertion) {
+    ChildEnd const end = runInChild([] {
+        rlimit limit{};
+        EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+        limit.rlim_cur = 4; // Room for one more at most.
+        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+        EventRecorder const events;
+        SelfPipe const self_pipe;
+        EXPECT_EQ(
+            "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: result==0: couldn't create self-pipe",
+            events.getText());
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+}
+
+struct FlagsFailure {
+    char const* name;
+    int nth;
+    int times;
+    int flags_after;
+};
+
+class SelfPipeFlagsTest : public testing::TestWithParam<FlagsFailure> {};
+
+TEST_P(SelfPipeFlagsTest, ThatFailIsAnAssertionAndThePipeWorksAllTheSame) {
+    EventRecorder const events;
+    Fault* const fault = new Fault(inject_fcntl, EINVAL, GetParam().nth, GetParam().times);
+    SelfPipe self_pipe;
+    delete fault;
+    EXPECT_EQ(
+        "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: errno==0: "
+        "couldn't configure self-pipe as non-blocking",
+        events.getText());
+    EXPECT_EQ(O_WRONLY | GetParam().flags_after, fcntl(s_pipe[1], F_GETFL, 0L) & ~O_LARGEFILE);
+    EXPECT_EQ(1, self_pipe.write("x", 1));
+    char byte = 0;
+    EXPECT_EQ(1, self_pipe.read(&byte, 1));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, SelfPipeFlagsTest,
+    testing::Values(
+        // Without the flags that are, the one that matters is set alone.
+        FlagsFailure{"F_GETFL", 1, 1, O_NONBLOCK}, FlagsFailure{"F_SETFL", 2, 1, 0},
+        FlagsFailure{"Both", 1, 2, 0}),
+    [](auto const& row) { return std::string(row.param.name); });
+
+TEST(SelfPipeTest, ClosesItsReadEndFirst) {
+    std::vector<int> closed;
+    {
+        Notifier const notifier;
+        s_closed = &closed;
+    }
+    s_closed = nullptr;
+    EXPECT_EQ((std::vector<int>{s_pipe[0], s_pipe[1]}), closed);
+}
+
+/// Raises the limit of descriptors and takes all numbers below `free`, so that it is the next one. False if that cannot be.
+bool occupyDescriptorsBelow(int free) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return false;
+    }
+    limit.rlim_cur = 2048;
+    if (limit.rlim_max < limit.rlim_cur) {
+        limit.rlim_max = limit.rlim_cur;
+    }
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return false;
+    }
+    int fd = 0;
+    do {
+        fd = dup(STDIN_FILENO);
+        if (fd < 0) {
+            fd = open("/dev/null", O_RDONLY);
+        }
+    } while (fd >= 0 && fd < free - 1);
+    return fd == free - 1;
+}
+
+TEST(SelfPipeTest, WorksWithTheHighestDescriptorOfASet) {
+    ChildEnd const end = runInChild([] {
+        if (!occupyDescriptorsBelow(FD_SETSIZE - 1)) {
+            printf("no descriptors");
+            return;
+        }
+        EventRecorder const events;
+        Notifier notifier;
+        EXPECT_EQ(FD_SETSIZE - 1, s_pipe[0]);
+        notifier.signal();
+        notifier.wait();
+        EXPECT_EQ(0, countBytes());
+        EXPECT_EQ("", events.getText());
+    });
+    if (end.output == "no descriptors") {
+        GTEST_SKIP() << "the limit of descriptors cannot be raised";
+    }
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+}
+
+TEST(SelfPipeTest, ThatNoSetCanHoldIsAnAssertionAndTouchesNoMemory) {
+    ChildEnd const end = runInChild([] {
+        if (!occupyDescriptorsBelow(FD_SETSIZE)) {
+            printf("no descriptors");
+            return;
+        }
+        struct {
+            fd_set set;
+            fd_set beyond;
+        } memory{};
+        int highest = 0;
+        EventRecorder const events;
+        SelfPipe const self_pipe;
+        EXPECT_EQ(
+            "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: result==0: couldn't create self-pipe",
+            events.getText());
+        EXPECT_EQ(FD_SETSIZE, s_pipe[0]);
+        self_pipe.set(&memory.set, highest);
+        EXPECT_FALSE(self_pipe.is_set(&memory.set));
+        EXPECT_EQ(0, highest);
+        decltype(memory) const untouched{};
+        EXPECT_EQ(0, memcmp(&untouched, &memory, sizeof memory));
+        EXPECT_EQ(-1, fcntl(s_pipe[0], F_GETFD, 0L));
+        EXPECT_EQ(-1, fcntl(s_pipe[1], F_GETFD, 0L));
+    });
+    if (end.output == "no descriptors") {
+        GTEST_SKIP() << "the limit of descriptors cannot be raised";
+    }
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+}
+
+// ---- the notifier ----
+
+TEST(SignalNotifierTest, WritesOneByteOfValueZeroForEachSignal) {
+    Notifier notifier;
+    notifier.signal();
+    EXPECT_EQ(1, countBytes());
+    notifier.signal();
+    notifier.signal();
+    EXPECT_EQ(3, countBytes());
+    char bytes[4] = "xyz";
+    EXPECT_EQ(3, read(s_pipe[0], bytes, sizeof bytes));
+    EXPECT_EQ(std::string(3, '\0'), std::string(bytes, 3));
+}
+
+TEST(SignalNotifierTest, TakesExactlyOneByteInEachWait) {
+    Notifier notifier;
+    for (int i = 0; i < 5; ++i) {
+        notifier.signal();
+    }
+    for (int left = 4; left >= 0; --left) {
+        notifier.wait();
+        EXPECT_EQ(left, countBytes());
+    }
+}
+
+TEST(SignalNotifierTest, WaitsForAByteOfThePipeAloneAndWithoutALimit) {
+    Notifier notifier;
+    notifier.signal();
+    std::vector<Select> selects;
+    s_selects = &selects;
+    notifier.wait();
+    s_selects = nullptr;
+    ASSERT_EQ(1u, selects.size());
+    EXPECT_EQ(s_pipe[0] + 1, selects[0].highest);
+    EXPECT_TRUE(selects[0].only_reads);
+    EXPECT_TRUE(selects[0].no_limit);
+}
+
+TEST(SignalNotifierTest, SleepsUntilItIsSignalled) {
+    Notifier notifier;
+    std::atomic<pid_t> waiter{0};
+    std::atomic<bool> awake{false};
+    std::thread thread([&] {
+        waiter = support::getThreadId();
+        notifier.wait();
+        awake = true;
+    });
+    EXPECT_TRUE(waitUntil([&] { return waiter != 0; }));
+    support::waitUntilAsleep(getpid(), waiter);
+    EXPECT_FALSE(awake);
+    notifier.signal();
+    thread.join();
+    EXPECT_TRUE(awake);
+    EXPECT_EQ(0, countBytes());
+}
+
+TEST(SignalNotifierTest, TakesItsByteAfterASelectThatWasInterrupted) {
+    Notifier notifier;
+    notifier.signal();
+    notifier.signal();
+    Fault const fault(inject_select, EINTR);
+    notifier.wait();
+    EXPECT_EQ(1, countBytes());
+    EXPECT_EQ(1, fault.getCalls());
+}
+
+TEST(SignalNotifierTest, AllocatesNothingAndTakesNoLock) {
+    Notifier notifier;
+    Fault const locks(inject_pthread_mutex_lock, 0);
+    AllocationCounter const allocations;
+    notifier.signal();
+    notifier.wait();
+    EXPECT_EQ(0, locks.getCalls());
+    EXPECT_EQ(0, allocations.getCount());
+}
+
+TEST(SignalNotifierTest, IgnoresAFullPipe) {
+    EventRecorder const events;
+    Notifier notifier;
+    Fault const fault(inject_write, EAGAIN);
+    notifier.signal();
+    EXPECT_EQ(1, fault.getCalls());
+    EXPECT_EQ(0, countBytes());
+    EXPECT_EQ("", events.getText());
+}
+
+class SignalNotifierWriteTest : public testing::TestWithParam<int> {};
+
+TEST_P(SignalNotifierWriteTest, ThatFailsEndsTheProcess) {
+    int const error = GetParam();
+    ChildEnd const end = runInChild([error] {
+        Notifier notifier;
+        Fault const fault(inject_write, error);
+        notifier.signal();
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+    std::string const expected = std::string("write to self-pipe failed with errno=") +
+        std::to_string(error) + " (" + strerror(error) + ")\n";
+    EXPECT_NE(std::string::npos, end.errors.find(expected)) << end.errors;
+    EXPECT_NE(std::string::npos, end.errors.find("framework/src/vesk/SignalQueueImpl-posix")) << end.errors;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, SignalNotifierWriteTest, testing::Values(EBADF, EPIPE, EINTR, EIO, EINVAL, ENOSPC),
+    [](auto const& row) { return std::string(strerrorname_np(row.param)); });
+
+TEST(SignalNotifierTest, WithoutAPipeEndsTheProcessWithTheFirstSignal) {
+    ChildEnd const end = runInChild([] {
+        Fault const fault(inject_pipe, EMFILE);
+        Notifier notifier;
+        notifier.signal();
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+    EXPECT_NE(std::string::npos, end.errors.find("couldn't create self-pipe")) << end.errors;
+    EXPECT_NE(
+        std::string::npos, end.errors.find("write to self-pipe failed with errno=9 (Bad file descriptor)"))
+        << end.errors;
+}
+
+// ---- cancellation ----
+
+struct Cancelled {
+    void (*body)(Notifier&);
+    Notifier notifier;
+    std::atomic<bool> got_through{false};
+};
+
+/// Runs the body in a thread that is cancelled at its first cancellation point. True if it found one.
+bool isCancelled(void (*body)(Notifier&)) {
+    Cancelled cancelled{body, {}, {false}};
+    pthread_t thread{};
+    EXPECT_EQ(
+        0,
+        pthread_create(
+            &thread, nullptr,
+            [](void* argument) -> void* {
+                auto& self = *static_cast<Cancelled*>(argument);
+                pthread_cancel(pthread_self());
+                self.body(self.notifier);
+                self.got_through = true;
+                pthread_testcancel();
+                return nullptr;
+            },
+            &cancelled));
+    void* result = nullptr;
+    EXPECT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    return !cancelled.got_through;
+}
+
+TEST(SignalNotifierTest, IsNoCancellationPointWhenItIsSignalled) {
+    EXPECT_FALSE(isCancelled([](Notifier& notifier) {
+        notifier.signal();
+        EXPECT_EQ(1, countBytes());
+    }));
+}
+
+TEST(SignalNotifierTest, IsACancellationPointWhenItIsWaitedFor) {
+    EXPECT_TRUE(isCancelled([](Notifier& notifier) { notifier.wait(); }));
+}
+
+TEST(SignalNotifierTest, IsDestroyedWhileTheThreadIsCancelled) {
+    EXPECT_FALSE(isCancelled([](Notifier&) { Notifier const other; }));
+}
+
+} // namespace

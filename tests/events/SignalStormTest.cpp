@@ -1,0 +1,213 @@
+#include "SignalSupport.h"
+
+#include <vesk/SignalCatcher.h>
+#include <vesk/SignalDispatcher.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+#include <memory>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using support::ActionGuard;
+using support::waitUntil;
+using vesk::SignalCatcher;
+using vesk::SignalDispatcher;
+using vesk::TARN_NSIGNALS;
+
+#if defined(__arm__)
+// The emulator takes its time for each signal.
+constexpr int SIGNALS = 200'000;
+#else
+constexpr int SIGNALS = 1'000'000;
+#endif
+
+constexpr int SENDERS = 3;
+constexpr int CHURNERS = 2;
+
+/// All signals that a process can catch. They are ignored while it lives, so that one that nobody catches does no harm.
+class CatchableSignals {
+public:
+    CatchableSignals() {
+        for (int signal = 1; signal < TARN_NSIGNALS; ++signal) {
+            struct sigaction before {};
+            struct sigaction action {};
+            action.sa_handler = SIG_IGN;
+            if (sigaction(signal, nullptr, &before) == 0 && sigaction(signal, &action, nullptr) == 0) {
+                sigaction(signal, &before, nullptr);
+                m_guards.push_back(std::make_unique<ActionGuard>(signal, SIG_IGN));
+                m_signals.push_back(signal);
+            }
+        }
+    }
+
+    std::vector<int> const& get() const { return m_signals; }
+
+private:
+    std::vector<std::unique_ptr<ActionGuard>> m_guards;
+    std::vector<int> m_signals;
+};
+
+/// What became of one signal number. Its callbacks get it as their data.
+struct Fate {
+    static void count(int signal, void* data) {
+        auto& self = *static_cast<Fate*>(data);
+        ++(signal == self.number ? self.calls : self.wrong);
+    }
+
+    int number = 0;
+    std::atomic<int> sent{0};
+    std::atomic<int> calls{0};
+    std::atomic<int> wrong{0};
+};
+
+/// Whether a signal may come to any thread at any time. ThreadSanitizer handles those of the processor at once, also in
+/// threads that it has not set up yet; all others it keeps until it can.
+bool mayComeAnywhere(int signal) {
+#if defined(__SANITIZE_THREAD__)
+    for (int const fault : {SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGPIPE, SIGSYS}) {
+        if (signal == fault) {
+            return false;
+        }
+    }
+#endif
+    return signal > 0;
+}
+
+class SignalStormTest : public testing::Test {
+protected:
+    SignalStormTest() {
+        for (int signal = 0; signal < TARN_NSIGNALS; ++signal) {
+            fate(signal).number = signal;
+        }
+    }
+
+    Fate& fate(int signal) { return fates[static_cast<size_t>(signal)]; }
+
+    /// Sends a share of the signals. Those to the own thread are handled before the next one is sent, so none is merged
+    /// with another; those to the process come wherever the kernel likes.
+    void send(unsigned int seed, std::vector<int> const& to_thread, std::vector<int> const& to_process) {
+        for (int i = 0; i < SIGNALS / SENDERS; ++i) {
+            seed = seed * 1664525 + 1013904223;
+            size_t const random = seed >> 8;
+            if (i % 2 == 0 && !to_thread.empty()) {
+                int const signal = to_thread[random % to_thread.size()];
+                ++fate(signal).sent;
+                raise(signal);
+            } else {
+                int const signal = to_process[random % to_process.size()];
+                ++fate(signal).sent;
+                i % 4 == 1 && mayComeAnywhere(signal) ? kill(getpid(), signal) : raise(signal);
+            }
+        }
+    }
+
+    /// Runs the senders, and beside them the churners until they are done. Each churner has its own signals.
+    template <typename Churn>
+    void storm(std::vector<int> const& to_thread, std::vector<int> const& to_process, Churn churn) {
+        std::array<std::vector<int>, CHURNERS> shares;
+        for (size_t i = 0; i < to_process.size(); ++i) {
+            shares[i % CHURNERS].push_back(to_process[i]);
+        }
+        std::atomic<int> sending{SENDERS};
+        std::vector<std::thread> threads;
+        for (unsigned int i = 0; i < SENDERS; ++i) {
+            threads.emplace_back([&, i] {
+                send(i, to_thread, to_process);
+                --sending;
+            });
+        }
+        for (std::vector<int> const& share : shares) {
+            threads.emplace_back([&] {
+                do {
+                    churn(share);
+                    ++rounds;
+                } while (sending > 0);
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    }
+
+    /// Nobody was called for what was not sent, nor with another one's signal.
+    void expectNothingWasMadeUp() {
+        int calls = 0;
+        for (Fate const& each : fates) {
+            EXPECT_EQ(0, each.wrong) << each.number;
+            EXPECT_LE(each.calls, each.sent) << each.number;
+            calls += each.calls;
+        }
+        EXPECT_LT(0, calls);
+        EXPECT_LT(0, rounds);
+    }
+
+    CatchableSignals catchable;
+    std::array<Fate, TARN_NSIGNALS> fates;
+    std::atomic<int> rounds{0};
+};
+
+TEST_F(SignalStormTest, LosesNothingOfWhoStaysWhileOtherCatchersComeAndGo) {
+    std::vector<int> staying;
+    std::vector<int> passing;
+    for (size_t i = 0; i < catchable.get().size(); ++i) {
+        int const signal = catchable.get()[i];
+        // Of stopping and continuing the kernel drops the one that waits when the other one is sent.
+        bool const fleeting =
+            signal == SIGCONT || signal == SIGTSTP || signal == SIGTTIN || signal == SIGTTOU;
+        (i % 4 == 0 && !fleeting ? staying : passing).push_back(signal);
+    }
+    std::vector<std::unique_ptr<SignalCatcher>> catchers;
+    for (int const signal : staying) {
+        catchers.push_back(std::make_unique<SignalCatcher>(signal, Fate::count, &fate(signal)));
+    }
+    storm(staying, passing, [this](std::vector<int> const& share) {
+        for (size_t i = 1; i < share.size(); ++i) {
+            SignalCatcher const first(share[i - 1], Fate::count, &fate(share[i - 1]));
+            SignalCatcher const second(share[i], Fate::count, &fate(share[i]));
+            sched_yield();
+        }
+    });
+    for (int const signal : staying) {
+        EXPECT_TRUE(waitUntil([&] { return fate(signal).calls == fate(signal).sent; }))
+            << signal << ": " << fate(signal).calls << " of " << fate(signal).sent;
+    }
+    catchers.clear();
+    for (int const signal : staying) {
+        EXPECT_EQ(fate(signal).sent, fate(signal).calls) << signal;
+    }
+    expectNothingWasMadeUp();
+}
+
+TEST_F(SignalStormTest, TouchesNoDispatcherThatHasGone) {
+    storm({}, catchable.get(), [this](std::vector<int> const& share) {
+        for (int const signal : share) {
+            // As a rule the last one of the process.
+            SignalCatcher const catcher(signal, Fate::count, &fate(signal));
+            sched_yield();
+        }
+    });
+    expectNothingWasMadeUp();
+}
+
+TEST_F(SignalStormTest, TouchesNoQueueOfAClientThatHasGone) {
+    storm({}, catchable.get(), [this](std::vector<int> const& share) {
+        for (int const signal : share) {
+            // On the heap, where its end shows.
+            auto const dispatcher = std::make_unique<SignalDispatcher>("client", vesk::sched::Attr());
+            SignalCatcher const catcher(signal, dispatcher->getQueue(), Fate::count, &fate(signal));
+            sched_yield();
+        }
+    });
+    expectNothingWasMadeUp();
+}
+
+} // namespace
