@@ -78,7 +78,8 @@ SerialPort::~SerialPort() {
         return;
     }
     bool const flush_failed = flush(false);
-    if (BinFileBase::close() || flush_failed) {
+    // Not the close of the base, which would flush again.
+    if (BinFileBase::close() || flush_failed) { // NOLINT(bugprone-parent-virtual-call)
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~SerialPort", "error closing SerialPort");
         std::ErrorStorage::ack();
     }
