@@ -2,12 +2,11 @@
 
 #include <vesk/Export.h>
 #include <vesk/StreamBinFileBase.h>
+#include <vesk/UnicodeString.h>
 
 #include <tarncommon/stream/IBinInputStream.h>
 
 namespace vesk {
-
-class UnicodeString;
 
 /// A file, a device or one end of a pipe that is read as a stream.
 ///

@@ -2,12 +2,11 @@
 
 #include <vesk/Export.h>
 #include <vesk/StreamBinFileBase.h>
+#include <vesk/UnicodeString.h>
 
 #include <tarncommon/stream/IBinOutputStream.h>
 
 namespace vesk {
-
-class UnicodeString;
 
 /// A file, a device or one end of a pipe that is written as a stream.
 ///
@@ -77,6 +76,9 @@ protected:
     /// in the file all the same.
     /// @return true if the buffer still holds something, after a report
     bool passOnWritten();
+
+    /// Calls `flush(false)` and `BinFileBase::close`, both always; true if one of them failed.
+    bool flushAndClose();
 
 private:
     template <typename Open>

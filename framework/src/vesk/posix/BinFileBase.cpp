@@ -28,7 +28,7 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/BinFileBase";
 constexpr ErrnoRow CLOSE_ERRORS[] = {
     {{EINTR}, NONE, NONE, Outcome::REPEAT},
     {{EBADF}, {SysError, 10}},
-    // No close should give this; some device drivers do when the process that they served is gone.
+    // Whatever a driver means by it, there is nothing left to close.
     {{ESRCH}, {SysError, 18}},
     {{EIO}, {SysError, 11}},
     {OTHERS, {SysError, 19}},

@@ -3,7 +3,6 @@
 #include "ErrnoTable.h"
 
 #include <vesk/SysError.h>
-#include <vesk/UnicodeString.h>
 
 #include <tarncommon/error/CommonError.h>
 

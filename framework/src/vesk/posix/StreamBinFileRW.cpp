@@ -2,8 +2,6 @@
 
 #include "vesk/common/Report.h"
 
-#include <vesk/UnicodeString.h>
-
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -21,8 +19,7 @@ StreamBinFileRW::~StreamBinFileRW() {
     if (m_fd == -1 || !isWriteBufferSound()) {
         return;
     }
-    bool const flush_failed = flush(false);
-    if (BinFileBase::close() || flush_failed) {
+    if (flushAndClose()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~StreamBinFileRW", "Error closing BinFileW");
         std::ErrorStorage::ack();
     }
@@ -87,13 +84,12 @@ bool StreamBinFileRW::checkWriteBufferConsistency() {
 }
 
 bool StreamBinFileRW::seek(int offset, SeekDirection direction, unsigned int& position) {
-    if (m_last_op == READING) {
-        return StreamBinFileR::seek(offset, direction, position);
-    }
-    if (IBinOutputStream::m_pos != IBinOutputStream::m_end && checkReadBufferConsistency()) {
+    bool const has_written = m_last_op == WRITING && IBinOutputStream::m_pos != IBinOutputStream::m_end;
+    if (has_written && checkReadBufferConsistency()) {
         return true;
     }
-    return StreamBinFileBase::seek(offset, direction, position);
+    // Behind a write nothing is read ahead, and the reader's seek is the plain one.
+    return StreamBinFileR::seek(offset, direction, position);
 }
 
 bool StreamBinFileRW::close() {

@@ -3,7 +3,6 @@
 #include "ErrnoTable.h"
 
 #include <vesk/SysError.h>
-#include <vesk/UnicodeString.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -51,8 +50,7 @@ StreamBinFileW::~StreamBinFileW() {
     if (m_fd == -1 || !isWriteBufferSound()) {
         return;
     }
-    bool const flush_failed = flush(false);
-    if (BinFileBase::close() || flush_failed) {
+    if (flushAndClose()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~StreamBinFileW", "Error closing BinFileW");
         std::ErrorStorage::ack();
     }
@@ -146,12 +144,13 @@ bool StreamBinFileW::passOnWritten() {
     return false;
 }
 
-bool StreamBinFileW::close() {
-    if (!isValid()) {
-        return false;
-    }
+bool StreamBinFileW::flushAndClose() {
     bool const flush_failed = flush(false);
     return BinFileBase::close() || flush_failed;
+}
+
+bool StreamBinFileW::close() {
+    return isValid() && flushAndClose();
 }
 
 bool StreamBinFileW::seek(int offset, SeekDirection direction, unsigned int& position) {
