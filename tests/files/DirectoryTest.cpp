@@ -430,24 +430,31 @@ TEST_F(DirectoryTest, whoeverMayOnlyListADirectoryIsToldNothingOfItsEntries) {
 }
 
 TEST_F(DirectoryTest, aProcessOutOfDescriptorsCannotOpenADirectory) {
+    m_folder.makeFolder("folder");
     ChildEnd const end = runInChild([&] {
-        m_folder.makeFolder("folder");
         Directory directory(m_folder.getPath(), false);
         moveTo(directory, "folder");
+        auto const openAll = [&](std::vector<ExpectedReport> const& of_path, auto const& of_name) {
+            EXPECT_EQ(of_path.empty(), Directory(m_folder.getPath(), false).isValid());
+            EXPECT_TRUE(chainIs(of_path));
+            EXPECT_EQ(of_path.empty(), Directory(directory, "folder", true, false).isValid());
+            EXPECT_TRUE(chainIs(of_name));
+            EXPECT_EQ(of_path.empty(), directory.curDir(true).isValid());
+            EXPECT_TRUE(chainIs(of_path.empty() ? of_path : std::vector{of_path[0]}));
+        };
+        // Also for the sanitizers, which need descriptors when they meet a type for the first time.
+        openAll({}, std::vector<ExpectedReport>());
         int const next = dup(STDIN_FILENO);
         close(next);
         rlimit limit;
         ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
         limit.rlim_cur = static_cast<rlim_t>(next);
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
-        EXPECT_FALSE(Directory(m_folder.getPath(), false).isValid());
-        EXPECT_TRUE(chainIs({sysReport(0, EMFILE), accessReport(6, m_folder.getPath())}));
-        EXPECT_FALSE(Directory(directory, "folder", true, false).isValid());
-        EXPECT_TRUE(chainIs({sysReport(0, EMFILE), accessReport(6, "folder")}));
-        EXPECT_FALSE(directory.curDir(true).isValid());
-        EXPECT_TRUE(chainIs({sysReport(0, EMFILE)}));
+        openAll(
+            {sysReport(0, EMFILE), accessReport(6, m_folder.getPath())},
+            std::vector{sysReport(0, EMFILE), accessReport(6, "folder")});
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 /// A number of an open, and what is reported of it.

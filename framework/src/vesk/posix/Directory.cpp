@@ -206,10 +206,11 @@ int Directory::destroy() {
     }
     std::GlobalErrorHandler::doAssert(
         m_handle.dir != nullptr, "m_handle.dir != NULL", SOURCE, __LINE__, "destroy", nullptr);
-    // Declared to take no null; what is broken here is answered by the call all the same.
+    // Without its declaration, by which there is no null: what has been lost is told below as well.
     int (*const close_stream)(DIR*) = closedir;
     while (close_stream(m_handle.dir) != 0) {
         if (errno == EINTR) {
+            // The stream is still there: the system never interrupts a close that it has begun for a directory.
             continue;
         }
         report(SOURCE, Chain::NEW, SysError, 19, SystemErrorText().get());

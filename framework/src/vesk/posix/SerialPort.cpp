@@ -77,9 +77,7 @@ SerialPort::~SerialPort() {
     if (!isValid()) {
         return;
     }
-    bool const flush_failed = flush(false);
-    // Not the close of the base, which would flush again.
-    if (BinFileBase::close() || flush_failed) { // NOLINT(bugprone-parent-virtual-call)
+    if (flushAndClose()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~SerialPort", "error closing SerialPort");
         std::ErrorStorage::ack();
     }
