@@ -13,7 +13,7 @@ namespace vesk {
 
 /// Operations on the file system that need no open file.
 ///
-///     if (vesk::FileSys::createDir("/var/lib/lumo") && !vesk::FileSys::exists("/var/lib/lumo", true)) { ... }
+///     if (vesk::FileSys::createDir(path) && vesk::FileSys::exists(path, true) != 0) { ... } // Neither new nor there.
 ///
 /// Each takes its path as it stands: none creates the directories above it, works through a tree, or resolves the path
 /// first. Paths are in the encoding of the locale and go to the system unchanged; a null path is one that the system

@@ -77,8 +77,7 @@ SerialPort::~SerialPort() {
     if (!isValid()) {
         return;
     }
-    bool const flush_failed = flush(false);
-    if (BinFileBase::close() || flush_failed) {
+    if (flushAndClose()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~SerialPort", "error closing SerialPort");
         std::ErrorStorage::ack();
     }
