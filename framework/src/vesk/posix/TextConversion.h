@@ -12,6 +12,7 @@ constexpr size_t CONVERSION_FAILED = static_cast<size_t>(-1);
 /// @return the bytes without the NUL, `CONVERSION_FAILED` for a character that the locale cannot express
 inline size_t wide_to_utf8(char* destination, wchar_t const* source, size_t limit) noexcept {
     mbstate_t state{};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): only without a state.
     return wcsrtombs(destination, &source, limit, &state);
 }
 
@@ -19,6 +20,7 @@ inline size_t wide_to_utf8(char* destination, wchar_t const* source, size_t limi
 /// @return the wide characters without the NUL, `CONVERSION_FAILED` for a malformed text
 inline size_t utf8_to_wide(wchar_t* destination, char const* source, size_t limit) noexcept {
     mbstate_t state{};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): only without a state.
     return mbsrtowcs(destination, &source, limit, &state);
 }
 
