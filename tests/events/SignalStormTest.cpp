@@ -22,12 +22,17 @@ using vesk::SignalCatcher;
 using vesk::SignalDispatcher;
 using vesk::TARN_NSIGNALS;
 
-#if defined(__arm__)
-// The emulator takes its time for each signal.
-constexpr int SIGNALS = 200'000;
-#else
 constexpr int SIGNALS = 1'000'000;
+
+// User-mode QEMU looks at the action of a signal twice on the way to its handler: when another thread changes it in between,
+// it may call SIG_IGN.
+#if defined(__arm__)
+constexpr bool HANDLERS_MAY_GO = false;
+#else
+constexpr bool HANDLERS_MAY_GO = true;
 #endif
+constexpr char const* HANDLERS_MAY_NOT_GO =
+    "the emulator cannot take a handler away while its signal arrives";
 
 constexpr int SENDERS = 3;
 constexpr int CHURNERS = 2;
@@ -74,7 +79,7 @@ protected:
         for (int i = 0; i < SIGNALS / SENDERS; ++i) {
             seed = seed * 1664525 + 1013904223;
             size_t const random = seed >> 8;
-            if (i % 2 == 0 && !to_thread.empty()) {
+            if (to_process.empty() || (i % 2 == 0 && !to_thread.empty())) {
                 int const signal = to_thread[random % to_thread.size()];
                 ++fate(signal).sent;
                 raise(signal);
@@ -86,12 +91,14 @@ protected:
         }
     }
 
-    /// Runs the senders, and beside them the churners until they are done. Each churner has its own signals.
+    /// Runs the senders, and beside them the churners until they are done. Each churner has its own share of signals.
     template <typename Churn>
-    void storm(std::vector<int> const& to_thread, std::vector<int> const& to_process, Churn churn) {
+    void storm(
+        std::vector<int> const& to_thread, std::vector<int> const& to_process,
+        std::vector<int> const& churned, Churn churn) {
         std::array<std::vector<int>, CHURNERS> shares;
-        for (size_t i = 0; i < to_process.size(); ++i) {
-            shares[i % CHURNERS].push_back(to_process[i]);
+        for (size_t i = 0; i < churned.size(); ++i) {
+            shares[i % CHURNERS].push_back(churned[i]);
         }
         std::atomic<int> sending{SENDERS};
         std::vector<std::thread> threads;
@@ -145,7 +152,8 @@ TEST_F(SignalStormTest, LosesNothingOfWhoStaysWhileOtherCatchersComeAndGo) {
     for (int const signal : staying) {
         catchers.push_back(std::make_unique<SignalCatcher>(signal, Fate::count, &fate(signal)));
     }
-    storm(staying, passing, [this](std::vector<int> const& share) {
+    std::vector<int> const none;
+    storm(staying, HANDLERS_MAY_GO ? passing : none, passing, [this](std::vector<int> const& share) {
         for (size_t i = 1; i < share.size(); ++i) {
             SignalCatcher const first(share[i - 1], Fate::count, &fate(share[i - 1]));
             SignalCatcher const second(share[i], Fate::count, &fate(share[i]));
@@ -164,7 +172,10 @@ TEST_F(SignalStormTest, LosesNothingOfWhoStaysWhileOtherCatchersComeAndGo) {
 }
 
 TEST_F(SignalStormTest, TouchesNoDispatcherThatHasGone) {
-    storm({}, catchable.get(), [this](std::vector<int> const& share) {
+    if (!HANDLERS_MAY_GO) {
+        GTEST_SKIP() << HANDLERS_MAY_NOT_GO;
+    }
+    storm({}, catchable.get(), catchable.get(), [this](std::vector<int> const& share) {
         for (int const signal : share) {
             // As a rule the last one of the process.
             SignalCatcher const catcher(signal, Fate::count, &fate(signal));
@@ -175,7 +186,10 @@ TEST_F(SignalStormTest, TouchesNoDispatcherThatHasGone) {
 }
 
 TEST_F(SignalStormTest, TouchesNoQueueOfAClientThatHasGone) {
-    storm({}, catchable.get(), [this](std::vector<int> const& share) {
+    if (!HANDLERS_MAY_GO) {
+        GTEST_SKIP() << HANDLERS_MAY_NOT_GO;
+    }
+    storm({}, catchable.get(), catchable.get(), [this](std::vector<int> const& share) {
         for (int const signal : share) {
             // On the heap, where its end shows.
             auto const dispatcher = std::make_unique<SignalDispatcher>("client", vesk::sched::Attr());
