@@ -73,6 +73,9 @@ public:
 
     /// Stops it; a stopped one stays so. Interval and kind stay what they were. When it returns, the callback is not
     /// running, unless that is who calls, and will not be called.
+    ///
+    /// The callback of another timer of the same priority cannot take back one that is due at the same moment: it is
+    /// still called, and goes on if it is periodic.
     /// @return false
     bool stop();
 
