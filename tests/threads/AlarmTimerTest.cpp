@@ -158,11 +158,17 @@ TEST_F(AlarmTimer, aDelayOfZeroArmsForOneNanosecond) {
 
 TEST_F(AlarmTimer, aDelayBelowZeroCountsAsZero) {
     for (long long const delay : {-1LL, -1000LL, std::numeric_limits<long long>::min()}) {
+        add(m_a, 0);
+        m_timers.take();
+        add(m_a, delay);
+        EXPECT_EQ(Spans(), m_timers.take());
+        remove(m_a);
         add(m_a, delay);
         EXPECT_EQ(Spans{AT_ONCE}, m_timers.take());
         add(m_b, 0);
-        EXPECT_EQ(Spans(), m_timers.take()) << "b was to be due together with a";
-        EXPECT_EQ((Rung{&m_a, &m_b}), ringAt(0));
+        add(m_c, delay);
+        EXPECT_EQ(Spans(), m_timers.take()) << "all were to be due together";
+        EXPECT_EQ((Rung{&m_a, &m_b, &m_c}), ringAt(0));
         m_timers.take();
     }
 }

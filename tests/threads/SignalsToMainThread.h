@@ -2,10 +2,10 @@
 
 /// Include it in one file of a test program with engines of alarms.
 ///
-/// The thread sanitizer puts a signal off that reaches a thread in a call which it does not know to block, and hands it
-/// over when that thread makes its next call that it does know. A dispatcher of signals that is interrupted in its
-/// `select` then waits in `read` for the byte that its own handler was to write. So with that sanitizer only the main thread
-/// takes signals: it waits in calls that are known.
+/// The thread sanitizer puts a signal off that reaches a thread in a call which it does not know to block, and hands
+/// it over when that thread makes its next call that it does know. A dispatcher of signals that is interrupted in its
+/// `select` then waits in `read` for the byte that its own handler was to write. So with that sanitizer only the main
+/// thread takes signals: it waits in calls that are known.
 
 #if defined(__SANITIZE_THREAD__)
 

@@ -156,6 +156,19 @@ TEST_F(TimerPeriod, aCallbackThatStopsRemovesWhatWasJustArmed) {
     EXPECT_EQ(Spans(), m_timers.take());
 }
 
+TEST_F(TimerPeriod, aCallbackCannotStopAnotherTimerThatIsDueWithIt) {
+    // Whichever has the lower address is called first, and stops the other one.
+    Clock other([this](Clock&) { m_clock.stop(); });
+    m_clock.action = [&other](Clock&) { other.stop(); };
+    EXPECT_FALSE(m_clock.start(1000, true));
+    EXPECT_FALSE(other.start(1000, true));
+    ringAt(1000);
+    EXPECT_EQ(1, m_clock.count);
+    EXPECT_EQ(1, other.count);
+    ringAt(2000);
+    EXPECT_EQ(3, m_clock.count + other.count) << "the first one is stopped by the other, which goes on";
+}
+
 /// The kernel gets the arming of the start and the one before the callback, and no later one: only the signal that came
 /// while the callback ran can bring the second call.
 TEST(TimerOnItsThread, aCallbackThatTakesLongerThanTheIntervalIsFollowedAtOnceByTheNextCall) {

@@ -31,8 +31,8 @@ class AlarmTable;
 ///     ...
 ///     alarm.stop();
 ///
-/// It rings once; whoever wants more starts it again, for example from its callback. All times are on the monotonic clock:
-/// setting the date changes nothing. `vesk::Timer` is the comfortable form.
+/// It rings once; whoever wants more starts it again, for example from its callback. All times are on the monotonic
+/// clock: setting the date changes nothing. `vesk::Timer` is the comfortable form.
 ///
 /// An alarm must be stopped before it is destroyed, and must not be destroyed by the callback of another alarm of its
 /// engine: the two may be due together. Its own callback may destroy it, as long as other alarms keep the engine.
@@ -47,8 +47,8 @@ public:
     /// Takes a reference on the engine. Nothing is pending yet.
     /// @param engine    not empty
     /// @param sink      Where the call is to be queued, as a message, when the time has come: `callback` then runs in
-    ///                  the thread that serves the sink, with no lock held. Null for a call in the engine's thread, with
-    ///                  the engine's lock held. Not owned.
+    ///                  the thread that serves the sink, with no lock held. Null for a call in the engine's thread,
+    ///                  with the engine's lock held. Not owned.
     /// @param callback  what to call with `data`; not null
     Alarm(std::SharedBase::Ptr<Timer> const& engine, Message::Sink* sink, void (*callback)(void*), void* data)
         : m_engine(engine), m_sink(sink), m_callback(callback), m_data(data) {}
@@ -68,8 +68,8 @@ private:
     void* m_data;
 };
 
-/// The engine behind alarms: one POSIX timer on the monotonic clock, one real-time signal, and one thread that calls the
-/// alarms whose time has come.
+/// The engine behind alarms: one POSIX timer on the monotonic clock, one real-time signal, and one thread that calls
+/// the alarms whose time has come.
 ///
 ///     vesk::Alarm::Timer engine(SIGRTMIN + 5, "Watchdog", vesk::Thread::getMainSchedAttrs());
 ///     vesk::Alarm alarm(std::SharedBase::Ptr<vesk::Alarm::Timer>(nullptr, &engine), nullptr, bite, &dog);
@@ -80,11 +80,12 @@ private:
 ///
 /// `add` and `remove` may be called from any thread, and by callbacks of the engine itself. The engine's lock is held
 /// while a callback runs that has no sink. So callbacks of one engine run one after the other, a slow one delays all
-/// alarms and blocks `add` and `remove`, and removing an alarm while holding a lock that its callback takes is a deadlock.
-/// A callback that throws ends the process.
+/// alarms and blocks `add` and `remove`, and removing an alarm while holding a lock that its callback takes is a
+/// deadlock. A callback that throws ends the process.
 ///
-/// Nothing is reported. An internal lock that fails goes to `std::GlobalErrorHandler::doAbort` with "error locking" or
-/// "error unlocking"; a kernel that refuses the timer leaves an engine that never rings by itself.
+/// An engine reports nothing of its own. A thread that cannot be had leaves the error of `Thread` pending; without it, or
+/// without a timer from the kernel, the engine never rings by itself. An internal lock that fails goes to
+/// `std::GlobalErrorHandler::doAbort` with "error locking" or "error unlocking".
 class VESK_API Alarm::Timer : private tarnbase::NonCopyable {
 public:
     /// Starts the thread, catches the signal (`sigaction`) and makes the timer (`timer_create`).
@@ -93,8 +94,8 @@ public:
     /// @param attributes   its scheduling
     Timer(int signal, char const* thread_name, sched::Attr const& attributes);
 
-    /// The older form: the thread keeps the policy of the calling one, with `priority` as its real-time priority or nice
-    /// value; with 0 it inherits everything.
+    /// The older form: the thread keeps the policy of the calling one, with `priority` as its real-time priority or
+    /// nice value; with 0 it inherits everything.
     Timer(int signal, char const* thread_name, int const& priority);
 
     /// Waits for the callback under way and for the end of the thread, and gives the signal back. Alarms that are still
@@ -110,14 +111,14 @@ public:
     ///               `tarnbase::TimePoint::MAX` counts as never.
     void add(Alarm* alarm, tarnbase::Duration const& delay);
 
-    /// Takes an alarm out; one that is not pending is ignored. When it returns, no callback of the alarm is running, but
-    /// for the one that makes this call, and the engine will not begin another. What it has pushed to a sink before still
-    /// runs, and a callback cannot take back another alarm that has become due at the same moment. Waits while a callback
-    /// runs in another thread.
+    /// Takes an alarm out; one that is not pending is ignored. When it returns, no callback of the alarm is running,
+    /// but for the one that makes this call, and the engine will not begin another. What it has pushed to a sink
+    /// before still runs, and a callback cannot take back another alarm that has become due at the same moment. Waits
+    /// while a callback runs in another thread.
     void remove(Alarm* alarm);
 
-    /// The routine that the engine's thread runs with each signal: delivers all alarms whose time has come, in the order
-    /// of their addresses, and arms the timer for the next one. Early calls are harmless.
+    /// The routine that the engine's thread runs with each signal: delivers all alarms whose time has come, in the
+    /// order of their addresses, and arms the timer for the next one. Early calls are harmless.
     ///
     /// Exceptions of callbacks and of sinks, and `std::bad_alloc`, pass through, with the lock released and the timer
     /// armed. Alarms that had become due together with the one that threw, and were to ring after it, are given up.
@@ -140,19 +141,17 @@ private:
     // All that `ring` needs stands before its thread starts, in case that the signal comes from elsewhere.
     void (*m_handler)(void*);
     void* m_handler_data;
-    threadsafe::MutexImpl
-        m_lock; // Recursive. Guards the table and the next expiry, and is held during callbacks.
+    threadsafe::MutexImpl m_lock; // Recursive. Held during callbacks; guards the next two.
     std::unique_ptr<detail::AlarmTable> m_alarms;
-    tarnbase::TimePoint
-        m_next_expiry; // What the kernel's timer is armed for, at the latest; MAX for nothing.
+    tarnbase::TimePoint m_next_expiry; // The kernel's timer is armed for it or for earlier; MAX is nothing.
     std::atomic<timer_t> m_timer;
     int m_signal;
     SignalDispatcher m_dispatcher;
     SignalCatcher m_catcher;
 };
 
-/// The engine in `Alarm::DEFAULT_TIMER`: signal `SIGRTMIN` plus 3, thread "Timer", scheduled as the main thread was when
-/// it made the `Vesk`.
+/// The engine in `Alarm::DEFAULT_TIMER`: signal `SIGRTMIN` plus 3, thread "Timer", scheduled as the main thread was
+/// when it made the `Vesk`.
 class VESK_API Alarm::DefaultTimer : public Alarm::Timer {
 public:
     DefaultTimer();

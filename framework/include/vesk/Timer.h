@@ -21,17 +21,17 @@ namespace vesk {
 ///     ...
 ///     timer.stop();
 ///
-/// All timers of ordinary priority share one thread, "Timer", and all of high priority another, "HighPrioTimer". So the
-/// callbacks of a thread run one after the other, and a slow one delays all timers of its thread. The first timer starts the
-/// thread, the last one ends it. Times are on the monotonic clock: setting the date changes nothing.
+/// All timers of ordinary priority share one thread, "Timer", and all of high priority another, "HighPrioTimer". So
+/// the callbacks of a thread run one after the other, and a slow one delays all timers of its thread. The first timer
+/// starts the thread, the last one ends it. Times are on the monotonic clock: setting the date changes nothing.
 ///
-/// The callback may call `start`, `stop` and `snooze` of any timer. It may destroy its own, unless that is the last one of
-/// its priority; it must not destroy another one, whose callback may be due at the same moment. An exception that leaves it
-/// ends the process.
+/// The callback may call `start`, `stop` and `snooze` of any timer. It may destroy its own, unless that is the last
+/// one of its priority; it must not destroy another one, whose callback may be due at the same moment. An exception
+/// that leaves it ends the process.
 ///
 /// A timer is used by one thread at a time and by its callback. `stop` and the destructor return when no callback is
-/// running, of whichever timer of the same priority: calling them while holding a lock that a callback takes is a deadlock.
-/// An internal lock that fails goes to `std::GlobalErrorHandler::doAbort`.
+/// running, of whichever timer of the same priority: calling them while holding a lock that a callback takes is a
+/// deadlock. An internal lock that fails goes to `std::GlobalErrorHandler::doAbort`.
 class VESK_API Timer : private tarnbase::NonCopyable {
 public:
     class HighPrioTimer;
@@ -63,22 +63,25 @@ public:
 
     /// Starts it, or starts it anew from now.
     ///
-    /// A periodic timer counts each period from the moment of the call before, so it drifts by the delay of each; a callback
-    /// that takes longer than the interval is called again at once. Waits for a callback that is running in another thread.
-    /// Throws `std::bad_alloc` if there is no memory for one more running timer, and is stopped then.
+    /// A periodic timer counts each period from the moment of the call before, so it drifts by the delay of each; a
+    /// callback that takes longer than the interval is called again at once. Waits for a callback that is running in
+    /// another thread. Throws `std::bad_alloc` if there is no memory for one more running timer, and is stopped then.
     /// @param interval_ms  milliseconds, not 0
     /// @param periodic     whether to go on after the first call
     /// @return true on failure, with everything as it was: `std::CommonError` 1 for an interval of 0
     bool start(unsigned int interval_ms, bool periodic);
 
-    /// Stops it; a stopped one stays so. Interval and kind stay what they were. When it returns, the callback is not running,
-    /// unless that is who calls, and will not be called.
+    /// Stops it; a stopped one stays so. Interval and kind stay what they were. When it returns, the callback is not
+    /// running, unless that is who calls, and will not be called.
+    ///
+    /// The callback of another timer of the same priority cannot take back one that is due at the same moment: it is
+    /// still called, and goes on if it is periodic.
     /// @return false
     bool stop();
 
     /// Starts a period from now, with the interval and kind that it has; a stopped timer runs again. Before the first
-    /// `start` that interval is 0: the callback is called once, at once. Waits and throws as `start` does; a running timer
-    /// then stays as it was.
+    /// `start` that interval is 0: the callback is called once, at once. Waits and throws as `start` does; a running
+    /// timer then stays as it was.
     /// @return false
     bool snooze();
 
@@ -102,8 +105,8 @@ private:
     Alarm m_alarm;
 };
 
-/// The engine in `Timer::timer_high_prio`: signal `SIGRTMIN` plus 2, thread "HighPrioTimer", scheduled as the main thread
-/// was when it made the `Vesk`.
+/// The engine in `Timer::timer_high_prio`: signal `SIGRTMIN` plus 2, thread "HighPrioTimer", scheduled as the main
+/// thread was when it made the `Vesk`.
 class VESK_API Timer::HighPrioTimer : public Alarm::Timer {
 public:
     HighPrioTimer();

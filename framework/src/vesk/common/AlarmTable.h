@@ -16,9 +16,9 @@ namespace vesk::detail {
 
 /// The pending alarms of an engine with their expiries: found by the alarm, and the earliest one at hand.
 ///
-/// A hash table of the alarms with open addressing, and a heap of the expiries; each knows where its other half lies. Both
-/// are plain arrays, so that a hundred thousand pending alarms cost an operation a few cache lines and no allocation. They
-/// keep their memory.
+/// A hash table of the alarms with open addressing, and a heap of the expiries; each knows where its other half lies.
+/// Both are plain arrays, so that a hundred thousand pending alarms cost an operation a few cache lines and no
+/// allocation. They keep their memory.
 ///
 /// All operations but `getCount` are called with the engine's lock held.
 class AlarmTable : private tarnbase::NonCopyable {

@@ -84,8 +84,8 @@ Alarm::Timer::Timer(Scheduling const& scheduling, int signal, char const* thread
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = signal;
     timer_t timer = getNoTimer();
-    // Unchecked, as is every later call for the timer: nobody who starts an alarm could do anything about a kernel that has
-    // no timer left, and there is nobody else to tell.
+    // Unchecked, as is every later call for the timer: nobody who starts an alarm could do anything about a kernel
+    // that has no timer left, and there is nobody else to tell.
     timer_create(CLOCK_MONOTONIC, &event, &timer);
     m_timer.store(timer, std::memory_order_relaxed);
 }
@@ -96,8 +96,8 @@ Alarm::Timer::~Timer() {
     dropSignals();
 }
 
-/// An expiry of the last moment may still be on its way to some thread, and would end the process once the signal has its
-/// default action again.
+/// An expiry of the last moment may still be on its way to some thread, and would end the process once the signal has
+/// its default action again.
 void Alarm::Timer::dropSignals() noexcept {
     detail::CancellationOff const cancellation_off;
     sigset_t signals;
