@@ -751,7 +751,7 @@ TEST_F(ProcessChildFailure, theRowsOfTheEnvironmentAreAllocatedUntilItWorks) {
         ++count;
     }
     EXPECT_EQ(3U, count) << seen.errors;
-    EXPECT_EQ(std::vector<std::string>({"ONE=1", "TWO=2"}), support::Sight(dir / "sight").get("env"));
+    EXPECT_EQ(std::vector<std::string>({"ONE=1", "TWO=2"}), support::Sight(dir / "sight").getEnvironment());
 }
 
 TEST_F(ProcessChildFailure, theArraysHaveRoomForWhatIsInThem) {

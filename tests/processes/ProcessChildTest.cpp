@@ -99,11 +99,20 @@ TEST_F(ProcessChild, hasExactlyTheEnvironmentThatIsSet) {
     ProcessTNG process;
     process.setEnvironment({{"ONE", "a value"}});
     EXPECT_EQ(Texts({"ONE=a value"}), look(process).get("env"));
-    process.setEnvironment({{"B", ""}, {"A", "x=y\nz"}, {"B", "again"}});
-    EXPECT_EQ(Texts({"B=", "A=x=y\nz", "B=again"}), look(process).get("env"));
+    process.setEnvironment({{"A", ""}, {"B", "x=y\nz"}});
+    EXPECT_EQ(Texts({"A=", "B=x=y\nz"}), look(process).getEnvironment());
     process.setEnvironment({});
     EXPECT_TRUE(look(process).has("env", "VESK_TEST_INHERITED=yes"));
     unsetenv("VESK_TEST_INHERITED");
+}
+
+TEST_F(ProcessChild, hasANameTwiceIfItIsSetTwice) {
+    if (IS_EMULATED) {
+        GTEST_SKIP() << "user-mode QEMU hands each name on once";
+    }
+    ProcessTNG process;
+    process.setEnvironment({{"B", "first"}, {"A", ""}, {"B", "again"}});
+    EXPECT_EQ(Texts({"B=first", "A=", "B=again"}), look(process).get("env"));
 }
 
 TEST_F(ProcessChild, seesANameWithAnEqualsSignEndThere) {

@@ -1,6 +1,7 @@
 #include "processes/ProcessSupport.h"
 
 #include "support/Chain.h"
+#include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Processes.h"
@@ -228,26 +229,37 @@ TEST(ProcessCollectorGone, aNewStartUpBringsEverythingBack) {
     EXPECT_NE("", ProcessTNG::getOwnProcessName());
 }
 
+// What was there before is lost then, so these are the last thing that a process does.
+
 TEST(ProcessCollectorGone, preparingTwiceIsAnAssertion) {
-    Vesk const vesk(true, false);
-    EventRecorder recorder;
-    EXPECT_FALSE(ProcessTNG::init(true));
-    EXPECT_EQ(
-        "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_init\n"
-        "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_static_init",
-        recorder.getText());
+    support::ChildEnd const end = support::runInChild([] {
+        Vesk const vesk(true, false);
+        EventRecorder recorder;
+        EXPECT_FALSE(ProcessTNG::init(true));
+        EXPECT_EQ(
+            "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_init\n"
+            "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_static_init",
+            recorder.getText());
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output;
 }
 
 TEST(ProcessCollectorGone, settingUpTwiceIsAnAssertion) {
-    Vesk const vesk(false, false);
-    EventRecorder recorder;
-    EXPECT_FALSE(ProcessTNG::init(false));
-    EXPECT_EQ(
-        "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_init\n"
-        "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_static_init\n"
-        "ASSERT framework/src/vesk/posix/ProcessImpl doInit: ! g_process_impl\n"
-        "ASSERT framework/src/vesk/posix/ProcessImpl doInit: ! g_process_static_impl",
-        recorder.getText());
+    support::ChildEnd const end = support::runInChild([] {
+        Vesk const vesk(false, false);
+        ProcessTNG process;
+        setProbe(process, {"exit", "0"});
+        run(process); // The first collector has begun by now, and looks at nothing that the second one changes.
+        EventRecorder recorder;
+        EXPECT_FALSE(ProcessTNG::init(false));
+        EXPECT_EQ(
+            "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_init\n"
+            "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_static_init\n"
+            "ASSERT framework/src/vesk/posix/ProcessImpl doInit: ! g_process_impl\n"
+            "ASSERT framework/src/vesk/posix/ProcessImpl doInit: ! g_process_static_impl",
+            recorder.getText());
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output;
 }
 
 // ---- its end ----

@@ -420,7 +420,8 @@ public:
     }
 
 private:
-    TempDir m_dir;
+    // In memory, where entries have offsets that a 32-bit program under an emulator can read as well.
+    TempDir m_dir{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp"};
     std::string m_path;
     std::vector<std::string> m_entries;
 };

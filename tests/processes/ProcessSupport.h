@@ -66,27 +66,27 @@ inline void writeFile(std::string const& path, std::string const& text) {
 /// A directory of the test's own, gone with it.
 class TempDir {
 public:
-    TempDir() {
-        if (mkdtemp(m_path) == nullptr) {
+    explicit TempDir(std::string const& parent = "/tmp") : m_path(parent + "/vesk-process-XXXXXX") {
+        if (mkdtemp(m_path.data()) == nullptr) {
             abort();
         }
     }
     ~TempDir() {
-        if (DIR* const directory = opendir(m_path)) {
+        if (DIR* const directory = opendir(m_path.c_str())) {
             while (dirent const* const entry = readdir(directory)) {
                 unlinkat(dirfd(directory), entry->d_name, 0);
             }
             closedir(directory);
         }
-        rmdir(m_path);
+        rmdir(m_path.c_str());
     }
     TempDir(TempDir const&) = delete;
     TempDir& operator=(TempDir const&) = delete;
 
-    std::string operator/(std::string const& name) const { return std::string(m_path) + "/" + name; }
+    std::string operator/(std::string const& name) const { return m_path + "/" + name; }
 
 private:
-    char m_path[32] = "/tmp/vesk-process-XXXXXX";
+    std::string m_path;
 };
 
 /// A pipe whose near end, as seen from the test, no child inherits.
@@ -213,6 +213,15 @@ public:
     }
 
     std::vector<std::string> const& get(std::string const& key) { return m_values[key]; }
+
+    /// The environment. An emulator hands it on in an order of its own.
+    std::vector<std::string> getEnvironment() {
+        std::vector<std::string> rows = get("env");
+        if (IS_EMULATED) {
+            std::sort(rows.begin(), rows.end());
+        }
+        return rows;
+    }
 
     bool has(std::string const& key, std::string const& value) {
         std::vector<std::string> const& values = get(key);

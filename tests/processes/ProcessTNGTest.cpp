@@ -203,6 +203,7 @@ TEST_F(ProcessTNGTest, startForgetsAnEndThatNobodyFetched) {
     ExitState state;
     EXPECT_TRUE(process.wait(state, false, 0));
     EXPECT_TRUE(chainIs({{CommonError, 1, NOTHING_LEFT}}));
+    EXPECT_TRUE(listener.waitForCalls(2)); // Which comes after the waiter.
 }
 
 TEST_F(ProcessTNGTest, theDestructorBlocksUntilTheChildHasEnded) {
@@ -335,6 +336,9 @@ TEST_F(ProcessTNGTest, aSecondWaiterStaysBlockedUntilALaterChildEnds) {
 }
 
 TEST_F(ProcessTNGTest, aCancelledWaiterLetsGoOfTheObject) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the address sanitizer keeps marks of the stack of a cancelled thread that was unwound";
+#endif
     HeldProbe held;
     ProcessTNG process;
     held.set(process);
