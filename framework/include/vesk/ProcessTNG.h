@@ -40,8 +40,9 @@ namespace vesk {
 /// Nothing that goes wrong in there fails the start: it shows on the child's standard error, or as an early end of the
 /// child (a program that cannot be executed ends with `SIGABRT`). The child has every descriptor of the process that is not
 /// marked close-on-exec, its working directory, its limits, and the signals that it ignores; no signal is blocked in it.
-/// A hook of `std::GlobalErrorHandler` and functions of `pthread_atfork` run in the child, too, where locks that other
-/// threads held at that moment stay held for ever: they must take none.
+/// Up to the program the child runs the code of the process: a signal that reaches it so early goes to the process's
+/// handlers, and a hook of `std::GlobalErrorHandler` and the functions of `pthread_atfork` are called in it, too. Locks that
+/// other threads held at the moment of the fork stay held for ever there: those must take none.
 ///
 /// **How children end.** One thread of the library, "vesk::ProcessCollector", waits for the end of children while at
 /// least one of any object is running, and hands each end over to its object. It takes children that others have started,
@@ -142,7 +143,7 @@ public:
 
     // Standard streams. For each of the two that are written the null device wins over a file, and a file over a
     // descriptor; where none is set the stream is that of the process. What fails is told on the child's standard error
-    // (`std::cerr`), and the child goes on with the stream that it has.
+    // (`std::cerr`), and the child goes on with the stream that it has. One descriptor cannot serve two streams.
 
     /// Opens a file for standard output, in the child: made with mode 0600 where it is missing. Empty: none.
     /// @param append  whether to write behind what the file holds, instead of emptying it
@@ -234,8 +235,8 @@ public:
     /// not found; the calling process is.
     ///
     /// @param name   compared byte for byte
-    /// @param pids   gets the ids appended, in no particular order; untouched, with the report of `Directory` pending, if
-    ///               "/proc" cannot be opened
+    /// @param pids   gets the ids appended, in the order of the directory; untouched, with the report of `Directory`
+    ///               pending, if "/proc" cannot be opened
     /// @param exact  true compares with the whole text, false with its last path component
     static void getProcessId(std::string const& name, std::vector<int>& pids, bool exact);
 
@@ -254,7 +255,8 @@ public:
     static bool init(bool lazy);
 
     /// Called by `Vesk::cleanupAll`: blocks until all children have ended, which it does not bring about, and ends the
-    /// collector. Does nothing before `init`. No object may be in use meanwhile; those that stay can only be destroyed.
+    /// collector. Does nothing before `init`. No object may be in use meanwhile; those that stay start nothing until the
+    /// library has been started again.
     static void exit();
 
     /// Hands the end of its child over to an object; called by the collector alone. A lock that fails goes to

@@ -1,0 +1,181 @@
+// The program that the tests of child processes start: it ends as it is told, or tells what it sees of itself. It needs
+// libc alone, so that it starts fast, and runs in no sanitizer.
+//
+//     process_probe exit CODE           ends with this code
+//     process_probe die SIGNAL          ends by this signal
+//     process_probe hold TELL FD        writes a byte to the descriptor TELL, then reads FD to its end
+//     process_probe brood TELL FD       the same, in a child of its own as well: two bytes
+//     process_probe stubborn TELL FD    the same as hold, deaf to SIGTERM
+//     process_probe say TEXT TEXT       writes the texts to standard output and to standard error
+//     process_probe copy                copies standard input to standard output
+//     process_probe copyFrom FD         copies a descriptor to standard output
+//     process_probe tell FILE [ANY...]  writes what it sees to a file, see Sight in ProcessSupport.h
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+char** g_environment = nullptr;
+
+void put(FILE* file, char const* key, char const* value) {
+    fprintf(file, "%s %zu\n", key, strlen(value));
+    fputs(value, file);
+    fputc('\n', file);
+}
+
+void putNumber(FILE* file, char const* key, long value) {
+    char text[32];
+    snprintf(text, sizeof text, "%ld", value);
+    put(file, key, text);
+}
+
+void putDescriptors(FILE* file) {
+    DIR* const directory = opendir("/proc/self/fd");
+    if (directory == nullptr) {
+        return;
+    }
+    while (dirent const* const entry = readdir(directory)) {
+        int const fd = atoi(entry->d_name);
+        if (entry->d_name[0] != '.' && fd != dirfd(directory) && fd != fileno(file)) {
+            put(file, "fd", entry->d_name);
+        }
+    }
+    closedir(directory);
+}
+
+int tell(int argc, char** argv) {
+    FILE* const file = fopen(argv[2], "we");
+    if (file == nullptr) {
+        return 1;
+    }
+    for (int i = 3; i < argc; ++i) {
+        put(file, "arg", argv[i]);
+    }
+    for (char** row = g_environment; *row != nullptr; ++row) {
+        put(file, "env", *row);
+    }
+    putDescriptors(file);
+    putNumber(file, "pid", getpid());
+    putNumber(file, "group", getpgid(0));
+    putNumber(file, "policy", sched_getscheduler(0));
+    sched_param param{};
+    sched_getparam(0, &param);
+    putNumber(file, "priority", param.sched_priority);
+    putNumber(file, "nice", getpriority(PRIO_PROCESS, 0));
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    sched_getaffinity(0, sizeof set, &set);
+    for (int i = 0; i < CPU_SETSIZE; ++i) {
+        if (CPU_ISSET(static_cast<size_t>(i), &set)) {
+            putNumber(file, "processor", i);
+        }
+    }
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigprocmask(SIG_BLOCK, nullptr, &blocked);
+    for (int i = 1; i < NSIG; ++i) {
+        if (sigismember(&blocked, i) == 1) {
+            putNumber(file, "blocked", i);
+        }
+        struct sigaction action {};
+        if (sigaction(i, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+            putNumber(file, "ignored", i);
+        }
+    }
+    return fclose(file) == 0 ? 0 : 1;
+}
+
+bool writeAll(int fd, char const* text, size_t length) {
+    while (length > 0) {
+        ssize_t const count = write(fd, text, length);
+        if (count <= 0) {
+            return false;
+        }
+        text += count;
+        length -= static_cast<size_t>(count);
+    }
+    return true;
+}
+
+int hold(char** argv) {
+    char byte = '.';
+    if (write(atoi(argv[2]), &byte, 1) != 1) {
+        return 1;
+    }
+    for (;;) {
+        ssize_t const count = read(atoi(argv[3]), &byte, 1);
+        if (count == 0) {
+            return 0;
+        }
+        if (count < 0 && errno != EINTR) {
+            return 2;
+        }
+    }
+}
+
+int copy(int fd) {
+    char buffer[4096];
+    for (;;) {
+        ssize_t const count = read(fd, buffer, sizeof buffer);
+        if (count <= 0) {
+            return count == 0 ? 0 : 1;
+        }
+        if (!writeAll(STDOUT_FILENO, buffer, static_cast<size_t>(count))) {
+            return 2;
+        }
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv, char** environment) {
+    g_environment = environment;
+    char const* const mode = argc > 1 ? argv[1] : "";
+    auto const is = [&](char const* name, int arguments) {
+        return strcmp(mode, name) == 0 && argc >= 2 + arguments;
+    };
+    if (is("exit", 1)) {
+        return atoi(argv[2]);
+    }
+    if (is("die", 1)) {
+        raise(atoi(argv[2]));
+        return 1;
+    }
+    if (is("hold", 2)) {
+        return hold(argv);
+    }
+    if (is("stubborn", 2)) {
+        signal(SIGTERM, SIG_IGN);
+        return hold(argv);
+    }
+    if (is("brood", 2)) {
+        fork();
+        return hold(argv);
+    }
+    if (is("say", 2)) {
+        return writeAll(STDOUT_FILENO, argv[2], strlen(argv[2])) &&
+                writeAll(STDERR_FILENO, argv[3], strlen(argv[3]))
+            ? 0
+            : 1;
+    }
+    if (is("copy", 0)) {
+        return copy(STDIN_FILENO);
+    }
+    if (is("copyFrom", 1)) {
+        return copy(atoi(argv[2]));
+    }
+    if (is("tell", 1)) {
+        return tell(argc, argv);
+    }
+    return 99;
+}
