@@ -1,6 +1,7 @@
 #include <vesk/Condition.h>
 #include <vesk/Mutex.h>
 #include <vesk/RWLock.h>
+#include <vesk/SemaphoreCreator.h>
 #include <vesk/ShmMutex.h>
 #include <vesk/SpinLock.h>
 
@@ -8,11 +9,15 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
 #include <new>
 #include <pthread.h>
 #include <sched.h>
+#include <semaphore.h>
+#include <string>
 #include <sys/mman.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -255,5 +260,32 @@ struct BareTable {
     BareCondition there;
 };
 BENCHMARK(pingPong<BareTable>)->UseRealTime()->Name("Condition ping-pong (at most 1.10)/bare");
+
+// ---- semaphores ----
+
+void semaphoreVesk(benchmark::State& state) {
+    vesk::SemaphoreCreator semaphore;
+    semaphore.setUnlinkOnClose(true);
+    std::string const name = "vesk-bench-" + std::to_string(getpid());
+    check(semaphore.create(name.c_str(), 1, vesk::Creatable::REPLACE) ? 1 : 0);
+    for (auto _ : state) {
+        check(semaphore.take() ? 1 : 0);
+        check(semaphore.release() ? 1 : 0);
+    }
+}
+BENCHMARK(semaphoreVesk)->Name("Semaphore take and release (at most 1.05)/vesk");
+
+void semaphoreBare(benchmark::State& state) {
+    std::string const name = "/vesk-bench-bare-" + std::to_string(getpid());
+    sem_t* const semaphore = sem_open(name.c_str(), O_CREAT | O_EXCL, 0600, 1);
+    check(semaphore == SEM_FAILED ? 1 : 0);
+    check(sem_unlink(name.c_str()));
+    for (auto _ : state) {
+        check(sem_wait(semaphore));
+        check(sem_post(semaphore));
+    }
+    sem_close(semaphore);
+}
+BENCHMARK(semaphoreBare)->Name("Semaphore take and release (at most 1.05)/bare");
 
 } // namespace

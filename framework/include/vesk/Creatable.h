@@ -1,0 +1,34 @@
+#pragma once
+
+namespace vesk {
+
+/// Base of the objects that put a name into the system: `MsgQueueServer`, `SemaphoreCreator`, `SharedMemoryServer`. It
+/// tells what to do when the name is there already, and whether the name goes again with the object's `close`.
+///
+///     vesk::MsgQueueServer server;
+///     server.setUnlinkOnClose(true);
+///     if (server.create("orders", 64, 10, vesk::Creatable::REPLACE)) { ... }
+class Creatable {
+public:
+    /// What creating an object means for one of the same name.
+    enum CreationStrategy : int {
+        CREATE_NEW = 0,     ///< It is in the way: `FileAccessError` 4.
+        OPEN_OR_CREATE = 1, ///< It is opened as it stands.
+        REPLACE = 2,        ///< Its name is removed; who has it open keeps it.
+        TRUNCATE = 3,       ///< It is opened and emptied. Only shared memory has this.
+    };
+
+    /// Whether `close` also removes the name from the system. At first it does not: names are there for others, and
+    /// outlive their creator.
+    void setUnlinkOnClose(bool unlink) noexcept { unlink_on_close = unlink; }
+    bool isUnlinkOnClose() const noexcept { return unlink_on_close; }
+
+protected:
+    constexpr Creatable() noexcept = default;
+    ~Creatable() = default;
+
+private:
+    bool unlink_on_close = false;
+};
+
+} // namespace vesk
