@@ -35,7 +35,10 @@ public:
 
     /// Waits until the value is above 0, and decreases it (`sem_wait`, repeated while a signal interrupts it).
     /// @return true on failure: `CommonError` 1 on a closed object, else `SysError` 10
-    bool take() const;
+    bool take() const {
+        sem_t* const opened = getSemaphore();
+        return (opened == nullptr || sem_wait(opened) != 0) && handleTakeError(opened);
+    }
 
     /// Decreases the value if it is above 0 (`sem_trywait`). Never blocks.
     /// @return 0 taken; 1 not available, nothing is reported; -1 on failure: as `take`
@@ -49,7 +52,10 @@ public:
 
     /// Increases the value, and wakes one who waits (`sem_post`). Never blocks.
     /// @return true on failure: `CommonError` 1 on a closed object, `SysError` 0 at the highest value, else `SysError` 10
-    bool release() const;
+    bool release() const {
+        sem_t* const opened = getSemaphore();
+        return (opened == nullptr || sem_post(opened) != 0) && handleReleaseError(opened);
+    }
 
 protected:
     SemaphoreBase() noexcept = default;
@@ -58,6 +64,8 @@ protected:
     void setSemaphore(sem_t* opened) noexcept { semaphore.store(opened, std::memory_order_relaxed); }
 
 private:
+    bool handleTakeError(sem_t const* opened) const;
+    bool handleReleaseError(sem_t const* opened) const;
     template <typename Wait>
     bool wait(Wait call) const;
 

@@ -88,12 +88,12 @@ bool SemaphoreBase::wait(Wait call) const {
     return false;
 }
 
-bool SemaphoreBase::take() const {
-    if (!isValid()) {
+bool SemaphoreBase::handleTakeError(sem_t const* opened) const {
+    if (opened == nullptr) {
         reportMisuse(SOURCE, CLOSED);
         return true;
     }
-    if (wait([](sem_t* opened) { return sem_wait(opened); })) {
+    if (errno != EINTR || wait([](sem_t* still_opened) { return sem_wait(still_opened); })) {
         classify(SOURCE, TAKE_ERRORS, errno);
         return true;
     }
@@ -126,17 +126,13 @@ signed char SemaphoreBase::tryTakeTimeout(long long const& ms) const {
     return 0;
 }
 
-bool SemaphoreBase::release() const {
-    sem_t* const opened = getSemaphore();
+bool SemaphoreBase::handleReleaseError(sem_t const* opened) const {
     if (opened == nullptr) {
         reportMisuse(SOURCE, CLOSED);
-        return true;
-    }
-    if (sem_post(opened) != 0) {
+    } else {
         classify(SOURCE, RELEASE_ERRORS, errno);
-        return true;
     }
-    return false;
+    return true;
 }
 
 } // namespace vesk
