@@ -11,7 +11,7 @@ namespace vesk {
 class Creatable {
 public:
     /// What creating an object means for one of the same name.
-    enum CreationStrategy {
+    enum CreationStrategy : int {
         CREATE_NEW = 0,     ///< It is in the way: `FileAccessError` 4.
         OPEN_OR_CREATE = 1, ///< It is opened as it stands.
         REPLACE = 2,        ///< Its name is removed; who has it open keeps it.

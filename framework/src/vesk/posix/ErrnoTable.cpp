@@ -2,6 +2,8 @@
 
 #include "SystemErrorText.h"
 
+#include <cstring>
+
 namespace vesk::detail {
 
 Outcome classify(Place place, ErrnoTable table, int error, char const* detail, Chain chain) noexcept {
@@ -10,7 +12,9 @@ Outcome classify(Place place, ErrnoTable table, int error, char const* detail, C
         if (!row.errnos.has(error)) {
             continue;
         }
-        if (row.further != nullptr) {
+        if (row.cause.telling == Telling::NAME_AND_LENGTH) {
+            report(place, chain, *row.cause.family, row.cause.id, detail, static_cast<int>(strlen(detail)));
+        } else if (row.further != nullptr) {
             report(place, chain, *row.cause.family, row.cause.id, SystemErrorText(error).get(), row.further);
         } else if (row.cause.family != nullptr) {
             report(place, chain, *row.cause.family, row.cause.id, SystemErrorText(error).get());

@@ -33,14 +33,22 @@ struct Errnos {
 
 constexpr Errnos OTHERS{};
 
+/// What a cause tells.
+enum class Telling {
+    SYSTEM_TEXT,     ///< The system's text for the number.
+    NAME_AND_LENGTH, ///< What the call was made on, and how long that is.
+};
+
 /// One report that a row makes; without a family it makes none.
 struct RowReport {
     std::ErrorType const* family = nullptr;
     int id = 0;
+    Telling telling = Telling::SYSTEM_TEXT;
 
     constexpr RowReport() noexcept = default;
-    constexpr RowReport(std::ErrorType const& row_family, int row_id) noexcept
-        : family(&row_family), id(row_id) {}
+    constexpr RowReport(
+        std::ErrorType const& row_family, int row_id, Telling row_telling = Telling::SYSTEM_TEXT) noexcept
+        : family(&row_family), id(row_id), telling(row_telling) {}
 };
 
 constexpr RowReport NONE{};
