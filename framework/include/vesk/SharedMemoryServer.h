@@ -35,8 +35,6 @@ public:
     /// right to, 12 and 4 if the name is taken, 6 for a name that the system cannot use, such as the empty one, 0 without
     /// descriptors, 15 and 7 without space, 16 without shared memory, 4 and 0 for a name that is too long for the
     /// system, else 19. Of the size: 8 if it is too large, else 10; the memory is closed again then.
-    ///
-    /// The object remembers the name from its first look at it on, also if the call then fails.
     /// @param name      at most 254 characters, without "/"; see `transformToIPCIdentifier` for its reports
     /// @param size      in bytes, at most 2,147,483,647. Memory that is there keeps its size with `OPEN_OR_CREATE`, unless
     ///                  that is 0; in all other cases it gets this one
@@ -57,7 +55,8 @@ public:
     /// @param name  as for `create`
     static bool deleteName(char const* name);
 
-    /// The system's name of the memory, which begins with "/"; empty if there is none, or it was removed.
+    /// The system's name of the memory, which begins with "/" and stays after `close`; empty if it was removed, and after
+    /// a `create` that came to no memory.
     char const* getName() const noexcept { return name; }
 
 private:

@@ -1,13 +1,13 @@
 #include <vesk/SharedMemoryClient.h>
 
 #include "ErrnoTable.h"
-#include "SharedMemoryOpen.h"
 
 #include <vesk/FileAccessError.h>
 #include <vesk/IPCIdentifier.h>
 #include <vesk/SysError.h>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 
 namespace vesk {
 
@@ -22,6 +22,7 @@ constexpr ErrnoRow ATTACH_ERRORS[] = {
     {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
     {{EINVAL, ENOTSUP}, {SysError, 6}},
     {{ENFILE, EMFILE}, {SysError, 0}},
+    {{ENAMETOOLONG}, {SysError, 4, Telling::NAME_AND_LENGTH}, {FileAccessError, 0}},
     {OTHERS, {SysError, 19}},
 };
 
@@ -38,7 +39,12 @@ bool SharedMemoryClient::attach(char const* name, MemMapping::MemAccessFlags con
         return true;
     }
     int const direction = static_cast<int>(flags.getWord() & MemMapping::WRITE);
-    return openSharedMemory(descriptor, SOURCE, ATTACH_ERRORS, system_name, direction, 0);
+    descriptor = retryOnEintr([&] { return shm_open(system_name, direction, 0); });
+    if (descriptor == -1) {
+        classify(SOURCE, ATTACH_ERRORS, errno, system_name);
+        return true;
+    }
+    return false;
 }
 
 } // namespace vesk

@@ -1,7 +1,6 @@
 #include <vesk/SharedMemoryServer.h>
 
 #include "ErrnoTable.h"
-#include "SharedMemoryOpen.h"
 
 #include <vesk/FileAccessError.h>
 #include <vesk/SysError.h>
@@ -28,6 +27,7 @@ constexpr ErrnoRow CREATE_ERRORS[] = {
     {{ENFILE, EMFILE}, {SysError, 0}},
     {{ENOSPC}, {SysError, 15}, {FileAccessError, 7}},
     {{EPIPE, ENOSYS}, {SysError, 16}},
+    {{ENAMETOOLONG}, {SysError, 4, Telling::NAME_AND_LENGTH}, {FileAccessError, 0}},
     {OTHERS, {SysError, 19}},
 };
 
@@ -36,11 +36,11 @@ constexpr ErrnoRow SIZE_ERRORS[] = {
     {OTHERS, {SysError, 10}},
 };
 
-constexpr ErrnoRow DENIED_ERRORS[] = {
-    {{EACCES, EPERM}, {SysError, 7}, {FileAccessError, 3}},
+constexpr ErrnoRow DENIED_REMOVAL_ERRORS[] = {
+    {OTHERS, {SysError, 7}, {FileAccessError, 3}},
 };
 
-constexpr ErrnoRow UNLINK_ERRORS[] = {
+constexpr ErrnoRow REMOVAL_ERRORS[] = {
     {OTHERS, {SysError, 19}, {FileAccessError, 9}},
 };
 
@@ -57,18 +57,21 @@ int flagsOf(Creatable::CreationStrategy strategy) noexcept {
     return O_CREAT | O_RDWR;
 }
 
-/// Removes a name from the system.
-bool removeName(char const* system_name) {
-    if (shm_unlink(system_name) == 0 || errno == ENOENT) {
+/// Removes a name of the system. True on failure.
+bool removeName(char const* name) {
+    if (shm_unlink(name) == 0) {
         return false;
     }
     int const error = errno;
+    if (error == ENOENT) {
+        return false;
+    }
+    // A missing right is told for itself, and then as a removal that failed like any other.
     bool const denied = error == EACCES || error == EPERM;
     if (denied) {
-        classify(SOURCE, DENIED_ERRORS, error, system_name);
+        classify(SOURCE, DENIED_REMOVAL_ERRORS, error, name);
     }
-    // A refusal is told a second time, as a removal that failed.
-    classify(SOURCE, UNLINK_ERRORS, error, system_name, denied ? Chain::ON_TOP : Chain::NEW);
+    classify(SOURCE, REMOVAL_ERRORS, error, name, denied ? Chain::ON_TOP : Chain::NEW);
     return true;
 }
 
@@ -94,6 +97,7 @@ bool SharedMemoryServer::create(
         return true;
     }
     if (transformToIPCIdentifier(client_name, name, sizeof name) || openObject(strategy)) {
+        *name = '\0'; // It may be the name of somebody else's memory.
         return true;
     }
     if (strategy == OPEN_OR_CREATE && getSize() != 0) {
@@ -104,10 +108,14 @@ bool SharedMemoryServer::create(
 
 bool SharedMemoryServer::openObject(CreationStrategy strategy) {
     int const flags = flagsOf(strategy);
-    while (openSharedMemory(descriptor, SOURCE, CREATE_ERRORS, name, flags, 0600)) {
-        bool const replaces =
-            strategy == REPLACE && std::ErrorStorage::isA(FileAccessError) && std::ErrorStorage::id() == 4;
-        if (!replaces) {
+    for (;;) {
+        descriptor = retryOnEintr([&] { return shm_open(name, flags, 0600); });
+        if (descriptor != -1) {
+            return false;
+        }
+        int const error = errno;
+        classify(SOURCE, CREATE_ERRORS, error, name);
+        if (error != EEXIST || strategy != REPLACE) {
             return true;
         }
         std::ErrorStorage::ack();
@@ -115,7 +123,6 @@ bool SharedMemoryServer::openObject(CreationStrategy strategy) {
             return true;
         }
     }
-    return false;
 }
 
 bool SharedMemoryServer::setSize(unsigned int size) {
