@@ -2,6 +2,7 @@
 
 #include "support/Inject.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -26,6 +27,23 @@ struct FileCalls {
 
 inline FileCalls s_file_calls;
 
+/// Notes how a file is opened, and gives the mode, which is an argument only of a call that may make the file.
+VESK_UNWATCHED inline mode_t noteOpening(int flags, va_list arguments) {
+    s_file_calls.open_flags = flags;
+    s_file_calls.open_mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    return s_file_calls.open_mode;
+}
+
+/// Whether the call is to fail, with `errno` set if so.
+VESK_UNWATCHED inline bool fails(Injected& function) {
+    int error = 0;
+    if (!function.fails(error)) {
+        return false;
+    }
+    errno = error;
+    return true;
+}
+
 } // namespace support
 
 VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
@@ -42,36 +60,22 @@ support::Injected inject_fsync("fsync");
 extern "C" {
 
 VESK_UNWATCHED int open(char const* path, int flags, ...) {
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t);
-        va_end(arguments);
-    }
-    support::s_file_calls.open_flags = flags;
-    support::s_file_calls.open_mode = mode;
-    int error = 0;
-    if (inject_open.fails(error)) {
-        errno = error;
+    va_list arguments;
+    va_start(arguments, flags);
+    mode_t const mode = support::noteOpening(flags, arguments);
+    va_end(arguments);
+    if (support::fails(inject_open)) {
         return -1;
     }
     return reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal())(path, flags, mode);
 }
 
 VESK_UNWATCHED int openat(int dir, char const* path, int flags, ...) {
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t);
-        va_end(arguments);
-    }
-    support::s_file_calls.open_flags = flags;
-    support::s_file_calls.open_mode = mode;
-    int error = 0;
-    if (inject_openat.fails(error)) {
-        errno = error;
+    va_list arguments;
+    va_start(arguments, flags);
+    mode_t const mode = support::noteOpening(flags, arguments);
+    va_end(arguments);
+    if (support::fails(inject_openat)) {
         return -1;
     }
     return reinterpret_cast<int (*)(int, char const*, int, ...)>(inject_openat.getReal())(
@@ -81,9 +85,7 @@ VESK_UNWATCHED int openat(int dir, char const* path, int flags, ...) {
 VESK_UNWATCHED off_t lseek(int fd, off_t offset, int whence) {
     support::s_file_calls.seek_offset = offset;
     support::s_file_calls.seek_whence = whence;
-    int error = 0;
-    if (inject_lseek.fails(error)) {
-        errno = error;
+    if (support::fails(inject_lseek)) {
         return -1;
     }
     return reinterpret_cast<off_t (*)(int, off_t, int)>(inject_lseek.getReal())(fd, offset, whence);
@@ -91,18 +93,14 @@ VESK_UNWATCHED off_t lseek(int fd, off_t offset, int whence) {
 
 VESK_UNWATCHED int ftruncate(int fd, off_t length) {
     support::s_file_calls.length = length;
-    int error = 0;
-    if (inject_ftruncate.fails(error)) {
-        errno = error;
+    if (support::fails(inject_ftruncate)) {
         return -1;
     }
     return reinterpret_cast<int (*)(int, off_t)>(inject_ftruncate.getReal())(fd, length);
 }
 
 VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {
-    int error = 0;
-    if (inject_read.fails(error)) {
-        errno = error;
+    if (support::fails(inject_read)) {
         return -1;
     }
     size_t const most = support::s_file_calls.most;
@@ -111,9 +109,7 @@ VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {
 }
 
 VESK_UNWATCHED ssize_t write(int fd, void const* buffer, size_t size) {
-    int error = 0;
-    if (inject_write.fails(error)) {
-        errno = error;
+    if (support::fails(inject_write)) {
         return -1;
     }
     size_t const most = support::s_file_calls.most;
@@ -122,9 +118,7 @@ VESK_UNWATCHED ssize_t write(int fd, void const* buffer, size_t size) {
 }
 
 VESK_UNWATCHED int fsync(int fd) {
-    int error = 0;
-    if (inject_fsync.fails(error)) {
-        errno = error;
+    if (support::fails(inject_fsync)) {
         return -1;
     }
     if (support::s_file_calls.syncs_for_nothing) {

@@ -1,11 +1,9 @@
-#include "FileCalls.h"
-#include "FileTests.h"
+#include "StreamFiles.h"
 #include "support/AllocationCounter.h"
 #include "support/Chain.h"
 #include "support/Child.h"
 #include "support/NewFault.h"
 #include "support/Processes.h"
-#include "support/TempFolder.h"
 #include "support/VtableSlot.h"
 
 #include <tarncommon/error/CommonError.h>
@@ -20,7 +18,6 @@
 
 #include <climits>
 #include <csignal>
-#include <ostream>
 #include <string>
 #include <type_traits>
 
@@ -30,6 +27,7 @@ using std::CommonError;
 using std::IBinInputStream;
 using std::IBinStreamBase;
 using support::chainIs;
+using support::closedFileIsTold;
 using support::contentOf;
 using support::failureIs;
 using support::Fault;
@@ -37,12 +35,12 @@ using support::getSlot;
 using support::isOpen;
 using support::New;
 using support::NewFault;
+using support::openIsRefused;
 using support::readFrom;
 using support::rowText;
 using support::s_file_calls;
 using support::streamFailureIs;
 using support::systemText;
-using support::TempFolder;
 using vesk::BinFileBase;
 using vesk::Directory;
 using vesk::FileAccessError;
@@ -52,6 +50,7 @@ using vesk::StreamBinFileR;
 using vesk::SysError;
 using vesk::UnicodeString;
 
+using Row = support::StreamRow;
 using ReadFlags = BinFileBase::ReadFlags;
 
 static_assert(std::is_convertible_v<StreamBinFileR*, IBinInputStream*>);
@@ -74,13 +73,9 @@ testing::AssertionResult atEnd() {
     return chainIs({{IBinStreamBase::StreamError, 2}});
 }
 
-class StreamBinFileRTest : public testing::Test {
+class StreamBinFileRTest : public support::StreamFileTest {
 protected:
-    StreamBinFileRTest() : m_path(m_folder.makeFile("file", "0123456789abcdef")) {}
-
-    TempFolder m_folder;
-    std::string m_path;
-    unsigned int m_position = 12345;
+    StreamBinFileRTest() : StreamFileTest("0123456789abcdef") {}
 };
 
 TEST_F(StreamBinFileRTest, hasItsOperationsInTheirSlots) {
@@ -186,23 +181,20 @@ TEST_F(StreamBinFileRTest, withoutMemoryForItsBufferItCannotBeOpened) {
     NewFault const fault(New::NOTHROW_ARRAY);
     Reader file(16);
     EXPECT_TRUE(chainIs({{CommonError, 0}}));
-    auto const refused = [] {
-        return chainIs({{CommonError, 1, rowText(CommonError, 1, "Attempted open on invalid object")}});
-    };
     Fault const opens(inject_open, 0);
     EXPECT_TRUE(file.open(m_path.c_str(), file.READ));
-    EXPECT_TRUE(refused());
+    EXPECT_TRUE(openIsRefused());
     EXPECT_TRUE(file.open(m_path, file.READ));
-    EXPECT_TRUE(refused());
+    EXPECT_TRUE(openIsRefused());
     Pipe pipe;
     EXPECT_TRUE(file.open(pipe));
-    EXPECT_TRUE(refused());
+    EXPECT_TRUE(openIsRefused());
     EXPECT_NE(-1, pipe.getReadEnd());
     Directory const dir(m_folder.getPath(), true);
     int const calls = opens.getCalls();
     Fault const entries(inject_openat, 0);
     EXPECT_TRUE(file.openAt(dir, "file", true, file.READ));
-    EXPECT_TRUE(refused());
+    EXPECT_TRUE(openIsRefused());
     EXPECT_EQ(0, entries.getCalls());
     EXPECT_EQ(calls, opens.getCalls());
     EXPECT_FALSE(file.isValid());
@@ -349,16 +341,6 @@ TEST_F(StreamBinFileRTest, signalDoesNotEndARead) {
     EXPECT_EQ(0, reader.join());
 }
 
-struct Row {
-    int error;
-    int cause;
-    int on_top;
-};
-
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << strerrorname_np(row.error);
-}
-
 class StreamBinFileRRead : public testing::TestWithParam<Row> {};
 
 TEST_P(StreamBinFileRRead, failureTellsItsCauseAndWhatItMeansForTheStream) {
@@ -403,9 +385,7 @@ TEST_F(StreamBinFileRTest, readOnAClosedObjectFails) {
         Reader file(buffer);
         Fault const calls(inject_read, 0);
         EXPECT_EQ("", readFrom(file, 2, -1));
-        EXPECT_TRUE(chainIs(
-            {{CommonError, 1, rowText(CommonError, 1, "attempted read on invalid file object")},
-             {IBinStreamBase::StreamError, 0}}));
+        EXPECT_TRUE(closedFileIsTold("read"));
         EXPECT_TRUE(file.hadError());
         EXPECT_EQ(0, calls.getCalls());
     }

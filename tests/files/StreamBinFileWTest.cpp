@@ -1,11 +1,9 @@
-#include "FileCalls.h"
-#include "FileTests.h"
+#include "StreamFiles.h"
 #include "support/AllocationCounter.h"
 #include "support/Chain.h"
 #include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/NewFault.h"
-#include "support/TempFolder.h"
 #include "support/VtableSlot.h"
 
 #include <tarncommon/error/CommonError.h>
@@ -19,7 +17,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <ostream>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
@@ -31,6 +28,7 @@ using std::CommonError;
 using std::IBinOutputStream;
 using std::IBinStreamBase;
 using support::chainIs;
+using support::closedFileIsTold;
 using support::contentOf;
 using support::failureIs;
 using support::Fault;
@@ -38,10 +36,10 @@ using support::getSlot;
 using support::isOpen;
 using support::New;
 using support::NewFault;
+using support::openIsRefused;
 using support::rowText;
 using support::streamFailureIs;
 using support::systemText;
-using support::TempFolder;
 using support::writeTo;
 using vesk::BinFileBase;
 using vesk::Directory;
@@ -52,6 +50,7 @@ using vesk::StreamBinFileW;
 using vesk::SysError;
 using vesk::UnicodeString;
 
+using Row = support::StreamRow;
 using WriteFlags = BinFileBase::WriteFlags;
 
 static_assert(std::is_convertible_v<StreamBinFileW*, IBinOutputStream*>);
@@ -77,13 +76,9 @@ int writeOnce(IBinOutputStream& stream, std::string const& bytes, unsigned int e
     return result;
 }
 
-class StreamBinFileWTest : public testing::Test {
+class StreamBinFileWTest : public support::StreamFileTest {
 protected:
-    StreamBinFileWTest() : m_path(m_folder.makeFile("file", "0123456789")) {}
-
-    TempFolder m_folder;
-    std::string m_path;
-    unsigned int m_position = 12345;
+    StreamBinFileWTest() : StreamFileTest("0123456789") {}
 };
 
 TEST_F(StreamBinFileWTest, hasItsOperationsInTheirSlots) {
@@ -168,20 +163,17 @@ TEST_F(StreamBinFileWTest, withoutMemoryForItsBufferItCannotBeOpened) {
     NewFault const fault(New::NOTHROW_ARRAY);
     Writer file(16);
     EXPECT_TRUE(chainIs({{CommonError, 0}}));
-    auto const refused = [] {
-        return chainIs({{CommonError, 1, rowText(CommonError, 1, "Attempted open on invalid object")}});
-    };
     EXPECT_TRUE(file.open(m_path.c_str(), file.WRITE | file.TRUNCATE));
-    EXPECT_TRUE(refused());
+    EXPECT_TRUE(openIsRefused());
     EXPECT_TRUE(file.open(m_path, file.WRITE | file.TRUNCATE));
-    EXPECT_TRUE(refused());
+    EXPECT_TRUE(openIsRefused());
     Pipe pipe;
     EXPECT_TRUE(file.open(pipe));
-    EXPECT_TRUE(refused());
+    EXPECT_TRUE(openIsRefused());
     EXPECT_NE(-1, pipe.getWriteEnd());
     Directory const dir(m_folder.getPath(), true);
     EXPECT_TRUE(file.openAt(dir, "file", true, file.WRITE | file.TRUNCATE));
-    EXPECT_TRUE(refused());
+    EXPECT_TRUE(openIsRefused());
     EXPECT_FALSE(file.isValid());
     EXPECT_EQ("0123456789", contentOf(m_path));
 }
@@ -293,16 +285,6 @@ TEST_F(StreamBinFileWTest, writeIsRepeatedWhileItIsInterrupted) {
     EXPECT_TRUE(chainIs({}));
 }
 
-struct Row {
-    int error;
-    int cause;
-    int on_top;
-};
-
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << strerrorname_np(row.error);
-}
-
 class StreamBinFileWWrite : public testing::TestWithParam<Row> {};
 
 TEST_P(StreamBinFileWWrite, failureTellsItsCauseAndWhatItMeansForTheStream) {
@@ -345,9 +327,7 @@ TEST_F(StreamBinFileWTest, writeOnAClosedObjectFails) {
     Writer file;
     Fault const calls(inject_write, 0);
     EXPECT_EQ(-1, writeOnce(file, "ab", 0));
-    EXPECT_TRUE(chainIs(
-        {{CommonError, 1, rowText(CommonError, 1, "attempted write on invalid file object")},
-         {IBinStreamBase::StreamError, 0}}));
+    EXPECT_TRUE(closedFileIsTold("write"));
     EXPECT_TRUE(file.hadError());
     EXPECT_EQ(0, calls.getCalls());
 }
@@ -514,9 +494,7 @@ TEST_F(StreamBinFileWTest, flushOnAClosedObjectFails) {
     Writer file;
     Fault const calls(inject_fsync, 0);
     EXPECT_TRUE(file.flush(false));
-    EXPECT_TRUE(chainIs(
-        {{CommonError, 1, rowText(CommonError, 1, "attempted flush on invalid file object")},
-         {IBinStreamBase::StreamError, 0}}));
+    EXPECT_TRUE(closedFileIsTold("flush"));
     EXPECT_TRUE(file.hadError());
     EXPECT_EQ(0, calls.getCalls());
 }

@@ -1,0 +1,432 @@
+#include "support/Chain.h"
+#include "support/Child.h"
+#include "support/Inject.h"
+
+#include <vesk/Group.h>
+#include <vesk/User.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <grp.h>
+#include <pwd.h>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
+#include <type_traits>
+#include <unistd.h>
+#include <vector>
+
+/// `User` and `Group` promise the same, each on its own data base: every test runs for both.
+
+namespace {
+// The sizes of the buffers that the look-ups were given.
+std::vector<size_t>* s_sizes = nullptr;
+// The entry of this type (`passwd` or `group`) that every look-up finds, if it is not null.
+template <typename Row>
+Row const* s_entry = nullptr;
+// The `sysconf` name of the advised buffer size that the test looks at.
+int s_question = -1;
+// What the system advises for the buffer's size, if it is not 0.
+long s_advice = 0;
+
+/// A look-up by id or by name: gives the test's entry, its name in the buffer, or asks the system.
+template <typename Row, typename Key>
+int lookUp(
+    support::Injected& function, char* Row::*name, Key key, Row* entry, char* buffer, size_t size,
+    Row** found) {
+    int error = 0;
+    if (s_sizes != nullptr) {
+        s_sizes->push_back(size);
+    }
+    if (function.fails(error)) {
+        return error;
+    }
+    Row const* const wanted = s_entry<Row>;
+    if (wanted == nullptr) {
+        return reinterpret_cast<int (*)(Key, Row*, char*, size_t, Row**)>(function.getReal())(
+            key, entry, buffer, size, found);
+    }
+    *entry = *wanted;
+    if (strlen(wanted->*name) + 1 > size) {
+        return ERANGE;
+    }
+    entry->*name = strcpy(buffer, wanted->*name);
+    *found = entry;
+    return 0;
+}
+} // namespace
+
+support::Injected inject_getpwuid_r("getpwuid_r");
+extern "C" int getpwuid_r(uid_t id, passwd* entry, char* buffer, size_t size, passwd** found) {
+    return lookUp(inject_getpwuid_r, &passwd::pw_name, id, entry, buffer, size, found);
+}
+
+support::Injected inject_getpwnam_r("getpwnam_r");
+extern "C" int getpwnam_r(char const* name, passwd* entry, char* buffer, size_t size, passwd** found) {
+    return lookUp(inject_getpwnam_r, &passwd::pw_name, name, entry, buffer, size, found);
+}
+
+support::Injected inject_getgrgid_r("getgrgid_r");
+extern "C" int getgrgid_r(gid_t id, group* entry, char* buffer, size_t size, group** found) {
+    return lookUp(inject_getgrgid_r, &group::gr_name, id, entry, buffer, size, found);
+}
+
+support::Injected inject_getgrnam_r("getgrnam_r");
+extern "C" int getgrnam_r(char const* name, group* entry, char* buffer, size_t size, group** found) {
+    return lookUp(inject_getgrnam_r, &group::gr_name, name, entry, buffer, size, found);
+}
+
+support::Injected inject_sysconf("sysconf");
+extern "C" VESK_UNWATCHED long sysconf(int name) {
+    int error = 0;
+    if (name == s_question) {
+        if (inject_sysconf.fails(error)) {
+            errno = error;
+            return -1;
+        }
+        if (s_advice != 0) {
+            return s_advice;
+        }
+    }
+    return reinterpret_cast<long (*)(int)>(inject_sysconf.getReal())(name);
+}
+
+/// The sanitizers give null for too much memory, as the system does; they touch memory for all that they give.
+extern "C" char const* __asan_default_options() {
+    return "allocator_may_return_null=1:max_allocation_size_mb=64";
+}
+extern "C" char const* __tsan_default_options() {
+    return "allocator_may_return_null=1:max_allocation_size_mb=64";
+}
+
+namespace {
+
+using support::chainIs;
+using support::ChildEnd;
+using support::Fault;
+using support::Injected;
+using support::runInChild;
+using vesk::Group;
+using vesk::User;
+
+constexpr long long NOBODYS_ID = 3999999999LL;
+char const* const NOBODYS_NAME = "no-such-account-of-vesk";
+
+/// What lies below each class, and global objects, which may use its constants.
+template <typename Account>
+struct Traits;
+template <>
+struct Traits<User> {
+    using Row = passwd;
+    static constexpr char const* TEXT = "User";
+    static constexpr int ADVICE = _SC_GETPW_R_SIZE_MAX;
+    static constexpr auto NAME = &passwd::pw_name;
+    static constexpr auto ID = &passwd::pw_uid;
+    static constexpr Injected& BY_ID = inject_getpwuid_r;
+    static constexpr Injected& BY_NAME = inject_getpwnam_r;
+    static constexpr auto FIRST = setpwent;
+    static constexpr auto NEXT = getpwent;
+    static constexpr auto END = endpwent;
+    static inline std::string const s_early_name = User::BAD_NAME + "early";
+    static inline User const s_early{User::BAD_NAME};
+};
+template <>
+struct Traits<Group> {
+    using Row = group;
+    static constexpr char const* TEXT = "Group";
+    static constexpr int ADVICE = _SC_GETGR_R_SIZE_MAX;
+    static constexpr auto NAME = &group::gr_name;
+    static constexpr auto ID = &group::gr_gid;
+    static constexpr Injected& BY_ID = inject_getgrgid_r;
+    static constexpr Injected& BY_NAME = inject_getgrnam_r;
+    static constexpr auto FIRST = setgrent;
+    static constexpr auto NEXT = getgrent;
+    static constexpr auto END = endgrent;
+    static inline std::string const s_early_name = Group::BAD_NAME + "early";
+    static inline Group const s_early{Group::BAD_NAME};
+};
+
+/// What is put in the place of the system's answers goes with the test.
+template <typename Account>
+class AccountTest : public testing::Test {
+    static_assert(std::is_same_v<long long const, decltype(Account::BAD_ID)> && Account::BAD_ID == -1);
+
+protected:
+    using Row = typename Traits<Account>::Row;
+
+    /// An entry with this name and id.
+    class Entry {
+    public:
+        Entry(std::string name, unsigned int id) : m_name(std::move(name)) {
+            m_entry.*Traits<Account>::NAME = m_name.data();
+            m_entry.*Traits<Account>::ID = id;
+            s_entry<Row> = &m_entry;
+        }
+        Entry(Entry const&) = delete;
+        Entry& operator=(Entry const&) = delete;
+
+    private:
+        std::string m_name;
+        Row m_entry = {};
+    };
+
+    AccountTest() {
+        s_sizes = &m_sizes;
+        s_question = Traits<Account>::ADVICE;
+    }
+    ~AccountTest() override {
+        s_sizes = nullptr;
+        s_entry<Row> = nullptr;
+        s_question = -1;
+        s_advice = 0;
+    }
+
+    Injected& m_by_id = Traits<Account>::BY_ID;
+    Injected& m_by_name = Traits<Account>::BY_NAME;
+    std::vector<size_t> m_sizes;
+};
+
+struct Names {
+    template <typename Account>
+    static std::string GetName(int) {
+        return Traits<Account>::TEXT;
+    }
+};
+
+using Both = testing::Types<User, Group>;
+TYPED_TEST_SUITE(AccountTest, Both, Names);
+
+// ---- Look-ups ----
+
+TYPED_TEST(AccountTest, rootIsFoundByIdAndByName) {
+    EXPECT_EQ("root", TypeParam::id2name(0));
+    EXPECT_EQ(0, TypeParam::name2id("root"));
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(AccountTest, everyEntryOfTheSystemIsFoundBothWays) {
+    std::vector<std::pair<std::string, long long>> entries;
+    using Base = Traits<TypeParam>;
+    Base::FIRST();
+    while (typename Base::Row const* const entry = Base::NEXT()) {
+        entries.emplace_back(entry->*Base::NAME, entry->*Base::ID);
+    }
+    Base::END();
+    ASSERT_FALSE(entries.empty());
+    for (auto const& [name, id] : entries) {
+        EXPECT_EQ(id, TypeParam::name2id(name));
+        EXPECT_EQ(id, TypeParam::name2id(TypeParam::id2name(id)));
+    }
+}
+
+TYPED_TEST(AccountTest, anIdWithoutAnEntryHasAnEmptyName) {
+    EXPECT_EQ("", TypeParam::id2name(NOBODYS_ID));
+    EXPECT_EQ(TypeParam::BAD_NAME, TypeParam::id2name(NOBODYS_ID));
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(AccountTest, aNameWithoutAnEntryHasTheBadId) {
+    EXPECT_EQ(TypeParam::BAD_ID, TypeParam::name2id(NOBODYS_NAME));
+    EXPECT_EQ(TypeParam::BAD_ID, TypeParam::name2id(""));
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(AccountTest, anIdThatTheSystemCannotHaveIsNobodys) {
+    for (long long const id : {-1LL, 1LL << 32, LLONG_MIN, LLONG_MAX, -(1LL << 32)}) {
+        EXPECT_EQ("", TypeParam::id2name(id)) << id;
+    }
+    EXPECT_TRUE(this->m_sizes.empty()) << "nobody was asked";
+}
+
+TYPED_TEST(AccountTest, theLargestIdIsLookedUpAndGivenAsItIs) {
+    typename TestFixture::Entry const entry("largest", 4294967295u);
+    EXPECT_EQ("largest", TypeParam::id2name(4294967295LL));
+    EXPECT_EQ(4294967295LL, TypeParam::name2id("largest"));
+}
+
+// ---- The buffer ----
+
+TYPED_TEST(AccountTest, theBufferIsAsLargeAsTheSystemAdvises) {
+    typename TestFixture::Entry const entry("root", 0);
+    s_advice = 777;
+    EXPECT_EQ("root", TypeParam::id2name(0));
+    EXPECT_EQ(0, TypeParam::name2id("root"));
+    EXPECT_EQ((std::vector<size_t>{777, 777}), this->m_sizes);
+}
+
+TYPED_TEST(AccountTest, theBufferHas256BytesWithoutAnAdvice) {
+    typename TestFixture::Entry const entry("root", 0);
+    Fault const fault(inject_sysconf, EINVAL, 1, Fault::FOREVER);
+    EXPECT_EQ("root", TypeParam::id2name(0));
+    EXPECT_EQ(0, TypeParam::name2id("root"));
+    EXPECT_EQ((std::vector<size_t>{256, 256}), this->m_sizes);
+    EXPECT_EQ(2, fault.getCalls());
+}
+
+TYPED_TEST(AccountTest, aBufferThatIsTooSmallIsDoubled) {
+    Fault const advices(inject_sysconf, 0);
+    s_advice = 100;
+    std::string const name(1000, 'n');
+    typename TestFixture::Entry const entry(name, 5);
+    EXPECT_EQ(name, TypeParam::id2name(5));
+    EXPECT_EQ((std::vector<size_t>{100, 200, 400, 800, 1600}), this->m_sizes);
+    this->m_sizes.clear();
+    EXPECT_EQ(5, TypeParam::name2id(name));
+    EXPECT_EQ((std::vector<size_t>{100, 200, 400, 800, 1600}), this->m_sizes);
+    EXPECT_EQ(2, advices.getCalls()) << "the system is asked once a look-up";
+}
+
+TYPED_TEST(AccountTest, aBufferOfOneByteGrowsUntilARealEntryFits) {
+    s_advice = 1;
+    EXPECT_EQ("root", TypeParam::id2name(0));
+    EXPECT_LT(1u, this->m_sizes.size());
+    this->m_sizes.clear();
+    EXPECT_EQ(0, TypeParam::name2id("root"));
+    EXPECT_LT(1u, this->m_sizes.size());
+}
+
+TYPED_TEST(AccountTest, aBufferThatCannotBeHadEndsTheLookUp) {
+    s_advice = -2; // As a size, more than there is.
+    EXPECT_EQ(TypeParam::BAD_NAME, TypeParam::id2name(0));
+    EXPECT_EQ(TypeParam::BAD_ID, TypeParam::name2id("root"));
+    EXPECT_TRUE(this->m_sizes.empty());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(AccountTest, anEntryThatNeverFitsEndsWithTheMemory) {
+    ChildEnd const end = runInChild([this] {
+        s_advice = 1 << 20;
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+        rlimit const limit = {1 << 30, 1 << 30};
+        ASSERT_EQ(0, setrlimit(RLIMIT_AS, &limit));
+#endif
+        Fault const by_id(this->m_by_id, ERANGE, 1, Fault::FOREVER);
+        Fault const by_name(this->m_by_name, ERANGE, 1, Fault::FOREVER);
+        EXPECT_EQ(TypeParam::BAD_NAME, TypeParam::id2name(0));
+        EXPECT_EQ(TypeParam::BAD_ID, TypeParam::name2id("root"));
+        EXPECT_EQ(by_id.getCalls(), by_name.getCalls());
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+}
+
+/// The number of a failed look-up.
+template <typename Account>
+class AccountFailures : public AccountTest<Account>, public testing::WithParamInterface<int> {
+protected:
+    void expectNothingFound() const {
+        Fault const by_id(this->m_by_id, GetParam());
+        EXPECT_EQ(Account::BAD_NAME, Account::id2name(0));
+        EXPECT_EQ(1, by_id.getCalls()) << "nothing is repeated";
+        Fault const by_name(this->m_by_name, GetParam());
+        EXPECT_EQ(Account::BAD_ID, Account::name2id("root"));
+        EXPECT_EQ(1, by_name.getCalls());
+        EXPECT_TRUE(chainIs({}));
+    }
+};
+
+auto const FAILURES = testing::Values(ENOENT, ESRCH, EBADF, EPERM, EINTR, EIO, EMFILE, ENFILE, ENOMEM);
+
+class UserFailures : public AccountFailures<User> {};
+TEST_P(UserFailures, areTheSameAsNoEntryAndReportNothing) {
+    expectNothingFound();
+}
+INSTANTIATE_TEST_SUITE_P(Table, UserFailures, FAILURES);
+
+class GroupFailures : public AccountFailures<Group> {};
+TEST_P(GroupFailures, areTheSameAsNoEntryAndReportNothing) {
+    expectNothingFound();
+}
+INSTANTIATE_TEST_SUITE_P(Table, GroupFailures, FAILURES);
+
+TYPED_TEST(AccountTest, lookUpsOfManyThreadsDoNotDisturbEachOther) {
+    s_sizes = nullptr;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            int wrong = 0;
+            for (int round = 0; round < 50; ++round) {
+                wrong += TypeParam::id2name(0) == "root" ? 0 : 1;
+                wrong += TypeParam::name2id("root") == 0 ? 0 : 1;
+                wrong += TypeParam::name2id(NOBODYS_NAME) == -1 ? 0 : 1;
+            }
+            EXPECT_EQ(0, wrong);
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+// ---- Objects ----
+
+TYPED_TEST(AccountTest, anObjectWithAnIdLooksItsNameUpOnce) {
+    typename TestFixture::Entry const entry("root", 0);
+    Fault const calls(this->m_by_id, 0);
+    TypeParam const object(0LL);
+    EXPECT_TRUE(object.isIdKnown());
+    EXPECT_FALSE(object.isNameKnown());
+    EXPECT_EQ(0, object.getId());
+    EXPECT_EQ(TypeParam::BAD_NAME, object.getKnownName());
+    EXPECT_EQ(0, calls.getCalls());
+    EXPECT_EQ("root", object.getName());
+    EXPECT_TRUE(object.isNameKnown());
+    EXPECT_EQ("root", object.getName());
+    EXPECT_EQ("root", object.getKnownName());
+    EXPECT_EQ(1, calls.getCalls());
+}
+
+TYPED_TEST(AccountTest, anObjectWithANameLooksItsIdUpOnce) {
+    typename TestFixture::Entry const entry("root", 0);
+    Fault const calls(this->m_by_name, 0);
+    TypeParam const object(std::string("root"));
+    EXPECT_FALSE(object.isIdKnown());
+    EXPECT_TRUE(object.isNameKnown());
+    EXPECT_EQ("root", object.getName());
+    EXPECT_EQ(TypeParam::BAD_ID, object.getKnownId());
+    EXPECT_EQ(0, calls.getCalls());
+    EXPECT_EQ(0, object.getId());
+    EXPECT_TRUE(object.isIdKnown());
+    EXPECT_EQ(0, object.getId());
+    EXPECT_EQ(0, object.getKnownId());
+    EXPECT_EQ(1, calls.getCalls());
+}
+
+TYPED_TEST(AccountTest, whatIsNotFoundIsKnownAsSuch) {
+    Fault const by_name(this->m_by_name, 0);
+    TypeParam const without_id{std::string(NOBODYS_NAME)};
+    EXPECT_EQ(TypeParam::BAD_ID, without_id.getId());
+    int const asked_by_name = by_name.getCalls();
+    EXPECT_EQ(TypeParam::BAD_ID, without_id.getId());
+    EXPECT_TRUE(without_id.isIdKnown());
+    EXPECT_EQ(asked_by_name, by_name.getCalls());
+
+    Fault const by_id(this->m_by_id, 0);
+    TypeParam const without_name(NOBODYS_ID);
+    EXPECT_EQ(TypeParam::BAD_NAME, without_name.getName());
+    int const asked_by_id = by_id.getCalls();
+    EXPECT_EQ(TypeParam::BAD_NAME, without_name.getName());
+    EXPECT_TRUE(without_name.isNameKnown());
+    EXPECT_EQ(asked_by_id, by_id.getCalls());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(AccountTest, aCopyKeepsWhatIsKnown) {
+    TypeParam const original(0LL);
+    EXPECT_EQ("root", original.getName());
+    typename TestFixture::Entry const entry("root", 0);
+    Fault const calls(this->m_by_id, 0);
+    TypeParam const copy(original);
+    EXPECT_EQ("root", copy.getName());
+    EXPECT_EQ(0, calls.getCalls());
+}
+
+TYPED_TEST(AccountTest, theConstantsServeGlobalObjects) {
+    EXPECT_EQ("early", Traits<TypeParam>::s_early_name);
+    EXPECT_EQ("", Traits<TypeParam>::s_early.getName());
+    EXPECT_TRUE(TypeParam::BAD_NAME.empty());
+}
+
+} // namespace
