@@ -11,6 +11,7 @@
 
 namespace vesk {
 
+class BinTempFileRW;
 class Directory;
 class Pipe;
 
@@ -106,6 +107,13 @@ public:
     /// object closed, with success.
     /// @return true on failure: what `close` reported, the pipe being untouched
     bool open(Pipe& pipe, bool write_end);
+
+    /// Takes over a temporary file, after closing the file that is open. The file stays on the disk from then on, for its new
+    /// owner to remove. One that is not there any more leaves the object closed, with success.
+    /// @param keep_path  whether `getTempPath` shall tell its path. Throws `std::logic_error` if the locale, having changed,
+    ///                   cannot express it; the file is then not taken over
+    /// @return true on failure: what `close` reported, the temporary file being untouched
+    bool open(BinTempFileRW& temp, bool keep_path);
 
     /// Opens an entry of a directory (`openat`, repeated while a signal interrupts it), whatever became of the
     /// directory's own path. Use it on a closed object: it does not close, a descriptor that is open gets lost.

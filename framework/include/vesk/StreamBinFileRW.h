@@ -45,6 +45,10 @@ public:
     bool
     open(UnicodeString const& path, ReadWriteFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
 
+    /// Takes over a temporary file, which is read and written in blocking mode, see `BinFileBase::open`. What becomes of
+    /// the file before, and the reports, are those of `open`.
+    bool open(BinTempFileRW& temp, bool keep_path);
+
     /// The same for an entry of a directory, see `BinFileBase::openAt`. Only for a closed object.
     bool openAt(
         Directory const& dir, char const* name, bool follow, ReadWriteFlags const& flags,

@@ -3,6 +3,7 @@
 #include "ErrnoTable.h"
 #include "SystemErrorText.h"
 
+#include <vesk/BinTempFileRW.h>
 #include <vesk/Directory.h>
 #include <vesk/FileAccessError.h>
 #include <vesk/Pipe.h>
@@ -148,6 +149,22 @@ bool BinFileBase::open(Pipe& pipe, bool write_end) {
         m_fd = fd;
         m_flags = write_end ? WRITE : READ;
     }
+    return false;
+}
+
+bool BinFileBase::open(BinTempFileRW& temp, bool keep_path) {
+    m_had_error = false;
+    if (isValid() && close()) {
+        return true;
+    }
+    if (temp.isValid()) {
+        if (keep_path) {
+            std::string path = temp.getPath();
+            m_temp_path.swap(path);
+        }
+        m_fd = temp.takeDescriptor();
+    }
+    m_flags = READ_WRITE;
     return false;
 }
 

@@ -55,6 +55,10 @@ bool StreamBinFileRW::open(UnicodeString const& path, ReadWriteFlags const& flag
     return open(path.c_str(), flags, access);
 }
 
+bool StreamBinFileRW::open(BinTempFileRW& temp, bool keep_path) {
+    return openBy([&] { return BinFileBase::open(temp, keep_path); });
+}
+
 bool StreamBinFileRW::openAt(
     Directory const& dir, char const* name, bool follow, ReadWriteFlags const& flags,
     FileAccess const& access) {

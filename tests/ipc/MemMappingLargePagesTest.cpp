@@ -1,0 +1,59 @@
+#include "support/Chain.h"
+#include "support/TempFolder.h"
+
+#include <tarncommon/error/CommonError.h>
+#include <vesk/MemMapping.h>
+#include <vesk/Vesk.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+
+/// A system whose pages are those of the other kernels for the target's processors. Each of them is a whole number of
+/// this system's pages, so what the library then maps can be mapped here.
+extern "C" long __sysconf(int name);
+extern "C" __attribute__((no_sanitize("thread", "address"))) long sysconf(int name) {
+    return name == _SC_PAGESIZE ? 65536 : __sysconf(name);
+}
+
+namespace {
+
+using support::chainIs;
+using vesk::MemMapping;
+
+class MemMappingLargePages : public testing::Test {
+protected:
+    MemMappingLargePages() : m_path(m_folder.makeFile("object", std::string(131072, 'a'))) {
+        m_fd = open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+    }
+    ~MemMappingLargePages() override { close(m_fd); }
+
+    support::TempFolder m_folder;
+    std::string m_path;
+    int m_fd;
+};
+
+TEST_F(MemMappingLargePages, ringIsOfWholePagesOfTheSystem) {
+    ASSERT_EQ(65536U, vesk::Vesk::s_sys_info.page_size);
+    for (unsigned int const length : {65536U, 131072U}) {
+        MemMapping ring(m_fd, MemMapping::READ | MemMapping::WRITE, length, 0, nullptr, true);
+        ASSERT_TRUE(ring.isValid());
+        auto* const bytes = static_cast<char*>(ring.getAddress());
+        bytes[length - 1] = 'X';
+        EXPECT_EQ('X', bytes[2 * length - 1]);
+        EXPECT_EQ(2 * length, ring.getSize());
+        EXPECT_FALSE(ring.destroy());
+    }
+}
+
+TEST_F(MemMappingLargePages, ringOfSmallerPagesIsRefused) {
+    for (unsigned int const length : {4096U, 16384U, 65536U + 4096U, 98304U}) {
+        MemMapping const ring(m_fd, MemMapping::READ, length, 0, nullptr, true);
+        EXPECT_FALSE(ring.isValid());
+        EXPECT_TRUE(chainIs({{std::CommonError, 1}})) << length;
+    }
+}
+
+} // namespace

@@ -1,0 +1,524 @@
+#include "support/Chain.h"
+#include "support/Child.h"
+#include "support/MapCalls.h"
+#include "support/Processes.h"
+#include "support/TempFolder.h"
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
+#include <vesk/MemMapping.h>
+#include <vesk/SysError.h>
+#include <vesk/Vesk.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fcntl.h>
+#include <ostream>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <unistd.h>
+
+namespace {
+
+using std::CommonError;
+using support::accessAt;
+using support::chainIs;
+using support::contentOf;
+using support::Fault;
+using support::MapCalls;
+using support::mappedBytes;
+using support::rowText;
+using support::systemText;
+using support::TempFolder;
+using vesk::MemMapping;
+using vesk::SysError;
+using vesk::Vesk;
+
+using MemAccessFlags = MemMapping::MemAccessFlags;
+
+static_assert(!std::is_polymorphic_v<MemMapping> && std::is_trivially_copyable_v<MemMapping>);
+static_assert(std::is_trivially_destructible_v<MemMapping>);
+static_assert(
+    sizeof(MemMapping) == (sizeof(void*) + 3 * 4 + sizeof(void*) - 1) / sizeof(void*) * sizeof(void*));
+static_assert(MemMapping::READ == 1 && MemMapping::WRITE == 2 && MemMapping::EXECUTE == 4);
+
+void* const ALL_ONES = reinterpret_cast<void*>(UINTPTR_MAX);
+constexpr auto READ_WRITE = MemMapping::READ | MemMapping::WRITE;
+constexpr bool HAS_LARGE_ADDRESS_SPACE = sizeof(void*) == 8;
+
+testing::AssertionResult failureIs(int error, int id) {
+    return chainIs({{SysError, id, rowText(SysError, id, systemText(error))}});
+}
+
+char* bytesOf(MemMapping const& mapping) {
+    return static_cast<char*>(mapping.getAddress());
+}
+
+/// A file of eight pages, each full of its letter.
+class MemMappingTest : public testing::Test {
+protected:
+    MemMappingTest() : m_page(Vesk::s_sys_info.page_size) {
+        std::string content;
+        for (char letter = 'a'; letter < 'i'; ++letter) {
+            content.append(m_page, letter);
+        }
+        m_path = m_folder.makeFile("object", content);
+        m_fd = open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+    }
+    ~MemMappingTest() override {
+        EXPECT_EQ(0U, mappedBytes(m_path)) << "the test left a mapping";
+        close(m_fd);
+    }
+
+    MemMapping makeRing(unsigned int length, unsigned int offset = 0, void* address = nullptr) {
+        MemMapping const ring(m_fd, READ_WRITE, length, offset, address, true);
+        EXPECT_TRUE(ring.isValid());
+        return ring;
+    }
+
+    unsigned int m_page;
+    TempFolder m_folder;
+    std::string m_path;
+    int m_fd;
+};
+
+// ---- the plain form ----
+
+TEST_F(MemMappingTest, showsTheBytesOfTheObjectAndTakesNewOnes) {
+    MemMapping mapping(m_fd, READ_WRITE, 2 * m_page, 0, nullptr, false);
+    ASSERT_TRUE(mapping.isValid());
+    EXPECT_EQ('a', bytesOf(mapping)[0]);
+    EXPECT_EQ('b', bytesOf(mapping)[2 * m_page - 1]);
+    EXPECT_EQ("rw-s", accessAt(mapping.getAddress()));
+    bytesOf(mapping)[1] = 'X';
+    EXPECT_FALSE(mapping.destroy());
+    EXPECT_EQ("aXa", contentOf(m_path).substr(0, 3));
+}
+
+TEST_F(MemMappingTest, tellsWhatItWasMadeOf) {
+    MemMapping mapping(m_fd, MemMapping::READ, 100, m_page, nullptr, false);
+    EXPECT_EQ(m_page, mapping.getOffset());
+    EXPECT_EQ(100U, mapping.getSize());
+    EXPECT_TRUE(MemAccessFlags(MemMapping::READ) == mapping.getFlags());
+    EXPECT_EQ('b', bytesOf(mapping)[0]);
+    EXPECT_EQ(m_page, mappedBytes(m_path));
+    void* first_field = nullptr;
+    memcpy(&first_field, static_cast<void const*>(&mapping), sizeof first_field);
+    EXPECT_EQ(mapping.getAddress(), first_field);
+    EXPECT_FALSE(mapping.destroy());
+}
+
+TEST_F(MemMappingTest, isSeenByAnotherMappingAndByAnotherProcess) {
+    MemMapping first(m_fd, READ_WRITE, m_page);
+    MemMapping second(m_fd, MemMapping::READ, m_page);
+    ASSERT_TRUE(first.isValid() && second.isValid());
+    EXPECT_NE(first.getAddress(), second.getAddress());
+    bytesOf(first)[7] = '1';
+    EXPECT_EQ('1', bytesOf(second)[7]);
+    support::Process child([&] { bytesOf(first)[7] = '2'; });
+    EXPECT_EQ(0, child.join());
+    EXPECT_EQ('2', bytesOf(second)[7]);
+    EXPECT_FALSE(first.destroy());
+    EXPECT_FALSE(second.destroy());
+}
+
+TEST_F(MemMappingTest, outlivesItsDescriptor) {
+    int const fd = dup(m_fd);
+    MemMapping mapping(fd, MemMapping::READ, m_page);
+    close(fd);
+    EXPECT_EQ('a', bytesOf(mapping)[0]);
+    EXPECT_FALSE(mapping.destroy());
+}
+
+TEST_F(MemMappingTest, copyIsAnotherNameOfTheSameMapping) {
+    MemMapping mapping(m_fd, MemMapping::READ, m_page);
+    MemMapping const copy = mapping;
+    EXPECT_EQ(mapping.getAddress(), copy.getAddress());
+    EXPECT_EQ(m_page, mappedBytes(m_path));
+    EXPECT_FALSE(mapping.destroy());
+    EXPECT_TRUE(copy.isValid()) << "it does not know";
+    EXPECT_EQ("", accessAt(copy.getAddress()));
+}
+
+struct FlagRow {
+    unsigned int word;
+    int protection;
+};
+
+void PrintTo(FlagRow const& row, std::ostream* out) {
+    *out << "0x" << std::hex << row.word << std::dec;
+}
+
+class MemMappingFlags : public testing::TestWithParam<FlagRow> {};
+
+TEST_P(MemMappingFlags, arePassedOnBitByBit) {
+    Fault const fault(inject_mmap, ENOMEM);
+    MapCalls const calls;
+    auto* const hint = reinterpret_cast<void*>(uintptr_t{0x10000000});
+    MemMapping const mapping(77, MemAccessFlags(GetParam().word), 12345, 0x80001000, hint, false);
+    EXPECT_TRUE(failureIs(ENOMEM, 1));
+    ASSERT_EQ(1U, calls.get().size());
+    EXPECT_EQ(hint, calls.get()[0].address);
+    EXPECT_EQ(12345U, calls.get()[0].length);
+    EXPECT_EQ(GetParam().protection, calls.get()[0].protection);
+    EXPECT_EQ(MAP_SHARED, calls.get()[0].flags);
+    EXPECT_EQ(77, calls.get()[0].fd);
+    EXPECT_EQ(static_cast<off_t>(0x80001000), calls.get()[0].offset);
+    EXPECT_EQ(GetParam().word, mapping.getFlags().getWord()) << "the word is kept as it came";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, MemMappingFlags,
+    testing::Values(
+        FlagRow{0, PROT_NONE}, FlagRow{1, PROT_READ}, FlagRow{2, PROT_WRITE},
+        FlagRow{3, PROT_READ | PROT_WRITE}, FlagRow{4, PROT_EXEC},
+        FlagRow{7, PROT_READ | PROT_WRITE | PROT_EXEC}, FlagRow{0xFFFFFFF8, PROT_NONE},
+        FlagRow{0xFFFFFFF9, PROT_READ}));
+
+TEST_F(MemMappingTest, withoutAnyFlagTheRangeIsTakenAndUntouchable) {
+    MemMapping mapping(m_fd, MemAccessFlags(), m_page);
+    ASSERT_TRUE(mapping.isValid());
+    EXPECT_EQ("---s", accessAt(mapping.getAddress()));
+    EXPECT_FALSE(mapping.destroy());
+}
+
+TEST_F(MemMappingTest, whatTheSystemRefusesFailsAsItSays) {
+    struct {
+        char const* what;
+        int fd;
+        MemAccessFlags flags;
+        unsigned int length;
+        unsigned int offset;
+        int error;
+        int id;
+    } const rows[] = {
+        {"length 0", m_fd, MemMapping::READ, 0, 0, EINVAL, 8},
+        {"offset within a page", m_fd, MemMapping::READ, m_page, 1, EINVAL, 8},
+        {"closed", -1, MemMapping::READ, m_page, 0, EBADF, 10},
+    };
+    for (auto const& row : rows) {
+        MemMapping const mapping(row.fd, row.flags, row.length, row.offset);
+        EXPECT_FALSE(mapping.isValid()) << row.what;
+        EXPECT_EQ(ALL_ONES, mapping.getAddress()) << row.what;
+        EXPECT_TRUE(failureIs(row.error, row.id)) << row.what;
+    }
+    int const reader = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+    MemMapping const writes(reader, MemMapping::WRITE, m_page);
+    EXPECT_TRUE(failureIs(EACCES, 7));
+    EXPECT_EQ(ALL_ONES, writes.getAddress());
+    close(reader);
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    MemMapping const no_memory(ends[0], MemMapping::READ, m_page);
+    EXPECT_TRUE(failureIs(ENODEV, 6));
+    EXPECT_EQ(ALL_ONES, no_memory.getAddress());
+    close(ends[0]);
+    close(ends[1]);
+}
+
+// ---- failures of mmap ----
+
+enum class Step { PLAIN, SECOND_HALF, FIRST_HALF };
+
+struct MapRow {
+    int error;
+    int id;
+};
+
+using MapCase = std::tuple<Step, MapRow>;
+
+class MemMappingFailure : public MemMappingTest, public testing::WithParamInterface<MapCase> {
+public:
+    static std::string nameOf(testing::TestParamInfo<MapCase> const& info) {
+        static char const* const steps[] = {"plain", "secondHalf", "firstHalf"};
+        return std::string(steps[static_cast<int>(std::get<0>(info.param))]) + "_" +
+            strerrorname_np(std::get<1>(info.param).error);
+    }
+};
+
+TEST_P(MemMappingFailure, isReportedAndLeavesAllOnes) {
+    auto const [step, row] = GetParam();
+    bool const ring = step != Step::PLAIN;
+    MapCalls const calls;
+    Fault const fault(inject_mmap, row.error, static_cast<int>(step) + 1);
+    MemMapping mapping(m_fd, READ_WRITE, m_page, 0, nullptr, ring);
+    EXPECT_TRUE(failureIs(row.error, row.id));
+    EXPECT_EQ(static_cast<int>(step) + 1, fault.getCalls()) << "nothing comes behind a failure";
+    EXPECT_EQ(ALL_ONES, mapping.getAddress());
+    EXPECT_FALSE(mapping.isValid());
+    EXPECT_EQ(ring ? 2 * m_page : m_page, mapping.getSize());
+    EXPECT_FALSE(mapping.destroy());
+    if (ring) {
+        void* const base = calls.get()[0].result;
+        EXPECT_EQ("---p", accessAt(base)) << "the range stays taken";
+        EXPECT_EQ(step == Step::SECOND_HALF ? "---p" : "rw-s", accessAt(static_cast<char*>(base) + m_page));
+        EXPECT_EQ(0, munmap(base, size_t{2} * m_page));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, MemMappingFailure,
+    testing::Combine(
+        testing::Values(Step::PLAIN, Step::SECOND_HALF, Step::FIRST_HALF),
+        testing::Values(
+            MapRow{ENXIO, 10}, MapRow{EBADF, 10}, MapRow{ENOTSUP, 10}, MapRow{EAGAIN, 1}, MapRow{ENOMEM, 1},
+            MapRow{EACCES, 7}, MapRow{ENODEV, 6}, MapRow{EINVAL, 8}, MapRow{EOVERFLOW, 8}, MapRow{EMFILE, 0},
+            MapRow{EPERM, 19}, MapRow{EINTR, 19}, MapRow{ENFILE, 19})),
+    MemMappingFailure::nameOf);
+
+class MemMappingReservation : public MemMappingTest, public testing::WithParamInterface<int> {};
+
+TEST_P(MemMappingReservation, failureIsAlwaysTheSameRow) {
+    Fault const fault(inject_mmap, GetParam());
+    MemMapping mapping(m_fd, READ_WRITE, m_page, 0, nullptr, true);
+    EXPECT_TRUE(failureIs(GetParam(), 6));
+    EXPECT_EQ(1, fault.getCalls());
+    EXPECT_EQ(ALL_ONES, mapping.getAddress());
+    EXPECT_FALSE(mapping.destroy());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    errors, MemMappingReservation, testing::Values(ENOMEM, EAGAIN, EINVAL, EBADF, EPERM));
+
+// ---- the ring buffer ----
+
+TEST_F(MemMappingTest, ringShowsTheSamePagesTwice) {
+    MemMapping ring = makeRing(2 * m_page);
+    unsigned int const length = 2 * m_page;
+    char* const bytes = bytesOf(ring);
+    EXPECT_EQ(2 * length, ring.getSize());
+    bytes[0] = '0';
+    EXPECT_EQ('0', bytes[length]) << "written at 0, read at n";
+    bytes[2 * length - 1] = '1';
+    EXPECT_EQ('1', bytes[length - 1]);
+    memcpy(bytes + length - 3, "across", 6);
+    EXPECT_EQ("acr", std::string(bytes + 2 * length - 3, 3));
+    EXPECT_EQ("oss", std::string(bytes, 3));
+    EXPECT_EQ("across", std::string(bytes + length - 3, 6));
+    EXPECT_EQ(size_t{2} * length, mappedBytes(m_path));
+    EXPECT_FALSE(ring.destroy());
+    EXPECT_EQ(nullptr, ring.getAddress());
+    EXPECT_EQ(0U, mappedBytes(m_path)) << "both halves";
+    std::string const content = contentOf(m_path);
+    EXPECT_EQ("oss", content.substr(0, 3));
+    EXPECT_EQ("acr", content.substr(length - 3, 3));
+}
+
+TEST_F(MemMappingTest, ringBeginsAtItsOffset) {
+    MemMapping ring = makeRing(m_page, 3 * m_page);
+    EXPECT_EQ('d', bytesOf(ring)[0]);
+    EXPECT_EQ('d', bytesOf(ring)[m_page]);
+    EXPECT_EQ(3 * m_page, ring.getOffset());
+    EXPECT_FALSE(ring.destroy());
+}
+
+TEST_F(MemMappingTest, ringReservesItsRangeAndMapsTheSecondHalfFirst) {
+    MapCalls const calls;
+    MemMapping ring(m_fd, MemMapping::READ, 2 * m_page, m_page, nullptr, true);
+    ASSERT_EQ(3U, calls.get().size());
+    unsigned int const length = 2 * m_page;
+    auto const reserve = calls.get()[0];
+    EXPECT_EQ(size_t{2} * length, reserve.length);
+    EXPECT_EQ(PROT_NONE, reserve.protection);
+    EXPECT_EQ(MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, reserve.flags);
+    EXPECT_EQ(-1, reserve.fd);
+    EXPECT_EQ(0, reserve.offset);
+    for (int const half : {1, 2}) {
+        auto const call = calls.get()[static_cast<size_t>(half)];
+        EXPECT_EQ(static_cast<char*>(reserve.result) + (half == 1 ? length : 0), call.address);
+        EXPECT_EQ(length, call.length);
+        EXPECT_EQ(PROT_READ, call.protection);
+        EXPECT_EQ(MAP_SHARED | MAP_FIXED, call.flags);
+        EXPECT_EQ(m_fd, call.fd);
+        EXPECT_EQ(m_page, call.offset);
+    }
+    EXPECT_EQ(reserve.result, ring.getAddress());
+    EXPECT_FALSE(ring.destroy());
+}
+
+TEST_F(MemMappingTest, ringOfPartsOfPagesIsRefusedWithoutACall) {
+    Fault const calls(inject_mmap, 0);
+    for (unsigned int const length : {1U, m_page - 1, m_page + 1, 2 * m_page + m_page / 2, UINT32_MAX}) {
+        MemMapping mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
+        EXPECT_TRUE(chainIs(
+            {{CommonError, 1,
+              rowText(
+                  CommonError, 1, "requested ringbuffer but size is not a multiple of system page size")}}))
+            << length;
+        EXPECT_EQ(ALL_ONES, mapping.getAddress()) << length;
+        EXPECT_EQ(length, mapping.getSize());
+        EXPECT_FALSE(mapping.destroy());
+    }
+    EXPECT_EQ(0, calls.getCalls());
+}
+
+TEST_F(MemMappingTest, ringOfNothingHasNoRange) {
+    MemMapping const mapping(m_fd, READ_WRITE, 0, 0, nullptr, true);
+    EXPECT_TRUE(failureIs(EINVAL, 6));
+    EXPECT_EQ(ALL_ONES, mapping.getAddress());
+}
+
+TEST_F(MemMappingTest, ringWhoseSizeIsBeyond32BitsHasNoRange) {
+    Fault const calls(inject_mmap, 0);
+    for (unsigned int const length : {0x80000000U, 0x80000000U + m_page, 0U - m_page}) {
+        MemMapping const mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
+        EXPECT_TRUE(failureIs(ENOMEM, 6));
+        EXPECT_EQ(ALL_ONES, mapping.getAddress());
+    }
+    EXPECT_EQ(0, calls.getCalls()) << "what it does not reserve it does not map over";
+}
+
+TEST_F(MemMappingTest, largestRingIsMappedAndTakenDownWhole) {
+    unsigned int const length = 0x80000000U - m_page;
+    MemMapping ring(m_fd, READ_WRITE, length, 0, nullptr, true);
+    if (!HAS_LARGE_ADDRESS_SPACE) {
+        EXPECT_TRUE(failureIs(ENOMEM, 6));
+        return;
+    }
+    ASSERT_TRUE(ring.isValid());
+    EXPECT_EQ(2 * length, ring.getSize());
+    bytesOf(ring)[0] = 'X';
+    EXPECT_EQ('X', bytesOf(ring)[length]);
+    EXPECT_FALSE(ring.destroy());
+    EXPECT_EQ(0U, mappedBytes(m_path));
+}
+
+TEST_F(MemMappingTest, ringOverlapsNothingThatWasThere) {
+    auto const before = support::mappedRanges();
+    ASSERT_LT(10U, before.size());
+    MemMapping rings[] = {makeRing(m_page), makeRing(4 * m_page), makeRing(8 * m_page)};
+    for (MemMapping& ring : rings) {
+        auto const begin = reinterpret_cast<uintptr_t>(ring.getAddress());
+        for (support::Range const& range : before) {
+            EXPECT_TRUE(begin + ring.getSize() <= range.begin || range.end <= begin) << range.path;
+        }
+        for (MemMapping const& other : rings) {
+            auto const other_begin = reinterpret_cast<uintptr_t>(other.getAddress());
+            EXPECT_TRUE(
+                &ring == &other || begin + ring.getSize() <= other_begin ||
+                other_begin + other.getSize() <= begin);
+        }
+    }
+    for (MemMapping& ring : rings) {
+        EXPECT_FALSE(ring.destroy());
+    }
+}
+
+TEST_F(MemMappingTest, addressThatIsTakenIsNotMappedOver) {
+    MemMapping there(m_fd, READ_WRITE, m_page);
+    bytesOf(there)[0] = '!';
+    MemMapping ring = makeRing(m_page, 4 * m_page, there.getAddress());
+    MemMapping plain(m_fd, MemMapping::READ, m_page, 5 * m_page, there.getAddress());
+    EXPECT_NE(there.getAddress(), ring.getAddress());
+    EXPECT_NE(there.getAddress(), plain.getAddress());
+    EXPECT_EQ('!', bytesOf(there)[0]);
+    EXPECT_EQ('e', bytesOf(ring)[0]);
+    EXPECT_EQ('f', bytesOf(plain)[0]);
+    EXPECT_FALSE(plain.destroy());
+    EXPECT_FALSE(ring.destroy());
+    EXPECT_FALSE(there.destroy());
+}
+
+TEST_F(MemMappingTest, addressThatIsFreeIsTaken) {
+    void* const free_range = mmap(nullptr, size_t{4} * m_page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_EQ(0, munmap(free_range, size_t{4} * m_page));
+    MemMapping ring = makeRing(2 * m_page, 0, free_range);
+    EXPECT_EQ(free_range, ring.getAddress());
+    EXPECT_FALSE(ring.destroy());
+}
+
+// ---- destroy ----
+
+TEST_F(MemMappingTest, destroyOfAFailedMappingDoesNothing) {
+    MemMapping mapping(-1, MemMapping::READ, m_page);
+    std::ErrorStorage::ack();
+    Fault const calls(inject_munmap, 0);
+    EXPECT_FALSE(mapping.destroy());
+    EXPECT_FALSE(mapping.destroy());
+    EXPECT_EQ(0, calls.getCalls());
+    EXPECT_EQ(ALL_ONES, mapping.getAddress()) << "it is told apart from a destroyed one";
+}
+
+TEST_F(MemMappingTest, secondDestroyUnmapsAtAddressZero) {
+    MemMapping mapping(m_fd, MemMapping::READ, 2 * m_page);
+    EXPECT_FALSE(mapping.destroy());
+    EXPECT_EQ(nullptr, mapping.getAddress());
+    EXPECT_FALSE(mapping.isValid());
+    EXPECT_EQ(2 * m_page, mapping.getSize());
+    MapCalls const calls;
+    Fault const fault(inject_munmap, EINVAL);
+    EXPECT_TRUE(mapping.destroy());
+    EXPECT_TRUE(failureIs(EINVAL, 10));
+    ASSERT_EQ(1U, calls.get().size());
+    EXPECT_EQ(nullptr, calls.get()[0].address);
+    EXPECT_EQ(size_t{2} * m_page, calls.get()[0].length);
+}
+
+class MemMappingDestroy : public MemMappingTest, public testing::WithParamInterface<int> {};
+
+TEST_P(MemMappingDestroy, failureLeavesTheMappingAsItIs) {
+    MemMapping mapping(m_fd, MemMapping::READ, m_page);
+    void* const address = mapping.getAddress();
+    {
+        Fault const fault(inject_munmap, GetParam());
+        EXPECT_TRUE(mapping.destroy());
+        EXPECT_EQ(1, fault.getCalls());
+    }
+    EXPECT_TRUE(failureIs(GetParam(), 10));
+    EXPECT_EQ(address, mapping.getAddress());
+    EXPECT_EQ("r--s", accessAt(address));
+    EXPECT_FALSE(mapping.destroy()) << "it can be tried again";
+    EXPECT_EQ("", accessAt(address));
+}
+
+INSTANTIATE_TEST_SUITE_P(errors, MemMappingDestroy, testing::Values(EINVAL, ENOMEM, EINTR));
+
+// ---- sync ----
+
+TEST_F(MemMappingTest, syncTakesALengthAndThenAnOffset) {
+    MemMapping mapping(m_fd, READ_WRITE, 4 * m_page);
+    bytesOf(mapping)[3 * m_page] = 'X';
+    EXPECT_FALSE(mapping.sync(4 * m_page, 0));
+    EXPECT_FALSE(mapping.sync(m_page, 3 * m_page));
+    EXPECT_FALSE(mapping.sync(1, 2 * m_page));
+    EXPECT_TRUE(mapping.sync(m_page, 1)) << "within a page";
+    EXPECT_TRUE(failureIs(EINVAL, 8));
+    EXPECT_FALSE(mapping.destroy());
+}
+
+TEST_F(MemMappingTest, syncOfARangeThatIsNotMappedFails) {
+    MemMapping mapping(m_fd, READ_WRITE, 2 * m_page);
+    EXPECT_EQ(0, munmap(bytesOf(mapping) + m_page, m_page));
+    EXPECT_TRUE(mapping.sync(m_page, m_page));
+    EXPECT_TRUE(failureIs(ENOMEM, 8));
+    EXPECT_FALSE(mapping.destroy());
+    EXPECT_TRUE(mapping.sync(m_page, 0)) << "of a destroyed mapping";
+    EXPECT_TRUE(failureIs(ENOMEM, 8));
+    MemMapping failed(-1, MemMapping::READ, m_page);
+    std::ErrorStorage::ack();
+    EXPECT_TRUE(failed.sync(m_page, 0));
+    EXPECT_TRUE(failureIs(EINVAL, 8));
+}
+
+class MemMappingSync : public MemMappingTest, public testing::WithParamInterface<MapRow> {};
+
+TEST_P(MemMappingSync, failureIsReported) {
+    MemMapping mapping(m_fd, READ_WRITE, m_page);
+    {
+        Fault const fault(inject_msync, GetParam().error);
+        EXPECT_TRUE(mapping.sync(m_page, 0));
+        EXPECT_EQ(1, fault.getCalls());
+    }
+    EXPECT_TRUE(failureIs(GetParam().error, GetParam().id));
+    EXPECT_FALSE(mapping.sync(m_page, 0));
+    EXPECT_FALSE(mapping.destroy());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, MemMappingSync,
+    testing::Values(
+        MapRow{EBUSY, 10}, MapRow{EINVAL, 8}, MapRow{ENOMEM, 8}, MapRow{EIO, 19}, MapRow{EINTR, 19}));
+
+} // namespace
