@@ -24,6 +24,7 @@ void threads();
 void events();
 void timers();
 void files();
+void ipc();
 void processes();
 void errors();
 

@@ -11,6 +11,7 @@ int main() {
     tour::events();
     tour::timers();
     tour::files();
+    tour::ipc();
     tour::processes();
     tour::errors();
     printf("\nThe tour %s.\n", tour::hasFailed() ? "FAILED" : "is complete");
