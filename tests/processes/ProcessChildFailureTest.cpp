@@ -5,6 +5,7 @@
 #include "support/NewFault.h"
 
 #include <vesk/SysError.h>
+#include <vesk/Vesk.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorApi.h>
@@ -304,6 +305,13 @@ TEST_F(ProcessChildFailure, aPlainChildCallsNothingButWhatItNeeds) {
         "execv " +
             program + " " + program + "\n",
         recordCalls([](ProcessTNG&) {}));
+}
+
+TEST_F(ProcessChildFailure, processorsThatTheMachineDoesNotHaveStayOutOfTheMask) {
+    std::string const calls =
+        recordCalls([](ProcessTNG& process) { process.setAffinity(std::vector<bool>(5000, true)); });
+    std::string const count = std::to_string(vesk::Vesk::s_sys_info.processor_count);
+    EXPECT_NE(std::string::npos, calls.find("\nsched_setaffinity 0 128 " + count + "\n")) << calls;
 }
 
 TEST_F(ProcessChildFailure, aChildWithEverythingCallsInThisOrder) {
