@@ -12,7 +12,7 @@ Outcome classify(Place place, ErrnoTable table, int error, char const* detail, C
         if (!row.errnos.has(error)) {
             continue;
         }
-        if (row.cause.telling == Telling::NAME_AND_LENGTH) {
+        if (row.cause.telling == Telling::NAME_AND_LENGTH && detail != nullptr) {
             report(place, chain, *row.cause.family, row.cause.id, detail, static_cast<int>(strlen(detail)));
         } else if (row.further != nullptr) {
             report(place, chain, *row.cause.family, row.cause.id, SystemErrorText(error).get(), row.further);

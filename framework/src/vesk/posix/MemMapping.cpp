@@ -139,7 +139,8 @@ bool MemMapping::destroy() {
 bool MemMapping::sync(unsigned int length, unsigned int from) {
     // As a number: a mapping that is not there has no bytes to point at.
     auto const begin = reinterpret_cast<uintptr_t>(address) + from;
-    if (msync(reinterpret_cast<void*>(begin), length, MS_SYNC) != 0) {
+    auto* const pointer = reinterpret_cast<void*>(begin); // NOLINT(performance-no-int-to-ptr)
+    if (msync(pointer, length, MS_SYNC) != 0) {
         classify(SOURCE, SYNC_ERRORS, errno);
         return true;
     }

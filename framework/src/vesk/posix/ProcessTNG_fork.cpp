@@ -164,6 +164,7 @@ void redirectOutput(Output const& output, Names const& for_file, Names const& fo
 void unblockSignals() {
     sigset_t all;
     sigfillset(&all);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread.
     if (sigprocmask(SIG_UNBLOCK, &all, nullptr) != 0) {
         GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "startChild", "after fork(): error unblocking signals");
