@@ -264,8 +264,13 @@ public:
         m_end = ends[1];
         close(begun[1]);
         char byte = 0;
-        EXPECT_EQ(0, read(begun[0], &byte, 1)); // Closed by exec.
+        EXPECT_EQ(
+            0, read(begun[0], &byte, 1)); // Closed by exec, a moment before the process has its command line.
         close(begun[0]);
+        std::string const path = "/proc/" + std::to_string(m_pid) + "/cmdline";
+        while (std::ifstream(path).peek() == std::ifstream::traits_type::eof()) {
+            sched_yield();
+        }
     }
     ~NamedProcess() {
         close(m_end);

@@ -110,6 +110,13 @@ constexpr bool WATCHES_CANCELLED_CALLS = false;
 constexpr bool WATCHES_CANCELLED_CALLS = true;
 #endif
 
+#if defined(__SANITIZE_ADDRESS__)
+/// The address sanitizer keeps its marks of the stack frames that a cancelled thread has left by unwinding.
+constexpr bool FORGETS_UNWOUND_FRAMES = false;
+#else
+constexpr bool FORGETS_UNWOUND_FRAMES = true;
+#endif
+
 /// A body that ends when it is cancelled.
 [[noreturn]] inline void waitForCancellation() {
     for (;;) {

@@ -340,6 +340,9 @@ struct LeftError {
 class ThreadLeftErrors : public testing::TestWithParam<LeftError> {};
 
 TEST_P(ThreadLeftErrors, areWrittenToStandardOutput) {
+    if (GetParam().body == replaceErrorWhenCancelled && !support::FORGETS_UNWOUND_FRAMES) {
+        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
+    }
     ChildEnd const end = support::runInChild([] {
         int const before = support::countThreads();
         Event ready;
