@@ -101,6 +101,9 @@ TEST_F(SharedMemoryBaseTest, mappingThatFailsIsNotKept) {
 }
 
 TEST_F(SharedMemoryBaseTest, ringWhoseHalfFailsIsNotKeptAndLeavesItsRange) {
+#if defined(__arm__)
+    GTEST_SKIP() << "QEMU's user mode lists ranges of its own in /proc/self/maps";
+#endif
     MapCalls const calls;
     Fault const fault(inject_mmap, ENOMEM, 3);
     EXPECT_FALSE(m_shm.addMapping(READ_WRITE, m_page, 0, nullptr, true).isValid());
