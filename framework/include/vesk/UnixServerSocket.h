@@ -46,6 +46,9 @@ protected:
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override;
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override;
     bool performFlush() override;
+
+private:
+    bool refuse(char const* text);
 };
 
 } // namespace vesk

@@ -15,26 +15,35 @@ namespace vesk {
 /// threads.
 class VESK_API UnixSocket : public UnixSocketBase {
 public:
-    /// A connection that a server has accepted. It owns the descriptor, and closes it when it is destroyed, until a
-    /// `UnixSocket` adopts it. May be handed to another thread.
-    class VESK_API Description : private tarnbase::NonCopyable {
+    /// An accepted connection that no socket has adopted yet. It closes its descriptor when it is destroyed, unless a
+    /// `UnixSocket` has been made from it. It moves, also to another thread; one that was moved from is empty.
+    ///
+    /// An empty one has `valid` false, `socket_fd` -1, addresses of zeros, an empty path and `FILESYSTEM`.
+    class VESK_API Description {
     public:
         /// An empty one.
-        Description() = default;
+        Description() noexcept = default;
+
         Description(Description&& other) noexcept;
+        /// Closes what it has had so far.
         Description& operator=(Description&& other) noexcept;
+
+        Description(Description const&) = delete;
+        Description& operator=(Description const&) = delete;
+
+        /// Closes the descriptor that it owns (`close`, repeated until it succeeds). Each failure other than an
+        /// interruption by a signal is a warning.
         ~Description();
 
-        mutable bool valid =
-            false; ///< Whether this object owns the descriptor. The socket that adopts it clears it.
-        int socket_fd = INVALID_SOCKET_FD;
-        sockaddr_un local_binary{};
-        sockaddr_un peer_binary{};
-        Path local_path; ///< The name of the server.
-        NameSpace name_space = FILESYSTEM;
+        void swap(Description& other) noexcept;
 
-    private:
-        void closeOwned() noexcept;
+        /// Whether this object owns `socket_fd`. The socket that adopts it clears it.
+        mutable bool valid = false;
+        int socket_fd = INVALID_SOCKET_FD; ///< The accepted descriptor; not reset when a socket adopts it.
+        sockaddr_un local_binary{};        ///< Zeros, also of an accepted connection.
+        sockaddr_un peer_binary{};         ///< The address of the peer, as the system told it.
+        Path local_path;                   ///< The name of the server.
+        NameSpace name_space = FILESYSTEM; ///< The server's.
     };
 
     /// Makes an `INACTIVE` socket (`socket`, closed by `exec`).

@@ -65,9 +65,10 @@ protected:
     /// Closes a socket that was never open; one that is open is closed after an assertion.
     ~UnixSocketBase() override;
 
-    /// The last step of a constructor: makes the descriptor, or the object invalid. A failed `setNonBlocking` is followed
-    /// by a `close`, whose failure ends the process with `on_close_failure`.
-    void makeSocket(bool blocking, char const* on_close_failure);
+    /// The end of a subclass's constructor: makes the descriptor (`socket`, closed by `exec`), one that does not wait unless
+    /// `blocking`. After a failure the socket is invalid and the descriptor closed.
+    /// @param close_failed  called if that close fails
+    void createDescriptor(bool blocking, void (*close_failed)());
 
     /// The binary form of a name. One that is too long is cut, which the length does not show.
     /// @param out  all zero

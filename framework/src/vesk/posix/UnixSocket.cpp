@@ -18,38 +18,32 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/UnixSocket";
 
 } // namespace
 
-UnixSocket::Description::Description(Description&& other) noexcept
-    : valid(std::exchange(other.valid, false)),
-      socket_fd(std::exchange(other.socket_fd, INVALID_SOCKET_FD)),
-      local_binary(other.local_binary),
-      peer_binary(other.peer_binary),
-      local_path(std::move(other.local_path)),
-      name_space(other.name_space) {}
+UnixSocket::Description::Description(Description&& other) noexcept {
+    swap(other);
+}
 
 UnixSocket::Description& UnixSocket::Description::operator=(Description&& other) noexcept {
-    if (this != &other) {
-        closeOwned();
-        valid = std::exchange(other.valid, false);
-        socket_fd = std::exchange(other.socket_fd, INVALID_SOCKET_FD);
-        local_binary = other.local_binary;
-        peer_binary = other.peer_binary;
-        local_path = std::move(other.local_path);
-        name_space = other.name_space;
-    }
+    Description taken(std::move(other));
+    swap(taken);
     return *this;
 }
 
 UnixSocket::Description::~Description() {
-    closeOwned();
-}
-
-void UnixSocket::Description::closeOwned() noexcept {
     while (valid && ::close(socket_fd) != 0) {
         if (errno != EINTR) {
             std::GlobalErrorHandler::doWarning(
                 SOURCE, __LINE__, "~Description", "unknown error closing socket FD");
         }
     }
+}
+
+void UnixSocket::Description::swap(Description& other) noexcept {
+    std::swap(valid, other.valid);
+    std::swap(socket_fd, other.socket_fd);
+    std::swap(local_binary, other.local_binary);
+    std::swap(peer_binary, other.peer_binary);
+    std::swap(local_path, other.local_path);
+    std::swap(name_space, other.name_space);
 }
 
 UnixSocket::UnixSocket(
@@ -69,7 +63,9 @@ UnixSocket::UnixSocket(
     if (!peer.empty()) {
         m_peer_length = prepareAddress(m_peer_binary, peer);
     }
-    makeSocket(blocking, "ctor error, close error");
+    createDescriptor(blocking, [] {
+        std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, "UnixSocket", "ctor error, close error");
+    });
 }
 
 UnixSocket::UnixSocket(
@@ -86,25 +82,26 @@ UnixSocket::UnixSocket(
         m_object_valid = false;
         return;
     }
-    m_local_binary = description.local_binary;
-    m_peer_binary = description.peer_binary;
-    // Until this has succeeded the descriptor is the description's, which then is the one to close it.
     if (!blocking && setNonBlocking(description.socket_fd)) {
-        m_socket_state = DEAD;
+        // Not closed here: the description stays valid, and would close a number that is somebody else's by then.
         m_object_valid = false;
+        m_socket_state = DEAD;
         return;
     }
     m_socket_handle.socket_fd = description.socket_fd;
+    m_local_binary = description.local_binary;
+    m_peer_binary = description.peer_binary;
     m_socket_state = OPEN;
-    updatePeerAddress();
     description.valid = false;
+    updatePeerAddress();
 }
 
 bool UnixSocket::connect() {
     m_had_error = false;
     if (m_socket_state != INACTIVE) {
         report(SOURCE, Chain::NEW, std::CommonError, 1, "connect called in state != INACTIVE");
-        m_had_error = true;
+        fail();
+        // With hadError this tells a misuse from an attempt that failed.
         return false;
     }
     if (!m_local_path.empty()) {

@@ -53,19 +53,15 @@ UnixSocketBase::~UnixSocketBase() {
         !has_error, "!has_error", SOURCE, __LINE__, "~UnixSocketBase", "error closing socket");
 }
 
-void UnixSocketBase::makeSocket(bool blocking, char const* on_close_failure) {
+void UnixSocketBase::createDescriptor(bool blocking, void (*close_failed)()) {
     m_socket_handle.socket_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_socket_handle.socket_fd == -1) {
+    if (m_socket_handle.socket_fd == INVALID_SOCKET_FD) {
         classifySocketCreateError();
         m_object_valid = false;
         return;
     }
     if (!blocking && setNonBlocking(m_socket_handle.socket_fd)) {
-        closeKeepingChain(
-            [this] { return close(false); },
-            [&] {
-                std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, "makeSocket", "%s", on_close_failure);
-            });
+        closeKeepingChain([this] { return close(false); }, close_failed);
         m_object_valid = false;
     }
 }
