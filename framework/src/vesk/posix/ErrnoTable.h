@@ -19,10 +19,10 @@ enum class Outcome : signed char {
 
 /// The numbers that share a row of a table. Empty stands for all that no row above has.
 struct Errnos {
-    int numbers[8] = {};
+    short numbers[16] = {};
 
     constexpr bool has(int error) const noexcept {
-        for (int const number : numbers) {
+        for (short const number : numbers) {
             if (number == error && error != 0) {
                 return true;
             }

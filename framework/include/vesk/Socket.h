@@ -1,0 +1,161 @@
+#pragma once
+
+#include <vesk/Export.h>
+
+#include <tarncommon/error/ErrorType.h>
+#include <tarncommon/stream/IBinInOutStream.h>
+#include <tarncommon/tarnbase/NonCopyable.h>
+
+#include <cstdint>
+#include <set>
+
+namespace vesk {
+
+/// The root of all sockets: one descriptor of the system as a binary stream, with a state. A subclass makes the
+/// descriptor, connects or binds it, and closes it; any of them is read and written as the stream that it is:
+///
+///     vesk::Socket& socket = connection;
+///     if (socket.write(request, size, written) != 1 || socket.flush(false)) { ... }
+///     int const result = socket.read(answer, sizeof answer, count); // 0: the peer has ended the connection
+///
+/// A socket is `INACTIVE` until it is connected, bound or adopted, then `OPEN`, and `DEAD` once it is closed. Nothing
+/// returns it from there: make a new object. Only `close` changes the state of an open socket: a peer's end, a reset and
+/// a time-out fail the operation that meets them.
+///
+/// Whether an operation waits is a property of the descriptor, decided by the constructor's `blocking`. There is no limit of
+/// time: use `selectSockets`, or `Poller` with `getSocketFd`.
+///
+/// A socket belongs to one thread at a time. Reading in one thread and writing in another works, except that `hadError`
+/// then belongs to neither.
+class VESK_API Socket : private tarnbase::NonCopyable, public std::IBinInOutStream {
+public:
+    /// Failures of sockets; the parent is `SysError`. The argument is the text of `SystemError`, unless an operation says
+    /// otherwise.
+    ///
+    /// | id | meaning |
+    /// |---|---|
+    /// | 0 | not a socket, or one that cannot be used any more |
+    /// | 1 | the system does not know the option |
+    /// | 2 | the option cannot have this value |
+    /// | 3 | a socket of this kind cannot be made |
+    /// | 4 | the address is in use |
+    /// | 5 | the address is not one of this machine, or not usable |
+    /// | 6 | the peer has reset the connection |
+    /// | 7 | nobody answers at the peer's address |
+    /// | 8 | the network is down, or has no way to the address |
+    /// | 9 | a name or an address could not be resolved |
+    /// | 10 | the communication failed, for example by a time-out |
+    /// | 11 | the connection was closed |
+    /// | 12 | the message is too big |
+    static std::ErrorType const Error;
+
+    static constexpr int INVALID_SOCKET_FD = -1;
+
+    enum State : uint32_t {
+        INACTIVE = 0, ///< Neither bound nor connected; there may be a descriptor.
+        OPEN = 1,     ///< Ready for traffic, or listening.
+        DEAD = 2,     ///< Closed, for good.
+    };
+
+    /// Whether the socket can be used: it has the buffers that it was made for, its constructor succeeded, and it is not
+    /// `DEAD`.
+    bool isValid() const override;
+
+    /// Whether the last operation on this object failed, for those whose result cannot say it. Operations that report
+    /// through it clear it when they begin.
+    bool hadError() const noexcept { return m_had_error; }
+
+    State getState() const noexcept { return m_socket_state; }
+
+    /// The descriptor, for `Poller` and for calls that no class of this library makes; -1 if there is none. It stays this
+    /// object's.
+    int getSocketFd() const noexcept { return m_socket_handle.socket_fd; }
+
+    /// Whether there is no descriptor: true then, with `hadError` set, after `Error` 0 with the text of whatever `errno`
+    /// is. Works in every state.
+    bool checkValidSocket() const;
+
+    /// Set the size of the system's buffer for what is sent or received (`setsockopt`, `SO_SNDBUF` and `SO_RCVBUF`). The
+    /// system raises small sizes to its minimum and cuts large ones to its limit.
+    /// @param bytes  the size
+    /// @return true on failure: `Error` 0 without a descriptor or for one that is no socket; `SysError` 2 for a value
+    ///         that the system refuses; `Error` 1 for an option that it does not know; else `SysError` 19
+    bool setSendBuffer(unsigned int bytes);
+    bool setRecvBuffer(unsigned int bytes);
+
+    /// The size of the system's buffer that was granted, in bytes (`getsockopt`). The system keeps its own account in
+    /// twice that memory; the half is told here.
+    /// @return 0 on failure, with `hadError` set: `Error` 0 without a descriptor or for one that is no socket; `SysError`
+    ///         7 without the right; `Error` 1 for an unknown option; `SysError` 1 without memory; else `SysError` 19
+    unsigned int getSendBuffer() const;
+    unsigned int getRecvBuffer() const;
+
+    /// Waits until some of the sockets are ready (`select`, repeated with what is left of the time while a signal
+    /// interrupts it), and removes the others from the sets.
+    ///
+    /// Descriptors of 1024 (`FD_SETSIZE`) and more end the process: `Poller` has no such limit.
+    ///
+    /// @param read         sockets with something to read, a connection to accept, or an end
+    /// @param write        sockets that would take data, or whose connection has been made
+    /// @param except       sockets with out-of-band data
+    /// @param timeout_ms   how long to wait, in milliseconds of real time that no clock change disturbs
+    /// @param use_timeout  false: wait without a limit, also for three empty sets
+    /// @return how often a socket is left in a set; 0 after the time, the sets being empty then; -1 on failure: `Error` 0
+    ///         for a null pointer and for a socket without a descriptor, the sets being unchanged; `SysError` 1 without
+    ///         memory, 10 for a descriptor that was closed behind the socket's back, else 19, the sets being empty
+    static int selectSockets(
+        std::set<Socket const*>& read, std::set<Socket const*>& write, std::set<Socket const*>& except,
+        unsigned int timeout_ms, bool use_timeout);
+
+protected:
+    /// Makes an `INACTIVE` socket without a descriptor. It is invalid, with `CommonError` 0 pending, if there is no memory
+    /// for a buffer.
+    /// @param blocking      whether operations wait
+    /// @param read_buffer   bytes to read ahead; 0: unbuffered
+    /// @param write_buffer  bytes to collect before they are sent; 0: unbuffered
+    Socket(bool blocking, unsigned int read_buffer, unsigned int write_buffer);
+
+    /// Asserts that a valid socket was closed: "m_socket_handle.socket_fd == INVALID_SOCKET_FD" and "m_socket_state ==
+    /// DEAD". A subclass closes in its own destructor.
+    ~Socket() override;
+
+    /// Receives once (`recv`, repeated while a signal interrupts it).
+    ///
+    /// Nothing there on a descriptor that does not wait is success with a count of 0. Failures put a `StreamError` on top:
+    /// `CommonError` 1 if the socket is not open (0, `read` untouched); `Error` 11 with "Connection closed normally" for
+    /// the peer's orderly end (2); `Error` 6 for a reset (0); `Error` 0 for `EINVAL` (0); `SysError` 10 for `EIO`,
+    /// `EBADF`, `ENOTSOCK` and `EOPNOTSUPP` (0); `Error` 7 for `ENOTCONN` and `ECONNREFUSED` (0); `Error` 10 for a
+    /// time-out (1); `SysError` 0 or 1 for `ENOBUFS` or `ENOMEM` (1); else `SysError` 19 (4).
+    bool performRead(void* buffer, unsigned int size, unsigned int& read) override;
+
+    /// Sends once (`send` without `SIGPIPE`, repeated while a signal interrupts it). A short count is success.
+    ///
+    /// No room on a descriptor that does not wait is success with a count of 0. Failures put a `StreamError` on top:
+    /// `CommonError` 1 if the socket is not open (0, `written` untouched); `SysError` 7 for `EPERM` and `EACCES` (0);
+    /// `SysError` 10 for `EIO`, `EBADF`, `ENOTSOCK`, `EOPNOTSUPP` and `ENOTCONN` (0); `Error` 0 for a connection that is
+    /// closed (0); `Error` 5 for `EDESTADDRREQ` (0); `Error` 8 for a network that is down or has no way (0); `Error` 6 for
+    /// a reset (0); `Error` 12 for a message that is too big (1); `SysError` 0 for `ENOBUFS` (1); else `SysError` 19 (4).
+    bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override;
+
+    /// Does nothing: the system sends by itself.
+    bool performFlush() override;
+
+    /// The bool result of an operation of which `m_had_error` tells more. Gives true.
+    bool fail() const noexcept {
+        m_had_error = true;
+        return true;
+    }
+
+    mutable bool m_had_error = false;
+    struct {
+        int socket_fd = INVALID_SOCKET_FD;
+    } m_socket_handle;
+    bool m_object_valid = false; ///< The buffers are there, and no constructor has failed.
+    State m_socket_state = INACTIVE;
+
+private:
+    bool setBuffer(int option, unsigned int bytes);
+    unsigned int getBuffer(int option) const;
+};
+
+} // namespace vesk

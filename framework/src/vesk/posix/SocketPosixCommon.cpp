@@ -1,0 +1,263 @@
+#include "SocketPosixCommon.h"
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <unistd.h>
+
+namespace vesk::detail {
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/SocketPosixCommon";
+
+constexpr ErrnoRow FLAG_ERRORS[] = {
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow GET_OPTION_ERRORS[] = {
+    {{EBADF, EINVAL, ENOTSOCK}, {Socket::Error, 0}},
+    {{EACCES}, {SysError, 7}},
+    {{ENOPROTOOPT}, {Socket::Error, 1}},
+    {{ENOBUFS}, {SysError, 1}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow SET_OPTION_ERRORS[] = {
+    {{EBADF, ENOTSOCK}, {Socket::Error, 0}},
+    // Of the system's family, whose row speaks of paths: that is what callers know it by.
+    {{EFAULT, EINVAL, EDOM, EISCONN}, {SysError, 2}},
+    {{ENOPROTOOPT}, {Socket::Error, 1}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow CREATION_ERRORS[] = {
+    {{EMFILE, ENFILE}, {SysError, 0}},
+    {{EACCES}, {SysError, 7}},
+    {{EINVAL, EPROTOTYPE, EPROTONOSUPPORT, EAFNOSUPPORT}, {Socket::Error, 3}},
+    {{ENOMEM, ENOBUFS}, {SysError, 1}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow BIND_ERRORS[] = {
+    {{EINVAL, ENOENT, EIO, EBADF, EFAULT, ENOTDIR, EISDIR, EROFS, ENAMETOOLONG, ELOOP, ENOTSOCK, EDESTADDRREQ,
+      EOPNOTSUPP, EAFNOSUPPORT, EISCONN},
+     {SysError, 10}},
+    {{ENOMEM}, {SysError, 1}},
+    {{EACCES}, {SysError, 7}},
+    {{EADDRINUSE}, {Socket::Error, 4}},
+    {{EADDRNOTAVAIL}, {Socket::Error, 5}},
+    {{ENOBUFS}, {SysError, 0}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow LISTEN_ERRORS[] = {
+    {{EADDRINUSE}, {Socket::Error, 4}}, {{ENOBUFS}, {SysError, 0}},
+    {{EACCES}, {SysError, 7}},          {{EBADF, EINVAL, ENOTSOCK, EDESTADDRREQ, EOPNOTSUPP}, {SysError, 10}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow ACCEPT_ERRORS[] = {
+    {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
+    {{EPERM}, {SysError, 7}},
+    {{ESRCH}, {Socket::Error, 8}},
+    {{EBADF, EINVAL}, {Socket::Error, 0}},
+    {{ENOMEM, ENOBUFS}, {SysError, 1}},
+    {{EFAULT, ENOTSOCK, EOPNOTSUPP}, {SysError, 10}},
+    {{ENFILE, EMFILE}, {SysError, 0}},
+    {{EPROTO, ETIMEDOUT}, {Socket::Error, 10}},
+    {{ECONNABORTED}, {Socket::Error, 11}},
+    {OTHERS, {SysError, 19}},
+};
+static_assert(EAGAIN == EWOULDBLOCK);
+
+constexpr ErrnoRow CONNECT_ERRORS[] = {
+    {{EALREADY, EINPROGRESS}, NONE, NONE, Outcome::NOT_NOW},
+    {{EPERM, EACCES}, {SysError, 7}},
+    {{ENOENT, EBADF, EFAULT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP, ENOTSOCK, EPROTOTYPE, EOPNOTSUPP,
+      EAFNOSUPPORT, EISCONN, ETIMEDOUT},
+     {SysError, 10}},
+    {{EAGAIN, ENOBUFS}, {SysError, 0}},
+    {{EADDRINUSE}, {Socket::Error, 4}},
+    {{EADDRNOTAVAIL}, {Socket::Error, 5}},
+    {{ENETDOWN, ENETUNREACH}, {Socket::Error, 8}},
+    {{ECONNRESET}, {Socket::Error, 6}},
+    {{ECONNREFUSED, EHOSTUNREACH}, {Socket::Error, 7}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow SHUTDOWN_ERRORS[] = {
+    {{EBADF, EINVAL, ENOTSOCK, ENOTCONN}, {SysError, 10}},
+    {{ENOBUFS}, {SysError, 0}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow CLOSE_ERRORS[] = {
+    // The descriptor is gone all the same, and nobody could do anything about it.
+    {{EBADF}, NONE},
+    {OTHERS, {SysError, 10}},
+};
+
+/// True, after an assertion and a report, if there is no descriptor.
+bool isMissing(int fd, int line, char const* function) {
+    if (fd != Socket::INVALID_SOCKET_FD) {
+        return false;
+    }
+    std::GlobalErrorHandler::doAssert(
+        false, "p_socket_fd != INVALID_SOCKET_FD", SOURCE, line, function, nullptr);
+    report({SOURCE, line}, Chain::NEW, std::CommonError, 5, "p_socket_fd is invalid");
+    return true;
+}
+
+/// What a name that an address was given as leads to; null, after a report, if to nothing.
+char const*
+resolveFirst(IPSocket::IPResolver& resolver, char const* host, IPSocket::IPProtocolVersion version) {
+    int const count = resolver.resolveName(host, version);
+    if (count == 0) {
+        report(
+            SOURCE, Chain::NEW, std::CommonError, 5, "Given hostname doesn't resolve into any IP addresses");
+    }
+    return count > 0 ? resolver.getItem(0).c_str() : nullptr;
+}
+
+} // namespace
+
+bool setNonBlocking(int fd) {
+    int const flags = fcntl(fd, F_GETFL);
+    if (flags == -1 || fcntl(fd, F_SETFL, (flags & O_ACCMODE) | O_NONBLOCK) == -1) {
+        classify(SOURCE, FLAG_ERRORS, errno);
+        return true;
+    }
+    return false;
+}
+
+bool setReuse(int fd, bool on) {
+    if (isMissing(fd, __LINE__, "setReuse")) {
+        return true;
+    }
+    int const value = on ? 1 : 0;
+    return setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &value, sizeof value) != 0 && classifySetOptError();
+}
+
+bool bindSocket(int fd, sockaddr const* address, socklen_t length, bool tolerate_einval) {
+    if (isMissing(fd, __LINE__, "bindSocket")) {
+        return true;
+    }
+    if (bind(fd, address, length) == 0 || (errno == EINVAL && tolerate_einval)) {
+        return false;
+    }
+    classify(SOURCE, BIND_ERRORS, errno);
+    return true;
+}
+
+bool listenSocket(int fd, unsigned int backlog) {
+    if (listen(fd, static_cast<int>(backlog)) == 0) {
+        return false;
+    }
+    classify(SOURCE, LISTEN_ERRORS, errno);
+    return true;
+}
+
+Outcome acceptSocket(int fd, sockaddr* address, socklen_t length, int& accepted) {
+    accepted = retryOnEintr([&] {
+        socklen_t room = length;
+        return accept4(fd, address, &room, SOCK_CLOEXEC);
+    });
+    return accepted >= 0 ? Outcome::DONE : classify(SOURCE, ACCEPT_ERRORS, errno);
+}
+
+int connectSocket(int fd, sockaddr const* address, socklen_t length) {
+    if (isMissing(fd, __LINE__, "connectSocket")) {
+        return -1;
+    }
+    if (retryOnEintr([&] { return connect(fd, address, length); }) == 0) {
+        return 0;
+    }
+    return static_cast<int>(classify(SOURCE, CONNECT_ERRORS, errno));
+}
+
+bool shutdownSocket(int fd) {
+    if (isMissing(fd, __LINE__, "shutdownSocket")) {
+        return true;
+    }
+    if (shutdown(fd, SHUT_RDWR) == 0) {
+        return false;
+    }
+    classify(SOURCE, SHUTDOWN_ERRORS, errno);
+    return true;
+}
+
+bool closeSocket(int fd) {
+    if (retryOnEintr([&] { return close(fd); }) == 0) {
+        return false;
+    }
+    classify(SOURCE, CLOSE_ERRORS, errno);
+    return true;
+}
+
+bool classifyGetOptError() {
+    classify(SOURCE, GET_OPTION_ERRORS, errno);
+    return true;
+}
+
+bool classifySetOptError() {
+    classify(SOURCE, SET_OPTION_ERRORS, errno);
+    return true;
+}
+
+bool classifySocketCreateError() {
+    classify(SOURCE, CREATION_ERRORS, errno);
+    return true;
+}
+
+bool convertAddrToBinary(IPSocket::IPAddress const& address, sockaddr_in& out) {
+    if (address.host.empty()) {
+        out.sin_addr.s_addr = htonl(INADDR_ANY);
+        return false;
+    }
+    if (inet_pton(AF_INET, address.host.c_str(), &out.sin_addr) == 1) {
+        return false;
+    }
+    IPSocket::IPResolver resolver;
+    char const* const numeric = resolveFirst(resolver, address.host.c_str(), IPSocket::IPV4);
+    if (numeric == nullptr) {
+        return true;
+    }
+    int const conv_res = inet_pton(AF_INET, numeric, &out.sin_addr);
+    std::GlobalErrorHandler::doAssert(
+        conv_res == 1, "conv_res == 1", SOURCE, __LINE__, "convertAddrToBinary", nullptr);
+    return conv_res != 1;
+}
+
+bool convertAddrToBinary(IPSocket::IPAddress const& address, sockaddr_in6& out) {
+    if (address.host.empty()) {
+        out.sin6_addr = in6addr_any;
+        return false;
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_INET6;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* list = nullptr;
+    // Not inet_pton: only the resolver reads the interface behind a link-local address.
+    if (getaddrinfo(address.host.c_str(), nullptr, &hints, &list) == 0) {
+        addrinfo const* entry = list;
+        while (entry != nullptr && entry->ai_family != AF_INET6) {
+            entry = entry->ai_next;
+        }
+        if (entry != nullptr) {
+            auto const& found = *reinterpret_cast<sockaddr_in6 const*>(entry->ai_addr);
+            out.sin6_addr = found.sin6_addr;
+            out.sin6_scope_id = found.sin6_scope_id;
+        }
+        freeaddrinfo(list);
+        return entry == nullptr;
+    }
+    IPSocket::IPResolver resolver;
+    char const* const numeric = resolveFirst(resolver, address.host.c_str(), IPSocket::IPV6);
+    return numeric == nullptr || inet_pton(AF_INET6, numeric, &out.sin6_addr) != 1;
+}
+
+} // namespace vesk::detail
