@@ -165,6 +165,14 @@ protected:
     /// Closes a socket that was never open; one that is open is closed after an assertion.
     ~IPSocket() override;
 
+    /// Makes the descriptor of a valid socket, which `exec` closes (`socket`): the last step of a subclass's constructor. On
+    /// failure the socket is invalid, and what failed is reported.
+    /// @param type          such as `SOCK_STREAM`
+    /// @param blocking      false: it does not wait
+    /// @param reuse         true: `SO_REUSEADDR` is set
+    /// @param close_failed  called if a descriptor that is of no use cannot be closed either
+    void createDescriptor(int type, bool blocking, bool reuse, void (*close_failed)());
+
     sockaddr const* getLocalBinary() const noexcept;
     sockaddr const* getPeerBinary() const noexcept;
     /// The length of the binary addresses, in bytes.

@@ -266,6 +266,23 @@ IPSocket::~IPSocket() {
         !has_error, "!has_error", SOURCE, __LINE__, "~IPSocket", "error closing socket");
 }
 
+void IPSocket::createDescriptor(int type, bool blocking, bool reuse, void (*close_failed)()) {
+    if (!isValid()) {
+        return;
+    }
+    int const fd = socket(m_version == IPV6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0);
+    if (fd == INVALID_SOCKET_FD) {
+        classifySocketCreateError();
+        m_object_valid = false;
+        return;
+    }
+    m_socket_handle.socket_fd = fd;
+    if ((!blocking && setNonBlocking(fd)) || (reuse && setReuse(fd, true))) {
+        closeKeepingChain([this] { return close(false); }, close_failed);
+        m_object_valid = false;
+    }
+}
+
 sockaddr const* IPSocket::getLocalBinary() const noexcept {
     return reinterpret_cast<sockaddr const*>(&m_local_binary);
 }

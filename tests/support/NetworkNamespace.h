@@ -1,0 +1,139 @@
+#pragma once
+
+#include "support/Privileges.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <sched.h>
+#include <spawn.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+/// For tests that need network interfaces to play with: a network of their own, seen by nobody else, which goes away with
+/// the last process in it. Interfaces are made and changed with the program `ip`, so that it works for a 32-bit program
+/// and under an emulator, too.
+///
+///     TEST(TCPSocket, ReachesTheOtherEndOfAPair) {
+///         VESK_SKIP_WITHOUT_NETWORKS();
+///         support::expectInNetwork([] {
+///             ASSERT_TRUE(support::makePair("left", "right"));
+///             ASSERT_TRUE(support::addAddress("left", "10.0.0.1/24"));
+///             ASSERT_TRUE(support::setUp("left"));
+///             ...
+///         });
+///     }
+
+namespace support {
+
+/// Gives the calling thread, and the threads and processes that it starts, a new network. There is nothing in it but the
+/// interface "lo", which is down.
+inline bool separateNetwork() {
+    return unshare(CLONE_NEWNET) == 0;
+}
+
+/// Runs lines of `ip -batch`, such as "link set dev lo up", in the network of the calling thread. Stops at the first that
+/// fails. Always write "dev" or "name" before the name of an interface: `ip` takes a short one for an abbreviation.
+inline testing::AssertionResult ip(std::string const& lines) {
+    int const files[] = {memfd_create("lines", MFD_CLOEXEC), memfd_create("output", MFD_CLOEXEC)};
+    bool const written = write(files[0], lines.data(), lines.size()) == static_cast<ssize_t>(lines.size()) &&
+        lseek(files[0], 0, SEEK_SET) == 0;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, files[0], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, files[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, files[1], STDERR_FILENO);
+    char const* const arguments[] = {"ip", "-batch", "-", nullptr};
+    pid_t pid = -1;
+    int const error =
+        posix_spawnp(&pid, arguments[0], &actions, nullptr, const_cast<char* const*>(arguments), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = -1;
+    while (error == 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
+
+    char output[1024] = "";
+    ssize_t const size = pread(files[1], output, sizeof output - 1, 0);
+    close(files[0]);
+    close(files[1]);
+    if (error != 0) {
+        return testing::AssertionFailure() << "ip: " << strerror(error);
+    }
+    if (!written || status != 0) {
+        return testing::AssertionFailure()
+            << "ip: " << lines << ": " << std::string(output, size > 0 ? static_cast<size_t>(size) : 0);
+    }
+    return testing::AssertionSuccess();
+}
+
+/// Makes two Ethernet interfaces, what is sent into one comes out of the other. Both are down, and have no address.
+inline testing::AssertionResult makePair(std::string const& name, std::string const& peer) {
+    return ip("link add name " + name + " type veth peer name " + peer);
+}
+
+/// Makes an Ethernet interface that leads nowhere; it is down.
+inline testing::AssertionResult makeInterface(std::string const& name) {
+    // A bridge without ports, which more kernels have than a dummy.
+    return ip("link add name " + name + " type bridge");
+}
+
+/// Removes an interface, and with one end of a pair the other.
+inline testing::AssertionResult removeInterface(std::string const& name) {
+    return ip("link del dev " + name);
+}
+
+inline testing::AssertionResult setUp(std::string const& name) {
+    return ip("link set dev " + name + " up");
+}
+
+inline testing::AssertionResult setDown(std::string const& name) {
+    return ip("link set dev " + name + " down");
+}
+
+/// Renames an interface, which must be down on older kernels.
+inline testing::AssertionResult renameInterface(std::string const& name, std::string const& new_name) {
+    return ip("link set dev " + name + " name " + new_name);
+}
+
+/// Moves an interface into the network of another process; it loses its addresses and is down there.
+inline testing::AssertionResult moveInterface(std::string const& name, pid_t process) {
+    return ip("link set dev " + name + " netns " + std::to_string(process));
+}
+
+/// @param address  with its prefix and what belongs to it: "10.0.0.1/24 brd +", "fd00::1/64 nodad", "10.0.0.1 peer 10.0.0.2"
+inline testing::AssertionResult addAddress(std::string const& name, std::string const& address) {
+    return ip("addr add " + address + " dev " + name);
+}
+
+inline testing::AssertionResult removeAddress(std::string const& name, std::string const& address) {
+    return ip("addr del " + address + " dev " + name);
+}
+
+/// Runs `body` in a child with a network of its own, whose failures become those of the test. "lo" is up.
+inline void expectInNetwork(std::function<void()> const& body) {
+    expectInChild([&body] {
+        ASSERT_TRUE(separateNetwork()) << strerror(errno);
+        ASSERT_TRUE(setUp("lo"));
+        body();
+    });
+}
+
+inline bool mayMakeNetworks() {
+    static bool const may = runInChild([] {
+                                if (!separateNetwork() || !makePair("one", "two")) {
+                                    ADD_FAILURE() << strerror(errno);
+                                }
+                            }).exit_code == 0;
+    return may;
+}
+
+} // namespace support
+
+#define VESK_SKIP_WITHOUT_NETWORKS()                                                                         \
+    if (!support::mayMakeNetworks()) {                                                                       \
+        GTEST_SKIP() << "a network namespace of its own is not granted to the test, or has no veth pairs";   \
+    }
