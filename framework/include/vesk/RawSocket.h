@@ -1,0 +1,44 @@
+#pragma once
+
+#include <vesk/Socket.h>
+
+namespace vesk {
+
+/// Whole Ethernet frames of all protocols, from one network device or from all of them:
+///
+///     vesk::RawSocket socket(true, 0, 0);
+///     if (socket.open("eth0")) { ... }
+///     int const result = socket.read(frame, sizeof frame, size); // one frame, cut to the room
+///     socket.close();
+///
+/// One read takes one frame: give it room for a whole one, also when a read buffer is used. One write sends one frame,
+/// headers included, which needs an unbuffered socket of one device. The process needs the right to packet sockets.
+///
+/// A socket that is open must be closed before it is destroyed. See `Socket` for states and threads.
+class VESK_API RawSocket : public Socket {
+public:
+    /// Makes an `INACTIVE` socket without a descriptor. It is invalid, with `CommonError` 0 pending, if there is no memory
+    /// for a buffer.
+    /// @param blocking      the blocking mode of the stream; the descriptor itself always waits
+    /// @param read_buffer   bytes to read ahead; 0: unbuffered
+    /// @param write_buffer  bytes to collect before they are sent; 0: unbuffered
+    RawSocket(bool blocking, unsigned int read_buffer, unsigned int write_buffer);
+
+    /// Closes what is left; an open socket after an assertion.
+    ~RawSocket() override;
+
+    /// Opens the socket (`socket`, not closed by `exec`, then `ioctl` and `bind` for one device). Frames of other devices
+    /// that come between are delivered too.
+    /// @param device  the name of a device, of which 15 bytes count; null: all devices
+    /// @return true on failure: `CommonError` 1 for an invalid or `DEAD` object, and for one that is open, which stays as
+    ///         it is; `SysError` 7 without the right, else 19, the socket being `INACTIVE` still; `SysError` 16 for a
+    ///         device that does not exist, else 19, the socket being `DEAD` then
+    bool open(char const* device);
+
+    /// Closes the descriptor (`close`, once). The socket is `DEAD` afterwards, also on failure; without a descriptor it
+    /// stays what it is.
+    /// @return true on failure: `SysError` 19
+    bool close();
+};
+
+} // namespace vesk
