@@ -1,3 +1,5 @@
+#include "Together.h"
+
 #include <vesk/MsgQueueServer.h>
 
 #include <benchmark/benchmark.h>
@@ -42,6 +44,8 @@ public:
     }
     Peer(Peer const&) = delete;
     Peer& operator=(Peer const&) = delete;
+
+    pid_t getPid() const { return m_pid; }
 
 private:
     pid_t m_pid;
@@ -94,6 +98,7 @@ private:
 
 template <typename Queue>
 void roundTrip(benchmark::State& state) {
+    OneProcessor const together;
     Queue there("-there");
     Queue back("-back");
     char buffer[MSG_SIZE] = {};
@@ -101,16 +106,19 @@ void roundTrip(benchmark::State& state) {
         there.receive(buffer);
         back.send(buffer);
     });
-    for (auto _ : state) {
-        there.send(buffer);
-        back.receive(buffer);
-    }
+    measureTogether(
+        state,
+        [&] {
+            there.send(buffer);
+            back.receive(buffer);
+        },
+        peer.getPid());
 }
 BENCHMARK(roundTrip<VeskQueue>)
     ->Name("Queue round trip between two processes (at most 1.03)/vesk")
-    ->UseRealTime();
+    ->UseManualTime();
 BENCHMARK(roundTrip<BareQueue>)
     ->Name("Queue round trip between two processes (at most 1.03)/bare")
-    ->UseRealTime();
+    ->UseManualTime();
 
 } // namespace

@@ -155,7 +155,7 @@ protected:
 
 private:
     bool setBuffer(int option, unsigned int bytes);
-    unsigned int getBuffer(int option) const;
+    unsigned int getBuffer(int option, char const* operation) const;
 };
 
 } // namespace vesk

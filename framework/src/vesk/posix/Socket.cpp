@@ -172,7 +172,7 @@ bool Socket::setBuffer(int option, unsigned int bytes) {
     return fail();
 }
 
-unsigned int Socket::getBuffer(int option) const {
+unsigned int Socket::getBuffer(int option, char const* operation) const {
     if (checkValidSocket()) {
         return 0;
     }
@@ -184,7 +184,7 @@ unsigned int Socket::getBuffer(int option) const {
         return 0;
     }
     std::GlobalErrorHandler::doAssert(
-        retsize == sizeof(int), "retsize == sizeof(int)", SOURCE, __LINE__, "getBuffer", nullptr);
+        retsize == sizeof(int), "retsize == sizeof(int)", SOURCE, __LINE__, operation, nullptr);
     return static_cast<unsigned int>(value / 2);
 }
 
@@ -197,11 +197,11 @@ bool Socket::setRecvBuffer(unsigned int bytes) {
 }
 
 unsigned int Socket::getSendBuffer() const {
-    return getBuffer(SO_SNDBUF);
+    return getBuffer(SO_SNDBUF, "getSendBuffer");
 }
 
 unsigned int Socket::getRecvBuffer() const {
-    return getBuffer(SO_RCVBUF);
+    return getBuffer(SO_RCVBUF, "getRecvBuffer");
 }
 
 int Socket::selectSockets(
@@ -231,11 +231,12 @@ int Socket::selectSockets(
         keepMarked(except, except_marks);
         return count;
     }
+    int const error = errno; // Before memory is given back, which may change it.
     read.clear();
     write.clear();
     except.clear();
     if (count == -1) {
-        classify(SOURCE, SELECT_ERRORS, errno);
+        classify(SOURCE, SELECT_ERRORS, error);
     }
     return count;
 }

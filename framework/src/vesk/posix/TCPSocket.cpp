@@ -6,6 +6,7 @@
 #include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <unistd.h>
 #include <utility>
@@ -21,6 +22,13 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/TCPSocket";
 /// True, after a report, on failure.
 bool setOption(int fd, int level, int option, int value) {
     return setsockopt(fd, level, option, &value, sizeof value) != 0 && classifySetOptError();
+}
+
+/// Whether the resolver would give an address back just as it is. A listening socket has resolved its own, so only one that
+/// somebody has changed in the description needs the resolver again.
+bool isResolved(IPSocket::IPAddress const& address, IPSocket::IPProtocolVersion version) {
+    in_addr binary{};
+    return version == IPSocket::IPV4 && inet_pton(AF_INET, address.host.c_str(), &binary) == 1;
 }
 
 } // namespace
@@ -65,7 +73,13 @@ TCPSocket::TCPSocket(
 TCPSocket::TCPSocket(
     bool blocking, unsigned int read_buffer, unsigned int write_buffer, Description const& description)
     : IPSocket(
-          blocking, read_buffer, write_buffer, description.local_address, IPAddress(), description.version) {
+          blocking, read_buffer, write_buffer,
+          isResolved(description.local_address, description.version) ? IPAddress()
+                                                                     : description.local_address,
+          IPAddress(), description.version) {
+    if (m_local_address.host.empty()) {
+        m_local_address = description.local_address;
+    }
     if (!isValid()) {
         return;
     }

@@ -1,0 +1,331 @@
+#include "Together.h"
+
+#include <vesk/TCPServerSocket.h>
+#include <vesk/TCPSocket.h>
+#include <vesk/UnixServerSocket.h>
+#include <vesk/UnixSocket.h>
+
+#include <benchmark/benchmark.h>
+
+#include <arpa/inet.h>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using vesk::IPSocket;
+
+constexpr unsigned int PIECE = 64 << 10;
+constexpr int WAITING = 64;
+
+void check(bool failed) {
+    if (failed) {
+        abort();
+    }
+}
+
+IPSocket::IPAddress const LOOPBACK(IPSocket::LOOPBACK_IP, 0);
+
+/// A name in the abstract namespace, which nobody else has.
+std::string makeName() {
+    return "vesk-bench-" + std::to_string(getpid());
+}
+
+// ---- The two ends of a connection, by the library and without it ----
+
+/// What both families have in common in the library.
+class VeskEnd {
+public:
+    explicit VeskEnd(vesk::Socket& socket) : m_socket(socket) {}
+
+    void send(void const* data, unsigned int size) {
+        unsigned int count = 0;
+        check(m_socket.write(data, size, count) != 1);
+    }
+    /// Whether something came; the count of it.
+    bool receive(void* buffer, unsigned int size, unsigned int& count) {
+        return m_socket.read(buffer, size, count) == 1;
+    }
+    void end() const { shutdown(m_socket.getSocketFd(), SHUT_WR); }
+
+private:
+    vesk::Socket& m_socket;
+};
+
+class BareEnd {
+public:
+    explicit BareEnd(int fd) : m_fd(fd) {}
+
+    void send(void const* data, unsigned int size) {
+        auto const* next = static_cast<char const*>(data);
+        do {
+            ssize_t const count = ::send(m_fd, next, size, MSG_NOSIGNAL);
+            check(count < 0);
+            next += count;
+            size -= static_cast<unsigned int>(count);
+        } while (size != 0);
+    }
+    bool receive(void* buffer, unsigned int size, unsigned int& count) {
+        ssize_t const result = recv(m_fd, buffer, size, 0);
+        count = result > 0 ? static_cast<unsigned int>(result) : 0;
+        return result > 0;
+    }
+    void end() const { shutdown(m_fd, SHUT_WR); }
+
+private:
+    int m_fd;
+};
+
+class VeskTcp {
+public:
+    using End = VeskEnd;
+
+    VeskTcp() : m_server(LOOPBACK, true, true, IPSocket::IPV4) {
+        m_server.enableListen(1);
+        m_server.updateLocalAddress();
+        m_client = std::make_unique<vesk::TCPSocket>(
+            true, 0U, 0U, IPSocket::IPAddress(), m_server.getLocalAddress(), false, IPSocket::IPV4);
+        check(m_client->connect());
+        m_peer = std::make_unique<vesk::TCPSocket>(true, 0U, 0U, m_server.acceptConnection());
+        check(!m_peer->isValid());
+    }
+    ~VeskTcp() {
+        m_client->close(false);
+        m_peer->close(false);
+        m_server.close(false);
+    }
+    VeskTcp(VeskTcp const&) = delete;
+    VeskTcp& operator=(VeskTcp const&) = delete;
+
+    End getClient() { return End(*m_client); }
+    End getPeer() { return End(*m_peer); }
+
+private:
+    vesk::TCPServerSocket m_server;
+    std::unique_ptr<vesk::TCPSocket> m_client;
+    std::unique_ptr<vesk::TCPSocket> m_peer;
+};
+
+class VeskUnix {
+public:
+    using End = VeskEnd;
+
+    VeskUnix() : m_server(makeName().c_str(), true, vesk::UnixSocketBase::ABSTRACT) {
+        m_server.enableListen(1);
+        m_client = std::make_unique<vesk::UnixSocket>(
+            true, 0U, 0U, "", makeName().c_str(), vesk::UnixSocketBase::ABSTRACT);
+        check(m_client->connect());
+        m_peer = std::make_unique<vesk::UnixSocket>(true, 0U, 0U, m_server.acceptConnection());
+        check(!m_peer->isValid());
+    }
+    ~VeskUnix() {
+        m_client->close(false);
+        m_peer->close(false);
+        m_server.close(false);
+    }
+    VeskUnix(VeskUnix const&) = delete;
+    VeskUnix& operator=(VeskUnix const&) = delete;
+
+    End getClient() { return End(*m_client); }
+    End getPeer() { return End(*m_peer); }
+
+private:
+    vesk::UnixServerSocket m_server;
+    std::unique_ptr<vesk::UnixSocket> m_client;
+    std::unique_ptr<vesk::UnixSocket> m_peer;
+};
+
+/// A listening descriptor and its address.
+class BareServer {
+public:
+    explicit BareServer(int family, int backlog) : m_fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        if (family == AF_INET) {
+            auto& address = reinterpret_cast<sockaddr_in&>(m_address);
+            address.sin_family = AF_INET;
+            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            m_length = sizeof address;
+        } else {
+            auto& address = reinterpret_cast<sockaddr_un&>(m_address);
+            std::string const name = makeName();
+            address.sun_family = AF_UNIX;
+            memcpy(address.sun_path + 1, name.data(), name.size());
+            m_length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+        }
+        check(bind(m_fd, getAddress(), m_length) != 0);
+        check(listen(m_fd, backlog) != 0);
+        check(getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_address), &m_length) != 0);
+    }
+    ~BareServer() { close(m_fd); }
+    BareServer(BareServer const&) = delete;
+    BareServer& operator=(BareServer const&) = delete;
+
+    int getFd() const { return m_fd; }
+    int connectTo() const {
+        int const fd = socket(m_address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        check(connect(fd, getAddress(), m_length) != 0);
+        return fd;
+    }
+    int accept() const {
+        int const fd = accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
+        check(fd < 0);
+        return fd;
+    }
+
+private:
+    sockaddr const* getAddress() const { return reinterpret_cast<sockaddr const*>(&m_address); }
+
+    int m_fd;
+    sockaddr_storage m_address{};
+    socklen_t m_length = 0;
+};
+
+template <int FAMILY>
+class Bare {
+public:
+    using End = BareEnd;
+
+    Bare() : m_server(FAMILY, 1), m_client(m_server.connectTo()), m_peer(m_server.accept()) {}
+    ~Bare() {
+        close(m_client);
+        close(m_peer);
+    }
+    Bare(Bare const&) = delete;
+    Bare& operator=(Bare const&) = delete;
+
+    End getClient() { return End(m_client); }
+    End getPeer() { return End(m_peer); }
+
+private:
+    BareServer m_server;
+    int m_client;
+    int m_peer;
+};
+
+using BareTcp = Bare<AF_INET>;
+using BareUnix = Bare<AF_UNIX>;
+
+// ---- Rows ----
+
+template <typename Connection>
+void roundTrip(benchmark::State& state) {
+    OneProcessor const together;
+    Connection connection;
+    std::thread peer([end = connection.getPeer()]() mutable {
+        char byte = 0;
+        unsigned int count = 0;
+        while (end.receive(&byte, 1, count)) {
+            end.send(&byte, 1);
+        }
+    });
+    auto end = connection.getClient();
+    char byte = 'x';
+    unsigned int count = 0;
+    measureTogether(state, [&] {
+        end.send(&byte, 1);
+        check(!end.receive(&byte, 1, count));
+    });
+    end.end();
+    peer.join();
+}
+BENCHMARK(roundTrip<VeskTcp>)->Name("TCP round trip of a byte (at most 1.03)/vesk")->UseManualTime();
+BENCHMARK(roundTrip<BareTcp>)->Name("TCP round trip of a byte (at most 1.03)/bare")->UseManualTime();
+BENCHMARK(roundTrip<VeskUnix>)->Name("Unix socket round trip of a byte (at most 1.03)/vesk")->UseManualTime();
+BENCHMARK(roundTrip<BareUnix>)->Name("Unix socket round trip of a byte (at most 1.03)/bare")->UseManualTime();
+
+/// Sends a piece, and waits until the peer has it.
+template <typename Connection>
+void stream(benchmark::State& state) {
+    OneProcessor const together;
+    Connection connection;
+    std::thread peer([end = connection.getPeer()]() mutable {
+        std::vector<char> buffer(PIECE);
+        unsigned int count = 0;
+        unsigned int left = PIECE;
+        while (end.receive(buffer.data(), left, count)) {
+            left -= count;
+            if (left == 0) {
+                end.send(buffer.data(), 1);
+                left = PIECE;
+            }
+        }
+    });
+    auto end = connection.getClient();
+    std::vector<char> const piece(PIECE, 'x');
+    char byte = 0;
+    unsigned int count = 0;
+    measureTogether(state, [&] {
+        end.send(piece.data(), PIECE);
+        check(!end.receive(&byte, 1, count));
+    });
+    end.end();
+    peer.join();
+}
+BENCHMARK(stream<VeskTcp>)->Name("TCP stream in pieces of 64 KiB (at most 1.02)/vesk")->UseManualTime();
+BENCHMARK(stream<BareTcp>)->Name("TCP stream in pieces of 64 KiB (at most 1.02)/bare")->UseManualTime();
+
+/// Takes connections that wait already, so that only this is measured.
+template <typename Take>
+void takeWaiting(benchmark::State& state, int listener, Take take) {
+    // What is accepted inherits it: closed at once, the connections leave nothing behind that would use up all ports.
+    linger const at_once{1, 0};
+    check(setsockopt(listener, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once) != 0);
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    check(getsockname(listener, generic, &length) != 0);
+    int clients[WAITING];
+    while (state.KeepRunningBatch(WAITING)) {
+        for (int& client : clients) {
+            client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            check(connect(client, generic, length) != 0);
+        }
+        double const start = getProcessorTime();
+        for (int i = 0; i < WAITING; ++i) {
+            take();
+        }
+        state.SetIterationTime(getProcessorTime() - start);
+        for (int const client : clients) {
+            close(client);
+        }
+    }
+}
+
+void adopt(benchmark::State& state) {
+    OneProcessor const together;
+    vesk::TCPServerSocket server(LOOPBACK, true, true, IPSocket::IPV4);
+    server.enableListen(WAITING);
+    takeWaiting(state, server.getSocketFd(), [&server] {
+        vesk::TCPSocket socket(true, 0, 0, server.acceptConnection());
+        check(!socket.isValid() || socket.close(false));
+    });
+    server.close(false);
+}
+BENCHMARK(adopt)->Name("TCP accept, adopt and close (at most 1.10)/vesk")->UseManualTime();
+
+/// Has the text of the peer's address as well, as an adopted socket does.
+void bareAdopt(benchmark::State& state) {
+    OneProcessor const together;
+    BareServer const server(AF_INET, WAITING);
+    takeWaiting(state, server.getFd(), [&server] {
+        int const fd = server.accept();
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        check(getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0);
+        char text[INET_ADDRSTRLEN];
+        std::string const host = inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
+        benchmark::DoNotOptimize(host.data());
+        check(close(fd) != 0);
+    });
+}
+BENCHMARK(bareAdopt)->Name("TCP accept, adopt and close (at most 1.10)/bare")->UseManualTime();
+
+} // namespace

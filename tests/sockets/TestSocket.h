@@ -1,0 +1,134 @@
+#pragma once
+
+#include <vesk/Socket.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+
+/// What the tests of the socket base have in common.
+namespace support {
+
+/// The smallest of sockets: takes any descriptor, and can be put into any state. Nothing of it is hidden.
+class TestSocket : public vesk::Socket {
+public:
+    TestSocket() : TestSocket(-1, INACTIVE) {}
+    explicit TestSocket(int fd, State state = OPEN) : TestSocket(true, 0, 0) { set(fd, state); }
+    TestSocket(bool blocking, unsigned int read_buffer, unsigned int write_buffer)
+        : Socket(blocking, read_buffer, write_buffer) {}
+    ~TestSocket() override {
+        if (m_object_valid) {
+            close();
+        }
+    }
+
+    void set(int fd, State state) {
+        m_socket_handle.socket_fd = fd;
+        m_socket_state = state;
+    }
+
+    void close() {
+        if (m_socket_handle.socket_fd != INVALID_SOCKET_FD) {
+            EXPECT_EQ(0, ::close(m_socket_handle.socket_fd)) << strerror(errno);
+        }
+        set(INVALID_SOCKET_FD, DEAD);
+    }
+
+    /// Ends it without touching the descriptor, which somebody else owns.
+    void forget() { set(INVALID_SOCKET_FD, DEAD); }
+
+    bool isBlocking() const { return m_blocking; }
+    void setValid(bool valid) { m_object_valid = valid; }
+    void setHadError() { m_had_error = true; }
+
+    using Socket::performFlush;
+    using Socket::performRead;
+    using Socket::performWrite;
+};
+
+/// Two descriptors that are connected to each other. Each belongs to the pair until it is taken.
+class Ends {
+public:
+    Ends(int mine, int peer) : m_ends{mine, peer} {}
+    ~Ends() {
+        closeEnd(0);
+        closePeer();
+    }
+    Ends(Ends const&) = delete;
+    Ends& operator=(Ends const&) = delete;
+
+    int takeMine() { return std::exchange(m_ends[0], -1); }
+    int getPeer() const { return m_ends[1]; }
+    void closePeer() { closeEnd(1); }
+
+    void send(std::string const& text) const {
+        EXPECT_EQ(
+            static_cast<ssize_t>(text.size()), ::send(m_ends[1], text.data(), text.size(), MSG_NOSIGNAL));
+    }
+
+    /// What has arrived at the peer, at most `size` bytes.
+    std::string receive(size_t size) const {
+        std::string text(size, '\0');
+        ssize_t const count = ::recv(m_ends[1], &text[0], size, 0);
+        EXPECT_LE(0, count) << strerror(errno);
+        text.resize(count > 0 ? static_cast<size_t>(count) : 0);
+        return text;
+    }
+
+    /// Lets nothing arrive at the other end any more but a reset.
+    void resetByPeer() {
+        linger const at_once{1, 0};
+        EXPECT_EQ(0, setsockopt(m_ends[1], SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once));
+        closePeer();
+    }
+
+private:
+    void closeEnd(int end) {
+        if (m_ends[end] >= 0) {
+            ::close(std::exchange(m_ends[end], -1));
+        }
+    }
+
+    int m_ends[2];
+};
+
+/// Two ends on this machine, of any type.
+inline Ends makeEnds(int type = SOCK_STREAM) {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(0, socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends)) << strerror(errno);
+    return {ends[0], ends[1]};
+}
+
+/// The two ends of a TCP connection over loopback.
+inline Ends makeTcpEnds() {
+    int const listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(0, bind(listener, generic, length)) << strerror(errno);
+    EXPECT_EQ(0, listen(listener, 1)) << strerror(errno);
+    EXPECT_EQ(0, getsockname(listener, generic, &length)) << strerror(errno);
+    int const mine = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(0, connect(mine, generic, length)) << strerror(errno);
+    int const peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    EXPECT_LE(0, peer) << strerror(errno);
+    close(listener);
+    return {mine, peer};
+}
+
+/// Waits until a descriptor has one of the events.
+inline bool waitFor(int fd, short events) {
+    pollfd row{fd, events, 0};
+    return poll(&row, 1, 60000) == 1;
+}
+
+} // namespace support
