@@ -262,11 +262,13 @@ TEST_F(Kernel, TellsAddressesOfAFarEnd) {
         // The far end of IPv4 is not told.
         std::string const ipv4 = "lone 10.0.0.1/255.255.255.255";
         watcher.listener.takeUntil("address_appeared " + ipv4);
-        EXPECT_EQ((Log{"address_operable " + ipv4}), watcher.listener.takeUntil("address_operable " + ipv4));
+        EXPECT_EQ(
+            (Log{"address_operable " + ipv4}),
+            only("lone", watcher.listener.takeUntil("address_operable " + ipv4)));
         ASSERT_TRUE(removeAddress("lone", "10.0.0.1 peer 10.0.0.2/32"));
         EXPECT_EQ(
             (Log{"address_inoperable " + ipv4, "address_disappeared " + ipv4}),
-            watcher.listener.takeUntil("address_disappeared " + ipv4));
+            only("lone", watcher.listener.takeUntil("address_disappeared " + ipv4)));
         if (hasIPv6()) {
             ASSERT_TRUE(ip("link set dev lone addrgenmode none"));
             ASSERT_TRUE(setUp("lone"));
@@ -299,12 +301,12 @@ TEST_F(Kernel, TellsTheFirstOfAllAddressesOfIPv6) {
         ASSERT_TRUE(removeAddress("lone", "fd00::2/64"));
         EXPECT_EQ(
             (Log{"address_inoperable " + second, "address_disappeared " + second}),
-            watcher.listener.takeUntil("address_disappeared " + second));
+            only("lone", watcher.listener.takeUntil("address_disappeared " + second)));
         ASSERT_TRUE(removeAddress("lone", "fd00::1/64"));
         ASSERT_TRUE(addAddress("lone", "10.0.0.1/8"));
         EXPECT_EQ(
             (Log{"address_appeared lone 10.0.0.1/255.0.0.0"}),
-            watcher.listener.takeUntil("address_appeared lone 10.0.0.1/255.0.0.0"));
+            only("lone", watcher.listener.takeUntil("address_appeared lone 10.0.0.1/255.0.0.0")));
     });
 }
 
