@@ -25,6 +25,7 @@ void events();
 void timers();
 void files();
 void ipc();
+void network();
 void processes();
 void discovery();
 void errors();

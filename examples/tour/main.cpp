@@ -12,6 +12,7 @@ int main() {
     tour::timers();
     tour::files();
     tour::ipc();
+    tour::network();
     tour::processes();
     tour::discovery();
     tour::errors();
