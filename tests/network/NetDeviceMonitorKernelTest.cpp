@@ -555,6 +555,9 @@ TEST_F(Kernel, TouchesNoDescriptorOfOthersAtItsEnd) {
 }
 
 TEST_F(Kernel, ClosesTheSocketOfACancelledThread) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer keeps its marks of the stack frames that a cancelled thread has left";
+#endif
     expectInNetwork([] {
         int const descriptors = countDescriptors();
         RecordingListener listener;
