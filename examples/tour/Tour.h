@@ -25,7 +25,9 @@ void events();
 void timers();
 void files();
 void ipc();
+void network();
 void processes();
+void discovery();
 void errors();
 
 } // namespace tour

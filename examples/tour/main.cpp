@@ -12,7 +12,9 @@ int main() {
     tour::timers();
     tour::files();
     tour::ipc();
+    tour::network();
     tour::processes();
+    tour::discovery();
     tour::errors();
     printf("\nThe tour %s.\n", tour::hasFailed() ? "FAILED" : "is complete");
     return tour::hasFailed() ? 1 : 0;

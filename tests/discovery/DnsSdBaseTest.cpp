@@ -7,7 +7,9 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <iterator>
 #include <map>
+#include <ostream>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -50,6 +52,10 @@ struct CharacterRow {
     unsigned int code_point;
     bool fit;
 };
+
+void PrintTo(CharacterRow const& row, std::ostream* out) {
+    *out << "U+" << std::hex << row.code_point << std::dec << (row.fit ? " stays" : " is replaced");
+}
 
 class SanitizeCharacter : public testing::TestWithParam<CharacterRow> {};
 
@@ -183,6 +189,10 @@ struct UnescapeRow {
     std::string piece;
     size_t cursor; // Where it is left.
 };
+
+void PrintTo(UnescapeRow const& row, std::ostream* out) {
+    *out << row.what;
+}
 
 class Unescape : public testing::TestWithParam<UnescapeRow> {};
 
@@ -322,6 +332,10 @@ struct TxtRow {
     Entries entries;
 };
 
+void PrintTo(TxtRow const& row, std::ostream* out) {
+    *out << row.what;
+}
+
 class TxtOfRecord : public testing::TestWithParam<TxtRow> {};
 
 TEST_P(TxtOfRecord, hasTheEntries) {
@@ -424,6 +438,10 @@ struct LengthRow {
     size_t value;
     unsigned char length_byte;
 };
+
+void PrintTo(LengthRow const& row, std::ostream* out) {
+    *out << row.key << " and " << row.value << " bytes";
+}
 
 class TxtDataLength : public testing::TestWithParam<LengthRow> {};
 

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <functional>
 #include <new>
+#include <ostream>
 #include <pthread.h>
 #include <string>
 
@@ -70,6 +71,10 @@ struct LockRow {
     char const* function;
     void (*call)(Clients&);
 };
+
+void PrintTo(LockRow const& row, std::ostream* out) {
+    *out << row.what;
+}
 
 template <typename Client>
 void get(Client& client) {
