@@ -26,6 +26,7 @@ void timers();
 void files();
 void ipc();
 void processes();
+void devices();
 void errors();
 
 } // namespace tour
