@@ -25,8 +25,9 @@ void events();
 void timers();
 void files();
 void ipc();
-void network();
 void processes();
+void devices();
+void network();
 void discovery();
 void errors();
 

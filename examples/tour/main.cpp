@@ -12,8 +12,9 @@ int main() {
     tour::timers();
     tour::files();
     tour::ipc();
-    tour::network();
     tour::processes();
+    tour::devices();
+    tour::network();
     tour::discovery();
     tour::errors();
     printf("\nThe tour %s.\n", tour::hasFailed() ? "FAILED" : "is complete");

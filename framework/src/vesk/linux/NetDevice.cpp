@@ -214,7 +214,7 @@ bool NetDevice::selectCurrent(ifreq& request) {
 }
 
 int NetDevice::getNextInfo(InterfaceInfo& info) {
-    if (m_list != nullptr && !advance()) {
+    if (isValid() && !advance()) {
         return 1;
     }
     info = InterfaceInfo();
