@@ -12,12 +12,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <pthread.h>
+#include <sched.h>
 #include <string>
 #include <sys/syscall.h>
 #include <thread>
@@ -30,10 +32,11 @@ namespace {
 
 constexpr size_t MAX_DEADLINES = 8;
 
-// The deadlines of this thread's timed waits, and how many of its next waits wake up for no reason.
+// The deadlines of this thread's timed waits, and how many of its next waits end for no reason, with which result.
 thread_local timespec t_deadlines[MAX_DEADLINES];
 thread_local size_t t_waits = 0;
 thread_local int t_spurious = 0;
+thread_local int t_spurious_result = 0;
 
 } // namespace
 
@@ -46,7 +49,7 @@ pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, timesp
     ++t_waits;
     if (t_spurious > 0) {
         --t_spurious;
-        return 0;
+        return t_spurious_result;
     }
     return reinterpret_cast<int (*)(pthread_cond_t*, pthread_mutex_t*, timespec const*)>(
         inject_pthread_cond_timedwait.getReal())(condition, mutex, deadline);
@@ -259,6 +262,51 @@ TYPED_TEST(DnsSdQueue, spuriousWakeUpsNeitherEndTheWaitNorProlongIt) {
         EXPECT_EQ(expected.tv_sec, t_deadlines[i].tv_sec);
         EXPECT_EQ(expected.tv_nsec, t_deadlines[i].tv_nsec);
     }
+}
+
+TYPED_TEST(DnsSdQueue, waitsThatFailAreRepeatedUntilTheDeadline) {
+    for (int const error : {EINVAL, EPERM, ENOMEM}) {
+        TimePoint const deadline = in(10);
+        t_waits = 0;
+        t_spurious = 2;
+        t_spurious_result = error;
+        EXPECT_TRUE(this->client().wait(deadline));
+        t_spurious_result = 0;
+        EXPECT_GE(TimePoint::now(), deadline);
+        EXPECT_GE(t_waits, 3U);
+    }
+    EXPECT_FALSE(std::ErrorStorage::isError(true));
+}
+
+TYPED_TEST(DnsSdQueue, aWaiterThatIsCancelledLeavesTheQueueUsable) {
+    std::atomic<pid_t> id{0};
+    auto body = [&] {
+        id = static_cast<pid_t>(syscall(SYS_gettid));
+        this->client().wait();
+        ADD_FAILURE() << "nothing ever came";
+    };
+    pthread_t thread{};
+    ASSERT_EQ(
+        0,
+        pthread_create(
+            &thread, nullptr,
+            [](void* argument) -> void* {
+                (*static_cast<decltype(body)*>(argument))();
+                return nullptr;
+            },
+            &body));
+    while (id == 0) {
+        sched_yield();
+    }
+    support::waitUntilAsleep(getpid(), id);
+    EXPECT_EQ(0, pthread_cancel(thread));
+    void* result = nullptr;
+    EXPECT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EventRecorder const recorder;
+    this->add(5);
+    EXPECT_EQ(5, this->get());
+    EXPECT_EQ("", recorder.getText());
 }
 
 TYPED_TEST(DnsSdQueue, waitEndsWhenARecordComes) {
