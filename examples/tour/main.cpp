@@ -13,6 +13,7 @@ int main() {
     tour::files();
     tour::ipc();
     tour::processes();
+    tour::sockets();
     tour::errors();
     printf("\nThe tour %s.\n", tour::hasFailed() ? "FAILED" : "is complete");
     return tour::hasFailed() ? 1 : 0;
