@@ -42,6 +42,9 @@ void files();
 void ipc();
 void processes();
 void sockets();
+void devices();
+void network();
+void discovery();
 void errors();
 
 } // namespace tour

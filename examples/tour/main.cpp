@@ -14,6 +14,9 @@ int main() {
     tour::ipc();
     tour::processes();
     tour::sockets();
+    tour::devices();
+    tour::network();
+    tour::discovery();
     tour::errors();
     printf("\nThe tour %s.\n", tour::hasFailed() ? "FAILED" : "is complete");
     return tour::hasFailed() ? 1 : 0;

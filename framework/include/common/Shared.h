@@ -123,6 +123,7 @@ public:
     Ptr(Ptr const& other) = default;
 
     /// Takes the new reference first, then lets go of the old one: an object that both have in common stays.
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): the copy comes first.
     Ptr& operator=(Ptr const& other) {
         Ptr copy(other);
         this->swapHolders(copy);

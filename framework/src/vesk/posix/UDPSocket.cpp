@@ -44,20 +44,10 @@ UDPSocket::UDPSocket(
     bool blocking, unsigned int read_buffer, unsigned int write_buffer, IPAddress const& local,
     IPAddress const& peer, IPProtocolVersion version)
     : IPSocket(blocking, read_buffer, write_buffer, local, peer, version) {
+    createDescriptor(SOCK_DGRAM, blocking, false, [] {
+        std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "UDPSocket", "close error");
+    });
     if (!isValid()) {
-        return;
-    }
-    m_socket_handle.socket_fd = socket(version == IPV6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (m_socket_handle.socket_fd == INVALID_SOCKET_FD) {
-        classifySocketCreateError();
-        m_object_valid = false;
-        return;
-    }
-    if (!blocking && setNonBlocking(m_socket_handle.socket_fd)) {
-        closeKeepingChain(
-            [this] { return close(false); },
-            [] { std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "UDPSocket", "close error"); });
-        m_object_valid = false;
         return;
     }
     m_multicast = version == IPV6 ? isMulticast(m_peer_address) : isMulticast(m_peer_binary.v4);

@@ -1,0 +1,112 @@
+#include "Tour.h"
+
+#include <vesk/NetDeviceMonitor.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <sched.h>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace tour {
+
+namespace {
+
+/// Prints all that it is told.
+class Narrator : public vesk::NetDeviceMonitor::Listener {
+public:
+    void interface_appeared(Info const& interface) override {
+        note("interface " + std::to_string(interface.index) + " " + interface.name + " has appeared");
+    }
+    void interface_disappeared(Info const& interface) override {
+        note("interface " + interface.name + " has disappeared");
+    }
+    void interface_status(Info const& interface) override {
+        // The kernel repeats it with each little change.
+        if (interface.addresses.empty()) {
+            note("status of " + interface.name + ": MTU " + std::to_string(interface.mtu));
+        }
+    }
+    void address_appeared(AddrInfo const& address, Info const& interface) override {
+        note("address " + getText(address) + " of " + interface.name + " has appeared");
+    }
+    void address_disappeared(AddrInfo const& address, Info const& interface) override {
+        note("address " + getText(address) + " of " + interface.name + " has disappeared");
+    }
+    void address_operable(AddrInfo const& address, Info const& interface) override {
+        note("address " + getText(address) + " of " + interface.name + " is operable");
+    }
+    void address_inoperable(AddrInfo const& address, Info const& interface) override {
+        note("address " + getText(address) + " of " + interface.name + " is not operable any more");
+    }
+
+    /// Waits for something to be told. True if it does not come in ten seconds.
+    bool waitFor(std::string const& text) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return !m_told.wait_for(
+            lock, std::chrono::seconds(10), [&] { return m_all.find(text) != std::string::npos; });
+    }
+
+private:
+    /// An address of IPv6 stands in the peer.
+    static std::string getText(AddrInfo const& info) {
+        bool const is_peer = info.address.getType() == vesk::NetworkAddress::NONE;
+        return is_peer ? info.peer.getText() : info.address.getText();
+    }
+
+    void note(std::string const& text) {
+        tell("%s", text.c_str());
+        std::lock_guard<std::mutex> const guard(m_mutex);
+        m_all += text + "\n";
+        m_told.notify_all();
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_told;
+    std::string m_all;
+};
+
+bool run(char const* command) {
+    return failed(
+        system(command) != 0, command); // NOLINT(cert-env33-c): The program of the system, and no other.
+}
+
+/// In a process with a network of its own.
+void watchNetwork() {
+    Narrator narrator;
+    vesk::NetDeviceMonitor monitor(&narrator);
+    std::thread watcher([&monitor] { failed(monitor.watch(), "watching the network"); });
+    run("ip link add name left type veth peer name right");
+    failed(narrator.waitFor(" left has appeared"), "a pair is told");
+    run("ip link set dev left up && ip addr add 10.0.0.1/24 brd + dev left");
+    failed(narrator.waitFor("address 10.0.0.1 of left is operable"), "its address is told");
+    run("ip addr del 10.0.0.1/24 dev left && ip link del dev left");
+    failed(narrator.waitFor("interface left has disappeared"), "its end is told");
+    monitor.stopWatching();
+    watcher.join();
+}
+
+} // namespace
+
+void network() {
+    section("Network: a monitor of interfaces, in a network of its own");
+    fflush(stdout);
+    pid_t const child = fork();
+    if (child == 0) {
+        if (unshare(CLONE_NEWNET) != 0) {
+            tell("a network of its own is not granted; nothing is shown");
+            _exit(0);
+        }
+        watchNetwork();
+        _exit(hasFailed() ? 1 : 0);
+    }
+    int status = 0;
+    failed(waitpid(child, &status, 0) != child || status != 0, "a process with a network of its own");
+}
+
+} // namespace tour

@@ -1,0 +1,7 @@
+#include "DnsSdImpl.h"
+
+namespace vesk {
+
+void DnsSdImpl::main(void*) {}
+
+} // namespace vesk

@@ -1,0 +1,438 @@
+#include "NetDeviceMonitorImpl.h"
+
+#include "vesk/posix/CancellationOff.h"
+#include "vesk/posix/ErrnoTable.h"
+
+#include <vesk/NetDeviceMonitor.h>
+#include <vesk/Socket.h>
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <cstddef>
+#include <cstring>
+#include <ctime>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <new>
+#include <string>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <type_traits>
+#include <unistd.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/linux/NetDeviceMonitorImpl";
+
+constexpr ErrnoRow SOCKET_ERRORS[] = {
+    {OTHERS, {Socket::Error, 3}},
+};
+
+constexpr ErrnoRow BIND_ERRORS[] = {
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow REQUEST_ERRORS[] = {
+    {OTHERS, {SysError, 19}},
+};
+
+// An interruption is no exception, nor are messages that the kernel had to drop.
+constexpr ErrnoRow RECEIVE_ERRORS[] = {
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr unsigned int GROUPS = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+static_assert(GROUPS == 0x111);
+static_assert(NLM_F_DUMP == 0x300 && NLM_F_REQUEST == 1 && NLM_F_ACK == 4);
+static_assert(sizeof(sockaddr_nl) == 12 && sizeof(nlmsghdr) == 16 && sizeof(rtattr) == 4);
+static_assert(sizeof(ifinfomsg) == 16 && sizeof(ifaddrmsg) == 8);
+
+constexpr size_t BUFFER_SIZE = 4096;
+constexpr timespec WAKERS_TIME{0, 100000};
+
+constexpr unsigned char OPERATIONAL = 6; // IF_OPER_UP, which no header has that goes with <net/if.h>.
+
+// ---- decoding ----
+
+/// A part of a datagram: nothing outside of it is ever read.
+class Bytes {
+public:
+    Bytes() noexcept = default;
+    Bytes(unsigned char const* data, size_t size) noexcept : m_data(data), m_size(size) {}
+
+    unsigned char const* get() const noexcept { return m_data; }
+    size_t getSize() const noexcept { return m_size; }
+
+    Bytes getFirst(size_t size) const noexcept { return {m_data, size}; }
+    Bytes getRest(size_t offset) const noexcept {
+        return offset <= m_size ? Bytes(m_data + offset, m_size - offset) : Bytes();
+    }
+
+    /// Takes a value from its place.
+    /// @return false if it is not all there
+    template <typename Value>
+    bool read(size_t offset, Value& value) const noexcept {
+        static_assert(std::is_trivially_copyable_v<Value>);
+        if (offset > m_size || m_size - offset < sizeof value) {
+            return false;
+        }
+        memcpy(&value, m_data + offset, sizeof value);
+        return true;
+    }
+
+private:
+    unsigned char const* m_data = nullptr;
+    size_t m_size = 0;
+};
+
+/// Messages and attributes alike: the length tells where one ends, and the next one begins aligned.
+template <typename Header>
+size_t getLength(Header const& header) noexcept;
+template <>
+size_t getLength(nlmsghdr const& header) noexcept {
+    return header.nlmsg_len;
+}
+template <>
+size_t getLength(rtattr const& header) noexcept {
+    return header.rta_len;
+}
+
+/// Walks over the messages of a datagram, or over the attributes of a message, up to the first that is not whole.
+template <typename Header>
+class Walk {
+public:
+    explicit Walk(Bytes bytes) noexcept : m_rest(bytes) {}
+
+    bool next() noexcept {
+        if (!m_rest.read(0, m_header)) {
+            return false;
+        }
+        size_t const length = getLength(m_header);
+        if (length < sizeof(Header) || length > m_rest.getSize()) {
+            return false;
+        }
+        m_all = m_rest.getFirst(length);
+        m_rest = m_rest.getRest(NLMSG_ALIGN(length));
+        return true;
+    }
+
+    Header const& getHeader() const noexcept { return m_header; }
+
+    /// The whole of it, header included.
+    Bytes getAll() const noexcept { return m_all; }
+
+    Bytes getData() const noexcept { return m_all.getRest(sizeof(Header)); }
+
+private:
+    Bytes m_rest;
+    Header m_header{};
+    Bytes m_all;
+};
+static_assert(NLMSG_ALIGNTO == RTA_ALIGNTO);
+
+using Messages = Walk<nlmsghdr>;
+using Attributes = Walk<rtattr>;
+
+constexpr size_t LINK_ADDRESS_SIZE = 6;
+
+/// The bytes of an address, none if they are too few.
+void const* getAddress(Bytes data, int family) noexcept {
+    size_t const size = family == AF_INET ? 4 : family == AF_INET6 ? 16 : LINK_ADDRESS_SIZE;
+    return data.getSize() < size ? nullptr : data.get();
+}
+
+/// Up to the terminating zero, or else all there is.
+std::string getText(Bytes data) {
+    char const* const text = reinterpret_cast<char const*>(data.get());
+    return std::string(text, strnlen(text, data.getSize()));
+}
+
+void handleIfInfo(NetDeviceMonitor& monitor, uint16_t type, Bytes message) {
+    ifinfomsg info{};
+    if (!message.read(sizeof(nlmsghdr), info)) {
+        return;
+    }
+    void const* hardware_address = nullptr;
+    Bytes name;
+    bool has_name = false;
+    int mtu = 0;
+    unsigned char state = 0;
+    for (Attributes walk(message.getRest(NLMSG_LENGTH(sizeof info))); walk.next();) {
+        Bytes const data = walk.getData();
+        switch (walk.getHeader().rta_type) {
+        case IFLA_ADDRESS:
+            if (void const* const address = getAddress(data, AF_UNSPEC)) {
+                hardware_address = address;
+            }
+            break;
+        case IFLA_IFNAME:
+            name = data;
+            has_name = true;
+            break;
+        case IFLA_MTU:
+            data.read(0, mtu);
+            break;
+        case IFLA_OPERSTATE:
+            data.read(0, state);
+            break;
+        default:
+            break;
+        }
+    }
+    if (type == RTM_DELLINK) {
+        monitor.interface_disappeared(info.ifi_index);
+        return;
+    }
+    std::GlobalErrorHandler::doAssert(has_name, "name", SOURCE, __LINE__, "handleIfInfo", nullptr);
+    if (!has_name) {
+        return;
+    }
+    auto const index = static_cast<unsigned short>(info.ifi_index);
+    monitor.interface_appeared(index, getText(name).c_str());
+    // Whether it is taken up (IFF_UP) is not looked at.
+    monitor.interface_up(
+        index, (info.ifi_flags & IFF_BROADCAST) != 0, (info.ifi_flags & IFF_POINTOPOINT) != 0,
+        (info.ifi_flags & IFF_LOOPBACK) != 0, mtu, state == OPERATIONAL, true);
+    NetworkInterface::AddrInfo link;
+    if (!link.address.set(AF_UNSPEC, hardware_address)) {
+        monitor.address_appeared(index, link);
+    }
+}
+
+void handleIfAddr(NetDeviceMonitor& monitor, uint16_t type, Bytes message) {
+    ifaddrmsg info{};
+    if (!message.read(sizeof(nlmsghdr), info)) {
+        return;
+    }
+    if (info.ifa_family != AF_INET && info.ifa_family != AF_INET6) {
+        return;
+    }
+    if ((info.ifa_flags & IFA_F_TENTATIVE) != 0) {
+        return;
+    }
+    size_t const attributes_at = NLMSG_LENGTH(sizeof info);
+    // The head of the first attribute, whose length has this bit if it is an IPv6 address, and has not if it is an IPv4
+    // one. So an IPv6 address without a far end becomes the peer.
+    constexpr uint32_t PEER_BIT = 0x10;
+    uint32_t first_word = 0;
+    message.read(attributes_at, first_word);
+
+    NetworkInterface::AddrInfo address;
+    address.netmask.set_prefix(
+        info.ifa_family == AF_INET ? NetworkAddress::IPV4 : NetworkAddress::IPV6, info.ifa_prefixlen);
+    for (Attributes walk(message.getRest(attributes_at)); walk.next();) {
+        void const* const data = getAddress(walk.getData(), info.ifa_family);
+        switch (walk.getHeader().rta_type) {
+        case IFA_LOCAL:
+            address.address.set(info.ifa_family, data);
+            break;
+        case IFA_BROADCAST:
+            address.peer.set(info.ifa_family, data);
+            break;
+        case IFA_ADDRESS:
+            ((first_word & PEER_BIT) != 0 ? address.peer : address.address).set(info.ifa_family, data);
+            break;
+        default:
+            break;
+        }
+    }
+    auto const index = static_cast<unsigned short>(info.ifa_index);
+    if (type == RTM_NEWADDR) {
+        monitor.address_appeared(index, address);
+    } else {
+        monitor.address_disappeared(index, address);
+    }
+}
+
+/// Hands on what a datagram tells.
+/// @return true at the end of a dump; what is behind it is not looked at
+bool handleDatagram(NetDeviceMonitor& monitor, Bytes datagram) {
+    for (Messages walk(datagram); walk.next();) {
+        uint16_t const type = walk.getHeader().nlmsg_type;
+        switch (type) {
+        case NLMSG_DONE:
+            return true;
+        case RTM_NEWLINK:
+        case RTM_DELLINK:
+            handleIfInfo(monitor, type, walk.getAll());
+            break;
+        case RTM_NEWADDR:
+        case RTM_DELADDR:
+            handleIfAddr(monitor, type, walk.getAll());
+            break;
+        default:
+            break;
+        }
+    }
+    return false;
+}
+
+// ---- asking ----
+
+/// Has the kernel tell all that it has of one kind.
+/// @return true on failure
+bool request(int fd, uint16_t type) {
+    struct {
+        nlmsghdr header;
+        rtgenmsg generator;
+    } message{};
+    message.header.nlmsg_len = NLMSG_LENGTH(sizeof message.generator);
+    message.header.nlmsg_type = type;
+    message.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    message.header.nlmsg_seq = 1;
+    message.generator.rtgen_family = AF_UNSPEC;
+
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    iovec piece{&message, message.header.nlmsg_len};
+    msghdr envelope{};
+    envelope.msg_name = &kernel;
+    envelope.msg_namelen = sizeof kernel;
+    envelope.msg_iov = &piece;
+    envelope.msg_iovlen = 1;
+    if (sendmsg(fd, &envelope, MSG_EOR) == -1) {
+        classify(SOURCE, REQUEST_ERRORS, errno);
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+/// The netlink socket of one `watch`, closed on every way out.
+class NetDeviceMonitorImpl::Subscription : private tarnbase::NonCopyable {
+public:
+    explicit Subscription(NetDeviceMonitorImpl& impl) noexcept
+        : m_impl(impl), m_fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE)) {}
+
+    // Closed here alone, and only when no thread uses the number to wake this one: it could be somebody else's by then.
+    ~Subscription() {
+        CancellationOff const cancellation_off;
+        m_impl.m_socket = -1;
+        while (m_impl.m_wakers != 0) {
+            // Sleeps, since it may be a thread of a lower priority.
+            nanosleep(&WAKERS_TIME, nullptr);
+        }
+        if (m_fd != -1) {
+            close(m_fd);
+        }
+    }
+
+    int get() const noexcept { return m_fd; }
+
+private:
+    NetDeviceMonitorImpl& m_impl;
+    int m_fd;
+};
+
+bool NetDeviceMonitorImpl::watch() {
+    Subscription const subscription(*this);
+    int const fd = subscription.get();
+    if (fd == -1) {
+        classify(SOURCE, SOCKET_ERRORS, errno);
+        return true;
+    }
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = GROUPS;
+    if (bind(fd, reinterpret_cast<sockaddr const*>(&address), sizeof address) == -1) {
+        classify(SOURCE, BIND_ERRORS, errno);
+        return true;
+    }
+    if (request(fd, RTM_GETLINK)) {
+        return true;
+    }
+    bool failed = receive(fd);
+    if (request(fd, RTM_GETADDR)) {
+        return true;
+    }
+    failed |= receive(fd);
+    while (!isStopped()) {
+        failed |= receive(fd);
+    }
+    return failed;
+}
+
+/// Both sides of the stop word are full barriers: whoever sets it sees the socket that is not seen to be stopped.
+bool NetDeviceMonitorImpl::isStopped() noexcept {
+    return m_stop.fetch_add(0) != 0;
+}
+
+/// Takes datagrams up to the end of a dump, a failure or the stop.
+/// @return true on failure
+bool NetDeviceMonitorImpl::receive(int fd) {
+    m_socket = fd;
+    for (;;) {
+        alignas(nlmsghdr) unsigned char buffer[BUFFER_SIZE];
+        sockaddr_nl sender{};
+        iovec piece{buffer, sizeof buffer};
+        msghdr envelope{};
+        envelope.msg_name = &sender;
+        envelope.msg_namelen = sizeof sender;
+        envelope.msg_iov = &piece;
+        envelope.msg_iovlen = 1;
+        ssize_t const size = recvmsg(fd, &envelope, 0);
+        if (size == -1) {
+            if (isStopped()) {
+                return false;
+            }
+            classify(SOURCE, RECEIVE_ERRORS, errno);
+            return true;
+        }
+        if (size == 0) {
+            if (isStopped()) {
+                return false;
+            }
+            classify(SOURCE, RECEIVE_ERRORS, errno);
+            return true;
+        }
+        if (handleDatagram(*m_monitor, Bytes(buffer, static_cast<size_t>(size)))) {
+            return false;
+        }
+        if (isStopped()) {
+            return false;
+        }
+    }
+}
+
+void NetDeviceMonitorImpl::stopWatching() noexcept {
+    CancellationOff const cancellation_off;
+    m_stop.exchange(1);
+    // From here to the end the watching thread does not close the socket.
+    ++m_wakers;
+    int const fd = m_socket;
+    if (fd != -1) {
+        // An empty request: it does nothing, but the kernel's answer ends the receiving.
+        nlmsghdr message{};
+        message.nlmsg_len = sizeof message;
+        message.nlmsg_flags = NLM_F_ACK;
+        send(fd, &message, sizeof message, 0);
+    }
+    --m_wakers;
+}
+
+// ---- the monitor's side ----
+
+NetDeviceMonitorImpl* NetDeviceMonitor::makeImpl() noexcept {
+    return new (std::nothrow) NetDeviceMonitorImpl(*this);
+}
+
+void NetDeviceMonitor::deleteImpl() noexcept {
+    delete m_impl;
+}
+
+bool NetDeviceMonitor::runImpl() {
+    return m_impl->watch();
+}
+
+void NetDeviceMonitor::stopImpl() noexcept {
+    m_impl->stopWatching();
+}
+
+} // namespace vesk

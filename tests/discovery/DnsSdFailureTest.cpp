@@ -1,0 +1,284 @@
+#include "support/Chain.h"
+#include "support/EventRecorder.h"
+#include "support/Inject.h"
+#include "support/NewFault.h"
+
+#include <vesk/DnsSd.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
+#include <tarncommon/tarnbase/TimePoint.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
+#include <new>
+#include <ostream>
+#include <pthread.h>
+#include <string>
+
+VESK_INJECT_RESULT(
+    pthread_create,
+    (pthread_t * thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument),
+    (thread, attributes, function, argument))
+VESK_INJECT_RESULT(pthread_join, (pthread_t thread, void** result), (thread, result))
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+
+// A failing unlock lets go of the lock all the same, so that the lock can be destroyed.
+support::Injected inject_pthread_mutex_unlock("pthread_mutex_unlock");
+extern "C" VESK_UNWATCHED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    int error = 0;
+    bool const fails = inject_pthread_mutex_unlock.fails(error);
+    int const result =
+        reinterpret_cast<int (*)(pthread_mutex_t*)>(inject_pthread_mutex_unlock.getReal())(mutex);
+    return fails ? error : result;
+}
+
+namespace {
+
+using std::unicode::String;
+using support::chainIs;
+using support::EventRecorder;
+using support::Fault;
+using support::New;
+using support::NewFault;
+using tarnbase::TimePoint;
+using vesk::DnsSd;
+using vesk::DnsSdBase;
+
+String text(std::string const& utf8) {
+    return String::fromUTF8(utf8);
+}
+
+/// One of each, with a record to read.
+struct Clients {
+    Clients() {
+        browser.service_appeared(text("name"), "type", "domain");
+        resolver.resolved(text("name"), "type", "domain", "host", 1, DnsSdBase::Txt::EMPTY);
+        lookup.address("name", "address");
+    }
+
+    DnsSd::SyncBrowser browser{"_http._tcp", "local"};
+    DnsSd::SyncResolver resolver{text("name"), "_http._tcp", "local"};
+    DnsSd::SyncLookup lookup{"host.local"};
+};
+
+// ---- locks ----
+
+struct LockRow {
+    char const* what;
+    char const* function;
+    void (*call)(Clients&);
+};
+
+void PrintTo(LockRow const& row, std::ostream* out) {
+    *out << row.what;
+}
+
+template <typename Client>
+void get(Client& client) {
+    typename Client::Result result;
+    client.get(result);
+}
+
+class DnsSdLock : public testing::TestWithParam<LockRow> {};
+
+TEST_P(DnsSdLock, thatCannotBeTakenAborts) {
+    Clients clients;
+    std::string const where = std::string("ABORT framework/src/vesk/DnsSd ") + GetParam().function;
+    EventRecorder const recorder;
+    {
+        Fault const fault(inject_pthread_mutex_lock, EINVAL);
+        GetParam().call(clients);
+    }
+    // What is not locked cannot be unlocked either.
+    EXPECT_EQ(where + ": error locking\n" + where + ": error unlocking", recorder.getText());
+    EXPECT_FALSE(std::ErrorStorage::isError(true));
+}
+
+TEST_P(DnsSdLock, thatCannotBeReleasedAborts) {
+    Clients clients;
+    EventRecorder const recorder;
+    {
+        Fault const fault(inject_pthread_mutex_unlock, EPERM);
+        GetParam().call(clients);
+    }
+    EXPECT_EQ(
+        std::string("ABORT framework/src/vesk/DnsSd ") + GetParam().function + ": error unlocking",
+        recorder.getText());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, DnsSdLock,
+    testing::Values(
+        LockRow{"browserWait", "wait", [](Clients& c) { c.browser.wait(); }},
+        LockRow{"browserTimedWait", "wait", [](Clients& c) { c.browser.wait(TimePoint(1)); }},
+        LockRow{"browserGet", "get", [](Clients& c) { get(c.browser); }},
+        LockRow{
+            "browserAppeared", "service_appeared",
+            [](Clients& c) { c.browser.service_appeared(text("name"), "type", "domain"); }},
+        LockRow{
+            "browserDisappeared", "service_disappeared",
+            [](Clients& c) { c.browser.service_disappeared(text("name"), "type", "domain"); }},
+        LockRow{"resolverWait", "wait", [](Clients& c) { c.resolver.wait(); }},
+        LockRow{"resolverTimedWait", "wait", [](Clients& c) { c.resolver.wait(TimePoint(1)); }},
+        LockRow{"resolverGet", "get", [](Clients& c) { get(c.resolver); }},
+        LockRow{
+            "resolverResolved", "resolved",
+            [](Clients& c) {
+                c.resolver.resolved(text("name"), "type", "domain", "host", 1, DnsSdBase::Txt::EMPTY);
+            }},
+        LockRow{"lookupWait", "wait", [](Clients& c) { c.lookup.wait(); }},
+        LockRow{"lookupTimedWait", "wait", [](Clients& c) { c.lookup.wait(TimePoint(1)); }},
+        LockRow{"lookupGet", "get", [](Clients& c) { get(c.lookup); }},
+        LockRow{"lookupAddress", "address", [](Clients& c) { c.lookup.address("name", "address"); }}),
+    [](auto const& row) { return std::string(row.param.what); });
+
+// ---- memory ----
+
+/// Has each allocation of a callback fail in turn: the exception passes, nothing is queued, the lock is free.
+template <typename Client>
+void failEveryAllocation(Client& client, std::function<void()> const& callback) {
+    typename Client::Result result;
+    EventRecorder const recorder;
+    int failures = 0;
+    for (int nth = 1;; ++nth) {
+        bool failed = false;
+        {
+            NewFault const fault(New::SINGLE, nth);
+            try {
+                callback();
+            } catch (std::bad_alloc const&) {
+                failed = true;
+            }
+        }
+        ASSERT_EQ(failed, client.get(result)) << "allocation " << nth;
+        if (!failed) {
+            break;
+        }
+        ++failures;
+        ASSERT_TRUE(client.wait(TimePoint(1)));
+    }
+    EXPECT_GE(failures, 3) << "texts and record are on the heap";
+    EXPECT_EQ("", recorder.getText());
+    EXPECT_FALSE(std::ErrorStorage::isError(true));
+}
+
+std::string const LONG(100, 'x');
+String const LONG_NAME = text(LONG);
+
+TEST(DnsSdMemory, browserPassesOnWhatCopyingThrowsAndStaysUsable) {
+    DnsSd::SyncBrowser browser("_http._tcp", "local");
+    failEveryAllocation(browser, [&] { browser.service_appeared(LONG_NAME, LONG, LONG); });
+    failEveryAllocation(browser, [&] { browser.service_disappeared(LONG_NAME, LONG, LONG); });
+}
+
+TEST(DnsSdMemory, resolverPassesOnWhatCopyingThrowsAndStaysUsable) {
+    DnsSd::SyncResolver resolver(text("name"), "_http._tcp", "local");
+    DnsSdBase::Txt txt;
+    txt["a"] = LONG;
+    txt["b"] = LONG;
+    failEveryAllocation(resolver, [&] { resolver.resolved(LONG_NAME, LONG, LONG, LONG, 80, txt); });
+}
+
+TEST(DnsSdMemory, lookupPassesOnWhatCopyingThrowsAndStaysUsable) {
+    DnsSd::SyncLookup lookup("host.local");
+    failEveryAllocation(lookup, [&] { lookup.address(LONG, LONG); });
+}
+
+TEST(DnsSdMemory, recordsBeforeAFailureStay) {
+    DnsSd::SyncLookup lookup("host.local");
+    lookup.address("first", "1");
+    {
+        NewFault const fault(New::SINGLE);
+        EXPECT_THROW(lookup.address(LONG, LONG), std::bad_alloc);
+    }
+    lookup.address("second", "2");
+    DnsSd::SyncLookup::Result result;
+    EXPECT_FALSE(lookup.get(result));
+    EXPECT_EQ("first", result.name);
+    EXPECT_FALSE(lookup.get(result));
+    EXPECT_EQ("second", result.name);
+    EXPECT_TRUE(lookup.get(result));
+}
+
+TEST(DnsSdMemory, getNeedsNone) {
+    DnsSd::SyncResolver resolver(text("name"), "_http._tcp", "local");
+    DnsSdBase::Txt txt;
+    txt["a"] = LONG;
+    resolver.resolved(LONG_NAME, LONG, LONG, LONG, 80, txt);
+    DnsSd::SyncResolver::Result result;
+    NewFault const fault(New::SINGLE);
+    EXPECT_FALSE(resolver.get(result));
+    EXPECT_EQ(0, fault.getCalls());
+    EXPECT_EQ(LONG, result.host);
+    EXPECT_EQ(LONG, result.txt.at("a"));
+}
+
+TEST(DnsSdMemory, txtDataWithoutMemoryIsInvalid) {
+    DnsSdBase::Txt txt;
+    for (bool const filled : {false, true}) {
+        if (filled) {
+            txt["a"] = "b";
+        }
+        NewFault const fault(New::NOTHROW_SINGLE);
+        std::Buf const wire = txt.data();
+        EXPECT_FALSE(wire.isValid());
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_TRUE(chainIs({{std::CommonError, 0}}));
+    }
+}
+
+// ---- the thread ----
+
+TEST(DnsSdThread, thatCannotBeMadeIsAWarningAndHindersNobody) {
+    EventRecorder const recorder;
+    {
+        DnsSd::SyncLookup lookup("host.local");
+        lookup.address("name", "address");
+        Fault const fault(inject_pthread_create, EAGAIN);
+        DnsSd::SyncLookup::Result result;
+        EXPECT_FALSE(lookup.get(result));
+        Fault const joins(inject_pthread_join, 0);
+        { DnsSd::SyncBrowser const browser("_http._tcp", "local"); }
+        EXPECT_EQ(0, joins.getCalls()) << "there is none to join";
+    }
+    ASSERT_EQ(1U, recorder.getCount());
+    std::string const warning = recorder.getText();
+    EXPECT_EQ(
+        0U,
+        warning.find(
+            "WARNING framework/src/vesk/DnsSd DnsSdThread: Couldn't start the thread of service discovery: "))
+        << warning;
+    EXPECT_NE(std::string::npos, warning.find("thread creation failed")) << warning;
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST(DnsSdThread, isMadeAnewAfterItCouldNotBeMade) {
+    EventRecorder const recorder;
+    {
+        Fault const fault(inject_pthread_create, EAGAIN);
+        { DnsSd::SyncLookup const lookup("host.local"); }
+        { DnsSd::SyncLookup const lookup("host.local"); }
+        EXPECT_EQ(2, fault.getCalls());
+    }
+    EXPECT_EQ(1U, recorder.getCount());
+}
+
+TEST(DnsSdThread, thatCannotBeJoinedIsAWarning) {
+    EventRecorder const recorder;
+    {
+        Fault const fault(inject_pthread_join, EINVAL);
+        { DnsSd::SyncLookup const lookup("host.local"); }
+    }
+    std::string const warning = recorder.getText();
+    EXPECT_EQ(
+        0U,
+        warning.find(
+            "WARNING framework/src/vesk/DnsSd ~DnsSdThread: Couldn't join the thread of service discovery: "))
+        << warning;
+    EXPECT_TRUE(chainIs({}));
+}
+
+} // namespace

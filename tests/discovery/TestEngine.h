@@ -1,0 +1,167 @@
+#pragma once
+
+#include <vesk/DnsSd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace support {
+
+/// Installs an engine while it lives.
+class Installed {
+public:
+    explicit Installed(vesk::DnsSd::Engine& engine) : m_before(vesk::DnsSd::setEngine(&engine)) {}
+    ~Installed() { vesk::DnsSd::setEngine(m_before); }
+
+    Installed(Installed const&) = delete;
+    Installed& operator=(Installed const&) = delete;
+
+private:
+    vesk::DnsSd::Engine* m_before;
+};
+
+/// An engine with a thread of its own: it notes what it is asked, and delivers what the test tells it to.
+class TestEngine : public vesk::DnsSd::Engine {
+public:
+    using Client = vesk::DnsSdBase::Client;
+    using String = std::unicode::String;
+    using Txt = vesk::DnsSdBase::Txt;
+    using Delivery = std::function<void(Client&)>;
+
+    TestEngine() : m_thread([this] { deliver(); }) {}
+    ~TestEngine() override {
+        {
+            std::lock_guard<std::mutex> const guard(m_mutex);
+            m_ends = true;
+        }
+        m_changed.notify_all();
+        m_thread.join();
+    }
+
+    void browse(Client& client, std::string const& type, std::string const& domain) override {
+        enter(client, "browse " + type + " " + domain);
+    }
+    void
+    resolve(Client& client, String const& name, std::string const& type, std::string const& domain) override {
+        enter(client, "resolve " + name.toUTF8() + " " + type + " " + domain);
+    }
+    void lookup(Client& client, std::string const& name) override { enter(client, "lookup " + name); }
+    void publish(
+        Client& client, String const& name, std::string const& type, std::string const& domain,
+        unsigned short port, Txt const& txt) override {
+        std::string call =
+            "publish " + name.toUTF8() + " " + type + " " + domain + " " + std::to_string(port);
+        for (auto const& [key, value] : txt) {
+            call += " " + key + "=" + value;
+        }
+        enter(client, call);
+    }
+
+    /// Takes the client out, and waits for the delivery that is under way for it.
+    void cancel(Client& client) override {
+        if (on_cancel) {
+            on_cancel(client);
+        }
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_calls.push_back("cancel");
+        m_clients.erase(std::find(m_clients.begin(), m_clients.end(), &client));
+        m_changed.wait(lock, [&] { return m_called != &client; });
+    }
+
+    /// Has the thread call every client that is registered, now or later, once.
+    void tell(Delivery delivery) {
+        {
+            std::lock_guard<std::mutex> const guard(m_mutex);
+            for (Client* client : m_clients) {
+                m_deliveries.emplace_back(client, delivery);
+            }
+            m_for_new_ones.push_back(std::move(delivery));
+        }
+        m_changed.notify_all();
+    }
+
+    /// Has the thread call every client that is registered again and again.
+    void flood(Delivery delivery) {
+        {
+            std::lock_guard<std::mutex> const guard(m_mutex);
+            m_flood = std::move(delivery);
+        }
+        m_changed.notify_all();
+    }
+
+    /// What it was asked so far.
+    std::vector<std::string> getCalls() const {
+        std::lock_guard<std::mutex> const guard(m_mutex);
+        return m_calls;
+    }
+
+    /// Set before a client is made. `on_enter` runs at the end of each operation, `on_cancel` at the beginning of `cancel`.
+    std::function<void(Client&)> on_enter;
+    std::function<void(Client&)> on_cancel;
+
+private:
+    void enter(Client& client, std::string const& call) {
+        {
+            std::lock_guard<std::mutex> const guard(m_mutex);
+            m_calls.push_back(call);
+            m_clients.push_back(&client);
+            for (Delivery const& delivery : m_for_new_ones) {
+                m_deliveries.emplace_back(&client, delivery);
+            }
+        }
+        m_changed.notify_all();
+        if (on_enter) {
+            on_enter(client);
+        }
+    }
+
+    /// The thread: one delivery after the other, each without a lock, so that a client may be cancelled meanwhile.
+    void deliver() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        size_t next = 0;
+        while (!m_ends) {
+            Delivery delivery;
+            if (!m_deliveries.empty()) {
+                m_called = m_deliveries.front().first;
+                delivery = std::move(m_deliveries.front().second);
+                m_deliveries.pop_front();
+                if (std::find(m_clients.begin(), m_clients.end(), m_called) == m_clients.end()) {
+                    m_called = nullptr; // Cancelled before its turn.
+                    continue;
+                }
+            } else if (m_flood && !m_clients.empty()) {
+                m_called = m_clients[next++ % m_clients.size()];
+                delivery = m_flood;
+            } else {
+                m_changed.wait(lock);
+                continue;
+            }
+            Client& client = *m_called;
+            lock.unlock();
+            delivery(client);
+            lock.lock();
+            m_called = nullptr;
+            m_changed.notify_all();
+        }
+    }
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<std::string> m_calls;
+    std::vector<Client*> m_clients;
+    std::vector<Delivery> m_for_new_ones;
+    std::deque<std::pair<Client*, Delivery>> m_deliveries;
+    Delivery m_flood;
+    Client* m_called = nullptr; // Whom the thread is calling right now.
+    bool m_ends = false;
+    std::thread m_thread;
+};
+
+} // namespace support

@@ -1,0 +1,212 @@
+#include "support/Chain.h"
+
+#include <vesk/NetDevice.h>
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/tarnbase/NonCopyable.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <fstream>
+#include <net/if.h>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+/// What needs no interfaces of the test's own: nothing is changed here.
+
+namespace {
+
+using support::chainIs;
+using support::rowText;
+using support::systemText;
+using vesk::NetDevice;
+using Info = NetDevice::InterfaceInfo;
+
+static_assert(!std::is_copy_constructible_v<NetDevice> && !std::is_copy_assignable_v<NetDevice>);
+static_assert(std::is_base_of_v<tarnbase::NonCopyable, NetDevice>);
+static_assert(!std::is_polymorphic_v<NetDevice>);
+static_assert(!std::is_convertible_v<char const*, NetDevice>);
+static_assert(std::is_same_v<decltype(Info::name), std::string>);
+static_assert(std::is_same_v<decltype(Info::address), vesk::IPSocket::IPAddress>);
+static_assert(std::is_same_v<decltype(Info::netmask), vesk::IPSocket::IPAddress>);
+static_assert(std::is_same_v<decltype(Info::broadcast_address), vesk::IPSocket::IPAddress>);
+static_assert(sizeof Info::hardware_address == 6);
+static_assert(std::is_same_v<decltype(Info::mtu), int> && std::is_same_v<decltype(Info::type), int>);
+static_assert(std::is_same_v<decltype(Info::flags), uint32_t>);
+static_assert(Info::LOOPBACK == 0 && Info::POINT_TO_POINT == 1 && Info::OTHER == 2);
+
+testing::AssertionResult complainsOfItself() {
+    return chainIs({{std::CommonError, 1, rowText(std::CommonError, 1, "invalid object")}});
+}
+
+testing::AssertionResult complainsOfTheEnd() {
+    return chainIs({{std::CommonError, 1, rowText(std::CommonError, 1, "no current interface")}});
+}
+
+std::vector<std::string> getNames() {
+    std::vector<std::string> names;
+    struct if_nameindex* const list = if_nameindex();
+    for (struct if_nameindex const* row = list; row != nullptr && row->if_index != 0; ++row) {
+        names.emplace_back(row->if_name);
+    }
+    if_freenameindex(list);
+    return names;
+}
+
+// ---- walking ----
+
+TEST(NetDevice, WalksAllInterfacesInTheOrderOfTheSystem) {
+    NetDevice devices(nullptr);
+    ASSERT_TRUE(devices.isValid());
+    std::vector<std::string> names;
+    Info info;
+    int result = 0;
+    while ((result = devices.getNextInfo(info)) == 0) {
+        names.push_back(info.name);
+    }
+    EXPECT_EQ(1, result);
+    EXPECT_TRUE(chainIs({}));
+    EXPECT_FALSE(names.empty());
+    EXPECT_EQ(getNames(), names);
+}
+
+TEST(NetDevice, StaysAtTheEndOfItsWalk) {
+    NetDevice device("lo");
+    Info info;
+    ASSERT_EQ(0, device.getNextInfo(info));
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(1, device.getNextInfo(info));
+    }
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST(NetDevice, LeavesAnInfoAtTheEndOfTheWalkAsItWas) {
+    NetDevice device("lo");
+    Info info;
+    ASSERT_EQ(0, device.getNextInfo(info));
+    ASSERT_EQ(1, device.getNextInfo(info));
+    EXPECT_EQ("lo", info.name);
+    EXPECT_EQ(Info::LOOPBACK, info.type);
+}
+
+TEST(NetDevice, TellsOfASingleInterfaceOnce) {
+    NetDevice device("lo");
+    ASSERT_TRUE(device.isValid());
+    Info info;
+    ASSERT_EQ(0, device.getNextInfo(info));
+    EXPECT_EQ("lo", info.name);
+    EXPECT_EQ(1, device.getNextInfo(info));
+}
+
+TEST(NetDevice, DoesNotKeepTheTextOfItsName) {
+    std::string name = "lo";
+    NetDevice device(name.c_str());
+    name = "no";
+    Info info;
+    ASSERT_EQ(0, device.getNextInfo(info));
+    EXPECT_EQ("lo", info.name);
+}
+
+TEST(NetDevice, MayBeDestroyedBeforeItHasWalked) {
+    NetDevice const all(nullptr);
+    NetDevice const one("lo");
+    EXPECT_TRUE(all.isValid() && one.isValid());
+}
+
+TEST(NetDevice, WalksBesideOthers) {
+    NetDevice first("lo");
+    NetDevice second("lo");
+    Info info;
+    EXPECT_EQ(0, first.getNextInfo(info));
+    EXPECT_EQ(0, second.getNextInfo(info));
+    EXPECT_EQ(1, first.getNextInfo(info));
+    EXPECT_EQ(1, second.getNextInfo(info));
+}
+
+TEST(NetDevice, TellsOfTheLoopback) {
+    NetDevice device("lo");
+    Info info;
+    ASSERT_EQ(0, device.getNextInfo(info));
+    EXPECT_EQ(Info::LOOPBACK, info.type);
+    EXPECT_FALSE(info.has_hardware_address);
+    EXPECT_FALSE(info.has_broadcast_address);
+    EXPECT_FALSE(info.broadcast);
+    EXPECT_EQ("", info.broadcast_address.host);
+    EXPECT_EQ(info.up, (info.flags & IFF_UP) != 0);
+    EXPECT_EQ(static_cast<uint32_t>(IFF_LOOPBACK), info.flags & (IFF_LOOPBACK | IFF_POINTOPOINT | ~0xffffU));
+    int mtu = 0;
+    ASSERT_TRUE(std::ifstream("/sys/class/net/lo/mtu") >> mtu);
+    EXPECT_EQ(mtu, info.mtu);
+}
+
+TEST(NetDevice, StartsAnInfoWithoutAnything) {
+    Info const info;
+    EXPECT_EQ("", info.name + info.address.host + info.netmask.host + info.broadcast_address.host);
+    EXPECT_EQ(0, info.address.port + info.netmask.port + info.broadcast_address.port);
+    EXPECT_FALSE(info.has_address || info.has_netmask || info.has_broadcast_address);
+    EXPECT_FALSE(info.has_hardware_address);
+    EXPECT_FALSE(info.up || info.running || info.promiscuous || info.multicast || info.broadcast);
+    EXPECT_EQ(0, info.mtu);
+    EXPECT_EQ(2, info.type);
+    EXPECT_EQ(0U, info.flags);
+}
+
+// ---- past the end ----
+
+TEST(NetDevice, SetsNothingPastTheEndOfItsWalk) {
+    NetDevice device("lo");
+    Info info;
+    ASSERT_EQ(0, device.getNextInfo(info));
+    ASSERT_EQ(1, device.getNextInfo(info));
+    EXPECT_TRUE(device.setAddress("127.0.0.1"));
+    EXPECT_TRUE(complainsOfTheEnd());
+    EXPECT_TRUE(device.setNetmask("255.0.0.0"));
+    EXPECT_TRUE(complainsOfTheEnd());
+    EXPECT_TRUE(device.setInterfaceStatus(true));
+    EXPECT_TRUE(complainsOfTheEnd());
+    EXPECT_TRUE(device.setPromiscuous(false));
+    EXPECT_TRUE(complainsOfTheEnd());
+    EXPECT_EQ(1, device.getNextInfo(info));
+    EXPECT_TRUE(chainIs({}));
+}
+
+// ---- names ----
+
+class UnknownName : public testing::TestWithParam<std::string> {};
+
+TEST_P(UnknownName, MakesAnObjectThatDoesNothing) {
+    NetDevice device(GetParam().c_str());
+    EXPECT_FALSE(device.isValid());
+    EXPECT_TRUE(chainIs({{vesk::SysError, 16, rowText(vesk::SysError, 16, systemText(ENODEV))}}));
+    Info info;
+    info.name = "before";
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(-1, device.getNextInfo(info));
+        EXPECT_TRUE(complainsOfItself());
+        EXPECT_EQ("", info.name);
+        EXPECT_TRUE(device.setAddress("127.0.0.1"));
+        EXPECT_TRUE(complainsOfItself());
+        EXPECT_TRUE(device.setAddress("no name at all"));
+        EXPECT_TRUE(complainsOfItself());
+        EXPECT_TRUE(device.setAddress(nullptr));
+        EXPECT_TRUE(complainsOfItself());
+        EXPECT_TRUE(device.setNetmask("255.0.0.0"));
+        EXPECT_TRUE(complainsOfItself());
+        EXPECT_TRUE(device.setInterfaceStatus(true));
+        EXPECT_TRUE(complainsOfItself());
+        EXPECT_TRUE(device.setPromiscuous(true));
+        EXPECT_TRUE(complainsOfItself());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, UnknownName,
+    testing::Values(
+        "", "no-such-device", "lo ", "LO", "%d", std::string(15, 'x'), std::string(16, 'x'),
+        std::string(17, 'x'), std::string(300, 'x'), "lo\nlo", "\xff\xfe"));
+
+} // namespace

@@ -1,0 +1,523 @@
+#include "UDPCalls.h"
+#include "UDPSupport.h"
+#include "support/EventRecorder.h"
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorOutput.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace {
+
+using support::CallRecorder;
+using support::chainIs;
+using support::EventRecorder;
+using support::ExpectedReport;
+using support::Fault;
+using support::Injected;
+using support::OpenUDPSocket;
+using support::rowText;
+using support::StreamError;
+using support::streamFailure;
+using support::systemText;
+using vesk::IPSocket;
+using vesk::Socket;
+using vesk::SysError;
+using vesk::UDPSocket;
+
+using IPAddress = IPSocket::IPAddress;
+
+IPAddress const LOCAL(IPSocket::LOOPBACK_IP, 0);
+IPAddress const PEER(IPSocket::LOOPBACK_IP, 9);
+IPAddress const GROUP("239.1.2.3", 5000);
+IPAddress const LOCAL6("fe80::1%lo", 0);
+IPAddress const GROUP6("ff02::1:3", 5000);
+
+/// What one number means; without a family it makes no report.
+struct Row {
+    int error;
+    std::ErrorType const* family;
+    int id;
+    int stream = -1;
+};
+
+std::string nameOf(testing::TestParamInfo<Row> const& info) {
+    return strerrorname_np(info.param.error);
+}
+
+std::vector<ExpectedReport> reportOf(Row const& row) {
+    if (row.family == nullptr) {
+        return {};
+    }
+    return {{*row.family, row.id, rowText(*row.family, row.id, systemText(row.error))}};
+}
+
+bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+// ---- socket ----
+
+class UDPSocketCall : public testing::TestWithParam<Row> {};
+
+TEST_P(UDPSocketCall, failureMakesAnInvalidObject) {
+    EventRecorder const events;
+    for (auto const version : {IPSocket::IPV4, IPSocket::IPV6}) {
+        IPAddress const& address =
+            version == IPSocket::IPV6 ? IPAddress::ANY_ADDRESS6 : IPAddress::ANY_ADDRESS;
+        Fault const fault(inject_socket, GetParam().error, 1, Fault::FOREVER);
+        UDPSocket const socket(false, 0, 0, address, address, version);
+        EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
+        EXPECT_TRUE(chainIs(reportOf(GetParam())));
+        EXPECT_FALSE(socket.isValid());
+        EXPECT_EQ(Socket::INACTIVE, socket.getState());
+        EXPECT_EQ(-1, socket.getSocketFd());
+    }
+    EXPECT_EQ("", events.getText()) << "it is destroyed silently";
+    EXPECT_TRUE(chainIs({}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, UDPSocketCall,
+    testing::Values(
+        Row{EMFILE, &SysError, 0}, Row{ENFILE, &SysError, 0}, Row{EACCES, &SysError, 7},
+        Row{EINVAL, &Socket::Error, 3}, Row{EPROTOTYPE, &Socket::Error, 3},
+        Row{EPROTONOSUPPORT, &Socket::Error, 3}, Row{EAFNOSUPPORT, &Socket::Error, 3},
+        Row{ENOMEM, &SysError, 1}, Row{ENOBUFS, &SysError, 1}, Row{EPERM, &SysError, 19},
+        Row{EINTR, &SysError, 19}),
+    nameOf);
+
+// ---- fcntl ----
+
+/// Which of the two calls fails, with what.
+struct FlagRow {
+    char const* name;
+    int nth;
+    int error;
+};
+
+class UDPFcntl : public testing::TestWithParam<FlagRow> {};
+
+TEST_P(UDPFcntl, failureClosesTheDescriptorAndKeepsItsReport) {
+    EventRecorder const events;
+    {
+        CallRecorder calls;
+        Fault const fault(inject_fcntl, GetParam().error, GetParam().nth);
+        UDPSocket const socket(false, 0, 0, LOCAL, PEER, IPSocket::IPV4);
+        std::string const text = calls.getText();
+        EXPECT_EQ("close(s)\n", text.substr(text.find("close")));
+        EXPECT_EQ(GetParam().nth, fault.getCalls());
+        EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam().error))}}));
+        EXPECT_FALSE(socket.isValid());
+        EXPECT_EQ(Socket::DEAD, socket.getState());
+        EXPECT_EQ(-1, socket.getSocketFd());
+    }
+    EXPECT_EQ("", events.getText());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_P(UDPFcntl, failedCloseBehindAFailureWarnsAndKeepsTheFirstReport) {
+    for (int const close_error : {EIO, EBADF}) {
+        EventRecorder const events;
+        {
+            Fault const fault(inject_fcntl, GetParam().error, GetParam().nth);
+            Fault const close_fault(inject_close, close_error);
+            UDPSocket const socket(false, 0, 0, LOCAL, PEER, IPSocket::IPV4);
+            EXPECT_EQ(1, close_fault.getCalls());
+            EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam().error))}}));
+            EXPECT_FALSE(socket.isValid());
+            EXPECT_EQ(Socket::DEAD, socket.getState());
+            EXPECT_EQ(-1, socket.getSocketFd());
+        }
+        EXPECT_EQ("WARNING framework/src/vesk/posix/UDPSocket UDPSocket: close error", events.getText());
+        close(CallRecorder::s_last_socket);
+    }
+}
+
+TEST_P(UDPFcntl, interruptedCloseBehindAFailureIsRepeated) {
+    EventRecorder const events;
+    Fault const fault(inject_fcntl, GetParam().error, GetParam().nth);
+    Fault const close_fault(inject_close, EINTR, 1, 2);
+    UDPSocket const socket(false, 0, 0, LOCAL, PEER, IPSocket::IPV4);
+    EXPECT_EQ(3, close_fault.getCalls());
+    EXPECT_TRUE(chainIs({{SysError, 19}}));
+    EXPECT_EQ("", events.getText());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, UDPFcntl,
+    testing::Values(
+        FlagRow{"getEBADF", 1, EBADF}, FlagRow{"getEINTR", 1, EINTR}, FlagRow{"setEINVAL", 2, EINVAL},
+        FlagRow{"setEPERM", 2, EPERM}),
+    [](testing::TestParamInfo<FlagRow> const& row) { return row.param.name; });
+
+// ---- setsockopt ----
+
+/// The calls of `open` that set an option.
+struct OptionCall {
+    char const* name;
+    IPSocket::IPProtocolVersion version;
+    int nth;
+};
+
+constexpr OptionCall OPTION_CALLS[] = {
+    {"SO_REUSEADDR", IPSocket::IPV4, 1},      {"IP_MULTICAST_IF", IPSocket::IPV4, 2},
+    {"IP_ADD_MEMBERSHIP", IPSocket::IPV4, 3}, {"SO_REUSEADDR", IPSocket::IPV6, 1},
+    {"IPV6_MULTICAST_IF", IPSocket::IPV6, 2}, {"IPV6_ADD_MEMBERSHIP", IPSocket::IPV6, 3},
+};
+
+class UDPSetOption : public testing::TestWithParam<Row> {};
+
+TEST_P(UDPSetOption, failureInOpenStopsItAndLeavesTheSocketInactiveWithItsDescriptor) {
+    for (OptionCall const& call : OPTION_CALLS) {
+        SCOPED_TRACE(call.name);
+        EventRecorder const events;
+        {
+            CallRecorder calls(CallRecorder::PRETEND);
+            bool const six = call.version == IPSocket::IPV6;
+            UDPSocket socket(true, 0, 0, six ? LOCAL6 : LOCAL, six ? GROUP6 : GROUP, call.version);
+            ASSERT_TRUE(socket.isValid());
+            int const fd = socket.getSocketFd();
+            calls.getText();
+            {
+                Fault const fault(inject_setsockopt, GetParam().error, call.nth, Fault::FOREVER);
+                socket.open();
+                EXPECT_EQ(call.nth, fault.getCalls()) << "it is not repeated, and nothing comes behind it";
+            }
+            std::string const text = calls.getText();
+            size_t const last = text.rfind("setsockopt");
+            ASSERT_NE(std::string::npos, last);
+            EXPECT_NE(std::string::npos, text.find(call.name, last)) << text;
+            EXPECT_EQ(text.size() - 1, text.find('\n', last)) << text;
+            EXPECT_EQ(call.nth != 1, text.find("bind(") != std::string::npos) << text;
+
+            EXPECT_TRUE(socket.hadError());
+            EXPECT_TRUE(chainIs(reportOf(GetParam())));
+            EXPECT_TRUE(socket.isValid());
+            EXPECT_EQ(Socket::INACTIVE, socket.getState());
+            EXPECT_EQ(fd, socket.getSocketFd());
+            EXPECT_TRUE(isOpen(fd));
+        }
+        EXPECT_EQ("", events.getText()) << "it is closed without a complaint";
+        EXPECT_TRUE(chainIs({}));
+    }
+}
+
+TEST_P(UDPSetOption, failureOfBroadcastIsToldByTheFlag) {
+    for (auto const& peer : {PEER, GROUP}) {
+        UDPSocket socket(true, 0, 0, LOCAL, peer, IPSocket::IPV4);
+        Fault const fault(inject_setsockopt, GetParam().error, 1, Fault::FOREVER);
+        socket.setBroadcast(true);
+        EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
+        EXPECT_TRUE(socket.hadError());
+        EXPECT_TRUE(chainIs(reportOf(GetParam())));
+        EXPECT_EQ(Socket::INACTIVE, socket.getState());
+        EXPECT_TRUE(isOpen(socket.getSocketFd()));
+        EXPECT_FALSE(socket.getBroadcast());
+        EXPECT_FALSE(socket.hadError());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, UDPSetOption,
+    testing::Values(
+        Row{EBADF, &Socket::Error, 0}, Row{ENOTSOCK, &Socket::Error, 0}, Row{EFAULT, &SysError, 2},
+        Row{EINVAL, &SysError, 2}, Row{EDOM, &SysError, 2}, Row{EISCONN, &SysError, 2},
+        Row{ENOPROTOOPT, &Socket::Error, 1}, Row{ENODEV, &SysError, 19}, Row{EADDRNOTAVAIL, &SysError, 19},
+        Row{EADDRINUSE, &SysError, 19}, Row{ENOBUFS, &SysError, 19}, Row{EINTR, &SysError, 19}),
+    nameOf);
+
+// ---- getsockopt ----
+
+class UDPGetOption : public testing::TestWithParam<Row> {};
+
+TEST_P(UDPGetOption, failureOfBroadcastIsToldByTheFlag) {
+    for (auto const& peer : {PEER, GROUP}) {
+        UDPSocket socket(true, 0, 0, LOCAL, peer, IPSocket::IPV4);
+        socket.setBroadcast(true);
+        Fault const fault(inject_getsockopt, GetParam().error, 1, Fault::FOREVER);
+        EXPECT_FALSE(socket.getBroadcast());
+        EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
+        EXPECT_TRUE(socket.hadError());
+        EXPECT_TRUE(chainIs(reportOf(GetParam())));
+        EXPECT_EQ(Socket::INACTIVE, socket.getState());
+        EXPECT_TRUE(isOpen(socket.getSocketFd()));
+    }
+}
+
+TEST_P(UDPGetOption, failureOfTheLargestSizeIsToldByTheFlagAlone) {
+    EventRecorder const events;
+    UDPSocket const socket(true, 0, 0, LOCAL, PEER, IPSocket::IPV4);
+    {
+        Fault const fault(inject_getsockopt, GetParam().error, 1, Fault::FOREVER);
+        EXPECT_EQ(0U, socket.maxTxSize());
+        EXPECT_EQ(1, fault.getCalls());
+    }
+    EXPECT_TRUE(socket.hadError());
+    EXPECT_TRUE(chainIs({}));
+    EXPECT_EQ("", events.getText()) << "there is no warning";
+    EXPECT_NE(0U, socket.maxTxSize());
+    EXPECT_FALSE(socket.hadError());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, UDPGetOption,
+    testing::Values(
+        Row{EBADF, &Socket::Error, 0}, Row{EINVAL, &Socket::Error, 0}, Row{ENOTSOCK, &Socket::Error, 0},
+        Row{EACCES, &SysError, 7}, Row{ENOPROTOOPT, &Socket::Error, 1}, Row{ENOBUFS, &SysError, 1},
+        Row{EFAULT, &SysError, 19}, Row{EINTR, &SysError, 19}),
+    nameOf);
+
+// ---- bind ----
+
+class UDPBind : public testing::TestWithParam<Row> {};
+
+TEST_P(UDPBind, failureClosesTheSocketAndKeepsItsReport) {
+    for (auto const& peer : {PEER, GROUP}) {
+        EventRecorder const events;
+        {
+            CallRecorder calls;
+            UDPSocket socket(true, 0, 0, LOCAL, peer, IPSocket::IPV4);
+            calls.getText();
+            {
+                Fault const fault(inject_bind, GetParam().error, 1, Fault::FOREVER);
+                socket.open();
+                EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
+            }
+            std::string const text = calls.getText();
+            EXPECT_EQ(
+                "bind(s, 020000007f0000010000000000000000)\nclose(s)\n", text.substr(text.find("bind")));
+            EXPECT_TRUE(socket.hadError());
+            EXPECT_TRUE(chainIs(reportOf(GetParam())));
+            EXPECT_FALSE(socket.isValid());
+            EXPECT_EQ(Socket::DEAD, socket.getState());
+            EXPECT_EQ(-1, socket.getSocketFd());
+        }
+        EXPECT_EQ("", events.getText());
+        EXPECT_TRUE(chainIs({}));
+    }
+}
+
+TEST_P(UDPBind, failedCloseBehindAFailureWarnsAndKeepsTheFirstReport) {
+    for (int const close_error : {EIO, EBADF}) {
+        EventRecorder const events;
+        {
+            UDPSocket socket(true, 0, 0, LOCAL, PEER, IPSocket::IPV4);
+            Fault const fault(inject_bind, GetParam().error);
+            Fault const close_fault(inject_close, close_error);
+            socket.open();
+            EXPECT_EQ(1, close_fault.getCalls());
+            EXPECT_TRUE(socket.hadError());
+            EXPECT_TRUE(chainIs(reportOf(GetParam())));
+            EXPECT_EQ(Socket::DEAD, socket.getState());
+            EXPECT_EQ(-1, socket.getSocketFd());
+        }
+        EXPECT_EQ("WARNING framework/src/vesk/posix/UDPSocket open: error closing", events.getText());
+        close(CallRecorder::s_last_socket);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, UDPBind,
+    testing::Values(
+        Row{EINVAL, &SysError, 10}, Row{ENOENT, &SysError, 10}, Row{EIO, &SysError, 10},
+        Row{EBADF, &SysError, 10}, Row{EFAULT, &SysError, 10}, Row{ENOTDIR, &SysError, 10},
+        Row{EISDIR, &SysError, 10}, Row{EROFS, &SysError, 10}, Row{ENAMETOOLONG, &SysError, 10},
+        Row{ELOOP, &SysError, 10}, Row{ENOTSOCK, &SysError, 10}, Row{EDESTADDRREQ, &SysError, 10},
+        Row{EOPNOTSUPP, &SysError, 10}, Row{EAFNOSUPPORT, &SysError, 10}, Row{EISCONN, &SysError, 10},
+        Row{ENOMEM, &SysError, 1}, Row{EACCES, &SysError, 7}, Row{EADDRINUSE, &Socket::Error, 4},
+        Row{EADDRNOTAVAIL, &Socket::Error, 5}, Row{ENOBUFS, &SysError, 0}, Row{ENODEV, &SysError, 19},
+        Row{EPERM, &SysError, 19}, Row{EINTR, &SysError, 19}),
+    nameOf);
+
+// ---- connect ----
+
+class UDPConnect : public testing::TestWithParam<Row> {};
+
+TEST_P(UDPConnect, failureOnlyWarnsAndLeavesItsReport) {
+    EventRecorder const events;
+    OpenUDPSocket socket(LOCAL, PEER);
+    int const fd = socket.getSocketFd();
+    {
+        Fault const fault(inject_connect, GetParam().error);
+        socket.open();
+        EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
+    }
+    EXPECT_EQ("WARNING framework/src/vesk/posix/UDPSocket open: error connecting", events.getText());
+    EXPECT_FALSE(socket.hadError());
+    EXPECT_TRUE(chainIs(reportOf(GetParam())));
+    EXPECT_TRUE(socket.isValid());
+    EXPECT_EQ(Socket::OPEN, socket.getState());
+    EXPECT_EQ(fd, socket.getSocketFd());
+    EXPECT_TRUE(isOpen(fd));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, UDPConnect,
+    testing::Values(
+        Row{EALREADY, nullptr, 0}, Row{EINPROGRESS, nullptr, 0}, Row{EPERM, &SysError, 7},
+        Row{EACCES, &SysError, 7}, Row{ENOENT, &SysError, 10}, Row{EBADF, &SysError, 10},
+        Row{EFAULT, &SysError, 10}, Row{ENOTDIR, &SysError, 10}, Row{EINVAL, &SysError, 10},
+        Row{ENAMETOOLONG, &SysError, 10}, Row{ELOOP, &SysError, 10}, Row{ENOTSOCK, &SysError, 10},
+        Row{EPROTOTYPE, &SysError, 10}, Row{EOPNOTSUPP, &SysError, 10}, Row{EAFNOSUPPORT, &SysError, 10},
+        Row{EISCONN, &SysError, 10}, Row{ETIMEDOUT, &SysError, 10}, Row{EAGAIN, &SysError, 0},
+        Row{ENOBUFS, &SysError, 0}, Row{EADDRINUSE, &Socket::Error, 4}, Row{EADDRNOTAVAIL, &Socket::Error, 5},
+        Row{ENETDOWN, &Socket::Error, 8}, Row{ENETUNREACH, &Socket::Error, 8},
+        Row{ECONNRESET, &Socket::Error, 6}, Row{ECONNREFUSED, &Socket::Error, 7},
+        Row{EHOSTUNREACH, &Socket::Error, 7}, Row{EIO, &SysError, 19}, Row{ENOMEM, &SysError, 19}),
+    nameOf);
+
+TEST(UDPConnectCall, isRepeatedWhileASignalInterruptsIt) {
+    EventRecorder const events;
+    OpenUDPSocket socket(LOCAL, PEER);
+    Fault const fault(inject_connect, EINTR, 1, 3);
+    socket.open();
+    EXPECT_EQ(4, fault.getCalls());
+    EXPECT_EQ("", events.getText());
+    EXPECT_FALSE(socket.hadError());
+    EXPECT_TRUE(chainIs({}));
+    EXPECT_EQ(Socket::OPEN, socket.getState());
+}
+
+// ---- send and sendto ----
+
+constexpr unsigned int UNTOUCHED = 77;
+
+class UDPSendCalls : public testing::Test {
+protected:
+    /// Opens a socket to a peer or to a group, with calls that only seem to succeed, and has it write once.
+    void writeOnce(IPAddress const& peer, Injected& function, int error, int times) {
+        OpenUDPSocket socket(LOCAL, peer);
+        socket.open();
+        ASSERT_FALSE(socket.hadError());
+        socket.m_had_error = true;
+        int const fd = socket.getSocketFd();
+        m_calls.getText();
+        {
+            Fault const fault(function, error, 1, times);
+            m_failed = socket.performWrite("abc", 3, m_put);
+            m_count = fault.getCalls();
+            m_text = m_calls.getText();
+        }
+        m_had_error = socket.hadError();
+        EXPECT_TRUE(socket.isValid());
+        EXPECT_EQ(Socket::OPEN, socket.getState());
+        EXPECT_EQ(fd, socket.getSocketFd());
+        EXPECT_TRUE(isOpen(fd));
+    }
+
+    CallRecorder m_calls{CallRecorder::PRETEND};
+    unsigned int m_put = UNTOUCHED;
+    bool m_failed = false;
+    bool m_had_error = false;
+    int m_count = 0;
+    std::string m_text;
+};
+
+class UDPSend : public UDPSendCalls, public testing::WithParamInterface<Row> {};
+
+TEST_P(UDPSend, failureToTheOnePeerIsReported) {
+    Row const& row = GetParam();
+    writeOnce(PEER, inject_send, row.error, Fault::FOREVER);
+    EXPECT_EQ(1, m_count) << "it is not repeated";
+    EXPECT_TRUE(m_failed);
+    EXPECT_TRUE(m_had_error);
+    EXPECT_EQ(0U, m_put);
+    EXPECT_TRUE(chainIs(streamFailure(*row.family, row.id, row.error, row.stream)));
+}
+
+class UDPSendTo : public UDPSendCalls, public testing::WithParamInterface<Row> {};
+
+TEST_P(UDPSendTo, failureToTheGroupIsReported) {
+    Row const& row = GetParam();
+    writeOnce(GROUP, inject_sendto, row.error, Fault::FOREVER);
+    EXPECT_EQ(1, m_count) << "it is not repeated";
+    EXPECT_TRUE(m_failed);
+    EXPECT_TRUE(m_had_error);
+    EXPECT_EQ(0U, m_put);
+    if (row.family != nullptr) {
+        EXPECT_TRUE(chainIs(streamFailure(*row.family, row.id, row.error, row.stream)));
+    } else {
+        EXPECT_TRUE(chainIs({{StreamError, row.stream}}));
+    }
+}
+
+auto const LISTED = testing::Values(
+    Row{EPERM, &SysError, 7, 0}, Row{EACCES, &SysError, 7, 0}, Row{EIO, &SysError, 10, 0},
+    Row{EBADF, &SysError, 10, 0}, Row{ENOTSOCK, &SysError, 10, 0}, Row{EOPNOTSUPP, &SysError, 10, 0},
+    Row{ENOTCONN, &SysError, 10, 0}, Row{EPIPE, &Socket::Error, 0, 0},
+    Row{EDESTADDRREQ, &Socket::Error, 5, 0}, Row{ENETDOWN, &Socket::Error, 8, 0},
+    Row{ENETUNREACH, &Socket::Error, 8, 0}, Row{ECONNRESET, &Socket::Error, 6, 0},
+    Row{EMSGSIZE, &Socket::Error, 12, 1}, Row{ENOBUFS, &SysError, 0, 1});
+
+INSTANTIATE_TEST_SUITE_P(listed, UDPSend, LISTED, nameOf);
+INSTANTIATE_TEST_SUITE_P(listed, UDPSendTo, LISTED, nameOf);
+
+INSTANTIATE_TEST_SUITE_P(
+    others, UDPSend,
+    testing::Values(
+        Row{ECONNREFUSED, &SysError, 19, 4}, Row{EINVAL, &SysError, 19, 4}, Row{EFAULT, &SysError, 19, 4},
+        Row{ENOMEM, &SysError, 19, 4}, Row{EHOSTUNREACH, &SysError, 19, 4}, Row{EISCONN, &SysError, 19, 4},
+        Row{ETIMEDOUT, &SysError, 19, 4}),
+    nameOf);
+
+INSTANTIATE_TEST_SUITE_P(
+    others, UDPSendTo,
+    testing::Values(
+        Row{ECONNREFUSED, nullptr, 0, 4}, Row{EINVAL, nullptr, 0, 4}, Row{EFAULT, nullptr, 0, 4},
+        Row{ENOMEM, nullptr, 0, 4}, Row{EHOSTUNREACH, nullptr, 0, 4}, Row{EISCONN, nullptr, 0, 4},
+        Row{ETIMEDOUT, nullptr, 0, 4}, Row{EAFNOSUPPORT, nullptr, 0, 4}),
+    nameOf);
+
+TEST_F(UDPSendCalls, noRoomToTheOnePeerIsSuccessWithNothingTaken) {
+    writeOnce(PEER, inject_send, EAGAIN, Fault::FOREVER);
+    EXPECT_EQ(1, m_count);
+    EXPECT_FALSE(m_failed);
+    EXPECT_FALSE(m_had_error);
+    EXPECT_EQ(0U, m_put);
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_F(UDPSendCalls, noRoomToTheGroupIsSuccessWithNothingTaken) {
+    writeOnce(GROUP, inject_sendto, EAGAIN, Fault::FOREVER);
+    EXPECT_EQ(1, m_count);
+    EXPECT_FALSE(m_failed);
+    EXPECT_FALSE(m_had_error);
+    EXPECT_EQ(0U, m_put);
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_F(UDPSendCalls, interruptedOneToTheOnePeerIsRepeated) {
+    writeOnce(PEER, inject_send, EINTR, 3);
+    EXPECT_EQ(4, m_count);
+    EXPECT_FALSE(m_failed);
+    EXPECT_FALSE(m_had_error);
+    EXPECT_EQ(3U, m_put);
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_F(UDPSendCalls, interruptedOneToTheGroupIsRepeatedWithTheSameArguments) {
+    writeOnce(GROUP, inject_sendto, EINTR, 3);
+    EXPECT_EQ(4, m_count);
+    EXPECT_FALSE(m_failed);
+    EXPECT_FALSE(m_had_error);
+    EXPECT_EQ(3U, m_put);
+    EXPECT_TRUE(chainIs({}));
+    std::string const once = "sendto(s, 616263, 16384, 02001388ef0102030000000000000000)\n";
+    EXPECT_EQ(once + once + once + once, m_text);
+}
+
+TEST_F(UDPSendCalls, reportBehindOneThatIsPendingStandsOnTopOfItWhereThereIsNoCause) {
+    OpenUDPSocket socket(LOCAL, GROUP);
+    socket.open();
+    std::ErrorOutput("file", 1, true)(std::CommonError, 1, "pending");
+    Fault const fault(inject_sendto, EINVAL);
+    EXPECT_TRUE(socket.performWrite("abc", 3, m_put));
+    EXPECT_TRUE(chainIs({{std::CommonError, 1}, {StreamError, 4}}));
+}
+
+} // namespace

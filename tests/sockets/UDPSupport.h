@@ -1,0 +1,178 @@
+#pragma once
+
+#include "support/Chain.h"
+
+#include <vesk/SysError.h>
+#include <vesk/UDPSocket.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+/// What tests of UDP sockets need.
+
+namespace support {
+
+using vesk::IPSocket;
+using vesk::Socket;
+using vesk::UDPSocket;
+
+constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
+
+/// A socket without buffers whose hooks can be called one by one. Closes itself, so that a test may end anywhere.
+class OpenUDPSocket : public UDPSocket {
+public:
+    using UDPSocket::UDPSocket;
+
+    OpenUDPSocket(
+        IPAddress const& local, IPAddress const& peer, IPProtocolVersion version = IPV4, bool blocking = true)
+        : UDPSocket(blocking, 0, 0, local, peer, version) {}
+    ~OpenUDPSocket() override {
+        if (m_object_valid && getState() == OPEN && close(false)) {
+            ADD_FAILURE() << "close";
+        }
+    }
+
+    using UDPSocket::m_had_error;
+    using UDPSocket::performFlush;
+    using UDPSocket::performRead;
+    using UDPSocket::performWrite;
+};
+
+/// The two reports of a failed `send`, `sendto` or `recv`.
+inline std::vector<ExpectedReport>
+streamFailure(std::ErrorType const& family, int id, int error, int stream) {
+    return {{family, id, rowText(family, id, systemText(error))}, {StreamError, stream}};
+}
+
+/// Waits until something can be read.
+inline testing::AssertionResult isReadable(int fd) {
+    pollfd entry{fd, POLLIN, 0};
+    if (poll(&entry, 1, 30000) == 1) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "nothing came";
+}
+
+/// Waits for a datagram and gives it; nothing on failure.
+inline std::optional<std::string> receive(UDPSocket& socket, unsigned int room = 70000) {
+    std::string datagram(room, '\0');
+    unsigned int count = 0;
+    testing::AssertionResult const readable = isReadable(socket.getSocketFd());
+    EXPECT_TRUE(readable);
+    if (!readable || socket.read(datagram.data(), room, count) != 1) {
+        return std::nullopt;
+    }
+    datagram.resize(count);
+    return datagram;
+}
+
+/// Whether all of it is written as one request.
+inline testing::AssertionResult isWritten(UDPSocket& socket, std::string const& data) {
+    unsigned int written = 0;
+    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), written);
+    if (result == 1 && written == data.size() && !socket.hadError()) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "result " << result << ", written " << written;
+}
+
+/// A socket of the bare system, on the loopback interface.
+class Peer {
+public:
+    explicit Peer(IPSocket::IPProtocolVersion version = IPSocket::IPV4) : m_version(version) {
+        m_fd = socket(version == IPSocket::IPV6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (version == IPSocket::IPV6) {
+            sockaddr_in6 const address = IPSocket::IPAddress::makeHandle(in6addr_loopback, 0, 0);
+            bindTo(reinterpret_cast<sockaddr const*>(&address), sizeof address);
+        } else {
+            sockaddr_in const address = IPSocket::IPAddress::makeHandle(INADDR_LOOPBACK, 0);
+            bindTo(reinterpret_cast<sockaddr const*>(&address), sizeof address);
+        }
+    }
+    ~Peer() { stop(); }
+
+    Peer(Peer const&) = delete;
+    Peer& operator=(Peer const&) = delete;
+
+    IPSocket::IPAddress const& getAddress() const { return m_address; }
+    int getFd() const { return m_fd; }
+
+    /// Whether the machine has this version.
+    bool isThere() const { return m_address.port != 0; }
+
+    /// Closes it: what is sent to its address is refused from now on.
+    void stop() {
+        if (m_fd >= 0) {
+            close(m_fd);
+            m_fd = -1;
+        }
+    }
+
+    /// Waits for a datagram and gives it; answers go to where it came from.
+    std::optional<std::string> receive() {
+        std::string datagram(70000, '\0');
+        testing::AssertionResult const readable = isReadable(m_fd);
+        EXPECT_TRUE(readable);
+        if (!readable) {
+            return std::nullopt;
+        }
+        m_sender_length = sizeof m_sender;
+        ssize_t const count = recvfrom(
+            m_fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&m_sender),
+            &m_sender_length);
+        if (count < 0) {
+            return std::nullopt;
+        }
+        datagram.resize(static_cast<size_t>(count));
+        return datagram;
+    }
+
+    bool answer(std::string const& data) const {
+        return sendto(
+                   m_fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr const*>(&m_sender),
+                   m_sender_length) == static_cast<ssize_t>(data.size());
+    }
+
+    bool sendTo(IPSocket::IPAddress address, std::string const& data) {
+        bool failed = false;
+        if (m_version == IPSocket::IPV6) {
+            failed = address.getBinary(reinterpret_cast<sockaddr_in6&>(m_sender));
+            m_sender_length = sizeof(sockaddr_in6);
+        } else {
+            failed = address.getBinary(reinterpret_cast<sockaddr_in&>(m_sender));
+            m_sender_length = sizeof(sockaddr_in);
+        }
+        return !failed && answer(data);
+    }
+
+private:
+    void bindTo(sockaddr const* address, socklen_t length) {
+        m_sender_length = sizeof m_sender;
+        if (m_fd < 0 || bind(m_fd, address, length) != 0 ||
+            getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_sender), &m_sender_length) != 0) {
+            return;
+        }
+        m_address = m_version == IPSocket::IPV6
+            ? IPSocket::IPAddress(reinterpret_cast<sockaddr_in6 const&>(m_sender))
+            : IPSocket::IPAddress(reinterpret_cast<sockaddr_in const&>(m_sender));
+    }
+
+    IPSocket::IPProtocolVersion m_version;
+    int m_fd = -1;
+    IPSocket::IPAddress m_address;
+    sockaddr_storage m_sender{};
+    socklen_t m_sender_length = 0;
+};
+
+} // namespace support
+
+#define VESK_SKIP_WITHOUT_IPV6()                                                                             \
+    if (!support::Peer(vesk::IPSocket::IPV6).isThere()) {                                                    \
+        GTEST_SKIP() << "this machine has no IPv6";                                                          \
+    }
