@@ -16,6 +16,7 @@ bool s_failed = false;
 
 void section(char const* title) {
     printf("\n%s\n", title);
+    fflush(stdout); // Children of the tour inherit the buffer.
 }
 
 void tell(char const* format, ...) {
@@ -25,7 +26,7 @@ void tell(char const* format, ...) {
     vprintf(format, args);
     va_end(args);
     printf("\n");
-    fflush(stdout); // Children of the tour inherit the buffer.
+    fflush(stdout);
 }
 
 bool failed(bool result, char const* what) {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace tour {
 
 /// Prints the title of what comes next.
@@ -15,6 +18,18 @@ bool failed(bool result, char const* what);
 /// Whether anything failed so far.
 bool hasFailed();
 
+/// Runs `play` in another process at the same time as `with` in this one. True if either fails.
+template <typename Play, typename With>
+bool withOtherProcess(Play const& play, With const& with) {
+    pid_t const other = fork();
+    if (other == 0) {
+        _exit(play() ? 1 : 0);
+    }
+    bool const mine_failed = with();
+    int status = 0;
+    return waitpid(other, &status, 0) != other || status != 0 || mine_failed;
+}
+
 // The subsystems, each in the file of its name.
 void startup();
 void time();
@@ -26,6 +41,7 @@ void timers();
 void files();
 void ipc();
 void processes();
+void sockets();
 void devices();
 void network();
 void discovery();

@@ -19,7 +19,6 @@
 #include <cstring>
 #include <new>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace tour {
@@ -36,18 +35,6 @@ double microseconds(vesk::RealtimeStopWatch const& watch) {
 std::string nameOf(char const* what) {
     static pid_t const tour = getpid();
     return std::string("tour-") + what + "-" + std::to_string(tour);
-}
-
-/// Runs `play` in another process at the same time as `with` in this one. True if either fails.
-template <typename Play, typename With>
-bool withOtherProcess(Play const& play, With const& with) {
-    pid_t const other = fork();
-    if (other == 0) {
-        _exit(play() ? 1 : 0);
-    }
-    bool const mine_failed = with();
-    int status = 0;
-    return waitpid(other, &status, 0) != other || status != 0 || mine_failed;
 }
 
 // ---- a queue ----

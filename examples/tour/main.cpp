@@ -13,6 +13,7 @@ int main() {
     tour::files();
     tour::ipc();
     tour::processes();
+    tour::sockets();
     tour::devices();
     tour::network();
     tour::discovery();

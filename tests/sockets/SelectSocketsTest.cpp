@@ -337,33 +337,67 @@ TEST(SelectSockets, isRepeatedWithTheSameMarksAndTimeWhileASignalInterruptsIt) {
     }
 }
 
-TEST(SelectSockets, signalsDoNotProlongTheTime) {
-    support::expectInChild([] {
-        // Signals come faster than the time that is to be waited, for much longer than it.
-        static std::atomic<int> s_left{2000};
+/// Signals that come every 20 ms, a limited number of them.
+class Storm {
+public:
+    explicit Storm(int signals) {
+        s_left = signals;
         struct sigaction action {};
         action.sa_handler = [](int) {
             if (--s_left == 0) {
-                itimerval const never{};
-                setitimer(ITIMER_REAL, &never, nullptr);
+                ring(0);
             }
         };
-        ASSERT_EQ(0, sigaction(SIGALRM, &action, nullptr));
-        itimerval const always{{0, 20000}, {0, 20000}};
-        ASSERT_EQ(0, setitimer(ITIMER_REAL, &always, nullptr));
-        Sockets none;
-        Recorder const recorder;
-        auto const start = Clock::now();
-        EXPECT_EQ(0, Socket::selectSockets(none, none, none, 300, true));
-        EXPECT_LE(milliseconds(300), Clock::now() - start);
-        EXPECT_LT(0, s_left) << "it ended while signals still came";
-        EXPECT_LT(2U, recorder.get().size()) << "signals did come";
-        for (size_t i = 1; i < recorder.get().size(); ++i) {
-            EXPECT_TRUE(timercmp(&recorder.get()[i].time, &recorder.get()[i - 1].time, <));
-        }
-        itimerval const never{};
-        EXPECT_EQ(0, setitimer(ITIMER_REAL, &never, nullptr));
-    });
+        EXPECT_EQ(0, sigaction(SIGALRM, &action, &m_before));
+        ring(20000);
+    }
+    ~Storm() {
+        ring(0);
+        EXPECT_EQ(0, sigaction(SIGALRM, &m_before, nullptr));
+    }
+    Storm(Storm const&) = delete;
+    Storm& operator=(Storm const&) = delete;
+
+    static int getLeft() { return s_left; }
+
+private:
+    static void ring(int period_us) {
+        itimerval const period{{0, period_us}, {0, period_us}};
+        setitimer(ITIMER_REAL, &period, nullptr);
+    }
+
+    static inline std::atomic<int> s_left{0};
+
+    struct sigaction m_before {};
+};
+
+/// Whether the system writes the time left into the time that it was given: Linux does, user-mode QEMU does not when a
+/// signal comes.
+bool isTimeLeftNoted() {
+    Storm const storm(2000);
+    timeval const given{60, 0};
+    timeval left = given;
+    fd_set none;
+    FD_ZERO(&none);
+    EXPECT_EQ(-1, select(0, &none, &none, &none, &left));
+    return timercmp(&left, &given, <);
+}
+
+TEST(SelectSockets, signalsDoNotProlongTheTime) {
+    if (!isTimeLeftNoted()) {
+        GTEST_SKIP() << "the emulator does not note the time left when a signal interrupts select";
+    }
+    Storm const storm(2000);
+    Sockets none;
+    Recorder const recorder;
+    auto const start = Clock::now();
+    EXPECT_EQ(0, Socket::selectSockets(none, none, none, 300, true));
+    EXPECT_LE(milliseconds(300), Clock::now() - start);
+    EXPECT_LT(0, Storm::getLeft()) << "it ended while signals still came";
+    EXPECT_LT(2U, recorder.get().size()) << "signals did come";
+    for (size_t i = 1; i < recorder.get().size(); ++i) {
+        EXPECT_TRUE(timercmp(&recorder.get()[i].time, &recorder.get()[i - 1].time, <));
+    }
 }
 
 // ---- Failure ----
