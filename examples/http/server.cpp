@@ -287,8 +287,9 @@ class Server;
 /// One browser's connection. It reads a request, writes its answer, and begins anew.
 class Connection : public vesk::Poller::Client {
 public:
-    Connection(Server& server, vesk::TCPSocket::Description const& accepted)
-        : m_server(server), m_socket(false, 0, 0, accepted) {
+    /// @param now  what counts the uses of all connections
+    Connection(Server& server, vesk::TCPSocket::Description const& accepted, uint64_t now)
+        : m_server(server), m_socket(false, 0, 0, accepted), m_last_use(now) {
         // Answers go out in two pieces, and the second shall not wait until the first is acknowledged.
         if (m_socket.isValid()) {
             m_socket.setTCPNoDelay(true);
@@ -327,7 +328,7 @@ private:
     Server& m_server;
     vesk::TCPSocket m_socket;
     Phase m_phase = Phase::READING;
-    uint64_t m_last_use = 0;
+    uint64_t m_last_use;
     std::string m_in;  // What has come and was not looked at.
     std::string m_out; // What is to go, from m_sent on; then what is left of the file.
     size_t m_sent = 0;
@@ -419,7 +420,7 @@ private:
         if (m_connections.size() >= MAX_CONNECTIONS) {
             endOldest();
         }
-        auto connection = std::make_unique<Connection>(*this, accepted);
+        auto connection = std::make_unique<Connection>(*this, accepted, countUse());
         if (connection->getSocket().isValid()) {
             m_poller.add(*connection, connection->getSocket().getSocketFd());
             m_connections.push_back(std::move(connection));

@@ -671,10 +671,14 @@ TEST_F(HttpServer, fileThatShrinksEndsTheConnection) {
 }
 
 TEST_F(HttpServer, silentConnectionsGiveWayToNewOnes) {
+    Wire const old(m_port);
+    old.send("GET /hello.txt HTTP/1.1\r\nHost: x\r\n\r\n");
+    old.receiveUntil("Hello!\n");
     std::vector<Wire> silent;
     for (int i = 0; i < 300; ++i) {
         silent.emplace_back(m_port);
     }
+    EXPECT_EQ("", old.receive());
     expectItServes();
     // The first ones have been ended, the last ones have not.
     EXPECT_EQ("", silent[0].receive());
