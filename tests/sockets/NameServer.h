@@ -75,11 +75,8 @@ public:
                 m_pid = -1;
                 return false;
             }
-            int const fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            sockaddr_in const server = getAddress();
-            int const result = connect(fd, reinterpret_cast<sockaddr const*>(&server), sizeof server);
-            close(fd);
-            if (result == 0) {
+            // Seen from outside, as the server would start a process for each connection.
+            if (contentOf("/proc/self/net/udp").find(":0035 ") != std::string::npos) {
                 return true;
             }
             usleep(1000);
