@@ -190,6 +190,21 @@ TEST_F(TCPNetwork, connectsFromAnyPort) {
     });
 }
 
+TEST_F(TCPNetwork, thatAreRefusedOnAPortOfTheirOwnMayTryAgain) {
+    expectInNetwork([] {
+        for (IPSocket::IPProtocolVersion const version : VERSIONS) {
+            BoundSocket const peer(version);
+            IPAddress const own(getLoopback(version), 4711);
+            Client client(true, 0, 0, own, peer.getAddress(), false, version);
+            EXPECT_TRUE(failsToConnect(client, Socket::Error, 7, ECONNREFUSED));
+            ASSERT_EQ(0, listen(peer.getFd(), 1));
+            EXPECT_FALSE(client.connect()) << "that it is bound already does no harm";
+            EXPECT_EQ(own.port, client.getLocalAddress().port);
+            EXPECT_TRUE(chainIs({}));
+        }
+    });
+}
+
 TEST_F(TCPNetwork, lowPortsAreNotForEverybody) {
     expectInNetwork([] {
         ASSERT_TRUE(dropRights());

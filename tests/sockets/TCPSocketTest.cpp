@@ -251,23 +251,6 @@ TEST_P(TCPSocketVersions, thatIsRefusedMayTryAgain) {
     EXPECT_EQ(Socket::OPEN, client.getState());
 }
 
-TEST_P(TCPSocketVersions, thatIsRefusedOnAPortOfItsOwnMayTryAgain) {
-    BoundSocket const peer(GetParam());
-    unsigned short own_port = 0;
-    {
-        BoundSocket const free(GetParam());
-        own_port = free.getAddress().port;
-    }
-    Client client(
-        true, 0, 0, IPAddress(getLoopback(GetParam()), own_port), peer.getAddress(), true, GetParam());
-    EXPECT_TRUE(client.connect());
-    EXPECT_TRUE(failureIs(Socket::Error, 7, ECONNREFUSED));
-    ASSERT_EQ(0, listen(peer.getFd(), 1));
-    EXPECT_FALSE(client.connect()) << "that it is bound already does no harm";
-    EXPECT_EQ(own_port, client.getLocalAddress().port);
-    EXPECT_TRUE(chainIs({}));
-}
-
 TEST_P(TCPSocketVersions, thatDoesNotWaitLearnsARefusalFromItsNextRead) {
     BoundSocket const peer(GetParam());
     Client client(false, 0, 0, IPAddress(), peer.getAddress(), false, GetParam());
