@@ -5,10 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
+#include <net/if.h>
+#include <poll.h>
 #include <sched.h>
 #include <string>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace support {
@@ -27,17 +33,7 @@ namespace support {
 class Cable {
 public:
     /// @param mtu  the largest packet, in bytes
-    explicit Cable(int mtu = 1500) : m_left(openNetwork()) {
-        m_there =
-            separateNetwork() ? testing::AssertionSuccess() : testing::AssertionFailure() << strerror(errno);
-        m_right = openNetwork();
-        std::string const other = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(m_right);
-        for (testing::AssertionResult const& step :
-             {setUp("lo"), enterLeft(), makePair("left", "right"), ip("link set dev right netns " + other),
-              prepare("left", "1", mtu), enterRight(), prepare("right", "2", mtu), enterLeft()}) {
-            m_there = m_there ? step : m_there;
-        }
-    }
+    explicit Cable(int mtu = 1500) : m_left(openNetwork()), m_there(lay(mtu)) {}
     ~Cable() {
         close(m_left);
         close(m_right);
@@ -62,18 +58,60 @@ private:
         return testing::AssertionFailure() << "setns: " << strerror(errno);
     }
 
-    static testing::AssertionResult prepare(std::string const& name, std::string const& number, int mtu) {
+    testing::AssertionResult lay(int mtu) {
+        if (!separateNetwork()) {
+            return testing::AssertionFailure() << strerror(errno);
+        }
+        m_right = openNetwork();
+        std::string const other = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(m_right);
         // Without the addresses that the system makes up: they need a while, and could become a datagram's source.
-        return ip(
-            "link set dev " + name + " mtu " + std::to_string(mtu) + " addrgenmode none\n" +
-            "addr add 10.0.0." + number + "/24 brd + dev " + name + "\n" + "link set dev " + name + " up\n" +
-            "addr add fe80::" + number + "/64 nodad dev " + name + "\n" + "route add 224.0.0.0/4 dev " +
-            name + "\n");
+        std::string const up = " mtu " + std::to_string(mtu) + " addrgenmode none up";
+        std::function<testing::AssertionResult()> const steps[] = {
+            [] { return setUp("lo"); },
+            [this] { return enterLeft(); },
+            [] { return makePair("left", "right"); },
+            [&] { return ip("link set dev right netns " + other); },
+            [&] { return ip("link set dev left" + up); },
+            [this] { return enterRight(); },
+            [&] { return ip("link set dev right" + up); },
+            [] { return prepare("right", "2"); },
+            [this] { return enterLeft(); },
+            [] { return prepare("left", "1"); },
+        };
+        for (auto const& step : steps) {
+            testing::AssertionResult const done = step();
+            if (!done) {
+                return done;
+            }
+        }
+        return testing::AssertionSuccess();
+    }
+
+    static testing::AssertionResult prepare(std::string const& name, std::string const& number) {
+        // What is sent into an end that does not know yet that it is connected is lost, and no datagram comes again.
+        return !isConnected(name)
+            ? testing::AssertionFailure() << name << " is not connected"
+            : ip("addr add 10.0.0." + number + "/24 brd + dev " + name + "\n" + "addr add fe80::" + number +
+                 "/64 nodad dev " + name + "\n" + "route add 224.0.0.0/4 dev " + name + "\n");
+    }
+
+    /// Waits until the system has noticed the other end.
+    static bool isConnected(std::string const& name) {
+        int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ifreq request{};
+        name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING) == 0 &&
+               std::chrono::steady_clock::now() < deadline) {
+            poll(nullptr, 0, 1);
+        }
+        close(fd);
+        return (request.ifr_flags & IFF_RUNNING) != 0;
     }
 
     int m_left;
     int m_right = -1;
-    testing::AssertionResult m_there = testing::AssertionSuccess();
+    testing::AssertionResult m_there;
 };
 
 } // namespace support

@@ -234,7 +234,7 @@ TEST_P(UDPSizes, datagramsPassWholeUpToTheLargest) {
 INSTANTIATE_TEST_SUITE_P(
     mtu, UDPSizes, testing::Values(1500, 9000, 65535), testing::PrintToStringParamName());
 
-TEST(UDPNetwork, datagramAboveTheSendBufferIsTooBig) {
+TEST(UDPNetwork, datagramOfTheSizeThatIsToldPasses) {
     VESK_SKIP_WITHOUT_NETWORKS();
     expectInNetwork([] {
         Cable const cable(9000);
