@@ -107,12 +107,13 @@ TEST_P(UDPFcntl, failureClosesTheDescriptorAndKeepsItsReport) {
     {
         CallRecorder calls;
         Fault const fault(inject_fcntl, GetParam().error, GetParam().nth);
-        UDPSocket const socket(false, 0, 0, LOCAL, PEER, IPSocket::IPV4);
+        OpenUDPSocket const socket(LOCAL, PEER, IPSocket::IPV4, false);
         std::string const text = calls.getText();
         EXPECT_EQ("close(s)\n", text.substr(text.find("close")));
         EXPECT_EQ(GetParam().nth, fault.getCalls());
         EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam().error))}}));
         EXPECT_FALSE(socket.isValid());
+        EXPECT_FALSE(socket.m_object_valid);
         EXPECT_EQ(Socket::DEAD, socket.getState());
         EXPECT_EQ(-1, socket.getSocketFd());
     }

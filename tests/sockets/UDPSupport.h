@@ -39,6 +39,7 @@ public:
     }
 
     using UDPSocket::m_had_error;
+    using UDPSocket::m_object_valid;
     using UDPSocket::performFlush;
     using UDPSocket::performRead;
     using UDPSocket::performWrite;

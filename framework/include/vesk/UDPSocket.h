@@ -83,7 +83,9 @@ public:
     ///         `SysError` 7 without the right; `Error` 1 for an unknown option; `SysError` 1 without memory; else 19
     bool getBroadcast() const;
 
-    /// Allows or forbids datagrams to the broadcast address (`setsockopt`, `SO_BROADCAST`). Does nothing with IPv6.
+    /// Allows or forbids datagrams to the broadcast address (`setsockopt`, `SO_BROADCAST`). Does nothing with IPv6. The peer
+    /// may be the broadcast address of an interface's network if it is allowed before `open`; who wants to receive such
+    /// datagrams binds that address.
     ///
     /// `hadError` tells of a failure: `Error` 0 without a descriptor or for one that is no socket; `SysError` 2 for a
     /// value that the system refuses; `Error` 1 for an unknown option; else `SysError` 19.

@@ -1,0 +1,117 @@
+#pragma once
+
+#include "support/NetworkNamespace.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <net/if.h>
+#include <poll.h>
+#include <sched.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace support {
+
+/// Two networks with a cable between them, for a test that runs in a network of its own: that one has the end "left" with
+/// 10.0.0.1 and fe80::1, the other one the end "right" with 10.0.0.2 and fe80::2. Routes to the groups of IPv4 lead into
+/// the cable. A socket stays in the network in which the calling thread made it.
+///
+///     support::expectInNetwork([] {
+///         support::Cable const cable;
+///         ASSERT_TRUE(cable.isThere());
+///         vesk::UDPSocket sender(...);
+///         ASSERT_TRUE(cable.enterRight());
+///         vesk::UDPSocket receiver(...);
+///     });
+class Cable {
+public:
+    /// @param mtu  the largest packet, in bytes
+    explicit Cable(int mtu = 1500) : m_left(openNetwork()), m_there(lay(mtu)) {}
+    ~Cable() {
+        close(m_left);
+        close(m_right);
+    }
+
+    Cable(Cable const&) = delete;
+    Cable& operator=(Cable const&) = delete;
+
+    testing::AssertionResult const& isThere() const { return m_there; }
+
+    /// Takes the calling thread into one of the networks.
+    testing::AssertionResult enterLeft() const { return enter(m_left); }
+    testing::AssertionResult enterRight() const { return enter(m_right); }
+
+private:
+    static int openNetwork() { return open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC); }
+
+    static testing::AssertionResult enter(int network) {
+        if (setns(network, CLONE_NEWNET) == 0) {
+            return testing::AssertionSuccess();
+        }
+        return testing::AssertionFailure() << "setns: " << strerror(errno);
+    }
+
+    testing::AssertionResult lay(int mtu) {
+        if (!separateNetwork()) {
+            return testing::AssertionFailure() << strerror(errno);
+        }
+        m_right = openNetwork();
+        std::string const other = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(m_right);
+        // Without the addresses that the system makes up: they need a while, and could become a datagram's source.
+        std::string const up = " mtu " + std::to_string(mtu) + " addrgenmode none up";
+        std::function<testing::AssertionResult()> const steps[] = {
+            [] { return setUp("lo"); },
+            [this] { return enterLeft(); },
+            [] { return makePair("left", "right"); },
+            [&] { return ip("link set dev right netns " + other); },
+            [&] { return ip("link set dev left" + up); },
+            [this] { return enterRight(); },
+            [&] { return ip("link set dev right" + up); },
+            [] { return prepare("right", "2"); },
+            [this] { return enterLeft(); },
+            [] { return prepare("left", "1"); },
+        };
+        for (auto const& step : steps) {
+            testing::AssertionResult const done = step();
+            if (!done) {
+                return done;
+            }
+        }
+        return testing::AssertionSuccess();
+    }
+
+    static testing::AssertionResult prepare(std::string const& name, std::string const& number) {
+        // What is sent into an end that does not know yet that it is connected is lost, and no datagram comes again.
+        return !isConnected(name)
+            ? testing::AssertionFailure() << name << " is not connected"
+            : ip("addr add 10.0.0." + number + "/24 brd + dev " + name + "\n" + "addr add fe80::" + number +
+                 "/64 nodad dev " + name + "\n" + "route add 224.0.0.0/4 dev " + name + "\n");
+    }
+
+    /// Waits until the system has noticed the other end.
+    static bool isConnected(std::string const& name) {
+        int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ifreq request{};
+        name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING) == 0 &&
+               std::chrono::steady_clock::now() < deadline) {
+            poll(nullptr, 0, 1);
+        }
+        close(fd);
+        return (request.ifr_flags & IFF_RUNNING) != 0;
+    }
+
+    int m_left;
+    int m_right = -1;
+    testing::AssertionResult m_there;
+};
+
+} // namespace support
