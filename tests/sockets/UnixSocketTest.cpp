@@ -204,9 +204,11 @@ INSTANTIATE_TEST_SUITE_P(rows, UnixSocketCreation, testing::ValuesIn(support::CR
 
 TEST(UnixSocket, isNotMadeWithoutDescriptorsLeft) {
     support::expectInChild([] {
-        rlimit const limit{4, 4};
-        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+        // Before, so that a sanitizer, which needs descriptors to look at a class, has seen this one.
         UnixSocket const first(true, 0, 0, "", "peer", ABSTRACT);
+        auto const all = static_cast<rlim_t>(first.getSocketFd()) + 1;
+        rlimit const limit{all, all};
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
         UnixSocket const second(true, 0, 0, "", "peer", ABSTRACT);
         EXPECT_TRUE(failureIs({EMFILE, SysError, 0}));
         EXPECT_FALSE(second.isValid());
@@ -1193,6 +1195,34 @@ TEST(UnixSocketCredentials, outliveTheirProcess) {
     EXPECT_TRUE(peer.pid == id || peer.pid == 0) << peer.pid;
     EXPECT_FALSE(accepted.close(false));
     EXPECT_FALSE(server.close(false));
+}
+
+TEST(UnixSocketCredentials, doNotTellAProcessThatCannotBeSeen) {
+    VESK_SKIP_UNLESS_ROOT();
+    support::expectInChild([] {
+        std::string const name = makeAbstractName();
+        UnixServerSocket server(name, true, ABSTRACT);
+        server.enableListen(1);
+        UnixSocket client(true, 0, 0, "", name, ABSTRACT);
+        ASSERT_FALSE(client.connect());
+        ASSERT_EQ(0, unshare(CLONE_NEWPID)) << strerror(errno);
+        support::Process elsewhere([&] {
+            UnixSocket accepted(true, 0, 0, server.acceptConnection());
+            EXPECT_EQ((Credentials{0, 0, 0}), askForPeer(accepted));
+        });
+        EXPECT_EQ(0, elsewhere.join());
+        EXPECT_FALSE(client.close(false));
+        EXPECT_FALSE(server.close(false));
+    });
+}
+
+TEST(UnixSocketCredentials, ofASocketThatListensAreItsOwn) {
+    UnixServerSocket server(makeAbstractName(), true, ABSTRACT);
+    EXPECT_EQ(UNKNOWN, askForPeer(server));
+    server.enableListen(1);
+    EXPECT_EQ((Credentials{geteuid(), getegid(), getpid()}), askForPeer(server));
+    EXPECT_FALSE(server.close(false));
+    EXPECT_EQ(UNKNOWN, askForPeer(server));
 }
 
 // ---- traffic ----
