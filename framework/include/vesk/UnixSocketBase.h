@@ -50,7 +50,8 @@ public:
     void updatePeerAddress();
 
     /// Who made the other end of the connection, as the system noted when it was made (`getsockopt`, `SO_PEERCRED`): of a
-    /// client the one who called `connect`, of a server the one who called `enableListen`.
+    /// client the one who called `connect`, of a server the one who called `enableListen`. A socket that listens tells of
+    /// itself.
     /// @param uid  the user; `User::BAD_ID` if there is no connection, or on failure, without a report
     /// @param gid  the group; likewise `Group::BAD_ID`
     /// @param pid  the process; likewise `ProcessTNG::INVALID_PROCESS_ID`; 0 for one that this process cannot see
