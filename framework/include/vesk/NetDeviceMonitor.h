@@ -69,7 +69,8 @@ public:
     ~NetDeviceMonitor();
 
     /// Tells what is there, then follows the changes until `stopWatching` (netlink, `recvmsg`). Blocks. What is there is
-    /// asked for in two steps, interfaces and addresses; what changes meanwhile is told in between.
+    /// asked for in two steps, interfaces and addresses; what changes meanwhile is told in between. So an address that is
+    /// added at the very beginning may come before its interface, which then stays without number and name.
     ///
     /// The network is that of the calling thread's network namespace. After `stopWatching` a further call looks at the
     /// beginning of each answer only, and returns.
