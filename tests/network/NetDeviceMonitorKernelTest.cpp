@@ -367,6 +367,22 @@ TEST_F(Kernel, TellsAnInterfaceThatMovesIntoAnotherNetwork) {
     });
 }
 
+// The kernel tells the end of the port as that of an interface, and then the interface again.
+TEST_F(Kernel, TellsAnInterfaceThatLeavesItsBridgeAsGoneAndBack) {
+    expectInNetwork([] {
+        ASSERT_TRUE(makeInterface("lone"));
+        ASSERT_TRUE(makePair("left", "right"));
+        ASSERT_TRUE(ip("link set dev left master lone"));
+        Watcher watcher;
+        watcher.startWith("left");
+        ASSERT_TRUE(ip("link set dev left nomaster"));
+        watcher.listener.takeUntil("interface_disappeared left");
+        Log const log = watcher.listener.takeUntil("interface_status left");
+        ASSERT_FALSE(log.empty());
+        EXPECT_EQ("interface_appeared left", only("left", log).front());
+    });
+}
+
 // In steps, so that the kernel need not drop any of them.
 TEST_F(Kernel, TellsHundredsOfChangesEachOnce) {
     expectInNetwork([] {

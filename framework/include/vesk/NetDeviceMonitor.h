@@ -38,6 +38,7 @@ class NetDeviceMonitorImpl;
 /// **What counts as operable.** An address is operable as soon as it is there and its interface has told its status once.
 /// The state of the link plays no part: an interface stays up in the table, and its addresses operable, until the
 /// interface or the address is removed.
+/// An interface that leaves a bridge counts as removed, and as new when the kernel tells it next.
 ///
 /// **Which addresses are one and the same** is decided by `AddrInfo::address` alone, within one interface. An IPv4 address
 /// stands there, and its broadcast address in `peer`. An IPv6 address, as the kernel tells one without a far end, stands in
