@@ -23,7 +23,6 @@
 namespace {
 
 using vesk::NetDeviceMonitor;
-using vesk::NetworkAddress;
 using vesk::NetworkAddressBase;
 
 constexpr int SOCKET = 1000; // No descriptor that there is.

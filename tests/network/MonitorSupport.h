@@ -83,14 +83,14 @@ public:
         return m_address;
     }
 
-    /// Waits until a line has been written down, and takes all up to it; all there are if it does not come in a minute.
+    /// Waits until a line has been written down, and takes all up to it; all there are if it does not come in 40 seconds.
     Log takeUntil(std::string const& line) {
         return takeUntil([&line](std::string const& seen) { return seen == line; });
     }
     Log takeUntil(std::function<bool(std::string const&)> const& is_wanted) {
         std::unique_lock<std::mutex> lock(m_mutex);
         size_t count = 0;
-        m_called.wait_for(lock, std::chrono::minutes(1), [&] {
+        m_called.wait_for(lock, std::chrono::seconds(40), [&] {
             while (count < m_log.size()) {
                 if (is_wanted(m_log[count++])) {
                     return true;

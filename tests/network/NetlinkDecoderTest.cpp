@@ -722,7 +722,7 @@ INSTANTIATE_TEST_SUITE_P(
 // 17 bytes hold no fixed fields; what comes behind them is found at 20.
 TEST(Datagram, PassesOverAMessageThatIsTooShort) {
     for (uint16_t const type : {RTM_NEWLINK, RTM_DELLINK, RTM_NEWADDR, RTM_DELADDR}) {
-        for (size_t length : {16, 17, 20, 23}) {
+        for (size_t const length : {16U, 17U, 20U, 23U}) {
             std::string const payload(length - 16, '\x02');
             EXPECT_EQ(
                 (Log{"interface_appeared if1", "interface_status if1"}),

@@ -38,6 +38,7 @@ class NetDeviceMonitorImpl;
 /// **What counts as operable.** An address is operable as soon as it is there and its interface has told its status once.
 /// The state of the link plays no part: an interface stays up in the table, and its addresses operable, until the
 /// interface or the address is removed.
+/// An interface that leaves a bridge counts as removed, and as new when the kernel tells it next.
 ///
 /// **Which addresses are one and the same** is decided by `AddrInfo::address` alone, within one interface. An IPv4 address
 /// stands there, and its broadcast address in `peer`. An IPv6 address, as the kernel tells one without a far end, stands in
@@ -69,7 +70,8 @@ public:
     ~NetDeviceMonitor();
 
     /// Tells what is there, then follows the changes until `stopWatching` (netlink, `recvmsg`). Blocks. What is there is
-    /// asked for in two steps, interfaces and addresses; what changes meanwhile is told in between.
+    /// asked for in two steps, interfaces and addresses; what changes meanwhile is told in between. So an address that is
+    /// added at the very beginning may come before its interface, which then stays without number and name.
     ///
     /// The network is that of the calling thread's network namespace. After `stopWatching` a further call looks at the
     /// beginning of each answer only, and returns.
