@@ -845,6 +845,7 @@ TEST(NetDeviceFailure, AsksTheResolverFirstWhetherATextIsNumeric) {
     EXPECT_EQ(0, hints.ai_protocol);
     EXPECT_EQ(AF_INET, system.questions[1].ai_family);
     EXPECT_FALSE(device.setAddress(""));
+    EXPECT_FALSE(device.setNetmask(nullptr));
     EXPECT_EQ(2U, system.questions.size());
 }
 
