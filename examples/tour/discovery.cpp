@@ -66,6 +66,7 @@ void unpackNames() {
 // ---- an engine ----
 
 constexpr int SERVICES = 1000;
+constexpr int NEWS = SERVICES + SERVICES / 2;
 
 /// Knows of a thousand services, half of which go away again. Its thread tells every client; a client that is cancelled is
 /// not called any more.
@@ -175,7 +176,7 @@ void browseAndResolve() {
         DnsSd::SyncBrowser browser("_http._tcp", "local");
         DnsSd::SyncBrowser::Result found;
         std::vector<String> present;
-        for (int i = 0; i < SERVICES * 3 / 2; ++i) {
+        for (int i = 0; i < NEWS; ++i) {
             if (failed(browser.wait(soon()) || browser.get(found), "browsing")) {
                 break;
             }
@@ -190,7 +191,7 @@ void browseAndResolve() {
         failed(present.size() != SERVICES / 2 || !browser.get(found), "half of the services stay");
         tell(
             "%d services came and %d went, read in the order of their news: %.2f us each", SERVICES,
-            SERVICES / 2, us / (SERVICES * 3 / 2));
+            SERVICES / 2, us / NEWS);
 
         DnsSd::SyncResolver resolver(found.name, "_http._tcp", "local");
         DnsSd::SyncResolver::Result where;
