@@ -219,7 +219,7 @@ TEST(NetDeviceNamespace, FindsANameOfFullLength) {
         EXPECT_FALSE(device.setAddress("10.1.0.1"));
         EXPECT_EQ("10.1.0.1", getAddress(look(name.c_str())));
 
-        for (size_t const length : {16, 17, 300}) {
+        for (size_t const length : {16U, 17U, 300U}) {
             NetDevice const longer((name + std::string(length - 15, 's')).c_str());
             EXPECT_FALSE(longer.isValid());
             EXPECT_TRUE(isPending(16, ENODEV)) << length;
