@@ -45,13 +45,16 @@ public:
             : host(host_text), port(port_number) {}
 
         /// The numeric text of a binary address; of one of IPv6 with its scope, as in "fe80::1%eth0". Empty with port 0 if the
-        /// address is not of that family, or the system has no text for it. Reports nothing.
+        /// address is not of that family, or its text with the name of the interface takes more than 45 characters. Reports
+        /// nothing.
         explicit IPAddress(sockaddr_in const& binary);
         explicit IPAddress(sockaddr_in6 const& binary);
 
         /// The binary form. A host that is not empty goes through the resolver, and `host` becomes the first result, in
-        /// numeric form. May block as long as the resolver does.
-        /// @return true on failure: what `IPResolver` reported; `CommonError` 5 if the name has no address of this version
+        /// numeric form, also if what comes then fails. May block as long as the resolver does. All forms that the system takes
+        /// for numeric are, "127.1" among them.
+        /// @return true on failure: what `IPResolver` reported; `CommonError` 5 if the name has no address of this version;
+        ///         no report if the system contradicts itself
         bool getBinary(sockaddr_in& out);
         bool getBinary(sockaddr_in6& out);
 
@@ -92,7 +95,7 @@ public:
         /// @param name  null has no addresses
         int resolveName(char const* name, IPProtocolVersion version);
 
-        /// From a numeric address to its names.
+        /// From a numeric address to its names. A text that is not numeric has none.
         /// @param fqdn  whether to tell the names with their domains
         int resolveIP(char const* ip, bool fqdn, IPProtocolVersion version);
 
@@ -142,7 +145,7 @@ public:
     /// interrupts it). Neither unsent data nor `closing` nor the shutdown can stop it: afterwards the socket is `DEAD`.
     /// @param do_shutdown  whether to end the connection also for other descriptors of it (`shutdown`)
     /// @return true on failure: `CommonError` 1 for a socket that is `DEAD` already; what the system says of the `close`:
-    ///         `SysError` 10, or no report for a descriptor that was not open
+    ///         `SysError` 10, or no report for a descriptor that was not open, as of a subclass that never made one
     bool close(bool do_shutdown);
 
     /// Ask the system for the address that an open socket has (`getsockname`), or that its peer has (`getpeername`). On

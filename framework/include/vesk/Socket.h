@@ -17,6 +17,9 @@ namespace vesk {
 ///     vesk::Socket& socket = connection;
 ///     if (socket.write(request, size, written) != 1 || socket.flush(false)) { ... }
 ///     int const result = socket.read(answer, sizeof answer, count); // 0: the peer has ended the connection
+///     if (result == 0) {
+///         std::ErrorStorage::ack(); // The end is reported, and hadError() is true.
+///     }
 ///
 /// A socket is `INACTIVE` until it is connected, bound or adopted, then `OPEN`, and `DEAD` once it is closed. Nothing
 /// returns it from there: make a new object. Only `close` changes the state of an open socket: a peer's end, a reset and
@@ -93,7 +96,8 @@ public:
     /// Waits until some of the sockets are ready (`select`, repeated with what is left of the time while a signal
     /// interrupts it), and removes the others from the sets.
     ///
-    /// Descriptors of 1024 (`FD_SETSIZE`) and more end the process: `Poller` has no such limit.
+    /// Only the descriptors are looked at: what waits in a socket's read buffer does not make it ready, so read until nothing is
+    /// left before. Descriptors of 1024 (`FD_SETSIZE`) and more end the process: `Poller` has no such limit.
     ///
     /// @param read         sockets with something to read, a connection to accept, or an end
     /// @param write        sockets that would take data, or whose connection has been made
@@ -123,7 +127,8 @@ protected:
     ///
     /// Nothing there on a descriptor that does not wait is success with a count of 0. Failures put a `StreamError` on top:
     /// `CommonError` 1 if the socket is not open (0, `read` untouched); `Error` 11 with "Connection closed normally" for
-    /// the peer's orderly end (2); `Error` 6 for a reset (0); `Error` 0 for `EINVAL` (0); `SysError` 10 for `EIO`,
+    /// the peer's orderly end (2); `Error` 12 for a system that gave more than `size`, `hadError` staying false (1); `Error`
+    /// 6 for a reset (0); `Error` 0 for `EINVAL` (0); `SysError` 10 for `EIO`,
     /// `EBADF`, `ENOTSOCK` and `EOPNOTSUPP` (0); `Error` 7 for `ENOTCONN` and `ECONNREFUSED` (0); `Error` 10 for a
     /// time-out (1); `SysError` 0 or 1 for `ENOBUFS` or `ENOMEM` (1); else `SysError` 19 (4).
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override;
