@@ -1,4 +1,4 @@
-// A small web server: the files below a folder over HTTP/1.1, for any number of browsers at once on a single thread.
+// A small web server: the files below a folder over HTTP/1.1, for many browsers at once on a single thread.
 //
 //     http_server FOLDER [PORT [ADDRESS]]
 //
@@ -18,6 +18,7 @@
 #include <vesk/StreamBinFileR.h>
 #include <vesk/TCPServerSocket.h>
 #include <vesk/TCPSocket.h>
+#include <vesk/Thread.h>
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
 
@@ -590,6 +591,14 @@ int fail(char const* what) {
     return 1;
 }
 
+void serve(void* server) {
+    // Signals are for other threads: they would interrupt the poller.
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    static_cast<Server*>(server)->run();
+}
+
 void stopServer(int /*signal*/, void* server) {
     static_cast<Server*>(server)->stop();
 }
@@ -620,18 +629,11 @@ int main(int argc, char** argv) {
 
     vesk::SignalCatcher const interrupts(SIGINT, stopServer, &server);
     vesk::SignalCatcher const terminations(SIGTERM, stopServer, &server);
-    // They are for the catchers' thread, which exists by now, and not for the poller in this one.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
     IPAddress const& address = server.getAddress();
     printf(
         "serving %s at http://%s%s%s:%d/\n", argv[1], is_v6 ? "[" : "", address.host.c_str(),
         is_v6 ? "]" : "", address.port);
     fflush(stdout);
-    server.run();
-    return 0;
+    vesk::Thread loop(serve, &server, "http server");
+    return loop.start() || loop.join() ? fail("no thread for the loop") : 0;
 }
