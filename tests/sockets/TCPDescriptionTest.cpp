@@ -123,7 +123,9 @@ TEST(TCPDescription, thatAnotherIsMovedToClosesWhatItHad) {
     Waiting first;
     Waiting second;
     Description description = first.listener.acceptConnection();
-    description = second.listener.acceptConnection();
+    Description other = second.listener.acceptConnection();
+    description = std::move(other);
+    EXPECT_TRUE(isEmpty(other)) << "it does not get what the other one had";
     EXPECT_TRUE(isAtItsEnd(first.client));
     EXPECT_TRUE(description.valid);
     Client server(true, 0, 0, description);
