@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
+#include <netinet/in.h>
 #include <optional>
 #include <poll.h>
 #include <string>
@@ -171,9 +173,27 @@ private:
     socklen_t m_sender_length = 0;
 };
 
+/// Whether a socket may name the interface of its groups: emulators do not know the option.
+inline bool mayNameInterfaces(IPSocket::IPProtocolVersion version) {
+    bool const six = version == IPSocket::IPV6;
+    int const fd = socket(six ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int const any = 0;
+    bool const unknown = setsockopt(
+                             fd, six ? IPPROTO_IPV6 : IPPROTO_IP, six ? IPV6_MULTICAST_IF : IP_MULTICAST_IF,
+                             &any, sizeof any) != 0 &&
+        errno == ENOPROTOOPT;
+    close(fd);
+    return !unknown;
+}
+
 } // namespace support
 
 #define VESK_SKIP_WITHOUT_IPV6()                                                                             \
     if (!support::Peer(vesk::IPSocket::IPV6).isThere()) {                                                    \
         GTEST_SKIP() << "this machine has no IPv6";                                                          \
+    }
+
+#define VESK_SKIP_WITHOUT_GROUPS(version)                                                                    \
+    if (!support::mayNameInterfaces(version)) {                                                              \
+        GTEST_SKIP() << "the emulator does not know IP_MULTICAST_IF or IPV6_MULTICAST_IF";                   \
     }
