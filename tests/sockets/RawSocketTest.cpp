@@ -26,6 +26,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <ostream>
+#include <poll.h>
 #include <set>
 #include <string>
 #include <sys/ioctl.h>
@@ -33,6 +34,7 @@
 #include <sys/socket.h>
 #include <type_traits>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
@@ -268,6 +270,7 @@ TEST(RawSocket, thatIsOpenRefusesToOpenAgainAndKeepsItsDescriptor) {
     EXPECT_EQ(fd, socket.getSocketFd());
     EXPECT_TRUE(isOpenDescriptor(fd));
     EXPECT_FALSE(socket.close());
+    EXPECT_FALSE(socket.hadError());
 }
 
 TEST(RawSocket, thatIsDeadIsInvalidForOpen) {
@@ -650,14 +653,15 @@ TEST(RawSocketStates, onlyAnOpenOneHasTraffic) {
 
 // ---- traffic, in a network of the test's own ----
 
-/// A type of frame that is reserved for experiments, so that no system sends one by itself.
+/// Types of frames that are reserved for experiments, so that no system sends one by itself.
 constexpr uint16_t OUR_TYPE = 0x88B5;
+constexpr uint16_t PROBE_TYPE = 0x88B6;
 
 /// A frame to everybody that carries a text.
-std::string makeFrame(std::string const& text) {
+std::string makeFrame(std::string const& text, uint16_t type = OUR_TYPE) {
     std::string frame = std::string(6, '\xff') + std::string("\2\0\0\0\0\1", 6);
-    frame += static_cast<char>(OUR_TYPE >> 8);
-    frame += static_cast<char>(OUR_TYPE & 0xff);
+    frame += static_cast<char>(type >> 8);
+    frame += static_cast<char>(type & 0xff);
     frame += text;
     frame.resize(std::max<size_t>(frame.size(), 60), '\0');
     return frame;
@@ -692,18 +696,51 @@ testing::AssertionResult writes(RawSocket& socket, std::string const& frame) {
                                                 : testing::AssertionFailure() << result << " " << count;
 }
 
-/// Puts a frame on the wire by plain system calls.
+/// A packet socket of plain system calls.
+class PlainPort {
+public:
+    explicit PlainPort(char const* device, uint16_t type = 0)
+        : m_fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(type))) {
+        m_address.sll_family = AF_PACKET;
+        m_address.sll_protocol = htons(type);
+        m_address.sll_ifindex = static_cast<int>(if_nametoindex(device));
+        EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr const*>(&m_address), sizeof m_address));
+    }
+    ~PlainPort() { close(m_fd); }
+
+    PlainPort(PlainPort const&) = delete;
+    PlainPort& operator=(PlainPort const&) = delete;
+
+    void sendFrame(std::string const& frame) const {
+        EXPECT_EQ(static_cast<ssize_t>(frame.size()), send(m_fd, frame.data(), frame.size(), 0))
+            << strerror(errno);
+    }
+
+    /// Whether a frame comes within some milliseconds.
+    bool getsFrame(int timeout_ms) const {
+        pollfd entry{m_fd, POLLIN, 0};
+        return poll(&entry, 1, timeout_ms) == 1;
+    }
+
+private:
+    int m_fd;
+    sockaddr_ll m_address{};
+};
+
+/// Puts a frame on the wire.
 void sendFrom(char const* device, std::string const& frame) {
-    int const fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
-    sockaddr_ll address{};
-    address.sll_family = AF_PACKET;
-    address.sll_ifindex = static_cast<int>(if_nametoindex(device));
-    EXPECT_EQ(
-        static_cast<ssize_t>(frame.size()),
-        sendto(
-            fd, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr const*>(&address), sizeof address))
-        << strerror(errno);
-    close(fd);
+    PlainPort(device).sendFrame(frame);
+}
+
+/// Waits until frames come through: the system drops them for a while after both ends have been set up.
+void waitForCable(char const* one, char const* other) {
+    for (auto const& way : {std::make_pair(one, other), std::make_pair(other, one)}) {
+        PlainPort const from(way.first);
+        PlainPort const to(way.second, PROBE_TYPE);
+        do {
+            from.sendFrame(makeFrame("probe", PROBE_TYPE));
+        } while (!to.getsFrame(10));
+    }
 }
 
 /// Runs with two cables: "left" leads to "right", and "north" to "south". All are up.
@@ -714,6 +751,8 @@ void expectWithCables(std::function<void()> const& body) {
         for (char const* const device : {"left", "right", "north", "south"}) {
             ASSERT_TRUE(support::setUp(device));
         }
+        waitForCable("left", "right");
+        waitForCable("north", "south");
         body();
     });
 }
@@ -917,6 +956,7 @@ TEST(RawSocketDevices, thatGoDownFailTheNextReadAndGoOnWhenTheyAreUpAgain) {
         EXPECT_TRUE(trafficFailureIs(ENETDOWN, Socket::Error, 8, 0));
 
         ASSERT_TRUE(support::setUp("right"));
+        waitForCable("left", "right");
         sendFrom("left", makeFrame("up again"));
         EXPECT_EQ("up again", readText(socket));
         EXPECT_FALSE(socket.close());

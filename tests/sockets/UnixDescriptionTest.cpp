@@ -187,6 +187,28 @@ TEST_F(UnixDescriptionTest, isAdoptedThroughAConstantReference) {
     EXPECT_FALSE(socket.close(false));
 }
 
+TEST_F(UnixDescriptionTest, givesItsAddressesToTheSocketThatAdoptsIt) {
+    class TestedSocket : public UnixSocket {
+    public:
+        using UnixSocket::m_bound;
+        using UnixSocket::m_local_binary;
+        using UnixSocket::m_local_length;
+        using UnixSocket::m_peer_binary;
+        using UnixSocket::m_peer_length;
+        using UnixSocket::UnixSocket;
+    };
+    Description description = m_server.acceptConnection();
+    memset(&description.local_binary, 'l', sizeof description.local_binary);
+    memset(&description.peer_binary, 'p', sizeof description.peer_binary);
+    TestedSocket socket(true, 0, 0, description);
+    EXPECT_EQ(std::string(110, 'l'), support::bytesOf(&socket.m_local_binary, 110));
+    EXPECT_EQ(std::string(110, 'p'), support::bytesOf(&socket.m_peer_binary, 110));
+    EXPECT_EQ(0U, socket.m_local_length);
+    EXPECT_EQ(0U, socket.m_peer_length);
+    EXPECT_FALSE(socket.m_bound);
+    EXPECT_FALSE(socket.close(false));
+}
+
 TEST_F(UnixDescriptionTest, thatWasAdoptedLeavesTheDescriptorAlone) {
     std::unique_ptr<UnixSocket> socket;
     {

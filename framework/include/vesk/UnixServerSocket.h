@@ -9,7 +9,7 @@ namespace vesk {
 ///
 ///     vesk::UnixServerSocket server("/run/clock", true, vesk::UnixSocketBase::FILESYSTEM);
 ///     server.enableListen(8);
-///     vesk::UnixSocket const connection(true, 512, 512, server.acceptConnection());
+///     vesk::UnixSocket connection(true, 512, 512, server.acceptConnection());
 ///     ...
 ///     server.close(false); // Removes the file.
 ///
