@@ -210,6 +210,11 @@ inline testing::AssertionResult misuseIs(std::string const& text) {
     return chainIs({{std::CommonError, 1, rowText(std::CommonError, 1, text)}});
 }
 
+/// The name of a test that makes one of the two calls of `fcntl` fail.
+inline std::string flagCallName(testing::TestParamInfo<Injected*> const& info) {
+    return info.param == &inject_getfl ? "F_GETFL" : "F_SETFL";
+}
+
 inline constexpr SystemRow CREATION_ROWS[] = {
     {EMFILE, vesk::SysError, 0},
     {ENFILE, vesk::SysError, 0},

@@ -316,7 +316,8 @@ TEST_P(UnixDescriptionFlags, thatCannotBeSetLeadToOneCloseByTheDescription) {
     EXPECT_EQ("", events.getText());
 }
 
-INSTANTIATE_TEST_SUITE_P(calls, UnixDescriptionFlags, testing::Values(&inject_getfl, &inject_setfl));
+INSTANTIATE_TEST_SUITE_P(
+    calls, UnixDescriptionFlags, testing::Values(&inject_getfl, &inject_setfl), support::flagCallName);
 
 TEST_F(UnixDescriptionTest, closesAgainAfterASignalWithoutAWord) {
     support::EventRecorder const events;

@@ -187,7 +187,8 @@ TEST_P(UnixServerSocketFlags, thatCannotBeSetStayReportedIfTheAbortReturns) {
     support::closeForReal(fd);
 }
 
-INSTANTIATE_TEST_SUITE_P(calls, UnixServerSocketFlags, testing::Values(&inject_getfl, &inject_setfl));
+INSTANTIATE_TEST_SUITE_P(
+    calls, UnixServerSocketFlags, testing::Values(&inject_getfl, &inject_setfl), support::flagCallName);
 
 // ---- enableListen ----
 

@@ -260,7 +260,8 @@ TEST_P(UnixSocketFlags, thatCannotBeSetStayReportedIfTheAbortReturns) {
     support::closeForReal(fd);
 }
 
-INSTANTIATE_TEST_SUITE_P(calls, UnixSocketFlags, testing::Values(&inject_getfl, &inject_setfl));
+INSTANTIATE_TEST_SUITE_P(
+    calls, UnixSocketFlags, testing::Values(&inject_getfl, &inject_setfl), support::flagCallName);
 
 // ---- prepareAddress ----
 
