@@ -15,8 +15,6 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/UDPSocket";
 
-constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
-
 // Unlike `send` without a cause for a number that no row has: the stream's own report stands alone.
 constexpr SendErrors SEND_TO_ERRORS = makeSendErrors(NONE);
 
