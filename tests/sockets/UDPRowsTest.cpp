@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ostream>
 #include <string>
 
 namespace {
@@ -43,6 +44,10 @@ struct Row {
     std::ErrorType const* family;
     int id;
     int stream = -1;
+
+    friend std::ostream& operator<<(std::ostream& out, Row const& row) {
+        return out << strerrorname_np(row.error);
+    }
 };
 
 std::string nameOf(testing::TestParamInfo<Row> const& info) {
@@ -98,6 +103,8 @@ struct FlagRow {
     char const* name;
     int nth;
     int error;
+
+    friend std::ostream& operator<<(std::ostream& out, FlagRow const& row) { return out << row.name; }
 };
 
 class UDPFcntl : public testing::TestWithParam<FlagRow> {};

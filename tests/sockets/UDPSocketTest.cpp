@@ -12,8 +12,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <memory>
+#include <ostream>
+#include <set>
 #include <string>
 #include <type_traits>
 
@@ -225,6 +226,8 @@ TEST(UDPSocket, canBeDestroyedAsAStream) {
 struct Classification {
     char const* peer;
     bool multicast;
+
+    friend std::ostream& operator<<(std::ostream& out, Classification const& row) { return out << row.peer; }
 };
 
 class UDPClassification : public testing::TestWithParam<Classification> {};
@@ -597,6 +600,8 @@ struct StateRow {
     char const* name;
     Socket::State state;
     Mode mode;
+
+    friend std::ostream& operator<<(std::ostream& out, StateRow const& row) { return out << row.name; }
 };
 
 /// A socket in one of its states; its calls only seem to succeed.
@@ -825,6 +830,8 @@ TEST(UDPBroadcast, doesNotExistInIPv6) {
 struct SizeRow {
     int option; ///< What the system tells, twice what was granted.
     unsigned int size;
+
+    friend std::ostream& operator<<(std::ostream& out, SizeRow const& row) { return out << row.option; }
 };
 
 class UDPMaxTxSize : public testing::TestWithParam<SizeRow> {};
