@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/Sanitizers.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -108,13 +110,6 @@ private:
 constexpr bool WATCHES_CANCELLED_CALLS = false;
 #else
 constexpr bool WATCHES_CANCELLED_CALLS = true;
-#endif
-
-#if defined(__SANITIZE_ADDRESS__)
-/// The address sanitizer keeps its marks of the stack frames that a cancelled thread has left by unwinding.
-constexpr bool FORGETS_UNWOUND_FRAMES = false;
-#else
-constexpr bool FORGETS_UNWOUND_FRAMES = true;
 #endif
 
 /// A body that ends when it is cancelled.
