@@ -59,7 +59,6 @@ protected:
     bool performFlush() override;
 
 private:
-    void giveUpListening();
     bool refuse(char const* text);
 };
 

@@ -58,8 +58,8 @@ public:
 
         void swap(Description& other) noexcept;
 
-        mutable bool valid =
-            false; ///< Whether this object owns `socket_fd`. The socket that adopts it clears it.
+        /// Whether this object owns `socket_fd`. The socket that adopts it clears it.
+        mutable bool valid = false;
         int socket_fd = INVALID_SOCKET_FD; ///< The accepted descriptor; not reset when a socket adopts it.
         BinaryAddress local_binary{};      ///< Zeros, also of an accepted connection.
         BinaryAddress peer_binary{};       ///< The address of the peer.

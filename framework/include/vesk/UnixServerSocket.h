@@ -43,6 +43,7 @@ public:
     UnixSocket::Description acceptConnection();
 
 protected:
+    /// These always fail: a server has no traffic of its own.
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override;
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override;
     bool performFlush() override;

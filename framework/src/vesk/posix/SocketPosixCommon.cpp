@@ -169,6 +169,20 @@ Outcome acceptSocket(int fd, sockaddr* address, socklen_t length, int& accepted)
     return accepted >= 0 ? Outcome::DONE : classify(SOURCE, ACCEPT_ERRORS, errno);
 }
 
+void closeAccepted(Place place, int fd) {
+    while (close(fd) != 0) {
+        if (errno != EINTR) {
+            std::GlobalErrorHandler::doWarning(
+                place.file, place.line, "~Description", "unknown error closing socket FD");
+        }
+    }
+}
+
+void reportNoTraffic(Place place, char const* text) {
+    report(place, Chain::NEW, std::CommonError, 1, text);
+    report(place, Chain::ON_TOP, std::IBinStreamBase::StreamError, 3);
+}
+
 int connectSocket(int fd, sockaddr const* address, socklen_t length) {
     if (isMissing(fd, __LINE__, "connectSocket")) {
         return -1;

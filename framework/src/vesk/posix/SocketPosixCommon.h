@@ -51,6 +51,12 @@ bool listenSocket(int fd, unsigned int backlog);
 /// @return `NOT_NOW` if no connection waits and the descriptor does not either
 Outcome acceptSocket(int fd, sockaddr* address, socklen_t length, int& accepted);
 
+/// The end of an accepted descriptor that no socket has adopted: closes it, whatever it takes. A failure is a warning.
+void closeAccepted(Place place, int fd);
+
+/// Reports that a server has no traffic of its own.
+void reportNoTraffic(Place place, char const* text);
+
 /// @return 0 connected, 1 on its way, -1 failure
 int connectSocket(int fd, sockaddr const* address, socklen_t length);
 

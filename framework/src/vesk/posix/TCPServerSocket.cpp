@@ -27,12 +27,6 @@ TCPServerSocket::TCPServerSocket(IPAddress const& local, bool blocking, bool reu
 
 TCPServerSocket::~TCPServerSocket() = default;
 
-/// Closes the socket; what led to it stays reported, whatever the close says.
-void TCPServerSocket::giveUpListening() {
-    closeKeepingChain([this] { return close(false); }, [] {});
-    fail();
-}
-
 void TCPServerSocket::enableListen(unsigned int backlog) {
     m_had_error = false;
     if (m_socket_state != INACTIVE) {
@@ -42,7 +36,8 @@ void TCPServerSocket::enableListen(unsigned int backlog) {
     }
     int const fd = m_socket_handle.socket_fd;
     if (bindSocket(fd, getLocalBinary(), getBinaryLength(), false) || listenSocket(fd, backlog)) {
-        giveUpListening();
+        closeKeepingChain([this] { return close(false); }, [] {});
+        fail();
         return;
     }
     m_socket_state = OPEN;
@@ -78,8 +73,7 @@ unsigned int TCPServerSocket::maxTxSize() const {
 }
 
 bool TCPServerSocket::refuse(char const* text) {
-    report(SOURCE, Chain::NEW, std::CommonError, 1, text);
-    report(SOURCE, Chain::ON_TOP, StreamError, 3);
+    reportNoTraffic(SOURCE, text);
     return fail();
 }
 

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
-#include <unistd.h>
 #include <utility>
 
 namespace vesk {
@@ -44,11 +43,8 @@ TCPSocket::Description& TCPSocket::Description::operator=(Description&& other) n
 }
 
 TCPSocket::Description::~Description() {
-    while (valid && ::close(socket_fd) != 0) {
-        if (errno != EINTR) {
-            std::GlobalErrorHandler::doWarning(
-                SOURCE, __LINE__, "~Description", "unknown error closing socket FD");
-        }
+    if (valid) {
+        closeAccepted(SOURCE, socket_fd);
     }
 }
 

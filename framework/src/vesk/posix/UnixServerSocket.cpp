@@ -74,8 +74,7 @@ UnixSocket::Description UnixServerSocket::acceptConnection() {
 }
 
 bool UnixServerSocket::refuse(char const* text) {
-    report(SOURCE, Chain::NEW, std::CommonError, 1, text);
-    report(SOURCE, Chain::ON_TOP, StreamError, 3);
+    reportNoTraffic(SOURCE, text);
     return fail();
 }
 

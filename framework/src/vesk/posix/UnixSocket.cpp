@@ -5,7 +5,6 @@
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
-#include <unistd.h>
 #include <utility>
 
 namespace vesk {
@@ -29,11 +28,8 @@ UnixSocket::Description& UnixSocket::Description::operator=(Description&& other)
 }
 
 UnixSocket::Description::~Description() {
-    while (valid && ::close(socket_fd) != 0) {
-        if (errno != EINTR) {
-            std::GlobalErrorHandler::doWarning(
-                SOURCE, __LINE__, "~Description", "unknown error closing socket FD");
-        }
+    if (valid) {
+        closeAccepted(SOURCE, socket_fd);
     }
 }
 
