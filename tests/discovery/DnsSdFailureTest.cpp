@@ -2,6 +2,7 @@
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
+#include "support/UnlockFault.h"
 
 #include <vesk/DnsSd.h>
 
@@ -24,16 +25,6 @@ VESK_INJECT_RESULT(
     (thread, attributes, function, argument))
 VESK_INJECT_RESULT(pthread_join, (pthread_t thread, void** result), (thread, result))
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
-
-// A failing unlock lets go of the lock all the same, so that the lock can be destroyed.
-support::Injected inject_pthread_mutex_unlock("pthread_mutex_unlock");
-extern "C" VESK_UNWATCHED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    int error = 0;
-    bool const fails = inject_pthread_mutex_unlock.fails(error);
-    int const result =
-        reinterpret_cast<int (*)(pthread_mutex_t*)>(inject_pthread_mutex_unlock.getReal())(mutex);
-    return fails ? error : result;
-}
 
 namespace {
 

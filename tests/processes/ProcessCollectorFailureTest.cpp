@@ -6,6 +6,7 @@
 #include "support/Inject.h"
 #include "support/NewFault.h"
 #include "support/Processes.h"
+#include "support/UnlockFault.h"
 
 #include <vesk/Mutex.h>
 #include <vesk/RWLock.h>
@@ -18,26 +19,7 @@
 #include <csignal>
 #include <pthread.h>
 
-namespace {
-
-template <typename Function>
-VESK_UNWATCHED Function* getReal(support::Injected& injected, Function*) {
-    return reinterpret_cast<Function*>(injected.getReal());
-}
-
-} // namespace
-
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * m), (m))
-
-// A failing unlock lets go of the lock all the same.
-support::Injected inject_pthread_mutex_unlock("pthread_mutex_unlock");
-extern "C" VESK_UNWATCHED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    int error = 0;
-    bool const fails = inject_pthread_mutex_unlock.fails(error);
-    int const result = getReal(inject_pthread_mutex_unlock, &pthread_mutex_unlock)(mutex);
-    return fails ? error : result;
-}
-
 VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
 VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * c), (c))
 VESK_INJECT_RESULT(

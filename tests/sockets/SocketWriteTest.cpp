@@ -51,20 +51,10 @@ using support::makeTcpEnds;
 using support::rowText;
 using support::systemText;
 using support::TestSocket;
+using Row = support::TransferRow;
 using vesk::Socket;
 using vesk::SysError;
 constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
-
-struct Row {
-    int error;
-    std::ErrorType const& family;
-    int id;
-    int stream_id;
-};
-
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << strerrorname_np(row.error);
-}
 
 class SocketWriteRow : public testing::TestWithParam<Row> {};
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
+#include <ostream>
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
@@ -15,6 +16,18 @@
 
 /// What the tests of the socket base have in common.
 namespace support {
+
+/// A row of the tables of reading and writing: what one number reports, and what the stream reports on top of it.
+struct TransferRow {
+    int error;
+    std::ErrorType const& family;
+    int id;
+    int stream_id;
+};
+
+inline void PrintTo(TransferRow const& row, std::ostream* out) {
+    *out << strerrorname_np(row.error);
+}
 
 /// The smallest of sockets: takes any descriptor, and can be put into any state. Nothing of it is hidden.
 class TestSocket : public vesk::Socket {

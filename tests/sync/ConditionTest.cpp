@@ -3,6 +3,7 @@
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Processes.h"
+#include "support/UnlockFault.h"
 
 #include <vesk/Condition.h>
 #include <vesk/Mutex.h>
@@ -47,16 +48,6 @@ VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), 
 VESK_INJECT_RESULT(
     pthread_cond_timedwait, (pthread_cond_t * c, pthread_mutex_t* m, timespec const* t), (c, m, t))
 VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * c), (c))
-
-/// Fails after it has unlocked: a lock that stayed held could never be destroyed.
-support::Injected inject_pthread_mutex_unlock("pthread_mutex_unlock");
-extern "C" VESK_UNWATCHED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    int error = 0;
-    bool const fails = inject_pthread_mutex_unlock.fails(error);
-    int const result =
-        reinterpret_cast<int (*)(pthread_mutex_t*)>(inject_pthread_mutex_unlock.getReal())(mutex);
-    return fails ? error : result;
-}
 
 namespace {
 

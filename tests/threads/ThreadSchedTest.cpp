@@ -1,6 +1,7 @@
 #include "support/Chain.h"
 #include "support/Child.h"
 #include "support/Inject.h"
+#include "support/UnlockFault.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Mutex.h>
@@ -44,15 +45,6 @@ VESK_INJECT_RESULT(pthread_attr_setschedparam, (pthread_attr_t * a, sched_param 
 VESK_INJECT_ERRNO(int, -1, sched_get_priority_min, (int policy), (policy))
 VESK_INJECT_ERRNO(int, -1, sched_get_priority_max, (int policy), (policy))
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
-
-// A failing unlock lets go of the lock all the same: nobody else could.
-support::Injected inject_pthread_mutex_unlock("pthread_mutex_unlock");
-extern "C" VESK_UNWATCHED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    int const result =
-        reinterpret_cast<int (*)(pthread_mutex_t*)>(inject_pthread_mutex_unlock.getReal())(mutex);
-    int error = 0;
-    return inject_pthread_mutex_unlock.fails(error) ? error : result;
-}
 
 namespace {
 
