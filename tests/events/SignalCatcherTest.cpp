@@ -85,6 +85,7 @@ using support::ChildEnd;
 using support::countThreads;
 using support::EventRecorder;
 using support::Fault;
+using support::g_threads_at_start;
 using support::getAction;
 using support::getThreadId;
 using support::runInChild;
@@ -137,13 +138,11 @@ private:
 
 class SignalCatcherTest : public testing::Test {
 protected:
-    void SetUp() override { threads_before = countThreads(); }
     void TearDown() override {
         EXPECT_FALSE(std::ErrorStorage::isError(true));
-        EXPECT_TRUE(waitUntil([this] { return countThreads() == threads_before; }));
+        EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
     }
 
-    int threads_before = 0;
     CallLog log;
 };
 
@@ -486,7 +485,7 @@ TEST_P(SignalCatcherRefusalTest, IsNotReportedAndSignsOffInTheEnd) {
             SignalCatcher const catcher(GetParam().signal, CallLog::record, &log);
             EXPECT_EQ(1, calls.getCalls());
             EXPECT_FALSE(std::ErrorStorage::isError(true));
-            EXPECT_EQ(threads_before + 1, countThreads());
+            EXPECT_EQ(g_threads_at_start + 1, countThreads());
         }
         // The action was not taken over, so it is not put back.
         EXPECT_EQ(1, calls.getCalls());
@@ -778,13 +777,13 @@ TEST_F(SignalCatcherTest, ForgetsWhatIsPendingAtItsEnd) {
 TEST_F(SignalCatcherTest, TwoOfTheSharedFormUseOneThreadAndTheFirstLeavesTheSecondWorking) {
     auto first = std::make_unique<SignalCatcher>(SIGUSR1, CallLog::record, &log);
     SignalCatcher const second(SIGUSR2, CallLog::record, &log);
-    EXPECT_EQ(threads_before + 1, countThreads());
+    EXPECT_EQ(g_threads_at_start + 1, countThreads());
     raise(SIGUSR1);
     EXPECT_TRUE(log.waitFor(1));
     raise(SIGUSR2);
     EXPECT_TRUE(log.waitFor(2));
     first.reset();
-    EXPECT_EQ(threads_before + 1, countThreads());
+    EXPECT_EQ(g_threads_at_start + 1, countThreads());
     EXPECT_EQ(SIG_DFL, getAction(SIGUSR1).sa_handler);
     raise(SIGUSR2);
     EXPECT_TRUE(log.waitFor(3));
@@ -801,11 +800,11 @@ TEST_F(SignalCatcherTest, AfterTheLastOneANewOneMakesANewThreadAndANewPipe) {
             SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
             SignalCatcher const other(SIGUSR2, CallLog::record, &log);
             EXPECT_EQ(pipes + static_cast<int>(i), s_pipes);
-            EXPECT_EQ(threads_before + 1, countThreads());
+            EXPECT_EQ(g_threads_at_start + 1, countThreads());
             raise(SIGUSR1);
             EXPECT_TRUE(log.waitFor(i));
         }
-        EXPECT_TRUE(waitUntil([this] { return countThreads() == threads_before; }));
+        EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
         // The pipe went with the thread.
         char byte = 0;
         EXPECT_EQ(-1, read(s_pipe[0], &byte, 1));
@@ -833,13 +832,13 @@ TEST_F(SignalCatcherTest, OfAClientsQueueStartsNoThreadAndCallsBackWhereItsDispa
             self.dispatcher.stop();
         },
         &client);
-    EXPECT_EQ(threads_before, countThreads());
+    EXPECT_EQ(g_threads_at_start, countThreads());
     raise(SIGUSR1);
     EXPECT_EQ(0u, log.getCount());
     dispatcher.run();
     EXPECT_EQ(1u, log.getCount());
     EXPECT_EQ(getThreadId(), log.getCalls()[0].thread);
-    EXPECT_EQ(threads_before, countThreads());
+    EXPECT_EQ(g_threads_at_start, countThreads());
 }
 
 TEST_F(SignalCatcherTest, BothFormsWorkSideBySide) {

@@ -40,6 +40,7 @@ using support::chainIs;
 using support::ChildEnd;
 using support::countThreads;
 using support::Fault;
+using support::g_threads_at_start;
 using support::runInChild;
 using support::systemText;
 using support::waitUntil;
@@ -80,20 +81,17 @@ void askThread(SignalDispatcher& dispatcher, Looks& looks) {
 
 class SignalDispatcherTest : public testing::Test {
 protected:
-    void SetUp() override { threads_before = countThreads(); }
     void TearDown() override { EXPECT_TRUE(haveThreadsGone()); }
 
-    bool haveThreadsGone() const {
-        return waitUntil([this] { return countThreads() == threads_before; });
+    static bool haveThreadsGone() {
+        return waitUntil([] { return countThreads() == g_threads_at_start; });
     }
-
-    int threads_before = 0;
 };
 
 TEST_F(SignalDispatcherTest, StartsItsThreadInTheConstructorAndEndsItInTheDestructor) {
     {
         SignalDispatcher dispatcher;
-        EXPECT_EQ(threads_before + 1, countThreads());
+        EXPECT_EQ(g_threads_at_start + 1, countThreads());
         Looks looks;
         askThread(dispatcher, looks);
         EXPECT_NE(support::getThreadId(), looks.log.getCalls()[0].thread);
@@ -179,10 +177,10 @@ TEST_F(SignalDispatcherTest, OfTheProcessLivesAsLongAsThereAreReferences) {
         {
             auto first = std::make_unique<Reference>(SignalDispatcher::DEFAULT);
             Reference const second(*first);
-            EXPECT_EQ(threads_before + 1, countThreads());
+            EXPECT_EQ(g_threads_at_start + 1, countThreads());
             EXPECT_EQ(first->get(), second.get());
             first.reset();
-            EXPECT_EQ(threads_before + 1, countThreads());
+            EXPECT_EQ(g_threads_at_start + 1, countThreads());
             Looks looks;
             askThread(*second, looks);
         }

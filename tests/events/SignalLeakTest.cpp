@@ -14,6 +14,7 @@
 #include <malloc.h>
 #include <mutex>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 support::Injected inject_pipe("pipe");

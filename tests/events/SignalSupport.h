@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/Threads.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -7,15 +9,10 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
-#include <dirent.h>
 #include <dlfcn.h>
 #include <memory>
 #include <mutex>
 #include <sched.h>
-#include <string>
-#include <sys/syscall.h>
-#include <thread>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -42,36 +39,6 @@ bool waitUntil(Condition condition) {
 inline bool isOfLibrary(void const* address) {
     Dl_info info{};
     return dladdr(address, &info) != 0 && strstr(info.dli_fname, "libvesk.so") != nullptr;
-}
-
-inline pid_t getThreadId() {
-    return static_cast<pid_t>(syscall(SYS_gettid));
-}
-
-/// Whether the process has such a thread. One that was joined may take a little longer to go.
-inline bool isThread(pid_t thread) {
-    return access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) == 0;
-}
-
-/// The threads of this process, those included that end right now.
-inline int countThreads() {
-    // A sanitizer's runtime starts a thread of its own beside the first one of the program.
-    static bool const settled = [] {
-        pid_t first = 0;
-        std::thread([&first] { first = getThreadId(); }).join();
-        return waitUntil([first] { return !isThread(first); });
-    }();
-    EXPECT_TRUE(settled);
-    DIR* const directory = opendir("/proc/self/task");
-    if (directory == nullptr) {
-        return -1;
-    }
-    int count = -2; // "." and ".."
-    while (readdir(directory) != nullptr) {
-        ++count;
-    }
-    closedir(directory);
-    return count;
 }
 
 /// The calls of a callback, in order.

@@ -116,7 +116,7 @@ TEST(ProcessCollectorStart, anEagerStartUpStartsTheThread) {
     EXPECT_TRUE(eventually([] { return findCollector() != 0; }));
     EXPECT_EQ(threads + 1, support::countThreads());
     Vesk::cleanupAll();
-    EXPECT_EQ(threads, support::countThreads());
+    EXPECT_TRUE(support::hasThreads(threads));
 }
 
 TEST(ProcessCollectorStart, anEagerStartUpOfUnusedChildrenEndsAtOnce) {

@@ -752,7 +752,7 @@ TEST_P(ThreadWrapperRows, areFatalAndNeitherHangNorStopTheThreadIfTheyAreSurvive
         } else {
             EXPECT_FALSE(thread.join());
         }
-        EXPECT_TRUE(eventually([this] { return areThreadsGone(); }));
+        EXPECT_TRUE(eventually(areThreadsGone));
     }
     EXPECT_EQ(1, runs);
     EXPECT_EQ(aborted("threadWrapper", row.text), recorder.getText());
@@ -847,7 +847,7 @@ TEST_P(ThreadDestructorRows, areFatalAndNeitherHangNorLeaveTheThreadIfTheyAreSur
         EXPECT_LE(row.nth, fault.getCalls());
     }
     go.set();
-    EXPECT_TRUE(eventually([this] { return areThreadsGone(); }));
+    EXPECT_TRUE(eventually(areThreadsGone));
     EXPECT_EQ(expected, recorder.getText());
     std::ErrorStorage::ack();
 }

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "support/Sanitizers.h"
+#include "support/Threads.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <ctime>
-#include <dirent.h>
 #include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
@@ -61,28 +61,6 @@ private:
     Event& m_event;
 };
 
-/// The first thread of a program makes the thread sanitizer start one of its own, which is not to count later.
-inline bool const g_sanitizer_is_running = [] {
-    pthread_t thread{};
-    return pthread_create(
-               &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr) == 0 &&
-        pthread_join(thread, nullptr) == 0;
-}();
-
-/// How many threads the process has, as the system sees it.
-inline int countThreads() {
-    DIR* const directory = opendir("/proc/self/task");
-    if (directory == nullptr) {
-        return -1;
-    }
-    int count = -2; // "." and ".."
-    while (readdir(directory) != nullptr) {
-        ++count;
-    }
-    closedir(directory);
-    return count;
-}
-
 /// Waits until the process has so many threads: one that was joined may be seen for another moment.
 inline testing::AssertionResult hasThreads(int count) {
     if (eventually([count] { return countThreads() == count; })) {
@@ -95,13 +73,8 @@ inline testing::AssertionResult hasThreads(int count) {
 /// under them.
 class ThreadsGone : public testing::Test {
 protected:
-    void TearDown() override {
-        EXPECT_TRUE(eventually([this] { return areThreadsGone(); })) << "a thread is left";
-    }
-    bool areThreadsGone() const { return countThreads() <= m_before; }
-
-private:
-    int m_before = countThreads();
+    void TearDown() override { EXPECT_TRUE(eventually(areThreadsGone)) << "a thread is left"; }
+    static bool areThreadsGone() { return countThreads() <= g_threads_at_start; }
 };
 
 #if defined(__SANITIZE_THREAD__)

@@ -55,9 +55,7 @@ void count(Thread::ThreadId const&, Thread::ExitReason reason) {
 class ThreadTerminate : public support::ThreadsGone {
 protected:
     void SetUp() override { g_normal = g_terminated = 0; }
-    void waitForTheEnd() const {
-        EXPECT_TRUE(eventually([this] { return areThreadsGone(); }));
-    }
+    void waitForTheEnd() const { EXPECT_TRUE(eventually(areThreadsGone)); }
 };
 
 // ---- what it does ----

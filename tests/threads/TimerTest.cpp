@@ -79,10 +79,7 @@ void letPass(unsigned int ms, bool high_priority = false) {
     EXPECT_TRUE(other.waitFor(1));
 }
 
-class TimerOfPriority : public testing::TestWithParam<bool> {
-protected:
-    int m_threads = support::countThreads();
-};
+class TimerOfPriority : public testing::TestWithParam<bool> {};
 
 TEST_P(TimerOfPriority, standsStillAtFirst) {
     Clock clock(GetParam());
@@ -124,15 +121,15 @@ TEST_P(TimerOfPriority, theLastOneEndsTheThreadAndANewOneStartsANewOne) {
     for (int i = 0; i < 3; ++i) {
         {
             Clock const first(GetParam());
-            EXPECT_TRUE(support::hasThreads(m_threads + 1));
+            EXPECT_TRUE(support::hasThreads(support::g_threads_at_start + 1));
             {
                 Clock second(GetParam());
                 EXPECT_FALSE(second.start(AN_HOUR, true));
-                EXPECT_TRUE(support::hasThreads(m_threads + 1));
+                EXPECT_TRUE(support::hasThreads(support::g_threads_at_start + 1));
             }
-            EXPECT_TRUE(support::hasThreads(m_threads + 1));
+            EXPECT_TRUE(support::hasThreads(support::g_threads_at_start + 1));
         }
-        EXPECT_TRUE(support::hasThreads(m_threads));
+        EXPECT_TRUE(support::hasThreads(support::g_threads_at_start));
     }
     Clock clock(GetParam());
     EXPECT_FALSE(clock.start(1, true));
