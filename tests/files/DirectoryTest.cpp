@@ -51,23 +51,7 @@ DIR* s_stream = nullptr;
 std::vector<int>* s_closed = nullptr;
 } // namespace
 
-support::Injected inject_open("open");
-extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
-    int error = 0;
-    if (inject_open.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    s_flags = flags;
-    mode_t mode = 0;
-    if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
-    return reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal())(path, flags, mode);
-}
+VESK_INJECT_OPEN(s_flags = flags)
 
 support::Injected inject_openat("openat");
 extern "C" VESK_UNWATCHED int openat(int fd, char const* path, int flags, ...) {

@@ -19,7 +19,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
 #include <ostream>
@@ -34,19 +33,7 @@ VESK_INJECT_ERRNO(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, b
 VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size), (fd, buffer, size))
 VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
 
-support::Injected inject_open("open");
-extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    int const mode = (flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0;
-    va_end(arguments);
-    int error = 0;
-    if (inject_open.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal())(path, flags, mode);
-}
+VESK_INJECT_OPEN()
 
 /// The base library's own way of writing. "Fails" by writing a byte less, as no base library should.
 support::Injected inject_writeSlowly("_ZNSt16IBinOutputStream11writeSlowlyEPKvjRj");

@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -57,20 +56,7 @@ extern "C" VESK_UNWATCHED int tcsetattr(int fd, int action, termios const* line)
     return reinterpret_cast<int (*)(int, int, termios const*)>(inject_tcsetattr.getReal())(fd, action, line);
 }
 
-support::Injected inject_open("open");
-extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    int const mode = (flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0;
-    va_end(arguments);
-    int error = 0;
-    if (inject_open.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    s_open_flags = flags;
-    return reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal())(path, flags, mode);
-}
+VESK_INJECT_OPEN(s_open_flags = flags)
 
 namespace {
 

@@ -27,22 +27,7 @@ VESK_INJECT_ERRNO(long, -1, sysconf, (int name), (name))
 VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
 VESK_INJECT_ERRNO(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
 
-support::Injected inject_open("open");
-extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t);
-        va_end(arguments);
-    }
-    int error = 0;
-    if (inject_open.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal())(path, flags, mode);
-}
+VESK_INJECT_OPEN()
 
 namespace {
 

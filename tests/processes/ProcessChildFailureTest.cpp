@@ -128,23 +128,7 @@ extern "C" VESK_UNWATCHED int sched_setaffinity(pid_t pid, size_t size, cpu_set_
     return getReal(inject_sched_setaffinity, &sched_setaffinity)(pid, size, set);
 }
 
-support::Injected inject_open("open");
-extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
-    record("open %s %x %o\n", path, static_cast<unsigned int>(flags), mode);
-    int error = 0;
-    if (inject_open.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return getReal(inject_open, &open)(path, flags, mode);
-}
+VESK_INJECT_OPEN(record("open %s %x %o\n", path, static_cast<unsigned int>(flags), mode))
 
 support::Injected inject_dup2("dup2");
 extern "C" VESK_UNWATCHED int dup2(int from, int to) noexcept {

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
@@ -45,23 +44,7 @@ extern "C" VESK_UNWATCHED ssize_t readlink(char const* path, char* buffer, size_
         path, buffer, size);
 }
 
-support::Injected inject_open("open");
-extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, mode_t);
-        va_end(args);
-    }
-    int error = 0;
-    if (inject_open.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    char const* const real = g_proc != nullptr && strcmp(path, "/proc") == 0 ? g_proc->c_str() : path;
-    return reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal())(real, flags, mode);
-}
+VESK_INJECT_OPEN(path = g_proc != nullptr && strcmp(path, "/proc") == 0 ? g_proc->c_str() : path)
 
 support::Injected inject_fopen("fopen");
 extern "C" VESK_UNWATCHED FILE* fopen(char const* path, char const* mode) {

@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
@@ -31,27 +30,18 @@ int s_flags = 0;
 // How much one read gives; 0 is as much as there is.
 size_t s_most = 0;
 
+VESK_UNWATCHED char const* standIn(char const* path, int flags) {
+    if (s_device == nullptr) {
+        return path;
+    }
+    s_path = path;
+    s_flags = flags;
+    return s_device;
+}
+
 } // namespace
 
-support::Injected inject_open("open");
-extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    int const mode = (flags & O_CREAT) != 0 ? va_arg(args, int) : 0;
-    va_end(args);
-    int error = 0;
-    if (inject_open.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    auto const real = reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal());
-    if (s_device != nullptr) {
-        s_path = path;
-        s_flags = flags;
-        return real(s_device, flags, mode);
-    }
-    return real(path, flags, mode);
-}
+VESK_INJECT_OPEN(path = standIn(path, flags))
 
 support::Injected inject_read("read");
 extern "C" VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {

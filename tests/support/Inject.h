@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
+#include <fcntl.h>
 #include <pthread.h>
 
 /// The fault injector. A test program defines a function of libc, which then is what the libraries call as well; it
@@ -95,4 +97,25 @@ private:
             return failure;                                                                                  \
         }                                                                                                    \
         return reinterpret_cast<result(*) parameters>(inject_##name.getReal()) arguments;                    \
+    }
+
+/// Replaces `open`, whose mode is there only for a file that it may make. The statement comes first in each call: it may
+/// note `flags` and `mode`, and lead `path` elsewhere.
+#define VESK_INJECT_OPEN(first)                                                                              \
+    support::Injected inject_open("open");                                                                   \
+    extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {                                   \
+        mode_t mode = 0;                                                                                     \
+        if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {                                    \
+            va_list arguments;                                                                               \
+            va_start(arguments, flags);                                                                      \
+            mode = va_arg(arguments, mode_t);                                                                \
+            va_end(arguments);                                                                               \
+        }                                                                                                    \
+        first;                                                                                               \
+        int error = 0;                                                                                       \
+        if (inject_open.fails(error)) {                                                                      \
+            errno = error;                                                                                   \
+            return -1;                                                                                       \
+        }                                                                                                    \
+        return reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal())(path, flags, mode);   \
     }

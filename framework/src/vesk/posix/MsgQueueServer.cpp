@@ -1,6 +1,7 @@
 #include <vesk/MsgQueueServer.h>
 
 #include "ErrnoTable.h"
+#include "IPCRemoval.h"
 
 #include <vesk/FileAccessError.h>
 #include <vesk/SysError.h>
@@ -28,14 +29,6 @@ constexpr ErrnoRow CREATION_ERRORS[] = {
     {OTHERS, {SysError, 19}}, // ENOENT too: who creates expects nothing to be there.
 };
 
-constexpr ErrnoRow DENIED_REMOVAL_ERRORS[] = {
-    {OTHERS, {SysError, 7}, {FileAccessError, 3}},
-};
-
-constexpr ErrnoRow REMOVAL_ERRORS[] = {
-    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
-};
-
 /// The flags of `mq_open` by the strategy.
 constexpr int FLAGS[] = {
     O_CREAT | O_EXCL | O_RDWR,
@@ -46,20 +39,7 @@ static_assert(Creatable::CREATE_NEW == 0 && Creatable::OPEN_OR_CREATE == 1 && Cr
 
 /// Removes a name of the system. True on failure.
 bool removeName(char const* name) {
-    if (mq_unlink(name) == 0) {
-        return false;
-    }
-    int const error = errno;
-    if (error == ENOENT) {
-        return false;
-    }
-    // A missing right is told for itself, and then as a removal that failed like any other.
-    bool const denied = error == EACCES || error == EPERM;
-    if (denied) {
-        classify(SOURCE, DENIED_REMOVAL_ERRORS, error, name);
-    }
-    classify(SOURCE, REMOVAL_ERRORS, error, name, denied ? Chain::ON_TOP : Chain::NEW);
-    return true;
+    return classifyRemoval(SOURCE, mq_unlink(name), name);
 }
 
 } // namespace

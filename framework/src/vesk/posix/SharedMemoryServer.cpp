@@ -1,6 +1,7 @@
 #include <vesk/SharedMemoryServer.h>
 
 #include "ErrnoTable.h"
+#include "IPCRemoval.h"
 
 #include <vesk/FileAccessError.h>
 #include <vesk/SysError.h>
@@ -36,14 +37,6 @@ constexpr ErrnoRow SIZE_ERRORS[] = {
     {OTHERS, {SysError, 10}},
 };
 
-constexpr ErrnoRow DENIED_REMOVAL_ERRORS[] = {
-    {OTHERS, {SysError, 7}, {FileAccessError, 3}},
-};
-
-constexpr ErrnoRow REMOVAL_ERRORS[] = {
-    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
-};
-
 int flagsOf(Creatable::CreationStrategy strategy) noexcept {
     switch (strategy) {
     case Creatable::CREATE_NEW:
@@ -59,20 +52,7 @@ int flagsOf(Creatable::CreationStrategy strategy) noexcept {
 
 /// Removes a name of the system. True on failure.
 bool removeName(char const* name) {
-    if (shm_unlink(name) == 0) {
-        return false;
-    }
-    int const error = errno;
-    if (error == ENOENT) {
-        return false;
-    }
-    // A missing right is told for itself, and then as a removal that failed like any other.
-    bool const denied = error == EACCES || error == EPERM;
-    if (denied) {
-        classify(SOURCE, DENIED_REMOVAL_ERRORS, error, name);
-    }
-    classify(SOURCE, REMOVAL_ERRORS, error, name, denied ? Chain::ON_TOP : Chain::NEW);
-    return true;
+    return classifyRemoval(SOURCE, shm_unlink(name), name);
 }
 
 } // namespace
