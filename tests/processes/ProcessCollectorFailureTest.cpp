@@ -36,7 +36,6 @@ namespace {
 
 using std::CommonError;
 using support::chainIs;
-using support::countCollectors;
 using support::EventRecorder;
 using support::eventually;
 using support::Fault;
@@ -60,7 +59,7 @@ constexpr char const* NO_STATIC_IMPL =
 
 /// After a set-up that has failed: nobody is told again, and nothing can be started.
 void expectNoCollector() {
-    EXPECT_EQ(0U, countCollectors());
+    EXPECT_TRUE(support::haveCollectorsGone());
     EventRecorder recorder;
     ProcessTNG process;
     EXPECT_TRUE(process.isValid()); // Only the object that ran the set-up saw it fail.

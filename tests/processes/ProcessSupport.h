@@ -271,6 +271,11 @@ inline size_t countCollectors() {
     return getCollectors().size();
 }
 
+/// Waits until there is none: one that was joined may be seen for another moment.
+inline bool haveCollectorsGone() {
+    return eventually([] { return countCollectors() == 0; });
+}
+
 /// 0 until it has its name.
 inline pid_t findCollector() {
     std::vector<pid_t> const collectors = getCollectors();
