@@ -1,3 +1,5 @@
+#include "Often.h"
+
 #include <tarncommon/error/ErrorStorage.h>
 #include <vesk/StreamBinFileR.h>
 #include <vesk/StreamBinFileW.h>
@@ -228,10 +230,10 @@ void openAndCloseBare(benchmark::State& state) {
     }
 }
 
-BENCHMARK(readPiecesVesk)->Name("File read in 64 KiB pieces (at most 1.02)/vesk");
-BENCHMARK(readPiecesBare)->Name("File read in 64 KiB pieces (at most 1.02)/bare");
-BENCHMARK(writePiecesVesk)->Name("File written in 64 KiB pieces (at most 1.02)/vesk");
-BENCHMARK(writePiecesBare)->Name("File written in 64 KiB pieces (at most 1.02)/bare");
+BENCHMARK(readPiecesVesk)->Name("File read in 64 KiB pieces (at most 1.02)/vesk")->Apply(often);
+BENCHMARK(readPiecesBare)->Name("File read in 64 KiB pieces (at most 1.02)/bare")->Apply(often);
+BENCHMARK(writePiecesVesk)->Name("File written in 64 KiB pieces (at most 1.02)/vesk")->Apply(often);
+BENCHMARK(writePiecesBare)->Name("File written in 64 KiB pieces (at most 1.02)/bare")->Apply(often);
 BENCHMARK(readBlocksVesk)->Name("Buffered 16-byte read of a file, twin without a lock (at most 1.0)/vesk");
 BENCHMARK(readBlocksBare)->Name("Buffered 16-byte read of a file, twin without a lock (at most 1.0)/bare");
 BENCHMARK(writeBlocksVesk)->Name("Buffered 16-byte write of a file, twin without a lock (at most 1.0)/vesk");

@@ -1,3 +1,6 @@
+#include "Often.h"
+#include "Together.h"
+
 #include <vesk/SignalCatcher.h>
 
 #include <benchmark/benchmark.h>
@@ -28,14 +31,15 @@ struct Answer {
 };
 
 void roundTrip(benchmark::State& state) {
+    OneProcessor const together;
     Answer answer;
     vesk::SignalCatcher const catcher(SIGNAL, Answer::give, &answer);
-    for (auto _ : state) {
+    measureTogether(state, [&answer] {
         raise(SIGNAL);
         answer.wait();
-    }
+    });
 }
-BENCHMARK(roundTrip)->Name("Signal to callback and back (at most 1.15)/vesk")->UseRealTime();
+BENCHMARK(roundTrip)->Name("Signal to callback and back (at most 1.15)/vesk")->UseManualTime()->Apply(often);
 
 int s_pipe[2];
 
@@ -62,6 +66,7 @@ void* callForEachByte(void* answer) {
 }
 
 void bareRoundTrip(benchmark::State& state) {
+    OneProcessor const together;
     Answer answer;
     if (pipe(s_pipe) != 0) {
         state.SkipWithError("pipe");
@@ -76,15 +81,18 @@ void bareRoundTrip(benchmark::State& state) {
     action.sa_flags = SA_RESTART;
     struct sigaction before {};
     sigaction(SIGNAL, &action, &before);
-    for (auto _ : state) {
+    measureTogether(state, [&answer] {
         raise(SIGNAL);
         answer.wait();
-    }
+    });
     sigaction(SIGNAL, &before, nullptr);
     close(s_pipe[1]);
     pthread_join(thread, nullptr);
     close(s_pipe[0]);
 }
-BENCHMARK(bareRoundTrip)->Name("Signal to callback and back (at most 1.15)/bare")->UseRealTime();
+BENCHMARK(bareRoundTrip)
+    ->Name("Signal to callback and back (at most 1.15)/bare")
+    ->UseManualTime()
+    ->Apply(often);
 
 } // namespace

@@ -1,3 +1,4 @@
+#include "Often.h"
 #include "Together.h"
 
 #include <vesk/TCPServerSocket.h>
@@ -217,6 +218,15 @@ using BareUnix = Bare<AF_UNIX>;
 
 // ---- Rows ----
 
+void transfer(benchmark::internal::Benchmark* row) {
+    row->UseManualTime()->Apply(often);
+}
+
+/// Where all is copying, it takes even more of them.
+void copying(benchmark::internal::Benchmark* row) {
+    row->Apply(transfer)->Repetitions(299);
+}
+
 template <typename Connection>
 void roundTrip(benchmark::State& state) {
     OneProcessor const together;
@@ -238,10 +248,10 @@ void roundTrip(benchmark::State& state) {
     end.end();
     peer.join();
 }
-BENCHMARK(roundTrip<VeskTcp>)->Name("TCP round trip of a byte (at most 1.03)/vesk")->UseManualTime();
-BENCHMARK(roundTrip<BareTcp>)->Name("TCP round trip of a byte (at most 1.03)/bare")->UseManualTime();
-BENCHMARK(roundTrip<VeskUnix>)->Name("Unix socket round trip of a byte (at most 1.03)/vesk")->UseManualTime();
-BENCHMARK(roundTrip<BareUnix>)->Name("Unix socket round trip of a byte (at most 1.03)/bare")->UseManualTime();
+BENCHMARK(roundTrip<VeskTcp>)->Name("TCP round trip of a byte (at most 1.03)/vesk")->Apply(transfer);
+BENCHMARK(roundTrip<BareTcp>)->Name("TCP round trip of a byte (at most 1.03)/bare")->Apply(transfer);
+BENCHMARK(roundTrip<VeskUnix>)->Name("Unix socket round trip of a byte (at most 1.03)/vesk")->Apply(transfer);
+BENCHMARK(roundTrip<BareUnix>)->Name("Unix socket round trip of a byte (at most 1.03)/bare")->Apply(transfer);
 
 // Where they lie in memory matters to the copying, so it is the same for all.
 alignas(4096) char s_sent[PIECE];
@@ -286,10 +296,10 @@ void stream(benchmark::State& state) {
 }
 BENCHMARK(stream<VeskTcp>)
     ->Name("TCP stream of a MiB in pieces of 64 KiB (at most 1.02)/vesk")
-    ->UseManualTime();
+    ->Apply(copying);
 BENCHMARK(stream<BareTcp>)
     ->Name("TCP stream of a MiB in pieces of 64 KiB (at most 1.02)/bare")
-    ->UseManualTime();
+    ->Apply(copying);
 
 /// Takes connections that wait already, so that only this is measured.
 template <typename Take>
@@ -328,7 +338,7 @@ void adopt(benchmark::State& state) {
     });
     server.close(false);
 }
-BENCHMARK(adopt)->Name("TCP accept, adopt and close (at most 1.10)/vesk")->UseManualTime();
+BENCHMARK(adopt)->Name("TCP accept, adopt and close (at most 1.10)/vesk")->Apply(transfer);
 
 /// Has the text of the peer's address as well, as an adopted socket does.
 void bareAdopt(benchmark::State& state) {
@@ -345,6 +355,6 @@ void bareAdopt(benchmark::State& state) {
         check(close(fd) != 0);
     });
 }
-BENCHMARK(bareAdopt)->Name("TCP accept, adopt and close (at most 1.10)/bare")->UseManualTime();
+BENCHMARK(bareAdopt)->Name("TCP accept, adopt and close (at most 1.10)/bare")->Apply(transfer);
 
 } // namespace
