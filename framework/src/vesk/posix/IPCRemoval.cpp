@@ -9,11 +9,14 @@ namespace vesk::detail {
 
 namespace {
 
+// A missing right is told for itself, and then as a removal that failed like any other.
 constexpr ErrnoRow DENIED_ERRORS[] = {
-    {OTHERS, {SysError, 7}, {FileAccessError, 3}},
+    {{EACCES, EPERM}, {SysError, 7}, {FileAccessError, 3}},
+    {OTHERS, NONE, NONE, Outcome::DONE},
 };
 
 constexpr ErrnoRow ERRORS[] = {
+    {{ENOENT}, NONE, NONE, Outcome::DONE},
     {OTHERS, {SysError, 19}, {FileAccessError, 9}},
 };
 
@@ -24,15 +27,8 @@ bool classifyRemoval(Place place, int result, char const* name) noexcept {
         return false;
     }
     int const error = errno;
-    if (error == ENOENT) {
-        return false;
-    }
-    bool const denied = error == EACCES || error == EPERM;
-    if (denied) {
-        classify(place, DENIED_ERRORS, error, name);
-    }
-    classify(place, ERRORS, error, name, denied ? Chain::ON_TOP : Chain::NEW);
-    return true;
+    bool const denied = classify(place, DENIED_ERRORS, error, name) == Outcome::FAILED;
+    return classify(place, ERRORS, error, name, denied ? Chain::ON_TOP : Chain::NEW) == Outcome::FAILED;
 }
 
 } // namespace vesk::detail
