@@ -155,6 +155,7 @@ using Steps = std::vector<std::string>;
 
 static_assert(std::is_base_of_v<Socket, IPSocket> && std::is_abstract_v<IPSocket>);
 static_assert(!std::is_copy_constructible_v<IPSocket> && std::has_virtual_destructor_v<IPSocket>);
+static_assert(std::is_destructible_v<IPSocket>);
 
 ExpectedReport reported(std::ErrorType const& family, int id, int error) {
     return {family, id, rowText(family, id, systemText(error))};

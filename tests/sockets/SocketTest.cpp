@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <sys/socket.h>
 #include <type_traits>
@@ -40,6 +41,7 @@ static_assert(std::is_abstract_v<std::IBinInOutStream>);
 static_assert(!std::is_copy_constructible_v<TestSocket> && !std::is_copy_assignable_v<TestSocket>);
 static_assert(!std::is_constructible_v<Socket, bool, unsigned int, unsigned int>);
 static_assert(std::is_same_v<std::underlying_type_t<Socket::State>, uint32_t>);
+static_assert(std::is_destructible_v<Socket> && std::has_virtual_destructor_v<Socket>);
 static_assert(Socket::INACTIVE == 0 && Socket::OPEN == 1 && Socket::DEAD == 2);
 static_assert(Socket::INVALID_SOCKET_FD == -1);
 
@@ -294,6 +296,51 @@ TEST(Socket, thatWasClosedOrIsInvalidGoesSilently) {
 }
 
 // ---- As a stream ----
+TEST(Socket, isOwnedThroughItsRoot) {
+    EventRecorder const events;
+    Ends ends = makeEnds();
+    int const fd = ends.takeMine();
+    { std::unique_ptr<Socket> const owner = std::make_unique<TestSocket>(fd); }
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    EXPECT_EQ("", events.getText());
+}
+
+// ---- Two threads ----
+
+// What `hadError` tells is the outcome of either. The thread sanitizer sees a race, if there is one.
+TEST(Socket, isReadByOneThreadAndWrittenByAnother) {
+    constexpr int COUNT = 2000;
+    Ends ends = makeEnds();
+    TestSocket socket(ends.takeMine());
+    std::thread echo([peer = ends.getPeer()] {
+        char block[64];
+        ssize_t count = 0;
+        while ((count = ::recv(peer, block, sizeof block, 0)) > 0) {
+            EXPECT_EQ(count, ::send(peer, block, static_cast<size_t>(count), MSG_NOSIGNAL));
+        }
+    });
+    std::thread writer([&socket] {
+        for (int i = 0; i < COUNT; ++i) {
+            unsigned int written = 0;
+            EXPECT_EQ(1, socket.write("x", 1, written));
+            EXPECT_FALSE(socket.flush(false));
+            EXPECT_FALSE(socket.hadError());
+        }
+    });
+    unsigned int arrived = 0;
+    while (arrived < COUNT) {
+        char block[64];
+        unsigned int got = 0;
+        ASSERT_EQ(1, socket.read(block, sizeof block, got));
+        EXPECT_FALSE(socket.hadError());
+        arrived += got;
+    }
+    writer.join();
+    ASSERT_EQ(0, shutdown(socket.getSocketFd(), SHUT_WR));
+    echo.join();
+    EXPECT_TRUE(chainIs({}));
+}
+
 
 TEST(Socket, flushOfItsOwnDoesNothingInAnyState) {
     TestSocket socket;

@@ -50,6 +50,7 @@ constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
 static_assert(ABSTRACT == 0 && FILESYSTEM == 1);
 static_assert(std::is_base_of_v<Socket, UnixSocketBase> && std::is_base_of_v<UnixSocketBase, UnixSocket>);
 static_assert(!std::is_copy_constructible_v<UnixSocket>);
+static_assert(std::is_destructible_v<UnixSocketBase>);
 
 constexpr char const* OPEN_ASSERTION =
     "ASSERT framework/src/vesk/posix/UnixSocketBase ~UnixSocketBase: this->getState() != OPEN";
@@ -65,7 +66,6 @@ public:
     using UnixSocketBase::m_local_length;
     using UnixSocketBase::m_peer_binary;
     using UnixSocketBase::m_peer_length;
-    using UnixSocketBase::prepareAddress;
 
     static_assert(sizeof m_local_binary == 110 && sizeof m_peer_binary == 110);
 };

@@ -129,6 +129,9 @@ public:
         sockaddr_in v4;
     };
 
+    /// Closes a socket that was never open; one that is open is closed after an assertion.
+    ~IPSocket() override;
+
     /// The addresses as text. They are what the constructor made of its arguments until they are updated.
     IPAddress const& getLocalAddress() const noexcept { return m_local_address; }
     IPAddress const& getPeerAddress() const noexcept { return m_peer_address; }
@@ -164,9 +167,6 @@ protected:
     IPSocket(
         bool blocking, unsigned int read_buffer, unsigned int write_buffer, IPAddress const& local,
         IPAddress const& peer, IPProtocolVersion version);
-
-    /// Closes a socket that was never open; one that is open is closed after an assertion.
-    ~IPSocket() override;
 
     /// Makes the descriptor of a valid socket, which `exec` closes (`socket`): the last step of a subclass's constructor. On
     /// failure the socket is invalid, and what failed is reported.

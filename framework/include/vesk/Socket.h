@@ -61,6 +61,10 @@ public:
     };
 
     /// Whether the socket can be used: it has the buffers that it was made for, its constructor succeeded, and it is not
+    /// Asserts that a valid socket was closed: "m_socket_handle.socket_fd == INVALID_SOCKET_FD" and "m_socket_state ==
+    /// DEAD". Every class with a constructor of its own closes in its destructor, before this one runs.
+    ~Socket() override;
+
     /// `DEAD`.
     bool isValid() const override;
 
@@ -119,11 +123,8 @@ protected:
     /// @param write_buffer  bytes to collect before they are sent; 0: unbuffered
     Socket(bool blocking, unsigned int read_buffer, unsigned int write_buffer);
 
-    /// Asserts that a valid socket was closed: "m_socket_handle.socket_fd == INVALID_SOCKET_FD" and "m_socket_state ==
-    /// DEAD". A subclass closes in its own destructor.
-    ~Socket() override;
-
-    /// Receives once (`recv`, repeated while a signal interrupts it).
+    /// Receives once (`recv`, repeated while a signal interrupts it). With a `size` of 0 it succeeds on an open socket at
+    /// once, without a system call.
     ///
     /// Nothing there on a descriptor that does not wait is success with a count of 0. Failures put a `StreamError` on top:
     /// `CommonError` 1 if the socket is not open (0, `read` untouched); `Error` 11 with "Connection closed normally" for

@@ -36,6 +36,9 @@ public:
     NameSpace getNameSpace() const noexcept { return m_name_space; }
 
     /// Closes the descriptor (`close`, repeated while a signal interrupts it), and removes the file of a name that this
+    /// Closes a socket that was never open; one that is open is closed after an assertion.
+    ~UnixSocketBase() override;
+
     /// object has bound (`unlink`). Whatever fails, the socket is `DEAD` afterwards.
     ///
     /// What the stream's buffer still holds is not sent: `flush` before.
@@ -52,6 +55,14 @@ public:
     /// Who made the other end of the connection, as the system noted when it was made (`getsockopt`, `SO_PEERCRED`): of a
     /// client the one who called `connect`, of a server the one who called `enableListen`. A socket that listens tells of
     /// itself.
+    /// Writes the binary form of a name of this socket's kind. A path is cut to 107 bytes, an abstract name to 106. Fails
+    /// never, makes no system call.
+    /// @param out   must be all zero
+    /// @param path  the name, up to its first zero byte
+    /// @return the length of the address in bytes: 3 more than the whole length of `path`, also if that was cut. The 3 are the
+    ///         family, and the zero before an abstract name or behind a path.
+    socklen_t prepareAddress(sockaddr_un& out, Path const& path) const;
+
     /// @param uid  the user; `User::BAD_ID` if there is no connection, or on failure, without a report
     /// @param gid  the group; likewise `Group::BAD_ID`
     /// @param pid  the process; likewise `ProcessTNG::INVALID_PROCESS_ID`; 0 for one that this process cannot see
@@ -63,18 +74,10 @@ protected:
         bool blocking, unsigned int read_buffer, unsigned int write_buffer, Path const& local,
         Path const& peer, NameSpace name_space);
 
-    /// Closes a socket that was never open; one that is open is closed after an assertion.
-    ~UnixSocketBase() override;
-
     /// The end of a subclass's constructor: makes the descriptor (`socket`, closed by `exec`), one that does not wait unless
     /// `blocking`. After a failure the socket is invalid and the descriptor closed.
     /// @param close_failed  called if that close fails
     void createDescriptor(bool blocking, void (*close_failed)());
-
-    /// The binary form of a name. One that is too long is cut, which the length does not show.
-    /// @param out  all zero
-    /// @return its length in bytes: the family, the name, and the zero before an abstract name or behind a path
-    socklen_t prepareAddress(sockaddr_un& out, Path const& path) const;
 
     sockaddr const* getLocalBinary() const noexcept;
     sockaddr const* getPeerBinary() const noexcept;
