@@ -19,6 +19,7 @@
 #include <memory>
 #include <string>
 #include <sys/socket.h>
+#include <thread>
 #include <type_traits>
 
 namespace {
@@ -340,6 +341,7 @@ TEST(Socket, isReadByOneThreadAndWrittenByAnother) {
     echo.join();
     EXPECT_TRUE(chainIs({}));
 }
+// ---- As a stream ----
 
 
 TEST(Socket, flushOfItsOwnDoesNothingInAnyState) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <vesk/Export.h>
+#include <vesk/common/RelaxedFlag.h>
 
 #include <tarncommon/error/ErrorType.h>
 #include <tarncommon/stream/IBinInOutStream.h>
@@ -28,8 +29,8 @@ namespace vesk {
 /// Whether an operation waits is a property of the descriptor, decided by the constructor's `blocking`. There is no limit of
 /// time: use `selectSockets`, or `Poller` with `getSocketFd`.
 ///
-/// A socket belongs to one thread at a time. Reading in one thread and writing in another works, except that `hadError`
-/// then belongs to neither.
+/// A socket belongs to one thread at a time, with one exception: one thread may read while another one writes. Both then
+/// set `hadError`, which tells the outcome of either.
 class VESK_API Socket : private tarnbase::NonCopyable, public std::IBinInOutStream {
 public:
     /// Failures of sockets; the parent is `SysError`. The argument is the text of `SystemError`, unless an operation says
@@ -152,7 +153,7 @@ protected:
         return true;
     }
 
-    mutable bool m_had_error = false;
+    mutable RelaxedFlag m_had_error;
     struct {
         int socket_fd = INVALID_SOCKET_FD;
     } m_socket_handle;

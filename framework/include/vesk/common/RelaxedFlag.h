@@ -1,0 +1,27 @@
+#pragma once
+
+#include <atomic>
+
+namespace vesk {
+
+/// A bool that several threads may read and write without a lock. Each access is atomic and relaxed: it costs what a plain
+/// bool costs, and orders no other access. Has the size of a bool.
+class RelaxedFlag {
+public:
+    // NOLINTNEXTLINE(google-explicit-constructor): takes the place of a plain bool.
+    constexpr RelaxedFlag(bool value = false) noexcept : m_value(value) {}
+
+    RelaxedFlag& operator=(bool value) noexcept {
+        m_value.store(value, std::memory_order_relaxed);
+        return *this;
+    }
+
+    // NOLINTNEXTLINE(google-explicit-constructor): takes the place of a plain bool.
+    operator bool() const noexcept { return m_value.load(std::memory_order_relaxed); }
+
+private:
+    std::atomic<bool> m_value;
+};
+static_assert(sizeof(RelaxedFlag) == sizeof(bool));
+
+} // namespace vesk
