@@ -774,6 +774,23 @@ TEST(RawSocketFrames, comeFromTheWireWhole) {
     });
 }
 
+TEST(RawSocketFrames, thatWaitAreLeftByAReadOfNothing) {
+    VESK_SKIP_WITHOUT_NETWORKS();
+    VESK_SKIP_WITHOUT_PACKETS();
+    expectWithCables([] {
+        RawSocket socket(true, 0, 0);
+        ASSERT_FALSE(socket.open("right"));
+        sendFrom("left", makeFrame("hello"));
+        pollfd entry{socket.getSocketFd(), POLLIN, 0};
+        ASSERT_EQ(1, poll(&entry, 1, 60000));
+        unsigned int count = 99;
+        EXPECT_EQ(1, socket.read(nullptr, 0, count));
+        EXPECT_EQ(0U, count);
+        EXPECT_EQ("hello", readText(socket));
+        EXPECT_FALSE(socket.close());
+    });
+}
+
 TEST(RawSocketFrames, areThoseOfOneDeviceOnly) {
     VESK_SKIP_WITHOUT_NETWORKS();
     expectWithCables([] {

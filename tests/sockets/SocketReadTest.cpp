@@ -189,6 +189,37 @@ TEST(SocketRead, findsNothingYetAndThatIsNoFailure) {
     EXPECT_TRUE(chainIs({}));
 }
 
+TEST(SocketRead, ofNothingSucceedsWithoutACallAndTakesNoDatagram) {
+    for (int const type : {SOCK_STREAM, SOCK_DGRAM, SOCK_SEQPACKET}) {
+        for (unsigned int const buffer : {0U, 64U}) {
+            Ends ends = makeEnds(type);
+            TestSocket socket(true, buffer, 0);
+            socket.set(ends.takeMine(), Socket::OPEN);
+            for (char const* const waiting : {"abcd", ""}) {
+                if (*waiting != '\0') {
+                    ends.send(waiting);
+                }
+                Fault const calls(inject_recv, 0);
+                unsigned int got = 99;
+                socket.setHadError();
+                EXPECT_FALSE(socket.performRead(nullptr, 0, got));
+                EXPECT_EQ(0U, got);
+                EXPECT_FALSE(socket.hadError());
+                got = 99;
+                EXPECT_EQ(1, socket.read(nullptr, 0, got));
+                EXPECT_EQ(0U, got);
+                EXPECT_EQ(0, calls.getCalls());
+                EXPECT_TRUE(chainIs({}));
+                if (*waiting != '\0') {
+                    char block[64];
+                    EXPECT_EQ(1, socket.read(block, sizeof block, got));
+                    EXPECT_EQ(waiting, std::string(block, got));
+                }
+            }
+        }
+    }
+}
+
 TEST(SocketRead, waitsAsItsDescriptorDoesWhateverTheStreamSays) {
     Ends ends = makeEnds();
     timeval const limit{0, 50000};

@@ -41,8 +41,8 @@ static_assert(std::is_base_of_v<tarnbase::NonCopyable, Socket>);
 static_assert(std::is_abstract_v<std::IBinInOutStream>);
 static_assert(!std::is_copy_constructible_v<TestSocket> && !std::is_copy_assignable_v<TestSocket>);
 static_assert(!std::is_constructible_v<Socket, bool, unsigned int, unsigned int>);
-static_assert(std::is_same_v<std::underlying_type_t<Socket::State>, uint32_t>);
 static_assert(std::is_destructible_v<Socket> && std::has_virtual_destructor_v<Socket>);
+static_assert(std::is_same_v<std::underlying_type_t<Socket::State>, uint32_t>);
 static_assert(Socket::INACTIVE == 0 && Socket::OPEN == 1 && Socket::DEAD == 2);
 static_assert(Socket::INVALID_SOCKET_FD == -1);
 
@@ -296,7 +296,6 @@ TEST(Socket, thatWasClosedOrIsInvalidGoesSilently) {
     EXPECT_NE(-1, fcntl(1, F_GETFD));
 }
 
-// ---- As a stream ----
 TEST(Socket, isOwnedThroughItsRoot) {
     EventRecorder const events;
     Ends ends = makeEnds();
@@ -341,8 +340,8 @@ TEST(Socket, isReadByOneThreadAndWrittenByAnother) {
     echo.join();
     EXPECT_TRUE(chainIs({}));
 }
-// ---- As a stream ----
 
+// ---- As a stream ----
 
 TEST(Socket, flushOfItsOwnDoesNothingInAnyState) {
     TestSocket socket;

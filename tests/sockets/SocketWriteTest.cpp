@@ -202,6 +202,32 @@ TEST(SocketWrite, streamThatDoesNotWaitTellsHowMuchWasTaken) {
     EXPECT_TRUE(chainIs({}));
 }
 
+TEST(SocketWrite, ofNothingSucceedsWithoutACallAndSendsNoDatagram) {
+    for (int const type : {SOCK_STREAM, SOCK_DGRAM, SOCK_SEQPACKET}) {
+        for (unsigned int const buffer : {0U, 64U}) {
+            Ends ends = makeEnds(type);
+            TestSocket socket(true, 0, buffer);
+            socket.set(ends.takeMine(), Socket::OPEN);
+            unsigned int written = 99;
+            {
+                Fault const calls(inject_send, 0);
+                socket.setHadError();
+                EXPECT_FALSE(socket.performWrite(nullptr, 0, written));
+                EXPECT_EQ(0U, written);
+                EXPECT_FALSE(socket.hadError());
+                written = 99;
+                EXPECT_EQ(1, socket.write("", 0, written));
+                EXPECT_EQ(0U, written);
+                EXPECT_EQ(0, calls.getCalls());
+            }
+            EXPECT_EQ(1, socket.write("x", 1, written));
+            EXPECT_FALSE(socket.flush(false));
+            EXPECT_EQ("x", ends.receive(16));
+            EXPECT_TRUE(chainIs({}));
+        }
+    }
+}
+
 TEST(SocketWrite, streamThatWaitsGoesOnUntilAllIsSent) {
     Ends ends = makeTcpEnds();
     TestSocket socket(ends.takeMine());

@@ -12,7 +12,8 @@ namespace vesk {
 ///     socket.close();
 ///
 /// One read takes one frame: give it room for a whole one, also when a read buffer is used. One write sends one frame,
-/// headers included, which needs an unbuffered socket of one device. The process needs the right to packet sockets.
+/// headers included, which needs an unbuffered socket of one device. A read or write of 0 bytes takes or sends none. The
+/// process needs the right to packet sockets.
 ///
 /// A socket that is open must be closed before it is destroyed. See `Socket` for states and threads.
 class VESK_API RawSocket : public Socket {

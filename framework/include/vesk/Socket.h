@@ -61,11 +61,11 @@ public:
         DEAD = 2,     ///< Closed, for good.
     };
 
-    /// Whether the socket can be used: it has the buffers that it was made for, its constructor succeeded, and it is not
     /// Asserts that a valid socket was closed: "m_socket_handle.socket_fd == INVALID_SOCKET_FD" and "m_socket_state ==
     /// DEAD". Every class with a constructor of its own closes in its destructor, before this one runs.
     ~Socket() override;
 
+    /// Whether the socket can be used: it has the buffers that it was made for, its constructor succeeded, and it is not
     /// `DEAD`.
     bool isValid() const override;
 
@@ -135,7 +135,8 @@ protected:
     /// time-out (1); `SysError` 0 or 1 for `ENOBUFS` or `ENOMEM` (1); else `SysError` 19 (4).
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override;
 
-    /// Sends once (`send` without `SIGPIPE`, repeated while a signal interrupts it). A short count is success.
+    /// Sends once (`send` without `SIGPIPE`, repeated while a signal interrupts it). A short count is success. With a `size`
+    /// of 0 it succeeds on an open socket at once, without a system call.
     ///
     /// No room on a descriptor that does not wait is success with a count of 0. Failures put a `StreamError` on top:
     /// `CommonError` 1 if the socket is not open (0, `written` untouched); `SysError` 7 for `EPERM` and `EACCES` (0);

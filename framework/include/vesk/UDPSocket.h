@@ -36,9 +36,10 @@ namespace vesk {
 ///
 /// The system leaves the group when the socket is closed.
 ///
-/// A stream without buffers sends a datagram with each `write`, an empty one for 0 bytes. With a write buffer a datagram is
-/// what the buffer holds when it is full or flushed. Each `read` that reaches the system takes one datagram and drops what
-/// of it does not fit. There is no end of such a stream, but an empty datagram reads as one.
+/// A stream without buffers sends a datagram with each `write`. With a write buffer a datagram is what the buffer holds when
+/// it is full or flushed. Each `read` that reaches the system takes one datagram and drops what of it does not fit. A `write`
+/// of 0 bytes sends nothing, and a `read` of 0 bytes takes nothing: empty datagrams cannot be sent. There is no end of such
+/// a stream, but an empty datagram that a peer sends reads as one.
 ///
 /// See `Socket` for threads, and `IPSocket` for closing.
 class VESK_API UDPSocket : public IPSocket {

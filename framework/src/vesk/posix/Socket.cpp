@@ -118,6 +118,10 @@ bool Socket::performRead(void* buffer, unsigned int size, unsigned int& read) {
         return fail();
     }
     read = 0;
+    // Of 0 bytes, `recv` waits for data and drops a datagram, and its result looks like the end of the connection.
+    if (size == 0) {
+        return false;
+    }
     ssize_t const count = retryOnEintr([&] { return recv(m_socket_handle.socket_fd, buffer, size, 0); });
     if (count > 0) {
         if (static_cast<size_t>(count) > size) {
@@ -146,6 +150,9 @@ bool Socket::performWrite(void const* buffer, unsigned int size, unsigned int& w
         return fail();
     }
     written = 0;
+    if (size == 0) {
+        return false;
+    }
     ssize_t const count =
         retryOnEintr([&] { return send(m_socket_handle.socket_fd, buffer, size, MSG_NOSIGNAL); });
     if (count >= 0) {

@@ -112,6 +112,9 @@ bool UDPSocket::performWrite(void const* buffer, unsigned int size, unsigned int
         return fail();
     }
     written = 0;
+    if (size == 0) {
+        return false;
+    }
     ssize_t const count = retryOnEintr([&] {
         return sendto(
             m_socket_handle.socket_fd, buffer, size, MSG_NOSIGNAL, getPeerBinary(), getBinaryLength());
