@@ -870,6 +870,20 @@ TEST_P(IPSocketUpdates, leaveTheAddressAfterAFailure) {
     }
 }
 
+TEST_P(IPSocketUpdates, leaveTheAddressWhenItHasNoText) {
+    setAnswer(IPAddress::makeHandle(in6addr_loopback, 4711, 0));
+    Pair const pair;
+    TestSocket socket({"127.0.0.1", 80}, {"127.0.0.1", 80}, IPSocket::IPV4);
+    socket.setOpen(pair.getSocketEnd());
+    ResolverCalls calls;
+    calls.failName(EAI_OVERFLOW);
+    update(socket);
+    EXPECT_EQ("127.0.0.1 80", getText(socket));
+    EXPECT_FALSE(socket.hadError());
+    EXPECT_TRUE(chainIs({}));
+    socket.close(false);
+}
+
 TEST_P(IPSocketUpdates, askNothingUnlessTheSocketIsOpen) {
     setAnswer(IPAddress::makeHandle(0x01020304, 0x0506));
     Pair const pair;

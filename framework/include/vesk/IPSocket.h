@@ -151,8 +151,9 @@ public:
     ///         `SysError` 10, or no report for a descriptor that was not open, as of a subclass that never made one
     bool close(bool do_shutdown);
 
-    /// Ask the system for the address that an open socket has (`getsockname`), or that its peer has (`getpeername`). On
-    /// failure the address stays as it was, without a report.
+    /// Ask the system for the address that an open socket has (`getsockname`), or that its peer has (`getpeername`). The
+    /// address stays as it was, without a report, if the system does not tell one, and if what it tells cannot be converted
+    /// to text.
     void updateLocalAddress();
     void updatePeerAddress();
 

@@ -93,7 +93,8 @@ bool makeNumeric(std::string& host, IPSocket::IPProtocolVersion version) {
     return false;
 }
 
-/// Takes what `getsockname` or `getpeername` tells, if it tells an address.
+/// Stores the address that `getsockname` or `getpeername` gives. Leaves `address` as it was if the call fails, for another
+/// family, and for an address that has no text.
 template <typename Call>
 void update(IPSocket::IPAddress& address, int fd, Call call) {
     sockaddr_storage storage{};
@@ -102,10 +103,14 @@ void update(IPSocket::IPAddress& address, int fd, Call call) {
     if (call(fd, reinterpret_cast<sockaddr*>(&storage), &length) != 0) {
         return;
     }
+    IPSocket::IPAddress converted;
     if (storage.ss_family == AF_INET) {
-        address = IPSocket::IPAddress(reinterpret_cast<sockaddr_in const&>(storage));
+        converted = IPSocket::IPAddress(reinterpret_cast<sockaddr_in const&>(storage));
     } else if (storage.ss_family == AF_INET6) {
-        address = IPSocket::IPAddress(reinterpret_cast<sockaddr_in6 const&>(storage));
+        converted = IPSocket::IPAddress(reinterpret_cast<sockaddr_in6 const&>(storage));
+    }
+    if (!converted.host.empty()) {
+        address = converted;
     }
 }
 
