@@ -42,9 +42,16 @@ public:
     /// It ends at the terminating zero, or at a byte of `stop_chars` that is not escaped, and leaves `cursor` there. A `\`
     /// with nothing behind it counts for nothing. Three digits above 255 give their lower 8 bits.
     ///
-    /// A `\` and a digit without two more digits behind them are malformed: the piece ends before them, and `cursor` is left
-    /// *behind* the first byte that should have been a digit. **Where that is the terminating zero, `cursor` is beyond the
-    /// text.** Whoever goes on from `cursor` with text that is not known to be well-formed compares it with the end first.
+    /// A `\` and a digit without two more digits behind them are malformed. The result is what came before them, and `cursor`
+    /// is left *behind* the first byte that should have been a digit. **An escape that the end of the text cuts, such as
+    /// `\0` or `\03`, leaves `cursor` one byte beyond the terminating zero**, where it must not be read: neither directly nor
+    /// by another call. Compare it with the end before each use, unless the text is known to be well-formed:
+    ///
+    ///     char const* const end = text + strlen(text);
+    ///     while (cursor < end) {
+    ///         labels.push_back(vesk::DnsSdBase::unescape(cursor, "."));
+    ///         cursor += cursor < end ? 1 : 0; // Passes the dot.
+    ///     }
     ///
     /// @param cursor      where to begin in a zero-terminated text; not null
     /// @param stop_chars  zero-terminated; empty for none, not null. With a `\` in it nothing is unescaped.

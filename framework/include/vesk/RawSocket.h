@@ -30,7 +30,9 @@ public:
 
     /// Opens the socket (`socket`, not closed by `exec`, then `ioctl` and `bind` for one device). Frames of other devices
     /// that come between are delivered too.
-    /// @param device  the name of a device, of which 15 bytes count; null: all devices
+    /// @param device  the name of a device; null: all devices. Names of devices have at most 15 bytes. Of a longer name only
+    ///                the first 15 bytes count: it opens the device of that shorter name if there is one. A caller with
+    ///                names from outside compares the length with `IFNAMSIZ` first.
     /// @return true on failure: `CommonError` 1 for an invalid or `DEAD` object, and for one that is open, which stays as
     ///         it is; `SysError` 7 without the right, else 19, the socket being `INACTIVE` still; `SysError` 16 for a
     ///         device that does not exist, else 19, the socket being `DEAD` then

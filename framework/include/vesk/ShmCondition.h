@@ -22,6 +22,14 @@ namespace vesk {
 ///     }
 ///
 /// All operations may be called from any thread of any process.
+///
+/// **A process that ends while it waits** leaves the condition unusable, since it stays counted as a waiter. A later `signal`
+/// may be spent on that waiter, and further ones, and the destructor, then block forever; live waiters are not woken any
+/// more. The mutex is not affected: a waiter does not hold it, unless the process ends in the moment in which it has been
+/// woken; see `ShmMutex` for that. Where a process may be killed:
+/// - have it leave its wait before it ends, for example on a signal that a `Poller` or a `SignalCatcher` gets;
+/// - wait with `waitTimeout`, and look at the state that the condition stands for after each time-out;
+/// - after the death of a waiter use and destroy the condition no more, but make new memory as `ShmMutex` describes.
 class ShmCondition : private tarnbase::NonCopyable {
 public:
     /// The family of `Condition`.
@@ -30,7 +38,9 @@ public:
     /// Creates the condition (see `ConditionOps::handleInitError` for its reports); `isValid` tells whether it worked.
     ShmCondition() : m_valid(!ConditionOps::init(&m_condition, true)) {}
 
-    /// Ends the condition; a failure leaves its report pending. Only one process may destroy it, when nobody waits.
+    /// Ends the condition (`pthread_cond_destroy`); a failure leaves its report pending. Only one process may destroy it,
+    /// when no thread waits. Blocks until the waiters that were woken have left, and forever if a process has ended in its
+    /// wait.
     ~ShmCondition() {
         if (!m_valid) {
             return;
@@ -58,7 +68,8 @@ public:
         return error == 0 ? static_cast<signed char>(0) : ConditionOps::handleWaitError(error);
     }
 
-    /// Wakes one waiter (`pthread_cond_signal`). Does not block. True on failure: `SysError` 10 or 19, then `Error` 2.
+    /// Wakes one waiter (`pthread_cond_signal`). Does not block, unless a process has ended in its wait. True on failure:
+    /// `SysError` 10 or 19, then `Error` 2.
     bool signal() {
         int const error = pthread_cond_signal(&m_condition);
         return error != 0 && ConditionOps::handleSignalError(error);

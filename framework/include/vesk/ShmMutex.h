@@ -19,7 +19,16 @@ namespace vesk {
 ///     vesk::ShmMutexLock const lock(*mutex);
 ///
 /// All operations may be called from any thread of any process. It does not check its owner: unlocking it from the wrong
-/// thread or locking it twice is the caller's error. Its process may not end while holding it.
+/// thread or locking it twice is the caller's error.
+///
+/// **A process that ends while it holds the lock** leaves it locked for good. The lock is not a robust one: `lock` then
+/// blocks forever in every other process, `tryLock` returns 1, and `tryLockTimeout` returns 1 after its time. Nothing can
+/// unlock it again, and the data that it guards may be half changed. The end of a process that only waits for the lock has
+/// no effect. Where a process may be killed:
+/// - keep the sections that hold the lock short, and end no process or thread inside one;
+/// - lock with `tryLockTimeout` and a generous time, and treat a time-out as the death of the owner;
+/// - recover by new memory, not by a new lock in the old memory, which others may still map: the process that made the
+///   memory makes it again with `Creatable::REPLACE`, and all others open it anew.
 class ShmMutex : private tarnbase::NonCopyable {
 public:
     /// The family of `Mutex`.

@@ -17,9 +17,16 @@ namespace vesk {
 /// name until it is removed. An abstract name goes with its last socket; who may connect to it is not limited by any
 /// permissions, so ask for the peer's credentials.
 ///
-/// A name in a file has at most 107 bytes, an abstract one 106. Longer ones are refused by the system (`SysError` 10 from
-/// the operation that binds or connects), except for an abstract one of 107 bytes, which is cut and gets a zero byte at its
-/// end.
+/// | bytes of the name | path | abstract |
+/// |---|---|---|
+/// | up to 106 | taken | taken |
+/// | 107 | taken | taken, but another name: its first 106 bytes and a zero byte |
+/// | 108 and more | refused | refused |
+///
+/// A refused name is `SysError` 10 from the operation that binds or connects. The abstract name of 107 bytes is the same for
+/// all names with these first 106 bytes, and `updatePeerAddress` gives it with the zero byte. A peer that binds the whole name
+/// by other means than this library, for which an abstract name of 107 bytes is a valid one, is not reached. So keep
+/// abstract names within 106 bytes.
 ///
 /// A socket that is open must be closed before it is destroyed. See `Socket` for threads.
 class VESK_API UnixSocketBase : public Socket {
@@ -29,6 +36,9 @@ public:
         FILESYSTEM = 1, ///< The path of a file.
     };
 
+    /// Closes a socket that was never open; one that is open is closed after an assertion.
+    ~UnixSocketBase() override;
+
     /// The names as they were given; empty for none. That of the peer is what the system told last, see
     /// `updatePeerAddress`.
     Path const& getLocalPath() const noexcept { return m_local_path; }
@@ -36,9 +46,6 @@ public:
     NameSpace getNameSpace() const noexcept { return m_name_space; }
 
     /// Closes the descriptor (`close`, repeated while a signal interrupts it), and removes the file of a name that this
-    /// Closes a socket that was never open; one that is open is closed after an assertion.
-    ~UnixSocketBase() override;
-
     /// object has bound (`unlink`). Whatever fails, the socket is `DEAD` afterwards.
     ///
     /// What the stream's buffer still holds is not sent: `flush` before.
@@ -48,13 +55,6 @@ public:
     ///         `FileSys::removeFile` reported
     bool close(bool do_shutdown);
 
-    /// Asks the system for the name of the peer of an open socket (`getpeername`): the path of a file, or the bytes of an
-    /// abstract name. A peer without a name and a failure leave it as it was; nothing is reported.
-    void updatePeerAddress();
-
-    /// Who made the other end of the connection, as the system noted when it was made (`getsockopt`, `SO_PEERCRED`): of a
-    /// client the one who called `connect`, of a server the one who called `enableListen`. A socket that listens tells of
-    /// itself.
     /// Writes the binary form of a name of this socket's kind. A path is cut to 107 bytes, an abstract name to 106. Fails
     /// never, makes no system call.
     /// @param out   must be all zero
@@ -63,6 +63,13 @@ public:
     ///         family, and the zero before an abstract name or behind a path.
     socklen_t prepareAddress(sockaddr_un& out, Path const& path) const;
 
+    /// Asks the system for the name of the peer of an open socket (`getpeername`): the path of a file, or the bytes of an
+    /// abstract name. A peer without a name and a failure leave it as it was; nothing is reported.
+    void updatePeerAddress();
+
+    /// Who made the other end of the connection, as the system noted when it was made (`getsockopt`, `SO_PEERCRED`): of a
+    /// client the one who called `connect`, of a server the one who called `enableListen`. A socket that listens tells of
+    /// itself.
     /// @param uid  the user; `User::BAD_ID` if there is no connection, or on failure, without a report
     /// @param gid  the group; likewise `Group::BAD_ID`
     /// @param pid  the process; likewise `ProcessTNG::INVALID_PROCESS_ID`; 0 for one that this process cannot see
