@@ -94,6 +94,7 @@ struct Step {
 };
 
 Step const DONE(doneMessage());
+Step const EMPTY = Step::failure(EAGAIN); // The queue, for a call that does not wait.
 
 /// The kernel's end of the socket, while it lives. When all steps are taken, the monitor is stopped.
 class Kernel {
@@ -172,6 +173,7 @@ public:
         }
         size_t const size = std::min(room, step.bytes.size());
         memcpy(buffer, step.bytes.data(), size);
+        message->msg_flags = size < step.bytes.size() ? MSG_TRUNC : 0;
         ASAN_POISON_MEMORY_REGION(buffer + size, room - size);
         return static_cast<ssize_t>(size);
     }
@@ -249,13 +251,18 @@ VESK_ANSWER(
     return kernel->wake(fd, data, size, flags))
 VESK_ANSWER(int, close, (int fd), (fd), kernel->noteClose(fd))
 
-// Counts how often the watching thread finds that it has to wait.
+// Counts how often the watching thread finds that it has to wait, and how long; it does not wait for real.
 support::Injected inject_nanosleep("nanosleep");
 namespace {
 std::atomic<int> s_sleeps{0};
-}
+std::atomic<long> s_last_sleep_ns{0};
+} // namespace
 extern "C" VESK_UNWATCHED int nanosleep(timespec const* time, timespec* left) {
     ++s_sleeps;
+    s_last_sleep_ns = time->tv_nsec;
+    if (Kernel::getCurrent() != nullptr && time->tv_nsec > 1000000) {
+        return 0;
+    }
     using Real = int (*)(timespec const*, timespec*);
     return reinterpret_cast<Real>(inject_nanosleep.getReal())(time, left);
 }
@@ -1239,6 +1246,7 @@ TEST_F(Watch, CanBeRepeatedAfterAFailure) {
 struct ReceptionRow {
     char const* what;
     std::vector<Step> steps;
+    size_t requests = 2;
 };
 
 std::ostream& operator<<(std::ostream& stream, ReceptionRow const& row) {
@@ -1247,13 +1255,13 @@ std::ostream& operator<<(std::ostream& stream, ReceptionRow const& row) {
 
 class FailedReception : public Watch, public testing::WithParamInterface<ReceptionRow> {};
 
-// With the next dump, or on the same socket.
+// With the next dump, or on the same socket. What was lost is asked for again.
 TEST_P(FailedReception, IsReportedAndItGoesOn) {
     Kernel kernel(GetParam().steps);
     EXPECT_TRUE(watch(kernel));
     EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(ENOBUFS))}}));
     EXPECT_EQ((Log{"interface_appeared if1", "interface_status if1"}), m_listener.take());
-    EXPECT_EQ(2U, kernel.getRequests().size());
+    EXPECT_EQ(GetParam().requests, kernel.getRequests().size());
     EXPECT_EQ(0U, kernel.countStepsLeft());
     EXPECT_EQ(1, kernel.countCloses());
 }
@@ -1261,14 +1269,263 @@ TEST_P(FailedReception, IsReportedAndItGoesOn) {
 INSTANTIATE_TEST_SUITE_P(
     Each, FailedReception,
     testing::Values(
-        ReceptionRow{"in the dump of interfaces", {Step::failure(ENOBUFS), DONE, interfaceMessage(1)}},
-        ReceptionRow{"in the dump of addresses", {DONE, Step::failure(ENOBUFS), interfaceMessage(1)}},
-        ReceptionRow{"while following", {DONE, DONE, Step::failure(ENOBUFS), interfaceMessage(1)}},
         ReceptionRow{
-            "many times", {DONE, DONE, Step::failure(EINTR), Step::failure(ENOBUFS), interfaceMessage(1)}},
-        ReceptionRow{"nothing instead of interfaces", {Step::nothing(ENOBUFS), DONE, interfaceMessage(1)}},
-        ReceptionRow{"nothing instead of addresses", {DONE, Step::nothing(ENOBUFS), interfaceMessage(1)}},
-        ReceptionRow{"nothing to follow", {DONE, DONE, Step::nothing(ENOBUFS), interfaceMessage(1)}}));
+            "in the dump of interfaces",
+            {Step::failure(ENOBUFS), DONE, EMPTY, interfaceMessage(1), DONE, DONE},
+            4},
+        ReceptionRow{
+            "in the dump of addresses",
+            {DONE, Step::failure(ENOBUFS), EMPTY, interfaceMessage(1), DONE, DONE},
+            4},
+        ReceptionRow{
+            "while following",
+            {DONE, DONE, Step::failure(ENOBUFS), EMPTY, interfaceMessage(1), DONE, DONE},
+            4},
+        ReceptionRow{
+            "with messages in the queue",
+            {DONE, DONE, Step::failure(ENOBUFS), interfaceMessage(1), EMPTY, DONE},
+            4},
+        ReceptionRow{
+            "many times",
+            {DONE, DONE, Step::failure(EINTR), Step::failure(ENOBUFS), Step::failure(ENOBUFS), EMPTY,
+             Step::failure(ENOBUFS), DONE, EMPTY, interfaceMessage(1), DONE, DONE},
+            6},
+        ReceptionRow{
+            "nothing instead of interfaces",
+            {Step::nothing(ENOBUFS), DONE, EMPTY, interfaceMessage(1), DONE, DONE},
+            4},
+        ReceptionRow{
+            "nothing instead of addresses",
+            {DONE, Step::nothing(ENOBUFS), EMPTY, interfaceMessage(1), DONE, DONE},
+            4},
+        ReceptionRow{
+            "an interruption",
+            {DONE, DONE, Step::failure(EINTR), Step::failure(ENOBUFS), interfaceMessage(1)}}));
+
+// ---- what was lost ----
+
+/// A kernel that has an interface with two addresses, and another one, when its messages are lost.
+std::vector<Step> lossOf(std::vector<Step> const& further) {
+    Message const link = eth0().add(IFLA_ADDRESS, MAC);
+    std::vector<Step> steps = {
+        link,
+        interfaceMessage(4),
+        DONE,
+        ipv4Message().add(IFA_LOCAL, ipv4("10.0.0.1")),
+        ipv4Message().add(IFA_LOCAL, ipv4("10.0.0.2")),
+        DONE,
+        Step::failure(ENOBUFS),
+    };
+    steps.insert(steps.end(), further.begin(), further.end());
+    return steps;
+}
+
+/// What a monitor tells from the loss on.
+class Loss : public Watch {
+protected:
+    Log tell(std::vector<Step> const& further) {
+        Kernel kernel(lossOf(further));
+        EXPECT_TRUE(watch(kernel));
+        EXPECT_EQ(0U, kernel.countStepsLeft());
+        EXPECT_TRUE(chainIs({{SysError, 19}}));
+        m_requests = kernel.getRequests();
+        Log log = m_listener.take();
+        EXPECT_LE(10U, log.size());
+        log.erase(log.begin(), log.begin() + 10);
+        return log;
+    }
+
+    std::vector<std::string> m_requests;
+};
+
+Message const ADDRESS_1 = ipv4Message().add(IFA_LOCAL, ipv4("10.0.0.1"));
+Message const ADDRESS_2 = ipv4Message().add(IFA_LOCAL, ipv4("10.0.0.2"));
+
+TEST_F(Loss, OfNothingTellsTheStatusAlone) {
+    Message const link = eth0().add(IFLA_ADDRESS, MAC);
+    EXPECT_EQ(
+        (Log{"interface_status eth0", "interface_status if4"}),
+        tell({EMPTY, link, interfaceMessage(4), DONE, ADDRESS_1, ADDRESS_2, DONE}));
+    // The first time the number of the requests is 1.
+    ASSERT_EQ(4U, m_requests.size());
+    EXPECT_EQ("02000000", m_requests[2].substr(16, 8));
+    EXPECT_EQ("02000000", m_requests[3].substr(16, 8));
+}
+
+TEST_F(Loss, TellsWhatIsNewAndThenWhatHasGone) {
+    Message const link = eth0().add(IFLA_ADDRESS, std::string("\x00\x1a\x2b\x3c\x4d\x5f", 6));
+    EXPECT_EQ(
+        (Log{
+            "interface_status eth0",
+            "address_appeared eth0 00:1a:2b:3c:4d:5f",
+            "address_operable eth0 00:1a:2b:3c:4d:5f",
+            "interface_appeared if5",
+            "interface_status if5",
+            "address_appeared eth0 10.0.0.3/255.255.255.0",
+            "address_operable eth0 10.0.0.3/255.255.255.0",
+            "address_inoperable eth0 00:1a:2b:3c:4d:5e",
+            "address_disappeared eth0 00:1a:2b:3c:4d:5e",
+            "address_inoperable eth0 10.0.0.1/255.255.255.0",
+            "address_disappeared eth0 10.0.0.1/255.255.255.0",
+            "interface_disappeared if4",
+        }),
+        tell(
+            {EMPTY, link, interfaceMessage(5), DONE, ADDRESS_2,
+             ipv4Message().add(IFA_LOCAL, ipv4("10.0.0.3")), DONE}));
+}
+
+TEST_F(Loss, OfAllTellsAnInterfaceThatIsGoneWithItsAddresses) {
+    EXPECT_EQ(
+        (Log{
+            "interface_status if4",
+            "address_inoperable eth0 00:1a:2b:3c:4d:5e",
+            "address_disappeared eth0 00:1a:2b:3c:4d:5e",
+            "address_inoperable eth0 10.0.0.1/255.255.255.0",
+            "address_disappeared eth0 10.0.0.1/255.255.255.0",
+            "address_inoperable eth0 10.0.0.2/255.255.255.0",
+            "address_disappeared eth0 10.0.0.2/255.255.255.0",
+            "interface_disappeared eth0",
+        }),
+        tell({EMPTY, interfaceMessage(4), DONE, DONE}));
+}
+
+TEST_F(Loss, TellsAnAddressWithAnotherNetmaskAsGoneAndNew) {
+    Message const link = eth0().add(IFLA_ADDRESS, MAC);
+    Message const changed = addressMessage(RTM_NEWADDR, AF_INET, 16, 3).add(IFA_LOCAL, ipv4("10.0.0.1"));
+    EXPECT_EQ(
+        (Log{
+            "interface_status eth0",
+            "interface_status if4",
+            "address_inoperable eth0 10.0.0.1/255.255.255.0",
+            "address_disappeared eth0 10.0.0.1/255.255.255.0",
+            "address_appeared eth0 10.0.0.1/255.255.0.0",
+            "address_operable eth0 10.0.0.1/255.255.0.0",
+        }),
+        tell({EMPTY, link, interfaceMessage(4), DONE, changed, ADDRESS_2, DONE}));
+}
+
+// What changes while the kernel answers counts as it is at the end.
+TEST_F(Loss, HeedsWhatChangesDuringTheAnswers) {
+    Message const link = eth0().add(IFLA_ADDRESS, MAC);
+    EXPECT_EQ(
+        (Log{
+            "interface_status eth0",
+            "interface_status if4",
+            "interface_disappeared if4",
+            "address_inoperable eth0 10.0.0.2/255.255.255.0",
+            "address_disappeared eth0 10.0.0.2/255.255.255.0",
+            "interface_appeared if6",
+            "interface_status if6",
+        }),
+        tell(
+            {EMPTY, link, interfaceMessage(4), DONE, ADDRESS_1, ADDRESS_2, linkMessage(RTM_DELLINK, 4),
+             addressMessage(RTM_DELADDR, AF_INET, 24, 3).add(IFA_LOCAL, ipv4("10.0.0.2")),
+             interfaceMessage(6), DONE}));
+}
+
+// Of a message without a MAC nothing follows for the MAC.
+TEST_F(Loss, KeepsTheMacThatOneOfTwoMessagesTells) {
+    Message const link = eth0().add(IFLA_ADDRESS, MAC);
+    EXPECT_EQ(
+        (Log{"interface_status eth0", "interface_status eth0", "interface_status if4"}),
+        tell({EMPTY, link, eth0(), interfaceMessage(4), DONE, ADDRESS_1, ADDRESS_2, DONE}));
+}
+
+TEST_F(Loss, DuringTheAnswersAsksOnceMore) {
+    Message const link = eth0().add(IFLA_ADDRESS, MAC);
+    EXPECT_EQ(
+        (Log{
+            "interface_status eth0",
+            "interface_disappeared if4",
+        }),
+        tell({EMPTY, Step::failure(ENOBUFS), DONE, EMPTY, link, DONE, ADDRESS_1, ADDRESS_2, DONE}));
+    EXPECT_EQ(6U, m_requests.size());
+}
+
+TEST_F(Loss, IsNotMadeGoodByAnAnswerThatAChangeInterrupted) {
+    Message const link = eth0().add(IFLA_ADDRESS, MAC);
+    EXPECT_EQ(
+        (Log{"interface_status if4", "interface_status eth0", "interface_status if4"}),
+        tell(
+            {EMPTY, interfaceMessage(4).setFlags(NLM_F_DUMP_INTR), DONE, DONE, EMPTY, link,
+             interfaceMessage(4), DONE, ADDRESS_1, ADDRESS_2, DONE}));
+    EXPECT_EQ(6U, m_requests.size());
+}
+
+TEST_F(Loss, RemovesNothingAfterAnAnswerThatWasCut) {
+    std::string const too_long = datagramOf({interfaceMessage(4), std::string(4096, '\0')});
+    EXPECT_EQ((Log{"interface_status if4"}), tell({EMPTY, too_long, DONE, DONE}));
+    EXPECT_EQ(4U, m_requests.size());
+}
+
+TEST_F(Loss, TakesTheEndOfAnOlderAnswerForNone) {
+    Message const link = eth0().add(IFLA_ADDRESS, MAC);
+    EXPECT_EQ(
+        (Log{"interface_status eth0", "interface_status if4"}),
+        tell(
+            {EMPTY, doneMessage().setSequence(1), link, interfaceMessage(4), doneMessage().setSequence(2),
+             ADDRESS_1, ADDRESS_2, doneMessage().setSequence(2)}));
+}
+
+TEST_F(Loss, RemovesNothingOnceItIsStopped) {
+    EXPECT_EQ(Log(), tell({EMPTY, DONE, Step(DONE).during([this] { m_monitor.stopWatching(); })}));
+}
+
+TEST_F(Loss, EndsTheWatchIfTheKernelCannotBeAskedAgain) {
+    Fault const fault(inject_sendmsg, ENOMEM, 3);
+    EXPECT_EQ(Log(), tell({EMPTY}));
+    EXPECT_EQ(2U, m_requests.size());
+}
+
+// What went while nobody watched.
+TEST_F(Loss, IsMadeGoodByTheNextWatch) {
+    Fault const fault(inject_sendmsg, ENOMEM, 3);
+    EXPECT_EQ(Log(), tell({EMPTY}));
+    Message const link = eth0().add(IFLA_ADDRESS, MAC);
+    Kernel second({link, DONE, ADDRESS_1, ADDRESS_2, DONE});
+    EXPECT_FALSE(watch(second));
+    EXPECT_EQ((Log{"interface_status eth0", "interface_disappeared if4"}), m_listener.take());
+    EXPECT_EQ("01000000", second.getRequests()[0].substr(16, 8));
+}
+
+struct PauseRow {
+    char const* what;
+    std::vector<Step> steps;
+    int pauses;
+};
+
+std::ostream& operator<<(std::ostream& stream, PauseRow const& row) {
+    return stream << row.what;
+}
+
+class RepeatedFailure : public Watch, public testing::WithParamInterface<PauseRow> {};
+
+TEST_P(RepeatedFailure, PausesBeforeAThirdAttempt) {
+    std::vector<Step> steps = {DONE, DONE};
+    steps.insert(steps.end(), GetParam().steps.begin(), GetParam().steps.end());
+    Kernel kernel(steps);
+    int const before = s_sleeps;
+    EXPECT_TRUE(watch(kernel));
+    EXPECT_EQ(GetParam().pauses, s_sleeps - before);
+    EXPECT_EQ(0U, kernel.countStepsLeft());
+    if (GetParam().pauses != 0) {
+        EXPECT_EQ(100000000, s_last_sleep_ns);
+    }
+    std::ErrorStorage::ack();
+}
+
+Step const BROKEN = Step::failure(EBADF);
+Step const SIGNAL = Step::failure(EINTR);
+INSTANTIATE_TEST_SUITE_P(
+    Each, RepeatedFailure,
+    testing::Values(
+        PauseRow{"one failure", {BROKEN}, 0},
+        // The last of the attempts is the one that finds the monitor stopped.
+        PauseRow{"for good", std::vector<Step>(50, BROKEN), 49},
+        PauseRow{"nothing for good", std::vector<Step>(10, Step::nothing(0)), 9},
+        PauseRow{"messages between", {BROKEN, DONE, BROKEN, DONE, BROKEN, DONE}, 0},
+        PauseRow{"interruptions by signals", std::vector<Step>(10, SIGNAL), 0},
+        PauseRow{"while it empties the queue", {Step::failure(ENOBUFS), BROKEN, BROKEN, EMPTY, DONE}, 2}));
 
 TEST_F(Watch, DoesNotRepeatAnInterruptedReception) {
     Kernel kernel({Step::failure(EINTR), DONE, DONE});

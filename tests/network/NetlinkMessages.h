@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
@@ -44,6 +45,16 @@ public:
 
     Message& setLength(uint32_t length) {
         memcpy(m_bytes.data(), &length, sizeof length);
+        return *this;
+    }
+
+    Message& setFlags(uint16_t flags) {
+        memcpy(m_bytes.data() + offsetof(nlmsghdr, nlmsg_flags), &flags, sizeof flags);
+        return *this;
+    }
+
+    Message& setSequence(uint32_t sequence) {
+        memcpy(m_bytes.data() + offsetof(nlmsghdr, nlmsg_seq), &sequence, sizeof sequence);
         return *this;
     }
 

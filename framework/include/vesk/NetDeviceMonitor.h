@@ -6,6 +6,7 @@
 #include <tarncommon/tarnbase/NonCopyable.h>
 
 #include <cstdint>
+#include <list>
 #include <map>
 
 namespace vesk {
@@ -50,8 +51,12 @@ class NetDeviceMonitorImpl;
 /// to 65,535: beyond, only the lower 16 bits count for all but the removal of an interface.
 ///
 /// **What gets lost.** A kernel message beyond 4,096 bytes is cut, and its rest not seen. When changes come faster than the
-/// listener takes them, the kernel drops some (`ENOBUFS`): that is reported and shows in the result of `watch`, which goes
-/// on. Nothing is asked for again.
+/// listener takes them, the kernel drops some (`ENOBUFS`): that is reported and shows in the result of `watch`. The monitor
+/// then takes what the kernel has kept, asks once more for all interfaces and addresses, and tells the difference between
+/// its table and the answer: what is new as it comes, with the status of each interface, and what has gone at the end. A
+/// change that was taken back meanwhile is not told. An address whose netmask or peer has changed is told as gone and as
+/// new. Messages that are lost during that make the monitor ask again. The first answers of a further `watch` are compared
+/// with the table in the same way.
 ///
 /// The table, `watch` and all callbacks belong to one thread at a time; `stopWatching` may be called from any, also from
 /// several at once and from a callback.
@@ -80,7 +85,8 @@ public:
     /// |---|---|---|
     /// | `socket` | `Socket::Error` 3 | returns |
     /// | `bind`, `sendmsg` | `SysError` 19 | returns |
-    /// | `recvmsg`, also if a signal interrupts it | `SysError` 19 | goes on with the next step, or with following |
+    /// | `recvmsg`, also if a signal interrupts it | `SysError` 19 | goes on with the next step, or with following; asks once
+    ///   more for all if messages are lost. Pauses for 100 ms before each attempt that follows two failures in a row |
     ///
     /// Asserts "m_impl" if the constructor had no memory, and reports `std::CommonError` 1. Asserts "name" for an interface
     /// without one, and passes over it. A malformed message is passed over in silence. Exceptions of the listener and
@@ -116,7 +122,15 @@ public:
     void address_disappeared(unsigned short index, AddrInfo const& address);
 
 private:
+    friend class NetDeviceMonitorImpl;
+
+    /// Addresses by the number of their interface, as the table has them.
+    using Snapshot = std::map<uint32_t, std::list<AddrInfo>>;
+
     Listener* getListener(char const* function, int line = __builtin_LINE()) const;
+
+    /// Tells, and forgets, what the table has and `there` has not; tells what has changed in its details anew.
+    __attribute__((visibility("hidden"))) void forgetAllBut(Snapshot const& there);
 
     // What only the system's side can do.
     NetDeviceMonitorImpl* makeImpl() noexcept;

@@ -15,6 +15,10 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/common/NetDeviceMonitor";
 
+bool isSame(NetworkInterface::AddrInfo const& left, NetworkInterface::AddrInfo const& right) noexcept {
+    return left.address == right.address && left.netmask == right.netmask && left.peer == right.peer;
+}
+
 bool isOperable(NetworkInterface::Info const& interface) noexcept {
     return interface.up && interface.operable;
 }
@@ -156,6 +160,36 @@ void NetDeviceMonitor::address_disappeared(unsigned short index, AddrInfo const&
         listener->address_disappeared(address, interface);
     }
     interface.addresses.erase(known);
+}
+
+void NetDeviceMonitor::forgetAllBut(Snapshot const& there) {
+    // A copy: the table changes on the way, and also when the listener throws it is in order.
+    std::map<uint32_t, Info> const known = m_interfaces;
+    for (auto const& [index, interface] : known) {
+        auto const found = there.find(index);
+        if (found == there.end()) {
+            interface_disappeared(static_cast<int>(index));
+            continue;
+        }
+        std::list<AddrInfo> const& addresses = found->second;
+        auto const number = static_cast<unsigned short>(index);
+        for (AddrInfo const& address : interface.addresses) {
+            bool const stays =
+                std::any_of(addresses.begin(), addresses.end(), [&address](AddrInfo const& other) {
+                    return isSame(address, other);
+                });
+            if (stays) {
+                continue;
+            }
+            address_disappeared(number, address);
+            // It may be there with another netmask or peer.
+            for (AddrInfo const& other : addresses) {
+                if (other.address == address.address) {
+                    address_appeared(number, other);
+                }
+            }
+        }
+    }
 }
 
 // ---- a listener that does not care ----

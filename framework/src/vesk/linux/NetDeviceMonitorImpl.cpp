@@ -3,7 +3,6 @@
 #include "vesk/posix/CancellationOff.h"
 #include "vesk/posix/ErrnoTable.h"
 
-#include <vesk/NetDeviceMonitor.h>
 #include <vesk/Socket.h>
 #include <vesk/SysError.h>
 
@@ -42,7 +41,8 @@ constexpr ErrnoRow REQUEST_ERRORS[] = {
     {OTHERS, {SysError, 19}},
 };
 
-// An interruption is no exception, nor are messages that the kernel had to drop.
+// An interruption is no exception, nor are messages that the kernel had to drop. That nothing is there yet is told only to
+// the call that does not wait.
 constexpr ErrnoRow RECEIVE_ERRORS[] = {
     {OTHERS, {SysError, 19}},
 };
@@ -55,6 +55,7 @@ static_assert(sizeof(ifinfomsg) == 16 && sizeof(ifaddrmsg) == 8);
 
 constexpr size_t BUFFER_SIZE = 4096;
 constexpr timespec WAKERS_TIME{0, 100000};
+constexpr timespec PAUSE_AFTER_FAILURES{0, 100000000};
 
 constexpr unsigned char OPERATIONAL = 6; // IF_OPER_UP, which no header has that goes with <net/if.h>.
 
@@ -153,7 +154,9 @@ std::string getText(Bytes data) {
     return std::string(text, strnlen(text, data.getSize()));
 }
 
-void handleIfInfo(NetDeviceMonitor& monitor, uint16_t type, Bytes message) {
+using Snapshot = NetDeviceMonitorImpl::Snapshot;
+
+void handleIfInfo(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, Bytes message) {
     ifinfomsg info{};
     if (!message.read(sizeof(nlmsghdr), info)) {
         return;
@@ -186,6 +189,7 @@ void handleIfInfo(NetDeviceMonitor& monitor, uint16_t type, Bytes message) {
         }
     }
     if (type == RTM_DELLINK) {
+        snapshot.removeLink(info.ifi_index);
         monitor.interface_disappeared(info.ifi_index);
         return;
     }
@@ -194,18 +198,20 @@ void handleIfInfo(NetDeviceMonitor& monitor, uint16_t type, Bytes message) {
         return;
     }
     auto const index = static_cast<unsigned short>(info.ifi_index);
+    NetworkInterface::AddrInfo link;
+    bool const has_link = !link.address.set(AF_UNSPEC, hardware_address);
+    snapshot.addLink(index, has_link ? &link : nullptr);
     monitor.interface_appeared(index, getText(name).c_str());
     // Whether it is taken up (IFF_UP) is not looked at.
     monitor.interface_up(
         index, (info.ifi_flags & IFF_BROADCAST) != 0, (info.ifi_flags & IFF_POINTOPOINT) != 0,
         (info.ifi_flags & IFF_LOOPBACK) != 0, mtu, state == OPERATIONAL, true);
-    NetworkInterface::AddrInfo link;
-    if (!link.address.set(AF_UNSPEC, hardware_address)) {
+    if (has_link) {
         monitor.address_appeared(index, link);
     }
 }
 
-void handleIfAddr(NetDeviceMonitor& monitor, uint16_t type, Bytes message) {
+void handleIfAddr(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, Bytes message) {
     ifaddrmsg info{};
     if (!message.read(sizeof(nlmsghdr), info)) {
         return;
@@ -244,27 +250,36 @@ void handleIfAddr(NetDeviceMonitor& monitor, uint16_t type, Bytes message) {
     }
     auto const index = static_cast<unsigned short>(info.ifa_index);
     if (type == RTM_NEWADDR) {
+        snapshot.addAddress(index, address);
         monitor.address_appeared(index, address);
     } else {
+        snapshot.removeAddress(index, address);
         monitor.address_disappeared(index, address);
     }
 }
 
 /// Hands on what a datagram tells.
 /// @return true at the end of a dump; what is behind it is not looked at
-bool handleDatagram(NetDeviceMonitor& monitor, Bytes datagram) {
+bool handleDatagram(NetDeviceMonitor& monitor, Snapshot& snapshot, Bytes datagram) {
     for (Messages walk(datagram); walk.next();) {
-        uint16_t const type = walk.getHeader().nlmsg_type;
-        switch (type) {
+        nlmsghdr const& header = walk.getHeader();
+        if ((header.nlmsg_flags & NLM_F_DUMP_INTR) != 0) {
+            snapshot.is_torn = true;
+        }
+        switch (header.nlmsg_type) {
         case NLMSG_DONE:
-            return true;
+            // A dump of an earlier round may still be running; its end is not that of this one.
+            if (header.nlmsg_seq == 0 || header.nlmsg_seq >= snapshot.sequence) {
+                return true;
+            }
+            break;
         case RTM_NEWLINK:
         case RTM_DELLINK:
-            handleIfInfo(monitor, type, walk.getAll());
+            handleIfInfo(monitor, snapshot, header.nlmsg_type, walk.getAll());
             break;
         case RTM_NEWADDR:
         case RTM_DELADDR:
-            handleIfAddr(monitor, type, walk.getAll());
+            handleIfAddr(monitor, snapshot, header.nlmsg_type, walk.getAll());
             break;
         default:
             break;
@@ -277,7 +292,7 @@ bool handleDatagram(NetDeviceMonitor& monitor, Bytes datagram) {
 
 /// Has the kernel tell all that it has of one kind.
 /// @return true on failure
-bool request(int fd, uint16_t type) {
+bool request(int fd, uint16_t type, uint32_t sequence) {
     struct {
         nlmsghdr header;
         rtgenmsg generator;
@@ -285,7 +300,7 @@ bool request(int fd, uint16_t type) {
     message.header.nlmsg_len = NLMSG_LENGTH(sizeof message.generator);
     message.header.nlmsg_type = type;
     message.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    message.header.nlmsg_seq = 1;
+    message.header.nlmsg_seq = sequence;
     message.generator.rtgen_family = AF_UNSPEC;
 
     sockaddr_nl kernel{};
@@ -304,6 +319,42 @@ bool request(int fd, uint16_t type) {
 }
 
 } // namespace
+
+// ---- what is there ----
+
+/// An interface has one address of its link: a later one takes the place of an earlier one. A message without one, as
+/// drivers of radio links send them, says nothing of it.
+void NetDeviceMonitorImpl::Snapshot::addLink(unsigned short index, AddrInfo const* link) {
+    if (!is_active) {
+        return;
+    }
+    std::list<AddrInfo>& addresses = there[index];
+    if (link != nullptr) {
+        addresses.remove_if(
+            [](AddrInfo const& known) { return known.address.getType() == NetworkAddress::LINK; });
+        addresses.push_back(*link);
+    }
+}
+
+void NetDeviceMonitorImpl::Snapshot::removeLink(int index) {
+    there.erase(static_cast<uint32_t>(index));
+}
+
+void NetDeviceMonitorImpl::Snapshot::addAddress(unsigned short index, AddrInfo const& address) {
+    if (is_active) {
+        there[index].push_back(address);
+    }
+}
+
+void NetDeviceMonitorImpl::Snapshot::removeAddress(unsigned short index, AddrInfo const& address) {
+    auto const found = there.find(index);
+    if (found != there.end()) {
+        found->second.remove_if([&address](AddrInfo const& known) {
+            return known.address == address.address && known.netmask == address.netmask &&
+                known.peer == address.peer;
+        });
+    }
+}
 
 /// The netlink socket of one `watch`, closed on every way out.
 class NetDeviceMonitorImpl::Subscription : private tarnbase::NonCopyable {
@@ -345,18 +396,44 @@ bool NetDeviceMonitorImpl::watch() {
         classify(SOURCE, BIND_ERRORS, errno);
         return true;
     }
-    if (request(fd, RTM_GETLINK)) {
+    m_snapshot.sequence = 0;
+    m_failures = 0;
+    bool failed = false;
+    if (synchronise(fd, failed)) {
         return true;
     }
-    bool failed = receive(fd);
-    if (request(fd, RTM_GETADDR)) {
-        return true;
-    }
-    failed |= receive(fd);
     while (!isStopped()) {
-        failed |= receive(fd);
+        if (!m_has_lost) {
+            failed |= receive(fd);
+            continue;
+        }
+        failed |= drain(fd);
+        if (!isStopped() && synchronise(fd, failed)) {
+            return true;
+        }
     }
     return failed;
+}
+
+/// Asks for all interfaces and all addresses, hands on the answers, and then tells what has gone.
+/// @return true if a request failed
+bool NetDeviceMonitorImpl::synchronise(int fd, bool& failed) {
+    m_has_lost = false;
+    m_snapshot.begin();
+    for (uint16_t const type : {RTM_GETLINK, RTM_GETADDR}) {
+        if (request(fd, type, m_snapshot.sequence)) {
+            return true;
+        }
+        failed |= receive(fd);
+    }
+    m_snapshot.is_active = false;
+    m_has_lost |= m_snapshot.is_torn;
+    // Of answers that are not whole what they lack may be there.
+    if (!m_has_lost && !m_snapshot.is_cut && !isStopped()) {
+        m_monitor->forgetAllBut(m_snapshot.there);
+    }
+    m_snapshot.there.clear();
+    return false;
 }
 
 /// Both sides of the stop word are full barriers: whoever sets it sees the socket that is not seen to be stopped.
@@ -368,37 +445,67 @@ bool NetDeviceMonitorImpl::isStopped() noexcept {
 /// @return true on failure
 bool NetDeviceMonitorImpl::receive(int fd) {
     m_socket = fd;
+    Taken taken = Taken::DATAGRAM;
+    while (taken == Taken::DATAGRAM) {
+        taken = take(fd, 0);
+    }
+    return taken == Taken::FAILURE;
+}
+
+/// Takes datagrams until none is there, or up to the stop.
+/// @return true if there was a failure on the way
+bool NetDeviceMonitorImpl::drain(int fd) {
+    bool failed = false;
     for (;;) {
-        alignas(nlmsghdr) unsigned char buffer[BUFFER_SIZE];
-        sockaddr_nl sender{};
-        iovec piece{buffer, sizeof buffer};
-        msghdr envelope{};
-        envelope.msg_name = &sender;
-        envelope.msg_namelen = sizeof sender;
-        envelope.msg_iov = &piece;
-        envelope.msg_iovlen = 1;
-        ssize_t const size = recvmsg(fd, &envelope, 0);
-        if (size == -1) {
-            if (isStopped()) {
-                return false;
-            }
-            classify(SOURCE, RECEIVE_ERRORS, errno);
-            return true;
-        }
-        if (size == 0) {
-            if (isStopped()) {
-                return false;
-            }
-            classify(SOURCE, RECEIVE_ERRORS, errno);
-            return true;
-        }
-        if (handleDatagram(*m_monitor, Bytes(buffer, static_cast<size_t>(size)))) {
-            return false;
-        }
-        if (isStopped()) {
-            return false;
+        switch (take(fd, MSG_DONTWAIT)) {
+        case Taken::NOTHING:
+        case Taken::STOP:
+            return failed;
+        case Taken::FAILURE:
+            failed = true;
+            break;
+        case Taken::DATAGRAM:
+        case Taken::END_OF_DUMP:
+            break;
         }
     }
+}
+
+/// Receives one datagram, and hands on what it tells.
+NetDeviceMonitorImpl::Taken NetDeviceMonitorImpl::take(int fd, int flags) {
+    if (m_failures > 1) {
+        // A socket that fails for good is to leave the processor to others.
+        nanosleep(&PAUSE_AFTER_FAILURES, nullptr);
+    }
+    alignas(nlmsghdr) unsigned char buffer[BUFFER_SIZE];
+    sockaddr_nl sender{};
+    iovec piece{buffer, sizeof buffer};
+    msghdr envelope{};
+    envelope.msg_name = &sender;
+    envelope.msg_namelen = sizeof sender;
+    envelope.msg_iov = &piece;
+    envelope.msg_iovlen = 1;
+    ssize_t const size = recvmsg(fd, &envelope, flags);
+    if (size == -1 || size == 0) {
+        int const error = errno;
+        if (isStopped()) {
+            return Taken::STOP;
+        }
+        if (size == -1 && error == EAGAIN && (flags & MSG_DONTWAIT) != 0) {
+            m_failures = 0;
+            return Taken::NOTHING;
+        }
+        classify(SOURCE, RECEIVE_ERRORS, error);
+        m_has_lost |= error == ENOBUFS || m_snapshot.is_active;
+        m_failures += error == EINTR && size == -1 ? 0 : 1;
+        return Taken::FAILURE;
+    }
+    m_failures = 0;
+    m_snapshot.is_cut |= (envelope.msg_flags & MSG_TRUNC) != 0;
+    if (handleDatagram(*m_monitor, m_snapshot, Bytes(buffer, static_cast<size_t>(size)))) {
+        return Taken::END_OF_DUMP;
+    }
+    return isStopped() ? Taken::STOP : Taken::DATAGRAM;
 }
 
 void NetDeviceMonitorImpl::stopWatching() noexcept {
