@@ -18,6 +18,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -158,7 +159,8 @@ TEST(SocketWrite, isRepeatedWhileASignalInterruptsIt) {
 
 TEST(SocketWrite, mayBeShortAndFindsNoRoomAtTheEndWhichIsNoFailure) {
     Ends ends = makeEnds(SOCK_STREAM | SOCK_NONBLOCK);
-    TestSocket socket(ends.takeMine());
+    TestSocket socket(false, 0, 0);
+    socket.set(ends.takeMine(), Socket::OPEN);
     std::vector<char> const much(16 << 20, 'x');
     auto const size = static_cast<unsigned int>(much.size());
     unsigned int put = 0;
@@ -199,6 +201,32 @@ TEST(SocketWrite, streamThatDoesNotWaitTellsHowMuchWasTaken) {
     EXPECT_GT(much.size(), written);
     EXPECT_EQ(1, socket.write("x", 1, written));
     EXPECT_EQ(0U, written);
+    EXPECT_TRUE(chainIs({}));
+}
+
+// The flag belongs to all that have the descriptor open: another one of them may have set it.
+TEST(SocketWrite, streamThatWaitsDoesNotSpinOnADescriptorThatDoesNot) {
+    Ends ends = makeEnds(SOCK_STREAM | SOCK_NONBLOCK);
+    TestSocket socket(ends.takeMine());
+    std::vector<char> const much(4 << 20, 'x');
+    size_t arrived = 0;
+    std::thread peer([&] {
+        while (arrived < much.size()) {
+            usleep(1000); // Slower than the writer.
+            char block[1 << 16];
+            ssize_t const count = ::recv(ends.getPeer(), block, sizeof block, 0);
+            arrived += count > 0 ? static_cast<size_t>(count) : 0;
+        }
+    });
+    unsigned int written = 0;
+    {
+        Fault const calls(inject_send, 0);
+        EXPECT_EQ(1, socket.write(much.data(), static_cast<unsigned int>(much.size()), written));
+        EXPECT_GE(500, calls.getCalls());
+    }
+    EXPECT_EQ(much.size(), written);
+    EXPECT_FALSE(socket.hadError());
+    peer.join();
     EXPECT_TRUE(chainIs({}));
 }
 

@@ -138,7 +138,8 @@ protected:
     /// Sends once (`send` without `SIGPIPE`, repeated while a signal interrupts it). A short count is success. With a `size`
     /// of 0 it succeeds on an open socket at once, without a system call.
     ///
-    /// No room on a descriptor that does not wait is success with a count of 0. Failures put a `StreamError` on top:
+    /// No room on a descriptor that does not wait is success with a count of 0; if the stream is to wait all the same, that is
+    /// told when there is room again. Failures put a `StreamError` on top:
     /// `CommonError` 1 if the socket is not open (0, `written` untouched); `SysError` 7 for `EPERM` and `EACCES` (0);
     /// `SysError` 10 for `EIO`, `EBADF`, `ENOTSOCK`, `EOPNOTSUPP` and `ENOTCONN` (0); `Error` 0 for a connection that is
     /// closed (0); `Error` 5 for `EDESTADDRREQ` (0); `Error` 8 for a network that is down or has no way (0); `Error` 6 for
@@ -147,6 +148,10 @@ protected:
 
     /// Does nothing: the system sends by itself.
     bool performFlush() override;
+
+    /// Ends a send for which the system has no room now. A stream that waits on a descriptor that does not, since another
+    /// owner has changed it, waits here (`poll`); otherwise a flush that is under way fails, which `m_had_error` tells.
+    __attribute__((visibility("hidden"))) void endWithoutRoom();
 
     /// The bool result of an operation of which `m_had_error` tells more. Gives true.
     bool fail() const noexcept {

@@ -7,7 +7,9 @@
 #include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <algorithm>
+#include <fcntl.h>
 #include <iterator>
+#include <poll.h>
 #include <sys/select.h>
 
 namespace vesk {
@@ -159,7 +161,26 @@ bool Socket::performWrite(void const* buffer, unsigned int size, unsigned int& w
         written = static_cast<unsigned int>(count);
         return false;
     }
-    return classify(SOURCE, SEND_ERRORS.rows, errno) != Outcome::NOT_NOW && fail();
+    if (classify(SOURCE, SEND_ERRORS.rows, errno) != Outcome::NOT_NOW) {
+        return fail();
+    }
+    endWithoutRoom();
+    return false;
+}
+
+void Socket::endWithoutRoom() {
+    if (!m_blocking) {
+        m_had_error = m_flushing;
+        return;
+    }
+    int const fd = m_socket_handle.socket_fd;
+    int const flags = fcntl(fd, F_GETFL);
+    // A descriptor that waits has done so, as long as a limit of its own (SO_SNDTIMEO) lets it.
+    if (flags != -1 && (flags & O_NONBLOCK) != 0) {
+        // A failure shows in the next send.
+        pollfd entry{fd, POLLOUT, 0};
+        poll(&entry, 1, -1);
+    }
 }
 
 bool Socket::performFlush() {

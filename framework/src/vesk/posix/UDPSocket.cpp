@@ -123,7 +123,11 @@ bool UDPSocket::performWrite(void const* buffer, unsigned int size, unsigned int
         written = static_cast<unsigned int>(count);
         return false;
     }
-    return classify(SOURCE, SEND_TO_ERRORS.rows, errno) != Outcome::NOT_NOW && fail();
+    if (classify(SOURCE, SEND_TO_ERRORS.rows, errno) != Outcome::NOT_NOW) {
+        return fail();
+    }
+    endWithoutRoom();
+    return false;
 }
 
 bool UDPSocket::getBroadcast() const {
