@@ -325,7 +325,7 @@ bool request(int fd, uint16_t type, uint32_t sequence) {
 /// An interface has one address of its link: a later one takes the place of an earlier one. A message without one, as
 /// drivers of radio links send them, says nothing of it.
 void NetDeviceMonitorImpl::Snapshot::addLink(unsigned short index, AddrInfo const* link) {
-    if (!is_active) {
+    if (!is_noting) {
         return;
     }
     std::list<AddrInfo>& addresses = there[index];
@@ -341,7 +341,7 @@ void NetDeviceMonitorImpl::Snapshot::removeLink(int index) {
 }
 
 void NetDeviceMonitorImpl::Snapshot::addAddress(unsigned short index, AddrInfo const& address) {
-    if (is_active) {
+    if (is_noting) {
         there[index].push_back(address);
     }
 }
@@ -419,7 +419,8 @@ bool NetDeviceMonitorImpl::watch() {
 /// @return true if a request failed
 bool NetDeviceMonitorImpl::synchronise(int fd, bool& failed) {
     m_has_lost = false;
-    m_snapshot.begin();
+    // Of an empty table nothing can have gone.
+    m_snapshot.begin(!m_monitor->m_interfaces.empty());
     for (uint16_t const type : {RTM_GETLINK, RTM_GETADDR}) {
         if (request(fd, type, m_snapshot.sequence)) {
             return true;
@@ -429,10 +430,10 @@ bool NetDeviceMonitorImpl::synchronise(int fd, bool& failed) {
     m_snapshot.is_active = false;
     m_has_lost |= m_snapshot.is_torn;
     // Of answers that are not whole what they lack may be there.
-    if (!m_has_lost && !m_snapshot.is_cut && !isStopped()) {
+    if (m_snapshot.is_noting && !m_has_lost && !m_snapshot.is_cut && !isStopped()) {
         m_monitor->forgetAllBut(m_snapshot.there);
     }
-    m_snapshot.there.clear();
+    m_snapshot.end();
     return false;
 }
 

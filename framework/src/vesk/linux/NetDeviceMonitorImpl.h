@@ -28,12 +28,20 @@ public:
     public:
         using AddrInfo = NetworkInterface::AddrInfo;
 
-        void begin() {
+        /// @param is_wanted  whether to note what is there
+        void begin(bool is_wanted) {
             there.clear();
             ++sequence;
             is_active = true;
+            is_noting = is_wanted;
             is_cut = false;
             is_torn = false;
+        }
+
+        void end() {
+            there.clear();
+            is_active = false;
+            is_noting = false;
         }
 
         void addLink(unsigned short index, AddrInfo const* link);
@@ -43,10 +51,10 @@ public:
 
         std::map<uint32_t, std::list<AddrInfo>> there;
         uint32_t sequence = 0;  ///< The number of the requests.
-        bool is_active = false; ///< The kernel is answering; otherwise nothing is noted.
+        bool is_active = false; ///< The kernel is answering.
+        bool is_noting = false; ///< What it tells is kept in `there`.
         bool is_cut = false;    ///< There was no room for a whole answer.
-        bool is_torn =
-            false; ///< Something changed in the middle of an answer, which then may lack what is there.
+        bool is_torn = false;   ///< A change came in the middle of an answer, which may lack what is there.
     };
 
 private:
