@@ -435,9 +435,19 @@ TEST(SignalNotifierTest, TakesItsByteAfterAWaitThatWasInterrupted) {
 
 TEST(SignalNotifierTest, ReturnsFromAWaitThatWasInterruptedWithNothingInThePipe) {
     ChildEnd const end = runInChild([] {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        EXPECT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
         Notifier notifier;
-        Fault const fault(inject_poll, EINTR);
-        notifier.wait();
+        std::atomic<pid_t> waiter{0};
+        std::thread thread([&] {
+            waiter = support::getThreadId();
+            notifier.wait();
+        });
+        EXPECT_TRUE(waitUntil([&] { return waiter != 0; }));
+        support::waitUntilAsleep(getpid(), waiter);
+        EXPECT_EQ(0, pthread_kill(thread.native_handle(), SIGUSR1));
+        thread.join();
         notifier.signal();
         notifier.wait();
         EXPECT_EQ(0, countBytes());

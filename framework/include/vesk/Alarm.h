@@ -135,7 +135,7 @@ public:
     /// @param engine  an `Alarm::Timer*`
     static void ring(void* engine);
 
-    /// Whether another thread is inside `ring` and runs callbacks. Does not block.
+    /// Whether there are callbacks for which `add` and `remove` would wait.
     bool isCallingBack() const noexcept;
 
     /// Waits for the callbacks for which `add` and `remove` wait.

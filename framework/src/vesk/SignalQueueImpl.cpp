@@ -89,9 +89,7 @@ SignalQueueImpl::NotifierImpl::NotifierImpl() = default;
 SignalQueueImpl::NotifierImpl::~NotifierImpl() = default;
 
 void SignalQueueImpl::NotifierImpl::wait() {
-    struct pollfd row {
-        self_pipe.getReadEnd(), POLLIN, 0
-    };
+    pollfd row = {self_pipe.getReadEnd(), POLLIN, 0};
     int ready = poll(&row, 1, -1);
     if (ready < 0) {
         // As a rule the handler that has interrupted it has written a byte. If not, reading would wait for one where no

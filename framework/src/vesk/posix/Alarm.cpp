@@ -229,7 +229,11 @@ void Alarm::Timer::remove(Alarm* alarm) {
 }
 
 bool Alarm::Timer::isCallingBack() const noexcept {
-    return isOfOtherThread();
+    if (!isOfOtherThread()) {
+        return false;
+    }
+    RingersLock const lock;
+    return !leadsToCaller(*this);
 }
 
 void Alarm::Timer::waitForCallback() noexcept {
