@@ -7,6 +7,7 @@
 #include "support/VtableSlot.h"
 
 #include <vesk/Poller.h>
+#include <vesk/Timer.h>
 
 #include <gtest/gtest.h>
 
@@ -848,6 +849,48 @@ TEST_F(PollerTest, anExceptionOfACallPassesOutAndItCanBePolledAgain) {
     EXPECT_THROW(m_poller.poll(), std::runtime_error);
     m_client.on_read = nullptr;
     EXPECT_EQ(Log{"a read"}, cycle());
+}
+
+// ---- Signals ----
+
+TEST(PollerSignals, thatAreOffDoNotInterruptACycleAndTimersRingOnTheirThread) {
+    support::ChildEnd const end = support::runInChild([] {
+        constexpr int CALLS = 100;
+        static std::atomic<int> calls{0};
+        static Poller poller;
+        vesk::Timer timer(
+            [](vesk::Timer*) {
+                if (++calls == CALLS) {
+                    poller.stop();
+                }
+            },
+            false);
+        Poller::SignalsOff const signals_off;
+        timer.start(1, true);
+        while (!poller.poll()) {}
+        timer.stop();
+        EXPECT_LE(CALLS, calls);
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+}
+
+TEST(PollerSignals, areBlockedInAScopeAllButThoseOfFaults) {
+    sigset_t before;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    sigset_t inside;
+    {
+        Poller::SignalsOff const signals_off;
+        pthread_sigmask(SIG_SETMASK, nullptr, &inside);
+    }
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    for (int const signal : {SIGINT, SIGTERM, SIGCHLD, SIGUSR1, SIGRTMIN + 2, SIGRTMIN + 3, SIGRTMAX}) {
+        EXPECT_EQ(1, sigismember(&inside, signal)) << signal;
+        EXPECT_EQ(sigismember(&before, signal), sigismember(&after, signal)) << signal;
+    }
+    for (int const signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) {
+        EXPECT_EQ(0, sigismember(&inside, signal)) << signal;
+    }
 }
 
 // ---- The pipe ----

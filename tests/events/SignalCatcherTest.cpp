@@ -7,16 +7,20 @@
 
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
+#include <vesk/Timer.h>
 
 #include <tarncommon/error/ErrorStorage.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -24,6 +28,7 @@
 #include <pthread.h>
 #include <stdexcept>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 #include <type_traits>
 #include <unistd.h>
@@ -632,26 +637,42 @@ TEST_F(SignalCatcherTest, WithASecondOneForItsSignalIsAnAssertionAndGoesOn) {
     EXPECT_EQ(&SignalCatcher::enqueue_signal, getAction(SIGUSR1).sa_handler);
 }
 
-TEST_F(SignalCatcherTest, WithASecondOneOnAnotherQueueIsAnAssertionAndBothSignOff) {
+/// Two catchers of one signal on different queues, and which of them ends first.
+class SignalCatcherSecondQueueTest : public SignalCatcherTest, public testing::WithParamInterface<bool> {};
+
+TEST_P(SignalCatcherSecondQueueTest, IsAnAssertionAndEachEndTakesBackOnlyItsOwn) {
+    ActionGuard const guard(SIGUSR1, SIG_IGN);
     CountingNotifier notifier;
     SignalQueue first_queue(notifier);
     SignalQueue second_queue(notifier);
     {
         EventRecorder const events;
-        SignalCatcher const first(SIGUSR1, first_queue, CallLog::record, &log);
+        auto first = std::make_unique<SignalCatcher>(SIGUSR1, first_queue, CallLog::record, &log);
         EXPECT_EQ("", events.getText());
-        SignalCatcher const second(SIGUSR1, second_queue, CallLog::record, &log);
+        auto second = std::make_unique<SignalCatcher>(SIGUSR1, second_queue, CallLog::record, &log);
         EXPECT_EQ(OLD_HANDLER, events.getText());
         raise(SIGUSR1);
         EXPECT_EQ(0, popAll(first_queue));
         EXPECT_EQ(1, popAll(second_queue));
+        bool const first_ends_first = GetParam();
+        (first_ends_first ? first : second).reset();
+        EXPECT_EQ(&SignalCatcher::enqueue_signal, getAction(SIGUSR1).sa_handler);
+        raise(SIGUSR1);
+        EXPECT_EQ(first_ends_first ? 0 : 1, popAll(first_queue));
+        EXPECT_EQ(first_ends_first ? 1 : 0, popAll(second_queue));
+        (first_ends_first ? second : first).reset();
+        EXPECT_EQ(OLD_HANDLER, events.getText());
     }
-    EXPECT_EQ(SIG_DFL, getAction(SIGUSR1).sa_handler);
+    EXPECT_EQ(SIG_IGN, getAction(SIGUSR1).sa_handler);
     EventRecorder const events;
     EXPECT_FALSE(first_queue.sign_on(SIGUSR1, CallLog::record, &log));
     EXPECT_FALSE(second_queue.sign_on(SIGUSR1, CallLog::record, &log));
     EXPECT_EQ("", events.getText());
 }
+
+INSTANTIATE_TEST_SUITE_P(All, SignalCatcherSecondQueueTest, testing::Bool(), [](auto const& row) {
+    return row.param ? "TheFirstEndsFirst" : "TheSecondEndsFirst";
+});
 
 TEST_F(SignalCatcherTest, WhoseSelfPipeIsBrokenEndsTheProcessWithItsSignal) {
     ChildEnd const end = runInChild([this] {
@@ -880,6 +901,63 @@ TEST_F(SignalCatcherTest, MayBeMadeAndDestroyedByACallback) {
     EXPECT_TRUE(log.waitFor(3));
     EXPECT_EQ((Signals{SIGUSR1, SIGUSR2, SIGUSR1}), log.getSignals());
     EXPECT_EQ(SIG_DFL, getAction(SIGUSR2).sa_handler);
+}
+
+TEST_F(SignalCatcherTest, MayBeMadeByACallbackWhileAnotherThreadDestroysTheLastOne) {
+    ChildEnd const end = runInChild([this] {
+        struct Client {
+            CallLog& log;
+            std::atomic<bool> entered{false};
+            std::atomic<pid_t> destroyer{0};
+            std::unique_ptr<SignalCatcher> next;
+        } client{log, {false}, {0}, nullptr};
+        auto last = std::make_unique<SignalCatcher>(
+            SIGUSR1,
+            [](int, void* data) {
+                auto& self = *static_cast<Client*>(data);
+                self.entered = true;
+                EXPECT_TRUE(waitUntil([&] { return self.destroyer != 0; }));
+                support::waitUntilAsleep(getpid(), self.destroyer);
+                self.next = std::make_unique<SignalCatcher>(SIGUSR2, CallLog::record, &self.log);
+            },
+            &client);
+        kill(getpid(), SIGUSR1);
+        EXPECT_TRUE(waitUntil([&] { return client.entered.load(); }));
+        client.destroyer = getThreadId();
+        last.reset();
+        ASSERT_NE(nullptr, client.next) << "the last one waits for the callback";
+        kill(getpid(), SIGUSR2);
+        EXPECT_TRUE(log.waitFor(1));
+        client.next.reset();
+        EXPECT_TRUE(waitUntil([] { return countThreads() == 1; }));
+    });
+    EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
+}
+
+TEST_F(SignalCatcherTest, WorksLikeATimerWithMoreDescriptorsThanASetCanHold) {
+    ChildEnd const end = runInChild([this] {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = 2048;
+        limit.rlim_max = std::max(limit.rlim_max, limit.rlim_cur);
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+            printf("no descriptors");
+            return;
+        }
+        while (open("/dev/null", O_RDONLY | O_CLOEXEC) < 1500) {}
+        SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
+        EXPECT_LT(1500, s_pipe[0]);
+        kill(getpid(), SIGUSR1);
+        EXPECT_TRUE(log.waitFor(1));
+        static std::atomic<int> rung{0};
+        vesk::Timer timer([](vesk::Timer*) { ++rung; }, false);
+        EXPECT_FALSE(timer.start(1, true));
+        EXPECT_TRUE(waitUntil([] { return rung >= 3; }));
+    });
+    if (end.output == "no descriptors") {
+        GTEST_SKIP() << "the limit of descriptors cannot be raised";
+    }
+    EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 
 TEST_F(SignalCatcherTest, CallsBackForEverySignalThatCanBeCaught) {

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <ostream>
+#include <poll.h>
 #include <pthread.h>
 #include <string>
 #include <sys/ioctl.h>
@@ -37,13 +38,12 @@ namespace {
 int s_pipe[2] = {-1, -1};
 // The descriptors that were closed while it was on.
 std::vector<int>* s_closed = nullptr;
-// What select was called with.
-struct Select {
-    int highest;
-    bool only_reads;
-    bool no_limit;
+// What poll was called with.
+struct Poll {
+    std::vector<pollfd> rows;
+    int limit;
 };
-std::vector<Select>* s_selects = nullptr;
+std::vector<Poll>* s_polls = nullptr;
 } // namespace
 
 support::Injected inject_pipe("pipe");
@@ -86,21 +86,17 @@ extern "C" VESK_UNWATCHED int fcntl(int fd, int command, ...) {
     return reinterpret_cast<int (*)(int, int, ...)>(inject_fcntl.getReal())(fd, command, argument);
 }
 
-support::Injected inject_select("select");
-extern "C" VESK_UNWATCHED int
-select(int highest, fd_set* reads, fd_set* writes, fd_set* others, timeval* limit) {
-    if (s_selects != nullptr) {
-        s_selects->push_back(
-            {highest, reads != nullptr && writes == nullptr && others == nullptr, limit == nullptr});
+support::Injected inject_poll("poll");
+extern "C" VESK_UNWATCHED int poll(pollfd* rows, nfds_t count, int limit) {
+    if (s_polls != nullptr) {
+        s_polls->push_back({{rows, rows + count}, limit});
     }
     int error = 0;
-    if (inject_select.fails(error)) {
-        // As the system does, the sets are left as they are.
+    if (inject_poll.fails(error)) {
         errno = error;
         return -1;
     }
-    using Function = int (*)(int, fd_set*, fd_set*, fd_set*, timeval*);
-    return reinterpret_cast<Function>(inject_select.getReal())(highest, reads, writes, others, limit);
+    return reinterpret_cast<int (*)(pollfd*, nfds_t, int)>(inject_poll.getReal())(rows, count, limit);
 }
 
 namespace {
@@ -309,19 +305,53 @@ bool occupyDescriptorsBelow(int free) {
     return fd == free - 1;
 }
 
-TEST(SelfPipeTest, WorksWithTheHighestDescriptorOfASet) {
+/// The number of the read end, and what a set does with it.
+struct HighNumber {
+    int read_end;
+    char const* events_of_set;
+};
+void PrintTo(HighNumber const& row, std::ostream* out) {
+    *out << row.read_end;
+}
+
+class SelfPipeHighNumberTest : public testing::TestWithParam<HighNumber> {};
+
+TEST_P(SelfPipeHighNumberTest, IsWaitedForAndASetTouchesNoMemoryBeyondItsEnd) {
     ChildEnd const end = runInChild([] {
-        if (!occupyDescriptorsBelow(FD_SETSIZE - 1)) {
+        if (!occupyDescriptorsBelow(GetParam().read_end)) {
             printf("no descriptors");
             return;
         }
         EventRecorder const events;
         Notifier notifier;
-        EXPECT_EQ(FD_SETSIZE - 1, s_pipe[0]);
+        EXPECT_EQ(GetParam().read_end, s_pipe[0]);
         notifier.signal();
         notifier.wait();
         EXPECT_EQ(0, countBytes());
+
+        // Another one in the same place.
+        close(s_pipe[0]);
+        close(s_pipe[1]);
+        SelfPipe const self_pipe;
+        EXPECT_EQ(GetParam().read_end, self_pipe.getReadEnd());
         EXPECT_EQ("", events.getText());
+        struct {
+            fd_set set;
+            fd_set beyond;
+        } memory{};
+        int highest = 0;
+        self_pipe.set(&memory.set, highest);
+        bool const fits = GetParam().read_end < FD_SETSIZE;
+        EXPECT_EQ(fits, self_pipe.is_set(&memory.set));
+        EXPECT_EQ(fits ? GetParam().read_end + 1 : 0, highest);
+        EXPECT_EQ(GetParam().events_of_set, events.getText());
+        decltype(memory) untouched{};
+        if (fits) {
+            FD_SET(GetParam().read_end, &untouched.set);
+        }
+        EXPECT_EQ(0, memcmp(&untouched, &memory, sizeof memory));
+        fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : 0); // The notifier's descriptors are not its own any more.
     });
     if (end.output == "no descriptors") {
         GTEST_SKIP() << "the limit of descriptors cannot be raised";
@@ -329,36 +359,13 @@ TEST(SelfPipeTest, WorksWithTheHighestDescriptorOfASet) {
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-TEST(SelfPipeTest, ThatNoSetCanHoldIsAnAssertionAndTouchesNoMemory) {
-    ChildEnd const end = runInChild([] {
-        if (!occupyDescriptorsBelow(FD_SETSIZE)) {
-            printf("no descriptors");
-            return;
-        }
-        struct {
-            fd_set set;
-            fd_set beyond;
-        } memory{};
-        int highest = 0;
-        EventRecorder const events;
-        SelfPipe const self_pipe;
-        EXPECT_EQ(
-            "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: result==0: couldn't create self-pipe",
-            events.getText());
-        EXPECT_EQ(FD_SETSIZE, s_pipe[0]);
-        self_pipe.set(&memory.set, highest);
-        EXPECT_FALSE(self_pipe.is_set(&memory.set));
-        EXPECT_EQ(0, highest);
-        decltype(memory) const untouched{};
-        EXPECT_EQ(0, memcmp(&untouched, &memory, sizeof memory));
-        EXPECT_EQ(-1, fcntl(s_pipe[0], F_GETFD, 0L));
-        EXPECT_EQ(-1, fcntl(s_pipe[1], F_GETFD, 0L));
-    });
-    if (end.output == "no descriptors") {
-        GTEST_SKIP() << "the limit of descriptors cannot be raised";
-    }
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, SelfPipeHighNumberTest,
+    testing::Values(
+        HighNumber{FD_SETSIZE - 1, ""},
+        HighNumber{FD_SETSIZE, "ASSERT framework/src/vesk/SignalQueueImpl-posix set: read_end<FD_SETSIZE"},
+        HighNumber{1500, "ASSERT framework/src/vesk/SignalQueueImpl-posix set: read_end<FD_SETSIZE"}),
+    [](auto const& row) { return std::to_string(row.param.read_end); });
 
 // ---- the notifier ----
 
@@ -388,14 +395,15 @@ TEST(SignalNotifierTest, TakesExactlyOneByteInEachWait) {
 TEST(SignalNotifierTest, WaitsForAByteOfThePipeAloneAndWithoutALimit) {
     Notifier notifier;
     notifier.signal();
-    std::vector<Select> selects;
-    s_selects = &selects;
+    std::vector<Poll> polls;
+    s_polls = &polls;
     notifier.wait();
-    s_selects = nullptr;
-    ASSERT_EQ(1u, selects.size());
-    EXPECT_EQ(s_pipe[0] + 1, selects[0].highest);
-    EXPECT_TRUE(selects[0].only_reads);
-    EXPECT_TRUE(selects[0].no_limit);
+    s_polls = nullptr;
+    ASSERT_EQ(1u, polls.size());
+    ASSERT_EQ(1u, polls[0].rows.size());
+    EXPECT_EQ(s_pipe[0], polls[0].rows[0].fd);
+    EXPECT_EQ(POLLIN, polls[0].rows[0].events);
+    EXPECT_EQ(-1, polls[0].limit);
 }
 
 TEST(SignalNotifierTest, SleepsUntilItIsSignalled) {
@@ -416,14 +424,35 @@ TEST(SignalNotifierTest, SleepsUntilItIsSignalled) {
     EXPECT_EQ(0, countBytes());
 }
 
-TEST(SignalNotifierTest, TakesItsByteAfterASelectThatWasInterrupted) {
+TEST(SignalNotifierTest, TakesItsByteAfterAWaitThatWasInterrupted) {
     Notifier notifier;
     notifier.signal();
     notifier.signal();
-    Fault const fault(inject_select, EINTR);
+    Fault const fault(inject_poll, EINTR);
     notifier.wait();
     EXPECT_EQ(1, countBytes());
-    EXPECT_EQ(1, fault.getCalls());
+}
+
+TEST(SignalNotifierTest, ReturnsFromAWaitThatWasInterruptedWithNothingInThePipe) {
+    ChildEnd const end = runInChild([] {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        EXPECT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
+        Notifier notifier;
+        std::atomic<pid_t> waiter{0};
+        std::thread thread([&] {
+            waiter = support::getThreadId();
+            notifier.wait();
+        });
+        EXPECT_TRUE(waitUntil([&] { return waiter != 0; }));
+        support::waitUntilAsleep(getpid(), waiter);
+        EXPECT_EQ(0, pthread_kill(thread.native_handle(), SIGUSR1));
+        thread.join();
+        notifier.signal();
+        notifier.wait();
+        EXPECT_EQ(0, countBytes());
+    });
+    EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 
 TEST(SignalNotifierTest, AllocatesNothingAndTakesNoLock) {

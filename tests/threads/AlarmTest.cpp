@@ -1,8 +1,10 @@
 #include "SignalsToMainThread.h"
 #include "ThreadSupport.h"
 #include "support/Chain.h"
+#include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/Processes.h"
 
 #include <vesk/Alarm.h>
 #include <vesk/Dispatcher.h>
@@ -420,6 +422,43 @@ TEST(DefaultTimer, catchesTheThirdRealTimeSignalAndGivesItBack) {
     }
     sigaction(SIGRTMIN + 3, nullptr, &action);
     EXPECT_EQ(SIG_DFL, action.sa_handler);
+}
+
+/// Destroys itself in its callback, waits until the thread that destroys the last alarm sleeps, and makes a successor.
+struct Phoenix {
+    static void rise(void* data) {
+        Phoenix& self = *static_cast<Phoenix*>(data);
+        self.alarm->stop();
+        self.alarm.reset();
+        self.entered.set();
+        EXPECT_TRUE(eventually([&] { return self.destroyer != 0; }));
+        support::waitUntilAsleep(getpid(), self.destroyer);
+        self.alarm =
+            std::make_unique<Alarm>(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, Call::made, &self.call);
+        self.alarm->start(AT_ONCE);
+    }
+
+    Event entered;
+    std::atomic<pid_t> destroyer{0};
+    Call call;
+    std::unique_ptr<Alarm> alarm =
+        std::make_unique<Alarm>(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, rise, this);
+};
+
+TEST(DefaultTimer, staysForAnAlarmThatACallbackMakesWhileTheLastOneIsDestroyed) {
+    auto const end = support::runInChild([] {
+        Phoenix phoenix;
+        auto last = std::make_unique<Alarm>(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, Call::made, nullptr);
+        phoenix.alarm->start(AT_ONCE);
+        ASSERT_TRUE(phoenix.entered.wait());
+        phoenix.destroyer = support::getThreadId();
+        last.reset();
+        EXPECT_TRUE(eventually([&] { return phoenix.call.count == 1; }));
+        phoenix.alarm->stop();
+        phoenix.alarm.reset();
+        EXPECT_TRUE(support::hasThreads(1));
+    });
+    EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 
 // ---- A lock that fails ----

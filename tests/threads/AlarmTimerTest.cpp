@@ -5,6 +5,7 @@
 #include "support/Chain.h"
 #include "support/Child.h"
 #include "support/NewFault.h"
+#include "support/Processes.h"
 
 #include <vesk/Alarm.h>
 #include <vesk/Dispatcher.h>
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -431,6 +433,96 @@ TEST_F(AlarmTimer, aCallbackMayRingItsEngine) {
     add(m_b, 100);
     EXPECT_EQ((Rung{&m_a, &m_b}), ringAt(100));
     EXPECT_EQ(Rung{&m_c}, ringAt(100));
+}
+
+/// Two engines whose callbacks call each other's engine: one that waits already, and then one of this thread.
+class AlarmTimerOfTwo : public AlarmTimer {
+protected:
+    /// Rings the other engine in another thread. The callback of `m_other_first` waits there for this thread's engine.
+    void ringOtherEngine() {
+        m_other_first.action = [this] { remove(m_c); };
+        m_thread = std::thread([this] {
+            for (Bell* const bell : {&m_other_first, &m_other_second}) {
+                m_other.add(&bell->alarm, Duration(0)); // Here, since the clock is not faked here.
+            }
+            m_id = support::getThreadId();
+            Engine::ring(&m_other);
+        });
+        EXPECT_TRUE(support::eventually([this] { return m_id != 0; }));
+        support::waitUntilAsleep(getpid(), m_id);
+    }
+
+    /// What the engine of this thread rings, with a callback that makes a call while the other engine waits for it.
+    void ringWith(std::function<void()> const& call) {
+        m_a.action = [this, call] {
+            ringOtherEngine();
+            call();
+            EXPECT_EQ(Rung{&m_other_first}, m_other_rung) << "the other callback goes on afterwards";
+        };
+        add(m_a, 100);
+        EXPECT_EQ(Rung{&m_a}, ringAt(100));
+        m_thread.join();
+    }
+
+    Engine m_other{SIGNAL + 1, "Other", vesk::sched::Attr()};
+    Rung m_other_rung;
+    Bell m_other_first{m_other, m_other_rung};
+    Bell m_other_second{m_other, m_other_rung};
+    std::thread m_thread;
+    std::atomic<pid_t> m_id{0};
+};
+
+TEST_F(AlarmTimerOfTwo, aCallForWhichTheOtherCallbackWaitsDoesNotWaitForIt) {
+    Bell later(m_other, m_other_rung);
+    ringWith([&] { m_other.add(&later.alarm, Duration(50)); });
+    EXPECT_EQ((Rung{&m_other_first, &m_other_second}), m_other_rung);
+    setTime(150);
+    Engine::ring(&m_other);
+    EXPECT_EQ((Rung{&m_other_first, &m_other_second, &later}), m_other_rung);
+}
+
+TEST_F(AlarmTimerOfTwo, anAlarmThatIsDueThereAndRemovedDoesNotRing) {
+    ringWith([this] { m_other.remove(&m_other_second.alarm); });
+    EXPECT_EQ(Rung{&m_other_first}, m_other_rung);
+}
+
+TEST_F(AlarmTimerOfTwo, theAlarmWhoseCallbackWaitsDoesNotRingAgain) {
+    ringWith([this] {
+        m_other.add(&m_other_first.alarm, Duration(0));
+        m_other.remove(&m_other_first.alarm);
+    });
+    EXPECT_EQ((Rung{&m_other_first, &m_other_second}), m_other_rung);
+    Engine::ring(&m_other);
+    EXPECT_EQ((Rung{&m_other_first, &m_other_second}), m_other_rung);
+}
+
+TEST_F(AlarmTimerOfTwo, aRingForWhichTheOtherCallbackWaitsLeavesItToThatOne) {
+    ringWith([this] { Engine::ring(&m_other); });
+    EXPECT_EQ((Rung{&m_other_first, &m_other_second}), m_other_rung);
+}
+
+TEST_F(AlarmTimerOfTwo, aThirdEngineMayStandBetweenThem) {
+    Engine third(SIGNAL + 2, "Third", vesk::sched::Attr());
+    Rung third_rung;
+    Bell bell(third, third_rung);
+    std::atomic<pid_t> id{0};
+    std::thread thread;
+    bell.action = [this] {
+        m_other.remove(&m_other_second.alarm);
+    }; // Waits for the other, that for the first.
+    ringWith([&] {
+        thread = std::thread([&] {
+            third.add(&bell.alarm, Duration(0));
+            id = support::getThreadId();
+            Engine::ring(&third);
+        });
+        EXPECT_TRUE(support::eventually([&] { return id != 0; }));
+        support::waitUntilAsleep(getpid(), id);
+        third.remove(&bell.alarm);
+    });
+    thread.join();
+    EXPECT_EQ((Rung{&m_other_first, &m_other_second}), m_other_rung);
+    EXPECT_EQ(Rung{&bell}, third_rung);
 }
 
 /// Counts what is pushed, and keeps it.

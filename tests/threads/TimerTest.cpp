@@ -2,6 +2,7 @@
 #include "ThreadSupport.h"
 #include "support/Chain.h"
 #include "support/Child.h"
+#include "support/Processes.h"
 
 #include <vesk/SysError.h>
 #include <vesk/Thread.h>
@@ -14,11 +15,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <pthread.h>
 #include <string>
 #include <sys/resource.h>
@@ -396,6 +400,108 @@ TEST(Timer, aSlowCallbackHoldsUpItsPriorityAndNotTheOther) {
     EXPECT_EQ(before, low.count);
     leave.set();
     EXPECT_TRUE(low.waitFor(before + 1));
+}
+
+/// A call that needs the engine while a callback runs, made by several threads at once.
+struct WaitingCall {
+    char const* name;
+    size_t threads;
+    void (*call)(std::unique_ptr<Clock>& own);
+};
+
+void PrintTo(WaitingCall const& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class TimerOfBusyEngine : public testing::TestWithParam<WaitingCall> {};
+
+TEST_P(TimerOfBusyEngine, isServedBeforeTheEngineGoesOn) {
+    size_t const count = GetParam().threads;
+    std::vector<std::atomic<pid_t>> ids(count);
+    std::vector<int> most_begun(count);
+    std::atomic<int> begun{0};
+    Event everyone;
+    // Each callback outlasts the interval, and ends when all threads wait for it.
+    Clock busy(false, [&](Clock&) {
+        ++begun;
+        EXPECT_TRUE(everyone.wait());
+        for (pid_t const id : ids) {
+            support::waitUntilAsleep(getpid(), id);
+        }
+        timespec const longer_than_the_interval{0, 3000000};
+        nanosleep(&longer_than_the_interval, nullptr);
+    });
+    ids[0] = support::getThreadId();
+    EXPECT_FALSE(busy.start(1, true));
+    auto const callAgainAndAgain = [&](size_t i) {
+        ids[i] = support::getThreadId();
+        auto own = std::make_unique<Clock>();
+        int after = 0;
+        for (int round = 0; round < 30; ++round) {
+            while (begun == after) {
+                sched_yield(); // A thread that sleeps is taken for one that waits for the engine.
+            }
+            int const before = begun;
+            GetParam().call(own);
+            after = begun;
+            most_begun[i] = std::max(most_begun[i], after - before);
+            if (own == nullptr) {
+                own = std::make_unique<Clock>();
+            }
+        }
+    };
+    std::vector<std::thread> threads;
+    for (size_t i = 1; i < count; ++i) {
+        threads.emplace_back(callAgainAndAgain, i);
+        EXPECT_TRUE(eventually([&] { return ids[i] != 0; }));
+    }
+    everyone.set();
+    // The main thread handles the engine's signal, which takes it away from the lock for which it waits.
+    callAgainAndAgain(0);
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    int const before = begun;
+    busy.stop();
+    EXPECT_GE(1, begun - before);
+    // One callback may begin before the call has come to the engine.
+    EXPECT_GE(1, *std::max_element(most_begun.begin(), most_begun.end()));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, TimerOfBusyEngine,
+    testing::Values(
+        WaitingCall{"stop", 1, [](std::unique_ptr<Clock>& own) { own->stop(); }},
+        WaitingCall{"start", 1, [](std::unique_ptr<Clock>& own) { own->start(AN_HOUR, true); }},
+        WaitingCall{"destroy", 1, [](std::unique_ptr<Clock>& own) { own.reset(); }},
+        WaitingCall{"snoozeOfMany", 6, [](std::unique_ptr<Clock>& own) { own->snooze(); }}),
+    [](auto const& row) { return std::string(row.param.name); });
+
+TEST(Timer, callbacksOfBothPrioritiesMayStopAndStartEachOthersTimers) {
+    auto const end = support::runInChild([] {
+        Clock* clocks[2] = {};
+        Event entered[2];
+        auto const stopOther = [&](Clock& self) {
+            size_t const own = &self == clocks[0] ? 0 : 1;
+            entered[own].set();
+            if (self.count == 0) {
+                EXPECT_TRUE(entered[1 - own].wait());
+            }
+            EXPECT_FALSE(clocks[1 - own]->stop());
+            EXPECT_FALSE(clocks[1 - own]->start(1, true));
+        };
+        Clock low(false, stopOther);
+        Clock high(true, stopOther);
+        clocks[0] = &low;
+        clocks[1] = &high;
+        EXPECT_FALSE(low.start(1, true));
+        EXPECT_FALSE(high.start(1, true));
+        EXPECT_TRUE(low.waitFor(300));
+        EXPECT_TRUE(high.waitFor(300));
+        low.stop();
+        high.stop();
+    });
+    EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 
 TEST(Timer, procedureIsTheCallOfTheEngine) {

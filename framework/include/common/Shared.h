@@ -8,6 +8,8 @@
 
 #include <atomic>
 #include <new>
+#include <type_traits>
+#include <utility>
 
 namespace std {
 
@@ -33,11 +35,37 @@ protected:
     virtual void build() = 0;
     virtual void destroy() = 0;
 
+    /// For `destroy`: waits until no thread of the object runs a callback, with the lock released and the object kept,
+    /// so that these callbacks may take references.
+    /// @return true if they have left one, so that the object is to stay
+    template <typename T>
+    bool isTakenInCallback(T& object);
+
     std::atomic<unsigned int> refcount;
 
 private:
+    static constexpr char const* SOURCE = "framework/include/common/Shared";
+
     threadsafe::MutexImpl m_lock;
 };
+
+template <typename T>
+bool SharedBase::isTakenInCallback(T& object) {
+    while (object.isCallingBack()) {
+        refcount.store(1);
+        if (m_lock.unlock()) {
+            GlobalErrorHandler::doAbort(SOURCE, __LINE__, "~PtrBase", "error unlocking");
+        }
+        object.waitForCallback();
+        if (m_lock.lock()) {
+            GlobalErrorHandler::doAbort(SOURCE, __LINE__, "~PtrBase", "error locking");
+        }
+        if (refcount.fetch_sub(1) != 1) {
+            return true;
+        }
+    }
+    return false;
+}
 
 class SharedBase::PtrBase {
 public:
@@ -84,8 +112,6 @@ protected:
     }
 
 private:
-    static constexpr char const* SOURCE = "framework/include/common/Shared";
-
     /// Takes the count back if the object's constructor throws, so that the next reference tries again.
     class FirstReference {
     public:
@@ -158,6 +184,11 @@ private:
 /// made or ended from within the constructor or destructor of the same object. A lock that fails goes to
 /// `GlobalErrorHandler::doAbort` with "error locking" or "error unlocking".
 ///
+/// An object whose destructor joins a thread deadlocks with a callback on that thread which wants a reference. A class can
+/// avoid that with two operations: `isCallingBack()` tells whether a thread of the object, other than the calling one,
+/// runs a callback, and `waitForCallback()` waits for its end. The end of the last reference then waits for the callback
+/// without the holder's lock, and leaves the object as it is if the callback has taken a reference.
+///
 /// A holder has a lock that is made at run time, so a global one exists from the moment that the initialisers of its own
 /// source file reach it: initialisers further down in that file may use it, and so may all of another library or a program
 /// that links the one which defines it. Initialisers of other source files of the same library may come too early for it.
@@ -173,9 +204,24 @@ public:
 
 protected:
     void build() override { new (m_storage) T(); }
-    void destroy() override { launder(getObject())->~T(); }
+    void destroy() override {
+        T& object = *launder(getObject());
+        if constexpr (CallsBack<T>::value) {
+            if (isTakenInCallback(object)) {
+                return;
+            }
+        }
+        object.~T();
+    }
 
 private:
+    template <typename U, typename = void>
+    struct CallsBack : false_type {};
+    template <typename U>
+    struct CallsBack<
+        U, void_t<decltype(declval<U&>().isCallingBack()), decltype(declval<U&>().waitForCallback())>>
+        : true_type {};
+
     alignas(T) unsigned char m_storage[sizeof(T)];
 };
 

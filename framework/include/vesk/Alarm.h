@@ -10,9 +10,11 @@
 #include <tarncommon/tarnbase/Duration.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
 #include <tarncommon/tarnbase/TimePoint.h>
+#include <tarncommon/threadsafe/ConditionImpl.h>
 #include <tarncommon/threadsafe/MutexImpl.h>
 
 #include <atomic>
+#include <cstddef>
 #include <ctime>
 #include <memory>
 #include <vector>
@@ -21,7 +23,8 @@ namespace vesk {
 
 namespace detail {
 class AlarmTable;
-}
+struct AlarmRinger;
+} // namespace detail
 
 /// One pending timeout. Any number of them share an engine, that is one timer of the kernel and one thread.
 ///
@@ -78,10 +81,16 @@ private:
 /// The kernel's timer is armed for the earliest alarm. It raises the signal, whose handler runs in any thread that does
 /// not block it and wakes the engine's thread. The signal must be free, and must stay unblocked in at least one thread.
 ///
-/// `add` and `remove` may be called from any thread, and by callbacks of the engine itself. The engine's lock is held
-/// while a callback runs that has no sink. So callbacks of one engine run one after the other, a slow one delays all
+/// `add` and `remove` may be called from any thread, and by callbacks of this and of other engines. The engine's lock is
+/// held while a callback runs that has no sink. So callbacks of one engine run one after the other, a slow one delays all
 /// alarms and blocks `add` and `remove`, and removing an alarm while holding a lock that its callback takes is a
 /// deadlock. A callback that throws ends the process.
+///
+/// A call that waits for the lock is served before the next `ring`, however soon that follows the one under way.
+///
+/// Callbacks of several engines may call `add` and `remove` of each other's engines. Where each of these calls would wait
+/// for a callback that itself waits in such a call, the last one is carried out at once instead. The callbacks for which
+/// it does not wait go on after the one that made it has returned.
 ///
 /// An engine reports nothing of its own. A thread that cannot be had leaves the error of `Thread` pending; without it, or
 /// without a timer from the kernel, the engine never rings by itself. An internal lock that fails goes to
@@ -111,10 +120,11 @@ public:
     ///               `tarnbase::TimePoint::MAX` counts as never.
     void add(Alarm* alarm, tarnbase::Duration const& delay);
 
-    /// Takes an alarm out; one that is not pending is ignored. When it returns, no callback of the alarm is running,
-    /// but for the one that makes this call, and the engine will not begin another. What it has pushed to a sink
-    /// before still runs, and a callback cannot take back another alarm that has become due at the same moment. Waits
-    /// while a callback runs in another thread.
+    /// Takes an alarm out; one that is not pending is ignored. When it returns, the engine will not begin another
+    /// callback of the alarm. None is running, but for the one that makes this call, or one that is inside a call of its
+    /// own that waits for the caller. What the engine has pushed to a sink before still runs, and a callback cannot take
+    /// back another alarm of its own engine that has become due at the same moment. Waits while a callback runs in
+    /// another thread.
     void remove(Alarm* alarm);
 
     /// The routine that the engine's thread runs with each signal: delivers all alarms whose time has come, in the
@@ -125,23 +135,43 @@ public:
     /// @param engine  an `Alarm::Timer*`
     static void ring(void* engine);
 
+    /// Whether there are callbacks for which `add` and `remove` would wait.
+    bool isCallingBack() const noexcept;
+
+    /// Waits for the callbacks for which `add` and `remove` wait.
+    void waitForCallback() noexcept;
+
 private:
-    class ArmedAtEnd;
+    class Access;
+    class Ring;
+    class Waiting;
 
     template <typename Scheduling>
     Timer(Scheduling const& scheduling, int signal, char const* thread_name);
 
     static void caught(int signal, void* engine);
 
+    bool isOfOtherThread() const noexcept;
+    static bool leadsToCaller(Timer const& engine) noexcept;
+    void waitForRing(char const* function) noexcept;
+    bool waitForCalls(char const* function) noexcept;
+    void wakeNext() noexcept;
     void dropSignals() noexcept;
     void armTimer(tarnbase::Duration delay) noexcept;
     void armForNext(tarnbase::TimePoint now) noexcept;
-    void takeDue(tarnbase::TimePoint now, std::vector<Alarm*>& due);
+    void takeDue(tarnbase::TimePoint now, std::vector<Alarm const*>& due);
 
     // All that `ring` needs stands before its thread starts, in case that the signal comes from elsewhere.
     void (*m_handler)(void*);
     void* m_handler_data;
-    threadsafe::MutexImpl m_lock; // Recursive. Held during callbacks; guards the next two.
+    // The engine's lock consists of this mutex, which is held for a few instructions, and of the ring whose callbacks
+    // run: whoever gets the mutex in another thread waits for the end of the ring. It guards all down to the expiry.
+    threadsafe::MutexImpl m_lock;
+    threadsafe::ConditionImpl m_calls_may_go_on; // After a ring, for the calls that have come meanwhile.
+    threadsafe::ConditionImpl m_ring_may_begin;  // After these calls.
+    size_t m_waiting_calls = 0;
+    Ring* m_ring = nullptr;                              // The innermost one.
+    std::atomic<detail::AlarmRinger*> m_ringer{nullptr}; // Its thread. Changes with a second lock, see there.
     std::unique_ptr<detail::AlarmTable> m_alarms;
     tarnbase::TimePoint m_next_expiry; // The kernel's timer is armed for it or for earlier; MAX is nothing.
     std::atomic<timer_t> m_timer;

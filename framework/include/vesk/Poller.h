@@ -6,6 +6,7 @@
 #include <tarncommon/tarnbase/NonCopyable.h>
 #include <tarncommon/threadsafe/MutexImpl.h>
 
+#include <csignal>
 #include <poll.h>
 #include <vector>
 
@@ -22,6 +23,13 @@ namespace vesk {
 ///     poller.add(connection, fd);
 ///     while (!poller.poll()) {}
 ///
+/// A signal that is handled in the polling thread ends the process. In a program with a `Timer`, a `SignalCatcher` or any
+/// other handler, the thread blocks signals first:
+///
+///     vesk::Timer timer(blink, false);              // Made before: its thread is to take the signals.
+///     vesk::Poller::SignalsOff const signals_off;
+///     while (!poller.poll()) {}
+///
 /// Neither clients nor descriptors are owned; no descriptor of a client is ever closed here. `remove` a descriptor before
 /// closing it: one that is closed in the set counts as failed (`POLLNVAL`), and one whose number was given away again is
 /// somebody else's.
@@ -34,6 +42,7 @@ namespace vesk {
 class VESK_API Poller : private tarnbase::NonCopyable {
 public:
     class Client;
+    class SignalsOff;
 
     /// The poller of the process, for all that need no thread of their own. It exists while somebody holds a
     /// reference: `std::SharedBase::Ptr<vesk::Poller> const poller(vesk::Poller::DEFAULT);`
@@ -73,8 +82,9 @@ public:
     /// A descriptor that has failed gets `error` alone, and leaves the set at the start of the next cycle.
     ///
     /// A signal that is handled in this thread meanwhile ends the process, as any failure of the system's call does
-    /// ("vesk::Poller::poll: poll failed, errno=%d (%s)"): block signals in the loop's thread. Exceptions of clients, and
-    /// `std::bad_alloc`, pass through; `poll` may be called again. In a steady state it does not use the heap.
+    /// ("vesk::Poller::poll: poll failed, errno=%d (%s)"): block signals in the loop's thread, see `SignalsOff`.
+    /// Exceptions of clients, and `std::bad_alloc`, pass through; `poll` may be called again. In a steady state it does
+    /// not use the heap.
     /// @return true if it was stopped, no client being called then; false after a cycle: call again
     bool poll();
 
@@ -142,6 +152,31 @@ public:
     /// `fd` has failed: an error, the other end hung up (`POLLHUP`, even with data left to read), or it is not open.
     /// Called once; the descriptor is out of the set when the next cycle starts.
     virtual void error(int fd) = 0;
+};
+
+/// Blocks signals in the calling thread while it lives, for a thread that is inside `Poller::poll`. Signals to the process
+/// then go to its other threads. Those of the thread's own faults, as `SIGSEGV`, are left alone.
+///
+/// A thread inherits what is blocked in the thread that starts it. So what starts a thread to take signals is made before
+/// this object, or in another thread: the first `Timer` of a priority, the first `SignalCatcher` of the shared form. If all
+/// threads block a signal it stays with the kernel: timers do not ring, and `SIGTERM` does not end the process.
+class Poller::SignalsOff : private tarnbase::NonCopyable {
+public:
+    /// `pthread_sigmask`
+    SignalsOff() noexcept {
+        sigset_t signals;
+        sigfillset(&signals);
+        for (int const fault : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP}) {
+            sigdelset(&signals, fault);
+        }
+        pthread_sigmask(SIG_BLOCK, &signals, &m_before);
+    }
+
+    /// Restores what was blocked before. In the thread of the constructor.
+    ~SignalsOff() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+private:
+    sigset_t m_before;
 };
 
 } // namespace vesk

@@ -18,9 +18,10 @@ namespace vesk {
 /// kernel delivers becomes one call; waiting standard signals of the same number are merged by the kernel, real-time ones
 /// are not. Of several signals that wait for their calls the lowest number comes first.
 ///
-/// Catchers may be made and destroyed in any thread. A callback may be under way, or about to begin, when its catcher's
-/// destructor returns, unless the catcher was the last on the shared thread, which is waited for. That one must therefore
-/// not be destroyed by a callback.
+/// Catchers may be made and destroyed in any thread, and by callbacks, also while another thread destroys the last one on
+/// the shared thread. A callback may be under way, or about to begin, when its catcher's destructor returns, unless the
+/// catcher was the last on the shared thread: its destructor waits for the callback. That one must therefore not be
+/// destroyed by a callback.
 class VESK_API SignalCatcher : public SignalCatcherImpl {
 public:
     /// Has `callback` run on the thread "vesk::SignalDispatcher" of the process, which lives as long as there are such

@@ -8,6 +8,10 @@
 #include <vesk/sched.h>
 
 #include <tarncommon/tarnbase/NonCopyable.h>
+#include <tarncommon/threadsafe/ConditionImpl.h>
+#include <tarncommon/threadsafe/MutexImpl.h>
+
+#include <atomic>
 
 namespace vesk {
 
@@ -48,11 +52,42 @@ public:
     /// that are pending are not called back any more; pushing stays allowed.
     void stop();
 
+    /// Whether a callback is running on the dispatcher's thread, or may be about to begin. False in that thread itself.
+    bool isCallingBack() const noexcept;
+
+    /// Waits for the end of the callback that is running, if there is one. Not for the dispatcher's own callbacks.
+    void waitForCallback() noexcept;
+
 private:
+    /// Passes the queue's messages on to the dispatcher and knows when one of them is being carried out.
+    class Calls : public Message::Source {
+    public:
+        explicit Calls(SignalQueue& signal_queue);
+        ~Calls() override;
+
+        Message* pop_nonblock() override;
+
+        /// Tells that what was popped last has been carried out.
+        void end() noexcept;
+
+        bool isUnderWay() const noexcept { return state != State::NONE; }
+        void wait() noexcept;
+
+    private:
+        enum class State { NONE, UNDER_WAY, AWAITED };
+
+        SignalQueue& queue;
+        std::atomic<State> state{State::NONE};
+        threadsafe::MutexImpl mutex; // For the condition alone.
+        threadsafe::ConditionImpl ended;
+    };
+
+    static void main(void* signal_dispatcher);
     void start();
 
     SignalQueue::Notifier notifier;
     SignalQueue queue;
+    Calls calls;
     bool stopped = false;
     Dispatcher dispatcher;
     Thread thread;

@@ -22,10 +22,10 @@ class VESK_API SignalQueueImpl::SelfPipe : private tarnbase::NonCopyable {
 public:
     /// Makes the pipe (`pipe`, `fcntl`). Both ends are inherited by new programs.
     ///
-    /// Failures go to `std::GlobalErrorHandler::doAssert`: "result==0" with "couldn't create self-pipe", also if its
-    /// number is beyond what `select` can wait for (`FD_SETSIZE`), and there is no pipe then: waiting sleeps until a
-    /// signal interrupts it, and the first `NotifierImpl::signal` ends the process. "errno==0" with "couldn't configure
-    /// self-pipe as non-blocking": the pipe works, but a writer waits for room if it is full.
+    /// Failures go to `std::GlobalErrorHandler::doAssert`: "result==0" with "couldn't create self-pipe", and there is no
+    /// pipe then: waiting sleeps until a signal interrupts it, and the first `NotifierImpl::signal` ends the process.
+    /// "errno==0" with "couldn't configure self-pipe as non-blocking": the pipe works, but a writer waits for room if it
+    /// is full.
     SelfPipe();
 
     /// Closes the read end, then the write end.
@@ -37,12 +37,17 @@ public:
     /// `write` on the write end, with its result. A cancellation point.
     ssize_t write(void const* buffer, unsigned int length);
 
-    /// Puts the read end into a set for `select`.
+    /// Puts the read end into a set for `select`. A set holds descriptors below `FD_SETSIZE` (1024): with a higher one it
+    /// stays as it is, and `std::GlobalErrorHandler::doAssert` gets "read_end<FD_SETSIZE". `poll` has no such limit, see
+    /// `getReadEnd`.
     /// @param highest  raised to the read end's number plus 1 if it is not above it: the first argument of `select`
     void set(fd_set* set, int& highest) const;
 
-    /// Whether the read end is in a set.
+    /// Whether the read end is in a set. False if no set can hold it.
     bool is_set(fd_set const* set) const;
+
+    /// The read end, for `poll`; -1 without a pipe, which `poll` ignores. Still owned by this object.
+    int getReadEnd() const noexcept { return read_end; }
 
 private:
     bool isOpen() const noexcept { return read_end >= 0; }
@@ -61,8 +66,8 @@ public:
     /// Closes the pipe.
     ~NotifierImpl() override;
 
-    /// Waits for a byte in the pipe (`select`) and takes one, even if there are more: so each `signal` ends one wait. May
-    /// return early if a signal handler runs in the thread meanwhile. A cancellation point.
+    /// Waits for a byte in the pipe (`poll`) and takes one, even if there are more: so each `signal` ends one wait. Returns
+    /// early if a signal handler runs in the thread meanwhile and leaves nothing in the pipe. A cancellation point.
     void wait() override;
 
     /// Writes a byte; if the pipe is full, the wake-up is on its way already. Callable from any thread and from signal

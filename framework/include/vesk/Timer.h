@@ -25,9 +25,21 @@ namespace vesk {
 /// the callbacks of a thread run one after the other, and a slow one delays all timers of its thread. The first timer
 /// starts the thread, the last one ends it. Times are on the monotonic clock: setting the date changes nothing.
 ///
-/// The callback may call `start`, `stop` and `snooze` of any timer. It may destroy its own, unless that is the last
-/// one of its priority; it must not destroy another one, whose callback may be due at the same moment. An exception
-/// that leaves it ends the process.
+/// The callback may call `start`, `stop` and `snooze` of any timer, of both priorities. It may destroy its own, unless that
+/// is the last one of its priority; it must not destroy another one, whose callback may be due at the same moment. An
+/// exception that leaves it ends the process.
+///
+/// Two callbacks of different priority may stop or start each other's timers at the same time. The call that comes second
+/// does not wait then: it returns while the other callback is still inside its own call, which goes on when this callback
+/// has returned.
+///
+/// Each priority has a signal, `SIGRTMIN` plus 3 and, for the high one, plus 2. It interrupts system calls in any thread
+/// that does not block it, and ends a process one of whose threads is interrupted inside `Poller::poll`. Such a thread
+/// blocks signals, after the first timer was made:
+///
+///     vesk::Timer timer(blink, false);
+///     vesk::Poller::SignalsOff const signals_off;
+///     while (!poller.poll()) {}
 ///
 /// A timer is used by one thread at a time and by its callback. `stop` and the destructor return when no callback is
 /// running, of whichever timer of the same priority: calling them while holding a lock that a callback takes is a
@@ -71,8 +83,9 @@ public:
     /// @return true on failure, with everything as it was: `std::CommonError` 1 for an interval of 0
     bool start(unsigned int interval_ms, bool periodic);
 
-    /// Stops it; a stopped one stays so. Interval and kind stay what they were. When it returns, the callback is not
-    /// running, unless that is who calls, and will not be called.
+    /// Stops it; a stopped one stays so. Interval and kind stay what they were. When it returns, the callback will not be
+    /// called. It is not running, unless it makes this call or waits for the caller in a call of its own. Waits for the
+    /// callback that is running, however soon the next one is due.
     ///
     /// The callback of another timer of the same priority cannot take back one that is due at the same moment: it is
     /// still called, and goes on if it is periodic.

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <pthread.h>
 
 namespace vesk {
 
@@ -24,33 +25,19 @@ void fail(char const* condition, char const* function, int line = __builtin_LINE
     std::GlobalErrorHandler::doAssert(false, condition, SOURCE, line, function, nullptr);
 }
 
-/// Tells the processor that this is a loop that waits for another one.
-void relax() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__arm__) || defined(__aarch64__)
-    asm volatile("yield");
-#endif
-}
+/// Orders the catchers of a process that come and go. Handlers do not take it.
+class [[nodiscard]] CatchersLock : private tarnbase::NonCopyable {
+public:
+    CatchersLock() noexcept { pthread_mutex_lock(&s_mutex); }
+    ~CatchersLock() { pthread_mutex_unlock(&s_mutex); }
+
+private:
+    static inline pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
+};
 
 } // namespace
 
 TARN_CONSTANT_INIT SignalCatcherImpl::Row SignalCatcherImpl::info[TARN_NSIGNALS];
-
-/// Holds the lock of a row for a scope. It cannot deadlock with a handler on the same thread: while a catcher holds the
-/// lock, its handler is not installed.
-class SignalCatcherImpl::RowLock : private tarnbase::NonCopyable {
-public:
-    explicit RowLock(Row& row) noexcept : m_row(row) {
-        while (m_row.lock.exchange(1, std::memory_order_acquire) != 0) {
-            relax();
-        }
-    }
-    ~RowLock() { m_row.lock.store(0, std::memory_order_release); }
-
-private:
-    Row& m_row;
-};
 
 SignalCatcherImpl::SignalCatcherImpl(
     int signal_number, std::SharedBase::Ptr<SignalDispatcher> const& signal_dispatcher,
@@ -69,10 +56,6 @@ SignalCatcherImpl::SignalCatcherImpl(
         return;
     }
     queue = &signal_queue;
-    {
-        RowLock const lock(info[signal]);
-        info[signal].queue = queue;
-    }
     install();
     try {
         checkOldAction();
@@ -85,6 +68,11 @@ SignalCatcherImpl::SignalCatcherImpl(
 
 /// A refusal is not reported: such a catcher never fires.
 void SignalCatcherImpl::install() {
+    CatchersLock const lock;
+    Row& row = info[signal];
+    older = row.newest;
+    row.newest = this;
+    row.queue.store(queue);
     struct sigaction action {};
     action.sa_handler = enqueue_signal;
     sigfillset(&action.sa_mask);
@@ -120,33 +108,46 @@ void SignalCatcherImpl::release() {
     if (queue == nullptr) {
         return;
     }
-    uninstall();
-    withdraw();
+    if (uninstall()) {
+        fail("action.sa_handler==enqueue_signal", "~SignalCatcherImpl");
+    }
+    waitForHandlers();
     queue->sign_off(signal);
 }
 
-void SignalCatcherImpl::uninstall() {
-    if (!installed) {
-        return;
+/// Takes the signal from the handlers, and gives it to the catcher that had it before.
+/// @return whether there was a handler of somebody else
+bool SignalCatcherImpl::uninstall() {
+    CatchersLock const lock;
+    Row& row = info[signal];
+    if (row.newest == this) {
+        bool const was_replaced = putActionBack();
+        row.newest = older;
+        row.queue.store(older != nullptr ? older->queue : nullptr);
+        return was_replaced;
     }
-    struct sigaction current {};
-    if (sigaction(signal, &old_action, &current) == 0 && current.sa_handler != enqueue_signal) {
-        fail("action.sa_handler==enqueue_signal", "~SignalCatcherImpl");
+    // Both the handler and the queue are those of a newer one, which puts back what this one has found.
+    SignalCatcherImpl* newer = row.newest;
+    while (newer->older != this) {
+        newer = newer->older;
     }
+    newer->older = older;
+    if (installed && newer->old_action.sa_handler == enqueue_signal) {
+        newer->old_action = old_action;
+    }
+    return false;
 }
 
-/// Takes the queue from the handlers. Those that have it already may be in the middle of their push in other threads,
-/// and the queue may be gone as soon as this object is.
-void SignalCatcherImpl::withdraw() {
-    Row& row = info[signal];
-    {
-        RowLock const lock(row);
-        if (row.queue == queue) {
-            row.queue = nullptr;
-        }
-    }
+bool SignalCatcherImpl::putActionBack() const {
+    struct sigaction current {};
+    return installed && sigaction(signal, &old_action, &current) == 0 && current.sa_handler != enqueue_signal;
+}
+
+/// Handlers that have found the queue may be in the middle of their push in other threads, and the queue may be gone as
+/// soon as this object is.
+void SignalCatcherImpl::waitForHandlers() const {
     detail::CancellationOff const cancellation_off;
-    while (row.pushing.load(std::memory_order_acquire) != 0) {
+    while (info[signal].pushing.load() != 0) {
         nanosleep(&HANDLERS_TIME, nullptr);
     }
 }
@@ -161,22 +162,15 @@ void SignalCatcherImpl::enqueue_signal(int signal_number) {
         return;
     }
     Row& row = info[signal_number];
-    SignalQueue* receiver = nullptr;
-    {
-        RowLock const lock(row);
-        receiver = row.queue;
-        if (receiver != nullptr) {
-            row.pushing.fetch_add(1, std::memory_order_relaxed);
-        }
+    // Counted before it looks: the end of a catcher takes the queue away and looks at the count then.
+    row.pushing.fetch_add(1);
+    if (SignalQueue* const receiver = row.queue.load()) {
+        // The code that the signal interrupted may be about to look at it.
+        int const saved_errno = errno;
+        receiver->push(signal_number);
+        errno = saved_errno;
     }
-    if (receiver == nullptr) {
-        return;
-    }
-    // The code that the signal interrupted may be about to look at it.
-    int const saved_errno = errno;
-    receiver->push(signal_number);
-    errno = saved_errno;
-    row.pushing.fetch_sub(1, std::memory_order_release);
+    row.pushing.fetch_sub(1);
 }
 
 } // namespace vesk

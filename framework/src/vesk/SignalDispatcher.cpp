@@ -2,7 +2,22 @@
 
 #include "posix/CancellationOff.h"
 
+#include <vesk/common/AbortingLock.h>
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+
 namespace vesk {
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/SignalDispatcher";
+
+using InternalLock = AbortingLock<threadsafe::MutexImpl>;
+
+/// The dispatcher whose thread this is.
+TARN_CONSTANT_INIT thread_local SignalDispatcher const* t_dispatcher = nullptr;
+
+} // namespace
 
 std::Shared<SignalDispatcher> SignalDispatcher::DEFAULT;
 
@@ -11,22 +26,31 @@ SignalDispatcher::SignalDispatcher()
 
 SignalDispatcher::SignalDispatcher(char const* thread_name, sched::Attr const& attributes)
     : queue(notifier),
+      calls(queue),
       dispatcher(notifier),
-      thread(Dispatcher::main, &dispatcher, thread_name, attributes, false) {
+      thread(main, this, thread_name, attributes, false) {
     start();
 }
 
 SignalDispatcher::SignalDispatcher(char const* thread_name, int const& priority)
     : queue(notifier),
+      calls(queue),
       dispatcher(notifier),
-      thread(Dispatcher::main, &dispatcher, thread_name, priority != 0, priority, 0, false) {
+      thread(main, this, thread_name, priority != 0, priority, 0, false) {
     start();
 }
 
 /// The thread exists by now, but looks at the sources only once it is started.
 void SignalDispatcher::start() {
-    dispatcher.add_source(queue);
+    dispatcher.add_source(calls);
     thread.start();
+}
+
+void SignalDispatcher::main(void* signal_dispatcher) {
+    auto& self = *static_cast<SignalDispatcher*>(signal_dispatcher);
+    t_dispatcher = &self;
+    self.dispatcher.run();
+    self.calls.end();
 }
 
 SignalDispatcher::~SignalDispatcher() {
@@ -43,6 +67,48 @@ void SignalDispatcher::stop() {
         // The last catcher ends in here, from a destructor.
         detail::CancellationOff const cancellation_off;
         thread.join();
+    }
+}
+
+bool SignalDispatcher::isCallingBack() const noexcept {
+    return calls.isUnderWay() && t_dispatcher != this;
+}
+
+void SignalDispatcher::waitForCallback() noexcept {
+    calls.wait();
+}
+
+SignalDispatcher::Calls::Calls(SignalQueue& signal_queue) : queue(signal_queue), mutex(false), ended(mutex) {}
+
+SignalDispatcher::Calls::~Calls() = default;
+
+/// Under way from before the look into the queue: what is signed off by then is neither found nor called.
+Message* SignalDispatcher::Calls::pop_nonblock() {
+    end();
+    state = State::UNDER_WAY;
+    Message* const message = queue.pop_nonblock();
+    if (message == nullptr) {
+        end();
+    }
+    return message;
+}
+
+void SignalDispatcher::Calls::end() noexcept {
+    if (state.exchange(State::NONE) == State::AWAITED) {
+        InternalLock const lock(mutex, SOURCE, "end");
+        ended.signal_one();
+    }
+}
+
+/// Returns at the end of one call, or before: it is for the caller to look whether another one has begun.
+void SignalDispatcher::Calls::wait() noexcept {
+    detail::CancellationOff const cancellation_off;
+    InternalLock const lock(mutex, SOURCE, "wait");
+    State expected = State::UNDER_WAY;
+    state.compare_exchange_strong(expected, State::AWAITED);
+    if (state == State::AWAITED) {
+        ended.wait();
+        ended.signal_one(); // Wakes the next one that waits for the same call.
     }
 }
 

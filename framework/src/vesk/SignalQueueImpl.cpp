@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace vesk {
@@ -27,10 +28,6 @@ SignalQueueImpl::SelfPipe::SelfPipe() {
     int const result = pipe(ends);
     read_end = ends[0];
     write_end = ends[1];
-    if (read_end >= FD_SETSIZE) {
-        // A pipe for which nobody can wait is none.
-        close();
-    }
     if (result != 0 || !isOpen()) {
         std::GlobalErrorHandler::doAssert(
             false, "result==0", SOURCE, __LINE__, "SelfPipe", "couldn't create self-pipe");
@@ -73,6 +70,10 @@ void SignalQueueImpl::SelfPipe::set(fd_set* set, int& highest) const {
     if (!isOpen()) {
         return;
     }
+    if (read_end >= FD_SETSIZE) {
+        std::GlobalErrorHandler::doAssert(false, "read_end<FD_SETSIZE", SOURCE, __LINE__, "set", nullptr);
+        return;
+    }
     FD_SET(read_end, set);
     if (read_end >= highest) {
         highest = read_end + 1;
@@ -80,7 +81,7 @@ void SignalQueueImpl::SelfPipe::set(fd_set* set, int& highest) const {
 }
 
 bool SignalQueueImpl::SelfPipe::is_set(fd_set const* set) const {
-    return isOpen() && FD_ISSET(read_end, set);
+    return isOpen() && read_end < FD_SETSIZE && FD_ISSET(read_end, set);
 }
 
 SignalQueueImpl::NotifierImpl::NotifierImpl() = default;
@@ -88,13 +89,14 @@ SignalQueueImpl::NotifierImpl::NotifierImpl() = default;
 SignalQueueImpl::NotifierImpl::~NotifierImpl() = default;
 
 void SignalQueueImpl::NotifierImpl::wait() {
-    fd_set readable;
-    FD_ZERO(&readable);
-    int highest = 0;
-    self_pipe.set(&readable, highest);
-    // Its result says nothing new: after an interruption the set is as it was, and reading waits as well.
-    select(highest, &readable, nullptr, nullptr, nullptr);
-    if (self_pipe.is_set(&readable)) {
+    pollfd row = {self_pipe.getReadEnd(), POLLIN, 0};
+    int ready = poll(&row, 1, -1);
+    if (ready < 0) {
+        // As a rule the handler that has interrupted it has written a byte. If not, reading would wait for one where no
+        // signal interrupts it.
+        ready = poll(&row, 1, 0);
+    }
+    if (ready > 0) {
         char wake_up = 0;
         [[maybe_unused]] ssize_t const count = self_pipe.read(&wake_up, 1);
     }
