@@ -1,8 +1,20 @@
 #pragma once
 
 #include <cerrno>
+#include <cstring>
 
 namespace vesk::detail {
+
+/// The system's text for an error number, in English: a constant, which takes neither a lock nor the heap, where `strerror`
+/// may translate and takes the lock of the locale. Null for a number that the system does not know, and for every number
+/// where libc has no such call.
+inline char const* getErrorDescription([[maybe_unused]] int error_number) noexcept {
+#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 32)
+    return strerrordesc_np(error_number);
+#else
+    return nullptr;
+#endif
+}
 
 /// The text of `SystemError` without the heap, for reports: lives as a temporary behind the call that needs it. Keeps
 /// `errno`.
@@ -15,6 +27,21 @@ public:
 private:
     // Room for the system's text, which its call limits to 256 bytes, and the number behind it.
     char m_text[256 + 32];
+};
+
+/// The same text, not translated: async-signal-safe, for what runs behind a fork.
+class UntranslatedErrorText {
+public:
+    explicit UntranslatedErrorText(int error_number = errno) noexcept;
+
+    char const* get() const noexcept { return m_text; }
+
+private:
+    void put(char const* text) noexcept;
+    void put(int number) noexcept;
+
+    char m_text[128];
+    char* m_end = m_text;
 };
 
 } // namespace vesk::detail
