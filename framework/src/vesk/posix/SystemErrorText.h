@@ -1,18 +1,20 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace vesk::detail {
 
-/// The system's text for an error number, in English: a constant, which takes neither a lock nor the heap, where `strerror`
-/// may translate and takes the lock of the locale. Null for a number that the system does not know, and for every number
-/// where libc has no such call.
-inline char const* getErrorDescription([[maybe_unused]] int error_number) noexcept {
-#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 32)
+/// The system's text for an error number, in English: a constant, which takes neither a lock nor the heap, where glibc's
+/// `strerror` may translate and takes the lock of the locale. Null for a number that the system does not know.
+inline char const* getErrorDescription(int error_number) noexcept {
+#if !defined(__GLIBC__)
+    return strerror(error_number); // NOLINT(concurrency-mt-unsafe): it looks the text up in a constant table.
+#elif __GLIBC_PREREQ(2, 32)
     return strerrordesc_np(error_number);
 #else
-    return nullptr;
+    return error_number >= 0 && error_number < sys_nerr ? sys_errlist[error_number] : nullptr;
 #endif
 }
 
