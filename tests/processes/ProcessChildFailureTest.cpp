@@ -142,7 +142,8 @@ extern "C" VESK_UNWATCHED int vsnprintf(char* text, size_t size, char const* for
 support::Injected inject_sigaction("sigaction");
 extern "C" VESK_UNWATCHED int
 sigaction(int signal, struct sigaction const* action, struct sigaction* old) noexcept {
-    if (action != nullptr) {
+    // Of those that a sanitizer's runtime does not handle for itself.
+    if (action != nullptr && (signal == SIGUSR1 || signal == SIGUSR2 || signal == SIGRTMAX)) {
         record("sigaction %d %s\n", signal, action->sa_handler == SIG_DFL ? "default" : "other");
     }
     return getReal(inject_sigaction, &sigaction)(signal, action, old);
