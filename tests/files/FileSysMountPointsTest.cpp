@@ -132,7 +132,7 @@ TEST_F(FileSysMountPointsTest, areTheSecondFieldsInTheOrderOfTheFile) {
     EXPECT_EQ(
         (List{"/", "/proc", "/a"}),
         parse("/dev/root / ext4 rw 0 0\nproc /proc proc rw 0 0\nnone /a tmpfs rw,size=64k 0 0\n"));
-    EXPECT_EQ(O_RDONLY, m_fake.flags);
+    EXPECT_EQ(O_RDONLY | O_CLOEXEC, m_fake.flags);
     EXPECT_EQ((std::vector<size_t>{4096, 4096}), m_fake.reads);
 }
 

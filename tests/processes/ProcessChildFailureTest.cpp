@@ -1,6 +1,7 @@
 #include "processes/ChildCapture.h"
 
 #include "support/Chain.h"
+#include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
 
@@ -18,6 +19,7 @@
 #include <cstring>
 #include <sched.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 // What happens between fork and exec, call by call. The functions are replaced in the process; the fork takes their state,
 // and the faults that are set, into the child.
@@ -30,6 +32,21 @@ bool g_in_child = false;
 // What the system says to be the policy, and whether setting one is left out.
 int g_policy = -1;
 bool g_pretends_to_schedule = false;
+// Where the child waits for a byte before it goes on behind the fork.
+int g_gate = -1;
+// What fork gives, instead of making a child.
+pid_t g_forked = -1;
+// Whether the child ends at what it must not call, and whether this is the child.
+bool g_is_strict = false;
+bool g_is_strict_child = false;
+
+VESK_UNWATCHED void forbid(char const* name) {
+    if (g_is_strict_child) {
+        (void)!write(STDERR_FILENO, name, strlen(name));
+        (void)!write(STDERR_FILENO, " is called in the child\n", 24);
+        _exit(77);
+    }
+}
 
 VESK_UNWATCHED __attribute__((format(printf, 1, 2))) void record(char const* format, ...) {
     if (g_in_child && g_record != NO_RECORD) {
@@ -56,11 +73,80 @@ extern "C" VESK_UNWATCHED pid_t fork() {
         errno = error;
         return -1;
     }
-    pid_t const pid = getReal(inject_fork, &fork)();
-    if (pid == 0 && g_record != NO_RECORD) {
-        g_in_child = true;
+    if (g_forked != -1) {
+        return g_forked;
     }
-    return pid;
+    pid_t const pid = getReal(inject_fork, &fork)();
+    if (pid != 0) {
+        return pid;
+    }
+    g_in_child = g_record != NO_RECORD;
+    char byte = 0;
+    while (g_gate != -1 && read(g_gate, &byte, 1) < 0 && errno == EINTR) {}
+    g_is_strict_child = g_is_strict;
+    return 0;
+}
+
+// What takes a lock, uses the heap or depends on the locale. The sanitizers bring a heap of their own.
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" {
+void* __libc_malloc(size_t);
+void* __libc_calloc(size_t, size_t);
+void* __libc_realloc(void*, size_t);
+void __libc_free(void*);
+
+void* malloc(size_t size) {
+    forbid("malloc");
+    return __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size) {
+    forbid("calloc");
+    return __libc_calloc(count, size);
+}
+void* realloc(void* memory, size_t size) {
+    forbid("realloc");
+    return __libc_realloc(memory, size);
+}
+void free(void* memory) {
+    forbid("free");
+    __libc_free(memory);
+}
+}
+#endif
+
+support::Injected inject_pthread_mutex_lock("pthread_mutex_lock");
+extern "C" VESK_UNWATCHED int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+    forbid("pthread_mutex_lock");
+    return getReal(inject_pthread_mutex_lock, &pthread_mutex_lock)(mutex);
+}
+
+support::Injected inject_strerror("strerror");
+extern "C" VESK_UNWATCHED char* strerror(int error) noexcept {
+    forbid("strerror");
+    return getReal(inject_strerror, &strerror)(error);
+}
+
+support::Injected inject_strerror_r("strerror_r");
+extern "C" VESK_UNWATCHED char* strerror_r(int error, char* text, size_t size) noexcept {
+    forbid("strerror_r");
+    return getReal(inject_strerror_r, &strerror_r)(error, text, size);
+}
+
+support::Injected inject_vsnprintf("vsnprintf");
+extern "C" VESK_UNWATCHED int vsnprintf(char* text, size_t size, char const* format, va_list args) noexcept {
+    forbid("vsnprintf");
+    return getReal(inject_vsnprintf, &vsnprintf)(text, size, format, args);
+}
+
+support::Injected inject_sigaction("sigaction");
+extern "C" VESK_UNWATCHED int
+sigaction(int signal, struct sigaction const* action, struct sigaction* old) noexcept {
+    // Of those that a sanitizer's runtime does not handle for itself.
+    if (action != nullptr && (signal == SIGUSR1 || signal == SIGUSR2 || signal == SIGRTMAX)) {
+        record("sigaction %d %s\n", signal, action->sa_handler == SIG_DFL ? "default" : "other");
+    }
+    return getReal(inject_sigaction, &sigaction)(signal, action, old);
 }
 
 support::Injected inject_getpid("getpid");
@@ -79,6 +165,14 @@ extern "C" VESK_UNWATCHED int sigprocmask(int how, sigset_t const* set, sigset_t
     record(
         "sigprocmask %s %s\n", how == SIG_UNBLOCK ? "unblock" : "other",
         blocked >= NSIG - 3 ? "all" : "some");
+    sigset_t before;
+    getReal(inject_sigprocmask, &sigprocmask)(SIG_BLOCK, nullptr, &before);
+    for (int i = 1; i < NSIG; ++i) {
+        bool const is_libcs = sigismember(set, i) != 1;
+        if (i != SIGKILL && i != SIGSTOP && !is_libcs && sigismember(&before, i) != 1) {
+            record("%d was not blocked\n", i);
+        }
+    }
     int error = 0;
     if (inject_sigprocmask.fails(error)) {
         errno = error;
@@ -212,6 +306,9 @@ private:
         g_in_child = false;
         g_policy = -1;
         g_pretends_to_schedule = false;
+        g_gate = -1;
+        g_forked = -1;
+        g_is_strict = false;
     }
 };
 
@@ -389,6 +486,182 @@ TEST_F(ProcessChildFailure, signalsThatCannotBeUnblockedAreAWarning) {
         seen.errors.find(": startChild: warning: after fork(): error unblocking signals\nerr\n"))
         << seen.errors;
     EXPECT_EQ(0, seen.status);
+}
+
+TEST_F(ProcessChildFailure, handlersOfTheProcessAreGoneBeforeSignalsAreUnblocked) {
+    std::string const calls = recordCalls([](ProcessTNG&) {
+        signal(SIGUSR1, [](int) {});
+        signal(SIGUSR2, SIG_IGN);
+        struct sigaction action {};
+        action.sa_flags = SA_SIGINFO;
+        action.sa_sigaction = [](int, siginfo_t*, void*) {};
+        EXPECT_EQ(0, sigaction(SIGRTMAX, &action, nullptr));
+    });
+    EXPECT_NE(
+        std::string::npos,
+        calls.find(
+            "getpid\nsigaction " + std::to_string(SIGUSR1) + " default\nsigaction " +
+            std::to_string(SIGRTMAX) + " default\nsigprocmask unblock all\nexecv "))
+        << calls;
+}
+
+struct KillCase {
+    char const* name;
+    bool group;
+    bool graceful;
+};
+
+void PrintTo(KillCase const& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class ProcessEarlyKillRows : public ProcessChildFailure, public testing::WithParamInterface<KillCase> {};
+
+TEST_P(ProcessEarlyKillRows, reachTheChildThatHasBarelyBegun) {
+    ProcessPipe gate(ProcessPipe::ChildGets::READ_END);
+    ProcessPipe handled(ProcessPipe::ChildGets::WRITE_END);
+    static int s_handled = -1;
+    s_handled = handled.getWriteEnd();
+    fcntl(handled.getWriteEnd(), F_SETFD, FD_CLOEXEC);
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) { (void)!write(s_handled, "handled", 7); };
+    ASSERT_EQ(0, sigaction(SIGTERM, &action, &before));
+    {
+        support::HeldProbe held;
+        ProcessTNG process;
+        held.set(process);
+        process.setNewGroup(GetParam().group);
+        g_gate = gate.getReadEnd();
+        EXPECT_GT(process.start(), 0);
+        EXPECT_FALSE(process.kill(GetParam().graceful));
+        EXPECT_EQ(1, write(gate.getWriteEnd(), "x", 1));
+        ProcessTNG::ExitState state;
+        EXPECT_FALSE(process.wait(state, true, 30'000));
+        EXPECT_TRUE(support::wasKilledBy(state, GetParam().graceful ? SIGTERM : SIGKILL));
+        held.release();
+    }
+    sigaction(SIGTERM, &before, nullptr);
+    EXPECT_EQ("", handled.readAll());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ProcessEarlyKillRows,
+    testing::Values(
+        KillCase{"terminate", false, true}, KillCase{"kill", false, false},
+        KillCase{"terminate its group", true, true}, KillCase{"kill its group", true, false}));
+
+TEST_F(ProcessChildFailure, theMaskOfTheCallingThreadIsWhatItWas) {
+    sigset_t set;
+    sigset_t before;
+    sigset_t after;
+    sigemptyset(&set);
+    sigaddset(&set, SIGUSR2);
+    ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &set, &before));
+    ProcessTNG process;
+    setProbe(process, {"exit", "0"});
+    EXPECT_TRUE(support::hasExitedWith(support::run(process), 0));
+    {
+        Fault const fault(inject_fork, EAGAIN);
+        EXPECT_EQ(-1, process.start());
+        std::ErrorStorage::ack();
+    }
+    ASSERT_EQ(0, pthread_sigmask(SIG_SETMASK, &before, &after));
+    sigaddset(&before, SIGUSR2);
+    for (int i = 1; i < NSIG; ++i) {
+        EXPECT_EQ(sigismember(&before, i), sigismember(&after, i)) << i;
+    }
+}
+
+// ---- what must not be called ----
+
+/// Every failure that a child can have before it executes.
+void setToFail(ProcessTNG& process) {
+    Attr attributes;
+    attributes.policy = vesk::sched::VESK_SCHED_POLICY_FIFO;
+    attributes.param.priority = 100000;
+    process.setSchedAttrs(attributes);
+    process.setAffinity({false});
+    process.setEnvironment({{"ONE", "1"}});
+    process.setStdoutFile("/no/such/directory/file", false);
+    process.setStderrFile("/no/such/directory/file", false);
+    process.setStdinFd(0x7fffffff);
+    process.setNewGroup(true);
+}
+
+TEST_F(ProcessChildFailure, noChildTakesALockOrUsesTheHeapWhateverFails) {
+    for (bool const executes : {true, false}) {
+        Capture const seen = capture([executes](ProcessTNG& process, Go const& go) {
+            setToFail(process);
+            if (!executes) {
+                process.setExecutable("/no/such/program");
+                std::ErrorStorage::ack();
+            }
+            Fault const group(inject_setpgid, EPERM);
+            Fault const signals(inject_sigprocmask, EINVAL);
+            g_is_strict = true;
+            go();
+        });
+        EXPECT_EQ(!executes, seen.killed);
+        EXPECT_EQ(executes ? 0 : SIGABRT, seen.status) << seen.errors;
+        for (char const* const text :
+             {"error unblocking signals\n", "Error applying scheduling policy/parameters: ",
+              "Error setting affinity\n", "]: Couldn't open new stdout ", "]: Couldn't open new stderr ",
+              "]: Couldn't dup2 (0 to 2147483647 ) new stdin! Reason: Bad file descriptor\n",
+              "Error setting new process group: "}) {
+            EXPECT_NE(std::string::npos, seen.errors.find(text)) << text << " in " << seen.errors;
+        }
+    }
+}
+
+TEST_F(ProcessChildFailure, aLineLongerThanAPipeTakesAtOnceIsToldWhole) {
+    std::string const path = "/" + std::string(10000, 'x');
+    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
+        process.setStdinFile(path);
+        go();
+    });
+    EXPECT_EQ(
+        "stdin [" + std::to_string(seen.pid) + "]: Couldn't open new " + seen.program + " \"" + path +
+            "\". Reason: File name too long\nerr\n",
+        seen.errors);
+}
+
+TEST_F(ProcessChildFailure, anUnknownErrorNumberIsToldAsTheSystemTellsIt) {
+    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
+        process.setStdinFile("/x");
+        process.setNewGroup(true);
+        Fault const open_fault(inject_open, 12345);
+        Fault const group_fault(inject_setpgid, 12345);
+        go();
+    });
+    EXPECT_NE(std::string::npos, seen.errors.find("\". Reason: Unknown error 12345\n")) << seen.errors;
+    EXPECT_NE(std::string::npos, seen.errors.find(": " + rowText(SysError, 19, systemText(12345)) + "\n"))
+        << seen.errors;
+}
+
+// ---- an id that is given out twice ----
+
+TEST_F(ProcessChildFailure, anIdThatIsStillEnteredIsAnAssertionAndGoesToTheNewChild) {
+    support::ChildEnd const end = support::runInChild([] {
+        support::HeldProbe held;
+        ProcessTNG first;
+        held.set(first);
+        g_forked = -1;
+        int const pid = first.start();
+        held.waitUntilBegun();
+        support::EventRecorder recorder;
+        ProcessTNG second;
+        setProbe(second, {"exit", "0"});
+        g_forked = pid;
+        EXPECT_EQ(pid, second.start());
+        EXPECT_EQ("ASSERT framework/src/vesk/posix/ProcessTNG start: entered.inserted", recorder.getText());
+        held.release();
+        EXPECT_TRUE(support::hasExitedWith(support::waitFor(second), 0));
+        EXPECT_EQ(pid, first.getPid());
+        fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : 0); // The first object would wait for ever.
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 // ---- scheduling ----

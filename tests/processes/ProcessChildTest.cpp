@@ -279,6 +279,87 @@ TEST_P(ProcessChildOutput, leadsToTheOpenedFile) {
     waitFor(m_process);
 }
 
+/// The process is one of the test's own, whose streams are taken away.
+class ProcessChildLostOutput : public support::ProcessTest, public testing::WithParamInterface<OutputCase> {
+protected:
+    /// Runs a child that writes to both streams.
+    static void say(std::function<void(ProcessTNG& process)> const& set) {
+        ChildEnd const end = runInChild([&] {
+            ProcessTNG process;
+            setProbe(process, {"say", "out", "err"});
+            set(process);
+            EXPECT_TRUE(hasExitedWith(run(process), 0));
+        });
+        EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+    }
+
+    TempDir m_dir;
+    std::string m_path = m_dir / "file";
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Both, ProcessChildLostOutput, testing::Values(STDOUT_CASE, STDERR_CASE),
+    [](auto const& test) { return test.param.stream; });
+
+TEST_P(ProcessChildLostOutput, goesToAFileAllTheSame) {
+    for (bool const with_input : {true, false}) {
+        say([&](ProcessTNG& process) {
+            if (!with_input) {
+                close(STDIN_FILENO); // The file gets its number first then.
+            }
+            close(GetParam().fd);
+            (process.*GetParam().set_file)(m_path, false);
+        });
+        EXPECT_EQ(GetParam().text, readFile(m_path));
+    }
+}
+
+TEST_P(ProcessChildLostOutput, staysWhereItIsWhenItsOwnNumberIsGiven) {
+    say([&](ProcessTNG& process) {
+        int const fd = open(m_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        EXPECT_EQ(GetParam().fd, dup3(fd, GetParam().fd, O_CLOEXEC));
+        (process.*GetParam().set_fd)(GetParam().fd);
+    });
+    EXPECT_EQ(GetParam().text, readFile(m_path));
+}
+
+TEST_F(ProcessChild, hasTheInputOfAFileOrItsOwnWhenTheProcessHasNone) {
+    TempDir const dir;
+    writeFile(dir / "in", "some input");
+    for (bool const by_name : {true, false}) {
+        ChildEnd const end = runInChild([&] {
+            ProcessTNG process;
+            setProbe(process, {"copy"});
+            process.setStdoutFile(dir / "out", false);
+            if (by_name) {
+                close(STDIN_FILENO);
+                process.setStdinFile(dir / "in");
+            } else {
+                int const fd = open((dir / "in").c_str(), O_RDONLY | O_CLOEXEC);
+                EXPECT_EQ(STDIN_FILENO, dup3(fd, STDIN_FILENO, O_CLOEXEC));
+                process.setStdinFd(STDIN_FILENO);
+            }
+            EXPECT_TRUE(hasExitedWith(run(process), 0));
+        });
+        EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+        EXPECT_EQ("some input", readFile(dir / "out"));
+    }
+}
+
+TEST_F(ProcessChild, tellsOfAnOwnNumberThatIsNotOpen) {
+    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
+        close(STDOUT_FILENO);
+        process.setStdoutFd(STDOUT_FILENO);
+        go();
+    });
+    EXPECT_NE(
+        std::string::npos,
+        seen.errors.find(
+            "stdout [" + std::to_string(seen.pid) + "]: Couldn't dup2 (1 to 1 ) new " + seen.program +
+            "! Reason: Bad file descriptor\n"))
+        << seen.errors;
+}
+
 TEST_F(ProcessChild, inheritsItsStreamsWhenNothingIsSet) {
     Capture const seen = capture([](ProcessTNG&, Go const& go) { go(); });
     EXPECT_EQ("out\n", seen.output);

@@ -12,6 +12,7 @@
 #include <tarncommon/error/ErrorStorage.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <pthread.h>
@@ -22,24 +23,41 @@
 // What the collector waits for.
 namespace {
 
+// Of any child; others tell of one.
 std::atomic<int> g_waits{0};
 std::atomic<bool> g_waits_are_odd{false};
+// The child that the next wait is to tell of, and where a wait stays before it returns.
+std::atomic<pid_t> g_told{0};
+std::atomic<int> g_gate{-1};
 
 } // namespace
 
 support::Injected inject_waitid("waitid");
 extern "C" VESK_UNWATCHED int waitid(idtype_t type, id_t id, siginfo_t* info, int options) {
-    ++g_waits;
-    if (type != P_ALL || id != 0 || options != WEXITED) {
+    bool const is_any = type == P_ALL;
+    g_waits += is_any ? 1 : 0;
+    if (is_any ? id != 0 || options != (WEXITED | WNOWAIT) : type != P_PID || (options & WNOHANG) == 0) {
         g_waits_are_odd = true;
     }
     int error = 0;
-    if (inject_waitid.fails(error)) {
+    if (is_any && inject_waitid.fails(error)) {
         errno = error;
         return -1;
     }
-    return reinterpret_cast<int (*)(idtype_t, id_t, siginfo_t*, int)>(inject_waitid.getReal())(
+    if (pid_t const told = is_any ? g_told.exchange(0) : 0) {
+        *info = {};
+        info->si_pid = told;
+        info->si_code = CLD_KILLED;
+        info->si_status = SIGUSR1;
+        return 0;
+    }
+    int const result = reinterpret_cast<int (*)(idtype_t, id_t, siginfo_t*, int)>(inject_waitid.getReal())(
         type, id, info, options);
+    char byte = 0;
+    if (is_any && g_gate != -1) {
+        (void)!read(g_gate, &byte, 1);
+    }
+    return result;
 }
 
 namespace {
@@ -81,6 +99,8 @@ protected:
     void SetUp() override {
         g_waits = 0;
         g_waits_are_odd = false;
+        g_told = 0;
+        g_gate = -1;
     }
 
     static std::string warned(int pid, bool killed) {
@@ -388,13 +408,188 @@ TEST_F(ProcessCollector, leavesOtherChildrenAloneWhileNoneOfItsOwnRuns) {
     EXPECT_EQ(0U, recorder.getCount());
 }
 
-TEST_F(ProcessCollector, takesAWaitThatFailsForTheEndOfNobody) {
+TEST_F(ProcessCollector, repeatsAWaitThatWasInterrupted) {
     EventRecorder recorder;
     Fault const fault(inject_waitid, EINTR, 1, 2, Fault::Threads::OTHERS);
     ProcessTNG process;
     setProbe(process, {"exit", "0"});
     EXPECT_TRUE(hasExitedWith(run(process), 0));
-    EXPECT_EQ(warned(0, true) + "\n" + warned(0, true), recorder.getText());
+    EXPECT_EQ("", recorder.getText());
+}
+
+TEST_F(ProcessCollector, warnsOnceOfAWaitThatFailsAgainAndAgain) {
+    ProcessTNG process;
+    for (int round = 0; round < 2; ++round) {
+        EventRecorder recorder;
+        Fault const fault(inject_waitid, EINVAL, 1, 4, Fault::Threads::OTHERS);
+        setProbe(process, {"exit", "3"});
+        EXPECT_TRUE(hasExitedWith(run(process), 3));
+        EXPECT_EQ(
+            "WARNING framework/src/vesk/posix/ProcessImpl waitChild: error waiting for the end of "
+            "children: " +
+                support::systemText(EINVAL),
+            recorder.getText());
+    }
+}
+
+TEST_F(ProcessCollector, doesNotSpinWhileItsWaitFails) {
+    HeldProbe held;
+    ProcessTNG process;
+    held.set(process);
+    EventRecorder recorder;
+    {
+        Fault const fault(inject_waitid, EINVAL, 1, Fault::FOREVER, Fault::Threads::OTHERS);
+        EXPECT_GT(process.start(), 0);
+        EXPECT_TRUE(eventually([] { return g_waits >= 5; }));
+        EXPECT_TRUE(eventually([] { return findCollector() != 0; }));
+        support::waitUntilAsleep(getpid(), findCollector());
+    }
+    EXPECT_EQ(1U, recorder.getCount());
+    held.release();
+    EXPECT_TRUE(hasExitedWith(waitFor(process), 0));
+}
+
+// ---- ignored ends ----
+
+void ignoreBySignal() {
+    signal(SIGCHLD, SIG_IGN);
+}
+
+void ignoreByFlag() {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_NOCLDWAIT | SA_RESTART;
+    EXPECT_EQ(0, sigaction(SIGCHLD, &action, nullptr));
+}
+
+struct IgnoreCase {
+    char const* name;
+    void (*ignore)();
+    bool has_handler;
+};
+
+void PrintTo(IgnoreCase const& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class ProcessIgnoredEnds : public testing::TestWithParam<IgnoreCase> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ProcessIgnoredEnds,
+    testing::Values(
+        IgnoreCase{"by signal", ignoreBySignal, false}, IgnoreCase{"by flag", ignoreByFlag, true}));
+
+TEST_P(ProcessIgnoredEnds, areToldWhenTheyWereIgnoredBeforeTheSetUp) {
+    support::ChildEnd const end = support::runInChild([] {
+        GetParam().ignore();
+        EventRecorder recorder;
+        Vesk const vesk(true, false);
+        ProcessTNG process;
+        setProbe(process, {"exit", "3"});
+        EXPECT_TRUE(hasExitedWith(run(process), 3));
+        EXPECT_EQ("", recorder.getText());
+        struct sigaction action {};
+        EXPECT_EQ(0, sigaction(SIGCHLD, nullptr, &action));
+        EXPECT_EQ(GetParam().has_handler, action.sa_handler != SIG_DFL);
+        EXPECT_EQ(0, action.sa_flags & SA_NOCLDWAIT);
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+}
+
+TEST_P(ProcessIgnoredEnds, areToldAsUnknownWhenTheyAreIgnoredLater) {
+    support::ChildEnd const end = support::runInChild([] {
+        Vesk const vesk(true, false);
+        EventRecorder recorder;
+        HeldProbe held;
+        ProcessTNG processes[3];
+        GetParam().ignore();
+        g_waits = 0;
+        for (ProcessTNG& process : processes) {
+            held.set(process);
+            EXPECT_GT(process.start(), 0);
+        }
+        held.waitUntilBegun(3);
+        held.release();
+        for (ProcessTNG& process : processes) {
+            EXPECT_TRUE(hasExitedWith(waitFor(process), -1));
+        }
+        EXPECT_EQ(
+            "WARNING framework/src/vesk/posix/ProcessImpl waitChild: error waiting for the end of "
+            "children: " +
+                support::systemText(ECHILD),
+            recorder.getText());
+        EXPECT_LT(g_waits, 1000);
+        signal(SIGCHLD, SIG_DFL);
+        setProbe(processes[0], {"exit", "3"});
+        EXPECT_TRUE(hasExitedWith(run(processes[0]), 3));
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+}
+
+// ---- ids that are given out again ----
+
+TEST_F(ProcessCollector, keepsTheIdOfAChildUntilItsEntryIsGone) {
+    support::ProcessPipe gate(support::ProcessPipe::ChildGets::READ_END);
+    ProcessTNG process;
+    setProbe(process, {"exit", "3"});
+    g_gate = gate.getReadEnd();
+    int const pid = process.start();
+    EXPECT_GT(pid, 0);
+    siginfo_t info{};
+    // The collector has seen the end once this waits in the pipe, and still the system keeps the child.
+    EXPECT_EQ(0, syscall(SYS_waitid, P_PID, pid, &info, WEXITED | WNOWAIT, nullptr));
+    EXPECT_TRUE(eventually([] { return findCollector() != 0; }));
+    support::waitUntilAsleep(getpid(), findCollector());
+    EXPECT_EQ(0, syscall(SYS_waitid, P_PID, pid, &info, WEXITED | WNOWAIT | WNOHANG, nullptr));
+    EXPECT_EQ(pid, info.si_pid);
+    g_gate = -1;
+    gate.closeWriteEnd();
+    EXPECT_TRUE(hasExitedWith(waitFor(process), 3));
+    EXPECT_EQ(1, ProcessTNG::existsProcess(pid)); // By the time that its end is told it is gone.
+}
+
+TEST_F(ProcessCollector, doesNotTakeTheEndOfAnEarlierProcessForThatOfAChildThatRuns) {
+    // Of an unknown child, which its maker has fetched before the collector had come to it.
+    HeldProbe first_held;
+    HeldProbe held;
+    ProcessTNG first;
+    ProcessTNG process;
+    first_held.set(first);
+    held.set(process);
+    EXPECT_GT(first.start(), 0);
+    EXPECT_TRUE(eventually([] { return g_waits == 1; }));
+    EventRecorder recorder;
+    int const pid = process.start();
+    held.waitUntilBegun();
+    g_told = pid;
+    first_held.release();
+    EXPECT_TRUE(hasExitedWith(waitFor(first), 0));
+    EXPECT_TRUE(eventually([] { return g_waits >= 3; }));
+    EXPECT_EQ(pid, process.getPid());
+    held.release();
+    EXPECT_TRUE(hasExitedWith(waitFor(process), 0));
+    EXPECT_EQ("", recorder.getText());
+}
+
+TEST_F(ProcessCollector, blocksAllSignals) {
+    if (IS_EMULATED) {
+        GTEST_SKIP() << "/proc tells what user-mode QEMU blocks, not its program";
+    }
+    HeldProbe held;
+    ProcessTNG process;
+    held.set(process);
+    EXPECT_GT(process.start(), 0);
+    EXPECT_TRUE(eventually([] { return findCollector() != 0; }));
+    std::string const status =
+        support::readFile("/proc/self/task/" + std::to_string(findCollector()) + "/status");
+    size_t const at = status.find("\nSigBlk:\t");
+    ASSERT_NE(std::string::npos, at) << status;
+    // All but those that cannot be blocked and the two that libc keeps for itself.
+    uint64_t const unblocked =
+        1ULL << (SIGKILL - 1) | 1ULL << (SIGSTOP - 1) | 1ULL << (32 - 1) | 1ULL << (33 - 1);
+    EXPECT_EQ(~unblocked, strtoull(status.c_str() + at + 9, nullptr, 16)) << status;
+    held.release();
+    waitFor(process);
 }
 
 TEST_F(ProcessCollector, handsEachEndToItsObject) {

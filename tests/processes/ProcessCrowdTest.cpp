@@ -3,7 +3,7 @@
 #include "support/Chain.h"
 #include "support/Child.h"
 #include "support/EventRecorder.h"
-#include "support/Sanitizers.h"
+#include "support/Processes.h"
 
 #include <vesk/SysError.h>
 
@@ -16,7 +16,9 @@
 
 #include <csignal>
 #include <iostream>
+#include <locale.h>
 #include <memory>
+#include <sys/syscall.h>
 #include <thread>
 
 // Many children, from many threads.
@@ -155,12 +157,9 @@ private:
     std::vector<std::thread> m_threads;
 };
 
-/// All that a child can do between fork and exec, each with its failure: reports, warnings, lines on standard error and
-/// allocations, while other threads hold whatever there is to be held for that.
+/// All that a child can do between fork and exec, each with its failure: reports, warnings and lines on standard error,
+/// while other threads hold whatever there is to be held for that.
 TEST_F(ProcessCrowd, noChildIsHeldUpByWhatOtherThreadsDo) {
-    if (!support::CHILD_MAY_ALLOCATE) {
-        GTEST_SKIP() << "the sanitizer's allocator holds up a child of threads that allocate";
-    }
     support::ChildEnd const end = support::runInChild([] {
         alarm(110);
         int const null = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -189,6 +188,7 @@ TEST_F(ProcessCrowd, noChildIsHeldUpByWhatOtherThreadsDo) {
         });
         hammers.add([] { std::GlobalErrorHandler::doWarning("hammer", 1, "hammer", "%s", "a warning"); });
         hammers.add([] { std::cerr << "a line " << 1 << std::endl; });
+        hammers.add([] { freelocale(newlocale(LC_ALL_MASK, "C.UTF-8", nullptr)); });
         hammers.add([] {
             ProcessTNG process; // The collector's lock and the object's.
             process.setArguments({"x"});
@@ -220,6 +220,39 @@ TEST_F(ProcessCrowd, noChildIsHeldUpByWhatOtherThreadsDo) {
         }
     });
     EXPECT_EQ(0, end.exit_code) << end.output.substr(0, 2000);
+}
+
+/// A locale whose file is a pipe: the thread that loads it waits for a writer, and holds libc's lock of the locale.
+TEST_F(ProcessCrowd, noChildIsHeldUpByAThreadThatLoadsALocale) {
+    support::TempDir const locales;
+    std::string const folder = locales / "slow";
+    std::string const pipe = folder + "/LC_CTYPE";
+    ASSERT_EQ(0, mkdir(folder.c_str(), 0700));
+    ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
+    support::ChildEnd const end = support::runInChild([&] {
+        setenv("LOCPATH", (locales / "").c_str(), 1);
+        std::atomic<pid_t> loader{0};
+        std::thread thread([&] {
+            loader = static_cast<pid_t>(syscall(SYS_gettid));
+            EXPECT_EQ(nullptr, newlocale(LC_CTYPE_MASK, "slow", nullptr));
+        });
+        EXPECT_TRUE(support::eventually([&] { return loader != 0; }));
+        support::waitUntilAsleep(getpid(), loader);
+        ProcessTNG process;
+        setProbe(process, {"exit", "3"});
+        process.setStdinFile("/no/such/file");
+        process.setAffinity({false});
+        EXPECT_GT(process.start(), 0);
+        ExitState state;
+        EXPECT_FALSE(process.wait(state, true, 20'000));
+        EXPECT_TRUE(hasExitedWith(state, 3));
+        EXPECT_FALSE(process.kill(false)); // Where it hangs.
+        close(open(pipe.c_str(), O_WRONLY | O_CLOEXEC));
+        thread.join();
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+    unlink(pipe.c_str());
+    rmdir(folder.c_str());
 }
 
 TEST_F(ProcessCrowd, startsFromManyThreadsDoNotStopEachOther) {

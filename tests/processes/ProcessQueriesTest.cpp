@@ -44,7 +44,13 @@ extern "C" VESK_UNWATCHED ssize_t readlink(char const* path, char* buffer, size_
         path, buffer, size);
 }
 
-VESK_INJECT_OPEN(path = g_proc != nullptr && strcmp(path, "/proc") == 0 ? g_proc->c_str() : path)
+namespace {
+int g_open_flags = 0; // Of the last call of each.
+std::string g_open_mode;
+} // namespace
+
+VESK_INJECT_OPEN(g_open_flags = flags;
+                 path = g_proc != nullptr && strcmp(path, "/proc") == 0 ? g_proc->c_str() : path)
 
 support::Injected inject_fopen("fopen");
 extern "C" VESK_UNWATCHED FILE* fopen(char const* path, char const* mode) {
@@ -53,6 +59,7 @@ extern "C" VESK_UNWATCHED FILE* fopen(char const* path, char const* mode) {
         errno = error;
         return nullptr;
     }
+    g_open_mode = mode;
     std::string const real =
         g_proc != nullptr && strncmp(path, "/proc/", 6) == 0 ? *g_proc + (path + 5) : std::string(path);
     return reinterpret_cast<FILE* (*)(char const*, char const*)>(inject_fopen.getReal())(real.c_str(), mode);
@@ -434,6 +441,14 @@ TEST_F(ProcessQueries, entriesWithoutACommandAreSkipped) {
     EXPECT_EQ(Pids({4}), find("same", true));
     EXPECT_EQ(Pids({4}), find("same", false));
     EXPECT_EQ(Pids(), find("", true));
+}
+
+TEST_F(ProcessQueries, whatIsReadForThemIsOpenForNoChild) {
+    FakeProc proc;
+    proc.add("1", "same");
+    EXPECT_EQ(Pids({1}), find("same", true));
+    EXPECT_EQ(O_RDONLY | O_CLOEXEC, g_open_flags);
+    EXPECT_EQ("re", g_open_mode);
 }
 
 TEST_F(ProcessQueries, aCommandThatCannotBeOpenedIsSkipped) {

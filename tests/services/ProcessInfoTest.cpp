@@ -143,15 +143,15 @@ TEST(ProcessInfo, takesEachValueFromItsPlace) {
     EXPECT_EQ(33u * static_cast<size_t>(sysconf(_SC_PAGESIZE)), info.resident);
 }
 
-TEST(ProcessInfo, opensBothFilesForReadingOnly) {
+TEST(ProcessInfo, opensBothFilesForReadingOnlyAndForNoChild) {
     FakeProc const proc;
     proc.setProcess(PID, "daemon", "1", "1", "1", "1");
     look(proc);
     ASSERT_EQ(2u, proc.getOpened().size());
     EXPECT_EQ("/proc/4711/stat", proc.getOpened()[0].path);
     EXPECT_EQ("/proc/4711/statm", proc.getOpened()[1].path);
-    EXPECT_EQ(O_RDONLY, proc.getOpened()[0].flags);
-    EXPECT_EQ(O_RDONLY, proc.getOpened()[1].flags);
+    EXPECT_EQ(O_RDONLY | O_CLOEXEC, proc.getOpened()[0].flags);
+    EXPECT_EQ(O_RDONLY | O_CLOEXEC, proc.getOpened()[1].flags);
 }
 
 TEST(ProcessInfo, longestProcessIdHasAPath) {
@@ -210,6 +210,15 @@ TEST(ProcessInfo, timesWrapWithThirtyTwoBitsOfTicksTimesThousand) {
     ProcessInfo const info = look(proc);
     EXPECT_EQ(42949670u, info.user_time);
     EXPECT_EQ(7u, info.system_time) << "4294968000 is 704 in 32 bits";
+}
+
+TEST(ProcessInfo, timesWrapWithThirtyTwoBitsOfTicks) {
+    ASSERT_EQ(100, getTicksPerSecond());
+    FakeProc const proc;
+    proc.setProcess(PID, "daemon", "4294967299", "18446744073709551615", "1", "1");
+    ProcessInfo const info = look(proc);
+    EXPECT_EQ(30u, info.user_time);
+    EXPECT_EQ(42949662u, info.system_time) << "-1000 is 4294966296 in 32 bits";
 }
 
 TEST(ProcessInfo, timesOfOneTickAreRoundedDown) {
@@ -550,6 +559,8 @@ TEST_F(ProcessInfoPIDs, areNoneWhereThereAreNone) {
     FakeProc const proc;
     EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
     EXPECT_EQ(std::vector<int>{}, m_pids);
+    ASSERT_EQ(1U, proc.getOpened().size());
+    EXPECT_EQ(O_RDONLY | O_CLOEXEC, proc.getOpened()[0].flags);
 }
 
 TEST_F(ProcessInfoPIDs, directoryThatCannotBeOpenedIsAFailureThatEmptiesThemAllTheSame) {

@@ -99,7 +99,7 @@ TEST(SystemLoad, samplesTheIdleTimeOfOneProcessorOnTheAverage) {
     EXPECT_DOUBLE_EQ(8641500.0 / getProcessors(), load.idle);
     EXPECT_EQ(1700000000123, load.timestamp);
     EXPECT_EQ(CLOCK_REALTIME, clock.getClock());
-    EXPECT_EQ("r", s_mode);
+    EXPECT_EQ("re", s_mode);
 }
 
 TEST(SystemLoad, samplesMayBeTakenAgain) {

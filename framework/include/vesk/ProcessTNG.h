@@ -39,17 +39,24 @@ namespace vesk {
 /// **How children begin.** `start` makes a `fork` of the process, which prepares itself and then executes the program.
 /// Nothing that goes wrong in there fails the start: it shows on the child's standard error, or as an early end of the
 /// child (a program that cannot be executed ends with `SIGABRT`). The child has every descriptor of the process that is not
-/// marked close-on-exec, its working directory, its limits, and the signals that it ignores; no signal is blocked in it.
-/// Up to the program the child runs the code of the process: a signal that reaches it so early goes to the process's
-/// handlers, and a hook of `std::GlobalErrorHandler` and the functions of `pthread_atfork` are called in it, too. Locks that
-/// other threads held at the moment of the fork stay held for ever there: those must take none.
+/// marked close-on-exec, its working directory, its limits, and the signals that it ignores. No signal is blocked in it, and
+/// the signals that the process handles have their default action in it from the start: a signal that is sent after `start`
+/// has returned reaches the child, wherever it is.
+///
+/// Before the program begins, two things of the process run in the child: the functions of `pthread_atfork`, and the hook
+/// of `std::GlobalErrorHandler` if something fails. Locks that other threads held at the moment of the fork stay locked
+/// there for ever, so both must keep to async-signal-safe calls, as the library does.
 ///
 /// **How children end.** One thread of the library, "vesk::ProcessCollector", waits for the end of children while at
 /// least one of any object is running, and hands each end over to its object. It takes children that others have started,
-/// too, with a warning, and their `waitpid` then finds nothing. Conversely nobody else may fetch the end of a child of
-/// this class, nor may the process ignore `SIGCHLD`: the object would wait for ever, and the collector would find no
-/// child and warn on and on. The collector needs the start-up of the library; a process that was forked without a new
-/// program has none.
+/// too, with a warning, and their `waitpid` then finds nothing. The collector needs the start-up of the library; a process
+/// that was forked without a new program has none.
+///
+/// Nothing else may fetch the ends of these children, nor may the process ignore `SIGCHLD` or set `SA_NOCLDWAIT` for it,
+/// which makes the system throw the ends away. The set-up of the collector gives an ignored `SIGCHLD`, which a program
+/// inherits, its default action, and takes the flag back. If a process ignores it later, one warning tells that the
+/// collector's wait fails. Each child that is gone then counts as ended with a `status` of -1, as soon as the process has
+/// no child left.
 ///
 /// All operations may be called from any thread, also from listeners. Threads that wait for the same child are served one
 /// by one: each end wakes one of them, and the others go on waiting for the end of a later child.
@@ -78,9 +85,9 @@ public:
         /// Whether an end is recorded here. False for the state of a `wait` whose time ran out.
         bool hasExited() const noexcept { return exited; }
 
-        bool exited = false;           ///< What `hasExited` tells.
-        bool killed = false;           ///< A signal has ended the child.
-        int status = -1;               ///< The exit code, or the number of the signal if `killed`.
+        bool exited = false; ///< What `hasExited` tells.
+        bool killed = false; ///< A signal has ended the child.
+        int status = -1;     ///< The exit code, the number of the signal if `killed`, -1 if it was lost.
         ProcessTNG* process = nullptr; ///< The object that started the child.
     };
 
@@ -89,9 +96,10 @@ public:
     public:
         virtual ~ExitListener() = default;
 
-        /// A child has ended. Runs in the collector's thread, with no lock held, after a waiter was woken: the object
-        /// that `state->process` names is there only if nobody destroys it that early. No other end of a child is told
-        /// while it runs, so it is to be short; it must not throw. It may use any `ProcessTNG` but must not wait for one.
+        /// A child has ended. Runs in the collector's thread, with no lock held and all signals blocked, which threads
+        /// that it makes inherit. A waiter was woken before: the object that `state->process` names is there only if
+        /// nothing destroys it that early. No other end of a child is told while it runs, so it is to be short; it must
+        /// not throw. It may use any `ProcessTNG` but must not wait for one.
         ///
         /// @param state  valid during the call only
         virtual void processExited(ExitState const* state) = 0;
@@ -142,8 +150,9 @@ public:
     void setEnvironment(std::vector<std::pair<std::string, std::string>> const& variables);
 
     // Standard streams. For each of the two that are written the null device wins over a file, and a file over a
-    // descriptor; where none is set the stream is that of the process. What fails is told on the child's standard error
-    // (`std::cerr`), and the child goes on with the stream that it has. One descriptor cannot serve two streams.
+    // descriptor; where none is set the stream is that of the process. What fails is told on the child's standard error,
+    // with the system's text in English, and the child goes on with the stream that it has. One descriptor cannot serve
+    // two streams.
 
     /// Opens a file for standard output, in the child: made with mode 0600 where it is missing. Empty: none.
     /// @param append  whether to write behind what the file holds, instead of emptying it
@@ -154,11 +163,12 @@ public:
     void setStdinFile(std::string const& path);
 
     /// Makes a descriptor of the process the child's standard output and closes it there; -1: none. The descriptor stays
-    /// open in the process. One that is 1 already is closed in the child.
+    /// open in the process. 1 itself stays what it is, and open for the program even if it is marked close-on-exec.
     void setStdoutFd(int fd);
     /// Makes a descriptor the child's standard error, likewise.
     void setStderrFd(int fd);
-    /// The other way round, on purpose: the child's `fd` becomes what its standard input was, which is closed. -1: none.
+    /// The other way round, on purpose: the child's `fd` becomes what its standard input was, which is closed. 0 itself
+    /// stays what it is, likewise. -1: none.
     void setStdinFd(int fd);
 
     /// Sends standard output to "/dev/null".
@@ -166,7 +176,7 @@ public:
     /// Sends standard error to "/dev/null".
     void setStderrNull(bool use_null);
 
-    /// Puts the child into a process group of its own, which `kill` then signals.
+    /// Puts the child into a process group of its own, which `kill` then signals. The group exists when `start` returns.
     void setNewGroup(bool use_new_group);
 
     /// Keeps the policy of the process, with another priority.
@@ -192,7 +202,10 @@ public:
 
     // ---- the life of a child ----
 
-    /// Starts a child (`fork`, then `execv` or `execve` in the child). Does not wait for the program: see the class.
+    /// Starts a child (`fork`, then `execv` or `execve` in the child). Does not wait for the program: see the class. All
+    /// signals of the calling thread are blocked during the fork. Memory for the arguments and the environment that is not
+    /// there is waited for, by `std::GlobalErrorHandler::doOutOfMem`. An assertion tells if the system gives the child an
+    /// id that another object has entered, whose child something else must have fetched: that object waits for ever.
     /// @return the child's process id; `INVALID_PROCESS_ID` on failure: `std::CommonError` 1 if a child is running (which
     ///         is left alone); `SysError` 0 without resources, 1 without memory; else `Error` 0. Without a collector an
     ///         assertion precedes it. If the collector's lock fails, the object stays locked.
@@ -210,8 +223,7 @@ public:
     bool wait(ExitState& state, bool timed, long long timeout);
 
     /// Signals the child, or its whole process group if it has one of its own. Does nothing, with success, when no child
-    /// is running, and when it has ended just now. A child that is about to make its group is not found yet, which counts
-    /// as success, too. Does not wait for the end.
+    /// is running, and when it has ended just now. Does not wait for the end.
     /// @param graceful  `SIGTERM`, which a program can handle, instead of `SIGKILL`
     /// @return true on failure, as for `killProcess`; `Error` 2 if the lock fails
     bool kill(bool graceful);
@@ -270,7 +282,7 @@ private:
     static constexpr int NO_PRIORITY = INT_MIN;
 
     bool startChild();
-    [[noreturn]] void runChild() noexcept;
+    [[noreturn]] void runChild(char* const* args, char* const* env) noexcept;
     void applyScheduling() const;
     void applyAffinity() const;
     void redirectStreams(int own_pid) const;

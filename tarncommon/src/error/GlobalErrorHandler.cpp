@@ -48,11 +48,29 @@ void print(GlobalErrorHandler::Event const& event) noexcept {
     tarnbase::detail::writeAll(STDERR_FILENO, line, length + 1);
 }
 
+/// Whether a format asks for texts and plain numbers only.
+bool isSimple(char const* format) noexcept {
+    for (; *format != '\0'; ++format) {
+        if (*format == '%' && *++format != 's' && *format != 'd' && *format != '%') {
+            return false;
+        }
+    }
+    return true;
+}
+
 /// The formatted message of an event, empty without a format. It is made before the hook is called, which may throw.
 class Message {
 public:
     Message(char const* format, va_list args) noexcept {
-        if (format != nullptr) {
+        if (format == nullptr) {
+            return;
+        }
+        if (isSimple(format)) {
+            // Async-signal-safe, which the formatting of libc is not: children tell their failures before they execute.
+            TextWriter writer(m_text, sizeof m_text);
+            writer.putFormatted(format, args);
+            writer.finish();
+        } else {
             vsnprintf(m_text, sizeof m_text, format, args);
         }
     }

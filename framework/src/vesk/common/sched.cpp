@@ -36,12 +36,12 @@ static_assert(std::size(WIN_THREAD_PRIO_NAMES) == VESK_WIN_THREAD_PRIO_TIME_CRIT
 
 /// Writes the name that a value has in its table. Numbers are decimal whatever base the stream is set to.
 template <size_t N>
-std::ostream& write(std::ostream& out, char const* const (&names)[N], int value, char const* what) {
+std::ostream& write(std::ostream& out, char const* const (&names)[N], int value, char const* unknown) {
     if (value >= 0 && value < static_cast<int>(N)) {
         return out << names[value];
     }
     char text[64];
-    snprintf(text, sizeof text, "unknown %s (%d)", what, value);
+    snprintf(text, sizeof text, "%s%d)", unknown, value);
     return out << text;
 }
 
@@ -76,11 +76,11 @@ Param::Param(Policy policy, int value) {
 }
 
 std::ostream& operator<<(std::ostream& out, Policy_E policy) {
-    return write(out, POLICY_NAMES, policy, "policy");
+    return write(out, POLICY_NAMES, policy, "unknown policy (");
 }
 
 std::ostream& operator<<(std::ostream& out, WinThreadPrio priority) {
-    return write(out, WIN_THREAD_PRIO_NAMES, priority, "thread priority");
+    return write(out, WIN_THREAD_PRIO_NAMES, priority, "unknown thread priority (");
 }
 
 std::ostream& operator<<(std::ostream& out, Param const& param) {

@@ -18,8 +18,7 @@ constexpr char const* SOURCE = "framework/src/vesk/linux/FileSys";
 /// The file that lists the mounts, closed on every way out.
 class MountFile : private tarnbase::NonCopyable {
 public:
-    // Without close-on-exec, which only a fork in the midst of the reading would notice.
-    MountFile() : m_fd(open("/proc/mounts", O_RDONLY)) {}
+    MountFile() : m_fd(open("/proc/mounts", O_RDONLY | O_CLOEXEC)) {}
     // A thread may be cancelled in here.
     ~MountFile() noexcept(false) {
         if (m_fd == -1) {

@@ -1,8 +1,8 @@
 #include <vesk/ProcessInfo.h>
 
 #include "Snapshot.h"
+#include "vesk/posix/PrivateDirectory.h"
 
-#include <vesk/Directory.h>
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
 
@@ -27,7 +27,7 @@ constexpr char const* SOURCE = "framework/src/vesk/linux/ProcessInfo";
 /// A file under /proc, closed on every way out.
 class ProcFile : private tarnbase::NonCopyable {
 public:
-    explicit ProcFile(char const* path) noexcept : m_fd(open(path, O_RDONLY)) {}
+    explicit ProcFile(char const* path) noexcept : m_fd(open(path, O_RDONLY | O_CLOEXEC)) {}
     ~ProcFile() {
         if (isOpen()) {
             close(m_fd);
@@ -51,7 +51,7 @@ private:
     int m_fd;
 };
 
-uint32_t toMilliseconds(unsigned long ticks) noexcept {
+uint32_t toMilliseconds(unsigned long long ticks) noexcept {
     static uint32_t const ticks_per_second = static_cast<uint32_t>(sysconf(_SC_CLK_TCK));
     // The product wraps, and does so alike on all systems: callers know the counters as 32 bits wide.
     return 1000U * static_cast<uint32_t>(ticks) / ticks_per_second;
@@ -118,11 +118,12 @@ bool ProcessInfo::parseStat(char const* text) {
     if (end[1] == '\0') {
         return reportQuery(SOURCE);
     }
-    unsigned long user_ticks = 0;
-    unsigned long system_ticks = 0;
+    // As wide as the kernel counts: where `long` has 32 bits, a larger number would be read as the largest one.
+    unsigned long long user_ticks = 0;
+    unsigned long long system_ticks = 0;
     ssize_t thread_count = 0;
     if (sscanf(
-            end + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %*u %*u %*d %*d %zd", &user_ticks,
+            end + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu %*u %*u %*d %*d %zd", &user_ticks,
             &system_ticks, &thread_count) < 3) {
         return reportQuery(SOURCE);
     }
@@ -171,7 +172,7 @@ double ProcessInfo::getCpuLoad(ProcessInfo const& start, ProcessInfo const& end)
 
 bool ProcessInfo::getPIDs(std::vector<int>& pids) {
     pids.clear();
-    Directory proc("/proc", false);
+    Directory proc = openPrivateDirectory("/proc");
     if (!proc.isValid()) {
         return reportQuery(SOURCE, Chain::ON_TOP);
     }

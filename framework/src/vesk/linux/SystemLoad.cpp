@@ -44,7 +44,7 @@ private:
 
 bool SystemLoad::sample() {
     valid = false;
-    std::unique_ptr<FILE, Closer> const file(fopen("/proc/uptime", "r"));
+    std::unique_ptr<FILE, Closer> const file(fopen("/proc/uptime", "re"));
     if (file == nullptr) {
         return reportQuery(SOURCE);
     }

@@ -1,6 +1,7 @@
 #include <vesk/Directory.h>
 
 #include "ErrnoTable.h"
+#include "PrivateDirectory.h"
 #include "SystemErrorText.h"
 
 #include <vesk/FileAccessError.h>
@@ -8,6 +9,7 @@
 #include <vesk/SysError.h>
 
 #include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <fcntl.h>
@@ -228,6 +230,25 @@ int Directory::destroy() {
         break;
     }
     return 0;
+}
+
+Directory detail::openPrivateDirectory(char const* path) {
+    DirectoryHandle handle;
+    handle.fd = open(path, O_RDONLY | O_CLOEXEC);
+    int const error = errno;
+    Directory directory(&handle);
+    if (handle.fd == -1) {
+        // Of a handle without a descriptor it has told that instead.
+        std::ErrorStorage::ack();
+        errno = error;
+        classify(SOURCE, OPEN_ERRORS, error, path);
+    } else if (!directory.isValid() && !directory.atEnd()) {
+        // It has no stream, so the descriptor was not taken over.
+        SavedErrorChain const saved;
+        closeOrWarn([&handle] { return close(handle.fd); }, "openPrivateDirectory", "error closing dir-fd");
+        saved.restore();
+    }
+    return directory;
 }
 
 } // namespace vesk

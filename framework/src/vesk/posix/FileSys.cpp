@@ -137,7 +137,7 @@ bool hasFailed(Place place, int result, ErrnoTable table, char const* path) noex
 class EitherPath {
 public:
     EitherPath(char const* one, char const* other) noexcept {
-        snprintf(m_text, sizeof m_text, "%s or %s", one, other);
+        snprintf(m_text, sizeof m_text, "%s%s%s", one, " or ", other);
     }
     char const* get() const noexcept { return m_text; }
 

@@ -1,7 +1,11 @@
 #include "ProcessImpl.h"
 
+#include "ErrnoTable.h"
+#include "SignalsBlocked.h"
+#include "SystemErrorText.h"
 #include "vesk/common/Report.h"
 
+#include <vesk/AbsTime.h>
 #include <vesk/Vesk.h>
 #include <vesk/common/AbortingLock.h>
 
@@ -9,7 +13,9 @@
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
+#include <tarncommon/tarnbase/TimePoint.h>
 
+#include <algorithm>
 #include <csignal>
 #include <new>
 #include <sys/wait.h>
@@ -22,6 +28,9 @@ using std::GlobalErrorHandler;
 namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/ProcessImpl";
+
+// How long the collector keeps from waiting again for children after a wait that has failed.
+constexpr long long WAIT_AGAIN_MS = 100;
 
 void lockOrAbort(Mutex const& mutex, char const* function, int line = __builtin_LINE()) {
     if (mutex.lock()) {
@@ -37,6 +46,35 @@ void unlockOrAbort(Mutex const& mutex, char const* function, int line = __builti
 
 void assertThat(bool condition, char const* expression, char const* function, int line = __builtin_LINE()) {
     GlobalErrorHandler::doAssert(condition, expression, SOURCE, line, function, nullptr);
+}
+
+/// Waits for the end of children. With `WNOWAIT` they stay to be fetched, and keep their ids until they are.
+int waitForEnd(idtype_t type, int pid, siginfo_t& info, int options) noexcept {
+    return retryOnEintr([&] { return waitid(type, static_cast<id_t>(pid), &info, WEXITED | options); });
+}
+
+/// Fetches the end of a child that has ended. Never blocks: others may have been faster, and the id may be another child's.
+void reap(int pid) noexcept {
+    siginfo_t info{};
+    waitForEnd(P_PID, pid, info, WNOHANG);
+}
+
+/// Gives an ignored `SIGCHLD` its default action, and takes `SA_NOCLDWAIT` back: with either the system throws away how
+/// children end. A program that was executed inherits the former.
+void keepEndsOfChildren() noexcept {
+    struct sigaction action {};
+    if (sigaction(SIGCHLD, nullptr, &action) != 0) {
+        return;
+    }
+    if (action.sa_handler == SIG_IGN) {
+        action = {};
+        action.sa_handler = SIG_DFL;
+    } else if ((action.sa_flags & SA_NOCLDWAIT) != 0) {
+        action.sa_flags &= ~SA_NOCLDWAIT;
+    } else {
+        return;
+    }
+    sigaction(SIGCHLD, &action, nullptr);
 }
 
 } // namespace
@@ -78,33 +116,70 @@ void ProcessImpl::processCollector() {
     }
 }
 
-/// Waits for the end of one child, whoever has started it, and hands it over. Returns with the mutex locked.
+/// Waits for the end of one child, of any origin, and hands it over. Returns with the mutex locked.
 void ProcessImpl::waitChild() {
     siginfo_t info{};
-    // Not looked at: a wait that fails tells of the child 0, which is nobody's.
-    [[maybe_unused]] int const result = waitid(P_ALL, 0, &info, WEXITED);
-    bool const killed = info.si_code != CLD_EXITED;
+    // Only looked at: once fetched its id could be given to the next child before its own entry is gone.
+    if (waitForEnd(P_ALL, 0, info, WNOWAIT) != 0) {
+        handleWaitFailure(errno);
+        return;
+    }
+    m_wait_failed = false;
     int const pid = info.si_pid;
-    int const status = info.si_status;
 
     // A child that has ended at once is found all the same: its start holds the lock until it is entered.
     lockOrAbort(mutex, "waitChild");
     auto const child = proc_obj_map.find(pid);
     if (child == proc_obj_map.end()) {
+        reap(pid);
         GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "waitChild",
             "%s: : got notification about exit of an unknown child process exit. PID = \"%d\", was_killed = "
             "%d. "
             "If you intentionally created a child process outside of VESK then this is expected. Otherwise a "
             "programming error might be involved.",
-            "waitChild", pid, killed ? 1 : 0);
+            "waitChild", pid, info.si_code != CLD_EXITED ? 1 : 0);
         return;
+    }
+    siginfo_t now{};
+    if (waitForEnd(P_PID, pid, now, WNOWAIT | WNOHANG) == 0) {
+        if (now.si_pid == 0) {
+            return; // An unknown child had this id, its maker has fetched it meanwhile, and the entry's child runs.
+        }
+        info = now;
     }
     ProcessTNG* const process = child->second;
     proc_obj_map.erase(child);
     // An object's mutex is taken before this one, never after it.
     unlockOrAbort(mutex, "waitChild");
-    ProcessTNG::processExited(process, killed, status);
+    ProcessTNG::processExited(process, info.si_code != CLD_EXITED, info.si_status);
+    lockOrAbort(mutex, "waitChild");
+}
+
+/// Goes on behind a wait that has failed, which it mostly does because there is no child left although there are entries:
+/// the process ignores `SIGCHLD`, or something else has fetched them. Returns with the mutex locked.
+void ProcessImpl::handleWaitFailure(int error) {
+    if (!m_wait_failed) {
+        m_wait_failed = true;
+        GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "waitChild", "error waiting for the end of children: %s",
+            SystemErrorText(error).get());
+    }
+    lockOrAbort(mutex, "waitChild");
+    auto const child = std::find_if(proc_obj_map.begin(), proc_obj_map.end(), [](auto const& entry) {
+        return kill(entry.first, 0) != 0 && errno == ESRCH;
+    });
+    if (child == proc_obj_map.end()) {
+        AbsTimeT const again(tarnbase::TimePoint::now().getCount() + WAIT_AGAIN_MS);
+        if (condition.waitTimeout(mutex, again) < 0) {
+            GlobalErrorHandler::doAbort(SOURCE, __LINE__, "waitChild", "error waiting on condition");
+        }
+        return;
+    }
+    ProcessTNG* const process = child->second;
+    proc_obj_map.erase(child);
+    unlockOrAbort(mutex, "waitChild");
+    ProcessTNG::processExited(process, false, ProcessTNG::ExitState().status);
     lockOrAbort(mutex, "waitChild");
 }
 
@@ -120,8 +195,9 @@ void ProcessImpl::stop() {
     }
 }
 
-/// Tells a waiter first, then the listener: with the listener and the state kept here, since a waiter may destroy the
-/// object at once.
+/// Fetches the child under the object's lock: until it is fetched its id is given to no other process, and `kill` finds
+/// none in the object from then on. Tells a waiter first, then the listener: with the listener and the state kept here,
+/// since a waiter may destroy the object at once.
 void ProcessTNG::processExited(ProcessTNG* process, bool was_killed, int exit_status) {
     ExitState state;
     state.exited = true;
@@ -131,6 +207,9 @@ void ProcessTNG::processExited(ProcessTNG* process, bool was_killed, int exit_st
     ExitListener* listener = nullptr;
     {
         AbortingLock<Mutex const> const lock(process->mutex, SOURCE, "processExited");
+        if (process->pid != INVALID_PROCESS_ID) {
+            reap(process->pid);
+        }
         listener = process->exit_listener;
         process->m_last_state = state;
         process->last_pid = process->pid;
@@ -148,7 +227,12 @@ void ProcessTNG::processExited(ProcessTNG* process, bool was_killed, int exit_st
 
 bool LazyProcessInit::doInit() {
     assertThat(g_process_impl == nullptr, "! g_process_impl", "doInit");
-    g_process_impl = new (std::nothrow) ProcessImpl;
+    keepEndsOfChildren();
+    {
+        // The collector's thread inherits it: signals of the process are left to the process's own threads.
+        SignalsBlocked const signals_blocked;
+        g_process_impl = new (std::nothrow) ProcessImpl;
+    }
     if (g_process_impl == nullptr) {
         report(SOURCE, Chain::NEW, std::CommonError, 0);
         return true;

@@ -34,6 +34,9 @@ private:
     static void threadEntry(void*);
     void processCollector();
     void waitChild();
+    void handleWaitFailure(int error);
+
+    bool m_wait_failed = false; // The collector's own.
 };
 
 /// The name of the own program, once it is known.

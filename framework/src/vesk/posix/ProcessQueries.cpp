@@ -1,10 +1,10 @@
 #include <vesk/ProcessTNG.h>
 
 #include "ErrnoTable.h"
+#include "PrivateDirectory.h"
 #include "ProcessImpl.h"
 #include "SystemErrorText.h"
 
-#include <vesk/Directory.h>
 #include <vesk/PathParts.h>
 #include <vesk/SysError.h>
 #include <vesk/Vesk.h>
@@ -52,7 +52,7 @@ void readCommand(unsigned long pid, std::string& command) {
     command.clear();
     ProcPath path;
     snprintf(path, sizeof path, "/proc/%lu/cmdline", pid);
-    File const file(fopen(path, "r"));
+    File const file(fopen(path, "re"));
     if (file == nullptr) {
         return;
     }
@@ -98,7 +98,7 @@ signed char ProcessTNG::existsProcess(int const& process_id) {
 }
 
 void ProcessTNG::getProcessId(std::string const& name, std::vector<int>& pids, bool exact) {
-    Directory directory("/proc", true);
+    Directory directory = openPrivateDirectory("/proc");
     if (!directory.isValid()) {
         return;
     }

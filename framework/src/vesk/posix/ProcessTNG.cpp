@@ -253,7 +253,10 @@ int ProcessTNG::start() {
     }
     auto node = entry.extract(INVALID_PROCESS_ID);
     node.key() = pid;
-    impl->proc_obj_map.insert(std::move(node));
+    auto const entered = impl->proc_obj_map.insert(std::move(node));
+    GlobalErrorHandler::doAssert(entered.inserted, "entered.inserted", SOURCE, __LINE__, "start", nullptr);
+    // An entry of this id is left of a child whose end something else has fetched: it never comes.
+    entered.position->second = this;
     if (impl->condition.signal()) {
         GlobalErrorHandler::doAbort(SOURCE, __LINE__, "start", "error signaling condition");
     }

@@ -1,6 +1,7 @@
 #include <vesk/ProcessTNG.h>
 
 #include "ErrnoTable.h"
+#include "SignalsBlocked.h"
 #include "SystemErrorText.h"
 #include "ThreadSched.h"
 
@@ -8,23 +9,24 @@
 #include <vesk/SysError.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/ErrorApi.h>
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <algorithm>
+#include <charconv>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <iostream>
 #include <new>
 #include <sched.h>
 #include <unistd.h>
 
-// What runs between fork and exec. The child has but one thread, with a copy of all memory: whatever lock another thread
-// of the process held at that moment is held in it for ever. libc has seen to its own for the heap and for standard
-// error; of the libraries' locks none may be taken in this file behind the fork.
+// Between fork and exec the child has one thread and a copy of all memory. A lock that another thread of the process held
+// at the moment of the fork stays locked there: libc resets those of the heap and of its streams, but not the one of the
+// locale, which `strerror` takes, nor those of other libraries. Therefore the child makes async-signal-safe calls alone.
+// Memory that it needs is allocated before the fork, and its texts are put together on its stack.
 
 namespace vesk {
 
@@ -39,18 +41,6 @@ constexpr ErrnoRow FORK_ERRORS[] = {
     {{EAGAIN}, {SysError, 0}},
     {{ENOMEM}, {SysError, 1}},
     {OTHERS, {ProcessTNG::Error, 0}},
-};
-
-constexpr ErrnoRow AFFINITY_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
-};
-
-constexpr ErrnoRow GROUP_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
-};
-
-constexpr ErrnoRow EXEC_ERRORS[] = {
-    {OTHERS, {ProcessTNG::Error, 0}, {FileAccessError, 0}},
 };
 
 static_assert((O_WRONLY | O_CREAT | O_APPEND) == 0x441 && (O_WRONLY | O_CREAT | O_TRUNC) == 0x241);
@@ -98,47 +88,108 @@ int keepPolicy(int current, sched::Param const& param, int priority) noexcept {
     }
 }
 
+// ---- what the child writes ----
+
+/// One line on standard error, collected on the stack. It is written in one piece, so that it does not mix with other
+/// lines; one that is longer than what the system writes to a pipe in one piece follows in several.
+class ErrorLine : private tarnbase::NonCopyable {
+public:
+    ~ErrorLine() { flush(); }
+
+    ErrorLine& put(char const* text) noexcept {
+        for (; *text != '\0'; ++text) {
+            if (m_length == sizeof m_text) {
+                flush();
+            }
+            m_text[m_length++] = *text;
+        }
+        return *this;
+    }
+
+    ErrorLine& put(int number) noexcept {
+        char digits[16]{};
+        std::to_chars(digits, digits + sizeof digits - 1, number);
+        return put(digits);
+    }
+
+    /// Puts the system's text for an error number.
+    ErrorLine& putError(int error) noexcept {
+        char const* const text = getErrorDescription(error);
+        return text != nullptr ? put(text) : put("Unknown error ").put(error);
+    }
+
+private:
+    /// Failures have nowhere to go.
+    void flush() noexcept {
+        char const* at = m_text;
+        while (m_length > 0) {
+            ssize_t const done = retryOnEintr([&] { return write(STDERR_FILENO, at, m_length); });
+            if (done <= 0) {
+                break;
+            }
+            at += done;
+            m_length -= static_cast<size_t>(done);
+        }
+        m_length = 0;
+    }
+
+    char m_text[PIPE_BUF];
+    size_t m_length = 0;
+};
+
 // ---- redirection ----
 
-/// Who tells of a redirection that has failed, and of what. Which of the two is the program and which the stream differs
-/// from stream to stream: so these lines are known to those that read them.
+/// The names in the lines about one redirection. Which of the two is the program and which the stream differs from stream
+/// to stream, and those who read these lines know them that way.
 struct Names {
     char const* first;
     char const* second;
     int own_pid;
 };
 
-/// Writes one line in one piece, so that it does not mix with others.
-void tell(Names const& names, std::string const& what, int error) {
-    std::cerr << std::string(names.first) + " [" + std::to_string(names.own_pid) + "]: " + what +
-            "Reason: " + strerror(error) + "\n"; // NOLINT(concurrency-mt-unsafe): there is no other thread.
+void tellOpen(Names const& names, char const* path, int error) noexcept {
+    ErrorLine line;
+    line.put(names.first).put(" [").put(names.own_pid).put("]: Couldn't open new ").put(names.second);
+    line.put(" \"").put(path).put("\". Reason: ").putError(error).put("\n");
 }
 
-std::string describeDup(int fd, int target, Names const& names) {
-    return "Couldn't dup2 (" + std::to_string(fd) + " to " + std::to_string(target) + " ) new " +
-        names.second;
+/// `path` is null for a descriptor that was given.
+void tellDup(Names const& names, int fd, int target, char const* path, int error) noexcept {
+    ErrorLine line;
+    line.put(names.first).put(" [").put(names.own_pid).put("]: Couldn't dup2 (").put(fd);
+    line.put(" to ").put(target).put(" ) new ").put(names.second);
+    if (path != nullptr) {
+        line.put(" (\"").put(path).put("\") ");
+    }
+    line.put("! Reason: ").putError(error).put("\n");
 }
 
-void openOnto(int target, char const* path, int flags, Names const& names) {
+void openOnto(int target, char const* path, int flags, Names const& names) noexcept {
     int const fd = open(path, flags, 0600);
     if (fd == -1) {
-        int const error = errno;
-        tell(names, std::string("Couldn't open new ") + names.second + " \"" + path + "\". ", error);
+        tellOpen(names, path, errno);
         return;
     }
+    if (fd == target) {
+        return; // The process had no such stream: the file is in its place, and closing it would take it away again.
+    }
     if (dup2(fd, target) == -1) {
-        int const error = errno;
-        tell(names, describeDup(fd, target, names) + " (\"" + path + "\") ! ", error);
+        tellDup(names, fd, target, path, errno);
         return; // With the descriptor open, for what it may still be good for.
     }
     close(fd);
 }
 
-/// Makes `to` a copy of `from`, and closes `from`.
-void moveOnto(int to, int from, Names const& names) {
+/// Makes `to` a copy of `from`, and closes `from`. Equal numbers stay open, also for the program.
+void moveOnto(int to, int from, Names const& names) noexcept {
+    if (from == to) {
+        if (fcntl(to, F_SETFD, 0) == -1) {
+            tellDup(names, from, to, nullptr, errno);
+        }
+        return;
+    }
     if (dup2(from, to) == -1) {
-        int const error = errno;
-        tell(names, describeDup(from, to, names) + "! ", error);
+        tellDup(names, from, to, nullptr, errno);
     }
     close(from);
 }
@@ -152,12 +203,28 @@ struct Output {
     int fd;
 };
 
-void redirectOutput(Output const& output, Names const& for_file, Names const& for_fd) {
+void redirectOutput(Output const& output, Names const& for_file, Names const& for_fd) noexcept {
     char const* const path = output.null ? "/dev/null" : output.file.c_str();
     if (*path != '\0') {
         openOnto(output.target, path, O_WRONLY | O_CREAT | (output.append ? O_APPEND : O_TRUNC), for_file);
     } else if (output.fd != -1) {
         moveOnto(output.target, output.fd, for_fd);
+    }
+}
+
+// ---- signals ----
+
+/// Gives the signals that the process catches their default, as exec does: a handler of the process, called in the child,
+/// would take a signal that was meant for the program, and act on what belongs to the process.
+void dropHandlers() noexcept {
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction action {};
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_DFL &&
+            action.sa_handler != SIG_IGN) {
+            action = {};
+            action.sa_handler = SIG_DFL;
+            sigaction(signal, &action, nullptr);
+        }
     }
 }
 
@@ -173,7 +240,7 @@ void unblockSignals() {
 
 } // namespace
 
-/// The object's texts in the arrays that exec takes. They last until exec or the end of the child.
+/// The object's texts in the arrays that exec takes.
 class ProcessTNG::VectorTransformer : private tarnbase::NonCopyable {
 public:
     explicit VectorTransformer(ProcessTNG const& process) noexcept
@@ -208,8 +275,7 @@ public:
             size_t const count = m_environment->size();
             envp = insist([count] { return new (std::nothrow) char*[count + 1]; }, "getEnv");
             for (size_t i = 0; i < count; ++i) {
-                std::string const row = (*m_environment)[i].first + "=" + (*m_environment)[i].second;
-                envp[i] = insist([&row] { return strdup(row.c_str()); }, "getEnv");
+                envp[i] = insist([this, i] { return makeRow((*m_environment)[i]); }, "getEnv");
             }
             envp[count] = nullptr;
         }
@@ -217,6 +283,14 @@ public:
     }
 
 private:
+    static char* makeRow(std::pair<std::string, std::string> const& variable) noexcept {
+        try {
+            return strdup((variable.first + "=" + variable.second).c_str());
+        } catch (std::bad_alloc const&) {
+            return nullptr;
+        }
+    }
+
     char** argv = nullptr;
     char** envp = nullptr;
     std::string const* m_executable;
@@ -227,39 +301,50 @@ private:
 /// True on failure. Runs with the object's lock and the collector's held. Returns in the process only.
 bool ProcessTNG::startChild() {
     in_new_group = new_group;
+    VectorTransformer vectors(*this);
+    char** const args = vectors.getArgs();
+    char** const env = environment.empty() ? nullptr : vectors.getEnv();
+    // The first use of a thread's store may allocate its thread-local memory: not left to the child.
+    std::ErrorStorage::isError(true);
+
+    // A signal that is sent to the child before its handlers are gone waits until then.
+    SignalsBlocked const signals_blocked;
     pid = fork();
     if (pid == 0) {
-        runChild();
+        runChild(args, env);
     }
-    if (pid != INVALID_PROCESS_ID) {
-        return false;
+    if (pid == INVALID_PROCESS_ID) {
+        classify(SOURCE, FORK_ERRORS, errno);
+        return true;
     }
-    classify(SOURCE, FORK_ERRORS, errno);
-    return true;
+    if (in_new_group) {
+        // The child does so, too: the group is there whichever of the two runs first, for a program that begins as for a
+        // caller who signals it. A failure here tells that the program has begun, or is the child's to tell.
+        setpgid(pid, pid);
+    }
+    return false;
 }
 
 /// The child. Its failures have no way back to the process; it goes on with them, but for that of exec. An exception must
 /// not get out of here, where the caller's own code would run in the child.
-void ProcessTNG::runChild() noexcept {
+void ProcessTNG::runChild(char* const* args, char* const* env) noexcept {
     int const own_pid = getpid();
-    // What the process has not told yet, about its errors and on its buffered output, is the process's to tell.
+    // The errors that the process has not told yet are the process's to tell.
     std::ErrorStorage::ack();
-    std::cerr.tie(nullptr);
 
+    dropHandlers();
     unblockSignals();
     applyScheduling();
     applyAffinity();
-    VectorTransformer vectors(*this);
-    char** const args = vectors.getArgs();
-    char** const env = vectors.getEnv();
     redirectStreams(own_pid);
     enterNewGroup();
-    if (environment.empty()) {
+    if (env == nullptr) {
         execv(executable.c_str(), args);
     } else {
         execve(executable.c_str(), args, env);
     }
-    classify(SOURCE, EXEC_ERRORS, errno, executable.c_str());
+    report(SOURCE, Chain::NEW, Error, 0, UntranslatedErrorText().get());
+    report(SOURCE, Chain::ON_TOP, FileAccessError, 0, executable.c_str());
     GlobalErrorHandler::doAbort(SOURCE, __LINE__, "startChild", "error calling exec() after fork()");
     _exit(1);
 }
@@ -291,7 +376,7 @@ void ProcessTNG::applyScheduling() const {
         GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "startChild",
             "ProcessTNG::startChild (forked): Error applying scheduling policy/parameters: %s",
-            SystemErrorText(error).get());
+            UntranslatedErrorText(error).get());
     }
 }
 
@@ -310,7 +395,7 @@ void ProcessTNG::applyAffinity() const {
     }
     // Without a processor in the set, too: that the system refuses it is how the caller gets to know.
     if (sched_setaffinity(0, sizeof set, &set) != 0) {
-        classify(SOURCE, AFFINITY_ERRORS, errno);
+        report(SOURCE, Chain::NEW, SysError, 19, UntranslatedErrorText().get());
         GlobalErrorHandler::doWarning(SOURCE, __LINE__, "startChild", "after fork(): Error setting affinity");
         std::ErrorStorage::ack();
     }
@@ -333,11 +418,18 @@ void ProcessTNG::redirectStreams(int own_pid) const {
 }
 
 void ProcessTNG::enterNewGroup() const {
-    if (in_new_group && setpgid(0, 0) != 0) {
-        classify(SOURCE, GROUP_ERRORS, errno);
-        std::cerr << "Error setting new process group: " + tarn_error.getReasonList() + "\n";
-        std::ErrorStorage::ack();
+    if (!in_new_group || setpgid(0, 0) == 0) {
+        return;
     }
+    report(SOURCE, Chain::NEW, SysError, 19, UntranslatedErrorText().get());
+    {
+        // What `ErrorApi::getReasonList` gives of this one report, which would take the heap.
+        std::ErrorObject const& reason = *std::ErrorStorage::get();
+        ErrorLine line;
+        line.put("Error setting new process group: ").put(reason.file).put(":").put(reason.line);
+        line.put(": ").put(reason.getText()).put("\n");
+    }
+    std::ErrorStorage::ack();
 }
 
 } // namespace vesk
