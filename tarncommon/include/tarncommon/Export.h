@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarncommon/Widths.h>
+
 /// Marks what `libtarncommon.so` exports; everything else in it is hidden.
 #define TARN_API __attribute__((visibility("default")))
 
