@@ -1,6 +1,5 @@
 #pragma once
 
-#include <vesk/Export.h>
 #include <vesk/SignalQueuePosixBase.h>
 
 #include <sys/select.h>
@@ -37,9 +36,6 @@ public:
 
     /// `write` on the write end, with its result. A cancellation point.
     ssize_t write(void const* buffer, unsigned int length);
-    VESK_API_INLINE ssize_t write(void* buffer, unsigned int length) {
-        return write(static_cast<void const*>(buffer), length);
-    }
 
     /// Puts the read end into a set for `select`.
     /// @param highest  raised to the read end's number plus 1 if it is not above it: the first argument of `select`
@@ -47,7 +43,6 @@ public:
 
     /// Whether the read end is in a set.
     bool is_set(fd_set const* set) const;
-    VESK_API_INLINE bool is_set(fd_set* set) const { return is_set(static_cast<fd_set const*>(set)); }
 
 private:
     bool isOpen() const noexcept { return read_end >= 0; }

@@ -31,3 +31,23 @@
 #include <vesk/UnicodeString.h>
 #include <vesk/User.h>
 #include <vesk/UserFS.h>
+
+using vesk::SignalQueueImpl;
+
+// Two functions under the names that they had when their arguments were not const. As overloads they would make a call with
+// a null pointer ambiguous. A member function is called as a function with the object in front.
+extern "C" {
+
+VESK_API ssize_t selfPipeWrite(SignalQueueImpl::SelfPipe* pipe, void* buffer, unsigned int length) __asm__(
+    "_ZN4vesk15SignalQueueImpl8SelfPipe5writeEPvj");
+VESK_API bool selfPipeIsSet(SignalQueueImpl::SelfPipe const* pipe, fd_set* set) __asm__(
+    "_ZNK4vesk15SignalQueueImpl8SelfPipe6is_setEP6fd_set");
+
+ssize_t selfPipeWrite(SignalQueueImpl::SelfPipe* pipe, void* buffer, unsigned int length) {
+    return pipe->write(buffer, length);
+}
+
+bool selfPipeIsSet(SignalQueueImpl::SelfPipe const* pipe, fd_set* set) {
+    return pipe->is_set(set);
+}
+}
