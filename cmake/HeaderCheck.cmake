@@ -1,5 +1,5 @@
 # Every public header, compiled alone in each language standard that a caller may use, without the compiler's
-# extensions. Part of the ordinary build: a header that leans on what another one includes breaks it.
+# extensions. Each must also refuse a program with other widths of offsets and times, so it must include what does. Part of the ordinary build: a header that leans on what another one includes breaks it.
 set(VESK_HEADER_CHECK_STANDARDS 17 20 23)
 
 foreach(library tarncommon vesk)
@@ -10,8 +10,9 @@ foreach(library tarncommon vesk)
         CONFIGURE_DEPENDS ${source_dir}/include/*.h)
     set(sources)
     foreach(header IN LISTS headers)
+        set(content "#include <${header}>\n#ifndef TARN_TIME_BITS\n#error \"include an Export.h\"\n#endif\n")
         set(source ${CMAKE_BINARY_DIR}/header_check/${library}/${header}.cpp)
-        file(CONFIGURE OUTPUT ${source} CONTENT "#include <${header}>\n" @ONLY)
+        file(CONFIGURE OUTPUT ${source} CONTENT "${content}" @ONLY)
         list(APPEND sources ${source})
     endforeach()
     foreach(standard IN LISTS VESK_HEADER_CHECK_STANDARDS)

@@ -14,6 +14,8 @@ install(
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     FILES_MATCHING
     PATTERN "*.h")
+install(FILES ${PROJECT_BINARY_DIR}/tarncommon/include/tarncommon/Widths.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarncommon)
 
 # Before 1.0 a new minor version may change the interface.
 if(PROJECT_VERSION_MAJOR EQUAL 0)
@@ -39,6 +41,8 @@ install(
 
 # The way from a .pc file to the prefix, since it depends on how deep the library folder is.
 file(RELATIVE_PATH VESK_PREFIX_FROM_PKGCONFIG /prefix/${VESK_PKGCONFIG_DIR} /prefix)
+list(TRANSFORM VESK_WIDTH_DEFINITIONS PREPEND " -D" OUTPUT_VARIABLE VESK_WIDTH_FLAGS)
+list(JOIN VESK_WIDTH_FLAGS "" VESK_WIDTH_FLAGS)
 foreach(library tarncommon vesk)
     configure_file(cmake/${library}.pc.in ${PROJECT_BINARY_DIR}/package/${library}.pc @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/package/${library}.pc DESTINATION ${VESK_PKGCONFIG_DIR})

@@ -35,3 +35,11 @@ function(vesk_add_library name)
         target_link_options(${name} PRIVATE -Wl,-z,defs)
     endif()
 endfunction()
+
+# A source that makes exported copies of inline functions. Left to itself, Clang makes only one of the two symbols that a
+# constructor or destructor has.
+function(vesk_make_inline_copies source)
+    if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+        set_source_files_properties(${source} PROPERTIES COMPILE_OPTIONS "SHELL:-Xclang -mno-constructor-aliases")
+    endif()
+endfunction()

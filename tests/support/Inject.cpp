@@ -1,14 +1,40 @@
 #include "support/Inject.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <string_view>
 
 namespace support {
+
+namespace {
+
+/// The real function of a name. Where 64-bit offsets and times are asked for on 32 bits, the C library's headers lead calls
+/// and definitions of some functions to others, whose names follow one of a few patterns.
+void* findReal(char const* name) noexcept {
+#if defined(__USE_FILE_OFFSET64) && !defined(__OFF_T_MATCHES_OFF64_T)
+    // What has an offset and a time comes before what has one of them.
+    constexpr char const* WIDE_NAMES[] = {"__%.*s64_time64%s", "__%.*s_time64%s", "__%.*s64%s", "%.*s64%s"};
+    std::string_view const whole(name);
+    bool const reentrant = whole.size() > 2 && whole.substr(whole.size() - 2) == "_r";
+    int const length = static_cast<int>(whole.size()) - (reentrant ? 2 : 0);
+    for (char const* const pattern : WIDE_NAMES) {
+        char wide[64];
+        snprintf(wide, sizeof wide, pattern, length, name, name + length);
+        if (void* const real = dlsym(RTLD_NEXT, wide)) {
+            return real;
+        }
+    }
+#endif
+    return dlsym(RTLD_NEXT, name);
+}
+
+} // namespace
 
 void* Injected::getReal() noexcept {
     void* real = m_real.load(std::memory_order_relaxed);
     if (real == nullptr) {
-        real = dlsym(RTLD_NEXT, m_name);
+        real = findReal(m_name);
         if (real == nullptr) {
             abort();
         }

@@ -9,6 +9,11 @@
 #include <climits>
 #include <string>
 
+/// `ErrorOutput::operator()(std::ErrorType const&, int, ...) const`, which only linked programs find.
+extern "C" void reportOfEarlier(
+    std::ErrorOutput const* output, std::ErrorType const& type, int id,
+    ...) __asm__("_ZNKSt11ErrorOutputclERKSt9ErrorTypeiz");
+
 namespace {
 
 using std::ErrorObject;
@@ -55,6 +60,26 @@ TEST(ErrorOutput, integerInPlaceOfATextPrintsAsANumber) {
     EXPECT_EQ("text 200.", textOf(1, static_cast<unsigned char>(200)));
     EXPECT_EQ("text -100.", textOf(1, static_cast<signed char>(-100)));
     EXPECT_EQ("text 1.", textOf(1, true));
+}
+
+TEST(ErrorOutput, operationOfEarlierProgramsFormatsAlike) {
+    auto const textOfEarlier = [](int id, auto... args) {
+        ErrorOutput const output("file", 1, true);
+        reportOfEarlier(&output, Family, id, args...);
+        std::string const text = ErrorStorage::get()->getText();
+        ErrorStorage::ack();
+        return text;
+    };
+    EXPECT_EQ("nothing to add", textOfEarlier(0));
+    EXPECT_EQ("text abc.", textOfEarlier(1, "abc"));
+    EXPECT_EQ("abc and -7", textOfEarlier(2, "abc", -7));
+    EXPECT_EQ("100% of it", textOfEarlier(5, "it"));
+    EXPECT_EQ("ends with a lone ", textOfEarlier(6, "x"));
+    EXPECT_EQ("none allowed: ?", textOfEarlier(7, "unseen"));
+    EXPECT_EQ("unknown error 99", textOfEarlier(99, "unseen"));
+    // A result code where the row has a text.
+    EXPECT_EQ("text 22.", textOfEarlier(1, 22));
+    EXPECT_EQ("text -4095.", textOfEarlier(1, -4095));
 }
 
 TEST(ErrorOutput, enumeratorPrintsAsItsNumber) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vesk/Export.h>
+
 #include <tarncommon/PseudoFalse.h>
 
 #include <atomic>
@@ -68,7 +70,7 @@ public:
 
     /// Lets go of a reference that `ref` added; the handle's own goes with its destructor. The last one to go has the
     /// owner free the memory.
-    void unref() const {
+    VESK_API_INLINE void unref() const {
         if (m_count == nullptr && !PSEUDO_FALSE) {
             return;
         }

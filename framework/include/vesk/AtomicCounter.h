@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vesk/Export.h>
+
 #include <tarncommon/tarnbase/NonCopyable.h>
 
 #include <cstdint>
@@ -17,7 +19,7 @@ public:
     constexpr AtomicCounter() noexcept = default;
 
     /// The count, with a full memory barrier on both sides. Counting beyond 4,294,967,295 begins at 0 again.
-    uint32_t getCurrentCount() const noexcept { return __sync_fetch_and_add(&m_count, 0); }
+    VESK_API_INLINE uint32_t getCurrentCount() const noexcept { return __sync_fetch_and_add(&m_count, 0); }
 
     /// The count for a fast path: what was written before an `increment` that it has seen can be read after it
     /// (acquire).

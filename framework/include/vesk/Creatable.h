@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vesk/Export.h>
+
 namespace vesk {
 
 /// Base of the objects that put a name into the system: `MsgQueueServer`, `SemaphoreCreator`, `SharedMemoryServer`. It

@@ -73,7 +73,7 @@ public:
 
     /// Closes the stream if this is the last copy (`closedir`). A failure ends as a warning: "Error closing directory
     /// @%p; a file descriptor may have leaked!". Whatever report was pending then is gone.
-    ~Directory() override { decrement(); }
+    VESK_API_INLINE ~Directory() override { decrement(); }
 
     /// Whether the directory is open. Stays so at the end.
     bool isValid() const noexcept { return m_valid; }

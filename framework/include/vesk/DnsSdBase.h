@@ -73,7 +73,7 @@ public:
     static Txt const EMPTY;
 
     /// A record without entries.
-    Txt() = default;
+    Txt();
 
     /// Reads the wire format: strings `key=value`, each behind a byte with its length.
     ///

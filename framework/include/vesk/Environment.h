@@ -22,17 +22,17 @@ public:
     Environment() noexcept;
 
     /// Always true.
-    bool isValid() const noexcept { return true; }
+    VESK_API_INLINE bool isValid() const noexcept { return true; }
 
     /// The first row, "NAME=value".
-    char** begin() const noexcept { return first; }
+    VESK_API_INLINE char** begin() const noexcept { return first; }
 
     /// Behind the last row.
-    char** end() const noexcept { return last; }
+    VESK_API_INLINE char** end() const noexcept { return last; }
 
     /// The same as `begin` and `end`: there is nothing to convert on this system.
-    char** begin_ucs() const noexcept { return first; }
-    char** end_ucs() const noexcept { return last; }
+    VESK_API_INLINE char** begin_ucs() const noexcept { return first; }
+    VESK_API_INLINE char** end_ucs() const noexcept { return last; }
 
     /// The value of a variable (`getenv`). An unset variable and an empty one look alike.
     /// @param name  not null

@@ -63,13 +63,15 @@ public:
     bool isValid() const noexcept { return m_valid; }
 
     /// Permission, set-id and sticky bits.
-    FileAccess getAccess() const noexcept { return FileAccess(m_stat.st_mode) & FileAccess::mask; }
+    VESK_API_INLINE FileAccess getAccess() const noexcept {
+        return FileAccess(m_stat.st_mode) & FileAccess::mask;
+    }
 
     /// The owner, by id; the name is looked up only when it is asked for.
-    User getOwner() const { return User(static_cast<long long>(m_stat.st_uid)); }
+    VESK_API_INLINE User getOwner() const { return User(static_cast<long long>(m_stat.st_uid)); }
 
     /// The group, by id; the name is looked up only when it is asked for.
-    Group getGroup() const { return Group(static_cast<long long>(m_stat.st_gid)); }
+    VESK_API_INLINE Group getGroup() const { return Group(static_cast<long long>(m_stat.st_gid)); }
 
     Type getType() const noexcept;
     bool isRegularFile() const noexcept { return S_ISREG(m_stat.st_mode); }

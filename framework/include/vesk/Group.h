@@ -19,7 +19,7 @@ namespace vesk {
 class VESK_API Group {
 public:
     /// The id of no group.
-    static constexpr long long BAD_ID = -1;
+    VESK_API_INLINE static constexpr long long BAD_ID = -1;
 
     /// The name of no group, empty.
     static std::string const BAD_NAME;

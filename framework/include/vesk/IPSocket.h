@@ -1,5 +1,6 @@
 #pragma once
 
+#include <vesk/Export.h>
 #include <vesk/Socket.h>
 
 #include <cstdint>
@@ -22,10 +23,10 @@ class VESK_API IPSocket : public Socket {
 public:
     enum IPProtocolVersion : uint32_t { IPV4 = 0, IPV6 = 1 };
 
-    static constexpr char const* ANY_IP = "0.0.0.0";
-    static constexpr char const* ANY_IP6 = "::";
-    static constexpr char const* LOOPBACK_IP = "127.0.0.1";
-    static constexpr char const* LOOPBACK_IP6 = "::1";
+    VESK_API_INLINE static constexpr char const* ANY_IP = "0.0.0.0";
+    VESK_API_INLINE static constexpr char const* ANY_IP6 = "::";
+    VESK_API_INLINE static constexpr char const* LOOPBACK_IP = "127.0.0.1";
+    VESK_API_INLINE static constexpr char const* LOOPBACK_IP6 = "::1";
 
     /// An address as text with a port.
     ///
@@ -88,7 +89,7 @@ public:
     /// text (`gai_strerror`), or that of `errno` where it names the system as the reason.
     class VESK_API IPResolver : private tarnbase::NonCopyable {
     public:
-        IPResolver() = default;
+        IPResolver();
         ~IPResolver();
 
         /// From a name to numeric addresses of one version.
@@ -104,7 +105,7 @@ public:
         int resolveAddr(char const* addr, bool fqdn, bool reverse, IPProtocolVersion version);
 
         /// How many results the last resolve had.
-        unsigned int getCount() const noexcept {
+        VESK_API_INLINE unsigned int getCount() const noexcept {
             return static_cast<unsigned int>(m_resolve_handle.entries.size());
         }
 

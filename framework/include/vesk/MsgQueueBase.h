@@ -66,7 +66,7 @@ public:
     signed char writeMsgTimeout(Message const* message, long long const& timeout);
 
     /// The lowest priority, 0.
-    static int getMinPrio() noexcept { return 0; }
+    VESK_API_INLINE static int getMinPrio() noexcept { return 0; }
     /// One above the highest priority that the system takes (`sysconf`).
     static int getMaxPrio() noexcept;
 

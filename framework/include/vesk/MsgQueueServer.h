@@ -23,6 +23,7 @@ namespace vesk {
 class VESK_API MsgQueueServer : public MsgQueueBase, public Creatable {
 public:
     MsgQueueServer() noexcept = default;
+    ~MsgQueueServer() override;
 
     /// Makes a queue, or opens one, for reading and writing (`mq_open`, repeated while a signal interrupts it). An open
     /// object is closed first. The mode is 0600: the queue is for processes of the same user.

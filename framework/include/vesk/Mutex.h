@@ -33,12 +33,12 @@ public:
 
     /// Creates the lock; being unable to ends the process (see `threadsafe::MutexImpl`).
     /// @param recursive  whether the owner may lock it again; it is free after as many calls of `unlock`
-    explicit Mutex(bool recursive = false) : m_impl(recursive) {}
+    VESK_API_INLINE explicit Mutex(bool recursive = false) : m_impl(recursive) {}
 
     /// Waits for the lock (`pthread_mutex_lock`).
     /// @return true on failure: `Error` 3 if the caller holds a lock that is not recursive, or it is broken; `Error` 1
     ///         for any other reason
-    bool lock() const noexcept {
+    VESK_API_INLINE bool lock() const noexcept {
         int const result = m_impl.lock();
         return __builtin_expect(result != 0, 0) && reportLock(result);
     }
@@ -46,7 +46,7 @@ public:
     /// Lets go of the lock (`pthread_mutex_unlock`). Does not block.
     /// @return true on failure: `Error` 3 if the caller does not hold it, or it is broken; `Error` 2 for any other
     ///         reason
-    bool unlock() const noexcept {
+    VESK_API_INLINE bool unlock() const noexcept {
         int const result = m_impl.unlock();
         return __builtin_expect(result != 0, 0) && reportUnlock(result);
     }

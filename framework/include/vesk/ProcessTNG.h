@@ -74,7 +74,7 @@ public:
     static std::ErrorType const Error;
 
     /// What `start` gives for a failure, and `getPid` for an object without a child.
-    static constexpr int INVALID_PROCESS_ID = -1;
+    VESK_API_INLINE static constexpr int INVALID_PROCESS_ID = -1;
 
     /// What the file name of an executable ends in: the empty text on this system. There before any initialiser runs.
     static char const* const ExecutableSuffix;
@@ -83,7 +83,7 @@ public:
     class ExitState {
     public:
         /// Whether an end is recorded here. False for the state of a `wait` whose time ran out.
-        bool hasExited() const noexcept { return exited; }
+        VESK_API_INLINE bool hasExited() const noexcept { return exited; }
 
         bool exited = false; ///< What `hasExited` tells.
         bool killed = false; ///< A signal has ended the child.

@@ -14,7 +14,7 @@ class VESK_API ProcessTimeStopWatch : public StopWatchBase {
 public:
     /// On the clock of the calling process (`CLOCK_PROCESS_CPUTIME_ID`).
     /// @param auto_start  whether to `start` at once
-    explicit ProcessTimeStopWatch(bool auto_start) : StopWatchBase(CLOCK_PROCESS_CPUTIME_ID) {
+    VESK_API_INLINE explicit ProcessTimeStopWatch(bool auto_start) : StopWatchBase(CLOCK_PROCESS_CPUTIME_ID) {
         if (auto_start) {
             start();
         }

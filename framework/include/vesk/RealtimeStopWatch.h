@@ -1,5 +1,6 @@
 #pragma once
 
+#include <vesk/Export.h>
 #include <vesk/StopWatchBase.h>
 
 namespace vesk {
@@ -13,7 +14,7 @@ namespace vesk {
 class RealtimeStopWatch : public StopWatchBase {
 public:
     /// @param auto_start  whether to `start` at once
-    explicit RealtimeStopWatch(bool auto_start) : StopWatchBase(CLOCK_MONOTONIC) {
+    VESK_API_INLINE explicit RealtimeStopWatch(bool auto_start) : StopWatchBase(CLOCK_MONOTONIC) {
         if (auto_start) {
             start();
         }

@@ -47,7 +47,7 @@ protected:
 
     /// Takes a count of its own, 1. The first one of the process builds the pool, which may throw `std::bad_alloc`; the
     /// next one then tries again.
-    RefCounted() : counter(nullptr) {
+    VESK_API_INLINE RefCounted() : counter(nullptr) {
         void* item = takeSpare();
         if (__builtin_expect(item == nullptr, 0)) {
             item = takeFromPool();
@@ -58,7 +58,7 @@ protected:
     }
 
     /// Shares the count of `other`.
-    RefCounted(RefCounted const& other) noexcept : counter(other.counter) {
+    VESK_API_INLINE RefCounted(RefCounted const& other) noexcept : counter(other.counter) {
         if (counter != nullptr) {
             counter->fetch_add(1);
         }
@@ -81,7 +81,7 @@ protected:
 
     /// Lets go of the count; the last one to do so frees what the handles share. Call it once for each handle, from the
     /// derived class's destructor.
-    void decrement() {
+    VESK_API_INLINE void decrement() {
         if (counter != nullptr && counter->fetch_sub(1) == 1) {
             endLast();
         }

@@ -31,12 +31,12 @@ public:
     bool getRandData(unsigned char* buffer, unsigned int size);
 
     /// Fill a number with random bytes. True on failure, as `getRandData`.
-    bool getRandByte(unsigned char& value) { return getRandData(&value, sizeof value); }
+    VESK_API_INLINE bool getRandByte(unsigned char& value) { return getRandData(&value, sizeof value); }
     bool getRandUInt32(unsigned int& value);
     bool getRandUInt64(unsigned long long& value);
 
     /// How good the data is, as far as somebody could tell: always 0.
-    int GetQuality() const noexcept { return 0; }
+    VESK_API_INLINE int GetQuality() const noexcept { return 0; }
 };
 
 } // namespace vesk

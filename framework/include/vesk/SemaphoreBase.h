@@ -35,7 +35,7 @@ public:
 
     /// Waits until the value is above 0, and decreases it (`sem_wait`, repeated while a signal interrupts it).
     /// @return true on failure: `CommonError` 1 on a closed object, else `SysError` 10
-    bool take() const {
+    VESK_API_INLINE bool take() const {
         sem_t* const opened = getSemaphore();
         return (opened == nullptr || sem_wait(opened) != 0) && handleTakeError(opened);
     }
@@ -52,7 +52,7 @@ public:
 
     /// Increases the value, and wakes one who waits (`sem_post`). Never blocks.
     /// @return true on failure: `CommonError` 1 on a closed object, `SysError` 0 at the highest value, else `SysError` 10
-    bool release() const {
+    VESK_API_INLINE bool release() const {
         sem_t* const opened = getSemaphore();
         return (opened == nullptr || sem_post(opened) != 0) && handleReleaseError(opened);
     }

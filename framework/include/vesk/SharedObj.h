@@ -42,10 +42,10 @@ public:
     SharedObj& operator=(SharedObj const&) = default;
 
     /// The last copy unloads what is loaded. A failure of that is a warning of `std::GlobalErrorHandler`.
-    ~SharedObj() override { decrement(); }
+    VESK_API_INLINE ~SharedObj() override { decrement(); }
 
     /// Whether something is loaded.
-    bool isValid() const noexcept { return handle != nullptr; }
+    VESK_API_INLINE bool isValid() const noexcept { return handle != nullptr; }
 
     /// Loads a shared object (`dlopen` with `RTLD_LAZY`), and what it depends on. Runs its initialisers; blocks for the
     /// file system. What was loaded before is unloaded first, and stays unloaded if the new one cannot be loaded.

@@ -13,10 +13,10 @@ namespace vesk {
 class VESK_API SystemError {
 public:
     /// Keeps the calling thread's `errno`.
-    SystemError() noexcept : m_error_number(errno) {}
+    VESK_API_INLINE SystemError() noexcept : m_error_number(errno) {}
 
     /// Keeps the given number, as the `pthread_*` functions return it.
-    explicit SystemError(int error_number) noexcept : m_error_number(error_number) {}
+    VESK_API_INLINE explicit SystemError(int error_number) noexcept : m_error_number(error_number) {}
 
     /// The system's text and the number, as in "Permission denied (errno = 13)". Re-entrant (`strerror_r`), callable
     /// from any thread, but not in a signal handler: it allocates, and throws `std::bad_alloc` if it cannot.

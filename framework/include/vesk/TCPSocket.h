@@ -1,5 +1,6 @@
 #pragma once
 
+#include <vesk/Export.h>
 #include <vesk/IPSocket.h>
 
 #include <cstdint>
@@ -26,7 +27,7 @@ namespace vesk {
 class VESK_API TCPSocket : public IPSocket {
 public:
     /// The largest segment, in bytes: a packet of 65535 less the headers of IP and TCP.
-    static constexpr uint32_t MAX_SEGMENT_SIZE = 65495;
+    VESK_API_INLINE static constexpr uint32_t MAX_SEGMENT_SIZE = 65495;
 
     /// How the system finds out that the peer of an idle connection is gone.
     struct KeepaliveSettings {

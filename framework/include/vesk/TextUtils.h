@@ -24,12 +24,12 @@ template <typename T>
 T const* getPathLiteral();
 
 template <>
-inline char const* getPathLiteral<char>() {
+VESK_API_INLINE inline char const* getPathLiteral<char>() {
     return "PATH";
 }
 
 template <>
-inline wchar_t const* getPathLiteral<wchar_t>() {
+VESK_API_INLINE inline wchar_t const* getPathLiteral<wchar_t>() {
     return L"PATH";
 }
 
@@ -39,12 +39,12 @@ template <typename S>
 S getExecutableSuffix();
 
 template <>
-inline std::string getExecutableSuffix<std::string>() {
+VESK_API_INLINE inline std::string getExecutableSuffix<std::string>() {
     return ProcessTNG::ExecutableSuffix;
 }
 
 template <>
-inline std::wstring getExecutableSuffix<std::wstring>() {
+VESK_API_INLINE inline std::wstring getExecutableSuffix<std::wstring>() {
     return UnicodeString(ProcessTNG::ExecutableSuffix);
 }
 

@@ -164,7 +164,7 @@ public:
     virtual ~Thread();
 
     /// Whether the constructor succeeded.
-    bool isValid() const noexcept { return m_valid; }
+    VESK_API_INLINE bool isValid() const noexcept { return m_valid; }
 
     /// Lets the body run. Once only. Does not block.
     /// @return true on failure, with the state as it was: `std::CommonError` 1 in any other state than `CREATED`; what
@@ -217,10 +217,10 @@ public:
     void callExitHandlers(ThreadId const& id, ExitReason reason);
 
     /// The thread's id. Takes no lock.
-    ThreadId getThreadId() const noexcept { return ThreadId(m_handle); }
+    VESK_API_INLINE ThreadId getThreadId() const noexcept { return ThreadId(m_handle); }
 
     /// The calling thread's id (`pthread_self`).
-    static ThreadId getCallerThreadId() noexcept { return ThreadId(pthread_self()); }
+    VESK_API_INLINE static ThreadId getCallerThreadId() noexcept { return ThreadId(pthread_self()); }
 
     /// Keeps the calling thread as the main thread; called by the start-up of the library. Always false.
     static bool init() noexcept;

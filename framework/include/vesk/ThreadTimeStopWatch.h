@@ -1,5 +1,6 @@
 #pragma once
 
+#include <vesk/Export.h>
 #include <vesk/StopWatchBase.h>
 
 namespace vesk {
@@ -15,7 +16,7 @@ namespace vesk {
 class ThreadTimeStopWatch : public StopWatchBase {
 public:
     /// @param auto_start  whether to `start` at once
-    explicit ThreadTimeStopWatch(bool auto_start) : StopWatchBase(CLOCK_THREAD_CPUTIME_ID) {
+    VESK_API_INLINE explicit ThreadTimeStopWatch(bool auto_start) : StopWatchBase(CLOCK_THREAD_CPUTIME_ID) {
         if (auto_start) {
             start();
         }

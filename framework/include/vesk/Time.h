@@ -41,7 +41,7 @@ public:
     /// `CLOCK_MONOTONIC`). Does not block; callable in a signal handler.
     /// @param ms  set to the time
     /// @return false: it cannot fail
-    static bool getTime(long long& ms) noexcept {
+    VESK_API_INLINE static bool getTime(long long& ms) noexcept {
         ms = tarnbase::TimePoint::now().getCount();
         return false;
     }

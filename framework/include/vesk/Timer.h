@@ -99,9 +99,11 @@ public:
     bool snooze();
 
     /// In milliseconds; 0 before the first `start`.
-    unsigned int getInterval() const noexcept { return m_interval.load(std::memory_order_relaxed); }
+    VESK_API_INLINE unsigned int getInterval() const noexcept {
+        return m_interval.load(std::memory_order_relaxed);
+    }
 
-    bool isPeriodic() const noexcept { return m_periodic.load(std::memory_order_relaxed); }
+    VESK_API_INLINE bool isPeriodic() const noexcept { return m_periodic.load(std::memory_order_relaxed); }
 
     /// What the engine calls at each expiry, in its thread and with its lock held.
     /// @param timer  a `Timer*`

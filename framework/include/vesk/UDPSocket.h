@@ -1,5 +1,6 @@
 #pragma once
 
+#include <vesk/Export.h>
 #include <vesk/IPSocket.h>
 
 #include <cstdint>
@@ -45,7 +46,7 @@ namespace vesk {
 class VESK_API UDPSocket : public IPSocket {
 public:
     /// What fits into one datagram, in bytes: what IP allows without the headers of IP and UDP.
-    static constexpr uint32_t MAX_TEL_SIZE = 65507;
+    VESK_API_INLINE static constexpr uint32_t MAX_TEL_SIZE = 65507;
 
     /// Makes a socket that is neither bound nor connected (`socket`, closed by `exec`). Both addresses are resolved, see
     /// `IPSocket`.

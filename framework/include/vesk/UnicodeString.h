@@ -65,7 +65,7 @@ public:
     /// Lets go of its text, and shares that of `other`.
     UnicodeString& operator=(UnicodeString const& other) = default;
 
-    ~UnicodeString() override { decrement(); }
+    VESK_API_INLINE ~UnicodeString() override { decrement(); }
 
     /// The text in wide characters (`mbsrtowcs`). Empty for an empty text and for one that is malformed in the locale's
     /// encoding: the two cannot be told apart.

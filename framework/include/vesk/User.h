@@ -19,7 +19,7 @@ namespace vesk {
 class VESK_API User {
 public:
     /// The id of no user.
-    static constexpr long long BAD_ID = -1;
+    VESK_API_INLINE static constexpr long long BAD_ID = -1;
 
     /// The name of no user, empty.
     static std::string const BAD_NAME;

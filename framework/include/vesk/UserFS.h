@@ -16,7 +16,7 @@ class IFileSystem;
 class VESK_API UserFS {
 public:
     /// Does nothing; the argument has no effect.
-    explicit UserFS(bool) noexcept {}
+    VESK_API_INLINE explicit UserFS(bool) noexcept {}
 
     /// Always fails, with `SysError` 6 and the text "No FUSE available". Neither argument is looked at.
     /// @return true
@@ -24,11 +24,11 @@ public:
 
     /// Does nothing.
     /// @return false
-    bool unmount() noexcept { return false; }
+    VESK_API_INLINE bool unmount() noexcept { return false; }
 
     /// A step of the library's start-up, in which there is nothing to do.
     /// @return false
-    static bool init() noexcept { return false; }
+    VESK_API_INLINE static bool init() noexcept { return false; }
 };
 
 } // namespace vesk

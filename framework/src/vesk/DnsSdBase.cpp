@@ -68,6 +68,8 @@ std::string DnsSdBase::unescape(char const*& cursor, char const* stop_chars) {
     return result;
 }
 
+DnsSdBase::Txt::Txt() = default;
+
 DnsSdBase::Txt::Txt(unsigned short size, void const* data) {
     auto const* at = static_cast<char const*>(data);
     char const* const end = at + size;

@@ -46,7 +46,7 @@ protected:
     /// Moves the position. What the get area holds is dropped, and also what the put area holds: `sync` goes before a seek
     /// that follows a write. The mode is not used.
     /// @return the new position; -1 on failure, with everything as it was
-    pos_type seekoff(
+    TARN_API_INLINE pos_type seekoff(
         off_type offset, ios_base::seekdir way, ios_base::openmode = ios_base::in | ios_base::out) override {
         long long distance = offset;
         if (way == ios_base::cur && m_reading) {
@@ -57,7 +57,8 @@ protected:
     }
 
     /// The same for a position that was told before; its conversion state is not restored.
-    pos_type seekpos(pos_type position, ios_base::openmode = ios_base::in | ios_base::out) override {
+    TARN_API_INLINE pos_type
+    seekpos(pos_type position, ios_base::openmode = ios_base::in | ios_base::out) override {
         return moveTo(static_cast<off_type>(position), ios_base::beg);
     }
 

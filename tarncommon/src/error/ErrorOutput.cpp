@@ -4,6 +4,10 @@
 
 #include <tarncommon/error/ErrorStorage.h>
 
+#include <algorithm>
+#include <climits>
+#include <cstdarg>
+#include <cstdint>
 #include <cstring>
 
 namespace std {
@@ -51,6 +55,19 @@ void putRow(TextWriter& writer, char const* format, ErrorArgument const* args, u
     }
 }
 
+/// Tells the argument of a `%s` by its value: small numbers, negative ones included, are no addresses of texts. Only the
+/// lower half of a 64-bit argument is defined if the caller passed an `int`.
+ErrorArgument tellText(char const* value) noexcept {
+    constexpr int LARGEST_NUMBER = 4095;
+    auto const address = reinterpret_cast<uintptr_t>(value);
+    auto const number = static_cast<int32_t>(address);
+    bool const extended =
+        address == static_cast<uintptr_t>(number) || address == static_cast<uint32_t>(number);
+    return value != nullptr && extended && number >= -LARGEST_NUMBER && number <= LARGEST_NUMBER
+        ? ErrorArgument(number)
+        : ErrorArgument(value);
+}
+
 } // namespace
 
 void ErrorOutput::make(
@@ -74,6 +91,28 @@ void ErrorOutput::make(
     report.m_id = id;
     report.m_length = static_cast<unsigned int>(length);
     memcpy(report.m_text, text, length + 1);
+}
+
+/// A `%s` takes a text, any other conversion an `int`.
+void ErrorOutput::reportVariadic(ErrorType const& type, int id, ...) const noexcept {
+    constexpr unsigned int MAX_ARGUMENTS = 8;
+    ErrorArgument list[MAX_ARGUMENTS] = {0, 0, 0, 0, 0, 0, 0, 0};
+    ErrorID const* const row = type.getRow(id);
+    unsigned int const wanted = row != nullptr ? static_cast<unsigned int>(row->nargs) : 0;
+    unsigned int count = 0;
+    va_list args;
+    va_start(args, id);
+    char const* at = wanted != 0 ? strchr(row->format, '%') : nullptr;
+    while (at != nullptr && at[1] != '\0' && count < min(wanted, MAX_ARGUMENTS)) {
+        if (at[1] == 's') {
+            list[count++] = tellText(va_arg(args, char const*));
+        } else if (at[1] != '%') {
+            list[count++] = va_arg(args, int);
+        }
+        at = strchr(at + 2, '%');
+    }
+    va_end(args);
+    make(type, id, list, count);
 }
 
 void ErrorOutput::operator()(ErrorObject const& object) const noexcept {

@@ -76,6 +76,13 @@ void append(string& text, char32_t code_point) {
 
 } // namespace
 
+String::String() noexcept = default;
+String::String(String const& other) = default;
+String::String(String&& other) noexcept = default;
+String& String::operator=(String const& other) = default;
+String& String::operator=(String&& other) noexcept = default;
+String::~String() = default;
+
 String String::fromUTF8(string const& text) {
     u32string result;
     result.reserve(text.size());

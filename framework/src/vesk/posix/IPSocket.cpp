@@ -177,6 +177,8 @@ void IPSocket::IPAddress::getBinary(
     scope = in.sin6_scope_id;
 }
 
+IPSocket::IPResolver::IPResolver() = default;
+
 IPSocket::IPResolver::~IPResolver() {
     if (m_resolve_handle.results != nullptr) {
         freeaddrinfo(m_resolve_handle.results);

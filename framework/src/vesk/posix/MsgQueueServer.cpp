@@ -44,6 +44,8 @@ bool removeName(char const* name) {
 
 } // namespace
 
+MsgQueueServer::~MsgQueueServer() = default;
+
 bool MsgQueueServer::create(
     char const* client_name, unsigned int msg_size, unsigned int max_msgs,
     Creatable::CreationStrategy const& strategy) {

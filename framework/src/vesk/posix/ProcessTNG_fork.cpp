@@ -256,7 +256,7 @@ public:
         delete[] envp;
     }
 
-    char** getArgs() noexcept {
+    [[gnu::used]] VESK_API char** getArgs() noexcept {
         if (argv == nullptr) {
             size_t const count = m_arguments->size();
             argv = insist([count] { return new (std::nothrow) char*[count + 2]; }, "getArgs");
@@ -270,7 +270,7 @@ public:
         return argv;
     }
 
-    char** getEnv() noexcept {
+    [[gnu::used]] VESK_API char** getEnv() noexcept {
         if (envp == nullptr) {
             size_t const count = m_environment->size();
             envp = insist([count] { return new (std::nothrow) char*[count + 1]; }, "getEnv");

@@ -15,7 +15,7 @@ public:
     static constexpr unsigned int TEXT_SIZE = 512;
 
     /// An empty report: no family, id -1, no text.
-    constexpr ErrorObject() noexcept = default;
+    TARN_API_INLINE constexpr ErrorObject() noexcept {}
 
     /// Copies the report itself. The copy stands alone: its `next` is null, since the chain of the source may be
     /// gone at any time.

@@ -66,7 +66,7 @@ public:
     /// @param new_chain  true: the report is the root cause of a new chain, and what is pending is given up.
     ///                   False: it goes on top of the pending chain, or starts one if none is pending. Pass
     ///                   `!ErrorStorage::isError(true)` where a lower level may or may not have reported.
-    ErrorOutput(char const* file, int line, bool new_chain) noexcept
+    TARN_API_INLINE ErrorOutput(char const* file, int line, bool new_chain) noexcept
         : m_file(file), m_line(line), m_new_chain(new_chain) {}
 
     /// Reports the row `id` of `type` with the arguments that the row asks for.
@@ -90,6 +90,11 @@ public:
 
 private:
     void make(ErrorType const& type, int id, ErrorArgument const* args, unsigned int count) const noexcept;
+
+    // `operator()(ErrorType const&, int, ...)` for programs that were linked against it. Callers that compile must not find
+    // it: it cannot see the types of its arguments, nor that there are none.
+    void reportVariadic(ErrorType const& type, int id, ...) const noexcept
+        __asm__("_ZNKSt11ErrorOutputclERKSt9ErrorTypeiz");
 
     char const* m_file;
     int m_line;

@@ -25,10 +25,12 @@ struct ErrorID {
 class TARN_API ErrorType {
 public:
     /// A family without a parent. `rows` must outlive the family.
-    constexpr ErrorType(ErrorID const* rows, unsigned int count) noexcept : m_rows(rows), m_count(count) {}
+    TARN_API_INLINE constexpr ErrorType(ErrorID const* rows, unsigned int count) noexcept
+        : m_rows(rows), m_count(count) {}
 
     /// A family that derives from `parent`: its reports also count as the parent's in `ErrorStorage::isA`.
-    constexpr ErrorType(ErrorID const* rows, unsigned int count, ErrorType const& parent) noexcept
+    TARN_API_INLINE constexpr ErrorType(
+        ErrorID const* rows, unsigned int count, ErrorType const& parent) noexcept
         : m_rows(rows), m_count(count), m_parent(&parent) {}
 
     ErrorType(ErrorType const&) = delete;

@@ -37,7 +37,7 @@ public:
     /// @return 1 done, in non-blocking mode also with nothing there and a `read` of 0; 0 at the end of the stream, with
     ///         `StreamError` 2 pending and `read` telling what came before it; -1 on failure: `StreamError` 0 without the
     ///         buffer that the stream was made for, else what `performRead` or `checkReadBufferConsistency` reported
-    int read(void* buffer, unsigned int size, unsigned int& read) {
+    TARN_API_INLINE int read(void* buffer, unsigned int size, unsigned int& read) {
         // A buffer that holds something shows that reading was the last direction: nothing is to be made consistent.
         if (__builtin_expect(size - 1 < m_end - m_pos, 1)) {
             memcpy(buffer, m_buffer + m_pos, size);

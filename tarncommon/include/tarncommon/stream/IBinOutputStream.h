@@ -37,7 +37,7 @@ public:
     /// @return 1 done, in non-blocking mode also with a `written` of 0; -1 on failure: `StreamError` 0 without the buffer
     ///         that the stream was made for, else what `performWrite` or `checkWriteBufferConsistency` reported. What
     ///         is buffered stays so.
-    int write(void const* buffer, unsigned int size, unsigned int& written) {
+    TARN_API_INLINE int write(void const* buffer, unsigned int size, unsigned int& written) {
         // A buffer that holds something shows that writing was the last direction: nothing is to be made consistent.
         if (__builtin_expect(m_pos != m_end && size - 1 < m_buffer_size - m_end, 1)) {
             memcpy(m_buffer + m_end, buffer, size);

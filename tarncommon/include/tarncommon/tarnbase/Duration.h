@@ -1,22 +1,36 @@
 #pragma once
 
+#include <tarncommon/Export.h>
+
 namespace tarnbase {
 
 /// A length of time in milliseconds, in 64 bits.
 class Duration {
 public:
     constexpr Duration() noexcept = default;
-    constexpr explicit Duration(long long ms) noexcept : m_ms(ms) {}
+    TARN_API_INLINE constexpr explicit Duration(long long ms) noexcept : m_ms(ms) {}
 
     /// The count of milliseconds.
-    constexpr long long getCount() const noexcept { return m_ms; }
+    TARN_API_INLINE constexpr long long getCount() const noexcept { return m_ms; }
 
-    friend constexpr bool operator==(Duration a, Duration b) noexcept { return a.m_ms == b.m_ms; }
-    friend constexpr bool operator!=(Duration a, Duration b) noexcept { return a.m_ms != b.m_ms; }
-    friend constexpr bool operator<(Duration a, Duration b) noexcept { return a.m_ms < b.m_ms; }
-    friend constexpr bool operator<=(Duration a, Duration b) noexcept { return a.m_ms <= b.m_ms; }
-    friend constexpr bool operator>(Duration a, Duration b) noexcept { return a.m_ms > b.m_ms; }
-    friend constexpr bool operator>=(Duration a, Duration b) noexcept { return a.m_ms >= b.m_ms; }
+    TARN_API_INLINE friend constexpr bool operator==(Duration a, Duration b) noexcept {
+        return a.m_ms == b.m_ms;
+    }
+    TARN_API_INLINE friend constexpr bool operator!=(Duration a, Duration b) noexcept {
+        return a.m_ms != b.m_ms;
+    }
+    TARN_API_INLINE friend constexpr bool operator<(Duration a, Duration b) noexcept {
+        return a.m_ms < b.m_ms;
+    }
+    TARN_API_INLINE friend constexpr bool operator<=(Duration a, Duration b) noexcept {
+        return a.m_ms <= b.m_ms;
+    }
+    TARN_API_INLINE friend constexpr bool operator>(Duration a, Duration b) noexcept {
+        return a.m_ms > b.m_ms;
+    }
+    TARN_API_INLINE friend constexpr bool operator>=(Duration a, Duration b) noexcept {
+        return a.m_ms >= b.m_ms;
+    }
 
 private:
     long long m_ms = 0;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarncommon/Export.h>
+
 namespace tarnbase {
 
 /// Base of the classes that own something of the system: neither copied nor assigned.

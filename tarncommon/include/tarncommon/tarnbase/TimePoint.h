@@ -15,35 +15,47 @@ public:
     static TimePoint const MAX;
 
     constexpr TimePoint() noexcept = default;
-    constexpr explicit TimePoint(long long ms) noexcept : m_ms(ms) {}
+    TARN_API_INLINE constexpr explicit TimePoint(long long ms) noexcept : m_ms(ms) {}
 
     /// Reads the clock with `clock_gettime`, rounded down to the millisecond. Cannot fail; callable from any thread and
     /// in a signal handler.
-    static TimePoint now() noexcept {
+    TARN_API_INLINE static TimePoint now() noexcept {
         timespec time{};
         clock_gettime(CLOCK_MONOTONIC, &time);
         return TimePoint(static_cast<long long>(time.tv_sec) * 1000 + time.tv_nsec / 1000000);
     }
 
     /// The count of milliseconds.
-    constexpr long long getCount() const noexcept { return m_ms; }
+    TARN_API_INLINE constexpr long long getCount() const noexcept { return m_ms; }
 
     /// The same moment for a system call that takes an absolute deadline on `CLOCK_MONOTONIC`. What the system's
     /// `time_t` cannot hold becomes its largest value, a negative moment 0.
     timespec toTimespec() const noexcept;
 
-    friend constexpr Duration operator-(TimePoint a, TimePoint b) noexcept {
+    TARN_API_INLINE friend constexpr Duration operator-(TimePoint a, TimePoint b) noexcept {
         return Duration(a.m_ms - b.m_ms);
     }
-    friend constexpr TimePoint operator+(TimePoint a, Duration b) noexcept {
+    TARN_API_INLINE friend constexpr TimePoint operator+(TimePoint a, Duration b) noexcept {
         return TimePoint(a.m_ms + b.getCount());
     }
-    friend constexpr bool operator==(TimePoint a, TimePoint b) noexcept { return a.m_ms == b.m_ms; }
-    friend constexpr bool operator!=(TimePoint a, TimePoint b) noexcept { return a.m_ms != b.m_ms; }
-    friend constexpr bool operator<(TimePoint a, TimePoint b) noexcept { return a.m_ms < b.m_ms; }
-    friend constexpr bool operator<=(TimePoint a, TimePoint b) noexcept { return a.m_ms <= b.m_ms; }
-    friend constexpr bool operator>(TimePoint a, TimePoint b) noexcept { return a.m_ms > b.m_ms; }
-    friend constexpr bool operator>=(TimePoint a, TimePoint b) noexcept { return a.m_ms >= b.m_ms; }
+    TARN_API_INLINE friend constexpr bool operator==(TimePoint a, TimePoint b) noexcept {
+        return a.m_ms == b.m_ms;
+    }
+    TARN_API_INLINE friend constexpr bool operator!=(TimePoint a, TimePoint b) noexcept {
+        return a.m_ms != b.m_ms;
+    }
+    TARN_API_INLINE friend constexpr bool operator<(TimePoint a, TimePoint b) noexcept {
+        return a.m_ms < b.m_ms;
+    }
+    TARN_API_INLINE friend constexpr bool operator<=(TimePoint a, TimePoint b) noexcept {
+        return a.m_ms <= b.m_ms;
+    }
+    TARN_API_INLINE friend constexpr bool operator>(TimePoint a, TimePoint b) noexcept {
+        return a.m_ms > b.m_ms;
+    }
+    TARN_API_INLINE friend constexpr bool operator>=(TimePoint a, TimePoint b) noexcept {
+        return a.m_ms >= b.m_ms;
+    }
 
 private:
     long long m_ms = 0;

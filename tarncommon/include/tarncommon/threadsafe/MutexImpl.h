@@ -25,13 +25,13 @@ public:
     ~MutexImpl();
 
     /// Waits for the lock. 0 done; `ERROR_INCONSISTENCY`; any other value is another failure. `pthread_mutex_lock`.
-    int lock() noexcept {
+    TARN_API_INLINE int lock() noexcept {
         int const error = pthread_mutex_lock(&m_mutex);
         return __builtin_expect(error == 0, 1) ? 0 : classify(error);
     }
 
     /// Lets go of the lock; results as for `lock`. `pthread_mutex_unlock`.
-    int unlock() noexcept {
+    TARN_API_INLINE int unlock() noexcept {
         int const error = pthread_mutex_unlock(&m_mutex);
         return __builtin_expect(error == 0, 1) ? 0 : classify(error);
     }

@@ -20,7 +20,7 @@ public:
     void set(void* value);
 
     /// The calling thread's value. Takes no lock.
-    void* get() const noexcept { return pthread_getspecific(m_key); }
+    TARN_API_INLINE void* get() const noexcept { return pthread_getspecific(m_key); }
 
 private:
     pthread_key_t m_key{};

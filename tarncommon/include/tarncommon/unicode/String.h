@@ -10,10 +10,10 @@
 namespace std::unicode {
 
 /// U+FEFF, the byte-order mark.
-inline constexpr unsigned int BOM = 0xFEFF;
+TARN_API_INLINE inline constexpr unsigned int BOM = 0xFEFF;
 
 /// U+FFFD, which stands for what cannot be shown or read.
-inline constexpr unsigned int REPLACEMENT_CHAR = 0xFFFD;
+TARN_API_INLINE inline constexpr unsigned int REPLACEMENT_CHAR = 0xFFFD;
 
 /// A text as a sequence of Unicode code points, one element each: lengths, positions and iterators count code points.
 ///
@@ -76,10 +76,16 @@ public:
     using const_iterator = Iterator;
 
     /// An empty text.
-    String() noexcept = default;
+    String() noexcept;
+
+    String(String const& other);
+    String(String&& other) noexcept;
+    String& operator=(String const& other);
+    String& operator=(String&& other) noexcept;
+    ~String();
 
     /// A text of one character. A code point can stand where a text is asked for: `name + REPLACEMENT_CHAR`.
-    String(unsigned int code_point) : m_text(1, static_cast<char32_t>(code_point)) {}
+    TARN_API_INLINE String(unsigned int code_point) : m_text(1, static_cast<char32_t>(code_point)) {}
 
     /// Reads UTF-8. What is malformed becomes `REPLACEMENT_CHAR`: one for each sequence that breaks off, as long as it was
     /// the beginning of a well-formed one, and one for each byte that begins none. Overlong forms, surrogates and what lies
@@ -90,12 +96,14 @@ public:
     string toUTF8() const;
 
     /// How many code points there are.
-    unsigned int getLength() const noexcept { return static_cast<unsigned int>(m_text.size()); }
+    TARN_API_INLINE unsigned int getLength() const noexcept {
+        return static_cast<unsigned int>(m_text.size());
+    }
 
     bool isEmpty() const noexcept { return m_text.empty(); }
 
-    Iterator begin() const noexcept { return Iterator(m_text.data()); }
-    Iterator end() const noexcept { return Iterator(m_text.data() + m_text.size()); }
+    TARN_API_INLINE Iterator begin() const noexcept { return Iterator(m_text.data()); }
+    TARN_API_INLINE Iterator end() const noexcept { return Iterator(m_text.data() + m_text.size()); }
 
     /// `count` characters from position `first` on, which counts from 0. A `first` below 0 counts as 0, one beyond the end
     /// gives an empty text; so does a negative `count`; one that reaches beyond the end gives what there is.
@@ -110,11 +118,13 @@ public:
         return *this;
     }
 
-    friend String operator+(String a, String const& b) {
+    TARN_API_INLINE friend String operator+(String a, String const& b) {
         a += b;
         return a;
     }
-    friend bool operator==(String const& a, String const& b) noexcept { return a.m_text == b.m_text; }
+    TARN_API_INLINE friend bool operator==(String const& a, String const& b) noexcept {
+        return a.m_text == b.m_text;
+    }
     friend bool operator!=(String const& a, String const& b) noexcept { return a.m_text != b.m_text; }
 
 private:

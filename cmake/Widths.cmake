@@ -1,0 +1,27 @@
+# The widths of file offsets and times that the compiler and its flags give: TARN_FILE_OFFSET_BITS, TARN_TIME_BITS, and
+# VESK_WIDTH_DEFINITIONS, what a program must define to have the same. The widths are measured, not taken from the flags:
+# some toolchains define them by themselves.
+include(CheckTypeSize)
+
+# A changed flag asks for a new measurement.
+string(MD5 widths_key "${CMAKE_CXX_COMPILER} ${CMAKE_CXX_FLAGS}")
+set(CMAKE_EXTRA_INCLUDE_FILES ctime sys/types.h)
+check_type_size(off_t VESK_OFF_T_${widths_key} LANGUAGE CXX)
+check_type_size(time_t VESK_TIME_T_${widths_key} LANGUAGE CXX)
+unset(CMAKE_EXTRA_INCLUDE_FILES)
+if(NOT VESK_OFF_T_${widths_key} OR NOT VESK_TIME_T_${widths_key})
+    message(FATAL_ERROR "The widths of off_t and time_t cannot be measured")
+endif()
+math(EXPR TARN_FILE_OFFSET_BITS "8 * ${VESK_OFF_T_${widths_key}}")
+math(EXPR TARN_TIME_BITS "8 * ${VESK_TIME_T_${widths_key}}")
+
+# Where pointers have 64 bits, offsets and times have no other width.
+set(VESK_WIDTH_DEFINITIONS)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    if(TARN_FILE_OFFSET_BITS EQUAL 64)
+        list(APPEND VESK_WIDTH_DEFINITIONS _FILE_OFFSET_BITS=64)
+    endif()
+    if(TARN_TIME_BITS EQUAL 64)
+        list(APPEND VESK_WIDTH_DEFINITIONS _TIME_BITS=64)
+    endif()
+endif()
