@@ -1,7 +1,12 @@
 #pragma once
 
+#include <vesk/common/CancellationOff.h>
+
 #include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
+
+#include <type_traits>
+#include <utility>
 
 namespace std {
 
@@ -14,8 +19,9 @@ struct NoopResultConv {
 ///
 ///     std::ScopeGuard<File, bool (File::*)()> const guard(file, &File::close);
 ///
-/// A function that reports failure trips an assertion, since nobody is left to handle it. An exception out of the
-/// function ends the process with `std::terminate`. A guard belongs to one thread; it costs no heap and takes no lock.
+/// A function that reports failure trips an assertion: a destructor has no caller to tell. An exception out of the
+/// function ends the process with `std::terminate`. The cancellation of the thread is disabled while the function runs,
+/// unless that is `noexcept` or `T` is a lock. A guard belongs to one thread; it costs no heap and takes no lock.
 ///
 /// @tparam T           the object's class, const if the function is
 /// @tparam Member      pointer to the member function: no arguments, a result that `ResultConv` takes
@@ -34,6 +40,8 @@ public:
         if (m_released || !m_armed) {
             return;
         }
+        [[maybe_unused]] conditional_t<MAY_BE_CANCELLED, vesk::detail::CancellationOff, Nothing> const
+            cancellation_off;
         bool const release_failed = ResultConv()((m_object->*m_function)());
         if (release_failed) {
             GlobalErrorHandler::doAssert(
@@ -53,6 +61,16 @@ public:
     bool isArmed() const noexcept { return m_armed; }
 
 private:
+    struct Nothing {};
+
+    /// Unlocking reaches no cancellation point, and is worth the time that is saved.
+    template <typename U>
+    static auto isLock(U& object) -> decltype(object.lock(), object.unlock(), true_type());
+    static false_type isLock(...);
+
+    static constexpr bool MAY_BE_CANCELLED =
+        !is_nothrow_invocable_v<Member, T&> && !decltype(isLock(declval<T&>()))::value;
+
     T* m_object;
     Member m_function;
     bool m_released = false;

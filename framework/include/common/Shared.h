@@ -1,6 +1,7 @@
 #pragma once
 
 #include <vesk/common/AbortingLock.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
@@ -101,6 +102,7 @@ protected:
             GlobalErrorHandler::doAssert(false, "shared->refcount!=0", SOURCE, __LINE__, "~PtrBase", nullptr);
         }
         if (shared->refcount.fetch_sub(1) == 1) {
+            vesk::detail::CancellationOff const cancellation_off;
             shared->destroy();
         }
     }
@@ -159,7 +161,7 @@ public:
         return *this;
     }
 
-    /// Lets go of the reference, and destroys the object if it was the last.
+    /// Lets go of the reference, and destroys the object if it was the last, with the cancellation of the thread disabled.
     ~Ptr() = default;
 
     T* get() const noexcept { return m_object; }

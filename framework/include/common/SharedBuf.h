@@ -1,6 +1,7 @@
 #pragma once
 
 #include <vesk/Export.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/PseudoFalse.h>
 
@@ -27,7 +28,7 @@ public:
         virtual ~Owner() = default;
 
         /// Frees the memory of `buf`, its count included if that belongs to it. Called by the thread that lets go of the
-        /// last reference.
+        /// last reference, with the cancellation of that thread disabled.
         virtual void free(SharedBuf const& buf) = 0;
     };
 
@@ -75,6 +76,8 @@ public:
             return;
         }
         if (m_count->fetch_sub(1) == 1 && m_owner != nullptr) {
+            // The destructor comes here, and an owner may reach any cancellation point.
+            vesk::detail::CancellationOff const cancellation_off;
             m_owner->free(*this);
         }
     }

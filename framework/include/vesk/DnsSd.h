@@ -75,7 +75,8 @@ private:
 };
 
 /// What finds services: to be derived from by whoever brings one. The constructors of the synchronous clients call the
-/// first four operations, their destructors `cancel`; any thread may do so, also several at once.
+/// first four operations, their destructors `cancel`, with the cancellation of the thread disabled; any thread may do so,
+/// also several at once.
 ///
 ///     class Resident : public vesk::DnsSd::Engine { ... };
 ///

@@ -74,7 +74,7 @@ public:
     void remove(int fd);
 
     /// Makes one call of `poll` return true: that under way or else the next. As many stops, as many calls. Takes no
-    /// lock.
+    /// lock. Not a cancellation point, as `add` and `remove` are none.
     void stop();
 
     /// One cycle: applies the changes, waits without a limit until something is ready, and calls back. All failed

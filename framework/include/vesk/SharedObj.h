@@ -48,13 +48,15 @@ public:
     VESK_API_INLINE bool isValid() const noexcept { return handle != nullptr; }
 
     /// Loads a shared object (`dlopen` with `RTLD_LAZY`), and what it depends on. Runs its initialisers; blocks for the
-    /// file system. What was loaded before is unloaded first, and stays unloaded if the new one cannot be loaded.
+    /// file system. What was loaded before is unloaded first, and stays unloaded if the new one cannot be loaded. Not a
+    /// cancellation point, whatever the initialisers do.
     /// @param path  a file, with a '/' in it, or a name that the dynamic loader looks for
     /// @return true on failure: `Error` 0; on top of the reports of `unload` if it was that, and the old one is still
     ///         loaded; `CommonError` 1 if `path` is null
     bool load(char const* path);
 
-    /// Lets go of what is loaded (`dlclose`): it leaves the process unless others have loaded it too.
+    /// Lets go of what is loaded (`dlclose`): it leaves the process unless others have loaded it too. Not a cancellation
+    /// point, whatever its finalisers do.
     /// @return true on failure: `Error` 1, it is still loaded; `CommonError` 1 if nothing is loaded
     bool unload();
 

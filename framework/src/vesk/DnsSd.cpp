@@ -81,6 +81,8 @@ DnsSd::Engine* DnsSd::Client::enlist() {
 }
 
 void DnsSd::Client::leave() {
+    // The destructors of the clients call this, and an engine may reach any cancellation point.
+    detail::CancellationOff const cancellation_off;
     if (m_engine != nullptr) {
         m_engine->cancel(*this);
         m_thread = ThreadReference();

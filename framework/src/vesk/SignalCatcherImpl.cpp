@@ -153,6 +153,8 @@ void SignalCatcherImpl::waitForHandlers() const {
 }
 
 void SignalCatcherImpl::enqueue_signal(int signal_number) {
+    // The signal may have interrupted a destructor, out of which a thread must not be unwound.
+    detail::CancellationOff const cancellation_off;
     if (signal_number < 0) {
         fail("signal>=0", "enqueue_signal");
         return;

@@ -1,5 +1,6 @@
 #include <tarncommon/error/ErrorStorage.h>
 
+#include "CancellationOff.h"
 #include "ChainText.h"
 #include "TextWriter.h"
 
@@ -108,6 +109,7 @@ void ErrorStorage::Chain::giveUp(char const* reason) noexcept {
     }
     m_pending = false;
     if (m_action != nullptr) {
+        tarnbase::detail::CancellationOff const cancellation_off;
         m_action(m_owner, reason, m_head, m_count);
     }
 }

@@ -1,5 +1,6 @@
 #include <tarncommon/error/GlobalErrorHandler.h>
 
+#include "CancellationOff.h"
 #include "TextWriter.h"
 
 #include <atomic>
@@ -13,6 +14,7 @@ namespace std {
 
 namespace {
 
+using tarnbase::detail::CancellationOff;
 using tarnbase::detail::TextWriter;
 
 constexpr long OUT_OF_MEMORY_WAIT_NS = 100L * 1000 * 1000;
@@ -82,6 +84,8 @@ private:
 
 /// Shows the event to the hook, then prints it. True if the hook keeps the rest of the default action from running.
 bool handle(GlobalErrorHandler::Event const& event) {
+    // Destructors and `noexcept` functions come here, and a hook may reach any cancellation point.
+    CancellationOff const cancellation_off;
     GlobalErrorHandler::Hook const* const hook = s_hook.load(memory_order_acquire);
     if (hook != nullptr && hook->call(event, hook->context)) {
         return true;
@@ -137,6 +141,8 @@ void GlobalErrorHandler::doOutOfMem(
     va_end(args);
     bool const kept = handle({Kind::OUT_OF_MEMORY, nullptr, file, line, function, message.get()});
     if (!kept) {
+        // The allocators of `noexcept` functions wait here.
+        CancellationOff const cancellation_off;
         // A signal may shorten the wait: the caller tries again either way.
         timespec const wait{0, OUT_OF_MEMORY_WAIT_NS};
         nanosleep(&wait, nullptr);

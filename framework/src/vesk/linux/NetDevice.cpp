@@ -4,6 +4,7 @@
 #include "vesk/posix/SystemErrorText.h"
 
 #include <vesk/SysError.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/CommonError.h>
 
@@ -102,6 +103,7 @@ struct if_nameindex* makeList(unsigned int index, char const* name) noexcept {
 }
 
 bool isNumeric(char const* text) noexcept {
+    CancellationOff const cancellation_off;
     addrinfo hints{};
     hints.ai_flags = AI_NUMERICHOST;
     hints.ai_socktype = SOCK_DGRAM;
@@ -143,6 +145,7 @@ NetDevice::NetDevice(char const* name) {
 }
 
 NetDevice::~NetDevice() {
+    CancellationOff const cancellation_off;
     if (m_control_fd != -1) {
         close(m_control_fd);
     }

@@ -5,6 +5,7 @@
 
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
@@ -27,9 +28,10 @@ constexpr char const* SOURCE = "framework/src/vesk/linux/ProcessInfo";
 /// A file under /proc, closed on every way out.
 class ProcFile : private tarnbase::NonCopyable {
 public:
-    explicit ProcFile(char const* path) noexcept : m_fd(open(path, O_RDONLY | O_CLOEXEC)) {}
+    explicit ProcFile(char const* path) : m_fd(open(path, O_RDONLY | O_CLOEXEC)) {}
     ~ProcFile() {
         if (isOpen()) {
+            CancellationOff const cancellation_off;
             close(m_fd);
         }
     }
@@ -38,7 +40,7 @@ public:
 
     /// Reads as much as there is room for. True on failure.
     template <size_t N>
-    bool readText(char (&text)[N]) const noexcept {
+    bool readText(char (&text)[N]) const {
         ssize_t const length = read(m_fd, text, N - 1);
         if (length < 0) {
             return true;

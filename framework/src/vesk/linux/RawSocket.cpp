@@ -2,6 +2,8 @@
 
 #include "vesk/posix/SocketPosixCommon.h"
 
+#include <vesk/common/CancellationOff.h>
+
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -66,6 +68,7 @@ RawSocket::RawSocket(bool blocking, unsigned int read_buffer, unsigned int write
     : Socket(blocking, read_buffer, write_buffer) {}
 
 RawSocket::~RawSocket() {
+    CancellationOff const cancellation_off;
     if (m_object_valid && m_socket_state != DEAD) {
         std::GlobalErrorHandler::doAssert(
             m_socket_state != OPEN, "this->getState() != OPEN", SOURCE, __LINE__, "~RawSocket", nullptr);

@@ -4,6 +4,7 @@
 
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/tarnbase/NonCopyable.h>
 
@@ -20,7 +21,10 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/linux/SystemLoad";
 
 struct Closer {
-    void operator()(FILE* file) const noexcept { fclose(file); }
+    void operator()(FILE* file) const noexcept {
+        CancellationOff const cancellation_off;
+        fclose(file);
+    }
 };
 
 /// The calling thread reads numbers as the kernel writes them, whatever the process's locale does to the decimal point.

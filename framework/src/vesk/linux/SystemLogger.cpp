@@ -1,6 +1,7 @@
 #include <vesk/SystemLogger.h>
 
 #include <vesk/common/AbortingLock.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <syslog.h>
 
@@ -44,6 +45,7 @@ SystemLogger::SystemLogger() {
 }
 
 SystemLogger::~SystemLogger() {
+    detail::CancellationOff const cancellation_off;
     closeLog();
 }
 

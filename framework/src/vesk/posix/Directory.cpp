@@ -7,6 +7,7 @@
 #include <vesk/FileAccessError.h>
 #include <vesk/SavedErrorChain.h>
 #include <vesk/SysError.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
@@ -72,6 +73,7 @@ int closeStream(DIR* dir) noexcept {
         errno = EINVAL;
         return -1;
     }
+    CancellationOff const cancellation_off;
     return closedir(dir);
 }
 

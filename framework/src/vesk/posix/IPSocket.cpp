@@ -3,6 +3,8 @@
 #include "SocketPosixCommon.h"
 #include "SystemErrorText.h"
 
+#include <vesk/common/CancellationOff.h>
+
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -266,6 +268,7 @@ IPSocket::~IPSocket() {
     if (!m_object_valid || m_socket_state == DEAD) {
         return;
     }
+    CancellationOff const cancellation_off;
     std::GlobalErrorHandler::doAssert(
         m_socket_state != OPEN, "this->getState() != OPEN", SOURCE, __LINE__, "~IPSocket", nullptr);
     bool const has_error = close(false);

@@ -1,6 +1,7 @@
 #include <vesk/Poller.h>
 
 #include <vesk/common/AbortingLock.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -70,6 +71,7 @@ private:
 
 Poller::SelfPipe::~SelfPipe() {
     if (read_end >= 0) {
+        detail::CancellationOff const cancellation_off;
         close(read_end);
         close(write_end);
     }
@@ -121,6 +123,7 @@ void Poller::stop() {
 
 /// A write that fails is ignored: it has no one to tell, and a pipe that is full wakes the loop anyway.
 void Poller::send(unsigned char command) const noexcept {
+    detail::CancellationOff const cancellation_off;
     [[maybe_unused]] ssize_t const written = write(self_pipe.write_end, &command, sizeof command);
 }
 

@@ -8,6 +8,7 @@
 #include <vesk/PathParts.h>
 #include <vesk/SysError.h>
 #include <vesk/Vesk.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -43,7 +44,10 @@ constexpr ErrnoRow EXISTS_ERRORS[] = {
 using ProcPath = char[64];
 
 struct CloseFile {
-    void operator()(FILE* file) const noexcept { fclose(file); }
+    void operator()(FILE* file) const noexcept {
+        CancellationOff const cancellation_off;
+        fclose(file);
+    }
 };
 using File = std::unique_ptr<FILE, CloseFile>;
 

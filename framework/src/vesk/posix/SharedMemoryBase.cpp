@@ -4,6 +4,7 @@
 #include "MappingMap.h"
 
 #include <vesk/SysError.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -30,6 +31,7 @@ static_assert(S_IFREG == 0x8000);
 } // namespace
 
 SharedMemoryBase::~SharedMemoryBase() {
+    CancellationOff const cancellation_off;
     if (isValid() && SharedMemoryBase::close()) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "~SharedMemoryBase", "Error closing SharedMemory");

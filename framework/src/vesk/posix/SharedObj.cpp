@@ -3,6 +3,7 @@
 #include "vesk/common/Report.h"
 
 #include <vesk/SysError.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
@@ -44,6 +45,8 @@ bool SharedObj::load(char const* path) {
     if (path == nullptr) {
         return reportMisuse(SOURCE, "NULL pointer given for path");
     }
+    // Constructors of the library run in here, with the loader's lock held.
+    CancellationOff const cancellation_off;
     handle = dlopen(path, RTLD_LAZY);
     if (handle == nullptr) {
         report(SOURCE, Chain::NEW, Error, 0, dlerror());
@@ -56,6 +59,8 @@ bool SharedObj::unload() {
     if (!isValid()) {
         return reportMisuse(SOURCE, "No library loaded");
     }
+    // Destructors of the library run in here, with the loader's lock held.
+    CancellationOff const cancellation_off;
     if (dlclose(handle) != 0) {
         report(SOURCE, Chain::NEW, Error, 1, dlerror());
         return true;

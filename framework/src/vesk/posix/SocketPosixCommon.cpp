@@ -1,5 +1,7 @@
 #include "SocketPosixCommon.h"
 
+#include <vesk/common/CancellationOff.h>
+
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -170,6 +172,7 @@ Outcome acceptSocket(int fd, sockaddr* address, socklen_t length, int& accepted)
 }
 
 void closeAccepted(Place place, int fd) {
+    CancellationOff const cancellation_off;
     while (close(fd) != 0) {
         if (errno != EINTR) {
             std::GlobalErrorHandler::doWarning(

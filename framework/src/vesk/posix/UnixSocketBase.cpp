@@ -7,6 +7,7 @@
 #include <vesk/Group.h>
 #include <vesk/ProcessTNG.h>
 #include <vesk/User.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -46,6 +47,7 @@ UnixSocketBase::~UnixSocketBase() {
     if (!m_object_valid || m_socket_state == DEAD) {
         return;
     }
+    CancellationOff const cancellation_off;
     std::GlobalErrorHandler::doAssert(
         m_socket_state != OPEN, "this->getState() != OPEN", SOURCE, __LINE__, "~UnixSocketBase", nullptr);
     bool const has_error = close(false);

@@ -30,7 +30,7 @@ public:
     /// @param head    the chain, from the report of the highest level
     /// @param count   how many reports it has
     ///
-    /// It runs in the store's thread and must not report errors itself.
+    /// It runs in the store's thread, whose cancellation is disabled meanwhile, and must not report errors itself.
     using Action = void (*)(void* store, char const* reason, ErrorObject const* head, unsigned int count);
 
     /// How many reports a store holds.

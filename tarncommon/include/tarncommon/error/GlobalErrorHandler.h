@@ -8,7 +8,8 @@ namespace std {
 ///
 /// Each entry point takes the source path without an extension, the line, the plain function name and a printf-style
 /// message, and writes one line with all of them to standard error. All may be called from any thread at once; none
-/// allocates or takes a lock.
+/// allocates or takes a lock. None is a cancellation point: the cancellation of the calling thread is disabled meanwhile,
+/// also while a hook runs.
 class TARN_API GlobalErrorHandler {
 public:
     /// Which entry point was called.
