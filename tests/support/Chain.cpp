@@ -48,4 +48,8 @@ std::string rowText(std::ErrorType const& family, int id, std::string const& arg
     return conversion == std::string::npos ? text : text.replace(conversion, 2, argument);
 }
 
+testing::AssertionResult causeIs(std::ErrorType const& family, int id, int error_number) {
+    return chainIs({{family, id, rowText(family, id, systemText(error_number))}});
+}
+
 } // namespace support

@@ -49,13 +49,17 @@ public:
     };
 
     /// Failures of dates. Derives from `SysError`.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | the system's date could not be set |
-    /// | 1 | the fields make no date that the system knows |
-    /// | 2 | the year, which is the argument, is below 1970 |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        SET_DATE_FAILED = 0,   ///< Changing the system's date failed.
+        ASSEMBLY_FAILED = 1,   ///< The fields do not form a date.
+        YEAR_OUT_OF_RANGE = 2, ///< The year is out of range. Argument: the year.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// Makes the C library read the time zone (`tzset`). Called by the start-up of the library, in `Vesk`.
     /// @return false: it cannot fail

@@ -26,13 +26,17 @@ namespace vesk {
 class VESK_API Condition : private tarnbase::NonCopyable {
 public:
     /// Failures of conditions that lie in shared memory; this class reports rows of `SysError`. Derives from it.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | creation failed |
-    /// | 1 | waiting failed |
-    /// | 2 | signalling failed |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        CREATE_FAILED = 0, ///< Creating the condition failed.
+        WAIT_FAILED = 1,   ///< Waiting failed.
+        SIGNAL_FAILED = 2, ///< Signaling failed.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     Condition();
     ~Condition();

@@ -8,20 +8,28 @@ namespace vesk {
 
 /// What a failure means for the path it concerns. It has no parent; its reports stand on top of one of `SysError`, and
 /// the argument of every row is the path.
-///
-/// | id | meaning |
-/// |---|---|
-/// | 0 | bad path |
-/// | 1 | not a directory |
-/// | 2 | a directory |
-/// | 3 | access denied |
-/// | 4 | exists already |
-/// | 5 | busy |
-/// | 6 | no descriptor to be had |
-/// | 7 | not enough space |
-/// | 8 | the device does not exist or is not ready |
-/// | 9 | unclassified |
 extern VESK_API std::ErrorType const FileAccessError;
+
+/// The reports of `FileAccessError`.
+namespace FileAccessErrorId {
+enum Id : int {
+    BAD_PATH = 0,        ///< The path does not name what the operation needs.
+    NOT_A_DIRECTORY = 1, ///< The path is not a directory.
+    IS_A_DIRECTORY = 2,  ///< The path is a directory.
+    ACCESS_DENIED = 3,   ///< The process lacks the permission.
+    ALREADY_EXISTS = 4,  ///< The path exists already.
+    BUSY = 5,            ///< The path is in use.
+    NO_DESCRIPTOR = 6,   ///< The process or the system has no descriptor left.
+    NO_SPACE = 7,        ///< The file system is full.
+    NO_DEVICE = 8,       ///< The device does not exist or is not ready.
+    UNCLASSIFIED = 9,    ///< None of the other rows.
+};
+
+/// Returns the family of these ids.
+constexpr std::ErrorType const& familyOf(Id /*unused*/) noexcept {
+    return FileAccessError;
+}
+} // namespace FileAccessErrorId
 
 /// The same family under its other name.
 extern VESK_API std::ErrorType const& OpenError;

@@ -22,14 +22,18 @@ namespace vesk {
 class VESK_API Mutex : private tarnbase::NonCopyable {
 public:
     /// Failures of locks. Derives from `SysError`.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | creation failed |
-    /// | 1 | lock failed |
-    /// | 2 | unlock failed |
-    /// | 3 | inconsistency: a broken lock, or a call that is not allowed |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        CREATE_FAILED = 0, ///< Creating the lock failed.
+        LOCK_FAILED = 1,   ///< Locking failed.
+        UNLOCK_FAILED = 2, ///< Unlocking failed.
+        INCONSISTENT = 3,  ///< The lock is broken, or its state does not allow the call.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// Creates the lock; being unable to ends the process (see `threadsafe::MutexImpl`).
     /// @param recursive  whether the owner may lock it again; it is free after as many calls of `unlock`

@@ -63,15 +63,19 @@ namespace vesk {
 class VESK_API ProcessTNG : private tarnbase::NonCopyable {
 public:
     /// Failures of processes. Derives from `SysError`. The argument of each row is a text.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | a child could not be started |
-    /// | 1 | an object could not be made; not reported now |
-    /// | 2 | a process could not be signalled |
-    /// | 3 | waiting failed |
-    /// | 4 | there is no such process |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        START_FAILED = 0,  ///< Starting the child failed.
+        CREATE_FAILED = 1, ///< Creating the object failed.
+        KILL_FAILED = 2,   ///< Sending a signal to the child failed.
+        WAIT_FAILED = 3,   ///< Waiting for the child failed.
+        NOT_FOUND = 4,     ///< The process was not found.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// What `start` gives for a failure, and `getPid` for an object without a child.
     VESK_API_INLINE static constexpr int INVALID_PROCESS_ID = -1;

@@ -22,16 +22,20 @@ namespace vesk {
 class RWLock : public RWLockBase {
 public:
     /// Failures of read-write locks. Derives from `SysError`.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | creation failed; not reported now, see `RWLockOps::init` |
-    /// | 1 | the caller holds the lock already |
-    /// | 2 | too many readers |
-    /// | 3 | locking for reading failed |
-    /// | 4 | locking for writing failed |
-    /// | 5 | unlocking failed |
     static VESK_API std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        CREATE_FAILED = 0,     ///< Creating the lock failed.
+        DEADLOCK = 1,          ///< The calling thread holds the lock already.
+        TOO_MANY_LOCKS = 2,    ///< The maximum number of locks for reading is reached.
+        READ_LOCK_FAILED = 3,  ///< Locking for reading failed.
+        WRITE_LOCK_FAILED = 4, ///< Locking for writing failed.
+        UNLOCK_FAILED = 5,     ///< Unlocking failed.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// Creates the lock (see `RWLockOps::init` for its reports); `isValid` tells whether it worked. Nobody may hold it when
     /// it is destroyed; a failure is then a warning, "Error destroying RWLock!", and no report stays pending.

@@ -23,13 +23,17 @@ namespace vesk {
 class VESK_API Regex : public RegexHandle {
 public:
     /// Failures of regular expressions. Has no parent. The argument is the text of `regerror`.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | the expression is wrong |
-    /// | 1 | out of memory for the expression |
-    /// | 2 | matching failed |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        SYNTAX_ERROR = 0,  ///< The expression has a syntax error.
+        OUT_OF_MEMORY = 1, ///< The expression needs more memory than there is.
+        MATCH_FAILED = 2,  ///< Matching failed.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// Bits of the flags of `compile`.
     enum Flag : unsigned int {

@@ -24,13 +24,17 @@ namespace vesk {
 class VESK_API SharedObj : public RefCounted {
 public:
     /// Failures of shared objects. Derives from `SysError`. The argument is the text of the dynamic loader.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | it could not be loaded |
-    /// | 1 | it could not be unloaded |
-    /// | 2 | it has no such symbol |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        LOAD_FAILED = 0,    ///< Loading the shared object failed.
+        UNLOAD_FAILED = 1,  ///< Unloading the shared object failed.
+        RESOLVE_FAILED = 2, ///< The shared object has no such symbol.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// What the file name of a library begins and ends with: "lib" and ".so".
     static char const* const SharedLibraryPrefix;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <vesk/AbsTime.h>
+#include <vesk/Condition.h>
 #include <vesk/ConditionOps.h>
 #include <vesk/Export.h>
 #include <vesk/ShmMutex.h>
@@ -34,6 +35,7 @@ class ShmCondition : private tarnbase::NonCopyable {
 public:
     /// The family of `Condition`.
     static VESK_API std::ErrorType const& Error;
+    using ErrorId = Condition::ErrorId;
 
     /// Creates the condition (see `ConditionOps::handleInitError` for its reports); `isValid` tells whether it worked.
     ShmCondition() : m_valid(!ConditionOps::init(&m_condition, true)) {}

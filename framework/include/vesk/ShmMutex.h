@@ -1,6 +1,7 @@
 #pragma once
 
 #include <vesk/Export.h>
+#include <vesk/Mutex.h>
 #include <vesk/MutexOps.h>
 #include <vesk/common/ScopedLock.h>
 
@@ -33,6 +34,7 @@ class ShmMutex : private tarnbase::NonCopyable {
 public:
     /// The family of `Mutex`.
     static VESK_API std::ErrorType const& Error;
+    using ErrorId = Mutex::ErrorId;
 
     /// Creates the lock (see `MutexOps::init` for its reports); `isValid` tells whether it worked.
     explicit ShmMutex(bool recursive = false, bool priority_inherit = false)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <vesk/Export.h>
+#include <vesk/RWLock.h>
 #include <vesk/common/ScopedLock.h>
 #include <vesk/posix/RWLock.h>
 
@@ -21,6 +22,7 @@ class ShmRWLock : public RWLockBase {
 public:
     /// The family of `RWLock`.
     static VESK_API std::ErrorType const& Error;
+    using ErrorId = RWLock::ErrorId;
 
     /// Creates the lock (see `RWLockOps::init` for its reports); `isValid` tells whether it worked. Only one process may
     /// destroy it, when no other uses it.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <vesk/Export.h>
+#include <vesk/SpinLock.h>
 #include <vesk/common/ScopedLock.h>
 #include <vesk/posix/SpinLock.h>
 
@@ -21,6 +22,7 @@ class ShmSpinLock : public SpinLockBase {
 public:
     /// The family of `SpinLock`.
     static VESK_API std::ErrorType const& Error;
+    using ErrorId = SpinLock::ErrorId;
 
     /// Creates the lock (`pthread_spin_init`); `isValid` tells whether it worked, and if not `Error` 0 is pending. Only one
     /// process may destroy it, when no other uses it.

@@ -35,23 +35,27 @@ class VESK_API Socket : private tarnbase::NonCopyable, public std::IBinInOutStre
 public:
     /// Failures of sockets; the parent is `SysError`. The argument is the text of `SystemError`, unless an operation says
     /// otherwise.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | not a socket, or one that cannot be used any more |
-    /// | 1 | the system does not know the option |
-    /// | 2 | the option cannot have this value |
-    /// | 3 | a socket of this kind cannot be made |
-    /// | 4 | the address is in use |
-    /// | 5 | the address is not one of this machine, or not usable |
-    /// | 6 | the peer has reset the connection |
-    /// | 7 | nobody answers at the peer's address |
-    /// | 8 | the network is down, or has no way to the address |
-    /// | 9 | a name or an address could not be resolved |
-    /// | 10 | the communication failed, for example by a time-out |
-    /// | 11 | the connection was closed |
-    /// | 12 | the message is too big |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        INVALID_SOCKET = 0,        ///< The descriptor is not open or is not a socket.
+        UNKNOWN_OPTION = 1,        ///< The protocol does not know the option.
+        INVALID_OPTION = 2,        ///< The value of the option is invalid.
+        CREATE_FAILED = 3,         ///< Creating the socket failed.
+        ADDRESS_IN_USE = 4,        ///< The address is in use.
+        ADDRESS_INVALID = 5,       ///< The address is invalid.
+        CONNECTION_RESET = 6,      ///< The peer reset the connection.
+        PEER_UNREACHABLE = 7,      ///< The peer is not reachable.
+        NETWORK_UNAVAILABLE = 8,   ///< The network is not available.
+        RESOLVE_FAILED = 9,        ///< Resolving the name failed.
+        COMMUNICATION_FAILED = 10, ///< The communication failed.
+        CONNECTION_CLOSED = 11,    ///< The peer closed the connection.
+        MESSAGE_TOO_BIG = 12,      ///< The message is too big.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     static constexpr int INVALID_SOCKET_FD = -1;
 

@@ -22,14 +22,18 @@ class SpinLock : public SpinLockBase {
 public:
     /// Failures of spin locks. Derives from `SysError`. What lock and unlock report does not follow the names of the
     /// rows: see `SpinLockOps`.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | creation failed |
-    /// | 1 | the row of locking, reported by `tryLock` and `unlock` |
-    /// | 2 | the row of unlocking, reported by `lock` |
-    /// | 3 | inconsistency: a call that is not allowed |
     static VESK_API std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        CREATE_FAILED = 0, ///< Creating the lock failed.
+        LOCK_FAILED = 1,   ///< The row of locking; an unlock reports it.
+        UNLOCK_FAILED = 2, ///< The row of unlocking; a lock reports it.
+        INCONSISTENT = 3,  ///< The lock is broken, or its state does not allow the call.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// Creates the lock (`pthread_spin_init`); `isValid` tells whether it worked, and if not `Error` 0 is pending. Nobody
     /// may hold it when it is destroyed; a failure is then a warning, "Error destroying SpinLock!", and no report stays

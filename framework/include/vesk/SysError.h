@@ -10,29 +10,38 @@ namespace vesk {
 /// `std::ErrorStorage::isA(vesk::SysError)` is true for any of them.
 ///
 /// Each row's argument is the text of `SystemError`, unless an operation says otherwise.
-///
-/// | id | meaning |
-/// |---|---|
-/// | 0 | the system's resources are exhausted |
-/// | 1 | out of memory |
-/// | 2 | the path is invalid |
-/// | 3 | the path is not a directory |
-/// | 4 | the path is too long; arguments are the path and its length |
-/// | 5 | interrupted |
-/// | 6 | not implemented |
-/// | 7 | permission denied |
-/// | 8 | a parameter is invalid |
-/// | 9 | a parameter has an invalid address |
-/// | 10 | spoiled integrity: what should never happen |
-/// | 11 | input/output error |
-/// | 12 | a file exists already |
-/// | 13 | still in use |
-/// | 14 | the directory is not empty |
-/// | 15 | no space left |
-/// | 16 | the device does not exist, is not ready or does not support the operation |
-/// | 17 | information about the system cannot be had |
-/// | 18 | no such process |
-/// | 19 | unclassified |
 extern VESK_API std::ErrorType const SysError;
+
+/// The reports of `SysError`.
+namespace SysErrorId {
+enum Id : int {
+    RESOURCES_EXHAUSTED = 0,  ///< The system has no descriptor, process, or other resource left.
+    OUT_OF_MEMORY = 1,        ///< The system has no memory left.
+    INVALID_PATH = 2,         ///< The path does not name what the operation needs.
+    NOT_A_DIRECTORY = 3,      ///< The path is not a directory.
+    PATH_TOO_LONG = 4,        ///< The path exceeds the system's limit. Arguments: the path and its length.
+    INTERRUPTED = 5,          ///< A signal interrupted the call.
+    NOT_IMPLEMENTED = 6,      ///< The system does not implement the call.
+    PERMISSION_DENIED = 7,    ///< The process lacks the permission.
+    INVALID_PARAMETER = 8,    ///< The system rejected a parameter.
+    INVALID_ADDRESS = 9,      ///< A parameter points outside of the process.
+    SPOILED_INTEGRITY = 10,   ///< An internal invariant does not hold: a failure that the operation does not
+                              ///< expect.
+    INPUT_OUTPUT = 11,        ///< The device failed.
+    FILE_EXISTS = 12,         ///< A file of that name exists already.
+    IN_USE = 13,              ///< The object is still in use.
+    DIRECTORY_NOT_EMPTY = 14, ///< The directory is not empty.
+    NO_SPACE = 15,            ///< The file system is full.
+    NO_DEVICE = 16,           ///< The device does not exist, is not ready, or does not support the operation.
+    QUERY_FAILED = 17,        ///< The requested information about the system is not available.
+    NO_SUCH_PROCESS = 18,     ///< The process does not exist. The text does not show its argument.
+    UNCLASSIFIED = 19,        ///< None of the other rows.
+};
+
+/// Returns the family of these ids.
+constexpr std::ErrorType const& familyOf(Id /*unused*/) noexcept {
+    return SysError;
+}
+} // namespace SysErrorId
 
 } // namespace vesk

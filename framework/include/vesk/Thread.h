@@ -58,18 +58,24 @@ class ThreadLink;
 class VESK_API Thread : private tarnbase::NonCopyable {
 public:
     /// Failures of threads. Derives from `SysError`. The argument of each row is a text.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | creation failed |
-    /// | 1 | start failed |
-    /// | 2 | getting or setting the priority or the scheduling parameters failed |
-    /// | 3 | yield failed |
-    /// | 4 | join failed |
-    /// | 5 | terminate failed |
-    /// | 6 | suspend failed; has no row, so its text is that of an unknown error |
-    /// | 7 | wakeup failed; has no row either |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        CREATE_FAILED = 0,     ///< Creating the thread failed.
+        START_FAILED = 1,      ///< Starting the thread failed.
+        SCHEDULING_FAILED = 2, ///< Reading or changing the scheduling failed.
+        YIELD_FAILED = 3,      ///< Yielding the processor failed.
+        JOIN_FAILED = 4,       ///< Joining the thread failed.
+        TERMINATE_FAILED = 5,  ///< Terminating the thread failed.
+        SUSPEND_FAILED = 6,    ///< Suspending the thread failed. Has no row: the text is that of an unknown
+                               ///< error.
+        WAKEUP_FAILED = 7,     ///< Waking the thread up failed. Has no row: the text is that of an unknown
+                               ///< error.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// Where a thread is in its life; the class tells how it gets there.
     enum State : int32_t {

@@ -23,15 +23,19 @@ public:
     Time() = delete;
 
     /// Failures of clocks, sleeping and stopwatches. Derives from `SysError`.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | there is no such clock |
-    /// | 1 | a sleep failed |
-    /// | 2 | a stopwatch could not read its clock |
-    /// | 3 | no time since the start of the library |
-    /// | 4 | no time since 1970 |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        NO_CLOCK = 0,             ///< The system has no such clock.
+        SLEEP_FAILED = 1,         ///< Sleeping failed.
+        GET_TIME_FAILED = 2,      ///< Reading the time failed.
+        GET_UPTIME_FAILED = 3,    ///< Reading the time since boot failed.
+        GET_TIMESTAMP_FAILED = 4, ///< Reading the time stamp failed.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// Makes this moment the origin of `getUptime`. Called by the start-up of the library, in `Vesk`.
     /// @return true on failure: `Error` 0

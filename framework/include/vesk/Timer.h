@@ -50,14 +50,18 @@ public:
 
     /// Failures of timers. Derives from `SysError`. The argument of each row is a text. There for clients to name: the
     /// library reports none of them, since what it uses does not fail in a way that it could tell.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | creation failed |
-    /// | 1 | start failed |
-    /// | 2 | stop failed |
-    /// | 3 | snooze failed |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        CREATE_FAILED = 0, ///< Creating the timer failed.
+        START_FAILED = 1,  ///< Starting the timer failed.
+        STOP_FAILED = 2,   ///< Stopping the timer failed.
+        SNOOZE_FAILED = 3, ///< Snoozing the timer failed.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// The engine of the timers of high priority. It exists while somebody holds a reference; each such timer does.
     static std::Shared<HighPrioTimer> timer_high_prio;

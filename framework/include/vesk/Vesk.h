@@ -45,11 +45,15 @@ public:
     };
 
     /// Failures of the start-up. Has no parent.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | a set-up failed; the argument says which |
     static std::ErrorType const Error;
+
+    /// The reports of `Error`.
+    enum ErrorId : int {
+        INIT_FAILED = 0, ///< A step of the initialization failed. Argument: the name of the step.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// Starts the library up if it is not running, and counts. Reports nothing to the caller: a start-up that fails goes
     /// to `std::GlobalErrorHandler::doAbort`, with what the failed step reported pending. A start-up after `cleanupAll`

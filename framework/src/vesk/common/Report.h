@@ -3,6 +3,8 @@
 #include <tarncommon/error/ErrorOutput.h>
 #include <tarncommon/error/ErrorStorage.h>
 
+#include <utility>
+
 namespace vesk::detail {
 
 /// Where a report is made: the `SOURCE` constant of its file, which turns into a place by itself, and the line of the
@@ -22,14 +24,20 @@ enum class Chain {
     UNKNOWN, ///< A lower level may or may not have reported.
 };
 
-/// The one idiom for making a report:
-///
-///     report(SOURCE, Chain::NEW, Mutex::Error, 1, SystemErrorText().get());
+/// Makes a report of a row that is known at run time only.
 template <typename... Args>
 void report(Place place, Chain chain, std::ErrorType const& family, int id, Args const&... args) noexcept {
     bool const new_chain =
         chain == Chain::NEW || (chain == Chain::UNKNOWN && !std::ErrorStorage::isError(true));
     std::ErrorOutput(place.file, place.line, new_chain)(family, id, args...);
+}
+
+/// The one idiom for making a report. The enumeration of the id implies the family:
+///
+///     report(SOURCE, Chain::NEW, Mutex::ErrorId::LOCK_FAILED, SystemErrorText().get());
+template <typename Id, typename... Args, typename = decltype(familyOf(std::declval<Id>()))>
+void report(Place place, Chain chain, Id id, Args const&... args) noexcept {
+    report(place, chain, familyOf(id), static_cast<int>(id), args...);
 }
 
 } // namespace vesk::detail

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <utility>
 
 namespace vesk::detail {
 
@@ -49,6 +50,11 @@ struct RowReport {
     constexpr RowReport(
         std::ErrorType const& row_family, int row_id, Telling row_telling = Telling::SYSTEM_TEXT) noexcept
         : family(&row_family), id(row_id), telling(row_telling) {}
+
+    /// The enumeration of the id implies the family.
+    template <typename Id, typename = decltype(familyOf(std::declval<Id>()))>
+    constexpr RowReport(Id row_id, Telling row_telling = Telling::SYSTEM_TEXT) noexcept
+        : RowReport(familyOf(row_id), static_cast<int>(row_id), row_telling) {}
 };
 
 constexpr RowReport NONE{};
@@ -57,8 +63,8 @@ constexpr RowReport NONE{};
 /// The tables stand beside their operations, in the order in which the operation's documentation tells them:
 ///
 ///     constexpr ErrnoRow LOCK_ERRORS[] = {
-///         {{EPERM, EBUSY, EINVAL, EDEADLK}, {Mutex::Error, 3}},
-///         {OTHERS, {Mutex::Error, 1}},
+///         {{EPERM, EBUSY, EINVAL, EDEADLK}, Mutex::ErrorId::INCONSISTENT},
+///         {OTHERS, Mutex::ErrorId::LOCK_FAILED},
 ///     };
 struct ErrnoRow {
     Errnos errnos;

@@ -6,16 +6,25 @@
 namespace std {
 
 /// The family of failures that belong to no system call.
-///
-/// | id | arguments | meaning |
-/// |---|---|---|
-/// | 0 | none | an allocation failed |
-/// | 1 | one text | the caller broke the contract: wrong state, invalid object |
-/// | 2 | none | an internal failure; nothing uses it now |
-/// | 3 | one text | a value that the operation cannot handle |
-/// | 4 | one text | the system refused an operation on an open file |
-/// | 5 | one text | an argument that is not usable |
-/// | 6 | one text | not supported on this platform |
 extern TARN_API ErrorType const CommonError;
+
+/// The reports of `CommonError`.
+namespace CommonErrorId {
+enum Id : int {
+    OUT_OF_MEMORY = 0,              ///< An allocation failed. No arguments.
+    CONTRACT_BROKEN = 1,            ///< The caller broke the contract: wrong state, invalid object. Argument:
+                                    ///< one text.
+    INTERNAL_FAILURE = 2,           ///< An internal failure. No arguments. Not used at present.
+    UNSUPPORTED_VALUE = 3,          ///< The operation cannot handle a value. Argument: one text.
+    OPEN_FILE_OPERATION_FAILED = 4, ///< The system refused an operation on an open file. Argument: one text.
+    INVALID_ARGUMENT = 5,           ///< An argument is not usable. Argument: one text.
+    NOT_SUPPORTED = 6,              ///< The platform does not support the operation. Argument: one text.
+};
+
+/// Returns the family of these ids.
+constexpr ErrorType const& familyOf(Id /*unused*/) noexcept {
+    return CommonError;
+}
+} // namespace CommonErrorId
 
 } // namespace std

@@ -6,6 +6,7 @@
 
 #include <string>
 #include <type_traits>
+#include <utility>
 
 namespace std {
 
@@ -55,7 +56,7 @@ private:
 
 /// Makes a report in the calling thread's store, at the spot of the failure and in two calls:
 ///
-///     std::ErrorOutput("framework/src/vesk/posix/Mutex", __LINE__, true)(vesk::Mutex::Error, 1, text);
+///     std::ErrorOutput("framework/src/vesk/posix/Mutex", __LINE__, true)(vesk::Mutex::ErrorId::LOCK_FAILED, text);
 ///
 /// Never allocates, locks, blocks or fails; costs about as much as formatting the text.
 class TARN_API ErrorOutput {
@@ -83,6 +84,13 @@ public:
             ErrorArgument const list[] = {ErrorArgument(args)...};
             make(type, id, list, sizeof...(Args));
         }
+    }
+
+    /// Reports the row that `id` names, an enumerator such as `vesk::Mutex::ErrorId::INCONSISTENT`. The enumeration
+    /// implies the family.
+    template <typename Id, typename... Args, typename = decltype(familyOf(declval<Id>()))>
+    void operator()(Id id, Args const&... args) const noexcept {
+        operator()(familyOf(id), static_cast<int>(id), args...);
     }
 
     /// Reports a copy of an existing report; file and line are those of this `ErrorOutput`.

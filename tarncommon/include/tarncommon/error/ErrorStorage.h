@@ -3,6 +3,8 @@
 #include <tarncommon/Export.h>
 #include <tarncommon/error/ErrorObject.h>
 
+#include <utility>
+
 namespace std {
 
 /// The store of one thread's error chain.
@@ -11,7 +13,7 @@ namespace std {
 /// `ack()` or passes the failure on with a report of its own:
 ///
 ///     if (mutex.lock()) {
-///         if (std::ErrorStorage::isA(vesk::Mutex::Error) && std::ErrorStorage::id() == 3) { ... }
+///         if (std::ErrorStorage::is(vesk::Mutex::ErrorId::INCONSISTENT)) { ... }
 ///         std::ErrorStorage::ack();
 ///     }
 ///
@@ -58,6 +60,14 @@ public:
 
     /// Whether the pending chain's head is of the family `type` or of one that derives from it.
     static bool isA(ErrorType const& type) noexcept;
+
+    /// Returns whether the pending chain's head is the report that `report` names, an enumerator such as
+    /// `vesk::SysErrorId::OUT_OF_MEMORY`. The enumeration implies the family; a derived family does not count.
+    template <typename Id, typename = decltype(familyOf(declval<Id>()))>
+    static bool is(Id report) noexcept {
+        ErrorObject const* const head = get();
+        return head != nullptr && head->getType() == &familyOf(report) && head->getID() == report;
+    }
 
     /// Marks the pending chain as handled. `ErrorApi::getReasonList` still tells it, until the next report.
     static void ack() noexcept;

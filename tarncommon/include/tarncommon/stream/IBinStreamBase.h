@@ -12,15 +12,19 @@ namespace std {
 class TARN_API IBinStreamBase {
 public:
     /// Failures of a stream. Mostly reported on top of the report that tells the cause. No row takes an argument.
-    ///
-    /// | id | meaning |
-    /// |---|---|
-    /// | 0 | the stream cannot be used: the object is invalid |
-    /// | 1 | the transfer failed, the object may be in order |
-    /// | 2 | end of the stream |
-    /// | 3 | the stream does not support the operation |
-    /// | 4 | a failure that nobody classified |
     static ErrorType const StreamError;
+
+    /// The reports of `StreamError`.
+    enum StreamErrorId : int {
+        UNUSABLE = 0,        ///< The stream cannot be used: the object is invalid.
+        TRANSFER_FAILED = 1, ///< The transfer failed; the object may be valid.
+        END_OF_STREAM = 2,   ///< The end of the stream was reached.
+        NOT_SUPPORTED = 3,   ///< The stream does not support the operation.
+        UNCLASSIFIED = 4,    ///< An unclassified failure.
+    };
+
+    /// Returns the family of these ids.
+    friend constexpr ErrorType const& familyOf(StreamErrorId /*unused*/) noexcept { return StreamError; }
 
     virtual ~IBinStreamBase();
 
