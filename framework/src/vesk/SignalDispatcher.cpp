@@ -4,7 +4,7 @@
 
 namespace vesk {
 
-std::Shared<SignalDispatcher> SignalDispatcher::DEFAULT;
+TARN_CONSTANT_INIT std::Shared<SignalDispatcher> SignalDispatcher::DEFAULT;
 
 SignalDispatcher::SignalDispatcher()
     : SignalDispatcher("vesk::SignalDispatcher", Thread::getMainSchedAttrs()) {}

@@ -38,7 +38,7 @@ timer_t getNoTimer() noexcept {
 
 } // namespace
 
-std::Shared<Alarm::DefaultTimer> Alarm::DEFAULT_TIMER;
+TARN_CONSTANT_INIT std::Shared<Alarm::DefaultTimer> Alarm::DEFAULT_TIMER;
 
 Alarm::DefaultTimer::DefaultTimer() : Timer(SIGRTMIN + 3, "Timer", Thread::getMainSchedAttrs()) {}
 

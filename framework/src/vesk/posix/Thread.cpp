@@ -114,7 +114,7 @@ bool reportFailure(Place place, Chain chain, int id) {
 TARN_CONSTANT_INIT std::ErrorType const Thread::Error(ROWS, std::size(ROWS), SysError);
 TARN_CONSTANT_INIT Thread::ThreadId Thread::s_main_thread_id;
 TARN_CONSTANT_INIT std::atomic<Thread::ExitHandler> Thread::s_main_exit_handlers[EXIT_HANDLERS] = {};
-TLS::Key Thread::s_tls_ctrl_object;
+TARN_CONSTANT_INIT TLS::Key Thread::s_tls_ctrl_object(threadsafe::CONSTANT_INIT);
 
 // ---- creation ----
 
