@@ -3,6 +3,7 @@
 #include "support/Chain.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
+#include "support/Privileges.h"
 
 #include <vesk/SysError.h>
 #include <vesk/Vesk.h>
@@ -501,6 +502,7 @@ INSTANTIATE_TEST_SUITE_P(
         ScheduleRow{"unknown policy", 11, 9, SCHED_OTHER, ""}));
 
 TEST_F(ProcessChildFailure, aPolicyThatCannotBeSetIsNoFailureOfTheNiceValue) {
+    VESK_SKIP_UNLESS_NICE_MAY_BE(0);
     Capture const seen = capture([](ProcessTNG& process, Go const& go) {
         Attr attributes;
         attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;

@@ -1,6 +1,7 @@
 #include "processes/ChildCapture.h"
 
 #include "support/Chain.h"
+#include "support/Privileges.h"
 #include "support/Processes.h"
 
 #include <tarncommon/error/ErrorApi.h>
@@ -540,6 +541,7 @@ TEST_F(ProcessChild, isScheduledAsTheCallingThreadWhenNothingIsSet) {
 }
 
 TEST_F(ProcessChild, hasTheNiceValueOfItsAttributes) {
+    VESK_SKIP_UNLESS_NICE_MAY_BE(7);
     ProcessTNG process;
     Attr attributes;
     attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
@@ -551,6 +553,7 @@ TEST_F(ProcessChild, hasTheNiceValueOfItsAttributes) {
 }
 
 TEST_F(ProcessChild, hasTheNiceValueThatWasSetAsItsPriority) {
+    VESK_SKIP_UNLESS_NICE_MAY_BE(9);
     ProcessTNG process;
     process.setPriority(false, 9);
     EXPECT_EQ(9, look(process).getNumber("nice"));
