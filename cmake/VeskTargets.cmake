@@ -11,8 +11,9 @@ if(VESK_SANITIZE)
     endif()
 endif()
 
-# Fields of the two libraries, their sources and headers are listed by their own CMakeLists.txt.
-function(vesk_add_library name)
+# Fields of the two libraries, their sources and headers are listed by their own CMakeLists.txt. SYMBOL is a name, as the
+# linker knows it, that this library exports and no other.
+function(vesk_add_library name symbol)
     add_library(${name} SHARED ${ARGN})
     add_library(vesk::${name} ALIAS ${name})
     set_target_properties(
@@ -26,6 +27,12 @@ function(vesk_add_library name)
     target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:vesk_build_flags>)
     # Calls inside a library stay inside it; only libc's functions can be replaced by the program.
     target_compile_options(${name} PRIVATE -fno-semantic-interposition -fno-plt)
+    # A unique symbol keeps the loader from ever unloading the library. Clang makes none.
+    target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+    # Static objects are destroyed by unloading the library, and not by the end of the process.
+    target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tarncommon/src/StaticObjects.cpp)
+    target_compile_definitions(${name} PRIVATE TARN_LIBRARY_SYMBOL="${symbol}")
+    target_link_options(${name} PRIVATE -Wl,--wrap=__cxa_atexit -Wl,--wrap=__aeabi_atexit)
     target_include_directories(
         ${name}
         PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>

@@ -1,6 +1,7 @@
 #include "support/Chain.h"
 #include "support/Child.h"
 #include "support/Inject.h"
+#include "support/Privileges.h"
 #include "support/Processes.h"
 
 #include "SignalSupport.h"
@@ -102,6 +103,7 @@ TEST_F(SignalDispatcherTest, StartsItsThreadInTheConstructorAndEndsItInTheDestru
 }
 
 TEST_F(SignalDispatcherTest, GivesItsThreadTheNameAndTheAttributes) {
+    VESK_SKIP_UNLESS_NICE_MAY_BE(7);
     vesk::sched::Attr attributes;
     attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
     attributes.param.nice = 7;
@@ -114,6 +116,7 @@ TEST_F(SignalDispatcherTest, GivesItsThreadTheNameAndTheAttributes) {
 }
 
 TEST_F(SignalDispatcherTest, OfTheProcessIsScheduledAsTheMainThreadWasAtTheStart) {
+    VESK_SKIP_UNLESS_NICE_MAY_BE(5, 9, 5);
     ChildEnd const end = runInChild([] {
         EXPECT_EQ(0, setpriority(PRIO_PROCESS, 0, 5));
         vesk::Vesk const library(true, false);
@@ -127,6 +130,7 @@ TEST_F(SignalDispatcherTest, OfTheProcessIsScheduledAsTheMainThreadWasAtTheStart
 }
 
 TEST_F(SignalDispatcherTest, WithThePriorityZeroInheritsItsScheduling) {
+    VESK_SKIP_UNLESS_NICE_MAY_BE(5);
     ChildEnd const end = runInChild([] {
         EXPECT_EQ(0, setpriority(PRIO_PROCESS, 0, 5));
         int const priority = 0;
@@ -141,6 +145,7 @@ TEST_F(SignalDispatcherTest, WithThePriorityZeroInheritsItsScheduling) {
 }
 
 TEST_F(SignalDispatcherTest, WithAPriorityKeepsThePolicyOfItsMaker) {
+    VESK_SKIP_UNLESS_NICE_MAY_BE(4);
     ChildEnd const end = runInChild([] {
         SignalDispatcher dispatcher("older", 4);
         Looks looks;

@@ -4,6 +4,7 @@
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
+#include "support/Privileges.h"
 
 #include <vesk/SysError.h>
 #include <vesk/Vesk.h>
@@ -774,6 +775,7 @@ INSTANTIATE_TEST_SUITE_P(
         ScheduleRow{"unknown policy", 11, 9, SCHED_OTHER, ""}));
 
 TEST_F(ProcessChildFailure, aPolicyThatCannotBeSetIsNoFailureOfTheNiceValue) {
+    VESK_SKIP_UNLESS_NICE_MAY_BE(0);
     Capture const seen = capture([](ProcessTNG& process, Go const& go) {
         Attr attributes;
         attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;

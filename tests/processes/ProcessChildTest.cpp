@@ -1,6 +1,7 @@
 #include "processes/ChildCapture.h"
 
 #include "support/Chain.h"
+#include "support/Privileges.h"
 #include "support/Processes.h"
 
 #include <tarncommon/error/ErrorApi.h>
@@ -621,6 +622,7 @@ TEST_F(ProcessChild, isScheduledAsTheCallingThreadWhenNothingIsSet) {
 }
 
 TEST_F(ProcessChild, hasTheNiceValueOfItsAttributes) {
+    VESK_SKIP_UNLESS_NICE_MAY_BE(7);
     ProcessTNG process;
     Attr attributes;
     attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
@@ -632,6 +634,7 @@ TEST_F(ProcessChild, hasTheNiceValueOfItsAttributes) {
 }
 
 TEST_F(ProcessChild, hasTheNiceValueThatWasSetAsItsPriority) {
+    VESK_SKIP_UNLESS_NICE_MAY_BE(9);
     ProcessTNG process;
     process.setPriority(false, 9);
     EXPECT_EQ(9, look(process).getNumber("nice"));

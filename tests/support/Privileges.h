@@ -8,9 +8,11 @@
 #include <cstring>
 #include <functional>
 #include <grp.h>
+#include <initializer_list>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 /// For tests that run a child with fewer rights, or with mounts of its own.
@@ -48,7 +50,23 @@ inline bool maySeparateMounts() {
            }).exit_code == 0;
 }
 
+/// Whether a process may take these nice values one after the other.
+inline bool mayTakeNice(std::initializer_list<int> values) {
+    return runInChild([values] {
+               for (int const value : values) {
+                   if (setpriority(PRIO_PROCESS, 0, value) != 0) {
+                       ADD_FAILURE() << strerror(errno);
+                   }
+               }
+           }).exit_code == 0;
+}
+
 } // namespace support
+
+#define VESK_SKIP_UNLESS_NICE_MAY_BE(...)                                                                    \
+    if (!support::mayTakeNice({__VA_ARGS__})) {                                                              \
+        GTEST_SKIP() << "nice values that the test needs, " #__VA_ARGS__ ", are denied to this process";     \
+    }
 
 #define VESK_SKIP_UNLESS_ROOT()                                                                              \
     if (geteuid() != 0) {                                                                                    \

@@ -1,4 +1,5 @@
 #include "support/Chain.h"
+#include "support/EventRecorder.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Condition.h>
@@ -19,7 +20,9 @@
 #include <limits>
 #include <memory>
 #include <pthread.h>
+#include <string>
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -403,6 +406,98 @@ TEST_F(ThreadTerminate, sleepOfTheLibraryIsCancelled) {
     EXPECT_TRUE(ready.wait());
     EXPECT_FALSE(thread.terminate());
     EXPECT_TRUE(left.wait());
+}
+
+// ---- the object of a suspended thread ----
+
+/// Whether the thread is detached, and how long it suspends itself.
+using Suspending = std::tuple<bool, long long>;
+
+class ThreadEndInSuspend : public ThreadTerminate, public testing::WithParamInterface<Suspending> {
+protected:
+    std::unique_ptr<Thread> start() {
+        auto thread = std::make_unique<Thread>(run, &m_body, "suspended", Attr(), std::get<0>(GetParam()));
+        m_self = thread.get();
+        EXPECT_FALSE(thread->start());
+        return thread;
+    }
+    bool suspend() { return m_self.load()->suspend(std::get<1>(GetParam())); }
+
+    Body m_body;
+    std::atomic<Thread*> m_self{nullptr};
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ThreadEndInSuspend, testing::Combine(testing::Bool(), testing::Values(0LL, 1LL, 3600000LL)),
+    [](auto const& row) {
+        return (std::get<0>(row.param) ? "detached" : "joinable") + std::to_string(std::get<1>(row.param));
+    });
+
+TEST_P(ThreadEndInSuspend, wokenTerminatedAndDestroyedAtOnceLeavesNoTrace) {
+    if (!support::FORGETS_UNWOUND_FRAMES) {
+        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
+    }
+    m_body = [this] {
+        for (;;) {
+            suspend();
+        }
+    };
+    support::EventRecorder const recorder;
+    for (int round = 0; round < 300; ++round) {
+        std::unique_ptr<Thread> thread = start();
+        ASSERT_TRUE(eventually([&thread] { return thread->getThreadState() == Thread::SUSPENDED; }));
+        // A thread that suspends itself once more in between is not terminated.
+        while (thread->wakeup() || thread->terminate()) {
+            std::ErrorStorage::ack();
+        }
+        thread.reset();
+        waitForTheEnd();
+    }
+    EXPECT_EQ("", recorder.getText());
+}
+
+TEST_P(ThreadEndInSuspend, bodyOfATerminatedThreadMaySuspendWithoutItsObject) {
+    Event ready;
+    Event gone;
+    Event done;
+    m_body = [&] {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        ready.set();
+        EXPECT_TRUE(gone.wait());
+        EXPECT_FALSE(suspend());
+        done.set();
+    };
+    std::unique_ptr<Thread> thread = start();
+    EXPECT_TRUE(ready.wait());
+    EXPECT_FALSE(thread->terminate());
+    thread.reset();
+    gone.set();
+    EXPECT_TRUE(done.wait());
+}
+
+TEST_F(ThreadTerminate, objectThatEndsWakesItsDetachedThread) {
+    support::EventRecorder const recorder;
+    for (long long const ms : {0LL, 1LL, 3600000LL}) {
+        std::atomic<Thread*> self{nullptr};
+        Event gone;
+        Event done;
+        Body body = [&] {
+            EXPECT_FALSE(self.load()->suspend(ms));
+            EXPECT_TRUE(gone.wait());
+            EXPECT_TRUE(self.load()->suspend(ms));
+            EXPECT_TRUE(chainIs({{CommonError, 1}}));
+            done.set();
+        };
+        auto thread = std::make_unique<Thread>(run, &body, nullptr, Attr(), true);
+        self = thread.get();
+        EXPECT_FALSE(thread->start());
+        EXPECT_TRUE(eventually([&thread] { return thread->getThreadState() == Thread::SUSPENDED; }));
+        thread.reset();
+        gone.set();
+        EXPECT_TRUE(done.wait());
+    }
+    waitForTheEnd();
+    EXPECT_EQ("", recorder.getText());
 }
 
 // ---- races ----

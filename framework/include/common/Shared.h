@@ -28,8 +28,8 @@ public:
     class Ptr;
 
 protected:
-    SharedBase() : refcount(0), m_lock(false) {}
-    virtual ~SharedBase() = default;
+    constexpr SharedBase() noexcept : refcount(0), m_lock(threadsafe::CONSTANT_INIT) {}
+    virtual ~SharedBase() {} // NOLINT(modernize-use-equals-default): it must leave the lock alone.
 
     /// Builds the object, called for the first reference; and destroys it, called for the last. The holder's lock is
     /// held during both.
@@ -47,7 +47,10 @@ protected:
 private:
     static constexpr char const* SOURCE = "framework/include/common/Shared";
 
-    threadsafe::MutexImpl m_lock;
+    // Never destroyed, which no call is needed for: another thread may make a reference while the process ends.
+    union {
+        threadsafe::MutexImpl m_lock;
+    };
 };
 
 template <typename T>
@@ -191,15 +194,13 @@ private:
 /// runs a callback, and `waitForCallback()` waits for its end. The end of the last reference then waits for the callback
 /// without the holder's lock, and leaves the object as it is if the callback has taken a reference.
 ///
-/// A holder has a lock that is made at run time, so a global one exists from the moment that the initialisers of its own
-/// source file reach it: initialisers further down in that file may use it, and so may all of another library or a program
-/// that links the one which defines it. Initialisers of other source files of the same library may come too early for it.
-/// Global references end before it in the same way. A holder that is destroyed while references exist leaves the object
-/// as it is.
+/// A global holder exists before any initialiser runs, so every initialiser may use it. A holder that is destroyed while
+/// references exist leaves the object as it is. The holders of this library are not destroyed by the end of the process:
+/// threads may make references as long as they run.
 template <typename T>
 class Shared : public SharedBase {
 public:
-    Shared() = default;
+    constexpr Shared() noexcept : m_storage{} {}
 
     /// Where the object is while references exist. Only its address may be used without a reference.
     T* getObject() noexcept { return reinterpret_cast<T*>(m_storage); }

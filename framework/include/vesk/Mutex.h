@@ -39,6 +39,9 @@ public:
     /// @param recursive  whether the owner may lock it again; it is free after as many calls of `unlock`
     VESK_API_INLINE explicit Mutex(bool recursive = false) : m_impl(recursive) {}
 
+    /// Makes a static lock, which exists before any initialiser runs: `vesk::Mutex s_lock(threadsafe::CONSTANT_INIT);`
+    constexpr explicit Mutex(threadsafe::ConstantInit) noexcept : m_impl(threadsafe::CONSTANT_INIT) {}
+
     /// Waits for the lock (`pthread_mutex_lock`).
     /// @return true on failure: `Error` 3 if the caller holds a lock that is not recursive, or it is broken; `Error` 1
     ///         for any other reason

@@ -98,10 +98,12 @@ protected:
     static Mutex s_init_lock;
     /// 0 until the pool has been made.
     static std::atomic<int32_t> s_init_counter;
-    /// The counts of the process. Never freed, so that handles may outlive every other object.
+    /// The counts of the process. The end of the process does not free them: handles may outlive every other object.
     static std::atomic<CounterPool*> s_counter_pool;
 
 private:
+    class PoolEnd;
+
     static void doInit();
 
     /// The pool, built if this is its first use.
@@ -130,6 +132,7 @@ private:
     void endLast();
 
     static std::atomic<void*> s_spare;
+    static PoolEnd const s_pool_end;
 };
 
 } // namespace vesk

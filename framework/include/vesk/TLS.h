@@ -20,6 +20,11 @@ public:
     /// process has 1,024, or to store a value ends the process (see `threadsafe::TlsImpl`).
     class Key : private tarnbase::NonCopyable {
     public:
+        Key() = default;
+
+        /// Makes a static slot, which exists before any initialiser runs. The first `set` takes the system's slot.
+        constexpr explicit Key(threadsafe::ConstantInit) noexcept : m_impl(threadsafe::CONSTANT_INIT) {}
+
         /// Stores the calling thread's value.
         void set(void* value) { m_impl.set(value); }
         /// The calling thread's value.

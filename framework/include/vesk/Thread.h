@@ -49,8 +49,9 @@ class ThreadLink;
 /// | `RUNNING`, `SUSPENDED`, `FINISHED` | `join` or `joinTimeout`, joinable threads only | `DEAD` |
 ///
 /// A joinable thread is to be joined or terminated before its object is destroyed; one that has finished, or was never
-/// started, is joined by the destructor. The object of a detached thread may be destroyed at any time: the thread goes
-/// on without it.
+/// started, is joined by the destructor. The object of a detached thread may be destroyed at any time, and that of any
+/// thread as soon as `terminate` has returned: the thread goes on without it, also out of a `suspend`. Of such an object
+/// the thread itself may still call `suspend`, and nothing else.
 ///
 /// The body runs with a `std::ErrorStorage` of its own, which writes errors that nobody acknowledged to standard output.
 /// An exception that leaves the body ends the process. The body may end its thread with `pthread_exit`; no exit handler
@@ -164,6 +165,7 @@ public:
 
     /// Ends the object. Blocks until the thread is gone if it has finished or was never started, and until a detached
     /// thread, or one that was terminated, has taken over from its creation, which is a matter of its next time slice.
+    /// Ends a `suspend` of a detached thread, which returns with success.
     ///
     /// A joinable thread that still runs, and an internal lock that fails, go to `std::GlobalErrorHandler::doAbort`. The
     /// calling thread is not cancelled meanwhile.
@@ -190,12 +192,12 @@ public:
 
     /// Lets the calling thread wait for `wakeup`; only the thread of this object may call it. A cancellation point.
     ///
-    /// When the time runs out the thread goes on but its state stays `SUSPENDED`, on purpose: whoever calls `wakeup`
-    /// afterwards finds it so, and `terminate` refuses until then.
+    /// When the time runs out the thread goes on but its state stays `SUSPENDED`, on purpose: a `wakeup` afterwards finds
+    /// it so, and `terminate` refuses until then. In a thread that was terminated it does not wait.
     ///
     /// @param ms  milliseconds at most, on the monotonic clock; 0 is no limit, what is below 0 has run out
-    /// @return true on failure: `std::CommonError` 1 in another thread; what the lock or the condition reports, and
-    ///         `Error` 6, if one of them fails
+    /// @return true on failure: `std::CommonError` 1 in another thread, and in a detached one whose object is gone; what
+    ///         the lock or the condition reports, and `Error` 6, if one of them fails
     bool suspend(long long ms);
 
     /// Ends a `suspend` of the thread. In any other state than `SUSPENDED` it does nothing, with success. Does not block.
@@ -236,10 +238,10 @@ public:
 
     /// The state, read under its lock. A lock that fails goes to `std::GlobalErrorHandler::doAssert`.
     State getThreadState() const {
-        bool error = m_state_mutex.lock();
-        State const state = m_state.load(std::memory_order_relaxed);
+        bool error = m_shared.mutex.lock();
+        State const state = getState();
         if (!error) {
-            error = m_state_mutex.unlock();
+            error = m_shared.mutex.unlock();
         }
         if (error) {
             std::GlobalErrorHandler::doAssert(
@@ -303,8 +305,21 @@ public:
         s_tls_ctrl_object; ///< In each thread of this class its `Thread`, which may be gone by now.
 
 private:
+    friend class detail::ThreadLink;
+
     class Joining;
     struct Fields {};
+
+    /// What the thread waits with, and for. It lies in the link, since a thread that was terminated or detached may still
+    /// be on its way out of `suspend` when its object is gone.
+    struct Shared {
+        Condition condition; // Bound to the mutex.
+        Mutex mutex;
+        // Changed under the mutex. Atomic for the one case that this lock fails after a join.
+        std::atomic<State> state{DEAD};
+        bool taken_over = false;  // The wrapper is done with the object's creation. Under the mutex.
+        bool object_gone = false; // The object is being destroyed, or is gone. Under the mutex.
+    };
 
     Thread(Fields, Function function, void* argument, bool detached);
 
@@ -318,15 +333,14 @@ private:
 
     bool prepareJoin();
     bool markJoined();
+    static bool suspendCaller(Shared& shared, long long ms);
 
-    State getState() const noexcept { return m_state.load(std::memory_order_relaxed); }
-    void setState(State state) noexcept { m_state.store(state, std::memory_order_relaxed); }
+    State getState() const noexcept { return m_shared.state.load(std::memory_order_relaxed); }
+    void setState(State state) noexcept { m_shared.state.store(state, std::memory_order_relaxed); }
     pid_t getTid() const noexcept { return m_tid.load(std::memory_order_relaxed); }
 
     static std::atomic<ExitHandler> s_main_exit_handlers[EXIT_HANDLERS];
 
-    Condition m_condition; // Bound to the state mutex.
-    Mutex m_state_mutex;
     bool m_valid = false;
     pthread_t m_handle{};
     sched::Attr m_attributes;
@@ -334,14 +348,12 @@ private:
     char* m_name = nullptr;
     Function m_function;
     void* m_argument;
-    // Changed under the state mutex. Atomic for the one case that this lock fails after a join.
-    std::atomic<State> m_state{DEAD};
     [[maybe_unused]] int32_t m_unused = INT32_MIN; // Nothing reads it.
     bool m_detached_mode;
-    bool m_taken_over = false; // The wrapper is done with the object's creation. Under the state mutex.
     // Somebody is on the way into, in or out of the system's join. Under the state mutex, but for its failure.
     std::atomic<bool> m_joining{false};
     detail::ThreadLink& m_link; // Holds the exit handlers, too.
+    Shared& m_shared;           // The part of the link that this header needs.
 };
 
 /// Writes "0x" and the id in hexadecimal, with at least 8 digits. Leaves the stream's flags as they were, and "0" as its

@@ -27,7 +27,7 @@ void assertNoError(int line = __builtin_LINE()) {
 
 } // namespace
 
-std::Shared<DnsSd::DnsSdThread> DnsSd::DEFAULT;
+TARN_CONSTANT_INIT std::Shared<DnsSd::DnsSdThread> DnsSd::DEFAULT;
 TARN_CONSTANT_INIT std::atomic<DnsSd::Engine*> DnsSd::s_engine{nullptr};
 
 DnsSd::Engine* DnsSd::setEngine(Engine* engine) noexcept {

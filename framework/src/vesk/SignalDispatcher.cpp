@@ -19,7 +19,7 @@ TARN_CONSTANT_INIT thread_local SignalDispatcher const* t_dispatcher = nullptr;
 
 } // namespace
 
-std::Shared<SignalDispatcher> SignalDispatcher::DEFAULT;
+TARN_CONSTANT_INIT std::Shared<SignalDispatcher> SignalDispatcher::DEFAULT;
 
 SignalDispatcher::SignalDispatcher()
     : SignalDispatcher("vesk::SignalDispatcher", Thread::getMainSchedAttrs()) {}

@@ -4,6 +4,7 @@
 #include "ChainText.h"
 #include "TextWriter.h"
 
+#include <atomic>
 #include <new>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -19,32 +20,84 @@ TARN_CONSTANT_INIT thread_local ErrorStorage::Chain t_default_chain(nullptr);
 /// The store in use; null stands for the default one.
 TARN_CONSTANT_INIT thread_local ErrorStorage::Chain* t_chain = nullptr;
 
-/// Gives the mapped reports of a default store back when its thread ends.
-class ThreadEnd {
+/// What a chain maps for the reports that do not fit into its store.
+constexpr size_t MAPPED_SIZE =
+    (ErrorStorage::CAPACITY - ErrorStorage::Chain::INLINE_REPORTS) * sizeof(ErrorObject);
+
+/// The mapped reports of default stores, which end with their threads.
+class MappedReports {
 public:
-    ThreadEnd() noexcept {
-        m_valid = pthread_key_create(&m_key, [](void*) { t_default_chain.unmap(); }) == 0;
-    }
-    ~ThreadEnd() {
-        if (m_valid) {
-            pthread_key_delete(m_key);
+    constexpr MappedReports() noexcept = default;
+
+    /// Unloading the library gives back what threads have that are still there.
+    ~MappedReports() {
+        forgetThreads();
+        for (atomic<void*>& block : m_blocks) {
+            if (void* const memory = block.load(memory_order_relaxed)) {
+                munmap(memory, MAPPED_SIZE);
+            }
         }
     }
-    void watch() const noexcept {
-        if (m_valid) {
-            pthread_setspecific(m_key, this);
+
+    /// Keeps the calling thread's block. No lock: a report may be made between fork and exec. Beyond the table a block
+    /// is only given back by the end of its thread.
+    void add(void* memory) noexcept {
+        replace(nullptr, memory);
+        pthread_key_t key = m_key.load(memory_order_relaxed);
+        if (key == NO_KEY) {
+            key = makeKey();
+        }
+        if (key != NO_KEY) {
+            pthread_setspecific(key, memory);
+        }
+    }
+
+    void remove(void* memory) noexcept { replace(memory, nullptr); }
+
+    /// The end of a thread is not told any more. Deleting the key keeps the C library from calling code that is gone.
+    void forgetThreads() noexcept {
+        pthread_key_t const key = m_key.exchange(NO_KEY);
+        if (key != NO_KEY) {
+            pthread_key_delete(key);
         }
     }
 
 private:
-    pthread_key_t m_key{};
-    bool m_valid = false;
+    static constexpr pthread_key_t NO_KEY = ~pthread_key_t{0};
+    static constexpr unsigned int BLOCKS = 64;
+
+    void replace(void* before, void* after) noexcept {
+        for (atomic<void*>& block : m_blocks) {
+            void* expected = before;
+            if (block.compare_exchange_strong(expected, after)) {
+                return;
+            }
+        }
+    }
+
+    /// `NO_KEY` if the system has none: then threads keep their reports.
+    pthread_key_t makeKey() noexcept {
+        pthread_key_t key{};
+        if (pthread_key_create(&key, [](void*) { t_default_chain.unmap(); }) != 0) {
+            return NO_KEY;
+        }
+        pthread_key_t present = NO_KEY;
+        if (m_key.compare_exchange_strong(present, key)) {
+            return key;
+        }
+        pthread_key_delete(key);
+        return present;
+    }
+
+    atomic<pthread_key_t> m_key{NO_KEY};
+    atomic<void*> m_blocks[BLOCKS] = {};
 };
 
-ThreadEnd s_thread_end;
+TARN_CONSTANT_INIT MappedReports s_mapped_reports;
 
-constexpr size_t mappedSize(unsigned int reports) noexcept {
-    return reports * sizeof(ErrorObject);
+/// Also at the end of the process, in which the program may yet unload the library.
+__attribute__((destructor)) void forgetThreads() noexcept {
+    s_mapped_reports.forgetThreads();
 }
 
 } // namespace
@@ -54,15 +107,14 @@ ErrorStorage::Chain& ErrorStorage::Chain::ofThread() noexcept {
 }
 
 bool ErrorStorage::Chain::map() noexcept {
-    void* const memory = mmap(
-        nullptr, mappedSize(CAPACITY - INLINE_REPORTS), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-        -1, 0);
+    void* const memory =
+        mmap(nullptr, MAPPED_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
         return false;
     }
     m_more = static_cast<ErrorObject*>(memory);
     if (this == &t_default_chain) {
-        s_thread_end.watch();
+        s_mapped_reports.add(memory);
     }
     return true;
 }
@@ -71,7 +123,10 @@ void ErrorStorage::Chain::unmap() noexcept {
     if (m_more == nullptr) {
         return;
     }
-    munmap(m_more, mappedSize(CAPACITY - INLINE_REPORTS));
+    if (this == &t_default_chain) {
+        s_mapped_reports.remove(m_more);
+    }
+    munmap(m_more, MAPPED_SIZE);
     m_more = nullptr;
     m_pending = false;
     m_count = 0;

@@ -8,22 +8,44 @@ namespace {
 
 constexpr char const* SOURCE = "tarncommon/src/threadsafe/TlsImpl";
 
-} // namespace
-
-TlsImpl::TlsImpl() {
-    int const error = pthread_key_create(&m_key, nullptr);
+pthread_key_t createKey() {
+    pthread_key_t key{};
+    int const error = pthread_key_create(&key, nullptr);
     if (error != 0) {
         std::GlobalErrorHandler::doAbort(
             SOURCE, __LINE__, "TlsImpl", "error creating key (errno = %d)", error);
     }
+    return key;
 }
 
+} // namespace
+
+TlsImpl::TlsImpl() : m_key(createKey()) {}
+
 TlsImpl::~TlsImpl() {
-    pthread_key_delete(m_key);
+    pthread_key_t const key = m_key.load(std::memory_order_relaxed);
+    if (key != NO_KEY) {
+        pthread_key_delete(key);
+    }
+}
+
+/// The key of a slot that has none yet. Of several threads that make one at once the first one wins.
+pthread_key_t TlsImpl::makeKey() {
+    pthread_key_t const key = createKey();
+    pthread_key_t present = NO_KEY;
+    if (m_key.compare_exchange_strong(present, key)) {
+        return key;
+    }
+    pthread_key_delete(key);
+    return present;
 }
 
 void TlsImpl::set(void* value) {
-    int const error = pthread_setspecific(m_key, value);
+    pthread_key_t key = m_key.load(std::memory_order_relaxed);
+    if (key == NO_KEY) {
+        key = makeKey();
+    }
+    int const error = pthread_setspecific(key, value);
     if (error != 0) {
         std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, "set", "error storing value (errno = %d)", error);
     }

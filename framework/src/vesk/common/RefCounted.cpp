@@ -10,12 +10,19 @@ constexpr unsigned int COUNTERS = 1024;
 
 } // namespace
 
-// Ahead of every other initialiser, each of which may make the first handle.
-__attribute__((init_priority(101))) Mutex RefCounted::s_init_lock;
+TARN_CONSTANT_INIT Mutex RefCounted::s_init_lock(threadsafe::CONSTANT_INIT);
 TARN_CONSTANT_INIT std::atomic<int32_t> RefCounted::s_init_counter{0};
 TARN_CONSTANT_INIT std::atomic<RefCounted::CounterPool*> RefCounted::s_counter_pool{nullptr};
 // On a line of its own: threads write it, while they only read what stands around it.
 alignas(64) TARN_CONSTANT_INIT std::atomic<void*> RefCounted::s_spare{nullptr};
+
+/// Unloading the library frees the pool, behind the handles that are static objects of the library.
+class RefCounted::PoolEnd {
+public:
+    PoolEnd() noexcept = default;
+    ~PoolEnd() { delete s_counter_pool.load(std::memory_order_acquire); }
+};
+__attribute__((init_priority(101))) RefCounted::PoolEnd const RefCounted::s_pool_end;
 
 void RefCounted::doInit() {
     try {

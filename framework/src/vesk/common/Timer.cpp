@@ -30,7 +30,7 @@ constexpr std::ErrorID ROWS[] = {
 
 TARN_CONSTANT_INIT std::ErrorType const Timer::Error(ROWS, std::size(ROWS), SysError);
 TARN_CONSTANT_INIT std::Shared<Alarm::DefaultTimer>& Timer::timer_low_prio = Alarm::DEFAULT_TIMER;
-std::Shared<Timer::HighPrioTimer> Timer::timer_high_prio;
+TARN_CONSTANT_INIT std::Shared<Timer::HighPrioTimer> Timer::timer_high_prio;
 
 Timer::HighPrioTimer::HighPrioTimer()
     : Alarm::Timer(SIGRTMIN + 2, "HighPrioTimer", Thread::getMainSchedAttrs()) {}

@@ -32,7 +32,21 @@ int getPriority(LogLevel level) noexcept {
 
 } // namespace
 
-Mutex SystemLogger::s_singleton_mutex;
+TARN_CONSTANT_INIT Mutex SystemLogger::s_singleton_mutex(threadsafe::CONSTANT_INIT);
+
+namespace {
+
+/// The object whose log is to be closed at the end, null if there is none.
+TARN_CONSTANT_INIT std::atomic<SystemLogger*> s_opened_logger{nullptr};
+
+/// The object stays: other threads may log while the process ends, which opens the log again.
+__attribute__((destructor)) void closeAtTheEnd() {
+    if (SystemLogger* const logger = s_opened_logger.exchange(nullptr)) {
+        logger->closeLog();
+    }
+}
+
+} // namespace
 
 SystemLogger& SystemLogger::getInstance() {
     AbortingLock<Mutex> const lock(s_singleton_mutex, SOURCE, "getInstance");
@@ -42,6 +56,7 @@ SystemLogger& SystemLogger::getInstance() {
 
 SystemLogger::SystemLogger() {
     openLog();
+    s_opened_logger = this;
 }
 
 SystemLogger::~SystemLogger() {

@@ -61,7 +61,7 @@ namespace {
 TARN_CONSTANT_INIT thread_local detail::AlarmRinger t_ringer;
 } // namespace
 
-std::Shared<Alarm::DefaultTimer> Alarm::DEFAULT_TIMER;
+TARN_CONSTANT_INIT std::Shared<Alarm::DefaultTimer> Alarm::DEFAULT_TIMER;
 
 Alarm::DefaultTimer::DefaultTimer() : Timer(SIGRTMIN + 3, "Timer", Thread::getMainSchedAttrs()) {}
 

@@ -48,7 +48,7 @@ void makeRoom(std::vector<T>& list, size_t size) {
 
 } // namespace
 
-std::Shared<Poller> Poller::DEFAULT;
+TARN_CONSTANT_INIT std::Shared<Poller> Poller::DEFAULT;
 
 /// The lists of one cycle. They keep their memory from cycle to cycle, but belong to one call: a callback may enter `poll`
 /// again, which then finds none to take.

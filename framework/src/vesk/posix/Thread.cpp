@@ -114,12 +114,16 @@ bool reportFailure(Place place, Chain chain, int id) {
 TARN_CONSTANT_INIT std::ErrorType const Thread::Error(ROWS, std::size(ROWS), SysError);
 TARN_CONSTANT_INIT Thread::ThreadId Thread::s_main_thread_id;
 TARN_CONSTANT_INIT std::atomic<Thread::ExitHandler> Thread::s_main_exit_handlers[EXIT_HANDLERS] = {};
-TLS::Key Thread::s_tls_ctrl_object;
+TARN_CONSTANT_INIT TLS::Key Thread::s_tls_ctrl_object(threadsafe::CONSTANT_INIT);
 
 // ---- creation ----
 
 Thread::Thread(Fields, Function function, void* argument, bool detached)
-    : m_function(function), m_argument(argument), m_detached_mode(detached), m_link(ThreadLink::make()) {}
+    : m_function(function),
+      m_argument(argument),
+      m_detached_mode(detached),
+      m_link(ThreadLink::make()),
+      m_shared(m_link) {}
 
 Thread::Thread(Function function, void* argument) : Thread(function, argument, nullptr) {}
 
@@ -277,34 +281,34 @@ void Thread::applyNice() {
 
 /// Waits for the start, and takes the thread over from its creation. True if the body is to run.
 bool Thread::takeOver() {
-    insist("threadWrapper", "error getting state lock", [this] { return m_state_mutex.lock(); });
+    insist("threadWrapper", "error getting state lock", [this] { return m_shared.mutex.lock(); });
     while (getState() == CREATED) {
-        if (m_condition.wait(m_state_mutex)) {
+        if (m_shared.condition.wait(m_shared.mutex)) {
             GlobalErrorHandler::doAbort(SOURCE, __LINE__, "threadWrapper", "error waiting on condition");
         }
     }
     // The object was destroyed before it was started, or terminated before this thread got here.
     bool const ended = getState() == FINISHED || getState() == DEAD;
-    m_taken_over = true;
+    m_shared.taken_over = true;
     if (m_detached_mode || getState() == DEAD) {
-        insist("threadWrapper", "wait failed", [this] { return m_condition.signal(); });
+        insist("threadWrapper", "wait failed", [this] { return m_shared.condition.signal(); });
     }
-    unlockOrAbort(m_state_mutex, "threadWrapper", "error unlocking");
+    unlockOrAbort(m_shared.mutex, "threadWrapper", "error unlocking");
     return !ended;
 }
 
 /// The body of a joinable thread has returned.
 void Thread::finish() {
     callExitHandlers(getCallerThreadId(), EXIT_NORMAL);
-    insist("threadWrapper", "error locking", [this] { return m_state_mutex.lock(); });
+    insist("threadWrapper", "error locking", [this] { return m_shared.mutex.lock(); });
     setState(FINISHED);
-    unlockOrAbort(m_state_mutex, "threadWrapper", "error unlocking");
+    unlockOrAbort(m_shared.mutex, "threadWrapper", "error unlocking");
 }
 
 // ---- the life of a thread ----
 
 bool Thread::start() {
-    MutexLock lock(m_state_mutex);
+    MutexLock lock(m_shared.mutex);
     if (!lock.isLocked()) {
         return reportFailure(SOURCE, Chain::ON_TOP, 1);
     }
@@ -314,7 +318,7 @@ bool Thread::start() {
         return true;
     }
     // Under the lock it makes no difference that the state follows the signal, except that a failure leaves it alone.
-    if (m_condition.signal()) {
+    if (m_shared.condition.signal()) {
         SystemErrorText const text;
         lock.unlock();
         report(SOURCE, Chain::ON_TOP, Error, 1, text.get());
@@ -336,7 +340,7 @@ public:
         if (m_joined) {
             return;
         }
-        AbortingLock<Mutex const> const lock(m_thread.m_state_mutex, SOURCE, "join");
+        AbortingLock<Mutex const> const lock(m_thread.m_shared.mutex, SOURCE, "join");
         m_thread.m_joining.store(false, std::memory_order_relaxed);
         if (m_thread.getState() == DEAD) {
             pthread_detach(m_thread.m_handle);
@@ -356,7 +360,7 @@ bool Thread::prepareJoin() {
         report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempt to join detached thread");
         return true;
     }
-    MutexLock lock(m_state_mutex);
+    MutexLock lock(m_shared.mutex);
     if (!lock.isLocked()) {
         return reportFailure(SOURCE, Chain::ON_TOP, 4);
     }
@@ -376,7 +380,7 @@ bool Thread::prepareJoin() {
 }
 
 bool Thread::markJoined() {
-    MutexLock lock(m_state_mutex);
+    MutexLock lock(m_shared.mutex);
     // Joined it is, even if the lock fails: joining it once more must not reach the system.
     setState(DEAD);
     if (!lock.isLocked() || lock.unlock()) {
@@ -420,38 +424,49 @@ signed char Thread::joinTimeout(long long const& ms) {
 }
 
 bool Thread::suspend(long long ms) {
-    if (getThreadId() != getCallerThreadId()) {
+    // Asked without looking at the object: a terminated or detached thread may come here when that is gone.
+    if (t_link == nullptr || s_tls_ctrl_object.get() != this) {
         report(SOURCE, Chain::NEW, std::CommonError, 1, "suspend() called by non-associated thread");
         return true;
     }
+    return suspendCaller(*t_link, ms);
+}
+
+bool Thread::suspendCaller(Shared& shared, long long ms) {
     // Unlocks also when the thread is cancelled by the wait.
-    MutexLock lock(m_state_mutex);
+    MutexLock lock(shared.mutex);
     if (!lock.isLocked()) {
         return reportFailure(SOURCE, Chain::ON_TOP, 6);
     }
-    State const before = getState();
+    State const before = shared.state.load(std::memory_order_relaxed);
     if (before == DEAD) {
-        // It was terminated: that stays so, and nobody will wake it up.
+        // It was terminated: that stays so, and no wakeup follows.
         if (lock.unlock()) {
             return reportFailure(SOURCE, Chain::ON_TOP, 6);
         }
         pthread_testcancel();
         return false;
     }
-    setState(SUSPENDED);
+    if (shared.object_gone) {
+        lock.unlock();
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "suspend() called by non-associated thread");
+        return true;
+    }
+    auto const isSuspended = [&shared] { return shared.state.load(std::memory_order_relaxed) == SUSPENDED; };
+    shared.state.store(SUSPENDED, std::memory_order_relaxed);
     AbsTimeT deadline(tarnbase::TimePoint::MAX.getCount());
     if (ms != 0 && __builtin_add_overflow(tarnbase::TimePoint::now().getCount(), ms, &deadline.value)) {
         deadline.value = tarnbase::TimePoint::MAX.getCount();
     }
     signed char result = 0;
-    while (getState() == SUSPENDED && result == 0) {
-        result = ms == 0 ? static_cast<signed char>(m_condition.wait(m_state_mutex) ? -1 : 0)
-                         : m_condition.waitTimeout(m_state_mutex, deadline);
+    while (isSuspended() && result == 0) {
+        result = ms == 0 ? static_cast<signed char>(shared.condition.wait(shared.mutex) ? -1 : 0)
+                         : shared.condition.waitTimeout(shared.mutex, deadline);
     }
     if (result == -1) {
         SystemErrorText const text;
-        if (getState() == SUSPENDED) {
-            setState(before);
+        if (isSuspended()) {
+            shared.state.store(before, std::memory_order_relaxed);
         }
         lock.unlock();
         report(SOURCE, Chain::ON_TOP, Error, 6, text.get());
@@ -464,12 +479,12 @@ bool Thread::suspend(long long ms) {
 }
 
 bool Thread::wakeup() {
-    MutexLock lock(m_state_mutex);
+    MutexLock lock(m_shared.mutex);
     if (!lock.isLocked()) {
         return reportFailure(SOURCE, Chain::NEW, 7);
     }
     if (getState() == SUSPENDED) {
-        if (m_condition.signal()) {
+        if (m_shared.condition.signal()) {
             SystemErrorText const text;
             lock.unlock();
             report(SOURCE, Chain::NEW, Error, 7, text.get());
@@ -484,7 +499,7 @@ bool Thread::wakeup() {
 }
 
 bool Thread::terminate() {
-    MutexLock lock(m_state_mutex);
+    MutexLock lock(m_shared.mutex);
     if (!lock.isLocked()) {
         return reportFailure(SOURCE, Chain::ON_TOP, 5);
     }
@@ -523,10 +538,10 @@ Thread::~Thread() {
     }
     constexpr char const* FUNCTION = "~Thread";
     CancellationOff const cancellation_off;
-    insist(FUNCTION, "error getting state lock", [this] { return m_state_mutex.lock(); });
+    insist(FUNCTION, "error getting state lock", [this] { return m_shared.mutex.lock(); });
     auto const waitForTakeOver = [this] {
-        while (!m_taken_over) {
-            if (m_condition.wait(m_state_mutex)) {
+        while (!m_shared.taken_over) {
+            if (m_shared.condition.wait(m_shared.mutex)) {
                 GlobalErrorHandler::doAbort(SOURCE, __LINE__, FUNCTION, "wait failed");
             }
         }
@@ -535,42 +550,49 @@ Thread::~Thread() {
     if ((m_detached_mode && getState() != CREATED) || getState() == DEAD) {
         waitForTakeOver();
     }
+    m_shared.object_gone = true;
     switch (getState()) {
     case CREATED:
         setState(FINISHED);
-        insist(FUNCTION, "error unlocking and signaling", [this] { return m_condition.signal(); });
-        unlockOrAbort(m_state_mutex, FUNCTION, "error unlocking and signaling");
+        insist(FUNCTION, "error unlocking and signaling", [this] { return m_shared.condition.signal(); });
+        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking and signaling");
         if (!m_detached_mode) {
             insist(FUNCTION, "error joining non-detached thread", [this] { return join(); });
         } else {
-            insist(FUNCTION, "error locking", [this] { return m_state_mutex.lock(); });
+            insist(FUNCTION, "error locking", [this] { return m_shared.mutex.lock(); });
             waitForTakeOver();
-            unlockOrAbort(m_state_mutex, FUNCTION, "error unlocking");
+            unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
         }
         break;
     case FINISHED:
-        unlockOrAbort(m_state_mutex, FUNCTION, "error joining");
+        unlockOrAbort(m_shared.mutex, FUNCTION, "error joining");
         insist(FUNCTION, "error joining", [this] { return join(); });
         break;
-    case RUNNING:
     case SUSPENDED:
-        unlockOrAbort(m_state_mutex, FUNCTION, "error unlocking");
+        if (m_detached_mode) {
+            // Only the object could wake the thread.
+            setState(RUNNING);
+            insist(FUNCTION, "error unlocking and signaling", [this] { return m_shared.condition.signal(); });
+        }
+        [[fallthrough]];
+    case RUNNING:
+        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
         if (!m_detached_mode) {
             GlobalErrorHandler::doAbort(SOURCE, __LINE__, FUNCTION, "thread still running");
         }
         break;
     case DEAD:
-        unlockOrAbort(m_state_mutex, FUNCTION, "error unlocking");
+        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
         break;
     }
     if (getThreadState() != DEAD && !m_detached_mode) {
         GlobalErrorHandler::doAssert(
             false, "getThreadState() == DEAD || m_detached_mode", SOURCE, __LINE__, FUNCTION, nullptr);
         // Only a hook lets a destructor come here: the thread goes on without its object, unless it is about to end.
-        insist(FUNCTION, "error getting state lock", [this] { return m_state_mutex.lock(); });
+        insist(FUNCTION, "error getting state lock", [this] { return m_shared.mutex.lock(); });
         setState(DEAD);
         waitForTakeOver();
-        unlockOrAbort(m_state_mutex, FUNCTION, "error unlocking");
+        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
         int const detached = m_link.endThread(FUNCTION, [this] {
             pthread_detach(m_handle);
             return 0;

@@ -29,6 +29,8 @@ bool addExitHandler(std::atomic<Thread::ExitHandler> (&slots)[N], Thread::ExitHa
 /// What a thread and its `Thread` object share. It lives until both are done with it, so either may ask it about the
 /// other at any time, while the object may be gone without the thread knowing, and the thread without the object.
 ///
+/// It holds the state, its lock and its condition: a thread that waits in `suspend` may leave that when its object is gone.
+///
 /// It settles who ends a thread. Both sides come here under one lock: the thread when its body has returned, `terminate`
 /// to cancel it. The first one wins. If it is the thread, `terminate` refuses, and the object stays valid, since nobody
 /// may destroy it before it was joined. If it is `terminate`, the thread has learnt here, and not from the object, that
@@ -36,7 +38,7 @@ bool addExitHandler(std::atomic<Thread::ExitHandler> (&slots)[N], Thread::ExitHa
 ///
 /// It also keeps system calls from going to a thread that is gone, whose handle and kernel id may belong to another one
 /// by then: the thread's last deed is to say so here, and the calls are made under the lock.
-class ThreadLink : private tarnbase::NonCopyable {
+class ThreadLink : public Thread::Shared, private tarnbase::NonCopyable {
 public:
     /// Made for both sides at once. Waits for memory if there is none.
     static ThreadLink& make();

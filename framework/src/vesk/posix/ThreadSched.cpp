@@ -207,7 +207,7 @@ bool applySchedAttrs(pthread_attr_t& attributes, sched::Attr& kept) {
 // ---- priority, policy and parameters ----
 
 bool Thread::setPriority(int priority) {
-    MutexLock lock(m_state_mutex);
+    MutexLock lock(m_shared.mutex);
     State const state = getState();
     if (!lock.isLocked() || lock.unlock()) {
         report(SOURCE, Chain::ON_TOP, Error, 2, SystemErrorText().get());

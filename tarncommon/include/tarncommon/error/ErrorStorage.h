@@ -79,6 +79,9 @@ public:
     /// The chain itself, behind every store. Internal to the base library.
     class Chain {
     public:
+        /// How many reports lie in the store itself.
+        static constexpr unsigned int INLINE_REPORTS = 4;
+
         constexpr explicit Chain(Action action) noexcept : m_action(action) {}
 
         ErrorObject const* getHead() const noexcept { return m_count == 0 ? nullptr : m_head; }
@@ -93,8 +96,6 @@ public:
         static Chain& ofThread() noexcept;
 
     private:
-        static constexpr unsigned int INLINE_REPORTS = 4;
-
         ErrorObject* place(unsigned int index) noexcept;
         bool map() noexcept;
 

@@ -7,6 +7,10 @@
 
 namespace threadsafe {
 
+/// Selects the constructor of a static object that exists before any initialiser runs.
+struct ConstantInit {};
+constexpr ConstantInit CONSTANT_INIT{};
+
 /// What every lock of the base library has in common.
 class TARN_API MutexBase {
 public:
@@ -22,6 +26,11 @@ public:
     /// Creates the lock; a failure ends the process through `GlobalErrorHandler::doAbort`. A recursive lock may be
     /// locked again by its owner and is free after as many calls of `unlock`.
     explicit MutexImpl(bool recursive);
+
+    /// Makes a lock that is not recursive, without a call (`PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP`).
+    constexpr explicit MutexImpl(ConstantInit) noexcept : m_mutex PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP {}
+
+    /// Destroys the lock (`pthread_mutex_destroy`); one that is held goes to `GlobalErrorHandler::doAssert`.
     ~MutexImpl();
 
     /// Waits for the lock. 0 done; `ERROR_INCONSISTENCY`; any other value is another failure. `pthread_mutex_lock`.

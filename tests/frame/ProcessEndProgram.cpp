@@ -1,0 +1,103 @@
+// A program whose threads use the libraries while it ends: ProcessEndProgram WAY PREFIX. Says "ending" just before.
+
+#include "Uses.h"
+#include "threads/SignalsToMainThread.h"
+
+#include <vesk/SignalCatcher.h>
+#include <vesk/Timer.h>
+#include <vesk/Vesk.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <pthread.h>
+#include <sched.h>
+#include <string>
+#include <unistd.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+// Threads own what they hold when the process ends.
+extern "C" char const* __asan_default_options() {
+    return "detect_leaks=0";
+}
+#endif
+
+namespace {
+
+std::atomic<size_t> s_first_rounds{0};
+
+void* use(void* use) {
+    auto const round = static_cast<uses::Use const*>(use)->round;
+    round();
+    ++s_first_rounds;
+    for (;;) {
+        round();
+    }
+}
+
+/// A global object of the program, destroyed by `exit` after main has returned.
+struct ReadsTheDirectoryAtTheEnd {
+    ~ReadsTheDirectoryAtTheEnd() {
+        if (!expected.empty() && vesk::getDefaultConfigDir() != expected) {
+            fprintf(stderr, "the configuration directory is gone\n");
+            abort();
+        }
+    }
+    std::string expected;
+} s_reader;
+
+void announce() {
+    static_cast<void>(!write(STDOUT_FILENO, "ending", 6));
+}
+
+void endInACallback() {
+    announce();
+    exit(0);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        return 2;
+    }
+    std::string const way = argv[1];
+    vesk::Vesk const vesk(true, false);
+    uses::setUp(argv[2]);
+    s_reader.expected = vesk::getDefaultConfigDir();
+    for (size_t i = 0; i < uses::COUNT; ++i) {
+        pthread_t thread{};
+        if (pthread_create(&thread, nullptr, use, const_cast<uses::Use*>(&uses::USES[i])) != 0) {
+            return 3;
+        }
+    }
+    while (s_first_rounds < uses::COUNT) {
+        sched_yield();
+    }
+    if (way == "timer") {
+        vesk::Timer timer([](vesk::Timer*) { endInACallback(); }, false);
+        timer.start(1, false);
+        for (;;) {
+            pause();
+        }
+    }
+    if (way == "catcher") {
+        vesk::SignalCatcher const catcher(
+            SIGUSR2, [](int, void*) { endInACallback(); }, nullptr);
+        kill(getpid(), SIGUSR2);
+        for (;;) {
+            pause();
+        }
+    }
+    announce();
+    if (way == "quick_exit") {
+        quick_exit(0);
+    }
+    if (way == "exit") {
+        exit(0);
+    }
+    return 0;
+}

@@ -1,0 +1,165 @@
+// Not linked with the libraries: it loads them at run time, with the module that uses them.
+
+#include "ModulePath.h"
+#include "support/Threads.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <fstream>
+#include <malloc.h>
+#include <pthread.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+namespace {
+std::atomic<long> s_blocks{0};
+}
+
+// Blocks are counted here: what the C library tells of its heap includes blocks that threads have freed and keep.
+extern "C" {
+
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* block, size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+void __libc_free(void* block);
+
+void* malloc(size_t size) {
+    ++s_blocks;
+    return __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size) {
+    ++s_blocks;
+    return __libc_calloc(count, size);
+}
+void* realloc(void* block, size_t size) {
+    s_blocks += block == nullptr ? 1 : 0;
+    return __libc_realloc(block, size);
+}
+void* memalign(size_t alignment, size_t size) {
+    ++s_blocks;
+    return __libc_memalign(alignment, size);
+}
+void* aligned_alloc(size_t alignment, size_t size) {
+    return memalign(alignment, size);
+}
+int posix_memalign(void** block, size_t alignment, size_t size) {
+    *block = memalign(alignment, size);
+    return *block != nullptr ? 0 : ENOMEM;
+}
+void free(void* block) {
+    s_blocks -= block != nullptr ? 1 : 0;
+    __libc_free(block);
+}
+
+} // extern "C"
+
+namespace {
+long countBlocks() {
+    return s_blocks;
+}
+} // namespace
+
+#else
+
+namespace {
+/// The sanitizers have a heap of their own, and that of addresses looks for what is lost in it.
+long countBlocks() {
+    return 0;
+}
+} // namespace
+
+#endif
+
+namespace {
+
+constexpr int ROUNDS = 100;
+constexpr int WARM_UP = 10;
+
+bool isLoaded(char const* library) {
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(library) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// What the process has of something that loading might use up.
+struct Possessions {
+    int threads;
+    int descriptors;
+    long mapped_pages;
+    int free_keys;
+    long blocks;
+};
+
+int countFreeKeys() {
+    std::vector<pthread_key_t> keys;
+    for (pthread_key_t key{}; pthread_key_create(&key, nullptr) == 0;) {
+        keys.push_back(key);
+    }
+    for (pthread_key_t const key : keys) {
+        pthread_key_delete(key);
+    }
+    return static_cast<int>(keys.size());
+}
+
+int countDescriptors() {
+    int count = 0;
+    for (int fd = 0; fd < 1024; ++fd) {
+        count += access(("/proc/self/fd/" + std::to_string(fd)).c_str(), F_OK) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
+Possessions count() {
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return {support::countThreads(), countDescriptors(), pages, countFreeKeys(), countBlocks()};
+}
+
+void loadUseAndUnload() {
+    void* const module = dlopen(MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(nullptr, module) << dlerror();
+    using UseTheLibraries = void (*)(char const*);
+    auto const use = reinterpret_cast<UseTheLibraries>(dlsym(module, "use_the_libraries"));
+    ASSERT_NE(nullptr, use);
+    use(("vesk-unload-" + std::to_string(getpid()) + "-").c_str());
+    // A thread that was terminated or detached may be on its last steps, which are the library's.
+    for (int i = 0; support::countThreads() > support::g_threads_at_start && i < 100000; ++i) {
+        usleep(100);
+    }
+    ASSERT_EQ(0, dlclose(module)) << dlerror();
+    for (char const* const library : {"libvesk", "libtarncommon"}) {
+        ASSERT_FALSE(isLoaded(library)) << library;
+    }
+}
+
+TEST(Unload, leavesNothingOver) {
+    ASSERT_FALSE(isLoaded("libvesk")) << "the test itself is linked with it";
+    mallopt(M_ARENA_MAX, 1); // One more is a mapping more.
+    Possessions before{};
+    for (int round = 0; round < ROUNDS; ++round) {
+        if (round == WARM_UP) {
+            before = count();
+        }
+        ASSERT_NO_FATAL_FAILURE(loadUseAndUnload());
+    }
+    Possessions const after = count();
+    EXPECT_EQ(before.threads, after.threads);
+    EXPECT_EQ(before.descriptors, after.descriptors);
+    EXPECT_EQ(before.mapped_pages, after.mapped_pages);
+    EXPECT_EQ(before.free_keys, after.free_keys);
+    EXPECT_EQ(before.blocks, after.blocks);
+}
+
+} // namespace
