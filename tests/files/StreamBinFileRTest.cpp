@@ -276,14 +276,20 @@ TEST_F(StreamBinFileRTest, readsToTheEnd) {
     }
 }
 
-TEST_F(StreamBinFileRTest, readingNothingAtTheEndSucceeds) {
+TEST_F(StreamBinFileRTest, readingNothingSucceedsWithoutASystemCall) {
     for (unsigned int const buffer : {0U, 4U}) {
         Reader file(buffer);
+        EXPECT_EQ("", readFrom(file, 0, -1));
+        EXPECT_TRUE(closedFileIsTold("read"));
+        EXPECT_TRUE(file.hadError());
         EXPECT_FALSE(file.open(m_folder.makeFile("empty"), file.READ));
-        EXPECT_EQ("", readFrom(file, 0));
-        EXPECT_FALSE(file.hadError());
         EXPECT_EQ("", readFrom(file, 1, 0));
         EXPECT_TRUE(atEnd());
+        EXPECT_TRUE(file.hadError());
+        Fault const calls(inject_read, 0);
+        EXPECT_EQ("", readFrom(file, 0)) << "also at the end";
+        EXPECT_EQ(0, calls.getCalls());
+        EXPECT_FALSE(file.hadError());
     }
 }
 

@@ -497,6 +497,18 @@ TEST_F(StreamBinFileRWTest, destructorOfAnObjectWithoutItsReadBufferFailsToFlush
     EXPECT_TRUE(chainIs({}));
 }
 
+TEST_F(StreamBinFileRWTest, transfersOfNothingLeaveTheOtherDirectionAlone) {
+    EXPECT_FALSE(m_file.open(m_path, m_file.READ_WRITE));
+    readFrom(m_file, 1);
+    unsigned int const read_ahead = m_file.getReadAhead();
+    EXPECT_NE(0U, read_ahead);
+    writeTo(m_file, "");
+    EXPECT_EQ(read_ahead, m_file.getReadAhead());
+    writeTo(m_file, "ab");
+    EXPECT_EQ("", readFrom(m_file, 0));
+    EXPECT_EQ(2U, m_file.getBuffered());
+}
+
 TEST_F(StreamBinFileRWTest, readingAndWritingInTurnAllocatesNothing) {
     if (!support::COUNTS_ALLOCATIONS) {
         GTEST_SKIP() << "the sanitizer has the allocation functions";

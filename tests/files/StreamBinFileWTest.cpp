@@ -323,6 +323,20 @@ TEST_F(StreamBinFileWTest, writeThatWouldWaitIsNoFailure) {
     writeTo(file, "ab");
 }
 
+TEST_F(StreamBinFileWTest, writingNothingSucceedsWithoutASystemCall) {
+    for (unsigned int const buffer : {0U, 16U}) {
+        Writer file(buffer);
+        EXPECT_EQ(-1, writeOnce(file, "", 0));
+        EXPECT_TRUE(closedFileIsTold("write"));
+        EXPECT_TRUE(file.hadError());
+        EXPECT_FALSE(file.open("/dev/full", file.WRITE));
+        Fault const calls(inject_write, 0);
+        EXPECT_EQ(1, writeOnce(file, "", 0));
+        EXPECT_EQ(0, calls.getCalls());
+        EXPECT_FALSE(file.hadError());
+    }
+}
+
 TEST_F(StreamBinFileWTest, writeOnAClosedObjectFails) {
     Writer file;
     Fault const calls(inject_write, 0);

@@ -92,12 +92,12 @@ protected:
     }
 
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override {
-        EXPECT_EQ(IBinOutputStream::m_pos, IBinOutputStream::m_end) << "written bytes come first";
-        ++reads;
-        size_t const rest = content.size() - std::min(m_position, content.size());
         if (size == 0) {
             return false;
         }
+        EXPECT_EQ(IBinOutputStream::m_pos, IBinOutputStream::m_end) << "written bytes come first";
+        ++reads;
+        size_t const rest = content.size() - std::min(m_position, content.size());
         if (rest == 0) {
             ErrorOutput("test", __LINE__, true)(StreamError, 2);
             return true;
@@ -109,6 +109,9 @@ protected:
     }
 
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override {
+        if (size == 0) {
+            return false;
+        }
         EXPECT_EQ(IBinInputStream::m_pos, IBinInputStream::m_end) << "read-ahead is given back first";
         ++writes;
         if (write_fails) {

@@ -63,7 +63,8 @@ public:
 protected:
     bool checkReadBufferConsistency() override {
         ++checks;
-        EXPECT_EQ(asked.size() + 1, static_cast<size_t>(checks)) << "before each access to the source";
+        auto const accesses = asked.size() - static_cast<size_t>(std::count(asked.begin(), asked.end(), 0U));
+        EXPECT_EQ(accesses + 1, static_cast<size_t>(checks)) << "before each access to the source";
         if (inconsistent) {
             ErrorOutput("test", __LINE__, true)(StreamError, 1);
         }
@@ -271,7 +272,8 @@ TEST(IBinInputStream, readingNothingNeedsNoRoomAndTakesNothing) {
     count = 12345;
     EXPECT_EQ(1, source.read(nullptr, 0, count));
     EXPECT_EQ(0U, count);
-    EXPECT_EQ((Sizes{0, 8}), source.asked) << "no call while the buffer holds something";
+    EXPECT_EQ((Sizes{0, 8, 0}), source.asked);
+    EXPECT_EQ(1, source.checks) << "not for nothing";
     EXPECT_EQ((Got{1, "bc"}), readFrom(source, 5));
 }
 

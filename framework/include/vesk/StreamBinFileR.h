@@ -58,7 +58,8 @@ public:
     bool seek(int offset, SeekDirection direction, unsigned int& position) override;
 
 protected:
-    /// One `read`, repeated while a signal interrupts it. Nothing there in non-blocking mode is success.
+    /// One `read`, repeated while a signal interrupts it. Nothing there in non-blocking mode is success. For 0 bytes no
+    /// call is made.
     /// @return true on failure: at the end of the file `StreamError` 2; else `SysError` with `StreamError` on top, or for
     ///         a closed file `CommonError` 1 with `StreamError` 0 on top
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override;

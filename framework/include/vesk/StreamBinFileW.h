@@ -61,7 +61,8 @@ public:
     bool seek(int offset, SeekDirection direction, unsigned int& position) override;
 
 protected:
-    /// One `write`, repeated while a signal interrupts it; it may be short. No room in non-blocking mode is success.
+    /// One `write`, repeated while a signal interrupts it; it may be short. No room in non-blocking mode is success. For
+    /// 0 bytes no call is made.
     /// @return true on failure: `SysError` with `StreamError` on top, or for a closed file `CommonError` 1 with
     ///         `StreamError` 0 on top
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override;

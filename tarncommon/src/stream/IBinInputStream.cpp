@@ -45,16 +45,17 @@ int IBinInputStream::readSlowly(void* buffer, unsigned int size, unsigned int& r
         reportNoBuffer(SOURCE);
         return -1;
     }
-    if (m_pos != m_end) {
+    if (size != 0 && m_pos != m_end) {
         read = take(buffer, size);
         return 1;
     }
-    if (checkReadBufferConsistency()) {
+    // A request for nothing is only checked by `performRead`. The hook may write, and reading ahead may block or find the
+    // end of the stream.
+    if (size != 0 && checkReadBufferConsistency()) {
         return -1;
     }
     bool failed = false;
     unsigned int count = 0;
-    // Reading nothing must not find the end of the stream, as reading ahead for it could.
     if (size == 0 || size >= m_buffer_size) {
         failed = performRead(buffer, size, count);
         read = count;

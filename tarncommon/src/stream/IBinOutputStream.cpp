@@ -33,8 +33,7 @@ bool IBinOutputStream::checkWriteBufferConsistency() {
 /// on failure.
 bool IBinOutputStream::passOn(unsigned char const* source, unsigned int size, unsigned int& passed) {
     passed = 0;
-    // At least one call: writing nothing to an unbuffered stream means something to some sinks, to a datagram socket say.
-    do {
+    while (passed != size) {
         unsigned int count = 0;
         bool const failed = performWrite(source + passed, size - passed, count);
         passed += count;
@@ -48,7 +47,7 @@ bool IBinOutputStream::passOn(unsigned char const* source, unsigned int size, un
             // A stream that blocks on a descriptor that does not: it has to wait, but not at the cost of all others.
             sched_yield();
         }
-    } while (passed != size);
+    }
     return false;
 }
 
@@ -89,6 +88,10 @@ int IBinOutputStream::writeSlowly(void const* buffer, unsigned int size, unsigne
     if (!isWriteBufferSound()) {
         reportNoBuffer(SOURCE);
         return -1;
+    }
+    // A request for nothing is only checked by `performWrite`. The hook may seek, and the buffer stays as it is.
+    if (size == 0) {
+        return performWrite(buffer, 0, written) ? -1 : 1;
     }
     if (checkWriteBufferConsistency()) {
         return -1;

@@ -86,8 +86,11 @@ bool StreamBinFileR::performRead(void* buffer, unsigned int size, unsigned int& 
         m_had_error = true;
         return true;
     }
+    if (size == 0) {
+        return false;
+    }
     ssize_t const count = retryOnEintr([&] { return ::read(m_fd, buffer, size); });
-    if (count > 0 || (count == 0 && size == 0)) {
+    if (count > 0) {
         read = static_cast<unsigned int>(count);
         return false;
     }

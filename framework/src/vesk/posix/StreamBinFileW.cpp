@@ -107,6 +107,9 @@ bool StreamBinFileW::performWrite(void const* buffer, unsigned int size, unsigne
         m_had_error = true;
         return true;
     }
+    if (size == 0) {
+        return false;
+    }
     ssize_t const count = retryOnEintr([&] { return ::write(m_fd, buffer, size); });
     if (count >= 0) {
         written = static_cast<unsigned int>(count);

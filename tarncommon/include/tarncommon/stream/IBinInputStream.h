@@ -28,11 +28,11 @@ public:
     /// Reads up to `size` bytes.
     ///
     /// Gives what the buffer holds or, when it is empty, what one `performRead` brings: it may be less than `size`, and
-    /// there is no waiting for more. Blocks as `performRead` does. A request as large as the buffer, or for nothing, goes
-    /// to `performRead` directly.
+    /// there is no waiting for more. Blocks as `performRead` does. A request as large as the buffer goes to `performRead`
+    /// directly. A request for 0 bytes succeeds at once on a stream that can be read, without a system call.
     ///
-    /// @param buffer  room for `size` bytes
-    /// @param size    in bytes; 0 is allowed
+    /// @param buffer  room for `size` bytes; null is allowed if `size` is 0
+    /// @param size    in bytes
     /// @param read    how many bytes came, whatever the result is
     /// @return 1 done, in non-blocking mode also with nothing there and a `read` of 0; 0 at the end of the stream, with
     ///         `StreamError` 2 pending and `read` telling what came before it; -1 on failure: `StreamError` 0 without the
@@ -67,7 +67,8 @@ protected:
 
     /// Reads from the source, once.
     ///
-    /// Nothing there in non-blocking mode is success with a count of 0.
+    /// Nothing there in non-blocking mode is success with a count of 0. A `size` of 0 only checks the state: it fails on a
+    /// stream that cannot be read as any other size does, and otherwise succeeds without a system call.
     ///
     /// @param buffer  room for `size` bytes
     /// @param size    in bytes; 0 only if the user asked for 0

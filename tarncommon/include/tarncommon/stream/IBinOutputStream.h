@@ -28,10 +28,11 @@ public:
     ///
     /// In blocking mode it goes on until everything is passed on or buffered, even where the sink takes nothing for a
     /// while. In non-blocking mode it ends when the sink takes no more; what then fits into the buffer is buffered, and
-    /// `written` may be short.
+    /// `written` may be short. A request of 0 bytes succeeds at once on a stream that can be written, without a system
+    /// call; what is buffered stays so.
     ///
-    /// @param buffer   `size` bytes
-    /// @param size     in bytes; 0 is allowed, and reaches `performWrite` only if the stream is unbuffered
+    /// @param buffer   `size` bytes; null is allowed if `size` is 0
+    /// @param size     in bytes
     /// @param written  how many bytes of this request were passed on or buffered, whatever the result is
     /// @return 1 done, in non-blocking mode also with a `written` of 0; -1 on failure: `StreamError` 0 without the buffer
     ///         that the stream was made for, else what `performWrite` or `checkWriteBufferConsistency` reported. What
@@ -72,10 +73,11 @@ protected:
     /// @return true if nothing may be written, after a report; the `write` or `flush` fails with it
     virtual bool checkWriteBufferConsistency();
 
-    /// Writes to the sink, once.
+    /// Writes to the sink, once. A `size` of 0 only checks the state: it fails on a stream that cannot be written as any
+    /// other size does, and otherwise succeeds without a system call.
     ///
     /// @param buffer   `size` bytes
-    /// @param size     in bytes; 0 only if the user wrote 0 to an unbuffered stream
+    /// @param size     in bytes; 0 only if the user wrote 0
     /// @param written  out: how many bytes the sink took, also on failure; 0 when called. A short count is success, so is
     ///                 a count of 0 where the sink would have to wait.
     /// @return true on failure, after a report
