@@ -2,6 +2,7 @@
 #include "support/Chain.h"
 #include "support/Child.h"
 #include "support/Inject.h"
+#include "support/TempFolder.h"
 #include "support/VtableSlot.h"
 
 #include <tarncommon/error/CommonError.h>
@@ -117,6 +118,41 @@ TYPED_TEST(StandardBinFile, closeEndsOnlyTheObjectsUseOfTheDescriptor) {
     EXPECT_TRUE(chainIs({{std::CommonError, 1}, {std::IBinStreamBase::StreamError, 0}}));
     EXPECT_FALSE(output.close());
     EXPECT_EQ(0, syncs.getCalls()) << "nothing is flushed";
+}
+
+TYPED_TEST(StandardBinFile, closesAFileThatIsOpenedThroughIt) {
+    support::TempFolder const folder;
+    std::string const path = folder.makeFile("file");
+    int fd = -1;
+    {
+        TypeParam output;
+        EXPECT_FALSE(output.open(path, output.WRITE));
+        fd = output.getDescriptor();
+        EXPECT_LT(STDERR_FILENO, fd);
+        writeTo(output, "ab");
+        EXPECT_FALSE(output.close());
+        EXPECT_FALSE(output.isValid());
+        EXPECT_FALSE(isOpen(fd));
+        EXPECT_FALSE(output.open(path, output.WRITE | output.APPEND));
+        EXPECT_FALSE(output.open(path, output.WRITE | output.APPEND));
+        EXPECT_EQ(fd, output.getDescriptor()) << "the one before is closed";
+        writeTo(output, "c");
+    }
+    EXPECT_FALSE(isOpen(fd)) << "by the destructor";
+    EXPECT_TRUE(isOpen(TestFixture::DESCRIPTOR));
+    EXPECT_EQ("abc", support::contentOf(path));
+}
+
+TYPED_TEST(StandardBinFile, failureToCloseAFileThatIsOpenedThroughItIsTold) {
+    support::TempFolder const folder;
+    TypeParam output;
+    EXPECT_FALSE(output.open(folder.makeFile("file"), output.WRITE));
+    Fault const fault(inject_fsync, EIO);
+    EXPECT_TRUE(output.close());
+    EXPECT_TRUE(support::streamFailureIs(EIO, 11, 1));
+    EXPECT_TRUE(output.hadError());
+    EXPECT_FALSE(output.close());
+    EXPECT_FALSE(output.hadError());
 }
 
 TYPED_TEST(StandardBinFile, destructorLeavesTheDescriptorThroughEveryBase) {

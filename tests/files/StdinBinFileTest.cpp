@@ -4,11 +4,13 @@
 #include "support/VtableSlot.h"
 
 #include <tarncommon/error/CommonError.h>
+#include <vesk/FmtFileWrapper.h>
 #include <vesk/Pipe.h>
 #include <vesk/StdinBinFile.h>
 
 #include <gtest/gtest.h>
 
+#include <istream>
 #include <type_traits>
 #include <unistd.h>
 
@@ -66,6 +68,33 @@ TEST(StdinBinFile, closeEndsOnlyTheObjectsUseOfTheDescriptor) {
     EXPECT_EQ("", readFrom(input, 1, -1));
     EXPECT_TRUE(chainIs({{std::CommonError, 1}, {std::IBinStreamBase::StreamError, 0}}));
     EXPECT_FALSE(input.close());
+}
+
+TEST(StdinBinFile, closesAFileThatIsOpenedThroughItButNoStandardChannel) {
+    auto const end = support::runInChild([] {
+        int fd = -1;
+        {
+            StdinBinFile input;
+            EXPECT_FALSE(input.open("/dev/zero", input.READ));
+            fd = input.getDescriptor();
+            EXPECT_LT(STDERR_FILENO, fd);
+            EXPECT_FALSE(input.close());
+            EXPECT_FALSE(isOpen(fd));
+            EXPECT_FALSE(input.open("/dev/zero", input.READ));
+        }
+        EXPECT_FALSE(isOpen(fd)) << "by the destructor";
+        close(STDIN_FILENO);
+        {
+            StdinBinFile input;
+            EXPECT_FALSE(input.open("/dev/zero", input.READ));
+            EXPECT_EQ(STDIN_FILENO, input.getDescriptor()) << "the lowest free number";
+            using Numbers = vesk::FmtFileWrapper<StdinBinFile, std::istream, vesk::BinFileBase::ReadFlags>;
+            close(STDIN_FILENO);
+            Numbers const numbers("/dev/zero", vesk::BinFileBase::READ);
+        }
+        EXPECT_TRUE(isOpen(STDIN_FILENO)) << "is now the process's standard input";
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 TEST(StdinBinFile, destructorLeavesTheDescriptorThroughEveryBase) {

@@ -55,11 +55,11 @@ public:
     bool isValid() const { return m_file.isValid(); }
 
     /// Closes the file and drops what is buffered. Nothing can be read afterwards, although the stream is good.
-    /// @return true on failure, as `BinFileBase::close`
+    /// @return true on failure, as `File::close`
     bool close() {
         m_buffer.destroyBuffer();
         m_buffer.createBuffer();
-        bool const failed = m_file.BinFileBase::close();
+        bool const failed = m_file.close();
         this->clear(std::ios_base::goodbit);
         return failed;
     }

@@ -7,17 +7,18 @@ namespace vesk {
 
 /// The process's standard input, read as a stream, in blocking mode and without a buffer.
 ///
-/// The descriptor stays the process's: nothing here closes it. `close` only ends the object's use of it.
+/// The numbers of the standard channels, 0, 1 and 2, stay the process's: nothing here closes them. A file that is opened
+/// through the object is its own, and is closed as by a `StreamBinFileR`.
 class VESK_API StdinBinFile : public StreamBinFileR {
 public:
     /// The argument is there for the sake of the other stream files and has no effect: the stream is unbuffered.
     explicit StdinBinFile(unsigned int buffer_size = 0);
 
-    /// Leaves the descriptor as it is.
+    /// Leaves a standard channel as it is, and closes any other file.
     ~StdinBinFile() override;
 
-    /// Makes the object invalid and leaves the descriptor as it is.
-    /// @return false
+    /// Makes the object invalid and leaves a standard channel as it is. Any other file is closed.
+    /// @return true if a file could not be closed, after the reports of `StreamBinFileR`
     bool close() override;
 };
 

@@ -1,8 +1,12 @@
 #include <vesk/StderrBinFile.h>
 
+#include "StandardChannel.h"
+
 #include <unistd.h>
 
 namespace vesk {
+
+using namespace detail;
 
 StderrBinFile::StderrBinFile(unsigned int) {
     m_fd = STDERR_FILENO;
@@ -10,11 +14,17 @@ StderrBinFile::StderrBinFile(unsigned int) {
 }
 
 StderrBinFile::~StderrBinFile() {
-    // No base closes what the process did not open through it.
-    m_fd = -1;
+    // A file that was opened through the object is closed by its base, a standard channel by nothing.
+    if (isStandardChannel(m_fd)) {
+        m_fd = -1;
+    }
 }
 
 bool StderrBinFile::close() {
+    if (!isStandardChannel(m_fd)) {
+        return StreamBinFileW::close();
+    }
+    m_had_error = false;
     m_fd = -1;
     return false;
 }

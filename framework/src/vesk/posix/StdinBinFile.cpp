@@ -1,8 +1,12 @@
 #include <vesk/StdinBinFile.h>
 
+#include "StandardChannel.h"
+
 #include <unistd.h>
 
 namespace vesk {
+
+using namespace detail;
 
 StdinBinFile::StdinBinFile(unsigned int) {
     m_fd = STDIN_FILENO;
@@ -10,11 +14,17 @@ StdinBinFile::StdinBinFile(unsigned int) {
 }
 
 StdinBinFile::~StdinBinFile() {
-    // No base closes what the process did not open through it.
-    m_fd = -1;
+    // A file that was opened through the object is closed by its base, a standard channel by nothing.
+    if (isStandardChannel(m_fd)) {
+        m_fd = -1;
+    }
 }
 
 bool StdinBinFile::close() {
+    if (!isStandardChannel(m_fd)) {
+        return StreamBinFileR::close();
+    }
+    m_had_error = false;
     m_fd = -1;
     return false;
 }
