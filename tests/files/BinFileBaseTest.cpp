@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <initializer_list>
 #include <iostream>
 #include <new>
 #include <ostream>
@@ -266,10 +268,25 @@ TEST_F(BinFileBaseTest, openClosesThroughTheClassThatDerives) {
     file.fails = true;
     EXPECT_TRUE(file.open(path.c_str(), BinFileBase::READ, FileAccess::none));
     EXPECT_TRUE(file.isValid());
+    EXPECT_TRUE(file.hadError());
     Pipe pipe;
     EXPECT_TRUE(file.open(pipe, false));
     EXPECT_NE(-1, pipe.getReadEnd());
     EXPECT_EQ(3, file.closes);
+}
+
+TEST_F(BinFileBaseTest, openForgetsThatTheCloseBeforeWasInterrupted) {
+    Pipe pipe;
+    for (auto const& open : std::initializer_list<std::function<bool()>>{
+             [&] { return m_file.open("/dev/null", BinFileBase::READ, FileAccess::none); },
+             [&] { return m_file.open(pipe, false); },
+             [&] { return m_file.open("", BinFileBase::READ, FileAccess::none); }}) {
+        openFile(m_file, "/dev/null", BinFileBase::READ);
+        Fault const fault(inject_close, EINTR);
+        EXPECT_FALSE(open());
+        EXPECT_EQ(2, fault.getCalls());
+        EXPECT_FALSE(m_file.hadError());
+    }
 }
 
 TEST_F(BinFileBaseTest, failedOpenLeavesTheObjectClosedWithTheNewWord) {

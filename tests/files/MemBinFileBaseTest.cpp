@@ -124,6 +124,7 @@ TEST_F(MemBinFileBaseTest, closeTakesEveryMappingDownFromTheLowestAlsoWhenOneFai
     {
         Fault const fault(inject_munmap, ENOMEM, 2);
         EXPECT_TRUE(m_file.close());
+        EXPECT_TRUE(m_file.hadError());
     }
     EXPECT_TRUE(failureIs(ENOMEM, 10));
     EXPECT_EQ(0U, m_file.getMappingCount());

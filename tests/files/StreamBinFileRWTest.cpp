@@ -319,6 +319,7 @@ TEST_F(StreamBinFileRWTest, readAheadIsGivenBackThroughTheSeekOfAClassThatDerive
     EXPECT_EQ("0", readFrom(file, 1));
     unsigned int written = 0;
     EXPECT_EQ(-1, file.write("X", 1, written));
+    EXPECT_TRUE(file.hadError());
     EXPECT_FALSE(file.isWriting());
     EXPECT_EQ(9U, file.getReadAhead());
     file.fails = false;
@@ -395,6 +396,23 @@ TEST_F(StreamBinFileRWTest, seekOnAClosedObjectFails) {
 }
 
 // ---- close and the end of the object ----
+
+TEST_F(StreamBinFileRWTest, closeAndFailedOpenLeaveNothingOfTheOldFile) {
+    EXPECT_FALSE(m_file.open("/dev/full", m_file.READ_WRITE));
+    writeTo(m_file, "AB");
+    EXPECT_TRUE(m_file.close());
+    EXPECT_TRUE(m_file.hadError());
+    EXPECT_EQ(0U, m_file.getBuffered());
+    unsigned int written = 12345;
+    EXPECT_EQ(-1, m_file.write("C", 1, written));
+    EXPECT_TRUE(support::closedFileIsTold("write"));
+    EXPECT_FALSE(m_file.open(m_path, m_file.READ_WRITE));
+    EXPECT_EQ("0", readFrom(m_file, 1));
+    EXPECT_TRUE(m_file.open(m_folder / "missing", m_file.READ_WRITE));
+    EXPECT_EQ(0U, m_file.getReadAhead());
+    std::ErrorStorage::ack();
+    EXPECT_EQ("0123456789abcdef", contentOf(m_path));
+}
 
 TEST_F(StreamBinFileRWTest, closeFlushesFirstAndClosesInAnyCase) {
     writeTo(m_file, "AB");

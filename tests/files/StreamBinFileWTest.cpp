@@ -16,11 +16,19 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
+#include <functional>
+#include <initializer_list>
+#include <poll.h>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
+#include <thread>
 #include <type_traits>
+
+VESK_INJECT_ERRNO(int, -1, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 
 namespace {
 
@@ -215,9 +223,10 @@ TEST_F(StreamBinFileWTest, reopeningStopsWhenTheOldFileCannotBeFlushed) {
     EXPECT_TRUE(streamFailureIs(ENOSPC, 15, 1));
     EXPECT_FALSE(file.isValid());
     EXPECT_EQ("old", contentOf(other));
-    EXPECT_EQ(3U, file.getBuffered());
-    EXPECT_FALSE(file.open(other, file.WRITE | file.TRUNCATE));
+    EXPECT_TRUE(file.hadError());
     EXPECT_EQ(0U, file.getBuffered()) << "what the old file did not take is dropped";
+    EXPECT_FALSE(file.open(other, file.WRITE | file.TRUNCATE));
+    EXPECT_FALSE(file.hadError());
     EXPECT_FALSE(file.close());
     EXPECT_EQ("", contentOf(other));
 }
@@ -337,13 +346,138 @@ TEST_F(StreamBinFileWTest, writingNothingSucceedsWithoutASystemCall) {
     }
 }
 
-TEST_F(StreamBinFileWTest, writeOnAClosedObjectFails) {
-    Writer file;
-    Fault const calls(inject_write, 0);
-    EXPECT_EQ(-1, writeOnce(file, "ab", 0));
+TEST_F(StreamBinFileWTest, writeOnAClosedObjectFailsAndLeavesNothingBehind) {
+    for (unsigned int const buffer : {0U, 16U}) {
+        Writer file(buffer);
+        Fault const calls(inject_write, 0);
+        for (auto const& make_closed : std::initializer_list<std::function<bool()>>{
+                 [] { return false; }, [&] { return file.open(m_path, file.WRITE) || file.close(); },
+                 [&] { return !file.open(m_folder / "missing", file.WRITE); },
+                 [&] { return file.open(m_path, file.WRITE) || !file.open("/missing/file", file.WRITE); },
+                 [&] { return file.open("", file.WRITE); }}) {
+            EXPECT_FALSE(make_closed());
+            std::ErrorStorage::ack();
+            for (int i = 0; i < 2; ++i) {
+                EXPECT_EQ(-1, writeOnce(file, "ab", 0));
+                EXPECT_TRUE(closedFileIsTold("write"));
+                EXPECT_TRUE(file.hadError());
+            }
+        }
+        EXPECT_EQ(0, calls.getCalls());
+        EXPECT_FALSE(file.open(m_path, file.WRITE));
+        EXPECT_FALSE(file.close());
+        EXPECT_EQ("0123456789", contentOf(m_path));
+    }
+}
+
+TEST_F(StreamBinFileWTest, closeWhoseFlushFailsLeavesNothingBehind) {
+    Writer file(16);
+    EXPECT_FALSE(file.open("/dev/full", file.WRITE));
+    writeTo(file, "ab");
+    EXPECT_TRUE(file.close());
+    std::ErrorStorage::ack();
+    EXPECT_EQ(-1, writeOnce(file, "cd", 0));
     EXPECT_TRUE(closedFileIsTold("write"));
+    EXPECT_FALSE(file.BinFileBase::open(m_path.c_str(), file.WRITE, vesk::FileAccess::none));
+    EXPECT_FALSE(file.close());
+    EXPECT_EQ("0123456789", contentOf(m_path));
+}
+
+TEST_F(StreamBinFileWTest, hadErrorTellsTheOutcomeOfTheWholeOperation) {
+    Writer file(16);
+    EXPECT_FALSE(file.open("/dev/full", file.WRITE));
+    writeTo(file, "ab");
+    EXPECT_TRUE(file.flush(true));
     EXPECT_TRUE(file.hadError());
-    EXPECT_EQ(0, calls.getCalls());
+    writeTo(file, "c");
+    EXPECT_FALSE(file.hadError()) << "it is in the buffer";
+    EXPECT_TRUE(file.seek(0, file.Begin, m_position));
+    EXPECT_TRUE(file.hadError());
+    EXPECT_TRUE(file.open(m_path, file.WRITE)) << "the old one is not flushed";
+    EXPECT_TRUE(file.hadError());
+    EXPECT_FALSE(file.close());
+    EXPECT_FALSE(file.hadError());
+    {
+        NewFault const fault(New::NOTHROW_ARRAY);
+        Writer unbuffered(16);
+        EXPECT_TRUE(unbuffered.open(m_path, file.WRITE));
+        EXPECT_TRUE(unbuffered.hadError());
+    }
+    std::ErrorStorage::ack();
+}
+
+/// The write end of a full pipe that does not wait.
+class FullPipe {
+public:
+    FullPipe() {
+        int const fd = m_pipe.getWriteEnd();
+        fcntl(fd, F_SETFL, O_NONBLOCK);
+        while (::write(fd, m_page, sizeof m_page) > 0) {
+            m_bytes += sizeof m_page;
+        }
+    }
+
+    Pipe& getPipe() { return m_pipe; }
+
+    /// Reads what it was filled with.
+    void drain() {
+        for (size_t left = m_bytes; left != 0;) {
+            ssize_t const count = ::read(m_pipe.getReadEnd(), m_page, std::min(left, sizeof m_page));
+            ASSERT_GT(count, 0);
+            left -= static_cast<size_t>(count);
+        }
+    }
+
+private:
+    Pipe m_pipe;
+    char m_page[4096] = {};
+    size_t m_bytes = 0;
+};
+
+TEST_F(StreamBinFileWTest, hadErrorTellsThatASinkDidNotTakeWhatAFlushOrSeekPassesOn) {
+    FullPipe full;
+    class NonBlocking : public Writer {
+    public:
+        NonBlocking() : Writer(16) {}
+        void setNonBlocking() { m_blocking = false; }
+    } file;
+    EXPECT_FALSE(file.open(full.getPipe()));
+    file.setNonBlocking();
+    for (auto const& refused : std::initializer_list<std::function<bool()>>{
+             [&] { return file.flush(true); }, [&] { return file.flush(false); },
+             [&] { return file.seek(0, file.Current, m_position); }}) {
+        writeTo(file, "a");
+        EXPECT_FALSE(file.hadError());
+        EXPECT_TRUE(refused());
+        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 1}}));
+        EXPECT_TRUE(file.hadError());
+    }
+    EXPECT_EQ(1, writeOnce(file, std::string(16, 'b'), 13)) << "no failure of a write";
+    EXPECT_FALSE(file.hadError());
+    full.drain();
+    EXPECT_FALSE(file.close());
+    EXPECT_FALSE(file.hadError());
+}
+
+TEST_F(StreamBinFileWTest, blockingOneWaitsForASinkThatDoesNot) {
+    FullPipe full;
+    Writer file;
+    EXPECT_FALSE(file.open(full.getPipe()));
+    Fault const waits(inject_poll, 0, 1, 1, Fault::Threads::ALL);
+    Fault const writes(inject_write, 0, 1, 1, Fault::Threads::ALL);
+    std::thread reader([&] {
+        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (waits.getCalls() == 0 && std::chrono::steady_clock::now() < deadline) {
+            sched_yield();
+        }
+        full.drain();
+    });
+    writeTo(file, std::string(100, 'x'));
+    reader.join();
+    EXPECT_NE(0, waits.getCalls());
+    EXPECT_LE(writes.getCalls(), waits.getCalls() + 1) << "one wait for each write that was refused";
+    EXPECT_FALSE(file.hadError());
+    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(StreamBinFileWTest, whatTheSystemDoesNotWriteIsReported) {
@@ -545,8 +679,9 @@ TEST_F(StreamBinFileWTest, closeClosesTheFileAlsoWhenItCannotBeFlushed) {
     EXPECT_TRUE(streamFailureIs(ENOSPC, 15, 1));
     EXPECT_FALSE(file.isValid());
     EXPECT_FALSE(isOpen(fd));
-    EXPECT_FALSE(file.hadError()) << "the last step succeeded";
+    EXPECT_TRUE(file.hadError()) << "although the last step succeeded";
     EXPECT_FALSE(file.close());
+    EXPECT_FALSE(file.hadError());
 }
 
 TEST_F(StreamBinFileWTest, closeFailsWhenTheDescriptorCannotBeClosed) {

@@ -5,6 +5,7 @@
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>
+#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/stream/IBinOutputStream.h>
 
 #include <gtest/gtest.h>
@@ -41,13 +42,15 @@ public:
     explicit ScriptedSink(unsigned int buffer_size, std::deque<Step> steps = {}, bool blocking = true)
         : IBinOutputStream(blocking, buffer_size), m_steps(std::move(steps)) {}
 
-    bool isValid() const override { return isWriteBufferSound(); }
+    bool isValid() const override { return is_open && isWriteBufferSound(); }
 
+    bool is_open = true;
     std::string taken;         // What the sink has.
     Calls calls;               // The bytes offered by each `performWrite`, "FLUSH" for each `performFlush`.
     int checks = 0;            // Calls of the hook.
     bool inconsistent = false; // What the hook says.
     bool flush_fails = false;
+    int flushing = 0; // Calls of `performWrite` out of a flush.
 
     void script(std::deque<Step> steps) { m_steps = std::move(steps); }
     bool getBlocking() const { return m_blocking; }
@@ -69,9 +72,10 @@ protected:
 
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override {
         EXPECT_EQ(0U, written);
-        EXPECT_TRUE(size == 0 || checks != 0) << "the hook comes first";
+        EXPECT_TRUE(size == 0 || checks != 0 || !is_open) << "the hook comes first";
         std::string const offered(static_cast<char const*>(buffer), size);
         calls.push_back(offered);
+        flushing += m_flushing ? 1 : 0;
         Step const step = m_steps.empty() ? Step{size} : m_steps.front();
         if (!m_steps.empty()) {
             m_steps.pop_front();
@@ -209,6 +213,47 @@ TEST(IBinOutputStream, writingNothingIsCheckedByTheSinkAndLeavesTheBufferAlone) 
     EXPECT_EQ((Put{1, 0}), writeTo(sink, ""));
     EXPECT_EQ((Calls{""}), sink.calls);
     EXPECT_EQ("abc", sink.getHeld());
+}
+
+TEST(IBinOutputStream, oneThatIsNotOpenKeepsNothing) {
+    ScriptedSink sink(4, {{0, true}, {0, true}});
+    sink.is_open = false;
+    for (std::string const bytes : {"a", "abcdef"}) {
+        EXPECT_EQ((Put{-1, 0}), writeTo(sink, bytes));
+        EXPECT_TRUE(chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, 4}})) << "the sink tells why";
+        EXPECT_TRUE(sink.isEmpty());
+        EXPECT_EQ(0, sink.checks);
+    }
+}
+
+TEST(IBinOutputStream, flushTellsItsSinkThatTakingNothingIsAFailure) {
+    for (bool const blocking : {true, false}) {
+        ScriptedSink sink(4, {{0}}, blocking);
+        writeTo(sink, "abc");
+        EXPECT_EQ(!blocking, sink.flush(true));
+        EXPECT_EQ(!blocking, chainIs({{IBinStreamBase::StreamError, 1}}));
+        EXPECT_EQ(blocking ? 2 : 1, sink.flushing);
+        sink.script({{0}, {3}});
+        writeTo(sink, "defgh");
+        EXPECT_EQ(blocking ? 2 : 1, sink.flushing) << "a write may be short";
+    }
+}
+
+TEST(IBinOutputStream, hookIsAskedAgainBehindAFailureWithRoomInTheBuffer) {
+    ScriptedSink sink(8);
+    writeTo(sink, "abc");
+    sink.script({{1, true}, {0, true}});
+    EXPECT_TRUE(sink.flush(true));
+    int checks = sink.checks;
+    EXPECT_EQ((Put{1, 1}), writeTo(sink, "d"));
+    EXPECT_EQ(checks + 1, sink.checks);
+    EXPECT_EQ((Put{-1, 0}), writeTo(sink, "efghijklm"));
+    checks = sink.checks;
+    EXPECT_EQ((Put{1, 1}), writeTo(sink, "e"));
+    EXPECT_EQ(checks + 1, sink.checks);
+    std::ErrorStorage::ack();
+    EXPECT_FALSE(sink.flush(true));
+    EXPECT_EQ("abcde", sink.taken);
 }
 
 TEST(IBinOutputStream, bufferOfOneByteWorks) {

@@ -138,8 +138,9 @@ public:
     ///         that is not open for writing or has no size, 15 if it gets too large, 7 on a read-only file system, else 19
     bool truncateSize(unsigned int size);
 
-    /// Whether the last `open`, `close`, `seek`, or transfer failed. It is also true after a `close` that succeeded after
-    /// an interruption.
+    /// Whether the last `open`, `close`, `seek`, `flush` or transfer failed, its part that was done by a buffer included.
+    /// It is also true after a `close` that succeeded after an interruption. `openAt` does not change it, nor does a read
+    /// that is served by what was read ahead.
     bool hadError() const noexcept { return m_had_error; }
 
     /// The descriptor, for calls that no class of this library makes; -1 if the file is closed. It stays this object's.

@@ -58,6 +58,9 @@ public:
     bool seek(int offset, SeekDirection direction, unsigned int& position) override;
 
 protected:
+    /// Called before a read: forgets the failure of the operation before.
+    bool checkReadBufferConsistency() override;
+
     /// One `read`, repeated while a signal interrupts it. Nothing there in non-blocking mode is success. For 0 bytes no
     /// call is made.
     /// @return true on failure: at the end of the file `StreamError` 2; else `SysError` with `StreamError` on top, or for

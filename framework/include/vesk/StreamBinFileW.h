@@ -53,16 +53,20 @@ public:
         Directory const& dir, char const* name, bool follow, WriteFlags const& flags,
         FileAccess const& access = DEFAULT_ACCESS);
 
-    /// Flushes, and closes the file whether that succeeds or not; of two failures the second is pending. A file that is
-    /// not valid is left alone, with success.
+    /// Flushes, and closes the file whether that succeeds or not; of two failures the second is pending. What a file that
+    /// is closed did not take is dropped. A file that is not valid is left alone, with success.
     bool close() override;
 
     /// Flushes what the buffer holds, and moves the position. It does not move while something is left in the buffer.
     bool seek(int offset, SeekDirection direction, unsigned int& position) override;
 
 protected:
+    /// Called before a write: forgets the failure of the operation before.
+    bool checkWriteBufferConsistency() override;
+
     /// One `write`, repeated while a signal interrupts it; it may be short. No room in non-blocking mode is success. For
-    /// 0 bytes no call is made.
+    /// 0 bytes no call is made. No room in blocking mode, on a descriptor that was made non-blocking from outside, waits
+    /// for room (`poll`) and gives a count of 0.
     /// @return true on failure: `SysError` with `StreamError` on top, or for a closed file `CommonError` 1 with
     ///         `StreamError` 0 on top
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override;
@@ -84,6 +88,7 @@ protected:
 private:
     template <typename Open>
     bool openBy(Open open);
+    void waitForRoom() const;
 };
 
 } // namespace vesk

@@ -2,6 +2,8 @@
 
 #include "StreamBuffer.h"
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <algorithm>
 #include <cstring>
 #include <sched.h>
@@ -13,6 +15,16 @@ using namespace stream_detail;
 namespace {
 
 constexpr char const* SOURCE = "tarncommon/src/stream/IBinOutputStream";
+
+/// Sets a flag for the time of a scope, which also a thread that is cancelled leaves.
+class Flushing : private tarnbase::NonCopyable {
+public:
+    explicit Flushing(bool& flag) noexcept : m_flag(flag) { m_flag = true; }
+    ~Flushing() { m_flag = false; }
+
+private:
+    bool& m_flag;
+};
 
 } // namespace
 
@@ -44,7 +56,7 @@ bool IBinOutputStream::passOn(unsigned char const* source, unsigned int size, un
             if (!m_blocking) {
                 return false;
             }
-            // A stream that blocks on a descriptor that does not: it has to wait, but not at the cost of all others.
+            // The class waits for its sink where it can. One that cannot must at least let others run.
             sched_yield();
         }
     }
@@ -63,7 +75,21 @@ bool IBinOutputStream::passBufferOn() {
         m_pos = 0;
         m_end = 0;
     }
+    if (failed) {
+        leaveNoRoomBehind();
+    }
     return failed;
+}
+
+/// Moves what is held to the end of the buffer. The next write then takes the slow way, in which the class learns that the
+/// failure is past.
+void IBinOutputStream::leaveNoRoomBehind() noexcept {
+    unsigned int const held = m_end - m_pos;
+    if (held != 0) {
+        memmove(m_buffer + (m_buffer_size - held), m_buffer + m_pos, held);
+        m_pos = m_buffer_size - held;
+        m_end = m_buffer_size;
+    }
 }
 
 /// Puts as much into the buffer as fits and tells how much that was.
@@ -89,9 +115,10 @@ int IBinOutputStream::writeSlowly(void const* buffer, unsigned int size, unsigne
         reportNoBuffer(SOURCE);
         return -1;
     }
-    // A request for nothing is only checked by `performWrite`. The hook may seek, and the buffer stays as it is.
-    if (size == 0) {
-        return performWrite(buffer, 0, written) ? -1 : 1;
+    // A request for nothing is only checked by `performWrite`: the hook may seek, and the buffer stays as it is. A stream
+    // that is not open keeps nothing either, since nothing would pass it on; `performWrite` tells the reason.
+    if (size == 0 || (m_buffer_size != 0 && !isValid())) {
+        return performWrite(buffer, size, written) ? -1 : 1;
     }
     if (checkWriteBufferConsistency()) {
         return -1;
@@ -118,10 +145,16 @@ bool IBinOutputStream::flush(bool buffer_only) {
     }
     // With nothing to pass on the other direction is none of its business: its read-ahead stays.
     if (m_pos != m_end) {
-        if (checkWriteBufferConsistency() || passBufferOn()) {
+        if (checkWriteBufferConsistency()) {
+            leaveNoRoomBehind();
+            return true;
+        }
+        Flushing const flushing(m_flushing);
+        if (passBufferOn()) {
             return true;
         }
         if (m_pos != m_end) {
+            leaveNoRoomBehind();
             ErrorOutput(SOURCE, __LINE__, true)(StreamError, 1);
             return true;
         }

@@ -123,8 +123,8 @@ bool BinFileBase::close() {
 }
 
 bool BinFileBase::open(char const* path, OpenFlags const& flags, FileAccess const& access) {
-    m_had_error = false;
-    if (isValid() && close()) {
+    m_had_error = isValid() && close();
+    if (m_had_error) {
         return true;
     }
     if (path == nullptr || *path == '\0') {
@@ -140,8 +140,8 @@ bool BinFileBase::open(char const* path, OpenFlags const& flags, FileAccess cons
 }
 
 bool BinFileBase::open(Pipe& pipe, bool write_end) {
-    m_had_error = false;
-    if (isValid() && close()) {
+    m_had_error = isValid() && close();
+    if (m_had_error) {
         return true;
     }
     int const fd = write_end ? pipe.takeWriteEnd() : pipe.takeReadEnd();
@@ -153,8 +153,8 @@ bool BinFileBase::open(Pipe& pipe, bool write_end) {
 }
 
 bool BinFileBase::open(BinTempFileRW& temp, bool keep_path) {
-    m_had_error = false;
-    if (isValid() && close()) {
+    m_had_error = isValid() && close();
+    if (m_had_error) {
         return true;
     }
     if (temp.isValid()) {

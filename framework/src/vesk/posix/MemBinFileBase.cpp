@@ -24,6 +24,7 @@ MemBinFileBase::~MemBinFileBase() {
 bool MemBinFileBase::close() {
     bool const unmapping_failed = destroyMappings(m_mappings);
     bool const closing_failed = BinFileBase::close();
+    m_had_error = m_had_error || unmapping_failed;
     return unmapping_failed || closing_failed;
 }
 

@@ -84,8 +84,8 @@ SerialPort::~SerialPort() {
 }
 
 bool SerialPort::open() {
-    m_had_error = false;
-    if (isValid() && close()) {
+    m_had_error = isValid() && close();
+    if (m_had_error) {
         return true;
     }
     closeUnbuffered();

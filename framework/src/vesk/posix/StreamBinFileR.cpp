@@ -44,13 +44,18 @@ template <typename Open>
 bool StreamBinFileR::openBy(Open open) {
     if (!isReadBufferSound()) {
         report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempted open on invalid object");
+        m_had_error = true;
         return true;
     }
-    if (open()) {
-        return true;
+    bool const failed = open();
+    if (failed && m_fd != -1) {
+        return true; // The file before is still open.
     }
     m_pos = 0;
     m_end = 0;
+    if (failed) {
+        return true;
+    }
     m_blocking = !m_flags.has(NON_BLOCK);
     return false;
 }
@@ -75,6 +80,11 @@ bool StreamBinFileR::open(UnicodeString const& path, ReadFlags flags, FileAccess
 bool StreamBinFileR::openAt(
     Directory const& dir, char const* name, bool follow, ReadFlags const& flags, FileAccess const& access) {
     return openBy([&] { return BinFileBase::openAt(dir, name, follow, flags, access); });
+}
+
+bool StreamBinFileR::checkReadBufferConsistency() {
+    m_had_error = false;
+    return false;
 }
 
 bool StreamBinFileR::performRead(void* buffer, unsigned int size, unsigned int& read) {

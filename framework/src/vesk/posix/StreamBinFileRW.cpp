@@ -34,15 +34,20 @@ template <typename Open>
 bool StreamBinFileRW::openBy(Open open) {
     if (!isWriteBufferSound() || !isReadBufferSound()) {
         report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempted open on invalid object");
+        m_had_error = true;
         return true;
     }
-    if (open()) {
-        return true;
+    bool const failed = open();
+    if (failed && m_fd != -1) {
+        return true; // The file before is still open.
     }
     IBinOutputStream::m_pos = 0;
     IBinOutputStream::m_end = 0;
     IBinInputStream::m_pos = 0;
     IBinInputStream::m_end = 0;
+    if (failed) {
+        return true;
+    }
     m_blocking = !m_flags.has(NON_BLOCK);
     return false;
 }
@@ -66,6 +71,7 @@ bool StreamBinFileRW::openAt(
 }
 
 bool StreamBinFileRW::checkReadBufferConsistency() {
+    m_had_error = false;
     if (m_last_op != READING && passOnWritten()) {
         return true;
     }
@@ -74,9 +80,11 @@ bool StreamBinFileRW::checkReadBufferConsistency() {
 }
 
 bool StreamBinFileRW::checkWriteBufferConsistency() {
+    m_had_error = false;
     if (m_last_op != WRITING && IBinInputStream::m_pos != IBinInputStream::m_end) {
         unsigned int position = 0;
         if (seek(0, Current, position)) {
+            m_had_error = true;
             return true;
         }
         // A deriving class may have a seek of its own.

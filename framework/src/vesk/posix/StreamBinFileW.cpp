@@ -7,6 +7,7 @@
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
+#include <poll.h>
 #include <unistd.h>
 
 namespace vesk {
@@ -65,13 +66,18 @@ template <typename Open>
 bool StreamBinFileW::openBy(Open open) {
     if (!isWriteBufferSound()) {
         report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempted open on invalid object");
+        m_had_error = true;
         return true;
     }
-    if (open()) {
-        return true;
+    bool const failed = open();
+    if (failed && m_fd != -1) {
+        return true; // The file before is still open.
     }
     m_pos = 0;
     m_end = 0;
+    if (failed) {
+        return true;
+    }
     m_blocking = !m_flags.has(NON_BLOCK);
     return false;
 }
@@ -98,6 +104,11 @@ bool StreamBinFileW::openAt(
     return openBy([&] { return BinFileBase::openAt(dir, name, follow, flags, access); });
 }
 
+bool StreamBinFileW::checkWriteBufferConsistency() {
+    m_had_error = false;
+    return false;
+}
+
 bool StreamBinFileW::performWrite(void const* buffer, unsigned int size, unsigned int& written) {
     m_had_error = false;
     written = 0;
@@ -116,10 +127,22 @@ bool StreamBinFileW::performWrite(void const* buffer, unsigned int size, unsigne
         return false;
     }
     if (classify(SOURCE, WRITE_ERRORS, errno) == Outcome::NOT_NOW) {
+        if (m_blocking) {
+            waitForRoom();
+        } else {
+            m_had_error = m_flushing;
+        }
         return false;
     }
     m_had_error = true;
     return true;
+}
+
+/// Waits until the descriptor takes data again: it may have been made non-blocking by another owner of the open file. A
+/// failure shows in the next `write`.
+void StreamBinFileW::waitForRoom() const {
+    pollfd entry{m_fd, POLLOUT, 0};
+    poll(&entry, 1, -1);
 }
 
 bool StreamBinFileW::performFlush() {
@@ -149,10 +172,18 @@ bool StreamBinFileW::passOnWritten() {
 
 bool StreamBinFileW::flushAndClose() {
     bool const flush_failed = flush(false);
-    return BinFileBase::close() || flush_failed;
+    bool const close_failed = BinFileBase::close();
+    m_had_error = m_had_error || flush_failed;
+    if (m_fd == -1) {
+        // What the file did not take is lost, and is not for the one that is opened next.
+        m_pos = 0;
+        m_end = 0;
+    }
+    return close_failed || flush_failed;
 }
 
 bool StreamBinFileW::close() {
+    m_had_error = false;
     return isValid() && flushAndClose();
 }
 

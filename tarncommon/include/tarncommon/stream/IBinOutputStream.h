@@ -14,7 +14,7 @@ namespace std {
 ///     if (stream.write(block, size, written) != 1 || stream.flush(false)) { ... }
 ///
 /// The bytes reach the sink in the order in which they were written. No operation allocates; the buffer is made by the
-/// constructor.
+/// constructor. A stream that is not valid takes no bytes into its buffer: `performWrite` tells the failure.
 class TARN_API IBinOutputStream : public virtual IBinStreamBase {
 public:
     /// Drops what the buffer still holds, since the sink is gone by now: a class that derives from this one flushes in its
@@ -80,7 +80,7 @@ protected:
     /// @param size     in bytes; 0 only if the user wrote 0
     /// @param written  out: how many bytes the sink took, also on failure; 0 when called. A short count is success, so is
     ///                 a count of 0 where the sink would have to wait.
-    /// @return true on failure, after a report
+    /// @return true on failure, after a report; also whenever the stream is not open, whatever the size
     virtual bool performWrite(void const* buffer, unsigned int size, unsigned int& written) = 0;
 
     /// Makes the sink pass on what it has taken, such as a file to its medium. True on failure, after a report.
@@ -95,6 +95,7 @@ private:
     int writeSlowly(void const* buffer, unsigned int size, unsigned int& written);
     bool passOn(unsigned char const* source, unsigned int size, unsigned int& passed);
     bool passBufferOn();
+    void leaveNoRoomBehind() noexcept;
     unsigned int keep(unsigned char const* source, unsigned int size) noexcept;
 };
 

@@ -35,6 +35,9 @@ protected:
 
     /// Whether an operation waits until it is done. One flag for both directions.
     bool m_blocking = true;
+
+    /// Whether `flush` passes bytes on, so that a sink that takes nothing now makes it fail. A write is only short then.
+    bool m_flushing = false;
 };
 
 } // namespace std
