@@ -3,6 +3,7 @@
 #include <vesk/Export.h>
 #include <vesk/FileBuffer.h>
 #include <vesk/StreamBinFileR.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -40,6 +41,7 @@ public:
 
     /// Closes the file. A failure shows as a warning only.
     ~FmtFileWrapper() override {
+        detail::KeptErrorChain const kept_chain;
         if (close()) {
             std::GlobalErrorHandler::doWarning(
                 "framework/include/vesk/FmtFileWrapper", __LINE__, "~FmtFileWrapper",

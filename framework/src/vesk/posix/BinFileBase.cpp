@@ -8,6 +8,7 @@
 #include <vesk/FileAccessError.h>
 #include <vesk/Pipe.h>
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorApi.h>
@@ -90,6 +91,7 @@ bool isEntryName(char const* name) noexcept {
 } // namespace
 
 BinFileBase::~BinFileBase() {
+    KeptErrorChain const kept_chain;
     if (BinFileBase::close()) {
         std::ErrorStorage::ack();
         std::cerr << "~BinFileBase"

@@ -5,6 +5,7 @@
 #include <vesk/FileAccessError.h>
 #include <vesk/FileSys.h>
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -61,6 +62,7 @@ BinTempFileRW::~BinTempFileRW() {
     if (!isValid()) {
         return;
     }
+    KeptErrorChain const kept_chain;
     if (close(m_fd) != 0) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "~BinTempFileRW", "Couldn't close unused temporary file");

@@ -3,6 +3,8 @@
 #include "SocketPosixCommon.h"
 #include "SystemErrorText.h"
 
+#include <vesk/common/KeptErrorChain.h>
+
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -261,6 +263,7 @@ IPSocket::~IPSocket() {
     }
     std::GlobalErrorHandler::doAssert(
         m_socket_state != OPEN, "this->getState() != OPEN", SOURCE, __LINE__, "~IPSocket", nullptr);
+    KeptErrorChain const kept_chain;
     bool const has_error = close(false);
     std::GlobalErrorHandler::doAssert(
         !has_error, "!has_error", SOURCE, __LINE__, "~IPSocket", "error closing socket");

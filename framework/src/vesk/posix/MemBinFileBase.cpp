@@ -2,6 +2,8 @@
 
 #include "MappingMap.h"
 
+#include <vesk/common/KeptErrorChain.h>
+
 #include <tarncommon/error/GlobalErrorHandler.h>
 
 namespace vesk {
@@ -15,6 +17,7 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/MemBinFileBase";
 } // namespace
 
 MemBinFileBase::~MemBinFileBase() {
+    KeptErrorChain const kept_chain;
     if (MemBinFileBase::close()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~MemBinFileBase", "Error closing membinfile");
         std::ErrorStorage::ack();

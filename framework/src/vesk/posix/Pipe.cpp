@@ -3,6 +3,7 @@
 #include "ErrnoTable.h"
 
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -49,6 +50,7 @@ Pipe::Pipe() {
 }
 
 Pipe::~Pipe() {
+    KeptErrorChain const kept_chain;
     if (closeReadEnd()) {
         std::ErrorStorage::ack();
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~Pipe", "Couldn't close unused pipe read end");

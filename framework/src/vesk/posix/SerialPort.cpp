@@ -5,6 +5,7 @@
 
 #include <vesk/FileAccessError.h>
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -77,6 +78,7 @@ SerialPort::~SerialPort() {
     if (!isValid()) {
         return;
     }
+    KeptErrorChain const kept_chain;
     if (flushAndClose()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~SerialPort", "error closing SerialPort");
         std::ErrorStorage::ack();

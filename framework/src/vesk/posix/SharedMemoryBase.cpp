@@ -4,6 +4,7 @@
 #include "MappingMap.h"
 
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -30,6 +31,7 @@ static_assert(S_IFREG == 0x8000);
 } // namespace
 
 SharedMemoryBase::~SharedMemoryBase() {
+    KeptErrorChain const kept_chain;
     if (isValid() && SharedMemoryBase::close()) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "~SharedMemoryBase", "Error closing SharedMemory");

@@ -5,6 +5,7 @@
 
 #include <vesk/FileAccessError.h>
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -58,6 +59,7 @@ bool removeName(char const* name) {
 } // namespace
 
 SharedMemoryServer::~SharedMemoryServer() {
+    KeptErrorChain const kept_chain;
     if (isValid() && SharedMemoryServer::close()) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "~SharedMemoryServer", "Error closing SharedMemory");

@@ -3,6 +3,7 @@
 #include "vesk/common/Report.h"
 
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
@@ -85,6 +86,7 @@ bool SharedObj::resolve(char const* symbol, void*& address) const {
 }
 
 int SharedObj::destroy() {
+    KeptErrorChain const kept_chain;
     if (isValid() && unload()) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "destroy", "Error unloading shared library object @%p",

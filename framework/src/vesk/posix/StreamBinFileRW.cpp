@@ -2,6 +2,8 @@
 
 #include "vesk/common/Report.h"
 
+#include <vesk/common/KeptErrorChain.h>
+
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -19,6 +21,7 @@ StreamBinFileRW::~StreamBinFileRW() {
     if (m_fd == -1 || !isWriteBufferSound()) {
         return;
     }
+    KeptErrorChain const kept_chain;
     if (flushAndClose()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~StreamBinFileRW", "Error closing BinFileW");
         std::ErrorStorage::ack();

@@ -3,6 +3,7 @@
 #include "ErrnoTable.h"
 
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -51,6 +52,7 @@ StreamBinFileW::~StreamBinFileW() {
     if (m_fd == -1 || !isWriteBufferSound()) {
         return;
     }
+    KeptErrorChain const kept_chain;
     if (flushAndClose()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~StreamBinFileW", "Error closing BinFileW");
         std::ErrorStorage::ack();

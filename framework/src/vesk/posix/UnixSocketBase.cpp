@@ -7,6 +7,7 @@
 #include <vesk/Group.h>
 #include <vesk/ProcessTNG.h>
 #include <vesk/User.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -48,6 +49,7 @@ UnixSocketBase::~UnixSocketBase() {
     }
     std::GlobalErrorHandler::doAssert(
         m_socket_state != OPEN, "this->getState() != OPEN", SOURCE, __LINE__, "~UnixSocketBase", nullptr);
+    KeptErrorChain const kept_chain;
     bool const has_error = close(false);
     std::GlobalErrorHandler::doAssert(
         !has_error, "!has_error", SOURCE, __LINE__, "~UnixSocketBase", "error closing socket");
