@@ -15,7 +15,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cwchar>
 #include <istream>
 #include <string>
@@ -271,13 +274,41 @@ TEST_F(FileBufferTest, seekOnAPipeFailsAndLeavesTheBuffer) {
     EXPECT_EQ('c', buffer.sbumpc());
 }
 
-TEST_F(FileBufferTest, lowHalfOfAnOffsetCounts) {
+TEST_F(FileBufferTest, offsetThatDoesNotFitFailsAndLeavesTheBuffer) {
     Buffer buffer(&m_file, 10, nullptr);
+    EXPECT_EQ('0', buffer.sbumpc());
+    constexpr long long MOST = INT32_MAX;
+    constexpr long long LEAST = INT32_MIN;
+    Fault const seeks(inject_lseek, 0);
+    for (long long const offset :
+         {MOST + 1, LEAST - 1, (1LL << 32) + 3, 0xFFFFFFFFLL, LLONG_MAX, LLONG_MIN}) {
+        for (auto const way : {std::ios_base::beg, std::ios_base::cur, std::ios_base::end}) {
+            std::streampos position(77);
+            EXPECT_NE(0, buffer.actuallySeek(offset, way, position)) << offset;
+            EXPECT_TRUE(failureIs(EOVERFLOW, 10));
+            EXPECT_EQ(EOVERFLOW, errno);
+            EXPECT_TRUE(m_file.hadError());
+            EXPECT_EQ(std::streampos(77), position);
+        }
+    }
+    EXPECT_EQ(std::streampos(-1), buffer.pubseekpos((1LL << 32) + 3));
+    EXPECT_TRUE(failureIs(EOVERFLOW, 10));
+    EXPECT_EQ(0, seeks.getCalls());
+    EXPECT_EQ('1', buffer.sbumpc());
     std::streampos position;
-    EXPECT_EQ(0, buffer.actuallySeek((1LL << 32) + 3, std::ios_base::beg, position));
-    EXPECT_EQ(std::streampos(3), position);
-    EXPECT_EQ(0, buffer.actuallySeek(0xFFFFFFFFLL, std::ios_base::end, position));
-    EXPECT_EQ(std::streampos(15), position) << "one before the end";
+    EXPECT_EQ(0, buffer.actuallySeek(MOST, std::ios_base::beg, position));
+    EXPECT_EQ(std::streampos(MOST), position);
+    EXPECT_FALSE(m_file.hadError());
+    EXPECT_NE(0, buffer.actuallySeek(LEAST, std::ios_base::end, position));
+    EXPECT_TRUE(failureIs(EINVAL, 8)) << "before the begin";
+}
+
+TEST_F(FileBufferTest, offsetThatDoesNotFitInAClosedFileIsTheClosedFilesFailure) {
+    Buffer buffer(&m_file, 10, nullptr);
+    EXPECT_FALSE(m_file.close());
+    std::streampos position;
+    EXPECT_NE(0, buffer.actuallySeek(1LL << 32, std::ios_base::beg, position));
+    EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
 }
 
 TEST_F(FileBufferTest, wayThatIsNoneEndsTheProcess) {

@@ -340,6 +340,23 @@ TEST_F(FileSysCopyTest, failedWriteLeavesWhatWasCopiedUntilThen) {
     EXPECT_EQ("", recorder.getText());
 }
 
+TEST_F(FileSysCopyTest, firstFailureIsToldWhateverBecomesOfTheCleanUp) {
+    makeSource(makeBytes(10000));
+    for (support::Injected* const clean_up : {&inject_fsync, &inject_close}) {
+        EventRecorder const recorder;
+        {
+            Fault const fault(inject_write, ENOSPC);
+            Fault const unclean(*clean_up, EIO);
+            EXPECT_TRUE(copy(4096));
+            EXPECT_NE(0, unclean.getCalls());
+        }
+        EXPECT_TRUE(chainIs(
+            {{SysError, 15, rowText(SysError, 15, systemText(ENOSPC))}, {StreamBase::StreamError, 1}}));
+        EXPECT_NE("", recorder.getText()) << "the other one is a warning";
+        EXPECT_EQ(0, unlink(m_destination.c_str()));
+    }
+}
+
 TEST_F(FileSysCopyTest, readThatBringsNothingIsTheEnd) {
     makeSource(makeBytes(10000));
     {

@@ -27,7 +27,13 @@ VESK_INJECT_ERRNO(int, -1, unlink, (char const* path), (path))
 VESK_INJECT_ERRNO(int, -1, rmdir, (char const* path), (path))
 VESK_INJECT_ERRNO(int, -1, rename, (char const* from, char const* to), (from, to))
 VESK_INJECT_ERRNO(int, -1, chdir, (char const* path), (path))
+#if __WORDSIZE == 32
+VESK_INJECT_ERRNO(int, -1, statvfs64, (char const* path, struct statvfs64* info), (path, info))
+support::Injected& inject_file_system = inject_statvfs64;
+#else
 VESK_INJECT_ERRNO(int, -1, statvfs, (char const* path, struct statvfs* info), (path, info))
+support::Injected& inject_file_system = inject_statvfs;
+#endif
 VESK_INJECT_ERRNO(ssize_t, -1, readlink, (char const* path, char* buffer, size_t size), (path, buffer, size))
 VESK_INJECT_ERRNO(int, -1, symlink, (char const* target, char const* link), (target, link))
 VESK_INJECT_ERRNO(int, -1, chmod, (char const* path, mode_t mode), (path, mode))
@@ -233,7 +239,7 @@ INSTANTIATE_TEST_SUITE_P(
 class FileSysMaxComponentLengthRows : public FileSysRows {};
 
 TEST_P(FileSysMaxComponentLengthRows, isReportedWithALengthOfNothing) {
-    expectFailure(inject_statvfs, [] {
+    expectFailure(inject_file_system, [] {
         unsigned int length = 7;
         bool const failed = FileSys::maxComponentLength(PATH, length);
         EXPECT_EQ(0U, length);
@@ -253,7 +259,7 @@ TEST(FileSysMaxComponentLength, interruptionsAreWaitedOutHoweverManyThereAre) {
     constexpr int MANY = 1'000'000;
     unsigned int length = 0;
     {
-        Fault const fault(inject_statvfs, EINTR, 1, MANY);
+        Fault const fault(inject_file_system, EINTR, 1, MANY);
         EXPECT_FALSE(FileSys::maxComponentLength("/", length));
         EXPECT_EQ(MANY + 1, fault.getCalls());
     }
@@ -262,7 +268,7 @@ TEST(FileSysMaxComponentLength, interruptionsAreWaitedOutHoweverManyThereAre) {
 }
 
 TEST(FileSysMaxComponentLength, failureBehindAnInterruptionIsReported) {
-    Fault const fault(inject_statvfs, EINTR);
+    Fault const fault(inject_file_system, EINTR);
     unsigned int length = 7;
     EXPECT_TRUE(FileSys::maxComponentLength("/no/such/path", length));
     EXPECT_EQ(0U, length);

@@ -1,4 +1,5 @@
 #include "support/Chain.h"
+#include "support/Child.h"
 #include "support/Inject.h"
 #include "support/Privileges.h"
 #include "support/TempFolder.h"
@@ -23,6 +24,7 @@
 #include <optional>
 #include <ostream>
 #include <pwd.h>
+#include <sched.h>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -387,6 +389,28 @@ TEST(FileSysEntryPoints, areTheRootAlone) {
     char const* const text = points.front().c_str();
     FileSys::getEntryPoints(points);
     EXPECT_EQ(text, points.front().c_str()) << "it is borrowed from one constant text";
+}
+
+TEST_F(FileSysTest, componentLengthOfAFileSystemWhoseCountsNeed64BitsIsTold) {
+    constexpr int NO_RIGHT = 77;
+    std::string const mount_point = m_folder.makeFolder("mount");
+    for (char const* const limit : {"size=100t", "nr_inodes=5g"}) {
+        auto const end = support::runInChild([&] {
+            if (unshare(CLONE_NEWNS) != 0 ||
+                mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                mount("none", mount_point.c_str(), "tmpfs", 0, limit) != 0) {
+                _exit(NO_RIGHT);
+            }
+            unsigned int length = 0;
+            EXPECT_FALSE(FileSys::maxComponentLength(mount_point.c_str(), length));
+            EXPECT_EQ(255U, length);
+            EXPECT_TRUE(support::chainIs({}));
+        });
+        if (end.exit_code == NO_RIGHT) {
+            GTEST_SKIP() << "mounting needs a privilege, and " << limit << " a system that takes it";
+        }
+        EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+    }
 }
 
 TEST_F(FileSysTest, componentLengthIsWhatTheFileSystemAllows) {

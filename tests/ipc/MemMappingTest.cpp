@@ -446,19 +446,22 @@ TEST_F(MemMappingTest, destroyOfAFailedMappingDoesNothing) {
     EXPECT_EQ(ALL_ONES, mapping.getAddress()) << "it is told apart from a destroyed one";
 }
 
-TEST_F(MemMappingTest, secondDestroyUnmapsAtAddressZero) {
-    MemMapping mapping(m_fd, MemMapping::READ, 2 * m_page);
-    EXPECT_FALSE(mapping.destroy());
-    EXPECT_EQ(nullptr, mapping.getAddress());
-    EXPECT_FALSE(mapping.isValid());
-    EXPECT_EQ(2 * m_page, mapping.getSize());
-    MapCalls const calls;
-    Fault const fault(inject_munmap, EINVAL);
-    EXPECT_TRUE(mapping.destroy());
-    EXPECT_TRUE(failureIs(EINVAL, 10));
-    ASSERT_EQ(1U, calls.get().size());
-    EXPECT_EQ(nullptr, calls.get()[0].address);
-    EXPECT_EQ(size_t{2} * m_page, calls.get()[0].length);
+TEST_F(MemMappingTest, secondDestroyUnmapsNothingAndFails) {
+    for (bool const ringbuffer : {false, true}) {
+        MemMapping mapping(m_fd, MemMapping::READ, m_page, 0, nullptr, ringbuffer);
+        EXPECT_FALSE(mapping.destroy());
+        EXPECT_EQ(nullptr, mapping.getAddress());
+        EXPECT_FALSE(mapping.isValid());
+        EXPECT_EQ(0U, mapping.getSize());
+        MapCalls const calls;
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_TRUE(mapping.destroy());
+            EXPECT_TRUE(failureIs(EINVAL, 10));
+        }
+        ASSERT_EQ(2U, calls.get().size());
+        EXPECT_EQ(nullptr, calls.get()[0].address);
+        EXPECT_EQ(0U, calls.get()[0].length);
+    }
 }
 
 class MemMappingDestroy : public MemMappingTest, public testing::WithParamInterface<int> {};

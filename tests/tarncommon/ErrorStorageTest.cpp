@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <sys/mman.h>
 #include <thread>
@@ -262,6 +263,27 @@ TEST(ErrorStorage, dumpActionWritesTheChainToStandardOutput) {
         "high:2: Out of memory\n"
         "  caused by low:1: Contract broken by the caller: cause\n",
         end.output);
+}
+
+TEST(ErrorStorage, dumpActionEndsALineThatIsCut) {
+    std::string const path(2000, 'p');
+    support::ChildEnd const end = support::runInChild([&] {
+        ErrorStorage const store(ErrorStorage::action_dump_to_stdout);
+        for (int level = 0; level < 3; ++level) {
+            ErrorOutput(path.c_str(), 1, level == 0)(CommonError, 0);
+        }
+    });
+    std::istringstream lines(end.output);
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line));
+    for (std::string const begin : {"p", "  caused by p", "  caused by p"}) {
+        ASSERT_TRUE(std::getline(lines, line));
+        EXPECT_EQ(0U, line.find(begin)) << line;
+        ASSERT_LT(3U, line.size());
+        EXPECT_EQ("p...", line.substr(line.size() - 4));
+    }
+    EXPECT_FALSE(std::getline(lines, line)) << line;
+    EXPECT_EQ('\n', end.output.back());
 }
 
 } // namespace

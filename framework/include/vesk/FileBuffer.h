@@ -49,8 +49,9 @@ protected:
     /// Writes to the sink until it has taken `size` bytes in all, each time the whole from its begin. 0 on success.
     int actuallyWrite(char const* buffer, unsigned int size, unsigned int& written) override;
 
-    /// Moves the file's position by the low 32 bits of `offset`. 0 on success; on failure what the file's `seek` reported
-    /// is pending. A way that is none ends the process through `std::GlobalErrorHandler::doAbort`.
+    /// Moves the file's position. An offset that does not fit in 32 bits fails as a position beyond the limit does:
+    /// `SysError` 10 with the text of `EOVERFLOW`. 0 on success; on failure the report of the file's `seek` is pending. A way
+    /// that is none ends the process through `std::GlobalErrorHandler::doAbort`.
     int actuallySeek(long long offset, std::ios_base::seekdir way, std::streampos& result) override;
 
     /// Makes the sink pass on what it has taken. 0 on success.

@@ -111,7 +111,8 @@ public:
     /// @param result  takes the list in place of what it held
     static void getEntryPoints(std::list<UnicodeString>& result);
 
-    /// The longest name that the file system of a path allows (`statvfs`, tried again when a signal interrupts it).
+    /// The longest name that the file system of a path allows (`statvfs`, on 32-bit systems `statvfs64`; tried again when
+    /// a signal interrupts it).
     ///
     /// Reports `SysError` and `FileAccessError` 2 and 0 for a bad path, 7 and 3 without the right to search the
     /// directories above, 11 and 9 for an error of the device, 19 and 9 for anything else.

@@ -4,6 +4,7 @@
 #include <vesk/FileBuffer.h>
 #include <vesk/StreamBinFileR.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -42,6 +43,7 @@ public:
     /// Closes the file. A failure shows as a warning only.
     ~FmtFileWrapper() override {
         detail::CancellationOff const cancellation_off;
+        detail::KeptErrorChain const kept_chain;
         if (close()) {
             std::GlobalErrorHandler::doWarning(
                 "framework/include/vesk/FmtFileWrapper", __LINE__, "~FmtFileWrapper",

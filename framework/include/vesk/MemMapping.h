@@ -73,9 +73,9 @@ public:
         int const& fd, MemAccessFlags const& flags, unsigned int length, unsigned int offset = 0,
         void* address = nullptr, bool ringbuffer = false);
 
-    /// Takes the mapping down (`munmap`). All copies of the object then name an address that is not valid. One that
-    /// failed is left alone, with success.
-    /// @return true on failure: `SysError` 10, the object being as before. It is what a second call gives
+    /// Takes the mapping down (`munmap`); its size is 0 then. All copies of the object name an address that is not valid
+    /// from then on. A mapping that could not be made is left alone, with success.
+    /// @return true on failure: `SysError` 10, the object being as before. A second call fails in this way
     bool destroy();
 
     /// Waits until what was written is in the file (`msync`).
@@ -94,7 +94,7 @@ public:
     /// Where in the object it begins.
     unsigned int getOffset() const noexcept { return offset; }
 
-    /// Its bytes, as they were asked for; those of a ring buffer count twice.
+    /// Its bytes, as they were asked for; those of a ring buffer count twice. 0 after `destroy`.
     unsigned int getSize() const noexcept { return size; }
 
     MemAccessFlags getFlags() const noexcept { return flags; }

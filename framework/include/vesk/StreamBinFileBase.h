@@ -28,6 +28,11 @@ public:
 
 protected:
     StreamBinFileBase() = default;
+
+private:
+    friend class FileBuffer; // Its offsets have 64 bits.
+
+    bool failSeek(int error);
 };
 
 } // namespace vesk

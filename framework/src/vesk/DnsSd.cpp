@@ -4,6 +4,7 @@
 #include "posix/CancellationOff.h"
 
 #include <vesk/common/AbortingLock.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/ErrorApi.h>
 #include <tarncommon/error/ErrorStorage.h>
@@ -54,6 +55,7 @@ DnsSd::DnsSdThread::~DnsSdThread() {
     if (m_started) {
         // The last client ends in here, from its destructor.
         detail::CancellationOff const cancellation_off;
+        detail::KeptErrorChain const kept_chain;
         if (m_thread.join()) {
             std::ErrorStorage::ack();
             std::GlobalErrorHandler::doWarning(

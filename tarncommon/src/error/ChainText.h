@@ -9,7 +9,8 @@ namespace tarnbase::detail {
 /// One report of a chain as people read it: "file:line: text", and "  caused by " before all but the first.
 class ChainLine {
 public:
-    ChainLine(std::ErrorObject const& report, bool first) noexcept : m_writer(m_text, sizeof m_text) {
+    // One byte is left for the end of a line that is cut.
+    ChainLine(std::ErrorObject const& report, bool first) noexcept : m_writer(m_text, sizeof m_text - 1) {
         m_writer.put(first ? "" : "  caused by ");
         m_writer.put(report.file);
         m_writer.put(':');
@@ -18,11 +19,16 @@ public:
         m_writer.put(report.getText());
     }
 
-    void append(char character) noexcept { m_writer.put(character); }
-    size_t getLength() noexcept { return m_writer.finish(); }
     char const* getText() noexcept {
         m_writer.finish();
         return m_text;
+    }
+
+    /// Puts a newline behind the text, and tells the length of both. `getText` comes before.
+    size_t endLine() noexcept {
+        size_t const length = m_writer.finish();
+        m_text[length] = '\n';
+        return length + 1;
     }
 
 private:

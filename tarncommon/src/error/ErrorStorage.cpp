@@ -218,8 +218,8 @@ void ErrorStorage::action_dump_to_stdout(
 
     for (ErrorObject const* report = head; report != nullptr; report = report->next) {
         ChainLine chain_line(*report, report == head);
-        chain_line.append('\n');
-        writeAll(STDOUT_FILENO, chain_line.getText(), chain_line.getLength());
+        char const* const text = chain_line.getText();
+        writeAll(STDOUT_FILENO, text, chain_line.endLine());
     }
 }
 

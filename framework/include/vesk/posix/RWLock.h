@@ -1,6 +1,7 @@
 #pragma once
 
 #include <vesk/RWLockOps.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -59,6 +60,7 @@ protected:
     }
 
     ~RWLockBase() {
+        detail::KeptErrorChain const kept_chain;
         if (RWLockOps::destroy(&m_lock)) {
             std::GlobalErrorHandler::doWarning(
                 "framework/include/vesk/posix/RWLock", __LINE__, "~RWLock", "Error destroying RWLock!");

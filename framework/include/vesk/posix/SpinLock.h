@@ -1,6 +1,7 @@
 #pragma once
 
 #include <vesk/SpinLockOps.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -47,6 +48,7 @@ protected:
         if (!m_valid) {
             return;
         }
+        detail::KeptErrorChain const kept_chain;
         if (int const error = pthread_spin_destroy(&m_lock)) {
             SpinLockOps::handleDestroyError(error);
             std::GlobalErrorHandler::doWarning(

@@ -3,6 +3,7 @@
 #include "vesk/posix/SocketPosixCommon.h"
 
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -72,6 +73,7 @@ RawSocket::~RawSocket() {
     if (m_object_valid && m_socket_state != DEAD) {
         std::GlobalErrorHandler::doAssert(
             m_socket_state != OPEN, "this->getState() != OPEN", SOURCE, __LINE__, "~RawSocket", nullptr);
+        KeptErrorChain const kept_chain;
         if (close()) {
             std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~RawSocket", "error closing socket");
             std::ErrorStorage::ack();

@@ -9,6 +9,7 @@
 #include <vesk/Pipe.h>
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorApi.h>
@@ -92,6 +93,7 @@ bool isEntryName(char const* name) noexcept {
 
 BinFileBase::~BinFileBase() {
     CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
     if (BinFileBase::close()) {
         std::ErrorStorage::ack();
         std::cerr << "~BinFileBase"

@@ -6,6 +6,7 @@
 #include <vesk/FileSys.h>
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -63,6 +64,7 @@ BinTempFileRW::~BinTempFileRW() {
         return;
     }
     CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
     if (close(m_fd) != 0) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "~BinTempFileRW", "Couldn't close unused temporary file");

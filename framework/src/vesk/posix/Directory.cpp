@@ -8,6 +8,7 @@
 #include <vesk/SavedErrorChain.h>
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
@@ -219,6 +220,7 @@ int Directory::destroy() {
     }
     std::GlobalErrorHandler::doAssert(
         m_handle.dir != nullptr, "m_handle.dir != NULL", SOURCE, __LINE__, "destroy", nullptr);
+    KeptErrorChain const kept_chain;
     while (closeStream(m_handle.dir) != 0) {
         if (errno == EINTR) {
             // The stream is still there: the system never interrupts a close that it has begun for a directory.

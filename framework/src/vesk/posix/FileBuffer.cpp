@@ -6,6 +6,8 @@
 #include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/stream/IBinOutputStream.h>
 
+#include <cerrno>
+
 namespace vesk {
 
 namespace {
@@ -85,8 +87,13 @@ int FileBuffer::actuallySeek(long long offset, std::ios_base::seekdir way, std::
     if (m_seekable == nullptr) {
         return 1;
     }
+    auto const narrow = static_cast<int>(offset);
+    if (narrow != offset && m_seekable->isValid()) {
+        m_seekable->failSeek(EOVERFLOW);
+        return 1;
+    }
     unsigned int position = 0;
-    if (m_seekable->seek(static_cast<int>(offset), direction, position)) {
+    if (m_seekable->seek(narrow, direction, position)) {
         return 1;
     }
     result = std::streampos(static_cast<std::streamoff>(position));

@@ -163,6 +163,15 @@ int changeOwner(char const* path, User const& user, Group const& group) {
     return chown(path, static_cast<uid_t>(user_id), static_cast<gid_t>(group_id));
 }
 
+// The plain call of a 32-bit system fails where a count of blocks or files needs 64 bits; the other one has no such limit.
+#if __WORDSIZE == 32
+using FileSystemData = struct statvfs64;
+constexpr auto readFileSystemData = statvfs64;
+#else
+using FileSystemData = struct statvfs;
+constexpr auto readFileSystemData = statvfs;
+#endif
+
 } // namespace
 
 int FileSys::exists(char const* path, bool follow) {
@@ -219,13 +228,13 @@ void FileSys::getEntryPoints(std::list<UnicodeString>& result) {
 
 bool FileSys::maxComponentLength(char const* path, unsigned int& length) {
     length = 0;
-    struct statvfs info;
+    FileSystemData data;
     // Interrupted, it begins anew: in a loop, since nothing limits how often that happens.
-    int const result = retryOnEintr([&] { return statvfs(path, &info); });
+    int const result = retryOnEintr([&] { return readFileSystemData(path, &data); });
     if (hasFailed(SOURCE, result, MAX_COMPONENT_LENGTH_ERRORS, path)) {
         return true;
     }
-    length = static_cast<unsigned int>(info.f_namemax);
+    length = static_cast<unsigned int>(data.f_namemax);
     return false;
 }
 

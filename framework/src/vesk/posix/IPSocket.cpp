@@ -4,6 +4,7 @@
 #include "SystemErrorText.h"
 
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -271,6 +272,7 @@ IPSocket::~IPSocket() {
     CancellationOff const cancellation_off;
     std::GlobalErrorHandler::doAssert(
         m_socket_state != OPEN, "this->getState() != OPEN", SOURCE, __LINE__, "~IPSocket", nullptr);
+    KeptErrorChain const kept_chain;
     bool const has_error = close(false);
     std::GlobalErrorHandler::doAssert(
         !has_error, "!has_error", SOURCE, __LINE__, "~IPSocket", "error closing socket");

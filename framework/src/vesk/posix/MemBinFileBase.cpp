@@ -3,6 +3,7 @@
 #include "MappingMap.h"
 
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -18,6 +19,7 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/MemBinFileBase";
 
 MemBinFileBase::~MemBinFileBase() {
     CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
     if (MemBinFileBase::close()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~MemBinFileBase", "Error closing membinfile");
         std::ErrorStorage::ack();

@@ -133,6 +133,7 @@ bool MemMapping::destroy() {
         return true;
     }
     address = nullptr;
+    size = 0;
     return false;
 }
 

@@ -6,6 +6,7 @@
 
 #include <vesk/FmtFileWrapper.h>
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -73,6 +74,7 @@ unsigned int readLimit(char const* path) {
 } // namespace
 
 MsgQueueBase::~MsgQueueBase() {
+    KeptErrorChain const kept_chain;
     if (MsgQueueBase::close()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~MsgQueueBase", "error closing message queue");
         std::ErrorStorage::ack();

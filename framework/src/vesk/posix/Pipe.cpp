@@ -4,6 +4,7 @@
 
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -51,6 +52,7 @@ Pipe::Pipe() {
 
 Pipe::~Pipe() {
     CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
     if (closeReadEnd()) {
         std::ErrorStorage::ack();
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~Pipe", "Couldn't close unused pipe read end");

@@ -4,6 +4,7 @@
 #include "WallDeadline.h"
 
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -54,6 +55,7 @@ constexpr char const* TIMED_ON_CLOSED = "__FUNTION__ was called on invalid semap
 } // namespace
 
 SemaphoreBase::~SemaphoreBase() {
+    KeptErrorChain const kept_chain;
     if (SemaphoreBase::close()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~SemaphoreBase", "error closing semaphore!");
         std::ErrorStorage::ack();

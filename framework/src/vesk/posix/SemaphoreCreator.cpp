@@ -4,6 +4,7 @@
 
 #include <vesk/FileAccessError.h>
 #include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -51,6 +52,7 @@ bool removeName(char const* name) {
 } // namespace
 
 SemaphoreCreator::~SemaphoreCreator() {
+    KeptErrorChain const kept_chain;
     if (SemaphoreCreator::close()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~SemaphoreCreator", "error closing semaphore");
         std::ErrorStorage::ack();

@@ -6,6 +6,7 @@
 #include <vesk/FileAccessError.h>
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -79,6 +80,7 @@ SerialPort::~SerialPort() {
         return;
     }
     CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
     if (flushAndClose()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~SerialPort", "error closing SerialPort");
         std::ErrorStorage::ack();

@@ -5,6 +5,7 @@
 
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -32,6 +33,7 @@ static_assert(S_IFREG == 0x8000);
 
 SharedMemoryBase::~SharedMemoryBase() {
     CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
     if (isValid() && SharedMemoryBase::close()) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "~SharedMemoryBase", "Error closing SharedMemory");

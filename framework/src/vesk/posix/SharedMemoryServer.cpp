@@ -6,6 +6,7 @@
 #include <vesk/FileAccessError.h>
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -60,6 +61,7 @@ bool removeName(char const* name) {
 
 SharedMemoryServer::~SharedMemoryServer() {
     CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
     if (isValid() && SharedMemoryServer::close()) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "~SharedMemoryServer", "Error closing SharedMemory");

@@ -4,6 +4,7 @@
 
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
@@ -90,6 +91,7 @@ bool SharedObj::resolve(char const* symbol, void*& address) const {
 }
 
 int SharedObj::destroy() {
+    KeptErrorChain const kept_chain;
     if (isValid() && unload()) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "destroy", "Error unloading shared library object @%p",

@@ -39,6 +39,14 @@ int getWhence(StreamBinFileBase::SeekDirection direction) {
 
 } // namespace
 
+/// Reports a seek that failed with a number of the system. True.
+bool StreamBinFileBase::failSeek(int error) {
+    errno = error;
+    classify(SOURCE, SEEK_ERRORS, error);
+    m_had_error = true;
+    return true;
+}
+
 bool StreamBinFileBase::seek(int offset, SeekDirection direction, unsigned int& position) {
     m_had_error = false;
     position = 0;
@@ -48,16 +56,12 @@ bool StreamBinFileBase::seek(int offset, SeekDirection direction, unsigned int& 
         return true;
     }
     off_t const result = lseek(m_fd, offset, getWhence(direction));
-    bool failed = result == -1;
+    if (result == -1) {
+        return failSeek(errno);
+    }
     if (result != static_cast<int32_t>(result)) {
         // Where positions are wider, the system has moved all the same, as it has where they are not.
-        errno = EOVERFLOW;
-        failed = true;
-    }
-    if (failed) {
-        classify(SOURCE, SEEK_ERRORS, errno);
-        m_had_error = true;
-        return true;
+        return failSeek(EOVERFLOW);
     }
     position = static_cast<unsigned int>(result);
     return false;

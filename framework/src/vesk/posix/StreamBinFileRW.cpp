@@ -3,6 +3,7 @@
 #include "vesk/common/Report.h"
 
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -22,6 +23,7 @@ StreamBinFileRW::~StreamBinFileRW() {
         return;
     }
     CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
     if (flushAndClose()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~StreamBinFileRW", "Error closing BinFileW");
         std::ErrorStorage::ack();

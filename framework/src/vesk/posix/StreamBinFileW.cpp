@@ -4,6 +4,7 @@
 
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -53,6 +54,7 @@ StreamBinFileW::~StreamBinFileW() {
         return;
     }
     CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
     if (flushAndClose()) {
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~StreamBinFileW", "Error closing BinFileW");
         std::ErrorStorage::ack();

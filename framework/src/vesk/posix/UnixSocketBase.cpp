@@ -8,6 +8,7 @@
 #include <vesk/ProcessTNG.h>
 #include <vesk/User.h>
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -50,6 +51,7 @@ UnixSocketBase::~UnixSocketBase() {
     CancellationOff const cancellation_off;
     std::GlobalErrorHandler::doAssert(
         m_socket_state != OPEN, "this->getState() != OPEN", SOURCE, __LINE__, "~UnixSocketBase", nullptr);
+    KeptErrorChain const kept_chain;
     bool const has_error = close(false);
     std::GlobalErrorHandler::doAssert(
         !has_error, "!has_error", SOURCE, __LINE__, "~UnixSocketBase", "error closing socket");
