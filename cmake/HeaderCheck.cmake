@@ -2,6 +2,7 @@
 # extensions. Each must also refuse a program with other widths of offsets and times, so it must include what does. Part of the ordinary build: a header that leans on what another one includes breaks it.
 set(VESK_HEADER_CHECK_STANDARDS 17 20 23)
 
+add_custom_target(header_check)
 foreach(library tarncommon vesk)
     get_target_property(source_dir ${library} SOURCE_DIR)
     file(
@@ -24,6 +25,7 @@ foreach(library tarncommon vesk)
                        CXX_STANDARD_REQUIRED ON
                        CXX_EXTENSIONS OFF
                        EXPORT_COMPILE_COMMANDS OFF)
+        add_dependencies(header_check ${target})
         target_link_libraries(${target} PRIVATE ${library} vesk_build_flags)
         # No debug information: nobody looks at the objects, and there are three for each header.
         target_compile_options(${target} PRIVATE -Wpedantic -O0 -g0)

@@ -38,6 +38,11 @@ function(vesk_add_library name symbol)
         PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
                $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
         PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
+    # Two thirds of the time to compile a source is the standard library. The presets that check the headers compile each source
+    # without this, which shows a missing #include.
+    if(NOT VESK_HEADER_CHECK)
+        target_precompile_headers(${name} PRIVATE <algorithm> <atomic> <functional> <memory> <string> <vector>)
+    endif()
     if(NOT VESK_SANITIZE)
         target_link_options(${name} PRIVATE -Wl,-z,defs)
     endif()
