@@ -144,7 +144,7 @@ support::Injected inject_sigaction("sigaction");
 extern "C" VESK_UNWATCHED int
 sigaction(int signal, struct sigaction const* action, struct sigaction* old) noexcept {
     // Of those that a sanitizer's runtime does not handle for itself.
-    if (action != nullptr && (signal == SIGUSR1 || signal == SIGUSR2 || signal == SIGRTMAX)) {
+    if (action != nullptr && (signal == SIGUSR1 || signal == SIGUSR2 || signal == SIGRTMIN + 1)) {
         record("sigaction %d %s\n", signal, action->sa_handler == SIG_DFL ? "default" : "other");
     }
     return getReal(inject_sigaction, &sigaction)(signal, action, old);
@@ -496,13 +496,13 @@ TEST_F(ProcessChildFailure, handlersOfTheProcessAreGoneBeforeSignalsAreUnblocked
         struct sigaction action {};
         action.sa_flags = SA_SIGINFO;
         action.sa_sigaction = [](int, siginfo_t*, void*) {};
-        EXPECT_EQ(0, sigaction(SIGRTMAX, &action, nullptr));
+        EXPECT_EQ(0, sigaction(SIGRTMIN + 1, &action, nullptr));
     });
     EXPECT_NE(
         std::string::npos,
         calls.find(
             "getpid\nsigaction " + std::to_string(SIGUSR1) + " default\nsigaction " +
-            std::to_string(SIGRTMAX) + " default\nsigprocmask unblock all\nexecv "))
+            std::to_string(SIGRTMIN + 1) + " default\nsigprocmask unblock all\nexecv "))
         << calls;
 }
 
