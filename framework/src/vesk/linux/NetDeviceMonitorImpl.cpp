@@ -51,9 +51,9 @@ constexpr unsigned int GROUPS = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_I
 static_assert(GROUPS == 0x111);
 static_assert(NLM_F_DUMP == 0x300 && NLM_F_REQUEST == 1 && NLM_F_ACK == 4);
 static_assert(sizeof(sockaddr_nl) == 12 && sizeof(nlmsghdr) == 16 && sizeof(rtattr) == 4);
+static_assert(alignof(nlmsghdr) == alignof(uint32_t));
 static_assert(sizeof(ifinfomsg) == 16 && sizeof(ifaddrmsg) == 8);
 
-constexpr size_t BUFFER_SIZE = 4096;
 constexpr timespec WAKERS_TIME{0, 100000};
 constexpr timespec PAUSE_AFTER_FAILURES{0, 100000000};
 
@@ -446,11 +446,13 @@ bool NetDeviceMonitorImpl::isStopped() noexcept {
 /// @return true on failure
 bool NetDeviceMonitorImpl::receive(int fd) {
     m_socket = fd;
-    Taken taken = Taken::DATAGRAM;
-    while (taken == Taken::DATAGRAM) {
-        taken = take(fd, 0);
+    for (;;) {
+        Buffer buffer;
+        Taken const taken = take(fd, 0, buffer);
+        if (taken != Taken::DATAGRAM) {
+            return taken == Taken::FAILURE;
+        }
     }
-    return taken == Taken::FAILURE;
 }
 
 /// Takes datagrams until none is there, or up to the stop.
@@ -458,7 +460,8 @@ bool NetDeviceMonitorImpl::receive(int fd) {
 bool NetDeviceMonitorImpl::drain(int fd) {
     bool failed = false;
     for (;;) {
-        switch (take(fd, MSG_DONTWAIT)) {
+        Buffer buffer;
+        switch (take(fd, MSG_DONTWAIT, buffer)) {
         case Taken::NOTHING:
         case Taken::STOP:
             return failed;
@@ -473,14 +476,13 @@ bool NetDeviceMonitorImpl::drain(int fd) {
 }
 
 /// Receives one datagram, and hands on what it tells.
-NetDeviceMonitorImpl::Taken NetDeviceMonitorImpl::take(int fd, int flags) {
+NetDeviceMonitorImpl::Taken NetDeviceMonitorImpl::take(int fd, int flags, Buffer& buffer) {
     if (m_failures > 1) {
         // A socket that fails for good is to leave the processor to others.
         nanosleep(&PAUSE_AFTER_FAILURES, nullptr);
     }
-    alignas(nlmsghdr) unsigned char buffer[BUFFER_SIZE];
     sockaddr_nl sender{};
-    iovec piece{buffer, sizeof buffer};
+    iovec piece{buffer.bytes, sizeof buffer.bytes};
     msghdr envelope{};
     envelope.msg_name = &sender;
     envelope.msg_namelen = sizeof sender;
@@ -503,7 +505,7 @@ NetDeviceMonitorImpl::Taken NetDeviceMonitorImpl::take(int fd, int flags) {
     }
     m_failures = 0;
     m_snapshot.is_cut |= (envelope.msg_flags & MSG_TRUNC) != 0;
-    if (handleDatagram(*m_monitor, m_snapshot, Bytes(buffer, static_cast<size_t>(size)))) {
+    if (handleDatagram(*m_monitor, m_snapshot, Bytes(buffer.bytes, static_cast<size_t>(size)))) {
         return Taken::END_OF_DUMP;
     }
     return isStopped() ? Taken::STOP : Taken::DATAGRAM;

@@ -60,6 +60,11 @@ public:
 private:
     class Subscription;
 
+    /// Room for one datagram.
+    struct Buffer {
+        alignas(uint32_t) unsigned char bytes[4096];
+    };
+
     /// What came of an attempt to receive.
     enum class Taken { DATAGRAM, END_OF_DUMP, NOTHING, FAILURE, STOP };
 
@@ -67,7 +72,7 @@ private:
     bool synchronise(int fd, bool& failed);
     bool receive(int fd);
     bool drain(int fd);
-    Taken take(int fd, int flags);
+    Taken take(int fd, int flags, Buffer& buffer);
 
     std::atomic<uint32_t> m_stop{0};
     NetDeviceMonitor* m_monitor;
