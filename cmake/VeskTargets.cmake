@@ -52,6 +52,6 @@ endfunction()
 # constructor or destructor has.
 function(vesk_make_inline_copies source)
     if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
-        set_source_files_properties(${source} PROPERTIES COMPILE_OPTIONS "SHELL:-Xclang -mno-constructor-aliases")
+        set_property(SOURCE ${source} APPEND PROPERTY COMPILE_OPTIONS -Xclang -mno-constructor-aliases)
     endif()
 endfunction()

@@ -48,7 +48,7 @@ public:
         ref();
     }
 
-    SharedBuf& operator=(SharedBuf const& other) {
+    SharedBuf& operator=(SharedBuf const& other) { // NOLINT(bugprone-unhandled-self-assignment)
         // The new reference comes first: both may be handles on the same memory.
         other.ref();
         unref();
