@@ -1,0 +1,858 @@
+#include "support/Child.h"
+
+#include <common/Shared.h>
+#include <common/SharedBuf.h>
+#include <common/error/ErrorHelper.h>
+#include <vesk/Alarm.h>
+#include <vesk/AtomicCounter.h>
+#include <vesk/BinTempFileRW.h>
+#include <vesk/CalendarTime.h>
+#include <vesk/Directory.h>
+#include <vesk/DnsSd.h>
+#include <vesk/Environment.h>
+#include <vesk/FileBuffer.h>
+#include <vesk/FileSys.h>
+#include <vesk/FmtFileWrapper.h>
+#include <vesk/Group.h>
+#include <vesk/MemBinFileBase.h>
+#include <vesk/MsgQueueClient.h>
+#include <vesk/MsgQueueServer.h>
+#include <vesk/NetDevice.h>
+#include <vesk/NetDeviceMonitor.h>
+#include <vesk/PathParts.h>
+#include <vesk/Pipe.h>
+#include <vesk/Poller.h>
+#include <vesk/ProcessInfo.h>
+#include <vesk/ProcessTNG.h>
+#include <vesk/ProcessTimeStopWatch.h>
+#include <vesk/RWLock.h>
+#include <vesk/RawSocket.h>
+#include <vesk/RealtimeStopWatch.h>
+#include <vesk/Regex.h>
+#include <vesk/SavedErrorChain.h>
+#include <vesk/SecureRandom.h>
+#include <vesk/SemaphoreClient.h>
+#include <vesk/SemaphoreCreator.h>
+#include <vesk/SerialPort.h>
+#include <vesk/SharedMemoryClient.h>
+#include <vesk/SharedMemoryServer.h>
+#include <vesk/SharedObj.h>
+#include <vesk/ShmCondition.h>
+#include <vesk/ShmMutex.h>
+#include <vesk/ShmRWLock.h>
+#include <vesk/ShmSpinLock.h>
+#include <vesk/SignalCatcher.h>
+#include <vesk/SignalDispatcher.h>
+#include <vesk/SpinLock.h>
+#include <vesk/StderrBinFile.h>
+#include <vesk/StdinBinFile.h>
+#include <vesk/StdoutBinFile.h>
+#include <vesk/StreamBinFileRW.h>
+#include <vesk/SysError.h>
+#include <vesk/SystemError.h>
+#include <vesk/SystemLoad.h>
+#include <vesk/TCPServerSocket.h>
+#include <vesk/TCPSocket.h>
+#include <vesk/TLS.h>
+#include <vesk/ThreadTimeStopWatch.h>
+#include <vesk/Time.h>
+#include <vesk/Timer.h>
+#include <vesk/UDPSocket.h>
+#include <vesk/UnixServerSocket.h>
+#include <vesk/UnixSocket.h>
+#include <vesk/User.h>
+#include <vesk/UserFS.h>
+#include <vesk/Vesk.h>
+#include <vesk/WidePath.h>
+#include <vesk/common/LazyInit.h>
+
+#include <tarncommon/Buf.h>
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorApi.h>
+#include <tarncommon/error/ErrorOutput.h>
+#include <tarncommon/error/ErrorStorage.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+#include <tarncommon/threadsafe/ConditionImpl.h>
+#include <tarncommon/threadsafe/TlsImpl.h>
+#include <tarncommon/tracing/Channel.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cctype>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <istream>
+#include <iterator>
+#include <memory>
+#include <pthread.h>
+#include <string>
+#include <type_traits>
+#include <unistd.h>
+#include <utility>
+
+// A thread that was cancelled goes on through everything that must not throw, and ends at the next cancellation point
+// behind it. The package test of the same name checks that each public class and each public `noexcept` operation has a
+// row here.
+
+namespace {
+
+using vesk::IPSocket;
+
+// ---- what the rows are made of ----
+
+/// From here on the calling thread ends at its next cancellation point, other than in what a row is for.
+void cancelSelf() {
+    EXPECT_EQ(0, pthread_cancel(pthread_self()));
+}
+
+/// The destructor of an object that needs nothing else.
+template <typename T>
+void ends() {
+    [[maybe_unused]] T object{};
+    cancelSelf();
+}
+
+/// The same for one that is made of numbers.
+template <typename T, auto... ARGUMENTS>
+void endsOf() {
+    [[maybe_unused]] T object(ARGUMENTS...);
+    cancelSelf();
+}
+
+/// A name that is no other process's.
+std::string getName() {
+    return "vesk-cancellation-" + std::to_string(getpid());
+}
+
+int openDescriptor() {
+    return open("/dev/null", O_RDWR | O_CLOEXEC);
+}
+
+template <typename Description>
+Description makeDescription() {
+    Description description;
+    description.valid = true;
+    description.socket_fd = openDescriptor();
+    return description;
+}
+
+struct NoMemory : std::Buf::Allocator {
+    constexpr NoMemory() noexcept = default;
+    void* allocate(unsigned int) const noexcept override { return nullptr; }
+    void release(void*, unsigned int) const noexcept override {}
+};
+constexpr NoMemory g_no_memory;
+
+/// Code of a user that runs inside the library: a cancellation point of its own.
+struct User : std::SharedBuf::Owner,
+              vesk::LazyInitBase<void*>,
+              vesk::Message::Handler,
+              vesk::NetDeviceMonitor::Listener,
+              vesk::Poller::Client,
+              vesk::ProcessTNG::ExitListener {
+    ~User() override = default;
+    void free(std::SharedBuf const&) override { pthread_testcancel(); }
+    bool doInit() override { return false; }
+    void handle(vesk::Message&) override {}
+    void error(int) override {}
+    void processExited(vesk::ProcessTNG::ExitState const*) override { pthread_testcancel(); }
+};
+
+struct UserInHolder {
+    ~UserInHolder() { pthread_testcancel(); }
+    bool close() {
+        pthread_testcancel();
+        return false;
+    }
+};
+
+struct Engine : vesk::DnsSd::Engine {
+    using Client = vesk::DnsSdBase::Client;
+    using Name = std::unicode::String;
+    void browse(Client&, std::string const&, std::string const&) override {}
+    void resolve(Client&, Name const&, std::string const&, std::string const&) override {}
+    void lookup(Client&, std::string const&) override {}
+    void publish(
+        Client&, Name const&, std::string const&, std::string const&, unsigned short,
+        vesk::DnsSdBase::Txt const&) override {}
+    void cancel(Client&) override { pthread_testcancel(); }
+};
+
+/// A client of service discovery, with an engine.
+template <typename Client, typename... Arguments>
+void endsClient(Arguments const&... arguments) {
+    static Engine s_engine;
+    vesk::DnsSd::setEngine(&s_engine);
+    Client const client(arguments...);
+    cancelSelf();
+}
+
+/// The end of a socket that has a descriptor and no peer.
+template <typename Socket, typename... Arguments>
+void endsSocket(Arguments const&... arguments) {
+    Socket const socket(arguments...);
+    ASSERT_NE(Socket::INVALID_SOCKET_FD, socket.getSocketFd());
+    cancelSelf();
+}
+
+IPSocket::IPAddress getLoopback() {
+    return {IPSocket::LOOPBACK_IP, 0};
+}
+
+/// A report that is pending, which the next one replaces.
+void leaveReport() {
+    std::ErrorOutput("earlier", 1, true)(vesk::SysError, 18);
+}
+
+void ignoreSignal(int, void*) {}
+
+using Pool = std::MemoryPool<std::UsePoolOnDepletion, vesk::Mutex, std::FakeCondition>;
+using Wrapper = vesk::FmtFileWrapper<vesk::StreamBinFileR, std::istream, vesk::BinFileBase::ReadFlags>;
+using Guard = std::ScopeGuard<UserInHolder, bool (UserInHolder::*)()>;
+using Info = vesk::NetworkInterface;
+
+// ---- the rows ----
+
+/// A row tells with "~" the classes whose destructors it runs, and otherwise the operations.
+struct Row {
+    char const* names;
+    void (*run)();
+};
+
+void PrintTo(Row const& row, std::ostream* out) {
+    *out << row.names;
+}
+
+Row const ROWS[] = {
+    // ---- tarncommon ----
+    {"~std::Buf std::Buf::Buf std::Buf::operator=",
+     [] {
+         leaveReport();
+         cancelSelf();
+         std::Buf const none(16, g_no_memory);
+         std::Buf buf(16);
+         buf = std::Buf(none);
+     }},
+    {"~std::ErrorStorage ~std::ErrorStorage::Chain std::ErrorStorage::ErrorStorage",
+     [] {
+         cancelSelf();
+         std::ErrorStorage const store([](void*, char const*, std::ErrorObject const*, unsigned int) { //
+             pthread_testcancel();
+         });
+         leaveReport();
+     }},
+    {"std::ErrorOutput::operator() std::ErrorStorage::Chain::open std::ErrorStorage::Chain::giveUp",
+     [] {
+         leaveReport();
+         cancelSelf();
+         leaveReport();
+     }},
+    {"std::ErrorStorage::ack std::ErrorStorage::Chain::acknowledge std::ErrorStorage::Chain::unmap",
+     [] {
+         for (int i = 0; i < 8; ++i) {
+             std::ErrorOutput("level", i, false)(vesk::SysError, 18);
+         }
+         cancelSelf();
+         std::ErrorStorage::ack();
+         std::ErrorStorage::Chain::ofThread().unmap();
+     }},
+    {"std::GlobalErrorHandler::doAbort",
+     [] {
+         cancelSelf();
+         std::GlobalErrorHandler::doAbort("file", 1, "function", "text");
+     }},
+    {"std::GlobalErrorHandler::doAssert",
+     [] {
+         cancelSelf();
+         std::GlobalErrorHandler::doAssert(false, "condition", "file", 1, "function", nullptr);
+     }},
+    {"std::GlobalErrorHandler::doOutOfMem",
+     [] {
+         cancelSelf();
+         std::GlobalErrorHandler::doOutOfMem("file", 1, "function", "text");
+     }},
+    {"std::GlobalErrorHandler::doWarning std::GlobalErrorHandler::setHook",
+     [] {
+         cancelSelf();
+         std::GlobalErrorHandler::doWarning("file", 1, "function", "text");
+         std::GlobalErrorHandler::setHook(nullptr);
+         std::GlobalErrorHandler::doWarning("file", 1, "function", "text");
+     }},
+    {"~std::unicode::String ~std::unicode::String::Iterator",
+     [] {
+         std::unicode::String const text(U't');
+         cancelSelf();
+     }},
+    {"~threadsafe::MutexImpl threadsafe::MutexImpl::lock threadsafe::MutexImpl::unlock",
+     [] {
+         threadsafe::MutexImpl mutex(false);
+         cancelSelf();
+         EXPECT_EQ(0, mutex.lock());
+         EXPECT_NE(0, mutex.lock());
+         EXPECT_EQ(0, mutex.unlock());
+         EXPECT_NE(0, mutex.unlock());
+         mutex.lock(); // A locked one cannot be destroyed, which is told.
+     }},
+    {"~threadsafe::ConditionImpl threadsafe::ConditionImpl::signal_one",
+     [] {
+         threadsafe::MutexImpl mutex(false);
+         threadsafe::ConditionImpl condition(mutex);
+         cancelSelf();
+         EXPECT_EQ(0, condition.signal_one());
+     }},
+    {"~threadsafe::TlsImpl", ends<threadsafe::TlsImpl>},
+    {"~tracing::Channel",
+     [] {
+         tracing::Channel const channel("FW_Cancellation", 7, tracing::Channel::WITH_THREAD);
+         cancelSelf();
+     }},
+    // ---- frame ----
+    {"~std::FreeStack std::FreeStack::push std::FreeStack::pop std::NullOnDepletion::getHelp "
+     "std::NullOnDepletion::thankYou",
+     [] {
+         char items[64];
+         std::FreeStack stack(items, 16, 4);
+         std::NullOnDepletion depletion(16, 4);
+         cancelSelf();
+         stack.push(stack.pop());
+         stack.push(items); // One too many, which is told.
+         EXPECT_EQ(nullptr, depletion.getHelp());
+         depletion.thankYou(items);
+     }},
+    {"~std::MemoryPool ~std::MemoryPool::LockGuard",
+     [] {
+         Pool pool(16, 4);
+         Pool::LockGuard const guard(pool);
+         cancelSelf();
+     }},
+    {"~std::ScopeGuard std::ScopeGuard::release std::ScopeGuard::arm std::ScopeGuard::disarm",
+     [] {
+         UserInHolder* const user = new UserInHolder;
+         Guard guard(*user, &UserInHolder::close);
+         Guard released(*user, &UserInHolder::close);
+         cancelSelf();
+         released.release();
+         guard.disarm();
+         guard.arm();
+     }},
+    {"~std::Shared ~std::SharedBase ~std::SharedBase::Ptr ~std::SharedBase::PtrBase",
+     [] {
+         std::Shared<UserInHolder> shared;
+         std::SharedBase::Ptr<UserInHolder> const pointer(shared);
+         cancelSelf();
+     }},
+    {"~std::SharedBuf ~std::SharedBuf::Owner std::SharedBuf::ref",
+     [] {
+         static std::atomic<int32_t> s_count{1};
+         User user;
+         char data[1];
+         std::SharedBuf buf(&s_count, &user, data, 1);
+         cancelSelf();
+         buf.ref();
+         buf.unref();
+         buf = std::SharedBuf();
+     }},
+    {"~std::UsePoolOnDepletion", endsOf<std::UsePoolOnDepletion, 16U, 4U>},
+    {"~vesk::AbortingLock",
+     [] {
+         vesk::Mutex mutex;
+         vesk::AbortingLock<vesk::Mutex> const lock(mutex, "file", "function");
+         mutex.unlock(); // So that its end finds nothing to unlock, which is told.
+         cancelSelf();
+     }},
+    {"~vesk::ScopedLock",
+     [] {
+         vesk::Mutex mutex;
+         vesk::MutexLock const lock(mutex);
+         mutex.unlock(); // So that its end finds nothing to unlock, which is told.
+         cancelSelf();
+     }},
+    {"~vesk::detail::CancellationOff", ends<vesk::detail::CancellationOff>},
+    {"~vesk::LazyInitBase ~vesk::ProcessTNG::ExitListener", ends<User>},
+    {"vesk::SavedErrorChain::restore",
+     [] {
+         leaveReport();
+         vesk::SavedErrorChain const saved;
+         cancelSelf();
+         saved.restore();
+     }},
+    {"~vesk::UnicodeString ~vesk::RefCounted",
+     [] {
+         vesk::UnicodeString const text(std::string("text"));
+         vesk::UnicodeString const same(text);
+         cancelSelf();
+     }},
+    {"vesk::AtomicCounter::increment",
+     [] {
+         vesk::AtomicCounter counter;
+         cancelSelf();
+         counter.increment();
+     }},
+    {"vesk::CalendarTime::resetToEpoch vesk::CalendarTime::retrieveDate vesk::CalendarTime::setTimestamp",
+     [] {
+         vesk::CalendarTime time(true);
+         cancelSelf();
+         time.resetToEpoch();
+         time.setTimestamp(1);
+         time.retrieveDate();
+     }},
+    {"tarnbase::TimePoint::now tarnbase::TimePoint::toTimespec",
+     [] {
+         cancelSelf();
+         tarnbase::TimePoint::now().toTimespec();
+     }},
+    // ---- sync ----
+    {"~vesk::Mutex vesk::Mutex::lock vesk::Mutex::unlock",
+     [] {
+         vesk::Mutex const mutex;
+         leaveReport();
+         cancelSelf();
+         EXPECT_FALSE(mutex.lock());
+         EXPECT_TRUE(mutex.lock());
+         EXPECT_FALSE(mutex.unlock());
+         EXPECT_TRUE(mutex.unlock());
+         mutex.lock(); // A locked one cannot be destroyed, which is told.
+     }},
+    {"~vesk::Condition", ends<vesk::Condition>},
+    {"~vesk::RWLock ~vesk::RWLockBase",
+     [] {
+         vesk::RWLock const lock;
+         EXPECT_FALSE(lock.lockForRead());
+         cancelSelf();
+     }},
+    {"~vesk::SpinLock ~vesk::SpinLockBase", ends<vesk::SpinLock>},
+    {"~vesk::ShmCondition", ends<vesk::ShmCondition>},
+    {"~vesk::ShmMutex",
+     [] {
+         vesk::ShmMutex const mutex;
+         EXPECT_FALSE(mutex.lock()); // A locked one cannot be destroyed, which is told.
+         cancelSelf();
+     }},
+    {"~vesk::ShmRWLock", ends<vesk::ShmRWLock>},
+    {"~vesk::ShmSpinLock", ends<vesk::ShmSpinLock>},
+    // ---- threads ----
+    {"~vesk::Thread",
+     [] {
+         vesk::Thread const thread([](void*) {}, nullptr, "never started");
+         cancelSelf();
+     }},
+    {"~vesk::TLS::Key", ends<vesk::TLS::Key>},
+    {"~vesk::Timer",
+     [] {
+         vesk::Timer timer([](vesk::Timer*) {}, false);
+         EXPECT_FALSE(timer.start(3600000, true));
+         cancelSelf();
+     }},
+    {"~vesk::Timer::HighPrioTimer ~vesk::Alarm::Timer", ends<vesk::Timer::HighPrioTimer>},
+    {"~vesk::Alarm::DefaultTimer", ends<vesk::Alarm::DefaultTimer>},
+    {"~vesk::Alarm",
+     [] {
+         static vesk::Alarm::Timer s_engine(SIGRTMIN + 5, "engine", vesk::sched::Attr());
+         std::SharedBase::Ptr<vesk::Alarm::Timer> const engine(nullptr, &s_engine);
+         vesk::Alarm const alarm(
+             engine, nullptr, [](void*) {}, nullptr);
+         cancelSelf();
+     }},
+    // ---- events ----
+    {"~vesk::Message ~vesk::Message::Handler ~vesk::Message::Sink ~vesk::Message::Source "
+     "~vesk::Message::Callback ~vesk::SignalQueueBase::Message",
+     [] {
+         User user;
+         vesk::Message const message;
+         vesk::Message::Callback const callback([](void*) {}, nullptr);
+         vesk::SignalQueueBase::Message const signal(1, ignoreSignal, nullptr);
+         cancelSelf();
+     }},
+    {"~vesk::Dispatcher ~vesk::Dispatcher::Queue ~vesk::Dispatcher::VanillaQueue "
+     "~vesk::Dispatcher::VanillaNotifier ~vesk::Dispatcher::Notifier",
+     [] {
+         vesk::Dispatcher::VanillaNotifier notifier;
+         vesk::Dispatcher::VanillaQueue queue(notifier);
+         vesk::Dispatcher dispatcher(notifier);
+         dispatcher.add_source(queue);
+         cancelSelf();
+         queue.push(new vesk::Message);
+         dispatcher.stop();
+     }},
+    {"~vesk::SignalQueue ~vesk::SignalQueueImpl ~vesk::SignalQueuePosixBase ~vesk::SignalQueue::Notifier "
+     "~vesk::SignalQueueImpl::NotifierImpl ~vesk::SignalQueueImpl::SelfPipe",
+     [] {
+         vesk::SignalQueue::Notifier notifier;
+         vesk::SignalQueue const queue(notifier);
+         cancelSelf();
+         notifier.signal();
+     }},
+    {"~vesk::SignalCatcher ~vesk::SignalCatcherImpl vesk::SignalCatcherImpl::enqueue_signal",
+     [] {
+         vesk::SignalCatcher const catcher(SIGUSR1, ignoreSignal, nullptr);
+         cancelSelf();
+         raise(SIGUSR1);
+     }},
+    {"~vesk::SignalDispatcher", ends<vesk::SignalDispatcher>},
+    {"~vesk::Poller ~vesk::Poller::Client", ends<vesk::Poller>},
+    {"vesk::Poller::add vesk::Poller::remove vesk::Poller::stop",
+     [] {
+         vesk::Poller poller;
+         User user;
+         cancelSelf();
+         poller.add(user, 0);
+         poller.remove(0);
+         poller.remove(user);
+         poller.stop();
+     }},
+    // ---- files ----
+    {"~vesk::BinFileBase",
+     [] {
+         vesk::BinFileBase file;
+         ASSERT_FALSE(file.open("/dev/null", vesk::BinFileBase::READ, vesk::BinFileBase::DEFAULT_ACCESS));
+         cancelSelf();
+     }},
+    {"~vesk::BinTempFileRW vesk::BinTempFileRW::takeDescriptor",
+     [] {
+         vesk::BinTempFileRW temp(("/tmp/" + getName()).c_str());
+         vesk::BinTempFileRW taken(("/tmp/" + getName()).c_str());
+         ASSERT_TRUE(temp.isValid() && taken.isValid());
+         vesk::FileSys::removeFile(vesk::UnicodeString(taken.getPath()).c_str());
+         cancelSelf();
+         taken.takeDescriptor();
+     }},
+    {"~vesk::Directory",
+     [] {
+         vesk::Directory const directory("/proc/self", true);
+         ASSERT_TRUE(directory.isValid());
+         cancelSelf();
+     }},
+    {"~vesk::FileBuffer ~std::filebuf_base std::filebuf_base::createBuffer std::filebuf_base::destroyBuffer",
+     [] {
+         vesk::StreamBinFileR file;
+         vesk::FileBuffer buffer(&file, 16, nullptr);
+         cancelSelf();
+         buffer.destroyBuffer();
+         buffer.createBuffer();
+     }},
+    {"~vesk::FmtFileWrapper",
+     [] {
+         Wrapper const file("/dev/null", vesk::BinFileBase::READ);
+         ASSERT_TRUE(file.isValid());
+         cancelSelf();
+     }},
+    {"~vesk::MemBinFileBase",
+     [] {
+         vesk::MemBinFileBase file;
+         ASSERT_FALSE(file.open("/dev/null", vesk::BinFileBase::READ, vesk::BinFileBase::DEFAULT_ACCESS));
+         cancelSelf();
+     }},
+    {"~vesk::Path",
+     [] {
+         vesk::Path const path("/a/path");
+         cancelSelf();
+     }},
+    {"~vesk::PathParts",
+     [] {
+         vesk::PathParts const parts("/a/path");
+         cancelSelf();
+     }},
+    {"~vesk::Pipe vesk::Pipe::takeReadEnd vesk::Pipe::takeWriteEnd",
+     [] {
+         vesk::Pipe const both;
+         vesk::Pipe none;
+         cancelSelf();
+         none.takeReadEnd();
+         none.takeWriteEnd();
+     }},
+    {"~vesk::SerialPort",
+     [] {
+         int const terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+         ASSERT_EQ(0, grantpt(terminal));
+         ASSERT_EQ(0, unlockpt(terminal));
+         char name[64];
+         ASSERT_EQ(0, ptsname_r(terminal, name, sizeof name));
+         vesk::SerialPort port(name, 9600, vesk::SerialPort::Parity::NONE, 1, false, false, true, 16, 16);
+         ASSERT_FALSE(port.open());
+         unsigned int written = 0;
+         ASSERT_EQ(1, port.write("text", 4, written));
+         cancelSelf();
+     }},
+    {"~vesk::StderrBinFile", ends<vesk::StderrBinFile>},
+    {"~vesk::StdinBinFile", ends<vesk::StdinBinFile>},
+    {"~vesk::StdoutBinFile", ends<vesk::StdoutBinFile>},
+    {"~vesk::StreamBinFileR ~vesk::StreamBinFileBase ~std::IBinInputStream ~std::IBinStreamBase",
+     [] {
+         vesk::StreamBinFileR file;
+         ASSERT_FALSE(file.open("/dev/null", vesk::BinFileBase::READ));
+         cancelSelf();
+     }},
+    {"~vesk::StreamBinFileRW ~std::IBinInOutStream",
+     [] {
+         vesk::StreamBinFileRW file(16, 16);
+         ASSERT_FALSE(file.open("/dev/null", vesk::BinFileBase::READ_WRITE));
+         unsigned int written = 0;
+         ASSERT_EQ(1, file.write("text", 4, written));
+         cancelSelf();
+     }},
+    {"~vesk::StreamBinFileW ~std::IBinOutputStream",
+     [] {
+         vesk::StreamBinFileW file(16);
+         ASSERT_FALSE(file.open("/dev/null", vesk::BinFileBase::WRITE));
+         unsigned int written = 0;
+         ASSERT_EQ(1, file.write("text", 4, written));
+         cancelSelf();
+     }},
+    {"~vesk::WidePath",
+     [] {
+         vesk::WidePath const path("/a/path");
+         cancelSelf();
+     }},
+    // ---- ipc ----
+    {"~vesk::MsgQueueServer ~vesk::MsgQueueClient ~vesk::MsgQueueBase",
+     [] {
+         std::string const name = getName();
+         vesk::MsgQueueServer server;
+         vesk::MsgQueueClient client;
+         ASSERT_FALSE(server.create(name.c_str(), 16, 4, vesk::Creatable::REPLACE));
+         ASSERT_FALSE(client.attach(name.c_str()));
+         server.setUnlinkOnClose(true);
+         ASSERT_FALSE(server.close());
+         cancelSelf();
+     }},
+    {"~vesk::SemaphoreCreator ~vesk::SemaphoreClient ~vesk::SemaphoreBase vesk::Creatable::setUnlinkOnClose",
+     [] {
+         std::string const name = getName();
+         vesk::SemaphoreClient client;
+         vesk::SemaphoreCreator creator;
+         ASSERT_FALSE(creator.create(name.c_str(), 1, vesk::Creatable::REPLACE));
+         ASSERT_FALSE(client.attach(name.c_str()));
+         cancelSelf();
+         creator.setUnlinkOnClose(true);
+     }},
+    {"~vesk::SharedMemoryServer ~vesk::SharedMemoryClient ~vesk::SharedMemoryBase",
+     [] {
+         std::string const name = getName();
+         vesk::SharedMemoryClient client;
+         vesk::SharedMemoryServer server;
+         server.setUnlinkOnClose(true);
+         ASSERT_FALSE(server.create(name.c_str(), 4096, vesk::Creatable::REPLACE));
+         ASSERT_FALSE(client.attach(name.c_str(), vesk::MemMapping::READ));
+         cancelSelf();
+     }},
+    // ---- network ----
+    {"~vesk::NetDevice ~vesk::NetDevice::InterfaceInfo",
+     [] {
+         vesk::NetDevice const device("lo");
+         ASSERT_TRUE(device.isValid());
+         vesk::NetDevice::InterfaceInfo const info{};
+         cancelSelf();
+     }},
+    {"~vesk::NetDeviceMonitor ~vesk::NetDeviceMonitor::Listener",
+     [] {
+         User user;
+         vesk::NetDeviceMonitor const monitor(&user);
+         cancelSelf();
+     }},
+    {"~vesk::NetworkAddress ~vesk::NetworkAddressBase", ends<vesk::NetworkAddress>},
+    {"~vesk::NetworkInterface::Info ~vesk::NetworkInterface::AddrInfo",
+     [] {
+         Info::Info info{};
+         info.addresses.emplace_back();
+         cancelSelf();
+     }},
+    // ---- services and processes ----
+    {"~vesk::Group", endsOf<vesk::Group, 0LL>},
+    {"~vesk::User", endsOf<vesk::User, 0LL>},
+    {"~vesk::Regex ~vesk::RegexHandle",
+     [] {
+         vesk::Regex regex;
+         ASSERT_EQ(0, regex.compile("a.*", 0));
+         cancelSelf();
+     }},
+    {"~vesk::SecureRandom", endsOf<vesk::SecureRandom, false>},
+    {"~vesk::SharedObj",
+     [] {
+         vesk::SharedObj object;
+         ASSERT_FALSE(object.load("libm.so.6"));
+         cancelSelf();
+     }},
+    {"vesk::SharedObj::load vesk::SharedObj::unload",
+     [] {
+         vesk::SharedObj object;
+         cancelSelf();
+         EXPECT_FALSE(object.load("libm.so.6"));
+         EXPECT_FALSE(object.unload());
+     }},
+    {"vesk::UserFS::init vesk::UserFS::unmount",
+     [] {
+         vesk::UserFS file_system(true);
+         cancelSelf();
+         vesk::UserFS::init();
+         file_system.unmount();
+     }},
+    {"~vesk::ProcessInfo", endsOf<vesk::ProcessInfo, 1>},
+    {"~vesk::ProcessTNG",
+     [] {
+         static vesk::Vesk const s_vesk(true, false);
+         static User s_listener; // It may be told after the end of the object.
+         vesk::ProcessTNG process("/bin/sleep", {"0.1"});
+         process.setExitListener(&s_listener);
+         ASSERT_NE(-1, process.start());
+         cancelSelf();
+     }},
+    // ---- sockets ----
+    {"~vesk::IPSocket::IPAddress", ends<IPSocket::IPAddress>},
+    {"~vesk::IPSocket::IPResolver", ends<IPSocket::IPResolver>},
+    {"~vesk::RawSocket ~vesk::Socket",
+     [] {
+         vesk::RawSocket socket(true, 0, 0);
+         if (socket.open("lo")) { // Without the right to packet sockets it has nothing to close.
+             std::ErrorStorage::ack();
+         }
+         cancelSelf();
+     }},
+    {"~vesk::TCPServerSocket",
+     [] { endsSocket<vesk::TCPServerSocket>(getLoopback(), true, false, IPSocket::IPV4); }},
+    {"~vesk::TCPSocket ~vesk::IPSocket",
+     [] { endsSocket<vesk::TCPSocket>(true, 0, 0, getLoopback(), getLoopback(), false, IPSocket::IPV4); }},
+    {"~vesk::TCPSocket::Description vesk::TCPSocket::Description::swap "
+     "vesk::TCPSocket::Description::operator=",
+     [] {
+         using Description = vesk::TCPSocket::Description;
+         auto first = makeDescription<Description>();
+         auto second = makeDescription<Description>();
+         auto third = makeDescription<Description>();
+         cancelSelf();
+         first.swap(second);
+         first = std::move(third);
+     }},
+    {"~vesk::UDPSocket",
+     [] { endsSocket<vesk::UDPSocket>(true, 0, 0, getLoopback(), getLoopback(), IPSocket::IPV4); }},
+    {"~vesk::UnixServerSocket",
+     [] { endsSocket<vesk::UnixServerSocket>(vesk::Path(getName()), true, vesk::UnixSocketBase::ABSTRACT); }},
+    {"~vesk::UnixSocket ~vesk::UnixSocketBase",
+     [] {
+         endsSocket<vesk::UnixSocket>(
+             true, 0, 0, vesk::Path(getName()), vesk::Path("peer"), vesk::UnixSocketBase::ABSTRACT);
+     }},
+    {"~vesk::UnixSocket::Description vesk::UnixSocket::Description::swap "
+     "vesk::UnixSocket::Description::operator=",
+     [] {
+         using Description = vesk::UnixSocket::Description;
+         auto first = makeDescription<Description>();
+         auto second = makeDescription<Description>();
+         auto third = makeDescription<Description>();
+         cancelSelf();
+         first.swap(second);
+         first = std::move(third);
+     }},
+    // ---- service discovery ----
+    {"~vesk::DnsSd::DnsSdThread", ends<vesk::DnsSd::DnsSdThread>},
+    {"~vesk::DnsSd::Engine vesk::DnsSd::setEngine",
+     [] {
+         Engine engine;
+         cancelSelf();
+         vesk::DnsSd::setEngine(&engine);
+         vesk::DnsSd::setEngine(nullptr);
+     }},
+    {"~vesk::DnsSd::SyncBrowser ~vesk::DnsSd::Client ~vesk::DnsSdBase::Client",
+     [] { endsClient<vesk::DnsSd::SyncBrowser>("_http._tcp", "local"); }},
+    {"~vesk::DnsSd::SyncLookup", [] { endsClient<vesk::DnsSd::SyncLookup>("host"); }},
+    {"~vesk::DnsSd::SyncResolver",
+     [] { endsClient<vesk::DnsSd::SyncResolver>(std::unicode::String(U'n'), "_http._tcp", "local"); }},
+    {"~vesk::DnsSd::SyncService",
+     [] {
+         endsClient<vesk::DnsSd::SyncService>(
+             std::unicode::String(U'n'), "_http._tcp", "local", static_cast<unsigned short>(80));
+     }},
+    {"~vesk::DnsSd::SyncBrowser::Result", ends<vesk::DnsSd::SyncBrowser::Result>},
+    {"~vesk::DnsSd::SyncLookup::Result", ends<vesk::DnsSd::SyncLookup::Result>},
+    {"~vesk::DnsSd::SyncResolver::Result", ends<vesk::DnsSd::SyncResolver::Result>},
+    {"~vesk::DnsSdBase::Txt", ends<vesk::DnsSdBase::Txt>},
+};
+
+// ---- classes whose destructor does nothing ----
+
+/// Reaches a destructor that only deriving classes may call.
+template <typename Base>
+struct Derived : Base {};
+
+template <typename... T>
+constexpr bool END_TRIVIALLY = (std::is_trivially_destructible_v<T> && ...);
+
+static_assert(END_TRIVIALLY<
+              std::ErrorArgument, std::ErrorID, std::ErrorObject, std::ErrorOutput, std::ErrorType,
+              std::FakeCondition, std::FakeLock, std::GlobalErrorHandler, std::GlobalErrorHandler::Event,
+              std::GlobalErrorHandler::Hook, std::NoopResultConv, std::NullOnDepletion, std::ProcessErrorApi,
+              Derived<std::Buf::Allocator>, Derived<std::ErrorApi>, Derived<tarnbase::NonCopyable>,
+              tarnbase::Duration, tarnbase::TimePoint, threadsafe::ConditionBase, threadsafe::MutexBase>);
+static_assert(
+    END_TRIVIALLY<
+        Derived<vesk::Creatable>, Derived<vesk::StopWatchBase>, vesk::AbsTimeT, vesk::AtomicCounter,
+        vesk::BinFileBase::OpenFlags, vesk::BinFileBase::ReadFlags, vesk::BinFileBase::ReadWriteFlags,
+        vesk::BinFileBase::WriteFlags, vesk::CalendarTime, vesk::ConditionOps, vesk::DirectoryHandle,
+        vesk::DnsSd, vesk::DnsSdBase, vesk::Environment, vesk::FileAccess, vesk::FileInfo, vesk::FileSys,
+        vesk::IPSocket::BinaryAddress, vesk::MemMapping, vesk::MemMapping::MemAccessFlags,
+        vesk::MsgQueueBase::Message, vesk::MutexOps, vesk::NetworkInterface, vesk::ProcessTNG::ExitState,
+        vesk::ProcessTimeStopWatch, vesk::RWLockOps>);
+static_assert(
+    END_TRIVIALLY<
+        vesk::RealtimeStopWatch, vesk::Regex::SubMatch, vesk::SavedErrorChain, vesk::SignalQueueBase,
+        vesk::SpinLockOps, vesk::SystemError, vesk::SystemLoad, vesk::TCPSocket::KeepaliveSettings, vesk::TLS,
+        vesk::Thread::ThreadId, vesk::ThreadTimeStopWatch, vesk::Time, vesk::UserFS, vesk::Vesk,
+        vesk::Vesk::SystemInfo, vesk::sched::Attr, vesk::sched::Param, vesk::sched::Policy>);
+
+// ---- the test ----
+
+bool reachCancellationPoint(std::GlobalErrorHandler::Event const& event, void*) {
+    pthread_testcancel();
+    return event.kind == std::GlobalErrorHandler::Kind::ABORT;
+}
+
+std::GlobalErrorHandler::Hook const g_hook{reachCancellationPoint, nullptr};
+
+/// Runs a row in the thread that it cancels: whatever reports or warns on its way meets a user's code, too.
+void run(Row& row) {
+    std::GlobalErrorHandler::setHook(&g_hook);
+    {
+        std::ErrorStorage const errors([](void*, char const*, std::ErrorObject const*, unsigned int) { //
+            pthread_testcancel();
+        });
+        row.run();
+    }
+    std::GlobalErrorHandler::setHook(nullptr);
+    row.names = nullptr;
+}
+
+/// The body of that thread. The address sanitizer takes frames that were unwound for live ones: it does not see this one.
+__attribute__((no_sanitize_address)) void* runAndEnd(void* row) {
+    run(*static_cast<Row*>(row));
+    pthread_testcancel();
+    return nullptr;
+}
+
+class Cancellation : public testing::TestWithParam<Row> {};
+
+std::string getRowName(testing::TestParamInfo<Row> const& row) {
+    std::string name;
+    for (char const* at = row.param.names; *at != '\0' && *at != ' '; ++at) {
+        name += *at == '~' ? std::string("endOf_") : std::isalnum(*at) != 0 ? std::string(1, *at) : "_";
+    }
+    return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Cancellation, testing::ValuesIn(ROWS), getRowName);
+
+TEST_P(Cancellation, waitsForTheBodyOfTheThread) {
+    support::ChildEnd const end = support::runInChild([] {
+        Row row = GetParam();
+        pthread_t thread{};
+        void* result = nullptr;
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, runAndEnd, &row));
+        ASSERT_EQ(0, pthread_join(thread, &result));
+        EXPECT_EQ(PTHREAD_CANCELED, result) << "the row has not cancelled its thread";
+        EXPECT_EQ(nullptr, row.names) << "the thread was cancelled on its way";
+    });
+    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+    EXPECT_EQ(0, end.signal) << end.output << end.errors;
+}
+
+} // namespace
