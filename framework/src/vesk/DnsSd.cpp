@@ -1,7 +1,7 @@
 #include <vesk/DnsSd.h>
 
 #include "DnsSdImpl.h"
-#include "posix/CancellationOff.h"
+#include <vesk/common/CancellationOff.h>
 
 #include <vesk/common/AbortingLock.h>
 #include <vesk/common/KeptErrorChain.h>

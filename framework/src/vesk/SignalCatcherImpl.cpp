@@ -1,6 +1,6 @@
 #include <vesk/SignalCatcherImpl.h>
 
-#include "posix/CancellationOff.h"
+#include <vesk/common/CancellationOff.h>
 
 #include <vesk/SignalDispatcher.h>
 

@@ -1,6 +1,6 @@
 #include <vesk/SignalDispatcher.h>
 
-#include "posix/CancellationOff.h"
+#include <vesk/common/CancellationOff.h>
 
 #include <vesk/common/AbortingLock.h>
 

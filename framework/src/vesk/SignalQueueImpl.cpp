@@ -1,6 +1,6 @@
 #include <vesk/SignalQueueImpl.h>
 
-#include "posix/CancellationOff.h"
+#include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/tarnbase/abort.h>

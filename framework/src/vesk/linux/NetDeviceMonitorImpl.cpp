@@ -1,6 +1,6 @@
 #include "NetDeviceMonitorImpl.h"
 
-#include "vesk/posix/CancellationOff.h"
+#include <vesk/common/CancellationOff.h>
 #include "vesk/posix/ErrnoTable.h"
 
 #include <vesk/Socket.h>

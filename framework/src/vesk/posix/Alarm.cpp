@@ -1,7 +1,7 @@
 #include <vesk/Alarm.h>
 
 #include "../common/AlarmTable.h"
-#include "CancellationOff.h"
+#include <vesk/common/CancellationOff.h>
 
 #include <vesk/Thread.h>
 #include <vesk/common/AbortingLock.h>

@@ -1,6 +1,6 @@
 #include <vesk/ProcessTNG.h>
 
-#include "CancellationOff.h"
+#include <vesk/common/CancellationOff.h>
 #include "ProcessImpl.h"
 #include "vesk/common/Report.h"
 

@@ -1,6 +1,6 @@
 #include <vesk/Thread.h>
 
-#include "CancellationOff.h"
+#include <vesk/common/CancellationOff.h>
 #include "ErrnoTable.h"
 #include "SystemErrorText.h"
 #include "ThreadLink.h"
