@@ -1,4 +1,4 @@
-#include "vesk/posix/SocketPosixCommon.h"
+#include "vesk/posix/sockets/SocketPosixCommon.h"
 
 #include "TestSocket.h"
 #include "support/Chain.h"

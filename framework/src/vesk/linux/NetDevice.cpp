@@ -1,7 +1,7 @@
 #include <vesk/NetDevice.h>
 
-#include "vesk/posix/ErrnoTable.h"
-#include "vesk/posix/SystemErrorText.h"
+#include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/SystemErrorText.h"
 
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>

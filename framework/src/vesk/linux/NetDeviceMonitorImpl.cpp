@@ -1,7 +1,7 @@
 #include "NetDeviceMonitorImpl.h"
 
+#include "vesk/posix/detail/ErrnoTable.h"
 #include <vesk/common/CancellationOff.h>
-#include "vesk/posix/ErrnoTable.h"
 
 #include <vesk/Socket.h>
 #include <vesk/SysError.h>

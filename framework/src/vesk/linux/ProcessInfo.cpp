@@ -1,7 +1,7 @@
 #include <vesk/ProcessInfo.h>
 
 #include "Snapshot.h"
-#include "vesk/posix/PrivateDirectory.h"
+#include "vesk/posix/files/PrivateDirectory.h"
 
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>

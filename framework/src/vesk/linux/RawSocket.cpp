@@ -1,6 +1,6 @@
 #include <vesk/RawSocket.h>
 
-#include "vesk/posix/SocketPosixCommon.h"
+#include "vesk/posix/sockets/SocketPosixCommon.h"
 
 #include <vesk/common/CancellationOff.h>
 #include <vesk/common/KeptErrorChain.h>

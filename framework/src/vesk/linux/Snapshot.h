@@ -1,7 +1,7 @@
 #pragma once
 
 #include "vesk/common/Report.h"
-#include "vesk/posix/SystemErrorText.h"
+#include "vesk/posix/detail/SystemErrorText.h"
 
 #include <vesk/SysError.h>
 

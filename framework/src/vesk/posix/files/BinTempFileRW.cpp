@@ -1,0 +1,81 @@
+#include <vesk/BinTempFileRW.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+
+#include <vesk/FileAccessError.h>
+#include <vesk/FileSys.h>
+#include <vesk/SysError.h>
+#include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <cstdlib>
+#include <unistd.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/BinTempFileRW";
+
+/// What no open tells.
+constexpr ErrnoRow TEMPLATE_ERRORS[] = {
+    {{EEXIST}, {SysError, 12}, {FileAccessError, 4}},
+    {{EINVAL}, {SysError, 10}, {FileAccessError, 9}},
+};
+
+/// Reports why no file could be made of a template. True if it is to be tried again.
+bool handleTemplateError(int error, char const* path) {
+    if (error == EEXIST || error == EINVAL) {
+        classify(SOURCE, TEMPLATE_ERRORS, error, path);
+        return false;
+    }
+    return handleOpenError(error, path);
+}
+
+/// Makes a file of a template, which gets its name: the handle owns the text. -1 on failure.
+int makeFile(UnicodeString const& path) {
+    if (path.c_str() == nullptr) {
+        errno = EFAULT; // libc would not refuse it but fall over it.
+        return -1;
+    }
+    return mkstemp(const_cast<char*>(path.c_str()));
+}
+
+} // namespace
+
+BinTempFileRW::BinTempFileRW(WidePath const& prefix) : m_path(prefix) {
+    int error = 0;
+    do {
+        // Afresh each time: an attempt that failed may have used the template up.
+        m_path.assign(prefix).append(L"XXXXXX");
+        UnicodeString const narrow(m_path);
+        m_fd = makeFile(narrow);
+        error = errno;
+        m_path.assign(narrow);
+    } while (m_fd == -1 && handleTemplateError(error, UnicodeString(m_path).c_str()));
+}
+
+BinTempFileRW::~BinTempFileRW() {
+    if (!isValid()) {
+        return;
+    }
+    CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
+    if (close(m_fd) != 0) {
+        std::GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "~BinTempFileRW", "Couldn't close unused temporary file");
+        std::ErrorStorage::ack();
+    }
+    if (FileSys::removeFile(UnicodeString(m_path).c_str())) {
+        std::GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "~BinTempFileRW", "Couldn't remove unused temporary file");
+        std::ErrorStorage::ack();
+    }
+    m_fd = -1;
+}
+
+} // namespace vesk

@@ -1,0 +1,258 @@
+#include <vesk/Directory.h>
+
+#include "PrivateDirectory.h"
+#include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/SystemErrorText.h"
+
+#include <vesk/FileAccessError.h>
+#include <vesk/SavedErrorChain.h>
+#include <vesk/SysError.h>
+#include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/Directory";
+
+constexpr ErrnoRow OPEN_ERRORS[] = {
+    {{ENOENT, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
+    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
+    {{ENOTDIR}, {SysError, 3}, {FileAccessError, 1}},
+    {{ENFILE, EMFILE}, {SysError, 0}, {FileAccessError, 6}},
+    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
+};
+
+constexpr ErrnoRow TAKE_OVER_ERRORS[] = {
+    {{EACCES}, {SysError, 7}},
+    {{ENOTDIR}, {SysError, 3}},
+    {{ENFILE, EMFILE}, {SysError, 0}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow NEXT_ERRORS[] = {
+    {{EBADF, EOVERFLOW, ENOENT}, {SysError, 10}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow CUR_INFO_ERRORS[] = {
+    {{ENOENT}, {SysError, 2}, {FileAccessError, 0}},
+    {{EBADF, ENOTDIR, EINVAL}, {SysError, 10}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow CUR_DIR_ERRORS[] = {
+    {{ENOENT, ENAMETOOLONG, ELOOP}, {SysError, 2}},
+    {{EACCES}, {SysError, 7}},
+    {{ENOTDIR}, {SysError, 3}},
+    {{ENFILE, EMFILE}, {SysError, 0}},
+    {OTHERS, {SysError, 19}},
+};
+
+/// Closes what the clean-up after a failure must not leave open. A failure here is the lesser one.
+template <typename Close>
+void closeOrWarn(Close close_it, char const* function, char const* message, int line = __builtin_LINE()) {
+    if (close_it() != 0) {
+        std::GlobalErrorHandler::doWarning(SOURCE, line, function, "%s", message);
+        std::ErrorStorage::ack();
+    }
+}
+
+/// `closedir`, which by its declaration takes no null: answers one as the system does.
+int closeStream(DIR* dir) noexcept {
+    if (dir == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    CancellationOff const cancellation_off;
+    return closedir(dir);
+}
+
+/// `fdopendir` marks the descriptor close-on-exec. Those that are opened here stay open for a new program all the same.
+void keepAcrossExec(int fd) noexcept {
+    fcntl(fd, F_SETFD, 0);
+}
+
+} // namespace
+
+Directory::Directory() : m_at_end(true) {}
+
+Directory::Directory(std::string const& path, bool) {
+    m_handle.fd = open(path.c_str(), O_RDONLY);
+    adopt(path.c_str());
+}
+
+Directory::Directory(Directory const& parent, std::string const& name, bool follow, bool) {
+    if (name.empty() || name.find('/') != std::string::npos) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "Directory c'tor called on invalid entry-name.");
+        return;
+    }
+    if (!parent.m_valid) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "Directory c'tor called on invalid directory.");
+        return;
+    }
+    m_handle.fd = openat(parent.m_handle.fd, name.c_str(), follow ? 0 : O_NOFOLLOW);
+    adopt(name.c_str());
+}
+
+Directory::Directory(DirectoryHandle const* handle) {
+    m_handle.fd = handle->fd;
+    m_handle.dir = fdopendir(m_handle.fd);
+    if (m_handle.dir != nullptr) {
+        init();
+        return;
+    }
+    classify(SOURCE, TAKE_OVER_ERRORS, errno);
+    m_handle.fd = -1;
+}
+
+/// Goes on behind the open, which has left its result in the handle.
+void Directory::adopt(char const* path) {
+    if (m_handle.fd != -1) {
+        m_handle.dir = fdopendir(m_handle.fd);
+        if (m_handle.dir != nullptr) {
+            keepAcrossExec(m_handle.fd);
+            init();
+            return;
+        }
+    }
+    classify(SOURCE, OPEN_ERRORS, errno, path);
+    if (m_handle.fd != -1) {
+        if (close(m_handle.fd) != 0) {
+            std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, "Directory", "Error closing dir FD");
+        }
+        m_handle.fd = -1;
+    }
+}
+
+/// Goes to the first entry of the stream; without one, the stream is given up.
+void Directory::init() {
+    m_handle.entry = nullptr;
+    if (next() >= 0) {
+        m_valid = true;
+        return;
+    }
+    SavedErrorChain const saved;
+    closeOrWarn([this] { return closeStream(m_handle.dir); }, "init", "error closing dir");
+    if (m_handle.fd != -1) {
+        // Also behind a good `closedir`, for one that has failed before it came to the descriptor. As a rule it finds the
+        // descriptor closed, and warns. Should another thread have been given the number in between, it closes that
+        // thread's: a walk that fails at its first step is rare enough to live with it.
+        closeOrWarn([this] { return close(m_handle.fd); }, "init", "error closing dir-fd");
+    }
+    m_handle = DirectoryHandle();
+    saved.restore();
+}
+
+int Directory::next() {
+    dirent* entry = nullptr;
+    if (m_handle.dir != nullptr) {
+        errno = 0;
+        entry = readdir(m_handle.dir);
+    } else {
+        errno = EBADF; // As the system answers for what is not open; its call takes no null.
+    }
+    if (entry != nullptr) {
+        m_handle.entry = entry;
+        return 0;
+    }
+    m_at_end = true;
+    if (errno == 0) {
+        return 1;
+    }
+    classify(SOURCE, NEXT_ERRORS, errno);
+    return -1;
+}
+
+FileInfo Directory::curInfo(bool follow) const {
+    if (m_at_end || m_handle.entry == nullptr) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "curInfo() called on directory with atEnd() == true");
+        return FileInfo();
+    }
+    struct stat data;
+    if (fstatat(m_handle.fd, m_handle.entry->d_name, &data, follow ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
+        classify(SOURCE, CUR_INFO_ERRORS, errno, m_handle.entry->d_name);
+        return FileInfo();
+    }
+    return FileInfo(data);
+}
+
+Directory Directory::curDir(bool follow, bool) const {
+    if (m_at_end || m_handle.entry == nullptr) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "curDir() called on directory with atEnd() == true");
+        return Directory();
+    }
+    DirectoryHandle handle;
+    handle.fd = openat(m_handle.fd, m_handle.entry->d_name, follow ? 0 : O_NOFOLLOW);
+    if (handle.fd == -1) {
+        classify(SOURCE, CUR_DIR_ERRORS, errno);
+        return Directory();
+    }
+    Directory directory(&handle);
+    if (directory.m_valid) {
+        keepAcrossExec(handle.fd);
+    } else if (!directory.m_at_end) {
+        // It has no stream, so the descriptor was not taken over: an entry that is no directory.
+        SavedErrorChain const saved;
+        closeOrWarn([&handle] { return close(handle.fd); }, "curDir", "error closing dir-fd");
+        saved.restore();
+    }
+    return directory;
+}
+
+Directory Directory::curDir(bool flag) const {
+    return curDir(true, flag);
+}
+
+int Directory::destroy() {
+    if (!m_valid) {
+        return 0;
+    }
+    std::GlobalErrorHandler::doAssert(
+        m_handle.dir != nullptr, "m_handle.dir != NULL", SOURCE, __LINE__, "destroy", nullptr);
+    KeptErrorChain const kept_chain;
+    while (closeStream(m_handle.dir) != 0) {
+        if (errno == EINTR) {
+            // The stream is still there: the system never interrupts a close that it has begun for a directory.
+            continue;
+        }
+        report(SOURCE, Chain::NEW, SysError, 19, SystemErrorText().get());
+        std::GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "destroy", "Error closing directory @%p; a file descriptor may have leaked!",
+            static_cast<void*>(this));
+        std::ErrorStorage::ack();
+        break;
+    }
+    return 0;
+}
+
+Directory detail::openPrivateDirectory(char const* path) {
+    DirectoryHandle handle;
+    handle.fd = open(path, O_RDONLY | O_CLOEXEC);
+    int const error = errno;
+    Directory directory(&handle);
+    if (handle.fd == -1) {
+        // Of a handle without a descriptor it has told that instead.
+        std::ErrorStorage::ack();
+        errno = error;
+        classify(SOURCE, OPEN_ERRORS, error, path);
+    } else if (!directory.isValid() && !directory.atEnd()) {
+        // It has no stream, so the descriptor was not taken over.
+        SavedErrorChain const saved;
+        closeOrWarn([&handle] { return close(handle.fd); }, "openPrivateDirectory", "error closing dir-fd");
+        saved.restore();
+    }
+    return directory;
+}
+
+} // namespace vesk

@@ -1,0 +1,279 @@
+#include <vesk/FileSys.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+
+#include <vesk/Environment.h>
+#include <vesk/FileAccessError.h>
+#include <vesk/SysError.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/FileSys";
+
+// Rows that several operations have.
+constexpr ErrnoRow DENIED{{EPERM, EACCES, EROFS}, {SysError, 7}, {FileAccessError, 3}};
+constexpr ErrnoRow NO_SEARCH{{EACCES}, {SysError, 7}, {FileAccessError, 3}};
+constexpr ErrnoRow BAD_PATH{{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}};
+constexpr ErrnoRow EXISTS_ALREADY{{EEXIST}, {SysError, 12}, {FileAccessError, 4}};
+constexpr ErrnoRow IS_DIRECTORY{{EISDIR}, {SysError, 2}, {FileAccessError, 2}};
+constexpr ErrnoRow IN_USE{{EBUSY, EEXIST, ETXTBSY, ENOTEMPTY}, {SysError, 13}, {FileAccessError, 5}};
+constexpr ErrnoRow TOO_MANY_LINKS{{EMLINK}, {SysError, 0}, {FileAccessError, 9}};
+constexpr ErrnoRow NO_SPACE{{ENOSPC}, {SysError, 15}, {FileAccessError, 7}};
+constexpr ErrnoRow DEVICE_ERROR{{EIO}, {SysError, 11}, {FileAccessError, 8}};
+constexpr ErrnoRow BAD_ADDRESS{{EFAULT}, {SysError, 10}, {FileAccessError, 9}};
+constexpr ErrnoRow NO_MEMORY{{ENOMEM}, {SysError, 1}};
+constexpr ErrnoRow UNCLASSIFIED{OTHERS, {SysError, 19}, {FileAccessError, 9}};
+
+constexpr ErrnoRow CURRENT_WD_ERRORS[] = {
+    {{ENOENT}, {SysError, 2}}, {{ENOMEM}, {SysError, 1}},
+    {{EACCES}, {SysError, 7}}, {{EFAULT, EINVAL, ERANGE}, {SysError, 10}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow EXISTS_ERRORS[] = {
+    {{ENOENT, ENOTDIR}, NONE, NONE, Outcome::NOT_NOW},
+    // The file is there and only too large for the fields of a 32-bit `stat`.
+    {{EOVERFLOW}, NONE, NONE, Outcome::DONE},
+    NO_SEARCH,
+    DEVICE_ERROR,
+    {{ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
+    NO_MEMORY,
+    {{EFAULT}, {SysError, 10}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow CREATE_DIR_ERRORS[] = {
+    DENIED, BAD_PATH, EXISTS_ALREADY, TOO_MANY_LINKS, UNCLASSIFIED,
+};
+
+constexpr ErrnoRow REMOVE_FILE_ERRORS[] = {
+    DENIED, BAD_PATH, IN_USE, IS_DIRECTORY, BAD_ADDRESS, NO_MEMORY, UNCLASSIFIED,
+};
+
+constexpr ErrnoRow REMOVE_DIR_ERRORS[] = {
+    DENIED,
+    BAD_PATH,
+    {{EBUSY, ETXTBSY}, {SysError, 13}, {FileAccessError, 5}},
+    {{EEXIST, ENOTEMPTY}, {SysError, 14}, {FileAccessError, 5}},
+    IS_DIRECTORY,
+    BAD_ADDRESS,
+    NO_MEMORY,
+    UNCLASSIFIED,
+};
+
+constexpr ErrnoRow MOVE_ERRORS[] = {
+    DENIED,
+    {{ENOENT, ENOTDIR, EISDIR, EINVAL, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
+    DEVICE_ERROR,
+    IN_USE,
+    {{EXDEV}, {SysError, 6}, {FileAccessError, 9}},
+    NO_SPACE,
+    TOO_MANY_LINKS,
+    UNCLASSIFIED,
+};
+
+constexpr ErrnoRow CHANGE_WD_ERRORS[] = {
+    // Who cannot get there is denied access, whatever the reason.
+    {{ENOENT, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 3}},
+    NO_SEARCH,
+    {{ENOTDIR}, {SysError, 3}, {FileAccessError, 1}},
+    DEVICE_ERROR,
+    BAD_ADDRESS,
+    UNCLASSIFIED,
+};
+
+constexpr ErrnoRow MAX_COMPONENT_LENGTH_ERRORS[] = {
+    BAD_PATH,
+    NO_SEARCH,
+    {{EIO}, {SysError, 11}, {FileAccessError, 9}},
+    UNCLASSIFIED,
+};
+
+constexpr ErrnoRow READ_LINK_ERRORS[] = {
+    // Anything but a link gives EINVAL.
+    {{ENOENT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
+    NO_SEARCH,
+    DEVICE_ERROR,
+    UNCLASSIFIED,
+};
+
+constexpr ErrnoRow CREATE_LINK_ERRORS[] = {
+    // Says that the file system has no symbolic links.
+    {{EPERM}, {SysError, 6}, {FileAccessError, 9}},
+    {{EACCES, EROFS}, {SysError, 7}, {FileAccessError, 3}},
+    BAD_PATH,
+    EXISTS_ALREADY,
+    DEVICE_ERROR,
+    NO_SPACE,
+    UNCLASSIFIED,
+};
+
+constexpr ErrnoRow CHANGE_ERRORS[] = {
+    DENIED,    BAD_PATH,     DEVICE_ERROR, {{EFAULT, EINVAL}, {SysError, 10}, {FileAccessError, 9}},
+    NO_MEMORY, UNCLASSIFIED,
+};
+
+/// Reports a system call that failed.
+bool hasFailed(Place place, int result, ErrnoTable table, char const* path) noexcept {
+    if (result == 0) {
+        return false;
+    }
+    classify(place, table, errno, path);
+    return true;
+}
+
+/// The text that names two paths where only one has failed. As long as a report at most, which cuts longer ones.
+class EitherPath {
+public:
+    EitherPath(char const* one, char const* other) noexcept {
+        snprintf(m_text, sizeof m_text, "%s%s%s", one, " or ", other);
+    }
+    char const* get() const noexcept { return m_text; }
+
+private:
+    char m_text[std::ErrorObject::TEXT_SIZE + 1];
+};
+
+/// Whether the system has such ids. Cut to the system's type, another one would be somebody else's.
+bool isOfSystem(long long id) noexcept {
+    static_assert(std::numeric_limits<uid_t>::max() == UINT32_MAX && sizeof(gid_t) == sizeof(uid_t));
+    // What stands for no id tells the system to leave the owner as it is.
+    return id >= User::BAD_ID && id <= std::numeric_limits<uid_t>::max();
+}
+static_assert(User::BAD_ID == -1 && Group::BAD_ID == -1);
+
+int changeOwner(char const* path, User const& user, Group const& group) {
+    long long const user_id = user.getId();
+    long long const group_id = group.getId();
+    if (!isOfSystem(user_id) || !isOfSystem(group_id)) {
+        errno = EINVAL;
+        return -1;
+    }
+    return chown(path, static_cast<uid_t>(user_id), static_cast<gid_t>(group_id));
+}
+
+// The plain call of a 32-bit system fails where a count of blocks or files needs 64 bits; the other one has no such limit.
+#if __WORDSIZE == 32
+using FileSystemData = struct statvfs64;
+constexpr auto readFileSystemData = statvfs64;
+#else
+using FileSystemData = struct statvfs;
+constexpr auto readFileSystemData = statvfs;
+#endif
+
+} // namespace
+
+int FileSys::exists(char const* path, bool follow) {
+    struct stat info;
+    if ((follow ? stat(path, &info) : lstat(path, &info)) == 0) {
+        return 0;
+    }
+    return static_cast<int>(classify(SOURCE, EXISTS_ERRORS, errno, path));
+}
+
+bool FileSys::createDir(char const* path) {
+    return hasFailed(SOURCE, mkdir(path, S_IRWXU), CREATE_DIR_ERRORS, path);
+}
+
+bool FileSys::removeFile(char const* path) {
+    return hasFailed(SOURCE, unlink(path), REMOVE_FILE_ERRORS, path);
+}
+
+bool FileSys::removeDir(char const* path) {
+    return hasFailed(SOURCE, rmdir(path), REMOVE_DIR_ERRORS, path);
+}
+
+bool FileSys::move(char const* source, char const* destination) {
+    if (rename(source, destination) == 0) {
+        return false;
+    }
+    int const error = errno;
+    classify(SOURCE, MOVE_ERRORS, error, EitherPath(source, destination).get());
+    return true;
+}
+
+bool FileSys::currentWD(std::string& result) {
+    char directory[4096];
+    if (getcwd(directory, sizeof directory) == nullptr) {
+        classify(SOURCE, CURRENT_WD_ERRORS, errno);
+        return true;
+    }
+    result = directory;
+    return false;
+}
+
+bool FileSys::changeWD(char const* path) {
+    return hasFailed(SOURCE, chdir(path), CHANGE_WD_ERRORS, path);
+}
+
+std::list<std::string> FileSys::getEntryPoints() {
+    return {"/"};
+}
+
+void FileSys::getEntryPoints(std::list<UnicodeString>& result) {
+    result.clear();
+    result.emplace_back("/", 2U);
+}
+
+bool FileSys::maxComponentLength(char const* path, unsigned int& length) {
+    length = 0;
+    FileSystemData data;
+    // Interrupted, it begins anew: in a loop, since nothing limits how often that happens.
+    int const result = retryOnEintr([&] { return readFileSystemData(path, &data); });
+    if (hasFailed(SOURCE, result, MAX_COMPONENT_LENGTH_ERRORS, path)) {
+        return true;
+    }
+    length = static_cast<unsigned int>(data.f_namemax);
+    return false;
+}
+
+char const* FileSys::getTempPath() {
+    char const* const path = Environment::getVariable("TMPDIR");
+    return *path != '\0' ? path : "/tmp";
+}
+
+char const* FileSys::getHomePath() {
+    return Environment::getVariable("HOME");
+}
+
+bool FileSys::readLink(char const* path, char* buffer, unsigned int& size) {
+    // A size of 0 wraps around: the caller told nothing about the buffer.
+    ssize_t const count = readlink(path, buffer, size - 1);
+    if (count < 0) {
+        int const error = errno;
+        buffer[0] = '\0';
+        size = 0;
+        classify(SOURCE, READ_LINK_ERRORS, error, path);
+        return true;
+    }
+    buffer[count] = '\0';
+    size = static_cast<unsigned int>(count);
+    return false;
+}
+
+bool FileSys::createLink(char const* target, char const* link) {
+    return hasFailed(SOURCE, symlink(target, link), CREATE_LINK_ERRORS, link);
+}
+
+bool FileSys::changeAccess(char const* path, FileAccess const& access) {
+    int const result = retryOnEintr([&] { return chmod(path, access & FileAccess::mask); });
+    return hasFailed(SOURCE, result, CHANGE_ERRORS, path);
+}
+
+bool FileSys::changeOwnerGroup(UnicodeString const& path, User const& user, Group const& group) {
+    int const result = retryOnEintr([&] { return changeOwner(path.c_str(), user, group); });
+    return hasFailed(SOURCE, result, CHANGE_ERRORS, path.c_str());
+}
+
+} // namespace vesk

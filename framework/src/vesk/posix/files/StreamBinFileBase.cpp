@@ -1,0 +1,70 @@
+#include <vesk/StreamBinFileBase.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <unistd.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/StreamBinFileBase";
+
+constexpr ErrnoRow SEEK_ERRORS[] = {
+    {{EBADF, ESPIPE, EOVERFLOW}, {SysError, 10}},
+    {{EINVAL}, {SysError, 8}},
+    {OTHERS, {SysError, 19}},
+};
+
+int getWhence(StreamBinFileBase::SeekDirection direction) {
+    switch (direction) {
+    case StreamBinFileBase::Current:
+        return SEEK_CUR;
+    case StreamBinFileBase::Begin:
+        return SEEK_SET;
+    case StreamBinFileBase::End:
+        return SEEK_END;
+    }
+    std::GlobalErrorHandler::doAbort(
+        SOURCE, __LINE__, "seek", "BinFileBase::seek(): Invalid value for direction");
+    return SEEK_CUR;
+}
+
+} // namespace
+
+/// Reports a seek that failed with a number of the system. True.
+bool StreamBinFileBase::failSeek(int error) {
+    errno = error;
+    classify(SOURCE, SEEK_ERRORS, error);
+    m_had_error = true;
+    return true;
+}
+
+bool StreamBinFileBase::seek(int offset, SeekDirection direction, unsigned int& position) {
+    m_had_error = false;
+    position = 0;
+    if (!isValid()) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempt to seek on invalid file object");
+        m_had_error = true;
+        return true;
+    }
+    off_t const result = lseek(m_fd, offset, getWhence(direction));
+    if (result == -1) {
+        return failSeek(errno);
+    }
+    if (result != static_cast<int32_t>(result)) {
+        // Where positions are wider, the system has moved all the same, as it has where they are not.
+        return failSeek(EOVERFLOW);
+    }
+    position = static_cast<unsigned int>(result);
+    return false;
+}
+
+} // namespace vesk

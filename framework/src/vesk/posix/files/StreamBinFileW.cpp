@@ -1,0 +1,198 @@
+#include <vesk/StreamBinFileW.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+
+#include <vesk/SysError.h>
+#include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/StreamBinFileW";
+
+constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
+
+constexpr ErrnoRow WRITE_ERRORS[] = {
+    {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
+    {{EIO}, {SysError, 11}, {StreamError, 1}},
+    {{ENXIO}, {SysError, 16}, {StreamError, 0}},
+    {{EBADF, EINVAL, EPIPE, ERANGE, ENETDOWN, ENETUNREACH, ECONNRESET}, {SysError, 10}, {StreamError, 0}},
+    {{ENOMEM}, {SysError, 1}, {StreamError, 1}},
+    {{EACCES}, {SysError, 7}, {StreamError, 1}},
+    {{EFBIG},
+     {SysError, 8},
+     {StreamError, 1},
+     Outcome::FAILED,
+     "file-offset is too large or file is too big in general"},
+    {{ENOSPC}, {SysError, 15}, {StreamError, 1}},
+    {{ENOBUFS}, {SysError, 0}, {StreamError, 1}},
+    {OTHERS, {SysError, 19}, {StreamError, 1}},
+};
+
+constexpr ErrnoRow FLUSH_ERRORS[] = {
+    // What cannot be synchronised has nothing to flush.
+    {{EINVAL, ENOSYS}, NONE, NONE, Outcome::DONE},
+    {{EIO}, {SysError, 11}, {StreamError, 1}},
+    {{EBADF}, {SysError, 10}, {StreamError, 0}},
+    {OTHERS, {SysError, 19}, {StreamError, 4}},
+};
+
+} // namespace
+
+StreamBinFileW::~StreamBinFileW() {
+    if (m_fd == -1 || !isWriteBufferSound()) {
+        return;
+    }
+    CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
+    if (flushAndClose()) {
+        std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~StreamBinFileW", "Error closing BinFileW");
+        std::ErrorStorage::ack();
+    }
+}
+
+bool StreamBinFileW::isValid() const {
+    return m_fd != -1 && isWriteBufferSound();
+}
+
+/// What all forms of `open` have in common around the `open` of the base.
+template <typename Open>
+bool StreamBinFileW::openBy(Open open) {
+    if (!isWriteBufferSound()) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempted open on invalid object");
+        m_had_error = true;
+        return true;
+    }
+    bool const failed = open();
+    if (failed && m_fd != -1) {
+        return true; // The file before is still open.
+    }
+    m_pos = 0;
+    m_end = 0;
+    if (failed) {
+        return true;
+    }
+    m_blocking = !m_flags.has(NON_BLOCK);
+    return false;
+}
+
+bool StreamBinFileW::open(Pipe& pipe) {
+    if (openBy([&] { return BinFileBase::open(pipe, true); })) {
+        return true;
+    }
+    // Also where the pipe had no such end, and the flags are those of the file before.
+    m_blocking = true;
+    return false;
+}
+
+bool StreamBinFileW::open(char const* path, WriteFlags const& flags, FileAccess const& access) {
+    return openBy([&] { return BinFileBase::open(path, flags, access); });
+}
+
+bool StreamBinFileW::open(UnicodeString const& path, WriteFlags const& flags, FileAccess const& access) {
+    return open(path.c_str(), flags, access);
+}
+
+bool StreamBinFileW::openAt(
+    Directory const& dir, char const* name, bool follow, WriteFlags const& flags, FileAccess const& access) {
+    return openBy([&] { return BinFileBase::openAt(dir, name, follow, flags, access); });
+}
+
+bool StreamBinFileW::checkWriteBufferConsistency() {
+    m_had_error = false;
+    return false;
+}
+
+bool StreamBinFileW::performWrite(void const* buffer, unsigned int size, unsigned int& written) {
+    m_had_error = false;
+    written = 0;
+    if (!isValid()) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "attempted write on invalid file object");
+        report(SOURCE, Chain::ON_TOP, StreamError, 0);
+        m_had_error = true;
+        return true;
+    }
+    if (size == 0) {
+        return false;
+    }
+    ssize_t const count = retryOnEintr([&] { return ::write(m_fd, buffer, size); });
+    if (count >= 0) {
+        written = static_cast<unsigned int>(count);
+        return false;
+    }
+    if (classify(SOURCE, WRITE_ERRORS, errno) == Outcome::NOT_NOW) {
+        if (m_blocking) {
+            waitForRoom();
+        } else {
+            m_had_error = m_flushing;
+        }
+        return false;
+    }
+    m_had_error = true;
+    return true;
+}
+
+/// Waits until the descriptor takes data again: it may have been made non-blocking by another owner of the open file. A
+/// failure shows in the next `write`.
+void StreamBinFileW::waitForRoom() const {
+    pollfd entry{m_fd, POLLOUT, 0};
+    poll(&entry, 1, -1);
+}
+
+bool StreamBinFileW::performFlush() {
+    m_had_error = false;
+    if (!isValid()) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "attempted flush on invalid file object");
+        report(SOURCE, Chain::ON_TOP, StreamError, 0);
+        m_had_error = true;
+        return true;
+    }
+    if (retryOnEintr([&] { return fsync(m_fd); }) == 0) {
+        return false;
+    }
+    m_had_error = classify(SOURCE, FLUSH_ERRORS, errno) == Outcome::FAILED;
+    return m_had_error;
+}
+
+bool StreamBinFileW::passOnWritten() {
+    if (m_pos != m_end && flush(false)) {
+        if (m_pos != m_end) {
+            return true;
+        }
+        std::ErrorStorage::ack();
+    }
+    return false;
+}
+
+bool StreamBinFileW::flushAndClose() {
+    bool const flush_failed = flush(false);
+    bool const close_failed = BinFileBase::close();
+    m_had_error = m_had_error || flush_failed;
+    if (m_fd == -1) {
+        // What the file did not take is lost, and is not for the one that is opened next.
+        m_pos = 0;
+        m_end = 0;
+    }
+    return close_failed || flush_failed;
+}
+
+bool StreamBinFileW::close() {
+    m_had_error = false;
+    return isValid() && flushAndClose();
+}
+
+bool StreamBinFileW::seek(int offset, SeekDirection direction, unsigned int& position) {
+    return passOnWritten() || StreamBinFileBase::seek(offset, direction, position);
+}
+
+} // namespace vesk

@@ -1,0 +1,59 @@
+#include <vesk/FileAccessError.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+
+#include <vesk/SysError.h>
+
+#include <iterator>
+
+namespace vesk {
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/FileAccessError";
+
+constexpr std::ErrorID ROWS[] = {
+    {0, "Bad path '%s'", 1},
+    {1, "Path '%s' is not a directory", 1},
+    {2, "Path '%s' is a directory", 1},
+    {3, "Access to path '%s' denied", 1},
+    {4, "'%s' is already existing", 1},
+    {5, "Path '%s' is busy", 1},
+    {6, "Can't get file descriptor for path '%s'", 1},
+    {7, "Not enough space to create '%s'", 1},
+    {8, "Given device '%s' is not existing or not ready", 1},
+    {9, "Unclassified open/access error occured for path '%s'", 1},
+};
+
+} // namespace
+
+TARN_CONSTANT_INIT std::ErrorType const FileAccessError(ROWS, std::size(ROWS));
+TARN_CONSTANT_INIT std::ErrorType const& OpenError = FileAccessError;
+
+namespace {
+
+using namespace detail;
+
+constexpr ErrnoRow OPEN_ERRORS[] = {
+    {{EINTR}, NONE, NONE, Outcome::REPEAT},
+    {{EPERM, EACCES, EROFS}, {SysError, 7}, {FileAccessError, 3}},
+    {{ENOENT, ENOTDIR, EISDIR, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
+    {{ENXIO, ENODEV}, {SysError, 16}, {FileAccessError, 8}},
+    {{ENOMEM}, {SysError, 1}, {FileAccessError, 9}},
+    // Not row 12: what is in the way here counts as in use.
+    {{EEXIST}, {SysError, 13}, {FileAccessError, 4}},
+    {{ENFILE, EMFILE}, {SysError, 0}, {FileAccessError, 6}},
+    {{ETXTBSY}, {SysError, 13}, {FileAccessError, 5}},
+    {{EFBIG, EOVERFLOW}, {SysError, 19}, {FileAccessError, 9}},
+    {{ENOSPC}, {SysError, 15}, {FileAccessError, 7}},
+    // A number that no open should give is no unclassified failure but a broken invariant.
+    {OTHERS, {SysError, 10}, {FileAccessError, 9}},
+};
+
+} // namespace
+
+bool handleOpenError(int error_number, char const* path) {
+    return classify(SOURCE, OPEN_ERRORS, error_number, path) == Outcome::REPEAT;
+}
+
+} // namespace vesk

@@ -1,0 +1,34 @@
+#include "IPCRemoval.h"
+
+#include "vesk/posix/detail/ErrnoTable.h"
+
+#include <vesk/FileAccessError.h>
+#include <vesk/SysError.h>
+
+namespace vesk::detail {
+
+namespace {
+
+// A missing right is told for itself, and then as a removal that failed like any other.
+constexpr ErrnoRow DENIED_ERRORS[] = {
+    {{EACCES, EPERM}, {SysError, 7}, {FileAccessError, 3}},
+    {OTHERS, NONE, NONE, Outcome::DONE},
+};
+
+constexpr ErrnoRow ERRORS[] = {
+    {{ENOENT}, NONE, NONE, Outcome::DONE},
+    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
+};
+
+} // namespace
+
+bool classifyRemoval(Place place, int result, char const* name) noexcept {
+    if (result == 0) {
+        return false;
+    }
+    int const error = errno;
+    bool const denied = classify(place, DENIED_ERRORS, error, name) == Outcome::FAILED;
+    return classify(place, ERRORS, error, name, denied ? Chain::ON_TOP : Chain::NEW) == Outcome::FAILED;
+}
+
+} // namespace vesk::detail

@@ -1,0 +1,114 @@
+#include <vesk/MsgQueueServer.h>
+
+#include "IPCRemoval.h"
+#include "vesk/posix/detail/ErrnoTable.h"
+
+#include <vesk/FileAccessError.h>
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/CommonError.h>
+
+#include <fcntl.h>
+#include <iterator>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/MsgQueueServer";
+
+constexpr ErrnoRow CREATION_ERRORS[] = {
+    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
+    {{EEXIST}, {SysError, 12}, {FileAccessError, 4}},
+    {{EINVAL}, {SysError, 8}},
+    {{ENFILE, EMFILE}, {SysError, 0}},
+    {{ENOSPC}, {SysError, 15}, {FileAccessError, 7}},
+    {{ENAMETOOLONG}, {SysError, 4, Telling::NAME_AND_LENGTH}, {FileAccessError, 0}},
+    {OTHERS, {SysError, 19}}, // ENOENT too: who creates expects nothing to be there.
+};
+
+/// The flags of `mq_open` by the strategy.
+constexpr int FLAGS[] = {
+    O_CREAT | O_EXCL | O_RDWR,
+    O_CREAT | O_RDWR,
+    O_CREAT | O_EXCL | O_RDWR,
+};
+static_assert(Creatable::CREATE_NEW == 0 && Creatable::OPEN_OR_CREATE == 1 && Creatable::REPLACE == 2);
+
+/// Removes a name of the system. True on failure.
+bool removeName(char const* name) {
+    return classifyRemoval(SOURCE, mq_unlink(name), name);
+}
+
+} // namespace
+
+MsgQueueServer::~MsgQueueServer() = default;
+
+bool MsgQueueServer::create(
+    char const* client_name, unsigned int msg_size, unsigned int max_msgs,
+    Creatable::CreationStrategy const& strategy) {
+    if (isValid() && close()) {
+        return true;
+    }
+    if (transformToIPCIdentifier(client_name, name, sizeof name)) {
+        name[0] = '\0';
+        return true;
+    }
+    if (static_cast<unsigned int>(strategy) >= std::size(FLAGS)) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "Unsupported strategy passed");
+        name[0] = '\0';
+        return true;
+    }
+    if (open(FLAGS[strategy], msg_size, max_msgs, strategy == REPLACE)) {
+        // It may be the name of somebody else's queue.
+        name[0] = '\0';
+        return true;
+    }
+    return false;
+}
+
+bool MsgQueueServer::open(int flags, unsigned int msg_size, unsigned int max_msgs, bool replace) {
+    mq_attr attributes{};
+    attributes.mq_maxmsg = static_cast<long>(max_msgs);
+    attributes.mq_msgsize = static_cast<long>(msg_size);
+    for (;;) {
+        queue = retryOnEintr([&] { return mq_open(name, flags, 0600, &attributes); });
+        if (isValid()) {
+            return false;
+        }
+        int const error = errno;
+        classify(SOURCE, CREATION_ERRORS, error, name);
+        if (error != EEXIST || !replace) {
+            return true;
+        }
+        std::ErrorStorage::ack();
+        if (removeName(name)) {
+            return true;
+        }
+    }
+}
+
+bool MsgQueueServer::close() {
+    bool const kept = isUnlinkOnClose() && deleteName();
+    return MsgQueueBase::close() || kept;
+}
+
+bool MsgQueueServer::deleteName() {
+    if (name[0] == '\0') {
+        return false;
+    }
+    if (removeName(name)) {
+        return true;
+    }
+    name[0] = '\0';
+    return false;
+}
+
+bool MsgQueueServer::deleteName(char const* client_name) {
+    char system_name[IPC_NAME_SIZE];
+    return transformToIPCIdentifier(client_name, system_name, sizeof system_name) || removeName(system_name);
+}
+
+} // namespace vesk

@@ -1,0 +1,140 @@
+#include <vesk/SemaphoreBase.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/WallDeadline.h"
+
+#include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/SemaphoreBase";
+
+constexpr ErrnoRow CLOSE_ERRORS[] = {
+    {OTHERS, {SysError, 10}},
+};
+
+constexpr ErrnoRow TAKE_ERRORS[] = {
+    {OTHERS, {SysError, 10}},
+};
+
+constexpr ErrnoRow TRY_TAKE_ERRORS[] = {
+    {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
+    {OTHERS, {SysError, 10}},
+};
+
+constexpr ErrnoRow CLOCK_ERRORS[] = {
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow TIMED_TAKE_ERRORS[] = {
+    {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
+    {OTHERS, {SysError, 10}},
+};
+
+constexpr ErrnoRow RELEASE_ERRORS[] = {
+    {{EOVERFLOW}, {SysError, 0}},
+    {OTHERS, {SysError, 10}},
+};
+
+void reportMisuse(Place place, char const* text) noexcept {
+    report(place, Chain::NEW, std::CommonError, 1, text);
+}
+
+// The words in front are part of the texts as they are known, and they differ.
+constexpr char const* CLOSED = "__FUNCTION__ was called on invalid semaphore";
+constexpr char const* TIMED_ON_CLOSED = "__FUNTION__ was called on invalid semaphore";
+
+} // namespace
+
+SemaphoreBase::~SemaphoreBase() {
+    KeptErrorChain const kept_chain;
+    if (SemaphoreBase::close()) {
+        std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~SemaphoreBase", "error closing semaphore!");
+        std::ErrorStorage::ack();
+    }
+}
+
+bool SemaphoreBase::close() {
+    if (!isValid()) {
+        return false;
+    }
+    int const result = sem_close(getSemaphore());
+    setSemaphore(nullptr);
+    if (result != 0) {
+        classify(SOURCE, CLOSE_ERRORS, errno, nullptr, Chain::UNKNOWN);
+        return true;
+    }
+    return false;
+}
+
+/// Makes a call that waits until a signal does not interrupt it. True on failure; a semaphore that was closed meanwhile is
+/// none.
+template <typename Wait>
+bool SemaphoreBase::wait(Wait call) const {
+    while (sem_t* const opened = getSemaphore()) {
+        if (call(opened) == 0) {
+            return false;
+        }
+        if (errno != EINTR) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool SemaphoreBase::handleTakeError(sem_t const* opened) const {
+    if (opened == nullptr) {
+        reportMisuse(SOURCE, CLOSED);
+        return true;
+    }
+    if (errno != EINTR || wait([](sem_t* still_opened) { return sem_wait(still_opened); })) {
+        classify(SOURCE, TAKE_ERRORS, errno);
+        return true;
+    }
+    return false;
+}
+
+signed char SemaphoreBase::tryTake() const {
+    if (!isValid()) {
+        reportMisuse(SOURCE, CLOSED);
+        return -1;
+    }
+    if (wait([](sem_t* opened) { return sem_trywait(opened); })) {
+        return static_cast<signed char>(classify(SOURCE, TRY_TAKE_ERRORS, errno));
+    }
+    return 0;
+}
+
+signed char SemaphoreBase::tryTakeTimeout(long long const& ms) const {
+    if (!isValid()) {
+        reportMisuse(SOURCE, TIMED_ON_CLOSED);
+        return -1;
+    }
+    WallDeadline const deadline(ms);
+    if (!deadline.isValid()) {
+        return static_cast<signed char>(classify(SOURCE, CLOCK_ERRORS, errno));
+    }
+    if (wait([&](sem_t* opened) { return sem_timedwait(opened, deadline.get()); })) {
+        return static_cast<signed char>(classify(SOURCE, TIMED_TAKE_ERRORS, errno));
+    }
+    return 0;
+}
+
+bool SemaphoreBase::handleReleaseError(sem_t const* opened) const {
+    if (opened == nullptr) {
+        reportMisuse(SOURCE, CLOSED);
+    } else {
+        classify(SOURCE, RELEASE_ERRORS, errno);
+    }
+    return true;
+}
+
+} // namespace vesk

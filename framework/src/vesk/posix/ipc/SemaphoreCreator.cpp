@@ -1,0 +1,115 @@
+#include <vesk/SemaphoreCreator.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+
+#include <vesk/FileAccessError.h>
+#include <vesk/SysError.h>
+#include <vesk/common/KeptErrorChain.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <fcntl.h>
+#include <iterator>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/SemaphoreCreator";
+
+constexpr ErrnoRow CREATION_ERRORS[] = {
+    {{EINTR}, NONE, NONE, Outcome::REPEAT},
+    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
+    {{EEXIST}, {SysError, 12}, {FileAccessError, 4}},
+    {{EINVAL, ENAMETOOLONG}, {SysError, 2}, {FileAccessError, 0}},
+    {{ENFILE, EMFILE}, {SysError, 0}, {FileAccessError, 6}},
+    {{ENOSPC}, {SysError, 10}, {FileAccessError, 9}},
+    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
+};
+
+constexpr ErrnoRow REMOVAL_ERRORS[] = {
+    {{ENOENT}, NONE, NONE, Outcome::DONE},
+    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
+    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
+};
+
+/// The flags of `sem_open` by the strategy.
+constexpr int FLAGS[] = {
+    O_CREAT | O_EXCL,
+    O_CREAT,
+    O_CREAT | O_EXCL,
+};
+static_assert(Creatable::CREATE_NEW == 0 && Creatable::OPEN_OR_CREATE == 1 && Creatable::REPLACE == 2);
+
+/// Removes a name of the system. True on failure.
+bool removeName(char const* name) {
+    return sem_unlink(name) != 0 && classify(SOURCE, REMOVAL_ERRORS, errno, name) != Outcome::DONE;
+}
+
+} // namespace
+
+SemaphoreCreator::~SemaphoreCreator() {
+    KeptErrorChain const kept_chain;
+    if (SemaphoreCreator::close()) {
+        std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "~SemaphoreCreator", "error closing semaphore");
+        std::ErrorStorage::ack();
+    }
+}
+
+bool SemaphoreCreator::create(
+    char const* client_name, unsigned int value, Creatable::CreationStrategy strategy) {
+    if (isValid() && close()) {
+        return true;
+    }
+    if (transformToIPCIdentifier(client_name, name, sizeof name)) {
+        return true;
+    }
+    if (static_cast<unsigned int>(strategy) >= std::size(FLAGS)) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "Unsupported strategy passed");
+        return true;
+    }
+    for (;;) {
+        sem_t* const opened = sem_open(name, FLAGS[strategy], 0600, value);
+        if (opened != SEM_FAILED) {
+            setSemaphore(opened);
+            return false;
+        }
+        int const error = errno;
+        if (classify(SOURCE, CREATION_ERRORS, error, name) == Outcome::REPEAT) {
+            continue;
+        }
+        if (error != EEXIST || strategy != REPLACE) {
+            return true;
+        }
+        std::ErrorStorage::ack();
+        if (removeName(name)) {
+            return true;
+        }
+    }
+}
+
+bool SemaphoreCreator::close() {
+    bool const kept = isUnlinkOnClose() && deleteName();
+    return SemaphoreBase::close() || kept;
+}
+
+bool SemaphoreCreator::deleteName() {
+    if (!isValid() || name[0] == '\0') {
+        return false;
+    }
+    if (removeName(name)) {
+        return true;
+    }
+    name[0] = '\0';
+    return false;
+}
+
+bool SemaphoreCreator::deleteName(char const* client_name) {
+    char system_name[IPC_NAME_SIZE];
+    return transformToIPCIdentifier(client_name, system_name, sizeof system_name) || removeName(system_name);
+}
+
+} // namespace vesk

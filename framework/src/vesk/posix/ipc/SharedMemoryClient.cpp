@@ -1,0 +1,50 @@
+#include <vesk/SharedMemoryClient.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+
+#include <vesk/FileAccessError.h>
+#include <vesk/IPCIdentifier.h>
+#include <vesk/SysError.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/SharedMemoryClient";
+
+constexpr ErrnoRow ATTACH_ERRORS[] = {
+    {{ENOENT}, {SysError, 2}, {FileAccessError, 0}},
+    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
+    {{EINVAL, ENOTSUP}, {SysError, 6}},
+    {{ENFILE, EMFILE}, {SysError, 0}},
+    {{ENAMETOOLONG}, {SysError, 4, Telling::NAME_AND_LENGTH}, {FileAccessError, 0}},
+    {OTHERS, {SysError, 19}},
+};
+
+static_assert(O_RDONLY == 0 && O_RDWR == MemMapping::WRITE);
+
+} // namespace
+
+bool SharedMemoryClient::attach(char const* name, MemMapping::MemAccessFlags const& flags) {
+    if (isValid() && close()) {
+        return true;
+    }
+    char system_name[IPC_NAME_SIZE];
+    if (transformToIPCIdentifier(name, system_name, sizeof system_name)) {
+        return true;
+    }
+    int const direction = static_cast<int>(flags.getWord() & MemMapping::WRITE);
+    descriptor = retryOnEintr([&] { return shm_open(system_name, direction, 0); });
+    if (descriptor == -1) {
+        classify(SOURCE, ATTACH_ERRORS, errno, system_name);
+        return true;
+    }
+    return false;
+}
+
+} // namespace vesk

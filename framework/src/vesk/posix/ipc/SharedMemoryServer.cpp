@@ -1,0 +1,142 @@
+#include <vesk/SharedMemoryServer.h>
+
+#include "IPCRemoval.h"
+#include "vesk/posix/detail/ErrnoTable.h"
+
+#include <vesk/FileAccessError.h>
+#include <vesk/SysError.h>
+#include <vesk/common/CancellationOff.h>
+#include <vesk/common/KeptErrorChain.h>
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <cstdint>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/SharedMemoryServer";
+
+constexpr ErrnoRow CREATE_ERRORS[] = {
+    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
+    {{EEXIST}, {SysError, 12}, {FileAccessError, 4}},
+    {{EINVAL, ENOTSUP}, {SysError, 6}},
+    {{ENFILE, EMFILE}, {SysError, 0}},
+    {{ENOSPC}, {SysError, 15}, {FileAccessError, 7}},
+    {{EPIPE, ENOSYS}, {SysError, 16}},
+    {{ENAMETOOLONG}, {SysError, 4, Telling::NAME_AND_LENGTH}, {FileAccessError, 0}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow SIZE_ERRORS[] = {
+    {{EINVAL, EFBIG}, {SysError, 8}},
+    {OTHERS, {SysError, 10}},
+};
+
+int flagsOf(Creatable::CreationStrategy strategy) noexcept {
+    switch (strategy) {
+    case Creatable::CREATE_NEW:
+    case Creatable::REPLACE:
+        return O_CREAT | O_EXCL | O_RDWR;
+    case Creatable::TRUNCATE:
+        return O_CREAT | O_TRUNC | O_RDWR;
+    case Creatable::OPEN_OR_CREATE:
+        break;
+    }
+    return O_CREAT | O_RDWR;
+}
+
+/// Removes a name of the system. True on failure.
+bool removeName(char const* name) {
+    return classifyRemoval(SOURCE, shm_unlink(name), name);
+}
+
+} // namespace
+
+SharedMemoryServer::~SharedMemoryServer() {
+    CancellationOff const cancellation_off;
+    KeptErrorChain const kept_chain;
+    if (isValid() && SharedMemoryServer::close()) {
+        std::GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "~SharedMemoryServer", "Error closing SharedMemory");
+        std::ErrorStorage::ack();
+    }
+}
+
+bool SharedMemoryServer::close() {
+    bool const unlinking_failed = isUnlinkOnClose() && deleteName();
+    bool const closing_failed = SharedMemoryBase::close();
+    return unlinking_failed || closing_failed;
+}
+
+bool SharedMemoryServer::create(
+    char const* client_name, unsigned int size, CreationStrategy const& strategy) {
+    if (isValid() && close()) {
+        return true;
+    }
+    if (transformToIPCIdentifier(client_name, name, sizeof name) || openObject(strategy)) {
+        *name = '\0'; // It may be the name of somebody else's memory.
+        return true;
+    }
+    if (strategy == OPEN_OR_CREATE && getSize() != 0) {
+        return false;
+    }
+    return setSize(size);
+}
+
+bool SharedMemoryServer::openObject(CreationStrategy strategy) {
+    int const flags = flagsOf(strategy);
+    for (;;) {
+        descriptor = retryOnEintr([&] { return shm_open(name, flags, 0600); });
+        if (descriptor != -1) {
+            return false;
+        }
+        int const error = errno;
+        classify(SOURCE, CREATE_ERRORS, error, name);
+        if (error != EEXIST || strategy != REPLACE) {
+            return true;
+        }
+        std::ErrorStorage::ack();
+        if (removeName(name)) {
+            return true;
+        }
+    }
+}
+
+bool SharedMemoryServer::setSize(unsigned int size) {
+    // A size is 32 bits with a sign in every build: one that is too large is negative, which the system refuses.
+    auto const length = static_cast<int32_t>(size);
+    if (retryOnEintr([&] { return ftruncate(descriptor, length); }) == 0) {
+        return false;
+    }
+    classify(SOURCE, SIZE_ERRORS, errno);
+    if (close()) {
+        std::GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "create", "shm_open() okay, ftruncate() failed, close() failed!");
+    }
+    return true;
+}
+
+bool SharedMemoryServer::deleteName() {
+    if (*name == '\0') {
+        return false;
+    }
+    if (removeName(name)) {
+        return true;
+    }
+    *name = '\0';
+    return false;
+}
+
+bool SharedMemoryServer::deleteName(char const* client_name) {
+    char system_name[IPC_NAME_SIZE];
+    return transformToIPCIdentifier(client_name, system_name, sizeof system_name) || removeName(system_name);
+}
+
+} // namespace vesk

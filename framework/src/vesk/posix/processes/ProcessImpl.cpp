@@ -1,0 +1,298 @@
+#include "ProcessImpl.h"
+
+#include "vesk/common/Report.h"
+#include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/SignalsBlocked.h"
+#include "vesk/posix/detail/SystemErrorText.h"
+
+#include <vesk/AbsTime.h>
+#include <vesk/Vesk.h>
+#include <vesk/common/AbortingLock.h>
+
+#include <tarncommon/Export.h>
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+#include <tarncommon/tarnbase/TimePoint.h>
+
+#include <algorithm>
+#include <csignal>
+#include <new>
+#include <sys/wait.h>
+
+namespace vesk {
+
+using namespace detail;
+using std::GlobalErrorHandler;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/ProcessImpl";
+
+// How long the collector keeps from waiting again for children after a wait that has failed.
+constexpr long long WAIT_AGAIN_MS = 100;
+
+void lockOrAbort(Mutex const& mutex, char const* function, int line = __builtin_LINE()) {
+    if (mutex.lock()) {
+        GlobalErrorHandler::doAbort(SOURCE, line, function, "error locking");
+    }
+}
+
+void unlockOrAbort(Mutex const& mutex, char const* function, int line = __builtin_LINE()) {
+    if (mutex.unlock()) {
+        GlobalErrorHandler::doAbort(SOURCE, line, function, "error unlocking");
+    }
+}
+
+void assertThat(bool condition, char const* expression, char const* function, int line = __builtin_LINE()) {
+    GlobalErrorHandler::doAssert(condition, expression, SOURCE, line, function, nullptr);
+}
+
+/// Waits for the end of children. With `WNOWAIT` they stay to be fetched, and keep their ids until they are.
+int waitForEnd(idtype_t type, int pid, siginfo_t& info, int options) noexcept {
+    return retryOnEintr([&] { return waitid(type, static_cast<id_t>(pid), &info, WEXITED | options); });
+}
+
+/// Fetches the end of a child that has ended. Never blocks: others may have been faster, and the id may be another child's.
+void reap(int pid) noexcept {
+    siginfo_t info{};
+    waitForEnd(P_PID, pid, info, WNOHANG);
+}
+
+/// Gives an ignored `SIGCHLD` its default action, and takes `SA_NOCLDWAIT` back: with either the system throws away how
+/// children end. A program that was executed inherits the former.
+void keepEndsOfChildren() noexcept {
+    struct sigaction action {};
+    if (sigaction(SIGCHLD, nullptr, &action) != 0) {
+        return;
+    }
+    if (action.sa_handler == SIG_IGN) {
+        action = {};
+        action.sa_handler = SIG_DFL;
+    } else if ((action.sa_flags & SA_NOCLDWAIT) != 0) {
+        action.sa_flags &= ~SA_NOCLDWAIT;
+    } else {
+        return;
+    }
+    sigaction(SIGCHLD, &action, nullptr);
+}
+
+} // namespace
+
+TARN_CONSTANT_INIT ProcessImpl* g_process_impl = nullptr;
+TARN_CONSTANT_INIT ProcessStaticImpl* g_process_static_impl = nullptr;
+TARN_CONSTANT_INIT LazyProcessInit* g_lazy_process_init = nullptr;
+TARN_CONSTANT_INIT LazyProcessStaticInit* g_lazy_process_static_init = nullptr;
+
+// ---- the collector ----
+
+ProcessImpl::ProcessImpl() : thread(threadEntry, nullptr, "vesk::ProcessCollector") {}
+
+ProcessImpl::~ProcessImpl() {
+    assertThat(!collector_running, "!collector_running", "~ProcessImpl");
+    assertThat(proc_obj_map.empty(), "proc_obj_map.empty()", "~ProcessImpl");
+}
+
+void ProcessImpl::threadEntry(void*) {
+    assertThat(g_process_impl != nullptr, "g_process_impl", "threadEntry");
+    g_process_impl->processCollector();
+}
+
+/// Children come before the end: whoever started one gets to know how it ended.
+void ProcessImpl::processCollector() {
+    lockOrAbort(mutex, "processCollector");
+    for (;;) {
+        while (!proc_obj_map.empty()) {
+            unlockOrAbort(mutex, "processCollector");
+            waitChild();
+        }
+        if (!collector_running) {
+            unlockOrAbort(mutex, "processCollector");
+            return;
+        }
+        if (condition.wait(mutex)) {
+            GlobalErrorHandler::doAbort(SOURCE, __LINE__, "processCollector", "error waiting on condition");
+        }
+    }
+}
+
+/// Waits for the end of one child, of any origin, and hands it over. Returns with the mutex locked.
+void ProcessImpl::waitChild() {
+    siginfo_t info{};
+    // Only looked at: once fetched its id could be given to the next child before its own entry is gone.
+    if (waitForEnd(P_ALL, 0, info, WNOWAIT) != 0) {
+        handleWaitFailure(errno);
+        return;
+    }
+    m_wait_failed = false;
+    int const pid = info.si_pid;
+
+    // A child that has ended at once is found all the same: its start holds the lock until it is entered.
+    lockOrAbort(mutex, "waitChild");
+    auto const child = proc_obj_map.find(pid);
+    if (child == proc_obj_map.end()) {
+        reap(pid);
+        GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "waitChild",
+            "%s: : got notification about exit of an unknown child process exit. PID = \"%d\", was_killed = "
+            "%d. "
+            "If you intentionally created a child process outside of VESK then this is expected. Otherwise a "
+            "programming error might be involved.",
+            "waitChild", pid, info.si_code != CLD_EXITED ? 1 : 0);
+        return;
+    }
+    siginfo_t now{};
+    if (waitForEnd(P_PID, pid, now, WNOWAIT | WNOHANG) == 0) {
+        if (now.si_pid == 0) {
+            return; // An unknown child had this id, its maker has fetched it meanwhile, and the entry's child runs.
+        }
+        info = now;
+    }
+    ProcessTNG* const process = child->second;
+    proc_obj_map.erase(child);
+    // An object's mutex is taken before this one, never after it.
+    unlockOrAbort(mutex, "waitChild");
+    ProcessTNG::processExited(process, info.si_code != CLD_EXITED, info.si_status);
+    lockOrAbort(mutex, "waitChild");
+}
+
+/// Goes on behind a wait that has failed, which it mostly does because there is no child left although there are entries:
+/// the process ignores `SIGCHLD`, or something else has fetched them. Returns with the mutex locked.
+void ProcessImpl::handleWaitFailure(int error) {
+    if (!m_wait_failed) {
+        m_wait_failed = true;
+        GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "waitChild", "error waiting for the end of children: %s",
+            SystemErrorText(error).get());
+    }
+    lockOrAbort(mutex, "waitChild");
+    auto const child = std::find_if(proc_obj_map.begin(), proc_obj_map.end(), [](auto const& entry) {
+        return kill(entry.first, 0) != 0 && errno == ESRCH;
+    });
+    if (child == proc_obj_map.end()) {
+        AbsTimeT const again(tarnbase::TimePoint::now().getCount() + WAIT_AGAIN_MS);
+        if (condition.waitTimeout(mutex, again) < 0) {
+            GlobalErrorHandler::doAbort(SOURCE, __LINE__, "waitChild", "error waiting on condition");
+        }
+        return;
+    }
+    ProcessTNG* const process = child->second;
+    proc_obj_map.erase(child);
+    unlockOrAbort(mutex, "waitChild");
+    ProcessTNG::processExited(process, false, ProcessTNG::ExitState().status);
+    lockOrAbort(mutex, "waitChild");
+}
+
+void ProcessImpl::stop() {
+    lockOrAbort(mutex, "exit");
+    collector_running = false;
+    if (condition.signal()) {
+        GlobalErrorHandler::doAbort(SOURCE, __LINE__, "exit", "error signaling condition");
+    }
+    unlockOrAbort(mutex, "exit");
+    if (thread.join()) {
+        GlobalErrorHandler::doAbort(SOURCE, __LINE__, "exit", "error joining");
+    }
+}
+
+/// Fetches the child under the object's lock: until it is fetched its id is given to no other process, and `kill` finds
+/// none in the object from then on. Tells a waiter first, then the listener: with the listener and the state kept here,
+/// since a waiter may destroy the object at once.
+void ProcessTNG::processExited(ProcessTNG* process, bool was_killed, int exit_status) {
+    ExitState state;
+    state.exited = true;
+    state.killed = was_killed;
+    state.status = exit_status;
+    state.process = process;
+    ExitListener* listener = nullptr;
+    {
+        AbortingLock<Mutex const> const lock(process->mutex, SOURCE, "processExited");
+        if (process->pid != INVALID_PROCESS_ID) {
+            reap(process->pid);
+        }
+        listener = process->exit_listener;
+        process->m_last_state = state;
+        process->last_pid = process->pid;
+        process->pid = INVALID_PROCESS_ID;
+        if (process->exit_condition.signal()) {
+            GlobalErrorHandler::doAbort(SOURCE, __LINE__, "processExited", "error signaling condition");
+        }
+    }
+    if (listener != nullptr) {
+        listener->processExited(&state);
+    }
+}
+
+// ---- set-up and end ----
+
+bool LazyProcessInit::doInit() {
+    assertThat(g_process_impl == nullptr, "! g_process_impl", "doInit");
+    keepEndsOfChildren();
+    {
+        // The collector's thread inherits it: signals of the process are left to the process's own threads.
+        SignalsBlocked const signals_blocked;
+        g_process_impl = new (std::nothrow) ProcessImpl;
+    }
+    if (g_process_impl == nullptr) {
+        report(SOURCE, Chain::NEW, std::CommonError, 0);
+        return true;
+    }
+    Thread& thread = g_process_impl->thread;
+    if (!thread.isValid()) {
+        std::ErrorStorage::ack();
+        report(SOURCE, Chain::NEW, Vesk::Error, 0, "process impl. object is invalid");
+    } else if (!thread.start()) {
+        return false;
+    } else if (thread.getThreadState() != Thread::CREATED) {
+        return true; // It could not be told so, but it runs.
+    }
+    // Nobody would ever be told of the end of a child: rather fail each start.
+    g_process_impl->collector_running = false;
+    delete g_process_impl;
+    g_process_impl = nullptr;
+    return true;
+}
+
+bool LazyProcessStaticInit::doInit() {
+    assertThat(g_process_static_impl == nullptr, "! g_process_static_impl", "doInit");
+    g_process_static_impl = new (std::nothrow) ProcessStaticImpl;
+    if (g_process_static_impl == nullptr) {
+        report(SOURCE, Chain::NEW, std::CommonError, 0);
+        return true;
+    }
+    if (g_process_static_impl->lock.isValid()) {
+        return false;
+    }
+    std::ErrorStorage::ack();
+    report(SOURCE, Chain::NEW, Vesk::Error, 0, "process static impl. object is invalid");
+    delete g_process_static_impl;
+    g_process_static_impl = nullptr;
+    return true;
+}
+
+bool ProcessTNG::init(bool lazy) {
+    assertThat(g_lazy_process_init == nullptr, "!g_lazy_process_init", "init");
+    g_lazy_process_init = new LazyProcessInit;
+    assertThat(g_lazy_process_static_init == nullptr, "!g_lazy_process_static_init", "init");
+    g_lazy_process_static_init = new LazyProcessStaticInit;
+    return !lazy &&
+        (g_lazy_process_init->checkInit(nullptr) || g_lazy_process_static_init->checkInit(nullptr));
+}
+
+void ProcessTNG::exit() {
+    delete g_lazy_process_init;
+    g_lazy_process_init = nullptr;
+    delete g_lazy_process_static_init;
+    g_lazy_process_static_init = nullptr;
+    // Its lock warns and acknowledges by itself if it cannot be destroyed.
+    delete g_process_static_impl;
+    g_process_static_impl = nullptr;
+    if (g_process_impl == nullptr) {
+        return;
+    }
+    g_process_impl->stop();
+    delete g_process_impl;
+    g_process_impl = nullptr;
+}
+
+} // namespace vesk

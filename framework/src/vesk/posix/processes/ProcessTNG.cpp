@@ -1,0 +1,330 @@
+#include <vesk/ProcessTNG.h>
+
+#include "ProcessImpl.h"
+#include "vesk/common/Report.h"
+#include <vesk/common/CancellationOff.h>
+
+#include <vesk/AbsTime.h>
+#include <vesk/FileAccess.h>
+#include <vesk/FileAccessError.h>
+#include <vesk/FileInfo.h>
+#include <vesk/SysError.h>
+#include <vesk/Vesk.h>
+#include <vesk/common/AbortingLock.h>
+
+#include <tarncommon/Export.h>
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+#include <tarncommon/tarnbase/TimePoint.h>
+#include <tarncommon/tracing/Channel.h>
+
+#include <iterator>
+
+namespace vesk {
+
+using namespace detail;
+using std::GlobalErrorHandler;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/ProcessTNG";
+
+constexpr std::ErrorID ROWS[] = {
+    {0, "Failed to start child process: %s", 1}, {1, "Failed to create process object: %s", 1},
+    {2, "Failed to kill child process: %s", 1},  {3, "Failed to wait for child process: %s", 1},
+    {4, "Process could not be found: %s", 1},
+};
+
+// There to be found by its name; nothing is traced now.
+tracing::Channel s_channel("FW_Vesk_Process", 7, tracing::Channel::WITH_THREAD);
+
+using InternalLock = AbortingLock<Mutex const>;
+
+void unlockOrAbort(Mutex const& mutex, char const* function, int line = __builtin_LINE()) {
+    if (mutex.unlock()) {
+        GlobalErrorHandler::doAbort(SOURCE, line, function, "error unlocking");
+    }
+}
+
+/// The moment `timeout_ms` from now. One that is too late for a number of milliseconds never comes.
+AbsTimeT getDeadline(long long timeout_ms) noexcept {
+    long long deadline_ms = 0;
+    if (__builtin_add_overflow(tarnbase::TimePoint::now().getCount(), timeout_ms, &deadline_ms)) {
+        return AbsTimeT(tarnbase::TimePoint::MAX.getCount());
+    }
+    return AbsTimeT(deadline_ms);
+}
+
+} // namespace
+
+TARN_CONSTANT_INIT std::ErrorType const ProcessTNG::Error(ROWS, std::size(ROWS), SysError);
+TARN_CONSTANT_INIT char const* const ProcessTNG::ExecutableSuffix = "";
+
+// ---- the object ----
+
+ProcessTNG::ProcessTNG() {
+    init();
+}
+
+ProcessTNG::ProcessTNG(std::string const& path) : ProcessTNG() {
+    setExecutable(path);
+}
+
+ProcessTNG::ProcessTNG(std::string const& path, std::vector<std::string> const& argument_list)
+    : ProcessTNG(path) {
+    setArguments(argument_list);
+}
+
+ProcessTNG::~ProcessTNG() {
+    CancellationOff const cancellation_off;
+    InternalLock const lock(mutex, SOURCE, "~ProcessTNG");
+    while (pid != INVALID_PROCESS_ID) {
+        if (exit_condition.wait(mutex)) {
+            GlobalErrorHandler::doAbort(SOURCE, __LINE__, "~ProcessTNG", "error waiting on condition");
+        }
+    }
+}
+
+void ProcessTNG::init() {
+    bool failed = true;
+    if (g_lazy_process_init != nullptr) {
+        failed = g_lazy_process_init->checkInit(nullptr);
+    } else {
+        report(SOURCE, Chain::NEW, Vesk::Error, 0, "process impl. object is invalid");
+    }
+    change("init", [this, failed] {
+        invalid = failed;
+        priority_value = NO_PRIORITY;
+        stdout_null = false;
+        stderr_null = false;
+        stdout_append = false;
+        stderr_append = false;
+        new_group = false;
+    });
+}
+
+bool ProcessTNG::isValid() const {
+    InternalLock const lock(mutex, SOURCE, "isValid");
+    return !invalid;
+}
+
+int ProcessTNG::getPid() const {
+    InternalLock const lock(mutex, SOURCE, "getPid");
+    return pid;
+}
+
+int ProcessTNG::getLastPid() const {
+    InternalLock const lock(mutex, SOURCE, "getLastPid");
+    return last_pid;
+}
+
+// ---- what the next child is to be ----
+
+/// Changes what a start reads.
+template <typename Change>
+void ProcessTNG::change(char const* function, Change make) {
+    InternalLock const lock(mutex, SOURCE, function);
+    make();
+}
+
+bool ProcessTNG::setExecutable(std::string const& path) {
+    FileInfo const info(path, true);
+    bool failed = !info.isValid();
+    if (!failed && (info.getAccess() & FileAccess::owner_exec) == FileAccess::none) {
+        report(SOURCE, Chain::NEW, FileAccessError, 0, path.c_str());
+        failed = true;
+    }
+    change("setExecutable", [&] {
+        executable = path;
+        invalid = invalid || failed;
+    });
+    return failed;
+}
+
+void ProcessTNG::setArguments(std::vector<std::string> const& argument_list) {
+    change("setArguments", [&] { arguments = argument_list; });
+}
+
+void ProcessTNG::setEnvironment(std::vector<std::pair<std::string, std::string>> const& variables) {
+    change("setEnvironment", [&] { environment = variables; });
+}
+
+void ProcessTNG::setStdoutFile(std::string const& path, bool append) {
+    change("setStdoutFile", [&] {
+        stdout_file = path;
+        stdout_append = append;
+    });
+}
+
+void ProcessTNG::setStderrFile(std::string const& path, bool append) {
+    change("setStderrFile", [&] {
+        stderr_file = path;
+        stderr_append = append;
+    });
+}
+
+void ProcessTNG::setStdinFile(std::string const& path) {
+    change("setStdinFile", [&] { stdin_file = path; });
+}
+
+void ProcessTNG::setStdoutFd(int fd) {
+    change("setStdoutFd", [&] { stdout_fd = fd; });
+}
+
+void ProcessTNG::setStderrFd(int fd) {
+    change("setStderrFd", [&] { stderr_fd = fd; });
+}
+
+void ProcessTNG::setStdinFd(int fd) {
+    change("setStdinFd", [&] { stdin_fd = fd; });
+}
+
+void ProcessTNG::setStdoutNull(bool use_null) {
+    change("setStdoutNull", [&] { stdout_null = use_null; });
+}
+
+void ProcessTNG::setStderrNull(bool use_null) {
+    change("setStderrNull", [&] { stderr_null = use_null; });
+}
+
+void ProcessTNG::setNewGroup(bool use_new_group) {
+    change("setNewGroup", [&] { new_group = use_new_group; });
+}
+
+bool ProcessTNG::setPriority(bool use_default, int priority) {
+    change("setPriority", [&] {
+        priority_value = use_default ? NO_PRIORITY : priority;
+        sched_attrs.policy = use_default ? sched::VESK_SCHED_NOOP : sched::VESK_SCHED_POLICY_KEEP;
+    });
+    return false;
+}
+
+bool ProcessTNG::setSchedAttrs(sched::Attr const& attrs) {
+    change("setSchedAttrs", [&] { sched_attrs = attrs; });
+    return false;
+}
+
+void ProcessTNG::setAffinity(std::vector<bool> const& processors) {
+    change("setAffinity", [&] { affinity = processors; });
+}
+
+void ProcessTNG::setExitListener(ExitListener* listener) {
+    change("setExitListener", [&] { exit_listener = listener; });
+}
+
+// ---- the life of a child ----
+
+int ProcessTNG::start() {
+    // A cancellation must neither leave the locks behind nor take place once more in the child.
+    CancellationOff const cancellation_off;
+    // Allocated while nothing is held and nothing has been started yet.
+    ProcessImpl::Children entry{{INVALID_PROCESS_ID, this}};
+
+    if (mutex.lock()) {
+        report(SOURCE, Chain::ON_TOP, Error, 0, "locking operation failed");
+        return INVALID_PROCESS_ID;
+    }
+    if (pid != INVALID_PROCESS_ID) {
+        unlockOrAbort(mutex, "start");
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "There is already a child running.");
+        return INVALID_PROCESS_ID;
+    }
+    m_last_state = ExitState();
+
+    ProcessImpl* const impl = g_process_impl;
+    GlobalErrorHandler::doAssert(impl != nullptr, "g_process_impl", SOURCE, __LINE__, "start", nullptr);
+    if (impl == nullptr) {
+        unlockOrAbort(mutex, "start");
+        report(SOURCE, Chain::NEW, Vesk::Error, 0, "process impl. object is invalid");
+        report(SOURCE, Chain::ON_TOP, Error, 0, "locking operation failed");
+        return INVALID_PROCESS_ID;
+    }
+    if (impl->mutex.lock()) {
+        // The object stays locked, on purpose: nothing good can come of using it any more.
+        report(SOURCE, Chain::ON_TOP, Error, 0, "locking operation failed");
+        return INVALID_PROCESS_ID;
+    }
+    // The collector's lock is held from before the fork until the child is entered: it may have ended by then.
+    if (startChild()) {
+        unlockOrAbort(mutex, "start");
+        unlockOrAbort(impl->mutex, "start");
+        return INVALID_PROCESS_ID;
+    }
+    auto node = entry.extract(INVALID_PROCESS_ID);
+    node.key() = pid;
+    auto const entered = impl->proc_obj_map.insert(std::move(node));
+    GlobalErrorHandler::doAssert(entered.inserted, "entered.inserted", SOURCE, __LINE__, "start", nullptr);
+    // An entry of this id is left of a child whose end something else has fetched: it never comes.
+    entered.position->second = this;
+    if (impl->condition.signal()) {
+        GlobalErrorHandler::doAbort(SOURCE, __LINE__, "start", "error signaling condition");
+    }
+    unlockOrAbort(impl->mutex, "start");
+    int const started = pid;
+    unlockOrAbort(mutex, "start");
+    return started;
+}
+
+bool ProcessTNG::wait(ExitState& state, bool timed, long long timeout) {
+    MutexLock lock(mutex);
+    if (!lock.isLocked()) {
+        report(SOURCE, Chain::ON_TOP, Error, 3, "locking operation failed");
+        return true;
+    }
+    if (pid == INVALID_PROCESS_ID && !m_last_state.hasExited()) {
+        lock.unlock();
+        report(
+            SOURCE, Chain::NEW, std::CommonError, 1, "no child process running, no child exit states left");
+        return true;
+    }
+    state = ExitState();
+    state.process = this;
+    AbsTimeT const deadline = timed ? getDeadline(timeout) : AbsTimeT();
+    while (pid != INVALID_PROCESS_ID) {
+        int const result = timed         ? exit_condition.waitTimeout(mutex, deadline)
+            : exit_condition.wait(mutex) ? -1
+                                         : 0;
+        if (result < 0) {
+            report(SOURCE, Chain::ON_TOP, Error, 3, "wait for process exit signal failed");
+            return true;
+        }
+        if (result > 0) {
+            return false;
+        }
+    }
+    GlobalErrorHandler::doAssert(
+        m_last_state.hasExited(), "m_last_state.hasExited()", SOURCE, __LINE__, "wait", nullptr);
+    state = m_last_state;
+    m_last_state = ExitState();
+    last_pid = INVALID_PROCESS_ID;
+    if (lock.unlock()) {
+        report(SOURCE, Chain::ON_TOP, Error, 3, "unlocking operation failed");
+        return true;
+    }
+    return false;
+}
+
+bool ProcessTNG::kill(bool graceful) {
+    MutexLock lock(mutex);
+    if (!lock.isLocked()) {
+        report(SOURCE, Chain::ON_TOP, Error, 2, "locking operation failed");
+        return true;
+    }
+    if (pid == INVALID_PROCESS_ID) {
+        return false;
+    }
+    bool failed = killProcess(in_new_group ? -pid : pid, graceful);
+    if (failed && std::ErrorStorage::isA(Error) && std::ErrorStorage::id() == 4) {
+        // Gone just now, before the collector could tell.
+        std::ErrorStorage::ack();
+        failed = false;
+    }
+    if (lock.unlock()) {
+        report(SOURCE, Chain::ON_TOP, Error, 2, "unlocking operation failed");
+        return true;
+    }
+    return failed;
+}
+
+} // namespace vesk

@@ -1,0 +1,435 @@
+#include <vesk/ProcessTNG.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/SignalsBlocked.h"
+#include "vesk/posix/detail/SystemErrorText.h"
+#include "vesk/posix/threads/ThreadSched.h"
+
+#include <vesk/FileAccessError.h>
+#include <vesk/SysError.h>
+#include <vesk/Vesk.h>
+
+#include <tarncommon/error/ErrorStorage.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <algorithm>
+#include <charconv>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sched.h>
+#include <unistd.h>
+
+// Between fork and exec the child has one thread and a copy of all memory. A lock that another thread of the process held
+// at the moment of the fork stays locked there: libc resets those of the heap and of its streams, but not the one of the
+// locale, which `strerror` takes, nor those of other libraries. Therefore the child makes async-signal-safe calls alone.
+// Memory that it needs is allocated before the fork, and its texts are put together on its stack.
+
+namespace vesk {
+
+using namespace detail;
+using std::GlobalErrorHandler;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/ProcessTNG_fork";
+
+constexpr ErrnoRow FORK_ERRORS[] = {
+    {{EAGAIN}, {SysError, 0}},
+    {{ENOMEM}, {SysError, 1}},
+    {OTHERS, {ProcessTNG::Error, 0}},
+};
+
+static_assert((O_WRONLY | O_CREAT | O_APPEND) == 0x441 && (O_WRONLY | O_CREAT | O_TRUNC) == 0x241);
+
+// The system's set has a fixed size, whatever the machine has.
+static_assert(sizeof(cpu_set_t) == 128 && CPU_SETSIZE == 1024);
+
+/// Runs an allocation until it succeeds.
+template <typename Allocate>
+auto insist(Allocate allocate, char const* function) noexcept {
+    for (;;) {
+        if (auto const memory = allocate()) {
+            return memory;
+        }
+        GlobalErrorHandler::doOutOfMem(SOURCE, __LINE__, function, "native arguments vector");
+    }
+}
+
+// ---- scheduling: the number of the failure, 0 for success ----
+
+int setPolicy(int policy, int priority) noexcept {
+    sched_param param{};
+    param.sched_priority = priority;
+    return sched_setscheduler(0, policy, &param) == 0 ? 0 : errno;
+}
+
+int setTimeSharing(int nice) noexcept {
+    int const error = setPolicy(SCHED_OTHER, 0);
+    return error != 0 ? error : setNice(0, nice);
+}
+
+int keepPolicy(int current, sched::Param const& param) noexcept {
+    return current == SCHED_OTHER ? setNice(0, param.nice) : setPolicy(current, param.priority);
+}
+
+int keepPolicy(int current, sched::Param const& param, int priority) noexcept {
+    switch (current) {
+    case SCHED_FIFO:
+    case SCHED_RR:
+        return setPolicy(current, priority);
+    case SCHED_OTHER:
+        return setTimeSharing(priority);
+    default:
+        return keepPolicy(current, param);
+    }
+}
+
+// ---- what the child writes ----
+
+/// One line on standard error, collected on the stack. It is written in one piece, so that it does not mix with other
+/// lines; one that is longer than what the system writes to a pipe in one piece follows in several.
+class ErrorLine : private tarnbase::NonCopyable {
+public:
+    ~ErrorLine() { flush(); }
+
+    ErrorLine& put(char const* text) noexcept {
+        for (; *text != '\0'; ++text) {
+            if (m_length == sizeof m_text) {
+                flush();
+            }
+            m_text[m_length++] = *text;
+        }
+        return *this;
+    }
+
+    ErrorLine& put(int number) noexcept {
+        char digits[16]{};
+        std::to_chars(digits, digits + sizeof digits - 1, number);
+        return put(digits);
+    }
+
+    /// Puts the system's text for an error number.
+    ErrorLine& putError(int error) noexcept {
+        char const* const text = getErrorDescription(error);
+        return text != nullptr ? put(text) : put("Unknown error ").put(error);
+    }
+
+private:
+    /// Failures have nowhere to go.
+    void flush() noexcept {
+        char const* at = m_text;
+        while (m_length > 0) {
+            ssize_t const done = retryOnEintr([&] { return write(STDERR_FILENO, at, m_length); });
+            if (done <= 0) {
+                break;
+            }
+            at += done;
+            m_length -= static_cast<size_t>(done);
+        }
+        m_length = 0;
+    }
+
+    char m_text[PIPE_BUF];
+    size_t m_length = 0;
+};
+
+// ---- redirection ----
+
+/// The names in the lines about one redirection. Which of the two is the program and which the stream differs from stream
+/// to stream, and those who read these lines know them that way.
+struct Names {
+    char const* first;
+    char const* second;
+    int own_pid;
+};
+
+void tellOpen(Names const& names, char const* path, int error) noexcept {
+    ErrorLine line;
+    line.put(names.first).put(" [").put(names.own_pid).put("]: Couldn't open new ").put(names.second);
+    line.put(" \"").put(path).put("\". Reason: ").putError(error).put("\n");
+}
+
+/// `path` is null for a descriptor that was given.
+void tellDup(Names const& names, int fd, int target, char const* path, int error) noexcept {
+    ErrorLine line;
+    line.put(names.first).put(" [").put(names.own_pid).put("]: Couldn't dup2 (").put(fd);
+    line.put(" to ").put(target).put(" ) new ").put(names.second);
+    if (path != nullptr) {
+        line.put(" (\"").put(path).put("\") ");
+    }
+    line.put("! Reason: ").putError(error).put("\n");
+}
+
+void openOnto(int target, char const* path, int flags, Names const& names) noexcept {
+    int const fd = open(path, flags, 0600);
+    if (fd == -1) {
+        tellOpen(names, path, errno);
+        return;
+    }
+    if (fd == target) {
+        return; // The process had no such stream: the file is in its place, and closing it would take it away again.
+    }
+    if (dup2(fd, target) == -1) {
+        tellDup(names, fd, target, path, errno);
+        return; // With the descriptor open, for what it may still be good for.
+    }
+    close(fd);
+}
+
+/// Makes `to` a copy of `from`, and closes `from`. Equal numbers stay open, also for the program.
+void moveOnto(int to, int from, Names const& names) noexcept {
+    if (from == to) {
+        if (fcntl(to, F_SETFD, 0) == -1) {
+            tellDup(names, from, to, nullptr, errno);
+        }
+        return;
+    }
+    if (dup2(from, to) == -1) {
+        tellDup(names, from, to, nullptr, errno);
+    }
+    close(from);
+}
+
+/// What was asked of one of the two streams that are written.
+struct Output {
+    int target;
+    bool null;
+    std::string const& file;
+    bool append;
+    int fd;
+};
+
+void redirectOutput(Output const& output, Names const& for_file, Names const& for_fd) noexcept {
+    char const* const path = output.null ? "/dev/null" : output.file.c_str();
+    if (*path != '\0') {
+        openOnto(output.target, path, O_WRONLY | O_CREAT | (output.append ? O_APPEND : O_TRUNC), for_file);
+    } else if (output.fd != -1) {
+        moveOnto(output.target, output.fd, for_fd);
+    }
+}
+
+// ---- signals ----
+
+/// Gives the signals that the process catches their default, as exec does: a handler of the process, called in the child,
+/// would take a signal that was meant for the program, and act on what belongs to the process.
+void dropHandlers() noexcept {
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction action {};
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_DFL &&
+            action.sa_handler != SIG_IGN) {
+            action = {};
+            action.sa_handler = SIG_DFL;
+            sigaction(signal, &action, nullptr);
+        }
+    }
+}
+
+void unblockSignals() {
+    sigset_t all;
+    sigfillset(&all);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread.
+    if (sigprocmask(SIG_UNBLOCK, &all, nullptr) != 0) {
+        GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "startChild", "after fork(): error unblocking signals");
+    }
+}
+
+} // namespace
+
+/// The object's texts in the arrays that exec takes.
+class ProcessTNG::VectorTransformer : private tarnbase::NonCopyable {
+public:
+    explicit VectorTransformer(ProcessTNG const& process) noexcept
+        : m_executable(&process.executable),
+          m_arguments(&process.arguments),
+          m_environment(&process.environment) {}
+
+    ~VectorTransformer() {
+        delete[] argv;
+        for (char** row = envp; row != nullptr && *row != nullptr; ++row) {
+            free(*row);
+        }
+        delete[] envp;
+    }
+
+    [[gnu::used]] VESK_API char** getArgs() noexcept {
+        if (argv == nullptr) {
+            size_t const count = m_arguments->size();
+            argv = insist([count] { return new (std::nothrow) char*[count + 2]; }, "getArgs");
+            // exec changes none of them: only its type is older than const.
+            argv[0] = const_cast<char*>(m_executable->c_str());
+            for (size_t i = 0; i < count; ++i) {
+                argv[i + 1] = const_cast<char*>((*m_arguments)[i].c_str());
+            }
+            argv[count + 1] = nullptr;
+        }
+        return argv;
+    }
+
+    [[gnu::used]] VESK_API char** getEnv() noexcept {
+        if (envp == nullptr) {
+            size_t const count = m_environment->size();
+            envp = insist([count] { return new (std::nothrow) char*[count + 1]; }, "getEnv");
+            for (size_t i = 0; i < count; ++i) {
+                envp[i] = insist([this, i] { return makeRow((*m_environment)[i]); }, "getEnv");
+            }
+            envp[count] = nullptr;
+        }
+        return envp;
+    }
+
+private:
+    static char* makeRow(std::pair<std::string, std::string> const& variable) noexcept {
+        try {
+            return strdup((variable.first + "=" + variable.second).c_str());
+        } catch (std::bad_alloc const&) {
+            return nullptr;
+        }
+    }
+
+    char** argv = nullptr;
+    char** envp = nullptr;
+    std::string const* m_executable;
+    std::vector<std::string> const* m_arguments;
+    std::vector<std::pair<std::string, std::string>> const* m_environment;
+};
+
+/// True on failure. Runs with the object's lock and the collector's held. Returns in the process only.
+bool ProcessTNG::startChild() {
+    in_new_group = new_group;
+    VectorTransformer vectors(*this);
+    char** const args = vectors.getArgs();
+    char** const env = environment.empty() ? nullptr : vectors.getEnv();
+    // The first use of a thread's store may allocate its thread-local memory: not left to the child.
+    std::ErrorStorage::isError(true);
+
+    // A signal that is sent to the child before its handlers are gone waits until then.
+    SignalsBlocked const signals_blocked;
+    pid = fork();
+    if (pid == 0) {
+        runChild(args, env);
+    }
+    if (pid == INVALID_PROCESS_ID) {
+        classify(SOURCE, FORK_ERRORS, errno);
+        return true;
+    }
+    if (in_new_group) {
+        // The child does so, too: the group is there whichever of the two runs first, for a program that begins as for a
+        // caller who signals it. A failure here tells that the program has begun, or is the child's to tell.
+        setpgid(pid, pid);
+    }
+    return false;
+}
+
+/// The child. Its failures have no way back to the process; it goes on with them, but for that of exec. An exception must
+/// not get out of here, where the caller's own code would run in the child.
+void ProcessTNG::runChild(char* const* args, char* const* env) noexcept {
+    int const own_pid = getpid();
+    // The errors that the process has not told yet are the process's to tell.
+    std::ErrorStorage::ack();
+
+    dropHandlers();
+    unblockSignals();
+    applyScheduling();
+    applyAffinity();
+    redirectStreams(own_pid);
+    enterNewGroup();
+    if (env == nullptr) {
+        execv(executable.c_str(), args);
+    } else {
+        execve(executable.c_str(), args, env);
+    }
+    report(SOURCE, Chain::NEW, Error, 0, UntranslatedErrorText().get());
+    report(SOURCE, Chain::ON_TOP, FileAccessError, 0, executable.c_str());
+    GlobalErrorHandler::doAbort(SOURCE, __LINE__, "startChild", "error calling exec() after fork()");
+    _exit(1);
+}
+
+void ProcessTNG::applyScheduling() const {
+    int error = 0;
+    switch (sched_attrs.policy) {
+    case sched::VESK_SCHED_POLICY_KEEP: {
+        int const current = sched_getscheduler(0);
+        error = priority_value == NO_PRIORITY ? keepPolicy(current, sched_attrs.param)
+                                              : keepPolicy(current, sched_attrs.param, priority_value);
+        break;
+    }
+    case sched::VESK_SCHED_POLICY_RR:
+        error = setPolicy(SCHED_RR, sched_attrs.param.priority);
+        break;
+    case sched::VESK_SCHED_POLICY_FIFO:
+        error = setPolicy(SCHED_FIFO, sched_attrs.param.priority);
+        break;
+    case sched::VESK_SCHED_POLICY_NORMAL:
+        // Whoever may not change the policy may have the nice value all the same.
+        setPolicy(SCHED_OTHER, 0);
+        error = setNice(0, sched_attrs.param.nice);
+        break;
+    default:
+        break;
+    }
+    if (error != 0) {
+        GlobalErrorHandler::doWarning(
+            SOURCE, __LINE__, "startChild",
+            "ProcessTNG::startChild (forked): Error applying scheduling policy/parameters: %s",
+            UntranslatedErrorText(error).get());
+    }
+}
+
+void ProcessTNG::applyAffinity() const {
+    if (affinity.empty()) {
+        return;
+    }
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    size_t const count =
+        std::min({affinity.size(), size_t{Vesk::s_sys_info.processor_count}, size_t{CPU_SETSIZE}});
+    for (size_t i = 0; i < count; ++i) {
+        if (affinity[i]) {
+            CPU_SET(i, &set);
+        }
+    }
+    // Without a processor in the set, too: that the system refuses it is how the caller gets to know.
+    if (sched_setaffinity(0, sizeof set, &set) != 0) {
+        report(SOURCE, Chain::NEW, SysError, 19, UntranslatedErrorText().get());
+        GlobalErrorHandler::doWarning(SOURCE, __LINE__, "startChild", "after fork(): Error setting affinity");
+        std::ErrorStorage::ack();
+    }
+}
+
+void ProcessTNG::redirectStreams(int own_pid) const {
+    char const* const program = executable.c_str();
+    redirectOutput(
+        {STDOUT_FILENO, stdout_null, stdout_file, stdout_append, stdout_fd}, {program, "stdout", own_pid},
+        {"stdout", program, own_pid});
+    redirectOutput(
+        {STDERR_FILENO, stderr_null, stderr_file, stderr_append, stderr_fd}, {program, "stderr", own_pid},
+        {program, "stderr", own_pid});
+    if (!stdin_file.empty()) {
+        openOnto(STDIN_FILENO, stdin_file.c_str(), O_RDONLY, {"stdin", program, own_pid});
+    } else if (stdin_fd != -1) {
+        // The other way round than the two above, on purpose: programs count on it.
+        moveOnto(stdin_fd, STDIN_FILENO, {program, "stdin", own_pid});
+    }
+}
+
+void ProcessTNG::enterNewGroup() const {
+    if (!in_new_group || setpgid(0, 0) == 0) {
+        return;
+    }
+    report(SOURCE, Chain::NEW, SysError, 19, UntranslatedErrorText().get());
+    {
+        // What `ErrorApi::getReasonList` gives of this one report, which would take the heap.
+        std::ErrorObject const& reason = *std::ErrorStorage::get();
+        ErrorLine line;
+        line.put("Error setting new process group: ").put(reason.file).put(":").put(reason.line);
+        line.put(": ").put(reason.getText()).put("\n");
+    }
+    std::ErrorStorage::ack();
+}
+
+} // namespace vesk

@@ -1,0 +1,159 @@
+#include <vesk/MutexOps.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/Poison.h"
+#include "vesk/posix/detail/SystemErrorText.h"
+#include "vesk/posix/detail/WallDeadline.h"
+
+#include <vesk/Mutex.h>
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/MutexOps";
+
+constexpr ErrnoRow ATTRIBUTE_ERRORS[] = {
+    {{ENOMEM}, {SysError, 1}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow SETTING_ERRORS[] = {
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow INIT_ERRORS[] = {
+    {{ENOMEM}, {SysError, 1}},
+    {{ENOTSUP}, {SysError, 6}},
+    {{EAGAIN}, {SysError, 0}},
+    {OTHERS, {SysError, 10}},
+};
+
+constexpr ErrnoRow DESTROY_ERRORS[] = {
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow TIMED_LOCK_ERRORS[] = {
+    {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
+    {{EAGAIN, EINVAL, EDEADLK}, {Mutex::Error, 3}},
+    {OTHERS, {Mutex::Error, 1}},
+};
+
+constexpr ErrnoRow LOCK_ERRORS[] = {
+    {{EPERM, EBUSY, EINVAL, EDEADLK}, {Mutex::Error, 3}},
+    {OTHERS, {Mutex::Error, 1}},
+};
+
+constexpr ErrnoRow UNLOCK_ERRORS[] = {
+    {{EPERM, EINVAL}, {Mutex::Error, 3}},
+    {OTHERS, {Mutex::Error, 2}},
+};
+
+constexpr ErrnoRow TRY_LOCK_ERRORS[] = {
+    {{EBUSY}, NONE, NONE, Outcome::NOT_NOW},
+    {{EPERM, EINVAL, EDEADLK}, {Mutex::Error, 3}},
+    {OTHERS, {Mutex::Error, 1}},
+};
+
+/// Destroys the attributes on every way out.
+class AttrCleaner {
+public:
+    explicit AttrCleaner(pthread_mutexattr_t& attributes) noexcept : m_attributes(attributes) {}
+    ~AttrCleaner() {
+        if (int const error = pthread_mutexattr_destroy(&m_attributes)) {
+            std::GlobalErrorHandler::doWarning(
+                SOURCE, __LINE__, "~AttrCleaner", "destroying mutex attributes failed, res = %d", error);
+        }
+    }
+
+private:
+    pthread_mutexattr_t& m_attributes;
+};
+
+bool create(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared) {
+    pthread_mutexattr_t attributes;
+    if (int const error = pthread_mutexattr_init(&attributes)) {
+        classifyResult(SOURCE, ATTRIBUTE_ERRORS, error);
+        return true;
+    }
+    AttrCleaner const cleaner(attributes);
+    static_assert(PTHREAD_MUTEX_RECURSIVE == 1 && PTHREAD_MUTEX_DEFAULT == 0);
+    if (int const error = pthread_mutexattr_settype(&attributes, recursive)) {
+        classifyResult(SOURCE, SETTING_ERRORS, error);
+        return true;
+    }
+    if (priority_inherit) {
+        if (int const error = pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT)) {
+            classifyResult(SOURCE, SETTING_ERRORS, error);
+            return true;
+        }
+    }
+    if (process_shared) {
+        if (int const error = pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED)) {
+            classifyResult(SOURCE, SETTING_ERRORS, error);
+            return true;
+        }
+    }
+    if (int const error = pthread_mutex_init(mutex, &attributes)) {
+        classifyResult(SOURCE, INIT_ERRORS, error);
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+bool MutexOps::init(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared) {
+    if (create(mutex, recursive, priority_inherit, process_shared)) {
+        poison(mutex, FAILED_LOCK);
+        return true;
+    }
+    return false;
+}
+
+bool MutexOps::destroy(pthread_mutex_t* mutex) {
+    if (isPoisoned(mutex, FAILED_LOCK)) {
+        return false;
+    }
+    if (int const error = pthread_mutex_destroy(mutex)) {
+        classifyResult(SOURCE, DESTROY_ERRORS, error);
+        return true;
+    }
+    return false;
+}
+
+signed char MutexOps::tryLockTimeout(pthread_mutex_t* mutex, long long const& timeout_ms) {
+    WallDeadline const deadline(timeout_ms);
+    if (!deadline.isValid()) {
+        // What the failed call returned takes the place of its errno.
+        errno = -1;
+        report(SOURCE, Chain::NEW, Mutex::Error, 1, SystemErrorText().get());
+        return -1;
+    }
+    int const error = pthread_mutex_timedlock(mutex, deadline.get());
+    if (error == 0) {
+        return 0;
+    }
+    return static_cast<signed char>(classifyResult(SOURCE, TIMED_LOCK_ERRORS, error));
+}
+
+bool MutexOps::handleLockError(int error) {
+    classifyResult(SOURCE, LOCK_ERRORS, error);
+    return true;
+}
+
+bool MutexOps::handleUnlockError(int error) {
+    classifyResult(SOURCE, UNLOCK_ERRORS, error);
+    return true;
+}
+
+signed char MutexOps::handleTryLockError(int error) {
+    return static_cast<signed char>(classifyResult(SOURCE, TRY_LOCK_ERRORS, error));
+}
+
+} // namespace vesk

@@ -1,0 +1,157 @@
+#include <vesk/RWLockOps.h>
+
+#include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/Poison.h"
+#include "vesk/posix/detail/SystemErrorText.h"
+#include "vesk/posix/detail/WallDeadline.h"
+
+#include <vesk/RWLock.h>
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+namespace vesk {
+
+using namespace detail;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/RWLockOps";
+
+constexpr ErrnoRow ATTRIBUTE_ERRORS[] = {
+    {{ENOMEM}, {SysError, 1}},
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow SETTING_ERRORS[] = {
+    {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow INIT_ERRORS[] = {
+    {{EPERM}, {SysError, 7}},          {{EAGAIN}, {SysError, 0}}, {{ENOMEM}, {SysError, 1}},
+    {{EBUSY, EINVAL}, {SysError, 10}}, {OTHERS, {SysError, 19}},
+};
+
+constexpr ErrnoRow DESTROY_ERRORS[] = {
+    {{EBUSY, EINVAL}, {SysError, 10}},
+    {OTHERS, {SysError, 19}},
+};
+
+/// For reading and for writing, which differ in the row of all other numbers.
+template <int OTHERS_ID>
+constexpr ErrnoRow LOCK_ERRORS[4] = {
+    {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
+    {{EDEADLK}, {RWLock::Error, 1}},
+    {{EAGAIN}, {RWLock::Error, 2}},
+    {OTHERS, {RWLock::Error, OTHERS_ID}},
+};
+
+constexpr int READ_FAILED = 3;
+constexpr int WRITE_FAILED = 4;
+
+constexpr ErrnoRow UNLOCK_ERRORS[] = {
+    {{EPERM}, {SysError, 7}, {RWLock::Error, 5}},
+    {OTHERS, {RWLock::Error, 5}},
+};
+
+/// The row of a lock that could not be made. Its text is that of error number 0: who reads the log tells the cause by
+/// the id alone, and existing filters count on the text.
+void reportInit(int error) noexcept {
+    for (ErrnoRow const& row : INIT_ERRORS) {
+        if (row.errnos.has(error)) {
+            report(SOURCE, Chain::NEW, *row.cause.family, row.cause.id, SystemErrorText(0).get());
+            return;
+        }
+    }
+}
+
+/// The attributes of a lock that processes share, destroyed on every way out.
+class SharedAttributes {
+public:
+    SharedAttributes() = default;
+    ~SharedAttributes() {
+        if (m_made && pthread_rwlockattr_destroy(&m_attributes) != 0) {
+            std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "init", "error destroying temp. attr.");
+        }
+    }
+
+    SharedAttributes(SharedAttributes const&) = delete;
+    SharedAttributes& operator=(SharedAttributes const&) = delete;
+
+    /// True on failure, with a report.
+    bool make() {
+        if (int const error = pthread_rwlockattr_init(&m_attributes)) {
+            classify(SOURCE, ATTRIBUTE_ERRORS, error);
+            return true;
+        }
+        m_made = true;
+        if (int const error = pthread_rwlockattr_setpshared(&m_attributes, PTHREAD_PROCESS_SHARED)) {
+            classify(SOURCE, SETTING_ERRORS, error);
+            return true;
+        }
+        return false;
+    }
+
+    /// Null for the system's defaults.
+    pthread_rwlockattr_t const* get() const noexcept { return m_made ? &m_attributes : nullptr; }
+
+private:
+    pthread_rwlockattr_t m_attributes;
+    bool m_made = false;
+};
+
+} // namespace
+
+bool RWLockOps::init(pthread_rwlock_t* lock, bool process_shared) {
+    SharedAttributes attributes;
+    if (process_shared && attributes.make()) {
+        return true;
+    }
+    if (int const error = pthread_rwlock_init(lock, attributes.get())) {
+        reportInit(error);
+        return true;
+    }
+    return false;
+}
+
+bool RWLockOps::destroy(pthread_rwlock_t* lock) {
+    if (isPoisoned(lock, NO_LOCK)) {
+        return false;
+    }
+    if (int const error = pthread_rwlock_destroy(lock)) {
+        classify(SOURCE, DESTROY_ERRORS, error);
+        return true;
+    }
+    return false;
+}
+
+signed char RWLockOps::lock(pthread_rwlock_t* lock, bool for_write, unsigned int const* timeout_ms) {
+    int error = 0;
+    if (timeout_ms == nullptr) {
+        error = for_write ? pthread_rwlock_wrlock(lock) : pthread_rwlock_rdlock(lock);
+    } else if (*timeout_ms == 0) {
+        error = for_write ? pthread_rwlock_trywrlock(lock) : pthread_rwlock_tryrdlock(lock);
+    } else {
+        WallDeadline const deadline(*timeout_ms);
+        if (!deadline.isValid()) {
+            int const id = for_write ? WRITE_FAILED : READ_FAILED;
+            report(SOURCE, Chain::NEW, RWLock::Error, id, SystemErrorText().get());
+            return -1;
+        }
+        error = for_write ? pthread_rwlock_timedwrlock(lock, deadline.get())
+                          : pthread_rwlock_timedrdlock(lock, deadline.get());
+    }
+    return error == 0 ? static_cast<signed char>(0) : handleLockError(error, for_write);
+}
+
+signed char RWLockOps::handleLockError(int error, bool for_write) {
+    ErrnoTable const table = for_write ? LOCK_ERRORS<WRITE_FAILED> : LOCK_ERRORS<READ_FAILED>;
+    return static_cast<signed char>(classify(SOURCE, table, error));
+}
+
+bool RWLockOps::handleUnlockError(int error) {
+    classify(SOURCE, UNLOCK_ERRORS, error, SystemErrorText(error).get());
+    return true;
+}
+
+} // namespace vesk

@@ -1,0 +1,388 @@
+#include <vesk/Alarm.h>
+
+#include "vesk/common/AlarmTable.h"
+#include <vesk/common/CancellationOff.h>
+
+#include <vesk/Thread.h>
+#include <vesk/common/AbortingLock.h>
+
+#include <tarncommon/error/GlobalErrorHandler.h>
+
+#include <algorithm>
+#include <climits>
+#include <csignal>
+#include <functional>
+#include <limits>
+#include <pthread.h>
+
+namespace vesk {
+
+using tarnbase::Duration;
+using tarnbase::TimePoint;
+
+namespace {
+
+constexpr char const* SOURCE = "framework/src/vesk/posix/Alarm";
+
+/// Before the first alarm the kernel's timer counts as armed for a time that nobody lives to see.
+constexpr Duration FAR_AWAY(std::numeric_limits<unsigned long long>::max() / 1000);
+
+using InternalLock = AbortingLock<threadsafe::MutexImpl>;
+
+/// Guards the threads of all rings, and what these threads wait for.
+class [[nodiscard]] RingersLock : private tarnbase::NonCopyable {
+public:
+    RingersLock() noexcept { pthread_mutex_lock(&s_mutex); }
+    ~RingersLock() { pthread_mutex_unlock(&s_mutex); }
+
+private:
+    static inline pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
+};
+
+/// No expiry lies before the boot or wraps around: their order is the same with and without a sign.
+TimePoint addTo(TimePoint now, Duration delay) noexcept {
+    return delay < TimePoint::MAX - now ? now + delay : TimePoint::MAX;
+}
+
+/// An id that the kernel gives to no timer, while a pointer's lowest values are the first ones that it gives.
+timer_t getNoTimer() noexcept {
+    return reinterpret_cast<timer_t>(static_cast<intptr_t>(INT_MAX)); // NOLINT(performance-no-int-to-ptr)
+}
+
+} // namespace
+
+/// A thread, in its role of running rings. Each thread has one.
+struct detail::AlarmRinger {
+    unsigned int rings = 0; // More than one if a callback calls `ring`.
+    Alarm::Timer const* waits_for = nullptr;
+};
+
+namespace {
+TARN_CONSTANT_INIT thread_local detail::AlarmRinger t_ringer;
+} // namespace
+
+TARN_CONSTANT_INIT std::Shared<Alarm::DefaultTimer> Alarm::DEFAULT_TIMER;
+
+Alarm::DefaultTimer::DefaultTimer() : Timer(SIGRTMIN + 3, "Timer", Thread::getMainSchedAttrs()) {}
+
+void Alarm::deliver() const {
+    if (m_sink == nullptr) {
+        m_callback(m_data); // May destroy this object.
+        return;
+    }
+    auto message = std::make_unique<Message::Callback>(m_callback, m_data);
+    m_sink->push(message.get());
+    static_cast<void>(message.release());
+}
+
+/// Holds the engine's lock for one of its operations. A callback goes on at once, and so does a call for which the ring
+/// under way waits.
+class [[nodiscard]] Alarm::Timer::Access : private tarnbase::NonCopyable {
+public:
+    Access(Timer& engine, char const* function, int line = __builtin_LINE())
+        : m_lock(engine.m_lock, SOURCE, function, line) {
+        if (engine.isOfOtherThread()) {
+            engine.waitForRing(function);
+        }
+    }
+
+private:
+    InternalLock m_lock;
+};
+
+/// Tells, while it lives, that the calling thread waits for an engine. Of interest only where the thread is inside a
+/// callback, since no engine waits for others.
+class [[nodiscard]] Alarm::Timer::Waiting : private tarnbase::NonCopyable {
+public:
+    explicit Waiting(Timer const& engine) noexcept {
+        if (t_ringer.rings == 0) {
+            return;
+        }
+        RingersLock const lock;
+        m_is_deadlock = leadsToCaller(engine);
+        if (!m_is_deadlock) {
+            t_ringer.waits_for = &engine;
+        }
+    }
+    ~Waiting() {
+        if (t_ringer.rings != 0) {
+            RingersLock const lock;
+            t_ringer.waits_for = nullptr;
+        }
+    }
+
+    bool isDeadlock() const noexcept { return m_is_deadlock; }
+
+private:
+    bool m_is_deadlock = false;
+};
+
+/// One run of `ring`: from `begin` to its end it is the engine's lock. The engine is armed for what is left at its end,
+/// also when a callback throws.
+class Alarm::Timer::Ring : private tarnbase::NonCopyable {
+public:
+    explicit Ring(Timer& engine) : m_engine(engine) {
+        m_due.reserve(engine.m_alarms->getCount());
+        m_now = TimePoint::now();
+    }
+    ~Ring() {
+        if (m_begun) {
+            end();
+        }
+    }
+
+    bool begin();
+    void deliver();
+    void forget(Alarm const* alarm) noexcept {
+        std::replace(m_due.begin() + static_cast<ptrdiff_t>(m_next), m_due.end(), alarm, NONE);
+    }
+    Ring* getOuter() const noexcept { return m_outer; }
+
+private:
+    static constexpr Alarm const* NONE = nullptr;
+
+    void enter() noexcept;
+    void end() noexcept;
+
+    Timer& m_engine;
+    std::vector<Alarm const*> m_due;
+    TimePoint m_now;
+    size_t m_next = 0;
+    bool m_begun = false;
+    Ring* m_outer = nullptr; // The ring of the same engine whose callback has called this one.
+};
+
+Alarm::Timer::Timer(int signal, char const* thread_name, sched::Attr const& attributes)
+    : Timer(attributes, signal, thread_name) {}
+
+Alarm::Timer::Timer(int signal, char const* thread_name, int const& priority)
+    : Timer(priority, signal, thread_name) {}
+
+template <typename Scheduling>
+Alarm::Timer::Timer(Scheduling const& scheduling, int signal, char const* thread_name)
+    : m_handler(ring),
+      m_handler_data(this),
+      m_lock(true),
+      m_calls_may_go_on(m_lock),
+      m_ring_may_begin(m_lock),
+      m_alarms(std::make_unique<detail::AlarmTable>()),
+      m_next_expiry(TimePoint::now() + FAR_AWAY),
+      m_timer(getNoTimer()),
+      m_signal(signal),
+      m_dispatcher(thread_name, scheduling),
+      m_catcher(signal, m_dispatcher.getQueue(), caught, this) {
+    sigevent event{};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = signal;
+    timer_t timer = getNoTimer();
+    // Unchecked, as is every later call for the timer: nobody who starts an alarm could do anything about a kernel
+    // that has no timer left, and there is nobody else to tell.
+    timer_create(CLOCK_MONOTONIC, &event, &timer);
+    m_timer.store(timer, std::memory_order_relaxed);
+}
+
+Alarm::Timer::~Timer() {
+    m_dispatcher.stop();
+    timer_delete(m_timer.load(std::memory_order_relaxed));
+    dropSignals();
+}
+
+/// An expiry of the last moment may still be on its way to some thread, and would end the process once the signal has
+/// its default action again.
+void Alarm::Timer::dropSignals() noexcept {
+    detail::CancellationOff const cancellation_off;
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, m_signal);
+    timespec const at_once{};
+    while (sigtimedwait(&signals, nullptr, &at_once) > 0) {}
+}
+
+void Alarm::Timer::caught(int, void* engine) {
+    Timer const& timer = *static_cast<Timer*>(engine);
+    timer.m_handler(timer.m_handler_data);
+}
+
+void Alarm::Timer::add(Alarm* alarm, Duration const& delay) {
+    Duration const wait = std::max(delay, Duration(0));
+    Access const access(*this, "add");
+    TimePoint const expiry = addTo(TimePoint::now(), wait);
+    m_alarms->set(alarm, expiry);
+    if (m_next_expiry <= expiry) {
+        return;
+    }
+    m_next_expiry = expiry;
+    armTimer(wait);
+}
+
+void Alarm::Timer::remove(Alarm* alarm) {
+    Access const access(*this, "remove");
+    m_alarms->erase(alarm);
+    // The kernel's timer stays as it is: a ring too many is cheaper than a system call here.
+    m_next_expiry = m_alarms->getEarliest();
+    if (isOfOtherThread()) {
+        // That ring waits for this thread, and must not find the alarm when it goes on.
+        for (Ring* ring = m_ring; ring != nullptr; ring = ring->getOuter()) {
+            ring->forget(alarm);
+        }
+    }
+}
+
+bool Alarm::Timer::isCallingBack() const noexcept {
+    if (!isOfOtherThread()) {
+        return false;
+    }
+    RingersLock const lock;
+    return !leadsToCaller(*this);
+}
+
+void Alarm::Timer::waitForCallback() noexcept {
+    Access const access(*this, "waitForCallback");
+}
+
+/// Whether another thread runs callbacks of the engine.
+bool Alarm::Timer::isOfOtherThread() const noexcept {
+    detail::AlarmRinger const* const ringer = m_ringer.load(std::memory_order_acquire);
+    return ringer != nullptr && ringer != &t_ringer;
+}
+
+/// Whether the engine's ring waits for one of the calling thread, directly or over others.
+bool Alarm::Timer::leadsToCaller(Timer const& engine) noexcept {
+    for (Timer const* next = &engine; next != nullptr;) {
+        detail::AlarmRinger const* const ringer = next->m_ringer.load(std::memory_order_relaxed);
+        if (ringer == &t_ringer) {
+            return true;
+        }
+        next = ringer != nullptr ? ringer->waits_for : nullptr;
+    }
+    return false;
+}
+
+/// For operations that find a ring of another thread. The next ring begins only after them, else a thread whose callbacks
+/// take longer than their interval would have the lock again before any of these has woken up.
+void Alarm::Timer::waitForRing(char const* function) noexcept {
+    Waiting const waiting(*this);
+    if (waiting.isDeadlock()) {
+        return;
+    }
+    detail::CancellationOff const cancellation_off;
+    ++m_waiting_calls;
+    while (m_ring != nullptr) {
+        if (m_calls_may_go_on.wait() != 0) {
+            std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, function, "error locking");
+            break;
+        }
+    }
+    --m_waiting_calls;
+    wakeNext();
+}
+
+/// For a new ring, which comes after the ring under way and after the calls that wait for it.
+/// @return false if that ring waits for this thread
+bool Alarm::Timer::waitForCalls(char const* function) noexcept {
+    bool const is_inner = m_ring != nullptr && !isOfOtherThread();
+    if (is_inner || (m_ring == nullptr && m_waiting_calls == 0)) {
+        return true;
+    }
+    Waiting const waiting(*this);
+    if (waiting.isDeadlock()) {
+        return false;
+    }
+    detail::CancellationOff const cancellation_off;
+    while (m_ring != nullptr || m_waiting_calls != 0) {
+        if (m_ring_may_begin.wait() != 0) {
+            std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, function, "error locking");
+            break;
+        }
+    }
+    return true;
+}
+
+/// Each that goes on wakes the next one: a call, or the ring that comes after all of them.
+void Alarm::Timer::wakeNext() noexcept {
+    (m_waiting_calls != 0 ? m_calls_may_go_on : m_ring_may_begin).signal_one();
+}
+
+void Alarm::Timer::ring(void* engine) {
+    Ring ring(*static_cast<Timer*>(engine));
+    if (ring.begin()) {
+        ring.deliver();
+    }
+}
+
+/// Takes the lock and the alarms that are due.
+/// @return false if there are none
+bool Alarm::Timer::Ring::begin() {
+    InternalLock const lock(m_engine.m_lock, SOURCE, "ring");
+    if (!m_engine.waitForCalls("ring")) {
+        return false; // The ring under way looks at the time as well, when it ends.
+    }
+    if (m_engine.m_next_expiry > m_now) {
+        // Early, or for an alarm that was removed or put off. Armed here for the rest, and at the end as always.
+        m_engine.armForNext(m_now);
+        m_engine.armForNext(m_now);
+        m_engine.wakeNext();
+        return false;
+    }
+    enter();
+    m_engine.takeDue(m_now, m_due);
+    return true;
+}
+
+/// Delivers the alarms in the order of their addresses, without the mutex.
+void Alarm::Timer::Ring::deliver() {
+    while (m_next < m_due.size()) {
+        Alarm const* const alarm = m_due[m_next++];
+        if (alarm != NONE) {
+            alarm->deliver();
+        }
+    }
+}
+
+void Alarm::Timer::Ring::enter() noexcept {
+    RingersLock const lock;
+    m_begun = true;
+    m_outer = m_engine.m_ring;
+    m_engine.m_ring = this;
+    m_engine.m_ringer.store(&t_ringer, std::memory_order_release);
+    ++t_ringer.rings;
+}
+
+void Alarm::Timer::Ring::end() noexcept {
+    InternalLock const lock(m_engine.m_lock, SOURCE, "ring");
+    m_engine.armForNext(m_now);
+    RingersLock const ringers_lock;
+    m_engine.m_ring = m_outer;
+    if (m_outer == nullptr) {
+        m_engine.m_ringer.store(nullptr, std::memory_order_release);
+        m_engine.wakeNext();
+    }
+    --t_ringer.rings;
+}
+
+void Alarm::Timer::takeDue(TimePoint now, std::vector<Alarm const*>& due) {
+    due.reserve(m_alarms->getCount()); // Some may have come in while the lock was not held.
+    while (m_alarms->getEarliest() <= now) {
+        due.push_back(m_alarms->takeEarliest());
+    }
+    m_next_expiry = m_alarms->getEarliest();
+    std::sort(due.begin(), due.end(), std::less<>());
+}
+
+void Alarm::Timer::armForNext(TimePoint now) noexcept {
+    if (m_next_expiry < TimePoint::MAX) {
+        armTimer(m_next_expiry - now);
+    }
+}
+
+void Alarm::Timer::armTimer(Duration delay) noexcept {
+    itimerspec value{}; // One shot.
+    // A time that is too long for the system becomes its longest: the ring that comes too early arms for the rest.
+    value.it_value = TimePoint(delay.getCount()).toTimespec();
+    if (value.it_value.tv_sec == 0 && value.it_value.tv_nsec == 0) {
+        value.it_value.tv_nsec = 1; // All zero would disarm it.
+    }
+    timer_settime(m_timer.load(std::memory_order_relaxed), 0, &value, nullptr);
+}
+
+} // namespace vesk

@@ -1,0 +1,653 @@
+#include <vesk/Thread.h>
+
+#include "ThreadLink.h"
+#include "ThreadSched.h"
+#include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/SystemErrorText.h"
+#include "vesk/posix/detail/WallDeadline.h"
+#include <vesk/common/CancellationOff.h>
+
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
+#include <tarncommon/tarnbase/TimePoint.h>
+#include <tarncommon/tracing/Channel.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace vesk {
+
+using namespace detail;
+using std::GlobalErrorHandler;
+
+namespace {
+
+constexpr char const* SOURCE = THREAD_SOURCE;
+
+// The system shows so many bytes of a name.
+constexpr size_t NAME_LENGTH = 15;
+
+constexpr std::ErrorID ROWS[] = {
+    {0, "Thread creation failed: %s", 1},
+    {1, "Thread start failed: %s", 1},
+    {2, "getting/setting Thread priority/scheduling parameters failed: %s", 1},
+    {3, "Thread yield failed: %s", 1},
+    {4, "Thread join failed: %s", 1},
+    {5, "Thread terminate failed: %s", 1},
+    // suspend reports 6 and wakeup 7, which have no row: their texts are those of an unknown error.
+};
+
+constexpr ErrnoRow ATTRIBUTE_INIT_ERRORS[] = {
+    {{ENOMEM}, {SysError, 1}, {Thread::Error, 0}},
+    {OTHERS, {SysError, 19}, {Thread::Error, 0}},
+};
+
+constexpr ErrnoRow DETACHED_STATE_ERRORS[] = {
+    {OTHERS, {SysError, 19}, {Thread::Error, 0}},
+};
+
+constexpr ErrnoRow CREATE_ERRORS[] = {
+    {{EPERM}, {SysError, 7}, {Thread::Error, 0}},
+    {{EAGAIN}, {SysError, 0}, {Thread::Error, 0}},
+    {OTHERS, {SysError, 19}, {Thread::Error, 0}},
+};
+
+tracing::Channel s_channel("FW_Vesk_Thread", 7, tracing::Channel::WITH_THREAD);
+
+/// The link of a thread that runs in the wrapper, null in all others. What a thread asks about itself it asks here: its
+/// object may be gone.
+TARN_CONSTANT_INIT thread_local ThreadLink* t_link = nullptr;
+
+/// Destroys the attributes on every way out.
+class AttrGuard {
+public:
+    explicit AttrGuard(pthread_attr_t& attributes) noexcept : m_attributes(attributes) {}
+    ~AttrGuard() { pthread_attr_destroy(&m_attributes); }
+
+private:
+    pthread_attr_t& m_attributes;
+};
+
+/// Holds the thread's side of the link, and leaves it on every way out, unwinding included.
+class LinkGuard {
+public:
+    explicit LinkGuard(ThreadLink& link) noexcept { t_link = &link; }
+    ~LinkGuard() {
+        t_link->leaveThread();
+        t_link = nullptr;
+    }
+};
+
+/// Does what the wrapper and the destructor cannot go on without. They have nobody to report to; should a hook let
+/// doAbort return, it is tried again.
+template <typename Operation>
+void insist(char const* function, char const* failure, Operation operation, int line = __builtin_LINE()) {
+    while (operation()) {
+        GlobalErrorHandler::doAbort(SOURCE, line, function, "%s", failure);
+    }
+}
+
+/// The same for unlocking, which is tried twice at most: after a failure the lock may be free all the same.
+void unlockOrAbort(
+    Mutex const& mutex, char const* function, char const* failure, int line = __builtin_LINE()) {
+    if (mutex.unlock()) {
+        GlobalErrorHandler::doAbort(SOURCE, line, function, "%s", failure);
+        mutex.unlock();
+    }
+}
+
+bool reportFailure(Place place, Chain chain, int id) {
+    report(place, chain, Thread::Error, id, SystemErrorText().get());
+    return true;
+}
+
+} // namespace
+
+TARN_CONSTANT_INIT std::ErrorType const Thread::Error(ROWS, std::size(ROWS), SysError);
+TARN_CONSTANT_INIT Thread::ThreadId Thread::s_main_thread_id;
+TARN_CONSTANT_INIT std::atomic<Thread::ExitHandler> Thread::s_main_exit_handlers[EXIT_HANDLERS] = {};
+TARN_CONSTANT_INIT TLS::Key Thread::s_tls_ctrl_object(threadsafe::CONSTANT_INIT);
+
+// ---- creation ----
+
+Thread::Thread(Fields, Function function, void* argument, bool detached)
+    : m_function(function),
+      m_argument(argument),
+      m_detached_mode(detached),
+      m_link(ThreadLink::make()),
+      m_shared(m_link) {}
+
+Thread::Thread(Function function, void* argument) : Thread(function, argument, nullptr) {}
+
+Thread::Thread(Function function, void* argument, char const* name)
+    : Thread(function, argument, name, sched::Attr(), false) {}
+
+Thread::Thread(
+    Function function, void* argument, char const* name, sched::Attr const& attributes, bool detached)
+    : Thread(Fields(), function, argument, detached) {
+    m_valid = !initialize(argument, name, 0, attributes);
+}
+
+Thread::Thread(
+    Function function, void* argument, char const* name, bool use_priority, int priority,
+    unsigned int stack_size, bool detached)
+    : Thread(Fields(), function, argument, detached) {
+    sched::Attr attributes;
+    if (use_priority) {
+        sched::Attr caller;
+        if (getCallerSchedAttrs(caller)) {
+            std::ErrorStorage::ack();
+        }
+        switch (caller.policy) {
+        case sched::VESK_SCHED_POLICY_RR:
+        case sched::VESK_SCHED_POLICY_FIFO:
+            attributes.policy = sched::VESK_SCHED_POLICY_KEEP;
+            attributes.param.priority = priority;
+            break;
+        case sched::VESK_SCHED_POLICY_NORMAL:
+            attributes.policy = sched::VESK_SCHED_POLICY_KEEP;
+            attributes.param.nice = priority;
+            break;
+        default:
+            // A thread without the priority that was asked for goes without the name, too, on purpose: it is not the
+            // thread that its creator wanted.
+            name = nullptr;
+            stack_size = 0;
+            break;
+        }
+    }
+    m_valid = !initialize(argument, name, stack_size, attributes);
+}
+
+/// True on failure. The stack size has no effect: every thread has the system's default stack.
+bool Thread::initialize(void* argument, char const* name, unsigned int, sched::Attr const& attributes) {
+    m_argument = argument;
+    m_attributes = attributes;
+    if (!create(name)) {
+        return false;
+    }
+    setState(DEAD);
+    free(m_name);
+    m_name = nullptr;
+    m_link.leaveThread();
+    return true;
+}
+
+bool Thread::create(char const* name) {
+    pthread_attr_t attributes;
+    if (int const error = pthread_attr_init(&attributes)) {
+        classify(SOURCE, ATTRIBUTE_INIT_ERRORS, error, "attribute init failed");
+        return true;
+    }
+    AttrGuard const guard(attributes);
+    static_assert(PTHREAD_CREATE_JOINABLE == 0 && PTHREAD_CREATE_DETACHED == 1);
+    if (int const error = pthread_attr_setdetachstate(&attributes, m_detached_mode)) {
+        classify(SOURCE, DETACHED_STATE_ERRORS, error, "Error setting detached state");
+        return true;
+    }
+    if (applySchedAttrs(attributes, m_attributes)) {
+        return true;
+    }
+    if (name != nullptr) {
+        m_name = strdup(name);
+    }
+    setState(CREATED);
+    int error = pthread_create(&m_handle, &attributes, threadWrapper, this);
+    if (error == EINVAL || error == EPERM) {
+        // Without the right to the scheduling that it wants a process still gets its thread.
+        pthread_attr_setinheritsched(&attributes, PTHREAD_INHERIT_SCHED);
+        error = pthread_create(&m_handle, &attributes, threadWrapper, this);
+    }
+    if (error != 0) {
+        classify(SOURCE, CREATE_ERRORS, error, "thread creation failed", Chain::UNKNOWN);
+        return true;
+    }
+    return false;
+}
+
+// ---- the thread itself ----
+
+/// The entry of every thread. Its ends are returns, which are as good as pthread_exit(NULL).
+///
+/// When it may touch the object: up to takeOver the object waits for it, whatever state it is destroyed in. While the
+/// body runs it does not. After the body a joinable thread does if the link says so (see ThreadLink), a detached one
+/// never.
+///
+/// The thread can be cancelled in its body only. Nothing here is left half done, and nobody waits in vain for a thread
+/// to take over.
+void* Thread::threadWrapper(void* this_thread) {
+    if (this_thread == nullptr) {
+        GlobalErrorHandler::doAssert(false, "p_arg", SOURCE, __LINE__, "threadWrapper", nullptr);
+        return nullptr;
+    }
+    CancellationOff const cancellation_off;
+    std::ErrorStorage const errors(std::ErrorStorage::action_dump_to_stdout);
+    Thread& thread = *static_cast<Thread*>(this_thread);
+    ThreadLink& link = thread.m_link;
+    LinkGuard const guard(link);
+
+    thread.m_tid.store(static_cast<int32_t>(syscall(SYS_gettid)), std::memory_order_relaxed);
+    thread.applyNice();
+    if (thread.m_name != nullptr) {
+        size_t const length = strlen(thread.m_name);
+        // The tail, where long names differ.
+        pthread_setname_np(
+            pthread_self(), length > NAME_LENGTH ? thread.m_name + length - NAME_LENGTH : thread.m_name);
+    }
+    Function const function = thread.m_function;
+    void* const argument = thread.m_argument;
+    bool const detached = thread.m_detached_mode;
+    s_tls_ctrl_object.set(&thread);
+    if (!thread.takeOver()) {
+        return nullptr;
+    }
+
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    function(argument);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+
+    if (!detached && link.claimEnd()) {
+        thread.finish();
+    }
+    return nullptr;
+}
+
+/// Time sharing has no priority but the nice value, which belongs to the kernel's thread: only that can be addressed.
+void Thread::applyNice() {
+    if (m_attributes.policy != sched::VESK_SCHED_POLICY_NORMAL) {
+        return;
+    }
+    pid_t const tid = getTid();
+    int const wanted = m_attributes.param.nice;
+    int const error = setNice(tid, wanted);
+    if (error == 0 || s_channel.m_threshold.load(std::memory_order_relaxed) > 2) {
+        return;
+    }
+    char number[32];
+    snprintf(number, sizeof number, "thread-tid-%d", tid);
+    s_channel.logCV(
+        2, "Thread::threadWrapper (%s): can't set nice value %d (%s) falling back to %d",
+        m_name != nullptr ? m_name : number, wanted, SystemErrorText(error).get(),
+        getpriority(PRIO_PROCESS, static_cast<id_t>(tid)));
+}
+
+/// Waits for the start, and takes the thread over from its creation. True if the body is to run.
+bool Thread::takeOver() {
+    insist("threadWrapper", "error getting state lock", [this] { return m_shared.mutex.lock(); });
+    while (getState() == CREATED) {
+        if (m_shared.condition.wait(m_shared.mutex)) {
+            GlobalErrorHandler::doAbort(SOURCE, __LINE__, "threadWrapper", "error waiting on condition");
+        }
+    }
+    // The object was destroyed before it was started, or terminated before this thread got here.
+    bool const ended = getState() == FINISHED || getState() == DEAD;
+    m_shared.taken_over = true;
+    if (m_detached_mode || getState() == DEAD) {
+        insist("threadWrapper", "wait failed", [this] { return m_shared.condition.signal(); });
+    }
+    unlockOrAbort(m_shared.mutex, "threadWrapper", "error unlocking");
+    return !ended;
+}
+
+/// The body of a joinable thread has returned.
+void Thread::finish() {
+    callExitHandlers(getCallerThreadId(), EXIT_NORMAL);
+    insist("threadWrapper", "error locking", [this] { return m_shared.mutex.lock(); });
+    setState(FINISHED);
+    unlockOrAbort(m_shared.mutex, "threadWrapper", "error unlocking");
+}
+
+// ---- the life of a thread ----
+
+bool Thread::start() {
+    MutexLock lock(m_shared.mutex);
+    if (!lock.isLocked()) {
+        return reportFailure(SOURCE, Chain::ON_TOP, 1);
+    }
+    if (getState() != CREATED) {
+        lock.unlock();
+        report(SOURCE, Chain::UNKNOWN, std::CommonError, 1, "start() called in invalid state");
+        return true;
+    }
+    // Under the lock it makes no difference that the state follows the signal, except that a failure leaves it alone.
+    if (m_shared.condition.signal()) {
+        SystemErrorText const text;
+        lock.unlock();
+        report(SOURCE, Chain::ON_TOP, Error, 1, text.get());
+        return true;
+    }
+    setState(RUNNING);
+    if (lock.unlock()) {
+        return reportFailure(SOURCE, Chain::ON_TOP, 1);
+    }
+    return false;
+}
+
+/// The way out of the system's join without success: by a failure, a timeout or a cancellation. A thread that was
+/// terminated meanwhile was left to the join, which now leaves it to the system.
+class Thread::Joining {
+public:
+    explicit Joining(Thread& thread) noexcept : m_thread(thread) {}
+    ~Joining() {
+        if (m_joined) {
+            return;
+        }
+        AbortingLock<Mutex const> const lock(m_thread.m_shared.mutex, SOURCE, "join");
+        m_thread.m_joining.store(false, std::memory_order_relaxed);
+        if (m_thread.getState() == DEAD) {
+            pthread_detach(m_thread.m_handle);
+        }
+    }
+    void setJoined() noexcept { m_joined = true; }
+
+private:
+    Thread& m_thread;
+    bool m_joined = false;
+};
+
+/// True if the thread cannot be joined. From here on until the join is over `terminate` does not detach the thread,
+/// which would take it away under the feet of the system's join.
+bool Thread::prepareJoin() {
+    if (m_detached_mode) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempt to join detached thread");
+        return true;
+    }
+    MutexLock lock(m_shared.mutex);
+    if (!lock.isLocked()) {
+        return reportFailure(SOURCE, Chain::ON_TOP, 4);
+    }
+    if (getState() == CREATED || getState() == DEAD || getThreadId() == getCallerThreadId()) {
+        lock.unlock();
+        report(
+            SOURCE, Chain::NEW, std::CommonError, 1,
+            "Invalid state for join, or tried to join the own thread");
+        return true;
+    }
+    m_joining.store(true, std::memory_order_relaxed);
+    if (lock.unlock()) {
+        m_joining.store(false, std::memory_order_relaxed);
+        return reportFailure(SOURCE, Chain::ON_TOP, 4);
+    }
+    return false;
+}
+
+bool Thread::markJoined() {
+    MutexLock lock(m_shared.mutex);
+    // Joined it is, even if the lock fails: joining it once more must not reach the system.
+    setState(DEAD);
+    if (!lock.isLocked() || lock.unlock()) {
+        return reportFailure(SOURCE, Chain::ON_TOP, 4);
+    }
+    return false;
+}
+
+bool Thread::join() {
+    if (prepareJoin()) {
+        return true;
+    }
+    Joining joining(*this);
+    if (int const error = pthread_join(m_handle, nullptr)) {
+        errno = error;
+        return reportFailure(SOURCE, Chain::NEW, 4);
+    }
+    joining.setJoined();
+    return markJoined();
+}
+
+signed char Thread::joinTimeout(long long const& ms) {
+    if (prepareJoin()) {
+        return -1;
+    }
+    Joining joining(*this);
+    WallDeadline const deadline(ms);
+    int const result = deadline.isValid() ? pthread_timedjoin_np(m_handle, nullptr, deadline.get()) : -1;
+    if (result == 0) {
+        joining.setJoined();
+        return markJoined() ? -1 : 0;
+    }
+    if (result == ETIMEDOUT) {
+        return 1;
+    }
+    if (result != -1) {
+        errno = result;
+    }
+    reportFailure(SOURCE, Chain::NEW, 4);
+    return -1;
+}
+
+bool Thread::suspend(long long ms) {
+    // Asked without looking at the object: a terminated or detached thread may come here when that is gone.
+    if (t_link == nullptr || s_tls_ctrl_object.get() != this) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "suspend() called by non-associated thread");
+        return true;
+    }
+    return suspendCaller(*t_link, ms);
+}
+
+bool Thread::suspendCaller(Shared& shared, long long ms) {
+    // Unlocks also when the thread is cancelled by the wait.
+    MutexLock lock(shared.mutex);
+    if (!lock.isLocked()) {
+        return reportFailure(SOURCE, Chain::ON_TOP, 6);
+    }
+    State const before = shared.state.load(std::memory_order_relaxed);
+    if (before == DEAD) {
+        // It was terminated: that stays so, and no wakeup follows.
+        if (lock.unlock()) {
+            return reportFailure(SOURCE, Chain::ON_TOP, 6);
+        }
+        pthread_testcancel();
+        return false;
+    }
+    if (shared.object_gone) {
+        lock.unlock();
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "suspend() called by non-associated thread");
+        return true;
+    }
+    auto const isSuspended = [&shared] { return shared.state.load(std::memory_order_relaxed) == SUSPENDED; };
+    shared.state.store(SUSPENDED, std::memory_order_relaxed);
+    AbsTimeT deadline(tarnbase::TimePoint::MAX.getCount());
+    if (ms != 0 && __builtin_add_overflow(tarnbase::TimePoint::now().getCount(), ms, &deadline.value)) {
+        deadline.value = tarnbase::TimePoint::MAX.getCount();
+    }
+    signed char result = 0;
+    while (isSuspended() && result == 0) {
+        result = ms == 0 ? static_cast<signed char>(shared.condition.wait(shared.mutex) ? -1 : 0)
+                         : shared.condition.waitTimeout(shared.mutex, deadline);
+    }
+    if (result == -1) {
+        SystemErrorText const text;
+        if (isSuspended()) {
+            shared.state.store(before, std::memory_order_relaxed);
+        }
+        lock.unlock();
+        report(SOURCE, Chain::ON_TOP, Error, 6, text.get());
+        return true;
+    }
+    if (lock.unlock()) {
+        return reportFailure(SOURCE, Chain::ON_TOP, 6);
+    }
+    return false;
+}
+
+bool Thread::wakeup() {
+    MutexLock lock(m_shared.mutex);
+    if (!lock.isLocked()) {
+        return reportFailure(SOURCE, Chain::NEW, 7);
+    }
+    if (getState() == SUSPENDED) {
+        if (m_shared.condition.signal()) {
+            SystemErrorText const text;
+            lock.unlock();
+            report(SOURCE, Chain::NEW, Error, 7, text.get());
+            return true;
+        }
+        setState(RUNNING);
+    }
+    if (lock.unlock()) {
+        return reportFailure(SOURCE, Chain::NEW, 7);
+    }
+    return false;
+}
+
+bool Thread::terminate() {
+    MutexLock lock(m_shared.mutex);
+    if (!lock.isLocked()) {
+        return reportFailure(SOURCE, Chain::ON_TOP, 5);
+    }
+    int error = ThreadLink::TOO_LATE;
+    if (getState() == RUNNING) {
+        error = m_link.endThread("terminate", [this] {
+            // Nobody has to join it after its cancellation. Who joins it at this very moment does what the detaching would.
+            if (!m_detached_mode && !m_joining.load(std::memory_order_relaxed)) {
+                pthread_detach(m_handle);
+            }
+            return pthread_cancel(m_handle);
+        });
+    }
+    if (error == ThreadLink::TOO_LATE) {
+        lock.unlock();
+        report(SOURCE, Chain::UNKNOWN, std::CommonError, 1, "Invalid state for termination request");
+        return true;
+    }
+    if (error != 0) {
+        lock.unlock();
+        errno = error;
+        return reportFailure(SOURCE, Chain::UNKNOWN, 5);
+    }
+    setState(DEAD);
+    if (lock.unlock()) {
+        return reportFailure(SOURCE, Chain::ON_TOP, 5);
+    }
+    callExitHandlers(getThreadId(), EXIT_TERMINATED);
+    return false;
+}
+
+Thread::~Thread() {
+    if (!m_valid) {
+        m_link.leaveObject();
+        return;
+    }
+    constexpr char const* FUNCTION = "~Thread";
+    CancellationOff const cancellation_off;
+    insist(FUNCTION, "error getting state lock", [this] { return m_shared.mutex.lock(); });
+    auto const waitForTakeOver = [this] {
+        while (!m_shared.taken_over) {
+            if (m_shared.condition.wait(m_shared.mutex)) {
+                GlobalErrorHandler::doAbort(SOURCE, __LINE__, FUNCTION, "wait failed");
+            }
+        }
+    };
+    // A joinable thread that was terminated may not have come to its wrapper either, and nobody will join it.
+    if ((m_detached_mode && getState() != CREATED) || getState() == DEAD) {
+        waitForTakeOver();
+    }
+    m_shared.object_gone = true;
+    switch (getState()) {
+    case CREATED:
+        setState(FINISHED);
+        insist(FUNCTION, "error unlocking and signaling", [this] { return m_shared.condition.signal(); });
+        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking and signaling");
+        if (!m_detached_mode) {
+            insist(FUNCTION, "error joining non-detached thread", [this] { return join(); });
+        } else {
+            insist(FUNCTION, "error locking", [this] { return m_shared.mutex.lock(); });
+            waitForTakeOver();
+            unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
+        }
+        break;
+    case FINISHED:
+        unlockOrAbort(m_shared.mutex, FUNCTION, "error joining");
+        insist(FUNCTION, "error joining", [this] { return join(); });
+        break;
+    case SUSPENDED:
+        if (m_detached_mode) {
+            // Only the object could wake the thread.
+            setState(RUNNING);
+            insist(FUNCTION, "error unlocking and signaling", [this] { return m_shared.condition.signal(); });
+        }
+        [[fallthrough]];
+    case RUNNING:
+        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
+        if (!m_detached_mode) {
+            GlobalErrorHandler::doAbort(SOURCE, __LINE__, FUNCTION, "thread still running");
+        }
+        break;
+    case DEAD:
+        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
+        break;
+    }
+    if (getThreadState() != DEAD && !m_detached_mode) {
+        GlobalErrorHandler::doAssert(
+            false, "getThreadState() == DEAD || m_detached_mode", SOURCE, __LINE__, FUNCTION, nullptr);
+        // Only a hook lets a destructor come here: the thread goes on without its object, unless it is about to end.
+        insist(FUNCTION, "error getting state lock", [this] { return m_shared.mutex.lock(); });
+        setState(DEAD);
+        waitForTakeOver();
+        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
+        int const detached = m_link.endThread(FUNCTION, [this] {
+            pthread_detach(m_handle);
+            return 0;
+        });
+        if (detached == ThreadLink::TOO_LATE) {
+            pthread_join(m_handle, nullptr);
+        }
+    }
+    free(m_name);
+    m_link.leaveObject();
+}
+
+// ---- exit handlers ----
+
+bool Thread::registerExitHandler(ExitHandler handler) {
+    bool full = false;
+    if (getCallerThreadId() == s_main_thread_id) {
+        // They are only kept: nothing ends the main thread but the end of the process.
+        full = addExitHandler(s_main_exit_handlers, handler);
+    } else if (t_link == nullptr) {
+        report(SOURCE, Chain::NEW, std::CommonError, 1, "calling thread is no VESK thread");
+        return true;
+    } else {
+        full = addExitHandler(t_link->m_exit_handlers, handler);
+    }
+    if (full) {
+        // Nothing has set errno: the text is that of whatever failed last.
+        report(SOURCE, Chain::NEW, SysError, 0, SystemErrorText().get());
+        return true;
+    }
+    return false;
+}
+
+void Thread::callExitHandlers(ThreadId const& id, ExitReason reason) {
+    for (std::atomic<ExitHandler> const& slot : m_link.m_exit_handlers) {
+        ExitHandler const handler = slot.load(std::memory_order_relaxed);
+        if (handler == nullptr) {
+            return;
+        }
+        handler(id, reason);
+    }
+}
+
+// ---- the calling thread ----
+
+bool Thread::init() noexcept {
+    s_main_thread_id = getCallerThreadId();
+    return false;
+}
+
+bool Thread::yield() {
+    if (sched_yield() != 0) {
+        return reportFailure(SOURCE, Chain::NEW, 3);
+    }
+    return false;
+}
+
+} // namespace vesk
