@@ -15,7 +15,8 @@ constexpr char const* ARGUMENT = "Resource deadlock avoided (errno = 35)";
 
 void reportAndAck(benchmark::State& state) {
     for (auto _ : state) {
-        std::ErrorOutput("framework/src/vesk/posix/Mutex", __LINE__, true)(vesk::Mutex::Error, 1, ARGUMENT);
+        std::ErrorOutput("framework/src/vesk/posix/Mutex", __LINE__, true)(
+            vesk::Mutex::ErrorId::LOCK_FAILED, ARGUMENT);
         std::ErrorStorage::ack();
     }
 }

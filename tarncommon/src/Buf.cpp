@@ -34,7 +34,7 @@ Buf::Buf(unsigned int size, Allocator const& allocator, Uninitialised) noexcept
     }
     data = static_cast<unsigned char*>(allocator.allocate(size));
     if (data == nullptr) {
-        ErrorOutput(SOURCE, __LINE__, true)(CommonError, 0);
+        ErrorOutput(SOURCE, __LINE__, true)(CommonErrorId::OUT_OF_MEMORY);
     }
 }
 

@@ -29,7 +29,7 @@ bool filebuf_base::createBuffer() noexcept {
         m_buffer = new (nothrow) char[m_buffer_size];
         failed = m_buffer == nullptr;
         if (failed) {
-            ErrorOutput(SOURCE, __LINE__, true)(CommonError, 0);
+            ErrorOutput(SOURCE, __LINE__, true)(CommonErrorId::OUT_OF_MEMORY);
         }
     }
     empty();

@@ -217,7 +217,7 @@ TEST(DnsSdMemory, txtDataWithoutMemoryIsInvalid) {
         std::Buf const wire = txt.data();
         EXPECT_FALSE(wire.isValid());
         EXPECT_EQ(1, fault.getCalls());
-        EXPECT_TRUE(chainIs({{std::CommonError, 0}}));
+        EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
     }
 }
 

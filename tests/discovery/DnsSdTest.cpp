@@ -433,7 +433,7 @@ TYPED_TEST(DnsSdQueue, destroyingAClientWithUnreadRecordsIsSilent) {
 }
 
 TYPED_TEST(DnsSdQueue, destroyingAClientLeavesAPendingErrorOfItsCallerAlone) {
-    std::ErrorOutput("here", 1, true)(std::CommonError, 1, "mine");
+    std::ErrorOutput("here", 1, true)(std::CommonErrorId::CONTRACT_BROKEN, "mine");
     { TypeParam const kind; }
     EXPECT_TRUE(std::ErrorStorage::isError(true));
     EXPECT_EQ(1, std::ErrorStorage::id());

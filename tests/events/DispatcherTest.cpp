@@ -620,7 +620,7 @@ TEST_P(DispatcherLock, failingToLockIsFatal) {
         GetParam().call(m_dispatcher, m_handler);
     }
     EXPECT_EQ(text("error locking") + "\n" + text("error unlocking"), recorder.getText());
-    EXPECT_TRUE(chainIs({{vesk::Mutex::Error, 3}})) << "the mutex has reported first";
+    EXPECT_TRUE(chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}})) << "the mutex has reported first";
 }
 
 TEST_P(DispatcherLock, failingToUnlockIsFatal) {
@@ -630,7 +630,7 @@ TEST_P(DispatcherLock, failingToUnlockIsFatal) {
         GetParam().call(m_dispatcher, m_handler);
     }
     EXPECT_EQ(text("error unlocking"), recorder.getText());
-    EXPECT_TRUE(chainIs({{vesk::Mutex::Error, 3}}));
+    EXPECT_TRUE(chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}}));
     m_dispatcher.remove_handler(m_handler); // Frees the lock.
     EXPECT_EQ(2U, recorder.getCount());
 }

@@ -49,6 +49,7 @@ using vesk::SignalCatcher;
 using vesk::SignalDispatcher;
 using vesk::SignalQueue;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Thread;
 using Reference = std::SharedBase::Ptr<SignalDispatcher>;
 
@@ -282,9 +283,12 @@ TEST_F(SignalDispatcherTest, WithoutAThreadLeavesTheErrorPendingAndEndsQuietly) 
         Fault const fault(inject_pthread_create, EAGAIN, 1, Fault::FOREVER);
         auto const catcher = std::make_unique<SignalCatcher>(SIGUSR1, CallLog::record, &log);
         EXPECT_TRUE(chainIs(
-            {{SysError, 0, support::rowText(SysError, 0, systemText(EAGAIN))},
-             {Thread::Error, 0, "Thread creation failed: thread creation failed"},
-             {std::CommonError, 1, "Contract broken by the caller: start() called in invalid state"}}));
+            {{SysErrorId::RESOURCES_EXHAUSTED,
+              support::rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EAGAIN))},
+             {Thread::Error, Thread::ErrorId::CREATE_FAILED,
+              "Thread creation failed: thread creation failed"},
+             {std::CommonError, std::CommonErrorId::CONTRACT_BROKEN,
+              "Contract broken by the caller: start() called in invalid state"}}));
         // It is caught all the same.
         raise(SIGUSR1);
     }

@@ -64,6 +64,7 @@ using support::Fault;
 using support::rowText;
 using support::runInChild;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using Notifier = vesk::Dispatcher::Notifier;
 using VanillaNotifier = vesk::Dispatcher::VanillaNotifier;
 
@@ -225,7 +226,8 @@ TEST_P(VanillaNotifierWaitRows, aFailingWaitIsReportedAndTheWaitingGoesOn) {
     std::thread waiter([&] {
         notifier.wait();
         returned = true;
-        EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, GetParam().argument)}}));
+        EXPECT_TRUE(chainIs(
+            {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, GetParam().argument)}}));
     });
     waitUntilAsleep(waits, 3);
     EXPECT_FALSE(returned);

@@ -31,6 +31,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::contentOf;
 using support::failureIs;
@@ -45,9 +46,11 @@ using vesk::BinFileBase;
 using vesk::Directory;
 using vesk::FileAccess;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::FileInfo;
 using vesk::Pipe;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 using OpenFlags = BinFileBase::OpenFlags;
 
@@ -188,8 +191,9 @@ TEST_F(BinFileBaseTest, exclusiveAloneMakesTheFileAndRefusesOneThatIsThere) {
     EXPECT_EQ("", contentOf(path));
     EXPECT_TRUE(m_file.open(path.c_str(), BinFileBase::EXCLUSIVE, BinFileBase::DEFAULT_ACCESS));
     EXPECT_TRUE(chainIs(
-        {{SysError, 13, rowText(SysError, 13, systemText(EEXIST))},
-         {FileAccessError, 4, rowText(FileAccessError, 4, path)}}));
+        {{SysErrorId::IN_USE, rowText(SysErrorId::IN_USE, systemText(EEXIST))},
+         {FileAccessError, FileAccessErrorId::ALREADY_EXISTS,
+          rowText(FileAccessErrorId::ALREADY_EXISTS, path)}}));
     EXPECT_FALSE(m_file.isValid());
 }
 
@@ -295,8 +299,8 @@ TEST_F(BinFileBaseTest, failedOpenLeavesTheObjectClosedWithTheNewWord) {
     std::string const missing = m_folder / "missing";
     EXPECT_TRUE(m_file.open(missing.c_str(), BinFileBase::WRITE, FileAccess::none));
     EXPECT_TRUE(chainIs(
-        {{SysError, 2, rowText(SysError, 2, systemText(ENOENT))},
-         {FileAccessError, 0, rowText(FileAccessError, 0, missing)}}));
+        {{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ENOENT))},
+         {FileAccessError, FileAccessErrorId::BAD_PATH, rowText(FileAccessErrorId::BAD_PATH, missing)}}));
     EXPECT_FALSE(m_file.isValid());
     EXPECT_EQ(-1, m_file.getDescriptor());
     EXPECT_EQ(2U, m_file.getFlags());
@@ -398,8 +402,9 @@ TEST_F(BinFileBaseTest, openWithoutTheRightsIsDenied) {
         support::becomeNobody();
         EXPECT_TRUE(m_file.open(path.c_str(), BinFileBase::READ, FileAccess::none));
         EXPECT_TRUE(chainIs(
-            {{SysError, 7, rowText(SysError, 7, systemText(EACCES))},
-             {FileAccessError, 3, rowText(FileAccessError, 3, path)}}));
+            {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EACCES))},
+             {FileAccessError, FileAccessErrorId::ACCESS_DENIED,
+              rowText(FileAccessErrorId::ACCESS_DENIED, path)}}));
     });
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
@@ -413,8 +418,9 @@ TEST_F(BinFileBaseTest, openWithoutDescriptorsLeftFails) {
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
         EXPECT_TRUE(m_file.open(path.c_str(), BinFileBase::READ, FileAccess::none));
         EXPECT_TRUE(chainIs(
-            {{SysError, 0, rowText(SysError, 0, systemText(EMFILE))},
-             {FileAccessError, 6, rowText(FileAccessError, 6, path)}}));
+            {{SysErrorId::RESOURCES_EXHAUSTED, rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EMFILE))},
+             {FileAccessError, FileAccessErrorId::NO_DESCRIPTOR,
+              rowText(FileAccessErrorId::NO_DESCRIPTOR, path)}}));
     });
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
@@ -432,8 +438,9 @@ TEST_F(BinFileBaseTest, readOnlyFileSystemDeniesWriting) {
         EXPECT_FALSE(m_file.open(path.c_str(), BinFileBase::READ, FileAccess::none));
         EXPECT_TRUE(m_file.open(path.c_str(), BinFileBase::READ_WRITE, FileAccess::none));
         EXPECT_TRUE(chainIs(
-            {{SysError, 7, rowText(SysError, 7, systemText(EROFS))},
-             {FileAccessError, 3, rowText(FileAccessError, 3, path)}}));
+            {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EROFS))},
+             {FileAccessError, FileAccessErrorId::ACCESS_DENIED,
+              rowText(FileAccessErrorId::ACCESS_DENIED, path)}}));
     });
     if (end.exit_code == NO_RIGHT) {
         GTEST_SKIP() << "mounting needs a privilege";
@@ -517,7 +524,9 @@ TEST_F(BinFileBaseTest, nameThatIsNoEntryIsRefusedWhateverTheDirectory) {
         for (char const* const name : {static_cast<char const*>(nullptr), "", "/", "a/b", "/etc", "a/"}) {
             errno = EDOM;
             EXPECT_TRUE(m_file.openAt(*directory, name, true, BinFileBase::READ, FileAccess::none));
-            EXPECT_TRUE(chainIs({{CommonError, 4, rowText(CommonError, 4, systemText(EDOM))}}));
+            EXPECT_TRUE(chainIs(
+                {{CommonErrorId::OPEN_FILE_OPERATION_FAILED,
+                  rowText(CommonErrorId::OPEN_FILE_OPERATION_FAILED, systemText(EDOM))}}));
         }
     }
     EXPECT_EQ(0, calls.getCalls());
@@ -529,7 +538,9 @@ TEST_F(BinFileBaseTest, invalidDirectoryIsRefused) {
     std::ErrorStorage::ack();
     errno = EDOM;
     EXPECT_TRUE(m_file.openAt(dir, "file", true, BinFileBase::READ, FileAccess::none));
-    EXPECT_TRUE(chainIs({{CommonError, 4, rowText(CommonError, 4, systemText(EDOM))}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::OPEN_FILE_OPERATION_FAILED,
+          rowText(CommonErrorId::OPEN_FILE_OPERATION_FAILED, systemText(EDOM))}}));
     EXPECT_FALSE(m_file.isValid());
 }
 
@@ -539,8 +550,8 @@ TEST_F(BinFileBaseTest, symbolicLinkIsFollowedOnlyIfWanted) {
     Directory const dir(m_folder.getPath(), true);
     EXPECT_TRUE(m_file.openAt(dir, "link", false, BinFileBase::READ, FileAccess::none));
     EXPECT_TRUE(chainIs(
-        {{SysError, 2, rowText(SysError, 2, systemText(ELOOP))},
-         {FileAccessError, 0, rowText(FileAccessError, 0, "link")}}));
+        {{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ELOOP))},
+         {FileAccessError, FileAccessErrorId::BAD_PATH, rowText(FileAccessErrorId::BAD_PATH, "link")}}));
     EXPECT_FALSE(m_file.openAt(dir, "link", true, BinFileBase::READ, FileAccess::none));
     EXPECT_EQ(3, m_file.getFileInfo().getSize());
     EXPECT_FALSE(m_file.close());
@@ -673,8 +684,10 @@ TEST_F(BinFileBaseTest, fileInfoOfAClosedObjectIsInvalid) {
     EXPECT_FALSE(info.isValid());
     EXPECT_TRUE(isZeroed(info));
     EXPECT_TRUE(chainIs(
-        {{CommonError, 1,
-          rowText(CommonError, 1, "Attempted to obtain FileInfo object from invalid BinFileBase()")}}));
+        {{CommonErrorId::CONTRACT_BROKEN,
+          rowText(
+              CommonErrorId::CONTRACT_BROKEN,
+              "Attempted to obtain FileInfo object from invalid BinFileBase()")}}));
 }
 
 struct Row {
@@ -730,7 +743,9 @@ TEST_F(BinFileBaseTest, truncateSizeCutsAndExtends) {
 
 TEST_F(BinFileBaseTest, truncateSizeOfAClosedObjectFails) {
     EXPECT_TRUE(m_file.truncateSize(1));
-    EXPECT_TRUE(chainIs({{CommonError, 1, rowText(CommonError, 1, "Tried to truncate invalid file")}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::CONTRACT_BROKEN,
+          rowText(CommonErrorId::CONTRACT_BROKEN, "Tried to truncate invalid file")}}));
     EXPECT_FALSE(m_file.hadError());
 }
 

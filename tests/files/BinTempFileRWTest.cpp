@@ -56,8 +56,10 @@ using support::TempFolder;
 using vesk::BinFileBase;
 using vesk::BinTempFileRW;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::StreamBinFileRW;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::WidePath;
 
 static_assert(!std::is_polymorphic_v<BinTempFileRW> && !std::is_copy_constructible_v<BinTempFileRW>);
@@ -139,8 +141,9 @@ TEST_F(BinTempFileRWTest, prefixInAMissingDirectoryMakesNothing) {
     {
         BinTempFileRW const temp(WidePath((m_folder / "missing/temp-").c_str()));
         EXPECT_TRUE(chainIs(
-            {{SysError, 2, rowText(SysError, 2, systemText(ENOENT))},
-             {FileAccessError, 0, rowText(FileAccessError, 0, pathOf(temp))}}))
+            {{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ENOENT))},
+             {FileAccessError, FileAccessErrorId::BAD_PATH,
+              rowText(FileAccessErrorId::BAD_PATH, pathOf(temp))}}))
             << "whatever has become of the template";
         EXPECT_EQ(m_folder / "missing/temp-", pathOf(temp).substr(0, pathOf(temp).size() - 6));
         EXPECT_FALSE(temp.isValid());
@@ -156,8 +159,8 @@ TEST_F(BinTempFileRWTest, prefixThatTheLocaleCannotExpressIsRefused) {
     prefix += wchar_t{0x20AC};
     BinTempFileRW const temp(prefix);
     EXPECT_TRUE(chainIs(
-        {{SysError, 10, rowText(SysError, 10, systemText(EFAULT))},
-         {FileAccessError, 9, rowText(FileAccessError, 9, "")}}));
+        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(EFAULT))},
+         {FileAccessError, FileAccessErrorId::UNCLASSIFIED, rowText(FileAccessErrorId::UNCLASSIFIED, "")}}));
     EXPECT_FALSE(temp.isValid());
     EXPECT_TRUE(s_templates.empty());
     EXPECT_EQ(0U, countFiles());

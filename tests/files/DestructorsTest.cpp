@@ -58,6 +58,7 @@ using vesk::BinFileBase;
 using vesk::Creatable;
 using vesk::FileAccess;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 using Object = std::shared_ptr<void>;
 using TextFile = vesk::FmtFileWrapper<vesk::StreamBinFileR, std::istream, BinFileBase::ReadFlags>;
@@ -119,8 +120,10 @@ TEST_P(Destructors, whoseCleanUpFailsLeavesAnEarlierFailurePending) {
         ASSERT_TRUE(chainIs({}));
         std::vector<support::ExpectedReport> pending;
         for (int level = 0; level < 12; ++level) {
-            std::ErrorOutput("earlier", level, level == 0)(SysError, 19, level);
-            pending.emplace_back(SysError, 19, support::rowText(SysError, 19, std::to_string(level)));
+            std::ErrorOutput("earlier", level, level == 0)(SysError, SysErrorId::UNCLASSIFIED, level);
+            pending.emplace_back(
+                SysError, SysErrorId::UNCLASSIFIED,
+                support::rowText(SysErrorId::UNCLASSIFIED, std::to_string(level)));
         }
         Fault const fault(*row.call, EIO);
         object.reset();

@@ -112,8 +112,10 @@ using support::TempFolder;
 using vesk::Directory;
 using vesk::DirectoryHandle;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::FileInfo;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 static_assert(std::is_base_of_v<vesk::RefCounted, Directory>);
 // The base, two flags, then the handle.
@@ -184,7 +186,9 @@ char const* const AT_END_INFO = "curInfo() called on directory with atEnd() == t
 char const* const AT_END_DIR = "curDir() called on directory with atEnd() == true";
 
 ExpectedReport commonReport(std::string const& text) {
-    return {std::CommonError, 1, rowText(std::CommonError, 1, text)};
+    return {
+        std::CommonError, std::CommonErrorId::CONTRACT_BROKEN,
+        rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
 }
 
 void expectInvalidAndZeroed(FileInfo const& info) {
@@ -368,7 +372,7 @@ TEST_F(DirectoryTest, aNameThatIsTooLongIsABadPath) {
     // Reports are shorter than that.
     std::string const path = m_folder / std::string(5000, 'x');
     EXPECT_FALSE(Directory(path, false).isValid());
-    EXPECT_TRUE(chainIs({sysReport(2, ENAMETOOLONG), {FileAccessError, 0}}));
+    EXPECT_TRUE(chainIs({sysReport(2, ENAMETOOLONG), {FileAccessError, FileAccessErrorId::BAD_PATH}}));
     Directory const parent(m_folder.getPath(), false);
     std::string const name(256, 'y');
     EXPECT_FALSE(Directory(parent, name, true, false).isValid());
@@ -1164,7 +1168,8 @@ TEST_F(DirectoryTest, aCloseThatFailsIsAWarningAndLeavesNothingPending) {
         EXPECT_FALSE(std::ErrorStorage::isError(false));
         // What was acknowledged can still be read.
         EXPECT_NE(
-            std::string::npos, tarn_error.getReasonList().find(rowText(SysError, 19, systemText(error))));
+            std::string::npos,
+            tarn_error.getReasonList().find(rowText(SysErrorId::UNCLASSIFIED, systemText(error))));
         EXPECT_EQ(0, closedir(s_stream));
     }
 }

@@ -28,6 +28,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using std::IBinStreamBase;
 using support::chainIs;
 using support::failureIs;
@@ -73,7 +74,7 @@ protected:
         size_t const turn = offers.size();
         offers.emplace_back(static_cast<char const*>(buffer), size);
         if (turn >= m_counts.size()) {
-            std::ErrorOutput("test", __LINE__, true)(StreamError, 1);
+            std::ErrorOutput("test", __LINE__, true)(std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED);
             return true;
         }
         written = m_counts[turn];
@@ -154,7 +155,7 @@ TEST_F(FileBufferTest, memoryOfTheCallerIsUsedAndStaysHis) {
 TEST_F(FileBufferTest, withoutMemoryNothingIsRead) {
     support::NewFault const fault(support::New::NOTHROW_ARRAY);
     FileBuffer buffer(&m_file, 16, nullptr);
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_EQ(std::char_traits<char>::eof(), buffer.sgetc());
 }
 
@@ -308,7 +309,7 @@ TEST_F(FileBufferTest, offsetThatDoesNotFitInAClosedFileIsTheClosedFilesFailure)
     EXPECT_FALSE(m_file.close());
     std::streampos position;
     EXPECT_NE(0, buffer.actuallySeek(1LL << 32, std::ios_base::beg, position));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
 }
 
 TEST_F(FileBufferTest, wayThatIsNoneEndsTheProcess) {
@@ -368,7 +369,7 @@ TEST_F(FileBufferTest, failedWriteTellsWhatWasTakenBefore) {
     unsigned int written = 12345;
     EXPECT_EQ(1, buffer.actuallyWrite("abcde", 5, written));
     EXPECT_EQ(2U, written);
-    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
 }
 
 TEST_F(FileBufferTest, flushGoesAllTheWay) {

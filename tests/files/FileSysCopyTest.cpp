@@ -63,8 +63,10 @@ using support::separateMounts;
 using support::systemText;
 using support::TempFolder;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::FileSys;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using StreamBase = std::IBinStreamBase;
 
 constexpr char const* NOTHING = "(none)";
@@ -206,9 +208,11 @@ TEST_F(FileSysCopyTest, bufferOfNothingIsRefusedBeforeAnyFileIsOpened) {
     char buffer[1];
     Fault const opened(inject_open, 0);
     for (void* const given : {static_cast<void*>(nullptr), static_cast<void*>(buffer)}) {
-        std::ErrorOutput("older", 1, true)(SysError, 18);
+        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
         EXPECT_TRUE(copy(0, given));
-        EXPECT_TRUE(chainIs({{std::CommonError, 1, rowText(std::CommonError, 1, "zero bufsize given")}}));
+        EXPECT_TRUE(chainIs(
+            {{std::CommonErrorId::CONTRACT_BROKEN,
+              rowText(std::CommonErrorId::CONTRACT_BROKEN, "zero bufsize given")}}));
     }
     EXPECT_EQ(0, opened.getCalls());
 }
@@ -227,7 +231,7 @@ TEST_F(FileSysCopyTest, withoutMemoryForABufferNothingIsTouched) {
         NewFault const fault(New::NOTHROW_ARRAY);
         EXPECT_TRUE(copy(4096));
     }
-    EXPECT_TRUE(chainIs({{std::CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_EQ(0, opened.getCalls());
 }
 
@@ -258,8 +262,9 @@ TEST_F(FileSysCopyTest, existingDestinationIsNotOverwritten) {
     m_folder.makeFile("destination", "old");
     EXPECT_TRUE(copy(16));
     EXPECT_TRUE(chainIs(
-        {{SysError, 13, rowText(SysError, 13, systemText(EEXIST))},
-         {FileAccessError, 4, "'" + m_destination + "' is already existing"}}));
+        {{SysErrorId::IN_USE, rowText(SysErrorId::IN_USE, systemText(EEXIST))},
+         {FileAccessError, FileAccessErrorId::ALREADY_EXISTS,
+          "'" + m_destination + "' is already existing"}}));
     EXPECT_EQ("old", contentOf(m_destination));
 }
 
@@ -267,7 +272,7 @@ TEST_F(FileSysCopyTest, fileIsNotCopiedOntoItself) {
     makeSource("content");
     m_destination = m_source;
     EXPECT_TRUE(copy(16));
-    EXPECT_TRUE(chainIs({{SysError, 13}, {FileAccessError, 4}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::IN_USE}, {FileAccessError, FileAccessErrorId::ALREADY_EXISTS}}));
     EXPECT_EQ("content", contentOf(m_source));
 }
 
@@ -275,15 +280,15 @@ TEST_F(FileSysCopyTest, danglingLinkAtTheDestinationIsInTheWay) {
     makeSource("content");
     m_folder.makeLink("destination", "nowhere");
     EXPECT_TRUE(copy(16));
-    EXPECT_TRUE(chainIs({{SysError, 13}, {FileAccessError, 4}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::IN_USE}, {FileAccessError, FileAccessErrorId::ALREADY_EXISTS}}));
     EXPECT_EQ(NOTHING, contentOf(m_folder / "nowhere"));
 }
 
 TEST_F(FileSysCopyTest, missingSourceMakesNoCopy) {
     EXPECT_TRUE(copy(16));
     EXPECT_TRUE(chainIs(
-        {{SysError, 2, rowText(SysError, 2, systemText(ENOENT))},
-         {FileAccessError, 0, rowText(FileAccessError, 0, m_source)}}));
+        {{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ENOENT))},
+         {FileAccessError, FileAccessErrorId::BAD_PATH, rowText(FileAccessErrorId::BAD_PATH, m_source)}}));
     EXPECT_EQ(NOTHING, contentOf(m_destination));
 }
 
@@ -307,8 +312,9 @@ TEST_F(FileSysCopyTest, pathWithoutATextFailsWithoutAReport) {
 TEST_F(FileSysCopyTest, directoryCannotBeReadAndLeavesAnEmptyCopy) {
     m_source = m_folder.makeFolder("dir");
     EXPECT_TRUE(copy(16));
-    EXPECT_TRUE(
-        chainIs({{SysError, 2, rowText(SysError, 2, systemText(EISDIR))}, {StreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(EISDIR))},
+         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_EQ("", contentOf(m_destination));
 }
 
@@ -321,8 +327,9 @@ TEST_F(FileSysCopyTest, failedReadLeavesWhatWasCopiedUntilThen) {
         Fault const fault(inject_read, EIO, 3);
         EXPECT_TRUE(copy(4096));
     }
-    EXPECT_TRUE(
-        chainIs({{SysError, 11, rowText(SysError, 11, systemText(EIO))}, {StreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))},
+         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_TRUE(makeBytes(10000).substr(0, 8192) == contentOf(m_destination));
     EXPECT_EQ("", recorder.getText()) << "nothing of it is fatal";
 }
@@ -334,8 +341,9 @@ TEST_F(FileSysCopyTest, failedWriteLeavesWhatWasCopiedUntilThen) {
         Fault const fault(inject_write, ENOSPC, 2);
         EXPECT_TRUE(copy(4096));
     }
-    EXPECT_TRUE(
-        chainIs({{SysError, 15, rowText(SysError, 15, systemText(ENOSPC))}, {StreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::NO_SPACE, rowText(SysErrorId::NO_SPACE, systemText(ENOSPC))},
+         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_TRUE(makeBytes(10000).substr(0, 4096) == contentOf(m_destination));
     EXPECT_EQ("", recorder.getText());
 }
@@ -351,7 +359,8 @@ TEST_F(FileSysCopyTest, firstFailureIsToldWhateverBecomesOfTheCleanUp) {
             EXPECT_NE(0, unclean.getCalls());
         }
         EXPECT_TRUE(chainIs(
-            {{SysError, 15, rowText(SysError, 15, systemText(ENOSPC))}, {StreamBase::StreamError, 1}}));
+            {{SysErrorId::NO_SPACE, rowText(SysErrorId::NO_SPACE, systemText(ENOSPC))},
+             {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
         EXPECT_NE("", recorder.getText()) << "the other one is a warning";
         EXPECT_EQ(0, unlink(m_destination.c_str()));
     }
@@ -393,7 +402,8 @@ TEST_F(FileSysCopyTest, fullFileSystemLeavesWhatItHadRoomFor) {
         m_destination = where + "/copy";
         EXPECT_TRUE(copy(10000));
         EXPECT_TRUE(chainIs(
-            {{SysError, 15, rowText(SysError, 15, systemText(ENOSPC))}, {StreamBase::StreamError, 1}}));
+            {{SysErrorId::NO_SPACE, rowText(SysErrorId::NO_SPACE, systemText(ENOSPC))},
+             {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
         EXPECT_TRUE(content.substr(0, 65536) == contentOf(m_destination));
     });
 }
@@ -408,8 +418,9 @@ TEST_F(FileSysCopyTest, readOnlyFileSystemTakesNoCopy) {
         m_destination = where + "/copy";
         EXPECT_TRUE(copy(16));
         EXPECT_TRUE(chainIs(
-            {{SysError, 7, rowText(SysError, 7, systemText(EROFS))},
-             {FileAccessError, 3, rowText(FileAccessError, 3, m_destination)}}));
+            {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EROFS))},
+             {FileAccessError, FileAccessErrorId::ACCESS_DENIED,
+              rowText(FileAccessErrorId::ACCESS_DENIED, m_destination)}}));
     });
 }
 
@@ -419,7 +430,10 @@ TEST_F(FileSysCopyTest, sourceOfSomebodyElseIsNotRead) {
     expectInChild([&] {
         ASSERT_TRUE(support::dropRights());
         EXPECT_TRUE(copy(16));
-        EXPECT_TRUE(chainIs({{SysError, 7}, {FileAccessError, 3, rowText(FileAccessError, 3, m_source)}}));
+        EXPECT_TRUE(chainIs(
+            {{SysErrorId::PERMISSION_DENIED},
+             {FileAccessError, FileAccessErrorId::ACCESS_DENIED,
+              rowText(FileAccessErrorId::ACCESS_DENIED, m_source)}}));
     });
 }
 
@@ -460,7 +474,7 @@ TEST_F(FileSysCopyTest, whoeverSurvivesAFailedCloseOfTheSourceGetsTheDestination
         EXPECT_EQ(3, closed.getCalls()) << "the one that failed, and one of each destructor";
     }
     EXPECT_EQ(ABORT, recorder.getText());
-    EXPECT_TRUE(chainIs({{SysError, 11, rowText(SysError, 11, systemText(EIO))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))}}));
     EXPECT_EQ("content", contentOf(m_destination));
 }
 
@@ -475,8 +489,9 @@ TEST_F(FileSysCopyTest, failedFlushDoesNotKeepTheDestinationFromBeingClosed) {
         EXPECT_EQ(2, closed.getCalls());
     }
     EXPECT_EQ(ABORT, recorder.getText());
-    EXPECT_TRUE(
-        chainIs({{SysError, 11, rowText(SysError, 11, systemText(EIO))}, {StreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))},
+         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
 }
 
 } // namespace

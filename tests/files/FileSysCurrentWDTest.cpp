@@ -25,6 +25,7 @@ using support::systemText;
 using support::TemporaryDirectory;
 using vesk::FileSys;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 TEST(FileSysCurrentWD, isTheWorkingDirectory) {
     TemporaryDirectory const directory;
@@ -85,7 +86,7 @@ TEST(FileSysCurrentWD, failureOpensANewChain) {
         Fault const fault(inject_getcwd, error);
         EXPECT_TRUE(FileSys::currentWD(result));
     }
-    EXPECT_TRUE(chainIs({{SysError, 1}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::OUT_OF_MEMORY}}));
 }
 
 TEST(FileSysCurrentWD, removedDirectoryIsAnInvalidPath) {
@@ -97,7 +98,8 @@ TEST(FileSysCurrentWD, removedDirectoryIsAnInvalidPath) {
         std::string result = "before";
         EXPECT_TRUE(FileSys::currentWD(result));
         EXPECT_EQ("before", result);
-        EXPECT_TRUE(chainIs({{SysError, 2, rowText(SysError, 2, systemText(ENOENT))}}));
+        EXPECT_TRUE(
+            chainIs({{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ENOENT))}}));
     });
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
@@ -136,7 +138,8 @@ TEST(FileSysCurrentWD, longerPathIsSpoiledIntegrity) {
         std::string result = "before";
         EXPECT_TRUE(FileSys::currentWD(result));
         EXPECT_EQ("before", result);
-        EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, systemText(ERANGE))}}));
+        EXPECT_TRUE(chainIs(
+            {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(ERANGE))}}));
     });
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }

@@ -241,12 +241,12 @@ TEST_F(FileSysMountPointsTest, withoutTheFileTheListIsEmptyAndNothingIsReported)
 }
 
 TEST_F(FileSysMountPointsTest, pendingErrorStaysAsItWas) {
-    std::ErrorOutput("older", 1, true)(vesk::SysError, 18);
+    std::ErrorOutput("older", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(inject_open, ENOENT);
         EXPECT_EQ(List{}, FileSys::getMountPoints());
     }
-    EXPECT_TRUE(chainIs({{vesk::SysError, 18}}));
+    EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}}));
 }
 
 TEST_F(FileSysMountPointsTest, errorWhileReadingIsTakenForTheEnd) {

@@ -52,6 +52,7 @@ using vesk::FileAccessError;
 using vesk::FileSys;
 using vesk::Group;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UnicodeString;
 using vesk::User;
 
@@ -84,7 +85,7 @@ class FileSysRows : public testing::TestWithParam<Row> {
 protected:
     void expectFailure(Injected& function, std::function<bool()> const& operation, char const* path = PATH) {
         // What is pending from before goes with the new chain.
-        std::ErrorOutput("older", 1, true)(SysError, 18);
+        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
         Fault const fault(function, GetParam().error);
         EXPECT_TRUE(operation());
         EXPECT_EQ(1, fault.getCalls()) << "tried again";

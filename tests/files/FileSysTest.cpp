@@ -80,9 +80,11 @@ using support::systemText;
 using support::TempFolder;
 using vesk::FileAccess;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::FileSys;
 using vesk::Group;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UnicodeString;
 using vesk::User;
 
@@ -334,15 +336,17 @@ TEST_F(FileSysTest, longPathsOfAMoveAreCutAsEveryReportIs) {
     std::string const destination = at(std::string(300, 'b'));
     EXPECT_TRUE(FileSys::move(source.c_str(), destination.c_str()));
     ASSERT_NE(nullptr, std::ErrorStorage::get());
-    std::string text = rowText(FileAccessError, 0, source + " or " + destination);
+    std::string text = rowText(FileAccessErrorId::BAD_PATH, source + " or " + destination);
     text = text.substr(0, std::ErrorObject::TEXT_SIZE - 1 - 3) + "...";
     EXPECT_EQ(text, std::ErrorStorage::get()->getText());
-    EXPECT_TRUE(chainIs({{SysError, 2}, {FileAccessError, 0}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PATH}, {FileAccessError, FileAccessErrorId::BAD_PATH}}));
 
     // As long as fits, with nothing to spare.
     std::string const near(std::ErrorObject::TEXT_SIZE - 1 - strlen("Bad path '/no/a or '"), 'b');
     EXPECT_TRUE(FileSys::move("/no/a", near.c_str()));
-    EXPECT_TRUE(chainIs({{SysError, 2}, {FileAccessError, 0, "Bad path '/no/a or " + near + "'"}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INVALID_PATH},
+         {FileAccessError, FileAccessErrorId::BAD_PATH, "Bad path '/no/a or " + near + "'"}}));
 }
 
 // ---- changeWD ----
@@ -365,8 +369,8 @@ TEST_F(FileSysTest, accessToAMissingWorkingDirectoryIsDenied) {
     std::string const path = at("none");
     EXPECT_TRUE(FileSys::changeWD(path.c_str()));
     EXPECT_TRUE(chainIs(
-        {{SysError, 2, "Invalid path specified: " + systemText(ENOENT)},
-         {FileAccessError, 3, "Access to path '" + path + "' denied"}}));
+        {{SysErrorId::INVALID_PATH, "Invalid path specified: " + systemText(ENOENT)},
+         {FileAccessError, FileAccessErrorId::ACCESS_DENIED, "Access to path '" + path + "' denied"}}));
 }
 
 TEST_F(FileSysTest, fileIsNoWorkingDirectory) {
@@ -935,8 +939,8 @@ TEST_F(FileSysTest, moveBetweenTwoFileSystemsIsNotImplementedAndLosesNothing) {
         ASSERT_TRUE(separateMounts() && mountMemory(where)) << strerror(errno);
         EXPECT_TRUE(FileSys::move(file.c_str(), other.c_str()));
         EXPECT_TRUE(chainIs(
-            {{SysError, 6, "Function not implemented: " + systemText(EXDEV)},
-             {FileAccessError, 9,
+            {{SysErrorId::NOT_IMPLEMENTED, "Function not implemented: " + systemText(EXDEV)},
+             {FileAccessError, FileAccessErrorId::UNCLASSIFIED,
               "Unclassified open/access error occured for path '" + file + " or " + other + "'"}}));
         EXPECT_EQ("content", contentOf(file));
         EXPECT_EQ(1, FileSys::exists(other.c_str(), false)) << "nothing is copied";

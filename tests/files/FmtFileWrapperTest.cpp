@@ -26,7 +26,9 @@ using support::TempFolder;
 using vesk::BinFileBase;
 using vesk::FileAccess;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 using TextFile = vesk::FmtFileWrapper<vesk::StreamBinFileR, std::istream, BinFileBase::ReadFlags>;
 
@@ -92,8 +94,8 @@ TEST_F(FmtFileWrapperTest, missingFileMakesTheStreamBadAndLeavesTheReport) {
     EXPECT_FALSE(file.isValid());
     EXPECT_TRUE(file.bad());
     EXPECT_TRUE(chainIs(
-        {{SysError, 2, rowText(SysError, 2, systemText(ENOENT))},
-         {FileAccessError, 0, rowText(FileAccessError, 0, missing)}}));
+        {{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ENOENT))},
+         {FileAccessError, FileAccessErrorId::BAD_PATH, rowText(FileAccessErrorId::BAD_PATH, missing)}}));
     unsigned int number = 12345;
     EXPECT_FALSE(file >> number);
     EXPECT_TRUE(chainIs({}));
@@ -130,7 +132,8 @@ TEST_F(FmtFileWrapperTest, closedObjectHasAGoodStreamAndNothingToRead) {
     EXPECT_FALSE(file.isValid());
     EXPECT_TRUE(file.good());
     EXPECT_EQ(std::char_traits<char>::eof(), file.get());
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}, {std::IBinStreamBase::StreamError, 0}}));
+    EXPECT_TRUE(
+        chainIs({{std::CommonErrorId::CONTRACT_BROKEN}, {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_FALSE(file.close());
 }
 

@@ -19,6 +19,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::accessAt;
 using support::chainIs;
 using support::failureIs;
@@ -92,7 +93,8 @@ TEST_F(MemBinFileBaseTest, mappingIsRemovedOnce) {
     EXPECT_EQ(0U, mappedBytes(m_path));
     EXPECT_TRUE(m_file.removeMapping(mapping));
     EXPECT_TRUE(chainIs(
-        {{CommonError, 1, rowText(CommonError, 1, "Attempt to remove a mapping that isn't registered")}}));
+        {{CommonErrorId::CONTRACT_BROKEN,
+          rowText(CommonErrorId::CONTRACT_BROKEN, "Attempt to remove a mapping that isn't registered")}}));
 }
 
 TEST_F(MemBinFileBaseTest, mappingOfAnotherFileIsNotRemoved) {
@@ -100,7 +102,7 @@ TEST_F(MemBinFileBaseTest, mappingOfAnotherFileIsNotRemoved) {
     File other;
     EXPECT_FALSE(other.open(m_path.c_str(), other.READ, other.DEFAULT_ACCESS));
     EXPECT_TRUE(other.removeMapping(mapping));
-    EXPECT_TRUE(chainIs({{CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
     EXPECT_EQ(m_page, mappedBytes(m_path));
 }
 

@@ -149,7 +149,7 @@ TEST(Path, failureToCanonicalizeLeavesWhatIsPending) {
         EXPECT_EQ("", canonical);
         EXPECT_EQ(1, fault.getCalls());
     }
-    EXPECT_TRUE(chainIs({{vesk::SysError, 7}}));
+    EXPECT_TRUE(chainIs({{vesk::SysErrorId::PERMISSION_DENIED}}));
 }
 
 } // namespace

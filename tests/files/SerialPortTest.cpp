@@ -72,8 +72,10 @@ using support::rowText;
 using support::systemText;
 using support::TempFolder;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::SerialPort;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using Parity = SerialPort::Parity;
 using StreamBase = std::IBinStreamBase;
 
@@ -144,8 +146,8 @@ private:
 /// The root cause that `open` reports, and the report on top of it.
 std::vector<ExpectedReport> refusal(int error, std::string const& device) {
     return {
-        {SysError, 19, rowText(SysError, 19, systemText(error))},
-        {FileAccessError, 9, rowText(FileAccessError, 9, device)}};
+        {SysError, SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(error))},
+        {FileAccessError, FileAccessErrorId::UNCLASSIFIED, rowText(FileAccessErrorId::UNCLASSIFIED, device)}};
 }
 
 class SerialPortTest : public testing::Test {
@@ -209,11 +211,12 @@ class SerialPortUnsupportedParity : public SerialPortTest, public testing::WithP
 
 TEST_P(SerialPortUnsupportedParity, isRefusedBeforeTheDevice) {
     std::vector<ExpectedReport> const expected = {
-        {std::CommonError, 6, rowText(std::CommonError, 6, "MARK/SPACE setting is not supported on POSIX")}};
+        {std::CommonError, std::CommonErrorId::NOT_SUPPORTED,
+         rowText(std::CommonErrorId::NOT_SUPPORTED, "MARK/SPACE setting is not supported on POSIX")}};
     Fault const opened(inject_open, 0);
     for (std::string const& device : {m_terminal.getPath(), std::string()}) {
         SerialPort port(device, 9600, GetParam());
-        std::ErrorOutput("older", 1, true)(SysError, 18);
+        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
         EXPECT_TRUE(port.open());
         EXPECT_TRUE(port.hadError());
         EXPECT_FALSE(port.isValid());
@@ -227,11 +230,11 @@ INSTANTIATE_TEST_SUITE_P(All, SerialPortUnsupportedParity, testing::Values(Parit
 TEST(SerialPort, emptyDeviceIsABadPath) {
     Fault const opened(inject_open, 0);
     SerialPort port("");
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_TRUE(port.open());
     EXPECT_TRUE(port.hadError());
     EXPECT_FALSE(port.isValid());
-    EXPECT_TRUE(chainIs({{FileAccessError, 0, "Bad path '<empty string given>'"}}));
+    EXPECT_TRUE(chainIs({{FileAccessErrorId::BAD_PATH, "Bad path '<empty string given>'"}}));
     EXPECT_EQ(0, opened.getCalls());
 }
 
@@ -241,13 +244,13 @@ TEST_F(SerialPortTest, openPortIsClosedEvenIfItsNewSettingsAreRefused) {
     port.setParity(Parity::MARK);
     EXPECT_TRUE(port.open());
     EXPECT_FALSE(port.isValid());
-    EXPECT_TRUE(chainIs({{std::CommonError, 6}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::NOT_SUPPORTED}}));
     port.setParity(Parity::NONE);
     ASSERT_FALSE(port.open());
     port.setDevice("");
     EXPECT_TRUE(port.open());
     EXPECT_FALSE(port.isValid());
-    EXPECT_TRUE(chainIs({{FileAccessError, 0}}));
+    EXPECT_TRUE(chainIs({{FileAccessErrorId::BAD_PATH}}));
 }
 
 TEST(SerialPort, missingDeviceIsReportedByTheOpenOfTheFile) {
@@ -255,8 +258,9 @@ TEST(SerialPort, missingDeviceIsReportedByTheOpenOfTheFile) {
     EXPECT_TRUE(port.open());
     EXPECT_FALSE(port.isValid());
     EXPECT_TRUE(chainIs(
-        {{SysError, 2, rowText(SysError, 2, systemText(ENOENT))},
-         {FileAccessError, 0, rowText(FileAccessError, 0, "/no/such/device")}}));
+        {{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ENOENT))},
+         {FileAccessError, FileAccessErrorId::BAD_PATH,
+          rowText(FileAccessErrorId::BAD_PATH, "/no/such/device")}}));
 }
 
 // ---- How the line is set up ----
@@ -464,11 +468,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(SerialPortTest, refusalStaysOnTopOfWhatWasPendingBefore) {
     SerialPort port(m_terminal.getPath());
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Fault const fault(inject_tcgetattr, EIO);
     EXPECT_TRUE(port.open());
     std::vector<ExpectedReport> expected = refusal(EIO, m_terminal.getPath());
-    expected.insert(expected.begin(), {SysError, 18});
+    expected.insert(expected.begin(), {SysError, SysErrorId::NO_SUCH_PROCESS});
     EXPECT_TRUE(chainIs(expected));
 }
 
@@ -480,7 +484,9 @@ TEST_F(SerialPortTest, failureToCloseARefusedLineIsToldBelowTheRefusal) {
         EXPECT_TRUE(port.open());
     }
     std::vector<ExpectedReport> expected = refusal(ENODEV, m_terminal.getPath());
-    expected.insert(expected.begin(), {SysError, 11, rowText(SysError, 11, systemText(EIO))});
+    expected.insert(
+        expected.begin(),
+        {SysError, SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))});
     EXPECT_TRUE(chainIs(expected));
     EXPECT_TRUE(port.hadError());
     EXPECT_FALSE(port.close()) << "it may be tried again";
@@ -501,7 +507,8 @@ TEST(SerialPort, plainFileIsOpenedAndClosedAgain) {
     std::vector<ExpectedReport> expected = refusal(ENOTTY, path);
     expected.insert(
         expected.begin(),
-        {{SysError, 11, rowText(SysError, 11, systemText(ENOTTY))}, {StreamBase::StreamError, 1}});
+        {{SysError, SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(ENOTTY))},
+         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}});
     EXPECT_TRUE(chainIs(expected));
     EXPECT_EQ("content", support::contentOf(path));
 }
@@ -540,8 +547,9 @@ TEST_F(SerialPortTest, lineThatCannotBeClosedIsNotOpenedAgain) {
     }
     EXPECT_EQ(0, opened.getCalls());
     EXPECT_FALSE(port.isValid()) << "it is closed all the same";
-    EXPECT_TRUE(
-        chainIs({{SysError, 11, rowText(SysError, 11, systemText(EIO))}, {StreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))},
+         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_FALSE(port.open());
 }
 
@@ -561,14 +569,16 @@ TEST_F(SerialPortTest, openingAgainKeepsWhatWasReadAhead) {
 TEST_F(SerialPortTest, portWithoutItsBufferIsNeverValidAndLosesNoDescriptor) {
     NewFault const fault(New::NOTHROW_ARRAY);
     SerialPort port(m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 16, 0);
-    EXPECT_TRUE(chainIs({{std::CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_FALSE(port.open());
     EXPECT_FALSE(port.isValid());
     EXPECT_FALSE(port.open());
     char byte = 0;
     unsigned int count = 0;
     EXPECT_EQ(-1, port.read(&byte, 1, count));
-    EXPECT_TRUE(chainIs({{std::CommonError, 0}, {StreamBase::StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {{std::CommonErrorId::OUT_OF_MEMORY},
+         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     port.setBaudRate(75);
     EXPECT_TRUE(port.open());
     EXPECT_EQ(-1, port.getDescriptor()) << "a refused line is not left half open";
@@ -639,7 +649,8 @@ TEST_F(SerialPortTest, lineHasNoPosition) {
     ASSERT_FALSE(port.open());
     unsigned int position = 0;
     EXPECT_TRUE(port.seek(0, SerialPort::Current, position));
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, systemText(ESPIPE))}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(ESPIPE))}}));
 }
 
 // ---- Flushing and closing ----
@@ -673,7 +684,7 @@ class SerialPortFlushRows : public SerialPortTest, public testing::WithParamInte
 TEST_P(SerialPortFlushRows, isAnErrorOfTheLineWhateverTheReason) {
     SerialPort port(m_terminal.getPath());
     ASSERT_FALSE(port.open());
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(inject_tcdrain, GetParam());
         EXPECT_TRUE(port.flush(false));
@@ -681,7 +692,8 @@ TEST_P(SerialPortFlushRows, isAnErrorOfTheLineWhateverTheReason) {
     }
     EXPECT_TRUE(port.hadError());
     EXPECT_TRUE(chainIs(
-        {{SysError, 11, rowText(SysError, 11, systemText(GetParam()))}, {StreamBase::StreamError, 1}}));
+        {{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(GetParam()))},
+         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_FALSE(port.flush(false));
     EXPECT_FALSE(port.hadError());
 }
@@ -693,8 +705,9 @@ TEST(SerialPort, closedPortCannotBeFlushed) {
     EXPECT_TRUE(port.flush(false));
     EXPECT_TRUE(port.hadError());
     EXPECT_TRUE(chainIs(
-        {{std::CommonError, 1, rowText(std::CommonError, 1, "attempted flush on invalid file object")},
-         {StreamBase::StreamError, 0}}));
+        {{std::CommonErrorId::CONTRACT_BROKEN,
+          rowText(std::CommonErrorId::CONTRACT_BROKEN, "attempted flush on invalid file object")},
+         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_FALSE(port.close()) << "but closed again";
     EXPECT_TRUE(chainIs({}));
 }

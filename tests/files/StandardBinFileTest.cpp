@@ -115,7 +115,8 @@ TYPED_TEST(StandardBinFile, closeEndsOnlyTheObjectsUseOfTheDescriptor) {
     unsigned int written = 12345;
     EXPECT_EQ(-1, output.write("x", 1, written));
     EXPECT_EQ(0U, written);
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}, {std::IBinStreamBase::StreamError, 0}}));
+    EXPECT_TRUE(
+        chainIs({{std::CommonErrorId::CONTRACT_BROKEN}, {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_FALSE(output.close());
     EXPECT_EQ(0, syncs.getCalls()) << "nothing is flushed";
 }

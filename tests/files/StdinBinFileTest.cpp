@@ -54,7 +54,7 @@ TEST(StdinBinFile, readsStandardInputWithoutABuffer) {
         EXPECT_EQ(2, read(STDIN_FILENO, rest, sizeof rest)) << "nothing is read ahead";
         EXPECT_FALSE(pipe.closeWriteEnd());
         EXPECT_EQ("", readFrom(input, 1, 0));
-        EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamError, 2}}));
+        EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
     });
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
@@ -66,7 +66,8 @@ TEST(StdinBinFile, closeEndsOnlyTheObjectsUseOfTheDescriptor) {
     EXPECT_FALSE(input.isValid());
     EXPECT_TRUE(isOpen(STDIN_FILENO));
     EXPECT_EQ("", readFrom(input, 1, -1));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}, {std::IBinStreamBase::StreamError, 0}}));
+    EXPECT_TRUE(
+        chainIs({{std::CommonErrorId::CONTRACT_BROKEN}, {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_FALSE(input.close());
 }
 

@@ -22,6 +22,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::failureIs;
 using support::Fault;
@@ -32,9 +33,11 @@ using support::TempFolder;
 using vesk::BinFileBase;
 using vesk::FileAccess;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::Pipe;
 using vesk::StreamBinFileBase;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 class File : public StreamBinFileBase {};
 
@@ -82,8 +85,9 @@ TEST_F(StreamBinFileBaseTest, seekOnAClosedObjectFails) {
     EXPECT_FALSE(m_file.close());
     Fault const calls(inject_lseek, 0);
     EXPECT_TRUE(m_file.seek(0, StreamBinFileBase::Begin, m_position));
-    EXPECT_TRUE(
-        chainIs({{CommonError, 1, rowText(CommonError, 1, "Attempt to seek on invalid file object")}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::CONTRACT_BROKEN,
+          rowText(CommonErrorId::CONTRACT_BROKEN, "Attempt to seek on invalid file object")}}));
     EXPECT_TRUE(m_file.hadError());
     EXPECT_EQ(0U, m_position);
     EXPECT_EQ(0, calls.getCalls());
@@ -170,8 +174,9 @@ TEST_F(StreamBinFileBaseTest, fileBeyondTwoGibibytesFailsAtTheLatestWhereItsPosi
     bool const failed = m_file.open(m_path.c_str(), BinFileBase::READ, FileAccess::none);
     if (sizeof(off_t) == 4 && failed) {
         EXPECT_TRUE(chainIs(
-            {{SysError, 19, rowText(SysError, 19, support::systemText(EOVERFLOW))},
-             {FileAccessError, 9, rowText(FileAccessError, 9, m_path)}}));
+            {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, support::systemText(EOVERFLOW))},
+             {FileAccessError, FileAccessErrorId::UNCLASSIFIED,
+              rowText(FileAccessErrorId::UNCLASSIFIED, m_path)}}));
         return;
     }
     // A 64-bit system opens it, also for a 32-bit program that it emulates.

@@ -24,6 +24,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using std::IBinInputStream;
 using std::IBinStreamBase;
 using support::chainIs;
@@ -44,10 +45,12 @@ using support::systemText;
 using vesk::BinFileBase;
 using vesk::Directory;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::Pipe;
 using vesk::StreamBinFileBase;
 using vesk::StreamBinFileR;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UnicodeString;
 
 using Row = support::StreamRow;
@@ -70,7 +73,7 @@ public:
 
 /// The standard error of a stream, without the cause below it.
 testing::AssertionResult atEnd() {
-    return chainIs({{IBinStreamBase::StreamError, 2}});
+    return chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM}});
 }
 
 class StreamBinFileRTest : public support::StreamFileTest {
@@ -137,8 +140,8 @@ TEST_F(StreamBinFileRTest, failedOpenIsReportedAsInTheBase) {
     std::string const missing = m_folder / "missing";
     auto const is_missing = [](std::string const& path) {
         return chainIs(
-            {{SysError, 2, rowText(SysError, 2, systemText(ENOENT))},
-             {FileAccessError, 0, rowText(FileAccessError, 0, path)}});
+            {{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ENOENT))},
+             {FileAccessError, FileAccessErrorId::BAD_PATH, rowText(FileAccessErrorId::BAD_PATH, path)}});
     };
     EXPECT_TRUE(file.open(missing.c_str(), file.READ));
     EXPECT_TRUE(is_missing(missing));
@@ -180,7 +183,7 @@ TEST_F(StreamBinFileRTest, fileThatIsMadeIsForOwnerAndGroup) {
 TEST_F(StreamBinFileRTest, withoutMemoryForItsBufferItCannotBeOpened) {
     NewFault const fault(New::NOTHROW_ARRAY);
     Reader file(16);
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     Fault const opens(inject_open, 0);
     EXPECT_TRUE(file.open(m_path.c_str(), file.READ));
     EXPECT_TRUE(openIsRefused());
@@ -516,8 +519,9 @@ TEST_F(StreamBinFileRTest, failedSeekLosesTheReadAhead) {
 TEST_F(StreamBinFileRTest, seekOnAClosedObjectFails) {
     Reader file;
     EXPECT_TRUE(file.seek(0, file.Begin, m_position));
-    EXPECT_TRUE(
-        chainIs({{CommonError, 1, rowText(CommonError, 1, "Attempt to seek on invalid file object")}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::CONTRACT_BROKEN,
+          rowText(CommonErrorId::CONTRACT_BROKEN, "Attempt to seek on invalid file object")}}));
     EXPECT_EQ(0U, m_position);
 }
 
@@ -540,7 +544,7 @@ TEST_F(StreamBinFileRTest, closeKeepsTheReadAheadForTheReader) {
     EXPECT_FALSE(file.isValid());
     EXPECT_EQ("123", readFrom(file, 10));
     EXPECT_EQ("", readFrom(file, 10, -1));
-    EXPECT_TRUE(chainIs({{CommonError, 1}, {IBinStreamBase::StreamError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}, {IBinStreamBase::StreamErrorId::UNUSABLE}}));
 }
 
 TEST_F(StreamBinFileRTest, destructorClosesTheFileThroughEveryBase) {

@@ -26,6 +26,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using std::IBinInputStream;
 using std::IBinOutputStream;
 using std::IBinStreamBase;
@@ -48,11 +49,13 @@ using support::writeTo;
 using vesk::BinFileBase;
 using vesk::Directory;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::StreamBinFileBase;
 using vesk::StreamBinFileR;
 using vesk::StreamBinFileRW;
 using vesk::StreamBinFileW;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UnicodeString;
 
 using ReadWriteFlags = BinFileBase::ReadWriteFlags;
@@ -162,8 +165,8 @@ TEST_F(StreamBinFileRWTest, failedOpenIsReportedAsInTheBase) {
     std::string const missing = m_folder / "missing";
     EXPECT_TRUE(file.open(missing, file.READ_WRITE));
     EXPECT_TRUE(chainIs(
-        {{SysError, 2, rowText(SysError, 2, systemText(ENOENT))},
-         {FileAccessError, 0, rowText(FileAccessError, 0, missing)}}));
+        {{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ENOENT))},
+         {FileAccessError, FileAccessErrorId::BAD_PATH, rowText(FileAccessErrorId::BAD_PATH, missing)}}));
     EXPECT_FALSE(file.isValid());
 }
 
@@ -173,7 +176,7 @@ TEST_F(StreamBinFileRWTest, withoutMemoryForOneOfItsBuffersItCannotBeOpened) {
     for (int const nth : {1, 2}) {
         NewFault const fault(New::NOTHROW_ARRAY, nth);
         File file(16, 16);
-        EXPECT_TRUE(chainIs({{CommonError, 0}}));
+        EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
         EXPECT_TRUE(file.open(m_path, file.READ_WRITE | file.TRUNCATE));
         EXPECT_TRUE(openIsRefused());
         EXPECT_TRUE(file.openAt(dir, "file", true, file.READ_WRITE | file.TRUNCATE));
@@ -391,8 +394,9 @@ TEST_F(StreamBinFileRWTest, seekGoesOnWhenOnlyTheMediumFails) {
 TEST_F(StreamBinFileRWTest, seekOnAClosedObjectFails) {
     EXPECT_FALSE(m_file.close());
     EXPECT_TRUE(m_file.seek(0, m_file.Begin, m_position));
-    EXPECT_TRUE(
-        chainIs({{CommonError, 1, rowText(CommonError, 1, "Attempt to seek on invalid file object")}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::CONTRACT_BROKEN,
+          rowText(CommonErrorId::CONTRACT_BROKEN, "Attempt to seek on invalid file object")}}));
 }
 
 // ---- close and the end of the object ----
@@ -590,7 +594,7 @@ protected:
         if (result == 0) {
             ASSERT_EQ(0U, count);
             ASSERT_GE(m_place, m_content.size());
-            ASSERT_TRUE(chainIs({{IBinStreamBase::StreamError, 2}}));
+            ASSERT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
             return;
         }
         ASSERT_EQ(1, result);

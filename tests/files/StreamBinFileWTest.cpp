@@ -33,6 +33,7 @@ VESK_INJECT_ERRNO(int, -1, poll, (pollfd * fds, nfds_t count, int timeout), (fds
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using std::IBinOutputStream;
 using std::IBinStreamBase;
 using support::chainIs;
@@ -52,10 +53,12 @@ using support::writeTo;
 using vesk::BinFileBase;
 using vesk::Directory;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::Pipe;
 using vesk::StreamBinFileBase;
 using vesk::StreamBinFileW;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UnicodeString;
 
 using Row = support::StreamRow;
@@ -141,10 +144,14 @@ TEST_F(StreamBinFileWTest, failedOpenIsReportedAsInTheBase) {
     Directory const dir(m_folder.getPath(), true);
     EXPECT_TRUE(file.open(m_path, file.WRITE | file.CREATE | file.EXCLUSIVE));
     EXPECT_TRUE(chainIs(
-        {{SysError, 13, rowText(SysError, 13, systemText(EEXIST))},
-         {FileAccessError, 4, rowText(FileAccessError, 4, m_path)}}));
+        {{SysErrorId::IN_USE, rowText(SysErrorId::IN_USE, systemText(EEXIST))},
+         {FileAccessError, FileAccessErrorId::ALREADY_EXISTS,
+          rowText(FileAccessErrorId::ALREADY_EXISTS, m_path)}}));
     EXPECT_TRUE(file.openAt(dir, "file", true, WriteFlags(0x4AU)));
-    EXPECT_TRUE(chainIs({{SysError, 13}, {FileAccessError, 4, rowText(FileAccessError, 4, "file")}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::IN_USE},
+         {FileAccessError, FileAccessErrorId::ALREADY_EXISTS,
+          rowText(FileAccessErrorId::ALREADY_EXISTS, "file")}}));
     EXPECT_FALSE(file.isValid());
 }
 
@@ -170,7 +177,7 @@ TEST_F(StreamBinFileWTest, fileThatIsMadeIsForOwnerAndGroup) {
 TEST_F(StreamBinFileWTest, withoutMemoryForItsBufferItCannotBeOpened) {
     NewFault const fault(New::NOTHROW_ARRAY);
     Writer file(16);
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_TRUE(file.open(m_path.c_str(), file.WRITE | file.TRUNCATE));
     EXPECT_TRUE(openIsRefused());
     EXPECT_TRUE(file.open(m_path, file.WRITE | file.TRUNCATE));
@@ -449,7 +456,7 @@ TEST_F(StreamBinFileWTest, hadErrorTellsThatASinkDidNotTakeWhatAFlushOrSeekPasse
         writeTo(file, "a");
         EXPECT_FALSE(file.hadError());
         EXPECT_TRUE(refused());
-        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 1}}));
+        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
         EXPECT_TRUE(file.hadError());
     }
     EXPECT_EQ(1, writeOnce(file, std::string(16, 'b'), 13)) << "no failure of a write";

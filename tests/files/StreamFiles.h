@@ -31,14 +31,18 @@ inline void PrintTo(StreamRow const& row, std::ostream* out) {
 /// How `open` fails for an object that could not have its buffer.
 inline testing::AssertionResult openIsRefused() {
     using std::CommonError;
-    return chainIs({{CommonError, 1, rowText(CommonError, 1, "Attempted open on invalid object")}});
+    return chainIs(
+        {{std::CommonErrorId::CONTRACT_BROKEN,
+          rowText(std::CommonErrorId::CONTRACT_BROKEN, "Attempted open on invalid object")}});
 }
 
 /// How `attempt` ("read", "write", "flush") fails without an open file.
 inline testing::AssertionResult closedFileIsTold(std::string const& attempt) {
     using std::CommonError;
     std::string const text = "attempted " + attempt + " on invalid file object";
-    return chainIs({{CommonError, 1, rowText(CommonError, 1, text)}, {std::IBinStreamBase::StreamError, 0}});
+    return chainIs(
+        {{std::CommonErrorId::CONTRACT_BROKEN, rowText(std::CommonErrorId::CONTRACT_BROKEN, text)},
+         {std::IBinStreamBase::StreamErrorId::UNUSABLE}});
 }
 
 /// A file with some content, alone in its folder.

@@ -343,7 +343,7 @@ TEST(WidePath, failureToCanonicalizeLeavesWhatIsPending) {
         EXPECT_EQ(L"", canonical);
         EXPECT_TRUE(canonical.isValid());
     }
-    EXPECT_TRUE(chainIs({{vesk::SysError, 7}}));
+    EXPECT_TRUE(chainIs({{vesk::SysErrorId::PERMISSION_DENIED}}));
 }
 
 } // namespace

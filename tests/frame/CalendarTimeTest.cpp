@@ -81,6 +81,7 @@ using support::rowText;
 using support::systemText;
 using vesk::CalendarTime;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using Month = CalendarTime::Month;
 using WeekDay = CalendarTime::WeekDay;
 
@@ -149,13 +150,16 @@ protected:
 // ---- the family ----
 
 TEST_F(CalendarTimeTest, rowsOfTheFamilyRead) {
-    std::ErrorOutput("file", 1, true)(CalendarTime::Error, 0, "why");
+    std::ErrorOutput("file", 1, true)(CalendarTime::ErrorId::SET_DATE_FAILED, "why");
     EXPECT_TRUE(std::ErrorStorage::isA(SysError));
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 0, "Changing the system date failed: why"}}));
-    std::ErrorOutput("file", 1, true)(CalendarTime::Error, 1, "why");
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 1, "Assembling date from object members failed: why"}}));
-    std::ErrorOutput("file", 1, true)(CalendarTime::Error, 2, 1969);
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 2, "The supplied year 1969 is out of the supported range."}}));
+    EXPECT_TRUE(chainIs({{CalendarTime::ErrorId::SET_DATE_FAILED, "Changing the system date failed: why"}}));
+    std::ErrorOutput("file", 1, true)(CalendarTime::ErrorId::ASSEMBLY_FAILED, "why");
+    EXPECT_TRUE(chainIs(
+        {{CalendarTime::ErrorId::ASSEMBLY_FAILED, "Assembling date from object members failed: why"}}));
+    std::ErrorOutput("file", 1, true)(CalendarTime::ErrorId::YEAR_OUT_OF_RANGE, 1969);
+    EXPECT_TRUE(chainIs(
+        {{CalendarTime::ErrorId::YEAR_OUT_OF_RANGE,
+          "The supplied year 1969 is out of the supported range."}}));
     EXPECT_STREQ(
         "The supplied year %d is out of the supported range.", CalendarTime::Error.getRow(2)->format);
     EXPECT_EQ(nullptr, CalendarTime::Error.getRow(3));
@@ -397,11 +401,14 @@ TEST_F(CalendarTimeTest, momentBeyond32BitSecondsNeedsAWiderTimeT) {
 }
 
 TEST_F(CalendarTimeTest, yearBelow1970HasNoTimestamp) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_EQ(-1, makeDate(1969, 12, 31).getTimestamp());
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 2, "The supplied year 1969 is out of the supported range."}}));
+    EXPECT_TRUE(chainIs(
+        {{CalendarTime::ErrorId::YEAR_OUT_OF_RANGE,
+          "The supplied year 1969 is out of the supported range."}}));
     EXPECT_EQ(-1, makeDate(0, 1, 1).getTimestamp());
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 2, "The supplied year 0 is out of the supported range."}}));
+    EXPECT_TRUE(chainIs(
+        {{CalendarTime::ErrorId::YEAR_OUT_OF_RANGE, "The supplied year 0 is out of the supported range."}}));
 }
 
 TEST_F(CalendarTimeTest, yearBelow1970DoesNotEvenAskTheSystem) {
@@ -473,11 +480,11 @@ TEST_F(CalendarTimeTest, differenceWithAYearBelow1970LeavesTheErrorOfTheTimestam
     CalendarTime const good = makeDate(2026, 6, 1);
     std::string const error = "The supplied year 1969 is out of the supported range.";
     EXPECT_EQ(-1, CalendarTime::getTimediff(old, good));
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 2, error}}));
+    EXPECT_TRUE(chainIs({{CalendarTime::ErrorId::YEAR_OUT_OF_RANGE, error}}));
     EXPECT_EQ(-1, CalendarTime::getTimediff(good, old));
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 2, error}}));
+    EXPECT_TRUE(chainIs({{CalendarTime::ErrorId::YEAR_OUT_OF_RANGE, error}}));
     EXPECT_EQ(-1, CalendarTime::getTimediff(old, makeDate(1968, 1, 1)));
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 2, error}})) << "the first one ends it";
+    EXPECT_TRUE(chainIs({{CalendarTime::ErrorId::YEAR_OUT_OF_RANGE, error}})) << "the first one ends it";
 }
 
 class CalendarTimeDiffFailure : public CalendarTimeTest, public testing::WithParamInterface<int> {};
@@ -488,7 +495,8 @@ TEST_P(CalendarTimeDiffFailure, ofEitherDateIsReported) {
     EXPECT_EQ(-1, CalendarTime::getTimediff(makeDate(2026, 1, 1), makeDate(2026, 1, 2)));
     EXPECT_EQ(nth, fault.getCalls());
     EXPECT_TRUE(chainIs(
-        {{CalendarTime::Error, 1, "Assembling date from object members failed: " + systemText(EOVERFLOW)}}));
+        {{CalendarTime::ErrorId::ASSEMBLY_FAILED,
+          "Assembling date from object members failed: " + systemText(EOVERFLOW)}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, CalendarTimeDiffFailure, testing::Values(1, 2));
@@ -496,21 +504,24 @@ INSTANTIATE_TEST_SUITE_P(All, CalendarTimeDiffFailure, testing::Values(1, 2));
 TEST_F(CalendarTimeTest, differenceFromBeforeTheEpochEastOfGreenwichFails) {
     TimeZone const zone(BERLIN);
     EXPECT_EQ(-1, CalendarTime::getTimediff(makeDate(2026, 1, 1), CalendarTime(false)));
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 1, rowText(CalendarTime::Error, 1, systemText(errno))}}));
+    EXPECT_TRUE(chainIs(
+        {{CalendarTime::ErrorId::ASSEMBLY_FAILED,
+          rowText(CalendarTime::ErrorId::ASSEMBLY_FAILED, systemText(errno))}}));
 }
 
 TEST_F(CalendarTimeTest, failedDifferenceDoesNotReportWhileAnErrorOfDatesIsPending) {
-    std::ErrorOutput("older", 1, true)(CalendarTime::Error, 0, "older");
+    std::ErrorOutput("older", 1, true)(CalendarTime::ErrorId::SET_DATE_FAILED, "older");
     Fault const fault(inject_mktime, EOVERFLOW);
     EXPECT_EQ(-1, CalendarTime::getTimediff(makeDate(2026, 1, 1), makeDate(2026, 1, 2)));
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 0, "Changing the system date failed: older"}}));
+    EXPECT_TRUE(
+        chainIs({{CalendarTime::ErrorId::SET_DATE_FAILED, "Changing the system date failed: older"}}));
 }
 
 TEST_F(CalendarTimeTest, failedDifferenceOpensAChainInPlaceOfAnother) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Fault const fault(inject_mktime, EOVERFLOW);
     EXPECT_EQ(-1, CalendarTime::getTimediff(makeDate(2026, 1, 1), makeDate(2026, 1, 2)));
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 1}}));
+    EXPECT_TRUE(chainIs({{CalendarTime::ErrorId::ASSEMBLY_FAILED}}));
 }
 
 // ---- setting the system's date ----
@@ -546,18 +557,19 @@ TEST_F(CalendarTimeTest, yearOfTheDateToChangeToIsNotChecked) {
 }
 
 TEST_F(CalendarTimeTest, dateThatTheSystemRefusesIsNotChangedTo) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Fault const fault(inject_mktime, EOVERFLOW);
     EXPECT_TRUE(makeDate(2026, 5, 6).changeDate());
     EXPECT_TRUE(s_set_calls.empty());
     EXPECT_TRUE(chainIs(
-        {{CalendarTime::Error, 1, "Assembling date from object members failed: " + systemText(EOVERFLOW)}}));
+        {{CalendarTime::ErrorId::ASSEMBLY_FAILED,
+          "Assembling date from object members failed: " + systemText(EOVERFLOW)}}));
 }
 
 TEST_F(CalendarTimeTest, lastSecondBefore1970PassesForARefusal) {
     EXPECT_TRUE(makeDate(1969, 12, 31, 23, 59, 59).changeDate());
     EXPECT_TRUE(s_set_calls.empty());
-    EXPECT_TRUE(chainIs({{CalendarTime::Error, 1}}));
+    EXPECT_TRUE(chainIs({{CalendarTime::ErrorId::ASSEMBLY_FAILED}}));
 }
 
 struct ChangeRow {
@@ -576,7 +588,7 @@ class CalendarTimeChangeRows : public CalendarTimeTest, public testing::WithPara
 TEST_P(CalendarTimeChangeRows, reports) {
     ChangeRow const& row = GetParam();
     CalendarTime date = makeDate(2026, 5, 6, 7, 8, 9);
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(inject_clock_settime, row.error);
         EXPECT_TRUE(date.changeDate());
@@ -590,11 +602,15 @@ TEST_P(CalendarTimeChangeRows, reports) {
 INSTANTIATE_TEST_SUITE_P(
     All, CalendarTimeChangeRows,
     testing::Values(
-        ChangeRow{EFAULT, &SysError, 10, "Spoiled integrity: "},
-        ChangeRow{EINVAL, &SysError, 8, "Supplied parameter is invalid: "},
-        ChangeRow{EPERM, &SysError, 7, "Permission denied: "},
-        ChangeRow{EACCES, &CalendarTime::Error, 0, "Changing the system date failed: "},
-        ChangeRow{ENOSYS, &CalendarTime::Error, 0, "Changing the system date failed: "}));
+        ChangeRow{EFAULT, &SysError, SysErrorId::SPOILED_INTEGRITY, "Spoiled integrity: "},
+        ChangeRow{EINVAL, &SysError, SysErrorId::INVALID_PARAMETER, "Supplied parameter is invalid: "},
+        ChangeRow{EPERM, &SysError, SysErrorId::PERMISSION_DENIED, "Permission denied: "},
+        ChangeRow{
+            EACCES, &CalendarTime::Error, CalendarTime::ErrorId::SET_DATE_FAILED,
+            "Changing the system date failed: "},
+        ChangeRow{
+            ENOSYS, &CalendarTime::Error, CalendarTime::ErrorId::SET_DATE_FAILED,
+            "Changing the system date failed: "}));
 
 // ---- the start of the library ----
 

@@ -203,7 +203,7 @@ IPSocket::IPAddress getLoopback() {
 
 /// A report that is pending, which the next one replaces.
 void leaveReport() {
-    std::ErrorOutput("earlier", 1, true)(vesk::SysError, 18);
+    std::ErrorOutput("earlier", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
 }
 
 void ignoreSignal(int, void*) {}
@@ -252,7 +252,7 @@ Row const ROWS[] = {
     {"std::ErrorStorage::ack std::ErrorStorage::Chain::acknowledge std::ErrorStorage::Chain::unmap",
      [] {
          for (int i = 0; i < 8; ++i) {
-             std::ErrorOutput("level", i, false)(vesk::SysError, 18);
+             std::ErrorOutput("level", i, false)(vesk::SysErrorId::NO_SUCH_PROCESS);
          }
          cancelSelf();
          std::ErrorStorage::ack();

@@ -16,8 +16,10 @@ using support::chainIs;
 using support::rowText;
 using support::systemText;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::handleOpenError;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 struct Row {
     int error;
@@ -33,7 +35,7 @@ class HandleOpenErrorRows : public testing::TestWithParam<Row> {};
 
 TEST_P(HandleOpenErrorRows, reportsTheCauseAndThePath) {
     Row const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_FALSE(handleOpenError(row.error, "/some/path"));
     EXPECT_TRUE(chainIs(
         {{SysError, row.sys_id, rowText(SysError, row.sys_id, systemText(row.error))},
@@ -58,18 +60,21 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(HandleOpenError, interruptionAsksForARepetitionWithoutAReport) {
     EXPECT_TRUE(handleOpenError(EINTR, "/some/path"));
     EXPECT_TRUE(chainIs({}));
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_TRUE(handleOpenError(EINTR, "/some/path"));
-    EXPECT_TRUE(chainIs({{SysError, 18}})) << "what was pending stays";
+    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}})) << "what was pending stays";
 }
 
 TEST(HandleOpenError, nullPathAndUnknownNumberAreSurvived) {
     EXPECT_FALSE(handleOpenError(0, nullptr));
     EXPECT_TRUE(chainIs(
-        {{SysError, 10, rowText(SysError, 10, systemText(0))},
-         {FileAccessError, 9, rowText(FileAccessError, 9, "(null)")}}));
+        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(0))},
+         {FileAccessError, FileAccessErrorId::UNCLASSIFIED,
+          rowText(FileAccessErrorId::UNCLASSIFIED, "(null)")}}));
     EXPECT_FALSE(handleOpenError(-7, ""));
-    EXPECT_TRUE(chainIs({{SysError, 10}, {FileAccessError, 9, rowText(FileAccessError, 9, "")}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY},
+         {FileAccessError, FileAccessErrorId::UNCLASSIFIED, rowText(FileAccessErrorId::UNCLASSIFIED, "")}}));
 }
 
 TEST(OpenError, isTheSameFamilyUnderAnotherName) {
@@ -78,7 +83,7 @@ TEST(OpenError, isTheSameFamilyUnderAnotherName) {
     EXPECT_TRUE(std::ErrorStorage::isA(vesk::OpenError));
     EXPECT_TRUE(std::ErrorStorage::isA(FileAccessError));
     EXPECT_FALSE(std::ErrorStorage::isA(SysError));
-    std::ErrorOutput("file", 1, true)(SysError, 19, "x");
+    std::ErrorOutput("file", 1, true)(SysErrorId::UNCLASSIFIED, "x");
     EXPECT_FALSE(std::ErrorStorage::isA(vesk::OpenError));
     EXPECT_FALSE(std::ErrorStorage::isA(FileAccessError));
 }

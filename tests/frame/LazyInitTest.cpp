@@ -40,7 +40,7 @@ public:
         ++m_runs;
         m_seen = m_argument;
         if (m_fails) {
-            std::ErrorOutput("thing", 1, true)(vesk::SysError, 18);
+            std::ErrorOutput("thing", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
         }
         return m_fails;
     }
@@ -78,7 +78,7 @@ TEST(LazyInit, failedSetUpIsToldOnceAndNotTriedAgain) {
     LazyThing thing;
     thing.m_fails = true;
     EXPECT_TRUE(thing.checkInit(nullptr));
-    EXPECT_TRUE(chainIs({{vesk::SysError, 18}})) << "what the set-up reported is pending";
+    EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}})) << "what the set-up reported is pending";
     EXPECT_FALSE(thing.checkInit(nullptr));
     EXPECT_FALSE(thing.checkInit(nullptr));
     std::thread([&thing] { EXPECT_FALSE(thing.checkInit(nullptr)); }).join();
@@ -265,7 +265,8 @@ TEST(LazyInit, lockThatCannotBeHadEndsTheProcess) {
         "ABORT framework/include/vesk/common/LazyInit checkInit: error unlocking",
         recorder.getText());
     EXPECT_EQ(1, thing.m_runs) << "should the process live on, so does the set-up";
-    EXPECT_TRUE(chainIs({{Mutex::Error, 3, rowText(Mutex::Error, 3, systemText(EPERM))}}));
+    EXPECT_TRUE(
+        chainIs({{Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(EPERM))}}));
 }
 
 TEST(LazyInit, lockThatCannotBeGivenBackEndsTheProcess) {
@@ -278,7 +279,8 @@ TEST(LazyInit, lockThatCannotBeGivenBackEndsTheProcess) {
         EXPECT_FALSE(thing.checkInit(nullptr));
     }
     EXPECT_EQ("ABORT framework/include/vesk/common/LazyInit checkInit: error unlocking", recorder.getText());
-    EXPECT_TRUE(chainIs({{Mutex::Error, 3, rowText(Mutex::Error, 3, systemText(EINVAL))}}));
+    EXPECT_TRUE(
+        chainIs({{Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(EINVAL))}}));
     EXPECT_FALSE(thing.checkInit(nullptr));
     EXPECT_EQ(1, thing.m_runs);
 }

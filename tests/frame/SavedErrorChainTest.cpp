@@ -14,26 +14,28 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using std::ErrorObject;
 using std::ErrorOutput;
 using std::ErrorStorage;
 using support::chainIs;
 using vesk::SavedErrorChain;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 /// Reports named by their numbers, the root cause 0.
 void reportLevels(int count) {
     for (int i = 0; i < count; ++i) {
-        ErrorOutput("file", 100 + i, i == 0)(CommonError, 1, i);
+        ErrorOutput("file", 100 + i, i == 0)(CommonError, CommonErrorId::CONTRACT_BROKEN, i);
     }
 }
 
 TEST(SavedErrorChain, bringsTheChainBackAcrossACleanUpThatReports) {
-    ErrorOutput("low", 1, true)(SysError, 19, "bind");
-    ErrorOutput("high", 2, false)(CommonError, 5, "address");
+    ErrorOutput("low", 1, true)(SysErrorId::UNCLASSIFIED, "bind");
+    ErrorOutput("high", 2, false)(CommonErrorId::INVALID_ARGUMENT, "address");
     SavedErrorChain const saved;
     EXPECT_FALSE(ErrorStorage::isError(true)) << "saving acknowledges";
-    ErrorOutput("cleanup", 3, true)(CommonError, 0);
+    ErrorOutput("cleanup", 3, true)(CommonErrorId::OUT_OF_MEMORY);
     ErrorStorage::ack();
     saved.restore();
     ASSERT_NE(nullptr, ErrorStorage::get());
@@ -42,8 +44,8 @@ TEST(SavedErrorChain, bringsTheChainBackAcrossACleanUpThatReports) {
     EXPECT_STREQ("low", ErrorStorage::get()->next->file);
     EXPECT_EQ(1, ErrorStorage::get()->next->line);
     EXPECT_TRUE(chainIs(
-        {{SysError, 19, "Unclassified error occured: bind"},
-         {CommonError, 5, "Argument is not usable: address"}}));
+        {{SysErrorId::UNCLASSIFIED, "Unclassified error occured: bind"},
+         {CommonError, CommonErrorId::INVALID_ARGUMENT, "Argument is not usable: address"}}));
 }
 
 TEST(SavedErrorChain, ofMoreThanEightReportsComesBackWithTheEightOfTheHighestLevel) {
@@ -78,17 +80,18 @@ TEST(SavedErrorChain, ofNothingRestoresNothing) {
     SavedErrorChain const saved;
     saved.restore();
     EXPECT_TRUE(chainIs({}));
-    ErrorOutput("file", 1, true)(CommonError, 0);
+    ErrorOutput("file", 1, true)(CommonErrorId::OUT_OF_MEMORY);
     saved.restore();
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
 }
 
 TEST(SavedErrorChain, rootOpensANewChain) {
     reportLevels(2);
     SavedErrorChain const saved;
-    ErrorOutput("cleanup", 3, true)(CommonError, 0);
+    ErrorOutput("cleanup", 3, true)(CommonErrorId::OUT_OF_MEMORY);
     saved.restore();
-    EXPECT_TRUE(chainIs({{CommonError, 1}, {CommonError, 1}})) << "what the clean-up left does not mix in";
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}, {CommonErrorId::CONTRACT_BROKEN}}))
+        << "what the clean-up left does not mix in";
 }
 
 TEST(SavedErrorChain, mayBeRestoredTwice) {
@@ -96,7 +99,10 @@ TEST(SavedErrorChain, mayBeRestoredTwice) {
     SavedErrorChain const saved;
     saved.restore();
     saved.restore();
-    EXPECT_TRUE(chainIs({{CommonError, 1}, {CommonError, 1}, {CommonError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::CONTRACT_BROKEN},
+         {CommonErrorId::CONTRACT_BROKEN},
+         {CommonErrorId::CONTRACT_BROKEN}}));
 }
 
 } // namespace

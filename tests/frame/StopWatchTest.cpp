@@ -36,6 +36,7 @@ using vesk::ProcessTimeStopWatch;
 using vesk::RealtimeStopWatch;
 using vesk::StopWatchBase;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::ThreadTimeStopWatch;
 using vesk::Time;
 
@@ -289,12 +290,12 @@ TEST_F(StopWatch, clockThatGoesBackWithinItsSecondIsNoAssertion) {
 class StopWatchFailure : public StopWatch, public testing::WithParamInterface<int> {
 protected:
     testing::AssertionResult isReported() const {
-        return chainIs({{Time::Error, 2, "Failed to get time: " + systemText(GetParam())}});
+        return chainIs({{Time::ErrorId::GET_TIME_FAILED, "Failed to get time: " + systemText(GetParam())}});
     }
 };
 
 TEST_P(StopWatchFailure, ofStartLeavesThePeriodClosed) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(inject_clock_gettime, GetParam());
         m_watch.start();
@@ -521,7 +522,8 @@ TEST(StopWatchClock, ofAProcessThatHasEndedCannotBeRead) {
     child.end();
     watch.stop();
     EXPECT_TRUE(watch.hasFailed());
-    EXPECT_TRUE(chainIs({{Time::Error, 2, rowText(Time::Error, 2, systemText(EINVAL))}}));
+    EXPECT_TRUE(chainIs(
+        {{Time::ErrorId::GET_TIME_FAILED, rowText(Time::ErrorId::GET_TIME_FAILED, systemText(EINVAL))}}));
 }
 
 // ---- a process without a clock ----
@@ -529,10 +531,11 @@ TEST(StopWatchClock, ofAProcessThatHasEndedCannotBeRead) {
 TEST(StopWatchNoClock, ofAProcessThatDoesNotExist) {
     BusyChild child;
     child.end();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     ProcessTimeStopWatch watch(child.getPid(), true);
     EXPECT_TRUE(watch.hasFailed());
-    EXPECT_TRUE(chainIs({{Time::Error, 0, "No clock source available in the system: " + systemText(ESRCH)}}));
+    EXPECT_TRUE(chainIs(
+        {{Time::ErrorId::NO_CLOCK, "No clock source available in the system: " + systemText(ESRCH)}}));
     watch.stop();
     EXPECT_EQ(0, watch.getElapsedTime(US));
     EXPECT_FALSE(watch.hasFailed());
@@ -546,7 +549,8 @@ TEST_P(StopWatchNoClockRows, reportsAndStaysStopped) {
     ProcessTimeStopWatch const watch(getpid(), true);
     EXPECT_TRUE(watch.hasFailed());
     EXPECT_EQ(GetParam(), errno);
-    EXPECT_TRUE(chainIs({{Time::Error, 0, rowText(Time::Error, 0, systemText(GetParam()))}}));
+    EXPECT_TRUE(
+        chainIs({{Time::ErrorId::NO_CLOCK, rowText(Time::ErrorId::NO_CLOCK, systemText(GetParam()))}}));
     EXPECT_EQ(0, watch.peekRuntime(US));
     EXPECT_EQ(0, reads.getCalls());
 }
@@ -557,10 +561,11 @@ TEST(StopWatchNoClock, startFailsLikeAnyClockThatCannotBeRead) {
     Fault const fault(inject_clock_getcpuclockid, EPERM);
     ProcessTimeStopWatch watch(getpid(), false);
     EXPECT_TRUE(watch.hasFailed());
-    EXPECT_TRUE(chainIs({{Time::Error, 0}}));
+    EXPECT_TRUE(chainIs({{Time::ErrorId::NO_CLOCK}}));
     watch.start();
     EXPECT_TRUE(watch.hasFailed());
-    EXPECT_TRUE(chainIs({{Time::Error, 2, rowText(Time::Error, 2, systemText(EINVAL))}}));
+    EXPECT_TRUE(chainIs(
+        {{Time::ErrorId::GET_TIME_FAILED, rowText(Time::ErrorId::GET_TIME_FAILED, systemText(EINVAL))}}));
     EXPECT_EQ(0, watch.peekRuntime(US));
 }
 

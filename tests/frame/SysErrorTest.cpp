@@ -92,15 +92,15 @@ TEST(ConditionError, hasItsRowsAlsoUnderItsOtherName) {
 }
 
 TEST(SysError, pathThatIsTooLongTellsNameAndLengthAndLeavesTheLimitOpen) {
-    std::ErrorOutput("file", 1, true)(vesk::SysError, 4, "name", 4711);
+    std::ErrorOutput("file", 1, true)(vesk::SysErrorId::PATH_TOO_LONG, "name", 4711);
     EXPECT_TRUE(support::chainIs(
-        {{vesk::SysError, 4,
+        {{vesk::SysErrorId::PATH_TOO_LONG,
           "Given path exceeds system maximum: name (4711 chars encountered, only max ? chars allowed)"}}));
 }
 
 TEST(SysError, missingProcessTakesAnArgumentAndDoesNotShowIt) {
-    std::ErrorOutput("file", 1, true)(vesk::SysError, 18, "unseen");
-    EXPECT_TRUE(support::chainIs({{vesk::SysError, 18, "The given process does not exist"}}));
+    std::ErrorOutput("file", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS, "unseen");
+    EXPECT_TRUE(support::chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS, "The given process does not exist"}}));
 }
 
 TEST(SysError, familiesOfClassesDeriveFromItAndFileAccessErrorDoesNot) {
@@ -108,9 +108,9 @@ TEST(SysError, familiesOfClassesDeriveFromItAndFileAccessErrorDoesNot) {
     EXPECT_TRUE(vesk::Condition::Error.isA(vesk::SysError));
     EXPECT_FALSE(vesk::FileAccessError.isA(vesk::SysError));
     EXPECT_FALSE(vesk::SysError.isA(vesk::Mutex::Error));
-    std::ErrorOutput("file", 1, true)(vesk::Mutex::Error, 1, "x");
+    std::ErrorOutput("file", 1, true)(vesk::Mutex::ErrorId::LOCK_FAILED, "x");
     EXPECT_TRUE(std::ErrorStorage::isA(vesk::SysError));
-    std::ErrorOutput("file", 1, true)(vesk::FileAccessError, 1, "x");
+    std::ErrorOutput("file", 1, true)(vesk::FileAccessErrorId::NOT_A_DIRECTORY, "x");
     EXPECT_FALSE(std::ErrorStorage::isA(vesk::SysError));
 }
 

@@ -345,7 +345,7 @@ TEST(SystemLoggerInstance, unlockThatFailsGoesToTheAbortHandlerOnTopOfItsReport)
             "inconsistency detected: " +
                 systemText(EPERM) + "\n",
             recorder.getText());
-        EXPECT_TRUE(chainIs({{Mutex::Error, 3}}));
+        EXPECT_TRUE(chainIs({{Mutex::ErrorId::INCONSISTENT}}));
     });
     EXPECT_EQ(0, end.exit_code) << end.output;
     EXPECT_EQ(std::string(OPENED) + "\n", end.output);

@@ -68,6 +68,7 @@ using support::rowText;
 using support::runInChild;
 using support::systemText;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Time;
 
 long long readMs(clockid_t clock) {
@@ -273,7 +274,7 @@ class TimestampRows : public testing::TestWithParam<TimestampRow> {};
 
 TEST_P(TimestampRows, reportsAndLeavesTheArgumentAlone) {
     TimestampRow const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     long long now = 77;
     {
         Fault const fault(inject_clock_gettime, row.error);
@@ -286,10 +287,11 @@ TEST_P(TimestampRows, reportsAndLeavesTheArgumentAlone) {
 INSTANTIATE_TEST_SUITE_P(
     All, TimestampRows,
     testing::Values(
-        TimestampRow{EINVAL, &SysError, 6, "Function not implemented: "},
-        TimestampRow{EFAULT, &Time::Error, 4, "Failed to get timestamp: "},
-        TimestampRow{EPERM, &Time::Error, 4, "Failed to get timestamp: "},
-        TimestampRow{ENOSYS, &Time::Error, 4, "Failed to get timestamp: "}));
+        TimestampRow{EINVAL, &SysError, SysErrorId::NOT_IMPLEMENTED, "Function not implemented: "},
+        TimestampRow{EFAULT, &Time::Error, Time::ErrorId::GET_TIMESTAMP_FAILED, "Failed to get timestamp: "},
+        TimestampRow{EPERM, &Time::Error, Time::ErrorId::GET_TIMESTAMP_FAILED, "Failed to get timestamp: "},
+        TimestampRow{
+            ENOSYS, &Time::Error, Time::ErrorId::GET_TIMESTAMP_FAILED, "Failed to get timestamp: "}));
 
 // ---- sleep ----
 
@@ -371,14 +373,15 @@ class SleepRows : public testing::TestWithParam<int> {};
 TEST_P(SleepRows, reportsSleepsAllTheSameAndTellsOfTheFailure) {
     long long const start = monotonicMs();
     SleepRecorder const recorder(SleepRecorder::Sleeps::REALLY);
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Fault const fault(inject_clock_nanosleep, GetParam(), 1, 2);
     EXPECT_TRUE(Time::sleep(20));
     EXPECT_EQ(GetParam(), errno);
     EXPECT_LE(20, monotonicMs() - start);
     EXPECT_EQ(3u, recorder.getCalls().size());
     recorder.expectOneDeadline();
-    EXPECT_TRUE(chainIs({{Time::Error, 1, rowText(Time::Error, 1, systemText(GetParam()))}}));
+    EXPECT_TRUE(chainIs(
+        {{Time::ErrorId::SLEEP_FAILED, rowText(Time::ErrorId::SLEEP_FAILED, systemText(GetParam()))}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SleepRows, testing::Values(EINVAL, EFAULT, EOPNOTSUPP, ENOSYS));
@@ -388,7 +391,7 @@ TEST(TimeSleep, tellsOfAFailureThatASignalFollowed) {
     support::Fault const failure(inject_clock_nanosleep, EINVAL);
     EXPECT_TRUE(Time::sleep(1000));
     EXPECT_EQ(2u, recorder.getCalls().size());
-    EXPECT_TRUE(chainIs({{Time::Error, 1}}));
+    EXPECT_TRUE(chainIs({{Time::ErrorId::SLEEP_FAILED}}));
     // Another sleep knows nothing of it.
     EXPECT_FALSE(Time::sleep(1000));
     EXPECT_TRUE(chainIs({}));

@@ -172,7 +172,7 @@ void handles() {
 
 void errors() {
     for (int i = 0; i < 8; ++i) {
-        std::ErrorOutput("uses", i, i == 0)(vesk::SysError, 0, "many");
+        std::ErrorOutput("uses", i, i == 0)(vesk::SysError, vesk::SysErrorId::RESOURCES_EXHAUSTED, "many");
     }
     std::ErrorStorage::ack();
     // A store of its own hides that of the thread.

@@ -274,7 +274,7 @@ TEST(VeskLoaded, locksAndConditionsAndFileConstantsWorkWithoutAStartUp) {
         EXPECT_FALSE(mutex.lock());
         EXPECT_TRUE(mutex.lock()) << "and so do the error families";
         EXPECT_FALSE(mutex.unlock());
-        EXPECT_TRUE(chainIs({{vesk::Mutex::Error, 3}}));
+        EXPECT_TRUE(chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}}));
         EXPECT_EQ(0700u, static_cast<mode_t>(vesk::FileAccess::owner_all));
         EXPECT_EQ(0u, Vesk::s_init_count.getCurrentCount());
     });
@@ -372,9 +372,9 @@ TEST(VeskStartUp, seedsRandWithTheLowBitsOfTheTime) {
 
 TEST(VeskStartUp, leavesAnErrorAloneThatWasPendingBefore) {
     inFreshProcess([] {
-        std::ErrorOutput("older", 1, true)(vesk::SysError, 18);
+        std::ErrorOutput("older", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
         Vesk const vesk(true, false);
-        EXPECT_TRUE(chainIs({{vesk::SysError, 18}}));
+        EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}}));
     });
 }
 
@@ -530,7 +530,9 @@ TEST_P(VeskFailureClockRows, endTheStartUpWithTheReportPending) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, VeskFailureClockRows,
-    testing::Values(ClockRow{EINVAL, &vesk::SysError, 6}, ClockRow{EPERM, &vesk::Time::Error, 4}),
+    testing::Values(
+        ClockRow{EINVAL, &vesk::SysError, vesk::SysErrorId::NOT_IMPLEMENTED},
+        ClockRow{EPERM, &vesk::Time::Error, vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}),
     [](auto const& row) { return "errno" + std::to_string(row.param.error); });
 
 TEST(VeskFailure, endsTheProcess) {
@@ -563,7 +565,7 @@ TEST(VeskFailure, stepsTellTheirFailure) {
         EXPECT_TRUE(chainIs({}));
         Fault const fault(inject_clock_gettime, EINVAL);
         EXPECT_TRUE(vesk.postInit());
-        EXPECT_TRUE(chainIs({{vesk::SysError, 6}}));
+        EXPECT_TRUE(chainIs({{vesk::SysErrorId::NOT_IMPLEMENTED}}));
     });
 }
 
@@ -780,12 +782,14 @@ TEST(VeskError, hasItsRowAndNoParent) {
 }
 
 TEST(VeskError, namesTheSetUpThatFailed) {
-    std::ErrorOutput("source", 1, true)(Vesk::Error, 0, "process impl. object is invalid");
-    EXPECT_TRUE(
-        chainIs({{Vesk::Error, 0, "Unable to initialize VESK: \"process impl. object is invalid\" failed"}}));
-    std::ErrorOutput("source", 1, true)(Vesk::Error, 0, "process static impl. object is invalid");
+    std::ErrorOutput("source", 1, true)(Vesk::ErrorId::INIT_FAILED, "process impl. object is invalid");
     EXPECT_TRUE(chainIs(
-        {{Vesk::Error, 0, "Unable to initialize VESK: \"process static impl. object is invalid\" failed"}}));
+        {{Vesk::ErrorId::INIT_FAILED,
+          "Unable to initialize VESK: \"process impl. object is invalid\" failed"}}));
+    std::ErrorOutput("source", 1, true)(Vesk::ErrorId::INIT_FAILED, "process static impl. object is invalid");
+    EXPECT_TRUE(chainIs(
+        {{Vesk::ErrorId::INIT_FAILED,
+          "Unable to initialize VESK: \"process static impl. object is invalid\" failed"}}));
 }
 
 } // namespace

@@ -17,11 +17,15 @@ using vesk::IPC_NAME_SIZE;
 using vesk::transformToIPCIdentifier;
 
 ExpectedReport unusable(char const* text) {
-    return {std::CommonError, 5, rowText(std::CommonError, 5, text)};
+    return {
+        std::CommonError, std::CommonErrorId::INVALID_ARGUMENT,
+        rowText(std::CommonErrorId::INVALID_ARGUMENT, text)};
 }
 
 ExpectedReport tooLong() {
-    return {std::CommonError, 3, rowText(std::CommonError, 3, "given IPC name is too long")};
+    return {
+        std::CommonError, std::CommonErrorId::UNSUPPORTED_VALUE,
+        rowText(std::CommonErrorId::UNSUPPORTED_VALUE, "given IPC name is too long")};
 }
 
 /// A buffer whose bytes behind the result can be looked at.

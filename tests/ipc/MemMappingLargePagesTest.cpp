@@ -52,7 +52,7 @@ TEST_F(MemMappingLargePages, ringOfSmallerPagesIsRefused) {
     for (unsigned int const length : {4096U, 16384U, 65536U + 4096U, 98304U}) {
         MemMapping const ring(m_fd, MemMapping::READ, length, 0, nullptr, true);
         EXPECT_FALSE(ring.isValid());
-        EXPECT_TRUE(chainIs({{std::CommonError, 1}})) << length;
+        EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}})) << length;
     }
 }
 

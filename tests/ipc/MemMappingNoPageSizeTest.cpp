@@ -29,7 +29,7 @@ TEST(MemMappingNoPageSize, everyRingIsRefusedAndPlainMappingsWork) {
     for (unsigned int const length : {0U, 4096U, 65536U}) {
         MemMapping const ring(fd, MemMapping::READ, length, 0, nullptr, true);
         EXPECT_FALSE(ring.isValid());
-        EXPECT_TRUE(chainIs({{std::CommonError, 1}})) << length;
+        EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}})) << length;
     }
     MemMapping plain(fd, MemMapping::READ, 4096);
     ASSERT_TRUE(plain.isValid());

@@ -23,6 +23,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::accessAt;
 using support::chainIs;
 using support::contentOf;
@@ -348,9 +349,10 @@ TEST_F(MemMappingTest, ringOfPartsOfPagesIsRefusedWithoutACall) {
     for (unsigned int const length : {1U, m_page - 1, m_page + 1, 2 * m_page + m_page / 2, UINT32_MAX}) {
         MemMapping mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
         EXPECT_TRUE(chainIs(
-            {{CommonError, 1,
+            {{CommonErrorId::CONTRACT_BROKEN,
               rowText(
-                  CommonError, 1, "requested ringbuffer but size is not a multiple of system page size")}}))
+                  CommonErrorId::CONTRACT_BROKEN,
+                  "requested ringbuffer but size is not a multiple of system page size")}}))
             << length;
         EXPECT_EQ(ALL_ONES, mapping.getAddress()) << length;
         EXPECT_EQ(length, mapping.getSize());

@@ -46,6 +46,7 @@ using vesk::MsgQueueBase;
 using vesk::MsgQueueClient;
 using vesk::MsgQueueServer;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 using Clock = std::chrono::steady_clock;
 
@@ -170,12 +171,12 @@ TEST_F(MsgQueueBaseTest, closeOfAnUnknownDescriptorClosesTheObject) {
 }
 
 TEST_F(MsgQueueBaseTest, failedCloseIsReportedOnTopOfWhatIsPending) {
-    std::ErrorOutput(__FILE__, __LINE__, true)(SysError, 11, "earlier");
+    std::ErrorOutput(__FILE__, __LINE__, true)(SysErrorId::INPUT_OUTPUT, "earlier");
     {
         Fault const fault(inject_mq_close, EIO);
         EXPECT_TRUE(m_queue.MsgQueueBase::close());
     }
-    EXPECT_TRUE(chainIs({{SysError, 11}, reported(10, EIO)}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INPUT_OUTPUT}, reported(10, EIO)}));
 }
 
 TEST_F(MsgQueueBaseTest, destructorWarnsAboutAFailedCloseAndAcknowledgesIt) {
@@ -636,9 +637,13 @@ TEST_F(MsgQueueBaseTest, limitThatCannotBeOpenedIs0AndNotReported) {
 TEST_F(MsgQueueBaseTest, limitThatCannotBeReadIs0AndReported) {
     Fault const fault(inject_read, EIO, 1, Fault::FOREVER);
     EXPECT_EQ(0U, MsgQueueBase::systemMaxMsgSize());
-    EXPECT_TRUE(chainIs({reported(11, EIO), {std::IBinStreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {reported(11, EIO),
+         {std::IBinStreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_EQ(0U, MsgQueueBase::systemMaxMsgCount());
-    EXPECT_TRUE(chainIs({reported(11, EIO), {std::IBinStreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {reported(11, EIO),
+         {std::IBinStreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
 }
 
 TEST_F(MsgQueueBaseTest, limitStandsWhenTheFileCannotBeClosed) {

@@ -26,9 +26,11 @@ using support::s_queue_calls;
 using support::systemText;
 using vesk::Creatable;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::MsgQueueClient;
 using vesk::MsgQueueServer;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 ExpectedReport reported(int id, int error) {
     return {SysError, id, rowText(SysError, id, systemText(error))};
@@ -89,7 +91,7 @@ TEST_F(MsgQueueClientTest, attachedObjectIsClosedFirst) {
     EXPECT_FALSE(m_client.attach(m_name));
     EXPECT_EQ(1, m_client.closes);
     EXPECT_TRUE(m_client.attach("a/b"));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_EQ(2, m_client.closes);
     EXPECT_FALSE(m_client.isValid());
 }
@@ -110,18 +112,20 @@ TEST_F(MsgQueueClientTest, attachingEndsWhenTheOpenQueueCannotBeClosed) {
 TEST_F(MsgQueueClientTest, impossibleNamesAreRefusedWithoutACall) {
     Fault const opens(inject_mq_open, 0);
     EXPECT_TRUE(m_client.attach(nullptr));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(m_client.attach("/leading"));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(m_client.attach(std::string(255, 'n').c_str()));
-    EXPECT_TRUE(chainIs({{std::CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::UNSUPPORTED_VALUE}}));
     EXPECT_EQ(0, opens.getCalls());
 }
 
 TEST_F(MsgQueueClientTest, emptyNameIsForTheSystemToRefuse) {
     EXPECT_TRUE(m_client.attach(""));
     EXPECT_EQ("/", s_queue_calls.open_name);
-    EXPECT_TRUE(chainIs({reported(2, ENOENT), {FileAccessError, 0, rowText(FileAccessError, 0, "/")}}));
+    EXPECT_TRUE(chainIs(
+        {reported(2, ENOENT),
+         {FileAccessError, FileAccessErrorId::BAD_PATH, rowText(FileAccessErrorId::BAD_PATH, "/")}}));
 }
 
 TEST_F(MsgQueueClientTest, interruptedAttachingIsRepeated) {
@@ -171,7 +175,7 @@ TEST_F(MsgQueueClientTest, nameTooLongForTheSystemIsReportedWithItsLength) {
     EXPECT_TRUE(m_client.attach(m_name));
     std::string const name = m_name.getSystemName();
     EXPECT_TRUE(chainIs(
-        {{SysError, 4,
+        {{SysErrorId::PATH_TOO_LONG,
           "Given path exceeds system maximum: " + name + " (" + std::to_string(name.size()) +
               " chars encountered, only max ? chars allowed)"},
          forName(0, m_name)}));

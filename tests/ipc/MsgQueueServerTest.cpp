@@ -33,10 +33,12 @@ using support::s_queue_calls;
 using support::systemText;
 using vesk::Creatable;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::MsgQueueBase;
 using vesk::MsgQueueClient;
 using vesk::MsgQueueServer;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 static_assert(Creatable::CREATE_NEW == 0 && Creatable::OPEN_OR_CREATE == 1 && Creatable::REPLACE == 2);
 static_assert(Creatable::TRUNCATE == 3);
@@ -53,7 +55,9 @@ ExpectedReport forName(int id, QueueName const& name) {
 }
 
 ExpectedReport refused(char const* text) {
-    return {std::CommonError, 1, rowText(std::CommonError, 1, text)};
+    return {
+        std::CommonError, std::CommonErrorId::CONTRACT_BROKEN,
+        rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
 }
 
 /// What a removal without the right reports.
@@ -194,18 +198,19 @@ TEST_F(MsgQueueServerTest, otherStrategiesAreRefusedWithoutACall) {
 
 TEST_F(MsgQueueServerTest, nameIsLookedAtBeforeTheStrategy) {
     EXPECT_TRUE(m_server.create("a/b", MSG_SIZE, MAX_MSGS, Creatable::TRUNCATE));
-    EXPECT_TRUE(
-        chainIs({{std::CommonError, 5, rowText(std::CommonError, 5, "path separator found in IPC name")}}));
+    EXPECT_TRUE(chainIs(
+        {{std::CommonErrorId::INVALID_ARGUMENT,
+          rowText(std::CommonErrorId::INVALID_ARGUMENT, "path separator found in IPC name")}}));
 }
 
 TEST_F(MsgQueueServerTest, impossibleNamesAreRefusedWithoutACall) {
     Fault const opens(inject_mq_open, 0);
     EXPECT_TRUE(m_server.create(nullptr, MSG_SIZE, MAX_MSGS, Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(m_server.create("/leading", MSG_SIZE, MAX_MSGS, Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(m_server.create(std::string(255, 'n').c_str(), MSG_SIZE, MAX_MSGS, Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{std::CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::UNSUPPORTED_VALUE}}));
     EXPECT_EQ(0, opens.getCalls());
 }
 
@@ -283,7 +288,7 @@ TEST_F(MsgQueueServerTest, nameTooLongForTheSystemIsReportedWithItsLength) {
     EXPECT_TRUE(create(Creatable::CREATE_NEW));
     std::string const name = m_name.getSystemName();
     EXPECT_TRUE(chainIs(
-        {{SysError, 4,
+        {{SysErrorId::PATH_TOO_LONG,
           "Given path exceeds system maximum: " + name + " (" + std::to_string(name.size()) +
               " chars encountered, only max ? chars allowed)"},
          forName(0, m_name)}));
@@ -438,11 +443,11 @@ TEST_F(MsgQueueServerTest, deletingANameThatIsGoneAlreadySucceeds) {
 TEST_F(MsgQueueServerTest, deletingAnImpossibleNameFails) {
     Fault const removals(inject_mq_unlink, 0);
     EXPECT_TRUE(MsgQueueServer::deleteName(nullptr));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(MsgQueueServer::deleteName("a/b"));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(MsgQueueServer::deleteName(std::string(255, 'n').c_str()));
-    EXPECT_TRUE(chainIs({{std::CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::UNSUPPORTED_VALUE}}));
     EXPECT_EQ(0, removals.getCalls());
 }
 
@@ -450,11 +455,11 @@ TEST_F(MsgQueueServerTest, failedCreationLeavesNoNameOfSomebodyElseToDelete) {
     makeOther();
     m_server.setUnlinkOnClose(true);
     EXPECT_TRUE(create(Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{SysError, 12}, {FileAccessError, 4}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::FILE_EXISTS}, {FileAccessError, FileAccessErrorId::ALREADY_EXISTS}}));
     EXPECT_TRUE(create(Creatable::TRUNCATE));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
     EXPECT_TRUE(m_server.create((std::string(m_name) + "/").c_str(), 1, 1, Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_FALSE(m_server.close());
     EXPECT_FALSE(m_server.deleteName());
     EXPECT_TRUE(m_name.exists());
@@ -464,7 +469,7 @@ class MsgQueueServerRemovalRows : public MsgQueueServerTest, public testing::Wit
 
 TEST_P(MsgQueueServerRemovalRows, failureOfRemovalOpensAChain) {
     OpenRow const& row = GetParam();
-    std::ErrorOutput(__FILE__, __LINE__, true)(SysError, 11, "earlier");
+    std::ErrorOutput(__FILE__, __LINE__, true)(SysErrorId::INPUT_OUTPUT, "earlier");
     {
         Fault const fault(inject_mq_unlink, row.error);
         EXPECT_TRUE(MsgQueueServer::deleteName(m_name));
@@ -524,7 +529,7 @@ TEST_F(MsgQueueServerTest, queueOutlivesAnOwnerThatCrashed) {
     });
     EXPECT_EQ(-1, owner.join());
     EXPECT_TRUE(create(Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{SysError, 12}, {FileAccessError, 4}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::FILE_EXISTS}, {FileAccessError, FileAccessErrorId::ALREADY_EXISTS}}));
     EXPECT_FALSE(create(Creatable::OPEN_OR_CREATE));
     EXPECT_EQ("last words", get(m_server));
     EXPECT_FALSE(create(Creatable::REPLACE));

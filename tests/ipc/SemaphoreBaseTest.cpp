@@ -41,6 +41,7 @@ using vesk::SemaphoreBase;
 using vesk::SemaphoreClient;
 using vesk::SemaphoreCreator;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 using Clock = std::chrono::steady_clock;
 
@@ -52,7 +53,9 @@ ExpectedReport reported(int id, int error) {
 }
 
 ExpectedReport misuse(char const* text) {
-    return {std::CommonError, 1, rowText(std::CommonError, 1, text)};
+    return {
+        std::CommonError, std::CommonErrorId::CONTRACT_BROKEN,
+        rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
 }
 
 class SemaphoreBaseTest : public testing::Test {
@@ -134,7 +137,7 @@ TEST_P(SemaphoreBaseWays, endWithoutFailureWhenTheObjectWasClosedMeanwhile) {
 
 TEST_P(SemaphoreBaseWays, otherFailuresAreReported) {
     open(1);
-    std::ErrorOutput(__FILE__, __LINE__, true)(SysError, 11, "earlier");
+    std::ErrorOutput(__FILE__, __LINE__, true)(SysErrorId::INPUT_OUTPUT, "earlier");
     for (int const error : {EINVAL, EIO, EOVERFLOW}) {
         Fault const fault(*GetParam().call, error);
         EXPECT_EQ(-1, take());

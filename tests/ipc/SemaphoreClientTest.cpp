@@ -27,6 +27,7 @@ using vesk::FileAccessError;
 using vesk::SemaphoreClient;
 using vesk::SemaphoreCreator;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 ExpectedReport reported(int id, int error) {
     return {SysError, id, rowText(SysError, id, systemText(error))};
@@ -84,7 +85,7 @@ TEST_F(SemaphoreClientTest, attachedObjectIsClosedFirst) {
     EXPECT_FALSE(m_client.attach(m_name));
     EXPECT_EQ(1, m_client.closes);
     EXPECT_TRUE(m_client.attach("a/b"));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_EQ(2, m_client.closes);
     EXPECT_FALSE(m_client.isValid());
 }
@@ -110,24 +111,24 @@ TEST_F(SemaphoreClientTest, attachingEndsWhenTheCloseFails) {
 TEST_F(SemaphoreClientTest, impossibleNamesAreRefusedWithoutACall) {
     Fault const opens(inject_sem_open, 0);
     EXPECT_TRUE(m_client.attach(nullptr));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(m_client.attach("/leading"));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(m_client.attach(std::string(255, 'n').c_str()));
-    EXPECT_TRUE(chainIs({{std::CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::UNSUPPORTED_VALUE}}));
     EXPECT_EQ(0, opens.getCalls());
 }
 
 TEST_F(SemaphoreClientTest, nameThatIsTooLongForTheSystemAloneIsABadPath) {
     std::string const name(254, 'n');
     EXPECT_TRUE(m_client.attach(name.c_str()));
-    EXPECT_TRUE(chainIs({{SysError, 2}, forName(0, name.c_str())}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PATH}, forName(0, name.c_str())}));
 }
 
 TEST_F(SemaphoreClientTest, emptyNameIsForTheSystemToRefuse) {
     EXPECT_TRUE(m_client.attach(""));
     EXPECT_EQ("/", s_semaphore_calls.open_name);
-    EXPECT_TRUE(chainIs({{SysError, 2}, forName(0, "")}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PATH}, forName(0, "")}));
 }
 
 TEST_F(SemaphoreClientTest, interruptedAttachingIsRepeated) {

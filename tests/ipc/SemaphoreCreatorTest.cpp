@@ -31,10 +31,12 @@ using support::SemaphoreName;
 using support::systemText;
 using vesk::Creatable;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::SemaphoreBase;
 using vesk::SemaphoreClient;
 using vesk::SemaphoreCreator;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 ExpectedReport reported(int id, int error) {
     return {SysError, id, rowText(SysError, id, systemText(error))};
@@ -145,8 +147,9 @@ TEST_F(SemaphoreCreatorTest, otherStrategiesAreRefusedWithoutACall) {
     Fault const opens(inject_sem_open, 0);
     for (int const strategy : {3, 99, -1}) {
         EXPECT_TRUE(create(static_cast<Creatable::CreationStrategy>(strategy))) << strategy;
-        EXPECT_TRUE(
-            chainIs({{std::CommonError, 1, rowText(std::CommonError, 1, "Unsupported strategy passed")}}));
+        EXPECT_TRUE(chainIs(
+            {{std::CommonErrorId::CONTRACT_BROKEN,
+              rowText(std::CommonErrorId::CONTRACT_BROKEN, "Unsupported strategy passed")}}));
     }
     EXPECT_EQ(0, opens.getCalls());
     EXPECT_FALSE(m_creator.isValid());
@@ -154,30 +157,32 @@ TEST_F(SemaphoreCreatorTest, otherStrategiesAreRefusedWithoutACall) {
 
 TEST_F(SemaphoreCreatorTest, nameIsLookedAtBeforeTheStrategy) {
     EXPECT_TRUE(m_creator.create("a/b", 0, Creatable::TRUNCATE));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
 }
 
 TEST_F(SemaphoreCreatorTest, impossibleNamesAreRefusedWithoutACall) {
     Fault const opens(inject_sem_open, 0);
     EXPECT_TRUE(m_creator.create(nullptr, 0, Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(m_creator.create("/leading", 0, Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(m_creator.create(std::string(255, 'n').c_str(), 0, Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{std::CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::UNSUPPORTED_VALUE}}));
     EXPECT_EQ(0, opens.getCalls());
 }
 
 TEST_F(SemaphoreCreatorTest, nameThatIsTooLongForTheSystemAloneIsABadPath) {
     SemaphoreName const name(254);
     EXPECT_TRUE(m_creator.create(name, 0, Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{SysError, 2}, forName(0, name)}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PATH}, forName(0, name)}));
 }
 
 TEST_F(SemaphoreCreatorTest, emptyNameIsForTheSystemToRefuse) {
     EXPECT_TRUE(m_creator.create("", 0, Creatable::CREATE_NEW));
     EXPECT_EQ("/", s_semaphore_calls.open_name);
-    EXPECT_TRUE(chainIs({{SysError, 2}, {FileAccessError, 0, rowText(FileAccessError, 0, "/")}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INVALID_PATH},
+         {FileAccessError, FileAccessErrorId::BAD_PATH, rowText(FileAccessErrorId::BAD_PATH, "/")}}));
 }
 
 TEST_F(SemaphoreCreatorTest, valueAboveTheHighestIsRefused) {
@@ -416,11 +421,11 @@ TEST_F(SemaphoreCreatorTest, deletingAMissingNameSucceeds) {
 TEST_F(SemaphoreCreatorTest, deletingAnImpossibleNameFails) {
     Fault const removals(inject_sem_unlink, 0);
     EXPECT_TRUE(SemaphoreCreator::deleteName(nullptr));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(SemaphoreCreator::deleteName("a/b"));
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_TRUE(SemaphoreCreator::deleteName(std::string(255, 'n').c_str()));
-    EXPECT_TRUE(chainIs({{std::CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::UNSUPPORTED_VALUE}}));
     EXPECT_EQ(0, removals.getCalls());
 }
 
@@ -453,7 +458,7 @@ TEST_F(SemaphoreCreatorTest, semaphoreOutlivesAnOwnerThatCrashed) {
     EXPECT_EQ(-1, owner.join());
     EXPECT_EQ(4, m_name.getValue());
     EXPECT_TRUE(create(Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{SysError, 12}, {FileAccessError, 4}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::FILE_EXISTS}, {FileAccessError, FileAccessErrorId::ALREADY_EXISTS}}));
     EXPECT_FALSE(create(Creatable::REPLACE));
     EXPECT_EQ(2, m_name.getValue());
 }

@@ -21,6 +21,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::accessAt;
 using support::chainIs;
 using support::failureIs;
@@ -34,6 +35,7 @@ using support::TempFolder;
 using vesk::MemMapping;
 using vesk::SharedMemoryBase;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Vesk;
 
 static_assert(
@@ -96,7 +98,7 @@ TEST_F(SharedMemoryBaseTest, mappingThatFailsIsNotKept) {
     EXPECT_FALSE(m_shm.addMapping(READ_WRITE, 0).isValid());
     EXPECT_TRUE(failureIs(EINVAL, 8));
     EXPECT_FALSE(m_shm.addMapping(READ_WRITE, m_page + 1, 0, nullptr, true).isValid());
-    EXPECT_TRUE(chainIs({{CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
     EXPECT_EQ(0U, m_shm.getMappingCount());
 }
 
@@ -171,8 +173,9 @@ TEST_F(SharedMemoryBaseTest, mappingThatIsNotRegisteredIsNotRemoved) {
     for (MemMapping const* const mapping : {&foreign, &gone, &failed, &static_cast<MemMapping const&>(own)}) {
         EXPECT_TRUE(m_shm.removeMapping(*mapping));
         EXPECT_TRUE(chainIs(
-            {{CommonError, 1,
-              rowText(CommonError, 1, "Attempt to remove a mapping that isn't registered")}}));
+            {{CommonErrorId::CONTRACT_BROKEN,
+              rowText(
+                  CommonErrorId::CONTRACT_BROKEN, "Attempt to remove a mapping that isn't registered")}}));
     }
     EXPECT_EQ(0, calls.getCalls());
     EXPECT_EQ("rw-s", accessAt(foreign.getAddress()));
@@ -272,8 +275,9 @@ TEST_P(SharedMemoryBaseClose, failureStandsOnTopOfWhatIsPending) {
         EXPECT_TRUE(m_shm.close());
     }
     EXPECT_TRUE(chainIs(
-        {{SysError, 10, rowText(SysError, 10, systemText(ENOMEM))},
-         {SysError, 10, rowText(SysError, 10, systemText(GetParam()))}}));
+        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(ENOMEM))},
+         {SysError, SysErrorId::SPOILED_INTEGRITY,
+          rowText(SysErrorId::SPOILED_INTEGRITY, systemText(GetParam()))}}));
     EXPECT_FALSE(mapping.destroy());
 }
 
@@ -311,7 +315,9 @@ TEST_F(SharedMemoryBaseTest, sizeOfAClosedObjectIsAnError) {
     EXPECT_FALSE(m_shm.close());
     Fault const calls(inject_fstat, 0);
     EXPECT_EQ(0U, m_shm.getSize());
-    EXPECT_TRUE(chainIs({{CommonError, 1, rowText(CommonError, 1, "size of invalid SHM object requested")}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::CONTRACT_BROKEN,
+          rowText(CommonErrorId::CONTRACT_BROKEN, "size of invalid SHM object requested")}}));
     EXPECT_EQ(0, calls.getCalls());
 }
 

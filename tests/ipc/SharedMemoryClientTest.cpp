@@ -13,6 +13,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::failureIs;
 using support::Fault;
@@ -120,11 +121,17 @@ TEST_F(SharedMemoryClientTest, memoryOfOthersIsDenied) {
 TEST_F(SharedMemoryClientTest, nameThatIsNoneOpensNothing) {
     Fault const calls(inject_shm_open, 0);
     EXPECT_TRUE(m_shm.attach(nullptr, READ_WRITE));
-    EXPECT_TRUE(chainIs({{CommonError, 5, rowText(CommonError, 5, "null ptr. or zero size turned in")}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::INVALID_ARGUMENT,
+          rowText(CommonErrorId::INVALID_ARGUMENT, "null ptr. or zero size turned in")}}));
     EXPECT_TRUE(m_shm.attach(m_name.getSystemName().c_str(), READ_WRITE));
-    EXPECT_TRUE(chainIs({{CommonError, 5, rowText(CommonError, 5, "path separator found in IPC name")}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::INVALID_ARGUMENT,
+          rowText(CommonErrorId::INVALID_ARGUMENT, "path separator found in IPC name")}}));
     EXPECT_TRUE(m_shm.attach(std::string(255, 'x').c_str(), READ_WRITE));
-    EXPECT_TRUE(chainIs({{CommonError, 3, rowText(CommonError, 3, "given IPC name is too long")}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::UNSUPPORTED_VALUE,
+          rowText(CommonErrorId::UNSUPPORTED_VALUE, "given IPC name is too long")}}));
     EXPECT_EQ(0, calls.getCalls());
     EXPECT_FALSE(m_shm.isValid());
     EXPECT_TRUE(m_shm.attach("", READ_WRITE));

@@ -16,6 +16,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::failureIs;
 using support::Fault;
@@ -29,10 +30,12 @@ using support::ShmName;
 using support::systemText;
 using vesk::Creatable;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::MemMapping;
 using vesk::SharedMemoryBase;
 using vesk::SharedMemoryServer;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 using Strategy = Creatable::CreationStrategy;
 
@@ -268,9 +271,11 @@ TEST_F(SharedMemoryServerTest, nameHas254CharactersAtMost) {
     EXPECT_EQ(longest.getSystemName(), m_shm.getName());
     ShmName const too_long(end + "n");
     EXPECT_TRUE(m_shm.create(too_long.get(), 4096, Creatable::CREATE_NEW));
-    EXPECT_TRUE(chainIs({{CommonError, 3, rowText(CommonError, 3, "given IPC name is too long")}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::UNSUPPORTED_VALUE,
+          rowText(CommonErrorId::UNSUPPORTED_VALUE, "given IPC name is too long")}}));
     EXPECT_TRUE(SharedMemoryServer::deleteName(too_long.get()));
-    EXPECT_TRUE(chainIs({{CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::UNSUPPORTED_VALUE}}));
 }
 
 TEST_F(SharedMemoryServerTest, emptyNameIsOneThatTheSystemRefuses) {
@@ -343,7 +348,8 @@ TEST_P(SharedMemoryServerSize, failureWithOneOfCloseOnTopIsWarnedOf) {
     EXPECT_EQ(CREATE_WARNING, events.getText());
     EXPECT_TRUE(chainIs(
         {{SysError, GetParam().id, rowText(SysError, GetParam().id, systemText(GetParam().error))},
-         {SysError, 10, rowText(SysError, 10, systemText(EIO))}}));
+         {SysError, SysErrorId::SPOILED_INTEGRITY,
+          rowText(SysErrorId::SPOILED_INTEGRITY, systemText(EIO))}}));
     EXPECT_TRUE(m_shm.isValid());
     EXPECT_FALSE(m_shm.close());
 }
@@ -442,7 +448,7 @@ class SharedMemoryServerRemoval : public SharedMemoryServerTest, public testing:
 
 TEST_P(SharedMemoryServerRemoval, failureIsReportedInOneChainAndKeepsTheName) {
     create();
-    std::ErrorOutput("file", 1, true)(CommonError, 1, "an older chain, which is given up");
+    std::ErrorOutput("file", 1, true)(CommonErrorId::CONTRACT_BROKEN, "an older chain, which is given up");
     Fault const fault(inject_shm_unlink, GetParam(), 1, 2);
     EXPECT_TRUE(m_shm.deleteName());
     EXPECT_TRUE(removalFailureIs(GetParam(), m_name.getSystemName()));
@@ -499,9 +505,11 @@ TEST_F(SharedMemoryServerTest, closeThatFailsTwiceReportsOneOnTopOfTheOther) {
         EXPECT_TRUE(m_shm.close());
     }
     EXPECT_TRUE(chainIs(
-        {{SysError, 19, rowText(SysError, 19, systemText(EIO))},
-         {FileAccessError, 9, rowText(FileAccessError, 9, m_name.getSystemName())},
-         {SysError, 10, rowText(SysError, 10, systemText(ENOSPC))}}));
+        {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EIO))},
+         {FileAccessError, FileAccessErrorId::UNCLASSIFIED,
+          rowText(FileAccessErrorId::UNCLASSIFIED, m_name.getSystemName())},
+         {SysError, SysErrorId::SPOILED_INTEGRITY,
+          rowText(SysErrorId::SPOILED_INTEGRITY, systemText(ENOSPC))}}));
     EXPECT_TRUE(m_shm.isValid());
 }
 

@@ -154,11 +154,18 @@ inline testing::AssertionResult removalFailureIs(int error, std::string const& n
     using vesk::SysError;
     std::vector<ExpectedReport> reports;
     if (error == EACCES || error == EPERM) {
-        reports.emplace_back(SysError, 7, rowText(SysError, 7, systemText(error)));
-        reports.emplace_back(FileAccessError, 3, rowText(FileAccessError, 3, name));
+        reports.emplace_back(
+            SysError, vesk::SysErrorId::PERMISSION_DENIED,
+            rowText(vesk::SysErrorId::PERMISSION_DENIED, systemText(error)));
+        reports.emplace_back(
+            FileAccessError, vesk::FileAccessErrorId::ACCESS_DENIED,
+            rowText(vesk::FileAccessErrorId::ACCESS_DENIED, name));
     }
-    reports.emplace_back(SysError, 19, rowText(SysError, 19, systemText(error)));
-    reports.emplace_back(FileAccessError, 9, rowText(FileAccessError, 9, name));
+    reports.emplace_back(
+        SysError, vesk::SysErrorId::UNCLASSIFIED, rowText(vesk::SysErrorId::UNCLASSIFIED, systemText(error)));
+    reports.emplace_back(
+        FileAccessError, vesk::FileAccessErrorId::UNCLASSIFIED,
+        rowText(vesk::FileAccessErrorId::UNCLASSIFIED, name));
     return chainIs(reports);
 }
 

@@ -234,6 +234,7 @@ using support::rowText;
 using support::systemText;
 using vesk::NetDevice;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using Info = NetDevice::InterfaceInfo;
 using Calls = std::vector<std::pair<unsigned long, std::string>>;
 
@@ -343,16 +344,16 @@ void expectUseless(NetDevice& device, FakeSystem const& system) {
     for (int i = 0; i < 2; ++i) {
         Info info = makeFull();
         EXPECT_EQ(-1, device.getNextInfo(info));
-        EXPECT_TRUE(isPending(std::CommonError, 1, "invalid object"));
+        EXPECT_TRUE(isPending(std::CommonError, std::CommonErrorId::CONTRACT_BROKEN, "invalid object"));
         EXPECT_EQ(textOf(Info()), textOf(info));
         EXPECT_TRUE(device.setAddress("192.0.2.7"));
-        EXPECT_TRUE(isPending(std::CommonError, 1, "invalid object"));
+        EXPECT_TRUE(isPending(std::CommonError, std::CommonErrorId::CONTRACT_BROKEN, "invalid object"));
         EXPECT_TRUE(device.setNetmask("255.0.0.0"));
-        EXPECT_TRUE(isPending(std::CommonError, 1, "invalid object"));
+        EXPECT_TRUE(isPending(std::CommonError, std::CommonErrorId::CONTRACT_BROKEN, "invalid object"));
         EXPECT_TRUE(device.setInterfaceStatus(true));
-        EXPECT_TRUE(isPending(std::CommonError, 1, "invalid object"));
+        EXPECT_TRUE(isPending(std::CommonError, std::CommonErrorId::CONTRACT_BROKEN, "invalid object"));
         EXPECT_TRUE(device.setPromiscuous(true));
-        EXPECT_TRUE(isPending(std::CommonError, 1, "invalid object"));
+        EXPECT_TRUE(isPending(std::CommonError, std::CommonErrorId::CONTRACT_BROKEN, "invalid object"));
     }
     EXPECT_TRUE(system.calls.empty());
     EXPECT_TRUE(system.questions.empty());
@@ -367,7 +368,7 @@ TEST(NetDeviceFailure, IsUselessWithoutASocket) {
             FakeSystem const system;
             Fault const fault(inject_socket, error);
             NetDevice device(name);
-            EXPECT_TRUE(isPending(SysError, 19, error));
+            EXPECT_TRUE(isPending(SysError, SysErrorId::UNCLASSIFIED, error));
             EXPECT_EQ(0, system.list_requests);
             expectUseless(device, system);
         }
@@ -379,7 +380,7 @@ TEST(NetDeviceFailure, IsUselessWithoutAListOfTheSystem) {
         FakeSystem const system;
         Fault const fault(inject_if_nameindex, error);
         NetDevice device(nullptr);
-        EXPECT_TRUE(isPending(SysError, 1, error));
+        EXPECT_TRUE(isPending(SysError, SysErrorId::OUT_OF_MEMORY, error));
         expectUseless(device, system);
     }
 }
@@ -389,7 +390,7 @@ TEST(NetDeviceFailure, IsUselessWithoutAnIndexForItsName) {
         FakeSystem const system;
         Fault const fault(inject_if_nametoindex, error);
         NetDevice device("first");
-        EXPECT_TRUE(isPending(SysError, 16, error));
+        EXPECT_TRUE(isPending(SysError, SysErrorId::NO_DEVICE, error));
         EXPECT_EQ(0, system.list_requests);
         expectUseless(device, system);
     }
@@ -400,7 +401,7 @@ TEST(NetDeviceFailure, IsUselessWithoutMemoryForItsList) {
         FakeSystem const system;
         NewFault const fault(New::NOTHROW_ARRAY, nth);
         NetDevice device("first");
-        EXPECT_TRUE(isPending(std::CommonError, 0, ""));
+        EXPECT_TRUE(isPending(std::CommonError, std::CommonErrorId::OUT_OF_MEMORY, ""));
         expectUseless(device, system);
     }
 }
@@ -468,7 +469,7 @@ TEST_P(FailedQuestion, EndsTheCallAndNotTheWalk) {
     expectEach([](FakeSystem& system, NetDevice& devices, int error) {
         Info info = makeFull();
         EXPECT_EQ(-1, devices.getNextInfo(info));
-        EXPECT_TRUE(isPending(SysError, 19, error));
+        EXPECT_TRUE(isPending(SysError, SysErrorId::UNCLASSIFIED, error));
         EXPECT_EQ(textOf(makeInfo({QUESTIONS, QUESTIONS + GetParam()})), textOf(info));
         EXPECT_EQ(static_cast<size_t>(GetParam() + 1), system.calls.size());
 
@@ -484,7 +485,7 @@ TEST_P(FailedQuestion, IsFollowedByTheNextInterfaceAlsoWhenThatFails) {
         Info info;
         for (char const* const name : {"first", "second"}) {
             EXPECT_EQ(-1, devices.getNextInfo(info));
-            EXPECT_TRUE(isPending(SysError, 19, error));
+            EXPECT_TRUE(isPending(SysError, SysErrorId::UNCLASSIFIED, error));
             EXPECT_STREQ(name, system.calls.back().data.ifr_name);
         }
         EXPECT_EQ(1, devices.getNextInfo(info));
@@ -642,12 +643,12 @@ TEST(NetDeviceFailure, IsAtItsEndAtOnceWithoutInterfaces) {
     NetDevice devices(nullptr);
     ASSERT_TRUE(devices.isValid());
     EXPECT_TRUE(devices.setInterfaceStatus(true));
-    EXPECT_TRUE(isPending(std::CommonError, 1, "no current interface"));
+    EXPECT_TRUE(isPending(std::CommonError, std::CommonErrorId::CONTRACT_BROKEN, "no current interface"));
     Info info;
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(1, devices.getNextInfo(info));
         EXPECT_TRUE(devices.setAddress("192.0.2.7"));
-        EXPECT_TRUE(isPending(std::CommonError, 1, "no current interface"));
+        EXPECT_TRUE(isPending(std::CommonError, std::CommonErrorId::CONTRACT_BROKEN, "no current interface"));
     }
     EXPECT_TRUE(system.calls.empty());
 }
@@ -756,7 +757,7 @@ TEST_P(EverySetter, TakesTheInterfaceThatTheWalkIsAt) {
     ASSERT_EQ(1, devices.getNextInfo(info));
     system.calls.clear();
     EXPECT_TRUE(GetParam().call(devices));
-    EXPECT_TRUE(isPending(std::CommonError, 1, "no current interface"));
+    EXPECT_TRUE(isPending(std::CommonError, std::CommonErrorId::CONTRACT_BROKEN, "no current interface"));
     EXPECT_TRUE(system.calls.empty());
 }
 
@@ -862,9 +863,11 @@ TEST(NetDeviceFailure, RefusesAnAddressOfTheOtherVersion) {
         FakeSystem const system;
         NetDevice device("first");
         EXPECT_TRUE(device.setAddress(text));
-        EXPECT_TRUE(isPending(std::CommonError, 5, "Couldn't resolve hostname"));
+        EXPECT_TRUE(
+            isPending(std::CommonError, std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname"));
         EXPECT_TRUE(device.setNetmask(text));
-        EXPECT_TRUE(isPending(std::CommonError, 5, "Couldn't resolve hostname"));
+        EXPECT_TRUE(
+            isPending(std::CommonError, std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname"));
         EXPECT_TRUE(system.calls.empty());
         // It was numeric, so the cursor had moved when it turned out to be of no use.
         Info info;
@@ -922,12 +925,17 @@ TEST_P(ResolverCode, OfANumericTextFailsBehindTheCursor) {
 INSTANTIATE_TEST_SUITE_P(
     Codes, ResolverCode,
     testing::Values(
-        ResolverRow{EAI_NONAME, &std::CommonError, 5, "Couldn't resolve hostname"},
-        ResolverRow{EAI_NODATA, &std::CommonError, 5, "Couldn't resolve hostname"},
-        ResolverRow{EAI_ADDRFAMILY, &std::CommonError, 5, "Couldn't resolve hostname"},
-        ResolverRow{EAI_AGAIN, &vesk::Socket::Error, 9, nullptr},
-        ResolverRow{EAI_FAIL, &vesk::Socket::Error, 9, nullptr},
-        ResolverRow{EAI_MEMORY, &SysError, 1, nullptr}, ResolverRow{EAI_FAMILY, &SysError, 19, nullptr}));
+        ResolverRow{
+            EAI_NONAME, &std::CommonError, std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname"},
+        ResolverRow{
+            EAI_NODATA, &std::CommonError, std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname"},
+        ResolverRow{
+            EAI_ADDRFAMILY, &std::CommonError, std::CommonErrorId::INVALID_ARGUMENT,
+            "Couldn't resolve hostname"},
+        ResolverRow{EAI_AGAIN, &vesk::Socket::Error, vesk::Socket::ErrorId::RESOLVE_FAILED, nullptr},
+        ResolverRow{EAI_FAIL, &vesk::Socket::Error, vesk::Socket::ErrorId::RESOLVE_FAILED, nullptr},
+        ResolverRow{EAI_MEMORY, &SysError, SysErrorId::OUT_OF_MEMORY, nullptr},
+        ResolverRow{EAI_FAMILY, &SysError, SysErrorId::UNCLASSIFIED, nullptr}));
 
 TEST(NetDeviceFailure, ResolvesANameBeforeItLooksForAnInterface) {
     FakeSystem system;
@@ -937,7 +945,8 @@ TEST(NetDeviceFailure, ResolvesANameBeforeItLooksForAnInterface) {
     ASSERT_EQ(0, device.getNextInfo(info));
     ASSERT_EQ(1, device.getNextInfo(info));
     EXPECT_TRUE(device.setAddress("some.name"));
-    EXPECT_TRUE(isPending(std::CommonError, 5, "Couldn't resolve hostname"));
+    EXPECT_TRUE(
+        isPending(std::CommonError, std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname"));
 }
 
 } // namespace

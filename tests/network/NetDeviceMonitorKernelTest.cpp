@@ -50,6 +50,7 @@ using support::setUp;
 using support::systemText;
 using vesk::NetDeviceMonitor;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(__arm__)
 constexpr int ROUNDS = 20;
@@ -433,7 +434,9 @@ TEST_F(Kernel, TellsHundredsOfChangesEachOnce) {
 class SlowWatcher : public Watcher {
 public:
     SlowWatcher() {
-        expected_chain = {{SysError, 19, support::rowText(SysError, 19, systemText(ENOBUFS))}};
+        expected_chain = {
+            {SysError, SysErrorId::UNCLASSIFIED,
+             support::rowText(SysErrorId::UNCLASSIFIED, systemText(ENOBUFS))}};
         listener.on_call = [this](std::string const& line) {
             keep(line);
             std::unique_lock<std::mutex> lock(m_mutex);

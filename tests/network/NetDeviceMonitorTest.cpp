@@ -490,7 +490,8 @@ std::string missing(std::initializer_list<char const*> functions) {
 
 TEST(NetDeviceMonitorWithoutListener, IsReported) {
     NetDeviceMonitor const monitor(nullptr);
-    EXPECT_TRUE(chainIs({{std::CommonError, 5, "Argument is not usable: Listener must not be null"}}));
+    EXPECT_TRUE(chainIs(
+        {{std::CommonErrorId::INVALID_ARGUMENT, "Argument is not usable: Listener must not be null"}}));
 }
 
 TEST(NetDeviceMonitorWithoutListener, AssertsBeforeEachCallbackAndKeepsItsTable) {
@@ -547,13 +548,15 @@ TEST(NetDeviceMonitorWithoutMemory, IsReportedAndCannotWatch) {
     NewFault fault(New::NOTHROW_SINGLE);
     NetDeviceMonitor monitor(&listener);
     EXPECT_EQ(1, fault.getCalls());
-    EXPECT_TRUE(chainIs({{std::CommonError, 1, "Contract broken by the caller: no memory for the monitor"}}));
+    EXPECT_TRUE(chainIs(
+        {{std::CommonErrorId::CONTRACT_BROKEN, "Contract broken by the caller: no memory for the monitor"}}));
 
     EventRecorder const events;
     EXPECT_TRUE(monitor.watch());
     EXPECT_EQ("ASSERT framework/src/vesk/common/NetDeviceMonitor watch: m_impl", events.getText());
-    EXPECT_TRUE(
-        chainIs({{std::CommonError, 1, "Contract broken by the caller: watch() called in invalid state"}}));
+    EXPECT_TRUE(chainIs(
+        {{std::CommonErrorId::CONTRACT_BROKEN,
+          "Contract broken by the caller: watch() called in invalid state"}}));
     monitor.stopWatching();
     EXPECT_EQ(1U, events.getCount());
     EXPECT_TRUE(chainIs({}));

@@ -354,7 +354,8 @@ TEST(NetDeviceNamespace, RefusesWhatIsNoAddressOfAnInterface) {
         EXPECT_TRUE(device.setAddress("224.0.0.1"));
         EXPECT_TRUE(isPending(19, EINVAL));
         EXPECT_TRUE(device.setAddress("::1"));
-        EXPECT_TRUE(isPending(std::CommonError, 5, "Couldn't resolve hostname"));
+        EXPECT_TRUE(
+            isPending(std::CommonError, std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname"));
         EXPECT_EQ("none", getAddress(look("dev0")));
     });
 }
@@ -400,9 +401,13 @@ TEST(NetDeviceNamespace, RefusesAHostNameThatLeadsNowhere) {
         for (char const* const name :
              {"nobody.test", "six.test", "10.1.2.256", "10.1.2.3/8", "10.1.2.3 ", " "}) {
             EXPECT_TRUE(device.setAddress(name)) << name;
-            EXPECT_TRUE(isPending(std::CommonError, 5, "Couldn't resolve hostname")) << name;
+            EXPECT_TRUE(isPending(
+                std::CommonError, std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname"))
+                << name;
             EXPECT_TRUE(device.setNetmask(name)) << name;
-            EXPECT_TRUE(isPending(std::CommonError, 5, "Couldn't resolve hostname")) << name;
+            EXPECT_TRUE(isPending(
+                std::CommonError, std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname"))
+                << name;
         }
         // The cursor has not moved.
         Info info;
@@ -475,7 +480,7 @@ TEST(NetDeviceNamespace, SetsTheInterfaceThatTheWalkIsAt) {
         EXPECT_TRUE(look("two").up);
         EXPECT_EQ("127.0.0.1", getAddress(look("lo")));
         EXPECT_TRUE(devices.setInterfaceStatus(false));
-        EXPECT_TRUE(isPending(std::CommonError, 1, "no current interface"));
+        EXPECT_TRUE(isPending(std::CommonError, std::CommonErrorId::CONTRACT_BROKEN, "no current interface"));
     });
 }
 

@@ -40,11 +40,15 @@ static_assert(std::is_same_v<decltype(Info::flags), uint32_t>);
 static_assert(Info::LOOPBACK == 0 && Info::POINT_TO_POINT == 1 && Info::OTHER == 2);
 
 testing::AssertionResult complainsOfItself() {
-    return chainIs({{std::CommonError, 1, rowText(std::CommonError, 1, "invalid object")}});
+    return chainIs(
+        {{std::CommonErrorId::CONTRACT_BROKEN,
+          rowText(std::CommonErrorId::CONTRACT_BROKEN, "invalid object")}});
 }
 
 testing::AssertionResult complainsOfTheEnd() {
-    return chainIs({{std::CommonError, 1, rowText(std::CommonError, 1, "no current interface")}});
+    return chainIs(
+        {{std::CommonErrorId::CONTRACT_BROKEN,
+          rowText(std::CommonErrorId::CONTRACT_BROKEN, "no current interface")}});
 }
 
 std::vector<std::string> getNames() {
@@ -181,7 +185,8 @@ class UnknownName : public testing::TestWithParam<std::string> {};
 TEST_P(UnknownName, MakesAnObjectThatDoesNothing) {
     NetDevice device(GetParam().c_str());
     EXPECT_FALSE(device.isValid());
-    EXPECT_TRUE(chainIs({{vesk::SysError, 16, rowText(vesk::SysError, 16, systemText(ENODEV))}}));
+    EXPECT_TRUE(
+        chainIs({{vesk::SysErrorId::NO_DEVICE, rowText(vesk::SysErrorId::NO_DEVICE, systemText(ENODEV))}}));
     Info info;
     info.name = "before";
     for (int i = 0; i < 3; ++i) {

@@ -63,6 +63,7 @@ using support::systemText;
 using vesk::NetDeviceMonitor;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 /// What one call of `recvmsg` gives: a datagram, or a failure.
 struct Step {
@@ -1174,7 +1175,7 @@ TEST_F(Watch, KeepsItsTableForTheNextOne) {
     Kernel first({interfaceMessage(1), DONE});
     EXPECT_TRUE(watch(first));
     EXPECT_EQ((Log{"interface_appeared if1", "interface_status if1"}), m_listener.take());
-    EXPECT_TRUE(chainIs({{SysError, 19}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED}}));
     Kernel second({interfaceMessage(1), DONE, DONE});
     EXPECT_FALSE(watch(second));
     EXPECT_EQ((Log{"interface_status if1"}), m_listener.take());
@@ -1196,7 +1197,8 @@ TEST_F(Watch, FailsWithoutASocket) {
         Kernel kernel({DONE, DONE});
         Fault const fault(inject_socket, error);
         EXPECT_TRUE(watch(kernel));
-        EXPECT_TRUE(chainIs({{Socket::Error, 3, rowText(Socket::Error, 3, systemText(error))}}));
+        EXPECT_TRUE(chainIs(
+            {{Socket::ErrorId::CREATE_FAILED, rowText(Socket::ErrorId::CREATE_FAILED, systemText(error))}}));
         EXPECT_EQ(0U, kernel.getCalls().size());
     }
 }
@@ -1206,7 +1208,8 @@ TEST_F(Watch, FailsIfItCannotBind) {
         Kernel kernel({DONE, DONE});
         Fault const fault(inject_bind, error);
         EXPECT_TRUE(watch(kernel));
-        EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(error))}}));
+        EXPECT_TRUE(
+            chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(error))}}));
         EXPECT_EQ(2U, kernel.getCalls().size());
         EXPECT_EQ(1, kernel.countCloses());
     }
@@ -1220,7 +1223,8 @@ TEST_P(FailedRequest, EndsIt) {
         Fault const fault(inject_sendmsg, error, GetParam());
         EXPECT_TRUE(watch(kernel));
         EXPECT_EQ(GetParam(), fault.getCalls());
-        EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(error))}}));
+        EXPECT_TRUE(
+            chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(error))}}));
         EXPECT_EQ("close fd", kernel.getCalls().back());
         EXPECT_EQ(1, kernel.countCloses());
         // There is no number left of a socket that is closed.
@@ -1236,7 +1240,7 @@ TEST_F(Watch, CanBeRepeatedAfterAFailure) {
         Kernel kernel({DONE, DONE});
         Fault const fault(inject_bind, EADDRINUSE);
         EXPECT_TRUE(watch(kernel));
-        EXPECT_TRUE(chainIs({{SysError, 19}}));
+        EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED}}));
     }
     Kernel kernel({interfaceMessage(1), DONE, DONE});
     EXPECT_FALSE(watch(kernel));
@@ -1259,7 +1263,8 @@ class FailedReception : public Watch, public testing::WithParamInterface<Recepti
 TEST_P(FailedReception, IsReportedAndItGoesOn) {
     Kernel kernel(GetParam().steps);
     EXPECT_TRUE(watch(kernel));
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(ENOBUFS))}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(ENOBUFS))}}));
     EXPECT_EQ((Log{"interface_appeared if1", "interface_status if1"}), m_listener.take());
     EXPECT_EQ(GetParam().requests, kernel.getRequests().size());
     EXPECT_EQ(0U, kernel.countStepsLeft());
@@ -1327,7 +1332,7 @@ protected:
         Kernel kernel(lossOf(further));
         EXPECT_TRUE(watch(kernel));
         EXPECT_EQ(0U, kernel.countStepsLeft());
-        EXPECT_TRUE(chainIs({{SysError, 19}}));
+        EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED}}));
         m_requests = kernel.getRequests();
         Log log = m_listener.take();
         EXPECT_LE(10U, log.size());
@@ -1530,7 +1535,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(Watch, DoesNotRepeatAnInterruptedReception) {
     Kernel kernel({Step::failure(EINTR), DONE, DONE});
     EXPECT_TRUE(watch(kernel));
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EINTR))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EINTR))}}));
 }
 
 TEST_F(Watch, TakesAFailedReceptionForItsEndOnceItIsStopped) {
@@ -1548,7 +1553,7 @@ TEST_F(Watch, RemembersAFailureBeforeItIsStopped) {
     Kernel kernel(
         {DONE, Step::failure(EIO), Step::failure(EIO).during([this] { m_monitor.stopWatching(); })});
     EXPECT_TRUE(watch(kernel));
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EIO))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EIO))}}));
 }
 
 TEST_F(Watch, TellsWhatCameWithTheStop) {

@@ -289,6 +289,7 @@ using support::systemText;
 using support::TempDir;
 using vesk::ProcessTNG;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::sched::Attr;
 using vesk::sched::Policy;
 using Handler = std::GlobalErrorHandler;
@@ -349,7 +350,7 @@ TEST_P(ProcessForkRows, failTheStartAndLeaveTheObjectIdle) {
     EXPECT_EQ(-1, process.getPid());
     ProcessTNG::ExitState state;
     EXPECT_TRUE(process.wait(state, false, 0));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
     // All locks are free again.
     EXPECT_TRUE(support::hasExitedWith(support::run(process), 0));
 }
@@ -357,9 +358,17 @@ TEST_P(ProcessForkRows, failTheStartAndLeaveTheObjectIdle) {
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessForkRows,
     testing::Values(
-        ForkRow{EAGAIN, {{SysError, 0, rowText(SysError, 0, systemText(EAGAIN))}}},
-        ForkRow{ENOMEM, {{SysError, 1, rowText(SysError, 1, systemText(ENOMEM))}}},
-        ForkRow{ENOSYS, {{ProcessTNG::Error, 0, "Failed to start child process: " + systemText(ENOSYS)}}}));
+        ForkRow{
+            EAGAIN,
+            {{SysError, SysErrorId::RESOURCES_EXHAUSTED,
+              rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EAGAIN))}}},
+        ForkRow{
+            ENOMEM,
+            {{SysError, SysErrorId::OUT_OF_MEMORY, rowText(SysErrorId::OUT_OF_MEMORY, systemText(ENOMEM))}}},
+        ForkRow{
+            ENOSYS,
+            {{ProcessTNG::Error, ProcessTNG::ErrorId::START_FAILED,
+              "Failed to start child process: " + systemText(ENOSYS)}}}));
 
 TEST_F(ProcessChildFailure, aStartThatFailsHasForgottenTheLastEnd) {
     ProcessTNG process;
@@ -374,7 +383,7 @@ TEST_F(ProcessChildFailure, aStartThatFailsHasForgottenTheLastEnd) {
     }
     ProcessTNG::ExitState state;
     EXPECT_TRUE(process.wait(state, false, 0));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
 }
 
 // ---- the order of the calls ----
@@ -636,7 +645,9 @@ TEST_F(ProcessChildFailure, anUnknownErrorNumberIsToldAsTheSystemTellsIt) {
         go();
     });
     EXPECT_NE(std::string::npos, seen.errors.find("\". Reason: Unknown error 12345\n")) << seen.errors;
-    EXPECT_NE(std::string::npos, seen.errors.find(": " + rowText(SysError, 19, systemText(12345)) + "\n"))
+    EXPECT_NE(
+        std::string::npos,
+        seen.errors.find(": " + rowText(SysErrorId::UNCLASSIFIED, systemText(12345)) + "\n"))
         << seen.errors;
 }
 
@@ -818,7 +829,8 @@ TEST_F(ProcessChildFailure, processorsThatCannotBeSetAreAWarningAndAReportThatIs
     EXPECT_EQ(0U, seen.errors.find("after fork(): error unblocking signals: nothing\n")) << seen.errors;
     EXPECT_NE(std::string::npos, seen.errors.find("\nafter fork(): Error setting affinity: framework/"))
         << seen.errors;
-    EXPECT_NE(std::string::npos, seen.errors.find(rowText(SysError, 19, systemText(EPERM)) + "\nerr\n"))
+    EXPECT_NE(
+        std::string::npos, seen.errors.find(rowText(SysErrorId::UNCLASSIFIED, systemText(EPERM)) + "\nerr\n"))
         << seen.errors;
 }
 
@@ -964,7 +976,8 @@ TEST_F(ProcessChildFailure, aGroupThatCannotBeMadeIsToldAndTheChildGoesOn) {
     });
     EXPECT_EQ(0U, seen.errors.find("Error setting new process group: framework/")) << seen.errors;
     EXPECT_NE(
-        std::string::npos, seen.errors.find(": " + rowText(SysError, 19, systemText(EPERM)) + "\nerr\n"))
+        std::string::npos,
+        seen.errors.find(": " + rowText(SysErrorId::UNCLASSIFIED, systemText(EPERM)) + "\nerr\n"))
         << seen.errors;
     EXPECT_EQ(0, seen.status);
 }

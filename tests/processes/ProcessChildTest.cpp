@@ -865,10 +865,10 @@ TEST_F(ProcessChild, doesNotWriteTheOutputThatTheProcessHasNotWrittenYet) {
 TEST_F(ProcessChild, doesNotTellTheErrorsOfTheProcess) {
     Capture const seen = capture([](ProcessTNG& process, Go const& go) {
         std::ErrorStorage const errors(std::ErrorStorage::action_dump_to_stdout);
-        std::ErrorOutput("mine", 1, true)(vesk::SysError, 18);
+        std::ErrorOutput("mine", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
         process.setAffinity({false}); // Makes it report.
         go();
-        EXPECT_TRUE(support::chainIs({{vesk::SysError, 18}}));
+        EXPECT_TRUE(support::chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}}));
     });
     EXPECT_EQ("out\n", seen.output);
 }

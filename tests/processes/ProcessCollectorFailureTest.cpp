@@ -35,6 +35,7 @@ VESK_INJECT_RESULT(pthread_rwlock_unlock, (pthread_rwlock_t * l), (l))
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::EventRecorder;
 using support::eventually;
@@ -66,7 +67,8 @@ void expectNoCollector() {
     EXPECT_TRUE(chainIs({}));
     EXPECT_EQ(-1, process.start());
     EXPECT_EQ("ASSERT framework/src/vesk/posix/ProcessTNG start: g_process_impl", recorder.getText());
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0, NO_IMPL}, {ProcessTNG::Error, 0}}));
+    EXPECT_TRUE(chainIs(
+        {{Vesk::ErrorId::INIT_FAILED, NO_IMPL}, {ProcessTNG::Error, ProcessTNG::ErrorId::START_FAILED}}));
     ProcessTNG::exit();
 }
 
@@ -79,7 +81,7 @@ TEST(ProcessSetUp, failsWithoutMemory) {
         ProcessTNG const process;
         EXPECT_FALSE(process.isValid());
     }
-    EXPECT_TRUE(chainIs({{CommonError, 0, "Out of memory"}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY, "Out of memory"}}));
     expectNoCollector();
 }
 
@@ -90,7 +92,7 @@ TEST(ProcessSetUp, failsWithoutAThreadAndLeavesNothingBehind) {
         ProcessTNG const process;
         EXPECT_FALSE(process.isValid());
     }
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0, NO_IMPL}}));
+    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_IMPL}}));
     expectNoCollector();
 }
 
@@ -103,7 +105,8 @@ TEST(ProcessSetUp, failsWhenTheThreadCannotBeStartedAndLeavesNothingBehind) {
         ProcessTNG const process;
         EXPECT_FALSE(process.isValid());
     }
-    EXPECT_TRUE(chainIs({{vesk::Mutex::Error, 3}, {vesk::Thread::Error, 1}}));
+    EXPECT_TRUE(chainIs(
+        {{vesk::Mutex::ErrorId::INCONSISTENT}, {vesk::Thread::Error, vesk::Thread::ErrorId::START_FAILED}}));
     EXPECT_EQ(0U, recorder.getCount()) << recorder.getText();
     expectNoCollector();
 }
@@ -118,7 +121,9 @@ TEST(ProcessSetUp, keepsAThreadThatRunsThoughItsStartFailed) {
         process = new ProcessTNG;
         if (recorder.getCount() == 0) {
             EXPECT_FALSE(process->isValid());
-            EXPECT_TRUE(chainIs({{vesk::Mutex::Error, 3}, {vesk::Thread::Error, 1}}));
+            EXPECT_TRUE(chainIs(
+                {{vesk::Mutex::ErrorId::INCONSISTENT},
+                 {vesk::Thread::Error, vesk::Thread::ErrorId::START_FAILED}}));
         }
         std::ErrorStorage::ack();
     }
@@ -134,9 +139,9 @@ TEST(ProcessSetUp, ofTheOwnNameFailsWithoutMemory) {
         NewFault const fault(New::NOTHROW_SINGLE);
         EXPECT_EQ("", ProcessTNG::getOwnProcessName());
     }
-    EXPECT_TRUE(chainIs({{CommonError, 0, "Out of memory"}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY, "Out of memory"}}));
     EXPECT_EQ("", ProcessTNG::getOwnProcessName());
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0, NO_STATIC_IMPL}}));
+    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_STATIC_IMPL}}));
 }
 
 TEST(ProcessSetUp, ofTheOwnNameFailsWithoutALockAndLeavesNothingBehind) {
@@ -145,9 +150,9 @@ TEST(ProcessSetUp, ofTheOwnNameFailsWithoutALockAndLeavesNothingBehind) {
         Fault const fault(inject_pthread_rwlock_init, ENOMEM);
         EXPECT_EQ("", ProcessTNG::getOwnProcessName());
     }
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0, NO_STATIC_IMPL}}));
+    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_STATIC_IMPL}}));
     EXPECT_EQ("", ProcessTNG::getOwnProcessName());
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0, NO_STATIC_IMPL}}));
+    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_STATIC_IMPL}}));
     ProcessTNG::exit();
 }
 
@@ -156,7 +161,7 @@ TEST(ProcessSetUp, thatFailsEagerlyFailsTheStartUp) {
     Fault const fault(inject_pthread_create, EAGAIN);
     Vesk const vesk(false, false);
     EXPECT_EQ("ABORT framework/src/vesk/common/vesk Vesk: Error initializing VESK", recorder.getText());
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0, NO_IMPL}}));
+    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_IMPL}}));
 }
 
 TEST(ProcessSetUp, thatFailsEagerlyForTheOwnNameFailsTheStartUp) {
@@ -166,7 +171,7 @@ TEST(ProcessSetUp, thatFailsEagerlyForTheOwnNameFailsTheStartUp) {
         Vesk const vesk(false, false);
     }
     EXPECT_EQ("ABORT framework/src/vesk/common/vesk Vesk: Error initializing VESK", recorder.getText());
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0, NO_STATIC_IMPL}}));
+    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_STATIC_IMPL}}));
     ProcessTNG::exit();
 }
 
@@ -175,7 +180,7 @@ TEST(ProcessSetUp, isNotAskedForTheNameWhenTheCollectorHasFailed) {
     Fault const locks(inject_pthread_rwlock_init, 0);
     EXPECT_TRUE(ProcessTNG::init(false));
     EXPECT_EQ(0, locks.getCalls());
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0, NO_IMPL}}));
+    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_IMPL}}));
     ProcessTNG::exit();
 }
 

@@ -183,19 +183,22 @@ TEST(ProcessCollectorGone, anObjectFromBeforeTheStartUpIsInvalidAndItsStartFails
     EventRecorder recorder;
     ProcessTNG process;
     EXPECT_FALSE(process.isValid());
-    EXPECT_TRUE(
-        chainIs({{Vesk::Error, 0, "Unable to initialize VESK: \"process impl. object is invalid\" failed"}}));
+    EXPECT_TRUE(chainIs(
+        {{Vesk::ErrorId::INIT_FAILED,
+          "Unable to initialize VESK: \"process impl. object is invalid\" failed"}}));
     EXPECT_EQ(0U, recorder.getCount());
     process.setExecutable(support::getProbePath());
     EXPECT_EQ(-1, process.start());
     EXPECT_EQ("ASSERT framework/src/vesk/posix/ProcessTNG start: g_process_impl", recorder.getText());
     EXPECT_TRUE(chainIs(
-        {{Vesk::Error, 0, "Unable to initialize VESK: \"process impl. object is invalid\" failed"},
-         {ProcessTNG::Error, 0, "Failed to start child process: locking operation failed"}}));
+        {{Vesk::ErrorId::INIT_FAILED,
+          "Unable to initialize VESK: \"process impl. object is invalid\" failed"},
+         {ProcessTNG::Error, ProcessTNG::ErrorId::START_FAILED,
+          "Failed to start child process: locking operation failed"}}));
     // Nothing stays locked.
     ExitState state;
     EXPECT_TRUE(process.wait(state, false, 0));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
     EXPECT_FALSE(process.kill(true));
 }
 
@@ -206,13 +209,15 @@ TEST(ProcessCollectorGone, anObjectFromAfterTheEndIsInvalidAndItsStartFailsBehin
     EventRecorder recorder;
     ProcessTNG process;
     EXPECT_FALSE(process.isValid());
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0}}));
+    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED}}));
     EXPECT_EQ(-1, process.start());
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0}, {ProcessTNG::Error, 0}}));
+    EXPECT_TRUE(
+        chainIs({{Vesk::ErrorId::INIT_FAILED}, {ProcessTNG::Error, ProcessTNG::ErrorId::START_FAILED}}));
     // One that was made before is no better off.
     EXPECT_TRUE(old.isValid());
     EXPECT_EQ(-1, old.start());
-    EXPECT_TRUE(chainIs({{Vesk::Error, 0}, {ProcessTNG::Error, 0}}));
+    EXPECT_TRUE(
+        chainIs({{Vesk::ErrorId::INIT_FAILED}, {ProcessTNG::Error, ProcessTNG::ErrorId::START_FAILED}}));
     EXPECT_EQ(
         "ASSERT framework/src/vesk/posix/ProcessTNG start: g_process_impl\n"
         "ASSERT framework/src/vesk/posix/ProcessTNG start: g_process_impl",
@@ -223,7 +228,7 @@ TEST(ProcessCollectorGone, theOwnNameIsEmptyBeforeTheStartUpAndAfterTheEnd) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ("", ProcessTNG::getOwnProcessName());
         EXPECT_TRUE(chainIs(
-            {{Vesk::Error, 0,
+            {{Vesk::ErrorId::INIT_FAILED,
               "Unable to initialize VESK: \"process static impl. object is invalid\" failed"}}));
         if (i == 0) {
             Vesk const vesk(false, false);

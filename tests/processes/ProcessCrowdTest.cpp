@@ -115,7 +115,7 @@ TEST_F(ProcessCrowd, killsAndWaitsOfManyThreadsEndInOneStatePerChild) {
                 ExitState state;
                 while (fetched == 0) {
                     if (process.wait(state, true, 5)) {
-                        EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
+                        EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
                         break;
                     }
                     if (state.hasExited()) {
@@ -169,7 +169,8 @@ TEST_F(ProcessCrowd, noChildIsHeldUpByWhatOtherThreadsDo) {
         Hammers hammers;
         hammers.add([] {
             for (int level = 0; level < 10; ++level) { // Long enough to map memory, too.
-                std::ErrorOutput("hammer", level, level == 0)(vesk::SysError, 19, "text");
+                std::ErrorOutput("hammer", level, level == 0)(
+                    vesk::SysError, vesk::SysErrorId::UNCLASSIFIED, "text");
             }
             EXPECT_NE("", tarn_error.getReasonList());
             std::ErrorStorage::ack();

@@ -75,8 +75,10 @@ using support::systemText;
 using support::TempDir;
 using support::waitFor;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::ProcessTNG;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using Pids = std::vector<int>;
 
 class ProcessQueries : public support::ProcessTest {
@@ -203,7 +205,8 @@ TEST_F(ProcessQueries, killProcessEndsAProcessGracefullyOrNot) {
 
 TEST_F(ProcessQueries, killProcessOfAStrangerThatIsNotThereFails) {
     EXPECT_TRUE(ProcessTNG::killProcess(0x7ffffff0, true));
-    EXPECT_TRUE(chainIs({{ProcessTNG::Error, 4, "Process could not be found: " + systemText(ESRCH)}}));
+    EXPECT_TRUE(
+        chainIs({{ProcessTNG::ErrorId::NOT_FOUND, "Process could not be found: " + systemText(ESRCH)}}));
 }
 
 TEST_F(ProcessQueries, killProcessOfAStrangerWithoutTheRightFails) {
@@ -214,8 +217,9 @@ TEST_F(ProcessQueries, killProcessOfAStrangerWithoutTheRightFails) {
         EXPECT_EQ(0, setuid(65534));
         EXPECT_TRUE(ProcessTNG::killProcess(getppid(), true));
         EXPECT_TRUE(chainIs(
-            {{SysError, 7, rowText(SysError, 7, systemText(EPERM))},
-             {ProcessTNG::Error, 2, "Failed to kill child process: " + systemText(EPERM)}}));
+            {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EPERM))},
+             {ProcessTNG::Error, ProcessTNG::ErrorId::KILL_FAILED,
+              "Failed to kill child process: " + systemText(EPERM)}}));
     });
     EXPECT_EQ(0, end.exit_code) << end.output;
 }
@@ -469,8 +473,8 @@ TEST_F(ProcessQueries, withoutTheDirectoryNothingIsFoundAndTheReportStays) {
     }
     EXPECT_EQ(Pids({1, 2}), pids);
     EXPECT_TRUE(chainIs(
-        {{SysError, 7, rowText(SysError, 7, systemText(EACCES))},
-         {FileAccessError, 3, "Access to path '/proc' denied"}}));
+        {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EACCES))},
+         {FileAccessError, FileAccessErrorId::ACCESS_DENIED, "Access to path '/proc' denied"}}));
 }
 
 } // namespace

@@ -79,6 +79,7 @@ using support::waitFor;
 using vesk::Mutex;
 using vesk::ProcessTNG;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using ExitState = ProcessTNG::ExitState;
 
 class ProcessTNGFailure : public support::ProcessTest {
@@ -94,7 +95,8 @@ protected:
 };
 
 ExpectedReport lockFailed(int error = EINVAL) {
-    return {Mutex::Error, 3, rowText(Mutex::Error, 3, systemText(error))};
+    return {
+        Mutex::Error, Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(error))};
 }
 
 ExpectedReport failed(int id, std::string const& what) {
@@ -161,7 +163,7 @@ TEST_F(ProcessTNGFailure, startCannotGoOnWithoutWakingTheCollector) {
         EXPECT_GT(process.start(), 0);
     }
     EXPECT_EQ(aborted("ProcessTNG", "start", "error signaling condition"), recorder.getText());
-    EXPECT_TRUE(chainIs({{SysError, 10}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::SPOILED_INTEGRITY}}));
     // The collector may not have been woken: another child does it.
     ProcessTNG other;
     setProbe(other, {"exit", "0"});
@@ -214,7 +216,7 @@ TEST_F(ProcessTNGFailure, startDuringAChildCannotGoOnWithoutUnlocking) {
         EXPECT_EQ(-1, process.start());
     }
     EXPECT_EQ(aborted("ProcessTNG", "start", "error unlocking"), recorder.getText());
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
     held.release();
     waitFor(process);
 }
@@ -248,13 +250,15 @@ TEST_F(ProcessTNGFailure, waitFailsWhenItsConditionDoesAndLetsGoOfTheLock) {
         EXPECT_TRUE(process.wait(state, false, 0));
         EXPECT_FALSE(state.hasExited());
         EXPECT_EQ(-1, state.status);
-        EXPECT_TRUE(chainIs({{SysError, 10}, failed(3, "wait for process exit signal failed")}));
+        EXPECT_TRUE(
+            chainIs({{SysErrorId::SPOILED_INTEGRITY}, failed(3, "wait for process exit signal failed")}));
     }
     {
         Fault const fault(inject_pthread_cond_timedwait, EINVAL);
         ExitState state;
         EXPECT_TRUE(process.wait(state, true, 10));
-        EXPECT_TRUE(chainIs({{SysError, 10}, failed(3, "wait for process exit signal failed")}));
+        EXPECT_TRUE(
+            chainIs({{SysErrorId::SPOILED_INTEGRITY}, failed(3, "wait for process exit signal failed")}));
     }
     held.release();
     EXPECT_TRUE(hasExitedWith(waitFor(process), 0));
@@ -275,7 +279,7 @@ TEST_F(ProcessTNGFailure, waitFailsWhenItCannotUnlockThoughItHasFetchedTheState)
     EXPECT_TRUE(chainIs({lockFailed(), failed(3, "unlocking operation failed")}));
     EXPECT_TRUE(hasExitedWith(state, 6));
     EXPECT_TRUE(process.wait(state, false, 0));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
 }
 
 TEST_F(ProcessTNGFailure, aWaiterThatIsWokenWithoutAStateLeftAssertsAndSucceeds) {
@@ -393,9 +397,15 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         KillRow{ESRCH, {failed(4, systemText(ESRCH))}},
         KillRow{
-            EINVAL, {{SysError, 7, rowText(SysError, 7, systemText(EINVAL))}, failed(2, systemText(EINVAL))}},
+            EINVAL,
+            {{SysError, SysErrorId::PERMISSION_DENIED,
+              rowText(SysErrorId::PERMISSION_DENIED, systemText(EINVAL))},
+             failed(2, systemText(EINVAL))}},
         KillRow{
-            EPERM, {{SysError, 7, rowText(SysError, 7, systemText(EPERM))}, failed(2, systemText(EPERM))}},
+            EPERM,
+            {{SysError, SysErrorId::PERMISSION_DENIED,
+              rowText(SysErrorId::PERMISSION_DENIED, systemText(EPERM))},
+             failed(2, systemText(EPERM))}},
         KillRow{ENOSYS, {failed(2, systemText(ENOSYS))}}));
 
 // ---- existsProcess ----
@@ -422,7 +432,10 @@ INSTANTIATE_TEST_SUITE_P(
     All, ProcessExistsRows,
     testing::Values(
         ExistsRow{EPERM, 0, {}}, ExistsRow{ESRCH, 1, {}},
-        ExistsRow{EINVAL, -1, {{SysError, 19, rowText(SysError, 19, systemText(EINVAL))}}}));
+        ExistsRow{
+            EINVAL,
+            -1,
+            {{SysError, SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EINVAL))}}}));
 
 // ---- the destructor ----
 
@@ -468,7 +481,7 @@ TEST_F(ProcessTNGFailure, theDestructorCannotGoOnWithoutWaiting) {
         releaser.join();
     }
     EXPECT_EQ(aborted("ProcessTNG", "~ProcessTNG", "error waiting on condition"), recorder.getText());
-    EXPECT_TRUE(chainIs({{SysError, 10}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::SPOILED_INTEGRITY}}));
 }
 
 // ---- what a start reads ----

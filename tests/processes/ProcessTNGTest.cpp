@@ -37,6 +37,7 @@ extern "C" VESK_UNWATCHED int kill(pid_t pid, int signal) {
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::Event;
 using support::hasExitedWith;
@@ -49,8 +50,10 @@ using support::TempDir;
 using support::waitFor;
 using support::wasKilledBy;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::ProcessTNG;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using ExitState = ProcessTNG::ExitState;
 using Signals = std::vector<std::pair<pid_t, int>>;
 
@@ -117,7 +120,9 @@ TEST_F(ProcessTNGTest, isMadeWithAProgramAndItsArguments) {
 TEST_F(ProcessTNGTest, isInvalidWhenMadeWithAMissingProgram) {
     ProcessTNG const process("/no/such/program");
     EXPECT_FALSE(process.isValid());
-    EXPECT_TRUE(chainIs({{SysError, 2}, {FileAccessError, 0, "Bad path '/no/such/program'"}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INVALID_PATH},
+         {FileAccessError, FileAccessErrorId::BAD_PATH, "Bad path '/no/such/program'"}}));
 }
 
 // ---- one child ----
@@ -183,8 +188,9 @@ TEST_F(ProcessTNGTest, startWhileAChildRunsFailsAndLeavesThatChildAlone) {
     int const pid = process.start();
     held.waitUntilBegun();
     EXPECT_EQ(-1, process.start());
-    EXPECT_TRUE(
-        chainIs({{CommonError, 1, "Contract broken by the caller: There is already a child running."}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::CONTRACT_BROKEN,
+          "Contract broken by the caller: There is already a child running."}}));
     EXPECT_EQ(pid, process.getPid());
     EXPECT_EQ(0, ProcessTNG::existsProcess(pid));
     held.release();
@@ -202,7 +208,7 @@ TEST_F(ProcessTNGTest, startForgetsAnEndThatNobodyFetched) {
     EXPECT_TRUE(hasExitedWith(run(process), 2));
     ExitState state;
     EXPECT_TRUE(process.wait(state, false, 0));
-    EXPECT_TRUE(chainIs({{CommonError, 1, NOTHING_LEFT}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN, NOTHING_LEFT}}));
     EXPECT_TRUE(listener.waitForCalls(2)); // Which comes after the waiter.
 }
 
@@ -236,9 +242,9 @@ TEST_F(ProcessTNGTest, waitOnAnObjectThatNeverStartedAChildFails) {
     ExitState state;
     state.status = 77;
     EXPECT_TRUE(process.wait(state, false, 0));
-    EXPECT_TRUE(chainIs({{CommonError, 1, NOTHING_LEFT}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN, NOTHING_LEFT}}));
     EXPECT_TRUE(process.wait(state, true, 1000));
-    EXPECT_TRUE(chainIs({{CommonError, 1, NOTHING_LEFT}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN, NOTHING_LEFT}}));
     EXPECT_EQ(77, state.status);
 }
 
@@ -252,7 +258,7 @@ TEST_F(ProcessTNGTest, waitAfterTheChildHasEndedReturnsItsStateOnce) {
     EXPECT_TRUE(hasExitedWith(waitFor(process), 3));
     ExitState state;
     EXPECT_TRUE(process.wait(state, false, 0));
-    EXPECT_TRUE(chainIs({{CommonError, 1, NOTHING_LEFT}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN, NOTHING_LEFT}}));
 }
 
 TEST_F(ProcessTNGTest, aTimedWaitThatExpiresSucceedsAndALaterOneFetchesTheState) {
@@ -479,7 +485,7 @@ TEST_F(ProcessTNGTest, setExecutableFailsOnAFileThatItsOwnerMayNotExecute) {
         ProcessTNG process;
         EXPECT_TRUE(process.setExecutable(dir / "program")) << mode;
         EXPECT_FALSE(process.isValid());
-        EXPECT_TRUE(chainIs({{FileAccessError, 0, "Bad path '" + (dir / "program") + "'"}}));
+        EXPECT_TRUE(chainIs({{FileAccessErrorId::BAD_PATH, "Bad path '" + (dir / "program") + "'"}}));
     }
 }
 
@@ -490,7 +496,9 @@ TEST_F(ProcessTNGTest, setExecutableFollowsLinks) {
     EXPECT_FALSE(process.setExecutable(dir / "link"));
     ASSERT_EQ(0, symlink("nowhere", (dir / "dangling").c_str()));
     EXPECT_TRUE(process.setExecutable(dir / "dangling"));
-    EXPECT_TRUE(chainIs({{SysError, 2}, {FileAccessError, 0, "Bad path '" + (dir / "dangling") + "'"}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INVALID_PATH},
+         {FileAccessError, FileAccessErrorId::BAD_PATH, "Bad path '" + (dir / "dangling") + "'"}}));
 }
 
 TEST_F(ProcessTNGTest, setExecutableTakesADirectory) {
@@ -502,9 +510,12 @@ TEST_F(ProcessTNGTest, setExecutableTakesADirectory) {
 TEST_F(ProcessTNGTest, setExecutableFailsOnAMissingFileAndAnEmptyPath) {
     ProcessTNG process;
     EXPECT_TRUE(process.setExecutable("/no/such/program"));
-    EXPECT_TRUE(chainIs({{SysError, 2}, {FileAccessError, 0, "Bad path '/no/such/program'"}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INVALID_PATH},
+         {FileAccessError, FileAccessErrorId::BAD_PATH, "Bad path '/no/such/program'"}}));
     EXPECT_TRUE(process.setExecutable(""));
-    EXPECT_TRUE(chainIs({{SysError, 2}, {FileAccessError, 0, "Bad path ''"}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::INVALID_PATH}, {FileAccessError, FileAccessErrorId::BAD_PATH, "Bad path ''"}}));
 }
 
 TEST_F(ProcessTNGTest, anInvalidObjectStaysSoUntilItIsInitialisedAgain) {

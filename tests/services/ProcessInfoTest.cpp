@@ -85,6 +85,7 @@ using support::rowText;
 using support::systemText;
 using vesk::ProcessInfo;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Time;
 
 constexpr int PID = 4711;
@@ -160,7 +161,7 @@ TEST(ProcessInfo, longestProcessIdHasAPath) {
     info.init();
     ASSERT_EQ(1u, proc.getOpened().size());
     EXPECT_EQ("/proc/-2147483648/stat", proc.getOpened()[0].path);
-    EXPECT_TRUE(chainIs({{SysError, 17, rowText(SysError, 17, systemText(ENOENT))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(ENOENT))}}));
 }
 
 TEST(ProcessInfo, processZeroTripsAnAssertionAndIsLookedForAllTheSame) {
@@ -169,7 +170,7 @@ TEST(ProcessInfo, processZeroTripsAnAssertionAndIsLookedForAllTheSame) {
     info.init();
     EXPECT_EQ("ASSERT framework/src/vesk/linux/ProcessInfo init: m_pid", recorder.getText());
     EXPECT_FALSE(info.valid);
-    EXPECT_TRUE(chainIs({{SysError, 17, rowText(SysError, 17, systemText(ENOENT))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(ENOENT))}}));
 }
 
 struct NameRow {
@@ -253,7 +254,7 @@ TEST(ProcessInfo, textBeyondTheBufferIsCutOff) {
     ProcessInfo const info = look(proc);
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(0u, info.available) << "the end of the name was not seen";
-    EXPECT_TRUE(chainIs({{SysError, 17}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED}}));
 }
 
 TEST(ProcessInfo, nothingOfAnEarlierSnapshotCountsWhenTheNextOneFails) {
@@ -266,7 +267,7 @@ TEST(ProcessInfo, nothingOfAnEarlierSnapshotCountsWhenTheNextOneFails) {
     info.init();
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(0u, info.available);
-    EXPECT_TRUE(chainIs({{SysError, 17}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED}}));
 }
 
 TEST(ProcessInfo, snapshotMayBeTakenAgain) {
@@ -287,7 +288,7 @@ TEST(ProcessInfo, snapshotMayBeTakenAgain) {
 
 /// What is known when a call has failed.
 void expectFailure(ProcessInfo const& info, int error, unsigned int available) {
-    EXPECT_TRUE(chainIs({{SysError, 17, rowText(SysError, 17, systemText(error))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(error))}}));
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(available, info.available);
     EXPECT_EQ(0, info.timestamp);
@@ -348,7 +349,7 @@ TEST_P(ProcessInfoStatTexts, doNotParse) {
     proc.set("4711/stat", GetParam().text);
     proc.set("4711/statm", "1 2 3 4 5 6 7\n");
     ProcessInfo const info = look(proc);
-    EXPECT_TRUE(chainIs({{SysError, 17}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED}}));
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(GetParam().available, info.available);
     EXPECT_EQ(0u, info.user_time);
@@ -379,7 +380,7 @@ TEST_P(ProcessInfoStatmTexts, doNotParse) {
     proc.setProcess(PID, "daemon", "300", "250", "17", "33");
     proc.set("4711/statm", GetParam().text);
     ProcessInfo const info = look(proc);
-    EXPECT_TRUE(chainIs({{SysError, 17}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED}}));
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(STAT_VALUES, info.available);
     EXPECT_EQ(0u, info.resident);
@@ -414,7 +415,7 @@ TEST_P(ProcessInfoClock, failureIsChainedAndLeavesTheSnapshotValid) {
     std::string const text = systemText(GetParam().error);
     EXPECT_TRUE(chainIs(
         {{*GetParam().family, GetParam().id, rowText(*GetParam().family, GetParam().id, text)},
-         {SysError, 17, rowText(SysError, 17, text)}}));
+         {SysError, SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, text)}}));
     EXPECT_TRUE(info.valid);
     EXPECT_EQ(ALL_VALUES, info.available);
     EXPECT_EQ(0, info.timestamp);
@@ -422,7 +423,9 @@ TEST_P(ProcessInfoClock, failureIsChainedAndLeavesTheSnapshotValid) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessInfoClock,
-    testing::Values(ClockRow{EINVAL, &SysError, 6}, ClockRow{EFAULT, &Time::Error, 4}));
+    testing::Values(
+        ClockRow{EINVAL, &SysError, SysErrorId::NOT_IMPLEMENTED},
+        ClockRow{EFAULT, &Time::Error, Time::ErrorId::GET_TIMESTAMP_FAILED}));
 
 // ---- the load ----
 
@@ -499,21 +502,21 @@ TEST_P(ProcessInfoLoadWithout, isAFailureOfTheStart) {
     ProcessInfo start = makeInfo(0, 0, 0);
     start.available = GetParam();
     EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(start, makeInfo(0, 0, 1000)));
-    EXPECT_TRUE(chainIs({{SysError, 8, rowText(SysError, 8, "start")}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "start")}}));
 }
 
 TEST_P(ProcessInfoLoadWithout, isAFailureOfTheEnd) {
     ProcessInfo end = makeInfo(0, 0, 1000);
     end.available = GetParam();
     EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, 0), end));
-    EXPECT_TRUE(chainIs({{SysError, 8, rowText(SysError, 8, "end")}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "end")}}));
 }
 
 TEST_P(ProcessInfoLoadWithout, isAFailureOfTheStartAheadOfTheEnd) {
     ProcessInfo without = makeInfo(0, 0, 0);
     without.available = GetParam();
     EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(without, without));
-    EXPECT_TRUE(chainIs({{SysError, 8, rowText(SysError, 8, "start")}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "start")}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -568,16 +571,18 @@ TEST_F(ProcessInfoPIDs, directoryThatCannotBeOpenedIsAFailureThatEmptiesThemAllT
     EXPECT_TRUE(ProcessInfo::getPIDs(m_pids));
     EXPECT_TRUE(m_pids.empty());
     EXPECT_TRUE(chainIs(
-        {{SysError, 0, rowText(SysError, 0, systemText(EMFILE))},
-         {vesk::FileAccessError, 6},
-         {SysError, 17, rowText(SysError, 17, systemText(EMFILE))}}));
+        {{SysErrorId::RESOURCES_EXHAUSTED, rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EMFILE))},
+         {vesk::FileAccessError, vesk::FileAccessErrorId::NO_DESCRIPTOR},
+         {SysError, SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(EMFILE))}}));
 }
 
 TEST_F(ProcessInfoPIDs, directoryThatCannotBeReadIsAFailure) {
     for (int const nth : {1, 2}) {
         Fault const fault(inject_readdir, EIO, nth);
         EXPECT_TRUE(ProcessInfo::getPIDs(m_pids));
-        EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EIO))}, {SysError, 17}}));
+        EXPECT_TRUE(chainIs(
+            {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EIO))},
+             {SysError, SysErrorId::QUERY_FAILED}}));
         EXPECT_EQ(nth, fault.getCalls());
     }
 }
@@ -730,9 +735,9 @@ TEST(ProcessInfoOfAProcess, thatHasGoneTellsNothing) {
     info.init();
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(0u, info.available);
-    EXPECT_TRUE(chainIs({{SysError, 17, rowText(SysError, 17, systemText(ENOENT))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(ENOENT))}}));
     EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(info, info));
-    EXPECT_TRUE(chainIs({{SysError, 8, rowText(SysError, 8, "start")}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "start")}}));
 }
 
 TEST(ProcessInfoOfAProcess, thatGoesAwayWhileItIsLookedAtTellsNothing) {
@@ -744,7 +749,7 @@ TEST(ProcessInfoOfAProcess, thatGoesAwayWhileItIsLookedAtTellsNothing) {
     s_before_read = nullptr;
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(0u, info.available);
-    EXPECT_TRUE(chainIs({{SysError, 17, rowText(SysError, 17, systemText(ESRCH))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(ESRCH))}}));
 }
 
 TEST(ProcessInfoOfAProcess, threadsUseObjectsOfTheirOwn) {

@@ -58,19 +58,21 @@ extern "C" VESK_UNWATCHED void regfree(regex_t* preg) {
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::Fault;
 using support::rowText;
 using vesk::Regex;
 using vesk::RegexHandle;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using SubMatch = Regex::SubMatch;
 
 constexpr char const* INVALID = "match() was called on invalid object";
 constexpr char const* UNFIT = "sub matches requested but regex was not compiled for sub matches";
 
 support::ExpectedReport misuse(char const* text) {
-    return {CommonError, 1, rowText(CommonError, 1, text)};
+    return {CommonError, CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)};
 }
 
 /// The system's text for a code.
@@ -95,9 +97,10 @@ TEST(Regex, ownsItsExpressionAlone) {
 }
 
 TEST(Regex, rowsOfItsFamilyWhichHasNoParent) {
-    EXPECT_EQ("Syntax error in regular expression: x", rowText(Regex::Error, 0, "x"));
-    EXPECT_EQ("Memory exhausted in regular expression handling: x", rowText(Regex::Error, 1, "x"));
-    EXPECT_EQ("Error matching regular expression: x", rowText(Regex::Error, 2, "x"));
+    EXPECT_EQ("Syntax error in regular expression: x", rowText(Regex::ErrorId::SYNTAX_ERROR, "x"));
+    EXPECT_EQ(
+        "Memory exhausted in regular expression handling: x", rowText(Regex::ErrorId::OUT_OF_MEMORY, "x"));
+    EXPECT_EQ("Error matching regular expression: x", rowText(Regex::ErrorId::MATCH_FAILED, "x"));
     Regex regex;
     EXPECT_EQ(1, regex.compile("(", 0));
     EXPECT_TRUE(std::ErrorStorage::isA(Regex::Error));
@@ -217,22 +220,24 @@ INSTANTIATE_TEST_SUITE_P(
         PatternRow{"(a)\\2", REG_ESUBREG}));
 
 TEST(Regex, wrongExpressionIsReportedOnTopOfWhatIsPending) {
-    std::ErrorOutput("test", 1, true)(SysError, 8, "before");
+    std::ErrorOutput("test", 1, true)(SysErrorId::INVALID_PARAMETER, "before");
     Regex regex;
     EXPECT_EQ(1, regex.compile("(", 0));
-    EXPECT_TRUE(chainIs({{SysError, 8, rowText(SysError, 8, "before")}, reportOf(0, REG_EPAREN)}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "before")},
+         reportOf(0, REG_EPAREN)}));
 }
 
 class RegexMemory : public testing::TestWithParam<int> {};
 
 TEST_P(RegexMemory, exhaustionHasReportsOfItsOwn) {
-    std::ErrorOutput("test", 1, true)(SysError, 8, "before");
+    std::ErrorOutput("test", 1, true)(SysErrorId::INVALID_PARAMETER, "before");
     Regex regex;
     {
         Fault const fault(inject_regcomp, GetParam());
         EXPECT_EQ(1, regex.compile("a", 0));
     }
-    EXPECT_TRUE(chainIs({{CommonError, 0}, reportOf(1, GetParam())}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}, reportOf(1, GetParam())}));
     EXPECT_FALSE(regex.isValid());
 }
 
@@ -242,7 +247,7 @@ TEST(Regex, expressionTooLargeForTheSystemIsExhaustion) {
     Regex regex;
     EXPECT_EQ(1, regex.compile("a{40000}", 0));
     EXPECT_TRUE(std::ErrorStorage::isA(Regex::Error));
-    EXPECT_TRUE(chainIs({{CommonError, 0}, {Regex::Error, 1}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}, {Regex::Error, Regex::ErrorId::OUT_OF_MEMORY}}));
 }
 
 TEST(Regex, compilingNullFailsAndLeavesNothingOfAnEarlierExpression) {
@@ -405,7 +410,7 @@ TEST(Regex, matchingNullFails) {
 class RegexCodes : public testing::TestWithParam<int> {};
 
 TEST_P(RegexCodes, ofMatchingAreReported) {
-    std::ErrorOutput("test", 1, true)(SysError, 8, "before");
+    std::ErrorOutput("test", 1, true)(SysErrorId::INVALID_PARAMETER, "before");
     Regex regex;
     ASSERT_EQ(0, regex.compile("(a)", Regex::SUB_MATCHES));
     SubMatch found[2];

@@ -57,6 +57,7 @@ extern "C" VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::Fault;
 using support::rowText;
@@ -64,8 +65,9 @@ using support::systemText;
 using vesk::FileAccessError;
 using vesk::SecureRandom;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
-constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
+using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 
 /// A file of the test's own in place of the devices, with the bytes "0123456789ABCDEF".
 class FakeDevice {
@@ -149,7 +151,7 @@ TEST_P(SecureRandomErrnos, ofOpeningLeaveItInvalidAndPending) {
     unsigned char value = 7;
     EXPECT_TRUE(random->getRandByte(value));
     EXPECT_EQ(7, value);
-    EXPECT_TRUE(chainIs({{CommonError, 1}, {StreamError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}, {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -206,7 +208,9 @@ TEST(SecureRandom, whatWasReadBeforeAFailureStaysInTheBuffer) {
     Fault const fault(inject_read, EIO, 3);
     EXPECT_TRUE(random.getRandData(block.bytes, 10));
     EXPECT_EQ("012345..........", block.getText());
-    EXPECT_TRUE(chainIs({{SysError, 11, rowText(SysError, 11, systemText(EIO))}, {StreamError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))},
+         {std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_TRUE(random.isValid()) << "the next try may succeed";
     EXPECT_FALSE(random.getRandData(block.bytes, 3));
     EXPECT_EQ("678345..........", block.getText());
@@ -229,13 +233,15 @@ TEST(SecureRandom, deviceThatEndsIsAFailure) {
     EXPECT_FALSE(random.getRandData(block.bytes, 14));
     EXPECT_TRUE(random.getRandData(block.bytes, 10));
     EXPECT_EQ("EF", block.getText().substr(0, 2));
-    EXPECT_TRUE(chainIs({{StreamError, 2}}));
+    EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
 }
 
 TEST(SecureRandom, bufferThatIsNoneIsRefusedByTheSystem) {
     SecureRandom random(false);
     EXPECT_TRUE(random.getRandData(nullptr, 4));
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EFAULT))}, {StreamError, 4}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EFAULT))},
+         {std::IBinStreamBase::StreamErrorId::UNCLASSIFIED}}));
 }
 
 TEST(SecureRandom, numbersAreFilledInMemoryOrder) {
@@ -252,10 +258,10 @@ TEST(SecureRandom, numbersAreFilledInMemoryOrder) {
     EXPECT_EQ(0, memcmp(&long_word, "56789ABC", 8));
     // Three bytes are left.
     EXPECT_TRUE(random.getRandUInt32(word));
-    EXPECT_TRUE(chainIs({{StreamError, 2}}));
+    EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
     EXPECT_EQ(0, memcmp(&word, "DEF4", 4));
     EXPECT_TRUE(random.getRandUInt64(long_word));
-    EXPECT_TRUE(chainIs({{StreamError, 2}}));
+    EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
 }
 
 TEST(SecureRandom, qualityIsNothing) {

@@ -61,6 +61,7 @@ extern "C" VESK_UNWATCHED char* dlerror() {
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::EventRecorder;
 using support::Fault;
@@ -69,7 +70,7 @@ using vesk::SharedObj;
 using vesk::SysError;
 
 support::ExpectedReport misuse(char const* text) {
-    return {CommonError, 1, rowText(CommonError, 1, text)};
+    return {CommonError, CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)};
 }
 
 /// Whether the process has a library.
@@ -124,9 +125,10 @@ TEST_F(SharedObjTest, prefixAndSuffixMakeTheFileNameOfALibrary) {
 }
 
 TEST_F(SharedObjTest, rowsOfItsFamily) {
-    EXPECT_EQ("Failed to load shared object: x", rowText(SharedObj::Error, 0, "x"));
-    EXPECT_EQ("Failed to unload shared object: x", rowText(SharedObj::Error, 1, "x"));
-    EXPECT_EQ("Failed to resolve symbol in shared object: x", rowText(SharedObj::Error, 2, "x"));
+    EXPECT_EQ("Failed to load shared object: x", rowText(SharedObj::ErrorId::LOAD_FAILED, "x"));
+    EXPECT_EQ("Failed to unload shared object: x", rowText(SharedObj::ErrorId::UNLOAD_FAILED, "x"));
+    EXPECT_EQ(
+        "Failed to resolve symbol in shared object: x", rowText(SharedObj::ErrorId::RESOLVE_FAILED, "x"));
     SharedObj object;
     EXPECT_TRUE(object.load("/nonexistent"));
     EXPECT_TRUE(std::ErrorStorage::isA(SharedObj::Error));
@@ -161,7 +163,7 @@ TEST_F(SharedObjTest, loadingWhatIsNotThereFailsWithTheLoadersText) {
     ASSERT_TRUE(std::ErrorStorage::isError(true));
     std::string const text = std::ErrorStorage::get()->getText();
     EXPECT_EQ(0u, text.find("Failed to load shared object: /nonexistent/libnothing.so: cannot open")) << text;
-    EXPECT_TRUE(chainIs({{SharedObj::Error, 0}}));
+    EXPECT_TRUE(chainIs({{SharedObj::ErrorId::LOAD_FAILED}}));
     EXPECT_EQ(nullptr, dlerror()) << "the text was taken";
 }
 
@@ -169,7 +171,7 @@ TEST_F(SharedObjTest, loadingWhatIsNoLibraryFails) {
     SharedObj object;
     EXPECT_TRUE(object.load("/proc/self/stat"));
     EXPECT_FALSE(object.isValid());
-    EXPECT_TRUE(chainIs({{SharedObj::Error, 0}}));
+    EXPECT_TRUE(chainIs({{SharedObj::ErrorId::LOAD_FAILED}}));
 }
 
 TEST_F(SharedObjTest, loadingNullFails) {
@@ -213,7 +215,7 @@ TEST_F(SharedObjTest, loadingThatFailsLeavesALoadedObjectEmpty) {
     EXPECT_TRUE(object.load("/nonexistent/libnothing.so"));
     EXPECT_FALSE(object.isValid());
     EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
-    EXPECT_TRUE(chainIs({{SharedObj::Error, 0}}));
+    EXPECT_TRUE(chainIs({{SharedObj::ErrorId::LOAD_FAILED}}));
 }
 
 TEST_F(SharedObjTest, loadingIntoAnObjectThatCannotUnloadFailsAndKeepsTheOldLibrary) {
@@ -224,8 +226,9 @@ TEST_F(SharedObjTest, loadingIntoAnObjectThatCannotUnloadFailsAndKeepsTheOldLibr
         EXPECT_TRUE(object.load(SECOND_LIBRARY));
     }
     EXPECT_TRUE(chainIs(
-        {{SharedObj::Error, 1, "Failed to unload shared object: stuck"},
-         {SharedObj::Error, 0, "Failed to load shared object: Unload of previously loaded library failed"}}));
+        {{SharedObj::ErrorId::UNLOAD_FAILED, "Failed to unload shared object: stuck"},
+         {SharedObj::Error, SharedObj::ErrorId::LOAD_FAILED,
+          "Failed to load shared object: Unload of previously loaded library failed"}}));
     EXPECT_EQ("first", callName(object));
     EXPECT_FALSE(isLoaded(SECOND_LIBRARY));
 }
@@ -260,7 +263,7 @@ TEST_F(SharedObjTest, unloadingThatFailsKeepsTheLibrary) {
         Fault const fault(inject_dlclose, -1);
         EXPECT_TRUE(object.unload());
     }
-    EXPECT_TRUE(chainIs({{SharedObj::Error, 1, "Failed to unload shared object: stuck"}}));
+    EXPECT_TRUE(chainIs({{SharedObj::ErrorId::UNLOAD_FAILED, "Failed to unload shared object: stuck"}}));
     EXPECT_TRUE(object.isValid());
     EXPECT_EQ("first", callName(object));
     EXPECT_FALSE(object.unload());
@@ -305,8 +308,10 @@ TEST_F(SharedObjTest, resolvingWhatIsNotThereFailsAndLeavesTheAddress) {
     EXPECT_TRUE(object.resolve("no_such_symbol", address));
     EXPECT_EQ(&address, address);
     EXPECT_TRUE(chainIs(
-        {{SharedObj::Error, 2,
-          rowText(SharedObj::Error, 2, std::string(FIRST_LIBRARY) + ": undefined symbol: no_such_symbol")}}));
+        {{SharedObj::ErrorId::RESOLVE_FAILED,
+          rowText(
+              SharedObj::ErrorId::RESOLVE_FAILED,
+              std::string(FIRST_LIBRARY) + ": undefined symbol: no_such_symbol")}}));
 }
 
 TEST_F(SharedObjTest, symbolWhoseValueIsNullIsFound) {
@@ -423,7 +428,7 @@ TEST_F(SharedObjTest, loadersOwnRefusalToUnloadIsReported) {
     ASSERT_TRUE(std::ErrorStorage::isError(true));
     std::string const text = std::ErrorStorage::get()->getText();
     EXPECT_EQ(0u, text.find("Failed to unload shared object: " + std::string(SECOND_LIBRARY))) << text;
-    EXPECT_TRUE(chainIs({{SharedObj::Error, 1}}));
+    EXPECT_TRUE(chainIs({{SharedObj::ErrorId::UNLOAD_FAILED}}));
     EXPECT_TRUE(object.isValid());
     EXPECT_EQ(handle, dlopen(SECOND_LIBRARY, RTLD_LAZY)) << "what the object's end lets go of";
 }

@@ -55,6 +55,7 @@ using support::Fault;
 using support::rowText;
 using support::systemText;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::SystemLoad;
 using vesk::Time;
 
@@ -121,7 +122,8 @@ TEST_P(SystemLoadErrnos, ofOpeningAreReported) {
     EXPECT_FALSE(load.sample());
     Fault const fault(inject_fopen, GetParam());
     EXPECT_TRUE(load.sample());
-    EXPECT_TRUE(chainIs({{SysError, 17, rowText(SysError, 17, systemText(GetParam()))}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(GetParam()))}}));
     EXPECT_FALSE(load.valid) << "what an earlier sample found does not count";
 }
 
@@ -143,7 +145,7 @@ TEST_P(SystemLoadTexts, doNotParse) {
     SystemLoad load;
     load.valid = true;
     EXPECT_TRUE(load.sample());
-    EXPECT_TRUE(chainIs({{SysError, 17}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED}}));
     EXPECT_FALSE(load.valid);
     EXPECT_EQ(0, load.timestamp);
 }
@@ -160,7 +162,7 @@ TEST(SystemLoad, fileThatCannotBeReadIsReported) {
     s_uptime_file = uptime.getFolder().c_str(); // A folder opens, and that is all.
     SystemLoad load;
     EXPECT_TRUE(load.sample());
-    EXPECT_TRUE(chainIs({{SysError, 17, rowText(SysError, 17, systemText(EISDIR))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(EISDIR))}}));
     EXPECT_FALSE(load.valid);
 }
 
@@ -185,12 +187,15 @@ TEST_P(SystemLoadClock, failureIsChainedAndFailsTheSample) {
     std::string const text = systemText(GetParam().error);
     EXPECT_TRUE(chainIs(
         {{*GetParam().family, GetParam().id, rowText(*GetParam().family, GetParam().id, text)},
-         {SysError, 17, rowText(SysError, 17, text)}}));
+         {SysError, SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, text)}}));
     EXPECT_FALSE(load.valid);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, SystemLoadClock, testing::Values(ClockRow{EINVAL, &SysError, 6}, ClockRow{EFAULT, &Time::Error, 4}));
+    All, SystemLoadClock,
+    testing::Values(
+        ClockRow{EINVAL, &SysError, SysErrorId::NOT_IMPLEMENTED},
+        ClockRow{EFAULT, &Time::Error, Time::ErrorId::GET_TIMESTAMP_FAILED}));
 
 TEST(SystemLoad, doesNotMindALocaleWithADecimalComma) {
     FakeUptime const uptime("1148.70 8641.50\n");
@@ -264,14 +269,15 @@ TEST(SystemLoad, loadOfNoNumberIsNothing) {
 TEST(SystemLoad, loadNeedsAValidStart) {
     SystemLoad const none;
     EXPECT_EQ(-1.0, SystemLoad::getCpuLoad(none, makeLoad(5000.0, 10000)));
-    EXPECT_TRUE(chainIs({{SysError, 8, rowText(SysError, 8, "start")}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "start")}}));
     EXPECT_EQ(-1.0, SystemLoad::getCpuLoad(none, none));
-    EXPECT_TRUE(chainIs({{SysError, 8, rowText(SysError, 8, "start")}})) << "the start is looked at first";
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "start")}}))
+        << "the start is looked at first";
 }
 
 TEST(SystemLoad, loadNeedsAValidEnd) {
     EXPECT_EQ(-1.0, SystemLoad::getCpuLoad(makeLoad(5000.0, 10000), SystemLoad()));
-    EXPECT_TRUE(chainIs({{SysError, 8, rowText(SysError, 8, "end")}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "end")}}));
 }
 
 // ---- the real system ----

@@ -19,7 +19,8 @@ TEST(UserFS, mountAlwaysFails) {
         UserFS file_system(no_effect);
         for (char const* const path : {"/mnt", "", static_cast<char const*>(nullptr)}) {
             EXPECT_TRUE(file_system.mount(path, nullptr));
-            EXPECT_TRUE(chainIs({{vesk::SysError, 6, "Function not implemented: No FUSE available"}}));
+            EXPECT_TRUE(chainIs(
+                {{vesk::SysErrorId::NOT_IMPLEMENTED, "Function not implemented: No FUSE available"}}));
         }
     }
 }

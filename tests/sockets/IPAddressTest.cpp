@@ -63,11 +63,15 @@ static_assert(std::is_same_v<decltype(IPAddress::port), unsigned short>);
 static_assert(IPSocket::IPV4 == 0 && IPSocket::IPV6 == 1);
 
 ExpectedReport unresolved(char const* text) {
-    return {std::CommonError, 5, rowText(std::CommonError, 5, text)};
+    return {
+        std::CommonError, std::CommonErrorId::INVALID_ARGUMENT,
+        rowText(std::CommonErrorId::INVALID_ARGUMENT, text)};
 }
 
 ExpectedReport resolverFailed(int code) {
-    return {vesk::Socket::Error, 9, rowText(vesk::Socket::Error, 9, gai_strerror(code))};
+    return {
+        vesk::Socket::Error, vesk::Socket::ErrorId::RESOLVE_FAILED,
+        rowText(vesk::Socket::ErrorId::RESOLVE_FAILED, gai_strerror(code))};
 }
 
 /// The bytes of an object, in the order in which they lie in memory.

@@ -27,6 +27,7 @@ using support::SilentNameServer;
 using vesk::IPSocket;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using IPAddress = vesk::IPSocket::IPAddress;
 using Items = std::vector<std::string>;
 using Resolver = vesk::IPSocket::IPResolver;
@@ -50,11 +51,14 @@ Items itemsOf(Resolver const& resolver) {
 }
 
 ExpectedReport failed(int code) {
-    return {Socket::Error, 9, rowText(Socket::Error, 9, gai_strerror(code))};
+    return {
+        Socket::Error, Socket::ErrorId::RESOLVE_FAILED,
+        rowText(Socket::ErrorId::RESOLVE_FAILED, gai_strerror(code))};
 }
 
 ExpectedReport const UNRESOLVED{
-    std::CommonError, 5, rowText(std::CommonError, 5, "Couldn't resolve hostname")};
+    std::CommonError, std::CommonErrorId::INVALID_ARGUMENT,
+    rowText(std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname")};
 
 /// What the system itself says of a name.
 int askSystem(std::string const& name, int family, Items& addresses) {
@@ -288,7 +292,9 @@ TEST_F(IPResolverNames, garbageIsWhatTheSystemSaysOfIt) {
                     << name << ": " << gai_strerror(code);
                 std::vector<ExpectedReport> chain;
                 if (code == EAI_IDN_ENCODE) {
-                    chain = {{SysError, 19, rowText(SysError, 19, gai_strerror(code))}};
+                    chain = {
+                        {SysError, SysErrorId::UNCLASSIFIED,
+                         rowText(SysErrorId::UNCLASSIFIED, gai_strerror(code))}};
                 } else if (!is_nothing) {
                     chain = {failed(code)};
                 }

@@ -28,6 +28,7 @@ using support::systemText;
 using vesk::IPSocket;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using Resolver = vesk::IPSocket::IPResolver;
 
 static_assert(!std::is_copy_constructible_v<Resolver> && !std::is_copy_assignable_v<Resolver>);
@@ -185,7 +186,9 @@ TEST(IPResolver, resultMayFillTheWholeRoom) {
     calls.answerList({{"10.0.0.1"}});
     calls.answerName(longest + "x");
     EXPECT_EQ(-1, resolver.resolveIP("10.0.0.1", true, IPSocket::IPV4));
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, gai_strerror(EAI_OVERFLOW))}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY,
+          rowText(SysErrorId::SPOILED_INTEGRITY, gai_strerror(EAI_OVERFLOW))}}));
 }
 
 TEST(IPResolver, itemBeyondTheCountIsABrokenInvariant) {
@@ -338,14 +341,20 @@ INSTANTIATE_TEST_SUITE_P(
     All, IPResolverLookupCodes,
     testing::Values(
         CodeRow{EAI_NONAME, 0, nullptr, 0}, CodeRow{EAI_NODATA, 0, nullptr, 0},
-        CodeRow{EAI_ADDRFAMILY, 0, nullptr, 0}, CodeRow{EAI_MEMORY, -1, &SysError, 1},
-        CodeRow{EAI_AGAIN, -1, &Socket::Error, 9}, CodeRow{EAI_FAIL, -1, &Socket::Error, 9},
-        CodeRow{EAI_BADFLAGS, -1, &Socket::Error, 9}, CodeRow{EAI_SOCKTYPE, -1, &Socket::Error, 9},
-        CodeRow{EAI_SERVICE, -1, &Socket::Error, 9}, CodeRow{EAI_SYSTEM, -1, &SysError, 19},
-        CodeRow{EAI_FAMILY, -1, &SysError, 19}, CodeRow{EAI_OVERFLOW, -1, &SysError, 19},
-        CodeRow{EAI_IDN_ENCODE, -1, &SysError, 19}, CodeRow{EAI_INTR, -1, &SysError, 19},
-        CodeRow{EAI_CANCELED, -1, &SysError, 19}, CodeRow{4711, -1, &SysError, 19},
-        CodeRow{-4711, -1, &SysError, 19}));
+        CodeRow{EAI_ADDRFAMILY, 0, nullptr, 0}, CodeRow{EAI_MEMORY, -1, &SysError, SysErrorId::OUT_OF_MEMORY},
+        CodeRow{EAI_AGAIN, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
+        CodeRow{EAI_FAIL, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
+        CodeRow{EAI_BADFLAGS, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
+        CodeRow{EAI_SOCKTYPE, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
+        CodeRow{EAI_SERVICE, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
+        CodeRow{EAI_SYSTEM, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{EAI_FAMILY, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{EAI_OVERFLOW, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{EAI_IDN_ENCODE, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{EAI_INTR, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{EAI_CANCELED, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{4711, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{-4711, -1, &SysError, SysErrorId::UNCLASSIFIED}));
 
 // ---- codes of getnameinfo ----
 
@@ -383,13 +392,20 @@ TEST_P(IPResolverNamingCodes, leaveAnObjectThatResolvesAgain) {
 INSTANTIATE_TEST_SUITE_P(
     All, IPResolverNamingCodes,
     testing::Values(
-        CodeRow{EAI_OVERFLOW, -1, &SysError, 10}, CodeRow{EAI_MEMORY, -1, &SysError, 1},
-        CodeRow{EAI_AGAIN, -1, &Socket::Error, 9}, CodeRow{EAI_FAIL, -1, &Socket::Error, 9},
-        CodeRow{EAI_BADFLAGS, -1, &Socket::Error, 9}, CodeRow{EAI_FAMILY, -1, &Socket::Error, 9},
-        CodeRow{EAI_SYSTEM, -1, &SysError, 19}, CodeRow{EAI_NODATA, -1, &SysError, 19},
-        CodeRow{EAI_ADDRFAMILY, -1, &SysError, 19}, CodeRow{EAI_SERVICE, -1, &SysError, 19},
-        CodeRow{EAI_SOCKTYPE, -1, &SysError, 19}, CodeRow{EAI_IDN_ENCODE, -1, &SysError, 19},
-        CodeRow{4711, -1, &SysError, 19}, CodeRow{-4711, -1, &SysError, 19}));
+        CodeRow{EAI_OVERFLOW, -1, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        CodeRow{EAI_MEMORY, -1, &SysError, SysErrorId::OUT_OF_MEMORY},
+        CodeRow{EAI_AGAIN, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
+        CodeRow{EAI_FAIL, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
+        CodeRow{EAI_BADFLAGS, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
+        CodeRow{EAI_FAMILY, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
+        CodeRow{EAI_SYSTEM, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{EAI_NODATA, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{EAI_ADDRFAMILY, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{EAI_SERVICE, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{EAI_SOCKTYPE, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{EAI_IDN_ENCODE, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{4711, -1, &SysError, SysErrorId::UNCLASSIFIED},
+        CodeRow{-4711, -1, &SysError, SysErrorId::UNCLASSIFIED}));
 
 TEST(IPResolver, entryWithoutANameIsSkipped) {
     ResolverCalls calls;

@@ -150,6 +150,7 @@ using support::systemText;
 using vesk::IPSocket;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using IPAddress = vesk::IPSocket::IPAddress;
 using Steps = std::vector<std::string>;
 
@@ -162,11 +163,14 @@ ExpectedReport reported(std::ErrorType const& family, int id, int error) {
 }
 
 ExpectedReport misuse(char const* text) {
-    return {std::CommonError, 1, rowText(std::CommonError, 1, text)};
+    return {
+        std::CommonError, std::CommonErrorId::CONTRACT_BROKEN,
+        rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
 }
 
 ExpectedReport const UNRESOLVED{
-    std::CommonError, 5, rowText(std::CommonError, 5, "Couldn't resolve hostname")};
+    std::CommonError, std::CommonErrorId::INVALID_ARGUMENT,
+    rowText(std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname")};
 
 /// The least that makes an IPSocket: a descriptor from elsewhere.
 class TestSocket : public IPSocket {
@@ -189,7 +193,7 @@ public:
         note("closing");
         had_error_in_closing = hadError();
         if (closing_fails) {
-            std::ErrorOutput(__FILE__, __LINE__, true)(SysError, 19, "closing");
+            std::ErrorOutput(__FILE__, __LINE__, true)(SysErrorId::UNCLASSIFIED, "closing");
             m_had_error = true;
         }
         return closing_fails;
@@ -198,7 +202,7 @@ public:
     bool performFlush() override {
         note("flush");
         if (flush_fails) {
-            std::ErrorOutput(__FILE__, __LINE__, true)(SysError, 19, "flush");
+            std::ErrorOutput(__FILE__, __LINE__, true)(SysErrorId::UNCLASSIFIED, "flush");
             m_had_error = true;
         }
         return flush_fails;
@@ -393,7 +397,9 @@ TEST_P(IPSocketUnresolvable, failureOfTheResolverStaysReported) {
     IPAddress const nowhere("none.example", 80);
     TestSocket const socket(is_local ? nowhere : IPAddress(), is_local ? IPAddress() : nowhere, version);
     EXPECT_FALSE(socket.isValid());
-    EXPECT_TRUE(chainIs({{Socket::Error, 9, rowText(Socket::Error, 9, gai_strerror(EAI_AGAIN))}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::RESOLVE_FAILED,
+          rowText(Socket::ErrorId::RESOLVE_FAILED, gai_strerror(EAI_AGAIN))}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -432,7 +438,7 @@ TEST(IPSocket, withoutMemoryForABufferItDoesNotResolve) {
             EXPECT_TRUE(std::all_of(bytes, bytes + 28, [](unsigned char byte) { return byte == 0; }));
         }
         EXPECT_TRUE(calls.getLookups().empty());
-        EXPECT_TRUE(chainIs({{std::CommonError, 0}}));
+        EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
         EXPECT_EQ("", events.getText());
     }
 }
@@ -626,8 +632,9 @@ TEST_P(IPSocketCloseErrors, leaveTheSocketDeadAllTheSame) {
         EXPECT_TRUE(socket.close(true));
         EXPECT_EQ(1, fault.getCalls());
         EXPECT_TRUE(chainIs(
-            GetParam().is_reported ? std::vector{reported(SysError, 10, GetParam().error)}
-                                   : std::vector<ExpectedReport>{}));
+            GetParam().is_reported
+                ? std::vector{reported(SysError, SysErrorId::SPOILED_INTEGRITY, GetParam().error)}
+                : std::vector<ExpectedReport>{}));
         EXPECT_TRUE(socket.hadError());
         EXPECT_EQ(Socket::DEAD, socket.getState());
         EXPECT_EQ(-1, socket.getSocketFd());
@@ -686,12 +693,16 @@ TEST(IPSocket, nothingOpensADeadOne) {
     ASSERT_FALSE(socket.close(false));
     unsigned int count = 4711;
     EXPECT_EQ(-1, socket.write("x", 1, count));
-    EXPECT_TRUE(chainIs({misuse("called write on non-OPEN socket"), {std::IBinStreamBase::StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {misuse("called write on non-OPEN socket"),
+         {std::IBinStreamBase::StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     char byte = 0;
     EXPECT_EQ(-1, socket.read(&byte, 1, count));
-    EXPECT_TRUE(chainIs({misuse("called read on non-OPEN socket"), {std::IBinStreamBase::StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {misuse("called read on non-OPEN socket"),
+         {std::IBinStreamBase::StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_TRUE(socket.checkValidSocket());
-    EXPECT_TRUE(chainIs({{Socket::Error, 0}}));
+    EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET}}));
     EXPECT_EQ(Socket::DEAD, socket.getState());
 }
 
@@ -969,7 +980,8 @@ TEST(IPSocket, hostnameWithoutMemoryFails) {
     Fault const calls(inject_gethostname, 0);
     NewFault const fault(New::NOTHROW_ARRAY);
     EXPECT_TRUE(IPSocket::getHostname(name));
-    EXPECT_TRUE(chainIs({{std::CommonError, 0, rowText(std::CommonError, 0, "")}}));
+    EXPECT_TRUE(
+        chainIs({{std::CommonErrorId::OUT_OF_MEMORY, rowText(std::CommonErrorId::OUT_OF_MEMORY, "")}}));
     EXPECT_EQ("before", name);
     EXPECT_EQ(0, calls.getCalls());
 }
@@ -1012,7 +1024,7 @@ TEST(IPSocket, hostnameMayHave63BytesButNot64) {
         ASSERT_EQ(0, sethostname(host.data(), host.size()));
         std::string name = "before";
         EXPECT_TRUE(IPSocket::getHostname(name));
-        EXPECT_TRUE(chainIs({reported(SysError, 10, ENAMETOOLONG)}));
+        EXPECT_TRUE(chainIs({reported(SysError, SysErrorId::SPOILED_INTEGRITY, ENAMETOOLONG)}));
         EXPECT_EQ("before", name);
     });
 }

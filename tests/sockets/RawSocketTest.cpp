@@ -107,6 +107,7 @@ VESK_UNWATCHED int bind(int fd, sockaddr const* address, socklen_t length) {
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::expectInNetwork;
 using support::Fault;
@@ -115,6 +116,7 @@ using support::systemText;
 using vesk::RawSocket;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
 
@@ -136,7 +138,7 @@ testing::AssertionResult failureIs(int error, int id) {
 }
 
 testing::AssertionResult misuseIs(std::string const& text) {
-    return chainIs({{CommonError, 1, rowText(CommonError, 1, text)}});
+    return chainIs({{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)}});
 }
 
 /// A report of the system and one of the stream on top.
@@ -191,7 +193,7 @@ TEST(RawSocket, thatIsInvalidRefusesToOpen) {
         support::NewFault const fault(support::New::NOTHROW_ARRAY);
         socket = std::make_unique<RawSocket>(true, 64U, 0U);
     }
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_FALSE(socket->isValid());
     EXPECT_TRUE(socket->open(nullptr));
     EXPECT_TRUE(socket->hadError());
@@ -630,16 +632,19 @@ TEST(RawSocketStates, onlyAnOpenOneHasTraffic) {
         EXPECT_EQ(-1, socket.read(&byte, 1, count));
         EXPECT_TRUE(socket.hadError());
         EXPECT_TRUE(chainIs(
-            {{CommonError, 1, rowText(CommonError, 1, "called read on non-OPEN socket")}, {StreamError, 0}}));
+            {{CommonErrorId::CONTRACT_BROKEN,
+              rowText(CommonErrorId::CONTRACT_BROKEN, "called read on non-OPEN socket")},
+             {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
         EXPECT_EQ(-1, socket.write(&byte, 1, count));
         EXPECT_TRUE(chainIs(
-            {{CommonError, 1, rowText(CommonError, 1, "called write on non-OPEN socket")},
-             {StreamError, 0}}));
+            {{CommonErrorId::CONTRACT_BROKEN,
+              rowText(CommonErrorId::CONTRACT_BROKEN, "called write on non-OPEN socket")},
+             {StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
         EXPECT_FALSE(socket.flush(false));
         EXPECT_TRUE(socket.checkValidSocket());
-        EXPECT_TRUE(chainIs({{Socket::Error, 0}}));
+        EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET}}));
         EXPECT_EQ(0U, socket.getRecvBuffer());
-        EXPECT_TRUE(chainIs({{Socket::Error, 0}}));
+        EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET}}));
         if (closed == 0) {
             EXPECT_FALSE(socket.open("lo"));
             EXPECT_FALSE(socket.checkValidSocket());
@@ -920,7 +925,7 @@ TEST(RawSocketFrames, thatAreTooLongAreRefused) {
         EXPECT_EQ(-1, socket.write(frame.data(), static_cast<unsigned int>(frame.size()), count));
         EXPECT_EQ(0U, count);
         EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(trafficFailureIs(EMSGSIZE, Socket::Error, 12, 1));
+        EXPECT_TRUE(trafficFailureIs(EMSGSIZE, Socket::Error, Socket::ErrorId::MESSAGE_TOO_BIG, 1));
         EXPECT_EQ(Socket::OPEN, socket.getState());
         EXPECT_TRUE(writes(socket, makeFrame("short")));
         EXPECT_FALSE(socket.close());
@@ -934,7 +939,7 @@ TEST(RawSocketFrames, withoutAHeaderAreRefused) {
         ASSERT_FALSE(socket.open("left"));
         unsigned int count = 99;
         EXPECT_EQ(-1, socket.write("tiny", 4, count));
-        EXPECT_TRUE(trafficFailureIs(EINVAL, SysError, 19, 4));
+        EXPECT_TRUE(trafficFailureIs(EINVAL, SysError, SysErrorId::UNCLASSIFIED, 4));
         EXPECT_FALSE(socket.close());
     });
 }
@@ -947,7 +952,7 @@ TEST(RawSocketFrames, needADeviceToGoTo) {
         std::string const frame = makeFrame("to nowhere");
         unsigned int count = 99;
         EXPECT_EQ(-1, socket.write(frame.data(), static_cast<unsigned int>(frame.size()), count));
-        EXPECT_TRUE(trafficFailureIs(ENXIO, SysError, 19, 4));
+        EXPECT_TRUE(trafficFailureIs(ENXIO, SysError, SysErrorId::UNCLASSIFIED, 4));
         EXPECT_EQ(Socket::OPEN, socket.getState());
         EXPECT_FALSE(socket.close());
     });
@@ -964,13 +969,13 @@ TEST(RawSocketDevices, thatGoDownFailTheNextReadAndGoOnWhenTheyAreUpAgain) {
         EXPECT_EQ(-1, socket.read(block, sizeof block, count));
         EXPECT_EQ(0U, count);
         EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(trafficFailureIs(ENETDOWN, SysError, 19, 4));
+        EXPECT_TRUE(trafficFailureIs(ENETDOWN, SysError, SysErrorId::UNCLASSIFIED, 4));
         EXPECT_EQ(Socket::OPEN, socket.getState());
         EXPECT_TRUE(socket.isValid());
 
         std::string const frame = makeFrame("in vain");
         EXPECT_EQ(-1, socket.write(frame.data(), static_cast<unsigned int>(frame.size()), count));
-        EXPECT_TRUE(trafficFailureIs(ENETDOWN, Socket::Error, 8, 0));
+        EXPECT_TRUE(trafficFailureIs(ENETDOWN, Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE, 0));
 
         ASSERT_TRUE(support::setUp("right"));
         waitForCable("left", "right");
@@ -989,10 +994,10 @@ TEST(RawSocketDevices, thatAreRemovedFailReadAndWrite) {
         char block[100];
         unsigned int count = 99;
         EXPECT_EQ(-1, socket.read(block, sizeof block, count));
-        EXPECT_TRUE(trafficFailureIs(ENETDOWN, SysError, 19, 4));
+        EXPECT_TRUE(trafficFailureIs(ENETDOWN, SysError, SysErrorId::UNCLASSIFIED, 4));
         std::string const frame = makeFrame("to nowhere");
         EXPECT_EQ(-1, socket.write(frame.data(), static_cast<unsigned int>(frame.size()), count));
-        EXPECT_TRUE(trafficFailureIs(ENXIO, SysError, 19, 4));
+        EXPECT_TRUE(trafficFailureIs(ENXIO, SysError, SysErrorId::UNCLASSIFIED, 4));
         EXPECT_EQ(Socket::OPEN, socket.getState());
         EXPECT_FALSE(socket.close());
     });
@@ -1008,7 +1013,7 @@ TEST(RawSocketDevices, thatAreDownCanBeOpened) {
         char block[100];
         unsigned int count = 99;
         EXPECT_EQ(-1, socket.read(block, sizeof block, count));
-        EXPECT_TRUE(trafficFailureIs(ENETDOWN, SysError, 19, 4));
+        EXPECT_TRUE(trafficFailureIs(ENETDOWN, SysError, SysErrorId::UNCLASSIFIED, 4));
         EXPECT_FALSE(socket.close());
     });
 }

@@ -91,6 +91,7 @@ using support::systemText;
 using support::TestSocket;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using Sockets = std::set<Socket const*>;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
@@ -443,7 +444,8 @@ TEST(SelectSockets, descriptorThatWasClosedBehindASocketsBackFails) {
     Sockets write = {&connection.socket};
     Sockets except = {&other.socket};
     EXPECT_EQ(-1, Socket::selectSockets(read, write, except, LONG, true));
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, systemText(EBADF))}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(EBADF))}}));
     EXPECT_EQ(0U, read.size() + write.size() + except.size());
     connection.socket.forget();
 }
@@ -462,7 +464,9 @@ protected:
         Fault const calls(inject_select, 0);
         errno = EXDEV;
         EXPECT_EQ(-1, Socket::selectSockets(sets[0], sets[1], sets[2], LONG, true));
-        EXPECT_TRUE(chainIs({{Socket::Error, 0, rowText(Socket::Error, 0, systemText(EXDEV))}}));
+        EXPECT_TRUE(chainIs(
+            {{Socket::ErrorId::INVALID_SOCKET,
+              rowText(Socket::ErrorId::INVALID_SOCKET, systemText(EXDEV))}}));
         for (int i = 0; i < 3; ++i) {
             EXPECT_EQ(before[i], sets[i]) << i;
         }
@@ -549,7 +553,7 @@ TEST(SelectSockets, setsAreLookedThroughInTheOrderReadWriteExcept) {
         EXPECT_EQ(-1, Socket::selectSockets(each.read, each.write, each.except, 0, true));
         EXPECT_EQ(each.aborts, events.getCount()) << events.getText();
         if (each.aborts == 0) {
-            EXPECT_TRUE(chainIs({{Socket::Error, 0}}));
+            EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET}}));
         }
     }
     beyond.forget();

@@ -76,6 +76,7 @@ using support::systemText;
 using support::TestSocket;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 /// Both operations on one buffer.
 struct Buffer {
@@ -121,12 +122,14 @@ TEST_P(SocketOptionSet, failureIsReportedAndKeepsTheState) {
 INSTANTIATE_TEST_SUITE_P(
     rows, SocketOptionSet,
     testing::Values(
-        Row{EBADF, Socket::Error, 0}, Row{ENOTSOCK, Socket::Error, 0}, //
-        Row{EFAULT, SysError, 2}, Row{EINVAL, SysError, 2}, Row{EDOM, SysError, 2},
-        Row{EISCONN, SysError, 2},          //
-        Row{ENOPROTOOPT, Socket::Error, 1}, //
-        Row{ENOMEM, SysError, 19}, Row{ENOBUFS, SysError, 19}, Row{EACCES, SysError, 19},
-        Row{EPERM, SysError, 19}, Row{EINTR, SysError, 19}));
+        Row{EBADF, Socket::Error, Socket::ErrorId::INVALID_SOCKET},
+        Row{ENOTSOCK, Socket::Error, Socket::ErrorId::INVALID_SOCKET}, //
+        Row{EFAULT, SysError, SysErrorId::INVALID_PATH}, Row{EINVAL, SysError, SysErrorId::INVALID_PATH},
+        Row{EDOM, SysError, SysErrorId::INVALID_PATH}, Row{EISCONN, SysError, SysErrorId::INVALID_PATH}, //
+        Row{ENOPROTOOPT, Socket::Error, Socket::ErrorId::UNKNOWN_OPTION},                                //
+        Row{ENOMEM, SysError, SysErrorId::UNCLASSIFIED}, Row{ENOBUFS, SysError, SysErrorId::UNCLASSIFIED},
+        Row{EACCES, SysError, SysErrorId::UNCLASSIFIED}, Row{EPERM, SysError, SysErrorId::UNCLASSIFIED},
+        Row{EINTR, SysError, SysErrorId::UNCLASSIFIED}));
 
 class SocketOptionGet : public testing::TestWithParam<Row> {};
 
@@ -151,12 +154,14 @@ TEST_P(SocketOptionGet, failureIsReportedAndKeepsTheState) {
 INSTANTIATE_TEST_SUITE_P(
     rows, SocketOptionGet,
     testing::Values(
-        Row{EBADF, Socket::Error, 0}, Row{EINVAL, Socket::Error, 0}, Row{ENOTSOCK, Socket::Error, 0}, //
-        Row{EACCES, SysError, 7},                                                                     //
-        Row{ENOPROTOOPT, Socket::Error, 1},                                                           //
-        Row{ENOBUFS, SysError, 1},                                                                    //
-        Row{EFAULT, SysError, 19}, Row{ENOMEM, SysError, 19}, Row{EPERM, SysError, 19},
-        Row{EINTR, SysError, 19}));
+        Row{EBADF, Socket::Error, Socket::ErrorId::INVALID_SOCKET},
+        Row{EINVAL, Socket::Error, Socket::ErrorId::INVALID_SOCKET},
+        Row{ENOTSOCK, Socket::Error, Socket::ErrorId::INVALID_SOCKET},    //
+        Row{EACCES, SysError, SysErrorId::PERMISSION_DENIED},             //
+        Row{ENOPROTOOPT, Socket::Error, Socket::ErrorId::UNKNOWN_OPTION}, //
+        Row{ENOBUFS, SysError, SysErrorId::OUT_OF_MEMORY},                //
+        Row{EFAULT, SysError, SysErrorId::UNCLASSIFIED}, Row{ENOMEM, SysError, SysErrorId::UNCLASSIFIED},
+        Row{EPERM, SysError, SysErrorId::UNCLASSIFIED}, Row{EINTR, SysError, SysErrorId::UNCLASSIFIED}));
 
 TEST(SocketOptions, anIntIsSetOnTheDescriptor) {
     for (Buffer const& buffer : {SEND, RECEIVE}) {
@@ -256,11 +261,15 @@ TEST(SocketOptions, withoutADescriptorNothingIsAsked) {
             errno = EXDEV;
             EXPECT_TRUE((socket.*buffer.set)(16384));
             EXPECT_TRUE(socket.hadError());
-            EXPECT_TRUE(chainIs({{Socket::Error, 0, rowText(Socket::Error, 0, systemText(EXDEV))}}));
+            EXPECT_TRUE(chainIs(
+                {{Socket::ErrorId::INVALID_SOCKET,
+                  rowText(Socket::ErrorId::INVALID_SOCKET, systemText(EXDEV))}}));
             errno = EXDEV;
             EXPECT_EQ(0U, (socket.*buffer.get)());
             EXPECT_TRUE(socket.hadError());
-            EXPECT_TRUE(chainIs({{Socket::Error, 0, rowText(Socket::Error, 0, systemText(EXDEV))}}));
+            EXPECT_TRUE(chainIs(
+                {{Socket::ErrorId::INVALID_SOCKET,
+                  rowText(Socket::ErrorId::INVALID_SOCKET, systemText(EXDEV))}}));
             EXPECT_EQ(0, set.getCalls() + get.getCalls());
         }
     }
@@ -271,11 +280,11 @@ TEST(SocketOptions, descriptorThatIsNoSocketIsRefused) {
     ASSERT_EQ(0, pipe(ends));
     {
         TestSocket socket(ends[0]);
-        std::string const text = rowText(Socket::Error, 0, systemText(ENOTSOCK));
+        std::string const text = rowText(Socket::ErrorId::INVALID_SOCKET, systemText(ENOTSOCK));
         EXPECT_TRUE(socket.setSendBuffer(16384));
-        EXPECT_TRUE(chainIs({{Socket::Error, 0, text}}));
+        EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET, text}}));
         EXPECT_EQ(0U, socket.getRecvBuffer());
-        EXPECT_TRUE(chainIs({{Socket::Error, 0, text}}));
+        EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET, text}}));
     }
     close(ends[1]);
 }

@@ -91,6 +91,7 @@ using support::rowText;
 using support::systemText;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 /// A descriptor of a socket that is neither bound nor connected.
 class Fresh {
@@ -184,12 +185,13 @@ TEST(SetNonBlocking, eitherFailureIsReported) {
             Fault const fault(inject_fcntl, error, nth);
             EXPECT_TRUE(setNonBlocking(ends.getPeer()));
             EXPECT_EQ(nth, fault.getCalls());
-            EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(error))}}));
+            EXPECT_TRUE(
+                chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(error))}}));
         }
     }
     EXPECT_EQ(0, ::fcntl(ends.getPeer(), F_GETFL) & O_NONBLOCK);
     EXPECT_TRUE(setNonBlocking(-1));
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EBADF))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EBADF))}}));
 }
 
 // ---- Without a descriptor ----
@@ -216,7 +218,9 @@ TEST(WithoutADescriptor, helpersBreakAnInvariantAndFailAllTheSame) {
             std::string("ASSERT framework/src/vesk/posix/SocketPosixCommon ") + helper.name +
                 ": p_socket_fd != INVALID_SOCKET_FD",
             events.getText());
-        EXPECT_TRUE(chainIs({{std::CommonError, 5, rowText(std::CommonError, 5, "p_socket_fd is invalid")}}));
+        EXPECT_TRUE(chainIs(
+            {{std::CommonErrorId::INVALID_ARGUMENT,
+              rowText(std::CommonErrorId::INVALID_ARGUMENT, "p_socket_fd is invalid")}}));
     }
     EXPECT_EQ(0, set.getCalls() + bound.getCalls() + connected.getCalls() + shut.getCalls());
 }
@@ -340,11 +344,14 @@ TEST(BindSocket, bindsAndTakesASecondTimeOnlyWhereThatIsTolerated) {
     EXPECT_FALSE(bindSocket(fresh.get(), Loopback().get(), Loopback::LENGTH, true));
     EXPECT_TRUE(chainIs({}));
     EXPECT_TRUE(bindSocket(fresh.get(), Loopback().get(), Loopback::LENGTH, false));
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, systemText(EINVAL))}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(EINVAL))}}));
 
     Fresh const other;
     EXPECT_TRUE(bindSocket(other.get(), bound.get(), Loopback::LENGTH, true));
-    EXPECT_TRUE(chainIs({{Socket::Error, 4, rowText(Socket::Error, 4, systemText(EADDRINUSE))}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::ADDRESS_IN_USE,
+          rowText(Socket::ErrorId::ADDRESS_IN_USE, systemText(EADDRINUSE))}}));
 }
 
 // ---- connectSocket ----
@@ -388,7 +395,8 @@ TEST(ConnectSocket, isRepeatedWhileASignalInterruptsIt) {
     EXPECT_EQ(4, fault.getCalls());
     EXPECT_TRUE(chainIs({}));
     EXPECT_EQ(-1, connectSocket(fresh.get(), address.get(), Loopback::LENGTH));
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, systemText(EISCONN))}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(EISCONN))}}));
 }
 
 TEST(ConnectSocket, toAPortOfNobodyIsRefused) {
@@ -400,7 +408,9 @@ TEST(ConnectSocket, toAPortOfNobodyIsRefused) {
         Fresh const fresh;
         EXPECT_EQ(-1, connectSocket(fresh.get(), address.get(), Loopback::LENGTH)) << "it does not listen";
     }
-    EXPECT_TRUE(chainIs({{Socket::Error, 7, rowText(Socket::Error, 7, systemText(ECONNREFUSED))}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::PEER_UNREACHABLE,
+          rowText(Socket::ErrorId::PEER_UNREACHABLE, systemText(ECONNREFUSED))}}));
 }
 
 // ---- shutdownSocket ----
@@ -437,7 +447,8 @@ TEST(ShutdownSocket, endsBothDirectionsAndKeepsTheDescriptor) {
 
     Fresh const fresh;
     EXPECT_TRUE(shutdownSocket(fresh.get()));
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, systemText(ENOTCONN))}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(ENOTCONN))}}));
 }
 
 // ---- closeKeepingChain ----
@@ -445,22 +456,22 @@ TEST(ShutdownSocket, endsBothDirectionsAndKeepsTheDescriptor) {
 TEST(CloseKeepingChain, leavesTheReportsAsTheyWere) {
     for (bool const close_fails : {false, true}) {
         errno = ECONNRESET;
-        report("here", Chain::NEW, Socket::Error, 6, "cause");
-        report("there", Chain::ON_TOP, SysError, 10, "effect");
+        report("here", Chain::NEW, Socket::Error, Socket::ErrorId::CONNECTION_RESET, "cause");
+        report("there", Chain::ON_TOP, SysError, SysErrorId::SPOILED_INTEGRITY, "effect");
         int failures = 0;
         closeKeepingChain(
             [&] {
                 EXPECT_FALSE(std::ErrorStorage::isError(true)) << "the clean-up starts without";
                 if (close_fails) {
-                    report("close", Chain::NEW, SysError, 19, "another");
+                    report("close", Chain::NEW, SysError, SysErrorId::UNCLASSIFIED, "another");
                 }
                 return close_fails;
             },
             [&] { ++failures; });
         EXPECT_EQ(close_fails ? 1 : 0, failures);
         EXPECT_TRUE(chainIs(
-            {{Socket::Error, 6, rowText(Socket::Error, 6, "cause")},
-             {SysError, 10, rowText(SysError, 10, "effect")}}));
+            {{Socket::ErrorId::CONNECTION_RESET, rowText(Socket::ErrorId::CONNECTION_RESET, "cause")},
+             {SysError, SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, "effect")}}));
     }
 }
 

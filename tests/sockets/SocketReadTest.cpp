@@ -53,6 +53,7 @@ using support::TestSocket;
 using Row = support::TransferRow;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
 
 class SocketReadRow : public testing::TestWithParam<Row> {};
@@ -93,16 +94,22 @@ TEST_P(SocketReadRow, isReportedBelowTheStreamsErrorAndKeepsTheState) {
 INSTANTIATE_TEST_SUITE_P(
     rows, SocketReadRow,
     testing::Values(
-        Row{ECONNRESET, Socket::Error, 6, 0}, //
-        Row{EINVAL, Socket::Error, 0, 0},     //
-        Row{EIO, SysError, 10, 0}, Row{EBADF, SysError, 10, 0}, Row{ENOTSOCK, SysError, 10, 0},
-        Row{EOPNOTSUPP, SysError, 10, 0},                                           //
-        Row{ENOTCONN, Socket::Error, 7, 0}, Row{ECONNREFUSED, Socket::Error, 7, 0}, //
-        Row{ETIMEDOUT, Socket::Error, 10, 1},                                       //
-        Row{ENOBUFS, SysError, 0, 1},                                               //
-        Row{ENOMEM, SysError, 1, 1},                                                //
-        Row{EFAULT, SysError, 19, 4}, Row{EPIPE, SysError, 19, 4}, Row{EPERM, SysError, 19, 4},
-        Row{EHOSTUNREACH, SysError, 19, 4}, Row{EMSGSIZE, SysError, 19, 4}, Row{ENODEV, SysError, 19, 4}));
+        Row{ECONNRESET, Socket::Error, Socket::ErrorId::CONNECTION_RESET, 0}, //
+        Row{EINVAL, Socket::Error, Socket::ErrorId::INVALID_SOCKET, 0},       //
+        Row{EIO, SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+        Row{EBADF, SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+        Row{ENOTSOCK, SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+        Row{EOPNOTSUPP, SysError, SysErrorId::SPOILED_INTEGRITY, 0}, //
+        Row{ENOTCONN, Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, 0},
+        Row{ECONNREFUSED, Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, 0},  //
+        Row{ETIMEDOUT, Socket::Error, Socket::ErrorId::COMMUNICATION_FAILED, 1}, //
+        Row{ENOBUFS, SysError, SysErrorId::RESOURCES_EXHAUSTED, 1},              //
+        Row{ENOMEM, SysError, SysErrorId::OUT_OF_MEMORY, 1},                     //
+        Row{EFAULT, SysError, SysErrorId::UNCLASSIFIED, 4}, Row{EPIPE, SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{EPERM, SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{EHOSTUNREACH, SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{EMSGSIZE, SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{ENODEV, SysError, SysErrorId::UNCLASSIFIED, 4}));
 
 class SocketReadState : public testing::TestWithParam<Socket::State> {};
 
@@ -120,10 +127,12 @@ TEST_P(SocketReadState, isNotOpenSoNothingIsReadAndTheCountStaysAsItWas) {
     EXPECT_STREQ("xyz", block);
     EXPECT_TRUE(socket.hadError());
     EXPECT_TRUE(chainIs(
-        {{std::CommonError, 1, rowText(std::CommonError, 1, "called read on non-OPEN socket")},
-         {StreamError, 0}}));
+        {{std::CommonErrorId::CONTRACT_BROKEN,
+          rowText(std::CommonErrorId::CONTRACT_BROKEN, "called read on non-OPEN socket")},
+         {StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_EQ(-1, socket.read(block, sizeof block, got));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}, {StreamError, 0}}));
+    EXPECT_TRUE(
+        chainIs({{std::CommonErrorId::CONTRACT_BROKEN}, {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_EQ(0, calls.getCalls());
     EXPECT_EQ(GetParam(), socket.getState());
 }
@@ -255,14 +264,17 @@ void expectEnd(TestSocket& socket) {
     EXPECT_EQ(Socket::OPEN, socket.getState());
     EXPECT_TRUE(socket.isValid());
     EXPECT_TRUE(chainIs(
-        {{Socket::Error, 11, rowText(Socket::Error, 11, "Connection closed normally")},
-         {StreamError, 2, rowText(StreamError, 2, "")}}));
+        {{Socket::ErrorId::CONNECTION_CLOSED,
+          rowText(Socket::ErrorId::CONNECTION_CLOSED, "Connection closed normally")},
+         {StreamError, std::IBinStreamBase::StreamErrorId::END_OF_STREAM,
+          rowText(std::IBinStreamBase::StreamErrorId::END_OF_STREAM, "")}}));
     got = 99;
     EXPECT_EQ(0, socket.read(block, sizeof block, got));
     EXPECT_EQ(0U, got);
     EXPECT_TRUE(std::ErrorStorage::isA(StreamError));
     EXPECT_EQ(2, std::ErrorStorage::id());
-    EXPECT_TRUE(chainIs({{Socket::Error, 11}, {StreamError, 2}}));
+    EXPECT_TRUE(
+        chainIs({{Socket::ErrorId::CONNECTION_CLOSED}, {std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
 }
 
 TEST(SocketRead, ofAConnectionThatThePeerHasClosedIsTheEndAndLeavesItOpen) {
@@ -304,7 +316,8 @@ TEST(SocketRead, bufferedStreamGivesWhatCameBeforeTheEnd) {
     EXPECT_EQ(1U, got);
     EXPECT_EQ(0, socket.read(block, 2, got));
     EXPECT_EQ(0U, got);
-    EXPECT_TRUE(chainIs({{Socket::Error, 11}, {StreamError, 2}}));
+    EXPECT_TRUE(
+        chainIs({{Socket::ErrorId::CONNECTION_CLOSED}, {std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
 }
 
 TEST(SocketRead, ofAConnectionThatThePeerHasResetTellsSo) {
@@ -316,8 +329,10 @@ TEST(SocketRead, ofAConnectionThatThePeerHasResetTellsSo) {
     unsigned int got = 99;
     EXPECT_TRUE(socket.performRead(&byte, 1, got));
     EXPECT_EQ(0U, got);
-    EXPECT_TRUE(
-        chainIs({{Socket::Error, 6, rowText(Socket::Error, 6, systemText(ECONNRESET))}, {StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::CONNECTION_RESET,
+          rowText(Socket::ErrorId::CONNECTION_RESET, systemText(ECONNRESET))},
+         {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_EQ(Socket::OPEN, socket.getState());
 }
 
@@ -327,12 +342,16 @@ TEST(SocketRead, ofADescriptorThatIsNoConnectedSocketFails) {
     TestSocket without_descriptor(-1, Socket::OPEN);
     EXPECT_TRUE(without_descriptor.performRead(&byte, 1, got));
     EXPECT_EQ(0U, got);
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, systemText(EBADF))}, {StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(EBADF))},
+         {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
 
     TestSocket unconnected(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     EXPECT_TRUE(unconnected.performRead(&byte, 1, got));
-    EXPECT_TRUE(
-        chainIs({{Socket::Error, 7, rowText(Socket::Error, 7, systemText(ENOTCONN))}, {StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::PEER_UNREACHABLE,
+          rowText(Socket::ErrorId::PEER_UNREACHABLE, systemText(ENOTCONN))},
+         {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
 }
 
 TEST(SocketRead, ofMoreThanThereIsRoomForIsCutToItAndFailsWithoutTheFlag) {
@@ -350,8 +369,9 @@ TEST(SocketRead, ofMoreThanThereIsRoomForIsCutToItAndFailsWithoutTheFlag) {
         EXPECT_FALSE(socket.hadError());
         EXPECT_EQ(Socket::OPEN, socket.getState());
         EXPECT_TRUE(chainIs(
-            {{Socket::Error, 12, rowText(Socket::Error, 12, systemText(EXDEV))},
-             {StreamError, 1, rowText(StreamError, 1, "")}}));
+            {{Socket::ErrorId::MESSAGE_TOO_BIG, rowText(Socket::ErrorId::MESSAGE_TOO_BIG, systemText(EXDEV))},
+             {StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED,
+              rowText(std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED, "")}}));
         s_excess = 1;
         char rest[4];
         ::recv(socket.getSocketFd(), rest, sizeof rest, MSG_DONTWAIT);
@@ -359,7 +379,8 @@ TEST(SocketRead, ofMoreThanThereIsRoomForIsCutToItAndFailsWithoutTheFlag) {
     ends.send("ab");
     EXPECT_EQ(-1, socket.read(block, 2, got));
     EXPECT_EQ(2U, got);
-    EXPECT_TRUE(chainIs({{Socket::Error, 12}, {StreamError, 1}}));
+    EXPECT_TRUE(
+        chainIs({{Socket::ErrorId::MESSAGE_TOO_BIG}, {std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     ends.send("ab");
     EXPECT_FALSE(socket.performRead(block, 3, got)) << "as much as there is room for";
     EXPECT_EQ(3U, got);

@@ -172,7 +172,7 @@ TEST(Socket, withoutMemoryForABufferItIsInvalidAndGoesSilently) {
             NewFault const fault(New::NOTHROW_ARRAY, nth);
             TestSocket const socket(true, 100, 200);
             EXPECT_EQ(2, fault.getCalls());
-            EXPECT_TRUE(chainIs({{std::CommonError, 0}}));
+            EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
             EXPECT_FALSE(socket.isValid());
             EXPECT_EQ(Socket::INACTIVE, socket.getState());
             EXPECT_EQ(-1, socket.getSocketFd());
@@ -186,7 +186,7 @@ TEST(Socket, withoutItsBufferADirectionCannotBeUsed) {
     for (int const nth : {1, 2}) {
         NewFault const fault(New::NOTHROW_ARRAY, nth);
         TestSocket socket(true, 100, 200);
-        EXPECT_TRUE(chainIs({{std::CommonError, 0}}));
+        EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
         socket.set(ends.getPeer(), Socket::OPEN);
         char byte = 0;
         unsigned int count = 9;
@@ -196,7 +196,9 @@ TEST(Socket, withoutItsBufferADirectionCannotBeUsed) {
             EXPECT_EQ(-1, socket.write(&byte, 1, count));
         }
         EXPECT_EQ(0U, count);
-        EXPECT_TRUE(chainIs({{std::CommonError, 0}, {StreamBase::StreamError, 0}}));
+        EXPECT_TRUE(chainIs(
+            {{std::CommonErrorId::OUT_OF_MEMORY},
+             {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
         socket.forget();
     }
 }
@@ -222,7 +224,7 @@ TEST(Socket, isNotValidWithoutABufferWhateverElseIsSo) {
     for (int const nth : {1, 2}) {
         NewFault const fault(New::NOTHROW_ARRAY, nth);
         TestSocket socket(true, 100, 200);
-        EXPECT_TRUE(chainIs({{std::CommonError, 0}}));
+        EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
         socket.set(-1, Socket::OPEN);
         socket.setValid(true);
         EXPECT_FALSE(socket.isValid());
@@ -248,12 +250,15 @@ TEST(Socket, checkOfASocketWithoutADescriptorFailsWithWhateverErrnoIs) {
         errno = EXDEV;
         EXPECT_TRUE(constant.checkValidSocket());
         EXPECT_TRUE(constant.hadError());
-        EXPECT_TRUE(chainIs({{Socket::Error, 0, rowText(Socket::Error, 0, systemText(EXDEV))}}));
+        EXPECT_TRUE(chainIs(
+            {{Socket::ErrorId::INVALID_SOCKET,
+              rowText(Socket::ErrorId::INVALID_SOCKET, systemText(EXDEV))}}));
         EXPECT_EQ(state, socket.getState());
     }
     errno = 0;
     EXPECT_TRUE(constant.checkValidSocket());
-    EXPECT_TRUE(chainIs({{Socket::Error, 0, rowText(Socket::Error, 0, systemText(0))}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::INVALID_SOCKET, rowText(Socket::ErrorId::INVALID_SOCKET, systemText(0))}}));
 }
 
 // ---- Destruction ----
@@ -393,7 +398,7 @@ TEST(Socket, flushFailsWhenThePeerTakesNoMoreFromAStreamThatDoesNotWait) {
     } while (count == block.size());
     // The last ones are in the buffer, and stay there.
     EXPECT_TRUE(socket.flush(false));
-    EXPECT_TRUE(chainIs({{StreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_TRUE(socket.hadError());
     // A write that is only short is no failure.
     EXPECT_EQ(1, socket.write(block.data(), static_cast<unsigned int>(block.size()), count));
@@ -464,7 +469,9 @@ TEST(Socket, canBeWatchedByAPoller) {
         ASSERT_FALSE(poller.poll());
     }
     EXPECT_EQ(0, reader.getResult());
-    EXPECT_TRUE(chainIs({{Socket::Error, 11}, {StreamBase::StreamError, 2}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::CONNECTION_CLOSED},
+         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
 }
 
 } // namespace

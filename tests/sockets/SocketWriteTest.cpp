@@ -55,6 +55,7 @@ using support::TestSocket;
 using Row = support::TransferRow;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
 
 class SocketWriteRow : public testing::TestWithParam<Row> {};
@@ -94,18 +95,27 @@ TEST_P(SocketWriteRow, isReportedBelowTheStreamsErrorAndKeepsTheState) {
 INSTANTIATE_TEST_SUITE_P(
     rows, SocketWriteRow,
     testing::Values(
-        Row{EPERM, SysError, 7, 0}, Row{EACCES, SysError, 7, 0}, //
-        Row{EIO, SysError, 10, 0}, Row{EBADF, SysError, 10, 0}, Row{ENOTSOCK, SysError, 10, 0},
-        Row{EOPNOTSUPP, SysError, 10, 0}, Row{ENOTCONN, SysError, 10, 0},          //
-        Row{EPIPE, Socket::Error, 0, 0},                                           //
-        Row{EDESTADDRREQ, Socket::Error, 5, 0},                                    //
-        Row{ENETDOWN, Socket::Error, 8, 0}, Row{ENETUNREACH, Socket::Error, 8, 0}, //
-        Row{ECONNRESET, Socket::Error, 6, 0},                                      //
-        Row{EMSGSIZE, Socket::Error, 12, 1},                                       //
-        Row{ENOBUFS, SysError, 0, 1},                                              //
-        Row{EFAULT, SysError, 19, 4}, Row{ENOMEM, SysError, 19, 4}, Row{EINVAL, SysError, 19, 4},
-        Row{ETIMEDOUT, SysError, 19, 4}, Row{ECONNREFUSED, SysError, 19, 4},
-        Row{EHOSTUNREACH, SysError, 19, 4}, Row{EISCONN, SysError, 19, 4}));
+        Row{EPERM, SysError, SysErrorId::PERMISSION_DENIED, 0},
+        Row{EACCES, SysError, SysErrorId::PERMISSION_DENIED, 0}, //
+        Row{EIO, SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+        Row{EBADF, SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+        Row{ENOTSOCK, SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+        Row{EOPNOTSUPP, SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+        Row{ENOTCONN, SysError, SysErrorId::SPOILED_INTEGRITY, 0},             //
+        Row{EPIPE, Socket::Error, Socket::ErrorId::INVALID_SOCKET, 0},         //
+        Row{EDESTADDRREQ, Socket::Error, Socket::ErrorId::ADDRESS_INVALID, 0}, //
+        Row{ENETDOWN, Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE, 0},
+        Row{ENETUNREACH, Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE, 0}, //
+        Row{ECONNRESET, Socket::Error, Socket::ErrorId::CONNECTION_RESET, 0},     //
+        Row{EMSGSIZE, Socket::Error, Socket::ErrorId::MESSAGE_TOO_BIG, 1},        //
+        Row{ENOBUFS, SysError, SysErrorId::RESOURCES_EXHAUSTED, 1},               //
+        Row{EFAULT, SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{ENOMEM, SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{EINVAL, SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{ETIMEDOUT, SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{ECONNREFUSED, SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{EHOSTUNREACH, SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{EISCONN, SysError, SysErrorId::UNCLASSIFIED, 4}));
 
 class SocketWriteState : public testing::TestWithParam<Socket::State> {};
 
@@ -118,10 +128,12 @@ TEST_P(SocketWriteState, isNotOpenSoNothingIsWrittenAndTheCountStaysAsItWas) {
     EXPECT_EQ(99U, put);
     EXPECT_TRUE(socket.hadError());
     EXPECT_TRUE(chainIs(
-        {{std::CommonError, 1, rowText(std::CommonError, 1, "called write on non-OPEN socket")},
-         {StreamError, 0}}));
+        {{std::CommonErrorId::CONTRACT_BROKEN,
+          rowText(std::CommonErrorId::CONTRACT_BROKEN, "called write on non-OPEN socket")},
+         {StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_EQ(-1, socket.write("ab", 2, put));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}, {StreamError, 0}}));
+    EXPECT_TRUE(
+        chainIs({{std::CommonErrorId::CONTRACT_BROKEN}, {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_EQ(0, calls.getCalls());
     EXPECT_EQ(GetParam(), socket.getState());
 }
@@ -304,8 +316,9 @@ TEST(SocketWrite, toAConnectionThatThePeerHasClosedFailsAndRaisesNoSignal) {
         EXPECT_EQ(0U, put);
         EXPECT_TRUE(socket.hadError());
         EXPECT_EQ(Socket::OPEN, socket.getState());
-        EXPECT_TRUE(
-            chainIs({{Socket::Error, 0, rowText(Socket::Error, 0, systemText(EPIPE))}, {StreamError, 0}}));
+        EXPECT_TRUE(chainIs(
+            {{Socket::ErrorId::INVALID_SOCKET, rowText(Socket::ErrorId::INVALID_SOCKET, systemText(EPIPE))},
+             {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     });
 }
 
@@ -322,8 +335,9 @@ TEST(SocketWrite, overTcpToAPeerThatIsGoneFailsAndRaisesNoSignal) {
         ASSERT_TRUE(support::waitFor(socket.getSocketFd(), POLLHUP));
         EXPECT_TRUE(socket.performWrite("x", 1, put));
         EXPECT_EQ(0U, put);
-        EXPECT_TRUE(
-            chainIs({{Socket::Error, 0, rowText(Socket::Error, 0, systemText(EPIPE))}, {StreamError, 0}}));
+        EXPECT_TRUE(chainIs(
+            {{Socket::ErrorId::INVALID_SOCKET, rowText(Socket::ErrorId::INVALID_SOCKET, systemText(EPIPE))},
+             {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
         EXPECT_EQ(Socket::OPEN, socket.getState());
     });
 }
@@ -336,8 +350,10 @@ TEST(SocketWrite, toAConnectionThatThePeerHasResetTellsSo) {
     unsigned int put = 99;
     EXPECT_TRUE(socket.performWrite("x", 1, put));
     EXPECT_EQ(0U, put);
-    EXPECT_TRUE(
-        chainIs({{Socket::Error, 6, rowText(Socket::Error, 6, systemText(ECONNRESET))}, {StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::CONNECTION_RESET,
+          rowText(Socket::ErrorId::CONNECTION_RESET, systemText(ECONNRESET))},
+         {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
 }
 
 TEST(SocketWrite, ofADatagramThatIsTooBigTellsSo) {
@@ -347,8 +363,9 @@ TEST(SocketWrite, ofADatagramThatIsTooBigTellsSo) {
     unsigned int put = 99;
     EXPECT_TRUE(socket.performWrite(much.data(), static_cast<unsigned int>(much.size()), put));
     EXPECT_EQ(0U, put);
-    EXPECT_TRUE(
-        chainIs({{Socket::Error, 12, rowText(Socket::Error, 12, systemText(EMSGSIZE))}, {StreamError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::MESSAGE_TOO_BIG, rowText(Socket::ErrorId::MESSAGE_TOO_BIG, systemText(EMSGSIZE))},
+         {std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
 }
 
 TEST(SocketWrite, toADescriptorThatIsNoConnectedSocketFails) {
@@ -356,12 +373,16 @@ TEST(SocketWrite, toADescriptorThatIsNoConnectedSocketFails) {
     TestSocket without_descriptor(-1, Socket::OPEN);
     EXPECT_TRUE(without_descriptor.performWrite("x", 1, put));
     EXPECT_EQ(0U, put);
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, systemText(EBADF))}, {StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(EBADF))},
+         {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
 
     TestSocket unconnected(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     EXPECT_TRUE(unconnected.performWrite("x", 1, put));
-    EXPECT_TRUE(
-        chainIs({{Socket::Error, 5, rowText(Socket::Error, 5, systemText(EDESTADDRREQ))}, {StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::ADDRESS_INVALID,
+          rowText(Socket::ErrorId::ADDRESS_INVALID, systemText(EDESTADDRREQ))},
+         {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
 }
 
 } // namespace

@@ -308,7 +308,7 @@ TEST(TCPDescription, whoseListeningAddressLeadsToNothingStaysValid) {
         TCPSocket const socket(false, 0, 0, accepted);
         EXPECT_FALSE(socket.isValid());
         EXPECT_EQ(-1, socket.getSocketFd());
-        EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+        EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
         EXPECT_TRUE(accepted.valid);
         EXPECT_TRUE(isOpen(fd));
     }

@@ -196,7 +196,8 @@ TEST_F(TCPNetwork, thatAreRefusedOnAPortOfTheirOwnMayTryAgain) {
             BoundSocket const peer(version);
             IPAddress const own(getLoopback(version), 4711);
             Client client(true, 0, 0, own, peer.getAddress(), false, version);
-            EXPECT_TRUE(failsToConnect(client, Socket::Error, 7, ECONNREFUSED));
+            EXPECT_TRUE(
+                failsToConnect(client, Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED));
             ASSERT_EQ(0, listen(peer.getFd(), 1));
             EXPECT_FALSE(client.connect()) << "that it is bound already does no harm";
             EXPECT_EQ(own.port, client.getLocalAddress().port);
@@ -211,13 +212,13 @@ TEST_F(TCPNetwork, lowPortsAreNotForEverybody) {
         Server server(IPAddress(IPSocket::LOOPBACK_IP, 80), true, false, IPSocket::IPV4);
         server.enableListen(1);
         EXPECT_TRUE(server.hadError());
-        EXPECT_TRUE(failureIs(SysError, 7, EACCES));
+        EXPECT_TRUE(failureIs(SysError, vesk::SysErrorId::PERMISSION_DENIED, EACCES));
         EXPECT_EQ(Socket::DEAD, server.getState());
 
         Client client(
             true, 0, 0, IPAddress(IPSocket::LOOPBACK_IP, 80), IPAddress(IPSocket::LOOPBACK_IP, 9), false,
             IPSocket::IPV4);
-        EXPECT_TRUE(failsToConnect(client, SysError, 7, EACCES));
+        EXPECT_TRUE(failsToConnect(client, SysError, vesk::SysErrorId::PERMISSION_DENIED, EACCES));
     });
 }
 
@@ -226,7 +227,8 @@ TEST_F(TCPNetwork, machinesRefuseWhereNobodyListens) {
         Cable const cable;
         for (char const* const host : {RIGHT, RIGHT6}) {
             Client client = makeClient(host, 80);
-            EXPECT_TRUE(failsToConnect(client, Socket::Error, 7, ECONNREFUSED));
+            EXPECT_TRUE(
+                failsToConnect(client, Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED));
         }
     });
 }
@@ -242,8 +244,9 @@ TEST_F(TCPNetwork, thatDoNotWaitLearnARefusalLater) {
         unsigned int written = 12345;
         EXPECT_EQ(-1, client.write("x", 1, written));
         EXPECT_TRUE(chainIs(
-            {{SysError, 19, rowText(SysError, 19, systemText(ECONNREFUSED))},
-             {std::IBinStreamBase::StreamError, 4}}));
+            {{vesk::SysErrorId::UNCLASSIFIED,
+              rowText(vesk::SysErrorId::UNCLASSIFIED, systemText(ECONNREFUSED))},
+             {std::IBinStreamBase::StreamError, std::IBinStreamBase::StreamErrorId::UNCLASSIFIED}}));
     });
 }
 
@@ -252,7 +255,8 @@ TEST_F(TCPNetwork, withoutARouteIsUnavailable) {
         for (char const* const host : {"10.88.0.1", "fd88::1"}) {
             for (bool const blocking : {true, false}) {
                 Client client = makeClient(host, 80, blocking);
-                EXPECT_TRUE(failsToConnect(client, Socket::Error, 8, ENETUNREACH));
+                EXPECT_TRUE(
+                    failsToConnect(client, Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE, ENETUNREACH));
             }
         }
     });
@@ -283,15 +287,16 @@ TEST_P(TCPNetworkRoutes, thatLeadNowhereTellWhy) {
 INSTANTIATE_TEST_SUITE_P(
     types, TCPNetworkRoutes,
     testing::Values(
-        RouteRow{"unreachable", &Socket::Error, 7, EHOSTUNREACH}, RouteRow{"prohibit", &SysError, 7, EACCES},
-        RouteRow{"blackhole", &SysError, 10, EINVAL}));
+        RouteRow{"unreachable", &Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, EHOSTUNREACH},
+        RouteRow{"prohibit", &SysError, vesk::SysErrorId::PERMISSION_DENIED, EACCES},
+        RouteRow{"blackhole", &SysError, vesk::SysErrorId::SPOILED_INTEGRITY, EINVAL}));
 
 TEST_F(TCPNetwork, machinesThatNobodyKnowsAreNotReachable) {
     expectInNetwork([] {
         Cable const cable;
         // Nobody answers who that is.
         Client client = makeClient("10.77.0.99", 80);
-        EXPECT_TRUE(failsToConnect(client, Socket::Error, 7, EHOSTUNREACH));
+        EXPECT_TRUE(failsToConnect(client, Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, EHOSTUNREACH));
     });
 }
 
@@ -302,7 +307,7 @@ TEST_F(TCPNetwork, machinesThatDoNotAnswerTimeOut) {
         Client client = makeClient(RIGHT, 80);
         int const tries = 1;
         ASSERT_EQ(0, setsockopt(client.getSocketFd(), IPPROTO_TCP, TCP_SYNCNT, &tries, sizeof tries));
-        EXPECT_TRUE(failsToConnect(client, SysError, 10, ETIMEDOUT));
+        EXPECT_TRUE(failsToConnect(client, SysError, vesk::SysErrorId::SPOILED_INTEGRITY, ETIMEDOUT));
     });
 }
 
@@ -340,7 +345,7 @@ TEST_F(TCPNetwork, peersThatResetAreTold) {
         char byte = 0;
         unsigned int count = 12345;
         EXPECT_EQ(-1, connection.client->read(&byte, 1, count));
-        EXPECT_TRUE(streamFailureIs(Socket::Error, 6, ECONNRESET, 0));
+        EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::CONNECTION_RESET, ECONNRESET, 0));
         EXPECT_EQ(Socket::OPEN, connection.client->getState());
     });
 }
@@ -355,7 +360,7 @@ testing::AssertionResult timesOut(Client& client) {
     if (client.read(&byte, 1, count) != -1 || !client.hadError() || client.getState() != Socket::OPEN) {
         return testing::AssertionFailure() << "there was something to read";
     }
-    return streamFailureIs(Socket::Error, 10, ETIMEDOUT, 1);
+    return streamFailureIs(Socket::Error, Socket::ErrorId::COMMUNICATION_FAILED, ETIMEDOUT, 1);
 }
 
 TEST_F(TCPNetwork, peersThatVanishAreFoundByKeepalive) {
@@ -462,9 +467,10 @@ TEST_F(TCPNetwork, aCableThatIsDownOnThisSideIsAnUnavailableNetwork) {
         Cable const cable;
         ASSERT_TRUE(setDown("left"));
         Client client = makeClient(RIGHT, 80);
-        EXPECT_TRUE(failsToConnect(client, Socket::Error, 8, ENETUNREACH));
+        EXPECT_TRUE(failsToConnect(client, Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE, ENETUNREACH));
         ASSERT_TRUE(setUp("left"));
-        EXPECT_TRUE(failsToConnect(client, Socket::Error, 7, ECONNREFUSED)) << "it may try again";
+        EXPECT_TRUE(failsToConnect(client, Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED))
+            << "it may try again";
     });
 }
 

@@ -83,7 +83,7 @@ TEST(TCPServerSocket, leavesOptionsAndFlagsAloneThatNobodyAskedFor) {
 TEST(TCPServerSocket, withAnAddressOfTheOtherVersionIsInvalidAndHasNoDescriptor) {
     Fault const descriptors(inject_socket, 0);
     TCPServerSocket server(IPAddress(IPSocket::LOOPBACK_IP6, 0), false, true, IPSocket::IPV4);
-    EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_FALSE(server.isValid());
     EXPECT_EQ(-1, server.getSocketFd());
     EXPECT_EQ(0, descriptors.getCalls());
@@ -91,7 +91,9 @@ TEST(TCPServerSocket, withAnAddressOfTheOtherVersionIsInvalidAndHasNoDescriptor)
     EventRecorder const events;
     server.enableListen(1);
     EXPECT_TRUE(server.hadError());
-    EXPECT_TRUE(chainIs({{std::CommonError, 5, rowText(std::CommonError, 5, "p_socket_fd is invalid")}}));
+    EXPECT_TRUE(chainIs(
+        {{std::CommonErrorId::INVALID_ARGUMENT,
+          rowText(std::CommonErrorId::INVALID_ARGUMENT, "p_socket_fd is invalid")}}));
     EXPECT_EQ(Socket::DEAD, server.getState());
     EXPECT_EQ(
         "ASSERT framework/src/vesk/posix/SocketPosixCommon bindSocket: p_socket_fd != INVALID_SOCKET_FD",
@@ -161,7 +163,8 @@ TEST(TCPServerSocket, endsTheProcessIfWhatItCannotUseCannotBeClosedEither) {
         Fault const fault(inject_fcntl, EPERM);
         Fault const close_fault(inject_close, EIO);
         Server const server = makeIdle(false);
-        EXPECT_TRUE(failureIs(SysError, 19, EPERM)) << "and the cause is still told";
+        EXPECT_TRUE(failureIs(SysError, vesk::SysErrorId::UNCLASSIFIED, EPERM))
+            << "and the cause is still told";
         EXPECT_FALSE(server.isValid());
     }
     EXPECT_EQ(
@@ -349,7 +352,7 @@ TEST_P(TCPServerSocketBind, failureClosesTheServerAndIsStillTold) {
 
 ErrorRows getServerBindRows() {
     ErrorRows rows = getBindRows();
-    add(rows, {EINVAL}, SysError, 10);
+    add(rows, {EINVAL}, SysError, vesk::SysErrorId::SPOILED_INTEGRITY);
     return rows;
 }
 
@@ -357,11 +360,12 @@ INSTANTIATE_TEST_SUITE_P(rows, TCPServerSocketBind, testing::ValuesIn(getServerB
 
 ErrorRows getListenRows() {
     ErrorRows rows;
-    add(rows, {EADDRINUSE}, Socket::Error, 4);
-    add(rows, {ENOBUFS}, SysError, 0);
-    add(rows, {EACCES}, SysError, 7);
-    add(rows, {EBADF, EINVAL, ENOTSOCK, EDESTADDRREQ, EOPNOTSUPP}, SysError, 10);
-    add(rows, {EINTR, EPERM, ENOMEM}, SysError, 19);
+    add(rows, {EADDRINUSE}, Socket::Error, Socket::ErrorId::ADDRESS_IN_USE);
+    add(rows, {ENOBUFS}, SysError, vesk::SysErrorId::RESOURCES_EXHAUSTED);
+    add(rows, {EACCES}, SysError, vesk::SysErrorId::PERMISSION_DENIED);
+    add(rows, {EBADF, EINVAL, ENOTSOCK, EDESTADDRREQ, EOPNOTSUPP}, SysError,
+        vesk::SysErrorId::SPOILED_INTEGRITY);
+    add(rows, {EINTR, EPERM, ENOMEM}, SysError, vesk::SysErrorId::UNCLASSIFIED);
     return rows;
 }
 
@@ -378,20 +382,20 @@ TEST(TCPServerSocket, cannotListenWhereSomebodyElseDoes) {
     Server second(first.getLocalAddress(), true, false, IPSocket::IPV4);
     second.enableListen(1);
     EXPECT_TRUE(second.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, 4, EADDRINUSE));
+    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE));
     EXPECT_EQ(Socket::DEAD, second.getState());
 
     Server third(first.getLocalAddress(), true, true, IPSocket::IPV4);
     third.enableListen(1);
     EXPECT_TRUE(third.hadError()) << "not even with reuse";
-    EXPECT_TRUE(failureIs(Socket::Error, 4, EADDRINUSE));
+    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE));
 }
 
 TEST(TCPServerSocket, cannotListenOnAnAddressOfAnotherMachine) {
     Server server(IPAddress("203.0.113.1", 0), true, false, IPSocket::IPV4);
     server.enableListen(1);
     EXPECT_TRUE(server.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, 5, EADDRNOTAVAIL));
+    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::ADDRESS_INVALID, EADDRNOTAVAIL));
     EXPECT_EQ(Socket::DEAD, server.getState());
 }
 
@@ -401,7 +405,7 @@ TEST(TCPServerSocket, onABoundDescriptorCannotListen) {
     ASSERT_EQ(0, bind(server.getSocketFd(), reinterpret_cast<sockaddr const*>(&address), sizeof address));
     server.enableListen(1);
     EXPECT_TRUE(server.hadError());
-    EXPECT_TRUE(failureIs(SysError, 10, EINVAL));
+    EXPECT_TRUE(failureIs(SysError, vesk::SysErrorId::SPOILED_INTEGRITY, EINVAL));
     EXPECT_EQ(Socket::DEAD, server.getState());
 }
 
@@ -422,7 +426,7 @@ TEST(TCPServerSocket, withReuseListensAgainWhileOldConnectionsLinger) {
     Server careful(address, true, false, IPSocket::IPV4);
     careful.enableListen(1);
     EXPECT_TRUE(careful.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, 4, EADDRINUSE));
+    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE));
     Server bold(address, true, true, IPSocket::IPV4);
     bold.enableListen(1);
     EXPECT_FALSE(bold.hadError());
@@ -545,15 +549,15 @@ TEST(TCPServerSocket, thatIsNotOpenAcceptsNothing) {
 
 ErrorRows getAcceptRows() {
     ErrorRows rows;
-    add(rows, {EPERM}, SysError, 7);
-    add(rows, {ESRCH}, Socket::Error, 8);
-    add(rows, {EBADF, EINVAL}, Socket::Error, 0);
-    add(rows, {ENOMEM, ENOBUFS}, SysError, 1);
-    add(rows, {EFAULT, ENOTSOCK, EOPNOTSUPP}, SysError, 10);
-    add(rows, {ENFILE, EMFILE}, SysError, 0);
-    add(rows, {EPROTO, ETIMEDOUT}, Socket::Error, 10);
-    add(rows, {ECONNABORTED}, Socket::Error, 11);
-    add(rows, {EIO, ENETDOWN, ECONNRESET, EACCES}, SysError, 19);
+    add(rows, {EPERM}, SysError, vesk::SysErrorId::PERMISSION_DENIED);
+    add(rows, {ESRCH}, Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE);
+    add(rows, {EBADF, EINVAL}, Socket::Error, Socket::ErrorId::INVALID_SOCKET);
+    add(rows, {ENOMEM, ENOBUFS}, SysError, vesk::SysErrorId::OUT_OF_MEMORY);
+    add(rows, {EFAULT, ENOTSOCK, EOPNOTSUPP}, SysError, vesk::SysErrorId::SPOILED_INTEGRITY);
+    add(rows, {ENFILE, EMFILE}, SysError, vesk::SysErrorId::RESOURCES_EXHAUSTED);
+    add(rows, {EPROTO, ETIMEDOUT}, Socket::Error, Socket::ErrorId::COMMUNICATION_FAILED);
+    add(rows, {ECONNABORTED}, Socket::Error, Socket::ErrorId::CONNECTION_CLOSED);
+    add(rows, {EIO, ENETDOWN, ECONNRESET, EACCES}, SysError, vesk::SysErrorId::UNCLASSIFIED);
     return rows;
 }
 
@@ -605,7 +609,8 @@ TEST(TCPServerSocket, withoutDescriptorsLeftAcceptsLater) {
         bool told_all = true;
         for (int i = 0; i < 5; ++i) {
             accepted_any |= listener.acceptConnection().valid;
-            told_all &= listener.hadError() && failureIs(SysError, 0, EMFILE);
+            told_all &=
+                listener.hadError() && failureIs(SysError, vesk::SysErrorId::RESOURCES_EXHAUSTED, EMFILE);
         }
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
         EXPECT_FALSE(accepted_any);
@@ -641,7 +646,7 @@ TEST(TCPServerSocket, acceptsConnectionsWhosePeerIsGoneAlready) {
     char byte = 0;
     unsigned int count = 0;
     EXPECT_EQ(-1, reset.read(&byte, 1, count));
-    EXPECT_TRUE(streamFailureIs(Socket::Error, 6, ECONNRESET, 0));
+    EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::CONNECTION_RESET, ECONNRESET, 0));
 }
 
 TEST(TCPServerSocket, closedWhileConnectionsWaitResetsThem) {
@@ -653,7 +658,7 @@ TEST(TCPServerSocket, closedWhileConnectionsWaitResetsThem) {
     char byte = 0;
     unsigned int count = 0;
     EXPECT_EQ(-1, client.read(&byte, 1, count));
-    EXPECT_TRUE(streamFailureIs(Socket::Error, 6, ECONNRESET, 0));
+    EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::CONNECTION_RESET, ECONNRESET, 0));
 }
 
 // Sizes.
@@ -739,7 +744,7 @@ TEST(TCPServerSocket, whoseListenFailedIsDestroyedInSilence) {
     {
         TCPServerSocket second(first.getLocalAddress(), true, false, IPSocket::IPV4);
         second.enableListen(1);
-        EXPECT_TRUE(failureIs(Socket::Error, 4, EADDRINUSE));
+        EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE));
     }
     EXPECT_EQ("", events.getText());
 }

@@ -109,7 +109,7 @@ TEST(TCPSocket, withAnAddressThatLeadsToNothingIsInvalidAndHasNoDescriptor) {
         TCPSocket const socket(
             true, 0, 0, is_local ? of_other_version : loopback, is_local ? loopback : of_other_version, true,
             IPSocket::IPV4);
-        EXPECT_TRUE(chainIs({{std::CommonError, 5}}));
+        EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
         EXPECT_FALSE(socket.isValid());
         EXPECT_EQ(-1, socket.getSocketFd());
         EXPECT_EQ(Socket::INACTIVE, socket.getState());
@@ -180,7 +180,8 @@ TEST(TCPSocket, endsTheProcessIfWhatItCannotUseCannotBeClosedEither) {
         Fault const fault(inject_setsockopt, ENOPROTOOPT);
         Fault const close_fault(inject_close, EIO);
         Client const socket = makeIdle(true, true);
-        EXPECT_TRUE(failureIs(Socket::Error, 1, ENOPROTOOPT)) << "and the cause is still told";
+        EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::UNKNOWN_OPTION, ENOPROTOOPT))
+            << "and the cause is still told";
         EXPECT_FALSE(socket.isValid());
     }
     EXPECT_EQ(std::string("ABORT ") + SOURCE + " TCPSocket: ctor error, close error", events.getText());
@@ -243,7 +244,7 @@ TEST_P(TCPSocketVersions, thatIsRefusedMayTryAgain) {
         EXPECT_TRUE(client.connect());
         EXPECT_TRUE(client.hadError());
         EXPECT_TRUE(isInactive(client));
-        EXPECT_TRUE(failureIs(Socket::Error, 7, ECONNREFUSED));
+        EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED));
     }
     ASSERT_EQ(0, listen(peer.getFd(), 1));
     EXPECT_FALSE(client.connect());
@@ -264,7 +265,7 @@ TEST_P(TCPSocketVersions, thatDoesNotWaitLearnsARefusalFromItsNextRead) {
     EXPECT_EQ(-1, client.read(&byte, 1, count));
     EXPECT_EQ(0u, count);
     EXPECT_TRUE(client.hadError());
-    EXPECT_TRUE(streamFailureIs(Socket::Error, 7, ECONNREFUSED, 0));
+    EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED, 0));
     EXPECT_EQ(Socket::OPEN, client.getState());
 }
 
@@ -311,7 +312,9 @@ TEST(TCPSocket, thatHasNoDescriptorCannotBeConnected) {
     EXPECT_TRUE(socket.connect());
     EXPECT_TRUE(socket.hadError());
     EXPECT_EQ(Socket::INACTIVE, socket.getState());
-    EXPECT_TRUE(chainIs({{std::CommonError, 5, rowText(std::CommonError, 5, "p_socket_fd is invalid")}}));
+    EXPECT_TRUE(chainIs(
+        {{std::CommonErrorId::INVALID_ARGUMENT,
+          rowText(std::CommonErrorId::INVALID_ARGUMENT, "p_socket_fd is invalid")}}));
     EXPECT_EQ(
         "ASSERT framework/src/vesk/posix/SocketPosixCommon bindSocket: p_socket_fd != INVALID_SOCKET_FD",
         events.getText());
@@ -347,7 +350,7 @@ TEST_P(TCPSocketVersions, nobodyListensOnPort0) {
     Client client(true, 0, 0, IPAddress(), IPAddress(getLoopback(GetParam()), 0), false, GetParam());
     EXPECT_TRUE(client.connect());
     EXPECT_TRUE(client.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, 7, ECONNREFUSED));
+    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED));
 }
 
 TEST(TCPSocket, cannotConnectFromAnAddressInUse) {
@@ -356,7 +359,7 @@ TEST(TCPSocket, cannotConnectFromAnAddressInUse) {
     Client client(true, 0, 0, other.getAddress(), listener.getLocalAddress(), false, IPSocket::IPV4);
     EXPECT_TRUE(client.connect());
     EXPECT_TRUE(client.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, 4, EADDRINUSE));
+    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE));
     EXPECT_TRUE(isInactive(client));
 }
 
@@ -365,7 +368,7 @@ TEST(TCPSocket, cannotConnectFromAnAddressOfAnotherMachine) {
     Client client(true, 0, 0, IPAddress("203.0.113.1", 0), listener.getLocalAddress(), false, IPSocket::IPV4);
     EXPECT_TRUE(client.connect());
     EXPECT_TRUE(client.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, 5, EADDRNOTAVAIL));
+    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::ADDRESS_INVALID, EADDRNOTAVAIL));
     EXPECT_TRUE(isInactive(client));
 }
 
@@ -405,18 +408,18 @@ TEST(TCPSocket, thatIsBoundAlreadyConnectsAllTheSame) {
 
 ErrorRows getConnectRows() {
     ErrorRows rows;
-    add(rows, {EPERM, EACCES}, SysError, 7);
+    add(rows, {EPERM, EACCES}, SysError, vesk::SysErrorId::PERMISSION_DENIED);
     add(rows,
         {ENOENT, EBADF, EFAULT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP, ENOTSOCK, EPROTOTYPE, EOPNOTSUPP,
          EAFNOSUPPORT, EISCONN, ETIMEDOUT},
-        SysError, 10);
-    add(rows, {EAGAIN, ENOBUFS}, SysError, 0);
-    add(rows, {EADDRINUSE}, Socket::Error, 4);
-    add(rows, {EADDRNOTAVAIL}, Socket::Error, 5);
-    add(rows, {ENETDOWN, ENETUNREACH}, Socket::Error, 8);
-    add(rows, {ECONNRESET}, Socket::Error, 6);
-    add(rows, {ECONNREFUSED, EHOSTUNREACH}, Socket::Error, 7);
-    add(rows, {EIO, ENOMEM, EPROTO}, SysError, 19);
+        SysError, vesk::SysErrorId::SPOILED_INTEGRITY);
+    add(rows, {EAGAIN, ENOBUFS}, SysError, vesk::SysErrorId::RESOURCES_EXHAUSTED);
+    add(rows, {EADDRINUSE}, Socket::Error, Socket::ErrorId::ADDRESS_IN_USE);
+    add(rows, {EADDRNOTAVAIL}, Socket::Error, Socket::ErrorId::ADDRESS_INVALID);
+    add(rows, {ENETDOWN, ENETUNREACH}, Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE);
+    add(rows, {ECONNRESET}, Socket::Error, Socket::ErrorId::CONNECTION_RESET);
+    add(rows, {ECONNREFUSED, EHOSTUNREACH}, Socket::Error, Socket::ErrorId::PEER_UNREACHABLE);
+    add(rows, {EIO, ENOMEM, EPROTO}, SysError, vesk::SysErrorId::UNCLASSIFIED);
     return rows;
 }
 
@@ -430,7 +433,7 @@ public:
         EXPECT_EQ(Socket::OPEN, getState());
         EXPECT_NE(0, getLocalAddress().port) << "the addresses are known by now";
         if (m_refuses) {
-            std::ErrorOutput("hook", 1, true)(std::CommonError, 1, "not this peer");
+            std::ErrorOutput("hook", 1, true)(std::CommonErrorId::CONTRACT_BROKEN, "not this peer");
         }
         return m_refuses;
     }
@@ -618,7 +621,7 @@ TEST(TCPSocket, keepaliveTimesThatTheSystemDoesNotTakeAreRefused) {
           Keepalive{true, 1, 1, 0}, Keepalive{true, 32768, 1, 1}}) {
         EXPECT_TRUE(socket.setKeepalive(settings));
         EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(failureIs(SysError, 2, EINVAL));
+        EXPECT_TRUE(failureIs(SysError, vesk::SysErrorId::INVALID_PATH, EINVAL));
         EXPECT_TRUE(isInactive(socket));
     }
 }
@@ -656,11 +659,12 @@ TEST(TCPSocket, optionsNeedADescriptor) {
     errno = EIO;
     EXPECT_TRUE(socket.setTCPNoDelay(true));
     EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, 0, EIO)) << "the text is that of whatever errno is";
+    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::INVALID_SOCKET, EIO))
+        << "the text is that of whatever errno is";
     for (bool const enabled : {true, false}) {
         EXPECT_TRUE(socket.setKeepalive({enabled, 1, 1, 1}));
         EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(chainIs({{Socket::Error, 0}}));
+        EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET}}));
     }
     EXPECT_EQ(0, options.getCalls());
 }
@@ -821,9 +825,9 @@ TEST(TCPSocket, closeWithShutdownEndsItForOtherDescriptors) {
 
 ErrorRows getShutdownRows() {
     ErrorRows rows;
-    add(rows, {EBADF, EINVAL, ENOTSOCK, ENOTCONN}, SysError, 10);
-    add(rows, {ENOBUFS}, SysError, 0);
-    add(rows, {EINTR, EIO, EPIPE}, SysError, 19);
+    add(rows, {EBADF, EINVAL, ENOTSOCK, ENOTCONN}, SysError, vesk::SysErrorId::SPOILED_INTEGRITY);
+    add(rows, {ENOBUFS}, SysError, vesk::SysErrorId::RESOURCES_EXHAUSTED);
+    add(rows, {EINTR, EIO, EPIPE}, SysError, vesk::SysErrorId::UNCLASSIFIED);
     return rows;
 }
 
@@ -984,7 +988,7 @@ TEST(TCPSocket, closeDropsWhatAPeerThatDoesNotReadLeavesInTheBuffer) {
         ASSERT_EQ(1, client.write(block.data(), 512, written));
     }
     EXPECT_TRUE(client.flush(false));
-    EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_FALSE(client.close(true));
     EXPECT_FALSE(client.hadError());
     EXPECT_TRUE(chainIs({}));
@@ -1011,7 +1015,7 @@ TEST(TCPSocket, whosePeerResetsItTellsSoOnce) {
     unsigned int count = 12345;
     EXPECT_EQ(-1, connection.client.read(&byte, 1, count));
     EXPECT_TRUE(connection.client.hadError());
-    EXPECT_TRUE(streamFailureIs(Socket::Error, 6, ECONNRESET, 0));
+    EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::CONNECTION_RESET, ECONNRESET, 0));
     EXPECT_EQ(Socket::OPEN, connection.client.getState());
     EXPECT_TRUE(isAtItsEnd(connection.client)) << "from then on it is at its end";
 }
@@ -1024,11 +1028,11 @@ TEST(TCPSocket, writesToAResetConnectionFailWithoutASignal) {
     ASSERT_TRUE(awaitEvents(connection.client.getSocketFd(), POLLHUP));
     unsigned int count = 12345;
     EXPECT_EQ(-1, connection.client.write("x", 1, count));
-    EXPECT_TRUE(streamFailureIs(Socket::Error, 6, ECONNRESET, 0));
+    EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::CONNECTION_RESET, ECONNRESET, 0));
     EXPECT_EQ(-1, connection.client.write("x", 1, count));
     EXPECT_EQ(0u, count);
     EXPECT_TRUE(connection.client.hadError());
-    EXPECT_TRUE(streamFailureIs(Socket::Error, 0, EPIPE, 0));
+    EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::INVALID_SOCKET, EPIPE, 0));
     EXPECT_FALSE(connection.client.close(true)) << "and it can be closed";
     EXPECT_TRUE(chainIs({}));
 }

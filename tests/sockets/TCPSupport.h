@@ -105,6 +105,7 @@ namespace support {
 using vesk::IPSocket;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::TCPServerSocket;
 using vesk::TCPSocket;
 using IPAddress = vesk::IPSocket::IPAddress;
@@ -131,36 +132,37 @@ inline void add(ErrorRows& rows, std::vector<int> const& errors, std::ErrorType 
 
 inline ErrorRows getCreationRows() {
     ErrorRows rows;
-    add(rows, {EMFILE, ENFILE}, SysError, 0);
-    add(rows, {EACCES}, SysError, 7);
-    add(rows, {EINVAL, EPROTOTYPE, EPROTONOSUPPORT, EAFNOSUPPORT}, Socket::Error, 3);
-    add(rows, {ENOMEM, ENOBUFS}, SysError, 1);
-    add(rows, {EIO, EINTR, EPERM, EAGAIN}, SysError, 19);
+    add(rows, {EMFILE, ENFILE}, SysError, SysErrorId::RESOURCES_EXHAUSTED);
+    add(rows, {EACCES}, SysError, SysErrorId::PERMISSION_DENIED);
+    add(rows, {EINVAL, EPROTOTYPE, EPROTONOSUPPORT, EAFNOSUPPORT}, Socket::Error,
+        Socket::ErrorId::CREATE_FAILED);
+    add(rows, {ENOMEM, ENOBUFS}, SysError, SysErrorId::OUT_OF_MEMORY);
+    add(rows, {EIO, EINTR, EPERM, EAGAIN}, SysError, SysErrorId::UNCLASSIFIED);
     return rows;
 }
 
 inline ErrorRows getSetOptionRows() {
     ErrorRows rows;
-    add(rows, {EBADF, ENOTSOCK}, Socket::Error, 0);
-    add(rows, {EFAULT, EINVAL, EDOM, EISCONN}, SysError, 2);
-    add(rows, {ENOPROTOOPT}, Socket::Error, 1);
-    add(rows, {EPERM, ENOMEM, EINTR, EIO}, SysError, 19);
+    add(rows, {EBADF, ENOTSOCK}, Socket::Error, Socket::ErrorId::INVALID_SOCKET);
+    add(rows, {EFAULT, EINVAL, EDOM, EISCONN}, SysError, SysErrorId::INVALID_PATH);
+    add(rows, {ENOPROTOOPT}, Socket::Error, Socket::ErrorId::UNKNOWN_OPTION);
+    add(rows, {EPERM, ENOMEM, EINTR, EIO}, SysError, SysErrorId::UNCLASSIFIED);
     return rows;
 }
 
 inline ErrorRows getGetOptionRows() {
     ErrorRows rows;
-    add(rows, {EBADF, EINVAL, ENOTSOCK}, Socket::Error, 0);
-    add(rows, {EACCES}, SysError, 7);
-    add(rows, {ENOPROTOOPT}, Socket::Error, 1);
-    add(rows, {ENOBUFS}, SysError, 1);
-    add(rows, {EFAULT, ENOMEM, EINTR}, SysError, 19);
+    add(rows, {EBADF, EINVAL, ENOTSOCK}, Socket::Error, Socket::ErrorId::INVALID_SOCKET);
+    add(rows, {EACCES}, SysError, SysErrorId::PERMISSION_DENIED);
+    add(rows, {ENOPROTOOPT}, Socket::Error, Socket::ErrorId::UNKNOWN_OPTION);
+    add(rows, {ENOBUFS}, SysError, SysErrorId::OUT_OF_MEMORY);
+    add(rows, {EFAULT, ENOMEM, EINTR}, SysError, SysErrorId::UNCLASSIFIED);
     return rows;
 }
 
 inline ErrorRows getStatusFlagRows() {
     ErrorRows rows;
-    add(rows, {EBADF, EACCES, EAGAIN, EINTR, EINVAL, EPERM}, SysError, 19);
+    add(rows, {EBADF, EACCES, EAGAIN, EINTR, EINVAL, EPERM}, SysError, SysErrorId::UNCLASSIFIED);
     return rows;
 }
 
@@ -170,19 +172,19 @@ inline ErrorRows getBindRows() {
     add(rows,
         {ENOENT, EIO, EBADF, EFAULT, ENOTDIR, EISDIR, EROFS, ENAMETOOLONG, ELOOP, ENOTSOCK, EDESTADDRREQ,
          EOPNOTSUPP, EAFNOSUPPORT, EISCONN},
-        SysError, 10);
-    add(rows, {ENOMEM}, SysError, 1);
-    add(rows, {EACCES}, SysError, 7);
-    add(rows, {EADDRINUSE}, Socket::Error, 4);
-    add(rows, {EADDRNOTAVAIL}, Socket::Error, 5);
-    add(rows, {ENOBUFS}, SysError, 0);
-    add(rows, {EPERM, EINTR, EAGAIN}, SysError, 19);
+        SysError, SysErrorId::SPOILED_INTEGRITY);
+    add(rows, {ENOMEM}, SysError, SysErrorId::OUT_OF_MEMORY);
+    add(rows, {EACCES}, SysError, SysErrorId::PERMISSION_DENIED);
+    add(rows, {EADDRINUSE}, Socket::Error, Socket::ErrorId::ADDRESS_IN_USE);
+    add(rows, {EADDRNOTAVAIL}, Socket::Error, Socket::ErrorId::ADDRESS_INVALID);
+    add(rows, {ENOBUFS}, SysError, SysErrorId::RESOURCES_EXHAUSTED);
+    add(rows, {EPERM, EINTR, EAGAIN}, SysError, SysErrorId::UNCLASSIFIED);
     return rows;
 }
 
 inline ErrorRows getCloseRows() {
     ErrorRows rows;
-    add(rows, {EIO, ENOSPC, EDQUOT, EAGAIN}, SysError, 10);
+    add(rows, {EIO, ENOSPC, EDQUOT, EAGAIN}, SysError, SysErrorId::SPOILED_INTEGRITY);
     return rows;
 }
 
@@ -201,7 +203,9 @@ inline testing::AssertionResult streamFailureIs(std::ErrorType const& family, in
 }
 
 inline ExpectedReport getMisuse(std::string const& text) {
-    return {std::CommonError, 1, rowText(std::CommonError, 1, text)};
+    return {
+        std::CommonError, std::CommonErrorId::CONTRACT_BROKEN,
+        rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
 }
 
 inline testing::AssertionResult misuseIs(std::string const& text) {
@@ -215,8 +219,8 @@ inline testing::AssertionResult streamMisuseIs(std::string const& text, int on_t
 /// That the peer has ended the connection in order.
 inline testing::AssertionResult endIs() {
     return chainIs(
-        {{Socket::Error, 11, "Connection closed: Connection closed normally"},
-         {std::IBinStreamBase::StreamError, 2}});
+        {{Socket::ErrorId::CONNECTION_CLOSED, "Connection closed: Connection closed normally"},
+         {std::IBinStreamBase::StreamError, std::IBinStreamBase::StreamErrorId::END_OF_STREAM}});
 }
 
 inline bool isOpen(int fd) {

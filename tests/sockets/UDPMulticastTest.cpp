@@ -34,6 +34,7 @@ using support::systemText;
 using vesk::IPSocket;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UDPSocket;
 
 constexpr unsigned int UNTOUCHED = 77;
@@ -206,13 +207,15 @@ TEST(UDPMulticast, withoutAnInterfaceForItTheGroupCannotBeJoined) {
             UDPSocket socket(true, 0, 0, {"", 5000}, {GROUP, 5000}, IPSocket::IPV4);
             socket.open();
             EXPECT_TRUE(socket.hadError());
-            EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(ENODEV))}}));
+            EXPECT_TRUE(
+                chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(ENODEV))}}));
             EXPECT_TRUE(socket.isValid());
             EXPECT_EQ(Socket::INACTIVE, socket.getState());
             EXPECT_NE(-1, fcntl(socket.getSocketFd(), F_GETFD));
             unsigned int written = UNTOUCHED;
             EXPECT_EQ(-1, socket.write("x", 1, written));
-            EXPECT_TRUE(chainIs({{std::CommonError, 1}, {StreamError, 0}}));
+            EXPECT_TRUE(chainIs(
+                {{std::CommonErrorId::CONTRACT_BROKEN}, {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
         }
         EXPECT_EQ("", events.getText());
     });
@@ -227,7 +230,8 @@ TEST(UDPMulticast, interfaceOfIPv6ThatDoesNotExistCannotBeNamed) {
         ASSERT_TRUE(socket.isValid());
         socket.open();
         EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(ENODEV))}}));
+        EXPECT_TRUE(
+            chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(ENODEV))}}));
         EXPECT_EQ(Socket::INACTIVE, socket.getState());
         EXPECT_NE(-1, fcntl(socket.getSocketFd(), F_GETFD));
     });
@@ -248,7 +252,8 @@ TEST(UDPMulticast, writingWithoutTheNetworkFails) {
         EXPECT_EQ(-1, socket.write("x", 1, written));
         EXPECT_EQ(0U, written);
         EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(chainIs(streamFailure(Socket::Error, 8, ENETUNREACH, 0)));
+        EXPECT_TRUE(
+            chainIs(streamFailure(Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, 0)));
         EXPECT_EQ(Socket::OPEN, socket.getState());
     });
 }
@@ -265,7 +270,7 @@ TEST(UDPMulticast, numberThatNoRowHasReportsOnlyThatOfTheStream) {
         unsigned int written = UNTOUCHED;
         EXPECT_EQ(-1, socket.write("x", 1, written)) << "nothing can be sent to port 0";
         EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(chainIs({{StreamError, 4}}));
+        EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::UNCLASSIFIED}}));
         EXPECT_EQ(Socket::OPEN, socket.getState());
     });
 }
@@ -313,7 +318,8 @@ TEST(UDPMulticast, emptyDatagramToTheGroupReadsAsAnEnd) {
         unsigned int count = UNTOUCHED;
         EXPECT_EQ(0, socket.read(block, sizeof block, count));
         EXPECT_EQ(0U, count);
-        EXPECT_TRUE(chainIs({{Socket::Error, 11}, {StreamError, 2}}));
+        EXPECT_TRUE(chainIs(
+            {{Socket::ErrorId::CONNECTION_CLOSED}, {std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
         EXPECT_EQ(Socket::OPEN, socket.getState());
     });
 }
@@ -429,7 +435,7 @@ TEST_P(UDPMulticastSizes, datagramsPassWholeUpToTheLargest) {
         EXPECT_EQ(-1, left.write(larger.data(), UDPSocket::MAX_TEL_SIZE + 1, written));
         EXPECT_EQ(0U, written);
         EXPECT_TRUE(left.hadError());
-        EXPECT_TRUE(chainIs(streamFailure(Socket::Error, 12, EMSGSIZE, 1)));
+        EXPECT_TRUE(chainIs(streamFailure(Socket::Error, Socket::ErrorId::MESSAGE_TOO_BIG, EMSGSIZE, 1)));
         EXPECT_EQ(Socket::OPEN, left.getState());
         expectDelivered(left, right, "the next");
     });

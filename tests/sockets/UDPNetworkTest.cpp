@@ -23,6 +23,7 @@ using support::systemText;
 using vesk::IPSocket;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UDPSocket;
 
 constexpr unsigned int UNTOUCHED = 77;
@@ -37,7 +38,9 @@ void expectUnreachable(
     socket.open();
     EXPECT_EQ(WARNING, events.getText());
     EXPECT_FALSE(socket.hadError());
-    EXPECT_TRUE(chainIs({{Socket::Error, 8, rowText(Socket::Error, 8, systemText(ENETUNREACH))}}));
+    EXPECT_TRUE(chainIs(
+        {{Socket::ErrorId::NETWORK_UNAVAILABLE,
+          rowText(Socket::ErrorId::NETWORK_UNAVAILABLE, systemText(ENETUNREACH))}}));
     EXPECT_TRUE(socket.isValid());
     EXPECT_EQ(Socket::OPEN, socket.getState());
     EXPECT_NE(-1, socket.getSocketFd());
@@ -46,7 +49,7 @@ void expectUnreachable(
     EXPECT_EQ(-1, socket.write("x", 1, written)) << "it never was connected";
     EXPECT_TRUE(socket.hadError());
     EXPECT_EQ(0U, written);
-    EXPECT_TRUE(chainIs(streamFailure(Socket::Error, 5, EDESTADDRREQ, 0)));
+    EXPECT_TRUE(chainIs(streamFailure(Socket::Error, Socket::ErrorId::ADDRESS_INVALID, EDESTADDRREQ, 0)));
     EXPECT_FALSE(socket.close(false));
 }
 
@@ -68,7 +71,7 @@ TEST(UDPNetwork, socketThatCouldNotBeConnectedReceivesFromAnybody) {
         OpenUDPSocket socket({"", 5000}, {"192.0.2.7", 5000});
         socket.open();
         EXPECT_EQ(WARNING, events.getText());
-        EXPECT_TRUE(chainIs({{Socket::Error, 8}}));
+        EXPECT_TRUE(chainIs({{Socket::ErrorId::NETWORK_UNAVAILABLE}}));
         Peer anybody;
         EXPECT_TRUE(anybody.sendTo({"127.0.0.1", 5000}, "hello"));
         EXPECT_EQ("hello", receive(socket));
@@ -127,7 +130,8 @@ TEST(UDPNetwork, refusalComesBackThroughTheNetwork) {
         EXPECT_TRUE(support::isReadable(left.getSocketFd()));
         EXPECT_EQ(std::nullopt, receive(left));
         EXPECT_TRUE(left.hadError());
-        EXPECT_TRUE(chainIs(streamFailure(Socket::Error, 7, ECONNREFUSED, 0)));
+        EXPECT_TRUE(
+            chainIs(streamFailure(Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED, 0)));
         EXPECT_EQ(Socket::OPEN, left.getState());
 
         ASSERT_TRUE(cable.enterRight());
@@ -149,7 +153,8 @@ TEST(UDPNetwork, withoutItsNetworkWritingFailsUntilItIsBack) {
         ASSERT_TRUE(support::setDown("left"));
         unsigned int written = UNTOUCHED;
         EXPECT_EQ(-1, left.write("x", 1, written));
-        EXPECT_TRUE(chainIs(streamFailure(Socket::Error, 8, ENETUNREACH, 0)));
+        EXPECT_TRUE(
+            chainIs(streamFailure(Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, 0)));
         EXPECT_EQ(Socket::OPEN, left.getState());
         ASSERT_TRUE(support::setUp("left"));
         ASSERT_TRUE(cable.enterRight());
@@ -170,7 +175,8 @@ TEST(UDPNetwork, broadcastAddressCannotBeConnectedWithoutThePermission) {
         left.open();
         EXPECT_EQ(WARNING, events.getText());
         EXPECT_FALSE(left.hadError());
-        EXPECT_TRUE(chainIs({{SysError, 7, rowText(SysError, 7, systemText(EACCES))}}));
+        EXPECT_TRUE(chainIs(
+            {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EACCES))}}));
         EXPECT_EQ(Socket::OPEN, left.getState());
     });
 }
@@ -225,7 +231,7 @@ TEST_P(UDPSizes, datagramsPassWholeUpToTheLargest) {
         EXPECT_EQ(-1, left.write(larger.data(), UDPSocket::MAX_TEL_SIZE + 1, written));
         EXPECT_EQ(0U, written);
         EXPECT_TRUE(left.hadError());
-        EXPECT_TRUE(chainIs(streamFailure(Socket::Error, 12, EMSGSIZE, 1)));
+        EXPECT_TRUE(chainIs(streamFailure(Socket::Error, Socket::ErrorId::MESSAGE_TOO_BIG, EMSGSIZE, 1)));
         EXPECT_TRUE(isWritten(left, "the next"));
         EXPECT_EQ("the next", receive(right));
     });

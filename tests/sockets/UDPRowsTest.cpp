@@ -28,6 +28,7 @@ using support::systemText;
 using vesk::IPSocket;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UDPSocket;
 
 using IPAddress = IPSocket::IPAddress;
@@ -89,11 +90,15 @@ TEST_P(UDPSocketCall, failureMakesAnInvalidObject) {
 INSTANTIATE_TEST_SUITE_P(
     rows, UDPSocketCall,
     testing::Values(
-        Row{EMFILE, &SysError, 0}, Row{ENFILE, &SysError, 0}, Row{EACCES, &SysError, 7},
-        Row{EINVAL, &Socket::Error, 3}, Row{EPROTOTYPE, &Socket::Error, 3},
-        Row{EPROTONOSUPPORT, &Socket::Error, 3}, Row{EAFNOSUPPORT, &Socket::Error, 3},
-        Row{ENOMEM, &SysError, 1}, Row{ENOBUFS, &SysError, 1}, Row{EPERM, &SysError, 19},
-        Row{EINTR, &SysError, 19}),
+        Row{EMFILE, &SysError, SysErrorId::RESOURCES_EXHAUSTED},
+        Row{ENFILE, &SysError, SysErrorId::RESOURCES_EXHAUSTED},
+        Row{EACCES, &SysError, SysErrorId::PERMISSION_DENIED},
+        Row{EINVAL, &Socket::Error, Socket::ErrorId::CREATE_FAILED},
+        Row{EPROTOTYPE, &Socket::Error, Socket::ErrorId::CREATE_FAILED},
+        Row{EPROTONOSUPPORT, &Socket::Error, Socket::ErrorId::CREATE_FAILED},
+        Row{EAFNOSUPPORT, &Socket::Error, Socket::ErrorId::CREATE_FAILED},
+        Row{ENOMEM, &SysError, SysErrorId::OUT_OF_MEMORY}, Row{ENOBUFS, &SysError, SysErrorId::OUT_OF_MEMORY},
+        Row{EPERM, &SysError, SysErrorId::UNCLASSIFIED}, Row{EINTR, &SysError, SysErrorId::UNCLASSIFIED}),
     nameOf);
 
 // ---- fcntl ----
@@ -118,7 +123,8 @@ TEST_P(UDPFcntl, failureClosesTheDescriptorAndKeepsItsReport) {
         std::string const text = calls.getText();
         EXPECT_EQ("close(s)\n", text.substr(text.find("close")));
         EXPECT_EQ(GetParam().nth, fault.getCalls());
-        EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam().error))}}));
+        EXPECT_TRUE(chainIs(
+            {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(GetParam().error))}}));
         EXPECT_FALSE(socket.isValid());
         EXPECT_FALSE(socket.m_object_valid);
         EXPECT_EQ(Socket::DEAD, socket.getState());
@@ -136,7 +142,9 @@ TEST_P(UDPFcntl, failedCloseBehindAFailureWarnsAndKeepsTheFirstReport) {
             Fault const close_fault(inject_close, close_error);
             UDPSocket const socket(false, 0, 0, LOCAL, PEER, IPSocket::IPV4);
             EXPECT_EQ(1, close_fault.getCalls());
-            EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam().error))}}));
+            EXPECT_TRUE(chainIs(
+                {{SysErrorId::UNCLASSIFIED,
+                  rowText(SysErrorId::UNCLASSIFIED, systemText(GetParam().error))}}));
             EXPECT_FALSE(socket.isValid());
             EXPECT_EQ(Socket::DEAD, socket.getState());
             EXPECT_EQ(-1, socket.getSocketFd());
@@ -152,7 +160,7 @@ TEST_P(UDPFcntl, interruptedCloseBehindAFailureIsRepeated) {
     Fault const close_fault(inject_close, EINTR, 1, 2);
     UDPSocket const socket(false, 0, 0, LOCAL, PEER, IPSocket::IPV4);
     EXPECT_EQ(3, close_fault.getCalls());
-    EXPECT_TRUE(chainIs({{SysError, 19}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED}}));
     EXPECT_EQ("", events.getText());
 }
 
@@ -233,10 +241,15 @@ TEST_P(UDPSetOption, failureOfBroadcastIsToldByTheFlag) {
 INSTANTIATE_TEST_SUITE_P(
     rows, UDPSetOption,
     testing::Values(
-        Row{EBADF, &Socket::Error, 0}, Row{ENOTSOCK, &Socket::Error, 0}, Row{EFAULT, &SysError, 2},
-        Row{EINVAL, &SysError, 2}, Row{EDOM, &SysError, 2}, Row{EISCONN, &SysError, 2},
-        Row{ENOPROTOOPT, &Socket::Error, 1}, Row{ENODEV, &SysError, 19}, Row{EADDRNOTAVAIL, &SysError, 19},
-        Row{EADDRINUSE, &SysError, 19}, Row{ENOBUFS, &SysError, 19}, Row{EINTR, &SysError, 19}),
+        Row{EBADF, &Socket::Error, Socket::ErrorId::INVALID_SOCKET},
+        Row{ENOTSOCK, &Socket::Error, Socket::ErrorId::INVALID_SOCKET},
+        Row{EFAULT, &SysError, SysErrorId::INVALID_PATH}, Row{EINVAL, &SysError, SysErrorId::INVALID_PATH},
+        Row{EDOM, &SysError, SysErrorId::INVALID_PATH}, Row{EISCONN, &SysError, SysErrorId::INVALID_PATH},
+        Row{ENOPROTOOPT, &Socket::Error, Socket::ErrorId::UNKNOWN_OPTION},
+        Row{ENODEV, &SysError, SysErrorId::UNCLASSIFIED},
+        Row{EADDRNOTAVAIL, &SysError, SysErrorId::UNCLASSIFIED},
+        Row{EADDRINUSE, &SysError, SysErrorId::UNCLASSIFIED},
+        Row{ENOBUFS, &SysError, SysErrorId::UNCLASSIFIED}, Row{EINTR, &SysError, SysErrorId::UNCLASSIFIED}),
     nameOf);
 
 // ---- getsockopt ----
@@ -275,9 +288,13 @@ TEST_P(UDPGetOption, failureOfTheLargestSizeIsToldByTheFlagAlone) {
 INSTANTIATE_TEST_SUITE_P(
     rows, UDPGetOption,
     testing::Values(
-        Row{EBADF, &Socket::Error, 0}, Row{EINVAL, &Socket::Error, 0}, Row{ENOTSOCK, &Socket::Error, 0},
-        Row{EACCES, &SysError, 7}, Row{ENOPROTOOPT, &Socket::Error, 1}, Row{ENOBUFS, &SysError, 1},
-        Row{EFAULT, &SysError, 19}, Row{EINTR, &SysError, 19}),
+        Row{EBADF, &Socket::Error, Socket::ErrorId::INVALID_SOCKET},
+        Row{EINVAL, &Socket::Error, Socket::ErrorId::INVALID_SOCKET},
+        Row{ENOTSOCK, &Socket::Error, Socket::ErrorId::INVALID_SOCKET},
+        Row{EACCES, &SysError, SysErrorId::PERMISSION_DENIED},
+        Row{ENOPROTOOPT, &Socket::Error, Socket::ErrorId::UNKNOWN_OPTION},
+        Row{ENOBUFS, &SysError, SysErrorId::OUT_OF_MEMORY}, Row{EFAULT, &SysError, SysErrorId::UNCLASSIFIED},
+        Row{EINTR, &SysError, SysErrorId::UNCLASSIFIED}),
     nameOf);
 
 // ---- bind ----
@@ -332,14 +349,28 @@ TEST_P(UDPBind, failedCloseBehindAFailureWarnsAndKeepsTheFirstReport) {
 INSTANTIATE_TEST_SUITE_P(
     rows, UDPBind,
     testing::Values(
-        Row{EINVAL, &SysError, 10}, Row{ENOENT, &SysError, 10}, Row{EIO, &SysError, 10},
-        Row{EBADF, &SysError, 10}, Row{EFAULT, &SysError, 10}, Row{ENOTDIR, &SysError, 10},
-        Row{EISDIR, &SysError, 10}, Row{EROFS, &SysError, 10}, Row{ENAMETOOLONG, &SysError, 10},
-        Row{ELOOP, &SysError, 10}, Row{ENOTSOCK, &SysError, 10}, Row{EDESTADDRREQ, &SysError, 10},
-        Row{EOPNOTSUPP, &SysError, 10}, Row{EAFNOSUPPORT, &SysError, 10}, Row{EISCONN, &SysError, 10},
-        Row{ENOMEM, &SysError, 1}, Row{EACCES, &SysError, 7}, Row{EADDRINUSE, &Socket::Error, 4},
-        Row{EADDRNOTAVAIL, &Socket::Error, 5}, Row{ENOBUFS, &SysError, 0}, Row{ENODEV, &SysError, 19},
-        Row{EPERM, &SysError, 19}, Row{EINTR, &SysError, 19}),
+        Row{EINVAL, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ENOENT, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EIO, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EBADF, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EFAULT, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ENOTDIR, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EISDIR, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EROFS, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ENAMETOOLONG, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ELOOP, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ENOTSOCK, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EDESTADDRREQ, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EOPNOTSUPP, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EAFNOSUPPORT, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EISCONN, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ENOMEM, &SysError, SysErrorId::OUT_OF_MEMORY},
+        Row{EACCES, &SysError, SysErrorId::PERMISSION_DENIED},
+        Row{EADDRINUSE, &Socket::Error, Socket::ErrorId::ADDRESS_IN_USE},
+        Row{EADDRNOTAVAIL, &Socket::Error, Socket::ErrorId::ADDRESS_INVALID},
+        Row{ENOBUFS, &SysError, SysErrorId::RESOURCES_EXHAUSTED},
+        Row{ENODEV, &SysError, SysErrorId::UNCLASSIFIED}, Row{EPERM, &SysError, SysErrorId::UNCLASSIFIED},
+        Row{EINTR, &SysError, SysErrorId::UNCLASSIFIED}),
     nameOf);
 
 // ---- connect ----
@@ -367,16 +398,32 @@ TEST_P(UDPConnect, failureOnlyWarnsAndLeavesItsReport) {
 INSTANTIATE_TEST_SUITE_P(
     rows, UDPConnect,
     testing::Values(
-        Row{EALREADY, nullptr, 0}, Row{EINPROGRESS, nullptr, 0}, Row{EPERM, &SysError, 7},
-        Row{EACCES, &SysError, 7}, Row{ENOENT, &SysError, 10}, Row{EBADF, &SysError, 10},
-        Row{EFAULT, &SysError, 10}, Row{ENOTDIR, &SysError, 10}, Row{EINVAL, &SysError, 10},
-        Row{ENAMETOOLONG, &SysError, 10}, Row{ELOOP, &SysError, 10}, Row{ENOTSOCK, &SysError, 10},
-        Row{EPROTOTYPE, &SysError, 10}, Row{EOPNOTSUPP, &SysError, 10}, Row{EAFNOSUPPORT, &SysError, 10},
-        Row{EISCONN, &SysError, 10}, Row{ETIMEDOUT, &SysError, 10}, Row{EAGAIN, &SysError, 0},
-        Row{ENOBUFS, &SysError, 0}, Row{EADDRINUSE, &Socket::Error, 4}, Row{EADDRNOTAVAIL, &Socket::Error, 5},
-        Row{ENETDOWN, &Socket::Error, 8}, Row{ENETUNREACH, &Socket::Error, 8},
-        Row{ECONNRESET, &Socket::Error, 6}, Row{ECONNREFUSED, &Socket::Error, 7},
-        Row{EHOSTUNREACH, &Socket::Error, 7}, Row{EIO, &SysError, 19}, Row{ENOMEM, &SysError, 19}),
+        Row{EALREADY, nullptr, 0}, Row{EINPROGRESS, nullptr, 0},
+        Row{EPERM, &SysError, SysErrorId::PERMISSION_DENIED},
+        Row{EACCES, &SysError, SysErrorId::PERMISSION_DENIED},
+        Row{ENOENT, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EBADF, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EFAULT, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ENOTDIR, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EINVAL, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ENAMETOOLONG, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ELOOP, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ENOTSOCK, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EPROTOTYPE, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EOPNOTSUPP, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EAFNOSUPPORT, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EISCONN, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{ETIMEDOUT, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{EAGAIN, &SysError, SysErrorId::RESOURCES_EXHAUSTED},
+        Row{ENOBUFS, &SysError, SysErrorId::RESOURCES_EXHAUSTED},
+        Row{EADDRINUSE, &Socket::Error, Socket::ErrorId::ADDRESS_IN_USE},
+        Row{EADDRNOTAVAIL, &Socket::Error, Socket::ErrorId::ADDRESS_INVALID},
+        Row{ENETDOWN, &Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE},
+        Row{ENETUNREACH, &Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE},
+        Row{ECONNRESET, &Socket::Error, Socket::ErrorId::CONNECTION_RESET},
+        Row{ECONNREFUSED, &Socket::Error, Socket::ErrorId::PEER_UNREACHABLE},
+        Row{EHOSTUNREACH, &Socket::Error, Socket::ErrorId::PEER_UNREACHABLE},
+        Row{EIO, &SysError, SysErrorId::UNCLASSIFIED}, Row{ENOMEM, &SysError, SysErrorId::UNCLASSIFIED}),
     nameOf);
 
 TEST(UDPConnectCall, isRepeatedWhileASignalInterruptsIt) {
@@ -455,12 +502,20 @@ TEST_P(UDPSendTo, failureToTheGroupIsReported) {
 }
 
 auto const LISTED = testing::Values(
-    Row{EPERM, &SysError, 7, 0}, Row{EACCES, &SysError, 7, 0}, Row{EIO, &SysError, 10, 0},
-    Row{EBADF, &SysError, 10, 0}, Row{ENOTSOCK, &SysError, 10, 0}, Row{EOPNOTSUPP, &SysError, 10, 0},
-    Row{ENOTCONN, &SysError, 10, 0}, Row{EPIPE, &Socket::Error, 0, 0},
-    Row{EDESTADDRREQ, &Socket::Error, 5, 0}, Row{ENETDOWN, &Socket::Error, 8, 0},
-    Row{ENETUNREACH, &Socket::Error, 8, 0}, Row{ECONNRESET, &Socket::Error, 6, 0},
-    Row{EMSGSIZE, &Socket::Error, 12, 1}, Row{ENOBUFS, &SysError, 0, 1});
+    Row{EPERM, &SysError, SysErrorId::PERMISSION_DENIED, 0},
+    Row{EACCES, &SysError, SysErrorId::PERMISSION_DENIED, 0},
+    Row{EIO, &SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+    Row{EBADF, &SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+    Row{ENOTSOCK, &SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+    Row{EOPNOTSUPP, &SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+    Row{ENOTCONN, &SysError, SysErrorId::SPOILED_INTEGRITY, 0},
+    Row{EPIPE, &Socket::Error, Socket::ErrorId::INVALID_SOCKET, 0},
+    Row{EDESTADDRREQ, &Socket::Error, Socket::ErrorId::ADDRESS_INVALID, 0},
+    Row{ENETDOWN, &Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE, 0},
+    Row{ENETUNREACH, &Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE, 0},
+    Row{ECONNRESET, &Socket::Error, Socket::ErrorId::CONNECTION_RESET, 0},
+    Row{EMSGSIZE, &Socket::Error, Socket::ErrorId::MESSAGE_TOO_BIG, 1},
+    Row{ENOBUFS, &SysError, SysErrorId::RESOURCES_EXHAUSTED, 1});
 
 INSTANTIATE_TEST_SUITE_P(listed, UDPSend, LISTED, nameOf);
 INSTANTIATE_TEST_SUITE_P(listed, UDPSendTo, LISTED, nameOf);
@@ -468,9 +523,13 @@ INSTANTIATE_TEST_SUITE_P(listed, UDPSendTo, LISTED, nameOf);
 INSTANTIATE_TEST_SUITE_P(
     others, UDPSend,
     testing::Values(
-        Row{ECONNREFUSED, &SysError, 19, 4}, Row{EINVAL, &SysError, 19, 4}, Row{EFAULT, &SysError, 19, 4},
-        Row{ENOMEM, &SysError, 19, 4}, Row{EHOSTUNREACH, &SysError, 19, 4}, Row{EISCONN, &SysError, 19, 4},
-        Row{ETIMEDOUT, &SysError, 19, 4}),
+        Row{ECONNREFUSED, &SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{EINVAL, &SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{EFAULT, &SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{ENOMEM, &SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{EHOSTUNREACH, &SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{EISCONN, &SysError, SysErrorId::UNCLASSIFIED, 4},
+        Row{ETIMEDOUT, &SysError, SysErrorId::UNCLASSIFIED, 4}),
     nameOf);
 
 INSTANTIATE_TEST_SUITE_P(
@@ -522,10 +581,11 @@ TEST_F(UDPSendCalls, interruptedOneToTheGroupIsRepeatedWithTheSameArguments) {
 TEST_F(UDPSendCalls, reportBehindOneThatIsPendingStandsOnTopOfItWhereThereIsNoCause) {
     OpenUDPSocket socket(LOCAL, GROUP);
     socket.open();
-    std::ErrorOutput("file", 1, true)(std::CommonError, 1, "pending");
+    std::ErrorOutput("file", 1, true)(std::CommonErrorId::CONTRACT_BROKEN, "pending");
     Fault const fault(inject_sendto, EINVAL);
     EXPECT_TRUE(socket.performWrite("abc", 3, m_put));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}, {StreamError, 4}}));
+    EXPECT_TRUE(
+        chainIs({{std::CommonErrorId::CONTRACT_BROKEN}, {std::IBinStreamBase::StreamErrorId::UNCLASSIFIED}}));
 }
 
 } // namespace

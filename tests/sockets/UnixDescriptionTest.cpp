@@ -16,6 +16,7 @@ using support::Fault;
 using support::s_unix_calls;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UnixServerSocket;
 using vesk::UnixSocket;
 using vesk::UnixSocketBase;
@@ -262,7 +263,7 @@ TEST_F(UnixDescriptionTest, staysValidWhenThereIsNoMemoryForABuffer) {
         EXPECT_FALSE(socket.isValid());
         EXPECT_EQ(-1, socket.getSocketFd());
     }
-    EXPECT_TRUE(chainIs({{std::CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_TRUE(description.valid);
     EXPECT_TRUE(support::isOpenDescriptor(description.socket_fd));
 }
@@ -280,7 +281,7 @@ TEST_P(UnixDescriptionFlags, thatCannotBeSetLeaveTheDescriptorToTheDescription) 
         {
             Fault const fault(*GetParam(), EINVAL);
             UnixSocket const socket(false, 0, 0, description);
-            EXPECT_TRUE(support::failureIs({EINVAL, SysError, 19}));
+            EXPECT_TRUE(support::failureIs({EINVAL, SysError, SysErrorId::UNCLASSIFIED}));
             EXPECT_FALSE(socket.isValid());
             EXPECT_EQ(Socket::DEAD, socket.getState());
             EXPECT_EQ(-1, socket.getSocketFd());
@@ -306,7 +307,7 @@ TEST_P(UnixDescriptionFlags, thatCannotBeSetLeadToOneCloseByTheDescription) {
     {
         Fault const fault(*GetParam(), EIO);
         UnixSocket const socket(false, 0, 0, description);
-        EXPECT_TRUE(support::failureIs({EIO, SysError, 19}));
+        EXPECT_TRUE(support::failureIs({EIO, SysError, SysErrorId::UNCLASSIFIED}));
     }
     Fault const closes(inject_close, 0);
     description = Description();

@@ -16,6 +16,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::abstractAddress;
 using support::chainIs;
 using support::expected;
@@ -30,6 +31,7 @@ using support::TempFolder;
 using vesk::Path;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UnixServerSocket;
 using vesk::UnixSocket;
 using vesk::UnixSocketBase;
@@ -151,7 +153,7 @@ TEST_P(UnixServerSocketFlags, thatCannotBeSetMakeItInvalidAndCloseTheDescriptor)
     {
         Fault const fault(*GetParam(), EINVAL);
         UnixServerSocket const server("own", false, ABSTRACT);
-        EXPECT_TRUE(failureIs({EINVAL, SysError, 19}));
+        EXPECT_TRUE(failureIs({EINVAL, SysError, SysErrorId::UNCLASSIFIED}));
         EXPECT_FALSE(server.isValid());
         EXPECT_EQ(-1, server.getSocketFd());
         EXPECT_EQ(Socket::DEAD, server.getState());
@@ -178,7 +180,7 @@ TEST_P(UnixServerSocketFlags, thatCannotBeSetStayReportedIfTheAbortReturns) {
         Fault const fault(*GetParam(), EINVAL);
         Fault const closes(inject_close, EIO);
         UnixServerSocket const server("own", false, ABSTRACT);
-        EXPECT_TRUE(failureIs({EINVAL, SysError, 19}));
+        EXPECT_TRUE(failureIs({EINVAL, SysError, SysErrorId::UNCLASSIFIED}));
         EXPECT_FALSE(server.isValid());
     }
     EXPECT_EQ(
@@ -221,7 +223,7 @@ TEST(UnixServerSocket, withAnAbstractNameOfOneLetterBindsFourBytesAndLeavesNoFil
         UnixServerSocket server(std::string(1, letter), true, ABSTRACT);
         server.enableListen(1);
         if (server.hadError()) {
-            EXPECT_TRUE(failureIs({EADDRINUSE, Socket::Error, 4}));
+            EXPECT_TRUE(failureIs({EADDRINUSE, Socket::Error, Socket::ErrorId::ADDRESS_IN_USE}));
             continue;
         }
         EXPECT_EQ(4U, s_unix_calls.bind_length);
@@ -319,7 +321,7 @@ TEST_P(UnixServerSocketLongName, isRefusedByTheSystem) {
         EXPECT_TRUE(server.isValid());
         server.enableListen(1);
         EXPECT_EQ(GetParam() + 3, s_unix_calls.bind_length);
-        EXPECT_TRUE(failureIs({EINVAL, SysError, 10}));
+        EXPECT_TRUE(failureIs({EINVAL, SysError, SysErrorId::SPOILED_INTEGRITY}));
         EXPECT_TRUE(hasGivenUp(server));
         EXPECT_FALSE(support::isSocketFile(path.substr(0, 107)));
     }
@@ -431,7 +433,7 @@ TEST(UnixServerSocket, leftoverFileOfACrashedProcessIsAnAddressInUse) {
     ASSERT_TRUE(support::isSocketFile(folder / "own"));
     UnixServerSocket server(folder / "own", true, FILESYSTEM);
     server.enableListen(1);
-    EXPECT_TRUE(failureIs({EADDRINUSE, Socket::Error, 4}));
+    EXPECT_TRUE(failureIs({EADDRINUSE, Socket::Error, Socket::ErrorId::ADDRESS_IN_USE}));
     EXPECT_TRUE(hasGivenUp(server));
     EXPECT_TRUE(support::isSocketFile(folder / "own")) << "it is not removed";
     ASSERT_EQ(0, unlink((folder / "own").c_str()));
@@ -462,11 +464,11 @@ TEST(UnixServerSocket, nameOfAServerThatIsThereIsInUse) {
     EXPECT_TRUE(listens(by_name));
     UnixServerSocket second(folder / "own", true, FILESYSTEM);
     second.enableListen(1);
-    EXPECT_TRUE(failureIs({EADDRINUSE, Socket::Error, 4}));
+    EXPECT_TRUE(failureIs({EADDRINUSE, Socket::Error, Socket::ErrorId::ADDRESS_IN_USE}));
     EXPECT_TRUE(hasGivenUp(second));
     UnixServerSocket third(abstract, true, ABSTRACT);
     third.enableListen(1);
-    EXPECT_TRUE(failureIs({EADDRINUSE, Socket::Error, 4}));
+    EXPECT_TRUE(failureIs({EADDRINUSE, Socket::Error, Socket::ErrorId::ADDRESS_IN_USE}));
     EXPECT_TRUE(hasGivenUp(third));
     EXPECT_TRUE(support::isSocketFile(folder / "own"));
     EXPECT_FALSE(by_path.close(false));
@@ -518,9 +520,12 @@ TEST_P(UnixServerSocketBadPath, isReported) {
 INSTANTIATE_TEST_SUITE_P(
     paths, UnixServerSocketBadPath,
     testing::Values(
-        PathCase{"none/own", ENOENT, &SysError, 10}, PathCase{"file/own", ENOTDIR, &SysError, 10},
-        PathCase{"loop/own", ELOOP, &SysError, 10}, PathCase{"file", EADDRINUSE, &Socket::Error, 4},
-        PathCase{"folder", EADDRINUSE, &Socket::Error, 4}, PathCase{"loop", EADDRINUSE, &Socket::Error, 4}));
+        PathCase{"none/own", ENOENT, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        PathCase{"file/own", ENOTDIR, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        PathCase{"loop/own", ELOOP, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        PathCase{"file", EADDRINUSE, &Socket::Error, Socket::ErrorId::ADDRESS_IN_USE},
+        PathCase{"folder", EADDRINUSE, &Socket::Error, Socket::ErrorId::ADDRESS_IN_USE},
+        PathCase{"loop", EADDRINUSE, &Socket::Error, Socket::ErrorId::ADDRESS_IN_USE}));
 
 TEST(UnixServerSocket, withoutTheRightToMakeItsFileGivesUp) {
     VESK_SKIP_UNLESS_ROOT();
@@ -529,7 +534,7 @@ TEST(UnixServerSocket, withoutTheRightToMakeItsFileGivesUp) {
         ASSERT_TRUE(support::dropRights());
         UnixServerSocket server(folder / "own", true, FILESYSTEM);
         server.enableListen(1);
-        EXPECT_TRUE(failureIs({EACCES, SysError, 7}));
+        EXPECT_TRUE(failureIs({EACCES, SysError, SysErrorId::PERMISSION_DENIED}));
         EXPECT_TRUE(hasGivenUp(server));
     });
 }
@@ -539,7 +544,7 @@ TEST(UnixServerSocket, thatIsInvalidCannotListen) {
     UnixServerSocket server("", true, ABSTRACT);
     server.enableListen(1);
     EXPECT_TRUE(server.hadError());
-    EXPECT_TRUE(chainIs({{CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_EQ(
         "ASSERT framework/src/vesk/posix/SocketPosixCommon bindSocket: p_socket_fd != INVALID_SOCKET_FD",
         events.getText());
@@ -705,7 +710,7 @@ TEST(UnixServerSocket, withoutDescriptorsLeftKeepsTheConnectionWaiting) {
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
         EXPECT_FALSE(server.acceptConnection().valid);
         EXPECT_TRUE(server.hadError());
-        EXPECT_TRUE(failureIs({EMFILE, SysError, 0}));
+        EXPECT_TRUE(failureIs({EMFILE, SysError, SysErrorId::RESOURCES_EXHAUSTED}));
         close(client);
         EXPECT_TRUE(server.acceptConnection().valid) << "there is a number again";
         EXPECT_FALSE(server.close(false));
@@ -751,9 +756,9 @@ TEST(UnixServerSocket, whoseFileSomebodyHasRemovedFailsToClose) {
     EXPECT_TRUE(server.close(false));
     EXPECT_TRUE(server.hadError());
     EXPECT_TRUE(chainIs(
-        {expected({ENOENT, SysError, 2}),
-         {vesk::FileAccessError, 0, "Bad path '" + folder / "own" + "'"},
-         expected({ENOENT, SysError, 10})}));
+        {expected({ENOENT, SysError, SysErrorId::INVALID_PATH}),
+         {vesk::FileAccessError, vesk::FileAccessErrorId::BAD_PATH, "Bad path '" + folder / "own" + "'"},
+         expected({ENOENT, SysError, SysErrorId::SPOILED_INTEGRITY})}));
     EXPECT_EQ(Socket::DEAD, server.getState());
     EXPECT_EQ(-1, server.getSocketFd());
 }
@@ -789,21 +794,24 @@ testing::AssertionResult refusesToBeAStream(UnixServerSocket& server) {
     unsigned int count = 99;
     if (server.read(&byte, 1, count) != -1 || !server.hadError() ||
         !chainIs(
-            {{CommonError, 1, support::rowText(CommonError, 1, "read operation on server socket is invalid")},
-             {StreamError, 3}})) {
+            {{CommonErrorId::CONTRACT_BROKEN,
+              support::rowText(CommonErrorId::CONTRACT_BROKEN, "read operation on server socket is invalid")},
+             {StreamError, std::IBinStreamBase::StreamErrorId::NOT_SUPPORTED}})) {
         return testing::AssertionFailure() << "read";
     }
     if (server.write(&byte, 1, count) != -1 || !server.hadError() ||
         !chainIs(
-            {{CommonError, 1,
-              support::rowText(CommonError, 1, "write operation on server socket is invalid")},
-             {StreamError, 3}})) {
+            {{CommonErrorId::CONTRACT_BROKEN,
+              support::rowText(
+                  CommonErrorId::CONTRACT_BROKEN, "write operation on server socket is invalid")},
+             {StreamError, std::IBinStreamBase::StreamErrorId::NOT_SUPPORTED}})) {
         return testing::AssertionFailure() << "write";
     }
     if (!server.flush(false) || !server.hadError() ||
         !chainIs(
-            {{CommonError, 1, support::rowText(CommonError, 1, "flush operation on socket is invalid")},
-             {StreamError, 3}})) {
+            {{CommonErrorId::CONTRACT_BROKEN,
+              support::rowText(CommonErrorId::CONTRACT_BROKEN, "flush operation on socket is invalid")},
+             {StreamError, std::IBinStreamBase::StreamErrorId::NOT_SUPPORTED}})) {
         return testing::AssertionFailure() << "flush";
     }
     return testing::AssertionSuccess();

@@ -23,6 +23,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::abstractAddress;
 using support::chainIs;
 using support::expected;
@@ -36,9 +37,11 @@ using support::SystemRow;
 using support::TempFolder;
 using support::UnixConnection;
 using vesk::FileAccessError;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using vesk::Path;
 using vesk::Socket;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::UnixServerSocket;
 using vesk::UnixSocket;
 using vesk::UnixSocketBase;
@@ -175,7 +178,7 @@ TEST(UnixSocket, withoutMemoryForABufferIsInvalidAndMakesNoDescriptor) {
         support::NewFault const fault(support::New::NOTHROW_ARRAY);
         UnixSocket const socket(true, read_buffer, 64 - read_buffer, "", "peer", ABSTRACT);
         EXPECT_FALSE(socket.isValid());
-        EXPECT_TRUE(chainIs({{CommonError, 0}}));
+        EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
         EXPECT_EQ(-1, socket.getSocketFd());
     }
     EXPECT_EQ(0, sockets.getCalls());
@@ -209,7 +212,7 @@ TEST(UnixSocket, isNotMadeWithoutDescriptorsLeft) {
         rlimit const limit{3, 3};
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
         UnixSocket const socket(true, 0, 0, "", "peer", ABSTRACT);
-        EXPECT_TRUE(failureIs({EMFILE, SysError, 0}));
+        EXPECT_TRUE(failureIs({EMFILE, SysError, SysErrorId::RESOURCES_EXHAUSTED}));
         EXPECT_FALSE(socket.isValid());
     });
 }
@@ -223,7 +226,7 @@ TEST_P(UnixSocketFlags, thatCannotBeSetMakeItInvalidAndCloseTheDescriptor) {
         Fault const closes(inject_close, EINTR);
         UnixSocket const socket(false, 0, 0, "", "peer", ABSTRACT);
         EXPECT_EQ(2, closes.getCalls());
-        EXPECT_TRUE(failureIs({EINVAL, SysError, 19}));
+        EXPECT_TRUE(failureIs({EINVAL, SysError, SysErrorId::UNCLASSIFIED}));
         EXPECT_FALSE(socket.isValid());
         EXPECT_FALSE(socket.hadError());
         EXPECT_EQ(-1, socket.getSocketFd());
@@ -251,7 +254,7 @@ TEST_P(UnixSocketFlags, thatCannotBeSetStayReportedIfTheAbortReturns) {
         Fault const fault(*GetParam(), EINVAL);
         Fault const closes(inject_close, EIO);
         UnixSocket const socket(false, 0, 0, "", "peer", ABSTRACT);
-        EXPECT_TRUE(failureIs({EINVAL, SysError, 19}));
+        EXPECT_TRUE(failureIs({EINVAL, SysError, SysErrorId::UNCLASSIFIED}));
         EXPECT_FALSE(socket.isValid());
         EXPECT_EQ(-1, socket.getSocketFd());
     }
@@ -423,7 +426,8 @@ TEST(UnixSocket, clearsTheFlagOfAnEarlierFailure) {
     UnixSocket socket(true, 0, 0, "", name, ABSTRACT);
     EXPECT_TRUE(socket.connect());
     EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(failureIs({ECONNREFUSED, Socket::Error, 7})) << "nobody listens";
+    EXPECT_TRUE(failureIs({ECONNREFUSED, Socket::Error, Socket::ErrorId::PEER_UNREACHABLE}))
+        << "nobody listens";
     EXPECT_EQ(Socket::INACTIVE, socket.getState());
     EXPECT_TRUE(support::isOpenDescriptor(socket.getSocketFd()));
     UnixServerSocket server(name, true, ABSTRACT);
@@ -439,7 +443,7 @@ TEST(UnixSocket, thatFailedWithAPathOfItsOwnKeepsItsFileUntilItIsClosed) {
     TempFolder const folder;
     TestedSocket socket(true, 0, 0, folder / "own", folder / "nobody", FILESYSTEM);
     EXPECT_TRUE(socket.connect());
-    EXPECT_TRUE(failureIs({ENOENT, SysError, 10}));
+    EXPECT_TRUE(failureIs({ENOENT, SysError, SysErrorId::SPOILED_INTEGRITY}));
     EXPECT_EQ(Socket::INACTIVE, socket.getState());
     EXPECT_TRUE(socket.m_bound);
     EXPECT_TRUE(support::isSocketFile(folder / "own"));
@@ -455,9 +459,9 @@ TEST(UnixSocket, thatFailedWithAPathOfItsOwnKeepsItsFileUntilItIsClosed) {
 TEST(UnixSocket, thatFailedWithAnAbstractNameOfItsOwnCannotBindItAgain) {
     UnixSocket socket(true, 0, 0, makeAbstractName(), makeAbstractName(), ABSTRACT);
     EXPECT_TRUE(socket.connect());
-    EXPECT_TRUE(failureIs({ECONNREFUSED, Socket::Error, 7}));
+    EXPECT_TRUE(failureIs({ECONNREFUSED, Socket::Error, Socket::ErrorId::PEER_UNREACHABLE}));
     EXPECT_TRUE(socket.connect());
-    EXPECT_TRUE(failureIs({EINVAL, SysError, 10}));
+    EXPECT_TRUE(failureIs({EINVAL, SysError, SysErrorId::SPOILED_INTEGRITY}));
     EXPECT_TRUE(socket.hadError());
     EXPECT_EQ(Socket::INACTIVE, socket.getState());
 }
@@ -467,7 +471,7 @@ TEST(UnixSocket, withoutAPeersNameHasNobodyToConnectTo) {
     EXPECT_TRUE(socket.connect());
     EXPECT_TRUE(socket.hadError());
     EXPECT_EQ(0U, s_unix_calls.connect_length);
-    EXPECT_TRUE(failureIs({EINVAL, SysError, 10}));
+    EXPECT_TRUE(failureIs({EINVAL, SysError, SysErrorId::SPOILED_INTEGRITY}));
     EXPECT_EQ(Socket::INACTIVE, socket.getState());
 }
 
@@ -476,7 +480,7 @@ TEST(UnixSocket, thatIsInvalidHasNoDescriptorToConnect) {
     UnixSocket socket(true, 0, 0, "", "", ABSTRACT);
     EXPECT_TRUE(socket.connect());
     EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(chainIs({{CommonError, 5}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::INVALID_ARGUMENT}}));
     EXPECT_EQ(
         "ASSERT framework/src/vesk/posix/SocketPosixCommon connectSocket: p_socket_fd != INVALID_SOCKET_FD",
         events.getText());
@@ -590,10 +594,13 @@ TEST_P(UnixSocketPeer, thatCannotBeReachedIsReported) {
 INSTANTIATE_TEST_SUITE_P(
     paths, UnixSocketPeer,
     testing::Values(
-        PeerCase{"nothing", ENOENT, &SysError, 10}, PeerCase{"file", ECONNREFUSED, &Socket::Error, 7},
-        PeerCase{"folder", ECONNREFUSED, &Socket::Error, 7}, PeerCase{"file/x", ENOTDIR, &SysError, 10},
-        PeerCase{"loop", ELOOP, &SysError, 10}, PeerCase{"left", ECONNREFUSED, &Socket::Error, 7},
-        PeerCase{"datagrams", EPROTOTYPE, &SysError, 10}));
+        PeerCase{"nothing", ENOENT, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        PeerCase{"file", ECONNREFUSED, &Socket::Error, Socket::ErrorId::PEER_UNREACHABLE},
+        PeerCase{"folder", ECONNREFUSED, &Socket::Error, Socket::ErrorId::PEER_UNREACHABLE},
+        PeerCase{"file/x", ENOTDIR, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        PeerCase{"loop", ELOOP, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        PeerCase{"left", ECONNREFUSED, &Socket::Error, Socket::ErrorId::PEER_UNREACHABLE},
+        PeerCase{"datagrams", EPROTOTYPE, &SysError, SysErrorId::SPOILED_INTEGRITY}));
 
 TEST(UnixSocket, withoutTheRightToIsRefused) {
     VESK_SKIP_UNLESS_ROOT();
@@ -604,10 +611,10 @@ TEST(UnixSocket, withoutTheRightToIsRefused) {
         ASSERT_TRUE(support::dropRights());
         UnixSocket socket(true, 0, 0, "", folder / "server", FILESYSTEM);
         EXPECT_TRUE(socket.connect());
-        EXPECT_TRUE(failureIs({EACCES, SysError, 7}));
+        EXPECT_TRUE(failureIs({EACCES, SysError, SysErrorId::PERMISSION_DENIED}));
         UnixSocket named(true, 0, 0, folder / "own", folder / "server", FILESYSTEM);
         EXPECT_TRUE(named.connect());
-        EXPECT_TRUE(failureIs({EACCES, SysError, 7}));
+        EXPECT_TRUE(failureIs({EACCES, SysError, SysErrorId::PERMISSION_DENIED}));
     });
 }
 
@@ -619,7 +626,7 @@ TEST(UnixSocket, thatDoesNotWaitIsRefusedByAFullBacklog) {
     UnixSocket second(false, 0, 0, "", name, ABSTRACT);
     EXPECT_TRUE(second.connect());
     EXPECT_TRUE(second.hadError());
-    EXPECT_TRUE(failureIs({EAGAIN, SysError, 0}));
+    EXPECT_TRUE(failureIs({EAGAIN, SysError, SysErrorId::RESOURCES_EXHAUSTED}));
     EXPECT_EQ(Socket::INACTIVE, second.getState());
     close(server.acceptOne());
     EXPECT_FALSE(second.connect()) << "there is room now";
@@ -673,11 +680,11 @@ TEST_P(UnixSocketLongName, isRefusedByTheSystem) {
         UnixSocket peer(true, 0, 0, "", name.substr(0, GetParam()), name_space);
         EXPECT_TRUE(peer.connect());
         EXPECT_EQ(GetParam() + 3, s_unix_calls.connect_length);
-        EXPECT_TRUE(failureIs({EINVAL, SysError, 10}));
+        EXPECT_TRUE(failureIs({EINVAL, SysError, SysErrorId::SPOILED_INTEGRITY}));
         UnixSocket local(true, 0, 0, name.substr(0, GetParam()), "peer", name_space);
         EXPECT_TRUE(local.connect());
         EXPECT_EQ(GetParam() + 3, s_unix_calls.bind_length);
-        EXPECT_TRUE(failureIs({EINVAL, SysError, 10}));
+        EXPECT_TRUE(failureIs({EINVAL, SysError, SysErrorId::SPOILED_INTEGRITY}));
         EXPECT_EQ(Socket::INACTIVE, local.getState());
     }
 }
@@ -790,7 +797,7 @@ TEST_P(UnixSocketClose, failureIsReportedAndLeavesItDead) {
     if (GetParam() == EBADF) {
         EXPECT_TRUE(chainIs({})) << "nothing is left to be done about it";
     } else {
-        EXPECT_TRUE(failureIs({GetParam(), SysError, 10}));
+        EXPECT_TRUE(failureIs({GetParam(), SysError, SysErrorId::SPOILED_INTEGRITY}));
     }
     EXPECT_EQ(Socket::DEAD, socket.getState());
     EXPECT_EQ(-1, socket.getSocketFd());
@@ -847,7 +854,7 @@ TEST_P(UnixSocketRemoval, failureIsReportedOnTopAndLeavesItDead) {
         reports.emplace_back(
             FileAccessError, row.on_top, support::rowText(FileAccessError, row.on_top, folder / "own"));
     }
-    reports.push_back(expected({row.error, SysError, 10}));
+    reports.push_back(expected({row.error, SysError, SysErrorId::SPOILED_INTEGRITY}));
     EXPECT_TRUE(chainIs(reports));
     EXPECT_EQ(Socket::DEAD, socket.getState());
     EXPECT_EQ(-1, socket.getSocketFd());
@@ -872,9 +879,9 @@ TEST(UnixSocket, whoseFileSomebodyHasRemovedFailsToClose) {
     EXPECT_TRUE(socket.close(false));
     EXPECT_TRUE(socket.hadError());
     EXPECT_TRUE(chainIs(
-        {expected({ENOENT, SysError, 2}),
-         {FileAccessError, 0, "Bad path '" + folder / "own" + "'"},
-         expected({ENOENT, SysError, 10})}));
+        {expected({ENOENT, SysError, SysErrorId::INVALID_PATH}),
+         {FileAccessError, FileAccessErrorId::BAD_PATH, "Bad path '" + folder / "own" + "'"},
+         expected({ENOENT, SysError, SysErrorId::SPOILED_INTEGRITY})}));
     EXPECT_EQ(Socket::DEAD, socket.getState());
 }
 
@@ -890,9 +897,10 @@ TEST(UnixSocket, closeReportsTheFileLastIfBothFail) {
         EXPECT_TRUE(socket.close(false));
     }
     EXPECT_TRUE(chainIs(
-        {expected({EPERM, SysError, 7}),
-         {FileAccessError, 3, "Access to path '" + folder / "own" + "' denied"},
-         expected({EPERM, SysError, 10})}));
+        {expected({EPERM, SysError, SysErrorId::PERMISSION_DENIED}),
+         {FileAccessError, FileAccessErrorId::ACCESS_DENIED,
+          "Access to path '" + folder / "own" + "' denied"},
+         expected({EPERM, SysError, SysErrorId::SPOILED_INTEGRITY})}));
     EXPECT_EQ(Socket::DEAD, socket.getState());
     support::closeForReal(fd);
 }
@@ -1345,7 +1353,9 @@ TEST(UnixSocket, writesToAClosedConnectionInVainAndWithoutASignal) {
     EXPECT_EQ(-1, connection.client.write("x", 1, count));
     EXPECT_EQ(0U, count);
     EXPECT_TRUE(connection.client.hadError());
-    EXPECT_TRUE(chainIs({expected({EPIPE, Socket::Error, 0}), {StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {expected({EPIPE, Socket::Error, Socket::ErrorId::INVALID_SOCKET}),
+         {StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_EQ(Socket::OPEN, connection.client.getState());
 }
 
@@ -1374,7 +1384,9 @@ TEST_F(UnixSocketVanishedPeer, isSeenWhenItsDataIsRead) {
     EXPECT_TRUE(support::isAtEnd(accepted));
     unsigned int count = 99;
     EXPECT_EQ(-1, accepted.write("x", 1, count));
-    EXPECT_TRUE(chainIs({expected({EPIPE, Socket::Error, 0}), {StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {expected({EPIPE, Socket::Error, Socket::ErrorId::INVALID_SOCKET}),
+         {StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_FALSE(accepted.close(true));
 }
 
@@ -1393,7 +1405,9 @@ TEST_F(UnixSocketVanishedPeer, thatLeftDataUnreadResetsTheConnection) {
     EXPECT_EQ(-1, accepted.read(&byte, 1, count));
     EXPECT_EQ(0U, count);
     EXPECT_TRUE(accepted.hadError());
-    EXPECT_TRUE(chainIs({expected({ECONNRESET, Socket::Error, 6}), {StreamError, 0}}));
+    EXPECT_TRUE(chainIs(
+        {expected({ECONNRESET, Socket::Error, Socket::ErrorId::CONNECTION_RESET}),
+         {StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_EQ(Socket::OPEN, accepted.getState());
     EXPECT_FALSE(accepted.close(false));
 }
@@ -1449,14 +1463,16 @@ testing::AssertionResult refusesTraffic(UnixSocket& socket) {
     unsigned int count = 99;
     if (socket.read(&byte, 1, count) != -1 || !socket.hadError() ||
         !chainIs(
-            {{CommonError, 1, support::rowText(CommonError, 1, "called read on non-OPEN socket")},
-             {StreamError, 0}})) {
+            {{CommonErrorId::CONTRACT_BROKEN,
+              support::rowText(CommonErrorId::CONTRACT_BROKEN, "called read on non-OPEN socket")},
+             {StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}})) {
         return testing::AssertionFailure() << "read";
     }
     if (socket.write(&byte, 1, count) != -1 || !socket.hadError() ||
         !chainIs(
-            {{CommonError, 1, support::rowText(CommonError, 1, "called write on non-OPEN socket")},
-             {StreamError, 0}})) {
+            {{CommonErrorId::CONTRACT_BROKEN,
+              support::rowText(CommonErrorId::CONTRACT_BROKEN, "called write on non-OPEN socket")},
+             {StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}})) {
         return testing::AssertionFailure() << "write";
     }
     return testing::AssertionSuccess();
@@ -1502,11 +1518,11 @@ TEST(UnixSocketStates, deadRefusesEverything) {
     EXPECT_TRUE(socket.close(true));
     EXPECT_TRUE(misuseIs("called close on already DEAD socket"));
     EXPECT_TRUE(socket.checkValidSocket());
-    EXPECT_TRUE(chainIs({{Socket::Error, 0}}));
+    EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET}}));
     EXPECT_TRUE(socket.setSendBuffer(65536));
-    EXPECT_TRUE(chainIs({{Socket::Error, 0}}));
+    EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET}}));
     EXPECT_EQ(0U, socket.getSendBuffer());
-    EXPECT_TRUE(chainIs({{Socket::Error, 0}}));
+    EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET}}));
     EXPECT_FALSE(socket.flush(false));
     socket.updatePeerAddress();
     EXPECT_EQ(UNKNOWN, askForPeer(socket));
@@ -1534,7 +1550,7 @@ TEST(UnixSocketEnd, ofAnInactiveOneThatHasBoundRemovesItsFile) {
     {
         UnixSocket socket(true, 0, 0, folder / "own", folder / "nobody", FILESYSTEM);
         EXPECT_TRUE(socket.connect());
-        EXPECT_TRUE(failureIs({ENOENT, SysError, 10}));
+        EXPECT_TRUE(failureIs({ENOENT, SysError, SysErrorId::SPOILED_INTEGRITY}));
         EXPECT_TRUE(support::isSocketFile(folder / "own"));
     }
     EXPECT_FALSE(support::isSocketFile(folder / "own"));
@@ -1588,7 +1604,7 @@ TEST(UnixSocketEnd, thatCannotCloseIsABrokenInvariant) {
         EXPECT_EQ(1, fault.getCalls());
     }
     EXPECT_EQ(CLOSE_ASSERTION, events.getText());
-    EXPECT_TRUE(failureIs({EIO, SysError, 10}));
+    EXPECT_TRUE(failureIs({EIO, SysError, SysErrorId::SPOILED_INTEGRITY}));
     support::closeForReal(fd);
 }
 
@@ -1602,7 +1618,10 @@ TEST(UnixSocketEnd, thatCannotRemoveItsFileIsABrokenInvariant) {
         ASSERT_EQ(0, unlink((folder / "own").c_str()));
     }
     EXPECT_EQ(std::string(OPEN_ASSERTION) + "\n" + CLOSE_ASSERTION, events.getText());
-    EXPECT_TRUE(chainIs({{SysError, 2}, {FileAccessError, 0}, {SysError, 10}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::INVALID_PATH},
+         {FileAccessError, FileAccessErrorId::BAD_PATH},
+         {SysError, SysErrorId::SPOILED_INTEGRITY}}));
 }
 
 } // namespace

@@ -52,6 +52,7 @@ using support::systemText;
 using vesk::Condition;
 using vesk::ConditionOps;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 bool isFilledWith(pthread_cond_t const& condition, unsigned char byte) {
     pthread_cond_t filled;
@@ -78,13 +79,13 @@ TEST_P(ConditionOpsInitRows, reportsAndPoisonsTheMemory) {
     InitRow const& row = GetParam();
     pthread_cond_t condition;
     memset(&condition, 0, sizeof condition);
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Fault const destroyed(inject_pthread_condattr_destroy, 0);
     Fault const fault(*row.function, row.error);
     EXPECT_TRUE(ConditionOps::init(&condition, true));
     EXPECT_TRUE(chainIs(
         {{SysError, row.id, rowText(SysError, row.id, systemText(row.error))},
-         {Condition::Error, 0, "Creating condition variable failed"}}));
+         {Condition::Error, Condition::ErrorId::CREATE_FAILED, "Creating condition variable failed"}}));
     EXPECT_TRUE(isFilledWith(condition, 0xEB));
     EXPECT_EQ(row.function == &inject_pthread_condattr_init ? 0 : 1, destroyed.getCalls());
 }
@@ -113,7 +114,8 @@ TEST(ConditionOpsInit, failedStepKeepsTheLaterOnesFromRunning) {
     EXPECT_TRUE(ConditionOps::init(&condition, true));
     EXPECT_EQ(0, shared.getCalls());
     EXPECT_EQ(0, made.getCalls());
-    EXPECT_TRUE(chainIs({{SysError, 10}, {Condition::Error, 0}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::SPOILED_INTEGRITY}, {Condition::Error, Condition::ErrorId::CREATE_FAILED}}));
 }
 
 TEST(ConditionOpsInit, isOnTheMonotonicClock) {
@@ -189,8 +191,8 @@ TEST(ConditionOpsInit, attributesThatCannotBeDestroyedDoNotHideAFailure) {
             std::to_string(EINVAL),
         recorder.getText());
     EXPECT_TRUE(chainIs(
-        {{SysError, 1, rowText(SysError, 1, systemText(ENOMEM))},
-         {Condition::Error, 0, "Creating condition variable failed"}}));
+        {{SysErrorId::OUT_OF_MEMORY, rowText(SysErrorId::OUT_OF_MEMORY, systemText(ENOMEM))},
+         {Condition::Error, Condition::ErrorId::CREATE_FAILED, "Creating condition variable failed"}}));
 }
 
 // ---- classification ----
@@ -225,13 +227,13 @@ class ConditionOpsHandlerRows : public testing::TestWithParam<HandlerRow> {};
 
 TEST_P(ConditionOpsHandlerRows, classifies) {
     HandlerRow const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     errno = ENOEXEC;
     EXPECT_EQ(row.result, row.handler(row.error));
     EXPECT_EQ(ENOEXEC, errno) << "the number is the argument's alone";
     std::vector<ExpectedReport> expected;
     if (row.sys_id < 0) {
-        expected.emplace_back(SysError, 18); // No report leaves what was pending.
+        expected.emplace_back(SysError, SysErrorId::NO_SUCH_PROCESS); // No report leaves what was pending.
     } else {
         expected.emplace_back(SysError, row.sys_id, rowText(SysError, row.sys_id, systemText(row.error)));
     }

@@ -63,6 +63,7 @@ using vesk::Condition;
 using vesk::Mutex;
 using vesk::MutexLock;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 constexpr char const* OTHER_MUTEX = "Using Condition with different Mutexes";
 
@@ -330,11 +331,13 @@ TEST(Condition, otherMutexIsRefusedAndTheFirstBindingStays) {
         std::this_thread::yield();
     }
     ASSERT_FALSE(second.lock());
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_TRUE(condition.wait(second));
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, OTHER_MUTEX)}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, OTHER_MUTEX)}}));
     EXPECT_EQ(-1, condition.waitTimeout(second, inMs(60000)));
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, OTHER_MUTEX)}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, OTHER_MUTEX)}}));
     EXPECT_FALSE(second.unlock()) << "the caller holds its mutex still";
     {
         MutexLock const lock(first);
@@ -357,7 +360,8 @@ TEST(Condition, refusedMutexWorksWithAnotherCondition) {
     }
     MutexLock const lock(second);
     EXPECT_EQ(-1, condition.waitTimeout(second, inMs(-1)));
-    EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, OTHER_MUTEX)}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, OTHER_MUTEX)}}));
     EXPECT_EQ(1, other.waitTimeout(second, inMs(-1)));
 }
 
@@ -367,9 +371,11 @@ TEST(Condition, waitWithoutTheMutexFails) {
     Mutex mutex;
     Condition condition;
     EXPECT_TRUE(condition.wait(mutex));
-    EXPECT_TRUE(chainIs({{SysError, 10, resultText(10, threadsafe::ConditionBase::ERROR_INCONSISTENCY)}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY, resultText(10, threadsafe::ConditionBase::ERROR_INCONSISTENCY)}}));
     EXPECT_EQ(-1, condition.waitTimeout(mutex, inMs(60000)));
-    EXPECT_TRUE(chainIs({{SysError, 10, resultText(10, threadsafe::ConditionBase::ERROR_INCONSISTENCY)}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::SPOILED_INTEGRITY, resultText(10, threadsafe::ConditionBase::ERROR_INCONSISTENCY)}}));
     MutexLock const lock(mutex);
     EXPECT_TRUE(lock.isLocked());
     EXPECT_EQ(1, condition.waitTimeout(mutex, inMs(-1))) << "it is bound all the same";
@@ -391,12 +397,12 @@ TEST_P(ConditionWaitRows, reportTheResultAsItIs) {
     Mutex mutex;
     Condition condition;
     MutexLock const lock(mutex);
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(inject_pthread_cond_wait, row.error);
         EXPECT_TRUE(condition.wait(mutex));
     }
-    EXPECT_TRUE(chainIs({{SysError, 10, resultText(10, row.argument)}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::SPOILED_INTEGRITY, resultText(10, row.argument)}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -414,12 +420,12 @@ TEST_P(ConditionTimedWaitRows, reportTheResultAsItIs) {
     Mutex mutex;
     Condition condition;
     MutexLock const lock(mutex);
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(inject_pthread_cond_timedwait, row.error);
         EXPECT_EQ(-1, condition.waitTimeout(mutex, inMs(60000)));
     }
-    EXPECT_TRUE(chainIs({{SysError, 10, resultText(10, row.argument)}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::SPOILED_INTEGRITY, resultText(10, row.argument)}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -448,7 +454,7 @@ TEST_P(ConditionSignalRows, reportTheResultAsItIs) {
         MutexLock const lock(mutex);
         EXPECT_EQ(1, condition.waitTimeout(mutex, inMs(-1)));
     }
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(inject_pthread_cond_signal, row.error);
         EXPECT_TRUE(condition.signal());

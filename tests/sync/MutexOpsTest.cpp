@@ -41,6 +41,7 @@ using support::systemText;
 using vesk::Mutex;
 using vesk::MutexOps;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 bool isFilledWith(pthread_mutex_t const& mutex, unsigned char byte) {
     pthread_mutex_t filled;
@@ -160,7 +161,7 @@ TEST(MutexOpsDestroy, oneOtherByteMakesItALock) {
     Fault const fault(inject_pthread_mutex_destroy, EINVAL);
     EXPECT_TRUE(MutexOps::destroy(&mutex));
     EXPECT_EQ(1, fault.getCalls());
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EINVAL))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EINVAL))}}));
 }
 
 TEST(MutexOpsDestroy, heldLockIsUnclassified) {
@@ -171,7 +172,7 @@ TEST(MutexOpsDestroy, heldLockIsUnclassified) {
         EXPECT_TRUE(MutexOps::destroy(&mutex));
     }
     EXPECT_EQ(EBUSY, errno);
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EBUSY))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EBUSY))}}));
     EXPECT_FALSE(MutexOps::destroy(&mutex));
 }
 
@@ -226,7 +227,8 @@ TEST_F(MutexOpsTest, clockThatCannotBeReadReportsWhatTheCallReturned) {
         Fault const fault(inject_clock_gettime, EINVAL);
         EXPECT_EQ(-1, MutexOps::tryLockTimeout(&m_mutex, 10));
     }
-    EXPECT_TRUE(chainIs({{Mutex::Error, 1, rowText(Mutex::Error, 1, systemText(-1))}}));
+    EXPECT_TRUE(
+        chainIs({{Mutex::ErrorId::LOCK_FAILED, rowText(Mutex::ErrorId::LOCK_FAILED, systemText(-1))}}));
 }
 
 struct TimedRow {
@@ -287,11 +289,11 @@ class MutexOpsHandlerRows : public testing::TestWithParam<HandlerRow> {};
 
 TEST_P(MutexOpsHandlerRows, classifies) {
     HandlerRow const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_EQ(row.result, row.handler(row.error));
     EXPECT_EQ(row.error, errno);
     if (row.id < 0) {
-        EXPECT_TRUE(chainIs({{SysError, 18}})) << "no report leaves what was pending";
+        EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}})) << "no report leaves what was pending";
     } else {
         EXPECT_TRUE(chainIs({{Mutex::Error, row.id, rowText(Mutex::Error, row.id, systemText(row.error))}}));
     }

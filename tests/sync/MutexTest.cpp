@@ -52,14 +52,16 @@ TEST(Mutex, lockingTwiceIsAnInconsistencyAndKeepsTheLock) {
     Mutex mutex;
     ASSERT_FALSE(mutex.lock());
     EXPECT_TRUE(mutex.lock());
-    EXPECT_TRUE(chainIs({{Mutex::Error, 3, rowText(Mutex::Error, 3, systemText(EDEADLK))}}));
+    EXPECT_TRUE(chainIs(
+        {{Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(EDEADLK))}}));
     EXPECT_FALSE(mutex.unlock());
 }
 
 TEST(Mutex, unlockingWhatNobodyHoldsIsAnInconsistency) {
     Mutex mutex;
     EXPECT_TRUE(mutex.unlock());
-    EXPECT_TRUE(chainIs({{Mutex::Error, 3, rowText(Mutex::Error, 3, systemText(EPERM))}}));
+    EXPECT_TRUE(
+        chainIs({{Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(EPERM))}}));
 }
 
 TEST(Mutex, unlockingWhatAnotherThreadHoldsIsAnInconsistency) {
@@ -67,7 +69,8 @@ TEST(Mutex, unlockingWhatAnotherThreadHoldsIsAnInconsistency) {
     ASSERT_FALSE(mutex.lock());
     std::thread([&mutex] {
         EXPECT_TRUE(mutex.unlock());
-        EXPECT_TRUE(chainIs({{Mutex::Error, 3, rowText(Mutex::Error, 3, systemText(EPERM))}}));
+        EXPECT_TRUE(chainIs(
+            {{Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(EPERM))}}));
     }).join();
     EXPECT_FALSE(mutex.unlock());
 }
@@ -79,7 +82,7 @@ TEST(Mutex, recursiveOneIsFreeAfterAsManyUnlocks) {
     EXPECT_FALSE(mutex.unlock());
     EXPECT_FALSE(mutex.unlock());
     EXPECT_TRUE(mutex.unlock());
-    EXPECT_TRUE(chainIs({{Mutex::Error, 3}}));
+    EXPECT_TRUE(chainIs({{Mutex::ErrorId::INCONSISTENT}}));
 }
 
 TEST(Mutex, familyDerivesFromTheSystemFamily) {

@@ -77,6 +77,7 @@ using support::systemText;
 using vesk::RWLock;
 using vesk::RWLockOps;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 constexpr bool READ = false;
 constexpr bool WRITE = true;
@@ -120,7 +121,7 @@ TEST_P(RWLockOpsInitRows, reportsAndLeavesTheMemoryAlone) {
     InitRow const& row = GetParam();
     pthread_rwlock_t lock;
     memset(&lock, 0xFF, sizeof lock);
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const destroyed(inject_pthread_rwlockattr_destroy, 0);
         Fault const fault(*row.function, row.error);
@@ -154,7 +155,9 @@ TEST(RWLockOpsInit, privateLockThatCannotBeMadeReportsTheTextOfNumberZero) {
         Fault const fault(inject_pthread_rwlock_init, EAGAIN);
         EXPECT_TRUE(RWLockOps::init(&lock, false));
     }
-    EXPECT_TRUE(chainIs({{SysError, 0, rowText(SysError, 0, "Success (errno = 0)")}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::RESOURCES_EXHAUSTED,
+          rowText(SysErrorId::RESOURCES_EXHAUSTED, "Success (errno = 0)")}}));
 }
 
 TEST(RWLockOpsInit, privateLockHasNoAttributes) {
@@ -207,7 +210,7 @@ TEST(RWLockOpsInit, attributesThatCannotBeDestroyedDoNotHideAFailure) {
     }
     EXPECT_EQ(
         "WARNING framework/src/vesk/posix/RWLockOps init: error destroying temp. attr.", recorder.getText());
-    EXPECT_TRUE(chainIs({{SysError, 1, rowText(SysError, 1, systemText(0))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::OUT_OF_MEMORY, rowText(SysErrorId::OUT_OF_MEMORY, systemText(0))}}));
 }
 
 // ---- destroy ----
@@ -229,7 +232,8 @@ TEST(RWLockOpsDestroy, oneOtherByteMakesItALock) {
         Fault const fault(inject_pthread_rwlock_destroy, EINVAL);
         EXPECT_TRUE(RWLockOps::destroy(&lock));
         EXPECT_EQ(1, fault.getCalls());
-        EXPECT_TRUE(chainIs({{SysError, 10, rowText(SysError, 10, systemText(EINVAL))}}));
+        EXPECT_TRUE(chainIs(
+            {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(EINVAL))}}));
     }
 }
 
@@ -246,7 +250,7 @@ class RWLockOpsDestroyRows : public RWLockOpsTest, public testing::WithParamInte
 
 TEST_P(RWLockOpsDestroyRows, reports) {
     IdRow const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     bool failed = false;
     {
         Fault const fault(inject_pthread_rwlock_destroy, row.error);
@@ -435,10 +439,10 @@ class RWLockOpsLockHandlerRows : public testing::TestWithParam<HandlerRow> {};
 
 TEST_P(RWLockOpsLockHandlerRows, classifies) {
     HandlerRow const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_EQ(row.result, RWLockOps::handleLockError(row.error, row.for_write));
     if (row.id < 0) {
-        EXPECT_TRUE(chainIs({{SysError, 18}})) << "no report leaves what was pending";
+        EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}})) << "no report leaves what was pending";
     } else {
         EXPECT_TRUE(chainIs({{RWLock::Error, row.id, row.text + systemText(row.error)}}));
     }
@@ -459,18 +463,18 @@ INSTANTIATE_TEST_SUITE_P(
         HandlerRow{WRITE, EPERM, -1, 4, "Locking for write failed: "}));
 
 TEST(RWLockOpsUnlockHandler, unlockingWhatIsNotHeldIsDeniedFirst) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_TRUE(RWLockOps::handleUnlockError(EPERM));
     EXPECT_TRUE(chainIs(
-        {{SysError, 7, rowText(SysError, 7, systemText(EPERM))},
-         {RWLock::Error, 5, "Unlocking failed: " + systemText(EPERM)}}));
+        {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EPERM))},
+         {RWLock::Error, RWLock::ErrorId::UNLOCK_FAILED, "Unlocking failed: " + systemText(EPERM)}}));
 }
 
 TEST(RWLockOpsUnlockHandler, anyOtherFailureStandsAlone) {
     for (int const error : {EINVAL, EDEADLK, EAGAIN}) {
-        std::ErrorOutput("older", 1, true)(SysError, 18);
+        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
         EXPECT_TRUE(RWLockOps::handleUnlockError(error));
-        EXPECT_TRUE(chainIs({{RWLock::Error, 5, "Unlocking failed: " + systemText(error)}}));
+        EXPECT_TRUE(chainIs({{RWLock::ErrorId::UNLOCK_FAILED, "Unlocking failed: " + systemText(error)}}));
     }
 }
 

@@ -47,6 +47,7 @@ using support::rowText;
 using support::systemText;
 using vesk::RWLock;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 TEST(RWLock, rowsHaveTheirTexts) {
     char const* const texts[] = {
@@ -173,9 +174,9 @@ TEST(RWLock, writerThatReadsIsADeadlock) {
     RWLock const lock;
     ASSERT_FALSE(lock.lockForWrite());
     EXPECT_TRUE(lock.lockForRead());
-    EXPECT_TRUE(chainIs({{RWLock::Error, 1, "Deadlock has been detected: " + systemText(EDEADLK)}}));
+    EXPECT_TRUE(chainIs({{RWLock::ErrorId::DEADLOCK, "Deadlock has been detected: " + systemText(EDEADLK)}}));
     EXPECT_EQ(-1, lock.tryLockForRead(10));
-    EXPECT_TRUE(chainIs({{RWLock::Error, 1, "Deadlock has been detected: " + systemText(EDEADLK)}}));
+    EXPECT_TRUE(chainIs({{RWLock::ErrorId::DEADLOCK, "Deadlock has been detected: " + systemText(EDEADLK)}}));
     EXPECT_EQ(1, lock.tryLockForRead()) << "without waiting there is no deadlock";
     EXPECT_TRUE(chainIs({}));
     EXPECT_FALSE(lock.unlock());
@@ -187,9 +188,9 @@ TEST(RWLock, writerThatWritesIsADeadlock) {
     RWLock const lock;
     ASSERT_FALSE(lock.lockForWrite());
     EXPECT_TRUE(lock.lockForWrite());
-    EXPECT_TRUE(chainIs({{RWLock::Error, 1, "Deadlock has been detected: " + systemText(EDEADLK)}}));
+    EXPECT_TRUE(chainIs({{RWLock::ErrorId::DEADLOCK, "Deadlock has been detected: " + systemText(EDEADLK)}}));
     EXPECT_EQ(-1, lock.tryLockForWrite(10));
-    EXPECT_TRUE(chainIs({{RWLock::Error, 1, "Deadlock has been detected: " + systemText(EDEADLK)}}));
+    EXPECT_TRUE(chainIs({{RWLock::ErrorId::DEADLOCK, "Deadlock has been detected: " + systemText(EDEADLK)}}));
     EXPECT_FALSE(lock.unlock());
 }
 
@@ -201,7 +202,8 @@ TEST(RWLock, tooManyReadersAreReported) {
         failed = lock.lockForRead();
     }
     EXPECT_TRUE(failed);
-    EXPECT_TRUE(chainIs({{RWLock::Error, 2, "Maximum lock count has been reached: " + systemText(EAGAIN)}}));
+    EXPECT_TRUE(chainIs(
+        {{RWLock::ErrorId::TOO_MANY_LOCKS, "Maximum lock count has been reached: " + systemText(EAGAIN)}}));
 }
 
 TEST(RWLock, failedWriteLockIsReported) {
@@ -212,7 +214,8 @@ TEST(RWLock, failedWriteLockIsReported) {
         failed = lock.lockForWrite();
     }
     EXPECT_TRUE(failed);
-    EXPECT_TRUE(chainIs({{RWLock::Error, 4, "Locking for write failed: " + systemText(EINVAL)}}));
+    EXPECT_TRUE(
+        chainIs({{RWLock::ErrorId::WRITE_LOCK_FAILED, "Locking for write failed: " + systemText(EINVAL)}}));
 }
 
 TEST(RWLock, failedUnlockIsReportedAndLeavesTheLockHeld) {
@@ -225,14 +228,14 @@ TEST(RWLock, failedUnlockIsReportedAndLeavesTheLockHeld) {
     }
     EXPECT_TRUE(failed);
     EXPECT_TRUE(chainIs(
-        {{SysError, 7, rowText(SysError, 7, systemText(EPERM))},
-         {RWLock::Error, 5, "Unlocking failed: " + systemText(EPERM)}}));
+        {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EPERM))},
+         {RWLock::Error, RWLock::ErrorId::UNLOCK_FAILED, "Unlocking failed: " + systemText(EPERM)}}));
     {
         Fault const fault(inject_pthread_rwlock_unlock, EINVAL);
         failed = lock.unlock();
     }
     EXPECT_TRUE(failed);
-    EXPECT_TRUE(chainIs({{RWLock::Error, 5, "Unlocking failed: " + systemText(EINVAL)}}));
+    EXPECT_TRUE(chainIs({{RWLock::ErrorId::UNLOCK_FAILED, "Unlocking failed: " + systemText(EINVAL)}}));
     EXPECT_EQ(1, lock.tryLockForRead());
     EXPECT_FALSE(lock.unlock());
 }
@@ -247,7 +250,8 @@ TEST(RWLock, lockThatCannotBeMadeIsInvalidAndNotDestroyed) {
         EXPECT_FALSE(lock.isValid());
         EXPECT_TRUE(std::ErrorStorage::isA(SysError));
     }
-    EXPECT_TRUE(chainIs({{SysError, 0, rowText(SysError, 0, systemText(0))}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::RESOURCES_EXHAUSTED, rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(0))}}));
     EXPECT_EQ(0, destroyed.getCalls());
     EXPECT_EQ("", recorder.getText());
 }
@@ -265,9 +269,9 @@ TEST(RWLock, lockThatCannotBeDestroyedIsAWarningAndNothingStaysPending) {
 TEST(RWLock, destroyingAGoodLockKeepsWhatIsPending) {
     {
         RWLock const lock;
-        std::ErrorOutput("older", 1, true)(SysError, 18);
+        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     }
-    EXPECT_TRUE(chainIs({{SysError, 18}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}}));
 }
 
 TEST(RWLock, writersAndReadersStayOutOfEachOthersWay) {

@@ -60,6 +60,7 @@ using vesk::ShmCondition;
 using vesk::ShmMutex;
 using vesk::ShmMutexLock;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 AbsTimeT inMs(long long ms) {
     return AbsTimeT((TimePoint::now() + Duration(ms)).getCount());
@@ -139,7 +140,8 @@ TEST(ShmCondition, oneThatCannotBeMadeIsInvalidAndNotDestroyed) {
         }
         EXPECT_TRUE(chainIs(
             {{SysError, row.id, rowText(SysError, row.id, systemText(row.error))},
-             {ShmCondition::Error, 0, "Creating condition variable failed"}}));
+             {ShmCondition::Error, ShmCondition::ErrorId::CREATE_FAILED,
+              "Creating condition variable failed"}}));
         EXPECT_EQ(0, destroyed.getCalls());
     }
 }
@@ -197,7 +199,7 @@ TEST_P(ShmConditionRows, reportsInTwoSteps) {
     ShmMutex mutex;
     ShmCondition condition;
     ShmMutexLock const lock(mutex);
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     int result = 0;
     {
         Fault const fault(*row.function, row.error);
@@ -229,7 +231,8 @@ TEST(ShmCondition, waitWithoutTheMutexFailsIfTheMutexKnowsItsOwner) {
     ShmCondition condition;
     EXPECT_TRUE(condition.wait(mutex));
     std::vector<ExpectedReport> const expected = {
-        {SysError, 10, rowText(SysError, 10, systemText(EPERM))}, {ShmCondition::Error, 1, WAITING}};
+        {SysError, SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(EPERM))},
+        {ShmCondition::Error, ShmCondition::ErrorId::WAIT_FAILED, WAITING}};
     EXPECT_TRUE(chainIs(expected));
     EXPECT_EQ(-1, condition.waitTimeout(mutex, inMs(60000)));
     EXPECT_TRUE(chainIs(expected));

@@ -58,6 +58,7 @@ using vesk::Mutex;
 using vesk::ShmMutex;
 using vesk::ShmMutexLock;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 constexpr bool RECURSIVE = true;
 constexpr bool INHERIT = true;
@@ -117,7 +118,8 @@ TEST(ShmMutex, lockThatCannotBeMadeIsInvalidAndNotDestroyed) {
         fault.reset();
         EXPECT_FALSE(mutex.isValid());
     }
-    EXPECT_TRUE(chainIs({{SysError, 0, rowText(SysError, 0, systemText(EAGAIN))}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::RESOURCES_EXHAUSTED, rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EAGAIN))}}));
     EXPECT_EQ(0, destroyed.getCalls());
 }
 
@@ -125,7 +127,7 @@ TEST(ShmMutex, lockThatCannotBeDestroyedLeavesItsReport) {
     Fault const fault(inject_pthread_mutex_destroy, EBUSY);
     { ShmMutex const mutex; }
     EXPECT_EQ(1, fault.getCalls());
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EBUSY))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EBUSY))}}));
 }
 
 // ---- failures ----
@@ -162,7 +164,7 @@ TEST_P(ShmMutexRows, reports) {
     Row const& row = GetParam();
     ShmMutex const mutex;
     ASSERT_FALSE(mutex.lock());
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     int result = 0;
     {
         Fault const fault(*row.function, row.error);
@@ -170,7 +172,7 @@ TEST_P(ShmMutexRows, reports) {
     }
     EXPECT_EQ(row.result, result);
     if (row.id < 0) {
-        EXPECT_TRUE(chainIs({{SysError, 18}})) << "no report leaves what was pending";
+        EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}})) << "no report leaves what was pending";
     } else {
         EXPECT_TRUE(
             chainIs({{ShmMutex::Error, row.id, rowText(ShmMutex::Error, row.id, systemText(row.error))}}));
@@ -221,7 +223,9 @@ TEST(ShmMutex, recursiveOneChecksItsOwner) {
     ASSERT_FALSE(mutex.lock());
     std::thread([&mutex] {
         EXPECT_TRUE(mutex.unlock());
-        EXPECT_TRUE(chainIs({{ShmMutex::Error, 3, rowText(ShmMutex::Error, 3, systemText(EPERM))}}));
+        EXPECT_TRUE(chainIs(
+            {{ShmMutex::ErrorId::INCONSISTENT,
+              rowText(ShmMutex::ErrorId::INCONSISTENT, systemText(EPERM))}}));
     }).join();
     EXPECT_FALSE(mutex.unlock());
 }

@@ -46,6 +46,7 @@ using support::systemText;
 using vesk::RWLock;
 using vesk::ShmRWLock;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 /// What the processes of a test share.
 struct Shared {
@@ -166,9 +167,9 @@ TEST(ShmRWLock, writerThatReadsIsADeadlock) {
     ShmRWLock const lock;
     ASSERT_FALSE(lock.lockForWrite());
     EXPECT_TRUE(lock.lockForRead());
-    EXPECT_TRUE(chainIs({{RWLock::Error, 1, "Deadlock has been detected: " + systemText(EDEADLK)}}));
+    EXPECT_TRUE(chainIs({{RWLock::ErrorId::DEADLOCK, "Deadlock has been detected: " + systemText(EDEADLK)}}));
     EXPECT_TRUE(lock.lockForWrite());
-    EXPECT_TRUE(chainIs({{RWLock::Error, 1, "Deadlock has been detected: " + systemText(EDEADLK)}}));
+    EXPECT_TRUE(chainIs({{RWLock::ErrorId::DEADLOCK, "Deadlock has been detected: " + systemText(EDEADLK)}}));
     EXPECT_FALSE(lock.unlock());
 }
 
@@ -182,8 +183,8 @@ TEST(ShmRWLock, failedUnlockIsReported) {
     }
     EXPECT_TRUE(failed);
     EXPECT_TRUE(chainIs(
-        {{SysError, 7, rowText(SysError, 7, systemText(EPERM))},
-         {ShmRWLock::Error, 5, "Unlocking failed: " + systemText(EPERM)}}));
+        {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EPERM))},
+         {ShmRWLock::Error, ShmRWLock::ErrorId::UNLOCK_FAILED, "Unlocking failed: " + systemText(EPERM)}}));
     EXPECT_FALSE(lock.unlock());
 }
 

@@ -18,6 +18,7 @@ using support::systemText;
 using vesk::SpinLock;
 using vesk::SpinLockOps;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 int initError(int error) {
     return SpinLockOps::handleInitError(error) ? 1 : 0;
@@ -52,12 +53,12 @@ class SpinLockOpsRows : public testing::TestWithParam<Row> {};
 
 TEST_P(SpinLockOpsRows, classifies) {
     Row const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     errno = 0;
     EXPECT_EQ(row.result, row.handler(row.error));
     EXPECT_EQ(row.error, errno);
     if (row.family == nullptr) {
-        EXPECT_TRUE(chainIs({{SysError, 18}})) << "no report leaves what was pending";
+        EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}})) << "no report leaves what was pending";
     } else {
         EXPECT_TRUE(chainIs({{*row.family, row.id, rowText(*row.family, row.id, systemText(row.error))}}));
     }
@@ -66,31 +67,32 @@ TEST_P(SpinLockOpsRows, classifies) {
 INSTANTIATE_TEST_SUITE_P(
     All, SpinLockOpsRows,
     testing::Values(
-        Row{"init", initError, ENOMEM, 1, &SpinLock::Error, 0},
-        Row{"init", initError, EAGAIN, 1, &SpinLock::Error, 0},
-        Row{"destroy", destroyError, EBUSY, 1, &SysError, 10},
-        Row{"destroy", destroyError, EINVAL, 1, &SysError, 10},
-        Row{"destroy", destroyError, EPERM, 1, &SysError, 19},
-        Row{"lock", lockError, EPERM, 1, &SpinLock::Error, 3},
-        Row{"lock", lockError, EDEADLK, 1, &SpinLock::Error, 2},
-        Row{"lock", lockError, EBUSY, 1, &SpinLock::Error, 2},
-        Row{"lock", lockError, EINVAL, 1, &SpinLock::Error, 2},
+        Row{"init", initError, ENOMEM, 1, &SpinLock::Error, SpinLock::ErrorId::CREATE_FAILED},
+        Row{"init", initError, EAGAIN, 1, &SpinLock::Error, SpinLock::ErrorId::CREATE_FAILED},
+        Row{"destroy", destroyError, EBUSY, 1, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{"destroy", destroyError, EINVAL, 1, &SysError, SysErrorId::SPOILED_INTEGRITY},
+        Row{"destroy", destroyError, EPERM, 1, &SysError, SysErrorId::UNCLASSIFIED},
+        Row{"lock", lockError, EPERM, 1, &SpinLock::Error, SpinLock::ErrorId::INCONSISTENT},
+        Row{"lock", lockError, EDEADLK, 1, &SpinLock::Error, SpinLock::ErrorId::UNLOCK_FAILED},
+        Row{"lock", lockError, EBUSY, 1, &SpinLock::Error, SpinLock::ErrorId::UNLOCK_FAILED},
+        Row{"lock", lockError, EINVAL, 1, &SpinLock::Error, SpinLock::ErrorId::UNLOCK_FAILED},
         Row{"trylock", tryLockError, EBUSY, 1, nullptr, -1},
-        Row{"trylock", tryLockError, EDEADLK, -1, &SpinLock::Error, 3},
-        Row{"trylock", tryLockError, EPERM, -1, &SpinLock::Error, 1},
-        Row{"trylock", tryLockError, EINVAL, -1, &SpinLock::Error, 1},
-        Row{"unlock", unlockError, EDEADLK, 1, &SpinLock::Error, 3},
-        Row{"unlock", unlockError, EPERM, 1, &SpinLock::Error, 1},
-        Row{"unlock", unlockError, EINVAL, 1, &SpinLock::Error, 1}));
+        Row{"trylock", tryLockError, EDEADLK, -1, &SpinLock::Error, SpinLock::ErrorId::INCONSISTENT},
+        Row{"trylock", tryLockError, EPERM, -1, &SpinLock::Error, SpinLock::ErrorId::LOCK_FAILED},
+        Row{"trylock", tryLockError, EINVAL, -1, &SpinLock::Error, SpinLock::ErrorId::LOCK_FAILED},
+        Row{"unlock", unlockError, EDEADLK, 1, &SpinLock::Error, SpinLock::ErrorId::INCONSISTENT},
+        Row{"unlock", unlockError, EPERM, 1, &SpinLock::Error, SpinLock::ErrorId::LOCK_FAILED},
+        Row{"unlock", unlockError, EINVAL, 1, &SpinLock::Error, SpinLock::ErrorId::LOCK_FAILED}));
 
 TEST(SpinLockOps, failedLockReportsTheRowOfUnlocking) {
     EXPECT_TRUE(SpinLockOps::handleLockError(EINVAL));
-    EXPECT_TRUE(chainIs({{SpinLock::Error, 2, "SpinLock unlock failed: " + systemText(EINVAL)}}));
+    EXPECT_TRUE(
+        chainIs({{SpinLock::ErrorId::UNLOCK_FAILED, "SpinLock unlock failed: " + systemText(EINVAL)}}));
 }
 
 TEST(SpinLockOps, failedUnlockReportsTheRowOfLocking) {
     EXPECT_TRUE(SpinLockOps::handleUnlockError(EINVAL));
-    EXPECT_TRUE(chainIs({{SpinLock::Error, 1, "SpinLock lock failed: " + systemText(EINVAL)}}));
+    EXPECT_TRUE(chainIs({{SpinLock::ErrorId::LOCK_FAILED, "SpinLock lock failed: " + systemText(EINVAL)}}));
 }
 
 } // namespace

@@ -49,6 +49,7 @@ using support::systemText;
 using vesk::ShmSpinLock;
 using vesk::SpinLock;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 
 /// Both lock classes, which differ only in whom they are for.
 template <typename Lock>
@@ -135,7 +136,8 @@ TYPED_TEST(SpinLocks, lockThatCannotBeMadeIsInvalidAndNotDestroyed) {
             fault.reset();
             EXPECT_FALSE(lock.isValid());
         }
-        EXPECT_TRUE(chainIs({{SpinLock::Error, 0, "SpinLock creation failed: " + systemText(error)}}));
+        EXPECT_TRUE(
+            chainIs({{SpinLock::ErrorId::CREATE_FAILED, "SpinLock creation failed: " + systemText(error)}}));
         EXPECT_EQ(0, destroyed.getCalls());
         EXPECT_EQ("", recorder.getText());
     }
@@ -155,9 +157,9 @@ TYPED_TEST(SpinLocks, lockThatCannotBeDestroyedIsAWarningAndNothingStaysPending)
 TYPED_TEST(SpinLocks, destroyingAGoodLockKeepsWhatIsPending) {
     {
         TypeParam const lock;
-        std::ErrorOutput("older", 1, true)(SysError, 18);
+        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     }
-    EXPECT_TRUE(chainIs({{SysError, 18}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}}));
 }
 
 TYPED_TEST(SpinLocks, failuresGoToTheHandlerOfTheirOperation) {
@@ -166,22 +168,25 @@ TYPED_TEST(SpinLocks, failuresGoToTheHandlerOfTheirOperation) {
         Fault const fault(inject_pthread_spin_lock, EPERM);
         EXPECT_TRUE(lock.lock());
     }
-    EXPECT_TRUE(chainIs({{SpinLock::Error, 3, "SpinLock inconsistency detected: " + systemText(EPERM)}}));
+    EXPECT_TRUE(chainIs(
+        {{SpinLock::ErrorId::INCONSISTENT, "SpinLock inconsistency detected: " + systemText(EPERM)}}));
     {
         Fault const fault(inject_pthread_spin_lock, EDEADLK);
         EXPECT_TRUE(lock.lock());
     }
-    EXPECT_TRUE(chainIs({{SpinLock::Error, 2, "SpinLock unlock failed: " + systemText(EDEADLK)}}));
+    EXPECT_TRUE(
+        chainIs({{SpinLock::ErrorId::UNLOCK_FAILED, "SpinLock unlock failed: " + systemText(EDEADLK)}}));
     {
         Fault const fault(inject_pthread_spin_trylock, EDEADLK);
         EXPECT_EQ(-1, lock.tryLock());
     }
-    EXPECT_TRUE(chainIs({{SpinLock::Error, 3, "SpinLock inconsistency detected: " + systemText(EDEADLK)}}));
+    EXPECT_TRUE(chainIs(
+        {{SpinLock::ErrorId::INCONSISTENT, "SpinLock inconsistency detected: " + systemText(EDEADLK)}}));
     {
         Fault const fault(inject_pthread_spin_trylock, EPERM);
         EXPECT_EQ(-1, lock.tryLock());
     }
-    EXPECT_TRUE(chainIs({{SpinLock::Error, 1, "SpinLock lock failed: " + systemText(EPERM)}}));
+    EXPECT_TRUE(chainIs({{SpinLock::ErrorId::LOCK_FAILED, "SpinLock lock failed: " + systemText(EPERM)}}));
     {
         Fault const fault(inject_pthread_spin_trylock, EBUSY);
         EXPECT_EQ(1, lock.tryLock());
@@ -192,12 +197,13 @@ TYPED_TEST(SpinLocks, failuresGoToTheHandlerOfTheirOperation) {
         Fault const fault(inject_pthread_spin_unlock, EDEADLK);
         EXPECT_TRUE(lock.unlock());
     }
-    EXPECT_TRUE(chainIs({{SpinLock::Error, 3, "SpinLock inconsistency detected: " + systemText(EDEADLK)}}));
+    EXPECT_TRUE(chainIs(
+        {{SpinLock::ErrorId::INCONSISTENT, "SpinLock inconsistency detected: " + systemText(EDEADLK)}}));
     {
         Fault const fault(inject_pthread_spin_unlock, EPERM);
         EXPECT_TRUE(lock.unlock());
     }
-    EXPECT_TRUE(chainIs({{SpinLock::Error, 1, "SpinLock lock failed: " + systemText(EPERM)}}));
+    EXPECT_TRUE(chainIs({{SpinLock::ErrorId::LOCK_FAILED, "SpinLock lock failed: " + systemText(EPERM)}}));
     EXPECT_EQ(1, lock.tryLock()) << "a failed unlock leaves the lock held";
     EXPECT_FALSE(lock.unlock());
 }

@@ -17,6 +17,7 @@ namespace {
 
 using std::Buf;
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::New;
 using support::NewFault;
@@ -166,14 +167,14 @@ TEST(Buf, withoutMemoryIsInvalidAndReported) {
     EXPECT_FALSE(buf.isValid());
     EXPECT_EQ(nullptr, buf.data);
     EXPECT_EQ(0U, buf.getSize());
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
 }
 
 TEST(Buf, heapWithoutMemoryIsReportedToo) {
     NewFault const fault(New::NOTHROW_SINGLE, 1, NewFault::FOREVER);
     Buf const buf(10);
     EXPECT_FALSE(buf.isValid());
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
 }
 
 TEST(Buf, copyWithoutMemoryIsInvalidAndTheSourceIsNot) {
@@ -183,10 +184,10 @@ TEST(Buf, copyWithoutMemoryIsInvalidAndTheSourceIsNot) {
     allocator.setFailing(true);
     Buf const copy(source);
     EXPECT_FALSE(copy.isValid());
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     target = source;
     EXPECT_FALSE(target.isValid());
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_EQ("abc", getText(source));
     EXPECT_EQ(1U, allocator.getGiven());
 }
@@ -195,7 +196,7 @@ TEST(Buf, copyOfAnInvalidBlockIsInvalidWithoutAReport) {
     TestAllocator allocator;
     allocator.setFailing(true);
     Buf const invalid(10, allocator);
-    ASSERT_TRUE(chainIs({{CommonError, 0}}));
+    ASSERT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     allocator.setFailing(false);
     Buf const copy(invalid);
     EXPECT_FALSE(copy.isValid());

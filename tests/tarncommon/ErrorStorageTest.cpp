@@ -25,6 +25,7 @@ VESK_INJECT_ERRNO(int, -1, munmap, (void* address, size_t size), (address, size)
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using std::ErrorObject;
 using std::ErrorOutput;
 using std::ErrorStorage;
@@ -33,7 +34,7 @@ using support::Fault;
 
 void reportLevels(int count) {
     for (int i = 0; i < count; ++i) {
-        ErrorOutput("file", i, i == 0)(CommonError, 1, i);
+        ErrorOutput("file", i, i == 0)(CommonError, CommonErrorId::CONTRACT_BROKEN, i);
     }
 }
 
@@ -106,14 +107,14 @@ TEST(ErrorStorage, chainIsPendingUntilItIsAcknowledged) {
 }
 
 TEST(ErrorStorage, reasonListTellsTheChainAlsoAfterAck) {
-    ErrorOutput("low", 1, true)(CommonError, 1, "cause");
-    ErrorOutput("high", 2, false)(CommonError, 3, "effect");
+    ErrorOutput("low", 1, true)(CommonErrorId::CONTRACT_BROKEN, "cause");
+    ErrorOutput("high", 2, false)(CommonErrorId::UNSUPPORTED_VALUE, "effect");
     std::string const text = "high:2: Value cannot be handled: effect\n"
                              "  caused by low:1: Contract broken by the caller: cause";
     EXPECT_EQ(text, tarn_error.getReasonList());
     ErrorStorage::ack();
     EXPECT_EQ(text, tarn_error.getReasonList());
-    ErrorOutput("next", 3, false)(CommonError, 0);
+    ErrorOutput("next", 3, false)(CommonErrorId::OUT_OF_MEMORY);
     EXPECT_EQ("next:3: Out of memory", tarn_error.getReasonList());
 }
 
@@ -254,8 +255,8 @@ TEST(ErrorStorage, storesNestAndTheOuterOneWaitsUntouched) {
 TEST(ErrorStorage, dumpActionWritesTheChainToStandardOutput) {
     support::ChildEnd const end = support::runInChild([] {
         ErrorStorage const store(ErrorStorage::action_dump_to_stdout);
-        ErrorOutput("low", 1, true)(CommonError, 1, "cause");
-        ErrorOutput("high", 2, false)(CommonError, 0);
+        ErrorOutput("low", 1, true)(CommonErrorId::CONTRACT_BROKEN, "cause");
+        ErrorOutput("high", 2, false)(CommonErrorId::OUT_OF_MEMORY);
     });
     EXPECT_EQ(0, end.exit_code);
     EXPECT_EQ(
@@ -270,7 +271,7 @@ TEST(ErrorStorage, dumpActionEndsALineThatIsCut) {
     support::ChildEnd const end = support::runInChild([&] {
         ErrorStorage const store(ErrorStorage::action_dump_to_stdout);
         for (int level = 0; level < 3; ++level) {
-            ErrorOutput(path.c_str(), 1, level == 0)(CommonError, 0);
+            ErrorOutput(path.c_str(), 1, level == 0)(CommonError, CommonErrorId::OUT_OF_MEMORY);
         }
     });
     std::istringstream lines(end.output);

@@ -13,11 +13,11 @@ namespace {
 
 Outcome report() {
     Outcome seen{};
-    std::ErrorOutput("early", 1, true)(std::CommonError, 3, "early");
+    std::ErrorOutput("early", 1, true)(std::CommonErrorId::UNSUPPORTED_VALUE, "early");
     seen.was_common = std::ErrorStorage::isA(std::CommonError);
-    std::ErrorOutput("early", 2, true)(vesk::SysError, 19, "early");
+    std::ErrorOutput("early", 2, true)(vesk::SysErrorId::UNCLASSIFIED, "early");
     seen.was_system = std::ErrorStorage::isA(vesk::SysError);
-    std::ErrorOutput("early", 3, false)(vesk::Mutex::Error, 2, "early");
+    std::ErrorOutput("early", 3, false)(vesk::Mutex::ErrorId::UNLOCK_FAILED, "early");
     seen.was_mutex_of_system =
         std::ErrorStorage::isA(vesk::Mutex::Error) && std::ErrorStorage::isA(vesk::SysError);
     seen.id = std::ErrorStorage::id();

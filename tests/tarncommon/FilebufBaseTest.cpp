@@ -20,6 +20,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using std::ErrorOutput;
 using std::filebuf_base;
 using std::ios_base;
@@ -73,7 +74,7 @@ protected:
     int actuallyRead(char* buffer, unsigned int size, unsigned int& read) override {
         log.push_back("read " + std::to_string(size));
         if (read_fails) {
-            ErrorOutput("test", __LINE__, true)(CommonError, 4, "broken");
+            ErrorOutput("test", __LINE__, true)(CommonErrorId::OPEN_FILE_OPERATION_FAILED, "broken");
             return 1;
         }
         size_t const rest = content.size() - std::min(position, content.size());
@@ -95,7 +96,7 @@ protected:
         content.replace(position, written, buffer, written);
         position += written;
         if (write_fails) {
-            ErrorOutput("test", __LINE__, true)(CommonError, 4, "full");
+            ErrorOutput("test", __LINE__, true)(CommonErrorId::OPEN_FILE_OPERATION_FAILED, "full");
         }
         return write_fails ? 1 : 0;
     }
@@ -110,7 +111,7 @@ protected:
             base = static_cast<long long>(content.size());
         }
         if (seek_fails || base + offset < 0) {
-            ErrorOutput("test", __LINE__, true)(CommonError, 3, "seek");
+            ErrorOutput("test", __LINE__, true)(CommonErrorId::UNSUPPORTED_VALUE, "seek");
             return 1;
         }
         position = static_cast<size_t>(base + offset);
@@ -264,7 +265,7 @@ TEST(FilebufBase, withoutMemoryNothingCanBeReadOrWritten) {
     NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
     MemoryBuffer buffer(BOTH, 4, "abc");
     EXPECT_TRUE(buffer.creation_failed);
-    EXPECT_TRUE(chainIs({{CommonError, 0, "Out of memory"}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY, "Out of memory"}}));
     EXPECT_EQ(EOF, buffer.sgetc());
     EXPECT_EQ(EOF, buffer.sputc('x'));
     EXPECT_EQ((Log{}), buffer.log);
@@ -370,7 +371,7 @@ TEST(FilebufBase, failedReadIsTheEndAndItsReportStays) {
     std::istream in(&buffer);
     EXPECT_EQ(EOF, in.get());
     EXPECT_TRUE(in.eof());
-    EXPECT_TRUE(chainIs({{CommonError, 4}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}}));
 }
 
 TEST(FilebufBase, byteWithTheTopBitIsNotTheEnd) {
@@ -443,13 +444,13 @@ TEST(FilebufBase, failedWriteKeepsWhatWasNotTaken) {
     buffer.write_fails = true;
     EXPECT_EQ(EOF, buffer.sputc('e'));
     EXPECT_EQ(3, buffer.getUnwritten());
-    EXPECT_TRUE(chainIs({{CommonError, 4}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}}));
     EXPECT_EQ(-1, buffer.pubsync());
-    EXPECT_TRUE(chainIs({{CommonError, 4}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}}));
     EXPECT_EQ((Log{"write abcd", "write bcd"}), buffer.log) << "nothing is flushed";
     out.flush();
     EXPECT_TRUE(out.bad());
-    EXPECT_TRUE(chainIs({{CommonError, 4}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}}));
     buffer.write_fails = false;
     EXPECT_EQ('e', buffer.sputc('e'));
     EXPECT_EQ(0, buffer.pubsync());
@@ -492,7 +493,7 @@ TEST(FilebufBase, writingFailsIfWhatIsReadAheadCannotBeGivenBack) {
     EXPECT_EQ('0', buffer.sbumpc());
     buffer.seek_fails = true;
     EXPECT_EQ(EOF, buffer.sputc('a'));
-    EXPECT_TRUE(chainIs({{CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::UNSUPPORTED_VALUE}}));
     EXPECT_EQ('1', buffer.sbumpc());
     EXPECT_EQ('2', buffer.sbumpc());
     EXPECT_EQ('3', buffer.sbumpc());
@@ -565,9 +566,9 @@ TEST(FilebufBase, failedSeekIsMinusOneAndChangesNothing) {
     EXPECT_EQ('0', buffer.sbumpc());
     buffer.seek_fails = true;
     EXPECT_EQ(-1, buffer.pubseekoff(0, ios_base::cur));
-    EXPECT_TRUE(chainIs({{CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::UNSUPPORTED_VALUE}}));
     EXPECT_EQ(-1, buffer.pubseekpos(5));
-    EXPECT_TRUE(chainIs({{CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::UNSUPPORTED_VALUE}}));
     EXPECT_TRUE(buffer.m_reading);
     EXPECT_EQ(3, buffer.getUnread());
     EXPECT_EQ('1', buffer.sbumpc());

@@ -20,6 +20,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using std::ErrorOutput;
 using std::ErrorStorage;
 using std::IBinInOutStream;
@@ -99,7 +100,7 @@ protected:
         ++reads;
         size_t const rest = content.size() - std::min(m_position, content.size());
         if (rest == 0) {
-            ErrorOutput("test", __LINE__, true)(StreamError, 2);
+            ErrorOutput("test", __LINE__, true)(std::IBinStreamBase::StreamErrorId::END_OF_STREAM);
             return true;
         }
         read = limit(std::min(size, static_cast<unsigned int>(rest)));
@@ -115,8 +116,8 @@ protected:
         EXPECT_EQ(IBinInputStream::m_pos, IBinInputStream::m_end) << "read-ahead is given back first";
         ++writes;
         if (write_fails) {
-            ErrorOutput("test", __LINE__, true)(CommonError, 4, "full");
-            ErrorOutput("test", __LINE__, false)(StreamError, 1);
+            ErrorOutput("test", __LINE__, true)(CommonErrorId::OPEN_FILE_OPERATION_FAILED, "full");
+            ErrorOutput("test", __LINE__, false)(std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED);
             return true;
         }
         written = limit(size);
@@ -160,7 +161,7 @@ private:
             base = static_cast<long long>(content.size());
         }
         if (base + offset < 0) {
-            ErrorOutput("test", __LINE__, true)(CommonError, 3, "negative position");
+            ErrorOutput("test", __LINE__, true)(CommonErrorId::UNSUPPORTED_VALUE, "negative position");
             return true;
         }
         m_position = static_cast<size_t>(base + offset);
@@ -231,18 +232,18 @@ TEST(IBinInOutStream, withoutMemoryForABufferFailsInThatDirectionOnly) {
     unsigned int count = 0;
     char block[4] = {};
     MemoryFile input(4, 0);
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_FALSE(input.isValid());
     EXPECT_EQ(-1, input.read(block, 4, count));
-    EXPECT_TRUE(chainIs({{CommonError, 0}, {IBinStreamBase::StreamError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}, {IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_EQ(1, input.write(block, 4, count));
     MemoryFile output(0, 4);
-    EXPECT_TRUE(chainIs({{CommonError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_FALSE(output.isValid());
     EXPECT_EQ(-1, output.write(block, 4, count));
-    EXPECT_TRUE(chainIs({{CommonError, 0}, {IBinStreamBase::StreamError, 0}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}, {IBinStreamBase::StreamErrorId::UNUSABLE}}));
     EXPECT_EQ(0, output.read(block, 4, count));
-    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 2}}));
+    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
 }
 
 TEST(IBinInOutStream, writeAfterReadLandsAtTheReadersPlace) {
@@ -272,7 +273,8 @@ TEST(IBinInOutStream, readFailsIfWhatIsWrittenCannotBePassedOn) {
     writeTo(file, "AB");
     file.write_fails = true;
     EXPECT_EQ("", readFrom(file, 2, -1));
-    EXPECT_TRUE(chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::OPEN_FILE_OPERATION_FAILED}, {IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_EQ(0, file.reads);
     EXPECT_TRUE(file.isWriting());
     file.write_fails = false;
@@ -298,7 +300,7 @@ TEST(IBinInOutStream, failedSeekBeforeAWriteFailsTheWrite) {
 
     protected:
         bool checkWriteBufferConsistency() override {
-            ErrorOutput("test", __LINE__, true)(CommonError, 3, "cannot seek");
+            ErrorOutput("test", __LINE__, true)(CommonErrorId::UNSUPPORTED_VALUE, "cannot seek");
             return true;
         }
     } pipe;
@@ -306,7 +308,7 @@ TEST(IBinInOutStream, failedSeekBeforeAWriteFailsTheWrite) {
     unsigned int written = 12345;
     EXPECT_EQ(-1, pipe.write("X", 1, written));
     EXPECT_EQ(0U, written);
-    EXPECT_TRUE(chainIs({{CommonError, 3}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::UNSUPPORTED_VALUE}}));
     EXPECT_EQ("123", readFrom(pipe, 3)) << "the read-ahead is still there";
 }
 
@@ -328,7 +330,7 @@ TEST(IBinInOutStream, readingAndWritingInTurnAllocatesNothing) {
     EXPECT_FALSE(file.seek(0, From::END, position));
     EXPECT_EQ(0, file.read(block, 1, count));
     EXPECT_EQ(0, counter.getCount());
-    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 2}}));
+    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
 }
 
 // ---- against a model ----
@@ -385,7 +387,7 @@ protected:
     /// Only a file that takes nothing now may refuse, and says so; then nothing has changed.
     void expectNotNow() {
         ASSERT_TRUE(isNonBlocking());
-        ASSERT_TRUE(chainIs({{IBinStreamBase::StreamError, 1, "Stream transfer failed"}}));
+        ASSERT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED, "Stream transfer failed"}}));
     }
 
     void read() {
@@ -400,7 +402,7 @@ protected:
         } else if (result == 0) {
             ASSERT_EQ(0U, count);
             ASSERT_TRUE(m_model.isAtEnd());
-            ASSERT_TRUE(chainIs({{IBinStreamBase::StreamError, 2, "End of stream"}}));
+            ASSERT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM, "End of stream"}}));
         } else {
             ASSERT_EQ(1, result);
             ASSERT_TRUE(count != 0 || size == 0 || isNonBlocking());

@@ -20,6 +20,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using std::ErrorOutput;
 using std::ErrorStorage;
 using std::IBinInputStream;
@@ -66,7 +67,7 @@ protected:
         auto const accesses = asked.size() - static_cast<size_t>(std::count(asked.begin(), asked.end(), 0U));
         EXPECT_EQ(accesses + 1, static_cast<size_t>(checks)) << "before each access to the source";
         if (inconsistent) {
-            ErrorOutput("test", __LINE__, true)(StreamError, 1);
+            ErrorOutput("test", __LINE__, true)(std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED);
         }
         return inconsistent;
     }
@@ -79,7 +80,7 @@ protected:
             if (size == 0) {
                 return false;
             }
-            ErrorOutput("test", __LINE__, true)(StreamError, 2);
+            ErrorOutput("test", __LINE__, true)(std::IBinStreamBase::StreamErrorId::END_OF_STREAM);
             return true;
         }
         Step& step = m_steps.front();
@@ -93,7 +94,7 @@ protected:
             m_steps.pop_front();
         }
         if (error != SUCCESS) {
-            ErrorOutput("test", __LINE__, true)(CommonError, 4, "cause");
+            ErrorOutput("test", __LINE__, true)(CommonErrorId::OPEN_FILE_OPERATION_FAILED, "cause");
             ErrorOutput("test", __LINE__, false)(StreamError, error);
         }
         return error != SUCCESS;
@@ -240,7 +241,7 @@ TEST(IBinInputStream, bufferOfOneByteWorks) {
     EXPECT_EQ((Got{1, "a"}), readFrom(source, 1));
     EXPECT_EQ((Got{1, "bc"}), readFrom(source, 2));
     EXPECT_EQ((Got{0, ""}), readFrom(source, 1));
-    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 2, "End of stream"}}));
+    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM, "End of stream"}}));
 }
 
 TEST(IBinInputStream, endIsZeroWithItsReportPending) {
@@ -248,9 +249,9 @@ TEST(IBinInputStream, endIsZeroWithItsReportPending) {
         ScriptedSource source(size);
         EXPECT_EQ((Got{0, ""}), readFrom(source, 3));
         EXPECT_TRUE(ErrorStorage::isA(IBinStreamBase::StreamError));
-        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 2, "End of stream"}}));
+        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM, "End of stream"}}));
         EXPECT_EQ((Got{0, ""}), readFrom(source, 100));
-        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 2, "End of stream"}}));
+        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM, "End of stream"}}));
     }
 }
 
@@ -291,14 +292,17 @@ TEST(IBinInputStream, whatCameBeforeTheEndIsDelivered) {
     for (unsigned int const size : {0U, 8U}) {
         ScriptedSource source(size, {{"ab", 2}});
         EXPECT_EQ((Got{0, "ab"}), readFrom(source, 3));
-        EXPECT_TRUE(chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, 2}}));
+        EXPECT_TRUE(chainIs(
+            {{CommonErrorId::OPEN_FILE_OPERATION_FAILED}, {IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
     }
 }
 
 TEST(IBinInputStream, whatCameBeforeAFailureIsDeliveredAlsoWhatWasReadAhead) {
     ScriptedSource source(8, {{"abcde", 1}, {"fg"}});
     EXPECT_EQ((Got{-1, "ab"}), readFrom(source, 2));
-    EXPECT_TRUE(chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, 1, "Stream transfer failed"}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::OPEN_FILE_OPERATION_FAILED},
+         {IBinStreamBase::StreamErrorId::TRANSFER_FAILED, "Stream transfer failed"}}));
     EXPECT_EQ((Got{1, "cde"}), readFrom(source, 5));
     EXPECT_EQ((Got{1, "fg"}), readFrom(source, 5));
     EXPECT_TRUE(chainIs({}));
@@ -310,8 +314,9 @@ TEST_P(IBinInputStreamFailures, areMinusOneWithTheSourcesReports) {
     for (unsigned int const size : {0U, 8U}) {
         ScriptedSource source(size, {{"", GetParam()}, {"ab"}});
         EXPECT_EQ((Got{-1, ""}), readFrom(source, 3));
-        EXPECT_TRUE(
-            chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, GetParam(), textOf(GetParam())}}));
+        EXPECT_TRUE(chainIs(
+            {{CommonErrorId::OPEN_FILE_OPERATION_FAILED},
+             {IBinStreamBase::StreamError, GetParam(), textOf(GetParam())}}));
         EXPECT_EQ((Got{1, "ab"}), readFrom(source, 3)) << "the stream goes on";
     }
 }
@@ -326,12 +331,12 @@ TEST(IBinInputStream, secondIdOfAnotherFamilyIsNoEnd) {
 
     protected:
         bool performRead(void*, unsigned int, unsigned int&) override {
-            ErrorOutput("test", __LINE__, true)(CommonError, 2);
+            ErrorOutput("test", __LINE__, true)(CommonErrorId::INTERNAL_FAILURE);
             return true;
         }
     } source;
     EXPECT_EQ((Got{-1, ""}), readFrom(source, 3));
-    EXPECT_TRUE(chainIs({{CommonError, 2}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::INTERNAL_FAILURE}}));
 }
 
 TEST(IBinInputStream, hookIsAskedOnlyBeforeTheSourceIsTouched) {
@@ -349,7 +354,7 @@ TEST(IBinInputStream, hookCanForbidReading) {
         ScriptedSource source(size, {{"abcdef"}});
         source.inconsistent = true;
         EXPECT_EQ((Got{-1, ""}), readFrom(source, 2));
-        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 1}}));
+        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
         EXPECT_TRUE(source.asked.empty());
     }
 }
@@ -364,14 +369,15 @@ TEST(IBinInputStream, bufferThatAClassEmptiesIsFilledAnew) {
 TEST(IBinInputStream, withoutMemoryForItsBufferIsInvalid) {
     NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
     ScriptedSource source(16, {{"abc"}});
-    EXPECT_TRUE(chainIs({{CommonError, 0, "Out of memory"}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY, "Out of memory"}}));
     EXPECT_FALSE(source.isValid());
     EXPECT_FALSE(source.hasBuffer());
     EXPECT_TRUE(source.isInputBuffered()) << "it was meant to be";
     for (unsigned int const size : {0U, 1U, 100U}) {
         EXPECT_EQ((Got{-1, ""}), readFrom(source, size));
         EXPECT_TRUE(chainIs(
-            {{CommonError, 0, "Out of memory"}, {IBinStreamBase::StreamError, 0, "Stream cannot be used"}}));
+            {{CommonErrorId::OUT_OF_MEMORY, "Out of memory"},
+             {IBinStreamBase::StreamErrorId::UNUSABLE, "Stream cannot be used"}}));
     }
     EXPECT_TRUE(source.asked.empty());
     EXPECT_EQ(0, source.checks);

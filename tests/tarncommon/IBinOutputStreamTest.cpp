@@ -19,6 +19,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using std::ErrorOutput;
 using std::IBinOutputStream;
 using std::IBinStreamBase;
@@ -65,7 +66,7 @@ protected:
     bool checkWriteBufferConsistency() override {
         ++checks;
         if (inconsistent) {
-            ErrorOutput("test", __LINE__, true)(StreamError, 1);
+            ErrorOutput("test", __LINE__, true)(std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED);
         }
         return inconsistent;
     }
@@ -83,8 +84,8 @@ protected:
         written = std::min(size, step.most);
         taken += offered.substr(0, written);
         if (step.fails) {
-            ErrorOutput("test", __LINE__, true)(CommonError, 4, "cause");
-            ErrorOutput("test", __LINE__, false)(StreamError, 4);
+            ErrorOutput("test", __LINE__, true)(CommonErrorId::OPEN_FILE_OPERATION_FAILED, "cause");
+            ErrorOutput("test", __LINE__, false)(std::IBinStreamBase::StreamErrorId::UNCLASSIFIED);
         }
         return step.fails;
     }
@@ -92,7 +93,7 @@ protected:
     bool performFlush() override {
         calls.push_back("FLUSH");
         if (flush_fails) {
-            ErrorOutput("test", __LINE__, true)(StreamError, 3);
+            ErrorOutput("test", __LINE__, true)(std::IBinStreamBase::StreamErrorId::NOT_SUPPORTED);
         }
         return flush_fails;
     }
@@ -204,7 +205,8 @@ TEST(IBinOutputStream, writingNothingIsCheckedByTheSinkAndLeavesTheBufferAlone) 
         EXPECT_EQ(0U, written);
         EXPECT_TRUE(chainIs({}));
         EXPECT_EQ((Put{-1, 0}), writeTo(sink, "")) << "as on a closed one";
-        EXPECT_TRUE(chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, 4}}));
+        EXPECT_TRUE(chainIs(
+            {{CommonErrorId::OPEN_FILE_OPERATION_FAILED}, {IBinStreamBase::StreamErrorId::UNCLASSIFIED}}));
         EXPECT_EQ((Calls{"", ""}), sink.calls);
         EXPECT_EQ(0, sink.checks);
     }
@@ -220,7 +222,9 @@ TEST(IBinOutputStream, oneThatIsNotOpenKeepsNothing) {
     sink.is_open = false;
     for (std::string const bytes : {"a", "abcdef"}) {
         EXPECT_EQ((Put{-1, 0}), writeTo(sink, bytes));
-        EXPECT_TRUE(chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, 4}})) << "the sink tells why";
+        EXPECT_TRUE(chainIs(
+            {{CommonErrorId::OPEN_FILE_OPERATION_FAILED}, {IBinStreamBase::StreamErrorId::UNCLASSIFIED}}))
+            << "the sink tells why";
         EXPECT_TRUE(sink.isEmpty());
         EXPECT_EQ(0, sink.checks);
     }
@@ -231,7 +235,7 @@ TEST(IBinOutputStream, flushTellsItsSinkThatTakingNothingIsAFailure) {
         ScriptedSink sink(4, {{0}}, blocking);
         writeTo(sink, "abc");
         EXPECT_EQ(!blocking, sink.flush(true));
-        EXPECT_EQ(!blocking, chainIs({{IBinStreamBase::StreamError, 1}}));
+        EXPECT_EQ(!blocking, chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
         EXPECT_EQ(blocking ? 2 : 1, sink.flushing);
         sink.script({{0}, {3}});
         writeTo(sink, "defgh");
@@ -316,7 +320,7 @@ TEST(IBinOutputStream, roomAtTheFrontIsUsedWithoutAskingTheSink) {
     ScriptedSink sink(4, {{2}, {0}}, false);
     writeTo(sink, "abc");
     EXPECT_TRUE(sink.flush(true));
-    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     sink.calls.clear();
     EXPECT_EQ((Put{1, 3}), writeTo(sink, "def"));
     EXPECT_EQ((Calls{}), sink.calls);
@@ -327,8 +331,9 @@ TEST(IBinOutputStream, failureTellsWhatWasTakenOfTheRequest) {
     for (unsigned int const size : {0U, 4U}) {
         ScriptedSink sink(size, {{2}, {3, true}});
         EXPECT_EQ((Put{-1, 5}), writeTo(sink, "abcdefghi"));
-        EXPECT_TRUE(
-            chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, 4, "Unclassified stream failure"}}));
+        EXPECT_TRUE(chainIs(
+            {{CommonErrorId::OPEN_FILE_OPERATION_FAILED},
+             {IBinStreamBase::StreamErrorId::UNCLASSIFIED, "Unclassified stream failure"}}));
         EXPECT_EQ("abcde", sink.taken);
         EXPECT_TRUE(sink.isEmpty());
         EXPECT_EQ((Put{1, 4}), writeTo(sink, "fghi"));
@@ -341,11 +346,13 @@ TEST(IBinOutputStream, failureLosesNothingThatWasBuffered) {
     writeTo(sink, "abc");
     sink.script({{2, true}});
     EXPECT_EQ((Put{-1, 0}), writeTo(sink, "de"));
-    EXPECT_TRUE(chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, 4}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::OPEN_FILE_OPERATION_FAILED}, {IBinStreamBase::StreamErrorId::UNCLASSIFIED}}));
     EXPECT_EQ("c", sink.getHeld());
     sink.script({{0, true}});
     EXPECT_EQ((Put{-1, 0}), writeTo(sink, "defgh"));
-    EXPECT_TRUE(chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, 4}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::OPEN_FILE_OPERATION_FAILED}, {IBinStreamBase::StreamErrorId::UNCLASSIFIED}}));
     EXPECT_EQ("c", sink.getHeld());
     EXPECT_EQ((Put{1, 2}), writeTo(sink, "de"));
     EXPECT_FALSE(sink.flush(false));
@@ -385,7 +392,8 @@ TEST(IBinOutputStream, flushOfTheSinkCanFail) {
     writeTo(sink, "abc");
     sink.flush_fails = true;
     EXPECT_TRUE(sink.flush(false));
-    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 3, "Operation is not supported by the stream"}}));
+    EXPECT_TRUE(chainIs(
+        {{IBinStreamBase::StreamErrorId::NOT_SUPPORTED, "Operation is not supported by the stream"}}));
     EXPECT_EQ("abc", sink.taken);
     EXPECT_TRUE(sink.isEmpty());
 }
@@ -394,7 +402,8 @@ TEST(IBinOutputStream, flushThatCannotPassTheBufferOnKeepsTheRest) {
     ScriptedSink sink(8, {{1}, {1, true}});
     writeTo(sink, "abc");
     EXPECT_TRUE(sink.flush(false));
-    EXPECT_TRUE(chainIs({{CommonError, 4}, {IBinStreamBase::StreamError, 4}}));
+    EXPECT_TRUE(chainIs(
+        {{CommonErrorId::OPEN_FILE_OPERATION_FAILED}, {IBinStreamBase::StreamErrorId::UNCLASSIFIED}}));
     EXPECT_EQ("c", sink.getHeld());
     EXPECT_EQ((Calls{"abc", "bc"}), sink.calls) << "the sink is not flushed";
     EXPECT_FALSE(sink.flush(false));
@@ -411,10 +420,10 @@ TEST(IBinOutputStream, flushOfABlockingOneGoesOnAfterShortWrites) {
 TEST(IBinOutputStream, nonBlockingFlushThatIsNotDoneIsAFailureOfItsOwn) {
     for (bool const buffer_only : {false, true}) {
         ScriptedSink sink(8, {{1}, {1}, {0}}, false);
-        ErrorOutput("older", 1, true)(CommonError, 1, "older");
+        ErrorOutput("older", 1, true)(CommonErrorId::CONTRACT_BROKEN, "older");
         writeTo(sink, "abc");
         EXPECT_TRUE(sink.flush(buffer_only));
-        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 1, "Stream transfer failed"}}));
+        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED, "Stream transfer failed"}}));
         EXPECT_EQ("c", sink.getHeld());
         EXPECT_EQ((Calls{"abc", "bc", "c"}), sink.calls);
         EXPECT_FALSE(sink.flush(buffer_only));
@@ -440,9 +449,9 @@ TEST(IBinOutputStream, hookCanForbidWriting) {
         ScriptedSink sink(size);
         sink.inconsistent = true;
         EXPECT_EQ((Put{-1, 0}), writeTo(sink, "ab"));
-        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 1}}));
+        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
         EXPECT_EQ((Put{-1, 0}), writeTo(sink, "abcdef"));
-        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 1}}));
+        EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
         EXPECT_EQ((Calls{}), sink.calls);
         EXPECT_TRUE(sink.isEmpty());
     }
@@ -453,7 +462,7 @@ TEST(IBinOutputStream, hookCanForbidFlushing) {
     writeTo(sink, "ab");
     sink.inconsistent = true;
     EXPECT_TRUE(sink.flush(false));
-    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamError, 1}}));
+    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
     EXPECT_EQ((Calls{}), sink.calls);
     EXPECT_EQ("ab", sink.getHeld());
 }
@@ -470,19 +479,21 @@ TEST(IBinOutputStream, destroyedOneDropsWhatItHoldsInsteadOfCallingASinkThatIsGo
 TEST(IBinOutputStream, withoutMemoryForItsBufferIsInvalid) {
     NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
     ScriptedSink sink(16);
-    EXPECT_TRUE(chainIs({{CommonError, 0, "Out of memory"}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY, "Out of memory"}}));
     EXPECT_FALSE(sink.isValid());
     EXPECT_FALSE(sink.hasBuffer());
     EXPECT_TRUE(sink.isOutputBuffered()) << "it was meant to be";
     for (char const* const bytes : {"", "a", "a text that is longer than the buffer"}) {
         EXPECT_EQ((Put{-1, 0}), writeTo(sink, bytes));
         EXPECT_TRUE(chainIs(
-            {{CommonError, 0, "Out of memory"}, {IBinStreamBase::StreamError, 0, "Stream cannot be used"}}));
+            {{CommonErrorId::OUT_OF_MEMORY, "Out of memory"},
+             {IBinStreamBase::StreamErrorId::UNUSABLE, "Stream cannot be used"}}));
     }
     for (bool const buffer_only : {false, true}) {
         EXPECT_TRUE(sink.flush(buffer_only));
         EXPECT_TRUE(chainIs(
-            {{CommonError, 0, "Out of memory"}, {IBinStreamBase::StreamError, 0, "Stream cannot be used"}}));
+            {{CommonErrorId::OUT_OF_MEMORY, "Out of memory"},
+             {IBinStreamBase::StreamErrorId::UNUSABLE, "Stream cannot be used"}}));
     }
     EXPECT_EQ((Calls{}), sink.calls);
     EXPECT_EQ(0, sink.checks);

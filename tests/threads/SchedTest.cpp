@@ -155,7 +155,8 @@ TEST(SchedParam, keepThatCannotReadStaysAllZeroWithTheErrorPending) {
     Fault const fault(inject_pthread_getschedparam, ESRCH);
     Param const param(VESK_SCHED_POLICY_KEEP, 5);
     expectParam(param, 0, 0);
-    EXPECT_TRUE(chainIs({{vesk::SysError, 19, "Unclassified error occured: No such process (errno = 3)"}}));
+    EXPECT_TRUE(chainIs(
+        {{vesk::SysErrorId::UNCLASSIFIED, "Unclassified error occured: No such process (errno = 3)"}}));
 }
 
 // ---- the text form ----

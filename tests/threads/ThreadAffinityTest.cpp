@@ -28,6 +28,7 @@ using support::Fault;
 using support::rowText;
 using support::systemText;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Thread;
 
 using Processors = std::vector<bool>;
@@ -166,7 +167,8 @@ TEST_F(ThreadAffinity, entriesBeyondTheMachineAreTheSystemsToIgnore) {
     none_of_them[1023] = true;
     if (m_count < 1024) {
         EXPECT_TRUE(m_thread.setCPUAffinity(none_of_them));
-        EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EINVAL))}}));
+        EXPECT_TRUE(
+            chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EINVAL))}}));
     }
 }
 
@@ -185,20 +187,22 @@ INSTANTIATE_TEST_SUITE_P(All, ThreadAffinityErrors, testing::Values(EINVAL, ESRC
 
 TEST_P(ThreadAffinityErrors, areUnclassified) {
     Processors const before = read();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(inject_pthread_setaffinity_np, GetParam());
         EXPECT_TRUE(m_thread.setCPUAffinity({}));
     }
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam()))}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(GetParam()))}}));
     EXPECT_EQ(before, read());
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Processors processors(7, true);
     {
         Fault const fault(inject_pthread_getaffinity_np, GetParam());
         EXPECT_TRUE(m_thread.getCPUAffinity(processors));
     }
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam()))}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(GetParam()))}}));
     EXPECT_EQ(Processors(7, true), processors) << "left as it was";
 }
 

@@ -35,6 +35,7 @@ using support::Fault;
 using support::rowText;
 using support::systemText;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Thread;
 
 TEST(ThreadAffinityUncounted, cannotBeRead) {
@@ -42,7 +43,9 @@ TEST(ThreadAffinityUncounted, cannotBeRead) {
     Thread thread([](void*) {}, nullptr);
     std::vector<bool> processors(3, true);
     EXPECT_TRUE(thread.getCPUAffinity(processors));
-    EXPECT_TRUE(chainIs({{std::CommonError, 3, rowText(std::CommonError, 3, "cpu count is 0")}}));
+    EXPECT_TRUE(chainIs(
+        {{std::CommonErrorId::UNSUPPORTED_VALUE,
+          rowText(std::CommonErrorId::UNSUPPORTED_VALUE, "cpu count is 0")}}));
     EXPECT_EQ(std::vector<bool>(3, true), processors);
 }
 
@@ -51,13 +54,13 @@ TEST(ThreadAffinityUncounted, isAskedForFirst) {
     std::vector<bool> processors;
     Fault const fault(inject_pthread_getaffinity_np, ESRCH);
     EXPECT_TRUE(thread.getCPUAffinity(processors));
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(ESRCH))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(ESRCH))}}));
 }
 
 TEST(ThreadAffinityUncounted, emptyVectorNamesNoProcessorAndIsRefused) {
     Thread thread([](void*) {}, nullptr);
     EXPECT_TRUE(thread.setCPUAffinity({}));
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EINVAL))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EINVAL))}}));
 }
 
 } // namespace

@@ -108,6 +108,7 @@ VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * c), (c))
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::Event;
 using support::EventRecorder;
@@ -121,6 +122,7 @@ using support::systemText;
 using support::waitForCancellation;
 using vesk::Mutex;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Thread;
 using vesk::sched::Attr;
 
@@ -142,13 +144,14 @@ ExpectedReport failed(int id, int error) {
 }
 
 ExpectedReport lockFailed(int error) {
-    return {Mutex::Error, 3, rowText(Mutex::Error, 3, systemText(error))};
+    return {
+        Mutex::Error, Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(error))};
 }
 
 void makeOlder() {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
 }
-ExpectedReport const OLDER{SysError, 18};
+ExpectedReport const OLDER{SysError, SysErrorId::NO_SUCH_PROCESS};
 
 class ThreadFailure : public support::ThreadsGone {
 protected:
@@ -186,7 +189,7 @@ TEST_P(ThreadCreationRows, leaveAnInvalidObject) {
     }
     std::vector<ExpectedReport> expected = {
         {SysError, row.id, rowText(SysError, row.id, systemText(row.error))},
-        {Thread::Error, 0, std::string("Thread creation failed: ") + row.text}};
+        {Thread::Error, Thread::ErrorId::CREATE_FAILED, std::string("Thread creation failed: ") + row.text}};
     if (row.on_top) {
         expected.insert(expected.begin(), OLDER);
     }
@@ -215,8 +218,8 @@ TEST_F(ThreadFailure, creationOpensAChainIfNothingIsPending) {
     Thread const thread(doNothing, nullptr);
     EXPECT_FALSE(thread.isValid());
     EXPECT_TRUE(chainIs(
-        {{SysError, 0, rowText(SysError, 0, systemText(EAGAIN))},
-         {Thread::Error, 0, "Thread creation failed: thread creation failed"}}));
+        {{SysErrorId::RESOURCES_EXHAUSTED, rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EAGAIN))},
+         {Thread::Error, Thread::ErrorId::CREATE_FAILED, "Thread creation failed: thread creation failed"}}));
 }
 
 TEST_F(ThreadFailure, creationReportsFromItsSource) {
@@ -256,7 +259,8 @@ TEST_F(ThreadFailure, onlyPermissionAndParametersAreWorthASecondTry) {
     Thread const thread(doNothing, nullptr);
     EXPECT_EQ(1, fault.getCalls());
     EXPECT_FALSE(thread.isValid());
-    EXPECT_TRUE(chainIs({{SysError, 0}, {Thread::Error, 0}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::RESOURCES_EXHAUSTED}, {Thread::Error, Thread::ErrorId::CREATE_FAILED}}));
 }
 
 TEST_F(ThreadFailure, invalidObjectRefusesEverythingThatLooksAtItsState) {
@@ -375,7 +379,7 @@ TEST_P(ThreadSignalRows, wakeupThatCannotSignalLeavesTheStateAndNoLock) {
         Fault const fault(inject_pthread_cond_signal, GetParam().error);
         EXPECT_TRUE(thread.wakeup());
     }
-    EXPECT_TRUE(chainIs({{Thread::Error, 7, "unknown error 7"}})) << "a chain of its own";
+    EXPECT_TRUE(chainIs({{Thread::ErrorId::WAKEUP_FAILED, "unknown error 7"}})) << "a chain of its own";
     EXPECT_EQ(Thread::SUSPENDED, thread.getThreadState());
     EXPECT_FALSE(thread.wakeup());
     EXPECT_FALSE(thread.join());
@@ -483,7 +487,7 @@ TEST_F(ThreadFailure, joinThatCannotMarkItsEndFailsAndIsNotTriedAgain) {
             EXPECT_EQ(Thread::DEAD, thread.getThreadState());
             Fault const joins(inject_pthread_join, 0);
             EXPECT_TRUE(thread.join());
-            EXPECT_TRUE(chainIs({{CommonError, 1}}));
+            EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
             EXPECT_EQ(0, joins.getCalls());
         }
     }
@@ -507,7 +511,8 @@ TEST_F(ThreadFailure, suspendThatCannotLockLeavesTheState) {
             Fault const fault(inject_pthread_mutex_lock, EINVAL);
             EXPECT_TRUE(self.suspend(0));
         }
-        EXPECT_TRUE(chainIs({lockFailed(EINVAL), {Thread::Error, 6, "unknown error 6"}}));
+        EXPECT_TRUE(chainIs(
+            {lockFailed(EINVAL), {Thread::Error, Thread::ErrorId::SUSPEND_FAILED, "unknown error 6"}}));
         EXPECT_EQ(Thread::RUNNING, self.getThreadState());
     });
 }
@@ -521,7 +526,9 @@ TEST_F(ThreadFailure, suspendThatCannotWaitLeavesTheStateAndNoLock) {
                 Fault const timed_wait(inject_pthread_cond_timedwait, EINVAL);
                 EXPECT_TRUE(self.suspend(ms));
             }
-            EXPECT_TRUE(chainIs({{SysError, 10}, {Thread::Error, 6, "unknown error 6"}}));
+            EXPECT_TRUE(chainIs(
+                {{SysErrorId::SPOILED_INTEGRITY},
+                 {Thread::Error, Thread::ErrorId::SUSPEND_FAILED, "unknown error 6"}}));
             EXPECT_EQ(Thread::RUNNING, self.getThreadState());
         }
     });
@@ -534,7 +541,8 @@ TEST_F(ThreadFailure, suspendThatCannotUnlockFails) {
             Fault const fault(inject_pthread_mutex_unlock, EPERM, 2);
             EXPECT_TRUE(self.suspend(1));
         }
-        EXPECT_TRUE(chainIs({lockFailed(EPERM), {Thread::Error, 6, "unknown error 6"}}));
+        EXPECT_TRUE(chainIs(
+            {lockFailed(EPERM), {Thread::Error, Thread::ErrorId::SUSPEND_FAILED, "unknown error 6"}}));
         EXPECT_EQ(Thread::SUSPENDED, self.getThreadState()) << "its time has run out";
     });
 }
@@ -549,7 +557,8 @@ TEST_F(ThreadFailure, suspendThatCannotUnlockOnceItWasTerminatedFails) {
             Fault const fault(inject_pthread_mutex_unlock, EPERM);
             EXPECT_TRUE(self.suspend(0));
         }
-        EXPECT_TRUE(chainIs({lockFailed(EPERM), {Thread::Error, 6, "unknown error 6"}}));
+        EXPECT_TRUE(chainIs(
+            {lockFailed(EPERM), {Thread::Error, Thread::ErrorId::SUSPEND_FAILED, "unknown error 6"}}));
         done.set();
     };
     Thread thread(run, &body);
@@ -566,12 +575,12 @@ TEST_F(ThreadFailure, wakeupThatCannotLockOrUnlockReportsInAChainOfItsOwn) {
         Fault const fault(inject_pthread_mutex_lock, EINVAL);
         EXPECT_TRUE(thread.wakeup());
     }
-    EXPECT_TRUE(chainIs({{Thread::Error, 7, "unknown error 7"}}));
+    EXPECT_TRUE(chainIs({{Thread::ErrorId::WAKEUP_FAILED, "unknown error 7"}}));
     {
         Fault const fault(inject_pthread_mutex_unlock, EPERM);
         EXPECT_TRUE(thread.wakeup());
     }
-    EXPECT_TRUE(chainIs({{Thread::Error, 7, "unknown error 7"}}));
+    EXPECT_TRUE(chainIs({{Thread::ErrorId::WAKEUP_FAILED, "unknown error 7"}}));
     EXPECT_EQ(Thread::CREATED, thread.getThreadState());
 }
 

@@ -60,6 +60,7 @@ using support::rowText;
 using support::systemText;
 using vesk::Mutex;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Thread;
 
 /// Attributes that no reading gives, to see what it writes.
@@ -201,10 +202,10 @@ TEST(ThreadCallerSchedAttrs, minusOneCountsAsANiceValueWhateverErrnoWasBefore) {
 }
 
 TEST(ThreadCallerSchedAttrs, successLeavesAPendingChainAlone) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Attr attributes;
     EXPECT_FALSE(Thread::getCallerSchedAttrs(attributes));
-    EXPECT_TRUE(chainIs({{SysError, 18}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}}));
 }
 
 // ---- failures ----
@@ -213,12 +214,12 @@ TEST(ThreadCallerSchedAttrs, policyThatTheLibraryDoesNotKnowIsNoop) {
     inThread(
         "SCHED_BATCH", [] { return setPolicy(SCHED_BATCH, 0); },
         [] {
-            std::ErrorOutput("older", 1, true)(SysError, 18);
+            std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
             Attr attributes = makeMarked();
             EXPECT_TRUE(Thread::getCallerSchedAttrs(attributes));
             expectFailed(attributes);
             EXPECT_TRUE(chainIs(
-                {{Thread::Error, 2,
+                {{Thread::ErrorId::SCHEDULING_FAILED,
                   "getting/setting Thread priority/scheduling parameters failed: read unexpected policy from "
                   "thread"}}));
         });
@@ -227,7 +228,7 @@ TEST(ThreadCallerSchedAttrs, policyThatTheLibraryDoesNotKnowIsNoop) {
 class ThreadPolicyErrors : public testing::TestWithParam<int> {};
 
 TEST_P(ThreadPolicyErrors, areUnclassified) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Attr attributes = makeMarked();
     {
         Fault const fault(inject_pthread_getschedparam, GetParam());
@@ -236,7 +237,8 @@ TEST_P(ThreadPolicyErrors, areUnclassified) {
         EXPECT_EQ(0, nice.getCalls());
     }
     expectFailed(attributes);
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam()))}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(GetParam()))}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ThreadPolicyErrors, testing::Values(ESRCH, EPERM, EINVAL, ENOSYS));
@@ -244,14 +246,15 @@ INSTANTIATE_TEST_SUITE_P(All, ThreadPolicyErrors, testing::Values(ESRCH, EPERM, 
 class ThreadNiceErrors : public testing::TestWithParam<int> {};
 
 TEST_P(ThreadNiceErrors, areUnclassified) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Attr attributes = makeMarked();
     {
         Fault const fault(inject_getpriority, GetParam());
         EXPECT_TRUE(Thread::getCallerSchedAttrs(attributes));
     }
     expectFailed(attributes);
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(GetParam()))}}));
+    EXPECT_TRUE(
+        chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(GetParam()))}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ThreadNiceErrors, testing::Values(ESRCH, EINVAL, EACCES, EPERM));
@@ -400,12 +403,13 @@ INSTANTIATE_TEST_SUITE_P(
         VESK_SCHED_CLASS_ABOVE_NORMAL, VESK_SCHED_CLASS_HIGH, VESK_SCHED_CLASS_REALTIME, 11, -1));
 
 TEST(ThreadCreationSched, priorityOutOfRangeIsAnInvalidParameter) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Thread const thread(doNothing, nullptr, nullptr, makeAttr(VESK_SCHED_POLICY_RR, 1000), false);
     EXPECT_FALSE(thread.isValid());
     EXPECT_TRUE(chainIs(
-        {{SysError, 8, rowText(SysError, 8, systemText(EINVAL))},
-         {Thread::Error, 0, "Thread creation failed: setting scheduling attributes failed"}}));
+        {{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, systemText(EINVAL))},
+         {Thread::Error, Thread::ErrorId::CREATE_FAILED,
+          "Thread creation failed: setting scheduling attributes failed"}}));
 }
 
 struct CreationRow {
@@ -430,7 +434,7 @@ Policy_E policyThatNeeds(CreationRow const& row) {
 
 TEST_P(ThreadCreationSchedRows, leaveAnInvalidObject) {
     CreationRow const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Fault const fault(*row.function, row.error, row.nth);
     Thread const thread(doNothing, nullptr, "name", makeAttr(policyThatNeeds(row), 0, 0), false);
     EXPECT_FALSE(thread.isValid());
@@ -438,7 +442,8 @@ TEST_P(ThreadCreationSchedRows, leaveAnInvalidObject) {
     EXPECT_EQ(row.nth, fault.getCalls());
     EXPECT_TRUE(chainIs(
         {{SysError, row.id, rowText(SysError, row.id, systemText(row.error))},
-         {Thread::Error, 0, std::string("Thread creation failed: ") + row.text}}));
+         {Thread::Error, Thread::ErrorId::CREATE_FAILED,
+          std::string("Thread creation failed: ") + row.text}}));
 }
 
 constexpr char const* NO_INHERITANCE = "setting scheduler inheritance failed";
@@ -472,7 +477,7 @@ class ThreadCreationFallbacks : public testing::TestWithParam<FallbackRow> {};
 
 TEST_P(ThreadCreationFallbacks, inheritWithoutAReport) {
     FallbackRow const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Seen seen;
     {
         Fault const inheritances(inject_pthread_attr_setinheritsched, 0);
@@ -483,7 +488,7 @@ TEST_P(ThreadCreationFallbacks, inheritWithoutAReport) {
         runToEnd(thread);
     }
     expectSeen(seen, SCHED_OTHER, 0);
-    EXPECT_TRUE(chainIs({{SysError, 18}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -644,7 +649,7 @@ TEST(ThreadOlderConstructor, canDetach) {
     Thread thread(run, &body, "older", true, 5, 0, true);
     EXPECT_FALSE(thread.start());
     EXPECT_TRUE(thread.join());
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
     EXPECT_TRUE(done.wait());
     EXPECT_TRUE(eventually([before] { return support::countThreads() == before; }));
 }
@@ -696,8 +701,9 @@ TEST(ThreadWithoutRights, settingARealTimePolicyIsRefused) {
         Thread thread(doNothing, nullptr);
         EXPECT_TRUE(thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_RR, 1)));
         EXPECT_TRUE(chainIs(
-            {{SysError, 19, rowText(SysError, 19, systemText(EPERM))},
-             {Thread::Error, 2, rowText(Thread::Error, 2, "setting scheduling policy/parameter failed")}}));
+            {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EPERM))},
+             {Thread::Error, Thread::ErrorId::SCHEDULING_FAILED,
+              rowText(Thread::ErrorId::SCHEDULING_FAILED, "setting scheduling policy/parameter failed")}}));
         EXPECT_EQ(SCHED_OTHER, sched_getscheduler(0));
     });
 }
@@ -715,7 +721,9 @@ TEST(ThreadWithoutRights, loweringANiceValueIsRefused) {
         EXPECT_TRUE(ready.wait());
         EXPECT_TRUE(thread.setPriority(getpriority(PRIO_PROCESS, 0) - 1));
         // The system tells it as EACCES, which is not the row of missing privileges.
-        EXPECT_TRUE(chainIs({{Thread::Error, 2, rowText(Thread::Error, 2, systemText(EACCES))}}));
+        EXPECT_TRUE(chainIs(
+            {{Thread::ErrorId::SCHEDULING_FAILED,
+              rowText(Thread::ErrorId::SCHEDULING_FAILED, systemText(EACCES))}}));
         go.set();
         EXPECT_FALSE(thread.join());
     });
@@ -738,8 +746,9 @@ TEST(ThreadWithoutRights, raisingARealTimePriorityIsRefused) {
         EXPECT_EQ(0, setuid(65534));
         EXPECT_TRUE(thread.setPriority(2));
         EXPECT_TRUE(chainIs(
-            {{SysError, 7, rowText(SysError, 7, systemText(EPERM))},
-             {Thread::Error, 2, rowText(Thread::Error, 2, "insufficient privileges")}}));
+            {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EPERM))},
+             {Thread::Error, Thread::ErrorId::SCHEDULING_FAILED,
+              rowText(Thread::ErrorId::SCHEDULING_FAILED, "insufficient privileges")}}));
         EXPECT_EQ(1, thread.getPriority());
         go.set();
         EXPECT_FALSE(thread.join());
@@ -848,9 +857,9 @@ TEST_F(ThreadRunning, noopAsksTheSystemForNothing) {
 class ThreadRunningClasses : public ThreadRunning, public testing::WithParamInterface<int> {};
 
 TEST_P(ThreadRunningClasses, areRefused) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_TRUE(m_thread.setSchedAttrs(makeAttr(static_cast<Policy_E>(GetParam()), 1, 1)));
-    EXPECT_TRUE(chainIs({{Thread::Error, 2, textOfError2("unexpected policy")}}));
+    EXPECT_TRUE(chainIs({{Thread::ErrorId::SCHEDULING_FAILED, textOfError2("unexpected policy")}}));
     expectKernel(SCHED_OTHER, 0, m_nice);
 }
 
@@ -875,7 +884,7 @@ class ThreadSetSchedAttrsRows : public ThreadRunning, public testing::WithParamI
 
 TEST_P(ThreadSetSchedAttrsRows, areUnclassified) {
     SetRow const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(*row.function, row.error);
         Fault const writes(inject_setpriority, row.function == &inject_setpriority ? row.error : 0);
@@ -883,8 +892,8 @@ TEST_P(ThreadSetSchedAttrsRows, areUnclassified) {
         EXPECT_EQ(row.function == &inject_setpriority ? 1 : 0, writes.getCalls());
     }
     EXPECT_TRUE(chainIs(
-        {{SysError, 19, rowText(SysError, 19, systemText(row.error))},
-         {Thread::Error, 2, textOfError2(NOT_SET)}}));
+        {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(row.error))},
+         {Thread::Error, Thread::ErrorId::SCHEDULING_FAILED, textOfError2(NOT_SET)}}));
     expectKernel(SCHED_OTHER, 0, m_nice);
 }
 
@@ -901,7 +910,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(ThreadRunning, keepOnATimeSharingThreadIsRefusedWithAPriority) {
     EXPECT_TRUE(m_thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_KEEP, 1, 0)));
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EINVAL))}, {Thread::Error, 2}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EINVAL))},
+         {Thread::Error, Thread::ErrorId::SCHEDULING_FAILED}}));
     EXPECT_FALSE(m_thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_KEEP, 0, 0)));
 }
 
@@ -940,7 +951,7 @@ TEST_F(ThreadRunning, priorityIsThatOfTheRealTimePolicy) {
 TEST_F(ThreadRunning, priorityOutOfRangeIsRefusedByTheSystem) {
     SKIP_UNLESS_REAL_TIME(SCHED_FIFO, 1);
     EXPECT_TRUE(m_thread.setPriority(1000));
-    EXPECT_TRUE(chainIs({{Thread::Error, 2, textOfError2(systemText(EINVAL))}}));
+    EXPECT_TRUE(chainIs({{Thread::ErrorId::SCHEDULING_FAILED, textOfError2(systemText(EINVAL))}}));
     EXPECT_EQ(1, m_thread.getPriority());
 }
 
@@ -948,11 +959,13 @@ TEST_F(ThreadRunning, priorityOfAnUnknownPolicyIsNeitherSetNorRead) {
     if (!makeRealTime(SCHED_BATCH, 0)) {
         GTEST_SKIP() << "no SCHED_BATCH here";
     }
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_TRUE(m_thread.setPriority(1));
-    EXPECT_TRUE(chainIs({{Thread::Error, 2, textOfError2("read unexpected policy from thread")}}));
+    EXPECT_TRUE(
+        chainIs({{Thread::ErrorId::SCHEDULING_FAILED, textOfError2("read unexpected policy from thread")}}));
     EXPECT_EQ(std::numeric_limits<int>::min(), m_thread.getPriority());
-    EXPECT_TRUE(chainIs({{Thread::Error, 2, textOfError2("read unexpected policy from thread")}}));
+    EXPECT_TRUE(
+        chainIs({{Thread::ErrorId::SCHEDULING_FAILED, textOfError2("read unexpected policy from thread")}}));
     Attr attributes = makeMarked();
     EXPECT_TRUE(m_thread.getSchedAttrs(attributes));
     expectFailed(attributes);
@@ -964,12 +977,12 @@ TEST_F(ThreadRunning, priorityThatCannotBeReadIsTheLowestInteger) {
         Fault const fault(inject_pthread_getschedparam, EPERM);
         EXPECT_EQ(-2147483647 - 1, m_thread.getPriority());
     }
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EPERM))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EPERM))}}));
     {
         Fault const fault(inject_getpriority, EACCES);
         EXPECT_EQ(-2147483647 - 1, m_thread.getPriority());
     }
-    EXPECT_TRUE(chainIs({{SysError, 19, rowText(SysError, 19, systemText(EACCES))}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EACCES))}}));
 }
 
 TEST_F(ThreadRunning, setPriorityThatCannotLockOrUnlockDoesNothing) {
@@ -981,17 +994,19 @@ TEST_F(ThreadRunning, setPriorityThatCannotLockOrUnlockDoesNothing) {
         }
         EXPECT_EQ(0, reads.getCalls());
         EXPECT_TRUE(chainIs(
-            {{Mutex::Error, 3, rowText(Mutex::Error, 3, systemText(EINVAL))},
-             {Thread::Error, 2, textOfError2(systemText(EINVAL))}}));
+            {{Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(EINVAL))},
+             {Thread::Error, Thread::ErrorId::SCHEDULING_FAILED, textOfError2(systemText(EINVAL))}}));
     }
     expectKernel(SCHED_OTHER, 0, m_nice);
 }
 
 TEST_F(ThreadRunning, setPriorityThatCannotReadThePolicyReportsOnTop) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     Fault const fault(inject_pthread_getschedparam, ESRCH);
     EXPECT_TRUE(m_thread.setPriority(19));
-    EXPECT_TRUE(chainIs({{SysError, 18}, {Thread::Error, 2, textOfError2(systemText(ESRCH))}}));
+    EXPECT_TRUE(chainIs(
+        {{SysErrorId::NO_SUCH_PROCESS},
+         {Thread::Error, Thread::ErrorId::SCHEDULING_FAILED, textOfError2(systemText(ESRCH))}}));
     expectKernel(SCHED_OTHER, 0, m_nice);
 }
 
@@ -1002,17 +1017,17 @@ TEST_P(ThreadSetPriorityRows, report) {
     if (row.policy == VESK_SCHED_POLICY_RR) {
         SKIP_UNLESS_REAL_TIME(SCHED_RR, 1);
     }
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(*row.function, row.error);
         EXPECT_TRUE(m_thread.setPriority(2));
     }
     if (row.error == EPERM) {
         EXPECT_TRUE(chainIs(
-            {{SysError, 7, rowText(SysError, 7, systemText(EPERM))},
-             {Thread::Error, 2, textOfError2("insufficient privileges")}}));
+            {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EPERM))},
+             {Thread::Error, Thread::ErrorId::SCHEDULING_FAILED, textOfError2("insufficient privileges")}}));
     } else {
-        EXPECT_TRUE(chainIs({{Thread::Error, 2, textOfError2(systemText(row.error))}}));
+        EXPECT_TRUE(chainIs({{Thread::ErrorId::SCHEDULING_FAILED, textOfError2(systemText(row.error))}}));
     }
     EXPECT_EQ(row.policy == VESK_SCHED_POLICY_RR ? 1 : m_nice, m_thread.getPriority());
 }
@@ -1043,8 +1058,9 @@ void expectGone(Thread& thread) {
     Fault const reads(inject_pthread_getschedparam, 0);
     Fault const writes(inject_pthread_setschedparam, 0);
     Fault const nices(inject_setpriority, 0);
-    ExpectedReport const cause(SysError, 19, rowText(SysError, 19, systemText(ESRCH)));
-    ExpectedReport const not_set(Thread::Error, 2, textOfError2(NOT_SET));
+    ExpectedReport const cause(
+        SysError, SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(ESRCH)));
+    ExpectedReport const not_set(Thread::Error, Thread::ErrorId::SCHEDULING_FAILED, textOfError2(NOT_SET));
     for (Policy_E const policy :
          {VESK_SCHED_POLICY_KEEP, VESK_SCHED_POLICY_RR, VESK_SCHED_POLICY_FIFO, VESK_SCHED_POLICY_NORMAL}) {
         EXPECT_TRUE(thread.setSchedAttrs(makeAttr(policy, 1, 19)));
@@ -1081,7 +1097,7 @@ TEST_F(ThreadRunning, nothingIsSetOnceADetachedOneIsGone) {
     EXPECT_FALSE(next.start());
     expectGone(thread);
     EXPECT_TRUE(thread.setPriority(19));
-    EXPECT_TRUE(chainIs({{Thread::Error, 2, textOfError2(systemText(ESRCH))}}));
+    EXPECT_TRUE(chainIs({{Thread::ErrorId::SCHEDULING_FAILED, textOfError2(systemText(ESRCH))}}));
     EXPECT_EQ(m_nice, next.getPriority());
     go.set();
     EXPECT_FALSE(next.join());
@@ -1111,11 +1127,11 @@ TEST_F(ThreadRunning, operationsFightWithTheEndOfADetachedThread) {
         for (volatile int i = 0; i < round * 7919 % 50000; i = i + 1) {}
         ASSERT_TRUE(
             !thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_NORMAL, 0, m_nice)) ||
-            chainIs({{SysError, 19}, {Thread::Error, 2}}));
-        ASSERT_TRUE(!thread.getSchedAttrs(attributes) || chainIs({{SysError, 19}}));
-        ASSERT_TRUE(!thread.getCPUAffinity(processors) || chainIs({{SysError, 19}}));
-        ASSERT_TRUE(!thread.setCPUAffinity({}) || chainIs({{SysError, 19}}));
-        ASSERT_TRUE(!thread.setPriority(m_nice) || chainIs({{Thread::Error, 2}}));
+            chainIs({{SysErrorId::UNCLASSIFIED}, {Thread::Error, Thread::ErrorId::SCHEDULING_FAILED}}));
+        ASSERT_TRUE(!thread.getSchedAttrs(attributes) || chainIs({{SysErrorId::UNCLASSIFIED}}));
+        ASSERT_TRUE(!thread.getCPUAffinity(processors) || chainIs({{SysErrorId::UNCLASSIFIED}}));
+        ASSERT_TRUE(!thread.setCPUAffinity({}) || chainIs({{SysErrorId::UNCLASSIFIED}}));
+        ASSERT_TRUE(!thread.setPriority(m_nice) || chainIs({{Thread::ErrorId::SCHEDULING_FAILED}}));
     }
     EXPECT_EQ(m_nice, getpriority(PRIO_PROCESS, 0));
 }
@@ -1160,12 +1176,12 @@ class ThreadPriorityLimitRows : public testing::TestWithParam<LimitRow> {};
 
 TEST_P(ThreadPriorityLimitRows, report) {
     LimitRow const& row = GetParam();
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(*row.function, row.error);
         EXPECT_EQ(-2147483647 - 1, row.get());
     }
-    EXPECT_TRUE(chainIs({{Thread::Error, 2, textOfError2(systemText(row.error))}}));
+    EXPECT_TRUE(chainIs({{Thread::ErrorId::SCHEDULING_FAILED, textOfError2(systemText(row.error))}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(

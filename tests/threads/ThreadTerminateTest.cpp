@@ -27,6 +27,7 @@
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::Event;
 using support::eventually;
@@ -37,11 +38,14 @@ using vesk::Condition;
 using vesk::Mutex;
 using vesk::MutexLock;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Thread;
 using vesk::sched::Attr;
 
 testing::AssertionResult isRefused() {
-    return chainIs({{CommonError, 1, rowText(CommonError, 1, "Invalid state for termination request")}});
+    return chainIs(
+        {{CommonErrorId::CONTRACT_BROKEN,
+          rowText(CommonErrorId::CONTRACT_BROKEN, "Invalid state for termination request")}});
 }
 
 using Body = std::function<void()>;
@@ -104,9 +108,9 @@ TEST_F(ThreadTerminate, leavesNothingToBeJoined) {
     EXPECT_TRUE(ready.wait());
     EXPECT_FALSE(thread.terminate());
     EXPECT_TRUE(thread.join());
-    EXPECT_TRUE(chainIs({{CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
     EXPECT_EQ(-1, thread.joinTimeout(0));
-    EXPECT_TRUE(chainIs({{CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
     EXPECT_TRUE(eventually([before] { return support::countThreads() == before; }));
     EXPECT_FALSE(thread.wakeup());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
@@ -145,9 +149,9 @@ TEST_F(ThreadTerminate, isRefusedASecondTime) {
 
 TEST_F(ThreadTerminate, refusalReportsOnTopOfWhatIsPending) {
     Thread thread([](void*) {}, nullptr);
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_TRUE(thread.terminate());
-    EXPECT_TRUE(chainIs({{SysError, 18}, {CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}, {CommonErrorId::CONTRACT_BROKEN}}));
 }
 
 TEST_F(ThreadTerminate, isRefusedWhileItIsSuspended) {
@@ -485,7 +489,7 @@ TEST_F(ThreadTerminate, objectThatEndsWakesItsDetachedThread) {
             EXPECT_FALSE(self.load()->suspend(ms));
             EXPECT_TRUE(gone.wait());
             EXPECT_TRUE(self.load()->suspend(ms));
-            EXPECT_TRUE(chainIs({{CommonError, 1}}));
+            EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
             done.set();
         };
         auto thread = std::make_unique<Thread>(run, &body, nullptr, Attr(), true);
@@ -620,11 +624,11 @@ TEST_F(ThreadTerminate, fightsWithAJoinAndBothComeToAnEnd) {
         std::thread joiner([&] {
             if (round % 4 < 2) {
                 joined = !thread->join();
-                EXPECT_TRUE(joined || chainIs({{CommonError, 1}}));
+                EXPECT_TRUE(joined || chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
             } else {
                 signed char const result = thread->joinTimeout(round % 3);
                 joined = result == 0;
-                EXPECT_TRUE(result >= 0 || chainIs({{CommonError, 1}}));
+                EXPECT_TRUE(result >= 0 || chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
             }
         });
         linger(round);

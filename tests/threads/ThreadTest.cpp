@@ -63,6 +63,7 @@ VESK_INJECT_ERRNO(int, -1, sched_yield, (), ())
 namespace {
 
 using std::CommonError;
+namespace CommonErrorId = std::CommonErrorId;
 using support::chainIs;
 using support::ChildEnd;
 using support::Event;
@@ -74,13 +75,14 @@ using support::SetAtEnd;
 using support::systemText;
 using support::waitForCancellation;
 using vesk::SysError;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Thread;
 using vesk::sched::Attr;
 
 constexpr char const* INVALID_JOIN = "Invalid state for join, or tried to join the own thread";
 
 testing::AssertionResult isMisuse(char const* text) {
-    return chainIs({{CommonError, 1, rowText(CommonError, 1, text)}});
+    return chainIs({{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)}});
 }
 
 /// Any callable as a body.
@@ -141,14 +143,14 @@ TEST_F(ThreadTest, systemThreadExistsFromTheConstructorOn) {
 }
 
 TEST_F(ThreadTest, successLeavesAPendingErrorAlone) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Thread thread([](void*) {}, nullptr, "name");
         EXPECT_FALSE(thread.start());
         EXPECT_FALSE(thread.wakeup());
         EXPECT_FALSE(thread.join());
     }
-    EXPECT_TRUE(chainIs({{SysError, 18}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}}));
 }
 
 TEST_F(ThreadTest, startingTwiceFails) {
@@ -167,9 +169,9 @@ TEST_F(ThreadTest, startingTwiceFails) {
 TEST_F(ThreadTest, startInAWrongStateReportsOnTopOfWhatIsPending) {
     Thread thread([](void*) {}, nullptr);
     EXPECT_FALSE(thread.start());
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_TRUE(thread.start());
-    EXPECT_TRUE(chainIs({{SysError, 18}, {CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}, {CommonErrorId::CONTRACT_BROKEN}}));
     EXPECT_FALSE(thread.join());
 }
 
@@ -286,23 +288,23 @@ TEST_F(ThreadTest, withoutANameItHasThatOfItsCreator) {
 // ---- the store of errors ----
 
 TEST_F(ThreadTest, hasAStoreOfErrorsOfItsOwn) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     bool pending = true;
     Body body = [&pending] {
         pending = std::ErrorStorage::isError(false);
-        std::ErrorOutput("inner", 1, true)(SysError, 3);
+        std::ErrorOutput("inner", 1, true)(SysErrorId::NOT_A_DIRECTORY);
         std::ErrorStorage::ack();
     };
     Thread thread(run, &body);
     EXPECT_FALSE(thread.start());
     EXPECT_FALSE(thread.join());
     EXPECT_FALSE(pending);
-    EXPECT_TRUE(chainIs({{SysError, 18}}));
+    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}}));
 }
 
 void leaveError(void* unused) {
     (void)unused;
-    std::ErrorOutput("some/file", 12, true)(SysError, 13, "door");
+    std::ErrorOutput("some/file", 12, true)(SysErrorId::IN_USE, "door");
 }
 
 void leaveErrorAndExit(void* unused) {
@@ -327,7 +329,7 @@ void leaveErrorAndReturnCancelled(void* ready) {
 void replaceErrorWhenCancelled(void* ready) {
     leaveErrorAndReturnCancelled(ready);
     // Gives up the one before it, which is written out in the middle of a report.
-    std::ErrorOutput("other/file", 34, true)(SysError, 13);
+    std::ErrorOutput("other/file", 34, true)(SysErrorId::IN_USE);
     waitForCancellation();
 }
 
@@ -416,7 +418,7 @@ TEST_F(ThreadTest, joiningTwiceFails) {
     Thread thread([](void*) {}, nullptr);
     EXPECT_FALSE(thread.start());
     EXPECT_FALSE(thread.join());
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     EXPECT_TRUE(thread.join());
     EXPECT_TRUE(isMisuse(INVALID_JOIN));
     EXPECT_EQ(-1, thread.joinTimeout(0));
@@ -466,10 +468,11 @@ TEST_F(ThreadTest, timedJoinThatCannotReadTheClockFailsAndLeavesTheThreadToBeJoi
     EXPECT_FALSE(thread.start());
     {
         Fault const fault(inject_clock_gettime, EINVAL);
-        std::ErrorOutput("older", 1, true)(SysError, 18);
+        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
         EXPECT_EQ(-1, thread.joinTimeout(60000));
     }
-    EXPECT_TRUE(chainIs({{Thread::Error, 4, rowText(Thread::Error, 4, systemText(EINVAL))}}));
+    EXPECT_TRUE(
+        chainIs({{Thread::ErrorId::JOIN_FAILED, rowText(Thread::ErrorId::JOIN_FAILED, systemText(EINVAL))}}));
     EXPECT_FALSE(thread.join());
 }
 
@@ -832,10 +835,12 @@ TEST_F(ThreadTest, fifthExitHandlerFailsAndTheFirstFourStay) {
         EXPECT_FALSE(Thread::registerExitHandler(handleExit<2>));
         EXPECT_FALSE(Thread::registerExitHandler(handleExit<3>));
         EXPECT_FALSE(Thread::registerExitHandler(handleExit<4>));
-        std::ErrorOutput("older", 1, true)(SysError, 18);
+        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
         errno = ENOSPC; // The text is that of whatever failed last.
         EXPECT_TRUE(Thread::registerExitHandler(handleExit<5>));
-        EXPECT_TRUE(chainIs({{SysError, 0, rowText(SysError, 0, systemText(ENOSPC))}}));
+        EXPECT_TRUE(chainIs(
+            {{SysErrorId::RESOURCES_EXHAUSTED,
+              rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(ENOSPC))}}));
     };
     Thread thread(run, &body);
     EXPECT_FALSE(thread.start());
@@ -922,10 +927,12 @@ TEST_F(ThreadTest, exitHandlersOfTheMainThreadAreKeptAndNeverCalled) {
         EXPECT_FALSE(Thread::registerExitHandler(handleExit<2>));
         EXPECT_FALSE(Thread::registerExitHandler(handleExit<3>));
         EXPECT_FALSE(Thread::registerExitHandler(handleExit<4>));
-        std::ErrorOutput("older", 1, true)(SysError, 18);
+        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
         errno = EMFILE;
         EXPECT_TRUE(Thread::registerExitHandler(handleExit<5>));
-        EXPECT_TRUE(chainIs({{SysError, 0, rowText(SysError, 0, systemText(EMFILE))}}));
+        EXPECT_TRUE(chainIs(
+            {{SysErrorId::RESOURCES_EXHAUSTED,
+              rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EMFILE))}}));
         std::thread([] {
             EXPECT_TRUE(Thread::registerExitHandler(handleExit<1>));
             EXPECT_TRUE(isMisuse("calling thread is no VESK thread"));
@@ -994,12 +1001,12 @@ TEST_F(ThreadTest, yieldLetsOthersRun) {
 }
 
 TEST_F(ThreadTest, yieldThatFailsReports) {
-    std::ErrorOutput("older", 1, true)(SysError, 18);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(inject_sched_yield, ENOSYS);
         EXPECT_TRUE(Thread::yield());
     }
-    EXPECT_TRUE(chainIs({{Thread::Error, 3, "Thread yield failed: " + systemText(ENOSYS)}}));
+    EXPECT_TRUE(chainIs({{Thread::ErrorId::YIELD_FAILED, "Thread yield failed: " + systemText(ENOSYS)}}));
 }
 
 } // namespace

@@ -177,10 +177,11 @@ TEST(Timer, startWithZeroFailsAndARunningTimerKeepsRunning) {
     Clock clock;
     EXPECT_FALSE(clock.start(2, true));
     // Whatever is pending, this is a chain of its own.
-    std::ErrorOutput("test", 1, true)(std::CommonError, 0);
+    std::ErrorOutput("test", 1, true)(std::CommonErrorId::OUT_OF_MEMORY);
     EXPECT_TRUE(clock.start(0, false));
-    EXPECT_TRUE(
-        chainIs({{std::CommonError, 1, "Contract broken by the caller: zero tick interval specified"}}));
+    EXPECT_TRUE(chainIs(
+        {{std::CommonErrorId::CONTRACT_BROKEN,
+          "Contract broken by the caller: zero tick interval specified"}}));
     EXPECT_EQ(2U, clock.getInterval());
     EXPECT_TRUE(clock.isPeriodic());
     int const before = clock.count;
@@ -190,7 +191,7 @@ TEST(Timer, startWithZeroFailsAndARunningTimerKeepsRunning) {
 TEST(Timer, startWithZeroLeavesAStoppedTimerStopped) {
     Clock clock;
     EXPECT_TRUE(clock.start(0, true));
-    EXPECT_TRUE(chainIs({{std::CommonError, 1}}));
+    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
     EXPECT_FALSE(clock.isPeriodic());
     letPass(5);
     EXPECT_EQ(0, clock.count);

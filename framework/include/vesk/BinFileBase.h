@@ -87,7 +87,7 @@ public:
     virtual bool isValid() const;
 
     /// Closes the file (`close`, repeated while a signal interrupts it). A closed one is left alone, with success.
-    /// @return true on failure: `SysError` 10 for a descriptor that was not open and 18 for a process that is not there,
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` for a descriptor that was not open and 18 for a process that is not there,
     ///         the object being closed then; 11 for an input/output error and else 19, the object being open still
     virtual bool close();
 
@@ -118,23 +118,23 @@ public:
     /// Opens an entry of a directory (`openat`, repeated while a signal interrupts it), whatever became of the
     /// directory's own path. Use it on a closed object: it does not close, a descriptor that is open gets lost.
     /// @param name    one name, without `'/'`
-    /// @param follow  whether a symbolic link leads to its target, or is refused (`FileAccessError` 0)
+    /// @param follow  whether a symbolic link leads to its target, or is refused (`FileAccessErrorId::BAD_PATH`)
     /// @param flags   as for `open`
     /// @param access  as for `open`
-    /// @return true on failure: `CommonError` 4 for a name that is none, or an invalid directory; else as `open`
+    /// @return true on failure: `CommonErrorId::OPEN_FILE_OPERATION_FAILED` for a name that is none, or an invalid directory; else as `open`
     bool openAt(
         Directory const& dir, char const* name, bool follow, OpenFlags const& flags,
         FileAccess const& access);
 
     /// What the system knows of the open file (`fstat`).
-    /// @return invalid on failure: `CommonError` 1 if no file is open; `SysError` 11 for an input/output error, 10 for a
+    /// @return invalid on failure: `CommonErrorId::CONTRACT_BROKEN` if no file is open; `SysErrorId::INPUT_OUTPUT` for an input/output error, 10 for a
     ///         bad descriptor, 1 without memory, else 19
     FileInfo getFileInfo() const;
 
     /// Makes the file this long (`ftruncate`, repeated while a signal interrupts it): what is behind is dropped, what is
     /// missing reads as zeros. The position stays, and what a stream buffers is not looked at.
     /// @param size  in bytes, at most 2,147,483,647; more is refused as `EINVAL`
-    /// @return true on failure: `CommonError` 1 if no file is open; `SysError` 11 for an input/output error, 10 for a file
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if no file is open; `SysErrorId::INPUT_OUTPUT` for an input/output error, 10 for a file
     ///         that is not open for writing or has no size, 15 if it gets too large, 7 on a read-only file system, else 19
     bool truncateSize(unsigned int size);
 

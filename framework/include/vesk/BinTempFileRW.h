@@ -24,7 +24,7 @@ class VESK_API BinTempFileRW {
 public:
     /// Creates the file (`mkstemp`, begun anew when a signal interrupts it). `isValid` tells whether it worked.
     ///
-    /// Reports `SysError` 12 with `FileAccessError` 4 on top if no free name was found, 10 with 9 if the system refuses the
+    /// Reports `SysErrorId::FILE_EXISTS` with `FileAccessErrorId::ALREADY_EXISTS` on top if no free name was found, 10 with 9 if the system refuses the
     /// template, else what `handleOpenError` reports.
     /// @param prefix  how its path begins, directory included: six characters come behind. One that the locale cannot
     ///                express is refused like a bad address (`EFAULT`)

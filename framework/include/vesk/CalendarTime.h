@@ -85,19 +85,19 @@ public:
     /// force is found out. The object is not changed.
     ///
     /// The first hours of 1970 are negative results east of Greenwich, and no failure.
-    /// @return -1 for a year below 1970: `Error` 2. A date that `mktime` refuses gives -1000 without a report.
+    /// @return -1 for a year below 1970: `ErrorId::YEAR_OUT_OF_RANGE`. A date that `mktime` refuses gives -1000 without a report.
     long long getTimestamp() const;
 
     /// How far two dates are apart.
     /// @return milliseconds, at least 0, in either order. -1 on failure, which a date before the beginning of 1970, UTC,
-    ///         is: `Error` 2 as in `getTimestamp`, else `Error` 1. The latter is not reported while a chain of `Error` is
+    ///         is: `ErrorId::YEAR_OUT_OF_RANGE` as in `getTimestamp`, else `ErrorId::ASSEMBLY_FAILED`. The latter is not reported while a chain of `Error` is
     ///         pending already: acknowledge what you have handled.
     static long long getTimediff(CalendarTime const& a, CalendarTime const& b);
 
     /// Sets the clock of the system to this date (`mktime`, `clock_settime`), which needs the right to. The date counts
     /// as one without daylight saving, and its year is not checked.
-    /// @return true on failure: `Error` 1 if the fields make no date. If the system refuses: `SysError` 7 without the
-    ///         right, 8 for a time that it does not take, 10 for a bad address, else `Error` 0.
+    /// @return true on failure: `ErrorId::ASSEMBLY_FAILED` if the fields make no date. If the system refuses: `SysErrorId::PERMISSION_DENIED` without the
+    ///         right, 8 for a time that it does not take, 10 for a bad address, else `ErrorId::SET_DATE_FAILED`.
     bool changeDate();
 
     /// Stores all fields but the weekday, which stays.

@@ -42,7 +42,7 @@ public:
     ~Condition();
 
     /// Waits for a signal, with `mutex` held by the caller; it is let go of meanwhile (`pthread_cond_wait`).
-    /// @return true on failure: `SysError` 10, for another mutex than that of the first wait with the text "Using
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, for another mutex than that of the first wait with the text "Using
     ///         Condition with different Mutexes" (the binding and other waiters are not touched), else with the
     ///         result of the wait
     bool wait(Mutex& mutex);
@@ -55,7 +55,7 @@ public:
 
     /// Wakes one waiter (`pthread_cond_signal`). Does nothing, with success, if nobody ever waited. Does not block. The
     /// caller need not hold the mutex.
-    /// @return true on failure: `SysError` 10 for a broken condition, else 19, with the result as the argument
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` for a broken condition, else 19, with the result as the argument
     bool signal();
 
 private:

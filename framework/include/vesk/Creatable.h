@@ -18,7 +18,7 @@ class Creatable {
 public:
     /// What creating an object means for one of the same name.
     enum CreationStrategy : int {
-        CREATE_NEW = 0, ///< It is in the way: `FileAccessError` 4.
+        CREATE_NEW = 0, ///< It is in the way: `FileAccessErrorId::ALREADY_EXISTS`.
         /// It is opened as it stands, also if another user made it. Only for names that no other user can make, or whose
         /// owner and contents are checked afterwards.
         OPEN_OR_CREATE = 1,

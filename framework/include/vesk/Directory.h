@@ -51,7 +51,7 @@ public:
 
     /// The same for an entry of an open directory (`openat`), wherever that has been moved meanwhile.
     ///
-    /// Reports `CommonError` 1 for an empty name or one with a `/`, and for an invalid parent.
+    /// Reports `CommonErrorId::CONTRACT_BROKEN` for an empty name or one with a `/`, and for an invalid parent.
     /// @param parent  valid; at its end or not. It does not move, and need not stay.
     /// @param name    one component, not necessarily the current entry
     /// @param follow  whether a symbolic link is followed; otherwise it is refused as `ELOOP` or `ENOTDIR`
@@ -60,7 +60,7 @@ public:
     Directory(Directory const& parent, std::string const& name, bool follow, bool);
 
     /// Takes over a descriptor (`fdopendir`) and goes to the first entry. On failure of the former the descriptor stays
-    /// the caller's; reported without a path: `SysError` 7 for `EACCES`, 3 for `ENOTDIR`, 0 for `ENFILE` and
+    /// the caller's; reported without a path: `SysErrorId::PERMISSION_DENIED` for `EACCES`, 3 for `ENOTDIR`, 0 for `ENFILE` and
     /// `EMFILE`, 19 for others.
     /// @param handle  not null; only its `fd` is read, which is open for reading
     explicit Directory(DirectoryHandle const* handle);
@@ -91,15 +91,15 @@ public:
     DirectoryHandle const& getHandle() const noexcept { return m_handle; }
 
     /// Moves to the next entry (`readdir`). Ending the walk reports nothing, and may be asked for again. A failure
-    /// reports `SysError` 10 for `EBADF`, which is also the answer of a directory that could not be opened,
+    /// reports `SysErrorId::SPOILED_INTEGRITY` for `EBADF`, which is also the answer of a directory that could not be opened,
     /// `EOVERFLOW` (an entry that a 32-bit program has no numbers for) and `ENOENT`, 19 for others.
     /// @return 0: there is one; 1: there is none, and `atEnd`; -1: it failed, and `atEnd`
     int next();
 
     /// What the system tells about the current entry (`fstatat`).
     ///
-    /// Reports `SysError` 2 with `FileAccessError` 0 on top for `ENOENT` (the entry is gone, or a link leads nowhere),
-    /// `SysError` 10 for `EBADF`, `ENOTDIR` and `EINVAL`, 19 for others; `CommonError` 1 at the end.
+    /// Reports `SysErrorId::INVALID_PATH` with `FileAccessErrorId::BAD_PATH` on top for `ENOENT` (the entry is gone, or a link leads nowhere),
+    /// `SysErrorId::SPOILED_INTEGRITY` for `EBADF`, `ENOTDIR` and `EINVAL`, 19 for others; `CommonErrorId::CONTRACT_BROKEN` at the end.
     /// @param follow  whether a symbolic link stands for its target, or for itself
     /// @return invalid on failure
     FileInfo curInfo(bool follow) const;
@@ -107,7 +107,7 @@ public:
     /// Opens the current entry as a directory (`openat`, `fdopendir`).
     ///
     /// Reports `SysError` alone: 2 for `ENOENT`, `ENAMETOOLONG` and `ELOOP`, 7 for `EACCES`, 3 for `ENOTDIR`, 0 for
-    /// `ENFILE` and `EMFILE`, 19 for others; `CommonError` 1 at the end.
+    /// `ENFILE` and `EMFILE`, 19 for others; `CommonErrorId::CONTRACT_BROKEN` at the end.
     /// @param follow  whether a symbolic link is followed; otherwise it is refused as `ELOOP`
     /// @return invalid on failure
     ///

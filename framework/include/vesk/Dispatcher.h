@@ -147,10 +147,10 @@ public:
     ~VanillaNotifier() override;
 
     /// Returns at once if a signal is waiting, else with the next one. A wait that fails is reported by `Condition`
-    /// (`SysError` 10, left pending), and the waiting goes on.
+    /// (`SysErrorId::SPOILED_INTEGRITY`, left pending), and the waiting goes on.
     void wait() override;
 
-    /// Wakes one waiter. A failure is reported by `Condition` (`SysError` 10 or 19, left pending); the next `wait` takes
+    /// Wakes one waiter. A failure is reported by `Condition` (`SysErrorId::SPOILED_INTEGRITY` or 19, left pending); the next `wait` takes
     /// the signal all the same.
     void signal() override;
 

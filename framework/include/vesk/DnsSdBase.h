@@ -89,7 +89,7 @@ public:
     /// Nothing is refused or cut. An entry whose key and value have more than 254 bytes together gets the lower 8 bits of
     /// its length, so what follows cannot be read back; and a record of more than 65,535 bytes is none for the network. All
     /// entries together must be shorter than 4 GiB.
-    /// @return in memory of `std::Buf::DEFAULT_ALLOCATOR`; invalid with `std::CommonError` 0 pending if there is none
+    /// @return in memory of `std::Buf::DEFAULT_ALLOCATOR`; invalid with `std::CommonErrorId::OUT_OF_MEMORY` pending if there is none
     std::Buf data() const;
 };
 

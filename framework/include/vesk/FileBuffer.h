@@ -33,7 +33,7 @@ public:
     ///                positions. That, and null, goes to `std::GlobalErrorHandler::doAssert`.
     /// @param size    how much to read at once, in bytes; 0 stands for 1
     /// @param buffer  memory of that size, which stays the caller's, or null to have it allocated; without memory
-    ///                nothing can be read, and `CommonError` 0 is pending
+    ///                nothing can be read, and `CommonErrorId::OUT_OF_MEMORY` is pending
     FileBuffer(StreamBinFileR* in, unsigned int size, void const* buffer);
 
     /// Gives the memory back unless it is the caller's.
@@ -50,7 +50,7 @@ protected:
     int actuallyWrite(char const* buffer, unsigned int size, unsigned int& written) override;
 
     /// Moves the file's position. An offset that does not fit in 32 bits fails as a position beyond the limit does:
-    /// `SysError` 10 with the text of `EOVERFLOW`. 0 on success; on failure the report of the file's `seek` is pending. A way
+    /// `SysErrorId::SPOILED_INTEGRITY` with the text of `EOVERFLOW`. 0 on success; on failure the report of the file's `seek` is pending. A way
     /// that is none ends the process through `std::GlobalErrorHandler::doAbort`.
     int actuallySeek(long long offset, std::ios_base::seekdir way, std::streampos& result) override;
 

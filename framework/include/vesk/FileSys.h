@@ -34,15 +34,15 @@ public:
     ///
     ///     if (vesk::FileSys::copy(source, destination, 65536, nullptr)) { ... }
     ///
-    /// It never overwrites: a destination that exists, also the source itself, is refused with `FileAccessError` 4 and
+    /// It never overwrites: a destination that exists, also the source itself, is refused with `FileAccessErrorId::ALREADY_EXISTS` and
     /// stays as it was. A failure on the way leaves on the disk what was written until then. A file that cannot be closed
     /// or brought to the medium at the end is no failure of the call but ends the process (`GlobalErrorHandler::doAbort`).
     ///
     /// Allocates the buffer if it is to, and nothing else.
     ///
     /// @param source       an empty path fails without a report, as it does for the destination
-    /// @param buffer_size  bytes to copy at a time; 0 is refused with `CommonError` 1
-    /// @param buffer       room for as many bytes; null: memory for the time of the call (`CommonError` 0 if there is none)
+    /// @param buffer_size  bytes to copy at a time; 0 is refused with `CommonErrorId::CONTRACT_BROKEN`
+    /// @param buffer       room for as many bytes; null: memory for the time of the call (`CommonErrorId::OUT_OF_MEMORY` if there is none)
     /// @return true on failure: besides these, what `handleOpenError` reports of an open that fails, and a row of `SysError`
     ///         with one of `StreamError` on top for a read or a write that fails (a full file system: 15 and 1)
     static bool copy(
@@ -51,7 +51,7 @@ public:
 
     /// Whether there is something at a path.
     ///
-    /// Reports `SysError` and `FileAccessError` 7 and 3 without the right to search the directories above, 11 and 8 for an
+    /// Reports `SysError` and `FileAccessErrorId::NO_SPACE` and 3 without the right to search the directories above, 11 and 8 for an
     /// error of the device, 2 and 0 for a name that is too long or a loop of links; alone 1 without memory, 10 for a bad
     /// address, 19 for anything else.
     /// @param follow  true asks for what a symbolic link leads to (`stat`), false for the link itself (`lstat`)
@@ -61,21 +61,21 @@ public:
 
     /// Creates a directory for its owner alone, 0700 less the umask (`mkdir`).
     ///
-    /// Reports `SysError` and `FileAccessError` 7 and 3 without the right to, 2 and 0 for a bad path, 12 and 4 if
+    /// Reports `SysError` and `FileAccessErrorId::NO_SPACE` and 3 without the right to, 2 and 0 for a bad path, 12 and 4 if
     /// something is there, 0 and 9 if the directory above has its fill of others, 19 and 9 for anything else.
     /// @return true on failure
     static bool createDir(char const* path);
 
     /// Removes a name of a file, which goes with its last one, or a symbolic link (`unlink`).
     ///
-    /// Reports `SysError` and `FileAccessError` 7 and 3 without the right to, 2 and 0 for a bad path, 13 and 5 if it is
+    /// Reports `SysError` and `FileAccessErrorId::NO_SPACE` and 3 without the right to, 2 and 0 for a bad path, 13 and 5 if it is
     /// in use, 2 and 2 for a directory, 10 and 9 for a bad address, 1 alone without memory, 19 and 9 for anything else.
     /// @return true on failure
     static bool removeFile(char const* path);
 
     /// Removes an empty directory (`rmdir`).
     ///
-    /// Reports as `removeFile` does, and `SysError` 14 with `FileAccessError` 5 for a directory that is not empty.
+    /// Reports as `removeFile` does, and `SysErrorId::DIRECTORY_NOT_EMPTY` with `FileAccessErrorId::BUSY` for a directory that is not empty.
     /// @return true on failure
     static bool removeDir(char const* path);
 
@@ -83,7 +83,7 @@ public:
     /// one stroke. To another file system nothing is copied, and the source stays.
     ///
     /// The system does not tell which of the two it refused, so both are the path of the report: "a or b". Reports
-    /// `SysError` and `FileAccessError` 7 and 3 without the right to, 2 and 0 for a bad path, 11 and 8 for an error of the
+    /// `SysError` and `FileAccessErrorId::NO_SPACE` and 3 without the right to, 2 and 0 for a bad path, 11 and 8 for an error of the
     /// device, 13 and 5 if one is in use or a directory at the destination is not empty, 6 and 9 between two file systems,
     /// 15 and 7 without space, 0 and 9 if a directory has its fill of others, 19 and 9 for anything else.
     /// @return true on failure
@@ -91,7 +91,7 @@ public:
 
     /// The absolute path of the working directory (`getcwd`).
     ///
-    /// Reports `SysError` 2 if the directory has been removed, 1 without memory, 7 if a directory above it cannot be read,
+    /// Reports `SysErrorId::INVALID_PATH` if the directory has been removed, 1 without memory, 7 if a directory above it cannot be read,
     /// 10 if the path has more than 4,095 bytes, 19 for anything else; all of them alone.
     /// @param result  takes the path; stays as it is on failure
     /// @return true on failure
@@ -99,7 +99,7 @@ public:
 
     /// Changes the working directory, of all threads (`chdir`).
     ///
-    /// Reports `SysError` and `FileAccessError` 2 and 3 for a bad path, 7 and 3 without the right to, 3 and 1 for what is
+    /// Reports `SysError` and `FileAccessErrorId::IS_A_DIRECTORY` and 3 for a bad path, 7 and 3 without the right to, 3 and 1 for what is
     /// no directory, 11 and 8 for an error of the device, 10 and 9 for a bad address, 19 and 9 for anything else.
     /// @return true on failure
     static bool changeWD(char const* path);
@@ -114,7 +114,7 @@ public:
     /// The longest name that the file system of a path allows (`statvfs`, on 32-bit systems `statvfs64`; tried again when
     /// a signal interrupts it).
     ///
-    /// Reports `SysError` and `FileAccessError` 2 and 0 for a bad path, 7 and 3 without the right to search the
+    /// Reports `SysError` and `FileAccessErrorId::IS_A_DIRECTORY` and 0 for a bad path, 7 and 3 without the right to search the
     /// directories above, 11 and 9 for an error of the device, 19 and 9 for anything else.
     /// @param length  in bytes, without a NUL; 0 on failure
     /// @return true on failure
@@ -133,7 +133,7 @@ public:
     ///     unsigned int size = sizeof target;
     ///     if (!vesk::FileSys::readLink("/proc/self/exe", target, size)) { ... } // `size` is the length now.
     ///
-    /// Reports `SysError` and `FileAccessError` 2 and 0 for a bad path or what is no link, 7 and 3 without the right to
+    /// Reports `SysError` and `FileAccessErrorId::IS_A_DIRECTORY` and 0 for a bad path or what is no link, 7 and 3 without the right to
     /// search the directories above, 11 and 8 for an error of the device, 19 and 9 for anything else.
     /// @param buffer  takes the target with a NUL behind it; the empty text on failure; not null
     /// @param size    in: the bytes of the buffer, at least 2, and never 0: the call would take that for the largest of all
@@ -154,7 +154,7 @@ public:
     /// Sets the access of a file or directory, of what a symbolic link leads to (`chmod`, tried again when a signal
     /// interrupts it).
     ///
-    /// Reports `SysError` and `FileAccessError` 7 and 3 without the right to, 2 and 0 for a bad path, 11 and 8 for an error
+    /// Reports `SysError` and `FileAccessErrorId::NO_SPACE` and 3 without the right to, 2 and 0 for a bad path, 11 and 8 for an error
     /// of the device, 10 and 9 for a bad address or argument, 1 alone without memory, 19 and 9 for anything else.
     /// @param access  only what `FileAccess::mask` has counts
     /// @return true on failure

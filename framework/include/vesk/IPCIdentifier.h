@@ -17,8 +17,8 @@ namespace vesk {
 /// @param result  gets the system's name. On failure it has the part of it before the "/", or as much as fits; for a
 ///                null name or a `size` of 0 it is left alone
 /// @param size    bytes at `result`, with room for the terminating NUL; never 1
-/// @return true on failure: `CommonError` 5 if `name` or `result` is null, `size` is 0, or there is a "/" in the name;
-///         `CommonError` 3 if it is too long
+/// @return true on failure: `CommonErrorId::INVALID_ARGUMENT` if `name` or `result` is null, `size` is 0, or there is a "/" in the name;
+///         `CommonErrorId::UNSUPPORTED_VALUE` if it is too long
 VESK_API bool transformToIPCIdentifier(char const* name, char* result, unsigned int size);
 
 /// The size of the buffers for system names, so a client's name has at most 254 characters.

@@ -54,7 +54,7 @@ public:
         /// The binary form. A host that is not empty goes through the resolver, and `host` becomes the first result, in
         /// numeric form, also if what comes then fails. May block as long as the resolver does. All forms that the system takes
         /// for numeric are, "127.1" among them.
-        /// @return true on failure: what `IPResolver` reported; `CommonError` 5 if the name has no address of this version;
+        /// @return true on failure: what `IPResolver` reported; `CommonErrorId::INVALID_ARGUMENT` if the name has no address of this version;
         ///         no report if the system contradicts itself
         bool getBinary(sockaddr_in& out);
         bool getBinary(sockaddr_in6& out);
@@ -84,8 +84,8 @@ public:
     /// the system takes, replace the results of the one before, and give how many there are in the system's order: 0 for a
     /// name or an address that has none, which is not reported, and -1 on failure, with no results.
     ///
-    /// They report `SysError` 1 without memory; `Socket::Error` 9 for a resolver that does not answer, and for arguments
-    /// that it refuses; `SysError` 10 for a name that is too long; else `SysError` 19. The argument is the resolver's own
+    /// They report `SysErrorId::OUT_OF_MEMORY` without memory; `Socket::ErrorId::RESOLVE_FAILED` for a resolver that does not answer, and for arguments
+    /// that it refuses; `SysErrorId::SPOILED_INTEGRITY` for a name that is too long; else `SysErrorId::UNCLASSIFIED`. The argument is the resolver's own
     /// text (`gai_strerror`), or that of `errno` where it names the system as the reason.
     class VESK_API IPResolver : private tarnbase::NonCopyable {
     public:
@@ -148,8 +148,8 @@ public:
     /// Sends what the stream still holds, calls `closing`, and closes the descriptor (`close`, repeated while a signal
     /// interrupts it). Neither unsent data nor `closing` nor the shutdown can stop it: afterwards the socket is `DEAD`.
     /// @param do_shutdown  whether to end the connection also for other descriptors of it (`shutdown`)
-    /// @return true on failure: `CommonError` 1 for a socket that is `DEAD` already; what the system says of the `close`:
-    ///         `SysError` 10, or no report for a descriptor that was not open, as of a subclass that never made one
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is `DEAD` already; what the system says of the `close`:
+    ///         `SysErrorId::SPOILED_INTEGRITY`, or no report for a descriptor that was not open, as of a subclass that never made one
     bool close(bool do_shutdown);
 
     /// Ask the system for the address that an open socket has (`getsockname`), or that its peer has (`getpeername`). The
@@ -159,7 +159,7 @@ public:
     void updatePeerAddress();
 
     /// The name of this machine (`gethostname`). Callable from any thread.
-    /// @return true on failure, the name being untouched: `CommonError` 0 without memory; `SysError` 10 for a name of more
+    /// @return true on failure, the name being untouched: `CommonErrorId::OUT_OF_MEMORY` without memory; `SysErrorId::SPOILED_INTEGRITY` for a name of more
     ///         than 63 bytes, else 19
     static bool getHostname(std::string& name);
 

@@ -21,7 +21,7 @@ public:
     MemBinFileBase() = default;
 
     /// Takes all mappings down, the lowest first, and closes the file, whatever became of them.
-    /// @return true on failure: `SysError` 10 of a mapping, or what `BinFileBase::close` reported; of several failures the
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` of a mapping, or what `BinFileBase::close` reported; of several failures the
     ///         last one is pending. The mappings are given up in any case
     bool close() override;
 
@@ -37,7 +37,7 @@ public:
 
     /// Takes one mapping down.
     /// @param mapping  what `addMapping` of this object gave
-    /// @return true on failure: `CommonError` 1 for one that it does not have; else what `MemMapping::destroy` reported,
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for one that it does not have; else what `MemMapping::destroy` reported,
     ///         the file having given it up
     bool removeMapping(MemMapping const& mapping);
 

@@ -58,10 +58,10 @@ public:
 
     /// Maps a part of an object (`mmap`, shared). `isValid` tells whether it worked.
     ///
-    /// Reports `SysError` 10 for what is not open or cannot be mapped so, 1 if it does not fit into memory, 7 if the
+    /// Reports `SysErrorId::SPOILED_INTEGRITY` for what is not open or cannot be mapped so, 1 if it does not fit into memory, 7 if the
     /// descriptor was not opened for this access, 6 if the device has no mappings, 8 for a `length` of 0 or an `offset`
-    /// that is no multiple of the page size, 0 without descriptors, else 19. For a ring buffer also `CommonError` 1 for a
-    /// `length` that is no multiple of the page size, and `SysError` 6 if there is no range of twice the `length`. A ring
+    /// that is no multiple of the page size, 0 without descriptors, else 19. For a ring buffer also `CommonErrorId::CONTRACT_BROKEN` for a
+    /// `length` that is no multiple of the page size, and `SysErrorId::NOT_IMPLEMENTED` if there is no range of twice the `length`. A ring
     /// buffer that is refused by the object itself leaves that range taken until the process ends.
     /// @param fd          the object, which the caller may close afterwards
     /// @param flags       what the bytes are for
@@ -75,13 +75,13 @@ public:
 
     /// Takes the mapping down (`munmap`); its size is 0 then. All copies of the object name an address that is not valid
     /// from then on. A mapping that could not be made is left alone, with success.
-    /// @return true on failure: `SysError` 10, the object being as before. A second call fails in this way
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, the object being as before. A second call fails in this way
     bool destroy();
 
     /// Waits until what was written is in the file (`msync`).
     /// @param length  bytes
     /// @param offset  from the start of the mapping, a multiple of the page size
-    /// @return true on failure: `SysError` 10 for pages that are locked, 8 for a range that is not mapped or does not begin
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` for pages that are locked, 8 for a range that is not mapped or does not begin
     ///         with a page, else 19
     bool sync(unsigned int length, unsigned int offset);
 

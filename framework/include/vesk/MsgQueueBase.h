@@ -33,7 +33,7 @@ public:
 
     /// Closes the queue (`mq_close`, repeated while a signal interrupts it). On a closed object it does nothing, with
     /// success.
-    /// @return true on failure: `SysError` 10, on top of what is pending. The object stays open, unless the system does
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, on top of what is pending. The object stays open, unless the system does
     ///         not know its descriptor
     virtual bool close();
 
@@ -44,24 +44,24 @@ public:
     /// a signal interrupts it).
     /// @param message  `size` is the room at `buffer`, at least `maxMsgSize()`, and is set to the bytes received. It is
     ///                 untouched on failure
-    /// @return true on failure: `SysError` 8 if the buffer is too small, whatever the message's size; else 10, also on a
+    /// @return true on failure: `SysErrorId::INVALID_PARAMETER` if the buffer is too small, whatever the message's size; else 10, also on a
     ///         closed object
     bool readMsg(Message* message);
 
     /// Puts a message into the queue, and waits for room if need be (`mq_send`, repeated while a signal interrupts it).
-    /// @return true on failure: `SysError` 8 if it is larger than `maxMsgSize()`; else 10, also for a priority that is too
+    /// @return true on failure: `SysErrorId::INVALID_PARAMETER` if it is larger than `maxMsgSize()`; else 10, also for a priority that is too
     ///         high and on a closed object
     bool writeMsg(Message const* message);
 
     /// As `readMsg`, but waits no longer than `timeout` milliseconds (`mq_timedreceive`). The time runs on the wall clock:
     /// setting that moves the end. With 0, or less, it does not wait.
-    /// @return 0 received; 1 timed out, nothing is reported; -1 on failure: as `readMsg`, and `SysError` 19 if the clock
+    /// @return 0 received; 1 timed out, nothing is reported; -1 on failure: as `readMsg`, and `SysErrorId::UNCLASSIFIED` if the clock
     ///         cannot be read
     signed char readMsgTimeout(Message* message, long long const& timeout);
 
     /// As `writeMsg`, but waits no longer than `timeout` milliseconds (`mq_timedsend`), counted as in `readMsgTimeout`.
-    /// @return 0 sent; 1 timed out, nothing is reported, or failed in the system: then `SysError` 10 is pending, and only
-    ///         the error store tells the two apart; -1 on failure: `SysError` 8 if the message is too large, 19 if the
+    /// @return 0 sent; 1 timed out, nothing is reported, or failed in the system: then `SysErrorId::SPOILED_INTEGRITY` is pending, and only
+    ///         the error store tells the two apart; -1 on failure: `SysErrorId::INVALID_PARAMETER` if the message is too large, 19 if the
     ///         clock cannot be read
     signed char writeMsgTimeout(Message const* message, long long const& timeout);
 
@@ -70,11 +70,11 @@ public:
     /// One above the highest priority that the system takes (`sysconf`).
     static int getMaxPrio() noexcept;
 
-    /// How large a message of this queue may be, in bytes (`mq_getattr`); 0 on failure, with `SysError` 10.
+    /// How large a message of this queue may be, in bytes (`mq_getattr`); 0 on failure, with `SysErrorId::SPOILED_INTEGRITY`.
     unsigned int maxMsgSize() const;
-    /// How many messages the queue has room for; 0 on failure, with `SysError` 10.
+    /// How many messages the queue has room for; 0 on failure, with `SysErrorId::SPOILED_INTEGRITY`.
     unsigned int maxMsgCount() const;
-    /// How many messages wait in the queue; 0 on failure, with `SysError` 10.
+    /// How many messages wait in the queue; 0 on failure, with `SysErrorId::SPOILED_INTEGRITY`.
     unsigned int availMsgs() const;
 
     /// How large a message the system allows to processes without privileges, in bytes, from

@@ -21,8 +21,8 @@ public:
     /// object is closed first.
     /// @param name  see `transformToIPCIdentifier`
     /// @return true on failure, and the object is closed unless closing it failed. Besides the reports of `close` and
-    ///         `transformToIPCIdentifier`: `SysError` 2 with `FileAccessError` 0 on top if there is no such queue, 8 with 3
-    ///         without the right, 4 with 0 if the name is too long; `SysError` 0 without descriptors, else 19
+    ///         `transformToIPCIdentifier`: `SysErrorId::INVALID_PATH` with `FileAccessErrorId::BAD_PATH` on top if there is no such queue, 8 with 3
+    ///         without the right, 4 with 0 if the name is too long; `SysErrorId::RESOURCES_EXHAUSTED` without descriptors, else 19
     bool attach(char const* name);
 };
 

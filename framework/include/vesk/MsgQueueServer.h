@@ -32,9 +32,9 @@ public:
     /// @param max_msgs  how many messages the queue is to hold; from 1 on. Of no meaning for a queue that exists
     /// @param strategy  what to do about a queue of this name; `TRUNCATE` is refused
     /// @return true on failure, and the object is closed unless closing it failed. Besides the reports of `close`,
-    ///         `transformToIPCIdentifier`, and of `deleteName` for `REPLACE`: `CommonError` 1 for the strategy; `SysError` 7
-    ///         with `FileAccessError` 3 on top without the right, 12 with 4 if the name exists, 15 with 7 without space, 4
-    ///         with 0 if the name is too long; `SysError` 8 for a wrong or too large `msg_size` or `max_msgs`, 0 without
+    ///         `transformToIPCIdentifier`, and of `deleteName` for `REPLACE`: `CommonErrorId::CONTRACT_BROKEN` for the strategy; `SysErrorId::PERMISSION_DENIED`
+    ///         with `FileAccessErrorId::ACCESS_DENIED` on top without the right, 12 with 4 if the name exists, 15 with 7 without space, 4
+    ///         with 0 if the name is too long; `SysErrorId::INVALID_PARAMETER` for a wrong or too large `msg_size` or `max_msgs`, 0 without
     ///         descriptors or with the user's limit reached, else 19
     bool create(
         char const* name, unsigned int msg_size, unsigned int max_msgs,
@@ -46,8 +46,8 @@ public:
 
     /// Removes the name of the queue that this object made from the system (`mq_unlink`); also after it was closed. Who has
     /// the queue open keeps it. A name that is gone already is no failure; neither is an object that has none.
-    /// @return true on failure: `SysError` 19 with `FileAccessError` 9 on top; without the right, below these, `SysError` 7
-    ///         with `FileAccessError` 3 on top
+    /// @return true on failure: `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED` on top; without the right, below these, `SysErrorId::PERMISSION_DENIED`
+    ///         with `FileAccessErrorId::ACCESS_DENIED` on top
     bool deleteName();
 
     /// The same for any name, see `transformToIPCIdentifier` for the reports about it.

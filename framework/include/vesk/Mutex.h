@@ -43,7 +43,7 @@ public:
     constexpr explicit Mutex(threadsafe::ConstantInit) noexcept : m_impl(threadsafe::CONSTANT_INIT) {}
 
     /// Waits for the lock (`pthread_mutex_lock`).
-    /// @return true on failure: `Error` 3 if the caller holds a lock that is not recursive, or it is broken; `Error` 1
+    /// @return true on failure: `ErrorId::INCONSISTENT` if the caller holds a lock that is not recursive, or it is broken; `ErrorId::LOCK_FAILED`
     ///         for any other reason
     VESK_API_INLINE bool lock() const noexcept {
         int const result = m_impl.lock();
@@ -51,7 +51,7 @@ public:
     }
 
     /// Lets go of the lock (`pthread_mutex_unlock`). Does not block.
-    /// @return true on failure: `Error` 3 if the caller does not hold it, or it is broken; `Error` 2 for any other
+    /// @return true on failure: `ErrorId::INCONSISTENT` if the caller does not hold it, or it is broken; `ErrorId::UNLOCK_FAILED` for any other
     ///         reason
     VESK_API_INLINE bool unlock() const noexcept {
         int const result = m_impl.unlock();

@@ -32,7 +32,7 @@ namespace vesk {
 /// Only IPv4 is told and set: `NetDeviceMonitor` knows both. Changes take rights that only an administrator has
 /// (`CAP_NET_ADMIN`), and last until the interface or the system goes down.
 ///
-/// An object whose construction failed has no interface, and all its operations fail with `CommonError` 1 "invalid object".
+/// An object whose construction failed has no interface, and all its operations fail with `CommonErrorId::CONTRACT_BROKEN` "invalid object".
 ///
 /// Nothing blocks, except for a host name given as an address. An object belongs to one thread at a time; threads may use
 /// objects of their own, also for the same interface.
@@ -66,8 +66,8 @@ public:
     };
 
     /// Notes which interfaces there are (`socket`, and `if_nametoindex` or `if_nameindex`). On failure the object is
-    /// invalid, and pending is `SysError` 16 if there is no interface of this name; `CommonError` 0 or `SysError` 1 without
-    /// memory; `SysError` 19 without a socket for the questions.
+    /// invalid, and pending is `SysErrorId::NO_DEVICE` if there is no interface of this name; `CommonErrorId::OUT_OF_MEMORY` or `SysErrorId::OUT_OF_MEMORY` without
+    /// memory; `SysErrorId::UNCLASSIFIED` without a socket for the questions.
     /// @param name  the only interface to look at, of at most 15 bytes; null: all of them, in the system's order
     explicit NetDevice(char const* name);
     ~NetDevice();
@@ -78,7 +78,7 @@ public:
     /// Moves to the next interface and tells all about it (`ioctl`, five or six times). An interface without an IPv4
     /// address is no failure.
     /// @param info  overwritten; at the end left as it was, and after a failure filled as far as it went
-    /// @return 0 done; 1 past the last interface, again and again; -1 on failure: `SysError` 19, for example for an
+    /// @return 0 done; 1 past the last interface, again and again; -1 on failure: `SysErrorId::UNCLASSIFIED`, for example for an
     ///         interface that is gone by now. The next call goes on with the interface behind it
     int getNextInfo(InterfaceInfo& info);
 
@@ -86,16 +86,16 @@ public:
     /// address of its class, so the address goes first.
     /// @param address  numeric, or a host name, which may block as long as the resolver does; empty or null: "0.0.0.0",
     ///                 which takes the address away
-    /// @return true on failure: what `IPResolver` reported; `CommonError` 5 for a text that leads to no IPv4 address, 1 "no
-    ///         current interface" past the last one; `SysError` 7 without the right; else `SysError` 19, as for a netmask
+    /// @return true on failure: what `IPResolver` reported; `CommonErrorId::INVALID_ARGUMENT` for a text that leads to no IPv4 address, 1 "no
+    ///         current interface" past the last one; `SysErrorId::PERMISSION_DENIED` without the right; else `SysErrorId::UNCLASSIFIED`, as for a netmask
     ///         without an address
     bool setAddress(char const* address);
     bool setNetmask(char const* netmask);
 
     /// Switch the interface on or off, and receiving what is sent to others (`ioctl`, twice). Between the two calls other
     /// changes of the interface's flags are lost.
-    /// @return true on failure: `CommonError` 1 "no current interface" past the last one; `SysError` 7 without the right;
-    ///         else `SysError` 19
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` "no current interface" past the last one; `SysErrorId::PERMISSION_DENIED` without the right;
+    ///         else `SysErrorId::UNCLASSIFIED`
     bool setInterfaceStatus(bool up);
     bool setPromiscuous(bool on);
 

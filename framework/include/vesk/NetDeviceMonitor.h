@@ -66,7 +66,7 @@ public:
     using AddrInfo = NetworkInterface::AddrInfo;
     using Info = NetworkInterface::Info;
 
-    /// Reports `std::CommonError` 5 "Listener must not be null", and `std::CommonError` 1 if there is no memory: such a
+    /// Reports `std::CommonErrorId::INVALID_ARGUMENT` "Listener must not be null", and `std::CommonErrorId::CONTRACT_BROKEN` if there is no memory: such a
     /// monitor cannot watch.
     /// @param listener  must stay until the monitor is gone
     explicit NetDeviceMonitor(Listener* listener);
@@ -83,12 +83,12 @@ public:
     ///
     /// | failed call | report | and then |
     /// |---|---|---|
-    /// | `socket` | `Socket::Error` 3 | returns |
-    /// | `bind`, `sendmsg` | `SysError` 19 | returns |
-    /// | `recvmsg`, also if a signal interrupts it | `SysError` 19 | goes on with the next step, or with following; asks once
+    /// | `socket` | `Socket::ErrorId::CREATE_FAILED` | returns |
+    /// | `bind`, `sendmsg` | `SysErrorId::UNCLASSIFIED` | returns |
+    /// | `recvmsg`, also if a signal interrupts it | `SysErrorId::UNCLASSIFIED` | goes on with the next step, or with following; asks once
     ///   more for all if messages are lost. Pauses for 100 ms before each attempt that follows two failures in a row |
     ///
-    /// Asserts "m_impl" if the constructor had no memory, and reports `std::CommonError` 1. Asserts "name" for an interface
+    /// Asserts "m_impl" if the constructor had no memory, and reports `std::CommonErrorId::CONTRACT_BROKEN`. Asserts "name" for an interface
     /// without one, and passes over it. A malformed message is passed over in silence. Exceptions of the listener and
     /// `std::bad_alloc` pass through; the monitor may be used again.
     /// @return true if anything failed, even if it went on

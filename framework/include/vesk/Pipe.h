@@ -22,7 +22,7 @@ namespace vesk {
 /// prevent.
 class VESK_API Pipe : private tarnbase::NonCopyable {
 public:
-    /// Makes the pipe (`pipe`). On failure both ends are -1, and pending is `SysError` 0 without descriptors, 1 without
+    /// Makes the pipe (`pipe`). On failure both ends are -1, and pending is `SysErrorId::RESOURCES_EXHAUSTED` without descriptors, 1 without
     /// space, 6 if the system has no pipes, else 19.
     Pipe();
 
@@ -31,7 +31,7 @@ public:
 
     /// Closes the read end (`close`, not repeated); who writes then gets `EPIPE`. The end counts as closed whatever the
     /// system says. Without an open end it does nothing, with success.
-    /// @return true on failure: `SysError` 19
+    /// @return true on failure: `SysErrorId::UNCLASSIFIED`
     bool closeReadEnd();
 
     /// The same for the write end: who reads then sees the end of the stream.

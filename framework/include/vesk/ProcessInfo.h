@@ -36,7 +36,7 @@ public:
 
     /// Takes the snapshot (`open`, `read` of "/proc/<pid>/stat" and "/proc/<pid>/statm"). Does not block.
     ///
-    /// Whether it got to its end is told by `valid`; when it did not, `SysError` 17 is reported, and `available` tells
+    /// Whether it got to its end is told by `valid`; when it did not, `SysErrorId::QUERY_FAILED` is reported, and `available` tells
     /// what was found out before. A clock that cannot be read is reported as well (`Time::getTimestamp`, with `SysError`
     /// 17 on top), but leaves the snapshot valid with a `timestamp` of 0. A process id of 0 trips an assertion.
     ///
@@ -45,13 +45,13 @@ public:
 
     /// How busy a process was between two snapshots of it, in percent of what all processors online can do: 100 means
     /// that it kept all of them busy. An interval in which `user_time` or `system_time` wrapped counts as idle.
-    /// @return 0.0 to 100.0, and 0.0 also if `end` is not later than `start`; -1.0 on failure: `SysError` 8 with "start"
+    /// @return 0.0 to 100.0, and 0.0 also if `end` is not later than `start`; -1.0 on failure: `SysErrorId::INVALID_PARAMETER` with "start"
     ///         or "end", a snapshot without both times
     static double getCpuLoad(ProcessInfo const& start, ProcessInfo const& end);
 
     /// Finds all processes of the system (`vesk::Directory` on "/proc"). They may be gone when it returns.
     /// @param pids  emptied, then filled with their ids, in no order
-    /// @return true on failure: `SysError` 17 on top of the report of `Directory`; `pids` holds what was found before
+    /// @return true on failure: `SysErrorId::QUERY_FAILED` on top of the report of `Directory`; `pids` holds what was found before
     static bool getPIDs(std::vector<int>& pids);
 
     /// The process looked at.

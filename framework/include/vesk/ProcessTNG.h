@@ -111,7 +111,7 @@ public:
 
     /// Makes an object without a program. The first one of the process starts the collector, unless the start-up has.
     /// A collector that cannot be had makes the object invalid, and the reports of its failure stay pending; so does an
-    /// object that is made before the start-up or after `exit`, with `Vesk::Error` 0.
+    /// object that is made before the start-up or after `exit`, with `Vesk::ErrorId::INIT_FAILED`.
     ProcessTNG();
 
     /// The same with a program, as by `setExecutable`.
@@ -210,8 +210,8 @@ public:
     /// signals of the calling thread are blocked during the fork. Memory for the arguments and the environment that is not
     /// there is waited for, by `std::GlobalErrorHandler::doOutOfMem`. An assertion tells if the system gives the child an
     /// id that another object has entered, whose child something else must have fetched: that object waits for ever.
-    /// @return the child's process id; `INVALID_PROCESS_ID` on failure: `std::CommonError` 1 if a child is running (which
-    ///         is left alone); `SysError` 0 without resources, 1 without memory; else `Error` 0. Without a collector an
+    /// @return the child's process id; `INVALID_PROCESS_ID` on failure: `std::CommonErrorId::CONTRACT_BROKEN` if a child is running (which
+    ///         is left alone); `SysErrorId::RESOURCES_EXHAUSTED` without resources, 1 without memory; else `ErrorId::START_FAILED`. Without a collector an
     ///         assertion precedes it. If the collector's lock fails, the object stays locked.
     int start();
 
@@ -221,15 +221,15 @@ public:
     /// @param state    how the child has ended. Where the time has run out: not exited, with a `status` of -1
     /// @param timed    whether to wait for `timeout` only
     /// @param timeout  milliseconds on the monotonic clock; what is not above 0 does not wait
-    /// @return true on failure: `std::CommonError` 1 if no child is running and no end is left to be fetched, with
-    ///         `state` untouched; what the lock or the condition reports, and `Error` 3, if one of them fails. Running out
+    /// @return true on failure: `std::CommonErrorId::CONTRACT_BROKEN` if no child is running and no end is left to be fetched, with
+    ///         `state` untouched; what the lock or the condition reports, and `ErrorId::WAIT_FAILED`, if one of them fails. Running out
     ///         of time is no failure: `state.hasExited()` tells.
     bool wait(ExitState& state, bool timed, long long timeout);
 
     /// Signals the child, or its whole process group if it has one of its own. Does nothing, with success, when no child
     /// is running, and when it has ended just now. Does not wait for the end.
     /// @param graceful  `SIGTERM`, which a program can handle, instead of `SIGKILL`
-    /// @return true on failure, as for `killProcess`; `Error` 2 if the lock fails
+    /// @return true on failure, as for `killProcess`; `ErrorId::KILL_FAILED` if the lock fails
     bool kill(bool graceful);
 
     // ---- any process ----
@@ -238,13 +238,13 @@ public:
     /// @param process_id  as the system takes it: 0 is the process group of the caller, below -1 a group, and -1 every
     ///                    process that the caller may signal
     /// @param graceful    `SIGTERM` instead of `SIGKILL`
-    /// @return true on failure: `Error` 4 if there is no such process; `SysError` 7 without the right to signal it, then
-    ///         `Error` 2; else `Error` 2
+    /// @return true on failure: `ErrorId::NOT_FOUND` if there is no such process; `SysErrorId::PERMISSION_DENIED` without the right to signal it, then
+    ///         `ErrorId::KILL_FAILED`; else `ErrorId::KILL_FAILED`
     static bool killProcess(int const& process_id, bool graceful);
 
     /// Whether a process exists, also one that may not be signalled, and one that has ended but whose end nobody has
     /// fetched (`kill` with signal 0). Ids of 0 and less are taken as by `killProcess`.
-    /// @return 0 it exists, 1 it does not (not reported), -1 on failure: `SysError` 19
+    /// @return 0 it exists, 1 it does not (not reported), -1 on failure: `SysErrorId::UNCLASSIFIED`
     static signed char existsProcess(int const& process_id);
 
     /// Finds processes by the first text of their command line. Processes without one, such as those of the kernel, are
@@ -261,7 +261,7 @@ public:
 
     /// The absolute path of the calling process's program (`readlink` of "/proc/.../exe"), at most 4,095 bytes of it.
     /// Read once and kept. Empty if it could not be read (not reported), before the start-up, after `exit` and if the
-    /// set-up behind it failed (`Vesk::Error` 0).
+    /// set-up behind it failed (`Vesk::ErrorId::INIT_FAILED`).
     static std::string getOwnProcessName();
 
     // ---- for the library itself ----

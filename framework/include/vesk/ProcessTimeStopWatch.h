@@ -21,7 +21,7 @@ public:
     }
 
     /// On the clock of any process (`clock_getcpuclockid`). Without it the stopwatch stays stopped, `hasFailed` is
-    /// true, and `Time::Error` 0 is pending. When the process ends later, the clock cannot be read any more.
+    /// true, and `Time::ErrorId::NO_CLOCK` is pending. When the process ends later, the clock cannot be read any more.
     /// @param pid         the process, 0 for the calling one
     /// @param auto_start  whether to `start` at once
     ProcessTimeStopWatch(int pid, bool auto_start);

@@ -15,13 +15,13 @@ public:
     /// Creates a lock (`pthread_rwlock_init`). Fill its memory with 0xFF before: then `destroy` can tell whether this
     /// worked.
     /// @param process_shared  whether other processes that map the memory may use it
-    /// @return true on failure, with a new chain. Making the attributes: `SysError` 1 without memory, else 19. Creating
-    ///         the lock: `SysError` 7 if it is not permitted, 0 without resources, 1 without memory, 10 for what should
+    /// @return true on failure, with a new chain. Making the attributes: `SysErrorId::OUT_OF_MEMORY` without memory, else 19. Creating
+    ///         the lock: `SysErrorId::PERMISSION_DENIED` if it is not permitted, 0 without resources, 1 without memory, 10 for what should
     ///         never happen, else 19, each with the text of error number 0
     static bool init(pthread_rwlock_t* lock, bool process_shared);
 
     /// Ends a lock that nobody holds (`pthread_rwlock_destroy`). A lock that is all 0xFF is left alone, with success.
-    /// @return true on failure: `SysError` 10 for a lock that is broken or in use, else 19
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` for a lock that is broken or in use, else 19
     static bool destroy(pthread_rwlock_t* lock);
 
     /// Takes the lock, with as many other readers as there are, or alone for writing.
@@ -30,14 +30,14 @@ public:
     ///                    (`_timedrdlock`, `_timedwrlock`); their clock is the wall clock, so setting the date changes
     ///                    when this gives up
     /// @return 0 locked, 1 not locked in time (not reported), -1 on failure: the reports of `handleLockError`, or
-    ///         `RWLock::Error` 4 for writing and 3 for reading if the clock cannot be read
+    ///         `RWLock::ErrorId::WRITE_LOCK_FAILED` for writing and 3 for reading if the clock cannot be read
     static signed char lock(pthread_rwlock_t* lock, bool for_write, unsigned int const* timeout_ms);
 
     /// Classifies the result of a failed call that takes the lock: 1 if it is only busy or the time is over, -1 after a
-    /// report: `RWLock::Error` 1 for a deadlock, 2 for too many readers, else 4 for writing and 3 for reading.
+    /// report: `RWLock::ErrorId::DEADLOCK` for a deadlock, 2 for too many readers, else 4 for writing and 3 for reading.
     static signed char handleLockError(int error, bool for_write);
 
-    /// Classifies the result of a failed `pthread_rwlock_unlock`: `RWLock::Error` 5, on top of `SysError` 7 if the
+    /// Classifies the result of a failed `pthread_rwlock_unlock`: `RWLock::ErrorId::UNLOCK_FAILED`, on top of `SysErrorId::PERMISSION_DENIED` if the
     /// caller does not hold the lock. Always true.
     static bool handleUnlockError(int error);
 };

@@ -18,7 +18,7 @@ namespace vesk {
 /// A socket that is open must be closed before it is destroyed. See `Socket` for states and threads.
 class VESK_API RawSocket : public Socket {
 public:
-    /// Makes an `INACTIVE` socket without a descriptor. It is invalid, with `CommonError` 0 pending, if there is no memory
+    /// Makes an `INACTIVE` socket without a descriptor. It is invalid, with `CommonErrorId::OUT_OF_MEMORY` pending, if there is no memory
     /// for a buffer.
     /// @param blocking      the blocking mode of the stream; the descriptor itself always waits
     /// @param read_buffer   bytes to read ahead; 0: unbuffered
@@ -33,14 +33,14 @@ public:
     /// @param device  the name of a device; null: all devices. Names of devices have at most 15 bytes. Of a longer name only
     ///                the first 15 bytes count: it opens the device of that shorter name if there is one. A caller with
     ///                names from outside compares the length with `IFNAMSIZ` first.
-    /// @return true on failure: `CommonError` 1 for an invalid or `DEAD` object, and for one that is open, which stays as
-    ///         it is; `SysError` 7 without the right, else 19, the socket being `INACTIVE` still; `SysError` 16 for a
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for an invalid or `DEAD` object, and for one that is open, which stays as
+    ///         it is; `SysErrorId::PERMISSION_DENIED` without the right, else 19, the socket being `INACTIVE` still; `SysErrorId::NO_DEVICE` for a
     ///         device that does not exist, else 19, the socket being `DEAD` then
     bool open(char const* device);
 
     /// Closes the descriptor (`close`, once). The socket is `DEAD` afterwards, also on failure; without a descriptor it
     /// stays what it is.
-    /// @return true on failure: `SysError` 19
+    /// @return true on failure: `SysErrorId::UNCLASSIFIED`
     bool close();
 };
 

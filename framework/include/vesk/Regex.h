@@ -67,13 +67,13 @@ public:
     /// Compiles an expression in place of the one before, which is gone even if this fails (`regcomp` with
     /// `REG_EXTENDED`).
     /// @param flags  bits of `Flag`; others are ignored
-    /// @return 0, or 1 on failure, nothing can be matched then: `Error` 0, on top of what is pending; `Error` 1 on top of
-    ///         `CommonError` 0; `CommonError` 1 if `pattern` is null
+    /// @return 0, or 1 on failure, nothing can be matched then: `ErrorId::SYNTAX_ERROR`, on top of what is pending; `ErrorId::OUT_OF_MEMORY` on top of
+    ///         `CommonErrorId::OUT_OF_MEMORY`; `CommonErrorId::CONTRACT_BROKEN` if `pattern` is null
     int compile(char const* pattern, unsigned int const& flags);
 
     /// Looks for the first place in `subject` where the expression matches (`regexec`). Does not block.
     /// @param subject  text with an end
-    /// @return 0 it matches; 1 it does not, which is not reported; -1 on failure: `Error` 2; `CommonError` 1 if nothing
+    /// @return 0 it matches; 1 it does not, which is not reported; -1 on failure: `ErrorId::MATCH_FAILED`; `CommonErrorId::CONTRACT_BROKEN` if nothing
     ///         is compiled or `subject` is null
     int match(char const* subject) const { return match(subject, nullptr, 0); }
 
@@ -82,7 +82,7 @@ public:
     ///               goes. Those that there is nothing to tell for are not set: parentheses that took no part,
     ///               numbers that the expression does not have, all of them if the result is not 0
     /// @param count  how many sub-matches are wanted; with 0 it does not matter what the expression was compiled for
-    /// @return as above; -1 with `CommonError` 1 also if the expression was compiled without `SUB_MATCHES`
+    /// @return as above; -1 with `CommonErrorId::CONTRACT_BROKEN` also if the expression was compiled without `SUB_MATCHES`
     int match(char const* subject, SubMatch* found, unsigned int count) const;
 
     /// The same for an array.

@@ -17,7 +17,7 @@ public:
     /// Whether there is an expression that can be matched.
     bool isValid() const noexcept { return compiled; }
 
-    /// Reports why matching failed: `Regex::Error` 2 with the system's text, or `std::CommonError` 1 if the expression
+    /// Reports why matching failed: `Regex::ErrorId::MATCH_FAILED` with the system's text, or `std::CommonErrorId::CONTRACT_BROKEN` if the expression
     /// was not fit for what was asked of it, and `code` does not matter.
     /// @param code                what `regexec` returned
     /// @param sub_matches_wanted  whether sub-matches were asked for

@@ -27,7 +27,7 @@ public:
     /// Fills a buffer (`read`, as often as it takes). Blocks as long as the device does.
     /// @param size  in bytes; with 0 nothing is read, and nothing can fail
     /// @return true on failure, the buffer holds what was read before: the reports of the stream's `read`. A device that
-    ///         ends, as what may stand in its place does, counts as a failure: `StreamError` 2
+    ///         ends, as what may stand in its place does, counts as a failure: `StreamErrorId::END_OF_STREAM`
     bool getRandData(unsigned char* buffer, unsigned int size);
 
     /// Fill a number with random bytes. True on failure, as `getRandData`.

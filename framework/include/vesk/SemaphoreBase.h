@@ -27,14 +27,14 @@ public:
 
     /// Lets go of the semaphore (`sem_close`). The object is closed whatever the system says. On a closed object it does
     /// nothing, with success.
-    /// @return true on failure: `SysError` 10, on top of what is pending
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, on top of what is pending
     virtual bool close();
 
     /// Whether the semaphore is open.
     bool isValid() const noexcept { return getSemaphore() != nullptr; }
 
     /// Waits until the value is above 0, and decreases it (`sem_wait`, repeated while a signal interrupts it).
-    /// @return true on failure: `CommonError` 1 on a closed object, else `SysError` 10
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` on a closed object, else `SysErrorId::SPOILED_INTEGRITY`
     VESK_API_INLINE bool take() const {
         sem_t* const opened = getSemaphore();
         return (opened == nullptr || sem_wait(opened) != 0) && handleTakeError(opened);
@@ -46,12 +46,12 @@ public:
 
     /// As `take`, but waits no longer than `ms` milliseconds (`sem_timedwait`). The time runs on the wall clock: setting
     /// that moves the end. With 0, or less, it does not wait.
-    /// @return 0 taken; 1 timed out, nothing is reported; -1 on failure: as `take`, and `SysError` 19 if the clock cannot
+    /// @return 0 taken; 1 timed out, nothing is reported; -1 on failure: as `take`, and `SysErrorId::UNCLASSIFIED` if the clock cannot
     ///         be read
     signed char tryTakeTimeout(long long const& ms) const;
 
     /// Increases the value, and wakes one who waits (`sem_post`). Never blocks.
-    /// @return true on failure: `CommonError` 1 on a closed object, `SysError` 0 at the highest value, else `SysError` 10
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` on a closed object, `SysErrorId::RESOURCES_EXHAUSTED` at the highest value, else `SysErrorId::SPOILED_INTEGRITY`
     VESK_API_INLINE bool release() const {
         sem_t* const opened = getSemaphore();
         return (opened == nullptr || sem_post(opened) != 0) && handleReleaseError(opened);

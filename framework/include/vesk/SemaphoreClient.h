@@ -18,7 +18,7 @@ public:
     /// Opens a semaphore that exists (`sem_open`, repeated while a signal interrupts it). An open object is closed first.
     /// @param name  see `transformToIPCIdentifier`; the system may take fewer characters
     /// @return true on failure, and the object is closed. Besides the reports of `close` and `transformToIPCIdentifier`,
-    ///         with `name` as it was given: `SysError` 7 with `FileAccessError` 3 on top without the right, 2 with 0 if
+    ///         with `name` as it was given: `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED` on top without the right, 2 with 0 if
     ///         there is no such semaphore or the name is not possible, 0 with 6 without descriptors, 10 with 9, else 19
     ///         with 9
     bool attach(char const* name);

@@ -31,8 +31,8 @@ public:
     /// @param value     what it begins with. Of no meaning for a semaphore that exists
     /// @param strategy  what to do about a semaphore of this name; `TRUNCATE` is refused
     /// @return true on failure, and the object is closed. Besides the reports of `close`, `transformToIPCIdentifier`, and
-    ///         of `deleteName` for `REPLACE`: `CommonError` 1 for the strategy; with the system's name, `SysError` 7 with
-    ///         `FileAccessError` 3 on top without the right, 12 with 4 if the name exists, 2 with 0 if the name or the value
+    ///         of `deleteName` for `REPLACE`: `CommonErrorId::CONTRACT_BROKEN` for the strategy; with the system's name, `SysErrorId::PERMISSION_DENIED` with
+    ///         `FileAccessErrorId::ACCESS_DENIED` on top without the right, 12 with 4 if the name exists, 2 with 0 if the name or the value
     ///         is not possible, 0 with 6 without descriptors, 10 with 9 without space, else 19 with 9
     bool create(char const* name, unsigned int value, Creatable::CreationStrategy strategy);
 
@@ -43,7 +43,7 @@ public:
 
     /// Removes the name of this object's semaphore from the system (`sem_unlink`). Who has the semaphore open keeps it. A
     /// name that is gone already is no failure; neither is a closed object, which does nothing.
-    /// @return true on failure: `SysError` 7 with `FileAccessError` 3 on top without the right, else 19 with 9
+    /// @return true on failure: `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED` on top without the right, else 19 with 9
     bool deleteName();
 
     /// The same for any name, see `transformToIPCIdentifier` for the reports about it.

@@ -46,7 +46,7 @@ public:
     /// @param read_buffer_size   bytes to read ahead; 0: unbuffered
     /// @param write_buffer_size  bytes to collect; 0: unbuffered
     ///
-    /// Without memory for a buffer the object never becomes valid, and `CommonError` 0 is pending.
+    /// Without memory for a buffer the object never becomes valid, and `CommonErrorId::OUT_OF_MEMORY` is pending.
     explicit SerialPort(
         std::string const& device, unsigned int baud_rate = 9600, Parity parity = Parity::NONE,
         uint8_t stop_bits = 1, bool xon = false, bool xoff = false, bool blocking = true,
@@ -67,9 +67,9 @@ public:
     /// Opens the line and applies the settings, after closing one that is open (`open`, `tcgetattr`, `tcsetattr`). May wait
     /// for the carrier of a modem. What was read ahead before stays.
     ///
-    /// Reports, with the line closed afterwards: what `close` reported of a line that was open; `CommonError` 6 for mark or
-    /// space parity, before the device is looked at; `FileAccessError` 0 for an empty path; what `handleOpenError` reports;
-    /// `SysError` 19 and `FileAccessError` 9 for a device that is no terminal, a speed that the system does not know, and
+    /// Reports, with the line closed afterwards: what `close` reported of a line that was open; `CommonErrorId::NOT_SUPPORTED` for mark or
+    /// space parity, before the device is looked at; `FileAccessErrorId::BAD_PATH` for an empty path; what `handleOpenError` reports;
+    /// `SysErrorId::UNCLASSIFIED` and `FileAccessErrorId::UNCLASSIFIED` for a device that is no terminal, a speed that the system does not know, and
     /// settings that it refuses. Below these two are the reports of the flush if that fails as well, as on a file.
     /// @return true on failure
     bool open();
@@ -91,8 +91,8 @@ public:
 
 protected:
     /// Waits until the output has left the line (`tcdrain`, repeated while a signal interrupts it).
-    /// @return true on failure: `SysError` 11, whatever the reason, with `StreamError` 1 on top, or for a closed line
-    ///         `CommonError` 1 with `StreamError` 0 on top
+    /// @return true on failure: `SysErrorId::INPUT_OUTPUT`, whatever the reason, with `StreamErrorId::TRANSFER_FAILED` on top, or for a closed line
+    ///         `CommonErrorId::CONTRACT_BROKEN` with `StreamErrorId::UNUSABLE` on top
     bool performFlush() override;
 
 private:

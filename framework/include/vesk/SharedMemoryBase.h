@@ -26,7 +26,7 @@ public:
 
     /// Takes all mappings down and closes the object (`close`, repeated while a signal interrupts it). A closed one is left
     /// alone, with success.
-    /// @return true on failure: `SysError` 10, of a mapping or of the object. The mappings are gone in any case; the object
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, of a mapping or of the object. The mappings are gone in any case; the object
     ///         is closed unless the system had another objection than that it is not open
     virtual bool close();
 
@@ -37,7 +37,7 @@ public:
     int getDescriptor() const noexcept { return descriptor; }
 
     /// The size of the memory (`fstat`), at most 2,147,483,647.
-    /// @return bytes; 0 if nothing is open (`CommonError` 1), if the system does not tell, and for a larger one (both
+    /// @return bytes; 0 if nothing is open (`CommonErrorId::CONTRACT_BROKEN`), if the system does not tell, and for a larger one (both
     ///         without a report)
     unsigned int getSize() const;
 
@@ -50,7 +50,7 @@ public:
 
     /// Takes one mapping down.
     /// @param mapping  what `addMapping` of this object gave
-    /// @return true on failure: `CommonError` 1 for one that it does not have; else what `MemMapping::destroy` reported,
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for one that it does not have; else what `MemMapping::destroy` reported,
     ///         the object having given it up
     bool removeMapping(MemMapping const& mapping);
 

@@ -18,7 +18,7 @@ public:
 
     /// Opens a shared memory (`shm_open`, repeated while a signal interrupts it), after closing the one that is open.
     ///
-    /// Reports, with `FileAccessError` and the system's name on top where a second id stands: `SysError` 2 and 0 if there is
+    /// Reports, with `FileAccessError` and the system's name on top where a second id stands: `SysErrorId::INVALID_PATH` and 0 if there is
     /// none of this name, 7 and 3 without the right to, 6 for a name that the system cannot use, 0 without descriptors,
     /// 4 and 0 for a name that is too long for the system, else 19.
     /// @param name   as its server gave it, at most 254 characters, without "/"; see `transformToIPCIdentifier`

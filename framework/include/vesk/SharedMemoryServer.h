@@ -31,7 +31,7 @@ public:
     /// Makes a piece of memory that its owner may read and write (`shm_open`, `ftruncate`, both repeated while a signal
     /// interrupts them), after closing the one that is open. It is open for both directions and filled with zeros.
     ///
-    /// Reports, with `FileAccessError` and the system's name on top where a second id stands: `SysError` 7 and 3 without the
+    /// Reports, with `FileAccessError` and the system's name on top where a second id stands: `SysErrorId::PERMISSION_DENIED` and 3 without the
     /// right to, 12 and 4 if the name is taken, 6 for a name that the system cannot use, such as the empty one, 0 without
     /// descriptors, 15 and 7 without space, 16 without shared memory, 4 and 0 for a name that is too long for the
     /// system, else 19. Of the size: 8 if it is too large, else 10; the memory is closed again then.
@@ -46,8 +46,8 @@ public:
     /// Removes the name of this object from the system (`shm_unlink`) and forgets it. Who has the memory open keeps it. A name
     /// that is gone already is a success, and so is having none.
     ///
-    /// Reports `SysError` 7 with `FileAccessError` 3 without the right to, and on top of them, or alone for anything else,
-    /// `SysError` 19 with `FileAccessError` 9.
+    /// Reports `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED` without the right to, and on top of them, or alone for anything else,
+    /// `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED`.
     /// @return true on failure, the name being kept
     bool deleteName();
 

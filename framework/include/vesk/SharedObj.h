@@ -55,19 +55,19 @@ public:
     /// file system. What was loaded before is unloaded first, and stays unloaded if the new one cannot be loaded. Not a
     /// cancellation point, whatever the initialisers do.
     /// @param path  a file, with a '/' in it, or a name that the dynamic loader looks for
-    /// @return true on failure: `Error` 0; on top of the reports of `unload` if it was that, and the old one is still
-    ///         loaded; `CommonError` 1 if `path` is null
+    /// @return true on failure: `ErrorId::LOAD_FAILED`; on top of the reports of `unload` if it was that, and the old one is still
+    ///         loaded; `CommonErrorId::CONTRACT_BROKEN` if `path` is null
     bool load(char const* path);
 
     /// Lets go of what is loaded (`dlclose`): it leaves the process unless others have loaded it too. Not a cancellation
     /// point, whatever its finalisers do.
-    /// @return true on failure: `Error` 1, it is still loaded; `CommonError` 1 if nothing is loaded
+    /// @return true on failure: `ErrorId::UNLOAD_FAILED`, it is still loaded; `CommonErrorId::CONTRACT_BROKEN` if nothing is loaded
     bool unload();
 
     /// Finds a function or a variable by its name (`dlsym`), also in what the shared object depends on.
     /// @param symbol   its name as the linker knows it: C++ functions need `extern "C"`
     /// @param address  set to where it is, which is null for a symbol whose value is null; not touched on failure
-    /// @return true on failure: `Error` 2; `CommonError` 1 if nothing is loaded or `symbol` is null
+    /// @return true on failure: `ErrorId::RESOLVE_FAILED`; `CommonErrorId::CONTRACT_BROKEN` if nothing is loaded or `symbol` is null
     bool resolve(char const* symbol, void*& address) const;
 
 protected:

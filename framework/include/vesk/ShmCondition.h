@@ -55,7 +55,7 @@ public:
     bool isValid() const noexcept { return m_valid; }
 
     /// Waits for a signal, with `mutex` held by the caller (`pthread_cond_wait`). May wake without one.
-    /// @return true on failure: `SysError` 10 or 19, then `Error` 1
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` or 19, then `ErrorId::WAIT_FAILED`
     bool wait(ShmMutex& mutex) {
         int const error = pthread_cond_wait(&m_condition, &mutex.m_mutex);
         return error != 0 && ConditionOps::handleWaitError(error) != 0;
@@ -71,7 +71,7 @@ public:
     }
 
     /// Wakes one waiter (`pthread_cond_signal`). Does not block, unless a process has ended in its wait. True on failure:
-    /// `SysError` 10 or 19, then `Error` 2.
+    /// `SysErrorId::SPOILED_INTEGRITY` or 19, then `ErrorId::SIGNAL_FAILED`.
     bool signal() {
         int const error = pthread_cond_signal(&m_condition);
         return error != 0 && ConditionOps::handleSignalError(error);

@@ -45,13 +45,13 @@ public:
 
     bool isValid() const noexcept { return m_valid; }
 
-    /// Waits for the lock (`pthread_mutex_lock`). True on failure: `Error` 3 if it is broken or not allowed, else 1.
+    /// Waits for the lock (`pthread_mutex_lock`). True on failure: `ErrorId::INCONSISTENT` if it is broken or not allowed, else 1.
     bool lock() const {
         int const error = pthread_mutex_lock(&m_mutex);
         return __builtin_expect(error != 0, 0) && MutexOps::handleLockError(error);
     }
 
-    /// Takes the lock if it is free (`pthread_mutex_trylock`). 0 locked, 1 busy (not reported), -1 on failure: `Error` 3
+    /// Takes the lock if it is free (`pthread_mutex_trylock`). 0 locked, 1 busy (not reported), -1 on failure: `ErrorId::INCONSISTENT`
     /// or 1. Never blocks.
     signed char tryLock() const {
         int const error = pthread_mutex_trylock(&m_mutex);
@@ -61,7 +61,7 @@ public:
     /// Waits for the lock for a while; see `MutexOps::tryLockTimeout`.
     signed char tryLockTimeout(long long const& ms) const { return MutexOps::tryLockTimeout(&m_mutex, ms); }
 
-    /// Lets go of the lock (`pthread_mutex_unlock`). True on failure: `Error` 3 if it is broken or not allowed, else 2.
+    /// Lets go of the lock (`pthread_mutex_unlock`). True on failure: `ErrorId::INCONSISTENT` if it is broken or not allowed, else 2.
     bool unlock() const {
         int const error = pthread_mutex_unlock(&m_mutex);
         return __builtin_expect(error != 0, 0) && MutexOps::handleUnlockError(error);

@@ -24,7 +24,7 @@ public:
     static VESK_API std::ErrorType const& Error;
     using ErrorId = SpinLock::ErrorId;
 
-    /// Creates the lock (`pthread_spin_init`); `isValid` tells whether it worked, and if not `Error` 0 is pending. Only one
+    /// Creates the lock (`pthread_spin_init`); `isValid` tells whether it worked, and if not `ErrorId::CREATE_FAILED` is pending. Only one
     /// process may destroy it, when no other uses it.
     ShmSpinLock() : SpinLockBase(PTHREAD_PROCESS_SHARED) {}
 };

@@ -83,22 +83,22 @@ public:
     /// object's.
     int getSocketFd() const noexcept { return m_socket_handle.socket_fd; }
 
-    /// Whether there is no descriptor: true then, with `hadError` set, after `Error` 0 with the text of whatever `errno`
+    /// Whether there is no descriptor: true then, with `hadError` set, after `ErrorId::INVALID_SOCKET` with the text of whatever `errno`
     /// is. Works in every state.
     bool checkValidSocket() const;
 
     /// Set the size of the system's buffer for what is sent or received (`setsockopt`, `SO_SNDBUF` and `SO_RCVBUF`). The
     /// system raises small sizes to its minimum and cuts large ones to its limit.
     /// @param bytes  the size
-    /// @return true on failure: `Error` 0 without a descriptor or for one that is no socket; `SysError` 2 for a value
-    ///         that the system refuses; `Error` 1 for an option that it does not know; else `SysError` 19
+    /// @return true on failure: `ErrorId::INVALID_SOCKET` without a descriptor or for one that is no socket; `SysErrorId::INVALID_PATH` for a value
+    ///         that the system refuses; `ErrorId::UNKNOWN_OPTION` for an option that it does not know; else `SysErrorId::UNCLASSIFIED`
     bool setSendBuffer(unsigned int bytes);
     bool setRecvBuffer(unsigned int bytes);
 
     /// The size of the system's buffer that was granted, in bytes (`getsockopt`). The system keeps its own account in
     /// twice that memory; the half is told here.
-    /// @return 0 on failure, with `hadError` set: `Error` 0 without a descriptor or for one that is no socket; `SysError`
-    ///         7 without the right; `Error` 1 for an unknown option; `SysError` 1 without memory; else `SysError` 19
+    /// @return 0 on failure, with `hadError` set: `ErrorId::INVALID_SOCKET` without a descriptor or for one that is no socket; `SysError`
+    ///         7 without the right; `ErrorId::UNKNOWN_OPTION` for an unknown option; `SysErrorId::OUT_OF_MEMORY` without memory; else `SysErrorId::UNCLASSIFIED`
     unsigned int getSendBuffer() const;
     unsigned int getRecvBuffer() const;
 
@@ -113,15 +113,15 @@ public:
     /// @param except       sockets with out-of-band data
     /// @param timeout_ms   how long to wait, in milliseconds of real time that no clock change disturbs
     /// @param use_timeout  false: wait without a limit, also for three empty sets
-    /// @return how often a socket is left in a set; 0 after the time, the sets being empty then; -1 on failure: `Error` 0
-    ///         for a null pointer and for a socket without a descriptor, the sets being unchanged; `SysError` 1 without
+    /// @return how often a socket is left in a set; 0 after the time, the sets being empty then; -1 on failure: `ErrorId::INVALID_SOCKET`
+    ///         for a null pointer and for a socket without a descriptor, the sets being unchanged; `SysErrorId::OUT_OF_MEMORY` without
     ///         memory, 10 for a descriptor that was closed behind the socket's back, else 19, the sets being empty
     static int selectSockets(
         std::set<Socket const*>& read, std::set<Socket const*>& write, std::set<Socket const*>& except,
         unsigned int timeout_ms, bool use_timeout);
 
 protected:
-    /// Makes an `INACTIVE` socket without a descriptor. It is invalid, with `CommonError` 0 pending, if there is no memory
+    /// Makes an `INACTIVE` socket without a descriptor. It is invalid, with `CommonErrorId::OUT_OF_MEMORY` pending, if there is no memory
     /// for a buffer.
     /// @param blocking      whether operations wait
     /// @param read_buffer   bytes to read ahead; 0: unbuffered
@@ -132,11 +132,11 @@ protected:
     /// once, without a system call.
     ///
     /// Nothing there on a descriptor that does not wait is success with a count of 0. Failures put a `StreamError` on top:
-    /// `CommonError` 1 if the socket is not open (0, `read` untouched); `Error` 11 with "Connection closed normally" for
-    /// the peer's orderly end (2); `Error` 12 for a system that gave more than `size`, `hadError` staying false (1); `Error`
-    /// 6 for a reset (0); `Error` 0 for `EINVAL` (0); `SysError` 10 for `EIO`,
-    /// `EBADF`, `ENOTSOCK` and `EOPNOTSUPP` (0); `Error` 7 for `ENOTCONN` and `ECONNREFUSED` (0); `Error` 10 for a
-    /// time-out (1); `SysError` 0 or 1 for `ENOBUFS` or `ENOMEM` (1); else `SysError` 19 (4).
+    /// `CommonErrorId::CONTRACT_BROKEN` if the socket is not open (0, `read` untouched); `ErrorId::CONNECTION_CLOSED` with "Connection closed normally" for
+    /// the peer's orderly end (2); `ErrorId::MESSAGE_TOO_BIG` for a system that gave more than `size`, `hadError` staying false (1); `Error`
+    /// 6 for a reset (0); `ErrorId::INVALID_SOCKET` for `EINVAL` (0); `SysErrorId::SPOILED_INTEGRITY` for `EIO`,
+    /// `EBADF`, `ENOTSOCK` and `EOPNOTSUPP` (0); `ErrorId::PEER_UNREACHABLE` for `ENOTCONN` and `ECONNREFUSED` (0); `ErrorId::COMMUNICATION_FAILED` for a
+    /// time-out (1); `SysErrorId::RESOURCES_EXHAUSTED` or 1 for `ENOBUFS` or `ENOMEM` (1); else `SysErrorId::UNCLASSIFIED` (4).
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override;
 
     /// Sends once (`send` without `SIGPIPE`, repeated while a signal interrupts it). A short count is success. With a `size`
@@ -144,10 +144,10 @@ protected:
     ///
     /// No room on a descriptor that does not wait is success with a count of 0; if the stream is to wait all the same, that is
     /// told when there is room again. Failures put a `StreamError` on top:
-    /// `CommonError` 1 if the socket is not open (0, `written` untouched); `SysError` 7 for `EPERM` and `EACCES` (0);
-    /// `SysError` 10 for `EIO`, `EBADF`, `ENOTSOCK`, `EOPNOTSUPP` and `ENOTCONN` (0); `Error` 0 for a connection that is
-    /// closed (0); `Error` 5 for `EDESTADDRREQ` (0); `Error` 8 for a network that is down or has no way (0); `Error` 6 for
-    /// a reset (0); `Error` 12 for a message that is too big (1); `SysError` 0 for `ENOBUFS` (1); else `SysError` 19 (4).
+    /// `CommonErrorId::CONTRACT_BROKEN` if the socket is not open (0, `written` untouched); `SysErrorId::PERMISSION_DENIED` for `EPERM` and `EACCES` (0);
+    /// `SysErrorId::SPOILED_INTEGRITY` for `EIO`, `EBADF`, `ENOTSOCK`, `EOPNOTSUPP` and `ENOTCONN` (0); `ErrorId::INVALID_SOCKET` for a connection that is
+    /// closed (0); `ErrorId::ADDRESS_INVALID` for `EDESTADDRREQ` (0); `ErrorId::NETWORK_UNAVAILABLE` for a network that is down or has no way (0); `ErrorId::CONNECTION_RESET` for
+    /// a reset (0); `ErrorId::MESSAGE_TOO_BIG` for a message that is too big (1); `SysErrorId::RESOURCES_EXHAUSTED` for `ENOBUFS` (1); else `SysErrorId::UNCLASSIFIED` (4).
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override;
 
     /// Does nothing: the system sends by itself.

@@ -35,7 +35,7 @@ public:
     /// Returns the family of these ids.
     friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
-    /// Creates the lock (`pthread_spin_init`); `isValid` tells whether it worked, and if not `Error` 0 is pending. Nobody
+    /// Creates the lock (`pthread_spin_init`); `isValid` tells whether it worked, and if not `ErrorId::CREATE_FAILED` is pending. Nobody
     /// may hold it when it is destroyed; a failure is then a warning, "Error destroying SpinLock!", and no report stays
     /// pending.
     SpinLock() : SpinLockBase(PTHREAD_PROCESS_PRIVATE) {}

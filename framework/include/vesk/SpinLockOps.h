@@ -11,20 +11,20 @@ class VESK_API SpinLockOps {
 public:
     SpinLockOps() = delete;
 
-    /// After `pthread_spin_init`: `SpinLock::Error` 0. Always true.
+    /// After `pthread_spin_init`: `SpinLock::ErrorId::CREATE_FAILED`. Always true.
     static bool handleInitError(int error);
 
-    /// After `pthread_spin_destroy`: `SysError` 10 for a lock that is broken or in use, else 19. Always true.
+    /// After `pthread_spin_destroy`: `SysErrorId::SPOILED_INTEGRITY` for a lock that is broken or in use, else 19. Always true.
     static bool handleDestroyError(int error);
 
-    /// After `pthread_spin_lock`: `SpinLock::Error` 3 for `EPERM`, else 2, the row that speaks of unlocking. Always true.
+    /// After `pthread_spin_lock`: `SpinLock::ErrorId::INCONSISTENT` for `EPERM`, else 2, the row that speaks of unlocking. Always true.
     static bool handleLockError(int error);
 
-    /// After `pthread_spin_trylock`: 1 if the lock is only busy (not reported), -1 after `SpinLock::Error` 3 for
+    /// After `pthread_spin_trylock`: 1 if the lock is only busy (not reported), -1 after `SpinLock::ErrorId::INCONSISTENT` for
     /// `EDEADLK`, else 1.
     static signed char handleTryLockError(int error);
 
-    /// After `pthread_spin_unlock`: `SpinLock::Error` 3 for `EDEADLK`, else 1, the row that speaks of locking. Always
+    /// After `pthread_spin_unlock`: `SpinLock::ErrorId::INCONSISTENT` for `EDEADLK`, else 1, the row that speaks of locking. Always
     /// true.
     static bool handleUnlockError(int error);
 };

@@ -18,7 +18,7 @@ namespace vesk {
 /// It is stopped or running. While it runs, a period is open, which `peekRuntime` tells; the periods that are over are
 /// in `getStoppedTime`; `getElapsedTime` is the sum of the two.
 ///
-/// A clock that cannot be read leaves a report pending, `Time::Error` 2, and `hasFailed` tells.
+/// A clock that cannot be read leaves a report pending, `Time::ErrorId::GET_TIME_FAILED`, and `hasFailed` tells.
 ///
 /// It is not locked: one stopwatch belongs to one thread at a time, even to read it. Nothing blocks or allocates. Reading
 /// the clock is a `clock_gettime`.

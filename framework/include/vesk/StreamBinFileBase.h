@@ -22,7 +22,7 @@ public:
     ///
     /// @param offset     in bytes, from where `direction` says
     /// @param position   out: the new position, counted from the begin; only to be looked at after success
-    /// @return true on failure: `CommonError` 1 if no file is open; `SysError` 10 for a descriptor that is not open or has
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if no file is open; `SysErrorId::SPOILED_INTEGRITY` for a descriptor that is not open or has
     ///         no position (a pipe) and for a position beyond 2,147,483,647, 8 for one before the begin, else 19
     virtual bool seek(int offset, SeekDirection direction, unsigned int& position);
 

@@ -18,7 +18,7 @@ namespace vesk {
 ///     }
 ///
 /// `read` is that of `std::IBinInputStream`, which tells its results. Its reports are two: a row of `SysError` with one of
-/// `StreamError` on top; the end of the file is `StreamError` 2 alone.
+/// `StreamError` on top; the end of the file is `StreamErrorId::END_OF_STREAM` alone.
 ///
 /// The object's own `close` and destructor are those of `BinFileBase`. What is read ahead is still there after `close`.
 ///
@@ -26,7 +26,7 @@ namespace vesk {
 class VESK_API StreamBinFileR : public std::IBinInputStream, public virtual StreamBinFileBase {
 public:
     /// @param buffer_size  bytes to read ahead; 0: unbuffered. Without memory for them the object can be neither opened
-    ///                     nor read, and `CommonError` 0 is pending.
+    ///                     nor read, and `CommonErrorId::OUT_OF_MEMORY` is pending.
     explicit StreamBinFileR(unsigned int buffer_size = 0) : std::IBinInputStream(true, buffer_size) {}
 
     /// Closes the file as `BinFileBase` does.
@@ -37,13 +37,13 @@ public:
 
     /// Takes over the read end of a pipe and reads from it in blocking mode, see `BinFileBase::open`. What was read ahead
     /// before is dropped.
-    /// @return true on failure: `CommonError` 1 without the buffer that the object was made for, else as the base
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` without the buffer that the object was made for, else as the base
     bool open(Pipe& pipe);
 
     /// Opens a file, see `BinFileBase::open`. What was read ahead before is dropped.
     /// @param flags   with `NON_BLOCK` a read that finds nothing yet gives a count of 0
     /// @param access  permissions of a file that is made
-    /// @return true on failure: `CommonError` 1 without the buffer that the object was made for, else as the base
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` without the buffer that the object was made for, else as the base
     bool open(char const* path, ReadFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
     /// The same for a path in the locale's encoding.
     bool open(UnicodeString const& path, ReadFlags flags, FileAccess const& access = DEFAULT_ACCESS);
@@ -63,8 +63,8 @@ protected:
 
     /// One `read`, repeated while a signal interrupts it. Nothing there in non-blocking mode is success. For 0 bytes no
     /// call is made.
-    /// @return true on failure: at the end of the file `StreamError` 2; else `SysError` with `StreamError` on top, or for
-    ///         a closed file `CommonError` 1 with `StreamError` 0 on top
+    /// @return true on failure: at the end of the file `StreamErrorId::END_OF_STREAM`; else `SysError` with `StreamError` on top, or for
+    ///         a closed file `CommonErrorId::CONTRACT_BROKEN` with `StreamErrorId::UNUSABLE` on top
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override;
 
 private:

@@ -24,7 +24,7 @@ public:
     /// @param read_buffer_size   bytes to read ahead; 0: unbuffered
     /// @param write_buffer_size  bytes to collect; 0: unbuffered
     ///
-    /// Without memory for a buffer the object cannot be opened, and `CommonError` 0 is pending.
+    /// Without memory for a buffer the object cannot be opened, and `CommonErrorId::OUT_OF_MEMORY` is pending.
     explicit StreamBinFileRW(unsigned int read_buffer_size = 0, unsigned int write_buffer_size = 0)
         : StreamBinFileR(read_buffer_size), StreamBinFileW(write_buffer_size) {}
 
@@ -38,7 +38,7 @@ public:
     /// dropped.
     /// @param flags   with `NON_BLOCK` neither direction waits
     /// @param access  permissions of a file that is made
-    /// @return true on failure: `CommonError` 1 without the buffers that the object was made for, else what `close`
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` without the buffers that the object was made for, else what `close`
     ///         reported, or as the base
     bool open(char const* path, ReadWriteFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
     /// The same for a path in the locale's encoding.

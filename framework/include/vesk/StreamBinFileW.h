@@ -24,7 +24,7 @@ namespace vesk {
 class VESK_API StreamBinFileW : public std::IBinOutputStream, public virtual StreamBinFileBase {
 public:
     /// @param buffer_size  bytes to collect; 0: unbuffered. Without memory for them the object can be neither opened nor
-    ///                     written, and `CommonError` 0 is pending.
+    ///                     written, and `CommonErrorId::OUT_OF_MEMORY` is pending.
     explicit StreamBinFileW(unsigned int buffer_size = 0) : std::IBinOutputStream(true, buffer_size) {}
 
     /// Flushes and closes the file. A failure shows as a warning only; call `close` to learn of it.
@@ -35,14 +35,14 @@ public:
 
     /// Takes over the write end of a pipe and writes to it in blocking mode, see `BinFileBase::open`. The file before is
     /// flushed and closed.
-    /// @return true on failure: `CommonError` 1 without the buffer that the object was made for, else what `close`
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` without the buffer that the object was made for, else what `close`
     ///         reported, or as the base
     bool open(Pipe& pipe);
 
     /// Opens a file, see `BinFileBase::open`. The file before is flushed and closed.
     /// @param flags   with `NON_BLOCK` a write that would wait is short
     /// @param access  permissions of a file that is made
-    /// @return true on failure: `CommonError` 1 without the buffer that the object was made for, else what `close`
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` without the buffer that the object was made for, else what `close`
     ///         reported, or as the base
     bool open(char const* path, WriteFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
     /// The same for a path in the locale's encoding.
@@ -67,14 +67,14 @@ protected:
     /// One `write`, repeated while a signal interrupts it; it may be short. No room in non-blocking mode is success. For
     /// 0 bytes no call is made. No room in blocking mode, on a descriptor that was made non-blocking from outside, waits
     /// for room (`poll`) and gives a count of 0.
-    /// @return true on failure: `SysError` with `StreamError` on top, or for a closed file `CommonError` 1 with
-    ///         `StreamError` 0 on top
+    /// @return true on failure: `SysError` with `StreamError` on top, or for a closed file `CommonErrorId::CONTRACT_BROKEN` with
+    ///         `StreamErrorId::UNUSABLE` on top
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override;
 
     /// Waits until the file's data is on the medium (`fsync`, repeated while a signal interrupts it). What has no medium,
     /// such as a pipe or a terminal, is done at once.
-    /// @return true on failure: `SysError` with `StreamError` on top, or for a closed file `CommonError` 1 with
-    ///         `StreamError` 0 on top
+    /// @return true on failure: `SysError` with `StreamError` on top, or for a closed file `CommonErrorId::CONTRACT_BROKEN` with
+    ///         `StreamErrorId::UNUSABLE` on top
     bool performFlush() override;
 
     /// Passes on what the buffer holds, with `flush(false)`. If only the medium fails, which is acknowledged, the data is

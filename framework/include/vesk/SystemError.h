@@ -9,7 +9,7 @@ namespace vesk {
 
 /// Keeps an error number of the system and gives its text.
 ///
-///     std::ErrorOutput(SOURCE, __LINE__, true)(vesk::SysError, 19, vesk::SystemError().getString());
+///     std::ErrorOutput(SOURCE, __LINE__, true)(vesk::SysError, vesk::SysErrorId::UNCLASSIFIED, vesk::SystemError().getString());
 class VESK_API SystemError {
 public:
     /// Keeps the calling thread's `errno`.

@@ -17,13 +17,13 @@ namespace vesk {
 class VESK_API SystemLoad {
 public:
     /// Takes the snapshot (`fopen`, `fscanf` of "/proc/uptime"). Does not block. Works in every locale.
-    /// @return true on failure, `valid` is false then: `SysError` 17, on top of the report of `Time::getTimestamp` if it
+    /// @return true on failure, `valid` is false then: `SysErrorId::QUERY_FAILED`, on top of the report of `Time::getTimestamp` if it
     ///         was the clock that failed
     bool sample();
 
     /// How busy the system was between two snapshots, in percent of what all processors can do. As the moments are read
     /// from the wall clock, setting that in between spoils the result.
-    /// @return 0.0 to 100.0, and 0.0 also if `end` is not later than `start`; -1.0 on failure: `SysError` 8 with "start"
+    /// @return 0.0 to 100.0, and 0.0 also if `end` is not later than `start`; -1.0 on failure: `SysErrorId::INVALID_PARAMETER` with "start"
     ///         or "end", a snapshot that is not valid
     static double getCpuLoad(SystemLoad const& start, SystemLoad const& end);
 

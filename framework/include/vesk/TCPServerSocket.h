@@ -14,7 +14,7 @@ namespace vesk {
 ///     }
 ///     server.close(false);
 ///
-/// Reading, writing and flushing always fail, in any state: `CommonError` 1 with `StreamError` 3 on top.
+/// Reading, writing and flushing always fail, in any state: `CommonErrorId::CONTRACT_BROKEN` with `StreamErrorId::NOT_SUPPORTED` on top.
 ///
 /// See `Socket` for threads. An open one must be closed before it is destroyed.
 class VESK_API TCPServerSocket : public IPSocket {
@@ -32,9 +32,9 @@ public:
     /// Binds the socket to its address and listens (`bind`, `listen`). Does not block. The address is not looked up again:
     /// who listens on port 0 learns the port by `updateLocalAddress`.
     ///
-    /// `hadError` tells a failure. Then `CommonError` 1 is pending for a socket that is not `INACTIVE`, whose state stays.
-    /// After any other failure the socket is `DEAD`: `CommonError` 5, after an assertion, without a descriptor; of `bind`
-    /// what `TCPSocket::connect` tells; of `listen` `Error` 4 for an address that is in use, `SysError` 0 without
+    /// `hadError` tells a failure. Then `CommonErrorId::CONTRACT_BROKEN` is pending for a socket that is not `INACTIVE`, whose state stays.
+    /// After any other failure the socket is `DEAD`: `CommonErrorId::INVALID_ARGUMENT`, after an assertion, without a descriptor; of `bind`
+    /// what `TCPSocket::connect` tells; of `listen` `ErrorId::ADDRESS_IN_USE` for an address that is in use, `SysErrorId::RESOURCES_EXHAUSTED` without
     /// buffers, 7 without the right, 10 for a socket that cannot listen, else 19.
     /// @param backlog  how many connections may wait to be accepted; the system has a limit of its own
     void enableListen(unsigned int backlog);
@@ -42,9 +42,9 @@ public:
     /// Takes the next waiting connection (`accept4`, repeated while a signal interrupts it), whose descriptor `exec`
     /// closes. Waits for one if the socket does.
     /// @return an empty description, with `hadError` false, if none waits and the socket does not wait either. An empty
-    ///         one with `hadError` true on failure: `CommonError` 1 for a socket that is not `OPEN`; `SysError` 7 for a
+    ///         one with `hadError` true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is not `OPEN`; `SysErrorId::PERMISSION_DENIED` for a
     ///         connection that is not allowed, 1 without memory, 10 for a socket that does not listen, 0 without
-    ///         descriptors, else 19; `Error` 8, 10 and 11 for a network, a protocol and a peer that failed before the
+    ///         descriptors, else 19; `ErrorId::NETWORK_UNAVAILABLE`, 10 and 11 for a network, a protocol and a peer that failed before the
     ///         connection was taken, 0 for a socket that cannot be used
     TCPSocket::Description acceptConnection();
 

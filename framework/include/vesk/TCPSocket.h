@@ -69,9 +69,9 @@ public:
     };
 
     /// Makes an `INACTIVE` socket with a descriptor that `exec` closes (`socket`). Resolves both addresses, which may
-    /// block. On failure it is invalid, and reported is what the resolver told; `SysError` 0 without descriptors, 7
-    /// without the right, 1 without memory; `Error` 3 for a protocol that the system does not have; `SysError` 19 if the
-    /// descriptor cannot be made one that does not wait; what `setSendBuffer` tells for `reuse`; else `SysError` 19.
+    /// block. On failure it is invalid, and reported is what the resolver told; `SysErrorId::RESOURCES_EXHAUSTED` without descriptors, 7
+    /// without the right, 1 without memory; `ErrorId::CREATE_FAILED` for a protocol that the system does not have; `SysErrorId::UNCLASSIFIED` if the
+    /// descriptor cannot be made one that does not wait; what `setSendBuffer` tells for `reuse`; else `SysErrorId::UNCLASSIFIED`.
     /// @param blocking      whether operations wait
     /// @param read_buffer   bytes to read ahead; 0: unbuffered
     /// @param write_buffer  bytes to collect before they are sent; 0: unbuffered
@@ -86,8 +86,8 @@ public:
     /// Adopts an accepted connection: an `OPEN` socket, and `description.valid` false. The peer's address is the
     /// connection's; the local one stays the text of the listening address until `updateLocalAddress`.
     ///
-    /// On failure the socket is invalid and the descriptor stays the description's: `CommonError` 1 with "Tried to
-    /// construct TCPSocket from invalid description" for one that is empty or was adopted before; `SysError` 19 if the
+    /// On failure the socket is invalid and the descriptor stays the description's: `CommonErrorId::CONTRACT_BROKEN` with "Tried to
+    /// construct TCPSocket from invalid description" for one that is empty or was adopted before; `SysErrorId::UNCLASSIFIED` if the
     /// descriptor cannot be made one that does not wait. See the other constructor for the parameters.
     TCPSocket(
         bool blocking, unsigned int read_buffer, unsigned int write_buffer, Description const& description);
@@ -107,10 +107,10 @@ public:
     /// | true | true | `OPEN` | connected, but the subclass's `connected` has failed |
     /// | false | true | as it was | the socket was not `INACTIVE` |
     ///
-    /// Reported are `CommonError` 1 for the wrong state, and `CommonError` 5, after an assertion, without a descriptor.
-    /// Of `bind`: `SysError` 10, 1 without memory, 7 without the right, 0 without buffers, else 19; `Error` 4 for an
-    /// address that is in use, 5 for one that this machine does not have. Of `connect`: `SysError` 7 without the right,
-    /// 10 also for a time-out, 0 without a free port, else 19; `Error` 4 and 5 as before, 8 for a network that is down
+    /// Reported are `CommonErrorId::CONTRACT_BROKEN` for the wrong state, and `CommonErrorId::INVALID_ARGUMENT`, after an assertion, without a descriptor.
+    /// Of `bind`: `SysErrorId::SPOILED_INTEGRITY`, 1 without memory, 7 without the right, 0 without buffers, else 19; `ErrorId::ADDRESS_IN_USE` for an
+    /// address that is in use, 5 for one that this machine does not have. Of `connect`: `SysErrorId::PERMISSION_DENIED` without the right,
+    /// 10 also for a time-out, 0 without a free port, else 19; `ErrorId::ADDRESS_IN_USE` and 5 as before, 8 for a network that is down
     /// or has no way, 6 for a reset, 7 for a peer that refuses or cannot be reached.
     bool connect();
 

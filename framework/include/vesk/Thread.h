@@ -134,7 +134,7 @@ public:
     ///
     /// A constructor that fails leaves an object with which nothing can be done but asking `isValid` and destroying it,
     /// and the error pending: a row of `SysError` (0 without resources, 1 without memory, 7 without the right, 8 for
-    /// parameters out of their range, else 19), then `Error` 0.
+    /// parameters out of their range, else 19), then `ErrorId::CREATE_FAILED`.
     Thread(Function function, void* argument);
 
     /// The same with a name.
@@ -175,13 +175,13 @@ public:
     VESK_API_INLINE bool isValid() const noexcept { return m_valid; }
 
     /// Lets the body run. Once only. Does not block.
-    /// @return true on failure, with the state as it was: `std::CommonError` 1 in any other state than `CREATED`; what
-    ///         the lock or the condition reports, and `Error` 1, if one of them fails
+    /// @return true on failure, with the state as it was: `std::CommonErrorId::CONTRACT_BROKEN` in any other state than `CREATED`; what
+    ///         the lock or the condition reports, and `ErrorId::START_FAILED`, if one of them fails
     bool start();
 
     /// Waits for the end of the thread (`pthread_join`). A cancellation point.
-    /// @return true on failure: `std::CommonError` 1 if the thread is detached, is not started, was joined or terminated
-    ///         before, or is the calling one; else `Error` 4
+    /// @return true on failure: `std::CommonErrorId::CONTRACT_BROKEN` if the thread is detached, is not started, was joined or terminated
+    ///         before, or is the calling one; else `ErrorId::JOIN_FAILED`
     bool join();
 
     /// The same for a time (`pthread_timedjoin_np`). Its clock is the wall clock, so setting the date changes when it
@@ -196,12 +196,12 @@ public:
     /// it so, and `terminate` refuses until then. In a thread that was terminated it does not wait.
     ///
     /// @param ms  milliseconds at most, on the monotonic clock; 0 is no limit, what is below 0 has run out
-    /// @return true on failure: `std::CommonError` 1 in another thread, and in a detached one whose object is gone; what
-    ///         the lock or the condition reports, and `Error` 6, if one of them fails
+    /// @return true on failure: `std::CommonErrorId::CONTRACT_BROKEN` in another thread, and in a detached one whose object is gone; what
+    ///         the lock or the condition reports, and `ErrorId::SUSPEND_FAILED`, if one of them fails
     bool suspend(long long ms);
 
     /// Ends a `suspend` of the thread. In any other state than `SUSPENDED` it does nothing, with success. Does not block.
-    /// @return true on failure, with the state as it was: `Error` 7 alone
+    /// @return true on failure, with the state as it was: `ErrorId::WAKEUP_FAILED` alone
     bool wakeup();
 
     /// Cancels the thread (`pthread_cancel`), and calls its exit handlers in the calling one. The thread ends at its next
@@ -209,15 +209,15 @@ public:
     /// Nobody has to join it. The object may be destroyed as soon as this returns, though the body may run on a little;
     /// then no exit handler is called any more. Does not wait for the end.
     ///
-    /// @return true on failure: `std::CommonError` 1 in any other state than `RUNNING`, or if the body has returned;
-    ///         `Error` 5 if the lock or the system fails. A thread that the system refuses to cancel is detached by
+    /// @return true on failure: `std::CommonErrorId::CONTRACT_BROKEN` in any other state than `RUNNING`, or if the body has returned;
+    ///         `ErrorId::TERMINATE_FAILED` if the lock or the system fails. A thread that the system refuses to cancel is detached by
     ///         then, and runs on: it can be terminated again, but not joined
     bool terminate();
 
     /// Registers a handler for the end of the calling thread. Handlers cannot be removed. Those of the main thread, that
     /// is the one that made the `Vesk`, are kept but never called; those of a detached thread are called by `terminate`
     /// alone.
-    /// @return true on failure: `std::CommonError` 1 if the calling thread is none of this class, `SysError` 0 if it has
+    /// @return true on failure: `std::CommonErrorId::CONTRACT_BROKEN` if the calling thread is none of this class, `SysErrorId::RESOURCES_EXHAUSTED` if it has
     ///         four handlers
     static bool registerExitHandler(ExitHandler handler);
 
@@ -233,7 +233,7 @@ public:
     /// Keeps the calling thread as the main thread; called by the start-up of the library. Always false.
     static bool init() noexcept;
 
-    /// Lets other threads have the processor (`sched_yield`). True on failure: `Error` 3.
+    /// Lets other threads have the processor (`sched_yield`). True on failure: `ErrorId::YIELD_FAILED`.
     static bool yield();
 
     /// The state, read under its lock. A lock that fails goes to `std::GlobalErrorHandler::doAssert`.
@@ -256,7 +256,7 @@ public:
     /// A thread that was created just now may not have told its kernel id yet. Its nice value is then set on the calling
     /// thread; whoever wants to be sure waits for a sign of its body. This holds for all operations on nice values.
     ///
-    /// @return true on failure: without the right `SysError` 7, then `Error` 2; else `Error` 2
+    /// @return true on failure: without the right `SysErrorId::PERMISSION_DENIED`, then `ErrorId::SCHEDULING_FAILED`; else `ErrorId::SCHEDULING_FAILED`
     bool setPriority(int priority);
 
     /// The real-time priority, or the nice value of a time-sharing thread; -2,147,483,648 on failure, reported as by
@@ -265,7 +265,7 @@ public:
 
     /// Sets policy and parameters (`pthread_setschedparam`, and `setpriority` for `VESK_SCHED_POLICY_NORMAL`).
     /// `VESK_SCHED_NOOP` does nothing. `VESK_SCHED_POLICY_KEEP` sets `priority` and keeps the thread's policy.
-    /// @return true on failure: `Error` 2 for a class; `SysError` 19, then `Error` 2, for what the system refuses
+    /// @return true on failure: `ErrorId::SCHEDULING_FAILED` for a class; `SysErrorId::UNCLASSIFIED`, then `ErrorId::SCHEDULING_FAILED`, for what the system refuses
     bool setSchedAttrs(sched::Attr const& attributes);
 
     /// How the thread is scheduled. Results and failures are those of `getCallerSchedAttrs`.
@@ -276,7 +276,7 @@ public:
     ///
     /// @param attributes  gets the policy `VESK_SCHED_POLICY_RR` or `_FIFO` with `priority`, or `_NORMAL` with `nice`.
     ///                    After a failure its policy is `VESK_SCHED_NOOP` and its parameters are as they were.
-    /// @return true on failure: `SysError` 19 if the system refuses; `Error` 2 with "read unexpected policy from thread"
+    /// @return true on failure: `SysErrorId::UNCLASSIFIED` if the system refuses; `ErrorId::SCHEDULING_FAILED` with "read unexpected policy from thread"
     ///         if it has a policy of which this library knows nothing, such as `SCHED_BATCH`
     static bool getCallerSchedAttrs(sched::Attr& attributes);
 
@@ -284,19 +284,19 @@ public:
     static sched::Attr getMainSchedAttrs();
 
     /// The lowest and the highest priority of the calling thread's policy (`sched_get_priority_min` and `_max`);
-    /// -2,147,483,648 on failure, with `Error` 2.
+    /// -2,147,483,648 on failure, with `ErrorId::SCHEDULING_FAILED`.
     static int getMinPriority();
     static int getMaxPriority();
 
     /// Sets the processors on which the thread may run (`pthread_setaffinity_np`).
     /// @param processors  one entry a processor, by its number; those from 1,024 on are ignored. Empty stands for all.
     ///                    Without a true entry nothing changes, with success.
-    /// @return true on failure, for example if the machine has none of them: `SysError` 19
+    /// @return true on failure, for example if the machine has none of them: `SysErrorId::UNCLASSIFIED`
     bool setCPUAffinity(std::vector<bool> const& processors);
 
     /// The processors on which the thread may run (`pthread_getaffinity_np`).
     /// @param processors  resized to the number of processors that were online when the library was loaded
-    /// @return true on failure: `SysError` 19; `std::CommonError` 3 if that number is not known
+    /// @return true on failure: `SysErrorId::UNCLASSIFIED`; `std::CommonErrorId::UNSUPPORTED_VALUE` if that number is not known
     bool getCPUAffinity(std::vector<bool>& processors);
 
     // To be read only.

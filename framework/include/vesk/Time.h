@@ -38,7 +38,7 @@ public:
     friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
     /// Makes this moment the origin of `getUptime`. Called by the start-up of the library, in `Vesk`.
-    /// @return true on failure: `Error` 0
+    /// @return true on failure: `ErrorId::NO_CLOCK`
     static bool init();
 
     /// The monotonic clock, which counts from the boot of the system and never jumps (`clock_gettime`,
@@ -53,12 +53,12 @@ public:
     /// The time since the first `Vesk` object of the process, on the clock of `getTime`; before there is one, the same
     /// as `getTime`. Does not block.
     /// @param ms  set to the time
-    /// @return true on failure: `Error` 3
+    /// @return true on failure: `ErrorId::GET_UPTIME_FAILED`
     static bool getUptime(long long& ms);
 
     /// The time since the beginning of 1970, UTC (`clock_gettime`, `CLOCK_REALTIME`). Does not block.
     /// @param ms  set to the time, rounded down; not touched on failure
-    /// @return true on failure: `SysError` 6 if the system has no such clock, else `Error` 4
+    /// @return true on failure: `SysErrorId::NOT_IMPLEMENTED` if the system has no such clock, else `ErrorId::GET_TIMESTAMP_FAILED`
     static bool getTimestamp(long long& ms);
 
     /// The origin of `getUptime` on the clock of `getTime`, in milliseconds; 0 until the library has started. It is
@@ -69,7 +69,7 @@ public:
     /// nor setting the date makes it shorter or longer.
     /// @param ms  milliseconds, counted from the last full one: up to one less than that may pass. Below 1 it returns at
     ///            once. A time that no deadline can hold is for ever.
-    /// @return true if the system refused to sleep at least once: `Error` 1. The sleep is tried again until it works, so
+    /// @return true if the system refused to sleep at least once: `ErrorId::SLEEP_FAILED`. The sleep is tried again until it works, so
     ///         the time has passed all the same; should it never work, the call does not return.
     static bool sleep(long long ms);
 

@@ -84,7 +84,7 @@ public:
     /// another thread. Throws `std::bad_alloc` if there is no memory for one more running timer, and is stopped then.
     /// @param interval_ms  milliseconds, not 0
     /// @param periodic     whether to go on after the first call
-    /// @return true on failure, with everything as it was: `std::CommonError` 1 for an interval of 0
+    /// @return true on failure, with everything as it was: `std::CommonErrorId::CONTRACT_BROKEN` for an interval of 0
     bool start(unsigned int interval_ms, bool periodic);
 
     /// Stops it; a stopped one stays so. Interval and kind stay what they were. When it returns, the callback will not be

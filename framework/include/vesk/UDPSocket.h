@@ -51,9 +51,9 @@ public:
     /// Makes a socket that is neither bound nor connected (`socket`, closed by `exec`). Both addresses are resolved, see
     /// `IPSocket`.
     ///
-    /// It is invalid after a failure, which stays reported: what the addresses report; `SysError` 0 without a descriptor
-    /// left, 7 without the right, 1 without memory; `Error` 3 for a protocol that the system does not have; else
-    /// `SysError` 19.
+    /// It is invalid after a failure, which stays reported: what the addresses report; `SysErrorId::RESOURCES_EXHAUSTED` without a descriptor
+    /// left, 7 without the right, 1 without memory; `ErrorId::CREATE_FAILED` for a protocol that the system does not have; else
+    /// `SysErrorId::UNCLASSIFIED`.
     /// @param blocking      whether reading, writing and connecting wait
     /// @param read_buffer   bytes to read ahead, enough for a datagram or what does not fit is lost; 0: unbuffered
     /// @param write_buffer  bytes to collect into one datagram, up to `MAX_TEL_SIZE`; 0: unbuffered
@@ -72,25 +72,25 @@ public:
     ///
     /// | report | socket | for |
     /// |---|---|---|
-    /// | `CommonError` 1 | as it was | a socket that is not `INACTIVE` |
-    /// | `SysError` 10, 1, 7, 0, 19, `Error` 4 or 5 | `DEAD` | an address that cannot be bound (`bind`) |
-    /// | `Error` 0, `SysError` 2, `Error` 1, `SysError` 19 | `INACTIVE` | a group that cannot be shared or joined (`setsockopt`) |
+    /// | `CommonErrorId::CONTRACT_BROKEN` | as it was | a socket that is not `INACTIVE` |
+    /// | `SysErrorId::SPOILED_INTEGRITY`, 1, 7, 0, 19, `ErrorId::ADDRESS_IN_USE` or 5 | `DEAD` | an address that cannot be bound (`bind`) |
+    /// | `ErrorId::INVALID_SOCKET`, `SysErrorId::INVALID_PATH`, `ErrorId::UNKNOWN_OPTION`, `SysErrorId::UNCLASSIFIED` | `INACTIVE` | a group that cannot be shared or joined (`setsockopt`) |
     ///
     /// A socket that cannot be connected is `OPEN` all the same, since its peer may become reachable: there is a warning,
     /// and `hadError` stays false, while what `connect` reported stays pending: acknowledge it.
     void open();
 
     /// Whether datagrams may go to the broadcast address (`getsockopt`, `SO_BROADCAST`). IPv6 has none: always false.
-    /// @return false also on failure, with `hadError` set: `Error` 0 without a descriptor or for one that is no socket;
-    ///         `SysError` 7 without the right; `Error` 1 for an unknown option; `SysError` 1 without memory; else 19
+    /// @return false also on failure, with `hadError` set: `ErrorId::INVALID_SOCKET` without a descriptor or for one that is no socket;
+    ///         `SysErrorId::PERMISSION_DENIED` without the right; `ErrorId::UNKNOWN_OPTION` for an unknown option; `SysErrorId::OUT_OF_MEMORY` without memory; else 19
     bool getBroadcast() const;
 
     /// Allows or forbids datagrams to the broadcast address (`setsockopt`, `SO_BROADCAST`). Does nothing with IPv6. The peer
     /// may be the broadcast address of an interface's network if it is allowed before `open`; who wants to receive such
     /// datagrams binds that address.
     ///
-    /// `hadError` tells of a failure: `Error` 0 without a descriptor or for one that is no socket; `SysError` 2 for a
-    /// value that the system refuses; `Error` 1 for an unknown option; else `SysError` 19.
+    /// `hadError` tells of a failure: `ErrorId::INVALID_SOCKET` without a descriptor or for one that is no socket; `SysErrorId::INVALID_PATH` for a
+    /// value that the system refuses; `ErrorId::UNKNOWN_OPTION` for an unknown option; else `SysErrorId::UNCLASSIFIED`.
     void setBroadcast(bool on);
 
     /// The largest datagram that can be sent: what the system's buffer holds, and `MAX_TEL_SIZE` at most. 0, with
@@ -99,7 +99,7 @@ public:
 
 protected:
     /// Sends one datagram: as `Socket` does, but to a group with `sendto`. The same failures are reported; one that `Socket`
-    /// has only `SysError` 19 for reports `StreamError` 4 alone.
+    /// has only `SysErrorId::UNCLASSIFIED` for reports `StreamErrorId::UNCLASSIFIED` alone.
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override;
 
 private:

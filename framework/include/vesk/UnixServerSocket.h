@@ -13,7 +13,7 @@ namespace vesk {
 ///     ...
 ///     server.close(false); // Removes the file.
 ///
-/// It is a stream only by descent: reading, writing and flushing fail in any state, with `CommonError` 1 and `StreamError`
+/// It is a stream only by descent: reading, writing and flushing fail in any state, with `CommonErrorId::CONTRACT_BROKEN` and `StreamError`
 /// 3 on top. See `UnixSocketBase` for names, `Socket` for states and threads.
 class VESK_API UnixServerSocket : public UnixSocketBase {
 public:
@@ -29,17 +29,17 @@ public:
     /// such as one that a crashed process has left, is not removed.
     ///
     /// After a failure, told by `hadError`, the socket is `DEAD` and its file removed, unless it was not `INACTIVE`
-    /// (`CommonError` 1). Reports `Socket::Error` 4 for a name that is taken; `SysError` 7 without the right; `SysError`
-    /// 10 for a name that is not usable; `SysError` 0 or 1 without resources or memory; `Socket::Error` 5 as the system
-    /// names it; else `SysError` 19.
+    /// (`CommonErrorId::CONTRACT_BROKEN`). Reports `Socket::ErrorId::ADDRESS_IN_USE` for a name that is taken; `SysErrorId::PERMISSION_DENIED` without the right; `SysError`
+    /// 10 for a name that is not usable; `SysErrorId::RESOURCES_EXHAUSTED` or 1 without resources or memory; `Socket::ErrorId::ADDRESS_INVALID` as the system
+    /// names it; else `SysErrorId::UNCLASSIFIED`.
     /// @param backlog  how many connections may wait to be accepted, within the system's limit
     void enableListen(unsigned int backlog);
 
     /// Takes a connection that waits (`accept4`, closed by `exec`, repeated while a signal interrupts it).
     /// @return empty if there is none on a socket that does not wait, without an error, and on failure, with `hadError`:
-    ///         `CommonError` 1 for a socket that is not `OPEN`; `SysError` 0 without a descriptor, 1 without memory, 7
-    ///         without the right; `Socket::Error` 11 for a connection that was given up before, 0, 8, 10 and `SysError` 10
-    ///         as the system names them; else `SysError` 19
+    ///         `CommonErrorId::CONTRACT_BROKEN` for a socket that is not `OPEN`; `SysErrorId::RESOURCES_EXHAUSTED` without a descriptor, 1 without memory, 7
+    ///         without the right; `Socket::ErrorId::CONNECTION_CLOSED` for a connection that was given up before, 0, 8, 10 and `SysErrorId::SPOILED_INTEGRITY`
+    ///         as the system names them; else `SysErrorId::UNCLASSIFIED`
     UnixSocket::Description acceptConnection();
 
 protected:

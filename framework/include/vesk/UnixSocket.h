@@ -48,9 +48,9 @@ public:
 
     /// Makes an `INACTIVE` socket (`socket`, closed by `exec`).
     ///
-    /// It is invalid without a report if both names are empty, and otherwise with one: `CommonError` 0 without memory for
-    /// a buffer; `SysError` 0 without a descriptor, 7 without the right, 1 without memory; `Socket::Error` 3 for a system
-    /// without such sockets; else `SysError` 19.
+    /// It is invalid without a report if both names are empty, and otherwise with one: `CommonErrorId::OUT_OF_MEMORY` without memory for
+    /// a buffer; `SysErrorId::RESOURCES_EXHAUSTED` without a descriptor, 7 without the right, 1 without memory; `Socket::ErrorId::CREATE_FAILED` for a system
+    /// without such sockets; else `SysErrorId::UNCLASSIFIED`.
     /// @param blocking      whether operations wait
     /// @param read_buffer   bytes to read ahead; 0: unbuffered
     /// @param write_buffer  bytes to collect before they are sent; 0: unbuffered
@@ -64,8 +64,8 @@ public:
     /// Adopts an accepted connection; the socket is `OPEN`. The name that it has in common with the server stays the
     /// server's: no file is removed at the end.
     ///
-    /// It is invalid without memory for a buffer (`CommonError` 0), for a description that is empty or was adopted before
-    /// (`CommonError` 1), and if the descriptor cannot be made one that does not wait (`SysError` 19). The description
+    /// It is invalid without memory for a buffer (`CommonErrorId::OUT_OF_MEMORY`), for a description that is empty or was adopted before
+    /// (`CommonErrorId::CONTRACT_BROKEN`), and if the descriptor cannot be made one that does not wait (`SysErrorId::UNCLASSIFIED`). The description
     /// then keeps its descriptor.
     UnixSocket(
         bool blocking, unsigned int read_buffer, unsigned int write_buffer, Description const& description);
@@ -79,11 +79,11 @@ public:
     /// | false | false | `OPEN` | connected |
     /// | true | false | `OPEN` | on its way |
     /// | true | true | `INACTIVE` | failed |
-    /// | false | true | as it was | `CommonError` 1: the socket is not `INACTIVE` |
+    /// | false | true | as it was | `CommonErrorId::CONTRACT_BROKEN`: the socket is not `INACTIVE` |
     ///
-    /// Reports `SysError` 7 without the right; `SysError` 10 for names that lead nowhere or are not usable; `SysError` 0
-    /// for a full backlog, and without resources; `Socket::Error` 4 for a name of its own that is taken, `Socket::Error` 7
-    /// if nobody listens; `Socket::Error` 5, 6, 8 and `SysError` 1 as the system names them; else `SysError` 19.
+    /// Reports `SysErrorId::PERMISSION_DENIED` without the right; `SysErrorId::SPOILED_INTEGRITY` for names that lead nowhere or are not usable; `SysErrorId::RESOURCES_EXHAUSTED`
+    /// for a full backlog, and without resources; `Socket::ErrorId::ADDRESS_IN_USE` for a name of its own that is taken, `Socket::ErrorId::PEER_UNREACHABLE`
+    /// if nobody listens; `Socket::ErrorId::ADDRESS_INVALID`, 6, 8 and `SysErrorId::OUT_OF_MEMORY` as the system names them; else `SysErrorId::UNCLASSIFIED`.
     bool connect();
 };
 

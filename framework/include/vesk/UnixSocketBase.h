@@ -23,7 +23,7 @@ namespace vesk {
 /// | 107 | taken | taken, but another name: its first 106 bytes and a zero byte |
 /// | 108 and more | refused | refused |
 ///
-/// A refused name is `SysError` 10 from the operation that binds or connects. The abstract name of 107 bytes is the same for
+/// A refused name is `SysErrorId::SPOILED_INTEGRITY` from the operation that binds or connects. The abstract name of 107 bytes is the same for
 /// all names with these first 106 bytes, and `updatePeerAddress` gives it with the zero byte. A peer that binds the whole name
 /// by other means than this library, for which an abstract name of 107 bytes is a valid one, is not reached. So keep
 /// abstract names within 106 bytes.
@@ -50,8 +50,8 @@ public:
     ///
     /// What the stream's buffer still holds is not sent: `flush` before.
     /// @param do_shutdown  whether to end the connection also for other descriptors of it (`shutdown`)
-    /// @return true on failure: `CommonError` 1 for a socket that is `DEAD` already; `SysError` 10 for a `close` that
-    ///         fails, without a report if the descriptor was not open; `SysError` 10 on top of what
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is `DEAD` already; `SysErrorId::SPOILED_INTEGRITY` for a `close` that
+    ///         fails, without a report if the descriptor was not open; `SysErrorId::SPOILED_INTEGRITY` on top of what
     ///         `FileSys::removeFile` reported
     bool close(bool do_shutdown);
 

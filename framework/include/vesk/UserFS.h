@@ -18,7 +18,7 @@ public:
     /// Does nothing; the argument has no effect.
     VESK_API_INLINE explicit UserFS(bool) noexcept {}
 
-    /// Always fails, with `SysError` 6 and the text "No FUSE available". Neither argument is looked at.
+    /// Always fails, with `SysErrorId::NOT_IMPLEMENTED` and the text "No FUSE available". Neither argument is looked at.
     /// @return true
     bool mount(char const* path, IFileSystem* file_system);
 

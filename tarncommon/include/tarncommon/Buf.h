@@ -11,7 +11,7 @@ namespace std {
 ///     memcpy(record.data, source, record.getSize());
 ///
 /// Different objects may be used from different threads, one object from one thread at a time. Nothing throws: a block
-/// that could not be had leaves `CommonError` 0 pending, and `isValid` tells.
+/// that could not be had leaves `CommonErrorId::OUT_OF_MEMORY` pending, and `isValid` tells.
 class TARN_API Buf {
 public:
     /// Where the bytes of a block come from and go to. It must outlive every block that uses it, all copies included,
@@ -34,10 +34,10 @@ public:
     static Allocator const& DEFAULT_ALLOCATOR;
 
     /// A block of `size` bytes, all 0. A size of 0 asks the allocator for nothing and gives a valid block without bytes.
-    /// If the allocator gives nothing the block is invalid and `CommonError` 0 is reported.
+    /// If the allocator gives nothing the block is invalid and `CommonErrorId::OUT_OF_MEMORY` is reported.
     explicit Buf(unsigned int size, Allocator const& allocator = DEFAULT_ALLOCATOR) noexcept;
 
-    /// A copy with bytes of its own, from the allocator of `other`; invalid if that gives none (`CommonError` 0). The copy
+    /// A copy with bytes of its own, from the allocator of `other`; invalid if that gives none (`CommonErrorId::OUT_OF_MEMORY`). The copy
     /// of an invalid block is invalid, without a report.
     Buf(Buf const& other) noexcept;
 

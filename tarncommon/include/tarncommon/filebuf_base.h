@@ -33,7 +33,7 @@ public:
 
     /// Provides `m_buffer`, unless it is there already or the caller's, and empties both areas. A `m_buffer_size` of 0
     /// becomes 1.
-    /// @return true without memory, after `CommonError` 0; then nothing can be read or written
+    /// @return true without memory, after `CommonErrorId::OUT_OF_MEMORY`; then nothing can be read or written
     bool createBuffer() noexcept;
 
     /// Gives the memory back unless it is the caller's, and drops what the areas hold. `createBuffer` makes the object

@@ -155,7 +155,7 @@ bool IBinOutputStream::flush(bool buffer_only) {
         }
         if (m_pos != m_end) {
             leaveNoRoomBehind();
-            ErrorOutput(SOURCE, __LINE__, true)(StreamError, 1);
+            ErrorOutput(SOURCE, __LINE__, true)(StreamErrorId::TRANSFER_FAILED);
             return true;
         }
     }

@@ -16,15 +16,15 @@ makeBuffer(char const* source, unsigned int size, int line = __builtin_LINE()) n
     }
     unsigned char* const buffer = new (nothrow) unsigned char[size];
     if (buffer == nullptr) {
-        ErrorOutput(source, line, true)(CommonError, 0);
+        ErrorOutput(source, line, true)(CommonErrorId::OUT_OF_MEMORY);
     }
     return buffer;
 }
 
 /// Reports that an operation finds no buffer, from its cause up.
 inline void reportNoBuffer(char const* source, int line = __builtin_LINE()) noexcept {
-    ErrorOutput(source, line, true)(CommonError, 0);
-    ErrorOutput(source, line, false)(IBinStreamBase::StreamError, 0);
+    ErrorOutput(source, line, true)(CommonErrorId::OUT_OF_MEMORY);
+    ErrorOutput(source, line, false)(IBinStreamBase::StreamErrorId::UNUSABLE);
 }
 
 } // namespace std::stream_detail

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vesk/Export.h>
+
 #include <atomic>
 
 namespace vesk {

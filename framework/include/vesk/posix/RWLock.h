@@ -18,11 +18,11 @@ public:
     /// Whether the lock could be made. An invalid one may only be destroyed.
     bool isValid() const noexcept { return m_valid; }
 
-    /// Waits for the lock (`pthread_rwlock_rdlock`). True on failure: `Error` 1 if the caller holds it for writing, 2
+    /// Waits for the lock (`pthread_rwlock_rdlock`). True on failure: `ErrorId::DEADLOCK` if the caller holds it for writing, 2
     /// for too many readers, else 3.
     bool lockForRead() const { return RWLockOps::lock(&m_lock, false, nullptr) != 0; }
 
-    /// Waits for the lock (`pthread_rwlock_wrlock`). True on failure: `Error` 1 if the caller holds it for writing, else
+    /// Waits for the lock (`pthread_rwlock_wrlock`). True on failure: `ErrorId::DEADLOCK` if the caller holds it for writing, else
     /// 4.
     bool lockForWrite() const { return RWLockOps::lock(&m_lock, true, nullptr) != 0; }
 
@@ -45,7 +45,7 @@ public:
     }
 
     /// Lets go of the lock, however it was taken (`pthread_rwlock_unlock`). Does not block. Only who holds it may call.
-    /// True on failure: `Error` 5.
+    /// True on failure: `ErrorId::UNLOCK_FAILED`.
     bool unlock() const {
         int const error = pthread_rwlock_unlock(&m_lock);
         return __builtin_expect(error != 0, 0) && RWLockOps::handleUnlockError(error);

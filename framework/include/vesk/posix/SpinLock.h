@@ -18,27 +18,27 @@ public:
     bool isValid() const noexcept { return m_valid; }
 
     /// Turns on the spot until the lock is had (`pthread_spin_lock`): it does not sleep, and a caller that holds the
-    /// lock already turns for ever. True on failure: `Error` 3 or 2.
+    /// lock already turns for ever. True on failure: `ErrorId::INCONSISTENT` or 2.
     bool lock() const {
         int const error = pthread_spin_lock(&m_lock);
         return __builtin_expect(error != 0, 0) && SpinLockOps::handleLockError(error);
     }
 
-    /// Takes the lock if it is free (`pthread_spin_trylock`). 0 locked, 1 busy (not reported), -1 on failure: `Error` 3
+    /// Takes the lock if it is free (`pthread_spin_trylock`). 0 locked, 1 busy (not reported), -1 on failure: `ErrorId::INCONSISTENT`
     /// or 1. Never waits.
     signed char tryLock() const {
         int const error = pthread_spin_trylock(&m_lock);
         return error == 0 ? static_cast<signed char>(0) : SpinLockOps::handleTryLockError(error);
     }
 
-    /// Lets go of the lock (`pthread_spin_unlock`). It does not check its owner. True on failure: `Error` 3 or 1.
+    /// Lets go of the lock (`pthread_spin_unlock`). It does not check its owner. True on failure: `ErrorId::INCONSISTENT` or 1.
     bool unlock() const {
         int const error = pthread_spin_unlock(&m_lock);
         return __builtin_expect(error != 0, 0) && SpinLockOps::handleUnlockError(error);
     }
 
 protected:
-    /// Creates the lock (`pthread_spin_init`); on failure `Error` 0 is pending.
+    /// Creates the lock (`pthread_spin_init`); on failure `ErrorId::CREATE_FAILED` is pending.
     explicit SpinLockBase(int process_shared) {
         int const error = pthread_spin_init(&m_lock, process_shared);
         m_valid = error == 0 || !SpinLockOps::handleInitError(error);

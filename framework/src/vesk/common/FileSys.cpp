@@ -66,14 +66,14 @@ bool closeBoth(StreamBinFileR& source, StreamBinFileW& destination) {
 bool FileSys::copy(
     UnicodeString const& source, UnicodeString const& destination, unsigned int buffer_size, void* buffer) {
     if (buffer_size == 0) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "zero bufsize given");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "zero bufsize given");
         return true;
     }
     std::unique_ptr<unsigned char[]> own_buffer;
     if (buffer == nullptr) {
         own_buffer.reset(new (std::nothrow) unsigned char[buffer_size]);
         if (own_buffer == nullptr) {
-            report(SOURCE, Chain::NEW, std::CommonError, 0);
+            report(SOURCE, Chain::NEW, std::CommonErrorId::OUT_OF_MEMORY);
             return true;
         }
         buffer = own_buffer.get();

@@ -35,10 +35,10 @@ find(NetworkInterface::Info& interface, NetworkInterface::AddrInfo const& wanted
 
 NetDeviceMonitor::NetDeviceMonitor(Listener* listener) : m_listener(listener), m_impl(makeImpl()) {
     if (m_listener == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 5, "Listener must not be null");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::INVALID_ARGUMENT, "Listener must not be null");
     }
     if (m_impl == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "no memory for the monitor");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "no memory for the monitor");
     }
 }
 
@@ -50,7 +50,7 @@ NetDeviceMonitor::~NetDeviceMonitor() {
 bool NetDeviceMonitor::watch() {
     std::GlobalErrorHandler::doAssert(m_impl != nullptr, "m_impl", SOURCE, __LINE__, "watch", nullptr);
     if (m_impl == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "watch() called in invalid state");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "watch() called in invalid state");
         return true;
     }
     return runImpl();

@@ -38,7 +38,7 @@ bool StreamBinFileRW::isValid() const {
 template <typename Open>
 bool StreamBinFileRW::openBy(Open open) {
     if (!isWriteBufferSound() || !isReadBufferSound()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempted open on invalid object");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "Attempted open on invalid object");
         m_had_error = true;
         return true;
     }

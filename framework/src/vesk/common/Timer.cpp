@@ -51,7 +51,7 @@ Timer::~Timer() {
 
 bool Timer::start(unsigned int interval_ms, bool periodic) {
     if (interval_ms == 0) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "zero tick interval specified");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "zero tick interval specified");
         return true;
     }
     m_alarm.stop();

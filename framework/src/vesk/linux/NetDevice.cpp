@@ -31,18 +31,18 @@ static_assert(sizeof ifreq::ifr_hwaddr.sa_data >= sizeof NetDevice::InterfaceInf
 static_assert(sizeof ifreq::ifr_addr == sizeof(sockaddr_in));
 
 constexpr ErrnoRow READ_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow READ_ADDRESS_ERRORS[] = {
     // An interface has no address until it is given one.
     {{EADDRNOTAVAIL}, NONE, NONE, Outcome::DONE},
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow CHANGE_ERRORS[] = {
-    {{EPERM, EACCES}, {SysError, 7}},
-    {OTHERS, {SysError, 19}},
+    {{EPERM, EACCES}, SysErrorId::PERMISSION_DENIED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 /// Whether a call has failed, after a report.
@@ -120,7 +120,7 @@ bool resolve(IPSocket::IPAddress& address) {
     IPSocket::IPResolver resolver;
     int const count = resolver.resolveName(address.host.c_str(), IPSocket::IPV4);
     if (count == 0) {
-        report(SOURCE, Chain::NEW, std::CommonError, 5, "Couldn't resolve hostname");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname");
     }
     if (count <= 0) {
         return true;
@@ -134,7 +134,7 @@ bool resolve(IPSocket::IPAddress& address) {
 NetDevice::NetDevice(char const* name) {
     m_control_fd = socket(AF_INET, SOCK_DGRAM, 0);
     if (m_control_fd == -1) {
-        report(SOURCE, Chain::NEW, SysError, 19, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, SysErrorId::UNCLASSIFIED, SystemErrorText().get());
         return;
     }
     if (open(name)) {
@@ -158,18 +158,18 @@ bool NetDevice::open(char const* name) {
     if (!m_single) {
         m_list = if_nameindex();
         if (m_list == nullptr) {
-            report(SOURCE, Chain::NEW, SysError, 1, SystemErrorText().get());
+            report(SOURCE, Chain::NEW, SysErrorId::OUT_OF_MEMORY, SystemErrorText().get());
         }
         return m_list == nullptr;
     }
     unsigned int const index = if_nametoindex(name);
     if (index == 0) {
-        report(SOURCE, Chain::NEW, SysError, 16, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, SysErrorId::NO_DEVICE, SystemErrorText().get());
         return true;
     }
     m_list = makeList(index, name);
     if (m_list == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 0);
+        report(SOURCE, Chain::NEW, std::CommonErrorId::OUT_OF_MEMORY);
     }
     return m_list == nullptr;
 }
@@ -191,7 +191,7 @@ bool NetDevice::isInvalid() const {
     if (isValid()) {
         return false;
     }
-    report(SOURCE, Chain::NEW, std::CommonError, 1, "invalid object");
+    report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "invalid object");
     return true;
 }
 
@@ -209,7 +209,7 @@ bool NetDevice::selectCurrent(ifreq& request) {
         m_position = 0;
     }
     if (m_list[m_position].if_index == 0) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "no current interface");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "no current interface");
         return true;
     }
     prepare(request, m_list[m_position]);

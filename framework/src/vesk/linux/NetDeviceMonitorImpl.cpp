@@ -30,21 +30,21 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/linux/NetDeviceMonitorImpl";
 
 constexpr ErrnoRow SOCKET_ERRORS[] = {
-    {OTHERS, {Socket::Error, 3}},
+    {OTHERS, Socket::ErrorId::CREATE_FAILED},
 };
 
 constexpr ErrnoRow BIND_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow REQUEST_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 // An interruption is no exception, nor are messages that the kernel had to drop. That nothing is there yet is told only to
 // the call that does not wait.
 constexpr ErrnoRow RECEIVE_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr unsigned int GROUPS = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;

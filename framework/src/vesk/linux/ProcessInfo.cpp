@@ -152,11 +152,11 @@ bool ProcessInfo::parseStatm(char const* text) {
 
 double ProcessInfo::getCpuLoad(ProcessInfo const& start, ProcessInfo const& end) {
     if (!hasTimes(start)) {
-        report(SOURCE, Chain::NEW, SysError, 8, "start");
+        report(SOURCE, Chain::NEW, SysErrorId::INVALID_PARAMETER, "start");
         return -1.0;
     }
     if (!hasTimes(end)) {
-        report(SOURCE, Chain::NEW, SysError, 8, "end");
+        report(SOURCE, Chain::NEW, SysErrorId::INVALID_PARAMETER, "end");
         return -1.0;
     }
     if (start.timestamp >= end.timestamp) {

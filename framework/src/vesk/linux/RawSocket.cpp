@@ -27,21 +27,21 @@ constexpr char const* SOURCE = "framework/src/vesk/linux/RawSocket";
 static_assert(IFNAMSIZ == 16 && sizeof(sockaddr_ll) == 20 && ETH_P_ALL == 3);
 
 constexpr ErrnoRow CREATION_ERRORS[] = {
-    {{EPERM}, {SysError, 7}},
-    {OTHERS, {SysError, 19}},
+    {{EPERM}, SysErrorId::PERMISSION_DENIED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow DEVICE_ERRORS[] = {
-    {{ENODEV}, {SysError, 16}},
-    {OTHERS, {SysError, 19}},
+    {{ENODEV}, SysErrorId::NO_DEVICE},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow BIND_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow CLOSE_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 /// Limits a packet socket to one device. True, after a report, on failure.
@@ -85,11 +85,11 @@ RawSocket::~RawSocket() {
 bool RawSocket::open(char const* device) {
     m_had_error = false;
     if (!isValid()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "open on invalid object");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "open on invalid object");
         return fail();
     }
     if (m_socket_state != INACTIVE) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "open() called in state != INACTIVE");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "open() called in state != INACTIVE");
         return fail();
     }
     // Not closed by exec: a program that this process starts inherits it.

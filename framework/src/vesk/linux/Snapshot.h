@@ -11,7 +11,7 @@ namespace vesk::detail {
 
 /// Reports that something could not be found out. Gives true.
 inline bool reportQuery(Place place, Chain chain = Chain::NEW) noexcept {
-    report(place, chain, SysError, 17, SystemErrorText().get());
+    report(place, chain, SysErrorId::QUERY_FAILED, SystemErrorText().get());
     return true;
 }
 

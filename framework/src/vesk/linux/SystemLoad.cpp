@@ -67,11 +67,11 @@ bool SystemLoad::sample() {
 
 double SystemLoad::getCpuLoad(SystemLoad const& start, SystemLoad const& end) {
     if (!start.valid) {
-        report(SOURCE, Chain::NEW, SysError, 8, "start");
+        report(SOURCE, Chain::NEW, SysErrorId::INVALID_PARAMETER, "start");
         return -1.0;
     }
     if (!end.valid) {
-        report(SOURCE, Chain::NEW, SysError, 8, "end");
+        report(SOURCE, Chain::NEW, SysErrorId::INVALID_PARAMETER, "end");
         return -1.0;
     }
     if (start.timestamp >= end.timestamp) {

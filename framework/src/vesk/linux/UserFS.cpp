@@ -15,7 +15,7 @@ constexpr char const* SOURCE = "framework/src/vesk/linux/UserFS";
 } // namespace
 
 bool UserFS::mount(char const*, IFileSystem*) {
-    report(SOURCE, Chain::NEW, SysError, 6, "No FUSE available");
+    report(SOURCE, Chain::NEW, SysErrorId::NOT_IMPLEMENTED, "No FUSE available");
     return true;
 }
 

@@ -35,7 +35,7 @@ public:
     /// @param size    in bytes
     /// @param read    how many bytes came, whatever the result is
     /// @return 1 done, in non-blocking mode also with nothing there and a `read` of 0; 0 at the end of the stream, with
-    ///         `StreamError` 2 pending and `read` telling what came before it; -1 on failure: `StreamError` 0 without the
+    ///         `StreamErrorId::END_OF_STREAM` pending and `read` telling what came before it; -1 on failure: `StreamErrorId::UNUSABLE` without the
     ///         buffer that the stream was made for, else what `performRead` or `checkReadBufferConsistency` reported
     TARN_API_INLINE int read(void* buffer, unsigned int size, unsigned int& read) {
         // A buffer that holds something shows that reading was the last direction: nothing is to be made consistent.
@@ -54,7 +54,7 @@ public:
 protected:
     /// @param blocking     the blocking mode of the stream, see `m_blocking`
     /// @param buffer_size  bytes to read ahead; 0: unbuffered. Without memory for them `isReadBufferSound` is false, and
-    ///                     `CommonError` 0 is reported.
+    ///                     `CommonErrorId::OUT_OF_MEMORY` is reported.
     IBinInputStream(bool blocking, unsigned int buffer_size);
 
     /// Whether the stream has the buffer that it was made for.
@@ -73,7 +73,7 @@ protected:
     /// @param buffer  room for `size` bytes
     /// @param size    in bytes; 0 only if the user asked for 0
     /// @param read    out: how many bytes came, also on failure; 0 when called
-    /// @return true on failure, after a report whose head tells the end of the stream by `StreamError` 2
+    /// @return true on failure, after a report whose head tells the end of the stream by `StreamErrorId::END_OF_STREAM`
     virtual bool performRead(void* buffer, unsigned int size, unsigned int& read) = 0;
 
     unsigned int m_pos = 0; ///< What of the buffer is consumed.

@@ -34,7 +34,7 @@ public:
     /// @param buffer   `size` bytes; null is allowed if `size` is 0
     /// @param size     in bytes
     /// @param written  how many bytes of this request were passed on or buffered, whatever the result is
-    /// @return 1 done, in non-blocking mode also with a `written` of 0; -1 on failure: `StreamError` 0 without the buffer
+    /// @return 1 done, in non-blocking mode also with a `written` of 0; -1 on failure: `StreamErrorId::UNUSABLE` without the buffer
     ///         that the stream was made for, else what `performWrite` or `checkWriteBufferConsistency` reported. What
     ///         is buffered stays so.
     TARN_API_INLINE int write(void const* buffer, unsigned int size, unsigned int& written) {
@@ -51,7 +51,7 @@ public:
     /// Passes the buffer on, and then calls `performFlush`.
     ///
     /// @param buffer_only  whether to leave `performFlush` out: the data reaches the sink but, say, not the medium of a file
-    /// @return true on failure: `StreamError` 0 as for `write`; `StreamError` 1, opening a chain, when a sink in
+    /// @return true on failure: `StreamErrorId::UNUSABLE` as for `write`; `StreamErrorId::TRANSFER_FAILED`, opening a chain, when a sink in
     ///         non-blocking mode did not take all; else what `performWrite`, `checkWriteBufferConsistency` or
     ///         `performFlush` reported. What was not passed on stays in the buffer, and `performFlush` is not called.
     bool flush(bool buffer_only);
@@ -62,7 +62,7 @@ public:
 protected:
     /// @param blocking     the blocking mode of the stream, see `m_blocking`
     /// @param buffer_size  bytes to collect; 0: unbuffered. Without memory for them `isWriteBufferSound` is false, and
-    ///                     `CommonError` 0 is reported.
+    ///                     `CommonErrorId::OUT_OF_MEMORY` is reported.
     IBinOutputStream(bool blocking, unsigned int buffer_size);
 
     /// Whether the stream has the buffer that it was made for.

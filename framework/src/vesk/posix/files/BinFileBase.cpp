@@ -30,27 +30,27 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/BinFileBase";
 
 constexpr ErrnoRow CLOSE_ERRORS[] = {
     {{EINTR}, NONE, NONE, Outcome::REPEAT},
-    {{EBADF}, {SysError, 10}},
+    {{EBADF}, SysErrorId::SPOILED_INTEGRITY},
     // Whatever a driver means by it, there is nothing left to close.
-    {{ESRCH}, {SysError, 18}},
-    {{EIO}, {SysError, 11}},
-    {OTHERS, {SysError, 19}},
+    {{ESRCH}, SysErrorId::NO_SUCH_PROCESS},
+    {{EIO}, SysErrorId::INPUT_OUTPUT},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow STAT_ERRORS[] = {
-    {{EIO}, {SysError, 11}},
-    {{EBADF, EFAULT}, {SysError, 10}},
-    {{ENOMEM}, {SysError, 1}},
-    {OTHERS, {SysError, 19}},
+    {{EIO}, SysErrorId::INPUT_OUTPUT},
+    {{EBADF, EFAULT}, SysErrorId::SPOILED_INTEGRITY},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow TRUNCATE_ERRORS[] = {
-    {{EIO}, {SysError, 11}},
-    {{EBADF, EINVAL}, {SysError, 10}},
+    {{EIO}, SysErrorId::INPUT_OUTPUT},
+    {{EBADF, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
     // Too large counts as no space left.
-    {{EFBIG}, {SysError, 15}},
-    {{EROFS}, {SysError, 7}},
-    {OTHERS, {SysError, 19}},
+    {{EFBIG}, SysErrorId::NO_SPACE},
+    {{EROFS}, SysErrorId::PERMISSION_DENIED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 struct FlagRow {
@@ -175,7 +175,7 @@ bool BinFileBase::open(BinTempFileRW& temp, bool keep_path) {
 bool BinFileBase::openAt(
     Directory const& dir, char const* name, bool follow, OpenFlags const& flags, FileAccess const& access) {
     if (!isEntryName(name) || !dir.isValid()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 4, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, std::CommonErrorId::OPEN_FILE_OPERATION_FAILED, SystemErrorText().get());
         return true;
     }
     m_flags = flags;
@@ -189,7 +189,7 @@ bool BinFileBase::openAt(
 FileInfo BinFileBase::getFileInfo() const {
     if (!isValid()) {
         report(
-            SOURCE, Chain::NEW, std::CommonError, 1,
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
             "Attempted to obtain FileInfo object from invalid BinFileBase()");
         return FileInfo();
     }
@@ -203,7 +203,7 @@ FileInfo BinFileBase::getFileInfo() const {
 
 bool BinFileBase::truncateSize(unsigned int size) {
     if (!isValid()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "Tried to truncate invalid file");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "Tried to truncate invalid file");
         return true;
     }
     // A size is 32 bits with a sign in every build: one that is too large is negative, which the system refuses.

@@ -23,8 +23,8 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/BinTempFileRW";
 
 /// What no open tells.
 constexpr ErrnoRow TEMPLATE_ERRORS[] = {
-    {{EEXIST}, {SysError, 12}, {FileAccessError, 4}},
-    {{EINVAL}, {SysError, 10}, {FileAccessError, 9}},
+    {{EEXIST}, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS},
+    {{EINVAL}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
 };
 
 /// Reports why no file could be made of a template. True if it is to be tried again.

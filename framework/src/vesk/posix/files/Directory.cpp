@@ -26,37 +26,37 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/Directory";
 
 constexpr ErrnoRow OPEN_ERRORS[] = {
-    {{ENOENT, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
-    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
-    {{ENOTDIR}, {SysError, 3}, {FileAccessError, 1}},
-    {{ENFILE, EMFILE}, {SysError, 0}, {FileAccessError, 6}},
-    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
+    {{ENOENT, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {{ENOTDIR}, SysErrorId::NOT_A_DIRECTORY, FileAccessErrorId::NOT_A_DIRECTORY},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
+    {OTHERS, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow TAKE_OVER_ERRORS[] = {
-    {{EACCES}, {SysError, 7}},
-    {{ENOTDIR}, {SysError, 3}},
-    {{ENFILE, EMFILE}, {SysError, 0}},
-    {OTHERS, {SysError, 19}},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED},
+    {{ENOTDIR}, SysErrorId::NOT_A_DIRECTORY},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow NEXT_ERRORS[] = {
-    {{EBADF, EOVERFLOW, ENOENT}, {SysError, 10}},
-    {OTHERS, {SysError, 19}},
+    {{EBADF, EOVERFLOW, ENOENT}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow CUR_INFO_ERRORS[] = {
-    {{ENOENT}, {SysError, 2}, {FileAccessError, 0}},
-    {{EBADF, ENOTDIR, EINVAL}, {SysError, 10}},
-    {OTHERS, {SysError, 19}},
+    {{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{EBADF, ENOTDIR, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow CUR_DIR_ERRORS[] = {
-    {{ENOENT, ENAMETOOLONG, ELOOP}, {SysError, 2}},
-    {{EACCES}, {SysError, 7}},
-    {{ENOTDIR}, {SysError, 3}},
-    {{ENFILE, EMFILE}, {SysError, 0}},
-    {OTHERS, {SysError, 19}},
+    {{ENOENT, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED},
+    {{ENOTDIR}, SysErrorId::NOT_A_DIRECTORY},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 /// Closes what the clean-up after a failure must not leave open. A failure here is the lesser one.
@@ -94,11 +94,15 @@ Directory::Directory(std::string const& path, bool) {
 
 Directory::Directory(Directory const& parent, std::string const& name, bool follow, bool) {
     if (name.empty() || name.find('/') != std::string::npos) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "Directory c'tor called on invalid entry-name.");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "Directory c'tor called on invalid entry-name.");
         return;
     }
     if (!parent.m_valid) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "Directory c'tor called on invalid directory.");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "Directory c'tor called on invalid directory.");
         return;
     }
     m_handle.fd = openat(parent.m_handle.fd, name.c_str(), follow ? 0 : O_NOFOLLOW);
@@ -176,7 +180,9 @@ int Directory::next() {
 
 FileInfo Directory::curInfo(bool follow) const {
     if (m_at_end || m_handle.entry == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "curInfo() called on directory with atEnd() == true");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "curInfo() called on directory with atEnd() == true");
         return FileInfo();
     }
     struct stat data;
@@ -189,7 +195,9 @@ FileInfo Directory::curInfo(bool follow) const {
 
 Directory Directory::curDir(bool follow, bool) const {
     if (m_at_end || m_handle.entry == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "curDir() called on directory with atEnd() == true");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "curDir() called on directory with atEnd() == true");
         return Directory();
     }
     DirectoryHandle handle;
@@ -226,7 +234,7 @@ int Directory::destroy() {
             // The stream is still there: the system never interrupts a close that it has begun for a directory.
             continue;
         }
-        report(SOURCE, Chain::NEW, SysError, 19, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, SysErrorId::UNCLASSIFIED, SystemErrorText().get());
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "destroy", "Error closing directory @%p; a file descriptor may have leaked!",
             static_cast<void*>(this));

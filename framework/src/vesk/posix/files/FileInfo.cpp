@@ -17,18 +17,18 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/FileInfo";
 
 constexpr ErrnoRow INIT_ERRORS[] = {
-    {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
-    {{EIO}, {SysError, 11}, {FileAccessError, 8}},
-    {{ENOMEM}, {SysError, 1}, {FileAccessError, 9}},
-    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
-    {{EFAULT}, {SysError, 10}, {FileAccessError, 9}},
-    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
+    {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{EIO}, SysErrorId::INPUT_OUTPUT, FileAccessErrorId::NO_DEVICE},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {{EFAULT}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow SET_MOD_TIME_ERRORS[] = {
-    {{EPERM, EACCES, EROFS}, {SysError, 7}},
-    {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, {SysError, 2}},
-    {OTHERS, {SysError, 19}},
+    {{EPERM, EACCES, EROFS}, SysErrorId::PERMISSION_DENIED},
+    {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 } // namespace

@@ -22,23 +22,25 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/FileSys";
 
 // Rows that several operations have.
-constexpr ErrnoRow DENIED{{EPERM, EACCES, EROFS}, {SysError, 7}, {FileAccessError, 3}};
-constexpr ErrnoRow NO_SEARCH{{EACCES}, {SysError, 7}, {FileAccessError, 3}};
-constexpr ErrnoRow BAD_PATH{{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}};
-constexpr ErrnoRow EXISTS_ALREADY{{EEXIST}, {SysError, 12}, {FileAccessError, 4}};
-constexpr ErrnoRow IS_DIRECTORY{{EISDIR}, {SysError, 2}, {FileAccessError, 2}};
-constexpr ErrnoRow IN_USE{{EBUSY, EEXIST, ETXTBSY, ENOTEMPTY}, {SysError, 13}, {FileAccessError, 5}};
-constexpr ErrnoRow TOO_MANY_LINKS{{EMLINK}, {SysError, 0}, {FileAccessError, 9}};
-constexpr ErrnoRow NO_SPACE{{ENOSPC}, {SysError, 15}, {FileAccessError, 7}};
-constexpr ErrnoRow DEVICE_ERROR{{EIO}, {SysError, 11}, {FileAccessError, 8}};
-constexpr ErrnoRow BAD_ADDRESS{{EFAULT}, {SysError, 10}, {FileAccessError, 9}};
-constexpr ErrnoRow NO_MEMORY{{ENOMEM}, {SysError, 1}};
-constexpr ErrnoRow UNCLASSIFIED{OTHERS, {SysError, 19}, {FileAccessError, 9}};
+constexpr ErrnoRow DENIED{
+    {EPERM, EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
+constexpr ErrnoRow NO_SEARCH{{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
+constexpr ErrnoRow BAD_PATH{
+    {ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH};
+constexpr ErrnoRow EXISTS_ALREADY{{EEXIST}, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS};
+constexpr ErrnoRow IS_DIRECTORY{{EISDIR}, SysErrorId::INVALID_PATH, FileAccessErrorId::IS_A_DIRECTORY};
+constexpr ErrnoRow IN_USE{{EBUSY, EEXIST, ETXTBSY, ENOTEMPTY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY};
+constexpr ErrnoRow TOO_MANY_LINKS{{EMLINK}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::UNCLASSIFIED};
+constexpr ErrnoRow NO_SPACE{{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE};
+constexpr ErrnoRow DEVICE_ERROR{{EIO}, SysErrorId::INPUT_OUTPUT, FileAccessErrorId::NO_DEVICE};
+constexpr ErrnoRow BAD_ADDRESS{{EFAULT}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED};
+constexpr ErrnoRow NO_MEMORY{{ENOMEM}, SysErrorId::OUT_OF_MEMORY};
+constexpr ErrnoRow UNCLASSIFIED{OTHERS, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED};
 
 constexpr ErrnoRow CURRENT_WD_ERRORS[] = {
-    {{ENOENT}, {SysError, 2}}, {{ENOMEM}, {SysError, 1}},
-    {{EACCES}, {SysError, 7}}, {{EFAULT, EINVAL, ERANGE}, {SysError, 10}},
-    {OTHERS, {SysError, 19}},
+    {{ENOENT}, SysErrorId::INVALID_PATH},      {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED}, {{EFAULT, EINVAL, ERANGE}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow EXISTS_ERRORS[] = {
@@ -47,10 +49,10 @@ constexpr ErrnoRow EXISTS_ERRORS[] = {
     {{EOVERFLOW}, NONE, NONE, Outcome::DONE},
     NO_SEARCH,
     DEVICE_ERROR,
-    {{ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
+    {{ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
     NO_MEMORY,
-    {{EFAULT}, {SysError, 10}},
-    {OTHERS, {SysError, 19}},
+    {{EFAULT}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow CREATE_DIR_ERRORS[] = {
@@ -64,8 +66,8 @@ constexpr ErrnoRow REMOVE_FILE_ERRORS[] = {
 constexpr ErrnoRow REMOVE_DIR_ERRORS[] = {
     DENIED,
     BAD_PATH,
-    {{EBUSY, ETXTBSY}, {SysError, 13}, {FileAccessError, 5}},
-    {{EEXIST, ENOTEMPTY}, {SysError, 14}, {FileAccessError, 5}},
+    {{EBUSY, ETXTBSY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
+    {{EEXIST, ENOTEMPTY}, SysErrorId::DIRECTORY_NOT_EMPTY, FileAccessErrorId::BUSY},
     IS_DIRECTORY,
     BAD_ADDRESS,
     NO_MEMORY,
@@ -74,10 +76,12 @@ constexpr ErrnoRow REMOVE_DIR_ERRORS[] = {
 
 constexpr ErrnoRow MOVE_ERRORS[] = {
     DENIED,
-    {{ENOENT, ENOTDIR, EISDIR, EINVAL, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
+    {{ENOENT, ENOTDIR, EISDIR, EINVAL, ENAMETOOLONG, ELOOP},
+     SysErrorId::INVALID_PATH,
+     FileAccessErrorId::BAD_PATH},
     DEVICE_ERROR,
     IN_USE,
-    {{EXDEV}, {SysError, 6}, {FileAccessError, 9}},
+    {{EXDEV}, SysErrorId::NOT_IMPLEMENTED, FileAccessErrorId::UNCLASSIFIED},
     NO_SPACE,
     TOO_MANY_LINKS,
     UNCLASSIFIED,
@@ -85,9 +89,9 @@ constexpr ErrnoRow MOVE_ERRORS[] = {
 
 constexpr ErrnoRow CHANGE_WD_ERRORS[] = {
     // Who cannot get there is denied access, whatever the reason.
-    {{ENOENT, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 3}},
+    {{ENOENT, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::ACCESS_DENIED},
     NO_SEARCH,
-    {{ENOTDIR}, {SysError, 3}, {FileAccessError, 1}},
+    {{ENOTDIR}, SysErrorId::NOT_A_DIRECTORY, FileAccessErrorId::NOT_A_DIRECTORY},
     DEVICE_ERROR,
     BAD_ADDRESS,
     UNCLASSIFIED,
@@ -96,13 +100,13 @@ constexpr ErrnoRow CHANGE_WD_ERRORS[] = {
 constexpr ErrnoRow MAX_COMPONENT_LENGTH_ERRORS[] = {
     BAD_PATH,
     NO_SEARCH,
-    {{EIO}, {SysError, 11}, {FileAccessError, 9}},
+    {{EIO}, SysErrorId::INPUT_OUTPUT, FileAccessErrorId::UNCLASSIFIED},
     UNCLASSIFIED,
 };
 
 constexpr ErrnoRow READ_LINK_ERRORS[] = {
     // Anything but a link gives EINVAL.
-    {{ENOENT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
+    {{ENOENT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
     NO_SEARCH,
     DEVICE_ERROR,
     UNCLASSIFIED,
@@ -110,8 +114,8 @@ constexpr ErrnoRow READ_LINK_ERRORS[] = {
 
 constexpr ErrnoRow CREATE_LINK_ERRORS[] = {
     // Says that the file system has no symbolic links.
-    {{EPERM}, {SysError, 6}, {FileAccessError, 9}},
-    {{EACCES, EROFS}, {SysError, 7}, {FileAccessError, 3}},
+    {{EPERM}, SysErrorId::NOT_IMPLEMENTED, FileAccessErrorId::UNCLASSIFIED},
+    {{EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
     BAD_PATH,
     EXISTS_ALREADY,
     DEVICE_ERROR,
@@ -120,8 +124,9 @@ constexpr ErrnoRow CREATE_LINK_ERRORS[] = {
 };
 
 constexpr ErrnoRow CHANGE_ERRORS[] = {
-    DENIED,    BAD_PATH,     DEVICE_ERROR, {{EFAULT, EINVAL}, {SysError, 10}, {FileAccessError, 9}},
-    NO_MEMORY, UNCLASSIFIED,
+    DENIED,       BAD_PATH,
+    DEVICE_ERROR, {{EFAULT, EINVAL}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
+    NO_MEMORY,    UNCLASSIFIED,
 };
 
 /// Reports a system call that failed.

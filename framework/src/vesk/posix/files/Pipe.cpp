@@ -19,14 +19,14 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/Pipe";
 
 constexpr ErrnoRow CREATION_ERRORS[] = {
-    {{ENFILE, EMFILE}, {SysError, 0}},
-    {{ENOSPC}, {SysError, 1}},
-    {{ENOSYS}, {SysError, 6}},
-    {OTHERS, {SysError, 19}},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{ENOSPC}, SysErrorId::OUT_OF_MEMORY},
+    {{ENOSYS}, SysErrorId::NOT_IMPLEMENTED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow CLOSE_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 /// Closes a descriptor that is open. True on failure.

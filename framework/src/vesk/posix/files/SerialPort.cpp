@@ -22,11 +22,11 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/SerialPort";
 
-constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
+using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 
 constexpr ErrnoRow DRAIN_ERRORS[] = {
     // Whatever the system says, it is the line that does not take the output.
-    {OTHERS, {SysError, 11}, {StreamError, 1}},
+    {OTHERS, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
 };
 
 struct SpeedRow {
@@ -95,12 +95,14 @@ bool SerialPort::open() {
     closeUnbuffered();
     if (m_parity == Parity::MARK || m_parity == Parity::SPACE) {
         m_had_error = true;
-        report(SOURCE, Chain::NEW, std::CommonError, 6, "MARK/SPACE setting is not supported on POSIX");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::NOT_SUPPORTED,
+            "MARK/SPACE setting is not supported on POSIX");
         return true;
     }
     if (m_device.empty()) {
         m_had_error = true;
-        report(SOURCE, Chain::NEW, FileAccessError, 0, "<empty string given>");
+        report(SOURCE, Chain::NEW, FileAccessErrorId::BAD_PATH, "<empty string given>");
         return true;
     }
     OpenFlags const flags = m_blocking ? READ_WRITE : READ_WRITE | NON_BLOCK;
@@ -137,8 +139,8 @@ bool SerialPort::giveUp() {
     close();
     closeUnbuffered();
     m_had_error = true;
-    report(SOURCE, Chain::UNKNOWN, SysError, 19, reason.get());
-    report(SOURCE, Chain::ON_TOP, FileAccessError, 9, m_device.c_str());
+    report(SOURCE, Chain::UNKNOWN, SysErrorId::UNCLASSIFIED, reason.get());
+    report(SOURCE, Chain::ON_TOP, FileAccessErrorId::UNCLASSIFIED, m_device.c_str());
     return true;
 }
 
@@ -153,8 +155,10 @@ void SerialPort::closeUnbuffered() {
 bool SerialPort::performFlush() {
     m_had_error = false;
     if (!isValid()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "attempted flush on invalid file object");
-        report(SOURCE, Chain::ON_TOP, StreamError, 0);
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "attempted flush on invalid file object");
+        report(SOURCE, Chain::ON_TOP, StreamErrorId::UNUSABLE);
         m_had_error = true;
         return true;
     }

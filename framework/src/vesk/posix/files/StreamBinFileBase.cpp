@@ -18,9 +18,9 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/StreamBinFileBase";
 
 constexpr ErrnoRow SEEK_ERRORS[] = {
-    {{EBADF, ESPIPE, EOVERFLOW}, {SysError, 10}},
-    {{EINVAL}, {SysError, 8}},
-    {OTHERS, {SysError, 19}},
+    {{EBADF, ESPIPE, EOVERFLOW}, SysErrorId::SPOILED_INTEGRITY},
+    {{EINVAL}, SysErrorId::INVALID_PARAMETER},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 int getWhence(StreamBinFileBase::SeekDirection direction) {
@@ -51,7 +51,9 @@ bool StreamBinFileBase::seek(int offset, SeekDirection direction, unsigned int& 
     m_had_error = false;
     position = 0;
     if (!isValid()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempt to seek on invalid file object");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "Attempt to seek on invalid file object");
         m_had_error = true;
         return true;
     }

@@ -16,18 +16,24 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/StreamBinFileR";
 
-constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
+using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 
 constexpr ErrnoRow READ_ERRORS[] = {
     {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
-    {{EIO}, {SysError, 11}, {StreamError, 1}},
-    {{ENXIO}, {SysError, 16}, {StreamError, 0}},
-    {{EBADF, EINVAL, ECONNRESET, ENOTCONN, ETIMEDOUT}, {SysError, 10}, {StreamError, 0}},
-    {{ENOMEM}, {SysError, 1}, {StreamError, 1}},
-    {{EISDIR}, {SysError, 2}, {StreamError, 1}},
-    {{EOVERFLOW}, {SysError, 8}, {StreamError, 1}, Outcome::FAILED, "file-offset is too large"},
-    {{ENOBUFS}, {SysError, 0}, {StreamError, 1}},
-    {OTHERS, {SysError, 19}, {StreamError, 4}},
+    {{EIO}, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
+    {{ENXIO}, SysErrorId::NO_DEVICE, StreamErrorId::UNUSABLE},
+    {{EBADF, EINVAL, ECONNRESET, ENOTCONN, ETIMEDOUT},
+     SysErrorId::SPOILED_INTEGRITY,
+     StreamErrorId::UNUSABLE},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, StreamErrorId::TRANSFER_FAILED},
+    {{EISDIR}, SysErrorId::INVALID_PATH, StreamErrorId::TRANSFER_FAILED},
+    {{EOVERFLOW},
+     SysErrorId::INVALID_PARAMETER,
+     StreamErrorId::TRANSFER_FAILED,
+     Outcome::FAILED,
+     "file-offset is too large"},
+    {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED},
 };
 static_assert(EAGAIN == EWOULDBLOCK);
 
@@ -43,7 +49,7 @@ bool StreamBinFileR::isValid() const {
 template <typename Open>
 bool StreamBinFileR::openBy(Open open) {
     if (!isReadBufferSound()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempted open on invalid object");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "Attempted open on invalid object");
         m_had_error = true;
         return true;
     }
@@ -91,8 +97,9 @@ bool StreamBinFileR::performRead(void* buffer, unsigned int size, unsigned int& 
     m_had_error = false;
     read = 0;
     if (!isValid()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "attempted read on invalid file object");
-        report(SOURCE, Chain::ON_TOP, StreamError, 0);
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "attempted read on invalid file object");
+        report(SOURCE, Chain::ON_TOP, StreamErrorId::UNUSABLE);
         m_had_error = true;
         return true;
     }
@@ -105,7 +112,7 @@ bool StreamBinFileR::performRead(void* buffer, unsigned int size, unsigned int& 
         return false;
     }
     if (count == 0) {
-        report(SOURCE, Chain::NEW, StreamError, 2);
+        report(SOURCE, Chain::NEW, StreamErrorId::END_OF_STREAM);
     } else if (classify(SOURCE, READ_ERRORS, errno) == Outcome::NOT_NOW) {
         return false;
     }

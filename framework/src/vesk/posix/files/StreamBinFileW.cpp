@@ -20,31 +20,33 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/StreamBinFileW";
 
-constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
+using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 
 constexpr ErrnoRow WRITE_ERRORS[] = {
     {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
-    {{EIO}, {SysError, 11}, {StreamError, 1}},
-    {{ENXIO}, {SysError, 16}, {StreamError, 0}},
-    {{EBADF, EINVAL, EPIPE, ERANGE, ENETDOWN, ENETUNREACH, ECONNRESET}, {SysError, 10}, {StreamError, 0}},
-    {{ENOMEM}, {SysError, 1}, {StreamError, 1}},
-    {{EACCES}, {SysError, 7}, {StreamError, 1}},
+    {{EIO}, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
+    {{ENXIO}, SysErrorId::NO_DEVICE, StreamErrorId::UNUSABLE},
+    {{EBADF, EINVAL, EPIPE, ERANGE, ENETDOWN, ENETUNREACH, ECONNRESET},
+     SysErrorId::SPOILED_INTEGRITY,
+     StreamErrorId::UNUSABLE},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, StreamErrorId::TRANSFER_FAILED},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED, StreamErrorId::TRANSFER_FAILED},
     {{EFBIG},
-     {SysError, 8},
-     {StreamError, 1},
+     SysErrorId::INVALID_PARAMETER,
+     StreamErrorId::TRANSFER_FAILED,
      Outcome::FAILED,
      "file-offset is too large or file is too big in general"},
-    {{ENOSPC}, {SysError, 15}, {StreamError, 1}},
-    {{ENOBUFS}, {SysError, 0}, {StreamError, 1}},
-    {OTHERS, {SysError, 19}, {StreamError, 1}},
+    {{ENOSPC}, SysErrorId::NO_SPACE, StreamErrorId::TRANSFER_FAILED},
+    {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, StreamErrorId::TRANSFER_FAILED},
 };
 
 constexpr ErrnoRow FLUSH_ERRORS[] = {
     // What cannot be synchronised has nothing to flush.
     {{EINVAL, ENOSYS}, NONE, NONE, Outcome::DONE},
-    {{EIO}, {SysError, 11}, {StreamError, 1}},
-    {{EBADF}, {SysError, 10}, {StreamError, 0}},
-    {OTHERS, {SysError, 19}, {StreamError, 4}},
+    {{EIO}, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
+    {{EBADF}, SysErrorId::SPOILED_INTEGRITY, StreamErrorId::UNUSABLE},
+    {OTHERS, SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED},
 };
 
 } // namespace
@@ -69,7 +71,7 @@ bool StreamBinFileW::isValid() const {
 template <typename Open>
 bool StreamBinFileW::openBy(Open open) {
     if (!isWriteBufferSound()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempted open on invalid object");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "Attempted open on invalid object");
         m_had_error = true;
         return true;
     }
@@ -117,8 +119,10 @@ bool StreamBinFileW::performWrite(void const* buffer, unsigned int size, unsigne
     m_had_error = false;
     written = 0;
     if (!isValid()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "attempted write on invalid file object");
-        report(SOURCE, Chain::ON_TOP, StreamError, 0);
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "attempted write on invalid file object");
+        report(SOURCE, Chain::ON_TOP, StreamErrorId::UNUSABLE);
         m_had_error = true;
         return true;
     }
@@ -152,8 +156,10 @@ void StreamBinFileW::waitForRoom() const {
 bool StreamBinFileW::performFlush() {
     m_had_error = false;
     if (!isValid()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "attempted flush on invalid file object");
-        report(SOURCE, Chain::ON_TOP, StreamError, 0);
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "attempted flush on invalid file object");
+        report(SOURCE, Chain::ON_TOP, StreamErrorId::UNUSABLE);
         m_had_error = true;
         return true;
     }

@@ -32,10 +32,10 @@ TARN_CONSTANT_INIT std::ErrorType const CalendarTime::Error(ROWS, std::size(ROWS
 namespace {
 
 constexpr ErrnoRow CHANGE_ERRORS[] = {
-    {{EFAULT}, {SysError, 10}},
-    {{EINVAL}, {SysError, 8}},
-    {{EPERM}, {SysError, 7}},
-    {OTHERS, {CalendarTime::Error, 0}},
+    {{EFAULT}, SysErrorId::SPOILED_INTEGRITY},
+    {{EINVAL}, SysErrorId::INVALID_PARAMETER},
+    {{EPERM}, SysErrorId::PERMISSION_DENIED},
+    {OTHERS, CalendarTime::ErrorId::SET_DATE_FAILED},
 };
 
 constexpr int TM_YEAR_ORIGIN = 1900;
@@ -62,7 +62,7 @@ bool getSide(CalendarTime const& date, long long& ms) {
         return false;
     }
     if (!std::ErrorStorage::isA(CalendarTime::Error)) {
-        report(SOURCE, Chain::NEW, CalendarTime::Error, 1, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, CalendarTime::ErrorId::ASSEMBLY_FAILED, SystemErrorText().get());
     }
     return true;
 }
@@ -114,7 +114,7 @@ void CalendarTime::setTimestamp(long long ms) noexcept {
 
 long long CalendarTime::getTimestamp() const {
     if (m_year < FIRST_YEAR) {
-        report(SOURCE, Chain::NEW, Error, 2, m_year);
+        report(SOURCE, Chain::NEW, ErrorId::YEAR_OUT_OF_RANGE, m_year);
         return -1;
     }
     tm fields = toTm(*this, -1);
@@ -136,7 +136,7 @@ bool CalendarTime::changeDate() {
     timespec time{};
     time.tv_sec = mktime(&fields);
     if (time.tv_sec == -1) {
-        report(SOURCE, Chain::NEW, Error, 1, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, ErrorId::ASSEMBLY_FAILED, SystemErrorText().get());
         return true;
     }
     if (clock_settime(CLOCK_REALTIME, &time) != 0) {

@@ -36,18 +36,18 @@ using namespace detail;
 
 constexpr ErrnoRow OPEN_ERRORS[] = {
     {{EINTR}, NONE, NONE, Outcome::REPEAT},
-    {{EPERM, EACCES, EROFS}, {SysError, 7}, {FileAccessError, 3}},
-    {{ENOENT, ENOTDIR, EISDIR, ENAMETOOLONG, ELOOP}, {SysError, 2}, {FileAccessError, 0}},
-    {{ENXIO, ENODEV}, {SysError, 16}, {FileAccessError, 8}},
-    {{ENOMEM}, {SysError, 1}, {FileAccessError, 9}},
+    {{EPERM, EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {{ENOENT, ENOTDIR, EISDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{ENXIO, ENODEV}, SysErrorId::NO_DEVICE, FileAccessErrorId::NO_DEVICE},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
     // Not row 12: what is in the way here counts as in use.
-    {{EEXIST}, {SysError, 13}, {FileAccessError, 4}},
-    {{ENFILE, EMFILE}, {SysError, 0}, {FileAccessError, 6}},
-    {{ETXTBSY}, {SysError, 13}, {FileAccessError, 5}},
-    {{EFBIG, EOVERFLOW}, {SysError, 19}, {FileAccessError, 9}},
-    {{ENOSPC}, {SysError, 15}, {FileAccessError, 7}},
+    {{EEXIST}, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
+    {{ETXTBSY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
+    {{EFBIG, EOVERFLOW}, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
+    {{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE},
     // A number that no open should give is no unclassified failure but a broken invariant.
-    {OTHERS, {SysError, 10}, {FileAccessError, 9}},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
 };
 
 } // namespace

@@ -20,7 +20,7 @@ ProcessTimeStopWatch::ProcessTimeStopWatch(int pid, bool auto_start)
     clockid_t clock;
     if (int const error = clock_getcpuclockid(pid, &clock)) {
         errno = error;
-        report(SOURCE, Chain::NEW, Time::Error, 0, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, Time::ErrorId::NO_CLOCK, SystemErrorText().get());
         setNoClock();
         return;
     }

@@ -115,7 +115,7 @@ long long StopWatchBase::toUnit(Length const& length, TimeUnit unit) noexcept {
 /// True on failure.
 bool StopWatchBase::readClock(timespec& time) const {
     if (clock_gettime(m_clock, &time) != 0) {
-        report(SOURCE, Chain::NEW, Time::Error, 2, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, Time::ErrorId::GET_TIME_FAILED, SystemErrorText().get());
         m_failed = true;
         return true;
     }

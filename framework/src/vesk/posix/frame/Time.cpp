@@ -37,13 +37,13 @@ namespace {
 
 constexpr ErrnoRow TIMESTAMP_ERRORS[] = {
     // A clock id that the system does not know.
-    {{EINVAL}, {SysError, 6}},
-    {OTHERS, {Time::Error, 4}},
+    {{EINVAL}, SysErrorId::NOT_IMPLEMENTED},
+    {OTHERS, Time::ErrorId::GET_TIMESTAMP_FAILED},
 };
 
 constexpr ErrnoRow SLEEP_ERRORS[] = {
     {{EINTR}, NONE, NONE, Outcome::REPEAT},
-    {OTHERS, {Time::Error, 1}},
+    {OTHERS, Time::ErrorId::SLEEP_FAILED},
 };
 
 TimePoint deadlineIn(long long ms) noexcept {
@@ -58,7 +58,7 @@ TimePoint deadlineIn(long long ms) noexcept {
 
 bool Time::init() {
     if (getTime(s_init_time)) {
-        report(SOURCE, Chain::UNKNOWN, Error, 0, SystemErrorText().get());
+        report(SOURCE, Chain::UNKNOWN, ErrorId::NO_CLOCK, SystemErrorText().get());
         return true;
     }
     return false;
@@ -66,7 +66,7 @@ bool Time::init() {
 
 bool Time::getUptime(long long& ms) {
     if (getTime(ms)) {
-        report(SOURCE, Chain::UNKNOWN, Error, 3, SystemErrorText().get());
+        report(SOURCE, Chain::UNKNOWN, ErrorId::GET_UPTIME_FAILED, SystemErrorText().get());
         return true;
     }
     ms -= s_init_time;

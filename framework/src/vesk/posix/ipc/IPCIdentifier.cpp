@@ -16,7 +16,7 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/IPCIdentifier";
 
 bool transformToIPCIdentifier(char const* name, char* result, unsigned int size) {
     if (name == nullptr || result == nullptr || size == 0) {
-        report(SOURCE, Chain::NEW, std::CommonError, 5, "null ptr. or zero size turned in");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::INVALID_ARGUMENT, "null ptr. or zero size turned in");
         return true;
     }
     result[0] = '/';
@@ -27,11 +27,11 @@ bool transformToIPCIdentifier(char const* name, char* result, unsigned int size)
     }
     result[length + 1] = '\0';
     if (name[length] == '/') {
-        report(SOURCE, Chain::NEW, std::CommonError, 5, "path separator found in IPC name");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::INVALID_ARGUMENT, "path separator found in IPC name");
         return true;
     }
     if (name[length] != '\0') {
-        report(SOURCE, Chain::NEW, std::CommonError, 3, "given IPC name is too long");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::UNSUPPORTED_VALUE, "given IPC name is too long");
         return true;
     }
     return false;

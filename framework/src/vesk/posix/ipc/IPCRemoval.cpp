@@ -11,13 +11,13 @@ namespace {
 
 // A missing right is told for itself, and then as a removal that failed like any other.
 constexpr ErrnoRow DENIED_ERRORS[] = {
-    {{EACCES, EPERM}, {SysError, 7}, {FileAccessError, 3}},
+    {{EACCES, EPERM}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
     {OTHERS, NONE, NONE, Outcome::DONE},
 };
 
 constexpr ErrnoRow ERRORS[] = {
     {{ENOENT}, NONE, NONE, Outcome::DONE},
-    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
+    {OTHERS, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
 };
 
 } // namespace

@@ -6,8 +6,8 @@ namespace vesk::detail {
 
 /// Classifies the result of `mq_unlink` or `shm_unlink`, which fail alike. A name that is not there need not be removed.
 ///
-/// A missing right is told for itself, `SysError` 7 with `FileAccessError` 3, and then as a removal that failed like any
-/// other, `SysError` 19 with `FileAccessError` 9.
+/// A missing right is told for itself, `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED`, and then as a removal that failed like any
+/// other, `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED`.
 /// @return true on failure
 bool classifyRemoval(Place place, int result, char const* name) noexcept;
 

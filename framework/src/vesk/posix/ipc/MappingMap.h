@@ -28,7 +28,9 @@ inline void enterMapping(MappingMap& mappings, MemMapping mapping) {
 inline bool removeMapping(Place place, MappingMap& mappings, MemMapping const& mapping) {
     auto const entry = mappings.find(mapping.getAddress());
     if (entry == mappings.end()) {
-        report(place, Chain::NEW, std::CommonError, 1, "Attempt to remove a mapping that isn't registered");
+        report(
+            place, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "Attempt to remove a mapping that isn't registered");
         return true;
     }
     bool const failed = entry->second.destroy();

@@ -20,27 +20,27 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/MemMapping";
 
 constexpr ErrnoRow MAP_ERRORS[] = {
-    {{ENXIO, EBADF, ENOTSUP}, {SysError, 10}},
-    {{EAGAIN, ENOMEM}, {SysError, 1}},
-    {{EACCES}, {SysError, 7}},
-    {{ENODEV}, {SysError, 6}},
-    {{EINVAL, EOVERFLOW}, {SysError, 8}},
-    {{EMFILE}, {SysError, 0}},
-    {OTHERS, {SysError, 19}},
+    {{ENXIO, EBADF, ENOTSUP}, SysErrorId::SPOILED_INTEGRITY},
+    {{EAGAIN, ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED},
+    {{ENODEV}, SysErrorId::NOT_IMPLEMENTED},
+    {{EINVAL, EOVERFLOW}, SysErrorId::INVALID_PARAMETER},
+    {{EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow RESERVE_ERRORS[] = {
-    {OTHERS, {SysError, 6}},
+    {OTHERS, SysErrorId::NOT_IMPLEMENTED},
 };
 
 constexpr ErrnoRow UNMAP_ERRORS[] = {
-    {OTHERS, {SysError, 10}},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 constexpr ErrnoRow SYNC_ERRORS[] = {
-    {{EBUSY}, {SysError, 10}},
-    {{EINVAL, ENOMEM}, {SysError, 8}},
-    {OTHERS, {SysError, 19}},
+    {{EBUSY}, SysErrorId::SPOILED_INTEGRITY},
+    {{EINVAL, ENOMEM}, SysErrorId::INVALID_PARAMETER},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 static_assert(MemMapping::READ == PROT_READ && MemMapping::WRITE == PROT_WRITE);
@@ -107,7 +107,7 @@ void MemMapping::mapPlain(int fd, void* hint) {
 void MemMapping::mapRing(int fd, void* hint, uint32_t length) {
     if (!isWholePages(length)) {
         report(
-            SOURCE, Chain::NEW, std::CommonError, 1,
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
             "requested ringbuffer but size is not a multiple of system page size");
         return;
     }

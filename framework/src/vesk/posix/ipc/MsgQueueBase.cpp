@@ -21,29 +21,29 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/MsgQueueBase";
 
 constexpr ErrnoRow TRANSFER_ERRORS[] = {
-    {{EMSGSIZE}, {SysError, 8}},
-    {OTHERS, {SysError, 10}},
+    {{EMSGSIZE}, SysErrorId::INVALID_PARAMETER},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 constexpr ErrnoRow CLOCK_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow TIMED_READ_ERRORS[] = {
     {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
-    {{EMSGSIZE}, {SysError, 8}},
-    {OTHERS, {SysError, 10}},
+    {{EMSGSIZE}, SysErrorId::INVALID_PARAMETER},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 constexpr ErrnoRow TIMED_WRITE_ERRORS[] = {
     {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
-    {{EMSGSIZE}, {SysError, 8}},
+    {{EMSGSIZE}, SysErrorId::INVALID_PARAMETER},
     // Unlike a reader, a writer tells this from a time-out by the report alone.
-    {OTHERS, {SysError, 10}, NONE, Outcome::NOT_NOW},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY, NONE, Outcome::NOT_NOW},
 };
 
 constexpr ErrnoRow ATTRIBUTE_ERRORS[] = {
-    {OTHERS, {SysError, 10}},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 mq_attr getAttributes(mqd_t queue) {
@@ -94,7 +94,7 @@ bool MsgQueueBase::close() {
         if (error == EBADF) {
             queue = CLOSED;
         }
-        report(SOURCE, Chain::UNKNOWN, SysError, 10, SystemErrorText(error).get());
+        report(SOURCE, Chain::UNKNOWN, SysErrorId::SPOILED_INTEGRITY, SystemErrorText(error).get());
         return true;
     }
     return false;

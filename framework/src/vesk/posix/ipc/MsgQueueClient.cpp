@@ -17,12 +17,12 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/MsgQueueClient";
 
 constexpr ErrnoRow ATTACH_ERRORS[] = {
-    {{ENOENT}, {SysError, 2}, {FileAccessError, 0}},
+    {{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
     // Not row 7 as for the server: a client without the right asked for the wrong queue.
-    {{EACCES}, {SysError, 8}, {FileAccessError, 3}},
-    {{ENFILE, EMFILE}, {SysError, 0}},
-    {{ENAMETOOLONG}, {SysError, 4, Telling::NAME_AND_LENGTH}, {FileAccessError, 0}},
-    {OTHERS, {SysError, 19}},
+    {{EACCES}, SysErrorId::INVALID_PARAMETER, FileAccessErrorId::ACCESS_DENIED},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{ENAMETOOLONG}, {SysErrorId::PATH_TOO_LONG, Telling::NAME_AND_LENGTH}, FileAccessErrorId::BAD_PATH},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 } // namespace

@@ -20,13 +20,13 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/MsgQueueServer";
 
 constexpr ErrnoRow CREATION_ERRORS[] = {
-    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
-    {{EEXIST}, {SysError, 12}, {FileAccessError, 4}},
-    {{EINVAL}, {SysError, 8}},
-    {{ENFILE, EMFILE}, {SysError, 0}},
-    {{ENOSPC}, {SysError, 15}, {FileAccessError, 7}},
-    {{ENAMETOOLONG}, {SysError, 4, Telling::NAME_AND_LENGTH}, {FileAccessError, 0}},
-    {OTHERS, {SysError, 19}}, // ENOENT too: who creates expects nothing to be there.
+    {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {{EEXIST}, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS},
+    {{EINVAL}, SysErrorId::INVALID_PARAMETER},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE},
+    {{ENAMETOOLONG}, {SysErrorId::PATH_TOO_LONG, Telling::NAME_AND_LENGTH}, FileAccessErrorId::BAD_PATH},
+    {OTHERS, SysErrorId::UNCLASSIFIED}, // ENOENT too: who creates expects nothing to be there.
 };
 
 /// The flags of `mq_open` by the strategy.
@@ -57,7 +57,7 @@ bool MsgQueueServer::create(
         return true;
     }
     if (static_cast<unsigned int>(strategy) >= std::size(FLAGS)) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "Unsupported strategy passed");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "Unsupported strategy passed");
         name[0] = '\0';
         return true;
     }

@@ -18,34 +18,34 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/SemaphoreBase";
 
 constexpr ErrnoRow CLOSE_ERRORS[] = {
-    {OTHERS, {SysError, 10}},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 constexpr ErrnoRow TAKE_ERRORS[] = {
-    {OTHERS, {SysError, 10}},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 constexpr ErrnoRow TRY_TAKE_ERRORS[] = {
     {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
-    {OTHERS, {SysError, 10}},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 constexpr ErrnoRow CLOCK_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow TIMED_TAKE_ERRORS[] = {
     {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
-    {OTHERS, {SysError, 10}},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 constexpr ErrnoRow RELEASE_ERRORS[] = {
-    {{EOVERFLOW}, {SysError, 0}},
-    {OTHERS, {SysError, 10}},
+    {{EOVERFLOW}, SysErrorId::RESOURCES_EXHAUSTED},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 void reportMisuse(Place place, char const* text) noexcept {
-    report(place, Chain::NEW, std::CommonError, 1, text);
+    report(place, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, text);
 }
 
 // The words in front are part of the texts as they are known, and they differ.

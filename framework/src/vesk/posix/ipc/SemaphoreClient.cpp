@@ -16,11 +16,11 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/SemaphoreClient";
 
 constexpr ErrnoRow ATTACH_ERRORS[] = {
     {{EINTR}, NONE, NONE, Outcome::REPEAT},
-    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
-    {{ENOENT, EINVAL, ENAMETOOLONG}, {SysError, 2}, {FileAccessError, 0}},
-    {{ENFILE, EMFILE}, {SysError, 0}, {FileAccessError, 6}},
-    {{EEXIST, ENOSPC}, {SysError, 10}, {FileAccessError, 9}},
-    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {{ENOENT, EINVAL, ENAMETOOLONG}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
+    {{EEXIST, ENOSPC}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
 };
 
 } // namespace

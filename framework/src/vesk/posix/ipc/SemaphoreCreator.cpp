@@ -22,18 +22,18 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/SemaphoreCreator";
 
 constexpr ErrnoRow CREATION_ERRORS[] = {
     {{EINTR}, NONE, NONE, Outcome::REPEAT},
-    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
-    {{EEXIST}, {SysError, 12}, {FileAccessError, 4}},
-    {{EINVAL, ENAMETOOLONG}, {SysError, 2}, {FileAccessError, 0}},
-    {{ENFILE, EMFILE}, {SysError, 0}, {FileAccessError, 6}},
-    {{ENOSPC}, {SysError, 10}, {FileAccessError, 9}},
-    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {{EEXIST}, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS},
+    {{EINVAL, ENAMETOOLONG}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
+    {{ENOSPC}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow REMOVAL_ERRORS[] = {
     {{ENOENT}, NONE, NONE, Outcome::DONE},
-    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
-    {OTHERS, {SysError, 19}, {FileAccessError, 9}},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
 };
 
 /// The flags of `sem_open` by the strategy.
@@ -68,7 +68,7 @@ bool SemaphoreCreator::create(
         return true;
     }
     if (static_cast<unsigned int>(strategy) >= std::size(FLAGS)) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "Unsupported strategy passed");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "Unsupported strategy passed");
         return true;
     }
     for (;;) {

@@ -22,7 +22,7 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/SharedMemoryBase";
 
 constexpr ErrnoRow CLOSE_ERRORS[] = {
-    {OTHERS, {SysError, 10}},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 /// What of the mode has to be that of an ordinary file. Not all of `S_IFMT`: a symbolic link passes too.
@@ -59,7 +59,8 @@ bool SharedMemoryBase::close() {
 
 unsigned int SharedMemoryBase::getSize() const {
     if (!isValid()) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "size of invalid SHM object requested");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "size of invalid SHM object requested");
         return 0;
     }
     struct stat data;

@@ -18,12 +18,12 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/SharedMemoryClient";
 
 constexpr ErrnoRow ATTACH_ERRORS[] = {
-    {{ENOENT}, {SysError, 2}, {FileAccessError, 0}},
-    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
-    {{EINVAL, ENOTSUP}, {SysError, 6}},
-    {{ENFILE, EMFILE}, {SysError, 0}},
-    {{ENAMETOOLONG}, {SysError, 4, Telling::NAME_AND_LENGTH}, {FileAccessError, 0}},
-    {OTHERS, {SysError, 19}},
+    {{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {{EINVAL, ENOTSUP}, SysErrorId::NOT_IMPLEMENTED},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{ENAMETOOLONG}, {SysErrorId::PATH_TOO_LONG, Telling::NAME_AND_LENGTH}, FileAccessErrorId::BAD_PATH},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 static_assert(O_RDONLY == 0 && O_RDWR == MemMapping::WRITE);

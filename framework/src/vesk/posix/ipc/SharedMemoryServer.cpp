@@ -24,19 +24,19 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/SharedMemoryServer";
 
 constexpr ErrnoRow CREATE_ERRORS[] = {
-    {{EACCES}, {SysError, 7}, {FileAccessError, 3}},
-    {{EEXIST}, {SysError, 12}, {FileAccessError, 4}},
-    {{EINVAL, ENOTSUP}, {SysError, 6}},
-    {{ENFILE, EMFILE}, {SysError, 0}},
-    {{ENOSPC}, {SysError, 15}, {FileAccessError, 7}},
-    {{EPIPE, ENOSYS}, {SysError, 16}},
-    {{ENAMETOOLONG}, {SysError, 4, Telling::NAME_AND_LENGTH}, {FileAccessError, 0}},
-    {OTHERS, {SysError, 19}},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {{EEXIST}, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS},
+    {{EINVAL, ENOTSUP}, SysErrorId::NOT_IMPLEMENTED},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE},
+    {{EPIPE, ENOSYS}, SysErrorId::NO_DEVICE},
+    {{ENAMETOOLONG}, {SysErrorId::PATH_TOO_LONG, Telling::NAME_AND_LENGTH}, FileAccessErrorId::BAD_PATH},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow SIZE_ERRORS[] = {
-    {{EINVAL, EFBIG}, {SysError, 8}},
-    {OTHERS, {SysError, 10}},
+    {{EINVAL, EFBIG}, SysErrorId::INVALID_PARAMETER},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 int flagsOf(Creatable::CreationStrategy strategy) noexcept {

@@ -234,13 +234,13 @@ bool LazyProcessInit::doInit() {
         g_process_impl = new (std::nothrow) ProcessImpl;
     }
     if (g_process_impl == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 0);
+        report(SOURCE, Chain::NEW, std::CommonErrorId::OUT_OF_MEMORY);
         return true;
     }
     Thread& thread = g_process_impl->thread;
     if (!thread.isValid()) {
         std::ErrorStorage::ack();
-        report(SOURCE, Chain::NEW, Vesk::Error, 0, "process impl. object is invalid");
+        report(SOURCE, Chain::NEW, Vesk::ErrorId::INIT_FAILED, "process impl. object is invalid");
     } else if (!thread.start()) {
         return false;
     } else if (thread.getThreadState() != Thread::CREATED) {
@@ -257,14 +257,14 @@ bool LazyProcessStaticInit::doInit() {
     assertThat(g_process_static_impl == nullptr, "! g_process_static_impl", "doInit");
     g_process_static_impl = new (std::nothrow) ProcessStaticImpl;
     if (g_process_static_impl == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 0);
+        report(SOURCE, Chain::NEW, std::CommonErrorId::OUT_OF_MEMORY);
         return true;
     }
     if (g_process_static_impl->lock.isValid()) {
         return false;
     }
     std::ErrorStorage::ack();
-    report(SOURCE, Chain::NEW, Vesk::Error, 0, "process static impl. object is invalid");
+    report(SOURCE, Chain::NEW, Vesk::ErrorId::INIT_FAILED, "process static impl. object is invalid");
     delete g_process_static_impl;
     g_process_static_impl = nullptr;
     return true;

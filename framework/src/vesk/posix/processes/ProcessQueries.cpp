@@ -29,15 +29,15 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/ProcessQueries";
 
 constexpr ErrnoRow KILL_ERRORS[] = {
-    {{ESRCH}, {ProcessTNG::Error, 4}},
-    {{EINVAL, EPERM}, {SysError, 7}, {ProcessTNG::Error, 2}},
-    {OTHERS, {ProcessTNG::Error, 2}},
+    {{ESRCH}, ProcessTNG::ErrorId::NOT_FOUND},
+    {{EINVAL, EPERM}, SysErrorId::PERMISSION_DENIED, ProcessTNG::ErrorId::KILL_FAILED},
+    {OTHERS, ProcessTNG::ErrorId::KILL_FAILED},
 };
 
 constexpr ErrnoRow EXISTS_ERRORS[] = {
     {{EPERM}, NONE, NONE, Outcome::DONE}, // What may not be signalled is there.
     {{ESRCH}, NONE, NONE, Outcome::NOT_NOW},
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 // Room for "/proc/", any number and the longest entry.
@@ -73,7 +73,7 @@ void readCommand(unsigned long pid, std::string& command) {
 }
 
 std::string reportInvalid() {
-    report(SOURCE, Chain::NEW, Vesk::Error, 0, "process static impl. object is invalid");
+    report(SOURCE, Chain::NEW, Vesk::ErrorId::INIT_FAILED, "process static impl. object is invalid");
     return {};
 }
 

@@ -91,7 +91,7 @@ void ProcessTNG::init() {
     if (g_lazy_process_init != nullptr) {
         failed = g_lazy_process_init->checkInit(nullptr);
     } else {
-        report(SOURCE, Chain::NEW, Vesk::Error, 0, "process impl. object is invalid");
+        report(SOURCE, Chain::NEW, Vesk::ErrorId::INIT_FAILED, "process impl. object is invalid");
     }
     change("init", [this, failed] {
         invalid = failed;
@@ -132,7 +132,7 @@ bool ProcessTNG::setExecutable(std::string const& path) {
     FileInfo const info(path, true);
     bool failed = !info.isValid();
     if (!failed && (info.getAccess() & FileAccess::owner_exec) == FileAccess::none) {
-        report(SOURCE, Chain::NEW, FileAccessError, 0, path.c_str());
+        report(SOURCE, Chain::NEW, FileAccessErrorId::BAD_PATH, path.c_str());
         failed = true;
     }
     change("setExecutable", [&] {
@@ -222,12 +222,12 @@ int ProcessTNG::start() {
     ProcessImpl::Children entry{{INVALID_PROCESS_ID, this}};
 
     if (mutex.lock()) {
-        report(SOURCE, Chain::ON_TOP, Error, 0, "locking operation failed");
+        report(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED, "locking operation failed");
         return INVALID_PROCESS_ID;
     }
     if (pid != INVALID_PROCESS_ID) {
         unlockOrAbort(mutex, "start");
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "There is already a child running.");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "There is already a child running.");
         return INVALID_PROCESS_ID;
     }
     m_last_state = ExitState();
@@ -236,13 +236,13 @@ int ProcessTNG::start() {
     GlobalErrorHandler::doAssert(impl != nullptr, "g_process_impl", SOURCE, __LINE__, "start", nullptr);
     if (impl == nullptr) {
         unlockOrAbort(mutex, "start");
-        report(SOURCE, Chain::NEW, Vesk::Error, 0, "process impl. object is invalid");
-        report(SOURCE, Chain::ON_TOP, Error, 0, "locking operation failed");
+        report(SOURCE, Chain::NEW, Vesk::ErrorId::INIT_FAILED, "process impl. object is invalid");
+        report(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED, "locking operation failed");
         return INVALID_PROCESS_ID;
     }
     if (impl->mutex.lock()) {
         // The object stays locked, on purpose: nothing good can come of using it any more.
-        report(SOURCE, Chain::ON_TOP, Error, 0, "locking operation failed");
+        report(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED, "locking operation failed");
         return INVALID_PROCESS_ID;
     }
     // The collector's lock is held from before the fork until the child is entered: it may have ended by then.
@@ -269,13 +269,14 @@ int ProcessTNG::start() {
 bool ProcessTNG::wait(ExitState& state, bool timed, long long timeout) {
     MutexLock lock(mutex);
     if (!lock.isLocked()) {
-        report(SOURCE, Chain::ON_TOP, Error, 3, "locking operation failed");
+        report(SOURCE, Chain::ON_TOP, ErrorId::WAIT_FAILED, "locking operation failed");
         return true;
     }
     if (pid == INVALID_PROCESS_ID && !m_last_state.hasExited()) {
         lock.unlock();
         report(
-            SOURCE, Chain::NEW, std::CommonError, 1, "no child process running, no child exit states left");
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "no child process running, no child exit states left");
         return true;
     }
     state = ExitState();
@@ -286,7 +287,7 @@ bool ProcessTNG::wait(ExitState& state, bool timed, long long timeout) {
             : exit_condition.wait(mutex) ? -1
                                          : 0;
         if (result < 0) {
-            report(SOURCE, Chain::ON_TOP, Error, 3, "wait for process exit signal failed");
+            report(SOURCE, Chain::ON_TOP, ErrorId::WAIT_FAILED, "wait for process exit signal failed");
             return true;
         }
         if (result > 0) {
@@ -299,7 +300,7 @@ bool ProcessTNG::wait(ExitState& state, bool timed, long long timeout) {
     m_last_state = ExitState();
     last_pid = INVALID_PROCESS_ID;
     if (lock.unlock()) {
-        report(SOURCE, Chain::ON_TOP, Error, 3, "unlocking operation failed");
+        report(SOURCE, Chain::ON_TOP, ErrorId::WAIT_FAILED, "unlocking operation failed");
         return true;
     }
     return false;
@@ -308,7 +309,7 @@ bool ProcessTNG::wait(ExitState& state, bool timed, long long timeout) {
 bool ProcessTNG::kill(bool graceful) {
     MutexLock lock(mutex);
     if (!lock.isLocked()) {
-        report(SOURCE, Chain::ON_TOP, Error, 2, "locking operation failed");
+        report(SOURCE, Chain::ON_TOP, ErrorId::KILL_FAILED, "locking operation failed");
         return true;
     }
     if (pid == INVALID_PROCESS_ID) {
@@ -321,7 +322,7 @@ bool ProcessTNG::kill(bool graceful) {
         failed = false;
     }
     if (lock.unlock()) {
-        report(SOURCE, Chain::ON_TOP, Error, 2, "unlocking operation failed");
+        report(SOURCE, Chain::ON_TOP, ErrorId::KILL_FAILED, "unlocking operation failed");
         return true;
     }
     return failed;

@@ -38,9 +38,9 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/ProcessTNG_fork";
 
 constexpr ErrnoRow FORK_ERRORS[] = {
-    {{EAGAIN}, {SysError, 0}},
-    {{ENOMEM}, {SysError, 1}},
-    {OTHERS, {ProcessTNG::Error, 0}},
+    {{EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {OTHERS, ProcessTNG::ErrorId::START_FAILED},
 };
 
 static_assert((O_WRONLY | O_CREAT | O_APPEND) == 0x441 && (O_WRONLY | O_CREAT | O_TRUNC) == 0x241);
@@ -343,8 +343,8 @@ void ProcessTNG::runChild(char* const* args, char* const* env) noexcept {
     } else {
         execve(executable.c_str(), args, env);
     }
-    report(SOURCE, Chain::NEW, Error, 0, UntranslatedErrorText().get());
-    report(SOURCE, Chain::ON_TOP, FileAccessError, 0, executable.c_str());
+    report(SOURCE, Chain::NEW, ErrorId::START_FAILED, UntranslatedErrorText().get());
+    report(SOURCE, Chain::ON_TOP, FileAccessErrorId::BAD_PATH, executable.c_str());
     GlobalErrorHandler::doAbort(SOURCE, __LINE__, "startChild", "error calling exec() after fork()");
     _exit(1);
 }
@@ -395,7 +395,7 @@ void ProcessTNG::applyAffinity() const {
     }
     // Without a processor in the set, too: that the system refuses it is how the caller gets to know.
     if (sched_setaffinity(0, sizeof set, &set) != 0) {
-        report(SOURCE, Chain::NEW, SysError, 19, UntranslatedErrorText().get());
+        report(SOURCE, Chain::NEW, SysErrorId::UNCLASSIFIED, UntranslatedErrorText().get());
         GlobalErrorHandler::doWarning(SOURCE, __LINE__, "startChild", "after fork(): Error setting affinity");
         std::ErrorStorage::ack();
     }
@@ -421,7 +421,7 @@ void ProcessTNG::enterNewGroup() const {
     if (!in_new_group || setpgid(0, 0) == 0) {
         return;
     }
-    report(SOURCE, Chain::NEW, SysError, 19, UntranslatedErrorText().get());
+    report(SOURCE, Chain::NEW, SysErrorId::UNCLASSIFIED, UntranslatedErrorText().get());
     {
         // What `ErrorApi::getReasonList` gives of this one report, which would take the heap.
         std::ErrorObject const& reason = *std::ErrorStorage::get();

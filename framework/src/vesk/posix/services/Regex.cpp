@@ -47,10 +47,10 @@ void RegexHandle::release() noexcept {
 
 int RegexHandle::handleMatchError(int code, bool sub_matches_wanted) const {
     if (compiled && (!sub_matches_wanted || sub_matches)) {
-        report(SOURCE, Chain::NEW, Regex::Error, 2, RegexErrorText(code, preg).get());
+        report(SOURCE, Chain::NEW, Regex::ErrorId::MATCH_FAILED, RegexErrorText(code, preg).get());
     } else {
         report(
-            SOURCE, Chain::NEW, std::CommonError, 1,
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
             compiled ? "sub matches requested but regex was not compiled for sub matches"
                      : "match() was called on invalid object");
     }
@@ -60,7 +60,7 @@ int RegexHandle::handleMatchError(int code, bool sub_matches_wanted) const {
 int Regex::compile(char const* pattern, unsigned int const& flags) {
     release();
     if (pattern == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "NULL pointer given for pattern");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "NULL pointer given for pattern");
         return 1;
     }
     int const code = regcomp(
@@ -73,10 +73,10 @@ int Regex::compile(char const* pattern, unsigned int const& flags) {
         return 0;
     }
     if (code == REG_ESPACE || code == REG_ESIZE) {
-        report(SOURCE, Chain::NEW, std::CommonError, 0);
-        report(SOURCE, Chain::ON_TOP, Error, 1, RegexErrorText(code, preg).get());
+        report(SOURCE, Chain::NEW, std::CommonErrorId::OUT_OF_MEMORY);
+        report(SOURCE, Chain::ON_TOP, ErrorId::OUT_OF_MEMORY, RegexErrorText(code, preg).get());
     } else {
-        report(SOURCE, Chain::UNKNOWN, Error, 0, RegexErrorText(code, preg).get());
+        report(SOURCE, Chain::UNKNOWN, ErrorId::SYNTAX_ERROR, RegexErrorText(code, preg).get());
     }
     return 1;
 }
@@ -92,7 +92,7 @@ int Regex::match(char const* subject, SubMatch* found, unsigned int count) const
         return handleMatchError(REG_NOMATCH, sub_matches_wanted);
     }
     if (subject == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "NULL pointer given for subject");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "NULL pointer given for subject");
         return -1;
     }
     int const code = regexec(&preg, subject, sub_matches_wanted ? count : 0, found, 0);

@@ -28,7 +28,7 @@ constexpr std::ErrorID ROWS[] = {
 };
 
 bool reportMisuse(Place place, char const* text) noexcept {
-    report(place, Chain::NEW, std::CommonError, 1, text);
+    report(place, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, text);
     return true;
 }
 
@@ -40,7 +40,7 @@ TARN_CONSTANT_INIT char const* const SharedObj::SharedLibrarySuffix = ".so";
 
 bool SharedObj::load(char const* path) {
     if (isValid() && unload()) {
-        report(SOURCE, Chain::ON_TOP, Error, 0, "Unload of previously loaded library failed");
+        report(SOURCE, Chain::ON_TOP, ErrorId::LOAD_FAILED, "Unload of previously loaded library failed");
         return true;
     }
     if (path == nullptr) {
@@ -50,7 +50,7 @@ bool SharedObj::load(char const* path) {
     CancellationOff const cancellation_off;
     handle = dlopen(path, RTLD_LAZY);
     if (handle == nullptr) {
-        report(SOURCE, Chain::NEW, Error, 0, dlerror());
+        report(SOURCE, Chain::NEW, ErrorId::LOAD_FAILED, dlerror());
         return true;
     }
     return false;
@@ -63,7 +63,7 @@ bool SharedObj::unload() {
     // Destructors of the library run in here, with the loader's lock held.
     CancellationOff const cancellation_off;
     if (dlclose(handle) != 0) {
-        report(SOURCE, Chain::NEW, Error, 1, dlerror());
+        report(SOURCE, Chain::NEW, ErrorId::UNLOAD_FAILED, dlerror());
         return true;
     }
     handle = nullptr;
@@ -82,7 +82,7 @@ bool SharedObj::resolve(char const* symbol, void*& address) const {
     void* const found = dlsym(handle, symbol);
     if (found == nullptr) {
         if (char const* const text = dlerror()) {
-            report(SOURCE, Chain::NEW, Error, 2, text);
+            report(SOURCE, Chain::NEW, ErrorId::RESOLVE_FAILED, text);
             return true;
         }
     }

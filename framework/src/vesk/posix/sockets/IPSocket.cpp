@@ -30,8 +30,8 @@ static_assert((NI_IDN | NI_NUMERICHOST) == 0x21 && (NI_IDN | NI_NAMEREQD) == 0x2
 static_assert((NI_IDN | NI_NAMEREQD | NI_NOFQDN) == 0x2c);
 
 constexpr ErrnoRow HOST_NAME_ERRORS[] = {
-    {{EFAULT, EINVAL, ENAMETOOLONG}, {SysError, 10}},
-    {OTHERS, {SysError, 19}},
+    {{EFAULT, EINVAL, ENAMETOOLONG}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 /// What a code of the resolver means; codes are numbers of their own, not those of `errno`.
@@ -43,17 +43,17 @@ struct ResolverRow {
 
 constexpr ResolverRow ADDRESS_ERRORS[] = {
     {{EAI_NONAME, EAI_NODATA, EAI_ADDRFAMILY}, NONE, Outcome::DONE},
-    {{EAI_MEMORY}, {SysError, 1}},
-    {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_SOCKTYPE, EAI_SERVICE}, {Socket::Error, 9}},
-    {OTHERS, {SysError, 19}},
+    {{EAI_MEMORY}, SysErrorId::OUT_OF_MEMORY},
+    {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_SOCKTYPE, EAI_SERVICE}, Socket::ErrorId::RESOLVE_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ResolverRow NAME_ERRORS[] = {
     {{EAI_NONAME}, NONE, Outcome::DONE},
-    {{EAI_OVERFLOW}, {SysError, 10}},
-    {{EAI_MEMORY}, {SysError, 1}},
-    {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_FAMILY}, {Socket::Error, 9}},
-    {OTHERS, {SysError, 19}},
+    {{EAI_OVERFLOW}, SysErrorId::SPOILED_INTEGRITY},
+    {{EAI_MEMORY}, SysErrorId::OUT_OF_MEMORY},
+    {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_FAMILY}, Socket::ErrorId::RESOLVE_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 template <size_t N>
@@ -87,7 +87,7 @@ bool makeNumeric(std::string& host, IPSocket::IPProtocolVersion version) {
     IPSocket::IPResolver resolver;
     int const count = resolver.resolveName(host.c_str(), version);
     if (count == 0) {
-        report(SOURCE, Chain::NEW, std::CommonError, 5, "Couldn't resolve hostname");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname");
     }
     if (count <= 0) {
         return true;
@@ -310,7 +310,8 @@ bool IPSocket::closing() {
 bool IPSocket::close(bool do_shutdown) {
     m_had_error = false;
     if (m_socket_state == DEAD) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "called close on already DEAD socket");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "called close on already DEAD socket");
         return fail();
     }
     if (flush(false)) {
@@ -347,7 +348,7 @@ bool IPSocket::getHostname(std::string& name) {
     // From the heap, as small as it is: a caller with little stack is not to need more for this.
     std::unique_ptr<char[]> const buffer(new (std::nothrow) char[ROOM]);
     if (buffer == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 0);
+        report(SOURCE, Chain::NEW, std::CommonErrorId::OUT_OF_MEMORY);
         return true;
     }
     if (gethostname(buffer.get(), ROOM) != 0) {

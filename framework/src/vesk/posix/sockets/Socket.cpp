@@ -20,7 +20,7 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/Socket";
 
-constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
+using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 
 constexpr std::ErrorID ROWS[] = {
     {0, "Invalid socket encountered: %s", 1}, {1, "Unknown socket option: %s", 1},
@@ -34,23 +34,23 @@ constexpr std::ErrorID ROWS[] = {
 
 constexpr ErrnoRow RECEIVE_ERRORS[] = {
     {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
-    {{ECONNRESET}, {Socket::Error, 6}, {StreamError, 0}},
-    {{EINVAL}, {Socket::Error, 0}, {StreamError, 0}},
-    {{EIO, EBADF, ENOTSOCK, EOPNOTSUPP}, {SysError, 10}, {StreamError, 0}},
-    {{ENOTCONN, ECONNREFUSED}, {Socket::Error, 7}, {StreamError, 0}},
-    {{ETIMEDOUT}, {Socket::Error, 10}, {StreamError, 1}},
-    {{ENOBUFS}, {SysError, 0}, {StreamError, 1}},
-    {{ENOMEM}, {SysError, 1}, {StreamError, 1}},
-    {OTHERS, {SysError, 19}, {StreamError, 4}},
+    {{ECONNRESET}, Socket::ErrorId::CONNECTION_RESET, StreamErrorId::UNUSABLE},
+    {{EINVAL}, Socket::ErrorId::INVALID_SOCKET, StreamErrorId::UNUSABLE},
+    {{EIO, EBADF, ENOTSOCK, EOPNOTSUPP}, SysErrorId::SPOILED_INTEGRITY, StreamErrorId::UNUSABLE},
+    {{ENOTCONN, ECONNREFUSED}, Socket::ErrorId::PEER_UNREACHABLE, StreamErrorId::UNUSABLE},
+    {{ETIMEDOUT}, Socket::ErrorId::COMMUNICATION_FAILED, StreamErrorId::TRANSFER_FAILED},
+    {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, StreamErrorId::TRANSFER_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED},
 };
 static_assert(EAGAIN == EWOULDBLOCK);
 
-constexpr SendErrors SEND_ERRORS = makeSendErrors({SysError, 19});
+constexpr SendErrors SEND_ERRORS = makeSendErrors(SysErrorId::UNCLASSIFIED);
 
 constexpr ErrnoRow SELECT_ERRORS[] = {
-    {{ENOMEM}, {SysError, 1}},
-    {{EINVAL, EBADF}, {SysError, 10}},
-    {OTHERS, {SysError, 19}},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {{EINVAL, EBADF}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 /// Enters the descriptors of the sockets. True, after a report, if one has none.
@@ -58,7 +58,7 @@ bool enter(std::set<Socket const*> const& sockets, fd_set& marks, int& highest) 
     for (Socket const* const socket : sockets) {
         int const fd = socket != nullptr ? socket->getSocketFd() : Socket::INVALID_SOCKET_FD;
         if (fd == Socket::INVALID_SOCKET_FD) {
-            report(SOURCE, Chain::NEW, Socket::Error, 0, SystemErrorText().get());
+            report(SOURCE, Chain::NEW, Socket::ErrorId::INVALID_SOCKET, SystemErrorText().get());
             return true;
         }
         if (fd >= FD_SETSIZE) {
@@ -106,7 +106,7 @@ bool Socket::isValid() const {
 bool Socket::checkValidSocket() const {
     m_had_error = false;
     if (m_socket_handle.socket_fd == INVALID_SOCKET_FD) {
-        report(SOURCE, Chain::NEW, Error, 0, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, ErrorId::INVALID_SOCKET, SystemErrorText().get());
         return fail();
     }
     return false;
@@ -115,8 +115,8 @@ bool Socket::checkValidSocket() const {
 bool Socket::performRead(void* buffer, unsigned int size, unsigned int& read) {
     m_had_error = false;
     if (m_socket_state != OPEN) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "called read on non-OPEN socket");
-        report(SOURCE, Chain::ON_TOP, StreamError, 0);
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "called read on non-OPEN socket");
+        report(SOURCE, Chain::ON_TOP, StreamErrorId::UNUSABLE);
         return fail();
     }
     read = 0;
@@ -129,16 +129,16 @@ bool Socket::performRead(void* buffer, unsigned int size, unsigned int& read) {
         if (static_cast<size_t>(count) > size) {
             // More than there was room for; what fitted is told. The object itself is in order.
             read = size;
-            report(SOURCE, Chain::NEW, Error, 12, SystemErrorText().get());
-            report(SOURCE, Chain::ON_TOP, StreamError, 1);
+            report(SOURCE, Chain::NEW, ErrorId::MESSAGE_TOO_BIG, SystemErrorText().get());
+            report(SOURCE, Chain::ON_TOP, StreamErrorId::TRANSFER_FAILED);
             return true;
         }
         read = static_cast<unsigned int>(count);
         return false;
     }
     if (count == 0) {
-        report(SOURCE, Chain::NEW, Error, 11, "Connection closed normally");
-        report(SOURCE, Chain::ON_TOP, StreamError, 2);
+        report(SOURCE, Chain::NEW, ErrorId::CONNECTION_CLOSED, "Connection closed normally");
+        report(SOURCE, Chain::ON_TOP, StreamErrorId::END_OF_STREAM);
         return fail();
     }
     return classify(SOURCE, RECEIVE_ERRORS, errno) != Outcome::NOT_NOW && fail();
@@ -147,8 +147,8 @@ bool Socket::performRead(void* buffer, unsigned int size, unsigned int& read) {
 bool Socket::performWrite(void const* buffer, unsigned int size, unsigned int& written) {
     m_had_error = false;
     if (m_socket_state != OPEN) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "called write on non-OPEN socket");
-        report(SOURCE, Chain::ON_TOP, StreamError, 0);
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "called write on non-OPEN socket");
+        report(SOURCE, Chain::ON_TOP, StreamErrorId::UNUSABLE);
         return fail();
     }
     written = 0;

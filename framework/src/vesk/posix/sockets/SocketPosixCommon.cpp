@@ -17,90 +17,92 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/SocketPosixCommon";
 
 constexpr ErrnoRow FLAG_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow GET_OPTION_ERRORS[] = {
-    {{EBADF, EINVAL, ENOTSOCK}, {Socket::Error, 0}},
-    {{EACCES}, {SysError, 7}},
-    {{ENOPROTOOPT}, {Socket::Error, 1}},
-    {{ENOBUFS}, {SysError, 1}},
-    {OTHERS, {SysError, 19}},
+    {{EBADF, EINVAL, ENOTSOCK}, Socket::ErrorId::INVALID_SOCKET},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED},
+    {{ENOPROTOOPT}, Socket::ErrorId::UNKNOWN_OPTION},
+    {{ENOBUFS}, SysErrorId::OUT_OF_MEMORY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow SET_OPTION_ERRORS[] = {
-    {{EBADF, ENOTSOCK}, {Socket::Error, 0}},
+    {{EBADF, ENOTSOCK}, Socket::ErrorId::INVALID_SOCKET},
     // Of the system's family, whose row speaks of paths: that is what callers know it by.
-    {{EFAULT, EINVAL, EDOM, EISCONN}, {SysError, 2}},
-    {{ENOPROTOOPT}, {Socket::Error, 1}},
-    {OTHERS, {SysError, 19}},
+    {{EFAULT, EINVAL, EDOM, EISCONN}, SysErrorId::INVALID_PATH},
+    {{ENOPROTOOPT}, Socket::ErrorId::UNKNOWN_OPTION},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow CREATION_ERRORS[] = {
-    {{EMFILE, ENFILE}, {SysError, 0}},
-    {{EACCES}, {SysError, 7}},
-    {{EINVAL, EPROTOTYPE, EPROTONOSUPPORT, EAFNOSUPPORT}, {Socket::Error, 3}},
-    {{ENOMEM, ENOBUFS}, {SysError, 1}},
-    {OTHERS, {SysError, 19}},
+    {{EMFILE, ENFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED},
+    {{EINVAL, EPROTOTYPE, EPROTONOSUPPORT, EAFNOSUPPORT}, Socket::ErrorId::CREATE_FAILED},
+    {{ENOMEM, ENOBUFS}, SysErrorId::OUT_OF_MEMORY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow BIND_ERRORS[] = {
     {{EINVAL, ENOENT, EIO, EBADF, EFAULT, ENOTDIR, EISDIR, EROFS, ENAMETOOLONG, ELOOP, ENOTSOCK, EDESTADDRREQ,
       EOPNOTSUPP, EAFNOSUPPORT, EISCONN},
-     {SysError, 10}},
-    {{ENOMEM}, {SysError, 1}},
-    {{EACCES}, {SysError, 7}},
-    {{EADDRINUSE}, {Socket::Error, 4}},
-    {{EADDRNOTAVAIL}, {Socket::Error, 5}},
-    {{ENOBUFS}, {SysError, 0}},
-    {OTHERS, {SysError, 19}},
+     SysErrorId::SPOILED_INTEGRITY},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED},
+    {{EADDRINUSE}, Socket::ErrorId::ADDRESS_IN_USE},
+    {{EADDRNOTAVAIL}, Socket::ErrorId::ADDRESS_INVALID},
+    {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow LISTEN_ERRORS[] = {
-    {{EADDRINUSE}, {Socket::Error, 4}}, {{ENOBUFS}, {SysError, 0}},
-    {{EACCES}, {SysError, 7}},          {{EBADF, EINVAL, ENOTSOCK, EDESTADDRREQ, EOPNOTSUPP}, {SysError, 10}},
-    {OTHERS, {SysError, 19}},
+    {{EADDRINUSE}, Socket::ErrorId::ADDRESS_IN_USE},
+    {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{EACCES}, SysErrorId::PERMISSION_DENIED},
+    {{EBADF, EINVAL, ENOTSOCK, EDESTADDRREQ, EOPNOTSUPP}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow ACCEPT_ERRORS[] = {
     {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
-    {{EPERM}, {SysError, 7}},
-    {{ESRCH}, {Socket::Error, 8}},
-    {{EBADF, EINVAL}, {Socket::Error, 0}},
-    {{ENOMEM, ENOBUFS}, {SysError, 1}},
-    {{EFAULT, ENOTSOCK, EOPNOTSUPP}, {SysError, 10}},
-    {{ENFILE, EMFILE}, {SysError, 0}},
-    {{EPROTO, ETIMEDOUT}, {Socket::Error, 10}},
-    {{ECONNABORTED}, {Socket::Error, 11}},
-    {OTHERS, {SysError, 19}},
+    {{EPERM}, SysErrorId::PERMISSION_DENIED},
+    {{ESRCH}, Socket::ErrorId::NETWORK_UNAVAILABLE},
+    {{EBADF, EINVAL}, Socket::ErrorId::INVALID_SOCKET},
+    {{ENOMEM, ENOBUFS}, SysErrorId::OUT_OF_MEMORY},
+    {{EFAULT, ENOTSOCK, EOPNOTSUPP}, SysErrorId::SPOILED_INTEGRITY},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{EPROTO, ETIMEDOUT}, Socket::ErrorId::COMMUNICATION_FAILED},
+    {{ECONNABORTED}, Socket::ErrorId::CONNECTION_CLOSED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 static_assert(EAGAIN == EWOULDBLOCK);
 
 constexpr ErrnoRow CONNECT_ERRORS[] = {
     {{EALREADY, EINPROGRESS}, NONE, NONE, Outcome::NOT_NOW},
-    {{EPERM, EACCES}, {SysError, 7}},
+    {{EPERM, EACCES}, SysErrorId::PERMISSION_DENIED},
     {{ENOENT, EBADF, EFAULT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP, ENOTSOCK, EPROTOTYPE, EOPNOTSUPP,
       EAFNOSUPPORT, EISCONN, ETIMEDOUT},
-     {SysError, 10}},
-    {{EAGAIN, ENOBUFS}, {SysError, 0}},
-    {{EADDRINUSE}, {Socket::Error, 4}},
-    {{EADDRNOTAVAIL}, {Socket::Error, 5}},
-    {{ENETDOWN, ENETUNREACH}, {Socket::Error, 8}},
-    {{ECONNRESET}, {Socket::Error, 6}},
-    {{ECONNREFUSED, EHOSTUNREACH}, {Socket::Error, 7}},
-    {OTHERS, {SysError, 19}},
+     SysErrorId::SPOILED_INTEGRITY},
+    {{EAGAIN, ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{EADDRINUSE}, Socket::ErrorId::ADDRESS_IN_USE},
+    {{EADDRNOTAVAIL}, Socket::ErrorId::ADDRESS_INVALID},
+    {{ENETDOWN, ENETUNREACH}, Socket::ErrorId::NETWORK_UNAVAILABLE},
+    {{ECONNRESET}, Socket::ErrorId::CONNECTION_RESET},
+    {{ECONNREFUSED, EHOSTUNREACH}, Socket::ErrorId::PEER_UNREACHABLE},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow SHUTDOWN_ERRORS[] = {
-    {{EBADF, EINVAL, ENOTSOCK, ENOTCONN}, {SysError, 10}},
-    {{ENOBUFS}, {SysError, 0}},
-    {OTHERS, {SysError, 19}},
+    {{EBADF, EINVAL, ENOTSOCK, ENOTCONN}, SysErrorId::SPOILED_INTEGRITY},
+    {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow CLOSE_ERRORS[] = {
     // The descriptor is gone all the same, and nobody could do anything about it.
     {{EBADF}, NONE},
-    {OTHERS, {SysError, 10}},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 /// True, after an assertion and a report, if there is no descriptor.
@@ -110,7 +112,9 @@ bool isMissing(int fd, int line, char const* function) {
     }
     std::GlobalErrorHandler::doAssert(
         false, "p_socket_fd != INVALID_SOCKET_FD", SOURCE, line, function, nullptr);
-    report({SOURCE, line}, Chain::NEW, std::CommonError, 5, "p_socket_fd is invalid");
+    report(
+        {SOURCE, line}, Chain::NEW, std::CommonError, std::CommonErrorId::INVALID_ARGUMENT,
+        "p_socket_fd is invalid");
     return true;
 }
 
@@ -120,7 +124,8 @@ resolveFirst(IPSocket::IPResolver& resolver, char const* host, IPSocket::IPProto
     int const count = resolver.resolveName(host, version);
     if (count == 0) {
         report(
-            SOURCE, Chain::NEW, std::CommonError, 5, "Given hostname doesn't resolve into any IP addresses");
+            SOURCE, Chain::NEW, std::CommonErrorId::INVALID_ARGUMENT,
+            "Given hostname doesn't resolve into any IP addresses");
     }
     return count > 0 ? resolver.getItem(0).c_str() : nullptr;
 }
@@ -182,8 +187,8 @@ void closeAccepted(Place place, int fd) {
 }
 
 void reportNoTraffic(Place place, char const* text) {
-    report(place, Chain::NEW, std::CommonError, 1, text);
-    report(place, Chain::ON_TOP, std::IBinStreamBase::StreamError, 3);
+    report(place, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, text);
+    report(place, Chain::ON_TOP, std::IBinStreamBase::StreamErrorId::NOT_SUPPORTED);
 }
 
 int connectSocket(int fd, sockaddr const* address, socklen_t length) {

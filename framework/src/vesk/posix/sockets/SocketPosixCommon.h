@@ -20,18 +20,20 @@ struct SendErrors {
 };
 
 constexpr SendErrors makeSendErrors(RowReport unlisted) noexcept {
-    constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
+    using StreamErrorId = std::IBinStreamBase::StreamErrorId;
     return {{
         {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
-        {{EPERM, EACCES}, {SysError, 7}, {StreamError, 0}},
-        {{EIO, EBADF, ENOTSOCK, EOPNOTSUPP, ENOTCONN}, {SysError, 10}, {StreamError, 0}},
-        {{EPIPE}, {Socket::Error, 0}, {StreamError, 0}},
-        {{EDESTADDRREQ}, {Socket::Error, 5}, {StreamError, 0}},
-        {{ENETDOWN, ENETUNREACH}, {Socket::Error, 8}, {StreamError, 0}},
-        {{ECONNRESET}, {Socket::Error, 6}, {StreamError, 0}},
-        {{EMSGSIZE}, {Socket::Error, 12}, {StreamError, 1}},
-        {{ENOBUFS}, {SysError, 0}, {StreamError, 1}},
-        {OTHERS, unlisted, {StreamError, 4}},
+        {{EPERM, EACCES}, SysErrorId::PERMISSION_DENIED, StreamErrorId::UNUSABLE},
+        {{EIO, EBADF, ENOTSOCK, EOPNOTSUPP, ENOTCONN},
+         SysErrorId::SPOILED_INTEGRITY,
+         StreamErrorId::UNUSABLE},
+        {{EPIPE}, Socket::ErrorId::INVALID_SOCKET, StreamErrorId::UNUSABLE},
+        {{EDESTADDRREQ}, Socket::ErrorId::ADDRESS_INVALID, StreamErrorId::UNUSABLE},
+        {{ENETDOWN, ENETUNREACH}, Socket::ErrorId::NETWORK_UNAVAILABLE, StreamErrorId::UNUSABLE},
+        {{ECONNRESET}, Socket::ErrorId::CONNECTION_RESET, StreamErrorId::UNUSABLE},
+        {{EMSGSIZE}, Socket::ErrorId::MESSAGE_TOO_BIG, StreamErrorId::TRANSFER_FAILED},
+        {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED},
+        {OTHERS, unlisted, StreamErrorId::UNCLASSIFIED},
     }};
 }
 

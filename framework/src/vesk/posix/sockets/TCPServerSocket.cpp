@@ -30,7 +30,9 @@ TCPServerSocket::~TCPServerSocket() = default;
 void TCPServerSocket::enableListen(unsigned int backlog) {
     m_had_error = false;
     if (m_socket_state != INACTIVE) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "enableListen() called in state != INACTIVE");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "enableListen() called in state != INACTIVE");
         fail();
         return;
     }
@@ -47,7 +49,9 @@ TCPSocket::Description TCPServerSocket::acceptConnection() {
     m_had_error = false;
     TCPSocket::Description description;
     if (m_socket_state != OPEN) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "acceptConnection() called in state != OPEN");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "acceptConnection() called in state != OPEN");
         fail();
         return description;
     }

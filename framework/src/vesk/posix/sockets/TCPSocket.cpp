@@ -81,7 +81,8 @@ TCPSocket::TCPSocket(
     }
     if (!description.valid) {
         report(
-            SOURCE, Chain::NEW, std::CommonError, 1, "Tried to construct TCPSocket from invalid description");
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "Tried to construct TCPSocket from invalid description");
         m_object_valid = false;
         return;
     }
@@ -104,7 +105,8 @@ TCPSocket::~TCPSocket() = default;
 bool TCPSocket::connect() {
     m_had_error = false;
     if (m_socket_state != INACTIVE) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "connect called in state != INACTIVE");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "connect called in state != INACTIVE");
         fail();
         // With hadError this tells a misuse from an attempt that failed.
         return false;

@@ -56,7 +56,7 @@ UDPSocket::~UDPSocket() = default;
 void UDPSocket::open() {
     m_had_error = false;
     if (m_socket_state != INACTIVE) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "open() called in state != INACTIVE");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "open() called in state != INACTIVE");
         fail();
         return;
     }
@@ -107,8 +107,8 @@ bool UDPSocket::performWrite(void const* buffer, unsigned int size, unsigned int
     }
     m_had_error = false;
     if (m_socket_state != OPEN) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "called write on non-OPEN socket");
-        report(SOURCE, Chain::ON_TOP, StreamError, 0);
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "called write on non-OPEN socket");
+        report(SOURCE, Chain::ON_TOP, StreamErrorId::UNUSABLE);
         return fail();
     }
     written = 0;

@@ -34,7 +34,9 @@ UnixServerSocket::UnixServerSocket(Path const& local, bool blocking, NameSpace n
 void UnixServerSocket::enableListen(unsigned int backlog) {
     m_had_error = false;
     if (m_socket_state != INACTIVE) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "enableListen() called in state != INACTIVE");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "enableListen() called in state != INACTIVE");
         fail();
         return;
     }
@@ -56,7 +58,9 @@ UnixSocket::Description UnixServerSocket::acceptConnection() {
     m_had_error = false;
     UnixSocket::Description description;
     if (m_socket_state != OPEN) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "acceptConnection() called in state != OPEN");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "acceptConnection() called in state != OPEN");
         fail();
         return description;
     }

@@ -73,7 +73,7 @@ UnixSocket::UnixSocket(
     }
     if (!description.valid) {
         report(
-            SOURCE, Chain::NEW, std::CommonError, 1,
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
             "Tried to construct UnixSocket from invalid description");
         m_object_valid = false;
         return;
@@ -95,7 +95,8 @@ UnixSocket::UnixSocket(
 bool UnixSocket::connect() {
     m_had_error = false;
     if (m_socket_state != INACTIVE) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "connect called in state != INACTIVE");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "connect called in state != INACTIVE");
         fail();
         // With hadError this tells a misuse from an attempt that failed.
         return false;

@@ -92,7 +92,8 @@ sockaddr const* UnixSocketBase::getPeerBinary() const noexcept {
 bool UnixSocketBase::close(bool do_shutdown) {
     m_had_error = false;
     if (m_socket_state == DEAD) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "called close on already DEAD socket");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "called close on already DEAD socket");
         return fail();
     }
     if (do_shutdown && shutdownSocket(m_socket_handle.socket_fd)) {
@@ -101,7 +102,7 @@ bool UnixSocketBase::close(bool do_shutdown) {
     m_had_error = closeSocket(m_socket_handle.socket_fd);
     m_socket_handle.socket_fd = INVALID_SOCKET_FD;
     if (m_name_space == FILESYSTEM && m_bound && FileSys::removeFile(m_local_path.c_str())) {
-        report(SOURCE, Chain::ON_TOP, SysError, 10, SystemErrorText().get());
+        report(SOURCE, Chain::ON_TOP, SysErrorId::SPOILED_INTEGRITY, SystemErrorText().get());
         m_had_error = true;
     }
     m_socket_state = DEAD;

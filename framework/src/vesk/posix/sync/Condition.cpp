@@ -54,7 +54,7 @@ bool Condition::bind(Mutex& mutex, char const* function) {
         m_mutex_impl = &mutex.m_impl;
     }
     if (m_mutex != &mutex) {
-        report(SOURCE, Chain::NEW, SysError, 10, "Using Condition with different Mutexes");
+        report(SOURCE, Chain::NEW, SysErrorId::SPOILED_INTEGRITY, "Using Condition with different Mutexes");
         return true;
     }
     return false;
@@ -66,7 +66,7 @@ bool Condition::wait(Mutex& mutex) {
     }
     int const result = getImpl().wait();
     if (result != 0) {
-        report(SOURCE, Chain::NEW, SysError, 10, result);
+        report(SOURCE, Chain::NEW, SysErrorId::SPOILED_INTEGRITY, result);
         return true;
     }
     return false;
@@ -83,7 +83,7 @@ signed char Condition::waitTimeout(Mutex& mutex, AbsTimeT const& deadline) {
     if (result == threadsafe::ConditionBase::TIMEOUT) {
         return 1;
     }
-    report(SOURCE, Chain::NEW, SysError, 10, result);
+    report(SOURCE, Chain::NEW, SysErrorId::SPOILED_INTEGRITY, result);
     return -1;
 }
 
@@ -93,8 +93,10 @@ bool Condition::signal() {
     if (result == 0) {
         return false;
     }
-    int const id = result == threadsafe::ConditionBase::ERROR_INCONSISTENCY ? 10 : 19;
-    report(SOURCE, Chain::NEW, SysError, id, result);
+    SysErrorId::Id const id = result == threadsafe::ConditionBase::ERROR_INCONSISTENCY
+        ? SysErrorId::SPOILED_INTEGRITY
+        : SysErrorId::UNCLASSIFIED;
+    report(SOURCE, Chain::NEW, id, result);
     return true;
 }
 

@@ -17,26 +17,26 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/ConditionOps";
 
 constexpr ErrnoRow INIT_ERRORS[] = {
-    {{EAGAIN}, {SysError, 0}, {Condition::Error, 0}},
-    {{ENOMEM}, {SysError, 1}, {Condition::Error, 0}},
-    {{EBUSY, EINVAL}, {SysError, 10}, {Condition::Error, 0}},
-    {OTHERS, {SysError, 19}, {Condition::Error, 0}},
+    {{EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED, Condition::ErrorId::CREATE_FAILED},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, Condition::ErrorId::CREATE_FAILED},
+    {{EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY, Condition::ErrorId::CREATE_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, Condition::ErrorId::CREATE_FAILED},
 };
 
 constexpr ErrnoRow DESTROY_ERRORS[] = {
-    {{EBUSY, EINVAL}, {SysError, 10}},
-    {OTHERS, {SysError, 19}},
+    {{EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow WAIT_ERRORS[] = {
     {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
-    {{EINVAL, EPERM}, {SysError, 10}, {Condition::Error, 1}},
-    {OTHERS, {SysError, 19}, {Condition::Error, 1}},
+    {{EINVAL, EPERM}, SysErrorId::SPOILED_INTEGRITY, Condition::ErrorId::WAIT_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, Condition::ErrorId::WAIT_FAILED},
 };
 
 constexpr ErrnoRow SIGNAL_ERRORS[] = {
-    {{EINVAL}, {SysError, 10}, {Condition::Error, 2}},
-    {OTHERS, {SysError, 19}, {Condition::Error, 2}},
+    {{EINVAL}, SysErrorId::SPOILED_INTEGRITY, Condition::ErrorId::SIGNAL_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, Condition::ErrorId::SIGNAL_FAILED},
 };
 
 /// Destroys the attributes on every way out.

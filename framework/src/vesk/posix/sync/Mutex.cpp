@@ -29,14 +29,14 @@ TARN_CONSTANT_INIT std::ErrorType const Mutex::Error(ROWS, std::size(ROWS), SysE
 TARN_CONSTANT_INIT std::ErrorType const& ShmMutex::Error = Mutex::Error;
 
 bool Mutex::reportLock(int result) noexcept {
-    int const id = result == threadsafe::MutexBase::ERROR_INCONSISTENCY ? 3 : 1;
-    report(SOURCE, Chain::NEW, Error, id, SystemErrorText().get());
+    ErrorId const id = result == threadsafe::MutexBase::ERROR_INCONSISTENCY ? INCONSISTENT : LOCK_FAILED;
+    report(SOURCE, Chain::NEW, id, SystemErrorText().get());
     return true;
 }
 
 bool Mutex::reportUnlock(int result) noexcept {
-    int const id = result == threadsafe::MutexBase::ERROR_INCONSISTENCY ? 3 : 2;
-    report(SOURCE, Chain::NEW, Error, id, SystemErrorText().get());
+    ErrorId const id = result == threadsafe::MutexBase::ERROR_INCONSISTENCY ? INCONSISTENT : UNLOCK_FAILED;
+    report(SOURCE, Chain::NEW, id, SystemErrorText().get());
     return true;
 }
 

@@ -19,45 +19,45 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/MutexOps";
 
 constexpr ErrnoRow ATTRIBUTE_ERRORS[] = {
-    {{ENOMEM}, {SysError, 1}},
-    {OTHERS, {SysError, 19}},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow SETTING_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow INIT_ERRORS[] = {
-    {{ENOMEM}, {SysError, 1}},
-    {{ENOTSUP}, {SysError, 6}},
-    {{EAGAIN}, {SysError, 0}},
-    {OTHERS, {SysError, 10}},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {{ENOTSUP}, SysErrorId::NOT_IMPLEMENTED},
+    {{EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 constexpr ErrnoRow DESTROY_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow TIMED_LOCK_ERRORS[] = {
     {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
-    {{EAGAIN, EINVAL, EDEADLK}, {Mutex::Error, 3}},
-    {OTHERS, {Mutex::Error, 1}},
+    {{EAGAIN, EINVAL, EDEADLK}, Mutex::ErrorId::INCONSISTENT},
+    {OTHERS, Mutex::ErrorId::LOCK_FAILED},
 };
 
 constexpr ErrnoRow LOCK_ERRORS[] = {
-    {{EPERM, EBUSY, EINVAL, EDEADLK}, {Mutex::Error, 3}},
-    {OTHERS, {Mutex::Error, 1}},
+    {{EPERM, EBUSY, EINVAL, EDEADLK}, Mutex::ErrorId::INCONSISTENT},
+    {OTHERS, Mutex::ErrorId::LOCK_FAILED},
 };
 
 constexpr ErrnoRow UNLOCK_ERRORS[] = {
-    {{EPERM, EINVAL}, {Mutex::Error, 3}},
-    {OTHERS, {Mutex::Error, 2}},
+    {{EPERM, EINVAL}, Mutex::ErrorId::INCONSISTENT},
+    {OTHERS, Mutex::ErrorId::UNLOCK_FAILED},
 };
 
 constexpr ErrnoRow TRY_LOCK_ERRORS[] = {
     {{EBUSY}, NONE, NONE, Outcome::NOT_NOW},
-    {{EPERM, EINVAL, EDEADLK}, {Mutex::Error, 3}},
-    {OTHERS, {Mutex::Error, 1}},
+    {{EPERM, EINVAL, EDEADLK}, Mutex::ErrorId::INCONSISTENT},
+    {OTHERS, Mutex::ErrorId::LOCK_FAILED},
 };
 
 /// Destroys the attributes on every way out.
@@ -132,7 +132,7 @@ signed char MutexOps::tryLockTimeout(pthread_mutex_t* mutex, long long const& ti
     if (!deadline.isValid()) {
         // What the failed call returned takes the place of its errno.
         errno = -1;
-        report(SOURCE, Chain::NEW, Mutex::Error, 1, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, Mutex::ErrorId::LOCK_FAILED, SystemErrorText().get());
         return -1;
     }
     int const error = pthread_mutex_timedlock(mutex, deadline.get());

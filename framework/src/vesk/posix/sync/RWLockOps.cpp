@@ -19,30 +19,31 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/RWLockOps";
 
 constexpr ErrnoRow ATTRIBUTE_ERRORS[] = {
-    {{ENOMEM}, {SysError, 1}},
-    {OTHERS, {SysError, 19}},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow SETTING_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow INIT_ERRORS[] = {
-    {{EPERM}, {SysError, 7}},          {{EAGAIN}, {SysError, 0}}, {{ENOMEM}, {SysError, 1}},
-    {{EBUSY, EINVAL}, {SysError, 10}}, {OTHERS, {SysError, 19}},
+    {{EPERM}, SysErrorId::PERMISSION_DENIED}, {{EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},    {{EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow DESTROY_ERRORS[] = {
-    {{EBUSY, EINVAL}, {SysError, 10}},
-    {OTHERS, {SysError, 19}},
+    {{EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 /// For reading and for writing, which differ in the row of all other numbers.
 template <int OTHERS_ID>
 constexpr ErrnoRow LOCK_ERRORS[4] = {
     {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
-    {{EDEADLK}, {RWLock::Error, 1}},
-    {{EAGAIN}, {RWLock::Error, 2}},
+    {{EDEADLK}, RWLock::ErrorId::DEADLOCK},
+    {{EAGAIN}, RWLock::ErrorId::TOO_MANY_LOCKS},
     {OTHERS, {RWLock::Error, OTHERS_ID}},
 };
 
@@ -50,8 +51,8 @@ constexpr int READ_FAILED = 3;
 constexpr int WRITE_FAILED = 4;
 
 constexpr ErrnoRow UNLOCK_ERRORS[] = {
-    {{EPERM}, {SysError, 7}, {RWLock::Error, 5}},
-    {OTHERS, {RWLock::Error, 5}},
+    {{EPERM}, SysErrorId::PERMISSION_DENIED, RWLock::ErrorId::UNLOCK_FAILED},
+    {OTHERS, RWLock::ErrorId::UNLOCK_FAILED},
 };
 
 /// The row of a lock that could not be made. Its text is that of error number 0: who reads the log tells the cause by

@@ -14,31 +14,31 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/SpinLockOps";
 
 constexpr ErrnoRow INIT_ERRORS[] = {
-    {OTHERS, {SpinLock::Error, 0}},
+    {OTHERS, SpinLock::ErrorId::CREATE_FAILED},
 };
 
 constexpr ErrnoRow DESTROY_ERRORS[] = {
-    {{EBUSY, EINVAL}, {SysError, 10}},
-    {OTHERS, {SysError, 19}},
+    {{EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 // A failed lock has always reported row 2 and a failed unlock row 1, crosswise to what they say, and callers tell the
 // two apart by these ids: they stay.
 
 constexpr ErrnoRow LOCK_ERRORS[] = {
-    {{EPERM}, {SpinLock::Error, 3}},
-    {OTHERS, {SpinLock::Error, 2}},
+    {{EPERM}, SpinLock::ErrorId::INCONSISTENT},
+    {OTHERS, SpinLock::ErrorId::UNLOCK_FAILED},
 };
 
 constexpr ErrnoRow TRY_LOCK_ERRORS[] = {
     {{EBUSY}, NONE, NONE, Outcome::NOT_NOW},
-    {{EDEADLK}, {SpinLock::Error, 3}},
-    {OTHERS, {SpinLock::Error, 1}},
+    {{EDEADLK}, SpinLock::ErrorId::INCONSISTENT},
+    {OTHERS, SpinLock::ErrorId::LOCK_FAILED},
 };
 
 constexpr ErrnoRow UNLOCK_ERRORS[] = {
-    {{EDEADLK}, {SpinLock::Error, 3}},
-    {OTHERS, {SpinLock::Error, 1}},
+    {{EDEADLK}, SpinLock::ErrorId::INCONSISTENT},
+    {OTHERS, SpinLock::ErrorId::LOCK_FAILED},
 };
 
 } // namespace

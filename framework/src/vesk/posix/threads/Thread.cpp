@@ -46,18 +46,18 @@ constexpr std::ErrorID ROWS[] = {
 };
 
 constexpr ErrnoRow ATTRIBUTE_INIT_ERRORS[] = {
-    {{ENOMEM}, {SysError, 1}, {Thread::Error, 0}},
-    {OTHERS, {SysError, 19}, {Thread::Error, 0}},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, Thread::ErrorId::CREATE_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, Thread::ErrorId::CREATE_FAILED},
 };
 
 constexpr ErrnoRow DETACHED_STATE_ERRORS[] = {
-    {OTHERS, {SysError, 19}, {Thread::Error, 0}},
+    {OTHERS, SysErrorId::UNCLASSIFIED, Thread::ErrorId::CREATE_FAILED},
 };
 
 constexpr ErrnoRow CREATE_ERRORS[] = {
-    {{EPERM}, {SysError, 7}, {Thread::Error, 0}},
-    {{EAGAIN}, {SysError, 0}, {Thread::Error, 0}},
-    {OTHERS, {SysError, 19}, {Thread::Error, 0}},
+    {{EPERM}, SysErrorId::PERMISSION_DENIED, Thread::ErrorId::CREATE_FAILED},
+    {{EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED, Thread::ErrorId::CREATE_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, Thread::ErrorId::CREATE_FAILED},
 };
 
 tracing::Channel s_channel("FW_Vesk_Thread", 7, tracing::Channel::WITH_THREAD);
@@ -104,8 +104,8 @@ void unlockOrAbort(
     }
 }
 
-bool reportFailure(Place place, Chain chain, int id) {
-    report(place, chain, Thread::Error, id, SystemErrorText().get());
+bool reportFailure(Place place, Chain chain, Thread::ErrorId id) {
+    report(place, chain, id, SystemErrorText().get());
     return true;
 }
 
@@ -310,23 +310,24 @@ void Thread::finish() {
 bool Thread::start() {
     MutexLock lock(m_shared.mutex);
     if (!lock.isLocked()) {
-        return reportFailure(SOURCE, Chain::ON_TOP, 1);
+        return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED);
     }
     if (getState() != CREATED) {
         lock.unlock();
-        report(SOURCE, Chain::UNKNOWN, std::CommonError, 1, "start() called in invalid state");
+        report(
+            SOURCE, Chain::UNKNOWN, std::CommonErrorId::CONTRACT_BROKEN, "start() called in invalid state");
         return true;
     }
     // Under the lock it makes no difference that the state follows the signal, except that a failure leaves it alone.
     if (m_shared.condition.signal()) {
         SystemErrorText const text;
         lock.unlock();
-        report(SOURCE, Chain::ON_TOP, Error, 1, text.get());
+        report(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED, text.get());
         return true;
     }
     setState(RUNNING);
     if (lock.unlock()) {
-        return reportFailure(SOURCE, Chain::ON_TOP, 1);
+        return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED);
     }
     return false;
 }
@@ -357,24 +358,24 @@ private:
 /// which would take it away under the feet of the system's join.
 bool Thread::prepareJoin() {
     if (m_detached_mode) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "Attempt to join detached thread");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "Attempt to join detached thread");
         return true;
     }
     MutexLock lock(m_shared.mutex);
     if (!lock.isLocked()) {
-        return reportFailure(SOURCE, Chain::ON_TOP, 4);
+        return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::JOIN_FAILED);
     }
     if (getState() == CREATED || getState() == DEAD || getThreadId() == getCallerThreadId()) {
         lock.unlock();
         report(
-            SOURCE, Chain::NEW, std::CommonError, 1,
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
             "Invalid state for join, or tried to join the own thread");
         return true;
     }
     m_joining.store(true, std::memory_order_relaxed);
     if (lock.unlock()) {
         m_joining.store(false, std::memory_order_relaxed);
-        return reportFailure(SOURCE, Chain::ON_TOP, 4);
+        return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::JOIN_FAILED);
     }
     return false;
 }
@@ -384,7 +385,7 @@ bool Thread::markJoined() {
     // Joined it is, even if the lock fails: joining it once more must not reach the system.
     setState(DEAD);
     if (!lock.isLocked() || lock.unlock()) {
-        return reportFailure(SOURCE, Chain::ON_TOP, 4);
+        return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::JOIN_FAILED);
     }
     return false;
 }
@@ -396,7 +397,7 @@ bool Thread::join() {
     Joining joining(*this);
     if (int const error = pthread_join(m_handle, nullptr)) {
         errno = error;
-        return reportFailure(SOURCE, Chain::NEW, 4);
+        return reportFailure(SOURCE, Chain::NEW, ErrorId::JOIN_FAILED);
     }
     joining.setJoined();
     return markJoined();
@@ -419,14 +420,16 @@ signed char Thread::joinTimeout(long long const& ms) {
     if (result != -1) {
         errno = result;
     }
-    reportFailure(SOURCE, Chain::NEW, 4);
+    reportFailure(SOURCE, Chain::NEW, ErrorId::JOIN_FAILED);
     return -1;
 }
 
 bool Thread::suspend(long long ms) {
     // Asked without looking at the object: a terminated or detached thread may come here when that is gone.
     if (t_link == nullptr || s_tls_ctrl_object.get() != this) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "suspend() called by non-associated thread");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "suspend() called by non-associated thread");
         return true;
     }
     return suspendCaller(*t_link, ms);
@@ -436,20 +439,22 @@ bool Thread::suspendCaller(Shared& shared, long long ms) {
     // Unlocks also when the thread is cancelled by the wait.
     MutexLock lock(shared.mutex);
     if (!lock.isLocked()) {
-        return reportFailure(SOURCE, Chain::ON_TOP, 6);
+        return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::SUSPEND_FAILED);
     }
     State const before = shared.state.load(std::memory_order_relaxed);
     if (before == DEAD) {
         // It was terminated: that stays so, and no wakeup follows.
         if (lock.unlock()) {
-            return reportFailure(SOURCE, Chain::ON_TOP, 6);
+            return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::SUSPEND_FAILED);
         }
         pthread_testcancel();
         return false;
     }
     if (shared.object_gone) {
         lock.unlock();
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "suspend() called by non-associated thread");
+        report(
+            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
+            "suspend() called by non-associated thread");
         return true;
     }
     auto const isSuspended = [&shared] { return shared.state.load(std::memory_order_relaxed) == SUSPENDED; };
@@ -469,11 +474,11 @@ bool Thread::suspendCaller(Shared& shared, long long ms) {
             shared.state.store(before, std::memory_order_relaxed);
         }
         lock.unlock();
-        report(SOURCE, Chain::ON_TOP, Error, 6, text.get());
+        report(SOURCE, Chain::ON_TOP, ErrorId::SUSPEND_FAILED, text.get());
         return true;
     }
     if (lock.unlock()) {
-        return reportFailure(SOURCE, Chain::ON_TOP, 6);
+        return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::SUSPEND_FAILED);
     }
     return false;
 }
@@ -481,19 +486,19 @@ bool Thread::suspendCaller(Shared& shared, long long ms) {
 bool Thread::wakeup() {
     MutexLock lock(m_shared.mutex);
     if (!lock.isLocked()) {
-        return reportFailure(SOURCE, Chain::NEW, 7);
+        return reportFailure(SOURCE, Chain::NEW, ErrorId::WAKEUP_FAILED);
     }
     if (getState() == SUSPENDED) {
         if (m_shared.condition.signal()) {
             SystemErrorText const text;
             lock.unlock();
-            report(SOURCE, Chain::NEW, Error, 7, text.get());
+            report(SOURCE, Chain::NEW, ErrorId::WAKEUP_FAILED, text.get());
             return true;
         }
         setState(RUNNING);
     }
     if (lock.unlock()) {
-        return reportFailure(SOURCE, Chain::NEW, 7);
+        return reportFailure(SOURCE, Chain::NEW, ErrorId::WAKEUP_FAILED);
     }
     return false;
 }
@@ -501,7 +506,7 @@ bool Thread::wakeup() {
 bool Thread::terminate() {
     MutexLock lock(m_shared.mutex);
     if (!lock.isLocked()) {
-        return reportFailure(SOURCE, Chain::ON_TOP, 5);
+        return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::TERMINATE_FAILED);
     }
     int error = ThreadLink::TOO_LATE;
     if (getState() == RUNNING) {
@@ -515,17 +520,19 @@ bool Thread::terminate() {
     }
     if (error == ThreadLink::TOO_LATE) {
         lock.unlock();
-        report(SOURCE, Chain::UNKNOWN, std::CommonError, 1, "Invalid state for termination request");
+        report(
+            SOURCE, Chain::UNKNOWN, std::CommonErrorId::CONTRACT_BROKEN,
+            "Invalid state for termination request");
         return true;
     }
     if (error != 0) {
         lock.unlock();
         errno = error;
-        return reportFailure(SOURCE, Chain::UNKNOWN, 5);
+        return reportFailure(SOURCE, Chain::UNKNOWN, ErrorId::TERMINATE_FAILED);
     }
     setState(DEAD);
     if (lock.unlock()) {
-        return reportFailure(SOURCE, Chain::ON_TOP, 5);
+        return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::TERMINATE_FAILED);
     }
     callExitHandlers(getThreadId(), EXIT_TERMINATED);
     return false;
@@ -613,14 +620,14 @@ bool Thread::registerExitHandler(ExitHandler handler) {
         // They are only kept: nothing ends the main thread but the end of the process.
         full = addExitHandler(s_main_exit_handlers, handler);
     } else if (t_link == nullptr) {
-        report(SOURCE, Chain::NEW, std::CommonError, 1, "calling thread is no VESK thread");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "calling thread is no VESK thread");
         return true;
     } else {
         full = addExitHandler(t_link->m_exit_handlers, handler);
     }
     if (full) {
         // Nothing has set errno: the text is that of whatever failed last.
-        report(SOURCE, Chain::NEW, SysError, 0, SystemErrorText().get());
+        report(SOURCE, Chain::NEW, SysErrorId::RESOURCES_EXHAUSTED, SystemErrorText().get());
         return true;
     }
     return false;
@@ -645,7 +652,7 @@ bool Thread::init() noexcept {
 
 bool Thread::yield() {
     if (sched_yield() != 0) {
-        return reportFailure(SOURCE, Chain::NEW, 3);
+        return reportFailure(SOURCE, Chain::NEW, ErrorId::YIELD_FAILED);
     }
     return false;
 }

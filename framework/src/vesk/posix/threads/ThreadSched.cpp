@@ -29,34 +29,34 @@ constexpr char const* SOURCE = THREAD_SOURCE;
 constexpr int NO_PRIORITY = std::numeric_limits<int>::min();
 
 constexpr ErrnoRow INHERITANCE_ERRORS[] = {
-    {OTHERS, {SysError, 19}, {Thread::Error, 0}},
+    {OTHERS, SysErrorId::UNCLASSIFIED, Thread::ErrorId::CREATE_FAILED},
 };
 
 constexpr ErrnoRow ATTRIBUTE_ERRORS[] = {
     {{EPERM, EACCES}, NONE, NONE, Outcome::NOT_NOW}, // Inherits instead.
-    {{EINVAL}, {SysError, 8}, {Thread::Error, 0}},
-    {OTHERS, {SysError, 19}, {Thread::Error, 0}},
+    {{EINVAL}, SysErrorId::INVALID_PARAMETER, Thread::ErrorId::CREATE_FAILED},
+    {OTHERS, SysErrorId::UNCLASSIFIED, Thread::ErrorId::CREATE_FAILED},
 };
 
 constexpr ErrnoRow READ_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ErrnoRow SET_ERRORS[] = {
-    {OTHERS, {SysError, 19}, {Thread::Error, 2}},
+    {OTHERS, SysErrorId::UNCLASSIFIED, Thread::ErrorId::SCHEDULING_FAILED},
 };
 
 constexpr ErrnoRow SET_PRIORITY_ERRORS[] = {
-    {{EPERM}, {SysError, 7}, {Thread::Error, 2}},
-    {OTHERS, {Thread::Error, 2}},
+    {{EPERM}, SysErrorId::PERMISSION_DENIED, Thread::ErrorId::SCHEDULING_FAILED},
+    {OTHERS, Thread::ErrorId::SCHEDULING_FAILED},
 };
 
 constexpr ErrnoRow RANGE_ERRORS[] = {
-    {OTHERS, {Thread::Error, 2}},
+    {OTHERS, Thread::ErrorId::SCHEDULING_FAILED},
 };
 
 constexpr ErrnoRow AFFINITY_ERRORS[] = {
-    {OTHERS, {SysError, 19}},
+    {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
 bool setInheritance(pthread_attr_t& attributes, int inheritance) {
@@ -121,7 +121,7 @@ bool readSchedAttrs(GetParam get_param, pid_t tid, sched::Policy& policy, sched:
         break;
     default:
         policy = sched::VESK_SCHED_NOOP;
-        report(SOURCE, Chain::NEW, Thread::Error, 2, "read unexpected policy from thread");
+        report(SOURCE, Chain::NEW, Thread::ErrorId::SCHEDULING_FAILED, "read unexpected policy from thread");
         return true;
     }
     param = sched::Param();
@@ -210,7 +210,7 @@ bool Thread::setPriority(int priority) {
     MutexLock lock(m_shared.mutex);
     State const state = getState();
     if (!lock.isLocked() || lock.unlock()) {
-        report(SOURCE, Chain::ON_TOP, Error, 2, SystemErrorText().get());
+        report(SOURCE, Chain::ON_TOP, ErrorId::SCHEDULING_FAILED, SystemErrorText().get());
         return true;
     }
     if (state == FINISHED || state == DEAD) {
@@ -221,7 +221,7 @@ bool Thread::setPriority(int priority) {
     sched_param param{};
     if (int const error = use.call([&] { return pthread_getschedparam(m_handle, &policy, &param); })) {
         errno = error;
-        report(SOURCE, Chain::ON_TOP, Error, 2, SystemErrorText().get());
+        report(SOURCE, Chain::ON_TOP, ErrorId::SCHEDULING_FAILED, SystemErrorText().get());
         return true;
     }
     int error = 0;
@@ -235,7 +235,7 @@ bool Thread::setPriority(int priority) {
         error = pthread_setschedparam(m_handle, policy, &param);
         break;
     default:
-        report(SOURCE, Chain::NEW, Error, 2, "read unexpected policy from thread");
+        report(SOURCE, Chain::NEW, ErrorId::SCHEDULING_FAILED, "read unexpected policy from thread");
         return true;
     }
     if (error != 0) {
@@ -277,7 +277,7 @@ bool Thread::setSchedAttrs(sched::Attr const& attributes) {
     case sched::VESK_SCHED_POLICY_NORMAL:
         break;
     default:
-        report(SOURCE, Chain::NEW, Error, 2, "unexpected policy");
+        report(SOURCE, Chain::NEW, ErrorId::SCHEDULING_FAILED, "unexpected policy");
         return true;
     }
     if (error == 0) {
@@ -353,7 +353,7 @@ bool Thread::getCPUAffinity(std::vector<bool>& processors) {
     }
     size_t const count = Vesk::s_sys_info.processor_count;
     if (count == 0) {
-        report(SOURCE, Chain::NEW, std::CommonError, 3, "cpu count is 0");
+        report(SOURCE, Chain::NEW, std::CommonErrorId::UNSUPPORTED_VALUE, "cpu count is 0");
         return true;
     }
     processors.resize(count);
