@@ -7,14 +7,12 @@
 #include <vesk/Timer.h>
 #include <vesk/Vesk.h>
 
-#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <pthread.h>
-#include <sched.h>
 #include <string>
 #include <unistd.h>
 
@@ -27,12 +25,13 @@ extern "C" char const* __asan_default_options() {
 
 namespace {
 
-std::atomic<size_t> s_first_rounds{0};
+/// All begin to use the libraries over and over when the end is near, and not before.
+pthread_barrier_t s_ready;
 
 void* use(void* use) {
     auto const round = static_cast<uses::Use const*>(use)->round;
     round();
-    ++s_first_rounds;
+    pthread_barrier_wait(&s_ready);
     for (;;) {
         round();
     }
@@ -68,15 +67,14 @@ int main(int argc, char** argv) {
     vesk::Vesk const vesk(true, false);
     uses::setUp(argv[2]);
     s_reader.expected = vesk::getDefaultConfigDir();
+    pthread_barrier_init(&s_ready, nullptr, static_cast<unsigned int>(uses::COUNT) + 1);
     for (size_t i = 0; i < uses::COUNT; ++i) {
         pthread_t thread{};
         if (pthread_create(&thread, nullptr, use, const_cast<uses::Use*>(&uses::USES[i])) != 0) {
             return 3;
         }
     }
-    while (s_first_rounds < uses::COUNT) {
-        sched_yield();
-    }
+    pthread_barrier_wait(&s_ready);
     if (way == "timer") {
         vesk::Timer timer([](vesk::Timer*) { endInACallback(); }, false);
         timer.start(1, false);

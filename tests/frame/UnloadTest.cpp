@@ -65,13 +65,21 @@ namespace {
 long countBlocks() {
     return s_blocks;
 }
+long countMappedPages() {
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages;
+}
 } // namespace
 
 #else
 
 namespace {
-/// The sanitizers have a heap of their own, and that of addresses looks for what is lost in it.
+/// The sanitizers have a heap of their own, which maps memory as it likes; that of addresses looks for what is lost in it.
 long countBlocks() {
+    return 0;
+}
+long countMappedPages() {
     return 0;
 }
 } // namespace
@@ -122,9 +130,7 @@ int countDescriptors() {
 }
 
 Possessions count() {
-    long pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    return {support::countThreads(), countDescriptors(), pages, countFreeKeys(), countBlocks()};
+    return {support::countThreads(), countDescriptors(), countMappedPages(), countFreeKeys(), countBlocks()};
 }
 
 void loadUseAndUnload() {

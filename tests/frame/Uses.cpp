@@ -232,6 +232,10 @@ void ipc() {
 }
 
 void processes() {
+#if defined(__SANITIZE_ADDRESS__)
+    // A child that allocates between fork and exec may find the lock of the sanitizer's heap held for ever.
+    return;
+#endif
     vesk::ProcessTNG process;
     process.setExecutable("/bin/true");
     require(process.start() != vesk::ProcessTNG::INVALID_PROCESS_ID, "starting");

@@ -53,6 +53,20 @@ TEST(TlsImpl, slotIsGivenBackSoThatTheyNeverRunOut) {
     EXPECT_EQ(0u, recorder.getCount());
 }
 
+TEST(TlsImpl, staticSlotTakesAKeyWithItsFirstValue) {
+    static TlsImpl slot(threadsafe::CONSTANT_INIT);
+    {
+        Fault const keys(inject_pthread_key_create, 0);
+        EXPECT_EQ(nullptr, slot.get());
+        EXPECT_EQ(0, keys.getCalls());
+        slot.set(&slot);
+        slot.set(&slot);
+        EXPECT_EQ(1, keys.getCalls());
+    }
+    EXPECT_EQ(&slot, slot.get());
+    std::thread([] { EXPECT_EQ(nullptr, slot.get()); }).join();
+}
+
 TEST(TlsImpl, failuresAreFatal) {
     EventRecorder const recorder;
     TlsImpl slot;

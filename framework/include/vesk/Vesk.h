@@ -31,6 +31,10 @@ namespace vesk {
 /// | running | true | 1 or more | everything |
 /// | cleaned up | false | 1 or more | as before the start-up; children are not collected any more |
 ///
+/// Threads may use every class while the process ends: no static object of the library is destroyed by `exit`. Unloading the
+/// library (`dlclose`) destroys them, and leaves nothing over; by then no thread may be inside the library, and `cleanupAll`
+/// must have ended its own.
+///
 /// The first object is to be created by one thread, before there are others: two threads that create it at the same
 /// moment both run the start-up.
 class VESK_API Vesk : private tarnbase::NonCopyable {
@@ -99,7 +103,8 @@ private:
     bool m_lazy_process_init;
 };
 
-/// The path of `Vesk::setDefaultConfigDir`, empty before its first call. Can be used from every initialiser.
+/// The path of `Vesk::setDefaultConfigDir`, empty before its first call. Can be used from every initialiser, and from the
+/// destructor of every global object.
 VESK_API std::string const& getDefaultConfigDir();
 
 /// A hook for the arguments of `main`: does nothing and leaves them as they are.
