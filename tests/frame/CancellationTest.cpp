@@ -64,6 +64,7 @@
 #include <vesk/UserFS.h>
 #include <vesk/Vesk.h>
 #include <vesk/WidePath.h>
+#include <vesk/common/KeptErrorChain.h>
 #include <vesk/common/LazyInit.h>
 
 #include <tarncommon/Buf.h>
@@ -280,10 +281,11 @@ Row const ROWS[] = {
          std::GlobalErrorHandler::setHook(nullptr);
          std::GlobalErrorHandler::doWarning("file", 1, "function", "text");
      }},
-    {"~std::unicode::String ~std::unicode::String::Iterator",
+    {"~std::unicode::String ~std::unicode::String::Iterator std::unicode::String::operator=",
      [] {
-         std::unicode::String const text(U't');
+         std::unicode::String text(U't');
          cancelSelf();
+         text = std::unicode::String(U'u');
      }},
     {"~threadsafe::MutexImpl threadsafe::MutexImpl::lock threadsafe::MutexImpl::unlock",
      [] {
@@ -370,6 +372,13 @@ Row const ROWS[] = {
          cancelSelf();
      }},
     {"~vesk::detail::CancellationOff", ends<vesk::detail::CancellationOff>},
+    {"~vesk::detail::KeptErrorChain",
+     [] {
+         leaveReport();
+         vesk::detail::KeptErrorChain const kept;
+         leaveReport();
+         cancelSelf();
+     }},
     {"~vesk::LazyInitBase ~vesk::ProcessTNG::ExitListener", ends<User>},
     {"vesk::SavedErrorChain::restore",
      [] {
@@ -447,6 +456,12 @@ Row const ROWS[] = {
      }},
     {"~vesk::Timer::HighPrioTimer ~vesk::Alarm::Timer", ends<vesk::Timer::HighPrioTimer>},
     {"~vesk::Alarm::DefaultTimer", ends<vesk::Alarm::DefaultTimer>},
+    {"vesk::Alarm::Timer::waitForCallback",
+     [] {
+         vesk::Alarm::DefaultTimer engine;
+         cancelSelf();
+         engine.waitForCallback();
+     }},
     {"~vesk::Alarm",
      [] {
          static vesk::Alarm::Timer s_engine(SIGRTMIN + 5, "engine", vesk::sched::Attr());
@@ -491,7 +506,14 @@ Row const ROWS[] = {
          raise(SIGUSR1);
      }},
     {"~vesk::SignalDispatcher", ends<vesk::SignalDispatcher>},
+    {"vesk::SignalDispatcher::waitForCallback",
+     [] {
+         vesk::SignalDispatcher dispatcher;
+         cancelSelf();
+         dispatcher.waitForCallback();
+     }},
     {"~vesk::Poller ~vesk::Poller::Client", ends<vesk::Poller>},
+    {"~vesk::Poller::SignalsOff", ends<vesk::Poller::SignalsOff>},
     {"vesk::Poller::add vesk::Poller::remove vesk::Poller::stop",
      [] {
          vesk::Poller poller;
@@ -783,7 +805,8 @@ static_assert(END_TRIVIALLY<
               std::FakeCondition, std::FakeLock, std::GlobalErrorHandler, std::GlobalErrorHandler::Event,
               std::GlobalErrorHandler::Hook, std::NoopResultConv, std::NullOnDepletion, std::ProcessErrorApi,
               Derived<std::Buf::Allocator>, Derived<std::ErrorApi>, Derived<tarnbase::NonCopyable>,
-              tarnbase::Duration, tarnbase::TimePoint, threadsafe::ConditionBase, threadsafe::MutexBase>);
+              tarnbase::Duration, tarnbase::TimePoint, threadsafe::ConditionBase, threadsafe::MutexBase,
+              threadsafe::ConstantInit>);
 static_assert(
     END_TRIVIALLY<
         Derived<vesk::Creatable>, Derived<vesk::StopWatchBase>, vesk::AbsTimeT, vesk::AtomicCounter,
@@ -792,7 +815,7 @@ static_assert(
         vesk::DnsSd, vesk::DnsSdBase, vesk::Environment, vesk::FileAccess, vesk::FileInfo, vesk::FileSys,
         vesk::IPSocket::BinaryAddress, vesk::MemMapping, vesk::MemMapping::MemAccessFlags,
         vesk::MsgQueueBase::Message, vesk::MutexOps, vesk::NetworkInterface, vesk::ProcessTNG::ExitState,
-        vesk::ProcessTimeStopWatch, vesk::RWLockOps>);
+        vesk::ProcessTimeStopWatch, vesk::RWLockOps, vesk::RelaxedFlag>);
 static_assert(
     END_TRIVIALLY<
         vesk::RealtimeStopWatch, vesk::Regex::SubMatch, vesk::SavedErrorChain, vesk::SignalQueueBase,
