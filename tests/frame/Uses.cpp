@@ -15,17 +15,24 @@
 #include <vesk/MemBinFileBase.h>
 #include <vesk/MsgQueueServer.h>
 #include <vesk/NetDevice.h>
+#include <vesk/NetDeviceMonitor.h>
 #include <vesk/NetworkInterface.h>
 #include <vesk/Pipe.h>
 #include <vesk/Poller.h>
 #include <vesk/ProcessInfo.h>
 #include <vesk/ProcessTNG.h>
 #include <vesk/RWLock.h>
+#include <vesk/RawSocket.h>
 #include <vesk/Regex.h>
 #include <vesk/SecureRandom.h>
 #include <vesk/SemaphoreCreator.h>
+#include <vesk/SerialPort.h>
 #include <vesk/SharedMemoryServer.h>
 #include <vesk/SharedObj.h>
+#include <vesk/ShmCondition.h>
+#include <vesk/ShmMutex.h>
+#include <vesk/ShmRWLock.h>
+#include <vesk/ShmSpinLock.h>
 #include <vesk/SignalCatcher.h>
 #include <vesk/SpinLock.h>
 #include <vesk/StreamBinFileR.h>
@@ -159,6 +166,41 @@ void locks() {
     spin_lock.unlock();
 }
 
+void sharedLocks() {
+    vesk::ShmMutex mutex;
+    vesk::ShmCondition condition;
+    vesk::ShmRWLock rw_lock;
+    vesk::ShmSpinLock spin_lock;
+    vesk::ShmMutexLock const lock(mutex);
+    require(
+        condition.waitTimeout(mutex, vesk::AbsTimeT(0)) == 1 && !condition.signal(), "the shared condition");
+    require(!rw_lock.lockForWrite() && !rw_lock.unlock(), "the shared lock for writing");
+    spin_lock.lock();
+    spin_lock.unlock();
+}
+
+class Watcher : public vesk::NetDeviceMonitor::Listener {};
+
+void monitor() {
+    Watcher watcher;
+    vesk::NetDeviceMonitor interfaces(&watcher);
+    Thread thread(
+        [](void* it) { static_cast<vesk::NetDeviceMonitor*>(it)->watch(); }, &interfaces, "monitor");
+    require(!thread.start(), "the monitor");
+    interfaces.stopWatching();
+    require(!thread.join(), "the monitor's end");
+    std::ErrorStorage::ack();
+}
+
+void devices() {
+    vesk::RawSocket raw(true, 0, 0);
+    raw.open("lo"); // Not every user may.
+    raw.close();
+    vesk::SerialPort port("/dev/null"); // Which is none.
+    port.open();
+    std::ErrorStorage::ack();
+}
+
 void handles() {
     vesk::Regex regex;
     require(regex.compile("v[0-9]", 0) == 0, "the pattern");
@@ -232,10 +274,6 @@ void ipc() {
 }
 
 void processes() {
-#if defined(__SANITIZE_ADDRESS__)
-    // A child that allocates between fork and exec may find the lock of the sanitizer's heap held for ever.
-    return;
-#endif
     vesk::ProcessTNG process;
     process.setExecutable("/bin/true");
     require(process.start() != vesk::ProcessTNG::INVALID_PROCESS_ID, "starting");
@@ -268,14 +306,16 @@ void machine() {
 } // namespace
 
 Use const USES[] = {
-    {"threads", threads},     {"timers", timers},
-    {"alarms", alarms},       {"signals", signals},
-    {"poller", poller},       {"dispatcher", dispatcher},
-    {"discovery", discovery}, {"locks", locks},
-    {"handles", handles},     {"errors", errors},
-    {"constants", constants}, {"files", files},
-    {"sockets", sockets},     {"ipc", ipc},
-    {"processes", processes}, {"machine", machine},
+    {"threads", threads},         {"timers", timers},
+    {"alarms", alarms},           {"signals", signals},
+    {"poller", poller},           {"dispatcher", dispatcher},
+    {"discovery", discovery},     {"locks", locks},
+    {"handles", handles},         {"errors", errors},
+    {"constants", constants},     {"files", files},
+    {"sockets", sockets},         {"ipc", ipc},
+    {"processes", processes},     {"machine", machine},
+    {"sharedLocks", sharedLocks}, {"monitor", monitor},
+    {"devices", devices},
 };
 size_t const COUNT = std::size(USES);
 

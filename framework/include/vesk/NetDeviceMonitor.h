@@ -85,8 +85,10 @@ public:
     /// |---|---|---|
     /// | `socket` | `Socket::ErrorId::CREATE_FAILED` | returns |
     /// | `bind`, `sendmsg` | `SysErrorId::UNCLASSIFIED` | returns |
-    /// | `recvmsg`, also if a signal interrupts it | `SysErrorId::UNCLASSIFIED` | goes on with the next step, or with following; asks once
-    ///   more for all if messages are lost. Pauses for 100 ms before each attempt that follows two failures in a row |
+    /// | `recvmsg`, also if a signal interrupts it | `SysErrorId::UNCLASSIFIED` | goes on |
+    ///
+    /// After a `recvmsg` that tells of lost messages it asks for everything once more. It pauses for 100 ms before each
+    /// attempt that follows two failures in a row.
     ///
     /// Asserts "m_impl" if the constructor had no memory, and reports `std::CommonErrorId::CONTRACT_BROKEN`. Asserts "name" for an interface
     /// without one, and passes over it. A malformed message is passed over in silence. Exceptions of the listener and
