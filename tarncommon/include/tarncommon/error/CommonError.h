@@ -5,7 +5,7 @@
 
 namespace std {
 
-/// The family of failures that belong to no system call.
+/// The family of failures that are not failures of a system call.
 extern TARN_API ErrorType const CommonError;
 
 /// The reports of `CommonError`.

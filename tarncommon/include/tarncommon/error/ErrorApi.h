@@ -6,16 +6,17 @@
 
 namespace std {
 
-/// What the error machinery tells about the calling thread as a whole. Used through the one object `tarn_error`.
+/// Access to the calling thread's reports as a whole, through the one object `tarn_error`.
 class TARN_API ErrorApi {
 public:
-    /// The pending chain as one text, or the chain that was acknowledged last, as long as no report followed: one line
-    /// a report, from the highest level to the root cause, without a newline at the end. Empty if there is none.
+    /// Returns the pending chain as one text or, if none is pending, the chain that was acknowledged last, as
+    /// long as no report has followed. Each report is one line, from the highest level to the root cause,
+    /// without a newline at the end. The text is empty if there is no such chain.
     ///
     ///     framework/src/vesk/posix/Thread:212: Thread start failed: ...
     ///       caused by framework/src/vesk/posix/Mutex:31: Mutex lock failed: ...
     ///
-    /// Allocates the result, and throws `std::bad_alloc` if it cannot. Callable from any thread; takes no lock.
+    /// Throws `std::bad_alloc` if the result cannot be allocated. Callable from any thread; takes no lock.
     std::string getReasonList() const;
 
 protected:
@@ -31,5 +32,5 @@ public:
 
 } // namespace std
 
-/// The error interface of the process. Usable at any time, from any initialiser.
+/// The error interface of the process. Usable at any time, from any initializer.
 extern TARN_API std::ProcessErrorApi const tarn_error;

@@ -5,33 +5,34 @@
 
 namespace std {
 
-/// One report: what failed, in words and numbers, and where. A plain value of fixed size that never allocates.
+/// One report: the description of a failure and its place in the source. A plain value of fixed size that
+/// never allocates.
 ///
-/// The reports of one failure form a chain: the head is the report of the highest level, `next` leads down to the
-/// root cause.
+/// The reports of one failure form a chain. The head is the report of the highest level, and `next` leads
+/// towards the root cause.
 class TARN_API ErrorObject {
 public:
-    /// Bytes for the text with its closing null. A longer text is cut and ends in "...".
+    /// Size of the text in bytes, including the closing null. A longer text is cut and ends in "...".
     static constexpr unsigned int TEXT_SIZE = 512;
 
-    /// An empty report: no family, id -1, no text.
+    /// Creates an empty report: no family, id -1, no text.
     TARN_API_INLINE constexpr ErrorObject() noexcept {}
 
-    /// Copies the report itself. The copy stands alone: its `next` is null, since the chain of the source may be
-    /// gone at any time.
+    /// Copies the report without its chain: `next` is null in the copy, because the chain of the source may
+    /// be discarded at any time.
     ErrorObject(ErrorObject const& other) noexcept;
     ErrorObject& operator=(ErrorObject const& other) noexcept;
 
-    /// The family, null in an empty report.
+    /// Returns the family, or null for an empty report.
     ErrorType const* getType() const noexcept { return m_type; }
 
-    /// The number of the row in its family; it may lie outside the table.
+    /// Returns the id of the row in its family. The id may lie outside of the table.
     int getID() const noexcept { return m_id; }
 
-    /// The formatted text, at most `TEXT_SIZE` - 1 bytes.
+    /// Returns the formatted text, at most `TEXT_SIZE` - 1 bytes.
     char const* getText() const noexcept { return m_text; }
 
-    char const* file = nullptr;        ///< Source path of the report, a constant text.
+    char const* file = nullptr;        ///< Source path of the report; points to a constant text.
     int line = 0;                      ///< Source line of the report.
     ErrorObject const* next = nullptr; ///< The report one level nearer to the root cause; null in the root.
 

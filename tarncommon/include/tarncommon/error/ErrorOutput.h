@@ -10,8 +10,9 @@
 
 namespace std {
 
-/// One argument of a report, with its type: what a row's conversion asks for and what it gets may differ, and the
-/// text is right all the same. Made by `ErrorOutput` from what it is called with; holds no copy of a text.
+/// One argument of a report together with its type, so that it is printed correctly even if the row's
+/// conversion expects another type. `ErrorOutput` creates it from the arguments that it is called with. A
+/// text is referenced, not copied.
 class ErrorArgument {
 public:
     enum class Kind : unsigned char { TEXT, SIGNED, UNSIGNED, ADDRESS };
@@ -54,28 +55,31 @@ private:
     };
 };
 
-/// Makes a report in the calling thread's store, at the spot of the failure and in two calls:
+/// The means to make a report in the calling thread's store, at the place of the failure and in two calls:
 ///
-///     std::ErrorOutput("framework/src/vesk/posix/Mutex", __LINE__, true)(vesk::Mutex::ErrorId::LOCK_FAILED, text);
+///     std::ErrorOutput("framework/src/vesk/posix/Mutex", __LINE__, true)(
+///         vesk::Mutex::ErrorId::LOCK_FAILED, text);
 ///
-/// Never allocates, locks, blocks or fails; costs about as much as formatting the text.
+/// Making a report uses no heap, takes no lock, does not block and cannot fail. It costs about as much as
+/// formatting the text. A report that discards a chain also runs the action of the store.
 class TARN_API ErrorOutput {
 public:
-    /// Notes the place.
+    /// Notes the place of the failure.
     /// @param file       source path without extension; kept by pointer
     /// @param line       source line
-    /// @param new_chain  true: the report is the root cause of a new chain, and what is pending is given up.
-    ///                   False: it goes on top of the pending chain, or starts one if none is pending. Pass
-    ///                   `!ErrorStorage::isError(true)` where a lower level may or may not have reported.
+    /// @param new_chain  true: the report is the root cause of a new chain, and a pending chain is discarded.
+    ///                   False: the report goes on top of the pending chain, or starts a chain if none is
+    ///                   pending. Pass `!ErrorStorage::isError(true)` where a lower level may or may not have
+    ///                   reported.
     TARN_API_INLINE ErrorOutput(char const* file, int line, bool new_chain) noexcept
         : m_file(file), m_line(line), m_new_chain(new_chain) {}
 
-    /// Reports the row `id` of `type` with the arguments that the row asks for.
+    /// Reports the row `id` of `type` with the arguments that the row expects.
     ///
-    /// The arguments are texts, integers, enumerators or addresses, read only during this call, and print by their
-    /// own type whatever the conversion is: an integer in place of a `%s` prints as a number. A conversion without
-    /// an argument prints "?", an argument too many does not show. An id outside of the table gives the text
-    /// "unknown error" and the id.
+    /// The arguments are texts, integers, enumerators or addresses, and are read only during this call. Each
+    /// prints according to its own type, whatever the conversion is: an integer in place of a `%s` prints as
+    /// a number. A conversion without an argument prints "?". A surplus argument is ignored. An id outside of
+    /// the table gives the text "unknown error" with the id.
     template <typename... Args>
     void operator()(ErrorType const& type, int id, Args const&... args) const noexcept {
         if constexpr (sizeof...(Args) == 0) {
@@ -86,21 +90,22 @@ public:
         }
     }
 
-    /// Reports the row that `id` names, an enumerator such as `vesk::Mutex::ErrorId::INCONSISTENT`. The enumeration
-    /// implies the family.
+    /// Reports the row that `id` names, an enumerator such as `vesk::Mutex::ErrorId::INCONSISTENT`. The
+    /// enumeration implies the family.
     template <typename Id, typename... Args, typename = decltype(familyOf(declval<Id>()))>
     void operator()(Id id, Args const&... args) const noexcept {
         operator()(familyOf(id), static_cast<int>(id), args...);
     }
 
-    /// Reports a copy of an existing report; file and line are those of this `ErrorOutput`.
+    /// Reports a copy of an existing report, with the file and line of this `ErrorOutput`.
     void operator()(ErrorObject const& object) const noexcept;
 
 private:
     void make(ErrorType const& type, int id, ErrorArgument const* args, unsigned int count) const noexcept;
 
-    // `operator()(ErrorType const&, int, ...)` for programs that were linked against it. Callers that compile must not find
-    // it: it cannot see the types of its arguments, nor that there are none.
+    // Exported as `operator()(ErrorType const&, int, ...)`, for programs that were linked against that
+    // operation. It has another name here so that no compiled call selects it: it cannot see the types or the
+    // number of its arguments.
     void reportVariadic(ErrorType const& type, int id, ...) const noexcept
         __asm__("_ZNKSt11ErrorOutputclERKSt9ErrorTypeiz");
 

@@ -4,47 +4,48 @@
 
 namespace std {
 
-/// Where broken invariants go, those that no caller could handle.
+/// The handler for violations of invariants, which no caller could handle itself.
 ///
-/// Each entry point takes the source path without an extension, the line, the plain function name and a printf-style
-/// message, and writes one line with all of them to standard error. All may be called from any thread at once; none
-/// allocates or takes a lock. None is a cancellation point: the cancellation of the calling thread is disabled meanwhile,
-/// also while a hook runs.
+/// Each entry point takes the source path without an extension, the line, the plain function name and a
+/// printf-style message, and writes one line with all of them to standard error. All entry points may be
+/// called from any thread at any time. None allocates or takes a lock. None is a cancellation point:
+/// cancellation of the calling thread is disabled during the call, also while a hook runs.
 class TARN_API GlobalErrorHandler {
 public:
-    /// Which entry point was called.
+    /// The entry point that was called.
     enum class Kind { ASSERT, ABORT, WARNING, OUT_OF_MEMORY };
 
-    /// One call of an entry point. Everything in it is valid only while the hook runs.
+    /// One call of an entry point. Its contents are valid only while the hook runs.
     struct Event {
         Kind kind;
         char const* expression; ///< The condition of an assertion; null for the other kinds.
         char const* file;
         int line;
         char const* function;
-        char const* message; ///< The formatted message, empty if there was none.
+        char const* message; ///< The formatted message; empty if there is none.
     };
 
-    /// What a process installs to see every event first, for example to route them to its own log.
+    /// A process-wide observer that sees every event first, for example to route events to a log.
     struct Hook {
-        /// Called in the thread of the event. True keeps the default action from running: no line is written, an
-        /// abort returns, and running out of memory does not wait. An exception passes through the entry point to
-        /// whoever called that, and ends the process where the caller cannot let it pass.
+        /// Called in the thread of the event. If it returns true, the default action does not run: no line is
+        /// written, `doAbort` returns, and `doOutOfMem` does not wait. An exception propagates to the caller
+        /// of the entry point, and ends the process if that is a destructor or a `noexcept` function.
         bool (*call)(Event const& event, void* context);
         void* context;
     };
 
-    /// Installs a hook for the process and gives back the one before it; null is none. The object must stay until
-    /// another one is installed and no event is on its way.
+    /// Installs a hook for the process and returns the previous one. Null means no hook. The object must stay
+    /// valid until another hook is installed and no event is in progress.
     static Hook const* setHook(Hook const* hook) noexcept;
 
-    /// Reports that `expression` does not hold. Does nothing if `condition` is true. `format` may be null. Returns.
+    /// Reports that `expression` does not hold, and returns. Does nothing if `condition` is true. `format`
+    /// may be null.
     static void doAssert(
         bool condition, char const* expression, char const* file, int line, char const* function,
         char const* format, ...) TARN_PRINTF(6, 7);
 
-    /// Reports a failure that the process cannot survive, and ends it with `abort()`. It returns only if a hook
-    /// wants it so.
+    /// Reports a failure that the process cannot survive, and ends the process with `abort()`. Returns only
+    /// if a hook returned true.
     static void doAbort(char const* file, int line, char const* function, char const* format, ...)
         TARN_PRINTF(4, 5);
 
@@ -52,8 +53,8 @@ public:
     static void doWarning(char const* file, int line, char const* function, char const* format, ...)
         TARN_PRINTF(4, 5);
 
-    /// Reports that memory has run out, waits 100 ms in the hope that some comes back, and returns: the caller tries
-    /// its allocation again.
+    /// Reports that memory is exhausted, waits 100 ms for memory to become available, and returns. The caller
+    /// then repeats its allocation.
     static void doOutOfMem(char const* file, int line, char const* function, char const* format, ...)
         TARN_PRINTF(4, 5);
 };

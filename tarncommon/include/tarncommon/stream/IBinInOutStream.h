@@ -6,8 +6,9 @@
 
 namespace std {
 
-/// Both directions in one object, each with a buffer of its own, over one `IBinStreamBase`. What connects them, such as
-/// one position in one file, is for the class that derives from it: it has the two consistency hooks for that.
+/// A stream with both directions in one object, each with a buffer of its own, over one `IBinStreamBase`. The
+/// derived class keeps the directions consistent, for example over the single position of a file, by
+/// overriding the two consistency hooks.
 class TARN_API IBinInOutStream : public IBinInputStream, public IBinOutputStream {
 public:
     ~IBinInOutStream() override;
@@ -16,8 +17,8 @@ public:
 
 protected:
     /// @param blocking      the blocking mode of both directions
-    /// @param read_buffer   bytes to read ahead; 0: unbuffered
-    /// @param write_buffer  bytes to collect before they are written; 0: unbuffered
+    /// @param read_buffer   how many bytes to read ahead; 0: unbuffered
+    /// @param write_buffer  how many bytes to collect before they are written; 0: unbuffered
     IBinInOutStream(bool blocking, unsigned int read_buffer, unsigned int write_buffer);
 };
 

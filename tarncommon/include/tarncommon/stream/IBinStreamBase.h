@@ -5,13 +5,13 @@
 
 namespace std {
 
-/// What both directions of a binary stream share: it is the one virtual base of `IBinInputStream` and
+/// The state that both directions of a binary stream share: the single virtual base of `IBinInputStream` and
 /// `IBinOutputStream`, however many of them a class derives from.
 ///
-/// A stream object belongs to one thread at a time.
+/// A stream object must be used by one thread at a time.
 class TARN_API IBinStreamBase {
 public:
-    /// Failures of a stream. Mostly reported on top of the report that tells the cause. No row takes an argument.
+    /// Failures of a stream. Usually reported on top of the report of the cause. No row takes an argument.
     static ErrorType const StreamError;
 
     /// The reports of `StreamError`.
@@ -31,7 +31,7 @@ public:
     IBinStreamBase(IBinStreamBase const&) = delete;
     IBinStreamBase& operator=(IBinStreamBase const&) = delete;
 
-    /// Whether the stream can be used: it is open, and has the buffers that it was made with.
+    /// Returns whether the stream can be used: it is open, and has the buffers that it was created with.
     virtual bool isValid() const = 0;
 
 protected:
@@ -40,7 +40,8 @@ protected:
     /// Whether an operation waits until it is done. One flag for both directions.
     bool m_blocking = true;
 
-    /// Whether `flush` passes bytes on, so that a sink that takes nothing now makes it fail. A write is only short then.
+    /// Whether `flush` is passing bytes on. In non-blocking mode, a sink that accepts nothing then makes
+    /// `flush` fail, while a `write` is only short.
     bool m_flushing = false;
 };
 

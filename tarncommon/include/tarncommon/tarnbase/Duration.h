@@ -4,13 +4,13 @@
 
 namespace tarnbase {
 
-/// A length of time in milliseconds, in 64 bits.
+/// A length of time in milliseconds, as a 64-bit number.
 class Duration {
 public:
     constexpr Duration() noexcept = default;
     TARN_API_INLINE constexpr explicit Duration(long long ms) noexcept : m_ms(ms) {}
 
-    /// The count of milliseconds.
+    /// Returns the length in milliseconds.
     TARN_API_INLINE constexpr long long getCount() const noexcept { return m_ms; }
 
     TARN_API_INLINE friend constexpr bool operator==(Duration a, Duration b) noexcept {

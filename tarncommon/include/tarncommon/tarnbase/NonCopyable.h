@@ -4,7 +4,7 @@
 
 namespace tarnbase {
 
-/// Base of the classes that own something of the system: neither copied nor assigned.
+/// Base of classes that own a resource of the system. Their objects can be neither copied nor assigned.
 class NonCopyable {
 public:
     NonCopyable(NonCopyable const&) = delete;

@@ -7,29 +7,29 @@
 
 namespace tarnbase {
 
-/// A moment of the system's monotonic clock, `CLOCK_MONOTONIC`, in milliseconds and 64 bits. Setting the date does not
-/// touch it.
+/// A moment of the system's monotonic clock (`CLOCK_MONOTONIC`) in milliseconds, as a 64-bit number. Setting
+/// the date does not affect it.
 class TARN_API TimePoint {
 public:
-    /// Later than every real time: stands for never.
+    /// Later than every real time: stands for "never".
     static TimePoint const MAX;
 
     constexpr TimePoint() noexcept = default;
     TARN_API_INLINE constexpr explicit TimePoint(long long ms) noexcept : m_ms(ms) {}
 
-    /// Reads the clock with `clock_gettime`, rounded down to the millisecond. Cannot fail; callable from any thread and
-    /// in a signal handler.
+    /// Reads the clock (`clock_gettime`), rounded down to the millisecond. Cannot fail. Callable from any
+    /// thread and in a signal handler.
     TARN_API_INLINE static TimePoint now() noexcept {
         timespec time{};
         clock_gettime(CLOCK_MONOTONIC, &time);
         return TimePoint(static_cast<long long>(time.tv_sec) * 1000 + time.tv_nsec / 1000000);
     }
 
-    /// The count of milliseconds.
+    /// Returns the moment in milliseconds.
     TARN_API_INLINE constexpr long long getCount() const noexcept { return m_ms; }
 
-    /// The same moment for a system call that takes an absolute deadline on `CLOCK_MONOTONIC`. What the system's
-    /// `time_t` cannot hold becomes its largest value, a negative moment 0.
+    /// Returns the moment for a system call that takes an absolute deadline on `CLOCK_MONOTONIC`. A moment
+    /// that the system's `time_t` cannot hold becomes its largest value. A negative moment becomes 0.
     timespec toTimespec() const noexcept;
 
     TARN_API_INLINE friend constexpr Duration operator-(TimePoint a, TimePoint b) noexcept {

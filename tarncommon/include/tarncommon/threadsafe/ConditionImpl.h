@@ -9,32 +9,40 @@
 
 namespace threadsafe {
 
-/// What every condition of the base library has in common.
+/// Results that all conditions of the base library share.
 class TARN_API ConditionBase {
 public:
     /// Result of `wait_timeout` at the deadline.
     static int const TIMEOUT;
-    /// Result of an operation on a broken condition, or of a wait without the mutex.
+    /// Result of an operation on a broken condition, or of a wait by a thread that does not hold the mutex.
     static int const ERROR_INCONSISTENCY;
 };
 
-/// A condition between the threads of one process, bound to one mutex for its whole life. Its clock is that of
-/// `tarnbase::TimePoint`, so setting the date disturbs no wait. It makes no reports; `errno` holds the system's number
-/// behind a failure. Its waits are cancellation points: the unwinding of a cancelled thread leaves them with the mutex
-/// held, which is for a guard around the wait to let go of.
+/// A condition variable between the threads of one process, bound to one mutex for its whole lifetime.
+///
+/// Deadlines are moments of the clock of `tarnbase::TimePoint`, so setting the date does not affect a wait.
+/// The class makes no reports: `errno` holds the system's error number after a failure. The waits are
+/// cancellation points. A canceled thread unwinds out of a wait with the mutex locked: a scoped guard around
+/// the wait must unlock it.
 class TARN_API ConditionImpl : public ConditionBase, private tarnbase::NonCopyable {
 public:
-    /// Creates the condition; a failure ends the process through `GlobalErrorHandler::doAbort`. `mutex` must outlive it.
+    /// Creates the condition (`pthread_cond_init`). A failure ends the process through
+    /// `GlobalErrorHandler::doAbort`. `mutex` must outlive the condition.
     explicit ConditionImpl(MutexImpl& mutex);
     ~ConditionImpl();
 
-    /// Waits, with the mutex held by the caller. 0 on wake-up, which may be spurious; other values are failures.
+    /// Blocks until the condition is signaled (`pthread_cond_wait`). The caller must hold the mutex.
+    /// @return 0 after a wake-up, which may be spurious; any other value is a failure
     int wait();
 
-    /// Waits until the deadline at most; `TimePoint::MAX` is none. 0 on wake-up, `TIMEOUT`, other values are failures.
+    /// Blocks until the condition is signaled or the deadline passes (`pthread_cond_timedwait`). The caller
+    /// must hold the mutex. `TimePoint::MAX` means no deadline.
+    /// @return 0 after a wake-up, which may be spurious; `TIMEOUT` at the deadline; any other value is a
+    ///         failure
     int wait_timeout(tarnbase::TimePoint const& deadline);
 
-    /// Wakes one waiter, if there is one. 0 done, `ERROR_INCONSISTENCY`, or another failure.
+    /// Wakes one waiting thread, if there is one (`pthread_cond_signal`).
+    /// @return 0 on success; `ERROR_INCONSISTENCY`; any other value is another failure
     int signal_one() noexcept;
 
 private:

@@ -7,39 +7,43 @@
 
 namespace threadsafe {
 
-/// Selects the constructor of a static object that exists before any initialiser runs.
+/// Selects the constructor for a static object that must exist before any initializer runs.
 struct ConstantInit {};
 constexpr ConstantInit CONSTANT_INIT{};
 
-/// What every lock of the base library has in common.
+/// Results that all locks of the base library share.
 class TARN_API MutexBase {
 public:
-    /// Result of an operation on a broken lock, or of a call that is not allowed: unlocking what another thread holds,
-    /// locking twice what is not recursive. Read at run time, so that the library that defines it decides.
+    /// Result of an operation on a broken lock, or of a call that the lock's state forbids: unlocking a lock
+    /// that another thread holds, or locking a non-recursive lock twice. Defined in the library rather than
+    /// here, so that programs use the value of the library that they run with.
     static int const ERROR_INCONSISTENCY;
 };
 
-/// A lock between the threads of one process that checks its owner. It makes no reports: results tell, and `errno`
-/// holds the system's number behind a result other than 0.
+/// A mutex between the threads of one process that checks its owner. The class makes no reports: operations
+/// return their result, and `errno` holds the system's error number behind a result other than 0.
 class TARN_API MutexImpl : public MutexBase, private tarnbase::NonCopyable {
 public:
-    /// Creates the lock; a failure ends the process through `GlobalErrorHandler::doAbort`. A recursive lock may be
-    /// locked again by its owner and is free after as many calls of `unlock`.
+    /// Creates the lock (`pthread_mutex_init`). A failure ends the process through
+    /// `GlobalErrorHandler::doAbort`. The owner of a recursive lock may lock it again; the lock is free after
+    /// as many calls of `unlock`.
     explicit MutexImpl(bool recursive);
 
-    /// Makes a lock that is not recursive, without a call (`PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP`).
+    /// Creates a non-recursive lock without a system call (`PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP`).
     constexpr explicit MutexImpl(ConstantInit) noexcept : m_mutex PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP {}
 
-    /// Destroys the lock (`pthread_mutex_destroy`); one that is held goes to `GlobalErrorHandler::doAssert`.
+    /// Destroys the lock (`pthread_mutex_destroy`). Destroying a locked lock is reported to
+    /// `GlobalErrorHandler::doAssert`.
     ~MutexImpl();
 
-    /// Waits for the lock. 0 done; `ERROR_INCONSISTENCY`; any other value is another failure. `pthread_mutex_lock`.
+    /// Blocks until the lock is acquired (`pthread_mutex_lock`).
+    /// @return 0 on success; `ERROR_INCONSISTENCY`; any other value is another failure
     TARN_API_INLINE int lock() noexcept {
         int const error = pthread_mutex_lock(&m_mutex);
         return __builtin_expect(error == 0, 1) ? 0 : classify(error);
     }
 
-    /// Lets go of the lock; results as for `lock`. `pthread_mutex_unlock`.
+    /// Releases the lock (`pthread_mutex_unlock`). Returns the same results as `lock`.
     TARN_API_INLINE int unlock() noexcept {
         int const error = pthread_mutex_unlock(&m_mutex);
         return __builtin_expect(error == 0, 1) ? 0 : classify(error);

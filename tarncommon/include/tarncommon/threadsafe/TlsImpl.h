@@ -9,24 +9,25 @@
 
 namespace threadsafe {
 
-/// A slot of the process in which each thread keeps one pointer of its own, null until set. The values are not owned:
-/// nothing happens to them when a thread or the slot ends.
+/// A process-wide slot in which each thread keeps one pointer of its own, null until set. The slot does not
+/// own the values: nothing happens to them when a thread or the slot ends.
 class TARN_API TlsImpl : private tarnbase::NonCopyable {
 public:
-    /// Takes one of the system's slots (`pthread_key_create`; there are 1,024 in a process). A failure ends the process
-    /// through `GlobalErrorHandler::doAbort`.
+    /// Allocates one of the system's slots (`pthread_key_create`; a process has 1,024). A failure ends the
+    /// process through `GlobalErrorHandler::doAbort`.
     TlsImpl();
 
-    /// Makes a slot whose first `set` takes the system's slot, with the same failure.
+    /// Creates a slot that allocates the system's slot in the first `set`, with the same effect of a failure.
     constexpr explicit TlsImpl(ConstantInit) noexcept : m_key(NO_KEY) {}
 
-    /// Gives the system's slot back (`pthread_key_delete`).
+    /// Releases the system's slot (`pthread_key_delete`).
     ~TlsImpl();
 
-    /// Stores the calling thread's value. Running out of memory ends the process through `GlobalErrorHandler::doAbort`.
+    /// Stores the calling thread's value (`pthread_setspecific`). A failure, such as lack of memory, ends the
+    /// process through `GlobalErrorHandler::doAbort`.
     void set(void* value);
 
-    /// The calling thread's value. Takes no lock.
+    /// Returns the calling thread's value (`pthread_getspecific`). Takes no lock.
     TARN_API_INLINE void* get() const noexcept {
         pthread_key_t const key = m_key.load(std::memory_order_relaxed);
         return __builtin_expect(key == NO_KEY, 0) ? nullptr : pthread_getspecific(key);

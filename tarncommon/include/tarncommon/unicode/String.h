@@ -12,19 +12,21 @@ namespace std::unicode {
 /// U+FEFF, the byte-order mark.
 TARN_API_INLINE inline constexpr unsigned int BOM = 0xFEFF;
 
-/// U+FFFD, which stands for what cannot be shown or read.
+/// U+FFFD, the replacement for a character that cannot be shown or decoded.
 TARN_API_INLINE inline constexpr unsigned int REPLACEMENT_CHAR = 0xFFFD;
 
-/// A text as a sequence of Unicode code points, one element each: lengths, positions and iterators count code points.
+/// A text as a sequence of Unicode code points. Lengths, positions and iterators count code points.
 ///
 ///     auto const name = std::unicode::String::fromUTF8(text);
 ///     for (unsigned int const code_point : name) { ... }
 ///
-/// Any 32-bit value can be an element, also one that is no code point; only `toUTF8` minds. A value class: different
-/// objects may be used from different threads. What makes a text may throw `std::bad_alloc`.
+/// An element can hold any 32-bit value, including values that are not code points; `toUTF8` replaces those.
+/// Different objects may be used from different threads. Operations that create or extend a text may throw
+/// `std::bad_alloc`.
 class TARN_API String {
 public:
-    /// Walks over the code points. It can go to any position, reads only, and is valid until its text changes or ends.
+    /// A random-access, read-only iterator over the code points. It is valid until its text changes or is
+    /// destroyed.
     class Iterator {
     public:
         using iterator_category = random_access_iterator_tag;
@@ -70,12 +72,12 @@ public:
         char32_t const* m_at = nullptr;
     };
 
-    // The names that algorithms look for.
+    // Member types that standard algorithms and containers require.
     using value_type = unsigned int;
     using iterator = Iterator;
     using const_iterator = Iterator;
 
-    /// An empty text.
+    /// Creates an empty text.
     String() noexcept;
 
     String(String const& other);
@@ -84,18 +86,19 @@ public:
     String& operator=(String&& other) noexcept;
     ~String();
 
-    /// A text of one character. A code point can stand where a text is asked for: `name + REPLACEMENT_CHAR`.
+    /// Creates a text of one character. The conversion is implicit on purpose: `name + REPLACEMENT_CHAR`.
     TARN_API_INLINE String(unsigned int code_point) : m_text(1, static_cast<char32_t>(code_point)) {}
 
-    /// Reads UTF-8. What is malformed becomes `REPLACEMENT_CHAR`: one for each sequence that breaks off, as long as it was
-    /// the beginning of a well-formed one, and one for each byte that begins none. Overlong forms, surrogates and what lies
-    /// beyond U+10FFFF are malformed. Null bytes are characters; a byte-order mark stays.
+    /// Decodes UTF-8. Malformed input becomes `REPLACEMENT_CHAR`: one for each truncated sequence that began
+    /// as a well-formed one, and one for each byte that cannot begin a sequence. Overlong forms, surrogates
+    /// and values beyond U+10FFFF are malformed. Null bytes are characters. A byte-order mark is kept.
     static String fromUTF8(string const& text);
 
-    /// The text in UTF-8. An element that is no code point, or a surrogate, becomes `REPLACEMENT_CHAR`.
+    /// Returns the text in UTF-8. A surrogate, or an element that is not a code point, becomes
+    /// `REPLACEMENT_CHAR`.
     string toUTF8() const;
 
-    /// How many code points there are.
+    /// Returns the number of code points.
     TARN_API_INLINE unsigned int getLength() const noexcept {
         return static_cast<unsigned int>(m_text.size());
     }
@@ -105,12 +108,13 @@ public:
     TARN_API_INLINE Iterator begin() const noexcept { return Iterator(m_text.data()); }
     TARN_API_INLINE Iterator end() const noexcept { return Iterator(m_text.data() + m_text.size()); }
 
-    /// `count` characters from position `first` on, which counts from 0. A `first` below 0 counts as 0, one beyond the end
-    /// gives an empty text; so does a negative `count`; one that reaches beyond the end gives what there is.
+    /// Returns `count` characters from position `first`, which counts from 0. A negative `first` counts as 0.
+    /// A `first` beyond the end or a negative `count` gives an empty text. A `count` that reaches beyond the
+    /// end gives the remaining characters.
     String substr(int first, int count) const;
 
-    /// The characters from `begin` up to the one before `end`, both iterators of this text. Empty if `end` is not behind
-    /// `begin`.
+    /// Returns the characters from `begin` up to but excluding `end`, both iterators of this text. The result
+    /// is empty unless `begin` lies before `end`.
     String substr(Iterator const& begin, Iterator const& end) const;
 
     String& operator+=(String const& other) {
