@@ -45,7 +45,7 @@ Buf::Buf(unsigned int size, Allocator const& allocator) noexcept : Buf(size, all
 }
 
 Buf::Buf(Buf const& other) noexcept : Buf(other.getSize(), *other.m_allocator, Uninitialised{}) {
-    m_size = other.m_size; // An invalid block stays one in its copy.
+    m_size = other.m_size; // Keeps the copy of an invalid block invalid.
     if (data != nullptr) {
         memcpy(data, other.data, m_size);
     }

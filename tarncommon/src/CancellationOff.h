@@ -6,9 +6,9 @@
 
 namespace tarnbase::detail {
 
-/// Disables the cancellation of the calling thread for the length of a scope (`pthread_setcancelstate`), and restores the
-/// state before it: for code that a destructor or a `noexcept` function calls, out of which a cancelled thread cannot be
-/// unwound.
+/// Disables cancellation of the calling thread for the duration of a scope (`pthread_setcancelstate`), then
+/// restores the previous state. For code that a destructor or a `noexcept` function calls, out of which a
+/// canceled thread cannot be unwound.
 class [[nodiscard]] CancellationOff : private NonCopyable {
 public:
     CancellationOff() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }

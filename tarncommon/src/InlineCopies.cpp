@@ -1,5 +1,6 @@
-// Makes the library's copies of what its headers mark with TARN_API_INLINE. Callers that compile get it inline; the copies
-// are for programs that were linked against the functions.
+// Creates the library's copies of the functions and constants that its headers mark with TARN_API_INLINE.
+// Compiled callers use the inline definitions; the copies are for programs that were linked against the
+// functions.
 #define TARN_MAKE_INLINE_COPIES
 
 #include <tarncommon/error/ErrorObject.h>

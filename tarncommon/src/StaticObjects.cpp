@@ -1,11 +1,12 @@
-// Part of each library: when its static objects are destroyed.
+// Compiled into each library: decides when its static objects are destroyed.
 //
-// The end of the process leaves them as they are. Other threads run on while `exit` is at work, and may use any class up to
-// the last moment. Unloading the library destroys them, so that whoever loads it again and again loses nothing.
+// The end of the process does not destroy them: other threads still run during `exit`, and may use any class
+// up to the last moment. Unloading the library destroys them, so that loading it again and again leaks
+// nothing.
 //
-// The compiler registers the destructor of each static object with the C library, which runs it in both cases. The linker
-// redirects the library's registrations to this file (--wrap), which keeps a list of its own. TARN_LIBRARY_SYMBOL is a name
-// that only this library exports.
+// The compiler registers the destructor of each static object with the C library, which runs it in both
+// cases. The linker redirects the library's registrations to this file (--wrap), which keeps a list of its
+// own. TARN_LIBRARY_SYMBOL is a name that only this library exports.
 
 #include <tarncommon/Export.h>
 
@@ -23,7 +24,7 @@ struct Registration {
     Registration* next;
 };
 
-// Function-local objects may be made by several threads at once.
+// Several threads may construct function-local objects at once.
 TARN_CONSTANT_INIT std::atomic<Registration*> s_last{nullptr};
 TARN_CONSTANT_INIT std::atomic<bool> s_process_ends{false};
 TARN_CONSTANT_INIT bool s_comes_with_the_program = false;
@@ -46,8 +47,9 @@ extern void* __dso_handle;
 
 int __real___cxa_atexit(Destructor destructor, void* object, void* library);
 
-/// The destructor of what <iostream> puts into each source file that includes it: it counts the users of the standard
-/// streams and flushes them with the last one.
+/// The destructor of the object that <iostream> puts into each source file that includes it. It counts the
+/// users of the standard streams and flushes them when the last user is destroyed, so it stays registered
+/// with the C library.
 void tarn_end_of_stream_user(void*) __asm__("_ZNSt8ios_base4InitD1Ev");
 
 int __wrap___cxa_atexit(Destructor destructor, void* object, void* library) {
@@ -57,7 +59,7 @@ int __wrap___cxa_atexit(Destructor destructor, void* object, void* library) {
     return add(destructor, object);
 }
 
-/// The same on 32-bit ARM, whose ABI has a name and an order of its own.
+/// The registration function of 32-bit ARM. Its ABI defines another name and another order of arguments.
 int __wrap___aeabi_atexit(void* object, Destructor destructor, void* library) {
     return __wrap___cxa_atexit(destructor, object, library);
 }
@@ -66,21 +68,22 @@ int __wrap___aeabi_atexit(void* object, Destructor destructor, void* library) {
 
 namespace {
 
-/// Whether the library was loaded before `main`: then it stays to the end. A library that is loaded later comes into the
-/// scope of the program when its initialisers have run, if at all.
+/// Returns whether the library was loaded before `main`, in which case it stays loaded to the end. A library
+/// that is loaded later enters the scope of the program only after its initializers have run, if at all.
 bool comesWithTheProgram() noexcept {
     void* const program = dlopen(nullptr, RTLD_LAZY);
     if (program == nullptr) {
         return true;
     }
-    // It need not lie in this library: the program may have a copy.
+    // The address of the symbol is not checked: the program may have a copy of it.
     bool const found = dlsym(program, TARN_LIBRARY_SYMBOL) != nullptr;
     dlclose(program);
     return found;
 }
 
-/// For a library that is loaded later the order of the two functions at the end tells what happens: `exit` calls what was
-/// registered before it comes to the functions of the libraries, and unloading goes the other way round.
+/// For a library that is loaded later, the order of this file's two functions at the end says what happens.
+/// `exit` calls registered functions before the destructor functions of libraries. Unloading calls the
+/// destructor functions first.
 __attribute__((constructor)) void watchTheProcess() {
     s_comes_with_the_program = comesWithTheProgram();
     __real___cxa_atexit([](void*) { s_process_ends = true; }, nullptr, &__dso_handle);

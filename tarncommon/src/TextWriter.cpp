@@ -123,7 +123,8 @@ size_t TextWriter::finish() noexcept {
 void writeAll(int fd, char const* text, size_t length) noexcept {
     int const saved_errno = errno;
     while (length > 0) {
-        // Not write(): that is a cancellation point, and a thread may be cancelled while it warns or reports.
+        // The raw system call, because write() is a cancellation point: a thread may be canceled while it
+        // warns or reports.
         long const done = syscall(SYS_write, fd, text, length);
         if (done < 0 && errno == EINTR) {
             continue;

@@ -5,11 +5,11 @@
 
 namespace tarnbase::detail {
 
-/// Builds a text in a fixed array, without locks, the heap or the C library's formatting: usable in signal handlers.
-/// A text that does not fit ends in "...".
+/// Builds a text in a fixed array, without locks, the heap or the C library's formatting. Usable in signal
+/// handlers. A text that does not fit is cut and ends in "...".
 class TextWriter {
 public:
-    /// `size` counts the closing null and is at least 4.
+    /// Starts an empty text. `size` is the size of `buffer`, including the closing null, and is at least 4.
     TextWriter(char* buffer, size_t size) noexcept
         : m_begin(buffer), m_end(buffer), m_limit(buffer + size - 1) {}
 
@@ -22,21 +22,22 @@ public:
     /// Appends a printf-style text: `%s %c %d %i %u %x %p %%` with the lengths `h`, `l`, `ll` and `z`.
     void putFormatted(char const* format, va_list args) noexcept __attribute__((format(printf, 2, 0)));
 
-    /// "file:line: function: ", the beginning of every line that this library writes.
+    /// Appends "file:line: function: ", the beginning of each line of `GlobalErrorHandler` and
+    /// `tarnbase::abort`.
     void putPlace(char const* file, int line, char const* function) noexcept;
 
-    /// Closes the text with a null and gives its length.
+    /// Appends the closing null and returns the length of the text without it.
     size_t finish() noexcept;
 
 private:
     char* m_begin;
     char* m_end;
-    char* m_limit; // Where the closing null goes at the latest.
+    char* m_limit; // Last possible position of the closing null.
     bool m_cut = false;
 };
 
-/// Writes a whole text to a descriptor, in one call wherever the system takes it in one. Failures have nowhere to go;
-/// `errno` is kept.
+/// Writes a whole text to a descriptor, in one call if the system accepts all of it. Failures are ignored,
+/// because there is no place to report them. Preserves `errno`.
 void writeAll(int fd, char const* text, size_t length) noexcept;
 
 } // namespace tarnbase::detail

@@ -44,8 +44,8 @@ void filebuf_base::destroyBuffer() noexcept {
     empty();
 }
 
-/// Passes on what the put area holds, and leaves it ready for more; on failure the rest moves to its begin. True on
-/// failure.
+/// Passes on the contents of the put area, and leaves it ready for more. On failure, the rest moves to its
+/// beginning. Returns true on failure.
 bool filebuf_base::passOn() {
     char const* at = pbase();
     bool failed = false;
@@ -64,7 +64,7 @@ bool filebuf_base::passOn() {
     return failed;
 }
 
-/// Moves the file's position back to the reader's. True on failure.
+/// Moves the file's position back to the reader's. Returns true on failure.
 bool filebuf_base::giveBack() {
     long long const unread = egptr() - gptr();
     pos_type result;
@@ -97,7 +97,7 @@ filebuf_base::int_type filebuf_base::underflow() {
     }
     empty();
     unsigned int read = 0;
-    // The result says nothing: some sources give the same one for everything.
+    // The result is ignored: some kinds of files return the same one for every outcome.
     actuallyRead(m_buffer, m_buffer_size, read);
     if (read == 0) {
         return traits_type::eof();

@@ -6,10 +6,11 @@
 
 namespace tarnbase::detail {
 
-/// One report of a chain as people read it: "file:line: text", and "  caused by " before all but the first.
+/// One report of a chain as a line of readable text: "file:line: text", with "  caused by " before all but
+/// the first.
 class ChainLine {
 public:
-    // One byte is left for the end of a line that is cut.
+    // Reserves one byte for the newline after a cut text.
     ChainLine(std::ErrorObject const& report, bool first) noexcept : m_writer(m_text, sizeof m_text - 1) {
         m_writer.put(first ? "" : "  caused by ");
         m_writer.put(report.file);
@@ -24,7 +25,7 @@ public:
         return m_text;
     }
 
-    /// Puts a newline behind the text, and tells the length of both. `getText` comes before.
+    /// Appends a newline to the text, and returns the length of both. `getText` must be called before.
     size_t endLine() noexcept {
         size_t const length = m_writer.finish();
         m_text[length] = '\n';

@@ -33,7 +33,8 @@ void putArgument(TextWriter& writer, ErrorArgument const& argument) noexcept {
     }
 }
 
-/// The type of an argument decides how it prints, so the letter of a conversion is only passed over.
+/// Formats the text of a row. The type of an argument decides how it prints, so the letter of a conversion is
+/// skipped.
 void putRow(TextWriter& writer, char const* format, ErrorArgument const* args, unsigned int count) noexcept {
     for (; *format != '\0'; ++format) {
         if (*format != '%') {
@@ -55,8 +56,8 @@ void putRow(TextWriter& writer, char const* format, ErrorArgument const* args, u
     }
 }
 
-/// Tells the argument of a `%s` by its value: small numbers, negative ones included, are no addresses of texts. Only the
-/// lower half of a 64-bit argument is defined if the caller passed an `int`.
+/// Guesses the argument of a `%s` from its value: small numbers, including negative ones, are not addresses
+/// of texts. If the caller passed an `int`, only the lower half of a 64-bit argument is defined.
 ErrorArgument tellText(char const* value) noexcept {
     constexpr int LARGEST_NUMBER = 4095;
     auto const address = reinterpret_cast<uintptr_t>(value);
@@ -72,7 +73,7 @@ ErrorArgument tellText(char const* value) noexcept {
 
 void ErrorOutput::make(
     ErrorType const& type, int id, ErrorArgument const* args, unsigned int count) const noexcept {
-    // Formatted before the store is touched: an argument may be the text of a report that is given up here.
+    // Formatted before the store changes: an argument may be the text of a report that is discarded here.
     char text[ErrorObject::TEXT_SIZE];
     TextWriter writer(text, sizeof text);
     if (ErrorID const* const row = type.getRow(id)) {
@@ -93,7 +94,7 @@ void ErrorOutput::make(
     memcpy(report.m_text, text, length + 1);
 }
 
-/// A `%s` takes a text, any other conversion an `int`.
+/// Reads a text for each `%s`, and an `int` for any other conversion.
 void ErrorOutput::reportVariadic(ErrorType const& type, int id, ...) const noexcept {
     constexpr unsigned int MAX_ARGUMENTS = 8;
     ErrorArgument list[MAX_ARGUMENTS] = {0, 0, 0, 0, 0, 0, 0, 0};
@@ -116,7 +117,7 @@ void ErrorOutput::reportVariadic(ErrorType const& type, int id, ...) const noexc
 }
 
 void ErrorOutput::operator()(ErrorObject const& object) const noexcept {
-    // The object may lie in the chain that is given up here.
+    // The object may be part of the chain that is discarded here.
     ErrorObject const copy(object); // NOLINT(performance-unnecessary-copy-initialization)
     ErrorObject& report = ErrorStorage::Chain::ofThread().open(m_new_chain);
     ErrorObject const* const next = report.next;

@@ -14,22 +14,23 @@ namespace std {
 
 namespace {
 
-/// The store of a thread that brought none. It has no destructor: registering one would allocate in every thread.
+/// The store of a thread that created none. It has no destructor: registering one would allocate in every
+/// thread.
 TARN_CONSTANT_INIT thread_local ErrorStorage::Chain t_default_chain(nullptr);
 
-/// The store in use; null stands for the default one.
+/// The chain of the store in use; null means the default one.
 TARN_CONSTANT_INIT thread_local ErrorStorage::Chain* t_chain = nullptr;
 
-/// What a chain maps for the reports that do not fit into its store.
+/// Size of the memory that a chain maps for the reports that do not fit into its store.
 constexpr size_t MAPPED_SIZE =
     (ErrorStorage::CAPACITY - ErrorStorage::Chain::INLINE_REPORTS) * sizeof(ErrorObject);
 
-/// The mapped reports of default stores, which end with their threads.
+/// The mapped reports of default stores, which are released at the end of their threads.
 class MappedReports {
 public:
     constexpr MappedReports() noexcept = default;
 
-    /// Unloading the library gives back what threads have that are still there.
+    /// Runs when the library is unloaded: releases the memory of threads that still exist.
     ~MappedReports() {
         forgetThreads();
         for (atomic<void*>& block : m_blocks) {
@@ -39,8 +40,8 @@ public:
         }
     }
 
-    /// Keeps the calling thread's block. No lock: a report may be made between fork and exec. Beyond the table a block
-    /// is only given back by the end of its thread.
+    /// Registers the calling thread's block. Takes no lock, because a report may be made between fork and
+    /// exec. If the table is full, only the end of the thread releases the block.
     void add(void* memory) noexcept {
         replace(nullptr, memory);
         pthread_key_t key = m_key.load(memory_order_relaxed);
@@ -54,7 +55,8 @@ public:
 
     void remove(void* memory) noexcept { replace(memory, nullptr); }
 
-    /// The end of a thread is not told any more. Deleting the key keeps the C library from calling code that is gone.
+    /// Stops observing the ends of threads. Deleting the key keeps the C library from calling code that is
+    /// unloaded.
     void forgetThreads() noexcept {
         pthread_key_t const key = m_key.exchange(NO_KEY);
         if (key != NO_KEY) {
@@ -75,7 +77,8 @@ private:
         }
     }
 
-    /// `NO_KEY` if the system has none: then threads keep their reports.
+    /// Creates the key and returns it. Returns `NO_KEY` if the system has no key left: the ends of threads
+    /// then release nothing.
     pthread_key_t makeKey() noexcept {
         pthread_key_t key{};
         if (pthread_key_create(&key, [](void*) { t_default_chain.unmap(); }) != 0) {
@@ -95,7 +98,8 @@ private:
 
 TARN_CONSTANT_INIT MappedReports s_mapped_reports;
 
-/// Also at the end of the process, in which the program may yet unload the library.
+/// Runs at the end of the process too, which does not destroy `s_mapped_reports`: the program may still
+/// unload the library then.
 __attribute__((destructor)) void forgetThreads() noexcept {
     s_mapped_reports.forgetThreads();
 }
@@ -132,7 +136,7 @@ void ErrorStorage::Chain::unmap() noexcept {
     m_count = 0;
 }
 
-/// The object at this level of the chain, null where there is no room for one.
+/// Returns the object at this level of the chain, or null if there is no room for it.
 ErrorObject* ErrorStorage::Chain::place(unsigned int index) noexcept {
     if (index < INLINE_REPORTS) {
         return &m_first[index];
@@ -155,7 +159,7 @@ ErrorObject& ErrorStorage::Chain::open(bool new_chain) noexcept {
         m_head = report;
         ++m_count;
     }
-    return *m_head; // Where the store is full the head is replaced, and the way to the root cause stays.
+    return *m_head; // A full store overwrites the head and keeps its link.
 }
 
 void ErrorStorage::Chain::giveUp(char const* reason) noexcept {

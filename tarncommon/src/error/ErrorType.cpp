@@ -3,7 +3,7 @@
 namespace std {
 
 ErrorID const* ErrorType::getRow(int id) const noexcept {
-    // A negative id turns into one beyond any table.
+    // The conversion turns a negative id into a number beyond any table.
     return static_cast<unsigned int>(id) < m_count ? &m_rows[id] : nullptr;
 }
 

@@ -37,7 +37,7 @@ char const* describe(GlobalErrorHandler::Kind kind) noexcept {
 
 void print(GlobalErrorHandler::Event const& event) noexcept {
     char line[1024];
-    TextWriter writer(line, sizeof line - 1); // One byte is left for the newline of a cut text.
+    TextWriter writer(line, sizeof line - 1); // Reserves one byte for the newline after a cut text.
     writer.putPlace(event.file, event.line, event.function);
     writer.put(describe(event.kind));
     if (event.expression != nullptr) {
@@ -50,7 +50,7 @@ void print(GlobalErrorHandler::Event const& event) noexcept {
     tarnbase::detail::writeAll(STDERR_FILENO, line, length + 1);
 }
 
-/// Whether a format asks for texts and plain numbers only.
+/// Returns whether `%s`, `%d` and `%%` are the only conversions of a format.
 bool isSimple(char const* format) noexcept {
     for (; *format != '\0'; ++format) {
         if (*format == '%' && *++format != 's' && *format != 'd' && *format != '%') {
@@ -60,7 +60,8 @@ bool isSimple(char const* format) noexcept {
     return true;
 }
 
-/// The formatted message of an event, empty without a format. It is made before the hook is called, which may throw.
+/// The formatted message of an event; empty without a format. It is formatted before the hook is called,
+/// because the hook may throw.
 class Message {
 public:
     Message(char const* format, va_list args) noexcept {
@@ -68,7 +69,8 @@ public:
             return;
         }
         if (isSimple(format)) {
-            // Async-signal-safe, which the formatting of libc is not: children tell their failures before they execute.
+            // Async-signal-safe, unlike the formatting of libc: a child process reports failures between fork
+            // and exec.
             TextWriter writer(m_text, sizeof m_text);
             writer.putFormatted(format, args);
             writer.finish();
@@ -82,9 +84,9 @@ private:
     char m_text[512] = "";
 };
 
-/// Shows the event to the hook, then prints it. True if the hook keeps the rest of the default action from running.
+/// Passes the event to the hook, then prints it. Returns true if the hook suppresses the default action.
 bool handle(GlobalErrorHandler::Event const& event) {
-    // Destructors and `noexcept` functions come here, and a hook may reach any cancellation point.
+    // Destructors and `noexcept` functions call this, and a hook may reach any cancellation point.
     CancellationOff const cancellation_off;
     GlobalErrorHandler::Hook const* const hook = s_hook.load(memory_order_acquire);
     if (hook != nullptr && hook->call(event, hook->context)) {
@@ -141,9 +143,9 @@ void GlobalErrorHandler::doOutOfMem(
     va_end(args);
     bool const kept = handle({Kind::OUT_OF_MEMORY, nullptr, file, line, function, message.get()});
     if (!kept) {
-        // The allocators of `noexcept` functions wait here.
+        // The allocation loops of `noexcept` functions wait here.
         CancellationOff const cancellation_off;
-        // A signal may shorten the wait: the caller tries again either way.
+        // A signal may shorten the wait: the caller repeats its allocation in either case.
         timespec const wait{0, OUT_OF_MEMORY_WAIT_NS};
         nanosleep(&wait, nullptr);
     }

@@ -49,8 +49,8 @@ int IBinInputStream::readSlowly(void* buffer, unsigned int size, unsigned int& r
         read = take(buffer, size);
         return 1;
     }
-    // A request for nothing is only checked by `performRead`. The hook may write, and reading ahead may block or find the
-    // end of the stream.
+    // A request for 0 bytes goes only to `performRead`, which checks the state: the hook may write, and
+    // reading ahead may block or meet the end of the stream.
     if (size != 0 && checkReadBufferConsistency()) {
         return -1;
     }

@@ -16,7 +16,7 @@ namespace {
 
 constexpr char const* SOURCE = "tarncommon/src/stream/IBinOutputStream";
 
-/// Sets a flag for the time of a scope, which also a thread that is cancelled leaves.
+/// Sets a flag for the duration of a scope, also if the thread is canceled in it.
 class Flushing : private tarnbase::NonCopyable {
 public:
     explicit Flushing(bool& flag) noexcept : m_flag(flag) { m_flag = true; }
@@ -41,8 +41,8 @@ bool IBinOutputStream::checkWriteBufferConsistency() {
     return false;
 }
 
-/// Writes until all is taken; in non-blocking mode only until the sink takes nothing. `passed` counts what it took, also
-/// on failure.
+/// Writes until the sink has accepted all bytes or, in non-blocking mode, until it accepts none. `passed`
+/// counts the accepted bytes, also on failure.
 bool IBinOutputStream::passOn(unsigned char const* source, unsigned int size, unsigned int& passed) {
     passed = 0;
     while (passed != size) {
@@ -56,14 +56,14 @@ bool IBinOutputStream::passOn(unsigned char const* source, unsigned int size, un
             if (!m_blocking) {
                 return false;
             }
-            // The class waits for its sink where it can. One that cannot must at least let others run.
+            // A class waits for its sink if it can. For the others, yielding at least lets other threads run.
             sched_yield();
         }
     }
     return false;
 }
 
-/// Passes on what the buffer holds. Success in non-blocking mode may leave something in it.
+/// Passes on the contents of the buffer. In non-blocking mode, success may leave bytes in it.
 bool IBinOutputStream::passBufferOn() {
     if (m_pos == m_end) {
         return false;
@@ -81,8 +81,8 @@ bool IBinOutputStream::passBufferOn() {
     return failed;
 }
 
-/// Moves what is held to the end of the buffer. The next write then takes the slow way, in which the class learns that the
-/// failure is past.
+/// Moves the contents to the end of the buffer. The next write then takes the slow path, in which the class
+/// notices that the failure is over.
 void IBinOutputStream::leaveNoRoomBehind() noexcept {
     unsigned int const held = m_end - m_pos;
     if (held != 0) {
@@ -92,7 +92,7 @@ void IBinOutputStream::leaveNoRoomBehind() noexcept {
     }
 }
 
-/// Puts as much into the buffer as fits and tells how much that was.
+/// Puts as many bytes into the buffer as fit, and returns their number.
 unsigned int IBinOutputStream::keep(unsigned char const* source, unsigned int size) noexcept {
     unsigned int const held = m_end - m_pos;
     unsigned int const count = min(size, m_buffer_size - held);
@@ -115,8 +115,9 @@ int IBinOutputStream::writeSlowly(void const* buffer, unsigned int size, unsigne
         reportNoBuffer(SOURCE);
         return -1;
     }
-    // A request for nothing is only checked by `performWrite`: the hook may seek, and the buffer stays as it is. A stream
-    // that is not open keeps nothing either, since nothing would pass it on; `performWrite` tells the reason.
+    // A request for 0 bytes goes only to `performWrite`, which checks the state: the hook may seek, and the
+    // buffer must stay as it is. A stream that is not open buffers nothing, because nothing would pass it on;
+    // `performWrite` reports the reason.
     if (size == 0 || (m_buffer_size != 0 && !isValid())) {
         return performWrite(buffer, size, written) ? -1 : 1;
     }
@@ -129,7 +130,7 @@ int IBinOutputStream::writeSlowly(void const* buffer, unsigned int size, unsigne
         if (passBufferOn()) {
             return -1;
         }
-        // Behind bytes that a non-blocking sink did not take nothing may overtake.
+        // Nothing may overtake buffered bytes that a non-blocking sink did not accept.
         if (bypass && m_pos == m_end && passOn(source, size, written)) {
             return -1;
         }
@@ -143,7 +144,7 @@ bool IBinOutputStream::flush(bool buffer_only) {
         reportNoBuffer(SOURCE);
         return true;
     }
-    // With nothing to pass on the other direction is none of its business: its read-ahead stays.
+    // Without bytes to pass on, the read-ahead of the other direction must stay.
     if (m_pos != m_end) {
         if (checkWriteBufferConsistency()) {
             leaveNoRoomBehind();

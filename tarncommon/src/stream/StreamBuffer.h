@@ -8,7 +8,8 @@
 
 namespace std::stream_detail {
 
-/// The buffer of one direction. Null for a size of 0, and after a report without memory.
+/// Allocates the buffer of one direction. Returns null for a size of 0, and after a report if the allocation
+/// fails.
 inline unsigned char*
 makeBuffer(char const* source, unsigned int size, int line = __builtin_LINE()) noexcept {
     if (size == 0) {
@@ -21,7 +22,7 @@ makeBuffer(char const* source, unsigned int size, int line = __builtin_LINE()) n
     return buffer;
 }
 
-/// Reports that an operation finds no buffer, from its cause up.
+/// Reports that an operation lacks its buffer, beginning with the cause.
 inline void reportNoBuffer(char const* source, int line = __builtin_LINE()) noexcept {
     ErrorOutput(source, line, true)(CommonErrorId::OUT_OF_MEMORY);
     ErrorOutput(source, line, false)(IBinStreamBase::StreamErrorId::UNUSABLE);

@@ -22,7 +22,8 @@ void abort(char const* file, int line, char const* function, char const* format,
     text[length] = '\n';
     detail::writeAll(STDERR_FILENO, text, length + 1);
 
-    // Not abort() of the C library, which takes a lock that a signal handler may have interrupted.
+    // Not abort() of the C library, because it takes a lock that the code interrupted by a signal handler may
+    // hold.
     struct sigaction action {};
     action.sa_handler = SIG_DFL;
     sigaction(SIGABRT, &action, nullptr);

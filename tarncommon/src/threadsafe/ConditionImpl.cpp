@@ -68,7 +68,7 @@ int ConditionImpl::classify(int error) noexcept {
         return ERROR_INCONSISTENCY;
     default:
         errno = error;
-        // 1 is EPERM, handled above, so no number of the system reads as TIMEOUT.
+        // No error number is mistaken for TIMEOUT: its value, 1, is that of EPERM, which is handled above.
         return error;
     }
 }

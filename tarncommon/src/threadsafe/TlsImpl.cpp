@@ -29,7 +29,8 @@ TlsImpl::~TlsImpl() {
     }
 }
 
-/// The key of a slot that has none yet. Of several threads that make one at once the first one wins.
+/// Creates the key of a slot that has none yet, and returns it. If several threads do so at once, the first
+/// key is used.
 pthread_key_t TlsImpl::makeKey() {
     pthread_key_t const key = createKey();
     pthread_key_t present = NO_KEY;

@@ -15,11 +15,13 @@ namespace tracing {
 
 namespace {
 
-// Guards the registry alone: writing a message takes no lock, so a child between fork and exec may trace.
+// Guards only the registry. Writing a message takes no lock, so that a child process can trace between fork
+// and exec.
 TARN_CONSTANT_INIT std::mutex s_mutex;
 TARN_CONSTANT_INIT Channel* s_first = nullptr;
 
-/// Looks the channel up in "name=level,name=level"; `fallback` where it is not named or its level is no number.
+/// Returns the level of the channel in `TARN_TRACE` ("name=level,name=level"), or `fallback` if the channel
+/// is not listed or its level is not a valid number.
 short thresholdFromEnvironment(std::string const& name, short fallback) noexcept {
     char const* entry = getenv("TARN_TRACE");
     while (entry != nullptr) {

@@ -7,13 +7,13 @@ namespace std::unicode {
 
 namespace {
 
-/// What a first byte announces: how many bytes follow it, and in which range the next one of them must lie. The range
-/// keeps out overlong forms, surrogates and what lies beyond U+10FFFF.
+/// The sequence that a first byte begins: how many bytes follow, and the range of the first of them. The
+/// range excludes overlong forms, surrogates and values beyond U+10FFFF.
 struct Lead {
     unsigned int following;
     unsigned char lowest;
     unsigned char highest;
-    unsigned char bits; // Mask of the bits that belong to the code point.
+    unsigned char bits; // Mask of the bits that belong to the code point; 0 if the byte begins no sequence.
 };
 
 Lead classifyLead(unsigned char byte) noexcept {
@@ -36,7 +36,8 @@ Lead classifyLead(unsigned char byte) noexcept {
     return {0, 0x80, 0xBF, 0};
 }
 
-/// Reads one code point and moves `at` behind it, or behind the malformed piece that it stands for.
+/// Decodes one code point and moves `at` behind it, or behind the malformed sequence that `REPLACEMENT_CHAR`
+/// stands for.
 char32_t decode(unsigned char const*& at, unsigned char const* end) noexcept {
     Lead const lead = classifyLead(*at);
     if (lead.bits == 0) {
