@@ -15,7 +15,7 @@ namespace {
 
 constexpr int ENTRIES = 10000;
 
-/// A folder with that many files, in memory as far as there is one for files.
+/// A folder with `ENTRIES` files, in memory if a memory file system is available.
 class Folder {
 public:
     Folder() {

@@ -24,8 +24,8 @@ void check(bool failed) {
     }
 }
 
-/// Interfaces of the benchmark's own, in a network that nobody else changes; without the right to one, those of the
-/// machine.
+/// Creates interfaces in a private network namespace. Without the privilege for one, the interfaces of the
+/// machine are measured.
 struct Network {
     Network() {
         constexpr char const* INTERFACES =

@@ -2,8 +2,8 @@
 
 #include <benchmark/benchmark.h>
 
-/// For rows whose system calls scatter by far more than what the library adds to them: many short repetitions, in random order
-/// with those of the twin, have a median that tells.
+/// Configures a row with system calls that scatter by far more than the cost of the library. Many short
+/// repetitions, interleaved at random with those of the twin, give a stable median.
 inline void often(benchmark::internal::Benchmark* row) {
     row->Repetitions(99)->MinTime(0.01);
 }

@@ -11,8 +11,8 @@
 
 namespace {
 
-/// A second thread for the whole run: libc and the language's library skip atomics in a process that has only one, which
-/// no user of this library has.
+/// Keeps a second thread for the whole run. libc and the C++ library skip atomics in a single-threaded
+/// process, and the users of this library are multi-threaded.
 class Company {
 public:
     Company()

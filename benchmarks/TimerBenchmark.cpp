@@ -18,11 +18,11 @@ void doNothing(vesk::Timer*) {}
 
 // ---- Start and stop among many ----
 
-// The twin of these rows is the same with few timers: a bare one knows nothing of others.
+// The twin of these rows is the same operation with few timers: a bare timer does not depend on others.
 
 constexpr unsigned int HOUR_MS = 3600000;
 
-/// So many timers that are running, with intervals from one hour to two.
+/// A number of running timers, with intervals between one and two hours.
 class Running {
 public:
     explicit Running(unsigned int count) {
@@ -38,7 +38,8 @@ private:
     std::vector<std::unique_ptr<vesk::Timer>> m_timers;
 };
 
-/// A timer among others, later than some and earlier than others: each start has a new place.
+/// Starts and stops timers that expire later than some of the others and earlier than the rest: each start
+/// inserts at a new position.
 void startStop(benchmark::State& state, unsigned int pending) {
     Running const others(pending);
     std::array<std::unique_ptr<vesk::Timer>, 64> timers;
@@ -63,7 +64,7 @@ void startStopAmongFew(benchmark::State& state) {
 }
 BENCHMARK(startStopAmongFew)->Name("Timer start plus stop, 10,000 pending against 10 (at most 1.5)/bare");
 
-/// The next one of all: each start arms the kernel's timer.
+/// Starts and stops the timer that expires first: each start arms the kernel's timer.
 void startStopFirst(benchmark::State& state, unsigned int pending) {
     Running const others(pending);
     vesk::Timer timer(doNothing, false);
@@ -85,7 +86,7 @@ void startStopBeforeFew(benchmark::State& state) {
 BENCHMARK(startStopBeforeFew)
     ->Name("Earliest timer start plus stop, 10,000 pending against 10 (at most 1.5)/bare");
 
-/// The timers that are pending take turns: each is stopped and started with a new interval.
+/// Stops each pending timer in turn, and starts it with a new interval.
 void restart(benchmark::State& state, unsigned int pending) {
     std::vector<std::unique_ptr<vesk::Timer>> timers;
     for (unsigned int i = 0; i < pending; ++i) {
@@ -121,7 +122,7 @@ long long now() {
     return time.tv_sec * 1000LL * NS_PER_MS + time.tv_nsec;
 }
 
-/// Puts the delays in microseconds beside the row.
+/// Adds the delays in microseconds to the row.
 void show(benchmark::State& state, std::vector<long long>& delays) {
     std::sort(delays.begin(), delays.end());
     auto const at = [&delays](size_t percent) {
@@ -141,7 +142,7 @@ public:
         sem_post(&m_done);
     }
     long long wait() {
-        while (sem_wait(&m_done) != 0) {} // The signal may come to this thread.
+        while (sem_wait(&m_done) != 0) {} // The signal may interrupt this thread.
         return m_time;
     }
 
@@ -174,7 +175,7 @@ void oneShot(benchmark::State& state) {
 }
 BENCHMARK(oneShot)->Name("One-shot timer of 1 ms/vesk")->UseRealTime();
 
-/// A timer of the system whose signal a thread of its own waits for.
+/// A timer of the system with a thread that waits for its signal.
 class BareTimer {
 public:
     explicit BareTimer(Shot& target) : m_shot(target) {
