@@ -12,7 +12,8 @@
 
 namespace std {
 
-/// A lock that does nothing and always succeeds, for a pool that one thread uses or that another lock guards.
+/// A lock that does nothing and always succeeds, for a pool that only one thread uses or that another lock
+/// guards.
 class FakeLock {
 public:
     bool lock() const noexcept { return false; }
@@ -21,7 +22,7 @@ public:
     bool unlock() const noexcept { return false; }
 };
 
-/// A condition that does nothing and always succeeds, for a pool whose callers never wait for an item.
+/// A condition that does nothing and always succeeds, for a pool without waiting callers.
 class FakeCondition {
 public:
     template <typename Lock>
@@ -35,12 +36,13 @@ public:
     bool signal() const noexcept { return false; }
 };
 
-/// The free items of one block, last in first out. It starts full, with the first item of the block at the bottom: the
-/// items come from the end of the block downward. Takes no lock.
+/// The free items of one block, last in first out. It starts full, with the first item of the block at the
+/// bottom: `pop` returns the items from the end of the block downward. Takes no lock.
 class FreeStack : private tarnbase::NonCopyable {
 public:
-    /// Makes room for all items, waiting for memory if need be (`GlobalErrorHandler::doOutOfMem`, "need free stack").
-    /// @param init       the block; null trips an assertion and gives a stack that is empty
+    /// Allocates space for all items. Waits for memory if necessary (`GlobalErrorHandler::doOutOfMem`,
+    /// "need free stack").
+    /// @param init       the block; null trips an assertion and makes the stack empty
     /// @param item_size  bytes from one item to the next
     /// @param count      items in the block
     FreeStack(void* init, unsigned int item_size, unsigned int count) {
@@ -58,10 +60,10 @@ public:
 
     ~FreeStack() { delete[] items; }
 
-    /// The item that was given back last, null if none is left.
+    /// Returns the item that was put back last, null if none is left.
     void* pop() noexcept { return m_left != 0 ? items[--m_left] : nullptr; }
 
-    /// Takes an item back. On a full stack an assertion trips and the item is dropped.
+    /// Puts an item back. If the stack is full, an assertion trips and the item is dropped.
     void push(void* item) noexcept {
         if (m_left >= m_size) {
             GlobalErrorHandler::doAssert(false, "m_left < m_size", SOURCE, __LINE__, "push", nullptr);
@@ -70,7 +72,7 @@ public:
         items[m_left++] = item;
     }
 
-    /// How many items are free, and how many there are.
+    /// Returns the number of free items, and the number of all items.
     unsigned int getLeft() const noexcept { return m_left; }
     unsigned int getSize() const noexcept { return m_size; }
     bool isFull() const noexcept { return m_left == m_size; }
@@ -83,14 +85,14 @@ private:
     unsigned int m_size;
 };
 
-/// The policy of a pool that gives null when it is empty.
+/// Depletion policy that returns null when the pool is empty.
 class NullOnDepletion {
 public:
     NullOnDepletion(unsigned int, unsigned int) noexcept {}
 
     void* getHelp() noexcept { return nullptr; }
 
-    /// No item can come from here: trips an assertion.
+    /// Trips an assertion unless `ptr` is null: this policy provides no items.
     void thankYou(void* ptr) noexcept {
         if (ptr != nullptr) {
             GlobalErrorHandler::doAssert(
@@ -99,22 +101,23 @@ public:
     }
 };
 
-/// A supply of small items of one size: one block of memory, and a stack of the items in it that are free.
+/// A supply of small items of one size: one block of memory, and a stack of its free items.
 ///
 ///     std::MemoryPool<std::NullOnDepletion, vesk::Mutex, std::FakeCondition> pool(sizeof(Job), 64);
 ///     if (void* const memory = pool.get()) { ... pool.thankYou(memory); }
 ///
-/// `get` and `thankYou` may be called from any thread when `Lock` is a real lock; they hold it only for a few
-/// instructions, unless the depletion policy has to find memory. A lock that cannot be had goes to
-/// `GlobalErrorHandler::doAbort` with "error locking".
+/// `get` and `thankYou` may be called from any thread if `Lock` is a real lock. They hold it only for a few
+/// instructions, unless the depletion policy has to allocate memory. If locking fails,
+/// `GlobalErrorHandler::doAbort` is called with "error locking".
 ///
-/// @tparam Depletion  what happens when the pool is empty: `NullOnDepletion` or `UsePoolOnDepletion`
+/// @tparam Depletion  policy for an empty pool: `NullOnDepletion` or `UsePoolOnDepletion`
 /// @tparam Lock       `vesk::Mutex`, or `FakeLock` where no lock is needed
-/// @tparam Condition  what a policy waits on; `FakeCondition` for the policies of this file, which never wait
+/// @tparam Condition  the condition that a policy waits on; `FakeCondition` for the policies of this file,
+///                    which never wait
 template <typename Depletion, typename Lock, typename Condition>
 class MemoryPool : private tarnbase::NonCopyable {
 public:
-    /// Holds the pool's lock for the length of a scope.
+    /// Guard that holds the pool's lock for the duration of a scope.
     class LockGuard : public ScopeGuard<Lock const, bool (Lock::*)() const, NoopResultConv> {
     public:
         explicit LockGuard(MemoryPool const& pool)
@@ -126,9 +129,10 @@ public:
         }
     };
 
-    /// Allocates the block. Without memory for it an assertion trips, and the pool is empty from the start.
-    /// @param item_size   bytes of an item; a pointer's size is the least. To keep the items aligned pass a multiple of
-    ///                    the alignment.
+    /// Allocates the block. If there is no memory for it, an assertion trips and the pool is empty from the
+    /// start.
+    /// @param item_size   bytes of an item, at least the size of a pointer. Pass a multiple of the alignment
+    ///                    to keep the items aligned.
     /// @param item_count  items in the block
     MemoryPool(unsigned int item_size, unsigned int item_count)
         : m_item_size(item_size < sizeof(void*) ? static_cast<unsigned int>(sizeof(void*)) : item_size),
@@ -144,18 +148,19 @@ public:
         }
     }
 
-    /// Frees the memory, that of items still in use included.
+    /// Frees the block, including the memory of items that are still in use.
     ~MemoryPool() { delete[] m_memblock_start; }
 
-    /// An item, with what was in it before. Null if the pool is empty and its policy has none.
+    /// Returns an item with its previous content. Returns null if the pool is empty and its policy provides
+    /// no item.
     void* get() {
         LockGuard const guard(*this);
         void* const item = m_free_stack.pop();
         return item != nullptr ? item : m_depletion.getHelp();
     }
 
-    /// Takes an item back. Null is ignored. What becomes of an item from elsewhere is the policy's affair; one that is
-    /// given back twice may trip an assertion.
+    /// Puts an item back. Null is ignored. The policy handles an item that is not from the pool's own block.
+    /// Putting an item back twice may trip an assertion.
     void thankYou(void* item) {
         if (item == nullptr) {
             return;
@@ -168,16 +173,16 @@ public:
         }
     }
 
-    /// Whether an address lies in the pool's own block. Callable from any thread without the lock.
+    /// Returns whether an address is in the pool's own block. Callable from any thread without the lock.
     bool contains(void const* item) const noexcept {
-        // Only the function objects order addresses of different blocks.
+        // Unlike the operators, the function objects also order addresses of different blocks.
         return !less<void const*>()(item, m_memblock_start) && less<void const*>()(item, m_memblock_end);
     }
 
     unsigned int getItemSize() const noexcept { return m_item_size; }
     unsigned int getItemCount() const noexcept { return m_item_count; }
 
-    /// The two places an item comes from. For callers that hold a `LockGuard`.
+    /// Return the two sources of items. The caller must hold a `LockGuard`.
     FreeStack& getFreeStack() noexcept { return m_free_stack; }
     Depletion& getDepletion() noexcept { return m_depletion; }
 
@@ -201,14 +206,15 @@ private:
     FreeStack m_free_stack;
 };
 
-/// The policy of a pool that falls back on further pools: each new one holds twice as many items as the one before, and
-/// goes away when all of its items are back. It works under the lock of the pool that it serves.
+/// Depletion policy that uses additional pools. Each new pool holds twice as many items as the previous one,
+/// and is destroyed when all of its items are back. The policy works under the lock of the pool that it
+/// serves.
 class UsePoolOnDepletion : private tarnbase::NonCopyable {
 public:
     using Pool = MemoryPool<NullOnDepletion, FakeLock, FakeCondition>;
 
-    /// @param item_size   the served pool's
-    /// @param item_count  the served pool's; the first further pool holds twice as many
+    /// @param item_size   item size of the served pool
+    /// @param item_count  item count of the served pool; the first additional pool holds twice as many
     UsePoolOnDepletion(unsigned int item_size, unsigned int item_count) noexcept
         : m_next_size(item_count), m_item_size(item_size) {}
 
@@ -218,16 +224,17 @@ public:
         }
     }
 
-    /// An item of a further pool, a new one if there is none. Waits for the memory of the pool itself and of its free
-    /// stack (`GlobalErrorHandler::doOutOfMem`, "need another pool", "need free stack").
-    /// @return null if the new pool has no block
+    /// Returns an item of an additional pool, which is created if no other has a free item. Waits for the
+    /// memory of the pool object and of its free stack (`GlobalErrorHandler::doOutOfMem`,
+    /// "need another pool", "need free stack").
+    /// @return null if there is no memory for the block of the new pool
     void* getHelp() {
         if (m_current != nullptr) {
             if (void* const item = m_current->get()) {
                 return item;
             }
         }
-        // The count is an estimate: it only saves the walk when nothing is to be expected of it.
+        // The count is an estimate. It only avoids a search that is unlikely to find an item.
         if (m_free_count != 0) {
             for (Extension* extension = m_first; extension != nullptr; extension = extension->next) {
                 if (void* const item = extension->get()) {
@@ -247,7 +254,7 @@ public:
         return extension->get();
     }
 
-    /// Takes back an item of a further pool. One from anywhere else is fatal: "item is not from here!".
+    /// Puts back an item of an additional pool. An item from elsewhere is fatal: "item is not from here!".
     void thankYou(void* item) {
         Extension* extension = m_last;
         while (extension != nullptr && !extension->contains(item)) {
@@ -258,7 +265,8 @@ public:
             return;
         }
         extension->thankYou(item);
-        // Down as in taking, past 0 if it comes to that: an estimate that is too high costs a walk, one of 0 a pool.
+        // Decremented here as in `getHelp`, and may wrap around below 0. The exact value does not matter: an
+        // estimate that is too high costs a search, an estimate of 0 costs a new pool.
         --m_free_count;
         if (extension->getFreeStack().isFull()) {
             remove(extension);
@@ -266,15 +274,16 @@ public:
         }
     }
 
-    /// Items in the further pool made last; the next one holds twice as many.
+    /// Returns half the item count of the next additional pool. Initially that is the item count of the
+    /// served pool. Each new pool doubles it, and each destroyed pool halves it.
     unsigned int getNextSize() const noexcept { return m_next_size; }
     unsigned int getItemSize() const noexcept { return m_item_size; }
 
-    /// A rough number of the free items in the further pools: it falls with each item given back as it does with each
-    /// one found by a walk, and wraps around below 0.
+    /// Returns an estimate of the free items in the additional pools. It decreases with each item that is put
+    /// back and with each item that a search finds, and wraps around below 0.
     unsigned int getFreeCount() const noexcept { return m_free_count; }
 
-    /// How many further pools there are now.
+    /// Returns the current number of additional pools.
     unsigned int getPoolCount() const noexcept {
         unsigned int count = 0;
         for (Extension const* extension = m_first; extension != nullptr; extension = extension->next) {
@@ -283,13 +292,13 @@ public:
         return count;
     }
 
-    /// The pool that is tried first, null if none is.
+    /// Returns the pool that is tried first, null if there is none.
     Pool* getCurrent() const noexcept { return m_current; }
 
 private:
     static constexpr char const* SOURCE = "framework/include/common/MemoryPool";
 
-    // The links lie in the pools themselves, so that the list never allocates.
+    // The links are members of the pools, so that the list never allocates.
     struct Extension : Pool {
         Extension(unsigned int item_size, unsigned int item_count) : Pool(item_size, item_count) {}
 

@@ -10,32 +10,35 @@
 
 namespace std {
 
-/// The result conversion of a `ScopeGuard` whose function already tells failure with true: leaves the result as it is.
+/// The result conversion of a `ScopeGuard` for functions that return true on failure: returns the result
+/// unchanged.
 struct NoopResultConv {
     constexpr bool operator()(bool result) const noexcept { return result; }
 };
 
-/// Calls a member function of an object at the end of a scope.
+/// Guard that calls a member function of an object at the end of a scope.
 ///
 ///     std::ScopeGuard<File, bool (File::*)()> const guard(file, &File::close);
 ///
-/// A function that reports failure trips an assertion: a destructor has no caller to tell. An exception out of the
-/// function ends the process with `std::terminate`. The cancellation of the thread is disabled while the function runs,
-/// unless that is `noexcept` or `T` is a lock. A guard belongs to one thread; it costs no heap and takes no lock.
+/// If the function reports a failure, an assertion trips, because a destructor cannot return the failure to a
+/// caller. An exception from the function ends the process with `std::terminate`. Cancellation of the thread
+/// is disabled while the function runs, unless the function is `noexcept` or `T` is a lock. A guard belongs
+/// to one thread. It uses no heap and takes no lock.
 ///
-/// @tparam T           the object's class, const if the function is
-/// @tparam Member      pointer to the member function: no arguments, a result that `ResultConv` takes
-/// @tparam ResultConv  turns the function's result into a bool that is true on failure
+/// @tparam T           the object's class, const if the function is const
+/// @tparam Member      pointer to the member function, which takes no arguments and has a result that
+///                     `ResultConv` accepts
+/// @tparam ResultConv  converts the function's result into a bool that is true on failure
 template <typename T, typename Member, typename ResultConv = NoopResultConv>
 class [[nodiscard]] ScopeGuard : private tarnbase::NonCopyable {
 public:
     /// @param object    must outlive the guard
-    /// @param function  what to call on it
-    /// @param armed     false: `arm` must be called first for anything to happen
+    /// @param function  the function to call on the object
+    /// @param armed     false: the guard does nothing until `arm` is called
     ScopeGuard(T& object, Member function, bool armed = true) noexcept
         : m_object(&object), m_function(function), m_armed(armed) {}
 
-    /// Calls the function, unless the guard was released or is disarmed.
+    /// Calls the function unless the guard is released or disarmed.
     virtual ~ScopeGuard() noexcept {
         if (m_released || !m_armed) {
             return;
@@ -50,10 +53,10 @@ public:
         }
     }
 
-    /// Hands the duty back to the caller for good: the guard will not call the function.
+    /// Releases the guard permanently: it will not call the function.
     void release() noexcept { m_released = true; }
 
-    /// Keeps the guard from calling the function until `arm`.
+    /// Keeps the guard from calling the function until `arm` is called.
     void disarm() noexcept { m_armed = false; }
     void arm() noexcept { m_armed = true; }
 
@@ -63,7 +66,8 @@ public:
 private:
     struct Nothing {};
 
-    /// Unlocking reaches no cancellation point, and is worth the time that is saved.
+    /// Detects a lock. Unlocking reaches no cancellation point, so disabling cancellation would only cost
+    /// time.
     template <typename U>
     static auto isLock(U& object) -> decltype(object.lock(), object.unlock(), true_type());
     static false_type isLock(...);

@@ -17,13 +17,14 @@ namespace std {
 template <typename T>
 class Shared;
 
-/// What all `Shared` have in common: the count of references and the lock that guards building and destroying.
+/// Common base of all `Shared`: the count of references, and the lock that guards construction and
+/// destruction.
 class SharedBase : private tarnbase::NonCopyable {
 public:
     /// The part of a reference that does not depend on the object's type. Not used directly; see `Ptr`.
     class PtrBase;
 
-    /// A counted reference to the object of a `Shared`; see there. Copyable and assignable, two words in size.
+    /// A counted reference to the object of a `Shared`. Copyable and assignable, two words in size.
     template <typename T>
     class Ptr;
 
@@ -31,14 +32,14 @@ protected:
     constexpr SharedBase() noexcept : refcount(0), m_lock(threadsafe::CONSTANT_INIT) {}
     virtual ~SharedBase() {} // NOLINT(modernize-use-equals-default): it must leave the lock alone.
 
-    /// Builds the object, called for the first reference; and destroys it, called for the last. The holder's lock is
-    /// held during both.
+    /// Construct the object, called for the first reference, and destroy it, called for the last. The
+    /// holder's lock is held during both.
     virtual void build() = 0;
     virtual void destroy() = 0;
 
-    /// For `destroy`: waits until no thread of the object runs a callback, with the lock released and the object kept,
-    /// so that these callbacks may take references.
-    /// @return true if they have left one, so that the object is to stay
+    /// Waits, on behalf of `destroy`, until no thread of the object runs a callback. Releases the lock and
+    /// keeps the object meanwhile, so that these callbacks may take references.
+    /// @return true if a callback has kept a reference, so that the object must stay
     template <typename T>
     bool isTakenInCallback(T& object);
 
@@ -47,7 +48,8 @@ protected:
 private:
     static constexpr char const* SOURCE = "framework/include/common/Shared";
 
-    // Never destroyed, which no call is needed for: another thread may make a reference while the process ends.
+    // Never destroyed: another thread may take a reference while the process ends. The mutex owns no
+    // resources, so nothing leaks.
     union {
         threadsafe::MutexImpl m_lock;
     };
@@ -73,7 +75,7 @@ bool SharedBase::isTakenInCallback(T& object) {
 
 class SharedBase::PtrBase {
 public:
-    /// The holder, null in an empty reference.
+    /// Returns the holder, null for an empty reference.
     SharedBase* getHolder() const noexcept { return m_shared; }
 
 protected:
@@ -117,7 +119,8 @@ protected:
     }
 
 private:
-    /// Takes the count back if the object's constructor throws, so that the next reference tries again.
+    /// Guard that reverts the count if the object's constructor throws, so that the next reference tries
+    /// again.
     class FirstReference {
     public:
         explicit FirstReference(SharedBase& shared) noexcept : m_shared(&shared) {}
@@ -138,22 +141,22 @@ private:
 template <typename T>
 class SharedBase::Ptr : public SharedBase::PtrBase {
 public:
-    /// An empty reference.
+    /// Creates an empty reference.
     Ptr() noexcept : PtrBase(nullptr), m_object(nullptr) {}
 
-    /// Takes a reference on `holder`, and builds its object if it is the first. May therefore take as long as the
-    /// object's constructor, here and in other threads that want a reference meanwhile.
+    /// Takes a reference to `holder`, and constructs its object if it is the first reference. Blocks as long
+    /// as the object's constructor runs, here and in other threads that take a reference meanwhile.
     /// @param holder  null makes an empty reference that still points to `object`
-    /// @param object  what the reference points to, as a rule the holder's object
+    /// @param object  the target of the reference, normally the holder's object
     Ptr(SharedBase* holder, T* object) : PtrBase(holder), m_object(object) {}
 
-    /// The same for a holder and its own object.
+    /// Takes a reference to a holder and its own object.
     template <typename U>
     explicit Ptr(Shared<U>& holder) : PtrBase(&holder), m_object(holder.getObject()) {}
 
     Ptr(Ptr const& other) = default;
 
-    /// Takes the new reference first, then lets go of the old one: an object that both have in common stays.
+    /// Takes the new reference before it releases the old one, so that an object that both share is kept.
     // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): the copy comes first.
     Ptr& operator=(Ptr const& other) {
         Ptr copy(other);
@@ -164,7 +167,8 @@ public:
         return *this;
     }
 
-    /// Lets go of the reference, and destroys the object if it was the last, with the cancellation of the thread disabled.
+    /// Releases the reference. Destroys the object if it was the last reference, with cancellation of the
+    /// thread disabled.
     ~Ptr() = default;
 
     T* get() const noexcept { return m_object; }
@@ -176,33 +180,35 @@ private:
     T* m_object;
 };
 
-/// The holder of an object that lives exactly as long as someone uses it: the first reference builds it, the last one to
-/// go destroys it, and a later one builds a fresh one. Meant for the global objects of a library that own something
-/// dear, as a thread.
+/// Holder of an object that exists exactly as long as it is in use. The first reference constructs the
+/// object, the last one destroys it, and a later one constructs a new object. Intended for global objects of
+/// a library that own expensive resources, such as a thread.
 ///
 ///     std::Shared<Engine> engine;                                   // Global; no Engine exists yet.
 ///     std::SharedBase::Ptr<Engine> const reference(engine);         // Now one does.
 ///     reference->poke();
 ///
-/// The storage lies inside the holder: the object never touches the heap. References may be made and ended by any thread;
-/// each takes the holder's lock, and waits while another thread builds or destroys the object. A reference must not be
-/// made or ended from within the constructor or destructor of the same object. A lock that fails goes to
-/// `GlobalErrorHandler::doAbort` with "error locking" or "error unlocking".
+/// The holder contains the storage: the object itself is never on the heap. Any thread may create and destroy
+/// references. Each of these takes the holder's lock, and waits while another thread constructs or destroys
+/// the object. References must not be created or destroyed in the constructor or destructor of the same
+/// object. If a lock fails, `GlobalErrorHandler::doAbort` is called with "error locking" or
+/// "error unlocking".
 ///
-/// An object whose destructor joins a thread deadlocks with a callback on that thread which wants a reference. A class can
-/// avoid that with two operations: `isCallingBack()` tells whether a thread of the object, other than the calling one,
-/// runs a callback, and `waitForCallback()` waits for its end. The end of the last reference then waits for the callback
-/// without the holder's lock, and leaves the object as it is if the callback has taken a reference.
+/// If the destructor of the object joins a thread, it would deadlock with a callback on that thread that
+/// takes a reference. A class avoids this with two operations: `isCallingBack()` returns whether a thread of
+/// the object, other than the calling one, runs a callback, and `waitForCallback()` waits for the end of the
+/// callback. The release of the last reference then waits for the callback without the holder's lock, and
+/// keeps the object if the callback has taken a reference.
 ///
-/// A global holder exists before any initialiser runs, so every initialiser may use it. A holder that is destroyed while
-/// references exist leaves the object as it is. The holders of this library are not destroyed by the end of the process:
-/// threads may make references as long as they run.
+/// A global holder is constant-initialized, so that every initializer may use it. A holder that is destroyed
+/// while references exist does not destroy the object. The end of the process does not destroy the holders of
+/// this library: threads may take references as long as they run.
 template <typename T>
 class Shared : public SharedBase {
 public:
     constexpr Shared() noexcept : m_storage{} {}
 
-    /// Where the object is while references exist. Only its address may be used without a reference.
+    /// Returns the address of the object. Without a reference only the address may be used, not the object.
     T* getObject() noexcept { return reinterpret_cast<T*>(m_storage); }
 
 protected:

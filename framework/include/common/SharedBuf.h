@@ -10,7 +10,8 @@
 
 namespace std {
 
-/// A handle on a piece of memory that several handles share; the last one to go has the memory's owner free it.
+/// A handle to a block of memory that several handles share. When the last handle is destroyed, the memory's
+/// owner frees it.
 ///
 ///     class Heap : public std::SharedBuf::Owner {
 ///         void free(std::SharedBuf const& buf) override { delete[] static_cast<char*>(buf.getData()); }
@@ -18,28 +19,29 @@ namespace std {
 ///     std::SharedBuf const buf(&count, &heap, data, size); // count is 1: this handle is the first.
 ///     std::SharedBuf const same(buf);
 ///
-/// Different handles on the same memory may be used by different threads: the count is atomic. One handle belongs to one
-/// thread at a time. Nothing blocks or allocates.
+/// Different handles to the same memory may be used by different threads: the count is atomic. A single
+/// handle belongs to one thread at a time. No operation blocks or allocates, unless the owner's `free` does.
 class SharedBuf {
 public:
-    /// Who gave the memory, and takes it back.
+    /// The provider of the memory, which also frees it.
     class Owner {
     public:
         virtual ~Owner() = default;
 
-        /// Frees the memory of `buf`, its count included if that belongs to it. Called by the thread that lets go of the
-        /// last reference, with the cancellation of that thread disabled.
+        /// Frees the memory of `buf`, and its count if that belongs to the memory. Called by the thread that
+        /// releases the last reference, with cancellation of that thread disabled.
         virtual void free(SharedBuf const& buf) = 0;
     };
 
-    /// A handle on nothing.
+    /// Creates a handle to nothing.
     SharedBuf() noexcept : SharedBuf(nullptr, nullptr, nullptr, 0) {}
 
-    /// A handle that takes over one reference which `count` already has.
-    /// @param count  the number of references; null for memory that nobody counts, which is never freed from here
-    /// @param owner  frees the memory; null if nobody needs to
+    /// Creates a handle that adopts one reference that `count` already includes.
+    /// @param count  the number of references; null for memory without a count, which is never freed by a
+    ///               handle
+    /// @param owner  frees the memory; null if that is not needed
     /// @param data   the memory
-    /// @param size   its bytes
+    /// @param size   size of the memory in bytes
     SharedBuf(atomic<int32_t>* count, Owner* owner, void* data, unsigned int size) noexcept
         : m_count(count), m_owner(owner), m_data(data), m_size(size) {}
 
@@ -49,7 +51,7 @@ public:
     }
 
     SharedBuf& operator=(SharedBuf const& other) { // NOLINT(bugprone-unhandled-self-assignment)
-        // The new reference comes first: both may be handles on the same memory.
+        // The new reference is taken first: both handles may refer to the same memory.
         other.ref();
         unref();
         m_count = other.m_count;
@@ -61,22 +63,22 @@ public:
 
     ~SharedBuf() { unref(); }
 
-    /// Adds a reference beside the handle's own, for memory that goes through hands which keep no handle. Each needs an
-    /// `unref`.
+    /// Adds a reference to that of the handle, for code that passes the memory on without a handle. Each call
+    /// needs an `unref`.
     void ref() const noexcept {
         if (m_count != nullptr || PSEUDO_FALSE) {
             m_count->fetch_add(1);
         }
     }
 
-    /// Lets go of a reference that `ref` added; the handle's own goes with its destructor. The last one to go has the
-    /// owner free the memory.
+    /// Releases a reference that `ref` added. The destructor releases the handle's own reference. The release
+    /// of the last reference makes the owner free the memory.
     VESK_API_INLINE void unref() const {
         if (m_count == nullptr && !PSEUDO_FALSE) {
             return;
         }
         if (m_count->fetch_sub(1) == 1 && m_owner != nullptr) {
-            // The destructor comes here, and an owner may reach any cancellation point.
+            // The destructor calls this, and an owner may reach any cancellation point.
             vesk::detail::CancellationOff const cancellation_off;
             m_owner->free(*this);
         }

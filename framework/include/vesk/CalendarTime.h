@@ -8,20 +8,21 @@
 
 namespace vesk {
 
-/// One date and time of day in local time, in the form that people read.
+/// A date and time of day in local time, with the fields of the civil calendar.
 ///
 ///     vesk::CalendarTime const now(true);
 ///     printf("%d-%02d-%02d\n", now.getYear(), static_cast<int>(now.getMonth()) + 1, now.getDay());
 ///
-/// It is not a clock: an object keeps what it was given. Setters store any value as it is; neither is a field checked
-/// nor does the weekday follow the date. What lies outside of its range, such as day 40, counts on into the next month
-/// when the date becomes a timestamp.
+/// It is not a clock: an object keeps the values that it was given. Setters store any value unchecked, and
+/// the weekday does not follow the date. When the date becomes a timestamp, a field outside of its range,
+/// such as day 40, carries over into the next month.
 ///
-/// An object belongs to one thread at a time; different objects may be used from any thread. The time zone is that of
-/// the environment's `TZ` as the library found it at its start. Nothing blocks.
+/// An object belongs to one thread at a time; different objects may be used from any thread. The time zone is
+/// that of the environment variable `TZ`. The start-up of the library reads it, and each conversion with
+/// `mktime` reads it again. No operation blocks.
 class VESK_API CalendarTime {
 public:
-    /// The numbering of `tm_mon`: counted from 0.
+    /// Months in the numbering of `tm_mon`, which starts at 0.
     enum class Month {
         JANUARY = 0,
         FEBRUARY = 1,
@@ -37,7 +38,7 @@ public:
         DECEMBER = 11,
     };
 
-    /// The numbering of `tm_wday`: counted from Sunday.
+    /// Days of the week in the numbering of `tm_wday`, which starts with Sunday.
     enum class WeekDay {
         SUNDAY = 0,
         MONDAY = 1,
@@ -65,43 +66,51 @@ public:
     /// @return false: it cannot fail
     static bool init();
 
+    /// Creates the present date, or the epoch.
     /// @param now  true for `retrieveDate`, false for `resetToEpoch`
     explicit CalendarTime(bool now);
 
-    /// 1 January 1970, 0:00:00, a Sunday: all that can be 0 is, though that day was a Thursday.
+    /// Sets the date to 1 January 1970, 0:00:00, a Sunday. The weekday is set to 0 like the time fields,
+    /// although that day was a Thursday.
     void resetToEpoch() noexcept;
 
-    /// Takes over the present moment (`time`, and as `setTimestamp`).
+    /// Sets the date to the present moment (`time`, then as `setTimestamp`).
     void retrieveDate() noexcept;
 
-    /// Takes over a moment, weekday included (`localtime_r`). A leap second reads as second 59.
+    /// Sets the date to a moment, including the weekday (`localtime_r`). A leap second becomes second 59.
     ///
-    /// A moment that the system cannot tell in local time, or that lies outside of the years 0 to 65535, leaves the
-    /// object as it is. With a 32-bit `time_t` that is what lies before December 1901 or after January 2038.
-    /// @param ms  since the beginning of 1970, UTC, in milliseconds; the part below a second is cut off toward zero
+    /// Leaves the object unchanged if the system cannot convert the moment to local time, or if its year is
+    /// not in the range 0 to 65535. With a 32-bit `time_t` that applies to moments before December 1901 and
+    /// after January 2038.
+    /// @param ms  milliseconds since the beginning of 1970, UTC; the part below a second is truncated toward
+    ///            zero
     void setTimestamp(long long ms) noexcept;
 
-    /// The moment of this date in milliseconds since the beginning of 1970, UTC (`mktime`). Whether daylight saving is in
-    /// force is found out. The object is not changed.
+    /// Returns the moment of this date in milliseconds since the beginning of 1970, UTC (`mktime`).
+    /// Determines whether daylight saving time is in force. Does not change the object.
     ///
-    /// The first hours of 1970 are negative results east of Greenwich, and no failure.
-    /// @return -1 for a year below 1970: `ErrorId::YEAR_OUT_OF_RANGE`. A date that `mktime` refuses gives -1000 without a report.
+    /// East of Greenwich, the first hours of 1970 give negative results, which are not failures.
+    /// @return -1 for a year below 1970: `ErrorId::YEAR_OUT_OF_RANGE`. A date that `mktime` rejects gives
+    ///         -1000 without a report.
     long long getTimestamp() const;
 
-    /// How far two dates are apart.
-    /// @return milliseconds, at least 0, in either order. -1 on failure, which a date before the beginning of 1970, UTC,
-    ///         is: `ErrorId::YEAR_OUT_OF_RANGE` as in `getTimestamp`, else `ErrorId::ASSEMBLY_FAILED`. The latter is not reported while a chain of `Error` is
-    ///         pending already: acknowledge what you have handled.
+    /// Returns the distance between two dates.
+    /// @return milliseconds, at least 0 in either order. -1 on failure, which includes a date before the
+    ///         beginning of 1970, UTC: `ErrorId::YEAR_OUT_OF_RANGE` as in `getTimestamp`, otherwise
+    ///         `ErrorId::ASSEMBLY_FAILED`. The latter is not reported while a chain of `Error` is already
+    ///         pending: acknowledge handled chains first.
     static long long getTimediff(CalendarTime const& a, CalendarTime const& b);
 
-    /// Sets the clock of the system to this date (`mktime`, `clock_settime`), which needs the right to. The date counts
-    /// as one without daylight saving, and its year is not checked.
-    /// @return true on failure: `ErrorId::ASSEMBLY_FAILED` if the fields make no date. If the system refuses: `SysErrorId::PERMISSION_DENIED` without the
-    ///         right, 8 for a time that it does not take, 10 for a bad address, else `ErrorId::SET_DATE_FAILED`.
+    /// Sets the clock of the system to this date (`mktime`, `clock_settime`), which requires the privilege to
+    /// do so. The date is interpreted without daylight saving time, and its year is not checked.
+    /// @return true on failure: `ErrorId::ASSEMBLY_FAILED` if the fields do not form a date. If the system
+    ///         refuses: `SysErrorId::PERMISSION_DENIED` without the privilege,
+    ///         `SysErrorId::INVALID_PARAMETER` for a time that it does not accept,
+    ///         `SysErrorId::SPOILED_INTEGRITY` for a bad address, otherwise `ErrorId::SET_DATE_FAILED`.
     bool changeDate();
 
-    /// Stores all fields but the weekday, which stays.
-    /// @param year    as in 2026
+    /// Stores all fields except the weekday, which keeps its value.
+    /// @param year    full year, such as 2026
     /// @param day     1 to 31
     /// @param hour    0 to 23
     /// @param minute  0 to 59
@@ -110,7 +119,7 @@ public:
         unsigned short year, CalendarTime::Month month, unsigned char day, unsigned char hour,
         unsigned char minute, unsigned char second) noexcept;
 
-    /// Gives all fields but the weekday.
+    /// Returns all fields except the weekday.
     void getDate(
         unsigned short& year, CalendarTime::Month& month, unsigned char& day, unsigned char& hour,
         unsigned char& minute, unsigned char& second) const noexcept;

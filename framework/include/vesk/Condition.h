@@ -11,21 +11,24 @@
 
 namespace vesk {
 
-/// A condition between the threads of one process.
+/// A condition variable between the threads of one process.
 ///
-/// Its first wait binds it to a mutex for ever. Waits are on the monotonic clock: setting the date disturbs none of
-/// them. A waiter holds the mutex, checks what it waits for in a loop, and may be woken without a signal:
+/// The first wait binds it permanently to a mutex. Waits use the monotonic clock: setting the date does not
+/// affect them. A waiter holds the mutex, checks the state that it waits for in a loop, and may be woken
+/// without a signal:
 ///
 ///     vesk::MutexLock const lock(mutex);
 ///     while (!ready) {
 ///         if (condition.wait(mutex)) { ... }
 ///     }
 ///
-/// All operations may be called from any thread. Destroying it while somebody waits is not allowed. Waits are
-/// cancellation points: a cancelled thread is unwound from them with the mutex held, and its `MutexLock` lets go of it.
+/// All operations may be called from any thread. The condition must not be destroyed while a thread waits.
+/// Waits are cancellation points: cancellation unwinds the thread with the mutex held, and its `MutexLock`
+/// releases the mutex.
 class VESK_API Condition : private tarnbase::NonCopyable {
 public:
-    /// Failures of conditions that lie in shared memory; this class reports rows of `SysError`. Derives from it.
+    /// Failures of conditions in shared memory. This class itself reports rows of `SysError`. Derives from
+    /// `SysError`.
     static std::ErrorType const Error;
 
     /// The reports of `Error`.
@@ -41,21 +44,23 @@ public:
     Condition();
     ~Condition();
 
-    /// Waits for a signal, with `mutex` held by the caller; it is let go of meanwhile (`pthread_cond_wait`).
-    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, for another mutex than that of the first wait with the text "Using
-    ///         Condition with different Mutexes" (the binding and other waiters are not touched), else with the
-    ///         result of the wait
+    /// Waits for a signal (`pthread_cond_wait`). The caller must hold `mutex`, which is released during the
+    /// wait.
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`. If `mutex` is not that of the first wait,
+    ///         the text is "Using Condition with different Mutexes", and neither the binding nor other
+    ///         waiters are affected. Otherwise the argument is the result of the wait.
     bool wait(Mutex& mutex);
 
-    /// The same until a deadline at most (`pthread_cond_timedwait`).
-    /// @param deadline  on the monotonic clock; `tarnbase::TimePoint::MAX` is none, what has passed returns at once.
-    ///                  Its flag is not looked at.
-    /// @return 0 woken, 1 timed out (not reported), -1 on failure, as for `wait`
+    /// Waits for a signal until a deadline at most (`pthread_cond_timedwait`).
+    /// @param deadline  on the monotonic clock; `tarnbase::TimePoint::MAX` waits without a limit, a deadline
+    ///                  that has passed returns at once. The flag of the deadline is ignored.
+    /// @return 0 if woken, 1 if timed out (not reported), -1 on failure as for `wait`
     signed char waitTimeout(Mutex& mutex, AbsTimeT const& deadline);
 
-    /// Wakes one waiter (`pthread_cond_signal`). Does nothing, with success, if nobody ever waited. Does not block. The
-    /// caller need not hold the mutex.
-    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` for a broken condition, else 19, with the result as the argument
+    /// Wakes one waiter (`pthread_cond_signal`). Does nothing and succeeds if there has been no wait yet.
+    /// Does not block. The caller need not hold the mutex.
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` for a broken condition, otherwise
+    ///         `SysErrorId::UNCLASSIFIED`, with the result as the argument
     bool signal();
 
 private:

@@ -2,11 +2,11 @@
 
 #include <tarncommon/Widths.h>
 
-/// Marks what `libvesk.so` exports; everything else in it is hidden.
+/// Marks the symbols that `libvesk.so` exports. All others are hidden.
 #define VESK_API __attribute__((visibility("default")))
 
-/// Marks an inline function or constant of which `libvesk.so` also exports a copy, for programs that call it there. Only
-/// src/vesk/InlineCopies.cpp makes the copies.
+/// Marks an inline function or constant of which `libvesk.so` also exports a copy, for programs that are
+/// linked against it. Only src/vesk/InlineCopies.cpp makes the copies.
 #if defined(VESK_MAKE_INLINE_COPIES)
 #define VESK_API_INLINE __attribute__((visibility("default"), used))
 #else

@@ -6,11 +6,12 @@
 
 namespace vesk {
 
-/// Permission bits of a file, as the system's `mode_t` has them: `open`, `mkdir` and `chmod` take it as it stands.
+/// Permission bits of a file, identical to those of the system's `mode_t`: `open`, `mkdir` and `chmod` take
+/// it directly.
 ///
 ///     vesk::FileAccess const access = vesk::FileAccess::owner_all | vesk::FileAccess::group_read;
 ///
-/// The constants are there before any initialiser runs.
+/// The constants are constant-initialized, so that every initializer may use them.
 class VESK_API FileAccess {
 public:
     constexpr explicit FileAccess(unsigned int bits) noexcept : m_bits(bits) {}
@@ -40,11 +41,12 @@ public:
     static FileAccess const others_write;
     static FileAccess const others_exec;
     static FileAccess const others_all;
-    static FileAccess const all;        ///< All of the nine bits of owner, group and others.
-    static FileAccess const set_uid;    ///< Runs as the file's owner.
-    static FileAccess const set_gid;    ///< Runs as the file's group.
-    static FileAccess const sticky_bit; ///< In such a directory only owners remove their files.
-    static FileAccess const mask;       ///< Every bit that a file's access has.
+    static FileAccess const all;     ///< All nine bits of owner, group and others.
+    static FileAccess const set_uid; ///< Executes with the user id of the file's owner.
+    static FileAccess const set_gid; ///< Executes with the group id of the file's group.
+    static FileAccess const
+        sticky_bit;               ///< In a directory: only its owner and the owner of a file remove the file.
+    static FileAccess const mask; ///< All permission bits.
 
 private:
     unsigned int m_bits;

@@ -6,8 +6,8 @@
 
 namespace vesk {
 
-/// What a failure means for the path it concerns. It has no parent; its reports stand on top of one of `SysError`, and
-/// the argument of every row is the path.
+/// The meaning of a failure for the path that it concerns. It has no parent. Its reports are on top of a
+/// report of `SysError`, and the argument of every row is the path.
 extern VESK_API std::ErrorType const FileAccessError;
 
 /// The reports of `FileAccessError`.
@@ -17,7 +17,7 @@ enum Id : int {
     NOT_A_DIRECTORY = 1, ///< The path is not a directory.
     IS_A_DIRECTORY = 2,  ///< The path is a directory.
     ACCESS_DENIED = 3,   ///< The process lacks the permission.
-    ALREADY_EXISTS = 4,  ///< The path exists already.
+    ALREADY_EXISTS = 4,  ///< The path already exists.
     BUSY = 5,            ///< The path is in use.
     NO_DESCRIPTOR = 6,   ///< The process or the system has no descriptor left.
     NO_SPACE = 7,        ///< The file system is full.
@@ -31,15 +31,15 @@ constexpr std::ErrorType const& familyOf(Id /*unused*/) noexcept {
 }
 } // namespace FileAccessErrorId
 
-/// The same family under its other name.
+/// The same family under another name.
 extern VESK_API std::ErrorType const& OpenError;
 
 /// Classifies the failure of an open and reports it: a row of `SysError` that opens a chain, then a row of
 /// `FileAccessError` with the path on top of it.
 ///
 /// @param error_number  the `errno` of the open
-/// @param path          what was to be opened, for the report
-/// @return true if the open is to be repeated (`EINTR`, nothing is reported), false when the reports are made
+/// @param path          the path of the open, for the report
+/// @return true if the open must be repeated (`EINTR`, nothing is reported), false after the reports
 VESK_API bool handleOpenError(int error_number, char const* path);
 
 } // namespace vesk

@@ -9,7 +9,7 @@
 
 namespace vesk {
 
-/// A lock between the threads of one process that checks its owner and reports what goes wrong.
+/// A lock between the threads of one process that checks its owner and reports failures.
 ///
 ///     vesk::Mutex mutex;
 ///     {
@@ -17,8 +17,8 @@ namespace vesk {
 ///         ...
 ///     }
 ///
-/// All operations may be called from any thread. A failed `lock` means that the caller must not rely on the critical
-/// section. To share a lock between processes use `ShmMutex`.
+/// All operations may be called from any thread. After a failed `lock` the caller must not rely on the
+/// critical section. To share a lock between processes use `ShmMutex`.
 class VESK_API Mutex : private tarnbase::NonCopyable {
 public:
     /// Failures of locks. Derives from `SysError`.
@@ -35,24 +35,25 @@ public:
     /// Returns the family of these ids.
     friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
-    /// Creates the lock; being unable to ends the process (see `threadsafe::MutexImpl`).
-    /// @param recursive  whether the owner may lock it again; it is free after as many calls of `unlock`
+    /// Creates the lock. A failure ends the process (see `threadsafe::MutexImpl`).
+    /// @param recursive  whether the owner may lock it again; it is free after an equal number of calls of
+    ///                   `unlock`
     VESK_API_INLINE explicit Mutex(bool recursive = false) : m_impl(recursive) {}
 
-    /// Makes a static lock, which exists before any initialiser runs: `vesk::Mutex s_lock(threadsafe::CONSTANT_INIT);`
+    /// Creates a static lock, which is constant-initialized: `vesk::Mutex s_lock(threadsafe::CONSTANT_INIT);`
     constexpr explicit Mutex(threadsafe::ConstantInit) noexcept : m_impl(threadsafe::CONSTANT_INIT) {}
 
     /// Waits for the lock (`pthread_mutex_lock`).
-    /// @return true on failure: `ErrorId::INCONSISTENT` if the caller holds a lock that is not recursive, or it is broken; `ErrorId::LOCK_FAILED`
-    ///         for any other reason
+    /// @return true on failure: `ErrorId::INCONSISTENT` if the caller already holds a lock that is not
+    ///         recursive, or if the lock is broken; otherwise `ErrorId::LOCK_FAILED`
     VESK_API_INLINE bool lock() const noexcept {
         int const result = m_impl.lock();
         return __builtin_expect(result != 0, 0) && reportLock(result);
     }
 
-    /// Lets go of the lock (`pthread_mutex_unlock`). Does not block.
-    /// @return true on failure: `ErrorId::INCONSISTENT` if the caller does not hold it, or it is broken; `ErrorId::UNLOCK_FAILED` for any other
-    ///         reason
+    /// Releases the lock (`pthread_mutex_unlock`). Does not block.
+    /// @return true on failure: `ErrorId::INCONSISTENT` if the caller does not hold the lock, or if it is
+    ///         broken; otherwise `ErrorId::UNLOCK_FAILED`
     VESK_API_INLINE bool unlock() const noexcept {
         int const result = m_impl.unlock();
         return __builtin_expect(result != 0, 0) && reportUnlock(result);
@@ -67,7 +68,7 @@ private:
     mutable threadsafe::MutexImpl m_impl;
 };
 
-/// Holds a `Mutex` for the length of a scope.
+/// Guard that holds a `Mutex` for the duration of a scope.
 using MutexLock = ScopedLock<Mutex const>;
 
 } // namespace vesk

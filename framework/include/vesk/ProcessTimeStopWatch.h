@@ -5,14 +5,14 @@
 
 namespace vesk {
 
-/// Measures the processor time of a process, all of its threads together.
+/// Stopwatch for the processor time of a process, the sum of all its threads.
 ///
 ///     vesk::ProcessTimeStopWatch own(true);
 ///     vesk::ProcessTimeStopWatch other(pid, true);
 ///     if (other.hasFailed()) { ... }
 class VESK_API ProcessTimeStopWatch : public StopWatchBase {
 public:
-    /// On the clock of the calling process (`CLOCK_PROCESS_CPUTIME_ID`).
+    /// Uses the clock of the calling process (`CLOCK_PROCESS_CPUTIME_ID`).
     /// @param auto_start  whether to `start` at once
     VESK_API_INLINE explicit ProcessTimeStopWatch(bool auto_start) : StopWatchBase(CLOCK_PROCESS_CPUTIME_ID) {
         if (auto_start) {
@@ -20,13 +20,14 @@ public:
         }
     }
 
-    /// On the clock of any process (`clock_getcpuclockid`). Without it the stopwatch stays stopped, `hasFailed` is
-    /// true, and `Time::ErrorId::NO_CLOCK` is pending. When the process ends later, the clock cannot be read any more.
-    /// @param pid         the process, 0 for the calling one
+    /// Uses the clock of any process (`clock_getcpuclockid`). If there is no such clock, the stopwatch stays
+    /// stopped, `hasFailed` returns true, and `Time::ErrorId::NO_CLOCK` is pending. After the end of the
+    /// process the clock can no longer be read.
+    /// @param pid         the process, 0 for the calling process
     /// @param auto_start  whether to `start` at once
     ProcessTimeStopWatch(int pid, bool auto_start);
 
-    /// A process id alone would pass for `auto_start`.
+    /// Deleted because a process id alone would convert to `auto_start`.
     explicit ProcessTimeStopWatch(int pid) = delete;
 };
 

@@ -8,7 +8,7 @@
 
 namespace vesk {
 
-/// A lock between the threads of one process that many readers or one writer can hold.
+/// A lock between the threads of one process that either many readers or one writer can hold.
 ///
 ///     vesk::RWLock lock;
 ///     {
@@ -16,9 +16,9 @@ namespace vesk {
 ///         ...
 ///     }
 ///
-/// All operations may be called from any thread. Readers come first: as long as some hold the lock, others join them,
-/// and a thread may take it for reading more than once. It cannot turn a read lock into a write lock. To share a lock
-/// between processes use `ShmRWLock`.
+/// All operations may be called from any thread. Readers have precedence: while readers hold the lock, others
+/// may join them, and a thread may take it for reading more than once. A read lock cannot be converted into a
+/// write lock. To share a lock between processes use `ShmRWLock`.
 class RWLock : public RWLockBase {
 public:
     /// Failures of read-write locks. Derives from `SysError`.
@@ -27,7 +27,7 @@ public:
     /// The reports of `Error`.
     enum ErrorId : int {
         CREATE_FAILED = 0,     ///< Creating the lock failed.
-        DEADLOCK = 1,          ///< The calling thread holds the lock already.
+        DEADLOCK = 1,          ///< The calling thread already holds the lock.
         TOO_MANY_LOCKS = 2,    ///< The maximum number of locks for reading is reached.
         READ_LOCK_FAILED = 3,  ///< Locking for reading failed.
         WRITE_LOCK_FAILED = 4, ///< Locking for writing failed.
@@ -37,14 +37,15 @@ public:
     /// Returns the family of these ids.
     friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
-    /// Creates the lock (see `RWLockOps::init` for its reports); `isValid` tells whether it worked. Nobody may hold it when
-    /// it is destroyed; a failure is then a warning, "Error destroying RWLock!", and no report stays pending.
+    /// Creates the lock (see `RWLockOps::init` for its reports). `isValid` returns whether it succeeded. No
+    /// thread may hold the lock when it is destroyed. A failure of the destruction is a warning,
+    /// "Error destroying RWLock!", and leaves no report pending.
     RWLock() : RWLockBase(false) {}
 };
 
-/// Holds a `RWLock` for reading for the length of a scope.
+/// Guard that holds a `RWLock` for reading for the duration of a scope.
 using RWLockForRead = ScopedLock<RWLock const, &RWLock::lockForRead>;
-/// Holds a `RWLock` for writing for the length of a scope.
+/// Guard that holds a `RWLock` for writing for the duration of a scope.
 using RWLockForWrite = ScopedLock<RWLock const, &RWLock::lockForWrite>;
 
 } // namespace vesk

@@ -5,8 +5,8 @@
 
 namespace vesk {
 
-/// Measures the time that passes, on the monotonic clock (`CLOCK_MONOTONIC`): in spite of its name not on the wall
-/// clock, so setting the date does not disturb it.
+/// Stopwatch for elapsed time, on the monotonic clock (`CLOCK_MONOTONIC`). Despite its name it does not use
+/// the wall clock, so setting the date does not affect it.
 ///
 ///     vesk::RealtimeStopWatch watch(true);
 ///     ...

@@ -11,7 +11,7 @@
 
 namespace vesk {
 
-/// Base of small handles whose copies share what they stand for: the last copy to go frees it.
+/// Base of small handles with copies that share a resource: the destruction of the last copy frees it.
 ///
 ///     class Door final : public vesk::RefCounted {
 ///     public:
@@ -26,17 +26,18 @@ namespace vesk {
 ///         int m_fd;
 ///     };
 ///
-/// `decrement()` belongs into the destructor of the class that has `destroy()`, exactly once: in the base's destructor
-/// the derived object would be gone already.
+/// The destructor of the class that defines `destroy()` must call `decrement()` exactly once: in the
+/// destructor of the base the derived object no longer exists.
 ///
-/// Handles of the same thing may be copied and destroyed by different threads at once; one handle belongs to one thread at
-/// a time. The counts come from one pool of the process with room for 1,024 of them, which grows beyond that and
-/// shrinks again: a copy costs one atomic increment and never allocates, blocks or fails. Making a handle that is no copy,
-/// and ending the last one, may take the pool's lock, a leaf that nothing is called under. Handles may be global objects
-/// of any library or program.
+/// Handles of the same resource may be copied and destroyed by different threads concurrently; a single
+/// handle belongs to one thread at a time. The counts come from one pool of the process with space for 1,024
+/// of them, which grows beyond that and shrinks again. A copy costs one atomic increment and never allocates,
+/// blocks or fails. Creating a handle that is not a copy, and destroying the last handle of a resource, may
+/// take the pool's lock, a leaf lock: no other lock of the library is taken under it. Handles may be global
+/// objects of any library or program.
 ///
-/// Should there be no memory for a count, the handle does without: it and its copies work, but nobody can tell which of
-/// them is the last, so `destroy()` is never called for them.
+/// If there is no memory for a count, the handle has none. It and its copies work, but the last of them
+/// cannot be determined, so `destroy()` is never called for them.
 class VESK_API RefCounted {
 public:
     virtual ~RefCounted() = default;
@@ -45,8 +46,8 @@ protected:
     using CounterPool = std::MemoryPool<std::UsePoolOnDepletion, Mutex, std::FakeCondition>;
     using Counter = std::atomic<int32_t>;
 
-    /// Takes a count of its own, 1. The first one of the process builds the pool, which may throw `std::bad_alloc`; the
-    /// next one then tries again.
+    /// Takes a new count, 1. The first handle of the process creates the pool, which may throw
+    /// `std::bad_alloc`. In that case the next handle tries again.
     VESK_API_INLINE RefCounted() : counter(nullptr) {
         void* item = takeSpare();
         if (__builtin_expect(item == nullptr, 0)) {
@@ -64,9 +65,9 @@ protected:
         }
     }
 
-    /// Lets go of what the handle stands for, with `destroy()` if it was the last, and shares the count of `other`. The
-    /// derived class copies its own fields afterwards, as a defaulted assignment does. Two handles of the same thing, or
-    /// a handle and itself, stay as they are.
+    /// Releases the handle's resource, with `destroy()` if the handle was the last, and shares the count of
+    /// `other`. The derived class copies its own fields afterwards, as a defaulted assignment does.
+    /// Assignment between handles of the same resource, or of a handle to itself, does not change the count.
     RefCounted& operator=(RefCounted const& other) { // NOLINT(bugprone-unhandled-self-assignment)
         if (counter != other.counter) {
             Counter* const shared = other.counter;
@@ -79,26 +80,27 @@ protected:
         return *this;
     }
 
-    /// Lets go of the count; the last one to do so frees what the handles share. Call it once for each handle, from the
-    /// derived class's destructor.
+    /// Releases the count. The last release frees the shared resource. Must be called once for each handle,
+    /// from the destructor of the derived class.
     VESK_API_INLINE void decrement() {
         if (counter != nullptr && counter->fetch_sub(1) == 1) {
             endLast();
         }
     }
 
-    /// Frees what the handles share. Called once, for the last of them, by the thread that ends it.
-    /// @return 0; nobody looks at it
+    /// Frees the shared resource. Called once, for the last handle, by the thread that destroys it.
+    /// @return 0; the result is ignored
     virtual int destroy() = 0;
 
     /// Null if there was no memory for a count.
     Counter* counter;
 
-    /// Guards the building of the pool.
+    /// Guards the creation of the pool.
     static Mutex s_init_lock;
-    /// 0 until the pool has been made.
+    /// 0 until the pool has been created.
     static std::atomic<int32_t> s_init_counter;
-    /// The counts of the process. The end of the process does not free them: handles may outlive every other object.
+    /// The counts of the process. The end of the process does not free them: handles may outlive every other
+    /// object.
     static std::atomic<CounterPool*> s_counter_pool;
 
 private:
@@ -106,7 +108,7 @@ private:
 
     static void doInit();
 
-    /// The pool, built if this is its first use.
+    /// Returns the pool, which the first use creates.
     static CounterPool* checkInit() {
         CounterPool* pool = s_counter_pool.load(std::memory_order_acquire);
         if (__builtin_expect(pool != nullptr, 1)) {
@@ -120,8 +122,8 @@ private:
         return s_counter_pool.load(std::memory_order_acquire);
     }
 
-    /// The item of the pool's own block that was given back last stays out of the free stack: a handle that is made and
-    /// ended in passing costs no lock.
+    /// Takes the spare item, null if there is none. The item of the pool's own block that was put back last
+    /// stays out of the free stack as a spare: creating and destroying a temporary handle takes no lock.
     static void* takeSpare() noexcept {
         return s_spare.load(std::memory_order_relaxed) != nullptr
             ? s_spare.exchange(nullptr, std::memory_order_acquire)

@@ -9,8 +9,8 @@
 
 namespace vesk {
 
-/// Keeps the calling thread's error chain across a clean-up that may report for itself, such as the `close` after a
-/// failed `bind`:
+/// A saved copy of the calling thread's error chain, for a clean-up that may report as well, such as the
+/// `close` after a failed `bind`:
 ///
 ///     vesk::SavedErrorChain saved;
 ///     if (close()) {
@@ -18,17 +18,19 @@ namespace vesk {
 ///     }
 ///     saved.restore();
 ///
-/// Lives on the stack, allocates nothing, cannot fail.
+/// Intended for the stack. Allocates nothing and cannot fail.
 class VESK_API SavedErrorChain : private tarnbase::NonCopyable {
 public:
-    /// How many reports are kept.
+    /// The maximum number of reports that are kept.
     static constexpr unsigned int CAPACITY = 8;
 
-    /// Copies the pending chain, of a longer one the 8 reports of the highest level, and acknowledges it.
+    /// Copies the pending chain and acknowledges it. Of a longer chain, it copies the 8 reports of the
+    /// highest level.
     SavedErrorChain() noexcept;
 
-    /// Reports the copies again, in their old order and with their own places: the lowest opens a new chain. Does
-    /// nothing if no chain was pending. What the clean-up left pending is to be acknowledged before.
+    /// Reports the copies again, in their original order and with their original places: the lowest opens a
+    /// new chain. Does nothing if no chain was pending. The caller must acknowledge the reports of the
+    /// clean-up before.
     void restore() const noexcept;
 
 private:

@@ -9,29 +9,29 @@
 
 namespace vesk {
 
-/// A read-write lock whose object may lie in memory that several processes map: build it there once, with placement new,
-/// and use it from all of them.
+/// A read-write lock for memory that several processes map. Construct it there once, with placement new, and
+/// use it from all of them.
 ///
 ///     auto* lock = new (shared_memory) vesk::ShmRWLock;
 ///     if (!lock->isValid()) { ... }
 ///     vesk::ShmRWLockForWrite const guard(*lock);
 ///
-/// Its operations are those of `RWLock` and may be called from any thread of any process. A process may not end while it
-/// holds the lock or waits for it.
+/// Its operations are those of `RWLock` and may be called from any thread of any process. A process must not
+/// end while it holds the lock or waits for it.
 class ShmRWLock : public RWLockBase {
 public:
     /// The family of `RWLock`.
     static VESK_API std::ErrorType const& Error;
     using ErrorId = RWLock::ErrorId;
 
-    /// Creates the lock (see `RWLockOps::init` for its reports); `isValid` tells whether it worked. Only one process may
-    /// destroy it, when no other uses it.
+    /// Creates the lock (see `RWLockOps::init` for its reports). `isValid` returns whether it succeeded. Only
+    /// one process may destroy it, when no other uses it.
     ShmRWLock() : RWLockBase(true) {}
 };
 
-/// Holds a `ShmRWLock` for reading for the length of a scope.
+/// Guard that holds a `ShmRWLock` for reading for the duration of a scope.
 using ShmRWLockForRead = ScopedLock<ShmRWLock const, &ShmRWLock::lockForRead>;
-/// Holds a `ShmRWLock` for writing for the length of a scope.
+/// Guard that holds a `ShmRWLock` for writing for the duration of a scope.
 using ShmRWLockForWrite = ScopedLock<ShmRWLock const, &ShmRWLock::lockForWrite>;
 
 } // namespace vesk

@@ -7,7 +7,7 @@
 
 namespace vesk {
 
-/// What the stopwatches have in common: it measures periods on one clock of the system and adds them up. Take one of
+/// Common base of the stopwatches: measures periods on one clock of the system and adds them up. Use one of
 /// `RealtimeStopWatch`, `ThreadTimeStopWatch` and `ProcessTimeStopWatch`:
 ///
 ///     vesk::RealtimeStopWatch watch(true);
@@ -15,44 +15,46 @@ namespace vesk {
 ///     watch.stop();
 ///     long long const us = watch.getStoppedTime(vesk::StopWatchBase::TimeUnit::MICROSECONDS);
 ///
-/// It is stopped or running. While it runs, a period is open, which `peekRuntime` tells; the periods that are over are
-/// in `getStoppedTime`; `getElapsedTime` is the sum of the two.
+/// A stopwatch is stopped or running. While it runs, a period is open. `peekRuntime` returns the length of
+/// the open period, `getStoppedTime` the sum of the closed periods, and `getElapsedTime` the sum of both.
 ///
-/// A clock that cannot be read leaves a report pending, `Time::ErrorId::GET_TIME_FAILED`, and `hasFailed` tells.
+/// If the clock cannot be read, the report `Time::ErrorId::GET_TIME_FAILED` is pending and `hasFailed`
+/// returns true.
 ///
-/// It is not locked: one stopwatch belongs to one thread at a time, even to read it. Nothing blocks or allocates. Reading
-/// the clock is a `clock_gettime`.
+/// A stopwatch has no lock: it belongs to one thread at a time, even for reading. No operation blocks or
+/// allocates. The clock is read with `clock_gettime`.
 ///
-/// Times come in milliseconds or in microseconds, rounded down. Milliseconds are made from seconds in 32 bits: the count
-/// wraps around above 2,147,483 seconds (24.8 days). For more than that take microseconds, which hold 68 years.
+/// Times are in milliseconds or in microseconds, rounded down. Milliseconds are computed from seconds in 32
+/// bits: the value wraps around above 2,147,483 seconds (24.8 days). Use microseconds for longer times; they
+/// cover 68 years.
 class VESK_API StopWatchBase {
 public:
-    /// The unit of a result. Whatever is not milliseconds is microseconds.
+    /// The unit of a result. Any value other than `MILLISECONDS` counts as microseconds.
     enum class TimeUnit { MILLISECONDS = 0, MICROSECONDS = 1 };
 
-    /// Opens a period. While one is open it does nothing: the period keeps its start.
-    /// A clock that cannot be read leaves the stopwatch stopped, with the failure as told above.
+    /// Opens a period. Does nothing while a period is open, which keeps its start. If the clock cannot be
+    /// read, the stopwatch stays stopped and the failure is reported (see the class).
     void start();
 
-    /// Closes the period and adds its length up; without an open one it does nothing.
-    /// A clock that cannot be read leaves the period open, with the failure as told above.
+    /// Closes the period and adds its length to the sum. Does nothing without an open period. If the clock
+    /// cannot be read, the period stays open and the failure is reported (see the class).
     void stop();
 
-    /// Forgets all closed periods. An open one goes on.
+    /// Discards all closed periods. An open period is not affected.
     void reset() noexcept;
 
-    /// The sum of all closed periods. Cannot fail.
+    /// Returns the sum of all closed periods. Cannot fail.
     long long getStoppedTime(TimeUnit unit) const noexcept;
 
-    /// How long the open period is by now, 0 if none is open. A clock that cannot be read gives 0, with the failure as
-    /// told above.
+    /// Returns the present length of the open period, 0 if no period is open. If the clock cannot be read,
+    /// returns 0 and reports the failure (see the class).
     long long peekRuntime(TimeUnit unit) const;
 
-    /// `getStoppedTime` plus `peekRuntime`.
+    /// Returns `getStoppedTime` plus `peekRuntime`.
     long long getElapsedTime(TimeUnit unit) const;
 
-    /// Whether the last `start`, `stop` or look at the open period could not read the clock, or there was no clock to
-    /// be had for the constructor.
+    /// Returns whether the last `start`, `stop`, `peekRuntime` or `getElapsedTime` could not read the clock,
+    /// or the constructor found no clock.
     bool hasFailed() const noexcept { return m_failed; }
 
 protected:
@@ -61,12 +63,13 @@ protected:
     StopWatchBase(StopWatchBase const&) noexcept = default;
     StopWatchBase& operator=(StopWatchBase const&) noexcept = default;
 
-    /// For a constructor that does not find its clock: stopped, `hasFailed`, and every `start` fails.
+    /// Marks the stopwatch as having no clock, for a constructor that does not find its clock: it is stopped,
+    /// `hasFailed` returns true, and every `start` fails.
     void setNoClock() noexcept;
     void setClock(clockid_t clock) noexcept { m_clock = clock; }
 
 private:
-    /// A length of time. 32 bits in every build.
+    /// A length of time, in 32 bits in every build.
     struct Length {
         int32_t seconds = 0;
         int32_t nanoseconds = 0;

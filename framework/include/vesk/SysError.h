@@ -6,10 +6,10 @@
 
 namespace vesk {
 
-/// What the system's failures mean, for the whole library. The families of single classes derive from it, so
-/// `std::ErrorStorage::isA(vesk::SysError)` is true for any of them.
+/// The meaning of the system's failures, for the whole library. The families of single classes derive from
+/// it, so `std::ErrorStorage::isA(vesk::SysError)` is true for each of them.
 ///
-/// Each row's argument is the text of `SystemError`, unless an operation says otherwise.
+/// The argument of each row is the text of `SystemError`, unless an operation documents another one.
 extern VESK_API std::ErrorType const SysError;
 
 /// The reports of `SysError`.
@@ -24,11 +24,11 @@ enum Id : int {
     NOT_IMPLEMENTED = 6,      ///< The system does not implement the call.
     PERMISSION_DENIED = 7,    ///< The process lacks the permission.
     INVALID_PARAMETER = 8,    ///< The system rejected a parameter.
-    INVALID_ADDRESS = 9,      ///< A parameter points outside of the process.
+    INVALID_ADDRESS = 9,      ///< A parameter has an address outside of the process.
     SPOILED_INTEGRITY = 10,   ///< An internal invariant does not hold: a failure that the operation does not
                               ///< expect.
     INPUT_OUTPUT = 11,        ///< The device failed.
-    FILE_EXISTS = 12,         ///< A file of that name exists already.
+    FILE_EXISTS = 12,         ///< A file of that name already exists.
     IN_USE = 13,              ///< The object is still in use.
     DIRECTORY_NOT_EMPTY = 14, ///< The directory is not empty.
     NO_SPACE = 15,            ///< The file system is full.

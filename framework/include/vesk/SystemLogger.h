@@ -10,37 +10,38 @@
 
 namespace vesk {
 
-/// How much a message of `SystemLogger` matters. Any other value counts as a notice.
+/// The severity of a message of `SystemLogger`. Any other value counts as a notice.
 enum class LogLevel {
-    ERROR = 0,   ///< Arrives as `LOG_ERR`.
-    WARNING = 1, ///< Arrives as `LOG_WARNING`.
-    NOTICE = 2,  ///< Arrives as `LOG_NOTICE`.
+    ERROR = 0,   ///< Logged as `LOG_ERR`.
+    WARNING = 1, ///< Logged as `LOG_WARNING`.
+    NOTICE = 2,  ///< Logged as `LOG_NOTICE`.
 };
 
-/// Writes to the system log what the operator of the system is to see, under the identity "lumo framework" and with the
-/// process id. For what only developers want use a `tracing::Channel`.
+/// Connection to the system log for messages to the operator, with the identity "lumo framework" and the
+/// process id. For messages that only developers need use a `tracing::Channel`.
 ///
 ///     vesk::SystemLogger::getInstance().log(vesk::LogLevel::WARNING, "battery is low");
 ///
-/// There is one object in the process; it shares the connection of libc's `syslog` with whoever else calls that.
+/// The process has one object. It shares the connection of libc's `syslog` with all other code that calls
+/// `syslog`.
 ///
-/// `log` may be called from any thread. Opening and closing are for one thread at a time, while no other one logs. Whether
-/// a message arrives is not told: without a system log it is lost.
+/// `log` may be called from any thread. Opening and closing must be done by one thread at a time, while no
+/// other thread logs. Delivery is not reported: without a system log a message is lost.
 class VESK_API SystemLogger : private tarnbase::NonCopyable {
 public:
-    /// The one object, made and opened by the first call. Callable from any thread; may wait for that first call.
-    /// Being unable to lock or unlock goes to `std::GlobalErrorHandler::doAbort`.
+    /// Returns the object, which the first call creates and opens. Callable from any thread; may wait for
+    /// that first call. If locking or unlocking fails, `std::GlobalErrorHandler::doAbort` is called.
     static SystemLogger& getInstance();
 
     /// Connects to the system log (`openlog`). Does nothing while it is open.
     void openLog();
 
-    /// Lets go of the connection (`closelog`). Does nothing while it is closed.
+    /// Closes the connection (`closelog`). Does nothing while it is closed.
     void closeLog();
 
-    /// Sends a message (`syslog`), after `openLog` if the log is closed. Blocks while the system log is too busy to take
-    /// it.
-    /// @param message  taken as it is; a `%` in it is nothing special
+    /// Sends a message (`syslog`), after `openLog` if the log is closed. Blocks while the system log is too
+    /// busy to accept it.
+    /// @param message  logged unchanged; a `%` in it has no special meaning
     void log(LogLevel level, char const* message);
 
 private:

@@ -5,14 +5,14 @@
 
 namespace vesk {
 
-/// Measures the processor time of the calling thread (`CLOCK_THREAD_CPUTIME_ID`).
+/// Stopwatch for the processor time of the calling thread (`CLOCK_THREAD_CPUTIME_ID`).
 ///
 ///     vesk::ThreadTimeStopWatch watch(true);
 ///     compute();
 ///     watch.stop();
 ///
-/// Start it and stop it in the same thread. Each thread has a clock of its own: what lies between the clocks of two
-/// threads means nothing, and may even be below 0, which goes to `std::GlobalErrorHandler::doAssert`.
+/// Start it and stop it in the same thread. Each thread has its own clock: a difference between the clocks of
+/// two threads has no meaning. If its seconds are negative, `std::GlobalErrorHandler::doAssert` is called.
 class ThreadTimeStopWatch : public StopWatchBase {
 public:
     /// @param auto_start  whether to `start` at once

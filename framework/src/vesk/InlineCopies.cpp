@@ -1,5 +1,6 @@
-// Makes the library's copies of what its headers mark with VESK_API_INLINE. Callers that compile get it inline; the copies
-// are for programs that were linked against the functions.
+// Makes the library's copies of the functions that its headers mark with VESK_API_INLINE. Code that is
+// compiled against the headers gets them inline; the copies serve programs that were linked against the
+// functions.
 #define VESK_MAKE_INLINE_COPIES
 
 #include <common/SharedBuf.h>
@@ -34,8 +35,9 @@
 
 using vesk::SignalQueueImpl;
 
-// Two functions under the names that they had when their arguments were not const. As overloads they would make a call with
-// a null pointer ambiguous. A member function is called as a function with the object in front.
+// Exports two functions under their former mangled names, from when their arguments were not const. Programs
+// that were linked against those names need them. Overloads in the class would make a call with a null
+// pointer ambiguous. The ABI passes the object of a member function as the first argument.
 extern "C" {
 
 VESK_API ssize_t selfPipeWrite(SignalQueueImpl::SelfPipe* pipe, void* buffer, unsigned int length) __asm__(

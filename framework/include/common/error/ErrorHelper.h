@@ -4,19 +4,19 @@
 
 namespace std {
 
-/// Makes an allocation that must not fail: tries it until it gives memory, and tells the process through
-/// `GlobalErrorHandler::doOutOfMem` after each attempt that did not.
+/// Makes an allocation that must not fail. Repeats it until it succeeds, and calls
+/// `GlobalErrorHandler::doOutOfMem` after each failed attempt.
 ///
 ///     char* const copy = std::allocateOrWait(
 ///         [&] { return new (std::nothrow) char[size]; }, SOURCE, "checkStorage", "cannot make a copy");
 ///
 /// Blocks as long as memory is short: `doOutOfMem` waits between two attempts. Callable from any thread.
 ///
-/// @param allocate  gives a pointer, null on failure; called again and again
+/// @param allocate  returns a pointer, null on failure; called once per attempt
 /// @param file      source path of the operation that needs the memory, without an extension
-/// @param function  its plain name
-/// @param message   what the memory is for
-/// @return what `allocate` gave, never null
+/// @param function  plain name of the operation
+/// @param message   the purpose of the memory
+/// @return the result of `allocate`, never null
 template <typename Allocate>
 auto allocateOrWait(
     Allocate allocate, char const* file, char const* function, char const* message,

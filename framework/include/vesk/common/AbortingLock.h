@@ -5,16 +5,17 @@
 
 namespace vesk {
 
-/// Holds an internal lock, whose failure nobody could handle, for the length of a scope: being unable to lock or to
-/// unlock goes to `std::GlobalErrorHandler::doAbort` with "error locking" or "error unlocking", in the name of the
-/// operation that needs the lock. Should that return, the operation goes on as if it held the lock.
+/// Guard that holds an internal lock for the duration of a scope, for code that cannot handle a failure of
+/// the lock. If locking or unlocking fails, `std::GlobalErrorHandler::doAbort` is called with "error locking"
+/// or "error unlocking", in the name of the operation that needs the lock. If that call returns, the
+/// operation continues as if it held the lock.
 ///
-/// `Lock` is any class whose `lock()` and `unlock()` give a result that converts to true on failure.
+/// `Lock` is any class with `lock()` and `unlock()` that return a result which converts to true on failure.
 template <typename Lock>
 class [[nodiscard]] AbortingLock : private tarnbase::NonCopyable {
 public:
     /// @param file      source path of the operation, kept by pointer
-    /// @param function  its plain name, kept by pointer
+    /// @param function  plain name of the operation, kept by pointer
     AbortingLock(Lock& lock, char const* file, char const* function, int line = __builtin_LINE())
         : m_lock(lock), m_file(file), m_function(function), m_line(line) {
         if (m_lock.lock()) {

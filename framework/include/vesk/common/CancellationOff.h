@@ -6,12 +6,13 @@
 
 namespace vesk::detail {
 
-/// Disables the cancellation of the calling thread for the length of a scope (`pthread_setcancelstate`), and restores the
-/// state before it. A cancellation that is pending stays pending.
+/// Guard that disables cancellation of the calling thread for the duration of a scope
+/// (`pthread_setcancelstate`) and then restores the previous state. A pending cancellation stays pending.
 ///
-/// A cancelled thread is unwound by an exception, which must not leave a destructor or a `noexcept` function: there it ends
-/// the process. Each of these that reaches a cancellation point holds this guard, as does what must not be left half done.
-/// Everything that libc declares without `noexcept` counts as a cancellation point, and so does code of the user.
+/// Cancellation unwinds the thread with an exception, which must not leave a destructor or a `noexcept`
+/// function: there it ends the process. Each destructor and `noexcept` function that reaches a cancellation
+/// point therefore uses this guard, as does code that must not be left half done. All functions that libc
+/// declares without `noexcept` count as cancellation points, and so does code of the user.
 class [[nodiscard]] CancellationOff : private tarnbase::NonCopyable {
 public:
     CancellationOff() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }

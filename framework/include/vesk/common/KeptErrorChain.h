@@ -7,10 +7,11 @@
 
 namespace vesk::detail {
 
-/// Keeps the calling thread's pending error chain as it is to the end of a scope, whatever is reported and acknowledged
-/// in between: for a destructor, which may run on the way out of an operation that has failed.
+/// Guard that preserves the calling thread's pending error chain until the end of a scope, regardless of what
+/// is reported and acknowledged meanwhile. Intended for destructors, which may run while a failed operation
+/// returns.
 ///
-/// Takes no memory from the heap and does nothing while no chain is pending.
+/// Uses no heap, and does nothing while no chain is pending.
 class [[nodiscard]] KeptErrorChain : private tarnbase::NonCopyable {
 public:
     KeptErrorChain() noexcept {

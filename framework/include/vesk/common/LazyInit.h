@@ -8,7 +8,8 @@
 
 namespace vesk {
 
-/// Puts a set-up off to its first use, and runs it once however many threads ask for it at the same moment.
+/// Base of objects that defer a set-up to its first use, and run it once however many threads request it at
+/// the same time.
 ///
 ///     class LazyTable : public vesk::LazyInitBase<void*> {
 ///         bool doInit() override { ... }
@@ -17,24 +18,24 @@ namespace vesk {
 ///
 ///     if (s_table.checkInit(nullptr)) { ... }
 ///
-/// After the set-up a check is one read without a lock. All threads may check at once; while one runs the set-up the
-/// others wait for its end. The set-up must not check its own object.
+/// After the set-up a check is one read without a lock. All threads may check concurrently. While one thread
+/// runs the set-up, the others wait until it is finished. The set-up must not check its own object.
 template <typename T>
 class LazyInitBase : private tarnbase::NonCopyable {
 protected:
-    /// The set-up. `m_argument` is what the `checkInit` that runs it was given.
-    /// @return true on failure; what it reported stays pending
+    /// Performs the set-up. `m_argument` is the argument of the `checkInit` call that runs it.
+    /// @return true on failure; its reports stay pending
     virtual bool doInit() = 0;
 
 public:
     virtual ~LazyInitBase() = default;
 
-    /// Runs the set-up unless it has run. A failed one is not tried again: whoever needs its result has to look at what
-    /// the set-up left behind.
+    /// Runs the set-up unless it has run. A failed set-up is not repeated: code that needs its result has to
+    /// check the state that the set-up left.
     ///
-    /// @param argument  kept for the set-up; ignored once that has run
-    /// @return true if the set-up failed in this very call. A lock that fails goes to
-    ///         `std::GlobalErrorHandler::doAbort`.
+    /// @param argument  stored for the set-up; ignored once the set-up has run
+    /// @return true if the set-up ran in this call and failed. If the lock fails,
+    ///         `std::GlobalErrorHandler::doAbort` is called.
     bool checkInit(T argument) {
         if (__builtin_expect(m_count.peekCount() != 0, 1)) {
             return false;

@@ -6,8 +6,8 @@
 
 namespace vesk {
 
-/// A bool that several threads may read and write without a lock. Each access is atomic and relaxed: it costs what a plain
-/// bool costs, and orders no other access. Has the size of a bool.
+/// A bool that several threads may read and write without a lock. Each access is atomic and relaxed: it costs
+/// as much as for a plain bool, and does not order other accesses. Has the size of a bool.
 class RelaxedFlag {
 public:
     // NOLINTNEXTLINE(google-explicit-constructor): takes the place of a plain bool.

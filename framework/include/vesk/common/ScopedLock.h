@@ -5,10 +5,12 @@
 
 namespace vesk {
 
-/// Holds a lock for the length of a scope; each lock class has its name for it (`MutexLock`, `ShmMutexLock`, ...).
+/// Guard that holds a lock for the duration of a scope. Each lock class has its own alias for it
+/// (`MutexLock`, `ShmMutexLock`, ...).
 ///
-/// A lock that cannot be had leaves the report of its `lock` pending, and `isLocked()` tells. Being unable to unlock at
-/// the end of the scope goes to `std::GlobalErrorHandler::doAbort` with "error unlocking".
+/// If the lock cannot be taken, the report of its `lock` stays pending and `isLocked()` returns false. If
+/// unlocking fails at the end of the scope, `std::GlobalErrorHandler::doAbort` is called with
+/// "error unlocking".
 ///
 /// `LOCK` is the member that takes the lock, for a class that has more than one.
 template <typename Lock, auto LOCK = &Lock::lock>
@@ -26,8 +28,8 @@ public:
 
     bool isLocked() const noexcept { return m_locked; }
 
-    /// Unlocks before the end of the scope. True on failure, with the report of the lock's `unlock`; the guard is done
-    /// with the lock in any case.
+    /// Unlocks before the end of the scope. Returns true on failure, with the report of the lock's `unlock`.
+    /// The guard does not touch the lock again in either case.
     bool unlock() {
         m_locked = false;
         return m_lock.unlock();

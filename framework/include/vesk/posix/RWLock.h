@@ -12,40 +12,43 @@
 
 namespace vesk {
 
-/// What `RWLock` and `ShmRWLock` do alike; use one of them.
+/// Common base of `RWLock` and `ShmRWLock`. Use one of these.
 class RWLockBase : private tarnbase::NonCopyable {
 public:
-    /// Whether the lock could be made. An invalid one may only be destroyed.
+    /// Returns whether the lock was created. An invalid lock may only be destroyed.
     bool isValid() const noexcept { return m_valid; }
 
-    /// Waits for the lock (`pthread_rwlock_rdlock`). True on failure: `ErrorId::DEADLOCK` if the caller holds it for writing, 2
-    /// for too many readers, else 3.
+    /// Waits for the lock (`pthread_rwlock_rdlock`). Returns true on failure: `ErrorId::DEADLOCK` if the
+    /// caller holds it for writing, `ErrorId::TOO_MANY_LOCKS` for too many readers, otherwise
+    /// `ErrorId::READ_LOCK_FAILED`.
     bool lockForRead() const { return RWLockOps::lock(&m_lock, false, nullptr) != 0; }
 
-    /// Waits for the lock (`pthread_rwlock_wrlock`). True on failure: `ErrorId::DEADLOCK` if the caller holds it for writing, else
-    /// 4.
+    /// Waits for the lock (`pthread_rwlock_wrlock`). Returns true on failure: `ErrorId::DEADLOCK` if the
+    /// caller holds it for writing, otherwise `ErrorId::WRITE_LOCK_FAILED`.
     bool lockForWrite() const { return RWLockOps::lock(&m_lock, true, nullptr) != 0; }
 
-    /// Takes the lock if no writer holds it (`pthread_rwlock_tryrdlock`). 0 locked, 1 busy (not reported), -1 on failure
-    /// as for `lockForRead`. Never blocks.
+    /// Takes the lock if no writer holds it (`pthread_rwlock_tryrdlock`). Returns 0 if locked, 1 if busy (not
+    /// reported), -1 on failure as for `lockForRead`. Never blocks.
     signed char tryLockForRead() const { return tryLockForRead(0); }
 
-    /// The same, but waits for `timeout_ms` milliseconds at most (`pthread_rwlock_timedrdlock`, on the wall clock).
+    /// Waits for the lock for at most `timeout_ms` milliseconds (`pthread_rwlock_timedrdlock`, on the wall
+    /// clock); 0 does not block. Returns the same results as `tryLockForRead()`.
     signed char tryLockForRead(unsigned int timeout_ms) const {
         return RWLockOps::lock(&m_lock, false, &timeout_ms);
     }
 
-    /// Takes the lock if nobody holds it (`pthread_rwlock_trywrlock`). 0 locked, 1 busy (not reported), -1 on failure as
-    /// for `lockForWrite`. Never blocks.
+    /// Takes the lock if no reader or writer holds it (`pthread_rwlock_trywrlock`). Returns 0 if locked, 1 if
+    /// busy (not reported), -1 on failure as for `lockForWrite`. Never blocks.
     signed char tryLockForWrite() const { return tryLockForWrite(0); }
 
-    /// The same, but waits for `timeout_ms` milliseconds at most (`pthread_rwlock_timedwrlock`, on the wall clock).
+    /// Waits for the lock for at most `timeout_ms` milliseconds (`pthread_rwlock_timedwrlock`, on the wall
+    /// clock); 0 does not block. Returns the same results as `tryLockForWrite()`.
     signed char tryLockForWrite(unsigned int timeout_ms) const {
         return RWLockOps::lock(&m_lock, true, &timeout_ms);
     }
 
-    /// Lets go of the lock, however it was taken (`pthread_rwlock_unlock`). Does not block. Only who holds it may call.
-    /// True on failure: `ErrorId::UNLOCK_FAILED`.
+    /// Releases the lock, whether held for reading or for writing (`pthread_rwlock_unlock`). Does not block.
+    /// Only a thread that holds the lock may call it. Returns true on failure: `ErrorId::UNLOCK_FAILED`.
     bool unlock() const {
         int const error = pthread_rwlock_unlock(&m_lock);
         return __builtin_expect(error != 0, 0) && RWLockOps::handleUnlockError(error);
@@ -54,7 +57,7 @@ public:
 protected:
     /// Creates the lock (see `RWLockOps::init` for its reports).
     explicit RWLockBase(bool process_shared) {
-        // What a failed creation leaves behind must not look like a lock to the destructor.
+        // Marks the memory, so that the destructor does not take the remains of a failed creation for a lock.
         memset(&m_lock, 0xFF, sizeof m_lock);
         m_valid = !RWLockOps::init(&m_lock, process_shared);
     }

@@ -11,34 +11,36 @@
 
 namespace vesk {
 
-/// What `SpinLock` and `ShmSpinLock` do alike; use one of them.
+/// Common base of `SpinLock` and `ShmSpinLock`. Use one of these.
 class SpinLockBase : private tarnbase::NonCopyable {
 public:
-    /// Whether the lock could be made. An invalid one may only be destroyed.
+    /// Returns whether the lock was created. An invalid lock may only be destroyed.
     bool isValid() const noexcept { return m_valid; }
 
-    /// Turns on the spot until the lock is had (`pthread_spin_lock`): it does not sleep, and a caller that holds the
-    /// lock already turns for ever. True on failure: `ErrorId::INCONSISTENT` or 2.
+    /// Spins until the lock is acquired (`pthread_spin_lock`). Does not sleep. A caller that already holds
+    /// the lock spins forever. Returns true on failure: `ErrorId::INCONSISTENT` or `ErrorId::UNLOCK_FAILED`;
+    /// see `SpinLockOps::handleLockError`.
     bool lock() const {
         int const error = pthread_spin_lock(&m_lock);
         return __builtin_expect(error != 0, 0) && SpinLockOps::handleLockError(error);
     }
 
-    /// Takes the lock if it is free (`pthread_spin_trylock`). 0 locked, 1 busy (not reported), -1 on failure: `ErrorId::INCONSISTENT`
-    /// or 1. Never waits.
+    /// Takes the lock if it is free (`pthread_spin_trylock`). Never waits. Returns 0 if locked, 1 if busy
+    /// (not reported), -1 on failure: `ErrorId::INCONSISTENT` or `ErrorId::LOCK_FAILED`.
     signed char tryLock() const {
         int const error = pthread_spin_trylock(&m_lock);
         return error == 0 ? static_cast<signed char>(0) : SpinLockOps::handleTryLockError(error);
     }
 
-    /// Lets go of the lock (`pthread_spin_unlock`). It does not check its owner. True on failure: `ErrorId::INCONSISTENT` or 1.
+    /// Releases the lock (`pthread_spin_unlock`). Does not check the owner. Returns true on failure:
+    /// `ErrorId::INCONSISTENT` or `ErrorId::LOCK_FAILED`; see `SpinLockOps::handleUnlockError`.
     bool unlock() const {
         int const error = pthread_spin_unlock(&m_lock);
         return __builtin_expect(error != 0, 0) && SpinLockOps::handleUnlockError(error);
     }
 
 protected:
-    /// Creates the lock (`pthread_spin_init`); on failure `ErrorId::CREATE_FAILED` is pending.
+    /// Creates the lock (`pthread_spin_init`). On failure `ErrorId::CREATE_FAILED` is pending.
     explicit SpinLockBase(int process_shared) {
         int const error = pthread_spin_init(&m_lock, process_shared);
         m_valid = error == 0 || !SpinLockOps::handleInitError(error);

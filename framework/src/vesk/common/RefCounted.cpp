@@ -13,10 +13,11 @@ constexpr unsigned int COUNTERS = 1024;
 TARN_CONSTANT_INIT Mutex RefCounted::s_init_lock(threadsafe::CONSTANT_INIT);
 TARN_CONSTANT_INIT std::atomic<int32_t> RefCounted::s_init_counter{0};
 TARN_CONSTANT_INIT std::atomic<RefCounted::CounterPool*> RefCounted::s_counter_pool{nullptr};
-// On a line of its own: threads write it, while they only read what stands around it.
+// On a cache line of its own: threads write to it, but only read the data around it.
 alignas(64) TARN_CONSTANT_INIT std::atomic<void*> RefCounted::s_spare{nullptr};
 
-/// Unloading the library frees the pool, behind the handles that are static objects of the library.
+/// Owner of the pool, which it frees when the library is unloaded. Its priority makes it the last static
+/// object to be destroyed, after the handles that are static objects of the library.
 class RefCounted::PoolEnd {
 public:
     PoolEnd() noexcept = default;
@@ -42,7 +43,7 @@ void* RefCounted::takeFromPool() {
     if (void* const item = pool->getFreeStack().pop()) {
         return item;
     }
-    // Another thread may have set one aside meanwhile; only now it is certain that all are in use.
+    // Another thread may have put a spare back since the first look. If not, all counts are in use.
     if (void* const item = takeSpare()) {
         return item;
     }

@@ -7,7 +7,7 @@
 
 namespace vesk::detail {
 
-/// Where a report is made: the `SOURCE` constant of its file, which turns into a place by itself, and the line of the
+/// The place of a report: the `SOURCE` constant of its file, which converts implicitly, and the line of the
 /// call.
 struct Place {
     constexpr Place(char const* source, int source_line = __builtin_LINE()) noexcept
@@ -20,11 +20,11 @@ struct Place {
 /// How a report joins the calling thread's chain.
 enum class Chain {
     NEW,     ///< It is the root cause of a new chain.
-    ON_TOP,  ///< It is one level above what a call of this library has reported.
+    ON_TOP,  ///< It is one level above the report of a call of this library.
     UNKNOWN, ///< A lower level may or may not have reported.
 };
 
-/// Makes a report of a row that is known at run time only.
+/// Makes a report of a row that is known only at run time.
 template <typename... Args>
 void report(Place place, Chain chain, std::ErrorType const& family, int id, Args const&... args) noexcept {
     bool const new_chain =
@@ -32,7 +32,8 @@ void report(Place place, Chain chain, std::ErrorType const& family, int id, Args
     std::ErrorOutput(place.file, place.line, new_chain)(family, id, args...);
 }
 
-/// The one idiom for making a report. The enumeration of the id implies the family:
+/// Makes a report of a named row, the usual form in this library. The enumeration of the id implies the
+/// family:
 ///
 ///     report(SOURCE, Chain::NEW, Mutex::ErrorId::LOCK_FAILED, SystemErrorText().get());
 template <typename Id, typename... Args, typename = decltype(familyOf(std::declval<Id>()))>

@@ -31,10 +31,10 @@ TARN_CONSTANT_INIT sched::Attr Vesk::s_vesk_ctor_sched_attrs;
 
 namespace {
 
-/// One step of the start-up. True on failure, which ends it.
+/// One step of the start-up. Returns true on failure, which ends the start-up.
 using Step = bool (*)(Vesk& vesk);
 
-// In the order of the start-up: each step may count on those above it.
+// In the order of the start-up: each step relies on the steps above it.
 constexpr Step STEPS[] = {
     [](Vesk& vesk) { return vesk.preInit(); },
     [](Vesk&) { return CalendarTime::init(); },
@@ -54,7 +54,7 @@ bool startUp(Vesk& vesk) {
     return false;
 }
 
-/// Built by its first use, so that every initialiser may ask for it.
+/// Returns the stored path. The first use constructs it, so that every initializer may call this.
 std::string& accessDefaultConfigDir() {
     static std::string s_default_config_dir;
     return s_default_config_dir;
@@ -89,7 +89,7 @@ void Vesk::cleanupAll() {
 }
 
 std::string Vesk::setDefaultConfigDir(std::string const& dir) {
-    // A copy first: the caller may hand over the stored path itself.
+    // Copied first: the caller may pass the stored path itself.
     std::string path(dir);
     path.swap(accessDefaultConfigDir());
     return path;

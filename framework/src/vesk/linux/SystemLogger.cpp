@@ -36,10 +36,10 @@ TARN_CONSTANT_INIT Mutex SystemLogger::s_singleton_mutex(threadsafe::CONSTANT_IN
 
 namespace {
 
-/// The object whose log is to be closed at the end, null if there is none.
+/// The object that must close its log when the process ends, null if there is none.
 TARN_CONSTANT_INIT std::atomic<SystemLogger*> s_opened_logger{nullptr};
 
-/// The object stays: other threads may log while the process ends, which opens the log again.
+/// Closes the log but keeps the object: other threads may log while the process ends, which reopens the log.
 __attribute__((destructor)) void closeAtTheEnd() {
     if (SystemLogger* const logger = s_opened_logger.exchange(nullptr)) {
         logger->closeLog();
@@ -82,7 +82,7 @@ void SystemLogger::log(LogLevel level, char const* message) {
     if (m_opened.load(std::memory_order_relaxed) == 0) {
         openLog();
     }
-    // The message is no format: what it contains is not ours to know.
+    // The message must not be used as the format: it may contain conversions.
     syslog(getPriority(level), "%s", message);
 }
 

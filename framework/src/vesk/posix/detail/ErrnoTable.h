@@ -10,15 +10,16 @@
 
 namespace vesk::detail {
 
-/// What a failed call means for the operation that made it.
+/// The meaning of a failed call for the operation that made it.
 enum class Outcome : signed char {
     FAILED = -1, ///< The operation fails.
-    DONE = 0,    ///< It succeeds all the same.
-    NOT_NOW = 1, ///< Busy or timed out, an ordinary answer.
-    REPEAT = 2,  ///< The call is to be made again.
+    DONE = 0,    ///< It succeeds despite the failed call.
+    NOT_NOW = 1, ///< Busy or timed out, a regular result.
+    REPEAT = 2,  ///< The call must be repeated.
 };
 
-/// The numbers that share a row of a table. Empty stands for all that no row above has.
+/// The error numbers that share a row of a table. An empty list matches all numbers that no row above
+/// matches.
 struct Errnos {
     short numbers[16] = {};
 
@@ -34,13 +35,13 @@ struct Errnos {
 
 constexpr Errnos OTHERS{};
 
-/// What a cause tells.
+/// The arguments of the report of a cause.
 enum class Telling {
     SYSTEM_TEXT,     ///< The system's text for the number.
-    NAME_AND_LENGTH, ///< What the call was made on, and how long that is.
+    NAME_AND_LENGTH, ///< The name of the object that the call was made on, and the length of the name.
 };
 
-/// One report that a row makes; without a family it makes none.
+/// One report that a row makes. Without a family the row makes no report.
 struct RowReport {
     std::ErrorType const* family = nullptr;
     int id = 0;
@@ -51,7 +52,7 @@ struct RowReport {
         std::ErrorType const& row_family, int row_id, Telling row_telling = Telling::SYSTEM_TEXT) noexcept
         : family(&row_family), id(row_id), telling(row_telling) {}
 
-    /// The enumeration of the id implies the family.
+    /// Takes the family from the enumeration of the id.
     template <typename Id, typename = decltype(familyOf(std::declval<Id>()))>
     constexpr RowReport(Id row_id, Telling row_telling = Telling::SYSTEM_TEXT) noexcept
         : RowReport(familyOf(row_id), static_cast<int>(row_id), row_telling) {}
@@ -59,8 +60,8 @@ struct RowReport {
 
 constexpr RowReport NONE{};
 
-/// One row of an operation's errno table: which numbers, the report of the cause, a report on top of it, the outcome.
-/// The tables stand beside their operations, in the order in which the operation's documentation tells them:
+/// One row of an operation's errno table: the numbers, the report of the cause, a report on top of it, and
+/// the outcome. A table stands beside its operation, in the order of the operation's documentation:
 ///
 ///     constexpr ErrnoRow LOCK_ERRORS[] = {
 ///         {{EPERM, EBUSY, EINVAL, EDEADLK}, Mutex::ErrorId::INCONSISTENT},
@@ -71,10 +72,10 @@ struct ErrnoRow {
     RowReport cause;
     RowReport on_top = {};
     Outcome outcome = Outcome::FAILED;
-    char const* further = nullptr; ///< An argument of the cause behind the system's text.
+    char const* further = nullptr; ///< A second argument of the cause, after the system's text.
 };
 
-/// A view of a table, so that any `constexpr` array of rows can be handed over as it stands.
+/// A view of a table. Any `constexpr` array of rows converts to it.
 struct ErrnoTable {
     template <size_t N>
     constexpr ErrnoTable(ErrnoRow const (&table)[N]) noexcept : rows(table), count(N) {}
@@ -83,18 +84,19 @@ struct ErrnoTable {
     size_t count;
 };
 
-/// Walks a table to the row of `error`, makes its reports and gives its outcome. The cause takes the system's text and
-/// opens a chain, unless `chain` says otherwise; the report on top of it takes `detail`, for example a path. A number
-/// that no row has gives `FAILED` without a report, which only an incomplete table lets happen.
+/// Searches a table for the row of `error`, makes the row's reports and returns its outcome. The report of
+/// the cause takes the system's text as its argument, and opens a chain unless `chain` says otherwise. The
+/// report on top of it takes `detail`, for example a path. A number that no row matches gives `FAILED`
+/// without a report; only an incomplete table allows that.
 Outcome classify(
     Place place, ErrnoTable table, int error, char const* detail = nullptr,
     Chain chain = Chain::NEW) noexcept;
 
-/// The same for a call that returned its number, as the `pthread_*` functions do: the number goes into `errno` first,
-/// where callers look for what a report's text was made of.
+/// Classifies the result of a call that returned its error number, as the `pthread_*` functions do. Stores
+/// the number in `errno` first. Required by callers: they read `errno` after a report.
 Outcome classifyResult(Place place, ErrnoTable table, int error) noexcept;
 
-/// Makes a system call that reports through `errno` until a signal does not interrupt it.
+/// Makes a system call that sets `errno`, and repeats it as long as a signal interrupts it.
 template <typename Call>
 auto retryOnEintr(Call&& call) noexcept(noexcept(call())) {
     decltype(call()) result;

@@ -4,18 +4,19 @@
 
 namespace vesk::detail {
 
-/// Fills a raw lock that the system did not make, so that destroying it can tell.
+/// Marks a raw lock that the system did not create, so that its destruction can recognize it.
 template <typename RawLock>
 void poison(RawLock* lock, unsigned char byte) noexcept {
     memset(lock, byte, sizeof *lock);
 }
 
-/// Whether all bytes of a raw lock have the given value: no call of the system leaves that.
+/// Returns whether all bytes of a raw lock have the given value. No call of the system leaves a lock in that
+/// state.
 template <typename RawLock>
 bool isPoisoned(RawLock const* lock, unsigned char byte) noexcept {
     RawLock filled;
     memset(&filled, byte, sizeof filled);
-    // Padding counts: the fill covers it, too.
+    // Padding is compared on purpose: the fill covers it as well.
     return memcmp(lock, &filled, sizeof filled) == 0; // NOLINT(bugprone-suspicious-memory-comparison)
 }
 

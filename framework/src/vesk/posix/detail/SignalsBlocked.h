@@ -7,8 +7,8 @@
 
 namespace vesk::detail {
 
-/// Blocks all signals of the calling thread to the end of a scope. Threads and children that it makes meanwhile begin with
-/// all of them blocked.
+/// Guard that blocks all signals of the calling thread until the end of a scope. Threads and children that
+/// the thread creates meanwhile start with all signals blocked.
 class [[nodiscard]] SignalsBlocked : private tarnbase::NonCopyable {
 public:
     SignalsBlocked() noexcept {

@@ -6,8 +6,9 @@
 
 namespace vesk::detail {
 
-/// The system's text for an error number, in English: a constant, which takes neither a lock nor the heap, where glibc's
-/// `strerror` may translate and takes the lock of the locale. Null for a number that the system does not know.
+/// Returns the system's text for an error number, in English. The text is a constant: reading it takes
+/// neither a lock nor the heap, while glibc's `strerror` may translate and takes the lock of the locale. With
+/// glibc the result is null for a number that the system does not know.
 inline char const* getErrorDescription(int error_number) noexcept {
 #if !defined(__GLIBC__)
     return strerror(error_number); // NOLINT(concurrency-mt-unsafe): it looks the text up in a constant table.
@@ -18,8 +19,8 @@ inline char const* getErrorDescription(int error_number) noexcept {
 #endif
 }
 
-/// The text of `SystemError` without the heap, for reports: lives as a temporary behind the call that needs it. Keeps
-/// `errno`.
+/// The text of `SystemError` without the heap, for reports. Used as a temporary in the call that needs the
+/// text. Preserves `errno`.
 class SystemErrorText {
 public:
     explicit SystemErrorText(int error_number = errno) noexcept;
@@ -27,11 +28,11 @@ public:
     char const* get() const noexcept { return m_text; }
 
 private:
-    // Room for the system's text, which its call limits to 256 bytes, and the number behind it.
+    // Holds the system's text, which the call limits to 256 bytes, and the number after it.
     char m_text[256 + 32];
 };
 
-/// The same text, not translated: async-signal-safe, for what runs behind a fork.
+/// The same text, not translated. Async-signal-safe, for code that runs after a fork.
 class UntranslatedErrorText {
 public:
     explicit UntranslatedErrorText(int error_number = errno) noexcept;

@@ -5,11 +5,12 @@
 
 namespace vesk::detail {
 
-/// A deadline on the wall clock, for the system calls that know no other clock.
+/// A deadline on the wall clock, for the system calls that support no other clock.
 class WallDeadline {
 public:
-    /// Now plus a time, which is told in milliseconds. A negative time is a deadline that has passed. Seconds that the
-    /// system's `time_t` cannot hold become its smallest or largest value.
+    /// Computes the current time plus `timeout_ms` milliseconds. A negative timeout gives a deadline that has
+    /// passed. Seconds beyond the range of the system's `time_t` become its largest value, and negative
+    /// seconds become 0.
     explicit WallDeadline(long long timeout_ms) noexcept
         : m_valid(clock_gettime(CLOCK_REALTIME, &m_time) == 0) {
         long long seconds = timeout_ms / 1000;
@@ -30,7 +31,7 @@ public:
         m_time.tv_nsec = nanoseconds;
     }
 
-    /// Whether the clock could be read.
+    /// Returns whether the clock could be read.
     bool isValid() const noexcept { return m_valid; }
     timespec const* get() const noexcept { return &m_time; }
 

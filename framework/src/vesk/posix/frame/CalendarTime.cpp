@@ -41,8 +41,8 @@ constexpr ErrnoRow CHANGE_ERRORS[] = {
 constexpr int TM_YEAR_ORIGIN = 1900;
 constexpr int FIRST_YEAR = 1970;
 
-/// What `mktime` takes for the fields of a date.
-/// @param isdst  as `tm_isdst`: 0 without daylight saving, -1 to find it out
+/// Returns the fields of a date in the form that `mktime` takes.
+/// @param isdst  as `tm_isdst`: 0 without daylight saving, -1 to let `mktime` determine it
 tm toTm(CalendarTime const& date, int isdst) noexcept {
     tm fields{};
     fields.tm_year = date.getYear() - TM_YEAR_ORIGIN;
@@ -55,7 +55,8 @@ tm toTm(CalendarTime const& date, int isdst) noexcept {
     return fields;
 }
 
-/// The timestamp of one side of a difference, which starts in 1970. True on failure.
+/// Gets the timestamp of one of the two dates of a difference, which must not be before 1970. Returns true on
+/// failure.
 bool getSide(CalendarTime const& date, long long& ms) {
     ms = date.getTimestamp();
     if (ms >= 0) {
@@ -107,7 +108,7 @@ void CalendarTime::setTimestamp(long long ms) noexcept {
     m_day = static_cast<uint8_t>(fields.tm_mday);
     m_hour = static_cast<uint8_t>(fields.tm_hour);
     m_minute = static_cast<uint8_t>(fields.tm_min);
-    // A leap second is 60.
+    // A leap second is second 60.
     m_second = static_cast<uint8_t>(fields.tm_sec > 59 ? 59 : fields.tm_sec);
     m_weekday = static_cast<WeekDay>(fields.tm_wday);
 }
@@ -118,7 +119,7 @@ long long CalendarTime::getTimestamp() const {
         return -1;
     }
     tm fields = toTm(*this, -1);
-    // The -1 of a failure is no special case: it comes out as -1000, which callers know.
+    // Required by callers: the -1 of a failed `mktime` is not treated specially and becomes -1000.
     return static_cast<long long>(mktime(&fields)) * 1000;
 }
 

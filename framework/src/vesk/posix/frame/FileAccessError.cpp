@@ -40,13 +40,13 @@ constexpr ErrnoRow OPEN_ERRORS[] = {
     {{ENOENT, ENOTDIR, EISDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
     {{ENXIO, ENODEV}, SysErrorId::NO_DEVICE, FileAccessErrorId::NO_DEVICE},
     {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
-    // Not row 12: what is in the way here counts as in use.
+    // Not `FILE_EXISTS`. Required by callers: an existing file counts as in use here.
     {{EEXIST}, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS},
     {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
     {{ETXTBSY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
     {{EFBIG, EOVERFLOW}, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
     {{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE},
-    // A number that no open should give is no unclassified failure but a broken invariant.
+    // An error number that no open should produce is a broken invariant, not an unclassified failure.
     {OTHERS, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
 };
 

@@ -17,10 +17,10 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/StopWatchBase";
 
 constexpr int32_t NANOSECONDS_PER_SECOND = 1000000000;
 
-/// A clock that no system has: `clock_gettime` refuses it.
+/// A clock id that is invalid on every system: `clock_gettime` rejects it.
 constexpr clockid_t NO_CLOCK = -1;
 
-// Seconds are kept in 32 bits and wrap around, in every build alike.
+// Seconds are kept in 32 bits and wrap around in every build.
 
 int32_t add(int32_t a, int32_t b) noexcept {
     return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
@@ -106,13 +106,14 @@ StopWatchBase::Length StopWatchBase::calcDiffTime(timespec const& start, timespe
 
 long long StopWatchBase::toUnit(Length const& length, TimeUnit unit) noexcept {
     if (unit == TimeUnit::MILLISECONDS) {
-        // The product in 32 bits, then its sign extended: milliseconds wrap around, microseconds do not.
+        // The product is computed in 32 bits and then sign-extended: milliseconds wrap around, microseconds
+        // do not.
         return static_cast<long long>(multiply(length.seconds, 1000)) + length.nanoseconds / 1000000;
     }
     return static_cast<long long>(length.seconds) * 1000000 + length.nanoseconds / 1000;
 }
 
-/// True on failure.
+/// Reads the clock. Returns true on failure, with a report.
 bool StopWatchBase::readClock(timespec& time) const {
     if (clock_gettime(m_clock, &time) != 0) {
         report(SOURCE, Chain::NEW, Time::ErrorId::GET_TIME_FAILED, SystemErrorText().get());

@@ -11,7 +11,8 @@ constexpr std::ErrorID ROWS[] = {
     {1, "System is out of memory: %s", 1},
     {2, "Invalid path specified: %s", 1},
     {3, "Given path is not a directory: %s", 1},
-    // Callers pass the path and its length; nobody knows the limit, so the third conversion stays open.
+    // Callers pass the path and its length. They do not know the limit, so the third conversion has no
+    // argument.
     {4, "Given path exceeds system maximum: %s (%d chars encountered, only max %d chars allowed)", 2},
     {5, "System call has been interrupted: %s", 1},
     {6, "Function not implemented: %s", 1},
@@ -26,7 +27,7 @@ constexpr std::ErrorID ROWS[] = {
     {15, "Not enough space left on file system: %s", 1},
     {16, "Given device is not existing, not ready or does not support the operation: %s", 1},
     {17, "Querying the requested system information failed: %s", 1},
-    // Takes an argument like the others, and does not show it.
+    // Callers pass an argument as for the other rows, but the text does not show it.
     {18, "The given process does not exist", 1},
     {19, "Unclassified error occured: %s", 1},
 };

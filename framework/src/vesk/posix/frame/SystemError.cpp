@@ -14,7 +14,7 @@ namespace detail {
 SystemErrorText::SystemErrorText(int error_number) noexcept {
     int const saved_errno = errno;
     char buffer[256];
-    // The text need not lie in the buffer: this is the form of the call that returns where it is.
+    // This is the GNU form of the call: it returns the address of the text, which need not be in the buffer.
     char const* const text = strerror_r(error_number, buffer, sizeof buffer);
     snprintf(m_text, sizeof m_text, "%.255s (errno = %d)", text, error_number);
     errno = saved_errno;

@@ -36,7 +36,7 @@ TARN_CONSTANT_INIT long long Time::s_init_time = 0;
 namespace {
 
 constexpr ErrnoRow TIMESTAMP_ERRORS[] = {
-    // A clock id that the system does not know.
+    // The system does not know the clock id.
     {{EINVAL}, SysErrorId::NOT_IMPLEMENTED},
     {OTHERS, Time::ErrorId::GET_TIMESTAMP_FAILED},
 };
@@ -93,11 +93,12 @@ bool Time::sleep(long long ms) {
     }
     timespec deadline = deadlineIn(ms).toTimespec();
     bool failed = false;
-    // An absolute deadline is the same in every round: neither a signal nor a failure shortens the sleep.
+    // The deadline is absolute and thus the same in every iteration: neither a signal nor a failure shortens
+    // the sleep.
     while (int const error = clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, &deadline)) {
         errno = error;
         if (classify(SOURCE, SLEEP_ERRORS, error) == Outcome::FAILED) {
-            // Whoever sleeps relies on the time having passed: a failure is told, and the sleep goes on.
+            // A failure is reported but does not end the sleep: callers rely on the time having passed.
             failed = true;
         }
     }

@@ -18,7 +18,7 @@ uint32_t readSystemNumber(int name) noexcept {
 
 } // namespace
 
-// The one object that has to ask the system while the library is loaded.
+// Unlike the other static objects, this one needs system calls while the library is loaded.
 Vesk::SystemInfo const Vesk::s_sys_info;
 
 Vesk::SystemInfo::SystemInfo() noexcept
@@ -30,7 +30,7 @@ bool Vesk::preInit() {
     if (sigaction(SIGPIPE, nullptr, &action) != 0) {
         return true;
     }
-    // What the process has chosen before stays.
+    // An earlier choice of the process is kept.
     if (action.sa_handler != SIG_DFL) {
         return false;
     }

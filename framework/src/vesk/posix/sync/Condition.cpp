@@ -30,7 +30,8 @@ using InternalLock = AbortingLock<threadsafe::MutexImpl>;
 TARN_CONSTANT_INIT std::ErrorType const Condition::Error(ROWS, std::size(ROWS), SysError);
 TARN_CONSTANT_INIT std::ErrorType const& ShmCondition::Error = Condition::Error;
 
-// What the condition is built on needs its mutex at once, which only the first wait brings.
+// `ConditionImpl` needs its mutex at construction. Only the first wait supplies it, so it is constructed
+// there.
 Condition::Condition() : m_lock(false) {}
 
 Condition::~Condition() {
@@ -44,8 +45,8 @@ threadsafe::ConditionImpl& Condition::getImpl() noexcept {
     return *std::launder(reinterpret_cast<threadsafe::ConditionImpl*>(m_storage));
 }
 
-/// Binds the condition to the mutex of its first wait. True if it is bound to another one. The internal lock is not
-/// held during the wait itself.
+/// Binds the condition to the mutex of its first wait. Returns true if it is bound to another mutex. The
+/// internal lock is not held during the wait itself.
 bool Condition::bind(Mutex& mutex, char const* function) {
     InternalLock const lock(m_lock, SOURCE, function);
     if (m_mutex == nullptr) {

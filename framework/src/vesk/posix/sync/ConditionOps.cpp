@@ -39,7 +39,7 @@ constexpr ErrnoRow SIGNAL_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED, Condition::ErrorId::SIGNAL_FAILED},
 };
 
-/// Destroys the attributes on every way out.
+/// Guard that destroys the attributes at the end of a scope.
 class AttrCleaner {
 public:
     explicit AttrCleaner(pthread_condattr_t& attributes) noexcept : m_attributes(attributes) {}

@@ -60,7 +60,7 @@ constexpr ErrnoRow TRY_LOCK_ERRORS[] = {
     {OTHERS, Mutex::ErrorId::LOCK_FAILED},
 };
 
-/// Destroys the attributes on every way out.
+/// Guard that destroys the attributes at the end of a scope.
 class AttrCleaner {
 public:
     explicit AttrCleaner(pthread_mutexattr_t& attributes) noexcept : m_attributes(attributes) {}
@@ -130,7 +130,8 @@ bool MutexOps::destroy(pthread_mutex_t* mutex) {
 signed char MutexOps::tryLockTimeout(pthread_mutex_t* mutex, long long const& timeout_ms) {
     WallDeadline const deadline(timeout_ms);
     if (!deadline.isValid()) {
-        // What the failed call returned takes the place of its errno.
+        // Required by callers: the report shows the result of the failed call, -1, instead of its error
+        // number.
         errno = -1;
         report(SOURCE, Chain::NEW, Mutex::ErrorId::LOCK_FAILED, SystemErrorText().get());
         return -1;

@@ -38,7 +38,7 @@ constexpr ErrnoRow DESTROY_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-/// For reading and for writing, which differ in the row of all other numbers.
+/// The rows for reading and for writing. Only the report for all other numbers differs.
 template <int OTHERS_ID>
 constexpr ErrnoRow LOCK_ERRORS[4] = {
     {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
@@ -55,8 +55,8 @@ constexpr ErrnoRow UNLOCK_ERRORS[] = {
     {OTHERS, RWLock::ErrorId::UNLOCK_FAILED},
 };
 
-/// The row of a lock that could not be made. Its text is that of error number 0: who reads the log tells the cause by
-/// the id alone, and existing filters count on the text.
+/// Reports that creating a lock failed. The text is that of error number 0. Required by callers: log filters
+/// match this text, and the id alone identifies the cause.
 void reportInit(int error) noexcept {
     for (ErrnoRow const& row : INIT_ERRORS) {
         if (row.errnos.has(error)) {
@@ -66,7 +66,7 @@ void reportInit(int error) noexcept {
     }
 }
 
-/// The attributes of a lock that processes share, destroyed on every way out.
+/// Owner of the attributes of a lock that processes share.
 class SharedAttributes {
 public:
     SharedAttributes() = default;
@@ -79,7 +79,7 @@ public:
     SharedAttributes(SharedAttributes const&) = delete;
     SharedAttributes& operator=(SharedAttributes const&) = delete;
 
-    /// True on failure, with a report.
+    /// Creates the attributes. Returns true on failure, with a report.
     bool make() {
         if (int const error = pthread_rwlockattr_init(&m_attributes)) {
             classify(SOURCE, ATTRIBUTE_ERRORS, error);
@@ -93,7 +93,7 @@ public:
         return false;
     }
 
-    /// Null for the system's defaults.
+    /// Returns null for the system's defaults.
     pthread_rwlockattr_t const* get() const noexcept { return m_made ? &m_attributes : nullptr; }
 
 private:

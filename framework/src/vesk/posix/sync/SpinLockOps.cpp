@@ -22,8 +22,8 @@ constexpr ErrnoRow DESTROY_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-// A failed lock has always reported row 2 and a failed unlock row 1, crosswise to what they say, and callers tell the
-// two apart by these ids: they stay.
+// A failed lock reports `UNLOCK_FAILED` and a failed unlock reports `LOCK_FAILED`. Required by callers: they
+// distinguish the two failures by these ids, although the names suggest the opposite.
 
 constexpr ErrnoRow LOCK_ERRORS[] = {
     {{EPERM}, SpinLock::ErrorId::INCONSISTENT},
