@@ -61,7 +61,7 @@ private:
     void* data;
 };
 
-/// Where a dispatcher takes messages from.
+/// A source from which a dispatcher takes messages.
 class VESK_API Message::Source {
 public:
     virtual ~Source() = default;
@@ -71,7 +71,7 @@ public:
     virtual Message* pop_nonblock() = 0;
 };
 
-/// Where messages are delivered to.
+/// A destination for messages.
 class VESK_API Message::Sink {
 public:
     virtual ~Sink() = default;
@@ -81,7 +81,7 @@ public:
     virtual void push(Message* message) = 0;
 };
 
-/// What a dispatcher shows each message to before it invokes the message; see `Message::get_handled_by`.
+/// An observer of a dispatcher's messages before they are invoked; see `Message::get_handled_by`.
 class VESK_API Message::Handler {
 public:
     virtual ~Handler() = default;

@@ -87,7 +87,7 @@ public:
         DEAD = 4,      ///< Joined, terminated or never created.
     };
 
-    /// Why exit handlers are called.
+    /// The reason for calling exit handlers.
     enum ExitReason : int32_t {
         EXIT_NORMAL = 0,     ///< The body has returned. Handlers run in the thread itself.
         EXIT_TERMINATED = 1, ///< `terminate` has ended the thread. Handlers run in its calling thread.
