@@ -26,7 +26,8 @@ class AlarmTable;
 struct AlarmRinger;
 } // namespace detail
 
-/// One pending timeout. Any number of them share an engine, that is one timer of the kernel and one thread.
+/// A single pending timeout. Any number of alarms share an engine, which consists of one kernel timer and one
+/// thread.
 ///
 ///     std::SharedBase::Ptr<vesk::Alarm::Timer> const engine(vesk::Alarm::DEFAULT_TIMER);
 ///     vesk::Alarm alarm(engine, nullptr, giveUp, &request);
@@ -34,32 +35,36 @@ struct AlarmRinger;
 ///     ...
 ///     alarm.stop();
 ///
-/// It rings once; whoever wants more starts it again, for example from its callback. All times are on the monotonic
-/// clock: setting the date changes nothing. `vesk::Timer` is the comfortable form.
+/// An alarm rings once per `start`. For repeated calls, start it again, for example from its callback. All
+/// times are on the monotonic clock: setting the date has no effect. `vesk::Timer` is the more convenient
+/// form.
 ///
-/// An alarm must be stopped before it is destroyed, and must not be destroyed by the callback of another alarm of its
-/// engine: the two may be due together. Its own callback may destroy it, as long as other alarms keep the engine.
+/// An alarm must be stopped before it is destroyed. It must not be destroyed by the callback of another alarm
+/// of its engine, since both may be due together. Its own callback may destroy it, provided that other alarms
+/// keep the engine.
 class VESK_API Alarm : private tarnbase::NonCopyable {
 public:
     class Timer;
     class DefaultTimer;
 
-    /// The engine of the process, of ordinary priority. It exists while somebody holds a reference; each `Alarm` does.
+    /// The engine of the process, of ordinary priority. It exists while references to it exist; each `Alarm`
+    /// holds one.
     static std::Shared<DefaultTimer> DEFAULT_TIMER;
 
-    /// Takes a reference on the engine. Nothing is pending yet.
+    /// Takes a reference on the engine. The new alarm is not pending.
     /// @param engine    not empty
-    /// @param sink      Where the call is to be queued, as a message, when the time has come: `callback` then runs in
-    ///                  the thread that serves the sink, with no lock held. Null for a call in the engine's thread,
-    ///                  with the engine's lock held. Not owned.
-    /// @param callback  what to call with `data`; not null
+    /// @param sink      Receives the call as a message when the alarm is due: `callback` then runs in the
+    ///                  thread that serves the sink, with no lock held. Null for a call in the engine's
+    ///                  thread, with the engine's lock held. Not owned.
+    /// @param callback  called with `data`; not null
     Alarm(std::SharedBase::Ptr<Timer> const& engine, Message::Sink* sink, void (*callback)(void*), void* data)
         : m_engine(engine), m_sink(sink), m_callback(callback), m_data(data) {}
 
-    /// Sets the time to `delay` from now, whether it was pending or not; `Timer::add` of its engine.
+    /// Sets the expiry to `delay` from now, whether the alarm is pending or not. Calls `Timer::add` of its
+    /// engine.
     void start(tarnbase::Duration const& delay);
 
-    /// Takes it back; `Timer::remove` of its engine.
+    /// Cancels the pending timeout. Calls `Timer::remove` of its engine.
     void stop();
 
 private:
@@ -71,74 +76,82 @@ private:
     void* m_data;
 };
 
-/// The engine behind alarms: one POSIX timer on the monotonic clock, one real-time signal, and one thread that calls
-/// the alarms whose time has come.
+/// The engine behind alarms: one POSIX timer on the monotonic clock, one real-time signal, and one thread
+/// that calls the alarms that are due.
 ///
 ///     vesk::Alarm::Timer engine(SIGRTMIN + 5, "Watchdog", vesk::Thread::getMainSchedAttrs());
 ///     vesk::Alarm alarm(std::SharedBase::Ptr<vesk::Alarm::Timer>(nullptr, &engine), nullptr, bite, &dog);
 ///     engine.add(&alarm, tarnbase::Duration(5000));
 ///
-/// The kernel's timer is armed for the earliest alarm. It raises the signal, whose handler runs in any thread that does
-/// not block it and wakes the engine's thread. The signal must be free, and must stay unblocked in at least one thread.
+/// The kernel timer is armed for the earliest alarm. It raises the signal. The signal handler runs in any
+/// thread that does not block the signal, and wakes the engine's thread. The signal must be free, and must
+/// stay unblocked in at least one thread.
 ///
-/// `add` and `remove` may be called from any thread, and by callbacks of this and of other engines. The engine's lock is
-/// held while a callback runs that has no sink. So callbacks of one engine run one after the other, a slow one delays all
-/// alarms and blocks `add` and `remove`, and removing an alarm while holding a lock that its callback takes is a
-/// deadlock. A callback that throws ends the process.
+/// `add` and `remove` may be called from any thread, and by callbacks of this and of other engines. The
+/// engine's lock is held while a callback without a sink runs. Callbacks of one engine therefore run one
+/// after the other, and a slow callback delays all alarms and blocks `add` and `remove`. Removing an alarm
+/// while holding a lock that its callback takes is a deadlock. A callback that throws ends the process.
 ///
-/// A call that waits for the lock is served before the next `ring`, however soon that follows the one under way.
+/// A call that waits for the lock is served before the next `ring`, however soon that follows the current
+/// one.
 ///
-/// Callbacks of several engines may call `add` and `remove` of each other's engines. Where each of these calls would wait
-/// for a callback that itself waits in such a call, the last one is carried out at once instead. The callbacks for which
-/// it does not wait go on after the one that made it has returned.
+/// Callbacks of several engines may call `add` and `remove` of each other's engines. Where each of these
+/// calls would wait for a callback that itself waits in such a call, the last call is carried out
+/// immediately. The callbacks for which it does not wait continue after the callback that made the call has
+/// returned.
 ///
-/// An engine reports nothing of its own. A thread that cannot be had leaves the error of `Thread` pending; without it, or
-/// without a timer from the kernel, the engine never rings by itself. An internal lock that fails goes to
-/// `std::GlobalErrorHandler::doAbort` with "error locking" or "error unlocking".
+/// An engine makes no reports of its own. If its thread cannot be created, the error of `Thread` is pending.
+/// Without a thread, or without a kernel timer, the engine never rings by itself. An internal lock that fails
+/// goes to `std::GlobalErrorHandler::doAbort` with "error locking" or "error unlocking".
 class VESK_API Alarm::Timer : private tarnbase::NonCopyable {
 public:
-    /// Starts the thread, catches the signal (`sigaction`) and makes the timer (`timer_create`).
-    /// @param signal       a real-time signal that nobody else uses; `SIGRTMIN` plus 2 and plus 3 belong to the library
+    /// Starts the thread, catches the signal (`sigaction`) and creates the timer (`timer_create`).
+    /// @param signal       a real-time signal without another user; `SIGRTMIN` plus 2 and plus 3 belong to
+    ///                     the library
     /// @param thread_name  name of the thread; copied
-    /// @param attributes   its scheduling
+    /// @param attributes   scheduling of the thread
     Timer(int signal, char const* thread_name, sched::Attr const& attributes);
 
-    /// The older form: the thread keeps the policy of the calling one, with `priority` as its real-time priority or
-    /// nice value; with 0 it inherits everything.
+    /// Creates an engine in the older form: the thread keeps the policy of the calling thread, with
+    /// `priority` as its real-time priority or nice value. With 0 it inherits all scheduling.
     Timer(int signal, char const* thread_name, int const& priority);
 
-    /// Waits for the callback under way and for the end of the thread, and gives the signal back. Alarms that are still
-    /// pending are forgotten; none may be added or removed any more. Not for the engine's own callbacks.
+    /// Blocks until the current callback and the thread have ended, and restores the old action of the
+    /// signal. Discards alarms that are still pending; none may be added or removed any more. Must not be
+    /// called by the engine's own callbacks.
     ~Timer();
 
-    /// Sets the time of an alarm to `delay` from now, whether it was pending or not. Costs a system call
-    /// (`timer_settime`) only if it becomes the next one of all. Waits while a callback runs in another thread.
+    /// Sets the expiry of an alarm to `delay` from now, whether it is pending or not. Makes a system call
+    /// (`timer_settime`) only if the alarm becomes the earliest of all. Blocks while a callback runs in
+    /// another thread.
     ///
-    /// Throws `std::bad_alloc` if there is no memory for one more pending alarm; everything is then as it was.
-    /// @param alarm  not owned; to be removed before it is destroyed
-    /// @param delay  milliseconds. What is below 0 counts as 0: the alarm rings at once. What goes beyond
-    ///               `tarnbase::TimePoint::MAX` counts as never.
+    /// Throws `std::bad_alloc` if there is no memory for another pending alarm, and leaves everything
+    /// unchanged.
+    /// @param alarm  not owned; must be removed before it is destroyed
+    /// @param delay  milliseconds. A negative delay counts as 0: the alarm rings immediately. An expiry
+    ///               beyond `tarnbase::TimePoint::MAX` counts as never.
     void add(Alarm* alarm, tarnbase::Duration const& delay);
 
-    /// Takes an alarm out; one that is not pending is ignored. When it returns, the engine will not begin another
-    /// callback of the alarm. None is running, but for the one that makes this call, or one that is inside a call of its
-    /// own that waits for the caller. What the engine has pushed to a sink before still runs, and a callback cannot take
-    /// back another alarm of its own engine that has become due at the same moment. Waits while a callback runs in
-    /// another thread.
+    /// Removes an alarm; ignores an alarm that is not pending. After the return the engine begins no further
+    /// callback of the alarm. No callback of it is running either, except the callback that makes this call,
+    /// or a callback inside a call of its own that waits for the caller. A message that the engine has
+    /// already pushed to a sink still runs. A callback cannot remove another alarm of its own engine that
+    /// became due at the same moment. Blocks while a callback runs in another thread.
     void remove(Alarm* alarm);
 
-    /// The routine that the engine's thread runs with each signal: delivers all alarms whose time has come, in the
-    /// order of their addresses, and arms the timer for the next one. Early calls are harmless.
+    /// Delivers all due alarms in the order of their addresses, and arms the timer for the next alarm. The
+    /// engine's thread calls it for each signal. Early calls are harmless.
     ///
-    /// Exceptions of callbacks and of sinks, and `std::bad_alloc`, pass through, with the lock released and the timer
-    /// armed. Alarms that had become due together with the one that threw, and were to ring after it, are given up.
+    /// Exceptions of callbacks and of sinks, and `std::bad_alloc`, pass through, with the lock released and
+    /// the timer armed. Alarms that became due together with the alarm that threw, and follow it in the
+    /// order, are discarded.
     /// @param engine  an `Alarm::Timer*`
     static void ring(void* engine);
 
-    /// Whether there are callbacks for which `add` and `remove` would wait.
+    /// Returns whether there are callbacks for which `add` and `remove` would block.
     bool isCallingBack() const noexcept;
 
-    /// Waits for the callbacks for which `add` and `remove` wait.
+    /// Blocks until the callbacks for which `add` and `remove` block have ended.
     void waitForCallback() noexcept;
 
 private:
@@ -161,27 +174,30 @@ private:
     void armForNext(tarnbase::TimePoint now) noexcept;
     void takeDue(tarnbase::TimePoint now, std::vector<Alarm const*>& due);
 
-    // All that `ring` needs stands before its thread starts, in case that the signal comes from elsewhere.
+    // Everything that `ring` uses is initialized before the thread starts, since the signal may come from
+    // elsewhere.
     void (*m_handler)(void*);
     void* m_handler_data;
-    // The engine's lock consists of this mutex, which is held for a few instructions, and of the ring whose callbacks
-    // run: whoever gets the mutex in another thread waits for the end of the ring. It guards all down to the expiry.
+    // The engine's lock consists of this mutex, which is held for a few instructions, and of the ring that
+    // runs callbacks: another thread that acquires the mutex waits for the end of the ring. The mutex guards
+    // all members from here to the expiry.
     threadsafe::MutexImpl m_lock;
-    threadsafe::ConditionImpl m_calls_may_go_on; // After a ring, for the calls that have come meanwhile.
+    threadsafe::ConditionImpl m_calls_may_go_on; // After a ring, for the calls that arrived meanwhile.
     threadsafe::ConditionImpl m_ring_may_begin;  // After these calls.
     size_t m_waiting_calls = 0;
-    Ring* m_ring = nullptr;                              // The innermost one.
-    std::atomic<detail::AlarmRinger*> m_ringer{nullptr}; // Its thread. Changes with a second lock, see there.
+    Ring* m_ring = nullptr;                              // The innermost ring.
+    std::atomic<detail::AlarmRinger*> m_ringer{nullptr}; // Its thread. Changes under `RingersLock`, too.
     std::unique_ptr<detail::AlarmTable> m_alarms;
-    tarnbase::TimePoint m_next_expiry; // The kernel's timer is armed for it or for earlier; MAX is nothing.
+    // The kernel timer is armed for this time or an earlier one. MAX: no alarm is pending.
+    tarnbase::TimePoint m_next_expiry;
     std::atomic<timer_t> m_timer;
     int m_signal;
     SignalDispatcher m_dispatcher;
     SignalCatcher m_catcher;
 };
 
-/// The engine in `Alarm::DEFAULT_TIMER`: signal `SIGRTMIN` plus 3, thread "Timer", scheduled as the main thread was
-/// when it made the `Vesk`.
+/// The engine in `Alarm::DEFAULT_TIMER`: signal `SIGRTMIN` plus 3, thread "Timer", scheduled as the main
+/// thread was when it created the `Vesk`.
 class VESK_API Alarm::DefaultTimer : public Alarm::Timer {
 public:
     DefaultTimer();

@@ -4,16 +4,16 @@
 
 namespace vesk {
 
-/// A piece of work that one thread makes and another one, as a rule that of a `Dispatcher`, carries out.
+/// A unit of work that one thread creates and another thread, usually that of a `Dispatcher`, carries out.
 ///
 ///     class Reload : public vesk::Message {
 ///         void invoke() override { ... }
 ///     };
 ///     queue.push(new Reload);  // A vesk::Dispatcher::VanillaQueue
 ///
-/// It is created by a producer, handed to a `Sink` or kept by a `Source`, shown to handlers, invoked and dismissed:
-/// `dismiss` is the end of its life. A message that must not be deleted, such as a member of another object, overrides
-/// `dismiss`. The class takes no lock; which thread calls what is told at `Dispatcher`.
+/// A producer creates it. It is then pushed to a `Sink` or kept by a `Source`, shown to handlers, invoked and
+/// dismissed. `dismiss` destroys it. A message that must not be deleted, such as a member of another object,
+/// overrides `dismiss`. The class takes no lock; `Dispatcher` documents which thread makes which call.
 class VESK_API Message {
 public:
     class Callback;
@@ -23,23 +23,24 @@ public:
 
     virtual ~Message();
 
-    /// Called for each handler of a dispatcher before `invoke`, with the dispatcher's lock held; so it must neither
-    /// block nor register or remove a handler. The base does nothing: a message that wants handlers to see it calls
-    /// `handler->handle(*this)`, or an operation of a handler class that it knows.
+    /// Shows the message to a handler. Called for each handler of a dispatcher before `invoke`, with the
+    /// dispatcher's lock held, so it must neither block nor register or remove a handler. The base does
+    /// nothing: a message that handlers must see calls `handler->handle(*this)`, or an operation of a handler
+    /// class that it knows.
     virtual void get_handled_by(Handler* handler);
 
-    /// The work. Called without a lock. The base does nothing. An exception passes through the dispatcher, which then
-    /// does not dismiss the message.
+    /// Does the work. Called without a lock. The base does nothing. An exception passes through the
+    /// dispatcher, which then does not dismiss the message.
     virtual void invoke();
 
-    /// Ends the message's life: deletes it through its destructor.
+    /// Deletes the message through its destructor.
     ///
-    /// The qualified call `message->Message::dismiss()` does nothing on a null pointer. The plain call finds its
-    /// function through the object, as every virtual one does, and so needs an object.
+    /// The qualified call `message->Message::dismiss()` does nothing on a null pointer. The plain call is
+    /// virtual and therefore needs an object.
     virtual void dismiss();
 
-    /// For those who keep messages and give one up that was never invoked. The base does nothing; nothing in this
-    /// library calls it.
+    /// Handles that the message is discarded without having been invoked. Meant for code that keeps messages;
+    /// nothing in this library calls it. The base does nothing.
     /// @return 0
     virtual int abort();
 };
@@ -49,7 +50,7 @@ public:
 ///     queue.push(new vesk::Message::Callback(reload, &config));
 class VESK_API Message::Callback : public Message {
 public:
-    /// @param function  what `invoke` calls, with `argument`; not null
+    /// @param function  called by `invoke` with `argument`; not null
     Callback(void (*function)(void*), void* argument) noexcept : callback(function), data(argument) {}
 
     /// Calls the function, in the thread that invokes the message.
@@ -60,32 +61,34 @@ private:
     void* data;
 };
 
-/// Where a dispatcher gets messages from.
+/// A source from which a dispatcher takes messages.
 class VESK_API Message::Source {
 public:
     virtual ~Source() = default;
 
-    /// The next message, null if there is none now. Must not block. The caller owns the message from then on.
+    /// Returns the next message, or null if there is none now. Must not block. The caller owns the message
+    /// from then on.
     virtual Message* pop_nonblock() = 0;
 };
 
-/// Where messages are handed in.
+/// A destination for messages.
 class VESK_API Message::Sink {
 public:
     virtual ~Sink() = default;
 
-    /// Takes the message over.
+    /// Takes ownership of the message.
     /// @param message  not null
     virtual void push(Message* message) = 0;
 };
 
-/// What a dispatcher shows each message to before its work runs; see `Message::get_handled_by`.
+/// An observer of a dispatcher's messages before they are invoked; see `Message::get_handled_by`.
 class VESK_API Message::Handler {
 public:
     virtual ~Handler() = default;
 
-    /// Looks at a message. It cannot keep the message from being invoked, and does not own it. Called with the
-    /// dispatcher's lock held, one message at a time; must neither block nor register or remove a handler.
+    /// Looks at a message. Cannot keep the message from being invoked, and does not own it. Called with the
+    /// dispatcher's lock held, for one message at a time; must neither block nor register or remove a
+    /// handler.
     virtual void handle(Message& message) = 0;
 };
 

@@ -15,51 +15,57 @@
 
 namespace vesk {
 
-/// A thread for the callbacks of signals, with the queue that it serves. As a rule it is not made but shared:
-/// `SignalCatcher` takes a reference on `DEFAULT`. One of its own keeps the callbacks of a client apart from all others:
+/// A thread for the callbacks of signals, with the queue that it serves. It is usually shared:
+/// `SignalCatcher` takes a reference on `DEFAULT`. A separate dispatcher keeps the callbacks of a client
+/// apart from all others:
 ///
 ///     vesk::SignalDispatcher dispatcher("beacon", attributes);
 ///     vesk::SignalCatcher const catcher(SIGUSR1, dispatcher.getQueue(), blink, &beacon);
 ///
-/// Callbacks run one after the other; a slow one delays the rest. The constructors make and start the thread. A thread
-/// that cannot be made or started leaves the error pending that `Thread` reports, and the object calls nobody back. The
-/// constructors, `stop` and the destructor are for one thread at a time, and not for that of the dispatcher.
+/// Callbacks run one after the other; a slow callback delays the others. The constructors create and start
+/// the thread. If the thread cannot be created or started, the error that `Thread` reports is pending, and
+/// there are no callbacks. The constructors, `stop` and the destructor must be called by one thread at a
+/// time, and not by the dispatcher's own thread.
 class VESK_API SignalDispatcher : private tarnbase::NonCopyable {
 public:
-    /// The dispatcher of the process. Its thread exists while somebody holds a reference.
+    /// The dispatcher of the process. Its thread exists while there are references to it.
     static std::Shared<SignalDispatcher> DEFAULT;
 
-    /// The one for `DEFAULT`: its thread is named "vesk::SignalDispatcher" and scheduled as the main thread was when it
-    /// made the `Vesk`.
+    /// Creates the dispatcher for `DEFAULT`: its thread is named "vesk::SignalDispatcher" and scheduled as
+    /// the main thread was when it created the `Vesk`.
     SignalDispatcher();
 
+    /// Creates a dispatcher with a thread of its own.
     /// @param thread_name  as for `Thread`
     /// @param attributes   as for `Thread`
     SignalDispatcher(char const* thread_name, sched::Attr const& attributes);
 
-    /// The older form of the one above.
-    /// @param priority  0: the scheduling is inherited. Else the thread keeps the policy of the calling one, with this
-    ///                  priority or nice value.
+    /// Creates a dispatcher in the older form.
+    /// @param priority  0: the scheduling is inherited. Otherwise the thread keeps the policy of the calling
+    ///                  thread, with this priority or nice value.
     SignalDispatcher(char const* thread_name, int const& priority);
 
-    /// Stops the thread if that was not done, and closes the pipe. All catchers must have let go of the queue.
+    /// Stops the thread unless it is stopped, and closes the pipe. No catcher may use the queue any more.
     ~SignalDispatcher();
 
-    /// What catchers push into. Signals that are signed on with it are called back on this dispatcher's thread.
+    /// Returns the queue for catchers to push into. Signals that are signed on with it are called back on
+    /// this dispatcher's thread.
     SignalQueue& getQueue() noexcept { return queue; }
 
-    /// Ends the thread, once: blocks until the callback that is under way has returned and the thread is gone. Occurrences
-    /// that are pending are not called back any more; pushing stays allowed.
+    /// Ends the thread; a second call does nothing. Blocks until the current callback has returned and the
+    /// thread has ended. Pending occurrences are not called back any more; pushing stays allowed.
     void stop();
 
-    /// Whether a callback is running on the dispatcher's thread, or may be about to begin. False in that thread itself.
+    /// Returns whether a callback runs on the dispatcher's thread, or may be about to begin. Returns false in
+    /// that thread itself.
     bool isCallingBack() const noexcept;
 
-    /// Waits for the end of the callback that is running, if there is one. Not for the dispatcher's own callbacks.
+    /// Blocks until the current callback, if any, has ended. Must not be called by the dispatcher's own
+    /// callbacks.
     void waitForCallback() noexcept;
 
 private:
-    /// Passes the queue's messages on to the dispatcher and knows when one of them is being carried out.
+    /// Forwards the queue's messages to the dispatcher and tracks whether one of them is being carried out.
     class Calls : public Message::Source {
     public:
         explicit Calls(SignalQueue& signal_queue);
@@ -67,7 +73,7 @@ private:
 
         Message* pop_nonblock() override;
 
-        /// Tells that what was popped last has been carried out.
+        /// Marks the message that was popped last as carried out.
         void end() noexcept;
 
         bool isUnderWay() const noexcept { return state != State::NONE; }
@@ -78,7 +84,7 @@ private:
 
         SignalQueue& queue;
         std::atomic<State> state{State::NONE};
-        threadsafe::MutexImpl mutex; // For the condition alone.
+        threadsafe::MutexImpl mutex; // Used with the condition only.
         threadsafe::ConditionImpl ended;
     };
 

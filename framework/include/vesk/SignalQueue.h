@@ -4,9 +4,9 @@
 
 namespace vesk {
 
-/// The bridge from a signal handler, which may do next to nothing, to the thread of a `Dispatcher`, which may do
-/// anything. A handler pushes signal numbers, the thread gets a message for each and calls back. `SignalCatcher` is such
-/// a handler.
+/// The bridge from a signal handler, which may call almost nothing, to the thread of a `Dispatcher`, which
+/// may call anything. A handler pushes signal numbers; the thread gets a message for each number and calls
+/// back. `SignalCatcher` installs such a handler.
 ///
 ///     vesk::SignalQueue::Notifier notifier;
 ///     vesk::SignalQueue queue(notifier);
@@ -15,12 +15,13 @@ namespace vesk {
 ///     vesk::SignalCatcher const catcher(SIGHUP, queue, reload, &config);
 ///     dispatcher.run();                                                   // Calls reload(SIGHUP, &config).
 ///
-/// Each occurrence that is pushed becomes a message of its own; what the kernel merged before arrives once. Lower numbers
-/// have strict priority over higher ones. The memory is fixed, however much is pushed.
+/// Each occurrence that is pushed becomes a message of its own; occurrences that the kernel merged before
+/// arrive as one. Lower numbers have strict priority over higher ones. The memory is fixed, however much is
+/// pushed.
 ///
-/// `push` and `Notifier::signal` may be called from any thread and from signal handlers, the other operations from any
-/// thread. An internal lock that fails goes to `std::GlobalErrorHandler::doAbort` with "error locking" or "error
-/// unlocking".
+/// `push` and `Notifier::signal` may be called from any thread and from signal handlers, the other operations
+/// from any thread. An internal lock that fails goes to `std::GlobalErrorHandler::doAbort` with "error
+/// locking" or "error unlocking".
 class VESK_API SignalQueue : public SignalQueueImpl {
 public:
     class Notifier;
@@ -29,7 +30,7 @@ public:
     ~SignalQueue() override;
 };
 
-/// The notifier that belongs to a `SignalQueue`.
+/// The notifier for a `SignalQueue`.
 class VESK_API SignalQueue::Notifier : public SignalQueueImpl::NotifierImpl {
 public:
     ~Notifier() override;

@@ -5,20 +5,21 @@
 
 namespace vesk {
 
-/// The number of signal numbers: they go from 0 to 64.
+/// The number of signal numbers, which range from 0 to 64.
 constexpr int TARN_NSIGNALS = 65;
 
-/// The scope of the messages that a queue of signals gives out; see `SignalQueue`.
+/// The scope of the messages that a queue of signals returns; see `SignalQueue`.
 class VESK_API SignalQueueBase {
 public:
     class Message;
 };
 
-/// One occurrence of a signal, on its way to the callback.
+/// A single occurrence of a signal that waits for its callback.
 class VESK_API SignalQueueBase::Message : public vesk::Message {
 public:
+    /// Creates a message for an occurrence.
     /// @param number    the signal
-    /// @param function  what `invoke` calls with the signal and `argument`; not null
+    /// @param function  called by `invoke` with the signal and `argument`; not null
     Message(int number, void (*function)(int, void*), void* argument) noexcept
         : signal(number), callback(function), data(argument) {}
 

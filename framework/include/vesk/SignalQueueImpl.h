@@ -7,7 +7,7 @@
 
 namespace vesk {
 
-/// The half of a `SignalQueue` that depends on how a signal handler can wake a thread: by a byte in a pipe.
+/// The half of a `SignalQueue` that depends on how a signal handler can wake a thread: with a byte in a pipe.
 class VESK_API SignalQueueImpl : public SignalQueuePosixBase {
 public:
     class NotifierImpl;
@@ -17,36 +17,40 @@ public:
     ~SignalQueueImpl() override;
 };
 
-/// A pipe with which a thread, or a signal handler in it, wakes another one. Writing never blocks, reading does.
+/// A pipe with which a thread, or a signal handler in it, wakes another thread. Writing never blocks, reading
+/// does.
 class VESK_API SignalQueueImpl::SelfPipe : private tarnbase::NonCopyable {
 public:
-    /// Makes the pipe (`pipe`, `fcntl`). Both ends are inherited by new programs.
+    /// Creates the pipe (`pipe`, `fcntl`). New programs inherit both ends.
     ///
-    /// Failures go to `std::GlobalErrorHandler::doAssert`: "result==0" with "couldn't create self-pipe", and there is no
-    /// pipe then: waiting sleeps until a signal interrupts it, and the first `NotifierImpl::signal` ends the process.
-    /// "errno==0" with "couldn't configure self-pipe as non-blocking": the pipe works, but a writer waits for room if it
-    /// is full.
+    /// Failures go to `std::GlobalErrorHandler::doAssert`. "result==0" with "couldn't create self-pipe":
+    /// there is no pipe, waiting sleeps until a signal interrupts it, and the first `NotifierImpl::signal`
+    /// ends the process. "errno==0" with "couldn't configure self-pipe as non-blocking": the pipe works, but
+    /// a writer blocks while it is full.
     SelfPipe();
 
     /// Closes the read end, then the write end.
     ~SelfPipe();
 
-    /// `read` on the read end, with its result. Blocks while the pipe is empty. A cancellation point.
+    /// Calls `read` on the read end, and returns its result. Blocks while the pipe is empty. A cancellation
+    /// point.
     ssize_t read(void* buffer, unsigned int length);
 
-    /// `write` on the write end, with its result. A cancellation point.
+    /// Calls `write` on the write end, and returns its result. A cancellation point.
     ssize_t write(void const* buffer, unsigned int length);
 
-    /// Puts the read end into a set for `select`. A set holds descriptors below `FD_SETSIZE` (1024): with a higher one it
-    /// stays as it is, and `std::GlobalErrorHandler::doAssert` gets "read_end<FD_SETSIZE". `poll` has no such limit, see
-    /// `getReadEnd`.
-    /// @param highest  raised to the read end's number plus 1 if it is not above it: the first argument of `select`
+    /// Adds the read end to a set for `select`. A set holds descriptors below `FD_SETSIZE` (1024). With a
+    /// higher descriptor the set is unchanged, and `std::GlobalErrorHandler::doAssert` gets
+    /// "read_end<FD_SETSIZE". `poll` has no such limit, see `getReadEnd`.
+    /// @param highest  the first argument of `select`; raised to the read end's number plus 1 if it is not
+    ///                 above that number
     void set(fd_set* set, int& highest) const;
 
-    /// Whether the read end is in a set. False if no set can hold it.
+    /// Returns whether the read end is in a set. Returns false if no set can hold it.
     bool is_set(fd_set const* set) const;
 
-    /// The read end, for `poll`; -1 without a pipe, which `poll` ignores. Still owned by this object.
+    /// Returns the read end, for `poll`. Returns -1 without a pipe, which `poll` ignores. This object keeps
+    /// the ownership.
     int getReadEnd() const noexcept { return read_end; }
 
 private:
@@ -57,22 +61,24 @@ private:
     int write_end = -1;
 };
 
-/// A notifier whose `signal` may be called from signal handlers: it writes a byte into a pipe.
+/// A notifier with a `signal` that may be called from signal handlers: it writes a byte into a pipe.
 class VESK_API SignalQueueImpl::NotifierImpl : public Dispatcher::Notifier, private tarnbase::NonCopyable {
 public:
-    /// Makes the pipe; see `SelfPipe` for its failures.
+    /// Creates the pipe; see `SelfPipe` for its failures.
     NotifierImpl();
 
     /// Closes the pipe.
     ~NotifierImpl() override;
 
-    /// Waits for a byte in the pipe (`poll`) and takes one, even if there are more: so each `signal` ends one wait. Returns
-    /// early if a signal handler runs in the thread meanwhile and leaves nothing in the pipe. A cancellation point.
+    /// Blocks until there is a byte in the pipe (`poll`) and takes one byte, even if there are more, so that
+    /// each `signal` ends one wait. Returns early if a signal handler runs in the thread meanwhile and leaves
+    /// nothing in the pipe. A cancellation point.
     void wait() override;
 
-    /// Writes a byte; if the pipe is full, the wake-up is on its way already. Callable from any thread and from signal
-    /// handlers: takes no lock, does not allocate or block, is no cancellation point. May change `errno`. Any other
-    /// failure ends the process through `tarnbase::abort` with "write to self-pipe failed with errno=%d (%s)".
+    /// Writes a byte. A full pipe is not a failure: a wake-up is pending then. May be called from any thread
+    /// and from signal handlers: takes no lock, does not allocate or block, and is not a cancellation point.
+    /// May change `errno`. Any other failure ends the process through `tarnbase::abort` with "write to
+    /// self-pipe failed with errno=%d (%s)".
     void signal() override;
 
 private:

@@ -5,18 +5,18 @@
 #include <cstdint>
 #include <iosfwd>
 
-/// How a thread or a child process is to be scheduled, independent of the system call that applies it:
+/// Scheduling of a thread or a child process, independent of the system call that applies it:
 ///
 ///     vesk::sched::Attr attributes;
 ///     attributes.policy = vesk::sched::VESK_SCHED_POLICY_RR;
 ///     attributes.param = vesk::sched::Param(attributes.policy, 10);
 ///
-/// Everything here is a plain value, as safe between threads as an `int`.
+/// All types are plain values, with the thread-safety of an `int`.
 namespace vesk::sched {
 
-/// How the processor is shared out.
+/// Scheduling policies.
 ///
-/// The six classes are there for the sake of other operating systems. On this one a thread that is created with a class
+/// The six classes exist for other operating systems. On this one a thread that is created with a class
 /// inherits the scheduling of its creator, and a class cannot be set on an existing thread.
 enum Policy_E : int32_t {
     VESK_SCHED_NOOP = 0,               ///< Change nothing: a new thread inherits from its creator.
@@ -32,7 +32,7 @@ enum Policy_E : int32_t {
     VESK_SCHED_CLASS_REALTIME = 10,    ///< Portable class.
 };
 
-/// Thread priorities of another operating system. Nothing on this one uses them but their text form.
+/// Thread priorities of another operating system. On this one only their text form is used.
 enum WinThreadPrio : int32_t {
     VESK_WIN_THREAD_PRIO_IDLE = 0,
     VESK_WIN_THREAD_PRIO_LOWEST = 1,
@@ -43,7 +43,7 @@ enum WinThreadPrio : int32_t {
     VESK_WIN_THREAD_PRIO_TIME_CRITICAL = 6,
 };
 
-/// A `Policy_E` that begins as `VESK_SCHED_NOOP`. Converts both ways by itself.
+/// A `Policy_E` with the initial value `VESK_SCHED_NOOP`. Converts implicitly in both directions.
 class Policy {
 public:
     constexpr Policy() noexcept = default;
@@ -55,19 +55,19 @@ private:
     Policy_E m_value = VESK_SCHED_NOOP;
 };
 
-/// The parameters of a policy. Which of them counts depends on the policy.
+/// The parameters of a policy. The policy determines which of them are used.
 class VESK_API Param {
 public:
-    /// All zero.
+    /// Creates parameters that are all zero.
     constexpr Param() noexcept = default;
 
-    /// All zero but for `value`, which goes where the policy looks for it: into `nice` for `VESK_SCHED_POLICY_NORMAL`,
-    /// into `priority` for `VESK_SCHED_POLICY_RR`, `VESK_SCHED_POLICY_FIFO` and the classes, nowhere for
-    /// `VESK_SCHED_NOOP` and unknown policies. Its range is not checked.
+    /// Creates parameters that are all zero except `value`. It goes into `nice` for
+    /// `VESK_SCHED_POLICY_NORMAL` and into `priority` for `VESK_SCHED_POLICY_RR`, `VESK_SCHED_POLICY_FIFO`
+    /// and the classes. It is ignored for `VESK_SCHED_NOOP` and unknown policies. Its range is not checked.
     ///
     /// `VESK_SCHED_POLICY_KEEP` stands for the policy of the calling thread, which is read with
-    /// `Thread::getCallerSchedAttrs`. If that fails the object is all zero and the error stays pending, which
-    /// `std::ErrorStorage::isError` tells.
+    /// `Thread::getCallerSchedAttrs`. If that fails, the object is all zero and the error stays pending:
+    /// check `std::ErrorStorage::isError`.
     Param(Policy policy, int value);
 
     uint8_t reserved_byte = 0;  ///< For other operating systems; always 0 on this one.
@@ -77,7 +77,7 @@ public:
     uint32_t reserved_last = 0; ///< For other operating systems; always 0 on this one.
 };
 
-/// A policy with its parameters. All zero, as it begins, means `VESK_SCHED_NOOP`.
+/// A policy with its parameters. The initial state is all zero and means `VESK_SCHED_NOOP`.
 struct Attr {
     Policy policy;
     Param param;

@@ -28,7 +28,7 @@ void Dispatcher::remove_handler(Message::Handler& handler) {
 
 void Dispatcher::run() {
     while (isRunning()) {
-        // One message at a time: before the next one the first source has its turn again.
+        // One message at a time: the search for the next message begins with the first source again.
         if (Message* const message = pop()) {
             dispatch(message);
         } else {
@@ -56,7 +56,7 @@ void Dispatcher::dispatch(Message* message) {
     {
         InternalLock const lock(mutex, SOURCE, "dispatch");
         for (auto next = handlers.begin(); next != handlers.end();) {
-            // Read ahead of the call: should the process survive a fatal error in it, the handler may be gone.
+            // Advance before the call: if the process survives a fatal error in it, the handler may be gone.
             Message::Handler* const handler = *next++;
             message->get_handled_by(handler);
         }
@@ -94,7 +94,7 @@ Dispatcher::VanillaNotifier::~VanillaNotifier() = default;
 void Dispatcher::VanillaNotifier::wait() {
     InternalLock const lock(mutex, SOURCE, "wait");
     while (!signalled) {
-        // A wait that fails is reported, but is no signal.
+        // A wait that fails is reported, but does not count as a signal.
         condition.wait(mutex);
     }
     signalled = false;
@@ -102,7 +102,7 @@ void Dispatcher::VanillaNotifier::wait() {
 
 void Dispatcher::VanillaNotifier::signal() {
     InternalLock const lock(mutex, SOURCE, "signal");
-    // While the last signal waits to be taken, the waiter that it woke will take this one with it.
+    // While the previous signal is pending, the waiter that it woke takes this one as well.
     if (!signalled || !waiter_woken) {
         signalled = true;
         waiter_woken = !condition.signal();

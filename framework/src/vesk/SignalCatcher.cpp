@@ -9,7 +9,7 @@ using Reference = std::SharedBase::Ptr<SignalDispatcher>;
 SignalCatcher::SignalCatcher(int signal_number, void (*callback)(int, void*), void* data)
     : SignalCatcher(signal_number, Reference(SignalDispatcher::DEFAULT), callback, data) {}
 
-/// The dispatcher's queue can be asked for only once the reference is there.
+/// Takes the reference first: the dispatcher and its queue exist only from then on.
 SignalCatcher::SignalCatcher(
     int signal_number, Reference const& signal_dispatcher, void (*callback)(int, void*), void* data)
     : SignalCatcherImpl(signal_number, signal_dispatcher, signal_dispatcher->getQueue(), callback, data) {}

@@ -16,7 +16,7 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/SignalCatcherImpl-posix";
 
-// How often the end of a catcher looks whether handlers are still at work.
+// The interval at which the destructor of a catcher checks whether handlers are still running.
 constexpr struct timespec HANDLERS_TIME = {0, 100000};
 
 static_assert(std::atomic<uint32_t>::is_always_lock_free);
@@ -25,7 +25,7 @@ void fail(char const* condition, char const* function, int line = __builtin_LINE
     std::GlobalErrorHandler::doAssert(false, condition, SOURCE, line, function, nullptr);
 }
 
-/// Orders the catchers of a process that come and go. Handlers do not take it.
+/// Serializes the installation and removal of catchers. Handlers do not take it.
 class [[nodiscard]] CatchersLock : private tarnbase::NonCopyable {
 public:
     CatchersLock() noexcept { pthread_mutex_lock(&s_mutex); }
@@ -51,7 +51,7 @@ SignalCatcherImpl::SignalCatcherImpl(
         fail("signal<TARN_NSIGNALS", "SignalCatcherImpl");
         return;
     }
-    // Two catchers of one signal on one queue: the signal stays with the older one.
+    // If two catchers of a signal use the same queue, the older one keeps the signal.
     if (signal_queue.sign_on(signal, callback, data)) {
         return;
     }
@@ -60,13 +60,13 @@ SignalCatcherImpl::SignalCatcherImpl(
     try {
         checkOldAction();
     } catch (...) {
-        // A hook may throw. Nobody would ever destroy this object.
+        // A hook may throw, and the destructor does not run for an object that was not fully constructed.
         release();
         throw;
     }
 }
 
-/// A refusal is not reported: such a catcher never fires.
+/// Installs the handler. A refusal is not reported: such a catcher never fires.
 void SignalCatcherImpl::install() {
     CatchersLock const lock;
     Row& row = info[signal];
@@ -80,7 +80,7 @@ void SignalCatcherImpl::install() {
     installed = sigaction(signal, &action, &old_action) == 0;
 }
 
-/// Both forms of a handler lie in the same place.
+/// Asserts that the signal had no handler. Both forms of a handler share their storage.
 void SignalCatcherImpl::checkOldAction() const {
     if (old_action.sa_handler == SIG_DFL || old_action.sa_handler == SIG_IGN) {
         return;
@@ -103,7 +103,7 @@ SignalCatcherImpl::~SignalCatcherImpl() {
     release();
 }
 
-/// The mirror image of the construction.
+/// Reverses the construction, in the opposite order.
 void SignalCatcherImpl::release() {
     if (queue == nullptr) {
         return;
@@ -115,8 +115,8 @@ void SignalCatcherImpl::release() {
     queue->sign_off(signal);
 }
 
-/// Takes the signal from the handlers, and gives it to the catcher that had it before.
-/// @return whether there was a handler of somebody else
+/// Restores the previous action of the signal, and assigns the signal to the catcher that had it before.
+/// @return whether the signal had a handler of other code
 bool SignalCatcherImpl::uninstall() {
     CatchersLock const lock;
     Row& row = info[signal];
@@ -126,7 +126,8 @@ bool SignalCatcherImpl::uninstall() {
         row.queue.store(older != nullptr ? older->queue : nullptr);
         return was_replaced;
     }
-    // Both the handler and the queue are those of a newer one, which puts back what this one has found.
+    // The handler and the queue belong to a newer catcher, which must restore the action that this one has
+    // found.
     SignalCatcherImpl* newer = row.newest;
     while (newer->older != this) {
         newer = newer->older;
@@ -143,8 +144,8 @@ bool SignalCatcherImpl::putActionBack() const {
     return installed && sigaction(signal, &old_action, &current) == 0 && current.sa_handler != enqueue_signal;
 }
 
-/// Handlers that have found the queue may be in the middle of their push in other threads, and the queue may be gone as
-/// soon as this object is.
+/// Waits for handlers in other threads that have found the queue and are pushing into it: the queue may be
+/// destroyed right after this object.
 void SignalCatcherImpl::waitForHandlers() const {
     detail::CancellationOff const cancellation_off;
     while (info[signal].pushing.load() != 0) {
@@ -164,10 +165,11 @@ void SignalCatcherImpl::enqueue_signal(int signal_number) {
         return;
     }
     Row& row = info[signal_number];
-    // Counted before it looks: the end of a catcher takes the queue away and looks at the count then.
+    // Counted before the look-up: the destructor of a catcher first removes the queue and then checks the
+    // count.
     row.pushing.fetch_add(1);
     if (SignalQueue* const receiver = row.queue.load()) {
-        // The code that the signal interrupted may be about to look at it.
+        // The code that the signal interrupted may be about to read errno.
         int const saved_errno = errno;
         receiver->push(signal_number);
         errno = saved_errno;

@@ -14,7 +14,7 @@ constexpr char const* SOURCE = "framework/src/vesk/SignalDispatcher";
 
 using InternalLock = AbortingLock<threadsafe::MutexImpl>;
 
-/// The dispatcher whose thread this is.
+/// The dispatcher that runs in this thread.
 TARN_CONSTANT_INIT thread_local SignalDispatcher const* t_dispatcher = nullptr;
 
 } // namespace
@@ -40,7 +40,8 @@ SignalDispatcher::SignalDispatcher(char const* thread_name, int const& priority)
     start();
 }
 
-/// The thread exists by now, but looks at the sources only once it is started.
+/// Starts the thread. The source is added before: the thread exists already, but uses the sources only after
+/// its start.
 void SignalDispatcher::start() {
     dispatcher.add_source(calls);
     thread.start();
@@ -64,7 +65,7 @@ void SignalDispatcher::stop() {
     stopped = true;
     dispatcher.stop();
     if (thread.isValid()) {
-        // The last catcher ends in here, from a destructor.
+        // The destructor of the last catcher leads here, and must not be unwound.
         detail::CancellationOff const cancellation_off;
         thread.join();
     }
@@ -82,7 +83,8 @@ SignalDispatcher::Calls::Calls(SignalQueue& signal_queue) : queue(signal_queue),
 
 SignalDispatcher::Calls::~Calls() = default;
 
-/// Under way from before the look into the queue: what is signed off by then is neither found nor called.
+/// Sets the state before it searches the queue, so that a signal that is signed off while no call is under
+/// way is neither found nor called.
 Message* SignalDispatcher::Calls::pop_nonblock() {
     end();
     state = State::UNDER_WAY;
@@ -100,7 +102,7 @@ void SignalDispatcher::Calls::end() noexcept {
     }
 }
 
-/// Returns at the end of one call, or before: it is for the caller to look whether another one has begun.
+/// Returns at the end of a call or earlier: the caller must check whether another call has begun.
 void SignalDispatcher::Calls::wait() noexcept {
     detail::CancellationOff const cancellation_off;
     InternalLock const lock(mutex, SOURCE, "wait");
@@ -108,7 +110,7 @@ void SignalDispatcher::Calls::wait() noexcept {
     state.compare_exchange_strong(expected, State::AWAITED);
     if (state == State::AWAITED) {
         ended.wait();
-        ended.signal_one(); // Wakes the next one that waits for the same call.
+        ended.signal_one(); // Wakes the next thread that waits for the same call.
     }
 }
 

@@ -50,7 +50,7 @@ void SignalQueueImpl::SelfPipe::close() noexcept {
     if (!isOpen()) {
         return;
     }
-    // The system's close is a cancellation point.
+    // close is a cancellation point.
     CancellationOff const cancellation_off;
     ::close(read_end);
     ::close(write_end);
@@ -92,8 +92,8 @@ void SignalQueueImpl::NotifierImpl::wait() {
     pollfd row = {self_pipe.getReadEnd(), POLLIN, 0};
     int ready = poll(&row, 1, -1);
     if (ready < 0) {
-        // As a rule the handler that has interrupted it has written a byte. If not, reading would wait for one where no
-        // signal interrupts it.
+        // Usually the handler that interrupted poll has written a byte. If it has not, read would block, and
+        // the system restarts it after a signal.
         ready = poll(&row, 1, 0);
     }
     if (ready > 0) {
@@ -113,7 +113,7 @@ void SignalQueueImpl::NotifierImpl::signal() {
     if (error == EAGAIN) {
         return;
     }
-    // Not strerror, which may take a lock.
+    // strerror is not used here: it may take a lock.
     char const* const text = strerrordesc_np(error);
     tarnbase::abort(
         SOURCE, __LINE__, "signal", "write to self-pipe failed with errno=%d (%s)", error,

@@ -21,7 +21,7 @@ void fail(char const* condition, char const* function, int line = __builtin_LINE
     std::GlobalErrorHandler::doAssert(false, condition, SOURCE, line, function, nullptr);
 }
 
-/// False, after the assertion, if there is no such signal.
+/// Returns whether the signal number is valid; asserts if it is not.
 bool isSignal(int number, char const* function) {
     if (number < 0) {
         fail("signal>=0", function);
@@ -91,9 +91,10 @@ vesk::Message* SignalQueuePosixBase::pop_nonblock() {
         if (row.callback == nullptr) {
             continue;
         }
-        // Taken first and given back if there was none: a push in between is counted either way.
+        // Decremented first, and restored if the count was zero: a push in between is counted either way.
         if (__sync_fetch_and_sub(&row.pending, 1) != 0) {
-            // Without memory the occurrence is lost: there is nobody to tell, and trying again would hold up the others.
+            // Without memory the occurrence is lost: there is no way to report it, and a retry would delay
+            // the others.
             return new (std::nothrow) Message(number, row.callback, row.data);
         }
         __sync_fetch_and_add(&row.pending, 1);

@@ -9,7 +9,7 @@ using tarnbase::TimePoint;
 namespace {
 
 constexpr unsigned int FIRST_SLOTS_LOG2 = 4;
-constexpr size_t CHILDREN = 4; // Half the levels of a heap with two, and they share cache lines.
+constexpr size_t CHILDREN = 4; // Half as many levels as in a binary heap; siblings share cache lines.
 
 constexpr size_t getParent(size_t place) noexcept {
     return (place - 1) / CHILDREN;
@@ -48,12 +48,13 @@ Alarm* AlarmTable::takeEarliest() noexcept {
 }
 
 size_t AlarmTable::getHome(Alarm const* alarm) const noexcept {
-    // Alarms often lie at equal distances: the multiplication spreads them, best in its upper bits.
+    // Alarms are often at equal distances: the multiplication spreads their addresses, best in the upper
+    // bits.
     uint64_t const address = reinterpret_cast<uintptr_t>(alarm);
     return static_cast<size_t>((address * 0x9E3779B97F4A7C15U) >> m_shift);
 }
 
-/// The alarm's slot, or the free one where it would go.
+/// Returns the alarm's slot, or the free slot for it.
 size_t AlarmTable::find(Alarm const* alarm) const noexcept {
     size_t slot = getHome(alarm);
     while (m_slots[slot].place != FREE && m_slots[slot].alarm != alarm) {
@@ -65,7 +66,7 @@ size_t AlarmTable::find(Alarm const* alarm) const noexcept {
 void AlarmTable::grow() {
     std::vector<Entry> heap(2 * m_heap.size());
     std::vector<Slot> slots(2 * m_slots.size());
-    // Nothing fails from here on.
+    // Nothing can fail from here on.
     std::copy(m_heap.begin(), m_heap.end(), heap.begin());
     m_heap.swap(heap);
     m_slots.swap(slots);
@@ -81,12 +82,12 @@ void AlarmTable::eraseSlot(size_t slot) noexcept {
     size_t const place = m_slots[slot].place;
     setCount(getCount() - 1);
     if (place < getCount()) {
-        settle(place, m_heap[getCount()]); // The last one goes where the gap is.
+        settle(place, m_heap[getCount()]); // The last entry fills the gap.
     }
     freeSlot(slot);
 }
 
-/// Those behind a slot that becomes free move up, so that no search ends before its goal.
+/// Frees a slot and moves the entries behind it up, so that no search stops at the gap.
 void AlarmTable::freeSlot(size_t hole) noexcept {
     for (size_t slot = nextSlot(hole); m_slots[slot].place != FREE; slot = nextSlot(slot)) {
         if (distance(getHome(m_slots[slot].alarm), slot) >= distance(hole, slot)) {
@@ -103,7 +104,7 @@ void AlarmTable::put(size_t place, Entry const& entry) noexcept {
     m_slots[entry.slot].place = place;
 }
 
-/// Finds the entry its place, up or down from where there is a gap.
+/// Moves the entry up or down from the gap at `place` to its position in the heap.
 void AlarmTable::settle(size_t place, Entry entry) noexcept {
     while (place > 0 && entry.expiry < m_heap[getParent(place)].expiry) {
         put(place, m_heap[getParent(place)]);

@@ -14,32 +14,34 @@ class Alarm;
 
 namespace vesk::detail {
 
-/// The pending alarms of an engine with their expiries: found by the alarm, and the earliest one at hand.
+/// The pending alarms of an engine with their expiries. Finds an entry by its alarm, and the earliest entry
+/// in constant time.
 ///
-/// A hash table of the alarms with open addressing, and a heap of the expiries; each knows where its other half lies.
-/// Both are plain arrays, so that a hundred thousand pending alarms cost an operation a few cache lines and no
-/// allocation. They keep their memory.
+/// Consists of a hash table of the alarms with open addressing, and a heap of the expiries; the entries of
+/// each refer to those of the other. Both are plain arrays: with a hundred thousand pending alarms an
+/// operation touches a few cache lines and allocates nothing, except when the table grows. The arrays never
+/// shrink.
 ///
 /// All operations but `getCount` are called with the engine's lock held.
 class AlarmTable : private tarnbase::NonCopyable {
 public:
     AlarmTable();
 
-    /// How many are pending. Callable without the lock.
+    /// Returns the number of pending alarms. May be called without the lock.
     size_t getCount() const noexcept { return m_count.load(std::memory_order_relaxed); }
 
-    /// The smallest expiry; `TimePoint::MAX` without any.
+    /// Returns the smallest expiry; `TimePoint::MAX` without any.
     tarnbase::TimePoint getEarliest() const noexcept {
         return getCount() == 0 ? tarnbase::TimePoint::MAX : m_heap.front().expiry;
     }
 
-    /// Puts an alarm in, or gives it another expiry. Throws `std::bad_alloc`, and has then changed nothing.
+    /// Adds an alarm, or changes its expiry. Throws `std::bad_alloc`, and then leaves everything unchanged.
     void set(Alarm* alarm, tarnbase::TimePoint expiry);
 
-    /// Takes an alarm out; one that is not there is ignored.
+    /// Removes an alarm; ignores an alarm that is not in the table.
     void erase(Alarm const* alarm) noexcept;
 
-    /// Takes the alarm with the smallest expiry out. There must be one.
+    /// Removes and returns the alarm with the smallest expiry. The table must not be empty.
     Alarm* takeEarliest() noexcept;
 
 private:
@@ -47,7 +49,7 @@ private:
 
     struct Slot {
         Alarm* alarm = nullptr;
-        size_t place = FREE; // Where in the heap.
+        size_t place = FREE; // Index in the heap.
     };
     struct Entry {
         tarnbase::TimePoint expiry;
@@ -68,10 +70,11 @@ private:
     void settle(size_t place, Entry entry) noexcept;
     size_t getEarliestChild(size_t place) const noexcept;
 
-    std::vector<Slot>
-        m_slots; // A power of two, at least half of them free. An alarm lies at its home or behind it.
-    std::vector<Entry> m_heap; // With four children each, and room for half as many as there are slots.
-    unsigned int m_shift;      // Of a 64-bit hash, to get an index of a slot.
+    // The size is a power of two, and at least half are free. An alarm is at its home or behind it.
+    std::vector<Slot> m_slots;
+    // Each entry has four children. There is room for half as many entries as there are slots.
+    std::vector<Entry> m_heap;
+    unsigned int m_shift; // Turns a 64-bit hash into the index of a slot.
     std::atomic<size_t> m_count{0};
 };
 

@@ -9,7 +9,7 @@ void Message::get_handled_by(Handler*) {}
 
 void Message::invoke() {}
 
-// Whoever holds a pointer that may be null dismisses it with the qualified call, as free() takes null.
+// Callers with a pointer that may be null use the qualified call, as free() accepts null.
 __attribute__((no_sanitize("null"))) void Message::dismiss() {
     if (this == nullptr) {
         return;

@@ -34,7 +34,7 @@ constexpr char const* WIN_THREAD_PRIO_NAMES[] = {
 };
 static_assert(std::size(WIN_THREAD_PRIO_NAMES) == VESK_WIN_THREAD_PRIO_TIME_CRITICAL + 1);
 
-/// Writes the name that a value has in its table. Numbers are decimal whatever base the stream is set to.
+/// Writes the name of a value from its table. Numbers are decimal whatever the base of the stream.
 template <size_t N>
 std::ostream& write(std::ostream& out, char const* const (&names)[N], int value, char const* unknown) {
     if (value >= 0 && value < static_cast<int>(N)) {

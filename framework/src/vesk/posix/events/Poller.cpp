@@ -27,7 +27,7 @@ static_assert(FAILURES == 0x38);
 
 using InternalLock = AbortingLock<threadsafe::MutexImpl>;
 
-/// The system's text for an error number, without the number.
+/// Provides the system's text for an error number, without the number.
 class ErrorText {
 public:
     explicit ErrorText(int error) noexcept : m_text(strerror_r(error, m_buffer, sizeof m_buffer)) {}
@@ -38,7 +38,7 @@ private:
     char const* m_text;
 };
 
-/// Makes room for `size` elements, and for more to come.
+/// Reserves room for `size` elements, and grows geometrically.
 template <typename T>
 void makeRoom(std::vector<T>& list, size_t size) {
     if (size > list.capacity()) {
@@ -50,8 +50,8 @@ void makeRoom(std::vector<T>& list, size_t size) {
 
 TARN_CONSTANT_INIT std::Shared<Poller> Poller::DEFAULT;
 
-/// The lists of one cycle. They keep their memory from cycle to cycle, but belong to one call: a callback may enter `poll`
-/// again, which then finds none to take.
+/// The lists of one cycle. They keep their memory between cycles, but belong to a single call: a callback may
+/// enter `poll` again, which then starts with empty lists.
 class Poller::CallsOfCycle : private tarnbase::NonCopyable {
 public:
     explicit CallsOfCycle(Calls& spare) noexcept : m_spare(spare), m_calls(std::move(spare)) {}
@@ -79,7 +79,7 @@ Poller::SelfPipe::~SelfPipe() {
 
 Poller::Poller() : mutex(false), fds(1) {
     int ends[2] = {-1, -1};
-    // Without close-on-exec: what a new program inherits is decided by whoever starts it.
+    // Without close-on-exec: the code that starts a program decides what it inherits.
     if (pipe(ends) != 0) {
         int const error = errno;
         std::GlobalErrorHandler::doAbort(
@@ -112,7 +112,7 @@ void Poller::remove(int fd) {
 template <typename Matches>
 void Poller::queueRemovals(Matches matches) {
     InternalLock const lock(mutex, SOURCE, "remove");
-    // Additions are not searched: what was added last is meant to be there.
+    // Additions are not searched: a pair that was added last must stay.
     std::copy_if(clients.begin(), clients.end(), std::back_inserter(removals), matches);
     send(SET_CHANGED);
 }
@@ -121,7 +121,7 @@ void Poller::stop() {
     send(STOP);
 }
 
-/// A write that fails is ignored: it has no one to tell, and a pipe that is full wakes the loop anyway.
+/// Wakes the loop with a command. Ignores a failed write: there is no caller to report it to.
 void Poller::send(unsigned char command) const noexcept {
     detail::CancellationOff const cancellation_off;
     [[maybe_unused]] ssize_t const written = write(self_pipe.write_end, &command, sizeof command);
@@ -134,7 +134,7 @@ bool Poller::poll() {
 
     errno = 0;
     if (::poll(fds.data(), fds.size(), -1) < 0) {
-        // An interruption included: signals have no business in a thread that serves others.
+        // An interruption counts as a failure, too: the polling thread must not handle signals.
         int const error = errno;
         std::GlobalErrorHandler::doAbort(
             SOURCE, __LINE__, "poll", "vesk::Poller::poll: poll failed, errno=%d (%s)", error,
@@ -169,17 +169,18 @@ bool Poller::poll() {
     return false;
 }
 
-/// Brings the set up to date: drops those that failed in the cycle before, applies what waits, and makes the rows.
+/// Updates the set: removes the descriptors that failed in the previous cycle, applies the pending changes,
+/// and builds the rows.
 void Poller::rebuild(Calls& calls) {
     InternalLock const lock(mutex, SOURCE, "poll");
-    // The rows of the cycle before are the only record of who failed.
+    // The rows of the previous cycle are the only record of its failures.
     for (size_t i = 0; i < clients.size(); ++i) {
         if ((fds[i + 1].revents & FAILURES) != 0) {
             removals.push_back(clients[i]);
         }
     }
-    // All memory first: when there is not enough, entries and rows still belong together, and no failed client loses the
-    // call that tells it.
+    // Reserve all memory first: if there is not enough, entries and rows still correspond, and no failed
+    // client misses its call of `error`.
     size_t const most = clients.size() + additions.size();
     makeRoom(clients, most);
     makeRoom(fds, most + 1);
@@ -202,29 +203,30 @@ void Poller::rebuild(Calls& calls) {
     for (size_t i = 0; i < clients.size(); ++i) {
         fds[i + 1] = {clients[i].fd, 0, 0};
     }
-    // A loop of its own: a client that throws must leave no row of another one behind.
+    // A separate loop: if a client throws, no row may still contain the events of another client.
     for (size_t i = 0; i < clients.size(); ++i) {
         fds[i + 1].events = static_cast<short>(clients[i].client->poll_events(clients[i].fd));
     }
 }
 
-/// One byte of the pipe, even if there are more. Should it not come, it is as if the set had changed: the byte is still
-/// there for the next cycle.
+/// Reads one byte of the pipe, even if there are more. A failed read counts as a change of the set: the byte
+/// is still available in the next cycle.
 unsigned char Poller::receive() const {
     unsigned char command = SET_CHANGED;
     [[maybe_unused]] ssize_t const count = read(self_pipe.read_end, &command, sizeof command);
     return command;
 }
 
-/// Drops what this cycle found, for the next one to find it again: a failed client that was told nothing must not leave
-/// the set. Without the lock, since only this thread looks at the rows: a stop returns at once.
+/// Discards the results of this cycle, for the next cycle to find them again: a failed client must not leave
+/// the set without its call of `error`. Takes no lock, since only this thread uses the rows: a stop returns
+/// immediately.
 void Poller::forget() noexcept {
     for (struct pollfd& row : fds) {
         row.revents = 0;
     }
 }
 
-/// Sorts the rows by the calls that they ask for.
+/// Sorts the rows by the calls that they require.
 void Poller::collect(Calls& calls) {
     InternalLock const lock(mutex, SOURCE, "poll");
     for (size_t i = 0; i < clients.size(); ++i) {

@@ -24,12 +24,12 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/Alarm";
 
-/// Before the first alarm the kernel's timer counts as armed for a time that nobody lives to see.
+/// Before the first alarm the kernel timer is treated as armed for the far future.
 constexpr Duration FAR_AWAY(std::numeric_limits<unsigned long long>::max() / 1000);
 
 using InternalLock = AbortingLock<threadsafe::MutexImpl>;
 
-/// Guards the threads of all rings, and what these threads wait for.
+/// Guards the ringers of all engines, and what these threads wait for.
 class [[nodiscard]] RingersLock : private tarnbase::NonCopyable {
 public:
     RingersLock() noexcept { pthread_mutex_lock(&s_mutex); }
@@ -39,19 +39,21 @@ private:
     static inline pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
 };
 
-/// No expiry lies before the boot or wraps around: their order is the same with and without a sign.
+/// Returns `now` plus `delay`, at most `TimePoint::MAX`. An expiry is neither negative nor wraps around, so
+/// the order is the same with signed and unsigned numbers.
 TimePoint addTo(TimePoint now, Duration delay) noexcept {
     return delay < TimePoint::MAX - now ? now + delay : TimePoint::MAX;
 }
 
-/// An id that the kernel gives to no timer, while a pointer's lowest values are the first ones that it gives.
+/// Returns an id that the kernel assigns to no timer. A null pointer is no such id: the kernel numbers timers
+/// from 0.
 timer_t getNoTimer() noexcept {
     return reinterpret_cast<timer_t>(static_cast<intptr_t>(INT_MAX)); // NOLINT(performance-no-int-to-ptr)
 }
 
 } // namespace
 
-/// A thread, in its role of running rings. Each thread has one.
+/// The state of a thread that runs rings. Each thread has one.
 struct detail::AlarmRinger {
     unsigned int rings = 0; // More than one if a callback calls `ring`.
     Alarm::Timer const* waits_for = nullptr;
@@ -75,8 +77,8 @@ void Alarm::deliver() const {
     static_cast<void>(message.release());
 }
 
-/// Holds the engine's lock for one of its operations. A callback goes on at once, and so does a call for which the ring
-/// under way waits.
+/// Holds the engine's lock for one of its operations. It does not wait for the current ring in a callback of
+/// that ring, nor if the ring waits for the calling thread.
 class [[nodiscard]] Alarm::Timer::Access : private tarnbase::NonCopyable {
 public:
     Access(Timer& engine, char const* function, int line = __builtin_LINE())
@@ -90,8 +92,8 @@ private:
     InternalLock m_lock;
 };
 
-/// Tells, while it lives, that the calling thread waits for an engine. Of interest only where the thread is inside a
-/// callback, since no engine waits for others.
+/// Records during a scope that the calling thread waits for an engine. Needed only inside callbacks: no
+/// engine waits for other threads.
 class [[nodiscard]] Alarm::Timer::Waiting : private tarnbase::NonCopyable {
 public:
     explicit Waiting(Timer const& engine) noexcept {
@@ -117,8 +119,8 @@ private:
     bool m_is_deadlock = false;
 };
 
-/// One run of `ring`: from `begin` to its end it is the engine's lock. The engine is armed for what is left at its end,
-/// also when a callback throws.
+/// One run of `ring`. It acts as the engine's lock from `begin` until its end. At the end the engine is armed
+/// for the remaining alarms, also when a callback throws.
 class Alarm::Timer::Ring : private tarnbase::NonCopyable {
 public:
     explicit Ring(Timer& engine) : m_engine(engine) {
@@ -149,7 +151,7 @@ private:
     TimePoint m_now;
     size_t m_next = 0;
     bool m_begun = false;
-    Ring* m_outer = nullptr; // The ring of the same engine whose callback has called this one.
+    Ring* m_outer = nullptr; // The ring of the same engine from which a callback made this one.
 };
 
 Alarm::Timer::Timer(int signal, char const* thread_name, sched::Attr const& attributes)
@@ -175,8 +177,8 @@ Alarm::Timer::Timer(Scheduling const& scheduling, int signal, char const* thread
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = signal;
     timer_t timer = getNoTimer();
-    // Unchecked, as is every later call for the timer: nobody who starts an alarm could do anything about a kernel
-    // that has no timer left, and there is nobody else to tell.
+    // Unchecked, as is every later call for the timer: code that starts an alarm could not handle a kernel
+    // without free timers, and there is no other receiver for a report.
     timer_create(CLOCK_MONOTONIC, &event, &timer);
     m_timer.store(timer, std::memory_order_relaxed);
 }
@@ -187,8 +189,8 @@ Alarm::Timer::~Timer() {
     dropSignals();
 }
 
-/// An expiry of the last moment may still be on its way to some thread, and would end the process once the signal has
-/// its default action again.
+/// Consumes pending signals. A final expiry may still be pending for some thread, and would end the process
+/// once the signal has its default action again.
 void Alarm::Timer::dropSignals() noexcept {
     detail::CancellationOff const cancellation_off;
     sigset_t signals;
@@ -218,10 +220,10 @@ void Alarm::Timer::add(Alarm* alarm, Duration const& delay) {
 void Alarm::Timer::remove(Alarm* alarm) {
     Access const access(*this, "remove");
     m_alarms->erase(alarm);
-    // The kernel's timer stays as it is: a ring too many is cheaper than a system call here.
+    // The kernel timer stays as it is: a superfluous ring is cheaper than a system call here.
     m_next_expiry = m_alarms->getEarliest();
     if (isOfOtherThread()) {
-        // That ring waits for this thread, and must not find the alarm when it goes on.
+        // The ring waits for this thread, and must not call the alarm when it continues.
         for (Ring* ring = m_ring; ring != nullptr; ring = ring->getOuter()) {
             ring->forget(alarm);
         }
@@ -240,13 +242,13 @@ void Alarm::Timer::waitForCallback() noexcept {
     Access const access(*this, "waitForCallback");
 }
 
-/// Whether another thread runs callbacks of the engine.
+/// Returns whether another thread runs callbacks of the engine.
 bool Alarm::Timer::isOfOtherThread() const noexcept {
     detail::AlarmRinger const* const ringer = m_ringer.load(std::memory_order_acquire);
     return ringer != nullptr && ringer != &t_ringer;
 }
 
-/// Whether the engine's ring waits for one of the calling thread, directly or over others.
+/// Returns whether the engine's ring waits for a ring of the calling thread, directly or through other rings.
 bool Alarm::Timer::leadsToCaller(Timer const& engine) noexcept {
     for (Timer const* next = &engine; next != nullptr;) {
         detail::AlarmRinger const* const ringer = next->m_ringer.load(std::memory_order_relaxed);
@@ -258,8 +260,9 @@ bool Alarm::Timer::leadsToCaller(Timer const& engine) noexcept {
     return false;
 }
 
-/// For operations that find a ring of another thread. The next ring begins only after them, else a thread whose callbacks
-/// take longer than their interval would have the lock again before any of these has woken up.
+/// Blocks an operation until the ring of another thread has ended. The next ring begins only after the
+/// waiting operations. Otherwise a thread with callbacks that take longer than their interval would acquire
+/// the lock again before any of these operations has woken up.
 void Alarm::Timer::waitForRing(char const* function) noexcept {
     Waiting const waiting(*this);
     if (waiting.isDeadlock()) {
@@ -277,8 +280,8 @@ void Alarm::Timer::waitForRing(char const* function) noexcept {
     wakeNext();
 }
 
-/// For a new ring, which comes after the ring under way and after the calls that wait for it.
-/// @return false if that ring waits for this thread
+/// Blocks a new ring until the current ring, and the calls that wait for it, have ended.
+/// @return false if the current ring waits for this thread
 bool Alarm::Timer::waitForCalls(char const* function) noexcept {
     bool const is_inner = m_ring != nullptr && !isOfOtherThread();
     if (is_inner || (m_ring == nullptr && m_waiting_calls == 0)) {
@@ -298,7 +301,8 @@ bool Alarm::Timer::waitForCalls(char const* function) noexcept {
     return true;
 }
 
-/// Each that goes on wakes the next one: a call, or the ring that comes after all of them.
+/// Wakes the next waiter: a call, or the ring that follows all calls. Each waiter that continues wakes the
+/// next.
 void Alarm::Timer::wakeNext() noexcept {
     (m_waiting_calls != 0 ? m_calls_may_go_on : m_ring_may_begin).signal_one();
 }
@@ -310,15 +314,17 @@ void Alarm::Timer::ring(void* engine) {
     }
 }
 
-/// Takes the lock and the alarms that are due.
-/// @return false if there are none
+/// Acquires the engine's lock and removes the due alarms from the table.
+/// @return false if no alarm is due, or if the current ring waits for this thread
 bool Alarm::Timer::Ring::begin() {
     InternalLock const lock(m_engine.m_lock, SOURCE, "ring");
     if (!m_engine.waitForCalls("ring")) {
-        return false; // The ring under way looks at the time as well, when it ends.
+        return false; // The current ring arms the timer when it ends.
     }
     if (m_engine.m_next_expiry > m_now) {
-        // Early, or for an alarm that was removed or put off. Armed here for the rest, and at the end as always.
+        // The call is early, or the alarm was removed or postponed. Arms twice on purpose, once for the
+        // remaining time and once as every ring does at its end: the call sequence is part of the contract
+        // with callers.
         m_engine.armForNext(m_now);
         m_engine.armForNext(m_now);
         m_engine.wakeNext();
@@ -329,7 +335,7 @@ bool Alarm::Timer::Ring::begin() {
     return true;
 }
 
-/// Delivers the alarms in the order of their addresses, without the mutex.
+/// Calls the due alarms in the order of their addresses, without the mutex.
 void Alarm::Timer::Ring::deliver() {
     while (m_next < m_due.size()) {
         Alarm const* const alarm = m_due[m_next++];
@@ -361,7 +367,7 @@ void Alarm::Timer::Ring::end() noexcept {
 }
 
 void Alarm::Timer::takeDue(TimePoint now, std::vector<Alarm const*>& due) {
-    due.reserve(m_alarms->getCount()); // Some may have come in while the lock was not held.
+    due.reserve(m_alarms->getCount()); // Alarms may have been added while the lock was not held.
     while (m_alarms->getEarliest() <= now) {
         due.push_back(m_alarms->takeEarliest());
     }
@@ -377,10 +383,11 @@ void Alarm::Timer::armForNext(TimePoint now) noexcept {
 
 void Alarm::Timer::armTimer(Duration delay) noexcept {
     itimerspec value{}; // One shot.
-    // A time that is too long for the system becomes its longest: the ring that comes too early arms for the rest.
+    // A delay that is too long for the system becomes the longest: the ring comes too early and arms for the
+    // rest.
     value.it_value = TimePoint(delay.getCount()).toTimespec();
     if (value.it_value.tv_sec == 0 && value.it_value.tv_nsec == 0) {
-        value.it_value.tv_nsec = 1; // All zero would disarm it.
+        value.it_value.tv_nsec = 1; // All zero would disarm the timer.
     }
     timer_settime(m_timer.load(std::memory_order_relaxed), 0, &value, nullptr);
 }

@@ -32,7 +32,7 @@ namespace {
 
 constexpr char const* SOURCE = THREAD_SOURCE;
 
-// The system shows so many bytes of a name.
+// The system limits names to this number of bytes.
 constexpr size_t NAME_LENGTH = 15;
 
 constexpr std::ErrorID ROWS[] = {
@@ -42,7 +42,8 @@ constexpr std::ErrorID ROWS[] = {
     {3, "Thread yield failed: %s", 1},
     {4, "Thread join failed: %s", 1},
     {5, "Thread terminate failed: %s", 1},
-    // suspend reports 6 and wakeup 7, which have no row: their texts are those of an unknown error.
+    // suspend reports SUSPEND_FAILED and wakeup WAKEUP_FAILED, which have no row: their texts are those of an
+    // unknown error.
 };
 
 constexpr ErrnoRow ATTRIBUTE_INIT_ERRORS[] = {
@@ -62,11 +63,11 @@ constexpr ErrnoRow CREATE_ERRORS[] = {
 
 tracing::Channel s_channel("FW_Vesk_Thread", 7, tracing::Channel::WITH_THREAD);
 
-/// The link of a thread that runs in the wrapper, null in all others. What a thread asks about itself it asks here: its
-/// object may be gone.
+/// The link of a thread that runs in the wrapper, null in all other threads. A thread queries its own state
+/// here, since its object may be destroyed.
 TARN_CONSTANT_INIT thread_local ThreadLink* t_link = nullptr;
 
-/// Destroys the attributes on every way out.
+/// Destroys the attributes at the end of a scope.
 class AttrGuard {
 public:
     explicit AttrGuard(pthread_attr_t& attributes) noexcept : m_attributes(attributes) {}
@@ -76,7 +77,8 @@ private:
     pthread_attr_t& m_attributes;
 };
 
-/// Holds the thread's side of the link, and leaves it on every way out, unwinding included.
+/// Holds the thread's side of the link, and releases it at the end of a scope, also when the stack is
+/// unwound.
 class LinkGuard {
 public:
     explicit LinkGuard(ThreadLink& link) noexcept { t_link = &link; }
@@ -86,8 +88,8 @@ public:
     }
 };
 
-/// Does what the wrapper and the destructor cannot go on without. They have nobody to report to; should a hook let
-/// doAbort return, it is tried again.
+/// Repeats an operation until it succeeds. The wrapper and the destructor cannot continue without it, and
+/// have no caller to report a failure to. A hook may let doAbort return.
 template <typename Operation>
 void insist(char const* function, char const* failure, Operation operation, int line = __builtin_LINE()) {
     while (operation()) {
@@ -95,7 +97,7 @@ void insist(char const* function, char const* failure, Operation operation, int 
     }
 }
 
-/// The same for unlocking, which is tried twice at most: after a failure the lock may be free all the same.
+/// Unlocks in the same way, but tries at most twice: after a failure the lock may be free all the same.
 void unlockOrAbort(
     Mutex const& mutex, char const* function, char const* failure, int line = __builtin_LINE()) {
     if (mutex.unlock()) {
@@ -157,8 +159,8 @@ Thread::Thread(
             attributes.param.nice = priority;
             break;
         default:
-            // A thread without the priority that was asked for goes without the name, too, on purpose: it is not the
-            // thread that its creator wanted.
+            // A thread without the requested priority also gets no name, on purpose: it differs from the
+            // thread that was requested.
             name = nullptr;
             stack_size = 0;
             break;
@@ -167,7 +169,7 @@ Thread::Thread(
     m_valid = !initialize(argument, name, stack_size, attributes);
 }
 
-/// True on failure. The stack size has no effect: every thread has the system's default stack.
+/// Returns true on failure. The stack size has no effect: every thread has the system's default stack.
 bool Thread::initialize(void* argument, char const* name, unsigned int, sched::Attr const& attributes) {
     m_argument = argument;
     m_attributes = attributes;
@@ -202,7 +204,7 @@ bool Thread::create(char const* name) {
     setState(CREATED);
     int error = pthread_create(&m_handle, &attributes, threadWrapper, this);
     if (error == EINVAL || error == EPERM) {
-        // Without the right to the scheduling that it wants a process still gets its thread.
+        // A process without the permission for the requested scheduling still gets its thread.
         pthread_attr_setinheritsched(&attributes, PTHREAD_INHERIT_SCHED);
         error = pthread_create(&m_handle, &attributes, threadWrapper, this);
     }
@@ -215,14 +217,14 @@ bool Thread::create(char const* name) {
 
 // ---- the thread itself ----
 
-/// The entry of every thread. Its ends are returns, which are as good as pthread_exit(NULL).
+/// The entry function of every thread. It ends by returning, which is equivalent to pthread_exit(NULL).
 ///
-/// When it may touch the object: up to takeOver the object waits for it, whatever state it is destroyed in. While the
-/// body runs it does not. After the body a joinable thread does if the link says so (see ThreadLink), a detached one
-/// never.
+/// Access to the object: up to takeOver the object waits for the thread, whatever its state when it is
+/// destroyed. While the body runs, the wrapper does not use the object. After the body the wrapper of a
+/// joinable thread uses it if the link permits (see ThreadLink), that of a detached thread never.
 ///
-/// The thread can be cancelled in its body only. Nothing here is left half done, and nobody waits in vain for a thread
-/// to take over.
+/// The thread can be cancelled in its body only. Otherwise start-up would be left incomplete, and a
+/// destructor could wait for takeOver in vain.
 void* Thread::threadWrapper(void* this_thread) {
     if (this_thread == nullptr) {
         GlobalErrorHandler::doAssert(false, "p_arg", SOURCE, __LINE__, "threadWrapper", nullptr);
@@ -260,7 +262,8 @@ void* Thread::threadWrapper(void* this_thread) {
     return nullptr;
 }
 
-/// Time sharing has no priority but the nice value, which belongs to the kernel's thread: only that can be addressed.
+/// Sets the nice value, the only priority of time sharing. It belongs to the kernel's thread, so only that
+/// can be addressed.
 void Thread::applyNice() {
     if (m_attributes.policy != sched::VESK_SCHED_POLICY_NORMAL) {
         return;
@@ -279,7 +282,7 @@ void Thread::applyNice() {
         getpriority(PRIO_PROCESS, static_cast<id_t>(tid)));
 }
 
-/// Waits for the start, and takes the thread over from its creation. True if the body is to run.
+/// Waits for the start, and ends the use of the object by the start-up. Returns true if the body must run.
 bool Thread::takeOver() {
     insist("threadWrapper", "error getting state lock", [this] { return m_shared.mutex.lock(); });
     while (getState() == CREATED) {
@@ -287,7 +290,7 @@ bool Thread::takeOver() {
             GlobalErrorHandler::doAbort(SOURCE, __LINE__, "threadWrapper", "error waiting on condition");
         }
     }
-    // The object was destroyed before it was started, or terminated before this thread got here.
+    // The object was destroyed before the start, or the thread was terminated before it arrived here.
     bool const ended = getState() == FINISHED || getState() == DEAD;
     m_shared.taken_over = true;
     if (m_detached_mode || getState() == DEAD) {
@@ -297,7 +300,7 @@ bool Thread::takeOver() {
     return !ended;
 }
 
-/// The body of a joinable thread has returned.
+/// Ends a joinable thread after its body has returned.
 void Thread::finish() {
     callExitHandlers(getCallerThreadId(), EXIT_NORMAL);
     insist("threadWrapper", "error locking", [this] { return m_shared.mutex.lock(); });
@@ -305,7 +308,7 @@ void Thread::finish() {
     unlockOrAbort(m_shared.mutex, "threadWrapper", "error unlocking");
 }
 
-// ---- the life of a thread ----
+// ---- life cycle ----
 
 bool Thread::start() {
     MutexLock lock(m_shared.mutex);
@@ -318,7 +321,8 @@ bool Thread::start() {
             SOURCE, Chain::UNKNOWN, std::CommonErrorId::CONTRACT_BROKEN, "start() called in invalid state");
         return true;
     }
-    // Under the lock it makes no difference that the state follows the signal, except that a failure leaves it alone.
+    // The state is set after the signal, so that a failure leaves it unchanged. Under the lock the order is
+    // not visible.
     if (m_shared.condition.signal()) {
         SystemErrorText const text;
         lock.unlock();
@@ -332,8 +336,8 @@ bool Thread::start() {
     return false;
 }
 
-/// The way out of the system's join without success: by a failure, a timeout or a cancellation. A thread that was
-/// terminated meanwhile was left to the join, which now leaves it to the system.
+/// Cleans up after a join without success: a failure, a timeout or a cancellation. If the thread was
+/// terminated meanwhile, `terminate` has left it to the join, which detaches it here.
 class Thread::Joining {
 public:
     explicit Joining(Thread& thread) noexcept : m_thread(thread) {}
@@ -354,8 +358,8 @@ private:
     bool m_joined = false;
 };
 
-/// True if the thread cannot be joined. From here on until the join is over `terminate` does not detach the thread,
-/// which would take it away under the feet of the system's join.
+/// Returns true if the thread cannot be joined. From here until the join is over `terminate` does not detach
+/// the thread, which would invalidate its handle during the system's join.
 bool Thread::prepareJoin() {
     if (m_detached_mode) {
         report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "Attempt to join detached thread");
@@ -382,7 +386,7 @@ bool Thread::prepareJoin() {
 
 bool Thread::markJoined() {
     MutexLock lock(m_shared.mutex);
-    // Joined it is, even if the lock fails: joining it once more must not reach the system.
+    // The thread is joined even if the lock fails: another join must not reach the system.
     setState(DEAD);
     if (!lock.isLocked() || lock.unlock()) {
         return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::JOIN_FAILED);
@@ -425,7 +429,8 @@ signed char Thread::joinTimeout(long long const& ms) {
 }
 
 bool Thread::suspend(long long ms) {
-    // Asked without looking at the object: a terminated or detached thread may come here when that is gone.
+    // Checked without access to the object: a terminated or detached thread may call this when the object is
+    // destroyed.
     if (t_link == nullptr || s_tls_ctrl_object.get() != this) {
         report(
             SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
@@ -436,14 +441,14 @@ bool Thread::suspend(long long ms) {
 }
 
 bool Thread::suspendCaller(Shared& shared, long long ms) {
-    // Unlocks also when the thread is cancelled by the wait.
+    // Also unlocks when the thread is cancelled in the wait.
     MutexLock lock(shared.mutex);
     if (!lock.isLocked()) {
         return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::SUSPEND_FAILED);
     }
     State const before = shared.state.load(std::memory_order_relaxed);
     if (before == DEAD) {
-        // It was terminated: that stays so, and no wakeup follows.
+        // The thread was terminated: the state stays DEAD, and no wakeup follows.
         if (lock.unlock()) {
             return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::SUSPEND_FAILED);
         }
@@ -511,7 +516,8 @@ bool Thread::terminate() {
     int error = ThreadLink::TOO_LATE;
     if (getState() == RUNNING) {
         error = m_link.endThread("terminate", [this] {
-            // Nobody has to join it after its cancellation. Who joins it at this very moment does what the detaching would.
+            // Nothing needs to join the thread after its cancellation. A join in progress replaces the
+            // detaching.
             if (!m_detached_mode && !m_joining.load(std::memory_order_relaxed)) {
                 pthread_detach(m_handle);
             }
@@ -553,7 +559,8 @@ Thread::~Thread() {
             }
         }
     };
-    // A joinable thread that was terminated may not have come to its wrapper either, and nobody will join it.
+    // Also waits for a terminated joinable thread: it may not have reached its wrapper yet, and is never
+    // joined.
     if ((m_detached_mode && getState() != CREATED) || getState() == DEAD) {
         waitForTakeOver();
     }
@@ -595,7 +602,8 @@ Thread::~Thread() {
     if (getThreadState() != DEAD && !m_detached_mode) {
         GlobalErrorHandler::doAssert(
             false, "getThreadState() == DEAD || m_detached_mode", SOURCE, __LINE__, FUNCTION, nullptr);
-        // Only a hook lets a destructor come here: the thread goes on without its object, unless it is about to end.
+        // Reached only if a hook lets doAbort return: the thread continues without its object, unless it is
+        // about to end.
         insist(FUNCTION, "error getting state lock", [this] { return m_shared.mutex.lock(); });
         setState(DEAD);
         waitForTakeOver();
@@ -617,7 +625,7 @@ Thread::~Thread() {
 bool Thread::registerExitHandler(ExitHandler handler) {
     bool full = false;
     if (getCallerThreadId() == s_main_thread_id) {
-        // They are only kept: nothing ends the main thread but the end of the process.
+        // These are only stored: the main thread ends only with the process.
         full = addExitHandler(s_main_exit_handlers, handler);
     } else if (t_link == nullptr) {
         report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "calling thread is no VESK thread");
@@ -626,7 +634,7 @@ bool Thread::registerExitHandler(ExitHandler handler) {
         full = addExitHandler(t_link->m_exit_handlers, handler);
     }
     if (full) {
-        // Nothing has set errno: the text is that of whatever failed last.
+        // Nothing has set errno: the text is that of the most recent failure.
         report(SOURCE, Chain::NEW, SysErrorId::RESOURCES_EXHAUSTED, SystemErrorText().get());
         return true;
     }

@@ -11,10 +11,11 @@
 
 namespace vesk::detail {
 
-/// The `file` of every report about threads, whichever source makes it.
+/// The `file` of every report about threads, whichever source file makes it.
 constexpr char const* THREAD_SOURCE = "framework/src/vesk/posix/Thread";
 
-/// Puts a handler into the first free slot. True if there is none. Only one thread ever registers with these slots.
+/// Stores a handler in the first free slot. Returns true if there is none. Only one thread ever registers
+/// with these slots.
 template <size_t N>
 bool addExitHandler(std::atomic<Thread::ExitHandler> (&slots)[N], Thread::ExitHandler handler) noexcept {
     for (std::atomic<Thread::ExitHandler>& slot : slots) {
@@ -26,34 +27,40 @@ bool addExitHandler(std::atomic<Thread::ExitHandler> (&slots)[N], Thread::ExitHa
     return true;
 }
 
-/// What a thread and its `Thread` object share. It lives until both are done with it, so either may ask it about the
-/// other at any time, while the object may be gone without the thread knowing, and the thread without the object.
+/// The state that a thread and its `Thread` object share. It exists until both have left it. Either side may
+/// therefore query it about the other at any time, while the object may be destroyed without notice to the
+/// thread, and the thread may end without notice to the object.
 ///
-/// It holds the state, its lock and its condition: a thread that waits in `suspend` may leave that when its object is gone.
+/// It holds the state, its lock and its condition: a thread that waits in `suspend` may leave that after its
+/// object was destroyed.
 ///
-/// It settles who ends a thread. Both sides come here under one lock: the thread when its body has returned, `terminate`
-/// to cancel it. The first one wins. If it is the thread, `terminate` refuses, and the object stays valid, since nobody
-/// may destroy it before it was joined. If it is `terminate`, the thread has learnt here, and not from the object, that
-/// it must not touch the object again: its owner may destroy it as soon as `terminate` returns.
+/// It decides which side ends a thread. Both sides come here under one lock: the thread when its body has
+/// returned, `terminate` to cancel it. The first side wins. If that is the thread, `terminate` refuses, and
+/// the object stays valid, since it must not be destroyed before the join. If it is `terminate`, the thread
+/// learns here, and not from the object, that it must not use the object again: the owner may destroy the
+/// object as soon as `terminate` returns.
 ///
-/// It also keeps system calls from going to a thread that is gone, whose handle and kernel id may belong to another one
-/// by then: the thread's last deed is to say so here, and the calls are made under the lock.
+/// It also prevents system calls on a thread that has ended, since its handle and kernel id may then belong
+/// to another thread: the last action of a thread is to record its end here, and the calls are made under the
+/// lock.
 class ThreadLink : public Thread::Shared, private tarnbase::NonCopyable {
 public:
-    /// Made for both sides at once. Waits for memory if there is none.
+    /// Creates the link for both sides. Waits for memory if there is none.
     static ThreadLink& make();
 
-    /// The object is done with it.
+    /// Releases the object's side.
     void leaveObject() noexcept { release(); }
 
-    /// The thread is done with it, and with its life but for its store of errors. Also for one that was not created.
+    /// Releases the thread's side. From here on the thread only destroys its store of errors. Also used for a
+    /// thread that was not created.
     void leaveThread();
 
-    /// The thread's body has returned. True if the object is to be told and stays until then; false if it may be gone.
+    /// Claims the end of the thread after its body has returned. Returns true if the thread must update the
+    /// object, which exists until then; false if the object may be destroyed.
     bool claimEnd();
 
-    /// Ends the thread for the object's side. `cancel` is called if the thread has not come to its end before, and gives
-    /// an error number, 0 for success. Returns it, or `TOO_LATE`.
+    /// Ends the thread for the object's side. Calls `cancel` unless the end of the thread came first;
+    /// `cancel` returns an error number, 0 for success. Returns that number, or `TOO_LATE`.
     template <typename Cancel>
     int endThread(char const* function, Cancel cancel) {
         Lock const lock(m_lock, THREAD_SOURCE, function);
@@ -68,13 +75,15 @@ public:
     }
     static constexpr int TOO_LATE = -1;
 
-    /// While it lives, a thread that is there stays there, so that its handle and its kernel id are its own.
+    /// Keeps a thread that has not ended from ending during a scope, so that its handle and its kernel id
+    /// stay valid.
     class [[nodiscard]] Use : private tarnbase::NonCopyable {
     public:
         Use(ThreadLink& link, char const* function)
             : m_lock(link.m_lock, THREAD_SOURCE, function), m_gone(link.m_gone) {}
 
-        /// Makes a system call that returns its error number. It has no thread to find if that is gone.
+        /// Makes a system call that returns its error number. Returns ESRCH without the call if the thread
+        /// has ended.
         template <typename Call>
         int call(Call system_call) const {
             return m_gone ? ESRCH : system_call();
@@ -85,7 +94,7 @@ public:
         bool m_gone;
     };
 
-    // Written by the thread, read by whoever ends it.
+    // Written by the thread, read by the thread that ends it.
     std::atomic<Thread::ExitHandler> m_exit_handlers[Thread::EXIT_HANDLERS] = {};
 
 private:
@@ -98,7 +107,7 @@ private:
 
     void release() noexcept;
 
-    threadsafe::MutexImpl m_lock; // Taken after the state mutex, where both are.
+    threadsafe::MutexImpl m_lock; // Acquired after the state mutex where both are needed.
     End m_end = End::OPEN;
     bool m_gone = false;
     std::atomic<int> m_sides{2};

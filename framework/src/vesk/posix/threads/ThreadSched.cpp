@@ -33,7 +33,7 @@ constexpr ErrnoRow INHERITANCE_ERRORS[] = {
 };
 
 constexpr ErrnoRow ATTRIBUTE_ERRORS[] = {
-    {{EPERM, EACCES}, NONE, NONE, Outcome::NOT_NOW}, // Inherits instead.
+    {{EPERM, EACCES}, NONE, NONE, Outcome::NOT_NOW}, // The thread then inherits.
     {{EINVAL}, SysErrorId::INVALID_PARAMETER, Thread::ErrorId::CREATE_FAILED},
     {OTHERS, SysErrorId::UNCLASSIFIED, Thread::ErrorId::CREATE_FAILED},
 };
@@ -67,7 +67,8 @@ bool setInheritance(pthread_attr_t& attributes, int inheritance) {
     return false;
 }
 
-/// What the kernel calls a policy; false if it has none for it. `KEEP` is the policy of the calling thread.
+/// Maps a policy to that of the kernel; returns false if the kernel has none for it. `KEEP` is the policy of
+/// the calling thread.
 bool toKernelPolicy(sched::Policy policy, int& kernel_policy, int& error) {
     sched_param caller_param{};
     switch (policy) {
@@ -88,9 +89,9 @@ bool toKernelPolicy(sched::Policy policy, int& kernel_policy, int& error) {
     }
 }
 
-/// Reads how a thread is scheduled. The nice value belongs to the kernel's thread, which only `tid` addresses.
-/// `get_param` is `pthread_getschedparam` on the thread. True on failure, with the policy `VESK_SCHED_NOOP` and the
-/// parameters as they were.
+/// Reads how a thread is scheduled. The nice value belongs to the kernel's thread, which only `tid`
+/// addresses. `get_param` is `pthread_getschedparam` on the thread. Returns true on failure, with the policy
+/// `VESK_SCHED_NOOP` and the parameters unchanged.
 template <typename GetParam>
 bool readSchedAttrs(GetParam get_param, pid_t tid, sched::Policy& policy, sched::Param& param) {
     int kernel_policy = 0;
@@ -110,7 +111,7 @@ bool readSchedAttrs(GetParam get_param, pid_t tid, sched::Policy& policy, sched:
         break;
     case SCHED_OTHER:
         policy = sched::VESK_SCHED_POLICY_NORMAL;
-        // -1 is a nice value like any other: only errno tells that it is none.
+        // -1 is a valid nice value: only errno indicates a failure.
         errno = 0;
         nice = getpriority(PRIO_PROCESS, static_cast<id_t>(tid));
         if (nice == -1 && errno != 0) {
@@ -130,7 +131,7 @@ bool readSchedAttrs(GetParam get_param, pid_t tid, sched::Policy& policy, sched:
     return false;
 }
 
-/// One end of the range of priorities of the calling thread's policy.
+/// Returns one limit of the priorities of the calling thread's policy.
 int getPriorityLimit(int (*get_limit)(int policy)) {
     int policy = 0;
     sched_param param{};
@@ -146,7 +147,7 @@ int getPriorityLimit(int (*get_limit)(int policy)) {
     return limit;
 }
 
-// The system's set has a fixed size, whatever the machine has.
+// The system's set has a fixed size, whatever the number of processors.
 static_assert(sizeof(cpu_set_t) == 128 && CPU_SETSIZE == 1024);
 constexpr size_t MAX_PROCESSORS = CPU_SETSIZE;
 
@@ -181,11 +182,12 @@ bool applySchedAttrs(pthread_attr_t& attributes, sched::Attr& kept) {
             param.sched_priority = kept.param.priority;
             break;
         case SCHED_OTHER:
-            // Also where it came about by keeping the policy: the nice value is for the thread to set.
+            // Also if keeping the policy leads here: the thread itself must set the nice value.
             kept.policy = sched::VESK_SCHED_POLICY_NORMAL;
             break;
         default:
-            // A policy that the calling thread has and this library does not know, whatever the system said to it.
+            // The calling thread has a policy that this library does not know. The result of setting it is
+            // irrelevant.
             return setInheritance(attributes, PTHREAD_INHERIT_SCHED);
         }
         if (error == 0) {
