@@ -15,32 +15,32 @@ class BinTempFileRW;
 class Directory;
 class Pipe;
 
-/// The owner of one file descriptor: opens it, closes it, tells and sets what belongs to the file as a whole. It neither
-/// reads nor writes; the classes that do derive from it. What all of them share is the word of flags for opening a file:
+/// The owner of one file descriptor. Opens and closes it, and reads and sets the properties of the file as a
+/// whole. The derived classes read and write. All of them share the word of flags for opening a file:
 ///
 ///     vesk::StreamBinFileW log;
 ///     if (log.open("log", log.WRITE | log.CREATE | log.APPEND)) { ... }
 ///
-/// Every descriptor that it opens is closed by `exec`, from the first moment on. Positions and sizes are 32 bits wide
-/// in every build.
+/// Every descriptor that the object opens itself is close-on-exec from the start. A descriptor that comes
+/// from a `Pipe` or a `BinTempFileRW` is not. Positions and sizes are 32 bits wide in every build.
 ///
-/// An object belongs to one thread at a time.
+/// An object must be used by one thread at a time.
 class VESK_API BinFileBase : private tarnbase::NonCopyable {
 public:
-    /// The bits of the word that opens a file. The direction is in the low two of them; a word without any, such as
-    /// `CREATE` alone, opens in both directions.
+    /// The bits of the word that opens a file. The lowest two bits are the direction. A word without a
+    /// direction, such as `CREATE` alone, opens in both directions.
     enum OpenFlag : uint32_t {
         READ = 0x01,
         WRITE = 0x02,
         READ_WRITE = 0x03,
-        NON_BLOCK = 0x04, ///< Reads and writes do not wait.
-        CREATE = 0x08,    ///< A file that is not there is made.
-        TRUNCATE = 0x10,  ///< A file that is there is emptied.
-        APPEND = 0x20,    ///< Every write goes to the end.
-        EXCLUSIVE = 0x40, ///< The file is made, also without `CREATE`; one that is there is an error.
+        NON_BLOCK = 0x04, ///< Reads and writes do not block.
+        CREATE = 0x08,    ///< Creates the file if it does not exist.
+        TRUNCATE = 0x10,  ///< Truncates an existing file.
+        APPEND = 0x20,    ///< Every write appends to the file.
+        EXCLUSIVE = 0x40, ///< Creates the file, also without `CREATE`; an existing file is an error.
     };
 
-    /// The word itself. It is used as it is: nothing masks or checks it.
+    /// The word of flags. It is used unchanged, without a mask or a check.
     class OpenFlags {
     public:
         constexpr OpenFlags() noexcept = default;
@@ -57,96 +57,114 @@ public:
         uint32_t m_word = 0;
     };
 
-    /// The word for a file that is read. Also this type does not check it: one with `WRITE` in it opens for writing.
+    /// The word for a file that is read. The type does not check the word: a word with `WRITE` opens for
+    /// writing.
     class ReadFlags : public OpenFlags {
     public:
         constexpr ReadFlags() noexcept : OpenFlags(READ) {}
         using OpenFlags::OpenFlags;
     };
 
-    /// The word for a file that is written, unchecked.
+    /// The word for a file that is written. The type does not check the word.
     class WriteFlags : public OpenFlags {
     public:
         constexpr WriteFlags() noexcept : OpenFlags(WRITE) {}
         using OpenFlags::OpenFlags;
     };
 
-    /// The word for a file that is read and written, unchecked.
+    /// The word for a file that is read and written. The type does not check the word.
     class ReadWriteFlags : public OpenFlags {
     public:
         constexpr ReadWriteFlags() noexcept : OpenFlags(READ_WRITE) {}
         using OpenFlags::OpenFlags;
     };
 
-    /// What owner and group may do with a file that is made, if nothing else is told: read and write it.
+    /// The default permissions of a created file: owner and group may read and write it.
     static constexpr FileAccess DEFAULT_ACCESS{0660};
 
     BinFileBase() = default;
 
-    /// Whether the file is open.
+    /// Returns whether the file is open.
     virtual bool isValid() const;
 
-    /// Closes the file (`close`, repeated while a signal interrupts it). A closed one is left alone, with success.
-    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` for a descriptor that was not open and 18 for a process that is not there,
-    ///         the object being closed then; 11 for an input/output error and else 19, the object being open still
+    /// Closes the file (`close`, repeated while a signal interrupts it). Does nothing on a closed object and
+    /// succeeds.
+    /// @return true on failure. `SysErrorId::SPOILED_INTEGRITY` (the descriptor was not open) and
+    ///         `SysErrorId::NO_SUCH_PROCESS` (`ESRCH`) leave the object closed. `SysErrorId::INPUT_OUTPUT`
+    ///         and `SysErrorId::UNCLASSIFIED` leave it open
     virtual bool close();
 
-    /// Closes the file. A failure shows on `std::cerr` only.
+    /// Closes the file. A failure is only printed to `std::cerr`.
     virtual ~BinFileBase();
 
-    /// Opens a file (`open`, repeated while a signal interrupts it), after closing the one that is open. Waits for the
-    /// other end when the file is a named pipe, unless `NON_BLOCK` is set.
-    /// @param path    null or empty: nothing is opened, and that is no failure; look at `isValid`
-    /// @param flags   what for, see `OpenFlag`
-    /// @param access  permissions of a file that is made, before the process's mask is applied
-    /// @return true on failure: what `close` reported, the file that was open before being told by `isValid`; else what
-    ///         `handleOpenError` reports, a row of `SysError` with one of `FileAccessError` on top
+    /// Opens a file (`open`, repeated while a signal interrupts it), after closing the file that is open. If
+    /// the file is a named pipe, blocks until its other end is opened, unless `NON_BLOCK` is set.
+    /// @param path    the file; with null or an empty path nothing is opened and the call succeeds, so check
+    ///                `isValid`
+    /// @param flags   see `OpenFlag`
+    /// @param access  permissions of a created file, before the umask of the process is applied
+    /// @return true on failure. If the previous file could not be closed, what `close` reported; `isValid`
+    ///         then returns whether that file is still open. Otherwise what `handleOpenError` reports: a row
+    ///         of `SysError` with a row of `FileAccessError` on top
     bool open(char const* path, OpenFlags const& flags, FileAccess const& access);
 
-    /// Takes over one end of a pipe, after closing the file that is open. An end that is not there any more leaves the
-    /// object closed, with success.
-    /// @return true on failure: what `close` reported, the pipe being untouched
+    /// Takes ownership of one end of a pipe, after closing the file that is open. If the pipe no longer has
+    /// that end, the call leaves the object closed and succeeds.
+    /// @return true on failure: what `close` reported; the pipe is unchanged
     bool open(Pipe& pipe, bool write_end);
 
-    /// Takes over a temporary file, after closing the file that is open. The file stays on the disk from then on, for its new
-    /// owner to remove. One that is not there any more leaves the object closed, with success.
-    /// @param keep_path  whether `getTempPath` shall tell its path. Throws `std::logic_error` if the locale, having changed,
-    ///                   cannot express it; the file is then not taken over
-    /// @return true on failure: what `close` reported, the temporary file being untouched
+    /// Takes ownership of a temporary file, after closing the file that is open. The file then stays on the
+    /// disk: the new owner must remove it. If `temp` no longer has the file, the call leaves the object
+    /// closed and succeeds.
+    /// @param keep_path  whether `getTempPath` returns its path from now on. Throws `std::logic_error` if the
+    ///                   locale has changed and cannot express the path; the file then stays with `temp`
+    /// @return true on failure: what `close` reported; the temporary file is unchanged
     bool open(BinTempFileRW& temp, bool keep_path);
 
-    /// Opens an entry of a directory (`openat`, repeated while a signal interrupts it), whatever became of the
-    /// directory's own path. Use it on a closed object: it does not close, a descriptor that is open gets lost.
+    /// Opens an entry of a directory (`openat`, repeated while a signal interrupts it). It works even if the
+    /// directory has been moved since it was opened. Call it on a closed object only: it does not
+    /// close an open descriptor, which is then leaked.
     /// @param name    one name, without `'/'`
-    /// @param follow  whether a symbolic link leads to its target, or is refused (`FileAccessErrorId::BAD_PATH`)
+    /// @param follow  whether a symbolic link is followed; otherwise it is refused
+    ///                (`FileAccessErrorId::BAD_PATH`)
     /// @param flags   as for `open`
     /// @param access  as for `open`
-    /// @return true on failure: `CommonErrorId::OPEN_FILE_OPERATION_FAILED` for a name that is none, or an invalid directory; else as `open`
+    /// @return true on failure: `CommonErrorId::OPEN_FILE_OPERATION_FAILED` if the name is null, empty or
+    ///         contains `'/'`, or if the directory is invalid; otherwise as for `open`
     bool openAt(
         Directory const& dir, char const* name, bool follow, OpenFlags const& flags,
         FileAccess const& access);
 
-    /// What the system knows of the open file (`fstat`).
-    /// @return invalid on failure: `CommonErrorId::CONTRACT_BROKEN` if no file is open; `SysErrorId::INPUT_OUTPUT` for an input/output error, 10 for a
-    ///         bad descriptor, 1 without memory, else 19
+    /// Returns the attributes of the open file (`fstat`).
+    /// @return an invalid object on failure: `CommonErrorId::CONTRACT_BROKEN` if no file is open,
+    ///         `SysErrorId::INPUT_OUTPUT` for an input/output error, `SysErrorId::SPOILED_INTEGRITY` for a
+    ///         bad descriptor, `SysErrorId::OUT_OF_MEMORY` without memory, otherwise
+    ///         `SysErrorId::UNCLASSIFIED`
     FileInfo getFileInfo() const;
 
-    /// Makes the file this long (`ftruncate`, repeated while a signal interrupts it): what is behind is dropped, what is
-    /// missing reads as zeros. The position stays, and what a stream buffers is not looked at.
-    /// @param size  in bytes, at most 2,147,483,647; more is refused as `EINVAL`
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if no file is open; `SysErrorId::INPUT_OUTPUT` for an input/output error, 10 for a file
-    ///         that is not open for writing or has no size, 15 if it gets too large, 7 on a read-only file system, else 19
+    /// Sets the size of the file (`ftruncate`, repeated while a signal interrupts it). Bytes beyond the new
+    /// size are discarded; bytes that are added read as zeros. The position does not change. The buffer of a
+    /// stream is neither flushed nor dropped.
+    /// @param size  in bytes, at most 2,147,483,647; the system refuses a larger size with `EINVAL`
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if no file is open,
+    ///         `SysErrorId::INPUT_OUTPUT` for an input/output error, `SysErrorId::SPOILED_INTEGRITY` if the
+    ///         file is not open for writing, is of a kind without a size, or if the size is refused,
+    ///         `SysErrorId::NO_SPACE` if the file becomes too large, `SysErrorId::PERMISSION_DENIED` on a
+    ///         read-only file system, otherwise `SysErrorId::UNCLASSIFIED`
     bool truncateSize(unsigned int size);
 
-    /// Whether the last `open`, `close`, `seek`, `flush` or transfer failed, its part that was done by a buffer included.
-    /// It is also true after a `close` that succeeded after an interruption. `openAt` does not change it, nor does a read
-    /// that is served by what was read ahead.
+    /// Returns whether the last `open`, `close`, `seek`, `flush` or transfer failed, including the part that
+    /// a buffer did. It is also true after a `close` that a signal interrupted and that then succeeded.
+    /// `openAt` of this class does not change it, nor does a read that is served from the read buffer.
     bool hadError() const noexcept { return m_had_error; }
 
-    /// The descriptor, for calls that no class of this library makes; -1 if the file is closed. It stays this object's.
+    /// Returns the descriptor, for system calls that this library does not wrap; -1 if the file is closed.
+    /// The object keeps the ownership.
     int getDescriptor() const noexcept { return m_fd; }
 
-    /// The path of a temporary file that was taken over with its path, else empty. Nobody removes that file but its owner.
+    /// Returns the path of the last temporary file that was opened with `keep_path`, and the empty text if
+    /// there was none. It is kept when the object is closed or opens another file. The caller must remove
+    /// that file.
     std::string const& getTempPath() const noexcept { return m_temp_path; }
 
 protected:

@@ -8,44 +8,48 @@
 
 namespace vesk {
 
-/// A new file with a name that no other has, for a file object to take over. If none does, it goes with this object.
+/// A new file with a unique name, which a file object can take ownership of. If none does, the destructor
+/// removes the file.
 ///
 ///     std::string const prefix = std::string(vesk::FileSys::getTempPath()) + "/lumo-";
 ///     vesk::BinTempFileRW temp(prefix.c_str());
 ///     vesk::StreamBinFileRW file;
 ///     if (!temp.isValid() || file.open(temp, true)) { ... }
 ///     ...
-///     vesk::FileSys::removeFile(file.getTempPath().c_str()); // Nobody else does it.
+///     vesk::FileSys::removeFile(file.getTempPath().c_str()); // The new owner must remove it.
 ///
-/// The file is its owner's alone to read and write. Its descriptor is not closed by `exec`.
+/// Only the owner may read and write the file (0600). Its descriptor is not close-on-exec.
 ///
-/// The name is unique between all processes; an object belongs to one thread at a time.
+/// The name is unique among all processes. An object must be used by one thread at a time.
 class VESK_API BinTempFileRW {
 public:
-    /// Creates the file (`mkstemp`, begun anew when a signal interrupts it). `isValid` tells whether it worked.
+    /// Creates the file (`mkstemp`, started again when a signal interrupts it). `isValid` returns whether it
+    /// succeeded.
     ///
-    /// Reports `SysErrorId::FILE_EXISTS` with `FileAccessErrorId::ALREADY_EXISTS` on top if no free name was found, 10 with 9 if the system refuses the
-    /// template, else what `handleOpenError` reports.
-    /// @param prefix  how its path begins, directory included: six characters come behind. One that the locale cannot
-    ///                express is refused like a bad address (`EFAULT`)
+    /// Reports `SysErrorId::FILE_EXISTS` with `FileAccessErrorId::ALREADY_EXISTS` on top if no free name was
+    /// found, and `SysErrorId::SPOILED_INTEGRITY` with `FileAccessErrorId::UNCLASSIFIED` on top if the system
+    /// refuses the template; otherwise what `handleOpenError` reports.
+    /// @param prefix  the start of the path, including the directory; six characters are appended. A prefix
+    ///                that the locale cannot express fails as a bad address does (`EFAULT`)
     explicit BinTempFileRW(WidePath const& prefix);
 
-    /// Closes and removes the file if nobody took it over. A failure shows as a warning only.
+    /// Closes and removes the file unless its ownership was taken. A failure is only a warning.
     ~BinTempFileRW();
 
     BinTempFileRW(BinTempFileRW const&) = delete;
     BinTempFileRW& operator=(BinTempFileRW const&) = delete;
 
-    /// Whether the object has the file: it was created, and is not taken over.
+    /// Returns whether the object owns the file: it was created, and its ownership was not taken.
     bool isValid() const noexcept { return m_fd != -1; }
 
-    /// The descriptor, -1 if there is none. It stays this object's.
+    /// Returns the descriptor, -1 if the object does not own the file. The object keeps the ownership.
     int getDescriptor() const noexcept { return m_fd; }
 
-    /// The same, but from now on the descriptor is the caller's to close, and the file the caller's to remove.
+    /// Returns the descriptor and passes its ownership to the caller, which must close it and remove the
+    /// file.
     int takeDescriptor() noexcept { return std::exchange(m_fd, -1); }
 
-    /// The path of the file, also when it was taken over. As valid as the prefix was.
+    /// Returns the path of the file, also after its ownership was taken. It is valid if the prefix was valid.
     WidePath const& getPath() const noexcept { return m_path; }
 
 private:

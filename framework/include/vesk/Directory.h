@@ -9,7 +9,8 @@
 
 namespace vesk {
 
-/// Walks one open directory, entry by entry, and opens what is in it without going by its path again.
+/// An open directory that is read entry by entry, and that opens its entries without resolving its own path
+/// again.
 ///
 ///     vesk::Directory directory("/proc", false);
 ///     for (; directory.isValid() && !directory.atEnd(); directory.next()) {
@@ -17,109 +18,122 @@ namespace vesk {
 ///         ...
 ///     }
 ///
-/// A directory stands on its first entry when it has been opened. Entries come in the system's order, `.` and `..`
-/// among them. There is no way back: open it once more.
+/// After it has been opened, a directory is positioned on its first entry. The entries have the order of the
+/// system and include `.` and `..`. There is no rewind: open the directory again.
 ///
-/// Copies share the system's stream and with it one position: after `next` on one of them no other one's current entry
-/// means anything until its own `next`. The last copy to go closes the stream. A directory and its copies belong to one
-/// thread at a time, but copies may end in different threads. What is opened from a directory lives on without it.
+/// Copies share the system's stream and its position: after `next` on one of them, the current entry of every
+/// other copy is meaningless until its own `next`. The last copy closes the stream. A directory and its
+/// copies must be used by one thread at a time; copies may be destroyed in different threads. An object
+/// opened from a directory does not depend on that directory.
 ///
-/// The descriptor is passed on to a new program (`exec`): it has no close-on-exec, unless it was taken over, when
-/// `fdopendir` decides. Names go to the system as they are.
-/// Calls that a signal interrupts are not repeated.
+/// The descriptor stays open across `exec`: it is not close-on-exec. For a directory made from a
+/// `DirectoryHandle`, `fdopendir` decides. Names go to the system unchanged. Calls that a signal interrupts
+/// are not repeated.
 ///
-/// The constructors cannot fail visibly: ask `isValid`. What they report of the path, or of the name within the parent:
+/// The constructors return no result: check `isValid`. They report for the path, or for the name within the
+/// parent:
 ///
-/// | errno | `SysError` | on top: `FileAccessError` |
+/// | errno | `SysErrorId` | on top: `FileAccessErrorId` |
 /// |---|---|---|
-/// | `ENOENT`, `ENAMETOOLONG`, `ELOOP` | 2 | 0 |
-/// | `EACCES` | 7 | 3 |
-/// | `ENOTDIR` | 3 | 1 |
-/// | `ENFILE`, `EMFILE` | 0 | 6 |
-/// | other | 19 | 9 |
+/// | `ENOENT`, `ENAMETOOLONG`, `ELOOP` | `INVALID_PATH` | `BAD_PATH` |
+/// | `EACCES` | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+/// | `ENOTDIR` | `NOT_A_DIRECTORY` | `NOT_A_DIRECTORY` |
+/// | `ENFILE`, `EMFILE` | `RESOURCES_EXHAUSTED` | `NO_DESCRIPTOR` |
+/// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
 ///
-/// Each of them goes to the first entry, so it may also fail as `next` does. A descriptor that cannot be closed after
-/// a failure ends the process through `std::GlobalErrorHandler::doAbort`, with "Error closing dir FD".
+/// Each constructor moves to the first entry, so it can also fail as `next` does. If `fdopendir` fails for a
+/// path or a name, and the descriptor cannot be closed then, the process ends through
+/// `std::GlobalErrorHandler::doAbort`, with "Error closing dir FD".
 class VESK_API Directory : public RefCounted {
 public:
-    /// Opens a directory (`open`, `fdopendir`) and goes to its first entry. Symbolic links are followed. Blocks as the
-    /// file system does; on a pipe with a name, until somebody writes to it.
-    /// @param path  what to open; whether it is a directory turns out only when it is open
+    /// Opens a directory (`open`, `fdopendir`) and moves to its first entry. Symbolic links are followed.
+    /// Blocks as long as the file system does; on a named pipe, blocks until a writer opens it.
+    /// @param path  the directory; whether it is one is known only after it has been opened
     ///
     /// The last argument has no effect.
     Directory(std::string const& path, bool);
 
-    /// The same for an entry of an open directory (`openat`), wherever that has been moved meanwhile.
+    /// Opens an entry of an open directory (`openat`, `fdopendir`) and moves to its first entry. It works
+    /// even if the parent has been moved since it was opened.
     ///
-    /// Reports `CommonErrorId::CONTRACT_BROKEN` for an empty name or one with a `/`, and for an invalid parent.
-    /// @param parent  valid; at its end or not. It does not move, and need not stay.
+    /// Reports `CommonErrorId::CONTRACT_BROKEN` for an empty name or a name with a `/`, and for an invalid
+    /// parent.
+    /// @param parent  valid, at its end or not; its position does not change, and it may be destroyed
+    ///                afterwards
     /// @param name    one component, not necessarily the current entry
     /// @param follow  whether a symbolic link is followed; otherwise it is refused as `ELOOP` or `ENOTDIR`
     ///
     /// The last argument has no effect.
     Directory(Directory const& parent, std::string const& name, bool follow, bool);
 
-    /// Takes over a descriptor (`fdopendir`) and goes to the first entry. On failure of the former the descriptor stays
-    /// the caller's; reported without a path: `SysErrorId::PERMISSION_DENIED` for `EACCES`, 3 for `ENOTDIR`, 0 for `ENFILE` and
-    /// `EMFILE`, 19 for others.
-    /// @param handle  not null; only its `fd` is read, which is open for reading
+    /// Takes ownership of a descriptor (`fdopendir`) and moves to the first entry. If `fdopendir` fails, the
+    /// caller keeps the ownership; the report has no path: `SysErrorId::PERMISSION_DENIED` for `EACCES`,
+    /// `SysErrorId::NOT_A_DIRECTORY` for `ENOTDIR`, `SysErrorId::RESOURCES_EXHAUSTED` for `ENFILE` and
+    /// `EMFILE`, `SysErrorId::UNCLASSIFIED` for others.
+    /// @param handle  not null; only its `fd` is read, which must be open for reading
     explicit Directory(DirectoryHandle const* handle);
 
-    /// Shares the stream of another directory, and stands where that stands.
+    /// Shares the stream and the current position of another directory.
     Directory(Directory const&) = default;
 
-    /// Lets go of the stream as the destructor does, and shares that of another directory.
+    /// Releases the stream as the destructor does, and shares the stream of another directory.
     Directory& operator=(Directory const&) = default;
 
-    /// Closes the stream if this is the last copy (`closedir`). A failure ends as a warning: "Error closing directory
-    /// @%p; a file descriptor may have leaked!". Whatever report was pending then is gone.
+    /// Closes the stream if this is the last copy (`closedir`). A failure is only a warning, with the text
+    /// "Error closing directory @%p; a file descriptor may have leaked!". A pending report stays as it is.
     VESK_API_INLINE ~Directory() override { decrement(); }
 
-    /// Whether the directory is open. Stays so at the end.
+    /// Returns whether the directory is open. It stays true at the end.
     bool isValid() const noexcept { return m_valid; }
 
-    /// Whether there is no current entry, since the walk has ended or `next` failed. A directory that could not be
-    /// opened is not at its end, except one that `curDir` gives.
+    /// Returns whether there is no current entry because the end was reached or `next` failed. A directory
+    /// that could not be opened returns false, with two exceptions: its first `next` failed, or `curDir`
+    /// could not open the entry at all.
     bool atEnd() const noexcept { return m_at_end; }
 
-    /// The name of the current entry, valid until the next `next`. At the end that of the last one; empty if there was
-    /// none at all.
+    /// Returns the name of the current entry, valid until the next call of `next`. At the end it is the name
+    /// of the last entry; it is empty if there was no entry.
     char const* curName() const noexcept { return m_handle.entry != nullptr ? m_handle.entry->d_name : ""; }
 
-    /// Descriptor and stream, for `openat` and its relatives. They stay the directory's: close neither, and move the
-    /// stream with `next` only.
+    /// Returns the descriptor and the stream, for `openat` and related calls. The directory keeps the
+    /// ownership: close neither, and move the stream with `next` only.
     DirectoryHandle const& getHandle() const noexcept { return m_handle; }
 
-    /// Moves to the next entry (`readdir`). Ending the walk reports nothing, and may be asked for again. A failure
-    /// reports `SysErrorId::SPOILED_INTEGRITY` for `EBADF`, which is also the answer of a directory that could not be opened,
-    /// `EOVERFLOW` (an entry that a 32-bit program has no numbers for) and `ENOENT`, 19 for others.
-    /// @return 0: there is one; 1: there is none, and `atEnd`; -1: it failed, and `atEnd`
+    /// Moves to the next entry (`readdir`). Reaching the end reports nothing, and calling it at the end is
+    /// allowed. A failure reports `SysErrorId::SPOILED_INTEGRITY` for `EBADF`, which a directory that could
+    /// not be opened also gives, for `EOVERFLOW` (a 32-bit program cannot represent the entry) and for
+    /// `ENOENT`; `SysErrorId::UNCLASSIFIED` for others.
+    /// @return 0 if there is an entry; 1 at the end; -1 on failure. After 1 and -1 `atEnd` is true
     int next();
 
-    /// What the system tells about the current entry (`fstatat`).
+    /// Returns the attributes of the current entry (`fstatat`).
     ///
-    /// Reports `SysErrorId::INVALID_PATH` with `FileAccessErrorId::BAD_PATH` on top for `ENOENT` (the entry is gone, or a link leads nowhere),
-    /// `SysErrorId::SPOILED_INTEGRITY` for `EBADF`, `ENOTDIR` and `EINVAL`, 19 for others; `CommonErrorId::CONTRACT_BROKEN` at the end.
-    /// @param follow  whether a symbolic link stands for its target, or for itself
-    /// @return invalid on failure
+    /// Reports `SysErrorId::INVALID_PATH` with `FileAccessErrorId::BAD_PATH` on top for `ENOENT` (the entry
+    /// has been removed, or a link is dangling). Reports without a second level
+    /// `SysErrorId::SPOILED_INTEGRITY` for `EBADF`, `ENOTDIR` and `EINVAL`, `SysErrorId::UNCLASSIFIED` for
+    /// others, and `CommonErrorId::CONTRACT_BROKEN` at the end.
+    /// @param follow  whether to describe the target of a symbolic link instead of the link itself
+    /// @return an invalid object on failure
     FileInfo curInfo(bool follow) const;
 
     /// Opens the current entry as a directory (`openat`, `fdopendir`).
     ///
-    /// Reports `SysError` alone: 2 for `ENOENT`, `ENAMETOOLONG` and `ELOOP`, 7 for `EACCES`, 3 for `ENOTDIR`, 0 for
-    /// `ENFILE` and `EMFILE`, 19 for others; `CommonErrorId::CONTRACT_BROKEN` at the end.
+    /// Reports only `SysError`: `SysErrorId::INVALID_PATH` for `ENOENT`, `ENAMETOOLONG` and `ELOOP`,
+    /// `SysErrorId::PERMISSION_DENIED` for `EACCES`, `SysErrorId::NOT_A_DIRECTORY` for `ENOTDIR`,
+    /// `SysErrorId::RESOURCES_EXHAUSTED` for `ENFILE` and `EMFILE`, `SysErrorId::UNCLASSIFIED` for others; at
+    /// the end `CommonErrorId::CONTRACT_BROKEN`.
     /// @param follow  whether a symbolic link is followed; otherwise it is refused as `ELOOP`
-    /// @return invalid on failure
+    /// @return an invalid object on failure
     ///
     /// The last argument has no effect.
     Directory curDir(bool follow, bool) const;
 
-    /// The same with symbolic links always followed, whatever the argument: it goes to the argument without effect of
-    /// the other form.
+    /// Opens the current entry as `curDir(true, flag)` does: symbolic links are always followed, and the
+    /// argument has no effect.
     Directory curDir(bool flag) const;
 
 private:
-    /// A directory that could not be opened, and is at its end.
+    /// Creates a directory that is not open and is at its end.
     Directory();
 
     void adopt(char const* path);

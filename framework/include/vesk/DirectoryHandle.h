@@ -7,11 +7,12 @@
 
 namespace vesk {
 
-/// What a `Directory` stands on in the system, for calls that this library does not have:
+/// The system objects of a `Directory`, for system calls that this library does not wrap:
 ///
 ///     unlinkat(directory.getHandle().fd, "core", 0);
 ///
-/// A plain value that owns nothing. A `Directory` is made from one to take over its descriptor.
+/// A plain value that owns nothing. `Directory(DirectoryHandle const*)` takes ownership of the descriptor in
+/// it.
 struct DirectoryHandle {
     int32_t fd = -1;         ///< The directory's descriptor; -1 if there is none.
     DIR* dir = nullptr;      ///< The stream on `fd`, which owns the descriptor.

@@ -12,65 +12,66 @@ namespace vesk {
 
 class UnicodeString;
 
-/// What the system told about one file at one moment: its type, size, times, owner, access.
+/// The attributes of one file at one moment: its type, size, times, owner, permissions.
 ///
 ///     vesk::FileInfo const info("/etc/hostname", true);
 ///     if (info.isValid() && info.isRegularFile()) { use(info.getSize()); }
 ///
-/// A plain value that holds no descriptor and is not kept up to date. It may be read by any number of threads at once.
-/// `isValid` comes first: of an invalid one the other answers mean nothing, they are zeros of no file at best.
+/// A plain value that holds no descriptor and is not kept up to date. Any number of threads may read it at
+/// once. Check `isValid` first: the other results of an invalid object are meaningless.
 ///
-/// Times are whole seconds since the epoch; `getStat` has their fractions. A 32-bit program is told nothing about a file
-/// that its own types cannot describe, one of 2 GiB or more for example: that fails as `EOVERFLOW`.
+/// Times are whole seconds since the epoch; `getStat` has their fractions. A file that the types of a 32-bit
+/// program cannot describe, for example one of 2 GiB or more, fails with `EOVERFLOW` there.
 class VESK_API FileInfo {
 public:
     enum class Type {
-        UNKNOWN, ///< None of those below, or the object is invalid.
+        UNKNOWN, ///< None of the types below, or the object is invalid.
         REGULAR,
         DIRECTORY,
-        SYMBOLIC_LINK, ///< Only if it was not followed.
+        SYMBOLIC_LINK, ///< Only if the link was not followed.
         CHARACTER_DEVICE,
         BLOCK_DEVICE,
         FIFO,
         SOCKET,
     };
 
-    /// Invalid and zeroed.
+    /// Creates an invalid object, all zero.
     FileInfo() noexcept : m_valid(false), m_stat() {}
 
-    /// Valid, with what the caller has from the system (`fstat` and its relatives).
+    /// Creates a valid object from the result of `fstat` or a related call.
     explicit FileInfo(struct stat const& data) noexcept : m_valid(true), m_stat(data) {}
 
-    /// Asks the system about a path; see `init`. The name goes to the system as it is.
+    /// Reads the attributes of a path; see `init`. The name goes to the system unchanged.
     FileInfo(char const* path, bool follow);
     FileInfo(std::string const& path, bool follow);
     FileInfo(UnicodeString const& path, bool follow);
 
-    /// Asks the system about a path (`stat`, `lstat`); ask `isValid` afterwards. Blocks as the file system does.
+    /// Reads the attributes of a path (`stat`, `lstat`). Check `isValid` afterwards. Blocks as long as the
+    /// file system does.
     ///
-    /// | errno | `SysError` | on top: `FileAccessError` |
+    /// | errno | `SysErrorId` | on top: `FileAccessErrorId` |
     /// |---|---|---|
-    /// | `ENOENT`, `ENOTDIR`, `ENAMETOOLONG`, `ELOOP` | 2 | 0 |
-    /// | `EIO` | 11 | 8 |
-    /// | `ENOMEM` | 1 | 9 |
-    /// | `EACCES` | 7 | 3 |
-    /// | `EFAULT`, for a null path | 10 | 9 |
-    /// | other | 19 | 9 |
-    /// @param follow  whether a symbolic link stands for its target, or for itself
+    /// | `ENOENT`, `ENOTDIR`, `ENAMETOOLONG`, `ELOOP` | `INVALID_PATH` | `BAD_PATH` |
+    /// | `EIO` | `INPUT_OUTPUT` | `NO_DEVICE` |
+    /// | `ENOMEM` | `OUT_OF_MEMORY` | `UNCLASSIFIED` |
+    /// | `EACCES` | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+    /// | `EFAULT`, for a null path | `SPOILED_INTEGRITY` | `UNCLASSIFIED` |
+    /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
+    /// @param follow  whether to describe the target of a symbolic link instead of the link itself
     void init(char const* path, bool follow);
 
-    /// Whether the answers below are real.
+    /// Returns whether the attributes were read successfully.
     bool isValid() const noexcept { return m_valid; }
 
-    /// Permission, set-id and sticky bits.
+    /// Returns the permission, set-id and sticky bits.
     VESK_API_INLINE FileAccess getAccess() const noexcept {
         return FileAccess(m_stat.st_mode) & FileAccess::mask;
     }
 
-    /// The owner, by id; the name is looked up only when it is asked for.
+    /// Returns the owner by id; the name is looked up on its first use.
     VESK_API_INLINE User getOwner() const { return User(static_cast<long long>(m_stat.st_uid)); }
 
-    /// The group, by id; the name is looked up only when it is asked for.
+    /// Returns the group by id; the name is looked up on its first use.
     VESK_API_INLINE Group getGroup() const { return Group(static_cast<long long>(m_stat.st_gid)); }
 
     Type getType() const noexcept;
@@ -78,43 +79,46 @@ public:
     bool isDirectory() const noexcept { return S_ISDIR(m_stat.st_mode); }
     bool isSymbolicLink() const noexcept { return S_ISLNK(m_stat.st_mode); }
 
-    /// Bytes of a regular file's content, or of the path in a symbolic link.
+    /// Returns the size in bytes of a regular file's content, or of the path in a symbolic link.
     long long getSize() const noexcept { return m_stat.st_size; }
 
-    /// Bytes that the file takes up on its device, less than its size if it has holes.
+    /// Returns the bytes that the file occupies on its device. This is less than its size if it has holes.
     long long getAllocatedSize() const noexcept { return 512LL * m_stat.st_blocks; }
 
-    /// When the content was read last, which many file systems note only now and then.
+    /// Returns when the content was last read. Many file systems update it only occasionally.
     long long getAccessTime() const noexcept { return m_stat.st_atim.tv_sec; }
 
-    /// When the content was changed last, what `setModTime` sets.
+    /// Returns when the content was last changed; `setModTime` sets this time.
     long long getModTime() const noexcept { return m_stat.st_mtim.tv_sec; }
 
-    /// When the content or anything told here was changed last.
+    /// Returns when the content or any of these attributes was last changed.
     long long getChangeTime() const noexcept { return m_stat.st_ctim.tv_sec; }
 
-    /// The file's number on its device. Two paths with the same inode and device are the same file.
+    /// Returns the number of the file on its device. Two paths with the same inode and device are the same
+    /// file.
     unsigned long long getInode() const noexcept { return m_stat.st_ino; }
 
-    /// The device that the file is on.
+    /// Returns the device that contains the file.
     unsigned long long getDevice() const noexcept { return m_stat.st_dev; }
 
-    /// The device that the file itself is, for a character or block device.
+    /// Returns the device that a character or block device file represents.
     unsigned long long getSpecialDevice() const noexcept { return m_stat.st_rdev; }
 
-    /// How many names the file has on its device.
+    /// Returns how many names the file has on its device.
     unsigned long long getLinkCount() const noexcept { return m_stat.st_nlink; }
 
-    /// The system's record, all of it.
+    /// Returns the complete record of the system.
     struct stat const& getStat() const noexcept {
         return m_stat;
     }
 
-    /// Sets the times of last access and last modification (`utimes`), both to the same; symbolic links are followed.
+    /// Sets the times of last access and last modification to the same value (`utimes`). Symbolic links are
+    /// followed.
     ///
-    /// Reports `SysError` alone: 7 for `EPERM`, `EACCES` and `EROFS`, 2 for `ENOENT`, `ENOTDIR`, `ENAMETOOLONG` and
-    /// `ELOOP`, 19 for others.
-    /// @param time  seconds since the epoch; 0 stands for the present
+    /// Reports only `SysError`: `SysErrorId::PERMISSION_DENIED` for `EPERM`, `EACCES` and `EROFS`,
+    /// `SysErrorId::INVALID_PATH` for `ENOENT`, `ENOTDIR`, `ENAMETOOLONG` and `ELOOP`,
+    /// `SysErrorId::UNCLASSIFIED` for others.
+    /// @param time  seconds since the epoch; 0 stands for the current time
     /// @return true on failure
     static bool setModTime(char const* path, long time);
     static bool setModTime(std::string const& path, long time);

@@ -13,167 +13,231 @@ namespace vesk {
 
 /// Operations on the file system that need no open file.
 ///
-///     if (vesk::FileSys::createDir(path) && vesk::FileSys::exists(path, true) != 0) { ... } // Neither new nor there.
+///     if (vesk::FileSys::createDir(path) && vesk::FileSys::exists(path, true) != 0) { ... } // Missing.
 ///
-/// Each takes its path as it stands: none creates the directories above it, works through a tree, or resolves the path
-/// first. Paths are in the encoding of the locale and go to the system unchanged; a null path is one that the system
-/// refuses (`EFAULT`), except where an operation says otherwise.
+/// Each operation takes its path as it is: none creates the directories above it, recurses into a tree, or
+/// resolves the path first. Paths are in the encoding of the locale and go to the system unchanged. The
+/// system refuses a null path (`EFAULT`), except where an operation says otherwise.
 ///
-/// A failure is reported as two levels, a row of `SysError` that tells the cause and on top of it a row of
-/// `FileAccessError` with the path; "alone" marks those without the second one. An interruption by a signal is a failure
-/// like any other where an operation does not say that it tries again.
+/// A failure is reported in two levels: a row of `SysError` with the cause, and on top of it a row of
+/// `FileAccessError` with the path. Where the second level is "none", there is only the row of `SysError`. An
+/// interruption by a signal is a failure like any other, unless the operation says that it repeats the call.
 ///
-/// Has no state: all may be called from any thread. What they touch belongs to the whole process, such as the working
-/// directory, which every relative path depends on. All block as long as the file system below them takes.
+/// The class has no state: any thread may call any operation. What they change belongs to the whole process,
+/// such as the working directory, which every relative path depends on. All of them block as long as the file
+/// system does.
 class VESK_API FileSys {
 public:
     FileSys() = delete;
 
-    /// Copies the bytes of a file into a new file, which nobody but its owner and group may use (0660, less the umask):
-    /// access, owner and times of the source are not carried over. The data is on the medium when it returns (`fsync`).
+    /// Copies the bytes of a file into a new file with the permissions 0660, less the umask. Permissions,
+    /// owner and times of the source are not copied. On return the data is on the medium (`fsync`).
     ///
     ///     if (vesk::FileSys::copy(source, destination, 65536, nullptr)) { ... }
     ///
-    /// It never overwrites: a destination that exists, also the source itself, is refused with `FileAccessErrorId::ALREADY_EXISTS` and
-    /// stays as it was. A failure on the way leaves on the disk what was written until then. A file that cannot be closed
-    /// or brought to the medium at the end is no failure of the call but ends the process (`GlobalErrorHandler::doAbort`).
+    /// It never overwrites: an existing destination, including the source itself, is refused with
+    /// `FileAccessErrorId::ALREADY_EXISTS` and stays unchanged. After a failure during the copy, the
+    /// incomplete destination stays on the disk. If at the end a file cannot be closed or flushed to the
+    /// medium, the process ends (`GlobalErrorHandler::doAbort`).
     ///
-    /// Allocates the buffer if it is to, and nothing else.
+    /// Allocates only the buffer, and only if `buffer` is null.
     ///
-    /// @param source       an empty path fails without a report, as it does for the destination
+    /// @param source       the existing file; a null or empty path fails without a report
+    /// @param destination  the file to create; a null or empty path fails without a report
     /// @param buffer_size  bytes to copy at a time; 0 is refused with `CommonErrorId::CONTRACT_BROKEN`
-    /// @param buffer       room for as many bytes; null: memory for the time of the call (`CommonErrorId::OUT_OF_MEMORY` if there is none)
-    /// @return true on failure: besides these, what `handleOpenError` reports of an open that fails, and a row of `SysError`
-    ///         with one of `StreamError` on top for a read or a write that fails (a full file system: 15 and 1)
+    /// @param buffer       memory of `buffer_size` bytes; null allocates it for the duration of the call
+    ///                     (`CommonErrorId::OUT_OF_MEMORY` if that fails)
+    /// @return true on failure. Besides the reports above: what `handleOpenError` reports of an open that
+    ///         fails, and a row of `SysError` with a row of `StreamError` on top for a read or a write that
+    ///         fails (for a full file system `SysErrorId::NO_SPACE` and `StreamErrorId::TRANSFER_FAILED`)
     static bool copy(
         UnicodeString const& source, UnicodeString const& destination, unsigned int buffer_size,
         void* buffer);
 
-    /// Whether there is something at a path.
+    /// Returns whether a path exists (`stat`, `lstat`).
     ///
-    /// Reports `SysError` and `FileAccessErrorId::NO_SPACE` and 3 without the right to search the directories above, 11 and 8 for an
-    /// error of the device, 2 and 0 for a name that is too long or a loop of links; alone 1 without memory, 10 for a bad
-    /// address, 19 for anything else.
-    /// @param follow  true asks for what a symbolic link leads to (`stat`), false for the link itself (`lstat`)
-    /// @return 0 it exists, also if it is too large for this system to describe; 1 it does not, also where a directory on
-    ///         the way is none; -1 on failure
+    /// | failure | `SysErrorId` | on top: `FileAccessErrorId` |
+    /// |---|---|---|
+    /// | no permission to search the directories above | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+    /// | input/output error | `INPUT_OUTPUT` | `NO_DEVICE` |
+    /// | a name that is too long, a loop of links | `INVALID_PATH` | `BAD_PATH` |
+    /// | no memory | `OUT_OF_MEMORY` | none |
+    /// | bad address | `SPOILED_INTEGRITY` | none |
+    /// | other | `UNCLASSIFIED` | none |
+    /// @param follow  true checks the target of a symbolic link (`stat`), false checks the link itself
+    ///                (`lstat`)
+    /// @return 0 if it exists, also if it is too large for this system to describe; 1 if it does not exist,
+    ///         also if a directory on the way is not a directory; -1 on failure
     static int exists(char const* path, bool follow);
 
-    /// Creates a directory for its owner alone, 0700 less the umask (`mkdir`).
+    /// Creates a directory for its owner only: 0700, less the umask (`mkdir`).
     ///
-    /// Reports `SysError` and `FileAccessErrorId::NO_SPACE` and 3 without the right to, 2 and 0 for a bad path, 12 and 4 if
-    /// something is there, 0 and 9 if the directory above has its fill of others, 19 and 9 for anything else.
+    /// | failure | `SysErrorId` | on top: `FileAccessErrorId` |
+    /// |---|---|---|
+    /// | no permission, a read-only file system | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+    /// | bad path | `INVALID_PATH` | `BAD_PATH` |
+    /// | the path exists | `FILE_EXISTS` | `ALREADY_EXISTS` |
+    /// | too many directories in the directory above (`EMLINK`) | `RESOURCES_EXHAUSTED` | `UNCLASSIFIED` |
+    /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @return true on failure
     static bool createDir(char const* path);
 
-    /// Removes a name of a file, which goes with its last one, or a symbolic link (`unlink`).
+    /// Removes one name of a file, or a symbolic link (`unlink`). The file is deleted with its last name.
     ///
-    /// Reports `SysError` and `FileAccessErrorId::NO_SPACE` and 3 without the right to, 2 and 0 for a bad path, 13 and 5 if it is
-    /// in use, 2 and 2 for a directory, 10 and 9 for a bad address, 1 alone without memory, 19 and 9 for anything else.
+    /// | failure | `SysErrorId` | on top: `FileAccessErrorId` |
+    /// |---|---|---|
+    /// | no permission, a read-only file system | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+    /// | bad path | `INVALID_PATH` | `BAD_PATH` |
+    /// | in use | `IN_USE` | `BUSY` |
+    /// | a directory (`EISDIR`) | `INVALID_PATH` | `IS_A_DIRECTORY` |
+    /// | bad address | `SPOILED_INTEGRITY` | `UNCLASSIFIED` |
+    /// | no memory | `OUT_OF_MEMORY` | none |
+    /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @return true on failure
     static bool removeFile(char const* path);
 
     /// Removes an empty directory (`rmdir`).
     ///
-    /// Reports as `removeFile` does, and `SysErrorId::DIRECTORY_NOT_EMPTY` with `FileAccessErrorId::BUSY` for a directory that is not empty.
+    /// Reports as `removeFile` does, except for a directory that is not empty:
+    /// `SysErrorId::DIRECTORY_NOT_EMPTY` with `FileAccessErrorId::BUSY` on top.
     /// @return true on failure
     static bool removeDir(char const* path);
 
-    /// Gives a file or directory another name within its file system (`rename`). A file at the destination is replaced at
-    /// one stroke. To another file system nothing is copied, and the source stays.
+    /// Renames a file or directory within its file system (`rename`). An existing file at the destination is
+    /// replaced atomically. Between two file systems nothing is copied, and the source stays.
     ///
-    /// The system does not tell which of the two it refused, so both are the path of the report: "a or b". Reports
-    /// `SysError` and `FileAccessErrorId::NO_SPACE` and 3 without the right to, 2 and 0 for a bad path, 11 and 8 for an error of the
-    /// device, 13 and 5 if one is in use or a directory at the destination is not empty, 6 and 9 between two file systems,
-    /// 15 and 7 without space, 0 and 9 if a directory has its fill of others, 19 and 9 for anything else.
+    /// The system does not report which of the two paths it refused, so the report contains both: "a or b".
+    ///
+    /// | failure | `SysErrorId` | on top: `FileAccessErrorId` |
+    /// |---|---|---|
+    /// | no permission, a read-only file system | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+    /// | bad path | `INVALID_PATH` | `BAD_PATH` |
+    /// | input/output error | `INPUT_OUTPUT` | `NO_DEVICE` |
+    /// | one is in use, or the destination is a directory that is not empty | `IN_USE` | `BUSY` |
+    /// | two file systems | `NOT_IMPLEMENTED` | `UNCLASSIFIED` |
+    /// | no space | `NO_SPACE` | `NO_SPACE` |
+    /// | too many directories in a directory (`EMLINK`) | `RESOURCES_EXHAUSTED` | `UNCLASSIFIED` |
+    /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @return true on failure
     static bool move(char const* source, char const* destination);
 
-    /// The absolute path of the working directory (`getcwd`).
+    /// Reads the absolute path of the working directory (`getcwd`).
     ///
-    /// Reports `SysErrorId::INVALID_PATH` if the directory has been removed, 1 without memory, 7 if a directory above it cannot be read,
-    /// 10 if the path has more than 4,095 bytes, 19 for anything else; all of them alone.
-    /// @param result  takes the path; stays as it is on failure
+    /// Reports only `SysError`: `SysErrorId::INVALID_PATH` if the directory has been removed,
+    /// `SysErrorId::OUT_OF_MEMORY` without memory, `SysErrorId::PERMISSION_DENIED` if a directory above it
+    /// cannot be read, `SysErrorId::SPOILED_INTEGRITY` if the path has more than 4,095 bytes,
+    /// `SysErrorId::UNCLASSIFIED` for others.
+    /// @param result  receives the path; unchanged on failure
     /// @return true on failure
     static bool currentWD(std::string& result);
 
-    /// Changes the working directory, of all threads (`chdir`).
+    /// Changes the working directory of the process, and so of all its threads (`chdir`).
     ///
-    /// Reports `SysError` and `FileAccessErrorId::IS_A_DIRECTORY` and 3 for a bad path, 7 and 3 without the right to, 3 and 1 for what is
-    /// no directory, 11 and 8 for an error of the device, 10 and 9 for a bad address, 19 and 9 for anything else.
+    /// | failure | `SysErrorId` | on top: `FileAccessErrorId` |
+    /// |---|---|---|
+    /// | bad path | `INVALID_PATH` | `ACCESS_DENIED` |
+    /// | no permission | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+    /// | not a directory | `NOT_A_DIRECTORY` | `NOT_A_DIRECTORY` |
+    /// | input/output error | `INPUT_OUTPUT` | `NO_DEVICE` |
+    /// | bad address | `SPOILED_INTEGRITY` | `UNCLASSIFIED` |
+    /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @return true on failure
     static bool changeWD(char const* path);
 
-    /// The roots of the file system, which is one: "/".
+    /// Returns the roots of the file system, always the single entry "/".
     static std::list<std::string> getEntryPoints();
 
-    /// The same as handles on a constant text.
-    /// @param result  takes the list in place of what it held
+    /// Stores the roots of the file system as handles that borrow a constant text.
+    /// @param result  receives the list; its previous content is discarded
     static void getEntryPoints(std::list<UnicodeString>& result);
 
-    /// The longest name that the file system of a path allows (`statvfs`, on 32-bit systems `statvfs64`; tried again when
-    /// a signal interrupts it).
+    /// Reads the length of the longest name that the file system of a path allows (`statvfs`, on 32-bit
+    /// systems `statvfs64`; repeated while a signal interrupts it).
     ///
-    /// Reports `SysError` and `FileAccessErrorId::IS_A_DIRECTORY` and 0 for a bad path, 7 and 3 without the right to search the
-    /// directories above, 11 and 9 for an error of the device, 19 and 9 for anything else.
+    /// | failure | `SysErrorId` | on top: `FileAccessErrorId` |
+    /// |---|---|---|
+    /// | bad path | `INVALID_PATH` | `BAD_PATH` |
+    /// | no permission to search the directories above | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+    /// | input/output error | `INPUT_OUTPUT` | `UNCLASSIFIED` |
+    /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @param length  in bytes, without a NUL; 0 on failure
     /// @return true on failure
     static bool maxComponentLength(char const* path, unsigned int& length);
 
-    /// Where temporary files go: the environment's "TMPDIR" if it is set and not empty, else "/tmp". The text is valid
-    /// until the variable is changed. See `Environment::getVariable` for threads.
+    /// Returns the directory for temporary files: the environment variable "TMPDIR" if it is set and not
+    /// empty, otherwise "/tmp". The text is valid until the variable is changed. See
+    /// `Environment::getVariable` about threads.
     static char const* getTempPath();
 
-    /// The environment's "HOME", and the empty text if it is not set. Otherwise as `getTempPath`.
+    /// Returns the environment variable "HOME", or the empty text if it is not set. Validity and threads as
+    /// for `getTempPath`.
     static char const* getHomePath();
 
-    /// The target of a symbolic link (`readlink`). A target that is longer than the buffer is cut without a report.
+    /// Reads the target of a symbolic link (`readlink`). A target that is longer than the buffer is truncated
+    /// without a report.
     ///
     ///     char target[256];
     ///     unsigned int size = sizeof target;
     ///     if (!vesk::FileSys::readLink("/proc/self/exe", target, size)) { ... } // `size` is the length now.
     ///
-    /// Reports `SysError` and `FileAccessErrorId::IS_A_DIRECTORY` and 0 for a bad path or what is no link, 7 and 3 without the right to
-    /// search the directories above, 11 and 8 for an error of the device, 19 and 9 for anything else.
-    /// @param buffer  takes the target with a NUL behind it; the empty text on failure; not null
-    /// @param size    in: the bytes of the buffer, at least 2, and never 0: the call would take that for the largest of all
-    ///                sizes. Out: the length of the text without its NUL, 0 on failure.
+    /// | failure | `SysErrorId` | on top: `FileAccessErrorId` |
+    /// |---|---|---|
+    /// | bad path, or not a symbolic link | `INVALID_PATH` | `BAD_PATH` |
+    /// | no permission to search the directories above | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+    /// | input/output error | `INPUT_OUTPUT` | `NO_DEVICE` |
+    /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
+    /// @param buffer  receives the target with a terminating NUL, or the empty text on failure; not null
+    /// @param size    in: the bytes of the buffer, at least 2. It must not be 0, which wraps around to the
+    ///                largest size. Out: the length of the text without its NUL, 0 on failure
     /// @return true on failure
     static bool readLink(char const* path, char* buffer, unsigned int& size);
 
-    /// Creates a symbolic link (`symlink`).
+    /// Creates a symbolic link (`symlink`). The path in the report is always the link.
     ///
-    /// Reports `SysError` and `FileAccessError`, always with the link as the path: 6 and 9 if its file system has no links,
-    /// 7 and 3 without the right to, 2 and 0 for a bad path, 12 and 4 if something is there, 11 and 8 for an error of the
-    /// device, 15 and 7 without space, 19 and 9 for anything else.
-    /// @param target  what the link shall hold, whether or not it exists
-    /// @param link    what is created
+    /// | failure | `SysErrorId` | on top: `FileAccessErrorId` |
+    /// |---|---|---|
+    /// | the file system has no symbolic links | `NOT_IMPLEMENTED` | `UNCLASSIFIED` |
+    /// | no permission, a read-only file system | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+    /// | bad path | `INVALID_PATH` | `BAD_PATH` |
+    /// | the path exists | `FILE_EXISTS` | `ALREADY_EXISTS` |
+    /// | input/output error | `INPUT_OUTPUT` | `NO_DEVICE` |
+    /// | no space | `NO_SPACE` | `NO_SPACE` |
+    /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
+    /// @param target  the content of the link; it need not exist
+    /// @param link    the link to create
     /// @return true on failure
     static bool createLink(char const* target, char const* link);
 
-    /// Sets the access of a file or directory, of what a symbolic link leads to (`chmod`, tried again when a signal
-    /// interrupts it).
+    /// Sets the permissions of a file or directory, or of the target of a symbolic link (`chmod`, repeated
+    /// while a signal interrupts it).
     ///
-    /// Reports `SysError` and `FileAccessErrorId::NO_SPACE` and 3 without the right to, 2 and 0 for a bad path, 11 and 8 for an error
-    /// of the device, 10 and 9 for a bad address or argument, 1 alone without memory, 19 and 9 for anything else.
-    /// @param access  only what `FileAccess::mask` has counts
+    /// | failure | `SysErrorId` | on top: `FileAccessErrorId` |
+    /// |---|---|---|
+    /// | no permission, a read-only file system | `PERMISSION_DENIED` | `ACCESS_DENIED` |
+    /// | bad path | `INVALID_PATH` | `BAD_PATH` |
+    /// | input/output error | `INPUT_OUTPUT` | `NO_DEVICE` |
+    /// | bad address, invalid argument | `SPOILED_INTEGRITY` | `UNCLASSIFIED` |
+    /// | no memory | `OUT_OF_MEMORY` | none |
+    /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
+    /// @param access  only the bits of `FileAccess::mask` are used
     /// @return true on failure
     static bool changeAccess(char const* path, FileAccess const& access);
 
-    /// Sets the owner and the group of a file or directory, of what a symbolic link leads to (`chown`, tried again when a
-    /// signal interrupts it). An id that is not known yet is looked up by the name and kept in the object, so neither
-    /// `user` nor `group` may be shared with another thread meanwhile.
+    /// Sets the owner and the group of a file or directory, or of the target of a symbolic link (`chown`,
+    /// repeated while a signal interrupts it). An id that is not known yet is looked up by the name and
+    /// stored in the object, so no other thread may use `user` or `group` during the call.
     ///
-    /// Reports as `changeAccess` does. An id beyond those that the system has is an invalid argument.
-    /// @param user   one without an id, such as `User(User::BAD_ID)` or an unknown name, leaves the owner as it is
-    /// @param group  in the same way
+    /// Reports as `changeAccess` does. An id outside the range of the system is an invalid argument.
+    /// @param user   without an id, such as `User(User::BAD_ID)` or an unknown name, it leaves the owner
+    ///               unchanged
+    /// @param group  without an id it leaves the group unchanged
     /// @return true on failure
     static bool changeOwnerGroup(UnicodeString const& path, User const& user, Group const& group);
 
-    /// Where file systems are mounted, in the order of "/proc/mounts", as that file has them: a blank in a path reads
+    /// Returns the mount points, in the order and the encoding of "/proc/mounts": a blank in a path reads
     /// "\040", and so on.
     ///
-    /// Reports nothing: without the file the list is empty, and where reading it fails the list ends.
+    /// Reports nothing: the list is empty if the file cannot be opened, and ends where reading it fails.
     static std::list<std::string> getMountPoints();
 };
 

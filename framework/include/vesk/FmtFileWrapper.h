@@ -15,23 +15,24 @@ namespace vesk {
 
 /// A file and a standard stream on it in one object, for reading formatted text:
 ///
-///     vesk::FmtFileWrapper<vesk::StreamBinFileR, std::istream, vesk::BinFileBase::ReadFlags> file(path, vesk::BinFileBase::READ);
+///     vesk::FmtFileWrapper<vesk::StreamBinFileR, std::istream, vesk::BinFileBase::ReadFlags> file(
+///         path, vesk::BinFileBase::READ);
 ///     if (!file.isValid() || !(file >> number)) { ... }
 ///
-/// Opened by its constructor, read, closed, destroyed: it is not opened a second time. An object belongs to one thread at
-/// a time.
+/// The constructor opens the file; it cannot be opened again after `close`. An object must be used by one
+/// thread at a time.
 ///
-/// @tparam File    a file that is read, `StreamBinFileR` or one that derives from it
+/// @tparam File    a file that is read: `StreamBinFileR` or a class derived from it
 /// @tparam Stream  the standard stream, constructible from its buffer
-/// @tparam Flags   what the file is opened with
+/// @tparam Flags   the flags that the file is opened with
 template <typename File, typename Stream, typename Flags>
 class VESK_API FmtFileWrapper : public Stream {
 public:
-    /// How much is read at once, in bytes.
+    /// The bytes to read at a time.
     static constexpr unsigned int BUFFER_SIZE = 0x2000;
 
-    /// Opens the file. If that fails, the object is invalid, the stream is bad, and the report is pending: see
-    /// `BinFileBase::open`.
+    /// Opens the file. On failure the object is invalid, the stream is bad, and the report of
+    /// `BinFileBase::open` is pending. A null or empty path gives the same state without a report.
     FmtFileWrapper(char const* path, Flags flags, FileAccess const& access = BinFileBase::DEFAULT_ACCESS)
         : Stream(nullptr), m_buffer(openFile(path, flags, access), BUFFER_SIZE, nullptr) {
         this->rdbuf(&m_buffer);
@@ -40,7 +41,7 @@ public:
         }
     }
 
-    /// Closes the file. A failure shows as a warning only.
+    /// Closes the file. A failure is only a warning.
     ~FmtFileWrapper() override {
         detail::CancellationOff const cancellation_off;
         detail::KeptErrorChain const kept_chain;
@@ -55,10 +56,11 @@ public:
     FmtFileWrapper(FmtFileWrapper const&) = delete;
     FmtFileWrapper& operator=(FmtFileWrapper const&) = delete;
 
-    /// Whether the file is open.
+    /// Returns whether the file is open.
     bool isValid() const { return m_file.isValid(); }
 
-    /// Closes the file and drops what is buffered. Nothing can be read afterwards, although the stream is good.
+    /// Closes the file and discards what is buffered. Nothing can be read afterwards, although the stream
+    /// state is good.
     /// @return true on failure, as `File::close`
     bool close() {
         m_buffer.destroyBuffer();

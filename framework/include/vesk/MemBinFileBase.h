@@ -8,37 +8,39 @@
 
 namespace vesk {
 
-/// A file whose bytes are mapped instead of read and written; it owns the mappings.
+/// A file that is mapped into memory instead of read and written. It owns the mappings.
 ///
 ///     vesk::MemBinFileBase file;
 ///     if (file.open("table", file.READ, file.DEFAULT_ACCESS) || !file.isValid()) { ... }
 ///     auto const mapping = file.addMapping(vesk::MemMapping::READ, size);
 ///     if (!mapping.isValid()) { ... }
 ///
-/// Closing the file, and opening another one, takes its mappings down. An object belongs to one thread at a time.
+/// Closing the file, or opening another one, unmaps them. An object must be used by one thread at a time.
 class VESK_API MemBinFileBase : public BinFileBase {
 public:
     MemBinFileBase() = default;
 
-    /// Takes all mappings down, the lowest first, and closes the file, whatever became of them.
-    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` of a mapping, or what `BinFileBase::close` reported; of several failures the
-    ///         last one is pending. The mappings are given up in any case
+    /// Unmaps all mappings, the lowest address first, and then closes the file, even if unmapping failed.
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` of a mapping, or what `BinFileBase::close`
+    ///         reported; of several failures the last one is pending. The object discards its mappings in any
+    ///         case
     bool close() override;
 
-    /// Does what `close` does. A failure shows as a warning only.
+    /// Does what `close` does. A failure is only a warning.
     ~MemBinFileBase() override;
 
-    /// Maps a part of the file; see the constructor of `MemMapping` for the arguments and reports. Valid until it is removed
-    /// or the file is closed, which take it down, so do not `destroy` it yourself.
-    /// @return a mapping that is not valid on failure; the file has then nothing to do with it
+    /// Maps a part of the file; see the constructor of `MemMapping` for the arguments and reports. The
+    /// mapping is valid until it is removed or the file is closed. Both unmap it, so the caller must not
+    /// `destroy` it.
+    /// @return an invalid mapping on failure; the file does not store it
     MemMapping addMapping(
         MemMapping::MemAccessFlags const& flags, unsigned int length, unsigned int offset = 0,
         void* address = nullptr, bool ringbuffer = false);
 
-    /// Takes one mapping down.
-    /// @param mapping  what `addMapping` of this object gave
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for one that it does not have; else what `MemMapping::destroy` reported,
-    ///         the file having given it up
+    /// Unmaps one mapping.
+    /// @param mapping  a mapping that `addMapping` of this object returned
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a mapping that the object does not own;
+    ///         otherwise what `MemMapping::destroy` reported, and the object has discarded the mapping
     bool removeMapping(MemMapping const& mapping);
 
 protected:

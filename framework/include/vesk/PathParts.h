@@ -19,12 +19,12 @@ namespace vesk {
 /// | `/` | `/` | `/` |
 /// | the empty text | the empty text | the empty text |
 ///
-/// Only the text counts: nothing is looked up, and `.` and `..` are names like others.
+/// Only the text is examined: nothing is looked up, and `.` and `..` are ordinary names.
 struct VESK_API PathParts {
     explicit PathParts(std::string const& path);
 
-    std::string directory; ///< Without separators behind it, unless it is the root.
-    std::string name;      ///< Without separators.
+    std::string directory; ///< Without trailing separators, unless it is the root.
+    std::string name;      ///< Without separators, unless the path is the root.
 };
 
 } // namespace vesk

@@ -8,43 +8,45 @@
 
 namespace vesk {
 
-/// The two ends of an anonymous pipe. It neither reads nor writes: files take the ends over.
+/// The two ends of an anonymous pipe. It neither reads nor writes: file objects take ownership of the ends.
 ///
 ///     vesk::Pipe pipe;
 ///     vesk::StreamBinFileR reader;
 ///     vesk::StreamBinFileW writer;
 ///     if (reader.open(pipe) || writer.open(pipe)) { ... }
 ///
-/// Both ends block, and stay open across `fork` and `exec`: after a `fork` each process closes the end that it does not
-/// use. Who reads sees the end of the stream only when every write end is closed.
+/// Both ends are in blocking mode and stay open across `fork` and `exec`: after a `fork`, each process must
+/// close the end that it does not use. A reader sees the end of the stream only when every write end is
+/// closed.
 ///
-/// An end that was closed or taken over stays so. No lock: closing an end that another thread uses is for the caller to
-/// prevent.
+/// An end that was closed or taken cannot be restored. The object has no lock: the caller must not close an
+/// end while another thread uses it.
 class VESK_API Pipe : private tarnbase::NonCopyable {
 public:
-    /// Makes the pipe (`pipe`). On failure both ends are -1, and pending is `SysErrorId::RESOURCES_EXHAUSTED` without descriptors, 1 without
-    /// space, 6 if the system has no pipes, else 19.
+    /// Creates the pipe (`pipe`). On failure both ends are -1, and pending is
+    /// `SysErrorId::RESOURCES_EXHAUSTED` without descriptors, `SysErrorId::OUT_OF_MEMORY` without space,
+    /// `SysErrorId::NOT_IMPLEMENTED` if the system has no pipes, otherwise `SysErrorId::UNCLASSIFIED`.
     Pipe();
 
-    /// Closes what is still open. A failure shows as a warning only.
+    /// Closes the ends that are still open. A failure is only a warning.
     ~Pipe();
 
-    /// Closes the read end (`close`, not repeated); who writes then gets `EPIPE`. The end counts as closed whatever the
-    /// system says. Without an open end it does nothing, with success.
+    /// Closes the read end (`close`, not repeated); a writer then gets `EPIPE`. The object discards the end
+    /// even if the system reports a failure. Without an open end it does nothing and succeeds.
     /// @return true on failure: `SysErrorId::UNCLASSIFIED`
     bool closeReadEnd();
 
-    /// The same for the write end: who reads then sees the end of the stream.
+    /// Closes the write end in the same way; a reader then sees the end of the stream.
     bool closeWriteEnd();
 
-    /// The descriptor of the read end, -1 if there is none. It stays this object's.
+    /// Returns the descriptor of the read end, -1 if there is none. The object keeps the ownership.
     int getReadEnd() const noexcept { return read_end; }
-    /// The descriptor of the write end, -1 if there is none. It stays this object's.
+    /// Returns the descriptor of the write end, -1 if there is none. The object keeps the ownership.
     int getWriteEnd() const noexcept { return write_end; }
 
-    /// The same, but from now on the descriptor is the caller's to close.
+    /// Returns the descriptor of the read end and passes its ownership to the caller, which must close it.
     int takeReadEnd() noexcept { return std::exchange(read_end, -1); }
-    /// The same, but from now on the descriptor is the caller's to close.
+    /// Returns the descriptor of the write end and passes its ownership to the caller, which must close it.
     int takeWriteEnd() noexcept { return std::exchange(write_end, -1); }
 
 private:

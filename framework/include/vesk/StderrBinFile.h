@@ -5,19 +5,20 @@
 
 namespace vesk {
 
-/// The process's standard error, written as a stream, in blocking mode and without a buffer.
+/// The standard error of the process, written as a stream in blocking mode and without a buffer.
 ///
-/// The numbers of the standard channels, 0, 1 and 2, stay the process's: nothing here closes them. A file that is opened
-/// through the object is its own, and is closed as by a `StreamBinFileW`.
+/// Descriptors 0, 1 and 2 belong to the process: the object never closes them. It closes a file that was
+/// opened through it as a `StreamBinFileW` does.
 class VESK_API StderrBinFile : public StreamBinFileW {
 public:
-    /// The argument is there for the sake of the other stream files and has no effect: the stream is unbuffered.
+    /// Creates the stream. The argument has no effect, because the stream is unbuffered; it exists for
+    /// uniformity with the other stream files.
     explicit StderrBinFile(unsigned int buffer_size = 0);
 
-    /// Leaves a standard channel as it is, and closes any other file.
+    /// Closes the file unless it is a standard channel.
     ~StderrBinFile() override;
 
-    /// Makes the object invalid and leaves a standard channel as it is. Any other file is closed.
+    /// Closes the file. A standard channel is only released, not closed. The object is invalid afterwards.
     /// @return true if a file could not be closed, after the reports of `StreamBinFileW`
     bool close() override;
 };

@@ -17,54 +17,59 @@ namespace vesk {
 ///         use(block, count);
 ///     }
 ///
-/// `read` is that of `std::IBinInputStream`, which tells its results. Its reports are two: a row of `SysError` with one of
-/// `StreamError` on top; the end of the file is `StreamErrorId::END_OF_STREAM` alone.
+/// `read` is documented at `std::IBinInputStream`. A failure makes two reports: a row of `SysError` with a
+/// row of `StreamError` on top. The end of the file is reported as `StreamErrorId::END_OF_STREAM` alone.
 ///
-/// The object's own `close` and destructor are those of `BinFileBase`. What is read ahead is still there after `close`.
+/// `close` and the destructor behave as those of `BinFileBase`. Data that was read ahead can still be read
+/// after `close`.
 ///
-/// An object belongs to one thread at a time.
+/// An object must be used by one thread at a time.
 class VESK_API StreamBinFileR : public std::IBinInputStream, public virtual StreamBinFileBase {
 public:
-    /// @param buffer_size  bytes to read ahead; 0: unbuffered. Without memory for them the object can be neither opened
-    ///                     nor read, and `CommonErrorId::OUT_OF_MEMORY` is pending.
+    /// Creates a closed object.
+    /// @param buffer_size  bytes to read ahead; 0: unbuffered. If the buffer cannot be allocated, the object
+    ///                     can be neither opened nor read, and `CommonErrorId::OUT_OF_MEMORY` is pending
     explicit StreamBinFileR(unsigned int buffer_size = 0) : std::IBinInputStream(true, buffer_size) {}
 
     /// Closes the file as `BinFileBase` does.
     ~StreamBinFileR() override;
 
-    /// Whether the file is open and has the buffer that it was made for.
+    /// Returns whether the file is open and the requested buffer was allocated.
     bool isValid() const override;
 
-    /// Takes over the read end of a pipe and reads from it in blocking mode, see `BinFileBase::open`. What was read ahead
-    /// before is dropped.
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` without the buffer that the object was made for, else as the base
+    /// Takes ownership of the read end of a pipe and reads from it in blocking mode; see `BinFileBase::open`.
+    /// Data that was read ahead before is discarded.
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if the requested buffer was not allocated,
+    ///         otherwise as the base class
     bool open(Pipe& pipe);
 
-    /// Opens a file, see `BinFileBase::open`. What was read ahead before is dropped.
-    /// @param flags   with `NON_BLOCK` a read that finds nothing yet gives a count of 0
-    /// @param access  permissions of a file that is made
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` without the buffer that the object was made for, else as the base
+    /// Opens a file; see `BinFileBase::open`. Data that was read ahead before is discarded.
+    /// @param flags   with `NON_BLOCK`, a read that finds no data yet succeeds with a count of 0
+    /// @param access  permissions of a created file
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if the requested buffer was not allocated,
+    ///         otherwise as the base class
     bool open(char const* path, ReadFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
-    /// The same for a path in the locale's encoding.
+    /// Opens a file by a path in the encoding of the locale; otherwise as above.
     bool open(UnicodeString const& path, ReadFlags flags, FileAccess const& access = DEFAULT_ACCESS);
 
-    /// The same for an entry of a directory, see `BinFileBase::openAt`. Only for a closed object.
+    /// Opens an entry of a directory; see `BinFileBase::openAt`. Call it on a closed object only.
     bool openAt(
         Directory const& dir, char const* name, bool follow, ReadFlags const& flags,
         FileAccess const& access = DEFAULT_ACCESS);
 
-    /// Moves the position, counted as the reader sees it: what is read ahead and not consumed is given back. It is gone
-    /// whether the seek succeeds or not.
+    /// Moves the position, counted as the reader sees it: data that was read ahead and not consumed does not
+    /// count. That data is discarded whether the seek succeeds or not.
     bool seek(int offset, SeekDirection direction, unsigned int& position) override;
 
 protected:
-    /// Called before a read: forgets the failure of the operation before.
+    /// Called before a read. Clears the error state of the previous operation.
     bool checkReadBufferConsistency() override;
 
-    /// One `read`, repeated while a signal interrupts it. Nothing there in non-blocking mode is success. For 0 bytes no
-    /// call is made.
-    /// @return true on failure: at the end of the file `StreamErrorId::END_OF_STREAM`; else `SysError` with `StreamError` on top, or for
-    ///         a closed file `CommonErrorId::CONTRACT_BROKEN` with `StreamErrorId::UNUSABLE` on top
+    /// Calls `read` once, repeated while a signal interrupts it. In non-blocking mode it succeeds if no data
+    /// is available. For 0 bytes it makes no system call.
+    /// @return true on failure: at the end of the file `StreamErrorId::END_OF_STREAM`; for a closed file
+    ///         `CommonErrorId::CONTRACT_BROKEN` with `StreamErrorId::UNUSABLE` on top; otherwise a row of
+    ///         `SysError` with a row of `StreamError` on top
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override;
 
 private:

@@ -8,16 +8,17 @@
 
 namespace vesk {
 
-/// The length of a text that may lack its NUL (`strnlen`). Call it with its namespace, beside the system's function of
-/// that name.
-/// @param max  how many bytes to look at
+/// Returns the length of a text that may lack its NUL (`strnlen`). Qualify the call with the namespace,
+/// because the system has a function of the same name.
+/// @param max  how many bytes to examine
 /// @return the bytes before the NUL, `max` if there is none among the first `max`
 VESK_API unsigned int strnlen(char const* text, unsigned int max) noexcept;
 
-/// The same for a wide text (`wcsnlen`); counts wide characters.
+/// Returns the length in wide characters of a wide text that may lack its NUL (`wcsnlen`).
 VESK_API unsigned int wcsnlen(wchar_t const* text, unsigned int max) noexcept;
 
-/// The name of the environment variable that holds the search path of executables, "PATH", for `char` and `wchar_t`.
+/// Returns the name of the environment variable with the search path of executables, "PATH", for `char` and
+/// `wchar_t`.
 ///
 ///     char const* const path = getenv(vesk::getPathLiteral<char>());
 template <typename T>
@@ -33,8 +34,8 @@ VESK_API_INLINE inline wchar_t const* getPathLiteral<wchar_t>() {
     return L"PATH";
 }
 
-/// What the file name of an executable ends in, `ProcessTNG::ExecutableSuffix`, as a `std::string` or a `std::wstring`. The
-/// wide one is empty if it is malformed in the locale's encoding.
+/// Returns the suffix of the file name of an executable, `ProcessTNG::ExecutableSuffix`, as a `std::string`
+/// or a `std::wstring`. The wide one is empty if it is malformed in the encoding of the locale.
 template <typename S>
 S getExecutableSuffix();
 

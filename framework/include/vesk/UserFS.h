@@ -4,21 +4,23 @@
 
 namespace vesk {
 
-/// What a file system in user space would have to bring. There is none on this system.
+/// The interface of a file system in user space. This system has no implementation of it.
 class IFileSystem;
 
-/// A file system in user space. This system has none: whoever can do with or without one asks here, and is told so.
+/// A file system in user space, which this system does not support. A program that can work without one calls
+/// `mount` and checks the result:
 ///
 ///     vesk::UserFS file_system(false);
 ///     if (file_system.mount("/media/archive", archive)) { std::ErrorStorage::ack(); ... }
 ///
-/// Nothing blocks, locks or allocates; all may be called from any thread.
+/// No operation blocks, locks or allocates. Any thread may call any operation.
 class VESK_API UserFS {
 public:
     /// Does nothing; the argument has no effect.
     VESK_API_INLINE explicit UserFS(bool) noexcept {}
 
-    /// Always fails, with `SysErrorId::NOT_IMPLEMENTED` and the text "No FUSE available". Neither argument is looked at.
+    /// Always fails, with `SysErrorId::NOT_IMPLEMENTED` and the text "No FUSE available". Both arguments are
+    /// ignored.
     /// @return true
     bool mount(char const* path, IFileSystem* file_system);
 
@@ -26,7 +28,7 @@ public:
     /// @return false
     VESK_API_INLINE bool unmount() noexcept { return false; }
 
-    /// A step of the library's start-up, in which there is nothing to do.
+    /// Does nothing. It exists as a step of the library's start-up.
     /// @return false
     VESK_API_INLINE static bool init() noexcept { return false; }
 };

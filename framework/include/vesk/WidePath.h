@@ -8,38 +8,41 @@
 
 namespace vesk {
 
-/// A path in wide text that remembers whether it came from a complete conversion.
+/// A path in wide text that remembers whether it is the result of a complete conversion.
 ///
 ///     vesk::WidePath const path(name);
 ///     if (!path.isValid()) { ... } // empty, or malformed in the locale's encoding
 ///
-/// The one separator is `L'/'`. A path has the operations of a `std::wstring`; they do not change whether it is valid. One
-/// object belongs to one thread at a time. No operation reports an error.
+/// The only separator is `L'/'`. A path has the operations of a `std::wstring`, which do not change its
+/// validity. An object must be used by one thread at a time. No operation reports an error.
 class VESK_API WidePath : public std::wstring {
 public:
-    /// Converts a narrow text in the locale's encoding (`mbsrtowcs`), up to its first NUL. A text that is malformed, empty
-    /// or null gives an empty path that is not valid.
+    /// Converts a narrow text in the encoding of the locale (`mbsrtowcs`), up to its first NUL. A text that
+    /// is malformed, empty or null gives an empty path that is not valid.
     WidePath(UnicodeString const& text);
 
-    /// The same for a bare text.
-    /// @param text    NUL-terminated; null gives an empty path that is not valid
-    /// @param length  the characters that the caller knows of, 0 to have them counted; the text is never cut by it
+    /// Converts a NUL-terminated text in the same way.
+    /// @param text    null gives an empty path that is not valid
+    /// @param length  the length that the caller knows, or 0 to compute it; the text is never truncated to it
     WidePath(char const* text, unsigned int length = 0);
 
-    /// As `Path::getAbsolute`. A path that is absolute already stays as valid as it is. Else the result is valid if the
-    /// working directory can be converted, whatever this path is.
-    /// @return empty and valid if the working directory cannot be told
+    /// Returns the absolute path as `Path::getAbsolute` does. A path that is already absolute keeps its
+    /// validity. Otherwise the result is valid if the working directory can be converted, regardless of this
+    /// path.
+    /// @return empty and valid if the working directory is not available
     WidePath getAbsolute() const;
 
-    /// As `Path::getCanonicalized`. The result is valid if it can be converted back.
-    /// @return empty and valid if the path cannot be expressed in the locale's encoding or resolved
+    /// Returns the canonical path as `Path::getCanonicalized` does. The result is valid if it can be
+    /// converted back to wide text.
+    /// @return empty and valid if the locale cannot express the path or the path cannot be resolved
     WidePath getCanonicalized() const;
 
-    /// The path in the locale's encoding (`wcsrtombs`), valid or not. Throws `std::logic_error` if the locale cannot
-    /// express it.
+    /// Returns the path in the encoding of the locale (`wcsrtombs`), whether it is valid or not. Throws
+    /// `std::logic_error` if the locale cannot express it.
     operator std::string() const;
 
-    /// Whether the path came from a complete conversion of a text that was not empty, or from an operation that says so.
+    /// Returns whether the path is the result of a complete conversion of a text that was not empty, or of an
+    /// operation that returns a valid path.
     bool isValid() const noexcept { return m_valid; }
 
 private:

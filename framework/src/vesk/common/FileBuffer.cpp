@@ -62,7 +62,7 @@ int FileBuffer::actuallyRead(char* buffer, unsigned int size, unsigned int& read
         std::ErrorStorage::id() == 2) {
         std::ErrorStorage::ack();
     }
-    // The same for everything: how much was read tells all.
+    // The result is the same in every case; `read` contains the outcome.
     return 1;
 }
 
@@ -73,7 +73,8 @@ int FileBuffer::actuallyWrite(char const* buffer, unsigned int size, unsigned in
     }
     while (written != size) {
         unsigned int count = 0;
-        // On purpose the whole and not the rest: a sink that took less gets the block once more, from its begin.
+        // Writes the whole block on purpose, not the rest: a sink that took less receives the block again
+        // from its start.
         if (m_out->write(buffer, size, count) <= 0) {
             return 1;
         }

@@ -24,7 +24,7 @@ bool isEndOfStream() noexcept {
     return std::ErrorStorage::isA(StreamBase::StreamError) && std::ErrorStorage::id() == 2;
 }
 
-/// Copies what is left of the source. True on failure, after a report.
+/// Copies the rest of the source. Returns true on failure, after a report.
 bool copyBytes(StreamBinFileR& source, StreamBinFileW& destination, void* buffer, unsigned int buffer_size) {
     unsigned int read_bytes = 0;
     do {
@@ -49,7 +49,8 @@ bool copyBytes(StreamBinFileR& source, StreamBinFileW& destination, void* buffer
     return false;
 }
 
-/// Closes both; the destination only when that of the source succeeded. True on failure.
+/// Closes both files; the destination only after the source was closed successfully. Returns true on failure,
+/// after a report.
 bool closeBoth(StreamBinFileR& source, StreamBinFileW& destination) {
     if (source.BinFileBase::close()) {
         return true;
@@ -81,7 +82,7 @@ bool FileSys::copy(
 
     StreamBinFileR source_file(0);
     source_file.open(source, BinFileBase::READ);
-    // Not what the open returned: an empty path is no failure of it.
+    // Checks the file instead of the result of `open`, which succeeds for an empty path.
     if (!source_file.isValid()) {
         return true;
     }
@@ -94,7 +95,7 @@ bool FileSys::copy(
     if (copyBytes(source_file, destination_file, buffer, buffer_size)) {
         return true;
     }
-    // The caller believes in the copy, and may remove the source next.
+    // A failure must not go unnoticed: the caller relies on the copy and may remove the source next.
     if (closeBoth(source_file, destination_file)) {
         std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, "copy", "Error closing src/dst file(s)");
     }

@@ -4,7 +4,7 @@
 
 namespace vesk::detail {
 
-/// Whether a number is that of a standard channel, which belongs to the process and not to one object.
+/// Returns whether a descriptor is a standard channel, which belongs to the process and not to one object.
 constexpr bool isStandardChannel(int fd) noexcept {
     return fd >= STDIN_FILENO && fd <= STDERR_FILENO;
 }

@@ -14,7 +14,7 @@ StderrBinFile::StderrBinFile(unsigned int) {
 }
 
 StderrBinFile::~StderrBinFile() {
-    // A file that was opened through the object is closed by its base, a standard channel by nothing.
+    // The base class closes a file that was opened through the object. Nothing closes a standard channel.
     if (isStandardChannel(m_fd)) {
         m_fd = -1;
     }

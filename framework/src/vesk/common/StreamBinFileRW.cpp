@@ -34,7 +34,7 @@ bool StreamBinFileRW::isValid() const {
     return m_fd != -1 && isReadBufferSound() && isWriteBufferSound();
 }
 
-/// What all forms of `open` have in common around the `open` of the base.
+/// Contains the steps that all forms of `open` share around the `open` of the base class.
 template <typename Open>
 bool StreamBinFileRW::openBy(Open open) {
     if (!isWriteBufferSound() || !isReadBufferSound()) {
@@ -44,7 +44,7 @@ bool StreamBinFileRW::openBy(Open open) {
     }
     bool const failed = open();
     if (failed && m_fd != -1) {
-        return true; // The file before is still open.
+        return true; // The previous file is still open.
     }
     IBinOutputStream::m_pos = 0;
     IBinOutputStream::m_end = 0;
@@ -92,7 +92,7 @@ bool StreamBinFileRW::checkWriteBufferConsistency() {
             m_had_error = true;
             return true;
         }
-        // A deriving class may have a seek of its own.
+        // Required because a derived class may override `seek`.
         IBinInputStream::m_pos = 0;
         IBinInputStream::m_end = 0;
     }
@@ -105,7 +105,7 @@ bool StreamBinFileRW::seek(int offset, SeekDirection direction, unsigned int& po
     if (has_written && checkReadBufferConsistency()) {
         return true;
     }
-    // Behind a write nothing is read ahead, and the reader's seek is the plain one.
+    // After a write the read buffer is empty, and the seek of the reader only moves the position.
     return StreamBinFileR::seek(offset, direction, position);
 }
 

@@ -15,11 +15,11 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/linux/FileSys";
 
-/// The file that lists the mounts, closed on every way out.
+/// The owner of the descriptor of the file that lists the mounts.
 class MountFile : private tarnbase::NonCopyable {
 public:
     MountFile() : m_fd(open("/proc/mounts", O_RDONLY | O_CLOEXEC)) {}
-    // A thread may be cancelled in here.
+    // Not `noexcept`, because cancellation of the thread can act in `close`.
     ~MountFile() noexcept(false) {
         if (m_fd == -1) {
             return;
@@ -38,11 +38,11 @@ private:
     int m_fd;
 };
 
-/// Takes the second field out of each line, from chunk to chunk.
+/// A parser that extracts the second field of each line from a sequence of chunks.
 class MountParser {
 public:
     void parse(char const* at, char const* end) {
-        // Also in the midst of a mount point: the kernel gives whole lines, so that a chunk never ends there.
+        // Also applies within a mount point. The kernel returns whole lines, so a chunk never ends there.
         if (m_field != Field::REST) {
             beginEntry();
         }
@@ -61,7 +61,7 @@ public:
 private:
     enum class Field { DEVICE, MOUNT_POINT, REST };
 
-    /// Goes on in the present field, to behind its end or to the end of the chunk.
+    /// Parses the rest of the current field. Returns the position after its end, or the end of the chunk.
     char const* parseField(char const* at, char const* end) {
         char const delimiter = m_field == Field::REST ? '\n' : ' ';
         auto const* const found =
@@ -106,7 +106,7 @@ std::list<std::string> FileSys::getMountPoints() {
     }
     MountParser parser;
     char chunk[4096];
-    // An error is taken for the end.
+    // An error is treated as the end of the file.
     for (ssize_t count = file.read(chunk, sizeof chunk); count > 0; count = file.read(chunk, sizeof chunk)) {
         parser.parse(chunk, chunk + count);
     }

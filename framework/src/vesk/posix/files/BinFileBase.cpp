@@ -31,7 +31,7 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/BinFileBase";
 constexpr ErrnoRow CLOSE_ERRORS[] = {
     {{EINTR}, NONE, NONE, Outcome::REPEAT},
     {{EBADF}, SysErrorId::SPOILED_INTEGRITY},
-    // Whatever a driver means by it, there is nothing left to close.
+    // Returned by a driver only. Nothing is left to close.
     {{ESRCH}, SysErrorId::NO_SUCH_PROCESS},
     {{EIO}, SysErrorId::INPUT_OUTPUT},
     {OTHERS, SysErrorId::UNCLASSIFIED},
@@ -47,7 +47,7 @@ constexpr ErrnoRow STAT_ERRORS[] = {
 constexpr ErrnoRow TRUNCATE_ERRORS[] = {
     {{EIO}, SysErrorId::INPUT_OUTPUT},
     {{EBADF, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
-    // Too large counts as no space left.
+    // A size that is too large is reported as a lack of space.
     {{EFBIG}, SysErrorId::NO_SPACE},
     {{EROFS}, SysErrorId::PERMISSION_DENIED},
     {OTHERS, SysErrorId::UNCLASSIFIED},
@@ -64,7 +64,7 @@ constexpr FlagRow FLAGS[] = {
     {BinFileBase::EXCLUSIVE, O_CREAT | O_EXCL},
 };
 
-/// The system's flags for a word; close-on-exec belongs to each of them.
+/// Returns the system's flags for a word, always with close-on-exec.
 int translate(BinFileBase::OpenFlags flags) noexcept {
     int result = O_CLOEXEC;
     switch (flags.getWord() & BinFileBase::READ_WRITE) {
@@ -111,7 +111,7 @@ bool BinFileBase::close() {
         return false;
     }
     while (::close(m_fd) != 0) {
-        // It stays so, even if the repetition succeeds.
+        // Stays set even if the repeated call succeeds.
         m_had_error = true;
         int const error = errno;
         if (classify(SOURCE, CLOSE_ERRORS, error) == Outcome::REPEAT) {
@@ -206,7 +206,8 @@ bool BinFileBase::truncateSize(unsigned int size) {
         report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "Tried to truncate invalid file");
         return true;
     }
-    // A size is 32 bits with a sign in every build: one that is too large is negative, which the system refuses.
+    // The size is a signed 32-bit value in every build. A size that is too large becomes negative, which the
+    // system refuses.
     auto const length = static_cast<int32_t>(size);
     if (retryOnEintr([&] { return ftruncate(m_fd, length); }) != 0) {
         classify(SOURCE, TRUNCATE_ERRORS, errno);

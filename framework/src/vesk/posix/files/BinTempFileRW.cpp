@@ -21,13 +21,13 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/BinTempFileRW";
 
-/// What no open tells.
+/// Errors of `mkstemp` that differ from those of `open`.
 constexpr ErrnoRow TEMPLATE_ERRORS[] = {
     {{EEXIST}, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS},
     {{EINVAL}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
 };
 
-/// Reports why no file could be made of a template. True if it is to be tried again.
+/// Reports why no file could be created from a template. Returns true if the call must be repeated.
 bool handleTemplateError(int error, char const* path) {
     if (error == EEXIST || error == EINVAL) {
         classify(SOURCE, TEMPLATE_ERRORS, error, path);
@@ -36,10 +36,11 @@ bool handleTemplateError(int error, char const* path) {
     return handleOpenError(error, path);
 }
 
-/// Makes a file of a template, which gets its name: the handle owns the text. -1 on failure.
+/// Creates a file from a template and stores its name in the text that the handle owns. Returns -1 on
+/// failure.
 int makeFile(UnicodeString const& path) {
     if (path.c_str() == nullptr) {
-        errno = EFAULT; // libc would not refuse it but fall over it.
+        errno = EFAULT; // libc would not refuse a null template but crash.
         return -1;
     }
     return mkstemp(const_cast<char*>(path.c_str()));
@@ -50,7 +51,7 @@ int makeFile(UnicodeString const& path) {
 BinTempFileRW::BinTempFileRW(WidePath const& prefix) : m_path(prefix) {
     int error = 0;
     do {
-        // Afresh each time: an attempt that failed may have used the template up.
+        // Built anew for each attempt: a failed attempt may have changed the template.
         m_path.assign(prefix).append(L"XXXXXX");
         UnicodeString const narrow(m_path);
         m_fd = makeFile(narrow);

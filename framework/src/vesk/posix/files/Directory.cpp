@@ -59,7 +59,8 @@ constexpr ErrnoRow CUR_DIR_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-/// Closes what the clean-up after a failure must not leave open. A failure here is the lesser one.
+/// Closes a resource during the clean-up after a failure. An error here is only a warning, because the first
+/// failure is the one to report.
 template <typename Close>
 void closeOrWarn(Close close_it, char const* function, char const* message, int line = __builtin_LINE()) {
     if (close_it() != 0) {
@@ -68,7 +69,7 @@ void closeOrWarn(Close close_it, char const* function, char const* message, int 
     }
 }
 
-/// `closedir`, which by its declaration takes no null: answers one as the system does.
+/// Calls `closedir`, which is declared not to take null. For null, fails as the system does.
 int closeStream(DIR* dir) noexcept {
     if (dir == nullptr) {
         errno = EINVAL;
@@ -78,7 +79,8 @@ int closeStream(DIR* dir) noexcept {
     return closedir(dir);
 }
 
-/// `fdopendir` marks the descriptor close-on-exec. Those that are opened here stay open for a new program all the same.
+/// Clears close-on-exec, which `fdopendir` sets. Required by callers: a descriptor that is opened here stays
+/// open across `exec`.
 void keepAcrossExec(int fd) noexcept {
     fcntl(fd, F_SETFD, 0);
 }
@@ -120,7 +122,7 @@ Directory::Directory(DirectoryHandle const* handle) {
     m_handle.fd = -1;
 }
 
-/// Goes on behind the open, which has left its result in the handle.
+/// Completes a constructor after the open, which has stored its result in the handle.
 void Directory::adopt(char const* path) {
     if (m_handle.fd != -1) {
         m_handle.dir = fdopendir(m_handle.fd);
@@ -139,7 +141,7 @@ void Directory::adopt(char const* path) {
     }
 }
 
-/// Goes to the first entry of the stream; without one, the stream is given up.
+/// Moves to the first entry of the stream. Releases the stream if that fails.
 void Directory::init() {
     m_handle.entry = nullptr;
     if (next() >= 0) {
@@ -149,9 +151,10 @@ void Directory::init() {
     SavedErrorChain const saved;
     closeOrWarn([this] { return closeStream(m_handle.dir); }, "init", "error closing dir");
     if (m_handle.fd != -1) {
-        // Also behind a good `closedir`, for one that has failed before it came to the descriptor. As a rule it finds the
-        // descriptor closed, and warns. Should another thread have been given the number in between, it closes that
-        // thread's: a walk that fails at its first step is rare enough to live with it.
+        // Also after a successful `closedir`, for a `closedir` that failed before it closed the descriptor.
+        // Usually the descriptor is closed already, and this call warns. If another thread has received the
+        // same number in between, the call closes the descriptor of that thread. This is accepted, because a
+        // failure of the first step is rare.
         closeOrWarn([this] { return close(m_handle.fd); }, "init", "error closing dir-fd");
     }
     m_handle = DirectoryHandle();
@@ -164,7 +167,7 @@ int Directory::next() {
         errno = 0;
         entry = readdir(m_handle.dir);
     } else {
-        errno = EBADF; // As the system answers for what is not open; its call takes no null.
+        errno = EBADF; // As the system does for a closed stream; `readdir` must not be given null.
     }
     if (entry != nullptr) {
         m_handle.entry = entry;
@@ -210,7 +213,7 @@ Directory Directory::curDir(bool follow, bool) const {
     if (directory.m_valid) {
         keepAcrossExec(handle.fd);
     } else if (!directory.m_at_end) {
-        // It has no stream, so the descriptor was not taken over: an entry that is no directory.
+        // There is no stream, so the directory did not take the descriptor: the entry is not a directory.
         SavedErrorChain const saved;
         closeOrWarn([&handle] { return close(handle.fd); }, "curDir", "error closing dir-fd");
         saved.restore();
@@ -231,7 +234,8 @@ int Directory::destroy() {
     KeptErrorChain const kept_chain;
     while (closeStream(m_handle.dir) != 0) {
         if (errno == EINTR) {
-            // The stream is still there: the system never interrupts a close that it has begun for a directory.
+            // The stream still exists: the system never interrupts the close of a directory after it has
+            // begun.
             continue;
         }
         report(SOURCE, Chain::NEW, SysErrorId::UNCLASSIFIED, SystemErrorText().get());
@@ -250,12 +254,12 @@ Directory detail::openPrivateDirectory(char const* path) {
     int const error = errno;
     Directory directory(&handle);
     if (handle.fd == -1) {
-        // Of a handle without a descriptor it has told that instead.
+        // The constructor has reported the missing descriptor. Reports the reason of the open instead.
         std::ErrorStorage::ack();
         errno = error;
         classify(SOURCE, OPEN_ERRORS, error, path);
     } else if (!directory.isValid() && !directory.atEnd()) {
-        // It has no stream, so the descriptor was not taken over.
+        // There is no stream, so the directory did not take the descriptor.
         SavedErrorChain const saved;
         closeOrWarn([&handle] { return close(handle.fd); }, "openPrivateDirectory", "error closing dir-fd");
         saved.restore();

@@ -47,7 +47,8 @@ FileInfo::FileInfo(UnicodeString const& path, bool follow) : FileInfo() {
 
 void FileInfo::init(char const* path, bool follow) {
     m_valid = true;
-    // Declared to take no null, which is what a text that could not be converted has; the system answers it.
+    // Called through a pointer because the functions are declared not to take null. A `UnicodeString`
+    // contains null after a failed conversion, and the system reports it.
     int (*const ask)(char const*, struct stat*) = follow ? stat : lstat;
     if (ask(path, &m_stat) != 0) {
         classify(SOURCE, INIT_ERRORS, errno, path);
@@ -78,7 +79,7 @@ FileInfo::Type FileInfo::getType() const noexcept {
 
 bool FileInfo::setModTime(char const* path, long time) {
     timeval const both[2] = {{time, 0}, {time, 0}};
-    // As with `stat`: null is for the system to answer.
+    // Called through a pointer, as above: the system reports a null path.
     int (*const set)(char const*, timeval const*) = utimes;
     if (set(path, time == 0 ? nullptr : both) != 0) {
         classify(SOURCE, SET_MOD_TIME_ERRORS, errno);

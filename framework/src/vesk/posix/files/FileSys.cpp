@@ -21,7 +21,7 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/FileSys";
 
-// Rows that several operations have.
+// Rows that several operations share.
 constexpr ErrnoRow DENIED{
     {EPERM, EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
 constexpr ErrnoRow NO_SEARCH{{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
@@ -45,7 +45,7 @@ constexpr ErrnoRow CURRENT_WD_ERRORS[] = {
 
 constexpr ErrnoRow EXISTS_ERRORS[] = {
     {{ENOENT, ENOTDIR}, NONE, NONE, Outcome::NOT_NOW},
-    // The file is there and only too large for the fields of a 32-bit `stat`.
+    // The file exists and is only too large for the fields of a 32-bit `stat`.
     {{EOVERFLOW}, NONE, NONE, Outcome::DONE},
     NO_SEARCH,
     DEVICE_ERROR,
@@ -88,7 +88,7 @@ constexpr ErrnoRow MOVE_ERRORS[] = {
 };
 
 constexpr ErrnoRow CHANGE_WD_ERRORS[] = {
-    // Who cannot get there is denied access, whatever the reason.
+    // Required by callers: a directory that cannot be reached is reported as denied access, for any reason.
     {{ENOENT, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::ACCESS_DENIED},
     NO_SEARCH,
     {{ENOTDIR}, SysErrorId::NOT_A_DIRECTORY, FileAccessErrorId::NOT_A_DIRECTORY},
@@ -105,7 +105,7 @@ constexpr ErrnoRow MAX_COMPONENT_LENGTH_ERRORS[] = {
 };
 
 constexpr ErrnoRow READ_LINK_ERRORS[] = {
-    // Anything but a link gives EINVAL.
+    // The system returns `EINVAL` for a path that is not a symbolic link.
     {{ENOENT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
     NO_SEARCH,
     DEVICE_ERROR,
@@ -113,7 +113,7 @@ constexpr ErrnoRow READ_LINK_ERRORS[] = {
 };
 
 constexpr ErrnoRow CREATE_LINK_ERRORS[] = {
-    // Says that the file system has no symbolic links.
+    // The file system does not support symbolic links.
     {{EPERM}, SysErrorId::NOT_IMPLEMENTED, FileAccessErrorId::UNCLASSIFIED},
     {{EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
     BAD_PATH,
@@ -129,7 +129,7 @@ constexpr ErrnoRow CHANGE_ERRORS[] = {
     NO_MEMORY,    UNCLASSIFIED,
 };
 
-/// Reports a system call that failed.
+/// Returns whether a system call failed, after reporting the failure.
 bool hasFailed(Place place, int result, ErrnoTable table, char const* path) noexcept {
     if (result == 0) {
         return false;
@@ -138,7 +138,8 @@ bool hasFailed(Place place, int result, ErrnoTable table, char const* path) noex
     return true;
 }
 
-/// The text that names two paths where only one has failed. As long as a report at most, which cuts longer ones.
+/// The text "a or b" for a failure of one of two paths. Its size is the limit of a report, which truncates
+/// longer texts.
 class EitherPath {
 public:
     EitherPath(char const* one, char const* other) noexcept {
@@ -150,10 +151,10 @@ private:
     char m_text[std::ErrorObject::TEXT_SIZE + 1];
 };
 
-/// Whether the system has such ids. Cut to the system's type, another one would be somebody else's.
+/// Returns whether the id fits in the type of the system. A truncated id would be that of another user.
 bool isOfSystem(long long id) noexcept {
     static_assert(std::numeric_limits<uid_t>::max() == UINT32_MAX && sizeof(gid_t) == sizeof(uid_t));
-    // What stands for no id tells the system to leave the owner as it is.
+    // `BAD_ID` means no id; the system then leaves the owner unchanged.
     return id >= User::BAD_ID && id <= std::numeric_limits<uid_t>::max();
 }
 static_assert(User::BAD_ID == -1 && Group::BAD_ID == -1);
@@ -168,7 +169,8 @@ int changeOwner(char const* path, User const& user, Group const& group) {
     return chown(path, static_cast<uid_t>(user_id), static_cast<gid_t>(group_id));
 }
 
-// The plain call of a 32-bit system fails where a count of blocks or files needs 64 bits; the other one has no such limit.
+// On 32-bit systems `statvfs` fails if a count of blocks or files needs 64 bits; `statvfs64` has no such
+// limit.
 #if __WORDSIZE == 32
 using FileSystemData = struct statvfs64;
 constexpr auto readFileSystemData = statvfs64;
@@ -234,7 +236,7 @@ void FileSys::getEntryPoints(std::list<UnicodeString>& result) {
 bool FileSys::maxComponentLength(char const* path, unsigned int& length) {
     length = 0;
     FileSystemData data;
-    // Interrupted, it begins anew: in a loop, since nothing limits how often that happens.
+    // Repeated in a loop, because the number of interruptions is not limited.
     int const result = retryOnEintr([&] { return readFileSystemData(path, &data); });
     if (hasFailed(SOURCE, result, MAX_COMPONENT_LENGTH_ERRORS, path)) {
         return true;
@@ -253,7 +255,7 @@ char const* FileSys::getHomePath() {
 }
 
 bool FileSys::readLink(char const* path, char* buffer, unsigned int& size) {
-    // A size of 0 wraps around: the caller told nothing about the buffer.
+    // A size of 0 wraps around to the largest size.
     ssize_t const count = readlink(path, buffer, size - 1);
     if (count < 0) {
         int const error = errno;

@@ -29,7 +29,7 @@ constexpr ErrnoRow CLOSE_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-/// Closes a descriptor that is open. True on failure.
+/// Closes an open descriptor. Returns true on failure, after a report.
 bool closeEnd(int fd) {
     if (close(fd) != 0) {
         classify(SOURCE, CLOSE_ERRORS, errno);

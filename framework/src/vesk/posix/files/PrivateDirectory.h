@@ -4,8 +4,9 @@
 
 namespace vesk::detail {
 
-/// Opens a directory that the library reads for itself: as `Directory(path, bool)`, but close-on-exec from the start, so
-/// that no program that another thread executes meanwhile inherits it.
+/// Opens a directory for the library's own use. Works as `Directory(path, bool)`, but the descriptor is
+/// close-on-exec from the start, so that a program that another thread executes meanwhile does not inherit
+/// it.
 Directory openPrivateDirectory(char const* path);
 
 } // namespace vesk::detail

@@ -25,7 +25,7 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/SerialPort";
 using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 
 constexpr ErrnoRow DRAIN_ERRORS[] = {
-    // Whatever the system says, it is the line that does not take the output.
+    // Every failure means that the line did not take the output.
     {OTHERS, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
 };
 
@@ -41,7 +41,7 @@ constexpr SpeedRow SPEEDS[] = {
 static_assert(B50 == 1 && B300 == 7 && B1200 == 9 && B2400 == 11 && B4800 == 12 && B9600 == 13);
 static_assert(B19200 == 14 && B38400 == 15 && B57600 == 0x1001 && B115200 == 0x1002 && B230400 == 0x1003);
 
-/// The system's constant; for other speeds the number itself, for the system to refuse.
+/// Returns the system's constant for a speed. Returns an unknown speed unchanged, and the system refuses it.
 speed_t getSpeed(unsigned int baud_rate) noexcept {
     for (SpeedRow const& row : SPEEDS) {
         if (row.baud_rate == baud_rate) {
@@ -112,7 +112,7 @@ bool SerialPort::open() {
     return configure() && giveUp();
 }
 
-/// Applies the settings to the open line. True on failure, which `errno` tells.
+/// Applies the settings to the open line. Returns true on failure, with the reason in `errno`.
 bool SerialPort::configure() {
     termios line;
     if (tcgetattr(m_fd, &line) != 0) {
@@ -132,9 +132,9 @@ bool SerialPort::configure() {
     return tcsetattr(m_fd, TCSANOW, &line) != 0;
 }
 
-/// The end of an `open` that could not configure the line. True.
+/// Closes the line after `open` could not configure it. Always returns true.
 bool SerialPort::giveUp() {
-    // Of what went wrong first: closing has an errno of its own.
+    // Taken before the close, which changes `errno`.
     SystemErrorText const reason;
     close();
     closeUnbuffered();
@@ -144,7 +144,8 @@ bool SerialPort::giveUp() {
     return true;
 }
 
-/// Closes a line without one of its buffers: it is open but never valid, so that nothing else closes it.
+/// Closes a line that is open although the allocation of a buffer failed. The object is then never valid, so
+/// that nothing else closes the descriptor.
 void SerialPort::closeUnbuffered() {
     if (m_fd != -1 && !isValid()) {
         ::close(m_fd);

@@ -39,7 +39,7 @@ int getWhence(StreamBinFileBase::SeekDirection direction) {
 
 } // namespace
 
-/// Reports a seek that failed with a number of the system. True.
+/// Reports a failed seek for an error number of the system. Always returns true.
 bool StreamBinFileBase::failSeek(int error) {
     errno = error;
     classify(SOURCE, SEEK_ERRORS, error);
@@ -62,7 +62,8 @@ bool StreamBinFileBase::seek(int offset, SeekDirection direction, unsigned int& 
         return failSeek(errno);
     }
     if (result != static_cast<int32_t>(result)) {
-        // Where positions are wider, the system has moved all the same, as it has where they are not.
+        // The system has moved the position, as it has on a 32-bit system, where `lseek` itself fails in this
+        // way.
         return failSeek(EOVERFLOW);
     }
     position = static_cast<unsigned int>(result);

@@ -45,7 +45,7 @@ bool StreamBinFileR::isValid() const {
     return m_fd != -1 && isReadBufferSound();
 }
 
-/// What all forms of `open` have in common around the `open` of the base.
+/// Contains the steps that all forms of `open` share around the `open` of the base class.
 template <typename Open>
 bool StreamBinFileR::openBy(Open open) {
     if (!isReadBufferSound()) {
@@ -55,7 +55,7 @@ bool StreamBinFileR::openBy(Open open) {
     }
     bool const failed = open();
     if (failed && m_fd != -1) {
-        return true; // The file before is still open.
+        return true; // The previous file is still open.
     }
     m_pos = 0;
     m_end = 0;
@@ -70,7 +70,7 @@ bool StreamBinFileR::open(Pipe& pipe) {
     if (openBy([&] { return BinFileBase::open(pipe, false); })) {
         return true;
     }
-    // Also where the pipe had no such end, and the flags are those of the file before.
+    // Also if the pipe no longer had this end; the flags are then those of the previous file.
     m_blocking = true;
     return false;
 }
@@ -123,7 +123,7 @@ bool StreamBinFileR::performRead(void* buffer, unsigned int size, unsigned int& 
 bool StreamBinFileR::seek(int offset, SeekDirection direction, unsigned int& position) {
     if (m_pos != m_end) {
         if (direction == Current) {
-            // The system is ahead of the reader by what is not consumed.
+            // The position of the system is ahead of the reader by the bytes that are not consumed.
             offset = static_cast<int>(static_cast<unsigned int>(offset) - (m_end - m_pos));
         }
         m_pos = 0;

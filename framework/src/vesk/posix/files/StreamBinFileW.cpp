@@ -42,7 +42,7 @@ constexpr ErrnoRow WRITE_ERRORS[] = {
 };
 
 constexpr ErrnoRow FLUSH_ERRORS[] = {
-    // What cannot be synchronised has nothing to flush.
+    // A file that does not support synchronization has nothing to flush.
     {{EINVAL, ENOSYS}, NONE, NONE, Outcome::DONE},
     {{EIO}, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
     {{EBADF}, SysErrorId::SPOILED_INTEGRITY, StreamErrorId::UNUSABLE},
@@ -67,7 +67,7 @@ bool StreamBinFileW::isValid() const {
     return m_fd != -1 && isWriteBufferSound();
 }
 
-/// What all forms of `open` have in common around the `open` of the base.
+/// Contains the steps that all forms of `open` share around the `open` of the base class.
 template <typename Open>
 bool StreamBinFileW::openBy(Open open) {
     if (!isWriteBufferSound()) {
@@ -77,7 +77,7 @@ bool StreamBinFileW::openBy(Open open) {
     }
     bool const failed = open();
     if (failed && m_fd != -1) {
-        return true; // The file before is still open.
+        return true; // The previous file is still open.
     }
     m_pos = 0;
     m_end = 0;
@@ -92,7 +92,7 @@ bool StreamBinFileW::open(Pipe& pipe) {
     if (openBy([&] { return BinFileBase::open(pipe, true); })) {
         return true;
     }
-    // Also where the pipe had no such end, and the flags are those of the file before.
+    // Also if the pipe no longer had this end; the flags are then those of the previous file.
     m_blocking = true;
     return false;
 }
@@ -146,8 +146,8 @@ bool StreamBinFileW::performWrite(void const* buffer, unsigned int size, unsigne
     return true;
 }
 
-/// Waits until the descriptor takes data again: it may have been made non-blocking by another owner of the open file. A
-/// failure shows in the next `write`.
+/// Blocks until the descriptor accepts data again: another owner of the open file may have made it
+/// non-blocking. The next `write` reports a failure.
 void StreamBinFileW::waitForRoom() const {
     pollfd entry{m_fd, POLLOUT, 0};
     poll(&entry, 1, -1);
@@ -185,7 +185,7 @@ bool StreamBinFileW::flushAndClose() {
     bool const close_failed = BinFileBase::close();
     m_had_error = m_had_error || flush_failed;
     if (m_fd == -1) {
-        // What the file did not take is lost, and is not for the one that is opened next.
+        // Discards the data that the file did not take, so that the next file does not receive it.
         m_pos = 0;
         m_end = 0;
     }

@@ -7,8 +7,8 @@ namespace vesk::detail {
 
 constexpr size_t CONVERSION_FAILED = static_cast<size_t>(-1);
 
-/// Wide text to the locale's encoding, whatever that is. Without a destination it only measures; `limit` is in bytes, with
-/// room for the NUL.
+/// Converts wide text to the encoding of the locale, which need not be UTF-8. Without a destination it only
+/// computes the length. `limit` is in bytes and includes the NUL.
 /// @return the bytes without the NUL, `CONVERSION_FAILED` for a character that the locale cannot express
 inline size_t wide_to_utf8(char* destination, wchar_t const* source, size_t limit) noexcept {
     mbstate_t state{};
@@ -16,7 +16,8 @@ inline size_t wide_to_utf8(char* destination, wchar_t const* source, size_t limi
     return wcsrtombs(destination, &source, limit, &state);
 }
 
-/// Text in the locale's encoding to wide text; `limit` is in wide characters.
+/// Converts text in the encoding of the locale to wide text. Without a destination it only computes the
+/// length. `limit` is in wide characters and includes the NUL.
 /// @return the wide characters without the NUL, `CONVERSION_FAILED` for a malformed text
 inline size_t utf8_to_wide(wchar_t* destination, char const* source, size_t limit) noexcept {
     mbstate_t state{};

@@ -25,13 +25,13 @@ TARN_CONSTANT_INIT uint32_t const UnicodeString::s_encoding = 1;
 
 UnicodeString::UnicodeString(std::wstring const& text) : m_data(nullptr), m_size(0), m_storage(OWNED) {
     size_t const measured = wide_to_utf8(nullptr, text.c_str(), CONVERSION_FAILED);
-    // Takes in what is too long for the size, which only a 64-bit system can have.
+    // Also true for a text that is too long for a 32-bit size, which is possible on 64-bit systems only.
     if (measured >= FAILED_SIZE) {
         m_size = FAILED_SIZE;
         return;
     }
     m_size = static_cast<uint32_t>(measured + 1);
-    // Filled with NULs: should the second pass break off, the text ends where it does.
+    // Filled with NULs, so that the text is terminated even if the second pass stops early.
     m_data = std::allocateOrWait(
         [this] { return new (std::nothrow) char[m_size](); }, SOURCE, "UnicodeString",
         "cannot allocate data for wcs conversion");

@@ -16,7 +16,7 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/WidePath";
 
-/// The size of a text that nobody asks for it.
+/// The size of a borrowed text where the size is never read.
 constexpr unsigned int NO_SIZE = 0;
 
 unsigned int sizeOf(char const* text, unsigned int length) noexcept {
