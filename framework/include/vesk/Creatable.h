@@ -4,31 +4,33 @@
 
 namespace vesk {
 
-/// Base of the objects that put a name into the system: `MsgQueueServer`, `SemaphoreCreator`, `SharedMemoryServer`. It
-/// tells what to do when the name is there already, and whether the name goes again with the object's `close`.
+/// Base of the classes that create named system objects: `MsgQueueServer`, `SemaphoreCreator`,
+/// `SharedMemoryServer`. It selects what happens if the name exists already, and whether `close` removes the
+/// name.
 ///
 ///     vesk::MsgQueueServer server;
 ///     server.setUnlinkOnClose(true);
 ///     if (server.create("orders", 64, 10, vesk::Creatable::REPLACE)) { ... }
 ///
-/// Names belong to the whole machine, and any process may make one first. Use `CREATE_NEW` or `REPLACE` for an object whose
-/// contents matter: `OPEN_OR_CREATE` and `TRUNCATE` take over an object that another user has made, with that user as its
-/// owner, with the permissions and the limits that it was made with, and with all processes that have it open.
+/// Names are global to the machine, and any process may create one first. Use `CREATE_NEW` or `REPLACE` for
+/// an object with contents that matter. `OPEN_OR_CREATE` and `TRUNCATE` open an object even if another user
+/// created it: its owner, permissions and limits stay as they are, and all processes that have it open keep
+/// their access.
 class Creatable {
 public:
-    /// What creating an object means for one of the same name.
+    /// What `create` does if an object of the same name exists.
     enum CreationStrategy : int {
-        CREATE_NEW = 0, ///< It is in the way: `FileAccessErrorId::ALREADY_EXISTS`.
-        /// It is opened as it stands, also if another user made it. Only for names that no other user can make, or whose
-        /// owner and contents are checked afterwards.
+        CREATE_NEW = 0, ///< Fails with `FileAccessErrorId::ALREADY_EXISTS`.
+        /// Opens the object unchanged, even if another user created it. Use it only for names that no other
+        /// user can create, or check the owner and the contents afterwards.
         OPEN_OR_CREATE = 1,
-        REPLACE = 2, ///< Its name is removed; processes that have it open keep it.
-        TRUNCATE =
-            3, ///< It is opened and emptied. Only shared memory has this. Takes over as `OPEN_OR_CREATE` does.
+        /// Removes its name and creates a new object. Processes that have the old one open keep it.
+        REPLACE = 2,
+        TRUNCATE = 3, ///< Opens and empties it, even if another user created it. For shared memory only.
     };
 
-    /// Whether `close` also removes the name from the system. At first it does not: names are there for others, and
-    /// outlive their creator.
+    /// Selects whether `close` also removes the name from the system. Initially false: names exist for other
+    /// processes, and they persist after their creator has ended.
     void setUnlinkOnClose(bool unlink) noexcept { unlink_on_close = unlink; }
     bool isUnlinkOnClose() const noexcept { return unlink_on_close; }
 

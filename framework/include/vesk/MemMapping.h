@@ -6,36 +6,40 @@
 
 namespace vesk {
 
-/// One piece of an open file or shared memory, mapped into the address space.
+/// A part of an open file or of shared memory that is mapped into the address space.
 ///
 ///     vesk::MemMapping mapping(file.getDescriptor(), vesk::MemMapping::READ, size, 0);
 ///     if (!mapping.isValid()) { ... }
 ///     use(mapping.getAddress(), mapping.getSize());
 ///     mapping.destroy();
 ///
-/// It is a value: a copy tells of the same mapping, and nothing but `destroy` takes that down. `SharedMemoryBase` and
-/// `MemBinFileBase` keep book of theirs. What is written shows at once in every other mapping of the object, also those of
-/// other processes, and in the object itself.
+/// An object is a value: a copy refers to the same mapping, and only `destroy` removes the mapping.
+/// `SharedMemoryBase` and `MemBinFileBase` keep track of their own mappings. Written data is visible at once
+/// in every other mapping of the object, including those of other processes, and in the object itself.
 ///
-/// As a ring buffer the same pages stand twice, one behind the other: what lies across the end of the first half is one
-/// piece of memory, and a reader or writer of it needs neither a copy nor a second pass.
+/// A ring buffer maps the same pages twice, one copy directly behind the other. A block that crosses the end
+/// of the first half is contiguous in memory, so that it can be read or written without a copy and in one
+/// pass.
 ///
-///     vesk::MemMapping ring(shm.getDescriptor(), MemMapping::READ | MemMapping::WRITE, length, 0, nullptr, true);
+///     vesk::MemMapping ring(shm.getDescriptor(), MemMapping::READ | MemMapping::WRITE, length, 0, nullptr,
+///                           true);
 ///     auto* const bytes = static_cast<char*>(ring.getAddress());
-///     memcpy(bytes + at % length, block, size); // The end of the first half is no matter, up to `length` bytes.
+///     memcpy(bytes + at % length, block, size); // May cross the end of the first half; `size` <= `length`.
 ///
-/// Touching a page behind the end of the object raises `SIGBUS`. The mapping needs the descriptor no longer than its
-/// constructor runs. The mapped bytes are the caller's to guard; an object belongs to one thread at a time.
+/// Accessing a page behind the end of the object raises `SIGBUS`. The descriptor is needed only while the
+/// constructor runs. Callers must synchronize access to the mapped bytes. An object belongs to one thread at
+/// a time.
 class VESK_API MemMapping {
 public:
-    /// What may be done with the bytes; the values are the system's.
+    /// Permitted access to the bytes. The values are those of the system.
     enum MemAccessFlag : uint32_t {
         READ = 1,
         WRITE = 2,
         EXECUTE = 4,
     };
 
-    /// A set of them. Without any the range is taken, and nobody may touch it. Bits of no meaning are dropped.
+    /// A set of access flags. An empty set reserves the range without permitting any access. Unknown bits are
+    /// ignored.
     class MemAccessFlags {
     public:
         constexpr MemAccessFlags() noexcept = default;
@@ -56,45 +60,57 @@ public:
         uint32_t m_word = 0;
     };
 
-    /// Maps a part of an object (`mmap`, shared). `isValid` tells whether it worked.
+    /// Maps a part of an object (`mmap`, shared). Use `isValid` to check the result.
     ///
-    /// Reports `SysErrorId::SPOILED_INTEGRITY` for what is not open or cannot be mapped so, 1 if it does not fit into memory, 7 if the
-    /// descriptor was not opened for this access, 6 if the device has no mappings, 8 for a `length` of 0 or an `offset`
-    /// that is no multiple of the page size, 0 without descriptors, else 19. For a ring buffer also `CommonErrorId::CONTRACT_BROKEN` for a
-    /// `length` that is no multiple of the page size, and `SysErrorId::NOT_IMPLEMENTED` if there is no range of twice the `length`. A ring
-    /// buffer that is refused by the object itself leaves that range taken until the process ends.
-    /// @param fd          the object, which the caller may close afterwards
-    /// @param flags       what the bytes are for
-    /// @param length      in bytes; the mapping ends with a whole page. A ring buffer has less than 2 GiB
-    /// @param offset      where in the object, a multiple of the page size (`Vesk::s_sys_info`)
-    /// @param address     where it would be liked; only a hint. Null: anywhere
-    /// @param ringbuffer  whether it stands twice
+    /// Reports on failure:
+    /// - `SysErrorId::SPOILED_INTEGRITY` if the descriptor is not open or cannot be mapped in this way
+    /// - `SysErrorId::OUT_OF_MEMORY` if the mapping does not fit into memory
+    /// - `SysErrorId::PERMISSION_DENIED` if the descriptor was not opened for this access
+    /// - `SysErrorId::NOT_IMPLEMENTED` if the device does not support mappings, or if no address range of
+    ///   twice the `length` is available for a ring buffer
+    /// - `SysErrorId::INVALID_PARAMETER` if `length` is 0 or `offset` is not a multiple of the page size
+    /// - `SysErrorId::RESOURCES_EXHAUSTED` if the process has no descriptor left
+    /// - `CommonErrorId::CONTRACT_BROKEN` if the `length` of a ring buffer is not a multiple of the page size
+    /// - `SysErrorId::UNCLASSIFIED` otherwise
+    ///
+    /// A ring buffer of `length` 0 fails with `SysErrorId::NOT_IMPLEMENTED`. If the object itself cannot be
+    /// mapped as a ring buffer, the address range stays reserved until the process ends.
+    /// @param fd          the object; the caller may close it afterwards
+    /// @param flags       permitted access to the bytes
+    /// @param length      in bytes; the mapping extends to the end of the last page. That of a ring buffer
+    ///                    must be below 2 GiB
+    /// @param offset      start within the object, a multiple of the page size (`Vesk::s_sys_info`)
+    /// @param address     preferred address, only a hint; null for any address
+    /// @param ringbuffer  whether to map the part twice
     MemMapping(
         int const& fd, MemAccessFlags const& flags, unsigned int length, unsigned int offset = 0,
         void* address = nullptr, bool ringbuffer = false);
 
-    /// Takes the mapping down (`munmap`); its size is 0 then. All copies of the object name an address that is not valid
-    /// from then on. A mapping that could not be made is left alone, with success.
-    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, the object being as before. A second call fails in this way
+    /// Removes the mapping (`munmap`) and sets the size to 0. The address in all copies of the object is no
+    /// longer valid. Does nothing, with success, if the mapping could not be made.
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, with the object unchanged. A second call
+    ///         fails in this way
     bool destroy();
 
-    /// Waits until what was written is in the file (`msync`).
+    /// Blocks until written data has reached the file (`msync`).
     /// @param length  bytes
     /// @param offset  from the start of the mapping, a multiple of the page size
-    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` for pages that are locked, 8 for a range that is not mapped or does not begin
-    ///         with a page, else 19
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` if pages are locked (`EBUSY`),
+    ///         `SysErrorId::INVALID_PARAMETER` if the range is not mapped or does not start at a page
+    ///         boundary, else `SysErrorId::UNCLASSIFIED`
     bool sync(unsigned int length, unsigned int offset);
 
-    /// Whether there is a mapping: it was made, and this object has not destroyed it.
+    /// Returns whether the mapping was made and this object has not destroyed it.
     bool isValid() const noexcept;
 
-    /// Its first byte; all ones if it could not be made, null after `destroy`.
+    /// Returns the address of the first byte: `MAP_FAILED` (all bits set) if the mapping could not be made,
+    /// null after `destroy`.
     void* getAddress() const noexcept { return address; }
 
-    /// Where in the object it begins.
+    /// Returns the offset within the object at which the mapping starts.
     unsigned int getOffset() const noexcept { return offset; }
 
-    /// Its bytes, as they were asked for; those of a ring buffer count twice. 0 after `destroy`.
+    /// Returns the requested size in bytes, doubled for a ring buffer. Returns 0 after `destroy`.
     unsigned int getSize() const noexcept { return size; }
 
     MemAccessFlags getFlags() const noexcept { return flags; }

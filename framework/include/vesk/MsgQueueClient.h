@@ -5,7 +5,7 @@
 
 namespace vesk {
 
-/// Attaches to a message queue that a `MsgQueueServer` has made.
+/// Opens a message queue that a `MsgQueueServer` has created.
 ///
 ///     vesk::MsgQueueClient client;
 ///     char text[] = "tea";
@@ -17,12 +17,16 @@ class VESK_API MsgQueueClient : public MsgQueueBase {
 public:
     MsgQueueClient() noexcept = default;
 
-    /// Opens a queue that exists, for reading and writing (`mq_open`, repeated while a signal interrupts it). An open
-    /// object is closed first.
+    /// Opens an existing queue for reading and writing (`mq_open`, repeated while a signal interrupts it). An
+    /// open object is closed first.
     /// @param name  see `transformToIPCIdentifier`
-    /// @return true on failure, and the object is closed unless closing it failed. Besides the reports of `close` and
-    ///         `transformToIPCIdentifier`: `SysErrorId::INVALID_PATH` with `FileAccessErrorId::BAD_PATH` on top if there is no such queue, 8 with 3
-    ///         without the right, 4 with 0 if the name is too long; `SysErrorId::RESOURCES_EXHAUSTED` without descriptors, else 19
+    /// @return true on failure; the object is closed then, unless closing it failed. The reports are those of
+    ///         `close` and `transformToIPCIdentifier`; `SysErrorId::INVALID_PATH` with
+    ///         `FileAccessErrorId::BAD_PATH` on top if there is no such queue;
+    ///         `SysErrorId::INVALID_PARAMETER` with `FileAccessErrorId::ACCESS_DENIED` without the
+    ///         permission; `SysErrorId::PATH_TOO_LONG` with `FileAccessErrorId::BAD_PATH` if the name is too
+    ///         long for the system; `SysErrorId::RESOURCES_EXHAUSTED` without descriptors; else
+    ///         `SysErrorId::UNCLASSIFIED`
     bool attach(char const* name);
 };
 

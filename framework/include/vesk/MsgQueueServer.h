@@ -7,7 +7,7 @@
 
 namespace vesk {
 
-/// Makes a message queue that others find by its name.
+/// Creates a message queue that other processes open by its name.
 ///
 ///     vesk::MsgQueueServer server;
 ///     if (server.create("orders", 64, 10, vesk::Creatable::REPLACE)) { ... }
@@ -15,42 +15,50 @@ namespace vesk {
 ///     vesk::MsgQueueBase::Message message{text, sizeof text, 0};
 ///     while (!server.readMsg(&message)) { ... }
 ///
-/// The queue with its messages stays in the system, also beyond the end of the process, until its name is removed and
-/// everybody has closed it. The destructor never removes the name, whatever `isUnlinkOnClose()` says: only `close` does
-/// that, `create` on an open object, which closes it, and `deleteName`.
+/// The queue and its messages persist after the process has ended, until the name is removed and all
+/// processes have closed the queue. The destructor never removes the name, whatever `isUnlinkOnClose()`
+/// returns. Only `close`, `deleteName`, and `create` on an open object, which it closes, remove the name.
 ///
-/// Threads: see `MsgQueueBase`. The static `deleteName` is for any thread.
+/// Threads: see `MsgQueueBase`. The static `deleteName` may be called from any thread.
 class VESK_API MsgQueueServer : public MsgQueueBase, public Creatable {
 public:
     MsgQueueServer() noexcept = default;
     ~MsgQueueServer() override;
 
-    /// Makes a queue, or opens one, for reading and writing (`mq_open`, repeated while a signal interrupts it). An open
-    /// object is closed first. The mode is 0600: the queue is for processes of the same user.
+    /// Creates or opens a queue for reading and writing (`mq_open`, repeated while a signal interrupts it).
+    /// An open object is closed first. The mode is 0600: only processes of the same user have access.
     /// @param name      see `transformToIPCIdentifier`
-    /// @param msg_size  how large a message may be, in bytes; from 1 on. Of no meaning for a queue that exists
-    /// @param max_msgs  how many messages the queue is to hold; from 1 on. Of no meaning for a queue that exists
-    /// @param strategy  what to do about a queue of this name; `TRUNCATE` is refused
-    /// @return true on failure, and the object is closed unless closing it failed. Besides the reports of `close`,
-    ///         `transformToIPCIdentifier`, and of `deleteName` for `REPLACE`: `CommonErrorId::CONTRACT_BROKEN` for the strategy; `SysErrorId::PERMISSION_DENIED`
-    ///         with `FileAccessErrorId::ACCESS_DENIED` on top without the right, 12 with 4 if the name exists, 15 with 7 without space, 4
-    ///         with 0 if the name is too long; `SysErrorId::INVALID_PARAMETER` for a wrong or too large `msg_size` or `max_msgs`, 0 without
-    ///         descriptors or with the user's limit reached, else 19
+    /// @param msg_size  maximum size of a message in bytes, at least 1; ignored for an existing queue
+    /// @param max_msgs  maximum number of messages in the queue, at least 1; ignored for an existing queue
+    /// @param strategy  what to do if a queue of this name exists; `TRUNCATE` is rejected
+    /// @return true on failure; the object is closed then, unless closing it failed. The reports are those of
+    ///         `close`, `transformToIPCIdentifier` and, for `REPLACE`, `deleteName`;
+    ///         `CommonErrorId::CONTRACT_BROKEN` for an unsupported strategy; `SysErrorId::PERMISSION_DENIED`
+    ///         with `FileAccessErrorId::ACCESS_DENIED` on top without the permission;
+    ///         `SysErrorId::FILE_EXISTS` with `FileAccessErrorId::ALREADY_EXISTS` if the name exists;
+    ///         `SysErrorId::NO_SPACE` with `FileAccessErrorId::NO_SPACE` without space;
+    ///         `SysErrorId::PATH_TOO_LONG` with `FileAccessErrorId::BAD_PATH` if the name is too long for the
+    ///         system; `SysErrorId::INVALID_PARAMETER` if `msg_size` or `max_msgs` is invalid or too large;
+    ///         `SysErrorId::RESOURCES_EXHAUSTED` without descriptors or if the user's limit is reached; else
+    ///         `SysErrorId::UNCLASSIFIED`
     bool create(
         char const* name, unsigned int msg_size, unsigned int max_msgs,
         Creatable::CreationStrategy const& strategy);
 
-    /// Removes the name, if `isUnlinkOnClose()`, and closes the queue.
-    /// @return true on failure: as `deleteName`, after which the queue is closed all the same, or as `MsgQueueBase::close`
+    /// Removes the name if `isUnlinkOnClose()`, and closes the queue.
+    /// @return true on failure: as for `deleteName`, after which the queue is closed nevertheless, or as for
+    ///         `MsgQueueBase::close`
     bool close() override;
 
-    /// Removes the name of the queue that this object made from the system (`mq_unlink`); also after it was closed. Who has
-    /// the queue open keeps it. A name that is gone already is no failure; neither is an object that has none.
-    /// @return true on failure: `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED` on top; without the right, below these, `SysErrorId::PERMISSION_DENIED`
-    ///         with `FileAccessErrorId::ACCESS_DENIED` on top
+    /// Removes the name of this object's queue from the system (`mq_unlink`), also after the queue was
+    /// closed. Processes that have the queue open keep it. Succeeds if the name does not exist, and if the
+    /// object has no name.
+    /// @return true on failure: `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED` on top;
+    ///         without the permission, `SysErrorId::PERMISSION_DENIED` with
+    ///         `FileAccessErrorId::ACCESS_DENIED` below these
     bool deleteName();
 
-    /// The same for any name, see `transformToIPCIdentifier` for the reports about it.
+    /// Removes any name from the system; see `transformToIPCIdentifier` for the reports about the name.
     static bool deleteName(char const* name);
 
 private:

@@ -19,7 +19,8 @@ namespace vesk {
 ///         use(parts[1].in(subject), parts[2].in(subject));
 ///     }
 ///
-/// Several threads may match with one object at once, while none compiles. Characters are those of the process's locale.
+/// Several threads may match with one object at the same time, as long as none of them compiles. Characters
+/// are interpreted in the locale of the process.
 class VESK_API Regex : public RegexHandle {
 public:
     /// Failures of regular expressions. Has no parent. The argument is the text of `regerror`.
@@ -37,25 +38,27 @@ public:
 
     /// Bits of the flags of `compile`.
     enum Flag : unsigned int {
-        IGNORE_CASE = 1, ///< Upper and lower case are alike.
-        SUB_MATCHES = 2, ///< `match` can tell what matched where. Matching is slower then.
+        IGNORE_CASE = 1, ///< Ignores the difference between upper and lower case.
+        SUB_MATCHES = 2, ///< Lets `match` return sub-matches. Makes matching slower.
     };
 
-    /// Where the whole expression matched, or the part in one of its parentheses.
+    /// The position at which the whole expression, or one of its parenthesized parts, matched.
     class SubMatch : private regmatch_t {
     public:
         SubMatch() noexcept : regmatch_t{-1, -1} {}
 
-        /// Whether this part took part in the match. What is told below needs that.
+        /// Returns whether this part took part in the match. `getPosition` and `getLength` are valid only
+        /// then.
         bool isSet() const noexcept { return rm_so >= 0; }
 
-        /// Bytes of the subject before it.
+        /// Returns the offset of the match in the subject, in bytes.
         unsigned int getPosition() const noexcept { return static_cast<unsigned int>(rm_so); }
 
-        /// Its length in bytes.
+        /// Returns the length of the match in bytes.
         unsigned int getLength() const noexcept { return static_cast<unsigned int>(rm_eo - rm_so); }
 
-        /// Its text in the subject that was matched, which must still be there; empty if it is not set.
+        /// Returns the matched text, or an empty text if the part is not set.
+        /// @param subject  the text that was passed to `match`, unchanged
         std::string_view in(char const* subject) const noexcept {
             return isSet() ? std::string_view(subject + getPosition(), getLength()) : std::string_view();
         }
@@ -64,35 +67,42 @@ public:
         friend class Regex;
     };
 
-    /// Compiles an expression in place of the one before, which is gone even if this fails (`regcomp` with
-    /// `REG_EXTENDED`).
+    /// Compiles an expression (`regcomp` with `REG_EXTENDED`). Discards the previous expression, even on
+    /// failure.
     /// @param flags  bits of `Flag`; others are ignored
-    /// @return 0, or 1 on failure, nothing can be matched then: `ErrorId::SYNTAX_ERROR`, on top of what is pending; `ErrorId::OUT_OF_MEMORY` on top of
-    ///         `CommonErrorId::OUT_OF_MEMORY`; `CommonErrorId::CONTRACT_BROKEN` if `pattern` is null
+    /// @return 0 on success; 1 on failure, after which nothing can be matched: `ErrorId::SYNTAX_ERROR`, on
+    ///         top of pending reports; `ErrorId::OUT_OF_MEMORY` on top of `CommonErrorId::OUT_OF_MEMORY`;
+    ///         `CommonErrorId::CONTRACT_BROKEN` if `pattern` is null
     int compile(char const* pattern, unsigned int const& flags);
 
-    /// Looks for the first place in `subject` where the expression matches (`regexec`). Does not block.
-    /// @param subject  text with an end
-    /// @return 0 it matches; 1 it does not, which is not reported; -1 on failure: `ErrorId::MATCH_FAILED`; `CommonErrorId::CONTRACT_BROKEN` if nothing
-    ///         is compiled or `subject` is null
+    /// Finds the first match of the expression in `subject` (`regexec`). Does not block.
+    /// @param subject  null-terminated text
+    /// @return 0 if it matches; 1 if it does not, which is not reported; -1 on failure:
+    ///         `ErrorId::MATCH_FAILED`; `CommonErrorId::CONTRACT_BROKEN` if no expression is compiled or
+    ///         `subject` is null
     int match(char const* subject) const { return match(subject, nullptr, 0); }
 
-    /// The same, and tells what matched where.
-    /// @param found  one for the whole match and one for each opening parenthesis, from left to right, as far as `count`
-    ///               goes. Those that there is nothing to tell for are not set: parentheses that took no part,
-    ///               numbers that the expression does not have, all of them if the result is not 0
-    /// @param count  how many sub-matches are wanted; with 0 it does not matter what the expression was compiled for
-    /// @return as above; -1 with `CommonErrorId::CONTRACT_BROKEN` also if the expression was compiled without `SUB_MATCHES`
+    /// Does the same, and returns the sub-matches.
+    /// @param subject  null-terminated text
+    /// @param found    receives the whole match, then one entry for each opening parenthesis from left to
+    ///                 right, at most `count` entries. Entries without a match are not set: parentheses that
+    ///                 took no part, numbers that the expression does not have, and all entries if the result
+    ///                 is not 0
+    /// @param count    number of sub-matches to return; with 0 the expression need not be compiled with
+    ///                 `SUB_MATCHES`
+    /// @return as above; -1 with `CommonErrorId::CONTRACT_BROKEN` also if the expression was compiled without
+    ///         `SUB_MATCHES`
     int match(char const* subject, SubMatch* found, unsigned int count) const;
 
-    /// The same for an array.
+    /// Does the same for an array.
     template <size_t N>
     int match(char const* subject, SubMatch (&found)[N]) const {
         return match(subject, found, static_cast<unsigned int>(N));
     }
 
-    /// How many sub-matches the expression has, the whole one included: what a caller who was given the expression makes
-    /// room for. 0 without `SUB_MATCHES` or an expression.
+    /// Returns the number of sub-matches of the expression, including the whole match: the array size that a
+    /// caller needs for an expression that it does not know. Returns 0 without `SUB_MATCHES` or without an
+    /// expression.
     unsigned int getSubMatchCount() const noexcept {
         return compiled && sub_matches ? static_cast<unsigned int>(preg.re_nsub + 1) : 0;
     }

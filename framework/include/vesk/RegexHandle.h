@@ -6,7 +6,7 @@
 
 namespace vesk {
 
-/// The owner of a compiled regular expression, which it frees. What is done with it is told by `Regex`.
+/// Owner of a compiled regular expression, which it frees. `Regex` provides the operations on it.
 class VESK_API RegexHandle {
 public:
     RegexHandle() noexcept = default;
@@ -14,23 +14,24 @@ public:
     RegexHandle& operator=(RegexHandle const&) = delete;
     ~RegexHandle() { release(); }
 
-    /// Whether there is an expression that can be matched.
+    /// Returns whether an expression is compiled.
     bool isValid() const noexcept { return compiled; }
 
-    /// Reports why matching failed: `Regex::ErrorId::MATCH_FAILED` with the system's text, or `std::CommonErrorId::CONTRACT_BROKEN` if the expression
-    /// was not fit for what was asked of it, and `code` does not matter.
-    /// @param code                what `regexec` returned
-    /// @param sub_matches_wanted  whether sub-matches were asked for
+    /// Reports why matching failed: `Regex::ErrorId::MATCH_FAILED` with the system's text, or
+    /// `std::CommonErrorId::CONTRACT_BROKEN`, whatever the `code`, if no expression is compiled or if
+    /// sub-matches were requested from an expression that was compiled without them.
+    /// @param code                the result of `regexec`
+    /// @param sub_matches_wanted  whether sub-matches were requested
     /// @return -1
     int handleMatchError(int code, bool sub_matches_wanted) const;
 
 protected:
-    /// Frees the expression, if there is one (`regfree`).
+    /// Frees the expression if there is one (`regfree`).
     void release() noexcept;
 
     regex_t preg{};
     bool compiled = false;
-    bool sub_matches = false; ///< It was to be compiled for sub-matches.
+    bool sub_matches = false; ///< Whether the last `compile` requested sub-matches.
 };
 
 } // namespace vesk

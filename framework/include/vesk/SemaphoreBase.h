@@ -9,49 +9,53 @@
 
 namespace vesk {
 
-/// Taking and releasing of a named semaphore, with which processes count and wait for what they share. A
-/// `SemaphoreCreator` makes it, a `SemaphoreClient` attaches to it by its name; from then on both are alike.
+/// Access to a named semaphore, with which processes count shared resources and wait for them. A
+/// `SemaphoreCreator` creates it, and a `SemaphoreClient` opens it by its name. Afterwards both behave in the
+/// same way.
 ///
 ///     vesk::SemaphoreClient slots;
 ///     if (slots.attach("slots") || slots.take()) { ... }
 ///     useSlot();
 ///     if (slots.release()) { ... }
 ///
-/// Any thread may take and release. `close` is not synchronised with that: a wait that a signal interrupts sees that the
-/// object was closed meanwhile, and ends without failure and without having taken anything. Everything else of that kind
-/// is for the caller to prevent.
+/// Any thread may take and release. `close` is not synchronized with that: a blocked call that a signal
+/// interrupts detects that the object was closed meanwhile, and returns success without having taken
+/// anything. The caller must prevent all other concurrent use during `close`.
 class VESK_API SemaphoreBase : private tarnbase::NonCopyable {
 public:
-    /// Closes the semaphore. A failure shows as a warning only.
+    /// Closes the semaphore. A failure gives only a warning of `std::GlobalErrorHandler`.
     virtual ~SemaphoreBase();
 
-    /// Lets go of the semaphore (`sem_close`). The object is closed whatever the system says. On a closed object it does
-    /// nothing, with success.
-    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, on top of what is pending
+    /// Closes the semaphore (`sem_close`). The object is closed even on failure. Does nothing, with success,
+    /// on a closed object.
+    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, on top of pending reports
     virtual bool close();
 
-    /// Whether the semaphore is open.
+    /// Returns whether the semaphore is open.
     bool isValid() const noexcept { return getSemaphore() != nullptr; }
 
-    /// Waits until the value is above 0, and decreases it (`sem_wait`, repeated while a signal interrupts it).
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` on a closed object, else `SysErrorId::SPOILED_INTEGRITY`
+    /// Blocks until the value is above 0, and decrements it (`sem_wait`, repeated while a signal interrupts
+    /// it).
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` on a closed object, else
+    ///         `SysErrorId::SPOILED_INTEGRITY`
     VESK_API_INLINE bool take() const {
         sem_t* const opened = getSemaphore();
         return (opened == nullptr || sem_wait(opened) != 0) && handleTakeError(opened);
     }
 
-    /// Decreases the value if it is above 0 (`sem_trywait`). Never blocks.
-    /// @return 0 taken; 1 not available, nothing is reported; -1 on failure: as `take`
+    /// Decrements the value if it is above 0 (`sem_trywait`). Never blocks.
+    /// @return 0 if taken; 1 if the value is 0, which is not reported; -1 on failure: as for `take`
     signed char tryTake() const;
 
-    /// As `take`, but waits no longer than `ms` milliseconds (`sem_timedwait`). The time runs on the wall clock: setting
-    /// that moves the end. With 0, or less, it does not wait.
-    /// @return 0 taken; 1 timed out, nothing is reported; -1 on failure: as `take`, and `SysErrorId::UNCLASSIFIED` if the clock cannot
-    ///         be read
+    /// Does the same as `take`, but blocks for at most `ms` milliseconds (`sem_timedwait`). The deadline is
+    /// on the wall clock: setting the clock moves it. With 0 or less it does not block.
+    /// @return 0 if taken; 1 after a timeout, which is not reported; -1 on failure: as for `take`, and
+    ///         `SysErrorId::UNCLASSIFIED` if the clock cannot be read
     signed char tryTakeTimeout(long long const& ms) const;
 
-    /// Increases the value, and wakes one who waits (`sem_post`). Never blocks.
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` on a closed object, `SysErrorId::RESOURCES_EXHAUSTED` at the highest value, else `SysErrorId::SPOILED_INTEGRITY`
+    /// Increments the value and wakes one waiting thread (`sem_post`). Never blocks.
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` on a closed object,
+    ///         `SysErrorId::RESOURCES_EXHAUSTED` at the highest value, else `SysErrorId::SPOILED_INTEGRITY`
     VESK_API_INLINE bool release() const {
         sem_t* const opened = getSemaphore();
         return (opened == nullptr || sem_post(opened) != 0) && handleReleaseError(opened);

@@ -9,49 +9,53 @@
 
 namespace vesk {
 
-/// What a `SharedMemoryServer` and a `SharedMemoryClient` have in common once they are open: a piece of memory with a size
-/// and the mappings that were made of it. It owns both.
+/// Common base of `SharedMemoryServer` and `SharedMemoryClient`: an open piece of shared memory with its
+/// mappings, both of which it owns.
 ///
 ///     vesk::MemMapping const mapping = shm.addMapping(MemMapping::READ | MemMapping::WRITE, shm.getSize());
 ///     if (!mapping.isValid()) { ... }
 ///     use(mapping.getAddress());
 ///     if (shm.close()) { ... } // The address is not valid any more.
 ///
-/// The classes have no lock: an object belongs to one thread at a time, and what lies in the memory is the users' own to
-/// guard, for example with a `ShmMutex` in it.
+/// The classes have no lock: an object belongs to one thread at a time. Users must synchronize access to the
+/// contents of the memory, for example with a `ShmMutex` inside it.
 class VESK_API SharedMemoryBase : private tarnbase::NonCopyable {
 public:
-    /// Closes the object as this class does, without a look at its name. A failure shows as a warning only.
+    /// Closes the object as this class does, without removing its name. A failure gives only a warning of
+    /// `std::GlobalErrorHandler`.
     virtual ~SharedMemoryBase();
 
-    /// Takes all mappings down and closes the object (`close`, repeated while a signal interrupts it). A closed one is left
-    /// alone, with success.
-    /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, of a mapping or of the object. The mappings are gone in any case; the object
-    ///         is closed unless the system had another objection than that it is not open
+    /// Removes all mappings and closes the object (`close`, repeated while a signal interrupts it). Does
+    /// nothing, with success, on a closed object.
+    /// @return true on failure of a mapping or of the object: `SysErrorId::SPOILED_INTEGRITY`. The mappings
+    ///         are discarded in any case. If closing the object itself fails, it stays open, except if the
+    ///         system does not know its descriptor (`EBADF`)
     virtual bool close();
 
-    /// Whether the object is open.
+    /// Returns whether the object is open.
     bool isValid() const noexcept { return descriptor != -1; }
 
-    /// Its descriptor, for calls that this class does not make; -1 if it is closed. It stays this object's.
+    /// Returns the descriptor, for system calls that this class does not make, or -1 if the object is closed.
+    /// The object keeps the ownership.
     int getDescriptor() const noexcept { return descriptor; }
 
-    /// The size of the memory (`fstat`), at most 2,147,483,647.
-    /// @return bytes; 0 if nothing is open (`CommonErrorId::CONTRACT_BROKEN`), if the system does not tell, and for a larger one (both
-    ///         without a report)
+    /// Returns the size of the memory in bytes (`fstat`), at most 2,147,483,647.
+    /// @return 0 if the object is closed (`CommonErrorId::CONTRACT_BROKEN`), if the system does not return a
+    ///         size, or if the size exceeds the maximum (the last two without a report)
     unsigned int getSize() const;
 
-    /// Maps a part of the memory; see the constructor of `MemMapping` for the arguments and reports. Valid until it is
-    /// removed or the object is closed, which take it down, so do not `destroy` it yourself.
-    /// @return a mapping that is not valid on failure; the object has then nothing to do with it
+    /// Maps a part of the memory; see the constructor of `MemMapping` for the arguments and reports. The
+    /// mapping is valid until it is removed or the object is closed. Do not call `destroy` on it: this object
+    /// does.
+    /// @return a mapping that is not valid on failure, which this object does not keep
     MemMapping addMapping(
         MemMapping::MemAccessFlags const& flags, unsigned int length, unsigned int offset = 0,
         void* address = nullptr, bool ringbuffer = false);
 
-    /// Takes one mapping down.
-    /// @param mapping  what `addMapping` of this object gave
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for one that it does not have; else what `MemMapping::destroy` reported,
-    ///         the object having given it up
+    /// Removes one mapping.
+    /// @param mapping  a result of `addMapping` of this object
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if the object does not have this mapping;
+    ///         else the report of `MemMapping::destroy`, and the object discards the mapping nevertheless
     bool removeMapping(MemMapping const& mapping);
 
 protected:

@@ -5,7 +5,7 @@
 
 namespace vesk {
 
-/// The side of a shared memory that comes to what a `SharedMemoryServer` has made.
+/// Opens shared memory that a `SharedMemoryServer` has created.
 ///
 ///     vesk::SharedMemoryClient shm;
 ///     if (shm.attach("samples", MemMapping::READ)) { ... }
@@ -16,13 +16,20 @@ class VESK_API SharedMemoryClient : public SharedMemoryBase {
 public:
     SharedMemoryClient() = default;
 
-    /// Opens a shared memory (`shm_open`, repeated while a signal interrupts it), after closing the one that is open.
+    /// Opens existing shared memory (`shm_open`, repeated while a signal interrupts it). An open object is
+    /// closed first.
     ///
-    /// Reports, with `FileAccessError` and the system's name on top where a second id stands: `SysErrorId::INVALID_PATH` and 0 if there is
-    /// none of this name, 7 and 3 without the right to, 6 for a name that the system cannot use, 0 without descriptors,
-    /// 4 and 0 for a name that is too long for the system, else 19.
-    /// @param name   as its server gave it, at most 254 characters, without "/"; see `transformToIPCIdentifier`
-    /// @param flags  with `WRITE` it is opened for both directions, without for reading only; a mapping cannot have more
+    /// The reports are those of `close` and `transformToIPCIdentifier`; `SysErrorId::INVALID_PATH` with
+    /// `FileAccessErrorId::BAD_PATH` on top if there is no memory of this name;
+    /// `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED` without the permission;
+    /// `SysErrorId::NOT_IMPLEMENTED` if the name is not usable; `SysErrorId::RESOURCES_EXHAUSTED` without
+    /// descriptors; `SysErrorId::PATH_TOO_LONG` with `FileAccessErrorId::BAD_PATH` if the name is too long
+    /// for the system; else `SysErrorId::UNCLASSIFIED`. The reports of `FileAccessError` show the system's
+    /// name.
+    /// @param name   the name that was given to `SharedMemoryServer::create`, at most 254 characters, without
+    ///               "/"; see `transformToIPCIdentifier`
+    /// @param flags  with `WRITE` the memory is opened for reading and writing, otherwise for reading only.
+    ///               Its mappings cannot have more access than that
     /// @return true on failure
     bool attach(char const* name, MemMapping::MemAccessFlags const& flags);
 };

@@ -7,56 +7,67 @@
 
 namespace vesk {
 
-/// The side of a shared memory that makes it and gives it its size and its name.
+/// Creates shared memory with a size and a name.
 ///
 ///     vesk::SharedMemoryServer shm;
 ///     shm.setUnlinkOnClose(true);
 ///     if (shm.create("samples", 65536, shm.REPLACE)) { ... }
 ///     auto const mapping = shm.addMapping(MemMapping::READ | MemMapping::WRITE, 65536);
 ///
-/// Memory and name outlive the process unless the name is removed: `setUnlinkOnClose` has `close` and the destructor do
-/// so. The memory itself goes with its last user. Another process opens it with `SharedMemoryClient`.
+/// Memory and name persist after the process has ended, unless the name is removed. With
+/// `setUnlinkOnClose(true)`, `close` and the destructor remove it. The memory is freed when its last user has
+/// closed it. Another process opens it with `SharedMemoryClient`.
 class VESK_API SharedMemoryServer : public SharedMemoryBase, public Creatable {
 public:
     SharedMemoryServer() = default;
 
-    /// Does what `close` does if the object is open, its name included. A failure shows as a warning only.
+    /// Closes an open object as `close` does, including its name. A failure gives only a warning of
+    /// `std::GlobalErrorHandler`.
     ~SharedMemoryServer() override;
 
-    /// Takes the mappings down, closes the memory, and before that removes its name if `isUnlinkOnClose` (also that of an
-    /// object that is closed).
-    /// @return true on failure: what `deleteName` or `SharedMemoryBase::close` reported. The second is done in any case
+    /// Removes the name if `isUnlinkOnClose()`, also on a closed object. Then removes the mappings and closes
+    /// the memory.
+    /// @return true on failure: as for `deleteName`, after which the memory is closed nevertheless, or as for
+    ///         `SharedMemoryBase::close`
     bool close() override;
 
-    /// Makes a piece of memory that its owner may read and write (`shm_open`, `ftruncate`, both repeated while a signal
-    /// interrupts them), after closing the one that is open. It is open for both directions and filled with zeros.
+    /// Creates or opens shared memory for reading and writing (`shm_open`, `ftruncate`, both repeated while a
+    /// signal interrupts them). An open object is closed first. The mode is 0600: only processes of the same
+    /// user have access. New memory is filled with zeros.
     ///
-    /// Reports, with `FileAccessError` and the system's name on top where a second id stands: `SysErrorId::PERMISSION_DENIED` and 3 without the
-    /// right to, 12 and 4 if the name is taken, 6 for a name that the system cannot use, such as the empty one, 0 without
-    /// descriptors, 15 and 7 without space, 16 without shared memory, 4 and 0 for a name that is too long for the
-    /// system, else 19. Of the size: 8 if it is too large, else 10; the memory is closed again then.
-    /// @param name      at most 254 characters, without "/"; see `transformToIPCIdentifier` for its reports
-    /// @param size      in bytes, at most 2,147,483,647. Memory that is there keeps its size with `OPEN_OR_CREATE`, unless
-    ///                  that is 0; in all other cases it gets this one
-    /// @param strategy  what to do if the name is taken. Not checked: one that is none opens what is there, and gives it
-    ///                  the new size
+    /// The reports are those of `close`, `transformToIPCIdentifier` and, for `REPLACE`, `deleteName`;
+    /// `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED` on top without the permission;
+    /// `SysErrorId::FILE_EXISTS` with `FileAccessErrorId::ALREADY_EXISTS` if the name exists;
+    /// `SysErrorId::NOT_IMPLEMENTED` if the name is not usable, such as the empty one;
+    /// `SysErrorId::RESOURCES_EXHAUSTED` without descriptors; `SysErrorId::NO_SPACE` with
+    /// `FileAccessErrorId::NO_SPACE` without space; `SysErrorId::NO_DEVICE` if the system has no shared
+    /// memory; `SysErrorId::PATH_TOO_LONG` with `FileAccessErrorId::BAD_PATH` if the name is too long for the
+    /// system; else `SysErrorId::UNCLASSIFIED`. The reports of `FileAccessError` show the system's name.
+    ///
+    /// If the size cannot be set, reports `SysErrorId::INVALID_PARAMETER` if it is too large, else
+    /// `SysErrorId::SPOILED_INTEGRITY`, and closes the object as `close` does.
+    /// @param name      at most 254 characters, without "/"; see `transformToIPCIdentifier`
+    /// @param size      in bytes, at most 2,147,483,647. With `OPEN_OR_CREATE`, existing memory keeps its
+    ///                  size unless that is 0. In all other cases the memory gets this size
+    /// @param strategy  what to do if the name exists. Not checked: an unknown value opens or creates the
+    ///                  memory, and sets the size
     /// @return true on failure
     bool create(char const* name, unsigned int size, CreationStrategy const& strategy);
 
-    /// Removes the name of this object from the system (`shm_unlink`) and forgets it. Who has the memory open keeps it. A name
-    /// that is gone already is a success, and so is having none.
+    /// Removes the name of this object from the system (`shm_unlink`) and clears it. Processes that have the
+    /// memory open keep it. Succeeds if the name does not exist, and if the object has no name.
     ///
-    /// Reports `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED` without the right to, and on top of them, or alone for anything else,
-    /// `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED`.
-    /// @return true on failure, the name being kept
+    /// Reports `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED`; without the permission,
+    /// `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED` below these.
+    /// @return true on failure, with the name kept
     bool deleteName();
 
-    /// The same for any name.
+    /// Removes any name from the system.
     /// @param name  as for `create`
     static bool deleteName(char const* name);
 
-    /// The system's name of the memory, which begins with "/" and stays after `close`; empty if it was removed, and after
-    /// a `create` that came to no memory.
+    /// Returns the system's name of the memory, which begins with "/". It is kept after `close`. It is empty
+    /// after the name was removed, and after a `create` that could not open the memory.
     char const* getName() const noexcept { return name; }
 
 private:

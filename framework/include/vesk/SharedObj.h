@@ -7,7 +7,7 @@
 
 namespace vesk {
 
-/// Loads a shared object while the process runs and finds its symbols.
+/// A shared object that is loaded at run time, and access to its symbols.
 ///
 ///     vesk::SharedObj plugin;
 ///     void* address = nullptr;
@@ -16,9 +16,9 @@ namespace vesk {
 ///         ...
 ///     }
 ///
-/// A copy stands for the same shared object, which is unloaded when the last of the copies goes. What they share is
-/// settled by the copying: load before you copy, and neither `load` nor `unload` while there are copies, which would be
-/// left with what is gone.
+/// Copies refer to the same shared object, which is unloaded when the last copy is destroyed. A copy takes
+/// the state at the moment of copying. Therefore load before copying, and call neither `load` nor `unload`
+/// while there are copies: they would refer to an unloaded object.
 ///
 /// There is no lock: one object belongs to one thread at a time. Different threads may have copies of it.
 class VESK_API SharedObj : public RefCounted {
@@ -36,38 +36,43 @@ public:
     /// Returns the family of these ids.
     friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
-    /// What the file name of a library begins and ends with: "lib" and ".so".
+    /// Prefix and suffix of the file name of a library: "lib" and ".so".
     static char const* const SharedLibraryPrefix;
     static char const* const SharedLibrarySuffix;
 
-    /// Nothing is loaded yet.
+    /// Constructs an object without a shared object.
     SharedObj() = default;
     SharedObj(SharedObj const&) = default;
     SharedObj& operator=(SharedObj const&) = default;
 
-    /// The last copy unloads what is loaded. A failure of that is a warning of `std::GlobalErrorHandler`.
+    /// Unloads the shared object if this is the last copy. A failure gives only a warning of
+    /// `std::GlobalErrorHandler`.
     VESK_API_INLINE ~SharedObj() override { decrement(); }
 
-    /// Whether something is loaded.
+    /// Returns whether a shared object is loaded.
     VESK_API_INLINE bool isValid() const noexcept { return handle != nullptr; }
 
-    /// Loads a shared object (`dlopen` with `RTLD_LAZY`), and what it depends on. Runs its initialisers; blocks for the
-    /// file system. What was loaded before is unloaded first, and stays unloaded if the new one cannot be loaded. Not a
-    /// cancellation point, whatever the initialisers do.
-    /// @param path  a file, with a '/' in it, or a name that the dynamic loader looks for
-    /// @return true on failure: `ErrorId::LOAD_FAILED`; on top of the reports of `unload` if it was that, and the old one is still
-    ///         loaded; `CommonErrorId::CONTRACT_BROKEN` if `path` is null
+    /// Loads a shared object and its dependencies (`dlopen` with `RTLD_LAZY`). Runs their initializers.
+    /// Blocks for the file system. First unloads the previous one, which stays unloaded if loading fails. Not
+    /// a cancellation point, whatever the initializers do.
+    /// @param path  a file, if it contains a "/", else a name that the dynamic loader searches for
+    /// @return true on failure: `ErrorId::LOAD_FAILED`; if unloading the previous one fails, which then stays
+    ///         loaded, `ErrorId::LOAD_FAILED` on top of the reports of `unload`;
+    ///         `CommonErrorId::CONTRACT_BROKEN` if `path` is null
     bool load(char const* path);
 
-    /// Lets go of what is loaded (`dlclose`): it leaves the process unless others have loaded it too. Not a cancellation
-    /// point, whatever its finalisers do.
-    /// @return true on failure: `ErrorId::UNLOAD_FAILED`, it is still loaded; `CommonErrorId::CONTRACT_BROKEN` if nothing is loaded
+    /// Releases the shared object (`dlclose`). It stays in the process while other objects have loaded it.
+    /// Not a cancellation point, whatever its finalizers do.
+    /// @return true on failure: `ErrorId::UNLOAD_FAILED`, with the shared object still loaded;
+    ///         `CommonErrorId::CONTRACT_BROKEN` if nothing is loaded
     bool unload();
 
-    /// Finds a function or a variable by its name (`dlsym`), also in what the shared object depends on.
-    /// @param symbol   its name as the linker knows it: C++ functions need `extern "C"`
-    /// @param address  set to where it is, which is null for a symbol whose value is null; not touched on failure
-    /// @return true on failure: `ErrorId::RESOLVE_FAILED`; `CommonErrorId::CONTRACT_BROKEN` if nothing is loaded or `symbol` is null
+    /// Finds a function or a variable by its name (`dlsym`), also in the dependencies of the shared object.
+    /// @param symbol   the name as the linker sees it: C++ functions need `extern "C"`
+    /// @param address  set to the address, which is null for a symbol with a null value; not changed on
+    ///                 failure
+    /// @return true on failure: `ErrorId::RESOLVE_FAILED`; `CommonErrorId::CONTRACT_BROKEN` if nothing is
+    ///         loaded or `symbol` is null
     bool resolve(char const* symbol, void*& address) const;
 
 protected:

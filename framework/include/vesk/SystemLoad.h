@@ -4,8 +4,8 @@
 
 namespace vesk {
 
-/// A snapshot of how long the whole system has been idle. Two of them, taken apart in time, tell how busy it was in
-/// between:
+/// A snapshot of the time that the whole system has been idle. Two snapshots give the load of the system
+/// between them:
 ///
 ///     vesk::SystemLoad start;
 ///     vesk::SystemLoad end;
@@ -13,23 +13,24 @@ namespace vesk {
 ///         double const percent = vesk::SystemLoad::getCpuLoad(start, end);
 ///     }
 ///
-/// An object is a plain value without a lock: threads use objects of their own.
+/// An object is a plain value without a lock: each thread must use its own objects.
 class VESK_API SystemLoad {
 public:
     /// Takes the snapshot (`fopen`, `fscanf` of "/proc/uptime"). Does not block. Works in every locale.
-    /// @return true on failure, `valid` is false then: `SysErrorId::QUERY_FAILED`, on top of the report of `Time::getTimestamp` if it
-    ///         was the clock that failed
+    /// @return true on failure, with `valid` set to false: `SysErrorId::QUERY_FAILED`, on top of the report
+    ///         of `Time::getTimestamp` if the clock cannot be read
     bool sample();
 
-    /// How busy the system was between two snapshots, in percent of what all processors can do. As the moments are read
-    /// from the wall clock, setting that in between spoils the result.
-    /// @return 0.0 to 100.0, and 0.0 also if `end` is not later than `start`; -1.0 on failure: `SysErrorId::INVALID_PARAMETER` with "start"
-    ///         or "end", a snapshot that is not valid
+    /// Returns the load of the system between two snapshots, as a percentage of the capacity of all
+    /// processors. The timestamps are read from the wall clock: setting the clock between the snapshots
+    /// falsifies the result.
+    /// @return 0.0 to 100.0, and 0.0 also if `end` is not later than `start`; -1.0 on failure:
+    ///         `SysErrorId::INVALID_PARAMETER` with "start" or "end" if that snapshot is not valid
     static double getCpuLoad(SystemLoad const& start, SystemLoad const& end);
 
-    bool valid = false;      ///< The last `sample` succeeded.
-    long long timestamp = 0; ///< When it was taken, `Time::getTimestamp`, in milliseconds.
-    double idle = 0.0; ///< How long a processor has been idle since the boot on the average, in milliseconds.
+    bool valid = false;      ///< Whether the last `sample` succeeded.
+    long long timestamp = 0; ///< Time of the snapshot (`Time::getTimestamp`), in milliseconds.
+    double idle = 0.0;       ///< Idle time since boot, averaged over all processors, in milliseconds.
 };
 
 } // namespace vesk

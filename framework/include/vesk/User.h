@@ -6,61 +6,64 @@
 
 namespace vesk {
 
-/// A user of the system, known by id or by name: the other half is looked up when it is asked for.
+/// A user of the system, identified by its id or its name. The other of the two is looked up on demand.
 ///
 ///     vesk::User const user(std::string("www"));
 ///     long long const id = user.getId();                    // User::BAD_ID if there is no such user.
 ///     std::string const name = vesk::User::id2name(0);      // "root"
 ///
-/// Which users there are is told by the system's name service, files or the network by its configuration: a look-up may
-/// block as long as that takes, and it allocates. Nothing is reported: a look-up that fails, whatever the reason, has
-/// found nothing. The static operations may be called from any thread. An object belongs to one thread at a time, its
-/// const operations included, since they keep what they have looked up.
+/// The system's name service determines the existing users, from files or over the network depending on its
+/// configuration. A lookup may block as long as that takes, and it allocates. Nothing is reported: a lookup
+/// that fails for any reason gives the same result as a missing user. The static operations may be called
+/// from any thread. An object belongs to one thread at a time, including its const operations, because they
+/// cache what they have looked up.
 class VESK_API User {
 public:
-    /// The id of no user.
+    /// The invalid id.
     VESK_API_INLINE static constexpr long long BAD_ID = -1;
 
-    /// The name of no user, empty.
+    /// The invalid name, empty.
     static std::string const BAD_NAME;
 
-    /// The user with this id, whose name is not looked up yet.
+    /// Constructs the user with this id, without looking up its name.
     explicit User(long long user_id) : id(user_id), name(BAD_NAME), id_known(true), name_known(false) {}
 
-    /// The user with this name, whose id is not looked up yet.
+    /// Constructs the user with this name, without looking up its id.
     explicit User(std::string const& user_name)
         : id(BAD_ID), name(user_name), id_known(false), name_known(true) {}
 
-    /// The id, looked up with `name2id` by the first call if it is not known; `BAD_ID` if the name has none. From then
-    /// on it is known, also if there was none.
+    /// Returns the id, or `BAD_ID` if no user has this name. The first call looks an unknown id up with
+    /// `name2id`. The result is cached, also if there is no such user.
     long long getId() const;
 
-    /// The name, looked up with `id2name` by the first call if it is not known; `BAD_NAME` if the id has none. From
-    /// then on it is known, also if there was none. Throws `std::bad_alloc` if there is no memory for it.
+    /// Returns the name, or `BAD_NAME` if no user has this id. The first call looks an unknown name up with
+    /// `id2name`. The result is cached, also if there is no such user. Throws `std::bad_alloc` if there is no
+    /// memory for the name.
     std::string const& getName() const;
 
-    /// Whether `getId` answers without a look-up.
+    /// Returns whether `getId` needs no lookup.
     bool isIdKnown() const noexcept { return id_known; }
 
-    /// Whether `getName` answers without a look-up.
+    /// Returns whether `getName` needs no lookup.
     bool isNameKnown() const noexcept { return name_known; }
 
-    /// The id as far as it is known, `BAD_ID` otherwise. Makes no look-up.
+    /// Returns the id if it is known, else `BAD_ID`. Makes no lookup.
     long long getKnownId() const noexcept { return id; }
 
-    /// The name as far as it is known, `BAD_NAME` otherwise. Makes no look-up.
+    /// Returns the name if it is known, else `BAD_NAME`. Makes no lookup.
     std::string const& getKnownName() const noexcept { return name; }
 
-    /// The name of a user (`getpwuid_r`), empty as `BAD_NAME` is if there is none, or if there is no memory for the look-up.
-    /// Throws `std::bad_alloc` if there is no memory for the result.
-    /// @param id  an id that the system's type for it cannot hold is nobody's
+    /// Returns the name of a user (`getpwuid_r`), or the empty `BAD_NAME` if there is no such user or no
+    /// memory for the lookup. Throws `std::bad_alloc` if there is no memory for the result.
+    /// @param id  a value outside the range of `uid_t` names no user
     static std::string id2name(long long id);
 
-    /// The id of a user (`getpwnam_r`), `BAD_ID` if there is none, or if there is no memory for the look-up.
+    /// Returns the id of a user (`getpwnam_r`), or `BAD_ID` if there is no such user or no memory for the
+    /// lookup.
     static long long name2id(std::string const& name);
 
 private:
-    // Either half may be filled first; filling the other one is no change that a caller can tell.
+    // Mutable because the const accessors cache their lookups here.
     mutable long long id;
     mutable std::string name;
     mutable bool id_known;

@@ -25,7 +25,7 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/linux/ProcessInfo";
 
-/// A file under /proc, closed on every way out.
+/// A file under /proc that is closed on every return path.
 class ProcFile : private tarnbase::NonCopyable {
 public:
     explicit ProcFile(char const* path) : m_fd(open(path, O_RDONLY | O_CLOEXEC)) {}
@@ -38,7 +38,7 @@ public:
 
     bool isOpen() const noexcept { return m_fd != -1; }
 
-    /// Reads as much as there is room for. True on failure.
+    /// Reads as much as fits into `text`. Returns true on failure.
     template <size_t N>
     bool readText(char (&text)[N]) const {
         ssize_t const length = read(m_fd, text, N - 1);
@@ -55,7 +55,7 @@ private:
 
 uint32_t toMilliseconds(unsigned long long ticks) noexcept {
     static uint32_t const ticks_per_second = static_cast<uint32_t>(sysconf(_SC_CLK_TCK));
-    // The product wraps, and does so alike on all systems: callers know the counters as 32 bits wide.
+    // The product wraps at 32 bits in every build: callers rely on 32-bit counters.
     return 1000U * static_cast<uint32_t>(ticks) / ticks_per_second;
 }
 
@@ -80,7 +80,7 @@ void ProcessInfo::init() {
         return;
     }
     path[length] = 'm';
-    // Opened before the first one is read, so that both tell of the same process.
+    // Opened before "stat" is read, so that both files belong to the same process.
     ProcFile const statm(path);
     if (!statm.isOpen()) {
         reportQuery(SOURCE);
@@ -109,7 +109,7 @@ void ProcessInfo::init() {
 }
 
 bool ProcessInfo::parseStat(char const* text) {
-    // The name may hold anything, parentheses and spaces as well: only the last one ends it.
+    // The name may contain any characters, including parentheses and spaces. Only the last ")" ends it.
     char const* const begin = strchr(text, '(');
     char const* const end = strrchr(text, ')');
     if (begin == nullptr || end == nullptr || end < begin) {
@@ -120,7 +120,8 @@ bool ProcessInfo::parseStat(char const* text) {
     if (end[1] == '\0') {
         return reportQuery(SOURCE);
     }
-    // As wide as the kernel counts: where `long` has 32 bits, a larger number would be read as the largest one.
+    // 64 bits, as wide as the kernel counts: with a 32-bit `long`, `sscanf` would turn a larger number into
+    // the maximum.
     unsigned long long user_ticks = 0;
     unsigned long long system_ticks = 0;
     ssize_t thread_count = 0;
@@ -162,10 +163,10 @@ double ProcessInfo::getCpuLoad(ProcessInfo const& start, ProcessInfo const& end)
     if (start.timestamp >= end.timestamp) {
         return 0.0;
     }
-    // Negative if a counter wrapped in between.
+    // Negative if a counter wrapped between the snapshots.
     auto const used =
         static_cast<long long>(end.user_time + end.system_time - (start.user_time + start.system_time));
-    // Processors come and go.
+    // Queried at each call: the number of online processors can change.
     Vesk::SystemInfo const system;
     return limitLoad(
         static_cast<double>(used) / system.processor_count / getElapsed(start.timestamp, end.timestamp) *

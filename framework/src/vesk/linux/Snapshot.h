@@ -7,21 +7,21 @@
 
 namespace vesk::detail {
 
-/// What snapshots of /proc have in common.
+/// Helpers shared by the classes that take snapshots of /proc.
 
-/// Reports that something could not be found out. Gives true.
+/// Reports a failed query. Returns true.
 inline bool reportQuery(Place place, Chain chain = Chain::NEW) noexcept {
     report(place, chain, SysErrorId::QUERY_FAILED, SystemErrorText().get());
     return true;
 }
 
-/// The time between two timestamps, the second of which is the later one.
+/// Returns the time between two timestamps. `end` must be the later one.
 inline double getElapsed(long long start, long long end) noexcept {
     return static_cast<double>(static_cast<unsigned long long>(end) - static_cast<unsigned long long>(start));
 }
 
-/// A load in percent as callers get it: times that are counted in ticks overshoot a little. What is no number counts
-/// as idle.
+/// Limits a load to 0 through 100 percent: times that are counted in ticks can exceed the interval slightly.
+/// NaN counts as idle.
 inline double limitLoad(double percent) noexcept {
     if (!(percent > 0.0)) {
         return 0.0;

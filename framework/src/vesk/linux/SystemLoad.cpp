@@ -27,7 +27,8 @@ struct Closer {
     }
 };
 
-/// The calling thread reads numbers as the kernel writes them, whatever the process's locale does to the decimal point.
+/// Makes the calling thread parse numbers in the kernel's format. The process's locale may use another
+/// decimal point.
 class KernelNumbers : private tarnbase::NonCopyable {
 public:
     KernelNumbers() noexcept
@@ -40,7 +41,7 @@ public:
     }
 
 private:
-    locale_t m_locale; // One that the system keeps ready: nothing is allocated.
+    locale_t m_locale; // libc's predefined "C" locale: nothing is allocated.
     locale_t m_previous;
 };
 
@@ -53,7 +54,7 @@ bool SystemLoad::sample() {
         return reportQuery(SOURCE);
     }
     KernelNumbers const numbers;
-    // The second number is the sum of all processors' idle seconds.
+    // The second number is the sum of the idle times of all processors, in seconds.
     if (fscanf(file.get(), "%*f %lf", &idle) != 1) {
         return reportQuery(SOURCE);
     }

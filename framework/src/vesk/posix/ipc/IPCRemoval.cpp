@@ -9,7 +9,7 @@ namespace vesk::detail {
 
 namespace {
 
-// A missing right is told for itself, and then as a removal that failed like any other.
+// A denied permission is reported as such first, and then as a failed removal like any other error.
 constexpr ErrnoRow DENIED_ERRORS[] = {
     {{EACCES, EPERM}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
     {OTHERS, NONE, NONE, Outcome::DONE},

@@ -4,10 +4,12 @@
 
 namespace vesk::detail {
 
-/// Classifies the result of `mq_unlink` or `shm_unlink`, which fail alike. A name that is not there need not be removed.
+/// Classifies the result of `mq_unlink` or `shm_unlink`, which fail in the same ways. A missing name counts
+/// as success.
 ///
-/// A missing right is told for itself, `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED`, and then as a removal that failed like any
-/// other, `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED`.
+/// A denied permission makes two pairs of reports: first `SysErrorId::PERMISSION_DENIED` with
+/// `FileAccessErrorId::ACCESS_DENIED`, then `SysErrorId::UNCLASSIFIED` with
+/// `FileAccessErrorId::UNCLASSIFIED`. Any other failure makes the second pair only.
 /// @return true on failure
 bool classifyRemoval(Place place, int result, char const* name) noexcept;
 

@@ -10,13 +10,14 @@
 
 namespace vesk::detail {
 
-/// The mappings that an object owns, by their addresses.
+/// The mappings that an object owns, keyed by their addresses.
 using MappingMap = std::map<void const*, MemMapping>;
 
-/// Enters a mapping that was made; takes it down again if there is no memory for the entry.
+/// Adds a new mapping. Unmaps it again if there is no memory for the entry.
 inline void enterMapping(MappingMap& mappings, MemMapping mapping) {
     try {
-        // An address that is known was given up behind the owner's back: the old entry tells of nothing any more.
+        // If the address has an entry already, that mapping was removed without the owner's knowledge: the
+        // entry is stale.
         mappings.insert_or_assign(mapping.getAddress(), mapping);
     } catch (...) {
         mapping.destroy();
@@ -24,7 +25,7 @@ inline void enterMapping(MappingMap& mappings, MemMapping mapping) {
     }
 }
 
-/// Takes one mapping down. Its entry goes even if that fails.
+/// Unmaps one mapping. Removes its entry even if unmapping fails.
 inline bool removeMapping(Place place, MappingMap& mappings, MemMapping const& mapping) {
     auto const entry = mappings.find(mapping.getAddress());
     if (entry == mappings.end()) {
@@ -38,7 +39,8 @@ inline bool removeMapping(Place place, MappingMap& mappings, MemMapping const& m
     return failed;
 }
 
-/// Takes all mappings down, the lowest first, whatever becomes of each. True if any failed.
+/// Unmaps all mappings in ascending order of their addresses, and goes on after a failure. Returns true if
+/// any failed.
 inline bool destroyMappings(MappingMap& mappings) {
     bool failed = false;
     while (!mappings.empty()) {

@@ -56,7 +56,7 @@ int translate(MemMapping::MemAccessFlags flags) noexcept {
     return result;
 }
 
-/// Maps a part of the object, and reports a failure. All ones then.
+/// Maps a part of the object. Returns `MAP_FAILED` after reporting a failure.
 void* mapObject(void* address, uint32_t length, int protection, int flags, int fd, uint32_t offset) {
     void* const result =
         mmap(address, length, protection, MAP_SHARED | flags, fd, static_cast<off_t>(offset));
@@ -66,9 +66,11 @@ void* mapObject(void* address, uint32_t length, int protection, int flags, int f
     return result;
 }
 
-/// Takes a range for both halves, which nothing else is put into, and reports a failure. All ones then.
+/// Reserves an address range for both halves of a ring buffer. Returns `MAP_FAILED` after reporting a
+/// failure.
 void* reserve(void* hint, uint32_t length) {
-    // A size is 32 bits wide in every build. One that wrapped would put the second half behind the range.
+    // A size has 32 bits in every build. If the doubled size wrapped, the second half would lie outside the
+    // range.
     bool const fits = length <= UINT32_MAX / 2;
     if (!fits) {
         errno = ENOMEM;
@@ -116,7 +118,8 @@ void MemMapping::mapRing(int fd, void* hint, uint32_t length) {
     if (base == MAP_FAILED) {
         return;
     }
-    // A half that fails leaves the range taken: the addresses were given out, and nobody else shall come upon them.
+    // If one half fails, the range stays reserved on purpose, so that no other mapping is placed at these
+    // addresses.
     int const protection = translate(flags);
     if (mapObject(static_cast<char*>(base) + length, length, protection, MAP_FIXED, fd, offset) !=
         MAP_FAILED) {
@@ -138,7 +141,8 @@ bool MemMapping::destroy() {
 }
 
 bool MemMapping::sync(unsigned int length, unsigned int from) {
-    // As a number: a mapping that is not there has no bytes to point at.
+    // Integer arithmetic: without a mapping the pointer is not valid, and pointer arithmetic on it would be
+    // undefined.
     auto const begin = reinterpret_cast<uintptr_t>(address) + from;
     auto* const pointer = reinterpret_cast<void*>(begin); // NOLINT(performance-no-int-to-ptr)
     if (msync(pointer, length, MS_SYNC) != 0) {

@@ -38,7 +38,8 @@ constexpr ErrnoRow TIMED_READ_ERRORS[] = {
 constexpr ErrnoRow TIMED_WRITE_ERRORS[] = {
     {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
     {{EMSGSIZE}, SysErrorId::INVALID_PARAMETER},
-    // Unlike a reader, a writer tells this from a time-out by the report alone.
+    // `NOT_NOW` on purpose, unlike in `readMsgTimeout`: the caller distinguishes this failure from a timeout
+    // by the report alone.
     {OTHERS, SysErrorId::SPOILED_INTEGRITY, NONE, Outcome::NOT_NOW},
 };
 

@@ -18,7 +18,8 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/MsgQueueClient";
 
 constexpr ErrnoRow ATTACH_ERRORS[] = {
     {{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
-    // Not row 7 as for the server: a client without the right asked for the wrong queue.
+    // Not `PERMISSION_DENIED` as in `MsgQueueServer`: a client without the permission has asked for the wrong
+    // queue.
     {{EACCES}, SysErrorId::INVALID_PARAMETER, FileAccessErrorId::ACCESS_DENIED},
     {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
     {{ENAMETOOLONG}, {SysErrorId::PATH_TOO_LONG, Telling::NAME_AND_LENGTH}, FileAccessErrorId::BAD_PATH},

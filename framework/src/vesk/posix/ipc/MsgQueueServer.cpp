@@ -26,10 +26,10 @@ constexpr ErrnoRow CREATION_ERRORS[] = {
     {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
     {{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE},
     {{ENAMETOOLONG}, {SysErrorId::PATH_TOO_LONG, Telling::NAME_AND_LENGTH}, FileAccessErrorId::BAD_PATH},
-    {OTHERS, SysErrorId::UNCLASSIFIED}, // ENOENT too: who creates expects nothing to be there.
+    {OTHERS, SysErrorId::UNCLASSIFIED}, // Includes ENOENT: `create` does not need an existing queue.
 };
 
-/// The flags of `mq_open` by the strategy.
+/// The flags of `mq_open`, indexed by the strategy.
 constexpr int FLAGS[] = {
     O_CREAT | O_EXCL | O_RDWR,
     O_CREAT | O_RDWR,
@@ -37,7 +37,7 @@ constexpr int FLAGS[] = {
 };
 static_assert(Creatable::CREATE_NEW == 0 && Creatable::OPEN_OR_CREATE == 1 && Creatable::REPLACE == 2);
 
-/// Removes a name of the system. True on failure.
+/// Removes a name from the system. Returns true on failure.
 bool removeName(char const* name) {
     return classifyRemoval(SOURCE, mq_unlink(name), name);
 }
@@ -62,7 +62,7 @@ bool MsgQueueServer::create(
         return true;
     }
     if (open(FLAGS[strategy], msg_size, max_msgs, strategy == REPLACE)) {
-        // It may be the name of somebody else's queue.
+        // The name may belong to a queue that this object did not create.
         name[0] = '\0';
         return true;
     }

@@ -48,7 +48,7 @@ void reportMisuse(Place place, char const* text) noexcept {
     report(place, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, text);
 }
 
-// The words in front are part of the texts as they are known, and they differ.
+// The prefixes differ, and one is misspelled. Both must stay: log parsers depend on them.
 constexpr char const* CLOSED = "__FUNCTION__ was called on invalid semaphore";
 constexpr char const* TIMED_ON_CLOSED = "__FUNTION__ was called on invalid semaphore";
 
@@ -75,8 +75,8 @@ bool SemaphoreBase::close() {
     return false;
 }
 
-/// Makes a call that waits until a signal does not interrupt it. True on failure; a semaphore that was closed meanwhile is
-/// none.
+/// Repeats a waiting call until no signal interrupts it. Returns true on failure. Returns false without
+/// having taken anything if the semaphore was closed meanwhile.
 template <typename Wait>
 bool SemaphoreBase::wait(Wait call) const {
     while (sem_t* const opened = getSemaphore()) {

@@ -36,7 +36,7 @@ constexpr ErrnoRow REMOVAL_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
 };
 
-/// The flags of `sem_open` by the strategy.
+/// The flags of `sem_open`, indexed by the strategy.
 constexpr int FLAGS[] = {
     O_CREAT | O_EXCL,
     O_CREAT,
@@ -44,7 +44,7 @@ constexpr int FLAGS[] = {
 };
 static_assert(Creatable::CREATE_NEW == 0 && Creatable::OPEN_OR_CREATE == 1 && Creatable::REPLACE == 2);
 
-/// Removes a name of the system. True on failure.
+/// Removes a name from the system. Returns true on failure.
 bool removeName(char const* name) {
     return sem_unlink(name) != 0 && classify(SOURCE, REMOVAL_ERRORS, errno, name) != Outcome::DONE;
 }

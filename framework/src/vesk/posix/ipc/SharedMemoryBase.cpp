@@ -25,7 +25,8 @@ constexpr ErrnoRow CLOSE_ERRORS[] = {
     {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
-/// What of the mode has to be that of an ordinary file. Not all of `S_IFMT`: a symbolic link passes too.
+/// The bits of the mode that must equal those of a regular file. Deliberately not all of `S_IFMT`: a symbolic
+/// link passes too.
 constexpr mode_t TYPE_MASK = 0xD000;
 static_assert(S_IFREG == 0x8000);
 
@@ -67,7 +68,7 @@ unsigned int SharedMemoryBase::getSize() const {
     if (fstat(descriptor, &data) != 0 || (data.st_mode & TYPE_MASK) != S_IFREG) {
         return 0;
     }
-    // Where a size has 64 bits, one that a 32-bit system could not tell fails here.
+    // The result is the same in every build: a size that a 32-bit `off_t` cannot hold fails here.
     return data.st_size <= INT32_MAX ? static_cast<unsigned int>(data.st_size) : 0;
 }
 

@@ -52,7 +52,7 @@ int flagsOf(Creatable::CreationStrategy strategy) noexcept {
     return O_CREAT | O_RDWR;
 }
 
-/// Removes a name of the system. True on failure.
+/// Removes a name from the system. Returns true on failure.
 bool removeName(char const* name) {
     return classifyRemoval(SOURCE, shm_unlink(name), name);
 }
@@ -81,7 +81,7 @@ bool SharedMemoryServer::create(
         return true;
     }
     if (transformToIPCIdentifier(client_name, name, sizeof name) || openObject(strategy)) {
-        *name = '\0'; // It may be the name of somebody else's memory.
+        *name = '\0'; // The name may belong to memory that this object did not create.
         return true;
     }
     if (strategy == OPEN_OR_CREATE && getSize() != 0) {
@@ -110,7 +110,8 @@ bool SharedMemoryServer::openObject(CreationStrategy strategy) {
 }
 
 bool SharedMemoryServer::setSize(unsigned int size) {
-    // A size is 32 bits with a sign in every build: one that is too large is negative, which the system refuses.
+    // A size is a signed 32-bit number in every build: one that is too large is negative, and `ftruncate`
+    // rejects it.
     auto const length = static_cast<int32_t>(size);
     if (retryOnEintr([&] { return ftruncate(descriptor, length); }) == 0) {
         return false;

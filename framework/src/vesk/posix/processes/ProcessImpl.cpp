@@ -29,7 +29,7 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/ProcessImpl";
 
-// How long the collector keeps from waiting again for children after a wait that has failed.
+// How long the collector pauses after a failed wait before it waits again.
 constexpr long long WAIT_AGAIN_MS = 100;
 
 void lockOrAbort(Mutex const& mutex, char const* function, int line = __builtin_LINE()) {
@@ -48,19 +48,20 @@ void assertThat(bool condition, char const* expression, char const* function, in
     GlobalErrorHandler::doAssert(condition, expression, SOURCE, line, function, nullptr);
 }
 
-/// Waits for the end of children. With `WNOWAIT` they stay to be fetched, and keep their ids until they are.
+/// Waits for the end of one child or of any child. With `WNOWAIT` the child is not reaped and keeps its id.
 int waitForEnd(idtype_t type, int pid, siginfo_t& info, int options) noexcept {
     return retryOnEintr([&] { return waitid(type, static_cast<id_t>(pid), &info, WEXITED | options); });
 }
 
-/// Fetches the end of a child that has ended. Never blocks: others may have been faster, and the id may be another child's.
+/// Reaps a child that has ended. Never blocks: something else may have reaped it already, and its id may
+/// belong to a running child.
 void reap(int pid) noexcept {
     siginfo_t info{};
     waitForEnd(P_PID, pid, info, WNOHANG);
 }
 
-/// Gives an ignored `SIGCHLD` its default action, and takes `SA_NOCLDWAIT` back: with either the system throws away how
-/// children end. A program that was executed inherits the former.
+/// Resets an ignored `SIGCHLD` to its default action, and clears `SA_NOCLDWAIT`: with either of them the
+/// kernel discards the exit states of children. A program inherits an ignored `SIGCHLD` across exec.
 void keepEndsOfChildren() noexcept {
     struct sigaction action {};
     if (sigaction(SIGCHLD, nullptr, &action) != 0) {
@@ -98,7 +99,7 @@ void ProcessImpl::threadEntry(void*) {
     g_process_impl->processCollector();
 }
 
-/// Children come before the end: whoever started one gets to know how it ended.
+/// Reaps all children before stopping, so that every starter learns the exit state.
 void ProcessImpl::processCollector() {
     lockOrAbort(mutex, "processCollector");
     for (;;) {
@@ -116,10 +117,11 @@ void ProcessImpl::processCollector() {
     }
 }
 
-/// Waits for the end of one child, of any origin, and hands it over. Returns with the mutex locked.
+/// Waits for the end of one child of any origin, and passes its exit state to its object. Returns with the
+/// mutex locked.
 void ProcessImpl::waitChild() {
     siginfo_t info{};
-    // Only looked at: once fetched its id could be given to the next child before its own entry is gone.
+    // `WNOWAIT`: a reaped child's id could be reused by a new child before the entry is erased.
     if (waitForEnd(P_ALL, 0, info, WNOWAIT) != 0) {
         handleWaitFailure(errno);
         return;
@@ -127,7 +129,7 @@ void ProcessImpl::waitChild() {
     m_wait_failed = false;
     int const pid = info.si_pid;
 
-    // A child that has ended at once is found all the same: its start holds the lock until it is entered.
+    // Finds even a child that ended immediately: its `start` holds the lock until the entry exists.
     lockOrAbort(mutex, "waitChild");
     auto const child = proc_obj_map.find(pid);
     if (child == proc_obj_map.end()) {
@@ -144,20 +146,20 @@ void ProcessImpl::waitChild() {
     siginfo_t now{};
     if (waitForEnd(P_PID, pid, now, WNOWAIT | WNOHANG) == 0) {
         if (now.si_pid == 0) {
-            return; // An unknown child had this id, its maker has fetched it meanwhile, and the entry's child runs.
+            return; // The id was that of an unknown child, now reaped; the entry's child is running.
         }
         info = now;
     }
     ProcessTNG* const process = child->second;
     proc_obj_map.erase(child);
-    // An object's mutex is taken before this one, never after it.
+    // Lock order: an object's mutex is taken before this one.
     unlockOrAbort(mutex, "waitChild");
     ProcessTNG::processExited(process, info.si_code != CLD_EXITED, info.si_status);
     lockOrAbort(mutex, "waitChild");
 }
 
-/// Goes on behind a wait that has failed, which it mostly does because there is no child left although there are entries:
-/// the process ignores `SIGCHLD`, or something else has fetched them. Returns with the mutex locked.
+/// Handles a failed wait. The usual cause is that there are entries but no children: the process ignores
+/// `SIGCHLD`, or something else has reaped them. Returns with the mutex locked.
 void ProcessImpl::handleWaitFailure(int error) {
     if (!m_wait_failed) {
         m_wait_failed = true;
@@ -195,9 +197,9 @@ void ProcessImpl::stop() {
     }
 }
 
-/// Fetches the child under the object's lock: until it is fetched its id is given to no other process, and `kill` finds
-/// none in the object from then on. Tells a waiter first, then the listener: with the listener and the state kept here,
-/// since a waiter may destroy the object at once.
+/// Reaps the child under the object's lock: its id cannot be reused before that, and `kill` finds no child in
+/// the object afterwards. Wakes a waiter first, then calls the listener. The waiter may destroy the object at
+/// once, so the listener and the state are local copies.
 void ProcessTNG::processExited(ProcessTNG* process, bool was_killed, int exit_status) {
     ExitState state;
     state.exited = true;
@@ -223,13 +225,14 @@ void ProcessTNG::processExited(ProcessTNG* process, bool was_killed, int exit_st
     }
 }
 
-// ---- set-up and end ----
+// ---- setup and shutdown ----
 
 bool LazyProcessInit::doInit() {
     assertThat(g_process_impl == nullptr, "! g_process_impl", "doInit");
     keepEndsOfChildren();
     {
-        // The collector's thread inherits it: signals of the process are left to the process's own threads.
+        // The collector's thread inherits the blocked signals: signals to the process are left to the
+        // process's own threads.
         SignalsBlocked const signals_blocked;
         g_process_impl = new (std::nothrow) ProcessImpl;
     }
@@ -244,9 +247,9 @@ bool LazyProcessInit::doInit() {
     } else if (!thread.start()) {
         return false;
     } else if (thread.getThreadState() != Thread::CREATED) {
-        return true; // It could not be told so, but it runs.
+        return true; // `start` failed although the thread runs: keep the collector.
     }
-    // Nobody would ever be told of the end of a child: rather fail each start.
+    // Without the collector no exit state is ever reported: make each `start` fail instead.
     g_process_impl->collector_running = false;
     delete g_process_impl;
     g_process_impl = nullptr;
@@ -284,7 +287,7 @@ void ProcessTNG::exit() {
     g_lazy_process_init = nullptr;
     delete g_lazy_process_static_init;
     g_lazy_process_static_init = nullptr;
-    // Its lock warns and acknowledges by itself if it cannot be destroyed.
+    // The destructor of the lock warns and acknowledges its reports itself.
     delete g_process_static_impl;
     g_process_static_impl = nullptr;
     if (g_process_impl == nullptr) {

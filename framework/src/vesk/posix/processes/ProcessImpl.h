@@ -12,8 +12,8 @@
 
 namespace vesk {
 
-/// What all `ProcessTNG` share: the collector, a thread that waits for the end of children while there are some, and who
-/// has started them.
+/// State shared by all `ProcessTNG` objects: the collector, which is a thread that waits for the end of
+/// children, and the map from running children to their objects.
 class ProcessImpl {
 public:
     using Children = std::map<int, ProcessTNG*>;
@@ -21,12 +21,12 @@ public:
     ProcessImpl();
     ~ProcessImpl();
 
-    /// Tells the collector to end when the last child has, and waits for that.
+    /// Stops the collector after the last child has ended, and waits for that.
     void stop();
 
     Thread thread;
     bool collector_running = true;
-    Mutex mutex; // Guards the flag and the children.
+    Mutex mutex; // Guards `collector_running` and `proc_obj_map`.
     Condition condition;
     Children proc_obj_map;
 
@@ -36,10 +36,10 @@ private:
     void waitChild();
     void handleWaitFailure(int error);
 
-    bool m_wait_failed = false; // The collector's own.
+    bool m_wait_failed = false; // Used by the collector's thread only.
 };
 
-/// The name of the own program, once it is known.
+/// The name of the calling process's program, once it is known.
 class ProcessStaticImpl {
 public:
     std::string name;
@@ -47,17 +47,18 @@ public:
     bool valid = false;
 };
 
-/// Starts the collector.
+/// Creates `g_process_impl` and starts the collector.
 class LazyProcessInit : public LazyInitBase<void*> {
     bool doInit() override;
 };
 
-/// Makes the place for the name of the own program.
+/// Creates `g_process_static_impl`.
 class LazyProcessStaticInit : public LazyInitBase<void*> {
     bool doInit() override;
 };
 
-// Written by the start-up, the set-ups and `ProcessTNG::exit`; a set-up that fails leaves null behind.
+// Written by `ProcessTNG::init`, the lazy initializations and `ProcessTNG::exit`. A failed initialization
+// leaves null behind.
 extern ProcessImpl* g_process_impl;
 extern ProcessStaticImpl* g_process_static_impl;
 extern LazyProcessInit* g_lazy_process_init;

@@ -35,12 +35,12 @@ constexpr ErrnoRow KILL_ERRORS[] = {
 };
 
 constexpr ErrnoRow EXISTS_ERRORS[] = {
-    {{EPERM}, NONE, NONE, Outcome::DONE}, // What may not be signalled is there.
+    {{EPERM}, NONE, NONE, Outcome::DONE}, // It exists; the caller lacks the permission.
     {{ESRCH}, NONE, NONE, Outcome::NOT_NOW},
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-// Room for "/proc/", any number and the longest entry.
+// Large enough for "/proc/", any number and the longest entry name.
 using ProcPath = char[64];
 
 struct CloseFile {
@@ -51,7 +51,8 @@ struct CloseFile {
 };
 using File = std::unique_ptr<FILE, CloseFile>;
 
-/// The first text of a process's command line, empty if it has none or is gone.
+/// Reads the first argument of a process's command line. Leaves `command` empty if there is none or the
+/// process is gone.
 void readCommand(unsigned long pid, std::string& command) {
     command.clear();
     ProcPath path;
@@ -60,7 +61,8 @@ void readCommand(unsigned long pid, std::string& command) {
     if (file == nullptr) {
         return;
     }
-    // The texts are separated by null bytes, so that a piece ends where its text does, however much was read.
+    // The arguments are separated by null bytes, so that `strlen` ends each piece at the end of its argument,
+    // however many bytes `fgets` read.
     char piece[80];
     size_t length = 0;
     do {
@@ -156,7 +158,7 @@ std::string ProcessTNG::getOwnProcessName() {
     } else {
         impl->name.clear();
     }
-    // Also a name that could not be read is not read again.
+    // A failed read is not repeated either.
     impl->valid = true;
     return name;
 }

@@ -36,7 +36,7 @@ constexpr std::ErrorID ROWS[] = {
     {4, "Process could not be found: %s", 1},
 };
 
-// There to be found by its name; nothing is traced now.
+// Registered so that the channel is found by its name; no trace output uses it at present.
 tracing::Channel s_channel("FW_Vesk_Process", 7, tracing::Channel::WITH_THREAD);
 
 using InternalLock = AbortingLock<Mutex const>;
@@ -47,7 +47,8 @@ void unlockOrAbort(Mutex const& mutex, char const* function, int line = __builti
     }
 }
 
-/// The moment `timeout_ms` from now. One that is too late for a number of milliseconds never comes.
+/// Returns the time `timeout_ms` from now. A time that overflows becomes `TimePoint::MAX`, which is never
+/// reached.
 AbsTimeT getDeadline(long long timeout_ms) noexcept {
     long long deadline_ms = 0;
     if (__builtin_add_overflow(tarnbase::TimePoint::now().getCount(), timeout_ms, &deadline_ms)) {
@@ -119,9 +120,9 @@ int ProcessTNG::getLastPid() const {
     return last_pid;
 }
 
-// ---- what the next child is to be ----
+// ---- settings for the next child ----
 
-/// Changes what a start reads.
+/// Changes settings under the object's lock.
 template <typename Change>
 void ProcessTNG::change(char const* function, Change make) {
     InternalLock const lock(mutex, SOURCE, function);
@@ -213,12 +214,12 @@ void ProcessTNG::setExitListener(ExitListener* listener) {
     change("setExitListener", [&] { exit_listener = listener; });
 }
 
-// ---- the life of a child ----
+// ---- running a child ----
 
 int ProcessTNG::start() {
-    // A cancellation must neither leave the locks behind nor take place once more in the child.
+    // Cancellation must not leave the locks held, and must not act a second time in the child.
     CancellationOff const cancellation_off;
-    // Allocated while nothing is held and nothing has been started yet.
+    // Allocated before any lock is taken and before the fork, so that a failure leaves nothing behind.
     ProcessImpl::Children entry{{INVALID_PROCESS_ID, this}};
 
     if (mutex.lock()) {
@@ -241,11 +242,12 @@ int ProcessTNG::start() {
         return INVALID_PROCESS_ID;
     }
     if (impl->mutex.lock()) {
-        // The object stays locked, on purpose: nothing good can come of using it any more.
+        // The object stays locked on purpose: no use of it can succeed after this failure.
         report(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED, "locking operation failed");
         return INVALID_PROCESS_ID;
     }
-    // The collector's lock is held from before the fork until the child is entered: it may have ended by then.
+    // The collector's lock is held from before the fork until the entry exists: the child may have ended by
+    // then.
     if (startChild()) {
         unlockOrAbort(mutex, "start");
         unlockOrAbort(impl->mutex, "start");
@@ -255,7 +257,8 @@ int ProcessTNG::start() {
     node.key() = pid;
     auto const entered = impl->proc_obj_map.insert(std::move(node));
     GlobalErrorHandler::doAssert(entered.inserted, "entered.inserted", SOURCE, __LINE__, "start", nullptr);
-    // An entry of this id is left of a child whose end something else has fetched: it never comes.
+    // An existing entry of this id belongs to a child that something else has reaped: its exit state never
+    // arrives.
     entered.position->second = this;
     if (impl->condition.signal()) {
         GlobalErrorHandler::doAbort(SOURCE, __LINE__, "start", "error signaling condition");
@@ -317,7 +320,7 @@ bool ProcessTNG::kill(bool graceful) {
     }
     bool failed = killProcess(in_new_group ? -pid : pid, graceful);
     if (failed && std::ErrorStorage::isA(Error) && std::ErrorStorage::id() == 4) {
-        // Gone just now, before the collector could tell.
+        // The child has ended, and the collector has not processed its end yet.
         std::ErrorStorage::ack();
         failed = false;
     }

@@ -23,10 +23,11 @@
 #include <sched.h>
 #include <unistd.h>
 
-// Between fork and exec the child has one thread and a copy of all memory. A lock that another thread of the process held
-// at the moment of the fork stays locked there: libc resets those of the heap and of its streams, but not the one of the
-// locale, which `strerror` takes, nor those of other libraries. Therefore the child makes async-signal-safe calls alone.
-// Memory that it needs is allocated before the fork, and its texts are put together on its stack.
+// Between fork and exec the child has one thread and a copy of all memory. A lock that another thread of the
+// process held at the moment of the fork stays locked in the child: libc resets the locks of the heap and of
+// its streams, but neither that of the locale, which `strerror` takes, nor those of other libraries.
+// Therefore the child makes only async-signal-safe calls. The memory that it needs is allocated before the
+// fork, and its texts are built on its stack.
 
 namespace vesk {
 
@@ -45,10 +46,10 @@ constexpr ErrnoRow FORK_ERRORS[] = {
 
 static_assert((O_WRONLY | O_CREAT | O_APPEND) == 0x441 && (O_WRONLY | O_CREAT | O_TRUNC) == 0x241);
 
-// The system's set has a fixed size, whatever the machine has.
+// The kernel accepts a set of this fixed size on every machine.
 static_assert(sizeof(cpu_set_t) == 128 && CPU_SETSIZE == 1024);
 
-/// Runs an allocation until it succeeds.
+/// Repeats an allocation until it succeeds.
 template <typename Allocate>
 auto insist(Allocate allocate, char const* function) noexcept {
     for (;;) {
@@ -59,7 +60,7 @@ auto insist(Allocate allocate, char const* function) noexcept {
     }
 }
 
-// ---- scheduling: the number of the failure, 0 for success ----
+// ---- scheduling: each function returns the error number, or 0 on success ----
 
 int setPolicy(int policy, int priority) noexcept {
     sched_param param{};
@@ -88,10 +89,10 @@ int keepPolicy(int current, sched::Param const& param, int priority) noexcept {
     }
 }
 
-// ---- what the child writes ----
+// ---- messages of the child ----
 
-/// One line on standard error, collected on the stack. It is written in one piece, so that it does not mix with other
-/// lines; one that is longer than what the system writes to a pipe in one piece follows in several.
+/// One line on standard error, collected on the stack. It is written with a single `write`, so that it does
+/// not mix with other lines. A line longer than `PIPE_BUF` is written in several pieces.
 class ErrorLine : private tarnbase::NonCopyable {
 public:
     ~ErrorLine() { flush(); }
@@ -112,14 +113,14 @@ public:
         return put(digits);
     }
 
-    /// Puts the system's text for an error number.
+    /// Appends the system's text for an error number.
     ErrorLine& putError(int error) noexcept {
         char const* const text = getErrorDescription(error);
         return text != nullptr ? put(text) : put("Unknown error ").put(error);
     }
 
 private:
-    /// Failures have nowhere to go.
+    /// Ignores failures: there is no other channel to report them on.
     void flush() noexcept {
         char const* at = m_text;
         while (m_length > 0) {
@@ -139,8 +140,8 @@ private:
 
 // ---- redirection ----
 
-/// The names in the lines about one redirection. Which of the two is the program and which the stream differs from stream
-/// to stream, and those who read these lines know them that way.
+/// The names in the messages about one redirection. Which of the two is the program and which the stream
+/// differs from stream to stream. The word order is fixed: log parsers depend on it.
 struct Names {
     char const* first;
     char const* second;
@@ -153,7 +154,7 @@ void tellOpen(Names const& names, char const* path, int error) noexcept {
     line.put(" \"").put(path).put("\". Reason: ").putError(error).put("\n");
 }
 
-/// `path` is null for a descriptor that was given.
+/// Reports a failed `dup2`. `path` is null if the caller gave a descriptor.
 void tellDup(Names const& names, int fd, int target, char const* path, int error) noexcept {
     ErrorLine line;
     line.put(names.first).put(" [").put(names.own_pid).put("]: Couldn't dup2 (").put(fd);
@@ -171,16 +172,17 @@ void openOnto(int target, char const* path, int flags, Names const& names) noexc
         return;
     }
     if (fd == target) {
-        return; // The process had no such stream: the file is in its place, and closing it would take it away again.
+        return; // The process had no such stream, so `open` returned `target` itself.
     }
     if (dup2(fd, target) == -1) {
         tellDup(names, fd, target, path, errno);
-        return; // With the descriptor open, for what it may still be good for.
+        return; // Leaves `fd` open: the program may still use it.
     }
     close(fd);
 }
 
-/// Makes `to` a copy of `from`, and closes `from`. Equal numbers stay open, also for the program.
+/// Makes `to` a copy of `from`, and closes `from`. If both are equal, the descriptor stays open, also across
+/// exec.
 void moveOnto(int to, int from, Names const& names) noexcept {
     if (from == to) {
         if (fcntl(to, F_SETFD, 0) == -1) {
@@ -194,7 +196,7 @@ void moveOnto(int to, int from, Names const& names) noexcept {
     close(from);
 }
 
-/// What was asked of one of the two streams that are written.
+/// The redirection settings of standard output or standard error.
 struct Output {
     int target;
     bool null;
@@ -214,8 +216,8 @@ void redirectOutput(Output const& output, Names const& for_file, Names const& fo
 
 // ---- signals ----
 
-/// Gives the signals that the process catches their default, as exec does: a handler of the process, called in the child,
-/// would take a signal that was meant for the program, and act on what belongs to the process.
+/// Resets the handlers of the process to the default action, as exec does: a handler that runs in the child
+/// would consume a signal that was sent to the program, and act on objects that belong to the process.
 void dropHandlers() noexcept {
     for (int signal = 1; signal < NSIG; ++signal) {
         struct sigaction action {};
@@ -240,7 +242,7 @@ void unblockSignals() {
 
 } // namespace
 
-/// The object's texts in the arrays that exec takes.
+/// The object's texts as the arrays that exec expects.
 class ProcessTNG::VectorTransformer : private tarnbase::NonCopyable {
 public:
     explicit VectorTransformer(ProcessTNG const& process) noexcept
@@ -260,7 +262,7 @@ public:
         if (argv == nullptr) {
             size_t const count = m_arguments->size();
             argv = insist([count] { return new (std::nothrow) char*[count + 2]; }, "getArgs");
-            // exec changes none of them: only its type is older than const.
+            // exec does not modify the texts: its parameter type lacks `const` for historical reasons.
             argv[0] = const_cast<char*>(m_executable->c_str());
             for (size_t i = 0; i < count; ++i) {
                 argv[i + 1] = const_cast<char*>((*m_arguments)[i].c_str());
@@ -298,16 +300,18 @@ private:
     std::vector<std::pair<std::string, std::string>> const* m_environment;
 };
 
-/// True on failure. Runs with the object's lock and the collector's held. Returns in the process only.
+/// Forks the child. Returns in the calling process only, true on failure. The caller holds the object's lock
+/// and the collector's lock.
 bool ProcessTNG::startChild() {
     in_new_group = new_group;
     VectorTransformer vectors(*this);
     char** const args = vectors.getArgs();
     char** const env = environment.empty() ? nullptr : vectors.getEnv();
-    // The first use of a thread's store may allocate its thread-local memory: not left to the child.
+    // The first use of the thread's error store may allocate thread-local memory, which the child must not
+    // do.
     std::ErrorStorage::isError(true);
 
-    // A signal that is sent to the child before its handlers are gone waits until then.
+    // A signal that is sent to the child before its handlers are reset stays pending until then.
     SignalsBlocked const signals_blocked;
     pid = fork();
     if (pid == 0) {
@@ -318,18 +322,20 @@ bool ProcessTNG::startChild() {
         return true;
     }
     if (in_new_group) {
-        // The child does so, too: the group is there whichever of the two runs first, for a program that begins as for a
-        // caller who signals it. A failure here tells that the program has begun, or is the child's to tell.
+        // Both the process and the child call `setpgid`, so that the group exists before the program runs and
+        // before `start` returns. A failure here is ignored: either the program has been executed already, or
+        // the child's own call fails and the child reports it.
         setpgid(pid, pid);
     }
     return false;
 }
 
-/// The child. Its failures have no way back to the process; it goes on with them, but for that of exec. An exception must
-/// not get out of here, where the caller's own code would run in the child.
+/// Runs in the child. Failures cannot be reported to the process: the child continues after each of them,
+/// except after a failed exec. `noexcept`: an exception must not leave this function, because the caller's
+/// code would then run in the child.
 void ProcessTNG::runChild(char* const* args, char* const* env) noexcept {
     int const own_pid = getpid();
-    // The errors that the process has not told yet are the process's to tell.
+    // Discards the copies of the process's pending reports: the process itself reports them.
     std::ErrorStorage::ack();
 
     dropHandlers();
@@ -365,7 +371,7 @@ void ProcessTNG::applyScheduling() const {
         error = setPolicy(SCHED_FIFO, sched_attrs.param.priority);
         break;
     case sched::VESK_SCHED_POLICY_NORMAL:
-        // Whoever may not change the policy may have the nice value all the same.
+        // The nice value can be permitted even if changing the policy is not.
         setPolicy(SCHED_OTHER, 0);
         error = setNice(0, sched_attrs.param.nice);
         break;
@@ -393,7 +399,7 @@ void ProcessTNG::applyAffinity() const {
             CPU_SET(i, &set);
         }
     }
-    // Without a processor in the set, too: that the system refuses it is how the caller gets to know.
+    // Also called with an empty set: the system's refusal is how the caller learns of it.
     if (sched_setaffinity(0, sizeof set, &set) != 0) {
         report(SOURCE, Chain::NEW, SysErrorId::UNCLASSIFIED, UntranslatedErrorText().get());
         GlobalErrorHandler::doWarning(SOURCE, __LINE__, "startChild", "after fork(): Error setting affinity");
@@ -412,7 +418,8 @@ void ProcessTNG::redirectStreams(int own_pid) const {
     if (!stdin_file.empty()) {
         openOnto(STDIN_FILENO, stdin_file.c_str(), O_RDONLY, {"stdin", program, own_pid});
     } else if (stdin_fd != -1) {
-        // The other way round than the two above, on purpose: programs count on it.
+        // Reversed compared with standard output and standard error. Required by callers: programs rely on
+        // it.
         moveOnto(stdin_fd, STDIN_FILENO, {program, "stdin", own_pid});
     }
 }
@@ -423,7 +430,7 @@ void ProcessTNG::enterNewGroup() const {
     }
     report(SOURCE, Chain::NEW, SysErrorId::UNCLASSIFIED, UntranslatedErrorText().get());
     {
-        // What `ErrorApi::getReasonList` gives of this one report, which would take the heap.
+        // Formats this single report as `ErrorApi::getReasonList` does, but without using the heap.
         std::ErrorObject const& reason = *std::ErrorStorage::get();
         ErrorLine line;
         line.put("Error setting new process group: ").put(reason.file).put(":").put(reason.line);

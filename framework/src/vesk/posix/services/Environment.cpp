@@ -6,7 +6,7 @@
 namespace vesk {
 
 Environment::Environment() noexcept : first(environ), last(environ) {
-    // `clearenv` leaves no rows at all, not even the null one.
+    // `clearenv` sets `environ` to null.
     while (last != nullptr && *last != nullptr) {
         ++last;
     }

@@ -8,7 +8,7 @@
 
 namespace vesk {
 
-// Ahead of every other initialiser, each of which may make a group.
+// Initialized before all other static objects: their initializers may create a `Group`.
 __attribute__((init_priority(101))) std::string const Group::BAD_NAME;
 
 long long Group::getId() const {
@@ -28,7 +28,7 @@ std::string const& Group::getName() const {
 }
 
 std::string Group::id2name(long long id) {
-    // Cut to the system's type it would be somebody else's.
+    // Truncated to `gid_t`, it would be the id of another group.
     if (id < 0 || id > std::numeric_limits<gid_t>::max()) {
         return BAD_NAME;
     }

@@ -23,7 +23,7 @@ constexpr std::ErrorID ROWS[] = {
 
 static_assert(REG_ESPACE == 12 && REG_ESIZE == 15);
 
-/// The system's text of a failure.
+/// The system's text for a failure.
 class RegexErrorText {
 public:
     RegexErrorText(int code, regex_t const& preg) noexcept { regerror(code, &preg, m_text, sizeof m_text); }
@@ -82,7 +82,7 @@ int Regex::compile(char const* pattern, unsigned int const& flags) {
 }
 
 int Regex::match(char const* subject, SubMatch* found, unsigned int count) const {
-    // The system fills an array of its own type.
+    // `regexec` fills an array of `regmatch_t`.
     static_assert(sizeof(SubMatch) == sizeof(regmatch_t));
     bool const sub_matches_wanted = found != nullptr && count != 0;
     if (sub_matches_wanted) {

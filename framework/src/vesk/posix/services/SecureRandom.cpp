@@ -17,7 +17,7 @@ bool SecureRandom::isValid() const {
 bool SecureRandom::getRandData(unsigned char* buffer, unsigned int size) {
     while (size != 0) {
         unsigned int count = 0;
-        // Whoever waits for more at the end of a file waits for ever.
+        // The end of the file is a failure: repeating the read would never end.
         if (read(buffer, size, count) <= 0) {
             return true;
         }

@@ -46,7 +46,7 @@ bool SharedObj::load(char const* path) {
     if (path == nullptr) {
         return reportMisuse(SOURCE, "NULL pointer given for path");
     }
-    // Constructors of the library run in here, with the loader's lock held.
+    // The library's constructors run inside this call, while the loader's lock is held.
     CancellationOff const cancellation_off;
     handle = dlopen(path, RTLD_LAZY);
     if (handle == nullptr) {
@@ -60,7 +60,7 @@ bool SharedObj::unload() {
     if (!isValid()) {
         return reportMisuse(SOURCE, "No library loaded");
     }
-    // Destructors of the library run in here, with the loader's lock held.
+    // The library's destructors run inside this call, while the loader's lock is held.
     CancellationOff const cancellation_off;
     if (dlclose(handle) != 0) {
         report(SOURCE, Chain::NEW, ErrorId::UNLOAD_FAILED, dlerror());
@@ -77,7 +77,7 @@ bool SharedObj::resolve(char const* symbol, void*& address) const {
     if (symbol == nullptr) {
         return reportMisuse(SOURCE, "NULL pointer given for symbol");
     }
-    // A null address is no failure by itself: only a text that was not there before tells one.
+    // A null address is a valid result: only an error text that was set by this call indicates a failure.
     dlerror();
     void* const found = dlsym(handle, symbol);
     if (found == nullptr) {

@@ -8,7 +8,7 @@
 
 namespace vesk {
 
-// Ahead of every other initialiser, each of which may make a user.
+// Initialized before all other static objects: their initializers may create a `User`.
 __attribute__((init_priority(101))) std::string const User::BAD_NAME;
 
 long long User::getId() const {
@@ -28,7 +28,7 @@ std::string const& User::getName() const {
 }
 
 std::string User::id2name(long long id) {
-    // Cut to the system's type it would be somebody else's.
+    // Truncated to `uid_t`, it would be the id of another user.
     if (id < 0 || id > std::numeric_limits<uid_t>::max()) {
         return BAD_NAME;
     }
