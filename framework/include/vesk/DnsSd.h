@@ -17,8 +17,8 @@
 
 namespace vesk {
 
-/// Service discovery for those who ask in their own time. An engine finds services on a thread of its own and calls back;
-/// the synchronous clients here keep what it tells until somebody reads it.
+/// Synchronous clients for service discovery. An engine finds services in its own thread and calls back; the
+/// synchronous clients queue the results until the caller reads them.
 ///
 ///     vesk::DnsSd::SyncBrowser browser("_http._tcp", "local");
 ///     vesk::DnsSd::SyncBrowser::Result result;
@@ -27,8 +27,8 @@ namespace vesk {
 ///         ...
 ///     }
 ///
-/// The engine is not in this library: a process installs one with `setEngine`. A client that was made without an engine asks
-/// nobody; it keeps what its callbacks are given by whoever else calls them.
+/// This library contains no engine: a process installs one with `setEngine`. A client that is created without
+/// an engine sends no requests; it only queues what other code passes to its callbacks.
 class VESK_API DnsSd : public DnsSdBase {
 public:
     class DnsSdThread;
@@ -39,16 +39,17 @@ public:
     class SyncLookup;
     class SyncService;
 
-    /// The thread of the process for discovery. It exists while somebody holds a reference: every client of an engine
-    /// holds one for its whole life, and a client without an engine takes one for a moment when it is destroyed.
+    /// The discovery thread of the process. It exists while it is referenced: every client of an engine holds
+    /// a reference for its whole lifetime, and a client without an engine takes a reference for a moment when
+    /// it is destroyed.
     static std::Shared<DnsSdThread> DEFAULT;
 
-    /// Installs the engine for clients that are made from now on, and gives back the one before it; null is none. Those
-    /// that exist stay with the engine that they have: it must live until the last of them is destroyed. Callable from any
-    /// thread.
+    /// Installs the engine for clients that are created from now on, and returns the previous engine; null
+    /// stands for none. Existing clients keep their engine, which must exist until the last of them is
+    /// destroyed. Callable from any thread.
     static Engine* setEngine(Engine* engine) noexcept;
 
-    /// The engine that is installed, null if none is.
+    /// Returns the installed engine, null if there is none.
     static Engine* getEngine() noexcept;
 
 private:
@@ -58,15 +59,15 @@ private:
     static std::atomic<Engine*> s_engine;
 };
 
-/// The thread "vesk::DnsSd", which runs from the constructor to the destructor; it ends at once, since its body is empty
-/// in this library. Used through `DnsSd::DEFAULT`.
+/// The thread "vesk::DnsSd", which is started by the constructor and joined by the destructor. It ends
+/// immediately, since its body is empty in this library. Used through `DnsSd::DEFAULT`.
 class VESK_API DnsSd::DnsSdThread : private tarnbase::NonCopyable {
 public:
-    /// Makes and starts the thread. Nobody could handle a failure, since clients come and go without a result: it is told
-    /// as a warning of `std::GlobalErrorHandler`, and acknowledged.
+    /// Creates and starts the thread. A failure is acknowledged and only becomes a warning of
+    /// `std::GlobalErrorHandler`, since the constructors and destructors of clients cannot return it.
     DnsSdThread();
 
-    /// Waits for the end of the thread. The calling thread is not cancelled meanwhile.
+    /// Waits for the end of the thread, with the cancellation of the calling thread disabled.
     ~DnsSdThread();
 
 private:
@@ -74,46 +75,47 @@ private:
     bool m_started;
 };
 
-/// What finds services: to be derived from by whoever brings one. The constructors of the synchronous clients call the
-/// first four operations, their destructors `cancel`, with the cancellation of the thread disabled; any thread may do so,
-/// also several at once.
+/// The interface of the implementation that finds services. The constructors of the synchronous clients call
+/// the first four operations. Their destructors call `cancel`, with the cancellation of the thread disabled.
+/// Any thread may call, also several at once.
 ///
 ///     class Resident : public vesk::DnsSd::Engine { ... };
 ///
 ///     static Resident engine;
 ///     vesk::DnsSd::setEngine(&engine);
 ///
-/// An operation registers the client and returns; what it finds goes to the callbacks of the client, from any one thread
-/// other than that which makes or destroys the client, possibly before the operation has returned. No lock of the library
-/// is held during the operations. An exception passes through the client's constructor, and the client counts as never
-/// registered then.
+/// An operation registers the client and returns. The results go to the callbacks of the client, from a
+/// single thread other than the one that creates or destroys the client, possibly before the operation has
+/// returned. No lock of the library is held during the operations. An exception passes through the client's
+/// constructor, and the client then counts as never registered.
 class VESK_API DnsSd::Engine {
 public:
     virtual ~Engine();
 
-    /// Begins to tell `client` of services that come and go: `service_appeared`, `service_disappeared`, `all_for_now`.
+    /// Starts to report services that appear and disappear to `client`: `service_appeared`,
+    /// `service_disappeared`, `all_for_now`.
     virtual void browse(DnsSdBase::Client& client, std::string const& type, std::string const& domain) = 0;
 
-    /// Begins to look where a service instance is: `resolved`.
+    /// Starts to resolve a service instance: `resolved`.
     virtual void resolve(
         DnsSdBase::Client& client, std::unicode::String const& name, std::string const& type,
         std::string const& domain) = 0;
 
-    /// Begins to look up the addresses of a host: `address`.
+    /// Starts to look up the addresses of a host: `address`.
     virtual void lookup(DnsSdBase::Client& client, std::string const& name) = 0;
 
-    /// Announces a service of this host until it is cancelled.
-    /// @param port  in the host's byte order
+    /// Announces a service of this host until `cancel`.
+    /// @param port  in host byte order
     virtual void publish(
         DnsSdBase::Client& client, std::unicode::String const& name, std::string const& type,
         std::string const& domain, unsigned short port, DnsSdBase::Txt const& txt) = 0;
 
-    /// Ends what was begun for `client`. A callback that is under way may be waited for: once this has returned the
-    /// client is not called any more, and is destroyed. Must not throw.
+    /// Ends the operation that was started for `client`. May wait for a callback in progress: after the
+    /// return the client is not called any more, and is destroyed. Must not throw.
     virtual void cancel(DnsSdBase::Client& client) = 0;
 };
 
-/// What the synchronous clients have in common: their engine, and their reference on `DnsSd::DEFAULT`.
+/// The common part of the synchronous clients: their engine, and their reference to `DnsSd::DEFAULT`.
 class VESK_API DnsSd::Client : public DnsSdBase::Client, private tarnbase::NonCopyable {
 public:
     ~Client() override;
@@ -121,12 +123,13 @@ public:
 protected:
     Client() noexcept;
 
-    /// Gives the engine of the process with which this client is to register itself, and takes the reference on `DEFAULT`
-    /// for as long as the client lives. Null, and no reference, without an engine.
+    /// Returns the engine with which this client must register itself, and takes the reference to `DEFAULT`
+    /// for the lifetime of the client. Returns null, and takes no reference, without an engine.
     Engine* enlist();
 
-    /// Cancels at the engine, if there is one, and lets go of the thread: without an engine the reference is taken here.
-    /// For the destructors of what derives, while their fields still exist.
+    /// Cancels at the engine, if there is one, and releases the thread. Without an engine the reference is
+    /// taken and released here. Called by the destructors of the derived classes, while their fields still
+    /// exist.
     void leave();
 
 private:
@@ -134,7 +137,7 @@ private:
     std::SharedBase::Ptr<DnsSdThread> m_thread;
 };
 
-/// What an engine told and nobody has read so far, the oldest first; without a limit.
+/// The results of an engine that have not been read yet, the oldest first, without a limit.
 template <typename Result>
 class DnsSd::ResultQueue : private tarnbase::NonCopyable {
 public:
@@ -153,48 +156,53 @@ private:
     std::list<Result> m_results;
 };
 
-/// Watches which services come and go.
+/// Watches which services appear and disappear.
 ///
-/// One thread reads with `wait` and `get`, while the engine adds; several may read, but then `get` may find nothing after a
-/// `wait` that succeeded. Destroying it loses what was not read, in silence. It may not be destroyed by a callback, nor while
-/// somebody waits. This holds for `SyncResolver` and `SyncLookup` as well. An internal lock that fails ends the process
-/// through `std::GlobalErrorHandler::doAbort`, with "error locking" or "error unlocking".
+/// A single thread reads with `wait` and `get`, while the engine adds. Several threads may read, but `get`
+/// may then find nothing after a successful `wait`. Destruction discards unread results without a report. The
+/// object must not be destroyed by a callback, nor while a thread waits. All this applies to `SyncResolver`
+/// and `SyncLookup` as well. An internal lock that fails ends the process through
+/// `std::GlobalErrorHandler::doAbort`, with "error locking" or "error unlocking".
 ///
-/// The callbacks are for the engine, or for whoever delivers in its place: each adds one result and wakes one waiter. Do not
-/// derive from these classes: the engine may call until their own destructors have cancelled.
+/// The callbacks are for the engine, or for code that replaces it: each adds a result and wakes a single
+/// waiter. Do not derive from these classes: the engine may call until their own destructors have called
+/// `cancel`.
 class VESK_API DnsSd::SyncBrowser : private DnsSd::Client {
 public:
-    /// What has happened to one service.
+    /// A change of a single service.
     struct Result {
-        std::unicode::String name; ///< Of the service instance.
+        std::unicode::String name; ///< The name of the service instance.
         std::string type;
         std::string domain;
-        bool appeared = false; ///< False: it is gone.
+        bool appeared = false; ///< False: it has disappeared.
     };
 
-    /// Begins to browse (`Engine::browse`), if there is an engine.
+    /// Starts to browse (`Engine::browse`), if there is an engine.
     /// @param type    "_http._tcp"
     /// @param domain  "local"
     SyncBrowser(std::string const& type, std::string const& domain);
 
-    /// Ends what the constructor began: waits for the engine, and for the thread "vesk::DnsSd" if this was the last client.
+    /// Ends the operation that the constructor started. Waits for the engine, and for the thread
+    /// "vesk::DnsSd" if this was the last client.
     ~SyncBrowser() override;
 
-    /// Waits until there is something to read, for ever if nothing comes. Takes nothing. A cancellation point.
+    /// Blocks until there is a result to read, without a time limit. Does not remove it. A cancellation
+    /// point.
     /// @return false
     bool wait();
 
-    /// The same until `deadline`. A result that is there already is not missed, however long past the deadline is.
+    /// Blocks until there is a result to read, or until `deadline`. An existing result is found even if the
+    /// deadline has passed. Does not remove it. A cancellation point.
     /// @return true if the time has run out; nothing is reported
     bool wait(tarnbase::TimePoint const& deadline);
 
-    /// Takes the oldest result. Does not wait.
-    /// @param out  as it was if there is nothing
-    /// @return true if there is nothing; nothing is reported
+    /// Removes and returns the oldest result. Does not block.
+    /// @param out  unchanged if there is no result
+    /// @return true if there is no result; nothing is reported
     bool get(Result& out);
 
-    /// A synchronous client has no way to tell that its engine has failed: a broken invariant, which goes to
-    /// `std::GlobalErrorHandler::doAssert`.
+    /// Asserts (`std::GlobalErrorHandler::doAssert`): a synchronous client cannot return a failure of its
+    /// engine, so a call breaks an invariant.
     void error() override;
 
     void service_appeared(
@@ -206,26 +214,27 @@ private:
     ResultQueue<Result> m_queue;
 };
 
-/// Asks where a service instance is: its host, port and TXT record. Used as `SyncBrowser`; see there for threads, failures
-/// and results.
+/// Resolves a service instance to its host, port and TXT record. Used like `SyncBrowser`; see there for
+/// threads, failures and results.
 class VESK_API DnsSd::SyncResolver : private DnsSd::Client {
 public:
-    /// Where a service instance is. It has a TXT record of its own.
+    /// A resolved service instance, with its own copy of the TXT record.
     struct Result {
         Result() = default;
         Result(
             std::unicode::String const& its_name, std::string const& its_type, std::string const& its_domain,
             std::string const& its_host, unsigned short its_port, DnsSdBase::Txt const& its_txt);
 
-        std::unicode::String name; ///< Of the service instance.
+        std::unicode::String name; ///< The name of the service instance.
         std::string type;
         std::string domain;
-        std::string host;        ///< That offers the service.
-        unsigned short port = 0; ///< In the host's byte order.
+        std::string host;        ///< The host that offers the service.
+        unsigned short port = 0; ///< In host byte order.
         DnsSdBase::Txt txt;
     };
 
-    /// Begins to resolve (`Engine::resolve`), if there is an engine. Arguments are as `SyncBrowser::Result` gives them.
+    /// Starts to resolve (`Engine::resolve`), if there is an engine. The arguments are as in
+    /// `SyncBrowser::Result`.
     SyncResolver(std::unicode::String const& name, std::string const& type, std::string const& domain);
     ~SyncResolver() override;
 
@@ -242,17 +251,17 @@ private:
     ResultQueue<Result> m_queue;
 };
 
-/// Asks for the addresses of a host. Used as `SyncBrowser`; see there for threads, failures and results.
+/// Looks up the addresses of a host. Used like `SyncBrowser`; see there for threads, failures and results.
 class VESK_API DnsSd::SyncLookup : private DnsSd::Client {
 public:
-    /// One address of a host.
+    /// A single address of a host.
     struct Result {
-        std::string name; ///< That was looked up.
+        std::string name; ///< The host that was looked up.
         std::string address;
     };
 
-    /// Begins to look up (`Engine::lookup`), if there is an engine.
-    /// @param name  the host, as `SyncResolver::Result` gives it
+    /// Starts to look up (`Engine::lookup`), if there is an engine.
+    /// @param name  the host, as in `SyncResolver::Result`
     explicit SyncLookup(std::string const& name);
     ~SyncLookup() override;
 
@@ -267,14 +276,14 @@ private:
     ResultQueue<Result> m_queue;
 };
 
-/// Announces a service as long as it lives. There is nothing to read.
+/// Announces a service during its lifetime. It has no results.
 class VESK_API DnsSd::SyncService : private DnsSd::Client {
 public:
-    /// Begins to announce (`Engine::publish`), if there is an engine.
+    /// Starts to announce (`Engine::publish`), if there is an engine.
     /// @param name    of the service instance
     /// @param type    "_http._tcp"
     /// @param domain  "local"
-    /// @param port    where the service listens, in the host's byte order
+    /// @param port    where the service listens, in host byte order
     SyncService(
         std::unicode::String const& name, std::string const& type, std::string const& domain,
         unsigned short port, DnsSdBase::Txt const& txt = DnsSdBase::Txt::EMPTY);

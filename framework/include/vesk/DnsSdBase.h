@@ -10,42 +10,46 @@
 
 namespace vesk {
 
-/// What every user of DNS service discovery needs, whatever engine does the work: names that can be shown, labels in
-/// plain bytes, TXT records, and the interface through which an engine tells what it found.
+/// The base of DNS service discovery, independent of the engine: names for display, labels in plain bytes,
+/// TXT records, and the interface through which an engine reports its results.
 ///
 ///     vesk::DnsSdBase::Txt const txt(size, data);              // As it came from the network.
 ///     auto const path = txt.find("path");
 ///     std::unicode::String const shown = vesk::DnsSdBase::sanitize(name);
 ///
-/// All of it works on values, makes no system call, blocks nowhere and reports nothing; what makes a text may throw
-/// `std::bad_alloc`. Different objects may be used from different threads.
+/// All operations work on values, make no system call, do not block and report nothing. An operation that
+/// creates a text may throw `std::bad_alloc`. Different objects may be used from different threads.
 class VESK_API DnsSdBase {
 public:
     class Txt;
     class Client;
 
-    /// A name that is safe to show and to store. Names of services come from the network, from anybody.
+    /// Returns a name that is safe to show and to store. Names of services come from the network and are not
+    /// trusted.
     ///
-    /// Byte-order marks at the beginning are dropped. Each of these becomes `REPLACEMENT_CHAR`, the rest stays, so the
-    /// length stays as well:
+    /// Drops byte-order marks at the beginning. Replaces each of these characters by `REPLACEMENT_CHAR`, so
+    /// that the length of the rest is unchanged:
     /// - control characters: 0 to 31 except line feed, form feed and carriage return, and 127 to 159;
     /// - surrogates and the private use area, 0xD800 to 0xF8FF;
-    /// - everything from 0x11000 on, with it all pictographs: few fonts of a device have any of it.
+    /// - everything from 0x11000 on, which includes most emoji: the fonts of embedded devices rarely have
+    ///   these characters.
     static std::unicode::String sanitize(std::unicode::String const& name);
 
-    /// Takes one piece of a name in the DNS text form and turns it into plain bytes: `\.` is a dot that separates
-    /// nothing, `\032` the byte 32.
+    /// Extracts a piece of a name in the DNS text form and converts it to plain bytes: `\.` is a dot that
+    /// does not separate labels, `\032` is the byte 32.
     ///
     ///     char const* cursor = "living\\032room._http._tcp";
-    ///     std::string const label = vesk::DnsSdBase::unescape(cursor, ".");   // "living room"; cursor is at "._http"
+    ///     std::string const label = vesk::DnsSdBase::unescape(cursor, ".");
+    ///     // "living room"; cursor is at "._http"
     ///
-    /// It ends at the terminating zero, or at a byte of `stop_chars` that is not escaped, and leaves `cursor` there. A `\`
-    /// with nothing behind it counts for nothing. Three digits above 255 give their lower 8 bits.
+    /// The piece ends at the terminating zero, or at an unescaped byte of `stop_chars`, and `cursor` is left
+    /// there. A `\` at the end of the text is ignored. Three digits above 255 give their lower 8 bits.
     ///
-    /// A `\` and a digit without two more digits behind them are malformed. The result is what came before them, and `cursor`
-    /// is left *behind* the first byte that should have been a digit. **An escape that the end of the text cuts, such as
-    /// `\0` or `\03`, leaves `cursor` one byte beyond the terminating zero**, where it must not be read: neither directly nor
-    /// by another call. Compare it with the end before each use, unless the text is known to be well-formed:
+    /// A `\` and a digit must be followed by two more digits, otherwise the text is malformed. The result is
+    /// then the text before them, and `cursor` is left *after* the first byte that should have been a digit.
+    /// **An escape that is cut off by the end of the text, such as `\0` or `\03`, leaves `cursor` one byte
+    /// beyond the terminating zero**, where it must not be read: neither directly nor by another call.
+    /// Compare it with the end before each use, unless the text is known to be well-formed:
     ///
     ///     char const* const end = text + strlen(text);
     ///     while (cursor < end) {
@@ -53,50 +57,54 @@ public:
     ///         cursor += cursor < end ? 1 : 0; // Passes the dot.
     ///     }
     ///
-    /// @param cursor      where to begin in a zero-terminated text; not null
-    /// @param stop_chars  zero-terminated; empty for none, not null. With a `\` in it nothing is unescaped.
+    /// @param cursor      the beginning in a zero-terminated text; not null
+    /// @param stop_chars  zero-terminated; empty for none, not null. If it contains a `\`, nothing is
+    ///                    unescaped.
     static std::string unescape(char const*& cursor, char const* stop_chars);
 };
 
-/// A TXT record: what a service tells of itself beyond host and port, as keys with values. It is a map and is used as
-/// one; keys are in the order of their bytes, and upper and lower case differ.
+/// A TXT record: the properties of a service besides host and port, as keys with values. It is used as a map.
+/// Keys are in the order of their bytes, and are case-sensitive.
 ///
 ///     vesk::DnsSdBase::Txt txt;
 ///     txt["path"] = "/status";
 ///     std::Buf const record = txt.data();
 ///
-/// Keys and values may hold any bytes, only a key with a `=` in it comes back as another one. It is not to be deleted
-/// through a pointer to its base.
+/// Keys and values may contain any bytes, but a key with a `=` in it is read back as a different key. Must
+/// not be deleted through a pointer to its base class.
 class VESK_API DnsSdBase::Txt : public std::map<std::string, std::string> {
 public:
-    /// The record without entries. Read-only; it exists as soon as the initialisers of the library have run.
+    /// The empty record. Read-only. It exists as soon as the initializers of the library have run.
     static Txt const EMPTY;
 
-    /// A record without entries.
+    /// Creates an empty record.
     Txt();
 
-    /// Reads the wire format: strings `key=value`, each behind a byte with its length.
+    /// Reads the wire format: strings `key=value`, each after a byte with its length.
     ///
-    /// Takes what is well-formed. A string without a `=` is left out, also one that has just a key; of a key that comes
-    /// twice the last value counts; a key may be empty; the first `=` ends it. A string that would reach beyond the end
-    /// is dropped with all that follows.
-    /// @param size  bytes of the record; 0 makes an empty one
+    /// Ignores a string without a `=`, even if it is a key alone. Of a key that occurs twice the last value
+    /// counts. A key may be empty; it ends at the first `=`. A string that exceeds the end of the record is
+    /// dropped with everything after it.
+    /// @param size  the size of the record in bytes; 0 creates an empty one
     /// @param data  may be null if `size` is 0
     Txt(unsigned short size, void const* data);
 
-    /// The wire format, entries in the order of their keys; a single byte of value 0 for the empty record.
+    /// Returns the wire format, with the entries in the order of their keys; a single byte of value 0 for the
+    /// empty record.
     ///
-    /// Nothing is refused or cut. An entry whose key and value have more than 254 bytes together gets the lower 8 bits of
-    /// its length, so what follows cannot be read back; and a record of more than 65,535 bytes is none for the network. All
-    /// entries together must be shorter than 4 GiB.
-    /// @return in memory of `std::Buf::DEFAULT_ALLOCATOR`; invalid with `std::CommonErrorId::OUT_OF_MEMORY` pending if there is none
+    /// Rejects and truncates nothing. For an entry with a key and a value of more than 254 bytes together,
+    /// the length byte holds the lower 8 bits of the length, so everything from there on cannot be read back.
+    /// A record of more than 65,535 bytes cannot be sent. All entries together must be shorter than 4 GiB.
+    /// @return in memory of `std::Buf::DEFAULT_ALLOCATOR`; invalid with `std::CommonErrorId::OUT_OF_MEMORY`
+    ///         pending without memory
     std::Buf data() const;
 };
 
-/// Who is told what an engine finds. Override what is of interest: all but `error` do nothing by default.
+/// Receives the results of an engine. Override the operations that are needed: all except `error` do nothing
+/// by default.
 ///
-/// All calls come from a thread of the engine's, one at a time. Names are as the engine gives them, as a rule through
-/// `sanitize`.
+/// All calls come from a thread of the engine, never two at a time. The names are as the engine passes them,
+/// usually after `sanitize`.
 class VESK_API DnsSdBase::Client {
 public:
     virtual ~Client();
@@ -104,7 +112,7 @@ public:
     /// The engine has failed for this client.
     virtual void error() = 0;
 
-    /// A service was found, or it is gone.
+    /// A service was found, or has disappeared.
     /// @param name    of the service instance: "Printer in the hall"
     /// @param type    "_ipp._tcp"
     /// @param domain  "local"
@@ -113,20 +121,20 @@ public:
     virtual void
     service_disappeared(std::unicode::String const& name, std::string const& type, std::string const& domain);
 
-    /// The engine has told all that it knows for now; more may come later.
+    /// The engine has reported everything that it knows for now; more may follow.
     virtual void all_for_now();
 
     /// A service instance was resolved.
-    /// @param host  that offers the service
-    /// @param port  in the host's byte order
-    /// @param txt   may change or go after the call
+    /// @param host  the host that offers the service
+    /// @param port  in host byte order
+    /// @param txt   may change or disappear after the call
     virtual void resolved(
         std::unicode::String const& name, std::string const& type, std::string const& domain,
         std::string const& host, unsigned short port, Txt const& txt);
 
     /// A host name was looked up.
     /// @param name     the host
-    /// @param address  one of its addresses, as text
+    /// @param address  an address of the host, as text
     virtual void address(std::string const& name, std::string const& address);
 };
 

@@ -12,13 +12,14 @@ struct addrinfo;
 
 namespace vesk {
 
-/// The root of the TCP and UDP sockets: a socket with a local and a peer address of one protocol version.
+/// The base class of the TCP and UDP sockets: a socket with a local and a peer address of one protocol
+/// version.
 ///
-/// An address is given as text, and may be a host name. A socket's constructor resolves both addresses, on the caller's
-/// thread and for as long as the system's resolver takes; from then on the texts are numeric. A name that leads to nothing
-/// makes the object invalid.
+/// An address is given as text, and may be a host name. A socket's constructor resolves both addresses in the
+/// calling thread, and blocks as long as the system's resolver does. Afterwards the texts are numeric. A name
+/// without an address makes the object invalid.
 ///
-/// A socket that is open must be closed before it is destroyed. See `Socket` for threads.
+/// An open socket must be closed before it is destroyed. See `Socket` for threads.
 class VESK_API IPSocket : public Socket {
 public:
     enum IPProtocolVersion : uint32_t { IPV4 = 0, IPV6 = 1 };
@@ -33,44 +34,46 @@ public:
     ///     vesk::IPSocket::IPAddress const server("device.local", 80);
     class VESK_API IPAddress {
     public:
-        /// The any address and port 0, built when the library is loaded: not for the initialisers of other global objects.
+        /// The any address and port 0. They are constructed when the library is loaded, so initializers of
+        /// other global objects must not use them.
         static IPAddress const ANY_ADDRESS;
         static IPAddress const ANY_ADDRESS6;
 
-        /// The any address of either version, with port 0.
+        /// Creates the any address of either version, with port 0.
         IPAddress() = default;
 
-        /// @param host_text    a numeric address or a host name, checked by nobody yet; empty: the any address
+        /// @param host_text    a numeric address or a host name, not checked here; empty: the any address
         /// @param port_number  the port
         IPAddress(std::string const& host_text, unsigned short port_number)
             : host(host_text), port(port_number) {}
 
-        /// The numeric text of a binary address; of one of IPv6 with its scope, as in "fe80::1%eth0". Empty with port 0 if the
-        /// address is not of that family, or its text with the name of the interface takes more than 45 characters. Reports
-        /// nothing.
+        /// Converts a binary address to its numeric text. The text of an IPv6 address includes its scope, as
+        /// in "fe80::1%eth0". The result is empty with port 0 if the address is not of that family, or if its
+        /// text with the name of the interface exceeds 45 characters. Reports nothing.
         explicit IPAddress(sockaddr_in const& binary);
         explicit IPAddress(sockaddr_in6 const& binary);
 
-        /// The binary form. A host that is not empty goes through the resolver, and `host` becomes the first result, in
-        /// numeric form, also if what comes then fails. May block as long as the resolver does. All forms that the system takes
-        /// for numeric are, "127.1" among them.
-        /// @return true on failure: what `IPResolver` reported; `CommonErrorId::INVALID_ARGUMENT` if the name has no address of this version;
-        ///         no report if the system contradicts itself
+        /// Returns the binary form. A host that is not empty is resolved, and `host` becomes the first result
+        /// in numeric form, even if the conversion fails afterwards. Blocks as long as the resolver does.
+        /// Every form that the system accepts as numeric is numeric, for example "127.1".
+        /// @return true on failure: the reports of `IPResolver`; `CommonErrorId::INVALID_ARGUMENT` if the
+        ///         name has no address of this version; no report if the system cannot read the numeric form
+        ///         that it returned
         bool getBinary(sockaddr_in& out);
         bool getBinary(sockaddr_in6& out);
 
-        /// A binary address from an address and a port in the byte order of the machine.
+        /// Returns the binary form of an address and a port in host byte order.
         static sockaddr_in makeHandle(unsigned int ip, unsigned int port_number);
-        /// @param scope  index of the interface of a link-local address, else 0
+        /// @param scope  the index of the interface of a link-local address, otherwise 0
         static sockaddr_in6 makeHandle(in6_addr const& ip, unsigned int port_number, unsigned int scope);
 
-        /// The parts of a binary address, address and port in the byte order of the machine.
+        /// Returns the parts of a binary address. The port and an IPv4 address are in host byte order.
         static void getBinary(sockaddr_in const& in, unsigned int& ip, unsigned int& port_number);
         static void
         getBinary(sockaddr_in6 const& in, in6_addr& ip, unsigned int& port_number, unsigned int& scope);
 
         std::string host;        ///< A numeric address or a host name; empty: the any address.
-        unsigned short port = 0; ///< In the byte order of the machine.
+        unsigned short port = 0; ///< In host byte order.
     };
 
     /// The system's resolver.
@@ -80,37 +83,39 @@ public:
     ///         use(resolver.getItem(0));
     ///     }
     ///
-    /// An object belongs to one thread at a time. All three ways of resolving (`getaddrinfo`, `getnameinfo`) block as long as
-    /// the system takes, replace the results of the one before, and give how many there are in the system's order: 0 for a
-    /// name or an address that has none, which is not reported, and -1 on failure, with no results.
+    /// An object must be used by one thread at a time. All three resolve operations (`getaddrinfo`,
+    /// `getnameinfo`) block as long as the system does. They replace the previous results, keep the system's
+    /// order, and return the number of results. A name or an address without results gives 0 without a
+    /// report. A failure gives -1, with no results.
     ///
-    /// They report `SysErrorId::OUT_OF_MEMORY` without memory; `Socket::ErrorId::RESOLVE_FAILED` for a resolver that does not answer, and for arguments
-    /// that it refuses; `SysErrorId::SPOILED_INTEGRITY` for a name that is too long; else `SysErrorId::UNCLASSIFIED`. The argument is the resolver's own
-    /// text (`gai_strerror`), or that of `errno` where it names the system as the reason.
+    /// They report `SysErrorId::OUT_OF_MEMORY` without memory; `Socket::ErrorId::RESOLVE_FAILED` for a
+    /// resolver that does not answer and for arguments that it rejects; `SysErrorId::SPOILED_INTEGRITY` for a
+    /// name that is too long; otherwise `SysErrorId::UNCLASSIFIED`. The argument is the resolver's text
+    /// (`gai_strerror`), or the text of `errno` if the resolver reports a system error (`EAI_SYSTEM`).
     class VESK_API IPResolver : private tarnbase::NonCopyable {
     public:
         IPResolver();
         ~IPResolver();
 
-        /// From a name to numeric addresses of one version.
-        /// @param name  null has no addresses
+        /// Resolves a name to numeric addresses of one version.
+        /// @param name  the name; null has no addresses
         int resolveName(char const* name, IPProtocolVersion version);
 
-        /// From a numeric address to its names. A text that is not numeric has none.
-        /// @param fqdn  whether to tell the names with their domains
+        /// Resolves a numeric address to its names. A text that is not numeric has none.
+        /// @param fqdn  whether to return the names with their domains
         int resolveIP(char const* ip, bool fqdn, IPProtocolVersion version);
 
-        /// Both in one.
-        /// @param reverse  from an address to names; `fqdn` counts only then
+        /// Resolves in either direction.
+        /// @param reverse  whether to resolve an address to names; `fqdn` has an effect only then
         int resolveAddr(char const* addr, bool fqdn, bool reverse, IPProtocolVersion version);
 
-        /// How many results the last resolve had.
+        /// Returns the number of results of the last resolve operation.
         VESK_API_INLINE unsigned int getCount() const noexcept {
             return static_cast<unsigned int>(m_resolve_handle.entries.size());
         }
 
-        /// A result, valid until the next resolve. An index that is not below the count is a broken invariant; should the
-        /// assertion return, the result is an empty text.
+        /// Returns a result, valid until the next resolve operation. Asserts that the index is below the
+        /// count; if the assertion returns, the result is an empty text.
         std::string const& getItem(unsigned int index) const;
 
     private:
@@ -124,63 +129,66 @@ public:
         ResolveHandle m_resolve_handle;
     };
 
-    /// The binary form of an address; the version of the socket tells which.
+    /// The binary form of an address. The version of the socket selects the member.
     union BinaryAddress {
-        sockaddr_in6 v6; // First, so that an initialiser clears all of it.
+        sockaddr_in6 v6; // First, so that an initializer clears the whole union.
         sockaddr_in v4;
     };
 
-    /// Closes a socket that was never open; one that is open is closed after an assertion.
+    /// Closes a socket that was never open. Asserts that the socket is not open, and closes an open one
+    /// afterwards.
     ~IPSocket() override;
 
-    /// The addresses as text. They are what the constructor made of its arguments until they are updated.
+    /// Returns an address as text: the resolved argument of the constructor until it is updated.
     IPAddress const& getLocalAddress() const noexcept { return m_local_address; }
     IPAddress const& getPeerAddress() const noexcept { return m_peer_address; }
     IPProtocolVersion getVersion() const noexcept { return m_version; }
 
-    /// The largest piece that one send can take, in bytes.
+    /// Returns the largest size in bytes that a single send can take.
     virtual unsigned int maxTxSize() const = 0;
 
-    /// Called by `close` just before the connection is shut down. This one does nothing.
+    /// Called by `close` just before the connection is shut down. The default does nothing.
     /// @return true on failure, after a report, which `close` acknowledges
     virtual bool closing();
 
-    /// Sends what the stream still holds, calls `closing`, and closes the descriptor (`close`, repeated while a signal
-    /// interrupts it). Neither unsent data nor `closing` nor the shutdown can stop it: afterwards the socket is `DEAD`.
-    /// @param do_shutdown  whether to end the connection also for other descriptors of it (`shutdown`)
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is `DEAD` already; what the system says of the `close`:
-    ///         `SysErrorId::SPOILED_INTEGRITY`, or no report for a descriptor that was not open, as of a subclass that never made one
+    /// Sends the rest of the stream's buffer, calls `closing`, and closes the descriptor (`close`, repeated
+    /// while a signal interrupts it). Failures of the flush, of `closing` and of the shutdown are ignored.
+    /// Afterwards the socket is `DEAD`.
+    /// @param do_shutdown  whether to end the connection for all other descriptors of it as well (`shutdown`)
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is already `DEAD`;
+    ///         `SysErrorId::SPOILED_INTEGRITY` if the `close` fails; no report for a descriptor that is not
+    ///         open, for example in a subclass that never created one
     bool close(bool do_shutdown);
 
-    /// Ask the system for the address that an open socket has (`getsockname`), or that its peer has (`getpeername`). The
-    /// address stays as it was, without a report, if the system does not tell one, and if what it tells cannot be converted
-    /// to text.
+    /// Updates the local address (`getsockname`) or the peer's address (`getpeername`) of an open socket. The
+    /// address is unchanged, without a report, if the system call fails or if the result has no text.
     void updateLocalAddress();
     void updatePeerAddress();
 
-    /// The name of this machine (`gethostname`). Callable from any thread.
-    /// @return true on failure, the name being untouched: `CommonErrorId::OUT_OF_MEMORY` without memory; `SysErrorId::SPOILED_INTEGRITY` for a name of more
-    ///         than 63 bytes, else 19
+    /// Returns the name of this machine (`gethostname`). Callable from any thread.
+    /// @return true on failure, with an unchanged name: `CommonErrorId::OUT_OF_MEMORY` without memory;
+    ///         `SysErrorId::SPOILED_INTEGRITY` for a name of more than 63 bytes; otherwise
+    ///         `SysErrorId::UNCLASSIFIED`
     static bool getHostname(std::string& name);
 
 protected:
-    /// Resolves both addresses; makes no descriptor. The socket is invalid after a failure, which stays reported.
-    /// See `Socket` for the buffers.
+    /// Resolves both addresses. Does not create a descriptor. After a failure, which stays reported, the
+    /// socket is invalid. See `Socket` for the buffers.
     IPSocket(
         bool blocking, unsigned int read_buffer, unsigned int write_buffer, IPAddress const& local,
         IPAddress const& peer, IPProtocolVersion version);
 
-    /// Makes the descriptor of a valid socket, which `exec` closes (`socket`): the last step of a subclass's constructor. On
-    /// failure the socket is invalid, and what failed is reported.
+    /// Creates the descriptor of a valid socket, close-on-exec (`socket`): the last step of a subclass's
+    /// constructor. After a failure, which is reported, the socket is invalid.
     /// @param type          such as `SOCK_STREAM`
-    /// @param blocking      false: it does not wait
-    /// @param reuse         true: `SO_REUSEADDR` is set
-    /// @param close_failed  called if a descriptor that is of no use cannot be closed either
+    /// @param blocking      whether the descriptor blocks
+    /// @param reuse         whether to set `SO_REUSEADDR`
+    /// @param close_failed  called if closing the descriptor after a failure fails as well
     void createDescriptor(int type, bool blocking, bool reuse, void (*close_failed)());
 
     sockaddr const* getLocalBinary() const noexcept;
     sockaddr const* getPeerBinary() const noexcept;
-    /// The length of the binary addresses, in bytes.
+    /// Returns the length of the binary addresses in bytes.
     socklen_t getBinaryLength() const noexcept {
         return m_version == IPV6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
     }

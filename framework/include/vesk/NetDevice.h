@@ -13,7 +13,7 @@ struct ifreq;
 
 namespace vesk {
 
-/// The network interfaces of the machine, with what the system tells of each, and the settings of one of them.
+/// The network interfaces of the machine with their properties, and the settings of a single interface.
 ///
 ///     vesk::NetDevice devices(nullptr);
 ///     vesk::NetDevice::InterfaceInfo info;
@@ -24,78 +24,86 @@ namespace vesk {
 ///     vesk::NetDevice device("eth0");
 ///     if (device.setAddress("192.0.2.7") || device.setInterfaceStatus(true)) { ... }
 ///
-/// An object is a cursor over the interfaces that were there when it was made. It stands before the first one; each
-/// `getNextInfo` moves it to the next, also when it then fails, and the setters act on the interface that it stands on. A
-/// setter that finds it before the first moves it to the first, which a later `getNextInfo` then passes over. Past the
-/// last one it stays.
+/// An object is a cursor over the interfaces that existed when it was created. It starts before the first
+/// interface. Each `getNextInfo` moves it to the next interface, even if the call then fails. The setters
+/// change the interface at the cursor. A setter that finds the cursor before the first interface moves it to
+/// the first interface; the next `getNextInfo` then returns the second interface. After the last interface
+/// the cursor does not move.
 ///
-/// Only IPv4 is told and set: `NetDeviceMonitor` knows both. Changes take rights that only an administrator has
-/// (`CAP_NET_ADMIN`), and last until the interface or the system goes down.
+/// Only IPv4 addresses are read and set; `NetDeviceMonitor` supports IPv4 and IPv6. Changes need the
+/// permission of an administrator (`CAP_NET_ADMIN`), and last until the interface or the system goes down.
 ///
-/// An object whose construction failed has no interface, and all its operations fail with `CommonErrorId::CONTRACT_BROKEN` "invalid object".
+/// An object with a failed construction has no interface, and all its operations fail with
+/// `CommonErrorId::CONTRACT_BROKEN` "invalid object".
 ///
-/// Nothing blocks, except for a host name given as an address. An object belongs to one thread at a time; threads may use
-/// objects of their own, also for the same interface.
+/// No operation blocks, except for a host name given as an address. An object must be used by one thread at a
+/// time; threads may use separate objects, also for the same interface.
 class VESK_API NetDevice : private tarnbase::NonCopyable {
 public:
-    /// What there is to know of an interface.
+    /// The properties of an interface.
     struct InterfaceInfo {
         enum Type : int {
             LOOPBACK = 0,       ///< The machine itself.
-            POINT_TO_POINT = 1, ///< A link with one other end; also if it is a loopback.
+            POINT_TO_POINT = 1, ///< A link with a single other end; also if it is a loopback.
             OTHER = 2,
         };
 
         std::string name;
-        IPSocket::IPAddress address; ///< The IPv4 address, of several the first, if `has_address`; port 0.
-        IPSocket::IPAddress netmask; ///< The netmask of that, if `has_netmask`; port 0.
+        IPSocket::IPAddress address; ///< The IPv4 address (the first of several), if `has_address`; port 0.
+        IPSocket::IPAddress netmask; ///< The netmask of `address`, if `has_netmask`; port 0.
         IPSocket::IPAddress broadcast_address; ///< If `has_broadcast_address`; port 0.
         bool has_broadcast_address = false;    ///< Only for an interface that can broadcast.
         bool has_address = false;
         bool has_netmask = false;
         unsigned char hardware_address[6] = {}; ///< The MAC address, if `has_hardware_address`.
         bool has_hardware_address = false;      ///< Only for a device of the Ethernet type.
-        bool up = false;                        ///< Switched on by the administrator.
-        bool running = false;                   ///< Ready for traffic, for example with a cable in it.
-        bool promiscuous = false;               ///< Receives what is sent to others, too.
+        bool up = false;                        ///< Switched on administratively.
+        bool running = false;                   ///< Ready for traffic, for example with a cable connected.
+        bool promiscuous = false;               ///< Also receives packets for other receivers.
         bool multicast = false;
         bool broadcast = false;
-        int mtu = 0;        ///< The largest packet, in bytes.
+        int mtu = 0;        ///< The largest packet in bytes.
         int type = OTHER;   ///< One of `Type`.
-        uint32_t flags = 0; ///< The system's flags as they come (`IFF_UP` and so on), in the low 16 bits.
+        uint32_t flags = 0; ///< The system's flags (`IFF_UP` and so on), in the low 16 bits.
     };
 
-    /// Notes which interfaces there are (`socket`, and `if_nametoindex` or `if_nameindex`). On failure the object is
-    /// invalid, and pending is `SysErrorId::NO_DEVICE` if there is no interface of this name; `CommonErrorId::OUT_OF_MEMORY` or `SysErrorId::OUT_OF_MEMORY` without
-    /// memory; `SysErrorId::UNCLASSIFIED` without a socket for the questions.
-    /// @param name  the only interface to look at, of at most 15 bytes; null: all of them, in the system's order
+    /// Lists the existing interfaces (`socket`, and `if_nametoindex` or `if_nameindex`). After a failure the
+    /// object is invalid, with a report pending: `SysErrorId::NO_DEVICE` if no interface has this name;
+    /// `CommonErrorId::OUT_OF_MEMORY` without memory for a single interface; `SysErrorId::OUT_OF_MEMORY` if
+    /// all interfaces cannot be listed, for whatever reason; `SysErrorId::UNCLASSIFIED` if the control socket
+    /// cannot be created.
+    /// @param name  the only interface to use, at most 15 bytes; null: all of them, in the system's order
     explicit NetDevice(char const* name);
     ~NetDevice();
 
-    /// Whether the object can be used: its construction succeeded.
+    /// Returns whether the object can be used: its construction succeeded.
     bool isValid() const noexcept { return m_control_fd != -1; }
 
-    /// Moves to the next interface and tells all about it (`ioctl`, five or six times). An interface without an IPv4
-    /// address is no failure.
-    /// @param info  overwritten; at the end left as it was, and after a failure filled as far as it went
-    /// @return 0 done; 1 past the last interface, again and again; -1 on failure: `SysErrorId::UNCLASSIFIED`, for example for an
-    ///         interface that is gone by now. The next call goes on with the interface behind it
+    /// Moves to the next interface and returns its properties (`ioctl`, five or six times). An interface
+    /// without an IPv4 address is not a failure.
+    /// @param info  overwritten; unchanged after the last interface; filled up to the failed query after a
+    ///              failure
+    /// @return 0 done; 1 after the last interface, also for further calls; -1 on failure:
+    ///         `SysErrorId::UNCLASSIFIED`, for example for an interface that has been removed. The next call
+    ///         continues with the interface after it
     int getNextInfo(InterfaceInfo& info);
 
-    /// Set the IPv4 address, or the netmask, of the interface (`ioctl`). A new address brings the netmask and the broadcast
-    /// address of its class, so the address goes first.
-    /// @param address  numeric, or a host name, which may block as long as the resolver does; empty or null: "0.0.0.0",
-    ///                 which takes the address away
-    /// @return true on failure: what `IPResolver` reported; `CommonErrorId::INVALID_ARGUMENT` for a text that leads to no IPv4 address, 1 "no
-    ///         current interface" past the last one; `SysErrorId::PERMISSION_DENIED` without the right; else `SysErrorId::UNCLASSIFIED`, as for a netmask
-    ///         without an address
+    /// Sets the IPv4 address or the netmask of the interface (`ioctl`). A new address sets the netmask and
+    /// the broadcast address of its class, so set the address first.
+    /// @param address  numeric, or a host name, for which the call blocks as long as the resolver does; empty
+    ///                 or null: "0.0.0.0", which removes the address
+    /// @return true on failure: the reports of `IPResolver`; `CommonErrorId::INVALID_ARGUMENT` for a text
+    ///         without an IPv4 address; `CommonErrorId::CONTRACT_BROKEN` "no current interface" after the
+    ///         last one; `SysErrorId::PERMISSION_DENIED` without the permission; otherwise
+    ///         `SysErrorId::UNCLASSIFIED`, for example for a netmask without an address
     bool setAddress(char const* address);
     bool setNetmask(char const* netmask);
 
-    /// Switch the interface on or off, and receiving what is sent to others (`ioctl`, twice). Between the two calls other
-    /// changes of the interface's flags are lost.
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` "no current interface" past the last one; `SysErrorId::PERMISSION_DENIED` without the right;
-    ///         else `SysErrorId::UNCLASSIFIED`
+    /// Switches the interface on or off, or switches the reception of packets for other receivers on or off
+    /// (`ioctl`, twice). Changes to the interface's flags that are made between the two calls are lost.
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` "no current interface" after the last
+    ///         interface; `SysErrorId::PERMISSION_DENIED` without the permission; otherwise
+    ///         `SysErrorId::UNCLASSIFIED`
     bool setInterfaceStatus(bool up);
     bool setPromiscuous(bool on);
 

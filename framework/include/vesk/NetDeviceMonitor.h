@@ -13,8 +13,9 @@ namespace vesk {
 
 class NetDeviceMonitorImpl;
 
-/// Tells a listener about the network interfaces of the machine and their addresses: first all that are there, then every
-/// change. It brings no thread of its own: one is given to `watch`, and any other one ends that.
+/// Reports the network interfaces of the machine and their addresses to a listener: first all existing ones,
+/// then every change. It creates no thread: the caller runs `watch` in a thread, and any other thread ends
+/// it.
 ///
 ///     class Addresses : public vesk::NetDeviceMonitor::Listener {
 ///         void address_operable(AddrInfo const& address, Info const& interface) override { ... }
@@ -27,114 +28,127 @@ class NetDeviceMonitorImpl;
 ///     monitor.stopWatching();
 ///     thread.join();
 ///
-/// The monitor keeps a table of what it was told, so that what the kernel repeats is told once. For an interface that is
-/// there with one IPv4 address a listener sees, in this order:
+/// The monitor keeps a table of all known interfaces and addresses, so that repeated kernel messages are
+/// reported once. For an existing interface with a single IPv4 address a listener is called in this order:
 ///
-/// | what the kernel tells | callbacks |
+/// | message of the kernel | callbacks |
 /// |---|---|
-/// | the interface | `interface_appeared`, `interface_status`, then `address_appeared` and `address_operable` for its MAC |
+/// | the interface | `interface_appeared`, `interface_status`, then `address_appeared` and `address_operable` for its MAC address |
 /// | the end of all interfaces | none |
 /// | the address | `address_appeared`, `address_operable` |
 ///
-/// **What counts as operable.** An address is operable as soon as it is there and its interface has told its status once.
-/// The state of the link plays no part: an interface stays up in the table, and its addresses operable, until the
-/// interface or the address is removed.
-/// An interface that leaves a bridge counts as removed, and as new when the kernel tells it next.
+/// **Operable addresses.** An address is operable as soon as it exists and the status of its interface has
+/// been reported once. The state of the link has no effect: an interface stays up in the table, and its
+/// addresses operable, until the interface or the address is removed. An interface that leaves a bridge
+/// counts as removed, and as new with the next kernel message about it.
 ///
-/// **Which addresses are one and the same** is decided by `AddrInfo::address` alone, within one interface. An IPv4 address
-/// stands there, and its broadcast address in `peer`. An IPv6 address, as the kernel tells one without a far end, stands in
-/// `peer`, and `address` is empty. So all such IPv6 addresses of an interface count as one: only the first of them is told,
-/// and the removal of any of them tells that it is gone. An IPv6 address with a far end stands in `address`. One whose
-/// uniqueness is still being checked (tentative) is not told before the check has ended well.
+/// **Identity of addresses.** Two addresses of the same interface are the same if their `AddrInfo::address`
+/// is equal. An IPv4 address is in `address`, and its broadcast address in `peer`. An IPv6 address without
+/// another end is in `peer`, since the kernel sends it as `IFA_ADDRESS` alone, and `address` is empty. So all
+/// such IPv6 addresses of an interface count as the same address: only the first of them is reported as new,
+/// and the removal of any of them is reported as the removal of that address. An IPv6 address with another
+/// end is in `address`. A tentative address, which the kernel still checks for duplicates, is reported only
+/// after the check has succeeded.
 ///
-/// **Names and numbers.** An interface keeps the name under which it was first seen. Numbers of interfaces are followed up
-/// to 65,535: beyond, only the lower 16 bits count for all but the removal of an interface.
+/// **Names and indexes.** An interface keeps the name that was reported first. Indexes of interfaces are
+/// supported up to 65,535: of a larger one only the lower 16 bits count, except for the removal of an
+/// interface.
 ///
-/// **What gets lost.** A kernel message beyond 4,096 bytes is cut, and its rest not seen. When changes come faster than the
-/// listener takes them, the kernel drops some (`ENOBUFS`): that is reported and shows in the result of `watch`. The monitor
-/// then takes what the kernel has kept, asks once more for all interfaces and addresses, and tells the difference between
-/// its table and the answer: what is new as it comes, with the status of each interface, and what has gone at the end. A
-/// change that was taken back meanwhile is not told. An address whose netmask or peer has changed is told as gone and as
-/// new. Messages that are lost during that make the monitor ask again. The first answers of a further `watch` are compared
-/// with the table in the same way.
+/// **Lost messages.** A kernel message of more than 4,096 bytes is truncated, and its rest is ignored. When
+/// changes arrive faster than the listener processes them, the kernel drops some (`ENOBUFS`). This is
+/// reported, and makes `watch` return true. The monitor then processes the messages that the kernel has kept,
+/// and requests all interfaces and addresses again. It reports the difference between its table and the
+/// answer: new entries as they arrive, with the status of each interface, and removed ones at the end. A
+/// change that was reverted in between is not reported. An address with a changed netmask or peer is reported
+/// as removed and as new. If messages are lost during this, the monitor repeats the request. The first
+/// answers to a repeated call of `watch` are compared with the table in the same way.
 ///
-/// The table, `watch` and all callbacks belong to one thread at a time; `stopWatching` may be called from any, also from
-/// several at once and from a callback.
+/// The table, `watch` and all callbacks must be used by one thread at a time. `stopWatching` may be called
+/// from any thread, from several threads at once, and from a callback.
 class VESK_API NetDeviceMonitor : private tarnbase::NonCopyable {
 public:
     class Listener;
     using AddrInfo = NetworkInterface::AddrInfo;
     using Info = NetworkInterface::Info;
 
-    /// Reports `std::CommonErrorId::INVALID_ARGUMENT` "Listener must not be null", and `std::CommonErrorId::CONTRACT_BROKEN` if there is no memory: such a
-    /// monitor cannot watch.
-    /// @param listener  must stay until the monitor is gone
+    /// Reports `std::CommonErrorId::INVALID_ARGUMENT` "Listener must not be null" for a null listener, and
+    /// `std::CommonErrorId::CONTRACT_BROKEN` without memory. A monitor without memory cannot watch.
+    /// @param listener  must exist until the monitor is destroyed
     explicit NetDeviceMonitor(Listener* listener);
 
-    /// As `stopWatching`, but does not wait: no thread may be inside `watch` or `stopWatching` any more.
+    /// Calls `stopWatching`, but does not wait: no thread may still be inside `watch` or `stopWatching`.
     ~NetDeviceMonitor();
 
-    /// Tells what is there, then follows the changes until `stopWatching` (netlink, `recvmsg`). Blocks. What is there is
-    /// asked for in two steps, interfaces and addresses; what changes meanwhile is told in between. So an address that is
-    /// added at the very beginning may come before its interface, which then stays without number and name.
+    /// Reports the existing interfaces and addresses, then the changes, until `stopWatching` (netlink,
+    /// `recvmsg`). Blocks.
     ///
-    /// The network is that of the calling thread's network namespace. After `stopWatching` a further call looks at the
-    /// beginning of each answer only, and returns.
+    /// The existing entries are requested in two steps, interfaces and addresses; changes that happen
+    /// meanwhile are reported in between. So an address that is added at the very beginning may be reported
+    /// before its interface, which then stays without index and name.
     ///
-    /// | failed call | report | and then |
+    /// Watches the network namespace of the calling thread. After `stopWatching` a further call reads only
+    /// the beginning of each answer, and returns.
+    ///
+    /// | failed call | report | consequence |
     /// |---|---|---|
     /// | `socket` | `Socket::ErrorId::CREATE_FAILED` | returns |
     /// | `bind`, `sendmsg` | `SysErrorId::UNCLASSIFIED` | returns |
-    /// | `recvmsg`, also if a signal interrupts it | `SysErrorId::UNCLASSIFIED` | goes on |
+    /// | `recvmsg`, also if a signal interrupts it | `SysErrorId::UNCLASSIFIED` | continues |
     ///
-    /// After a `recvmsg` that tells of lost messages it asks for everything once more. It pauses for 100 ms before each
-    /// attempt that follows two failures in a row.
+    /// After a `recvmsg` that failed because of lost messages, or failed during the answer to a request, it
+    /// requests everything again. After two failures in a row it pauses for 100 ms before each further
+    /// attempt; an interruption by a signal does not count.
     ///
-    /// Asserts "m_impl" if the constructor had no memory, and reports `std::CommonErrorId::CONTRACT_BROKEN`. Asserts "name" for an interface
-    /// without one, and passes over it. A malformed message is passed over in silence. Exceptions of the listener and
-    /// `std::bad_alloc` pass through; the monitor may be used again.
-    /// @return true if anything failed, even if it went on
+    /// Asserts "m_impl" if the constructor had no memory, and reports `std::CommonErrorId::CONTRACT_BROKEN`.
+    /// Asserts "name" for an interface without a name, and ignores it. Ignores malformed messages without a
+    /// report. Exceptions of the listener and `std::bad_alloc` pass through; the monitor can be used again
+    /// afterwards.
+    /// @return true if anything failed, even if the operation continued
     bool watch();
 
-    /// Ends `watch`, now and for good. Does not wait for its end, and reports nothing. If nobody watches, a later `watch`
-    /// ends soon after its beginning.
+    /// Ends `watch` permanently. Does not wait for its end, and reports nothing. If no thread is inside
+    /// `watch`, a later `watch` returns soon after its beginning.
     void stopWatching();
 
-    // ---- the table: what the system's side has learned. For the watching thread, and not from callbacks. ----
+    // ---- The table, as kept by the system-specific part ----
     //
-    // All but `interface_appeared` make an entry without number and name for an interface that is unknown. Each asserts
-    // "m_listener" before a callback; without a listener the table is kept all the same.
+    // For the watching thread. Must not be called from callbacks.
+    //
+    // All operations except `interface_appeared` create an entry without index and name for an unknown
+    // interface. Each operation asserts "m_listener" before a callback; without a listener the table is kept
+    // nevertheless.
 
-    /// An interface is there. Nothing happens if it is known.
+    /// Adds an interface. Does nothing if it is known.
     /// @param name  not null
     void interface_appeared(unsigned short index, char const* name);
 
-    /// The status of an interface was told. It is up from now on; the last two arguments have no effect.
+    /// Updates the status of an interface. It is up from now on; the last two arguments have no effect.
     void interface_up(
         unsigned short index, bool broadcast, bool point_to_point, bool loopback, int mtu, bool link_up,
         bool present);
 
-    /// An interface is gone, and with it its addresses.
+    /// Removes an interface and its addresses.
     void interface_disappeared(int index);
 
-    /// An address is there. Nothing happens if it is known.
+    /// Adds an address. Does nothing if it is known.
     void address_appeared(unsigned short index, AddrInfo const& address);
 
-    /// An address is gone. Nothing is told if it is unknown.
+    /// Removes an address. Reports nothing if it is unknown.
     void address_disappeared(unsigned short index, AddrInfo const& address);
 
 private:
     friend class NetDeviceMonitorImpl;
 
-    /// Addresses by the number of their interface, as the table has them.
+    /// Addresses by the index of their interface, as in the table.
     using Snapshot = std::map<uint32_t, std::list<AddrInfo>>;
 
     Listener* getListener(char const* function, int line = __builtin_LINE()) const;
 
-    /// Tells, and forgets, what the table has and `there` has not; tells what has changed in its details anew.
+    /// Reports and removes the table entries that are missing in `there`. Reports entries with a changed
+    /// netmask or peer as removed and as new.
     __attribute__((visibility("hidden"))) void forgetAllBut(Snapshot const& there);
 
-    // What only the system's side can do.
+    // Implemented by the system-specific part.
     NetDeviceMonitorImpl* makeImpl() noexcept;
     void deleteImpl() noexcept;
     bool runImpl();
@@ -145,11 +159,12 @@ private:
     NetDeviceMonitorImpl* m_impl;
 };
 
-/// Who is told. Every operation does nothing unless it is overridden; all are called in the thread that is inside
-/// `NetDeviceMonitor::watch`. The arguments are valid during the call. An operation may call `stopWatching`, but nothing else
-/// of the monitor. While it runs, changes gather in the kernel, which has room for a few hundred.
+/// Receives the callbacks of a monitor. Every operation does nothing unless it is overridden. All are called
+/// in the thread that is inside `NetDeviceMonitor::watch`. The arguments are valid during the call. An
+/// operation may call `stopWatching`, but no other operation of the monitor. While it runs, changes are
+/// queued in the kernel, which has room for a few hundred.
 ///
-/// The address of an IPv6 interface address is in `AddrInfo::peer` as a rule; see `NetDeviceMonitor`.
+/// An IPv6 address is usually in `AddrInfo::peer`; see `NetDeviceMonitor`.
 class VESK_API NetDeviceMonitor::Listener {
 public:
     using AddrInfo = NetworkInterface::AddrInfo;
@@ -157,25 +172,25 @@ public:
 
     virtual ~Listener() = default;
 
-    /// An interface was seen for the first time. Only `index` and `name` are known yet.
+    /// An interface was reported for the first time. Only `index` and `name` are known yet.
     virtual void interface_appeared(Info const& interface);
 
-    /// An interface was removed; its addresses have been told before, and are still there.
+    /// An interface was removed. Its addresses were reported before, and are still in the list.
     virtual void interface_disappeared(Info const& interface);
 
-    /// The kernel has told the status of an interface: at the beginning and with every change.
+    /// The kernel has reported the status of an interface: at the beginning and with every change.
     virtual void interface_status(Info const& interface);
 
-    /// An address has been added.
+    /// An address was added.
     virtual void address_appeared(AddrInfo const& address, Info const& interface);
 
-    /// An address was removed, or is going with its interface; it is still in the list.
+    /// An address was removed, or is removed with its interface. It is still in the list.
     virtual void address_disappeared(AddrInfo const& address, Info const& interface);
 
-    /// An address can be used: it was added to an interface that is up, or its interface has come up.
+    /// An address can be used: it was added to an interface that is up, or its interface is up now.
     virtual void address_operable(AddrInfo const& address, Info const& interface);
 
-    /// An address that could be used cannot be any more.
+    /// An address that was operable can no longer be used.
     virtual void address_inoperable(AddrInfo const& address, Info const& interface);
 };
 

@@ -9,37 +9,38 @@
 
 namespace vesk {
 
-/// A network interface by its name, and what a `NetDeviceMonitor` knows of one.
+/// The index of a network interface, found by its name, and the data types of `NetDeviceMonitor`.
 ///
 ///     vesk::NetworkInterface const loopback("lo");
 ///     if (loopback.getIndex() == 0) { ... }            // There is none of that name.
 class VESK_API NetworkInterface {
 public:
-    /// An address of an interface, with what belongs to it. A plain value.
+    /// An address of an interface, with its netmask and peer. A plain value.
     struct AddrInfo {
-        NetworkAddress address; ///< The address; that of the link, too, is one of its addresses.
-        NetworkAddress netmask; ///< The mask of its prefix. None for an address of the link.
-        NetworkAddress peer;    ///< The broadcast address, or that of the far end; see `NetDeviceMonitor`.
+        NetworkAddress address; ///< The address; the link address of the interface counts as an address.
+        NetworkAddress netmask; ///< The netmask of its prefix. No address for a link address.
+        NetworkAddress peer;    ///< The broadcast address, or that of the other end; see `NetDeviceMonitor`.
     };
 
     /// An interface with its addresses. A plain value.
     struct Info {
-        uint32_t index = 0;            ///< The kernel's number for it.
-        std::string name;              ///< The name under which it was first seen.
-        int mtu = 0;                   ///< The longest packet, in bytes.
-        bool up = false;               ///< The kernel has told its status; stays so.
-        bool operable = false;         ///< Comes with `up`.
-        bool broadcast = false;        ///< Can reach all at once (`IFF_BROADCAST`).
-        bool point_to_point = false;   ///< Has one far end (`IFF_POINTOPOINT`).
-        bool loopback = false;         ///< Leads back to the machine itself (`IFF_LOOPBACK`).
-        std::list<AddrInfo> addresses; ///< In the order of their arrival.
+        uint32_t index = 0;            ///< The kernel's index of it.
+        std::string name;              ///< The name that was reported first.
+        int mtu = 0;                   ///< The largest packet in bytes.
+        bool up = false;               ///< The kernel has reported its status; stays true.
+        bool operable = false;         ///< Set together with `up`.
+        bool broadcast = false;        ///< Supports broadcast (`IFF_BROADCAST`).
+        bool point_to_point = false;   ///< Has a single other end (`IFF_POINTOPOINT`).
+        bool loopback = false;         ///< Is a loopback to the machine itself (`IFF_LOOPBACK`).
+        std::list<AddrInfo> addresses; ///< In the order in which they were reported.
     };
 
-    /// Looks the name up (`if_nametoindex`), in the network namespace of the calling thread. Does not block for long, and
-    /// reports nothing.
+    /// Looks up the name in the network namespace of the calling thread (`if_nametoindex`). Does not block.
+    /// Reports nothing.
     explicit NetworkInterface(std::string const& name);
 
-    /// The kernel's number for the interface at the moment of the construction; 0 if no interface had the name.
+    /// Returns the kernel's index of the interface at the time of the construction; 0 if no interface had the
+    /// name.
     uint32_t getIndex() const noexcept { return m_index; }
 
 private:

@@ -4,42 +4,46 @@
 
 namespace vesk {
 
-/// Whole Ethernet frames of all protocols, from one network device or from all of them:
+/// A socket for whole Ethernet frames of all protocols, on a single network device or on all of them:
 ///
 ///     vesk::RawSocket socket(true, 0, 0);
 ///     if (socket.open("eth0")) { ... }
 ///     int const result = socket.read(frame, sizeof frame, size); // one frame, cut to the room
 ///     socket.close();
 ///
-/// One read takes one frame: give it room for a whole one, also when a read buffer is used. One write sends one frame,
-/// headers included, which needs an unbuffered socket of one device. A read or write of 0 bytes takes or sends none. The
-/// process needs the right to packet sockets.
+/// Each read takes a single frame: give it room for a whole frame, also when a read buffer is used. Each
+/// write sends a single frame, headers included. Writing needs an unbuffered socket of a single device. A
+/// read or write of 0 bytes does nothing. The process needs the permission to open packet sockets
+/// (`CAP_NET_RAW`).
 ///
-/// A socket that is open must be closed before it is destroyed. See `Socket` for states and threads.
+/// An open socket must be closed before it is destroyed. See `Socket` for states and threads.
 class VESK_API RawSocket : public Socket {
 public:
-    /// Makes an `INACTIVE` socket without a descriptor. It is invalid, with `CommonErrorId::OUT_OF_MEMORY` pending, if there is no memory
-    /// for a buffer.
-    /// @param blocking      the blocking mode of the stream; the descriptor itself always waits
+    /// Creates an `INACTIVE` socket without a descriptor. Without memory for a buffer it is invalid, with
+    /// `CommonErrorId::OUT_OF_MEMORY` pending.
+    /// @param blocking      the blocking mode of the stream; the descriptor itself always blocks
     /// @param read_buffer   bytes to read ahead; 0: unbuffered
     /// @param write_buffer  bytes to collect before they are sent; 0: unbuffered
     RawSocket(bool blocking, unsigned int read_buffer, unsigned int write_buffer);
 
-    /// Closes what is left; an open socket after an assertion.
+    /// Closes a descriptor that is left. Asserts that the socket is not open, and closes an open one
+    /// afterwards.
     ~RawSocket() override;
 
-    /// Opens the socket (`socket`, not closed by `exec`, then `ioctl` and `bind` for one device). Frames of other devices
-    /// that come between are delivered too.
-    /// @param device  the name of a device; null: all devices. Names of devices have at most 15 bytes. Of a longer name only
-    ///                the first 15 bytes count: it opens the device of that shorter name if there is one. A caller with
-    ///                names from outside compares the length with `IFNAMSIZ` first.
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for an invalid or `DEAD` object, and for one that is open, which stays as
-    ///         it is; `SysErrorId::PERMISSION_DENIED` without the right, else 19, the socket being `INACTIVE` still; `SysErrorId::NO_DEVICE` for a
-    ///         device that does not exist, else 19, the socket being `DEAD` then
+    /// Opens the socket (`socket`, not close-on-exec; then `ioctl` and `bind` for a single device). Frames of
+    /// other devices that arrive between these calls are delivered as well.
+    /// @param device  the name of a device; null: all devices. Names of devices have at most 15 bytes. Only
+    ///                the first 15 bytes of a longer name count: it opens the device of that shorter name if
+    ///                it exists. A caller with names from outside compares the length with `IFNAMSIZ` first.
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for an invalid or `DEAD` object, and for an
+    ///         open one, which is unchanged. If the descriptor cannot be created,
+    ///         `SysErrorId::PERMISSION_DENIED` without the permission, otherwise `SysErrorId::UNCLASSIFIED`;
+    ///         the socket is still `INACTIVE`. Afterwards `SysErrorId::NO_DEVICE` for a device that does not
+    ///         exist, otherwise `SysErrorId::UNCLASSIFIED`; the socket is `DEAD`
     bool open(char const* device);
 
-    /// Closes the descriptor (`close`, once). The socket is `DEAD` afterwards, also on failure; without a descriptor it
-    /// stays what it is.
+    /// Closes the descriptor (`close`, not repeated). The socket is `DEAD` afterwards, even on failure.
+    /// Without a descriptor the state is unchanged and the result false.
     /// @return true on failure: `SysErrorId::UNCLASSIFIED`
     bool close();
 };

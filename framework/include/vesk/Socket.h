@@ -12,8 +12,10 @@
 
 namespace vesk {
 
-/// The root of all sockets: one descriptor of the system as a binary stream, with a state. A subclass makes the
-/// descriptor, connects or binds it, and closes it; any of them is read and written as the stream that it is:
+/// The base class of all sockets: a descriptor of the system as a binary stream, with a state.
+///
+/// A subclass creates the descriptor, connects or binds it, and closes it. Every socket is read and written
+/// as a stream:
 ///
 ///     vesk::Socket& socket = connection;
 ///     if (socket.write(request, size, written) != 1 || socket.flush(false)) { ... }
@@ -22,19 +24,20 @@ namespace vesk {
 ///         std::ErrorStorage::ack(); // The end is reported, and hadError() is true.
 ///     }
 ///
-/// A socket is `INACTIVE` until it is connected, bound or adopted, then `OPEN`, and `DEAD` once it is closed. Nothing
-/// returns it from there: make a new object. Only `close` changes the state of an open socket: a peer's end, a reset and
-/// a time-out fail the operation that meets them.
+/// A socket is `INACTIVE` until it is connected, starts to listen, is opened or adopts a connection. Then it
+/// is `OPEN`, and `DEAD` once it is closed. No operation reopens a `DEAD` socket: create a new object. Only
+/// `close` changes the state of an open socket. The end of the peer, a reset or a time-out only makes the
+/// current operation fail.
 ///
-/// Whether an operation waits is a property of the descriptor, decided by the constructor's `blocking`. There is no limit of
-/// time: use `selectSockets`, or `Poller` with `getSocketFd`.
+/// The descriptor's mode decides whether an operation blocks; the constructor's `blocking` sets it.
+/// Operations have no time limit: use `selectSockets`, or `Poller` with `getSocketFd`.
 ///
-/// A socket belongs to one thread at a time, with one exception: one thread may read while another one writes. Both then
-/// set `hadError`, which tells the outcome of either.
+/// A socket must be used by one thread at a time, with one exception: one thread may read while another one
+/// writes. Both then set `hadError`, which holds the outcome of the last operation of either thread.
 class VESK_API Socket : private tarnbase::NonCopyable, public std::IBinInOutStream {
 public:
-    /// Failures of sockets; the parent is `SysError`. The argument is the text of `SystemError`, unless an operation says
-    /// otherwise.
+    /// The family of socket failures. Its parent is `SysError`. The argument is the text of `SystemError`,
+    /// unless an operation says otherwise.
     static std::ErrorType const Error;
 
     /// The reports of `Error`.
@@ -62,102 +65,131 @@ public:
     enum State : uint32_t {
         INACTIVE = 0, ///< Neither bound nor connected; there may be a descriptor.
         OPEN = 1,     ///< Ready for traffic, or listening.
-        DEAD = 2,     ///< Closed, for good.
+        DEAD = 2,     ///< Closed permanently.
     };
 
-    /// Asserts that a valid socket was closed: "m_socket_handle.socket_fd == INVALID_SOCKET_FD" and "m_socket_state ==
-    /// DEAD". Every class with a constructor of its own closes in its destructor, before this one runs.
+    /// Asserts that a valid socket is closed: "m_socket_handle.socket_fd == INVALID_SOCKET_FD" and
+    /// "m_socket_state == DEAD". Every subclass with a constructor of its own closes the socket in its
+    /// destructor, which runs before this one.
     ~Socket() override;
 
-    /// Whether the socket can be used: it has the buffers that it was made for, its constructor succeeded, and it is not
-    /// `DEAD`.
+    /// Returns whether the socket can be used: its buffers were allocated, its constructor succeeded, and it
+    /// is not `DEAD`.
     bool isValid() const override;
 
-    /// Whether the last operation on this object failed, for those whose result cannot say it. Operations that report
-    /// through it clear it when they begin.
+    /// Returns whether the last operation on this object failed, for operations with a result that cannot
+    /// express it. Operations that report through it clear it when they begin.
     bool hadError() const noexcept { return m_had_error; }
 
     State getState() const noexcept { return m_socket_state; }
 
-    /// The descriptor, for `Poller` and for calls that no class of this library makes; -1 if there is none. It stays this
-    /// object's.
+    /// Returns the descriptor, for `Poller` and for system calls that this library does not wrap; -1 if there
+    /// is none. The object keeps the ownership.
     int getSocketFd() const noexcept { return m_socket_handle.socket_fd; }
 
-    /// Whether there is no descriptor: true then, with `hadError` set, after `ErrorId::INVALID_SOCKET` with the text of whatever `errno`
-    /// is. Works in every state.
+    /// Returns true if there is no descriptor, after it has set `hadError` and reported
+    /// `ErrorId::INVALID_SOCKET` with the text of the current `errno`. Works in every state.
     bool checkValidSocket() const;
 
-    /// Set the size of the system's buffer for what is sent or received (`setsockopt`, `SO_SNDBUF` and `SO_RCVBUF`). The
-    /// system raises small sizes to its minimum and cuts large ones to its limit.
+    /// Sets the size of the system's send or receive buffer (`setsockopt`, `SO_SNDBUF` and `SO_RCVBUF`). The
+    /// system raises small sizes to its minimum and limits large ones to its maximum.
     /// @param bytes  the size
-    /// @return true on failure: `ErrorId::INVALID_SOCKET` without a descriptor or for one that is no socket; `SysErrorId::INVALID_PATH` for a value
-    ///         that the system refuses; `ErrorId::UNKNOWN_OPTION` for an option that it does not know; else `SysErrorId::UNCLASSIFIED`
+    /// @return true on failure: `ErrorId::INVALID_SOCKET` without a descriptor or for one that is not a
+    ///         socket; `SysErrorId::INVALID_PATH` for a value that the system rejects;
+    ///         `ErrorId::UNKNOWN_OPTION` for an option that it does not know; otherwise
+    ///         `SysErrorId::UNCLASSIFIED`
     bool setSendBuffer(unsigned int bytes);
     bool setRecvBuffer(unsigned int bytes);
 
-    /// The size of the system's buffer that was granted, in bytes (`getsockopt`). The system keeps its own account in
-    /// twice that memory; the half is told here.
-    /// @return 0 on failure, with `hadError` set: `ErrorId::INVALID_SOCKET` without a descriptor or for one that is no socket; `SysError`
-    ///         7 without the right; `ErrorId::UNKNOWN_OPTION` for an unknown option; `SysErrorId::OUT_OF_MEMORY` without memory; else `SysErrorId::UNCLASSIFIED`
+    /// Returns the granted size of the system's send or receive buffer in bytes (`getsockopt`). The system
+    /// reports twice that size, which includes its bookkeeping; this is half of it.
+    /// @return 0 on failure, with `hadError` set: `ErrorId::INVALID_SOCKET` without a descriptor or for one
+    ///         that is not a socket; `SysErrorId::PERMISSION_DENIED` without the permission;
+    ///         `ErrorId::UNKNOWN_OPTION` for an unknown option; `SysErrorId::OUT_OF_MEMORY` without memory;
+    ///         otherwise `SysErrorId::UNCLASSIFIED`
     unsigned int getSendBuffer() const;
     unsigned int getRecvBuffer() const;
 
-    /// Waits until some of the sockets are ready (`select`, repeated with what is left of the time while a signal
-    /// interrupts it), and removes the others from the sets.
+    /// Blocks until at least one of the sockets is ready, and removes all others from the sets (`select`,
+    /// repeated with the remaining time while a signal interrupts it).
     ///
-    /// Only the descriptors are looked at: what waits in a socket's read buffer does not make it ready, so read until nothing is
-    /// left before. Descriptors of 1024 (`FD_SETSIZE`) and more end the process: `Poller` has no such limit.
+    /// Only the descriptors are examined. Data in a socket's read buffer does not make it ready, so read
+    /// until nothing is left before. A descriptor of 1024 (`FD_SETSIZE`) or more ends the process; `Poller`
+    /// has no such limit.
     ///
-    /// @param read         sockets with something to read, a connection to accept, or an end
-    /// @param write        sockets that would take data, or whose connection has been made
+    /// @param read         sockets with data to read, a connection to accept, or an end of the connection
+    /// @param write        sockets that accept data or have completed a connection
     /// @param except       sockets with out-of-band data
-    /// @param timeout_ms   how long to wait, in milliseconds of real time that no clock change disturbs
-    /// @param use_timeout  false: wait without a limit, also for three empty sets
-    /// @return how often a socket is left in a set; 0 after the time, the sets being empty then; -1 on failure: `ErrorId::INVALID_SOCKET`
-    ///         for a null pointer and for a socket without a descriptor, the sets being unchanged; `SysErrorId::OUT_OF_MEMORY` without
-    ///         memory, 10 for a descriptor that was closed behind the socket's back, else 19, the sets being empty
+    /// @param timeout_ms   the time limit in milliseconds of real time; changes of the clock do not affect it
+    /// @param use_timeout  false: waits without a limit, even if all three sets are empty
+    /// @return the number of sockets left in the sets, where a socket counts once for each set; 0 when the
+    ///         time has run out, with empty sets; -1 on failure: `ErrorId::INVALID_SOCKET` for a null pointer
+    ///         and for a socket without a descriptor, with unchanged sets; with empty sets
+    ///         `SysErrorId::OUT_OF_MEMORY` without memory, `SysErrorId::SPOILED_INTEGRITY` for a descriptor
+    ///         that was closed without the socket, otherwise `SysErrorId::UNCLASSIFIED`
     static int selectSockets(
         std::set<Socket const*>& read, std::set<Socket const*>& write, std::set<Socket const*>& except,
         unsigned int timeout_ms, bool use_timeout);
 
 protected:
-    /// Makes an `INACTIVE` socket without a descriptor. It is invalid, with `CommonErrorId::OUT_OF_MEMORY` pending, if there is no memory
-    /// for a buffer.
-    /// @param blocking      whether operations wait
+    /// Creates an `INACTIVE` socket without a descriptor. Without memory for a buffer the socket is invalid,
+    /// with `CommonErrorId::OUT_OF_MEMORY` pending.
+    /// @param blocking      whether operations block
     /// @param read_buffer   bytes to read ahead; 0: unbuffered
     /// @param write_buffer  bytes to collect before they are sent; 0: unbuffered
     Socket(bool blocking, unsigned int read_buffer, unsigned int write_buffer);
 
-    /// Receives once (`recv`, repeated while a signal interrupts it). With a `size` of 0 it succeeds on an open socket at
-    /// once, without a system call.
+    /// Receives once (`recv`, repeated while a signal interrupts it). With a `size` of 0 it succeeds on an
+    /// open socket immediately, without a system call.
     ///
-    /// Nothing there on a descriptor that does not wait is success with a count of 0. Failures put a `StreamError` on top:
-    /// `CommonErrorId::CONTRACT_BROKEN` if the socket is not open (0, `read` untouched); `ErrorId::CONNECTION_CLOSED` with "Connection closed normally" for
-    /// the peer's orderly end (2); `ErrorId::MESSAGE_TOO_BIG` for a system that gave more than `size`, `hadError` staying false (1); `Error`
-    /// 6 for a reset (0); `ErrorId::INVALID_SOCKET` for `EINVAL` (0); `SysErrorId::SPOILED_INTEGRITY` for `EIO`,
-    /// `EBADF`, `ENOTSOCK` and `EOPNOTSUPP` (0); `ErrorId::PEER_UNREACHABLE` for `ENOTCONN` and `ECONNREFUSED` (0); `ErrorId::COMMUNICATION_FAILED` for a
-    /// time-out (1); `SysErrorId::RESOURCES_EXHAUSTED` or 1 for `ENOBUFS` or `ENOMEM` (1); else `SysErrorId::UNCLASSIFIED` (4).
+    /// If a non-blocking descriptor has no data, it succeeds with a count of 0. A failure is reported as a
+    /// cause with a `StreamErrorId` on top, and sets `hadError` except for `ErrorId::MESSAGE_TOO_BIG`:
+    ///
+    /// | failure | cause | on top |
+    /// |---|---|---|
+    /// | the socket is not open; `read` is unchanged | `CommonErrorId::CONTRACT_BROKEN` | `UNUSABLE` |
+    /// | the peer has closed the connection in order | `ErrorId::CONNECTION_CLOSED` with "Connection closed normally" | `END_OF_STREAM` |
+    /// | the system returned more than `size` bytes | `ErrorId::MESSAGE_TOO_BIG` | `TRANSFER_FAILED` |
+    /// | `ECONNRESET` | `ErrorId::CONNECTION_RESET` | `UNUSABLE` |
+    /// | `EINVAL` | `ErrorId::INVALID_SOCKET` | `UNUSABLE` |
+    /// | `EIO`, `EBADF`, `ENOTSOCK`, `EOPNOTSUPP` | `SysErrorId::SPOILED_INTEGRITY` | `UNUSABLE` |
+    /// | `ENOTCONN`, `ECONNREFUSED` | `ErrorId::PEER_UNREACHABLE` | `UNUSABLE` |
+    /// | `ETIMEDOUT` | `ErrorId::COMMUNICATION_FAILED` | `TRANSFER_FAILED` |
+    /// | `ENOBUFS` | `SysErrorId::RESOURCES_EXHAUSTED` | `TRANSFER_FAILED` |
+    /// | `ENOMEM` | `SysErrorId::OUT_OF_MEMORY` | `TRANSFER_FAILED` |
+    /// | any other | `SysErrorId::UNCLASSIFIED` | `UNCLASSIFIED` |
     bool performRead(void* buffer, unsigned int size, unsigned int& read) override;
 
-    /// Sends once (`send` without `SIGPIPE`, repeated while a signal interrupts it). A short count is success. With a `size`
-    /// of 0 it succeeds on an open socket at once, without a system call.
+    /// Sends once (`send` without `SIGPIPE`, repeated while a signal interrupts it). A short count is
+    /// success. With a `size` of 0 it succeeds on an open socket immediately, without a system call.
     ///
-    /// No room on a descriptor that does not wait is success with a count of 0; if the stream is to wait all the same, that is
-    /// told when there is room again. Failures put a `StreamError` on top:
-    /// `CommonErrorId::CONTRACT_BROKEN` if the socket is not open (0, `written` untouched); `SysErrorId::PERMISSION_DENIED` for `EPERM` and `EACCES` (0);
-    /// `SysErrorId::SPOILED_INTEGRITY` for `EIO`, `EBADF`, `ENOTSOCK`, `EOPNOTSUPP` and `ENOTCONN` (0); `ErrorId::INVALID_SOCKET` for a connection that is
-    /// closed (0); `ErrorId::ADDRESS_INVALID` for `EDESTADDRREQ` (0); `ErrorId::NETWORK_UNAVAILABLE` for a network that is down or has no way (0); `ErrorId::CONNECTION_RESET` for
-    /// a reset (0); `ErrorId::MESSAGE_TOO_BIG` for a message that is too big (1); `SysErrorId::RESOURCES_EXHAUSTED` for `ENOBUFS` (1); else `SysErrorId::UNCLASSIFIED` (4).
+    /// If a non-blocking descriptor has no room, it succeeds with a count of 0. If the stream is blocking
+    /// nevertheless, it first waits until there is room again. A failure is reported as a cause with a
+    /// `StreamErrorId` on top, and sets `hadError`:
+    ///
+    /// | failure | cause | on top |
+    /// |---|---|---|
+    /// | the socket is not open; `written` is unchanged | `CommonErrorId::CONTRACT_BROKEN` | `UNUSABLE` |
+    /// | `EPERM`, `EACCES` | `SysErrorId::PERMISSION_DENIED` | `UNUSABLE` |
+    /// | `EIO`, `EBADF`, `ENOTSOCK`, `EOPNOTSUPP`, `ENOTCONN` | `SysErrorId::SPOILED_INTEGRITY` | `UNUSABLE` |
+    /// | `EPIPE`: the connection is closed | `ErrorId::INVALID_SOCKET` | `UNUSABLE` |
+    /// | `EDESTADDRREQ` | `ErrorId::ADDRESS_INVALID` | `UNUSABLE` |
+    /// | `ENETDOWN`, `ENETUNREACH` | `ErrorId::NETWORK_UNAVAILABLE` | `UNUSABLE` |
+    /// | `ECONNRESET` | `ErrorId::CONNECTION_RESET` | `UNUSABLE` |
+    /// | `EMSGSIZE` | `ErrorId::MESSAGE_TOO_BIG` | `TRANSFER_FAILED` |
+    /// | `ENOBUFS` | `SysErrorId::RESOURCES_EXHAUSTED` | `TRANSFER_FAILED` |
+    /// | any other | `SysErrorId::UNCLASSIFIED` | `UNCLASSIFIED` |
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override;
 
-    /// Does nothing: the system sends by itself.
+    /// Does nothing: the system transmits sent data without a flush.
     bool performFlush() override;
 
-    /// Ends a send for which the system has no room now. A stream that waits on a descriptor that does not, since another
-    /// owner has changed it, waits here (`poll`); otherwise a flush that is under way fails, which `m_had_error` tells.
+    /// Completes a send for which the system has no room now. A blocking stream on a non-blocking descriptor,
+    /// which another owner of it has changed to that mode, waits here for room (`poll`). On a non-blocking
+    /// stream it sets `m_had_error` if a flush is in progress, which then fails.
     __attribute__((visibility("hidden"))) void endWithoutRoom();
 
-    /// The bool result of an operation of which `m_had_error` tells more. Gives true.
+    /// Sets `m_had_error` and returns true, the result of a failed operation.
     bool fail() const noexcept {
         m_had_error = true;
         return true;
@@ -167,7 +199,7 @@ protected:
     struct {
         int socket_fd = INVALID_SOCKET_FD;
     } m_socket_handle;
-    bool m_object_valid = false; ///< The buffers are there, and no constructor has failed.
+    bool m_object_valid = false; ///< The buffers are allocated, and no constructor has failed.
     State m_socket_state = INACTIVE;
 
 private:

@@ -19,87 +19,99 @@ namespace vesk {
 ///     if (socket.read(telegram, sizeof telegram, count) != 1) { ... }
 ///     socket.close(false);
 ///
-/// The peer's address alone decides how it works.
+/// The peer's address selects one of two modes.
 ///
-/// *Unicast*: `open` connects the socket to the peer. It receives from nobody else, and is told when the peer refuses a
-/// datagram: by the next `read` or `write`, which fails in its place.
+/// *Unicast*: `open` connects the socket to the peer. It receives from this peer only. When the peer refuses
+/// a datagram, the next `read` or `write` fails.
 ///
-/// *Multicast*: `open` joins the group, and `write` sends to it. Anybody's datagrams to the group and the local port are
-/// received, if the local address is not that of an interface: the system delivers to a bound address only what was sent
-/// to it. Of IPv4 these are all peers from 224.0.0.0 up to 255.255.255.255, also those that are no groups; of IPv6 those
-/// whose text begins with "ff0", any other group being taken for a single peer. The interface is named by the local address:
+/// *Multicast*: `open` joins the group, and `write` sends to it. Datagrams of any sender to the group and the
+/// local port are received, unless the local address is that of an interface: the system delivers to a bound
+/// address only what was sent to that address. For IPv4, all peers from 224.0.0.0 to 255.255.255.255 are
+/// groups here, even those that are none. For IPv6, a peer with a text that begins with "ff0" is a group; any
+/// other group is treated as a unicast peer. The local address selects the interface:
 ///
 /// | local address | sends and joins on | receives |
 /// |---|---|---|
-/// | any address | what the route to the group says | yes |
-/// | address of an interface, of IPv6 with its scope ("fe80::1%eth0") | that interface | only what is sent to that address |
+/// | any address | the interface of the route to the group | yes |
+/// | address of an interface, for IPv6 with its scope ("fe80::1%eth0") | that interface | only what is sent to that address |
 /// | IPv6: any address with the index of an interface ("::%2"), group with its name ("ff02::1:3%eth0") | that interface | yes |
 ///
 /// The system leaves the group when the socket is closed.
 ///
-/// A stream without buffers sends a datagram with each `write`. With a write buffer a datagram is what the buffer holds when
-/// it is full or flushed. Each `read` that reaches the system takes one datagram and drops what of it does not fit. A `write`
-/// of 0 bytes sends nothing, and a `read` of 0 bytes takes nothing: empty datagrams cannot be sent. There is no end of such
-/// a stream, but an empty datagram that a peer sends reads as one.
+/// An unbuffered stream sends a datagram with each `write`. With a write buffer, a datagram is the content of
+/// the buffer when it is full or flushed. Each `read` that reaches the system takes one datagram and drops
+/// the rest that does not fit. A `write` of 0 bytes sends nothing, and a `read` of 0 bytes takes nothing:
+/// empty datagrams cannot be sent. Such a stream has no end, but an empty datagram of a peer is read as an
+/// end.
 ///
 /// See `Socket` for threads, and `IPSocket` for closing.
 class VESK_API UDPSocket : public IPSocket {
 public:
-    /// What fits into one datagram, in bytes: what IP allows without the headers of IP and UDP.
+    /// The largest payload of a datagram in bytes: the limit of IP without the headers of IP and UDP.
     VESK_API_INLINE static constexpr uint32_t MAX_TEL_SIZE = 65507;
 
-    /// Makes a socket that is neither bound nor connected (`socket`, closed by `exec`). Both addresses are resolved, see
-    /// `IPSocket`.
+    /// Creates a socket that is neither bound nor connected (`socket`, close-on-exec). Resolves both
+    /// addresses, see `IPSocket`.
     ///
-    /// It is invalid after a failure, which stays reported: what the addresses report; `SysErrorId::RESOURCES_EXHAUSTED` without a descriptor
-    /// left, 7 without the right, 1 without memory; `ErrorId::CREATE_FAILED` for a protocol that the system does not have; else
-    /// `SysErrorId::UNCLASSIFIED`.
-    /// @param blocking      whether reading, writing and connecting wait
-    /// @param read_buffer   bytes to read ahead, enough for a datagram or what does not fit is lost; 0: unbuffered
+    /// After a failure, which stays reported, it is invalid: the reports of the resolver;
+    /// `SysErrorId::RESOURCES_EXHAUSTED` without a descriptor; `SysErrorId::PERMISSION_DENIED` without the
+    /// permission; `SysErrorId::OUT_OF_MEMORY` without memory; `ErrorId::CREATE_FAILED` for a protocol that
+    /// the system does not support; otherwise `SysErrorId::UNCLASSIFIED`.
+    /// @param blocking      whether reading, writing and connecting block
+    /// @param read_buffer   bytes to read ahead, at least the size of a datagram, since the rest of a longer
+    ///                      one is lost; 0: unbuffered
     /// @param write_buffer  bytes to collect into one datagram, up to `MAX_TEL_SIZE`; 0: unbuffered
-    /// @param local         where to receive; with multicast it names the interface
-    /// @param peer          the one peer, or the group
+    /// @param local         the address to receive at; with multicast it selects the interface
+    /// @param peer          the peer, or the group
     /// @param version       of both addresses
     UDPSocket(
         bool blocking, unsigned int read_buffer, unsigned int write_buffer, IPAddress const& local,
         IPAddress const& peer, IPProtocolVersion version);
 
-    /// Hands over to the destructor of `IPSocket`: a socket that is `OPEN` must be closed before.
+    /// Destroys the socket as `IPSocket` does: an `OPEN` socket must be closed before.
     ~UDPSocket() override;
 
-    /// Binds the local address, and connects the socket to its peer or joins the group. It is `OPEN` then. `hadError` tells
-    /// of a failure:
+    /// Binds the local address, and connects the socket to its peer or joins the group. The socket is `OPEN`
+    /// then. `hadError` returns whether it failed:
     ///
-    /// | report | socket | for |
+    /// | report | state | reason |
     /// |---|---|---|
-    /// | `CommonErrorId::CONTRACT_BROKEN` | as it was | a socket that is not `INACTIVE` |
-    /// | `SysErrorId::SPOILED_INTEGRITY`, 1, 7, 0, 19, `ErrorId::ADDRESS_IN_USE` or 5 | `DEAD` | an address that cannot be bound (`bind`) |
-    /// | `ErrorId::INVALID_SOCKET`, `SysErrorId::INVALID_PATH`, `ErrorId::UNKNOWN_OPTION`, `SysErrorId::UNCLASSIFIED` | `INACTIVE` | a group that cannot be shared or joined (`setsockopt`) |
+    /// | `CommonErrorId::CONTRACT_BROKEN` | unchanged | the socket is not `INACTIVE` |
+    /// | `CommonErrorId::INVALID_ARGUMENT`, after an assertion | `DEAD` | the socket has no descriptor |
+    /// | `ErrorId::ADDRESS_IN_USE`, `ErrorId::ADDRESS_INVALID`, `SysErrorId::PERMISSION_DENIED`, `SysErrorId::OUT_OF_MEMORY`, `SysErrorId::RESOURCES_EXHAUSTED`, `SysErrorId::SPOILED_INTEGRITY`, `SysErrorId::UNCLASSIFIED` | `DEAD` | the address cannot be bound (`bind`) |
+    /// | `ErrorId::INVALID_SOCKET`, `SysErrorId::INVALID_PATH`, `ErrorId::UNKNOWN_OPTION`, `SysErrorId::UNCLASSIFIED` | `INACTIVE` | the group cannot be shared or joined (`setsockopt`) |
     ///
-    /// A socket that cannot be connected is `OPEN` all the same, since its peer may become reachable: there is a warning,
-    /// and `hadError` stays false, while what `connect` reported stays pending: acknowledge it.
+    /// A socket that cannot be connected is `OPEN` nevertheless, since its peer may become reachable later.
+    /// In this case there is a warning, `hadError` stays false, and the report of `connect` stays pending:
+    /// acknowledge it.
     void open();
 
-    /// Whether datagrams may go to the broadcast address (`getsockopt`, `SO_BROADCAST`). IPv6 has none: always false.
-    /// @return false also on failure, with `hadError` set: `ErrorId::INVALID_SOCKET` without a descriptor or for one that is no socket;
-    ///         `SysErrorId::PERMISSION_DENIED` without the right; `ErrorId::UNKNOWN_OPTION` for an unknown option; `SysErrorId::OUT_OF_MEMORY` without memory; else 19
+    /// Returns whether datagrams may be sent to the broadcast address (`getsockopt`, `SO_BROADCAST`). IPv6
+    /// has no broadcast: always false.
+    /// @return also false on failure, with `hadError` set: `ErrorId::INVALID_SOCKET` without a descriptor or
+    ///         for one that is not a socket; `SysErrorId::PERMISSION_DENIED` without the permission;
+    ///         `ErrorId::UNKNOWN_OPTION` for an unknown option; `SysErrorId::OUT_OF_MEMORY` without memory;
+    ///         otherwise `SysErrorId::UNCLASSIFIED`
     bool getBroadcast() const;
 
-    /// Allows or forbids datagrams to the broadcast address (`setsockopt`, `SO_BROADCAST`). Does nothing with IPv6. The peer
-    /// may be the broadcast address of an interface's network if it is allowed before `open`; who wants to receive such
-    /// datagrams binds that address.
+    /// Permits or forbids datagrams to the broadcast address (`setsockopt`, `SO_BROADCAST`). Does nothing
+    /// with IPv6. If it is permitted before `open`, the peer may be the broadcast address of an interface's
+    /// network. To receive such datagrams, bind that address.
     ///
-    /// `hadError` tells of a failure: `ErrorId::INVALID_SOCKET` without a descriptor or for one that is no socket; `SysErrorId::INVALID_PATH` for a
-    /// value that the system refuses; `ErrorId::UNKNOWN_OPTION` for an unknown option; else `SysErrorId::UNCLASSIFIED`.
+    /// `hadError` returns whether it failed: `ErrorId::INVALID_SOCKET` without a descriptor or for one that
+    /// is not a socket; `SysErrorId::INVALID_PATH` for a value that the system rejects;
+    /// `ErrorId::UNKNOWN_OPTION` for an unknown option; otherwise `SysErrorId::UNCLASSIFIED`.
     void setBroadcast(bool on);
 
-    /// The largest datagram that can be sent: what the system's buffer holds, and `MAX_TEL_SIZE` at most. 0, with
-    /// `hadError` set and nothing reported, if the system does not tell or the socket is closed.
+    /// Returns the size of the largest datagram that can be sent, in bytes: the size of the system's send
+    /// buffer, at most `MAX_TEL_SIZE`. Returns 0, with `hadError` set and no report pending, if the system
+    /// call fails or the socket is closed.
     unsigned int maxTxSize() const override;
 
 protected:
-    /// Sends one datagram: as `Socket` does, but to a group with `sendto`. The same failures are reported; one that `Socket`
-    /// has only `SysErrorId::UNCLASSIFIED` for reports `StreamErrorId::UNCLASSIFIED` alone.
+    /// Sends one datagram as `Socket` does, but to a group with `sendto`. Reports the same failures, with one
+    /// exception for a group: a failure that `Socket` reports as `SysErrorId::UNCLASSIFIED` is
+    /// `StreamErrorId::UNCLASSIFIED` without a cause.
     bool performWrite(void const* buffer, unsigned int size, unsigned int& written) override;
 
 private:

@@ -9,80 +9,83 @@
 
 namespace vesk {
 
-/// The root of the sockets that connect processes of one machine: a stream socket with a name that is a file, or a name of
-/// its own kind that needs no file.
+/// The base class of the sockets that connect processes of one machine: a stream socket named either by a
+/// file or by an abstract name, which needs no file.
 ///
-/// A file appears when the name is bound, by `UnixServerSocket::enableListen` or `UnixSocket::connect`, and `close` of the
-/// socket that bound it removes it. A process that ends without closing leaves its file behind, and nobody can bind that
-/// name until it is removed. An abstract name goes with its last socket; who may connect to it is not limited by any
-/// permissions, so ask for the peer's credentials.
+/// The file is created when the name is bound, by `UnixServerSocket::enableListen` or `UnixSocket::connect`.
+/// `close` of the socket that bound it removes it. A process that ends without closing leaves its file
+/// behind, and that name cannot be bound until the file is removed. An abstract name disappears with its last
+/// socket. No permissions limit connections to an abstract name, so check the peer's credentials.
 ///
 /// | bytes of the name | path | abstract |
 /// |---|---|---|
-/// | up to 106 | taken | taken |
-/// | 107 | taken | taken, but another name: its first 106 bytes and a zero byte |
-/// | 108 and more | refused | refused |
+/// | up to 106 | used | used |
+/// | 107 | used | used, but as another name: its first 106 bytes and a zero byte |
+/// | 108 and more | rejected | rejected |
 ///
-/// A refused name is `SysErrorId::SPOILED_INTEGRITY` from the operation that binds or connects. The abstract name of 107 bytes is the same for
-/// all names with these first 106 bytes, and `updatePeerAddress` gives it with the zero byte. A peer that binds the whole name
-/// by other means than this library, for which an abstract name of 107 bytes is a valid one, is not reached. So keep
-/// abstract names within 106 bytes.
+/// For a rejected name, the operation that binds or connects reports `SysErrorId::SPOILED_INTEGRITY`. An
+/// abstract name of 107 bytes is the same as every other one with the same first 106 bytes, and
+/// `updatePeerAddress` returns it with the zero byte. Outside this library an abstract name of 107 bytes is
+/// valid; a peer that binds such a name is not reached. So keep abstract names within 106 bytes.
 ///
-/// A socket that is open must be closed before it is destroyed. See `Socket` for threads.
+/// An open socket must be closed before it is destroyed. See `Socket` for threads.
 class VESK_API UnixSocketBase : public Socket {
 public:
     enum NameSpace : uint32_t {
-        ABSTRACT = 0,   ///< A name that is no file and disappears with its last socket.
+        ABSTRACT = 0,   ///< A name without a file, which disappears with its last socket.
         FILESYSTEM = 1, ///< The path of a file.
     };
 
-    /// Closes a socket that was never open; one that is open is closed after an assertion.
+    /// Closes a socket that was never open. Asserts that the socket is not open, and closes an open one
+    /// afterwards.
     ~UnixSocketBase() override;
 
-    /// The names as they were given; empty for none. That of the peer is what the system told last, see
-    /// `updatePeerAddress`.
+    /// Returns a name as it was given; empty for none. The peer's name is the last one that the system
+    /// returned, see `updatePeerAddress`.
     Path const& getLocalPath() const noexcept { return m_local_path; }
     Path const& getPeerPath() const noexcept { return m_peer_path; }
     NameSpace getNameSpace() const noexcept { return m_name_space; }
 
-    /// Closes the descriptor (`close`, repeated while a signal interrupts it), and removes the file of a name that this
-    /// object has bound (`unlink`). Whatever fails, the socket is `DEAD` afterwards.
+    /// Closes the descriptor (`close`, repeated while a signal interrupts it), and removes the file of a name
+    /// that this object has bound (`unlink`). The socket is `DEAD` afterwards, even on failure.
     ///
-    /// What the stream's buffer still holds is not sent: `flush` before.
-    /// @param do_shutdown  whether to end the connection also for other descriptors of it (`shutdown`)
-    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is `DEAD` already; `SysErrorId::SPOILED_INTEGRITY` for a `close` that
-    ///         fails, without a report if the descriptor was not open; `SysErrorId::SPOILED_INTEGRITY` on top of what
-    ///         `FileSys::removeFile` reported
+    /// Discards the content of the stream's write buffer: call `flush` before.
+    /// @param do_shutdown  whether to end the connection for all other descriptors of it as well (`shutdown`)
+    /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is already `DEAD`;
+    ///         `SysErrorId::SPOILED_INTEGRITY` for a `close` that fails, without a report if the descriptor
+    ///         was not open; `SysErrorId::SPOILED_INTEGRITY` on top of the report of `FileSys::removeFile`
     bool close(bool do_shutdown);
 
-    /// Writes the binary form of a name of this socket's kind. A path is cut to 107 bytes, an abstract name to 106. Fails
-    /// never, makes no system call.
+    /// Writes the binary form of a name of this socket's kind. Truncates a path to 107 bytes, an abstract
+    /// name to 106. Cannot fail, and makes no system call.
     /// @param out   must be all zero
-    /// @param path  the name, up to its first zero byte
-    /// @return the length of the address in bytes: 3 more than the whole length of `path`, also if that was cut. The 3 are the
-    ///         family, and the zero before an abstract name or behind a path.
+    /// @param path  the name, used up to its first zero byte
+    /// @return the length of the address in bytes: 3 more than the whole length of `path`, even if it was
+    ///         truncated. The 3 bytes are the family, and the zero before an abstract name or after a path.
     socklen_t prepareAddress(sockaddr_un& out, Path const& path) const;
 
-    /// Asks the system for the name of the peer of an open socket (`getpeername`): the path of a file, or the bytes of an
-    /// abstract name. A peer without a name and a failure leave it as it was; nothing is reported.
+    /// Updates the name of the peer of an open socket (`getpeername`): the path of a file, or the bytes of an
+    /// abstract name. The name is unchanged if the peer has none, or on failure, which is not reported.
     void updatePeerAddress();
 
-    /// Who made the other end of the connection, as the system noted when it was made (`getsockopt`, `SO_PEERCRED`): of a
-    /// client the one who called `connect`, of a server the one who called `enableListen`. A socket that listens tells of
-    /// itself.
-    /// @param uid  the user; `User::BAD_ID` if there is no connection, or on failure, without a report
-    /// @param gid  the group; likewise `Group::BAD_ID`
-    /// @param pid  the process; likewise `ProcessTNG::INVALID_PROCESS_ID`; 0 for one that this process cannot see
+    /// Returns the identity of the process at the other end, as the system recorded it when the connection
+    /// was made (`getsockopt`, `SO_PEERCRED`). If the other end is a client, it is the process that called
+    /// `connect`; if it is the server, the process that called `enableListen`. A listening socket returns its
+    /// own process.
+    /// @param uid  the user; `User::BAD_ID` without a connection or on failure, which is not reported
+    /// @param gid  the group; `Group::BAD_ID` in the same cases
+    /// @param pid  the process; `ProcessTNG::INVALID_PROCESS_ID` in the same cases; 0 for a process that is
+    ///             not visible to this one
     void getPeerCredentials(long long& uid, long long& gid, int& pid) const;
 
 protected:
-    /// Keeps the names; makes no descriptor. See `Socket` for the buffers.
+    /// Stores the names. Does not create a descriptor. See `Socket` for the buffers.
     UnixSocketBase(
         bool blocking, unsigned int read_buffer, unsigned int write_buffer, Path const& local,
         Path const& peer, NameSpace name_space);
 
-    /// The end of a subclass's constructor: makes the descriptor (`socket`, closed by `exec`), one that does not wait unless
-    /// `blocking`. After a failure the socket is invalid and the descriptor closed.
+    /// Creates the descriptor (`socket`, close-on-exec), non-blocking unless `blocking`: the last step of a
+    /// subclass's constructor. After a failure the socket is invalid and the descriptor closed.
     /// @param close_failed  called if that close fails
     void createDescriptor(bool blocking, void (*close_failed)());
 
@@ -95,11 +98,12 @@ protected:
     socklen_t m_peer_length = 0;
     sockaddr_un m_local_binary{};
     sockaddr_un m_peer_binary{};
-    bool m_bound = false; ///< By this object: there may be a file to remove.
+    bool m_bound = false; ///< This object has bound its name: there may be a file to remove.
     NameSpace m_name_space;
 
 private:
-    /// The system copies up to 128 bytes of an address before it refuses its length. They are to be this object's.
+    /// The system copies up to 128 bytes of an address before it rejects its length. These bytes must belong
+    /// to this object.
     [[maybe_unused]] char m_behind_addresses[sizeof(sockaddr_storage) - sizeof(sockaddr_un)] = {};
 };
 

@@ -21,7 +21,7 @@ constexpr char const* SOURCE = "framework/src/vesk/DnsSd";
 using InternalLock = AbortingLock<threadsafe::MutexImpl>;
 using ThreadReference = std::SharedBase::Ptr<DnsSd::DnsSdThread>;
 
-/// Failures of an engine have no synchronous form.
+/// Asserts: a synchronous client cannot return a failure of its engine.
 void assertNoError(int line = __builtin_LINE()) {
     std::GlobalErrorHandler::doAssert(false, "!\"Implement me!\"", SOURCE, line, "error", nullptr);
 }
@@ -53,7 +53,7 @@ DnsSd::DnsSdThread::DnsSdThread()
 
 DnsSd::DnsSdThread::~DnsSdThread() {
     if (m_started) {
-        // The last client ends in here, from its destructor.
+        // The last client reaches this point from its destructor.
         detail::CancellationOff const cancellation_off;
         detail::KeptErrorChain const kept_chain;
         if (m_thread.join()) {
@@ -65,7 +65,7 @@ DnsSd::DnsSdThread::~DnsSdThread() {
     }
 }
 
-// ---- What the clients have in common ----
+// ---- The common part of the clients ----
 
 DnsSd::Engine::~Engine() = default;
 
@@ -83,13 +83,13 @@ DnsSd::Engine* DnsSd::Client::enlist() {
 }
 
 void DnsSd::Client::leave() {
-    // The destructors of the clients call this, and an engine may reach any cancellation point.
+    // Called by the destructors of the clients, and an engine may reach any cancellation point.
     detail::CancellationOff const cancellation_off;
     if (m_engine != nullptr) {
         m_engine->cancel(*this);
         m_thread = ThreadReference();
     } else {
-        // The thread comes and goes with the reference if nobody else holds one.
+        // The thread is created and destroyed here if this is the only reference.
         ThreadReference const reference(DEFAULT);
     }
 }
@@ -97,7 +97,7 @@ void DnsSd::Client::leave() {
 template <typename Result>
 DnsSd::ResultQueue<Result>::ResultQueue() : m_mutex(false), m_condition(m_mutex) {}
 
-/// @param callback  the plain name of the operation that adds, should the lock fail
+/// @param callback  the name of the calling operation, for the message of a lock that fails
 template <typename Result>
 template <typename... Fields>
 void DnsSd::ResultQueue<Result>::push(char const* callback, Fields const&... fields) {

@@ -9,17 +9,17 @@ namespace vesk {
 
 namespace {
 
-/// Whether a code point has no business in a name that is shown.
+/// Returns whether a code point must not appear in a name for display.
 constexpr bool isUnfit(unsigned int code_point) noexcept {
     if (code_point < 32) {
         return code_point != '\n' && code_point != '\f' && code_point != '\r';
     }
-    // The bound is this number and not the end of Unicode.
+    // The upper bound is this number, not the end of Unicode.
     return (code_point >= 127 && code_point <= 159) || (code_point >= 0xD800 && code_point <= 0xF8FF) ||
         code_point > 0x10FFF;
 }
 
-/// The value of a decimal digit, above 9 for any other byte.
+/// Returns the value of a decimal digit, more than 9 for any other byte.
 constexpr unsigned int digitValue(char byte) noexcept {
     return static_cast<unsigned int>(byte) - '0';
 }
@@ -59,7 +59,7 @@ std::string DnsSdBase::unescape(char const*& cursor, char const* stop_chars) {
         for (int i = 0; i < 2; ++i) {
             unsigned int const digit = digitValue(*cursor++);
             if (digit > 9) {
-                return result; // Behind the bad byte, even behind the terminating zero.
+                return result; // After the bad byte, even after the terminating zero.
             }
             value = (value & 255) * 10 + digit;
         }
@@ -84,7 +84,7 @@ DnsSdBase::Txt::Txt(unsigned short size, void const* data) {
         if (separator == std::string_view::npos) {
             continue;
         }
-        // Records are sorted as a rule, ours always are: the end is where the next key belongs.
+        // Records are usually sorted, and `data` always sorts them: so the next key belongs at the end.
         insert_or_assign(this->end(), std::string(text.substr(0, separator)), text.substr(separator + 1));
     }
 }

@@ -2,11 +2,11 @@
 
 namespace vesk {
 
-/// Where an engine for service discovery that belongs to the library would live.
+/// Reserved for an engine of the library's own. This library has none.
 class DnsSdImpl {
 public:
-    /// The body of the thread "vesk::DnsSd". It must return when that thread is to be joined; without an engine of the
-    /// library's own it does so at once.
+    /// The body of the thread "vesk::DnsSd". It must return when that thread is joined. Without an engine of
+    /// the library's own it returns immediately.
     /// @param argument  the `DnsSd::DnsSdThread`
     static void main(void* argument);
 };

@@ -23,7 +23,7 @@ bool isOperable(NetworkInterface::Info const& interface) noexcept {
     return interface.up && interface.operable;
 }
 
-/// Finds an address by what makes it the same: neither netmask nor peer.
+/// Finds an address by its identity, which includes neither netmask nor peer.
 std::list<NetworkInterface::AddrInfo>::iterator
 find(NetworkInterface::Info& interface, NetworkInterface::AddrInfo const& wanted) {
     return std::find_if(
@@ -62,9 +62,9 @@ void NetDeviceMonitor::stopWatching() {
     }
 }
 
-// ---- the table ----
+// ---- The table ----
 
-/// Null only if the assertion lets that be.
+/// Returns null only if the assertion returns.
 NetDeviceMonitor::Listener* NetDeviceMonitor::getListener(char const* function, int line) const {
     std::GlobalErrorHandler::doAssert(m_listener != nullptr, "m_listener", SOURCE, line, function, nullptr);
     return m_listener;
@@ -83,7 +83,7 @@ void NetDeviceMonitor::interface_appeared(unsigned short index, char const* name
     }
 }
 
-// Whether the link works is of no interest: an interface that was told once stays up until it disappears.
+// The state of the link is ignored: an interface with a reported status stays up until it disappears.
 void NetDeviceMonitor::interface_up(
     unsigned short index, bool broadcast, bool point_to_point, bool loopback, int mtu, bool, bool) {
     Info& interface = m_interfaces[index];
@@ -108,7 +108,7 @@ void NetDeviceMonitor::interface_up(
 }
 
 void NetDeviceMonitor::interface_disappeared(int index) {
-    // The number as it came, where all others are cut to 16 bits.
+    // The unchanged index, where all other operations get 16 bits.
     auto const entry = m_interfaces.try_emplace(static_cast<uint32_t>(index)).first;
     Info const& interface = entry->second;
     for (AddrInfo const& address : interface.addresses) {
@@ -144,7 +144,7 @@ void NetDeviceMonitor::address_appeared(unsigned short index, AddrInfo const& ad
     }
 }
 
-// The listener gets the address as it was told now, with the netmask and peer of its removal.
+// The listener gets the netmask and the peer of the removal, not those of the table.
 void NetDeviceMonitor::address_disappeared(unsigned short index, AddrInfo const& address) {
     Info& interface = m_interfaces[index];
     auto const known = find(interface, address);
@@ -163,7 +163,7 @@ void NetDeviceMonitor::address_disappeared(unsigned short index, AddrInfo const&
 }
 
 void NetDeviceMonitor::forgetAllBut(Snapshot const& there) {
-    // A copy: the table changes on the way, and also when the listener throws it is in order.
+    // A copy, since the table changes during the loop. The table stays consistent if the listener throws.
     std::map<uint32_t, Info> const known = m_interfaces;
     for (auto const& [index, interface] : known) {
         auto const found = there.find(index);
@@ -182,7 +182,7 @@ void NetDeviceMonitor::forgetAllBut(Snapshot const& there) {
                 continue;
             }
             address_disappeared(number, address);
-            // It may be there with another netmask or peer.
+            // The address may still exist with another netmask or peer.
             for (AddrInfo const& other : addresses) {
                 if (other.address == address.address) {
                     address_appeared(number, other);
@@ -192,7 +192,7 @@ void NetDeviceMonitor::forgetAllBut(Snapshot const& there) {
     }
 }
 
-// ---- a listener that does not care ----
+// ---- The default listener ----
 
 void NetDeviceMonitor::Listener::interface_appeared(Info const&) {}
 

@@ -35,7 +35,7 @@ constexpr ErrnoRow READ_ERRORS[] = {
 };
 
 constexpr ErrnoRow READ_ADDRESS_ERRORS[] = {
-    // An interface has no address until it is given one.
+    // An interface has no address until one is set.
     {{EADDRNOTAVAIL}, NONE, NONE, Outcome::DONE},
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
@@ -45,12 +45,13 @@ constexpr ErrnoRow CHANGE_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-/// Whether a call has failed, after a report.
+/// Returns whether a call has failed, after a report.
 bool hasFailed(Place place, ErrnoTable table, int result) noexcept {
     return result != 0 && classify(place, table, errno) != Outcome::DONE;
 }
 
-/// The end of a question for an address, which may have none for an answer. True on failure.
+/// Evaluates a query for an address; an interface without an address is not a failure. Returns true on
+/// failure.
 bool takeAddress(Place place, int result, ifreq const& answer, bool& has, IPSocket::IPAddress& address) {
     has = result == 0;
     if (!has) {
@@ -84,12 +85,12 @@ void takeHardwareAddress(ifreq const& answer, NetDevice::InterfaceInfo& info) no
 }
 
 void prepare(ifreq& request, struct if_nameindex const& row) noexcept {
-    // All of it, for the flags fill only a half of their word.
+    // Clear the whole request: the flags fill only half of their word.
     request = ifreq{};
     strncpy(request.ifr_name, row.if_name, IFNAMSIZ - 1);
 }
 
-/// A list of one interface, of which each part is an array of its own; null without memory.
+/// Creates a list of a single interface, with each member in an array of its own; null without memory.
 struct if_nameindex* makeList(unsigned int index, char const* name) noexcept {
     std::unique_ptr<struct if_nameindex[]> rows(new (std::nothrow) struct if_nameindex[2]());
     std::unique_ptr<char[]> copy(new (std::nothrow) char[IFNAMSIZ + 1]());
@@ -115,7 +116,7 @@ bool isNumeric(char const* text) noexcept {
     return true;
 }
 
-/// Turns the name in an address into what it leads to. True on failure.
+/// Replaces a host name by its first address. Returns true on failure.
 bool resolve(IPSocket::IPAddress& address) {
     IPSocket::IPResolver resolver;
     int const count = resolver.resolveName(address.host.c_str(), IPSocket::IPV4);
@@ -152,7 +153,7 @@ NetDevice::~NetDevice() {
     releaseList();
 }
 
-/// Makes the list. True on failure.
+/// Creates the list. Returns true on failure.
 bool NetDevice::open(char const* name) {
     m_single = name != nullptr;
     if (!m_single) {
@@ -186,7 +187,7 @@ void NetDevice::releaseList() noexcept {
     delete[] m_list;
 }
 
-/// Whether the construction failed, after a report.
+/// Returns whether the construction failed, after a report.
 bool NetDevice::isInvalid() const {
     if (isValid()) {
         return false;
@@ -195,7 +196,7 @@ bool NetDevice::isInvalid() const {
     return true;
 }
 
-/// Moves to the next row. False at the end of the list, from where it goes no further.
+/// Moves to the next row. Returns false at the end of the list, where it stays.
 bool NetDevice::advance() noexcept {
     if (m_position < 0 || m_list[m_position].if_index != 0) {
         ++m_position;
@@ -203,7 +204,7 @@ bool NetDevice::advance() noexcept {
     return m_list[m_position].if_index != 0;
 }
 
-/// Prepares a request for the interface under the cursor. True on failure.
+/// Prepares a request for the interface at the cursor. Returns true on failure.
 bool NetDevice::selectCurrent(ifreq& request) {
     if (m_position < 0) {
         m_position = 0;
@@ -257,13 +258,13 @@ int NetDevice::getNextInfo(InterfaceInfo& info) {
     return takeAddress(SOURCE, result, request, info.has_broadcast_address, info.broadcast_address) ? -1 : 0;
 }
 
-/// Prepares the request of a new address for the interface under the cursor. True on failure.
+/// Prepares the request for a new address of the interface at the cursor. Returns true on failure.
 bool NetDevice::prepareAddress(char const* text, ifreq& request) {
     if (isInvalid()) {
         return true;
     }
     IPSocket::IPAddress address(text != nullptr ? text : "", 0);
-    // An empty one is no name: it is the any address.
+    // An empty text is not a name: it is the any address.
     if (!address.host.empty() && !isNumeric(text) && resolve(address)) {
         return true;
     }

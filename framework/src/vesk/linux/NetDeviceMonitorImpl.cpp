@@ -41,8 +41,8 @@ constexpr ErrnoRow REQUEST_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-// An interruption is no exception, nor are messages that the kernel had to drop. That nothing is there yet is told only to
-// the call that does not wait.
+// EINTR and ENOBUFS have no rows of their own on purpose. EAGAIN occurs only with MSG_DONTWAIT, and is
+// handled before the table.
 constexpr ErrnoRow RECEIVE_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
@@ -57,11 +57,11 @@ static_assert(sizeof(ifinfomsg) == 16 && sizeof(ifaddrmsg) == 8);
 constexpr timespec WAKERS_TIME{0, 100000};
 constexpr timespec PAUSE_AFTER_FAILURES{0, 100000000};
 
-constexpr unsigned char OPERATIONAL = 6; // IF_OPER_UP, which no header has that goes with <net/if.h>.
+constexpr unsigned char OPERATIONAL = 6; // IF_OPER_UP, from a header that conflicts with <net/if.h>.
 
-// ---- decoding ----
+// ---- Decoding ----
 
-/// A part of a datagram: nothing outside of it is ever read.
+/// A part of a datagram. Never reads outside of it.
 class Bytes {
 public:
     Bytes() noexcept = default;
@@ -75,8 +75,8 @@ public:
         return offset <= m_size ? Bytes(m_data + offset, m_size - offset) : Bytes();
     }
 
-    /// Takes a value from its place.
-    /// @return false if it is not all there
+    /// Reads a value at an offset.
+    /// @return false if it is not completely inside
     template <typename Value>
     bool read(size_t offset, Value& value) const noexcept {
         static_assert(std::is_trivially_copyable_v<Value>);
@@ -92,7 +92,7 @@ private:
     size_t m_size = 0;
 };
 
-/// Messages and attributes alike: the length tells where one ends, and the next one begins aligned.
+/// For messages and attributes: the length marks the end of an element, and the next element starts aligned.
 template <typename Header>
 size_t getLength(Header const& header) noexcept;
 template <>
@@ -104,7 +104,8 @@ size_t getLength(rtattr const& header) noexcept {
     return header.rta_len;
 }
 
-/// Walks over the messages of a datagram, or over the attributes of a message, up to the first that is not whole.
+/// Iterates over the messages of a datagram, or over the attributes of a message, up to the first incomplete
+/// element.
 template <typename Header>
 class Walk {
 public:
@@ -125,7 +126,7 @@ public:
 
     Header const& getHeader() const noexcept { return m_header; }
 
-    /// The whole of it, header included.
+    /// Returns the whole element, header included.
     Bytes getAll() const noexcept { return m_all; }
 
     Bytes getData() const noexcept { return m_all.getRest(sizeof(Header)); }
@@ -142,13 +143,13 @@ using Attributes = Walk<rtattr>;
 
 constexpr size_t LINK_ADDRESS_SIZE = 6;
 
-/// The bytes of an address, none if they are too few.
+/// Returns the bytes of an address, null if they are too few.
 void const* getAddress(Bytes data, int family) noexcept {
     size_t const size = family == AF_INET ? 4 : family == AF_INET6 ? 16 : LINK_ADDRESS_SIZE;
     return data.getSize() < size ? nullptr : data.get();
 }
 
-/// Up to the terminating zero, or else all there is.
+/// Returns the text up to the terminating zero, or all of it without a zero.
 std::string getText(Bytes data) {
     char const* const text = reinterpret_cast<char const*>(data.get());
     return std::string(text, strnlen(text, data.getSize()));
@@ -202,7 +203,7 @@ void handleIfInfo(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, 
     bool const has_link = !link.address.set(AF_UNSPEC, hardware_address);
     snapshot.addLink(index, has_link ? &link : nullptr);
     monitor.interface_appeared(index, getText(name).c_str());
-    // Whether it is taken up (IFF_UP) is not looked at.
+    // Whether the interface is switched on (IFF_UP) is ignored.
     monitor.interface_up(
         index, (info.ifi_flags & IFF_BROADCAST) != 0, (info.ifi_flags & IFF_POINTOPOINT) != 0,
         (info.ifi_flags & IFF_LOOPBACK) != 0, mtu, state == OPERATIONAL, true);
@@ -223,8 +224,8 @@ void handleIfAddr(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, 
         return;
     }
     size_t const attributes_at = NLMSG_LENGTH(sizeof info);
-    // The head of the first attribute, whose length has this bit if it is an IPv6 address, and has not if it is an IPv4
-    // one. So an IPv6 address without a far end becomes the peer.
+    // The header of the first attribute. Its length has this bit set for an IPv6 address, but not for an IPv4
+    // address. So an IPv6 address without another end becomes the peer.
     constexpr uint32_t PEER_BIT = 0x10;
     uint32_t first_word = 0;
     message.read(attributes_at, first_word);
@@ -258,8 +259,8 @@ void handleIfAddr(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, 
     }
 }
 
-/// Hands on what a datagram tells.
-/// @return true at the end of a dump; what is behind it is not looked at
+/// Decodes a datagram and passes its content to the monitor.
+/// @return true at the end of a dump; messages after it are ignored
 bool handleDatagram(NetDeviceMonitor& monitor, Snapshot& snapshot, Bytes datagram) {
     for (Messages walk(datagram); walk.next();) {
         nlmsghdr const& header = walk.getHeader();
@@ -268,7 +269,7 @@ bool handleDatagram(NetDeviceMonitor& monitor, Snapshot& snapshot, Bytes datagra
         }
         switch (header.nlmsg_type) {
         case NLMSG_DONE:
-            // A dump of an earlier round may still be running; its end is not that of this one.
+            // The dump of an earlier request may still be running; its end does not end the current request.
             if (header.nlmsg_seq == 0 || header.nlmsg_seq >= snapshot.sequence) {
                 return true;
             }
@@ -288,9 +289,9 @@ bool handleDatagram(NetDeviceMonitor& monitor, Snapshot& snapshot, Bytes datagra
     return false;
 }
 
-// ---- asking ----
+// ---- Requests ----
 
-/// Has the kernel tell all that it has of one kind.
+/// Requests all entries of a kind from the kernel.
 /// @return true on failure
 bool request(int fd, uint16_t type, uint32_t sequence) {
     struct {
@@ -320,10 +321,10 @@ bool request(int fd, uint16_t type, uint32_t sequence) {
 
 } // namespace
 
-// ---- what is there ----
+// ---- The snapshot ----
 
-/// An interface has one address of its link: a later one takes the place of an earlier one. A message without one, as
-/// drivers of radio links send them, says nothing of it.
+/// An interface has a single link address: a later one replaces an earlier one. A message without a link
+/// address, as wireless drivers send it, does not change it.
 void NetDeviceMonitorImpl::Snapshot::addLink(unsigned short index, AddrInfo const* link) {
     if (!is_noting) {
         return;
@@ -356,18 +357,19 @@ void NetDeviceMonitorImpl::Snapshot::removeAddress(unsigned short index, AddrInf
     }
 }
 
-/// The netlink socket of one `watch`, closed on every way out.
+/// The netlink socket of a `watch`, closed on every exit.
 class NetDeviceMonitorImpl::Subscription : private tarnbase::NonCopyable {
 public:
     explicit Subscription(NetDeviceMonitorImpl& impl) noexcept
         : m_impl(impl), m_fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE)) {}
 
-    // Closed here alone, and only when no thread uses the number to wake this one: it could be somebody else's by then.
+    // Closed only here, and only when no thread uses the descriptor to wake this one: its number may later
+    // belong to another file.
     ~Subscription() {
         CancellationOff const cancellation_off;
         m_impl.m_socket = -1;
         while (m_impl.m_wakers != 0) {
-            // Sleeps, since it may be a thread of a lower priority.
+            // Sleeps, since the other thread may have a lower priority.
             nanosleep(&WAKERS_TIME, nullptr);
         }
         if (m_fd != -1) {
@@ -415,11 +417,11 @@ bool NetDeviceMonitorImpl::watch() {
     return failed;
 }
 
-/// Asks for all interfaces and all addresses, hands on the answers, and then tells what has gone.
+/// Requests all interfaces and all addresses, passes on the answers, and then reports the removed entries.
 /// @return true if a request failed
 bool NetDeviceMonitorImpl::synchronise(int fd, bool& failed) {
     m_has_lost = false;
-    // Of an empty table nothing can have gone.
+    // An empty table has no entries to remove.
     m_snapshot.begin(!m_monitor->m_interfaces.empty());
     for (uint16_t const type : {RTM_GETLINK, RTM_GETADDR}) {
         if (request(fd, type, m_snapshot.sequence)) {
@@ -429,7 +431,7 @@ bool NetDeviceMonitorImpl::synchronise(int fd, bool& failed) {
     }
     m_snapshot.is_active = false;
     m_has_lost |= m_snapshot.is_torn;
-    // Of answers that are not whole what they lack may be there.
+    // An incomplete answer may lack existing entries.
     if (m_snapshot.is_noting && !m_has_lost && !m_snapshot.is_cut && !isStopped()) {
         m_monitor->forgetAllBut(m_snapshot.there);
     }
@@ -437,12 +439,13 @@ bool NetDeviceMonitorImpl::synchronise(int fd, bool& failed) {
     return false;
 }
 
-/// Both sides of the stop word are full barriers: whoever sets it sees the socket that is not seen to be stopped.
+/// Both accesses to the stop word are full barriers: a thread that sets it sees the socket of a watching
+/// thread that has not yet seen it set.
 bool NetDeviceMonitorImpl::isStopped() noexcept {
     return m_stop.fetch_add(0) != 0;
 }
 
-/// Takes datagrams up to the end of a dump, a failure or the stop.
+/// Receives datagrams up to the end of a dump, a failure or the stop.
 /// @return true on failure
 bool NetDeviceMonitorImpl::receive(int fd) {
     m_socket = fd;
@@ -455,8 +458,8 @@ bool NetDeviceMonitorImpl::receive(int fd) {
     }
 }
 
-/// Takes datagrams until none is there, or up to the stop.
-/// @return true if there was a failure on the way
+/// Receives datagrams until none is queued, or up to the stop.
+/// @return true if there was a failure in between
 bool NetDeviceMonitorImpl::drain(int fd) {
     bool failed = false;
     for (;;) {
@@ -475,10 +478,10 @@ bool NetDeviceMonitorImpl::drain(int fd) {
     }
 }
 
-/// Receives one datagram, and hands on what it tells.
+/// Receives a single datagram, and passes on its content.
 NetDeviceMonitorImpl::Taken NetDeviceMonitorImpl::take(int fd, int flags, Buffer& buffer) {
     if (m_failures > 1) {
-        // A socket that fails for good is to leave the processor to others.
+        // A socket that fails permanently must not use the whole processor.
         nanosleep(&PAUSE_AFTER_FAILURES, nullptr);
     }
     sockaddr_nl sender{};
@@ -514,11 +517,11 @@ NetDeviceMonitorImpl::Taken NetDeviceMonitorImpl::take(int fd, int flags, Buffer
 void NetDeviceMonitorImpl::stopWatching() noexcept {
     CancellationOff const cancellation_off;
     m_stop.exchange(1);
-    // From here to the end the watching thread does not close the socket.
+    // From here to the end of this function the watching thread does not close the socket.
     ++m_wakers;
     int const fd = m_socket;
     if (fd != -1) {
-        // An empty request: it does nothing, but the kernel's answer ends the receiving.
+        // An empty request: it has no effect, but the kernel's answer ends the blocking receive.
         nlmsghdr message{};
         message.nlmsg_len = sizeof message;
         message.nlmsg_flags = NLM_F_ACK;
@@ -527,7 +530,7 @@ void NetDeviceMonitorImpl::stopWatching() noexcept {
     --m_wakers;
 }
 
-// ---- the monitor's side ----
+// ---- The side of the monitor ----
 
 NetDeviceMonitorImpl* NetDeviceMonitor::makeImpl() noexcept {
     return new (std::nothrow) NetDeviceMonitorImpl(*this);

@@ -11,11 +11,12 @@
 
 namespace vesk {
 
-/// The netlink side of a `NetDeviceMonitor`: subscribes to the kernel's messages, decodes them, and hands them on.
+/// The netlink part of a `NetDeviceMonitor`: subscribes to the kernel's messages, decodes them, and passes
+/// them to the monitor.
 ///
-/// When the queue of the socket is full, the kernel tells so by one `ENOBUFS`, and drops all messages until the queue is
-/// empty. So a loss is made good in this order: the queue is emptied, all interfaces and all addresses are asked for, and
-/// what the table has beyond the answers has gone.
+/// When the queue of the socket is full, the kernel returns a single `ENOBUFS`, and drops all messages until
+/// the queue is empty. So the recovery from a loss has a fixed order: empty the queue, request all interfaces
+/// and all addresses, and remove the table entries that are missing in the answers.
 class NetDeviceMonitorImpl : private tarnbase::NonCopyable {
 public:
     explicit NetDeviceMonitorImpl(NetDeviceMonitor& monitor) noexcept : m_monitor(&monitor) {}
@@ -23,12 +24,12 @@ public:
     bool watch();
     void stopWatching() noexcept;
 
-    /// What the kernel tells while it answers the requests for all interfaces and all addresses.
+    /// The kernel's answers to the requests for all interfaces and all addresses.
     class Snapshot {
     public:
         using AddrInfo = NetworkInterface::AddrInfo;
 
-        /// @param is_wanted  whether to note what is there
+        /// @param is_wanted  whether to record the answers in `there`
         void begin(bool is_wanted) {
             there.clear();
             ++sequence;
@@ -50,22 +51,22 @@ public:
         void removeAddress(unsigned short index, AddrInfo const& address);
 
         std::map<uint32_t, std::list<AddrInfo>> there;
-        uint32_t sequence = 0;  ///< The number of the requests.
+        uint32_t sequence = 0;  ///< The number of the current requests.
         bool is_active = false; ///< The kernel is answering.
-        bool is_noting = false; ///< What it tells is kept in `there`.
-        bool is_cut = false;    ///< There was no room for a whole answer.
-        bool is_torn = false;   ///< A change came in the middle of an answer, which may lack what is there.
+        bool is_noting = false; ///< The answers are recorded in `there`.
+        bool is_cut = false;    ///< A message was truncated.
+        bool is_torn = false;   ///< A change interrupted an answer, which may be incomplete.
     };
 
 private:
     class Subscription;
 
-    /// Room for one datagram.
+    /// Room for a single datagram.
     struct Buffer {
         alignas(uint32_t) unsigned char bytes[4096];
     };
 
-    /// What came of an attempt to receive.
+    /// The result of an attempt to receive.
     enum class Taken { DATAGRAM, END_OF_DUMP, NOTHING, FAILURE, STOP };
 
     bool isStopped() noexcept;
@@ -77,11 +78,11 @@ private:
     std::atomic<uint32_t> m_stop{0};
     NetDeviceMonitor* m_monitor;
     std::atomic<int> m_socket{-1};
-    std::atomic<int> m_wakers{0}; // Threads that may be using the number in `m_socket`.
+    std::atomic<int> m_wakers{0}; // Threads that may be using the descriptor in `m_socket`.
 
-    // What follows belongs to the watching thread.
+    // The fields below belong to the watching thread.
     Snapshot m_snapshot;
-    bool m_has_lost = false; // All is to be asked for again.
+    bool m_has_lost = false; // Everything must be requested again.
     int m_failures = 0;      // Since the last datagram.
 };
 

@@ -44,7 +44,7 @@ constexpr ErrnoRow CLOSE_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-/// Limits a packet socket to one device. True, after a report, on failure.
+/// Limits a packet socket to a single device. Returns true, after a report, on failure.
 bool bindToDevice(int fd, char const* device) {
     ifreq request{};
     strncpy(request.ifr_name, device, IFNAMSIZ - 1);
@@ -92,7 +92,7 @@ bool RawSocket::open(char const* device) {
         report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "open() called in state != INACTIVE");
         return fail();
     }
-    // Not closed by exec: a program that this process starts inherits it.
+    // Not close-on-exec: programs that this process starts inherit the descriptor.
     m_socket_handle.socket_fd = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL));
     if (m_socket_handle.socket_fd == -1) {
         classify(SOURCE, CREATION_ERRORS, errno);
@@ -113,7 +113,7 @@ bool RawSocket::close() {
         return false;
     }
     m_had_error = false;
-    // Once, also when a signal interrupts it: the system has given the descriptor back by then.
+    // Not repeated when a signal interrupts it: the system has already released the descriptor then.
     int const result = ::close(m_socket_handle.socket_fd);
     m_socket_handle.socket_fd = INVALID_SOCKET_FD;
     m_socket_state = DEAD;

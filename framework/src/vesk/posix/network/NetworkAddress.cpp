@@ -15,7 +15,7 @@ static_assert(AF_UNSPEC == 0, "the family that stands for a link");
 
 constexpr char DIGITS[] = "0123456789abcdef";
 
-/// Takes as many leading bits as fit into the next `width` bits of a mask, and gives these.
+/// Takes up to `width` bits off `length`, and returns them as the leading bits of a value of `width` bits.
 unsigned int takeBits(unsigned int& length, unsigned int width) noexcept {
     unsigned int const count = std::min(length, width);
     length -= count;
@@ -56,7 +56,7 @@ std::string getLinkText(unsigned char const* bytes) {
 
 } // namespace
 
-// Strings have no constant initialiser, not even short ones.
+// Not constant-initialized: even a short std::string has no constant initializer.
 NetworkAddressBase const NetworkAddressBase::ANY_IPv4(IPV4, "0.0.0.0");
 NetworkAddressBase const NetworkAddressBase::ANY_IPv6(IPV6, "::");
 

@@ -34,7 +34,7 @@ constexpr ErrnoRow HOST_NAME_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-/// What a code of the resolver means; codes are numbers of their own, not those of `errno`.
+/// The meaning of an error code of the resolver. The codes have numbers of their own, separate from `errno`.
 struct ResolverRow {
     Errnos codes;
     RowReport cause;
@@ -79,7 +79,8 @@ int getNameFlags(bool fqdn, bool reverse) noexcept {
     return fqdn ? NI_IDN | NI_NAMEREQD : NI_IDN | NI_NAMEREQD | NI_NOFQDN;
 }
 
-/// What both forms of `getBinary` do before the text is converted. True on failure.
+/// Resolves the host of an address to its numeric form, before either `getBinary` converts it. Returns true
+/// on failure.
 bool makeNumeric(std::string& host, IPSocket::IPProtocolVersion version) {
     if (host.empty()) {
         return false;
@@ -96,8 +97,8 @@ bool makeNumeric(std::string& host, IPSocket::IPProtocolVersion version) {
     return false;
 }
 
-/// Stores the address that `getsockname` or `getpeername` gives. Leaves `address` as it was if the call fails, for another
-/// family, and for an address that has no text.
+/// Stores the address that `getsockname` or `getpeername` returns. Leaves `address` unchanged if the call
+/// fails, for another family, and for an address without a text.
 template <typename Call>
 void update(IPSocket::IPAddress& address, int fd, Call call) {
     sockaddr_storage storage{};
@@ -133,7 +134,7 @@ IPSocket::IPAddress::IPAddress(sockaddr_in const& binary) {
 IPSocket::IPAddress::IPAddress(sockaddr_in6 const& binary) {
     char text[INET6_ADDRSTRLEN];
     auto const* const address = reinterpret_cast<sockaddr const*>(&binary);
-    // Not inet_ntop: only this call tells the scope.
+    // Not inet_ntop: only this call adds the scope.
     if (getnameinfo(address, sizeof binary, text, sizeof text, nullptr, 0, NI_NUMERICHOST) == 0) {
         host = text;
         port = ntohs(binary.sin6_port);
@@ -196,7 +197,7 @@ int IPSocket::IPResolver::resolveIP(char const* ip, bool fqdn, IPProtocolVersion
     return resolveAddr(ip, fqdn, true, version);
 }
 
-/// The end of a resolve that failed.
+/// Discards the results of a resolve operation that failed.
 int IPSocket::IPResolver::giveUp() {
     m_resolve_handle.entries.clear();
     return -1;
@@ -211,7 +212,7 @@ int IPSocket::IPResolver::resolveAddr(char const* addr, bool fqdn, bool reverse,
     }
 
     addrinfo hints{};
-    // Of a type, or each address came once for every type.
+    // With a type, since otherwise each address is returned once for every type.
     hints.ai_socktype = SOCK_DGRAM;
     hints.ai_family = version == IPV6 ? AF_INET6 : AF_INET;
     hints.ai_flags = reverse ? AI_IDN | AI_NUMERICHOST : AI_IDN;
@@ -345,7 +346,7 @@ void IPSocket::updatePeerAddress() {
 
 bool IPSocket::getHostname(std::string& name) {
     constexpr size_t ROOM = 64;
-    // From the heap, as small as it is: a caller with little stack is not to need more for this.
+    // On the heap despite its size: this operation must not increase the stack that a caller needs.
     std::unique_ptr<char[]> const buffer(new (std::nothrow) char[ROOM]);
     if (buffer == nullptr) {
         report(SOURCE, Chain::NEW, std::CommonErrorId::OUT_OF_MEMORY);

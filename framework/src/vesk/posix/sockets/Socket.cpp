@@ -53,7 +53,7 @@ constexpr ErrnoRow SELECT_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-/// Enters the descriptors of the sockets. True, after a report, if one has none.
+/// Adds the descriptors of the sockets to a mask. Returns true, after a report, if a socket has none.
 bool enter(std::set<Socket const*> const& sockets, fd_set& marks, int& highest) {
     for (Socket const* const socket : sockets) {
         int const fd = socket != nullptr ? socket->getSocketFd() : Socket::INVALID_SOCKET_FD;
@@ -72,7 +72,7 @@ bool enter(std::set<Socket const*> const& sockets, fd_set& marks, int& highest) 
     return false;
 }
 
-/// Removes the sockets whose descriptors are not marked.
+/// Removes the sockets with unmarked descriptors.
 void keepMarked(std::set<Socket const*>& sockets, fd_set const& marks) {
     for (auto it = sockets.begin(); it != sockets.end();) {
         it = FD_ISSET((*it)->getSocketFd(), &marks) ? std::next(it) : sockets.erase(it);
@@ -120,14 +120,15 @@ bool Socket::performRead(void* buffer, unsigned int size, unsigned int& read) {
         return fail();
     }
     read = 0;
-    // Of 0 bytes, `recv` waits for data and drops a datagram, and its result looks like the end of the connection.
+    // With 0 bytes, `recv` waits for data and drops a datagram, and its result looks like the end of the
+    // connection.
     if (size == 0) {
         return false;
     }
     ssize_t const count = retryOnEintr([&] { return recv(m_socket_handle.socket_fd, buffer, size, 0); });
     if (count > 0) {
         if (static_cast<size_t>(count) > size) {
-            // More than there was room for; what fitted is told. The object itself is in order.
+            // `read` is limited to the size of the buffer. The object is consistent, so hadError stays false.
             read = size;
             report(SOURCE, Chain::NEW, ErrorId::MESSAGE_TOO_BIG, SystemErrorText().get());
             report(SOURCE, Chain::ON_TOP, StreamErrorId::TRANSFER_FAILED);
@@ -175,9 +176,9 @@ void Socket::endWithoutRoom() {
     }
     int const fd = m_socket_handle.socket_fd;
     int const flags = fcntl(fd, F_GETFL);
-    // A descriptor that waits has done so, as long as a limit of its own (SO_SNDTIMEO) lets it.
+    // A blocking descriptor has already waited, up to its own time limit (SO_SNDTIMEO).
     if (flags != -1 && (flags & O_NONBLOCK) != 0) {
-        // A failure shows in the next send.
+        // The next send reports a failure.
         pollfd entry{fd, POLLOUT, 0};
         poll(&entry, 1, -1);
     }
@@ -259,7 +260,7 @@ int Socket::selectSockets(
         keepMarked(except, except_marks);
         return count;
     }
-    int const error = errno; // Before memory is given back, which may change it.
+    int const error = errno; // Saved before the sets release memory, which may change it.
     read.clear();
     write.clear();
     except.clear();

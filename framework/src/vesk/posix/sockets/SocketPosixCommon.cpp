@@ -30,7 +30,7 @@ constexpr ErrnoRow GET_OPTION_ERRORS[] = {
 
 constexpr ErrnoRow SET_OPTION_ERRORS[] = {
     {{EBADF, ENOTSOCK}, Socket::ErrorId::INVALID_SOCKET},
-    // Of the system's family, whose row speaks of paths: that is what callers know it by.
+    // Required by callers: the id of the system's family, although its text mentions a path.
     {{EFAULT, EINVAL, EDOM, EISCONN}, SysErrorId::INVALID_PATH},
     {{ENOPROTOOPT}, Socket::ErrorId::UNKNOWN_OPTION},
     {OTHERS, SysErrorId::UNCLASSIFIED},
@@ -100,12 +100,12 @@ constexpr ErrnoRow SHUTDOWN_ERRORS[] = {
 };
 
 constexpr ErrnoRow CLOSE_ERRORS[] = {
-    // The descriptor is gone all the same, and nobody could do anything about it.
+    // The descriptor is closed anyway, and the caller could not react to a report.
     {{EBADF}, NONE},
     {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
-/// True, after an assertion and a report, if there is no descriptor.
+/// Returns true, after an assertion and a report, if there is no descriptor.
 bool isMissing(int fd, int line, char const* function) {
     if (fd != Socket::INVALID_SOCKET_FD) {
         return false;
@@ -118,7 +118,7 @@ bool isMissing(int fd, int line, char const* function) {
     return true;
 }
 
-/// What a name that an address was given as leads to; null, after a report, if to nothing.
+/// Returns the first numeric address of a host name; null, after a report, if it has none.
 char const*
 resolveFirst(IPSocket::IPResolver& resolver, char const* host, IPSocket::IPProtocolVersion version) {
     int const count = resolver.resolveName(host, version);
@@ -263,7 +263,7 @@ bool convertAddrToBinary(IPSocket::IPAddress const& address, sockaddr_in6& out) 
     hints.ai_family = AF_INET6;
     hints.ai_socktype = SOCK_DGRAM;
     addrinfo* list = nullptr;
-    // Not inet_pton: only the resolver reads the interface behind a link-local address.
+    // Not inet_pton: only the resolver reads the interface after a link-local address.
     if (getaddrinfo(address.host.c_str(), nullptr, &hints, &list) == 0) {
         addrinfo const* entry = list;
         while (entry != nullptr && entry->ai_family != AF_INET6) {

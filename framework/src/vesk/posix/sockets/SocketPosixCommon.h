@@ -9,12 +9,12 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-/// What the classes of sockets share below their interfaces. Where nothing else is told, a true result is a failure,
-/// which has been reported.
+/// The shared implementation of the socket classes. Unless stated otherwise, a true result is a failure that
+/// has been reported.
 
 namespace vesk::detail {
 
-/// The rows of `send` and `sendto`, which only differ in what they tell of a number that no row has.
+/// The rows of `send` and `sendto`, which differ only in the cause of an unlisted error number.
 struct SendErrors {
     ErrnoRow rows[10];
 };
@@ -37,47 +37,50 @@ constexpr SendErrors makeSendErrors(RowReport unlisted) noexcept {
     }};
 }
 
-/// Makes the descriptor one that does not wait. Every other status flag is dropped: a socket starts with none.
+/// Makes the descriptor non-blocking. Clears all other status flags: a new socket has none.
 bool setNonBlocking(int fd);
 
-/// Allows or forbids an address that closed connections still hold (`SO_REUSEADDR`).
+/// Permits or forbids an address that closed connections still hold (`SO_REUSEADDR`).
 bool setReuse(int fd, bool on);
 
-/// @param tolerate_einval  whether a socket that is bound already counts as success
+/// @param tolerate_einval  whether `EINVAL`, as for a socket that is already bound, counts as success
 bool bindSocket(int fd, sockaddr const* address, socklen_t length, bool tolerate_einval);
 
 bool listenSocket(int fd, unsigned int backlog);
 
 /// @param address   room for `length` bytes, for the address of the peer
-/// @param accepted  the new descriptor, closed by `exec`
-/// @return `NOT_NOW` if no connection waits and the descriptor does not either
+/// @param accepted  the new descriptor, close-on-exec
+/// @return `NOT_NOW` if no connection waits on a non-blocking descriptor
 Outcome acceptSocket(int fd, sockaddr* address, socklen_t length, int& accepted);
 
-/// The end of an accepted descriptor that no socket has adopted: closes it, whatever it takes. A failure is a warning.
+/// Closes an accepted descriptor that no socket has adopted (`close`, repeated until it succeeds). A failure
+/// other than an interruption is a warning.
 void closeAccepted(Place place, int fd);
 
-/// Reports that a server has no traffic of its own.
+/// Reports that a listening socket transfers no data.
 void reportNoTraffic(Place place, char const* text);
 
-/// @return 0 connected, 1 on its way, -1 failure
+/// @return 0 connected, 1 in progress, -1 failure
 int connectSocket(int fd, sockaddr const* address, socklen_t length);
 
 /// Ends both directions of a connection.
 bool shutdownSocket(int fd);
 
-/// Closes a descriptor for good: whatever the system says, it is not to be used again.
+/// Closes a descriptor. It must not be used again, whatever the result is. Fails without a report if it was
+/// not open.
 bool closeSocket(int fd);
 
-/// Report why a `getsockopt`, `setsockopt` or `socket` failed, by `errno`. Always true.
+/// Reports the failure of a `getsockopt`, `setsockopt` or `socket` by `errno`. Always returns true.
 bool classifyGetOptError();
 bool classifySetOptError();
 bool classifySocketCreateError();
 
-/// Turn the host into the address of `out`, by the resolver if it is a name. Family and port are left alone.
+/// Converts the host to the address in `out`, with the resolver if it is a name. Leaves family and port
+/// unchanged. Fails without a report if the system cannot read the numeric form that it returned.
 bool convertAddrToBinary(IPSocket::IPAddress const& address, sockaddr_in& out);
 bool convertAddrToBinary(IPSocket::IPAddress const& address, sockaddr_in6& out);
 
-/// Closes after a failure without losing its reports. `on_failure` is called if the close fails as well.
+/// Closes after a failure and preserves the pending reports. Calls `on_failure` if the close fails as well.
 template <typename Close, typename OnFailure>
 void closeKeepingChain(Close close, OnFailure on_failure) {
     SavedErrorChain const saved;

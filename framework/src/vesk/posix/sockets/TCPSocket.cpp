@@ -18,13 +18,13 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/TCPSocket";
 
-/// True, after a report, on failure.
+/// Returns true, after a report, on failure.
 bool setOption(int fd, int level, int option, int value) {
     return setsockopt(fd, level, option, &value, sizeof value) != 0 && classifySetOptError();
 }
 
-/// Whether the resolver would give an address back just as it is. A listening socket has resolved its own, so only one that
-/// somebody has changed in the description needs the resolver again.
+/// Returns whether the resolver would return an address unchanged. A listening socket has already resolved
+/// its own address, so only an address that the caller changed in the description needs the resolver again.
 bool isResolved(IPSocket::IPAddress const& address, IPSocket::IPProtocolVersion version) {
     in_addr binary{};
     return version == IPSocket::IPV4 && inet_pton(AF_INET, address.host.c_str(), &binary) == 1;
@@ -87,7 +87,8 @@ TCPSocket::TCPSocket(
         return;
     }
     if (!blocking && setNonBlocking(description.socket_fd)) {
-        // Not closed here: the description stays valid, and would close a number that is somebody else's by then.
+        // Not closed here: the description stays valid, and would later close a number that may belong to
+        // another file.
         m_object_valid = false;
         m_socket_state = DEAD;
         return;
@@ -108,11 +109,11 @@ bool TCPSocket::connect() {
         report(
             SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "connect called in state != INACTIVE");
         fail();
-        // With hadError this tells a misuse from an attempt that failed.
+        // Together with hadError this distinguishes misuse from a failed attempt.
         return false;
     }
     int const fd = m_socket_handle.socket_fd;
-    // After an attempt that failed the socket may be bound already.
+    // After a failed attempt the socket may already be bound.
     if (bindSocket(fd, getLocalBinary(), getBinaryLength(), true)) {
         return fail();
     }
@@ -152,7 +153,7 @@ bool TCPSocket::setKeepalive(KeepaliveSettings const& settings) {
         int value;
     } const steps[] = {
         {TCP_KEEPIDLE, settings.idle_seconds},
-        {TCP_KEEPIDLE, settings.idle_seconds}, // Twice: who traces the sequence knows it so.
+        {TCP_KEEPIDLE, settings.idle_seconds}, // Twice on purpose: the call sequence is part of the contract.
         {TCP_KEEPCNT, settings.probe_count},
         {TCP_KEEPINTVL, settings.probe_interval_seconds},
     };

@@ -15,24 +15,24 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/UDPSocket";
 
-// Unlike `send` without a cause for a number that no row has: the stream's own report stands alone.
+// Unlike `send`, without a cause for an unlisted error number: the stream's own report stands alone.
 constexpr SendErrors SEND_TO_ERRORS = makeSendErrors(NONE);
 
-/// True, after a report, on failure.
+/// Returns true, after a report, on failure.
 template <typename Value>
 bool setOption(int fd, int level, int option, Value const& value) {
     return setsockopt(fd, level, option, &value, sizeof value) != 0 && classifySetOptError();
 }
 
-/// Whether the peer is to be joined instead of connected.
+/// Returns whether to join the peer instead of connecting to it.
 bool isMulticast(sockaddr_in const& peer) {
     constexpr unsigned int MASK = 0xE0000000;
-    // Wider than the groups: the limited broadcast address cannot be connected to, either.
+    // Wider than the range of groups: the limited broadcast address cannot be connected to, either.
     return (ntohl(peer.sin_addr.s_addr) & MASK) == MASK;
 }
 
 bool isMulticast(IPSocket::IPAddress const& peer) {
-    // The well-known groups only; transient ones and those of other flags are taken for single peers.
+    // Only the well-known groups; transient groups and those with other flags are treated as unicast peers.
     return peer.host.compare(0, 3, "ff0") == 0;
 }
 
@@ -60,7 +60,7 @@ void UDPSocket::open() {
         fail();
         return;
     }
-    // Members of a group on one machine share its port.
+    // Members of a group on the same machine share its port.
     if (m_multicast && setReuse(m_socket_handle.socket_fd, true)) {
         fail();
         return;
@@ -78,13 +78,14 @@ void UDPSocket::open() {
             return;
         }
     } else if (connectSocket(m_socket_handle.socket_fd, getPeerBinary(), getBinaryLength()) != 0) {
-        // No failure: the peer of a datagram need not be there yet.
+        // Not a failure: the peer of a datagram may become reachable later.
         std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "open", "error connecting");
     }
     m_socket_state = OPEN;
 }
 
-/// Names the interface to send through, and joins the group there. True, after a report, on failure.
+/// Selects the interface to send through, and joins the group on it. Returns true, after a report, on
+/// failure.
 bool UDPSocket::joinGroup() {
     int const fd = m_socket_handle.socket_fd;
     if (m_version == IPV6) {

@@ -79,7 +79,8 @@ UnixSocket::UnixSocket(
         return;
     }
     if (!blocking && setNonBlocking(description.socket_fd)) {
-        // Not closed here: the description stays valid, and would close a number that is somebody else's by then.
+        // Not closed here: the description stays valid, and would later close a number that may belong to
+        // another file.
         m_object_valid = false;
         m_socket_state = DEAD;
         return;
@@ -98,7 +99,7 @@ bool UnixSocket::connect() {
         report(
             SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "connect called in state != INACTIVE");
         fail();
-        // With hadError this tells a misuse from an attempt that failed.
+        // Together with hadError this distinguishes misuse from a failed attempt.
         return false;
     }
     if (!m_local_path.empty()) {

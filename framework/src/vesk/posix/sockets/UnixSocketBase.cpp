@@ -28,10 +28,10 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/UnixSocketBase";
 static_assert(sizeof(sockaddr_un) == 110 && offsetof(sockaddr_un, sun_path) == 2);
 static_assert(sizeof(ucred) == 12);
 
-/// The family, and the zero before an abstract name or behind a path.
+/// The family, and the zero before an abstract name or after a path.
 constexpr socklen_t BESIDE_NAME = 3;
 
-/// What a socket that never had a peer is told as its user.
+/// The user that the system returns for a socket that never had a peer.
 constexpr uid_t NOBODY = static_cast<uid_t>(-1);
 
 } // namespace
@@ -119,7 +119,7 @@ void UnixSocketBase::updatePeerAddress() {
         address.sun_family != AF_UNIX || length < BESIDE_NAME) {
         return;
     }
-    // The system may tell a longer name than there is room for, and one that no zero ends.
+    // The system may return a name that is longer than the buffer, or one without a terminating zero.
     length = std::min<socklen_t>(length, sizeof address);
     if (address.sun_path[0] != '\0') {
         m_peer_path.assign(address.sun_path, strnlen(address.sun_path, sizeof address.sun_path));
