@@ -1,5 +1,6 @@
-// The netlink decoder of NetDeviceMonitor. The input is datagrams as the kernel would send them, each behind its length in
-// 16 bits, little endian; the last one may be cut. The program takes the kernel's place, below the socket of a monitor.
+// Fuzzes the netlink decoder of NetDeviceMonitor. The input is a sequence of datagrams as the kernel would
+// send them. Each follows its length, 16 bits little endian; the last datagram may be truncated. The program
+// replaces the system calls below the monitor's socket.
 
 #include "Check.h"
 
@@ -26,9 +27,9 @@ namespace {
 using vesk::NetDeviceMonitor;
 using vesk::NetworkAddressBase;
 
-constexpr int SOCKET = 1000; // No descriptor that there is.
+constexpr int SOCKET = 1000; // Not an open descriptor.
 
-/// What is left of the input.
+/// The unread rest of the input.
 struct Input {
     NetDeviceMonitor* monitor;
     uint8_t const* data;
@@ -52,7 +53,7 @@ bool isWellFormed(NetworkAddressBase const& address) {
     return false;
 }
 
-/// Looks at all that it is told.
+/// Reads everything that it receives.
 class Listener : public NetDeviceMonitor::Listener {
 public:
     void interface_appeared(Info const& interface) override {
@@ -140,14 +141,14 @@ int close(int fd) {
     return static_cast<int>(syscall(SYS_close, fd));
 }
 
-// After failures in a row the monitor pauses, for which there is no time here.
+// The monitor pauses after repeated failures. The pause would only slow down the fuzzer.
 int nanosleep(timespec const*, timespec*) {
     return 0;
 }
 
 ssize_t recvmsg(int, msghdr* message, int flags) {
     if ((flags & MSG_DONTWAIT) != 0) {
-        errno = EAGAIN; // So the monitor asks for all once more.
+        errno = EAGAIN; // Makes the monitor repeat its request for everything.
         return -1;
     }
     void* const buffer = message->msg_iov->iov_base;
@@ -166,7 +167,7 @@ ssize_t recvmsg(int, msghdr* message, int flags) {
     memcpy(buffer, s_input->data, received);
     s_input->data += size;
     s_input->size -= size;
-    // Each byte behind the datagram is a trap.
+    // A read beyond the end of the datagram must be detected.
     ASAN_POISON_MEMORY_REGION(static_cast<char*>(buffer) + received, room - received);
     return static_cast<ssize_t>(received);
 }
@@ -184,7 +185,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     std::ErrorStorage::ack();
     fuzz::check(input.open_sockets == 0, "the socket is closed");
     fuzz::check(input.size < 2, "all datagrams are taken");
-    // An empty datagram is a failure, and nothing else is.
+    // Only an empty datagram is a failure.
     bool empty = false;
     for (size_t at = 0; at + 2 <= size;) {
         size_t const length = static_cast<size_t>(data[at]) | static_cast<size_t>(data[at + 1]) << 8;

@@ -1,4 +1,4 @@
-// DnsSdBase::Txt. The input is a TXT record as it comes from the network.
+// Fuzzes DnsSdBase::Txt. The input is a TXT record as received from the network.
 
 #include "Check.h"
 
@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     std::string const bytes(reinterpret_cast<char const*>(wire.data), wire.getSize());
     fuzz::check(bytes == encode(txt), "the wire format is that of the entries");
 
-    // What was read once is well-formed when it is written again.
+    // A record that was decoded is well-formed when it is encoded again.
     fuzz::check(wire.getSize() <= 65535, "a record does not grow");
     Txt const again(static_cast<unsigned short>(wire.getSize()), wire.data);
     fuzz::check(again == txt, "the entries survive the wire format");

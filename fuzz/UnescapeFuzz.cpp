@@ -1,4 +1,4 @@
-// DnsSdBase::unescape. The first line of the input are the stop characters, the rest is the name.
+// Fuzzes DnsSdBase::unescape. The first line of the input contains the stop characters, the rest is the name.
 
 #include "Check.h"
 
@@ -21,14 +21,14 @@ std::string cutAtZero(std::string const& text) {
 
 struct Piece {
     std::string text;
-    size_t end; // Where the cursor is left.
+    size_t end; // The final position of the cursor.
 };
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-/// The same by position in the text, of which the terminating zero is a part.
+/// Reference implementation that works on positions in the text. The terminating zero is part of the text.
 Piece unescape(std::string const& name, size_t at, std::string const& stop_chars) {
     std::string result;
     for (;;) {
@@ -63,7 +63,7 @@ Piece unescape(std::string const& name, size_t at, std::string const& stop_chars
     }
 }
 
-/// A label in the text form, with every byte escaped that could be taken for something else.
+/// Returns the text form of a label, with every ambiguous byte escaped.
 std::string escape(std::string const& label) {
     std::string result;
     for (char const c : label) {
@@ -90,7 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     std::string const stop_chars = cutAtZero(input.substr(0, line_end));
     std::string const name = cutAtZero(input.substr(std::min(line_end + 1, size)));
 
-    // In memory of its own, so that the sanitizer sees a byte that is read beyond it.
+    // A separate allocation, so that the sanitizer detects a read beyond its end.
     std::vector<char> const text(name.c_str(), name.c_str() + name.size() + 1);
     size_t at = 0;
     for (;;) {
