@@ -15,7 +15,7 @@ namespace {
 
 constexpr int ENTRIES = 10000;
 
-/// A folder with that many files, in memory as far as there is one for files.
+/// A temporary folder with the given number of files, in memory if the system has a file system there.
 class Folder {
 public:
     Folder() {

@@ -23,7 +23,7 @@ namespace {
 
 constexpr int BATCH = 1000;
 
-/// Counts the batch down, and tells the producer when it is done.
+/// Counts down the jobs of a batch and signals the producer after the last one.
 struct Batch {
     Batch() { sem_init(&done, 0, 0); }
     ~Batch() { sem_destroy(&done); }
@@ -62,8 +62,8 @@ void produceForDispatcher(benchmark::State& state) {
 }
 BENCHMARK(produceForDispatcher)->Name("One producer to a dispatcher (at most 1.10)/vesk")->UseRealTime();
 
-/// The same loop by hand: jobs in a deque under a mutex, an event made of a mutex, a flag and a condition, and a mutex
-/// around whoever wants to see a job first.
+/// The same loop on bare pthread calls: a mutex guards a deque of jobs; a mutex, a flag and a condition form
+/// the event; a third mutex guards the list of watchers that inspect each job first.
 class HandMadeLoop {
 public:
     class Job {
@@ -178,7 +178,7 @@ BENCHMARK(produceByHand)->Name("One producer to a dispatcher (at most 1.10)/bare
 constexpr int DESCRIPTORS = 64;
 constexpr int READY_EVERY = 8;
 
-/// 64 socket pairs, of which every eighth always has a byte to read, since reading only peeks.
+/// 64 socket pairs. Every eighth always has a byte to read, because the rows only peek at it.
 class Sockets {
 public:
     Sockets() {
@@ -228,7 +228,7 @@ void cycle(benchmark::State& state) {
         poller.add(client, sockets.get(i));
     }
     for (int i = 0; i < DESCRIPTORS; ++i) {
-        poller.poll(); // Takes the bytes of the additions out of the pipe.
+        poller.poll(); // Drains the wake-up bytes of the additions from the pipe.
     }
     for (auto _ : state) {
         benchmark::DoNotOptimize(poller.poll());

@@ -24,8 +24,8 @@ void check(bool failed) {
     }
 }
 
-/// Interfaces of the benchmark's own, in a network that nobody else changes; without the right to one, those of the
-/// machine.
+/// Interfaces in a separate network namespace, where no other process changes them. Without the privilege to
+/// create one, the benchmark uses the interfaces of the machine.
 struct Network {
     Network() {
         constexpr char const* INTERFACES =

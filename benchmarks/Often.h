@@ -2,8 +2,8 @@
 
 #include <benchmark/benchmark.h>
 
-/// For rows whose system calls scatter by far more than what the library adds to them: many short repetitions, in random order
-/// with those of the twin, have a median that tells.
+/// Configures a row in which the variance of the system calls is far larger than the library's overhead. Many
+/// short repetitions, interleaved at random with those of the twin, give a meaningful median.
 inline void often(benchmark::internal::Benchmark* row) {
     row->Repetitions(99)->MinTime(0.01);
 }

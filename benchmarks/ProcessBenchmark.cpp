@@ -37,7 +37,7 @@ vesk::Vesk const& startLibrary() {
     return s_vesk;
 }
 
-/// Memory of the parent, all of it in use: a fork has to copy what describes it.
+/// Memory of the parent. All of its pages are in use, so that a fork must copy their page tables.
 class Ballast {
 public:
     explicit Ballast(benchmark::State const& state) : m_size(static_cast<size_t>(state.range(0)) << 20) {
@@ -68,7 +68,7 @@ long long now() {
 
 // ---- start and wait ----
 
-/// What starts a child and waits for its end, with a thread of its own that fetches the ends of children.
+/// Starts a child and waits for its end. A separate thread reaps the children.
 class BareProcess {
 public:
     BareProcess() : m_thread([this] { collect(); }) {}
@@ -171,7 +171,7 @@ BENCHMARK(bareStartAndWait)
 
 // ---- from the end of the child to the waiter ----
 
-/// Where a child that has not executed a program leaves the moment of its end.
+/// Shared memory in which a child that does not execute a program stores the time of its end.
 struct LastMoment {
     LastMoment()
         : ns(static_cast<long long*>(
@@ -189,7 +189,8 @@ LastMoment* g_last_moment = nullptr;
 
 } // namespace
 
-/// Runs in the child in place of its program.
+/// Replaces `execv`. During the wake-up rows the child stores the time and exits instead of executing a
+/// program.
 extern "C" int execv(char const* path, char* const* argv) noexcept {
     if (g_last_moment != nullptr) {
         timespec const settle{0, 2000000}; // Until the parent waits.
@@ -244,7 +245,7 @@ BENCHMARK(bareWakeUp)->Name("Child's end to its waiter/bare")->Iterations(200)->
 
 // ---- processes by their names ----
 
-/// Processes that only are there.
+/// A number of idle processes.
 class Crowd {
 public:
     explicit Crowd(size_t count) {

@@ -11,8 +11,8 @@
 
 namespace {
 
-/// A second thread for the whole run: libc and the language's library skip atomics in a process that has only one, which
-/// no user of this library has.
+/// A second thread for the whole run. libc and libstdc++ omit atomic operations in a single-threaded process,
+/// but users of this library have several threads.
 class Company {
 public:
     Company()

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int SIGNAL = SIGUSR1;
 
-/// Where a callback tells that it was called.
+/// A semaphore that the callback posts.
 struct Answer {
     Answer() { sem_init(&arrived, 0, 0); }
     ~Answer() { sem_destroy(&arrived); }
@@ -50,7 +50,7 @@ void writeByte(int) {
     errno = saved_errno;
 }
 
-/// Waits for bytes of the handler, and calls back for each, until the pipe is closed.
+/// Waits for bytes from the handler and calls back for each one until the pipe is closed.
 void* callForEachByte(void* answer) {
     for (;;) {
         fd_set readable;

@@ -36,14 +36,14 @@ void check(bool failed) {
 
 IPSocket::IPAddress const LOOPBACK(IPSocket::LOOPBACK_IP, 0);
 
-/// A name in the abstract namespace, which nobody else has.
+/// Returns a unique name in the abstract namespace.
 std::string makeName() {
     return "vesk-bench-" + std::to_string(getpid());
 }
 
-// ---- The two ends of a connection, by the library and without it ----
+// ---- The two ends of a connection, with and without the library ----
 
-/// What both families have in common in the library.
+/// The operations that both socket families of the library share.
 class VeskEnd {
 public:
     explicit VeskEnd(vesk::Socket& socket) : m_socket(socket) {}
@@ -52,7 +52,7 @@ public:
         unsigned int count = 0;
         check(m_socket.write(data, size, count) != 1);
     }
-    /// Whether something came; the count of it.
+    /// Returns whether data was received, and stores its size in `count`.
     bool receive(void* buffer, unsigned int size, unsigned int& count) {
         return m_socket.read(buffer, size, count) == 1;
     }
@@ -222,7 +222,7 @@ void transfer(benchmark::internal::Benchmark* row) {
     row->UseManualTime()->Apply(often);
 }
 
-/// Where all is copying, it takes even more of them.
+/// Rows that mainly copy memory need even more repetitions.
 void copying(benchmark::internal::Benchmark* row) {
     row->Apply(transfer)->Repetitions(299);
 }
@@ -253,18 +253,19 @@ BENCHMARK(roundTrip<BareTcp>)->Name("TCP round trip of a byte (at most 1.03)/bar
 BENCHMARK(roundTrip<VeskUnix>)->Name("Unix socket round trip of a byte (at most 1.03)/vesk")->Apply(transfer);
 BENCHMARK(roundTrip<BareUnix>)->Name("Unix socket round trip of a byte (at most 1.03)/bare")->Apply(transfer);
 
-// Where they lie in memory matters to the copying, so it is the same for all.
+// The addresses influence the speed of copying, so all rows use the same buffers.
 alignas(4096) char s_sent[PIECE];
 alignas(4096) char s_received[PIECE];
 
-/// Keeps the system from growing the buffers as it goes, which it does differently for each connection.
+/// Fixes the sizes of the socket buffers. The system would otherwise grow them differently for each
+/// connection.
 void fixBuffers(int fd) {
     int const size = 2 * PIECE;
     check(setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size) != 0);
     check(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0);
 }
 
-/// Sends a MiB in pieces, and waits until the peer has all of it.
+/// Sends a MiB in pieces and waits until the peer has received all of it.
 template <typename Connection>
 void stream(benchmark::State& state) {
     OneProcessor const together;
@@ -301,10 +302,11 @@ BENCHMARK(stream<BareTcp>)
     ->Name("TCP stream of a MiB in pieces of 64 KiB (at most 1.02)/bare")
     ->Apply(copying);
 
-/// Takes connections that wait already, so that only this is measured.
+/// Accepts connections that are already pending, so that only `take` is measured.
 template <typename Take>
 void takeWaiting(benchmark::State& state, int listener, Take take) {
-    // What is accepted inherits it: closed at once, the connections leave nothing behind that would use up all ports.
+    // Accepted sockets inherit this option: a connection that is reset on close does not occupy a port in
+    // TIME_WAIT.
     linger const at_once{1, 0};
     check(setsockopt(listener, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once) != 0);
     sockaddr_in address{};
@@ -340,7 +342,7 @@ void adopt(benchmark::State& state) {
 }
 BENCHMARK(adopt)->Name("TCP accept, adopt and close (at most 1.10)/vesk")->Apply(transfer);
 
-/// Has the text of the peer's address as well, as an adopted socket does.
+/// Formats the peer's address as well, as the adopting socket does.
 void bareAdopt(benchmark::State& state) {
     OneProcessor const together;
     BareServer const server(AF_INET, WAITING);

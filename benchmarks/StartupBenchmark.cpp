@@ -1,6 +1,7 @@
-// How long a fresh process waits for the library: loading libvesk.so and libtarncommon.so (their initialisers included)
-// and the first Vesk(true, false), beside the same system calls made by hand: most of that time libc takes to read the
-// locale of the environment. Each sample is a process of its own, so Google Benchmark is no help here.
+// Measures the start-up time of the library in a fresh process: loading libvesk.so and libtarncommon.so with
+// their initializers, and the first Vesk(true, false). The twin makes the same system calls directly; libc
+// spends most of their time on reading the locale of the environment. Each sample needs a new process, which
+// Google Benchmark does not support.
 //
 //     bench_Startup [PROCESSES]
 
@@ -12,7 +13,7 @@
 namespace {
 
 constexpr int DEFAULT_PROCESSES = 500;
-// The first ones bring the files into the page cache.
+// These load the files into the page cache.
 constexpr int WARM_UP_PROCESSES = 10;
 
 struct Sample {

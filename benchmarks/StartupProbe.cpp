@@ -1,6 +1,6 @@
-// Loads the library as a program's first use of it would, starts it up, and prints how many nanoseconds each took. It is
-// linked against neither library, so nothing of them is there before. Without an argument it makes the system calls of
-// the start-up itself instead.
+// Loads the library, initializes it, and prints how many nanoseconds each step took. The program is linked
+// against neither library, so that nothing of them is loaded before. Without an argument it makes the system
+// calls of the start-up directly.
 //
 //     startup_probe [LIBVESK]
 
@@ -77,7 +77,7 @@ int main(int argc, char** argv) {
     if (library == nullptr) {
         return fail();
     }
-    // The constructor of vesk::Vesk, by its name in the C++ ABI.
+    // The mangled name of the constructor of vesk::Vesk.
     auto const construct =
         reinterpret_cast<void (*)(void*, bool, bool)>(dlsym(library, "_ZN4vesk4VeskC1Ebb"));
     if (construct == nullptr) {

@@ -27,7 +27,7 @@ void check(int error) {
     }
 }
 
-/// Memory that processes could share, for both twins alike.
+/// Memory that processes could share, the same for both twins.
 template <typename T>
 class SharedMemory {
 public:
@@ -79,7 +79,7 @@ public:
 };
 
 // ---- uncontended locks ----
-// Both twins look at every result, as a caller has to.
+// Both twins check every result, as a caller must.
 
 void mutexVesk(benchmark::State& state) {
     vesk::Mutex const mutex;
@@ -171,9 +171,9 @@ BENCHMARK(spinLockBare)->Name("SpinLock lock and unlock/bare");
 
 // ---- ping-pong ----
 
-/// Keeps the calling thread, and the threads that it starts meanwhile, on one processor: each hand-over is then exactly
-/// one switch, whatever else the machine does, and the time that it takes does not hang on where the scheduler puts the
-/// two.
+/// Binds the calling thread, and the threads that it starts during the lifetime of the object, to one
+/// processor. Each hand-over is then exactly one context switch, and its time does not depend on where the
+/// scheduler places the threads.
 class OneProcessor {
 public:
     OneProcessor() {
@@ -198,8 +198,8 @@ private:
 
 enum class Ball { HERE, THERE, GONE };
 
-/// One iteration is a hand-over to the partner and one back. `Table` has a lock, a condition for each direction, and
-/// the calls of one of the twins.
+/// One iteration is a hand-over to the partner and back. `Table` has a lock, a condition for each direction,
+/// and the calls of one of the twins.
 template <typename Table>
 void pingPong(benchmark::State& state) {
     OneProcessor const one_processor;

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// A path of the length that the row asks for, with a letter in eight beyond ASCII.
+/// Returns a path of the length that the row requires. One letter in eight is not ASCII.
 std::string makePath(benchmark::State const& state) {
     setlocale(LC_ALL, "C.UTF-8");
     std::string path;

@@ -17,7 +17,7 @@ void makeStartJoin(benchmark::State& state) {
 }
 BENCHMARK(makeStartJoin)->Name("Thread made, started, joined (at most 1.25)/vesk")->UseRealTime();
 
-/// What a held-back start takes by hand.
+/// The state that a delayed start needs without the library.
 struct Handoff {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t condition = PTHREAD_COND_INITIALIZER;

@@ -18,11 +18,12 @@ void doNothing(vesk::Timer*) {}
 
 // ---- Start and stop among many ----
 
-// The twin of these rows is the same with few timers: a bare one knows nothing of others.
+// The twin of each row is the same operation with few timers, because bare timers are independent of each
+// other.
 
 constexpr unsigned int HOUR_MS = 3600000;
 
-/// So many timers that are running, with intervals from one hour to two.
+/// Running timers with intervals from one hour to two.
 class Running {
 public:
     explicit Running(unsigned int count) {
@@ -38,7 +39,8 @@ private:
     std::vector<std::unique_ptr<vesk::Timer>> m_timers;
 };
 
-/// A timer among others, later than some and earlier than others: each start has a new place.
+/// Starts and stops a timer that is later than some and earlier than others. Each start has a new position
+/// among them.
 void startStop(benchmark::State& state, unsigned int pending) {
     Running const others(pending);
     std::array<std::unique_ptr<vesk::Timer>, 64> timers;
@@ -63,7 +65,7 @@ void startStopAmongFew(benchmark::State& state) {
 }
 BENCHMARK(startStopAmongFew)->Name("Timer start plus stop, 10,000 pending against 10 (at most 1.5)/bare");
 
-/// The next one of all: each start arms the kernel's timer.
+/// Starts and stops the earliest timer. Each start arms the kernel's timer.
 void startStopFirst(benchmark::State& state, unsigned int pending) {
     Running const others(pending);
     vesk::Timer timer(doNothing, false);
@@ -85,7 +87,7 @@ void startStopBeforeFew(benchmark::State& state) {
 BENCHMARK(startStopBeforeFew)
     ->Name("Earliest timer start plus stop, 10,000 pending against 10 (at most 1.5)/bare");
 
-/// The timers that are pending take turns: each is stopped and started with a new interval.
+/// Stops the pending timers in turn and starts each with a new interval.
 void restart(benchmark::State& state, unsigned int pending) {
     std::vector<std::unique_ptr<vesk::Timer>> timers;
     for (unsigned int i = 0; i < pending; ++i) {
@@ -111,7 +113,7 @@ void restartAmongFew(benchmark::State& state) {
 }
 BENCHMARK(restartAmongFew)->Name("Timers stopped and started in turns, 10,000 against 10/bare");
 
-// ---- How late a timer of one millisecond is ----
+// ---- Delay of a timer of one millisecond ----
 
 constexpr long NS_PER_MS = 1000000;
 
@@ -121,7 +123,7 @@ long long now() {
     return time.tv_sec * 1000LL * NS_PER_MS + time.tv_nsec;
 }
 
-/// Puts the delays in microseconds beside the row.
+/// Adds the delays in microseconds to the row.
 void show(benchmark::State& state, std::vector<long long>& delays) {
     std::sort(delays.begin(), delays.end());
     auto const at = [&delays](size_t percent) {
@@ -141,7 +143,7 @@ public:
         sem_post(&m_done);
     }
     long long wait() {
-        while (sem_wait(&m_done) != 0) {} // The signal may come to this thread.
+        while (sem_wait(&m_done) != 0) {} // The signal may interrupt this thread.
         return m_time;
     }
 
@@ -174,7 +176,7 @@ void oneShot(benchmark::State& state) {
 }
 BENCHMARK(oneShot)->Name("One-shot timer of 1 ms/vesk")->UseRealTime();
 
-/// A timer of the system whose signal a thread of its own waits for.
+/// A system timer with a dedicated thread that waits for its signal.
 class BareTimer {
 public:
     explicit BareTimer(Shot& target) : m_shot(target) {
