@@ -68,8 +68,8 @@ void unpackNames() {
 constexpr int SERVICES = 1000;
 constexpr int NEWS = SERVICES + SERVICES / 2;
 
-/// Knows of a thousand services, half of which go away again. Its thread tells every client; a client that is cancelled is
-/// not called any more.
+/// An engine with a fixed set of services, half of which disappear again. Its thread calls every client. A
+/// client is not called after its cancellation.
 class Resident : public DnsSd::Engine {
 public:
     Resident() : m_thread(main, this, "tour engine") { failed(m_thread.start(), "starting the engine"); }
@@ -162,7 +162,7 @@ private:
     vesk::Thread m_thread;
 };
 
-/// Beyond anything that an engine in the same process needs.
+/// Returns a deadline that an engine in the same process always meets.
 tarnbase::TimePoint soon() {
     return tarnbase::TimePoint::now() + tarnbase::Duration(10000);
 }
@@ -183,7 +183,7 @@ void browseAndResolve() {
             if (found.appeared) {
                 present.push_back(found.name);
             } else {
-                present.pop_back(); // The engine tells both one after the other.
+                present.pop_back(); // The engine reports both one after the other.
             }
         }
         auto const us =
@@ -204,7 +204,7 @@ void browseAndResolve() {
             static_cast<unsigned int>(where.port), where.txt["path"].c_str());
         DnsSd::SyncService const service(String::fromUTF8("Tour"), "_http._tcp", "local", 80);
         failed(engine.getPublished() != 1, "publishing");
-        // Goes while the engine has news for it.
+        // Destroyed while the engine still has reports for it.
         DnsSd::SyncBrowser const impatient("_http._tcp", "local");
     }
     DnsSd::setEngine(before);

@@ -28,12 +28,12 @@ double microseconds(vesk::RealtimeStopWatch const& watch) {
 constexpr int URGENT = 3;
 constexpr int ORDINARY = 100000;
 
-/// What the messages of both sources write down; only the dispatcher's thread touches it.
+/// The record that the messages of both sources write. Only the dispatcher's thread accesses it.
 struct Log {
     vesk::Dispatcher* dispatcher = nullptr;
     int urgent = 0;
     int ordinary = 0;
-    int ordinary_before_urgent = 0; // Ordinary ones that came before the last urgent one.
+    int ordinary_before_urgent = 0; // Ordinary messages before the last urgent one.
 };
 
 void takeUrgent(void* log) {
@@ -106,10 +106,10 @@ void catchSignals() {
     vesk::RealtimeStopWatch const watch(true);
     for (int i = 0; i < SIGNALS; ++i) {
         kill(getpid(), SIGUSR1);
-        while (sem_wait(&reception.received) != 0) {} // The signal itself may interrupt the wait.
+        while (sem_wait(&reception.received) != 0) {} // The signal may interrupt the wait.
     }
     double const us = microseconds(watch);
-    // The system shows the tail of a long name.
+    // The library gives the system the last 15 characters of a longer thread name.
     std::string const name = reception.thread_name.data();
     failed(reception.signal != SIGUSR1 || name != "ignalDispatcher", "the signal comes on its thread");
     tell(
@@ -123,7 +123,7 @@ constexpr size_t PIPES = 32;
 constexpr size_t PASSERS = 2000;
 constexpr int BYTES = 20000;
 
-/// Counts the bytes that come out of pipes.
+/// Counts the bytes that are read from pipes.
 class Counter : public vesk::Poller::Client {
 public:
     int poll_events(int) override { return POLLIN; }
@@ -141,7 +141,7 @@ private:
     std::atomic<long long> m_bytes{0};
 };
 
-/// A client that comes, is asked, hears nothing and goes.
+/// A client that is added, polled without receiving an event, and removed.
 class Passer : public vesk::Poller::Client {
 public:
     int poll_events(int) override {

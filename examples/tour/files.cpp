@@ -25,16 +25,16 @@ namespace {
 using vesk::FileSys;
 
 constexpr int FOLDERS = 20;
-constexpr int FILES = 20;             // In each folder.
-constexpr size_t FILE_SIZE = 65536;   // Of each.
-constexpr size_t BIG_SIZE = 64 << 20; // What is copied.
+constexpr int FILES = 20;             // Per folder.
+constexpr size_t FILE_SIZE = 65536;   // Per file.
+constexpr size_t BIG_SIZE = 64 << 20; // Of the copied file.
 constexpr unsigned int BUFFER_SIZE = 1 << 18;
 
 double milliseconds(vesk::RealtimeStopWatch const& watch) {
     return static_cast<double>(watch.getElapsedTime(vesk::StopWatchBase::TimeUnit::MICROSECONDS)) / 1000;
 }
 
-/// A temporary folder, which goes away with all that is left in it.
+/// A temporary folder. The destructor removes it with everything in it.
 class TemporaryFolder {
 public:
     TemporaryFolder() : m_path(std::string(FileSys::getTempPath()) + "/tour-XXXXXX") {
@@ -197,7 +197,7 @@ void useSerialLine() {
     if (!failed(port.open(), "opening the port")) {
         std::array<char, 256> sent{};
         for (size_t i = 0; i < sent.size(); ++i) {
-            sent[i] = static_cast<char>(i); // Every byte there is: nothing is to be translated.
+            sent[i] = static_cast<char>(i); // Every byte value: the line must not translate any.
         }
         std::array<char, 256> received{};
         unsigned int count = 0;

@@ -19,12 +19,12 @@ namespace {
 constexpr int FIGHT_ROUNDS = 200000;
 constexpr int MEETINGS = 20000;
 
-/// What two sides share: a counter that they fight over, and a ball that they throw to each other.
+/// The shared state of two sides: a counter that both increment, and the side that has the ball.
 template <typename Mutex, typename Condition>
 struct Arena {
     Mutex mutex;
     Condition ball_moved;
-    long long counter = 0; // Not atomic: only the lock keeps it right.
+    long long counter = 0; // Not atomic: the lock alone protects it.
     int ball_at = 0;
 };
 
@@ -57,7 +57,7 @@ bool throwBall(Arena<Mutex, Condition>& arena, int side) {
     return false;
 }
 
-/// Lets the other side run `play` at the same time as this one, and gives the microseconds that it took both.
+/// Runs `play` on both sides at the same time. Returns how many microseconds that took.
 template <typename OtherSide, typename Play>
 double bothSides(OtherSide const& other_side, Play const& play) {
     vesk::RealtimeStopWatch watch(true);

@@ -17,7 +17,7 @@ namespace tour {
 
 namespace {
 
-/// Prints all that it is told.
+/// Prints all reported changes.
 class Narrator : public vesk::NetDeviceMonitor::Listener {
 public:
     void interface_appeared(Info const& interface) override {
@@ -27,7 +27,7 @@ public:
         note("interface " + interface.name + " has disappeared");
     }
     void interface_status(Info const& interface) override {
-        // The kernel repeats it with each little change.
+        // The kernel repeats the status with each small change.
         if (interface.addresses.empty()) {
             note("status of " + interface.name + ": MTU " + std::to_string(interface.mtu));
         }
@@ -45,7 +45,7 @@ public:
         note("address " + getText(address) + " of " + interface.name + " is not operable any more");
     }
 
-    /// Waits for something to be told. True if it does not come in ten seconds.
+    /// Waits for a report with this text. Returns true if it does not arrive within ten seconds.
     bool waitFor(std::string const& text) {
         std::unique_lock<std::mutex> lock(m_mutex);
         return !m_told.wait_for(
@@ -53,7 +53,7 @@ public:
     }
 
 private:
-    /// An address of IPv6 stands in the peer.
+    /// Returns the address as a text. An IPv6 address is in the field `peer`.
     static std::string getText(AddrInfo const& info) {
         bool const is_peer = info.address.getType() == vesk::NetworkAddress::NONE;
         return is_peer ? info.peer.getText() : info.address.getText();
@@ -71,9 +71,9 @@ private:
     std::string m_all;
 };
 
-/// True on failure.
+/// Runs a shell command. Returns true on failure.
 bool run(char const* command) {
-    return system(command) != 0; // NOLINT(cert-env33-c): The program of the system, and no other.
+    return system(command) != 0; // NOLINT(cert-env33-c): runs only fixed commands.
 }
 
 void changeNetwork(Narrator& narrator) {
@@ -84,7 +84,7 @@ void changeNetwork(Narrator& narrator) {
     failed(narrator.waitFor("interface left has disappeared"), "its end is told");
 }
 
-/// In a process with a network of its own.
+/// Must run in a process with a separate network namespace.
 void watchNetwork() {
     Narrator narrator;
     vesk::NetDeviceMonitor monitor(&narrator);

@@ -10,7 +10,7 @@ namespace tour {
 
 namespace {
 
-/// Something dear that lives only while somebody uses it.
+/// An object that is expensive to build and exists only while it has users.
 class Engine {
 public:
     Engine() { tell("  the engine is built, for the %d. time", ++s_built); }
@@ -25,7 +25,7 @@ using EnginePtr = std::SharedBase::Ptr<Engine>;
 
 std::Shared<Engine> s_engine;
 
-/// A handle whose copies share one thing and count themselves.
+/// A reference-counted handle. All copies share one object.
 class Handle final : public vesk::RefCounted {
 public:
     explicit Handle(int& freed) : m_freed(&freed) {}

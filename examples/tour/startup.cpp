@@ -33,7 +33,7 @@ void timed(char const* name, Step const& step) {
 void startup() {
     section("Start-up");
     long long const start = nanoseconds();
-    // Every process makes one before it uses anything else; it stays until the end.
+    // Every process creates one object before it uses anything else, and keeps it to the end.
     static vesk::Vesk vesk(true, false);
     tell(
         "the first Vesk took %.1f us; its steps, each run once more:",

@@ -20,7 +20,7 @@ char const* stateOf(vesk::Thread const& thread) {
     return STATES[thread.getThreadState()];
 }
 
-/// Waits until a thread is in a state, for ten seconds at most. True on failure.
+/// Waits at most ten seconds until a thread is in a state. Returns true on failure.
 bool waitForState(vesk::Thread const& thread, vesk::Thread::State state) {
     for (int i = 0; i < 10000 && thread.getThreadState() != state; ++i) {
         vesk::Time::sleep(1);
@@ -28,7 +28,7 @@ bool waitForState(vesk::Thread const& thread, vesk::Thread::State state) {
     return thread.getThreadState() != state;
 }
 
-/// The job: work, lie down until it is woken up, work again.
+/// The state of a thread that works, suspends itself until it is woken up, and works again.
 struct Sleeper {
     vesk::Thread* thread = nullptr;
     std::atomic<int> rounds{0};
