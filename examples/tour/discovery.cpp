@@ -30,13 +30,13 @@ using vesk::DnsSdBase;
 // ---- values ----
 
 void unpackNames() {
-    section("Discovery: names and TXT records as they come from the network");
+    section("Discovery: names and TXT records in wire format");
     char const* const wire_name = "Caf\\195\\169\\032No\\.\\0321._http._tcp.local";
     char const* cursor = wire_name;
     std::string const label = DnsSdBase::unescape(cursor, ".");
     failed(
         label != "Caf\xC3\xA9 No. 1" || strcmp(cursor, "._http._tcp.local") != 0, "the label is unescaped");
-    tell("%s: the label is \"%s\", \"%s\" is left", wire_name, label.c_str(), cursor);
+    tell("%s: the label is \"%s\", the rest is \"%s\"", wire_name, label.c_str(), cursor);
 
     String rude = String(std::unicode::BOM) + String::fromUTF8("Caf\xC3\xA9\a") + String(0x1F5A8);
     String const shown = DnsSdBase::sanitize(rude);
@@ -168,7 +168,7 @@ tarnbase::TimePoint soon() {
 }
 
 void browseAndResolve() {
-    section("Discovery: synchronous clients of an engine with a thread of its own");
+    section("Discovery: synchronous clients of an engine with its own thread");
     Resident engine;
     DnsSd::Engine* const before = DnsSd::setEngine(&engine);
     {
@@ -190,7 +190,7 @@ void browseAndResolve() {
             static_cast<double>(watch.getElapsedTime(vesk::StopWatchBase::TimeUnit::MICROSECONDS));
         failed(present.size() != SERVICES / 2 || !browser.get(found), "half of the services stay");
         tell(
-            "%d services came and %d went, read in the order of their news: %.2f us each", SERVICES,
+            "%d services appeared and %d disappeared, reported in order: %.2f us each", SERVICES,
             SERVICES / 2, us / NEWS);
 
         DnsSd::SyncResolver resolver(found.name, "_http._tcp", "local");
@@ -208,7 +208,7 @@ void browseAndResolve() {
         DnsSd::SyncBrowser const impatient("_http._tcp", "local");
     }
     DnsSd::setEngine(before);
-    tell("all clients are cancelled, with news still waiting; the engine is at rest");
+    tell("all clients are cancelled, with reports still pending; the engine is idle");
 }
 
 } // namespace

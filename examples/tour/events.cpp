@@ -73,9 +73,10 @@ void dispatchTwoSources() {
     double const us = microseconds(watch);
     failed(
         log.urgent != URGENT || log.ordinary != ORDINARY || log.ordinary_before_urgent != 0,
-        "every message came, the urgent ones first");
+        "every message arrived, the urgent ones first");
     tell(
-        "%d ordinary messages waited when %d urgent ones came in: all urgent ones went first; %.2f us each",
+        "%d ordinary messages were pending when %d urgent ones arrived: all urgent ones came first; %.2f us "
+        "each",
         log.ordinary, log.urgent, us / (URGENT + ORDINARY));
 }
 
@@ -111,10 +112,10 @@ void catchSignals() {
     double const us = microseconds(watch);
     // The library gives the system the last 15 characters of a longer thread name.
     std::string const name = reception.thread_name.data();
-    failed(reception.signal != SIGUSR1 || name != "ignalDispatcher", "the signal comes on its thread");
+    failed(reception.signal != SIGUSR1 || name != "ignalDispatcher", "the signal is received on its thread");
     tell(
-        "%d times there and back: received as an ordinary call on \"...%s\", %.1f us each", SIGNALS,
-        name.c_str(), us / SIGNALS);
+        "%d round trips: received as an ordinary call on \"...%s\", %.1f us each", SIGNALS, name.c_str(),
+        us / SIGNALS);
 }
 
 // ---- a poller ----
@@ -220,7 +221,7 @@ void pollPipes() {
     close(silent[0]);
     close(silent[1]);
     tell(
-        "%lld of %d bytes through %zu pipes, while %zu other clients came and went: %.0f ms",
+        "%lld of %d bytes through %zu pipes, while %zu other clients were added and removed: %.0f ms",
         counter.getBytes(), BYTES, PIPES, PASSERS, us / 1000);
 }
 

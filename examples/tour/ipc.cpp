@@ -194,7 +194,7 @@ void streamThroughRing() {
     double const seconds = microseconds(watch) / 1e6;
     if (!failed(broken, "the stream")) {
         tell(
-            "%llu MiB in pieces of %u KiB through a ring of %u MiB, each byte looked at: %.0f MiB/s",
+            "%llu MiB in pieces of %u KiB through a ring of %u MiB, each byte checked: %.0f MiB/s",
             STREAM_SIZE >> 20, PIECE_SIZE >> 10, RING_SIZE >> 20,
             static_cast<double>(STREAM_SIZE >> 20) / seconds);
     }
@@ -239,9 +239,7 @@ void countEachOther() {
                 return broken;
             }),
         "counting");
-    tell(
-        "two processes counted each other to %d, %.2f us there and back", COUNTS,
-        microseconds(watch) / COUNTS);
+    tell("two processes took turns %d times, %.2f us per round trip", COUNTS, microseconds(watch) / COUNTS);
     failed(there.close() || back.close(), "closing the semaphores");
 }
 
@@ -258,7 +256,7 @@ void handOverTemporaryFile() {
             return;
         }
         path = temporary.getPath();
-        failed(file.open(temporary, true), "taking a temporary file over");
+        failed(file.open(temporary, true), "adopting a temporary file");
     }
     std::array<char, 5> const text{'h', 'e', 'l', 'l', 'o'};
     std::array<char, 5> again{};
@@ -270,7 +268,7 @@ void handOverTemporaryFile() {
     failed(file.close(), "closing it");
     bool const there = vesk::FileSys::exists(path.c_str(), true) == 0;
     tell(
-        "of two temporary files the one that changed hands is %s, and the other one went by itself",
+        "of two temporary files the one that was handed over is %s; the other one was removed automatically",
         there ? "still there" : "gone");
     failed(!there || vesk::FileSys::removeFile(path.c_str()), "removing it");
 }

@@ -70,11 +70,11 @@ template <typename Mutex, typename Condition, typename OtherSide>
 void runArena(Arena<Mutex, Condition>& arena, OtherSide const& other_side) {
     double const fight_us = bothSides(other_side, [&arena](int) { return fight(arena); });
     tell(
-        "they fought over a counter: %lld of %d, %.3f us a round", arena.counter, 2 * FIGHT_ROUNDS,
+        "contention on a counter: %lld of %d, %.3f us per round", arena.counter, 2 * FIGHT_ROUNDS,
         fight_us / (2 * FIGHT_ROUNDS));
     failed(arena.counter != 2LL * FIGHT_ROUNDS, "the counter is right");
     double const ball_us = bothSides(other_side, [&arena](int side) { return throwBall(arena, side); });
-    tell("they threw a ball %d times there and back, %.2f us each", MEETINGS, ball_us / MEETINGS);
+    tell("ping-pong: %d round trips, %.2f us each", MEETINGS, ball_us / MEETINGS);
 }
 
 } // namespace

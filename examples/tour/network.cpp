@@ -77,11 +77,12 @@ bool run(char const* command) {
 }
 
 void changeNetwork(Narrator& narrator) {
-    failed(narrator.waitFor(" left has appeared"), "a pair is told");
-    failed(run("ip link set dev left up && ip addr add 10.0.0.1/24 brd + dev left"), "giving an address");
-    failed(narrator.waitFor("address 10.0.0.1 of left is operable"), "its address is told");
-    failed(run("ip addr del 10.0.0.1/24 dev left && ip link del dev left"), "removing all");
-    failed(narrator.waitFor("interface left has disappeared"), "its end is told");
+    failed(narrator.waitFor(" left has appeared"), "the new pair is reported");
+    failed(run("ip link set dev left up && ip addr add 10.0.0.1/24 brd + dev left"), "adding an address");
+    failed(narrator.waitFor("address 10.0.0.1 of left is operable"), "the address is reported");
+    failed(
+        run("ip addr del 10.0.0.1/24 dev left && ip link del dev left"), "removing the address and the pair");
+    failed(narrator.waitFor("interface left has disappeared"), "the removal is reported");
 }
 
 /// Must run in a process with a separate network namespace.
@@ -90,7 +91,7 @@ void watchNetwork() {
     vesk::NetDeviceMonitor monitor(&narrator);
     std::thread watcher([&monitor] { failed(monitor.watch(), "watching the network"); });
     if (run("ip link add name left type veth peer name right")) {
-        tell("this system makes no pairs of interfaces; nothing more is shown");
+        tell("this system cannot create pairs of interfaces; nothing more is shown");
     } else {
         changeNetwork(narrator);
     }
@@ -101,19 +102,19 @@ void watchNetwork() {
 } // namespace
 
 void network() {
-    section("Network: a monitor of interfaces, in a network of its own");
+    section("Network: a monitor of interfaces, in a separate network namespace");
     fflush(stdout);
     pid_t const child = fork();
     if (child == 0) {
         if (unshare(CLONE_NEWNET) != 0) {
-            tell("a network of its own is not granted; nothing is shown");
+            tell("no permission for a separate network namespace; nothing is shown");
             _exit(0);
         }
         watchNetwork();
         _exit(hasFailed() ? 1 : 0);
     }
     int status = 0;
-    failed(waitpid(child, &status, 0) != child || status != 0, "a process with a network of its own");
+    failed(waitpid(child, &status, 0) != child || status != 0, "a process with a separate network namespace");
 }
 
 } // namespace tour

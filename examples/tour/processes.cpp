@@ -102,12 +102,12 @@ void runPipeline() {
         failed(state.killed || state.status != 0, "a child of the pipeline has succeeded");
     }
     int const lines = atoi(readAll(output.get()).c_str());
-    failed(lines != 81902, "so many numbers up to 200000 have a seven in them");
-    tell("seq 1 200000 | grep 7 | wc -l says %d", lines);
+    failed(lines != 81902, "81902 of the numbers up to 200000 contain a seven");
+    tell("seq 1 200000 | grep 7 | wc -l prints %d", lines);
 }
 
 void changeEnvironment() {
-    section("Processes: a new environment, a group killed, a program that is missing");
+    section("Processes: a new environment, a killed group, a missing program");
     OutputFile const output;
     ProcessTNG environment;
     environment.setEnvironment({{"MODE", "tour"}, {"STEPS", "3"}});
@@ -149,7 +149,7 @@ void changeEnvironment() {
 }
 
 void measureLoad() {
-    section("Processes: the load of a busy one, a shared object");
+    section("Processes: the load of a busy process, a shared object");
     ProcessTNG busy;
     vesk::SystemLoad system_start;
     failed(system_start.sample(), "sampling the system's load");
@@ -165,9 +165,9 @@ void measureLoad() {
     failed(system_end.sample(), "sampling the system's load");
     double const load = vesk::ProcessInfo::getCpuLoad(before, after);
     tell(
-        "\"%s\" with %zu thread keeps %.0f%% of this machine busy; all of it is busy by %.0f%%",
-        after.name.c_str(), after.threads, load, vesk::SystemLoad::getCpuLoad(system_start, system_end));
-    failed(load <= 0 || busy.kill(false), "a load, and the end of it");
+        "\"%s\" with %zu thread uses %.0f%% of this machine; its total load is %.0f%%", after.name.c_str(),
+        after.threads, load, vesk::SystemLoad::getCpuLoad(system_start, system_end));
+    failed(load <= 0 || busy.kill(false), "measuring a load and killing its process");
     ProcessTNG::ExitState const state = waitFor(busy);
     failed(!state.killed || state.status != SIGKILL, "the busy child was killed");
 

@@ -185,7 +185,7 @@ void measureRoundTrips(Clients& clients, Telegram const& telegram) {
     }
     std::sort(trips.begin(), trips.end());
     tell(
-        "one at a time: a telegram of %zu bytes there and back takes %.0f us in half of the cases, "
+        "one at a time: the round trip of a telegram of %zu bytes takes %.0f us in 50%% of the cases, "
         "%.0f us in 99%%, %.0f us at most",
         telegram.size(), trips[trips.size() / 2], trips[trips.size() * 99 / 100], trips.back());
 }
@@ -206,7 +206,7 @@ void measureThroughput(Clients& clients, Telegram const& telegram) {
     auto const count = static_cast<double>(JOINT_ROUNDS * clients.size());
     if (!failed(broken, "telegrams on all connections")) {
         tell(
-            "all at once: %.0f telegrams there and back, %.0f a second, %.1f MiB/s in each direction", count,
+            "all at once: %.0f round trips, %.0f per second, %.1f MiB/s in each direction", count,
             count * 1e6 / us, count * static_cast<double>(telegram.size()) / us * 1e6 / (1 << 20));
     }
 }
@@ -219,7 +219,7 @@ void echoOverTcp() {
     section("Sockets: an echo server with a thousand TCP connections on one poller");
     unsigned int const count = countPossible();
     if (count < CONNECTIONS) {
-        tell("the limit of descriptors allows no more than %u connections", count);
+        tell("the descriptor limit allows no more than %u connections", count);
     }
     vesk::Poller poller;
     EchoServer server(poller);
@@ -343,7 +343,7 @@ constexpr unsigned int DATAGRAMS = 1000;
 constexpr size_t MEMBERS = 3;
 
 void talkToGroup() {
-    section("Sockets: a multicast group in a network of its own");
+    section("Sockets: a multicast group in a separate network namespace");
     IPSocket::IPAddress const group("239.255.42.99", 4242);
     std::list<vesk::UDPSocket> members;
     for (size_t i = 0; i < MEMBERS; ++i) {
@@ -364,15 +364,15 @@ void talkToGroup() {
             unsigned int number = 0;
             if (!failed(
                     isSilent(member) || member.read(&number, sizeof number, size) != 1 || number != i,
-                    "hearing it")) {
+                    "receiving it")) {
                 ++heard[index];
             }
             ++index;
         }
     }
     tell(
-        "%u datagrams of one member to %s: %u, %u and %u heard, its own among them; %.1f us each", DATAGRAMS,
-        group.host.c_str(), heard[0], heard[1], heard[2], microseconds(watch) / DATAGRAMS);
+        "%u datagrams of one member to %s: %u, %u and %u received, by the sender too; %.1f us each",
+        DATAGRAMS, group.host.c_str(), heard[0], heard[1], heard[2], microseconds(watch) / DATAGRAMS);
     for (vesk::UDPSocket& member : members) {
         failed(member.close(false), "leaving the group");
     }
@@ -400,7 +400,7 @@ void countOwnPackets() {
     section("Sockets: a raw socket that sees this tour's own packets");
     vesk::RawSocket raw(true, 0, 0);
     if (raw.open("lo")) {
-        tell("packet sockets are not granted:\n%s", tarn_error.getReasonList().c_str());
+        tell("no permission for packet sockets:\n%s", tarn_error.getReasonList().c_str());
         std::ErrorStorage::ack();
         return;
     }
@@ -436,14 +436,16 @@ void playInOwnNetwork() {
     auto const play = [] {
         if (!separateNetwork()) {
             section("Sockets: a multicast group, and a raw socket");
-            tell("left out: no network of its own, in which they could disturb nobody: %s", strerror(errno));
+            tell(
+                "skipped: no permission for a separate network namespace, which isolates them: %s",
+                strerror(errno));
             return false;
         }
         talkToGroup();
         countOwnPackets();
         return hasFailed();
     };
-    failed(withOtherProcess(play, [] { return false; }), "the network of its own");
+    failed(withOtherProcess(play, [] { return false; }), "the separate network namespace");
 }
 
 } // namespace

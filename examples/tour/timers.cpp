@@ -103,8 +103,8 @@ void timers() {
     for (unsigned int i = 0; i < TIMERS; ++i) {
         (i % 2 == 1 ? high : ordinary).add(appointments[i]->came - appointments[i]->due);
     }
-    ordinary.print("how late the ordinary ones came:");
-    high.print("how late those of high priority came:");
+    ordinary.print("delay of the timers of ordinary priority:");
+    high.print("delay of the timers of high priority:");
     appointments.clear();
     sem_destroy(&s_all_came);
 }
