@@ -15,7 +15,7 @@ namespace {
 
 constexpr int ENTRIES = 10000;
 
-/// A folder with `ENTRIES` files, in memory if a memory file system is available.
+/// A temporary folder with the given number of files, in memory if the system has a file system there.
 class Folder {
 public:
     Folder() {

@@ -13,7 +13,7 @@ namespace {
 using Entries = std::map<std::string, std::string>;
 using Txt = vesk::DnsSdBase::Txt;
 
-/// Returns as many entries as the row specifies, with keys and values of a typical size.
+/// Returns as many entries as the row requires, of the size that services announce.
 template <typename Map>
 Map makeEntries(benchmark::State const& state) {
     Map entries;

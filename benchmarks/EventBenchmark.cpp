@@ -23,7 +23,7 @@ namespace {
 
 constexpr int BATCH = 1000;
 
-/// Counts the jobs of a batch down, and wakes the producer at the last one.
+/// Counts down the jobs of a batch and signals the producer after the last one.
 struct Batch {
     Batch() { sem_init(&done, 0, 0); }
     ~Batch() { sem_destroy(&done); }
@@ -62,8 +62,8 @@ void produceForDispatcher(benchmark::State& state) {
 }
 BENCHMARK(produceForDispatcher)->Name("One producer to a dispatcher (at most 1.10)/vesk")->UseRealTime();
 
-/// The same loop without the library: jobs in a deque guarded by a mutex, an event of a mutex, a flag and a
-/// condition, and a mutex that guards the list of functions that see each job first.
+/// The same loop on bare pthread calls: a mutex guards a deque of jobs; a mutex, a flag and a condition form
+/// the event; a third mutex guards the list of watchers that inspect each job first.
 class HandMadeLoop {
 public:
     class Job {
@@ -178,7 +178,7 @@ BENCHMARK(produceByHand)->Name("One producer to a dispatcher (at most 1.10)/bare
 constexpr int DESCRIPTORS = 64;
 constexpr int READY_EVERY = 8;
 
-/// 64 socket pairs. Every eighth always has a byte to read, because the reader only peeks.
+/// 64 socket pairs. Every eighth always has a byte to read, because the rows only peek at it.
 class Sockets {
 public:
     Sockets() {
@@ -228,7 +228,7 @@ void cycle(benchmark::State& state) {
         poller.add(client, sockets.get(i));
     }
     for (int i = 0; i < DESCRIPTORS; ++i) {
-        poller.poll(); // Consumes the bytes that `add` wrote into the pipe.
+        poller.poll(); // Drains the wake-up bytes of the additions from the pipe.
     }
     for (auto _ : state) {
         benchmark::DoNotOptimize(poller.poll());

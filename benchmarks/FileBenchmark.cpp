@@ -22,7 +22,7 @@ constexpr unsigned int BUFFER_SIZE = 4096;
 constexpr unsigned int BLOCK_SIZE = 16;
 constexpr char const* MISSING = "/tmp/there/is/no/such/file";
 
-/// A temporary file, in memory if the system provides a memory file system. The destructor deletes it.
+/// A temporary file, in memory if the system allows that. The destructor removes it.
 class TempFile {
 public:
     TempFile() {
@@ -117,7 +117,7 @@ void writePiecesBare(benchmark::State& state) {
     close(fd);
 }
 
-/// A standard C stream with a buffer of the same size.
+/// A standard C stream with the same buffer size.
 class StandardFile {
 public:
     StandardFile(char const* path, char const* mode) : m_file(fopen(path, mode)) {

@@ -15,7 +15,7 @@ namespace {
 constexpr size_t FILE_SIZE = 1 << 20;
 constexpr unsigned int BUFFER_SIZE = 1 << 16;
 
-/// A file and the path of its copy, both in memory: on a disk, the time of `fsync` would dominate the result.
+/// A file and the path of its copy. Both are in memory: on a disk the time of `fsync` would dominate.
 class Files {
 public:
     Files() {
@@ -50,7 +50,7 @@ public:
     std::string const destination = m_folder + "/destination";
 };
 
-/// Copies a file. Returns true on failure.
+/// Returns true on failure.
 bool copyBare(char const* source, char const* destination, void* buffer) {
     int const in = open(source, O_RDONLY | O_CLOEXEC);
     int const out = open(destination, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0660);

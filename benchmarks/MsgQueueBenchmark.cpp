@@ -26,7 +26,7 @@ std::string makeName(char const* end) {
     return "vesk-bench-" + std::to_string(getpid()) + end;
 }
 
-/// A child process that repeats `echo` until the benchmark ends.
+/// A child that runs `echo` until the benchmark ends.
 class Peer {
 public:
     template <typename Echo>

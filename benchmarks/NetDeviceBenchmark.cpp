@@ -24,8 +24,8 @@ void check(bool failed) {
     }
 }
 
-/// Creates interfaces in a private network namespace. Without the privilege for one, the interfaces of the
-/// machine are measured.
+/// Interfaces in a separate network namespace, where no other process changes them. Without the privilege to
+/// create one, the benchmark uses the interfaces of the machine.
 struct Network {
     Network() {
         constexpr char const* INTERFACES =

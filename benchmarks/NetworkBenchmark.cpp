@@ -19,8 +19,8 @@ namespace {
 
 constexpr int INTERFACES = 500; // In addition to the loopback interface.
 
-/// Creates `INTERFACES` interfaces in a private network namespace, which the kernel deletes at the end of the
-/// process. Returns whether that succeeded.
+/// Creates `INTERFACES` interfaces in a separate network namespace, which ends with the process. Returns
+/// whether it succeeded.
 bool makeNetwork() {
     if (unshare(CLONE_NEWNET) != 0) {
         return false;
@@ -49,7 +49,7 @@ void check(bool failed) {
     }
 }
 
-/// Stops its monitor at the last interface.
+/// Stops the monitor after the last interface.
 class Counter : public vesk::NetDeviceMonitor::Listener {
 public:
     void interface_status(Info const& interface) override {
@@ -125,7 +125,7 @@ void store(std::map<int, BareInterface>& interfaces, nlmsghdr const* message) {
     }
 }
 
-/// Receives and decodes one datagram. Returns true at the end of a dump.
+/// Receives one datagram. Returns true at the end of a dump.
 bool receive(int fd, std::map<int, BareInterface>& interfaces) {
     alignas(nlmsghdr) char buffer[4096];
     ssize_t const received = recv(fd, buffer, sizeof buffer, 0);

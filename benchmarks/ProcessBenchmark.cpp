@@ -37,7 +37,7 @@ vesk::Vesk const& startLibrary() {
     return s_vesk;
 }
 
-/// Extra memory of the parent, with every page in use: `fork` must copy the page tables.
+/// Memory of the parent. All of its pages are in use, so that a fork must copy their page tables.
 class Ballast {
 public:
     explicit Ballast(benchmark::State const& state) : m_size(static_cast<size_t>(state.range(0)) << 20) {
@@ -171,7 +171,7 @@ BENCHMARK(bareStartAndWait)
 
 // ---- from the end of the child to the waiter ----
 
-/// Shared memory into which a child that runs no program writes the time of its end.
+/// Shared memory in which a child that does not execute a program stores the time of its end.
 struct LastMoment {
     LastMoment()
         : ns(static_cast<long long*>(
@@ -189,10 +189,11 @@ LastMoment* g_last_moment = nullptr;
 
 } // namespace
 
-/// Replaces `execv`: runs in the child instead of its program.
+/// Replaces `execv`. During the wake-up rows the child stores the time and exits instead of executing a
+/// program.
 extern "C" int execv(char const* path, char* const* argv) noexcept {
     if (g_last_moment != nullptr) {
-        timespec const settle{0, 2000000}; // Gives the parent time to start its wait.
+        timespec const settle{0, 2000000}; // Until the parent waits.
         nanosleep(&settle, nullptr);
         *g_last_moment->ns = now();
         _exit(0);
@@ -244,7 +245,7 @@ BENCHMARK(bareWakeUp)->Name("Child's end to its waiter/bare")->Iterations(200)->
 
 // ---- processes by their names ----
 
-/// Idle processes.
+/// A number of idle processes.
 class Crowd {
 public:
     explicit Crowd(size_t count) {

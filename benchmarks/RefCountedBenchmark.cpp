@@ -11,8 +11,8 @@
 
 namespace {
 
-/// Keeps a second thread for the whole run. libc and the C++ library skip atomics in a single-threaded
-/// process, and the users of this library are multi-threaded.
+/// A second thread for the whole run. libc and libstdc++ omit atomic operations in a single-threaded process,
+/// but users of this library have several threads.
 class Company {
 public:
     Company()

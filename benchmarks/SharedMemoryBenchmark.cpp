@@ -29,11 +29,11 @@ void check(int error) {
 // ---- streaming through a ring ----
 
 constexpr unsigned int RING_SIZE = 65536;
-constexpr unsigned int BLOCK_SIZE = 701; // Blocks rarely end exactly at the end of the ring.
+constexpr unsigned int BLOCK_SIZE = 701; // Few blocks end at the end of the ring.
 
 char s_block[BLOCK_SIZE];
 
-/// Unnamed shared memory of the benchmark, the same for both twins.
+/// Anonymous shared memory, the same for both twins.
 class Memory {
 public:
     explicit Memory(unsigned int size) {
@@ -88,7 +88,8 @@ BENCHMARK(streamBare)->Name("MemMapping ring-buffer streaming (at most 1.00)/bar
 
 // ---- ping-pong between two processes ----
 
-/// Keeps the calling process and its children on one processor, so that each hand-over is exactly one switch.
+/// Binds the calling process and its children to one processor, so that each hand-over is exactly one context
+/// switch.
 class OneProcessor {
 public:
     OneProcessor() {

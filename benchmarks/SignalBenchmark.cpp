@@ -50,7 +50,7 @@ void writeByte(int) {
     errno = saved_errno;
 }
 
-/// Waits for bytes from the signal handler, and calls the callback for each, until the pipe is closed.
+/// Waits for bytes from the handler and calls back for each one until the pipe is closed.
 void* callForEachByte(void* answer) {
     for (;;) {
         fd_set readable;

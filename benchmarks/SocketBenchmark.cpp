@@ -36,14 +36,14 @@ void check(bool failed) {
 
 IPSocket::IPAddress const LOOPBACK(IPSocket::LOOPBACK_IP, 0);
 
-/// Returns a name for the abstract namespace that is unique to this process.
+/// Returns a unique name in the abstract namespace.
 std::string makeName() {
     return "vesk-bench-" + std::to_string(getpid());
 }
 
 // ---- The two ends of a connection, with and without the library ----
 
-/// One end of a connection of the library, of either family.
+/// The operations that both socket families of the library share.
 class VeskEnd {
 public:
     explicit VeskEnd(vesk::Socket& socket) : m_socket(socket) {}
@@ -52,7 +52,7 @@ public:
         unsigned int count = 0;
         check(m_socket.write(data, size, count) != 1);
     }
-    /// Returns whether data was received; `count` receives its size in bytes.
+    /// Returns whether data was received, and stores its size in `count`.
     bool receive(void* buffer, unsigned int size, unsigned int& count) {
         return m_socket.read(buffer, size, count) == 1;
     }
@@ -222,7 +222,7 @@ void transfer(benchmark::internal::Benchmark* row) {
     row->UseManualTime()->Apply(often);
 }
 
-/// For rows that mostly copy, which need more repetitions.
+/// Rows that mainly copy memory need even more repetitions.
 void copying(benchmark::internal::Benchmark* row) {
     row->Apply(transfer)->Repetitions(299);
 }
@@ -253,11 +253,11 @@ BENCHMARK(roundTrip<BareTcp>)->Name("TCP round trip of a byte (at most 1.03)/bar
 BENCHMARK(roundTrip<VeskUnix>)->Name("Unix socket round trip of a byte (at most 1.03)/vesk")->Apply(transfer);
 BENCHMARK(roundTrip<BareUnix>)->Name("Unix socket round trip of a byte (at most 1.03)/bare")->Apply(transfer);
 
-// The position of the buffers in memory affects the cost of copying, so all rows use the same ones.
+// The addresses influence the speed of copying, so all rows use the same buffers.
 alignas(4096) char s_sent[PIECE];
 alignas(4096) char s_received[PIECE];
 
-/// Fixes the sizes of the socket buffers. The kernel would otherwise grow them differently for each
+/// Fixes the sizes of the socket buffers. The system would otherwise grow them differently for each
 /// connection.
 void fixBuffers(int fd) {
     int const size = 2 * PIECE;
@@ -265,7 +265,7 @@ void fixBuffers(int fd) {
     check(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0);
 }
 
-/// Sends a MiB in pieces, and waits until the peer has received all of it.
+/// Sends a MiB in pieces and waits until the peer has received all of it.
 template <typename Connection>
 void stream(benchmark::State& state) {
     OneProcessor const together;
@@ -302,11 +302,11 @@ BENCHMARK(stream<BareTcp>)
     ->Name("TCP stream of a MiB in pieces of 64 KiB (at most 1.02)/bare")
     ->Apply(copying);
 
-/// Accepts connections that are already pending, so that only accepting them is measured.
+/// Accepts connections that are already pending, so that only `take` is measured.
 template <typename Take>
 void takeWaiting(benchmark::State& state, int listener, Take take) {
-    // Accepted connections inherit the option. Closed by a reset, they leave no TIME_WAIT state behind, which
-    // would exhaust the ports.
+    // Accepted sockets inherit this option: a connection that is reset on close does not occupy a port in
+    // TIME_WAIT.
     linger const at_once{1, 0};
     check(setsockopt(listener, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once) != 0);
     sockaddr_in address{};
@@ -342,7 +342,7 @@ void adopt(benchmark::State& state) {
 }
 BENCHMARK(adopt)->Name("TCP accept, adopt and close (at most 1.10)/vesk")->Apply(transfer);
 
-/// Also translates the peer's address to text, as adopting a socket does.
+/// Formats the peer's address as well, as the adopting socket does.
 void bareAdopt(benchmark::State& state) {
     OneProcessor const together;
     BareServer const server(AF_INET, WAITING);

@@ -1,7 +1,7 @@
-// Measures how long a fresh process takes to load libvesk.so and libtarncommon.so, including their
-// initializers, and to construct the first Vesk(true, false). The twin makes the same system calls directly.
-// libc needs most of that time, to read the locale of the environment. Each sample is a separate process, so
-// Google Benchmark is not used.
+// Measures the start-up time of the library in a fresh process: loading libvesk.so and libtarncommon.so with
+// their initializers, and the first Vesk(true, false). The twin makes the same system calls directly; libc
+// spends most of their time on reading the locale of the environment. Each sample needs a new process, which
+// Google Benchmark does not support.
 //
 //     bench_Startup [PROCESSES]
 
@@ -13,7 +13,7 @@
 namespace {
 
 constexpr int DEFAULT_PROCESSES = 500;
-// The first processes bring the files into the page cache.
+// These load the files into the page cache.
 constexpr int WARM_UP_PROCESSES = 10;
 
 struct Sample {

@@ -1,6 +1,6 @@
-// Loads the library, starts it up, and prints how many nanoseconds each step took. The program is linked
-// against neither library, so that nothing of them is loaded before. Without an argument, it makes the system
-// calls of the start-up itself.
+// Loads the library, initializes it, and prints how many nanoseconds each step took. The program is linked
+// against neither library, so that nothing of them is loaded before. Without an argument it makes the system
+// calls of the start-up directly.
 //
 //     startup_probe [LIBVESK]
 
@@ -77,7 +77,7 @@ int main(int argc, char** argv) {
     if (library == nullptr) {
         return fail();
     }
-    // The constructor of vesk::Vesk, under its mangled name.
+    // The mangled name of the constructor of vesk::Vesk.
     auto const construct =
         reinterpret_cast<void (*)(void*, bool, bool)>(dlsym(library, "_ZN4vesk4VeskC1Ebb"));
     if (construct == nullptr) {

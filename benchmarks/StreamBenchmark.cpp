@@ -15,7 +15,7 @@ constexpr unsigned int BLOCK_SIZE = 16;
 char const* const SOURCE = "/dev/zero";
 char const* const SINK = "/dev/null";
 
-/// Owns a descriptor and closes it.
+/// An owned descriptor, closed by the destructor.
 class Descriptor {
 public:
     Descriptor(char const* path, int flags) : m_fd(open(path, flags | O_CLOEXEC)) {
@@ -66,7 +66,7 @@ private:
     Descriptor m_descriptor{SINK, O_WRONLY};
 };
 
-/// A standard C stream with a buffer of the same size.
+/// A standard C stream with the same buffer size.
 class StandardFile {
 public:
     StandardFile(char const* path, char const* mode) : m_file(fopen(path, mode)) {

@@ -27,7 +27,7 @@ void check(int error) {
     }
 }
 
-/// Memory that processes can share, for both twins.
+/// Memory that processes could share, the same for both twins.
 template <typename T>
 class SharedMemory {
 public:
@@ -171,8 +171,9 @@ BENCHMARK(spinLockBare)->Name("SpinLock lock and unlock/bare");
 
 // ---- ping-pong ----
 
-/// Keeps the calling thread, and the threads that it starts in the meantime, on one processor. Each hand-over
-/// is then exactly one switch, and its cost does not depend on where the scheduler places the two threads.
+/// Binds the calling thread, and the threads that it starts during the lifetime of the object, to one
+/// processor. Each hand-over is then exactly one context switch, and its time does not depend on where the
+/// scheduler places the threads.
 class OneProcessor {
 public:
     OneProcessor() {
@@ -197,8 +198,8 @@ private:
 
 enum class Ball { HERE, THERE, GONE };
 
-/// Passes control to the partner and back in each iteration. `Table` contains a lock, a condition for each
-/// direction, and the calls of one of the twins.
+/// One iteration is a hand-over to the partner and back. `Table` has a lock, a condition for each direction,
+/// and the calls of one of the twins.
 template <typename Table>
 void pingPong(benchmark::State& state) {
     OneProcessor const one_processor;

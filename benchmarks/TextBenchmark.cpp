@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Returns a path of the length that the row specifies, with one non-ASCII character in eight.
+/// Returns a path of the length that the row requires. One letter in eight is not ASCII.
 std::string makePath(benchmark::State const& state) {
     setlocale(LC_ALL, "C.UTF-8");
     std::string path;

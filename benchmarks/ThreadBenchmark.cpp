@@ -17,7 +17,7 @@ void makeStartJoin(benchmark::State& state) {
 }
 BENCHMARK(makeStartJoin)->Name("Thread made, started, joined (at most 1.25)/vesk")->UseRealTime();
 
-/// The state that a deferred start needs without the library.
+/// The state that a delayed start needs without the library.
 struct Handoff {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t condition = PTHREAD_COND_INITIALIZER;

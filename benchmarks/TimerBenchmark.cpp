@@ -18,11 +18,12 @@ void doNothing(vesk::Timer*) {}
 
 // ---- Start and stop among many ----
 
-// The twin of these rows is the same operation with few timers: a bare timer does not depend on others.
+// The twin of each row is the same operation with few timers, because bare timers are independent of each
+// other.
 
 constexpr unsigned int HOUR_MS = 3600000;
 
-/// A number of running timers, with intervals between one and two hours.
+/// Running timers with intervals from one hour to two.
 class Running {
 public:
     explicit Running(unsigned int count) {
@@ -38,8 +39,8 @@ private:
     std::vector<std::unique_ptr<vesk::Timer>> m_timers;
 };
 
-/// Starts and stops timers that expire later than some of the others and earlier than the rest: each start
-/// inserts at a new position.
+/// Starts and stops a timer that is later than some and earlier than others. Each start has a new position
+/// among them.
 void startStop(benchmark::State& state, unsigned int pending) {
     Running const others(pending);
     std::array<std::unique_ptr<vesk::Timer>, 64> timers;
@@ -64,7 +65,7 @@ void startStopAmongFew(benchmark::State& state) {
 }
 BENCHMARK(startStopAmongFew)->Name("Timer start plus stop, 10,000 pending against 10 (at most 1.5)/bare");
 
-/// Starts and stops the timer that expires first: each start arms the kernel's timer.
+/// Starts and stops the earliest timer. Each start arms the kernel's timer.
 void startStopFirst(benchmark::State& state, unsigned int pending) {
     Running const others(pending);
     vesk::Timer timer(doNothing, false);
@@ -86,7 +87,7 @@ void startStopBeforeFew(benchmark::State& state) {
 BENCHMARK(startStopBeforeFew)
     ->Name("Earliest timer start plus stop, 10,000 pending against 10 (at most 1.5)/bare");
 
-/// Stops each pending timer in turn, and starts it with a new interval.
+/// Stops the pending timers in turn and starts each with a new interval.
 void restart(benchmark::State& state, unsigned int pending) {
     std::vector<std::unique_ptr<vesk::Timer>> timers;
     for (unsigned int i = 0; i < pending; ++i) {
@@ -112,7 +113,7 @@ void restartAmongFew(benchmark::State& state) {
 }
 BENCHMARK(restartAmongFew)->Name("Timers stopped and started in turns, 10,000 against 10/bare");
 
-// ---- How late a timer of one millisecond is ----
+// ---- Delay of a timer of one millisecond ----
 
 constexpr long NS_PER_MS = 1000000;
 
@@ -175,7 +176,7 @@ void oneShot(benchmark::State& state) {
 }
 BENCHMARK(oneShot)->Name("One-shot timer of 1 ms/vesk")->UseRealTime();
 
-/// A timer of the system with a thread that waits for its signal.
+/// A system timer with a dedicated thread that waits for its signal.
 class BareTimer {
 public:
     explicit BareTimer(Shot& target) : m_shot(target) {

@@ -6,17 +6,17 @@
 #include <sched.h>
 #include <unistd.h>
 
-// For rows in which two threads or processes pass control to each other and back.
+/// Support for rows in which two threads or processes hand something to each other and back.
 
-/// Keeps the calling thread, and the threads and processes that it starts, on one processor during its
-/// lifetime. A switch between two of them then always costs the same. Otherwise the scheduler places them on
-/// one processor in one run and on two in the next, and a wake-up across processors costs several times a
-/// local one.
+/// Binds the calling thread, and the threads and processes that it starts during the lifetime of the object,
+/// to one processor. A hand-over then always costs the same. Otherwise the system places the two sides on one
+/// processor in one run and on two in the next, and a wake-up across processors costs several times more than
+/// a local one.
 class OneProcessor {
 public:
     OneProcessor() noexcept {
         sched_getaffinity(0, sizeof m_before, &m_before);
-        // The last processor, because interrupts prefer the first.
+        // The last processor, because interrupts usually go to the first.
         int processor = CPU_SETSIZE - 1;
         while (processor > 0 && !CPU_ISSET(processor, &m_before)) {
             --processor;
@@ -34,9 +34,9 @@ private:
     cpu_set_t m_before{};
 };
 
-/// Returns the processor time of this process, plus that of `peer` if given, in seconds. Two processes that
-/// share one processor and wait only for each other use all of it, so the sum is their real time without the
-/// time of other processes.
+/// Returns the processor time of this process, plus that of `peer` if it is given, in seconds. Two processes
+/// that share one processor and wait only for each other use all of it, so this is their real time without
+/// that of other processes.
 inline double getProcessorTime(pid_t peer = 0) noexcept {
     timespec mine{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &mine);
@@ -49,8 +49,8 @@ inline double getProcessorTime(pid_t peer = 0) noexcept {
         static_cast<double>(mine.tv_nsec + others.tv_nsec) * 1e-9;
 }
 
-/// Measures `body` in processor time, for a row with `UseManualTime`. The clock is read once for many calls,
-/// so that its cost is negligible.
+/// Measures the processor time of `body`, for a row with `UseManualTime`. Reads the clock once per `TURNS`
+/// calls, so that its cost is negligible.
 template <typename Body>
 void measureTogether(benchmark::State& state, Body body, pid_t peer = 0) {
     constexpr int TURNS = 32;

@@ -1,5 +1,7 @@
-# Every public header, compiled alone in each language standard that a caller may use, without the compiler's
-# extensions. Each must also refuse a program with other widths of offsets and times, so it must include what does. Part of the ordinary build: a header that leans on what another one includes breaks it.
+# Compiles every public header alone, in each language standard that a caller may use, without compiler
+# extensions. Each header must also refuse a program with other widths of offsets and times, so it must
+# include an Export.h. Part of the default build: a header that depends on the includes of another one breaks
+# the build.
 set(VESK_HEADER_CHECK_STANDARDS 17 20 23)
 
 add_custom_target(header_check)
@@ -27,7 +29,7 @@ foreach(library tarncommon vesk)
                        EXPORT_COMPILE_COMMANDS OFF)
         add_dependencies(header_check ${target})
         target_link_libraries(${target} PRIVATE ${library} vesk_build_flags)
-        # No debug information: nobody looks at the objects, and there are three for each header.
+        # No debug information: the objects are never used, and there are three per header.
         target_compile_options(${target} PRIVATE -Wpedantic -O0 -g0)
     endforeach()
 endforeach()

@@ -1,11 +1,12 @@
-# What `cmake --install` gives: both libraries, their headers, the CMake package `vesk` and a pkg-config file for each
-# library. The installed tree can be moved: nothing in it names the place it was installed to.
+# Defines what `cmake --install` installs: both libraries, their headers, the CMake package `vesk` and a
+# pkg-config file for each library. The installed tree is relocatable: no file in it contains the install
+# prefix.
 include(CMakePackageConfigHelpers)
 
 set(VESK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vesk)
 set(VESK_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# libvesk finds the base library beside itself, whatever the program's own search path is.
+# libvesk finds the base library in its own directory, independently of the program's search path.
 set_target_properties(vesk PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 install(TARGETS tarncommon vesk EXPORT veskTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -39,7 +40,7 @@ install(
     NAMESPACE vesk::
     DESTINATION ${VESK_CMAKE_DIR})
 
-# The way from a .pc file to the prefix, since it depends on how deep the library folder is.
+# The relative path from a .pc file to the prefix. It depends on the depth of the library folder.
 file(RELATIVE_PATH VESK_PREFIX_FROM_PKGCONFIG /prefix/${VESK_PKGCONFIG_DIR} /prefix)
 list(TRANSFORM VESK_WIDTH_DEFINITIONS PREPEND " -D" OUTPUT_VARIABLE VESK_WIDTH_FLAGS)
 list(JOIN VESK_WIDTH_FLAGS "" VESK_WIDTH_FLAGS)

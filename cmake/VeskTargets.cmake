@@ -1,4 +1,4 @@
-# What every target of the tree has in common: language, warnings, sanitizers, and how a library is laid out.
+# Settings of every target of the tree: language, warnings, sanitizers, and the layout of a library.
 
 add_library(vesk_build_flags INTERFACE)
 target_compile_features(vesk_build_flags INTERFACE cxx_std_17)
@@ -11,8 +11,8 @@ if(VESK_SANITIZE)
     endif()
 endif()
 
-# Fields of the two libraries, their sources and headers are listed by their own CMakeLists.txt. SYMBOL is a name, as the
-# linker knows it, that this library exports and no other.
+# Adds one of the two libraries. ARGN lists its sources. SYMBOL is the mangled name of a symbol that only this
+# library exports.
 function(vesk_add_library name symbol)
     add_library(${name} SHARED ${ARGN})
     add_library(vesk::${name} ALIAS ${name})
@@ -25,11 +25,12 @@ function(vesk_add_library name symbol)
                    VISIBILITY_INLINES_HIDDEN ON)
     target_compile_features(${name} PUBLIC cxx_std_17)
     target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:vesk_build_flags>)
-    # Calls inside a library stay inside it; only libc's functions can be replaced by the program.
+    # Calls inside a library are bound to the library; a program can replace only functions of libc.
     target_compile_options(${name} PRIVATE -fno-semantic-interposition -fno-plt)
-    # A unique symbol keeps the loader from ever unloading the library. Clang makes none.
+    # A unique symbol would prevent the loader from ever unloading the library. Clang does not create such
+    # symbols.
     target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
-    # Static objects are destroyed by unloading the library, and not by the end of the process.
+    # Static objects are destroyed when the library is unloaded, but not at the end of the process.
     target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tarncommon/src/StaticObjects.cpp)
     target_compile_definitions(${name} PRIVATE TARN_LIBRARY_SYMBOL="${symbol}")
     target_link_options(${name} PRIVATE -Wl,--wrap=__cxa_atexit -Wl,--wrap=__aeabi_atexit)
@@ -38,8 +39,8 @@ function(vesk_add_library name symbol)
         PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
                $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
         PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
-    # Two thirds of the time to compile a source is the standard library. The presets that check the headers compile each source
-    # without this, which shows a missing #include.
+    # Two thirds of the time to compile a source is spent on the standard library. The presets that check the
+    # headers compile each source without precompiled headers, which detects a missing #include.
     if(NOT VESK_HEADER_CHECK)
         target_precompile_headers(${name} PRIVATE <algorithm> <atomic> <functional> <memory> <string> <vector>)
     endif()
@@ -48,8 +49,8 @@ function(vesk_add_library name symbol)
     endif()
 endfunction()
 
-# A source that makes exported copies of inline functions. Left to itself, Clang makes only one of the two symbols that a
-# constructor or destructor has.
+# Prepares a source that creates exported copies of inline functions. By default, Clang emits only one of the
+# two symbols of a constructor or destructor.
 function(vesk_make_inline_copies source)
     if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
         set_property(SOURCE ${source} APPEND PROPERTY COMPILE_OPTIONS -Xclang -mno-constructor-aliases)

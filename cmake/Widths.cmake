@@ -1,9 +1,9 @@
-# The widths of file offsets and times that the compiler and its flags give: TARN_FILE_OFFSET_BITS, TARN_TIME_BITS, and
-# VESK_WIDTH_DEFINITIONS, what a program must define to have the same. The widths are measured, not taken from the flags:
-# some toolchains define them by themselves.
+# Determines the widths of file offsets and times that the compiler and its flags give: TARN_FILE_OFFSET_BITS
+# and TARN_TIME_BITS. VESK_WIDTH_DEFINITIONS lists what a program must define to have the same widths. The
+# widths are measured, not derived from the flags, because some toolchains define the macros by default.
 include(CheckTypeSize)
 
-# A changed flag asks for a new measurement.
+# A changed flag requires a new measurement.
 string(MD5 widths_key "${CMAKE_CXX_COMPILER} ${CMAKE_CXX_FLAGS}")
 set(CMAKE_EXTRA_INCLUDE_FILES ctime sys/types.h)
 check_type_size(off_t VESK_OFF_T_${widths_key} LANGUAGE CXX)
@@ -15,7 +15,7 @@ endif()
 math(EXPR TARN_FILE_OFFSET_BITS "8 * ${VESK_OFF_T_${widths_key}}")
 math(EXPR TARN_TIME_BITS "8 * ${VESK_TIME_T_${widths_key}}")
 
-# Where pointers have 64 bits, offsets and times have no other width.
+# With 64-bit pointers, offsets and times always have 64 bits.
 set(VESK_WIDTH_DEFINITIONS)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     if(TARN_FILE_OFFSET_BITS EQUAL 64)

@@ -5,7 +5,7 @@
 
 namespace fuzz {
 
-/// Aborts if a property does not hold, so that the fuzzer saves the input that violates it.
+/// Aborts the run if a property does not hold. The fuzzer then saves the input.
 inline void check(bool holds, char const* property, int line = __builtin_LINE()) {
     if (!holds) {
         fprintf(stderr, "line %d: does not hold: %s\n", line, property);

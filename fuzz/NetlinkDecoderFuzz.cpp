@@ -1,6 +1,6 @@
 // Fuzzes the netlink decoder of NetDeviceMonitor. The input is a sequence of datagrams as the kernel would
-// send them. Each follows its length in 16 bits, little endian. The last datagram may be cut. The program
-// replaces the system calls on the socket of a monitor, and so acts as the kernel.
+// send them. Each follows its length, 16 bits little endian; the last datagram may be truncated. The program
+// replaces the system calls below the monitor's socket.
 
 #include "Check.h"
 
@@ -27,9 +27,9 @@ namespace {
 using vesk::NetDeviceMonitor;
 using vesk::NetworkAddressBase;
 
-constexpr int SOCKET = 1000; // Not a valid descriptor.
+constexpr int SOCKET = 1000; // Not an open descriptor.
 
-/// The unread rest of the input, and the state of the replaced calls.
+/// The unread rest of the input.
 struct Input {
     NetDeviceMonitor* monitor;
     uint8_t const* data;
@@ -53,7 +53,7 @@ bool isWellFormed(NetworkAddressBase const& address) {
     return false;
 }
 
-/// Checks the arguments of every notification.
+/// Reads everything that it receives.
 class Listener : public NetDeviceMonitor::Listener {
 public:
     void interface_appeared(Info const& interface) override {
@@ -141,14 +141,14 @@ int close(int fd) {
     return static_cast<int>(syscall(SYS_close, fd));
 }
 
-// The monitor pauses after consecutive failures. The pauses are skipped to save time.
+// The monitor pauses after repeated failures. The pause would only slow down the fuzzer.
 int nanosleep(timespec const*, timespec*) {
     return 0;
 }
 
 ssize_t recvmsg(int, msghdr* message, int flags) {
     if ((flags & MSG_DONTWAIT) != 0) {
-        errno = EAGAIN; // Makes the monitor request everything again.
+        errno = EAGAIN; // Makes the monitor repeat its request for everything.
         return -1;
     }
     void* const buffer = message->msg_iov->iov_base;
@@ -167,7 +167,7 @@ ssize_t recvmsg(int, msghdr* message, int flags) {
     memcpy(buffer, s_input->data, received);
     s_input->data += size;
     s_input->size -= size;
-    // The sanitizer reports any access to a byte behind the datagram.
+    // A read beyond the end of the datagram must be detected.
     ASAN_POISON_MEMORY_REGION(static_cast<char*>(buffer) + received, room - received);
     return static_cast<ssize_t>(received);
 }
@@ -185,7 +185,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     std::ErrorStorage::ack();
     fuzz::check(input.open_sockets == 0, "the socket is closed");
     fuzz::check(input.size < 2, "all datagrams are taken");
-    // An empty datagram is the only failure.
+    // Only an empty datagram is a failure.
     bool empty = false;
     for (size_t at = 0; at + 2 <= size;) {
         size_t const length = static_cast<size_t>(data[at]) | static_cast<size_t>(data[at + 1]) << 8;

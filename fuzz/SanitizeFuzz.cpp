@@ -1,4 +1,4 @@
-// Fuzzes DnsSdBase::sanitize. The input is a text in UTF-32, little endian. Any 32-bit value is a character.
+// Fuzzes DnsSdBase::sanitize. The input is a text in UTF-32, little endian. Any 32 bits are a character.
 
 #include "Check.h"
 
@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
         "each character is itself or the replacement");
     fuzz::check(DnsSdBase::sanitize(result) == result, "a clean name stays as it is");
 
-    // The result survives the conversion to UTF-8 and back.
+    // A sanitized name survives the conversion to UTF-8 and back.
     fuzz::check(String::fromUTF8(result.toUTF8()) == result, "a clean name can be written in UTF-8");
     return 0;
 }

@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     std::string const bytes(reinterpret_cast<char const*>(wire.data), wire.getSize());
     fuzz::check(bytes == encode(txt), "the wire format is that of the entries");
 
-    // The output of a decoded record is well-formed.
+    // A record that was decoded is well-formed when it is encoded again.
     fuzz::check(wire.getSize() <= 65535, "a record does not grow");
     Txt const again(static_cast<unsigned short>(wire.getSize()), wire.data);
     fuzz::check(again == txt, "the entries survive the wire format");

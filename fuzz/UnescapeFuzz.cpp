@@ -21,14 +21,14 @@ std::string cutAtZero(std::string const& text) {
 
 struct Piece {
     std::string text;
-    size_t end; // Final position of the cursor.
+    size_t end; // The final position of the cursor.
 };
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-/// The reference implementation. It works on positions in the text, which includes the terminating null.
+/// Reference implementation that works on positions in the text. The terminating zero is part of the text.
 Piece unescape(std::string const& name, size_t at, std::string const& stop_chars) {
     std::string result;
     for (;;) {
@@ -63,7 +63,7 @@ Piece unescape(std::string const& name, size_t at, std::string const& stop_chars
     }
 }
 
-/// Returns a label in its text form. Escapes every byte that a decoder could interpret otherwise.
+/// Returns the text form of a label, with every ambiguous byte escaped.
 std::string escape(std::string const& label) {
     std::string result;
     for (char const c : label) {
@@ -90,7 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     std::string const stop_chars = cutAtZero(input.substr(0, line_end));
     std::string const name = cutAtZero(input.substr(std::min(line_end + 1, size)));
 
-    // Separate memory, so that the sanitizer detects a read beyond its end.
+    // A separate allocation, so that the sanitizer detects a read beyond its end.
     std::vector<char> const text(name.c_str(), name.c_str() + name.size() + 1);
     size_t at = 0;
     for (;;) {

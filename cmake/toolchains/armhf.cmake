@@ -1,4 +1,5 @@
-# The target: 32-bit ARM, hard float, with Debian's cross compiler. Its programs run here under user-mode QEMU.
+# The target: 32-bit ARM, hard float, with Debian's cross compiler. Its programs run on the host under
+# user-mode QEMU.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)

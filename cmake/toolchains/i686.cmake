@@ -1,5 +1,5 @@
-# 32-bit x86 with Debian's cross compiler. Its programs run here through that toolchain's own loader, which is
-# written into them, so that a child that one of them starts runs as well.
+# 32-bit x86 with Debian's cross compiler. Its programs run on the host through the toolchain's loader. The
+# path of the loader is linked into each program, so that programs started as children run as well.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
 set(CMAKE_CXX_COMPILER i686-linux-gnu-g++)
@@ -8,7 +8,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# The search path is of the old kind, which also holds for what a library of the toolchain needs in its turn.
+# DT_RPATH instead of DT_RUNPATH, because it also applies to the dependencies of the toolchain's libraries.
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-Wl,--dynamic-linker=/usr/i686-linux-gnu/lib/ld-linux.so.2 -Wl,-rpath,/usr/i686-linux-gnu/lib -Wl,--disable-new-dtags")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,--disable-new-dtags")

@@ -5,10 +5,10 @@
 //     $ http_client http://device.local:8080/index.html >index.html
 //     HTTP/1.1 200 OK
 //
-// URL is "http://HOST[:PORT][/PATH][?QUERY]"; an address of IPv6 stands in brackets. A name is tried over IPv4 first. No
-// redirection is followed, and a server that is silent for 30 seconds is given up.
+// URL is "http://HOST[:PORT][/PATH][?QUERY]"; an IPv6 address must be in brackets. A name is tried over IPv4
+// first. Redirections are not followed. The client fails if the server is silent for 30 seconds.
 //
-// Exit codes: 0 for a status of 200 to 299, 1 for any other, 2 usage, 3 there is no answer, or none that makes sense.
+// Exit codes: 0 for a status of 200 to 299, 1 for any other status, 2 usage, 3 no answer or an invalid one.
 
 #include <vesk/TCPSocket.h>
 #include <vesk/Vesk.h>
@@ -31,13 +31,13 @@ using vesk::TCPSocket;
 
 constexpr size_t MAX_LINE = 65536;
 constexpr int MAX_FIELDS = 1000;
-constexpr int MAX_HEADS = 10; // Those that only tell to wait, and the last.
+constexpr int MAX_HEADS = 10; // Informational heads (status 1xx) and the final one.
 constexpr unsigned int PATIENCE_MS = 30000;
 
 struct Url {
     std::string host;
     unsigned short port = 80;
-    std::string authority; ///< Host and port as they were given, for the server.
+    std::string authority; ///< Host and port as given, for the Host field.
     std::string target;
     bool is_v6 = false;
 };
@@ -49,7 +49,7 @@ std::string toLower(std::string text) {
     return text;
 }
 
-/// A number of digits alone; -1 for anything else.
+/// Returns the value of a text that consists of digits only; -1 for any other text.
 long long toNumber(std::string const& text, int base) {
     char const* const digits = base == 16 ? "0123456789abcdefABCDEF" : "0123456789";
     if (text.empty() || text.size() > 15 || text.find_first_not_of(digits) != std::string::npos) {
@@ -58,7 +58,7 @@ long long toNumber(std::string const& text, int base) {
     return strtoll(text.c_str(), nullptr, base);
 }
 
-/// True if the text is no URL for this program.
+/// Parses a URL. Returns true if the text is not a URL that this program supports.
 bool parse(std::string const& text, Url& url) {
     bool const is_plain = std::all_of(
         text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) > 0x20 && c != 0x7F; });
@@ -89,7 +89,7 @@ bool parse(std::string const& text, Url& url) {
     return url.host.empty() || url.host.find('@') != std::string::npos;
 }
 
-/// The connection, read by lines and by pieces.
+/// A connection to the server that is read by lines and by blocks.
 class Connection {
 public:
     Connection() = default;
@@ -98,8 +98,8 @@ public:
     Connection(Connection const&) = delete;
     Connection& operator=(Connection const&) = delete;
 
-    /// True if the server cannot be reached.
-    /// @param reasons  tells why not, for each attempt
+    /// Connects to the server. Returns true if it cannot be reached.
+    /// @param reasons  receives the error chain of each failed attempt
     bool open(Url const& url, std::string& reasons) {
         for (IPSocket::IPProtocolVersion const version : {IPSocket::IPV4, IPSocket::IPV6}) {
             if (url.is_v6 && version == IPSocket::IPV4) {
@@ -117,14 +117,14 @@ public:
         return true;
     }
 
-    /// True if it does not all go out.
+    /// Sends the whole text. Returns true on failure.
     bool send(std::string const& text) {
         unsigned int written = 0;
         return m_socket->write(text.data(), static_cast<unsigned int>(text.size()), written) != 1 ||
             written != text.size();
     }
 
-    /// One line without its end. False if there is none.
+    /// Reads one line and removes its line end. Returns false if there is no further line.
     bool readLine(std::string& line) {
         size_t end = 0;
         while ((end = m_bytes.find('\n')) == std::string::npos) {
@@ -137,7 +137,8 @@ public:
         return true;
     }
 
-    /// Prints `size` bytes, or with -1 all that come. False if they do not come, or cannot be printed.
+    /// Prints `size` bytes; -1 means all bytes up to the end of the connection. Returns false if they do not
+    /// arrive or cannot be printed.
     bool print(long long size) {
         while (size != 0) {
             int const result = m_bytes.empty() ? fill() : 1;
@@ -157,7 +158,8 @@ public:
     }
 
 private:
-    /// Takes what comes next: 1 something, 0 the server's end, -1 failure or silence.
+    /// Receives more bytes. Returns 1 on success, 0 if the server has closed the connection, -1 on failure or
+    /// timeout.
     int fill() {
         std::set<vesk::Socket const*> readable{m_socket.get()};
         std::set<vesk::Socket const*> none;
@@ -182,18 +184,18 @@ private:
     }
 
     std::unique_ptr<TCPSocket> m_socket;
-    std::string m_bytes; // What has come and was not used.
+    std::string m_bytes; // Received, but not consumed yet.
 };
 
-/// What the head of an answer says.
+/// The content of the head of an answer.
 struct Answer {
     std::string status_line;
     int status = 0;
-    long long size = -1; ///< -1: until the end of the connection.
+    long long size = -1; ///< -1: up to the end of the connection.
     bool is_chunked = false;
 };
 
-/// False if what comes is no head.
+/// Reads the head of an answer. Returns false if it is invalid.
 bool readHead(Connection& connection, Answer& answer) {
     answer = Answer();
     std::string line;
@@ -219,7 +221,7 @@ bool readHead(Connection& connection, Answer& answer) {
             answer.size = size;
         } else if (name == "transfer-encoding") {
             if (toLower(value) != "chunked") {
-                return false; // Nobody has asked for another.
+                return false; // The request does not accept any other.
             }
             answer.is_chunked = true;
         }
@@ -227,7 +229,7 @@ bool readHead(Connection& connection, Answer& answer) {
     return line.empty() && answer.status >= 100;
 }
 
-/// Prints a body that comes in pieces, each with its size in front. False if it does not make sense.
+/// Prints a body in chunked transfer encoding. Returns false if it is invalid.
 bool printChunks(Connection& connection) {
     std::string line;
     for (;;) {
@@ -238,7 +240,7 @@ bool printChunks(Connection& connection) {
         digits.erase(digits.find_last_not_of(" \t") + 1);
         long long const size = toNumber(digits, 16);
         if (size == 0) {
-            return true; // What may come behind it says nothing about the body.
+            return true; // Trailer fields do not affect the body.
         }
         if (size < 0 || !connection.print(size) || !connection.readLine(line) || !line.empty()) {
             return false;
@@ -255,7 +257,7 @@ int fail(char const* what) {
     return 3;
 }
 
-/// The status line as it may be shown on a terminal.
+/// Returns the text with control characters replaced, safe to print on a terminal.
 std::string printable(std::string text) {
     std::replace_if(
         text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; },

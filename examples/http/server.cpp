@@ -1,4 +1,5 @@
-// A small web server: the files below a folder over HTTP/1.1, for many browsers at once on a single thread.
+// A small web server: serves the files below a folder over HTTP/1.1 to many browsers at once, on a single
+// thread.
 //
 //     http_server FOLDER [PORT [ADDRESS]]
 //
@@ -6,11 +7,12 @@
 //     serving /usr/share/doc at http://127.0.0.1:8080/
 //     $ curl http://127.0.0.1:8080/bash/copyright
 //
-// PORT is 8080 unless it is given, and 0 lets the system choose. ADDRESS is 127.0.0.1, which only this machine can reach;
-// 0.0.0.0 and :: stand for all addresses of IPv4 and of IPv6. SIGINT and SIGTERM end it.
+// PORT defaults to 8080; 0 lets the system choose. ADDRESS defaults to 127.0.0.1, which only this machine can
+// reach; 0.0.0.0 and :: stand for all IPv4 and all IPv6 addresses. SIGINT and SIGTERM end the server.
 //
-// It knows GET and HEAD, keeps connections alive, and answers a folder with its "index.html". No path leads out of the
-// folder, neither by ".." nor by a symbolic link. Exit codes: 0 ended by a signal, 1 it could not serve, 2 usage.
+// Supports GET, HEAD and persistent connections. Answers a request for a folder with its "index.html". No
+// path leads out of FOLDER, neither by ".." nor by a symbolic link. Exit codes: 0 ended by a signal, 1 cannot
+// serve, 2 usage.
 
 #include <vesk/FileAccessError.h>
 #include <vesk/Poller.h>
@@ -44,10 +46,10 @@ namespace {
 
 using IPAddress = vesk::IPSocket::IPAddress;
 
-constexpr size_t MAX_CONNECTIONS = 200;   // Beyond these, the one that was silent for longest goes.
-constexpr int MAX_ACCEPTS = 64;           // In one turn.
-constexpr size_t MAX_HEAD = 16 * 1024;    // Bytes of a request without its body.
-constexpr long long MAX_DRAIN = 64 << 20; // Bytes that are thrown away after the last answer.
+constexpr size_t MAX_CONNECTIONS = 200;   // When exceeded, the connection idle for longest is closed.
+constexpr int MAX_ACCEPTS = 64;           // Per poller callback.
+constexpr size_t MAX_HEAD = 16 * 1024;    // Bytes of a request, without its body.
+constexpr long long MAX_DRAIN = 64 << 20; // Bytes that are discarded after the last answer.
 
 // ---- requests ----
 
@@ -57,7 +59,7 @@ struct Request {
     bool keep_alive = false;
 };
 
-/// What a request is answered with instead of a file.
+/// An HTTP status.
 struct Status {
     int code;
     char const* text;
@@ -84,7 +86,7 @@ std::string trim(std::string const& text) {
     return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
 }
 
-/// Whether a text can be the name of a method or of a field.
+/// Returns whether a text is a valid name of a method or a field.
 bool isToken(std::string const& text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
         return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
@@ -103,7 +105,7 @@ int hexDigit(char c) {
                                 : -1;
 }
 
-/// The path that a target stands for. True if it stands for none.
+/// Decodes the path of a request target. Returns true if the target is invalid.
 bool decodePath(std::string target, std::string& path) {
     if (toLower(target.substr(0, 7)) == "http://") {
         size_t const slash = target.find('/', 7);
@@ -132,7 +134,7 @@ bool decodePath(std::string target, std::string& path) {
     return false;
 }
 
-/// The lines of a head, without their ends. A bare LF ends a line as well.
+/// Returns the lines of a head without their line ends. A bare LF ends a line as well.
 std::vector<std::string> splitLines(std::string const& head) {
     std::vector<std::string> lines;
     for (size_t begin = 0; begin < head.size();) {
@@ -146,7 +148,7 @@ std::vector<std::string> splitLines(std::string const& head) {
     return lines;
 }
 
-/// Reads the fields of a request. False if one of them is none.
+/// Reads the fields of a request. Returns false if one of them is invalid.
 bool readFields(std::vector<std::string> const& lines, bool is_old, Request& request) {
     int hosts = 0;
     bool has_body = false;
@@ -170,12 +172,12 @@ bool readFields(std::vector<std::string> const& lines, bool is_old, Request& req
                 !closes && (request.keep_alive || options.find("keep-alive") != std::string::npos);
         }
     }
-    // Nobody here wants a body. The connection ends instead of looking for the next request behind one.
+    // Bodies are not supported. The connection is closed, because the next request would follow the body.
     request.keep_alive = request.keep_alive && !has_body;
     return is_old ? hosts <= 1 : hosts == 1;
 }
 
-/// Reads the head of a request: `OK`, or what is wrong with it.
+/// Reads the head of a request. Returns `OK`, or the status of the error.
 Status parse(std::string const& head, Request& request) {
     std::vector<std::string> const lines = splitLines(head);
     std::string const& first = lines[0];
@@ -208,7 +210,7 @@ Status parse(std::string const& head, Request& request) {
 
 // ---- files ----
 
-/// What it means for the browser that a file could not be opened.
+/// Returns the status for a file that cannot be opened.
 Status classify(std::ErrorObject const& error) {
     if (error.getType() != &vesk::FileAccessError || (error.getID() != 0 && error.getID() != 3)) {
         return SERVER_ERROR;
@@ -216,9 +218,9 @@ Status classify(std::ErrorObject const& error) {
     return error.getID() == 0 ? NOT_FOUND : FORBIDDEN;
 }
 
-/// Finds a file below a folder and opens it: `OK`, or why it cannot be had.
-/// @param root  the folder, in the form that `realpath` gives
-/// @param path  becomes that of the file, if it is one of a folder
+/// Finds a file below a folder and opens it. Returns `OK`, or the status of the failure.
+/// @param root  the folder, as returned by `realpath`
+/// @param path  the requested path; if it names a folder, "/index.html" is appended
 Status openFile(std::string const& root, std::string& path, vesk::StreamBinFileR& file) {
     if ((path + "/").find("/../") != std::string::npos) {
         return FORBIDDEN;
@@ -232,7 +234,7 @@ Status openFile(std::string const& root, std::string& path, vesk::StreamBinFileR
     if (found != root && found.compare(0, above.size(), above) != 0) {
         return FORBIDDEN;
     }
-    // Without waiting, as somebody may have put a named pipe there.
+    // Non-blocking, because opening a named pipe would block.
     using Flags = vesk::BinFileBase;
     if (file.open(found.c_str(), Flags::ReadFlags(Flags::READ | Flags::NON_BLOCK))) {
         Status const status = classify(*std::ErrorStorage::get());
@@ -266,7 +268,7 @@ char const* typeOf(std::string const& path) {
     return "application/octet-stream";
 }
 
-/// The present, as the protocol writes it in every language.
+/// Returns the current time in the format of the Date field, which does not depend on the locale.
 std::string makeDate() {
     constexpr char const* DAYS[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     constexpr char const* MONTHS[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -285,17 +287,17 @@ std::string makeDate() {
 
 class Server;
 
-/// One browser's connection. It reads a request, writes its answer, and begins anew.
+/// The connection of one browser. Reads a request, writes the answer, and starts over.
 class Connection : public vesk::Poller::Client {
 public:
-    /// @param now  what counts the uses of all connections
+    /// @param now  the current value of the server's use counter
     Connection(Server& server, vesk::TCPSocket::Description const& accepted, uint64_t now)
         : m_server(server), m_socket(false, 0, 0, accepted), m_last_use(now) {
-        // Answers go out in two pieces, and the second shall not wait until the first is acknowledged.
+        // An answer is sent in two pieces. The second must not wait until the first is acknowledged.
         if (m_socket.isValid()) {
             m_socket.setTCPNoDelay(true);
         }
-        std::ErrorStorage::ack(); // Of a connection that is gone already.
+        std::ErrorStorage::ack(); // The peer may have closed the connection already.
     }
     ~Connection() override {
         if (m_socket.isValid() && m_socket.close(false)) {
@@ -310,7 +312,7 @@ public:
     void write(int fd) override;
     void error(int /*fd*/) override { end(); }
 
-    /// Ends the connection; the server deletes it in its time.
+    /// Ends the connection. The server deletes it later.
     void end();
 
     vesk::TCPSocket const& getSocket() const { return m_socket; }
@@ -330,8 +332,8 @@ private:
     vesk::TCPSocket m_socket;
     Phase m_phase = Phase::READING;
     uint64_t m_last_use;
-    std::string m_in;  // What has come and was not looked at.
-    std::string m_out; // What is to go, from m_sent on; then what is left of the file.
+    std::string m_in;  // Received, but not processed yet.
+    std::string m_out; // To be sent from m_sent on, before the rest of the file.
     size_t m_sent = 0;
     vesk::StreamBinFileR m_file;
     long long m_file_left = 0;
@@ -349,7 +351,7 @@ public:
         }
     }
 
-    /// True if nobody can be served.
+    /// Starts to listen. Returns true on failure.
     bool listen() {
         if (!m_socket.isValid()) {
             return true;
@@ -363,11 +365,12 @@ public:
         return false;
     }
 
-    /// Serves until it is stopped. Signals that are handled must not come to this thread.
+    /// Serves until `stop` is called. The calling thread must block all signals with a handler.
     void run() {
         std::vector<std::unique_ptr<Connection>> leaving;
         while (!m_poller.poll()) {
-            // Whose removal the poller has been told of in the cycle before is unknown to it now.
+            // The poller has applied the removals of the previous cycle, so those connections can be
+            // destroyed.
             leaving = std::move(m_ended);
             m_ended.clear();
         }
@@ -376,7 +379,7 @@ public:
 
     int poll_events(int /*fd*/) override { return POLLIN; }
     void read(int /*fd*/) override {
-        // All that wait, though not for ever: those who are connected want their turn.
+        // Accepts the pending connections, but not without limit: existing connections must be served, too.
         for (int i = 0; i < MAX_ACCEPTS && acceptOne(); ++i) {}
     }
     void error(int /*fd*/) override {
@@ -384,7 +387,7 @@ public:
         stop();
     }
 
-    /// Takes a connection out of service.
+    /// Removes a connection from the poller and schedules its destruction.
     void release(Connection& connection) {
         m_poller.remove(connection);
         auto const it =
@@ -402,11 +405,11 @@ public:
     uint64_t countUse() { return ++m_uses; }
 
 private:
-    /// False if nobody else waits.
+    /// Accepts one connection. Returns false if no further one can be accepted now.
     bool acceptOne() {
         vesk::TCPSocket::Description const accepted = m_socket.acceptConnection();
         if (m_socket.hadError()) {
-            // Most likely there are no descriptors left, so make some room, or wait for it.
+            // Most likely the process has no free descriptor: closes a connection, or waits if there is none.
             std::ErrorStorage::ack();
             if (m_connections.empty()) {
                 vesk::Time::sleep(50);
@@ -459,7 +462,7 @@ void Connection::read(int /*fd*/) {
     std::array<char, 16384> bytes;
     unsigned int count = 0;
     if (m_socket.read(bytes.data(), bytes.size(), count) != 1) {
-        std::ErrorStorage::ack(); // The peer's end, or its failure.
+        std::ErrorStorage::ack(); // The peer has closed the connection or failed.
         end();
     } else if (m_phase == Phase::READING) {
         m_in.append(bytes.data(), count);
@@ -469,7 +472,7 @@ void Connection::read(int /*fd*/) {
     }
 }
 
-/// Looks for a request in what has come, and prepares its answer.
+/// Looks for a request in the received bytes and prepares the answer.
 void Connection::process() {
     m_in.erase(0, std::min(m_in.find_first_not_of("\r\n"), m_in.size()));
     size_t const lf = m_in.find("\n\n");
@@ -477,8 +480,8 @@ void Connection::process() {
     size_t const head_end = std::min(lf, crlf);
     Request request;
     if (!m_in.empty() && !isToken(m_in.substr(0, 1))) {
-        answer(
-            BAD_REQUEST, request); // Whoever speaks another language may wait for this one to say something.
+        // A client of another protocol may wait for the server to speak first.
+        answer(BAD_REQUEST, request);
     } else if (head_end == std::string::npos ? m_in.size() > MAX_HEAD : head_end > MAX_HEAD) {
         answer(TOO_LARGE, request);
     } else if (head_end != std::string::npos) {
@@ -508,7 +511,7 @@ void Connection::answerFile(Request& request) {
     }
 }
 
-/// Answers with the status itself as a text.
+/// Answers with the status as a text.
 void Connection::answer(Status status, Request const& request) {
     std::string const body = std::to_string(status.code) + " " + status.text + "\n";
     bool const is_method = status.code == BAD_METHOD.code;
@@ -528,7 +531,7 @@ void Connection::begin(Status status, std::string const& fields, long long size,
     m_phase = Phase::ANSWERING;
 }
 
-/// Writes one piece, so that others have their turn.
+/// Writes one piece only, so that other connections are served in between.
 void Connection::write(int /*fd*/) {
     if (m_phase != Phase::ANSWERING) {
         return;
@@ -545,12 +548,12 @@ void Connection::write(int /*fd*/) {
         if (m_file_left == 0) {
             endAnswer();
         } else if (refill()) {
-            end(); // The file has become shorter than what was announced.
+            end(); // The file is now shorter than the announced size.
         }
     }
 }
 
-/// Takes the next piece of the file. True if there is none.
+/// Reads the next piece of the file. Returns true if there is none.
 bool Connection::refill() {
     m_out.resize(static_cast<size_t>(std::min(m_file_left, 65536LL)));
     m_sent = 0;
@@ -569,10 +572,11 @@ void Connection::endAnswer() {
     m_out.clear();
     if (m_keep_alive) {
         m_phase = Phase::READING;
-        process(); // The next request may be here already.
+        process(); // The next request may have been received already.
         return;
     }
-    // First only this direction: with something unread a close is a reset, which may overtake the answer.
+    // Closes only this direction first: a close with unread input sends a reset, which may overtake the
+    // answer.
     shutdown(m_socket.getSocketFd(), SHUT_WR);
     m_in.clear();
     m_phase = Phase::DRAINING;
@@ -592,7 +596,7 @@ int fail(char const* what) {
 }
 
 void serve(void* server) {
-    // Signals are for other threads: they would interrupt the poller.
+    // Signals must be handled by other threads: they would interrupt the poller.
     sigset_t all;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, nullptr);

@@ -5,20 +5,20 @@
 
 namespace tour {
 
-/// Prints the title of what comes next.
+/// Prints the title of a section.
 void section(char const* title);
 
-/// Prints one line of what was done or measured, printf-style and indented.
+/// Prints one indented line about what was done or measured, in the style of printf.
 void tell(char const* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// Looks at the result of an operation that is true on failure: tells the pending error chain, acknowledges it, and
-/// remembers that the tour failed. Gives the result back.
+/// Checks the result of an operation that returns true on failure. On failure prints the pending error chain,
+/// acknowledges it, and records that the tour has failed. Returns the result.
 bool failed(bool result, char const* what);
 
-/// Whether anything failed so far.
+/// Returns whether any operation has failed so far.
 bool hasFailed();
 
-/// Runs `play` in another process at the same time as `with` in this one. True if either fails.
+/// Runs `play` in another process and `with` in this one at the same time. Returns true if either fails.
 template <typename Play, typename With>
 bool withOtherProcess(Play const& play, With const& with) {
     pid_t const other = fork();
@@ -30,7 +30,7 @@ bool withOtherProcess(Play const& play, With const& with) {
     return waitpid(other, &status, 0) != other || status != 0 || mine_failed;
 }
 
-// The subsystems, each in the file of its name.
+// Each subsystem is shown by the file of its name.
 void startup();
 void time();
 void locks();

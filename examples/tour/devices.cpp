@@ -57,7 +57,7 @@ char const* getType(Info const& info) {
 } // namespace
 
 void devices() {
-    section("Network interfaces: what there is");
+    section("Network interfaces: enumeration");
     vesk::NetDevice devices(nullptr);
     if (failed(!devices.isValid(), "asking for the network interfaces")) {
         return;

@@ -30,13 +30,13 @@ using vesk::DnsSdBase;
 // ---- values ----
 
 void unpackNames() {
-    section("Discovery: names and TXT records as they come from the network");
+    section("Discovery: names and TXT records in wire format");
     char const* const wire_name = "Caf\\195\\169\\032No\\.\\0321._http._tcp.local";
     char const* cursor = wire_name;
     std::string const label = DnsSdBase::unescape(cursor, ".");
     failed(
         label != "Caf\xC3\xA9 No. 1" || strcmp(cursor, "._http._tcp.local") != 0, "the label is unescaped");
-    tell("%s: the label is \"%s\", \"%s\" is left", wire_name, label.c_str(), cursor);
+    tell("%s: the label is \"%s\", the rest is \"%s\"", wire_name, label.c_str(), cursor);
 
     String rude = String(std::unicode::BOM) + String::fromUTF8("Caf\xC3\xA9\a") + String(0x1F5A8);
     String const shown = DnsSdBase::sanitize(rude);
@@ -68,8 +68,8 @@ void unpackNames() {
 constexpr int SERVICES = 1000;
 constexpr int NEWS = SERVICES + SERVICES / 2;
 
-/// Knows of a thousand services, half of which go away again. Its thread tells every client; a client that is cancelled is
-/// not called any more.
+/// An engine with a fixed set of services, half of which disappear again. Its thread calls every client. A
+/// client is not called after its cancellation.
 class Resident : public DnsSd::Engine {
 public:
     Resident() : m_thread(main, this, "tour engine") { failed(m_thread.start(), "starting the engine"); }
@@ -162,13 +162,13 @@ private:
     vesk::Thread m_thread;
 };
 
-/// Beyond anything that an engine in the same process needs.
+/// Returns a deadline that an engine in the same process always meets.
 tarnbase::TimePoint soon() {
     return tarnbase::TimePoint::now() + tarnbase::Duration(10000);
 }
 
 void browseAndResolve() {
-    section("Discovery: synchronous clients of an engine with a thread of its own");
+    section("Discovery: synchronous clients of an engine with its own thread");
     Resident engine;
     DnsSd::Engine* const before = DnsSd::setEngine(&engine);
     {
@@ -183,14 +183,14 @@ void browseAndResolve() {
             if (found.appeared) {
                 present.push_back(found.name);
             } else {
-                present.pop_back(); // The engine tells both one after the other.
+                present.pop_back(); // The engine reports both one after the other.
             }
         }
         auto const us =
             static_cast<double>(watch.getElapsedTime(vesk::StopWatchBase::TimeUnit::MICROSECONDS));
         failed(present.size() != SERVICES / 2 || !browser.get(found), "half of the services stay");
         tell(
-            "%d services came and %d went, read in the order of their news: %.2f us each", SERVICES,
+            "%d services appeared and %d disappeared, reported in order: %.2f us each", SERVICES,
             SERVICES / 2, us / NEWS);
 
         DnsSd::SyncResolver resolver(found.name, "_http._tcp", "local");
@@ -204,11 +204,11 @@ void browseAndResolve() {
             static_cast<unsigned int>(where.port), where.txt["path"].c_str());
         DnsSd::SyncService const service(String::fromUTF8("Tour"), "_http._tcp", "local", 80);
         failed(engine.getPublished() != 1, "publishing");
-        // Goes while the engine has news for it.
+        // Destroyed while the engine still has reports for it.
         DnsSd::SyncBrowser const impatient("_http._tcp", "local");
     }
     DnsSd::setEngine(before);
-    tell("all clients are cancelled, with news still waiting; the engine is at rest");
+    tell("all clients are cancelled, with reports still pending; the engine is idle");
 }
 
 } // namespace

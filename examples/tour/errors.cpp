@@ -42,13 +42,13 @@ bool switchOn(int device) {
 } // namespace
 
 void errors() {
-    section("Errors: one real failure, told by the four levels that it passed");
+    section("Errors: one real failure, reported by each level that it passed");
     if (failed(!switchOn(7), "switching on without settings fails")) {
         return;
     }
     tell("%s", tarn_error.getReasonList().c_str());
     tell(
-        "the caller asks: is it of the device's family? %s, its id is %d",
+        "does the head belong to the device's family? %s, its id is %d",
         std::ErrorStorage::isA(DeviceError) ? "yes" : "no", std::ErrorStorage::id());
     std::ErrorStorage::ack();
     tell("acknowledged; pending now: %s", std::ErrorStorage::isError(false) ? "yes" : "no");

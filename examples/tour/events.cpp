@@ -28,12 +28,12 @@ double microseconds(vesk::RealtimeStopWatch const& watch) {
 constexpr int URGENT = 3;
 constexpr int ORDINARY = 100000;
 
-/// What the messages of both sources write down; only the dispatcher's thread touches it.
+/// The record that the messages of both sources write. Only the dispatcher's thread accesses it.
 struct Log {
     vesk::Dispatcher* dispatcher = nullptr;
     int urgent = 0;
     int ordinary = 0;
-    int ordinary_before_urgent = 0; // Ordinary ones that came before the last urgent one.
+    int ordinary_before_urgent = 0; // Ordinary messages before the last urgent one.
 };
 
 void takeUrgent(void* log) {
@@ -73,9 +73,10 @@ void dispatchTwoSources() {
     double const us = microseconds(watch);
     failed(
         log.urgent != URGENT || log.ordinary != ORDINARY || log.ordinary_before_urgent != 0,
-        "every message came, the urgent ones first");
+        "every message arrived, the urgent ones first");
     tell(
-        "%d ordinary messages waited when %d urgent ones came in: all urgent ones went first; %.2f us each",
+        "%d ordinary messages were pending when %d urgent ones arrived: all urgent ones came first; %.2f us "
+        "each",
         log.ordinary, log.urgent, us / (URGENT + ORDINARY));
 }
 
@@ -106,15 +107,15 @@ void catchSignals() {
     vesk::RealtimeStopWatch const watch(true);
     for (int i = 0; i < SIGNALS; ++i) {
         kill(getpid(), SIGUSR1);
-        while (sem_wait(&reception.received) != 0) {} // The signal itself may interrupt the wait.
+        while (sem_wait(&reception.received) != 0) {} // The signal may interrupt the wait.
     }
     double const us = microseconds(watch);
-    // The system shows the tail of a long name.
+    // The library gives the system the last 15 characters of a longer thread name.
     std::string const name = reception.thread_name.data();
-    failed(reception.signal != SIGUSR1 || name != "ignalDispatcher", "the signal comes on its thread");
+    failed(reception.signal != SIGUSR1 || name != "ignalDispatcher", "the signal is received on its thread");
     tell(
-        "%d times there and back: received as an ordinary call on \"...%s\", %.1f us each", SIGNALS,
-        name.c_str(), us / SIGNALS);
+        "%d round trips: received as an ordinary call on \"...%s\", %.1f us each", SIGNALS, name.c_str(),
+        us / SIGNALS);
 }
 
 // ---- a poller ----
@@ -123,7 +124,7 @@ constexpr size_t PIPES = 32;
 constexpr size_t PASSERS = 2000;
 constexpr int BYTES = 20000;
 
-/// Counts the bytes that come out of pipes.
+/// Counts the bytes that are read from pipes.
 class Counter : public vesk::Poller::Client {
 public:
     int poll_events(int) override { return POLLIN; }
@@ -141,7 +142,7 @@ private:
     std::atomic<long long> m_bytes{0};
 };
 
-/// A client that comes, is asked, hears nothing and goes.
+/// A client that is added, polled without receiving an event, and removed.
 class Passer : public vesk::Poller::Client {
 public:
     int poll_events(int) override {
@@ -220,7 +221,7 @@ void pollPipes() {
     close(silent[0]);
     close(silent[1]);
     tell(
-        "%lld of %d bytes through %zu pipes, while %zu other clients came and went: %.0f ms",
+        "%lld of %d bytes through %zu pipes, while %zu other clients were added and removed: %.0f ms",
         counter.getBytes(), BYTES, PIPES, PASSERS, us / 1000);
 }
 

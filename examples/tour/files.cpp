@@ -25,16 +25,16 @@ namespace {
 using vesk::FileSys;
 
 constexpr int FOLDERS = 20;
-constexpr int FILES = 20;             // In each folder.
-constexpr size_t FILE_SIZE = 65536;   // Of each.
-constexpr size_t BIG_SIZE = 64 << 20; // What is copied.
+constexpr int FILES = 20;             // Per folder.
+constexpr size_t FILE_SIZE = 65536;   // Per file.
+constexpr size_t BIG_SIZE = 64 << 20; // Of the copied file.
 constexpr unsigned int BUFFER_SIZE = 1 << 18;
 
 double milliseconds(vesk::RealtimeStopWatch const& watch) {
     return static_cast<double>(watch.getElapsedTime(vesk::StopWatchBase::TimeUnit::MICROSECONDS)) / 1000;
 }
 
-/// A temporary folder, which goes away with all that is left in it.
+/// A temporary folder. The destructor removes it with everything in it.
 class TemporaryFolder {
 public:
     TemporaryFolder() : m_path(std::string(FileSys::getTempPath()) + "/tour-XXXXXX") {
@@ -107,7 +107,7 @@ void walk(vesk::Directory folder, Counts& counts) {
 }
 
 void handleTree() {
-    section("Files: a tree made, copied, walked, linked, moved and removed");
+    section("Files: a tree created, walked, copied, linked, moved and removed");
     TemporaryFolder const folder;
     vesk::RealtimeStopWatch const making(true);
     for (int i = 0; i < FOLDERS; ++i) {
@@ -119,8 +119,8 @@ void handleTree() {
         failed(FileSys::createLink("file-0", (inner + "/link").c_str()), "making a link");
     }
     tell(
-        "%d files of %zu KiB in %d folders made in %.0f ms, each one down on the medium", FOLDERS * FILES,
-        FILE_SIZE >> 10, FOLDERS, milliseconds(making));
+        "%d files of %zu KiB in %d folders created in %.0f ms, each one synchronized to the medium",
+        FOLDERS * FILES, FILE_SIZE >> 10, FOLDERS, milliseconds(making));
 
     Counts counts;
     vesk::RealtimeStopWatch const walking(true);
@@ -129,7 +129,7 @@ void handleTree() {
     failed(
         counts.folders != FOLDERS || counts.files != FOLDERS * FILES || counts.links != FOLDERS ||
             counts.bytes != static_cast<long long>(FILE_SIZE) * FOLDERS * FILES,
-        "the walk finds all that was made");
+        "the walk finds everything that was created");
     tell(
         "a walk found %lld folders, %lld files, %lld links and %lld MiB in %.1f ms", counts.folders,
         counts.files, counts.links, counts.bytes >> 20, walk_ms);
@@ -153,9 +153,9 @@ void handleTree() {
     failed(FileSys::createLink(moved.c_str(), link.c_str()), "linking");
     failed(FileSys::readLink(link.c_str(), target.data(), size), "reading the link");
     failed(FileSys::removeFile(moved.c_str()), "removing");
-    failed(moved != target.data(), "the link leads to the moved file");
+    failed(moved != target.data(), "the target of the link is the moved file");
     tell(
-        "moved, linked and removed: the link is %s, what it leads to is %s",
+        "moved, linked and removed: the link is %s, its target is %s",
         FileSys::exists(link.c_str(), false) == 0 ? "there" : "gone",
         FileSys::exists(link.c_str(), true) == 0 ? "there" : "gone");
     failed(
@@ -182,7 +182,7 @@ void readNumbers() {
         mount_points.empty() ? "" : mount_points.front().c_str());
     vesk::User const owner = vesk::FileInfo("/etc/passwd", true).getOwner();
     tell(
-        "/etc/passwd belongs to %lld, who is \"%s\"; \"nobody\" is %lld", owner.getId(),
+        "/etc/passwd belongs to user %lld, \"%s\"; \"nobody\" is user %lld", owner.getId(),
         owner.getName().c_str(), vesk::User("nobody").getId());
     failed(mount_points.empty() || owner.getName().empty(), "mount points and users");
 }
@@ -197,7 +197,7 @@ void useSerialLine() {
     if (!failed(port.open(), "opening the port")) {
         std::array<char, 256> sent{};
         for (size_t i = 0; i < sent.size(); ++i) {
-            sent[i] = static_cast<char>(i); // Every byte there is: nothing is to be translated.
+            sent[i] = static_cast<char>(i); // Every byte value: the line must not translate any.
         }
         std::array<char, 256> received{};
         unsigned int count = 0;
@@ -212,8 +212,8 @@ void useSerialLine() {
             }
             there += static_cast<size_t>(piece);
         }
-        failed(sent != received, "what was sent is what came");
-        tell("%zu bytes through \"%s\", each as it was sent", there, port.getDevice().c_str());
+        failed(sent != received, "the received bytes are the sent ones");
+        tell("%zu bytes through \"%s\", none changed", there, port.getDevice().c_str());
         failed(port.close(), "closing the port");
     }
     close(master);

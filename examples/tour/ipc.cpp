@@ -31,7 +31,7 @@ double microseconds(vesk::RealtimeStopWatch const& watch) {
     return static_cast<double>(watch.getElapsedTime(vesk::StopWatchBase::TimeUnit::MICROSECONDS));
 }
 
-/// A name that no other tour on this machine has.
+/// Returns a name that is unique to this run of the tour.
 std::string nameOf(char const* what) {
     static pid_t const tour = getpid();
     return std::string("tour-") + what + "-" + std::to_string(tour);
@@ -56,7 +56,7 @@ bool sendMessages() {
     return false;
 }
 
-/// Within a priority the messages come in the order in which they were sent.
+/// Checks that the messages of each priority arrive in the order in which they were sent.
 bool receiveMessages(vesk::MsgQueueServer& queue) {
     std::array<unsigned int, PRIORITIES> expected{};
     for (unsigned int priority = 0; priority < PRIORITIES; ++priority) {
@@ -93,10 +93,10 @@ void exchangeMessages() {
 // ---- a ring in shared memory ----
 
 constexpr unsigned int RING_SIZE = 4 << 20;
-constexpr unsigned int PIECE_SIZE = 384 << 10; // No divisor of the ring: pieces go across its end.
+constexpr unsigned int PIECE_SIZE = 384 << 10; // Not a divisor of the ring's size: pieces cross its end.
 constexpr unsigned long long STREAM_SIZE = 1ULL << 30;
 
-/// How far the two sides are, in front of the ring.
+/// The positions of both sides, stored in front of the ring.
 struct Progress {
     vesk::ShmMutex mutex;
     vesk::ShmCondition moved;
@@ -108,7 +108,7 @@ unsigned int pieceAt(unsigned long long position) {
     return static_cast<unsigned int>(std::min<unsigned long long>(PIECE_SIZE, STREAM_SIZE - position));
 }
 
-/// Waits until `ready`, with the lock held. True on failure.
+/// Waits until `ready` returns true. The lock must be held. Returns true on failure.
 template <typename Ready>
 bool waitUntil(Progress& progress, Ready const& ready) {
     vesk::ScopedLock<vesk::ShmMutex const> const lock(progress.mutex);
@@ -132,7 +132,7 @@ bool writeStream(Progress& progress, char* ring) {
         if (waitUntil(progress, [&] { return RING_SIZE - (progress.written - progress.read) >= size; })) {
             return true;
         }
-        // In one go, also across the end: behind the ring its pages stand once more.
+        // One call, even across the end: the pages of the ring are mapped a second time behind it.
         memset(ring + progress.written % RING_SIZE, static_cast<int>(progress.written / PIECE_SIZE), size);
         if (advance(progress, progress.written, size)) {
             return true;
@@ -194,7 +194,7 @@ void streamThroughRing() {
     double const seconds = microseconds(watch) / 1e6;
     if (!failed(broken, "the stream")) {
         tell(
-            "%llu MiB in pieces of %u KiB through a ring of %u MiB, each byte looked at: %.0f MiB/s",
+            "%llu MiB in pieces of %u KiB through a ring of %u MiB, each byte checked: %.0f MiB/s",
             STREAM_SIZE >> 20, PIECE_SIZE >> 10, RING_SIZE >> 20,
             static_cast<double>(STREAM_SIZE >> 20) / seconds);
     }
@@ -239,9 +239,7 @@ void countEachOther() {
                 return broken;
             }),
         "counting");
-    tell(
-        "two processes counted each other to %d, %.2f us there and back", COUNTS,
-        microseconds(watch) / COUNTS);
+    tell("two processes took turns %d times, %.2f us per round trip", COUNTS, microseconds(watch) / COUNTS);
     failed(there.close() || back.close(), "closing the semaphores");
 }
 
@@ -258,7 +256,7 @@ void handOverTemporaryFile() {
             return;
         }
         path = temporary.getPath();
-        failed(file.open(temporary, true), "taking a temporary file over");
+        failed(file.open(temporary, true), "adopting a temporary file");
     }
     std::array<char, 5> const text{'h', 'e', 'l', 'l', 'o'};
     std::array<char, 5> again{};
@@ -270,7 +268,7 @@ void handOverTemporaryFile() {
     failed(file.close(), "closing it");
     bool const there = vesk::FileSys::exists(path.c_str(), true) == 0;
     tell(
-        "of two temporary files the one that changed hands is %s, and the other one went by itself",
+        "of two temporary files the one that was handed over is %s; the other one was removed automatically",
         there ? "still there" : "gone");
     failed(!there || vesk::FileSys::removeFile(path.c_str()), "removing it");
 }

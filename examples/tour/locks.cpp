@@ -19,12 +19,12 @@ namespace {
 constexpr int FIGHT_ROUNDS = 200000;
 constexpr int MEETINGS = 20000;
 
-/// What two sides share: a counter that they fight over, and a ball that they throw to each other.
+/// The shared state of two sides: a counter that both increment, and the side that has the ball.
 template <typename Mutex, typename Condition>
 struct Arena {
     Mutex mutex;
     Condition ball_moved;
-    long long counter = 0; // Not atomic: only the lock keeps it right.
+    long long counter = 0; // Not atomic: the lock alone protects it.
     int ball_at = 0;
 };
 
@@ -57,7 +57,7 @@ bool throwBall(Arena<Mutex, Condition>& arena, int side) {
     return false;
 }
 
-/// Lets the other side run `play` at the same time as this one, and gives the microseconds that it took both.
+/// Runs `play` on both sides at the same time. Returns how many microseconds that took.
 template <typename OtherSide, typename Play>
 double bothSides(OtherSide const& other_side, Play const& play) {
     vesk::RealtimeStopWatch watch(true);
@@ -70,11 +70,11 @@ template <typename Mutex, typename Condition, typename OtherSide>
 void runArena(Arena<Mutex, Condition>& arena, OtherSide const& other_side) {
     double const fight_us = bothSides(other_side, [&arena](int) { return fight(arena); });
     tell(
-        "they fought over a counter: %lld of %d, %.3f us a round", arena.counter, 2 * FIGHT_ROUNDS,
+        "contention on a counter: %lld of %d, %.3f us per round", arena.counter, 2 * FIGHT_ROUNDS,
         fight_us / (2 * FIGHT_ROUNDS));
     failed(arena.counter != 2LL * FIGHT_ROUNDS, "the counter is right");
     double const ball_us = bothSides(other_side, [&arena](int side) { return throwBall(arena, side); });
-    tell("they threw a ball %d times there and back, %.2f us each", MEETINGS, ball_us / MEETINGS);
+    tell("ping-pong: %d round trips, %.2f us each", MEETINGS, ball_us / MEETINGS);
 }
 
 } // namespace

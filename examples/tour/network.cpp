@@ -17,7 +17,7 @@ namespace tour {
 
 namespace {
 
-/// Prints all that it is told.
+/// Prints all reported changes.
 class Narrator : public vesk::NetDeviceMonitor::Listener {
 public:
     void interface_appeared(Info const& interface) override {
@@ -27,7 +27,7 @@ public:
         note("interface " + interface.name + " has disappeared");
     }
     void interface_status(Info const& interface) override {
-        // The kernel repeats it with each little change.
+        // The kernel repeats the status with each small change.
         if (interface.addresses.empty()) {
             note("status of " + interface.name + ": MTU " + std::to_string(interface.mtu));
         }
@@ -45,7 +45,7 @@ public:
         note("address " + getText(address) + " of " + interface.name + " is not operable any more");
     }
 
-    /// Waits for something to be told. True if it does not come in ten seconds.
+    /// Waits for a report with this text. Returns true if it does not arrive within ten seconds.
     bool waitFor(std::string const& text) {
         std::unique_lock<std::mutex> lock(m_mutex);
         return !m_told.wait_for(
@@ -53,7 +53,7 @@ public:
     }
 
 private:
-    /// An address of IPv6 stands in the peer.
+    /// Returns the address as a text. An IPv6 address is in the field `peer`.
     static std::string getText(AddrInfo const& info) {
         bool const is_peer = info.address.getType() == vesk::NetworkAddress::NONE;
         return is_peer ? info.peer.getText() : info.address.getText();
@@ -71,26 +71,27 @@ private:
     std::string m_all;
 };
 
-/// True on failure.
+/// Runs a shell command. Returns true on failure.
 bool run(char const* command) {
-    return system(command) != 0; // NOLINT(cert-env33-c): The program of the system, and no other.
+    return system(command) != 0; // NOLINT(cert-env33-c): runs only fixed commands.
 }
 
 void changeNetwork(Narrator& narrator) {
-    failed(narrator.waitFor(" left has appeared"), "a pair is told");
-    failed(run("ip link set dev left up && ip addr add 10.0.0.1/24 brd + dev left"), "giving an address");
-    failed(narrator.waitFor("address 10.0.0.1 of left is operable"), "its address is told");
-    failed(run("ip addr del 10.0.0.1/24 dev left && ip link del dev left"), "removing all");
-    failed(narrator.waitFor("interface left has disappeared"), "its end is told");
+    failed(narrator.waitFor(" left has appeared"), "the new pair is reported");
+    failed(run("ip link set dev left up && ip addr add 10.0.0.1/24 brd + dev left"), "adding an address");
+    failed(narrator.waitFor("address 10.0.0.1 of left is operable"), "the address is reported");
+    failed(
+        run("ip addr del 10.0.0.1/24 dev left && ip link del dev left"), "removing the address and the pair");
+    failed(narrator.waitFor("interface left has disappeared"), "the removal is reported");
 }
 
-/// In a process with a network of its own.
+/// Must run in a process with a separate network namespace.
 void watchNetwork() {
     Narrator narrator;
     vesk::NetDeviceMonitor monitor(&narrator);
     std::thread watcher([&monitor] { failed(monitor.watch(), "watching the network"); });
     if (run("ip link add name left type veth peer name right")) {
-        tell("this system makes no pairs of interfaces; nothing more is shown");
+        tell("this system cannot create pairs of interfaces; nothing more is shown");
     } else {
         changeNetwork(narrator);
     }
@@ -101,19 +102,19 @@ void watchNetwork() {
 } // namespace
 
 void network() {
-    section("Network: a monitor of interfaces, in a network of its own");
+    section("Network: a monitor of interfaces, in a separate network namespace");
     fflush(stdout);
     pid_t const child = fork();
     if (child == 0) {
         if (unshare(CLONE_NEWNET) != 0) {
-            tell("a network of its own is not granted; nothing is shown");
+            tell("no permission for a separate network namespace; nothing is shown");
             _exit(0);
         }
         watchNetwork();
         _exit(hasFailed() ? 1 : 0);
     }
     int status = 0;
-    failed(waitpid(child, &status, 0) != child || status != 0, "a process with a network of its own");
+    failed(waitpid(child, &status, 0) != child || status != 0, "a process with a separate network namespace");
 }
 
 } // namespace tour

@@ -10,11 +10,11 @@ namespace tour {
 
 namespace {
 
-/// Something dear that lives only while somebody uses it.
+/// An object that is expensive to build and exists only while it has users.
 class Engine {
 public:
-    Engine() { tell("  the engine is built, for the %d. time", ++s_built); }
-    ~Engine() { tell("  the engine is torn down"); }
+    Engine() { tell("  the engine is built (number %d)", ++s_built); }
+    ~Engine() { tell("  the engine is destroyed"); }
 
     static int s_built;
 };
@@ -25,7 +25,7 @@ using EnginePtr = std::SharedBase::Ptr<Engine>;
 
 std::Shared<Engine> s_engine;
 
-/// A handle whose copies share one thing and count themselves.
+/// A reference-counted handle. All copies share one object.
 class Handle final : public vesk::RefCounted {
 public:
     explicit Handle(int& freed) : m_freed(&freed) {}
@@ -45,13 +45,13 @@ private:
 } // namespace
 
 void ownership() {
-    section("Ownership: a global object that is built with its first user, and handles that count");
+    section("Ownership: a global object that its first user builds, and reference-counted handles");
     tell("the program has a std::Shared<Engine>; %d engines so far", Engine::s_built);
     {
         EnginePtr const first(s_engine);
         std::thread user([] { EnginePtr const second(s_engine); });
         user.join();
-        tell("a second user came and went");
+        tell("a second user has released it");
     }
     { EnginePtr const later(s_engine); }
     failed(Engine::s_built != 2, "the engine was built twice");
@@ -65,11 +65,11 @@ void ownership() {
         }
         std::vector<Handle> const copies = handles;
         handles.clear();
-        tell("%d handles copied, the first ones gone: %d things freed", HANDLES, freed);
-        failed(freed != 0, "the copies keep what they share");
+        tell("%d handles copied, the originals destroyed: %d objects freed", HANDLES, freed);
+        failed(freed != 0, "the copies keep the shared objects");
     }
-    tell("the copies gone as well: %d things freed", freed);
-    failed(freed != HANDLES, "each thing is freed once");
+    tell("the copies destroyed as well: %d objects freed", freed);
+    failed(freed != HANDLES, "each object is freed once");
 }
 
 } // namespace tour

@@ -52,7 +52,7 @@ std::string readAll(std::string const& path) {
     return text;
 }
 
-/// A file for the output of a child, which goes away with the object.
+/// A file for the output of a child. The destructor removes it.
 class OutputFile {
 public:
     OutputFile() : m_path(std::string(vesk::FileSys::getTempPath()) + "/tour-output-XXXXXX") {
@@ -68,7 +68,7 @@ private:
     std::string m_path;
 };
 
-/// A descriptor of the process as a file name: the way to hand a child its standard input.
+/// Returns the file name of a descriptor, through which a child can get it as its standard input.
 std::string nameOf(int fd) {
     return "/dev/fd/" + std::to_string(fd);
 }
@@ -82,7 +82,7 @@ void runPipeline() {
     vesk::Pipe first;
     numbers.setStdoutFd(first.getWriteEnd());
     bool broken = start(numbers, "/usr/bin/seq", {"1", "200000"});
-    // A child inherits every descriptor: the next one must not hold its own input open.
+    // A child inherits every descriptor. The next child must not keep its own input open.
     failed(first.closeWriteEnd(), "closing an end");
     vesk::Pipe second;
     sevens.setStdinFile(nameOf(first.getReadEnd()));
@@ -102,12 +102,12 @@ void runPipeline() {
         failed(state.killed || state.status != 0, "a child of the pipeline has succeeded");
     }
     int const lines = atoi(readAll(output.get()).c_str());
-    failed(lines != 81902, "so many numbers up to 200000 have a seven in them");
-    tell("seq 1 200000 | grep 7 | wc -l says %d", lines);
+    failed(lines != 81902, "81902 of the numbers up to 200000 contain a seven");
+    tell("seq 1 200000 | grep 7 | wc -l prints %d", lines);
 }
 
 void changeEnvironment() {
-    section("Processes: a new environment, a group killed, a program that is missing");
+    section("Processes: a new environment, a killed group, a missing program");
     OutputFile const output;
     ProcessTNG environment;
     environment.setEnvironment({{"MODE", "tour"}, {"STEPS", "3"}});
@@ -128,7 +128,7 @@ void changeEnvironment() {
     ProcessTNG group;
     group.setNewGroup(true);
     if (!start(group, "/bin/sh", {"-c", "sleep 100 & sleep 100"})) {
-        vesk::Time::sleep(50); // The group is the child's first deed; give it time.
+        vesk::Time::sleep(50); // Lets the shell start its children.
         failed(group.kill(true), "killing the group");
         ProcessTNG::ExitState const state = waitFor(group);
         failed(!state.killed || state.status != SIGTERM, "the group ended by SIGTERM");
@@ -137,8 +137,8 @@ void changeEnvironment() {
 
     ProcessTNG missing;
     missing.setExecutable("/usr/bin/no-such-program");
-    std::ErrorStorage::
-        ack(); // It is told at once; whoever starts it all the same gets a child that ends early.
+    // `setExecutable` reports the failure at once. A child that is started all the same ends early.
+    std::ErrorStorage::ack();
     missing.setStderrNull(true);
     int const pid = missing.start();
     ProcessTNG::ExitState const state = waitFor(missing);
@@ -149,7 +149,7 @@ void changeEnvironment() {
 }
 
 void measureLoad() {
-    section("Processes: the load of a busy one, a shared object");
+    section("Processes: the load of a busy process, a shared object");
     ProcessTNG busy;
     vesk::SystemLoad system_start;
     failed(system_start.sample(), "sampling the system's load");
@@ -165,9 +165,9 @@ void measureLoad() {
     failed(system_end.sample(), "sampling the system's load");
     double const load = vesk::ProcessInfo::getCpuLoad(before, after);
     tell(
-        "\"%s\" with %zu thread keeps %.0f%% of this machine busy; all of it is busy by %.0f%%",
-        after.name.c_str(), after.threads, load, vesk::SystemLoad::getCpuLoad(system_start, system_end));
-    failed(load <= 0 || busy.kill(false), "a load, and the end of it");
+        "\"%s\" with %zu thread uses %.0f%% of this machine; its total load is %.0f%%", after.name.c_str(),
+        after.threads, load, vesk::SystemLoad::getCpuLoad(system_start, system_end));
+    failed(load <= 0 || busy.kill(false), "measuring a load and killing its process");
     ProcessTNG::ExitState const state = waitFor(busy);
     failed(!state.killed || state.status != SIGKILL, "the busy child was killed");
 

@@ -52,7 +52,8 @@ constexpr unsigned int JOINT_ROUNDS = 50;
 
 using Telegram = std::array<char, 512>;
 
-/// The server's end of a connection: sends back what comes, until the peer ends it.
+/// The server's end of a connection. Sends back everything that it receives until the peer closes the
+/// connection.
 class Echo : public vesk::Poller::Client {
 public:
     Echo(vesk::Poller& poller, vesk::TCPSocket::Description const& accepted, std::atomic<unsigned int>& ended)
@@ -77,7 +78,7 @@ public:
             return;
         }
         failed(result == -1, "reading from a client");
-        std::ErrorStorage::ack(); // The end.
+        std::ErrorStorage::ack(); // The end of the stream.
         m_poller.remove(fd);
         failed(m_socket.close(false), "closing a connection");
         ++m_ended;
@@ -90,7 +91,8 @@ private:
     std::atomic<unsigned int>& m_ended;
 };
 
-/// The listening socket: makes an `Echo` of each connection. Everything but the counts belongs to the polling thread.
+/// The listening socket. Creates an `Echo` for each connection. Only the polling thread may access anything
+/// but the counts.
 class EchoServer : public vesk::Poller::Client {
 public:
     explicit EchoServer(vesk::Poller& poller)
@@ -130,11 +132,11 @@ public:
 private:
     vesk::Poller& m_poller;
     vesk::TCPServerSocket m_socket;
-    std::list<Echo> m_echoes; // Until the end: a poller may call a client that has just been removed.
+    std::list<Echo> m_echoes; // Kept to the end: a poller may still call a client that was just removed.
     std::atomic<unsigned int> m_ended{0};
 };
 
-/// How many connections with both ends in this process its descriptors allow.
+/// Returns how many connections the descriptor limit allows if both ends are in this process.
 unsigned int countPossible() {
     constexpr rlim_t OTHERS = 64;
     constexpr rlim_t WANTED = 2 * CONNECTIONS + OTHERS;
@@ -168,7 +170,7 @@ bool receiveFrom(vesk::TCPSocket& client, Telegram const& expected) {
     return telegram != expected;
 }
 
-/// One connection at a time, to see how long each takes.
+/// Measures the round-trip time with one connection active at a time.
 void measureRoundTrips(Clients& clients, Telegram const& telegram) {
     std::vector<double> trips;
     trips.reserve(SINGLE_ROUNDS * clients.size());
@@ -183,12 +185,12 @@ void measureRoundTrips(Clients& clients, Telegram const& telegram) {
     }
     std::sort(trips.begin(), trips.end());
     tell(
-        "one at a time: a telegram of %zu bytes there and back takes %.0f us in half of the cases, "
+        "one at a time: the round trip of a telegram of %zu bytes takes %.0f us in 50%% of the cases, "
         "%.0f us in 99%%, %.0f us at most",
         telegram.size(), trips[trips.size() / 2], trips[trips.size() * 99 / 100], trips.back());
 }
 
-/// All connections at once, to see how much goes through.
+/// Measures the throughput with all connections active at once.
 void measureThroughput(Clients& clients, Telegram const& telegram) {
     vesk::RealtimeStopWatch const watch(true);
     bool broken = false;
@@ -204,7 +206,7 @@ void measureThroughput(Clients& clients, Telegram const& telegram) {
     auto const count = static_cast<double>(JOINT_ROUNDS * clients.size());
     if (!failed(broken, "telegrams on all connections")) {
         tell(
-            "all at once: %.0f telegrams there and back, %.0f a second, %.1f MiB/s in each direction", count,
+            "all at once: %.0f round trips, %.0f per second, %.1f MiB/s in each direction", count,
             count * 1e6 / us, count * static_cast<double>(telegram.size()) / us * 1e6 / (1 << 20));
     }
 }
@@ -217,7 +219,7 @@ void echoOverTcp() {
     section("Sockets: an echo server with a thousand TCP connections on one poller");
     unsigned int const count = countPossible();
     if (count < CONNECTIONS) {
-        tell("the limit of descriptors allows no more than %u connections", count);
+        tell("the descriptor limit allows no more than %u connections", count);
     }
     vesk::Poller poller;
     EchoServer server(poller);
@@ -257,7 +259,7 @@ void echoOverTcp() {
 
 // ---- credentials ----
 
-/// Tells who is on the other end, and gives the process.
+/// Prints the credentials of the peer and returns its process id.
 int tellPeer(char const* me, vesk::UnixSocketBase const& socket) {
     long long user = -1;
     long long group = -1;
@@ -293,7 +295,7 @@ void showCredentials() {
                 vesk::UnixSocket socket(true, 0, 0, server.acceptConnection());
                 int told = 0;
                 unsigned int size = 0;
-                // What it says first comes after what it prints.
+                // The client prints its line before it sends its id, which keeps the output in order.
                 bool const broken =
                     socket.read(&told, sizeof told, size) != 1 || tellPeer("server", socket) != told;
                 return socket.close(false) || broken;
@@ -302,10 +304,10 @@ void showCredentials() {
     failed(server.close(false), "closing the server");
 }
 
-// ---- in a network of its own ----
+// ---- in a separate network namespace ----
 
-/// Gives the calling process a network with nothing in it but a loopback device, over which groups are reached. False,
-/// with `errno` set, if that is not granted.
+/// Moves the calling process into a network namespace that contains only a loopback device and routes
+/// multicast groups over it. Returns false with `errno` set if that is not permitted.
 bool separateNetwork() {
     if (unshare(CLONE_NEWNET) != 0) {
         return false;
@@ -330,7 +332,7 @@ bool separateNetwork() {
     return done;
 }
 
-/// Waits until a socket has something to read. True if nothing comes.
+/// Waits until a socket is readable. Returns true if nothing arrives.
 bool isSilent(Socket const& socket) {
     std::set<Socket const*> read = {&socket};
     std::set<Socket const*> none;
@@ -341,7 +343,7 @@ constexpr unsigned int DATAGRAMS = 1000;
 constexpr size_t MEMBERS = 3;
 
 void talkToGroup() {
-    section("Sockets: a multicast group in a network of its own");
+    section("Sockets: a multicast group in a separate network namespace");
     IPSocket::IPAddress const group("239.255.42.99", 4242);
     std::list<vesk::UDPSocket> members;
     for (size_t i = 0; i < MEMBERS; ++i) {
@@ -362,15 +364,15 @@ void talkToGroup() {
             unsigned int number = 0;
             if (!failed(
                     isSilent(member) || member.read(&number, sizeof number, size) != 1 || number != i,
-                    "hearing it")) {
+                    "receiving it")) {
                 ++heard[index];
             }
             ++index;
         }
     }
     tell(
-        "%u datagrams of one member to %s: %u, %u and %u heard, its own among them; %.1f us each", DATAGRAMS,
-        group.host.c_str(), heard[0], heard[1], heard[2], microseconds(watch) / DATAGRAMS);
+        "%u datagrams of one member to %s: %u, %u and %u received, by the sender too; %.1f us each",
+        DATAGRAMS, group.host.c_str(), heard[0], heard[1], heard[2], microseconds(watch) / DATAGRAMS);
     for (vesk::UDPSocket& member : members) {
         failed(member.close(false), "leaving the group");
     }
@@ -379,7 +381,7 @@ void talkToGroup() {
 constexpr unsigned short OWN_PORT = 4711;
 constexpr unsigned int OWN_PACKETS = 200;
 
-/// Whether an Ethernet frame carries a datagram of UDP over IPv4 to the port of this tour.
+/// Returns whether an Ethernet frame contains a UDP datagram over IPv4 to the port of this tour.
 bool isOwn(char const* frame, unsigned int size) {
     ether_header ethernet{};
     iphdr ip{};
@@ -398,7 +400,7 @@ void countOwnPackets() {
     section("Sockets: a raw socket that sees this tour's own packets");
     vesk::RawSocket raw(true, 0, 0);
     if (raw.open("lo")) {
-        tell("packet sockets are not granted:\n%s", tarn_error.getReasonList().c_str());
+        tell("no permission for packet sockets:\n%s", tarn_error.getReasonList().c_str());
         std::ErrorStorage::ack();
         return;
     }
@@ -414,7 +416,7 @@ void countOwnPackets() {
     for (unsigned int sent = 1; sent <= OWN_PACKETS && !hasFailed(); ++sent) {
         unsigned int size = 0;
         failed(sender.write("tick", 4, size) != 1, "sending");
-        // A loopback device hands each packet over twice: as it goes out, and as it comes in.
+        // A loopback device delivers each packet twice: outgoing and incoming.
         while (seen < 2 * sent && !hasFailed()) {
             std::array<char, 2048> frame;
             if (!failed(isSilent(raw) || raw.read(frame.data(), sizeof frame, size) != 1, "reading frames")) {
@@ -434,14 +436,16 @@ void playInOwnNetwork() {
     auto const play = [] {
         if (!separateNetwork()) {
             section("Sockets: a multicast group, and a raw socket");
-            tell("left out: no network of its own, in which they could disturb nobody: %s", strerror(errno));
+            tell(
+                "skipped: no permission for a separate network namespace, which isolates them: %s",
+                strerror(errno));
             return false;
         }
         talkToGroup();
         countOwnPackets();
         return hasFailed();
     };
-    failed(withOtherProcess(play, [] { return false; }), "the network of its own");
+    failed(withOtherProcess(play, [] { return false; }), "the separate network namespace");
 }
 
 } // namespace

@@ -33,10 +33,10 @@ void timed(char const* name, Step const& step) {
 void startup() {
     section("Start-up");
     long long const start = nanoseconds();
-    // Every process makes one before it uses anything else; it stays until the end.
+    // Every process creates one object before it uses anything else, and keeps it to the end.
     static vesk::Vesk vesk(true, false);
     tell(
-        "the first Vesk took %.1f us; its steps, each run once more:",
+        "the first Vesk object took %.1f us; each of its steps, repeated:",
         static_cast<double>(nanoseconds() - start) / 1000);
     timed("preInit", [] { return vesk.preInit(); });
     timed("CalendarTime::init", [] { return vesk::CalendarTime::init(); });

@@ -20,7 +20,7 @@ char const* stateOf(vesk::Thread const& thread) {
     return STATES[thread.getThreadState()];
 }
 
-/// Waits until a thread is in a state, for ten seconds at most. True on failure.
+/// Waits at most ten seconds until a thread is in a state. Returns true on failure.
 bool waitForState(vesk::Thread const& thread, vesk::Thread::State state) {
     for (int i = 0; i < 10000 && thread.getThreadState() != state; ++i) {
         vesk::Time::sleep(1);
@@ -28,7 +28,7 @@ bool waitForState(vesk::Thread const& thread, vesk::Thread::State state) {
     return thread.getThreadState() != state;
 }
 
-/// The job: work, lie down until it is woken up, work again.
+/// The state of a thread that works, suspends itself until it is woken up, and works again.
 struct Sleeper {
     vesk::Thread* thread = nullptr;
     std::atomic<int> rounds{0};
@@ -51,7 +51,7 @@ void workSleepWork(void* argument) {
 } // namespace
 
 void threads() {
-    section("Threads: held ready, started, suspended, woken, joined");
+    section("Threads: created, started, suspended, resumed, joined");
     Sleeper sleeper;
     vesk::Thread thread(workSleepWork, &sleeper, "a name whose tail is seen: night-shift");
     if (failed(!thread.isValid(), "making a thread")) {
@@ -65,7 +65,7 @@ void threads() {
     failed(waitForState(thread, vesk::Thread::SUSPENDED), "the thread suspends itself");
     pthread_getname_np(thread.getThreadId().getValue(), seen.data(), seen.size());
     tell(
-        "\"%s\" was held ready; its start took %lld us; after %d round it is %s", seen.c_str(),
+        "\"%s\" waited for its start, which took %lld us; after %d round it is %s", seen.c_str(),
         watch.getStoppedTime(vesk::StopWatchBase::TimeUnit::MICROSECONDS), sleeper.rounds.load(),
         stateOf(thread));
     std::vector<bool> processors;
@@ -78,12 +78,12 @@ void threads() {
             "it may run on %zu of %zu processors, with priority %d", allowed, processors.size(),
             thread.getPriority());
     }
-    tell("joining it within 20 ms gives %d: still there", thread.joinTimeout(20));
+    tell("joining it within 20 ms returns %d: it still runs", thread.joinTimeout(20));
     failed(thread.wakeup(), "wakeup");
     failed(thread.join(), "join");
     failed(
         sleeper.failed || sleeper.rounds != 2 || s_exits != 1, "two rounds and one call of the exit handler");
-    tell("woken up and joined after %d rounds: it is %s", sleeper.rounds.load(), stateOf(thread));
+    tell("resumed and joined after %d rounds: it is %s", sleeper.rounds.load(), stateOf(thread));
 }
 
 } // namespace tour

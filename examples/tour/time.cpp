@@ -12,7 +12,7 @@ namespace tour {
 
 namespace {
 
-/// Keeps a processor busy until the stopwatch has measured this many milliseconds.
+/// Spins until the stopwatch has measured this many milliseconds.
 template <typename StopWatch>
 void burn(StopWatch const& watch, long long ms) {
     while (watch.getElapsedTime(vesk::StopWatchBase::TimeUnit::MILLISECONDS) < ms) {}

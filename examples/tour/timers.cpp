@@ -16,7 +16,7 @@ namespace tour {
 namespace {
 
 constexpr unsigned int TIMERS = 10000;
-constexpr unsigned int SPREAD_MS = 500; // The timers expire all over this time.
+constexpr unsigned int SPREAD_MS = 500; // The expiries are spread over this time.
 
 double now() {
     timespec time{};
@@ -24,7 +24,7 @@ double now() {
     return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
 }
 
-/// How late timers came, in classes that double.
+/// A histogram of timer delays. The bounds of the classes double.
 class Histogram {
 public:
     void add(double late_us) {
@@ -59,7 +59,7 @@ private:
     int m_early = 0;
 };
 
-/// A timer that knows when it was due and writes down when it came.
+/// A timer that knows when it is due and records when it expires.
 class Appointment : public vesk::Timer {
 public:
     using Timer::Timer;
@@ -91,20 +91,20 @@ void timers() {
     }
     double const begin = now();
     for (unsigned int i = 0; i < TIMERS; ++i) {
-        // Far enough away that all are pending at once.
+        // Long enough that all timers are pending at once.
         unsigned int const ms = 100 + i * 7919 % SPREAD_MS;
         appointments[i]->due = now() + ms * 1000.0;
         failed(appointments[i]->start(ms, false), "starting a timer");
     }
     tell("%u timers started in %.1f ms", TIMERS, (now() - begin) / 1000);
-    while (sem_wait(&s_all_came) != 0) {} // The engines' signals may come to this thread.
+    while (sem_wait(&s_all_came) != 0) {} // The engines' signals may interrupt this thread.
     Histogram ordinary;
     Histogram high;
     for (unsigned int i = 0; i < TIMERS; ++i) {
         (i % 2 == 1 ? high : ordinary).add(appointments[i]->came - appointments[i]->due);
     }
-    ordinary.print("how late the ordinary ones came:");
-    high.print("how late those of high priority came:");
+    ordinary.print("delay of the timers of ordinary priority:");
+    high.print("delay of the timers of high priority:");
     appointments.clear();
     sem_destroy(&s_all_came);
 }

@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <new>
 
-/// Counts the heap allocations of the calling thread. Include it in one file of a test program: it replaces the
-/// allocation functions of libc there. The sanitizers bring their own, so nothing is counted with them, which
-/// `COUNTS_ALLOCATIONS` tells.
+/// Counts the heap allocations of the calling thread. Must be included in exactly one file of a test program,
+/// because it replaces the allocation functions of libc. The sanitizers bring their own allocation functions,
+/// so nothing is counted under them. `COUNTS_ALLOCATIONS` says which case applies.
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 
@@ -45,7 +45,7 @@ void* realloc(void* memory, size_t size) {
 
 namespace support {
 
-/// Heap allocations of this thread since the object was made.
+/// Counts the heap allocations of this thread since its construction.
 class AllocationCounter {
 public:
     AllocationCounter() noexcept : m_start(t_allocations) {}

@@ -11,7 +11,7 @@
 
 namespace support {
 
-/// What a test expects of one report. Without a text, any text will do.
+/// The expected content of one report. Without a text, any text matches.
 struct ExpectedReport {
     ExpectedReport(std::ErrorType const& report_family, int report_id)
         : family(&report_family), id(report_id) {}
@@ -29,21 +29,22 @@ struct ExpectedReport {
     std::optional<std::string> text;
 };
 
-/// Whether the calling thread's pending chain is exactly this, told in the order of its making: the root cause first.
-/// An empty list means that nothing is pending. Acknowledges the chain.
+/// Checks that the calling thread's pending chain is exactly `expected`, in the order in which the reports
+/// were made: the root cause first. An empty list means that nothing is pending. Acknowledges the chain.
 testing::AssertionResult chainIs(std::vector<ExpectedReport> const& expected);
 
-/// The text that reports show for an error number.
+/// Returns the text that reports show for an error number.
 std::string systemText(int error_number);
 
-/// The report of a family's row with the text of an error number as its argument, for rows that end in "%s".
+/// Returns the text of a family's row with `argument` in the place of its "%s".
 std::string rowText(std::ErrorType const& family, int id, std::string const& argument);
 template <typename Id, typename = decltype(familyOf(std::declval<Id>()))>
 std::string rowText(Id id, std::string const& argument) {
     return rowText(familyOf(id), id, argument);
 }
 
-/// Whether the pending chain is one report of this row with the text of an error number. Acknowledges the chain.
+/// Checks that the pending chain is a single report of this row with the text of an error number.
+/// Acknowledges the chain.
 testing::AssertionResult causeIs(std::ErrorType const& family, int id, int error_number);
 template <typename Id, typename = decltype(familyOf(std::declval<Id>()))>
 testing::AssertionResult causeIs(Id id, int error_number) {

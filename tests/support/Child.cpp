@@ -35,7 +35,8 @@ void drain(int output, int errors, ChildEnd& end) {
     }
 }
 
-/// Takes out the line in which user-mode QEMU tells that a signal ended its program: the child did not write it.
+/// Removes the line in which user-mode QEMU reports that a signal ended its program: the child did not write
+/// it.
 void dropEmulatorsLine(std::string& errors) {
     size_t const begin = errors.find("qemu: uncaught target signal");
     if (begin != std::string::npos) {

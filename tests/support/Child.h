@@ -13,8 +13,9 @@ struct ChildEnd {
     std::string errors; ///< What it wrote to standard error.
 };
 
-/// Runs `body` in a forked child, and waits for its end. The child exits with 0, with 1 if an expectation failed in it
-/// (its text is in `output`), and is ended by SIGALRM should it take longer than a minute.
+/// Runs `body` in a forked child and waits for its end. The child exits with 0, or with 1 if an expectation
+/// failed in it; the text of the failure is in `output`. SIGALRM ends a child that takes longer than a
+/// minute.
 ChildEnd runInChild(std::function<void()> const& body);
 
 } // namespace support

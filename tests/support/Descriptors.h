@@ -2,7 +2,7 @@
 
 namespace support {
 
-/// How many descriptors the process has open.
+/// Returns the number of open descriptors of the process.
 int countDescriptors();
 
 } // namespace support

@@ -8,7 +8,7 @@
 
 namespace support {
 
-/// One event of `std::GlobalErrorHandler`, with texts of its own.
+/// A copy of one event of `std::GlobalErrorHandler`, which owns its texts.
 struct RecordedEvent {
     std::GlobalErrorHandler::Kind kind{};
     std::string expression;
@@ -18,8 +18,8 @@ struct RecordedEvent {
     std::string message;
 };
 
-/// Records every event of `std::GlobalErrorHandler` while it lives, and keeps the default actions from running: an abort
-/// returns, and the code behind it goes on.
+/// Records every event of `std::GlobalErrorHandler` during its lifetime and suppresses the default actions:
+/// an abort returns, and the code after it continues.
 class EventRecorder {
 public:
     EventRecorder();
@@ -28,12 +28,12 @@ public:
     EventRecorder(EventRecorder const&) = delete;
     EventRecorder& operator=(EventRecorder const&) = delete;
 
-    /// What happened so far, in order.
+    /// Returns the events so far, in order.
     std::vector<RecordedEvent> getEvents() const;
     size_t getCount() const { return getEvents().size(); }
 
-    /// The events as one text, a line each: "ABORT framework/src/vesk/posix/Condition signal: error locking". An
-    /// assertion shows its expression, then its message.
+    /// Returns the events as one text, one line per event: "ABORT framework/src/vesk/posix/Condition signal:
+    /// error locking". The line of an assertion has its expression, then its message.
     std::string getText() const;
 
 private:

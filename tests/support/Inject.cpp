@@ -9,11 +9,12 @@ namespace support {
 
 namespace {
 
-/// The real function of a name. Where 64-bit offsets and times are asked for on 32 bits, the C library's headers lead calls
-/// and definitions of some functions to others, whose names follow one of a few patterns.
+/// Returns the real function of a name. With 64-bit offsets and times on a 32-bit system, the C library's
+/// headers redirect calls and definitions of some functions to others. Their names follow one of the patterns
+/// below.
 void* findReal(char const* name) noexcept {
 #if defined(__USE_FILE_OFFSET64) && !defined(__OFF_T_MATCHES_OFF64_T)
-    // What has an offset and a time comes before what has one of them.
+    // A function with both an offset and a time is looked up before one with only one of them.
     constexpr char const* WIDE_NAMES[] = {"__%.*s64_time64%s", "__%.*s_time64%s", "__%.*s64%s", "%.*s64%s"};
     std::string_view const whole(name);
     bool const reentrant = whole.size() > 2 && whole.substr(whole.size() - 2) == "_r";

@@ -6,8 +6,8 @@
 #include <fcntl.h>
 #include <pthread.h>
 
-/// The fault injector. A test program defines a function of libc, which then is what the libraries call as well; it
-/// forwards to the real one unless a `Fault` tells it to fail.
+/// The fault injector. A test program defines a function of libc, and the dynamic linker makes the libraries
+/// call that definition. It forwards to the real function unless a `Fault` makes it fail.
 ///
 ///     VESK_INJECT_RESULT(pthread_mutex_init, (pthread_mutex_t* m, pthread_mutexattr_t const* a), (m, a))
 ///     VESK_INJECT_ERRNO(int, -1, clock_settime, (clockid_t c, timespec const* t), (c, t))
@@ -15,20 +15,20 @@
 ///     support::Fault const fault(inject_pthread_mutex_init, EAGAIN);
 ///     EXPECT_TRUE(vesk::MutexOps::init(&raw, false, false, false));
 ///
-/// The macros stand at the top of a test file, outside of every namespace. Each test file is a program of its own, so a
-/// replaced function disturbs no other test.
+/// The macros must be used at the top of a test file, outside every namespace. Each test file is a separate
+/// program, so a replaced function does not affect the tests of other files.
 
 namespace support {
 
-/// One replaced function. Constant-initialised, so it works from the first call in the process on.
+/// One replaced function. Constant-initialized, so that it works from the first call in the process.
 class Injected {
 public:
     constexpr explicit Injected(char const* name) noexcept : m_name(name) {}
 
-    /// Counts the call and tells whether it is to fail, and with what.
+    /// Counts the call. Returns whether it must fail, and stores the number to fail with in `error`.
     bool fails(int& error) noexcept;
 
-    /// The real function.
+    /// Returns the real function.
     void* getReal() noexcept;
 
 private:
@@ -46,7 +46,8 @@ private:
     int m_last = 0;
 };
 
-/// While it lives, calls of the function are counted, and some of them fail. One at a time for each function.
+/// Counts the calls of a function during its lifetime and makes some of them fail. Each function can have
+/// only one `Fault` at a time.
 class Fault {
 public:
     static constexpr int FOREVER = 1 << 30;
@@ -56,7 +57,7 @@ public:
     /// @param error    the number to fail with; 0 only counts the calls
     /// @param nth      the first call to fail, counted from 1
     /// @param times    how many calls fail in a row
-    /// @param threads  whose calls count and fail
+    /// @param threads  the threads in which calls are counted and fail
     Fault(
         Injected& function, int error, int nth = 1, int times = 1, Threads threads = Threads::MINE) noexcept;
     ~Fault();
@@ -64,7 +65,7 @@ public:
     Fault(Fault const&) = delete;
     Fault& operator=(Fault const&) = delete;
 
-    /// Calls so far.
+    /// Returns the number of calls so far.
     int getCalls() const noexcept { return m_function.m_calls; }
 
 private:
@@ -99,8 +100,8 @@ private:
         return reinterpret_cast<result(*) parameters>(inject_##name.getReal()) arguments;                    \
     }
 
-/// Replaces `open`, whose mode is there only for a file that it may make. The statement comes first in each call: it may
-/// note `flags` and `mode`, and lead `path` elsewhere.
+/// Replaces `open`, which has a mode argument only when it may create a file. The statement `first` runs
+/// first in each call: it may record `flags` and `mode`, and replace `path`.
 #define VESK_INJECT_OPEN(first)                                                                              \
     support::Injected inject_open("open");                                                                   \
     extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {                                   \

@@ -10,8 +10,8 @@
 #include <sys/mman.h>
 #include <vector>
 
-/// The system calls below memory mappings, replaced: a `support::Fault` makes them fail, and they tell what they were
-/// called with. Include it in one file of a test program.
+/// Replaces the system calls below memory mappings: a `support::Fault` makes them fail, and `MapCalls`
+/// records their arguments. Must be included in exactly one file of a test program.
 
 namespace support {
 
@@ -25,7 +25,7 @@ struct MapCall {
     void* result;
 };
 
-/// The calls while it lives, up to a few.
+/// Records the first `MAX` calls during its lifetime.
 class MapCalls {
 public:
     MapCalls() { s_current = this; }
@@ -80,7 +80,7 @@ inline std::vector<Range> mappedRanges() {
     return ranges;
 }
 
-/// How many bytes of the objects with this text in their path are mapped.
+/// Returns how many bytes of objects with `part` in their path are mapped.
 inline size_t mappedBytes(std::string const& part) {
     size_t bytes = 0;
     for (Range const& range : mappedRanges()) {
@@ -89,7 +89,7 @@ inline size_t mappedBytes(std::string const& part) {
     return bytes;
 }
 
-/// What may be done at an address; empty if nothing is mapped there.
+/// Returns the access rights at an address, such as "rw-s"; empty if nothing is mapped there.
 inline std::string accessAt(void const* address) {
     auto const at = reinterpret_cast<uintptr_t>(address);
     for (Range const& range : mappedRanges()) {

@@ -15,9 +15,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// For tests that need network interfaces to play with: a network of their own, seen by nobody else, which goes away with
-/// the last process in it. Interfaces are made and changed with the program `ip`, so that it works for a 32-bit program
-/// and under an emulator, too.
+/// Gives a test a network namespace with interfaces that it can change freely. The namespace is not visible
+/// outside and ends with its last process. Interfaces are created and changed with the program `ip`, which
+/// also works for a 32-bit program and under an emulator.
 ///
 ///     TEST(TCPSocket, ReachesTheOtherEndOfAPair) {
 ///         VESK_SKIP_WITHOUT_NETWORKS();
@@ -31,14 +31,15 @@
 
 namespace support {
 
-/// Gives the calling thread, and the threads and processes that it starts, a new network. There is nothing in it but the
-/// interface "lo", which is down.
+/// Moves the calling thread, and the threads and processes that it starts afterwards, into a new network
+/// namespace. Its only interface is "lo", which is down.
 inline bool separateNetwork() {
     return unshare(CLONE_NEWNET) == 0;
 }
 
-/// Runs lines of `ip -batch`, such as "link set dev lo up", in the network of the calling thread. Stops at the first that
-/// fails. Always write "dev" or "name" before the name of an interface: `ip` takes a short one for an abbreviation.
+/// Runs lines of `ip -batch`, such as "link set dev lo up", in the network namespace of the calling thread.
+/// Stops at the first line that fails. An interface name must follow "dev" or "name": `ip` takes a short name
+/// for an abbreviation.
 inline testing::AssertionResult ip(std::string const& lines) {
     int const files[] = {memfd_create("lines", MFD_CLOEXEC), memfd_create("output", MFD_CLOEXEC)};
     bool const written = write(files[0], lines.data(), lines.size()) == static_cast<ssize_t>(lines.size()) &&
@@ -70,18 +71,19 @@ inline testing::AssertionResult ip(std::string const& lines) {
     return testing::AssertionSuccess();
 }
 
-/// Makes two Ethernet interfaces, what is sent into one comes out of the other. Both are down, and have no address.
+/// Creates a pair of connected Ethernet interfaces: what is sent through one is received by the other. Both
+/// are down and have no address.
 inline testing::AssertionResult makePair(std::string const& name, std::string const& peer) {
     return ip("link add name " + name + " type veth peer name " + peer);
 }
 
-/// Makes an Ethernet interface that leads nowhere; it is down.
+/// Creates an Ethernet interface without a peer. It is down.
 inline testing::AssertionResult makeInterface(std::string const& name) {
-    // A bridge without ports, which more kernels have than a dummy.
+    // A bridge without ports: more kernels support it than a dummy interface.
     return ip("link add name " + name + " type bridge");
 }
 
-/// Removes an interface, and with one end of a pair the other.
+/// Removes an interface. Removing one end of a pair removes the other, too.
 inline testing::AssertionResult removeInterface(std::string const& name) {
     return ip("link del dev " + name);
 }
@@ -99,12 +101,13 @@ inline testing::AssertionResult renameInterface(std::string const& name, std::st
     return ip("link set dev " + name + " name " + new_name);
 }
 
-/// Moves an interface into the network of another process; it loses its addresses and is down there.
+/// Moves an interface into the network namespace of another process. It loses its addresses and is down
+/// there.
 inline testing::AssertionResult moveInterface(std::string const& name, pid_t process) {
     return ip("link set dev " + name + " netns " + std::to_string(process));
 }
 
-/// @param address  with its prefix and what belongs to it: "10.0.0.1/24 brd +", "fd00::1/64 nodad", "10.0.0.1 peer 10.0.0.2"
+/// @param address  with prefix and options: "10.0.0.1/24 brd +", "fd00::1/64 nodad", "10.0.0.1 peer 10.0.0.2"
 inline testing::AssertionResult addAddress(std::string const& name, std::string const& address) {
     return ip("addr add " + address + " dev " + name);
 }
@@ -113,7 +116,8 @@ inline testing::AssertionResult removeAddress(std::string const& name, std::stri
     return ip("addr del " + address + " dev " + name);
 }
 
-/// Runs `body` in a child with a network of its own, whose failures become those of the test. "lo" is up.
+/// Runs `body` in a child with a separate network namespace, in which "lo" is up. Failures of the child
+/// become failures of the test.
 inline void expectInNetwork(std::function<void()> const& body) {
     expectInChild([&body] {
         ASSERT_TRUE(separateNetwork()) << strerror(errno);

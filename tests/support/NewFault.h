@@ -5,15 +5,16 @@
 #include <new>
 #include <vector>
 
-/// Makes allocations by `new` fail. Include it in one file of a test program: it replaces the allocation functions of the
-/// language there, also for the libraries.
+/// Makes allocations by `new` fail. Must be included in exactly one file of a test program: it replaces the
+/// allocation functions of the language, also for the libraries.
 
 namespace support {
 
-/// Which of the allocation functions.
+/// The allocation functions that can fail.
 enum class New { SINGLE, NOTHROW_SINGLE, NOTHROW_ARRAY };
 
-/// While it lives, calls of one allocation function by this thread are counted, and some of them fail. One at a time.
+/// Counts the calls of one allocation function by this thread during its lifetime and makes some of them
+/// fail. A thread can have only one `NewFault` at a time.
 class NewFault {
 public:
     static constexpr int FOREVER = 1 << 30;
@@ -30,8 +31,9 @@ public:
     NewFault(NewFault const&) = delete;
     NewFault& operator=(NewFault const&) = delete;
 
-    /// Calls so far, and what the first of them asked for.
+    /// Returns the number of calls so far.
     int getCalls() const noexcept { return m_calls; }
+    /// Returns the requested sizes of the first `MAX_SIZES` calls.
     std::vector<size_t> getSizes() const {
         return {m_sizes, m_sizes + (m_calls < MAX_SIZES ? m_calls : MAX_SIZES)};
     }
@@ -74,7 +76,7 @@ inline void* allocateOrThrow(New form, size_t size) {
 
 } // namespace support
 
-// Out of line: the compiler must not see through a pair of them and call it mismatched.
+// Not inlined: the compiler would otherwise see `malloc` paired with `delete` and warn about a mismatch.
 #define VESK_REPLACED __attribute__((noinline))
 
 VESK_REPLACED void* operator new(size_t size) {

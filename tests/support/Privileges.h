@@ -15,23 +15,25 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-/// For tests that run a child with fewer rights, or with mounts of its own.
+/// Support for tests that run a child with fewer privileges, or with separate mounts.
 
 namespace support {
 
-/// Runs `body` in a child, whose failures become those of the test.
+/// Runs `body` in a child. Failures of the child become failures of the test.
 inline void expectInChild(std::function<void()> const& body) {
     ChildEnd const end = runInChild(body);
     EXPECT_EQ(0, end.exit_code) << "signal " << end.signal << "\n" << end.output << end.errors;
 }
 
-/// Makes the calling process, a child, one of a user who owns nothing.
+/// Switches the calling process, which must be a child, to the unprivileged user 65534. Returns whether that
+/// succeeded.
 inline bool dropRights() {
     constexpr unsigned int NOBODY = 65534;
     return setgroups(0, nullptr) == 0 && setgid(NOBODY) == 0 && setuid(NOBODY) == 0;
 }
 
-/// Gives the calling process, a child, mounts that end with it.
+/// Gives the calling process, which must be a child, a mount namespace that ends with it. Returns whether
+/// that succeeded.
 inline bool separateMounts() {
     return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
@@ -50,7 +52,7 @@ inline bool maySeparateMounts() {
            }).exit_code == 0;
 }
 
-/// Whether a process may take these nice values one after the other.
+/// Returns whether a process may set these nice values one after the other.
 inline bool mayTakeNice(std::initializer_list<int> values) {
     return runInChild([values] {
                for (int const value : values) {

@@ -14,11 +14,11 @@
 #include <unistd.h>
 #include <utility>
 
-/// What tests of memory between processes need.
+/// Support for tests of memory that processes share.
 
 namespace support {
 
-/// An object in memory of its own that forked children share with the test.
+/// An object in a mapping that forked children share with the test.
 template <typename T>
 class SharedObject {
 public:
@@ -46,8 +46,8 @@ private:
     T* m_object;
 };
 
-/// A forked child that runs `body` beside the test. It exits with 0, or with 1 if an expectation failed in it, and is
-/// ended by SIGALRM after a minute. Its destructor kills one that is still there.
+/// A forked child that runs `body` concurrently with the test. It exits with 0, or with 1 if an expectation
+/// failed in it. SIGALRM ends it after a minute. The destructor kills a child that still runs.
 class Process {
 public:
     template <typename Body>
@@ -67,7 +67,7 @@ public:
 
     pid_t getId() const noexcept { return m_pid; }
 
-    /// Waits for its end and gives its exit code; -1 if a signal ended it.
+    /// Waits for the end of the child. Returns its exit code, or -1 if a signal ended it.
     int join() noexcept {
         int status = 0;
         while (m_pid > 0 && waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {}
@@ -76,7 +76,7 @@ public:
         return exited ? WEXITSTATUS(status) : -1;
     }
 
-    /// Ends it as hard as can be, wherever it is.
+    /// Ends the child with SIGKILL and reaps it. Does nothing if it has been reaped.
     void kill() noexcept {
         if (m_pid > 0) {
             ::kill(m_pid, SIGKILL);
@@ -88,7 +88,8 @@ private:
     pid_t m_pid = -1;
 };
 
-/// One field of a thread's line in /proc, counted from 1 as proc(5) does; 3 is the state. Empty if the thread is gone.
+/// Returns one field of a thread's `stat` line in /proc, counted from 1 as in proc(5); 3 is the state.
+/// Returns an empty text if the thread has ended.
 inline std::string threadField(pid_t process, pid_t thread, int field) {
     std::string const path = "/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/stat";
     FILE* const file = fopen(path.c_str(), "re");
@@ -99,15 +100,15 @@ inline std::string threadField(pid_t process, pid_t thread, int field) {
     size_t const length = fread(line, 1, sizeof line - 1, file);
     fclose(file);
     line[length] = '\0';
-    char const* at = strrchr(line, ')'); // The name before it may hold anything.
+    char const* at = strrchr(line, ')'); // The name before it may contain any character.
     for (int i = 2; at != nullptr && i < field; ++i) {
         at = strchr(at + 1, ' ');
     }
     return at == nullptr ? std::string() : std::string(at + 1, strcspn(at + 1, " \n"));
 }
 
-/// Gives way until a thread sleeps in the kernel: the way to see that it has come to wait for something, when it says
-/// beforehand that it is about to. Use only where nothing else makes it sleep on its way.
+/// Yields until a thread sleeps in the kernel or has ended. Detects that a thread which announced a wait has
+/// reached it. Valid only where nothing else makes the thread sleep between the announcement and the wait.
 inline void waitUntilAsleep(pid_t process, pid_t thread) {
     for (;;) {
         std::string const state = threadField(process, thread, 3);

@@ -1,10 +1,10 @@
 #pragma once
 
-/// What a sanitizer cannot follow.
+/// Limits of the sanitizers that tests must take into account.
 namespace support {
 
 #if defined(__SANITIZE_ADDRESS__)
-/// The address sanitizer keeps its marks of the stack frames that a cancelled thread has left by unwinding.
+/// The address sanitizer keeps its marks on stack frames that a cancelled thread has unwound.
 constexpr bool FORGETS_UNWOUND_FRAMES = false;
 #else
 constexpr bool FORGETS_UNWOUND_FRAMES = true;

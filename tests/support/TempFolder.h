@@ -12,11 +12,11 @@
 
 namespace support {
 
-/// A folder of the test's own, which goes with everything in it. Others may look into it, so that a child that has given
-/// up its rights finds what it is to be refused.
+/// A temporary folder of the test, removed with its content by the destructor. It is readable by every user,
+/// so that a child that has dropped its privileges reaches the entries to which access must be refused.
 ///
-/// It lies in memory: a 32-bit program under user-mode QEMU cannot list a folder of most disk file systems, whose
-/// positions are too large for it.
+/// It is in memory: a 32-bit program under user-mode QEMU cannot list a folder on most disk file systems,
+/// because their directory positions exceed 32 bits.
 class TempFolder {
 public:
     TempFolder() : m_path(getParent() + "/vesk-test-XXXXXX") {
@@ -34,10 +34,10 @@ public:
 
     std::string const& getPath() const { return m_path; }
 
-    /// The path of an entry, existing or not.
+    /// Returns the path of an entry, which need not exist.
     std::string operator/(std::string const& name) const { return m_path + "/" + name; }
 
-    /// Makes a file, or empties and fills one, and gives its path.
+    /// Creates a file, or replaces the content of an existing one. Returns its path.
     std::string
     makeFile(std::string const& name, std::string const& content = "", mode_t access = 0644) const {
         std::ofstream file(*this / name, std::ios::binary | std::ios::trunc);
@@ -46,14 +46,14 @@ public:
         return *this / name;
     }
 
-    /// Makes a folder and gives its path.
+    /// Creates a folder. Returns its path.
     std::string makeFolder(std::string const& name, mode_t access = 0755) const {
         EXPECT_TRUE(std::filesystem::create_directory(*this / name)) << name;
         EXPECT_EQ(0, chmod((*this / name).c_str(), access)) << name;
         return *this / name;
     }
 
-    /// Makes a symbolic link and gives its path.
+    /// Creates a symbolic link. Returns its path.
     std::string makeLink(std::string const& name, std::string const& target) const {
         std::error_code error;
         std::filesystem::create_symlink(target, *this / name, error);
@@ -71,7 +71,7 @@ private:
     std::string m_path;
 };
 
-/// What a file holds; "(none)" if it cannot be read.
+/// Returns the content of a file, or "(none)" if it cannot be read.
 inline std::string contentOf(std::string const& path) {
     std::ifstream const file(path, std::ios::binary);
     if (!file) {

@@ -7,19 +7,20 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/// The threads of the test's process, as the system sees them.
+/// Queries the system for the threads of the test's process.
 namespace support {
 
 inline pid_t getThreadId() noexcept {
     return static_cast<pid_t>(syscall(SYS_gettid));
 }
 
-/// Whether the process has such a thread. One that was joined may take a little longer to go.
+/// Returns whether the process has this thread. The system may still show a thread shortly after it was
+/// joined.
 inline bool isThread(pid_t thread) {
     return access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) == 0;
 }
 
-/// How many threads the process has, those included that end right now.
+/// Returns the number of threads of the process, including those that are just ending.
 inline int countThreads() {
     DIR* const directory = opendir("/proc/self/task");
     if (directory == nullptr) {
@@ -33,10 +34,11 @@ inline int countThreads() {
     return count;
 }
 
-/// How many threads the program has before a test starts one: those of a sanitizer or an emulator included, none that
-/// an earlier test in the same process has joined and that the system still shows. A forked child may have fewer.
+/// The number of threads that the program has before any test starts one. Includes those of a sanitizer or an
+/// emulator. Excludes threads that an earlier test in the same process has joined and that the system still
+/// shows. A forked child may have fewer.
 inline int const g_threads_at_start = [] {
-    // The first thread of a program makes the thread sanitizer start one of its own.
+    // The thread sanitizer starts its own thread when the program starts its first one.
     pid_t first = 0;
     pthread_t thread{};
     auto const tell = [](void* id) -> void* {

@@ -4,8 +4,9 @@
 
 #include <pthread.h>
 
-/// An unlock that fails lets go of the lock all the same: one that stayed held could never be destroyed. Include it at the top
-/// of a test file, as the macros of Inject.h stand there.
+/// Makes `pthread_mutex_unlock` fail. The injected failure releases the mutex all the same: a mutex that
+/// stays locked could never be destroyed. Must be included at the top of a test file, like the macros of
+/// Inject.h.
 support::Injected inject_pthread_mutex_unlock("pthread_mutex_unlock");
 extern "C" VESK_UNWATCHED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
     int error = 0;

@@ -5,8 +5,9 @@
 
 namespace support {
 
-/// The slot of a virtual operation in the table of the class that declares it, counted from 0: what programs that were built
-/// against the class call. A destructor takes two slots.
+/// Returns the slot of a virtual operation in the table of the class that declares it, counted from 0.
+/// Programs that were built against the class call the operation through this slot. A destructor takes two
+/// slots.
 template <typename Member>
 int getSlot(Member member) {
     ptrdiff_t words[2] = {};

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// What holds for every test: it begins without a pending error and loses no descriptor.
+/// Rules for every test: it starts without a pending error and leaks no descriptor.
 class HouseRules : public testing::EmptyTestEventListener {
     void OnTestStart(testing::TestInfo const&) override {
         std::ErrorStorage::ack();

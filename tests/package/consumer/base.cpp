@@ -1,4 +1,4 @@
-// A program that uses the base library alone.
+// A program that uses only the base library.
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/threadsafe/MutexImpl.h>
 

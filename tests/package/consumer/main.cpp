@@ -1,4 +1,4 @@
-// A program of somebody else's: takes a lock twice, and prints the chain of the failure that comes of it.
+// A user's program: locks a mutex twice and prints the error chain of the failure.
 #include <vesk/Mutex.h>
 
 #include <tarncommon/error/ErrorApi.h>

@@ -1,5 +1,5 @@
-// A program that passes file offsets and times through the library: what it reads is what the system tells only if both
-// have the same widths.
+// A program that passes file offsets and times through the library. The values agree with those of the system
+// only if the program and the library have the same widths.
 #include <vesk/FileInfo.h>
 #include <vesk/StopWatchBase.h>
 #include <vesk/Vesk.h>
