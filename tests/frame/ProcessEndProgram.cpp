@@ -23,6 +23,13 @@ extern "C" char const* __asan_default_options() {
 }
 #endif
 
+#if defined(__SANITIZE_THREAD__)
+// Threads that have ended are not joined any more when the process ends.
+extern "C" char const* __tsan_default_options() {
+    return "report_thread_leaks=0";
+}
+#endif
+
 namespace {
 
 /// All begin to use the libraries over and over when the end is near, and not before.

@@ -11,6 +11,7 @@
 
 #include <csignal>
 #include <dlfcn.h>
+#include <initializer_list>
 #include <pthread.h>
 
 extern "C" __attribute__((no_sanitize_thread)) int pthread_create(

@@ -441,7 +441,10 @@ TEST_P(ThreadEndInSuspend, wokenTerminatedAndDestroyedAtOnceLeavesNoTrace) {
     if (!support::FORGETS_UNWOUND_FRAMES) {
         GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
     }
-    m_body = [this] {
+    std::atomic<int> ended{0};
+    m_body = [this, &ended] {
+        std::unique_ptr<std::atomic<int>, void (*)(std::atomic<int>*)> const count(
+            &ended, [](std::atomic<int>* counter) { ++*counter; });
         for (;;) {
             suspend();
         }
@@ -456,6 +459,7 @@ TEST_P(ThreadEndInSuspend, wokenTerminatedAndDestroyedAtOnceLeavesNoTrace) {
         }
         thread.reset();
         waitForTheEnd();
+        EXPECT_EQ(round + 1, ended);
     }
     EXPECT_EQ("", recorder.getText());
 }
