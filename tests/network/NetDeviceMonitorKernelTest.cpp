@@ -632,9 +632,8 @@ TEST_F(Kernel, IsStoppedAtAnyMoment) {
         for (int round = 0; round < ROUNDS; ++round) {
             Watcher watcher;
             watcher.start();
-            for (int i = 0; i < round * 10; ++i) {
-                sched_yield();
-            }
+            auto const moment = std::chrono::steady_clock::now() + std::chrono::microseconds(round * 20);
+            while (std::chrono::steady_clock::now() < moment) {}
             EXPECT_FALSE(watcher.stop());
         }
         EXPECT_EQ(descriptors, countDescriptors());
