@@ -1,5 +1,7 @@
 #include "Uses.h"
 
+#include "Emulation.h"
+
 #include <vesk/Alarm.h>
 #include <vesk/CalendarTime.h>
 #include <vesk/Condition.h>
@@ -283,9 +285,13 @@ void ipc() {
 
 void processes() {
 #if defined(__SANITIZE_THREAD__)
-    // The sanitizer's own locks stay locked in a child that is forked while other threads hold them.
-    return;
+    constexpr bool HAS_RUNTIME_WITH_LOCKS = true;
+#else
+    constexpr bool HAS_RUNTIME_WITH_LOCKS = IS_EMULATED;
 #endif
+    if (HAS_RUNTIME_WITH_LOCKS) {
+        return; // Its locks stay locked in a child that is forked while other threads hold them.
+    }
     vesk::ProcessTNG process;
     process.setExecutable("/bin/true");
     require(process.start() != vesk::ProcessTNG::INVALID_PROCESS_ID, "starting");
