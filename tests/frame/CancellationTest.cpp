@@ -734,7 +734,7 @@ Row const ROWS[] = {
     {"~vesk::TCPServerSocket",
      [] { endsSocket<vesk::TCPServerSocket>(getLoopback(), true, false, IPSocket::IPV4); }},
     {"~vesk::TCPSocket ~vesk::IPSocket",
-     [] { endsSocket<vesk::TCPSocket>(true, 0, 0, getLoopback(), getLoopback(), false, IPSocket::IPV4); }},
+     [] { endsSocket<vesk::TCPSocket>(true, 0U, 0U, getLoopback(), getLoopback(), false, IPSocket::IPV4); }},
     {"~vesk::TCPSocket::Description vesk::TCPSocket::Description::swap "
      "vesk::TCPSocket::Description::operator=",
      [] {
@@ -747,13 +747,13 @@ Row const ROWS[] = {
          first = std::move(third);
      }},
     {"~vesk::UDPSocket",
-     [] { endsSocket<vesk::UDPSocket>(true, 0, 0, getLoopback(), getLoopback(), IPSocket::IPV4); }},
+     [] { endsSocket<vesk::UDPSocket>(true, 0U, 0U, getLoopback(), getLoopback(), IPSocket::IPV4); }},
     {"~vesk::UnixServerSocket",
      [] { endsSocket<vesk::UnixServerSocket>(vesk::Path(getName()), true, vesk::UnixSocketBase::ABSTRACT); }},
     {"~vesk::UnixSocket ~vesk::UnixSocketBase",
      [] {
          endsSocket<vesk::UnixSocket>(
-             true, 0, 0, vesk::Path(getName()), vesk::Path("peer"), vesk::UnixSocketBase::ABSTRACT);
+             true, 0U, 0U, vesk::Path(getName()), vesk::Path("peer"), vesk::UnixSocketBase::ABSTRACT);
      }},
     {"~vesk::UnixSocket::Description vesk::UnixSocket::Description::swap "
      "vesk::UnixSocket::Description::operator=",

@@ -49,13 +49,13 @@ void assertThat(bool condition, char const* expression, char const* function, in
 }
 
 /// Waits for the end of one child or of any child. With `WNOWAIT` the child is not reaped and keeps its id.
-int waitForEnd(idtype_t type, int pid, siginfo_t& info, int options) noexcept {
+int waitForEnd(idtype_t type, int pid, siginfo_t& info, int options) {
     return retryOnEintr([&] { return waitid(type, static_cast<id_t>(pid), &info, WEXITED | options); });
 }
 
 /// Reaps a child that has ended. Never blocks: something else may have reaped it already, and its id may
 /// belong to a running child.
-void reap(int pid) noexcept {
+void reap(int pid) {
     siginfo_t info{};
     waitForEnd(P_PID, pid, info, WNOHANG);
 }
