@@ -48,7 +48,7 @@ VESK_INJECT_ERRNO(int, -1, unlink, (char const* path), (path))
 VESK_INJECT_RESULT(pthread_rwlock_destroy, (pthread_rwlock_t * l), (l))
 VESK_INJECT_RESULT(pthread_spin_destroy, (pthread_spinlock_t * l), (l))
 
-/// The destructors of all classes whose clean-up can fail, run while an earlier failure is pending.
+/// Runs the destructor of each class with a clean-up that can fail, while an earlier failure is pending.
 
 namespace {
 

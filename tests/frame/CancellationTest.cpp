@@ -791,7 +791,7 @@ Row const ROWS[] = {
     {"~vesk::DnsSdBase::Txt", ends<vesk::DnsSdBase::Txt>},
 };
 
-// ---- classes whose destructor does nothing ----
+// ---- classes with a trivial destructor ----
 
 /// Reaches a destructor that only deriving classes may call.
 template <typename Base>

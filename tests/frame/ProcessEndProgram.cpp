@@ -1,4 +1,4 @@
-// A program whose threads use the libraries while it ends: ProcessEndProgram WAY PREFIX. Says "ending" just before.
+// Ends while its threads use the libraries: ProcessEndProgram WAY PREFIX. Prints "ending" just before.
 
 #include "Emulation.h"
 #include "Uses.h"

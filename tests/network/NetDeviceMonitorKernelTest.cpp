@@ -430,7 +430,7 @@ TEST_F(Kernel, TellsHundredsOfChangesEachOnce) {
 
 // ---- messages that the kernel drops ----
 
-/// A watcher whose listener holds its thread while changes come, so that the kernel drops most of them.
+/// A watcher with a listener that blocks its thread during changes, so that the kernel drops most of them.
 class SlowWatcher : public Watcher {
 public:
     SlowWatcher() {

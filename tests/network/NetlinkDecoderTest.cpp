@@ -1482,7 +1482,7 @@ TEST_F(Loss, EndsTheWatchIfTheKernelCannotBeAskedAgain) {
     EXPECT_EQ(2U, m_requests.size());
 }
 
-// What went while nobody watched.
+// What disappeared while no watch was running.
 TEST_F(Loss, IsMadeGoodByTheNextWatch) {
     Fault const fault(inject_sendmsg, ENOMEM, 3);
     EXPECT_EQ(Log(), tell({EMPTY}));

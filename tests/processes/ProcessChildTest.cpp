@@ -280,7 +280,7 @@ TEST_P(ProcessChildOutput, leadsToTheOpenedFile) {
     waitFor(m_process);
 }
 
-/// The process is one of the test's own, whose streams are taken away.
+/// Runs in a child process of the test, with its streams closed.
 class ProcessChildLostOutput : public support::ProcessTest, public testing::WithParamInterface<OutputCase> {
 protected:
     /// Runs a child that writes to both streams.

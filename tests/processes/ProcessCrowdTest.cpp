@@ -223,7 +223,7 @@ TEST_F(ProcessCrowd, noChildIsHeldUpByWhatOtherThreadsDo) {
     EXPECT_EQ(0, end.exit_code) << end.output.substr(0, 2000);
 }
 
-/// A locale whose file is a pipe: the thread that loads it waits for a writer, and holds libc's lock of the locale.
+/// A locale with a pipe as its file: the thread that loads it waits for a writer and holds libc's locale lock.
 TEST_F(ProcessCrowd, noChildIsHeldUpByAThreadThatLoadsALocale) {
     support::TempDir const locales;
     std::string const folder = locales / "slow";

@@ -435,7 +435,7 @@ TEST_F(AlarmTimer, aCallbackMayRingItsEngine) {
     EXPECT_EQ(Rung{&m_c}, ringAt(100));
 }
 
-/// Two engines whose callbacks call each other's engine: one that waits already, and then one of this thread.
+/// Two engines with callbacks that call each other's engine: one already waits, the other runs in this thread.
 class AlarmTimerOfTwo : public AlarmTimer {
 protected:
     /// Rings the other engine in another thread. The callback of `m_other_first` waits there for this thread's engine.
