@@ -1,9 +1,9 @@
-#include "FileCalls.h"
 #include "FileTests.h"
-#include "Locales.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
+#include "support/Locales.h"
 #include "support/TempFolder.h"
+#include "support/calls/FileCalls.h"
 
 #include <vesk/BinTempFileRW.h>
 #include <vesk/FileAccessError.h>

@@ -1,10 +1,10 @@
-#include "FileCalls.h"
 #include "FileTests.h"
 #include "support/Chain.h"
 #include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/NewFault.h"
 #include "support/TempFolder.h"
+#include "support/calls/FileCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>

@@ -1,7 +1,7 @@
-#include "TemporaryDirectory.h"
 #include "support/Chain.h"
 #include "support/Child.h"
 #include "support/Inject.h"
+#include "support/TemporaryDirectory.h"
 
 #include <vesk/FileSys.h>
 #include <vesk/SysError.h>

@@ -1,8 +1,8 @@
-#include "FileCalls.h"
 #include "FileTests.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/TempFolder.h"
+#include "support/calls/FileCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <vesk/FileAccessError.h>

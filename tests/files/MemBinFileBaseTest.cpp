@@ -1,10 +1,10 @@
-#include "FileCalls.h"
 #include "FileTests.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
-#include "support/MapCalls.h"
 #include "support/TempFolder.h"
 #include "support/VtableSlot.h"
+#include "support/calls/FileCalls.h"
+#include "support/calls/MapCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <vesk/MemBinFileBase.h>

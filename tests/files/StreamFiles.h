@@ -1,9 +1,9 @@
 #pragma once
 
-#include "FileCalls.h"
 #include "FileTests.h"
 #include "support/Chain.h"
 #include "support/TempFolder.h"
+#include "support/calls/FileCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 

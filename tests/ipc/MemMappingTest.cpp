@@ -1,8 +1,8 @@
 #include "support/Chain.h"
 #include "support/Child.h"
-#include "support/MapCalls.h"
 #include "support/Processes.h"
 #include "support/TempFolder.h"
+#include "support/calls/MapCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>

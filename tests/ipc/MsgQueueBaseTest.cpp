@@ -1,8 +1,8 @@
-#include "QueueCalls.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Processes.h"
 #include "support/VtableSlot.h"
+#include "support/calls/QueueCalls.h"
 
 #include <tarncommon/error/ErrorOutput.h>
 #include <tarncommon/stream/IBinStreamBase.h>

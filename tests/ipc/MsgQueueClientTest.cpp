@@ -1,6 +1,6 @@
-#include "QueueCalls.h"
 #include "support/Chain.h"
 #include "support/Privileges.h"
+#include "support/calls/QueueCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <vesk/FileAccessError.h>

@@ -1,8 +1,8 @@
-#include "QueueCalls.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Privileges.h"
 #include "support/Processes.h"
+#include "support/calls/QueueCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>

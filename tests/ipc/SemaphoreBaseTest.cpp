@@ -1,8 +1,8 @@
-#include "SemaphoreCalls.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Processes.h"
 #include "support/VtableSlot.h"
+#include "support/calls/SemaphoreCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>

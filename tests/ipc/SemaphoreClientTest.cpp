@@ -1,6 +1,6 @@
-#include "SemaphoreCalls.h"
 #include "support/Chain.h"
 #include "support/Privileges.h"
+#include "support/calls/SemaphoreCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <vesk/FileAccessError.h>

@@ -1,8 +1,8 @@
-#include "ShmCalls.h"
 #include "support/EventRecorder.h"
 #include "support/NewFault.h"
 #include "support/TempFolder.h"
 #include "support/VtableSlot.h"
+#include "support/calls/ShmCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>

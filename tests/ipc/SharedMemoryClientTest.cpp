@@ -1,6 +1,6 @@
-#include "ShmCalls.h"
 #include "support/EventRecorder.h"
 #include "support/Privileges.h"
+#include "support/calls/ShmCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>

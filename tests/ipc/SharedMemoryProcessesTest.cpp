@@ -1,5 +1,5 @@
-#include "ShmCalls.h"
 #include "support/Processes.h"
+#include "support/calls/ShmCalls.h"
 
 #include <vesk/SharedMemoryClient.h>
 #include <vesk/SharedMemoryServer.h>

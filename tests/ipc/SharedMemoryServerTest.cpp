@@ -1,7 +1,7 @@
-#include "ShmCalls.h"
 #include "support/EventRecorder.h"
 #include "support/Privileges.h"
 #include "support/VtableSlot.h"
+#include "support/calls/ShmCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>

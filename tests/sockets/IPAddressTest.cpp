@@ -1,8 +1,8 @@
-#include "ResolverCalls.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/NetworkNamespace.h"
+#include "support/calls/ResolverCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>

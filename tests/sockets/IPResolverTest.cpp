@@ -1,6 +1,6 @@
-#include "ResolverCalls.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
+#include "support/calls/ResolverCalls.h"
 
 #include <tarncommon/error/ErrorStorage.h>
 #include <vesk/IPSocket.h>

@@ -1,10 +1,10 @@
-#include "ResolverCalls.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
 #include "support/Privileges.h"
 #include "support/VtableSlot.h"
+#include "support/calls/ResolverCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>

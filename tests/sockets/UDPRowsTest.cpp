@@ -1,6 +1,6 @@
-#include "UDPCalls.h"
 #include "UDPSupport.h"
 #include "support/EventRecorder.h"
+#include "support/calls/UDPCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>

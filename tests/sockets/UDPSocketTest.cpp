@@ -1,9 +1,9 @@
-#include "UDPCalls.h"
 #include "UDPSupport.h"
 #include "support/EventRecorder.h"
 #include "support/NewFault.h"
 #include "support/Privileges.h"
 #include "support/VtableSlot.h"
+#include "support/calls/UDPCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>

@@ -1,7 +1,7 @@
-#include "UnixCalls.h"
 #include "support/EventRecorder.h"
 #include "support/NewFault.h"
 #include "support/TempFolder.h"
+#include "support/calls/UnixCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 

@@ -1,9 +1,9 @@
-#include "UnixCalls.h"
 #include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/NewFault.h"
 #include "support/Privileges.h"
 #include "support/TempFolder.h"
+#include "support/calls/UnixCalls.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <vesk/Group.h>

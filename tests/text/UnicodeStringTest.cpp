@@ -1,10 +1,10 @@
 #include "Conversions.h"
-#include "Locales.h"
-#include "TemporaryDirectory.h"
 #include "support/AllocationCounter.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
+#include "support/Locales.h"
 #include "support/NewFault.h"
+#include "support/TemporaryDirectory.h"
 #include "support/VtableSlot.h"
 
 #include <vesk/RefCounted.h>

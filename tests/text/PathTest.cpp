@@ -1,7 +1,7 @@
-#include "TemporaryDirectory.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/TemporaryDirectory.h"
 
 #include <vesk/FileSys.h>
 #include <vesk/Path.h>

@@ -2,7 +2,7 @@
 
 #include "support/Chain.h"
 #include "support/Inject.h"
-#include "support/MapCalls.h"
+#include "support/calls/MapCalls.h"
 
 #include <vesk/FileAccessError.h>
 #include <vesk/SysError.h>

@@ -1,9 +1,9 @@
 #include "Conversions.h"
-#include "Locales.h"
-#include "TemporaryDirectory.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/Locales.h"
+#include "support/TemporaryDirectory.h"
 
 #include <vesk/FileSys.h>
 #include <vesk/SysError.h>
