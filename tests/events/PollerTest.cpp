@@ -1232,4 +1232,11 @@ TEST(PollerClass, virtualOperationsOfAClientFollowItsDestructors) {
     EXPECT_FALSE(std::is_polymorphic_v<Poller>);
 }
 
+TEST(PollerPipe, isInheritedByNewPrograms) {
+    Poller const poller;
+    for (int const end : s_pipe) {
+        EXPECT_EQ(0, fcntl(end, F_GETFD)) << "no close-on-exec";
+    }
+}
+
 } // namespace

@@ -12,9 +12,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
+#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <ostream>
@@ -667,6 +671,33 @@ TEST(SignalQueueClassTest, HaveTheirBasesAndSlots) {
     EXPECT_EQ(2, getSlot(&SignalQueue::pop_nonblock));
     EXPECT_EQ(2, getSlot(&SignalQueue::Notifier::wait));
     EXPECT_EQ(3, getSlot(&SignalQueue::Notifier::signal));
+}
+
+TEST_F(SignalQueueTest, APopOfAnEmptyQueueTakesTheCountBelowZeroForAMoment) {
+    using Words = std::array<int32_t, sizeof(SignalQueue) / sizeof(int32_t)>;
+    sign_on(5);
+    Words before;
+    memcpy(before.data(), static_cast<void const*>(&queue), sizeof before);
+    queue.push(5);
+    Words after;
+    memcpy(after.data(), static_cast<void const*>(&queue), sizeof after);
+    auto const changed = std::mismatch(after.begin(), after.end(), before.begin()).first;
+    ASSERT_NE(after.end(), changed) << "the count is a part of the object";
+    int32_t const* const count = reinterpret_cast<int32_t const*>(&queue) + (changed - after.begin());
+    EXPECT_EQ(1, *count);
+    EXPECT_TRUE(pop());
+    EXPECT_EQ(0, *count);
+
+    std::atomic<bool> seen{false};
+    std::thread popper([&] {
+        while (!seen) {
+            EXPECT_FALSE(pop());
+        }
+    });
+    EXPECT_TRUE(waitUntil([count] { return __atomic_load_n(count, __ATOMIC_SEQ_CST) == -1; }));
+    seen = true;
+    popper.join();
+    EXPECT_EQ(0, *count);
 }
 
 } // namespace

@@ -794,4 +794,13 @@ TEST(VeskError, namesTheSetUpThatFailed) {
           "Unable to initialize VESK: \"process static impl. object is invalid\" failed"}}));
 }
 
+TEST(VeskStartUp, secondArgumentHasNoEffect) {
+    inFreshProcess([] {
+        Recording const recording;
+        Vesk const vesk(true, true);
+        EXPECT_EQ(WHOLE_START_UP, g_calls);
+        EXPECT_TRUE(vesk.isProcessInitLazy());
+    });
+}
+
 } // namespace

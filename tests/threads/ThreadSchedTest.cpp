@@ -1227,4 +1227,72 @@ TEST(ThreadError, hasItsRows) {
     EXPECT_TRUE(Thread::Error.isA(SysError));
 }
 
+size_t getStackSize() {
+    pthread_attr_t attributes;
+    size_t size = 0;
+    EXPECT_EQ(0, pthread_getattr_np(pthread_self(), &attributes));
+    EXPECT_EQ(0, pthread_attr_getstacksize(&attributes, &size));
+    pthread_attr_destroy(&attributes);
+    return size;
+}
+
+TEST(ThreadOlderConstructor, hasTheDefaultStackWhateverSizeItGets) {
+    size_t expected = 0;
+    Body plain = [&expected] { expected = getStackSize(); };
+    Thread thread(run, &plain);
+    runToEnd(thread);
+    for (unsigned int const wanted : {0U, 16384U, 1U << 20, 1U << 26}) {
+        size_t size = 0;
+        Body body = [&size] { size = getStackSize(); };
+        Thread older(run, &body, "older", false, 0, wanted, false);
+        runToEnd(older);
+        EXPECT_EQ(expected, size) << wanted;
+    }
+}
+
+// ---- before the thread runs ----
+
+// While set, a new thread waits for it before it runs. For one thread at a time.
+Event* g_gate = nullptr;
+void* (*g_held_function)(void*) = nullptr;
+
+void* runBehindTheGate(void* argument) {
+    EXPECT_TRUE(g_gate->wait());
+    return g_held_function(argument);
+}
+
+} // namespace
+
+support::Injected inject_pthread_create("pthread_create");
+extern "C" VESK_UNWATCHED int pthread_create(
+    pthread_t* thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument) {
+    if (g_gate != nullptr) {
+        g_held_function = function;
+        function = runBehindTheGate;
+    }
+    return reinterpret_cast<decltype(&pthread_create)>(inject_pthread_create.getReal())(
+        thread, attributes, function, argument);
+}
+
+namespace {
+
+TEST(ThreadBeforeItRuns, hasNoKernelIdYetSoThatTheCallerGetsTheNiceValue) {
+    std::thread([] {
+        int const nice = getpriority(PRIO_PROCESS, 0);
+        if (nice == 19) {
+            GTEST_SKIP() << "no nice value is left to tell the threads apart";
+        }
+        Event gate;
+        g_gate = &gate;
+        Seen seen;
+        Thread thread(look, &seen);
+        EXPECT_FALSE(thread.setPriority(nice + 1));
+        EXPECT_EQ(nice + 1, getpriority(PRIO_PROCESS, 0));
+        gate.set();
+        runToEnd(thread);
+        EXPECT_EQ(nice, seen.nice);
+        g_gate = nullptr;
+    }).join();
+}
+
 } // namespace

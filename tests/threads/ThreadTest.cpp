@@ -15,11 +15,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <pthread.h>
@@ -1007,6 +1011,15 @@ TEST_F(ThreadTest, yieldThatFailsReports) {
         EXPECT_TRUE(Thread::yield());
     }
     EXPECT_TRUE(chainIs({{Thread::ErrorId::YIELD_FAILED, "Thread yield failed: " + systemText(ENOSYS)}}));
+}
+
+TEST_F(ThreadTest, holdsTheLowestIntegerInAFieldThatIsNeverRead) {
+    Thread thread([](void*) {}, nullptr);
+    EXPECT_FALSE(thread.start());
+    EXPECT_FALSE(thread.join()); // The thread no longer writes to the object.
+    int32_t words[sizeof(Thread) / sizeof(int32_t)];
+    memcpy(words, static_cast<void const*>(&thread), sizeof words);
+    EXPECT_NE(std::end(words), std::find(std::begin(words), std::end(words), INT32_MIN));
 }
 
 } // namespace

@@ -571,4 +571,13 @@ TEST(Timer, manyThreadsUseTimersOfTheirOwn) {
     }
 }
 
+TEST(Timer, keepsItsPriorityInAFieldThatIsNeverRead) {
+    for (bool const high : {false, true}) {
+        Timer const timer([](Timer*) {}, high);
+        auto const* const behind_callback = reinterpret_cast<unsigned char const*>(&timer) +
+            (std::is_polymorphic_v<Timer> ? 2 : 1) * sizeof(void*);
+        EXPECT_EQ(high ? 1 : 0, *behind_callback);
+    }
+}
+
 } // namespace
