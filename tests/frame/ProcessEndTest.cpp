@@ -50,12 +50,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](auto const& row) { return std::get<0>(row.param) + std::to_string(std::get<1>(row.param)); });
 
 TEST_P(ProcessEnd, doesNotDisturbThreadsThatUseTheLibraries) {
-#if defined(__SANITIZE_THREAD__)
-    if (std::get<0>(GetParam()) == std::string("timer")) {
-        GTEST_SKIP()
-            << "under the thread sanitizer the timer does not ring in about one of a hundred processes";
-    }
-#endif
     for (int i = 0; i < PROCESSES; ++i) {
         support::ChildEnd const end = run();
         ASSERT_EQ(0, end.exit_code) << "process " << i << ", signal " << end.signal << "\n" << end.errors;

@@ -223,6 +223,10 @@ public:
     /// returns, though the body may still run until its next cancellation point; no exit handler is called
     /// any more then. Does not wait for the end.
     ///
+    /// On 32-bit ARM with glibc before 2.41, a cancellation that hits the first or last instructions of a
+    /// cancellation point can end the thread without these destructors. Where they matter, let the body
+    /// return instead.
+    ///
     /// @return true on failure: `std::CommonErrorId::CONTRACT_BROKEN` in any other state than `RUNNING`, or
     ///         if the body has returned; `ErrorId::TERMINATE_FAILED` if the lock or the system call fails. A
     ///         thread that the system refuses to cancel is detached by then, and continues: it can be
