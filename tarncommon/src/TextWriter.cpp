@@ -55,52 +55,84 @@ void TextWriter::putAddress(void const* address) noexcept {
     putUnsigned(reinterpret_cast<uintptr_t>(address), 16);
 }
 
+namespace {
+
+/// The length modifiers of a conversion.
+struct Length {
+    int longs = 0;
+    bool is_size = false;
+
+    /// Reads the modifiers, and returns the position after them.
+    char const* read(char const* format) noexcept {
+        for (; *format == 'l' || *format == 'h' || *format == 'z'; ++format) {
+            longs += *format == 'l' ? 1 : 0;
+            is_size = is_size || *format == 'z';
+        }
+        return format;
+    }
+};
+
+/// Takes the next argument of the given length.
+template <typename Int, typename Long, typename LongLong, typename Size>
+LongLong take(va_list* args, Length length) noexcept {
+    if (length.is_size) {
+        return static_cast<LongLong>(va_arg(*args, Size));
+    }
+    switch (length.longs) { // NOLINT(bugprone-branch-clone): the types differ.
+    case 0:
+        return va_arg(*args, Int);
+    case 1:
+        return va_arg(*args, Long);
+    default:
+        return va_arg(*args, LongLong);
+    }
+}
+
+void putConversion(TextWriter& writer, char conversion, Length length, va_list* args) noexcept {
+    switch (conversion) {
+    case 's':
+        writer.put(va_arg(*args, char const*));
+        break;
+    case 'c':
+        writer.put(static_cast<char>(va_arg(*args, int)));
+        break;
+    case 'd':
+    case 'i':
+        writer.putSigned(take<int, long, long long, ssize_t>(args, length));
+        break;
+    case 'u':
+    case 'x':
+        writer.putUnsigned(
+            take<unsigned int, unsigned long, unsigned long long, size_t>(args, length),
+            conversion == 'x' ? 16 : 10);
+        break;
+    case 'p':
+        writer.putAddress(va_arg(*args, void const*));
+        break;
+    default:
+        writer.put(conversion);
+        break;
+    }
+}
+
+} // namespace
+
 void TextWriter::putFormatted(char const* format, va_list args) noexcept {
+    va_list rest;
+    va_copy(rest, args);
     for (; *format != '\0'; ++format) {
         if (*format != '%') {
             put(*format);
             continue;
         }
-        int longs = 0;
-        bool size = false;
-        for (++format; *format == 'l' || *format == 'h' || *format == 'z'; ++format) {
-            longs += *format == 'l' ? 1 : 0;
-            size = size || *format == 'z';
-        }
-        switch (*format) {
-        case 's':
-            put(va_arg(args, char const*));
-            break;
-        case 'c':
-            put(static_cast<char>(va_arg(args, int)));
-            break;
-        case 'd':
-        case 'i':
-            putSigned(
-                size             ? va_arg(args, ssize_t)
-                    : longs >= 2 ? va_arg(args, long long)
-                    : longs == 1 ? va_arg(args, long)
-                                 : va_arg(args, int));
-            break;
-        case 'u':
-        case 'x':
-            putUnsigned(
-                size             ? va_arg(args, size_t)
-                    : longs >= 2 ? va_arg(args, unsigned long long)
-                    : longs == 1 ? va_arg(args, unsigned long)
-                                 : va_arg(args, unsigned int),
-                *format == 'x' ? 16 : 10);
-            break;
-        case 'p':
-            putAddress(va_arg(args, void const*));
-            break;
-        case '\0':
-            return;
-        default:
-            put(*format);
+        Length length;
+        format = length.read(format + 1);
+        if (*format == '\0') {
             break;
         }
+        putConversion(*this, *format, length, &rest);
     }
+    va_end(rest);
 }
 
 void TextWriter::putPlace(char const* file, int line, char const* function) noexcept {

@@ -66,6 +66,7 @@
 #include <vesk/WidePath.h>
 #include <vesk/common/KeptErrorChain.h>
 #include <vesk/common/LazyInit.h>
+#include <vesk/common/UniqueFd.h>
 
 #include <tarncommon/Buf.h>
 #include <tarncommon/error/CommonError.h>
@@ -372,6 +373,15 @@ Row const ROWS[] = {
          cancelSelf();
      }},
     {"~vesk::detail::CancellationOff", ends<vesk::detail::CancellationOff>},
+    {"~vesk::detail::UniqueFd vesk::detail::UniqueFd::close vesk::detail::UniqueFd::operator=",
+     [] {
+         vesk::detail::UniqueFd const destroyed(open("/dev/null", O_RDONLY | O_CLOEXEC));
+         vesk::detail::UniqueFd assigned(open("/dev/null", O_RDONLY | O_CLOEXEC));
+         vesk::detail::UniqueFd closed(open("/dev/null", O_RDONLY | O_CLOEXEC));
+         cancelSelf();
+         assigned = vesk::detail::UniqueFd();
+         closed.close();
+     }},
     {"~vesk::detail::KeptErrorChain",
      [] {
          leaveReport();

@@ -2,6 +2,7 @@
 
 #include <vesk/Export.h>
 #include <vesk/IPSocket.h>
+#include <vesk/common/UniqueFd.h>
 
 #include <tarncommon/tarnbase/NonCopyable.h>
 
@@ -77,7 +78,7 @@ public:
     ~NetDevice();
 
     /// Returns whether the object can be used: its construction succeeded.
-    bool isValid() const noexcept { return m_control_fd != -1; }
+    bool isValid() const noexcept { return m_control.isOpen(); }
 
     /// Moves to the next interface and returns its properties (`ioctl`, five or six times). An interface
     /// without an IPv4 address is not a failure.
@@ -116,7 +117,7 @@ private:
     bool prepareAddress(char const* text, ifreq& request);
     bool changeFlag(int flag, bool on);
 
-    int m_control_fd = -1;
+    detail::UniqueFd m_control;
     struct if_nameindex* m_list = nullptr;
     int m_position = -1;
     bool m_single = true;

@@ -2,6 +2,7 @@
 
 #include <common/Shared.h>
 #include <vesk/Export.h>
+#include <vesk/common/UniqueFd.h>
 
 #include <tarncommon/tarnbase/NonCopyable.h>
 #include <tarncommon/threadsafe/MutexImpl.h>
@@ -104,10 +105,13 @@ private:
 
     /// The two ends of the pipe; -1 if the pipe could not be created.
     struct SelfPipe {
-        ~SelfPipe();
+        ~SelfPipe() {
+            read_end.close();
+            write_end.close();
+        }
 
-        int read_end = -1;
-        int write_end = -1;
+        detail::UniqueFd read_end;
+        detail::UniqueFd write_end;
     };
 
     /// The calls of one cycle, in this order.
@@ -122,6 +126,7 @@ private:
     void queueRemovals(Matches matches);
     void send(unsigned char command) const noexcept;
     void rebuild(Calls& calls);
+    void waitForEvents();
     unsigned char receive() const;
     void forget() noexcept;
     void collect(Calls& calls);

@@ -9,11 +9,14 @@
 #include <tarncommon/tarnbase/NonCopyable.h>
 
 #include <climits>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace vesk {
+
+class ProcessImpl;
 
 /// Child processes, at most one at a time per object, and queries about any process.
 ///
@@ -310,6 +313,7 @@ private:
     // The value of a priority that is not set.
     static constexpr int NO_PRIORITY = INT_MIN;
 
+    int startLocked(ProcessImpl& impl, std::map<int, ProcessTNG*>& entry);
     bool startChild();
     [[noreturn]] void runChild(char* const* args, char* const* env) noexcept;
     void applyScheduling() const;

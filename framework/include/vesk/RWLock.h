@@ -2,7 +2,7 @@
 
 #include <vesk/Export.h>
 #include <vesk/common/ScopedLock.h>
-#include <vesk/posix/RWLock.h>
+#include <vesk/posix/RWLockBase.h>
 
 #include <tarncommon/error/ErrorType.h>
 

@@ -3,7 +3,7 @@
 #include <vesk/Export.h>
 #include <vesk/RWLock.h>
 #include <vesk/common/ScopedLock.h>
-#include <vesk/posix/RWLock.h>
+#include <vesk/posix/RWLockBase.h>
 
 #include <tarncommon/error/ErrorType.h>
 

@@ -3,7 +3,7 @@
 #include <vesk/Export.h>
 #include <vesk/SpinLock.h>
 #include <vesk/common/ScopedLock.h>
-#include <vesk/posix/SpinLock.h>
+#include <vesk/posix/SpinLockBase.h>
 
 #include <tarncommon/error/ErrorType.h>
 

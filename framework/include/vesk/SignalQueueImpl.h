@@ -1,6 +1,7 @@
 #pragma once
 
 #include <vesk/SignalQueuePosixBase.h>
+#include <vesk/common/UniqueFd.h>
 
 #include <sys/select.h>
 #include <sys/types.h>
@@ -51,14 +52,11 @@ public:
 
     /// Returns the read end, for `poll`. Returns -1 without a pipe, which `poll` ignores. This object keeps
     /// the ownership.
-    int getReadEnd() const noexcept { return read_end; }
+    int getReadEnd() const noexcept { return read_end.get(); }
 
 private:
-    bool isOpen() const noexcept { return read_end >= 0; }
-    void close() noexcept;
-
-    int read_end = -1;
-    int write_end = -1;
+    detail::UniqueFd read_end;
+    detail::UniqueFd write_end;
 };
 
 /// A notifier with a `signal` that may be called from signal handlers: it writes a byte into a pipe.

@@ -139,6 +139,13 @@ protected:
     /// @param write_buffer  bytes to collect before they are sent; 0: unbuffered
     Socket(bool blocking, unsigned int read_buffer, unsigned int write_buffer);
 
+    /// Takes over the descriptor of an accepted connection for a constructor. The socket is `OPEN` afterwards.
+    /// Returns true, after a report in the name of `file`, on failure: an invalid object, which leaves the
+    /// descriptor to its description.
+    __attribute__((visibility("hidden"))) bool adopt(
+        bool is_valid, int fd, bool blocking, char const* file, char const* misuse,
+        int line = __builtin_LINE());
+
     /// Receives once (`recv`, repeated while a signal interrupts it). With a `size` of 0 it succeeds on an
     /// open socket immediately, without a system call.
     ///

@@ -364,6 +364,13 @@ private:
     bool prepareJoin();
     bool markJoined();
     static bool suspendCaller(Shared& shared, long long ms);
+    static bool isSuspended(Shared const& shared) noexcept;
+    static signed char waitForWakeup(Shared& shared, long long ms);
+
+    void waitForTakeOver(char const* function);
+    void endUnstarted();
+    void leaveRunning();
+    void abandon();
 
     State getState() const noexcept { return m_shared.state.load(std::memory_order_relaxed); }
     void setState(State state) noexcept { m_shared.state.store(state, std::memory_order_relaxed); }

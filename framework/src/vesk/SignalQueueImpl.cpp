@@ -13,7 +13,7 @@
 
 namespace vesk {
 
-using detail::CancellationOff;
+using namespace detail;
 
 namespace {
 
@@ -26,16 +26,16 @@ SignalQueueImpl::~SignalQueueImpl() = default;
 SignalQueueImpl::SelfPipe::SelfPipe() {
     int ends[2] = {-1, -1};
     int const result = pipe(ends);
-    read_end = ends[0];
-    write_end = ends[1];
-    if (result != 0 || !isOpen()) {
+    read_end = UniqueFd(ends[0]);
+    write_end = UniqueFd(ends[1]);
+    if (result != 0 || !read_end.isOpen()) {
         std::GlobalErrorHandler::doAssert(
             false, "result==0", SOURCE, __LINE__, "SelfPipe", "couldn't create self-pipe");
         return;
     }
     errno = 0;
-    int const flags = fcntl(write_end, F_GETFL);
-    fcntl(write_end, F_SETFL, (flags < 0 ? 0 : flags) | O_NONBLOCK);
+    int const flags = fcntl(write_end.get(), F_GETFL);
+    fcntl(write_end.get(), F_SETFL, (flags < 0 ? 0 : flags) | O_NONBLOCK);
     if (errno != 0) {
         std::GlobalErrorHandler::doAssert(
             false, "errno==0", SOURCE, __LINE__, "SelfPipe", "couldn't configure self-pipe as non-blocking");
@@ -43,45 +43,35 @@ SignalQueueImpl::SelfPipe::SelfPipe() {
 }
 
 SignalQueueImpl::SelfPipe::~SelfPipe() {
-    close();
-}
-
-void SignalQueueImpl::SelfPipe::close() noexcept {
-    if (!isOpen()) {
-        return;
-    }
-    // close is a cancellation point.
-    CancellationOff const cancellation_off;
-    ::close(read_end);
-    ::close(write_end);
-    read_end = -1;
-    write_end = -1;
+    read_end.close();
+    write_end.close();
 }
 
 ssize_t SignalQueueImpl::SelfPipe::read(void* buffer, unsigned int length) {
-    return ::read(read_end, buffer, length);
+    return ::read(read_end.get(), buffer, length);
 }
 
 ssize_t SignalQueueImpl::SelfPipe::write(void const* buffer, unsigned int length) {
-    return ::write(write_end, buffer, length);
+    return ::write(write_end.get(), buffer, length);
 }
 
 void SignalQueueImpl::SelfPipe::set(fd_set* set, int& highest) const {
-    if (!isOpen()) {
+    if (!read_end.isOpen()) {
         return;
     }
-    if (read_end >= FD_SETSIZE) {
+    int const fd = read_end.get();
+    if (fd >= FD_SETSIZE) {
         std::GlobalErrorHandler::doAssert(false, "read_end<FD_SETSIZE", SOURCE, __LINE__, "set", nullptr);
         return;
     }
-    FD_SET(read_end, set);
-    if (read_end >= highest) {
-        highest = read_end + 1;
+    FD_SET(fd, set);
+    if (fd >= highest) {
+        highest = fd + 1;
     }
 }
 
 bool SignalQueueImpl::SelfPipe::is_set(fd_set const* set) const {
-    return isOpen() && read_end < FD_SETSIZE && FD_ISSET(read_end, set);
+    return read_end.isOpen() && read_end.get() < FD_SETSIZE && FD_ISSET(read_end.get(), set);
 }
 
 SignalQueueImpl::NotifierImpl::NotifierImpl() = default;

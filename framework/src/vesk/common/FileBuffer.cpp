@@ -58,8 +58,8 @@ int FileBuffer::actuallyRead(char* buffer, unsigned int size, unsigned int& read
     if (m_in == nullptr) {
         return 1;
     }
-    if (m_in->read(buffer, size, read) <= 0 && std::ErrorStorage::isA(std::IBinStreamBase::StreamError) &&
-        std::ErrorStorage::id() == 2) {
+    if (m_in->read(buffer, size, read) <= 0 &&
+        std::ErrorStorage::is(std::IBinStreamBase::StreamErrorId::END_OF_STREAM)) {
         std::ErrorStorage::ack();
     }
     // The result is the same in every case; `read` contains the outcome.

@@ -16,7 +16,6 @@
 #include <new>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace vesk {
 
@@ -133,23 +132,19 @@ bool resolve(IPSocket::IPAddress& address) {
 } // namespace
 
 NetDevice::NetDevice(char const* name) {
-    m_control_fd = socket(AF_INET, SOCK_DGRAM, 0);
-    if (m_control_fd == -1) {
+    m_control = UniqueFd(socket(AF_INET, SOCK_DGRAM, 0));
+    if (!m_control.isOpen()) {
         report(SOURCE, Chain::NEW, SysErrorId::UNCLASSIFIED, SystemErrorText().get());
         return;
     }
     if (open(name)) {
-        close(m_control_fd);
-        m_control_fd = -1;
+        m_control.close();
         m_single = true;
     }
 }
 
 NetDevice::~NetDevice() {
     CancellationOff const cancellation_off;
-    if (m_control_fd != -1) {
-        close(m_control_fd);
-    }
     releaseList();
 }
 
@@ -227,34 +222,34 @@ int NetDevice::getNextInfo(InterfaceInfo& info) {
     }
     ifreq request;
     prepare(request, m_list[m_position]);
-    if (hasFailed(SOURCE, READ_ERRORS, ioctl(m_control_fd, SIOCGIFFLAGS, &request))) {
+    if (hasFailed(SOURCE, READ_ERRORS, ioctl(m_control.get(), SIOCGIFFLAGS, &request))) {
         return -1;
     }
     takeFlags(request, info);
     info.name = request.ifr_name;
 
-    if (hasFailed(SOURCE, READ_ERRORS, ioctl(m_control_fd, SIOCGIFMTU, &request))) {
+    if (hasFailed(SOURCE, READ_ERRORS, ioctl(m_control.get(), SIOCGIFMTU, &request))) {
         return -1;
     }
     info.mtu = request.ifr_mtu;
 
-    if (hasFailed(SOURCE, READ_ERRORS, ioctl(m_control_fd, SIOCGIFHWADDR, &request))) {
+    if (hasFailed(SOURCE, READ_ERRORS, ioctl(m_control.get(), SIOCGIFHWADDR, &request))) {
         return -1;
     }
     takeHardwareAddress(request, info);
 
-    int result = ioctl(m_control_fd, SIOCGIFADDR, &request);
+    int result = ioctl(m_control.get(), SIOCGIFADDR, &request);
     if (takeAddress(SOURCE, result, request, info.has_address, info.address)) {
         return -1;
     }
-    result = ioctl(m_control_fd, SIOCGIFNETMASK, &request);
+    result = ioctl(m_control.get(), SIOCGIFNETMASK, &request);
     if (takeAddress(SOURCE, result, request, info.has_netmask, info.netmask)) {
         return -1;
     }
     if (!info.broadcast) {
         return 0;
     }
-    result = ioctl(m_control_fd, SIOCGIFBRDADDR, &request);
+    result = ioctl(m_control.get(), SIOCGIFBRDADDR, &request);
     return takeAddress(SOURCE, result, request, info.has_broadcast_address, info.broadcast_address) ? -1 : 0;
 }
 
@@ -279,23 +274,23 @@ bool NetDevice::prepareAddress(char const* text, ifreq& request) {
 bool NetDevice::setAddress(char const* address) {
     ifreq request;
     return prepareAddress(address, request) ||
-        hasFailed(SOURCE, CHANGE_ERRORS, ioctl(m_control_fd, SIOCSIFADDR, &request));
+        hasFailed(SOURCE, CHANGE_ERRORS, ioctl(m_control.get(), SIOCSIFADDR, &request));
 }
 
 bool NetDevice::setNetmask(char const* netmask) {
     ifreq request;
     return prepareAddress(netmask, request) ||
-        hasFailed(SOURCE, CHANGE_ERRORS, ioctl(m_control_fd, SIOCSIFNETMASK, &request));
+        hasFailed(SOURCE, CHANGE_ERRORS, ioctl(m_control.get(), SIOCSIFNETMASK, &request));
 }
 
 bool NetDevice::changeFlag(int flag, bool on) {
     ifreq request;
     if (isInvalid() || selectCurrent(request) ||
-        hasFailed(SOURCE, CHANGE_ERRORS, ioctl(m_control_fd, SIOCGIFFLAGS, &request))) {
+        hasFailed(SOURCE, CHANGE_ERRORS, ioctl(m_control.get(), SIOCGIFFLAGS, &request))) {
         return true;
     }
     request.ifr_flags = static_cast<short>(on ? request.ifr_flags | flag : request.ifr_flags & ~flag);
-    return hasFailed(SOURCE, CHANGE_ERRORS, ioctl(m_control_fd, SIOCSIFFLAGS, &request));
+    return hasFailed(SOURCE, CHANGE_ERRORS, ioctl(m_control.get(), SIOCSIFFLAGS, &request));
 }
 
 bool NetDevice::setInterfaceStatus(bool up) {

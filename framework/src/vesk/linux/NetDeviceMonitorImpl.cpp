@@ -2,6 +2,7 @@
 
 #include "vesk/posix/detail/ErrnoTable.h"
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/UniqueFd.h>
 
 #include <vesk/Socket.h>
 #include <vesk/SysError.h>
@@ -157,83 +158,86 @@ std::string getText(Bytes data) {
 
 using Snapshot = NetDeviceMonitorImpl::Snapshot;
 
-void handleIfInfo(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, Bytes message) {
-    ifinfomsg info{};
-    if (!message.read(sizeof(nlmsghdr), info)) {
-        return;
-    }
-    void const* hardware_address = nullptr;
+/// The attributes of a message about an interface that the monitor uses.
+struct LinkAttributes {
+    void const* hardware_address = nullptr; // Null: none, or an address of another kind.
     Bytes name;
     bool has_name = false;
     int mtu = 0;
     unsigned char state = 0;
-    for (Attributes walk(message.getRest(NLMSG_LENGTH(sizeof info))); walk.next();) {
+};
+
+LinkAttributes readAttributes(Bytes attributes) noexcept {
+    LinkAttributes result;
+    for (Attributes walk(attributes); walk.next();) {
         Bytes const data = walk.getData();
         switch (walk.getHeader().rta_type) {
         case IFLA_ADDRESS:
             if (void const* const address = getAddress(data, AF_UNSPEC)) {
-                hardware_address = address;
+                result.hardware_address = address;
             }
             break;
         case IFLA_IFNAME:
-            name = data;
-            has_name = true;
+            result.name = data;
+            result.has_name = true;
             break;
         case IFLA_MTU:
-            data.read(0, mtu);
+            data.read(0, result.mtu);
             break;
         case IFLA_OPERSTATE:
-            data.read(0, state);
+            data.read(0, result.state);
             break;
         default:
             break;
         }
     }
-    if (type == RTM_DELLINK) {
-        snapshot.removeLink(info.ifi_index);
-        monitor.interface_disappeared(info.ifi_index);
-        return;
-    }
-    std::GlobalErrorHandler::doAssert(has_name, "name", SOURCE, __LINE__, "handleIfInfo", nullptr);
-    if (!has_name) {
-        return;
-    }
+    return result;
+}
+
+void reportLink(
+    NetDeviceMonitor& monitor, Snapshot& snapshot, ifinfomsg const& info, LinkAttributes const& attributes) {
     auto const index = static_cast<unsigned short>(info.ifi_index);
     NetworkInterface::AddrInfo link;
-    bool const has_link = !link.address.set(AF_UNSPEC, hardware_address);
+    bool const has_link = !link.address.set(AF_UNSPEC, attributes.hardware_address);
     snapshot.addLink(index, has_link ? &link : nullptr);
-    monitor.interface_appeared(index, getText(name).c_str());
+    monitor.interface_appeared(index, getText(attributes.name).c_str());
     // Whether the interface is switched on (IFF_UP) is ignored.
     monitor.interface_up(
         index, (info.ifi_flags & IFF_BROADCAST) != 0, (info.ifi_flags & IFF_POINTOPOINT) != 0,
-        (info.ifi_flags & IFF_LOOPBACK) != 0, mtu, state == OPERATIONAL, true);
+        (info.ifi_flags & IFF_LOOPBACK) != 0, attributes.mtu, attributes.state == OPERATIONAL, true);
     if (has_link) {
         monitor.address_appeared(index, link);
     }
 }
 
-void handleIfAddr(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, Bytes message) {
-    ifaddrmsg info{};
+void handleIfInfo(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, Bytes message) {
+    ifinfomsg info{};
     if (!message.read(sizeof(nlmsghdr), info)) {
         return;
     }
-    if (info.ifa_family != AF_INET && info.ifa_family != AF_INET6) {
+    LinkAttributes const attributes = readAttributes(message.getRest(NLMSG_LENGTH(sizeof info)));
+    if (type == RTM_DELLINK) {
+        snapshot.removeLink(info.ifi_index);
+        monitor.interface_disappeared(info.ifi_index);
         return;
     }
-    if ((info.ifa_flags & IFA_F_TENTATIVE) != 0) {
-        return;
+    std::GlobalErrorHandler::doAssert(attributes.has_name, "name", SOURCE, __LINE__, "handleIfInfo", nullptr);
+    if (attributes.has_name) {
+        reportLink(monitor, snapshot, info, attributes);
     }
-    size_t const attributes_at = NLMSG_LENGTH(sizeof info);
+}
+
+NetworkInterface::AddrInfo readAddress(ifaddrmsg const& info, Bytes attributes) {
     // The header of the first attribute. Its length has this bit set for an IPv6 address, but not for an IPv4
     // address. So an IPv6 address without another end becomes the peer.
     constexpr uint32_t PEER_BIT = 0x10;
     uint32_t first_word = 0;
-    message.read(attributes_at, first_word);
+    attributes.read(0, first_word);
 
     NetworkInterface::AddrInfo address;
     address.netmask.set_prefix(
         info.ifa_family == AF_INET ? NetworkAddress::IPV4 : NetworkAddress::IPV6, info.ifa_prefixlen);
-    for (Attributes walk(message.getRest(attributes_at)); walk.next();) {
+    for (Attributes walk(attributes); walk.next();) {
         void const* const data = getAddress(walk.getData(), info.ifa_family);
         switch (walk.getHeader().rta_type) {
         case IFA_LOCAL:
@@ -249,6 +253,21 @@ void handleIfAddr(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, 
             break;
         }
     }
+    return address;
+}
+
+void handleIfAddr(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, Bytes message) {
+    ifaddrmsg info{};
+    if (!message.read(sizeof(nlmsghdr), info)) {
+        return;
+    }
+    if (info.ifa_family != AF_INET && info.ifa_family != AF_INET6) {
+        return;
+    }
+    if ((info.ifa_flags & IFA_F_TENTATIVE) != 0) {
+        return;
+    }
+    NetworkInterface::AddrInfo const address = readAddress(info, message.getRest(NLMSG_LENGTH(sizeof info)));
     auto const index = static_cast<unsigned short>(info.ifa_index);
     if (type == RTM_NEWADDR) {
         snapshot.addAddress(index, address);
@@ -361,7 +380,7 @@ void NetDeviceMonitorImpl::Snapshot::removeAddress(unsigned short index, AddrInf
 class NetDeviceMonitorImpl::Subscription : private tarnbase::NonCopyable {
 public:
     explicit Subscription(NetDeviceMonitorImpl& impl) noexcept
-        : m_impl(impl), m_fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE)) {}
+        : m_impl(impl), m_socket(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE)) {}
 
     // Closed only here, and only when no thread uses the descriptor to wake this one: its number may later
     // belong to another file.
@@ -372,16 +391,14 @@ public:
             // Sleeps, since the other thread may have a lower priority.
             nanosleep(&WAKERS_TIME, nullptr);
         }
-        if (m_fd != -1) {
-            close(m_fd);
-        }
+        m_socket.close();
     }
 
-    int get() const noexcept { return m_fd; }
+    int get() const noexcept { return m_socket.get(); }
 
 private:
     NetDeviceMonitorImpl& m_impl;
-    int m_fd;
+    UniqueFd m_socket;
 };
 
 bool NetDeviceMonitorImpl::watch() {

@@ -1,14 +1,13 @@
 #include <vesk/ProcessInfo.h>
 
-#include "Snapshot.h"
+#include "LoadQuery.h"
 #include "vesk/posix/files/PrivateDirectory.h"
 
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
-#include <vesk/common/CancellationOff.h>
+#include <vesk/common/UniqueFd.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
-#include <tarncommon/tarnbase/NonCopyable.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -25,33 +24,20 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/linux/ProcessInfo";
 
-/// A file under /proc that is closed on every return path.
-class ProcFile : private tarnbase::NonCopyable {
-public:
-    explicit ProcFile(char const* path) : m_fd(open(path, O_RDONLY | O_CLOEXEC)) {}
-    ~ProcFile() {
-        if (isOpen()) {
-            CancellationOff const cancellation_off;
-            close(m_fd);
-        }
+UniqueFd openFile(char const* path) {
+    return UniqueFd(open(path, O_RDONLY | O_CLOEXEC));
+}
+
+/// Reads as much of a file as fits into `text`. Returns true on failure.
+template <size_t N>
+bool readText(UniqueFd const& file, char (&text)[N]) {
+    ssize_t const length = read(file.get(), text, N - 1);
+    if (length < 0) {
+        return true;
     }
-
-    bool isOpen() const noexcept { return m_fd != -1; }
-
-    /// Reads as much as fits into `text`. Returns true on failure.
-    template <size_t N>
-    bool readText(char (&text)[N]) const {
-        ssize_t const length = read(m_fd, text, N - 1);
-        if (length < 0) {
-            return true;
-        }
-        text[length] = '\0';
-        return false;
-    }
-
-private:
-    int m_fd;
-};
+    text[length] = '\0';
+    return false;
+}
 
 uint32_t toMilliseconds(unsigned long long ticks) noexcept {
     static uint32_t const ticks_per_second = static_cast<uint32_t>(sysconf(_SC_CLK_TCK));
@@ -74,27 +60,27 @@ void ProcessInfo::init() {
     }
     char path[32]{};
     int const length = snprintf(path, sizeof path, "/proc/%d/stat", m_pid);
-    ProcFile const stat(path);
+    UniqueFd const stat = openFile(path);
     if (!stat.isOpen()) {
         reportQuery(SOURCE);
         return;
     }
     path[length] = 'm';
     // Opened before "stat" is read, so that both files belong to the same process.
-    ProcFile const statm(path);
+    UniqueFd const statm = openFile(path);
     if (!statm.isOpen()) {
         reportQuery(SOURCE);
         return;
     }
     char text[1024];
-    if (stat.readText(text)) {
+    if (readText(stat, text)) {
         reportQuery(SOURCE);
         return;
     }
     if (parseStat(text)) {
         return;
     }
-    if (statm.readText(text)) {
+    if (readText(statm, text)) {
         reportQuery(SOURCE);
         return;
     }

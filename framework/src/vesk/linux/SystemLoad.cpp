@@ -1,6 +1,6 @@
 #include <vesk/SystemLoad.h>
 
-#include "Snapshot.h"
+#include "LoadQuery.h"
 
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>

@@ -11,12 +11,27 @@
 namespace vesk::detail {
 
 /// The meaning of a failed call for the operation that made it.
-enum class Outcome : signed char {
-    FAILED = -1, ///< The operation fails.
-    DONE = 0,    ///< It succeeds despite the failed call.
-    NOT_NOW = 1, ///< Busy or timed out, a regular result.
-    REPEAT = 2,  ///< The call must be repeated.
+enum class Outcome {
+    FAILED,  ///< The operation fails.
+    DONE,    ///< It succeeds despite the failed call.
+    BUSY,    ///< Not now: the object is in use, or the time has expired. A regular result.
+    ABSENT,  ///< The object does not exist. A regular result.
+    INHERIT, ///< The settings of the caller apply instead.
+    REPEAT,  ///< The call must be repeated.
 };
+
+/// Returns the result of an operation with three results: -1 failure, 0 success, 1 busy or absent.
+constexpr signed char toResult(Outcome outcome) noexcept {
+    switch (outcome) {
+    case Outcome::DONE:
+        return 0;
+    case Outcome::BUSY:
+    case Outcome::ABSENT:
+        return 1;
+    default:
+        return -1;
+    }
+}
 
 /// The error numbers that share a row of a table. An empty list matches all numbers that no row above
 /// matches.
@@ -97,12 +112,13 @@ Outcome classify(
 Outcome classifyResult(Place place, ErrnoTable table, int error) noexcept;
 
 /// Makes a system call that sets `errno`, and repeats it as long as a signal interrupts it.
-template <typename Call>
-auto retryOnEintr(Call&& call) noexcept(noexcept(call())) {
-    decltype(call()) result;
+/// @param failed  the result of a failed call
+template <typename Call, typename Result = decltype(std::declval<Call>()())>
+Result retryOnEintr(Call&& call, Result failed = static_cast<Result>(-1)) noexcept(noexcept(call())) {
+    Result result;
     do {
         result = call();
-    } while (result == -1 && errno == EINTR);
+    } while (result == failed && errno == EINTR);
     return result;
 }
 

@@ -38,6 +38,16 @@ private:
     char const* m_text;
 };
 
+/// Returns whether a command of the pipe stops the loop.
+bool isStop(unsigned char command) {
+    if (command != STOP && command != SET_CHANGED) {
+        std::GlobalErrorHandler::doAbort(
+            SOURCE, __LINE__, "poll", "vesk::Poller::poll(): unsupported command code %d on self-pipe!",
+            command);
+    }
+    return command == STOP;
+}
+
 /// Reserves room for `size` elements, and grows geometrically.
 template <typename T>
 void makeRoom(std::vector<T>& list, size_t size) {
@@ -69,14 +79,6 @@ private:
     Calls m_calls;
 };
 
-Poller::SelfPipe::~SelfPipe() {
-    if (read_end >= 0) {
-        detail::CancellationOff const cancellation_off;
-        close(read_end);
-        close(write_end);
-    }
-}
-
 Poller::Poller() : mutex(false), fds(1) {
     int ends[2] = {-1, -1};
     // Without close-on-exec: the code that starts a program decides what it inherits.
@@ -86,9 +88,9 @@ Poller::Poller() : mutex(false), fds(1) {
             SOURCE, __LINE__, "Poller", "vesk::Poller::c'tor: cannot create self-pipe, errno=%d (%s)", error,
             ErrorText(error).get());
     }
-    self_pipe.read_end = ends[0];
-    self_pipe.write_end = ends[1];
-    fds[0] = {self_pipe.read_end, POLLIN, 0};
+    self_pipe.read_end = detail::UniqueFd(ends[0]);
+    self_pipe.write_end = detail::UniqueFd(ends[1]);
+    fds[0] = {self_pipe.read_end.get(), POLLIN, 0};
 }
 
 Poller::~Poller() = default;
@@ -124,38 +126,18 @@ void Poller::stop() {
 /// Wakes the loop with a command. Ignores a failed write: there is no caller to report it to.
 void Poller::send(unsigned char command) const noexcept {
     detail::CancellationOff const cancellation_off;
-    [[maybe_unused]] ssize_t const written = write(self_pipe.write_end, &command, sizeof command);
+    [[maybe_unused]] ssize_t const written = write(self_pipe.write_end.get(), &command, sizeof command);
 }
 
 bool Poller::poll() {
     CallsOfCycle cycle(spare_calls);
     Calls& calls = cycle.get();
     rebuild(calls);
-
-    errno = 0;
-    if (::poll(fds.data(), fds.size(), -1) < 0) {
-        // An interruption counts as a failure, too: the polling thread must not handle signals.
-        int const error = errno;
-        std::GlobalErrorHandler::doAbort(
-            SOURCE, __LINE__, "poll", "vesk::Poller::poll: poll failed, errno=%d (%s)", error,
-            ErrorText(error).get());
+    waitForEvents();
+    if ((fds[0].revents & POLLIN) != 0 && isStop(receive())) {
+        forget();
+        return true;
     }
-    if ((fds[0].revents & FAILURES) != 0) {
-        std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, "poll", "vesk::Poller::poll: self-pipe failed");
-    }
-    if ((fds[0].revents & POLLIN) != 0) {
-        unsigned char const command = receive();
-        if (command == STOP) {
-            forget();
-            return true;
-        }
-        if (command != SET_CHANGED) {
-            std::GlobalErrorHandler::doAbort(
-                SOURCE, __LINE__, "poll", "vesk::Poller::poll(): unsupported command code %d on self-pipe!",
-                command);
-        }
-    }
-
     collect(calls);
     for (Entry const& entry : calls.errors) {
         entry.client->error(entry.fd);
@@ -167,6 +149,20 @@ bool Poller::poll() {
         entry.client->write(entry.fd);
     }
     return false;
+}
+
+void Poller::waitForEvents() {
+    errno = 0;
+    if (::poll(fds.data(), fds.size(), -1) < 0) {
+        // An interruption counts as a failure, too: the polling thread must not handle signals.
+        int const error = errno;
+        std::GlobalErrorHandler::doAbort(
+            SOURCE, __LINE__, "poll", "vesk::Poller::poll: poll failed, errno=%d (%s)", error,
+            ErrorText(error).get());
+    }
+    if ((fds[0].revents & FAILURES) != 0) {
+        std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, "poll", "vesk::Poller::poll: self-pipe failed");
+    }
 }
 
 /// Updates the set: removes the descriptors that failed in the previous cycle, applies the pending changes,
@@ -213,7 +209,7 @@ void Poller::rebuild(Calls& calls) {
 /// is still available in the next cycle.
 unsigned char Poller::receive() const {
     unsigned char command = SET_CHANGED;
-    [[maybe_unused]] ssize_t const count = read(self_pipe.read_end, &command, sizeof command);
+    [[maybe_unused]] ssize_t const count = read(self_pipe.read_end.get(), &command, sizeof command);
     return command;
 }
 

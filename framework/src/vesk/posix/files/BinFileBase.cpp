@@ -111,7 +111,7 @@ bool BinFileBase::close() {
         return false;
     }
     while (::close(m_fd) != 0) {
-        // Stays set even if the repeated call succeeds.
+        // Stays set even if the repeated call succeeds; therefore not `retryOnEintr`.
         m_had_error = true;
         int const error = errno;
         if (classify(SOURCE, CLOSE_ERRORS, error) == Outcome::REPEAT) {

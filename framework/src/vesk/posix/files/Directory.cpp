@@ -232,18 +232,14 @@ int Directory::destroy() {
     std::GlobalErrorHandler::doAssert(
         m_handle.dir != nullptr, "m_handle.dir != NULL", SOURCE, __LINE__, "destroy", nullptr);
     KeptErrorChain const kept_chain;
-    while (closeStream(m_handle.dir) != 0) {
-        if (errno == EINTR) {
-            // The stream still exists: the system never interrupts the close of a directory after it has
-            // begun.
-            continue;
-        }
+    // Safe to repeat: the system never interrupts the close of a directory after it has begun, so the stream
+    // still exists.
+    if (retryOnEintr([this] { return closeStream(m_handle.dir); }) != 0) {
         report(SOURCE, Chain::NEW, SysErrorId::UNCLASSIFIED, SystemErrorText().get());
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "destroy", "Error closing directory @%p; a file descriptor may have leaked!",
             static_cast<void*>(this));
         std::ErrorStorage::ack();
-        break;
     }
     return 0;
 }

@@ -1,5 +1,7 @@
 #include <vesk/FileSys.h>
 
+#include "vesk/common/FileCopy.h"
+#include "vesk/linux/MountTable.h"
 #include "vesk/posix/detail/ErrnoTable.h"
 
 #include <vesk/Environment.h>
@@ -44,7 +46,7 @@ constexpr ErrnoRow CURRENT_WD_ERRORS[] = {
 };
 
 constexpr ErrnoRow EXISTS_ERRORS[] = {
-    {{ENOENT, ENOTDIR}, NONE, NONE, Outcome::NOT_NOW},
+    {{ENOENT, ENOTDIR}, NONE, NONE, Outcome::ABSENT},
     // The file exists and is only too large for the fields of a 32-bit `stat`.
     {{EOVERFLOW}, NONE, NONE, Outcome::DONE},
     NO_SEARCH,
@@ -186,7 +188,12 @@ int FileSys::exists(char const* path, bool follow) {
     if ((follow ? stat(path, &info) : lstat(path, &info)) == 0) {
         return 0;
     }
-    return static_cast<int>(classify(SOURCE, EXISTS_ERRORS, errno, path));
+    return toResult(classify(SOURCE, EXISTS_ERRORS, errno, path));
+}
+
+bool FileSys::copy(
+    UnicodeString const& source, UnicodeString const& destination, unsigned int buffer_size, void* buffer) {
+    return copyFile(source, destination, buffer_size, buffer);
 }
 
 bool FileSys::createDir(char const* path) {
@@ -231,6 +238,10 @@ std::list<std::string> FileSys::getEntryPoints() {
 void FileSys::getEntryPoints(std::list<UnicodeString>& result) {
     result.clear();
     result.emplace_back("/", 2U);
+}
+
+std::list<std::string> FileSys::getMountPoints() {
+    return readMountPoints();
 }
 
 bool FileSys::maxComponentLength(char const* path, unsigned int& length) {

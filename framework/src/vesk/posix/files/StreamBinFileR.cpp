@@ -19,7 +19,7 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/StreamBinFileR";
 using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 
 constexpr ErrnoRow READ_ERRORS[] = {
-    {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
+    {{EAGAIN}, NONE, NONE, Outcome::BUSY},
     {{EIO}, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
     {{ENXIO}, SysErrorId::NO_DEVICE, StreamErrorId::UNUSABLE},
     {{EBADF, EINVAL, ECONNRESET, ENOTCONN, ETIMEDOUT},
@@ -113,7 +113,7 @@ bool StreamBinFileR::performRead(void* buffer, unsigned int size, unsigned int& 
     }
     if (count == 0) {
         report(SOURCE, Chain::NEW, StreamErrorId::END_OF_STREAM);
-    } else if (classify(SOURCE, READ_ERRORS, errno) == Outcome::NOT_NOW) {
+    } else if (classify(SOURCE, READ_ERRORS, errno) == Outcome::BUSY) {
         return false;
     }
     m_had_error = true;

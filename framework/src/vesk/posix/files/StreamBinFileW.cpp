@@ -23,7 +23,7 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/StreamBinFileW";
 using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 
 constexpr ErrnoRow WRITE_ERRORS[] = {
-    {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
+    {{EAGAIN}, NONE, NONE, Outcome::BUSY},
     {{EIO}, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
     {{ENXIO}, SysErrorId::NO_DEVICE, StreamErrorId::UNUSABLE},
     {{EBADF, EINVAL, EPIPE, ERANGE, ENETDOWN, ENETUNREACH, ECONNRESET},
@@ -134,7 +134,7 @@ bool StreamBinFileW::performWrite(void const* buffer, unsigned int size, unsigne
         written = static_cast<unsigned int>(count);
         return false;
     }
-    if (classify(SOURCE, WRITE_ERRORS, errno) == Outcome::NOT_NOW) {
+    if (classify(SOURCE, WRITE_ERRORS, errno) == Outcome::BUSY) {
         if (m_blocking) {
             waitForRoom();
         } else {

@@ -2,6 +2,8 @@
 
 #include "vesk/common/Report.h"
 
+#include <vesk/IPCIdentifier.h>
+
 namespace vesk::detail {
 
 /// Classifies the result of `mq_unlink` or `shm_unlink`, which fail in the same ways. A missing name counts
@@ -12,5 +14,27 @@ namespace vesk::detail {
 /// `FileAccessErrorId::UNCLASSIFIED`. Any other failure makes the second pair only.
 /// @return true on failure
 bool classifyRemoval(Place place, int result, char const* name) noexcept;
+
+/// Removes the name of a server's object from the system, and empties it. An empty name means that there is
+/// nothing to remove. Returns true on failure, with the name unchanged.
+/// @param remove  removes a name, and returns true on failure
+template <typename Remove>
+bool deleteOwnName(char* name, Remove remove) {
+    if (*name == '\0') {
+        return false;
+    }
+    if (remove(name)) {
+        return true;
+    }
+    *name = '\0';
+    return false;
+}
+
+/// Removes the object that a client calls `client_name`. Returns true on failure.
+template <typename Remove>
+bool deleteNameOfClient(char const* client_name, Remove remove) {
+    char name[IPC_NAME_SIZE];
+    return transformToIPCIdentifier(client_name, name, sizeof name) || remove(name);
+}
 
 } // namespace vesk::detail

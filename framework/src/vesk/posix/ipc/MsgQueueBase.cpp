@@ -30,17 +30,17 @@ constexpr ErrnoRow CLOCK_ERRORS[] = {
 };
 
 constexpr ErrnoRow TIMED_READ_ERRORS[] = {
-    {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
+    {{ETIMEDOUT}, NONE, NONE, Outcome::BUSY},
     {{EMSGSIZE}, SysErrorId::INVALID_PARAMETER},
     {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
 constexpr ErrnoRow TIMED_WRITE_ERRORS[] = {
-    {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
+    {{ETIMEDOUT}, NONE, NONE, Outcome::BUSY},
     {{EMSGSIZE}, SysErrorId::INVALID_PARAMETER},
-    // `NOT_NOW` on purpose, unlike in `readMsgTimeout`: the caller distinguishes this failure from a timeout
+    // `BUSY` on purpose, unlike in `readMsgTimeout`: the caller distinguishes this failure from a timeout
     // by the report alone.
-    {OTHERS, SysErrorId::SPOILED_INTEGRITY, NONE, Outcome::NOT_NOW},
+    {OTHERS, SysErrorId::SPOILED_INTEGRITY, NONE, Outcome::BUSY},
 };
 
 constexpr ErrnoRow ATTRIBUTE_ERRORS[] = {
@@ -83,22 +83,19 @@ MsgQueueBase::~MsgQueueBase() {
 }
 
 bool MsgQueueBase::close() {
-    while (isValid()) {
-        if (mq_close(queue) == 0) {
-            queue = CLOSED;
-            return false;
-        }
-        int const error = errno;
-        if (error == EINTR) {
-            continue;
-        }
-        if (error == EBADF) {
-            queue = CLOSED;
-        }
-        report(SOURCE, Chain::UNKNOWN, SysErrorId::SPOILED_INTEGRITY, SystemErrorText(error).get());
-        return true;
+    if (!isValid()) {
+        return false;
     }
-    return false;
+    if (retryOnEintr([this] { return mq_close(queue); }) == 0) {
+        queue = CLOSED;
+        return false;
+    }
+    int const error = errno;
+    if (error == EBADF) {
+        queue = CLOSED;
+    }
+    report(SOURCE, Chain::UNKNOWN, SysErrorId::SPOILED_INTEGRITY, SystemErrorText(error).get());
+    return true;
 }
 
 bool MsgQueueBase::readMsg(Message* message) {
@@ -124,13 +121,13 @@ bool MsgQueueBase::writeMsg(Message const* message) {
 signed char MsgQueueBase::readMsgTimeout(Message* message, long long const& timeout) {
     WallDeadline const deadline(timeout);
     if (!deadline.isValid()) {
-        return static_cast<signed char>(classify(SOURCE, CLOCK_ERRORS, errno));
+        return toResult(classify(SOURCE, CLOCK_ERRORS, errno));
     }
     ssize_t const received = retryOnEintr([&] {
         return mq_timedreceive(queue, message->buffer, message->size, &message->priority, deadline.get());
     });
     if (received == -1) {
-        return static_cast<signed char>(classify(SOURCE, TIMED_READ_ERRORS, errno));
+        return toResult(classify(SOURCE, TIMED_READ_ERRORS, errno));
     }
     message->size = static_cast<unsigned int>(received);
     return 0;
@@ -139,13 +136,13 @@ signed char MsgQueueBase::readMsgTimeout(Message* message, long long const& time
 signed char MsgQueueBase::writeMsgTimeout(Message const* message, long long const& timeout) {
     WallDeadline const deadline(timeout);
     if (!deadline.isValid()) {
-        return static_cast<signed char>(classify(SOURCE, CLOCK_ERRORS, errno));
+        return toResult(classify(SOURCE, CLOCK_ERRORS, errno));
     }
     int const result = retryOnEintr([&] {
         return mq_timedsend(queue, message->buffer, message->size, message->priority, deadline.get());
     });
     if (result != 0) {
-        return static_cast<signed char>(classify(SOURCE, TIMED_WRITE_ERRORS, errno));
+        return toResult(classify(SOURCE, TIMED_WRITE_ERRORS, errno));
     }
     return 0;
 }

@@ -96,19 +96,11 @@ bool MsgQueueServer::close() {
 }
 
 bool MsgQueueServer::deleteName() {
-    if (name[0] == '\0') {
-        return false;
-    }
-    if (removeName(name)) {
-        return true;
-    }
-    name[0] = '\0';
-    return false;
+    return deleteOwnName(name, removeName);
 }
 
 bool MsgQueueServer::deleteName(char const* client_name) {
-    char system_name[IPC_NAME_SIZE];
-    return transformToIPCIdentifier(client_name, system_name, sizeof system_name) || removeName(system_name);
+    return deleteNameOfClient(client_name, removeName);
 }
 
 } // namespace vesk

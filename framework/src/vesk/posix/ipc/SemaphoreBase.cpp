@@ -26,7 +26,7 @@ constexpr ErrnoRow TAKE_ERRORS[] = {
 };
 
 constexpr ErrnoRow TRY_TAKE_ERRORS[] = {
-    {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
+    {{EAGAIN}, NONE, NONE, Outcome::BUSY},
     {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
@@ -35,7 +35,7 @@ constexpr ErrnoRow CLOCK_ERRORS[] = {
 };
 
 constexpr ErrnoRow TIMED_TAKE_ERRORS[] = {
-    {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
+    {{ETIMEDOUT}, NONE, NONE, Outcome::BUSY},
     {OTHERS, SysErrorId::SPOILED_INTEGRITY},
 };
 
@@ -76,7 +76,8 @@ bool SemaphoreBase::close() {
 }
 
 /// Repeats a waiting call until no signal interrupts it. Returns true on failure. Returns false without
-/// having taken anything if the semaphore was closed meanwhile.
+/// having taken anything if the semaphore was closed meanwhile. Not `retryOnEintr`, for that reason: the
+/// semaphore is read again before each call.
 template <typename Wait>
 bool SemaphoreBase::wait(Wait call) const {
     while (sem_t* const opened = getSemaphore()) {
@@ -108,7 +109,7 @@ signed char SemaphoreBase::tryTake() const {
         return -1;
     }
     if (wait([](sem_t* opened) { return sem_trywait(opened); })) {
-        return static_cast<signed char>(classify(SOURCE, TRY_TAKE_ERRORS, errno));
+        return toResult(classify(SOURCE, TRY_TAKE_ERRORS, errno));
     }
     return 0;
 }
@@ -120,10 +121,10 @@ signed char SemaphoreBase::tryTakeTimeout(long long const& ms) const {
     }
     WallDeadline const deadline(ms);
     if (!deadline.isValid()) {
-        return static_cast<signed char>(classify(SOURCE, CLOCK_ERRORS, errno));
+        return toResult(classify(SOURCE, CLOCK_ERRORS, errno));
     }
     if (wait([&](sem_t* opened) { return sem_timedwait(opened, deadline.get()); })) {
-        return static_cast<signed char>(classify(SOURCE, TIMED_TAKE_ERRORS, errno));
+        return toResult(classify(SOURCE, TIMED_TAKE_ERRORS, errno));
     }
     return 0;
 }

@@ -15,7 +15,6 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/SemaphoreClient";
 
 constexpr ErrnoRow ATTACH_ERRORS[] = {
-    {{EINTR}, NONE, NONE, Outcome::REPEAT},
     {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
     {{ENOENT, EINVAL, ENAMETOOLONG}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
     {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
@@ -33,16 +32,13 @@ bool SemaphoreClient::attach(char const* name) {
     if (transformToIPCIdentifier(name, system_name, sizeof system_name)) {
         return true;
     }
-    for (;;) {
-        sem_t* const opened = sem_open(system_name, 0);
-        if (opened != SEM_FAILED) {
-            setSemaphore(opened);
-            return false;
-        }
-        if (classify(SOURCE, ATTACH_ERRORS, errno, name) != Outcome::REPEAT) {
-            return true;
-        }
+    sem_t* const opened = retryOnEintr([&] { return sem_open(system_name, 0); }, SEM_FAILED);
+    if (opened == SEM_FAILED) {
+        classify(SOURCE, ATTACH_ERRORS, errno, name);
+        return true;
     }
+    setSemaphore(opened);
+    return false;
 }
 
 } // namespace vesk

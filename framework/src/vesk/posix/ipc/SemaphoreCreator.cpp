@@ -1,5 +1,6 @@
 #include <vesk/SemaphoreCreator.h>
 
+#include "IPCRemoval.h"
 #include "vesk/posix/detail/ErrnoTable.h"
 
 #include <vesk/FileAccessError.h>
@@ -21,7 +22,6 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/posix/SemaphoreCreator";
 
 constexpr ErrnoRow CREATION_ERRORS[] = {
-    {{EINTR}, NONE, NONE, Outcome::REPEAT},
     {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
     {{EEXIST}, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS},
     {{EINVAL, ENAMETOOLONG}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
@@ -72,15 +72,14 @@ bool SemaphoreCreator::create(
         return true;
     }
     for (;;) {
-        sem_t* const opened = sem_open(name, FLAGS[strategy], 0600, value);
+        sem_t* const opened =
+            retryOnEintr([&] { return sem_open(name, FLAGS[strategy], 0600, value); }, SEM_FAILED);
         if (opened != SEM_FAILED) {
             setSemaphore(opened);
             return false;
         }
         int const error = errno;
-        if (classify(SOURCE, CREATION_ERRORS, error, name) == Outcome::REPEAT) {
-            continue;
-        }
+        classify(SOURCE, CREATION_ERRORS, error, name);
         if (error != EEXIST || strategy != REPLACE) {
             return true;
         }
@@ -97,19 +96,11 @@ bool SemaphoreCreator::close() {
 }
 
 bool SemaphoreCreator::deleteName() {
-    if (!isValid() || name[0] == '\0') {
-        return false;
-    }
-    if (removeName(name)) {
-        return true;
-    }
-    name[0] = '\0';
-    return false;
+    return isValid() && deleteOwnName(name, removeName);
 }
 
 bool SemaphoreCreator::deleteName(char const* client_name) {
-    char system_name[IPC_NAME_SIZE];
-    return transformToIPCIdentifier(client_name, system_name, sizeof system_name) || removeName(system_name);
+    return deleteNameOfClient(client_name, removeName);
 }
 
 } // namespace vesk

@@ -2,6 +2,7 @@
 
 #include "vesk/common/Report.h"
 #include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/Insist.h"
 #include "vesk/posix/detail/SignalsBlocked.h"
 #include "vesk/posix/detail/SystemErrorText.h"
 
@@ -27,38 +28,10 @@ using std::GlobalErrorHandler;
 
 namespace {
 
-constexpr char const* SOURCE = "framework/src/vesk/posix/ProcessImpl";
+constexpr char const* SOURCE = PROCESS_IMPL_SOURCE;
 
 // How long the collector pauses after a failed wait before it waits again.
 constexpr long long WAIT_AGAIN_MS = 100;
-
-void lockOrAbort(Mutex const& mutex, char const* function, int line = __builtin_LINE()) {
-    if (mutex.lock()) {
-        GlobalErrorHandler::doAbort(SOURCE, line, function, "error locking");
-    }
-}
-
-void unlockOrAbort(Mutex const& mutex, char const* function, int line = __builtin_LINE()) {
-    if (mutex.unlock()) {
-        GlobalErrorHandler::doAbort(SOURCE, line, function, "error unlocking");
-    }
-}
-
-void assertThat(bool condition, char const* expression, char const* function, int line = __builtin_LINE()) {
-    GlobalErrorHandler::doAssert(condition, expression, SOURCE, line, function, nullptr);
-}
-
-/// Waits for the end of one child or of any child. With `WNOWAIT` the child is not reaped and keeps its id.
-int waitForEnd(idtype_t type, int pid, siginfo_t& info, int options) {
-    return retryOnEintr([&] { return waitid(type, static_cast<id_t>(pid), &info, WEXITED | options); });
-}
-
-/// Reaps a child that has ended. Never blocks: something else may have reaped it already, and its id may
-/// belong to a running child.
-void reap(int pid) {
-    siginfo_t info{};
-    waitForEnd(P_PID, pid, info, WNOHANG);
-}
 
 /// Resets an ignored `SIGCHLD` to its default action, and clears `SA_NOCLDWAIT`: with either of them the
 /// kernel discards the exit states of children. A program inherits an ignored `SIGCHLD` across exec.
@@ -78,6 +51,11 @@ void keepEndsOfChildren() noexcept {
     sigaction(SIGCHLD, &action, nullptr);
 }
 
+/// Waits for the end of one child or of any child. With `WNOWAIT` the child is not reaped and keeps its id.
+int waitForEnd(idtype_t type, int pid, siginfo_t& info, int options) {
+    return retryOnEintr([&] { return waitid(type, static_cast<id_t>(pid), &info, WEXITED | options); });
+}
+
 } // namespace
 
 TARN_CONSTANT_INIT ProcessImpl* g_process_impl = nullptr;
@@ -90,25 +68,28 @@ TARN_CONSTANT_INIT LazyProcessStaticInit* g_lazy_process_static_init = nullptr;
 ProcessImpl::ProcessImpl() : thread(threadEntry, nullptr, "vesk::ProcessCollector") {}
 
 ProcessImpl::~ProcessImpl() {
-    assertThat(!collector_running, "!collector_running", "~ProcessImpl");
-    assertThat(proc_obj_map.empty(), "proc_obj_map.empty()", "~ProcessImpl");
+    GlobalErrorHandler::doAssert(
+        !collector_running, "!collector_running", SOURCE, __LINE__, "~ProcessImpl", nullptr);
+    GlobalErrorHandler::doAssert(
+        proc_obj_map.empty(), "proc_obj_map.empty()", SOURCE, __LINE__, "~ProcessImpl", nullptr);
 }
 
 void ProcessImpl::threadEntry(void*) {
-    assertThat(g_process_impl != nullptr, "g_process_impl", "threadEntry");
+    GlobalErrorHandler::doAssert(
+        g_process_impl != nullptr, "g_process_impl", SOURCE, __LINE__, "threadEntry", nullptr);
     g_process_impl->processCollector();
 }
 
 /// Reaps all children before stopping, so that every starter learns the exit state.
 void ProcessImpl::processCollector() {
-    lockOrAbort(mutex, "processCollector");
+    lockOrAbort(SOURCE, mutex, "processCollector");
     for (;;) {
         while (!proc_obj_map.empty()) {
-            unlockOrAbort(mutex, "processCollector");
+            unlockOrAbort(SOURCE, mutex, "processCollector");
             waitChild();
         }
         if (!collector_running) {
-            unlockOrAbort(mutex, "processCollector");
+            unlockOrAbort(SOURCE, mutex, "processCollector");
             return;
         }
         if (condition.wait(mutex)) {
@@ -130,7 +111,7 @@ void ProcessImpl::waitChild() {
     int const pid = info.si_pid;
 
     // Finds even a child that ended immediately: its `start` holds the lock until the entry exists.
-    lockOrAbort(mutex, "waitChild");
+    lockOrAbort(SOURCE, mutex, "waitChild");
     auto const child = proc_obj_map.find(pid);
     if (child == proc_obj_map.end()) {
         reap(pid);
@@ -153,9 +134,9 @@ void ProcessImpl::waitChild() {
     ProcessTNG* const process = child->second;
     proc_obj_map.erase(child);
     // Lock order: an object's mutex is taken before this one.
-    unlockOrAbort(mutex, "waitChild");
+    unlockOrAbort(SOURCE, mutex, "waitChild");
     ProcessTNG::processExited(process, info.si_code != CLD_EXITED, info.si_status);
-    lockOrAbort(mutex, "waitChild");
+    lockOrAbort(SOURCE, mutex, "waitChild");
 }
 
 /// Handles a failed wait. The usual cause is that there are entries but no children: the process ignores
@@ -167,7 +148,7 @@ void ProcessImpl::handleWaitFailure(int error) {
             SOURCE, __LINE__, "waitChild", "error waiting for the end of children: %s",
             SystemErrorText(error).get());
     }
-    lockOrAbort(mutex, "waitChild");
+    lockOrAbort(SOURCE, mutex, "waitChild");
     auto const child = std::find_if(proc_obj_map.begin(), proc_obj_map.end(), [](auto const& entry) {
         return kill(entry.first, 0) != 0 && errno == ESRCH;
     });
@@ -180,55 +161,33 @@ void ProcessImpl::handleWaitFailure(int error) {
     }
     ProcessTNG* const process = child->second;
     proc_obj_map.erase(child);
-    unlockOrAbort(mutex, "waitChild");
+    unlockOrAbort(SOURCE, mutex, "waitChild");
     ProcessTNG::processExited(process, false, ProcessTNG::ExitState().status);
-    lockOrAbort(mutex, "waitChild");
+    lockOrAbort(SOURCE, mutex, "waitChild");
+}
+
+void ProcessImpl::reap(int pid) {
+    siginfo_t info{};
+    waitForEnd(P_PID, pid, info, WNOHANG);
 }
 
 void ProcessImpl::stop() {
-    lockOrAbort(mutex, "exit");
+    lockOrAbort(SOURCE, mutex, "exit");
     collector_running = false;
     if (condition.signal()) {
         GlobalErrorHandler::doAbort(SOURCE, __LINE__, "exit", "error signaling condition");
     }
-    unlockOrAbort(mutex, "exit");
+    unlockOrAbort(SOURCE, mutex, "exit");
     if (thread.join()) {
         GlobalErrorHandler::doAbort(SOURCE, __LINE__, "exit", "error joining");
-    }
-}
-
-/// Reaps the child under the object's lock: its id cannot be reused before that, and `kill` finds no child in
-/// the object afterwards. Wakes a waiter first, then calls the listener. The waiter may destroy the object at
-/// once, so the listener and the state are local copies.
-void ProcessTNG::processExited(ProcessTNG* process, bool was_killed, int exit_status) {
-    ExitState state;
-    state.exited = true;
-    state.killed = was_killed;
-    state.status = exit_status;
-    state.process = process;
-    ExitListener* listener = nullptr;
-    {
-        AbortingLock<Mutex const> const lock(process->mutex, SOURCE, "processExited");
-        if (process->pid != INVALID_PROCESS_ID) {
-            reap(process->pid);
-        }
-        listener = process->exit_listener;
-        process->m_last_state = state;
-        process->last_pid = process->pid;
-        process->pid = INVALID_PROCESS_ID;
-        if (process->exit_condition.signal()) {
-            GlobalErrorHandler::doAbort(SOURCE, __LINE__, "processExited", "error signaling condition");
-        }
-    }
-    if (listener != nullptr) {
-        listener->processExited(&state);
     }
 }
 
 // ---- setup and shutdown ----
 
 bool LazyProcessInit::doInit() {
-    assertThat(g_process_impl == nullptr, "! g_process_impl", "doInit");
+    GlobalErrorHandler::doAssert(
+        g_process_impl == nullptr, "! g_process_impl", SOURCE, __LINE__, "doInit", nullptr);
     keepEndsOfChildren();
     {
         // The collector's thread inherits the blocked signals: signals to the process are left to the
@@ -257,7 +216,8 @@ bool LazyProcessInit::doInit() {
 }
 
 bool LazyProcessStaticInit::doInit() {
-    assertThat(g_process_static_impl == nullptr, "! g_process_static_impl", "doInit");
+    GlobalErrorHandler::doAssert(
+        g_process_static_impl == nullptr, "! g_process_static_impl", SOURCE, __LINE__, "doInit", nullptr);
     g_process_static_impl = new (std::nothrow) ProcessStaticImpl;
     if (g_process_static_impl == nullptr) {
         report(SOURCE, Chain::NEW, std::CommonErrorId::OUT_OF_MEMORY);
@@ -271,31 +231,6 @@ bool LazyProcessStaticInit::doInit() {
     delete g_process_static_impl;
     g_process_static_impl = nullptr;
     return true;
-}
-
-bool ProcessTNG::init(bool lazy) {
-    assertThat(g_lazy_process_init == nullptr, "!g_lazy_process_init", "init");
-    g_lazy_process_init = new LazyProcessInit;
-    assertThat(g_lazy_process_static_init == nullptr, "!g_lazy_process_static_init", "init");
-    g_lazy_process_static_init = new LazyProcessStaticInit;
-    return !lazy &&
-        (g_lazy_process_init->checkInit(nullptr) || g_lazy_process_static_init->checkInit(nullptr));
-}
-
-void ProcessTNG::exit() {
-    delete g_lazy_process_init;
-    g_lazy_process_init = nullptr;
-    delete g_lazy_process_static_init;
-    g_lazy_process_static_init = nullptr;
-    // The destructor of the lock warns and acknowledges its reports itself.
-    delete g_process_static_impl;
-    g_process_static_impl = nullptr;
-    if (g_process_impl == nullptr) {
-        return;
-    }
-    g_process_impl->stop();
-    delete g_process_impl;
-    g_process_impl = nullptr;
 }
 
 } // namespace vesk

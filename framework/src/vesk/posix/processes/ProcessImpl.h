@@ -12,6 +12,9 @@
 
 namespace vesk {
 
+/// The `file` of reports about the collector, and about the ends of children that it passes on.
+constexpr char const* PROCESS_IMPL_SOURCE = "framework/src/vesk/posix/ProcessImpl";
+
 /// State shared by all `ProcessTNG` objects: the collector, which is a thread that waits for the end of
 /// children, and the map from running children to their objects.
 class ProcessImpl {
@@ -23,6 +26,10 @@ public:
 
     /// Stops the collector after the last child has ended, and waits for that.
     void stop();
+
+    /// Reaps a child that has ended. Never blocks: something else may have reaped it already, and its id may
+    /// belong to a running child.
+    static void reap(int pid);
 
     Thread thread;
     bool collector_running = true;

@@ -2,6 +2,7 @@
 
 #include "ProcessImpl.h"
 #include "vesk/common/Report.h"
+#include "vesk/posix/detail/Insist.h"
 #include <vesk/common/CancellationOff.h>
 
 #include <vesk/AbsTime.h>
@@ -41,12 +42,6 @@ tracing::Channel s_channel("FW_Vesk_Process", 7, tracing::Channel::WITH_THREAD);
 
 using InternalLock = AbortingLock<Mutex const>;
 
-void unlockOrAbort(Mutex const& mutex, char const* function, int line = __builtin_LINE()) {
-    if (mutex.unlock()) {
-        GlobalErrorHandler::doAbort(SOURCE, line, function, "error unlocking");
-    }
-}
-
 /// Returns the time `timeout_ms` from now. A time that overflows becomes `TimePoint::MAX`, which is never
 /// reached.
 AbsTimeT getDeadline(long long timeout_ms) noexcept {
@@ -61,6 +56,37 @@ AbsTimeT getDeadline(long long timeout_ms) noexcept {
 
 TARN_CONSTANT_INIT std::ErrorType const ProcessTNG::Error(ROWS, std::size(ROWS), SysError);
 TARN_CONSTANT_INIT char const* const ProcessTNG::ExecutableSuffix = "";
+
+// ---- set-up and shutdown ----
+
+bool ProcessTNG::init(bool lazy) {
+    GlobalErrorHandler::doAssert(
+        g_lazy_process_init == nullptr, "!g_lazy_process_init", PROCESS_IMPL_SOURCE, __LINE__, "init",
+        nullptr);
+    g_lazy_process_init = new LazyProcessInit;
+    GlobalErrorHandler::doAssert(
+        g_lazy_process_static_init == nullptr, "!g_lazy_process_static_init", PROCESS_IMPL_SOURCE, __LINE__,
+        "init", nullptr);
+    g_lazy_process_static_init = new LazyProcessStaticInit;
+    return !lazy &&
+        (g_lazy_process_init->checkInit(nullptr) || g_lazy_process_static_init->checkInit(nullptr));
+}
+
+void ProcessTNG::exit() {
+    delete g_lazy_process_init;
+    g_lazy_process_init = nullptr;
+    delete g_lazy_process_static_init;
+    g_lazy_process_static_init = nullptr;
+    // The destructor of the lock warns and acknowledges its reports itself.
+    delete g_process_static_impl;
+    g_process_static_impl = nullptr;
+    if (g_process_impl == nullptr) {
+        return;
+    }
+    g_process_impl->stop();
+    delete g_process_impl;
+    g_process_impl = nullptr;
+}
 
 // ---- the object ----
 
@@ -118,6 +144,37 @@ int ProcessTNG::getPid() const {
 int ProcessTNG::getLastPid() const {
     InternalLock const lock(mutex, SOURCE, "getLastPid");
     return last_pid;
+}
+
+// ---- the end of a child ----
+
+/// Reaps the child under the object's lock: its id cannot be reused before that, and `kill` finds no child in
+/// the object afterwards. Wakes a waiter first, then calls the listener. The waiter may destroy the object at
+/// once, so the listener and the state are local copies.
+void ProcessTNG::processExited(ProcessTNG* process, bool was_killed, int exit_status) {
+    ExitState state;
+    state.exited = true;
+    state.killed = was_killed;
+    state.status = exit_status;
+    state.process = process;
+    ExitListener* listener = nullptr;
+    {
+        InternalLock const lock(process->mutex, PROCESS_IMPL_SOURCE, "processExited");
+        if (process->pid != INVALID_PROCESS_ID) {
+            ProcessImpl::reap(process->pid);
+        }
+        listener = process->exit_listener;
+        process->m_last_state = state;
+        process->last_pid = process->pid;
+        process->pid = INVALID_PROCESS_ID;
+        if (process->exit_condition.signal()) {
+            GlobalErrorHandler::doAbort(
+                PROCESS_IMPL_SOURCE, __LINE__, "processExited", "error signaling condition");
+        }
+    }
+    if (listener != nullptr) {
+        listener->processExited(&state);
+    }
 }
 
 // ---- settings for the next child ----
@@ -227,7 +284,7 @@ int ProcessTNG::start() {
         return INVALID_PROCESS_ID;
     }
     if (pid != INVALID_PROCESS_ID) {
-        unlockOrAbort(mutex, "start");
+        unlockOrAbort(SOURCE, mutex, "start");
         report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "There is already a child running.");
         return INVALID_PROCESS_ID;
     }
@@ -236,7 +293,7 @@ int ProcessTNG::start() {
     ProcessImpl* const impl = g_process_impl;
     GlobalErrorHandler::doAssert(impl != nullptr, "g_process_impl", SOURCE, __LINE__, "start", nullptr);
     if (impl == nullptr) {
-        unlockOrAbort(mutex, "start");
+        unlockOrAbort(SOURCE, mutex, "start");
         report(SOURCE, Chain::NEW, Vesk::ErrorId::INIT_FAILED, "process impl. object is invalid");
         report(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED, "locking operation failed");
         return INVALID_PROCESS_ID;
@@ -246,26 +303,30 @@ int ProcessTNG::start() {
         report(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED, "locking operation failed");
         return INVALID_PROCESS_ID;
     }
-    // The collector's lock is held from before the fork until the entry exists: the child may have ended by
-    // then.
+    return startLocked(*impl, entry);
+}
+
+/// Starts the child. The collector's lock is held from before the fork until the entry exists: the child may
+/// have ended by then. Releases both locks.
+int ProcessTNG::startLocked(ProcessImpl& impl, ProcessImpl::Children& entry) {
     if (startChild()) {
-        unlockOrAbort(mutex, "start");
-        unlockOrAbort(impl->mutex, "start");
+        unlockOrAbort(SOURCE, mutex, "start");
+        unlockOrAbort(SOURCE, impl.mutex, "start");
         return INVALID_PROCESS_ID;
     }
     auto node = entry.extract(INVALID_PROCESS_ID);
     node.key() = pid;
-    auto const entered = impl->proc_obj_map.insert(std::move(node));
+    auto const entered = impl.proc_obj_map.insert(std::move(node));
     GlobalErrorHandler::doAssert(entered.inserted, "entered.inserted", SOURCE, __LINE__, "start", nullptr);
     // An existing entry of this id belongs to a child that something else has reaped: its exit state never
     // arrives.
     entered.position->second = this;
-    if (impl->condition.signal()) {
+    if (impl.condition.signal()) {
         GlobalErrorHandler::doAbort(SOURCE, __LINE__, "start", "error signaling condition");
     }
-    unlockOrAbort(impl->mutex, "start");
+    unlockOrAbort(SOURCE, impl.mutex, "start");
     int const started = pid;
-    unlockOrAbort(mutex, "start");
+    unlockOrAbort(SOURCE, mutex, "start");
     return started;
 }
 
@@ -319,7 +380,7 @@ bool ProcessTNG::kill(bool graceful) {
         return false;
     }
     bool failed = killProcess(in_new_group ? -pid : pid, graceful);
-    if (failed && std::ErrorStorage::isA(Error) && std::ErrorStorage::id() == 4) {
+    if (failed && std::ErrorStorage::is(ErrorId::NOT_FOUND)) {
         // The child has ended, and the collector has not processed its end yet.
         std::ErrorStorage::ack();
         failed = false;

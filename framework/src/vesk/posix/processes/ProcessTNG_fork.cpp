@@ -1,6 +1,7 @@
 #include <vesk/ProcessTNG.h>
 
 #include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/Insist.h"
 #include "vesk/posix/detail/SignalsBlocked.h"
 #include "vesk/posix/detail/SystemErrorText.h"
 #include "vesk/posix/threads/ThreadSched.h"
@@ -49,16 +50,7 @@ static_assert((O_WRONLY | O_CREAT | O_APPEND) == 0x441 && (O_WRONLY | O_CREAT | 
 // The kernel accepts a set of this fixed size on every machine.
 static_assert(sizeof(cpu_set_t) == 128 && CPU_SETSIZE == 1024);
 
-/// Repeats an allocation until it succeeds.
-template <typename Allocate>
-auto insist(Allocate allocate, char const* function) noexcept {
-    for (;;) {
-        if (auto const memory = allocate()) {
-            return memory;
-        }
-        GlobalErrorHandler::doOutOfMem(SOURCE, __LINE__, function, "native arguments vector");
-    }
-}
+constexpr char const* VECTOR = "native arguments vector";
 
 // ---- scheduling: each function returns the error number, or 0 on success ----
 
@@ -261,7 +253,8 @@ public:
     [[gnu::used]] VESK_API char** getArgs() noexcept {
         if (argv == nullptr) {
             size_t const count = m_arguments->size();
-            argv = insist([count] { return new (std::nothrow) char*[count + 2]; }, "getArgs");
+            argv = allocateOrWait(
+                SOURCE, "getArgs", VECTOR, [count] { return new (std::nothrow) char*[count + 2]; });
             // exec does not modify the texts: its parameter type lacks `const` for historical reasons.
             argv[0] = const_cast<char*>(m_executable->c_str());
             for (size_t i = 0; i < count; ++i) {
@@ -275,9 +268,11 @@ public:
     [[gnu::used]] VESK_API char** getEnv() noexcept {
         if (envp == nullptr) {
             size_t const count = m_environment->size();
-            envp = insist([count] { return new (std::nothrow) char*[count + 1]; }, "getEnv");
+            envp = allocateOrWait(
+                SOURCE, "getEnv", VECTOR, [count] { return new (std::nothrow) char*[count + 1]; });
             for (size_t i = 0; i < count; ++i) {
-                envp[i] = insist([this, i] { return makeRow((*m_environment)[i]); }, "getEnv");
+                envp[i] = allocateOrWait(
+                    SOURCE, "getEnv", VECTOR, [this, i] { return makeRow((*m_environment)[i]); });
             }
             envp[count] = nullptr;
         }

@@ -3,7 +3,9 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <limits>
 #include <memory>
+#include <string>
 #include <unistd.h>
 
 namespace vesk::detail {
@@ -35,6 +37,38 @@ Answer lookUpAccount(int advice, Answer nothing, Call call, Take take) {
         }
         return found != nullptr ? take(*found) : nothing;
     }
+}
+
+/// Returns the name of a user or group; `BAD_NAME` if there is none.
+///
+/// A database has the types `Entry` of an entry and `Id` of the system's ids, the constant `ADVICE`, and the
+/// functions `findId` and `findName`, the system's reentrant lookups, and `getId` and `getName` of an entry.
+template <typename Database, typename Account>
+std::string findName(long long id) {
+    using Entry = typename Database::Entry;
+    using Id = typename Database::Id;
+    // Truncated to the system's type, it would be the id of another account.
+    if (id < 0 || id > std::numeric_limits<Id>::max()) {
+        return Account::BAD_NAME;
+    }
+    return lookUpAccount<Entry>(
+        Database::ADVICE, Account::BAD_NAME,
+        [id](Entry* entry, char* buffer, size_t size, Entry** found) {
+            return Database::findId(static_cast<Id>(id), entry, buffer, size, found);
+        },
+        [](Entry const& entry) { return std::string(Database::getName(entry)); });
+}
+
+/// Returns the id of a user or group; `BAD_ID` if there is none of this name.
+template <typename Database, typename Account>
+long long findId(std::string const& name) {
+    using Entry = typename Database::Entry;
+    return lookUpAccount<Entry>(
+        Database::ADVICE, static_cast<long long>(Account::BAD_ID),
+        [&name](Entry* entry, char* buffer, size_t size, Entry** found) {
+            return Database::findName(name.c_str(), entry, buffer, size, found);
+        },
+        [](Entry const& entry) { return static_cast<long long>(Database::getId(entry)); });
 }
 
 } // namespace vesk::detail

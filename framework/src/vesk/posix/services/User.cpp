@@ -2,11 +2,24 @@
 
 #include "AccountLookup.h"
 
-#include <limits>
 #include <pwd.h>
 #include <sys/types.h>
 
 namespace vesk {
+
+namespace {
+
+struct Users {
+    using Entry = passwd;
+    using Id = uid_t;
+    static constexpr int ADVICE = _SC_GETPW_R_SIZE_MAX;
+    static constexpr auto findId = getpwuid_r;
+    static constexpr auto findName = getpwnam_r;
+    static Id getId(Entry const& entry) noexcept { return entry.pw_uid; }
+    static char const* getName(Entry const& entry) noexcept { return entry.pw_name; }
+};
+
+} // namespace
 
 // Initialized before all other static objects: their initializers may create a `User`.
 __attribute__((init_priority(101))) std::string const User::BAD_NAME;
@@ -28,25 +41,11 @@ std::string const& User::getName() const {
 }
 
 std::string User::id2name(long long id) {
-    // Truncated to `uid_t`, it would be the id of another user.
-    if (id < 0 || id > std::numeric_limits<uid_t>::max()) {
-        return BAD_NAME;
-    }
-    return detail::lookUpAccount<passwd>(
-        _SC_GETPW_R_SIZE_MAX, BAD_NAME,
-        [id](passwd* entry, char* buffer, size_t size, passwd** found) {
-            return getpwuid_r(static_cast<uid_t>(id), entry, buffer, size, found);
-        },
-        [](passwd const& entry) { return std::string(entry.pw_name); });
+    return detail::findName<Users, User>(id);
 }
 
 long long User::name2id(std::string const& name) {
-    return detail::lookUpAccount<passwd>(
-        _SC_GETPW_R_SIZE_MAX, BAD_ID,
-        [&name](passwd* entry, char* buffer, size_t size, passwd** found) {
-            return getpwnam_r(name.c_str(), entry, buffer, size, found);
-        },
-        [](passwd const& entry) { return static_cast<long long>(entry.pw_uid); });
+    return detail::findId<Users, User>(name);
 }
 
 } // namespace vesk

@@ -33,7 +33,7 @@ constexpr std::ErrorID ROWS[] = {
 };
 
 constexpr ErrnoRow RECEIVE_ERRORS[] = {
-    {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
+    {{EAGAIN}, NONE, NONE, Outcome::BUSY},
     {{ECONNRESET}, Socket::ErrorId::CONNECTION_RESET, StreamErrorId::UNUSABLE},
     {{EINVAL}, Socket::ErrorId::INVALID_SOCKET, StreamErrorId::UNUSABLE},
     {{EIO, EBADF, ENOTSOCK, EOPNOTSUPP}, SysErrorId::SPOILED_INTEGRITY, StreamErrorId::UNUSABLE},
@@ -112,6 +112,24 @@ bool Socket::checkValidSocket() const {
     return false;
 }
 
+bool Socket::adopt(bool is_valid, int fd, bool blocking, char const* file, char const* misuse, int line) {
+    if (!is_valid) {
+        report(Place(file, line), Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, misuse);
+        m_object_valid = false;
+        return true;
+    }
+    if (!blocking && setNonBlocking(fd)) {
+        // Not closed here: the description stays valid, and would later close a number that may belong to
+        // another file.
+        m_object_valid = false;
+        m_socket_state = DEAD;
+        return true;
+    }
+    m_socket_handle.socket_fd = fd;
+    m_socket_state = OPEN;
+    return false;
+}
+
 bool Socket::performRead(void* buffer, unsigned int size, unsigned int& read) {
     m_had_error = false;
     if (m_socket_state != OPEN) {
@@ -142,7 +160,7 @@ bool Socket::performRead(void* buffer, unsigned int size, unsigned int& read) {
         report(SOURCE, Chain::ON_TOP, StreamErrorId::END_OF_STREAM);
         return fail();
     }
-    return classify(SOURCE, RECEIVE_ERRORS, errno) != Outcome::NOT_NOW && fail();
+    return classify(SOURCE, RECEIVE_ERRORS, errno) != Outcome::BUSY && fail();
 }
 
 bool Socket::performWrite(void const* buffer, unsigned int size, unsigned int& written) {
@@ -162,7 +180,7 @@ bool Socket::performWrite(void const* buffer, unsigned int size, unsigned int& w
         written = static_cast<unsigned int>(count);
         return false;
     }
-    if (classify(SOURCE, SEND_ERRORS.rows, errno) != Outcome::NOT_NOW) {
+    if (classify(SOURCE, SEND_ERRORS.rows, errno) != Outcome::BUSY) {
         return fail();
     }
     endWithoutRoom();

@@ -65,7 +65,7 @@ constexpr ErrnoRow LISTEN_ERRORS[] = {
 };
 
 constexpr ErrnoRow ACCEPT_ERRORS[] = {
-    {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
+    {{EAGAIN}, NONE, NONE, Outcome::BUSY},
     {{EPERM}, SysErrorId::PERMISSION_DENIED},
     {{ESRCH}, Socket::ErrorId::NETWORK_UNAVAILABLE},
     {{EBADF, EINVAL}, Socket::ErrorId::INVALID_SOCKET},
@@ -79,7 +79,7 @@ constexpr ErrnoRow ACCEPT_ERRORS[] = {
 static_assert(EAGAIN == EWOULDBLOCK);
 
 constexpr ErrnoRow CONNECT_ERRORS[] = {
-    {{EALREADY, EINPROGRESS}, NONE, NONE, Outcome::NOT_NOW},
+    {{EALREADY, EINPROGRESS}, NONE, NONE, Outcome::BUSY},
     {{EPERM, EACCES}, SysErrorId::PERMISSION_DENIED},
     {{ENOENT, EBADF, EFAULT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP, ENOTSOCK, EPROTOTYPE, EOPNOTSUPP,
       EAFNOSUPPORT, EISCONN, ETIMEDOUT},
@@ -145,8 +145,7 @@ bool setReuse(int fd, bool on) {
     if (isMissing(fd, __LINE__, "setReuse")) {
         return true;
     }
-    int const value = on ? 1 : 0;
-    return setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &value, sizeof value) != 0 && classifySetOptError();
+    return setOption(fd, SOL_SOCKET, SO_REUSEADDR, on ? 1 : 0);
 }
 
 bool bindSocket(int fd, sockaddr const* address, socklen_t length, bool tolerate_einval) {
@@ -178,6 +177,7 @@ Outcome acceptSocket(int fd, sockaddr* address, socklen_t length, int& accepted)
 
 void closeAccepted(Place place, int fd) {
     CancellationOff const cancellation_off;
+    // Not only after an interruption: the descriptor must not leak, whatever the failure.
     while (close(fd) != 0) {
         if (errno != EINTR) {
             std::GlobalErrorHandler::doWarning(
@@ -198,7 +198,7 @@ int connectSocket(int fd, sockaddr const* address, socklen_t length) {
     if (retryOnEintr([&] { return connect(fd, address, length); }) == 0) {
         return 0;
     }
-    return static_cast<int>(classify(SOURCE, CONNECT_ERRORS, errno));
+    return toResult(classify(SOURCE, CONNECT_ERRORS, errno));
 }
 
 bool shutdownSocket(int fd) {

@@ -8,6 +8,7 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <utility>
 
 /// The shared implementation of the socket classes. Unless stated otherwise, a true result is a failure that
 /// has been reported.
@@ -22,7 +23,7 @@ struct SendErrors {
 constexpr SendErrors makeSendErrors(RowReport unlisted) noexcept {
     using StreamErrorId = std::IBinStreamBase::StreamErrorId;
     return {{
-        {{EAGAIN}, NONE, NONE, Outcome::NOT_NOW},
+        {{EAGAIN}, NONE, NONE, Outcome::BUSY},
         {{EPERM, EACCES}, SysErrorId::PERMISSION_DENIED, StreamErrorId::UNUSABLE},
         {{EIO, EBADF, ENOTSOCK, EOPNOTSUPP, ENOTCONN},
          SysErrorId::SPOILED_INTEGRITY,
@@ -50,8 +51,17 @@ bool listenSocket(int fd, unsigned int backlog);
 
 /// @param address   room for `length` bytes, for the address of the peer
 /// @param accepted  the new descriptor, close-on-exec
-/// @return `NOT_NOW` if no connection waits on a non-blocking descriptor
+/// @return `BUSY` if no connection waits on a non-blocking descriptor
 Outcome acceptSocket(int fd, sockaddr* address, socklen_t length, int& accepted);
+
+/// Swaps what the descriptions of TCP and Unix connections have in common.
+template <typename Description>
+void swapAccepted(Description& one, Description& other) noexcept {
+    std::swap(one.valid, other.valid);
+    std::swap(one.socket_fd, other.socket_fd);
+    std::swap(one.local_binary, other.local_binary);
+    std::swap(one.peer_binary, other.peer_binary);
+}
 
 /// Closes an accepted descriptor that no socket has adopted (`close`, repeated until it succeeds). A failure
 /// other than an interruption is a warning.
@@ -74,6 +84,12 @@ bool closeSocket(int fd);
 bool classifyGetOptError();
 bool classifySetOptError();
 bool classifySocketCreateError();
+
+/// Sets an option whose value is an integer or a structure of the system.
+template <typename Value>
+bool setOption(int fd, int level, int option, Value const& value) {
+    return setsockopt(fd, level, option, &value, sizeof value) != 0 && classifySetOptError();
+}
 
 /// Converts the host to the address in `out`, with the resolver if it is a name. Leaves family and port
 /// unchanged. Fails without a report if the system cannot read the numeric form that it returned.

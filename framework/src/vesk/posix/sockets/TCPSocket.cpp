@@ -18,11 +18,6 @@ namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/posix/TCPSocket";
 
-/// Returns true, after a report, on failure.
-bool setOption(int fd, int level, int option, int value) {
-    return setsockopt(fd, level, option, &value, sizeof value) != 0 && classifySetOptError();
-}
-
 /// Returns whether the resolver would return an address unchanged. A listening socket has already resolved
 /// its own address, so only an address that the caller changed in the description needs the resolver again.
 bool isResolved(IPSocket::IPAddress const& address, IPSocket::IPProtocolVersion version) {
@@ -49,10 +44,7 @@ TCPSocket::Description::~Description() {
 }
 
 void TCPSocket::Description::swap(Description& other) noexcept {
-    std::swap(valid, other.valid);
-    std::swap(socket_fd, other.socket_fd);
-    std::swap(local_binary, other.local_binary);
-    std::swap(peer_binary, other.peer_binary);
+    swapAccepted(*this, other);
     std::swap(local_address, other.local_address);
     std::swap(version, other.version);
 }
@@ -76,27 +68,14 @@ TCPSocket::TCPSocket(
     if (m_local_address.host.empty()) {
         m_local_address = description.local_address;
     }
-    if (!isValid()) {
+    if (!isValid() ||
+        adopt(
+            description.valid, description.socket_fd, blocking, SOURCE,
+            "Tried to construct TCPSocket from invalid description")) {
         return;
     }
-    if (!description.valid) {
-        report(
-            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
-            "Tried to construct TCPSocket from invalid description");
-        m_object_valid = false;
-        return;
-    }
-    if (!blocking && setNonBlocking(description.socket_fd)) {
-        // Not closed here: the description stays valid, and would later close a number that may belong to
-        // another file.
-        m_object_valid = false;
-        m_socket_state = DEAD;
-        return;
-    }
-    m_socket_handle.socket_fd = description.socket_fd;
     m_local_binary = description.local_binary;
     m_peer_binary = description.peer_binary;
-    m_socket_state = OPEN;
     description.valid = false;
     updatePeerAddress();
 }

@@ -18,12 +18,6 @@ constexpr char const* SOURCE = "framework/src/vesk/posix/UDPSocket";
 // Unlike `send`, without a cause for an unlisted error number: the stream's own report stands alone.
 constexpr SendErrors SEND_TO_ERRORS = makeSendErrors(NONE);
 
-/// Returns true, after a report, on failure.
-template <typename Value>
-bool setOption(int fd, int level, int option, Value const& value) {
-    return setsockopt(fd, level, option, &value, sizeof value) != 0 && classifySetOptError();
-}
-
 /// Returns whether to join the peer instead of connecting to it.
 bool isMulticast(sockaddr_in const& peer) {
     constexpr unsigned int MASK = 0xE0000000;
@@ -124,7 +118,7 @@ bool UDPSocket::performWrite(void const* buffer, unsigned int size, unsigned int
         written = static_cast<unsigned int>(count);
         return false;
     }
-    if (classify(SOURCE, SEND_TO_ERRORS.rows, errno) != Outcome::NOT_NOW) {
+    if (classify(SOURCE, SEND_TO_ERRORS.rows, errno) != Outcome::BUSY) {
         return fail();
     }
     endWithoutRoom();

@@ -34,10 +34,7 @@ UnixSocket::Description::~Description() {
 }
 
 void UnixSocket::Description::swap(Description& other) noexcept {
-    std::swap(valid, other.valid);
-    std::swap(socket_fd, other.socket_fd);
-    std::swap(local_binary, other.local_binary);
-    std::swap(peer_binary, other.peer_binary);
+    swapAccepted(*this, other);
     std::swap(local_path, other.local_path);
     std::swap(name_space, other.name_space);
 }
@@ -68,27 +65,14 @@ UnixSocket::UnixSocket(
     bool blocking, unsigned int read_buffer, unsigned int write_buffer, Description const& description)
     : UnixSocketBase(
           blocking, read_buffer, write_buffer, description.local_path, Path(), description.name_space) {
-    if (!isValid()) {
+    if (!isValid() ||
+        adopt(
+            description.valid, description.socket_fd, blocking, SOURCE,
+            "Tried to construct UnixSocket from invalid description")) {
         return;
     }
-    if (!description.valid) {
-        report(
-            SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
-            "Tried to construct UnixSocket from invalid description");
-        m_object_valid = false;
-        return;
-    }
-    if (!blocking && setNonBlocking(description.socket_fd)) {
-        // Not closed here: the description stays valid, and would later close a number that may belong to
-        // another file.
-        m_object_valid = false;
-        m_socket_state = DEAD;
-        return;
-    }
-    m_socket_handle.socket_fd = description.socket_fd;
     m_local_binary = description.local_binary;
     m_peer_binary = description.peer_binary;
-    m_socket_state = OPEN;
     description.valid = false;
     updatePeerAddress();
 }

@@ -2,6 +2,7 @@
 
 #include "vesk/posix/detail/ErrnoTable.h"
 #include "vesk/posix/detail/Poison.h"
+#include "vesk/posix/detail/ScopeExit.h"
 
 #include <vesk/Condition.h>
 #include <vesk/SysError.h>
@@ -29,7 +30,7 @@ constexpr ErrnoRow DESTROY_ERRORS[] = {
 };
 
 constexpr ErrnoRow WAIT_ERRORS[] = {
-    {{ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
+    {{ETIMEDOUT}, NONE, NONE, Outcome::BUSY},
     {{EINVAL, EPERM}, SysErrorId::SPOILED_INTEGRITY, Condition::ErrorId::WAIT_FAILED},
     {OTHERS, SysErrorId::UNCLASSIFIED, Condition::ErrorId::WAIT_FAILED},
 };
@@ -37,21 +38,6 @@ constexpr ErrnoRow WAIT_ERRORS[] = {
 constexpr ErrnoRow SIGNAL_ERRORS[] = {
     {{EINVAL}, SysErrorId::SPOILED_INTEGRITY, Condition::ErrorId::SIGNAL_FAILED},
     {OTHERS, SysErrorId::UNCLASSIFIED, Condition::ErrorId::SIGNAL_FAILED},
-};
-
-/// Guard that destroys the attributes at the end of a scope.
-class AttrCleaner {
-public:
-    explicit AttrCleaner(pthread_condattr_t& attributes) noexcept : m_attributes(attributes) {}
-    ~AttrCleaner() {
-        if (int const error = pthread_condattr_destroy(&m_attributes)) {
-            std::GlobalErrorHandler::doWarning(
-                SOURCE, __LINE__, "init", "destroying condition attributes failed, res = %d", error);
-        }
-    }
-
-private:
-    pthread_condattr_t& m_attributes;
 };
 
 int create(pthread_cond_t* condition, pthread_condattr_t& attributes, bool process_shared) {
@@ -74,7 +60,12 @@ bool ConditionOps::init(pthread_cond_t* condition, bool process_shared) {
         poison(condition, FAILED_LOCK);
         return handleInitError(error);
     }
-    AttrCleaner const cleaner(attributes);
+    ScopeExit const destroy([&attributes] {
+        if (int const error = pthread_condattr_destroy(&attributes)) {
+            std::GlobalErrorHandler::doWarning(
+                SOURCE, __LINE__, "init", "destroying condition attributes failed, res = %d", error);
+        }
+    });
     if (int const error = create(condition, attributes, process_shared)) {
         poison(condition, FAILED_LOCK);
         return handleInitError(error);
@@ -93,7 +84,7 @@ bool ConditionOps::handleDestroyError(int error) {
 }
 
 signed char ConditionOps::handleWaitError(int error) {
-    return static_cast<signed char>(classify(SOURCE, WAIT_ERRORS, error));
+    return toResult(classify(SOURCE, WAIT_ERRORS, error));
 }
 
 bool ConditionOps::handleSignalError(int error) {

@@ -2,6 +2,7 @@
 
 #include "vesk/posix/detail/ErrnoTable.h"
 #include "vesk/posix/detail/Poison.h"
+#include "vesk/posix/detail/ScopeExit.h"
 #include "vesk/posix/detail/SystemErrorText.h"
 #include "vesk/posix/detail/WallDeadline.h"
 
@@ -39,7 +40,7 @@ constexpr ErrnoRow DESTROY_ERRORS[] = {
 };
 
 constexpr ErrnoRow TIMED_LOCK_ERRORS[] = {
-    {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
+    {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::BUSY},
     {{EAGAIN, EINVAL, EDEADLK}, Mutex::ErrorId::INCONSISTENT},
     {OTHERS, Mutex::ErrorId::LOCK_FAILED},
 };
@@ -55,24 +56,9 @@ constexpr ErrnoRow UNLOCK_ERRORS[] = {
 };
 
 constexpr ErrnoRow TRY_LOCK_ERRORS[] = {
-    {{EBUSY}, NONE, NONE, Outcome::NOT_NOW},
+    {{EBUSY}, NONE, NONE, Outcome::BUSY},
     {{EPERM, EINVAL, EDEADLK}, Mutex::ErrorId::INCONSISTENT},
     {OTHERS, Mutex::ErrorId::LOCK_FAILED},
-};
-
-/// Guard that destroys the attributes at the end of a scope.
-class AttrCleaner {
-public:
-    explicit AttrCleaner(pthread_mutexattr_t& attributes) noexcept : m_attributes(attributes) {}
-    ~AttrCleaner() {
-        if (int const error = pthread_mutexattr_destroy(&m_attributes)) {
-            std::GlobalErrorHandler::doWarning(
-                SOURCE, __LINE__, "~AttrCleaner", "destroying mutex attributes failed, res = %d", error);
-        }
-    }
-
-private:
-    pthread_mutexattr_t& m_attributes;
 };
 
 bool create(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared) {
@@ -81,7 +67,12 @@ bool create(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool 
         classifyResult(SOURCE, ATTRIBUTE_ERRORS, error);
         return true;
     }
-    AttrCleaner const cleaner(attributes);
+    ScopeExit const destroy([&attributes] {
+        if (int const error = pthread_mutexattr_destroy(&attributes)) {
+            std::GlobalErrorHandler::doWarning(
+                SOURCE, __LINE__, "~AttrCleaner", "destroying mutex attributes failed, res = %d", error);
+        }
+    });
     static_assert(PTHREAD_MUTEX_RECURSIVE == 1 && PTHREAD_MUTEX_DEFAULT == 0);
     if (int const error = pthread_mutexattr_settype(&attributes, recursive)) {
         classifyResult(SOURCE, SETTING_ERRORS, error);
@@ -140,7 +131,7 @@ signed char MutexOps::tryLockTimeout(pthread_mutex_t* mutex, long long const& ti
     if (error == 0) {
         return 0;
     }
-    return static_cast<signed char>(classifyResult(SOURCE, TIMED_LOCK_ERRORS, error));
+    return toResult(classifyResult(SOURCE, TIMED_LOCK_ERRORS, error));
 }
 
 bool MutexOps::handleLockError(int error) {
@@ -154,7 +145,7 @@ bool MutexOps::handleUnlockError(int error) {
 }
 
 signed char MutexOps::handleTryLockError(int error) {
-    return static_cast<signed char>(classifyResult(SOURCE, TRY_LOCK_ERRORS, error));
+    return toResult(classifyResult(SOURCE, TRY_LOCK_ERRORS, error));
 }
 
 } // namespace vesk

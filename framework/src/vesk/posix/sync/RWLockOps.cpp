@@ -2,6 +2,7 @@
 
 #include "vesk/posix/detail/ErrnoTable.h"
 #include "vesk/posix/detail/Poison.h"
+#include "vesk/posix/detail/ScopeExit.h"
 #include "vesk/posix/detail/SystemErrorText.h"
 #include "vesk/posix/detail/WallDeadline.h"
 
@@ -41,7 +42,7 @@ constexpr ErrnoRow DESTROY_ERRORS[] = {
 /// The rows for reading and for writing. Only the report for all other numbers differs.
 template <int OTHERS_ID>
 constexpr ErrnoRow LOCK_ERRORS[4] = {
-    {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::NOT_NOW},
+    {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::BUSY},
     {{EDEADLK}, RWLock::ErrorId::DEADLOCK},
     {{EAGAIN}, RWLock::ErrorId::TOO_MANY_LOCKS},
     {OTHERS, {RWLock::Error, OTHERS_ID}},
@@ -66,53 +67,38 @@ void reportInit(int error) noexcept {
     }
 }
 
-/// Owner of the attributes of a lock that processes share.
-class SharedAttributes {
-public:
-    SharedAttributes() = default;
-    ~SharedAttributes() {
-        if (m_made && pthread_rwlockattr_destroy(&m_attributes) != 0) {
-            std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "init", "error destroying temp. attr.");
-        }
-    }
-
-    SharedAttributes(SharedAttributes const&) = delete;
-    SharedAttributes& operator=(SharedAttributes const&) = delete;
-
-    /// Creates the attributes. Returns true on failure, with a report.
-    bool make() {
-        if (int const error = pthread_rwlockattr_init(&m_attributes)) {
-            classify(SOURCE, ATTRIBUTE_ERRORS, error);
-            return true;
-        }
-        m_made = true;
-        if (int const error = pthread_rwlockattr_setpshared(&m_attributes, PTHREAD_PROCESS_SHARED)) {
-            classify(SOURCE, SETTING_ERRORS, error);
-            return true;
-        }
-        return false;
-    }
-
-    /// Returns null for the system's defaults.
-    pthread_rwlockattr_t const* get() const noexcept { return m_made ? &m_attributes : nullptr; }
-
-private:
-    pthread_rwlockattr_t m_attributes;
-    bool m_made = false;
-};
-
-} // namespace
-
-bool RWLockOps::init(pthread_rwlock_t* lock, bool process_shared) {
-    SharedAttributes attributes;
-    if (process_shared && attributes.make()) {
-        return true;
-    }
-    if (int const error = pthread_rwlock_init(lock, attributes.get())) {
+/// Creates the lock. Returns true on failure, with a report.
+/// @param attributes  null: the system's defaults
+bool create(pthread_rwlock_t* lock, pthread_rwlockattr_t const* attributes) {
+    if (int const error = pthread_rwlock_init(lock, attributes)) {
         reportInit(error);
         return true;
     }
     return false;
+}
+
+bool createShared(pthread_rwlock_t* lock) {
+    pthread_rwlockattr_t attributes;
+    if (int const error = pthread_rwlockattr_init(&attributes)) {
+        classify(SOURCE, ATTRIBUTE_ERRORS, error);
+        return true;
+    }
+    ScopeExit const destroy([&attributes] {
+        if (pthread_rwlockattr_destroy(&attributes) != 0) {
+            std::GlobalErrorHandler::doWarning(SOURCE, __LINE__, "init", "error destroying temp. attr.");
+        }
+    });
+    if (int const error = pthread_rwlockattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED)) {
+        classify(SOURCE, SETTING_ERRORS, error);
+        return true;
+    }
+    return create(lock, &attributes);
+}
+
+} // namespace
+
+bool RWLockOps::init(pthread_rwlock_t* lock, bool process_shared) {
+    return process_shared ? createShared(lock) : create(lock, nullptr);
 }
 
 bool RWLockOps::destroy(pthread_rwlock_t* lock) {
@@ -147,7 +133,7 @@ signed char RWLockOps::lock(pthread_rwlock_t* lock, bool for_write, unsigned int
 
 signed char RWLockOps::handleLockError(int error, bool for_write) {
     ErrnoTable const table = for_write ? LOCK_ERRORS<WRITE_FAILED> : LOCK_ERRORS<READ_FAILED>;
-    return static_cast<signed char>(classify(SOURCE, table, error));
+    return toResult(classify(SOURCE, table, error));
 }
 
 bool RWLockOps::handleUnlockError(int error) {

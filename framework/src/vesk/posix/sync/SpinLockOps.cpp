@@ -31,7 +31,7 @@ constexpr ErrnoRow LOCK_ERRORS[] = {
 };
 
 constexpr ErrnoRow TRY_LOCK_ERRORS[] = {
-    {{EBUSY}, NONE, NONE, Outcome::NOT_NOW},
+    {{EBUSY}, NONE, NONE, Outcome::BUSY},
     {{EDEADLK}, SpinLock::ErrorId::INCONSISTENT},
     {OTHERS, SpinLock::ErrorId::LOCK_FAILED},
 };
@@ -59,7 +59,7 @@ bool SpinLockOps::handleLockError(int error) {
 }
 
 signed char SpinLockOps::handleTryLockError(int error) {
-    return static_cast<signed char>(classifyResult(SOURCE, TRY_LOCK_ERRORS, error));
+    return toResult(classifyResult(SOURCE, TRY_LOCK_ERRORS, error));
 }
 
 bool SpinLockOps::handleUnlockError(int error) {

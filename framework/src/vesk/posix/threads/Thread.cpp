@@ -3,6 +3,8 @@
 #include "ThreadLink.h"
 #include "ThreadSched.h"
 #include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/detail/Insist.h"
+#include "vesk/posix/detail/ScopeExit.h"
 #include "vesk/posix/detail/SystemErrorText.h"
 #include "vesk/posix/detail/WallDeadline.h"
 #include <vesk/common/CancellationOff.h>
@@ -31,6 +33,7 @@ using std::GlobalErrorHandler;
 namespace {
 
 constexpr char const* SOURCE = THREAD_SOURCE;
+constexpr char const* DESTRUCTOR = "~Thread";
 
 // The system limits names to this number of bytes.
 constexpr size_t NAME_LENGTH = 15;
@@ -67,16 +70,6 @@ tracing::Channel s_channel("FW_Vesk_Thread", 7, tracing::Channel::WITH_THREAD);
 /// here, since its object may be destroyed.
 TARN_CONSTANT_INIT thread_local ThreadLink* t_link = nullptr;
 
-/// Destroys the attributes at the end of a scope.
-class AttrGuard {
-public:
-    explicit AttrGuard(pthread_attr_t& attributes) noexcept : m_attributes(attributes) {}
-    ~AttrGuard() { pthread_attr_destroy(&m_attributes); }
-
-private:
-    pthread_attr_t& m_attributes;
-};
-
 /// Holds the thread's side of the link, and releases it at the end of a scope, also when the stack is
 /// unwound.
 class LinkGuard {
@@ -87,24 +80,6 @@ public:
         t_link = nullptr;
     }
 };
-
-/// Repeats an operation until it succeeds. The wrapper and the destructor cannot continue without it, and
-/// have no caller to report a failure to. A hook may let doAbort return.
-template <typename Operation>
-void insist(char const* function, char const* failure, Operation operation, int line = __builtin_LINE()) {
-    while (operation()) {
-        GlobalErrorHandler::doAbort(SOURCE, line, function, "%s", failure);
-    }
-}
-
-/// Unlocks in the same way, but tries at most twice: after a failure the lock may be free all the same.
-void unlockOrAbort(
-    Mutex const& mutex, char const* function, char const* failure, int line = __builtin_LINE()) {
-    if (mutex.unlock()) {
-        GlobalErrorHandler::doAbort(SOURCE, line, function, "%s", failure);
-        mutex.unlock();
-    }
-}
 
 bool reportFailure(Place place, Chain chain, Thread::ErrorId id) {
     report(place, chain, id, SystemErrorText().get());
@@ -189,7 +164,7 @@ bool Thread::create(char const* name) {
         classify(SOURCE, ATTRIBUTE_INIT_ERRORS, error, "attribute init failed");
         return true;
     }
-    AttrGuard const guard(attributes);
+    ScopeExit const destroy([&attributes] { pthread_attr_destroy(&attributes); });
     static_assert(PTHREAD_CREATE_JOINABLE == 0 && PTHREAD_CREATE_DETACHED == 1);
     if (int const error = pthread_attr_setdetachstate(&attributes, m_detached_mode)) {
         classify(SOURCE, DETACHED_STATE_ERRORS, error, "Error setting detached state");
@@ -284,7 +259,7 @@ void Thread::applyNice() {
 
 /// Waits for the start, and ends the use of the object by the start-up. Returns true if the body must run.
 bool Thread::takeOver() {
-    insist("threadWrapper", "error getting state lock", [this] { return m_shared.mutex.lock(); });
+    insist(SOURCE, "threadWrapper", "error getting state lock", [this] { return m_shared.mutex.lock(); });
     while (getState() == CREATED) {
         if (m_shared.condition.wait(m_shared.mutex)) {
             GlobalErrorHandler::doAbort(SOURCE, __LINE__, "threadWrapper", "error waiting on condition");
@@ -294,18 +269,18 @@ bool Thread::takeOver() {
     bool const ended = getState() == FINISHED || getState() == DEAD;
     m_shared.taken_over = true;
     if (m_detached_mode || getState() == DEAD) {
-        insist("threadWrapper", "wait failed", [this] { return m_shared.condition.signal(); });
+        insist(SOURCE, "threadWrapper", "wait failed", [this] { return m_shared.condition.signal(); });
     }
-    unlockOrAbort(m_shared.mutex, "threadWrapper", "error unlocking");
+    unlockOrAbort(SOURCE, m_shared.mutex, "threadWrapper", "error unlocking");
     return !ended;
 }
 
 /// Ends a joinable thread after its body has returned.
 void Thread::finish() {
     callExitHandlers(getCallerThreadId(), EXIT_NORMAL);
-    insist("threadWrapper", "error locking", [this] { return m_shared.mutex.lock(); });
+    insist(SOURCE, "threadWrapper", "error locking", [this] { return m_shared.mutex.lock(); });
     setState(FINISHED);
-    unlockOrAbort(m_shared.mutex, "threadWrapper", "error unlocking");
+    unlockOrAbort(SOURCE, m_shared.mutex, "threadWrapper", "error unlocking");
 }
 
 // ---- life cycle ----
@@ -440,6 +415,25 @@ bool Thread::suspend(long long ms) {
     return suspendCaller(*t_link, ms);
 }
 
+bool Thread::isSuspended(Shared const& shared) noexcept {
+    return shared.state.load(std::memory_order_relaxed) == SUSPENDED;
+}
+
+/// Waits until the state changes or the time has passed, under the lock. Returns the result of the wait.
+signed char Thread::waitForWakeup(Shared& shared, long long ms) {
+    shared.state.store(SUSPENDED, std::memory_order_relaxed);
+    AbsTimeT deadline(tarnbase::TimePoint::MAX.getCount());
+    if (ms != 0 && __builtin_add_overflow(tarnbase::TimePoint::now().getCount(), ms, &deadline.value)) {
+        deadline.value = tarnbase::TimePoint::MAX.getCount();
+    }
+    signed char result = 0;
+    while (isSuspended(shared) && result == 0) {
+        result = ms == 0 ? static_cast<signed char>(shared.condition.wait(shared.mutex) ? -1 : 0)
+                         : shared.condition.waitTimeout(shared.mutex, deadline);
+    }
+    return result;
+}
+
 bool Thread::suspendCaller(Shared& shared, long long ms) {
     // Also unlocks when the thread is cancelled in the wait.
     MutexLock lock(shared.mutex);
@@ -462,20 +456,10 @@ bool Thread::suspendCaller(Shared& shared, long long ms) {
             "suspend() called by non-associated thread");
         return true;
     }
-    auto const isSuspended = [&shared] { return shared.state.load(std::memory_order_relaxed) == SUSPENDED; };
-    shared.state.store(SUSPENDED, std::memory_order_relaxed);
-    AbsTimeT deadline(tarnbase::TimePoint::MAX.getCount());
-    if (ms != 0 && __builtin_add_overflow(tarnbase::TimePoint::now().getCount(), ms, &deadline.value)) {
-        deadline.value = tarnbase::TimePoint::MAX.getCount();
-    }
-    signed char result = 0;
-    while (isSuspended() && result == 0) {
-        result = ms == 0 ? static_cast<signed char>(shared.condition.wait(shared.mutex) ? -1 : 0)
-                         : shared.condition.waitTimeout(shared.mutex, deadline);
-    }
+    signed char const result = waitForWakeup(shared, ms);
     if (result == -1) {
         SystemErrorText const text;
-        if (isSuspended()) {
+        if (isSuspended(shared)) {
             shared.state.store(before, std::memory_order_relaxed);
         }
         lock.unlock();
@@ -544,80 +528,97 @@ bool Thread::terminate() {
     return false;
 }
 
+/// Waits, under the lock, until the thread no longer uses the object in its start-up.
+void Thread::waitForTakeOver(char const* function) {
+    while (!m_shared.taken_over) {
+        if (m_shared.condition.wait(m_shared.mutex)) {
+            GlobalErrorHandler::doAbort(SOURCE, __LINE__, function, "wait failed");
+        }
+    }
+}
+
 Thread::~Thread() {
     if (!m_valid) {
         m_link.leaveObject();
         return;
     }
-    constexpr char const* FUNCTION = "~Thread";
     CancellationOff const cancellation_off;
-    insist(FUNCTION, "error getting state lock", [this] { return m_shared.mutex.lock(); });
-    auto const waitForTakeOver = [this] {
-        while (!m_shared.taken_over) {
-            if (m_shared.condition.wait(m_shared.mutex)) {
-                GlobalErrorHandler::doAbort(SOURCE, __LINE__, FUNCTION, "wait failed");
-            }
-        }
-    };
+    insist(SOURCE, DESTRUCTOR, "error getting state lock", [this] { return m_shared.mutex.lock(); });
     // Also waits for a terminated joinable thread: it may not have reached its wrapper yet, and is never
     // joined.
     if ((m_detached_mode && getState() != CREATED) || getState() == DEAD) {
-        waitForTakeOver();
+        waitForTakeOver(DESTRUCTOR);
     }
     m_shared.object_gone = true;
     switch (getState()) {
     case CREATED:
-        setState(FINISHED);
-        insist(FUNCTION, "error unlocking and signaling", [this] { return m_shared.condition.signal(); });
-        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking and signaling");
-        if (!m_detached_mode) {
-            insist(FUNCTION, "error joining non-detached thread", [this] { return join(); });
-        } else {
-            insist(FUNCTION, "error locking", [this] { return m_shared.mutex.lock(); });
-            waitForTakeOver();
-            unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
-        }
+        endUnstarted();
         break;
     case FINISHED:
-        unlockOrAbort(m_shared.mutex, FUNCTION, "error joining");
-        insist(FUNCTION, "error joining", [this] { return join(); });
+        unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR, "error joining");
+        insist(SOURCE, DESTRUCTOR, "error joining", [this] { return join(); });
         break;
     case SUSPENDED:
-        if (m_detached_mode) {
-            // Only the object could wake the thread.
-            setState(RUNNING);
-            insist(FUNCTION, "error unlocking and signaling", [this] { return m_shared.condition.signal(); });
-        }
-        [[fallthrough]];
     case RUNNING:
-        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
-        if (!m_detached_mode) {
-            GlobalErrorHandler::doAbort(SOURCE, __LINE__, FUNCTION, "thread still running");
-        }
+        leaveRunning();
         break;
     case DEAD:
-        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
+        unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
         break;
     }
     if (getThreadState() != DEAD && !m_detached_mode) {
         GlobalErrorHandler::doAssert(
-            false, "getThreadState() == DEAD || m_detached_mode", SOURCE, __LINE__, FUNCTION, nullptr);
-        // Reached only if a hook lets doAbort return: the thread continues without its object, unless it is
-        // about to end.
-        insist(FUNCTION, "error getting state lock", [this] { return m_shared.mutex.lock(); });
-        setState(DEAD);
-        waitForTakeOver();
-        unlockOrAbort(m_shared.mutex, FUNCTION, "error unlocking");
-        int const detached = m_link.endThread(FUNCTION, [this] {
-            pthread_detach(m_handle);
-            return 0;
-        });
-        if (detached == ThreadLink::TOO_LATE) {
-            pthread_join(m_handle, nullptr);
-        }
+            false, "getThreadState() == DEAD || m_detached_mode", SOURCE, __LINE__, DESTRUCTOR, nullptr);
+        abandon();
     }
     free(m_name);
     m_link.leaveObject();
+}
+
+/// Ends a thread that was never started, and waits for that. Releases the lock.
+void Thread::endUnstarted() {
+    constexpr char const* FAILURE = "error unlocking and signaling";
+    setState(FINISHED);
+    insist(SOURCE, DESTRUCTOR, FAILURE, [this] { return m_shared.condition.signal(); });
+    unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR, FAILURE);
+    if (!m_detached_mode) {
+        insist(SOURCE, DESTRUCTOR, "error joining non-detached thread", [this] { return join(); });
+        return;
+    }
+    insist(SOURCE, DESTRUCTOR, "error locking", [this] { return m_shared.mutex.lock(); });
+    waitForTakeOver(DESTRUCTOR);
+    unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
+}
+
+/// Leaves a detached thread to itself. A joinable thread must not run any more. Releases the lock.
+void Thread::leaveRunning() {
+    if (m_detached_mode && getState() == SUSPENDED) {
+        // Only the object could wake the thread.
+        setState(RUNNING);
+        insist(SOURCE, DESTRUCTOR, "error unlocking and signaling", [this] {
+            return m_shared.condition.signal();
+        });
+    }
+    unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
+    if (!m_detached_mode) {
+        GlobalErrorHandler::doAbort(SOURCE, __LINE__, DESTRUCTOR, "thread still running");
+    }
+}
+
+/// Lets a joinable thread that runs continue without its object, unless it is about to end. Reached only if a
+/// hook lets `doAbort` return.
+void Thread::abandon() {
+    insist(SOURCE, DESTRUCTOR, "error getting state lock", [this] { return m_shared.mutex.lock(); });
+    setState(DEAD);
+    waitForTakeOver(DESTRUCTOR);
+    unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
+    int const detached = m_link.endThread(DESTRUCTOR, [this] {
+        pthread_detach(m_handle);
+        return 0;
+    });
+    if (detached == ThreadLink::TOO_LATE) {
+        pthread_join(m_handle, nullptr);
+    }
 }
 
 // ---- exit handlers ----

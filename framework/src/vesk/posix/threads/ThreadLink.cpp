@@ -1,19 +1,15 @@
 #include "ThreadLink.h"
 
-#include <tarncommon/error/GlobalErrorHandler.h>
+#include "vesk/posix/detail/Insist.h"
 
 #include <new>
 
 namespace vesk::detail {
 
 ThreadLink& ThreadLink::make() {
-    for (;;) {
-        if (auto* const link = new (std::nothrow) ThreadLink) {
-            return *link;
-        }
-        std::GlobalErrorHandler::doOutOfMem(
-            THREAD_SOURCE, __LINE__, "Thread", "cannot allocate what thread and object share");
-    }
+    return *allocateOrWait(THREAD_SOURCE, "Thread", "cannot allocate what thread and object share", [] {
+        return new (std::nothrow) ThreadLink;
+    });
 }
 
 void ThreadLink::leaveThread() {

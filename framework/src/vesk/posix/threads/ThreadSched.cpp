@@ -33,7 +33,7 @@ constexpr ErrnoRow INHERITANCE_ERRORS[] = {
 };
 
 constexpr ErrnoRow ATTRIBUTE_ERRORS[] = {
-    {{EPERM, EACCES}, NONE, NONE, Outcome::NOT_NOW}, // The thread then inherits.
+    {{EPERM, EACCES}, NONE, NONE, Outcome::INHERIT},
     {{EINVAL}, SysErrorId::INVALID_PARAMETER, Thread::ErrorId::CREATE_FAILED},
     {OTHERS, SysErrorId::UNCLASSIFIED, Thread::ErrorId::CREATE_FAILED},
 };
@@ -65,6 +65,30 @@ bool setInheritance(pthread_attr_t& attributes, int inheritance) {
         return true;
     }
     return false;
+}
+
+// Not an error number of the system.
+constexpr int UNKNOWN_POLICY = -1;
+
+/// Sets the policy and its parameters. Returns 0, the error number, or `UNKNOWN_POLICY`.
+int setPolicy(pthread_attr_t& attributes, int policy, sched::Attr& kept) {
+    int const error = pthread_attr_setschedpolicy(&attributes, policy);
+    sched_param param{};
+    switch (policy) {
+    case SCHED_RR:
+    case SCHED_FIFO:
+        param.sched_priority = kept.param.priority;
+        break;
+    case SCHED_OTHER:
+        // Also if keeping the policy leads here: the thread itself must set the nice value.
+        kept.policy = sched::VESK_SCHED_POLICY_NORMAL;
+        break;
+    default:
+        // The calling thread has a policy that this library does not know. The result of setting it is
+        // irrelevant.
+        return UNKNOWN_POLICY;
+    }
+    return error != 0 ? error : pthread_attr_setschedparam(&attributes, &param);
 }
 
 /// Maps a policy to that of the kernel; returns false if the kernel has none for it. `KEEP` is the policy of
@@ -174,31 +198,14 @@ bool applySchedAttrs(pthread_attr_t& attributes, sched::Attr& kept) {
         return setInheritance(attributes, PTHREAD_INHERIT_SCHED);
     }
     if (error == 0) {
-        error = pthread_attr_setschedpolicy(&attributes, policy);
-        sched_param param{};
-        switch (policy) {
-        case SCHED_RR:
-        case SCHED_FIFO:
-            param.sched_priority = kept.param.priority;
-            break;
-        case SCHED_OTHER:
-            // Also if keeping the policy leads here: the thread itself must set the nice value.
-            kept.policy = sched::VESK_SCHED_POLICY_NORMAL;
-            break;
-        default:
-            // The calling thread has a policy that this library does not know. The result of setting it is
-            // irrelevant.
-            return setInheritance(attributes, PTHREAD_INHERIT_SCHED);
-        }
-        if (error == 0) {
-            error = pthread_attr_setschedparam(&attributes, &param);
-        }
+        error = setPolicy(attributes, policy, kept);
     }
     if (error == 0) {
         return false;
     }
-    if (classify(SOURCE, ATTRIBUTE_ERRORS, error, "setting scheduling attributes failed") ==
-        Outcome::FAILED) {
+    if (error != UNKNOWN_POLICY &&
+        classify(SOURCE, ATTRIBUTE_ERRORS, error, "setting scheduling attributes failed") ==
+            Outcome::FAILED) {
         return true;
     }
     return setInheritance(attributes, PTHREAD_INHERIT_SCHED);

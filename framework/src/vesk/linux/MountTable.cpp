@@ -1,7 +1,8 @@
-#include <vesk/FileSys.h>
+#include "MountTable.h"
+
+#include <vesk/common/UniqueFd.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
-#include <tarncommon/tarnbase/NonCopyable.h>
 
 #include <cstddef>
 #include <cstring>
@@ -11,32 +12,11 @@
 
 namespace vesk {
 
+using namespace detail;
+
 namespace {
 
 constexpr char const* SOURCE = "framework/src/vesk/linux/FileSys";
-
-/// The owner of the descriptor of the file that lists the mounts.
-class MountFile : private tarnbase::NonCopyable {
-public:
-    MountFile() : m_fd(open("/proc/mounts", O_RDONLY | O_CLOEXEC)) {}
-    // Not `noexcept`, because cancellation of the thread can act in `close`.
-    ~MountFile() noexcept(false) {
-        if (m_fd == -1) {
-            return;
-        }
-        if (::close(m_fd) != 0) {
-            std::GlobalErrorHandler::doAssert(
-                false, "mount_fd == 0", SOURCE, __LINE__, "getMountPoints", nullptr);
-        }
-    }
-
-    bool isOpen() const noexcept { return m_fd != -1; }
-
-    ssize_t read(char* buffer, size_t size) const { return ::read(m_fd, buffer, size); }
-
-private:
-    int m_fd;
-};
 
 /// A parser that extracts the second field of each line from a sequence of chunks.
 class MountParser {
@@ -99,16 +79,20 @@ private:
 
 } // namespace
 
-std::list<std::string> FileSys::getMountPoints() {
-    MountFile const file;
+std::list<std::string> detail::readMountPoints() {
+    UniqueFd file(open("/proc/mounts", O_RDONLY | O_CLOEXEC));
     if (!file.isOpen()) {
         return {};
     }
     MountParser parser;
     char chunk[4096];
     // An error is treated as the end of the file.
-    for (ssize_t count = file.read(chunk, sizeof chunk); count > 0; count = file.read(chunk, sizeof chunk)) {
+    for (ssize_t count = 0; (count = read(file.get(), chunk, sizeof chunk)) > 0;) {
         parser.parse(chunk, chunk + count);
+    }
+    if (file.close() != 0) {
+        std::GlobalErrorHandler::doAssert(
+            false, "mount_fd == 0", SOURCE, __LINE__, "getMountPoints", nullptr);
     }
     return parser.finish();
 }

@@ -36,7 +36,7 @@ constexpr ErrnoRow KILL_ERRORS[] = {
 
 constexpr ErrnoRow EXISTS_ERRORS[] = {
     {{EPERM}, NONE, NONE, Outcome::DONE}, // It exists; the caller lacks the permission.
-    {{ESRCH}, NONE, NONE, Outcome::NOT_NOW},
+    {{ESRCH}, NONE, NONE, Outcome::ABSENT},
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
@@ -100,7 +100,7 @@ signed char ProcessTNG::existsProcess(int const& process_id) {
     if (::kill(process_id, 0) == 0) {
         return 0;
     }
-    return static_cast<signed char>(classify(SOURCE, EXISTS_ERRORS, errno));
+    return toResult(classify(SOURCE, EXISTS_ERRORS, errno));
 }
 
 void ProcessTNG::getProcessId(std::string const& name, std::vector<int>& pids, bool exact) {

@@ -1,4 +1,4 @@
-#include <vesk/FileSys.h>
+#include "FileCopy.h"
 
 #include "Report.h"
 
@@ -20,8 +20,7 @@ namespace {
 constexpr char const* SOURCE = "framework/src/vesk/common/FileSys";
 
 bool isEndOfStream() noexcept {
-    using StreamBase = std::IBinStreamBase;
-    return std::ErrorStorage::isA(StreamBase::StreamError) && std::ErrorStorage::id() == 2;
+    return std::ErrorStorage::is(std::IBinStreamBase::StreamErrorId::END_OF_STREAM);
 }
 
 /// Copies the rest of the source. Returns true on failure, after a report.
@@ -64,7 +63,7 @@ bool closeBoth(StreamBinFileR& source, StreamBinFileW& destination) {
 
 } // namespace
 
-bool FileSys::copy(
+bool detail::copyFile(
     UnicodeString const& source, UnicodeString const& destination, unsigned int buffer_size, void* buffer) {
     if (buffer_size == 0) {
         report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "zero bufsize given");
