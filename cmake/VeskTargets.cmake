@@ -30,6 +30,8 @@ function(vesk_add_library name symbol)
     # A unique symbol would prevent the loader from ever unloading the library. Clang does not create such
     # symbols.
     target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+    # Checks that each guarded field is used under its lock.
+    target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
     # Static objects are destroyed when the library is unloaded, but not at the end of the process.
     target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tarncommon/src/StaticObjects.cpp)
     target_compile_definitions(${name} PRIVATE TARN_LIBRARY_SYMBOL="${symbol}")

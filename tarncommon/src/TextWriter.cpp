@@ -78,8 +78,8 @@ LongLong take(va_list* args, Length length) noexcept {
     if (length.is_size) {
         return static_cast<LongLong>(va_arg(*args, Size));
     }
-    switch (length.longs) { // NOLINT(bugprone-branch-clone): the types differ.
-    case 0:
+    switch (length.longs) {
+    case 0: // NOLINT(bugprone-branch-clone): the types differ.
         return va_arg(*args, Int);
     case 1:
         return va_arg(*args, Long);

@@ -41,7 +41,7 @@ protected:
     /// keeps the object meanwhile, so that these callbacks may take references.
     /// @return true if a callback has kept a reference, so that the object must stay
     template <typename T>
-    bool isTakenInCallback(T& object);
+    bool isTakenInCallback(T& object) TARN_REQUIRES(m_lock);
 
     std::atomic<unsigned int> refcount;
 
@@ -56,7 +56,7 @@ private:
 };
 
 template <typename T>
-bool SharedBase::isTakenInCallback(T& object) {
+bool SharedBase::isTakenInCallback(T& object) TARN_NOT_ANALYZED {
     while (object.isCallingBack()) {
         refcount.store(1);
         if (m_lock.unlock()) {
@@ -213,7 +213,8 @@ public:
 
 protected:
     void build() override { new (m_storage) T(); }
-    void destroy() override {
+    // Not analyzed: the base class holds its lock.
+    void destroy() override TARN_NOT_ANALYZED {
         T& object = *launder(getObject());
         if constexpr (CallsBack<T>::value) {
             if (isTakenInCallback(object)) {

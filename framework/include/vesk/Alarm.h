@@ -166,13 +166,13 @@ private:
 
     bool isOfOtherThread() const noexcept;
     static bool leadsToCaller(Timer const& engine) noexcept;
-    void waitForRing(char const* function) noexcept;
-    bool waitForCalls(char const* function) noexcept;
-    void wakeNext() noexcept;
+    void waitForRing(char const* function) noexcept TARN_REQUIRES(m_lock);
+    bool waitForCalls(char const* function) noexcept TARN_REQUIRES(m_lock);
+    void wakeNext() noexcept TARN_REQUIRES(m_lock);
     void dropSignals() noexcept;
     void armTimer(tarnbase::Duration delay) noexcept;
-    void armForNext(tarnbase::TimePoint now) noexcept;
-    void takeDue(tarnbase::TimePoint now, std::vector<Alarm const*>& due);
+    void armForNext(tarnbase::TimePoint now) noexcept TARN_REQUIRES(m_lock);
+    void takeDue(tarnbase::TimePoint now, std::vector<Alarm const*>& due) TARN_REQUIRES(m_lock);
 
     // Everything that `ring` uses is initialized before the thread starts, since the signal may come from
     // elsewhere.
@@ -184,12 +184,12 @@ private:
     threadsafe::MutexImpl m_lock;
     threadsafe::ConditionImpl m_calls_may_go_on; // After a ring, for the calls that arrived meanwhile.
     threadsafe::ConditionImpl m_ring_may_begin;  // After these calls.
-    size_t m_waiting_calls = 0;
-    Ring* m_ring = nullptr;                              // The innermost ring.
+    size_t m_waiting_calls TARN_GUARDED_BY(m_lock) = 0;
+    Ring* m_ring TARN_GUARDED_BY(m_lock) = nullptr;      // The innermost ring.
     std::atomic<detail::AlarmRinger*> m_ringer{nullptr}; // Its thread. Changes under `RingersLock`, too.
-    std::unique_ptr<detail::AlarmTable> m_alarms;
+    std::unique_ptr<detail::AlarmTable> m_alarms TARN_GUARDED_BY(m_lock);
     // The kernel timer is armed for this time or an earlier one. MAX: no alarm is pending.
-    tarnbase::TimePoint m_next_expiry;
+    tarnbase::TimePoint m_next_expiry TARN_GUARDED_BY(m_lock);
     std::atomic<timer_t> m_timer;
     int m_signal;
     SignalDispatcher m_dispatcher;

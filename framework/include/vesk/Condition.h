@@ -49,13 +49,13 @@ public:
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`. If `mutex` is not that of the first wait,
     ///         the text is "Using Condition with different Mutexes", and neither the binding nor other
     ///         waiters are affected. Otherwise the argument is the result of the wait.
-    bool wait(Mutex& mutex);
+    bool wait(Mutex& mutex) TARN_REQUIRES(mutex);
 
     /// Waits for a signal until a deadline at most (`pthread_cond_timedwait`).
     /// @param deadline  on the monotonic clock; `tarnbase::TimePoint::MAX` waits without a limit, a deadline
     ///                  that has passed returns at once. The flag of the deadline is ignored.
     /// @return 0 if woken, 1 if timed out (not reported), -1 on failure as for `wait`
-    signed char waitTimeout(Mutex& mutex, AbsTimeT const& deadline);
+    signed char waitTimeout(Mutex& mutex, AbsTimeT const& deadline) TARN_REQUIRES(mutex);
 
     /// Wakes one waiter (`pthread_cond_signal`). Does nothing and succeeds if there has been no wait yet.
     /// Does not block. The caller need not hold the mutex.
@@ -68,8 +68,8 @@ private:
     threadsafe::ConditionImpl& getImpl() noexcept;
 
     threadsafe::MutexImpl m_lock;
-    Mutex* m_mutex = nullptr;
-    threadsafe::MutexImpl* m_mutex_impl = nullptr;
+    Mutex* m_mutex TARN_GUARDED_BY(m_lock) = nullptr;
+    threadsafe::MutexImpl* m_mutex_impl TARN_GUARDED_BY(m_lock) = nullptr;
     alignas(threadsafe::ConditionImpl) unsigned char m_storage[sizeof(threadsafe::ConditionImpl)];
 };
 

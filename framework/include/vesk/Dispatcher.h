@@ -91,12 +91,12 @@ public:
 private:
     Message* pop();
 
-    Mutex mutex; // Guards the handlers only.
+    Mutex mutex;
     // Relaxed: threads only poll the flag. The notifier provides the memory ordering that is needed.
     std::atomic<bool> running{true};
     Notifier* notifier;
     std::list<Message::Source*> sources;
-    std::list<Message::Handler*> handlers;
+    std::list<Message::Handler*> handlers TARN_GUARDED_BY(mutex);
 };
 
 /// The object on which a dispatcher sleeps.
@@ -137,7 +137,7 @@ public:
 private:
     Notifier* notifier;
     Mutex mutex;
-    std::deque<Message*> messages;
+    std::deque<Message*> messages TARN_GUARDED_BY(mutex);
 };
 
 /// The standard notifier for signals from ordinary threads: an event with two states. Any number of signals
@@ -161,8 +161,9 @@ public:
 private:
     Mutex mutex;
     Condition condition;
-    bool signalled = false;
-    bool waiter_woken = false; // Whether `condition.signal` succeeded for the pending signal.
+    bool signalled TARN_GUARDED_BY(mutex) = false;
+    bool waiter_woken TARN_GUARDED_BY(mutex) =
+        false; // Whether `condition.signal` succeeded for the pending signal.
 };
 
 } // namespace vesk

@@ -151,9 +151,9 @@ public:
     bool get(Result& out);
 
 private:
-    threadsafe::MutexImpl m_mutex; // Guards the results.
+    threadsafe::MutexImpl m_mutex;
     threadsafe::ConditionImpl m_condition;
-    std::list<Result> m_results;
+    std::list<Result> m_results TARN_GUARDED_BY(m_mutex);
 };
 
 /// Watches which services appear and disappear.

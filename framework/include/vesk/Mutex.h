@@ -19,7 +19,7 @@ namespace vesk {
 ///
 /// All operations may be called from any thread. After a failed `lock` the caller must not rely on the
 /// critical section. To share a lock between processes use `ShmMutex`.
-class VESK_API Mutex : private tarnbase::NonCopyable {
+class TARN_LOCK VESK_API Mutex : private tarnbase::NonCopyable {
 public:
     /// Failures of locks. Derives from `SysError`.
     static std::ErrorType const Error;
@@ -46,7 +46,7 @@ public:
     /// Waits for the lock (`pthread_mutex_lock`).
     /// @return true on failure: `ErrorId::INCONSISTENT` if the caller already holds a lock that is not
     ///         recursive, or if the lock is broken; otherwise `ErrorId::LOCK_FAILED`
-    VESK_API_INLINE bool lock() const noexcept {
+    VESK_API_INLINE bool lock() const noexcept TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
         int const result = m_impl.lock();
         return __builtin_expect(result != 0, 0) && reportLock(result);
     }
@@ -54,7 +54,7 @@ public:
     /// Releases the lock (`pthread_mutex_unlock`). Does not block.
     /// @return true on failure: `ErrorId::INCONSISTENT` if the caller does not hold the lock, or if it is
     ///         broken; otherwise `ErrorId::UNLOCK_FAILED`
-    VESK_API_INLINE bool unlock() const noexcept {
+    VESK_API_INLINE bool unlock() const noexcept TARN_RELEASE() TARN_NOT_ANALYZED {
         int const result = m_impl.unlock();
         return __builtin_expect(result != 0, 0) && reportUnlock(result);
     }

@@ -132,12 +132,13 @@ private:
     void collect(Calls& calls);
 
     SelfPipe self_pipe;
-    threadsafe::MutexImpl mutex; // Guards the entries. Only the polling thread uses the rows.
-    Entries additions;
-    Entries removals;
-    Entries clients;
-    std::vector<struct pollfd> fds; // Row 0 is for the pipe, row i + 1 for clients[i].
-    Calls spare_calls;              // Memory that the next cycle reuses.
+    threadsafe::MutexImpl mutex;
+    Entries additions TARN_GUARDED_BY(mutex);
+    Entries removals TARN_GUARDED_BY(mutex);
+    Entries clients TARN_GUARDED_BY(mutex);
+    std::vector<struct pollfd>
+        fds;           // Row 0 is for the pipe, row i + 1 for clients[i]. Used by the polling thread only.
+    Calls spare_calls; // Memory that the next cycle reuses.
 };
 
 /// A receiver of calls about descriptors. All calls come from the thread that is inside `Poller::poll`.

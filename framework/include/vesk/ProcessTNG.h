@@ -314,40 +314,38 @@ private:
     static constexpr int NO_PRIORITY = INT_MIN;
 
     int startLocked(ProcessImpl& impl, std::map<int, ProcessTNG*>& entry);
-    bool startChild();
-    [[noreturn]] void runChild(char* const* args, char* const* env) noexcept;
-    void applyScheduling() const;
-    void applyAffinity() const;
-    void redirectStreams(int own_pid) const;
-    void enterNewGroup() const;
-    template <typename Change>
-    void change(char const* function, Change make);
+    bool startChild() TARN_REQUIRES(mutex);
+    [[noreturn]] void runChild(char* const* args, char* const* env) noexcept TARN_REQUIRES(mutex);
+    void applyScheduling() const TARN_REQUIRES(mutex);
+    void applyAffinity() const TARN_REQUIRES(mutex);
+    void redirectStreams(int own_pid) const TARN_REQUIRES(mutex);
+    void enterNewGroup() const TARN_REQUIRES(mutex);
 
-    bool invalid = false;
-    int pid = INVALID_PROCESS_ID;
-    int last_pid = INVALID_PROCESS_ID;
-    std::string executable;
-    std::vector<std::string> arguments;
-    std::vector<std::pair<std::string, std::string>> environment;
-    std::string stdout_file;
-    std::string stderr_file;
-    std::string stdin_file;
-    int stdout_fd = -1;
-    int stdin_fd = -1;
-    int stderr_fd = -1;
-    bool in_new_group = false; // Of the running child.
-    ExitListener* exit_listener = nullptr;
-    bool stdout_null = false;
-    bool stderr_null = false;
-    bool stdout_append = false;
-    bool stderr_append = false;
-    bool new_group = false; // Of the next child.
-    Mutex mutex;            // Taken before the collector's. Guards all fields.
+    bool invalid TARN_GUARDED_BY(mutex) = false;
+    int pid TARN_GUARDED_BY(mutex) = INVALID_PROCESS_ID;
+    int last_pid TARN_GUARDED_BY(mutex) = INVALID_PROCESS_ID;
+    std::string executable TARN_GUARDED_BY(mutex);
+    std::vector<std::string> arguments TARN_GUARDED_BY(mutex);
+    std::vector<std::pair<std::string, std::string>> environment TARN_GUARDED_BY(mutex);
+    std::string stdout_file TARN_GUARDED_BY(mutex);
+    std::string stderr_file TARN_GUARDED_BY(mutex);
+    std::string stdin_file TARN_GUARDED_BY(mutex);
+    int stdout_fd TARN_GUARDED_BY(mutex) = -1;
+    int stdin_fd TARN_GUARDED_BY(mutex) = -1;
+    int stderr_fd TARN_GUARDED_BY(mutex) = -1;
+    bool in_new_group TARN_GUARDED_BY(mutex) = false; // Of the running child.
+    ExitListener* exit_listener TARN_GUARDED_BY(mutex) = nullptr;
+    bool stdout_null TARN_GUARDED_BY(mutex) = false;
+    bool stderr_null TARN_GUARDED_BY(mutex) = false;
+    bool stdout_append TARN_GUARDED_BY(mutex) = false;
+    bool stderr_append TARN_GUARDED_BY(mutex) = false;
+    bool new_group TARN_GUARDED_BY(mutex) = false; // Of the next child.
+    Mutex mutex;                                   // Taken before the collector's.
     Condition exit_condition;
-    ExitState m_last_state;
-    int priority_value = NO_PRIORITY;
-    sched::Attr sched_attrs;
-    std::vector<bool> affinity;
+    ExitState m_last_state TARN_GUARDED_BY(mutex);
+    int priority_value TARN_GUARDED_BY(mutex) = NO_PRIORITY;
+    sched::Attr sched_attrs TARN_GUARDED_BY(mutex);
+    std::vector<bool> affinity TARN_GUARDED_BY(mutex);
 };
 
 } // namespace vesk

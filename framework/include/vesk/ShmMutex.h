@@ -31,7 +31,7 @@ namespace vesk {
 /// - recover with new memory, not with a new lock in the old memory, which other processes may still map: the
 ///   process that created the memory creates it again with `Creatable::REPLACE`, and all others open it
 ///   again.
-class ShmMutex : private tarnbase::NonCopyable {
+class TARN_LOCK ShmMutex : private tarnbase::NonCopyable {
 public:
     /// The family of `Mutex`.
     static VESK_API std::ErrorType const& Error;
@@ -49,24 +49,26 @@ public:
 
     /// Waits for the lock (`pthread_mutex_lock`). Returns true on failure: `ErrorId::INCONSISTENT` if the
     /// lock is broken or its state does not allow the call, otherwise `ErrorId::LOCK_FAILED`.
-    bool lock() const {
+    bool lock() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
         int const error = pthread_mutex_lock(&m_mutex);
         return __builtin_expect(error != 0, 0) && MutexOps::handleLockError(error);
     }
 
     /// Takes the lock if it is free (`pthread_mutex_trylock`). Never blocks. Returns 0 if locked, 1 if busy
     /// (not reported), -1 on failure: `ErrorId::INCONSISTENT` or `ErrorId::LOCK_FAILED`.
-    signed char tryLock() const {
+    signed char tryLock() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
         int const error = pthread_mutex_trylock(&m_mutex);
         return error == 0 ? static_cast<signed char>(0) : MutexOps::handleTryLockError(error);
     }
 
     /// Waits for the lock for at most `ms` milliseconds; see `MutexOps::tryLockTimeout`.
-    signed char tryLockTimeout(long long const& ms) const { return MutexOps::tryLockTimeout(&m_mutex, ms); }
+    signed char tryLockTimeout(long long const& ms) const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
+        return MutexOps::tryLockTimeout(&m_mutex, ms);
+    }
 
     /// Releases the lock (`pthread_mutex_unlock`). Returns true on failure: `ErrorId::INCONSISTENT` if the
     /// lock is broken or its state does not allow the call, otherwise `ErrorId::UNLOCK_FAILED`.
-    bool unlock() const {
+    bool unlock() const TARN_RELEASE() TARN_NOT_ANALYZED {
         int const error = pthread_mutex_unlock(&m_mutex);
         return __builtin_expect(error != 0, 0) && MutexOps::handleUnlockError(error);
     }

@@ -66,8 +66,8 @@ private:
         int32_t pending = 0; // Occurrences not yet popped. Atomic, with full barriers.
     };
 
-    threadsafe::MutexImpl mutex; // Guards callbacks and data, and the walk of pop_nonblock.
-    Row signals[TARN_NSIGNALS];
+    threadsafe::MutexImpl mutex;
+    Row signals[TARN_NSIGNALS] TARN_GUARDED_BY(mutex); // Except for the counters.
     Dispatcher::Notifier* notifier;
 };
 

@@ -347,8 +347,8 @@ private:
         Mutex mutex;
         // Changed under the mutex. Atomic for the single case that locking it fails after a join.
         std::atomic<State> state{DEAD};
-        bool taken_over = false;  // The wrapper's start-up no longer needs the object. Under the mutex.
-        bool object_gone = false; // The object is being or was destroyed. Under the mutex.
+        bool taken_over TARN_GUARDED_BY(mutex) = false;  // The wrapper's start-up no longer needs the object.
+        bool object_gone TARN_GUARDED_BY(mutex) = false; // The object is being or was destroyed.
     };
 
     Thread(Fields, Function function, void* argument, bool detached);
@@ -365,12 +365,12 @@ private:
     bool markJoined();
     static bool suspendCaller(Shared& shared, long long ms);
     static bool isSuspended(Shared const& shared) noexcept;
-    static signed char waitForWakeup(Shared& shared, long long ms);
+    static signed char waitForWakeup(Shared& shared, long long ms) TARN_REQUIRES(shared.mutex);
 
-    void waitForTakeOver(char const* function);
-    void endUnstarted();
-    void leaveRunning();
-    void abandon();
+    void waitForTakeOver(char const* function) TARN_REQUIRES(m_shared.mutex);
+    void endUnstarted() TARN_RELEASE(m_shared.mutex);
+    void leaveRunning() TARN_RELEASE(m_shared.mutex);
+    void abandon() TARN_EXCLUDES(m_shared.mutex);
 
     State getState() const noexcept { return m_shared.state.load(std::memory_order_relaxed); }
     void setState(State state) noexcept { m_shared.state.store(state, std::memory_order_relaxed); }

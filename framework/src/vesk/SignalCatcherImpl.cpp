@@ -1,5 +1,7 @@
 #include <vesk/SignalCatcherImpl.h>
 
+#include "vesk/posix/detail/StaticMutex.h"
+
 #include <vesk/common/CancellationOff.h>
 
 #include <vesk/SignalDispatcher.h>
@@ -8,7 +10,6 @@
 
 #include <cerrno>
 #include <ctime>
-#include <pthread.h>
 
 namespace vesk {
 
@@ -25,15 +26,8 @@ void fail(char const* condition, char const* function, int line = __builtin_LINE
     std::GlobalErrorHandler::doAssert(false, condition, SOURCE, line, function, nullptr);
 }
 
-/// Serializes the installation and removal of catchers. Handlers do not take it.
-class [[nodiscard]] CatchersLock : private tarnbase::NonCopyable {
-public:
-    CatchersLock() noexcept { pthread_mutex_lock(&s_mutex); }
-    ~CatchersLock() { pthread_mutex_unlock(&s_mutex); }
-
-private:
-    static inline pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
-};
+// Serializes the installation and removal of catchers. Handlers do not take it.
+detail::StaticMutex s_catchers;
 
 } // namespace
 
@@ -68,7 +62,7 @@ SignalCatcherImpl::SignalCatcherImpl(
 
 /// Installs the handler. A refusal is not reported: such a catcher never fires.
 void SignalCatcherImpl::install() {
-    CatchersLock const lock;
+    detail::StaticLock const lock(s_catchers);
     Row& row = info[signal];
     older = row.newest;
     row.newest = this;
@@ -118,7 +112,7 @@ void SignalCatcherImpl::release() {
 /// Restores the previous action of the signal, and assigns the signal to the catcher that had it before.
 /// @return whether the signal had a handler of other code
 bool SignalCatcherImpl::uninstall() {
-    CatchersLock const lock;
+    detail::StaticLock const lock(s_catchers);
     Row& row = info[signal];
     if (row.newest == this) {
         bool const was_replaced = putActionBack();

@@ -2,6 +2,7 @@
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
+#include <tarncommon/threadsafe/Annotations.h>
 
 namespace vesk {
 
@@ -12,18 +13,21 @@ namespace vesk {
 ///
 /// `Lock` is any class with `lock()` and `unlock()` that return a result which converts to true on failure.
 template <typename Lock>
-class [[nodiscard]] AbortingLock : private tarnbase::NonCopyable {
+class [[nodiscard]] TARN_SCOPED_LOCK AbortingLock : private tarnbase::NonCopyable {
 public:
     /// @param file      source path of the operation, kept by pointer
     /// @param function  plain name of the operation, kept by pointer
     AbortingLock(Lock& lock, char const* file, char const* function, int line = __builtin_LINE())
-        : m_lock(lock), m_file(file), m_function(function), m_line(line) {
+        TARN_ACQUIRE(lock) TARN_NOT_ANALYZED : m_lock(lock),
+                                               m_file(file),
+                                               m_function(function),
+                                               m_line(line) {
         if (m_lock.lock()) {
             std::GlobalErrorHandler::doAbort(m_file, m_line, m_function, "error locking");
         }
     }
 
-    ~AbortingLock() {
+    ~AbortingLock() TARN_RELEASE() TARN_NOT_ANALYZED {
         if (m_lock.unlock()) {
             std::GlobalErrorHandler::doAbort(m_file, m_line, m_function, "error unlocking");
         }

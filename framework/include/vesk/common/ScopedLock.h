@@ -2,6 +2,7 @@
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
+#include <tarncommon/threadsafe/Annotations.h>
 
 namespace vesk {
 
@@ -14,12 +15,13 @@ namespace vesk {
 ///
 /// `LOCK` is the member that takes the lock, for a class that has more than one.
 template <typename Lock, auto LOCK = &Lock::lock>
-class [[nodiscard]] ScopedLock : private tarnbase::NonCopyable {
+class [[nodiscard]] TARN_SCOPED_LOCK ScopedLock : private tarnbase::NonCopyable {
 public:
     /// Waits for the lock.
-    explicit ScopedLock(Lock& lock) : m_lock(lock), m_locked(!(lock.*LOCK)()) {}
+    explicit ScopedLock(Lock& lock) TARN_ACQUIRE(lock) TARN_NOT_ANALYZED : m_lock(lock),
+                                                                           m_locked(!(lock.*LOCK)()) {}
 
-    ~ScopedLock() {
+    ~ScopedLock() TARN_RELEASE() TARN_NOT_ANALYZED {
         if (m_locked && m_lock.unlock()) {
             std::GlobalErrorHandler::doAbort(
                 "framework/include/vesk/common/ScopedLock", __LINE__, "~ScopedLock", "error unlocking");
@@ -30,7 +32,7 @@ public:
 
     /// Unlocks before the end of the scope. Returns true on failure, with the report of the lock's `unlock`.
     /// The guard does not touch the lock again in either case.
-    bool unlock() {
+    bool unlock() TARN_RELEASE() TARN_NOT_ANALYZED {
         m_locked = false;
         return m_lock.unlock();
     }

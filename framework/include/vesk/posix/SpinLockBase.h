@@ -6,13 +6,14 @@
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
+#include <tarncommon/threadsafe/Annotations.h>
 
 #include <pthread.h>
 
 namespace vesk {
 
 /// Common base of `SpinLock` and `ShmSpinLock`. Use one of these.
-class SpinLockBase : private tarnbase::NonCopyable {
+class TARN_LOCK SpinLockBase : private tarnbase::NonCopyable {
 public:
     /// Returns whether the lock was created. An invalid lock may only be destroyed.
     bool isValid() const noexcept { return m_valid; }
@@ -20,21 +21,21 @@ public:
     /// Spins until the lock is acquired (`pthread_spin_lock`). Does not sleep. A caller that already holds
     /// the lock spins forever. Returns true on failure: `ErrorId::INCONSISTENT` or `ErrorId::UNLOCK_FAILED`;
     /// see `SpinLockOps::handleLockError`.
-    bool lock() const {
+    bool lock() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
         int const error = pthread_spin_lock(&m_lock);
         return __builtin_expect(error != 0, 0) && SpinLockOps::handleLockError(error);
     }
 
     /// Takes the lock if it is free (`pthread_spin_trylock`). Never waits. Returns 0 if locked, 1 if busy
     /// (not reported), -1 on failure: `ErrorId::INCONSISTENT` or `ErrorId::LOCK_FAILED`.
-    signed char tryLock() const {
+    signed char tryLock() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
         int const error = pthread_spin_trylock(&m_lock);
         return error == 0 ? static_cast<signed char>(0) : SpinLockOps::handleTryLockError(error);
     }
 
     /// Releases the lock (`pthread_spin_unlock`). Does not check the owner. Returns true on failure:
     /// `ErrorId::INCONSISTENT` or `ErrorId::LOCK_FAILED`; see `SpinLockOps::handleUnlockError`.
-    bool unlock() const {
+    bool unlock() const TARN_RELEASE() TARN_NOT_ANALYZED {
         int const error = pthread_spin_unlock(&m_lock);
         return __builtin_expect(error != 0, 0) && SpinLockOps::handleUnlockError(error);
     }

@@ -2,6 +2,7 @@
 
 #include <tarncommon/Export.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
+#include <tarncommon/threadsafe/Annotations.h>
 
 #include <pthread.h>
 
@@ -22,7 +23,7 @@ public:
 
 /// A mutex between the threads of one process that checks its owner. The class makes no reports: operations
 /// return their result, and `errno` holds the system's error number behind a result other than 0.
-class TARN_API MutexImpl : public MutexBase, private tarnbase::NonCopyable {
+class TARN_LOCK TARN_API MutexImpl : public MutexBase, private tarnbase::NonCopyable {
 public:
     /// Creates the lock (`pthread_mutex_init`). A failure ends the process through
     /// `GlobalErrorHandler::doAbort`. The owner of a recursive lock may lock it again; the lock is free after
@@ -38,13 +39,13 @@ public:
 
     /// Blocks until the lock is acquired (`pthread_mutex_lock`).
     /// @return 0 on success; `ERROR_INCONSISTENCY`; any other value is another failure
-    TARN_API_INLINE int lock() noexcept {
+    TARN_API_INLINE int lock() noexcept TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
         int const error = pthread_mutex_lock(&m_mutex);
         return __builtin_expect(error == 0, 1) ? 0 : classify(error);
     }
 
     /// Releases the lock (`pthread_mutex_unlock`). Returns the same results as `lock`.
-    TARN_API_INLINE int unlock() noexcept {
+    TARN_API_INLINE int unlock() noexcept TARN_RELEASE() TARN_NOT_ANALYZED {
         int const error = pthread_mutex_unlock(&m_mutex);
         return __builtin_expect(error == 0, 1) ? 0 : classify(error);
     }

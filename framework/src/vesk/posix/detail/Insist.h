@@ -3,6 +3,7 @@
 #include "vesk/common/Report.h"
 
 #include <tarncommon/error/GlobalErrorHandler.h>
+#include <tarncommon/threadsafe/Annotations.h>
 
 namespace vesk::detail {
 
@@ -11,7 +12,7 @@ namespace vesk::detail {
 
 /// Locks a mutex. After a failure the caller continues as if it held the lock.
 template <typename Lock>
-void lockOrAbort(Place place, Lock& lock, char const* function) {
+void lockOrAbort(Place place, Lock& lock, char const* function) TARN_ACQUIRE(lock) TARN_NOT_ANALYZED {
     if (lock.lock()) {
         std::GlobalErrorHandler::doAbort(place.file, place.line, function, "error locking");
     }
@@ -19,7 +20,8 @@ void lockOrAbort(Place place, Lock& lock, char const* function) {
 
 /// Unlocks a mutex. Tries a second time after a failure: the operation cannot continue with the lock held.
 template <typename Lock>
-void unlockOrAbort(Place place, Lock& lock, char const* function, char const* failure = "error unlocking") {
+void unlockOrAbort(Place place, Lock& lock, char const* function, char const* failure = "error unlocking")
+    TARN_RELEASE(lock) TARN_NOT_ANALYZED {
     if (lock.unlock()) {
         std::GlobalErrorHandler::doAbort(place.file, place.line, function, "%s", failure);
         lock.unlock();
@@ -32,6 +34,13 @@ void insist(Place place, char const* function, char const* failure, Operation op
     while (operation()) {
         std::GlobalErrorHandler::doAbort(place.file, place.line, function, "%s", failure);
     }
+}
+
+/// Locks a mutex, and repeats that until it succeeds.
+template <typename Lock>
+void insistOnLock(Place place, Lock& lock, char const* function, char const* failure = "error locking")
+    TARN_ACQUIRE(lock) TARN_NOT_ANALYZED {
+    insist(place, function, failure, [&lock] { return lock.lock(); });
 }
 
 /// Allocates memory, and calls `GlobalErrorHandler::doOutOfMem`, which waits, as long as there is none.

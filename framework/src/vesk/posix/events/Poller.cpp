@@ -185,7 +185,7 @@ void Poller::rebuild(Calls& calls) {
     makeRoom(calls.writes, most);
 
     if (!removals.empty()) {
-        auto const is_removed = [this](Entry const& entry) {
+        auto const is_removed = [this](Entry const& entry) TARN_REQUIRES(mutex) {
             return std::find(removals.begin(), removals.end(), entry) != removals.end();
         };
         clients.erase(std::remove_if(clients.begin(), clients.end(), is_removed), clients.end());

@@ -209,7 +209,7 @@ bool LazyProcessInit::doInit() {
         return true; // `start` failed although the thread runs: keep the collector.
     }
     // Without the collector no exit state is ever reported: make each `start` fail instead.
-    g_process_impl->collector_running = false;
+    g_process_impl->discard();
     delete g_process_impl;
     g_process_impl = nullptr;
     return true;

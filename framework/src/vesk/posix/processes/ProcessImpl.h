@@ -27,21 +27,24 @@ public:
     /// Stops the collector after the last child has ended, and waits for that.
     void stop();
 
+    /// Prepares the destruction of a collector whose thread was never started: no other thread uses it.
+    void discard() noexcept TARN_NOT_ANALYZED { collector_running = false; }
+
     /// Reaps a child that has ended. Never blocks: something else may have reaped it already, and its id may
     /// belong to a running child.
     static void reap(int pid);
 
     Thread thread;
-    bool collector_running = true;
-    Mutex mutex; // Guards `collector_running` and `proc_obj_map`.
+    bool collector_running TARN_GUARDED_BY(mutex) = true;
+    Mutex mutex;
     Condition condition;
-    Children proc_obj_map;
+    Children proc_obj_map TARN_GUARDED_BY(mutex);
 
 private:
     static void threadEntry(void*);
     void processCollector();
-    void waitChild();
-    void handleWaitFailure(int error);
+    void waitChild() TARN_ACQUIRE(mutex);
+    void handleWaitFailure(int error) TARN_ACQUIRE(mutex);
 
     bool m_wait_failed = false; // Used by the collector's thread only.
 };
@@ -50,7 +53,7 @@ private:
 class ProcessStaticImpl {
 public:
     std::string name;
-    RWLock lock;
+    RWLock lock; // Guards the other fields.
     bool valid = false;
 };
 

@@ -120,15 +120,14 @@ void ProcessTNG::init() {
     } else {
         report(SOURCE, Chain::NEW, Vesk::ErrorId::INIT_FAILED, "process impl. object is invalid");
     }
-    change("init", [this, failed] {
-        invalid = failed;
-        priority_value = NO_PRIORITY;
-        stdout_null = false;
-        stderr_null = false;
-        stdout_append = false;
-        stderr_append = false;
-        new_group = false;
-    });
+    InternalLock const lock(mutex, SOURCE, "init");
+    invalid = failed;
+    priority_value = NO_PRIORITY;
+    stdout_null = false;
+    stderr_null = false;
+    stdout_append = false;
+    stderr_append = false;
+    new_group = false;
 }
 
 bool ProcessTNG::isValid() const {
@@ -179,13 +178,6 @@ void ProcessTNG::processExited(ProcessTNG* process, bool was_killed, int exit_st
 
 // ---- settings for the next child ----
 
-/// Changes settings under the object's lock.
-template <typename Change>
-void ProcessTNG::change(char const* function, Change make) {
-    InternalLock const lock(mutex, SOURCE, function);
-    make();
-}
-
 bool ProcessTNG::setExecutable(std::string const& path) {
     FileInfo const info(path, true);
     bool failed = !info.isValid();
@@ -193,87 +185,121 @@ bool ProcessTNG::setExecutable(std::string const& path) {
         report(SOURCE, Chain::NEW, FileAccessErrorId::BAD_PATH, path.c_str());
         failed = true;
     }
-    change("setExecutable", [&] {
-        executable = path;
-        invalid = invalid || failed;
-    });
+    InternalLock const lock(mutex, SOURCE, "setExecutable");
+    executable = path;
+    invalid = invalid || failed;
     return failed;
 }
 
 void ProcessTNG::setArguments(std::vector<std::string> const& argument_list) {
-    change("setArguments", [&] { arguments = argument_list; });
+    InternalLock const lock(mutex, SOURCE, "setArguments");
+    arguments = argument_list;
 }
 
 void ProcessTNG::setEnvironment(std::vector<std::pair<std::string, std::string>> const& variables) {
-    change("setEnvironment", [&] { environment = variables; });
+    InternalLock const lock(mutex, SOURCE, "setEnvironment");
+    environment = variables;
 }
 
 void ProcessTNG::setStdoutFile(std::string const& path, bool append) {
-    change("setStdoutFile", [&] {
-        stdout_file = path;
-        stdout_append = append;
-    });
+    InternalLock const lock(mutex, SOURCE, "setStdoutFile");
+    stdout_file = path;
+    stdout_append = append;
 }
 
 void ProcessTNG::setStderrFile(std::string const& path, bool append) {
-    change("setStderrFile", [&] {
-        stderr_file = path;
-        stderr_append = append;
-    });
+    InternalLock const lock(mutex, SOURCE, "setStderrFile");
+    stderr_file = path;
+    stderr_append = append;
 }
 
 void ProcessTNG::setStdinFile(std::string const& path) {
-    change("setStdinFile", [&] { stdin_file = path; });
+    InternalLock const lock(mutex, SOURCE, "setStdinFile");
+    stdin_file = path;
 }
 
 void ProcessTNG::setStdoutFd(int fd) {
-    change("setStdoutFd", [&] { stdout_fd = fd; });
+    InternalLock const lock(mutex, SOURCE, "setStdoutFd");
+    stdout_fd = fd;
 }
 
 void ProcessTNG::setStderrFd(int fd) {
-    change("setStderrFd", [&] { stderr_fd = fd; });
+    InternalLock const lock(mutex, SOURCE, "setStderrFd");
+    stderr_fd = fd;
 }
 
 void ProcessTNG::setStdinFd(int fd) {
-    change("setStdinFd", [&] { stdin_fd = fd; });
+    InternalLock const lock(mutex, SOURCE, "setStdinFd");
+    stdin_fd = fd;
 }
 
 void ProcessTNG::setStdoutNull(bool use_null) {
-    change("setStdoutNull", [&] { stdout_null = use_null; });
+    InternalLock const lock(mutex, SOURCE, "setStdoutNull");
+    stdout_null = use_null;
 }
 
 void ProcessTNG::setStderrNull(bool use_null) {
-    change("setStderrNull", [&] { stderr_null = use_null; });
+    InternalLock const lock(mutex, SOURCE, "setStderrNull");
+    stderr_null = use_null;
 }
 
 void ProcessTNG::setNewGroup(bool use_new_group) {
-    change("setNewGroup", [&] { new_group = use_new_group; });
+    InternalLock const lock(mutex, SOURCE, "setNewGroup");
+    new_group = use_new_group;
 }
 
 bool ProcessTNG::setPriority(bool use_default, int priority) {
-    change("setPriority", [&] {
-        priority_value = use_default ? NO_PRIORITY : priority;
-        sched_attrs.policy = use_default ? sched::VESK_SCHED_NOOP : sched::VESK_SCHED_POLICY_KEEP;
-    });
+    InternalLock const lock(mutex, SOURCE, "setPriority");
+    priority_value = use_default ? NO_PRIORITY : priority;
+    sched_attrs.policy = use_default ? sched::VESK_SCHED_NOOP : sched::VESK_SCHED_POLICY_KEEP;
     return false;
 }
 
 bool ProcessTNG::setSchedAttrs(sched::Attr const& attrs) {
-    change("setSchedAttrs", [&] { sched_attrs = attrs; });
+    InternalLock const lock(mutex, SOURCE, "setSchedAttrs");
+    sched_attrs = attrs;
     return false;
 }
 
 void ProcessTNG::setAffinity(std::vector<bool> const& processors) {
-    change("setAffinity", [&] { affinity = processors; });
+    InternalLock const lock(mutex, SOURCE, "setAffinity");
+    affinity = processors;
 }
 
 void ProcessTNG::setExitListener(ExitListener* listener) {
-    change("setExitListener", [&] { exit_listener = listener; });
+    InternalLock const lock(mutex, SOURCE, "setExitListener");
+    exit_listener = listener;
 }
 
 // ---- running a child ----
 
-int ProcessTNG::start() {
+/// Starts the child. The collector's lock is held from before the fork until the entry exists: the child may
+/// have ended by then. Releases both locks.
+int ProcessTNG::startLocked(ProcessImpl& impl, ProcessImpl::Children& entry) TARN_RELEASE(mutex)
+    TARN_RELEASE(impl.mutex) {
+    if (startChild()) {
+        unlockOrAbort(SOURCE, mutex, "start");
+        unlockOrAbort(SOURCE, impl.mutex, "start");
+        return INVALID_PROCESS_ID;
+    }
+    auto node = entry.extract(INVALID_PROCESS_ID);
+    node.key() = pid;
+    auto const entered = impl.proc_obj_map.insert(std::move(node));
+    GlobalErrorHandler::doAssert(entered.inserted, "entered.inserted", SOURCE, __LINE__, "start", nullptr);
+    // An existing entry of this id belongs to a child that something else has reaped: its exit state never
+    // arrives.
+    entered.position->second = this;
+    if (impl.condition.signal()) {
+        GlobalErrorHandler::doAbort(SOURCE, __LINE__, "start", "error signaling condition");
+    }
+    unlockOrAbort(SOURCE, impl.mutex, "start");
+    int const started = pid;
+    unlockOrAbort(SOURCE, mutex, "start");
+    return started;
+}
+
+/// Not analyzed: after a failed lock of the collector the object stays locked.
+int ProcessTNG::start() TARN_NOT_ANALYZED {
     // Cancellation must not leave the locks held, and must not act a second time in the child.
     CancellationOff const cancellation_off;
     // Allocated before any lock is taken and before the fork, so that a failure leaves nothing behind.
@@ -304,30 +330,6 @@ int ProcessTNG::start() {
         return INVALID_PROCESS_ID;
     }
     return startLocked(*impl, entry);
-}
-
-/// Starts the child. The collector's lock is held from before the fork until the entry exists: the child may
-/// have ended by then. Releases both locks.
-int ProcessTNG::startLocked(ProcessImpl& impl, ProcessImpl::Children& entry) {
-    if (startChild()) {
-        unlockOrAbort(SOURCE, mutex, "start");
-        unlockOrAbort(SOURCE, impl.mutex, "start");
-        return INVALID_PROCESS_ID;
-    }
-    auto node = entry.extract(INVALID_PROCESS_ID);
-    node.key() = pid;
-    auto const entered = impl.proc_obj_map.insert(std::move(node));
-    GlobalErrorHandler::doAssert(entered.inserted, "entered.inserted", SOURCE, __LINE__, "start", nullptr);
-    // An existing entry of this id belongs to a child that something else has reaped: its exit state never
-    // arrives.
-    entered.position->second = this;
-    if (impl.condition.signal()) {
-        GlobalErrorHandler::doAbort(SOURCE, __LINE__, "start", "error signaling condition");
-    }
-    unlockOrAbort(SOURCE, impl.mutex, "start");
-    int const started = pid;
-    unlockOrAbort(SOURCE, mutex, "start");
-    return started;
 }
 
 bool ProcessTNG::wait(ExitState& state, bool timed, long long timeout) {

@@ -1,6 +1,7 @@
 #include <vesk/Alarm.h>
 
 #include "vesk/common/AlarmTable.h"
+#include "vesk/posix/detail/StaticMutex.h"
 #include <vesk/common/CancellationOff.h>
 
 #include <vesk/Thread.h>
@@ -29,15 +30,8 @@ constexpr Duration FAR_AWAY(std::numeric_limits<unsigned long long>::max() / 100
 
 using InternalLock = AbortingLock<threadsafe::MutexImpl>;
 
-/// Guards the ringers of all engines, and what these threads wait for.
-class [[nodiscard]] RingersLock : private tarnbase::NonCopyable {
-public:
-    RingersLock() noexcept { pthread_mutex_lock(&s_mutex); }
-    ~RingersLock() { pthread_mutex_unlock(&s_mutex); }
-
-private:
-    static inline pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
-};
+// Guards the ringers of all engines, and what these threads wait for.
+detail::StaticMutex s_ringers;
 
 /// Returns `now` plus `delay`, at most `TimePoint::MAX`. An expiry is neither negative nor wraps around, so
 /// the order is the same with signed and unsigned numbers.
@@ -56,7 +50,7 @@ timer_t getNoTimer() noexcept {
 /// The state of a thread that runs rings. Each thread has one.
 struct detail::AlarmRinger {
     unsigned int rings = 0; // More than one if a callback calls `ring`.
-    Alarm::Timer const* waits_for = nullptr;
+    Alarm::Timer const* waits_for TARN_GUARDED_BY(s_ringers) = nullptr;
 };
 
 namespace {
@@ -79,14 +73,15 @@ void Alarm::deliver() const {
 
 /// Holds the engine's lock for one of its operations. It does not wait for the current ring in a callback of
 /// that ring, nor if the ring waits for the calling thread.
-class [[nodiscard]] Alarm::Timer::Access : private tarnbase::NonCopyable {
+class [[nodiscard]] TARN_SCOPED_LOCK Alarm::Timer::Access : private tarnbase::NonCopyable {
 public:
     Access(Timer& engine, char const* function, int line = __builtin_LINE())
-        : m_lock(engine.m_lock, SOURCE, function, line) {
+        TARN_ACQUIRE(engine.m_lock) TARN_NOT_ANALYZED : m_lock(engine.m_lock, SOURCE, function, line) {
         if (engine.isOfOtherThread()) {
             engine.waitForRing(function);
         }
     }
+    ~Access() TARN_RELEASE() = default;
 
 private:
     InternalLock m_lock;
@@ -100,7 +95,7 @@ public:
         if (t_ringer.rings == 0) {
             return;
         }
-        RingersLock const lock;
+        detail::StaticLock const lock(s_ringers);
         m_is_deadlock = leadsToCaller(engine);
         if (!m_is_deadlock) {
             t_ringer.waits_for = &engine;
@@ -108,7 +103,7 @@ public:
     }
     ~Waiting() {
         if (t_ringer.rings != 0) {
-            RingersLock const lock;
+            detail::StaticLock const lock(s_ringers);
             t_ringer.waits_for = nullptr;
         }
     }
@@ -143,7 +138,7 @@ public:
 private:
     static constexpr Alarm const* NONE = nullptr;
 
-    void enter() noexcept;
+    void enter() noexcept TARN_REQUIRES(m_engine.m_lock);
     void end() noexcept;
 
     Timer& m_engine;
@@ -234,7 +229,7 @@ bool Alarm::Timer::isCallingBack() const noexcept {
     if (!isOfOtherThread()) {
         return false;
     }
-    RingersLock const lock;
+    detail::StaticLock const lock(s_ringers);
     return !leadsToCaller(*this);
 }
 
@@ -249,7 +244,7 @@ bool Alarm::Timer::isOfOtherThread() const noexcept {
 }
 
 /// Returns whether the engine's ring waits for a ring of the calling thread, directly or through other rings.
-bool Alarm::Timer::leadsToCaller(Timer const& engine) noexcept {
+bool Alarm::Timer::leadsToCaller(Timer const& engine) noexcept TARN_REQUIRES(s_ringers) {
     for (Timer const* next = &engine; next != nullptr;) {
         detail::AlarmRinger const* const ringer = next->m_ringer.load(std::memory_order_relaxed);
         if (ringer == &t_ringer) {
@@ -346,7 +341,7 @@ void Alarm::Timer::Ring::deliver() {
 }
 
 void Alarm::Timer::Ring::enter() noexcept {
-    RingersLock const lock;
+    detail::StaticLock const lock(s_ringers);
     m_begun = true;
     m_outer = m_engine.m_ring;
     m_engine.m_ring = this;
@@ -357,7 +352,7 @@ void Alarm::Timer::Ring::enter() noexcept {
 void Alarm::Timer::Ring::end() noexcept {
     InternalLock const lock(m_engine.m_lock, SOURCE, "ring");
     m_engine.armForNext(m_now);
-    RingersLock const ringers_lock;
+    detail::StaticLock const ringers_lock(s_ringers);
     m_engine.m_ring = m_outer;
     if (m_outer == nullptr) {
         m_engine.m_ringer.store(nullptr, std::memory_order_release);

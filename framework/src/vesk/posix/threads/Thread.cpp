@@ -259,7 +259,7 @@ void Thread::applyNice() {
 
 /// Waits for the start, and ends the use of the object by the start-up. Returns true if the body must run.
 bool Thread::takeOver() {
-    insist(SOURCE, "threadWrapper", "error getting state lock", [this] { return m_shared.mutex.lock(); });
+    insistOnLock(SOURCE, m_shared.mutex, "threadWrapper", "error getting state lock");
     while (getState() == CREATED) {
         if (m_shared.condition.wait(m_shared.mutex)) {
             GlobalErrorHandler::doAbort(SOURCE, __LINE__, "threadWrapper", "error waiting on condition");
@@ -278,7 +278,7 @@ bool Thread::takeOver() {
 /// Ends a joinable thread after its body has returned.
 void Thread::finish() {
     callExitHandlers(getCallerThreadId(), EXIT_NORMAL);
-    insist(SOURCE, "threadWrapper", "error locking", [this] { return m_shared.mutex.lock(); });
+    insistOnLock(SOURCE, m_shared.mutex, "threadWrapper");
     setState(FINISHED);
     unlockOrAbort(SOURCE, m_shared.mutex, "threadWrapper", "error unlocking");
 }
@@ -543,7 +543,7 @@ Thread::~Thread() {
         return;
     }
     CancellationOff const cancellation_off;
-    insist(SOURCE, DESTRUCTOR, "error getting state lock", [this] { return m_shared.mutex.lock(); });
+    insistOnLock(SOURCE, m_shared.mutex, DESTRUCTOR, "error getting state lock");
     // Also waits for a terminated joinable thread: it may not have reached its wrapper yet, and is never
     // joined.
     if ((m_detached_mode && getState() != CREATED) || getState() == DEAD) {
@@ -585,7 +585,7 @@ void Thread::endUnstarted() {
         insist(SOURCE, DESTRUCTOR, "error joining non-detached thread", [this] { return join(); });
         return;
     }
-    insist(SOURCE, DESTRUCTOR, "error locking", [this] { return m_shared.mutex.lock(); });
+    insistOnLock(SOURCE, m_shared.mutex, DESTRUCTOR);
     waitForTakeOver(DESTRUCTOR);
     unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
 }
@@ -608,7 +608,7 @@ void Thread::leaveRunning() {
 /// Lets a joinable thread that runs continue without its object, unless it is about to end. Reached only if a
 /// hook lets `doAbort` return.
 void Thread::abandon() {
-    insist(SOURCE, DESTRUCTOR, "error getting state lock", [this] { return m_shared.mutex.lock(); });
+    insistOnLock(SOURCE, m_shared.mutex, DESTRUCTOR, "error getting state lock");
     setState(DEAD);
     waitForTakeOver(DESTRUCTOR);
     unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);

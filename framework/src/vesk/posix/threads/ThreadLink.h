@@ -108,8 +108,8 @@ private:
     void release() noexcept;
 
     threadsafe::MutexImpl m_lock; // Acquired after the state mutex where both are needed.
-    End m_end = End::OPEN;
-    bool m_gone = false;
+    End m_end TARN_GUARDED_BY(m_lock) = End::OPEN;
+    bool m_gone TARN_GUARDED_BY(m_lock) = false;
     std::atomic<int> m_sides{2};
 };
 
