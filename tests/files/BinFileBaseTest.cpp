@@ -40,15 +40,22 @@ protected:
         return m_file.getDescriptor();
     }
 
+    /// Checks the descriptor, the flags and the error state of the file.
+    testing::AssertionResult hasState(int fd, unsigned int flags, bool had_error = false) const {
+        if (m_file.getDescriptor() == fd && m_file.isValid() == (fd != -1) && m_file.getFlags() == flags &&
+            m_file.hadError() == had_error) {
+            return testing::AssertionSuccess();
+        }
+        return testing::AssertionFailure() << "descriptor " << m_file.getDescriptor() << ", flags "
+                                           << m_file.getFlags() << ", hadError() " << m_file.hadError();
+    }
+
     File m_file;
     Pipe m_pipe;
 };
 
 TEST_F(BinFileBaseTest, startsClosed) {
-    EXPECT_FALSE(m_file.isValid());
-    EXPECT_EQ(-1, m_file.getDescriptor());
-    EXPECT_EQ(0U, m_file.getFlags());
-    EXPECT_FALSE(m_file.hadError());
+    EXPECT_TRUE(hasState(-1, 0));
     EXPECT_EQ("", m_file.getTempPath());
 }
 
@@ -70,16 +77,8 @@ TEST_F(BinFileBaseTest, flagsOfADirectionStartWithItsBits) {
     EXPECT_TRUE(OpenFlags(BinFileBase::READ) != OpenFlags(2U));
 }
 
-// ---- flags ----
-
-struct FlagRow {
-    unsigned int word;
-    int system_flags;
-};
-
-void PrintTo(FlagRow const& row, std::ostream* out) {
-    *out << "0x" << std::hex << row.word << std::dec;
-}
+/// The flags of a file, and those of the system.
+using FlagRow = std::pair<unsigned int, int>;
 
 class BinFileBaseFlags : public BinFileBaseTest, public testing::WithParamInterface<FlagRow> {};
 
@@ -111,15 +110,12 @@ INSTANTIATE_TEST_SUITE_P(
         FlagRow{0x7F, O_RDWR | O_NONBLOCK | O_CREAT | O_TRUNC | O_APPEND | O_EXCL},
         FlagRow{0xFFFFFF81, O_RDONLY}));
 
-TEST_F(BinFileBaseTest, accessIsPassedOnUnmasked) {
+TEST_F(BinFileBaseTest, accessIsPassedOnAndTheSystemAppliesTheUmask) {
+    ScopedUmask const mask(027);
     Fault const fault(inject_open, ENOENT);
     EXPECT_TRUE(m_file.open("name", BinFileBase::WRITE | BinFileBase::CREATE, FileAccess(0177777)));
     EXPECT_EQ(0177777U, s_file_calls.open_mode);
     EXPECT_TRUE(isMissing("name"));
-}
-
-TEST_F(BinFileBaseTest, createdFileHasTheAccessWithoutTheBitsOfTheUmask) {
-    ScopedUmask const mask(027);
     EXPECT_FALSE(m_file.open(
         m_missing.c_str(), BinFileBase::WRITE | BinFileBase::CREATE, BinFileBase::DEFAULT_ACCESS));
     EXPECT_EQ(0640U, m_file.getFileInfo().getAccess().getBits());
@@ -156,30 +152,20 @@ TEST_F(BinFileBaseTest, appendWritesBehindTheFileAndTruncateEmptiesIt) {
     EXPECT_EQ("", contentOf(m_path));
 }
 
-// ---- open ----
-
-TEST_F(BinFileBaseTest, openWithoutAPathSucceedsAndStaysClosed) {
+TEST_F(BinFileBaseTest, openWithoutAPathSucceedsAndOnlyClosesTheOpenFile) {
+    int const fd = getOpened();
     Calls const none(inject_open, 0);
     for (char const* const path : {static_cast<char const*>(nullptr), ""}) {
-        EXPECT_FALSE(m_file.open(path, BinFileBase::READ, FileAccess::none));
-        EXPECT_FALSE(m_file.isValid());
-        EXPECT_TRUE(hasNoError(m_file));
-        EXPECT_EQ(0U, m_file.getFlags());
+        EXPECT_FALSE(m_file.open(path, BinFileBase::WRITE, FileAccess::none));
+        EXPECT_TRUE(hasState(-1, 1)) << "the flags are kept";
+        EXPECT_FALSE(isOpen(fd));
     }
-}
-
-TEST_F(BinFileBaseTest, openWithoutAPathClosesTheOpenFile) {
-    int const fd = getOpened();
-    EXPECT_FALSE(open("", BinFileBase::WRITE));
-    EXPECT_FALSE(m_file.isValid());
-    EXPECT_FALSE(isOpen(fd));
-    EXPECT_EQ(1U, m_file.getFlags()) << "the flags are kept";
 }
 
 TEST_F(BinFileBaseTest, openClosesTheOpenFileFirst) {
     int const fd = getOpened();
-    EXPECT_EQ(fd, getOpened(m_path, BinFileBase::READ_WRITE)) << "the lowest number is free again";
-    EXPECT_EQ(3U, m_file.getFlags());
+    EXPECT_FALSE(open(m_path, BinFileBase::READ_WRITE));
+    EXPECT_TRUE(hasState(fd, 3)) << "the lowest number is free again";
     char c = 0;
     EXPECT_EQ(1, read(fd, &c, 1));
     EXPECT_EQ('a', c);
@@ -187,12 +173,15 @@ TEST_F(BinFileBaseTest, openClosesTheOpenFileFirst) {
 
 TEST_F(BinFileBaseTest, openStopsWhenTheOldFileCannotBeClosed) {
     int const fd = getOpened();
-    Fault const fault(inject_close, EIO);
     Calls const none(inject_open, 0);
+    Fault const fault(inject_close, EIO, 1, 2);
     EXPECT_TRUE(open(m_path, BinFileBase::WRITE));
-    EXPECT_TRUE(hasFailed(m_file, SysErrorId::INPUT_OUTPUT, EIO));
-    EXPECT_EQ(fd, m_file.getDescriptor());
-    EXPECT_EQ(1U, m_file.getFlags());
+    EXPECT_TRUE(causeIs(SysErrorId::INPUT_OUTPUT, EIO));
+    EXPECT_TRUE(hasState(fd, 1, true));
+    EXPECT_TRUE(m_file.open(m_pipe, true));
+    EXPECT_TRUE(causeIs(SysErrorId::INPUT_OUTPUT, EIO));
+    EXPECT_TRUE(hasState(fd, 1, true));
+    EXPECT_NE(-1, m_pipe.getWriteEnd());
 }
 
 TEST_F(BinFileBaseTest, openClosesThroughTheDerivedClass) {
@@ -218,10 +207,15 @@ TEST_F(BinFileBaseTest, openClosesThroughTheDerivedClass) {
     EXPECT_EQ(3, file.closes);
 }
 
-TEST_F(BinFileBaseTest, openClearsTheErrorOfAnInterruptedClose) {
+TEST_F(BinFileBaseTest, openClearsTheErrorOfTheCallBeforeAndOfAnInterruptedClose) {
     for (auto const& reopen : std::initializer_list<std::function<bool()>>{
-             [&] { return open("/dev/null"); }, [&] { return m_file.open(m_pipe, false); },
-             [&] { return open(""); }}) {
+             [&] { return open("/dev/null"); },
+             [&] { return m_file.open(m_pipe, m_pipe.getReadEnd() == -1); }, [&] { return open(""); }}) {
+        EXPECT_TRUE(open(m_missing));
+        EXPECT_TRUE(isMissing(m_missing));
+        EXPECT_TRUE(m_file.hadError());
+        EXPECT_FALSE(reopen());
+        EXPECT_FALSE(m_file.hadError());
         getOpened();
         Calls const calls(inject_close, 2, EINTR);
         EXPECT_FALSE(reopen());
@@ -233,12 +227,7 @@ TEST_F(BinFileBaseTest, failedOpenLeavesTheObjectClosedWithTheNewFlags) {
     getOpened();
     EXPECT_TRUE(open(m_missing, BinFileBase::WRITE));
     EXPECT_TRUE(isMissing(m_missing));
-    EXPECT_FALSE(m_file.isValid());
-    EXPECT_EQ(-1, m_file.getDescriptor());
-    EXPECT_EQ(2U, m_file.getFlags());
-    EXPECT_TRUE(m_file.hadError());
-    getOpened();
-    EXPECT_FALSE(m_file.hadError());
+    EXPECT_TRUE(hasState(-1, 2, true));
 }
 
 class BinFileBaseOpen : public BinFileBaseTest, public testing::WithParamInterface<PathRow> {
@@ -279,14 +268,17 @@ INSTANTIATE_TEST_SUITE_P(
         {{EAGAIN, EIO}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
     }));
 
-TEST_F(BinFileBaseTest, interruptedOpenIsRepeated) {
-    Calls const calls(inject_open, 4, EINTR, 3);
+TEST_F(BinFileBaseTest, interruptedCallsAreRepeated) {
+    Calls const opens(inject_open, 4, EINTR, 3);
     EXPECT_FALSE(open(m_path));
     EXPECT_TRUE(m_file.isValid());
     EXPECT_FALSE(m_file.close());
-    Calls const entry_fault(inject_openat, 4, EINTR, 3);
-    EXPECT_FALSE(openAt("file"));
+    Calls const openats(inject_openat, 4, EINTR, 3);
+    EXPECT_FALSE(m_file.openAt(m_dir, "file", true, BinFileBase::WRITE, FileAccess::none));
     EXPECT_TRUE(m_file.isValid());
+    Calls const truncates(inject_ftruncate, 4, EINTR, 3);
+    EXPECT_FALSE(m_file.truncateSize(1));
+    EXPECT_EQ(1, m_file.getFileInfo().getSize());
 }
 
 TEST_F(BinFileBaseTest, pathThatTheSystemDoesNotOpenIsReported) {
@@ -344,54 +336,20 @@ TEST_F(BinFileBaseTest, readOnlyFileSystemDeniesWriting) {
     }
 }
 
-// ---- open on a pipe ----
-
-TEST_F(BinFileBaseTest, endOfAPipeMovesIntoTheFile) {
+TEST_F(BinFileBaseTest, endOfAPipeMovesIntoTheFileAndIsMissingForASecondOpen) {
     int const read_end = m_pipe.getReadEnd();
     int const write_end = m_pipe.getWriteEnd();
     EXPECT_FALSE(m_file.open(m_pipe, false));
-    EXPECT_EQ(read_end, m_file.getDescriptor());
-    EXPECT_EQ(1U, m_file.getFlags());
+    EXPECT_TRUE(hasState(read_end, 1));
     EXPECT_EQ(-1, m_pipe.getReadEnd());
     EXPECT_EQ(write_end, m_pipe.getWriteEnd());
-    File writer;
-    EXPECT_FALSE(writer.open(m_pipe, true));
-    EXPECT_EQ(write_end, writer.getDescriptor());
-    EXPECT_EQ(2U, writer.getFlags());
+    EXPECT_FALSE(m_file.open(m_pipe, false));
+    EXPECT_TRUE(hasState(-1, 1));
+    EXPECT_FALSE(isOpen(read_end));
+    EXPECT_FALSE(m_file.open(m_pipe, true));
+    EXPECT_TRUE(hasState(write_end, 2));
     EXPECT_EQ(-1, m_pipe.getWriteEnd());
 }
-
-TEST_F(BinFileBaseTest, secondOpenOnTheSameEndOfAPipeLeavesTheObjectClosed) {
-    EXPECT_FALSE(m_file.open(m_pipe, false));
-    int const fd = m_file.getDescriptor();
-    EXPECT_FALSE(m_file.open(m_pipe, false));
-    EXPECT_FALSE(isOpen(fd));
-    EXPECT_FALSE(m_file.isValid());
-    EXPECT_EQ(1U, m_file.getFlags());
-    EXPECT_FALSE(m_file.open(m_pipe, true));
-    EXPECT_TRUE(m_file.isValid());
-    EXPECT_EQ(2U, m_file.getFlags());
-}
-
-TEST_F(BinFileBaseTest, openOnAPipeStopsWhenTheOldFileCannotBeClosed) {
-    int const fd = getOpened("/dev/null", BinFileBase::READ_WRITE);
-    Fault const fault(inject_close, EIO);
-    EXPECT_TRUE(m_file.open(m_pipe, false));
-    EXPECT_TRUE(causeIs(SysErrorId::INPUT_OUTPUT, EIO));
-    EXPECT_EQ(fd, m_file.getDescriptor());
-    EXPECT_EQ(3U, m_file.getFlags());
-    EXPECT_NE(-1, m_pipe.getReadEnd());
-}
-
-TEST_F(BinFileBaseTest, openOnAPipeClearsTheError) {
-    EXPECT_TRUE(open(m_missing));
-    EXPECT_TRUE(isMissing(m_missing));
-    EXPECT_TRUE(m_file.hadError());
-    EXPECT_FALSE(m_file.open(m_pipe, false));
-    EXPECT_FALSE(m_file.hadError());
-}
-
-// ---- openAt ----
 
 TEST_F(BinFileBaseTest, entryIsOpenedAfterItsDirectoryHasMoved) {
     m_folder.makeFolder("before");
@@ -400,7 +358,6 @@ TEST_F(BinFileBaseTest, entryIsOpenedAfterItsDirectoryHasMoved) {
     ASSERT_EQ(0, rename((m_folder / "before").c_str(), (m_folder / "after").c_str()));
     EXPECT_FALSE(m_file.openAt(dir, "file", true, BinFileBase::READ, FileAccess::none));
     EXPECT_EQ(3, m_file.getFileInfo().getSize());
-    EXPECT_EQ(1U, m_file.getFlags());
     EXPECT_FALSE(m_file.close());
     EXPECT_FALSE(m_file.openAt(dir, "new", true, BinFileBase::EXCLUSIVE, FileAccess(0600)));
     EXPECT_EQ("", contentOf(m_folder / "after/new"));
@@ -420,8 +377,7 @@ TEST_F(BinFileBaseTest, nameThatIsNoEntryAndInvalidDirectoryAreRefusedWithTheTex
         expect_refusal(invalid, name);
     }
     expect_refusal(invalid, "file");
-    EXPECT_FALSE(m_file.isValid());
-    EXPECT_EQ(0U, m_file.getFlags());
+    EXPECT_TRUE(hasState(-1, 0));
 }
 
 TEST_F(BinFileBaseTest, symbolicLinkIsFollowedOnlyIfRequested) {
@@ -452,22 +408,16 @@ TEST_F(BinFileBaseTest, openAtOverwritesTheDescriptorAndKeepsThePreviousError) {
     close(second);
 }
 
-// ---- close ----
-
-TEST_F(BinFileBaseTest, closeOfAClosedObjectSucceedsAndClearsTheError) {
+TEST_F(BinFileBaseTest, closeClosesTheDescriptorOnceAndClearsTheError) {
+    int const fd = getOpened();
+    Calls const calls(inject_close, 1);
+    EXPECT_FALSE(m_file.close());
+    EXPECT_TRUE(hasState(-1, 1));
+    EXPECT_FALSE(isOpen(fd));
     EXPECT_TRUE(open(m_missing));
     EXPECT_TRUE(isMissing(m_missing));
-    Calls const none(inject_close, 0);
     EXPECT_FALSE(m_file.close());
-    EXPECT_FALSE(m_file.hadError());
-}
-
-TEST_F(BinFileBaseTest, closeClosesTheDescriptor) {
-    int const fd = getOpened();
-    EXPECT_FALSE(m_file.close());
-    EXPECT_FALSE(m_file.isValid());
-    EXPECT_FALSE(m_file.hadError());
-    EXPECT_FALSE(isOpen(fd));
+    EXPECT_TRUE(hasState(-1, 1));
     getOpened();
     EXPECT_TRUE(m_file.isValid()) << "it can be opened again";
 }
@@ -480,9 +430,8 @@ TEST_P(BinFileBaseClose, failureIsReportedAndLeavesTheObjectOpenOrClosed) {
     Fault const fault(inject_close, error);
     EXPECT_TRUE(m_file.close());
     EXPECT_EQ(1, fault.getCalls());
-    EXPECT_TRUE(hasFailed(m_file, cause, error));
-    EXPECT_EQ(stays_open ? fd : -1, m_file.getDescriptor());
-    EXPECT_EQ(stays_open, m_file.isValid());
+    EXPECT_TRUE(causeIs(cause, error));
+    EXPECT_TRUE(hasState(stays_open ? fd : -1, 1, true));
     EXPECT_FALSE(m_file.close()) << "it can be tried again";
     EXPECT_EQ(!stays_open, isOpen(fd));
     close(fd);
@@ -501,8 +450,7 @@ TEST_F(BinFileBaseTest, interruptedCloseSucceedsButCountsAsAnError) {
     int const fd = getOpened();
     Calls const calls(inject_close, 4, EINTR, 3);
     EXPECT_FALSE(m_file.close());
-    EXPECT_TRUE(m_file.hadError());
-    EXPECT_FALSE(m_file.isValid());
+    EXPECT_TRUE(hasState(-1, 1, true));
     EXPECT_FALSE(isOpen(fd));
 }
 
@@ -517,15 +465,61 @@ TEST_F(BinFileBaseTest, descriptorThatIsNoLongerOpenFailsEachOperation) {
     EXPECT_FALSE(m_file.isValid());
 }
 
-// ---- getFileInfo ----
+struct Operation {
+    Injected* call;
+    char const* text; ///< How it fails on a closed object.
+    bool (*fails)(BinFileBase& file);
+};
 
-testing::AssertionResult isEmpty(FileInfo const& info) {
+bool failsToGetFileInfo(BinFileBase& file) {
     struct stat const zeros{};
-    if (info.isValid() || memcmp(&zeros, &info.getStat(), sizeof zeros) != 0) {
-        return testing::AssertionFailure() << "the information is valid, or not zeroed";
-    }
-    return testing::AssertionSuccess();
+    FileInfo const info = file.getFileInfo();
+    EXPECT_TRUE(info.isValid() || memcmp(&zeros, &info.getStat(), sizeof zeros) == 0);
+    return !info.isValid();
 }
+
+Operation const GET_INFO{
+    &inject_fstat, "Attempted to obtain FileInfo object from invalid BinFileBase()", failsToGetFileInfo};
+Operation const TRUNCATE{
+    &inject_ftruncate, "Tried to truncate invalid file", [](auto& file) { return file.truncateSize(1); }};
+
+class BinFileBaseRows : public BinFileBaseTest,
+                        public testing::WithParamInterface<std::tuple<Operation, ErrnoRow<>>> {};
+
+TEST_P(BinFileBaseRows, failureIsReportedWithoutAPath) {
+    auto const& [operation, row] = GetParam();
+    Calls const calls(*operation.call, 1, row.error);
+    EXPECT_TRUE(operation.fails(m_file));
+    EXPECT_TRUE(contractIsBroken(operation.text)) << "on a closed object";
+    EXPECT_FALSE(m_file.hadError());
+    getOpened("/dev/null", BinFileBase::WRITE);
+    EXPECT_TRUE(operation.fails(m_file));
+    EXPECT_TRUE(causeIs(row.cause, row.error));
+    EXPECT_TRUE(m_file.isValid());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    getFileInfo, BinFileBaseRows,
+    testing::Combine(
+        testing::Values(GET_INFO),
+        rowsOf({
+            {{EIO}, SysErrorId::INPUT_OUTPUT},
+            {{EBADF, EFAULT}, SysErrorId::SPOILED_INTEGRITY},
+            {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+            {{EOVERFLOW, EINTR}, SysErrorId::UNCLASSIFIED},
+        })));
+
+INSTANTIATE_TEST_SUITE_P(
+    truncateSize, BinFileBaseRows,
+    testing::Combine(
+        testing::Values(TRUNCATE),
+        rowsOf({
+            {{EIO}, SysErrorId::INPUT_OUTPUT},
+            {{EBADF, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+            {{EFBIG}, SysErrorId::NO_SPACE},
+            {{EROFS}, SysErrorId::PERMISSION_DENIED},
+            {{EPERM, ENOSPC}, SysErrorId::UNCLASSIFIED},
+        })));
 
 TEST_F(BinFileBaseTest, fileInfoIsThatOfTheOpenFile) {
     ASSERT_EQ(0, chmod(m_path.c_str(), 0604));
@@ -539,31 +533,6 @@ TEST_F(BinFileBaseTest, fileInfoIsThatOfTheOpenFile) {
     EXPECT_EQ(by_path.getInode(), info.getInode());
 }
 
-TEST_F(BinFileBaseTest, fileInfoOfAClosedObjectIsInvalid) {
-    EXPECT_TRUE(isEmpty(m_file.getFileInfo()));
-    EXPECT_TRUE(contractIsBroken("Attempted to obtain FileInfo object from invalid BinFileBase()"));
-}
-
-class BinFileBaseInfo : public BinFileBaseTest, public testing::WithParamInterface<ErrnoRow<>> {};
-
-TEST_P(BinFileBaseInfo, failureIsReportedWithoutAPath) {
-    getOpened();
-    Calls const calls(inject_fstat, 1, GetParam().error);
-    EXPECT_TRUE(isEmpty(m_file.getFileInfo()));
-    EXPECT_TRUE(causeIs(GetParam().cause, GetParam().error));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, BinFileBaseInfo,
-    rowsOf({
-        {{EIO}, SysErrorId::INPUT_OUTPUT},
-        {{EBADF, EFAULT}, SysErrorId::SPOILED_INTEGRITY},
-        {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
-        {{EOVERFLOW, EINTR}, SysErrorId::UNCLASSIFIED},
-    }));
-
-// ---- truncateSize ----
-
 TEST_F(BinFileBaseTest, truncateSizeCutsAndExtends) {
     getOpened(m_path, BinFileBase::WRITE);
     EXPECT_FALSE(m_file.truncateSize(2));
@@ -576,12 +545,6 @@ TEST_F(BinFileBaseTest, truncateSizeCutsAndExtends) {
     EXPECT_EQ(0x7FFFFFFF, m_file.getFileInfo().getSize());
 }
 
-TEST_F(BinFileBaseTest, truncateSizeOfAClosedObjectFails) {
-    EXPECT_TRUE(m_file.truncateSize(1));
-    EXPECT_TRUE(contractIsBroken("Tried to truncate invalid file"));
-    EXPECT_FALSE(m_file.hadError());
-}
-
 TEST_F(BinFileBaseTest, sizeWithTheHighestBitIsNegativeToTheSystem) {
     getOpened(m_path, BinFileBase::WRITE);
     for (unsigned int const size : {0x80000000, 0xFFFFFFFF}) {
@@ -590,33 +553,6 @@ TEST_F(BinFileBaseTest, sizeWithTheHighestBitIsNegativeToTheSystem) {
         EXPECT_EQ(size - (1LL << 32), s_file_calls.length);
     }
     EXPECT_EQ("abc", contentOf(m_path));
-}
-
-class BinFileBaseTruncate : public BinFileBaseTest, public testing::WithParamInterface<ErrnoRow<>> {};
-
-TEST_P(BinFileBaseTruncate, failureIsReported) {
-    getOpened("/dev/null", BinFileBase::WRITE);
-    Calls const calls(inject_ftruncate, 1, GetParam().error);
-    EXPECT_TRUE(m_file.truncateSize(1));
-    EXPECT_TRUE(causeIs(GetParam().cause, GetParam().error));
-    EXPECT_TRUE(m_file.isValid());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, BinFileBaseTruncate,
-    rowsOf({
-        {{EIO}, SysErrorId::INPUT_OUTPUT},
-        {{EBADF, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
-        {{EFBIG}, SysErrorId::NO_SPACE},
-        {{EROFS}, SysErrorId::PERMISSION_DENIED},
-        {{EPERM, ENOSPC}, SysErrorId::UNCLASSIFIED},
-    }));
-
-TEST_F(BinFileBaseTest, interruptedTruncateSizeIsRepeated) {
-    getOpened(m_path, BinFileBase::WRITE);
-    Calls const calls(inject_ftruncate, 4, EINTR, 3);
-    EXPECT_FALSE(m_file.truncateSize(1));
-    EXPECT_EQ("a", contentOf(m_path));
 }
 
 TEST_F(BinFileBaseTest, truncateSizeFailsWhereTheSystemRefuses) {
@@ -631,8 +567,6 @@ TEST_F(BinFileBaseTest, truncateSizeFailsWhereTheSystemRefuses) {
         EXPECT_FALSE(m_file.truncateSize(16));
     });
 }
-
-// ---- the destructor ----
 
 /// Replaces the buffer of `std::cerr`, and counts how often it is flushed.
 class CapturedErrors : public std::stringbuf {

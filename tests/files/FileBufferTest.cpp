@@ -3,7 +3,7 @@
 
 #include <tarncommon/error/ErrorOutput.h>
 #include <vesk/FileBuffer.h>
-#include <vesk/StreamBinFileR.h>
+#include <vesk/FmtFileWrapper.h>
 
 #include <climits>
 #include <cwchar>
@@ -92,30 +92,26 @@ TEST_F(FileBufferTest, standardStreamReadsTheFile) {
     EXPECT_EQ(3.5, fraction);
     EXPECT_EQ(-7, negative);
     EXPECT_TRUE(stream.eof());
-    EXPECT_TRUE(chainIs({})) << "the end is no failure";
 }
 
-TEST_F(FileBufferTest, readsAsMuchAsTheBufferHolds) {
-    Buffer buffer(&m_file, 7, nullptr);
-    EXPECT_EQ(7U, buffer.m_buffer_size);
-    EXPECT_EQ(8, static_cast<int>(buffer.m_open_mode));
-    EXPECT_EQ(std::ios_base::in, buffer.m_open_mode);
-    std::istream stream(&buffer);
-    Fault const reads(inject_read, 0);
-    std::string line;
-    std::getline(stream, line);
-    EXPECT_EQ("0123456789abcdef", line);
-    EXPECT_EQ(4, reads.getCalls()) << "7, 7, 2 and the end";
-}
-
-TEST_F(FileBufferTest, sizeOf0ReadsOneByteAtATime) {
-    Buffer buffer(&m_file, 0, nullptr);
-    EXPECT_EQ(1U, buffer.m_buffer_size);
-    std::istream stream(&buffer);
-    Calls const reads(inject_read, 17);
-    std::string line;
-    std::getline(stream, line);
-    EXPECT_EQ("0123456789abcdef", line);
+TEST_F(FileBufferTest, readsAsMuchAsTheBufferHoldsWhichIsAtLeastOneByte) {
+    struct Row {
+        unsigned int size;
+        unsigned int buffer_size;
+        int reads;
+    };
+    for (auto const& [size, buffer_size, reads] : {Row{7, 7, 4}, Row{0, 1, 17}}) {
+        EXPECT_FALSE(m_file.open(m_path, m_file.READ));
+        Buffer buffer(&m_file, size, nullptr);
+        EXPECT_EQ(buffer_size, buffer.m_buffer_size);
+        EXPECT_EQ(8, static_cast<int>(buffer.m_open_mode));
+        EXPECT_EQ(std::ios_base::in, buffer.m_open_mode);
+        std::istream stream(&buffer);
+        Calls const calls(inject_read, reads);
+        std::string line;
+        std::getline(stream, line);
+        EXPECT_EQ("0123456789abcdef", line);
+    }
 }
 
 TEST_F(FileBufferTest, memoryOfTheCallerIsUsedAndNotFreed) {
@@ -165,8 +161,6 @@ TEST_F(FileBufferTest, validSourceIsAccepted) {
     EXPECT_EQ("", events.getText());
 }
 
-// ---- reading ----
-
 TEST_F(FileBufferTest, endOfTheFileSetsOnlyTheStateOfTheStream) {
     std::istream stream(&m_buffer);
     char block[100];
@@ -196,8 +190,6 @@ TEST_F(FileBufferTest, resultOfAReadIsAlwaysTheSame) {
     EXPECT_EQ(0U, m_count);
     EXPECT_TRUE(hasFailed(m_file, SysErrorId::INPUT_OUTPUT, EIO, StreamErrorId::TRANSFER_FAILED));
 }
-
-// ---- seeking ----
 
 TEST_F(FileBufferTest, currentPositionIsThatOfTheReader) {
     std::istream stream(&m_buffer);
@@ -286,8 +278,6 @@ TEST_F(FileBufferTest, unknownDirectionEndsTheProcessOrCountsFromTheEnd) {
         "ABORT framework/src/vesk/posix/FileBuffer actuallySeek: invalid way specified", events.getText());
 }
 
-// ---- writing, which only a deriving class gives a sink for ----
-
 TEST_F(FileBufferTest, withoutASinkNothingIsWrittenOrFlushed) {
     EXPECT_EQ(1, m_buffer.actuallyWrite("abc", 3, m_count));
     EXPECT_EQ(0U, m_count);
@@ -295,29 +285,37 @@ TEST_F(FileBufferTest, withoutASinkNothingIsWrittenOrFlushed) {
     EXPECT_EQ(END, m_buffer.sputc('x'));
 }
 
-TEST_F(FileBufferTest, sinkThatAcceptsAllIsOfferedItOnce) {
-    connect({3});
-    EXPECT_EQ(0, m_buffer.actuallyWrite("abc", 3, m_count));
-    EXPECT_EQ(3U, m_count);
-    EXPECT_EQ(std::vector<std::string>({"abc"}), m_sink.offers);
-    EXPECT_EQ(0, m_buffer.actuallyWrite("", 0, m_count));
-    EXPECT_EQ(0U, m_count);
-    EXPECT_EQ(1U, m_sink.offers.size());
+struct WriteRow {
+    char const* name;
+    std::vector<unsigned int> accepted;
+    std::string bytes;
+    int result;
+    unsigned int written;
+    std::vector<std::string> offers;
+};
+
+void PrintTo(WriteRow const& row, std::ostream* out) {
+    *out << row.name;
 }
 
-TEST_F(FileBufferTest, sinkThatAcceptsLessIsOfferedTheWholeBlockAgain) {
-    connect({2, 0, 3, 0});
-    EXPECT_EQ(0, m_buffer.actuallyWrite("abcde", 5, m_count));
-    EXPECT_EQ(5U, m_count);
-    EXPECT_EQ(std::vector<std::string>({"abcde", "cde", "abcde", "de"}), m_sink.offers);
+class FileBufferWrite : public FileBufferTest, public testing::WithParamInterface<WriteRow> {};
+
+TEST_P(FileBufferWrite, offersTheWholeBlockUntilAllIsAccepted) {
+    WriteRow const& row = GetParam();
+    connect(row.accepted);
+    auto const size = static_cast<unsigned int>(row.bytes.size());
+    EXPECT_EQ(row.result, m_buffer.actuallyWrite(row.bytes.c_str(), size, m_count));
+    EXPECT_EQ(row.written, m_count);
+    EXPECT_EQ(row.offers, m_sink.offers);
+    EXPECT_TRUE(row.result == 0 ? chainIs({}) : chainIs({{StreamErrorId::TRANSFER_FAILED}}));
 }
 
-TEST_F(FileBufferTest, failedWriteReturnsTheCountAcceptedBefore) {
-    connect({2, 0});
-    EXPECT_EQ(1, m_buffer.actuallyWrite("abcde", 5, m_count));
-    EXPECT_EQ(2U, m_count);
-    EXPECT_TRUE(chainIs({{StreamErrorId::TRANSFER_FAILED}}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    rows, FileBufferWrite,
+    testing::Values(
+        WriteRow{"allAtOnce", {3}, "abc", 0, 3, {"abc"}}, WriteRow{"nothing", {}, "", 0, 0, {}},
+        WriteRow{"inPieces", {2, 0, 3, 0}, "abcde", 0, 5, {"abcde", "cde", "abcde", "de"}},
+        WriteRow{"failureAfterAPiece", {2, 0}, "abcde", 1, 2, {"abcde", "cde", "abcde"}}));
 
 TEST_F(FileBufferTest, flushReachesTheSink) {
     connect();
@@ -326,8 +324,6 @@ TEST_F(FileBufferTest, flushReachesTheSink) {
     m_sink.flush_fails = true;
     EXPECT_EQ(1, m_buffer.actuallyFlush());
 }
-
-// ---- life ----
 
 TEST_F(FileBufferTest, isOpenAsLongAsTheFileAndTheSinkAre) {
     EXPECT_TRUE(m_buffer.isOpen());
@@ -358,6 +354,129 @@ TEST_F(FileBufferTest, recreatedBufferContinuesReading) {
     EXPECT_EQ(END, buffer.sgetc());
     EXPECT_FALSE(buffer.createBuffer());
     EXPECT_EQ('4', buffer.sgetc());
+}
+
+using TextFile = vesk::FmtFileWrapper<vesk::StreamBinFileR, std::istream, BinFileBase::ReadFlags>;
+
+static_assert(std::is_base_of_v<std::istream, TextFile> && std::has_virtual_destructor_v<TextFile>);
+static_assert(!std::is_copy_constructible_v<TextFile>);
+
+class FmtFileWrapperTest : public FileTest {
+protected:
+    FmtFileWrapperTest() : FileTest("8192 words\n-3\n") {}
+};
+
+TEST_F(FmtFileWrapperTest, readsNumbersAndWords) {
+    TextFile file(m_path.c_str(), BinFileBase::READ);
+    EXPECT_TRUE(file.isValid());
+    EXPECT_TRUE(file.good());
+    unsigned int number = 0;
+    std::string word;
+    int negative = 0;
+    EXPECT_TRUE(file >> number >> word >> negative);
+    EXPECT_EQ(8192U, number);
+    EXPECT_EQ("words", word);
+    EXPECT_EQ(-3, negative);
+    EXPECT_FALSE(file >> word);
+    EXPECT_TRUE(file.eof());
+    EXPECT_FALSE(file.bad());
+    EXPECT_TRUE(chainIs({}));
+    EXPECT_FALSE(file.close());
+}
+
+TEST_F(FmtFileWrapperTest, readsValuesOfTheSystem) {
+    TextFile file("/proc/sys/fs/file-max", BinFileBase::READ);
+    unsigned long long number = 0;
+    EXPECT_TRUE(file >> number);
+    EXPECT_NE(0U, number);
+    EXPECT_FALSE(file.close());
+}
+
+TEST_F(FmtFileWrapperTest, hasOneBufferOf8192Bytes) {
+    m_folder.makeFile("file", std::string(20000, 'x'));
+    TextFile file(m_path.c_str(), BinFileBase::READ);
+    Fault const reads(inject_read, 0);
+    EXPECT_EQ('x', file.get());
+    EXPECT_EQ(8191, file.rdbuf()->in_avail());
+    EXPECT_EQ(1, reads.getCalls());
+    std::string word;
+    EXPECT_TRUE(file >> word);
+    EXPECT_EQ(19999U, word.size());
+    EXPECT_EQ(4, reads.getCalls());
+}
+
+TEST_F(FmtFileWrapperTest, seeksInTheFile) {
+    TextFile file(m_path.c_str(), BinFileBase::READ);
+    file.seekg(5);
+    EXPECT_EQ('w', file.get());
+    EXPECT_EQ(std::streampos(6), file.tellg());
+}
+
+TEST_F(FmtFileWrapperTest, missingFileMakesTheStreamBadAndLeavesTheReport) {
+    TextFile file(m_missing.c_str(), BinFileBase::READ);
+    EXPECT_FALSE(file.isValid());
+    EXPECT_TRUE(file.bad());
+    EXPECT_TRUE(isMissing(m_missing));
+    unsigned int number = 12345;
+    EXPECT_FALSE(file >> number);
+}
+
+TEST_F(FmtFileWrapperTest, missingPathMakesTheStreamBadWithoutAReport) {
+    TextFile const file(nullptr, BinFileBase::READ);
+    EXPECT_FALSE(file.isValid());
+    EXPECT_TRUE(file.bad());
+}
+
+TEST_F(FmtFileWrapperTest, flagsAndAccessReachTheFile) {
+    ScopedUmask const mask(0);
+    TextFile const file(
+        m_missing.c_str(), BinFileBase::READ | BinFileBase::CREATE,
+        FileAccess::owner_read | FileAccess::group_read);
+    EXPECT_TRUE(file.isValid());
+    struct stat data {};
+    ASSERT_EQ(0, stat(m_missing.c_str(), &data));
+    EXPECT_EQ(0440U, data.st_mode & 07777U);
+}
+
+TEST_F(FmtFileWrapperTest, closedObjectHasAGoodStreamAndNothingToRead) {
+    TextFile file(m_path.c_str(), BinFileBase::READ);
+    unsigned int number = 0;
+    EXPECT_TRUE(file >> number);
+    EXPECT_FALSE(file >> number) << "the state before does not matter";
+    EXPECT_FALSE(file.close());
+    EXPECT_FALSE(file.isValid());
+    EXPECT_TRUE(file.good());
+    EXPECT_EQ(std::char_traits<char>::eof(), file.get());
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}, {StreamErrorId::UNUSABLE}}));
+    EXPECT_FALSE(file.close());
+}
+
+TEST_F(FmtFileWrapperTest, failedCloseIsReported) {
+    TextFile file(m_path.c_str(), BinFileBase::READ);
+    Fault const fault(inject_close, EIO);
+    EXPECT_TRUE(file.close());
+    EXPECT_EQ(1, fault.getCalls());
+    EXPECT_TRUE(causeIs(SysErrorId::INPUT_OUTPUT, EIO));
+    EXPECT_TRUE(file.good());
+    EXPECT_FALSE(file.close()) << "it can be tried again";
+}
+
+TEST_F(FmtFileWrapperTest, destructorClosesTheFileSilently) {
+    EventRecorder const events;
+    std::istream* const file = new TextFile(m_path.c_str(), BinFileBase::READ);
+    Calls const closes(inject_close, 1);
+    delete file;
+    EXPECT_EQ("", events.getText());
+}
+
+TEST_F(FmtFileWrapperTest, destructorWarnsAboutAFailedClose) {
+    EventRecorder const events;
+    std::istream* const file = new TextFile(m_path.c_str(), BinFileBase::READ);
+    Calls const closes(inject_close, 2, EIO); // The file itself tries it once more.
+    delete file;
+    EXPECT_EQ(
+        "WARNING framework/include/vesk/FmtFileWrapper ~FmtFileWrapper: Error closing underlying file",
+        events.getText());
 }
 
 } // namespace

@@ -24,8 +24,6 @@ void PrintTo(End const& end, std::ostream* out) {
 End const READ_END{"read", &Pipe::getReadEnd, &Pipe::takeReadEnd, &Pipe::closeReadEnd};
 End const WRITE_END{"write", &Pipe::getWriteEnd, &Pipe::takeWriteEnd, &Pipe::closeWriteEnd};
 
-// ---- creation ----
-
 TEST(Pipe, carriesBytesFromItsWriteEndToItsReadEnd) {
     Pipe const pipe;
     fill(pipe, "abc");
@@ -68,8 +66,6 @@ TEST(Pipe, isNotCreatedWithoutDescriptorsLeft) {
         EXPECT_EQ(-1, pipe.getWriteEnd());
     });
 }
-
-// ---- each end ----
 
 class PipeEnd : public testing::TestWithParam<End> {
 protected:
@@ -135,8 +131,6 @@ TEST_P(PipeClose, failureIsReportedAndCountsAsClosed) {
 INSTANTIATE_TEST_SUITE_P(
     errors, PipeClose,
     testing::Combine(testing::Values(EINTR, EBADF, EIO), testing::Values(READ_END, WRITE_END)));
-
-// ---- both ends ----
 
 /// One warning, and whether a report was pending when it came.
 struct Warning {
