@@ -121,35 +121,29 @@ TEST_F(BinFileBaseTest, accessIsPassedOnAndTheSystemAppliesTheUmask) {
     EXPECT_EQ(0640U, m_file.getFileInfo().getAccess().getBits());
 }
 
-TEST_F(BinFileBaseTest, descriptorIsClosedByExec) {
-    EXPECT_EQ(FD_CLOEXEC, fcntl(getOpened(m_path), F_GETFD) & FD_CLOEXEC);
-    EXPECT_FALSE(m_file.close());
-    EXPECT_FALSE(openAt("file"));
-    EXPECT_EQ(FD_CLOEXEC, fcntl(m_file.getDescriptor(), F_GETFD) & FD_CLOEXEC);
-}
-
-TEST_F(BinFileBaseTest, flagsWithoutADirectionOpenForBoth) {
+TEST_F(BinFileBaseTest, flagsTakeEffectInTheSystem) {
     int const fd = getOpened(m_path, OpenFlags(0U));
     char block[3];
-    EXPECT_EQ(3, read(fd, block, 3));
+    EXPECT_EQ(3, read(fd, block, 3)) << "without a direction it is open for both";
     EXPECT_EQ(1, write(fd, "d", 1));
     EXPECT_EQ("abcd", contentOf(m_path));
-}
-
-TEST_F(BinFileBaseTest, exclusiveAloneCreatesAFileAndRefusesAnExistingOne) {
+    EXPECT_EQ(1, write(getOpened(m_path, BinFileBase::WRITE | BinFileBase::APPEND), "e", 1));
+    EXPECT_EQ("abcde", contentOf(m_path));
+    EXPECT_FALSE(open(m_path, BinFileBase::WRITE | BinFileBase::TRUNCATE));
+    EXPECT_EQ("", contentOf(m_path));
     EXPECT_FALSE(m_file.open(m_missing.c_str(), BinFileBase::EXCLUSIVE, BinFileBase::DEFAULT_ACCESS));
-    EXPECT_TRUE(m_file.isValid());
+    EXPECT_TRUE(m_file.isValid()) << "exclusive alone creates the file";
     EXPECT_EQ("", contentOf(m_missing));
     EXPECT_TRUE(m_file.open(m_missing.c_str(), BinFileBase::EXCLUSIVE, BinFileBase::DEFAULT_ACCESS));
     EXPECT_TRUE(openFailureIs(SysErrorId::IN_USE, EEXIST, FileAccessErrorId::ALREADY_EXISTS, m_missing));
     EXPECT_FALSE(m_file.isValid());
 }
 
-TEST_F(BinFileBaseTest, appendWritesBehindTheFileAndTruncateEmptiesIt) {
-    EXPECT_EQ(1, write(getOpened(m_path, BinFileBase::WRITE | BinFileBase::APPEND), "d", 1));
-    EXPECT_EQ("abcd", contentOf(m_path));
-    EXPECT_FALSE(open(m_path, BinFileBase::WRITE | BinFileBase::TRUNCATE));
-    EXPECT_EQ("", contentOf(m_path));
+TEST_F(BinFileBaseTest, descriptorIsClosedByExec) {
+    EXPECT_EQ(FD_CLOEXEC, fcntl(getOpened(m_path), F_GETFD) & FD_CLOEXEC);
+    EXPECT_FALSE(m_file.close());
+    EXPECT_FALSE(openAt("file"));
+    EXPECT_EQ(FD_CLOEXEC, fcntl(m_file.getDescriptor(), F_GETFD) & FD_CLOEXEC);
 }
 
 TEST_F(BinFileBaseTest, openWithoutAPathSucceedsAndOnlyClosesTheOpenFile) {
@@ -223,32 +217,24 @@ TEST_F(BinFileBaseTest, openClearsTheErrorOfTheCallBeforeAndOfAnInterruptedClose
     }
 }
 
-TEST_F(BinFileBaseTest, failedOpenLeavesTheObjectClosedWithTheNewFlags) {
-    getOpened();
-    EXPECT_TRUE(open(m_missing, BinFileBase::WRITE));
-    EXPECT_TRUE(isMissing(m_missing));
-    EXPECT_TRUE(hasState(-1, 2, true));
-}
+class BinFileBaseOpen : public BinFileBaseTest, public testing::WithParamInterface<PathRow> {};
 
-class BinFileBaseOpen : public BinFileBaseTest, public testing::WithParamInterface<PathRow> {
-protected:
-    void expectFailure(std::string const& path) {
-        EXPECT_TRUE(openFailureIs(GetParam().cause, GetParam().error, GetParam().on_top, path));
-        EXPECT_EQ(-1, m_file.getDescriptor());
-        EXPECT_EQ(1U, m_file.getFlags());
-    }
-};
-
-TEST_P(BinFileBaseOpen, failureReportsItsCauseAndThePath) {
-    Calls const calls(inject_open, 1, GetParam().error);
+TEST_P(BinFileBaseOpen, failureReportsThePathAndLeavesTheObjectClosedWithTheNewFlags) {
+    auto const [error, cause, on_top] = GetParam();
+    getOpened("/dev/null", BinFileBase::WRITE);
+    Calls const calls(inject_open, 1, error);
     EXPECT_TRUE(open("some/path"));
-    expectFailure("some/path");
+    EXPECT_TRUE(openFailureIs(cause, error, on_top, "some/path"));
+    EXPECT_TRUE(hasState(-1, 1, true));
 }
 
 TEST_P(BinFileBaseOpen, failureOfAnEntryReportsItsCauseAndTheName) {
-    Calls const calls(inject_openat, 1, GetParam().error);
+    auto const [error, cause, on_top] = GetParam();
+    Calls const calls(inject_openat, 1, error);
     EXPECT_TRUE(openAt("name"));
-    expectFailure("name");
+    EXPECT_TRUE(openFailureIs(cause, error, on_top, "name"));
+    EXPECT_EQ(-1, m_file.getDescriptor());
+    EXPECT_EQ(1U, m_file.getFlags());
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -82,16 +82,12 @@ TEST_F(BinTempFileRWTest, createsAFileWithARandomEndAfterThePrefixAndRemovesIt) 
         EXPECT_EQ(1, write(temp.getDescriptor(), "x", 1));
         EXPECT_EQ("x", contentOf(path));
         EXPECT_TRUE(temp.getPath().isValid());
+        BinTempFileRW const other(m_wide_prefix);
+        EXPECT_NE(path, pathOf(other));
+        EXPECT_EQ(2U, countFiles());
     }
     EXPECT_EQ(0U, countFiles());
     EXPECT_EQ("", m_events.getText());
-}
-
-TEST_F(BinTempFileRWTest, createsDifferentFilesForOnePrefix) {
-    BinTempFileRW const first(m_wide_prefix);
-    BinTempFileRW const second(m_wide_prefix);
-    EXPECT_NE(pathOf(first), pathOf(second));
-    EXPECT_EQ(2U, countFiles());
 }
 
 TEST_F(BinTempFileRWTest, pathIsAsValidAsThePrefix) {

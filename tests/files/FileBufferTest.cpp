@@ -75,6 +75,7 @@ protected:
     StreamBinFileR m_file;
     Sink m_sink;
     Buffer m_buffer{&m_file, 10, nullptr};
+    std::istream m_stream{&m_buffer};
     unsigned int m_count = 12345; ///< For reads and writes.
 };
 
@@ -137,6 +138,8 @@ constexpr char const* BROKEN_CONTRACT =
 TEST_F(FileBufferTest, sourceWithItsOwnBufferIsABrokenContract) {
     StreamBinFileR buffered(16);
     EventRecorder const events;
+    FileBuffer const accepted(&m_file, 16, nullptr);
+    EXPECT_EQ("", events.getText());
     FileBuffer const buffer(&buffered, 16, nullptr);
     EXPECT_EQ(BROKEN_CONTRACT, events.getText());
 }
@@ -155,26 +158,18 @@ TEST_F(FileBufferTest, missingSourceIsABrokenContractAndReadsNothing) {
     EXPECT_EQ(0U, m_count);
 }
 
-TEST_F(FileBufferTest, validSourceIsAccepted) {
-    EventRecorder const events;
-    FileBuffer const buffer(&m_file, 16, nullptr);
-    EXPECT_EQ("", events.getText());
-}
-
 TEST_F(FileBufferTest, endOfTheFileSetsOnlyTheStateOfTheStream) {
-    std::istream stream(&m_buffer);
     char block[100];
-    stream.read(block, sizeof block);
-    EXPECT_EQ(16, stream.gcount());
-    EXPECT_TRUE(stream.eof());
-    EXPECT_FALSE(stream.bad());
+    m_stream.read(block, sizeof block);
+    EXPECT_EQ(16, m_stream.gcount());
+    EXPECT_TRUE(m_stream.eof());
+    EXPECT_FALSE(m_stream.bad());
 }
 
 TEST_F(FileBufferTest, otherFailuresStayPending) {
     EXPECT_FALSE(m_file.open(m_folder.getPath(), m_file.READ));
-    std::istream stream(&m_buffer);
-    EXPECT_EQ(END, stream.get());
-    EXPECT_TRUE(stream.eof());
+    EXPECT_EQ(END, m_stream.get());
+    EXPECT_TRUE(m_stream.eof());
     EXPECT_TRUE(hasFailed(m_file, SysErrorId::INVALID_PATH, EISDIR, StreamErrorId::TRANSFER_FAILED));
 }
 
@@ -192,26 +187,24 @@ TEST_F(FileBufferTest, resultOfAReadIsAlwaysTheSame) {
 }
 
 TEST_F(FileBufferTest, currentPositionIsThatOfTheReader) {
-    std::istream stream(&m_buffer);
     char block[3];
-    stream.read(block, sizeof block);
-    EXPECT_EQ(std::streampos(3), stream.tellg());
+    m_stream.read(block, sizeof block);
+    EXPECT_EQ(std::streampos(3), m_stream.tellg());
     EXPECT_EQ(-7, s_file_calls.seek_offset);
-    EXPECT_EQ('3', stream.get());
+    EXPECT_EQ('3', m_stream.get());
     EXPECT_EQ(std::streampos(6), m_buffer.pubseekoff(2, std::ios_base::cur));
-    EXPECT_EQ('6', stream.get());
+    EXPECT_EQ('6', m_stream.get());
 }
 
 TEST_F(FileBufferTest, seeksFromTheBeginningAndTheEnd) {
-    std::istream stream(&m_buffer);
-    EXPECT_EQ('0', stream.get());
-    stream.seekg(12, std::ios_base::beg);
-    EXPECT_EQ('c', stream.get());
-    stream.seekg(-2, std::ios_base::end);
-    EXPECT_EQ('e', stream.get());
+    EXPECT_EQ('0', m_stream.get());
+    m_stream.seekg(12, std::ios_base::beg);
+    EXPECT_EQ('c', m_stream.get());
+    m_stream.seekg(-2, std::ios_base::end);
+    EXPECT_EQ('e', m_stream.get());
     std::streampos const position = m_buffer.pubseekpos(5);
     EXPECT_EQ(std::streampos(5), position);
-    EXPECT_EQ('5', stream.get());
+    EXPECT_EQ('5', m_stream.get());
     mbstate_t const zeros{};
     mbstate_t const state = position.state();
     EXPECT_EQ(0, memcmp(&zeros, &state, sizeof zeros));
@@ -364,24 +357,25 @@ static_assert(!std::is_copy_constructible_v<TextFile>);
 class FmtFileWrapperTest : public FileTest {
 protected:
     FmtFileWrapperTest() : FileTest("8192 words\n-3\n") {}
+
+    TextFile m_file{m_path.c_str(), BinFileBase::READ};
+    unsigned int m_number = 12345;
+    std::string m_word;
 };
 
 TEST_F(FmtFileWrapperTest, readsNumbersAndWords) {
-    TextFile file(m_path.c_str(), BinFileBase::READ);
-    EXPECT_TRUE(file.isValid());
-    EXPECT_TRUE(file.good());
-    unsigned int number = 0;
-    std::string word;
+    EXPECT_TRUE(m_file.isValid());
+    EXPECT_TRUE(m_file.good());
     int negative = 0;
-    EXPECT_TRUE(file >> number >> word >> negative);
-    EXPECT_EQ(8192U, number);
-    EXPECT_EQ("words", word);
+    EXPECT_TRUE(m_file >> m_number >> m_word >> negative);
+    EXPECT_EQ(8192U, m_number);
+    EXPECT_EQ("words", m_word);
     EXPECT_EQ(-3, negative);
-    EXPECT_FALSE(file >> word);
-    EXPECT_TRUE(file.eof());
-    EXPECT_FALSE(file.bad());
+    EXPECT_FALSE(m_file >> m_word);
+    EXPECT_TRUE(m_file.eof());
+    EXPECT_FALSE(m_file.bad());
     EXPECT_TRUE(chainIs({}));
-    EXPECT_FALSE(file.close());
+    EXPECT_FALSE(m_file.close());
 }
 
 TEST_F(FmtFileWrapperTest, readsValuesOfTheSystem) {
@@ -394,22 +388,19 @@ TEST_F(FmtFileWrapperTest, readsValuesOfTheSystem) {
 
 TEST_F(FmtFileWrapperTest, hasOneBufferOf8192Bytes) {
     m_folder.makeFile("file", std::string(20000, 'x'));
-    TextFile file(m_path.c_str(), BinFileBase::READ);
     Fault const reads(inject_read, 0);
-    EXPECT_EQ('x', file.get());
-    EXPECT_EQ(8191, file.rdbuf()->in_avail());
+    EXPECT_EQ('x', m_file.get());
+    EXPECT_EQ(8191, m_file.rdbuf()->in_avail());
     EXPECT_EQ(1, reads.getCalls());
-    std::string word;
-    EXPECT_TRUE(file >> word);
-    EXPECT_EQ(19999U, word.size());
+    EXPECT_TRUE(m_file >> m_word);
+    EXPECT_EQ(19999U, m_word.size());
     EXPECT_EQ(4, reads.getCalls());
 }
 
 TEST_F(FmtFileWrapperTest, seeksInTheFile) {
-    TextFile file(m_path.c_str(), BinFileBase::READ);
-    file.seekg(5);
-    EXPECT_EQ('w', file.get());
-    EXPECT_EQ(std::streampos(6), file.tellg());
+    m_file.seekg(5);
+    EXPECT_EQ('w', m_file.get());
+    EXPECT_EQ(std::streampos(6), m_file.tellg());
 }
 
 TEST_F(FmtFileWrapperTest, missingFileMakesTheStreamBadAndLeavesTheReport) {
@@ -417,8 +408,7 @@ TEST_F(FmtFileWrapperTest, missingFileMakesTheStreamBadAndLeavesTheReport) {
     EXPECT_FALSE(file.isValid());
     EXPECT_TRUE(file.bad());
     EXPECT_TRUE(isMissing(m_missing));
-    unsigned int number = 12345;
-    EXPECT_FALSE(file >> number);
+    EXPECT_FALSE(file >> m_number);
 }
 
 TEST_F(FmtFileWrapperTest, missingPathMakesTheStreamBadWithoutAReport) {
@@ -429,9 +419,7 @@ TEST_F(FmtFileWrapperTest, missingPathMakesTheStreamBadWithoutAReport) {
 
 TEST_F(FmtFileWrapperTest, flagsAndAccessReachTheFile) {
     ScopedUmask const mask(0);
-    TextFile const file(
-        m_missing.c_str(), BinFileBase::READ | BinFileBase::CREATE,
-        FileAccess::owner_read | FileAccess::group_read);
+    TextFile const file(m_missing.c_str(), BinFileBase::READ | BinFileBase::CREATE, FileAccess(0440));
     EXPECT_TRUE(file.isValid());
     struct stat data {};
     ASSERT_EQ(0, stat(m_missing.c_str(), &data));
@@ -439,41 +427,35 @@ TEST_F(FmtFileWrapperTest, flagsAndAccessReachTheFile) {
 }
 
 TEST_F(FmtFileWrapperTest, closedObjectHasAGoodStreamAndNothingToRead) {
-    TextFile file(m_path.c_str(), BinFileBase::READ);
-    unsigned int number = 0;
-    EXPECT_TRUE(file >> number);
-    EXPECT_FALSE(file >> number) << "the state before does not matter";
-    EXPECT_FALSE(file.close());
-    EXPECT_FALSE(file.isValid());
-    EXPECT_TRUE(file.good());
-    EXPECT_EQ(std::char_traits<char>::eof(), file.get());
+    EXPECT_TRUE(m_file >> m_number);
+    EXPECT_FALSE(m_file >> m_number) << "the state before does not matter";
+    EXPECT_FALSE(m_file.close());
+    EXPECT_FALSE(m_file.isValid());
+    EXPECT_TRUE(m_file.good());
+    EXPECT_EQ(END, m_file.get());
     EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}, {StreamErrorId::UNUSABLE}}));
-    EXPECT_FALSE(file.close());
+    EXPECT_FALSE(m_file.close());
 }
 
 TEST_F(FmtFileWrapperTest, failedCloseIsReported) {
-    TextFile file(m_path.c_str(), BinFileBase::READ);
     Fault const fault(inject_close, EIO);
-    EXPECT_TRUE(file.close());
+    EXPECT_TRUE(m_file.close());
     EXPECT_EQ(1, fault.getCalls());
     EXPECT_TRUE(causeIs(SysErrorId::INPUT_OUTPUT, EIO));
-    EXPECT_TRUE(file.good());
-    EXPECT_FALSE(file.close()) << "it can be tried again";
+    EXPECT_TRUE(m_file.good());
+    EXPECT_FALSE(m_file.close()) << "it can be tried again";
 }
 
-TEST_F(FmtFileWrapperTest, destructorClosesTheFileSilently) {
+TEST_F(FmtFileWrapperTest, destructorClosesTheFileAndWarnsAboutAFailure) {
     EventRecorder const events;
-    std::istream* const file = new TextFile(m_path.c_str(), BinFileBase::READ);
-    Calls const closes(inject_close, 1);
-    delete file;
+    auto const destroy = [this](int error, int calls) {
+        std::istream* const file = new TextFile(m_path.c_str(), BinFileBase::READ);
+        Calls const closes(inject_close, calls, error);
+        delete file;
+    };
+    destroy(0, 1);
     EXPECT_EQ("", events.getText());
-}
-
-TEST_F(FmtFileWrapperTest, destructorWarnsAboutAFailedClose) {
-    EventRecorder const events;
-    std::istream* const file = new TextFile(m_path.c_str(), BinFileBase::READ);
-    Calls const closes(inject_close, 2, EIO); // The file itself tries it once more.
-    delete file;
+    destroy(EIO, 2); // The file itself tries it once more.
     EXPECT_EQ(
         "WARNING framework/include/vesk/FmtFileWrapper ~FmtFileWrapper: Error closing underlying file",
         events.getText());

@@ -169,45 +169,44 @@ TEST_F(SerialPortTest, flushFollowsTheOperationsOfTheBaseInItsSlot) {
     EXPECT_EQ(8, getSlot(&Slots::performFlush));
 }
 
-class SerialPortUnsupportedParity : public SerialPortTest, public testing::WithParamInterface<Parity> {};
+struct BadSettings {
+    Parity parity;
+    std::string device; ///< Empty, or "any" for a device that exists.
+    ExpectedReport report;
+};
 
-TEST_P(SerialPortUnsupportedParity, isRefusedBeforeTheDevice) {
-    std::string const text = "MARK/SPACE setting is not supported on POSIX";
-    Calls const none(inject_open, 0);
-    for (std::string const& device : {m_terminal.getPath(), std::string()}) {
-        m_port.setDevice(device);
-        m_port.setParity(GetParam());
+void PrintTo(BadSettings const& row, std::ostream* out) {
+    *out << static_cast<int>(row.parity) << " \"" << row.device << "\"";
+}
+
+class SerialPortBadSettings : public SerialPortTest, public testing::WithParamInterface<BadSettings> {};
+
+TEST_P(SerialPortBadSettings, areRefusedBeforeTheDeviceIsOpenedButCloseAnOpenPort) {
+    for (bool const is_open : {false, true}) {
+        SerialPort port(m_terminal.getPath());
+        EXPECT_FALSE(is_open && port.open());
+        EXPECT_EQ(is_open, port.isValid());
+        Calls const none(inject_open, 0);
+        port.setParity(GetParam().parity);
+        port.setDevice(GetParam().device.empty() ? "" : m_terminal.getPath());
         reportEarlierFailure();
-        EXPECT_TRUE(m_port.open());
-        EXPECT_FALSE(m_port.isValid());
-        EXPECT_TRUE(
-            hasFailed(m_port, {{CommonErrorId::NOT_SUPPORTED, rowText(CommonErrorId::NOT_SUPPORTED, text)}}));
+        EXPECT_TRUE(port.open());
+        EXPECT_FALSE(port.isValid());
+        EXPECT_TRUE(hasFailed(port, {GetParam().report}));
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, SerialPortUnsupportedParity, testing::Values(Parity::MARK, Parity::SPACE));
+ExpectedReport const UNSUPPORTED(
+    CommonErrorId::NOT_SUPPORTED,
+    rowText(CommonErrorId::NOT_SUPPORTED, "MARK/SPACE setting is not supported on POSIX"));
+ExpectedReport const NO_PATH(FileAccessErrorId::BAD_PATH, "Bad path '<empty string given>'");
 
-TEST_F(SerialPortTest, emptyDeviceIsABadPath) {
-    Calls const none(inject_open, 0);
-    m_port.setDevice("");
-    reportEarlierFailure();
-    EXPECT_TRUE(m_port.open());
-    EXPECT_FALSE(m_port.isValid());
-    EXPECT_TRUE(hasFailed(m_port, {{FileAccessErrorId::BAD_PATH, "Bad path '<empty string given>'"}}));
-}
-
-TEST_F(OpenSerialPort, openPortIsClosedEvenIfItsNewSettingsAreRefused) {
-    m_port.setParity(Parity::MARK);
-    EXPECT_TRUE(m_port.open());
-    EXPECT_FALSE(m_port.isValid());
-    EXPECT_TRUE(chainIs({{CommonErrorId::NOT_SUPPORTED}}));
-    m_port.setParity(Parity::NONE);
-    ASSERT_FALSE(m_port.open());
-    m_port.setDevice("");
-    EXPECT_TRUE(m_port.open());
-    EXPECT_FALSE(m_port.isValid());
-    EXPECT_TRUE(chainIs({{FileAccessErrorId::BAD_PATH}}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, SerialPortBadSettings,
+    testing::Values(
+        BadSettings{Parity::MARK, "any", UNSUPPORTED}, BadSettings{Parity::SPACE, "any", UNSUPPORTED},
+        BadSettings{Parity::MARK, "", UNSUPPORTED}, BadSettings{Parity::SPACE, "", UNSUPPORTED},
+        BadSettings{Parity::NONE, "", NO_PATH}));
 
 TEST_F(SerialPortTest, missingDeviceIsReportedByTheOpenOfTheFile) {
     m_port.setDevice(m_missing);
