@@ -206,6 +206,7 @@ TEST_P(StreamWrite, shortWriteIsContinuedByTheStreamAndNotByTheCall) {
     Calls const writes(inject_write, 3);
     Calls const no_syncs(inject_fsync, 0);
     unsigned int written = 0;
+    EXPECT_FALSE((file.*(&Writing::checkWriteBufferConsistency))());
     EXPECT_FALSE((file.*(&Writing::performWrite))("abcde", 5, written));
     EXPECT_EQ(2U, written) << "after one call";
     writeTo(file, "cde");
