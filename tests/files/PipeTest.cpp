@@ -162,20 +162,17 @@ TEST(Pipe, destructorAcknowledgesBeforeTheWarningOfTheReadEndAndAfterThatOfTheWr
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(Pipe, closedWriteEndIsTheEndForTheReader) {
-    Pipe pipe;
-    fill(pipe, "x");
-    EXPECT_FALSE(pipe.closeWriteEnd());
-    EXPECT_EQ("x", drain(pipe));
-    char c = 0;
-    EXPECT_EQ(0, read(pipe.getReadEnd(), &c, 1));
-}
-
-TEST(Pipe, closedReadEndIsABrokenPipeForTheWriter) {
+TEST(Pipe, closedEndIsTheEndForTheReaderAndABrokenPipeForTheWriter) {
     signal(SIGPIPE, SIG_IGN);
-    Pipe pipe;
-    EXPECT_FALSE(pipe.closeReadEnd());
-    EXPECT_EQ(-1, write(pipe.getWriteEnd(), "x", 1));
+    Pipe source;
+    fill(source, "x");
+    EXPECT_FALSE(source.closeWriteEnd());
+    EXPECT_EQ("x", drain(source));
+    char c = 0;
+    EXPECT_EQ(0, read(source.getReadEnd(), &c, 1));
+    Pipe sink;
+    EXPECT_FALSE(sink.closeReadEnd());
+    EXPECT_EQ(-1, write(sink.getWriteEnd(), "x", 1));
     EXPECT_EQ(EPIPE, errno);
 }
 

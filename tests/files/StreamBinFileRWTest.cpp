@@ -103,12 +103,15 @@ TEST_F(StreamBinFileRWTest, reopeningEmptiesBothBuffersAndKeepsTheDirection) {
     EXPECT_TRUE(m_file.isReading(0)) << "also if the new file cannot be opened";
 }
 
-TEST_F(StreamBinFileRWTest, writeAfterAReadStartsAtTheReadersPosition) {
+TEST_F(StreamBinFileRWTest, flushWhileReadingKeepsTheReadAheadAndAWriteReturnsIt) {
     EXPECT_EQ("0", readFrom(m_file, 1));
+    EXPECT_FALSE(m_file.flush(false));
+    EXPECT_TRUE(m_file.isReading(9));
+    EXPECT_EQ("123", readFrom(m_file, 3));
     writeTo(m_file, "X");
     EXPECT_TRUE(m_file.isWriting(1));
     EXPECT_FALSE(m_file.flush(true));
-    EXPECT_EQ("0X23456789abcdef", contentOf(m_path));
+    EXPECT_EQ("0123X56789abcdef", contentOf(m_path));
 }
 
 TEST_F(StreamBinFileRWTest, writtenBytesAreInTheFileAndOnItsMediumBeforeARead) {
@@ -131,13 +134,6 @@ TEST_F(StreamBinFileRWTest, changeOfDirectionWithEmptyBuffersIsNoSystemCall) {
         EXPECT_EQ("89ab", readFrom(file, 4));
         EXPECT_EQ("0123WXYZ89abcdef", contentOf(m_path));
     }
-}
-
-TEST_F(StreamBinFileRWTest, flushWhileReadingKeepsTheReadAhead) {
-    EXPECT_EQ("0", readFrom(m_file, 1));
-    EXPECT_FALSE(m_file.flush(false));
-    EXPECT_TRUE(m_file.isReading(9));
-    EXPECT_EQ("123", readFrom(m_file, 3));
 }
 
 TEST_F(StreamBinFileRWTest, readFailsWhileWrittenDataIsLeftInTheBuffer) {
