@@ -1,9 +1,8 @@
-#include "FileTests.h"
+#include "StreamFiles.h"
 #include "support/Locales.h"
 
 #include <vesk/BinTempFileRW.h>
 #include <vesk/MemBinFileBase.h>
-#include <vesk/StreamBinFileRW.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -33,19 +32,10 @@ namespace {
 
 using namespace support;
 using vesk::BinTempFileRW;
-using vesk::StreamBinFileRW;
 using vesk::WidePath;
 
 static_assert(!std::is_polymorphic_v<BinTempFileRW> && !std::is_copy_constructible_v<BinTempFileRW>);
 static_assert(!std::is_copy_assignable_v<BinTempFileRW>);
-
-/// Makes protected members visible.
-class File : public StreamBinFileRW {
-public:
-    using StreamBinFileRW::StreamBinFileRW;
-    bool isBlocking() const { return m_blocking; }
-    uint32_t getFlags() const { return m_flags.getWord(); }
-};
 
 class BinTempFileRWTest : public FileTest {
 protected:
@@ -174,7 +164,7 @@ TEST_F(BinTempFileRWTest, interruptedAttemptIsRepeatedWithAFreshTemplate) {
 
 TEST_F(BinTempFileRWTest, streamThatTakesItLeavesItOnTheDisk) {
     std::string path;
-    File file(16, 16);
+    StreamBinFileRW file(16, 16);
     {
         BinTempFileRW temp(m_wide_prefix);
         path = pathOf(temp);
@@ -185,8 +175,8 @@ TEST_F(BinTempFileRWTest, streamThatTakesItLeavesItOnTheDisk) {
         EXPECT_EQ(fd, file.getDescriptor());
     }
     EXPECT_EQ(path, file.getTempPath());
-    EXPECT_TRUE(file.isBlocking());
-    EXPECT_EQ(3U, file.getFlags());
+    EXPECT_TRUE(Reading::getBlocking(file));
+    EXPECT_EQ(3U, Reading::getFlags(file));
     writeTo(file, "abc");
     EXPECT_FALSE(file.seek(0, file.Begin, m_position));
     EXPECT_EQ("abc", readFrom(file, 3));
@@ -196,16 +186,16 @@ TEST_F(BinTempFileRWTest, streamThatTakesItLeavesItOnTheDisk) {
 }
 
 TEST_F(BinTempFileRWTest, streamThatTakesItClosesItsFileAndBlocks) {
-    File file;
+    StreamBinFileRW file;
     EXPECT_FALSE(file.open(m_path, file.READ_WRITE | file.NON_BLOCK));
-    EXPECT_FALSE(file.isBlocking());
+    EXPECT_FALSE(Reading::getBlocking(file));
     int const old = file.getDescriptor();
     BinTempFileRW temp(m_wide_prefix);
     int const fd = temp.getDescriptor();
     EXPECT_FALSE(file.open(temp, false));
     EXPECT_FALSE(isOpen(old));
     EXPECT_EQ(fd, file.getDescriptor());
-    EXPECT_TRUE(file.isBlocking());
+    EXPECT_TRUE(Reading::getBlocking(file));
     EXPECT_EQ("", file.getTempPath()) << "the path was not requested";
 }
 
@@ -223,11 +213,11 @@ TEST_F(BinTempFileRWTest, stopsWhenTheOldFileCannotBeClosed) {
 TEST_F(BinTempFileRWTest, objectWithoutAFileLeavesTheStreamClosed) {
     BinTempFileRW temp(m_wide_prefix);
     close(temp.takeDescriptor());
-    File file;
+    StreamBinFileRW file;
     EXPECT_FALSE(file.open(temp, true));
     EXPECT_FALSE(file.isValid());
     EXPECT_EQ("", file.getTempPath());
-    EXPECT_EQ(3U, file.getFlags());
+    EXPECT_EQ(3U, Reading::getFlags(file));
 }
 
 TEST_F(BinTempFileRWTest, isNotTakenIfTheLocaleCanNoLongerExpressThePath) {
