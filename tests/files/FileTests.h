@@ -1,48 +1,164 @@
 #pragma once
 
 #include "support/Chain.h"
+#include "support/EventRecorder.h"
+#include "support/Privileges.h"
+#include "support/TempFolder.h"
+#include "support/VtableSlot.h"
+#include "support/calls/FileCalls.h"
 
+#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/stream/IBinInputStream.h>
 #include <tarncommon/stream/IBinOutputStream.h>
+#include <vesk/BinFileBase.h>
+#include <vesk/Directory.h>
+#include <vesk/FileAccessError.h>
+#include <vesk/Pipe.h>
 #include <vesk/SysError.h>
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <fcntl.h>
-#include <grp.h>
+#include <functional>
+#include <initializer_list>
+#include <optional>
+#include <ostream>
 #include <string>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <type_traits>
+#include <vector>
 
-/// What the tests of files share.
+/// What the tests of files share. Must be included in exactly one file of a test program, like `FileCalls.h`.
 
 namespace support {
 
-/// How a file's failure is told: the one row of `SysError` with the system's text.
-inline testing::AssertionResult failureIs(int error, int id) {
-    using vesk::SysError;
-    return chainIs({{SysError, id, rowText(SysError, id, systemText(error))}});
+namespace CommonErrorId = std::CommonErrorId;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
+namespace SysErrorId = vesk::SysErrorId;
+using StreamErrorId = std::IBinStreamBase::StreamErrorId;
+using std::IBinInputStream;
+using std::IBinOutputStream;
+using std::IBinStreamBase;
+using vesk::BinFileBase;
+using vesk::Directory;
+using vesk::FileAccess;
+using vesk::Pipe;
+
+// ---- reports ----
+
+struct Nothing {};
+
+/// An error number, the report that it causes, and the id of a report on top of that one.
+template <typename OnTop = Nothing>
+struct ErrnoRow {
+    int error;
+    SysErrorId::Id cause;
+    OnTop on_top{};
+};
+using StreamRow = ErrnoRow<std::optional<StreamErrorId>>;
+using PathRow = ErrnoRow<FileAccessErrorId::Id>;
+
+template <typename OnTop>
+void PrintTo(ErrnoRow<OnTop> const& row, std::ostream* out) {
+    *out << strerrorname_np(row.error);
 }
 
-/// How a stream's failure is told: such a row with one of `StreamError` on top.
-inline testing::AssertionResult streamFailureIs(int error, int id, int on_top) {
-    using vesk::SysError;
-    return chainIs(
-        {{SysError, id, rowText(SysError, id, systemText(error))},
-         {std::IBinStreamBase::StreamError, on_top}});
+/// Error numbers that cause the same reports.
+template <typename OnTop>
+struct ErrnoGroup {
+    std::vector<int> errors;
+    SysErrorId::Id cause;
+    OnTop on_top{};
+};
+
+/// Returns the parameters of a test with one row for each error number of a table.
+template <typename OnTop = Nothing>
+auto rowsOf(std::vector<ErrnoGroup<OnTop>> const& table) {
+    std::vector<ErrnoRow<OnTop>> rows;
+    for (auto const& group : table) {
+        for (int const error : group.errors) {
+            rows.push_back({error, group.cause, group.on_top});
+        }
+    }
+    return testing::ValuesIn(rows);
 }
+
+inline ExpectedReport causedBy(SysErrorId::Id cause, int error) {
+    return {cause, rowText(cause, systemText(error))};
+}
+
+/// Checks that the last operation of a file failed, and its reports.
+inline testing::AssertionResult
+hasFailed(BinFileBase const& file, std::vector<ExpectedReport> const& reports) {
+    testing::AssertionResult const result = chainIs(reports);
+    return file.hadError() ? result : testing::AssertionFailure() << "hadError() returns false";
+}
+
+/// Checks that the last operation of a file succeeded, and that no report is pending.
+inline testing::AssertionResult hasNoError(BinFileBase const& file) {
+    testing::AssertionResult const result = chainIs({});
+    return file.hadError() ? testing::AssertionFailure() << "hadError() returns true" : result;
+}
+
+/// Checks the reports of a failed file: the cause with the system's text, and possibly one of the stream on top.
+inline testing::AssertionResult hasFailed(
+    BinFileBase const& file, SysErrorId::Id cause, int error, std::optional<StreamErrorId> on_top = {}) {
+    std::vector<ExpectedReport> reports{causedBy(cause, error)};
+    if (on_top) {
+        reports.emplace_back(*on_top);
+    }
+    return hasFailed(file, reports);
+}
+
+inline testing::AssertionResult hasFullDisk(BinFileBase const& file) {
+    return hasFailed(file, SysErrorId::NO_SPACE, ENOSPC, StreamErrorId::TRANSFER_FAILED);
+}
+
+/// Checks the reports of an `attempt` ("read", "write", "flush") on a closed file.
+inline testing::AssertionResult isClosedFor(BinFileBase const& file, std::string const& attempt) {
+    std::string const text = "attempted " + attempt + " on invalid file object";
+    return hasFailed(
+        file,
+        {{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)},
+         {StreamErrorId::UNUSABLE}});
+}
+
+/// Checks the reports of a failed `open`: the cause with the system's text, and its meaning for the path on top.
+inline testing::AssertionResult
+openFailureIs(SysErrorId::Id cause, int error, FileAccessErrorId::Id on_top, std::string const& path) {
+    return chainIs({causedBy(cause, error), {on_top, rowText(on_top, path)}});
+}
+
+inline testing::AssertionResult isMissing(std::string const& path) {
+    return openFailureIs(SysErrorId::INVALID_PATH, ENOENT, FileAccessErrorId::BAD_PATH, path);
+}
+
+inline testing::AssertionResult contractIsBroken(std::string const& text) {
+    return chainIs({{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)}});
+}
+
+/// Expects a number of calls of a function during its lifetime, and makes the first ones fail.
+class Calls {
+public:
+    Calls(Injected& function, int expected, int error = 0, int failures = 1)
+        : m_fault(function, error, 1, failures), m_expected(expected) {}
+    ~Calls() { EXPECT_EQ(m_expected, m_fault.getCalls()) << "calls"; }
+    Calls(Calls const&) = delete;
+    Calls& operator=(Calls const&) = delete;
+
+private:
+    Fault m_fault;
+    int m_expected;
+};
+
+// ---- files ----
 
 inline bool isOpen(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
 
-/// Reads once, and gives what came.
-inline std::string readFrom(std::IBinInputStream& stream, unsigned int size, int expected = 1) {
+/// Reads once. Returns what was read.
+inline std::string readFrom(IBinInputStream& stream, unsigned int size, int expected = 1) {
     std::string block(size, '\0');
     unsigned int count = 12345;
     EXPECT_EQ(expected, stream.read(&block[0], size, count));
@@ -50,12 +166,42 @@ inline std::string readFrom(std::IBinInputStream& stream, unsigned int size, int
     return block.substr(0, count);
 }
 
-/// Writes all of it.
-inline void writeTo(std::IBinOutputStream& stream, std::string const& bytes) {
+/// Writes once. Returns the result of the write, which must have accepted `expected_count` bytes.
+inline int writeOnce(IBinOutputStream& stream, std::string const& bytes, size_t expected_count) {
     unsigned int written = 12345;
-    EXPECT_EQ(1, stream.write(bytes.data(), static_cast<unsigned int>(bytes.size()), written));
-    EXPECT_EQ(bytes.size(), written);
+    int const result = stream.write(bytes.data(), static_cast<unsigned int>(bytes.size()), written);
+    EXPECT_EQ(expected_count, written);
+    return result;
 }
+
+/// Writes all bytes.
+inline void writeTo(IBinOutputStream& stream, std::string const& bytes) {
+    EXPECT_EQ(1, writeOnce(stream, bytes, bytes.size()));
+}
+
+/// Passes bytes into a pipe, past the file under test.
+inline void fill(Pipe const& pipe, std::string const& bytes) {
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(pipe.getWriteEnd(), bytes.data(), bytes.size()));
+}
+
+/// Returns what a pipe contains.
+inline std::string drain(Pipe const& pipe) {
+    char block[64];
+    ssize_t const count = read(pipe.getReadEnd(), block, sizeof block);
+    return {block, static_cast<size_t>(count < 0 ? 0 : count)};
+}
+
+/// The umask of the process during the lifetime of the object.
+class ScopedUmask {
+public:
+    explicit ScopedUmask(mode_t mask) : m_previous(umask(mask)) {}
+    ~ScopedUmask() { umask(m_previous); }
+    ScopedUmask(ScopedUmask const&) = delete;
+    ScopedUmask& operator=(ScopedUmask const&) = delete;
+
+private:
+    mode_t m_previous;
+};
 
 /// For a child: every write beyond `size` bytes of a file fails, instead of ending the process.
 inline void limitFileSize(rlim_t size) {
@@ -64,13 +210,32 @@ inline void limitFileSize(rlim_t size) {
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
 }
 
-/// For a child: gives up the rights of root.
-inline void becomeNobody() {
-    if (geteuid() == 0) {
-        ASSERT_EQ(0, setgroups(0, nullptr));
-        ASSERT_EQ(0, setresgid(65534, 65534, 65534));
-        ASSERT_EQ(0, setresuid(65534, 65534, 65534));
-    }
+/// Runs `body` in a child with a file system of its own at `mount_point`. Returns false if that is denied.
+inline bool
+runWithMount(std::string const& mount_point, char const* options, std::function<void()> const& body) {
+    constexpr int NO_RIGHT = 77;
+    ChildEnd const end = runInChild([&] {
+        if (!separateMounts() || !mountMemory(mount_point, options)) {
+            _exit(NO_RIGHT);
+        }
+        body();
+    });
+    EXPECT_TRUE(end.exit_code == 0 || end.exit_code == NO_RIGHT) << end.output << end.errors;
+    return end.exit_code != NO_RIGHT;
 }
+
+/// A file in a folder of its own. At the end of a test, no report must be pending.
+class FileTest : public testing::Test {
+protected:
+    explicit FileTest(std::string const& content = "0123456789abcdef")
+        : m_path(m_folder.makeFile("file", content)), m_dir(m_folder.getPath(), true) {}
+    void TearDown() override { EXPECT_TRUE(chainIs({})) << "at the end of the test"; }
+
+    TempFolder m_folder;
+    std::string m_path;
+    Directory m_dir;
+    std::string m_missing = m_folder / "missing";
+    unsigned int m_position = 12345;
+};
 
 } // namespace support

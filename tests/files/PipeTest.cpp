@@ -1,72 +1,43 @@
 #include "FileTests.h"
-#include "support/Chain.h"
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-
-#include <tarncommon/error/ErrorStorage.h>
-#include <tarncommon/error/GlobalErrorHandler.h>
-#include <vesk/Pipe.h>
-#include <vesk/SysError.h>
-
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <fcntl.h>
-#include <ostream>
-#include <string>
-#include <sys/resource.h>
-#include <type_traits>
-#include <unistd.h>
-#include <vector>
 
 VESK_INJECT_ERRNO(int, -1, pipe, (int* ends), (ends))
-VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
 
 namespace {
 
-using support::chainIs;
-using support::failureIs;
-using support::Fault;
-using vesk::Pipe;
+using namespace support;
 
 static_assert(!std::is_polymorphic_v<Pipe> && !std::is_copy_constructible_v<Pipe>);
 static_assert(sizeof(Pipe) == 2 * sizeof(int));
 
-TEST(Pipe, carriesBytesFromItsWriteEndToItsReadEnd) {
-    Pipe const pipe;
-    ASSERT_EQ(3, write(pipe.getWriteEnd(), "abc", 3));
-    char block[4] = {};
-    EXPECT_EQ(3, read(pipe.getReadEnd(), block, sizeof block));
-    EXPECT_STREQ("abc", block);
-}
-
-TEST(Pipe, endsBlockAndStayOpenAcrossExec) {
-    Pipe const pipe;
-    for (int const fd : {pipe.getReadEnd(), pipe.getWriteEnd()}) {
-        EXPECT_EQ(0, fcntl(fd, F_GETFL) & O_NONBLOCK);
-        EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
-    }
-}
-
-struct CreationRow {
-    int error;
-    int id;
+/// One end of a pipe, and its operations.
+struct End {
+    char const* name;
+    int (Pipe::*get)() const;
+    int (Pipe::*take)();
+    bool (Pipe::*close)();
 };
 
-void PrintTo(CreationRow const& row, std::ostream* out) {
-    *out << strerrorname_np(row.error);
+void PrintTo(End const& end, std::ostream* out) {
+    *out << end.name;
 }
 
-class PipeCreation : public testing::TestWithParam<CreationRow> {};
+End const READ_END{"read", &Pipe::getReadEnd, &Pipe::takeReadEnd, &Pipe::closeReadEnd};
+End const WRITE_END{"write", &Pipe::getWriteEnd, &Pipe::takeWriteEnd, &Pipe::closeWriteEnd};
+
+TEST(Pipe, carriesBytesFromItsWriteEndToItsReadEnd) {
+    Pipe const pipe;
+    fill(pipe, "abc");
+    EXPECT_EQ("abc", drain(pipe));
+}
+
+class PipeCreation : public testing::TestWithParam<ErrnoRow<>> {};
 
 TEST_P(PipeCreation, failureLeavesBothEndsClosed) {
-    support::EventRecorder const events;
+    EventRecorder const events;
     {
-        Fault const fault(inject_pipe, GetParam().error);
+        Calls const calls(inject_pipe, 1, GetParam().error);
         Pipe pipe;
-        EXPECT_EQ(1, fault.getCalls());
-        EXPECT_TRUE(failureIs(GetParam().error, GetParam().id));
+        EXPECT_TRUE(causeIs(GetParam().cause, GetParam().error));
         EXPECT_EQ(-1, pipe.getReadEnd());
         EXPECT_EQ(-1, pipe.getWriteEnd());
         EXPECT_FALSE(pipe.closeReadEnd());
@@ -78,90 +49,88 @@ TEST_P(PipeCreation, failureLeavesBothEndsClosed) {
 
 INSTANTIATE_TEST_SUITE_P(
     rows, PipeCreation,
-    testing::Values(
-        CreationRow{ENFILE, 0}, CreationRow{EMFILE, 0}, CreationRow{ENOSPC, 1}, CreationRow{ENOSYS, 6},
-        CreationRow{EFAULT, 19}, CreationRow{EINTR, 19}, CreationRow{ENOMEM, 19}));
+    rowsOf({
+        {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+        {{ENOSPC}, SysErrorId::OUT_OF_MEMORY},
+        {{ENOSYS}, SysErrorId::NOT_IMPLEMENTED},
+        {{EFAULT, EINTR, ENOMEM}, SysErrorId::UNCLASSIFIED},
+    }));
 
-TEST(Pipe, withoutDescriptorsLeftItIsNotMade) {
-    auto const end = support::runInChild([] {
+TEST(Pipe, isNotCreatedWithoutDescriptorsLeft) {
+    expectInChild([] {
         rlimit const limit{4, 4};
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
         Pipe const pipe;
-        EXPECT_TRUE(failureIs(EMFILE, 0));
+        EXPECT_TRUE(causeIs(SysErrorId::RESOURCES_EXHAUSTED, EMFILE));
         EXPECT_EQ(-1, pipe.getReadEnd());
         EXPECT_EQ(-1, pipe.getWriteEnd());
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-TEST(Pipe, secondCloseOfAnEndDoesNothing) {
-    Pipe pipe;
-    EXPECT_FALSE(pipe.closeReadEnd());
-    EXPECT_FALSE(pipe.closeWriteEnd());
-    Fault const calls(inject_close, 0);
-    EXPECT_FALSE(pipe.closeReadEnd());
-    EXPECT_FALSE(pipe.closeWriteEnd());
-    EXPECT_EQ(0, calls.getCalls());
+class PipeEnd : public testing::TestWithParam<End> {
+protected:
+    int get() const { return ((*m_pipe).*GetParam().get)(); }
+    int take() { return ((*m_pipe).*GetParam().take)(); }
+    bool close() { return ((*m_pipe).*GetParam().close)(); }
+    int getOther() const { return ((*m_pipe).*m_other.get)(); }
+
+    std::optional<Pipe> m_pipe{std::in_place};
+    End m_other = GetParam().get == READ_END.get ? WRITE_END : READ_END;
+};
+
+TEST_P(PipeEnd, blocksAndStaysOpenAcrossExec) {
+    EXPECT_EQ(0, fcntl(get(), F_GETFL) & O_NONBLOCK);
+    EXPECT_EQ(0, fcntl(get(), F_GETFD) & FD_CLOEXEC);
 }
 
-TEST(Pipe, eachEndIsClosedAlone) {
-    Pipe pipe;
-    int const read_end = pipe.getReadEnd();
-    int const write_end = pipe.getWriteEnd();
-    EXPECT_FALSE(pipe.closeReadEnd());
-    EXPECT_EQ(-1, pipe.getReadEnd());
-    EXPECT_FALSE(support::isOpen(read_end));
-    EXPECT_EQ(write_end, pipe.getWriteEnd());
-    EXPECT_TRUE(support::isOpen(write_end));
-    EXPECT_FALSE(pipe.closeWriteEnd());
-    EXPECT_EQ(-1, pipe.getWriteEnd());
-    EXPECT_FALSE(support::isOpen(write_end));
+TEST_P(PipeEnd, isClosedAloneAndOnce) {
+    int const fd = get();
+    int const other = getOther();
+    Calls const calls(inject_close, 1);
+    EXPECT_FALSE(close());
+    EXPECT_EQ(-1, get());
+    EXPECT_FALSE(isOpen(fd));
+    EXPECT_EQ(other, getOther());
+    EXPECT_TRUE(isOpen(other));
+    EXPECT_FALSE(close()) << "nothing is left to do";
 }
 
-class PipeClose : public testing::TestWithParam<int> {};
+TEST_P(PipeEnd, thatIsNoLongerOpenFailsToClose) {
+    ::close(get());
+    EXPECT_TRUE(close());
+    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EBADF));
+}
+
+TEST_P(PipeEnd, isClosedByTheDestructorUnlessItWasTaken) {
+    int const fd = take();
+    int const other = getOther();
+    EXPECT_EQ(-1, get());
+    EXPECT_EQ(-1, take());
+    m_pipe.reset();
+    EXPECT_FALSE(isOpen(other));
+    EXPECT_EQ(0, ::close(fd));
+}
+
+INSTANTIATE_TEST_SUITE_P(ends, PipeEnd, testing::Values(READ_END, WRITE_END));
+
+class PipeClose : public testing::TestWithParam<std::tuple<int, End>> {};
 
 TEST_P(PipeClose, failureIsReportedAndCountsAsClosed) {
+    auto const& [error, end] = GetParam();
     Pipe pipe;
-    int const ends[] = {pipe.getReadEnd(), pipe.getWriteEnd()};
-    {
-        Fault const fault(inject_close, GetParam());
-        EXPECT_TRUE(pipe.closeReadEnd());
-        EXPECT_TRUE(failureIs(GetParam(), 19));
-        EXPECT_EQ(-1, pipe.getReadEnd());
-        EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
-        EXPECT_FALSE(pipe.closeReadEnd());
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    {
-        Fault const fault(inject_close, GetParam());
-        EXPECT_TRUE(pipe.closeWriteEnd());
-        EXPECT_TRUE(failureIs(GetParam(), 19));
-        EXPECT_EQ(-1, pipe.getWriteEnd());
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    close(ends[0]);
-    close(ends[1]);
+    int const fd = (pipe.*end.get)();
+    Fault const fault(inject_close, error);
+    EXPECT_TRUE((pipe.*end.close)());
+    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, error));
+    EXPECT_EQ(-1, (pipe.*end.get)());
+    EXPECT_FALSE((pipe.*end.close)());
+    EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
+    close(fd);
 }
 
-INSTANTIATE_TEST_SUITE_P(errors, PipeClose, testing::Values(EINTR, EBADF, EIO));
-
-TEST(Pipe, closingAnEndThatIsNotOpenAnyMoreFails) {
-    Pipe pipe;
-    close(pipe.getReadEnd());
-    EXPECT_TRUE(pipe.closeReadEnd());
-    EXPECT_TRUE(failureIs(EBADF, 19));
-}
-
-TEST(Pipe, destructorClosesWhatIsOpen) {
-    int ends[2] = {};
-    {
-        Pipe const pipe;
-        ends[0] = pipe.getReadEnd();
-        ends[1] = pipe.getWriteEnd();
-    }
-    EXPECT_FALSE(support::isOpen(ends[0]));
-    EXPECT_FALSE(support::isOpen(ends[1]));
-}
+INSTANTIATE_TEST_SUITE_P(
+    errors, PipeClose,
+    testing::Combine(testing::Values(EINTR, EBADF, EIO), testing::Values(READ_END, WRITE_END)));
 
 /// One warning, and whether a report was pending when it came.
 struct Warning {
@@ -193,37 +162,18 @@ TEST(Pipe, destructorAcknowledgesBeforeTheWarningOfTheReadEndAndAfterThatOfTheWr
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(Pipe, closedWriteEndIsTheEndForTheReader) {
-    Pipe pipe;
-    ASSERT_EQ(1, write(pipe.getWriteEnd(), "x", 1));
-    EXPECT_FALSE(pipe.closeWriteEnd());
-    char block[4];
-    EXPECT_EQ(1, read(pipe.getReadEnd(), block, sizeof block));
-    EXPECT_EQ(0, read(pipe.getReadEnd(), block, sizeof block));
-}
-
-TEST(Pipe, closedReadEndIsABrokenPipeForTheWriter) {
+TEST(Pipe, closedEndIsTheEndForTheReaderAndABrokenPipeForTheWriter) {
     signal(SIGPIPE, SIG_IGN);
-    Pipe pipe;
-    EXPECT_FALSE(pipe.closeReadEnd());
-    EXPECT_EQ(-1, write(pipe.getWriteEnd(), "x", 1));
+    Pipe source;
+    fill(source, "x");
+    EXPECT_FALSE(source.closeWriteEnd());
+    EXPECT_EQ("x", drain(source));
+    char c = 0;
+    EXPECT_EQ(0, read(source.getReadEnd(), &c, 1));
+    Pipe sink;
+    EXPECT_FALSE(sink.closeReadEnd());
+    EXPECT_EQ(-1, write(sink.getWriteEnd(), "x", 1));
     EXPECT_EQ(EPIPE, errno);
-}
-
-TEST(Pipe, endThatIsTakenBelongsToTheTaker) {
-    int read_end = -1;
-    int write_end = -1;
-    {
-        Pipe pipe;
-        read_end = pipe.takeReadEnd();
-        EXPECT_EQ(-1, pipe.getReadEnd());
-        EXPECT_EQ(-1, pipe.takeReadEnd());
-        write_end = pipe.takeWriteEnd();
-        EXPECT_EQ(-1, pipe.getWriteEnd());
-        EXPECT_EQ(-1, pipe.takeWriteEnd());
-    }
-    EXPECT_EQ(0, close(read_end));
-    EXPECT_EQ(0, close(write_end));
 }
 
 } // namespace

@@ -1,45 +1,24 @@
-#include "support/Chain.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
+#include "FileTests.h"
 #include "support/NewFault.h"
-#include "support/TempFolder.h"
-#include "support/VtableSlot.h"
 
-#include <vesk/FileAccessError.h>
-#include <vesk/SerialPort.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>
+#include <vesk/SerialPort.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <ostream>
 #include <poll.h>
-#include <string>
 #include <termios.h>
-#include <type_traits>
-#include <unistd.h>
 
 namespace {
-// What the last calls were given.
+// The arguments of the last `tcsetattr`, and whether it is only recorded.
 termios s_set{};
 int s_set_action = -1;
-int s_open_flags = 0;
-// Whether settings only pretend to be made.
-bool s_pretend = false;
+bool s_only_records = false;
 } // namespace
 
 VESK_INJECT_ERRNO(int, -1, tcgetattr, (int fd, termios* line), (fd, line))
 VESK_INJECT_ERRNO(int, -1, cfsetospeed, (termios * line, speed_t speed), (line, speed))
 VESK_INJECT_ERRNO(int, -1, cfsetispeed, (termios * line, speed_t speed), (line, speed))
 VESK_INJECT_ERRNO(int, -1, tcdrain, (int fd), (fd))
-VESK_INJECT_ERRNO(int, -1, fsync, (int fd), (fd))
-VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
 
 support::Injected inject_tcsetattr("tcsetattr");
 extern "C" VESK_UNWATCHED int tcsetattr(int fd, int action, termios const* line) {
@@ -50,41 +29,24 @@ extern "C" VESK_UNWATCHED int tcsetattr(int fd, int action, termios const* line)
     }
     s_set = *line;
     s_set_action = action;
-    if (s_pretend) {
+    if (s_only_records) {
         return 0;
     }
     return reinterpret_cast<int (*)(int, int, termios const*)>(inject_tcsetattr.getReal())(fd, action, line);
 }
 
-VESK_INJECT_OPEN(s_open_flags = flags)
-
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::ExpectedReport;
-using support::Fault;
-using support::getSlot;
-using support::Injected;
-using support::New;
-using support::NewFault;
-using support::rowText;
-using support::systemText;
-using support::TempFolder;
-using vesk::FileAccessError;
-namespace FileAccessErrorId = vesk::FileAccessErrorId;
+using namespace support;
 using vesk::SerialPort;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
 using Parity = SerialPort::Parity;
-using StreamBase = std::IBinStreamBase;
 
 static_assert(std::is_same_v<std::underlying_type_t<Parity>, uint32_t>);
 static_assert(static_cast<int>(Parity::NONE) == 0 && static_cast<int>(Parity::EVEN) == 1);
 static_assert(static_cast<int>(Parity::ODD) == 2 && static_cast<int>(Parity::MARK) == 3);
 static_assert(static_cast<int>(Parity::SPACE) == 4);
 
-/// Both ends of a line. The test's own end of the device stays open, so that the device keeps its settings.
+/// Both ends of a line. The test keeps the device open too, so that it keeps its settings.
 class PseudoTerminal {
 public:
     PseudoTerminal() : m_master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
@@ -109,19 +71,15 @@ public:
         EXPECT_EQ(static_cast<ssize_t>(text.size()), ::write(m_master, text.data(), text.size()));
     }
 
-    /// What arrives at the other end, as much as is expected.
+    /// Waits until `size` bytes have arrived at the other end, and returns them.
     std::string receive(size_t size) const {
         std::string text;
         while (text.size() < size) {
             pollfd row{m_master, POLLIN, 0};
             char chunk[256];
-            if (::poll(&row, 1, 20000) != 1) {
-                ADD_FAILURE() << "nothing arrives behind \"" << text << "\"";
-                break;
-            }
-            ssize_t const count = ::read(m_master, chunk, sizeof chunk);
+            ssize_t const count = ::poll(&row, 1, 20000) == 1 ? ::read(m_master, chunk, sizeof chunk) : 0;
             if (count <= 0) {
-                ADD_FAILURE() << strerror(errno);
+                ADD_FAILURE() << "nothing arrives after \"" << text << "\"";
                 break;
             }
             text.append(chunk, static_cast<size_t>(count));
@@ -143,56 +101,62 @@ private:
     int m_device = -1;
 };
 
-/// The root cause that `open` reports, and the report on top of it.
-std::vector<ExpectedReport> refusal(int error, std::string const& device) {
-    return {
-        {SysError, SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(error))},
-        {FileAccessError, FileAccessErrorId::UNCLASSIFIED, rowText(FileAccessErrorId::UNCLASSIFIED, device)}};
-}
-
-class SerialPortTest : public testing::Test {
+class SerialPortTest : public FileTest {
 protected:
-    void TearDown() override { s_pretend = false; }
+    void TearDown() override {
+        s_only_records = false;
+        FileTest::TearDown();
+    }
+
+    /// Checks that `open` has failed to configure the line, and its reports after those of `before`.
+    testing::AssertionResult isRefused(int error, std::vector<ExpectedReport> before = {}) const {
+        std::string const text = rowText(FileAccessErrorId::UNCLASSIFIED, m_port.getDevice());
+        before.push_back(causedBy(SysErrorId::UNCLASSIFIED, error));
+        before.emplace_back(FileAccessErrorId::UNCLASSIFIED, text);
+        return hasFailed(m_port, before);
+    }
+
+    /// Leaves a report pending.
+    static void reportEarlierFailure() { std::ErrorOutput("earlier", 1, true)(SysErrorId::NO_SUCH_PROCESS); }
 
     PseudoTerminal m_terminal;
+    SerialPort m_port{m_terminal.getPath()};
+    /// Reads ahead, and has no buffer for writing.
+    SerialPort m_reader{m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 16, 0};
+    SerialPort m_writer{m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 0, 16};
 };
 
-// ---- The object ----
+class OpenSerialPort : public SerialPortTest {
+protected:
+    OpenSerialPort() { EXPECT_FALSE(m_port.open()); }
+};
 
-TEST(SerialPort, keepsItsSettingsAndTouchesNoDevice) {
-    Fault const opened(inject_open, 0);
+TEST_F(SerialPortTest, keepsItsSettingsWithoutAccessToTheDevice) {
+    Calls const none(inject_open, 0);
     SerialPort port("/no/such/device", 115200, Parity::ODD, 2, true, false, false);
-    EXPECT_EQ(0, opened.getCalls());
-    EXPECT_EQ("/no/such/device", port.getDevice());
-    EXPECT_EQ(115200U, port.getBaudRate());
-    EXPECT_EQ(Parity::ODD, port.getParity());
-    EXPECT_EQ(2, port.getStopBits());
-    EXPECT_TRUE(port.getXon());
-    EXPECT_FALSE(port.getXoff());
+    auto const get_settings = [&port] {
+        return std::make_tuple(
+            port.getDevice(), port.getBaudRate(), port.getParity(), port.getStopBits(), port.getXon(),
+            port.getXoff());
+    };
+    EXPECT_EQ(std::make_tuple("/no/such/device", 115200U, Parity::ODD, 2, true, false), get_settings());
     EXPECT_FALSE(port.isValid());
-    EXPECT_FALSE(port.isInputBuffered());
-    EXPECT_FALSE(port.isOutputBuffered());
     port.setDevice("/other");
     port.setBaudRate(300);
     port.setParity(Parity::EVEN);
     port.setStopBits(1);
     port.setXon(false);
     port.setXoff(true);
-    EXPECT_EQ("/other", port.getDevice());
-    EXPECT_EQ(300U, port.getBaudRate());
-    EXPECT_EQ(Parity::EVEN, port.getParity());
-    EXPECT_EQ(1, port.getStopBits());
-    EXPECT_FALSE(port.getXon());
-    EXPECT_TRUE(port.getXoff());
+    EXPECT_EQ(std::make_tuple("/other", 300U, Parity::EVEN, 1, false, true), get_settings());
 }
 
-TEST(SerialPort, passesTheBufferSizesOn) {
-    SerialPort const port("/no/such/device", 9600, Parity::NONE, 1, false, false, true, 16, 0);
-    EXPECT_TRUE(port.isInputBuffered());
-    EXPECT_FALSE(port.isOutputBuffered());
-    SerialPort const other("/no/such/device", 9600, Parity::NONE, 1, false, false, true, 0, 16);
-    EXPECT_FALSE(other.isInputBuffered());
-    EXPECT_TRUE(other.isOutputBuffered());
+TEST_F(SerialPortTest, passesTheBufferSizesOn) {
+    EXPECT_FALSE(m_port.isInputBuffered());
+    EXPECT_FALSE(m_port.isOutputBuffered());
+    EXPECT_TRUE(m_reader.isInputBuffered());
+    EXPECT_FALSE(m_reader.isOutputBuffered());
+    EXPECT_FALSE(m_writer.isInputBuffered());
+    EXPECT_TRUE(m_writer.isOutputBuffered());
 }
 
 struct Slots : SerialPort {
@@ -200,76 +164,60 @@ struct Slots : SerialPort {
     using SerialPort::StreamBinFileRW::checkWriteBufferConsistency;
 };
 
-TEST(SerialPort, flushStandsBehindTheOperationsOfTheBase) {
+TEST_F(SerialPortTest, flushFollowsTheOperationsOfTheBaseInItsSlot) {
     EXPECT_EQ(7, getSlot(&Slots::checkWriteBufferConsistency));
     EXPECT_EQ(8, getSlot(&Slots::performFlush));
 }
 
-// ---- What is refused before the device is looked at ----
+struct BadSettings {
+    Parity parity;
+    std::string device; ///< Empty, or "any" for a device that exists.
+    ExpectedReport report;
+};
 
-class SerialPortUnsupportedParity : public SerialPortTest, public testing::WithParamInterface<Parity> {};
+void PrintTo(BadSettings const& row, std::ostream* out) {
+    *out << static_cast<int>(row.parity) << " \"" << row.device << "\"";
+}
 
-TEST_P(SerialPortUnsupportedParity, isRefusedBeforeTheDevice) {
-    std::vector<ExpectedReport> const expected = {
-        {std::CommonError, std::CommonErrorId::NOT_SUPPORTED,
-         rowText(std::CommonErrorId::NOT_SUPPORTED, "MARK/SPACE setting is not supported on POSIX")}};
-    Fault const opened(inject_open, 0);
-    for (std::string const& device : {m_terminal.getPath(), std::string()}) {
-        SerialPort port(device, 9600, GetParam());
-        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+class SerialPortBadSettings : public SerialPortTest, public testing::WithParamInterface<BadSettings> {};
+
+TEST_P(SerialPortBadSettings, areRefusedBeforeTheDeviceIsOpenedButCloseAnOpenPort) {
+    for (bool const is_open : {false, true}) {
+        SerialPort port(m_terminal.getPath());
+        EXPECT_FALSE(is_open && port.open());
+        EXPECT_EQ(is_open, port.isValid());
+        Calls const none(inject_open, 0);
+        port.setParity(GetParam().parity);
+        port.setDevice(GetParam().device.empty() ? "" : m_terminal.getPath());
+        reportEarlierFailure();
         EXPECT_TRUE(port.open());
-        EXPECT_TRUE(port.hadError());
         EXPECT_FALSE(port.isValid());
-        EXPECT_TRUE(chainIs(expected));
+        EXPECT_TRUE(hasFailed(port, {GetParam().report}));
     }
-    EXPECT_EQ(0, opened.getCalls());
 }
 
-INSTANTIATE_TEST_SUITE_P(All, SerialPortUnsupportedParity, testing::Values(Parity::MARK, Parity::SPACE));
+ExpectedReport const UNSUPPORTED(
+    CommonErrorId::NOT_SUPPORTED,
+    rowText(CommonErrorId::NOT_SUPPORTED, "MARK/SPACE setting is not supported on POSIX"));
+ExpectedReport const NO_PATH(FileAccessErrorId::BAD_PATH, "Bad path '<empty string given>'");
 
-TEST(SerialPort, emptyDeviceIsABadPath) {
-    Fault const opened(inject_open, 0);
-    SerialPort port("");
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    EXPECT_TRUE(port.open());
-    EXPECT_TRUE(port.hadError());
-    EXPECT_FALSE(port.isValid());
-    EXPECT_TRUE(chainIs({{FileAccessErrorId::BAD_PATH, "Bad path '<empty string given>'"}}));
-    EXPECT_EQ(0, opened.getCalls());
+INSTANTIATE_TEST_SUITE_P(
+    All, SerialPortBadSettings,
+    testing::Values(
+        BadSettings{Parity::MARK, "any", UNSUPPORTED}, BadSettings{Parity::SPACE, "any", UNSUPPORTED},
+        BadSettings{Parity::MARK, "", UNSUPPORTED}, BadSettings{Parity::SPACE, "", UNSUPPORTED},
+        BadSettings{Parity::NONE, "", NO_PATH}));
+
+TEST_F(SerialPortTest, missingDeviceIsReportedByTheOpenOfTheFile) {
+    m_port.setDevice(m_missing);
+    EXPECT_TRUE(m_port.open());
+    EXPECT_FALSE(m_port.isValid());
+    EXPECT_TRUE(isMissing(m_missing));
 }
 
-TEST_F(SerialPortTest, openPortIsClosedEvenIfItsNewSettingsAreRefused) {
-    SerialPort port(m_terminal.getPath());
-    ASSERT_FALSE(port.open());
-    port.setParity(Parity::MARK);
-    EXPECT_TRUE(port.open());
-    EXPECT_FALSE(port.isValid());
-    EXPECT_TRUE(chainIs({{std::CommonErrorId::NOT_SUPPORTED}}));
-    port.setParity(Parity::NONE);
-    ASSERT_FALSE(port.open());
-    port.setDevice("");
-    EXPECT_TRUE(port.open());
-    EXPECT_FALSE(port.isValid());
-    EXPECT_TRUE(chainIs({{FileAccessErrorId::BAD_PATH}}));
-}
-
-TEST(SerialPort, missingDeviceIsReportedByTheOpenOfTheFile) {
-    SerialPort port("/no/such/device");
-    EXPECT_TRUE(port.open());
-    EXPECT_FALSE(port.isValid());
-    EXPECT_TRUE(chainIs(
-        {{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ENOENT))},
-         {FileAccessError, FileAccessErrorId::BAD_PATH,
-          rowText(FileAccessErrorId::BAD_PATH, "/no/such/device")}}));
-}
-
-// ---- How the line is set up ----
-
-TEST_F(SerialPortTest, lineIsRawWithEightBits) {
-    SerialPort port(m_terminal.getPath());
-    ASSERT_FALSE(port.open()) << "defaults";
-    EXPECT_TRUE(port.isValid());
-    EXPECT_FALSE(port.hadError());
+TEST_F(OpenSerialPort, lineIsRawWithEightBits) {
+    EXPECT_TRUE(m_port.isValid());
+    EXPECT_TRUE(hasNoError(m_port));
     termios const line = m_terminal.getSettings();
     termios raw = line;
     cfmakeraw(&raw);
@@ -283,116 +231,91 @@ TEST_F(SerialPortTest, lineIsRawWithEightBits) {
     EXPECT_EQ(0, line.c_cc[VTIME]);
     EXPECT_EQ(static_cast<speed_t>(B9600), cfgetospeed(&line));
     EXPECT_EQ(TCSANOW, s_set_action);
-    EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(SerialPortTest, softwareFlowControlIsSetForEachDirection) {
-    for (bool const xon : {false, true}) {
-        for (bool const xoff : {false, true}) {
-            // The device has it the other way round.
-            termios before = m_terminal.getSettings();
-            before.c_iflag = (xon ? 0U : IXON) | (xoff ? 0U : IXOFF);
-            m_terminal.change(before);
-            SerialPort port(m_terminal.getPath(), 9600, Parity::NONE, 1, xon, xoff);
-            ASSERT_FALSE(port.open());
-            termios const line = m_terminal.getSettings();
-            EXPECT_EQ(xon ? IXON : 0U, line.c_iflag & IXON);
-            EXPECT_EQ(xoff ? IXOFF : 0U, line.c_iflag & IXOFF);
-        }
+/// Settings of a port, and the flags of the line that they set. Without flags, those of the device are kept.
+struct SettingRow {
+    char const* name;
+    bool xon;
+    bool xoff;
+    int stop_bits;
+    Parity parity;
+    tcflag_t termios::*field;
+    tcflag_t mask;
+    std::optional<tcflag_t> flags;
+};
+
+void PrintTo(SettingRow const& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class SerialPortSettings : public SerialPortTest, public testing::WithParamInterface<SettingRow> {};
+
+TEST_P(SerialPortSettings, areSetWhateverTheDeviceUsedBefore) {
+    SettingRow const row = GetParam();
+    // A pseudo-terminal checks no parity.
+    tcflag_t const mask = row.mask & ~static_cast<tcflag_t>(row.field == &termios::c_cflag ? PARENB : 0);
+    m_port.setXon(row.xon);
+    m_port.setXoff(row.xoff);
+    m_port.setStopBits(static_cast<uint8_t>(row.stop_bits));
+    m_port.setParity(row.parity);
+    for (bool const on : {true, false, true}) {
+        termios before = m_terminal.getSettings();
+        before.*row.field = on ? before.*row.field | mask : before.*row.field & ~mask;
+        before.c_cc[VINTR] = on ? 'i' : 'j';
+        before.c_cc[VSTART] = on ? 's' : 't';
+        // If nothing else changes, the C library takes the missing parity for a refusal.
+        cfsetospeed(&before, on ? B1200 : B2400);
+        m_terminal.change(before);
+        ASSERT_FALSE(m_port.open());
+        tcflag_t const expected = row.flags.value_or(before.*row.field & row.mask);
+        EXPECT_EQ(expected, s_set.*row.field & row.mask);
+        termios const line = m_terminal.getSettings();
+        EXPECT_EQ(expected & mask, line.*row.field & mask);
+        EXPECT_EQ(before.c_cc[VINTR], line.c_cc[VINTR]);
+        EXPECT_EQ(before.c_cc[VSTART], line.c_cc[VSTART]);
     }
 }
 
-TEST_F(SerialPortTest, onlyTwoStopBitsAreTwo) {
-    for (int const given : {2, 0, 2, 1, 2, 3, 2, 255}) {
-        auto const stop_bits = static_cast<uint8_t>(given);
-        SerialPort port(m_terminal.getPath(), 9600, Parity::NONE, stop_bits);
-        ASSERT_FALSE(port.open());
-        EXPECT_EQ(stop_bits == 2 ? CSTOPB : 0U, m_terminal.getSettings().c_cflag & CSTOPB) << given;
-    }
-}
+constexpr tcflag_t FLOW = IXON | IXOFF;
+constexpr tcflag_t PARITY = PARENB | PARODD;
+constexpr tcflag_t MODEM = CLOCAL | CRTSCTS;
+
+INSTANTIATE_TEST_SUITE_P(
+    All, SerialPortSettings,
+    testing::Values(
+        SettingRow{"noFlowControl", false, false, 1, Parity::NONE, &termios::c_iflag, FLOW, 0},
+        SettingRow{"xonAlone", true, false, 1, Parity::NONE, &termios::c_iflag, FLOW, IXON},
+        SettingRow{"xoffAlone", false, true, 1, Parity::NONE, &termios::c_iflag, FLOW, IXOFF},
+        SettingRow{"xonAndXoff", true, true, 1, Parity::NONE, &termios::c_iflag, FLOW, FLOW},
+        SettingRow{"twoStopBits", false, false, 2, Parity::NONE, &termios::c_cflag, CSTOPB, CSTOPB},
+        SettingRow{"oneStopBit", false, false, 1, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+        SettingRow{"noStopBitIsOne", false, false, 0, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+        SettingRow{"threeStopBitsAreOne", false, false, 3, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+        SettingRow{"255StopBitsAreOne", false, false, 255, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+        SettingRow{"noParity", false, false, 1, Parity::NONE, &termios::c_cflag, PARENB, 0},
+        SettingRow{"noParityKeepsOdd", false, false, 1, Parity::NONE, &termios::c_cflag, PARODD, {}},
+        SettingRow{"evenParity", false, false, 1, Parity::EVEN, &termios::c_cflag, PARITY, PARENB},
+        SettingRow{"oddParity", false, false, 1, Parity::ODD, &termios::c_cflag, PARITY, PARITY},
+        SettingRow{"unknownParityIsNone", false, false, 1, Parity(5), &termios::c_cflag, PARENB, 0},
+        SettingRow{"keepsModemLines", false, false, 1, Parity::NONE, &termios::c_cflag, MODEM, {}}));
 
 TEST_F(SerialPortTest, receiverIsSwitchedOn) {
-    s_pretend = true;
-    SerialPort port(m_terminal.getPath());
-    ASSERT_FALSE(port.open());
+    s_only_records = true;
+    ASSERT_FALSE(m_port.open());
     EXPECT_NE(0U, s_set.c_cflag & CREAD);
 }
 
-struct ParityRow {
-    Parity parity;
-    tcflag_t flags;
-};
-
-class SerialPortParity : public SerialPortTest, public testing::WithParamInterface<ParityRow> {};
-
-TEST_P(SerialPortParity, isSetWhateverTheDeviceHad) {
-    for (tcflag_t const odd : {0U, tcflag_t{PARODD}}) {
-        termios before = m_terminal.getSettings();
-        before.c_cflag = (before.c_cflag & ~static_cast<tcflag_t>(PARODD)) | odd;
-        // It checks no characters, which the C library takes for a refusal unless something else changes with it.
-        cfsetospeed(&before, B1200);
-        m_terminal.change(before);
-        ASSERT_EQ(odd, m_terminal.getSettings().c_cflag & PARODD);
-        SerialPort port(m_terminal.getPath(), 9600, GetParam().parity);
-        ASSERT_FALSE(port.open());
-        EXPECT_EQ(GetParam().flags & PARENB, s_set.c_cflag & PARENB);
-        if (GetParam().parity != Parity::NONE) {
-            EXPECT_EQ(GetParam().flags & PARODD, s_set.c_cflag & PARODD);
-            EXPECT_EQ(GetParam().flags & PARODD, m_terminal.getSettings().c_cflag & PARODD);
-        } else {
-            EXPECT_EQ(odd, s_set.c_cflag & PARODD) << "without a check it is left alone";
-        }
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SerialPortParity,
-    testing::Values(
-        ParityRow{Parity::NONE, 0}, //
-        ParityRow{Parity::EVEN, PARENB}, ParityRow{Parity::ODD, PARENB | PARODD}));
-
-TEST_F(SerialPortTest, parityThatNobodyKnowsIsNone) {
-    SerialPort port(m_terminal.getPath(), 9600, static_cast<Parity>(5));
-    ASSERT_FALSE(port.open());
-    EXPECT_EQ(0U, s_set.c_cflag & PARENB);
-}
-
-TEST_F(SerialPortTest, modemLinesAndHardwareFlowControlAndCharactersStayAsTheDeviceHadThem) {
-    for (bool const on : {true, false}) {
-        termios before = m_terminal.getSettings();
-        tcflag_t const flags = CLOCAL | CRTSCTS;
-        before.c_cflag = on ? before.c_cflag | flags : before.c_cflag & ~flags;
-        before.c_cc[VINTR] = on ? 'i' : 'j';
-        before.c_cc[VSTART] = on ? 's' : 't';
-        m_terminal.change(before);
-        SerialPort port(m_terminal.getPath());
-        ASSERT_FALSE(port.open());
-        EXPECT_EQ(on ? flags : 0U, s_set.c_cflag & flags);
-        EXPECT_EQ(on ? flags : 0U, m_terminal.getSettings().c_cflag & flags);
-        EXPECT_EQ(before.c_cc[VINTR], m_terminal.getSettings().c_cc[VINTR]);
-        EXPECT_EQ(before.c_cc[VSTART], m_terminal.getSettings().c_cc[VSTART]);
-    }
-}
-
-// ---- Speeds ----
-
-struct Speed {
-    unsigned int baud_rate;
-    speed_t constant;
-};
-
-void PrintTo(Speed const& speed, std::ostream* out) {
-    *out << speed.baud_rate;
-}
+using Speed = std::pair<unsigned int, speed_t>;
 
 class SerialPortSpeeds : public SerialPortTest, public testing::WithParamInterface<Speed> {};
 
-TEST_P(SerialPortSpeeds, areThoseOfBothDirections) {
-    SerialPort port(m_terminal.getPath(), GetParam().baud_rate);
-    ASSERT_FALSE(port.open());
+TEST_P(SerialPortSpeeds, areSetForBothDirections) {
+    m_port.setBaudRate(GetParam().first);
+    ASSERT_FALSE(m_port.open());
     termios const line = m_terminal.getSettings();
-    EXPECT_EQ(GetParam().constant, cfgetospeed(&line));
-    EXPECT_EQ(GetParam().constant, cfgetispeed(&line));
+    EXPECT_EQ(GetParam().second, cfgetospeed(&line));
+    EXPECT_EQ(GetParam().second, cfgetispeed(&line));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -401,371 +324,242 @@ INSTANTIATE_TEST_SUITE_P(
         Speed{50, B50}, Speed{300, B300}, Speed{1200, B1200}, Speed{2400, B2400}, Speed{4800, B4800},
         Speed{9600, B9600}, Speed{19200, B19200}, Speed{38400, B38400}, Speed{57600, B57600},
         Speed{115200, B115200}, Speed{230400, B230400},
-        // A number that happens to be a constant of the system goes on as it is.
+        // A number that happens to be a constant of the system is passed on as it is.
         Speed{13, B9600}, Speed{0x1002, B115200}));
 
 class SerialPortBadSpeeds : public SerialPortTest, public testing::WithParamInterface<unsigned int> {};
 
 TEST_P(SerialPortBadSpeeds, areRefusedForBothDirectionsAndTheLineIsClosed) {
-    SerialPort port(m_terminal.getPath(), GetParam());
-    Fault const output(inject_cfsetospeed, 0);
-    Fault const input(inject_cfsetispeed, 0);
-    Fault const set(inject_tcsetattr, 0);
-    EXPECT_TRUE(port.open());
-    EXPECT_EQ(1, output.getCalls());
-    EXPECT_EQ(1, input.getCalls());
-    EXPECT_EQ(0, set.getCalls());
-    EXPECT_FALSE(port.isValid());
-    EXPECT_EQ(-1, port.getDescriptor());
-    EXPECT_TRUE(port.hadError());
-    EXPECT_TRUE(chainIs(refusal(EINVAL, m_terminal.getPath())));
+    m_port.setBaudRate(GetParam());
+    Calls const output(inject_cfsetospeed, 1);
+    Calls const input(inject_cfsetispeed, 1);
+    Calls const none(inject_tcsetattr, 0);
+    EXPECT_TRUE(m_port.open());
+    EXPECT_EQ(-1, m_port.getDescriptor());
+    EXPECT_TRUE(isRefused(EINVAL));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, SerialPortBadSpeeds,
     testing::Values(75, 110, 134, 150, 200, 600, 1800, 460800, 500000, 921600, 4000000, 0xFFFFFFFF));
 
-// ---- What the system refuses ----
-
-struct ConfigureRow {
-    char const* call;
-    Injected* function;
-    int error;
-};
-
-void PrintTo(ConfigureRow const& row, std::ostream* out) {
-    *out << row.call << " " << strerrorname_np(row.error);
-}
-
-class SerialPortConfigureRows : public SerialPortTest, public testing::WithParamInterface<ConfigureRow> {};
+class SerialPortConfigureRows : public SerialPortTest,
+                                public testing::WithParamInterface<std::tuple<Injected*, int>> {};
 
 TEST_P(SerialPortConfigureRows, closesTheLineAndIsReported) {
-    SerialPort port(m_terminal.getPath());
-    {
-        Fault const fault(*GetParam().function, GetParam().error);
-        EXPECT_TRUE(port.open());
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_FALSE(port.isValid());
-    EXPECT_EQ(-1, port.getDescriptor());
-    EXPECT_TRUE(port.hadError()) << "in spite of the close that went well";
-    EXPECT_TRUE(chainIs(refusal(GetParam().error, m_terminal.getPath())));
-    EXPECT_FALSE(port.open()) << "the next one may go well";
-    EXPECT_FALSE(port.hadError());
+    auto const [function, error] = GetParam();
+    Calls const calls(*function, 2, error);
+    EXPECT_TRUE(m_port.open());
+    EXPECT_EQ(-1, m_port.getDescriptor());
+    EXPECT_TRUE(isRefused(error)) << "in spite of the close that succeeded";
+    EXPECT_FALSE(m_port.open()) << "the next one may succeed";
+    EXPECT_FALSE(m_port.hadError());
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, SerialPortConfigureRows,
-    testing::Values(
-        ConfigureRow{"tcgetattr", &inject_tcgetattr, EBADF},
-        ConfigureRow{"tcgetattr", &inject_tcgetattr, ENOTTY},
-        ConfigureRow{"tcgetattr", &inject_tcgetattr, EIO},
-        ConfigureRow{"cfsetospeed", &inject_cfsetospeed, EINVAL},
-        ConfigureRow{"cfsetispeed", &inject_cfsetispeed, EINVAL},
-        ConfigureRow{"tcsetattr", &inject_tcsetattr, EINTR},
-        ConfigureRow{"tcsetattr", &inject_tcsetattr, EINVAL},
-        ConfigureRow{"tcsetattr", &inject_tcsetattr, EIO}));
+    tcgetattr, SerialPortConfigureRows,
+    testing::Combine(testing::Values(&inject_tcgetattr), testing::Values(EBADF, ENOTTY, EIO)));
+INSTANTIATE_TEST_SUITE_P(
+    cfsetspeed, SerialPortConfigureRows,
+    testing::Combine(testing::Values(&inject_cfsetospeed, &inject_cfsetispeed), testing::Values(EINVAL)));
+INSTANTIATE_TEST_SUITE_P(
+    tcsetattr, SerialPortConfigureRows,
+    testing::Combine(testing::Values(&inject_tcsetattr), testing::Values(EINTR, EINVAL, EIO)));
 
-TEST_F(SerialPortTest, refusalStaysOnTopOfWhatWasPendingBefore) {
-    SerialPort port(m_terminal.getPath());
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    Fault const fault(inject_tcgetattr, EIO);
-    EXPECT_TRUE(port.open());
-    std::vector<ExpectedReport> expected = refusal(EIO, m_terminal.getPath());
-    expected.insert(expected.begin(), {SysError, SysErrorId::NO_SUCH_PROCESS});
-    EXPECT_TRUE(chainIs(expected));
+TEST_F(SerialPortTest, refusalIsReportedOnTopOfAnEarlierFailureAndOfAFailureToCloseTheLine) {
+    reportEarlierFailure();
+    Fault const refused(inject_tcgetattr, EIO, 1, 2);
+    EXPECT_TRUE(m_port.open());
+    EXPECT_TRUE(isRefused(EIO, {SysErrorId::NO_SUCH_PROCESS}));
+    Fault const not_closed(inject_close, EIO);
+    EXPECT_TRUE(m_port.open());
+    EXPECT_TRUE(isRefused(EIO, {causedBy(SysErrorId::INPUT_OUTPUT, EIO)}));
+    EXPECT_FALSE(m_port.close()) << "it can be tried again";
 }
 
-TEST_F(SerialPortTest, failureToCloseARefusedLineIsToldBelowTheRefusal) {
-    SerialPort port(m_terminal.getPath());
+TEST_F(SerialPortTest, plainFileIsOpenedAndClosedAgain) {
+    m_port.setDevice(m_path);
+    Calls const opened(inject_open, 1);
     {
-        Fault const refused(inject_tcgetattr, ENODEV);
-        Fault const not_closed(inject_close, EIO);
-        EXPECT_TRUE(port.open());
+        Calls const closed(inject_close, 1);
+        EXPECT_TRUE(m_port.open());
     }
-    std::vector<ExpectedReport> expected = refusal(ENODEV, m_terminal.getPath());
-    expected.insert(
-        expected.begin(),
-        {SysError, SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))});
-    EXPECT_TRUE(chainIs(expected));
-    EXPECT_TRUE(port.hadError());
-    EXPECT_FALSE(port.close()) << "it may be tried again";
+    EXPECT_FALSE(m_port.isValid());
+    EXPECT_EQ("0123456789abcdef", contentOf(m_path));
+    // Neither can a file be drained when it is closed.
+    EXPECT_TRUE(
+        isRefused(ENOTTY, {causedBy(SysErrorId::INPUT_OUTPUT, ENOTTY), StreamErrorId::TRANSFER_FAILED}));
 }
 
-TEST(SerialPort, plainFileIsOpenedAndClosedAgain) {
-    TempFolder const folder;
-    std::string const path = folder.makeFile("file", "content");
-    SerialPort port(path);
-    Fault const opened(inject_open, 0);
-    Fault const closed(inject_close, 0);
-    EXPECT_TRUE(port.open());
-    EXPECT_EQ(1, opened.getCalls());
-    EXPECT_EQ(1, closed.getCalls());
-    EXPECT_FALSE(port.isValid());
-    EXPECT_TRUE(port.hadError());
-    // Nor can a file be drained when it is closed.
-    std::vector<ExpectedReport> expected = refusal(ENOTTY, path);
-    expected.insert(
-        expected.begin(),
-        {{SysError, SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(ENOTTY))},
-         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}});
-    EXPECT_TRUE(chainIs(expected));
-    EXPECT_EQ("content", support::contentOf(path));
-}
-
-// ---- Opening again ----
-
-TEST_F(SerialPortTest, openingAgainAppliesTheSettingsToAFreshDescriptor) {
-    SerialPort port(m_terminal.getPath(), 9600);
-    ASSERT_FALSE(port.open());
-    Fault const opened(inject_open, 0);
-    Fault const closed(inject_close, 0);
-    Fault const drained(inject_tcdrain, 0);
-    port.setBaudRate(115200);
-    port.setStopBits(2);
-    EXPECT_FALSE(port.open());
-    EXPECT_EQ(1, drained.getCalls());
-    EXPECT_EQ(1, closed.getCalls());
-    EXPECT_EQ(1, opened.getCalls());
+TEST_F(OpenSerialPort, openAppliesTheSettingsToANewDescriptor) {
+    m_port.setBaudRate(115200);
+    m_port.setStopBits(2);
+    {
+        Calls const opened(inject_open, 1);
+        Calls const closed(inject_close, 1);
+        Calls const drained(inject_tcdrain, 1);
+        EXPECT_FALSE(m_port.open());
+    }
     termios const line = m_terminal.getSettings();
     EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&line));
     EXPECT_NE(0U, line.c_cflag & CSTOPB);
     m_terminal.send("x");
-    char byte = 0;
-    unsigned int count = 0;
-    EXPECT_EQ(1, port.read(&byte, 1, count));
-    EXPECT_EQ('x', byte);
+    EXPECT_EQ("x", readFrom(m_port, 1));
 }
 
-TEST_F(SerialPortTest, lineThatCannotBeClosedIsNotOpenedAgain) {
-    SerialPort port(m_terminal.getPath());
-    ASSERT_FALSE(port.open());
-    Fault const opened(inject_open, 0);
+TEST_F(OpenSerialPort, portThatCannotBeDrainedIsClosedAndNotOpenedAgain) {
     {
+        Calls const none(inject_open, 0);
         Fault const fault(inject_tcdrain, EIO);
-        EXPECT_TRUE(port.open());
+        EXPECT_TRUE(m_port.open());
     }
-    EXPECT_EQ(0, opened.getCalls());
-    EXPECT_FALSE(port.isValid()) << "it is closed all the same";
-    EXPECT_TRUE(chainIs(
-        {{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))},
-         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
-    EXPECT_FALSE(port.open());
+    EXPECT_FALSE(m_port.isValid());
+    EXPECT_TRUE(hasFailed(m_port, SysErrorId::INPUT_OUTPUT, EIO, StreamErrorId::TRANSFER_FAILED));
+    EXPECT_FALSE(m_port.open());
 }
 
-TEST_F(SerialPortTest, openingAgainKeepsWhatWasReadAhead) {
-    SerialPort port(m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 16, 0);
-    ASSERT_FALSE(port.open());
+TEST_F(SerialPortTest, openKeepsTheReadAhead) {
+    ASSERT_FALSE(m_reader.open());
     m_terminal.send("abc");
-    char bytes[4] = "";
-    unsigned int count = 0;
-    ASSERT_EQ(1, port.read(bytes, 1, count));
-    ASSERT_FALSE(port.open());
-    EXPECT_EQ(1, port.read(bytes + 1, 2, count));
-    EXPECT_EQ(2U, count);
-    EXPECT_STREQ("abc", bytes);
+    EXPECT_EQ("a", readFrom(m_reader, 1));
+    ASSERT_FALSE(m_reader.open());
+    EXPECT_EQ("bc", readFrom(m_reader, 2));
 }
 
 TEST_F(SerialPortTest, portWithoutItsBufferIsNeverValidAndLosesNoDescriptor) {
     NewFault const fault(New::NOTHROW_ARRAY);
     SerialPort port(m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 16, 0);
-    EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_FALSE(port.open());
     EXPECT_FALSE(port.isValid());
     EXPECT_FALSE(port.open());
-    char byte = 0;
-    unsigned int count = 0;
-    EXPECT_EQ(-1, port.read(&byte, 1, count));
-    EXPECT_TRUE(chainIs(
-        {{std::CommonErrorId::OUT_OF_MEMORY},
-         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
+    EXPECT_EQ("", readFrom(port, 1, -1));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}, {StreamErrorId::UNUSABLE}}));
     port.setBaudRate(75);
     EXPECT_TRUE(port.open());
-    EXPECT_EQ(-1, port.getDescriptor()) << "a refused line is not left half open";
-    EXPECT_TRUE(chainIs(refusal(EINVAL, m_terminal.getPath())));
+    EXPECT_EQ(-1, port.getDescriptor()) << "a refused line is not left open";
+    EXPECT_TRUE(openFailureIs(
+        SysErrorId::UNCLASSIFIED, EINVAL, FileAccessErrorId::UNCLASSIFIED, m_terminal.getPath()));
 }
 
-// ---- Bytes ----
-
-TEST_F(SerialPortTest, bytesGoBothWaysUnchanged) {
-    SerialPort port(m_terminal.getPath(), 115200);
-    ASSERT_FALSE(port.open());
+TEST_F(OpenSerialPort, bytesArriveUnchangedInBothDirections) {
     std::string all;
     for (int i = 0; i < 256; ++i) {
         all += static_cast<char>(i);
     }
-    unsigned int count = 0;
-    EXPECT_EQ(1, port.write(all.data(), 256, count));
-    EXPECT_EQ(256U, count);
+    writeTo(m_port, all);
     EXPECT_TRUE(all == m_terminal.receive(256));
 
     m_terminal.send(all);
-    std::string got;
-    while (got.size() < 256) {
-        char bytes[256];
-        ASSERT_EQ(1, port.read(bytes, sizeof bytes, count));
-        got.append(bytes, count);
+    std::string received;
+    while (received.size() < 256 && !HasFailure()) {
+        received += readFrom(m_port, 256);
     }
-    EXPECT_TRUE(all == got);
-    EXPECT_TRUE(chainIs({}));
+    EXPECT_TRUE(all == received);
 }
 
-TEST_F(SerialPortTest, writtenBytesLeaveTheBufferWithTheFlush) {
-    SerialPort port(m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 0, 16);
-    ASSERT_FALSE(port.open());
-    unsigned int count = 0;
-    EXPECT_EQ(1, port.write("abc", 3, count));
-    EXPECT_FALSE(port.flush(false));
+TEST_F(SerialPortTest, writtenBytesLeaveTheBufferWithTheFlushAndTheClose) {
+    ASSERT_FALSE(m_writer.open());
+    writeTo(m_writer, "abc");
+    EXPECT_FALSE(m_writer.flush(false));
     EXPECT_EQ("abc", m_terminal.receive(3));
-    EXPECT_EQ(1, port.write("de", 2, count));
-    EXPECT_FALSE(port.close());
+    writeTo(m_writer, "de");
+    EXPECT_FALSE(m_writer.close());
     EXPECT_EQ("de", m_terminal.receive(2));
 }
 
-TEST_F(SerialPortTest, blockingPortIsOpenedWithoutNonBlock) {
-    SerialPort port(m_terminal.getPath());
-    ASSERT_FALSE(port.open());
-    EXPECT_EQ(O_RDWR | O_CLOEXEC, s_open_flags);
-    EXPECT_EQ(0, fcntl(port.getDescriptor(), F_GETFL) & O_NONBLOCK);
-    EXPECT_EQ(FD_CLOEXEC, fcntl(port.getDescriptor(), F_GETFD));
-}
-
-TEST_F(SerialPortTest, nonBlockingPortReadsNothingWithSuccess) {
-    SerialPort port(m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, false);
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_FALSE(port.open());
-        EXPECT_EQ(O_RDWR | O_CLOEXEC | O_NONBLOCK, s_open_flags);
-        EXPECT_NE(0, fcntl(port.getDescriptor(), F_GETFL) & O_NONBLOCK);
-        char byte = 0;
-        unsigned int count = 7;
-        EXPECT_EQ(1, port.read(&byte, 1, count));
-        EXPECT_EQ(0U, count);
-        EXPECT_TRUE(chainIs({}));
+TEST_F(SerialPortTest, onlyANonBlockingPortIsOpenedWithNonBlockAndReads0BytesWithSuccess) {
+    for (bool const blocking : {true, false}) {
+        SerialPort port(m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, blocking);
+        for (int i = 0; i < 2; ++i) {
+            ASSERT_FALSE(port.open());
+            int const fd = port.getDescriptor();
+            EXPECT_EQ(O_RDWR | O_CLOEXEC | (blocking ? 0 : O_NONBLOCK), s_file_calls.open_flags);
+            EXPECT_EQ(blocking ? 0 : O_NONBLOCK, fcntl(fd, F_GETFL) & O_NONBLOCK);
+            EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD));
+            EXPECT_EQ("", blocking ? "" : readFrom(port, 1));
+            EXPECT_TRUE(chainIs({}));
+        }
     }
 }
 
-TEST_F(SerialPortTest, lineHasNoPosition) {
-    SerialPort port(m_terminal.getPath());
-    ASSERT_FALSE(port.open());
-    unsigned int position = 0;
-    EXPECT_TRUE(port.seek(0, SerialPort::Current, position));
-    EXPECT_TRUE(chainIs(
-        {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(ESPIPE))}}));
+TEST_F(OpenSerialPort, lineHasNoPosition) {
+    EXPECT_TRUE(m_port.seek(0, SerialPort::Current, m_position));
+    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, ESPIPE));
 }
 
-// ---- Flushing and closing ----
-
-TEST_F(SerialPortTest, flushDrainsTheLineAndSynchronisesNothing) {
-    SerialPort port(m_terminal.getPath());
-    ASSERT_FALSE(port.open());
+TEST_F(OpenSerialPort, flushDrainsTheLineAndSynchronizesNothing) {
     Fault const drained(inject_tcdrain, 0);
-    Fault const synchronised(inject_fsync, 0);
-    EXPECT_FALSE(port.flush(false));
+    Calls const no_syncs(inject_fsync, 0);
+    EXPECT_FALSE(m_port.flush(false));
     EXPECT_EQ(1, drained.getCalls());
-    EXPECT_FALSE(port.flush(true));
+    EXPECT_FALSE(m_port.flush(true));
     EXPECT_EQ(1, drained.getCalls());
-    EXPECT_FALSE(port.close());
+    EXPECT_FALSE(m_port.close());
     EXPECT_EQ(2, drained.getCalls());
-    EXPECT_EQ(0, synchronised.getCalls());
 }
 
-TEST_F(SerialPortTest, interruptedFlushGoesOn) {
-    SerialPort port(m_terminal.getPath());
-    ASSERT_FALSE(port.open());
-    Fault const fault(inject_tcdrain, EINTR, 1, 3);
-    EXPECT_FALSE(port.flush(false));
-    EXPECT_EQ(4, fault.getCalls());
-    EXPECT_FALSE(port.hadError());
-    EXPECT_TRUE(chainIs({}));
+TEST_F(OpenSerialPort, interruptedFlushIsRepeated) {
+    Calls const calls(inject_tcdrain, 4, EINTR, 3);
+    EXPECT_FALSE(m_port.flush(false));
+    EXPECT_TRUE(hasNoError(m_port));
 }
 
-class SerialPortFlushRows : public SerialPortTest, public testing::WithParamInterface<int> {};
+class SerialPortFlushRows : public OpenSerialPort, public testing::WithParamInterface<int> {};
 
-TEST_P(SerialPortFlushRows, isAnErrorOfTheLineWhateverTheReason) {
-    SerialPort port(m_terminal.getPath());
-    ASSERT_FALSE(port.open());
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    {
-        Fault const fault(inject_tcdrain, GetParam());
-        EXPECT_TRUE(port.flush(false));
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_TRUE(port.hadError());
-    EXPECT_TRUE(chainIs(
-        {{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(GetParam()))},
-         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
-    EXPECT_FALSE(port.flush(false));
-    EXPECT_FALSE(port.hadError());
+TEST_P(SerialPortFlushRows, isAnErrorOfTheLineForEveryReason) {
+    reportEarlierFailure();
+    Calls const calls(inject_tcdrain, 2, GetParam());
+    EXPECT_TRUE(m_port.flush(false));
+    EXPECT_TRUE(hasFailed(m_port, SysErrorId::INPUT_OUTPUT, GetParam(), StreamErrorId::TRANSFER_FAILED));
+    EXPECT_FALSE(m_port.flush(false));
+    EXPECT_FALSE(m_port.hadError());
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SerialPortFlushRows, testing::Values(EIO, EBADF, ENOTTY, EINVAL, EAGAIN));
 
-TEST(SerialPort, closedPortCannotBeFlushed) {
-    SerialPort port("/no/such/device");
-    EXPECT_TRUE(port.flush(false));
-    EXPECT_TRUE(port.hadError());
-    EXPECT_TRUE(chainIs(
-        {{std::CommonErrorId::CONTRACT_BROKEN,
-          rowText(std::CommonErrorId::CONTRACT_BROKEN, "attempted flush on invalid file object")},
-         {StreamBase::StreamError, std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
-    EXPECT_FALSE(port.close()) << "but closed again";
-    EXPECT_TRUE(chainIs({}));
+TEST_F(SerialPortTest, closedPortCannotBeFlushedButClosedAgain) {
+    EXPECT_TRUE(m_port.flush(false));
+    EXPECT_TRUE(isClosedFor(m_port, "flush"));
+    EXPECT_FALSE(m_port.close());
 }
 
-TEST_F(SerialPortTest, destructorDrainsAndCloses) {
-    EventRecorder const recorder;
-    Fault const drained(inject_tcdrain, 0);
-    Fault const closed(inject_close, 0);
-    {
-        SerialPort port(m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 0, 16);
-        ASSERT_FALSE(port.open());
-        unsigned int count = 0;
-        EXPECT_EQ(1, port.write("abc", 3, count));
+class SerialPortDestructor : public SerialPortTest {
+protected:
+    /// Destroys an open port with these bytes in its buffer. Returns the warnings.
+    std::string destroy(std::string const& bytes = "") {
+        EventRecorder const events;
+        {
+            SerialPort port(m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 0, 16);
+            EXPECT_FALSE(port.open());
+            writeTo(port, bytes);
+        }
+        return events.getText();
     }
+
+    std::string m_warning =
+        "WARNING framework/src/vesk/posix/SerialPort ~SerialPort: error closing SerialPort";
+};
+
+TEST_F(SerialPortDestructor, drainsAndClosesOnlyAnOpenPort) {
+    Calls const drained(inject_tcdrain, 1);
+    Calls const closed(inject_close, 1);
+    EXPECT_EQ("", destroy("abc"));
     EXPECT_EQ("abc", m_terminal.receive(3));
-    EXPECT_EQ(1, drained.getCalls());
-    EXPECT_EQ(1, closed.getCalls());
-    EXPECT_EQ("", recorder.getText());
-}
-
-TEST_F(SerialPortTest, destructorOfAClosedPortDoesNothing) {
-    EventRecorder const recorder;
-    Fault const drained(inject_tcdrain, 0);
+    EventRecorder const events;
     { SerialPort const port(m_terminal.getPath()); }
-    EXPECT_EQ(0, drained.getCalls());
-    EXPECT_EQ("", recorder.getText());
+    EXPECT_EQ("", events.getText());
 }
 
-constexpr char const* WARNING =
-    "WARNING framework/src/vesk/posix/SerialPort ~SerialPort: error closing SerialPort";
-
-TEST_F(SerialPortTest, destructorWarnsOfAFlushThatFailsAndClosesAllTheSame) {
-    EventRecorder const recorder;
-    Fault const closed(inject_close, 0);
+TEST_F(SerialPortDestructor, warnsAboutAFailedFlushOrClose) {
     {
-        SerialPort port(m_terminal.getPath());
-        ASSERT_FALSE(port.open());
+        Calls const closed(inject_close, 1);
         Fault const fault(inject_tcdrain, EIO);
-        // The fault must see the destructor's call: destroy it within its scope.
-        SerialPort* const gone = &port;
-        gone->~SerialPort();
-        EXPECT_EQ(1, closed.getCalls());
-        EXPECT_EQ(WARNING, recorder.getText());
-        EXPECT_TRUE(chainIs({})) << "acknowledged";
-        new (gone) SerialPort(m_terminal.getPath());
+        EXPECT_EQ(m_warning, destroy());
+        EXPECT_TRUE(chainIs({})) << "it is acknowledged";
     }
-}
-
-TEST_F(SerialPortTest, destructorWarnsOfACloseThatFailsAndTheBaseTriesAgain) {
-    EventRecorder const recorder;
-    Fault const closed(inject_close, EIO);
-    {
-        SerialPort port(m_terminal.getPath());
-        ASSERT_FALSE(port.open());
-    }
-    EXPECT_EQ(2, closed.getCalls());
-    EXPECT_EQ(WARNING, recorder.getText());
-    EXPECT_TRUE(chainIs({}));
+    Calls const closed(inject_close, 2, EIO); // The base class tries it again.
+    EXPECT_EQ(m_warning, destroy());
 }
 
 } // namespace

@@ -1,207 +1,473 @@
-#include "FileTests.h"
-#include "support/Chain.h"
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/TempFolder.h"
-#include "support/VtableSlot.h"
-#include "support/calls/FileCalls.h"
-
-#include <tarncommon/error/CommonError.h>
-#include <vesk/FileAccessError.h>
-#include <vesk/Pipe.h>
-#include <vesk/StreamBinFileBase.h>
-#include <vesk/SysError.h>
-
-#include <gtest/gtest.h>
+#include "StreamFiles.h"
 
 #include <climits>
-#include <ostream>
-#include <string>
-#include <unistd.h>
 
 namespace {
 
-using std::CommonError;
-namespace CommonErrorId = std::CommonErrorId;
-using support::chainIs;
-using support::failureIs;
-using support::Fault;
-using support::getSlot;
-using support::rowText;
-using support::s_file_calls;
-using support::TempFolder;
-using vesk::BinFileBase;
-using vesk::FileAccess;
-using vesk::FileAccessError;
-namespace FileAccessErrorId = vesk::FileAccessErrorId;
-using vesk::Pipe;
-using vesk::StreamBinFileBase;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
-
-class File : public StreamBinFileBase {};
+using namespace support;
 
 static_assert(
     StreamBinFileBase::Current == 0 && StreamBinFileBase::Begin == 1 && StreamBinFileBase::End == 2);
-static_assert(sizeof(File) == sizeof(BinFileBase), "it adds no data");
 
-class StreamBinFileBaseTest : public testing::Test {
-protected:
-    StreamBinFileBaseTest() {
-        m_path = m_folder.makeFile("file", "0123456789");
-        EXPECT_FALSE(m_file.open(m_path.c_str(), BinFileBase::READ_WRITE, FileAccess::none));
-    }
+class PlainFile : public StreamBinFileBase {};
 
-    TempFolder m_folder;
-    std::string m_path;
-    File m_file;
-    unsigned int m_position = 12345;
-};
+static_assert(sizeof(PlainFile) == sizeof(BinFileBase), "it adds no data");
 
-TEST_F(StreamBinFileBaseTest, seekStandsBehindTheOperationsOfTheBase) {
+/// The base class alone.
+StreamClass const PLAIN{
+    "StreamBinFileBase",
+    3,
+    [](unsigned int) -> std::unique_ptr<StreamBinFileBase> { return std::make_unique<PlainFile>(); },
+    [](auto& file, char const* path, unsigned int flags, FileAccess const& access) {
+        return file.open(path, BinFileBase::OpenFlags(flags), access);
+    },
+    nullptr,
+    nullptr};
+
+TEST(StreamBinFileBase, operationsAreInTheirSlots) {
     EXPECT_EQ(0, getSlot(&StreamBinFileBase::isValid));
     EXPECT_EQ(1, getSlot(&StreamBinFileBase::close));
     EXPECT_EQ(4, getSlot(&StreamBinFileBase::seek));
+
+    EXPECT_EQ(2, getSlot(&StreamBinFileR::isValid));
+    EXPECT_EQ(3, getSlot(&Reading::checkReadBufferConsistency));
+    EXPECT_EQ(4, getSlot(&Reading::performRead));
+    EXPECT_EQ(5, getSlot(&StreamBinFileR::seek));
+
+    EXPECT_EQ(2, getSlot(&StreamBinFileW::isValid));
+    EXPECT_EQ(3, getSlot(&Writing::checkWriteBufferConsistency));
+    EXPECT_EQ(4, getSlot(&Writing::performWrite));
+    EXPECT_EQ(5, getSlot(&Writing::performFlush));
+    EXPECT_EQ(6, getSlot(&StreamBinFileW::close));
+    EXPECT_EQ(7, getSlot(&StreamBinFileW::seek));
 }
 
-TEST_F(StreamBinFileBaseTest, seekCountsFromTheBeginThePresentPlaceOrTheEnd) {
-    EXPECT_FALSE(m_file.seek(4, StreamBinFileBase::Begin, m_position));
-    EXPECT_EQ(4U, m_position);
-    EXPECT_EQ(SEEK_SET, s_file_calls.seek_whence);
-    EXPECT_FALSE(m_file.seek(3, StreamBinFileBase::Current, m_position));
-    EXPECT_EQ(7U, m_position);
-    EXPECT_EQ(SEEK_CUR, s_file_calls.seek_whence);
-    EXPECT_FALSE(m_file.seek(-2, StreamBinFileBase::Current, m_position));
-    EXPECT_EQ(5U, m_position);
-    EXPECT_FALSE(m_file.seek(-1, StreamBinFileBase::End, m_position));
-    EXPECT_EQ(9U, m_position);
-    EXPECT_EQ(SEEK_END, s_file_calls.seek_whence);
-    EXPECT_FALSE(m_file.seek(5, StreamBinFileBase::End, m_position)) << "a place behind the end";
-    EXPECT_EQ(15U, m_position);
+class StreamSeek : public StreamSuite<StreamBinFileBase> {
+protected:
+    testing::AssertionResult seeks(int offset, StreamBinFileBase::SeekDirection direction) {
+        return m_file.seek(offset, direction, m_position) ? testing::AssertionFailure()
+                                                          : testing::AssertionSuccess();
+    }
+
+    StreamBinFileBase& m_file = open();
+};
+
+TEST_P(StreamSeek, countsFromTheBeginningTheCurrentPositionOrTheEnd) {
+    struct Step {
+        int offset;
+        StreamBinFileBase::SeekDirection direction;
+        int whence;
+        unsigned int position;
+    };
+    for (auto const& [offset, direction, whence, position] :
+         {Step{4, StreamBinFileBase::Begin, SEEK_SET, 4}, Step{3, StreamBinFileBase::Current, SEEK_CUR, 7},
+          Step{-2, StreamBinFileBase::Current, SEEK_CUR, 5}, Step{-1, StreamBinFileBase::End, SEEK_END, 15},
+          Step{5, StreamBinFileBase::End, SEEK_END, 21}}) {
+        EXPECT_TRUE(seeks(offset, direction));
+        EXPECT_EQ(position, m_position);
+        EXPECT_EQ(whence, s_file_calls.seek_whence);
+    }
     EXPECT_FALSE(m_file.hadError());
 }
 
-TEST_F(StreamBinFileBaseTest, seekOnAClosedObjectFails) {
+TEST_P(StreamSeek, failsOnAClosedObject) {
     EXPECT_FALSE(m_file.close());
-    Fault const calls(inject_lseek, 0);
-    EXPECT_TRUE(m_file.seek(0, StreamBinFileBase::Begin, m_position));
-    EXPECT_TRUE(chainIs(
-        {{CommonErrorId::CONTRACT_BROKEN,
-          rowText(CommonErrorId::CONTRACT_BROKEN, "Attempt to seek on invalid file object")}}));
+    Calls const none(inject_lseek, 0);
+    EXPECT_FALSE(seeks(0, StreamBinFileBase::Begin));
+    EXPECT_TRUE(contractIsBroken("Attempt to seek on invalid file object"));
     EXPECT_TRUE(m_file.hadError());
     EXPECT_EQ(0U, m_position);
-    EXPECT_EQ(0, calls.getCalls());
 }
 
-struct Row {
-    int error;
-    int id;
-};
-
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << strerrorname_np(row.error);
-}
-
-class StreamBinFileBaseSeek : public testing::TestWithParam<Row> {};
-
-TEST_P(StreamBinFileBaseSeek, failureIsReported) {
-    File file;
-    EXPECT_FALSE(file.open("/dev/null", BinFileBase::READ, FileAccess::none));
-    unsigned int position = 12345;
-    {
-        Fault const fault(inject_lseek, GetParam().error);
-        EXPECT_TRUE(file.seek(0, StreamBinFileBase::Begin, position));
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_TRUE(failureIs(GetParam().error, GetParam().id));
-    EXPECT_EQ(0U, position);
-    EXPECT_TRUE(file.hadError());
-    EXPECT_FALSE(file.seek(0, StreamBinFileBase::Begin, position));
-    EXPECT_FALSE(file.hadError());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, StreamBinFileBaseSeek,
-    testing::Values(
-        Row{EBADF, 10}, Row{ESPIPE, 10}, Row{EOVERFLOW, 10}, Row{EINVAL, 8}, Row{ENXIO, 19}, Row{EINTR, 19},
-        Row{EIO, 19}));
-
-TEST_F(StreamBinFileBaseTest, seekOnAPipeFails) {
+TEST_P(StreamSeek, failsWhereTheSystemRefuses) {
+    EXPECT_TRUE(seeks(5, StreamBinFileBase::Begin));
+    EXPECT_FALSE(seeks(-6, StreamBinFileBase::Current)) << "before the beginning";
+    EXPECT_TRUE(hasFailed(m_file, SysErrorId::INVALID_PARAMETER, EINVAL));
+    EXPECT_FALSE(seeks(INT_MIN, StreamBinFileBase::Begin));
+    EXPECT_TRUE(hasFailed(m_file, SysErrorId::INVALID_PARAMETER, EINVAL));
+    EXPECT_TRUE(seeks(0, StreamBinFileBase::Current));
+    EXPECT_EQ(5U, m_position) << "is kept";
     Pipe pipe;
     EXPECT_FALSE(m_file.open(pipe, false));
-    EXPECT_TRUE(m_file.seek(0, StreamBinFileBase::Current, m_position));
-    EXPECT_TRUE(failureIs(ESPIPE, 10));
-    EXPECT_TRUE(m_file.hadError());
+    EXPECT_FALSE(seeks(0, StreamBinFileBase::Current));
+    EXPECT_TRUE(hasFailed(m_file, SysErrorId::SPOILED_INTEGRITY, ESPIPE));
     EXPECT_TRUE(m_file.isValid());
-}
-
-TEST_F(StreamBinFileBaseTest, seekBeforeTheBeginFailsAndLeavesThePosition) {
-    EXPECT_FALSE(m_file.seek(5, StreamBinFileBase::Begin, m_position));
-    EXPECT_TRUE(m_file.seek(-6, StreamBinFileBase::Current, m_position));
-    EXPECT_TRUE(failureIs(EINVAL, 8));
-    EXPECT_TRUE(m_file.seek(INT_MIN, StreamBinFileBase::Begin, m_position));
-    EXPECT_TRUE(failureIs(EINVAL, 8));
-    EXPECT_FALSE(m_file.seek(0, StreamBinFileBase::Current, m_position));
-    EXPECT_EQ(5U, m_position);
-}
-
-TEST_F(StreamBinFileBaseTest, seekOnADescriptorThatIsNotOpenAnyMoreFails) {
     close(m_file.getDescriptor());
-    EXPECT_TRUE(m_file.seek(0, StreamBinFileBase::Begin, m_position));
-    EXPECT_TRUE(failureIs(EBADF, 10));
+    EXPECT_FALSE(seeks(0, StreamBinFileBase::Begin));
+    EXPECT_TRUE(hasFailed(m_file, SysErrorId::SPOILED_INTEGRITY, EBADF));
     EXPECT_TRUE(m_file.close());
     std::ErrorStorage::ack();
 }
 
-TEST_F(StreamBinFileBaseTest, positionBeyondTwoGibibytesFailsInEveryBuild) {
-    EXPECT_FALSE(m_file.seek(INT_MAX, StreamBinFileBase::Begin, m_position));
+TEST_P(StreamSeek, beyondTwoGibibytesFailsInEveryBuild) {
+    EXPECT_TRUE(seeks(INT_MAX, StreamBinFileBase::Begin));
     EXPECT_EQ(2147483647U, m_position);
-    EXPECT_TRUE(m_file.seek(1, StreamBinFileBase::Current, m_position));
-    EXPECT_TRUE(failureIs(EOVERFLOW, 10));
+    EXPECT_FALSE(seeks(1, StreamBinFileBase::Current));
+    EXPECT_TRUE(hasFailed(m_file, SysErrorId::SPOILED_INTEGRITY, EOVERFLOW));
     EXPECT_EQ(0U, m_position);
-    EXPECT_TRUE(m_file.hadError());
-    EXPECT_TRUE(m_file.seek(INT_MAX, StreamBinFileBase::End, m_position));
-    EXPECT_TRUE(failureIs(EOVERFLOW, 10));
-    EXPECT_FALSE(m_file.seek(0, StreamBinFileBase::Begin, m_position));
+    EXPECT_FALSE(seeks(INT_MAX, StreamBinFileBase::End));
+    EXPECT_TRUE(hasFailed(m_file, SysErrorId::SPOILED_INTEGRITY, EOVERFLOW));
+    EXPECT_TRUE(seeks(0, StreamBinFileBase::Begin));
     EXPECT_FALSE(m_file.hadError());
 }
 
-TEST_F(StreamBinFileBaseTest, fileBeyondTwoGibibytesFailsAtTheLatestWhereItsPositionIsWanted) {
+TEST_P(StreamSeek, inAFileBeyondTwoGibibytesFailsAtTheLatestWhenItsPositionIsRequested) {
     EXPECT_FALSE(m_file.close());
     if (truncate64(m_path.c_str(), 3LL << 30) != 0) {
         GTEST_SKIP() << "the file system has no large files";
     }
-    bool const failed = m_file.open(m_path.c_str(), BinFileBase::READ, FileAccess::none);
+    bool const failed = reopen(m_file, m_path);
     if (sizeof(off_t) == 4 && failed) {
-        EXPECT_TRUE(chainIs(
-            {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, support::systemText(EOVERFLOW))},
-             {FileAccessError, FileAccessErrorId::UNCLASSIFIED,
-              rowText(FileAccessErrorId::UNCLASSIFIED, m_path)}}));
+        EXPECT_TRUE(
+            openFailureIs(SysErrorId::UNCLASSIFIED, EOVERFLOW, FileAccessErrorId::UNCLASSIFIED, m_path));
         return;
     }
     // A 64-bit system opens it, also for a 32-bit program that it emulates.
     EXPECT_FALSE(failed);
-    EXPECT_TRUE(m_file.seek(0, StreamBinFileBase::End, m_position));
-    EXPECT_TRUE(failureIs(EOVERFLOW, 10));
+    EXPECT_FALSE(seeks(0, StreamBinFileBase::End));
+    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EOVERFLOW));
     EXPECT_EQ(0U, m_position);
 }
 
-TEST_F(StreamBinFileBaseTest, directionThatIsNoneEndsTheProcess) {
-    auto const end = support::runInChild(
-        [this] { m_file.seek(0, static_cast<StreamBinFileBase::SeekDirection>(3), m_position); });
+TEST_P(StreamSeek, inAnUnknownDirectionEndsTheProcessOrCountsFromTheCurrentPosition) {
+    EXPECT_TRUE(seeks(4, StreamBinFileBase::Begin));
+    auto const end = runInChild([this] { seeks(0, static_cast<StreamBinFileBase::SeekDirection>(3)); });
     EXPECT_EQ(SIGABRT, end.signal);
-    EXPECT_NE(std::string::npos, end.errors.find("BinFileBase::seek(): Invalid value for direction"));
+    std::string const text = "BinFileBase::seek(): Invalid value for direction";
+    EXPECT_NE(std::string::npos, end.errors.find(text));
+    EventRecorder const events;
+    EXPECT_TRUE(seeks(2, static_cast<StreamBinFileBase::SeekDirection>(-1)));
+    EXPECT_EQ(6U, m_position);
+    EXPECT_EQ("ABORT framework/src/vesk/posix/StreamBinFileBase seek: " + text, events.getText());
 }
 
-TEST_F(StreamBinFileBaseTest, directionThatIsNoneCountsFromThePresentPlaceIfTheProcessGoesOn) {
-    EXPECT_FALSE(m_file.seek(4, StreamBinFileBase::Begin, m_position));
-    support::EventRecorder const events;
-    EXPECT_FALSE(m_file.seek(2, static_cast<StreamBinFileBase::SeekDirection>(-1), m_position));
-    EXPECT_EQ(6U, m_position);
-    EXPECT_EQ(
-        "ABORT framework/src/vesk/posix/StreamBinFileBase seek: BinFileBase::seek(): Invalid value for "
-        "direction",
-        events.getText());
+INSTANTIATE_TEST_SUITE_P(classes, StreamSeek, testing::Values(PLAIN, READER, WRITER, BOTH), nameOf);
+
+/// An operation, and the system call that it makes.
+struct Operation {
+    std::string name;
+    Injected* call;
+    bool (*fails)(StreamBinFileBase& file);
+};
+
+void PrintTo(Operation const& operation, std::ostream* out) {
+    *out << operation.name;
 }
+
+Operation const READ{"read", &inject_read, [](auto& file) {
+                         char byte = 0;
+                         unsigned int count = 12345;
+                         int const result = dynamic_cast<IBinInputStream&>(file).read(&byte, 1, count);
+                         EXPECT_EQ(result == 1 ? 1U : 0U, count);
+                         return result != 1;
+                     }};
+Operation const WRITE{"write", &inject_write, [](auto& file) {
+                          unsigned int count = 12345;
+                          int const result = dynamic_cast<IBinOutputStream&>(file).write("abc", 3, count);
+                          EXPECT_EQ(result == 1 ? 3U : 0U, count);
+                          return result != 1;
+                      }};
+Operation const FLUSH{
+    "flush", &inject_fsync, [](auto& file) { return dynamic_cast<IBinOutputStream&>(file).flush(false); }};
+Operation const SEEK{"seek", &inject_lseek, [](auto& file) {
+                         unsigned int position = 12345;
+                         bool const result = file.seek(0, file.Begin, position);
+                         EXPECT_EQ(0U, position);
+                         return result;
+                     }};
+
+using OperationParam = std::tuple<StreamClass, Operation>;
+
+class StreamOperation : public StreamTest<StreamBinFileBase>,
+                        public testing::WithParamInterface<OperationParam> {
+protected:
+    StreamOperation() : StreamTest(std::get<0>(GetParam())) {}
+
+    Operation m_operation = std::get<1>(GetParam());
+};
+
+TEST_P(StreamOperation, onAClosedObjectFailsWithoutASystemCall) {
+    Calls const none(*m_operation.call, 0);
+    for (unsigned int const buffer_size : {0U, 16U}) {
+        StreamBinFileBase& file = make(buffer_size);
+        EXPECT_TRUE(m_operation.fails(file));
+        EXPECT_TRUE(isClosedFor(file, m_operation.name));
+    }
+}
+
+TEST_P(StreamOperation, isRepeatedWhileSignalsInterruptIt) {
+    StreamBinFileBase& file = open();
+    Fault const fault(*m_operation.call, EINTR, 1, 3);
+    EXPECT_FALSE(m_operation.fails(file));
+    EXPECT_EQ(4, fault.getCalls());
+    EXPECT_TRUE(hasNoError(file));
+    EXPECT_EQ(m_operation.name == "write" ? "abc3456789abcdef" : "0123456789abcdef", contentOf(m_path));
+}
+
+TEST_P(StreamOperation, isOneSystemCallWithoutAnAllocation) {
+    if (!COUNTS_ALLOCATIONS) {
+        GTEST_SKIP() << "the sanitizer has the allocation functions";
+    }
+    StreamBinFileBase& file = open(0, "/dev/zero");
+    StreamBinFileBase& closed = make();
+    Calls const calls(*m_operation.call, 10);
+    AllocationCounter const counter;
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_FALSE(m_operation.fails(file));
+    }
+    EXPECT_TRUE(m_operation.fails(closed));
+    std::ErrorStorage::ack();
+    EXPECT_EQ(0, counter.getCount());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    reading, StreamOperation, testing::Combine(testing::Values(READER, BOTH), testing::Values(READ)));
+INSTANTIATE_TEST_SUITE_P(
+    writing, StreamOperation, testing::Combine(testing::Values(WRITER, BOTH), testing::Values(WRITE, FLUSH)));
+
+using OnTop = std::optional<StreamErrorId>;
+using OperationRow = std::tuple<StreamClass, Operation, StreamRow>;
+
+class StreamRows : public StreamTest<StreamBinFileBase>, public testing::WithParamInterface<OperationRow> {
+protected:
+    StreamRows() : StreamTest(std::get<0>(GetParam())) {}
+};
+
+TEST_P(StreamRows, failureReportsItsCauseAndTheMeaningForTheStream) {
+    auto const& [tested, operation, row] = GetParam();
+    for (unsigned int const buffer_size : {0U, 2U}) {
+        StreamBinFileBase& file = open(buffer_size, "/dev/zero");
+        Calls const calls(*operation.call, 2, row.error);
+        EXPECT_TRUE(operation.fails(file));
+        EXPECT_TRUE(hasFailed(file, row.cause, row.error, row.on_top));
+        EXPECT_TRUE(file.isValid());
+        EXPECT_FALSE(operation.fails(file));
+        EXPECT_FALSE(file.hadError());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    seek, StreamRows,
+    testing::Combine(
+        testing::Values(PLAIN, READER, WRITER, BOTH), testing::Values(SEEK),
+        rowsOf<OnTop>({
+            {{EBADF, ESPIPE, EOVERFLOW}, SysErrorId::SPOILED_INTEGRITY},
+            {{EINVAL}, SysErrorId::INVALID_PARAMETER},
+            {{ENXIO, EINTR, EIO}, SysErrorId::UNCLASSIFIED},
+        })));
+
+INSTANTIATE_TEST_SUITE_P(
+    read, StreamRows,
+    testing::Combine(
+        testing::Values(READER, BOTH), testing::Values(READ),
+        rowsOf<OnTop>({
+            {{EIO}, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
+            {{ENXIO}, SysErrorId::NO_DEVICE, StreamErrorId::UNUSABLE},
+            {{EBADF, EINVAL, ECONNRESET, ENOTCONN, ETIMEDOUT},
+             SysErrorId::SPOILED_INTEGRITY,
+             StreamErrorId::UNUSABLE},
+            {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, StreamErrorId::TRANSFER_FAILED},
+            {{EISDIR}, SysErrorId::INVALID_PATH, StreamErrorId::TRANSFER_FAILED},
+            {{EOVERFLOW}, SysErrorId::INVALID_PARAMETER, StreamErrorId::TRANSFER_FAILED},
+            {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED},
+            {{EFAULT, ENOSPC, EPIPE}, SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED},
+        })));
+
+INSTANTIATE_TEST_SUITE_P(
+    write, StreamRows,
+    testing::Combine(
+        testing::Values(WRITER, BOTH), testing::Values(WRITE),
+        rowsOf<OnTop>({
+            {{EIO}, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
+            {{ENXIO}, SysErrorId::NO_DEVICE, StreamErrorId::UNUSABLE},
+            {{EBADF, EINVAL, EPIPE, ERANGE, ENETDOWN, ENETUNREACH, ECONNRESET},
+             SysErrorId::SPOILED_INTEGRITY,
+             StreamErrorId::UNUSABLE},
+            {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, StreamErrorId::TRANSFER_FAILED},
+            {{EACCES}, SysErrorId::PERMISSION_DENIED, StreamErrorId::TRANSFER_FAILED},
+            {{EFBIG}, SysErrorId::INVALID_PARAMETER, StreamErrorId::TRANSFER_FAILED},
+            {{ENOSPC}, SysErrorId::NO_SPACE, StreamErrorId::TRANSFER_FAILED},
+            {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED},
+            {{EFAULT, EDQUOT, EPERM}, SysErrorId::UNCLASSIFIED, StreamErrorId::TRANSFER_FAILED},
+        })));
+
+INSTANTIATE_TEST_SUITE_P(
+    flush, StreamRows,
+    testing::Combine(
+        testing::Values(WRITER, BOTH), testing::Values(FLUSH),
+        rowsOf<OnTop>({
+            {{EIO}, SysErrorId::INPUT_OUTPUT, StreamErrorId::TRANSFER_FAILED},
+            {{EBADF}, SysErrorId::SPOILED_INTEGRITY, StreamErrorId::UNUSABLE},
+            {{ENOSPC, EDQUOT, EROFS}, SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED},
+        })));
+
+class StreamFile : public StreamSuite<StreamBinFileBase> {
+protected:
+    /// Transfers something in each direction of the class.
+    void use(StreamBinFileBase& file) {
+        if (m_class.isReader()) {
+            EXPECT_EQ("0123", readFrom(dynamic_cast<IBinInputStream&>(file), 4));
+        }
+        if (m_class.isWriter()) {
+            writeTo(dynamic_cast<IBinOutputStream&>(file), "X");
+            m_content += "X";
+        }
+        EXPECT_FALSE(file.close());
+        EXPECT_EQ(m_content, contentOf(m_path));
+    }
+
+    unsigned int m_buffers = GetParam().direction == 3 ? 2 : 1;
+    std::string m_content = "0123456789abcdef";
+};
+
+TEST_P(StreamFile, startsClosedBlockingAndUnbuffered) {
+    for (unsigned int const buffer_size : {0U, 16U}) {
+        StreamBinFileBase& file = make(buffer_size);
+        EXPECT_FALSE(file.isValid());
+        EXPECT_TRUE(Reading::getBlocking(dynamic_cast<IBinStreamBase&>(file)));
+        if (m_class.isReader()) {
+            EXPECT_EQ(buffer_size != 0, dynamic_cast<IBinInputStream&>(file).isInputBuffered());
+        }
+        if (m_class.isWriter()) {
+            EXPECT_EQ(buffer_size != 0, dynamic_cast<IBinOutputStream&>(file).isOutputBuffered());
+        }
+    }
+}
+
+TEST_P(StreamFile, opensAPathInEachForm) {
+    StreamBinFileBase& file = make();
+    unsigned int const flags = m_class.direction | BinFileBase::APPEND;
+    EXPECT_FALSE(m_class.open(file, m_path.c_str(), flags, FileAccess::none));
+    EXPECT_EQ(flags, Reading::getFlags(file));
+    use(file);
+    EXPECT_FALSE(m_class.open_text(file, m_path, flags)) << "the string is borrowed";
+    use(file);
+    EXPECT_FALSE(m_class.open_text(file, vesk::UnicodeString(m_path.c_str()), flags));
+    use(file);
+    EXPECT_FALSE(m_class.open_at(file, m_dir, "file", flags));
+    use(file);
+}
+
+TEST_P(StreamFile, failedOpenIsReportedAsInTheBase) {
+    StreamBinFileBase& file = make();
+    EXPECT_TRUE(reopen(file, m_missing));
+    EXPECT_TRUE(isMissing(m_missing));
+    EXPECT_TRUE(m_class.open_text(file, m_missing, m_class.direction));
+    EXPECT_TRUE(isMissing(m_missing));
+    EXPECT_TRUE(m_class.open_at(file, m_dir, "missing", m_class.direction));
+    EXPECT_TRUE(isMissing("missing"));
+    unsigned int const create_new = m_class.direction | 0x48U;
+    EXPECT_TRUE(m_class.open_text(file, m_path, create_new));
+    EXPECT_TRUE(openFailureIs(SysErrorId::IN_USE, EEXIST, FileAccessErrorId::ALREADY_EXISTS, m_path));
+    EXPECT_TRUE(m_class.open_at(file, m_dir, "file", create_new));
+    EXPECT_TRUE(openFailureIs(SysErrorId::IN_USE, EEXIST, FileAccessErrorId::ALREADY_EXISTS, "file"));
+    EXPECT_FALSE(file.isValid());
+}
+
+TEST_P(StreamFile, openWithoutAPathSucceedsAndStaysClosed) {
+    StreamBinFileBase& file = make();
+    EXPECT_FALSE(m_class.open(file, nullptr, m_class.direction, FileAccess::none));
+    EXPECT_FALSE(file.isValid());
+    EXPECT_FALSE(reopen(file, ""));
+    EXPECT_FALSE(file.isValid());
+    EXPECT_FALSE(m_class.open_text(file, std::string(), m_class.direction));
+    EXPECT_FALSE(file.isValid());
+}
+
+TEST_P(StreamFile, createdFileIsForOwnerAndGroupUnlessRequestedOtherwise) {
+    ScopedUmask const mask(0);
+    StreamBinFileBase& file = make();
+    unsigned int const flags = m_class.direction | BinFileBase::CREATE;
+    EXPECT_FALSE(m_class.open_text(file, m_folder / "new", flags));
+    EXPECT_EQ(0660U, file.getFileInfo().getAccess().getBits());
+    EXPECT_FALSE(m_class.open(file, (m_folder / "secret").c_str(), flags, FileAccess::owner_write));
+    EXPECT_EQ(0200U, file.getFileInfo().getAccess().getBits());
+}
+
+TEST_P(StreamFile, cannotBeOpenedWithoutMemoryForABuffer) {
+    for (unsigned int nth = 1; nth <= m_buffers; ++nth) {
+        NewFault const fault(New::NOTHROW_ARRAY, static_cast<int>(nth));
+        StreamBinFileBase& file = make(16);
+        EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
+        Calls const no_open(inject_open, 0);
+        Calls const no_openat(inject_openat, 0);
+        unsigned int const flags = m_class.direction | BinFileBase::TRUNCATE;
+        for (auto const& open_once : std::initializer_list<std::function<bool()>>{
+                 [&] { return m_class.open(file, m_path.c_str(), flags, FileAccess::none); },
+                 [&] { return m_class.open_text(file, m_path, flags); },
+                 [&] { return m_class.open_at(file, m_dir, "file", flags); }}) {
+            EXPECT_TRUE(open_once());
+            EXPECT_TRUE(contractIsBroken("Attempted open on invalid object"));
+            EXPECT_TRUE(file.hadError());
+        }
+        EXPECT_FALSE(file.isValid());
+    }
+    EXPECT_EQ(m_content, contentOf(m_path));
+}
+
+TEST_P(StreamFile, withoutABufferAnOpenFileIsNotValidAndOnlyClosedByItsDestructor) {
+    for (unsigned int nth = 1; nth <= m_buffers; ++nth) {
+        NewFault const fault(New::NOTHROW_ARRAY, static_cast<int>(nth));
+        EventRecorder const events;
+        StreamBinFileBase& file = make(16);
+        EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
+        EXPECT_FALSE(file.open(m_path.c_str(), BinFileBase::READ_WRITE, FileAccess::none));
+        EXPECT_FALSE(file.isValid());
+        EXPECT_NE(-1, file.getDescriptor());
+        Fault const syncs(inject_fsync, 0);
+        m_files.clear();
+        // With its write buffer, the class tries to flush, which fails because the object is not valid.
+        bool const flushes = m_buffers == 2 && nth == 1;
+        EXPECT_EQ(flushes ? 1 : 0, syncs.getCalls()) << "by the base class";
+        EXPECT_EQ(
+            flushes
+                ? "WARNING framework/src/vesk/posix/StreamBinFileRW ~StreamBinFileRW: Error closing BinFileW"
+                : "",
+            events.getText());
+    }
+}
+
+TEST_P(StreamFile, flagsDecideWhetherItBlocks) {
+    StreamBinFileBase& file = open(0, m_path, BinFileBase::NON_BLOCK);
+    auto& stream = dynamic_cast<IBinStreamBase&>(file);
+    EXPECT_FALSE(Reading::getBlocking(stream));
+    EXPECT_FALSE(reopen(file, m_path));
+    EXPECT_TRUE(Reading::getBlocking(stream));
+    EXPECT_FALSE(file.close());
+    EXPECT_FALSE(m_class.open_at(file, m_dir, "file", m_class.direction | BinFileBase::NON_BLOCK));
+    EXPECT_FALSE(Reading::getBlocking(stream));
+}
+
+/// Deletes a file through its base `Base`, if it has that base.
+template <typename Base>
+void deleteAs(StreamBinFileBase* file) {
+    if (auto* const base = dynamic_cast<Base*>(file)) {
+        delete base;
+    } else {
+        delete file;
+    }
+}
+
+TEST_P(StreamFile, destructorFlushesAndClosesThroughEveryBase) {
+    EventRecorder const events;
+    for (auto const destroy :
+         {deleteAs<StreamBinFileRW>, deleteAs<StreamBinFileR>, deleteAs<StreamBinFileW>,
+          deleteAs<IBinInputStream>, deleteAs<IBinOutputStream>, deleteAs<IBinStreamBase>,
+          deleteAs<StreamBinFileBase>, deleteAs<BinFileBase>}) {
+        std::string const path = m_folder.makeFile("other");
+        StreamBinFileBase& file = open(16, path);
+        if (m_class.isWriter()) {
+            writeTo(dynamic_cast<IBinOutputStream&>(file), "abc");
+        }
+        Calls const syncs(inject_fsync, m_class.isWriter() ? 1 : 0);
+        destroy(m_files.back().release());
+        EXPECT_EQ(m_class.isWriter() ? "abc" : "", contentOf(path));
+    }
+    make(16);
+    m_files.clear();
+    EXPECT_EQ("", events.getText());
+}
+
+INSTANTIATE_TEST_SUITE_P(classes, StreamFile, testing::Values(READER, WRITER, BOTH), nameOf);
 
 } // namespace
