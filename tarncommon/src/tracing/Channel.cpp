@@ -2,12 +2,13 @@
 
 #include "TextWriter.h"
 
+#include <tarncommon/tarnbase/NonCopyable.h>
 #include <tarncommon/tarnbase/TimePoint.h>
+#include <tarncommon/threadsafe/MutexImpl.h>
 
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -15,10 +16,18 @@ namespace tracing {
 
 namespace {
 
-// Guards only the registry. Writing a message takes no lock, so that a child process can trace between fork
-// and exec.
-TARN_CONSTANT_INIT std::mutex s_mutex;
-TARN_CONSTANT_INIT Channel* s_first = nullptr;
+// For the registry only. Writing a message takes no lock, so that a child process can trace between fork and
+// exec.
+TARN_CONSTANT_INIT threadsafe::MutexImpl s_mutex(threadsafe::CONSTANT_INIT);
+TARN_CONSTANT_INIT Channel* s_first TARN_GUARDED_BY(s_mutex) = nullptr;
+
+/// Guard that holds the lock of the registry until the end of a scope. Ignores failures: only a thread that
+/// already holds the lock could cause one.
+class [[nodiscard]] TARN_SCOPED_LOCK RegistryLock : private tarnbase::NonCopyable {
+public:
+    RegistryLock() TARN_ACQUIRE(s_mutex) TARN_NOT_ANALYZED { s_mutex.lock(); }
+    ~RegistryLock() TARN_RELEASE() TARN_NOT_ANALYZED { s_mutex.unlock(); }
+};
 
 /// Returns the level of the channel in `TARN_TRACE` ("name=level,name=level"), or `fallback` if the channel
 /// is not listed or its level is not a valid number.
@@ -43,13 +52,13 @@ short thresholdFromEnvironment(std::string const& name, short fallback) noexcept
 
 Channel::Channel(std::string const& name, short level, unsigned int flags)
     : m_threshold(thresholdFromEnvironment(name, level)), m_name(name), m_flags(flags) {
-    std::lock_guard<std::mutex> const guard(s_mutex);
+    RegistryLock const lock;
     m_next = s_first;
     s_first = this;
 }
 
 Channel::~Channel() {
-    std::lock_guard<std::mutex> const guard(s_mutex);
+    RegistryLock const lock;
     for (Channel** channel = &s_first; *channel != nullptr; channel = &(*channel)->m_next) {
         if (*channel == this) {
             *channel = m_next;
@@ -59,7 +68,7 @@ Channel::~Channel() {
 }
 
 bool Channel::setThreshold(std::string const& name, short level) {
-    std::lock_guard<std::mutex> const guard(s_mutex);
+    RegistryLock const lock;
     bool found = false;
     for (Channel* channel = s_first; channel != nullptr; channel = channel->m_next) {
         if (channel->m_name == name) {
