@@ -1,7 +1,7 @@
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
-#include "support/TemporaryDirectory.h"
+#include "support/TempFolder.h"
 
 #include <vesk/FileSys.h>
 #include <vesk/Path.h>
@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <fstream>
 #include <string>
 #include <sys/stat.h>
@@ -21,10 +20,7 @@ VESK_INJECT_ERRNO(char*, nullptr, realpath, (char const* path, char* resolved), 
 
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::Fault;
-using support::TemporaryDirectory;
+using namespace support;
 using vesk::FileSys;
 using vesk::Path;
 
@@ -54,43 +50,32 @@ TEST(Path, isAString) {
     EXPECT_EQ("other", text);
 }
 
-// ---- getAbsolute ----
-
-TEST(Path, absolutePathIsItsOwnAbsoluteForm) {
-    Fault const asked(inject_getcwd, 0);
+TEST(Path, absolutePathStaysAsItIs) {
+    Fault const calls(inject_getcwd, 0);
     for (char const* const path : {"/", "/a", "/a/../b", "/a/./b//c/", "//a", "/no such thing"}) {
         EXPECT_EQ(path, Path(path).getAbsolute());
     }
-    EXPECT_EQ(0, asked.getCalls());
+    EXPECT_EQ(0, calls.getCalls());
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(Path, relativePathStandsBehindTheWorkingDirectoryAsItIs) {
-    TemporaryDirectory const directory;
-    for (std::string const path : {"a", "a/b/", "../a/./b//c", ".", "..", "no such thing", " "}) {
-        EXPECT_EQ(directory.get() + '/' + path, Path(path).getAbsolute());
+TEST(Path, relativePathIsAppendedToTheWorkingDirectoryUnchanged) {
+    WorkingFolder const folder;
+    for (std::string const path : {"", "a", "a/b/", "../a/./b//c", ".", "..", "no such thing", " "}) {
+        EXPECT_EQ(folder.getCanonicalPath() + '/' + path, Path(path).getAbsolute());
     }
-}
-
-TEST(Path, absoluteFormOfTheEmptyPathIsTheWorkingDirectoryWithASeparator) {
-    TemporaryDirectory const directory;
-    EXPECT_EQ(directory.get() + '/', Path().getAbsolute());
-}
-
-TEST(Path, inTheRootARelativePathGetsTwoSeparators) {
-    TemporaryDirectory const directory;
     ASSERT_EQ(0, chdir("/"));
     EXPECT_EQ("//a", Path("a").getAbsolute());
     EXPECT_EQ("//", Path().getAbsolute());
 }
 
-TEST(Path, withoutAWorkingDirectoryTheAbsoluteFormIsEmptyAndNothingIsPending) {
+TEST(Path, absoluteFormWithoutAWorkingDirectoryIsEmptyAndNothingIsReported) {
     for (int const error : {ENOENT, EACCES, ENOMEM, ERANGE, EIO}) {
         Fault const fault(inject_getcwd, error);
         EXPECT_EQ("", Path("a").getAbsolute()) << error;
         EXPECT_TRUE(chainIs({}));
     }
-    TemporaryDirectory const directory;
+    WorkingFolder const directory;
     ASSERT_EQ(0, mkdir("gone", 0700));
     ASSERT_EQ(0, chdir("gone"));
     ASSERT_EQ(0, rmdir("../gone"));
@@ -99,44 +84,40 @@ TEST(Path, withoutAWorkingDirectoryTheAbsoluteFormIsEmptyAndNothingIsPending) {
     EXPECT_EQ("/a", Path("/a").getAbsolute());
 }
 
-// ---- getCanonicalized ----
-
 TEST(Path, canonicalFormHasNoLinksAndNoDots) {
-    TemporaryDirectory const directory;
+    WorkingFolder const directory;
     ASSERT_EQ(0, mkdir("real", 0700));
     ASSERT_TRUE(std::ofstream("real/file").good());
     ASSERT_EQ(0, symlink("real", "link"));
     ASSERT_EQ(0, symlink("../link/file", "real/around"));
-    std::string const file = directory.get() + "/real/file";
+    std::string const path = directory.getCanonicalPath();
+    std::string const file = path + "/real/file";
     EXPECT_EQ(file, Path("real/file").getCanonicalized());
     EXPECT_EQ(file, Path("./link/..//real/./file").getCanonicalized());
-    EXPECT_EQ(file, Path(directory.get() + "/link/around").getCanonicalized());
-    EXPECT_EQ(directory.get(), Path(".").getCanonicalized());
+    EXPECT_EQ(file, Path(path + "/link/around").getCanonicalized());
+    EXPECT_EQ(path, Path(".").getCanonicalized());
     EXPECT_EQ("/", Path("/..").getCanonicalized());
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(Path, canonicalFormOfWhatDoesNotExistIsEmptyAndErrnoTellsWhy) {
-    TemporaryDirectory const directory;
+TEST(Path, canonicalFormOfAMissingPathIsEmptyWithErrno) {
+    WorkingFolder const directory;
     ASSERT_TRUE(std::ofstream("file").good());
     ASSERT_EQ(0, symlink("loop", "loop"));
-    struct {
-        char const* path;
-        int error;
-    } const rows[] = {
-        {"nothing", ENOENT}, {"", ENOENT}, {"nothing/..", ENOENT}, {"file/x", ENOTDIR}, {"loop", ELOOP}};
-    for (auto const& row : rows) {
+    for (auto const& [path, error] :
+         {std::pair("missing", ENOENT), std::pair("", ENOENT), std::pair("missing/..", ENOENT),
+          std::pair("file/x", ENOTDIR), std::pair("loop", ELOOP)}) {
         EventRecorder const events;
         errno = 0;
-        Path const canonical = Path(row.path).getCanonicalized();
-        EXPECT_EQ(row.error, errno) << row.path;
+        Path const canonical = Path(path).getCanonicalized();
+        EXPECT_EQ(error, errno) << path;
         EXPECT_EQ("", canonical);
         EXPECT_EQ(0U, events.getCount());
         EXPECT_TRUE(chainIs({}));
     }
 }
 
-TEST(Path, failureToCanonicalizeLeavesWhatIsPending) {
+TEST(Path, failureToCanonicalizeKeepsPendingReports) {
     std::string ignored;
     {
         Fault const fault(inject_getcwd, EACCES);
@@ -149,7 +130,7 @@ TEST(Path, failureToCanonicalizeLeavesWhatIsPending) {
         EXPECT_EQ("", canonical);
         EXPECT_EQ(1, fault.getCalls());
     }
-    EXPECT_TRUE(chainIs({{vesk::SysErrorId::PERMISSION_DENIED}}));
+    EXPECT_TRUE(chainIs({vesk::SysErrorId::PERMISSION_DENIED}));
 }
 
 } // namespace
