@@ -124,7 +124,8 @@ public:
     static std::string GetName(int) {
         return std::is_same_v<Client, Browser> ? "Browser"
             : std::is_same_v<Client, Resolver> ? "Resolver"
-                                               : "Lookup";
+            : std::is_same_v<Client, Lookup>   ? "Lookup"
+                                               : "Service";
     }
 };
 
@@ -178,20 +179,13 @@ TYPED_TEST(DnsSdQueue, hasNoLimit) {
     EXPECT_EQ(-1, this->get());
 }
 
-TYPED_TEST(DnsSdQueue, waitWithARecordReturnsAtOnceAndKeepsIt) {
-    this->add(5);
-    EXPECT_FALSE(this->m_client.wait());
-    EXPECT_FALSE(this->m_client.wait());
-    EXPECT_EQ(5, this->get());
-}
-
-TYPED_TEST(DnsSdQueue, timedWaitWithARecordReturnsAtOnceEvenAfterItsDeadline) {
+TYPED_TEST(DnsSdQueue, waitWithARecordReturnsAtOnceEvenAfterItsDeadlineAndKeepsIt) {
     this->add(5);
     t_waits = 0;
-    EXPECT_FALSE(this->m_client.wait(LONG_PAST));
-    EXPECT_FALSE(this->m_client.wait(TimePoint(-5)));
-    EXPECT_FALSE(this->m_client.wait(farAway()));
-    EXPECT_FALSE(this->m_client.wait(TimePoint::MAX));
+    EXPECT_FALSE(this->m_client.wait());
+    for (TimePoint const& deadline : {LONG_PAST, TimePoint(-5), farAway(), TimePoint(TimePoint::MAX)}) {
+        EXPECT_FALSE(this->m_client.wait(deadline));
+    }
     EXPECT_EQ(0U, t_waits);
     EXPECT_EQ(5, this->get());
 }
@@ -211,30 +205,20 @@ TYPED_TEST(DnsSdQueue, waitReturnsAtItsDeadlineAndNotBefore) {
     EXPECT_GE(TimePoint::now(), deadline);
 }
 
-TYPED_TEST(DnsSdQueue, spuriousWakeUpsDoNotChangeTheDeadline) {
-    TimePoint const deadline = in(30);
-    timespec const expected = deadline.toTimespec();
-    t_waits = 0;
-    t_spurious = 3;
-    EXPECT_TRUE(this->m_client.wait(deadline));
-    EXPECT_GE(TimePoint::now(), deadline);
-    ASSERT_GE(t_waits, 4U);
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(expected.tv_sec, t_deadlines[i].tv_sec);
-        EXPECT_EQ(expected.tv_nsec, t_deadlines[i].tv_nsec);
-    }
-}
-
-TYPED_TEST(DnsSdQueue, failedWaitsAreRepeatedUntilTheDeadline) {
-    for (int const error : {EINVAL, EPERM, ENOMEM}) {
+TYPED_TEST(DnsSdQueue, spuriousAndFailedWaitsDoNotChangeTheDeadline) {
+    for (int const result : {0, EINVAL, EPERM, ENOMEM}) {
         TimePoint const deadline = in(10);
+        timespec const expected = deadline.toTimespec();
         t_waits = 0;
-        t_spurious = 2;
-        t_spurious_result = error;
+        t_spurious = 3;
+        t_spurious_result = result;
         EXPECT_TRUE(this->m_client.wait(deadline));
-        t_spurious_result = 0;
         EXPECT_GE(TimePoint::now(), deadline);
-        EXPECT_GE(t_waits, 3U);
+        ASSERT_GE(t_waits, 4U);
+        for (size_t i = 0; i < 4; ++i) {
+            EXPECT_EQ(expected.tv_sec, t_deadlines[i].tv_sec);
+            EXPECT_EQ(expected.tv_nsec, t_deadlines[i].tv_nsec);
+        }
     }
     EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
@@ -270,17 +254,11 @@ TYPED_TEST(DnsSdQueue, canceledWaiterLeavesTheQueueUsable) {
     EXPECT_EQ("", recorder.getText());
 }
 
-TYPED_TEST(DnsSdQueue, waitEndsWithARecord) {
-    Waiter waiter([this] { EXPECT_FALSE(this->m_client.wait()); });
-    waiter.untilAsleep();
-    this->add(5);
-    waiter.join();
-    EXPECT_EQ(5, this->get());
-}
-
-TYPED_TEST(DnsSdQueue, timedWaitEndsWithARecord) {
-    for (TimePoint const& deadline : {farAway(), TimePoint(TimePoint::MAX)}) {
-        Waiter waiter([this, deadline] { EXPECT_FALSE(this->m_client.wait(deadline)); });
+TYPED_TEST(DnsSdQueue, waitWithOrWithoutADeadlineEndsWithARecord) {
+    for (TimePoint const& deadline : {TimePoint(), farAway(), TimePoint(TimePoint::MAX)}) {
+        Waiter waiter([this, deadline] {
+            EXPECT_FALSE(deadline == TimePoint() ? this->m_client.wait() : this->m_client.wait(deadline));
+        });
         waiter.untilAsleep();
         this->add(5);
         waiter.join();
@@ -468,7 +446,7 @@ template <typename Client>
 class DnsSdError : public testing::Test {};
 
 using AllKinds = testing::Types<Browser, Resolver, Lookup, Service>;
-TYPED_TEST_SUITE(DnsSdError, AllKinds);
+TYPED_TEST_SUITE(DnsSdError, AllKinds, KindNames);
 
 TYPED_TEST(DnsSdError, tripsAnAssertion) {
     TypeParam client;
