@@ -159,67 +159,6 @@ Operation const CHANGE_OWNER_GROUP = {"changeOwnerGroup", &inject_chown, [](char
                                               UnicodeString(path, 0), User(0LL), Group(0LL));
                                       }};
 
-/// An operation and the reports of its failure.
-struct Refusal {
-    Operation operation;
-    ErrnoCase reports;
-};
-
-void PrintTo(Refusal const& refusal, std::ostream* out) {
-    *out << refusal.operation.name << " with errno " << refusal.reports.error;
-}
-
-void expectRefusal(Operation const& operation, ErrnoCase const& reports, char const* path) {
-    EXPECT_TRUE(operation.fails(path)) << operation.name;
-    std::string shown = path != nullptr ? path : "(null)";
-    if (operation.call == &inject_rename) {
-        shown = operation.fails == MOVE.fails ? shown + " or " + s_new_path : "/proc/self/exe or " + shown;
-    }
-    EXPECT_TRUE(reports.isPending(shown)) << operation.name;
-}
-
-void expectRefusal(Operation const& operation, ErrnoCase const& reports, std::string const& path) {
-    expectRefusal(operation, reports, path.c_str());
-}
-
-class FileSysTest : public testing::Test {
-protected:
-    std::string at(std::string const& name) const { return m_folder / name; }
-
-    TempFolder m_folder;
-};
-
-class FileSysRows : public testing::TestWithParam<Refusal> {};
-
-TEST_P(FileSysRows, failureIsReportedInPlaceOfWhatIsPending) {
-    auto const& [operation, reports] = GetParam();
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    Fault const fault(*operation.call, reports.error);
-    expectRefusal(operation, reports, "/some/path");
-    EXPECT_EQ(1, fault.getCalls()) << "the call was repeated";
-}
-
-/// Returns one test parameter per operation and error number of its table.
-auto eachRefusal(std::vector<std::pair<Operation, std::vector<ErrnoGroup>>> const& tables) {
-    std::vector<Refusal> refusals;
-    for (auto const& [operation, table] : tables) {
-        for (ErrnoGroup const& group : table) {
-            for (int const error : group.errors) {
-                refusals.push_back({operation, {error, group.cause, group.meaning}});
-            }
-        }
-    }
-    return testing::ValuesIn(refusals);
-}
-
-std::string nameOf(testing::TestParamInfo<Refusal> const& info) {
-    return info.param.operation.name + std::string("_") + strerrorname_np(info.param.reports.error);
-}
-
-std::string nameOfOperation(testing::TestParamInfo<Operation> const& info) {
-    return info.param.name;
-}
-
 ErrnoGroup const DENIED = {
     {EPERM, EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
 ErrnoGroup const NO_SEARCH = {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
@@ -245,6 +184,75 @@ ErrnoGroup unclassified(std::vector<int> const& errors) {
 ErrnoGroup const BAD_WORKING_DIRECTORY = {
     {ENOENT, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::ACCESS_DENIED};
 ErrnoGroup const NO_DIRECTORY = {{ENOTDIR}, SysErrorId::NOT_A_DIRECTORY, FileAccessErrorId::NOT_A_DIRECTORY};
+ErrnoGroup const NOT_EMPTY = {{EEXIST, ENOTEMPTY}, SysErrorId::DIRECTORY_NOT_EMPTY, FileAccessErrorId::BUSY};
+ErrnoGroup const NO_LINKS = {{EPERM}, SysErrorId::NOT_IMPLEMENTED, FileAccessErrorId::UNCLASSIFIED};
+
+/// An operation and the reports of its failure.
+struct Refusal {
+    Operation operation;
+    ErrnoCase reports;
+};
+
+void PrintTo(Refusal const& refusal, std::ostream* out) {
+    *out << refusal.operation.name << " with errno " << refusal.reports.error;
+}
+
+void expectRefusal(Operation const& operation, ErrnoCase const& reports, char const* path) {
+    EXPECT_TRUE(operation.fails(path)) << operation.name;
+    std::string shown = path != nullptr ? path : "(null)";
+    if (operation.call == &inject_rename) {
+        shown = operation.fails == MOVE.fails ? shown + " or " + s_new_path : "/proc/self/exe or " + shown;
+    }
+    EXPECT_TRUE(reports.isPending(shown)) << operation.name;
+}
+
+void expectRefusal(Operation const& operation, ErrnoCase const& reports, std::string const& path) {
+    expectRefusal(operation, reports, path.c_str());
+}
+
+/// Returns the reports of an error number of a group.
+ErrnoCase reportsOf(int error, ErrnoGroup const& group) {
+    return {error, group.cause, group.meaning};
+}
+
+class FileSysTest : public testing::Test {
+protected:
+    std::string at(std::string const& name) const { return m_folder / name; }
+
+    TempFolder m_folder;
+};
+
+class FileSysRows : public testing::TestWithParam<Refusal> {};
+
+TEST_P(FileSysRows, failureIsReportedInPlaceOfWhatIsPending) {
+    auto const& [operation, reports] = GetParam();
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+    Fault const fault(*operation.call, reports.error);
+    expectRefusal(operation, reports, "/some/path");
+    EXPECT_EQ(1, fault.getCalls()) << "the call was repeated";
+}
+
+/// Returns one test parameter per operation and error number of its table.
+auto eachRefusal(std::vector<std::pair<Operation, std::vector<ErrnoGroup>>> const& tables) {
+    std::vector<Refusal> refusals;
+    for (auto const& [operation, table] : tables) {
+        for (ErrnoGroup const& group : table) {
+            for (int const error : group.errors) {
+                refusals.push_back({operation, reportsOf(error, group)});
+            }
+        }
+    }
+    return testing::ValuesIn(refusals);
+}
+
+std::string nameOf(testing::TestParamInfo<Refusal> const& info) {
+    return info.param.operation.name + std::string("_") + strerrorname_np(info.param.reports.error);
+}
+
+std::string nameOfOperation(testing::TestParamInfo<Operation> const& info) {
+    return info.param.name;
+}
+
 std::vector<ErrnoGroup> const EXISTS_ERRORS = {
     NO_SEARCH,
     DEVICE_ERROR,
@@ -268,7 +276,7 @@ INSTANTIATE_TEST_SUITE_P(
          {DENIED,
           BAD_PATH,
           {{EBUSY, ETXTBSY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
-          {{EEXIST, ENOTEMPTY}, SysErrorId::DIRECTORY_NOT_EMPTY, FileAccessErrorId::BUSY},
+          NOT_EMPTY,
           IS_DIRECTORY,
           spoiled({EFAULT}),
           NO_MEMORY,
@@ -298,7 +306,7 @@ INSTANTIATE_TEST_SUITE_P(
           DEVICE_ERROR,
           unclassified({EINTR, EFAULT, ENOMEM})}},
         {CREATE_LINK,
-         {{{EPERM}, SysErrorId::NOT_IMPLEMENTED, FileAccessErrorId::UNCLASSIFIED},
+         {NO_LINKS,
           {{EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
           BAD_PATH,
           EXISTS_ALREADY,
@@ -409,11 +417,7 @@ class FileSysEmptyPaths : public testing::TestWithParam<Operation> {};
 
 TEST_P(FileSysEmptyPaths, areBadPaths) {
     bool const changes_directory = GetParam().fails == CHANGE_WD.fails;
-    expectRefusal(
-        GetParam(),
-        {ENOENT, SysErrorId::INVALID_PATH,
-         changes_directory ? FileAccessErrorId::ACCESS_DENIED : FileAccessErrorId::BAD_PATH},
-        "");
+    expectRefusal(GetParam(), reportsOf(ENOENT, changes_directory ? BAD_WORKING_DIRECTORY : BAD_PATH), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -514,7 +518,7 @@ TEST_F(FileSysMountTest, mountPointIsInUse) {
     s_new_path = at("new");
     expectInMount("", [&] {
         ASSERT_EQ(0, mount(file.c_str(), over.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
-        ErrnoCase const in_use = {EBUSY, SysErrorId::IN_USE, FileAccessErrorId::BUSY};
+        ErrnoCase const in_use = reportsOf(EBUSY, IN_USE);
         expectRefusal(REMOVE_DIR, in_use, m_where);
         expectRefusal(REMOVE_FILE, in_use, over);
         expectRefusal(MOVE, in_use, m_where);
@@ -524,10 +528,8 @@ TEST_F(FileSysMountTest, mountPointIsInUse) {
 TEST_F(FileSysMountTest, fullFileSystemHasNoRoomForALinkOrADirectory) {
     expectInMount("size=64k,nr_inodes=2", [&] {
         m_folder.makeFile("mount/last");
-        expectRefusal(
-            CREATE_LINK, {ENOSPC, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE}, at("mount/link"));
-        expectRefusal(
-            CREATE_DIR, {ENOSPC, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED}, at("mount/dir"));
+        expectRefusal(CREATE_LINK, reportsOf(ENOSPC, NO_SPACE), at("mount/link"));
+        expectRefusal(CREATE_DIR, reportsOf(ENOSPC, unclassified({})), at("mount/dir"));
     });
 }
 
@@ -536,9 +538,7 @@ TEST_F(FileSysMountTest, linksAreNotImplementedInAFileSystemWithoutThem) {
         ASSERT_TRUE(separateMounts());
         // The file system of terminals has no links.
         ASSERT_EQ(0, mount("devpts", m_where.c_str(), "devpts", 0, "")) << strerror(errno);
-        expectRefusal(
-            CREATE_LINK, {EPERM, SysErrorId::NOT_IMPLEMENTED, FileAccessErrorId::UNCLASSIFIED},
-            at("mount/link"));
+        expectRefusal(CREATE_LINK, reportsOf(EPERM, NO_LINKS), at("mount/link"));
     });
 }
 
@@ -604,7 +604,7 @@ TEST_F(FileSysTest, removalOfALinkLeavesItsTarget) {
 TEST_F(FileSysTest, directoryIsRemovedWhenItIsEmpty) {
     std::string const path = m_folder.makeFolder("dir");
     std::string const file = m_folder.makeFile("dir/file");
-    expectRefusal(REMOVE_DIR, {ENOTEMPTY, SysErrorId::DIRECTORY_NOT_EMPTY, FileAccessErrorId::BUSY}, path);
+    expectRefusal(REMOVE_DIR, reportsOf(ENOTEMPTY, NOT_EMPTY), path);
     EXPECT_TRUE(exists(file));
     EXPECT_FALSE(FileSys::removeFile(file.c_str()));
     EXPECT_FALSE(FileSys::removeDir(path.c_str()));
@@ -650,29 +650,18 @@ TEST_P(FileSysRefusals, areReportedAndChangeNothing) {
     EXPECT_EQ("x", contentOf(at("file")));
 }
 
-ErrnoCase const ALREADY_EXISTS = {EEXIST, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS};
-
 INSTANTIATE_TEST_SUITE_P(
     All, FileSysRefusals,
     rowsOf<RealRefusal>({
-        {"directoryExists", CREATE_DIR, "dir", ALREADY_EXISTS},
+        {"directoryExists", CREATE_DIR, "dir", reportsOf(EEXIST, EXISTS_ALREADY)},
         {"parentOfADirectoryIsMissing", CREATE_DIR, "none/new", badPath(ENOENT)},
         {"nameIsTooLong", CREATE_DIR, std::string(256, 'a'), badPath(ENAMETOOLONG)},
         // Linux returns EISDIR; other systems may return EPERM.
-        {"directoryIsRemovedAsAFile",
-         REMOVE_FILE,
-         "dir",
-         {EISDIR, SysErrorId::INVALID_PATH, FileAccessErrorId::IS_A_DIRECTORY}},
+        {"directoryIsRemovedAsAFile", REMOVE_FILE, "dir", reportsOf(EISDIR, IS_DIRECTORY)},
         {"fileIsRemovedAsADirectory", REMOVE_DIR, "file", badPath(ENOTDIR)},
-        {"directoryIsRemovedByItsDot",
-         REMOVE_DIR,
-         "dir/.",
-         {EINVAL, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED}},
-        {"fileAsAWorkingDirectory",
-         CHANGE_WD,
-         "file",
-         {ENOTDIR, SysErrorId::NOT_A_DIRECTORY, FileAccessErrorId::NOT_A_DIRECTORY}},
-        {"linkExists", CREATE_LINK, "link", ALREADY_EXISTS},
+        {"directoryIsRemovedByItsDot", REMOVE_DIR, "dir/.", reportsOf(EINVAL, unclassified({}))},
+        {"fileAsAWorkingDirectory", CHANGE_WD, "file", reportsOf(ENOTDIR, NO_DIRECTORY)},
+        {"linkExists", CREATE_LINK, "link", reportsOf(EEXIST, EXISTS_ALREADY)},
         {"fileIsNoLink", READ_LINK, "file", badPath(EINVAL)},
         {"sourceIsMissing", MOVE, "none", badPath(ENOENT), "new"},
         {"parentOfTheDestinationIsMissing", MOVE, "file", badPath(ENOENT), "none/new"},
@@ -680,12 +669,8 @@ INSTANTIATE_TEST_SUITE_P(
         {"directoryToAFile", MOVE, "dir", badPath(ENOTDIR), "file"},
         {"fileToADirectory", MOVE, "file", badPath(EISDIR), "dir"},
         {"directoryIntoItself", MOVE, "dir", badPath(EINVAL), "dir/new"},
-        {"directoryToAFullOne",
-         MOVE,
-         "dir",
-         {ENOTEMPTY, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
-         "full"},
-        {"directoryByItsDot", MOVE, "dir/.", {EBUSY, SysErrorId::IN_USE, FileAccessErrorId::BUSY}, "new"},
+        {"directoryToAFullOne", MOVE, "dir", reportsOf(ENOTEMPTY, IN_USE), "full"},
+        {"directoryByItsDot", MOVE, "dir/.", reportsOf(EBUSY, IN_USE), "new"},
     }),
     byName);
 
@@ -967,7 +952,7 @@ TEST_F(FileSysOwnerTest, unknownNamesLeaveTheOwnerUnchanged) {
 
 TEST_F(FileSysOwnerTest, impossibleIdIsRefusedAndNotCut) {
     Fault const counted(inject_chown, 0);
-    ErrnoCase const refused = {EINVAL, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED};
+    ErrnoCase const refused = reportsOf(EINVAL, spoiled({}));
     for (long long const id : {1LL << 32, (1LL << 32) + 1, -2LL, std::numeric_limits<long long>::min()}) {
         EXPECT_TRUE(change(User(id), Group(0LL)));
         EXPECT_TRUE(refused.isPending(m_path));
