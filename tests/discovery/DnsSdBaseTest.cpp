@@ -8,7 +8,6 @@
 
 #include <iterator>
 #include <map>
-#include <string>
 #include <tuple>
 #include <type_traits>
 #include <vector>

@@ -16,9 +16,6 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 

@@ -14,7 +14,6 @@
 
 #include <functional>
 #include <new>
-#include <string>
 
 VESK_INJECT_RESULT(
     pthread_create,

@@ -16,10 +16,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 namespace {
 

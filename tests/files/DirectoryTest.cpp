@@ -18,15 +18,12 @@
 #include <cstdio>
 #include <dirent.h>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <set>
-#include <string>
 #include <sys/resource.h>
 #include <thread>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 VESK_INJECT_ERRNO(dirent*, nullptr, readdir, (DIR * dir), (dir))
 VESK_INJECT_ERRNO(int, -1, closedir, (DIR * dir), (dir))

@@ -12,9 +12,7 @@
 #include <ctime>
 #include <grp.h>
 #include <pwd.h>
-#include <string>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/time.h>
 #include <sys/un.h>

@@ -17,10 +17,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <list>
-#include <string>
-#include <sys/stat.h>
 #include <tuple>
-#include <vector>
 
 VESK_INJECT_ERRNO(int, -1, fsync, (int fd), (fd))
 VESK_INJECT_ERRNO(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))

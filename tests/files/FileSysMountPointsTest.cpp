@@ -16,8 +16,6 @@
 #include <cstdio>
 #include <list>
 #include <mntent.h>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -17,12 +17,9 @@
 #include <limits>
 #include <list>
 #include <pwd.h>
-#include <string>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <utility>
-#include <vector>
 
 VESK_INJECT_RESULT(
     getpwnam_r, (char const* name, passwd* entry, char* buffer, size_t size, passwd** found),

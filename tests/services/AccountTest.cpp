@@ -11,11 +11,9 @@
 #include <climits>
 #include <grp.h>
 #include <pwd.h>
-#include <string>
 #include <sys/resource.h>
 #include <tuple>
 #include <type_traits>
-#include <vector>
 
 /// `User` and `Group` have the same contract, each for its own database: every test runs for both.
 

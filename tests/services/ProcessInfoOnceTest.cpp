@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <thread>
 
 // Each process queries the sizes of ticks and pages once. The tests run in children, which have not queried them yet.
 

@@ -20,10 +20,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <string>
 #include <sys/prctl.h>
-#include <thread>
-#include <vector>
 
 namespace {
 

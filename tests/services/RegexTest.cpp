@@ -12,9 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <regex.h>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 namespace {
 

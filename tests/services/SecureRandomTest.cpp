@@ -12,9 +12,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 namespace {
 

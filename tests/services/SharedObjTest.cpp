@@ -14,10 +14,8 @@
 #include <cstdio>
 #include <dlfcn.h>
 #include <memory>
-#include <string>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 namespace {
 

@@ -17,7 +17,6 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
-#include <string>
 #include <thread>
 
 namespace {

@@ -13,8 +13,6 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <string>
-#include <sys/stat.h>
 #include <type_traits>
 #include <unistd.h>
 #include <utility>

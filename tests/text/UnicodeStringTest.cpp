@@ -17,9 +17,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 namespace support {
 
