@@ -1,33 +1,26 @@
-#include "support/AllocationCounter.h"
-#include "support/VtableSlot.h"
+#include "Clients.h"
 
-#include <vesk/DnsSdBase.h>
+#include "support/AllocationCounter.h"
+#include "support/NamedRow.h"
+#include "support/VtableSlot.h"
 
 #include <gtest/gtest.h>
 
-#include <cstddef>
-#include <initializer_list>
 #include <iterator>
 #include <map>
-#include <ostream>
-#include <string>
+#include <tuple>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 namespace {
 
+using namespace support;
 using std::unicode::BOM;
 using std::unicode::REPLACEMENT_CHAR;
-using std::unicode::String;
-using support::AllocationCounter;
-using support::COUNTS_ALLOCATIONS;
-using vesk::DnsSdBase;
-using Txt = DnsSdBase::Txt;
 using Entries = std::map<std::string, std::string>;
 using CodePoints = std::vector<unsigned int>;
 
-/// A text with null bytes in it.
+/// Returns a text with null bytes in it.
 template <size_t N>
 std::string bytes(char const (&literal)[N]) {
     return std::string(literal, N - 1);
@@ -46,74 +39,37 @@ CodePoints sanitize(CodePoints const& code_points) {
     return CodePoints(result.begin(), result.end());
 }
 
-// ---- sanitize ----
+class SanitizeCharacter : public testing::TestWithParam<std::tuple<bool, unsigned int>> {};
 
-struct CharacterRow {
-    unsigned int code_point;
-    bool fit;
-};
-
-void PrintTo(CharacterRow const& row, std::ostream* out) {
-    *out << "U+" << std::hex << row.code_point << std::dec << (row.fit ? " stays" : " is replaced");
-}
-
-class SanitizeCharacter : public testing::TestWithParam<CharacterRow> {};
-
-TEST_P(SanitizeCharacter, staysOrIsReplacedWhereverItStands) {
-    unsigned int const c = GetParam().code_point;
-    unsigned int const expected = GetParam().fit ? c : REPLACEMENT_CHAR;
+TEST_P(SanitizeCharacter, isKeptOrReplacedInEveryPlace) {
+    auto const [is_kept, c] = GetParam();
+    unsigned int const expected = is_kept ? c : REPLACEMENT_CHAR;
     EXPECT_EQ(CodePoints{expected}, sanitize({c}));
     EXPECT_EQ((CodePoints{expected, 'a', 'b'}), sanitize({c, 'a', 'b'}));
     EXPECT_EQ((CodePoints{'a', expected, 'b'}), sanitize({'a', c, 'b'}));
     EXPECT_EQ((CodePoints{'a', 'b', expected}), sanitize({'a', 'b', c}));
-    EXPECT_EQ((CodePoints{REPLACEMENT_CHAR, 'a', expected}), sanitize({1, 'a', c})) << "behind an unfit one";
+    EXPECT_EQ((CodePoints{REPLACEMENT_CHAR, 'a', expected}), sanitize({1, 'a', c}))
+        << "behind a replaced one";
 }
 
+// Line feed, form feed, carriage return, and the bounds of the ranges. The last bound is not the end of Unicode.
 INSTANTIATE_TEST_SUITE_P(
-    Rows, SanitizeCharacter,
-    testing::Values(
-        CharacterRow{0, false},          //
-        CharacterRow{1, false},          //
-        CharacterRow{8, false},          //
-        CharacterRow{9, false},          // Tab.
-        CharacterRow{10, true},          // Line feed.
-        CharacterRow{11, false},         //
-        CharacterRow{12, true},          // Form feed.
-        CharacterRow{13, true},          // Carriage return.
-        CharacterRow{14, false},         //
-        CharacterRow{27, false},         //
-        CharacterRow{31, false},         //
-        CharacterRow{32, true},          //
-        CharacterRow{126, true},         //
-        CharacterRow{127, false},        //
-        CharacterRow{128, false},        //
-        CharacterRow{159, false},        //
-        CharacterRow{160, true},         //
-        CharacterRow{0xFC, true},        //
-        CharacterRow{0xD7FF, true},      //
-        CharacterRow{0xD800, false},     // Surrogates...
-        CharacterRow{0xDFFF, false},     //
-        CharacterRow{0xE000, false},     // ...and private use.
-        CharacterRow{0xF8FF, false},     //
-        CharacterRow{0xF900, true},      //
-        CharacterRow{0xFFFD, true},      //
-        CharacterRow{0xFFFE, true},      //
-        CharacterRow{0xFFFF, true},      //
-        CharacterRow{0x10000, true},     //
-        CharacterRow{0x10FFF, true},     // The bound is this one...
-        CharacterRow{0x11000, false},    //
-        CharacterRow{0x1F5A8, false},    //
-        CharacterRow{0xF0000, false},    //
-        CharacterRow{0x10FFFF, false},   // ...and not the end of Unicode.
-        CharacterRow{0x110000, false},   //
-        CharacterRow{0x80000000, false}, //
-        CharacterRow{0xFFFFFFFF, false}));
+    Kept, SanitizeCharacter,
+    testing::Combine(
+        testing::Values(true),
+        testing::Values(
+            10u, 12u, 13u, 32u, 126u, 160u, 0xFCu, 0xD7FFu, 0xF900u, 0xFFFDu, 0xFFFEu, 0xFFFFu, 0x10000u,
+            0x10FFFu)));
+// Control characters with the tab, surrogates and private use, and everything above.
+INSTANTIATE_TEST_SUITE_P(
+    Replaced, SanitizeCharacter,
+    testing::Combine(
+        testing::Values(false),
+        testing::Values(
+            0u, 1u, 8u, 9u, 11u, 14u, 27u, 31u, 127u, 128u, 159u, 0xD800u, 0xDFFFu, 0xE000u, 0xF8FFu,
+            0x11000u, 0x1F5A8u, 0xF0000u, 0x10FFFFu, 0x110000u, 0x80000000u, 0xFFFFFFFFu)));
 
-TEST(Sanitize, ofAnEmptyStringGivesAnEmptyString) {
-    EXPECT_TRUE(DnsSdBase::sanitize(String()).isEmpty());
-}
-
-TEST(Sanitize, tellsEveryCodePointOfUnicodeByTheFourRanges) {
+TEST(Sanitize, replacesExactlyTheFourRanges) {
     CodePoints all;
     CodePoints expected;
     for (unsigned int c = 1; c <= 0x110000; ++c) {
@@ -125,32 +81,42 @@ TEST(Sanitize, tellsEveryCodePointOfUnicodeByTheFourRanges) {
     EXPECT_TRUE(expected == sanitize(all));
 }
 
-TEST(Sanitize, dropsAnyNumberOfByteOrderMarksAtTheBeginning) {
-    EXPECT_EQ((CodePoints{'a', 'b'}), sanitize({BOM, 'a', 'b'}));
-    EXPECT_EQ((CodePoints{'a', 'b'}), sanitize({BOM, BOM, BOM, 'a', 'b'}));
+struct SanitizeRow : NamedRow {
+    CodePoints name;
+    CodePoints expected;
+};
+
+class SanitizeName : public testing::TestWithParam<SanitizeRow> {};
+
+TEST_P(SanitizeName, dropsByteOrderMarksAtTheBeginningOnly) {
+    EXPECT_EQ(GetParam().expected, sanitize(GetParam().name));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, SanitizeName,
+    rowsOf<SanitizeRow>({
+        {"empty", {}, {}},
+        {"oneMark", {BOM, 'a', 'b'}, {'a', 'b'}},
+        {"threeMarks", {BOM, BOM, BOM, 'a', 'b'}, {'a', 'b'}},
+        {"manyMarks", CodePoints(100000, BOM), {}},
+        {"onlyOneMark", {BOM}, {}},
+        {"onlyMarks", {BOM, BOM}, {}},
+        {"marksBehindTheBeginning", {'a', BOM, 'b', BOM}, {'a', BOM, 'b', BOM}},
+        {"markBehindAReplacedCharacter", {7, BOM}, {REPLACEMENT_CHAR, BOM}},
+        {"markAndReplacedCharacters", {BOM, 7, 'a', 0x1F5A8}, {REPLACEMENT_CHAR, 'a', REPLACEMENT_CHAR}},
+    }),
+    byName);
+
+TEST(Sanitize, dropsManyByteOrderMarksBeforeALetter) {
     CodePoints many(100000, BOM);
     many.push_back('a');
     EXPECT_EQ(CodePoints{'a'}, sanitize(many));
 }
 
-TEST(Sanitize, ofNothingButByteOrderMarksGivesAnEmptyString) {
-    EXPECT_EQ(CodePoints(), sanitize({BOM}));
-    EXPECT_EQ(CodePoints(), sanitize({BOM, BOM}));
-}
-
-TEST(Sanitize, keepsByteOrderMarksBehindTheBeginning) {
-    EXPECT_EQ((CodePoints{'a', BOM, 'b', BOM}), sanitize({'a', BOM, 'b', BOM}));
-    EXPECT_EQ((CodePoints{REPLACEMENT_CHAR, BOM}), sanitize({7, BOM}));
-}
-
-TEST(Sanitize, dropsByteOrderMarksAndReplacesInTheSameName) {
-    EXPECT_EQ((CodePoints{REPLACEMENT_CHAR, 'a', REPLACEMENT_CHAR}), sanitize({BOM, 7, 'a', 0x1F5A8}));
-}
-
 TEST(Sanitize, keepsSevenLettersBeforeAPictograph) {
-    String name = String::fromUTF8("Printer");
+    String name = text("Printer");
     name += 0x1F5A8;
-    String expected = String::fromUTF8("Printer");
+    String expected = text("Printer");
     expected += REPLACEMENT_CHAR;
     EXPECT_TRUE(expected == DnsSdBase::sanitize(name));
 }
@@ -163,7 +129,7 @@ TEST(Sanitize, keepsTheLengthInCodePoints) {
     EXPECT_EQ(name.size(), sanitize(name).size());
 }
 
-TEST(Sanitize, leavesItsArgumentAlone) {
+TEST(Sanitize, doesNotChangeItsArgument) {
     String const name = makeString({BOM, 'a', 1});
     DnsSdBase::sanitize(name);
     EXPECT_TRUE(makeString({BOM, 'a', 1}) == name);
@@ -180,25 +146,18 @@ TEST(Sanitize, copiesACleanNameOnce) {
     EXPECT_TRUE(name == result);
 }
 
-// ---- unescape ----
-
-struct UnescapeRow {
-    char const* what;
-    std::string text; // Without its terminating zero.
+struct UnescapeRow : NamedRow {
+    std::string text; ///< Without its terminating zero.
     char const* stop_chars;
     std::string piece;
-    size_t cursor; // Where it is left.
+    size_t cursor; ///< Behind the piece.
 };
-
-void PrintTo(UnescapeRow const& row, std::ostream* out) {
-    *out << row.what;
-}
 
 class Unescape : public testing::TestWithParam<UnescapeRow> {};
 
-TEST_P(Unescape, givesThePieceAndLeavesTheCursor) {
+TEST_P(Unescape, returnsThePieceAndMovesTheCursorBehindIt) {
     UnescapeRow const& row = GetParam();
-    // In memory of its own size, so that a sanitizer sees what is read beyond it.
+    // In memory of exactly its size, so that a sanitizer detects a read beyond it.
     std::vector<char> const text(row.text.c_str(), row.text.c_str() + row.text.size() + 1);
     char const* cursor = text.data();
     EXPECT_EQ(row.piece, DnsSdBase::unescape(cursor, row.stop_chars));
@@ -207,83 +166,71 @@ TEST_P(Unescape, givesThePieceAndLeavesTheCursor) {
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, Unescape,
-    testing::Values(
+    rowsOf<UnescapeRow>({
         // A zero ends it.
-        UnescapeRow{"empty", "", ".", "", 0}, //
-        UnescapeRow{"plain", "abc", ".", "abc", 3}, UnescapeRow{"zeroInside", bytes("ab\0cd"), ".", "ab", 2},
-        // A stop character ends it, and is not taken.
-        UnescapeRow{"stop", "ab.cd", ".", "ab", 2}, //
-        UnescapeRow{"stopAtOnce", ".ab", ".", "", 0}, UnescapeRow{"secondStop", "ab/cd.e", "./", "ab", 2},
-        UnescapeRow{"noStops", "a.b/c", "", "a.b/c", 5},
-        UnescapeRow{
-            "highStop",
-            "ab\xFF"
-            "cd",
-            "\xFF", "ab", 2},
-        UnescapeRow{"digitAsStop", "ab1cd", "1", "ab", 2},
-        UnescapeRow{"backslashAsStop", "a\\032b", "\\", "a", 1},
+        {"empty", "", ".", "", 0},
+        {"plain", "abc", ".", "abc", 3},
+        {"zeroInside", bytes("ab\0cd"), ".", "ab", 2},
+        // A stop character ends it and is not consumed.
+        {"stop", "ab.cd", ".", "ab", 2},
+        {"stopAtOnce", ".ab", ".", "", 0},
+        {"secondStop", "ab/cd.e", "./", "ab", 2},
+        {"noStops", "a.b/c", "", "a.b/c", 5},
+        {"highStop", "ab\377cd", "\377", "ab", 2},
+        {"digitAsStop", "ab1cd", "1", "ab", 2},
+        {"backslashAsStop", "a\\032b", "\\", "a", 1},
         // An escaped byte stands for itself.
-        UnescapeRow{"escapedStop", "a\\.b.c", ".", "a.b", 4}, //
-        UnescapeRow{"escapedBackslash", "a\\\\b", ".", "a\\b", 4},
-        UnescapeRow{"escapedBackslashThenStop", "a\\\\.b", ".", "a\\", 3},
-        UnescapeRow{"escapedLetter", "\\n\\x", ".", "nx", 4},
-        UnescapeRow{"escapedHighByte", "\\\xC3\\\xBC", ".", "\xC3\xBC", 4},
-        UnescapeRow{"escapedBeforeZero", "\\/\\:", "", "/:", 4}, // The neighbours of the digits.
+        {"escapedStop", "a\\.b.c", ".", "a.b", 4},
+        {"escapedBackslash", "a\\\\b", ".", "a\\b", 4},
+        {"escapedBackslashThenStop", "a\\\\.b", ".", "a\\", 3},
+        {"escapedLetter", "\\n\\x", ".", "nx", 4},
+        {"escapedHighByte", "\\\xC3\\\xBC", ".", "\xC3\xBC", 4},
+        {"escapedBeforeZero", "\\/\\:", "", "/:", 4}, // The neighbors of the digits.
         // Three digits are a byte.
-        UnescapeRow{"space", "a\\032b", ".", "a b", 6}, //
-        UnescapeRow{"dotAndSpace", "a\\.b\\032c", ".", "a.b c", 9},
-        UnescapeRow{"stopAsDigits", "a\\046b.c", ".", "a.b", 6},
-        UnescapeRow{"zeroAsDigits", "a\\000b", ".", bytes("a\0b"), 6},
-        UnescapeRow{"highAsDigits", "\\128\\255", ".", "\x80\xFF", 8},
-        UnescapeRow{"digitsAsDigits", "\\0651", ".", "A1", 5},
-        UnescapeRow{"twice", "\\065\\066", ".", "AB", 8},
-        UnescapeRow{"digitAsStopWithin", "\\065b1", "0561", "Ab", 5}, // Within an escape nothing stops.
+        {"space", "a\\032b", ".", "a b", 6},
+        {"dotAndSpace", "a\\.b\\032c", ".", "a.b c", 9},
+        {"stopAsDigits", "a\\046b.c", ".", "a.b", 6},
+        {"zeroAsDigits", "a\\000b", ".", bytes("a\0b"), 6},
+        {"highAsDigits", "\\128\\255", ".", "\x80\xFF", 8},
+        {"digitsAsDigits", "\\0651", ".", "A1", 5},
+        {"twice", "\\065\\066", ".", "AB", 8},
+        {"digitAsStopWithin", "\\065b1", "0561", "Ab", 5}, // A stop character does not end an escape.
         // They are cut to 8 bits.
-        UnescapeRow{"overflowToZero", "\\256", ".", bytes("\0"), 4}, //
-        UnescapeRow{"overflowToOne", "\\257x", ".", "\x01x", 5},
-        UnescapeRow{"overflowTwice", "\\512", ".", bytes("\0"), 4},
-        UnescapeRow{"overflowOfAll", "\\999", ".", "\xE7", 4},
-        // A backslash at the end counts for nothing.
-        UnescapeRow{"backslashAlone", "\\", ".", "", 1}, //
-        UnescapeRow{"backslashAtEnd", "ab\\", ".", "ab", 3},
-        UnescapeRow{"backslashBeforeZero", bytes("ab\\\0cd"), ".", "ab", 3},
+        {"overflowToZero", "\\256", ".", bytes("\0"), 4},
+        {"overflowToOne", "\\257x", ".", "\x01x", 5},
+        {"overflowTwice", "\\512", ".", bytes("\0"), 4},
+        {"overflowOfAll", "\\999", ".", "\xE7", 4},
+        // A backslash at the end is ignored.
+        {"backslashAlone", "\\", ".", "", 1},
+        {"backslashAtEnd", "ab\\", ".", "ab", 3},
+        {"backslashBeforeZero", bytes("ab\\\0cd"), ".", "ab", 3},
         // A bad second or third digit ends it, the cursor behind the bad byte.
-        UnescapeRow{"badSecond", "ab\\1x23", ".", "ab", 5}, //
-        UnescapeRow{"badSecondIsBackslash", "ab\\1\\23", ".", "ab", 5},
-        UnescapeRow{"badSecondIsStop", "ab\\1.23", ".", "ab", 5},
-        UnescapeRow{"badSecondBelowDigits", "ab\\1/23", ".", "ab", 5},
-        UnescapeRow{"badSecondAboveDigits", "ab\\1:23", ".", "ab", 5},
-        UnescapeRow{
-            "badSecondIsHigh",
-            "ab\\1\xB2"
-            "3",
-            ".", "ab", 5},
-        UnescapeRow{"badThird", "ab\\12x3", ".", "ab", 6},
-        UnescapeRow{"badThirdIsBackslash", "ab\\12\\3", ".", "ab", 6},
-        UnescapeRow{"badThirdIsStop", "ab\\12.3", ".", "ab", 6},
-        UnescapeRow{"badThirdBelowDigits", "ab\\12/", ".", "ab", 6},
-        UnescapeRow{"badThirdAboveDigits", "ab\\12:", ".", "ab", 6},
-        UnescapeRow{"badThirdIsHigh", "ab\\12\xFF", ".", "ab", 6},
-        UnescapeRow{"badFirstThing", "\\1x", ".", "", 3},
-        UnescapeRow{"badAfterGood", "\\065\\1x", ".", "A", 7},
+        {"badSecond", "ab\\1x23", ".", "ab", 5},
+        {"badSecondIsBackslash", "ab\\1\\23", ".", "ab", 5},
+        {"badSecondIsStop", "ab\\1.23", ".", "ab", 5},
+        {"badSecondBelowDigits", "ab\\1/23", ".", "ab", 5},
+        {"badSecondAboveDigits", "ab\\1:23", ".", "ab", 5},
+        {"badSecondIsHigh", "ab\\1\2623", ".", "ab", 5},
+        {"badThird", "ab\\12x3", ".", "ab", 6},
+        {"badThirdIsBackslash", "ab\\12\\3", ".", "ab", 6},
+        {"badThirdIsStop", "ab\\12.3", ".", "ab", 6},
+        {"badThirdBelowDigits", "ab\\12/", ".", "ab", 6},
+        {"badThirdAboveDigits", "ab\\12:", ".", "ab", 6},
+        {"badThirdIsHigh", "ab\\12\xFF", ".", "ab", 6},
+        {"badSecondAtTheStart", "\\1x", ".", "", 3},
+        {"badAfterGood", "\\065\\1x", ".", "A", 7},
         // Also where the bad byte is the terminating zero: the cursor is beyond the text.
-        UnescapeRow{"secondIsTheEnd", "ab\\1", ".", "ab", 5}, //
-        UnescapeRow{"thirdIsTheEnd", "ab\\12", ".", "ab", 6},
-        UnescapeRow{"secondIsAZero", bytes("ab\\1\0cd"), ".", "ab", 5},
-        UnescapeRow{"thirdIsAZero", bytes("ab\\12\0cd"), ".", "ab", 6},
+        {"secondIsTheEnd", "ab\\1", ".", "ab", 5},
+        {"thirdIsTheEnd", "ab\\12", ".", "ab", 6},
+        {"secondIsAZero", bytes("ab\\1\0cd"), ".", "ab", 5},
+        {"thirdIsAZero", bytes("ab\\12\0cd"), ".", "ab", 6},
         // Bytes are bytes.
-        UnescapeRow{
-            "utf8",
-            "K\xC3\xBC"
-            "che.x",
-            ".",
-            "K\xC3\xBC"
-            "che",
-            6},
-        UnescapeRow{"allHigh", "\x80\xFE\xFF", ".", "\x80\xFE\xFF", 3}),
-    [](auto const& row) { return std::string(row.param.what); });
+        {"utf8", "K\303\274che.x", ".", "K\303\274che", 6},
+        {"allHigh", "\x80\xFE\xFF", ".", "\x80\xFE\xFF", 3},
+    }),
+    byName);
 
-TEST(UnescapeName, isTakenApartPieceByPiece) {
+TEST(UnescapeName, isSplitPieceByPiece) {
     char const* cursor = "Living\\032Room\\.2._http._tcp.local";
     std::vector<std::string> pieces;
     for (;;) {
@@ -296,7 +243,7 @@ TEST(UnescapeName, isTakenApartPieceByPiece) {
     EXPECT_EQ((std::vector<std::string>{"Living Room.2", "_http", "_tcp", "local"}), pieces);
 }
 
-TEST(UnescapeName, readsEveryByteFromItsThreeDigits) {
+TEST(UnescapeName, everyNumberOfThreeDigitsIsAByte) {
     for (int value = 0; value < 1000; ++value) {
         std::string const digits = std::to_string(1000 + value).substr(1);
         std::string const text = "\\" + digits;
@@ -306,15 +253,13 @@ TEST(UnescapeName, readsEveryByteFromItsThreeDigits) {
     }
 }
 
-// ---- reading TXT records ----
-
-/// A string of the wire format, of at most 255 bytes.
-std::string entry(std::string const& text) {
-    EXPECT_LE(text.size(), 255U);
-    return std::string(1, static_cast<char>(text.size())) + text;
+/// Returns a string of the wire format, of at most 255 bytes.
+std::string entry(std::string const& content) {
+    EXPECT_LE(content.size(), 255U);
+    return std::string(1, static_cast<char>(content.size())) + content;
 }
 
-/// Reads a record from memory of its own size, so that a sanitizer sees what is read beyond it.
+/// Reads a record from memory of exactly its size, so that a sanitizer detects a read beyond it.
 Txt decode(std::string const& record) {
     std::vector<char> const memory(record.begin(), record.end());
     return Txt(static_cast<unsigned short>(memory.size()), memory.data());
@@ -326,15 +271,10 @@ std::string encode(Txt const& txt) {
     return std::string(reinterpret_cast<char const*>(wire.data), wire.getSize());
 }
 
-struct TxtRow {
-    char const* what;
+struct TxtRow : NamedRow {
     std::string record;
     Entries entries;
 };
-
-void PrintTo(TxtRow const& row, std::ostream* out) {
-    *out << row.what;
-}
 
 class TxtOfRecord : public testing::TestWithParam<TxtRow> {};
 
@@ -344,41 +284,42 @@ TEST_P(TxtOfRecord, hasTheEntries) {
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, TxtOfRecord,
-    testing::Values(
-        TxtRow{"nothing", "", {}},               //
-        TxtRow{"empty", bytes("\0"), {}},        //
-        TxtRow{"emptyTwice", bytes("\0\0"), {}}, //
-        TxtRow{"one", bytes("\3a=b"), {{"a", "b"}}},
-        TxtRow{"two", bytes("\3a=b\5cd=ef"), {{"a", "b"}, {"cd", "ef"}}},
-        TxtRow{"keyWithoutSeparatorAndEmptyKey", bytes("\3a=b\2cd\1="), {{"a", "b"}, {"", ""}}},
-        TxtRow{"emptyValue", bytes("\2a="), {{"a", ""}}},
-        TxtRow{"emptyKeyWithValue", bytes("\2=b"), {{"", "b"}}},
-        TxtRow{"emptyStringBetween", bytes("\3a=b\0\3c=d"), {{"a", "b"}, {"c", "d"}}},
-        TxtRow{"firstSeparatorCounts", bytes("\6a==b=c"), {{"a", "=b=c"}}},
-        TxtRow{"lastOfAKeyCounts", bytes("\3a=1\3b=2\3a=3"), {{"a", "3"}, {"b", "2"}}},
-        TxtRow{"lastMayBeEmpty", bytes("\3a=1\2a="), {{"a", ""}}},
-        TxtRow{"lastWithoutSeparatorCountsNot", bytes("\3a=1\1a"), {{"a", "1"}}},
-        TxtRow{"caseDiffers", bytes("\3a=1\3A=2"), {{"a", "1"}, {"A", "2"}}},
-        TxtRow{"unsorted", bytes("\3c=3\3a=1\3b=2"), {{"a", "1"}, {"b", "2"}, {"c", "3"}}},
-        TxtRow{"zeroBytes", bytes("\5\0=\0\0x"), {{bytes("\0"), bytes("\0\0x")}}},
-        TxtRow{"highBytes", bytes("\3\xFF=\x80"), {{"\xFF", "\x80"}}},
-        TxtRow{"overrunByOne", bytes("\3a=b\4c=d"), {{"a", "b"}}},
-        TxtRow{"overrunByFar", bytes("\3a=b\377c=d"), {{"a", "b"}}},
-        TxtRow{"overrunAtOnce", bytes("\1"), {}}, //
-        TxtRow{"lengthIsTheEnd", bytes("\3a=b\1"), {{"a", "b"}}},
-        TxtRow{"overrunEndsAll", bytes("\11a=b\3c=d"), {}}),
-    [](auto const& row) { return std::string(row.param.what); });
+    rowsOf<TxtRow>({
+        {"nothing", "", {}},
+        {"empty", bytes("\0"), {}},
+        {"emptyTwice", bytes("\0\0"), {}},
+        {"one", bytes("\3a=b"), {{"a", "b"}}},
+        {"two", bytes("\3a=b\5cd=ef"), {{"a", "b"}, {"cd", "ef"}}},
+        {"keyWithoutSeparatorAndEmptyKey", bytes("\3a=b\2cd\1="), {{"a", "b"}, {"", ""}}},
+        {"emptyValue", bytes("\2a="), {{"a", ""}}},
+        {"emptyKeyWithValue", bytes("\2=b"), {{"", "b"}}},
+        {"emptyStringBetween", bytes("\3a=b\0\3c=d"), {{"a", "b"}, {"c", "d"}}},
+        {"keyEndsAtTheFirstSeparator", bytes("\6a==b=c"), {{"a", "=b=c"}}},
+        {"lastValueOfAKeyIsKept", bytes("\3a=1\3b=2\3a=3"), {{"a", "3"}, {"b", "2"}}},
+        {"lastValueCanBeEmpty", bytes("\3a=1\2a="), {{"a", ""}}},
+        {"lastWithoutSeparatorIsIgnored", bytes("\3a=1\1a"), {{"a", "1"}}},
+        {"caseDiffers", bytes("\3a=1\3A=2"), {{"a", "1"}, {"A", "2"}}},
+        {"unsorted", bytes("\3c=3\3a=1\3b=2"), {{"a", "1"}, {"b", "2"}, {"c", "3"}}},
+        {"zeroBytes", bytes("\5\0=\0\0x"), {{bytes("\0"), bytes("\0\0x")}}},
+        {"highBytes", bytes("\3\xFF=\x80"), {{"\xFF", "\x80"}}},
+        {"overrunByOne", bytes("\3a=b\4c=d"), {{"a", "b"}}},
+        {"overrunByFar", bytes("\3a=b\377c=d"), {{"a", "b"}}},
+        {"overrunAtOnce", bytes("\1"), {}},
+        {"lengthIsTheEnd", bytes("\3a=b\1"), {{"a", "b"}}},
+        {"overrunEndsAll", bytes("\11a=b\3c=d"), {}},
+    }),
+    byName);
 
-TEST(TxtRecord, ofSizeZeroIsEmptyWhateverTheDataIs) {
+TEST(TxtRecord, ofSizeZeroIsEmptyForAnyData) {
     EXPECT_TRUE(Txt(0, nullptr).empty());
     EXPECT_TRUE(Txt(0, "\3a=b").empty());
 }
 
-TEST(TxtRecord, takesOnlyTheSizeThatItIsTold) {
+TEST(TxtRecord, readsOnlyTheGivenSize) {
     EXPECT_EQ((Entries{{"a", "b"}}), Txt(4, "\3a=b\3c=d"));
 }
 
-TEST(TxtRecord, keepsTheEntriesBeforeTheByteWhereItWasCut) {
+TEST(TxtRecord, keepsTheEntriesBeforeACut) {
     std::vector<std::pair<std::string, std::string>> const entries{
         {"alpha", "1"}, {"beta", ""}, {"", "no key"}, {"delta", std::string(200, 'd')}, {"e", "=5="}};
     std::string record;
@@ -395,7 +336,7 @@ TEST(TxtRecord, keepsTheEntriesBeforeTheByteWhereItWasCut) {
     }
 }
 
-TEST(TxtRecord, mayHaveTheLargestSize) {
+TEST(TxtRecord, canHaveTheLargestSize) {
     std::string record;
     Entries expected;
     for (int i = 0; i < 255; ++i) {
@@ -412,8 +353,6 @@ TEST(TxtRecord, mayHaveTheLargestSize) {
     EXPECT_EQ(record, encode(txt));
     EXPECT_EQ(255U, decode(record.substr(0, 65534)).size()) << "the last one is cut";
 }
-
-// ---- writing TXT records ----
 
 TEST(TxtData, ofAnEmptyMapIsOneZeroByteThatReadsAsAnEmptyMap) {
     EXPECT_EQ(bytes("\0"), encode(Txt()));
@@ -433,34 +372,25 @@ TEST(TxtData, ofEmptyKeyAndValueIsASeparator) {
     EXPECT_EQ(bytes("\1="), encode(txt));
 }
 
-struct LengthRow {
-    size_t key;
-    size_t value;
-    unsigned char length_byte;
-};
-
-void PrintTo(LengthRow const& row, std::ostream* out) {
-    *out << row.key << " and " << row.value << " bytes";
-}
-
-class TxtDataLength : public testing::TestWithParam<LengthRow> {};
+class TxtDataLength : public testing::TestWithParam<std::tuple<size_t, size_t, int>> {};
 
 TEST_P(TxtDataLength, wrapsAtEightBitsAndCutsNothing) {
-    std::string const key(GetParam().key, 'k');
-    std::string const value(GetParam().value, 'v');
+    auto const& [key_size, value_size, length_byte] = GetParam();
+    std::string const key(key_size, 'k');
+    std::string const value(value_size, 'v');
     Txt txt;
     txt[key] = value;
-    EXPECT_EQ(std::string(1, static_cast<char>(GetParam().length_byte)) + key + "=" + value, encode(txt));
+    EXPECT_EQ(std::string(1, static_cast<char>(length_byte)) + key + "=" + value, encode(txt));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, TxtDataLength,
     testing::Values(
-        LengthRow{0, 0, 1}, LengthRow{1, 1, 3}, LengthRow{1, 125, 127}, LengthRow{1, 126, 128},
-        LengthRow{1, 253, 255}, LengthRow{1, 254, 0}, LengthRow{1, 255, 1}, LengthRow{254, 0, 255},
-        LengthRow{255, 0, 0}, LengthRow{300, 300, 89}, LengthRow{1, 70000, 114}));
+        std::tuple(0, 0, 1), std::tuple(1, 1, 3), std::tuple(1, 125, 127), std::tuple(1, 126, 128),
+        std::tuple(1, 253, 255), std::tuple(1, 254, 0), std::tuple(1, 255, 1), std::tuple(254, 0, 255),
+        std::tuple(255, 0, 0), std::tuple(300, 300, 89), std::tuple(1, 70000, 114)));
 
-TEST(TxtData, writesOnBehindAnEntryThatIsTooLong) {
+TEST(TxtData, goesOnAfterATooLongEntry) {
     Txt txt;
     txt["a"] = std::string(256, 'v');
     txt["b"] = "2";
@@ -483,8 +413,6 @@ TEST(TxtData, isAllocatedOnce) {
     EXPECT_EQ(20, decoding.getCount()) << "one for each entry";
     EXPECT_EQ(txt, again);
 }
-
-// ---- TXT records as maps ----
 
 TEST(TxtMap, isAMapOfStrings) {
     static_assert(std::is_base_of_v<Entries, Txt>);
@@ -524,13 +452,11 @@ TEST(TxtMap, ordersKeysByTheirBytes) {
 
 size_t const g_size_before_main = Txt::EMPTY.size();
 
-TEST(TxtEmpty, isThereBeforeMain) {
+TEST(TxtEmpty, isInitializedBeforeMain) {
     EXPECT_EQ(0U, g_size_before_main);
     EXPECT_TRUE(Txt::EMPTY.empty());
     static_assert(std::is_const_v<decltype(Txt::EMPTY)>);
 }
-
-// ---- the client ----
 
 struct QuietClient : DnsSdBase::Client {
     void error() override { ++errors; }
@@ -540,7 +466,7 @@ struct QuietClient : DnsSdBase::Client {
 TEST(DnsSdBaseClient, doesNothingByDefault) {
     QuietClient quiet;
     DnsSdBase::Client& client = quiet;
-    String const name = String::fromUTF8("Printer");
+    String const name = text("Printer");
     client.service_appeared(name, "_ipp._tcp", "local");
     client.service_disappeared(name, "_ipp._tcp", "local");
     client.all_for_now();
@@ -551,20 +477,20 @@ TEST(DnsSdBaseClient, doesNothingByDefault) {
     EXPECT_EQ(1, quiet.errors);
 }
 
-TEST(DnsSdBaseClient, leavesOnlyErrorToBeDefined) {
+TEST(DnsSdBaseClient, hasOnlyErrorAsAPureVirtualOperation) {
     static_assert(std::is_abstract_v<DnsSdBase::Client>);
     static_assert(!std::is_abstract_v<QuietClient>);
     static_assert(std::has_virtual_destructor_v<DnsSdBase::Client>);
 }
 
-TEST(DnsSdBaseClient, hasItsOperationsInTheirSlots) {
+TEST(DnsSdBaseClient, operationsHaveTheirSlots) {
     using Client = DnsSdBase::Client;
-    EXPECT_EQ(2, support::getSlot(&Client::error)) << "behind the two of the destructor";
-    EXPECT_EQ(3, support::getSlot(&Client::service_appeared));
-    EXPECT_EQ(4, support::getSlot(&Client::service_disappeared));
-    EXPECT_EQ(5, support::getSlot(&Client::all_for_now));
-    EXPECT_EQ(6, support::getSlot(&Client::resolved));
-    EXPECT_EQ(7, support::getSlot(&Client::address));
+    EXPECT_EQ(2, getSlot(&Client::error)) << "behind the two of the destructor";
+    EXPECT_EQ(3, getSlot(&Client::service_appeared));
+    EXPECT_EQ(4, getSlot(&Client::service_disappeared));
+    EXPECT_EQ(5, getSlot(&Client::all_for_now));
+    EXPECT_EQ(6, getSlot(&Client::resolved));
+    EXPECT_EQ(7, getSlot(&Client::address));
 }
 
 } // namespace

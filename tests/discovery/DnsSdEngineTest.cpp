@@ -1,13 +1,13 @@
+#include "Clients.h"
 #include "TestEngine.h"
 
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Processes.h"
-
-#include <vesk/DnsSd.h>
+#include "support/RunInThreads.h"
+#include "support/Threads.h"
 
 #include <tarncommon/error/ErrorStorage.h>
-#include <tarncommon/tarnbase/TimePoint.h>
 
 #include <gtest/gtest.h>
 
@@ -15,17 +15,11 @@
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <pthread.h>
 #include <stdexcept>
-#include <string>
-#include <sys/syscall.h>
-#include <thread>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
-/// How many threads took the name "vesk::DnsSd".
+/// The number of threads that have taken the name "vesk::DnsSd".
 std::atomic<int> g_named{0};
 
 } // namespace
@@ -47,37 +41,17 @@ extern "C" VESK_UNWATCHED int pthread_setname_np(pthread_t thread, char const* n
 
 namespace {
 
-using std::unicode::String;
-using support::EventRecorder;
-using support::Fault;
-using support::Installed;
-using support::TestEngine;
-using tarnbase::Duration;
+using namespace support;
 using tarnbase::TimePoint;
-using vesk::DnsSd;
-using vesk::DnsSdBase;
 using Calls = std::vector<std::string>;
 using Reference = std::SharedBase::Ptr<DnsSd::DnsSdThread>;
 
-TimePoint in(long long ms) {
-    return TimePoint::now() + Duration(ms);
-}
-
-/// Beyond any good run.
-TimePoint farAway() {
-    return in(60000);
-}
-
-String text(std::string const& utf8) {
-    return String::fromUTF8(utf8);
-}
-
-/// Counts the starts and ends of threads by the calling one, and those of them that are for discovery.
+/// Counts the starts and joins of threads by the calling thread, and the threads of service discovery.
 class ThreadCount {
 public:
     int getStarts() const { return m_starts.getCalls(); }
     int getEnds() const { return m_ends.getCalls(); }
-    /// Exact once the threads have ended.
+    /// Exact after the threads have ended.
     int getNamed() const { return g_named - m_named; }
 
 private:
@@ -86,16 +60,14 @@ private:
     Fault m_ends{inject_pthread_join, 0};
 };
 
-// ---- without an engine ----
-
-TEST(DnsSdWithoutEngine, isHowAProcessStarts) {
+TEST(DnsSdWithoutEngine, isTheStateOfANewProcess) {
     EXPECT_EQ(nullptr, DnsSd::getEngine());
 }
 
-TEST(DnsSdWithoutEngine, theFirstClientToGoStartsAndJoinsTheThread) {
+TEST(DnsSdWithoutEngine, destructorOfAClientStartsAndJoinsTheThread) {
     ThreadCount const count;
     {
-        DnsSd::SyncBrowser const browser("_http._tcp", "local");
+        Browser const browser;
         EXPECT_EQ(0, count.getStarts()) << "the constructor takes no reference";
     }
     EXPECT_EQ(1, count.getNamed());
@@ -104,26 +76,26 @@ TEST(DnsSdWithoutEngine, theFirstClientToGoStartsAndJoinsTheThread) {
     EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
-TEST(DnsSdWithoutEngine, everyKindOfClientDoesSo) {
+TEST(DnsSdWithoutEngine, everyKindOfClientStartsAndJoinsTheThread) {
     ThreadCount const count;
-    { DnsSd::SyncBrowser const client("_http._tcp", "local"); }
+    { Browser const client; }
     EXPECT_EQ(1, count.getNamed());
-    { DnsSd::SyncResolver const client(text("name"), "_http._tcp", "local"); }
+    { Resolver const client; }
     EXPECT_EQ(2, count.getNamed());
-    { DnsSd::SyncLookup const client("host.local"); }
+    { Lookup const client; }
     EXPECT_EQ(3, count.getNamed());
-    { DnsSd::SyncService const client(text("name"), "_http._tcp", "local", 80); }
+    { Service const client; }
     EXPECT_EQ(4, count.getNamed());
     EXPECT_EQ(4, count.getStarts());
     EXPECT_EQ(4, count.getEnds());
 }
 
-TEST(DnsSdWithoutEngine, aClientThatGoesSharesTheThreadOfWhoHoldsAReference) {
+TEST(DnsSdWithoutEngine, destroyedClientSharesTheThreadOfAnotherReference) {
     ThreadCount const count;
     {
         Reference const held(DnsSd::DEFAULT);
         EXPECT_EQ(1, count.getStarts());
-        { DnsSd::SyncLookup const client("host.local"); }
+        { Lookup const client; }
         EXPECT_EQ(1, count.getStarts());
         EXPECT_EQ(0, count.getEnds());
     }
@@ -131,41 +103,32 @@ TEST(DnsSdWithoutEngine, aClientThatGoesSharesTheThreadOfWhoHoldsAReference) {
     EXPECT_EQ(1, count.getEnds());
 }
 
-TEST(DnsSdWithoutEngine, anEngineThatComesLaterHasNothingToDoWithAClient) {
+TEST(DnsSdWithoutEngine, laterEngineIsNotCalledForAnEarlierClient) {
     TestEngine engine;
     {
-        DnsSd::SyncBrowser const browser("_http._tcp", "local");
+        Browser const browser;
         Installed const installed(engine);
     }
-    std::optional<DnsSd::SyncBrowser> browser;
-    browser.emplace("_http._tcp", "local");
+    auto browser = std::make_optional<Browser>();
     Installed const installed(engine);
     browser.reset();
     EXPECT_EQ(Calls{}, engine.getCalls());
 }
 
-TEST(DnsSdWithoutEngine, clientsOfManyThreadsComeAndGo) {
+TEST(DnsSdWithoutEngine, manyThreadsCreateAndDestroyClients) {
     int const before = g_named;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            for (int round = 0; round < 25; ++round) {
-                DnsSd::SyncBrowser browser("_http._tcp", "local");
-                browser.service_appeared(text("name"), "_http._tcp", "local");
-                EXPECT_FALSE(browser.wait());
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runInThreads(4, [](int) {
+        for (int round = 0; round < 25; ++round) {
+            Browser browser;
+            browser.service_appeared(text("name"), "_http._tcp", "local");
+            EXPECT_FALSE(browser.wait());
+        }
+    });
     EXPECT_GE(g_named - before, 1);
     EXPECT_LE(g_named - before, 100);
 }
 
-// ---- installing ----
-
-TEST(DnsSdSetEngine, givesBackTheOneBefore) {
+TEST(DnsSdSetEngine, returnsTheEarlierEngine) {
     TestEngine first;
     TestEngine second;
     EXPECT_EQ(nullptr, DnsSd::setEngine(&first));
@@ -176,20 +139,18 @@ TEST(DnsSdSetEngine, givesBackTheOneBefore) {
     EXPECT_EQ(nullptr, DnsSd::getEngine());
 }
 
-// ---- with an engine ----
-
 class DnsSdEngine : public testing::Test {
 protected:
     TestEngine m_engine;
     Installed m_installed{m_engine};
 };
 
-TEST_F(DnsSdEngine, isAskedByEachKindOfClientAndCancelled) {
-    { DnsSd::SyncBrowser const client("_http._tcp", "local"); }
+TEST_F(DnsSdEngine, isCalledAndCanceledByEachKindOfClient) {
+    { Browser const client; }
     EXPECT_EQ((Calls{"browse _http._tcp local", "cancel"}), m_engine.getCalls());
     { DnsSd::SyncResolver const client(text("a n\xC3\xA4me"), "_ipp._tcp", "example"); }
-    { DnsSd::SyncLookup const client("host.local"); }
-    DnsSdBase::Txt txt;
+    { Lookup const client; }
+    Txt txt;
     txt["path"] = "/status";
     { DnsSd::SyncService const client(text("mine"), "_http._tcp", "local", 65535, txt); }
     { DnsSd::SyncService const client(text("bare"), "_http._tcp", "local", 0); }
@@ -201,22 +162,22 @@ TEST_F(DnsSdEngine, isAskedByEachKindOfClientAndCancelled) {
         m_engine.getCalls());
 }
 
-TEST_F(DnsSdEngine, deliversToABrowserThatWaits) {
+TEST_F(DnsSdEngine, deliversToAWaitingBrowser) {
     std::atomic<bool> about_to_wait{false};
-    auto const reader = static_cast<pid_t>(syscall(SYS_gettid));
-    m_engine.tell([&](DnsSdBase::Client& client) {
+    pid_t const reader = getThreadId();
+    m_engine.deliverOnce([&](DnsSdBase::Client& client) {
         while (!about_to_wait) {
             sched_yield();
         }
-        support::waitUntilAsleep(getpid(), reader);
+        waitUntilAsleep(getpid(), reader);
         client.service_appeared(text("first"), "_http._tcp", "local");
         client.all_for_now();
         client.service_disappeared(text("first"), "_http._tcp", "local");
     });
-    DnsSd::SyncBrowser browser("_http._tcp", "local");
+    Browser browser;
     about_to_wait = true;
     EXPECT_FALSE(browser.wait());
-    DnsSd::SyncBrowser::Result result;
+    Browser::Result result;
     ASSERT_FALSE(browser.get(result));
     EXPECT_TRUE(text("first") == result.name);
     EXPECT_TRUE(result.appeared);
@@ -224,19 +185,18 @@ TEST_F(DnsSdEngine, deliversToABrowserThatWaits) {
     ASSERT_FALSE(browser.get(result));
     EXPECT_TRUE(text("first") == result.name);
     EXPECT_FALSE(result.appeared);
-    EXPECT_TRUE(browser.get(result)) << "the end of a first batch is not told";
+    EXPECT_TRUE(browser.get(result)) << "the end of the first batch makes no record";
 }
 
 TEST_F(DnsSdEngine, deliversToAResolverAndToALookup) {
-    m_engine.tell([](DnsSdBase::Client& client) {
+    m_engine.deliverOnce([](DnsSdBase::Client& client) {
         unsigned char const record[] = {3, 'a', '=', 'b'};
-        client.resolved(
-            text("name"), "_http._tcp", "local", "host.local", 8080, DnsSdBase::Txt(sizeof record, record));
+        client.resolved(text("name"), "_http._tcp", "local", "host.local", 8080, Txt(sizeof record, record));
         client.address("host.local", "192.0.2.1");
     });
-    DnsSd::SyncResolver resolver(text("name"), "_http._tcp", "local");
+    Resolver resolver;
     ASSERT_FALSE(resolver.wait(farAway()));
-    DnsSd::SyncResolver::Result where;
+    Resolver::Result where;
     ASSERT_FALSE(resolver.get(where));
     EXPECT_EQ("host.local", where.host);
     EXPECT_EQ(8080, where.port);
@@ -245,14 +205,14 @@ TEST_F(DnsSdEngine, deliversToAResolverAndToALookup) {
 
     DnsSd::SyncLookup lookup(where.host);
     ASSERT_FALSE(lookup.wait(farAway()));
-    DnsSd::SyncLookup::Result found;
+    Lookup::Result found;
     ASSERT_FALSE(lookup.get(found));
     EXPECT_EQ("192.0.2.1", found.address);
 }
 
-TEST_F(DnsSdEngine, mayCallBackBeforeTheConstructorHasReturned) {
+TEST_F(DnsSdEngine, canCallBackBeforeTheConstructorReturns) {
     std::atomic<bool> delivered{false};
-    m_engine.tell([&](DnsSdBase::Client& client) {
+    m_engine.deliverOnce([&](DnsSdBase::Client& client) {
         client.service_appeared(text("early"), "_http._tcp", "local");
         delivered = true;
     });
@@ -261,44 +221,44 @@ TEST_F(DnsSdEngine, mayCallBackBeforeTheConstructorHasReturned) {
             sched_yield();
         }
     };
-    DnsSd::SyncBrowser browser("_http._tcp", "local");
-    DnsSd::SyncBrowser::Result result;
+    Browser browser;
+    Browser::Result result;
     EXPECT_FALSE(browser.get(result));
     EXPECT_TRUE(text("early") == result.name);
 }
 
-TEST_F(DnsSdEngine, aSilentOneLetsAWaitRunOut) {
-    DnsSd::SyncLookup lookup("host.local");
+TEST_F(DnsSdEngine, waitEndsAtItsDeadlineWithoutADelivery) {
+    Lookup lookup;
     TimePoint const deadline = in(30);
     EXPECT_TRUE(lookup.wait(deadline));
     EXPECT_GE(TimePoint::now(), deadline);
 }
 
 TEST_F(DnsSdEngine, callsOfAnotherKindAreIgnored) {
-    m_engine.tell([](DnsSdBase::Client& client) {
-        client.resolved(text("name"), "type", "local", "host", 1, DnsSdBase::Txt::EMPTY);
+    m_engine.deliverOnce([](DnsSdBase::Client& client) {
+        client.resolved(text("name"), "type", "local", "host", 1, Txt::EMPTY);
         client.service_appeared(text("name"), "type", "local");
         client.service_disappeared(text("name"), "type", "local");
         client.all_for_now();
         client.address("host", "192.0.2.1");
     });
-    DnsSd::SyncLookup lookup("host.local");
+    Lookup lookup;
     ASSERT_FALSE(lookup.wait(farAway()));
-    DnsSd::SyncLookup::Result result;
+    Lookup::Result result;
     EXPECT_FALSE(lookup.get(result));
     EXPECT_EQ("192.0.2.1", result.address);
     EXPECT_TRUE(lookup.get(result));
-    DnsSd::SyncService const service(text("name"), "_http._tcp", "local", 80); // Has no queue for any of it.
+    Service const service; // Ignores all of them.
 }
 
-TEST_F(DnsSdEngine, clientsHoldTheThreadForTheirLife) {
+TEST_F(DnsSdEngine, clientsKeepTheThreadDuringTheirLifetime) {
     ThreadCount const count;
     {
-        DnsSd::SyncBrowser const browser("_http._tcp", "local");
+        Browser const browser;
         {
-            DnsSd::SyncResolver const resolver(text("name"), "_http._tcp", "local");
-            DnsSd::SyncLookup const lookup("host.local");
-            DnsSd::SyncService const service(text("name"), "_http._tcp", "local", 80);
+            Resolver const resolver;
+            Lookup const lookup;
+            Service const service;
         }
         EXPECT_EQ(0, count.getEnds());
     }
@@ -307,82 +267,80 @@ TEST_F(DnsSdEngine, clientsHoldTheThreadForTheirLife) {
     EXPECT_EQ(1, count.getEnds());
 }
 
-TEST_F(DnsSdEngine, theThreadIsThereWhenTheEngineIsAsked) {
+TEST_F(DnsSdEngine, isCalledAfterTheStartOfTheThread) {
     ThreadCount const count;
     int starts_at_entry = -1;
     m_engine.on_enter = [&](DnsSdBase::Client&) { starts_at_entry = count.getStarts(); };
-    DnsSd::SyncLookup const lookup("host.local");
+    Lookup const lookup;
     EXPECT_EQ(1, starts_at_entry);
 }
 
-TEST_F(DnsSdEngine, isCancelledBeforeTheThreadEnds) {
+TEST_F(DnsSdEngine, isCanceledBeforeTheThreadEnds) {
     ThreadCount const count;
     int ends_at_cancel = -1;
     m_engine.on_cancel = [&](DnsSdBase::Client&) { ends_at_cancel = count.getEnds(); };
-    { DnsSd::SyncBrowser const browser("_http._tcp", "local"); }
+    { Browser const browser; }
     EXPECT_EQ(0, ends_at_cancel);
     EXPECT_EQ(1, count.getEnds());
 }
 
-TEST_F(DnsSdEngine, isCancelledWithTheClientThatItWasGiven) {
+TEST_F(DnsSdEngine, isCanceledWithTheClientOfTheCall) {
     std::vector<DnsSdBase::Client*> entered;
-    std::vector<DnsSdBase::Client*> cancelled;
+    std::vector<DnsSdBase::Client*> canceled;
     m_engine.on_enter = [&](DnsSdBase::Client& client) { entered.push_back(&client); };
-    m_engine.on_cancel = [&](DnsSdBase::Client& client) { cancelled.push_back(&client); };
+    m_engine.on_cancel = [&](DnsSdBase::Client& client) { canceled.push_back(&client); };
     {
-        DnsSd::SyncBrowser const browser("_http._tcp", "local");
-        DnsSd::SyncLookup const lookup("host.local");
+        Browser const browser;
+        Lookup const lookup;
     }
     ASSERT_EQ(2U, entered.size());
-    EXPECT_EQ((std::vector<DnsSdBase::Client*>{entered[1], entered[0]}), cancelled);
+    EXPECT_EQ((std::vector<DnsSdBase::Client*>{entered[1], entered[0]}), canceled);
 }
 
-TEST_F(DnsSdEngine, maySendItsLastCallsWhileItIsCancelled) {
+TEST_F(DnsSdEngine, canDeliverDuringTheCancellation) {
     m_engine.on_cancel = [](DnsSdBase::Client& client) {
-        // Late, but before the engine was told.
         std::thread([&client] {
             client.service_disappeared(text("last"), "_http._tcp", "local");
-            client.resolved(text("last"), "_http._tcp", "local", "host", 80, DnsSdBase::Txt::EMPTY);
+            client.resolved(text("last"), "_http._tcp", "local", "host", 80, Txt::EMPTY);
             client.address("host", "192.0.2.1");
         }).join();
     };
     EventRecorder const recorder;
-    { DnsSd::SyncBrowser const client("_http._tcp", "local"); }
-    { DnsSd::SyncResolver const client(text("name"), "_http._tcp", "local"); }
-    { DnsSd::SyncLookup const client("host.local"); }
-    { DnsSd::SyncService const client(text("name"), "_http._tcp", "local", 80); }
+    { Browser const client; }
+    { Resolver const client; }
+    { Lookup const client; }
+    { Service const client; }
     EXPECT_EQ("", recorder.getText());
 }
 
-TEST_F(DnsSdEngine, staysWithItsClientsWhenAnotherOneIsInstalled) {
+TEST_F(DnsSdEngine, keepsItsClientsWhenAnotherEngineIsInstalled) {
     TestEngine other;
     {
-        DnsSd::SyncBrowser const browser("_http._tcp", "local");
+        Browser const browser;
         Installed const installed(other);
-        DnsSd::SyncLookup const lookup("host.local");
+        Lookup const lookup;
     }
     EXPECT_EQ((Calls{"browse _http._tcp local", "cancel"}), m_engine.getCalls());
     EXPECT_EQ((Calls{"lookup host.local", "cancel"}), other.getCalls());
 
-    std::optional<DnsSd::SyncBrowser> browser;
-    browser.emplace("_ipp._tcp", "local");
+    auto browser = std::make_optional<Browser>();
     DnsSd::setEngine(nullptr);
     browser.reset();
     EXPECT_EQ(4U, m_engine.getCalls().size());
 }
 
-TEST_F(DnsSdEngine, failingIsABrokenInvariant) {
+TEST_F(DnsSdEngine, errorTripsAnAssertion) {
     EventRecorder const recorder;
-    m_engine.tell([](DnsSdBase::Client& client) {
+    m_engine.deliverOnce([](DnsSdBase::Client& client) {
         client.error();
         client.address("host", "192.0.2.1");
     });
-    DnsSd::SyncLookup lookup("host.local");
+    Lookup lookup;
     ASSERT_FALSE(lookup.wait(farAway()));
     EXPECT_EQ("ASSERT framework/src/vesk/DnsSd error: !\"Implement me!\"", recorder.getText());
 }
 
-/// Takes no client.
+/// Rejects every client.
 class ThrowingEngine : public DnsSd::Engine {
 public:
     void browse(DnsSdBase::Client&, std::string const&, std::string const&) override { fail(); }
@@ -392,7 +350,7 @@ public:
     void lookup(DnsSdBase::Client&, std::string const&) override { fail(); }
     void publish(
         DnsSdBase::Client&, String const&, std::string const&, std::string const&, unsigned short,
-        DnsSdBase::Txt const&) override {
+        Txt const&) override {
         fail();
     }
     void cancel(DnsSdBase::Client&) override { ++cancels; }
@@ -407,30 +365,28 @@ TEST(DnsSdThrowingEngine, leavesNoClientAndNoReference) {
     ThrowingEngine engine;
     Installed const installed(engine);
     ThreadCount const count;
-    EXPECT_THROW(DnsSd::SyncBrowser("_http._tcp", "local"), std::runtime_error);
-    EXPECT_THROW(DnsSd::SyncResolver(text("name"), "_http._tcp", "local"), std::runtime_error);
-    EXPECT_THROW(DnsSd::SyncLookup("host.local"), std::runtime_error);
-    EXPECT_THROW(DnsSd::SyncService(text("name"), "_http._tcp", "local", 80), std::runtime_error);
+    EXPECT_THROW(Browser(), std::runtime_error);
+    EXPECT_THROW(Resolver(), std::runtime_error);
+    EXPECT_THROW(Lookup(), std::runtime_error);
+    EXPECT_THROW(Service(), std::runtime_error);
     EXPECT_EQ(0, engine.cancels);
     EXPECT_EQ(4, count.getNamed());
     EXPECT_EQ(4, count.getEnds());
 }
 
-// ---- under load ----
-
 TEST_F(DnsSdEngine, deliversWhileClientsAreDestroyed) {
     m_engine.flood([](DnsSdBase::Client& client) {
         client.service_appeared(text("name"), "_http._tcp", "local");
-        client.resolved(text("name"), "_http._tcp", "local", "host", 80, DnsSdBase::Txt::EMPTY);
+        client.resolved(text("name"), "_http._tcp", "local", "host", 80, Txt::EMPTY);
         client.address("host", "192.0.2.1");
     });
     for (int round = 0; round < 50; ++round) {
-        auto browser = std::make_unique<DnsSd::SyncBrowser>("_http._tcp", "local");
-        auto resolver = std::make_unique<DnsSd::SyncResolver>(text("name"), "_http._tcp", "local");
-        auto lookup = std::make_unique<DnsSd::SyncLookup>("host.local");
-        DnsSd::SyncService const service(text("name"), "_http._tcp", "local", 80);
+        auto browser = std::make_unique<Browser>();
+        auto resolver = std::make_unique<Resolver>();
+        auto lookup = std::make_unique<Lookup>();
+        Service const service;
         EXPECT_FALSE(lookup->wait(farAway()));
-        DnsSd::SyncLookup::Result result;
+        Lookup::Result result;
         EXPECT_FALSE(lookup->get(result));
         lookup.reset();
         EXPECT_FALSE(browser->wait(farAway()));
@@ -442,23 +398,17 @@ TEST_F(DnsSdEngine, deliversWhileClientsAreDestroyed) {
 TEST_F(DnsSdEngine, servesClientsOfManyThreads) {
     m_engine.flood(
         [](DnsSdBase::Client& client) { client.service_appeared(text("name"), "_http._tcp", "local"); });
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            for (int round = 0; round < 20; ++round) {
-                DnsSd::SyncBrowser browser("_http._tcp", "local");
-                for (int record = 0; record < 3; ++record) {
-                    ASSERT_FALSE(browser.wait(farAway()));
-                    DnsSd::SyncBrowser::Result result;
-                    ASSERT_FALSE(browser.get(result));
-                    ASSERT_TRUE(text("name") == result.name);
-                }
+    runInThreads(4, [](int) {
+        for (int round = 0; round < 20; ++round) {
+            Browser browser;
+            for (int record = 0; record < 3; ++record) {
+                ASSERT_FALSE(browser.wait(farAway()));
+                Browser::Result result;
+                ASSERT_FALSE(browser.get(result));
+                ASSERT_TRUE(text("name") == result.name);
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+        }
+    });
     EXPECT_EQ(160U, m_engine.getCalls().size());
 }
 

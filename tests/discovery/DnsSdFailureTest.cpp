@@ -1,23 +1,19 @@
+#include "Clients.h"
+
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/NamedRow.h"
 #include "support/NewFault.h"
 #include "support/UnlockFault.h"
 
-#include <vesk/DnsSd.h>
-
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
-#include <tarncommon/tarnbase/TimePoint.h>
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <functional>
 #include <new>
-#include <ostream>
-#include <pthread.h>
-#include <string>
 
 VESK_INJECT_RESULT(
     pthread_create,
@@ -28,44 +24,26 @@ VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
-using std::unicode::String;
-using support::chainIs;
-using support::EventRecorder;
-using support::Fault;
-using support::New;
-using support::NewFault;
+using namespace support;
 using tarnbase::TimePoint;
-using vesk::DnsSd;
-using vesk::DnsSdBase;
 
-String text(std::string const& utf8) {
-    return String::fromUTF8(utf8);
-}
-
-/// One of each, with a record to read.
+/// A client of each kind with a queue, which holds a record.
 struct Clients {
     Clients() {
         browser.service_appeared(text("name"), "type", "domain");
-        resolver.resolved(text("name"), "type", "domain", "host", 1, DnsSdBase::Txt::EMPTY);
+        resolver.resolved(text("name"), "type", "domain", "host", 1, Txt::EMPTY);
         lookup.address("name", "address");
     }
 
-    DnsSd::SyncBrowser browser{"_http._tcp", "local"};
-    DnsSd::SyncResolver resolver{text("name"), "_http._tcp", "local"};
-    DnsSd::SyncLookup lookup{"host.local"};
+    Browser browser;
+    Resolver resolver;
+    Lookup lookup;
 };
 
-// ---- locks ----
-
-struct LockRow {
-    char const* what;
+struct LockRow : NamedRow {
     char const* function;
     void (*call)(Clients&);
 };
-
-void PrintTo(LockRow const& row, std::ostream* out) {
-    *out << row.what;
-}
 
 template <typename Client>
 void get(Client& client) {
@@ -75,7 +53,7 @@ void get(Client& client) {
 
 class DnsSdLock : public testing::TestWithParam<LockRow> {};
 
-TEST_P(DnsSdLock, thatCannotBeTakenAborts) {
+TEST_P(DnsSdLock, failureAborts) {
     Clients clients;
     std::string const where = std::string("ABORT framework/src/vesk/DnsSd ") + GetParam().function;
     EventRecorder const recorder;
@@ -83,12 +61,12 @@ TEST_P(DnsSdLock, thatCannotBeTakenAborts) {
         Fault const fault(inject_pthread_mutex_lock, EINVAL);
         GetParam().call(clients);
     }
-    // What is not locked cannot be unlocked either.
+    // The mutex that is not locked cannot be unlocked either.
     EXPECT_EQ(where + ": error locking\n" + where + ": error unlocking", recorder.getText());
     EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
-TEST_P(DnsSdLock, thatCannotBeReleasedAborts) {
+TEST_P(DnsSdLock, failureOfUnlockAborts) {
     Clients clients;
     EventRecorder const recorder;
     {
@@ -102,33 +80,27 @@ TEST_P(DnsSdLock, thatCannotBeReleasedAborts) {
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, DnsSdLock,
-    testing::Values(
-        LockRow{"browserWait", "wait", [](Clients& c) { c.browser.wait(); }},
-        LockRow{"browserTimedWait", "wait", [](Clients& c) { c.browser.wait(TimePoint(1)); }},
-        LockRow{"browserGet", "get", [](Clients& c) { get(c.browser); }},
-        LockRow{
-            "browserAppeared", "service_appeared",
-            [](Clients& c) { c.browser.service_appeared(text("name"), "type", "domain"); }},
-        LockRow{
-            "browserDisappeared", "service_disappeared",
-            [](Clients& c) { c.browser.service_disappeared(text("name"), "type", "domain"); }},
-        LockRow{"resolverWait", "wait", [](Clients& c) { c.resolver.wait(); }},
-        LockRow{"resolverTimedWait", "wait", [](Clients& c) { c.resolver.wait(TimePoint(1)); }},
-        LockRow{"resolverGet", "get", [](Clients& c) { get(c.resolver); }},
-        LockRow{
-            "resolverResolved", "resolved",
-            [](Clients& c) {
-                c.resolver.resolved(text("name"), "type", "domain", "host", 1, DnsSdBase::Txt::EMPTY);
-            }},
-        LockRow{"lookupWait", "wait", [](Clients& c) { c.lookup.wait(); }},
-        LockRow{"lookupTimedWait", "wait", [](Clients& c) { c.lookup.wait(TimePoint(1)); }},
-        LockRow{"lookupGet", "get", [](Clients& c) { get(c.lookup); }},
-        LockRow{"lookupAddress", "address", [](Clients& c) { c.lookup.address("name", "address"); }}),
-    [](auto const& row) { return std::string(row.param.what); });
+    rowsOf<LockRow>({
+        {"browserWait", "wait", [](Clients& c) { c.browser.wait(); }},
+        {"browserTimedWait", "wait", [](Clients& c) { c.browser.wait(TimePoint(1)); }},
+        {"browserGet", "get", [](Clients& c) { get(c.browser); }},
+        {"browserAppeared", "service_appeared",
+         [](Clients& c) { c.browser.service_appeared(text("name"), "type", "domain"); }},
+        {"browserDisappeared", "service_disappeared",
+         [](Clients& c) { c.browser.service_disappeared(text("name"), "type", "domain"); }},
+        {"resolverWait", "wait", [](Clients& c) { c.resolver.wait(); }},
+        {"resolverTimedWait", "wait", [](Clients& c) { c.resolver.wait(TimePoint(1)); }},
+        {"resolverGet", "get", [](Clients& c) { get(c.resolver); }},
+        {"resolverResolved", "resolved",
+         [](Clients& c) { c.resolver.resolved(text("name"), "type", "domain", "host", 1, Txt::EMPTY); }},
+        {"lookupWait", "wait", [](Clients& c) { c.lookup.wait(); }},
+        {"lookupTimedWait", "wait", [](Clients& c) { c.lookup.wait(TimePoint(1)); }},
+        {"lookupGet", "get", [](Clients& c) { get(c.lookup); }},
+        {"lookupAddress", "address", [](Clients& c) { c.lookup.address("name", "address"); }},
+    }),
+    byName);
 
-// ---- memory ----
-
-/// Has each allocation of a callback fail in turn: the exception passes, nothing is queued, the lock is free.
+/// Makes each allocation of a callback fail in turn: the exception passes, nothing is queued, and the lock is free.
 template <typename Client>
 void failEveryAllocation(Client& client, std::function<void()> const& callback) {
     typename Client::Result result;
@@ -159,34 +131,34 @@ void failEveryAllocation(Client& client, std::function<void()> const& callback) 
 std::string const LONG(100, 'x');
 String const LONG_NAME = text(LONG);
 
-TEST(DnsSdMemory, browserPassesOnWhatCopyingThrowsAndStaysUsable) {
-    DnsSd::SyncBrowser browser("_http._tcp", "local");
+TEST(DnsSdMemory, browserPassesExceptionsOnAndStaysUsable) {
+    Browser browser;
     failEveryAllocation(browser, [&] { browser.service_appeared(LONG_NAME, LONG, LONG); });
     failEveryAllocation(browser, [&] { browser.service_disappeared(LONG_NAME, LONG, LONG); });
 }
 
-TEST(DnsSdMemory, resolverPassesOnWhatCopyingThrowsAndStaysUsable) {
-    DnsSd::SyncResolver resolver(text("name"), "_http._tcp", "local");
-    DnsSdBase::Txt txt;
+TEST(DnsSdMemory, resolverPassesExceptionsOnAndStaysUsable) {
+    Resolver resolver;
+    Txt txt;
     txt["a"] = LONG;
     txt["b"] = LONG;
     failEveryAllocation(resolver, [&] { resolver.resolved(LONG_NAME, LONG, LONG, LONG, 80, txt); });
 }
 
-TEST(DnsSdMemory, lookupPassesOnWhatCopyingThrowsAndStaysUsable) {
-    DnsSd::SyncLookup lookup("host.local");
+TEST(DnsSdMemory, lookupPassesExceptionsOnAndStaysUsable) {
+    Lookup lookup;
     failEveryAllocation(lookup, [&] { lookup.address(LONG, LONG); });
 }
 
-TEST(DnsSdMemory, recordsBeforeAFailureStay) {
-    DnsSd::SyncLookup lookup("host.local");
+TEST(DnsSdMemory, recordsBeforeAFailureAreKept) {
+    Lookup lookup;
     lookup.address("first", "1");
     {
         NewFault const fault(New::SINGLE);
         EXPECT_THROW(lookup.address(LONG, LONG), std::bad_alloc);
     }
     lookup.address("second", "2");
-    DnsSd::SyncLookup::Result result;
+    Lookup::Result result;
     EXPECT_FALSE(lookup.get(result));
     EXPECT_EQ("first", result.name);
     EXPECT_FALSE(lookup.get(result));
@@ -194,12 +166,12 @@ TEST(DnsSdMemory, recordsBeforeAFailureStay) {
     EXPECT_TRUE(lookup.get(result));
 }
 
-TEST(DnsSdMemory, getNeedsNone) {
-    DnsSd::SyncResolver resolver(text("name"), "_http._tcp", "local");
-    DnsSdBase::Txt txt;
+TEST(DnsSdMemory, getAllocatesNothing) {
+    Resolver resolver;
+    Txt txt;
     txt["a"] = LONG;
     resolver.resolved(LONG_NAME, LONG, LONG, LONG, 80, txt);
-    DnsSd::SyncResolver::Result result;
+    Resolver::Result result;
     NewFault const fault(New::SINGLE);
     EXPECT_FALSE(resolver.get(result));
     EXPECT_EQ(0, fault.getCalls());
@@ -208,7 +180,7 @@ TEST(DnsSdMemory, getNeedsNone) {
 }
 
 TEST(DnsSdMemory, txtDataWithoutMemoryIsInvalid) {
-    DnsSdBase::Txt txt;
+    Txt txt;
     for (bool const filled : {false, true}) {
         if (filled) {
             txt["a"] = "b";
@@ -217,22 +189,20 @@ TEST(DnsSdMemory, txtDataWithoutMemoryIsInvalid) {
         std::Buf const wire = txt.data();
         EXPECT_FALSE(wire.isValid());
         EXPECT_EQ(1, fault.getCalls());
-        EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
+        EXPECT_TRUE(chainIs({std::CommonErrorId::OUT_OF_MEMORY}));
     }
 }
 
-// ---- the thread ----
-
-TEST(DnsSdThread, thatCannotBeMadeIsAWarningAndHindersNobody) {
+TEST(DnsSdThread, failedStartIsAWarningAndClientsStayUsable) {
     EventRecorder const recorder;
     {
-        DnsSd::SyncLookup lookup("host.local");
+        Lookup lookup;
         lookup.address("name", "address");
         Fault const fault(inject_pthread_create, EAGAIN);
-        DnsSd::SyncLookup::Result result;
+        Lookup::Result result;
         EXPECT_FALSE(lookup.get(result));
         Fault const joins(inject_pthread_join, 0);
-        { DnsSd::SyncBrowser const browser("_http._tcp", "local"); }
+        { Browser const browser; }
         EXPECT_EQ(0, joins.getCalls()) << "there is none to join";
     }
     ASSERT_EQ(1U, recorder.getCount());
@@ -246,22 +216,22 @@ TEST(DnsSdThread, thatCannotBeMadeIsAWarningAndHindersNobody) {
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(DnsSdThread, isMadeAnewAfterItCouldNotBeMade) {
+TEST(DnsSdThread, startIsRetriedAfterAFailure) {
     EventRecorder const recorder;
     {
         Fault const fault(inject_pthread_create, EAGAIN);
-        { DnsSd::SyncLookup const lookup("host.local"); }
-        { DnsSd::SyncLookup const lookup("host.local"); }
+        { Lookup const lookup; }
+        { Lookup const lookup; }
         EXPECT_EQ(2, fault.getCalls());
     }
     EXPECT_EQ(1U, recorder.getCount());
 }
 
-TEST(DnsSdThread, thatCannotBeJoinedIsAWarning) {
+TEST(DnsSdThread, failedJoinIsAWarning) {
     EventRecorder const recorder;
     {
         Fault const fault(inject_pthread_join, EINVAL);
-        { DnsSd::SyncLookup const lookup("host.local"); }
+        { Lookup const lookup; }
     }
     std::string const warning = recorder.getText();
     EXPECT_EQ(

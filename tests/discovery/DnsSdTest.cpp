@@ -1,38 +1,28 @@
+#include "Clients.h"
+
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Processes.h"
-
-#include <vesk/DnsSd.h>
+#include "support/RunInThreads.h"
+#include "support/Threads.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>
 #include <tarncommon/error/ErrorStorage.h>
-#include <tarncommon/tarnbase/TimePoint.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstddef>
-#include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <pthread.h>
-#include <sched.h>
-#include <string>
-#include <sys/syscall.h>
-#include <thread>
 #include <type_traits>
-#include <unistd.h>
-#include <utility>
-#include <vector>
 
 namespace {
 
 constexpr size_t MAX_DEADLINES = 8;
 
-// The deadlines of this thread's timed waits, and how many of its next waits end for no reason, with which result.
+// The deadlines of the timed waits of this thread, and the number and result of its next spurious wake-ups.
 thread_local timespec t_deadlines[MAX_DEADLINES];
 thread_local size_t t_waits = 0;
 thread_local int t_spurious = 0;
@@ -58,46 +48,28 @@ VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * condition), (condition
 
 namespace {
 
-using std::unicode::String;
-using support::EventRecorder;
-using support::Fault;
-using tarnbase::Duration;
+using namespace support;
 using tarnbase::TimePoint;
-using vesk::DnsSd;
-using vesk::DnsSdBase;
-using Txt = DnsSdBase::Txt;
-
-TimePoint in(long long ms) {
-    return TimePoint::now() + Duration(ms);
-}
 
 TimePoint const LONG_PAST(1);
 
-/// Beyond any good run.
-TimePoint farAway() {
-    return in(60000);
-}
-
-String text(std::string const& utf8) {
-    return String::fromUTF8(utf8);
-}
-
-/// Runs in a thread of its own, and tells when that is about to sleep in a wait that comes next.
+/// A thread that runs `body`.
 class Waiter {
 public:
     template <typename Body>
     explicit Waiter(Body body)
         : m_thread([this, body] {
-              m_id = static_cast<pid_t>(syscall(SYS_gettid));
+              m_id = getThreadId();
               body();
           }) {}
     ~Waiter() { join(); }
 
+    /// Waits until the thread sleeps in the wait that it enters next.
     void untilAsleep() const {
         while (m_id == 0) {
             sched_yield();
         }
-        support::waitUntilAsleep(getpid(), m_id);
+        waitUntilAsleep(getpid(), m_id);
     }
     void join() {
         if (m_thread.joinable()) {
@@ -110,80 +82,67 @@ private:
     std::thread m_thread;
 };
 
-// ---- what the three clients with a queue have in common, each fed with numbered records ----
+void add(Browser& client, int number) {
+    client.service_appeared(text(std::to_string(number)), "_http._tcp", "local");
+}
+void add(Resolver& client, int number) {
+    client.resolved(text("name"), "type", "local", "host", static_cast<unsigned short>(number), Txt());
+}
+void add(Lookup& client, int number) {
+    client.address("host", std::to_string(number));
+}
 
-struct Browser {
-    using Client = DnsSd::SyncBrowser;
-    using Result = Client::Result;
+int getNumber(Browser::Result const& result) {
+    return std::stoi(result.name.toUTF8());
+}
+int getNumber(Resolver::Result const& result) {
+    return result.port;
+}
+int getNumber(Lookup::Result const& result) {
+    return std::stoi(result.address);
+}
 
-    static void add(Client& client, int number) {
-        client.service_appeared(text(std::to_string(number)), "_http._tcp", "local");
-    }
-    static int getNumber(Result const& result) { return std::stoi(result.name.toUTF8()); }
-    static Result makeResult(int number) { return {text(std::to_string(number)), "type", "domain", true}; }
-
-    Client client{"_http._tcp", "local"};
-};
-
-struct Resolver {
-    using Client = DnsSd::SyncResolver;
-    using Result = Client::Result;
-
-    static void add(Client& client, int number) {
-        client.resolved(text("name"), "type", "local", "host", static_cast<unsigned short>(number), Txt());
-    }
-    static int getNumber(Result const& result) { return result.port; }
-    static Result makeResult(int number) {
-        return Result(text("n"), "t", "d", "h", static_cast<unsigned short>(number), Txt());
-    }
-
-    Client client{text("name"), "_http._tcp", "local"};
-};
-
-struct Lookup {
-    using Client = DnsSd::SyncLookup;
-    using Result = Client::Result;
-
-    static void add(Client& client, int number) { client.address("host", std::to_string(number)); }
-    static int getNumber(Result const& result) { return std::stoi(result.address); }
-    static Result makeResult(int number) { return {"host", std::to_string(number)}; }
-
-    Client client{"host.local"};
-};
-
-template <typename Kind>
+template <typename Client>
 class DnsSdQueue : public testing::Test {
 protected:
-    using Result = typename Kind::Result;
-
-    void add(int number) { Kind::add(m_kind.client, number); }
-    /// The number of the record that `get` takes, -1 if there is none.
+    void add(int number) { ::add(m_client, number); }
+    /// Takes a record. Returns its number, or -1 if there is none.
     int get() {
-        Result result;
-        return m_kind.client.get(result) ? -1 : Kind::getNumber(result);
+        typename Client::Result result;
+        return m_client.get(result) ? -1 : getNumber(result);
     }
-    typename Kind::Client& client() { return m_kind.client; }
 
-    Kind m_kind;
+    Client m_client;
 };
 
 class KindNames {
 public:
-    template <typename Kind>
+    template <typename Client>
     static std::string GetName(int) {
-        return std::is_same_v<Kind, Browser> ? "Browser"
-            : std::is_same_v<Kind, Resolver> ? "Resolver"
-                                             : "Lookup";
+        return std::is_same_v<Client, Browser> ? "Browser"
+            : std::is_same_v<Client, Resolver> ? "Resolver"
+            : std::is_same_v<Client, Lookup>   ? "Lookup"
+                                               : "Service";
     }
 };
 
 using Kinds = testing::Types<Browser, Resolver, Lookup>;
 TYPED_TEST_SUITE(DnsSdQueue, Kinds, KindNames);
 
-TYPED_TEST(DnsSdQueue, getOnAnEmptyQueueReturnsTrueAndLeavesOutAsItWas) {
-    auto result = TypeParam::makeResult(77);
-    EXPECT_TRUE(this->client().get(result));
-    EXPECT_EQ(77, TypeParam::getNumber(result));
+/// Returns a result that is not in the queue, with the number 77.
+template <typename Client>
+typename Client::Result makeResult() {
+    Client client;
+    add(client, 77);
+    typename Client::Result result;
+    EXPECT_FALSE(client.get(result));
+    return result;
+}
+
+TYPED_TEST(DnsSdQueue, getOnAnEmptyQueueReturnsTrueAndKeepsTheResult) {
+    auto result = makeResult<TypeParam>();
+    EXPECT_TRUE(this->m_client.get(result));
+    EXPECT_EQ(77, getNumber(result));
     EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
@@ -199,11 +158,11 @@ TYPED_TEST(DnsSdQueue, getTakesTheOldestRecord) {
     EXPECT_EQ(-1, this->get());
 }
 
-TYPED_TEST(DnsSdQueue, getOverwritesWhatOutHeld) {
+TYPED_TEST(DnsSdQueue, getOverwritesTheResult) {
     this->add(1);
-    auto result = TypeParam::makeResult(77);
-    EXPECT_FALSE(this->client().get(result));
-    EXPECT_EQ(1, TypeParam::getNumber(result));
+    auto result = makeResult<TypeParam>();
+    EXPECT_FALSE(this->m_client.get(result));
+    EXPECT_EQ(1, getNumber(result));
 }
 
 TYPED_TEST(DnsSdQueue, hasNoLimit) {
@@ -217,73 +176,56 @@ TYPED_TEST(DnsSdQueue, hasNoLimit) {
     EXPECT_EQ(-1, this->get());
 }
 
-TYPED_TEST(DnsSdQueue, waitWithARecordReturnsFalseAtOnceAndTakesNothing) {
-    this->add(5);
-    EXPECT_FALSE(this->client().wait());
-    EXPECT_FALSE(this->client().wait());
-    EXPECT_EQ(5, this->get());
-}
-
-TYPED_TEST(DnsSdQueue, waitWithADeadlineAndARecordReturnsFalseAtOnceAlsoInThePast) {
+TYPED_TEST(DnsSdQueue, waitWithARecordReturnsAtOnceEvenAfterItsDeadlineAndKeepsIt) {
     this->add(5);
     t_waits = 0;
-    EXPECT_FALSE(this->client().wait(LONG_PAST));
-    EXPECT_FALSE(this->client().wait(TimePoint(-5)));
-    EXPECT_FALSE(this->client().wait(farAway()));
-    EXPECT_FALSE(this->client().wait(TimePoint::MAX));
+    EXPECT_FALSE(this->m_client.wait());
+    for (TimePoint const& deadline : {LONG_PAST, TimePoint(-5), farAway(), TimePoint(TimePoint::MAX)}) {
+        EXPECT_FALSE(this->m_client.wait(deadline));
+    }
     EXPECT_EQ(0U, t_waits);
     EXPECT_EQ(5, this->get());
 }
 
-TYPED_TEST(DnsSdQueue, waitWithAPastDeadlineReturnsTrueAfterOneTimedWait) {
+TYPED_TEST(DnsSdQueue, waitWithAPastDeadlineMakesOneTimedWait) {
     t_waits = 0;
-    EXPECT_TRUE(this->client().wait(LONG_PAST));
+    EXPECT_TRUE(this->m_client.wait(LONG_PAST));
     EXPECT_EQ(1U, t_waits);
-    EXPECT_TRUE(this->client().wait(TimePoint(-5)));
+    EXPECT_TRUE(this->m_client.wait(TimePoint(-5)));
     EXPECT_EQ(2U, t_waits);
     EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
-TYPED_TEST(DnsSdQueue, waitReturnsTrueAtItsDeadlineAndNotBefore) {
+TYPED_TEST(DnsSdQueue, waitReturnsAtItsDeadlineAndNotBefore) {
     TimePoint const deadline = in(30);
-    EXPECT_TRUE(this->client().wait(deadline));
+    EXPECT_TRUE(this->m_client.wait(deadline));
     EXPECT_GE(TimePoint::now(), deadline);
 }
 
-TYPED_TEST(DnsSdQueue, spuriousWakeUpsNeitherEndTheWaitNorProlongIt) {
-    TimePoint const deadline = in(30);
-    timespec const expected = deadline.toTimespec();
-    t_waits = 0;
-    t_spurious = 3;
-    EXPECT_TRUE(this->client().wait(deadline));
-    EXPECT_GE(TimePoint::now(), deadline);
-    ASSERT_GE(t_waits, 4U);
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(expected.tv_sec, t_deadlines[i].tv_sec);
-        EXPECT_EQ(expected.tv_nsec, t_deadlines[i].tv_nsec);
-    }
-}
-
-TYPED_TEST(DnsSdQueue, waitsThatFailAreRepeatedUntilTheDeadline) {
-    for (int const error : {EINVAL, EPERM, ENOMEM}) {
+TYPED_TEST(DnsSdQueue, spuriousAndFailedWaitsDoNotChangeTheDeadline) {
+    for (int const result : {0, EINVAL, EPERM, ENOMEM}) {
         TimePoint const deadline = in(10);
+        timespec const expected = deadline.toTimespec();
         t_waits = 0;
-        t_spurious = 2;
-        t_spurious_result = error;
-        EXPECT_TRUE(this->client().wait(deadline));
-        t_spurious_result = 0;
+        t_spurious = 3;
+        t_spurious_result = result;
+        EXPECT_TRUE(this->m_client.wait(deadline));
         EXPECT_GE(TimePoint::now(), deadline);
-        EXPECT_GE(t_waits, 3U);
+        ASSERT_GE(t_waits, 4U);
+        for (size_t i = 0; i < 4; ++i) {
+            EXPECT_EQ(expected.tv_sec, t_deadlines[i].tv_sec);
+            EXPECT_EQ(expected.tv_nsec, t_deadlines[i].tv_nsec);
+        }
     }
     EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
-TYPED_TEST(DnsSdQueue, aWaiterThatIsCancelledLeavesTheQueueUsable) {
+TYPED_TEST(DnsSdQueue, canceledWaiterLeavesTheQueueUsable) {
     std::atomic<pid_t> id{0};
     auto body = [&] {
-        id = static_cast<pid_t>(syscall(SYS_gettid));
-        this->client().wait();
-        ADD_FAILURE() << "nothing ever came";
+        id = getThreadId();
+        this->m_client.wait();
+        ADD_FAILURE() << "the wait has returned";
     };
     pthread_t thread{};
     ASSERT_EQ(
@@ -298,7 +240,7 @@ TYPED_TEST(DnsSdQueue, aWaiterThatIsCancelledLeavesTheQueueUsable) {
     while (id == 0) {
         sched_yield();
     }
-    support::waitUntilAsleep(getpid(), id);
+    waitUntilAsleep(getpid(), id);
     EXPECT_EQ(0, pthread_cancel(thread));
     void* result = nullptr;
     EXPECT_EQ(0, pthread_join(thread, &result));
@@ -309,17 +251,11 @@ TYPED_TEST(DnsSdQueue, aWaiterThatIsCancelledLeavesTheQueueUsable) {
     EXPECT_EQ("", recorder.getText());
 }
 
-TYPED_TEST(DnsSdQueue, waitEndsWhenARecordComes) {
-    Waiter waiter([this] { EXPECT_FALSE(this->client().wait()); });
-    waiter.untilAsleep();
-    this->add(5);
-    waiter.join();
-    EXPECT_EQ(5, this->get());
-}
-
-TYPED_TEST(DnsSdQueue, waitWithADeadlineEndsWhenARecordComes) {
-    for (TimePoint const& deadline : {farAway(), TimePoint(TimePoint::MAX)}) {
-        Waiter waiter([this, deadline] { EXPECT_FALSE(this->client().wait(deadline)); });
+TYPED_TEST(DnsSdQueue, waitWithOrWithoutADeadlineEndsWithARecord) {
+    for (TimePoint const& deadline : {TimePoint(), farAway(), TimePoint(TimePoint::MAX)}) {
+        Waiter waiter([this, deadline] {
+            EXPECT_FALSE(deadline == TimePoint() ? this->m_client.wait() : this->m_client.wait(deadline));
+        });
         waiter.untilAsleep();
         this->add(5);
         waiter.join();
@@ -335,7 +271,7 @@ TYPED_TEST(DnsSdQueue, signalsOncePerRecord) {
     this->add(3);
     EXPECT_EQ(3, count.getCalls());
     this->get();
-    this->client().wait();
+    this->m_client.wait();
     EXPECT_EQ(3, count.getCalls());
 }
 
@@ -348,7 +284,7 @@ TYPED_TEST(DnsSdQueue, everyRecordWakesOneOfSeveralWaiters) {
             // Another reader may be faster between the two.
             int number = -1;
             while (number < 0) {
-                EXPECT_FALSE(this->client().wait(farAway()));
+                EXPECT_FALSE(this->m_client.wait(farAway()));
                 number = this->get();
             }
             sum += number;
@@ -364,7 +300,7 @@ TYPED_TEST(DnsSdQueue, everyRecordWakesOneOfSeveralWaiters) {
     EXPECT_EQ(111, sum);
 }
 
-TYPED_TEST(DnsSdQueue, keepsTheOrderOfEachOfManyProducers) {
+TYPED_TEST(DnsSdQueue, keepsTheOrderOfEachProducer) {
     constexpr int PRODUCERS = 4;
     constexpr int RECORDS = 400;
     std::vector<std::thread> producers;
@@ -377,7 +313,7 @@ TYPED_TEST(DnsSdQueue, keepsTheOrderOfEachOfManyProducers) {
     }
     std::vector<int> next(PRODUCERS, 0);
     for (int i = 0; i < PRODUCERS * RECORDS; ++i) {
-        ASSERT_FALSE(this->client().wait(farAway()));
+        ASSERT_FALSE(this->m_client.wait(farAway()));
         int const number = this->get();
         ASSERT_GE(number, 0);
         ASSERT_EQ(next[static_cast<size_t>(number / RECORDS)]++, number % RECORDS);
@@ -388,139 +324,114 @@ TYPED_TEST(DnsSdQueue, keepsTheOrderOfEachOfManyProducers) {
     EXPECT_EQ(-1, this->get());
 }
 
-TYPED_TEST(DnsSdQueue, givesEachRecordToOneOfManyReaders) {
-    constexpr int READERS = 3;
+TYPED_TEST(DnsSdQueue, deliversEachRecordToOneReader) {
     constexpr int RECORDS = 900;
     std::mutex mutex;
     std::vector<int> seen(RECORDS, 0);
     std::atomic<int> left{RECORDS};
-    std::vector<std::thread> readers;
-    for (int i = 0; i < READERS; ++i) {
-        readers.emplace_back([&] {
-            while (left > 0) {
-                // A record that another reader took leaves nothing to wait for.
-                if (this->client().wait(in(5))) {
-                    continue;
-                }
-                int const number = this->get();
-                if (number >= 0) {
-                    --left;
-                    std::lock_guard<std::mutex> const guard(mutex);
-                    ++seen[static_cast<size_t>(number)];
-                }
+    runInThreads(4, [&](int thread) {
+        for (int i = 0; thread == 0 && i < RECORDS; ++i) {
+            this->add(i);
+        }
+        while (left > 0) {
+            // A record that another reader took leaves nothing to wait for.
+            if (this->m_client.wait(in(5))) {
+                continue;
             }
-        });
-    }
-    for (int i = 0; i < RECORDS; ++i) {
-        this->add(i);
-    }
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
+            int const number = this->get();
+            if (number >= 0) {
+                --left;
+                std::lock_guard<std::mutex> const guard(mutex);
+                ++seen[static_cast<size_t>(number)];
+            }
+        }
+    });
     EXPECT_EQ(std::vector<int>(RECORDS, 1), seen);
 }
 
-TYPED_TEST(DnsSdQueue, destroyingAClientWithUnreadRecordsIsSilent) {
+TYPED_TEST(DnsSdQueue, clientWithUnreadRecordsIsDestroyedSilently) {
     EventRecorder const recorder;
     {
-        TypeParam kind;
+        TypeParam client;
         for (int i = 0; i < 100; ++i) {
-            TypeParam::add(kind.client, i);
+            add(client, i);
         }
     }
     EXPECT_EQ("", recorder.getText());
     EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
-TYPED_TEST(DnsSdQueue, destroyingAClientLeavesAPendingErrorOfItsCallerAlone) {
+TYPED_TEST(DnsSdQueue, destroyedClientKeepsPendingReports) {
     std::ErrorOutput("here", 1, true)(std::CommonErrorId::CONTRACT_BROKEN, "mine");
-    { TypeParam const kind; }
+    { TypeParam const client; }
     EXPECT_TRUE(std::ErrorStorage::isError(true));
     EXPECT_EQ(1, std::ErrorStorage::id());
     std::ErrorStorage::ack();
 }
 
-// ---- the records of each ----
+std::string const PRINTER = "Pr\303\274fer";
 
-TEST(SyncBrowser, tellsWhatCameAndWhatWent) {
-    DnsSd::SyncBrowser browser("_ipp._tcp", "local");
-    browser.service_appeared(
-        text("Pr\xC3\xBC"
-             "fer"),
-        "_ipp._tcp", "local");
+TEST(SyncBrowser, recordsAppearedAndDisappearedServices) {
+    Browser browser;
+    browser.service_appeared(text(PRINTER), "_ipp._tcp", "local");
     browser.service_appeared(text("second"), "_http._tcp", "example");
-    browser.service_disappeared(
-        text("Pr\xC3\xBC"
-             "fer"),
-        "_ipp._tcp", "local");
+    browser.service_disappeared(text(PRINTER), "_ipp._tcp", "local");
     std::vector<std::string> records;
-    DnsSd::SyncBrowser::Result result;
+    Browser::Result result;
+    EXPECT_FALSE(result.appeared);
+    EXPECT_TRUE(result.name.isEmpty());
     while (!browser.get(result)) {
         records.push_back(
             result.name.toUTF8() + " " + result.type + " " + result.domain + (result.appeared ? " +" : " -"));
     }
     EXPECT_EQ(
         (std::vector<std::string>{
-            "Pr\xC3\xBC"
-            "fer _ipp._tcp local +",
-            "second _http._tcp example +",
-            "Pr\xC3\xBC"
-            "fer _ipp._tcp local -"}),
+            PRINTER + " _ipp._tcp local +", "second _http._tcp example +", PRINTER + " _ipp._tcp local -"}),
         records);
 }
 
-TEST(SyncResolver, keepsEveryFieldOfARecord) {
-    DnsSd::SyncResolver resolver(text("name"), "_ipp._tcp", "local");
-    Txt txt;
-    txt["path"] = "/status";
-    resolver.resolved(text("Printer"), "_ipp._tcp", "local", "printer.local", 65535, txt);
-    DnsSd::SyncResolver::Result result;
-    ASSERT_FALSE(resolver.get(result));
+void expectPrinter(Resolver::Result const& result) {
     EXPECT_TRUE(text("Printer") == result.name);
     EXPECT_EQ("_ipp._tcp", result.type);
     EXPECT_EQ("local", result.domain);
     EXPECT_EQ("printer.local", result.host);
     EXPECT_EQ(65535, result.port);
-    EXPECT_EQ(txt, result.txt);
+    EXPECT_EQ((std::map<std::string, std::string>{{"path", "/status"}}), result.txt);
 }
 
-TEST(SyncResolver, keepsItsOwnCopyOfTheTxtRecord) {
-    DnsSd::SyncResolver resolver(text("name"), "_ipp._tcp", "local");
+TEST(SyncResolver, recordsEveryFieldAndItsOwnCopyOfTheTxtRecord) {
+    Resolver resolver;
     {
         Txt txt;
         txt["path"] = "/status";
-        resolver.resolved(text("Printer"), "_ipp._tcp", "local", "printer.local", 631, txt);
+        resolver.resolved(text("Printer"), "_ipp._tcp", "local", "printer.local", 65535, txt);
         txt["path"] = "/other";
         txt["more"] = "1";
     }
-    DnsSd::SyncResolver::Result result;
+    Resolver::Result result;
+    EXPECT_EQ(0, result.port);
+    EXPECT_TRUE(result.txt.empty());
     ASSERT_FALSE(resolver.get(result));
-    EXPECT_EQ((std::map<std::string, std::string>{{"path", "/status"}}), result.txt);
+    expectPrinter(result);
 }
 
 TEST(SyncResolver, resultIsMadeFromItsFieldsAndCopied) {
     Txt txt;
-    txt["a"] = "1";
-    DnsSd::SyncResolver::Result const result(text("n"), "t", "d", "h", 80, txt);
-    DnsSd::SyncResolver::Result const copy(result);
-    txt["a"] = "2";
-    for (auto const* each : {&result, &copy}) {
-        EXPECT_TRUE(text("n") == each->name);
-        EXPECT_EQ("t", each->type);
-        EXPECT_EQ("d", each->domain);
-        EXPECT_EQ("h", each->host);
-        EXPECT_EQ(80, each->port);
-        EXPECT_EQ("1", each->txt.at("a"));
-    }
+    txt["path"] = "/status";
+    Resolver::Result const result(text("Printer"), "_ipp._tcp", "local", "printer.local", 65535, txt);
+    Resolver::Result const copy(result);
+    txt["path"] = "/other";
+    expectPrinter(result);
+    expectPrinter(copy);
 }
 
-TEST(SyncLookup, keepsNameAndAddress) {
-    DnsSd::SyncLookup lookup("printer.local");
+TEST(SyncLookup, recordsNameAndAddress) {
+    Lookup lookup;
     lookup.address("printer.local", "192.0.2.1");
     lookup.address("printer.local", "2001:db8::1");
     lookup.address("", "");
     std::vector<std::string> records;
-    DnsSd::SyncLookup::Result result;
+    Lookup::Result result;
     while (!lookup.get(result)) {
         records.push_back(result.name + "=" + result.address);
     }
@@ -528,46 +439,18 @@ TEST(SyncLookup, keepsNameAndAddress) {
         (std::vector<std::string>{"printer.local=192.0.2.1", "printer.local=2001:db8::1", "="}), records);
 }
 
-TEST(DnsSdResults, startEmpty) {
-    DnsSd::SyncBrowser::Result const browsed;
-    EXPECT_FALSE(browsed.appeared);
-    EXPECT_TRUE(browsed.name.isEmpty());
-    DnsSd::SyncResolver::Result const resolved;
-    EXPECT_EQ(0, resolved.port);
-    EXPECT_TRUE(resolved.txt.empty());
+template <typename Client>
+class DnsSdError : public testing::Test {};
+
+using AllKinds = testing::Types<Browser, Resolver, Lookup, Service>;
+TYPED_TEST_SUITE(DnsSdError, AllKinds, KindNames);
+
+TYPED_TEST(DnsSdError, tripsAnAssertion) {
+    TypeParam client;
+    EventRecorder const recorder;
+    client.error();
+    EXPECT_EQ("ASSERT framework/src/vesk/DnsSd error: !\"Implement me!\"", recorder.getText());
 }
-
-// ---- failures of an engine ----
-
-TEST(DnsSdError, isABrokenInvariantOfEveryClient) {
-    DnsSd::SyncBrowser browser("_ipp._tcp", "local");
-    DnsSd::SyncResolver resolver(text("name"), "_ipp._tcp", "local");
-    DnsSd::SyncLookup lookup("host.local");
-    DnsSd::SyncService service(text("name"), "_ipp._tcp", "local", 631);
-    std::string const expected = "ASSERT framework/src/vesk/DnsSd error: !\"Implement me!\"";
-    {
-        EventRecorder const recorder;
-        browser.error();
-        EXPECT_EQ(expected, recorder.getText());
-    }
-    {
-        EventRecorder const recorder;
-        resolver.error();
-        EXPECT_EQ(expected, recorder.getText());
-    }
-    {
-        EventRecorder const recorder;
-        lookup.error();
-        EXPECT_EQ(expected, recorder.getText());
-    }
-    {
-        EventRecorder const recorder;
-        service.error();
-        EXPECT_EQ(expected, recorder.getText());
-    }
-}
-
-// ---- the classes ----
 
 template <typename Class>
 constexpr bool isSynchronousClient() {

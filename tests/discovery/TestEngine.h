@@ -14,7 +14,7 @@
 
 namespace support {
 
-/// Installs an engine while it lives.
+/// Installs an engine during its lifetime.
 class Installed {
 public:
     explicit Installed(vesk::DnsSd::Engine& engine) : m_before(vesk::DnsSd::setEngine(&engine)) {}
@@ -27,7 +27,7 @@ private:
     vesk::DnsSd::Engine* m_before;
 };
 
-/// An engine with a thread of its own: it notes what it is asked, and delivers what the test tells it to.
+/// An engine with a thread: records its calls, and delivers what the test requests.
 class TestEngine : public vesk::DnsSd::Engine {
 public:
     using Client = vesk::DnsSdBase::Client;
@@ -64,7 +64,7 @@ public:
         enter(client, call);
     }
 
-    /// Takes the client out, and waits for the delivery that is under way for it.
+    /// Removes the client, and waits for the end of a delivery to it.
     void cancel(Client& client) override {
         if (on_cancel) {
             on_cancel(client);
@@ -75,8 +75,8 @@ public:
         m_changed.wait(lock, [&] { return m_called != &client; });
     }
 
-    /// Has the thread call every client that is registered, now or later, once.
-    void tell(Delivery delivery) {
+    /// Makes the thread call every registered client once, now or when it registers.
+    void deliverOnce(Delivery delivery) {
         {
             std::lock_guard<std::mutex> const guard(m_mutex);
             for (Client* client : m_clients) {
@@ -87,7 +87,7 @@ public:
         m_changed.notify_all();
     }
 
-    /// Has the thread call every client that is registered again and again.
+    /// Makes the thread call every registered client again and again.
     void flood(Delivery delivery) {
         {
             std::lock_guard<std::mutex> const guard(m_mutex);
@@ -96,13 +96,14 @@ public:
         m_changed.notify_all();
     }
 
-    /// What it was asked so far.
+    /// Returns the calls so far.
     std::vector<std::string> getCalls() const {
         std::lock_guard<std::mutex> const guard(m_mutex);
         return m_calls;
     }
 
-    /// Set before a client is made. `on_enter` runs at the end of each operation, `on_cancel` at the beginning of `cancel`.
+    /// Must be set before a client is made. `on_enter` runs at the end of each operation, `on_cancel` at the start
+    /// of `cancel`.
     std::function<void(Client&)> on_enter;
     std::function<void(Client&)> on_cancel;
 
@@ -122,7 +123,7 @@ private:
         }
     }
 
-    /// The thread: one delivery after the other, each without a lock, so that a client may be cancelled meanwhile.
+    /// Runs in the thread. Makes each delivery without the lock, so that a client can be canceled at the same time.
     void deliver() {
         std::unique_lock<std::mutex> lock(m_mutex);
         size_t next = 0;
@@ -133,7 +134,7 @@ private:
                 delivery = std::move(m_deliveries.front().second);
                 m_deliveries.pop_front();
                 if (std::find(m_clients.begin(), m_clients.end(), m_called) == m_clients.end()) {
-                    m_called = nullptr; // Cancelled before its turn.
+                    m_called = nullptr; // Canceled before its turn.
                     continue;
                 }
             } else if (m_flood && !m_clients.empty()) {
@@ -159,7 +160,7 @@ private:
     std::vector<Delivery> m_for_new_ones;
     std::deque<std::pair<Client*, Delivery>> m_deliveries;
     Delivery m_flood;
-    Client* m_called = nullptr; // Whom the thread is calling right now.
+    Client* m_called = nullptr; // The client that the thread calls.
     bool m_ends = false;
     std::thread m_thread;
 };

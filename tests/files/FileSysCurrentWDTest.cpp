@@ -1,84 +1,64 @@
-#include "support/Chain.h"
-#include "support/Child.h"
+#include "support/ErrnoCases.h"
 #include "support/Inject.h"
-#include "support/TemporaryDirectory.h"
+#include "support/Privileges.h"
+#include "support/TempFolder.h"
 
 #include <vesk/FileSys.h>
-#include <vesk/SysError.h>
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <string>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <algorithm>
 
 VESK_INJECT_ERRNO(char*, nullptr, getcwd, (char* buffer, size_t size), (buffer, size))
 
 namespace {
 
-using support::chainIs;
-using support::Fault;
-using support::rowText;
-using support::runInChild;
-using support::systemText;
-using support::TemporaryDirectory;
-using vesk::FileSys;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
+using namespace support;
+using namespace vesk;
 
-TEST(FileSysCurrentWD, isTheWorkingDirectory) {
-    TemporaryDirectory const directory;
-    std::string result = "a longer text that was there before, and goes";
+/// Checks a failure: the result keeps its value, and the cause is reported.
+void expectFailure(SysErrorId::Id id, int error) {
+    std::string result = "before";
+    EXPECT_TRUE(FileSys::currentWD(result));
+    EXPECT_EQ("before", result);
+    EXPECT_TRUE(causeIs(id, error));
+}
+
+TEST(FileSysCurrentWD, isReadWithOneCall) {
+    WorkingFolder const folder;
+    Fault const count(inject_getcwd, 0);
+    std::string result = "a longer earlier text, which is replaced";
     EXPECT_FALSE(FileSys::currentWD(result));
-    EXPECT_EQ(directory.get(), result);
+    EXPECT_EQ(1, count.getCalls());
+    EXPECT_EQ(folder.getCanonicalPath(), result);
     EXPECT_TRUE(chainIs({}));
 }
 
 TEST(FileSysCurrentWD, ofTheRootIsOneSeparator) {
-    TemporaryDirectory const directory;
+    WorkingFolder const folder;
     ASSERT_EQ(0, chdir("/"));
     std::string result;
     EXPECT_FALSE(FileSys::currentWD(result));
     EXPECT_EQ("/", result);
 }
 
-TEST(FileSysCurrentWD, isAskedForOnceWithRoomFor4096Bytes) {
-    TemporaryDirectory const directory;
-    Fault const count(inject_getcwd, 0);
-    std::string result;
-    EXPECT_FALSE(FileSys::currentWD(result));
-    EXPECT_EQ(1, count.getCalls());
-}
+class FileSysCurrentWDRows : public testing::TestWithParam<ErrnoCase> {};
 
-struct Row {
-    int error;
-    int id;
-};
-
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << "errno " << row.error;
-}
-
-class FileSysCurrentWDRows : public testing::TestWithParam<Row> {};
-
-TEST_P(FileSysCurrentWDRows, reportsAndLeavesTheResult) {
-    Row const& row = GetParam();
-    std::string result = "before";
-    {
-        Fault const fault(inject_getcwd, row.error, 1, Fault::FOREVER);
-        EXPECT_TRUE(FileSys::currentWD(result));
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_EQ("before", result);
-    EXPECT_TRUE(chainIs({{SysError, row.id, rowText(SysError, row.id, systemText(row.error))}}));
+TEST_P(FileSysCurrentWDRows, failureIsReportedAndTheResultIsUnchanged) {
+    Fault const fault(inject_getcwd, GetParam().error, 1, Fault::FOREVER);
+    expectFailure(GetParam().cause, GetParam().error);
+    EXPECT_EQ(1, fault.getCalls());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, FileSysCurrentWDRows,
-    testing::Values(
-        Row{ENOENT, 2}, Row{ENOMEM, 1}, Row{EACCES, 7}, Row{EFAULT, 10}, Row{EINVAL, 10}, Row{ERANGE, 10},
-        Row{EINTR, 19}, Row{EIO, 19}, Row{ENAMETOOLONG, 19}, Row{EPERM, 19}, Row{ENOSYS, 19}));
+    eachErrno({
+        {{ENOENT}, SysErrorId::INVALID_PATH},
+        {{ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+        {{EACCES}, SysErrorId::PERMISSION_DENIED},
+        {{EFAULT, EINVAL, ERANGE}, SysErrorId::SPOILED_INTEGRITY},
+        {{EINTR, EIO, ENAMETOOLONG, EPERM, ENOSYS}, SysErrorId::UNCLASSIFIED},
+    }));
 
 TEST(FileSysCurrentWD, failureOpensANewChain) {
     std::string result;
@@ -86,25 +66,20 @@ TEST(FileSysCurrentWD, failureOpensANewChain) {
         Fault const fault(inject_getcwd, error);
         EXPECT_TRUE(FileSys::currentWD(result));
     }
-    EXPECT_TRUE(chainIs({{SysErrorId::OUT_OF_MEMORY}}));
+    EXPECT_TRUE(chainIs({SysErrorId::OUT_OF_MEMORY}));
 }
 
 TEST(FileSysCurrentWD, removedDirectoryIsAnInvalidPath) {
-    TemporaryDirectory const directory;
-    support::ChildEnd const end = runInChild([] {
+    WorkingFolder const folder;
+    expectInChild([] {
         ASSERT_EQ(0, mkdir("gone", 0700));
         ASSERT_EQ(0, chdir("gone"));
         ASSERT_EQ(0, rmdir("../gone"));
-        std::string result = "before";
-        EXPECT_TRUE(FileSys::currentWD(result));
-        EXPECT_EQ("before", result);
-        EXPECT_TRUE(
-            chainIs({{SysErrorId::INVALID_PATH, rowText(SysErrorId::INVALID_PATH, systemText(ENOENT))}}));
+        expectFailure(SysErrorId::INVALID_PATH, ENOENT);
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-/// Goes down into new folders until the working directory's path has this many bytes.
+/// Descends into new folders until the path of the working directory has this many bytes.
 void descend(size_t length, size_t target) {
     while (length < target) {
         // The last step must have room for a separator and a name.
@@ -120,28 +95,23 @@ void descend(size_t length, size_t target) {
 }
 
 TEST(FileSysCurrentWD, pathOf4095BytesFits) {
-    TemporaryDirectory const directory;
-    support::ChildEnd const end = runInChild([&] {
-        descend(directory.get().length(), 4095);
+    WorkingFolder const folder;
+    std::string const path = folder.getCanonicalPath();
+    expectInChild([&path] {
+        descend(path.length(), 4095);
         std::string result;
         EXPECT_FALSE(FileSys::currentWD(result));
         EXPECT_EQ(4095U, result.length());
-        EXPECT_EQ(0U, result.find(directory.get()));
+        EXPECT_EQ(0U, result.find(path));
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 TEST(FileSysCurrentWD, longerPathIsSpoiledIntegrity) {
-    TemporaryDirectory const directory;
-    support::ChildEnd const end = runInChild([&] {
-        descend(directory.get().length(), 4096);
-        std::string result = "before";
-        EXPECT_TRUE(FileSys::currentWD(result));
-        EXPECT_EQ("before", result);
-        EXPECT_TRUE(chainIs(
-            {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(ERANGE))}}));
+    WorkingFolder const folder;
+    expectInChild([&folder] {
+        descend(folder.getCanonicalPath().length(), 4096);
+        expectFailure(SysErrorId::SPOILED_INTEGRITY, ERANGE);
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 } // namespace

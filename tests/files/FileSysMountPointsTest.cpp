@@ -1,6 +1,7 @@
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/NamedRow.h"
 #include "support/Privileges.h"
 #include "support/TempFolder.h"
 
@@ -12,28 +13,21 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdarg>
 #include <cstdio>
-#include <cstring>
-#include <fcntl.h>
 #include <list>
 #include <mntent.h>
-#include <string>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
-/// What the file of the mounts is to be, instead of the real one.
+/// Replaces /proc/mounts, and records how it is read.
 struct FakeMounts {
-    std::string path;                ///< A file to read in its place.
-    std::vector<size_t> chunks = {}; ///< How much each read gives at most; those behind the last give all.
-    int fail_read = 0;               ///< Which read fails with EIO, counted from 1.
+    std::string path;                ///< The file to read in its place.
+    std::vector<size_t> chunks = {}; ///< The most bytes of each read; the reads behind have no limit.
+    int fail_read = 0;               ///< The number of the read that fails with EIO, counted from 1.
 
     int fd = -1;
     int flags = 0;
-    std::vector<size_t> reads = {}; ///< The sizes that were asked for.
+    std::vector<size_t> reads = {}; ///< The requested sizes.
     bool closed = false;
 };
 FakeMounts* s_fake = nullptr;
@@ -79,7 +73,7 @@ extern "C" VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {
     return reinterpret_cast<ssize_t (*)(int, void*, size_t)>(inject_read.getReal())(fd, buffer, size);
 }
 
-/// Closes first, and fails then.
+/// Closes even if it fails.
 support::Injected inject_close("close");
 extern "C" VESK_UNWATCHED int close(int fd) {
     if (s_fake != nullptr && fd == s_fake->fd) {
@@ -96,27 +90,22 @@ extern "C" VESK_UNWATCHED int close(int fd) {
 
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::expectInChild;
-using support::Fault;
-using support::mountMemory;
-using support::separateMounts;
-using support::TempFolder;
+using namespace support;
 using vesk::FileSys;
 
 using List = std::list<std::string>;
 
-/// The mount points of a file with this content.
 class FileSysMountPointsTest : public testing::Test {
 protected:
     ~FileSysMountPointsTest() override { s_fake = nullptr; }
 
+    /// Returns the mount points of a file with this content.
     List parse(std::string const& content, std::vector<size_t> const& chunks = {}, int fail_read = 0) {
         m_fake = FakeMounts{m_folder.makeFile("mounts", content), chunks, fail_read};
         s_fake = &m_fake;
         List list = FileSys::getMountPoints();
         s_fake = nullptr;
+        EXPECT_EQ(O_RDONLY | O_CLOEXEC, m_fake.flags);
         EXPECT_TRUE(m_fake.closed);
         EXPECT_TRUE(chainIs({}));
         return list;
@@ -126,54 +115,66 @@ protected:
     FakeMounts m_fake;
 };
 
-// ---- Lines ----
+struct MountsRow : NamedRow {
+    std::string content;
+    List expected;
+    std::vector<size_t> chunks = {};
+    int fail_read = 0;
+};
 
-TEST_F(FileSysMountPointsTest, areTheSecondFieldsInTheOrderOfTheFile) {
+class FileSysMountPointsRows : public FileSysMountPointsTest,
+                               public testing::WithParamInterface<MountsRow> {};
+
+TEST_P(FileSysMountPointsRows, areTheSecondFieldsInTheOrderOfTheFile) {
+    EXPECT_EQ(GetParam().expected, parse(GetParam().content, GetParam().chunks, GetParam().fail_read));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, FileSysMountPointsRows,
+    rowsOf<MountsRow>({
+        {"blankStaysEscaped", "none /a\\040b tmpfs rw 0 0\n", {"/a\\040b"}},
+        {"tabAndBackslashStayEscaped", "x /tab\\011\\134 t r 0 0\n", {"/tab\\011\\134"}},
+        {"samePointTwice", "x /a t r 0 0\ny /a t r 0 0\n", {"/a", "/a"}},
+        {"noEndOfTheLastLine", "x /a t r 0 0\ny /b t r 0 0", {"/a", "/b"}},
+        {"lastLineEndsBehindTheSecondField", "x /a t r 0 0\ny /b ", {"/a", "/b"}},
+        {"lastLineEndsWithTheSecondField", "x /a t r 0 0\ny /b", {"/a", "/b"}},
+        {"lastLineEndsBehindTheFirstField", "x /a t r 0 0\ny ", {"/a"}},
+        {"lastLineEndsWithTheFirstField", "x /a t r 0 0\ny", {"/a"}},
+        {"emptySecondField", "x  t r 0 0\ny /b t r 0 0\nz  t\n", {"/b"}},
+        {"firstFieldOverSeveralLines", "no-blank\n\nx /a t r 0 0\n", {"/a"}},
+        {"secondFieldOverSeveralLines", "x /a\ny t r 0 0\n", {"/a\ny"}},
+        {"tabIsNoBlank", "x /a\tb t r 0 0\n", {"/a\tb"}},
+        {"longOptions", "x /a t " + std::string(10000, 'o') + " 0 0\ny /b t r 0 0\n", {"/a", "/b"}},
+        {"longDevice", std::string(10000, 'd') + " /a t r 0 0\n", {"/a"}},
+    }),
+    byName);
+
+INSTANTIATE_TEST_SUITE_P(
+    Chunks, FileSysMountPointsRows,
+    rowsOf<MountsRow>({
+        {"everyBorderSplits", "x /ab t\ny /c t\n", {"/", "a", "b", "/c"}, {3, 1, 1}},
+        {"borderOfARealChunkSplits",
+         std::string(4096 - 3, 'd') + " /mnt t r 0 0\nx /a t r 0 0\n",
+         {"/m", "nt", "/a"}},
+        {"firstReadFails", "x /a t r 0 0\ny /b t r 0 0\n", {}, {}, 1},
+        {"readBetweenTwoLinesFails", "x /a t r 0 0\ny /b t r 0 0\n", {"/a"}, {13}, 2},
+        {"readWithinAMountPointFails", "x /a t r 0 0\ny /b t r 0 0\n", {"/"}, {3}, 2},
+    }),
+    byName);
+
+TEST_F(FileSysMountPointsTest, fileIsReadInChunksUntilItsEndOrAnError) {
     EXPECT_EQ(
         (List{"/", "/proc", "/a"}),
         parse("/dev/root / ext4 rw 0 0\nproc /proc proc rw 0 0\nnone /a tmpfs rw,size=64k 0 0\n"));
-    EXPECT_EQ(O_RDONLY | O_CLOEXEC, m_fake.flags);
     EXPECT_EQ((std::vector<size_t>{4096, 4096}), m_fake.reads);
-}
-
-TEST_F(FileSysMountPointsTest, blankInAMountPointStaysEscaped) {
-    EXPECT_EQ(
-        (List{"/a\\040b", "/tab\\011\\134"}),
-        parse("none /a\\040b tmpfs rw 0 0\nx /tab\\011\\134 t r 0 0\n"));
-}
-
-TEST_F(FileSysMountPointsTest, sameMountPointTwiceIsListedTwice) {
-    EXPECT_EQ((List{"/a", "/a"}), parse("x /a t r 0 0\ny /a t r 0 0\n"));
-}
-
-TEST_F(FileSysMountPointsTest, emptyFileHasNone) {
     EXPECT_EQ(List{}, parse(""));
     EXPECT_EQ(1U, m_fake.reads.size());
+    EXPECT_EQ((List{"/"}), parse("x /a t r 0 0\n", {3}, 2));
+    EXPECT_EQ(2U, m_fake.reads.size());
 }
 
-TEST_F(FileSysMountPointsTest, lastLineNeedsNoEnd) {
-    EXPECT_EQ((List{"/a", "/b"}), parse("x /a t r 0 0\ny /b t r 0 0"));
-    EXPECT_EQ((List{"/a", "/b"}), parse("x /a t r 0 0\ny /b "));
-    EXPECT_EQ((List{"/a", "/b"}), parse("x /a t r 0 0\ny /b"));
-    EXPECT_EQ((List{"/a"}), parse("x /a t r 0 0\ny "));
-    EXPECT_EQ((List{"/a"}), parse("x /a t r 0 0\ny"));
-}
-
-TEST_F(FileSysMountPointsTest, emptySecondFieldIsNoMountPoint) {
-    EXPECT_EQ((List{"/b"}), parse("x  t r 0 0\ny /b t r 0 0\nz  t\n"));
-}
-
-TEST_F(FileSysMountPointsTest, fieldsEndOnlyWithABlank) {
-    EXPECT_EQ((List{"/a"}), parse("no-blank\n\nx /a t r 0 0\n"))
-        << "the first field goes on over the ends of lines";
-    EXPECT_EQ((List{"/a\ny"}), parse("x /a\ny t r 0 0\n")) << "and so does the second one";
-    EXPECT_EQ((List{"/a\tb"}), parse("x /a\tb t r 0 0\n")) << "a tabulator is no blank";
-}
-
-// ---- Borders of chunks ----
-
-TEST_F(FileSysMountPointsTest, manyLinesComeThroughManyChunksThatEndWithALine) {
-    // As the kernel gives them.
+TEST_F(FileSysMountPointsTest, manyLinesAreReadInChunksThatEndWithALine) {
+    // Like the chunks of the kernel.
     std::string content;
     std::vector<size_t> chunks;
     List expected;
@@ -193,45 +194,23 @@ TEST_F(FileSysMountPointsTest, manyLinesComeThroughManyChunksThatEndWithALine) {
 }
 
 TEST_F(FileSysMountPointsTest, borderSplitsAMountPointAndNothingElse) {
-    std::string const before = "none /first t r 0 0\nnone ";
-    std::string const after = " tmpfs rw 0 0\nx /last t r 0 0\n";
-    std::string const content = before + "/mnt" + after;
+    std::string const content = "none /first t r 0 0\nnone /mnt tmpfs rw 0 0\nx /last t r 0 0\n";
     for (size_t border = 1; border < content.size(); ++border) {
-        List expected{"/first", "/mnt", "/last"};
-        auto const split = [&](char const* whole) {
+        List expected;
+        for (std::string const whole : {"/first", "/mnt", "/last"}) {
             size_t const start = content.find(whole);
-            if (border > start && border < start + strlen(whole)) {
-                auto const at = std::find(expected.begin(), expected.end(), whole);
-                expected.insert(at, content.substr(start, border - start));
-                *at = content.substr(border, start + strlen(whole) - border);
+            if (border > start && border < start + whole.size()) {
+                expected.push_back(whole.substr(0, border - start));
+                expected.push_back(whole.substr(border - start));
+            } else {
+                expected.push_back(whole);
             }
-        };
-        split("/first");
-        split("/mnt");
-        split("/last");
+        }
         EXPECT_EQ(expected, parse(content, {border})) << "border at " << border;
     }
 }
 
-TEST_F(FileSysMountPointsTest, everyBorderInAMountPointSplitsItAgain) {
-    EXPECT_EQ((List{"/", "a", "b", "/c"}), parse("x /ab t\ny /c t\n", {3, 1, 1}));
-}
-
-TEST_F(FileSysMountPointsTest, borderOfARealChunkSplitsToo) {
-    std::string const device(4096 - 3, 'd');
-    EXPECT_EQ((List{"/m", "nt", "/a"}), parse(device + " /mnt t r 0 0\nx /a t r 0 0\n"));
-}
-
-TEST_F(FileSysMountPointsTest, lineMayBeLongerThanAChunk) {
-    std::string const options(10000, 'o');
-    EXPECT_EQ((List{"/a", "/b"}), parse("x /a t " + options + " 0 0\ny /b t r 0 0\n"));
-    std::string const device(10000, 'd');
-    EXPECT_EQ((List{"/a"}), parse(device + " /a t r 0 0\n"));
-}
-
-// ---- Failures ----
-
-TEST_F(FileSysMountPointsTest, withoutTheFileTheListIsEmptyAndNothingIsReported) {
+TEST_F(FileSysMountPointsTest, listIsEmptyWithoutTheFileAndNothingIsReported) {
     for (int const error : {ENOENT, EACCES, EMFILE, EINTR}) {
         Fault const fault(inject_open, error);
         EXPECT_EQ(List{}, FileSys::getMountPoints());
@@ -240,42 +219,22 @@ TEST_F(FileSysMountPointsTest, withoutTheFileTheListIsEmptyAndNothingIsReported)
     }
 }
 
-TEST_F(FileSysMountPointsTest, pendingErrorStaysAsItWas) {
+TEST_F(FileSysMountPointsTest, missingFileKeepsPendingReports) {
     std::ErrorOutput("older", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
     {
         Fault const fault(inject_open, ENOENT);
         EXPECT_EQ(List{}, FileSys::getMountPoints());
     }
-    EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}}));
+    EXPECT_TRUE(chainIs({vesk::SysErrorId::NO_SUCH_PROCESS}));
 }
 
-TEST_F(FileSysMountPointsTest, errorWhileReadingIsTakenForTheEnd) {
-    std::string const content = "x /a t r 0 0\ny /b t r 0 0\n";
-    EXPECT_EQ(List{}, parse(content, {}, 1));
-    EXPECT_EQ((List{"/a"}), parse(content, {13}, 2)) << "between two lines";
-    EXPECT_EQ((List{"/"}), parse(content, {3}, 2)) << "in the midst of a mount point";
-    EXPECT_EQ(2U, m_fake.reads.size()) << "and that is the end";
-}
-
-TEST_F(FileSysMountPointsTest, failedCloseTripsAnAssertionAndTheListIsGivenAllTheSame) {
-    m_fake.path = m_folder.makeFile("mounts", "x /a t r 0 0\n");
-    s_fake = &m_fake;
+TEST_F(FileSysMountPointsTest, failedCloseTripsAnAssertionAndKeepsTheList) {
     EventRecorder const recorder;
     Fault const fault(inject_close, EIO);
-    List const list = FileSys::getMountPoints();
-    s_fake = nullptr;
-    EXPECT_EQ(List{"/a"}, list);
-    ASSERT_EQ(1U, recorder.getCount());
-    support::RecordedEvent const event = recorder.getEvents().front();
-    EXPECT_EQ(std::GlobalErrorHandler::Kind::ASSERT, event.kind);
-    EXPECT_EQ("mount_fd == 0", event.expression);
-    EXPECT_EQ("framework/src/vesk/linux/FileSys", event.file);
-    EXPECT_EQ("getMountPoints", event.function);
-    EXPECT_EQ("", event.message);
-    EXPECT_TRUE(chainIs({}));
+    // Expects that nothing is reported.
+    EXPECT_EQ(List{"/a"}, parse("x /a t r 0 0\n"));
+    EXPECT_EQ("ASSERT framework/src/vesk/linux/FileSys getMountPoints: mount_fd == 0", recorder.getText());
 }
-
-// ---- The real file ----
 
 TEST(FileSysMountPoints, areThoseOfTheProcess) {
     List expected;
@@ -294,7 +253,7 @@ TEST(FileSysMountPoints, areThoseOfTheProcess) {
     EXPECT_EQ(expected.size(), FileSys::getMountPoints().size());
 }
 
-TEST(FileSysMountPoints, realMountPointWithABlankIsShownEscaped) {
+TEST(FileSysMountPoints, realMountPointWithABlankStaysEscaped) {
     VESK_SKIP_WITHOUT_MOUNTS();
     TempFolder const folder;
     std::string const where = folder.makeFolder("a b");
@@ -321,7 +280,7 @@ TEST(FileSysMountPoints, manyRealMountsAreNeverSplit) {
     });
 }
 
-TEST(FileSysMountPoints, areNoneWithoutProc) {
+TEST(FileSysMountPoints, listIsEmptyWithoutProc) {
     VESK_SKIP_WITHOUT_MOUNTS();
     expectInChild([] {
         ASSERT_TRUE(separateMounts() && mountMemory("/proc")) << strerror(errno);

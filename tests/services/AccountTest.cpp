@@ -1,38 +1,33 @@
 #include "support/Chain.h"
-#include "support/Child.h"
 #include "support/Inject.h"
+#include "support/Privileges.h"
+#include "support/RunInThreads.h"
 
 #include <vesk/Group.h>
 #include <vesk/User.h>
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <climits>
-#include <cstring>
 #include <grp.h>
 #include <pwd.h>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
+#include <tuple>
 #include <type_traits>
-#include <unistd.h>
-#include <vector>
 
-/// `User` and `Group` promise the same, each on its own data base: every test runs for both.
+/// `User` and `Group` have the same contract, each for its own database: every test runs for both.
 
 namespace {
-// The sizes of the buffers that the look-ups were given.
+// Receives the sizes of the look-ups' buffers.
 std::vector<size_t>* s_sizes = nullptr;
 // The entry of this type (`passwd` or `group`) that every look-up finds, if it is not null.
 template <typename Row>
 Row const* s_entry = nullptr;
-// The `sysconf` name of the advised buffer size that the test looks at.
-int s_question = -1;
-// What the system advises for the buffer's size, if it is not 0.
+// The `sysconf` name of the buffer size, and the size that the system advises, if it is not 0.
+int s_advice_name = -1;
 long s_advice = 0;
 
-/// A look-up by id or by name: gives the test's entry, its name in the buffer, or asks the system.
+/// Looks up the entry of the test or, without one, of the system, by id or by name.
 template <typename Row, typename Key>
 int lookUp(
     support::Injected& function, char* Row::*name, Key key, Row* entry, char* buffer, size_t size,
@@ -82,7 +77,7 @@ extern "C" int getgrnam_r(char const* name, group* entry, char* buffer, size_t s
 support::Injected inject_sysconf("sysconf");
 extern "C" VESK_UNWATCHED long sysconf(int name) {
     int error = 0;
-    if (name == s_question) {
+    if (name == s_advice_name) {
         if (inject_sysconf.fails(error)) {
             errno = error;
             return -1;
@@ -94,7 +89,7 @@ extern "C" VESK_UNWATCHED long sysconf(int name) {
     return reinterpret_cast<long (*)(int)>(inject_sysconf.getReal())(name);
 }
 
-/// The sanitizers give null for too much memory, as the system does; they touch memory for all that they give.
+/// The sanitizers return null for too much memory, as the system does.
 extern "C" char const* __asan_default_options() {
     return "allocator_may_return_null=1:max_allocation_size_mb=64";
 }
@@ -104,18 +99,14 @@ extern "C" char const* __tsan_default_options() {
 
 namespace {
 
-using support::chainIs;
-using support::ChildEnd;
-using support::Fault;
-using support::Injected;
-using support::runInChild;
+using namespace support;
 using vesk::Group;
 using vesk::User;
 
-constexpr long long NOBODYS_ID = 3999999999LL;
-char const* const NOBODYS_NAME = "no-such-account-of-vesk";
+constexpr long long UNUSED_ID = 3999999999LL;
+char const* const UNUSED_NAME = "no-such-account-of-vesk";
 
-/// What lies below each class, and global objects, which may use its constants.
+/// The functions of libc below each class, and global objects that use its constants.
 template <typename Account>
 struct Traits;
 template <>
@@ -149,7 +140,6 @@ struct Traits<Group> {
     static inline Group const s_early{Group::BAD_NAME};
 };
 
-/// What is put in the place of the system's answers goes with the test.
 template <typename Account>
 class AccountTest : public testing::Test {
     static_assert(std::is_same_v<long long const, decltype(Account::BAD_ID)> && Account::BAD_ID == -1);
@@ -173,14 +163,28 @@ protected:
         Row m_entry = {};
     };
 
+    /// Looks an entry up both ways.
+    static void expectFound(std::string const& name, long long id) {
+        EXPECT_EQ(name, Account::id2name(id));
+        EXPECT_EQ(id, Account::name2id(name));
+        EXPECT_TRUE(chainIs({}));
+    }
+
+    /// Looks an entry up both ways without success.
+    static void expectNotFound(std::string const& name, long long id) {
+        EXPECT_EQ(Account::BAD_NAME, Account::id2name(id));
+        EXPECT_EQ(Account::BAD_ID, Account::name2id(name));
+        EXPECT_TRUE(chainIs({}));
+    }
+
     AccountTest() {
         s_sizes = &m_sizes;
-        s_question = Traits<Account>::ADVICE;
+        s_advice_name = Traits<Account>::ADVICE;
     }
     ~AccountTest() override {
         s_sizes = nullptr;
         s_entry<Row> = nullptr;
-        s_question = -1;
+        s_advice_name = -1;
         s_advice = 0;
     }
 
@@ -199,12 +203,8 @@ struct Names {
 using Both = testing::Types<User, Group>;
 TYPED_TEST_SUITE(AccountTest, Both, Names);
 
-// ---- Look-ups ----
-
 TYPED_TEST(AccountTest, rootIsFoundByIdAndByName) {
-    EXPECT_EQ("root", TypeParam::id2name(0));
-    EXPECT_EQ(0, TypeParam::name2id("root"));
-    EXPECT_TRUE(chainIs({}));
+    this->expectFound("root", 0);
 }
 
 TYPED_TEST(AccountTest, everyEntryOfTheSystemIsFoundBothWays) {
@@ -222,64 +222,44 @@ TYPED_TEST(AccountTest, everyEntryOfTheSystemIsFoundBothWays) {
     }
 }
 
-TYPED_TEST(AccountTest, anIdWithoutAnEntryHasAnEmptyName) {
-    EXPECT_EQ("", TypeParam::id2name(NOBODYS_ID));
-    EXPECT_EQ(TypeParam::BAD_NAME, TypeParam::id2name(NOBODYS_ID));
-    EXPECT_TRUE(chainIs({}));
+TYPED_TEST(AccountTest, unusedIdAndNameAreNotFound) {
+    EXPECT_EQ("", TypeParam::BAD_NAME);
+    this->expectNotFound(UNUSED_NAME, UNUSED_ID);
+    this->expectNotFound("", UNUSED_ID);
 }
 
-TYPED_TEST(AccountTest, aNameWithoutAnEntryHasTheBadId) {
-    EXPECT_EQ(TypeParam::BAD_ID, TypeParam::name2id(NOBODYS_NAME));
-    EXPECT_EQ(TypeParam::BAD_ID, TypeParam::name2id(""));
-    EXPECT_TRUE(chainIs({}));
-}
-
-TYPED_TEST(AccountTest, anIdThatTheSystemCannotHaveIsNobodys) {
+TYPED_TEST(AccountTest, impossibleIdIsNotLookedUp) {
     for (long long const id : {-1LL, 1LL << 32, LLONG_MIN, LLONG_MAX, -(1LL << 32)}) {
         EXPECT_EQ("", TypeParam::id2name(id)) << id;
     }
-    EXPECT_TRUE(this->m_sizes.empty()) << "nobody was asked";
+    EXPECT_TRUE(this->m_sizes.empty());
 }
 
-TYPED_TEST(AccountTest, theLargestIdIsLookedUpAndGivenAsItIs) {
+TYPED_TEST(AccountTest, largestIdIsLookedUpAndStaysPositive) {
     typename TestFixture::Entry const entry("largest", 4294967295u);
-    EXPECT_EQ("largest", TypeParam::id2name(4294967295LL));
-    EXPECT_EQ(4294967295LL, TypeParam::name2id("largest"));
+    this->expectFound("largest", 4294967295LL);
 }
 
-// ---- The buffer ----
-
-TYPED_TEST(AccountTest, theBufferIsAsLargeAsTheSystemAdvises) {
+TYPED_TEST(AccountTest, bufferHasTheAdvisedSizeOr256Bytes) {
     typename TestFixture::Entry const entry("root", 0);
     s_advice = 777;
-    EXPECT_EQ("root", TypeParam::id2name(0));
-    EXPECT_EQ(0, TypeParam::name2id("root"));
-    EXPECT_EQ((std::vector<size_t>{777, 777}), this->m_sizes);
-}
-
-TYPED_TEST(AccountTest, theBufferHas256BytesWithoutAnAdvice) {
-    typename TestFixture::Entry const entry("root", 0);
+    this->expectFound("root", 0);
     Fault const fault(inject_sysconf, EINVAL, 1, Fault::FOREVER);
-    EXPECT_EQ("root", TypeParam::id2name(0));
-    EXPECT_EQ(0, TypeParam::name2id("root"));
-    EXPECT_EQ((std::vector<size_t>{256, 256}), this->m_sizes);
+    this->expectFound("root", 0);
+    EXPECT_EQ((std::vector<size_t>{777, 777, 256, 256}), this->m_sizes);
     EXPECT_EQ(2, fault.getCalls());
 }
 
-TYPED_TEST(AccountTest, aBufferThatIsTooSmallIsDoubled) {
+TYPED_TEST(AccountTest, tooSmallBufferIsDoubled) {
     Fault const advices(inject_sysconf, 0);
     s_advice = 100;
-    std::string const name(1000, 'n');
-    typename TestFixture::Entry const entry(name, 5);
-    EXPECT_EQ(name, TypeParam::id2name(5));
-    EXPECT_EQ((std::vector<size_t>{100, 200, 400, 800, 1600}), this->m_sizes);
-    this->m_sizes.clear();
-    EXPECT_EQ(5, TypeParam::name2id(name));
-    EXPECT_EQ((std::vector<size_t>{100, 200, 400, 800, 1600}), this->m_sizes);
-    EXPECT_EQ(2, advices.getCalls()) << "the system is asked once a look-up";
+    typename TestFixture::Entry const entry(std::string(1000, 'n'), 5);
+    this->expectFound(std::string(1000, 'n'), 5);
+    EXPECT_EQ((std::vector<size_t>{100, 200, 400, 800, 1600, 100, 200, 400, 800, 1600}), this->m_sizes);
+    EXPECT_EQ(2, advices.getCalls()) << "once per look-up";
 }
 
-TYPED_TEST(AccountTest, aBufferOfOneByteGrowsUntilARealEntryFits) {
+TYPED_TEST(AccountTest, bufferOfOneByteGrowsUntilARealEntryFits) {
     s_advice = 1;
     EXPECT_EQ("root", TypeParam::id2name(0));
     EXPECT_LT(1u, this->m_sizes.size());
@@ -288,16 +268,14 @@ TYPED_TEST(AccountTest, aBufferOfOneByteGrowsUntilARealEntryFits) {
     EXPECT_LT(1u, this->m_sizes.size());
 }
 
-TYPED_TEST(AccountTest, aBufferThatCannotBeHadEndsTheLookUp) {
+TYPED_TEST(AccountTest, lookUpWithoutMemoryForItsBufferFindsNothing) {
     s_advice = -2; // As a size, more than there is.
-    EXPECT_EQ(TypeParam::BAD_NAME, TypeParam::id2name(0));
-    EXPECT_EQ(TypeParam::BAD_ID, TypeParam::name2id("root"));
+    this->expectNotFound("root", 0);
     EXPECT_TRUE(this->m_sizes.empty());
-    EXPECT_TRUE(chainIs({}));
 }
 
-TYPED_TEST(AccountTest, anEntryThatNeverFitsEndsWithTheMemory) {
-    ChildEnd const end = runInChild([this] {
+TYPED_TEST(AccountTest, lookUpOfAnEntryThatNeverFitsEndsWithoutMemory) {
+    expectInChild([this] {
         s_advice = 1 << 20;
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
         rlimit const limit = {1 << 30, 1 << 30};
@@ -305,64 +283,51 @@ TYPED_TEST(AccountTest, anEntryThatNeverFitsEndsWithTheMemory) {
 #endif
         Fault const by_id(this->m_by_id, ERANGE, 1, Fault::FOREVER);
         Fault const by_name(this->m_by_name, ERANGE, 1, Fault::FOREVER);
-        EXPECT_EQ(TypeParam::BAD_NAME, TypeParam::id2name(0));
-        EXPECT_EQ(TypeParam::BAD_ID, TypeParam::name2id("root"));
+        this->expectNotFound("root", 0);
         EXPECT_EQ(by_id.getCalls(), by_name.getCalls());
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-/// The number of a failed look-up.
 template <typename Account>
 class AccountFailures : public AccountTest<Account>, public testing::WithParamInterface<int> {
 protected:
-    void expectNothingFound() const {
+    void expectFailure() const {
         Fault const by_id(this->m_by_id, GetParam());
-        EXPECT_EQ(Account::BAD_NAME, Account::id2name(0));
-        EXPECT_EQ(1, by_id.getCalls()) << "nothing is repeated";
         Fault const by_name(this->m_by_name, GetParam());
-        EXPECT_EQ(Account::BAD_ID, Account::name2id("root"));
+        this->expectNotFound("root", 0);
+        EXPECT_EQ(1, by_id.getCalls()) << "nothing is repeated";
         EXPECT_EQ(1, by_name.getCalls());
-        EXPECT_TRUE(chainIs({}));
     }
 };
 
 auto const FAILURES = testing::Values(ENOENT, ESRCH, EBADF, EPERM, EINTR, EIO, EMFILE, ENFILE, ENOMEM);
 
 class UserFailures : public AccountFailures<User> {};
-TEST_P(UserFailures, areTheSameAsNoEntryAndReportNothing) {
-    expectNothingFound();
+TEST_P(UserFailures, lookLikeAMissingEntryAndReportNothing) {
+    expectFailure();
 }
 INSTANTIATE_TEST_SUITE_P(Table, UserFailures, FAILURES);
 
 class GroupFailures : public AccountFailures<Group> {};
-TEST_P(GroupFailures, areTheSameAsNoEntryAndReportNothing) {
-    expectNothingFound();
+TEST_P(GroupFailures, lookLikeAMissingEntryAndReportNothing) {
+    expectFailure();
 }
 INSTANTIATE_TEST_SUITE_P(Table, GroupFailures, FAILURES);
 
 TYPED_TEST(AccountTest, lookUpsOfManyThreadsDoNotDisturbEachOther) {
     s_sizes = nullptr;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            int wrong = 0;
-            for (int round = 0; round < 50; ++round) {
-                wrong += TypeParam::id2name(0) == "root" ? 0 : 1;
-                wrong += TypeParam::name2id("root") == 0 ? 0 : 1;
-                wrong += TypeParam::name2id(NOBODYS_NAME) == -1 ? 0 : 1;
-            }
-            EXPECT_EQ(0, wrong);
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runInThreads(4, [](int) {
+        int wrong = 0;
+        for (int round = 0; round < 50; ++round) {
+            wrong += TypeParam::id2name(0) == "root" ? 0 : 1;
+            wrong += TypeParam::name2id("root") == 0 ? 0 : 1;
+            wrong += TypeParam::name2id(UNUSED_NAME) == -1 ? 0 : 1;
+        }
+        EXPECT_EQ(0, wrong);
+    });
 }
 
-// ---- Objects ----
-
-TYPED_TEST(AccountTest, anObjectWithAnIdLooksItsNameUpOnce) {
+TYPED_TEST(AccountTest, objectWithAnIdLooksItsNameUpOnce) {
     typename TestFixture::Entry const entry("root", 0);
     Fault const calls(this->m_by_id, 0);
     TypeParam const object(0LL);
@@ -378,7 +343,7 @@ TYPED_TEST(AccountTest, anObjectWithAnIdLooksItsNameUpOnce) {
     EXPECT_EQ(1, calls.getCalls());
 }
 
-TYPED_TEST(AccountTest, anObjectWithANameLooksItsIdUpOnce) {
+TYPED_TEST(AccountTest, objectWithANameLooksItsIdUpOnce) {
     typename TestFixture::Entry const entry("root", 0);
     Fault const calls(this->m_by_name, 0);
     TypeParam const object(std::string("root"));
@@ -394,26 +359,24 @@ TYPED_TEST(AccountTest, anObjectWithANameLooksItsIdUpOnce) {
     EXPECT_EQ(1, calls.getCalls());
 }
 
-TYPED_TEST(AccountTest, whatIsNotFoundIsKnownAsSuch) {
+TYPED_TEST(AccountTest, failedLookUpIsNotRepeated) {
     Fault const by_name(this->m_by_name, 0);
-    TypeParam const without_id{std::string(NOBODYS_NAME)};
-    EXPECT_EQ(TypeParam::BAD_ID, without_id.getId());
-    int const asked_by_name = by_name.getCalls();
-    EXPECT_EQ(TypeParam::BAD_ID, without_id.getId());
-    EXPECT_TRUE(without_id.isIdKnown());
-    EXPECT_EQ(asked_by_name, by_name.getCalls());
-
     Fault const by_id(this->m_by_id, 0);
-    TypeParam const without_name(NOBODYS_ID);
-    EXPECT_EQ(TypeParam::BAD_NAME, without_name.getName());
-    int const asked_by_id = by_id.getCalls();
-    EXPECT_EQ(TypeParam::BAD_NAME, without_name.getName());
-    EXPECT_TRUE(without_name.isNameKnown());
-    EXPECT_EQ(asked_by_id, by_id.getCalls());
+    TypeParam const without_id{std::string(UNUSED_NAME)};
+    TypeParam const without_name(UNUSED_ID);
+    std::vector<std::pair<int, int>> calls;
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(TypeParam::BAD_ID, without_id.getId());
+        EXPECT_TRUE(without_id.isIdKnown());
+        EXPECT_EQ(TypeParam::BAD_NAME, without_name.getName());
+        EXPECT_TRUE(without_name.isNameKnown());
+        calls.emplace_back(by_name.getCalls(), by_id.getCalls());
+    }
+    EXPECT_EQ(calls[0], calls[1]);
     EXPECT_TRUE(chainIs({}));
 }
 
-TYPED_TEST(AccountTest, aCopyKeepsWhatIsKnown) {
+TYPED_TEST(AccountTest, copyKeepsTheLookedUpName) {
     TypeParam const original(0LL);
     EXPECT_EQ("root", original.getName());
     typename TestFixture::Entry const entry("root", 0);
@@ -423,7 +386,7 @@ TYPED_TEST(AccountTest, aCopyKeepsWhatIsKnown) {
     EXPECT_EQ(0, calls.getCalls());
 }
 
-TYPED_TEST(AccountTest, theConstantsServeGlobalObjects) {
+TYPED_TEST(AccountTest, constantsAreInitializedBeforeGlobalObjects) {
     EXPECT_EQ("early", Traits<TypeParam>::s_early_name);
     EXPECT_EQ("", Traits<TypeParam>::s_early.getName());
     EXPECT_TRUE(TypeParam::BAD_NAME.empty());

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-/// Replaces `open`. Include it in one file of a test program. `support::Fault` on `inject_open` counts and fails its
-/// calls; a `FakeProc` brings a /proc of its own.
+/// Replaces `open`. Must be included in only one file of a test program. A `support::Fault` on `inject_open` counts its
+/// calls and makes them fail; a `FakeProc` redirects them from /proc to its own files.
 
 inline support::Injected inject_open("open");
 
@@ -24,7 +24,7 @@ struct OpenCall {
     int flags;
 };
 
-/// While it lives, files under /proc are opened in a folder that the test fills. One at a time.
+/// Redirects `open` from /proc to a folder that the test fills. Only one can exist at a time.
 class FakeProc {
 public:
     FakeProc() { s_current = this; }
@@ -33,13 +33,13 @@ public:
     FakeProc(FakeProc const&) = delete;
     FakeProc& operator=(FakeProc const&) = delete;
 
-    /// Writes a file, named from /proc on: "42/stat".
+    /// Writes a file. Its name is relative to /proc, such as "42/stat".
     void set(std::string const& name, std::string const& text) const {
         std::filesystem::create_directories(std::filesystem::path(m_folder / name).parent_path());
         m_folder.makeFile(name, text);
     }
 
-    /// Writes the two files of a process. The values of `stat` and `statm` that nobody asks for are all different.
+    /// Writes the two files of a process. The values of `stat` and `statm` that are not used all differ.
     void setProcess(
         int pid, std::string const& name, std::string const& user_ticks, std::string const& system_ticks,
         std::string const& threads, std::string const& pages) const {
@@ -50,10 +50,10 @@ public:
         set(folder + "/statm", "901 " + pages + " 902 903 904 905 906\n");
     }
 
-    /// The calls of `open` so far, those below /proc.
+    /// Returns the calls of `open` so far for files below /proc.
     std::vector<OpenCall> const& getOpened() const { return m_opened; }
 
-    /// Where a path really leads.
+    /// Returns the path to open instead of this one.
     static std::string resolve(char const* path, int flags) {
         if (strncmp(path, "/proc", 5) != 0) {
             return path;
@@ -62,7 +62,7 @@ public:
         return s_current->m_folder.getPath() + (path + 5);
     }
 
-    static bool isThere() noexcept { return s_current != nullptr; }
+    static bool isActive() noexcept { return s_current != nullptr; }
 
 private:
     static inline FakeProc* s_current = nullptr;
@@ -84,7 +84,7 @@ extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
         return -1;
     }
     auto const real = reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal());
-    if (!support::FakeProc::isThere()) {
+    if (!support::FakeProc::isActive()) {
         return real(path, flags, mode);
     }
     return real(support::FakeProc::resolve(path, flags).c_str(), flags, mode);

@@ -1,21 +1,18 @@
 #include "services/FakeProc.h"
 
 #include "support/Chain.h"
-#include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/Privileges.h"
+#include "support/RunInThreads.h"
 
 #include <vesk/ProcessInfo.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <string>
-#include <thread>
-#include <unistd.h>
-#include <vector>
 
-// What is asked of the system once in a process: all happens in children, which have not asked yet.
+// Each process queries the sizes of ticks and pages once. The tests run in children, which have not queried them yet.
 
 namespace {
 
@@ -41,19 +38,20 @@ extern "C" VESK_UNWATCHED long sysconf(int name) {
 
 namespace {
 
-using support::chainIs;
-using support::ChildEnd;
-using support::EventRecorder;
-using support::FakeProc;
-using support::runInChild;
+using namespace support;
 using vesk::ProcessInfo;
 
 constexpr int PID = 4711;
 
-TEST(ProcessInfoOnce, sizesOfTicksAndPagesAreAskedFor) {
-    ChildEnd const end = runInChild([] {
-        FakeProc const proc;
-        proc.setProcess(PID, "daemon", "300", "250", "17", "33");
+/// A /proc with one process.
+class FakeDaemon : public FakeProc {
+public:
+    FakeDaemon() { setProcess(PID, "daemon", "300", "250", "17", "33"); }
+};
+
+TEST(ProcessInfoOnce, sizesOfTicksAndPagesAreQueried) {
+    expectInChild([] {
+        FakeDaemon const proc;
         s_ticks = 1000;
         s_page_size = 65536;
         for (int round = 0; round < 3; ++round) {
@@ -63,48 +61,39 @@ TEST(ProcessInfoOnce, sizesOfTicksAndPagesAreAskedFor) {
             EXPECT_EQ(300u, info.user_time);
             EXPECT_EQ(250u, info.system_time);
             EXPECT_EQ(33u * 65536, info.resident);
-            // What the system says later is not looked at.
+            // Later answers of the system have no effect.
             s_ticks = 1;
             s_page_size = 1;
         }
         EXPECT_EQ(1, s_tick_calls);
         EXPECT_EQ(1, s_page_calls);
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
 }
 
-TEST(ProcessInfoOnce, threadsMayBeTheFirstAllAtOnce) {
-    ChildEnd const end = runInChild([] {
+TEST(ProcessInfoOnce, sizesAreQueriedOnceByThreadsAtTheSameTime) {
+    expectInChild([] {
         s_ticks = 1000;
         s_page_size = 65536;
         std::atomic<int> waiting{8};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 8; ++i) {
-            threads.emplace_back([&waiting] {
-                ProcessInfo info(getppid());
-                --waiting;
-                while (waiting > 0) {
-                    std::this_thread::yield();
-                }
-                info.init();
-                EXPECT_TRUE(info.valid);
-                EXPECT_LT(0u, info.resident);
-                EXPECT_EQ(0u, info.resident % 65536);
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        runInThreads(8, [&waiting](int) {
+            ProcessInfo info(getppid());
+            --waiting;
+            while (waiting > 0) {
+                std::this_thread::yield();
+            }
+            info.init();
+            EXPECT_TRUE(info.valid);
+            EXPECT_LT(0u, info.resident);
+            EXPECT_EQ(0u, info.resident % 65536);
+        });
         EXPECT_EQ(1, s_tick_calls);
         EXPECT_EQ(1, s_page_calls);
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
 }
 
-TEST(ProcessInfoOnce, pageSizeThatCannotBeHadTripsAnAssertionEachTime) {
-    ChildEnd const end = runInChild([] {
-        FakeProc const proc;
-        proc.setProcess(PID, "daemon", "300", "250", "17", "33");
+TEST(ProcessInfoOnce, missingPageSizeTripsAnAssertionEachTime) {
+    expectInChild([] {
+        FakeDaemon const proc;
         s_page_size = -1;
         EventRecorder const recorder;
         ProcessInfo info(PID);
@@ -117,7 +106,6 @@ TEST(ProcessInfoOnce, pageSizeThatCannotBeHadTripsAnAssertionEachTime) {
         EXPECT_EQ(1, s_page_calls);
         EXPECT_TRUE(chainIs({}));
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
 }
 
 } // namespace

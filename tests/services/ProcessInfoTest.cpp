@@ -1,43 +1,32 @@
 #include "services/FakeProc.h"
+#include "services/Loads.h"
 
 #include "frame/FakeClock.h"
-#include "support/Chain.h"
+#include "support/ErrnoCases.h"
 #include "support/EventRecorder.h"
-#include "support/Inject.h"
+#include "support/NamedRow.h"
 #include "support/Processes.h"
+#include "support/RunInThreads.h"
 
-#include <vesk/FileAccessError.h>
 #include <vesk/ProcessInfo.h>
-#include <vesk/SysError.h>
 #include <vesk/Time.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstdint>
-#include <cstdio>
-#include <ctime>
 #include <dirent.h>
-#include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
-#include <string>
 #include <sys/prctl.h>
-#include <thread>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
-/// What happens ahead of each read, and how much is asked for.
-std::function<void()> const* s_before_read = nullptr;
-size_t s_read_size = 0;
-// How many processors the system says it has; 0 is the truth.
-long s_processors = 0;
+std::function<void()> const* s_before_read = nullptr; // Runs before each read.
+size_t s_read_size = 0;                               // Of the last read.
+long s_processors = 0; // The number that the system reports; 0 is the true one.
 
 } // namespace
 
@@ -55,15 +44,7 @@ extern "C" VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {
     return reinterpret_cast<ssize_t (*)(int, void*, size_t)>(inject_read.getReal())(fd, buffer, size);
 }
 
-support::Injected inject_readdir("readdir");
-extern "C" VESK_UNWATCHED dirent* readdir(DIR* directory) {
-    int error = 0;
-    if (inject_readdir.fails(error)) {
-        errno = error;
-        return nullptr;
-    }
-    return reinterpret_cast<dirent* (*)(DIR*)>(inject_readdir.getReal())(directory);
-}
+VESK_INJECT_ERRNO(dirent*, nullptr, readdir, (DIR * directory), (directory))
 
 support::Injected inject_sysconf("sysconf");
 extern "C" VESK_UNWATCHED long sysconf(int name) {
@@ -75,38 +56,42 @@ extern "C" VESK_UNWATCHED long sysconf(int name) {
 
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::FakeClock;
-using support::FakeProc;
-using support::Fault;
-using support::Process;
-using support::rowText;
-using support::systemText;
+using namespace support;
 using vesk::ProcessInfo;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
 using vesk::Time;
+namespace SysErrorId = vesk::SysErrorId;
 
 constexpr int PID = 4711;
 constexpr unsigned int STAT_VALUES =
     ProcessInfo::NAME | ProcessInfo::USER_TIME | ProcessInfo::SYSTEM_TIME | ProcessInfo::THREADS;
 constexpr unsigned int ALL_VALUES = STAT_VALUES | ProcessInfo::RESIDENT;
 
-long getTicksPerSecond() {
-    return sysconf(_SC_CLK_TCK);
+/// Returns a number of processor ticks in milliseconds.
+unsigned long getMilliseconds(unsigned long ticks) {
+    return ticks * 1000 / static_cast<unsigned long>(sysconf(_SC_CLK_TCK));
 }
 
-/// A snapshot of a process that is all made up.
-ProcessInfo look(FakeProc const&) {
-    ProcessInfo info(PID);
+size_t getPageSize() {
+    return static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+ProcessInfo takeSnapshot(int pid = PID) {
+    ProcessInfo info(pid);
     info.init();
     return info;
 }
 
-// ---- the snapshot ----
+/// A /proc with one process.
+class FakeDaemon : public FakeProc {
+public:
+    FakeDaemon() { setProcess(PID, "daemon", "300", "250", "17", "33"); }
+};
 
-TEST(ProcessInfo, knowsNothingBeforeItHasLooked) {
+testing::AssertionResult isFailedQuery(int error) {
+    return causeIs(SysErrorId::QUERY_FAILED, error);
+}
+
+TEST(ProcessInfo, isEmptyBeforeTheFirstInit) {
     ProcessInfo const info(PID);
     EXPECT_EQ(PID, info.getPID());
     EXPECT_FALSE(info.valid);
@@ -127,27 +112,25 @@ TEST(ProcessInfo, bitsOfAvailableHaveTheirNumbers) {
     EXPECT_EQ(16, ProcessInfo::RESIDENT);
 }
 
-TEST(ProcessInfo, takesEachValueFromItsPlace) {
-    FakeProc const proc;
-    proc.setProcess(PID, "daemon", "300", "250", "17", "33");
+TEST(ProcessInfo, readsEachValueFromItsField) {
+    FakeDaemon const proc;
     FakeClock const clock(1700000000, 123456789);
-    ProcessInfo const info = look(proc);
+    ProcessInfo const info = takeSnapshot();
     EXPECT_TRUE(chainIs({}));
     EXPECT_TRUE(info.valid);
     EXPECT_EQ(ALL_VALUES, info.available);
     EXPECT_EQ("daemon", info.name);
-    EXPECT_EQ(300000u / static_cast<unsigned long>(getTicksPerSecond()), info.user_time);
-    EXPECT_EQ(250000u / static_cast<unsigned long>(getTicksPerSecond()), info.system_time);
+    EXPECT_EQ(getMilliseconds(300), info.user_time);
+    EXPECT_EQ(getMilliseconds(250), info.system_time);
     EXPECT_EQ(1700000000123, info.timestamp);
     EXPECT_EQ(CLOCK_REALTIME, clock.getClock());
     EXPECT_EQ(17u, info.threads);
-    EXPECT_EQ(33u * static_cast<size_t>(sysconf(_SC_PAGESIZE)), info.resident);
+    EXPECT_EQ(33u * getPageSize(), info.resident);
 }
 
-TEST(ProcessInfo, opensBothFilesForReadingOnlyAndForNoChild) {
-    FakeProc const proc;
-    proc.setProcess(PID, "daemon", "1", "1", "1", "1");
-    look(proc);
+TEST(ProcessInfo, opensBothFilesReadOnlyAndNotAcrossExec) {
+    FakeDaemon const proc;
+    takeSnapshot();
     ASSERT_EQ(2u, proc.getOpened().size());
     EXPECT_EQ("/proc/4711/stat", proc.getOpened()[0].path);
     EXPECT_EQ("/proc/4711/statm", proc.getOpened()[1].path);
@@ -157,199 +140,159 @@ TEST(ProcessInfo, opensBothFilesForReadingOnlyAndForNoChild) {
 
 TEST(ProcessInfo, longestProcessIdHasAPath) {
     FakeProc const proc;
-    ProcessInfo info(INT_MIN);
-    info.init();
+    takeSnapshot(INT_MIN);
     ASSERT_EQ(1u, proc.getOpened().size());
     EXPECT_EQ("/proc/-2147483648/stat", proc.getOpened()[0].path);
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(ENOENT))}}));
+    EXPECT_TRUE(isFailedQuery(ENOENT));
 }
 
-TEST(ProcessInfo, processZeroTripsAnAssertionAndIsLookedForAllTheSame) {
+TEST(ProcessInfo, processZeroTripsAnAssertionAndIsLookedUp) {
     EventRecorder const recorder;
-    ProcessInfo info(0);
-    info.init();
+    EXPECT_FALSE(takeSnapshot(0).valid);
     EXPECT_EQ("ASSERT framework/src/vesk/linux/ProcessInfo init: m_pid", recorder.getText());
-    EXPECT_FALSE(info.valid);
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(ENOENT))}}));
+    EXPECT_TRUE(isFailedQuery(ENOENT));
 }
 
-struct NameRow {
-    char const* what;
-    char const* name;
+struct NameRow : NamedRow {
+    std::string name;
 };
-
-void PrintTo(NameRow const& row, std::ostream* out) {
-    *out << row.what;
-}
 
 class ProcessInfoNames : public testing::TestWithParam<NameRow> {};
 
-TEST_P(ProcessInfoNames, endWithTheLastParenthesis) {
+TEST_P(ProcessInfoNames, endAtTheLastParenthesis) {
     FakeProc const proc;
     proc.setProcess(PID, GetParam().name, "100", "200", "3", "4");
-    ProcessInfo const info = look(proc);
+    ProcessInfo const info = takeSnapshot();
+    EXPECT_EQ(1023u, s_read_size);
     EXPECT_TRUE(info.valid);
     EXPECT_EQ(GetParam().name, info.name);
     EXPECT_EQ(3u, info.threads);
-    EXPECT_EQ(100000u / static_cast<unsigned long>(getTicksPerSecond()), info.user_time);
+    EXPECT_EQ(getMilliseconds(100), info.user_time);
     EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessInfoNames,
-    testing::Values(
-        NameRow{"plain", "daemon"}, NameRow{"parenthesesBetweenSpaces", "a) (b"},
-        NameRow{"closingOne", "a)b"}, NameRow{"openingOne", "a(b"}, NameRow{"onlyParentheses", "))(("},
-        NameRow{"empty", ""}, NameRow{"spaces", "a b  c"}, NameRow{"newline", "a\nb"},
-        NameRow{"likeAStatLine", "1) R 9 9 9 9 9 9 9 9 9 9 9"}),
-    [](auto const& row) { return row.param.what; });
+    rowsOf<NameRow>({
+        {"plain", "daemon"},
+        {"parenthesesBetweenSpaces", "a) (b"},
+        {"closingOne", "a)b"},
+        {"openingOne", "a(b"},
+        {"onlyParentheses", "))(("},
+        {"empty", ""},
+        {"spaces", "a b  c"},
+        {"newline", "a\nb"},
+        {"likeAStatLine", "1) R 9 9 9 9 9 9 9 9 9 9 9"},
+        {"nearlyAsLongAsTheBuffer", std::string(900, 'n')},
+    }),
+    byName);
 
-TEST(ProcessInfo, timesWrapWithThirtyTwoBitsOfTicksTimesThousand) {
-    ASSERT_EQ(100, getTicksPerSecond());
+struct TicksRow : NamedRow {
+    char const* user_ticks;
+    char const* system_ticks;
+    unsigned long user_time;
+    unsigned long system_time;
+};
+
+class ProcessInfoTimes : public testing::TestWithParam<TicksRow> {};
+
+TEST_P(ProcessInfoTimes, areTheTicksInMilliseconds) {
+    ASSERT_EQ(100, sysconf(_SC_CLK_TCK));
     FakeProc const proc;
-    proc.setProcess(PID, "daemon", "4294967", "4294968", "1", "1");
-    ProcessInfo const info = look(proc);
-    EXPECT_EQ(42949670u, info.user_time);
-    EXPECT_EQ(7u, info.system_time) << "4294968000 is 704 in 32 bits";
+    proc.setProcess(PID, "daemon", GetParam().user_ticks, GetParam().system_ticks, "1", "1");
+    ProcessInfo const info = takeSnapshot();
+    EXPECT_EQ(GetParam().user_time, info.user_time);
+    EXPECT_EQ(GetParam().system_time, info.system_time);
 }
 
-TEST(ProcessInfo, timesWrapWithThirtyTwoBitsOfTicks) {
-    ASSERT_EQ(100, getTicksPerSecond());
-    FakeProc const proc;
-    proc.setProcess(PID, "daemon", "4294967299", "18446744073709551615", "1", "1");
-    ProcessInfo const info = look(proc);
-    EXPECT_EQ(30u, info.user_time);
-    EXPECT_EQ(42949662u, info.system_time) << "-1000 is 4294966296 in 32 bits";
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, ProcessInfoTimes,
+    rowsOf<TicksRow>({
+        {"oneTick", "1", "0", 10, 0},
+        // 4294968000 is 704 in 32 bits.
+        {"ticksTimesThousandWrapAt32Bits", "4294967", "4294968", 42949670, 7},
+        // -1000 is 4294966296 in 32 bits.
+        {"ticksWrapAt32Bits", "4294967299", "18446744073709551615", 30, 42949662},
+    }),
+    byName);
 
-TEST(ProcessInfo, timesOfOneTickAreRoundedDown) {
-    ASSERT_EQ(100, getTicksPerSecond());
-    FakeProc const proc;
-    proc.setProcess(PID, "daemon", "1", "0", "1", "1");
-    ProcessInfo const info = look(proc);
-    EXPECT_EQ(10u, info.user_time);
-    EXPECT_EQ(0u, info.system_time);
-}
-
-TEST(ProcessInfo, residentMemoryIsCountedInTheSystemsSize) {
+TEST(ProcessInfo, residentMemoryIsCountedInSize) {
     FakeProc const proc;
     // As many bytes as a size can count, give or take a page.
-    size_t const pages = SIZE_MAX / static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size_t const pages = SIZE_MAX / getPageSize();
     proc.setProcess(PID, "daemon", "1", "1", "1", std::to_string(pages));
-    EXPECT_EQ(pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)), look(proc).resident);
+    EXPECT_EQ(pages * getPageSize(), takeSnapshot().resident);
 }
 
-TEST(ProcessInfo, readsNoMoreThanItsBufferHolds) {
-    FakeProc const proc;
-    proc.setProcess(PID, std::string(900, 'n'), "100", "200", "3", "4");
-    ProcessInfo const info = look(proc);
-    EXPECT_EQ(1023u, s_read_size);
-    EXPECT_TRUE(info.valid);
-    EXPECT_EQ(std::string(900, 'n'), info.name);
-}
-
-TEST(ProcessInfo, textBeyondTheBufferIsCutOff) {
-    FakeProc const proc;
-    proc.setProcess(PID, std::string(2000, 'n'), "100", "200", "3", "4");
-    ProcessInfo const info = look(proc);
-    EXPECT_FALSE(info.valid);
-    EXPECT_EQ(0u, info.available) << "the end of the name was not seen";
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED}}));
-}
-
-TEST(ProcessInfo, nothingOfAnEarlierSnapshotCountsWhenTheNextOneFails) {
-    FakeProc const proc;
-    proc.setProcess(PID, "daemon", "300", "250", "17", "33");
-    ProcessInfo info(PID);
-    info.init();
+TEST(ProcessInfo, failedSnapshotKeepsNothingOfAnEarlierOne) {
+    FakeDaemon const proc;
+    ProcessInfo info = takeSnapshot();
     EXPECT_TRUE(info.valid);
     proc.set("4711/stat", "");
     info.init();
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(0u, info.available);
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED}}));
+    EXPECT_TRUE(chainIs({SysErrorId::QUERY_FAILED}));
 }
 
-TEST(ProcessInfo, snapshotMayBeTakenAgain) {
-    FakeProc const proc;
-    proc.setProcess(PID, "before", "300", "250", "17", "33");
-    ProcessInfo info(PID);
-    info.init();
+TEST(ProcessInfo, snapshotCanBeTakenAgain) {
+    FakeDaemon const proc;
+    ProcessInfo info = takeSnapshot();
     proc.setProcess(PID, "now", "301", "251", "18", "34");
     info.init();
     EXPECT_TRUE(info.valid);
     EXPECT_EQ(ALL_VALUES, info.available);
     EXPECT_EQ("now", info.name);
     EXPECT_EQ(18u, info.threads);
-    EXPECT_EQ(34u * static_cast<size_t>(sysconf(_SC_PAGESIZE)), info.resident);
+    EXPECT_EQ(34u * getPageSize(), info.resident);
 }
 
-// ---- what fails ----
-
-/// What is known when a call has failed.
-void expectFailure(ProcessInfo const& info, int error, unsigned int available) {
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(error))}}));
-    EXPECT_FALSE(info.valid);
-    EXPECT_EQ(available, info.available);
-    EXPECT_EQ(0, info.timestamp);
-}
-
-class ProcessInfoErrnos : public testing::TestWithParam<int> {
-protected:
-    ProcessInfoErrnos() { m_proc.setProcess(PID, "daemon", "300", "250", "17", "33"); }
-
-    FakeProc m_proc;
+/// A call that fails, and what is read before.
+struct FailedCall : NamedRow {
+    Injected* call;
+    int nth;
+    unsigned int available;
 };
 
-TEST_P(ProcessInfoErrnos, ofOpeningStat) {
-    Fault const fault(inject_open, GetParam());
-    expectFailure(look(m_proc), GetParam(), 0);
-    EXPECT_EQ(1, fault.getCalls());
-}
+class ProcessInfoErrnos : public testing::TestWithParam<std::tuple<FailedCall, int>> {};
 
-TEST_P(ProcessInfoErrnos, ofOpeningStatm) {
-    Fault const fault(inject_open, GetParam(), 2);
-    expectFailure(look(m_proc), GetParam(), 0);
-    EXPECT_EQ(2, fault.getCalls());
-}
-
-TEST_P(ProcessInfoErrnos, ofReadingStat) {
-    Fault const fault(inject_read, GetParam());
-    expectFailure(look(m_proc), GetParam(), 0);
-    EXPECT_EQ(1, fault.getCalls());
-}
-
-TEST_P(ProcessInfoErrnos, ofReadingStatm) {
-    Fault const fault(inject_read, GetParam(), 2);
-    ProcessInfo const info = look(m_proc);
-    expectFailure(info, GetParam(), STAT_VALUES);
-    EXPECT_EQ(2, fault.getCalls());
-    EXPECT_EQ("daemon", info.name);
-    EXPECT_EQ(17u, info.threads);
+TEST_P(ProcessInfoErrnos, failureIsReportedAndTheSnapshotIsInvalid) {
+    auto const& [row, error] = GetParam();
+    FakeDaemon const proc;
+    Fault const fault(*row.call, error, row.nth);
+    ProcessInfo const info = takeSnapshot();
+    EXPECT_TRUE(isFailedQuery(error));
+    EXPECT_EQ(row.nth, fault.getCalls());
+    EXPECT_FALSE(info.valid);
+    EXPECT_EQ(row.available, info.available);
+    EXPECT_EQ(0, info.timestamp);
+    EXPECT_EQ(row.available != 0 ? "daemon" : "", info.name);
+    EXPECT_EQ(row.available != 0 ? 17u : 0u, info.threads);
     EXPECT_EQ(0u, info.resident);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, ProcessInfoErrnos, testing::Values(ENOENT, EACCES, EMFILE, ENOMEM, EINTR, ESRCH));
+    All, ProcessInfoErrnos,
+    testing::Combine(
+        testing::Values(
+            FailedCall{"open of stat", &inject_open, 1, 0}, FailedCall{"open of statm", &inject_open, 2, 0},
+            FailedCall{"read of stat", &inject_read, 1, 0},
+            FailedCall{"read of statm", &inject_read, 2, STAT_VALUES}),
+        testing::Values(ENOENT, EACCES, EMFILE, ENOMEM, EINTR, ESRCH)));
 
-struct TextRow {
-    char const* what;
+struct TextRow : NamedRow {
     std::string text;
-    unsigned int available;
+    unsigned int available = 0;
 };
-
-void PrintTo(TextRow const& row, std::ostream* out) {
-    *out << row.what;
-}
 
 class ProcessInfoStatTexts : public testing::TestWithParam<TextRow> {};
 
-TEST_P(ProcessInfoStatTexts, doNotParse) {
+TEST_P(ProcessInfoStatTexts, areNotParsed) {
     FakeProc const proc;
     proc.set("4711/stat", GetParam().text);
     proc.set("4711/statm", "1 2 3 4 5 6 7\n");
-    ProcessInfo const info = look(proc);
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED}}));
+    ProcessInfo const info = takeSnapshot();
+    EXPECT_TRUE(chainIs({SysErrorId::QUERY_FAILED}));
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(GetParam().available, info.available);
     EXPECT_EQ(0u, info.user_time);
@@ -359,28 +302,32 @@ TEST_P(ProcessInfoStatTexts, doNotParse) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessInfoStatTexts,
-    testing::Values(
-        TextRow{"empty", "", 0}, TextRow{"withoutParentheses", "4711 daemon S 1 2 3 4 5 6 7 8 9 10 11 12", 0},
-        TextRow{"withoutTheClosingOne", "4711 (daemon S 1 2 3 4 5 6 7 8 9 10 11 12", 0},
-        TextRow{"withoutTheOpeningOne", "4711 daemon) S 1 2 3 4 5 6 7 8 9 10 11 12", 0},
-        TextRow{"inTheWrongOrder", "4711 )daemon( S 1 2 3 4 5 6 7 8 9 10 11 12", 0},
-        TextRow{"endingWithTheName", "4711 (daemon)", 1}, TextRow{"endingWithASpace", "4711 (daemon) ", 1},
-        // What is behind the text is behind the buffer as well.
-        TextRow{"endingWithTheNameAndTheBuffer", "4711 (" + std::string(1016, 'n') + ")", 1},
-        TextRow{"withoutTimes", "4711 (daemon) S 1 2 3 4 -5 6 7 8 9 10", 1},
-        TextRow{"withOneTime", "4711 (daemon) S 1 2 3 4 -5 6 7 8 9 10 300", 1},
-        TextRow{"withoutThreads", "4711 (daemon) S 1 2 3 4 -5 6 7 8 9 10 300 250 11 12 -13 -14", 1},
-        TextRow{"withALetter", "4711 (daemon) S 1 2 3 4 -5 x 7 8 9 10 300 250 11 12 -13 -14 17", 1}),
-    [](auto const& row) { return row.param.what; });
+    rowsOf<TextRow>({
+        {"empty", "", 0},
+        {"withoutParentheses", "4711 daemon S 1 2 3 4 5 6 7 8 9 10 11 12", 0},
+        {"withoutTheClosingOne", "4711 (daemon S 1 2 3 4 5 6 7 8 9 10 11 12", 0},
+        {"withoutTheOpeningOne", "4711 daemon) S 1 2 3 4 5 6 7 8 9 10 11 12", 0},
+        {"inTheWrongOrder", "4711 )daemon( S 1 2 3 4 5 6 7 8 9 10 11 12", 0},
+        {"endingWithTheName", "4711 (daemon)", 1},
+        {"endingWithASpace", "4711 (daemon) ", 1},
+        // The text ends with the buffer.
+        {"endingWithTheNameAndTheBuffer", "4711 (" + std::string(1016, 'n') + ")", 1},
+        // The end of the name is not read.
+        {"longerThanTheBuffer", "4711 (" + std::string(2000, 'n') + ") S 1 2 3", 0},
+        {"withoutTimes", "4711 (daemon) S 1 2 3 4 -5 6 7 8 9 10", 1},
+        {"withOneTime", "4711 (daemon) S 1 2 3 4 -5 6 7 8 9 10 300", 1},
+        {"withoutThreads", "4711 (daemon) S 1 2 3 4 -5 6 7 8 9 10 300 250 11 12 -13 -14", 1},
+        {"withALetter", "4711 (daemon) S 1 2 3 4 -5 x 7 8 9 10 300 250 11 12 -13 -14 17", 1},
+    }),
+    byName);
 
 class ProcessInfoStatmTexts : public testing::TestWithParam<TextRow> {};
 
-TEST_P(ProcessInfoStatmTexts, doNotParse) {
-    FakeProc const proc;
-    proc.setProcess(PID, "daemon", "300", "250", "17", "33");
+TEST_P(ProcessInfoStatmTexts, areNotParsed) {
+    FakeDaemon const proc;
     proc.set("4711/statm", GetParam().text);
-    ProcessInfo const info = look(proc);
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED}}));
+    ProcessInfo const info = takeSnapshot();
+    EXPECT_TRUE(chainIs({SysErrorId::QUERY_FAILED}));
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(STAT_VALUES, info.available);
     EXPECT_EQ(0u, info.resident);
@@ -389,47 +336,30 @@ TEST_P(ProcessInfoStatmTexts, doNotParse) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessInfoStatmTexts,
-    testing::Values(
-        TextRow{"empty", "", 0}, TextRow{"withOneNumber", "901\n", 0}, TextRow{"letters", "901 x", 0}),
-    [](auto const& row) { return row.param.what; });
+    rowsOf<TextRow>({
+        {"empty", ""},
+        {"withOneNumber", "901\n"},
+        {"letters", "901 x"},
+    }),
+    byName);
 
-struct ClockRow {
-    int error;
-    std::ErrorType const* family;
-    int id;
-};
-
-void PrintTo(ClockRow const& row, std::ostream* out) {
-    *out << row.error;
-}
-
-class ProcessInfoClock : public testing::TestWithParam<ClockRow> {};
+class ProcessInfoClock : public testing::TestWithParam<ClockFailure> {};
 
 TEST_P(ProcessInfoClock, failureIsChainedAndLeavesTheSnapshotValid) {
-    FakeProc const proc;
-    proc.setProcess(PID, "daemon", "300", "250", "17", "33");
+    FakeDaemon const proc;
     ProcessInfo info(PID);
     info.timestamp = 99;
     Fault const fault(inject_clock_gettime, GetParam().error);
     info.init();
-    std::string const text = systemText(GetParam().error);
-    EXPECT_TRUE(chainIs(
-        {{*GetParam().family, GetParam().id, rowText(*GetParam().family, GetParam().id, text)},
-         {SysError, SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, text)}}));
+    EXPECT_TRUE(GetParam().isPending());
     EXPECT_TRUE(info.valid);
     EXPECT_EQ(ALL_VALUES, info.available);
     EXPECT_EQ(0, info.timestamp);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessInfoClock,
-    testing::Values(
-        ClockRow{EINVAL, &SysError, SysErrorId::NOT_IMPLEMENTED},
-        ClockRow{EFAULT, &Time::Error, Time::ErrorId::GET_TIMESTAMP_FAILED}));
+INSTANTIATE_TEST_SUITE_P(All, ProcessInfoClock, eachClockFailure());
 
-// ---- the load ----
-
-/// A snapshot as `init` would have left it.
+/// Returns a snapshot like those of `init`.
 ProcessInfo makeInfo(unsigned long long user_time, unsigned long long system_time, long long timestamp) {
     ProcessInfo info(PID);
     info.available = ProcessInfo::USER_TIME | ProcessInfo::SYSTEM_TIME;
@@ -439,91 +369,75 @@ ProcessInfo makeInfo(unsigned long long user_time, unsigned long long system_tim
     return info;
 }
 
-class ProcessInfoLoad : public testing::Test {
-protected:
-    ProcessInfoLoad() { s_processors = 1; }
-    ~ProcessInfoLoad() override { s_processors = 0; }
+struct LoadRow : NamedRow {
+    ProcessInfo start;
+    ProcessInfo end;
+    double load;
+    long processors = 1;
 };
 
-TEST_F(ProcessInfoLoad, isTheShareOfTheTimeThatPassed) {
-    ProcessInfo const start = makeInfo(1000, 500, 10000);
-    EXPECT_DOUBLE_EQ(30.0, ProcessInfo::getCpuLoad(start, makeInfo(1200, 600, 11000)));
-    EXPECT_DOUBLE_EQ(20.0, ProcessInfo::getCpuLoad(start, makeInfo(1200, 500, 11000)));
-    EXPECT_DOUBLE_EQ(10.0, ProcessInfo::getCpuLoad(start, makeInfo(1000, 600, 11000)));
-    EXPECT_DOUBLE_EQ(0.0, ProcessInfo::getCpuLoad(start, makeInfo(1000, 500, 11000)));
-    EXPECT_DOUBLE_EQ(100.0, ProcessInfo::getCpuLoad(start, makeInfo(1500, 1000, 11000)));
+class ProcessInfoLoad : public testing::TestWithParam<LoadRow> {};
+
+TEST_P(ProcessInfoLoad, isTheShareOfTheElapsedTimeOfAllProcessors) {
+    s_processors = GetParam().processors;
+    EXPECT_DOUBLE_EQ(GetParam().load, ProcessInfo::getCpuLoad(GetParam().start, GetParam().end));
     EXPECT_TRUE(chainIs({}));
+    s_processors = 0;
 }
 
-TEST_F(ProcessInfoLoad, isThatOfAllProcessorsThatAreOnlineNow) {
-    ProcessInfo const start = makeInfo(0, 0, 0);
-    ProcessInfo const end = makeInfo(600, 200, 1000);
-    EXPECT_DOUBLE_EQ(80.0, ProcessInfo::getCpuLoad(start, end));
-    s_processors = 4;
-    EXPECT_DOUBLE_EQ(20.0, ProcessInfo::getCpuLoad(start, end));
-    s_processors = 2;
-    EXPECT_DOUBLE_EQ(40.0, ProcessInfo::getCpuLoad(start, end));
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, ProcessInfoLoad,
+    rowsOf<LoadRow>({
+        {"both", makeInfo(1000, 500, 10000), makeInfo(1200, 600, 11000), 30},
+        {"user", makeInfo(1000, 500, 10000), makeInfo(1200, 500, 11000), 20},
+        {"system", makeInfo(1000, 500, 10000), makeInfo(1000, 600, 11000), 10},
+        {"idle", makeInfo(1000, 500, 10000), makeInfo(1000, 500, 11000), 0},
+        {"full", makeInfo(1000, 500, 10000), makeInfo(1500, 1000, 11000), 100},
+        {"oneProcessor", makeInfo(0, 0, 0), makeInfo(600, 200, 1000), 80, 1},
+        {"fourProcessors", makeInfo(0, 0, 0), makeInfo(600, 200, 1000), 20, 4},
+        {"twoProcessors", makeInfo(0, 0, 0), makeInfo(600, 200, 1000), 40, 2},
+        {"above100Is100", makeInfo(0, 0, 0), makeInfo(1003, 0, 1000), 100},
+        {"timesWentBack", makeInfo(42949670, 0, 0), makeInfo(7, 0, 1000), 0},
+        {"sameMoment", makeInfo(0, 0, 1000), makeInfo(500, 0, 1000), 0},
+        {"wrongOrder", makeInfo(500, 0, 2000), makeInfo(0, 0, 1000), 0},
+        {"idleOverTheLongestTime", makeInfo(0, 0, LLONG_MIN), makeInfo(0, 0, LLONG_MAX), 0},
+        {"fullAtTheLastMoment", makeInfo(0, 0, LLONG_MAX - 1), makeInfo(1, 0, LLONG_MAX), 100},
+        {"withoutACountOfProcessors", makeInfo(0, 0, 0), makeInfo(500, 0, 1000), 100, -1},
+        {"idleWithoutACountOfProcessors", makeInfo(0, 0, 0), makeInfo(0, 0, 1000), 0, -1},
+    }),
+    byName);
 
-TEST_F(ProcessInfoLoad, beyondAHundredIsAHundred) {
-    EXPECT_EQ(100.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, 0), makeInfo(1003, 0, 1000)));
-}
-
-TEST_F(ProcessInfoLoad, ofTimesThatWentBackIsNothing) {
-    EXPECT_EQ(0.0, ProcessInfo::getCpuLoad(makeInfo(42949670, 0, 0), makeInfo(7, 0, 1000)));
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(ProcessInfoLoad, ofTheSameMomentIsNothing) {
-    EXPECT_EQ(0.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, 1000), makeInfo(500, 0, 1000)));
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(ProcessInfoLoad, inTheWrongOrderIsNothingAndNoError) {
-    EXPECT_EQ(0.0, ProcessInfo::getCpuLoad(makeInfo(500, 0, 2000), makeInfo(0, 0, 1000)));
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(ProcessInfoLoad, overAllTheTimeThereIsDoesNotOverflow) {
-    EXPECT_EQ(0.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, LLONG_MIN), makeInfo(0, 0, LLONG_MAX)));
+TEST(ProcessInfoLoad, overTheLongestTimeIsSmall) {
     EXPECT_GT(1e-6, ProcessInfo::getCpuLoad(makeInfo(0, 0, LLONG_MIN), makeInfo(1000, 0, LLONG_MAX)));
-    EXPECT_EQ(100.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, LLONG_MAX - 1), makeInfo(1, 0, LLONG_MAX)));
 }
 
-TEST_F(ProcessInfoLoad, withoutACountOfProcessorsIsANumber) {
-    s_processors = -1;
-    EXPECT_EQ(100.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, 0), makeInfo(500, 0, 1000)));
-    EXPECT_EQ(0.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, 0), makeInfo(0, 0, 1000)));
+class ProcessInfoLoadWithout : public testing::TestWithParam<unsigned int> {
+protected:
+    static ProcessInfo makeIncomplete() {
+        ProcessInfo info = makeInfo(0, 0, 1000);
+        info.available = GetParam();
+        return info;
+    }
+};
+
+TEST_P(ProcessInfoLoadWithout, timesOfTheStartFails) {
+    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(makeIncomplete(), makeInfo(0, 0, 2000)));
+    EXPECT_TRUE(isInvalidParameter("start"));
 }
 
-class ProcessInfoLoadWithout : public testing::TestWithParam<unsigned int> {};
-
-TEST_P(ProcessInfoLoadWithout, isAFailureOfTheStart) {
-    ProcessInfo start = makeInfo(0, 0, 0);
-    start.available = GetParam();
-    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(start, makeInfo(0, 0, 1000)));
-    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "start")}}));
+TEST_P(ProcessInfoLoadWithout, timesOfTheEndFails) {
+    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, 0), makeIncomplete()));
+    EXPECT_TRUE(isInvalidParameter("end"));
 }
 
-TEST_P(ProcessInfoLoadWithout, isAFailureOfTheEnd) {
-    ProcessInfo end = makeInfo(0, 0, 1000);
-    end.available = GetParam();
-    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, 0), end));
-    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "end")}}));
-}
-
-TEST_P(ProcessInfoLoadWithout, isAFailureOfTheStartAheadOfTheEnd) {
-    ProcessInfo without = makeInfo(0, 0, 0);
-    without.available = GetParam();
-    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(without, without));
-    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "start")}}));
+TEST_P(ProcessInfoLoadWithout, timesOfBothNamesTheStart) {
+    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(makeIncomplete(), makeIncomplete()));
+    EXPECT_TRUE(isInvalidParameter("start"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     OneOrBothTimes, ProcessInfoLoadWithout,
     testing::Values(0u, 2u, 4u, ALL_VALUES & ~2u, ALL_VALUES & ~4u, ALL_VALUES & ~6u));
-
-// ---- all processes ----
 
 class ProcessInfoPIDs : public testing::Test {
 protected:
@@ -532,7 +446,7 @@ protected:
     std::vector<int> m_pids{-1, -2, -3};
 };
 
-TEST_F(ProcessInfoPIDs, areThoseOfTheSystemAndNoneOfBefore) {
+TEST_F(ProcessInfoPIDs, replaceEarlierOnesWithThoseOfTheSystem) {
     Process child([] { pause(); });
     EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
     EXPECT_TRUE(chainIs({}));
@@ -547,7 +461,7 @@ TEST_F(ProcessInfoPIDs, areThoseOfTheSystemAndNoneOfBefore) {
     EXPECT_TRUE(contain(getpid()));
 }
 
-TEST_F(ProcessInfoPIDs, areNamesWithADigitInFront) {
+TEST_F(ProcessInfoPIDs, areTheNamesThatBeginWithADigit) {
     FakeProc const proc;
     for (char const* const name : {"1", "4711", "007", "33days", "self", "x9", "-5", " 8", "mounts"}) {
         proc.set(name, "");
@@ -558,7 +472,7 @@ TEST_F(ProcessInfoPIDs, areNamesWithADigitInFront) {
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(ProcessInfoPIDs, areNoneWhereThereAreNone) {
+TEST_F(ProcessInfoPIDs, areNoneInAnEmptyProc) {
     FakeProc const proc;
     EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
     EXPECT_EQ(std::vector<int>{}, m_pids);
@@ -566,14 +480,15 @@ TEST_F(ProcessInfoPIDs, areNoneWhereThereAreNone) {
     EXPECT_EQ(O_RDONLY | O_CLOEXEC, proc.getOpened()[0].flags);
 }
 
-TEST_F(ProcessInfoPIDs, directoryThatCannotBeOpenedIsAFailureThatEmptiesThemAllTheSame) {
+TEST_F(ProcessInfoPIDs, areNoneIfTheDirectoryCannotBeOpened) {
     Fault const fault(inject_open, EMFILE);
     EXPECT_TRUE(ProcessInfo::getPIDs(m_pids));
     EXPECT_TRUE(m_pids.empty());
+    std::string const text = systemText(EMFILE);
     EXPECT_TRUE(chainIs(
-        {{SysErrorId::RESOURCES_EXHAUSTED, rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EMFILE))},
-         {vesk::FileAccessError, vesk::FileAccessErrorId::NO_DESCRIPTOR},
-         {SysError, SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(EMFILE))}}));
+        {{SysErrorId::RESOURCES_EXHAUSTED, rowText(SysErrorId::RESOURCES_EXHAUSTED, text)},
+         vesk::FileAccessErrorId::NO_DESCRIPTOR,
+         {SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, text)}}));
 }
 
 TEST_F(ProcessInfoPIDs, directoryThatCannotBeReadIsAFailure) {
@@ -582,14 +497,12 @@ TEST_F(ProcessInfoPIDs, directoryThatCannotBeReadIsAFailure) {
         EXPECT_TRUE(ProcessInfo::getPIDs(m_pids));
         EXPECT_TRUE(chainIs(
             {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EIO))},
-             {SysError, SysErrorId::QUERY_FAILED}}));
+             SysErrorId::QUERY_FAILED}));
         EXPECT_EQ(nth, fault.getCalls());
     }
 }
 
-// ---- real processes ----
-
-/// A child that does something, tells when it is ready, and then goes on with something else until it is killed.
+/// A child that runs `prepare`, and then `go_on` again and again until it is killed. Waits for the end of `prepare`.
 class Child {
 public:
     Child(std::function<void()> const& prepare, std::function<void()> const& go_on) {
@@ -617,7 +530,7 @@ private:
 
 void doNothing() {}
 
-void sleepWell() {
+void sleepForever() {
     pause();
 }
 
@@ -625,7 +538,7 @@ void spin() {
     for (int volatile i = 0; i < 10000; i = i + 1) {}
 }
 
-/// Processor time of a process in milliseconds, as another clock of the system has it.
+/// Returns the processor time of a process in milliseconds from another clock of the system.
 double readProcessClock(int pid) {
     clockid_t clock{};
     EXPECT_EQ(0, clock_getcpuclockid(pid, &clock));
@@ -641,21 +554,20 @@ double waitForProcessClock(int pid, double ms) {
         std::this_thread::yield();
         now = readProcessClock(pid);
     }
-    EXPECT_LE(ms, now) << "the child gets no processor";
+    EXPECT_LE(ms, now) << "the child does not run";
     return now;
 }
 
-TEST(ProcessInfoOfAProcess, tellsItsNameThreadsAndMemory) {
+TEST(ProcessInfoOfAProcess, hasItsNameThreadsAndMemory) {
     Child const child(
         [] {
             prctl(PR_SET_NAME, "odd) (name");
             for (int i = 0; i < 3; ++i) {
-                std::thread(sleepWell).detach();
+                std::thread(sleepForever).detach();
             }
         },
-        sleepWell);
-    ProcessInfo info(child.getPID());
-    info.init();
+        sleepForever);
+    ProcessInfo const info = takeSnapshot(child.getPID());
     EXPECT_TRUE(chainIs({}));
     EXPECT_TRUE(info.valid);
     EXPECT_EQ(ALL_VALUES, info.available);
@@ -663,7 +575,7 @@ TEST(ProcessInfoOfAProcess, tellsItsNameThreadsAndMemory) {
     std::filesystem::directory_iterator const tasks("/proc/" + std::to_string(child.getPID()) + "/task");
     EXPECT_EQ(static_cast<size_t>(std::distance(begin(tasks), end(tasks))), info.threads);
     EXPECT_LE(4u, info.threads);
-    // In kilobytes, and as far as a sleeping process stays as it is.
+    // In kilobytes. The memory of a sleeping process changes little.
     std::ifstream status("/proc/" + std::to_string(child.getPID()) + "/status");
     std::string word;
     size_t resident_kb = 0;
@@ -679,29 +591,26 @@ TEST(ProcessInfoOfAProcess, tellsItsNameThreadsAndMemory) {
     EXPECT_LT(now - 60000, info.timestamp);
 }
 
-TEST(ProcessInfoOfAProcess, tellsTheProcessorTimeThatItUsed) {
+TEST(ProcessInfoOfAProcess, hasItsProcessorTime) {
     Child const child(doNothing, spin);
     double const least = waitForProcessClock(child.getPID(), 300);
-    ProcessInfo info(child.getPID());
-    info.init();
+    ProcessInfo const info = takeSnapshot(child.getPID());
     double const most = readProcessClock(child.getPID());
     EXPECT_TRUE(info.valid);
-    // Each of the two times is cut to a tick, and the last tick may still be on its way.
+    // Each of the two times is cut to a tick, and the last tick may not be counted yet.
     auto const used = static_cast<double>(info.user_time + info.system_time);
     EXPECT_LE(least - 50, used);
     EXPECT_GE(most + 50, used);
     EXPECT_LT(200u, info.user_time) << "it spins in user mode";
 }
 
-TEST(ProcessInfoOfAProcess, loadOfABusyOneIsWhatItUsed) {
+TEST(ProcessInfoOfAProcess, loadOfABusyOneIsItsProcessorTime) {
     Child const child(doNothing, spin);
-    ProcessInfo start(child.getPID());
-    ProcessInfo end(child.getPID());
     double const before_start = readProcessClock(child.getPID());
-    start.init();
+    ProcessInfo const start = takeSnapshot(child.getPID());
     double const after_start = readProcessClock(child.getPID());
     double const before_end = waitForProcessClock(child.getPID(), after_start + 500);
-    end.init();
+    ProcessInfo const end = takeSnapshot(child.getPID());
     double const after_end = readProcessClock(child.getPID());
     ASSERT_TRUE(start.valid && end.valid);
     auto const elapsed = static_cast<double>(end.timestamp - start.timestamp);
@@ -713,11 +622,10 @@ TEST(ProcessInfoOfAProcess, loadOfABusyOneIsWhatItUsed) {
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(ProcessInfoOfAProcess, loadOfASleepingOneIsNothing) {
-    Child const child(doNothing, sleepWell);
-    support::waitUntilAsleep(child.getPID(), child.getPID());
-    ProcessInfo start(child.getPID());
-    start.init();
+TEST(ProcessInfoOfAProcess, loadOfASleepingOneIsZero) {
+    Child const child(doNothing, sleepForever);
+    waitUntilAsleep(child.getPID(), child.getPID());
+    ProcessInfo const start = takeSnapshot(child.getPID());
     ProcessInfo end(child.getPID());
     time_t const deadline = time(nullptr) + 60;
     do {
@@ -727,48 +635,39 @@ TEST(ProcessInfoOfAProcess, loadOfASleepingOneIsNothing) {
     EXPECT_EQ(0.0, ProcessInfo::getCpuLoad(start, end));
 }
 
-TEST(ProcessInfoOfAProcess, thatHasGoneTellsNothing) {
-    Child const child(doNothing, sleepWell);
+TEST(ProcessInfoOfAProcess, thatHasEndedIsNotAvailable) {
+    Child const child(doNothing, sleepForever);
     int const pid = child.getPID();
     child.kill();
-    ProcessInfo info(pid);
-    info.init();
+    ProcessInfo const info = takeSnapshot(pid);
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(0u, info.available);
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(ENOENT))}}));
+    EXPECT_TRUE(isFailedQuery(ENOENT));
     EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(info, info));
-    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "start")}}));
+    EXPECT_TRUE(isInvalidParameter("start"));
 }
 
-TEST(ProcessInfoOfAProcess, thatGoesAwayWhileItIsLookedAtTellsNothing) {
-    Child const child(doNothing, sleepWell);
-    ProcessInfo info(child.getPID());
+TEST(ProcessInfoOfAProcess, thatEndsDuringTheSnapshotIsNotAvailable) {
+    Child const child(doNothing, sleepForever);
     std::function<void()> const kill = [&child] { child.kill(); };
     s_before_read = &kill;
-    info.init();
+    ProcessInfo const info = takeSnapshot(child.getPID());
     s_before_read = nullptr;
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(0u, info.available);
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(ESRCH))}}));
+    EXPECT_TRUE(isFailedQuery(ESRCH));
 }
 
-TEST(ProcessInfoOfAProcess, threadsUseObjectsOfTheirOwn) {
-    Child const child(doNothing, sleepWell);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&child] {
-            for (int round = 0; round < 20; ++round) {
-                ProcessInfo info(child.getPID());
-                info.init();
-                EXPECT_EQ(ALL_VALUES, info.available);
-                EXPECT_LT(0u, info.resident);
-                EXPECT_EQ(0.0, ProcessInfo::getCpuLoad(info, info));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+TEST(ProcessInfoOfAProcess, canBeReadByManyThreads) {
+    Child const child(doNothing, sleepForever);
+    runInThreads(8, [&child](int) {
+        for (int round = 0; round < 20; ++round) {
+            ProcessInfo const info = takeSnapshot(child.getPID());
+            EXPECT_EQ(ALL_VALUES, info.available);
+            EXPECT_LT(0u, info.resident);
+            EXPECT_EQ(0.0, ProcessInfo::getCpuLoad(info, info));
+        }
+    });
 }
 
 } // namespace

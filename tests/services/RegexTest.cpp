@@ -1,28 +1,24 @@
-#include "support/Chain.h"
+#include "support/ErrnoCases.h"
 #include "support/Inject.h"
+#include "support/NamedRow.h"
+#include "support/RunInThreads.h"
 
 #include <vesk/Regex.h>
 #include <vesk/RegexHandle.h>
-#include <vesk/SysError.h>
 
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>
 #include <tarncommon/error/ErrorStorage.h>
 
 #include <gtest/gtest.h>
 
 #include <regex.h>
-#include <string>
-#include <string_view>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 namespace {
 
 int s_flags = 0;   // Of the last regcomp.
 int s_frees = 0;   // Calls of regfree.
-size_t s_room = 0; // How many sub-matches the last regexec was to find.
+size_t s_room = 0; // For sub-matches in the last regexec.
 
 } // namespace
 
@@ -57,46 +53,35 @@ extern "C" VESK_UNWATCHED void regfree(regex_t* preg) {
 
 namespace {
 
-using std::CommonError;
-namespace CommonErrorId = std::CommonErrorId;
-using support::chainIs;
-using support::Fault;
-using support::rowText;
+using namespace support;
 using vesk::Regex;
 using vesk::RegexHandle;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
+using vesk::SysErrorId::INVALID_PARAMETER;
 using SubMatch = Regex::SubMatch;
 
 constexpr char const* INVALID = "match() was called on invalid object";
 constexpr char const* UNFIT = "sub matches requested but regex was not compiled for sub matches";
 
-support::ExpectedReport misuse(char const* text) {
-    return {CommonError, CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)};
-}
-
-/// The system's text for a code.
-std::string codeText(int code) {
+/// Returns the report of a code of the system.
+ExpectedReport reportOf(Regex::ErrorId id, int code) {
     regex_t const nothing{};
     char text[256];
     regerror(code, &nothing, text, sizeof text);
-    return text;
+    return {id, rowText(id, text)};
 }
 
-support::ExpectedReport reportOf(int id, int code) {
-    return {Regex::Error, id, rowText(Regex::Error, id, codeText(code))};
+/// Makes a report pending.
+ExpectedReport reportBefore() {
+    std::ErrorOutput("test", 1, true)(INVALID_PARAMETER, "before");
+    return {INVALID_PARAMETER, rowText(INVALID_PARAMETER, "before")};
 }
 
-// ---- what it is ----
+static_assert(std::is_base_of_v<RegexHandle, Regex> && sizeof(Regex) == sizeof(RegexHandle));
+static_assert(!std::is_copy_constructible_v<Regex> && !std::is_copy_assignable_v<Regex>);
+static_assert(!std::is_copy_constructible_v<RegexHandle> && !std::is_copy_assignable_v<RegexHandle>);
+static_assert(!std::is_polymorphic_v<Regex>);
 
-TEST(Regex, ownsItsExpressionAlone) {
-    static_assert(std::is_base_of_v<RegexHandle, Regex> && sizeof(Regex) == sizeof(RegexHandle));
-    static_assert(!std::is_copy_constructible_v<Regex> && !std::is_copy_assignable_v<Regex>);
-    static_assert(!std::is_copy_constructible_v<RegexHandle> && !std::is_copy_assignable_v<RegexHandle>);
-    static_assert(!std::is_polymorphic_v<Regex>);
-}
-
-TEST(Regex, rowsOfItsFamilyWhichHasNoParent) {
+TEST(Regex, reportsHaveTheirTextsAndNoParentFamily) {
     EXPECT_EQ("Syntax error in regular expression: x", rowText(Regex::ErrorId::SYNTAX_ERROR, "x"));
     EXPECT_EQ(
         "Memory exhausted in regular expression handling: x", rowText(Regex::ErrorId::OUT_OF_MEMORY, "x"));
@@ -104,49 +89,38 @@ TEST(Regex, rowsOfItsFamilyWhichHasNoParent) {
     Regex regex;
     EXPECT_EQ(1, regex.compile("(", 0));
     EXPECT_TRUE(std::ErrorStorage::isA(Regex::Error));
-    EXPECT_FALSE(std::ErrorStorage::isA(SysError));
+    EXPECT_FALSE(std::ErrorStorage::isA(vesk::SysError));
     std::ErrorStorage::ack();
 }
 
-// ---- compiling ----
-
-TEST(Regex, isNotValidBeforeItIsCompiled) {
+TEST(Regex, isNotValidBeforeTheFirstCompile) {
     Regex const regex;
     EXPECT_FALSE(regex.isValid());
     EXPECT_EQ(0u, regex.getSubMatchCount());
 }
 
-struct FlagsRow {
-    unsigned int flags;
-    int system_flags;
-};
+class RegexFlags : public testing::TestWithParam<std::pair<unsigned int, int>> {};
 
-void PrintTo(FlagsRow const& row, std::ostream* out) {
-    *out << row.flags;
-}
-
-class RegexFlags : public testing::TestWithParam<FlagsRow> {};
-
-TEST_P(RegexFlags, becomeTheSystems) {
+TEST_P(RegexFlags, becomeTheFlagsOfTheSystem) {
     Regex regex;
-    EXPECT_EQ(0, regex.compile("a", GetParam().flags));
-    EXPECT_EQ(GetParam().system_flags, s_flags);
+    EXPECT_EQ(0, regex.compile("a", GetParam().first));
+    EXPECT_EQ(GetParam().second, s_flags);
     EXPECT_TRUE(regex.isValid());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, RegexFlags,
     testing::Values(
-        FlagsRow{0, REG_EXTENDED | REG_NOSUB}, FlagsRow{1, REG_EXTENDED | REG_NOSUB | REG_ICASE},
-        FlagsRow{2, REG_EXTENDED}, FlagsRow{3, REG_EXTENDED | REG_ICASE},
-        FlagsRow{0xFFFFFFFC, REG_EXTENDED | REG_NOSUB}));
+        std::pair(0u, REG_EXTENDED | REG_NOSUB), std::pair(1u, REG_EXTENDED | REG_NOSUB | REG_ICASE),
+        std::pair(2u, REG_EXTENDED), std::pair(3u, REG_EXTENDED | REG_ICASE),
+        std::pair(0xFFFFFFFCu, REG_EXTENDED | REG_NOSUB)));
 
 TEST(Regex, flagsHaveTheirNumbers) {
     EXPECT_EQ(1, Regex::IGNORE_CASE);
     EXPECT_EQ(2, Regex::SUB_MATCHES);
 }
 
-TEST(Regex, compilingTwiceFreesTheFirstExpression) {
+TEST(Regex, secondCompileFreesTheFirstExpression) {
     Regex regex;
     ASSERT_EQ(0, regex.compile("a", 0));
     s_frees = 0;
@@ -156,7 +130,7 @@ TEST(Regex, compilingTwiceFreesTheFirstExpression) {
     EXPECT_EQ(0, regex.match("b"));
 }
 
-TEST(Regex, endFreesTheExpression) {
+TEST(Regex, destructorFreesTheExpressionIfThereIsOne) {
     s_frees = 0;
     {
         Regex regex;
@@ -169,75 +143,63 @@ TEST(Regex, endFreesTheExpression) {
         EXPECT_EQ(1, failed.compile("(", 0));
         std::ErrorStorage::ack();
     }
-    EXPECT_EQ(1, s_frees) << "without an expression there is nothing to free";
-}
-
-TEST(Regex, compilingThatFailsLeavesNothingToMatch) {
-    Regex regex;
-    EXPECT_EQ(1, regex.compile("(", 0));
-    EXPECT_FALSE(regex.isValid());
-    EXPECT_TRUE(chainIs({reportOf(0, REG_EPAREN)}));
-}
-
-TEST(Regex, compilingThatFailsLeavesNothingOfAnEarlierExpression) {
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("a", Regex::SUB_MATCHES));
-    s_frees = 0;
-    EXPECT_EQ(1, regex.compile("(", Regex::SUB_MATCHES));
-    EXPECT_EQ(1, s_frees);
-    EXPECT_FALSE(regex.isValid());
-    EXPECT_EQ(0u, regex.getSubMatchCount());
-    std::ErrorStorage::ack();
-    EXPECT_EQ(-1, regex.match("a"));
-    EXPECT_TRUE(chainIs({misuse(INVALID)}));
-    EXPECT_EQ(0, regex.compile("a", 0));
-    EXPECT_EQ(0, regex.match("a"));
     EXPECT_EQ(1, s_frees);
 }
 
-struct PatternRow {
-    char const* pattern;
-    int code;
-};
-
-void PrintTo(PatternRow const& row, std::ostream* out) {
-    *out << row.pattern;
+TEST(Regex, failedCompileDiscardsAnEarlierExpression) {
+    for (char const* const pattern : {"(", static_cast<char const*>(nullptr)}) {
+        Regex regex;
+        ASSERT_EQ(0, regex.compile("a", Regex::SUB_MATCHES));
+        s_frees = 0;
+        EXPECT_EQ(1, regex.compile(pattern, Regex::SUB_MATCHES));
+        EXPECT_EQ(1, s_frees);
+        EXPECT_FALSE(regex.isValid());
+        EXPECT_EQ(0u, regex.getSubMatchCount());
+        EXPECT_TRUE(
+            pattern == nullptr ? isContractBroken("NULL pointer given for pattern")
+                               : chainIs({reportOf(Regex::ErrorId::SYNTAX_ERROR, REG_EPAREN)}));
+        EXPECT_EQ(-1, regex.match("a"));
+        EXPECT_TRUE(isContractBroken(INVALID));
+        EXPECT_EQ(0, regex.compile("a", 0));
+        EXPECT_EQ(0, regex.match("a"));
+        EXPECT_EQ(1, s_frees);
+    }
 }
 
-class RegexPatterns : public testing::TestWithParam<PatternRow> {};
+class RegexPatterns : public testing::TestWithParam<std::pair<char const*, int>> {};
 
-TEST_P(RegexPatterns, areWrong) {
+TEST_P(RegexPatterns, areSyntaxErrors) {
     Regex regex;
-    EXPECT_EQ(1, regex.compile(GetParam().pattern, 0));
-    EXPECT_TRUE(chainIs({reportOf(0, GetParam().code)}));
+    EXPECT_EQ(1, regex.compile(GetParam().first, 0));
+    EXPECT_FALSE(regex.isValid());
+    EXPECT_TRUE(chainIs({reportOf(Regex::ErrorId::SYNTAX_ERROR, GetParam().second)}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, RegexPatterns,
     testing::Values(
-        PatternRow{"(a", REG_EPAREN}, PatternRow{"[a", REG_EBRACK}, PatternRow{"[[:nothing:]]", REG_ECTYPE},
-        PatternRow{"[b-a]", REG_ERANGE}, PatternRow{"a\\", REG_EESCAPE}, PatternRow{"a{2,1}", REG_BADBR},
-        PatternRow{"(a)\\2", REG_ESUBREG}));
+        std::pair("(a", REG_EPAREN), std::pair("[a", REG_EBRACK), std::pair("[[:nothing:]]", REG_ECTYPE),
+        std::pair("[b-a]", REG_ERANGE), std::pair("a\\", REG_EESCAPE), std::pair("a{2,1}", REG_BADBR),
+        std::pair("(a)\\2", REG_ESUBREG), std::pair("(", REG_EPAREN)));
 
-TEST(Regex, wrongExpressionIsReportedOnTopOfWhatIsPending) {
-    std::ErrorOutput("test", 1, true)(SysErrorId::INVALID_PARAMETER, "before");
+TEST(Regex, syntaxErrorIsReportedOnTopOfPendingReports) {
+    ExpectedReport const before = reportBefore();
     Regex regex;
     EXPECT_EQ(1, regex.compile("(", 0));
-    EXPECT_TRUE(chainIs(
-        {{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "before")},
-         reportOf(0, REG_EPAREN)}));
+    EXPECT_TRUE(chainIs({before, reportOf(Regex::ErrorId::SYNTAX_ERROR, REG_EPAREN)}));
 }
 
 class RegexMemory : public testing::TestWithParam<int> {};
 
-TEST_P(RegexMemory, exhaustionHasReportsOfItsOwn) {
-    std::ErrorOutput("test", 1, true)(SysErrorId::INVALID_PARAMETER, "before");
+TEST_P(RegexMemory, exhaustionOpensAChain) {
+    reportBefore();
     Regex regex;
     {
         Fault const fault(inject_regcomp, GetParam());
         EXPECT_EQ(1, regex.compile("a", 0));
     }
-    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}, reportOf(1, GetParam())}));
+    EXPECT_TRUE(
+        chainIs({std::CommonErrorId::OUT_OF_MEMORY, reportOf(Regex::ErrorId::OUT_OF_MEMORY, GetParam())}));
     EXPECT_FALSE(regex.isValid());
 }
 
@@ -246,124 +208,97 @@ INSTANTIATE_TEST_SUITE_P(All, RegexMemory, testing::Values(REG_ESPACE, REG_ESIZE
 TEST(Regex, expressionTooLargeForTheSystemIsExhaustion) {
     Regex regex;
     EXPECT_EQ(1, regex.compile("a{40000}", 0));
-    EXPECT_TRUE(std::ErrorStorage::isA(Regex::Error));
-    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}, {Regex::Error, Regex::ErrorId::OUT_OF_MEMORY}}));
+    EXPECT_TRUE(chainIs({std::CommonErrorId::OUT_OF_MEMORY, Regex::ErrorId::OUT_OF_MEMORY}));
 }
 
-TEST(Regex, compilingNullFailsAndLeavesNothingOfAnEarlierExpression) {
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("a", 0));
-    s_frees = 0;
-    EXPECT_EQ(1, regex.compile(nullptr, 0));
-    EXPECT_EQ(1, s_frees);
-    EXPECT_FALSE(regex.isValid());
-    EXPECT_TRUE(chainIs({misuse("NULL pointer given for pattern")}));
-}
+struct MatchRow : NamedRow {
+    char const* pattern;
+    unsigned int flags;
+    char const* subject;
+    int result;
+};
 
-// ---- matching ----
+class RegexMatch : public testing::TestWithParam<MatchRow> {};
 
-TEST(Regex, tellsWhetherItMatches) {
+TEST_P(RegexMatch, returnsWhetherTheSubjectMatchesAndReportsNothing) {
     Regex regex;
-    ASSERT_EQ(0, regex.compile("^a+b$", 0));
-    EXPECT_EQ(0, regex.match("aaab"));
-    EXPECT_EQ(1, regex.match("aaabc"));
-    EXPECT_EQ(1, regex.match(""));
-    EXPECT_TRUE(chainIs({})) << "no match is an ordinary answer";
-}
-
-TEST(Regex, emptyExpressionMatchesEverything) {
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("", 0));
-    EXPECT_EQ(0, regex.match(""));
-    EXPECT_EQ(0, regex.match("abc"));
-}
-
-TEST(Regex, caseCountsUnlessItIsIgnored) {
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("Abc", 0));
-    EXPECT_EQ(1, regex.match("aBC"));
-    ASSERT_EQ(0, regex.compile("Abc", Regex::IGNORE_CASE));
-    EXPECT_EQ(0, regex.match("aBC"));
-}
-
-TEST(Regex, tellsWhatMatchedWhere) {
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("v([0-9]+)\\.([0-9]+)", Regex::SUB_MATCHES));
-    EXPECT_EQ(3u, regex.getSubMatchCount());
-    char const* const subject = "lib v12.345 beta";
-    SubMatch found[3];
-    ASSERT_EQ(0, regex.match(subject, found));
-    EXPECT_TRUE(found[0].isSet() && found[1].isSet() && found[2].isSet());
-    EXPECT_EQ(4u, found[0].getPosition());
-    EXPECT_EQ(7u, found[0].getLength());
-    EXPECT_EQ(5u, found[1].getPosition());
-    EXPECT_EQ(2u, found[1].getLength());
-    EXPECT_EQ(8u, found[2].getPosition());
-    EXPECT_EQ(3u, found[2].getLength());
-    EXPECT_EQ("v12.345", found[0].in(subject));
-    EXPECT_EQ("12", found[1].in(subject));
-    EXPECT_EQ("345", found[2].in(subject));
-}
-
-TEST(Regex, emptySubMatchIsSet) {
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("a(b*)c", Regex::SUB_MATCHES));
-    SubMatch found[2];
-    ASSERT_EQ(0, regex.match("xac", found));
-    EXPECT_TRUE(found[1].isSet());
-    EXPECT_EQ(2u, found[1].getPosition());
-    EXPECT_EQ(0u, found[1].getLength());
-    EXPECT_EQ("", found[1].in("xac"));
-}
-
-TEST(Regex, partThatTookNoPartIsNotSet) {
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("(a)|(b)", Regex::SUB_MATCHES));
-    SubMatch found[3];
-    ASSERT_EQ(0, regex.match("b", found));
-    EXPECT_TRUE(found[0].isSet());
-    EXPECT_FALSE(found[1].isSet());
-    EXPECT_EQ(nullptr, found[1].in("b").data());
-    EXPECT_TRUE(found[2].isSet());
-}
-
-TEST(Regex, subMatchesThatTheExpressionDoesNotHaveAreNotSet) {
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("b", Regex::SUB_MATCHES));
-    EXPECT_EQ(1u, regex.getSubMatchCount());
-    SubMatch found[4];
-    ASSERT_EQ(0, regex.match("abc", found));
-    EXPECT_EQ(1u, found[0].getPosition());
-    EXPECT_FALSE(found[1].isSet() || found[2].isSet() || found[3].isSet());
-}
-
-TEST(Regex, fewerSubMatchesThanTheExpressionHasMayBeWanted) {
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("(a)(b)(c)", Regex::SUB_MATCHES));
-    std::vector<SubMatch> found(3);
-    ASSERT_EQ(0, regex.match("abc", found.data(), 2));
-    EXPECT_EQ(2u, s_room);
-    EXPECT_TRUE(found[0].isSet() && found[1].isSet());
-    EXPECT_FALSE(found[2].isSet());
-}
-
-TEST(Regex, subMatchesOfAnEarlierMatchAreGoneWhenNothingMatches) {
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("(a)", Regex::SUB_MATCHES));
-    SubMatch found[2];
-    ASSERT_EQ(0, regex.match("a", found));
-    EXPECT_EQ(1, regex.match("b", found));
-    EXPECT_FALSE(found[0].isSet() || found[1].isSet());
+    ASSERT_EQ(0, regex.compile(GetParam().pattern, GetParam().flags));
+    EXPECT_EQ(GetParam().result, regex.match(GetParam().subject));
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(Regex, freshSubMatchIsNotSet) {
+INSTANTIATE_TEST_SUITE_P(
+    All, RegexMatch,
+    rowsOf<MatchRow>({
+        {"match", "^a+b$", 0, "aaab", 0},
+        {"noMatch", "^a+b$", 0, "aaabc", 1},
+        {"emptySubject", "^a+b$", 0, "", 1},
+        {"emptyPatternAndSubject", "", 0, "", 0},
+        {"emptyPattern", "", 0, "abc", 0},
+        {"otherCase", "Abc", 0, "aBC", 1},
+        {"ignoredCase", "Abc", Regex::IGNORE_CASE, "aBC", 0},
+    }),
+    byName);
+
+struct SubMatchRow : NamedRow {
+    char const* pattern;
+    char const* subject;
+    unsigned int count; ///< Sub-matches of the expression.
+    /// "position+length text" of each requested sub-match, "" for one that is not set.
+    std::vector<std::string> found;
+};
+
+class RegexSubMatches : public testing::TestWithParam<SubMatchRow> {};
+
+TEST_P(RegexSubMatches, haveTheirPositionLengthAndText) {
+    auto const& row = GetParam();
+    Regex regex;
+    ASSERT_EQ(0, regex.compile(row.pattern, Regex::SUB_MATCHES));
+    EXPECT_EQ(row.count, regex.getSubMatchCount());
+    std::vector<SubMatch> matches(row.found.size());
+    ASSERT_EQ(0, regex.match(row.subject, matches.data(), static_cast<unsigned int>(matches.size())));
+    std::vector<std::string> found;
+    for (SubMatch const& match : matches) {
+        std::string const text(match.in(row.subject));
+        std::string const place =
+            std::to_string(match.getPosition()) + "+" + std::to_string(match.getLength());
+        found.push_back(match.isSet() ? place + " " + text : text);
+        EXPECT_EQ(match.isSet(), match.in(row.subject).data() != nullptr);
+    }
+    EXPECT_EQ(row.found, found);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, RegexSubMatches,
+    rowsOf<SubMatchRow>({
+        {"all", "v([0-9]+)\\.([0-9]+)", "lib v12.345 beta", 3, {"4+7 v12.345", "5+2 12", "8+3 345"}},
+        {"empty", "a(b*)c", "xac", 2, {"1+2 ac", "2+0 "}},
+        {"otherAlternativeIsNotSet", "(a)|(b)", "b", 3, {"0+1 b", "", "0+1 b"}},
+        {"moreThanTheExpressionHas", "b", "abc", 1, {"1+1 b", "", "", ""}},
+        {"fewerThanTheExpressionHas", "(a)(b)(c)", "abc", 4, {"0+3 abc", "0+1 a"}},
+    }),
+    byName);
+
+TEST(Regex, onlyRequestedSubMatchesAreSet) {
+    Regex regex;
+    ASSERT_EQ(0, regex.compile("(a)(b)(c)", Regex::SUB_MATCHES));
+    SubMatch found[3];
+    ASSERT_EQ(0, regex.match("abc", found, 2));
+    EXPECT_EQ(2u, s_room);
+    EXPECT_TRUE(found[0].isSet() && found[1].isSet());
+    EXPECT_FALSE(found[2].isSet());
+    EXPECT_EQ(1, regex.match("b", found));
+    EXPECT_FALSE(found[0].isSet() || found[1].isSet()) << "those of the earlier match are cleared";
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST(Regex, newSubMatchIsNotSet) {
     SubMatch const nothing;
     EXPECT_FALSE(nothing.isSet());
     EXPECT_EQ("", nothing.in("abc"));
 }
 
-TEST(Regex, withoutSubMatchesTheyCannotBeHad) {
+TEST(Regex, subMatchesAreRefusedIfTheExpressionWasCompiledWithoutThem) {
     Regex regex;
     ASSERT_EQ(0, regex.compile("(a)", Regex::IGNORE_CASE));
     EXPECT_EQ(0u, regex.getSubMatchCount());
@@ -371,12 +306,12 @@ TEST(Regex, withoutSubMatchesTheyCannotBeHad) {
     Fault const fault(inject_regexec, 0);
     EXPECT_EQ(-1, regex.match("a", found));
     EXPECT_EQ(0, fault.getCalls());
-    EXPECT_TRUE(chainIs({misuse(UNFIT)}));
+    EXPECT_TRUE(isContractBroken(UNFIT));
     EXPECT_FALSE(found[0].isSet());
-    EXPECT_EQ(0, regex.match("a")) << "it is as good as before for all else";
+    EXPECT_EQ(0, regex.match("a")) << "the expression stays usable";
 }
 
-TEST(Regex, noneWantedIsAlwaysPossible) {
+TEST(Regex, zeroSubMatchesAreAlwaysAccepted) {
     Regex regex;
     for (unsigned int const flags : {0U, 2U}) {
         ASSERT_EQ(0, regex.compile("(a)", flags));
@@ -389,89 +324,79 @@ TEST(Regex, noneWantedIsAlwaysPossible) {
     }
 }
 
-TEST(Regex, matchingWithoutAnExpressionFails) {
+TEST(Regex, matchWithoutAnExpressionFails) {
     Regex const regex;
     Fault const fault(inject_regexec, 0);
     EXPECT_EQ(-1, regex.match("a"));
-    EXPECT_TRUE(chainIs({misuse(INVALID)}));
+    EXPECT_TRUE(isContractBroken(INVALID));
     SubMatch found[2];
     EXPECT_EQ(-1, regex.match("a", found));
-    EXPECT_TRUE(chainIs({misuse(INVALID)}));
+    EXPECT_TRUE(isContractBroken(INVALID));
     EXPECT_EQ(0, fault.getCalls());
 }
 
-TEST(Regex, matchingNullFails) {
+TEST(Regex, matchOfNullFails) {
     Regex regex;
     ASSERT_EQ(0, regex.compile("a", 0));
     EXPECT_EQ(-1, regex.match(nullptr));
-    EXPECT_TRUE(chainIs({misuse("NULL pointer given for subject")}));
+    EXPECT_TRUE(isContractBroken("NULL pointer given for subject"));
 }
 
 class RegexCodes : public testing::TestWithParam<int> {};
 
-TEST_P(RegexCodes, ofMatchingAreReported) {
-    std::ErrorOutput("test", 1, true)(SysErrorId::INVALID_PARAMETER, "before");
+TEST_P(RegexCodes, failedMatchIsReported) {
+    reportBefore();
     Regex regex;
     ASSERT_EQ(0, regex.compile("(a)", Regex::SUB_MATCHES));
     SubMatch found[2];
     ASSERT_EQ(0, regex.match("a", found));
     Fault const fault(inject_regexec, GetParam(), 1, 2);
     EXPECT_EQ(-1, regex.match("a"));
-    EXPECT_TRUE(chainIs({reportOf(2, GetParam())}));
+    EXPECT_TRUE(chainIs({reportOf(Regex::ErrorId::MATCH_FAILED, GetParam())}));
     EXPECT_EQ(-1, regex.match("a", found));
-    EXPECT_TRUE(chainIs({reportOf(2, GetParam())}));
+    EXPECT_TRUE(chainIs({reportOf(Regex::ErrorId::MATCH_FAILED, GetParam())}));
     EXPECT_FALSE(found[0].isSet());
     EXPECT_EQ(0, regex.match("a"));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, RegexCodes, testing::Values(REG_ESPACE, REG_ESIZE, REG_BADPAT, REG_EPAREN));
 
-TEST(Regex, threadsMayMatchWithOneObject) {
+TEST(Regex, objectCanBeUsedByManyThreads) {
     Regex regex;
     ASSERT_EQ(0, regex.compile("([a-z]+)=([0-9]+)", Regex::SUB_MATCHES));
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&regex, i] {
-            std::string const subject = "key=" + std::to_string(i);
-            for (int round = 0; round < 100; ++round) {
-                SubMatch found[3];
-                EXPECT_EQ(0, regex.match(subject.c_str(), found));
-                EXPECT_EQ(std::to_string(i), found[2].in(subject.c_str()));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runInThreads(4, [&regex](int number) {
+        std::string const subject = "key=" + std::to_string(number);
+        for (int round = 0; round < 100; ++round) {
+            SubMatch found[3];
+            EXPECT_EQ(0, regex.match(subject.c_str(), found));
+            EXPECT_EQ(std::to_string(number), found[2].in(subject.c_str()));
+        }
+    });
 }
 
-// ---- what a failed match means ----
+/// Expects the report of a failed match.
+void expectMatchError(RegexHandle const& handle, bool sub_matches_wanted, char const* misuse) {
+    EXPECT_EQ(-1, handle.handleMatchError(REG_ESPACE, sub_matches_wanted));
+    EXPECT_TRUE(
+        misuse != nullptr ? isContractBroken(misuse)
+                          : chainIs({reportOf(Regex::ErrorId::MATCH_FAILED, REG_ESPACE)}));
+}
 
-TEST(RegexHandle, handlesAFailureOfAFitExpression) {
+TEST(RegexHandle, matchErrorsDependOnTheFlagsOfTheExpression) {
     Regex regex;
     ASSERT_EQ(0, regex.compile("a", Regex::SUB_MATCHES));
-    EXPECT_EQ(-1, regex.handleMatchError(REG_ESPACE, false));
-    EXPECT_TRUE(chainIs({reportOf(2, REG_ESPACE)}));
-    EXPECT_EQ(-1, regex.handleMatchError(REG_ESPACE, true));
-    EXPECT_TRUE(chainIs({reportOf(2, REG_ESPACE)}));
-}
-
-TEST(RegexHandle, handlesAnExpressionWithoutSubMatches) {
-    Regex regex;
+    expectMatchError(regex, false, nullptr);
+    expectMatchError(regex, true, nullptr);
     ASSERT_EQ(0, regex.compile("a", 0));
-    EXPECT_EQ(-1, regex.handleMatchError(REG_ESPACE, false));
-    EXPECT_TRUE(chainIs({reportOf(2, REG_ESPACE)}));
-    EXPECT_EQ(-1, regex.handleMatchError(REG_ESPACE, true));
-    EXPECT_TRUE(chainIs({misuse(UNFIT)}));
+    expectMatchError(regex, false, nullptr);
+    expectMatchError(regex, true, UNFIT);
 }
 
-TEST(RegexHandle, handlesTheLackOfAnExpression) {
+TEST(RegexHandle, matchErrorWithoutAnExpressionIsABrokenContract) {
     RegexHandle const handle;
     EXPECT_FALSE(handle.isValid());
-    for (bool const sub_matches_wanted : {false, true}) {
-        EXPECT_EQ(-1, handle.handleMatchError(REG_ESPACE, sub_matches_wanted));
-        EXPECT_TRUE(chainIs({misuse(INVALID)}));
-    }
+    expectMatchError(handle, false, INVALID);
+    expectMatchError(handle, true, INVALID);
 }
 
 } // namespace

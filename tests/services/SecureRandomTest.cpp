@@ -1,36 +1,29 @@
-#include "support/Chain.h"
+#include "support/ErrnoCases.h"
 #include "support/Inject.h"
+#include "support/NamedRow.h"
+#include "support/RunInThreads.h"
 #include "support/TempFolder.h"
 
-#include <vesk/FileAccessError.h>
 #include <vesk/SecureRandom.h>
 #include <vesk/StreamBinFileR.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/CommonError.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
-#include <string>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 namespace {
 
-// The file that stands for the devices, the device that was asked for, and how.
+// The file that replaces the devices, and the device and flags of the last open.
 char const* s_device = nullptr;
 std::string s_path;
 int s_flags = 0;
-// How much one read gives; 0 is as much as there is.
+// The most bytes of one read; 0 is no limit.
 size_t s_most = 0;
 
-VESK_UNWATCHED char const* standIn(char const* path, int flags) {
+VESK_UNWATCHED char const* replaceDevice(char const* path, int flags) {
     if (s_device == nullptr) {
         return path;
     }
@@ -41,7 +34,7 @@ VESK_UNWATCHED char const* standIn(char const* path, int flags) {
 
 } // namespace
 
-VESK_INJECT_OPEN(path = standIn(path, flags))
+VESK_INJECT_OPEN(path = replaceDevice(path, flags))
 
 support::Injected inject_read("read");
 extern "C" VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {
@@ -56,20 +49,11 @@ extern "C" VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {
 
 namespace {
 
-using std::CommonError;
-namespace CommonErrorId = std::CommonErrorId;
-using support::chainIs;
-using support::Fault;
-using support::rowText;
-using support::systemText;
-using vesk::FileAccessError;
-using vesk::SecureRandom;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
-
+using namespace support;
+using namespace vesk;
 using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 
-/// A file of the test's own in place of the devices, with the bytes "0123456789ABCDEF".
+/// Replaces the devices by a file with the bytes "0123456789ABCDEF".
 class FakeDevice {
 public:
     FakeDevice() : m_file(m_folder.makeFile("device", "0123456789ABCDEF")) { s_device = m_file.c_str(); }
@@ -82,11 +66,11 @@ public:
     FakeDevice& operator=(FakeDevice const&) = delete;
 
 private:
-    support::TempFolder m_folder;
+    TempFolder m_folder;
     std::string m_file;
 };
 
-/// Sixteen bytes that no device gives.
+/// Sixteen bytes that are not in the fake device.
 struct Block {
     Block() { memset(bytes, '.', sizeof bytes); }
     std::string getText() const { return {bytes, bytes + sizeof bytes}; }
@@ -100,92 +84,85 @@ bool areDifferent(std::vector<unsigned long long> values) {
 }
 
 TEST(SecureRandom, isAStreamWithoutFieldsOfItsOwn) {
-    static_assert(std::is_base_of_v<vesk::StreamBinFileR, SecureRandom>);
-    static_assert(sizeof(SecureRandom) == sizeof(vesk::StreamBinFileR));
-    SecureRandom const random(false);
+    static_assert(std::is_base_of_v<StreamBinFileR, SecureRandom>);
+    static_assert(sizeof(SecureRandom) == sizeof(StreamBinFileR));
+    SecureRandom random(false);
     EXPECT_FALSE(random.isInputBuffered());
-    vesk::StreamBinFileR const& base = random;
+    StreamBinFileR const& base = random;
     EXPECT_TRUE(base.isValid());
+    EXPECT_FALSE(random.close());
+    EXPECT_FALSE(random.isValid());
 }
 
-TEST(SecureRandom, opensTheDeviceThatWaitsWhenItIsToBeStrong) {
+class SecureRandomOpen : public testing::TestWithParam<std::pair<bool, char const*>> {};
+
+TEST_P(SecureRandomOpen, usesTheDeviceOfTheRequestedStrength) {
     FakeDevice const device;
-    SecureRandom const random(true);
-    EXPECT_EQ("/dev/random", s_path);
+    SecureRandom const random(GetParam().first);
+    EXPECT_EQ(GetParam().second, s_path);
     EXPECT_EQ(O_RDONLY, s_flags & (O_ACCMODE | O_NONBLOCK | O_CREAT));
     EXPECT_TRUE(random.isValid());
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(SecureRandom, opensTheDeviceThatDoesNotWaitOtherwise) {
-    FakeDevice const device;
-    SecureRandom const random(false);
-    EXPECT_EQ("/dev/urandom", s_path);
-    EXPECT_EQ(O_RDONLY, s_flags & (O_ACCMODE | O_NONBLOCK | O_CREAT));
-    EXPECT_TRUE(random.isValid());
-    EXPECT_TRUE(chainIs({}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, SecureRandomOpen, testing::Values(std::pair(true, "/dev/random"), std::pair(false, "/dev/urandom")));
 
-struct OpenRow {
-    int error;
-    int sys_id;
-    int access_id;
-};
+class SecureRandomErrnos : public testing::TestWithParam<ErrnoCase> {};
 
-void PrintTo(OpenRow const& row, std::ostream* out) {
-    *out << strerror(row.error);
-}
-
-class SecureRandomErrnos : public testing::TestWithParam<OpenRow> {};
-
-TEST_P(SecureRandomErrnos, ofOpeningLeaveItInvalidAndPending) {
+TEST_P(SecureRandomErrnos, failedOpenIsReportedAndTheObjectIsInvalid) {
     auto const random = [] {
         Fault const fault(inject_open, GetParam().error);
         return std::make_unique<SecureRandom>(false);
     }();
     EXPECT_FALSE(random->isValid());
-    EXPECT_TRUE(chainIs(
-        {{SysError, GetParam().sys_id, rowText(SysError, GetParam().sys_id, systemText(GetParam().error))},
-         {FileAccessError, GetParam().access_id,
-          rowText(FileAccessError, GetParam().access_id, "/dev/urandom")}}));
+    EXPECT_TRUE(GetParam().isPending("/dev/urandom"));
     unsigned char value = 7;
     EXPECT_TRUE(random->getRandByte(value));
     EXPECT_EQ(7, value);
-    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}, {std::IBinStreamBase::StreamErrorId::UNUSABLE}}));
+    EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN, StreamErrorId::UNUSABLE}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, SecureRandomErrnos,
-    testing::Values(
-        OpenRow{ENOENT, 2, 0}, OpenRow{EACCES, 7, 3}, OpenRow{EMFILE, 0, 6}, OpenRow{ENXIO, 16, 8},
-        OpenRow{ENOMEM, 1, 9}));
+    eachErrno({
+        {{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+        {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+        {{EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
+        {{ENXIO}, SysErrorId::NO_DEVICE, FileAccessErrorId::NO_DEVICE},
+        {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
+    }));
 
-TEST(SecureRandom, isNotValidWhenItIsClosed) {
-    SecureRandom random(false);
-    EXPECT_TRUE(random.isValid());
-    EXPECT_FALSE(random.close());
-    EXPECT_FALSE(random.isValid());
-}
+struct ReadRow : NamedRow {
+    size_t most; ///< Bytes per read.
+    unsigned int size;
+    int error; ///< Of the second read.
+    int calls;
+    char const* text;
+};
 
-TEST(SecureRandom, givesTheBytesOfTheDeviceInTheirOrder) {
+class SecureRandomReads : public testing::TestWithParam<ReadRow> {};
+
+TEST_P(SecureRandomReads, fillTheBufferInTheOrderOfTheDevice) {
     FakeDevice const device;
     SecureRandom random(false);
+    s_most = GetParam().most;
     Block block;
-    EXPECT_FALSE(random.getRandData(block.bytes, 5));
-    EXPECT_EQ("01234...........", block.getText());
+    Fault const calls(inject_read, GetParam().error, 2, 2);
+    EXPECT_FALSE(random.getRandData(block.bytes, GetParam().size));
+    EXPECT_EQ(GetParam().calls, calls.getCalls());
+    EXPECT_EQ(GetParam().text, block.getText());
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(SecureRandom, readsAsOftenAsItTakes) {
-    FakeDevice const device;
-    SecureRandom random(false);
-    s_most = 3;
-    Block block;
-    Fault const calls(inject_read, 0);
-    EXPECT_FALSE(random.getRandData(block.bytes, 10));
-    EXPECT_EQ(4, calls.getCalls());
-    EXPECT_EQ("0123456789......", block.getText());
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, SecureRandomReads,
+    rowsOf<ReadRow>({
+        {"one", 0, 5, 0, 1, "01234..........."},
+        {"many", 3, 10, 0, 4, "0123456789......"},
+        {"interrupted", 3, 6, EINTR, 4, "012345.........."},
+    }),
+    byName);
 
 TEST(SecureRandom, sizeOfZeroReadsNothing) {
     SecureRandom random(false);
@@ -200,7 +177,7 @@ TEST(SecureRandom, sizeOfZeroReadsNothing) {
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(SecureRandom, whatWasReadBeforeAFailureStaysInTheBuffer) {
+TEST(SecureRandom, failedReadKeepsTheBytesReadBefore) {
     FakeDevice const device;
     SecureRandom random(false);
     s_most = 3;
@@ -210,38 +187,28 @@ TEST(SecureRandom, whatWasReadBeforeAFailureStaysInTheBuffer) {
     EXPECT_EQ("012345..........", block.getText());
     EXPECT_TRUE(chainIs(
         {{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))},
-         {std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
+         StreamErrorId::TRANSFER_FAILED}));
     EXPECT_TRUE(random.isValid()) << "the next try may succeed";
     EXPECT_FALSE(random.getRandData(block.bytes, 3));
     EXPECT_EQ("678345..........", block.getText());
 }
 
-TEST(SecureRandom, signalDoesNotEndIt) {
-    FakeDevice const device;
-    SecureRandom random(false);
-    s_most = 3;
-    Block block;
-    Fault const fault(inject_read, EINTR, 2, 2);
-    EXPECT_FALSE(random.getRandData(block.bytes, 6));
-    EXPECT_EQ("012345..........", block.getText());
-}
-
-TEST(SecureRandom, deviceThatEndsIsAFailure) {
+TEST(SecureRandom, endOfTheDeviceIsAFailure) {
     FakeDevice const device;
     SecureRandom random(false);
     Block block;
     EXPECT_FALSE(random.getRandData(block.bytes, 14));
     EXPECT_TRUE(random.getRandData(block.bytes, 10));
     EXPECT_EQ("EF", block.getText().substr(0, 2));
-    EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
+    EXPECT_TRUE(chainIs({StreamErrorId::END_OF_STREAM}));
 }
 
-TEST(SecureRandom, bufferThatIsNoneIsRefusedByTheSystem) {
+TEST(SecureRandom, nullBufferIsRefusedByTheSystem) {
     SecureRandom random(false);
     EXPECT_TRUE(random.getRandData(nullptr, 4));
     EXPECT_TRUE(chainIs(
         {{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EFAULT))},
-         {std::IBinStreamBase::StreamErrorId::UNCLASSIFIED}}));
+         StreamErrorId::UNCLASSIFIED}));
 }
 
 TEST(SecureRandom, numbersAreFilledInMemoryOrder) {
@@ -258,22 +225,20 @@ TEST(SecureRandom, numbersAreFilledInMemoryOrder) {
     EXPECT_EQ(0, memcmp(&long_word, "56789ABC", 8));
     // Three bytes are left.
     EXPECT_TRUE(random.getRandUInt32(word));
-    EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
+    EXPECT_TRUE(chainIs({StreamErrorId::END_OF_STREAM}));
     EXPECT_EQ(0, memcmp(&word, "DEF4", 4));
     EXPECT_TRUE(random.getRandUInt64(long_word));
-    EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
+    EXPECT_TRUE(chainIs({StreamErrorId::END_OF_STREAM}));
 }
 
-TEST(SecureRandom, qualityIsNothing) {
+TEST(SecureRandom, qualityIsZero) {
     SecureRandom const random(false);
     EXPECT_EQ(0, random.GetQuality());
 }
 
-// ---- the kernel's devices ----
-
 class SecureRandomDevices : public testing::TestWithParam<bool> {};
 
-TEST_P(SecureRandomDevices, giveWhatNobodyGuesses) {
+TEST_P(SecureRandomDevices, returnDifferentNumbersAndEvenlySetBits) {
     SecureRandom random(GetParam());
     ASSERT_TRUE(random.isValid());
     std::vector<unsigned long long> values(100);
@@ -296,18 +261,12 @@ INSTANTIATE_TEST_SUITE_P(All, SecureRandomDevices, testing::Bool(), [](auto cons
     return row.param ? "strong" : "fast";
 });
 
-TEST(SecureRandom, threadsUseObjectsOfTheirOwn) {
+TEST(SecureRandom, objectsOfDifferentThreadsReturnDifferentNumbers) {
     std::vector<unsigned long long> values(8);
-    std::vector<std::thread> threads;
-    for (unsigned long long& value : values) {
-        threads.emplace_back([&value] {
-            SecureRandom random(false);
-            EXPECT_FALSE(random.getRandUInt64(value));
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runInThreads(8, [&values](int number) {
+        SecureRandom random(false);
+        EXPECT_FALSE(random.getRandUInt64(values[static_cast<size_t>(number)]));
+    });
     EXPECT_TRUE(areDifferent(values));
 }
 

@@ -1,4 +1,4 @@
-// What the tests of SharedObj load, built under two names.
+// The library that the tests of SharedObj load. Built under several names.
 
 extern "C" {
 
@@ -8,16 +8,16 @@ __attribute__((visibility("default"))) char const* getLibraryName() {
 
 __attribute__((visibility("default"))) int library_number = 42;
 
-/// Where the library tells that it leaves the process.
+/// The counter to increment when the library is unloaded.
 __attribute__((visibility("default"))) int* library_unloads = nullptr;
 
-__attribute__((destructor)) static void tellUnload() {
+__attribute__((destructor)) static void countUnload() {
     if (library_unloads != nullptr) {
         ++*library_unloads;
     }
 }
 }
 
-// A symbol that is there, and whose value is null.
+// A symbol with the value null.
 asm(".globl library_nothing\n"
     ".set library_nothing, 0\n");

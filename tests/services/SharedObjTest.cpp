@@ -1,12 +1,12 @@
-#include "support/Chain.h"
+#include "support/ErrnoCases.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/NamedRow.h"
+#include "support/RunInThreads.h"
 
 #include <vesk/RefCounted.h>
 #include <vesk/SharedObj.h>
-#include <vesk/SysError.h>
 
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
 
 #include <gtest/gtest.h>
@@ -14,17 +14,14 @@
 #include <cstdio>
 #include <dlfcn.h>
 #include <memory>
-#include <string>
-#include <thread>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 namespace {
 
-/// The calls of the dynamic loader, in order, while somebody wants to know them.
+/// Receives the calls of the dynamic loader in order, if it is not null.
 std::vector<std::string>* s_calls = nullptr;
-/// What the loader says next; null leaves that to itself.
+/// The next text of the loader; null leaves the text to the loader.
 char const* s_loader_text = nullptr;
 
 } // namespace
@@ -60,20 +57,11 @@ extern "C" VESK_UNWATCHED char* dlerror() {
 
 namespace {
 
-using std::CommonError;
-namespace CommonErrorId = std::CommonErrorId;
-using support::chainIs;
-using support::EventRecorder;
-using support::Fault;
-using support::rowText;
+using namespace support;
 using vesk::SharedObj;
-using vesk::SysError;
+using Calls = std::vector<std::string>;
 
-support::ExpectedReport misuse(char const* text) {
-    return {CommonError, CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)};
-}
-
-/// Whether the process has a library.
+/// Returns whether the process has loaded a library.
 bool isLoaded(char const* path) {
     void* const handle = dlopen(path, RTLD_LAZY | RTLD_NOLOAD);
     if (handle != nullptr) {
@@ -82,7 +70,6 @@ bool isLoaded(char const* path) {
     return handle != nullptr;
 }
 
-/// The name that a library tells of itself.
 std::string callName(SharedObj const& object) {
     void* address = nullptr;
     if (object.resolve("getLibraryName", address)) {
@@ -91,25 +78,38 @@ std::string callName(SharedObj const& object) {
     return reinterpret_cast<char const* (*)()>(address)();
 }
 
-/// Has a library count into `count` when it leaves the process.
+/// Makes a library increment `count` when it is unloaded.
 void countUnloads(SharedObj const& object, int& count) {
     void* address = nullptr;
     ASSERT_FALSE(object.resolve("library_unloads", address));
     *static_cast<int**>(address) = &count;
 }
 
-/// A test ends with the libraries gone, whatever it was about.
+/// Checks that every test unloads the libraries.
 class SharedObjTest : public testing::Test {
 protected:
-    // The first call of a replaced function looks for the real one, and that clears the loader's text.
+    // The first call of a replaced function looks up the real one, which clears the loader's text.
     SharedObjTest() { dlerror(); }
     ~SharedObjTest() override {
+        m_object = SharedObj();
         EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
         EXPECT_FALSE(isLoaded(SECOND_LIBRARY));
     }
-};
 
-// ---- what it is ----
+    /// Loads the first library.
+    void load() { ASSERT_FALSE(m_object.load(FIRST_LIBRARY)); }
+
+    /// Loads a library. Returns the calls of the loader.
+    Calls recordLoad(char const* path) {
+        Calls calls;
+        s_calls = &calls;
+        EXPECT_EQ(path == nullptr, m_object.load(path));
+        s_calls = nullptr;
+        return calls;
+    }
+
+    SharedObj m_object;
+};
 
 TEST_F(SharedObjTest, isACountedHandleWithOneField) {
     static_assert(std::is_base_of_v<vesk::RefCounted, SharedObj>);
@@ -124,225 +124,171 @@ TEST_F(SharedObjTest, prefixAndSuffixMakeTheFileNameOfALibrary) {
     static_assert(std::is_same_v<char const* const, decltype(SharedObj::SharedLibrarySuffix)>);
 }
 
-TEST_F(SharedObjTest, rowsOfItsFamily) {
+TEST_F(SharedObjTest, reportsHaveTheirTextsAndTheSystemFamilyAsParent) {
     EXPECT_EQ("Failed to load shared object: x", rowText(SharedObj::ErrorId::LOAD_FAILED, "x"));
     EXPECT_EQ("Failed to unload shared object: x", rowText(SharedObj::ErrorId::UNLOAD_FAILED, "x"));
     EXPECT_EQ(
         "Failed to resolve symbol in shared object: x", rowText(SharedObj::ErrorId::RESOLVE_FAILED, "x"));
-    SharedObj object;
-    EXPECT_TRUE(object.load("/nonexistent"));
+    EXPECT_TRUE(m_object.load("/nonexistent"));
     EXPECT_TRUE(std::ErrorStorage::isA(SharedObj::Error));
-    EXPECT_TRUE(std::ErrorStorage::isA(SysError));
+    EXPECT_TRUE(std::ErrorStorage::isA(vesk::SysError));
     std::ErrorStorage::ack();
 }
 
-// ---- loading ----
-
-TEST_F(SharedObjTest, isNotValidBeforeItHasLoaded) {
-    SharedObj const object;
-    EXPECT_FALSE(object.isValid());
+TEST_F(SharedObjTest, isNotValidBeforeTheFirstLoad) {
+    EXPECT_FALSE(m_object.isValid());
 }
 
 TEST_F(SharedObjTest, loadsLazily) {
-    SharedObj object;
-    std::vector<std::string> calls;
-    s_calls = &calls;
-    EXPECT_FALSE(object.load(FIRST_LIBRARY));
-    s_calls = nullptr;
-    EXPECT_EQ(std::vector<std::string>{"dlopen " + std::to_string(RTLD_LAZY)}, calls);
-    EXPECT_TRUE(object.isValid());
+    EXPECT_EQ(Calls{"dlopen " + std::to_string(RTLD_LAZY)}, recordLoad(FIRST_LIBRARY));
+    EXPECT_TRUE(m_object.isValid());
     EXPECT_TRUE(isLoaded(FIRST_LIBRARY));
-    EXPECT_EQ("first", callName(object));
+    EXPECT_EQ("first", callName(m_object));
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(SharedObjTest, loadingWhatIsNotThereFailsWithTheLoadersText) {
-    SharedObj object;
-    EXPECT_TRUE(object.load("/nonexistent/libnothing.so"));
-    EXPECT_FALSE(object.isValid());
+struct LoadRow : NamedRow {
+    bool is_loaded;
+    char const* path;
+    char const* loader_text = "";
+};
+
+class SharedObjLoad : public SharedObjTest, public testing::WithParamInterface<LoadRow> {};
+
+TEST_P(SharedObjLoad, failsWithTheLoadersTextAndLeavesTheObjectEmpty) {
+    if (GetParam().is_loaded) {
+        load();
+    }
+    EXPECT_TRUE(m_object.load(GetParam().path));
+    EXPECT_FALSE(m_object.isValid());
+    EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
     ASSERT_TRUE(std::ErrorStorage::isError(true));
     std::string const text = std::ErrorStorage::get()->getText();
-    EXPECT_EQ(0u, text.find("Failed to load shared object: /nonexistent/libnothing.so: cannot open")) << text;
-    EXPECT_TRUE(chainIs({{SharedObj::ErrorId::LOAD_FAILED}}));
+    EXPECT_EQ(0u, text.find(rowText(SharedObj::ErrorId::LOAD_FAILED, GetParam().loader_text))) << text;
+    EXPECT_TRUE(chainIs({SharedObj::ErrorId::LOAD_FAILED}));
     EXPECT_EQ(nullptr, dlerror()) << "the text was taken";
 }
 
-TEST_F(SharedObjTest, loadingWhatIsNoLibraryFails) {
-    SharedObj object;
-    EXPECT_TRUE(object.load("/proc/self/stat"));
-    EXPECT_FALSE(object.isValid());
-    EXPECT_TRUE(chainIs({{SharedObj::ErrorId::LOAD_FAILED}}));
+INSTANTIATE_TEST_SUITE_P(
+    All, SharedObjLoad,
+    rowsOf<LoadRow>({
+        {"missingFile", false, "/nonexistent/libnothing.so", "/nonexistent/libnothing.so: cannot open"},
+        {"missingFileIntoALoadedObject", true, "/nonexistent/libnothing.so"},
+        {"fileThatIsNoLibrary", false, "/proc/self/stat"},
+    }),
+    byName);
+
+TEST_F(SharedObjTest, loadOfNullUnloadsAndFails) {
+    for (bool const is_loaded : {false, true}) {
+        if (is_loaded) {
+            load();
+        }
+        EXPECT_EQ(is_loaded ? Calls{"dlclose"} : Calls{}, recordLoad(nullptr));
+        EXPECT_FALSE(m_object.isValid());
+        EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
+        EXPECT_TRUE(isContractBroken("NULL pointer given for path"));
+    }
 }
 
-TEST_F(SharedObjTest, loadingNullFails) {
-    SharedObj object;
-    std::vector<std::string> calls;
-    s_calls = &calls;
-    EXPECT_TRUE(object.load(nullptr));
-    s_calls = nullptr;
-    EXPECT_TRUE(calls.empty());
-    EXPECT_FALSE(object.isValid());
-    EXPECT_TRUE(chainIs({misuse("NULL pointer given for path")}));
-}
-
-TEST_F(SharedObjTest, loadingIntoALoadedObjectUnloadsTheOldLibraryFirst) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
+TEST_F(SharedObjTest, loadIntoALoadedObjectUnloadsTheOldLibraryFirst) {
+    load();
     int unloads = 0;
-    countUnloads(object, unloads);
-    std::vector<std::string> calls;
-    s_calls = &calls;
-    EXPECT_FALSE(object.load(SECOND_LIBRARY));
-    s_calls = nullptr;
-    EXPECT_EQ((std::vector<std::string>{"dlclose", "dlopen " + std::to_string(RTLD_LAZY)}), calls);
+    countUnloads(m_object, unloads);
+    EXPECT_EQ((Calls{"dlclose", "dlopen " + std::to_string(RTLD_LAZY)}), recordLoad(SECOND_LIBRARY));
     EXPECT_EQ(1, unloads);
     EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
-    EXPECT_EQ("second", callName(object));
+    EXPECT_EQ("second", callName(m_object));
 }
 
-TEST_F(SharedObjTest, loadingNullIntoALoadedObjectUnloadsAndThenFails) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
-    EXPECT_TRUE(object.load(nullptr));
-    EXPECT_FALSE(object.isValid());
-    EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
-    EXPECT_TRUE(chainIs({misuse("NULL pointer given for path")}));
-}
-
-TEST_F(SharedObjTest, loadingThatFailsLeavesALoadedObjectEmpty) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
-    EXPECT_TRUE(object.load("/nonexistent/libnothing.so"));
-    EXPECT_FALSE(object.isValid());
-    EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
-    EXPECT_TRUE(chainIs({{SharedObj::ErrorId::LOAD_FAILED}}));
-}
-
-TEST_F(SharedObjTest, loadingIntoAnObjectThatCannotUnloadFailsAndKeepsTheOldLibrary) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
+TEST_F(SharedObjTest, loadIntoAnObjectThatCannotUnloadFailsAndKeepsTheOldLibrary) {
+    load();
     {
         Fault const fault(inject_dlclose, -1);
-        EXPECT_TRUE(object.load(SECOND_LIBRARY));
+        EXPECT_TRUE(m_object.load(SECOND_LIBRARY));
     }
     EXPECT_TRUE(chainIs(
         {{SharedObj::ErrorId::UNLOAD_FAILED, "Failed to unload shared object: stuck"},
-         {SharedObj::Error, SharedObj::ErrorId::LOAD_FAILED,
+         {SharedObj::ErrorId::LOAD_FAILED,
           "Failed to load shared object: Unload of previously loaded library failed"}}));
-    EXPECT_EQ("first", callName(object));
+    EXPECT_EQ("first", callName(m_object));
     EXPECT_FALSE(isLoaded(SECOND_LIBRARY));
 }
 
-// ---- unloading ----
-
-TEST_F(SharedObjTest, unloadsAndCanLoadAgain) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
-    EXPECT_FALSE(object.unload());
-    EXPECT_FALSE(object.isValid());
+TEST_F(SharedObjTest, unloadsAndLoadsAgain) {
+    load();
+    EXPECT_FALSE(m_object.unload());
+    EXPECT_FALSE(m_object.isValid());
     EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
-    EXPECT_FALSE(object.load(FIRST_LIBRARY));
-    EXPECT_EQ("first", callName(object));
+    load();
+    EXPECT_EQ("first", callName(m_object));
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(SharedObjTest, unloadingWithNothingLoadedFails) {
-    SharedObj object;
-    EXPECT_TRUE(object.unload());
-    EXPECT_TRUE(chainIs({misuse("No library loaded")}));
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
-    EXPECT_FALSE(object.unload());
-    EXPECT_TRUE(object.unload());
-    EXPECT_TRUE(chainIs({misuse("No library loaded")}));
+TEST_F(SharedObjTest, unloadWithoutALibraryFails) {
+    EXPECT_TRUE(m_object.unload());
+    EXPECT_TRUE(isContractBroken("No library loaded"));
+    load();
+    EXPECT_FALSE(m_object.unload());
+    EXPECT_TRUE(m_object.unload());
+    EXPECT_TRUE(isContractBroken("No library loaded"));
 }
 
-TEST_F(SharedObjTest, unloadingThatFailsKeepsTheLibrary) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
+TEST_F(SharedObjTest, failedUnloadKeepsTheLibrary) {
+    load();
     {
         Fault const fault(inject_dlclose, -1);
-        EXPECT_TRUE(object.unload());
+        EXPECT_TRUE(m_object.unload());
     }
     EXPECT_TRUE(chainIs({{SharedObj::ErrorId::UNLOAD_FAILED, "Failed to unload shared object: stuck"}}));
-    EXPECT_TRUE(object.isValid());
-    EXPECT_EQ("first", callName(object));
-    EXPECT_FALSE(object.unload());
+    EXPECT_TRUE(m_object.isValid());
+    EXPECT_EQ("first", callName(m_object));
+    EXPECT_FALSE(m_object.unload());
 }
 
-TEST_F(SharedObjTest, librarySomebodyElseHasLoadedStays) {
-    SharedObj first;
-    SharedObj second;
-    ASSERT_FALSE(first.load(FIRST_LIBRARY));
-    ASSERT_FALSE(second.load(FIRST_LIBRARY));
-    EXPECT_FALSE(first.unload());
-    EXPECT_EQ("first", callName(second));
-}
-
-// ---- symbols ----
-
-TEST_F(SharedObjTest, resolvingBeforeLoadingFails) {
-    SharedObj const object;
-    void* address = &address;
-    EXPECT_TRUE(object.resolve("getLibraryName", address));
-    EXPECT_EQ(&address, address);
-    EXPECT_TRUE(chainIs({misuse("No library loaded")}));
+TEST_F(SharedObjTest, libraryOfAnotherObjectStaysLoaded) {
+    load();
+    SharedObj other;
+    ASSERT_FALSE(other.load(FIRST_LIBRARY));
+    EXPECT_FALSE(m_object.unload());
+    EXPECT_EQ("first", callName(other));
 }
 
 TEST_F(SharedObjTest, resolvesFunctionsAndVariables) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
+    load();
     void* address = nullptr;
-    EXPECT_FALSE(object.resolve("library_number", address));
+    EXPECT_FALSE(m_object.resolve("library_number", address));
     ASSERT_NE(nullptr, address);
     EXPECT_EQ(42, *static_cast<int*>(address));
-    EXPECT_FALSE(object.resolve("getLibraryName", address));
+    EXPECT_FALSE(m_object.resolve("getLibraryName", address));
     ASSERT_NE(nullptr, address);
     EXPECT_STREQ("first", reinterpret_cast<char const* (*)()>(address)());
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(SharedObjTest, resolvingWhatIsNotThereFailsAndLeavesTheAddress) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
+TEST_F(SharedObjTest, failedResolveLeavesTheAddress) {
     void* address = &address;
-    EXPECT_TRUE(object.resolve("no_such_symbol", address));
+    EXPECT_TRUE(m_object.resolve("getLibraryName", address));
+    EXPECT_TRUE(isContractBroken("No library loaded"));
+    load();
+    EXPECT_TRUE(m_object.resolve(nullptr, address));
+    EXPECT_TRUE(isContractBroken("NULL pointer given for symbol"));
+    EXPECT_TRUE(m_object.resolve("no_such_symbol", address));
+    std::string const text = std::string(FIRST_LIBRARY) + ": undefined symbol: no_such_symbol";
+    EXPECT_TRUE(
+        chainIs({{SharedObj::ErrorId::RESOLVE_FAILED, rowText(SharedObj::ErrorId::RESOLVE_FAILED, text)}}));
     EXPECT_EQ(&address, address);
-    EXPECT_TRUE(chainIs(
-        {{SharedObj::ErrorId::RESOLVE_FAILED,
-          rowText(
-              SharedObj::ErrorId::RESOLVE_FAILED,
-              std::string(FIRST_LIBRARY) + ": undefined symbol: no_such_symbol")}}));
 }
 
-TEST_F(SharedObjTest, symbolWhoseValueIsNullIsFound) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
-    void* address = &address;
-    EXPECT_FALSE(object.resolve("library_nothing", address));
-    EXPECT_EQ(nullptr, address);
-    EXPECT_TRUE(chainIs({}));
+TEST_F(SharedObjTest, symbolWithTheValueNullIsFoundDespiteAnEarlierTextOfTheLoader) {
+    load();
+    for (char const* const loader_text : {static_cast<char const*>(nullptr), "earlier failure"}) {
+        s_loader_text = loader_text;
+        void* address = &address;
+        EXPECT_FALSE(m_object.resolve("library_nothing", address));
+        EXPECT_EQ(nullptr, address);
+        EXPECT_TRUE(chainIs({}));
+    }
 }
-
-TEST_F(SharedObjTest, whatTheLoaderHadToSayBeforeIsNoFailureOfResolving) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
-    s_loader_text = "of no concern";
-    void* address = &address;
-    EXPECT_FALSE(object.resolve("library_nothing", address));
-    EXPECT_EQ(nullptr, address);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(SharedObjTest, resolvingNullFails) {
-    SharedObj object;
-    ASSERT_FALSE(object.load(FIRST_LIBRARY));
-    void* address = &address;
-    EXPECT_TRUE(object.resolve(nullptr, address));
-    EXPECT_EQ(&address, address);
-    EXPECT_TRUE(chainIs({misuse("NULL pointer given for symbol")}));
-}
-
-// ---- copies ----
 
 TEST_F(SharedObjTest, lastCopyUnloads) {
     int unloads = 0;
@@ -350,42 +296,33 @@ TEST_F(SharedObjTest, lastCopyUnloads) {
     ASSERT_FALSE(first->load(FIRST_LIBRARY));
     countUnloads(*first, unloads);
     auto second = std::make_unique<SharedObj>(*first);
-    auto const third = std::make_unique<SharedObj>();
-    *third = *second;
+    m_object = *second;
     first.reset();
     second.reset();
     EXPECT_EQ(0, unloads);
-    EXPECT_EQ("first", callName(*third));
-    *third = SharedObj();
+    EXPECT_EQ("first", callName(m_object));
+    m_object = SharedObj();
     EXPECT_EQ(1, unloads);
-    EXPECT_FALSE(third->isValid());
+    EXPECT_FALSE(m_object.isValid());
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(SharedObjTest, copiesMayEndInDifferentThreads) {
+TEST_F(SharedObjTest, copiesCanBeDestroyedInDifferentThreads) {
+    load();
     int unloads = 0;
-    {
-        SharedObj object;
-        ASSERT_FALSE(object.load(FIRST_LIBRARY));
-        countUnloads(object, unloads);
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([copy = SharedObj(object)] {
-                for (int round = 0; round < 100; ++round) {
-                    SharedObj const another(copy);
-                    EXPECT_EQ("first", callName(another));
-                }
-            });
+    countUnloads(m_object, unloads);
+    runInThreads(4, [copy = m_object](int) {
+        for (int round = 0; round < 100; ++round) {
+            SharedObj const another(copy);
+            EXPECT_EQ("first", callName(another));
         }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-        EXPECT_EQ(0, unloads);
-    }
+    });
+    EXPECT_EQ(0, unloads);
+    m_object = SharedObj();
     EXPECT_EQ(1, unloads);
 }
 
-TEST_F(SharedObjTest, emptyObjectEndsWithoutACall) {
+TEST_F(SharedObjTest, destructorOfAnEmptyObjectDoesNotCallTheLoader) {
     std::vector<std::string> calls;
     s_calls = &calls;
     { SharedObj const object; }
@@ -394,7 +331,7 @@ TEST_F(SharedObjTest, emptyObjectEndsWithoutACall) {
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(SharedObjTest, unloadingThatFailsAtTheEndIsAWarningAndLeavesNoError) {
+TEST_F(SharedObjTest, failedUnloadOfTheDestructorIsAWarningAndLeavesNothingPending) {
     EventRecorder const recorder;
     auto object = std::make_unique<SharedObj>();
     ASSERT_FALSE(object->load(FIRST_LIBRARY));
@@ -409,28 +346,28 @@ TEST_F(SharedObjTest, unloadingThatFailsAtTheEndIsAWarningAndLeavesNoError) {
     }
     EXPECT_EQ(expected, recorder.getText());
     EXPECT_TRUE(chainIs({}));
-    // What the object could not do.
+    // Unloads the library in place of the object.
     void* const handle = dlopen(FIRST_LIBRARY, RTLD_LAZY);
     dlclose(handle);
     dlclose(handle);
 }
 
-TEST_F(SharedObjTest, loadersOwnRefusalToUnloadIsReported) {
-    // As a part of another library it stays even if it is let go of too often.
+TEST_F(SharedObjTest, unloadThatTheRealLoaderRefusesIsReported) {
+    // The library stays loaded as a part of another one, even if it is closed too often.
     SharedObj user;
     ASSERT_FALSE(user.load(USER_LIBRARY));
-    SharedObj object;
-    ASSERT_FALSE(object.load(SECOND_LIBRARY));
+    ASSERT_FALSE(m_object.load(SECOND_LIBRARY));
     void* const handle = dlopen(SECOND_LIBRARY, RTLD_LAZY);
     EXPECT_EQ(0, dlclose(handle));
     EXPECT_EQ(0, dlclose(handle));
-    EXPECT_TRUE(object.unload());
+    EXPECT_TRUE(m_object.unload());
     ASSERT_TRUE(std::ErrorStorage::isError(true));
     std::string const text = std::ErrorStorage::get()->getText();
     EXPECT_EQ(0u, text.find("Failed to unload shared object: " + std::string(SECOND_LIBRARY))) << text;
-    EXPECT_TRUE(chainIs({{SharedObj::ErrorId::UNLOAD_FAILED}}));
-    EXPECT_TRUE(object.isValid());
-    EXPECT_EQ(handle, dlopen(SECOND_LIBRARY, RTLD_LAZY)) << "what the object's end lets go of";
+    EXPECT_TRUE(chainIs({SharedObj::ErrorId::UNLOAD_FAILED}));
+    EXPECT_TRUE(m_object.isValid());
+    EXPECT_EQ(handle, dlopen(SECOND_LIBRARY, RTLD_LAZY)) << "for the object to close";
+    EXPECT_FALSE(m_object.unload());
 }
 
 } // namespace

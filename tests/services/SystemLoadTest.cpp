@@ -1,32 +1,27 @@
+#include "services/Loads.h"
+
 #include "frame/FakeClock.h"
-#include "support/Chain.h"
 #include "support/Inject.h"
+#include "support/NamedRow.h"
 #include "support/TempFolder.h"
 
-#include <vesk/SysError.h>
 #include <vesk/SystemLoad.h>
-#include <vesk/Time.h>
 #include <vesk/Vesk.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
 #include <climits>
 #include <clocale>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fstream>
 #include <limits>
-#include <string>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
-// The file that stands for /proc/uptime, and how it was opened.
+// The file that replaces /proc/uptime, and the mode of its last open.
 char const* s_uptime_file = nullptr;
 std::string s_mode;
 
@@ -49,21 +44,15 @@ extern "C" VESK_UNWATCHED FILE* fopen(char const* path, char const* mode) {
 
 namespace {
 
-using support::chainIs;
-using support::FakeClock;
-using support::Fault;
-using support::rowText;
-using support::systemText;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
+using namespace support;
 using vesk::SystemLoad;
-using vesk::Time;
+namespace SysErrorId = vesk::SysErrorId;
 
 double getProcessors() {
     return static_cast<double>(vesk::Vesk::s_sys_info.processor_count);
 }
 
-/// A /proc/uptime of the test's own.
+/// Replaces /proc/uptime during its lifetime.
 class FakeUptime {
 public:
     explicit FakeUptime(std::string const& text) : m_file(m_folder.makeFile("uptime", text)) {
@@ -77,11 +66,9 @@ public:
     std::string const& getFolder() const { return m_folder.getPath(); }
 
 private:
-    support::TempFolder m_folder;
+    TempFolder m_folder;
     std::string m_file;
 };
-
-// ---- the snapshot ----
 
 TEST(SystemLoad, isNotValidBeforeItsFirstSample) {
     SystemLoad const load;
@@ -90,7 +77,7 @@ TEST(SystemLoad, isNotValidBeforeItsFirstSample) {
     EXPECT_EQ(0.0, load.idle);
 }
 
-TEST(SystemLoad, samplesTheIdleTimeOfOneProcessorOnTheAverage) {
+TEST(SystemLoad, sampleIsTheAverageIdleTimeOfAProcessor) {
     FakeUptime const uptime("1148.70 8641.50\n");
     FakeClock const clock(1700000000, 123456789);
     SystemLoad load;
@@ -103,7 +90,7 @@ TEST(SystemLoad, samplesTheIdleTimeOfOneProcessorOnTheAverage) {
     EXPECT_EQ("re", s_mode);
 }
 
-TEST(SystemLoad, samplesMayBeTakenAgain) {
+TEST(SystemLoad, sampleCanBeTakenAgain) {
     SystemLoad load;
     {
         FakeUptime const uptime("1.00 2.00\n");
@@ -117,66 +104,53 @@ TEST(SystemLoad, samplesMayBeTakenAgain) {
 
 class SystemLoadErrnos : public testing::TestWithParam<int> {};
 
-TEST_P(SystemLoadErrnos, ofOpeningAreReported) {
+TEST_P(SystemLoadErrnos, failedOpenIsReported) {
     SystemLoad load;
     EXPECT_FALSE(load.sample());
     Fault const fault(inject_fopen, GetParam());
     EXPECT_TRUE(load.sample());
-    EXPECT_TRUE(
-        chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(GetParam()))}}));
-    EXPECT_FALSE(load.valid) << "what an earlier sample found does not count";
+    EXPECT_TRUE(causeIs(SysErrorId::QUERY_FAILED, GetParam()));
+    EXPECT_FALSE(load.valid) << "an earlier sample does not count";
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SystemLoadErrnos, testing::Values(ENOENT, EACCES, EMFILE, ENOMEM, EINTR));
 
-struct TextRow {
-    char const* what;
+struct TextRow : NamedRow {
     char const* text;
 };
 
-void PrintTo(TextRow const& row, std::ostream* out) {
-    *out << row.what;
-}
-
 class SystemLoadTexts : public testing::TestWithParam<TextRow> {};
 
-TEST_P(SystemLoadTexts, doNotParse) {
+TEST_P(SystemLoadTexts, areNotParsed) {
     FakeUptime const uptime(GetParam().text);
     SystemLoad load;
     load.valid = true;
     EXPECT_TRUE(load.sample());
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED}}));
+    EXPECT_TRUE(chainIs({SysErrorId::QUERY_FAILED}));
     EXPECT_FALSE(load.valid);
     EXPECT_EQ(0, load.timestamp);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, SystemLoadTexts,
-    testing::Values(
-        TextRow{"empty", ""}, TextRow{"withOneNumber", "1148.70\n"}, TextRow{"withLetters", "1148.70 idle\n"},
-        TextRow{"withLettersFirst", "up 1148.70 8641.50\n"}),
-    [](auto const& row) { return row.param.what; });
+    rowsOf<TextRow>({
+        {"empty", ""},
+        {"withOneNumber", "1148.70\n"},
+        {"withLetters", "1148.70 idle\n"},
+        {"withLettersFirst", "up 1148.70 8641.50\n"},
+    }),
+    byName);
 
 TEST(SystemLoad, fileThatCannotBeReadIsReported) {
     FakeUptime const uptime("");
-    s_uptime_file = uptime.getFolder().c_str(); // A folder opens, and that is all.
+    s_uptime_file = uptime.getFolder().c_str(); // A folder can be opened but not read.
     SystemLoad load;
     EXPECT_TRUE(load.sample());
-    EXPECT_TRUE(chainIs({{SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, systemText(EISDIR))}}));
+    EXPECT_TRUE(causeIs(SysErrorId::QUERY_FAILED, EISDIR));
     EXPECT_FALSE(load.valid);
 }
 
-struct ClockRow {
-    int error;
-    std::ErrorType const* family;
-    int id;
-};
-
-void PrintTo(ClockRow const& row, std::ostream* out) {
-    *out << row.error;
-}
-
-class SystemLoadClock : public testing::TestWithParam<ClockRow> {};
+class SystemLoadClock : public testing::TestWithParam<ClockFailure> {};
 
 TEST_P(SystemLoadClock, failureIsChainedAndFailsTheSample) {
     FakeUptime const uptime("1148.70 8641.50\n");
@@ -184,24 +158,17 @@ TEST_P(SystemLoadClock, failureIsChainedAndFailsTheSample) {
     load.valid = true;
     Fault const fault(inject_clock_gettime, GetParam().error);
     EXPECT_TRUE(load.sample());
-    std::string const text = systemText(GetParam().error);
-    EXPECT_TRUE(chainIs(
-        {{*GetParam().family, GetParam().id, rowText(*GetParam().family, GetParam().id, text)},
-         {SysError, SysErrorId::QUERY_FAILED, rowText(SysErrorId::QUERY_FAILED, text)}}));
+    EXPECT_TRUE(GetParam().isPending());
     EXPECT_FALSE(load.valid);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, SystemLoadClock,
-    testing::Values(
-        ClockRow{EINVAL, &SysError, SysErrorId::NOT_IMPLEMENTED},
-        ClockRow{EFAULT, &Time::Error, Time::ErrorId::GET_TIMESTAMP_FAILED}));
+INSTANTIATE_TEST_SUITE_P(All, SystemLoadClock, eachClockFailure());
 
-TEST(SystemLoad, doesNotMindALocaleWithADecimalComma) {
+TEST(SystemLoad, sampleIsCorrectInALocaleWithADecimalComma) {
     FakeUptime const uptime("1148.70 8641.50\n");
     std::string const& folder = uptime.getFolder();
     std::string const command = "localedef -i de_DE -f UTF-8 '" + folder + "/de_DE.UTF-8' >/dev/null 2>&1";
-    (void)!system(command.c_str()); // Warnings make it fail; what counts is whether the locale is there.
+    (void)!system(command.c_str()); // Warnings make it fail although it builds the locale.
     setenv("LOCPATH", folder.c_str(), 1);
     char const* const locale = setlocale(LC_ALL, "de_DE.UTF-8");
     unsetenv("LOCPATH");
@@ -211,14 +178,12 @@ TEST(SystemLoad, doesNotMindALocaleWithADecimalComma) {
     ASSERT_STREQ(",", localeconv()->decimal_point);
     SystemLoad load;
     EXPECT_FALSE(load.sample());
-    EXPECT_STREQ(",", localeconv()->decimal_point) << "the locale is as it was";
+    EXPECT_STREQ(",", localeconv()->decimal_point) << "the locale is unchanged";
     EXPECT_DOUBLE_EQ(0.5, strtod("0,5", nullptr));
     setlocale(LC_ALL, "C");
     EXPECT_TRUE(chainIs({}));
     EXPECT_DOUBLE_EQ(8641500.0 / getProcessors(), load.idle);
 }
-
-// ---- the load ----
 
 SystemLoad makeLoad(double idle, long long timestamp) {
     SystemLoad load;
@@ -228,61 +193,49 @@ SystemLoad makeLoad(double idle, long long timestamp) {
     return load;
 }
 
-TEST(SystemLoad, loadIsTheShareOfTheTimeThatWasNotIdle) {
-    SystemLoad const start = makeLoad(5000.0, 10000);
-    EXPECT_DOUBLE_EQ(75.0, SystemLoad::getCpuLoad(start, makeLoad(5250.0, 11000)));
-    EXPECT_DOUBLE_EQ(100.0, SystemLoad::getCpuLoad(start, makeLoad(5000.0, 11000)));
-    EXPECT_DOUBLE_EQ(0.0, SystemLoad::getCpuLoad(start, makeLoad(6000.0, 11000)));
-    EXPECT_DOUBLE_EQ(50.0, SystemLoad::getCpuLoad(start, makeLoad(5500.0, 11000)));
+struct LoadRow : NamedRow {
+    SystemLoad start;
+    SystemLoad end;
+    double load;
+};
+
+class SystemLoadRows : public testing::TestWithParam<LoadRow> {};
+
+TEST_P(SystemLoadRows, loadIsTheShareOfTheTimeThatWasNotIdle) {
+    EXPECT_DOUBLE_EQ(GetParam().load, SystemLoad::getCpuLoad(GetParam().start, GetParam().end));
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(SystemLoad, loadBeyondAHundredIsAHundred) {
-    EXPECT_EQ(100.0, SystemLoad::getCpuLoad(makeLoad(5003.0, 10000), makeLoad(5000.0, 11000)));
-}
+constexpr double INFINITE = std::numeric_limits<double>::infinity();
 
-TEST(SystemLoad, loadBelowNothingIsNothing) {
-    EXPECT_EQ(0.0, SystemLoad::getCpuLoad(makeLoad(5000.0, 10000), makeLoad(6010.0, 11000)));
-    EXPECT_TRUE(chainIs({}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, SystemLoadRows,
+    rowsOf<LoadRow>({
+        {"quarterIdle", makeLoad(5000, 10000), makeLoad(5250, 11000), 75},
+        {"neverIdle", makeLoad(5000, 10000), makeLoad(5000, 11000), 100},
+        {"alwaysIdle", makeLoad(5000, 10000), makeLoad(6000, 11000), 0},
+        {"halfIdle", makeLoad(5000, 10000), makeLoad(5500, 11000), 50},
+        {"above100Is100", makeLoad(5003, 10000), makeLoad(5000, 11000), 100},
+        {"below0Is0", makeLoad(5000, 10000), makeLoad(6010, 11000), 0},
+        {"sameMoment", makeLoad(5000, 10000), makeLoad(5000, 10000), 0},
+        {"wrongOrder", makeLoad(5000, 11000), makeLoad(5000, 10000), 0},
+        {"overTheLongestTime", makeLoad(0, LLONG_MIN), makeLoad(0, LLONG_MAX), 100},
+        {"atTheLastMoment", makeLoad(0, LLONG_MAX - 1), makeLoad(0, LLONG_MAX), 100},
+        {"idleTimeIsNotANumber", makeLoad(INFINITE, 0), makeLoad(INFINITE, 1000), 0},
+    }),
+    byName);
 
-TEST(SystemLoad, loadOfTheSameMomentIsNothing) {
-    EXPECT_EQ(0.0, SystemLoad::getCpuLoad(makeLoad(5000.0, 10000), makeLoad(5000.0, 10000)));
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(SystemLoad, loadInTheWrongOrderIsNothingAndNoError) {
-    EXPECT_EQ(0.0, SystemLoad::getCpuLoad(makeLoad(5000.0, 11000), makeLoad(5000.0, 10000)));
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(SystemLoad, loadOverAllTheTimeThereIsDoesNotOverflow) {
-    EXPECT_EQ(100.0, SystemLoad::getCpuLoad(makeLoad(0.0, LLONG_MIN), makeLoad(0.0, LLONG_MAX)));
-    EXPECT_EQ(100.0, SystemLoad::getCpuLoad(makeLoad(0.0, LLONG_MAX - 1), makeLoad(0.0, LLONG_MAX)));
-}
-
-TEST(SystemLoad, loadOfNoNumberIsNothing) {
-    double const infinity = std::numeric_limits<double>::infinity();
-    EXPECT_EQ(0.0, SystemLoad::getCpuLoad(makeLoad(infinity, 0), makeLoad(infinity, 1000)));
-}
-
-TEST(SystemLoad, loadNeedsAValidStart) {
+TEST(SystemLoad, loadNeedsAValidStartAndEnd) {
     SystemLoad const none;
     EXPECT_EQ(-1.0, SystemLoad::getCpuLoad(none, makeLoad(5000.0, 10000)));
-    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "start")}}));
+    EXPECT_TRUE(isInvalidParameter("start"));
     EXPECT_EQ(-1.0, SystemLoad::getCpuLoad(none, none));
-    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "start")}}))
-        << "the start is looked at first";
+    EXPECT_TRUE(isInvalidParameter("start")) << "the start is checked first";
+    EXPECT_EQ(-1.0, SystemLoad::getCpuLoad(makeLoad(5000.0, 10000), none));
+    EXPECT_TRUE(isInvalidParameter("end"));
 }
 
-TEST(SystemLoad, loadNeedsAValidEnd) {
-    EXPECT_EQ(-1.0, SystemLoad::getCpuLoad(makeLoad(5000.0, 10000), SystemLoad()));
-    EXPECT_TRUE(chainIs({{SysErrorId::INVALID_PARAMETER, rowText(SysErrorId::INVALID_PARAMETER, "end")}}));
-}
-
-// ---- the real system ----
-
-/// The idle time of one processor on the average in milliseconds, as another file of the system has it.
+/// Returns the average idle time of a processor in milliseconds from another file of the system.
 double readIdle() {
     std::ifstream stat("/proc/stat");
     std::string word;
@@ -295,7 +248,7 @@ double readIdle() {
     return idle * 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK)) / getProcessors();
 }
 
-TEST(SystemLoadOfTheSystem, isThatWhichItsIdleTimeTells) {
+TEST(SystemLoadOfTheSystem, matchesTheIdleTimeInProcStat) {
     std::atomic<bool> stop{false};
     std::thread busy([&stop] {
         while (!stop) {}
@@ -317,11 +270,11 @@ TEST(SystemLoadOfTheSystem, isThatWhichItsIdleTimeTells) {
     auto const elapsed = static_cast<double>(end.timestamp - start.timestamp);
     double const load = SystemLoad::getCpuLoad(start, end);
     EXPECT_TRUE(chainIs({}));
-    // Some processors' idle time is only counted when they wake up.
+    // The system counts the idle time of some processors only when they wake up.
     constexpr double MARGIN = 10.0;
     EXPECT_LE((1.0 - (after_end - before_start) / elapsed) * 100.0 - MARGIN, load);
     EXPECT_GE((1.0 - (before_end - after_start) / elapsed) * 100.0 + MARGIN, load);
-    EXPECT_LT(100.0 / getProcessors() / 4, load) << "one processor at least is busy";
+    EXPECT_LT(100.0 / getProcessors() / 4, load) << "at least one processor is busy";
     EXPECT_GE(100.0, load);
 }
 

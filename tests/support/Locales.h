@@ -10,7 +10,8 @@
 
 namespace support {
 
-/// The process's locale while it lives. "C" and "C.UTF-8" are part of libc and need no files.
+/// Sets the character encoding of the process during its lifetime. "C" and "C.UTF-8" are part of libc and need no
+/// files.
 class ScopedLocale {
 public:
     explicit ScopedLocale(char const* name)
@@ -20,7 +21,7 @@ public:
     ScopedLocale(ScopedLocale const&) = delete;
     ScopedLocale& operator=(ScopedLocale const&) = delete;
 
-    /// Whether the system has it.
+    /// Returns whether the system has the locale.
     bool isSet() const { return m_set; }
 
 private:
@@ -28,8 +29,8 @@ private:
     bool m_set;
 };
 
-/// Builds a locale with the encoding ISO-8859-1 in the folder `place`, under the name "latin1", and tells libc to look there.
-/// libc needs a module for each encoding but its own few: without that, or without `localedef`, it gives false.
+/// Builds a locale with the encoding ISO-8859-1 in the folder `place`, under the name "latin1", and makes libc search
+/// there. Returns false without `localedef`, or without the module of libc for this encoding.
 inline bool buildLatin1(std::string const& place) {
     {
         std::ofstream map(place + "/map");
@@ -44,13 +45,13 @@ inline bool buildLatin1(std::string const& place) {
         std::ofstream source(place + "/source");
         source << "escape_char /\ncomment_char %\nLC_CTYPE\nEND LC_CTYPE\n";
     }
-    // Its result tells only of the categories that the source leaves out.
+    // The command also fails because of the categories that the source omits.
     std::string const build =
         "localedef -c -i " + place + "/source -f " + place + "/map " + place + "/latin1";
     (void)!system((build + " >/dev/null 2>&1").c_str());
     setenv("LOCPATH", place.c_str(), 1);
 #ifdef __i386__
-    // Where Debian keeps the modules for 32-bit programs of a 64-bit machine.
+    // The folder of Debian for the modules of 32-bit programs on a 64-bit machine.
     setenv("GCONV_PATH", "/usr/lib32/gconv", 0);
 #endif
     ScopedLocale const locale("latin1");

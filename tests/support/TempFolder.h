@@ -71,6 +71,22 @@ private:
     std::string m_path;
 };
 
+/// A temporary folder that is the working directory of the process until the destructor restores the previous
+/// one.
+class WorkingFolder : public TempFolder {
+public:
+    WorkingFolder() : m_previous(std::filesystem::current_path()) {
+        std::filesystem::current_path(getPath());
+    }
+    ~WorkingFolder() { std::filesystem::current_path(m_previous); }
+
+    /// Returns the absolute path of the folder without symbolic links.
+    std::string getCanonicalPath() const { return std::filesystem::canonical(getPath()); }
+
+private:
+    std::filesystem::path m_previous;
+};
+
 /// Returns the content of a file, or "(none)" if it cannot be read.
 inline std::string contentOf(std::string const& path) {
     std::ifstream const file(path, std::ios::binary);

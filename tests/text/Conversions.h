@@ -6,20 +6,20 @@
 #include <functional>
 #include <vector>
 
-/// Watches the conversions between narrow and wide text, and interferes with them. Include it in one file of a test
-/// program: it replaces the two functions of libc there, also for the libraries.
+/// Records the conversions between narrow and wide text, and interferes with them. Must be included in only one file of
+/// a test program, because it replaces the two functions of libc, also for the libraries.
 
 namespace support {
 
 /// One call of a conversion function.
 struct Pass {
-    bool measures; ///< There was no destination.
-    bool is_fresh; ///< Its shift state was the initial one.
+    bool measures; ///< Without a destination.
+    bool is_fresh; ///< In the initial shift state.
     size_t limit;
     size_t result;
 };
 
-/// While it lives, each conversion leaves a row. One at a time.
+/// Records each conversion during its lifetime. Only one can exist at a time.
 class Conversions {
 public:
     Conversions() { s_current = this; }
@@ -28,9 +28,9 @@ public:
     Conversions(Conversions const&) = delete;
     Conversions& operator=(Conversions const&) = delete;
 
-    /// Runs ahead of each pass, counted from 1.
+    /// Runs before each pass, counted from 1.
     std::function<void(size_t)> before = [](size_t) {};
-    /// May exchange a pass's result.
+    /// Returns the result to use for that of a pass.
     std::function<size_t(size_t, size_t)> change = [](size_t, size_t result) { return result; };
 
     std::vector<Pass> const& getPasses() const { return m_passes; }

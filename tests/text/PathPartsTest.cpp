@@ -26,7 +26,7 @@ void PrintTo(Row const& row, std::ostream* out) {
 
 class PathPartsSplit : public testing::TestWithParam<Row> {};
 
-TEST_P(PathPartsSplit, givesDirectoryAndLastComponent) {
+TEST_P(PathPartsSplit, hasDirectoryAndLastComponent) {
     PathParts const parts(GetParam().path);
     EXPECT_EQ(GetParam().directory, parts.directory);
     EXPECT_EQ(GetParam().name, parts.name);

@@ -1,37 +1,59 @@
+#include "Conversions.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
-#include "support/TemporaryDirectory.h"
+#include "support/Locales.h"
+#include "support/TempFolder.h"
 
 #include <vesk/FileSys.h>
 #include <vesk/Path.h>
 #include <vesk/SysError.h>
+#include <vesk/WidePath.h>
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <fstream>
-#include <string>
-#include <sys/stat.h>
+#include <stdexcept>
 #include <type_traits>
 #include <unistd.h>
+#include <utility>
 
 VESK_INJECT_ERRNO(char*, nullptr, getcwd, (char* buffer, size_t size), (buffer, size))
 VESK_INJECT_ERRNO(char*, nullptr, realpath, (char const* path, char* resolved), (path, resolved))
 
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::Fault;
-using support::TemporaryDirectory;
-using vesk::FileSys;
+using namespace support;
 using vesk::Path;
+using vesk::UnicodeString;
+using vesk::WidePath;
 
 static_assert(std::is_base_of_v<std::string, Path>);
 static_assert(sizeof(Path) == sizeof(std::string));
 static_assert(std::is_convertible_v<char const*, Path> && std::is_convertible_v<std::string, Path>);
 static_assert(std::is_nothrow_move_constructible_v<Path>);
+
+static_assert(std::is_base_of_v<std::wstring, WidePath>);
+static_assert(sizeof(WidePath) == sizeof(std::wstring) + sizeof(void*));
+static_assert(std::is_convertible_v<UnicodeString const&, WidePath>);
+static_assert(std::is_convertible_v<WidePath const&, std::string>);
+
+constexpr size_t FAILED = static_cast<size_t>(-1);
+
+/// Returns a path with this text and validity, whatever the locale can express.
+WidePath makePath(std::wstring const& text, bool valid) {
+    WidePath path(valid ? "x" : "");
+    path.assign(text);
+    return path;
+}
+
+std::wstring widen(std::string const& ascii) {
+    return {ascii.begin(), ascii.end()};
+}
+
+void expectPath(std::wstring const& text, bool valid, WidePath const& path) {
+    EXPECT_EQ(text, path);
+    EXPECT_EQ(valid, path.isValid());
+}
 
 TEST(Path, isAString) {
     Path path;
@@ -54,102 +76,308 @@ TEST(Path, isAString) {
     EXPECT_EQ("other", text);
 }
 
-// ---- getAbsolute ----
+TEST(WidePath, ofATextIsValid) {
+    expectPath(L"abc", true, UnicodeString("abc"));
+    ScopedLocale const locale("C.UTF-8");
+    expectPath(L"/\u20AC/\U0001F5A8", true, UnicodeString("/\xE2\x82\xAC/\xF0\x9F\x96\xA8"));
+}
 
-TEST(Path, absolutePathIsItsOwnAbsoluteForm) {
-    Fault const asked(inject_getcwd, 0);
-    for (char const* const path : {"/", "/a", "/a/../b", "/a/./b//c/", "//a", "/no such thing"}) {
-        EXPECT_EQ(path, Path(path).getAbsolute());
-    }
-    EXPECT_EQ(0, asked.getCalls());
+TEST(WidePath, ofAnEmptyTextIsEmptyAndNotValid) {
+    EventRecorder const events;
+    Conversions const conversions;
+    expectPath(L"", false, UnicodeString(""));
+    expectPath(L"", false, WidePath("", 0));
+    expectPath(L"", false, WidePath("", 5));
+    EXPECT_EQ(3U, conversions.getPasses().size());
+    EXPECT_EQ(0U, events.getCount());
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(Path, relativePathStandsBehindTheWorkingDirectoryAsItIs) {
-    TemporaryDirectory const directory;
-    for (std::string const path : {"a", "a/b/", "../a/./b//c", ".", "..", "no such thing", " "}) {
-        EXPECT_EQ(directory.get() + '/' + path, Path(path).getAbsolute());
-    }
-}
-
-TEST(Path, absoluteFormOfTheEmptyPathIsTheWorkingDirectoryWithASeparator) {
-    TemporaryDirectory const directory;
-    EXPECT_EQ(directory.get() + '/', Path().getAbsolute());
-}
-
-TEST(Path, inTheRootARelativePathGetsTwoSeparators) {
-    TemporaryDirectory const directory;
-    ASSERT_EQ(0, chdir("/"));
-    EXPECT_EQ("//a", Path("a").getAbsolute());
-    EXPECT_EQ("//", Path().getAbsolute());
-}
-
-TEST(Path, withoutAWorkingDirectoryTheAbsoluteFormIsEmptyAndNothingIsPending) {
-    for (int const error : {ENOENT, EACCES, ENOMEM, ERANGE, EIO}) {
-        Fault const fault(inject_getcwd, error);
-        EXPECT_EQ("", Path("a").getAbsolute()) << error;
-        EXPECT_TRUE(chainIs({}));
-    }
-    TemporaryDirectory const directory;
-    ASSERT_EQ(0, mkdir("gone", 0700));
-    ASSERT_EQ(0, chdir("gone"));
-    ASSERT_EQ(0, rmdir("../gone"));
-    EXPECT_EQ("", Path("a").getAbsolute());
-    EXPECT_TRUE(chainIs({}));
-    EXPECT_EQ("/a", Path("/a").getAbsolute());
-}
-
-// ---- getCanonicalized ----
-
-TEST(Path, canonicalFormHasNoLinksAndNoDots) {
-    TemporaryDirectory const directory;
-    ASSERT_EQ(0, mkdir("real", 0700));
-    ASSERT_TRUE(std::ofstream("real/file").good());
-    ASSERT_EQ(0, symlink("real", "link"));
-    ASSERT_EQ(0, symlink("../link/file", "real/around"));
-    std::string const file = directory.get() + "/real/file";
-    EXPECT_EQ(file, Path("real/file").getCanonicalized());
-    EXPECT_EQ(file, Path("./link/..//real/./file").getCanonicalized());
-    EXPECT_EQ(file, Path(directory.get() + "/link/around").getCanonicalized());
-    EXPECT_EQ(directory.get(), Path(".").getCanonicalized());
-    EXPECT_EQ("/", Path("/..").getCanonicalized());
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(Path, canonicalFormOfWhatDoesNotExistIsEmptyAndErrnoTellsWhy) {
-    TemporaryDirectory const directory;
-    ASSERT_TRUE(std::ofstream("file").good());
-    ASSERT_EQ(0, symlink("loop", "loop"));
-    struct {
-        char const* path;
-        int error;
-    } const rows[] = {
-        {"nothing", ENOENT}, {"", ENOENT}, {"nothing/..", ENOENT}, {"file/x", ENOTDIR}, {"loop", ELOOP}};
-    for (auto const& row : rows) {
+TEST(WidePath, ofAMalformedTextIsEmptyAndNotValid) {
+    for (char const* const name : {"C", "C.UTF-8"}) {
+        ScopedLocale const locale(name);
+        ASSERT_TRUE(locale.isSet());
         EventRecorder const events;
-        errno = 0;
-        Path const canonical = Path(row.path).getCanonicalized();
-        EXPECT_EQ(row.error, errno) << row.path;
-        EXPECT_EQ("", canonical);
+        expectPath(L"", false, UnicodeString("abc\xE4"));
+        expectPath(L"", false, WidePath("\xE4", 1));
         EXPECT_EQ(0U, events.getCount());
         EXPECT_TRUE(chainIs({}));
     }
 }
 
-TEST(Path, failureToCanonicalizeLeavesWhatIsPending) {
+TEST(WidePath, ofANullTextIsEmptyAndNotValid) {
+    UnicodeString const failed(std::wstring(L"\u20AC"));
+    ASSERT_EQ(nullptr, failed.c_str());
+    char const* const nothing = nullptr;
+    expectPath(L"", false, failed);
+    expectPath(L"", false, WidePath(nothing, 0));
+    expectPath(L"", false, WidePath(nothing, 3));
+}
+
+TEST(WidePath, isNotCutByTheLengthOfItsText) {
+    for (unsigned int const length : {0U, 1U, 3U, 6U, 7U, 1000U, 0xFFFFFFFFU}) {
+        expectPath(L"abcdef", true, WidePath("abcdef", length));
+    }
+    EXPECT_EQ(10U, WidePath("0123456789", 3).length());
+    EXPECT_EQ(L"abc", WidePath("abc\0def", 7));
+}
+
+TEST(WidePath, isConvertedInTwoPasses) {
+    ScopedLocale const locale("C.UTF-8");
+    Conversions const conversions;
+    WidePath const path("\xE2\x82\xAC/b", 1);
+    ASSERT_EQ(2U, conversions.getPasses().size());
+    EXPECT_TRUE(conversions.getPasses()[0].measures);
+    EXPECT_EQ(FAILED, conversions.getPasses()[0].limit);
+    EXPECT_FALSE(conversions.getPasses()[1].measures);
+    EXPECT_EQ(4U, conversions.getPasses()[1].limit);
+}
+
+constexpr char const* WARNING = "WARNING framework/src/vesk/posix/WidePath WidePath: second call to mbstowcs "
+                                "returned different result!";
+
+TEST(WidePath, isEmptyWithAWarningIfThePassesDiffer) {
+    for (size_t const second : {FAILED, size_t{0}, size_t{5}, size_t{7}}) {
+        SCOPED_TRACE(second);
+        EventRecorder const events;
+        Conversions conversions;
+        conversions.change = [second](size_t pass, size_t result) { return pass == 2 ? second : result; };
+        expectPath(L"", false, WidePath("abcdef", 0));
+        EXPECT_EQ(WARNING, events.getText());
+        EXPECT_TRUE(chainIs({}));
+    }
+}
+
+TEST(WidePath, isEmptyWithAWarningIfTheLocaleChangesBetweenThePasses) {
+    ScopedLocale const locale("C.UTF-8");
+    EventRecorder const events;
+    Conversions conversions;
+    conversions.before = [](size_t pass) { setlocale(LC_CTYPE, pass == 1 ? "C.UTF-8" : "C"); };
+    expectPath(L"", false, UnicodeString("ab\xE2\x82\xAC"));
+    EXPECT_EQ(WARNING, events.getText());
+}
+
+TEST(WidePath, staysValidOrInvalidInStringOperations) {
+    WidePath path("abc");
+    path += L"/d";
+    path.append(1, L'e');
+    expectPath(L"abc/de", true, path);
+    path.clear();
+    EXPECT_TRUE(path.isValid());
+    WidePath invalid("");
+    invalid.assign(L"text");
+    expectPath(L"text", false, invalid);
+}
+
+TEST(WidePath, copyHasTextAndValidity) {
+    for (bool const valid : {true, false}) {
+        WidePath const source = makePath(L"text", valid);
+        WidePath const copy(source);
+        expectPath(L"text", valid, copy);
+        WidePath target = makePath(L"other", !valid);
+        target = source;
+        expectPath(L"text", valid, target);
+        WidePath const moved(std::move(target));
+        expectPath(L"text", valid, moved);
+    }
+}
+
+TEST(WidePath, isConvertedToAStringWhetherValidOrNot) {
+    ScopedLocale const locale("C.UTF-8");
+    for (bool const valid : {true, false}) {
+        std::string const narrow = makePath(L"a/\u20AC", valid);
+        EXPECT_EQ("a/\xE2\x82\xAC", narrow);
+        EXPECT_EQ("", static_cast<std::string>(makePath(L"", valid)));
+    }
+}
+
+TEST(WidePath, conversionToAStringThrowsIfTheLocaleCannotExpressIt) {
+    for (auto const& [name, text] :
+         {std::pair("C", std::wstring(L"a\u00E4")), std::pair("C", std::wstring(L"\u20AC")),
+          std::pair("C.UTF-8", std::wstring(1, wchar_t{0xD800}))}) {
+        ScopedLocale const locale(name);
+        ASSERT_TRUE(locale.isSet());
+        EXPECT_THROW((void)static_cast<std::string>(makePath(text, true)), std::logic_error);
+        EXPECT_THROW((void)static_cast<std::string>(makePath(text, false)), std::logic_error);
+        EXPECT_TRUE(chainIs({}));
+    }
+}
+
+TEST(WidePath, isConvertedInALocaleOtherThanUTF8) {
+    WorkingFolder const directory;
+    if (!support::buildLatin1(directory.getPath())) {
+        GTEST_SKIP() << "there is no 8-bit locale for this libc";
+    }
+    ScopedLocale const locale("latin1");
+    ASSERT_TRUE(locale.isSet());
+    WidePath const path("/\xE4");
+    expectPath(L"/\u00E4", true, path);
+    EXPECT_EQ("/\xE4", static_cast<std::string>(path));
+    EXPECT_THROW((void)static_cast<std::string>(makePath(L"\u20AC", true)), std::logic_error);
+}
+
+TEST(WidePath, absoluteFormIsInvalidIfTheWorkingDirectoryCannotBeConverted) {
+    WorkingFolder const directory;
+    ASSERT_EQ(0, mkdir("\xE2\x82\xAC", 0700));
+    ASSERT_EQ(0, chdir("\xE2\x82\xAC"));
+    expectPath(L"/a", false, makePath(L"a", true).getAbsolute());
+    ScopedLocale const locale("C.UTF-8");
+    expectPath(widen(directory.getCanonicalPath()) + L"/\u20AC/a", true, makePath(L"a", true).getAbsolute());
+}
+
+TEST(WidePath, canonicalFormIsConvertedInTheLocale) {
+    WorkingFolder const directory;
+    ASSERT_EQ(0, mkdir("\xE2\x82\xAC", 0700));
+    ASSERT_EQ(0, symlink("\xE2\x82\xAC", "link"));
+    {
+        ScopedLocale const locale("C.UTF-8");
+        for (wchar_t const* const text : {L"\u20AC", L"link"}) {
+            expectPath(
+                widen(directory.getCanonicalPath()) + L"/\u20AC", true,
+                makePath(text, true).getCanonicalized());
+        }
+    }
+    // The target exists, but its name is malformed in this locale.
+    expectPath(L"", false, makePath(L"link", true).getCanonicalized());
+}
+
+TEST(WidePath, canonicalFormIsEmptyAndValidIfTheLocaleCannotExpressThePath) {
+    Fault const calls(inject_realpath, 0);
+    errno = 0;
+    WidePath const canonical = makePath(L"/\u20AC", false).getCanonicalized();
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(1, calls.getCalls());
+    expectPath(L"", true, canonical);
+}
+
+/// A path that may be valid and wide, and the check of its forms.
+struct Narrow {
+    static constexpr char const* NAME = "Path";
+    static constexpr bool VALID = true;
+    static Path make(std::string const& text) { return text; }
+    static void expect(std::string const& text, bool, Path const& path) { EXPECT_EQ(text, path); }
+};
+template <bool IsValid>
+struct Wide {
+    static constexpr char const* NAME = IsValid ? "ValidWidePath" : "InvalidWidePath";
+    static constexpr bool VALID = IsValid;
+    static WidePath make(std::string const& text) { return makePath(widen(text), VALID); }
+    static void expect(std::string const& text, bool valid, WidePath const& path) {
+        expectPath(widen(text), valid, path);
+    }
+};
+
+template <typename Kind>
+class PathForms : public testing::Test {
+protected:
+    static void expectAbsolute(std::string const& expected, std::string const& text, bool valid = true) {
+        Kind::expect(expected, valid, Kind::make(text).getAbsolute());
+        EXPECT_TRUE(chainIs({}));
+    }
+    /// Sets `errno` like the call.
+    static void expectCanonical(std::string const& expected, std::string const& text) {
+        errno = 0;
+        auto const canonical = Kind::make(text).getCanonicalized();
+        int const error = errno;
+        Kind::expect(expected, true, canonical);
+        errno = error;
+    }
+
+    std::string getPath() const { return m_folder.getCanonicalPath(); }
+
+    WorkingFolder m_folder;
+};
+
+struct KindNames {
+    template <typename Kind>
+    static std::string GetName(int) {
+        return Kind::NAME;
+    }
+};
+
+using Kinds = testing::Types<Narrow, Wide<true>, Wide<false>>;
+TYPED_TEST_SUITE(PathForms, Kinds, KindNames);
+
+TYPED_TEST(PathForms, absolutePathStaysAsItIs) {
+    Fault const calls(inject_getcwd, 0);
+    for (char const* const path : {"/", "/a", "/a/../b", "/a/./b//c/", "//a", "//a/", "/no such thing"}) {
+        this->expectAbsolute(path, path, TypeParam::VALID);
+    }
+    EXPECT_EQ(0, calls.getCalls());
+}
+
+TYPED_TEST(PathForms, relativePathIsAppendedToTheWorkingDirectoryUnchanged) {
+    for (std::string const path :
+         {"", "a", "a/b/", "../a/./b//c", "../a/./b//c/", ".", "..", "no such thing", " "}) {
+        this->expectAbsolute(this->getPath() + '/' + path, path);
+    }
+    ASSERT_EQ(0, chdir("/"));
+    this->expectAbsolute("//a", "a");
+    this->expectAbsolute("//", "");
+}
+
+TYPED_TEST(PathForms, absoluteFormWithoutAWorkingDirectoryIsEmptyAndNothingIsReported) {
+    for (int const error : {ENOENT, EACCES, ENOMEM, ERANGE, EIO}) {
+        Fault const fault(inject_getcwd, error);
+        this->expectAbsolute("", "a");
+    }
+    ASSERT_EQ(0, mkdir("gone", 0700));
+    ASSERT_EQ(0, chdir("gone"));
+    ASSERT_EQ(0, rmdir("../gone"));
+    this->expectAbsolute("", "a");
+    this->expectAbsolute("/a", "/a", TypeParam::VALID);
+}
+
+TYPED_TEST(PathForms, canonicalFormHasNoLinksAndNoDots) {
+    this->m_folder.makeFolder("real");
+    this->m_folder.makeFile("real/file");
+    this->m_folder.makeLink("link", "real");
+    this->m_folder.makeLink("real/around", "../link/file");
+    std::string const file = this->getPath() + "/real/file";
+    this->expectCanonical(file, "real/file");
+    this->expectCanonical(file, "./link/..//real/./file");
+    this->expectCanonical(file, this->getPath() + "/link/around");
+    this->expectCanonical(this->getPath(), ".");
+    this->expectCanonical("/", "/..");
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(PathForms, canonicalFormOfAMissingPathIsEmptyWithErrno) {
+    this->m_folder.makeFile("file");
+    this->m_folder.makeLink("loop", "loop");
+    EventRecorder const events;
+    for (auto const& [path, error] :
+         {std::pair("missing", ENOENT), std::pair("", ENOENT), std::pair("missing/..", ENOENT),
+          std::pair("file/x", ENOTDIR), std::pair("loop", ELOOP)}) {
+        this->expectCanonical("", path);
+        EXPECT_EQ(error, errno) << path;
+    }
+    EXPECT_EQ(0U, events.getCount());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(PathForms, failureToCanonicalizeKeepsPendingReports) {
     std::string ignored;
     {
         Fault const fault(inject_getcwd, EACCES);
-        ASSERT_TRUE(FileSys::currentWD(ignored));
+        ASSERT_TRUE(vesk::FileSys::currentWD(ignored));
     }
     for (int const error : {EACCES, ENOMEM, EIO}) {
         Fault const fault(inject_realpath, error);
-        Path const canonical = Path("/").getCanonicalized();
+        this->expectCanonical("", "/");
         EXPECT_EQ(error, errno);
-        EXPECT_EQ("", canonical);
         EXPECT_EQ(1, fault.getCalls());
     }
-    EXPECT_TRUE(chainIs({{vesk::SysErrorId::PERMISSION_DENIED}}));
+    EXPECT_TRUE(chainIs({vesk::SysErrorId::PERMISSION_DENIED}));
+}
+
+TEST(WidePath, absoluteFormKeepsCharactersThatTheLocaleCannotExpress) {
+    WorkingFolder const directory;
+    for (bool const valid : {true, false}) {
+        expectPath(L"/\u20AC", valid, makePath(L"/\u20AC", valid).getAbsolute());
+        expectPath(
+            widen(directory.getCanonicalPath()) + L"/\u20AC", true, makePath(L"\u20AC", valid).getAbsolute());
+    }
 }
 
 } // namespace

@@ -38,7 +38,7 @@ TEST(TextUtils, wideLengthCountsCharacters) {
     EXPECT_EQ(3U, vesk::wcsnlen(L"abc", UINT_MAX >> 3));
 }
 
-TEST(TextUtils, lengthDoesNotLookBeyondTheLimit) {
+TEST(TextUtils, lengthReadsNothingBeyondTheLimit) {
     // The page behind the text cannot be read.
     auto const page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     void* const memory = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -63,10 +63,10 @@ TEST(TextUtils, executablesHaveNoSuffix) {
     EXPECT_EQ(L"", vesk::getExecutableSuffix<std::wstring>());
 }
 
-/// What an initialiser finds.
+/// Initialized before main.
 std::string const s_early = std::string("x") + vesk::ProcessTNG::ExecutableSuffix;
 
-TEST(TextUtils, suffixIsThereBeforeAnyInitialiser) {
+TEST(TextUtils, suffixIsInitializedBeforeGlobalObjects) {
     EXPECT_EQ("x", s_early);
 }
 
