@@ -1,0 +1,752 @@
+#include "StreamSocketSupport.h"
+#include "support/Child.h"
+#include "support/NewFault.h"
+#include "support/Privileges.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <memory>
+#include <set>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
+#include <vector>
+
+/// What all TCP and Unix sockets do in the same way: construction, destruction and closing of clients and servers, and
+/// connections. What only servers do is in StreamServerSocketTest.cpp.
+
+namespace {
+
+using namespace support;
+
+// ---- Clients and servers ----
+
+/// A class of sockets, with a transport.
+struct Kind {
+    Transport transport;
+    bool is_server;
+};
+
+std::string getName(Kind kind) {
+    return getName(kind.transport) + (kind.is_server ? "Server" : "Client");
+}
+
+std::vector<Kind> getKinds(std::vector<Transport> const& transports) {
+    std::vector<Kind> kinds;
+    for (Transport const transport : transports) {
+        kinds.push_back({transport, false});
+        kinds.push_back({transport, true});
+    }
+    return kinds;
+}
+
+std::vector<Kind> const KINDS = getKinds({std::begin(TRANSPORTS), std::end(TRANSPORTS)});
+/// One for each class.
+std::vector<Kind> const CLASSES = getKinds({Transport::IPV4, Transport::PATH});
+
+std::vector<Kind> const CLIENTS = {{Transport::IPV4, false}, {Transport::PATH, false}};
+
+SocketPtr make(Kind kind, bool blocking = true, bool reuse = false) {
+    Place const place(kind.transport);
+    return kind.is_server ? makeServer(place, blocking, reuse)
+                          : makeClient(place, {blocking, 0, 0, "", reuse});
+}
+
+/// Makes the socket open.
+void start(Kind kind, Socket& socket) {
+    if (kind.is_server) {
+        enableListen(socket);
+    } else {
+        EXPECT_FALSE(connectSocket(socket));
+    }
+    EXPECT_TRUE(succeeded(socket, Socket::OPEN));
+}
+
+/// Returns the report of an abort in the constructor.
+std::string getAbort(Kind kind) {
+    std::string const name = std::string(isTcp(kind.transport) ? "TCP" : "Unix");
+    return kind.is_server ? name + "ServerSocket " + name + "ServerSocket: error constructing, error closing"
+                          : name + "Socket " + name + "Socket: ctor error, close error";
+}
+
+std::string getAssertion(Kind kind, std::string const& text) {
+    std::string const name = isTcp(kind.transport) ? "IPSocket" : "UnixSocketBase";
+    return "ASSERT framework/src/vesk/posix/" + name + " ~" + name + ": " + text;
+}
+
+class StreamSocketConstruction : public testing::TestWithParam<Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(kinds, StreamSocketConstruction, testing::ValuesIn(KINDS), byName);
+
+TEST_P(StreamSocketConstruction, makesAnInactiveSocketWithADescriptorThatExecCloses) {
+    Fault const binds(inject_bind, 0);
+    Fault const options(inject_setsockopt, 0);
+    Fault const flags(inject_setfl, 0);
+    SocketPtr const socket = make(GetParam());
+    EXPECT_TRUE(succeeded(*socket, Socket::INACTIVE));
+    EXPECT_EQ(0, binds.getCalls() + options.getCalls() + flags.getCalls());
+    EXPECT_FALSE(socket->isInputBuffered());
+    EXPECT_FALSE(socket->isOutputBuffered());
+    int const families[] = {AF_INET, AF_INET6, AF_UNIX, AF_UNIX};
+    int const family = families[static_cast<int>(GetParam().transport)];
+    EXPECT_EQ((std::array<int, 3>{family, SOCK_STREAM | SOCK_CLOEXEC, 0}), s_calls.created);
+    int const fd = socket->getSocketFd();
+    EXPECT_EQ(SOCK_STREAM, getOption(fd, SOL_SOCKET, SO_TYPE));
+    EXPECT_EQ(family, getOption(fd, SOL_SOCKET, SO_DOMAIN));
+    EXPECT_EQ(0, getOption(fd, SOL_SOCKET, SO_REUSEADDR));
+    EXPECT_EQ(0, getOption(fd, SOL_SOCKET, SO_ACCEPTCONN)) << "it does not listen yet";
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD));
+    EXPECT_EQ(O_RDWR, fcntl(fd, F_GETFL)) << "it blocks";
+}
+
+TEST_P(StreamSocketConstruction, withoutBlockingMakesADescriptorThatDoesNotBlock) {
+    SocketPtr const socket = make(GetParam(), false);
+    EXPECT_TRUE(succeeded(*socket, Socket::INACTIVE));
+    EXPECT_EQ(O_RDWR | O_NONBLOCK, s_calls.status_flags);
+    EXPECT_EQ(O_RDWR | O_NONBLOCK, fcntl(socket->getSocketFd(), F_GETFL));
+}
+
+TEST_P(StreamSocketConstruction, withoutDescriptorsLeftFails) {
+    expectInChild([] {
+        // A sanitizer needs descriptors when it sees an object for the first time.
+        EXPECT_TRUE(make(GetParam())->isValid());
+        rlimit const limit{3, 3};
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+        SocketPtr const socket = make(GetParam());
+        EXPECT_TRUE(causeIs(SysErrorId::RESOURCES_EXHAUSTED, EMFILE));
+        EXPECT_TRUE(isUnusable(*socket));
+    });
+}
+
+class StreamSocketRow : public testing::TestWithParam<std::tuple<Kind, ErrorRow>> {
+protected:
+    Kind const m_kind = std::get<0>(GetParam());
+    ErrorRow const m_row = std::get<1>(GetParam());
+};
+
+#define VESK_INSTANTIATE_CLASS_ROWS(suite, rows)                                                             \
+    INSTANTIATE_TEST_SUITE_P(                                                                                \
+        rows, suite, testing::Combine(testing::ValuesIn(CLASSES), testing::ValuesIn(rows)), byName)
+
+class StreamSocketCreationRows : public StreamSocketRow {};
+
+VESK_INSTANTIATE_CLASS_ROWS(StreamSocketCreationRows, CREATION_ROWS);
+
+TEST_P(StreamSocketCreationRows, failureMakesTheSocketInvalid) {
+    EventRecorder const events;
+    {
+        Fault const fault(inject_socket, m_row.error);
+        Fault const closes(inject_close, 0);
+        SocketPtr const socket = make(m_kind, false, true);
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_EQ(0, closes.getCalls());
+        EXPECT_TRUE(causeIs(m_row));
+        EXPECT_TRUE(isUnusable(*socket));
+    }
+    EXPECT_EQ("", events.getText()) << "the destructor reports nothing";
+    EXPECT_TRUE(chainIs({}));
+}
+
+/// Checks a failure after the creation: the descriptor is closed again, and the cause stays reported. A server cannot be
+/// flushed, which must not matter.
+void expectCauseToSurviveClose(Kind kind, Injected& call, ErrorRow const& row) {
+    EventRecorder const events;
+    int const descriptors = countDescriptors();
+    {
+        Fault const fault(call, row.error);
+        Fault const closes(inject_close, EINTR);
+        SocketPtr const socket = make(kind, false, true);
+        EXPECT_EQ(2, closes.getCalls());
+        EXPECT_TRUE(causeIs(row));
+        EXPECT_TRUE(isUnusable(*socket, Socket::DEAD));
+        EXPECT_FALSE(socket->hadError());
+        EXPECT_EQ(descriptors, countDescriptors());
+    }
+    EXPECT_EQ("", events.getText());
+}
+
+class StreamSocketFlagRows : public StreamSocketRow {};
+
+VESK_INSTANTIATE_CLASS_ROWS(StreamSocketFlagRows, FLAG_ROWS);
+
+TEST_P(StreamSocketFlagRows, failureToReadTheFlagsMakesTheSocketInvalid) {
+    expectCauseToSurviveClose(m_kind, inject_getfl, m_row);
+}
+
+TEST_P(StreamSocketFlagRows, failureToSetTheFlagsMakesTheSocketInvalid) {
+    Fault const options(inject_setsockopt, 0);
+    expectCauseToSurviveClose(m_kind, inject_setfl, m_row);
+    EXPECT_EQ(0, options.getCalls()) << "the reuse of addresses is not set any more";
+}
+
+class StreamSocketReuseRows : public StreamSocketRow {};
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, StreamSocketReuseRows,
+    testing::Combine(testing::ValuesIn(getKinds({Transport::IPV4})), testing::ValuesIn(SET_OPTION_ROWS)),
+    byName);
+
+TEST_P(StreamSocketReuseRows, failureMakesTheSocketInvalid) {
+    expectCauseToSurviveClose(m_kind, inject_setsockopt, m_row);
+}
+
+/// A failure of a constructor that is followed by a failure to close.
+class StreamSocketAbort : public testing::TestWithParam<std::tuple<Kind, Injected*>> {
+protected:
+    Kind const m_kind = std::get<0>(GetParam());
+    Injected& m_call = *std::get<1>(GetParam());
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    flags, StreamSocketAbort,
+    testing::Combine(testing::ValuesIn(CLASSES), testing::Values(&inject_getfl, &inject_setfl)), byName);
+INSTANTIATE_TEST_SUITE_P(
+    reuse, StreamSocketAbort,
+    testing::Combine(testing::ValuesIn(getKinds({Transport::IPV4})), testing::Values(&inject_setsockopt)),
+    byName);
+
+TEST_P(StreamSocketAbort, endsTheProcess) {
+    ChildEnd const end = runInChild([this] {
+        Fault const fault(m_call, EPERM);
+        Fault const closes(inject_close, EBADF);
+        SocketPtr const socket = make(m_kind, false, true);
+        ADD_FAILURE() << "not reached";
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+    std::string const abort = getAbort(m_kind);
+    EXPECT_NE(std::string::npos, end.errors.find(abort.substr(abort.find(':') + 2))) << end.errors;
+}
+
+TEST_P(StreamSocketAbort, thatReturnsLeavesTheCauseReported) {
+    EventRecorder const events;
+    int const fd = getNextDescriptor();
+    {
+        Fault const fault(m_call, EPERM);
+        Fault const closes(inject_close, EIO);
+        SocketPtr const socket = make(m_kind, false, true);
+        EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EPERM));
+        EXPECT_TRUE(isUnusable(*socket, Socket::DEAD));
+    }
+    EXPECT_EQ("ABORT framework/src/vesk/posix/" + getAbort(m_kind), events.getText());
+    closeForReal(fd);
+}
+
+// ---- States ----
+
+/// A socket of each kind in each state.
+class StreamSocketState : public testing::TestWithParam<std::tuple<Kind, Socket::State>> {
+protected:
+    StreamSocketState() {
+        if (m_state != Socket::INACTIVE) {
+            start(m_kind, *m_socket);
+        }
+        if (m_state == Socket::DEAD) {
+            EXPECT_FALSE(closeSocket(*m_socket, false));
+        }
+        EXPECT_TRUE(succeeded(*m_socket, m_state));
+    }
+
+    Kind const m_kind = std::get<0>(GetParam());
+    Socket::State const m_state = std::get<1>(GetParam());
+    Listener const m_listener{m_kind.transport};
+    SocketPtr m_socket = m_kind.is_server ? make(m_kind) : m_listener.makeClient();
+    int m_fd = m_socket->getSocketFd();
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    kinds, StreamSocketState,
+    testing::Combine(testing::ValuesIn(KINDS), testing::Values(Socket::INACTIVE, Socket::OPEN, Socket::DEAD)),
+    byName);
+
+TEST_P(StreamSocketState, canBeClosedOnce) {
+    Fault const shutdowns(inject_shutdown, 0);
+    if (m_state != Socket::DEAD) {
+        EXPECT_FALSE(closeSocket(*m_socket, false));
+        EXPECT_TRUE(succeeded(*m_socket, Socket::DEAD));
+        EXPECT_FALSE(isOpen(m_fd));
+    }
+    Fault const closes(inject_close, 0);
+    EXPECT_TRUE(closeSocket(*m_socket, true));
+    EXPECT_TRUE(failed(*m_socket, Socket::DEAD));
+    EXPECT_TRUE(misuseIs("called close on already DEAD socket"));
+    EXPECT_EQ(0, closes.getCalls() + shutdowns.getCalls());
+}
+
+TEST_P(StreamSocketState, allowsAShutdownUnlessDead) {
+    EXPECT_EQ(m_state == Socket::DEAD, closeSocket(*m_socket, true));
+    EXPECT_EQ(m_state == Socket::DEAD, m_socket->hadError());
+    EXPECT_TRUE(m_state == Socket::DEAD ? misuseIs("called close on already DEAD socket") : chainIs({}));
+    EXPECT_TRUE(hasState(*m_socket, Socket::DEAD));
+}
+
+TEST_P(StreamSocketState, allowsOptionsUnlessDead) {
+    bool const is_dead = m_state == Socket::DEAD;
+    auto const reported = [&] { return is_dead ? chainIs({Socket::ErrorId::INVALID_SOCKET}) : chainIs({}); };
+    EXPECT_EQ(is_dead, m_socket->checkValidSocket());
+    EXPECT_TRUE(reported());
+    EXPECT_EQ(is_dead, m_socket->setSendBuffer(65536));
+    EXPECT_TRUE(reported());
+    EXPECT_EQ(is_dead, m_socket->setRecvBuffer(65536));
+    EXPECT_TRUE(reported());
+    EXPECT_EQ(is_dead, m_socket->getSendBuffer() == 0);
+    EXPECT_TRUE(reported());
+    EXPECT_EQ(is_dead, m_socket->getRecvBuffer() == 0);
+    EXPECT_TRUE(reported());
+    EXPECT_EQ(is_dead, m_socket->hadError());
+    EXPECT_TRUE(hasState(*m_socket, m_state));
+}
+
+TEST_P(StreamSocketState, decidesWhatTheDestructorReports) {
+    WithoutClosing const without_closing;
+    EventRecorder const events;
+    Fault const closes(inject_close, 0);
+    Fault const shutdowns(inject_shutdown, 0);
+    m_socket.reset();
+    EXPECT_EQ(
+        m_state == Socket::OPEN ? getAssertion(m_kind, "this->getState() != OPEN") : "", events.getText());
+    EXPECT_EQ(m_state == Socket::DEAD ? 0 : 1, closes.getCalls()) << "it is closed all the same";
+    EXPECT_EQ(0, shutdowns.getCalls());
+    EXPECT_FALSE(isOpen(m_fd));
+    EXPECT_TRUE(chainIs({}));
+}
+
+class StreamSocketNotOpen : public StreamSocketState {};
+
+INSTANTIATE_TEST_SUITE_P(
+    clients, StreamSocketNotOpen,
+    testing::Combine(testing::ValuesIn(CLIENTS), testing::Values(Socket::INACTIVE, Socket::DEAD)), byName);
+
+TEST_P(StreamSocketNotOpen, refusesToReadAndToWrite) {
+    EXPECT_EQ(FAILED, readByte(*m_socket));
+    EXPECT_TRUE(failed(*m_socket, m_state));
+    EXPECT_TRUE(streamMisuseIs("called read on non-OPEN socket", StreamErrorId::UNUSABLE));
+    EXPECT_EQ(FAILED, write(*m_socket, "x"));
+    EXPECT_TRUE(failed(*m_socket, m_state));
+    EXPECT_TRUE(streamMisuseIs("called write on non-OPEN socket", StreamErrorId::UNUSABLE));
+    EXPECT_FALSE(m_socket->flush(false)) << "the buffer is empty";
+    EXPECT_TRUE(succeeded(*m_socket, m_state));
+}
+
+class StreamSocketClass : public testing::TestWithParam<Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(classes, StreamSocketClass, testing::ValuesIn(CLASSES), byName);
+
+TEST_P(StreamSocketClass, withoutADescriptorFailsToStartAndToClose) {
+    EventRecorder const events;
+    Fault const fault(inject_socket, EACCES);
+    SocketPtr const socket = make(GetParam());
+    std::ErrorStorage::ack();
+    if (GetParam().is_server) {
+        enableListen(*socket);
+    } else {
+        EXPECT_TRUE(connectSocket(*socket));
+    }
+    EXPECT_TRUE(socket->hadError());
+    std::string const text = rowText(CommonErrorId::INVALID_ARGUMENT, "p_socket_fd is invalid");
+    EXPECT_TRUE(chainIs({{CommonErrorId::INVALID_ARGUMENT, text}}));
+    EXPECT_TRUE(isUnusable(*socket, GetParam().is_server ? Socket::DEAD : Socket::INACTIVE));
+    // A Unix client without a name of its own does not bind.
+    bool const binds = GetParam().is_server || isTcp(GetParam().transport);
+    EXPECT_EQ(
+        std::string("ASSERT framework/src/vesk/posix/SocketPosixCommon ") +
+            (binds ? "bindSocket" : "connectSocket") + ": p_socket_fd != INVALID_SOCKET_FD",
+        events.getText());
+    if (!GetParam().is_server) {
+        EXPECT_TRUE(closeSocket(*socket, false));
+        EXPECT_TRUE(failed(*socket, Socket::DEAD));
+        EXPECT_TRUE(chainIs({}));
+    }
+}
+
+TEST_P(StreamSocketClass, repeatsTheCloseWhileSignalsInterruptIt) {
+    SocketPtr const socket = make(GetParam());
+    int const fd = socket->getSocketFd();
+    Fault const fault(inject_close, EINTR, 1, 4);
+    EXPECT_FALSE(closeSocket(*socket, false));
+    EXPECT_EQ(5, fault.getCalls());
+    EXPECT_TRUE(succeeded(*socket, Socket::DEAD));
+    EXPECT_FALSE(isOpen(fd));
+}
+
+TEST_P(StreamSocketClass, failsToCloseAClosedDescriptorWithoutAReport) {
+    SocketPtr const socket = make(GetParam());
+    close(socket->getSocketFd());
+    EXPECT_TRUE(closeSocket(*socket, false));
+    EXPECT_TRUE(failed(*socket, Socket::DEAD));
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_P(StreamSocketClass, thatTheDestructorCannotCloseIsABrokenInvariant) {
+    WithoutClosing const without_closing;
+    EventRecorder const events;
+    SocketPtr socket = make(GetParam());
+    int const fd = socket->getSocketFd();
+    {
+        Fault const fault(inject_close, EIO);
+        socket.reset();
+        EXPECT_EQ(1, fault.getCalls());
+    }
+    EXPECT_EQ(getAssertion(GetParam(), "!has_error: error closing socket"), events.getText());
+    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EIO));
+    closeForReal(fd);
+}
+
+class StreamSocketCloseRows : public StreamSocketRow {};
+
+VESK_INSTANTIATE_CLASS_ROWS(StreamSocketCloseRows, CLOSE_ROWS);
+
+TEST_P(StreamSocketCloseRows, failureIsReportedAndTheSocketIsDead) {
+    Listener const listener(m_kind.transport);
+    Place const own(m_kind.transport);
+    SocketPtr const socket = m_kind.is_server ? makeServer(own) : listener.makeClient({true, 0, 0, own.name});
+    start(m_kind, *socket);
+    EXPECT_EQ(!isTcp(m_kind.transport), isSocketFile(own.name));
+    int const fd = socket->getSocketFd();
+    {
+        Fault const fault(inject_close, m_row.error);
+        EXPECT_TRUE(closeSocket(*socket, true));
+        EXPECT_EQ(1, fault.getCalls());
+    }
+    EXPECT_TRUE(failed(*socket, Socket::DEAD));
+    EXPECT_TRUE(causeIs(m_row));
+    EXPECT_FALSE(isSocketFile(own.name)) << "the file is removed all the same";
+    closeForReal(fd);
+}
+
+// ---- Connecting ----
+
+class StreamSocket : public testing::TestWithParam<Transport> {};
+
+INSTANTIATE_TEST_SUITE_P(transports, StreamSocket, testing::ValuesIn(TRANSPORTS), byName);
+
+TEST_P(StreamSocket, withoutMemoryForABufferIsInvalidAndHasNoDescriptor) {
+    Fault const sockets(inject_socket, 0);
+    for (unsigned int const read_buffer : {0U, 64U}) {
+        NewFault const fault(New::NOTHROW_ARRAY);
+        SocketPtr const socket = makeClient(Place(GetParam()), {true, read_buffer, 64 - read_buffer});
+        EXPECT_TRUE(chainIs({CommonErrorId::OUT_OF_MEMORY}));
+        EXPECT_TRUE(isUnusable(*socket));
+    }
+    EXPECT_EQ(0, sockets.getCalls());
+}
+
+TEST_P(StreamSocket, connectsOnceAndCallsItsHookOnce) {
+    Connection const connection(GetParam());
+    int const hooks = isTcp(GetParam()) ? 1 : 0;
+    EXPECT_EQ(hooks, countHookCalls(*connection.client));
+    EXPECT_EQ(0, countHookCalls(*connection.server)) << "an adopted socket was not connected by itself";
+    Fault const calls(inject_connect, 0);
+    for (Socket* const socket : {connection.client.get(), connection.server.get()}) {
+        EXPECT_FALSE(connectSocket(*socket));
+        EXPECT_TRUE(failed(*socket, Socket::OPEN));
+        EXPECT_TRUE(misuseIs("connect called in state != INACTIVE"));
+    }
+    EXPECT_TRUE(transfers(*connection.client, *connection.server, "still connected"));
+    EXPECT_FALSE(closeSocket(*connection.client, false));
+    EXPECT_FALSE(connectSocket(*connection.client));
+    EXPECT_TRUE(failed(*connection.client, Socket::DEAD));
+    EXPECT_TRUE(misuseIs("connect called in state != INACTIVE"));
+    EXPECT_EQ(hooks, countHookCalls(*connection.client));
+    EXPECT_EQ(0, calls.getCalls());
+}
+
+TEST_P(StreamSocket, thatWasClosedCannotConnect) {
+    SocketPtr const socket = makeClient(Place(GetParam()));
+    EXPECT_FALSE(closeSocket(*socket, false));
+    EXPECT_FALSE(connectSocket(*socket));
+    EXPECT_TRUE(failed(*socket, Socket::DEAD));
+    EXPECT_TRUE(misuseIs("connect called in state != INACTIVE"));
+}
+
+TEST_P(StreamSocket, thatWasRefusedMayTryAgain) {
+    Place place(GetParam());
+    PlainServer const peer(place);
+    SocketPtr const client = makeClient(place);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(connectSocket(*client));
+        EXPECT_TRUE(failed(*client, Socket::INACTIVE));
+        EXPECT_TRUE(causeIs(Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED));
+    }
+    peer.listen();
+    EXPECT_FALSE(connectSocket(*client));
+    EXPECT_TRUE(succeeded(*client, Socket::OPEN));
+}
+
+class StreamSocketBindRows : public TransportRow {};
+
+VESK_INSTANTIATE_ROWS(StreamSocketBindRows, BIND_ROWS);
+
+TEST_P(StreamSocketBindRows, failureLeavesTheSocketInactiveAndNotBound) {
+    Listener const listener(m_transport);
+    SocketPtr const client = listener.makeClient({true, 0, 0, m_place.name});
+    Fault const removals(inject_unlink, 0);
+    int const descriptors = countDescriptors();
+    {
+        Fault const fault(inject_bind, m_row.error);
+        Fault const connects(inject_connect, 0);
+        EXPECT_TRUE(connectSocket(*client));
+        EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
+        EXPECT_EQ(0, connects.getCalls());
+    }
+    EXPECT_TRUE(causeIs(m_row));
+    EXPECT_TRUE(failed(*client, Socket::INACTIVE));
+    EXPECT_EQ(descriptors, countDescriptors());
+    SocketPtr const other = listener.makeClient({true, 0, 0, m_place.name});
+    EXPECT_FALSE(connectSocket(*other)) << "the name is still free";
+    EXPECT_FALSE(closeSocket(*client, false));
+    EXPECT_EQ(0, removals.getCalls()) << "the file of that name belongs to another socket";
+}
+
+class StreamSocketConnectRows : public TransportRow {};
+
+VESK_INSTANTIATE_ROWS(StreamSocketConnectRows, CONNECT_ROWS);
+
+TEST_P(StreamSocketConnectRows, failureLeavesTheSocketInactive) {
+    Listener const listener(m_transport);
+    SocketPtr const client = listener.makeClient({true, 0, 0, m_place.name});
+    int const descriptors = countDescriptors();
+    {
+        Fault const fault(inject_connect, m_row.error);
+        Fault const names(inject_getpeername, 0);
+        EXPECT_TRUE(connectSocket(*client));
+        EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
+        EXPECT_EQ(0, names.getCalls());
+    }
+    EXPECT_TRUE(causeIs(m_row));
+    EXPECT_TRUE(failed(*client, Socket::INACTIVE));
+    EXPECT_EQ(0, countHookCalls(*client));
+    EXPECT_EQ(descriptors, countDescriptors());
+    if (isTcp(m_transport)) {
+        EXPECT_FALSE(connectSocket(*client)) << "it may try again";
+        EXPECT_TRUE(succeeded(*client, Socket::OPEN));
+        EXPECT_EQ(1, countHookCalls(*client));
+    } else {
+        EXPECT_TRUE(dynamic_cast<UnixClient&>(*client).m_bound);
+        EXPECT_TRUE(isSocketFile(m_place.name));
+        EXPECT_FALSE(closeSocket(*client, false));
+        EXPECT_FALSE(isSocketFile(m_place.name));
+    }
+}
+
+class StreamSocketUnderWayRows : public TransportRow {};
+
+/// Not reported.
+ErrorRows const UNDER_WAY_ROWS = makeRows({{SysErrorId::UNCLASSIFIED, {EALREADY, EINPROGRESS}}});
+VESK_INSTANTIATE_ROWS(StreamSocketUnderWayRows, UNDER_WAY_ROWS);
+
+TEST_P(StreamSocketUnderWayRows, makeTheSocketOpenWithoutAnError) {
+    SocketPtr const client = Listener(m_transport).makeClient();
+    Fault const fault(inject_connect, m_row.error);
+    EXPECT_TRUE(connectSocket(*client));
+    EXPECT_EQ(1, fault.getCalls());
+    EXPECT_TRUE(succeeded(*client, Socket::OPEN));
+    EXPECT_EQ(0, countHookCalls(*client)) << "there is no connection yet";
+    EXPECT_FALSE(connectSocket(*client));
+    EXPECT_TRUE(failed(*client, Socket::OPEN));
+    EXPECT_TRUE(misuseIs("connect called in state != INACTIVE"));
+    EXPECT_EQ(1, fault.getCalls());
+}
+
+TEST_P(StreamSocket, repeatsTheConnectWhileSignalsInterruptIt) {
+    Listener const listener(GetParam());
+    SocketPtr const client = listener.makeClient();
+    Fault const fault(inject_connect, EINTR, 1, 5);
+    EXPECT_FALSE(connectSocket(*client));
+    EXPECT_EQ(6, fault.getCalls());
+    EXPECT_TRUE(succeeded(*client, Socket::OPEN));
+}
+
+// ---- Closing a connection ----
+
+TEST_P(StreamSocket, closedWithoutAShutdownLeavesTheConnectionToOtherDescriptors) {
+    Connection const connection(GetParam());
+    int const other = dup(connection.client->getSocketFd());
+    EXPECT_FALSE(closeSocket(*connection.client, false));
+    EXPECT_EQ(5, send(other, "still", 5, MSG_NOSIGNAL));
+    EXPECT_EQ("still", readFrom(*connection.server, 5));
+    EXPECT_FALSE(isReady(connection.server->getSocketFd(), POLLIN));
+    close(other);
+    EXPECT_TRUE(isAtEnd(*connection.server));
+}
+
+TEST_P(StreamSocket, closedWithAShutdownEndsTheConnectionForOtherDescriptors) {
+    Connection const connection(GetParam());
+    int const other = dup(connection.client->getSocketFd());
+    EXPECT_FALSE(closeSocket(*connection.client, true));
+    EXPECT_EQ(SHUT_RDWR, s_calls.how);
+    EXPECT_TRUE(isAtEnd(*connection.server));
+    EXPECT_EQ(-1, send(other, "still", 5, MSG_NOSIGNAL));
+    close(other);
+}
+
+class StreamSocketShutdownRows : public TransportRow {};
+
+VESK_INSTANTIATE_ROWS(StreamSocketShutdownRows, SHUTDOWN_ROWS);
+
+TEST_P(StreamSocketShutdownRows, failureDoesNotStopTheClose) {
+    Connection const connection(m_transport);
+    int const descriptors = countDescriptors();
+    {
+        Fault const fault(inject_shutdown, m_row.error);
+        EXPECT_FALSE(closeSocket(*connection.client, true));
+        EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
+    }
+    EXPECT_FALSE(std::ErrorStorage::isError(false)) << "the failure is acknowledged";
+    std::string const reasons = tarn_error.getReasonList();
+    EXPECT_NE(std::string::npos, reasons.find(*expected(m_row).text)) << reasons;
+    EXPECT_TRUE(succeeded(*connection.client, Socket::DEAD));
+    EXPECT_EQ(descriptors - 1, countDescriptors());
+    EXPECT_TRUE(isAtEnd(*connection.server));
+}
+
+// ---- Traffic ----
+
+TEST_P(StreamSocket, carriesBytesBothWays) {
+    for (unsigned int const buffers : {0U, 16U, 512U}) {
+        Connection const connection(GetParam(), {true, buffers, buffers});
+        EXPECT_TRUE(transfers(*connection.client, *connection.server, "question, and a long one"));
+        EXPECT_TRUE(transfers(*connection.server, *connection.client, "answer"));
+        EXPECT_TRUE(succeeded(*connection.client, Socket::OPEN));
+    }
+}
+
+TEST_P(StreamSocket, withAWriteBufferSendsOnlyWhatIsFlushed) {
+    Connection const connection(GetParam(), {true, 0, 64});
+    EXPECT_FALSE(connection.client->isInputBuffered());
+    writeTo(*connection.client, "one ");
+    writeTo(*connection.client, "piece");
+    EXPECT_FALSE(isReady(connection.server->getSocketFd(), POLLIN)) << "nothing is sent yet";
+    EXPECT_FALSE(connection.client->flush(false));
+    EXPECT_EQ("one piece", readFrom(*connection.server, 9));
+}
+
+TEST_P(StreamSocket, withAReadBufferReadsAhead) {
+    Connection const connection(GetParam(), {true, 64, 0});
+    EXPECT_FALSE(connection.client->isOutputBuffered());
+    writeTo(*connection.server, "0123456789");
+    EXPECT_EQ("012", readFrom(*connection.client, 3));
+    EXPECT_FALSE(isReady(connection.client->getSocketFd(), POLLIN)) << "the rest is in the buffer";
+    EXPECT_EQ("3456789", readFrom(*connection.client, 7));
+}
+
+TEST_P(StreamSocket, waitsForData) {
+    Connection const connection(GetParam());
+    std::thread reader = startUntilAsleep([&] {
+        char block[8];
+        unsigned int count = 0;
+        EXPECT_EQ(1, connection.server->read(block, sizeof block, count));
+        EXPECT_EQ("late", std::string(block, count));
+    });
+    writeTo(*connection.client, "late");
+    reader.join();
+}
+
+TEST_P(StreamSocket, thatDoesNotBlockReadsNothingWhereNothingHasArrived) {
+    Connection const connection(GetParam(), {false});
+    EXPECT_EQ(NOTHING, readByte(*connection.client));
+    EXPECT_TRUE(succeeded(*connection.client, Socket::OPEN));
+}
+
+/// Returns bytes that depend on their position.
+std::string makePattern(size_t size) {
+    std::string pattern(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        pattern[i] = static_cast<char>(i * 31 + (i >> 8) * 7);
+    }
+    return pattern;
+}
+
+TEST_P(StreamSocket, thatDoesNotBlockWritesNothingUntilThePeerReads) {
+    Listener const listener(GetParam());
+    EXPECT_FALSE(listener->setRecvBuffer(8192));
+    SocketPtr const client = listener.makeClient({false});
+    EXPECT_FALSE(client->setSendBuffer(8192));
+    EXPECT_EQ(isTcp(GetParam()), connectSocket(*client));
+    ASSERT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
+    SocketPtr const server = listener.accept();
+    std::string const pattern = makePattern(1U << 20);
+    std::string received;
+    size_t sent = 0;
+    int refusals = 0;
+    while (sent < pattern.size() && !HasFailure()) {
+        Transfer const transfer = write(*client, pattern.substr(sent, 65536));
+        ASSERT_EQ(1, transfer.result);
+        ASSERT_TRUE(succeeded(*client, Socket::OPEN));
+        sent += transfer.count;
+        if (transfer.count == 0) {
+            ++refusals;
+            received += readFrom(*server, sent - received.size());
+            ASSERT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
+        }
+    }
+    received += readFrom(*server, sent - received.size());
+    EXPECT_GT(refusals, 0);
+    EXPECT_TRUE(pattern == received);
+}
+
+TEST_P(StreamSocket, carriesMegabytesBothWays) {
+    std::string const pattern = makePattern(4U << 20);
+    auto const send_all = [&](Socket& socket) {
+        for (size_t at = 0; at < pattern.size(); at += 50000) {
+            writeTo(socket, pattern.substr(at, 50000));
+        }
+        EXPECT_FALSE(socket.flush(false));
+    };
+    for (unsigned int const buffers : {0U, 1000U}) {
+        Connection const connection(GetParam(), {true, buffers, buffers});
+        std::thread echo([&] {
+            EXPECT_TRUE(pattern == readFrom(*connection.server, pattern.size()));
+            send_all(*connection.server);
+        });
+        send_all(*connection.client);
+        EXPECT_TRUE(pattern == readFrom(*connection.client, pattern.size()));
+        echo.join();
+        EXPECT_FALSE(closeSocket(*connection.client, false));
+        EXPECT_TRUE(isAtEnd(*connection.server));
+    }
+}
+
+TEST_P(StreamSocket, withBuffersCarriesBlocksOfAnySize) {
+    Connection const connection(GetParam(), {true, 100, 1000});
+    std::string const pattern = makePattern(20000);
+    for (size_t at = 0; at < pattern.size(); at += 400) {
+        writeTo(*connection.client, pattern.substr(at, 400));
+    }
+    EXPECT_FALSE(connection.client->flush(false));
+    EXPECT_TRUE(pattern == readFrom(*connection.server, pattern.size()));
+    EXPECT_TRUE(transfers(*connection.server, *connection.client, pattern.substr(0, 5000)));
+}
+
+TEST_P(StreamSocket, staysOpenWhenThePeerCloses) {
+    Connection const connection(GetParam());
+    writeTo(*connection.client, "bye");
+    EXPECT_FALSE(closeSocket(*connection.client, true));
+    EXPECT_EQ("bye", readFrom(*connection.server, 3));
+    EXPECT_TRUE(isAtEnd(*connection.server));
+    EXPECT_TRUE(hasState(*connection.server, Socket::OPEN));
+    EXPECT_TRUE(isAtEnd(*connection.server)) << "each further read reports it";
+}
+
+TEST_P(StreamSocket, canWriteAfterThePeerHasEndedItsHalf) {
+    Connection const connection(GetParam());
+    writeTo(*connection.server, "bye");
+    ASSERT_EQ(0, shutdown(connection.server->getSocketFd(), SHUT_WR));
+    EXPECT_EQ("bye", readFrom(*connection.client, 3));
+    EXPECT_TRUE(isAtEnd(*connection.client));
+    EXPECT_TRUE(isAtEnd(*connection.client)) << "each further read reports it";
+    EXPECT_TRUE(hasState(*connection.client, Socket::OPEN));
+    EXPECT_TRUE(transfers(*connection.client, *connection.server, "answer"));
+}
+
+TEST_P(StreamSocket, canBeSelected) {
+    Connection const connection(GetParam());
+    writeTo(*connection.client, "x");
+    std::set<Socket const*> read = {connection.client.get(), connection.server.get()};
+    std::set<Socket const*> none;
+    EXPECT_EQ(1, Socket::selectSockets(read, none, none, 60000, true));
+    EXPECT_EQ(std::set<Socket const*>{connection.server.get()}, read);
+    EXPECT_EQ("x", readFrom(*connection.server, 1));
+}
+
+} // namespace
