@@ -25,6 +25,7 @@
 #include <sys/stat.h>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 /// What the tests of TCP and Unix sockets share: the tables of errors, and connections of each transport.
@@ -61,6 +62,16 @@ inline void PrintTo(ErrorRow const& row, std::ostream* out) {
 
 inline ExpectedReport expected(ErrorRow const& row) {
     return {*row.family, row.id, rowText(*row.family, row.id, systemText(row.error))};
+}
+
+/// A report that has a cause with a name.
+struct NamedRow {
+    std::string name;
+    ErrorRow row;
+};
+
+inline void PrintTo(NamedRow const& named, std::ostream* out) {
+    *out << named.name;
 }
 
 /// Checks that the pending chain is the report of this row alone. Acknowledges it.
@@ -297,9 +308,6 @@ inline std::string getName(Transport transport) {
     char const* const names[] = {"IPv4", "IPv6", "abstractName", "path"};
     return names[static_cast<int>(transport)];
 }
-inline std::string getName(IPSocket::IPProtocolVersion version) {
-    return version == IPSocket::IPV6 ? "IPv6" : "IPv4";
-}
 inline std::string getName(ErrorRow const& row) {
     return strerrorname_np(row.error);
 }
@@ -309,6 +317,11 @@ inline std::string getName(Socket::State state) {
 }
 inline std::string getName(Injected* call) {
     return call == &inject_getfl ? "F_GETFL" : call == &inject_setfl ? "F_SETFL" : "SO_REUSEADDR";
+}
+inline std::string getName(NamedRow const& named) {
+    std::string name = named.name;
+    std::replace(name.begin(), name.end(), '/', '_');
+    return name;
 }
 template <typename First, typename Second>
 std::string getName(std::tuple<First, Second> const& both) {
@@ -343,7 +356,9 @@ protected:
     int const m_files = m_transport == Transport::PATH ? 1 : 0;
 };
 
-#define VESK_INSTANTIATE_ROWS(suite, rows)                                                                   \
+/// Declares a suite for the rows of a table.
+#define VESK_ROW_SUITE(suite, rows)                                                                          \
+    class suite : public support::TransportRow {};                                                           \
     INSTANTIATE_TEST_SUITE_P(                                                                                \
         rows, suite, testing::Combine(testing::ValuesIn(TCP_AND_UNIX), testing::ValuesIn(rows)), byName)
 
@@ -362,17 +377,10 @@ inline std::string abstractAddress(std::string const& name) {
 inline std::string getAddress(Place const& place) {
     sockaddr_in const v4 = IPAddress::makeHandle(INADDR_LOOPBACK, place.port);
     sockaddr_in6 const v6 = IPAddress::makeHandle(in6addr_loopback, place.port, 0);
-    switch (place.transport) {
-    case Transport::IPV4:
-        return bytesOf(&v4, sizeof v4);
-    case Transport::IPV6:
-        return bytesOf(&v6, sizeof v6);
-    case Transport::ABSTRACT:
-        return abstractAddress(place.name);
-    case Transport::PATH:
-        return pathAddress(place.name) + '\0';
-    }
-    return {};
+    std::string const addresses[] = {
+        bytesOf(&v4, sizeof v4), bytesOf(&v6, sizeof v6), abstractAddress(place.name),
+        pathAddress(place.name) + '\0'};
+    return addresses[static_cast<int>(place.transport)];
 }
 
 /// Returns the address of a descriptor as the system reports it.
@@ -595,12 +603,24 @@ inline testing::AssertionResult failed(Socket const& socket, Socket::State state
 }
 
 /// Checks that a constructor has failed.
-inline testing::AssertionResult isUnusable(Socket const& socket, Socket::State state = Socket::INACTIVE) {
-    if (!socket.isValid() && socket.getSocketFd() == -1 && socket.getState() == state) {
-        return testing::AssertionSuccess();
+inline bool isUnusable(Socket const& socket, Socket::State state = Socket::INACTIVE) {
+    return !socket.isValid() && socket.getSocketFd() == -1 && socket.getState() == state;
+}
+
+/// Checks that a client cannot connect, for this reason.
+inline testing::AssertionResult failsToConnect(Socket& client, ErrorRow const& row) {
+    if (!connectSocket(client)) {
+        return testing::AssertionFailure() << "it has connected";
     }
-    return testing::AssertionFailure() << "state " << socket.getState() << ", valid " << socket.isValid()
-                                       << ", descriptor " << socket.getSocketFd();
+    testing::AssertionResult const result = failed(client, Socket::INACTIVE);
+    return result ? causeIs(row) : result;
+}
+
+/// Checks that a server cannot listen, for this reason.
+inline testing::AssertionResult failsToListen(Socket& server, ErrorRow const& row) {
+    enableListen(server);
+    testing::AssertionResult const result = failed(server, Socket::DEAD);
+    return result ? causeIs(row) : result;
 }
 
 inline bool isZero(IPSocket::BinaryAddress const& address) {
@@ -637,21 +657,10 @@ inline bool acceptsNothing(Socket& server) {
 // ---- Traffic ----
 
 /// The result and the count of a `read` or a `write`.
-struct Transfer {
-    int result;
-    unsigned int count;
-};
+using Transfer = std::pair<int, unsigned int>;
 
-inline bool operator==(Transfer const& left, Transfer const& right) {
-    return left.result == right.result && left.count == right.count;
-}
-
-inline void PrintTo(Transfer const& transfer, std::ostream* out) {
-    *out << transfer.result << ", " << transfer.count << " bytes";
-}
-
-constexpr Transfer FAILED{-1, 0};
-constexpr Transfer NOTHING{1, 0};
+constexpr Transfer FAILED{-1, 0U};
+constexpr Transfer NOTHING{1, 0U};
 
 inline Transfer readByte(Socket& socket) {
     char byte = 0;
@@ -667,7 +676,7 @@ inline Transfer write(Socket& socket, std::string const& bytes) {
 }
 
 inline void writeTo(Socket& socket, std::string const& bytes) {
-    EXPECT_EQ((Transfer{1, static_cast<unsigned int>(bytes.size())}), write(socket, bytes));
+    EXPECT_EQ(Transfer(1, bytes.size()), write(socket, bytes));
     EXPECT_FALSE(socket.hadError());
 }
 
@@ -703,7 +712,7 @@ inline testing::AssertionResult isAtEnd(Socket& socket) {
         return testing::AssertionFailure() << "nothing happened";
     }
     Transfer const transfer = readByte(socket);
-    if (!(transfer == Transfer{0, 0}) || !socket.hadError()) {
+    if (transfer != Transfer(0, 0) || !socket.hadError()) {
         return testing::AssertionFailure() << testing::PrintToString(transfer);
     }
     return chainIs(

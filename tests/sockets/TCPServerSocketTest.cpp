@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 /// What TCP servers do and Unix servers do not. The rest is in StreamServerSocketTest.cpp.
 
@@ -22,22 +19,6 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(
     versions, TCPServerSocketVersions, testing::Values(Transport::IPV4, Transport::IPV6), byName);
-
-TEST_P(TCPServerSocketVersions, reusesAddressesOnRequest) {
-    SocketPtr const server = makeServer(Place(GetParam()), false, true);
-    EXPECT_TRUE(succeeded(*server, Socket::INACTIVE));
-    EXPECT_EQ(1, getOption(server->getSocketFd(), SOL_SOCKET, SO_REUSEADDR));
-}
-
-TEST(TCPServerSocket, withAnAddressOfTheOtherVersionIsInvalidWithoutADescriptor) {
-    Fault const descriptors(inject_socket, 0);
-    TCPServerSocket const server(IPAddress(IPSocket::LOOPBACK_IP6, 0), false, true, IPSocket::IPV4);
-    EXPECT_TRUE(chainIs({CommonErrorId::INVALID_ARGUMENT}));
-    EXPECT_TRUE(isUnusable(server));
-    EXPECT_EQ(0, descriptors.getCalls());
-}
-
-// ---- Listening ----
 
 TEST_P(TCPServerSocketVersions, knowsItsPortAfterAnUpdateAndHasNoPeer) {
     Server server(IPAddress(getLoopback(m_version), 0), true, false, m_version);
@@ -73,12 +54,6 @@ TEST(TCPServerSocket, ofIPv6ServesClientsOfIPv4) {
     Client const accepted(true, 0, 0, server.acceptConnection());
     EXPECT_EQ("::ffff:127.0.0.1", accepted.getPeerAddress().host);
     EXPECT_EQ(dynamic_cast<TCPSocket&>(*client).getLocalAddress().port, accepted.getPeerAddress().port);
-}
-
-testing::AssertionResult failsToListen(Socket& server, ErrorRow const& row) {
-    enableListen(server);
-    testing::AssertionResult const result = failed(server, Socket::DEAD);
-    return result ? causeIs(row) : result;
 }
 
 ErrorRow const IN_USE(Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE);
@@ -137,8 +112,6 @@ TEST_P(TCPServerSocketBacklog, letsOneMoreConnectionWait) {
     EXPECT_TRUE(transfers(*clients.front(), *listener.accept(), "first"));
     EXPECT_TRUE(awaitEvents(late->getSocketFd(), POLLOUT)) << "now there is";
 }
-
-// ---- Accepting ----
 
 TEST(TCPServerSocket, acceptsAConnectionThatThePeerHasReset) {
     Waiting waiting;

@@ -2,12 +2,9 @@
 #include "support/Privileges.h"
 #include "support/TempFolder.h"
 
-#include <vesk/FileAccessError.h>
-
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <string>
 #include <type_traits>
 
 /// What Unix servers do and TCP servers do not: names and files. The rest is in StreamServerSocketTest.cpp.
@@ -29,12 +26,6 @@ testing::AssertionResult listens(UnixServer& server, unsigned int backlog = 4) {
     return succeeded(server, Socket::OPEN);
 }
 
-testing::AssertionResult failsToListen(UnixServer& server, ErrorRow const& row) {
-    server.enableListen(1);
-    testing::AssertionResult const result = failed(server, Socket::DEAD);
-    return result ? causeIs(row) : result;
-}
-
 /// Returns whether a client of plain system calls can connect to an address.
 bool isReached(std::string const& address) {
     int const fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -50,41 +41,6 @@ protected:
 };
 
 // ---- Names ----
-
-TEST(UnixServerSocket, knowsItsNameAndHasNoPeer) {
-    for (auto const name_space : {ABSTRACT, FILESYSTEM}) {
-        UnixServer const server("/run/own", true, name_space);
-        EXPECT_EQ("/run/own", server.getLocalPath());
-        EXPECT_EQ("", server.getPeerPath());
-        EXPECT_EQ(name_space, server.getNameSpace());
-    }
-}
-
-TEST(UnixServerSocket, findsNoPeerWhenItUpdatesItsAddress) {
-    UnixServer server(makeName(), true, ABSTRACT);
-    for (Socket::State const state : {Socket::INACTIVE, Socket::OPEN}) {
-        EXPECT_EQ(state, server.getState());
-        server.updatePeerAddress();
-        EXPECT_EQ("", server.getPeerPath());
-        if (state == Socket::INACTIVE) {
-            EXPECT_TRUE(listens(server));
-        }
-    }
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(UnixServerSocket, withAnEmptyNameIsInvalidWithoutAReport) {
-    EventRecorder const events;
-    Fault const sockets(inject_socket, 0);
-    for (auto const name_space : {ABSTRACT, FILESYSTEM}) {
-        UnixServerSocket const server("", true, name_space);
-        EXPECT_TRUE(isUnusable(server));
-        EXPECT_FALSE(server.hadError());
-        EXPECT_TRUE(chainIs({}));
-    }
-    EXPECT_EQ("", events.getText()) << "the destructors report nothing";
-    EXPECT_EQ(0, sockets.getCalls());
-}
 
 TEST(UnixServerSocket, withAnAbstractNameOfOneLetterBindsFourBytesAndCreatesNoFile) {
     // One of the letters is free, also if other runs of this test use the rest.
@@ -174,27 +130,6 @@ TEST_P(UnixServerSocketPath, isTheNameOfAFileOfUpTo107Bytes) {
 INSTANTIATE_TEST_SUITE_P(
     lengths, UnixServerSocketPath, testing::Values(60, 105, 106, 107), testing::PrintToStringParamName());
 
-class UnixServerSocketLongName : public UnixServerSocketPath {};
-
-TEST_P(UnixServerSocketLongName, isRejectedByTheSystem) {
-    if (!keepsAddresses()) {
-        GTEST_SKIP() << "the emulator shortens addresses that are too long";
-    }
-    for (auto const name_space : {ABSTRACT, FILESYSTEM}) {
-        std::string path = m_own;
-        path.resize(GetParam(), 'p');
-        UnixServer server(path, true, name_space);
-        EXPECT_TRUE(server.isValid());
-        EXPECT_TRUE(failsToListen(server, {SysErrorId::SPOILED_INTEGRITY, EINVAL}));
-        EXPECT_EQ(GetParam() + 3, s_calls.bind_length);
-        EXPECT_FALSE(isSocketFile(path.substr(0, 107)));
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    lengths, UnixServerSocketLongName, testing::Values(108, 109, 125, 126, 300, 5000),
-    testing::PrintToStringParamName());
-
 TEST_F(UnixServerSocketFile, isAnAddressInUseAfterItsProcessHasCrashed) {
     for (auto const name_space : {ABSTRACT, FILESYSTEM}) {
         std::string const name = name_space == ABSTRACT ? makeName() : m_own;
@@ -227,16 +162,7 @@ TEST_F(UnixServerSocketFile, doesNotShareItsNameWithAbstractSockets) {
     EXPECT_TRUE(isSocketFile(m_own));
 }
 
-struct PathCase {
-    std::string name;
-    ErrorRow row;
-};
-
-void PrintTo(PathCase const& each, std::ostream* out) {
-    *out << each.name;
-}
-
-class UnixServerSocketBadPath : public UnixServerSocketFile, public testing::WithParamInterface<PathCase> {};
+class UnixServerSocketBadPath : public UnixServerSocketFile, public testing::WithParamInterface<NamedRow> {};
 
 TEST_P(UnixServerSocketBadPath, isReported) {
     m_folder.makeFile("file", "precious");
@@ -250,10 +176,11 @@ TEST_P(UnixServerSocketBadPath, isReported) {
 INSTANTIATE_TEST_SUITE_P(
     paths, UnixServerSocketBadPath,
     testing::Values(
-        PathCase{"none/own", {SysErrorId::SPOILED_INTEGRITY, ENOENT}},
-        PathCase{"file/own", {SysErrorId::SPOILED_INTEGRITY, ENOTDIR}},
-        PathCase{"loop/own", {SysErrorId::SPOILED_INTEGRITY, ELOOP}}, PathCase{"file", IN_USE},
-        PathCase{"folder", IN_USE}, PathCase{"loop", IN_USE}));
+        NamedRow{"none/own", {SysErrorId::SPOILED_INTEGRITY, ENOENT}},
+        NamedRow{"file/own", {SysErrorId::SPOILED_INTEGRITY, ENOTDIR}},
+        NamedRow{"loop/own", {SysErrorId::SPOILED_INTEGRITY, ELOOP}}, NamedRow{"file", IN_USE},
+        NamedRow{"folder", IN_USE}, NamedRow{"loop", IN_USE}),
+    byName);
 
 TEST_F(UnixServerSocketFile, isNotCreatedWithoutPermission) {
     VESK_SKIP_UNLESS_ROOT();
@@ -262,16 +189,6 @@ TEST_F(UnixServerSocketFile, isNotCreatedWithoutPermission) {
         UnixServer server(m_own, true, FILESYSTEM);
         EXPECT_TRUE(failsToListen(server, {SysErrorId::PERMISSION_DENIED, EACCES}));
     });
-}
-
-TEST(UnixServerSocket, letsOneMoreConnectionWaitThanItsBacklog) {
-    Listener const listener(Transport::ABSTRACT, true, 1);
-    SocketPtr const clients[] = {
-        listener.makeClient({false}), listener.makeClient({false}), listener.makeClient({false})};
-    EXPECT_FALSE(connectSocket(*clients[0]));
-    EXPECT_FALSE(connectSocket(*clients[1]));
-    EXPECT_TRUE(connectSocket(*clients[2]));
-    EXPECT_TRUE(causeIs(SysErrorId::RESOURCES_EXHAUSTED, EAGAIN));
 }
 
 // ---- Files ----
@@ -292,18 +209,6 @@ TEST_F(UnixServerSocketFile, isRemovedByCloseOnlyIfTheServerHasCreatedIt) {
     EXPECT_EQ("the next owner's", contentOf(m_own));
 }
 
-TEST_F(UnixServerSocketFile, thatWasRemovedByAnotherIsReportedByClose) {
-    UnixServer server(m_own, true, FILESYSTEM);
-    EXPECT_TRUE(listens(server));
-    ASSERT_EQ(0, unlink(m_own.c_str()));
-    EXPECT_TRUE(server.close(false));
-    EXPECT_TRUE(failed(server, Socket::DEAD));
-    EXPECT_TRUE(chainIs(
-        {expected({SysErrorId::INVALID_PATH, ENOENT}),
-         {vesk::FileAccessErrorId::BAD_PATH, "Bad path '" + m_own + "'"},
-         expected({SysErrorId::SPOILED_INTEGRITY, ENOENT})}));
-}
-
 TEST_F(UnixServerSocketFile, withARelativePathIsInTheWorkingDirectory) {
     expectInChild([this] {
         ASSERT_EQ(0, chdir(m_folder.getPath().c_str()));
@@ -316,17 +221,6 @@ TEST_F(UnixServerSocketFile, withARelativePathIsInTheWorkingDirectory) {
         EXPECT_FALSE(server.close(false));
         EXPECT_FALSE(isSocketFile(m_own));
     });
-}
-
-TEST_F(UnixServerSocketFile, isRemovedByTheDestructorOfAnOpenServer) {
-    WithoutClosing const without_closing;
-    EventRecorder const events;
-    {
-        UnixServer server(m_own, true, FILESYSTEM);
-        EXPECT_TRUE(listens(server));
-    }
-    EXPECT_EQ(1U, events.getCount());
-    EXPECT_FALSE(isSocketFile(m_own));
 }
 
 } // namespace
