@@ -64,7 +64,7 @@ inline ExpectedReport expected(ErrorRow const& row) {
     return {*row.family, row.id, rowText(*row.family, row.id, systemText(row.error))};
 }
 
-/// A report that has a cause with a name.
+/// A report with the name of its cause.
 struct NamedRow {
     std::string name;
     ErrorRow row;
@@ -84,16 +84,12 @@ inline testing::AssertionResult streamFailureIs(ErrorRow const& row, StreamError
     return chainIs({expected(row), on_top});
 }
 
-inline ExpectedReport getMisuse(std::string const& text) {
-    return {CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)};
-}
-
 inline testing::AssertionResult misuseIs(std::string const& text) {
-    return chainIs({getMisuse(text)});
+    return chainIs({{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)}});
 }
 
 inline testing::AssertionResult streamMisuseIs(std::string const& text, StreamErrorId on_top) {
-    return chainIs({getMisuse(text), on_top});
+    return chainIs({{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)}, on_top});
 }
 
 using ErrorRows = std::vector<ErrorRow>;
@@ -352,8 +348,6 @@ protected:
     Transport const m_transport = std::get<0>(GetParam());
     ErrorRow const m_row = std::get<1>(GetParam());
     Place const m_place{m_transport};
-    /// The number of files that a bound socket has to remove.
-    int const m_files = m_transport == Transport::PATH ? 1 : 0;
 };
 
 /// Declares a suite for the rows of a table.
@@ -556,17 +550,12 @@ inline void enableListen(Socket& server, unsigned int backlog = 4) {
         server, [backlog](auto& either) { either.enableListen(backlog); });
 }
 
-inline void updatePeerAddress(Socket& socket) {
-    visit<IPSocket, UnixSocketBase>(socket, [](auto& either) { either.updatePeerAddress(); });
-}
-
-inline SocketPtr acceptSocket(
-    Socket& server, bool blocking = true, unsigned int read_buffer = 0, unsigned int write_buffer = 0) {
+inline SocketPtr acceptSocket(Socket& server) {
     if (auto* const tcp = dynamic_cast<TCPServerSocket*>(&server)) {
-        return std::make_unique<Client>(blocking, read_buffer, write_buffer, tcp->acceptConnection());
+        return std::make_unique<Client>(true, 0U, 0U, tcp->acceptConnection());
     }
-    return std::make_unique<UnixClient>(
-        blocking, read_buffer, write_buffer, dynamic_cast<UnixServerSocket&>(server).acceptConnection());
+    auto& either = dynamic_cast<UnixServerSocket&>(server);
+    return std::make_unique<UnixClient>(true, 0U, 0U, either.acceptConnection());
 }
 
 /// Returns how often the hook of a TCP client was called.
@@ -623,13 +612,10 @@ inline testing::AssertionResult failsToListen(Socket& server, ErrorRow const& ro
     return result ? causeIs(row) : result;
 }
 
-inline bool isZero(IPSocket::BinaryAddress const& address) {
-    IPSocket::BinaryAddress const zero{};
+template <typename Address>
+bool isZero(Address const& address) {
+    Address const zero{};
     return memcmp(&zero, &address, sizeof zero) == 0;
-}
-
-inline bool isZero(sockaddr_un const& address) {
-    return bytesOf(&address, sizeof address) == std::string(sizeof address, '\0');
 }
 
 template <typename Description>

@@ -92,29 +92,35 @@ struct FarConnection {
     std::unique_ptr<Client> server;
 };
 
-testing::AssertionResult failsToConnect(Client& client, ErrorRow const& row) {
-    if (!client.connect()) {
-        return testing::AssertionFailure() << "it has connected";
-    }
-    testing::AssertionResult const result = failed(client, Socket::INACTIVE);
-    return result ? causeIs(row) : result;
-}
-
 testing::AssertionResult failsToConnect(std::string const& host, ErrorRow const& row, bool blocking = true) {
     Client client = makeClient(host, 80, blocking);
-    return failsToConnect(client, row);
+    return support::failsToConnect(client, row);
 }
 
 class TCPNetwork : public testing::Test {
 protected:
     void SetUp() override { VESK_SKIP_WITHOUT_NETWORKS(); }
+
+    /// Runs `body` in a child, on the left machine.
+    template <typename Body>
+    static void withMachines(Body body) {
+        expectInNetwork([&body] { body(Machines()); });
+    }
+
+    /// The same with a connection to the right machine.
+    template <typename Body>
+    static void withConnection(Body body) {
+        withMachines([&body](Machines const& machines) {
+            FarConnection const connection(machines);
+            body(machines, *connection.client, *connection.server);
+        });
+    }
 };
 
 // ---- Connecting ----
 
 TEST_F(TCPNetwork, connectsMachines) {
-    expectInNetwork([] {
-        Machines const machines;
+    withMachines([](Machines const& machines) {
         for (IPSocket::IPProtocolVersion const version : VERSIONS) {
             FarConnection const connection(machines, version);
             EXPECT_EQ(LEFT[version], connection.client->getLocalAddress().host);
@@ -211,16 +217,14 @@ TEST_F(TCPNetwork, lowPortsNeedAPermission) {
 // ---- Failing to connect ----
 
 TEST_F(TCPNetwork, isRefusedByAMachineWhereNoSocketListens) {
-    expectInNetwork([] {
-        Machines const machines;
+    withMachines([](Machines const&) {
         EXPECT_TRUE(failsToConnect(RIGHT[0], REFUSED));
         EXPECT_TRUE(failsToConnect(RIGHT[1], REFUSED));
     });
 }
 
 TEST_F(TCPNetwork, withoutBlockingFailsToWriteAfterARefusal) {
-    expectInNetwork([] {
-        Machines const machines;
+    withMachines([](Machines const&) {
         Client client = makeClient(RIGHT[0], 80, false);
         EXPECT_TRUE(client.connect());
         EXPECT_TRUE(succeeded(client, Socket::OPEN));
@@ -269,15 +273,11 @@ INSTANTIATE_TEST_SUITE_P(
     byName);
 
 TEST_F(TCPNetwork, cannotReachAMachineThatDoesNotExist) {
-    expectInNetwork([] {
-        Machines const machines;
-        EXPECT_TRUE(failsToConnect("10.77.0.99", UNREACHABLE));
-    });
+    withMachines([](Machines const&) { EXPECT_TRUE(failsToConnect("10.77.0.99", UNREACHABLE)); });
 }
 
 TEST_F(TCPNetwork, timesOutIfTheMachineDoesNotAnswer) {
-    expectInNetwork([] {
-        Machines const machines;
+    withMachines([](Machines const& machines) {
         machines.pull();
         Client client = makeClient(RIGHT[0], 80);
         setOption(client.getSocketFd(), IPPROTO_TCP, TCP_SYNCNT, 1);
@@ -286,8 +286,7 @@ TEST_F(TCPNetwork, timesOutIfTheMachineDoesNotAnswer) {
 }
 
 TEST_F(TCPNetwork, withoutBlockingIsUnderWayToAMachineThatDoesNotAnswer) {
-    expectInNetwork([] {
-        Machines const machines;
+    withMachines([](Machines const& machines) {
         machines.pull();
         Client client = makeClient(RIGHT[0], 80, false);
         EXPECT_TRUE(client.connect());
@@ -304,8 +303,7 @@ TEST_F(TCPNetwork, withoutBlockingIsUnderWayToAMachineThatDoesNotAnswer) {
 }
 
 TEST_F(TCPNetwork, isUnavailableWhileItsOwnInterfaceIsDown) {
-    expectInNetwork([] {
-        Machines const machines;
+    withMachines([](Machines const&) {
         ASSERT_TRUE(setDown("left"));
         Client client = makeClient(RIGHT[0], 80);
         EXPECT_TRUE(failsToConnect(client, UNAVAILABLE));
@@ -317,14 +315,12 @@ TEST_F(TCPNetwork, isUnavailableWhileItsOwnInterfaceIsDown) {
 // ---- Losing a connection ----
 
 TEST_F(TCPNetwork, reportsThatThePeerResetsTheConnection) {
-    expectInNetwork([] {
-        Machines const machines;
-        FarConnection const connection(machines);
-        makeCloseReset(connection.server->getSocketFd());
-        EXPECT_FALSE(connection.server->close(false));
-        ASSERT_TRUE(awaitEvents(connection.client->getSocketFd(), POLLIN));
-        EXPECT_EQ(FAILED, readByte(*connection.client));
-        EXPECT_TRUE(failed(*connection.client, Socket::OPEN));
+    withConnection([](Machines const&, Client& client, Client& server) {
+        makeCloseReset(server.getSocketFd());
+        EXPECT_FALSE(server.close(false));
+        ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLIN));
+        EXPECT_EQ(FAILED, readByte(client));
+        EXPECT_TRUE(failed(client, Socket::OPEN));
         EXPECT_TRUE(
             streamFailureIs({Socket::ErrorId::CONNECTION_RESET, ECONNRESET}, StreamErrorId::UNUSABLE));
     });
@@ -343,78 +339,67 @@ testing::AssertionResult timesOut(Client& client) {
 }
 
 TEST_F(TCPNetwork, detectsAVanishedPeerByKeepalive) {
-    expectInNetwork([] {
-        Machines const machines;
-        FarConnection const connection(machines);
-        ASSERT_FALSE(connection.client->setKeepalive({true, 1, 1, 1}));
+    withConnection([](Machines const& machines, Client& client, Client&) {
+        ASSERT_FALSE(client.setKeepalive({true, 1, 1, 1}));
         machines.pull();
-        EXPECT_TRUE(timesOut(*connection.client));
-        EXPECT_FALSE(connection.client->close(true));
+        EXPECT_TRUE(timesOut(client));
+        EXPECT_FALSE(client.close(true));
     });
 }
 
 TEST_F(TCPNetwork, detectsAVanishedPeerByUnacknowledgedData) {
-    expectInNetwork([] {
-        Machines const machines;
-        FarConnection const connection(machines);
+    withConnection([](Machines const& machines, Client& client, Client&) {
         unsigned int const milliseconds = 500;
-        setOption(connection.client->getSocketFd(), IPPROTO_TCP, TCP_USER_TIMEOUT, milliseconds);
+        setOption(client.getSocketFd(), IPPROTO_TCP, TCP_USER_TIMEOUT, milliseconds);
         machines.pull();
-        writeTo(*connection.client, "data");
-        EXPECT_TRUE(timesOut(*connection.client));
+        writeTo(client, "data");
+        EXPECT_TRUE(timesOut(client));
     });
 }
 
 TEST_F(TCPNetwork, reachesAPeerThatReturns) {
-    expectInNetwork([] {
-        Machines const machines;
-        FarConnection const connection(machines);
+    withConnection([](Machines const& machines, Client& client, Client& server) {
         machines.pull();
-        writeTo(*connection.client, "later");
-        EXPECT_FALSE(isReady(connection.server->getSocketFd(), POLLIN));
+        writeTo(client, "later");
+        EXPECT_FALSE(isReady(server.getSocketFd(), POLLIN));
         machines.plug();
-        EXPECT_EQ("later", readFrom(*connection.server, 5));
+        EXPECT_EQ("later", readFrom(server, 5));
     });
 }
 
 // ---- Traffic ----
 
 TEST_F(TCPNetwork, canWriteToAPeerThatHasEndedItsHalf) {
-    expectInNetwork([] {
-        Machines const machines;
-        FarConnection const connection(machines);
-        ASSERT_EQ(0, shutdown(connection.server->getSocketFd(), SHUT_WR));
-        EXPECT_TRUE(isAtEnd(*connection.client));
-        EXPECT_TRUE(transfers(*connection.client, *connection.server, "still here"));
-        EXPECT_FALSE(connection.client->close(true));
-        EXPECT_TRUE(isAtEnd(*connection.server));
+    withConnection([](Machines const&, Client& client, Client& server) {
+        ASSERT_EQ(0, shutdown(server.getSocketFd(), SHUT_WR));
+        EXPECT_TRUE(isAtEnd(client));
+        EXPECT_TRUE(transfers(client, server, "still here"));
+        EXPECT_FALSE(client.close(true));
+        EXPECT_TRUE(isAtEnd(server));
     });
 }
 
 TEST_F(TCPNetwork, readsAllBytesButTheOutOfBandOne) {
-    expectInNetwork([] {
-        Machines const machines;
-        FarConnection const connection(machines);
+    withConnection([](Machines const&, Client& client, Client& server) {
         std::string bytes(3000, '\0');
         for (size_t i = 0; i < bytes.size(); ++i) {
             bytes[i] = static_cast<char>(i * i * 7 + i);
         }
-        int const fd = connection.server->getSocketFd();
+        int const fd = server.getSocketFd();
         for (size_t at = 0; at < bytes.size(); at += 100) {
             ASSERT_EQ(100, send(fd, bytes.data() + at, 100, MSG_NOSIGNAL));
         }
         // The last byte is out of band, and only a read with a flag for it returns it.
         ASSERT_EQ(3, send(fd, "ab!", 3, MSG_NOSIGNAL | MSG_OOB));
         ASSERT_EQ(1, send(fd, "c", 1, MSG_NOSIGNAL));
-        EXPECT_EQ(bytes, readFrom(*connection.client, bytes.size()));
-        EXPECT_EQ("abc", readFrom(*connection.client, 3));
+        EXPECT_EQ(bytes, readFrom(client, bytes.size()));
+        EXPECT_EQ("abc", readFrom(client, 3));
         EXPECT_TRUE(chainIs({}));
     });
 }
 
 TEST_F(TCPNetwork, acceptsWaitingConnectionsWithoutBlocking) {
-    expectInNetwork([] {
-        Machines const machines;
+    withMachines([](Machines const& machines) {
         ASSERT_TRUE(machines.enterRight());
         auto const listener = listenOn(IPAddress(RIGHT[0], 0), IPSocket::IPV4, false);
         EXPECT_TRUE(acceptsNothing(*listener));
