@@ -330,8 +330,12 @@ constexpr auto byName = [](auto const& info) { return getName(info.param); };
 /// Where a socket listens or connects to.
 struct Place {
     explicit Place(Transport place_transport)
-        : transport(place_transport),
-          name((transport == Transport::PATH ? testing::TempDir() : "") + makeName()) {}
+        : transport(place_transport), name((transport == Transport::PATH ? getFolder() : "") + makeName()) {}
+
+    /// In memory if possible: a 32-bit program may be unable to examine a file on a large disk.
+    static std::string getFolder() {
+        return access("/dev/shm", W_OK) == 0 ? "/dev/shm/" : testing::TempDir();
+    }
 
     UnixSocketBase::NameSpace getNameSpace() const {
         return transport == Transport::PATH ? UnixSocketBase::FILESYSTEM : UnixSocketBase::ABSTRACT;
@@ -351,10 +355,10 @@ protected:
 };
 
 /// Declares a suite for the rows of a table.
-#define VESK_ROW_SUITE(suite, rows)                                                                          \
+#define VESK_ROW_SUITE(suite, table)                                                                         \
     class suite : public support::TransportRow {};                                                           \
     INSTANTIATE_TEST_SUITE_P(                                                                                \
-        rows, suite, testing::Combine(testing::ValuesIn(TCP_AND_UNIX), testing::ValuesIn(rows)), byName)
+        rows, suite, testing::Combine(testing::ValuesIn(TCP_AND_UNIX), testing::ValuesIn(table)), byName)
 
 // ---- Addresses in the form of the system ----
 

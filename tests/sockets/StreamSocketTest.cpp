@@ -129,10 +129,10 @@ protected:
     ErrorRow const m_row = std::get<1>(GetParam());
 };
 
-#define VESK_CLASS_ROW_SUITE(suite, rows)                                                                    \
+#define VESK_CLASS_ROW_SUITE(suite, table)                                                                   \
     class suite : public StreamSocketRow {};                                                                 \
     INSTANTIATE_TEST_SUITE_P(                                                                                \
-        rows, suite, testing::Combine(testing::ValuesIn(CLASSES), testing::ValuesIn(rows)), byName)
+        rows, suite, testing::Combine(testing::ValuesIn(CLASSES), testing::ValuesIn(table)), byName)
 
 VESK_CLASS_ROW_SUITE(StreamSocketCreationRows, CREATION_ROWS);
 
@@ -458,6 +458,10 @@ TEST_P(StreamSocket, thatWasRefusedMayTryAgain) {
 }
 
 VESK_ROW_SUITE(StreamSocketBindRows, BIND_ROWS);
+INSTANTIATE_TEST_SUITE_P(
+    rowThatTcpClientsIgnore, StreamSocketBindRows,
+    testing::Values(std::make_tuple(Transport::PATH, ErrorRow(SysErrorId::SPOILED_INTEGRITY, EINVAL))),
+    byName);
 
 TEST_P(StreamSocketBindRows, failureLeavesTheSocketInactiveAndNotBound) {
     Listener const listener(m_transport);
