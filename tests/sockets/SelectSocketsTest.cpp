@@ -25,7 +25,6 @@
 
 namespace {
 
-/// The arguments of a call of `select`.
 struct Call {
     int count;
     timeval* limit;
@@ -78,7 +77,6 @@ using std::chrono::milliseconds;
 /// Longer than any event of a test takes.
 constexpr unsigned int LONG = 60000;
 
-/// The sets of `selectSockets`.
 struct Sets {
     Sockets read{};
     Sockets write{};
@@ -117,8 +115,6 @@ struct Connection {
     Ends ends;
     TestSocket socket;
 };
-
-// ---- Ready sockets ----
 
 TEST(SelectSockets, leavesInEachSetWhatIsReady) {
     Connection const silent;
@@ -185,8 +181,6 @@ TEST(SelectSockets, needsADescriptorButNoOpenSocket) {
     EXPECT_EQ(1, sets.select());
     EXPECT_EQ(1U, sets.write.size());
 }
-
-// ---- Time ----
 
 TEST(SelectSockets, emptiesAllSetsAfterTheTime) {
     Connection const one;
@@ -264,8 +258,6 @@ TEST(SelectSockets, withoutALimitAndWithoutSocketsNeverReturns) {
     });
     EXPECT_EQ(SIGALRM, end.signal) << end.output << end.errors;
 }
-
-// ---- Signals ----
 
 TEST(SelectSockets, repeatsTheCallWithTheSameMarksAndTimeWhileSignalsInterruptIt) {
     Connection const connection("x");
@@ -347,8 +339,6 @@ TEST(SelectSockets, signalsDoNotProlongTheTime) {
         EXPECT_TRUE(timercmp(&s_calls[i].time, &s_calls[i - 1].time, <));
     }
 }
-
-// ---- Failure ----
 
 struct Row {
     SysErrorId::Id id;

@@ -4,10 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <cstddef>
-#include <deque>
-#include <mutex>
 #include <type_traits>
 
 /// The descriptions of accepted connections, which are the same for TCP and for Unix sockets but for the addresses.
@@ -35,7 +32,6 @@ static_assert(offsetof(TcpDescription, local_address) < offsetof(TcpDescription,
 static_assert(sizeof(UnixDescription::local_binary) == 110 && sizeof(UnixDescription::peer_binary) == 110);
 static_assert(std::is_same_v<decltype(UnixDescription::local_path), vesk::Path>);
 
-/// The types of a transport.
 template <Transport TRANSPORT>
 struct Types {
     using Server = std::conditional_t<isTcp(TRANSPORT), TCPServerSocket, UnixServerSocket>;
@@ -58,7 +54,6 @@ testing::AssertionResult refusedToAdoptBy() {
     return misuseIs(std::string("Tried to construct ") + Type::name + " from invalid description");
 }
 
-/// Returns whether a description has the address of the server.
 bool isOfServer(TcpDescription const& description, Listener const& listener) {
     IPAddress const& address = listener.getTcp().getLocalAddress();
     return description.local_address.host == address.host && description.local_address.port == address.port &&
@@ -92,8 +87,6 @@ struct TransportNames {
 
 using AllTypes = testing::Types<Tcp, Types<Transport::IPV6>, Types<Transport::ABSTRACT>, Unix>;
 TYPED_TEST_SUITE(StreamDescription, AllTypes, TransportNames);
-
-// ---- Ownership ----
 
 TYPED_TEST(StreamDescription, thatIsEmptyOwnsNothing) {
     Fault const closes(inject_close, 0);
@@ -230,8 +223,6 @@ VESK_ROW_SUITE(StreamDescriptionCloseRows, WARNING_ROWS);
 TEST_P(StreamDescriptionCloseRows, areRepeatedUntilTheCloseSucceedsWithAWarningEachTime) {
     isTcp(m_transport) ? expectWarnings<Tcp>(m_row.error) : expectWarnings<Unix>(m_row.error);
 }
-
-// ---- Adoption ----
 
 TYPED_TEST(StreamDescription, isAdoptedThroughAConstReference) {
     auto const accepted = this->accept();
@@ -389,8 +380,6 @@ TYPED_TEST(StreamDescription, leavesTheFileOfTheServerToTheServer) {
     EXPECT_FALSE(connectSocket(*another)) << "the server still listens";
 }
 
-// ---- Threads ----
-
 TYPED_TEST(StreamDescription, isAdoptedInAnotherThread) {
     auto accepted = this->accept();
     std::thread worker([taken = std::move(accepted)] {
@@ -408,76 +397,37 @@ TYPED_TEST(StreamDescription, isAdoptedInAnotherThread) {
     worker.join();
 }
 
-/// Passes accepted connections to workers.
-template <typename Description>
-class Queue {
-public:
-    void push(Description accepted) {
-        std::lock_guard<std::mutex> const guard(m_mutex);
-        m_waiting.push_back(std::move(accepted));
-        m_changed.notify_one();
-    }
-
-    /// An empty description ends the worker.
-    Description pop() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [this] { return !m_waiting.empty(); });
-        Description first = std::move(m_waiting.front());
-        m_waiting.pop_front();
-        return first;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::deque<Description> m_waiting;
-};
-
-TYPED_TEST(StreamDescription, isServedByOneOfManyWorkers) {
-    constexpr int CONNECTIONS = 60;
-    constexpr int WORKERS = 4;
+TYPED_TEST(StreamDescription, isAdoptedByOneOfManyWorkers) {
     this->accept();
-    Queue<typename TestFixture::Description> queue;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < WORKERS; ++i) {
-        threads.emplace_back([&queue] {
-            for (;;) {
-                auto const accepted = queue.pop();
-                if (!accepted.valid) {
-                    return;
-                }
-                typename TestFixture::Adopting server(true, 32, 32, accepted);
+    std::vector<SocketPtr> clients(60);
+    std::vector<typename TestFixture::Description> waiting;
+    for (SocketPtr& each : clients) {
+        each = this->listener.makeClient();
+        EXPECT_FALSE(connectSocket(*each));
+        waiting.push_back(this->accept());
+    }
+    std::atomic<size_t> next{0};
+    std::vector<std::thread> workers(4);
+    for (std::thread& worker : workers) {
+        worker = std::thread([&] {
+            for (size_t i = next++; i < waiting.size(); i = next++) {
+                typename TestFixture::Adopting server(true, 32, 32, waiting[i]);
                 writeTo(server, "<" + readFrom(server, 6) + ">");
                 EXPECT_FALSE(server.flush(false));
                 EXPECT_FALSE(server.close(true));
             }
         });
     }
-    std::thread clients([this] {
-        for (int i = 0; i < CONNECTIONS; ++i) {
-            SocketPtr const each = this->listener.makeClient();
-            EXPECT_FALSE(connectSocket(*each));
-            std::string const request = std::to_string(100000 + i);
-            writeTo(*each, request);
-            EXPECT_EQ("<" + request + ">", readFrom(*each, 8));
-            EXPECT_TRUE(isAtEnd(*each));
-        }
-    });
-    for (int i = 0; i < CONNECTIONS; ++i) {
-        auto accepted = this->accept();
-        EXPECT_TRUE(accepted.valid);
-        queue.push(std::move(accepted));
+    for (size_t i = 0; i < clients.size(); ++i) {
+        std::string const request = std::to_string(100000 + i);
+        writeTo(*clients[i], request);
+        EXPECT_EQ("<" + request + ">", readFrom(*clients[i], 8));
+        EXPECT_TRUE(isAtEnd(*clients[i]));
     }
-    for (int i = 0; i < WORKERS; ++i) {
-        queue.push({});
-    }
-    clients.join();
-    for (std::thread& thread : threads) {
-        thread.join();
+    for (std::thread& worker : workers) {
+        worker.join();
     }
 }
-
-// ---- Addresses ----
 
 class TCPDescription : public testing::TestWithParam<Transport> {};
 

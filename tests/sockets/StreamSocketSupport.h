@@ -205,7 +205,6 @@ inline bool isOpen(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
 
-/// Returns the number of the next descriptor.
 inline int getNextDescriptor() {
     int const fd = dup(STDERR_FILENO);
     close(fd);
@@ -273,7 +272,6 @@ std::thread startUntilAsleep(Body body) {
 
 // ---- Transports ----
 
-/// Returns a name that no other test uses.
 inline std::string makeName() {
     static int count = 0;
     return "vesk-test-" + std::to_string(getpid()) + "-" + std::to_string(++count);
@@ -324,7 +322,6 @@ std::string getName(std::tuple<First, Second> const& both) {
     return getName(std::get<0>(both)) + "_" + getName(std::get<1>(both));
 }
 
-/// Names the rows of a table.
 constexpr auto byName = [](auto const& info) { return getName(info.param); };
 
 /// Where a socket listens or connects to.
@@ -389,7 +386,6 @@ inline std::string addressOf(int fd) {
     return bytesOf(&address, length);
 }
 
-/// Returns the port of a TCP descriptor.
 inline unsigned short getPort(int fd) {
     std::string const address = addressOf(fd);
     unsigned short port = 0;
@@ -510,7 +506,6 @@ struct Options {
     bool reuse = false; ///< Of a TCP client.
 };
 
-/// Makes a socket that can connect to `peer`.
 inline SocketPtr makeClient(Place const& peer, Options const& options = {}) {
     auto const& [blocking, read_buffer, write_buffer, name, reuse] = options;
     if (isTcp(peer.transport)) {
@@ -523,7 +518,6 @@ inline SocketPtr makeClient(Place const& peer, Options const& options = {}) {
         blocking, read_buffer, write_buffer, name, peer.name, peer.getNameSpace());
 }
 
-/// Makes a socket that can listen.
 inline SocketPtr makeServer(Place const& place, bool blocking = true, bool reuse = false) {
     if (isTcp(place.transport)) {
         auto const version = getVersion(place.transport);
@@ -600,7 +594,6 @@ inline bool isUnusable(Socket const& socket, Socket::State state = Socket::INACT
     return !socket.isValid() && socket.getSocketFd() == -1 && socket.getState() == state;
 }
 
-/// Checks that a client cannot connect, for this reason.
 inline testing::AssertionResult failsToConnect(Socket& client, ErrorRow const& row) {
     if (!connectSocket(client)) {
         return testing::AssertionFailure() << "it has connected";
@@ -609,7 +602,6 @@ inline testing::AssertionResult failsToConnect(Socket& client, ErrorRow const& r
     return result ? causeIs(row) : result;
 }
 
-/// Checks that a server cannot listen, for this reason.
 inline testing::AssertionResult failsToListen(Socket& server, ErrorRow const& row) {
     enableListen(server);
     testing::AssertionResult const result = failed(server, Socket::DEAD);

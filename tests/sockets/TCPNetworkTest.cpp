@@ -22,9 +22,11 @@ public:
     Machines() {
         EXPECT_TRUE(isThere());
         EXPECT_TRUE(enterRight());
-        addMachine("right", RIGHT, "02:00:00:00:00:02", LEFT, "02:00:00:00:00:01");
+        addMachine("right", RIGHT, "2");
+        plug();
         EXPECT_TRUE(enterLeft());
-        addMachine("left", LEFT, "02:00:00:00:00:01", RIGHT, "02:00:00:00:00:02");
+        addMachine("left", LEFT, "1");
+        EXPECT_TRUE(addNeighbors("left", RIGHT, "2"));
     }
 
     /// Makes the right machine vanish without a message to the left one.
@@ -34,33 +36,29 @@ public:
         EXPECT_TRUE(enterLeft());
     }
 
-    /// Makes the right machine return.
     void plug() const {
         EXPECT_TRUE(enterRight());
         EXPECT_TRUE(setUp("right"));
-        addNeighbors("right", LEFT, "02:00:00:00:00:01");
+        EXPECT_TRUE(addNeighbors("right", LEFT, "1"));
         EXPECT_TRUE(enterLeft());
     }
 
 private:
-    static void addMachine(
-        std::string const& name, char const* const (&own)[2], std::string const& hardware,
-        char const* const (&other)[2], std::string const& others_hardware) {
-        EXPECT_TRUE(ip("link set dev " + name + " address " + hardware));
+    using Addresses = char const* const[2];
+
+    static void addMachine(std::string const& name, Addresses const& own, std::string const& hardware) {
+        EXPECT_TRUE(ip("link set dev " + name + " address 02:00:00:00:00:0" + hardware));
         EXPECT_TRUE(addAddress(name, std::string(own[0]) + "/24"));
         EXPECT_TRUE(addAddress(name, std::string(own[1]) + "/64 nodad"));
-        addNeighbors(name, other, others_hardware);
     }
 
-    static void
-    addNeighbors(std::string const& name, char const* const (&others)[2], std::string const& hardware) {
-        for (std::string const other : others) {
-            EXPECT_TRUE(ip("neigh replace " + other + " lladdr " + hardware + " nud permanent dev " + name));
-        }
+    static testing::AssertionResult
+    addNeighbors(std::string const& name, Addresses const& others, std::string const& hardware) {
+        std::string const rest = " lladdr 02:00:00:00:00:0" + hardware + " nud permanent dev " + name + "\n";
+        return ip("neigh replace " + (others[0] + rest) + "neigh replace " + (others[1] + rest));
     }
 };
 
-/// Makes a socket for a connection from the machine of the calling thread.
 Client makeClient(std::string const& host, unsigned short port, bool blocking = true) {
     auto const version = host.find(':') == std::string::npos ? IPSocket::IPV4 : IPSocket::IPV6;
     return {blocking, 0, 0, IPAddress(), IPAddress(host, port), false, version};
@@ -75,7 +73,6 @@ listenOn(IPAddress const& address, IPSocket::IPProtocolVersion version, bool blo
     return server;
 }
 
-/// A connection from the left machine to a server on the right one.
 struct FarConnection {
     explicit FarConnection(Cable const& cable, IPSocket::IPProtocolVersion version = IPSocket::IPV4) {
         EXPECT_TRUE(cable.enterRight());
@@ -116,8 +113,6 @@ protected:
         });
     }
 };
-
-// ---- Connecting ----
 
 TEST_F(TCPNetwork, connectsMachines) {
     withMachines([](Machines const& machines) {
@@ -213,8 +208,6 @@ TEST_F(TCPNetwork, lowPortsNeedAPermission) {
         EXPECT_TRUE(failsToConnect(client, NO_ACCESS));
     });
 }
-
-// ---- Failing to connect ----
 
 TEST_F(TCPNetwork, isRefusedByAMachineWhereNoSocketListens) {
     withMachines([](Machines const&) {
@@ -312,8 +305,6 @@ TEST_F(TCPNetwork, isUnavailableWhileItsOwnInterfaceIsDown) {
     });
 }
 
-// ---- Losing a connection ----
-
 TEST_F(TCPNetwork, reportsThatThePeerResetsTheConnection) {
     withConnection([](Machines const&, Client& client, Client& server) {
         makeCloseReset(server.getSocketFd());
@@ -326,7 +317,6 @@ TEST_F(TCPNetwork, reportsThatThePeerResetsTheConnection) {
     });
 }
 
-/// Reads from a connection until it times out.
 testing::AssertionResult timesOut(Client& client) {
     testing::AssertionResult const ready = awaitEvents(client.getSocketFd(), POLLIN);
     if (!ready || !(readByte(client) == FAILED)) {
@@ -366,8 +356,6 @@ TEST_F(TCPNetwork, reachesAPeerThatReturns) {
         EXPECT_EQ("later", readFrom(server, 5));
     });
 }
-
-// ---- Traffic ----
 
 TEST_F(TCPNetwork, canWriteToAPeerThatHasEndedItsHalf) {
     withConnection([](Machines const&, Client& client, Client& server) {

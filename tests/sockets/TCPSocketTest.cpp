@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <type_traits>
 
-/// What TCP sockets do and Unix sockets do not. The rest is in StreamSocketTest.cpp and StreamServerSocketTest.cpp.
+/// What TCP sockets do and Unix sockets do not. The rest is in StreamSocketTest.cpp.
 
 namespace {
 
@@ -26,7 +26,6 @@ static_assert(offsetof(Keepalive, probe_interval_seconds) == 12 && sizeof(Keepal
 
 IPAddress const LOOPBACK(IPSocket::LOOPBACK_IP, 9);
 
-/// Makes a socket that does not connect.
 Client makeIdle() {
     return {true, 0, 0, IPAddress(), LOOPBACK, false, IPSocket::IPV4};
 }

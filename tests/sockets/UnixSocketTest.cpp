@@ -13,8 +13,7 @@
 #include <optional>
 #include <type_traits>
 
-/// What Unix sockets do and TCP sockets do not: names, files and credentials. The rest is in StreamSocketTest.cpp and
-/// StreamServerSocketTest.cpp.
+/// What Unix sockets do and TCP sockets do not: names, files and credentials. The rest is in StreamSocketTest.cpp.
 
 namespace {
 
