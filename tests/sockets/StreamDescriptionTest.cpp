@@ -218,7 +218,7 @@ void expectWarnings(int error) {
 
 /// Not reported.
 ErrorRows const WARNING_ROWS = makeRows({{SysErrorId::SPOILED_INTEGRITY, {EIO, EBADF, ENOSPC, EAGAIN}}});
-VESK_ROW_SUITE(StreamDescriptionCloseRows, WARNING_ROWS);
+VESK_ROW_SUITE(StreamDescriptionCloseRows, CLIENTS, WARNING_ROWS);
 
 TEST_P(StreamDescriptionCloseRows, areRepeatedUntilTheCloseSucceedsWithAWarningEachTime) {
     isTcp(m_transport) ? expectWarnings<Tcp>(m_row.error) : expectWarnings<Unix>(m_row.error);
@@ -336,7 +336,7 @@ void expectOneClose(ErrorRow const& row, bool adopts) {
     }
 }
 
-VESK_ROW_SUITE(StreamDescriptionFlagRows, FLAG_ROWS);
+VESK_ROW_SUITE(StreamDescriptionFlagRows, CLIENTS, FLAG_ROWS);
 
 TEST_P(StreamDescriptionFlagRows, leaveTheDescriptionValidAndItClosesOnce) {
     isTcp(m_transport) ? expectOneClose<Tcp>(m_row, false) : expectOneClose<Unix>(m_row, false);

@@ -281,8 +281,6 @@ inline std::string makeName() {
 enum class Transport { IPV4, IPV6, ABSTRACT, PATH };
 
 constexpr Transport TRANSPORTS[] = {Transport::IPV4, Transport::IPV6, Transport::ABSTRACT, Transport::PATH};
-/// One for each class.
-constexpr Transport TCP_AND_UNIX[] = {Transport::IPV4, Transport::PATH};
 
 constexpr IPSocket::IPProtocolVersion VERSIONS[] = {IPSocket::IPV4, IPSocket::IPV6};
 
@@ -343,19 +341,39 @@ struct Place {
     unsigned short port = 0; ///< 0 lets the system choose one for a server.
 };
 
-/// The rows of a table for TCP and Unix sockets.
-class TransportRow : public testing::TestWithParam<std::tuple<Transport, ErrorRow>> {
+/// A class of sockets, with a transport.
+struct Kind {
+    Transport transport;
+    bool is_server;
+};
+
+inline std::string getName(Kind kind) {
+    return getName(kind.transport) + (kind.is_server ? "Server" : "Client");
+}
+
+constexpr Kind TCP_CLIENT{Transport::IPV4, false};
+constexpr Kind TCP_SERVER{Transport::IPV4, true};
+constexpr Kind UNIX_CLIENT{Transport::PATH, false};
+constexpr Kind UNIX_SERVER{Transport::PATH, true};
+constexpr Kind CLASSES[] = {TCP_CLIENT, TCP_SERVER, UNIX_CLIENT, UNIX_SERVER};
+constexpr Kind CLIENTS[] = {TCP_CLIENT, UNIX_CLIENT};
+constexpr Kind SERVERS[] = {TCP_SERVER, UNIX_SERVER};
+constexpr Kind TCP_CLASSES[] = {TCP_CLIENT, TCP_SERVER};
+
+/// A row of a table for one of the classes.
+class KindRow : public testing::TestWithParam<std::tuple<Kind, ErrorRow>> {
 protected:
-    Transport const m_transport = std::get<0>(GetParam());
+    Kind const m_kind = std::get<0>(GetParam());
+    Transport const m_transport = m_kind.transport;
     ErrorRow const m_row = std::get<1>(GetParam());
     Place const m_place{m_transport};
 };
 
 /// Declares a suite for the rows of a table.
-#define VESK_ROW_SUITE(suite, table)                                                                         \
-    class suite : public support::TransportRow {};                                                           \
+#define VESK_ROW_SUITE(suite, kinds, table)                                                                  \
+    class suite : public support::KindRow {};                                                                \
     INSTANTIATE_TEST_SUITE_P(                                                                                \
-        rows, suite, testing::Combine(testing::ValuesIn(TCP_AND_UNIX), testing::ValuesIn(table)), byName)
+        rows, suite, testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(table)), byName)
 
 // ---- Addresses in the form of the system ----
 
