@@ -51,7 +51,7 @@ typename Type::Description acceptFrom(Waiting const& waiting) {
 
 template <typename Type>
 testing::AssertionResult refusedToAdoptBy() {
-    return misuseIs(std::string("Tried to construct ") + Type::name + " from invalid description");
+    return chainIs({misuse(std::string("Tried to construct ") + Type::name + " from invalid description")});
 }
 
 bool isOfServer(TcpDescription const& description, Listener const& listener) {
@@ -217,7 +217,7 @@ void expectWarnings(int error) {
 }
 
 /// Not reported.
-ErrorRows const WARNING_ROWS = makeRows({{SysErrorId::SPOILED_INTEGRITY, {EIO, EBADF, ENOSPC, EAGAIN}}});
+ErrorRows const WARNING_ROWS = {{SysErrorId::SPOILED_INTEGRITY, {EIO, EBADF, ENOSPC, EAGAIN}}};
 VESK_ROW_SUITE(StreamDescriptionCloseRows, CLIENTS, WARNING_ROWS);
 
 TEST_P(StreamDescriptionCloseRows, areRepeatedUntilTheCloseSucceedsWithAWarningEachTime) {

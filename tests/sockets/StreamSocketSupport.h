@@ -51,6 +51,8 @@ struct ErrorRow {
     template <typename Id>
     ErrorRow(Id row_id, int row_error) : family(&familyOf(row_id)), id(row_id), error(row_error) {}
 
+    operator ExpectedReport() const { return {*family, id, rowText(*family, id, systemText(error))}; }
+
     std::ErrorType const* family;
     int id;
     int error;
@@ -58,10 +60,6 @@ struct ErrorRow {
 
 inline void PrintTo(ErrorRow const& row, std::ostream* out) {
     *out << strerrorname_np(row.error);
-}
-
-inline ExpectedReport expected(ErrorRow const& row) {
-    return {*row.family, row.id, rowText(*row.family, row.id, systemText(row.error))};
 }
 
 /// A report with the name of its cause.
@@ -76,23 +74,12 @@ inline void PrintTo(NamedRow const& named, std::ostream* out) {
 
 /// Checks that the pending chain is the report of this row alone. Acknowledges it.
 inline testing::AssertionResult causeIs(ErrorRow const& row) {
-    return chainIs({expected(row)});
+    return chainIs({row});
 }
 
-/// The same below a report of the stream.
-inline testing::AssertionResult streamFailureIs(ErrorRow const& row, StreamErrorId on_top) {
-    return chainIs({expected(row), on_top});
+inline ExpectedReport misuse(std::string const& text) {
+    return {CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)};
 }
-
-inline testing::AssertionResult misuseIs(std::string const& text) {
-    return chainIs({{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)}});
-}
-
-inline testing::AssertionResult streamMisuseIs(std::string const& text, StreamErrorId on_top) {
-    return chainIs({{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)}, on_top});
-}
-
-using ErrorRows = std::vector<ErrorRow>;
 
 /// Error numbers with the same report.
 struct ErrorGroup {
@@ -103,46 +90,46 @@ struct ErrorGroup {
         }
     }
 
-    ErrorRows rows;
+    std::vector<ErrorRow> rows;
 };
 
-inline ErrorRows makeRows(std::vector<ErrorGroup> const& groups) {
-    ErrorRows rows;
-    for (ErrorGroup const& group : groups) {
-        rows.insert(rows.end(), group.rows.begin(), group.rows.end());
+struct ErrorRows : std::vector<ErrorRow> {
+    ErrorRows(std::initializer_list<ErrorGroup> groups) {
+        for (ErrorGroup const& group : groups) {
+            insert(end(), group.rows.begin(), group.rows.end());
+        }
     }
-    return rows;
-}
+};
 
-inline ErrorRows const CREATION_ROWS = makeRows({
+inline ErrorRows const CREATION_ROWS = {
     {SysErrorId::RESOURCES_EXHAUSTED, {EMFILE, ENFILE}},
     {SysErrorId::PERMISSION_DENIED, {EACCES}},
     {Socket::ErrorId::CREATE_FAILED, {EINVAL, EPROTOTYPE, EPROTONOSUPPORT, EAFNOSUPPORT}},
     {SysErrorId::OUT_OF_MEMORY, {ENOMEM, ENOBUFS}},
     {SysErrorId::UNCLASSIFIED, {EIO, EINTR, EPERM, EAGAIN}},
-});
+};
 
-inline ErrorRows const FLAG_ROWS = makeRows({
+inline ErrorRows const FLAG_ROWS = {
     {SysErrorId::UNCLASSIFIED, {EBADF, EACCES, EAGAIN, EINTR, EINVAL, EPERM}},
-});
+};
 
-inline ErrorRows const SET_OPTION_ROWS = makeRows({
+inline ErrorRows const SET_OPTION_ROWS = {
     {Socket::ErrorId::INVALID_SOCKET, {EBADF, ENOTSOCK}},
     {SysErrorId::INVALID_PATH, {EFAULT, EINVAL, EDOM, EISCONN}},
     {Socket::ErrorId::UNKNOWN_OPTION, {ENOPROTOOPT}},
     {SysErrorId::UNCLASSIFIED, {EPERM, ENOMEM, EINTR, EIO}},
-});
+};
 
-inline ErrorRows const GET_OPTION_ROWS = makeRows({
+inline ErrorRows const GET_OPTION_ROWS = {
     {Socket::ErrorId::INVALID_SOCKET, {EBADF, EINVAL, ENOTSOCK}},
     {SysErrorId::PERMISSION_DENIED, {EACCES}},
     {Socket::ErrorId::UNKNOWN_OPTION, {ENOPROTOOPT}},
     {SysErrorId::OUT_OF_MEMORY, {ENOBUFS}},
     {SysErrorId::UNCLASSIFIED, {EFAULT, ENOMEM, EINTR}},
-});
+};
 
 /// Without EINVAL, which a TCP client ignores.
-inline ErrorRows const BIND_ROWS = makeRows({
+inline ErrorRows const BIND_ROWS = {
     {SysErrorId::SPOILED_INTEGRITY,
      {ENOENT, EIO, EBADF, EFAULT, ENOTDIR, EISDIR, EROFS, ENAMETOOLONG, ELOOP, ENOTSOCK, EDESTADDRREQ,
       EOPNOTSUPP, EAFNOSUPPORT, EISCONN}},
@@ -152,9 +139,9 @@ inline ErrorRows const BIND_ROWS = makeRows({
     {Socket::ErrorId::ADDRESS_INVALID, {EADDRNOTAVAIL}},
     {SysErrorId::RESOURCES_EXHAUSTED, {ENOBUFS}},
     {SysErrorId::UNCLASSIFIED, {EPERM, EINTR, EAGAIN, ENOSPC}},
-});
+};
 
-inline ErrorRows const CONNECT_ROWS = makeRows({
+inline ErrorRows const CONNECT_ROWS = {
     {SysErrorId::PERMISSION_DENIED, {EPERM, EACCES}},
     {SysErrorId::SPOILED_INTEGRITY,
      {ENOENT, EBADF, EFAULT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP, ENOTSOCK, EPROTOTYPE, EOPNOTSUPP,
@@ -166,17 +153,17 @@ inline ErrorRows const CONNECT_ROWS = makeRows({
     {Socket::ErrorId::CONNECTION_RESET, {ECONNRESET}},
     {Socket::ErrorId::PEER_UNREACHABLE, {ECONNREFUSED, EHOSTUNREACH}},
     {SysErrorId::UNCLASSIFIED, {EIO, ENOMEM, EPROTO}},
-});
+};
 
-inline ErrorRows const LISTEN_ROWS = makeRows({
+inline ErrorRows const LISTEN_ROWS = {
     {Socket::ErrorId::ADDRESS_IN_USE, {EADDRINUSE}},
     {SysErrorId::RESOURCES_EXHAUSTED, {ENOBUFS}},
     {SysErrorId::PERMISSION_DENIED, {EACCES}},
     {SysErrorId::SPOILED_INTEGRITY, {EBADF, EINVAL, ENOTSOCK, EDESTADDRREQ, EOPNOTSUPP}},
     {SysErrorId::UNCLASSIFIED, {EINTR, EPERM, ENOMEM}},
-});
+};
 
-inline ErrorRows const ACCEPT_ROWS = makeRows({
+inline ErrorRows const ACCEPT_ROWS = {
     {SysErrorId::PERMISSION_DENIED, {EPERM}},
     {Socket::ErrorId::NETWORK_UNAVAILABLE, {ESRCH}},
     {Socket::ErrorId::INVALID_SOCKET, {EBADF, EINVAL}},
@@ -186,18 +173,18 @@ inline ErrorRows const ACCEPT_ROWS = makeRows({
     {Socket::ErrorId::COMMUNICATION_FAILED, {EPROTO, ETIMEDOUT}},
     {Socket::ErrorId::CONNECTION_CLOSED, {ECONNABORTED}},
     {SysErrorId::UNCLASSIFIED, {EIO, ENETDOWN, ECONNRESET, EACCES}},
-});
+};
 
-inline ErrorRows const SHUTDOWN_ROWS = makeRows({
+inline ErrorRows const SHUTDOWN_ROWS = {
     {SysErrorId::SPOILED_INTEGRITY, {EBADF, EINVAL, ENOTSOCK, ENOTCONN}},
     {SysErrorId::RESOURCES_EXHAUSTED, {ENOBUFS}},
     {SysErrorId::UNCLASSIFIED, {EINTR, EIO, EPIPE}},
-});
+};
 
 /// Without EBADF, which is not reported.
-inline ErrorRows const CLOSE_ROWS = makeRows({
+inline ErrorRows const CLOSE_ROWS = {
     {SysErrorId::SPOILED_INTEGRITY, {EIO, ENOSPC, EDQUOT, EAGAIN, EINVAL}},
-});
+};
 
 // ---- Descriptors ----
 
@@ -601,10 +588,14 @@ inline testing::AssertionResult succeeded(Socket const& socket, Socket::State st
     return silent ? hasState(socket, state) : silent;
 }
 
-/// Checks that the last operation failed. The chain is checked apart.
-inline testing::AssertionResult failed(Socket const& socket, Socket::State state) {
-    return socket.hadError() ? hasState(socket, state)
-                             : testing::AssertionFailure() << "the flag for errors is not set";
+/// Checks that the last operation failed with these reports.
+inline testing::AssertionResult
+failed(Socket const& socket, Socket::State state, std::vector<ExpectedReport> const& reports) {
+    testing::AssertionResult const reported = chainIs(reports);
+    if (!socket.hadError()) {
+        return testing::AssertionFailure() << "the flag for errors is not set";
+    }
+    return reported ? hasState(socket, state) : reported;
 }
 
 /// Checks that a constructor has failed.
@@ -616,14 +607,12 @@ inline testing::AssertionResult failsToConnect(Socket& client, ErrorRow const& r
     if (!connectSocket(client)) {
         return testing::AssertionFailure() << "it has connected";
     }
-    testing::AssertionResult const result = failed(client, Socket::INACTIVE);
-    return result ? causeIs(row) : result;
+    return failed(client, Socket::INACTIVE, {row});
 }
 
 inline testing::AssertionResult failsToListen(Socket& server, ErrorRow const& row) {
     enableListen(server);
-    testing::AssertionResult const result = failed(server, Socket::DEAD);
-    return result ? causeIs(row) : result;
+    return failed(server, Socket::DEAD, {row});
 }
 
 template <typename Address>
@@ -718,6 +707,15 @@ inline testing::AssertionResult isAtEnd(Socket& socket) {
     return chainIs(
         {{Socket::ErrorId::CONNECTION_CLOSED, "Connection closed: Connection closed normally"},
          StreamErrorId::END_OF_STREAM});
+}
+
+/// Reads from a connection that the peer has reset.
+inline testing::AssertionResult isReset(Socket& socket) {
+    if (readByte(socket) != FAILED) {
+        return testing::AssertionFailure() << "it can be read";
+    }
+    ErrorRow const reset(Socket::ErrorId::CONNECTION_RESET, ECONNRESET);
+    return failed(socket, Socket::OPEN, {reset, StreamErrorId::UNUSABLE});
 }
 
 // ---- Connections ----

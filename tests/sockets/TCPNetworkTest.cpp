@@ -202,8 +202,7 @@ TEST_F(TCPNetwork, lowPortsNeedAPermission) {
     expectInNetwork([] {
         ASSERT_TRUE(dropRights());
         IPAddress const low(IPSocket::LOOPBACK_IP, 80);
-        EXPECT_TRUE(failed(*listenOn(low, IPSocket::IPV4), Socket::DEAD));
-        EXPECT_TRUE(causeIs(NO_ACCESS));
+        EXPECT_TRUE(failed(*listenOn(low, IPSocket::IPV4), Socket::DEAD, {NO_ACCESS}));
         Client client(true, 0, 0, low, IPAddress(IPSocket::LOOPBACK_IP, 9), false, IPSocket::IPV4);
         EXPECT_TRUE(failsToConnect(client, NO_ACCESS));
     });
@@ -223,7 +222,9 @@ TEST_F(TCPNetwork, withoutBlockingFailsToWriteAfterARefusal) {
         EXPECT_TRUE(succeeded(client, Socket::OPEN));
         ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLOUT));
         EXPECT_EQ(FAILED, write(client, "x"));
-        EXPECT_TRUE(streamFailureIs({SysErrorId::UNCLASSIFIED, ECONNREFUSED}, StreamErrorId::UNCLASSIFIED));
+        EXPECT_TRUE(failed(
+            client, Socket::OPEN,
+            {ErrorRow(SysErrorId::UNCLASSIFIED, ECONNREFUSED), StreamErrorId::UNCLASSIFIED}));
     });
 }
 
@@ -236,24 +237,11 @@ TEST_F(TCPNetwork, isUnavailableWithoutARoute) {
     });
 }
 
-struct RouteRow {
-    std::string type;
-    ErrorRow row;
-};
-
-void PrintTo(RouteRow const& each, std::ostream* out) {
-    *out << each.type;
-}
-
-std::string getName(RouteRow const& each) {
-    return each.type;
-}
-
-class TCPNetworkRoutes : public TCPNetwork, public testing::WithParamInterface<RouteRow> {};
+class TCPNetworkRoutes : public TCPNetwork, public testing::WithParamInterface<NamedRow> {};
 
 TEST_P(TCPNetworkRoutes, withoutADestinationAreReported) {
     expectInNetwork([] {
-        ASSERT_TRUE(ip("route add " + GetParam().type + " 10.88.0.0/24"));
+        ASSERT_TRUE(ip("route add " + GetParam().name + " 10.88.0.0/24"));
         EXPECT_TRUE(failsToConnect("10.88.0.1", GetParam().row));
     });
 }
@@ -261,8 +249,8 @@ TEST_P(TCPNetworkRoutes, withoutADestinationAreReported) {
 INSTANTIATE_TEST_SUITE_P(
     types, TCPNetworkRoutes,
     testing::Values(
-        RouteRow{"unreachable", UNREACHABLE}, RouteRow{"prohibit", NO_ACCESS},
-        RouteRow{"blackhole", {SysErrorId::SPOILED_INTEGRITY, EINVAL}}),
+        NamedRow{"unreachable", UNREACHABLE}, NamedRow{"prohibit", NO_ACCESS},
+        NamedRow{"blackhole", {SysErrorId::SPOILED_INTEGRITY, EINVAL}}),
     byName);
 
 TEST_F(TCPNetwork, cannotReachAMachineThatDoesNotExist) {
@@ -286,8 +274,7 @@ TEST_F(TCPNetwork, withoutBlockingIsUnderWayToAMachineThatDoesNotAnswer) {
         EXPECT_TRUE(succeeded(client, Socket::OPEN));
         EXPECT_FALSE(isReady(client.getSocketFd(), POLLOUT));
         EXPECT_FALSE(client.connect());
-        EXPECT_TRUE(failed(client, Socket::OPEN));
-        EXPECT_TRUE(misuseIs("connect called in state != INACTIVE"));
+        EXPECT_TRUE(failed(client, Socket::OPEN, {misuse("connect called in state != INACTIVE")}));
         EXPECT_EQ(NOTHING, readByte(client));
         EXPECT_EQ(NOTHING, write(client, "x"));
         EXPECT_FALSE(client.close(true)) << "it can be closed";
@@ -310,22 +297,17 @@ TEST_F(TCPNetwork, reportsThatThePeerResetsTheConnection) {
         makeCloseReset(server.getSocketFd());
         EXPECT_FALSE(server.close(false));
         ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLIN));
-        EXPECT_EQ(FAILED, readByte(client));
-        EXPECT_TRUE(failed(client, Socket::OPEN));
-        EXPECT_TRUE(
-            streamFailureIs({Socket::ErrorId::CONNECTION_RESET, ECONNRESET}, StreamErrorId::UNUSABLE));
+        EXPECT_TRUE(isReset(client));
     });
 }
 
 testing::AssertionResult timesOut(Client& client) {
     testing::AssertionResult const ready = awaitEvents(client.getSocketFd(), POLLIN);
-    if (!ready || !(readByte(client) == FAILED)) {
+    if (!ready || readByte(client) != FAILED) {
         return testing::AssertionFailure() << "the connection is still there";
     }
-    testing::AssertionResult const result = failed(client, Socket::OPEN);
-    return result
-        ? streamFailureIs({Socket::ErrorId::COMMUNICATION_FAILED, ETIMEDOUT}, StreamErrorId::TRANSFER_FAILED)
-        : result;
+    ErrorRow const row(Socket::ErrorId::COMMUNICATION_FAILED, ETIMEDOUT);
+    return failed(client, Socket::OPEN, {row, StreamErrorId::TRANSFER_FAILED});
 }
 
 TEST_F(TCPNetwork, detectsAVanishedPeerByKeepalive) {
