@@ -603,6 +603,22 @@ inline bool isUnusable(Socket const& socket, Socket::State state = Socket::INACT
     return !socket.isValid() && socket.getSocketFd() == -1 && socket.getState() == state;
 }
 
+/// Checks that a client connects, or that its connection is under way.
+inline testing::AssertionResult connects(Socket& client, bool under_way = false) {
+    if (connectSocket(client) != under_way) {
+        return testing::AssertionFailure()
+            << (under_way ? "the connection is not under way" : "it is not connected");
+    }
+    return succeeded(client, Socket::OPEN);
+}
+
+inline testing::AssertionResult closes(Socket& socket, bool do_shutdown) {
+    if (closeSocket(socket, do_shutdown)) {
+        return testing::AssertionFailure() << "it cannot be closed";
+    }
+    return succeeded(socket, Socket::DEAD);
+}
+
 inline testing::AssertionResult failsToConnect(Socket& client, ErrorRow const& row) {
     if (!connectSocket(client)) {
         return testing::AssertionFailure() << "it has connected";
@@ -755,8 +771,7 @@ struct Waiting {
         Transport transport = Transport::IPV4, Options const& options = {}, bool server_blocks = true,
         unsigned int backlog = 64)
         : listener(transport, server_blocks, backlog), client(listener.makeClient(options)) {
-        EXPECT_EQ(isTcp(transport) && !options.blocking, connectSocket(*client));
-        EXPECT_TRUE(succeeded(*client, Socket::OPEN));
+        EXPECT_TRUE(connects(*client, isTcp(transport) && !options.blocking));
         EXPECT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
     }
 

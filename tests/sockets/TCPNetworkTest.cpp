@@ -141,8 +141,7 @@ TEST_F(TCPNetwork, connectsByLinkLocalAddressesWithTheirScope) {
         Client client(
             true, 0, 0, IPAddress("fe80::1%left", 0),
             IPAddress("fe80::2%left", listener->getLocalAddress().port), false, IPSocket::IPV6);
-        EXPECT_FALSE(client.connect());
-        EXPECT_TRUE(succeeded(client, Socket::OPEN));
+        EXPECT_TRUE(connects(client));
         EXPECT_EQ("fe80::1%left", client.getLocalAddress().host);
         EXPECT_EQ("fe80::2%left", client.getPeerAddress().host);
         TCPSocket::Description const accepted = listener->acceptConnection();
@@ -218,8 +217,7 @@ TEST_F(TCPNetwork, isRefusedByAMachineWhereNoSocketListens) {
 TEST_F(TCPNetwork, withoutBlockingFailsToWriteAfterARefusal) {
     withMachines([](Machines const&) {
         Client client = makeClient(RIGHT[0], 80, false);
-        EXPECT_TRUE(client.connect());
-        EXPECT_TRUE(succeeded(client, Socket::OPEN));
+        EXPECT_TRUE(connects(client, true));
         ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLOUT));
         EXPECT_EQ(FAILED, write(client, "x"));
         EXPECT_TRUE(failed(
@@ -270,8 +268,7 @@ TEST_F(TCPNetwork, withoutBlockingIsUnderWayToAMachineThatDoesNotAnswer) {
     withMachines([](Machines const& machines) {
         machines.pull();
         Client client = makeClient(RIGHT[0], 80, false);
-        EXPECT_TRUE(client.connect());
-        EXPECT_TRUE(succeeded(client, Socket::OPEN));
+        EXPECT_TRUE(connects(client, true));
         EXPECT_FALSE(isReady(client.getSocketFd(), POLLOUT));
         EXPECT_FALSE(client.connect());
         EXPECT_TRUE(failed(client, Socket::OPEN, {misuse("connect called in state != INACTIVE")}));
