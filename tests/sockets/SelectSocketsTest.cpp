@@ -298,6 +298,7 @@ public:
         ring(0);
         EXPECT_EQ(0, sigaction(SIGALRM, &m_before, nullptr));
     }
+
     Storm(Storm const&) = delete;
     Storm& operator=(Storm const&) = delete;
 

@@ -362,8 +362,6 @@ protected:
     INSTANTIATE_TEST_SUITE_P(                                                                                \
         rows, suite, testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(table)), byName)
 
-// ---- Addresses in the form of the system ----
-
 inline std::string pathAddress(std::string const& path) {
     sa_family_t const family = AF_UNIX;
     return std::string(reinterpret_cast<char const*>(&family), sizeof family) + path;
@@ -567,8 +565,6 @@ inline int countHookCalls(Socket const& client) {
     return tcp != nullptr ? tcp->m_calls : 0;
 }
 
-// ---- Checks ----
-
 inline testing::AssertionResult hasState(Socket const& socket, Socket::State state) {
     int const fd = socket.getSocketFd();
     if (socket.getState() == state && socket.isValid() == (state != Socket::DEAD) &&
@@ -658,8 +654,6 @@ inline bool acceptsNothing(Socket& server) {
     return visit<TCPServerSocket, UnixServerSocket>(
         server, [](auto& either) { return isEmpty(either.acceptConnection()); });
 }
-
-// ---- Traffic ----
 
 /// The result and the count of a `read` or a `write`.
 using Transfer = std::pair<int, unsigned int>;

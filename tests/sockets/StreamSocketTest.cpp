@@ -17,16 +17,9 @@ using namespace support;
 
 // ---- Clients and servers ----
 
-std::vector<Kind> getAllKinds() {
-    std::vector<Kind> kinds;
-    for (Transport const transport : TRANSPORTS) {
-        kinds.push_back({transport, false});
-        kinds.push_back({transport, true});
-    }
-    return kinds;
-}
-
-std::vector<Kind> const KINDS = getAllKinds();
+constexpr Kind KINDS[] = {
+    TCP_CLIENT,  TCP_SERVER,  {Transport::IPV6, false},     {Transport::IPV6, true},
+    UNIX_CLIENT, UNIX_SERVER, {Transport::ABSTRACT, false}, {Transport::ABSTRACT, true}};
 
 SocketPtr make(Kind kind, bool blocking = true, bool reuse = false) {
     Place const place(kind.transport);
