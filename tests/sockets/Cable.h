@@ -19,9 +19,9 @@
 
 namespace support {
 
-/// Two networks with a cable between them, for a test that runs in a network of its own: that one has the end "left" with
-/// 10.0.0.1 and fe80::1, the other one the end "right" with 10.0.0.2 and fe80::2. Routes to the groups of IPv4 lead into
-/// the cable. A socket stays in the network in which the calling thread made it.
+/// Two connected network namespaces, for a test that `expectInNetwork` runs. Its own one has the interface "left" with
+/// 10.0.0.1 and fe80::1, the other one has the interface "right" with 10.0.0.2 and fe80::2. Both route the multicast groups
+/// of IPv4 to the other. A socket stays in the namespace in which it was created.
 ///
 ///     support::expectInNetwork([] {
 ///         support::Cable const cable;
@@ -44,7 +44,7 @@ public:
 
     testing::AssertionResult const& isThere() const { return m_there; }
 
-    /// Takes the calling thread into one of the networks.
+    /// Moves the calling thread into one of the namespaces.
     testing::AssertionResult enterLeft() const { return enter(m_left); }
     testing::AssertionResult enterRight() const { return enter(m_right); }
 
@@ -64,7 +64,7 @@ private:
         }
         m_right = openNetwork();
         std::string const other = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(m_right);
-        // Without the addresses that the system makes up: they need a while, and could become a datagram's source.
+        // Without automatic addresses: they take time, and could become the source of a datagram.
         std::string const up = " mtu " + std::to_string(mtu) + " addrgenmode none up";
         std::function<testing::AssertionResult()> const steps[] = {
             [] { return setUp("lo"); },
@@ -88,14 +88,14 @@ private:
     }
 
     static testing::AssertionResult prepare(std::string const& name, std::string const& number) {
-        // What is sent into an end that does not know yet that it is connected is lost, and no datagram comes again.
+        // A datagram that is sent before the system has detected the other end is lost.
         return !isConnected(name)
             ? testing::AssertionFailure() << name << " is not connected"
             : ip("addr add 10.0.0." + number + "/24 brd + dev " + name + "\n" + "addr add fe80::" + number +
                  "/64 nodad dev " + name + "\n" + "route add 224.0.0.0/4 dev " + name + "\n");
     }
 
-    /// Waits until the system has noticed the other end.
+    /// Waits until the system has detected the other end.
     static bool isConnected(std::string const& name) {
         int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         ifreq request{};

@@ -1,18 +1,15 @@
-#include "TCPSupport.h"
-#include "support/Child.h"
+#include "StreamSocketSupport.h"
 #include "support/VtableSlot.h"
 
 #include <tarncommon/error/ErrorOutput.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstddef>
-#include <memory>
-#include <string>
 #include <type_traits>
-#include <vector>
+
+/// What TCP sockets do and Unix sockets do not. The rest is in StreamSocketTest.cpp.
 
 namespace {
 
@@ -21,556 +18,209 @@ using namespace support;
 using Keepalive = TCPSocket::KeepaliveSettings;
 
 static_assert(std::is_base_of_v<IPSocket, TCPSocket> && !std::is_copy_constructible_v<TCPSocket>);
+static_assert(std::is_base_of_v<IPSocket, TCPServerSocket> && !std::is_copy_constructible_v<TCPServerSocket>);
 static_assert(std::is_same_v<uint32_t const, decltype(TCPSocket::MAX_SEGMENT_SIZE)>);
 static_assert(TCPSocket::MAX_SEGMENT_SIZE == 65495);
 static_assert(offsetof(Keepalive, idle_seconds) == 4 && offsetof(Keepalive, probe_count) == 8);
 static_assert(offsetof(Keepalive, probe_interval_seconds) == 12 && sizeof(Keepalive) == 16);
 
-constexpr char const* SOURCE = "framework/src/vesk/posix/TCPSocket";
+IPAddress const LOOPBACK(IPSocket::LOOPBACK_IP, 9);
 
-/// A socket that connects to nobody.
-Client
-makeIdle(bool blocking = true, bool reuse = false, IPSocket::IPProtocolVersion version = IPSocket::IPV4) {
-    return {blocking, 0, 0, IPAddress(), IPAddress(getLoopback(version), 9), reuse, version};
+Client makeIdle() {
+    return {true, 0, 0, IPAddress(), LOOPBACK, false, IPSocket::IPV4};
 }
 
-int getOption(int fd, int level, int option) {
-    int value = -1;
-    socklen_t size = sizeof value;
-    EXPECT_EQ(0, getsockopt(fd, level, option, &value, &size));
-    return value;
+Client makeClient(IPAddress const& local, IPAddress const& peer) {
+    return {true, 0, 0, local, peer, false, IPSocket::IPV4};
 }
 
-/// What a socket tells of itself.
-testing::AssertionResult isInactive(Client const& socket) {
-    if (socket.getState() == Socket::INACTIVE && socket.isValid() && isOpen(socket.getSocketFd())) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "state " << socket.getState() << ", valid " << socket.isValid()
-                                       << ", descriptor " << socket.getSocketFd();
-}
-
-TEST(TCPSocket, callsItsHookBehindThoseOfItsBase) {
+TEST(TCPSocket, callsItsHookThroughTheSlotAfterThoseOfItsBase) {
     EXPECT_EQ(getSlot(&IPSocket::closing) + 1, getSlot(&TCPSocket::connected));
 }
 
-// The constructor.
-
-class TCPSocketVersions : public testing::TestWithParam<IPSocket::IPProtocolVersion> {};
-
-INSTANTIATE_TEST_SUITE_P(versions, TCPSocketVersions, testing::ValuesIn(VERSIONS), getVersionName);
-
-TEST_P(TCPSocketVersions, isInactiveWithADescriptorThatExecCloses) {
-    Client const socket = makeIdle(true, false, GetParam());
-    EXPECT_TRUE(isInactive(socket));
-    EXPECT_FALSE(socket.hadError());
-    EXPECT_EQ(GetParam(), socket.getVersion());
-    int const fd = socket.getSocketFd();
-    EXPECT_EQ(SOCK_STREAM, getOption(fd, SOL_SOCKET, SO_TYPE));
-    EXPECT_EQ(GetParam() == IPSocket::IPV6 ? AF_INET6 : AF_INET, getOption(fd, SOL_SOCKET, SO_DOMAIN));
-    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD));
-    EXPECT_EQ(O_RDWR, fcntl(fd, F_GETFL)) << "it waits";
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(TCPSocket, thatDoesNotWaitHasADescriptorThatDoesNot) {
-    Client const socket = makeIdle(false);
-    EXPECT_TRUE(isInactive(socket));
-    EXPECT_EQ(O_RDWR | O_NONBLOCK, s_last.status_flags);
-    EXPECT_EQ(O_RDWR | O_NONBLOCK, fcntl(socket.getSocketFd(), F_GETFL));
-}
-
-TEST(TCPSocket, thatWaitsLeavesTheStatusFlagsAlone) {
-    Fault const flags(inject_fcntl, 0);
-    Client const socket = makeIdle(true);
-    EXPECT_EQ(0, flags.getCalls());
-}
-
-TEST(TCPSocket, reusesAddressesOnlyIfAskedTo) {
-    Client const careful = makeIdle(true, false);
-    EXPECT_EQ(0, getOption(careful.getSocketFd(), SOL_SOCKET, SO_REUSEADDR));
-    Client const bold = makeIdle(true, true);
-    EXPECT_EQ(1, getOption(bold.getSocketFd(), SOL_SOCKET, SO_REUSEADDR));
-}
-
-TEST(TCPSocket, withoutReuseTheOptionIsNotTouched) {
-    Fault const options(inject_setsockopt, 0);
-    Client const careful = makeIdle(true, false);
-    EXPECT_EQ(0, options.getCalls());
-    Client const bold = makeIdle(true, true);
-    EXPECT_EQ(1, options.getCalls());
-}
-
-TEST(TCPSocket, withAnAddressThatLeadsToNothingIsInvalidAndHasNoDescriptor) {
-    IPAddress const loopback(IPSocket::LOOPBACK_IP, 9);
-    IPAddress const of_other_version(IPSocket::LOOPBACK_IP6, 9);
+TEST(TCPSocket, withAnAddressOfTheOtherVersionIsInvalidWithoutADescriptor) {
+    IPAddress const other(IPSocket::LOOPBACK_IP6, 9);
     Fault const descriptors(inject_socket, 0);
-    for (bool const is_local : {true, false}) {
-        TCPSocket const socket(
-            true, 0, 0, is_local ? of_other_version : loopback, is_local ? loopback : of_other_version, true,
-            IPSocket::IPV4);
-        EXPECT_TRUE(chainIs({{std::CommonErrorId::INVALID_ARGUMENT}}));
-        EXPECT_FALSE(socket.isValid());
-        EXPECT_EQ(-1, socket.getSocketFd());
-        EXPECT_EQ(Socket::INACTIVE, socket.getState());
-    }
+    auto const expectInvalid = [](Socket const& socket) {
+        EXPECT_TRUE(chainIs({CommonErrorId::INVALID_ARGUMENT}));
+        EXPECT_TRUE(isUnusable(socket));
+    };
+    expectInvalid(TCPSocket(true, 0, 0, other, LOOPBACK, true, IPSocket::IPV4));
+    expectInvalid(TCPSocket(true, 0, 0, LOOPBACK, other, true, IPSocket::IPV4));
+    expectInvalid(TCPServerSocket(other, false, true, IPSocket::IPV4));
     EXPECT_EQ(0, descriptors.getCalls());
 }
 
-class TCPSocketCreation : public testing::TestWithParam<ErrorRow> {};
+// ---- Connecting ----
 
-TEST_P(TCPSocketCreation, failureLeavesTheSocketInvalid) {
-    EventRecorder const events;
-    {
-        Fault const fault(inject_socket, GetParam().error);
-        Client const socket = makeIdle(false, true);
-        EXPECT_EQ(1, fault.getCalls());
-        EXPECT_TRUE(failureIs(GetParam()));
-        EXPECT_FALSE(socket.isValid());
-        EXPECT_EQ(-1, socket.getSocketFd());
-    }
-    EXPECT_EQ("", events.getText()) << "it is destroyed in silence";
-    EXPECT_TRUE(chainIs({}));
-}
+class TCPSocketVersions : public testing::TestWithParam<Transport> {
+protected:
+    IPSocket::IPProtocolVersion const m_version = getVersion(GetParam());
+    std::string const m_loopback = getLoopback(m_version);
+};
 
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketCreation, testing::ValuesIn(getCreationRows()));
+INSTANTIATE_TEST_SUITE_P(
+    versions, TCPSocketVersions, testing::Values(Transport::IPV4, Transport::IPV6), byName);
 
-/// A failure behind `socket`: the descriptor is closed again, and the cause stays.
-void expectCauseToSurviveClose(Injected& call, int nth, ErrorRow const& row) {
-    EventRecorder const events;
-    int const descriptors = countDescriptors();
-    {
-        Fault const fault(call, row.error, nth);
-        Client const socket = makeIdle(false, true);
-        EXPECT_TRUE(failureIs(row));
-        EXPECT_FALSE(socket.isValid());
-        EXPECT_EQ(-1, socket.getSocketFd());
-        EXPECT_EQ(Socket::DEAD, socket.getState());
-        EXPECT_EQ(descriptors, countDescriptors());
-    }
-    EXPECT_EQ("", events.getText());
-}
-
-class TCPSocketStatusFlags : public testing::TestWithParam<ErrorRow> {};
-
-TEST_P(TCPSocketStatusFlags, thatCannotBeReadMakeTheSocketInvalid) {
-    expectCauseToSurviveClose(inject_fcntl, 1, GetParam());
-}
-
-TEST_P(TCPSocketStatusFlags, thatCannotBeSetMakeTheSocketInvalid) {
-    Fault const options(inject_setsockopt, 0);
-    expectCauseToSurviveClose(inject_fcntl, 2, GetParam());
-    EXPECT_EQ(0, options.getCalls()) << "reuse is not tried any more";
-}
-
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketStatusFlags, testing::ValuesIn(getStatusFlagRows()));
-
-class TCPSocketReuse : public testing::TestWithParam<ErrorRow> {};
-
-TEST_P(TCPSocketReuse, thatIsRefusedMakesTheSocketInvalid) {
-    expectCauseToSurviveClose(inject_setsockopt, 1, GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketReuse, testing::ValuesIn(getSetOptionRows()));
-
-TEST(TCPSocket, endsTheProcessIfWhatItCannotUseCannotBeClosedEither) {
-    EventRecorder const events;
-    int const fd = getNextDescriptor();
-    {
-        Fault const fault(inject_setsockopt, ENOPROTOOPT);
-        Fault const close_fault(inject_close, EIO);
-        Client const socket = makeIdle(true, true);
-        EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::UNKNOWN_OPTION, ENOPROTOOPT))
-            << "and the cause is still told";
-        EXPECT_FALSE(socket.isValid());
-    }
-    EXPECT_EQ(std::string("ABORT ") + SOURCE + " TCPSocket: ctor error, close error", events.getText());
-    EXPECT_EQ(0, close(fd));
-}
-
-TEST(TCPSocket, reallyEndsTheProcessThen) {
-    ChildEnd const end = runInChild([] {
-        Fault const fault(inject_fcntl, EPERM);
-        Fault const close_fault(inject_close, EIO);
-        Client const socket = makeIdle(false);
-    });
-    EXPECT_EQ(SIGABRT, end.signal);
-    EXPECT_NE(std::string::npos, end.errors.find("ctor error, close error"));
-}
-
-// Connecting.
-
-TEST_P(TCPSocketVersions, connectsAndLearnsItsAddresses) {
-    Listener listener(GetParam());
-    Client client = listener.makeClient();
-    EXPECT_FALSE(client.connect());
-    EXPECT_FALSE(client.hadError());
-    EXPECT_EQ(Socket::OPEN, client.getState());
-    EXPECT_TRUE(client.isValid());
-    EXPECT_EQ(getLoopback(GetParam()), client.getLocalAddress().host);
-    EXPECT_EQ(getLoopback(GetParam()), client.getPeerAddress().host);
-    EXPECT_EQ(listener.getLocalAddress().port, client.getPeerAddress().port);
-
-    Client server(true, 0, 0, listener.acceptConnection());
+TEST_P(TCPSocketVersions, learnsItsAddressesWhenItConnects) {
+    Connection const connection(GetParam());
+    TCPSocket const& client = connection.getTcp();
+    EXPECT_EQ(m_version, client.getVersion());
+    EXPECT_EQ(m_loopback, client.getLocalAddress().host);
+    EXPECT_EQ(m_loopback, client.getPeerAddress().host);
+    EXPECT_EQ(connection.listener.getPlace().port, client.getPeerAddress().port);
+    auto const& server = dynamic_cast<TCPSocket&>(*connection.server);
+    EXPECT_EQ(m_loopback, server.getPeerAddress().host);
     EXPECT_EQ(client.getLocalAddress().port, server.getPeerAddress().port);
-    EXPECT_EQ(client.getLocalAddress().host, server.getPeerAddress().host);
-    writeTo(client, "there");
-    EXPECT_EQ("there", readFrom(server, 5));
-    writeTo(server, "and back");
-    EXPECT_EQ("and back", readFrom(client, 8));
-    EXPECT_FALSE(client.close(true));
-    EXPECT_TRUE(isAtItsEnd(server));
-    EXPECT_EQ(Socket::OPEN, server.getState()) << "only a close changes that";
 }
 
-TEST_P(TCPSocketVersions, thatDoesNotWaitIsOnItsWay) {
-    Listener listener(GetParam());
-    Client client = listener.makeClient(false);
-    EXPECT_TRUE(client.connect());
-    EXPECT_FALSE(client.hadError());
-    EXPECT_EQ(Socket::OPEN, client.getState());
-    EXPECT_TRUE(chainIs({}));
-    EXPECT_NE(0, client.getLocalAddress().port) << "it is bound";
-    ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLOUT));
-    Client server(true, 0, 0, listener.acceptConnection());
-    writeTo(client, "made");
-    EXPECT_EQ("made", readFrom(server, 4));
+TEST_P(TCPSocketVersions, thatDoesNotBlockIsOpenAndBoundWhileItConnects) {
+    Listener const listener(GetParam());
+    SocketPtr const client = listener.makeClient({false});
+    EXPECT_TRUE(connects(*client, true));
+    EXPECT_NE(0, dynamic_cast<TCPSocket&>(*client).getLocalAddress().port);
+    ASSERT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
+    EXPECT_EQ(0, countHookCalls(*client));
+    EXPECT_TRUE(transfers(*client, *listener.accept(), "made"));
 }
 
-TEST_P(TCPSocketVersions, thatIsRefusedMayTryAgain) {
-    BoundSocket const peer(GetParam());
-    Client client(true, 0, 0, IPAddress(), peer.getAddress(), false, GetParam());
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_TRUE(client.connect());
-        EXPECT_TRUE(client.hadError());
-        EXPECT_TRUE(isInactive(client));
-        EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED));
-    }
-    ASSERT_EQ(0, listen(peer.getFd(), 1));
-    EXPECT_FALSE(client.connect());
-    EXPECT_FALSE(client.hadError());
-    EXPECT_EQ(Socket::OPEN, client.getState());
-}
-
-TEST_P(TCPSocketVersions, thatDoesNotWaitLearnsARefusalFromItsNextRead) {
-    BoundSocket const peer(GetParam());
-    Client client(false, 0, 0, IPAddress(), peer.getAddress(), false, GetParam());
-    EXPECT_TRUE(client.connect());
-    EXPECT_FALSE(client.hadError());
-    EXPECT_EQ(Socket::OPEN, client.getState());
-    EXPECT_TRUE(chainIs({}));
-    ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLOUT));
-    char byte = 0;
-    unsigned int count = 12345;
-    EXPECT_EQ(-1, client.read(&byte, 1, count));
-    EXPECT_EQ(0u, count);
-    EXPECT_TRUE(client.hadError());
-    EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED, 0));
-    EXPECT_EQ(Socket::OPEN, client.getState());
-}
-
-TEST(TCPSocket, connectedTwiceFailsWithAResultOfFalse) {
-    Connection connection;
-    EXPECT_FALSE(connection.client.connect());
-    EXPECT_TRUE(connection.client.hadError());
-    EXPECT_TRUE(misuseIs("connect called in state != INACTIVE"));
-    EXPECT_EQ(Socket::OPEN, connection.client.getState());
-    writeTo(connection.client, "still there");
-    EXPECT_EQ("still there", readFrom(connection.server, 11));
-}
-
-TEST(TCPSocket, onItsWayCannotBeConnectedAgain) {
-    Listener listener;
-    Client client = listener.makeClient(false);
-    EXPECT_TRUE(client.connect());
-    Fault const calls(inject_connect, 0);
-    EXPECT_FALSE(client.connect());
-    EXPECT_TRUE(client.hadError());
-    EXPECT_TRUE(misuseIs("connect called in state != INACTIVE"));
-    EXPECT_EQ(Socket::OPEN, client.getState());
-    EXPECT_EQ(0, calls.getCalls());
-}
-
-TEST(TCPSocket, closedOrAdoptedCannotBeConnected) {
-    Connection connection;
-    EXPECT_FALSE(connection.server.connect());
-    EXPECT_TRUE(connection.server.hadError());
-    EXPECT_TRUE(misuseIs("connect called in state != INACTIVE"));
-    EXPECT_EQ(Socket::OPEN, connection.server.getState());
-
-    EXPECT_FALSE(connection.client.close(false));
-    EXPECT_FALSE(connection.client.connect());
-    EXPECT_TRUE(connection.client.hadError());
-    EXPECT_TRUE(misuseIs("connect called in state != INACTIVE"));
-    EXPECT_EQ(Socket::DEAD, connection.client.getState());
-}
-
-TEST(TCPSocket, thatHasNoDescriptorCannotBeConnected) {
-    TCPSocket socket(true, 0, 0, IPAddress(), IPAddress(IPSocket::LOOPBACK_IP6, 9), false, IPSocket::IPV4);
-    std::ErrorStorage::ack();
-    EventRecorder const events;
-    EXPECT_TRUE(socket.connect());
-    EXPECT_TRUE(socket.hadError());
-    EXPECT_EQ(Socket::INACTIVE, socket.getState());
-    EXPECT_TRUE(chainIs(
-        {{std::CommonErrorId::INVALID_ARGUMENT,
-          rowText(std::CommonErrorId::INVALID_ARGUMENT, "p_socket_fd is invalid")}}));
-    EXPECT_EQ(
-        "ASSERT framework/src/vesk/posix/SocketPosixCommon bindSocket: p_socket_fd != INVALID_SOCKET_FD",
-        events.getText());
+TEST_P(TCPSocketVersions, thatDoesNotBlockFailsToReadAfterARefusal) {
+    Place place(GetParam());
+    PlainServer const peer(place);
+    SocketPtr const client = makeClient(place, {false});
+    EXPECT_TRUE(connects(*client, true));
+    ASSERT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
+    EXPECT_EQ(FAILED, readByte(*client));
+    EXPECT_TRUE(failed(
+        *client, Socket::OPEN,
+        {ErrorRow(Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED), StreamErrorId::UNUSABLE}));
 }
 
 TEST(TCPSocket, isAlwaysBoundBeforeItConnects) {
-    Listener listener;
-    Client client = listener.makeClient();
+    Listener const listener;
     Fault const binds(inject_bind, 0);
     Fault const connects(inject_connect, 0);
-    EXPECT_FALSE(client.connect());
+    EXPECT_FALSE(connectSocket(*listener.makeClient()));
     EXPECT_EQ(1, binds.getCalls());
     EXPECT_EQ(1, connects.getCalls());
 }
 
-TEST(TCPSocket, connectsFromTheLocalAddressThatItIsGiven) {
-    Listener listener;
-    Client client(true, 0, 0, IPAddress("127.0.0.2", 0), listener.getLocalAddress(), false, IPSocket::IPV4);
+TEST(TCPSocket, connectsAlthoughItIsBound) {
+    Listener const listener;
+    SocketPtr const client = listener.makeClient();
+    Fault const fault(inject_bind, EINVAL);
+    EXPECT_TRUE(connects(*client));
+    EXPECT_EQ(1, fault.getCalls());
+}
+
+TEST(TCPSocket, connectsFromItsLocalAddress) {
+    Listener const listener;
+    Client client = makeClient(IPAddress("127.0.0.2", 0), listener.getTcp().getLocalAddress());
     EXPECT_FALSE(client.connect());
     EXPECT_EQ("127.0.0.2", client.getLocalAddress().host);
-    Client const server(true, 0, 0, listener.acceptConnection());
-    EXPECT_EQ("127.0.0.2", server.getPeerAddress().host);
+    SocketPtr const server = listener.accept();
+    EXPECT_EQ("127.0.0.2", dynamic_cast<TCPSocket&>(*server).getPeerAddress().host);
 }
 
-TEST_P(TCPSocketVersions, takesTheAnyAddressOfThePeerForThisMachine) {
-    Listener listener(GetParam());
-    Client client(true, 0, 0, IPAddress(), IPAddress("", listener.getLocalAddress().port), false, GetParam());
+TEST_P(TCPSocketVersions, takesTheAnyAddressOfThePeerForTheLoopback) {
+    Listener const listener(GetParam());
+    IPAddress const any("", listener.getPlace().port);
+    Client client(true, 0, 0, IPAddress(), any, false, m_version);
     EXPECT_FALSE(client.connect());
-    EXPECT_EQ(getLoopback(GetParam()), client.getPeerAddress().host) << "it is told where that led to";
+    EXPECT_EQ(m_loopback, client.getPeerAddress().host);
 }
 
-TEST_P(TCPSocketVersions, nobodyListensOnPort0) {
-    Client client(true, 0, 0, IPAddress(), IPAddress(getLoopback(GetParam()), 0), false, GetParam());
-    EXPECT_TRUE(client.connect());
-    EXPECT_TRUE(client.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED));
+TEST_P(TCPSocketVersions, isRefusedByPort0) {
+    SocketPtr const client = makeClient(Place(GetParam()));
+    EXPECT_TRUE(failsToConnect(*client, {Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED}));
 }
 
-TEST(TCPSocket, cannotConnectFromAnAddressInUse) {
-    Listener listener;
-    BoundSocket const other;
-    Client client(true, 0, 0, other.getAddress(), listener.getLocalAddress(), false, IPSocket::IPV4);
-    EXPECT_TRUE(client.connect());
-    EXPECT_TRUE(client.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE));
-    EXPECT_TRUE(isInactive(client));
-}
-
-TEST(TCPSocket, cannotConnectFromAnAddressOfAnotherMachine) {
-    Listener listener;
-    Client client(true, 0, 0, IPAddress("203.0.113.1", 0), listener.getLocalAddress(), false, IPSocket::IPV4);
-    EXPECT_TRUE(client.connect());
-    EXPECT_TRUE(client.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::ADDRESS_INVALID, EADDRNOTAVAIL));
-    EXPECT_TRUE(isInactive(client));
-}
-
-class TCPSocketBind : public testing::TestWithParam<ErrorRow> {};
-
-TEST_P(TCPSocketBind, failureIsReportedAndLeavesTheSocketInactive) {
-    Listener listener;
-    Client client = listener.makeClient();
-    int const descriptors = countDescriptors();
-    {
-        Fault const fault(inject_bind, GetParam().error);
-        Fault const connects(inject_connect, 0);
-        EXPECT_TRUE(client.connect());
-        EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
-        EXPECT_EQ(0, connects.getCalls());
+TEST(TCPSocket, cannotConnectFromAnAddressInUseOrOfAnotherMachine) {
+    Listener const listener;
+    Place other(Transport::IPV4);
+    PlainServer const user(other);
+    struct {
+        IPAddress local;
+        ErrorRow row;
+    } const rows[] = {
+        {{IPSocket::LOOPBACK_IP, other.port}, {Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE}},
+        {{"203.0.113.1", 0}, {Socket::ErrorId::ADDRESS_INVALID, EADDRNOTAVAIL}},
+    };
+    for (auto const& [local, row] : rows) {
+        Client client = makeClient(local, listener.getTcp().getLocalAddress());
+        EXPECT_TRUE(failsToConnect(client, row));
     }
-    EXPECT_TRUE(failureIs(GetParam()));
-    EXPECT_TRUE(client.hadError());
-    EXPECT_TRUE(isInactive(client));
-    EXPECT_EQ(descriptors, countDescriptors());
-    EXPECT_FALSE(client.connect()) << "it may try again";
-    EXPECT_FALSE(client.hadError());
 }
 
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketBind, testing::ValuesIn(getBindRows()));
-
-TEST(TCPSocket, thatIsBoundAlreadyConnectsAllTheSame) {
-    Listener listener;
-    Client client = listener.makeClient();
-    Fault const fault(inject_bind, EINVAL);
-    EXPECT_FALSE(client.connect());
-    EXPECT_EQ(1, fault.getCalls());
-    EXPECT_FALSE(client.hadError());
-    EXPECT_TRUE(chainIs({}));
-    EXPECT_EQ(Socket::OPEN, client.getState());
-}
-
-ErrorRows getConnectRows() {
-    ErrorRows rows;
-    add(rows, {EPERM, EACCES}, SysError, vesk::SysErrorId::PERMISSION_DENIED);
-    add(rows,
-        {ENOENT, EBADF, EFAULT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP, ENOTSOCK, EPROTOTYPE, EOPNOTSUPP,
-         EAFNOSUPPORT, EISCONN, ETIMEDOUT},
-        SysError, vesk::SysErrorId::SPOILED_INTEGRITY);
-    add(rows, {EAGAIN, ENOBUFS}, SysError, vesk::SysErrorId::RESOURCES_EXHAUSTED);
-    add(rows, {EADDRINUSE}, Socket::Error, Socket::ErrorId::ADDRESS_IN_USE);
-    add(rows, {EADDRNOTAVAIL}, Socket::Error, Socket::ErrorId::ADDRESS_INVALID);
-    add(rows, {ENETDOWN, ENETUNREACH}, Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE);
-    add(rows, {ECONNRESET}, Socket::Error, Socket::ErrorId::CONNECTION_RESET);
-    add(rows, {ECONNREFUSED, EHOSTUNREACH}, Socket::Error, Socket::ErrorId::PEER_UNREACHABLE);
-    add(rows, {EIO, ENOMEM, EPROTO}, SysError, vesk::SysErrorId::UNCLASSIFIED);
-    return rows;
-}
-
-/// A socket that notes when it is told of its connection.
-class Hooked : public Client {
-public:
-    using Client::Client;
-
-    bool connected() override {
-        ++m_calls;
-        EXPECT_EQ(Socket::OPEN, getState());
-        EXPECT_NE(0, getLocalAddress().port) << "the addresses are known by now";
-        if (m_refuses) {
-            std::ErrorOutput("hook", 1, true)(std::CommonErrorId::CONTRACT_BROKEN, "not this peer");
-        }
-        return m_refuses;
-    }
-
-    int m_calls = 0;
-    bool m_refuses = false;
-};
-
-std::unique_ptr<Hooked> makeHooked(Listener const& listener, bool blocking = true) {
-    return std::make_unique<Hooked>(
-        blocking, 0u, 0u, IPAddress(), listener.getLocalAddress(), false, IPSocket::IPV4);
-}
-
-class TCPSocketConnect : public testing::TestWithParam<ErrorRow> {};
-
-TEST_P(TCPSocketConnect, failureIsReportedAndLeavesTheSocketInactive) {
-    Listener listener;
-    auto const client = makeHooked(listener);
-    int const descriptors = countDescriptors();
-    {
-        Fault const fault(inject_connect, GetParam().error);
-        EXPECT_TRUE(client->connect());
-        EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
-    }
-    EXPECT_TRUE(failureIs(GetParam()));
-    EXPECT_TRUE(client->hadError());
-    EXPECT_TRUE(isInactive(*client));
-    EXPECT_EQ(0, client->m_calls);
-    EXPECT_EQ(descriptors, countDescriptors());
-    EXPECT_FALSE(client->connect()) << "it may try again";
-    EXPECT_FALSE(client->hadError());
-    EXPECT_EQ(1, client->m_calls);
-}
-
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketConnect, testing::ValuesIn(getConnectRows()));
-
-TEST(TCPSocket, connectIsRepeatedWhileSignalsInterruptIt) {
-    Listener listener;
-    Client client = listener.makeClient();
-    Fault const fault(inject_connect, EINTR, 1, 3);
-    EXPECT_FALSE(client.connect());
-    EXPECT_EQ(4, fault.getCalls());
-    EXPECT_FALSE(client.hadError());
-    EXPECT_TRUE(chainIs({}));
-}
-
-class TCPSocketOnItsWay : public testing::TestWithParam<int> {};
-
-TEST_P(TCPSocketOnItsWay, isNoFailure) {
-    Listener listener;
-    auto const client = makeHooked(listener);
-    Fault const fault(inject_connect, GetParam());
-    EXPECT_TRUE(client->connect());
-    EXPECT_EQ(1, fault.getCalls());
-    EXPECT_FALSE(client->hadError());
-    EXPECT_EQ(Socket::OPEN, client->getState());
-    EXPECT_EQ(0, client->m_calls) << "nobody is told of a connection that is not made yet";
-    EXPECT_TRUE(chainIs({}));
-}
-
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketOnItsWay, testing::Values(EALREADY, EINPROGRESS));
-
-TEST(TCPSocket, interruptedOnItsWayIsOnItsWay) {
-    Listener listener;
-    Client client = listener.makeClient(false);
+TEST(TCPSocket, thatIsInterruptedWhileItConnectsWithoutBlockingIsUnderWay) {
+    Listener const listener;
+    SocketPtr const client = listener.makeClient({false});
     Fault const fault(inject_connect, EINTR);
-    EXPECT_TRUE(client.connect());
+    EXPECT_TRUE(connects(*client, true));
     EXPECT_EQ(2, fault.getCalls());
-    EXPECT_FALSE(client.hadError());
-    EXPECT_EQ(Socket::OPEN, client.getState());
 }
 
-TEST(TCPSocket, tellsItsSubclassOnceThatItIsConnected) {
-    Listener listener;
-    auto const client = makeHooked(listener);
-    EXPECT_FALSE(client->connect());
-    EXPECT_EQ(1, client->m_calls);
-    EXPECT_FALSE(client->hadError());
-    EXPECT_FALSE(client->connect());
-    EXPECT_TRUE(misuseIs("connect called in state != INACTIVE"));
-    EXPECT_EQ(1, client->m_calls);
+TEST(TCPSocket, failsAndStaysOpenIfItsHookRefusesTheConnection) {
+    struct Refusing : Client {
+        using Client::Client;
+        bool connected() override {
+            std::ErrorOutput("hook", 1, true)(CommonErrorId::CONTRACT_BROKEN, "not this peer");
+            return true;
+        }
+    };
+    Listener const listener;
+    Refusing client(true, 0, 0, IPAddress(), listener.getTcp().getLocalAddress(), false, IPSocket::IPV4);
+    EXPECT_TRUE(client.connect());
+    EXPECT_TRUE(failed(client, Socket::OPEN, {misuse("not this peer")}));
+    EXPECT_TRUE(transfers(client, *listener.accept(), "all the same"));
 }
 
-TEST(TCPSocket, whoseSubclassRefusesTheConnectionFailsAndStaysOpen) {
-    Listener listener;
-    auto const client = makeHooked(listener);
-    client->m_refuses = true;
-    EXPECT_TRUE(client->connect());
-    EXPECT_TRUE(client->hadError());
-    EXPECT_EQ(Socket::OPEN, client->getState());
-    EXPECT_TRUE(misuseIs("not this peer"));
-    Client server(true, 0, 0, listener.acceptConnection());
-    writeTo(*client, "all the same");
-    EXPECT_EQ("all the same", readFrom(server, 12));
-}
-
-TEST(TCPSocket, onItsWayTellsNothingToItsSubclass) {
-    Listener listener;
-    auto const client = makeHooked(listener, false);
-    EXPECT_TRUE(client->connect());
-    ASSERT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
-    EXPECT_EQ(0, client->m_calls);
-}
-
-TEST(TCPSocket, itsOwnHookHasNoObjection) {
+TEST(TCPSocket, acceptsEachConnectionInItsOwnHook) {
     Client socket = makeIdle();
-    EXPECT_FALSE(socket.connected());
+    EXPECT_FALSE(socket.TCPSocket::connected());
     EXPECT_FALSE(socket.hadError());
 }
 
-TEST(TCPSocket, connectClearsTheFlagOfAnEarlierFailure) {
-    Listener listener;
-    Client client = listener.makeClient();
-    {
-        Fault const fault(inject_setsockopt, EINVAL);
-        EXPECT_TRUE(client.setTCPNoDelay(true));
-        EXPECT_TRUE(client.hadError());
-        std::ErrorStorage::ack();
+TEST(TCPSocket, clearsTheFlagOfAnEarlierFailureWhenItConnects) {
+    Listener const listener;
+    SocketPtr const client = listener.makeClient();
+    Fault const fault(inject_setsockopt, EINVAL);
+    EXPECT_TRUE(dynamic_cast<TCPSocket&>(*client).setTCPNoDelay(true));
+    EXPECT_TRUE(client->hadError());
+    std::ErrorStorage::ack();
+    EXPECT_TRUE(connects(*client));
+}
+
+TEST(TCPSocket, keepsItsAddressesUnlessOpen) {
+    Client socket = makeIdle();
+    for (Socket::State const state : {Socket::INACTIVE, Socket::DEAD}) {
+        EXPECT_TRUE(succeeded(socket, state));
+        socket.updateLocalAddress();
+        socket.updatePeerAddress();
+        EXPECT_EQ("", socket.getLocalAddress().host);
+        EXPECT_EQ(0, socket.getLocalAddress().port);
+        EXPECT_EQ(LOOPBACK.host, socket.getPeerAddress().host);
+        EXPECT_EQ(LOOPBACK.port, socket.getPeerAddress().port);
+        if (state == Socket::INACTIVE) {
+            EXPECT_FALSE(socket.close(true));
+        }
     }
-    EXPECT_FALSE(client.connect());
-    EXPECT_FALSE(client.hadError());
 }
 
-// Options.
+// ---- Options ----
 
-TEST(TCPSocket, sendsSmallPiecesAtOnceIfAskedTo) {
-    Connection connection;
-    int const fd = connection.client.getSocketFd();
+TEST(TCPSocket, sendsSmallPiecesAtOnceOnRequest) {
+    Connection const connection;
+    int const fd = connection.client->getSocketFd();
     EXPECT_EQ(0, getOption(fd, IPPROTO_TCP, TCP_NODELAY));
-    EXPECT_FALSE(connection.client.setTCPNoDelay(true));
-    EXPECT_FALSE(connection.client.hadError());
-    EXPECT_EQ(1, getOption(fd, IPPROTO_TCP, TCP_NODELAY));
-    EXPECT_FALSE(connection.client.setTCPNoDelay(false));
-    EXPECT_EQ(0, getOption(fd, IPPROTO_TCP, TCP_NODELAY));
+    for (bool const on : {true, false}) {
+        EXPECT_FALSE(connection.getTcp().setTCPNoDelay(on));
+        EXPECT_TRUE(succeeded(*connection.client, Socket::OPEN));
+        EXPECT_EQ(on, getOption(fd, IPPROTO_TCP, TCP_NODELAY) != 0);
+    }
 }
 
-TEST(TCPSocket, optionsCanBeSetBeforeItConnects) {
+TEST(TCPSocket, takesOptionsBeforeItConnects) {
     Client socket = makeIdle();
     EXPECT_FALSE(socket.setTCPNoDelay(true));
     EXPECT_FALSE(socket.setKeepalive({true, 7, 3, 2}));
@@ -582,21 +232,21 @@ TEST(TCPSocket, optionsCanBeSetBeforeItConnects) {
     EXPECT_EQ(2, getOption(fd, IPPROTO_TCP, TCP_KEEPINTVL));
     EXPECT_FALSE(socket.setKeepalive({false, 1, 1, 1}));
     EXPECT_EQ(0, getOption(fd, SOL_SOCKET, SO_KEEPALIVE));
-    EXPECT_EQ(7, getOption(fd, IPPROTO_TCP, TCP_KEEPIDLE)) << "the others do not count then";
+    EXPECT_EQ(7, getOption(fd, IPPROTO_TCP, TCP_KEEPIDLE)) << "without probes, the times are not set";
 }
 
-/// The options that a call sets: level, option and value of each.
-template <typename Call>
-std::vector<int> recordOptions(Call call) {
-    s_last.options.clear();
-    s_last.records_options = true;
-    call();
-    s_last.records_options = false;
-    return s_last.options;
+/// Returns the options that `setKeepalive` sets: level, option and value of each.
+std::vector<int> recordKeepalive(Keepalive const& settings) {
+    Client socket = makeIdle();
+    s_calls.options.emplace();
+    EXPECT_FALSE(socket.setKeepalive(settings));
+    EXPECT_TRUE(succeeded(socket, Socket::INACTIVE));
+    std::vector<int> options = std::move(*s_calls.options);
+    s_calls.options.reset();
+    return options;
 }
 
 TEST(TCPSocket, keepaliveSetsTheIdleTimeTwice) {
-    Client socket = makeIdle();
     std::vector<int> const expected{
         SOL_SOCKET,  SO_KEEPALIVE,  1,  //
         IPPROTO_TCP, TCP_KEEPIDLE,  11, //
@@ -604,53 +254,44 @@ TEST(TCPSocket, keepaliveSetsTheIdleTimeTwice) {
         IPPROTO_TCP, TCP_KEEPCNT,   5,  //
         IPPROTO_TCP, TCP_KEEPINTVL, 4,
     };
-    EXPECT_EQ(expected, recordOptions([&] { EXPECT_FALSE(socket.setKeepalive({true, 11, 5, 4})); }));
-    EXPECT_FALSE(socket.hadError());
+    EXPECT_EQ(expected, recordKeepalive({true, 11, 5, 4}));
 }
 
-TEST(TCPSocket, keepaliveThatIsSwitchedOffIsOneCall) {
-    Client socket = makeIdle();
-    std::vector<int> const expected{SOL_SOCKET, SO_KEEPALIVE, 0};
-    EXPECT_EQ(expected, recordOptions([&] { EXPECT_FALSE(socket.setKeepalive({false, 11, 5, 4})); }));
+TEST(TCPSocket, keepaliveThatIsSwitchedOffSetsOneOption) {
+    EXPECT_EQ((std::vector<int>{SOL_SOCKET, SO_KEEPALIVE, 0}), recordKeepalive({false, 11, 5, 4}));
 }
 
-TEST(TCPSocket, keepaliveTimesThatTheSystemDoesNotTakeAreRefused) {
+TEST(TCPSocket, keepaliveTimesThatTheSystemRejectsAreReported) {
     Client socket = makeIdle();
     for (Keepalive const& settings :
          {Keepalive{true, 0, 1, 1}, Keepalive{true, -1, 1, 1}, Keepalive{true, 1, 0, 1},
           Keepalive{true, 1, 1, 0}, Keepalive{true, 32768, 1, 1}}) {
         EXPECT_TRUE(socket.setKeepalive(settings));
-        EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(failureIs(SysError, vesk::SysErrorId::INVALID_PATH, EINVAL));
-        EXPECT_TRUE(isInactive(socket));
+        EXPECT_TRUE(failed(socket, Socket::INACTIVE, {ErrorRow(SysErrorId::INVALID_PATH, EINVAL)}));
     }
 }
 
-class TCPSocketOption : public testing::TestWithParam<ErrorRow> {};
+class TCPSocketOptionRows : public testing::TestWithParam<ErrorRow> {};
 
-TEST_P(TCPSocketOption, failureOfNoDelayIsReported) {
+INSTANTIATE_TEST_SUITE_P(rows, TCPSocketOptionRows, testing::ValuesIn(SET_OPTION_ROWS), byName);
+
+TEST_P(TCPSocketOptionRows, areReportedForTheDelay) {
     Client socket = makeIdle();
     Fault const fault(inject_setsockopt, GetParam().error);
     EXPECT_TRUE(socket.setTCPNoDelay(true));
-    EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
-    EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(failureIs(GetParam()));
-    EXPECT_TRUE(isInactive(socket));
+    EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
+    EXPECT_TRUE(failed(socket, Socket::INACTIVE, {GetParam()}));
 }
 
-TEST_P(TCPSocketOption, failureStopsKeepaliveAtAnyOfItsSteps) {
+TEST_P(TCPSocketOptionRows, stopTheKeepaliveAtEachStep) {
     Client socket = makeIdle();
     for (int step = 1; step <= 5; ++step) {
         Fault const fault(inject_setsockopt, GetParam().error, step);
         EXPECT_TRUE(socket.setKeepalive({true, 1, 1, 1}));
         EXPECT_EQ(step, fault.getCalls());
-        EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(failureIs(GetParam()));
-        EXPECT_TRUE(isInactive(socket));
+        EXPECT_TRUE(failed(socket, Socket::INACTIVE, {GetParam()}));
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketOption, testing::ValuesIn(getSetOptionRows()));
 
 TEST(TCPSocket, optionsNeedADescriptor) {
     Client socket = makeIdle();
@@ -658,406 +299,253 @@ TEST(TCPSocket, optionsNeedADescriptor) {
     Fault const options(inject_setsockopt, 0);
     errno = EIO;
     EXPECT_TRUE(socket.setTCPNoDelay(true));
-    EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(failureIs(Socket::Error, Socket::ErrorId::INVALID_SOCKET, EIO))
-        << "the text is that of whatever errno is";
+    EXPECT_TRUE(failed(socket, Socket::DEAD, {ErrorRow(Socket::ErrorId::INVALID_SOCKET, EIO)}))
+        << "the text is that of the current errno";
     for (bool const enabled : {true, false}) {
         EXPECT_TRUE(socket.setKeepalive({enabled, 1, 1, 1}));
-        EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(chainIs({{Socket::ErrorId::INVALID_SOCKET}}));
+        EXPECT_TRUE(failed(socket, Socket::DEAD, {Socket::ErrorId::INVALID_SOCKET}));
     }
     EXPECT_EQ(0, options.getCalls());
 }
 
-TEST(TCPSocket, largestPieceIsTheSendBufferButNotMoreThanASegment) {
-    Connection connection;
-    TCPSocket& socket = connection.client;
-    EXPECT_FALSE(socket.setSendBuffer(1u << 20));
-    ASSERT_GT(socket.getSendBuffer(), TCPSocket::MAX_SEGMENT_SIZE);
-    EXPECT_EQ(TCPSocket::MAX_SEGMENT_SIZE, socket.maxTxSize());
-    EXPECT_FALSE(socket.setSendBuffer(10000));
-    EXPECT_EQ(10000u, socket.maxTxSize());
-    EXPECT_FALSE(socket.hadError());
-    EXPECT_FALSE(socket.setSendBuffer(TCPSocket::MAX_SEGMENT_SIZE));
-    EXPECT_EQ(TCPSocket::MAX_SEGMENT_SIZE, socket.maxTxSize());
-    EXPECT_FALSE(socket.setSendBuffer(TCPSocket::MAX_SEGMENT_SIZE - 1));
-    EXPECT_EQ(TCPSocket::MAX_SEGMENT_SIZE - 1, socket.maxTxSize());
-}
+// ---- The largest transfer, also of a server ----
 
-TEST(TCPSocket, largestPieceOfAClosedSocketIsNothing) {
-    Client socket = makeIdle();
-    EXPECT_FALSE(socket.close(false));
-    EventRecorder const events;
-    EXPECT_EQ(0u, socket.maxTxSize());
-    EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(chainIs({})) << "it is acknowledged";
-    EXPECT_EQ(std::string("WARNING ") + SOURCE + " maxTxSize: error getting buffer size", events.getText());
-}
-
-class TCPSocketSize : public testing::TestWithParam<ErrorRow> {};
-
-TEST_P(TCPSocketSize, thatIsUnknownIsAWarningAndNothing) {
-    Client socket = makeIdle();
-    EventRecorder const events;
-    {
-        Fault const fault(inject_getsockopt, GetParam().error);
-        EXPECT_EQ(0u, socket.maxTxSize());
-    }
-    EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(chainIs({}));
-    EXPECT_EQ(std::string("WARNING ") + SOURCE + " maxTxSize: error getting buffer size", events.getText());
-    EXPECT_NE(0u, socket.maxTxSize());
-    EXPECT_FALSE(socket.hadError());
-}
-
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketSize, testing::ValuesIn(getGetOptionRows()));
-
-// States.
-
-class TCPSocketThatIsNotOpen : public testing::TestWithParam<Socket::State> {};
-
-TEST_P(TCPSocketThatIsNotOpen, neitherReadsNorWrites) {
-    Client socket = makeIdle();
-    if (GetParam() == Socket::DEAD) {
-        EXPECT_FALSE(socket.close(true));
-    }
-    char byte = 0;
-    unsigned int count = 12345;
-    EXPECT_EQ(-1, socket.read(&byte, 1, count));
-    EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(streamMisuseIs("called read on non-OPEN socket", 0));
-    EXPECT_EQ(-1, socket.write(&byte, 1, count));
-    EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(streamMisuseIs("called write on non-OPEN socket", 0));
-    EXPECT_FALSE(socket.flush(false)) << "there is nothing to pass on";
-    EXPECT_FALSE(socket.hadError());
-    EXPECT_EQ(GetParam(), socket.getState());
-}
-
-TEST_P(TCPSocketThatIsNotOpen, keepsItsAddresses) {
-    Client socket = makeIdle();
-    if (GetParam() == Socket::DEAD) {
-        EXPECT_FALSE(socket.close(true));
-    }
-    socket.updateLocalAddress();
-    socket.updatePeerAddress();
-    EXPECT_EQ("", socket.getLocalAddress().host);
-    EXPECT_EQ(0, socket.getLocalAddress().port);
-    EXPECT_EQ(IPSocket::LOOPBACK_IP, socket.getPeerAddress().host);
-    EXPECT_EQ(9, socket.getPeerAddress().port);
-    EXPECT_TRUE(chainIs({}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    states, TCPSocketThatIsNotOpen, testing::Values(Socket::INACTIVE, Socket::DEAD),
-    [](auto const& row) { return std::string(row.param == Socket::DEAD ? "dead" : "inactive"); });
-
-TEST(TCPSocket, isClosedOnce) {
-    for (bool const is_open : {false, true}) {
-        Connection connection;
-        Client idle = makeIdle();
-        Client& socket = is_open ? connection.client : idle;
-        int const fd = socket.getSocketFd();
-        EXPECT_FALSE(socket.close(true));
-        EXPECT_FALSE(socket.hadError());
-        EXPECT_FALSE(socket.isValid());
-        EXPECT_EQ(Socket::DEAD, socket.getState());
-        EXPECT_EQ(-1, socket.getSocketFd());
-        EXPECT_FALSE(isOpen(fd));
-        EXPECT_TRUE(chainIs({}));
-
-        Fault const closes(inject_close, 0);
-        EXPECT_TRUE(socket.close(true));
+class TCPSocketSize : public testing::Test {
+protected:
+    /// Checks that the size is unknown, which only a client warns about.
+    static void expectUnknown(IPSocket& socket, bool is_server) {
+        EventRecorder const events;
+        EXPECT_EQ(0U, socket.maxTxSize());
         EXPECT_TRUE(socket.hadError());
-        EXPECT_TRUE(misuseIs("called close on already DEAD socket"));
-        EXPECT_EQ(Socket::DEAD, socket.getState());
-        EXPECT_EQ(0, closes.getCalls());
+        EXPECT_TRUE(chainIs({})) << "the failure is acknowledged";
+        EXPECT_EQ(
+            is_server ? ""
+                      : "WARNING framework/src/vesk/posix/TCPSocket maxTxSize: error getting buffer size",
+            events.getText());
+    }
+
+    Client m_client = makeIdle();
+    Server m_server{LOOPBACK, true, false, IPSocket::IPV4};
+    IPSocket* const m_sockets[2] = {&m_client, &m_server};
+};
+
+TEST_F(TCPSocketSize, isThatOfTheSendBufferUpToTheSizeOfASegment) {
+    for (IPSocket* const socket : m_sockets) {
+        EXPECT_FALSE(socket->setSendBuffer(1U << 20));
+        ASSERT_GT(socket->getSendBuffer(), TCPSocket::MAX_SEGMENT_SIZE);
+        EXPECT_EQ(TCPSocket::MAX_SEGMENT_SIZE, socket->maxTxSize());
+        for (unsigned int const size :
+             {10000U, TCPSocket::MAX_SEGMENT_SIZE, TCPSocket::MAX_SEGMENT_SIZE - 1}) {
+            EXPECT_FALSE(socket->setSendBuffer(size));
+            EXPECT_EQ(size, socket->maxTxSize());
+            EXPECT_TRUE(succeeded(*socket, Socket::INACTIVE));
+        }
     }
 }
 
-TEST(TCPSocket, thatNeverConnectedIsDestroyedInSilence) {
+TEST_F(TCPSocketSize, ofAServerIsKnownWhileItListens) {
     EventRecorder const events;
-    int const fd = getNextDescriptor();
-    {
-        TCPSocket const socket(
-            true, 16, 16, IPAddress(), IPAddress(IPSocket::LOOPBACK_IP, 9), true, IPSocket::IPV4);
-        ASSERT_EQ(fd, socket.getSocketFd());
-    }
-    EXPECT_FALSE(isOpen(fd));
+    m_server.enableListen(1);
+    EXPECT_NE(0U, m_server.maxTxSize());
+    EXPECT_TRUE(succeeded(m_server, Socket::OPEN));
     EXPECT_EQ("", events.getText());
 }
 
-TEST(TCPSocket, thatIsOpenMustNotBeDestroyed) {
-    Listener listener;
-    EventRecorder const events;
-    int fd = -1;
-    {
-        TCPSocket socket(true, 0, 0, IPAddress(), listener.getLocalAddress(), false, IPSocket::IPV4);
-        EXPECT_FALSE(socket.connect());
-        fd = socket.getSocketFd();
+TEST_F(TCPSocketSize, ofAClosedSocketIs0) {
+    for (IPSocket* const socket : m_sockets) {
+        EXPECT_FALSE(socket->close(false));
+        expectUnknown(*socket, socket == &m_server);
     }
-    EXPECT_FALSE(isOpen(fd)) << "but it is closed even then";
-    EXPECT_EQ(
-        "ASSERT framework/src/vesk/posix/IPSocket ~IPSocket: this->getState() != OPEN", events.getText());
 }
 
-// Closing.
+class TCPSocketSizeRows : public TCPSocketSize,
+                          public testing::WithParamInterface<std::tuple<bool, ErrorRow>> {};
 
-TEST(TCPSocket, closeWithoutShutdownLeavesTheConnectionToOtherDescriptorsOfIt) {
-    Connection connection;
-    int const other = dup(connection.client.getSocketFd());
-    EXPECT_FALSE(connection.client.close(false));
-    EXPECT_EQ(5, send(other, "still", 5, MSG_NOSIGNAL));
-    EXPECT_EQ("still", readFrom(connection.server, 5));
-    EXPECT_FALSE(isReady(connection.server.getSocketFd(), POLLIN));
-    close(other);
-    EXPECT_TRUE(isAtItsEnd(connection.server));
+INSTANTIATE_TEST_SUITE_P(
+    rows, TCPSocketSizeRows, testing::Combine(testing::Bool(), testing::ValuesIn(GET_OPTION_ROWS)),
+    [](auto const& row) {
+        return (std::get<0>(row.param) ? "server_" : "client_") + getName(std::get<1>(row.param));
+    });
+
+TEST_P(TCPSocketSizeRows, makeTheSize0WithAWarningOfAClient) {
+    auto const& [is_server, row] = GetParam();
+    IPSocket& socket = *m_sockets[is_server ? 1 : 0];
+    Fault const fault(inject_getsockopt, row.error);
+    expectUnknown(socket, is_server);
+    EXPECT_NE(0U, socket.maxTxSize());
+    EXPECT_TRUE(succeeded(socket, Socket::INACTIVE));
 }
 
-TEST(TCPSocket, closeWithShutdownEndsItForOtherDescriptors) {
-    Connection connection;
-    int const other = dup(connection.client.getSocketFd());
-    EXPECT_FALSE(connection.client.close(true));
-    EXPECT_TRUE(isAtItsEnd(connection.server));
-    EXPECT_EQ(-1, send(other, "still", 5, MSG_NOSIGNAL));
-    close(other);
-}
-
-ErrorRows getShutdownRows() {
-    ErrorRows rows;
-    add(rows, {EBADF, EINVAL, ENOTSOCK, ENOTCONN}, SysError, vesk::SysErrorId::SPOILED_INTEGRITY);
-    add(rows, {ENOBUFS}, SysError, vesk::SysErrorId::RESOURCES_EXHAUSTED);
-    add(rows, {EINTR, EIO, EPIPE}, SysError, vesk::SysErrorId::UNCLASSIFIED);
-    return rows;
-}
-
-class TCPSocketShutdown : public testing::TestWithParam<ErrorRow> {};
-
-TEST_P(TCPSocketShutdown, failureDoesNotStopAClose) {
-    Connection connection;
-    int const descriptors = countDescriptors();
-    {
-        Fault const fault(inject_shutdown, GetParam().error);
-        EXPECT_FALSE(connection.client.close(true));
-        EXPECT_EQ(1, fault.getCalls()) << "it is not repeated";
-    }
-    EXPECT_FALSE(connection.client.hadError());
-    EXPECT_FALSE(std::ErrorStorage::isError(false)) << "it is acknowledged";
-    auto const& [error, family, id] = GetParam();
-    std::string const told = tarn_error.getReasonList();
-    EXPECT_NE(std::string::npos, told.find(rowText(*family, id, systemText(error)))) << told;
-    EXPECT_EQ(Socket::DEAD, connection.client.getState());
-    EXPECT_EQ(descriptors - 1, countDescriptors());
-}
-
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketShutdown, testing::ValuesIn(getShutdownRows()));
-
-class TCPSocketClose : public testing::TestWithParam<ErrorRow> {};
-
-TEST_P(TCPSocketClose, failureIsReportedAndTheSocketIsDead) {
-    Connection connection;
-    int const fd = connection.client.getSocketFd();
-    {
-        Fault const fault(inject_close, GetParam().error);
-        EXPECT_TRUE(connection.client.close(true));
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_TRUE(connection.client.hadError());
-    EXPECT_TRUE(failureIs(GetParam()));
-    EXPECT_EQ(Socket::DEAD, connection.client.getState());
-    EXPECT_EQ(-1, connection.client.getSocketFd());
-    EXPECT_EQ(0, close(fd));
-}
-
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketClose, testing::ValuesIn(getCloseRows()));
-
-TEST(TCPSocket, closeOfADescriptorThatWasNotOpenFailsWithoutAReport) {
-    Connection connection;
-    close(connection.client.getSocketFd());
-    EXPECT_TRUE(connection.client.close(false));
-    EXPECT_TRUE(connection.client.hadError());
-    EXPECT_TRUE(chainIs({}));
-    EXPECT_EQ(Socket::DEAD, connection.client.getState());
-    EXPECT_EQ(-1, connection.client.getSocketFd());
-}
-
-TEST(TCPSocket, closeIsRepeatedWhileSignalsInterruptIt) {
-    Connection connection;
-    Fault const fault(inject_close, EINTR, 1, 2);
-    EXPECT_FALSE(connection.client.close(false));
-    EXPECT_EQ(3, fault.getCalls());
-    EXPECT_FALSE(connection.client.hadError());
-    EXPECT_TRUE(chainIs({}));
-}
-
-// The stream.
-
-TEST(TCPSocket, withAWriteBufferSendsWhatIsFlushed) {
-    Connection connection(true, 0, 64);
-    writeTo(connection.client, "one ");
-    writeTo(connection.client, "piece");
-    EXPECT_FALSE(isReady(connection.server.getSocketFd(), POLLIN)) << "nothing is sent yet";
-    EXPECT_FALSE(connection.client.flush(false));
-    EXPECT_EQ("one piece", readFrom(connection.server, 9));
-}
+// ---- Closing ----
 
 TEST(TCPSocket, closeSendsWhatIsBuffered) {
     for (bool const do_shutdown : {true, false}) {
-        Connection connection(true, 0, 64);
-        writeTo(connection.client, "last words");
-        EXPECT_FALSE(connection.client.close(do_shutdown));
-        EXPECT_EQ("last words", readFrom(connection.server, 10));
-        EXPECT_TRUE(isAtItsEnd(connection.server));
+        Connection const connection(Transport::IPV4, {true, 0, 64});
+        writeTo(*connection.client, "last words");
+        EXPECT_FALSE(closeSocket(*connection.client, do_shutdown));
+        EXPECT_EQ("last words", readFrom(*connection.server, 10));
+        EXPECT_TRUE(isAtEnd(*connection.server));
     }
 }
 
-TEST(TCPSocket, withAReadBufferReadsAhead) {
-    Connection connection(true, 64, 0);
-    EXPECT_TRUE(connection.client.isInputBuffered());
-    EXPECT_FALSE(connection.client.isOutputBuffered());
-    writeTo(connection.server, "0123456789");
-    EXPECT_EQ("012", readFrom(connection.client, 3));
-    EXPECT_FALSE(isReady(connection.client.getSocketFd(), POLLIN)) << "the socket has nothing left";
-    char rest[16] = {};
-    unsigned int count = 0;
-    EXPECT_EQ(1, connection.client.read(rest, sizeof rest, count));
-    EXPECT_EQ("3456789", std::string(rest, count));
-}
-
-TEST(TCPSocket, thatDoesNotWaitReadsNothingWhereNothingIs) {
-    Connection connection(false);
-    char byte = 0;
-    unsigned int count = 12345;
-    EXPECT_EQ(1, connection.client.read(&byte, 1, count));
-    EXPECT_EQ(0u, count);
-    EXPECT_FALSE(connection.client.hadError());
-    EXPECT_TRUE(chainIs({}));
-}
-
-/// Bytes that show where they belong.
-std::string makePattern(size_t size) {
-    std::string pattern(size, '\0');
-    for (size_t i = 0; i < size; ++i) {
-        pattern[i] = static_cast<char>(i * 31 + (i >> 8) * 7);
+TEST(TCPSocket, closeDropsBufferedDataThatThePeerDoesNotRead) {
+    Listener const listener;
+    EXPECT_FALSE(listener->setRecvBuffer(4096));
+    SocketPtr const client = listener.makeClient({false, 0, 1024});
+    EXPECT_FALSE(client->setSendBuffer(4096));
+    EXPECT_TRUE(connectSocket(*client));
+    ASSERT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
+    SocketPtr const server = listener.accept();
+    Transfer transfer(1, 1);
+    while (transfer.second != 0) {
+        transfer = write(*client, std::string(512, 'x'));
+        ASSERT_EQ(1, transfer.first);
     }
-    return pattern;
+    EXPECT_TRUE(client->flush(false));
+    EXPECT_TRUE(chainIs({StreamErrorId::TRANSFER_FAILED}));
+    EXPECT_TRUE(closes(*client, true));
 }
 
-TEST(TCPSocket, whosePeerDoesNotReadTakesNothingUntilItDoes) {
-    Listener listener;
-    EXPECT_FALSE(listener.setRecvBuffer(8192));
-    Client client = listener.makeClient(false);
-    EXPECT_FALSE(client.setSendBuffer(8192));
-    EXPECT_TRUE(client.connect());
-    ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLOUT));
-    Client server(true, 0, 0, listener.acceptConnection());
-
-    std::string const pattern = makePattern(1u << 20);
-    std::string received;
-    size_t sent = 0;
-    int refusals = 0;
-    while (sent < pattern.size() && !testing::Test::HasFailure()) {
-        unsigned int written = 12345;
-        auto const left = static_cast<unsigned int>(pattern.size() - sent);
-        ASSERT_EQ(1, client.write(pattern.data() + sent, std::min(left, 65536u), written));
-        ASSERT_FALSE(client.hadError());
-        sent += written;
-        if (written == 0) {
-            ++refusals;
-            EXPECT_TRUE(chainIs({})) << "that is no failure";
-            received += readFrom(server, sent - received.size());
-            ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLOUT));
+/// A connection that the peer has reset.
+struct ResetConnection : Connection {
+    explicit ResetConnection(unsigned int write_buffer = 0)
+        : Connection(Transport::IPV4, {true, 0, write_buffer}) {
+        if (write_buffer != 0) {
+            writeTo(*client, "unread");
         }
+        makeCloseReset(server->getSocketFd());
+        EXPECT_FALSE(closeSocket(*server, false));
+        EXPECT_TRUE(awaitEvents(client->getSocketFd(), POLLHUP));
     }
-    received += readFrom(server, sent - received.size());
-    EXPECT_GT(refusals, 0);
-    EXPECT_TRUE(pattern == received);
+};
+
+ErrorRow const RESET(Socket::ErrorId::CONNECTION_RESET, ECONNRESET);
+
+TEST(TCPSocket, reportsAResetByThePeerOnce) {
+    ResetConnection const connection;
+    EXPECT_TRUE(isReset(*connection.client));
+    EXPECT_TRUE(isAtEnd(*connection.client)) << "later reads report the end";
 }
 
-TEST(TCPSocket, closeDropsWhatAPeerThatDoesNotReadLeavesInTheBuffer) {
-    Listener listener;
-    EXPECT_FALSE(listener.setRecvBuffer(4096));
-    Client client = listener.makeClient(false, 0, 1024);
-    EXPECT_FALSE(client.setSendBuffer(4096));
-    EXPECT_TRUE(client.connect());
-    ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLOUT));
-    Client const server(true, 0, 0, listener.acceptConnection());
-    std::string const block = makePattern(512);
-    unsigned int written = 1;
-    while (written != 0) {
-        ASSERT_EQ(1, client.write(block.data(), 512, written));
-    }
-    EXPECT_TRUE(client.flush(false));
-    EXPECT_TRUE(chainIs({{std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
-    EXPECT_FALSE(client.close(true));
-    EXPECT_FALSE(client.hadError());
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(TCPSocket, whosePeerHasEndedItsHalfCanStillWrite) {
-    Connection connection;
-    writeTo(connection.server, "bye");
-    ASSERT_EQ(0, shutdown(connection.server.getSocketFd(), SHUT_WR));
-    EXPECT_EQ("bye", readFrom(connection.client, 3));
-    EXPECT_TRUE(isAtItsEnd(connection.client));
-    EXPECT_TRUE(isAtItsEnd(connection.client)) << "as often as it is asked";
-    EXPECT_EQ(Socket::OPEN, connection.client.getState());
-    writeTo(connection.client, "answer");
-    EXPECT_EQ("answer", readFrom(connection.server, 6));
-}
-
-TEST(TCPSocket, whosePeerResetsItTellsSoOnce) {
-    Connection connection;
-    makeCloseReset(connection.server.getSocketFd());
-    EXPECT_FALSE(connection.server.close(false));
-    ASSERT_TRUE(awaitEvents(connection.client.getSocketFd(), POLLIN));
-    char byte = 0;
-    unsigned int count = 12345;
-    EXPECT_EQ(-1, connection.client.read(&byte, 1, count));
-    EXPECT_TRUE(connection.client.hadError());
-    EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::CONNECTION_RESET, ECONNRESET, 0));
-    EXPECT_EQ(Socket::OPEN, connection.client.getState());
-    EXPECT_TRUE(isAtItsEnd(connection.client)) << "from then on it is at its end";
-}
-
-TEST(TCPSocket, writesToAResetConnectionFailWithoutASignal) {
+TEST(TCPSocket, failsToWriteToAResetConnectionWithoutASignal) {
     signal(SIGPIPE, SIG_DFL);
-    Connection connection;
-    makeCloseReset(connection.server.getSocketFd());
-    EXPECT_FALSE(connection.server.close(false));
-    ASSERT_TRUE(awaitEvents(connection.client.getSocketFd(), POLLHUP));
-    unsigned int count = 12345;
-    EXPECT_EQ(-1, connection.client.write("x", 1, count));
-    EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::CONNECTION_RESET, ECONNRESET, 0));
-    EXPECT_EQ(-1, connection.client.write("x", 1, count));
-    EXPECT_EQ(0u, count);
-    EXPECT_TRUE(connection.client.hadError());
-    EXPECT_TRUE(streamFailureIs(Socket::Error, Socket::ErrorId::INVALID_SOCKET, EPIPE, 0));
-    EXPECT_FALSE(connection.client.close(true)) << "and it can be closed";
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(TCPSocket, closesWithBufferedDataThatNobodyTakes) {
-    Connection connection(true, 0, 64);
-    writeTo(connection.client, "to nobody");
-    makeCloseReset(connection.server.getSocketFd());
-    EXPECT_FALSE(connection.server.close(false));
-    ASSERT_TRUE(awaitEvents(connection.client.getSocketFd(), POLLHUP));
-    EXPECT_FALSE(connection.client.close(false));
-    EXPECT_FALSE(connection.client.hadError());
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(TCPSocket, carriesAnyBytes) {
-    Connection connection(true, 100, 1000);
-    std::string const pattern = makePattern(20000);
-    for (size_t at = 0; at < pattern.size(); at += 400) {
-        writeTo(connection.client, pattern.substr(at, 400));
+    ResetConnection const connection;
+    for (ErrorRow const& row : {RESET, ErrorRow(Socket::ErrorId::INVALID_SOCKET, EPIPE)}) {
+        EXPECT_EQ(FAILED, write(*connection.client, "x"));
+        EXPECT_TRUE(failed(*connection.client, Socket::OPEN, {row, StreamErrorId::UNUSABLE}));
     }
-    EXPECT_FALSE(connection.client.flush(false));
-    EXPECT_TRUE(pattern == readFrom(connection.server, pattern.size()));
-    writeTo(connection.server, pattern.substr(0, 5000));
-    EXPECT_TRUE(pattern.substr(0, 5000) == readFrom(connection.client, 5000));
+    EXPECT_FALSE(closeSocket(*connection.client, true)) << "it can be closed";
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST(TCPSocket, closesAResetConnectionWithBufferedData) {
+    ResetConnection const connection(64);
+    EXPECT_TRUE(closes(*connection.client, false));
+}
+
+// ---- Servers ----
+
+TEST_P(TCPSocketVersions, thatListensKnowsItsPortAfterAnUpdateAndHasNoPeer) {
+    Server server(IPAddress(getLoopback(m_version), 0), true, false, m_version);
+    server.enableListen(5);
+    EXPECT_EQ(0, server.getLocalAddress().port) << "it is not updated by itself";
+    server.updateLocalAddress();
+    EXPECT_NE(0, server.getLocalAddress().port);
+    EXPECT_EQ(getLoopback(m_version), server.getLocalAddress().host);
+    server.updatePeerAddress();
+    EXPECT_EQ("", server.getPeerAddress().host);
+    EXPECT_TRUE(succeeded(server, Socket::OPEN));
+}
+
+TEST_P(TCPSocketVersions, thatListensWithoutAHostListensOnAllAddresses) {
+    Server server(IPAddress(), true, false, m_version);
+    server.enableListen(5);
+    server.updateLocalAddress();
+    EXPECT_EQ(
+        m_version == IPSocket::IPV6 ? IPSocket::ANY_IP6 : IPSocket::ANY_IP, server.getLocalAddress().host);
+    Place place(GetParam());
+    place.port = server.getLocalAddress().port;
+    EXPECT_FALSE(connectSocket(*makeClient(place)));
+}
+
+TEST(TCPServerSocket, ofIPv6ServesClientsOfIPv4) {
+    Server server(IPAddress::ANY_ADDRESS6, true, false, IPSocket::IPV6);
+    setOption(server.getSocketFd(), IPPROTO_IPV6, IPV6_V6ONLY, 0);
+    server.enableListen(1);
+    Place place(Transport::IPV4);
+    place.port = getPort(server.getSocketFd());
+    SocketPtr const client = makeClient(place);
+    EXPECT_FALSE(connectSocket(*client));
+    Client const accepted(true, 0, 0, server.acceptConnection());
+    EXPECT_EQ("::ffff:127.0.0.1", accepted.getPeerAddress().host);
+    EXPECT_EQ(dynamic_cast<TCPSocket&>(*client).getLocalAddress().port, accepted.getPeerAddress().port);
+}
+
+ErrorRow const IN_USE(Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE);
+
+TEST(TCPServerSocket, cannotListenWhereAnotherListensAlsoWithReuse) {
+    Listener const first;
+    EXPECT_TRUE(failsToListen(*makeServer(first.getPlace(), true, true), IN_USE));
+}
+
+TEST(TCPServerSocket, cannotListenOnAnAddressOfAnotherMachine) {
+    Server server(IPAddress("203.0.113.1", 0), true, false, IPSocket::IPV4);
+    EXPECT_TRUE(failsToListen(server, {Socket::ErrorId::ADDRESS_INVALID, EADDRNOTAVAIL}));
+}
+
+TEST(TCPServerSocket, cannotListenOnABoundDescriptor) {
+    Place const place(Transport::IPV4);
+    SocketPtr const server = makeServer(place);
+    ASSERT_EQ(0, withAddress(bind, server->getSocketFd(), getAddress(place)));
+    EXPECT_TRUE(failsToListen(*server, {SysErrorId::SPOILED_INTEGRITY, EINVAL}));
+}
+
+TEST(TCPServerSocket, withReuseListensAgainWhileOldConnectionsLinger) {
+    Place place(Transport::IPV4);
+    {
+        SocketPtr const server = makeServer(place, true, true);
+        enableListen(*server);
+        place.port = getPort(server->getSocketFd());
+        SocketPtr const client = makeClient(place);
+        ASSERT_FALSE(connectSocket(*client));
+        // The end that closes first remembers the connection for a while.
+        EXPECT_FALSE(closeSocket(*acceptSocket(*server), true));
+        EXPECT_TRUE(isAtEnd(*client));
+    }
+    EXPECT_TRUE(failsToListen(*makeServer(place), IN_USE));
+    SocketPtr const reusing = makeServer(place, true, true);
+    enableListen(*reusing);
+    EXPECT_TRUE(succeeded(*reusing, Socket::OPEN));
+}
+
+class TCPServerSocketBacklog : public testing::TestWithParam<unsigned int> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    sizes, TCPServerSocketBacklog, testing::Values(0U, 1U, 3U), testing::PrintToStringParamName());
+
+TEST_P(TCPServerSocketBacklog, letsOneMoreConnectionWait) {
+    Listener const listener(Transport::IPV4, true, GetParam());
+    std::vector<SocketPtr> clients;
+    for (unsigned int i = 0; i <= GetParam(); ++i) {
+        clients.push_back(listener.makeClient());
+        EXPECT_FALSE(connectSocket(*clients.back()));
+    }
+    SocketPtr const late = listener.makeClient({false});
+    EXPECT_TRUE(connects(*late, true));
+    EXPECT_FALSE(isReady(late->getSocketFd(), POLLOUT)) << "there is no room for it";
+    EXPECT_TRUE(transfers(*clients.front(), *listener.accept(), "first"));
+    EXPECT_TRUE(awaitEvents(late->getSocketFd(), POLLOUT)) << "now there is";
+}
+
+TEST(TCPServerSocket, acceptsAConnectionThatThePeerHasReset) {
+    Waiting waiting;
+    makeCloseReset(waiting.client->getSocketFd());
+    waiting.client.reset();
+    SocketPtr const accepted = waiting.listener.accept();
+    EXPECT_TRUE(succeeded(*waiting.listener, Socket::OPEN));
+    EXPECT_EQ(Socket::OPEN, accepted->getState());
+    EXPECT_EQ("", dynamic_cast<TCPSocket&>(*accepted).getPeerAddress().host) << "it is not connected";
+    EXPECT_TRUE(isReset(*accepted));
 }
 
 } // namespace

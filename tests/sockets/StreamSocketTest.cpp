@@ -1,0 +1,920 @@
+#include "StreamSocketSupport.h"
+#include "support/Child.h"
+#include "support/NewFault.h"
+#include "support/Privileges.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <set>
+#include <sys/resource.h>
+
+/// What TCP and Unix sockets do in the same way.
+
+namespace {
+
+using namespace support;
+
+// ---- Clients and servers ----
+
+constexpr Kind KINDS[] = {
+    TCP_CLIENT,  TCP_SERVER,  {Transport::IPV6, false},     {Transport::IPV6, true},
+    UNIX_CLIENT, UNIX_SERVER, {Transport::ABSTRACT, false}, {Transport::ABSTRACT, true}};
+
+SocketPtr make(Kind kind, bool blocking = true, bool reuse = false) {
+    Place const place(kind.transport);
+    return kind.is_server ? makeServer(place, blocking, reuse)
+                          : makeClient(place, {blocking, 0, 0, "", reuse});
+}
+
+void start(Kind kind, Socket& socket) {
+    if (kind.is_server) {
+        enableListen(socket);
+    } else {
+        EXPECT_FALSE(connectSocket(socket));
+    }
+    EXPECT_TRUE(succeeded(socket, Socket::OPEN));
+}
+
+/// Returns the report of an abort in the constructor.
+std::string getAbort(Kind kind) {
+    std::string const name = std::string(isTcp(kind.transport) ? "TCP" : "Unix");
+    return kind.is_server ? name + "ServerSocket " + name + "ServerSocket: error constructing, error closing"
+                          : name + "Socket " + name + "Socket: ctor error, close error";
+}
+
+std::string getAssertion(Kind kind, std::string const& text) {
+    std::string const name = isTcp(kind.transport) ? "IPSocket" : "UnixSocketBase";
+    return "ASSERT framework/src/vesk/posix/" + name + " ~" + name + ": " + text;
+}
+
+class StreamSocketConstruction : public testing::TestWithParam<Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(kinds, StreamSocketConstruction, testing::ValuesIn(KINDS), byName);
+
+TEST_P(StreamSocketConstruction, makesAnInactiveSocketWithADescriptorThatExecCloses) {
+    Fault const binds(inject_bind, 0);
+    Fault const options(inject_setsockopt, 0);
+    Fault const reads(inject_getfl, 0);
+    Fault const flags(inject_setfl, 0);
+    SocketPtr const socket = make(GetParam());
+    EXPECT_TRUE(succeeded(*socket, Socket::INACTIVE));
+    EXPECT_EQ(0, binds.getCalls() + options.getCalls() + reads.getCalls() + flags.getCalls());
+    EXPECT_FALSE(socket->isInputBuffered());
+    EXPECT_FALSE(socket->isOutputBuffered());
+    int const families[] = {AF_INET, AF_INET6, AF_UNIX, AF_UNIX};
+    int const family = families[static_cast<int>(GetParam().transport)];
+    EXPECT_EQ((std::array<int, 3>{family, SOCK_STREAM | SOCK_CLOEXEC, 0}), s_calls.created);
+    int const fd = socket->getSocketFd();
+    EXPECT_EQ(SOCK_STREAM, getOption(fd, SOL_SOCKET, SO_TYPE));
+    EXPECT_EQ(family, getOption(fd, SOL_SOCKET, SO_DOMAIN));
+    EXPECT_EQ(0, getOption(fd, SOL_SOCKET, SO_REUSEADDR));
+    EXPECT_EQ(0, getOption(fd, SOL_SOCKET, SO_ACCEPTCONN)) << "it does not listen yet";
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD));
+    EXPECT_EQ(O_RDWR, fcntl(fd, F_GETFL)) << "it blocks";
+}
+
+TEST_P(StreamSocketConstruction, withoutBlockingMakesADescriptorThatDoesNotBlock) {
+    SocketPtr const socket = make(GetParam(), false);
+    EXPECT_TRUE(succeeded(*socket, Socket::INACTIVE));
+    EXPECT_EQ(O_RDWR | O_NONBLOCK, s_calls.status_flags);
+    EXPECT_EQ(O_RDWR | O_NONBLOCK, fcntl(socket->getSocketFd(), F_GETFL));
+}
+
+TEST_P(StreamSocketConstruction, allowsTheReuseOfAddressesOnRequest) {
+    Fault const options(inject_setsockopt, 0);
+    SocketPtr const socket = make(GetParam(), true, true);
+    int const reuse = isTcp(GetParam().transport) ? 1 : 0;
+    EXPECT_EQ(reuse, options.getCalls());
+    EXPECT_EQ(reuse, getOption(socket->getSocketFd(), SOL_SOCKET, SO_REUSEADDR));
+}
+
+TEST_P(StreamSocketConstruction, withoutDescriptorsLeftFails) {
+    expectInChild([] {
+        // A sanitizer needs descriptors when it sees an object for the first time.
+        EXPECT_TRUE(make(GetParam())->isValid());
+        rlimit const limit{3, 3};
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+        SocketPtr const socket = make(GetParam());
+        EXPECT_TRUE(causeIs(SysErrorId::RESOURCES_EXHAUSTED, EMFILE));
+        EXPECT_TRUE(isUnusable(*socket));
+    });
+}
+
+VESK_ROW_SUITE(StreamSocketCreationRows, CLASSES, CREATION_ROWS);
+
+TEST_P(StreamSocketCreationRows, failureMakesTheSocketInvalid) {
+    EventRecorder const events;
+    {
+        Fault const fault(inject_socket, m_row.error);
+        Fault const closes(inject_close, 0);
+        SocketPtr const socket = make(m_kind, false, true);
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_EQ(0, closes.getCalls());
+        EXPECT_TRUE(causeIs(m_row));
+        EXPECT_TRUE(isUnusable(*socket));
+    }
+    EXPECT_EQ("", events.getText()) << "the destructor reports nothing";
+    EXPECT_TRUE(chainIs({}));
+}
+
+/// Checks a failure after the creation: the descriptor is closed again, and the cause stays reported. A server cannot be
+/// flushed, which must not matter.
+void expectCauseToSurviveClose(Kind kind, Injected& call, ErrorRow const& row) {
+    EventRecorder const events;
+    int const descriptors = countDescriptors();
+    {
+        Fault const fault(call, row.error);
+        Fault const closes(inject_close, EINTR);
+        SocketPtr const socket = make(kind, false, true);
+        EXPECT_EQ(2, closes.getCalls());
+        EXPECT_TRUE(causeIs(row));
+        EXPECT_TRUE(isUnusable(*socket, Socket::DEAD));
+        EXPECT_FALSE(socket->hadError());
+        EXPECT_EQ(descriptors, countDescriptors());
+    }
+    EXPECT_EQ("", events.getText());
+}
+
+VESK_ROW_SUITE(StreamSocketFlagRows, CLASSES, FLAG_ROWS);
+
+TEST_P(StreamSocketFlagRows, failureToReadTheFlagsMakesTheSocketInvalid) {
+    expectCauseToSurviveClose(m_kind, inject_getfl, m_row);
+}
+
+TEST_P(StreamSocketFlagRows, failureToSetTheFlagsMakesTheSocketInvalid) {
+    Fault const options(inject_setsockopt, 0);
+    expectCauseToSurviveClose(m_kind, inject_setfl, m_row);
+    EXPECT_EQ(0, options.getCalls()) << "the reuse of addresses is not set any more";
+}
+
+VESK_ROW_SUITE(StreamSocketReuseRows, TCP_CLASSES, SET_OPTION_ROWS);
+
+TEST_P(StreamSocketReuseRows, failureMakesTheSocketInvalid) {
+    expectCauseToSurviveClose(m_kind, inject_setsockopt, m_row);
+}
+
+/// A failure of a constructor that is followed by a failure to close.
+class StreamSocketAbort : public testing::TestWithParam<std::tuple<Kind, Injected*>> {
+protected:
+    Kind const m_kind = std::get<0>(GetParam());
+    Injected& m_call = *std::get<1>(GetParam());
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    flags, StreamSocketAbort,
+    testing::Combine(testing::ValuesIn(CLASSES), testing::Values(&inject_getfl, &inject_setfl)), byName);
+INSTANTIATE_TEST_SUITE_P(
+    reuse, StreamSocketAbort,
+    testing::Combine(testing::ValuesIn(TCP_CLASSES), testing::Values(&inject_setsockopt)), byName);
+
+TEST_P(StreamSocketAbort, endsTheProcess) {
+    ChildEnd const end = runInChild([this] {
+        Fault const fault(m_call, EPERM);
+        Fault const closes(inject_close, EBADF);
+        SocketPtr const socket = make(m_kind, false, true);
+        ADD_FAILURE() << "not reached";
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+    std::string const abort = getAbort(m_kind);
+    EXPECT_NE(std::string::npos, end.errors.find(abort.substr(abort.find(':') + 2))) << end.errors;
+}
+
+TEST_P(StreamSocketAbort, thatReturnsLeavesTheCauseReported) {
+    EventRecorder const events;
+    int const fd = getNextDescriptor();
+    {
+        Fault const fault(m_call, EPERM);
+        Fault const closes(inject_close, EIO);
+        SocketPtr const socket = make(m_kind, false, true);
+        EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EPERM));
+        EXPECT_TRUE(isUnusable(*socket, Socket::DEAD));
+    }
+    EXPECT_EQ("ABORT framework/src/vesk/posix/" + getAbort(m_kind), events.getText());
+    closeForReal(fd);
+}
+
+// ---- States ----
+
+/// A socket of each kind in each state.
+class StreamSocketState : public testing::TestWithParam<std::tuple<Kind, Socket::State>> {
+protected:
+    StreamSocketState() {
+        if (m_state != Socket::INACTIVE) {
+            start(m_kind, *m_socket);
+        }
+        if (m_state == Socket::DEAD) {
+            EXPECT_FALSE(closeSocket(*m_socket, false));
+        }
+        EXPECT_TRUE(succeeded(*m_socket, m_state));
+        EXPECT_EQ(m_state == Socket::OPEN && m_own.transport == Transport::PATH, isSocketFile(m_own.name));
+    }
+
+    Kind const m_kind = std::get<0>(GetParam());
+    Socket::State const m_state = std::get<1>(GetParam());
+    Listener const m_listener{m_kind.transport};
+    Place const m_own{m_kind.transport};
+    SocketPtr m_socket =
+        m_kind.is_server ? makeServer(m_own) : m_listener.makeClient({true, 0, 0, m_own.name});
+    int const m_fd = m_socket->getSocketFd();
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    kinds, StreamSocketState,
+    testing::Combine(testing::ValuesIn(KINDS), testing::Values(Socket::INACTIVE, Socket::OPEN, Socket::DEAD)),
+    byName);
+
+TEST_P(StreamSocketState, canBeClosedOnce) {
+    Fault const shutdowns(inject_shutdown, 0);
+    if (m_state != Socket::DEAD) {
+        EXPECT_TRUE(closes(*m_socket, false));
+        EXPECT_FALSE(isOpen(m_fd));
+    }
+    Fault const closes(inject_close, 0);
+    EXPECT_TRUE(closeSocket(*m_socket, true));
+    EXPECT_TRUE(failed(*m_socket, Socket::DEAD, {misuse("called close on already DEAD socket")}));
+    EXPECT_EQ(0, closes.getCalls() + shutdowns.getCalls());
+}
+
+TEST_P(StreamSocketState, allowsAShutdownUnlessDead) {
+    bool const is_dead = m_state == Socket::DEAD;
+    EXPECT_EQ(is_dead, closeSocket(*m_socket, true));
+    EXPECT_TRUE(
+        is_dead ? failed(*m_socket, Socket::DEAD, {misuse("called close on already DEAD socket")})
+                : succeeded(*m_socket, Socket::DEAD));
+}
+
+TEST_P(StreamSocketState, allowsOptionsUnlessDead) {
+    bool const is_dead = m_state == Socket::DEAD;
+    bool (*const calls[])(Socket&) = {
+        [](Socket& socket) { return socket.checkValidSocket(); },
+        [](Socket& socket) { return socket.setSendBuffer(65536); },
+        [](Socket& socket) { return socket.setRecvBuffer(65536); },
+        [](Socket& socket) { return socket.getSendBuffer() == 0; },
+        [](Socket& socket) { return socket.getRecvBuffer() == 0; },
+    };
+    for (auto const call : calls) {
+        EXPECT_EQ(is_dead, call(*m_socket));
+        EXPECT_EQ(is_dead, m_socket->hadError());
+        EXPECT_TRUE(is_dead ? chainIs({Socket::ErrorId::INVALID_SOCKET}) : chainIs({}));
+        EXPECT_TRUE(hasState(*m_socket, m_state));
+    }
+}
+
+TEST_P(StreamSocketState, decidesWhatTheDestructorReports) {
+    WithoutClosing const without_closing;
+    EventRecorder const events;
+    Fault const closes(inject_close, 0);
+    Fault const shutdowns(inject_shutdown, 0);
+    m_socket.reset();
+    EXPECT_EQ(
+        m_state == Socket::OPEN ? getAssertion(m_kind, "this->getState() != OPEN") : "", events.getText());
+    EXPECT_EQ(m_state == Socket::DEAD ? 0 : 1, closes.getCalls()) << "it is closed all the same";
+    EXPECT_EQ(0, shutdowns.getCalls());
+    EXPECT_FALSE(isOpen(m_fd));
+    EXPECT_FALSE(isSocketFile(m_own.name));
+    EXPECT_TRUE(chainIs({}));
+}
+
+class StreamSocketNotOpen : public StreamSocketState {};
+
+INSTANTIATE_TEST_SUITE_P(
+    clients, StreamSocketNotOpen,
+    testing::Combine(testing::ValuesIn(CLIENTS), testing::Values(Socket::INACTIVE, Socket::DEAD)), byName);
+
+TEST_P(StreamSocketNotOpen, refusesToReadAndToWrite) {
+    EXPECT_EQ(FAILED, readByte(*m_socket));
+    EXPECT_TRUE(
+        failed(*m_socket, m_state, {misuse("called read on non-OPEN socket"), StreamErrorId::UNUSABLE}));
+    EXPECT_EQ(FAILED, write(*m_socket, "x"));
+    EXPECT_TRUE(
+        failed(*m_socket, m_state, {misuse("called write on non-OPEN socket"), StreamErrorId::UNUSABLE}));
+    EXPECT_FALSE(m_socket->flush(false)) << "the buffer is empty";
+    EXPECT_TRUE(succeeded(*m_socket, m_state));
+}
+
+class StreamServerSocketState : public StreamSocketState {
+protected:
+    testing::AssertionResult refuses(std::string const& operation) {
+        return failed(*m_socket, m_state, {misuse(operation + " is invalid"), StreamErrorId::NOT_SUPPORTED});
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    servers, StreamServerSocketState,
+    testing::Combine(
+        testing::ValuesIn(SERVERS), testing::Values(Socket::INACTIVE, Socket::OPEN, Socket::DEAD)),
+    byName);
+
+TEST_P(StreamServerSocketState, refusesToRead) {
+    char byte = 'x';
+    for (unsigned int const size : {1U, 0U}) {
+        unsigned int count = 12345;
+        EXPECT_EQ(-1, m_socket->read(size != 0 ? &byte : nullptr, size, count));
+        EXPECT_TRUE(refuses("read operation on server socket"));
+        EXPECT_EQ('x', byte);
+    }
+}
+
+TEST_P(StreamServerSocketState, refusesToWrite) {
+    for (unsigned int const size : {1U, 0U}) {
+        unsigned int count = 12345;
+        EXPECT_EQ(-1, m_socket->write(size != 0 ? "x" : nullptr, size, count));
+        EXPECT_TRUE(refuses("write operation on server socket"));
+    }
+}
+
+TEST_P(StreamServerSocketState, refusesToFlush) {
+    EXPECT_TRUE(m_socket->flush(false));
+    EXPECT_TRUE(refuses("flush operation on socket"));
+}
+
+class StreamSocketClass : public testing::TestWithParam<Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(classes, StreamSocketClass, testing::ValuesIn(CLASSES), byName);
+
+TEST_P(StreamSocketClass, withoutADescriptorFailsToStartAndToClose) {
+    EventRecorder const events;
+    Fault const fault(inject_socket, EACCES);
+    SocketPtr const socket = make(GetParam());
+    std::ErrorStorage::ack();
+    if (GetParam().is_server) {
+        enableListen(*socket);
+    } else {
+        EXPECT_TRUE(connectSocket(*socket));
+    }
+    EXPECT_TRUE(socket->hadError());
+    std::string const text = rowText(CommonErrorId::INVALID_ARGUMENT, "p_socket_fd is invalid");
+    EXPECT_TRUE(chainIs({{CommonErrorId::INVALID_ARGUMENT, text}}));
+    EXPECT_TRUE(isUnusable(*socket, GetParam().is_server ? Socket::DEAD : Socket::INACTIVE));
+    // A Unix client without a name of its own does not bind.
+    bool const binds = GetParam().is_server || isTcp(GetParam().transport);
+    EXPECT_EQ(
+        std::string("ASSERT framework/src/vesk/posix/SocketPosixCommon ") +
+            (binds ? "bindSocket" : "connectSocket") + ": p_socket_fd != INVALID_SOCKET_FD",
+        events.getText());
+    if (!GetParam().is_server) {
+        EXPECT_TRUE(closeSocket(*socket, false));
+        EXPECT_TRUE(failed(*socket, Socket::DEAD, {}));
+    }
+}
+
+TEST_P(StreamSocketClass, repeatsTheCloseWhileSignalsInterruptIt) {
+    SocketPtr const socket = make(GetParam());
+    int const fd = socket->getSocketFd();
+    Fault const fault(inject_close, EINTR, 1, 4);
+    EXPECT_TRUE(closes(*socket, false));
+    EXPECT_EQ(5, fault.getCalls());
+    EXPECT_FALSE(isOpen(fd));
+}
+
+TEST_P(StreamSocketClass, failsToCloseAClosedDescriptorWithoutAReport) {
+    SocketPtr const socket = make(GetParam());
+    close(socket->getSocketFd());
+    EXPECT_TRUE(closeSocket(*socket, false));
+    EXPECT_TRUE(failed(*socket, Socket::DEAD, {}));
+}
+
+TEST_P(StreamSocketClass, thatTheDestructorCannotCloseIsABrokenInvariant) {
+    WithoutClosing const without_closing;
+    EventRecorder const events;
+    SocketPtr socket = make(GetParam());
+    int const fd = socket->getSocketFd();
+    Fault const fault(inject_close, EIO);
+    socket.reset();
+    EXPECT_EQ(1, fault.getCalls());
+    EXPECT_EQ(getAssertion(GetParam(), "!has_error: error closing socket"), events.getText());
+    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EIO));
+    closeForReal(fd);
+}
+
+VESK_ROW_SUITE(StreamSocketCloseRows, CLASSES, CLOSE_ROWS);
+
+TEST_P(StreamSocketCloseRows, failureIsReportedAndTheSocketIsDead) {
+    Listener const listener(m_kind.transport);
+    Place const own(m_kind.transport);
+    SocketPtr const socket = m_kind.is_server ? makeServer(own) : listener.makeClient({true, 0, 0, own.name});
+    start(m_kind, *socket);
+    int const fd = socket->getSocketFd();
+    Fault const fault(inject_close, m_row.error);
+    EXPECT_TRUE(closeSocket(*socket, true));
+    EXPECT_EQ(1, fault.getCalls());
+    EXPECT_TRUE(failed(*socket, Socket::DEAD, {m_row}));
+    EXPECT_FALSE(isSocketFile(own.name)) << "the file is removed all the same";
+    closeForReal(fd);
+}
+
+// ---- Connecting ----
+
+class StreamSocket : public testing::TestWithParam<Transport> {};
+
+INSTANTIATE_TEST_SUITE_P(transports, StreamSocket, testing::ValuesIn(TRANSPORTS), byName);
+
+TEST_P(StreamSocket, withoutMemoryForABufferIsInvalidAndHasNoDescriptor) {
+    Fault const sockets(inject_socket, 0);
+    for (unsigned int const read_buffer : {0U, 64U}) {
+        NewFault const fault(New::NOTHROW_ARRAY);
+        SocketPtr const socket = makeClient(Place(GetParam()), {true, read_buffer, 64 - read_buffer});
+        EXPECT_TRUE(chainIs({CommonErrorId::OUT_OF_MEMORY}));
+        EXPECT_TRUE(isUnusable(*socket));
+    }
+    EXPECT_EQ(0, sockets.getCalls());
+}
+
+TEST_P(StreamSocket, connectsOnceAndCallsItsHookOnce) {
+    Connection const connection(GetParam());
+    int const hooks = isTcp(GetParam()) ? 1 : 0;
+    EXPECT_EQ(hooks, countHookCalls(*connection.client));
+    EXPECT_EQ(0, countHookCalls(*connection.server)) << "an adopted socket was not connected by itself";
+    Fault const calls(inject_connect, 0);
+    for (Socket* const socket : {connection.client.get(), connection.server.get()}) {
+        EXPECT_FALSE(connectSocket(*socket));
+        EXPECT_TRUE(failed(*socket, Socket::OPEN, {misuse("connect called in state != INACTIVE")}));
+    }
+    EXPECT_TRUE(transfers(*connection.client, *connection.server, "still connected"));
+    EXPECT_FALSE(closeSocket(*connection.client, false));
+    EXPECT_FALSE(connectSocket(*connection.client));
+    EXPECT_TRUE(failed(*connection.client, Socket::DEAD, {misuse("connect called in state != INACTIVE")}));
+    EXPECT_EQ(hooks, countHookCalls(*connection.client));
+    EXPECT_EQ(0, calls.getCalls());
+}
+
+TEST_P(StreamSocket, thatWasRefusedMayTryAgain) {
+    Place place(GetParam());
+    PlainServer const peer(place);
+    SocketPtr const client = makeClient(place);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(failsToConnect(*client, {Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED}));
+    }
+    peer.listen();
+    EXPECT_TRUE(connects(*client));
+}
+
+VESK_ROW_SUITE(StreamSocketBindRows, CLIENTS, BIND_ROWS);
+INSTANTIATE_TEST_SUITE_P(
+    rowThatTcpClientsIgnore, StreamSocketBindRows,
+    testing::Values(std::make_tuple(UNIX_CLIENT, ErrorRow(SysErrorId::SPOILED_INTEGRITY, EINVAL))), byName);
+
+TEST_P(StreamSocketBindRows, failureLeavesTheSocketInactiveAndNotBound) {
+    Listener const listener(m_transport);
+    SocketPtr const client = listener.makeClient({true, 0, 0, m_place.name});
+    int const descriptors = countDescriptors();
+    Fault const fault(inject_bind, m_row.error);
+    Fault const connects(inject_connect, 0);
+    EXPECT_TRUE(failsToConnect(*client, m_row));
+    EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
+    EXPECT_EQ(0, connects.getCalls());
+    EXPECT_EQ(descriptors, countDescriptors());
+    SocketPtr const other = listener.makeClient({true, 0, 0, m_place.name});
+    EXPECT_FALSE(connectSocket(*other)) << "the name is still free";
+    Fault const removals(inject_unlink, 0);
+    EXPECT_FALSE(closeSocket(*client, false));
+    EXPECT_EQ(0, removals.getCalls()) << "the file of that name belongs to another socket";
+}
+
+VESK_ROW_SUITE(StreamSocketConnectRows, CLIENTS, CONNECT_ROWS);
+
+TEST_P(StreamSocketConnectRows, failureLeavesTheSocketInactive) {
+    Listener const listener(m_transport);
+    SocketPtr const client = listener.makeClient({true, 0, 0, m_place.name});
+    int const descriptors = countDescriptors();
+    Fault const fault(inject_connect, m_row.error);
+    Fault const names(inject_getpeername, 0);
+    EXPECT_TRUE(failsToConnect(*client, m_row));
+    EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
+    EXPECT_EQ(0, names.getCalls());
+    EXPECT_EQ(0, countHookCalls(*client));
+    EXPECT_EQ(descriptors, countDescriptors());
+    if (isTcp(m_transport)) {
+        EXPECT_TRUE(connects(*client)) << "it may try again";
+        EXPECT_EQ(1, countHookCalls(*client));
+        return;
+    }
+    EXPECT_TRUE(dynamic_cast<UnixClient&>(*client).m_bound);
+    EXPECT_TRUE(isSocketFile(m_place.name));
+    EXPECT_FALSE(closeSocket(*client, false));
+    EXPECT_FALSE(isSocketFile(m_place.name));
+}
+
+/// Not reported.
+ErrorRows const UNDER_WAY_ROWS = {{SysErrorId::UNCLASSIFIED, {EALREADY, EINPROGRESS}}};
+VESK_ROW_SUITE(StreamSocketUnderWayRows, CLIENTS, UNDER_WAY_ROWS);
+
+TEST_P(StreamSocketUnderWayRows, makeTheSocketOpenWithoutAnError) {
+    Listener const listener(m_transport);
+    SocketPtr const client = listener.makeClient();
+    Fault const fault(inject_connect, m_row.error);
+    EXPECT_TRUE(connects(*client, true));
+    EXPECT_EQ(1, fault.getCalls());
+    EXPECT_EQ(0, countHookCalls(*client)) << "there is no connection yet";
+    if (m_transport == Transport::PATH) {
+        EXPECT_EQ(listener.getPlace().name, dynamic_cast<UnixSocket&>(*client).getPeerPath());
+    }
+    EXPECT_FALSE(connectSocket(*client));
+    EXPECT_TRUE(failed(*client, Socket::OPEN, {misuse("connect called in state != INACTIVE")}));
+    EXPECT_EQ(1, fault.getCalls());
+}
+
+TEST_P(StreamSocket, repeatsTheConnectWhileSignalsInterruptIt) {
+    Listener const listener(GetParam());
+    SocketPtr const client = listener.makeClient();
+    Fault const fault(inject_connect, EINTR, 1, 5);
+    EXPECT_TRUE(connects(*client));
+    EXPECT_EQ(6, fault.getCalls());
+}
+
+// ---- Closing a connection ----
+
+TEST_P(StreamSocket, closedWithoutAShutdownLeavesTheConnectionToOtherDescriptors) {
+    Connection const connection(GetParam());
+    int const other = dup(connection.client->getSocketFd());
+    EXPECT_FALSE(closeSocket(*connection.client, false));
+    EXPECT_EQ(5, send(other, "still", 5, MSG_NOSIGNAL));
+    EXPECT_EQ("still", readFrom(*connection.server, 5));
+    EXPECT_FALSE(isReady(connection.server->getSocketFd(), POLLIN));
+    close(other);
+    EXPECT_TRUE(isAtEnd(*connection.server));
+}
+
+TEST_P(StreamSocket, closedWithAShutdownEndsTheConnectionForOtherDescriptors) {
+    Connection const connection(GetParam());
+    int const other = dup(connection.client->getSocketFd());
+    EXPECT_FALSE(closeSocket(*connection.client, true));
+    EXPECT_EQ(SHUT_RDWR, s_calls.how);
+    EXPECT_TRUE(isAtEnd(*connection.server));
+    EXPECT_EQ(-1, send(other, "still", 5, MSG_NOSIGNAL));
+    close(other);
+}
+
+VESK_ROW_SUITE(StreamSocketShutdownRows, CLIENTS, SHUTDOWN_ROWS);
+
+TEST_P(StreamSocketShutdownRows, failureDoesNotStopTheClose) {
+    Connection const connection(m_transport);
+    int const descriptors = countDescriptors();
+    Fault const fault(inject_shutdown, m_row.error);
+    EXPECT_FALSE(closeSocket(*connection.client, true));
+    EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
+    EXPECT_FALSE(std::ErrorStorage::isError(false)) << "the failure is acknowledged";
+    std::string const reasons = tarn_error.getReasonList();
+    EXPECT_NE(std::string::npos, reasons.find(*ExpectedReport(m_row).text)) << reasons;
+    EXPECT_TRUE(succeeded(*connection.client, Socket::DEAD));
+    EXPECT_EQ(descriptors - 1, countDescriptors());
+    EXPECT_TRUE(isAtEnd(*connection.server));
+}
+
+// ---- Traffic ----
+
+TEST_P(StreamSocket, carriesBytesBothWays) {
+    for (unsigned int const buffers : {0U, 16U, 512U}) {
+        Connection const connection(GetParam(), {true, buffers, buffers});
+        EXPECT_TRUE(transfers(*connection.client, *connection.server, "question, and a long one"));
+        EXPECT_TRUE(transfers(*connection.server, *connection.client, "answer"));
+        EXPECT_TRUE(succeeded(*connection.client, Socket::OPEN));
+    }
+}
+
+TEST_P(StreamSocket, withAWriteBufferSendsOnlyWhatIsFlushed) {
+    Connection const connection(GetParam(), {true, 0, 64});
+    EXPECT_FALSE(connection.client->isInputBuffered());
+    writeTo(*connection.client, "one ");
+    writeTo(*connection.client, "piece");
+    EXPECT_FALSE(isReady(connection.server->getSocketFd(), POLLIN)) << "nothing is sent yet";
+    EXPECT_FALSE(connection.client->flush(false));
+    EXPECT_EQ("one piece", readFrom(*connection.server, 9));
+}
+
+TEST_P(StreamSocket, withAReadBufferReadsAhead) {
+    Connection const connection(GetParam(), {true, 64, 0});
+    EXPECT_FALSE(connection.client->isOutputBuffered());
+    writeTo(*connection.server, "0123456789");
+    EXPECT_EQ("012", readFrom(*connection.client, 3));
+    EXPECT_FALSE(isReady(connection.client->getSocketFd(), POLLIN)) << "the rest is in the buffer";
+    EXPECT_EQ("3456789", readFrom(*connection.client, 7));
+}
+
+TEST_P(StreamSocket, waitsForData) {
+    Connection const connection(GetParam());
+    std::thread reader = startUntilAsleep([&] {
+        char block[8];
+        unsigned int count = 0;
+        EXPECT_EQ(1, connection.server->read(block, sizeof block, count));
+        EXPECT_EQ("late", std::string(block, count));
+    });
+    writeTo(*connection.client, "late");
+    reader.join();
+}
+
+TEST_P(StreamSocket, thatDoesNotBlockReadsNothingWhereNothingHasArrived) {
+    Connection const connection(GetParam(), {false});
+    EXPECT_EQ(NOTHING, readByte(*connection.client));
+    EXPECT_TRUE(succeeded(*connection.client, Socket::OPEN));
+}
+
+/// Returns bytes that depend on their position.
+std::string makePattern(size_t size) {
+    std::string pattern(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        pattern[i] = static_cast<char>(i * 31 + (i >> 8) * 7);
+    }
+    return pattern;
+}
+
+TEST_P(StreamSocket, thatDoesNotBlockWritesNothingUntilThePeerReads) {
+    Listener const listener(GetParam());
+    EXPECT_FALSE(listener->setRecvBuffer(8192));
+    SocketPtr const client = listener.makeClient({false});
+    EXPECT_FALSE(client->setSendBuffer(8192));
+    EXPECT_EQ(isTcp(GetParam()), connectSocket(*client));
+    ASSERT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
+    SocketPtr const server = listener.accept();
+    std::string const pattern = makePattern(1U << 20);
+    std::string received;
+    size_t sent = 0;
+    int refusals = 0;
+    while (sent < pattern.size() && !HasFailure()) {
+        auto const [result, count] = write(*client, pattern.substr(sent, 65536));
+        ASSERT_EQ(1, result);
+        ASSERT_TRUE(succeeded(*client, Socket::OPEN));
+        sent += count;
+        if (count == 0) {
+            ++refusals;
+            received += readFrom(*server, sent - received.size());
+            ASSERT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
+        }
+    }
+    received += readFrom(*server, sent - received.size());
+    EXPECT_GT(refusals, 0);
+    EXPECT_TRUE(pattern == received);
+}
+
+TEST_P(StreamSocket, carriesMegabytesBothWaysInBlocksOfAnySize) {
+    std::string const pattern = makePattern(4U << 20);
+    auto const send_all = [&](Socket& socket) {
+        size_t size = 1;
+        for (size_t at = 0; at < pattern.size(); at += size) {
+            size = size * 3 % 50021;
+            writeTo(socket, pattern.substr(at, size));
+        }
+        EXPECT_FALSE(socket.flush(false));
+    };
+    for (unsigned int const buffers : {0U, 100U, 1000U}) {
+        Connection const connection(GetParam(), {true, buffers, buffers});
+        std::thread echo([&] {
+            EXPECT_TRUE(pattern == readFrom(*connection.server, pattern.size()));
+            send_all(*connection.server);
+        });
+        send_all(*connection.client);
+        EXPECT_TRUE(pattern == readFrom(*connection.client, pattern.size()));
+        echo.join();
+        EXPECT_FALSE(closeSocket(*connection.client, false));
+        EXPECT_TRUE(isAtEnd(*connection.server));
+    }
+}
+
+TEST_P(StreamSocket, staysOpenWhenThePeerCloses) {
+    Connection const connection(GetParam());
+    writeTo(*connection.client, "bye");
+    EXPECT_FALSE(closeSocket(*connection.client, true));
+    EXPECT_EQ("bye", readFrom(*connection.server, 3));
+    EXPECT_TRUE(isAtEnd(*connection.server));
+    EXPECT_TRUE(hasState(*connection.server, Socket::OPEN));
+    EXPECT_TRUE(isAtEnd(*connection.server)) << "each further read reports it";
+}
+
+TEST_P(StreamSocket, canWriteAfterThePeerHasEndedItsHalf) {
+    Connection const connection(GetParam());
+    writeTo(*connection.server, "bye");
+    ASSERT_EQ(0, shutdown(connection.server->getSocketFd(), SHUT_WR));
+    EXPECT_EQ("bye", readFrom(*connection.client, 3));
+    EXPECT_TRUE(isAtEnd(*connection.client));
+    EXPECT_TRUE(isAtEnd(*connection.client)) << "each further read reports it";
+    EXPECT_TRUE(hasState(*connection.client, Socket::OPEN));
+    EXPECT_TRUE(transfers(*connection.client, *connection.server, "answer"));
+}
+
+TEST_P(StreamSocket, canBeSelected) {
+    Connection const connection(GetParam());
+    writeTo(*connection.client, "x");
+    std::set<Socket const*> read = {connection.client.get(), connection.server.get()};
+    std::set<Socket const*> none;
+    EXPECT_EQ(1, Socket::selectSockets(read, none, none, 60000, true));
+    EXPECT_EQ(std::set<Socket const*>{connection.server.get()}, read);
+    EXPECT_EQ("x", readFrom(*connection.server, 1));
+}
+
+// ---- Servers ----
+
+class StreamServerSocket : public testing::TestWithParam<Transport> {};
+
+INSTANTIATE_TEST_SUITE_P(transports, StreamServerSocket, testing::ValuesIn(TRANSPORTS), byName);
+
+TEST_P(StreamServerSocket, listensOnlyOnce) {
+    Place const place(GetParam());
+    SocketPtr const server = makeServer(place);
+    enableListen(*server);
+    EXPECT_TRUE(succeeded(*server, Socket::OPEN));
+    EXPECT_EQ(1, getOption(server->getSocketFd(), SOL_SOCKET, SO_ACCEPTCONN));
+    EXPECT_EQ(GetParam() == Transport::PATH, isSocketFile(place.name));
+    Fault const binds(inject_bind, 0);
+    enableListen(*server);
+    EXPECT_TRUE(failed(*server, Socket::OPEN, {misuse("enableListen() called in state != INACTIVE")}));
+    EXPECT_EQ(1, getOption(server->getSocketFd(), SOL_SOCKET, SO_ACCEPTCONN)) << "it still listens";
+    EXPECT_FALSE(closeSocket(*server, false));
+    EXPECT_FALSE(isSocketFile(place.name));
+    enableListen(*server);
+    EXPECT_TRUE(failed(*server, Socket::DEAD, {misuse("enableListen() called in state != INACTIVE")}));
+    EXPECT_EQ(0, binds.getCalls());
+}
+
+/// Checks that a failure to listen closes the server and stays reported, also if closing fails.
+void expectFailureToClose(Transport transport, Injected& call, ErrorRow const& row, int removed_files) {
+    for (bool const close_fails : {false, true}) {
+        Place const place(transport);
+        SocketPtr const server = makeServer(place);
+        int const fd = server->getSocketFd();
+        Fault const fault(call, row.error);
+        Fault const closes(inject_close, close_fails ? EIO : 0);
+        Fault const removals(inject_unlink, close_fails ? EBUSY : 0);
+        EXPECT_TRUE(failsToListen(*server, row));
+        EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
+        EXPECT_EQ(1, closes.getCalls());
+        EXPECT_EQ(removed_files, removals.getCalls());
+        EXPECT_EQ(close_fails, isOpen(fd));
+        EXPECT_EQ(close_fails && removed_files != 0, isSocketFile(place.name));
+        if (close_fails) {
+            closeForReal(fd);
+            unlink(place.name.c_str());
+        }
+    }
+}
+
+VESK_ROW_SUITE(StreamServerSocketBindRows, SERVERS, BIND_ROWS);
+INSTANTIATE_TEST_SUITE_P(
+    rowThatTcpClientsIgnore, StreamServerSocketBindRows,
+    testing::Combine(
+        testing::ValuesIn(SERVERS), testing::Values(ErrorRow(SysErrorId::SPOILED_INTEGRITY, EINVAL))),
+    byName);
+
+TEST_P(StreamServerSocketBindRows, failureClosesTheServerAndRemovesNoFile) {
+    Fault const listens(inject_listen, 0);
+    expectFailureToClose(m_transport, inject_bind, m_row, 0);
+    EXPECT_EQ(0, listens.getCalls());
+}
+
+VESK_ROW_SUITE(StreamServerSocketListenRows, SERVERS, LISTEN_ROWS);
+
+TEST_P(StreamServerSocketListenRows, failureClosesTheServerAndRemovesItsFile) {
+    expectFailureToClose(m_transport, inject_listen, m_row, isTcp(m_transport) ? 0 : 1);
+}
+
+TEST_P(StreamServerSocket, cannotListenWhereAnotherListens) {
+    Listener const first(GetParam());
+    WithoutClosing const without_closing;
+    EventRecorder const events;
+    {
+        SocketPtr const second = makeServer(first.getPlace());
+        EXPECT_TRUE(failsToListen(*second, {Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE}));
+    }
+    EXPECT_EQ("", events.getText()) << "the destructor reports nothing";
+    EXPECT_EQ(GetParam() == Transport::PATH, isSocketFile(first.getPlace().name));
+    EXPECT_FALSE(closeSocket(*first, false));
+}
+
+TEST_P(StreamServerSocket, passesEveryBacklogToTheSystem) {
+    for (unsigned int const backlog : {0U, 1U, 100U, 1U << 16, 0x7fffffffU, 0xffffffffU}) {
+        Waiting const waiting(GetParam(), {}, true, backlog);
+        EXPECT_EQ(backlog, static_cast<unsigned int>(s_calls.backlog));
+    }
+}
+
+TEST_P(StreamServerSocket, withAHugeBacklogAcceptsManyConnectionsInTheirOrder) {
+    Listener const listener(GetParam(), true, 0xffffffffU);
+    std::vector<SocketPtr> clients(100);
+    for (SocketPtr& client : clients) {
+        client = listener.makeClient();
+        ASSERT_FALSE(connectSocket(*client));
+    }
+    for (SocketPtr const& client : clients) {
+        SocketPtr const accepted = listener.accept();
+        EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
+        EXPECT_TRUE(transfers(*client, *accepted, std::to_string(client->getSocketFd())));
+    }
+}
+
+TEST_P(StreamServerSocket, acceptsWithRoomForAWholeAddressAndForExecToClose) {
+    Waiting const waiting(GetParam());
+    EXPECT_TRUE(waiting.listener.accept()->isValid());
+    socklen_t const sizes[] = {sizeof(sockaddr_in), sizeof(sockaddr_in6), 110, 110};
+    EXPECT_EQ(sizes[static_cast<int>(GetParam())], s_calls.accept_room);
+    EXPECT_EQ(SOCK_CLOEXEC, s_calls.accept_flags);
+}
+
+TEST_P(StreamServerSocket, waitsForAConnection) {
+    Listener const listener(GetParam());
+    std::thread thread = startUntilAsleep([&] { EXPECT_TRUE(listener.accept()->isValid()); });
+    SocketPtr const client = listener.makeClient();
+    EXPECT_FALSE(connectSocket(*client));
+    thread.join();
+    EXPECT_FALSE(listener->hadError());
+}
+
+TEST_P(StreamServerSocket, thatDoesNotBlockAcceptsNothingWhereNoConnectionWaits) {
+    Listener const listener(GetParam(), false);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(acceptsNothing(*listener));
+        EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
+    }
+    SocketPtr const client = listener.makeClient();
+    EXPECT_FALSE(connectSocket(*client));
+    ASSERT_TRUE(awaitEvents(listener->getSocketFd(), POLLIN));
+    EXPECT_TRUE(listener.accept()->isValid());
+    EXPECT_TRUE(acceptsNothing(*listener));
+    EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
+}
+
+TEST_P(StreamServerSocket, acceptsOnlyWhileItIsOpen) {
+    SocketPtr const server = makeServer(Place(GetParam()));
+    Fault const calls(inject_accept4, 0);
+    for (Socket::State const state : {Socket::INACTIVE, Socket::DEAD}) {
+        EXPECT_TRUE(acceptsNothing(*server));
+        EXPECT_TRUE(failed(*server, state, {misuse("acceptConnection() called in state != OPEN")}));
+        if (state == Socket::INACTIVE) {
+            EXPECT_FALSE(closeSocket(*server, false));
+        }
+    }
+    EXPECT_EQ(0, calls.getCalls());
+}
+
+VESK_ROW_SUITE(StreamServerSocketAcceptRows, SERVERS, ACCEPT_ROWS);
+
+TEST_P(StreamServerSocketAcceptRows, failureAcceptsNothingAndKeepsTheServerOpen) {
+    Waiting const waiting(m_transport);
+    Listener const& listener = waiting.listener;
+    int const descriptors = countDescriptors();
+    Fault const fault(inject_accept4, m_row.error);
+    EXPECT_TRUE(acceptsNothing(*listener));
+    EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
+    EXPECT_TRUE(failed(*listener, Socket::OPEN, {m_row}));
+    EXPECT_EQ(descriptors, countDescriptors());
+    EXPECT_TRUE(listener.accept()->isValid());
+    EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
+}
+
+TEST_P(StreamServerSocket, repeatsTheAcceptWhileSignalsInterruptIt) {
+    Waiting const waiting(GetParam());
+    Fault const fault(inject_accept4, EINTR, 1, 4);
+    EXPECT_TRUE(waiting.listener.accept()->isValid());
+    EXPECT_EQ(5, fault.getCalls());
+    EXPECT_TRUE(succeeded(*waiting.listener, Socket::OPEN));
+}
+
+TEST_P(StreamServerSocket, withoutDescriptorsLeftAcceptsLater) {
+    expectInChild([] {
+        Waiting const waiting(GetParam());
+        Socket& server = *waiting.listener;
+        writeTo(*waiting.client, "patience");
+        int const descriptors = countDescriptors();
+        rlimit limit{};
+        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+        rlimit const none{3, limit.rlim_max};
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+        // Without a descriptor, a failed expectation may not be able to show itself.
+        bool failed_each_time = true;
+        for (int i = 0; i < 5; ++i) {
+            failed_each_time &= acceptsNothing(server) && server.hadError() &&
+                causeIs(SysErrorId::RESOURCES_EXHAUSTED, EMFILE);
+        }
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+        EXPECT_TRUE(failed_each_time);
+        EXPECT_EQ(descriptors, countDescriptors());
+        SocketPtr const accepted = waiting.listener.accept();
+        EXPECT_TRUE(succeeded(server, Socket::OPEN));
+        EXPECT_EQ("patience", readFrom(*accepted, 8)) << "the connection has waited";
+    });
+}
+
+TEST_P(StreamServerSocket, acceptsAConnectionThatThePeerHasClosed) {
+    Waiting waiting(GetParam());
+    writeTo(*waiting.client, "left");
+    waiting.client.reset();
+    SocketPtr const accepted = waiting.listener.accept();
+    EXPECT_TRUE(succeeded(*accepted, Socket::OPEN));
+    EXPECT_EQ("left", readFrom(*accepted, 4));
+    EXPECT_TRUE(isAtEnd(*accepted));
+    EXPECT_FALSE(closeSocket(*accepted, true));
+}
+
+TEST_P(StreamServerSocket, leavesItsConnectionsAloneWhenItCloses) {
+    Connection const connection(GetParam());
+    EXPECT_FALSE(closeSocket(*connection.listener, true));
+    EXPECT_TRUE(transfers(*connection.client, *connection.server, "still here"));
+}
+
+TEST_P(StreamServerSocket, resetsWaitingConnectionsWhenItCloses) {
+    Waiting const waiting(GetParam());
+    EXPECT_FALSE(closeSocket(*waiting.listener, false));
+    ASSERT_TRUE(awaitEvents(waiting.client->getSocketFd(), POLLIN));
+    EXPECT_TRUE(isReset(*waiting.client));
+}
+
+} // namespace
