@@ -1,5 +1,5 @@
-#include "support/Chain.h"
-#include "support/Child.h"
+#include "support/ErrorRow.h"
+#include "support/FailOnce.h"
 #include "support/Processes.h"
 #include "support/TempFolder.h"
 #include "support/calls/MapCalls.h"
@@ -7,14 +7,9 @@
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
 #include <vesk/MemMapping.h>
-#include <vesk/SysError.h>
 #include <vesk/Vesk.h>
 
-#include <gtest/gtest.h>
-
-#include <cstring>
 #include <fcntl.h>
-#include <ostream>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -22,21 +17,10 @@
 
 namespace {
 
-using std::CommonError;
 namespace CommonErrorId = std::CommonErrorId;
-using support::accessAt;
-using support::chainIs;
-using support::contentOf;
-using support::Fault;
-using support::MapCalls;
-using support::mappedBytes;
-using support::rowText;
-using support::systemText;
-using support::TempFolder;
+using namespace support;
 using vesk::MemMapping;
-using vesk::SysError;
 using vesk::Vesk;
-
 using MemAccessFlags = MemMapping::MemAccessFlags;
 
 static_assert(!std::is_polymorphic_v<MemMapping> && std::is_trivially_copyable_v<MemMapping>);
@@ -48,10 +32,6 @@ static_assert(MemMapping::READ == 1 && MemMapping::WRITE == 2 && MemMapping::EXE
 void* const ALL_ONES = reinterpret_cast<void*>(UINTPTR_MAX);
 constexpr auto READ_WRITE = MemMapping::READ | MemMapping::WRITE;
 constexpr bool HAS_LARGE_ADDRESS_SPACE = sizeof(void*) == 8;
-
-testing::AssertionResult failureIs(int error, int id) {
-    return chainIs({{SysError, id, rowText(SysError, id, systemText(error))}});
-}
 
 char* bytesOf(MemMapping const& mapping) {
     return static_cast<char*>(mapping.getAddress());
@@ -87,7 +67,7 @@ protected:
 
 // ---- the plain form ----
 
-TEST_F(MemMappingTest, showsTheBytesOfTheObjectAndTakesNewOnes) {
+TEST_F(MemMappingTest, showsAndChangesTheBytesOfTheObject) {
     MemMapping mapping(m_fd, READ_WRITE, 2 * m_page, 0, nullptr, false);
     ASSERT_TRUE(mapping.isValid());
     EXPECT_EQ('a', bytesOf(mapping)[0]);
@@ -98,7 +78,7 @@ TEST_F(MemMappingTest, showsTheBytesOfTheObjectAndTakesNewOnes) {
     EXPECT_EQ("aXa", contentOf(m_path).substr(0, 3));
 }
 
-TEST_F(MemMappingTest, tellsWhatItWasMadeOf) {
+TEST_F(MemMappingTest, returnsItsArguments) {
     MemMapping mapping(m_fd, MemMapping::READ, 100, m_page, nullptr, false);
     EXPECT_EQ(m_page, mapping.getOffset());
     EXPECT_EQ(100U, mapping.getSize());
@@ -118,7 +98,7 @@ TEST_F(MemMappingTest, isSeenByAnotherMappingAndByAnotherProcess) {
     EXPECT_NE(first.getAddress(), second.getAddress());
     bytesOf(first)[7] = '1';
     EXPECT_EQ('1', bytesOf(second)[7]);
-    support::Process child([&] { bytesOf(first)[7] = '2'; });
+    Process child([&] { bytesOf(first)[7] = '2'; });
     EXPECT_EQ(0, child.join());
     EXPECT_EQ('2', bytesOf(second)[7]);
     EXPECT_FALSE(first.destroy());
@@ -133,13 +113,13 @@ TEST_F(MemMappingTest, outlivesItsDescriptor) {
     EXPECT_FALSE(mapping.destroy());
 }
 
-TEST_F(MemMappingTest, copyIsAnotherNameOfTheSameMapping) {
+TEST_F(MemMappingTest, copyRefersToTheSameMapping) {
     MemMapping mapping(m_fd, MemMapping::READ, m_page);
     MemMapping const copy = mapping;
     EXPECT_EQ(mapping.getAddress(), copy.getAddress());
     EXPECT_EQ(m_page, mappedBytes(m_path));
     EXPECT_FALSE(mapping.destroy());
-    EXPECT_TRUE(copy.isValid()) << "it does not know";
+    EXPECT_TRUE(copy.isValid()) << "the copy is not notified";
     EXPECT_EQ("", accessAt(copy.getAddress()));
 }
 
@@ -159,7 +139,7 @@ TEST_P(MemMappingFlags, arePassedOnBitByBit) {
     MapCalls const calls;
     auto* const hint = reinterpret_cast<void*>(uintptr_t{0x10000000});
     MemMapping const mapping(77, MemAccessFlags(GetParam().word), 12345, 0x80001000, hint, false);
-    EXPECT_TRUE(failureIs(ENOMEM, 1));
+    EXPECT_TRUE(causeIs(SysErrorId::OUT_OF_MEMORY, ENOMEM));
     ASSERT_EQ(1U, calls.get().size());
     EXPECT_EQ(hint, calls.get()[0].address);
     EXPECT_EQ(12345U, calls.get()[0].length);
@@ -167,7 +147,7 @@ TEST_P(MemMappingFlags, arePassedOnBitByBit) {
     EXPECT_EQ(MAP_SHARED, calls.get()[0].flags);
     EXPECT_EQ(77, calls.get()[0].fd);
     EXPECT_EQ(static_cast<off_t>(0x80001000), calls.get()[0].offset);
-    EXPECT_EQ(GetParam().word, mapping.getFlags().getWord()) << "the word is kept as it came";
+    EXPECT_EQ(GetParam().word, mapping.getFlags().getWord()) << "the word is kept unchanged";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -178,57 +158,47 @@ INSTANTIATE_TEST_SUITE_P(
         FlagRow{7, PROT_READ | PROT_WRITE | PROT_EXEC}, FlagRow{0xFFFFFFF8, PROT_NONE},
         FlagRow{0xFFFFFFF9, PROT_READ}));
 
-TEST_F(MemMappingTest, withoutAnyFlagTheRangeIsTakenAndUntouchable) {
+TEST_F(MemMappingTest, withoutAnyFlagTheRangeIsReservedAndInaccessible) {
     MemMapping mapping(m_fd, MemAccessFlags(), m_page);
     ASSERT_TRUE(mapping.isValid());
     EXPECT_EQ("---s", accessAt(mapping.getAddress()));
     EXPECT_FALSE(mapping.destroy());
 }
 
-TEST_F(MemMappingTest, whatTheSystemRefusesFailsAsItSays) {
+TEST_F(MemMappingTest, refusalOfTheSystemIsReported) {
+    int const reader = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
     struct {
         char const* what;
         int fd;
         MemAccessFlags flags;
         unsigned int length;
         unsigned int offset;
-        int error;
-        int id;
+        ErrorRow report;
     } const rows[] = {
-        {"length 0", m_fd, MemMapping::READ, 0, 0, EINVAL, 8},
-        {"offset within a page", m_fd, MemMapping::READ, m_page, 1, EINVAL, 8},
-        {"closed", -1, MemMapping::READ, m_page, 0, EBADF, 10},
+        {"length 0", m_fd, MemMapping::READ, 0, 0, {EINVAL, SysErrorId::INVALID_PARAMETER}},
+        {"offset within a page", m_fd, MemMapping::READ, m_page, 1, {EINVAL, SysErrorId::INVALID_PARAMETER}},
+        {"closed", -1, MemMapping::READ, m_page, 0, {EBADF, SysErrorId::SPOILED_INTEGRITY}},
+        {"read-only", reader, MemMapping::WRITE, m_page, 0, {EACCES, SysErrorId::PERMISSION_DENIED}},
+        {"a pipe", ends[0], MemMapping::READ, m_page, 0, {ENODEV, SysErrorId::NOT_IMPLEMENTED}},
     };
     for (auto const& row : rows) {
         MemMapping const mapping(row.fd, row.flags, row.length, row.offset);
         EXPECT_FALSE(mapping.isValid()) << row.what;
         EXPECT_EQ(ALL_ONES, mapping.getAddress()) << row.what;
-        EXPECT_TRUE(failureIs(row.error, row.id)) << row.what;
+        EXPECT_TRUE(chainIs(reportsOf(row.report))) << row.what;
     }
-    int const reader = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
-    MemMapping const writes(reader, MemMapping::WRITE, m_page);
-    EXPECT_TRUE(failureIs(EACCES, 7));
-    EXPECT_EQ(ALL_ONES, writes.getAddress());
-    close(reader);
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
-    MemMapping const no_memory(ends[0], MemMapping::READ, m_page);
-    EXPECT_TRUE(failureIs(ENODEV, 6));
-    EXPECT_EQ(ALL_ONES, no_memory.getAddress());
-    close(ends[0]);
-    close(ends[1]);
+    for (int const fd : {reader, ends[0], ends[1]}) {
+        close(fd);
+    }
 }
 
 // ---- failures of mmap ----
 
 enum class Step { PLAIN, SECOND_HALF, FIRST_HALF };
 
-struct MapRow {
-    int error;
-    int id;
-};
-
-using MapCase = std::tuple<Step, MapRow>;
+using MapCase = std::tuple<Step, ErrorRow>;
 
 class MemMappingFailure : public MemMappingTest, public testing::WithParamInterface<MapCase> {
 public:
@@ -239,7 +209,7 @@ public:
     }
 };
 
-TEST_P(MemMappingFailure, isReportedAndLeavesAllOnes) {
+TEST_P(MemMappingFailure, isReportedAndGivesAnAddressOfAllOnes) {
     auto const [step, row] = GetParam();
     bool const ring = step != Step::PLAIN;
 #if defined(__arm__)
@@ -250,15 +220,15 @@ TEST_P(MemMappingFailure, isReportedAndLeavesAllOnes) {
     MapCalls const calls;
     Fault const fault(inject_mmap, row.error, static_cast<int>(step) + 1);
     MemMapping mapping(m_fd, READ_WRITE, m_page, 0, nullptr, ring);
-    EXPECT_TRUE(failureIs(row.error, row.id));
-    EXPECT_EQ(static_cast<int>(step) + 1, fault.getCalls()) << "nothing comes behind a failure";
+    EXPECT_TRUE(causeIs(row.id, row.error));
+    EXPECT_EQ(static_cast<int>(step) + 1, fault.getCalls()) << "no call follows a failure";
     EXPECT_EQ(ALL_ONES, mapping.getAddress());
     EXPECT_FALSE(mapping.isValid());
     EXPECT_EQ(ring ? 2 * m_page : m_page, mapping.getSize());
     EXPECT_FALSE(mapping.destroy());
     if (ring) {
         void* const base = calls.get()[0].result;
-        EXPECT_EQ("---p", accessAt(base)) << "the range stays taken";
+        EXPECT_EQ("---p", accessAt(base)) << "the range stays reserved";
         EXPECT_EQ(step == Step::SECOND_HALF ? "---p" : "rw-s", accessAt(static_cast<char*>(base) + m_page));
         EXPECT_EQ(0, munmap(base, size_t{2} * m_page));
     }
@@ -268,25 +238,29 @@ INSTANTIATE_TEST_SUITE_P(
     rows, MemMappingFailure,
     testing::Combine(
         testing::Values(Step::PLAIN, Step::SECOND_HALF, Step::FIRST_HALF),
-        testing::Values(
-            MapRow{ENXIO, 10}, MapRow{EBADF, 10}, MapRow{ENOTSUP, 10}, MapRow{EAGAIN, 1}, MapRow{ENOMEM, 1},
-            MapRow{EACCES, 7}, MapRow{ENODEV, 6}, MapRow{EINVAL, 8}, MapRow{EOVERFLOW, 8}, MapRow{EMFILE, 0},
-            MapRow{EPERM, 19}, MapRow{EINTR, 19}, MapRow{ENFILE, 19})),
+        testing::ValuesIn(rowsOf(
+            {{{ENXIO, EBADF, ENOTSUP}, SysErrorId::SPOILED_INTEGRITY},
+             {{EAGAIN, ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+             {{EACCES}, SysErrorId::PERMISSION_DENIED},
+             {{ENODEV}, SysErrorId::NOT_IMPLEMENTED},
+             {{EINVAL, EOVERFLOW}, SysErrorId::INVALID_PARAMETER},
+             {{EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+             {{EPERM, EINTR, ENFILE}, SysErrorId::UNCLASSIFIED}}))),
     MemMappingFailure::nameOf);
 
 class MemMappingReservation : public MemMappingTest, public testing::WithParamInterface<int> {};
 
-TEST_P(MemMappingReservation, failureIsAlwaysTheSameRow) {
+TEST_P(MemMappingReservation, failureIsAlwaysReportedAsNotImplemented) {
     Fault const fault(inject_mmap, GetParam());
     MemMapping mapping(m_fd, READ_WRITE, m_page, 0, nullptr, true);
-    EXPECT_TRUE(failureIs(GetParam(), 6));
+    EXPECT_TRUE(causeIs(SysErrorId::NOT_IMPLEMENTED, GetParam()));
     EXPECT_EQ(1, fault.getCalls());
     EXPECT_EQ(ALL_ONES, mapping.getAddress());
     EXPECT_FALSE(mapping.destroy());
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    errors, MemMappingReservation, testing::Values(ENOMEM, EAGAIN, EINVAL, EBADF, EPERM));
+    errors, MemMappingReservation, testing::Values(ENOMEM, EAGAIN, EINVAL, EBADF, EPERM), RowName());
 
 // ---- the ring buffer ----
 
@@ -344,7 +318,7 @@ TEST_F(MemMappingTest, ringReservesItsRangeAndMapsTheSecondHalfFirst) {
     EXPECT_FALSE(ring.destroy());
 }
 
-TEST_F(MemMappingTest, ringOfPartsOfPagesIsRefusedWithoutACall) {
+TEST_F(MemMappingTest, ringWithAPartOfAPageIsRefusedWithoutACall) {
     Fault const calls(inject_mmap, 0);
     for (unsigned int const length : {1U, m_page - 1, m_page + 1, 2 * m_page + m_page / 2, UINT32_MAX}) {
         MemMapping mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
@@ -361,27 +335,27 @@ TEST_F(MemMappingTest, ringOfPartsOfPagesIsRefusedWithoutACall) {
     EXPECT_EQ(0, calls.getCalls());
 }
 
-TEST_F(MemMappingTest, ringOfNothingHasNoRange) {
+TEST_F(MemMappingTest, ringOfLength0IsRefused) {
     MemMapping const mapping(m_fd, READ_WRITE, 0, 0, nullptr, true);
-    EXPECT_TRUE(failureIs(EINVAL, 6));
+    EXPECT_TRUE(causeIs(SysErrorId::NOT_IMPLEMENTED, EINVAL));
     EXPECT_EQ(ALL_ONES, mapping.getAddress());
 }
 
-TEST_F(MemMappingTest, ringWhoseSizeIsBeyond32BitsHasNoRange) {
+TEST_F(MemMappingTest, ringWithASizeBeyond32BitsIsRefusedWithoutACall) {
     Fault const calls(inject_mmap, 0);
     for (unsigned int const length : {0x80000000U, 0x80000000U + m_page, 0U - m_page}) {
         MemMapping const mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
-        EXPECT_TRUE(failureIs(ENOMEM, 6));
+        EXPECT_TRUE(causeIs(SysErrorId::NOT_IMPLEMENTED, ENOMEM));
         EXPECT_EQ(ALL_ONES, mapping.getAddress());
     }
-    EXPECT_EQ(0, calls.getCalls()) << "what it does not reserve it does not map over";
+    EXPECT_EQ(0, calls.getCalls()) << "a range that is not reserved is not mapped";
 }
 
-TEST_F(MemMappingTest, largestRingIsMappedAndTakenDownWhole) {
+TEST_F(MemMappingTest, largestRingIsMappedAndUnmappedWhole) {
     unsigned int const length = 0x80000000U - m_page;
     MemMapping ring(m_fd, READ_WRITE, length, 0, nullptr, true);
     if (!HAS_LARGE_ADDRESS_SPACE) {
-        EXPECT_TRUE(failureIs(ENOMEM, 6));
+        EXPECT_TRUE(causeIs(SysErrorId::NOT_IMPLEMENTED, ENOMEM));
         return;
     }
     ASSERT_TRUE(ring.isValid());
@@ -392,13 +366,13 @@ TEST_F(MemMappingTest, largestRingIsMappedAndTakenDownWhole) {
     EXPECT_EQ(0U, mappedBytes(m_path));
 }
 
-TEST_F(MemMappingTest, ringOverlapsNothingThatWasThere) {
-    auto const before = support::mappedRanges();
+TEST_F(MemMappingTest, ringOverlapsNoOtherMapping) {
+    auto const before = mappedRanges();
     ASSERT_LT(10U, before.size());
     MemMapping rings[] = {makeRing(m_page), makeRing(4 * m_page), makeRing(8 * m_page)};
     for (MemMapping& ring : rings) {
         auto const begin = reinterpret_cast<uintptr_t>(ring.getAddress());
-        for (support::Range const& range : before) {
+        for (Range const& range : before) {
             EXPECT_TRUE(begin + ring.getSize() <= range.begin || range.end <= begin) << range.path;
         }
         for (MemMapping const& other : rings) {
@@ -413,7 +387,7 @@ TEST_F(MemMappingTest, ringOverlapsNothingThatWasThere) {
     }
 }
 
-TEST_F(MemMappingTest, addressThatIsTakenIsNotMappedOver) {
+TEST_F(MemMappingTest, usedAddressIsNotMappedOver) {
     MemMapping there(m_fd, READ_WRITE, m_page);
     bytesOf(there)[0] = '!';
     MemMapping ring = makeRing(m_page, 4 * m_page, there.getAddress());
@@ -428,7 +402,7 @@ TEST_F(MemMappingTest, addressThatIsTakenIsNotMappedOver) {
     EXPECT_FALSE(there.destroy());
 }
 
-TEST_F(MemMappingTest, addressThatIsFreeIsTaken) {
+TEST_F(MemMappingTest, freeAddressIsUsed) {
     void* const free_range = mmap(nullptr, size_t{4} * m_page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_EQ(0, munmap(free_range, size_t{4} * m_page));
     MemMapping ring = makeRing(2 * m_page, 0, free_range);
@@ -445,7 +419,7 @@ TEST_F(MemMappingTest, destroyOfAFailedMappingDoesNothing) {
     EXPECT_FALSE(mapping.destroy());
     EXPECT_FALSE(mapping.destroy());
     EXPECT_EQ(0, calls.getCalls());
-    EXPECT_EQ(ALL_ONES, mapping.getAddress()) << "it is told apart from a destroyed one";
+    EXPECT_EQ(ALL_ONES, mapping.getAddress()) << "unlike that of a destroyed one";
 }
 
 TEST_F(MemMappingTest, secondDestroyUnmapsNothingAndFails) {
@@ -458,7 +432,7 @@ TEST_F(MemMappingTest, secondDestroyUnmapsNothingAndFails) {
         MapCalls const calls;
         for (int i = 0; i < 2; ++i) {
             EXPECT_TRUE(mapping.destroy());
-            EXPECT_TRUE(failureIs(EINVAL, 10));
+            EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EINVAL));
         }
         ASSERT_EQ(2U, calls.get().size());
         EXPECT_EQ(nullptr, calls.get()[0].address);
@@ -468,22 +442,18 @@ TEST_F(MemMappingTest, secondDestroyUnmapsNothingAndFails) {
 
 class MemMappingDestroy : public MemMappingTest, public testing::WithParamInterface<int> {};
 
-TEST_P(MemMappingDestroy, failureLeavesTheMappingAsItIs) {
+TEST_P(MemMappingDestroy, failureLeavesTheMappingUsable) {
     MemMapping mapping(m_fd, MemMapping::READ, m_page);
     void* const address = mapping.getAddress();
-    {
-        Fault const fault(inject_munmap, GetParam());
-        EXPECT_TRUE(mapping.destroy());
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_TRUE(failureIs(GetParam(), 10));
+    EXPECT_TRUE(failOnce(inject_munmap, GetParam(), [&] { return mapping.destroy(); }));
+    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, GetParam()));
     EXPECT_EQ(address, mapping.getAddress());
     EXPECT_EQ("r--s", accessAt(address));
     EXPECT_FALSE(mapping.destroy()) << "it can be tried again";
     EXPECT_EQ("", accessAt(address));
 }
 
-INSTANTIATE_TEST_SUITE_P(errors, MemMappingDestroy, testing::Values(EINVAL, ENOMEM, EINTR));
+INSTANTIATE_TEST_SUITE_P(errors, MemMappingDestroy, testing::Values(EINVAL, ENOMEM, EINTR), RowName());
 
 // ---- sync ----
 
@@ -494,7 +464,7 @@ TEST_F(MemMappingTest, syncTakesALengthAndThenAnOffset) {
     EXPECT_FALSE(mapping.sync(m_page, 3 * m_page));
     EXPECT_FALSE(mapping.sync(1, 2 * m_page));
     EXPECT_TRUE(mapping.sync(m_page, 1)) << "within a page";
-    EXPECT_TRUE(failureIs(EINVAL, 8));
+    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
     EXPECT_FALSE(mapping.destroy());
 }
 
@@ -505,33 +475,32 @@ TEST_F(MemMappingTest, syncOfARangeThatIsNotMappedFails) {
     MemMapping mapping(m_fd, READ_WRITE, 2 * m_page);
     EXPECT_EQ(0, munmap(bytesOf(mapping) + m_page, m_page));
     EXPECT_TRUE(mapping.sync(m_page, m_page));
-    EXPECT_TRUE(failureIs(ENOMEM, 8));
+    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, ENOMEM));
     EXPECT_FALSE(mapping.destroy());
     EXPECT_TRUE(mapping.sync(m_page, 0)) << "of a destroyed mapping";
-    EXPECT_TRUE(failureIs(ENOMEM, 8));
+    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, ENOMEM));
     MemMapping failed(-1, MemMapping::READ, m_page);
     std::ErrorStorage::ack();
     EXPECT_TRUE(failed.sync(m_page, 0));
-    EXPECT_TRUE(failureIs(EINVAL, 8));
+    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
 }
 
-class MemMappingSync : public MemMappingTest, public testing::WithParamInterface<MapRow> {};
+class MemMappingSync : public MemMappingTest, public testing::WithParamInterface<ErrorRow> {};
 
 TEST_P(MemMappingSync, failureIsReported) {
     MemMapping mapping(m_fd, READ_WRITE, m_page);
-    {
-        Fault const fault(inject_msync, GetParam().error);
-        EXPECT_TRUE(mapping.sync(m_page, 0));
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_TRUE(failureIs(GetParam().error, GetParam().id));
+    EXPECT_TRUE(failOnce(inject_msync, GetParam().error, [&] { return mapping.sync(m_page, 0); }));
+    EXPECT_TRUE(causeIs(GetParam().id, GetParam().error));
     EXPECT_FALSE(mapping.sync(m_page, 0));
     EXPECT_FALSE(mapping.destroy());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     rows, MemMappingSync,
-    testing::Values(
-        MapRow{EBUSY, 10}, MapRow{EINVAL, 8}, MapRow{ENOMEM, 8}, MapRow{EIO, 19}, MapRow{EINTR, 19}));
+    testing::ValuesIn(rowsOf(
+        {{{EBUSY}, SysErrorId::SPOILED_INTEGRITY},
+         {{EINVAL, ENOMEM}, SysErrorId::INVALID_PARAMETER},
+         {{EIO, EINTR}, SysErrorId::UNCLASSIFIED}})),
+    RowName());
 
 } // namespace
