@@ -20,29 +20,29 @@ using vesk::Dispatcher;
 using vesk::Message;
 using VanillaQueue = vesk::Dispatcher::VanillaQueue;
 
-/// The calls, in order. Belongs to one thread at a time.
-using Log = std::vector<std::string>;
+/// The calls, in order, "invoke a; delete a;" for example. Belongs to one thread at a time.
+using Log = std::string;
 
 /// A message that logs its calls and may do some work when it is invoked.
 class TestMessage : public Message {
 public:
     TestMessage(Log& log, std::string name, std::function<void()> work = {})
         : m_log(log), m_name(std::move(name)), m_work(std::move(work)) {}
-    ~TestMessage() override { m_log.push_back("delete " + m_name); }
+    ~TestMessage() override { m_log += "delete " + m_name + "; "; }
 
     void get_handled_by(Handler* handler) override { handler->handle(*this); }
     void invoke() override {
-        m_log.push_back("invoke " + m_name);
+        m_log += "invoke " + m_name + "; ";
         if (m_work) {
             m_work();
         }
     }
     int abort() override {
-        m_log.push_back("abort " + m_name);
+        m_log += "abort " + m_name + "; ";
         return 0;
     }
 
-    void logHandler(std::string const& handler) { m_log.push_back(handler + " sees " + m_name); }
+    void logHandler(std::string const& handler) { m_log += handler + " sees " + m_name + "; "; }
 
 private:
     Log& m_log;
@@ -96,9 +96,15 @@ public:
     std::atomic<int> pops{0};
 };
 
-/// A message that handlers see.
-class Seen : public Message {
+/// A message that only does some work.
+class Work : public Message {
+public:
+    explicit Work(std::function<void()> work = [] {}) : m_work(std::move(work)) {}
     void get_handled_by(Handler* handler) override { handler->handle(*this); }
+    void invoke() override { m_work(); }
+
+private:
+    std::function<void()> m_work;
 };
 
 /// Counts the messages. Destroyed, it gives a count below 0. The count is not atomic: the dispatcher's lock guards it.
@@ -130,7 +136,7 @@ protected:
         return make(std::move(name), [this] { m_dispatcher.stop(); });
     }
 
-    Log const m_stop{"invoke stop", "delete stop"};
+    Log const m_stop = "invoke stop; delete stop; ";
     Log m_log;
     CountingNotifier m_notifier;
     CountingQueue m_first{m_notifier};
@@ -170,7 +176,7 @@ TEST_F(DispatcherTest, stopBeforeRunMakesItReturnOnceWithoutAskingASource) {
             m_dispatcher.stop();
         }
         int const pops = m_first.pops;
-        EXPECT_EQ(Log{}, run());
+        EXPECT_EQ("", run());
         EXPECT_EQ(pops, m_first.pops);
         EXPECT_EQ(0, m_notifier.waits);
         EXPECT_TRUE(m_dispatcher.isRunning());
@@ -186,7 +192,7 @@ TEST_F(DispatcherTest, twoStopsDuringARunEndOnlyThatRun) {
     }));
     m_dispatcher.run();
     EXPECT_TRUE(m_dispatcher.isRunning());
-    EXPECT_EQ((Log{"invoke both", "delete both"}), m_log);
+    EXPECT_EQ("invoke both; delete both; ", m_log);
     EXPECT_EQ(m_stop, run());
 }
 
@@ -225,7 +231,7 @@ TEST_F(DispatcherTest, messagesQueuedWhenStopTakesEffectAreLeftForALaterRun) {
     EXPECT_EQ(m_stop, m_log);
     m_log.clear();
     m_dispatcher.run();
-    EXPECT_EQ((Log{"invoke left", "delete left", "invoke end", "delete end"}), m_log);
+    EXPECT_EQ("invoke left; delete left; invoke end; delete end; ", m_log);
 }
 
 TEST_F(DispatcherTest, destructorLeavesQueuedMessagesAlone) {
@@ -266,10 +272,7 @@ TEST_F(DispatcherTest, allMessagesOfTheFirstSourceComeBeforeTheSecondOnes) {
     m_first.push(make("a2"));
     m_dispatcher.run();
     EXPECT_EQ(
-        (
-            Log{"invoke a1", "delete a1", "invoke a2", "delete a2", "invoke b1", "delete b1", "invoke b2",
-                "delete b2"}),
-        m_log);
+        "invoke a1; delete a1; invoke a2; delete a2; invoke b1; delete b1; invoke b2; delete b2; ", m_log);
 }
 
 TEST_F(DispatcherTest, aMessagePushedIntoTheFirstSourceOvertakesTheSecondOnes) {
@@ -277,8 +280,7 @@ TEST_F(DispatcherTest, aMessagePushedIntoTheFirstSourceOvertakesTheSecondOnes) {
     m_second.push(make("b1", [this] { m_first.push(make("urgent")); }));
     m_second.push(makeStop("b2"));
     m_dispatcher.run();
-    EXPECT_EQ(
-        (Log{"invoke b1", "delete b1", "invoke urgent", "delete urgent", "invoke b2", "delete b2"}), m_log);
+    EXPECT_EQ("invoke b1; delete b1; invoke urgent; delete urgent; invoke b2; delete b2; ", m_log);
 }
 
 TEST_F(DispatcherTest, aSourceThatAlwaysHasAMessageStarvesLaterOnes) {
@@ -287,15 +289,14 @@ TEST_F(DispatcherTest, aSourceThatAlwaysHasAMessageStarvesLaterOnes) {
     std::function<void()> again = [&] {
         EXPECT_EQ(0, m_second.pops);
         if (++rounds < 1000) {
-            m_first.push(new Message::Callback(
-                [](void* work) { (*static_cast<std::function<void()>*>(work))(); }, &again));
+            m_first.push(new Work(again));
         }
     };
     m_second.push(makeStop("starved"));
     m_first.push(make("first", again));
     m_dispatcher.run();
     EXPECT_EQ(1000, rounds);
-    EXPECT_EQ((Log{"invoke first", "delete first", "invoke starved", "delete starved"}), m_log);
+    EXPECT_EQ("invoke first; delete first; invoke starved; delete starved; ", m_log);
 }
 
 TEST_F(DispatcherTest, itSleepsOnlyAfterAPassInWhichEverySourceWasEmpty) {
@@ -344,31 +345,21 @@ TEST_F(DispatcherTest, aSourceAddedTwiceIsAskedTwiceAPass) {
 }
 
 TEST_F(DispatcherTest, messagesOfManyThreadsAreAllInvokedInTheOrderOfEach) {
-    constexpr int THREADS = 4;
     constexpr int MESSAGES = 2000;
     struct Producer {
-        int last = -1; // Not atomic: only the loop's thread touches it.
+        int last = -1; // Not atomic: belongs to the loop's thread.
         bool in_order = true;
     };
-    class Numbered : public Message {
-    public:
-        Numbered(Producer& producer, int number) : m_producer(producer), m_number(number) {}
-        void invoke() override {
-            m_producer.in_order = m_producer.in_order && m_number == m_producer.last + 1;
-            m_producer.last = m_number;
-        }
-
-    private:
-        Producer& m_producer;
-        int m_number;
-    };
     std::thread loop(Dispatcher::main, &m_dispatcher);
-    std::vector<Producer> producers(THREADS);
+    std::vector<Producer> producers(4);
     std::vector<std::thread> threads;
     for (Producer& producer : producers) {
         threads.emplace_back([&] {
             for (int i = 0; i < MESSAGES; ++i) {
-                m_first.push(new Numbered(producer, i));
+                m_first.push(new Work([&producer, i] {
+                    producer.in_order = producer.in_order && i == producer.last + 1;
+                    producer.last = i;
+                }));
             }
         });
     }
@@ -391,9 +382,8 @@ TEST_F(DispatcherTest, handlersSeeAMessageInOrderBeforeItsWorkAndThenItIsDismiss
     m_dispatcher.add_handler(one);
     m_dispatcher.add_handler(two);
     m_dispatcher.dispatch(make("m"));
-    EXPECT_EQ((Log{"one sees m", "two sees m", "invoke m", "delete m"}), m_log);
-    EXPECT_EQ((Log{"one sees stop", "two sees stop", "invoke stop", "delete stop"}), run())
-        << "also in a run";
+    EXPECT_EQ("one sees m; two sees m; invoke m; delete m; ", m_log);
+    EXPECT_EQ("one sees stop; two sees stop; invoke stop; delete stop; ", run()) << "also in a run";
 }
 
 TEST_F(DispatcherTest, aMessageIsDismissedByItsOwnOperation) {
@@ -426,7 +416,7 @@ TEST_F(DispatcherTest, aHandlerThatRemovesItselfDuringADispatchDoesNotEndIt) {
     m_dispatcher.add_handler(one);
     m_dispatcher.add_handler(two);
     m_dispatcher.dispatch(make("m"));
-    EXPECT_EQ((Log{"one sees m", "two sees m", "invoke m", "delete m"}), m_log);
+    EXPECT_EQ("one sees m; two sees m; invoke m; delete m; ", m_log);
     EXPECT_EQ(2U, recorder.getCount());
 }
 
@@ -438,26 +428,12 @@ TEST_F(DispatcherTest, workRunsWithoutALock) {
         m_dispatcher.dispatch(make("inner"));
         m_dispatcher.remove_handler(handler);
     }));
-    EXPECT_EQ((Log{"invoke m", "handler sees inner", "invoke inner", "delete inner", "delete m"}), m_log);
+    EXPECT_EQ("invoke m; handler sees inner; invoke inner; delete inner; delete m; ", m_log);
     EXPECT_EQ("", recorder.getText());
 }
 
 TEST_F(DispatcherTest, threadsDispatchWithOneHandlerCallAtATimeAndOverlappingWork) {
     constexpr int THREADS = 3;
-    class Meeting : public Message {
-    public:
-        explicit Meeting(std::atomic<int>& present) : m_present(present) {}
-        void get_handled_by(Handler* handler) override { handler->handle(*this); }
-        void invoke() override {
-            ++m_present;
-            while (m_present < THREADS) { // Ends only if all of them work at once.
-                std::this_thread::yield();
-            }
-        }
-
-    private:
-        std::atomic<int>& m_present;
-    };
     CountingHandler counter;
     m_dispatcher.add_handler(counter);
     std::atomic<int> present{0};
@@ -465,9 +441,14 @@ TEST_F(DispatcherTest, threadsDispatchWithOneHandlerCallAtATimeAndOverlappingWor
     for (int i = 0; i < THREADS; ++i) {
         threads.emplace_back([&] {
             for (int round = 0; round < 1000; ++round) {
-                m_dispatcher.dispatch(new Seen);
+                m_dispatcher.dispatch(new Work);
             }
-            m_dispatcher.dispatch(new Meeting(present));
+            m_dispatcher.dispatch(new Work([&] {
+                ++present;
+                while (present < THREADS) { // Ends only if all of them work at once.
+                    std::this_thread::yield();
+                }
+            }));
         });
     }
     for (std::thread& thread : threads) {
@@ -485,8 +466,7 @@ TEST_F(DispatcherTest, aHandlerAddedTwiceSeesEachMessageTwiceAndIsRemovedComplet
     m_dispatcher.dispatch(make("m"));
     m_dispatcher.remove_handler(handler);
     m_dispatcher.dispatch(make("n"));
-    EXPECT_EQ(
-        (Log{"handler sees m", "handler sees m", "invoke m", "delete m", "invoke n", "delete n"}), m_log);
+    EXPECT_EQ("handler sees m; handler sees m; invoke m; delete m; invoke n; delete n; ", m_log);
 }
 
 TEST_F(DispatcherTest, removingAnUnknownHandlerIsIgnored) {
@@ -496,7 +476,7 @@ TEST_F(DispatcherTest, removingAnUnknownHandlerIsIgnored) {
     m_dispatcher.add_handler(handler);
     m_dispatcher.remove_handler(unknown);
     m_dispatcher.dispatch(make("m"));
-    EXPECT_EQ((Log{"handler sees m", "invoke m", "delete m"}), m_log);
+    EXPECT_EQ("handler sees m; invoke m; delete m; ", m_log);
 }
 
 TEST_F(DispatcherTest, handlersComeAndGoWhileOthersDispatch) {
@@ -504,7 +484,7 @@ TEST_F(DispatcherTest, handlersComeAndGoWhileOthersDispatch) {
     std::atomic<int> delivered{0};
     std::thread loop([&] {
         while (!end) {
-            m_dispatcher.dispatch(new Seen);
+            m_dispatcher.dispatch(new Work);
             ++delivered;
         }
     });
@@ -528,7 +508,7 @@ TEST_F(DispatcherTest, anExceptionOfTheWorkPassesOutAndLeavesTheMessageUndismiss
     m_first.push(bad);
     m_first.push(makeStop());
     EXPECT_THROW(m_dispatcher.run(), std::runtime_error);
-    EXPECT_EQ((Log{"invoke bad"}), m_log);
+    EXPECT_EQ("invoke bad; ", m_log);
     delete bad;
     m_log.clear();
     EXPECT_TRUE(m_dispatcher.isRunning());
@@ -542,10 +522,10 @@ TEST_F(DispatcherTest, anExceptionOfAHandlerPassesOutAndFreesTheLock) {
     m_dispatcher.add_handler(handler);
     TestMessage* const message = make("m");
     EXPECT_THROW(m_dispatcher.dispatch(message), std::runtime_error);
-    EXPECT_EQ((Log{"handler sees m"}), m_log) << "neither invoked nor dismissed";
+    EXPECT_EQ("handler sees m; ", m_log) << "neither invoked nor dismissed";
     m_dispatcher.remove_handler(handler);
     m_dispatcher.dispatch(message);
-    EXPECT_EQ((Log{"handler sees m", "invoke m", "delete m"}), m_log);
+    EXPECT_EQ("handler sees m; invoke m; delete m; ", m_log);
     EXPECT_EQ("", recorder.getText());
 }
 

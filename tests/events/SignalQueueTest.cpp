@@ -9,8 +9,10 @@
 
 #include <climits>
 #include <fcntl.h>
+#include <iterator>
 #include <ostream>
 #include <pthread.h>
+#include <sstream>
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <type_traits>
@@ -31,6 +33,7 @@ void ignore(int, void*) {}
 class SignalQueueTest : public testing::Test {
 protected:
     void TearDown() override {
+        EXPECT_EQ(expected_events, events.getText());
         EXPECT_FALSE(std::ErrorStorage::isError(true));
         popAll(queue);
     }
@@ -47,30 +50,71 @@ protected:
         signals.erase(signals.begin(), signals.begin() + static_cast<ptrdiff_t>(before));
         return signals;
     }
-    void push(Signals const& signals) {
-        for (int const signal : signals) {
-            queue.push(signal);
-        }
+    /// Checks that there were exactly these events, and no others until the end of the test.
+    void expectEvents(std::string const& text) {
+        EXPECT_EQ(text, events.getText());
+        expected_events = text;
     }
 
+    EventRecorder events;
+    std::string expected_events;
     CallLog log;
     CountingNotifier notifier;
     SignalQueue queue{notifier};
 };
 
-TEST_F(SignalQueueTest, threePushesGiveThreeMessagesAndThenNone) {
-    EXPECT_FALSE(sign_on(5));
-    push({5, 5, 5});
-    EXPECT_TRUE(pop());
-    EXPECT_TRUE(pop());
-    EXPECT_TRUE(pop());
-    EXPECT_FALSE(pop());
-    EXPECT_EQ((Signals{5, 5, 5}), log.getSignals());
-    // The count is 0 again, not below: the next push gives a message.
-    queue.push(5);
-    EXPECT_TRUE(pop());
-    EXPECT_FALSE(pop());
+/// A sequence of steps: "on", "off" and "push" with signals, "pop" with the signals of all messages there are,
+/// and "pop1" with that of the next one.
+struct Scenario {
+    char const* name;
+    std::vector<std::string> steps;
+};
+
+void PrintTo(Scenario const& scenario, std::ostream* out) {
+    *out << scenario.name;
 }
+
+class SignalQueueScenario : public SignalQueueTest, public testing::WithParamInterface<Scenario> {};
+
+TEST_P(SignalQueueScenario, givesTheExpectedMessages) {
+    for (std::string const& step : GetParam().steps) {
+        SCOPED_TRACE(step);
+        std::istringstream words(step);
+        std::string verb;
+        words >> verb;
+        Signals const signals{std::istream_iterator<int>(words), {}};
+        if (verb == "pop") {
+            EXPECT_EQ(signals, popSignals());
+        } else if (verb == "pop1") {
+            EXPECT_TRUE(pop());
+            EXPECT_EQ(signals[0], log.getSignals().back());
+        }
+        for (int const signal : signals) {
+            if (verb == "on") {
+                EXPECT_FALSE(sign_on(signal));
+            } else if (verb == "off") {
+                queue.sign_off(signal);
+            } else if (verb == "push") {
+                queue.push(signal);
+            }
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, SignalQueueScenario,
+    testing::ValuesIn(std::vector<Scenario>{
+        {"threePushesGiveThreeMessagesAndThenNone",
+         {"on 5", "push 5 5 5", "pop1 5", "pop1 5", "pop1 5", "pop", "push 5", "pop1 5", "pop"}},
+        {"theLowerSignalComesFirstInAnyOrderOfPushes",
+         {"on 10 2", "push 10 2", "pop 2 10", "push 2 10", "pop 2 10", "push 10 10 2 2", "pop 2 2 10 10"}},
+        {"aSignOffDiscardsPendingSignalsAndANewSignOnStartsFromZero",
+         {"on 7", "push 7 7", "off 7", "pop", "on 7", "pop", "push 7", "pop 7"}},
+        {"pushesBeforeASignOnAreDiscarded", {"push 7 7", "on 7", "pop", "off 7", "push 7", "on 7", "pop"}},
+        {"aSignOffLeavesOtherSignalsAlone", {"on 7 8", "push 8 7", "off 7", "pop 8"}},
+        {"aPopLeavesOtherOccurrencesAlone",
+         {"on 1 30 64", "push 1 30 64 1 30 64", "pop1 1", "pop 1 30 30 64 64"}}}),
+    [](auto const& row) { return row.param.name; });
 
 TEST_F(SignalQueueTest, manyEmptyPopsLeaveTheCountAtZero) {
     sign_on(5);
@@ -79,46 +123,6 @@ TEST_F(SignalQueueTest, manyEmptyPopsLeaveTheCountAtZero) {
     }
     queue.push(5);
     EXPECT_EQ((Signals{5}), popSignals());
-}
-
-TEST_F(SignalQueueTest, theLowerSignalComesFirstInAnyOrderOfPushes) {
-    sign_on(10);
-    sign_on(2);
-    push({10, 2});
-    EXPECT_EQ((Signals{2, 10}), popSignals());
-    push({2, 10});
-    EXPECT_EQ((Signals{2, 10}), popSignals());
-    push({10, 10, 2, 2});
-    EXPECT_EQ((Signals{2, 2, 10, 10}), popSignals());
-}
-
-TEST_F(SignalQueueTest, aSignOffDiscardsPendingSignalsAndANewSignOnStartsFromZero) {
-    sign_on(7);
-    push({7, 7});
-    queue.sign_off(7);
-    EXPECT_FALSE(pop());
-    sign_on(7);
-    EXPECT_FALSE(pop());
-    queue.push(7);
-    EXPECT_EQ((Signals{7}), popSignals());
-}
-
-TEST_F(SignalQueueTest, pushesBeforeASignOnAreDiscarded) {
-    push({7, 7});
-    sign_on(7);
-    EXPECT_FALSE(pop());
-    queue.sign_off(7);
-    queue.push(7);
-    sign_on(7);
-    EXPECT_FALSE(pop());
-}
-
-TEST_F(SignalQueueTest, aSignOffLeavesOtherSignalsAlone) {
-    sign_on(7);
-    sign_on(8);
-    push({8, 7});
-    queue.sign_off(7);
-    EXPECT_EQ((Signals{8}), popSignals());
 }
 
 TEST_F(SignalQueueTest, aSignalThatIsSignedOnAgainCallsTheNewCallbackWithItsData) {
@@ -133,7 +137,6 @@ TEST_F(SignalQueueTest, aSignalThatIsSignedOnAgainCallsTheNewCallbackWithItsData
 }
 
 TEST_F(SignalQueueTest, everySignalFrom0To64IsAccepted) {
-    EventRecorder const events;
     Signals expected;
     for (int signal = 64; signal >= 0; --signal) {
         EXPECT_FALSE(sign_on(signal));
@@ -144,7 +147,6 @@ TEST_F(SignalQueueTest, everySignalFrom0To64IsAccepted) {
     for (int signal = 0; signal <= 64; ++signal) {
         queue.sign_off(signal);
     }
-    EXPECT_EQ("", events.getText());
     EXPECT_EQ(65, vesk::TARN_NSIGNALS);
 }
 
@@ -157,16 +159,6 @@ TEST_F(SignalQueueTest, eachPushSignalsTheNotifierOnceAlsoIfItsSignalIsNotSigned
     EXPECT_TRUE(pop());
     EXPECT_FALSE(pop());
     EXPECT_EQ(2, notifier.signals);
-}
-
-TEST_F(SignalQueueTest, aPopLeavesOtherOccurrencesAlone) {
-    for (int const signal : {1, 30, 64}) {
-        sign_on(signal);
-        queue.push(signal);
-        queue.push(signal);
-    }
-    EXPECT_TRUE(pop());
-    EXPECT_EQ((Signals{1, 30, 30, 64, 64}), popSignals());
 }
 
 TEST_F(SignalQueueTest, aPoppedMessageOutlivesTheSignOff) {
@@ -219,18 +211,17 @@ TEST_F(SignalQueueTest, signingOnAndOffAllocatesNothingAndAPopOneMessage) {
 }
 
 TEST_F(SignalQueueTest, withoutMemoryOneOccurrenceIsLostWithoutAReportAndTheOthersStay) {
-    EventRecorder const events;
-    sign_on(5);
-    sign_on(6);
-    push({6, 5, 5});
+    for (int const signal : {5, 6}) {
+        sign_on(signal);
+        queue.push(signal);
+    }
+    queue.push(5);
     {
         NewFault const no_memory(New::NOTHROW_SINGLE);
         EXPECT_EQ(nullptr, queue.pop_nonblock());
         EXPECT_EQ(1, no_memory.getCalls());
     }
     EXPECT_EQ((Signals{5, 6}), popSignals());
-    EXPECT_EQ("", events.getText());
-    EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
 // ---- broken preconditions ----
@@ -249,7 +240,6 @@ TEST_P(SignalQueueNumberTest, outOfRangeIsAnAssertionWithoutEffect) {
     sign_on(0);
     sign_on(64);
     queue.push(64);
-    EventRecorder const events;
     EXPECT_TRUE(sign_on(GetParam().signal));
     queue.sign_off(GetParam().signal);
     queue.push(GetParam().signal);
@@ -259,7 +249,7 @@ TEST_P(SignalQueueNumberTest, outOfRangeIsAnAssertionWithoutEffect) {
         expected += std::string("ASSERT framework/src/vesk/SignalQueuePosixBase ") + function + ": " +
             GetParam().condition;
     }
-    EXPECT_EQ(expected, events.getText());
+    expectEvents(expected);
     EXPECT_EQ(1, notifier.signals);
     EXPECT_EQ((Signals{64}), popSignals());
 }
@@ -275,21 +265,15 @@ TEST_F(SignalQueueTest, signingOnTwiceIsAnAssertionAndKeepsTheFirstCallback) {
     sign_on(5);
     queue.push(5);
     CallLog other;
-    EventRecorder const events;
     EXPECT_TRUE(queue.sign_on(5, CallLog::record, &other));
-    EXPECT_EQ(
-        "ASSERT framework/src/vesk/SignalQueuePosixBase sign_on: signals[signal].callback==NULL",
-        events.getText());
+    expectEvents("ASSERT framework/src/vesk/SignalQueuePosixBase sign_on: signals[signal].callback==NULL");
     EXPECT_EQ((Signals{5}), popSignals());
     EXPECT_EQ(0u, other.getCount());
 }
 
 TEST_F(SignalQueueTest, signingOffASignalThatIsNotSignedOnIsAnAssertion) {
-    EventRecorder const events;
     queue.sign_off(5);
-    EXPECT_EQ(
-        "ASSERT framework/src/vesk/SignalQueuePosixBase sign_off: signals[signal].callback!=NULL",
-        events.getText());
+    expectEvents("ASSERT framework/src/vesk/SignalQueuePosixBase sign_off: signals[signal].callback!=NULL");
     sign_on(5);
     queue.push(5);
     EXPECT_EQ((Signals{5}), popSignals());
@@ -334,11 +318,9 @@ TEST_F(SignalQueueTest, anAssertionAboutARowIsRaisedWithTheLockLockedAndReleases
         EXPECT_EQ(row.locked, hook.locked);
     }
     // The lock is free for other threads and for this one.
-    EventRecorder const events;
     std::thread([this] { queue.push(5); }).join();
     std::thread([this] { EXPECT_TRUE(pop()); }).join();
     EXPECT_FALSE(pop());
-    EXPECT_EQ("", events.getText());
 }
 
 // ---- threads ----
@@ -436,28 +418,23 @@ TEST(SignalQueueDispatcherTest, aLowerSignalOvertakesTheRestOfAHigherOne) {
     SignalQueue queue(notifier);
     Dispatcher dispatcher(notifier);
     dispatcher.add_source(queue);
-    struct Client {
-        SignalQueue& queue;
-        Dispatcher& dispatcher;
-        Signals calls;
-    } client{queue, dispatcher, {}};
-    auto const callback = [](int signal, void* data) {
-        auto& self = *static_cast<Client*>(data);
-        self.calls.push_back(signal);
-        if (self.calls.size() == 1) {
-            self.queue.push(2);
+    Signals calls;
+    Callback callback{[&](int signal) {
+        calls.push_back(signal);
+        if (calls.size() == 1) {
+            queue.push(2);
         }
-        if (self.calls.size() == 4) {
-            self.dispatcher.stop();
+        if (calls.size() == 4) {
+            dispatcher.stop();
         }
-    };
-    queue.sign_on(2, callback, &client);
-    queue.sign_on(10, callback, &client);
+    }};
+    queue.sign_on(2, Callback::run, &callback);
+    queue.sign_on(10, Callback::run, &callback);
     for (int i = 0; i < 3; ++i) {
         queue.push(10);
     }
     dispatcher.run();
-    EXPECT_EQ((Signals{10, 2, 10, 10}), client.calls);
+    EXPECT_EQ((Signals{10, 2, 10, 10}), calls);
 }
 
 TEST(SignalQueueDispatcherTest, aPushOfASignalThatIsNotSignedOnWakesTheDispatcherWhichFindsNoMessage) {
