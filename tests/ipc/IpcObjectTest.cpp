@@ -25,38 +25,18 @@ static_assert(Creatable::CREATE_NEW == 0 && Creatable::OPEN_OR_CREATE == 1 && Cr
 static_assert(Creatable::TRUNCATE == 3);
 static_assert(!std::is_copy_constructible_v<MsgQueueServer> && std::has_virtual_destructor_v<MsgQueueBase>);
 static_assert(!std::is_copy_constructible_v<SemaphoreClient> && std::has_virtual_destructor_v<SemaphoreBase>);
-static_assert(!std::is_copy_constructible_v<SharedMemoryServer>);
+static_assert(
+    !std::is_copy_constructible_v<SharedMemoryServer> && std::has_virtual_destructor_v<SharedMemoryBase>);
 static_assert(
     !std::is_copy_constructible_v<SharedMemoryBase> && !std::is_copy_assignable_v<SharedMemoryBase>);
-static_assert(std::has_virtual_destructor_v<SharedMemoryBase>);
 static_assert(std::is_base_of_v<SharedMemoryBase, SharedMemoryClient>);
 static_assert(std::is_base_of_v<SharedMemoryBase, SharedMemoryServer>);
-static_assert(std::is_base_of_v<Creatable, SharedMemoryServer>);
 static_assert(sizeof(SemaphoreClient) == 2 * sizeof(void*));
 static_assert(sizeof(SharedMemoryClient) == sizeof(SharedMemoryBase));
 
 /// The sizes of objects: the number of messages of a queue, the value of a semaphore, the bytes of memory.
 constexpr unsigned int OLD_SIZE = 5;
 constexpr unsigned int NEW_SIZE = 2;
-
-bool openAs(MsgQueueServer& server, char const* name, Strategy strategy, unsigned int size) {
-    return server.create(name, 16, size, strategy);
-}
-bool openAs(SemaphoreCreator& server, char const* name, Strategy strategy, unsigned int size) {
-    return server.create(name, size, strategy);
-}
-bool openAs(SharedMemoryServer& server, char const* name, Strategy strategy, unsigned int size) {
-    return server.create(name, size, strategy);
-}
-bool openAs(MsgQueueClient& client, char const* name, Strategy, unsigned int) {
-    return client.attach(name);
-}
-bool openAs(SemaphoreClient& client, char const* name, Strategy, unsigned int) {
-    return client.attach(name);
-}
-bool openAs(SharedMemoryClient& client, char const* name, Strategy, unsigned int) {
-    return client.attach(name, MemMapping::READ | MemMapping::WRITE);
-}
 
 /// A server or client. A client ignores strategy and size, and the last two operations are those of a server.
 class Object {
@@ -66,21 +46,43 @@ public:
     virtual bool close() = 0;
     virtual bool isValid() const = 0;
     virtual int getCloses() const = 0; ///< The number of calls of its virtual `close`.
-    virtual Creatable* asCreatable() { return nullptr; }
-    virtual bool deleteName() { return true; }
+    virtual Creatable* asCreatable() = 0;
+    virtual bool deleteName() = 0;
 };
 
 template <typename T, typename Base>
-class ObjectOf : public Object {
+class ObjectOf final : public Object {
 public:
     bool open(char const* name, Strategy strategy, unsigned int size) override {
-        return openAs(m_object, name, strategy, size);
+        if constexpr (std::is_same_v<T, MsgQueueServer>) {
+            return m_object.create(name, 16, size, strategy);
+        } else if constexpr (IS_SERVER) {
+            return m_object.create(name, size, strategy);
+        } else if constexpr (std::is_same_v<T, SharedMemoryClient>) {
+            return m_object.attach(name, MemMapping::READ | MemMapping::WRITE);
+        } else {
+            return m_object.attach(name);
+        }
     }
     bool close() override { return static_cast<Base&>(m_object).close(); }
     bool isValid() const override { return m_object.isValid(); }
     int getCloses() const override { return m_object.closes; }
+    Creatable* asCreatable() override {
+        if constexpr (IS_SERVER) {
+            return &m_object;
+        }
+        return nullptr;
+    }
+    bool deleteName() override {
+        if constexpr (IS_SERVER) {
+            return m_object.deleteName();
+        }
+        return true;
+    }
 
-protected:
+private:
+    static constexpr bool IS_SERVER = std::is_base_of_v<Creatable, T>;
+
     struct Watched final : T {
         bool close() override {
             ++closes;
@@ -93,15 +95,8 @@ protected:
 };
 
 template <typename T, typename Base>
-class ServerOf final : public ObjectOf<T, Base> {
-public:
-    Creatable* asCreatable() override { return &this->m_object; }
-    bool deleteName() override { return this->m_object.deleteName(); }
-};
-
-template <typename T>
 std::unique_ptr<Object> make() {
-    return std::make_unique<T>();
+    return std::make_unique<ObjectOf<T, Base>>();
 }
 
 /// One of the six classes and what distinguishes it.
@@ -115,27 +110,27 @@ struct Class {
 };
 
 Class const MSG_QUEUE_SERVER{
-    "MsgQueueServer", &QUEUE, make<ServerOf<MsgQueueServer, MsgQueueBase>>,
+    "MsgQueueServer", &QUEUE, make<MsgQueueServer, MsgQueueBase>,
     reportsOf({ENOENT, SysErrorId::UNCLASSIFIED}), MsgQueueServer::deleteName};
 Class const SEMAPHORE_CREATOR{
-    "SemaphoreCreator", &SEMAPHORE, make<ServerOf<SemaphoreCreator, SemaphoreBase>>,
+    "SemaphoreCreator", &SEMAPHORE, make<SemaphoreCreator, SemaphoreBase>,
     Reports{{SysErrorId::INVALID_PATH}, reportOf(FileAccessErrorId::BAD_PATH, "/")},
     SemaphoreCreator::deleteName};
 Class const SHARED_MEMORY_SERVER{
-    "SharedMemoryServer", &MEMORY, make<ServerOf<SharedMemoryServer, SharedMemoryBase>>,
+    "SharedMemoryServer", &MEMORY, make<SharedMemoryServer, SharedMemoryBase>,
     reportsOf({EINVAL, SysErrorId::NOT_IMPLEMENTED}), SharedMemoryServer::deleteName};
 Class const MSG_QUEUE_CLIENT{
     "MsgQueueClient",
     &QUEUE,
-    make<ObjectOf<MsgQueueClient, MsgQueueBase>>,
+    make<MsgQueueClient, MsgQueueBase>,
     reportsOf({ENOENT, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH}, "/"),
     nullptr,
     SysErrorId::INVALID_PARAMETER};
 Class const SEMAPHORE_CLIENT{
-    "SemaphoreClient", &SEMAPHORE, make<ObjectOf<SemaphoreClient, SemaphoreBase>>,
+    "SemaphoreClient", &SEMAPHORE, make<SemaphoreClient, SemaphoreBase>,
     Reports{{SysErrorId::INVALID_PATH}, reportOf(FileAccessErrorId::BAD_PATH, "")}};
 Class const SHARED_MEMORY_CLIENT{
-    "SharedMemoryClient", &MEMORY, make<ObjectOf<SharedMemoryClient, SharedMemoryBase>>,
+    "SharedMemoryClient", &MEMORY, make<SharedMemoryClient, SharedMemoryBase>,
     reportsOf({EINVAL, SysErrorId::NOT_IMPLEMENTED})};
 
 Class const* const SERVERS[] = {&MSG_QUEUE_SERVER, &SEMAPHORE_CREATOR, &SHARED_MEMORY_SERVER};

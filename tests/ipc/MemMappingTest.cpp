@@ -9,6 +9,7 @@
 #include <vesk/MemMapping.h>
 #include <vesk/Vesk.h>
 
+#include <deque>
 #include <fcntl.h>
 #include <string>
 #include <tuple>
@@ -49,16 +50,26 @@ protected:
         m_fd = open(m_path.c_str(), O_RDWR | O_CLOEXEC);
     }
     ~MemMappingTest() override {
+        for (MemMapping& mapping : m_mappings) {
+            EXPECT_TRUE(!mapping.isValid() || !mapping.destroy());
+        }
         EXPECT_EQ(0U, mappedBytes(m_path)) << "the test left a mapping";
         close(m_fd);
     }
 
-    MemMapping makeRing(unsigned int length, unsigned int offset = 0, void* address = nullptr) {
-        MemMapping const ring(m_fd, READ_WRITE, length, offset, address, true);
-        EXPECT_TRUE(ring.isValid());
-        return ring;
+    /// Makes a mapping that the fixture unmaps.
+    MemMapping&
+    map(MemAccessFlags flags, unsigned int length, unsigned int offset = 0, void* address = nullptr,
+        bool ring = false) {
+        m_mappings.emplace_back(m_fd, flags, length, offset, address, ring);
+        EXPECT_TRUE(m_mappings.back().isValid());
+        return m_mappings.back();
+    }
+    MemMapping& makeRing(unsigned int length, unsigned int offset = 0, void* address = nullptr) {
+        return map(READ_WRITE, length, offset, address, true);
     }
 
+    std::deque<MemMapping> m_mappings;
     unsigned int m_page;
     TempFolder m_folder;
     std::string m_path;
@@ -68,7 +79,7 @@ protected:
 // ---- the plain form ----
 
 TEST_F(MemMappingTest, showsAndChangesTheBytesOfTheObject) {
-    MemMapping mapping(m_fd, READ_WRITE, 2 * m_page, 0, nullptr, false);
+    MemMapping& mapping = map(READ_WRITE, 2 * m_page);
     ASSERT_TRUE(mapping.isValid());
     EXPECT_EQ('a', bytesOf(mapping)[0]);
     EXPECT_EQ('b', bytesOf(mapping)[2 * m_page - 1]);
@@ -79,7 +90,7 @@ TEST_F(MemMappingTest, showsAndChangesTheBytesOfTheObject) {
 }
 
 TEST_F(MemMappingTest, returnsItsArguments) {
-    MemMapping mapping(m_fd, MemMapping::READ, 100, m_page, nullptr, false);
+    MemMapping& mapping = map(MemMapping::READ, 100, m_page);
     EXPECT_EQ(m_page, mapping.getOffset());
     EXPECT_EQ(100U, mapping.getSize());
     EXPECT_TRUE(MemAccessFlags(MemMapping::READ) == mapping.getFlags());
@@ -88,12 +99,11 @@ TEST_F(MemMappingTest, returnsItsArguments) {
     void* first_field = nullptr;
     memcpy(&first_field, static_cast<void const*>(&mapping), sizeof first_field);
     EXPECT_EQ(mapping.getAddress(), first_field);
-    EXPECT_FALSE(mapping.destroy());
 }
 
 TEST_F(MemMappingTest, isSeenByAnotherMappingAndByAnotherProcess) {
-    MemMapping first(m_fd, READ_WRITE, m_page);
-    MemMapping second(m_fd, MemMapping::READ, m_page);
+    MemMapping& first = map(READ_WRITE, m_page);
+    MemMapping& second = map(MemMapping::READ, m_page);
     ASSERT_TRUE(first.isValid() && second.isValid());
     EXPECT_NE(first.getAddress(), second.getAddress());
     bytesOf(first)[7] = '1';
@@ -101,8 +111,6 @@ TEST_F(MemMappingTest, isSeenByAnotherMappingAndByAnotherProcess) {
     Process child([&] { bytesOf(first)[7] = '2'; });
     EXPECT_EQ(0, child.join());
     EXPECT_EQ('2', bytesOf(second)[7]);
-    EXPECT_FALSE(first.destroy());
-    EXPECT_FALSE(second.destroy());
 }
 
 TEST_F(MemMappingTest, outlivesItsDescriptor) {
@@ -114,7 +122,7 @@ TEST_F(MemMappingTest, outlivesItsDescriptor) {
 }
 
 TEST_F(MemMappingTest, copyRefersToTheSameMapping) {
-    MemMapping mapping(m_fd, MemMapping::READ, m_page);
+    MemMapping& mapping = map(MemMapping::READ, m_page);
     MemMapping const copy = mapping;
     EXPECT_EQ(mapping.getAddress(), copy.getAddress());
     EXPECT_EQ(m_page, mappedBytes(m_path));
@@ -159,10 +167,9 @@ INSTANTIATE_TEST_SUITE_P(
         FlagRow{0xFFFFFFF9, PROT_READ}));
 
 TEST_F(MemMappingTest, withoutAnyFlagTheRangeIsReservedAndInaccessible) {
-    MemMapping mapping(m_fd, MemAccessFlags(), m_page);
+    MemMapping& mapping = map(MemAccessFlags(), m_page);
     ASSERT_TRUE(mapping.isValid());
     EXPECT_EQ("---s", accessAt(mapping.getAddress()));
-    EXPECT_FALSE(mapping.destroy());
 }
 
 TEST_F(MemMappingTest, refusalOfTheSystemIsReported) {
@@ -265,7 +272,7 @@ INSTANTIATE_TEST_SUITE_P(
 // ---- the ring buffer ----
 
 TEST_F(MemMappingTest, ringShowsTheSamePagesTwice) {
-    MemMapping ring = makeRing(2 * m_page);
+    MemMapping& ring = makeRing(2 * m_page);
     unsigned int const length = 2 * m_page;
     char* const bytes = bytesOf(ring);
     EXPECT_EQ(2 * length, ring.getSize());
@@ -287,16 +294,15 @@ TEST_F(MemMappingTest, ringShowsTheSamePagesTwice) {
 }
 
 TEST_F(MemMappingTest, ringBeginsAtItsOffset) {
-    MemMapping ring = makeRing(m_page, 3 * m_page);
+    MemMapping const& ring = makeRing(m_page, 3 * m_page);
     EXPECT_EQ('d', bytesOf(ring)[0]);
     EXPECT_EQ('d', bytesOf(ring)[m_page]);
     EXPECT_EQ(3 * m_page, ring.getOffset());
-    EXPECT_FALSE(ring.destroy());
 }
 
 TEST_F(MemMappingTest, ringReservesItsRangeAndMapsTheSecondHalfFirst) {
     MapCalls const calls;
-    MemMapping ring(m_fd, MemMapping::READ, 2 * m_page, m_page, nullptr, true);
+    MemMapping& ring = map(MemMapping::READ, 2 * m_page, m_page, nullptr, true);
     ASSERT_EQ(3U, calls.get().size());
     unsigned int const length = 2 * m_page;
     auto const reserve = calls.get()[0];
@@ -315,19 +321,16 @@ TEST_F(MemMappingTest, ringReservesItsRangeAndMapsTheSecondHalfFirst) {
         EXPECT_EQ(m_page, call.offset);
     }
     EXPECT_EQ(reserve.result, ring.getAddress());
-    EXPECT_FALSE(ring.destroy());
 }
 
 TEST_F(MemMappingTest, ringWithAPartOfAPageIsRefusedWithoutACall) {
+    std::string const text = rowText(
+        CommonErrorId::CONTRACT_BROKEN,
+        "requested ringbuffer but size is not a multiple of system page size");
     Fault const calls(inject_mmap, 0);
     for (unsigned int const length : {1U, m_page - 1, m_page + 1, 2 * m_page + m_page / 2, UINT32_MAX}) {
         MemMapping mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
-        EXPECT_TRUE(chainIs(
-            {{CommonErrorId::CONTRACT_BROKEN,
-              rowText(
-                  CommonErrorId::CONTRACT_BROKEN,
-                  "requested ringbuffer but size is not a multiple of system page size")}}))
-            << length;
+        EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN, text}})) << length;
         EXPECT_EQ(ALL_ONES, mapping.getAddress()) << length;
         EXPECT_EQ(length, mapping.getSize());
         EXPECT_FALSE(mapping.destroy());
@@ -369,8 +372,8 @@ TEST_F(MemMappingTest, largestRingIsMappedAndUnmappedWhole) {
 TEST_F(MemMappingTest, ringOverlapsNoOtherMapping) {
     auto const before = mappedRanges();
     ASSERT_LT(10U, before.size());
-    MemMapping rings[] = {makeRing(m_page), makeRing(4 * m_page), makeRing(8 * m_page)};
-    for (MemMapping& ring : rings) {
+    MemMapping const rings[] = {makeRing(m_page), makeRing(4 * m_page), makeRing(8 * m_page)};
+    for (MemMapping const& ring : rings) {
         auto const begin = reinterpret_cast<uintptr_t>(ring.getAddress());
         for (Range const& range : before) {
             EXPECT_TRUE(begin + ring.getSize() <= range.begin || range.end <= begin) << range.path;
@@ -382,32 +385,25 @@ TEST_F(MemMappingTest, ringOverlapsNoOtherMapping) {
                 other_begin + other.getSize() <= begin);
         }
     }
-    for (MemMapping& ring : rings) {
-        EXPECT_FALSE(ring.destroy());
-    }
 }
 
 TEST_F(MemMappingTest, usedAddressIsNotMappedOver) {
-    MemMapping there(m_fd, READ_WRITE, m_page);
+    MemMapping& there = map(READ_WRITE, m_page);
     bytesOf(there)[0] = '!';
-    MemMapping ring = makeRing(m_page, 4 * m_page, there.getAddress());
-    MemMapping plain(m_fd, MemMapping::READ, m_page, 5 * m_page, there.getAddress());
+    MemMapping const& ring = makeRing(m_page, 4 * m_page, there.getAddress());
+    MemMapping& plain = map(MemMapping::READ, m_page, 5 * m_page, there.getAddress());
     EXPECT_NE(there.getAddress(), ring.getAddress());
     EXPECT_NE(there.getAddress(), plain.getAddress());
     EXPECT_EQ('!', bytesOf(there)[0]);
     EXPECT_EQ('e', bytesOf(ring)[0]);
     EXPECT_EQ('f', bytesOf(plain)[0]);
-    EXPECT_FALSE(plain.destroy());
-    EXPECT_FALSE(ring.destroy());
-    EXPECT_FALSE(there.destroy());
 }
 
 TEST_F(MemMappingTest, freeAddressIsUsed) {
     void* const free_range = mmap(nullptr, size_t{4} * m_page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_EQ(0, munmap(free_range, size_t{4} * m_page));
-    MemMapping ring = makeRing(2 * m_page, 0, free_range);
+    MemMapping const& ring = makeRing(2 * m_page, 0, free_range);
     EXPECT_EQ(free_range, ring.getAddress());
-    EXPECT_FALSE(ring.destroy());
 }
 
 // ---- destroy ----
@@ -443,7 +439,7 @@ TEST_F(MemMappingTest, secondDestroyUnmapsNothingAndFails) {
 class MemMappingDestroy : public MemMappingTest, public testing::WithParamInterface<int> {};
 
 TEST_P(MemMappingDestroy, failureLeavesTheMappingUsable) {
-    MemMapping mapping(m_fd, MemMapping::READ, m_page);
+    MemMapping& mapping = map(MemMapping::READ, m_page);
     void* const address = mapping.getAddress();
     EXPECT_TRUE(failOnce(inject_munmap, GetParam(), [&] { return mapping.destroy(); }));
     EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, GetParam()));
@@ -458,21 +454,20 @@ INSTANTIATE_TEST_SUITE_P(errors, MemMappingDestroy, testing::Values(EINVAL, ENOM
 // ---- sync ----
 
 TEST_F(MemMappingTest, syncTakesALengthAndThenAnOffset) {
-    MemMapping mapping(m_fd, READ_WRITE, 4 * m_page);
+    MemMapping& mapping = map(READ_WRITE, 4 * m_page);
     bytesOf(mapping)[3 * m_page] = 'X';
     EXPECT_FALSE(mapping.sync(4 * m_page, 0));
     EXPECT_FALSE(mapping.sync(m_page, 3 * m_page));
     EXPECT_FALSE(mapping.sync(1, 2 * m_page));
     EXPECT_TRUE(mapping.sync(m_page, 1)) << "within a page";
     EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
-    EXPECT_FALSE(mapping.destroy());
 }
 
 TEST_F(MemMappingTest, syncOfARangeThatIsNotMappedFails) {
 #if defined(__arm__)
     GTEST_SKIP() << "QEMU's user mode does not refuse it";
 #endif
-    MemMapping mapping(m_fd, READ_WRITE, 2 * m_page);
+    MemMapping& mapping = map(READ_WRITE, 2 * m_page);
     EXPECT_EQ(0, munmap(bytesOf(mapping) + m_page, m_page));
     EXPECT_TRUE(mapping.sync(m_page, m_page));
     EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, ENOMEM));
@@ -488,11 +483,10 @@ TEST_F(MemMappingTest, syncOfARangeThatIsNotMappedFails) {
 class MemMappingSync : public MemMappingTest, public testing::WithParamInterface<ErrorRow> {};
 
 TEST_P(MemMappingSync, failureIsReported) {
-    MemMapping mapping(m_fd, READ_WRITE, m_page);
+    MemMapping& mapping = map(READ_WRITE, m_page);
     EXPECT_TRUE(failOnce(inject_msync, GetParam().error, [&] { return mapping.sync(m_page, 0); }));
     EXPECT_TRUE(causeIs(GetParam().id, GetParam().error));
     EXPECT_FALSE(mapping.sync(m_page, 0));
-    EXPECT_FALSE(mapping.destroy());
 }
 
 INSTANTIATE_TEST_SUITE_P(
