@@ -102,10 +102,6 @@ struct Operation {
     int nth_unlock = 1;
 };
 
-void PrintTo(Operation const& operation, std::ostream* out) {
-    *out << operation.name;
-}
-
 void checkDispatcher(Objects& objects) {
     objects.dispatcher.remove_handler(objects.handler);
 }

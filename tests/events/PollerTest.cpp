@@ -186,10 +186,6 @@ struct Scenario {
     int events = POLLIN;                         ///< Of all clients.
 };
 
-void PrintTo(Scenario const& scenario, std::ostream* out) {
-    *out << scenario.name;
-}
-
 class PollerScenario : public PollerTest, public testing::WithParamInterface<Scenario> {
 protected:
     Pair& pair(std::string const& name) { return name == "a" ? m_a : name == "b" ? m_b : m_c; }
@@ -428,30 +424,25 @@ TEST_F(PollerTest, anAdditionTakesEffectInTheNextCycle) {
     EXPECT_EQ("A read", cycle());
 }
 
-TEST_F(PollerTest, aBlockedCycleIsWokenByAnAdditionAndServesItInTheNext) {
-    Fault const polls(inject_poll, 0, 1, 1, Fault::Threads::ALL);
-    std::thread loop([this] {
-        EXPECT_EQ("", cycle());
-        EXPECT_EQ("A read", cycle());
-    });
-    while (polls.getCalls() == 0) {
-        std::this_thread::yield();
+TEST_F(PollerTest, aBlockedCycleIsWokenByAnAdditionWhichTheNextServesAndByARemoval) {
+    for (bool const adds : {true, false}) {
+        Fault const polls(inject_poll, 0, 1, 1, Fault::Threads::ALL);
+        std::thread loop([this] { EXPECT_EQ("", cycle()); });
+        while (polls.getCalls() == 0) {
+            std::this_thread::yield();
+        }
+        if (adds) {
+            m_a.send();
+            m_poller.add(m_client, m_a.get());
+        } else {
+            m_poller.remove(m_client);
+        }
+        loop.join();
+        if (adds) {
+            EXPECT_EQ("A read", cycle());
+            m_a.take();
+        }
     }
-    m_a.send();
-    m_poller.add(m_client, m_a.get());
-    loop.join();
-}
-
-TEST_F(PollerTest, aBlockedCycleIsWokenByARemoval) {
-    m_poller.add(m_client, m_a.get());
-    drain();
-    Fault const polls(inject_poll, 0, 1, 1, Fault::Threads::ALL);
-    std::thread loop([this] { EXPECT_EQ("", cycle()); });
-    while (polls.getCalls() == 0) {
-        std::this_thread::yield();
-    }
-    m_poller.remove(m_client);
-    loop.join();
     m_a.send();
     m_poller.remove(m_client);
     EXPECT_EQ("", cycle());
@@ -618,25 +609,17 @@ TEST_F(PollerTest, aSteadyStateDoesNotUseTheHeap) {
     EXPECT_EQ(0, counter.getCount());
 }
 
-TEST_F(PollerTest, anAdditionWithoutMemoryThrowsAndReleasesTheLock) {
-    {
-        NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
-        EXPECT_THROW(m_poller.add(m_client, m_a.get()), std::bad_alloc);
-    }
-    EXPECT_EQ(0, countCommands());
+TEST_F(PollerTest, anAdditionOrRemovalWithoutMemoryThrowsAndReleasesTheLock) {
     m_a.send();
+    auto const refuse = [this](auto change) {
+        NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
+        EXPECT_THROW(change(), std::bad_alloc);
+        EXPECT_EQ(0, countCommands());
+    };
+    refuse([this] { m_poller.add(m_client, m_a.get()); });
     m_poller.add(m_client, m_a.get());
     EXPECT_EQ("A read", cycle());
-    EXPECT_EQ("", m_recorder.getText());
-}
-
-TEST_F(PollerTest, aRemovalWithoutMemoryThrowsAndReleasesTheLock) {
-    addReadable();
-    {
-        NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
-        EXPECT_THROW(m_poller.remove(m_client), std::bad_alloc);
-    }
-    EXPECT_EQ(0, countCommands());
+    refuse([this] { m_poller.remove(m_client); });
     EXPECT_EQ("A read", cycle());
     m_poller.remove(m_client);
     EXPECT_EQ("", cycle());

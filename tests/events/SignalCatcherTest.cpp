@@ -8,13 +8,9 @@
 #include <vesk/SignalDispatcher.h>
 #include <vesk/Timer.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
-#include <fcntl.h>
 #include <stdexcept>
-#include <sys/resource.h>
 #include <type_traits>
 #include <unistd.h>
 
@@ -747,16 +743,7 @@ TEST_F(SignalCatcherTest, mayBeMadeByACallbackWhileAnotherThreadDestroysTheLastO
 }
 
 TEST_F(SignalCatcherTest, worksLikeATimerWithMoreDescriptorsThanASetCanHold) {
-    ChildEnd const end = runInChild([this] {
-        rlimit limit{};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = 2048;
-        limit.rlim_max = std::max(limit.rlim_max, limit.rlim_cur);
-        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-            printf("no descriptors");
-            return;
-        }
-        while (open("/dev/null", O_RDONLY | O_CLOEXEC) < 1500) {}
+    ChildEnd const end = runWithDescriptors(1501, [this] {
         auto const catcher = make(SIGUSR1);
         EXPECT_LT(1500, s_pipe[0]);
         kill(getpid(), SIGUSR1);
@@ -766,9 +753,7 @@ TEST_F(SignalCatcherTest, worksLikeATimerWithMoreDescriptorsThanASetCanHold) {
         EXPECT_FALSE(timer.start(1, true));
         EXPECT_TRUE(waitUntil([] { return rung >= 3; }));
     });
-    if (end.output == "no descriptors") {
-        GTEST_SKIP() << "the limit of descriptors cannot be raised";
-    }
+    VESK_SKIP_WITHOUT_DESCRIPTORS(end);
     EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 

@@ -1,7 +1,9 @@
 #include "FatalSupport.h"
 #include "SignalSupport.h"
 #include "support/AllocationCounter.h"
+#include "support/ErrorRow.h"
 #include "support/EventRecorder.h"
+#include "support/FailOnce.h"
 #include "support/Privileges.h"
 #include "support/Sanitizers.h"
 
@@ -82,18 +84,13 @@ int countBytes() {
 
 // ---- the pipe ----
 
-TEST(SelfPipeTest, blocksReadersButNotWriters) {
+TEST(SelfPipeTest, blocksReadersButNotWritersAndIsInheritedByNewPrograms) {
     SelfPipe const self_pipe;
-    EXPECT_EQ(0, fcntl(s_pipe[0], F_GETFL, 0L) & O_NONBLOCK);
-    EXPECT_EQ(O_NONBLOCK, fcntl(s_pipe[1], F_GETFL, 0L) & O_NONBLOCK);
-    EXPECT_EQ(O_RDONLY, fcntl(s_pipe[0], F_GETFL, 0L) & O_ACCMODE);
-    EXPECT_EQ(O_WRONLY, fcntl(s_pipe[1], F_GETFL, 0L) & O_ACCMODE);
-}
-
-TEST(SelfPipeTest, isInheritedByNewPrograms) {
-    SelfPipe const self_pipe;
-    EXPECT_EQ(0, fcntl(s_pipe[0], F_GETFD, 0L));
-    EXPECT_EQ(0, fcntl(s_pipe[1], F_GETFD, 0L));
+    EXPECT_EQ(O_RDONLY, fcntl(s_pipe[0], F_GETFL, 0L) & (O_ACCMODE | O_NONBLOCK));
+    EXPECT_EQ(O_WRONLY | O_NONBLOCK, fcntl(s_pipe[1], F_GETFL, 0L) & (O_ACCMODE | O_NONBLOCK));
+    for (int const end : s_pipe) {
+        EXPECT_EQ(0, fcntl(end, F_GETFD, 0L));
+    }
 }
 
 TEST(SelfPipeTest, readsAndWritesWithTheResultsOfTheSystem) {
@@ -107,11 +104,8 @@ TEST(SelfPipeTest, readsAndWritesWithTheResultsOfTheSystem) {
     EXPECT_EQ('c', buffer[0]);
     EXPECT_EQ(-1, self_pipe.write(nullptr, 5));
     EXPECT_EQ(EFAULT, errno);
-    {
-        Fault const fault(inject_write, EIO);
-        EXPECT_EQ(-1, self_pipe.write(data, 1));
-        EXPECT_EQ(EIO, errno);
-    }
+    EXPECT_EQ(-1, failOnce(inject_write, EIO, [&] { return self_pipe.write(data, 1); }));
+    EXPECT_EQ(EIO, errno);
     EXPECT_EQ(0, countBytes());
 }
 
@@ -180,9 +174,7 @@ TEST_P(SelfPipeCreationTest, failureIsAnAssertionAndLeavesNoPipe) {
     EXPECT_TRUE(closed.empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, SelfPipeCreationTest, testing::Values(EMFILE, ENFILE, EFAULT),
-    [](auto const& row) { return std::string(strerrorname_np(row.param)); });
+INSTANTIATE_TEST_SUITE_P(All, SelfPipeCreationTest, testing::Values(EMFILE, ENFILE, EFAULT), RowName());
 
 TEST(SelfPipeTest, creationWithoutAFreeDescriptorIsAnAssertion) {
     expectInChild([] {
@@ -202,17 +194,13 @@ struct FlagsFailure {
     int times;
     int flags_after;
 };
-void PrintTo(FlagsFailure const& row, std::ostream* out) {
-    *out << row.name;
-}
-
 class SelfPipeFlagsTest : public testing::TestWithParam<FlagsFailure> {};
 
 TEST_P(SelfPipeFlagsTest, failureIsAnAssertionAndThePipeStillWorks) {
     EventRecorder const events;
-    Fault* const fault = new Fault(inject_fcntl, EINVAL, GetParam().nth, GetParam().times);
+    auto fault = std::make_unique<Fault>(inject_fcntl, EINVAL, GetParam().nth, GetParam().times);
     SelfPipe self_pipe;
-    delete fault;
+    fault.reset();
     EXPECT_EQ(
         "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: errno==0: "
         "couldn't configure self-pipe as non-blocking",
@@ -226,10 +214,10 @@ TEST_P(SelfPipeFlagsTest, failureIsAnAssertionAndThePipeStillWorks) {
 INSTANTIATE_TEST_SUITE_P(
     All, SelfPipeFlagsTest,
     testing::Values(
-        // Without the flags that are, the one that matters is set alone.
+        // If the old flags cannot be read, only the new one is set.
         FlagsFailure{"F_GETFL", 1, 1, O_NONBLOCK}, FlagsFailure{"F_SETFL", 2, 1, 0},
         FlagsFailure{"Both", 1, 2, 0}),
-    [](auto const& row) { return std::string(row.param.name); });
+    [](auto const& row) { return row.param.name; });
 
 TEST(SelfPipeTest, closesItsReadEndFirst) {
     std::vector<int> closed;
@@ -241,45 +229,15 @@ TEST(SelfPipeTest, closesItsReadEndFirst) {
     EXPECT_EQ((std::vector<int>{s_pipe[0], s_pipe[1]}), closed);
 }
 
-/// Raises the limit of descriptors and uses all numbers below `free`, so that it is the next one. Returns whether
-/// that succeeded.
-bool occupyDescriptorsBelow(int free) {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return false;
-    }
-    limit.rlim_cur = 2048;
-    limit.rlim_max = std::max(limit.rlim_max, limit.rlim_cur);
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return false;
-    }
-    int fd = 0;
-    do {
-        fd = dup(STDIN_FILENO);
-        if (fd < 0) {
-            fd = open("/dev/null", O_RDONLY);
-        }
-    } while (fd >= 0 && fd < free - 1);
-    return fd == free - 1;
-}
-
 /// The number of the read end, and the assertion of a set.
 struct HighNumber {
     int read_end;
     char const* events_of_set;
 };
-void PrintTo(HighNumber const& row, std::ostream* out) {
-    *out << row.read_end;
-}
-
 class SelfPipeHighNumberTest : public testing::TestWithParam<HighNumber> {};
 
 TEST_P(SelfPipeHighNumberTest, isWaitedForAndASetChangesNoMemoryBeyondItsEnd) {
-    ChildEnd const end = runInChild([] {
-        if (!occupyDescriptorsBelow(GetParam().read_end)) {
-            printf("no descriptors");
-            return;
-        }
+    ChildEnd const end = runWithDescriptors(GetParam().read_end, [] {
         EventRecorder const events;
         Notifier notifier;
         EXPECT_EQ(GetParam().read_end, s_pipe[0]);
@@ -309,14 +267,10 @@ TEST_P(SelfPipeHighNumberTest, isWaitedForAndASetChangesNoMemoryBeyondItsEnd) {
         }
         EXPECT_EQ(0, memcmp(&untouched, &memory, sizeof memory));
         fflush(nullptr);
-        _exit(
-            testing::Test::HasFailure()
-                ? 1
-                : 0); // The destructor of the notifier would close descriptors of the other pipe.
+        // Without the destructor of the notifier, which would close descriptors of the other pipe.
+        _exit(testing::Test::HasFailure() ? 1 : 0);
     });
-    if (end.output == "no descriptors") {
-        GTEST_SKIP() << "the limit of descriptors cannot be raised";
-    }
+    VESK_SKIP_WITHOUT_DESCRIPTORS(end);
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
@@ -439,8 +393,7 @@ TEST_P(SignalNotifierWriteTest, failureEndsTheProcess) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, SignalNotifierWriteTest, testing::Values(EBADF, EPIPE, EINTR, EIO, EINVAL, ENOSPC),
-    [](auto const& row) { return std::string(strerrorname_np(row.param)); });
+    All, SignalNotifierWriteTest, testing::Values(EBADF, EPIPE, EINTR, EIO, EINVAL, ENOSPC), RowName());
 
 TEST(SignalNotifierTest, withoutAPipeEndsTheProcessWithTheFirstSignal) {
     auto const signal = [] {

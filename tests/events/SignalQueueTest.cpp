@@ -70,10 +70,6 @@ struct Scenario {
     std::vector<std::string> steps;
 };
 
-void PrintTo(Scenario const& scenario, std::ostream* out) {
-    *out << scenario.name;
-}
-
 class SignalQueueScenario : public SignalQueueTest, public testing::WithParamInterface<Scenario> {};
 
 TEST_P(SignalQueueScenario, givesTheExpectedMessages) {
@@ -227,13 +223,10 @@ TEST_F(SignalQueueTest, withoutMemoryOneOccurrenceIsLostWithoutAReportAndTheOthe
 // ---- broken preconditions ----
 
 struct BadNumber {
+    char const* name;
     int signal;
     char const* condition;
 };
-void PrintTo(BadNumber const& row, std::ostream* out) {
-    *out << row.signal;
-}
-
 class SignalQueueNumberTest : public SignalQueueTest, public testing::WithParamInterface<BadNumber> {};
 
 TEST_P(SignalQueueNumberTest, outOfRangeIsAnAssertionWithoutEffect) {
@@ -257,9 +250,10 @@ TEST_P(SignalQueueNumberTest, outOfRangeIsAnAssertionWithoutEffect) {
 INSTANTIATE_TEST_SUITE_P(
     All, SignalQueueNumberTest,
     testing::Values(
-        BadNumber{-1, "signal>=0"}, BadNumber{INT_MIN, "signal>=0"}, BadNumber{65, "signal<TARN_NSIGNALS"},
-        BadNumber{INT_MAX, "signal<TARN_NSIGNALS"}),
-    [](auto const& row) { return "row" + std::to_string(row.index); });
+        BadNumber{"minus1", -1, "signal>=0"}, BadNumber{"lowest", INT_MIN, "signal>=0"},
+        BadNumber{"first", 65, "signal<TARN_NSIGNALS"},
+        BadNumber{"highest", INT_MAX, "signal<TARN_NSIGNALS"}),
+    [](auto const& row) { return row.param.name; });
 
 TEST_F(SignalQueueTest, signingOnTwiceIsAnAssertionAndKeepsTheFirstCallback) {
     sign_on(5);

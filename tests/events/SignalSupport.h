@@ -9,19 +9,23 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <functional>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <sched.h>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -231,6 +235,27 @@ inline int popAll(vesk::SignalQueue& queue) {
     }
     return count;
 }
+
+/// Runs `body` in a child that uses all descriptors below `free`, so that it is the next one.
+inline ChildEnd runWithDescriptors(int free, std::function<void()> const& body) {
+    return runInChild([&] {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = 2048;
+        limit.rlim_max = std::max(limit.rlim_max, limit.rlim_cur);
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+            printf("no descriptors");
+            return;
+        }
+        while (open("/dev/null", O_RDONLY) < free - 1) {}
+        body();
+    });
+}
+
+#define VESK_SKIP_WITHOUT_DESCRIPTORS(end)                                                                   \
+    if ((end).output == "no descriptors") {                                                                  \
+        GTEST_SKIP() << "the limit of descriptors cannot be raised";                                         \
+    }
 
 /// Sets the action of a signal. The destructor restores the previous one.
 class ActionGuard {

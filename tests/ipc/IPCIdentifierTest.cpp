@@ -37,10 +37,6 @@ struct Row {
     std::vector<ExpectedReport> reports;
 };
 
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << row.what;
-}
-
 class IPCIdentifier : public testing::TestWithParam<Row> {};
 
 TEST_P(IPCIdentifier, isASeparatorAndTheNameAndNothingIsWrittenBehindIt) {

@@ -137,10 +137,6 @@ Class const* const SERVERS[] = {&MSG_QUEUE_SERVER, &SEMAPHORE_CREATOR, &SHARED_M
 Class const* const ALL[] = {&MSG_QUEUE_SERVER, &SEMAPHORE_CREATOR, &SHARED_MEMORY_SERVER,
                             &MSG_QUEUE_CLIENT, &SEMAPHORE_CLIENT,  &SHARED_MEMORY_CLIENT};
 
-void PrintTo(Class const* tested, std::ostream* out) {
-    *out << tested->name;
-}
-
 class IpcTest : public testing::Test {
 protected:
     explicit IpcTest(Class const* tested)
@@ -767,10 +763,6 @@ struct DestructorRow {
     char const* text;
 };
 
-void PrintTo(DestructorRow const& row, std::ostream* out) {
-    *out << row.tested->name << (row.unlinks ? " unlink" : " close");
-}
-
 class IpcDestructorRows : public IpcTest, public testing::WithParamInterface<DestructorRow> {
 protected:
     IpcDestructorRows() : IpcTest(GetParam().tested) {}
@@ -814,7 +806,10 @@ INSTANTIATE_TEST_SUITE_P(
          {"SharedMemoryServer", "SharedMemoryBase"},
          "Error closing SharedMemory"},
         {&SHARED_MEMORY_SERVER, true, {"SharedMemoryServer"}, "Error closing SharedMemory"},
-        {&SHARED_MEMORY_CLIENT, false, {"SharedMemoryBase"}, "Error closing SharedMemory"}}));
+        {&SHARED_MEMORY_CLIENT, false, {"SharedMemoryBase"}, "Error closing SharedMemory"}}),
+    [](auto const& row) {
+        return row.param.tested->name + std::string(row.param.unlinks ? "_unlink" : "_close");
+    });
 
 // ---- removal of names ----
 

@@ -46,10 +46,6 @@ struct Call {
     void (*allow)(Objects&); ///< Lets one call succeed.
 };
 
-void PrintTo(Call const& row, std::ostream* out) {
-    *out << row.name;
-}
-
 struct CallName {
     std::string operator()(testing::TestParamInfo<Call> const& info) const { return info.param.name; }
 };

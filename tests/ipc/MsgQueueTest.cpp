@@ -74,10 +74,6 @@ struct Operation {
     long long size_failure = failure; ///< The result if the size of the message is wrong.
 };
 
-void PrintTo(Operation const& operation, std::ostream* out) {
-    *out << operation.name;
-}
-
 // A timed write that fails returns 1, as after a timeout.
 Operation const TRANSFERS[] = {
     {"readMsg", [](MsgQueueBase& queue, Message& m) -> long long { return queue.readMsg(&m); }, 1,

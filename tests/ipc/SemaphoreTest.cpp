@@ -38,10 +38,6 @@ struct Way {
     char const* misuse;
 };
 
-void PrintTo(Way const& way, std::ostream* out) {
-    *out << way.name;
-}
-
 Way const WAYS[] = {
     {"take", &inject_sem_wait, [](SemaphoreBase const& semaphore) { return semaphore.take() ? -1 : 0; },
      "__FUNCTION__ was called on invalid semaphore"},
