@@ -195,29 +195,6 @@ TEST_F(MsgQueueTest, timeoutOf0LeavesAFullQueueAndTheBufferAsTheyAre) {
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(MsgQueueTest, readAndWriteTransferTheTextOfAnotherProcess) {
-    Process writer([&] {
-        MsgQueueClient client;
-        EXPECT_FALSE(client.attach(m_name));
-        waitUntilAsleep(getppid(), getppid());
-        EXPECT_TRUE(put(client, "tea", 5));
-    });
-    EXPECT_FALSE(m_queue.readMsg(&m_message));
-    EXPECT_EQ("tea", getText());
-    EXPECT_EQ(5U, m_message.priority);
-    EXPECT_EQ(0, writer.join());
-    EXPECT_TRUE(put(m_queue, "full") && put(m_queue, "full") && put(m_queue, "full"));
-    Process reader([&] {
-        MsgQueueClient client;
-        EXPECT_FALSE(client.attach(m_name));
-        waitUntilAsleep(getppid(), getppid());
-        EXPECT_EQ("full", get(client));
-    });
-    EXPECT_FALSE(m_queue.writeMsg(&m_message));
-    EXPECT_EQ(0, reader.join());
-    EXPECT_EQ(MAX_MSGS, m_queue.availMsgs());
-}
-
 TEST_F(MsgQueueTest, threadsShareOneObject) {
     constexpr int THREADS = 3;
     constexpr int ROUNDS = 200;
