@@ -47,17 +47,9 @@ namespace {
 using namespace support;
 using vesk::Poller;
 
-/// The calls, in order. Belongs to the polling thread.
-using Log = std::vector<std::string>;
+/// The calls, in order, "A read, B error" for example. Belongs to the polling thread.
+using Log = std::string;
 using Steps = std::vector<std::string>;
-
-std::string join(Log const& log) {
-    std::string text;
-    for (std::string const& entry : log) {
-        text += (text.empty() ? "" : ", ") + entry;
-    }
-    return text;
-}
 
 /// Both ends of a stream between sockets. What one end sends, the other receives.
 class Pair {
@@ -76,16 +68,10 @@ public:
         char byte = 0;
         EXPECT_EQ(1, recv(m_ends[0], &byte, 1, 0));
     }
-    void closeMine() { closeEnd(m_ends[0]); }
-    void closePeer() { closeEnd(m_ends[1]); }
+    void closeMine() { close(std::exchange(m_ends[0], -1)); }
+    void closePeer() { close(std::exchange(m_ends[1], -1)); }
 
 private:
-    static void closeEnd(int& end) {
-        if (end >= 0) {
-            close(std::exchange(end, -1));
-        }
-    }
-
     int m_ends[2] = {-1, -1};
 };
 
@@ -111,7 +97,7 @@ public:
 
 private:
     void call(char const* name, int fd) {
-        m_log.push_back(m_name + " " + name);
+        m_log += (m_log.empty() ? "" : ", ") + m_name + " " + name;
         last_fd = fd;
         react(name);
     }
@@ -128,15 +114,10 @@ private:
 
 class PollerTest : public testing::Test {
 protected:
-    PollerTest() {
-        m_pipe[0] = s_pipe[0];
-        m_pipe[1] = s_pipe[1];
-    }
-
     /// Returns the number of commands that no cycle has taken yet.
     int countCommands() const {
         int count = -1;
-        EXPECT_EQ(0, ioctl(m_pipe[0], FIONREAD, &count));
+        EXPECT_EQ(0, ioctl(s_pipe[0], FIONREAD, &count));
         return count;
     }
     /// Serves as many cycles as there are commands, so that the next one waits for descriptors alone.
@@ -152,10 +133,10 @@ protected:
         m_other.asked.clear();
     }
     /// Serves one cycle. Returns its calls.
-    std::string cycle() {
+    Log cycle(bool stopped = false) {
         forget();
-        EXPECT_FALSE(m_poller.poll());
-        return join(m_log);
+        EXPECT_EQ(stopped, m_poller.poll());
+        return m_log;
     }
     /// Adds the client with readable data, and serves the command.
     void addReadable() {
@@ -173,7 +154,6 @@ protected:
     TestClient m_other{m_log, "B"};
     TestClient m_third{m_log, "C"};
     Poller m_poller;
-    int m_pipe[2];
 };
 
 // ---- scenarios ----
@@ -204,41 +184,34 @@ protected:
             std::string first;
             std::string second;
             words >> verb >> first >> second;
-            run(verb, first, second, step.substr(std::min(step.size(), verb.size() + 1)));
-        }
-    }
-    void
-    run(std::string const& verb, std::string const& first, std::string const& second,
-        std::string const& rest) {
-        if (verb == "send") {
-            pair(first).send();
-        } else if (verb == "take") {
-            pair(first).take();
-        } else if (verb == "hangup") {
-            pair(first).closePeer();
-        } else if (verb == "close") {
-            pair(first).closeMine();
-        } else if (verb == "add") {
-            m_poller.add(client(first), fd(second));
-        } else if (verb == "remove" && isupper(first[0]) != 0) {
-            m_poller.remove(client(first));
-        } else if (verb == "remove") {
-            m_poller.remove(fd(first));
-        } else if (verb == "stop") {
-            m_poller.stop();
-        } else if (verb == "drain") {
-            drain();
-        } else if (verb == "commands") {
-            EXPECT_EQ(std::stoi(first), countCommands());
-        } else if (verb == "asked") {
-            EXPECT_EQ(std::stoul(second), client(first).asked.size());
-        } else if (verb == "stopped") {
-            forget();
-            EXPECT_TRUE(m_poller.poll());
-            EXPECT_EQ("", join(m_log));
-        } else {
-            EXPECT_EQ("cycle:", verb);
-            EXPECT_EQ(rest, cycle());
+            if (verb == "send") {
+                pair(first).send();
+            } else if (verb == "take") {
+                pair(first).take();
+            } else if (verb == "hangup") {
+                pair(first).closePeer();
+            } else if (verb == "close") {
+                pair(first).closeMine();
+            } else if (verb == "add") {
+                m_poller.add(client(first), fd(second));
+            } else if (verb == "remove" && isupper(first[0]) != 0) {
+                m_poller.remove(client(first));
+            } else if (verb == "remove") {
+                m_poller.remove(fd(first));
+            } else if (verb == "stop") {
+                m_poller.stop();
+            } else if (verb == "drain") {
+                drain();
+            } else if (verb == "commands") {
+                EXPECT_EQ(std::stoi(first), countCommands());
+            } else if (verb == "asked") {
+                EXPECT_EQ(std::stoul(second), client(first).asked.size());
+            } else if (verb == "stopped") {
+                EXPECT_EQ("", cycle(true));
+            } else {
+                Log const calls = cycle();
+                EXPECT_EQ(step, calls.empty() ? "cycle:" : "cycle: " + calls);
+            }
         }
     }
 };
@@ -413,7 +386,7 @@ TEST_F(PollerTest, aCallbackMayServeACycle) {
 
 TEST_F(PollerTest, aCycleWithoutClientsWaitsForACommand) {
     std::thread other([this] { m_poller.stop(); });
-    EXPECT_TRUE(m_poller.poll());
+    EXPECT_EQ("", cycle(true));
     other.join();
 }
 
@@ -650,7 +623,7 @@ TEST_F(PollerTest, aCycleWithoutMemoryThrowsAndLosesNothing) {
             NewFault const no_memory(New::SINGLE, allowed + 1, NewFault::FOREVER);
             served = !m_poller.poll();
         } catch (std::bad_alloc const&) {
-            EXPECT_EQ("", join(m_log)) << "a cycle that fails makes no call";
+            EXPECT_EQ("", m_log) << "a cycle that fails makes no call";
             ++refused;
         }
     }
@@ -776,7 +749,7 @@ TEST(PollerPipe, theDestructorClosesTheReadEndAndThenTheWriteEndAndNoClients) {
     }
     s_closed = nullptr;
     EXPECT_EQ((std::vector<int>{ends[0], ends[1]}), closed);
-    EXPECT_EQ("", join(log)) << "clients are not called";
+    EXPECT_EQ("", log) << "clients are not called";
     EXPECT_GE(fcntl(pair.get(), F_GETFD), 0);
 }
 
@@ -805,7 +778,7 @@ TEST_P(PollerPipeCreation, failureIsFatalButAPollerThatContinuesServesItsClients
         poller.add(client, pair.get());
         poller.stop();
         EXPECT_FALSE(poller.poll());
-        EXPECT_EQ("A read", join(log));
+        EXPECT_EQ("A read", log);
     }
     EXPECT_EQ(before, countDescriptors());
     EXPECT_EQ(
@@ -847,62 +820,64 @@ TEST_F(PollerTest, aCommandThatCannotBeReadIsReadInTheNextCycle) {
 
 // ---- fatal failures, after which a process that survives continues ----
 
-class PollerCommand : public PollerTest, public testing::WithParamInterface<int> {};
+/// A failure in a cycle with a readable client.
+struct FatalRow {
+    std::string name;
+    std::string text;
+    std::function<void()> fail;
+    int poll_error = 0;
+};
 
-TEST_P(PollerCommand, anUnknownOneIsFatal) {
-    addReadable();
-    auto const command = static_cast<unsigned char>(GetParam());
-    ASSERT_EQ(1, write(m_pipe[1], &command, 1));
-    EXPECT_EQ("A read", cycle());
-    EXPECT_EQ(
-        "ABORT framework/src/vesk/posix/Poller poll: vesk::Poller::poll(): unsupported command code " +
-            std::to_string(GetParam()) + " on self-pipe!",
-        m_recorder.getText());
-    EXPECT_EQ(0, countCommands());
+FatalRow unknownCommand(unsigned char command) {
+    return {
+        "command" + std::to_string(command),
+        "vesk::Poller::poll(): unsupported command code " + std::to_string(command) + " on self-pipe!",
+        [command] { ASSERT_EQ(1, write(s_pipe[1], &command, 1)); }};
 }
 
-INSTANTIATE_TEST_SUITE_P(All, PollerCommand, testing::Values(2, 7, 127, 128, 255));
-
-constexpr char const* PIPE_FAILED =
-    "ABORT framework/src/vesk/posix/Poller poll: vesk::Poller::poll: self-pipe failed";
-
-TEST_F(PollerTest, aClosedReadEndIsFatal) {
-    addReadable();
-    int const null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(null, 0);
-    close(m_pipe[0]);
-    EXPECT_EQ("A read", cycle());
-    EXPECT_EQ(PIPE_FAILED, m_recorder.getText());
-    ASSERT_EQ(m_pipe[0], dup2(null, m_pipe[0])); // For the destructor.
-    close(null);
+FatalRow failedPoll(int error) {
+    return {
+        strerrorname_np(error),
+        "vesk::Poller::poll: poll failed, errno=" + std::to_string(error) + " (" + strerror(error) + ")",
+        [] {}, error};
 }
 
-TEST_F(PollerTest, aClosedWriteEndIsFatal) {
-    int const null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    ASSERT_GE(null, 0);
-    ASSERT_EQ(m_pipe[1], dup2(null, m_pipe[1]));
-    close(null);
-    EXPECT_FALSE(m_poller.poll());
-    EXPECT_EQ(PIPE_FAILED, m_recorder.getText());
-}
+class PollerFatal : public PollerTest, public testing::WithParamInterface<FatalRow> {};
 
-class PollerPollRows : public PollerTest, public testing::WithParamInterface<int> {};
-
-TEST_P(PollerPollRows, anyFailureIsFatal) {
+TEST_P(PollerFatal, failureIsFatalAndACycleThatContinuesServesTheReadyDescriptors) {
     addReadable();
+    GetParam().fail();
     {
-        Fault const fault(inject_poll, GetParam());
-        EXPECT_EQ("", cycle()) << "no descriptor is ready";
+        Fault const fault(inject_poll, GetParam().poll_error);
+        EXPECT_EQ(GetParam().poll_error == 0 ? "A read" : "", cycle());
         EXPECT_EQ(1, fault.getCalls()) << "not repeated";
     }
-    EXPECT_EQ(
-        "ABORT framework/src/vesk/posix/Poller poll: vesk::Poller::poll: poll failed, errno=" +
-            std::to_string(GetParam()) + " (" + strerror(GetParam()) + ")",
-        m_recorder.getText());
-    EXPECT_EQ("A read", cycle());
+    EXPECT_EQ("ABORT framework/src/vesk/posix/Poller poll: " + GetParam().text, m_recorder.getText());
+    if (GetParam().name == "closedReadEnd") {
+        ASSERT_EQ(s_pipe[0], open("/dev/null", O_RDONLY | O_CLOEXEC)); // For the destructor.
+        return;
+    }
+    EXPECT_EQ(0, countCommands());
+    if (GetParam().poll_error != 0) {
+        EXPECT_EQ("A read", cycle());
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, PollerPollRows, testing::Values(EINTR, EINVAL, ENOMEM, EFAULT));
+INSTANTIATE_TEST_SUITE_P(
+    All, PollerFatal,
+    testing::Values(
+        unknownCommand(2), unknownCommand(7), unknownCommand(127), unknownCommand(128), unknownCommand(255),
+        failedPoll(EINTR), failedPoll(EINVAL), failedPoll(ENOMEM), failedPoll(EFAULT),
+        FatalRow{
+            "closedReadEnd", "vesk::Poller::poll: self-pipe failed", [] { EXPECT_EQ(0, close(s_pipe[0])); }},
+        FatalRow{
+            "closedWriteEnd", "vesk::Poller::poll: self-pipe failed",
+            [] {
+                int const null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+                ASSERT_EQ(s_pipe[1], dup2(null, s_pipe[1]));
+                close(null);
+            }}),
+    [](auto const& row) { return row.param.name; });
 
 TEST_F(PollerTest, pollEventsRunsWithTheLockLocked) {
     m_client.reactions["asked"] = [this] { m_poller.remove(m_other); };
@@ -944,7 +919,7 @@ TEST(PollerDefault, aLaterReferenceGetsANewOne) {
     pair.send();
     poller->add(client, pair.get());
     EXPECT_FALSE(poller->poll()) << "the old one was stopped";
-    EXPECT_EQ("A read", join(log));
+    EXPECT_EQ("A read", log);
 }
 
 TEST(PollerClass, virtualOperationsOfAClientFollowItsDestructors) {
