@@ -23,31 +23,43 @@ using VanillaQueue = vesk::Dispatcher::VanillaQueue;
 /// The calls, in order, "invoke a; delete a;" for example. Belongs to one thread at a time.
 using Log = std::string;
 
-/// A message that logs its calls and may do some work when it is invoked.
-class TestMessage : public Message {
+/// A message that does some work when it is invoked.
+class Work : public Message {
 public:
-    TestMessage(Log& log, std::string name, std::function<void()> work = {})
-        : m_log(log), m_name(std::move(name)), m_work(std::move(work)) {}
-    ~TestMessage() override { m_log += "delete " + m_name + "; "; }
-
+    explicit Work(std::function<void()> work = {}) : m_work(std::move(work)) {}
     void get_handled_by(Handler* handler) override { handler->handle(*this); }
     void invoke() override {
-        m_log += "invoke " + m_name + "; ";
         if (m_work) {
             m_work();
         }
     }
+
+private:
+    std::function<void()> m_work;
+};
+
+/// A message that logs its calls.
+class TestMessage : public Work {
+public:
+    TestMessage(Log& log, std::string name, std::function<void()> work)
+        : Work(std::move(work)), m_log(log), m_name(std::move(name)) {}
+    ~TestMessage() override { add("delete"); }
+    void invoke() override {
+        add("invoke");
+        Work::invoke();
+    }
     int abort() override {
-        m_log += "abort " + m_name + "; ";
+        add("abort");
         return 0;
     }
 
     void logHandler(std::string const& handler) { m_log += handler + " sees " + m_name + "; "; }
 
 private:
+    void add(char const* call) { m_log += call + (" " + m_name) + "; "; }
+
     Log& m_log;
     std::string m_name;
-    std::function<void()> m_work;
 };
 
 class TestHandler : public Message::Handler {
@@ -70,6 +82,12 @@ private:
 /// The ready-made notifier, which counts its waits.
 class CountingNotifier : public Dispatcher::VanillaNotifier {
 public:
+    void signal() override {
+        if (on_signal) {
+            on_signal();
+        }
+        Dispatcher::VanillaNotifier::signal();
+    }
     void wait() override {
         ++waits;
         Dispatcher::VanillaNotifier::wait();
@@ -82,6 +100,7 @@ public:
     }
 
     std::atomic<int> waits{0};
+    std::function<void()> on_signal;
 };
 
 /// The ready-made queue, which counts its pops.
@@ -90,21 +109,15 @@ public:
     using VanillaQueue::VanillaQueue;
     Message* pop_nonblock() override {
         ++pops;
-        return VanillaQueue::pop_nonblock();
+        Message* const message = VanillaQueue::pop_nonblock();
+        if (on_pop) {
+            std::exchange(on_pop, nullptr)();
+        }
+        return message;
     }
 
     std::atomic<int> pops{0};
-};
-
-/// A message that only does some work.
-class Work : public Message {
-public:
-    explicit Work(std::function<void()> work = [] {}) : m_work(std::move(work)) {}
-    void get_handled_by(Handler* handler) override { handler->handle(*this); }
-    void invoke() override { m_work(); }
-
-private:
-    std::function<void()> m_work;
+    std::function<void()> on_pop; ///< Runs once, after a pop.
 };
 
 /// Counts the messages. Destroyed, it gives a count below 0. The count is not atomic: the dispatcher's lock guards it.
@@ -126,6 +139,16 @@ protected:
         m_first.push(makeStop());
         m_dispatcher.run();
         return m_log;
+    }
+    /// Runs the dispatcher in another thread, and returns when it sleeps.
+    std::thread start() {
+        std::thread loop([this] { m_dispatcher.run(); });
+        m_notifier.awaitWaits(1);
+        return loop;
+    }
+    void stop(std::thread loop) {
+        m_dispatcher.stop();
+        loop.join();
     }
     /// A message that only logs.
     TestMessage* make(std::string name, std::function<void()> work = {}) {
@@ -197,29 +220,14 @@ TEST_F(DispatcherTest, twoStopsDuringARunEndOnlyThatRun) {
 }
 
 TEST_F(DispatcherTest, stopClearsTheFlagBeforeItSignals) {
-    class Watcher : public Dispatcher::Notifier {
-    public:
-        void wait() override {}
-        void signal() override {
-            ++signals;
-            was_running = dispatcher->isRunning();
-        }
-        Dispatcher* dispatcher = nullptr;
-        int signals = 0;
-        bool was_running = true;
-    } watcher;
-    Dispatcher dispatcher(watcher);
-    watcher.dispatcher = &dispatcher;
-    dispatcher.stop();
-    EXPECT_EQ(1, watcher.signals);
-    EXPECT_FALSE(watcher.was_running);
+    std::vector<bool> running;
+    m_notifier.on_signal = [&] { running.push_back(m_dispatcher.isRunning()); };
+    m_dispatcher.stop();
+    EXPECT_EQ((std::vector<bool>{false}), running);
 }
 
 TEST_F(DispatcherTest, aSleepingDispatcherIsStoppedByAnotherThread) {
-    std::thread loop([this] { m_dispatcher.run(); });
-    m_notifier.awaitWaits(1);
-    m_dispatcher.stop();
-    loop.join();
+    stop(start());
     EXPECT_EQ(1, m_first.pops) << "no pass after the stop";
 }
 
@@ -301,35 +309,19 @@ TEST_F(DispatcherTest, aSourceThatAlwaysHasAMessageStarvesLaterOnes) {
 
 TEST_F(DispatcherTest, itSleepsOnlyAfterAPassInWhichEverySourceWasEmpty) {
     m_dispatcher.add_source(m_second);
-    std::thread loop([this] { m_dispatcher.run(); });
-    m_notifier.awaitWaits(1);
+    std::thread loop = start();
     EXPECT_EQ(1, m_first.pops);
     EXPECT_EQ(1, m_second.pops);
     m_second.push(new Message);
     m_notifier.awaitWaits(2);
     EXPECT_EQ(3, m_first.pops) << "asked before the message, and again after it";
     EXPECT_EQ(3, m_second.pops);
-    m_dispatcher.stop();
-    loop.join();
+    stop(std::move(loop));
 }
 
 TEST_F(DispatcherTest, aMessageBetweenTheLastLookAndTheSleepIsNotLost) {
-    /// Puts its message into the queue when the queue has just been found empty.
-    class Latecomer : public Message::Source {
-    public:
-        Latecomer(VanillaQueue& queue, Message* message) : m_queue(queue), m_message(message) {}
-        Message* pop_nonblock() override {
-            if (Message* const message = std::exchange(m_message, nullptr)) {
-                m_queue.push(message);
-            }
-            return nullptr;
-        }
-
-    private:
-        VanillaQueue& m_queue;
-        Message* m_message;
-    } latecomer(m_first, makeStop());
-    m_dispatcher.add_source(latecomer);
+    m_dispatcher.add_source(m_second);
+    m_second.on_pop = [this] { m_first.push(makeStop()); }; // The first queue has just been found empty.
     m_dispatcher.run();
     EXPECT_EQ(m_stop, m_log);
     EXPECT_EQ(1, m_notifier.waits);
@@ -337,11 +329,9 @@ TEST_F(DispatcherTest, aMessageBetweenTheLastLookAndTheSleepIsNotLost) {
 
 TEST_F(DispatcherTest, aSourceAddedTwiceIsAskedTwiceAPass) {
     m_dispatcher.add_source(m_first); // Once more.
-    std::thread loop([this] { m_dispatcher.run(); });
-    m_notifier.awaitWaits(1);
+    std::thread loop = start();
     EXPECT_EQ(2, m_first.pops);
-    m_dispatcher.stop();
-    loop.join();
+    stop(std::move(loop));
 }
 
 TEST_F(DispatcherTest, messagesOfManyThreadsAreAllInvokedInTheOrderOfEach) {
