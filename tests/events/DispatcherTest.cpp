@@ -120,7 +120,8 @@ public:
     std::function<void()> on_pop; ///< Runs once, after a pop.
 };
 
-/// Counts the messages. Destroyed, it gives a count below 0. The count is not atomic: the dispatcher's lock guards it.
+/// Counts the messages. Destroyed, it gives a count below 0. The count is not atomic: the dispatcher's lock
+/// guards it.
 class CountingHandler : public Message::Handler {
 public:
     ~CountingHandler() override { count = -1000000; }

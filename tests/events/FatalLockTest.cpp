@@ -96,7 +96,8 @@ struct Operation {
     char const* name;
     char const* place; ///< In the text of the fatal error.
     void (*run)(Objects&);
-    /// Checks the effect after a failure, and locks again, which is fatal and releases a lock that is still held.
+    /// Checks the effect after a failure, and locks again, which is fatal and releases a lock that is still
+    /// held.
     void (*check)(Objects&) = nullptr;
     int nth_lock = 1;
     int nth_unlock = 1;

@@ -502,7 +502,8 @@ protected:
 TEST_F(PollerStorm, threadsAddAndRemoveWhileAnotherPolls) {
     // Even the smallest pipe has room for a command of each call, so that no thread blocks on it.
     constexpr int ROUNDS = 500;
-    // They outlive the loop: a removed client may still be called, and its descriptor is used until the next cycle.
+    // They outlive the loop: a removed client may still be called, and its descriptor is used until the next
+    // cycle.
     std::vector<Pair> pairs(THREADS);
     std::vector<Acknowledger> clients(THREADS);
     auto const change = [&](size_t i) {

@@ -63,8 +63,8 @@ constexpr int CYCLES = 10'000;
 
 void ignore(int, void*) {}
 
-/// Makes and destroys catchers in several threads at once, one signal a thread. With a lock each is the first and the
-/// last of the process.
+/// Makes and destroys catchers in several threads at once, one signal a thread. With a lock each is the first
+/// and the last of the process.
 void cycle(int cycles, std::mutex* lock) {
     std::atomic<int> ready{0};
     std::vector<std::thread> threads;

@@ -63,8 +63,8 @@ protected:
     SignalQueue queue{notifier};
 };
 
-/// A sequence of steps: "on", "off" and "push" with signals, "pop" with the signals of all messages there are,
-/// and "pop1" with that of the next one.
+/// A sequence of steps: "on", "off" and "push" with signals, "pop" with the signals of all messages there
+/// are, and "pop1" with that of the next one.
 struct Scenario {
     char const* name;
     std::vector<std::string> steps;

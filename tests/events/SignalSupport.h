@@ -30,8 +30,8 @@
 #include <utility>
 #include <vector>
 
-/// Support for tests of signals and self-pipes. Must be included in exactly one file of a test program, because
-/// it replaces `pipe`.
+/// Support for tests of signals and self-pipes. Must be included in exactly one file of a test program,
+/// because it replaces `pipe`.
 
 namespace support {
 

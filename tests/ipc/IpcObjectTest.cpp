@@ -11,8 +11,8 @@
 #include <tuple>
 #include <type_traits>
 
-/// What the servers and clients of message queues, semaphores and shared memory have in common: names, errors of
-/// opening and creation, removal of names, close, and destruction.
+/// What the servers and clients of message queues, semaphores and shared memory have in common: names, errors
+/// of opening and creation, removal of names, close, and destruction.
 
 namespace {
 
@@ -203,8 +203,8 @@ protected:
         }
         return reports;
     }
-    /// Does what a failed close of a closed or destroyed object did not. The system counts how often a process has
-    /// opened a semaphore.
+    /// Does what a failed close of a closed or destroyed object did not. The system counts how often a
+    /// process has opened a semaphore.
     void closeForIt() const {
         if (&m_kind == &SEMAPHORE) {
             sem_t* const semaphore = sem_open(m_name.getSystemName().c_str(), 0);

@@ -36,7 +36,8 @@ ExpectedReport reportOf(Id id, char const* text) {
     return {id, rowText(id, text)};
 }
 
-/// One of the three kinds of named objects: its replaced calls, and access to its objects by their names alone.
+/// One of the three kinds of named objects: its replaced calls, and access to its objects by their names
+/// alone.
 struct IpcKind {
     char const* name;
     Injected& open;

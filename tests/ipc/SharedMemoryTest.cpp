@@ -319,7 +319,8 @@ protected:
         ASSERT_FALSE(m_shm.create(m_name, size, strategy));
         ASSERT_TRUE(m_shm.isValid());
     }
-    /// Makes memory of the name, of a page that begins with a text, which is closed when the function returns.
+    /// Makes memory of the name, of a page that begins with a text, which is closed when the function
+    /// returns.
     void makeOther(std::string text = "old", unsigned int size = 4096) const {
         SharedMemoryServer other;
         ASSERT_FALSE(other.create(m_name, size, Creatable::CREATE_NEW));

@@ -6,8 +6,8 @@
 #include <semaphore.h>
 #include <utility>
 
-/// Replaces the system calls below semaphores: a `support::Fault` makes them fail. Must be included in exactly
-/// one file of a test program.
+/// Replaces the system calls below semaphores: a `support::Fault` makes them fail. Must be included in
+/// exactly one file of a test program.
 
 namespace support {
 
