@@ -855,7 +855,11 @@ TEST_P(PollerFatal, failureIsFatalAndACycleThatContinuesServesTheReadyDescriptor
     }
     EXPECT_EQ("ABORT framework/src/vesk/posix/Poller poll: " + GetParam().text, m_recorder.getText());
     if (GetParam().name == "closedReadEnd") {
-        ASSERT_EQ(s_pipe[0], open("/dev/null", O_RDONLY | O_CLOEXEC)); // For the destructor.
+        int const null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        ASSERT_EQ(s_pipe[0], dup2(null, s_pipe[0])); // For the destructor.
+        if (null != s_pipe[0]) {
+            close(null);
+        }
         return;
     }
     EXPECT_EQ(0, countCommands());

@@ -158,7 +158,7 @@ protected:
     /// Opens the object of the test's name. That of a client is made by another object.
     void openIt() {
         provide(m_name);
-        m_descriptor = dup(STDIN_FILENO); // The number that a queue or shared memory gets.
+        m_descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC); // The number that a queue or memory gets.
         close(m_descriptor);
         ASSERT_FALSE(open(m_name));
         ASSERT_TRUE(m_object->isValid());
