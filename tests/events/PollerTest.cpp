@@ -2,7 +2,6 @@
 #include "SignalSupport.h"
 #include "support/AllocationCounter.h"
 #include "support/Descriptors.h"
-#include "support/EventRecorder.h"
 #include "support/NewFault.h"
 #include "support/Privileges.h"
 #include "support/VtableSlot.h"

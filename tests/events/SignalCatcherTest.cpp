@@ -1,6 +1,5 @@
 #include "FatalSupport.h"
 #include "SignalSupport.h"
-#include "support/EventRecorder.h"
 #include "support/Privileges.h"
 
 #include <tarncommon/error/ErrorStorage.h>
@@ -68,19 +67,13 @@ private:
     sigset_t m_set{};
 };
 
-class SignalCatcherTest : public testing::Test {
+class SignalCatcherTest : public SignalTest {
 protected:
     void TearDown() override {
-        EXPECT_EQ(expected_events, events.getText());
-        EXPECT_FALSE(std::ErrorStorage::isError(true));
+        SignalTest::TearDown();
         EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
     }
 
-    /// Checks that there were exactly these events, and no others until the end of the test.
-    void expectEvents(std::string const& text) {
-        EXPECT_EQ(text, events.getText());
-        expected_events = text;
-    }
     /// Raises a signal and waits for its call.
     void raiseAndWait(int signal) {
         size_t const calls = log.getCount();
@@ -96,12 +89,6 @@ protected:
     std::unique_ptr<SignalCatcher> makeQueued(int signal) {
         return std::make_unique<SignalCatcher>(signal, queue, CallLog::record, &log);
     }
-
-    EventRecorder events;
-    std::string expected_events;
-    CallLog log;
-    CountingNotifier notifier;
-    SignalQueue queue{notifier};
 };
 
 // ---- from the signal to the callback ----

@@ -2,7 +2,6 @@
 #include "SignalSupport.h"
 #include "support/AllocationCounter.h"
 #include "support/ErrorRow.h"
-#include "support/EventRecorder.h"
 #include "support/FailOnce.h"
 #include "support/Privileges.h"
 #include "support/Sanitizers.h"

@@ -1,10 +1,8 @@
 #include "SignalSupport.h"
 #include "support/AllocationCounter.h"
-#include "support/EventRecorder.h"
 #include "support/NewFault.h"
 #include "support/VtableSlot.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/SignalQueue.h>
 
 #include <climits>
@@ -30,14 +28,8 @@ using Signals = std::vector<int>;
 
 void ignore(int, void*) {}
 
-class SignalQueueTest : public testing::Test {
+class SignalQueueTest : public SignalTest {
 protected:
-    void TearDown() override {
-        EXPECT_EQ(expected_events, events.getText());
-        EXPECT_FALSE(std::ErrorStorage::isError(true));
-        popAll(queue);
-    }
-
     bool sign_on(int signal) { return queue.sign_on(signal, CallLog::record, &log); }
 
     /// Pops and invokes a message. Returns false if there is none.
@@ -50,17 +42,6 @@ protected:
         signals.erase(signals.begin(), signals.begin() + static_cast<ptrdiff_t>(before));
         return signals;
     }
-    /// Checks that there were exactly these events, and no others until the end of the test.
-    void expectEvents(std::string const& text) {
-        EXPECT_EQ(text, events.getText());
-        expected_events = text;
-    }
-
-    EventRecorder events;
-    std::string expected_events;
-    CallLog log;
-    CountingNotifier notifier;
-    SignalQueue queue{notifier};
 };
 
 /// A sequence of steps: "on", "off" and "push" with signals, "pop" with the signals of all messages there

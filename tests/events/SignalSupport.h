@@ -1,10 +1,12 @@
 #pragma once
 
 #include "support/Child.h"
+#include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Processes.h"
 #include "support/Threads.h"
 
+#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/SignalQueue.h>
 
 #include <gtest/gtest.h>
@@ -235,6 +237,28 @@ inline int popAll(vesk::SignalQueue& queue) {
     }
     return count;
 }
+
+/// A test of a queue without a dispatcher. Events are failures, except for those that the test expects.
+class SignalTest : public testing::Test {
+protected:
+    void TearDown() override {
+        EXPECT_EQ(expected_events, events.getText());
+        EXPECT_FALSE(std::ErrorStorage::isError(true));
+        popAll(queue);
+    }
+
+    /// Checks that there were exactly these events, and no others until the end of the test.
+    void expectEvents(std::string const& text) {
+        EXPECT_EQ(text, events.getText());
+        expected_events = text;
+    }
+
+    EventRecorder events;
+    std::string expected_events;
+    CallLog log;
+    CountingNotifier notifier;
+    vesk::SignalQueue queue{notifier};
+};
 
 /// Runs `body` in a child that uses all descriptors below `free`, so that it is the next one.
 inline ChildEnd runWithDescriptors(int free, std::function<void()> const& body) {
