@@ -2,8 +2,6 @@
 
 #include <vesk/Message.h>
 
-#include <gtest/gtest.h>
-
 #include <type_traits>
 
 namespace {
@@ -31,30 +29,45 @@ public:
     Message* last = nullptr;
 };
 
-/// Dismisses what may be null. The compiler neither sees the value nor checks the call.
-__attribute__((noinline, no_sanitize("undefined"))) void dismissWhatMayBeNull(Message* volatile pointer) {
+/// Dismisses a message that may be null. The compiler neither sees the value nor checks the call.
+__attribute__((noinline, no_sanitize("undefined"))) void dismissPossiblyNull(Message* volatile pointer) {
     Message* const message = pointer;
     message->Message::dismiss();
 }
 
-TEST(Message, dismissDeletesTheObjectThroughItsVirtualDestructor) {
-    int deleted = 0;
-    Message* const message = new CountingMessage(deleted);
-    message->dismiss();
-    EXPECT_EQ(1, deleted);
+class MessageTest : public testing::Test {
+protected:
+    int m_deleted = 0;
+    Message* m_message = new CountingMessage(m_deleted);
+};
+
+TEST_F(MessageTest, dismissDeletesTheObjectThroughItsVirtualDestructor) {
+    m_message->dismiss();
+    EXPECT_EQ(1, m_deleted);
 }
 
-TEST(Message, qualifiedDismissDeletesTheObjectToo) {
-    int deleted = 0;
-    dismissWhatMayBeNull(new CountingMessage(deleted));
-    EXPECT_EQ(1, deleted);
+TEST_F(MessageTest, qualifiedDismissDeletesTheObjectToo) {
+    dismissPossiblyNull(m_message);
+    EXPECT_EQ(1, m_deleted);
 }
 
-TEST(Message, dismissOnANullPointerReturnsWithoutEffect) {
-    dismissWhatMayBeNull(nullptr);
-    int deleted = 0;
-    dismissWhatMayBeNull(new CountingMessage(deleted));
-    EXPECT_EQ(1, deleted) << "it can be used as before";
+TEST_F(MessageTest, dismissOnANullPointerReturnsWithoutEffect) {
+    dismissPossiblyNull(nullptr);
+    EXPECT_EQ(0, m_deleted);
+    dismissPossiblyNull(m_message);
+    EXPECT_EQ(1, m_deleted);
+}
+
+TEST_F(MessageTest, baseInvokesNothingAndStays) {
+    m_message->invoke();
+    EXPECT_EQ(0, m_deleted);
+    m_message->dismiss();
+}
+
+TEST_F(MessageTest, baseAbortsWithZeroAndStays) {
+    EXPECT_EQ(0, m_message->abort());
+    EXPECT_EQ(0, m_deleted);
+    m_message->dismiss();
 }
 
 TEST(Message, aMessageThatOverridesDismissStays) {
@@ -74,23 +87,7 @@ TEST(Message, baseIsNotHandledByAHandler) {
     EXPECT_EQ(0, handler.count);
 }
 
-TEST(Message, baseInvokesNothingAndLives) {
-    int deleted = 0;
-    Message* const message = new CountingMessage(deleted);
-    message->invoke();
-    EXPECT_EQ(0, deleted);
-    message->dismiss();
-}
-
-TEST(Message, baseAbortsWithZeroAndLives) {
-    int deleted = 0;
-    Message* const message = new CountingMessage(deleted);
-    EXPECT_EQ(0, message->abort());
-    EXPECT_EQ(0, deleted);
-    message->dismiss();
-}
-
-TEST(Message, aDerivedOneShowsItselfToTheHandler) {
+TEST(Message, aDerivedMessagePassesItselfToTheHandler) {
     class Shown : public Message {
         void get_handled_by(Handler* handler) override { handler->handle(*this); }
     } shown;
@@ -112,7 +109,7 @@ TEST(MessageCallback, invokeCallsTheFunctionWithItsData) {
     EXPECT_EQ(2, calls);
 }
 
-TEST(MessageCallback, nullDataIsHandedOn) {
+TEST(MessageCallback, nullDataIsPassedOn) {
     static void const* s_seen;
     s_seen = &s_seen;
     Message::Callback callback([](void* data) { s_seen = data; }, nullptr);
@@ -135,9 +132,9 @@ TEST(MessageSlots, virtualOperationsFollowTheDestructorsInTheirOrder) {
 }
 
 TEST(MessageSlots, interfacesArePureAndHaveVirtualDestructors) {
-    EXPECT_TRUE(std::is_abstract_v<Message::Source>);
-    EXPECT_TRUE(std::is_abstract_v<Message::Sink>);
-    EXPECT_TRUE(std::is_abstract_v<Message::Handler>);
+    EXPECT_TRUE(
+        std::is_abstract_v<Message::Source> && std::is_abstract_v<Message::Sink> &&
+        std::is_abstract_v<Message::Handler>);
     EXPECT_FALSE(std::is_abstract_v<Message>);
     EXPECT_TRUE(std::has_virtual_destructor_v<Message::Source>);
     EXPECT_TRUE(std::has_virtual_destructor_v<Message::Sink>);

@@ -1,64 +1,25 @@
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/Processes.h"
-
+#include "FatalSupport.h"
 #include "SignalSupport.h"
+#include "support/Privileges.h"
 
+#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
 #include <vesk/Timer.h>
 
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <climits>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
-#include <fcntl.h>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <ostream>
-#include <pthread.h>
 #include <stdexcept>
-#include <string>
-#include <sys/resource.h>
-#include <thread>
 #include <type_traits>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 namespace {
-// The pipe that was made last, and how many there were.
-int s_pipe[2] = {-1, -1};
-std::atomic<int> s_pipes{0};
-// Called once each, at the next call of sigaction.
+// Each runs once, in the next call of sigaction.
 std::function<void()> s_before_sigaction;
 std::function<void()> s_after_sigaction;
-// What a sigaction that fails tells of the old action.
+// The old action that a failed sigaction returns, if it is set.
 struct sigaction const* s_old_of_failure = nullptr;
 } // namespace
-
-support::Injected inject_pipe("pipe");
-extern "C" VESK_UNWATCHED int pipe(int* ends) {
-    using Function = int (*)(int*);
-    auto const real = reinterpret_cast<Function>(inject_pipe.getReal());
-    if (!support::isOfLibrary(__builtin_return_address(0))) {
-        return real(ends);
-    }
-    int const result = real(ends);
-    s_pipe[0] = ends[0];
-    s_pipe[1] = ends[1];
-    ++s_pipes;
-    return result;
-}
 
 support::Injected inject_sigaction("sigaction");
 extern "C" VESK_UNWATCHED int
@@ -84,17 +45,7 @@ sigaction(int signal, struct sigaction const* action, struct sigaction* old) noe
 
 namespace {
 
-using support::ActionGuard;
-using support::CallLog;
-using support::ChildEnd;
-using support::countThreads;
-using support::EventRecorder;
-using support::Fault;
-using support::g_threads_at_start;
-using support::getAction;
-using support::getThreadId;
-using support::runInChild;
-using support::waitUntil;
+using namespace support;
 using vesk::Dispatcher;
 using vesk::SignalCatcher;
 using vesk::SignalDispatcher;
@@ -102,277 +53,225 @@ using vesk::SignalQueue;
 using Handler = std::GlobalErrorHandler;
 using Signals = std::vector<int>;
 
-/// Counts its signals, for a queue that no dispatcher serves. Signal handlers call it.
-class CountingNotifier : public Dispatcher::Notifier {
+/// A set with one signal.
+class SignalSet {
 public:
-    void wait() override { FAIL() << "nobody waits here"; }
-    void signal() override { ++signals; }
-
-    std::atomic<int> signals{0};
-};
-
-/// Pops all messages of a queue and carries them out. Gives their number.
-int popAll(SignalQueue& queue) {
-    int count = 0;
-    while (vesk::Message* const message = queue.pop_nonblock()) {
-        message->invoke();
-        message->dismiss();
-        ++count;
+    explicit SignalSet(int signal) {
+        sigemptyset(&m_set);
+        sigaddset(&m_set, signal);
     }
-    return count;
-}
-
-/// Something that blocks until it is opened.
-class Gate {
-public:
-    void open() {
-        std::lock_guard<std::mutex> const guard(m_mutex);
-        m_open = true;
-        m_changed.notify_all();
-    }
-    bool pass() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, support::DEADLINE, [this] { return m_open; });
-    }
+    void block() const { ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &m_set, nullptr)); }
+    void unblock() const { ASSERT_EQ(0, pthread_sigmask(SIG_UNBLOCK, &m_set, nullptr)); }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_open = false;
+    sigset_t m_set{};
 };
 
-class SignalCatcherTest : public testing::Test {
+class SignalCatcherTest : public SignalTest {
 protected:
     void TearDown() override {
-        EXPECT_FALSE(std::ErrorStorage::isError(true));
+        SignalTest::TearDown();
         EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
     }
 
-    CallLog log;
+    /// Raises a signal and waits for its call.
+    void raiseAndWait(int signal) {
+        size_t const calls = log.getCount();
+        raise(signal);
+        EXPECT_TRUE(log.waitFor(calls + 1));
+    }
+
+    /// Makes a catcher that logs its calls.
+    std::unique_ptr<SignalCatcher> make(int signal) {
+        return std::make_unique<SignalCatcher>(signal, CallLog::record, &log);
+    }
+    /// Makes a catcher with the test's own queue, which no dispatcher serves.
+    std::unique_ptr<SignalCatcher> makeQueued(int signal) {
+        return std::make_unique<SignalCatcher>(signal, queue, CallLog::record, &log);
+    }
 };
 
-// ---- the road of a signal ----
+// ---- from the signal to the callback ----
 
-TEST_F(SignalCatcherTest, CallsBackForASignalToTheProcess) {
-    SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
+TEST_F(SignalCatcherTest, callsBackForASignalToTheProcess) {
+    auto const catcher = make(SIGUSR1);
     EXPECT_EQ(0, kill(getpid(), SIGUSR1));
     EXPECT_TRUE(log.waitFor(1));
     EXPECT_EQ((Signals{SIGUSR1}), log.getSignals());
 }
 
-TEST_F(SignalCatcherTest, CallsBackForASignalToAThreadOnAnotherOne) {
-    SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
+TEST_F(SignalCatcherTest, callsBackOnAnotherThreadForASignalToAThread) {
+    auto const catcher = make(SIGUSR1);
     EXPECT_EQ(0, pthread_kill(pthread_self(), SIGUSR1));
     EXPECT_TRUE(log.waitFor(1));
     EXPECT_NE(getThreadId(), log.getCalls()[0].thread);
 }
 
-TEST_F(SignalCatcherTest, CallsBackOutsideOfSignalContextOnTheThreadOfThatName) {
-    struct Seen {
-        CallLog& log;
-        char name[16];
-        sigset_t blocked;
-    } seen{log, {}, {}};
-    SignalCatcher const catcher(
-        SIGUSR1,
-        [](int signal, void* data) {
-            auto& self = *static_cast<Seen*>(data);
-            pthread_getname_np(pthread_self(), self.name, sizeof self.name);
-            pthread_sigmask(SIG_SETMASK, nullptr, &self.blocked);
-            CallLog::record(signal, &self.log);
-        },
-        &seen);
-    raise(SIGUSR1);
-    ASSERT_TRUE(log.waitFor(1));
+TEST_F(SignalCatcherTest, callsBackOutsideOfSignalContextOnTheThreadOfTheDispatcher) {
+    char name[16] = "";
+    sigset_t blocked{};
+    Callback callback{[&](int signal) {
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+        CallLog::record(signal, &log);
+    }};
+    SignalCatcher const catcher(SIGUSR1, Callback::run, &callback);
+    raiseAndWait(SIGUSR1);
     // The system shows the end of "vesk::SignalDispatcher".
-    EXPECT_STREQ("ignalDispatcher", seen.name);
-    EXPECT_EQ(0, sigismember(&seen.blocked, SIGUSR1));
-    EXPECT_EQ(0, sigismember(&seen.blocked, SIGUSR2));
+    EXPECT_STREQ("ignalDispatcher", name);
+    EXPECT_EQ(0, sigismember(&blocked, SIGUSR1));
+    EXPECT_EQ(0, sigismember(&blocked, SIGUSR2));
 }
 
-TEST_F(SignalCatcherTest, HandlesTheSignalInTheThreadThatGotItWithAllSignalsBlocked) {
-    struct LookingNotifier : Dispatcher::Notifier {
-        void wait() override {}
-        void signal() override {
-            thread = getThreadId();
-            pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-        }
-        std::atomic<pid_t> thread{0};
-        sigset_t blocked{};
-    } notifier;
-    SignalQueue queue(notifier);
-    SignalCatcher const catcher(SIGUSR1, queue, CallLog::record, &log);
+TEST_F(SignalCatcherTest, handlesTheSignalInTheThreadThatReceivesItWithAllSignalsBlocked) {
+    std::atomic<pid_t> thread{0};
+    sigset_t blocked{};
+    notifier.on_signal = [&] {
+        thread = getThreadId();
+        pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    };
+    auto const catcher = makeQueued(SIGUSR1);
     raise(SIGUSR1);
-    EXPECT_EQ(getThreadId(), notifier.thread);
-    for (int signal = 1; signal < SIGRTMIN; ++signal) {
-        if (signal != SIGKILL && signal != SIGSTOP && signal < 32) {
-            EXPECT_EQ(1, sigismember(&notifier.blocked, signal)) << signal;
-        }
+    EXPECT_EQ(getThreadId(), thread);
+    for (int signal = 1; signal < 32; ++signal) {
+        EXPECT_EQ(signal != SIGKILL && signal != SIGSTOP, sigismember(&blocked, signal) == 1) << signal;
     }
-    EXPECT_EQ(1, sigismember(&notifier.blocked, SIGRTMIN));
+    EXPECT_EQ(1, sigismember(&blocked, SIGRTMIN));
     EXPECT_EQ(1, popAll(queue));
 }
 
-TEST_F(SignalCatcherTest, CallsBackOnceForEachRealTimeSignalThatWaited) {
+TEST_F(SignalCatcherTest, callsBackOnceForEachPendingRealTimeSignal) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "ThreadSanitizer merges signals of one number that wait, as if they were standard ones";
 #endif
     int const signal = SIGRTMIN + 5;
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, signal);
-    ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &set, nullptr)); // Also in the dispatcher's thread.
-    SignalCatcher const catcher(signal, CallLog::record, &log);
+    SignalSet const set(signal);
+    set.block(); // Also in the dispatcher's thread.
+    auto const catcher = make(signal);
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(0, sigqueue(getpid(), signal, sigval{}));
     }
     EXPECT_EQ(0u, log.getCount());
-    ASSERT_EQ(0, pthread_sigmask(SIG_UNBLOCK, &set, nullptr));
+    set.unblock();
     EXPECT_TRUE(log.waitFor(10));
-    // What comes after the next one would be too many.
+    // Any call too many would come before that of the next signal.
     EXPECT_EQ(0, sigqueue(getpid(), signal, sigval{}));
     EXPECT_TRUE(log.waitFor(11));
     EXPECT_EQ(11u, log.getCount());
 }
 
-TEST_F(SignalCatcherTest, CallsBackOnceForStandardSignalsThatTheKernelMerged) {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGUSR1);
-    ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &set, nullptr));
-    SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
-    SignalCatcher const later(SIGUSR2, CallLog::record, &log);
+TEST_F(SignalCatcherTest, callsBackOnceForStandardSignalsThatTheKernelMerged) {
+    SignalSet const set(SIGUSR1);
+    set.block();
+    auto const catcher = make(SIGUSR1);
+    auto const later = make(SIGUSR2);
     for (int i = 0; i < 3; ++i) {
         kill(getpid(), SIGUSR1);
     }
-    ASSERT_EQ(0, pthread_sigmask(SIG_UNBLOCK, &set, nullptr));
-    // A higher number, so it is behind whatever waits of the lower one.
+    set.unblock();
+    // A higher number: it comes after pending signals of the lower one.
     raise(SIGUSR2);
     EXPECT_TRUE(log.waitFor(2));
     EXPECT_EQ((Signals{SIGUSR1, SIGUSR2}), log.getSignals());
 }
 
-TEST_F(SignalCatcherTest, CallsBackInTheOrderOfTheNumbersAfterASlowCallback) {
-    struct Slow {
-        CallLog& log;
-        Gate gate;
-        std::atomic<bool> entered{false};
-    } slow{log, {}, {false}};
-    SignalCatcher const slow_catcher(
-        SIGWINCH,
-        [](int signal, void* data) {
-            auto& self = *static_cast<Slow*>(data);
-            self.entered = true;
-            EXPECT_TRUE(self.gate.pass());
-            CallLog::record(signal, &self.log);
-        },
-        &slow);
-    SignalCatcher const third(SIGUSR2, CallLog::record, &log);
-    SignalCatcher const second(SIGUSR1, CallLog::record, &log);
-    SignalCatcher const first(SIGHUP, CallLog::record, &log);
+TEST_F(SignalCatcherTest, callsBackInTheOrderOfTheNumbersAfterASlowCallback) {
+    HeldCallback slow;
+    SignalCatcher const slow_catcher(SIGWINCH, HeldCallback::run, &slow);
+    auto const third = make(SIGUSR2);
+    auto const second = make(SIGUSR1);
+    auto const first = make(SIGHUP);
     raise(SIGWINCH);
-    EXPECT_TRUE(waitUntil([&] { return slow.entered.load(); }));
-    raise(SIGUSR2);
-    raise(SIGUSR1);
-    raise(SIGUSR2);
-    raise(SIGHUP);
+    slow.awaitEntry();
+    for (int const signal : {SIGUSR2, SIGUSR1, SIGUSR2, SIGHUP}) {
+        raise(signal);
+    }
     EXPECT_EQ(0u, log.getCount());
-    slow.gate.open();
-    EXPECT_TRUE(log.waitFor(5));
-    EXPECT_EQ((Signals{SIGWINCH, SIGHUP, SIGUSR1, SIGUSR2, SIGUSR2}), log.getSignals());
+    slow.released = true;
+    EXPECT_TRUE(log.waitFor(4));
+    EXPECT_EQ((Signals{SIGWINCH}), slow.log.getSignals());
+    EXPECT_EQ((Signals{SIGHUP, SIGUSR1, SIGUSR2, SIGUSR2}), log.getSignals());
 }
 
-TEST_F(SignalCatcherTest, RestartsTheSystemCallThatTheHandlerInterrupted) {
+TEST_F(SignalCatcherTest, restartsTheSystemCallThatTheHandlerInterrupted) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "ThreadSanitizer keeps a signal until the system call has returned";
 #endif
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
-    SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
-    std::atomic<pid_t> reader{0};
+    auto const catcher = make(SIGUSR1);
     ssize_t result = 0;
-    std::thread thread([&] {
-        reader = getThreadId();
+    Sleeper reader([&] {
         char byte = 0;
         result = read(ends[0], &byte, 1);
     });
-    EXPECT_TRUE(waitUntil([&] { return reader != 0; }));
-    support::waitUntilAsleep(getpid(), reader);
-    EXPECT_EQ(0, pthread_kill(thread.native_handle(), SIGUSR1));
+    reader.awaitSleep();
+    reader.kill(SIGUSR1);
     EXPECT_TRUE(log.waitFor(1));
-    support::waitUntilAsleep(getpid(), reader);
+    reader.awaitSleep();
     EXPECT_EQ(1, write(ends[1], "x", 1));
-    thread.join();
+    reader.join();
     EXPECT_EQ(1, result);
     close(ends[0]);
     close(ends[1]);
 }
 
-TEST_F(SignalCatcherTest, LeavesTheErrorNumberOfTheInterruptedCodeAlone) {
-    struct SpoilingNotifier : Dispatcher::Notifier {
-        void wait() override {}
-        void signal() override { errno = EAGAIN; }
-    } notifier;
-    SignalQueue queue(notifier);
-    SignalCatcher const catcher(SIGUSR1, queue, CallLog::record, &log);
+TEST_F(SignalCatcherTest, keepsTheErrorNumberOfTheInterruptedCode) {
+    notifier.on_signal = [] { errno = EAGAIN; };
+    auto const catcher = makeQueued(SIGUSR1);
     errno = EDOM;
     raise(SIGUSR1);
     EXPECT_EQ(EDOM, errno);
     EXPECT_EQ(1, popAll(queue));
 }
 
-TEST_F(SignalCatcherTest, GivesEachCallbackItsOwnData) {
+TEST_F(SignalCatcherTest, passesItsOwnDataToEachCallback) {
     CallLog other;
-    SignalCatcher const first(SIGUSR1, CallLog::record, &log);
+    auto const first = make(SIGUSR1);
     SignalCatcher const second(SIGUSR2, CallLog::record, &other);
     raise(SIGUSR2);
     EXPECT_TRUE(other.waitFor(1));
-    raise(SIGUSR1);
-    EXPECT_TRUE(log.waitFor(1));
+    raiseAndWait(SIGUSR1);
     EXPECT_EQ((Signals{SIGUSR1}), log.getSignals());
     EXPECT_EQ((Signals{SIGUSR2}), other.getSignals());
 }
 
 // ---- the action ----
 
-TEST_F(SignalCatcherTest, InstallsItsHandlerWithAFullMaskAndRestartAlone) {
-    SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
+TEST_F(SignalCatcherTest, installsItsHandlerWithAFullMaskAndOnlyTheRestartFlag) {
+    auto const catcher = make(SIGUSR1);
     struct sigaction const action = getAction(SIGUSR1);
     EXPECT_EQ(&SignalCatcher::enqueue_signal, action.sa_handler);
-    constexpr int SA_OF_LIBC = 0x04000000; // Tells the kernel how to return.
+    constexpr int SA_OF_LIBC = 0x04000000; // Says to the kernel how to return.
     EXPECT_EQ(SA_RESTART, action.sa_flags & ~SA_OF_LIBC);
     for (int signal = 1; signal < vesk::TARN_NSIGNALS; ++signal) {
-        // The kernel takes out what cannot be blocked; 32 and 33 are between libc and itself.
+        // The kernel removes signals that cannot be blocked; libc uses 32 and 33 itself.
         if (signal != SIGKILL && signal != SIGSTOP && (signal < 32 || signal >= SIGRTMIN)) {
             EXPECT_EQ(1, sigismember(&action.sa_mask, signal)) << signal;
         }
     }
 }
 
+auto const nameOf = [](auto const& row) { return row.param.name; };
+
 struct Quiet {
     char const* name;
     void (*handler)(int);
     int flags;
 };
-void PrintTo(Quiet const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class SignalCatcherQuietActionTest : public SignalCatcherTest, public testing::WithParamInterface<Quiet> {};
 
-TEST_P(SignalCatcherQuietActionTest, ComesBackAtTheEnd) {
+TEST_P(SignalCatcherQuietActionTest, isRestoredByTheDestructor) {
     ActionGuard const guard(SIGUSR1, GetParam().handler, GetParam().flags);
     struct sigaction const before = getAction(SIGUSR1);
-    EventRecorder const events;
     {
-        SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
-        raise(SIGUSR1);
-        EXPECT_TRUE(log.waitFor(1));
+        auto const catcher = make(SIGUSR1);
+        raiseAndWait(SIGUSR1);
     }
     struct sigaction const after = getAction(SIGUSR1);
     EXPECT_EQ(before.sa_handler, after.sa_handler);
     EXPECT_EQ(before.sa_flags, after.sa_flags);
-    EXPECT_EQ("", events.getText());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -381,16 +280,17 @@ INSTANTIATE_TEST_SUITE_P(
         Quiet{"Default", SIG_DFL, 0}, Quiet{"Ignored", SIG_IGN, 0},
         Quiet{"DefaultWithFlags", SIG_DFL, SA_NODEFER}, Quiet{"DefaultWithSiginfo", SIG_DFL, SA_SIGINFO},
         Quiet{"IgnoredWithSiginfo", SIG_IGN, SA_SIGINFO}),
-    [](auto const& row) { return std::string(row.param.name); });
+    nameOf);
 
-std::atomic<int> s_old_handlers_calls{0};
+std::atomic<int> s_old_calls{0};
 void oldHandler(int) {
-    ++s_old_handlers_calls;
+    ++s_old_calls;
 }
 void oldAction(int, siginfo_t*, void*) {
-    ++s_old_handlers_calls;
+    ++s_old_calls;
 }
 
+/// Returns the action of a handler that is not the library's.
 struct sigaction makeOld(bool siginfo) {
     struct sigaction action {};
     if (siginfo) {
@@ -412,60 +312,54 @@ constexpr char const* OLD_ACTION = "ASSERT framework/src/vesk/SignalCatcherImpl-
 
 class SignalCatcherOldHandlerTest : public SignalCatcherTest, public testing::WithParamInterface<bool> {
 protected:
-    bool hasSiginfo() const { return GetParam(); }
-    char const* getText() const { return hasSiginfo() ? OLD_ACTION : OLD_HANDLER; }
+    void install() {
+        ASSERT_EQ(0, sigaction(SIGUSR1, &m_old, nullptr));
+        s_old_calls = 0;
+    }
+
+    struct sigaction const m_old = makeOld(GetParam());
+    char const* const m_text = GetParam() ? OLD_ACTION : OLD_HANDLER;
 };
 
-TEST_P(SignalCatcherOldHandlerTest, IsAnAssertionAndIsNotCalledButComesBack) {
+TEST_P(SignalCatcherOldHandlerTest, isAnAssertionAndIsNotCalledButRestored) {
     ActionGuard const guard(SIGUSR1);
-    struct sigaction const old = makeOld(hasSiginfo());
-    ASSERT_EQ(0, sigaction(SIGUSR1, &old, nullptr));
-    s_old_handlers_calls = 0;
+    install();
     {
-        EventRecorder const events;
-        SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
-        EXPECT_EQ(getText(), events.getText());
-        raise(SIGUSR1);
-        EXPECT_TRUE(log.waitFor(1));
+        auto const catcher = make(SIGUSR1);
+        expectEvents(m_text);
+        raiseAndWait(SIGUSR1);
     }
-    EXPECT_EQ(0, s_old_handlers_calls);
+    EXPECT_EQ(0, s_old_calls);
     raise(SIGUSR1);
-    EXPECT_EQ(1, s_old_handlers_calls);
+    EXPECT_EQ(1, s_old_calls);
     EXPECT_EQ(1u, log.getCount());
 }
 
-TEST_P(SignalCatcherOldHandlerTest, IsAnAssertionAlsoIfTheSystemRefuses) {
-    struct sigaction const old = makeOld(hasSiginfo());
-    s_old_of_failure = &old;
+TEST_P(SignalCatcherOldHandlerTest, isAnAssertionAlsoIfTheSystemRefuses) {
+    s_old_of_failure = &m_old;
     {
-        EventRecorder const events;
         Fault const fault(inject_sigaction, EINVAL);
-        SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
-        EXPECT_EQ(getText(), events.getText());
+        auto const catcher = make(SIGUSR1);
+        expectEvents(m_text);
     }
     s_old_of_failure = nullptr;
     EXPECT_EQ(SIG_DFL, getAction(SIGUSR1).sa_handler);
 }
 
-TEST_P(SignalCatcherOldHandlerTest, LeavesNothingBehindIfTheAssertionUnwinds) {
+TEST_P(SignalCatcherOldHandlerTest, leavesNothingBehindIfTheAssertionUnwinds) {
     ActionGuard const guard(SIGUSR1);
-    struct sigaction const old = makeOld(hasSiginfo());
-    ASSERT_EQ(0, sigaction(SIGUSR1, &old, nullptr));
+    install();
     Handler::Hook const hook{
         [](Handler::Event const& event, void*) -> bool { throw std::runtime_error(event.expression); },
         nullptr};
-    CountingNotifier notifier;
-    SignalQueue queue(notifier);
     Handler::Hook const* const before = Handler::setHook(&hook);
-    EXPECT_THROW(SignalCatcher(SIGUSR1, queue, CallLog::record, &log), std::runtime_error);
-    EXPECT_THROW(SignalCatcher(SIGUSR1, CallLog::record, &log), std::runtime_error);
+    EXPECT_THROW(makeQueued(SIGUSR1), std::runtime_error);
+    EXPECT_THROW(make(SIGUSR1), std::runtime_error);
     Handler::setHook(before);
-    EXPECT_EQ(old.sa_handler, getAction(SIGUSR1).sa_handler);
+    EXPECT_EQ(m_old.sa_handler, getAction(SIGUSR1).sa_handler);
     SignalCatcher::enqueue_signal(SIGUSR1);
     EXPECT_EQ(0, notifier.signals);
-    EventRecorder const events;
-    queue.sign_on(SIGUSR1, CallLog::record, &log);
-    EXPECT_EQ("", events.getText());
+    EXPECT_FALSE(queue.sign_on(SIGUSR1, CallLog::record, &log));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SignalCatcherOldHandlerTest, testing::Bool(), [](auto const& row) {
@@ -476,53 +370,40 @@ struct Refused {
     char const* name;
     int signal;
 };
-void PrintTo(Refused const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class SignalCatcherRefusalTest : public SignalCatcherTest, public testing::WithParamInterface<Refused> {};
 
-TEST_P(SignalCatcherRefusalTest, IsNotReportedAndSignsOffInTheEnd) {
-    EventRecorder const events;
+TEST_P(SignalCatcherRefusalTest, isNotReportedAndTheDestructorSignsOff) {
     for (int i = 0; i < 2; ++i) {
         Fault const calls(inject_sigaction, 0);
-        {
-            SignalCatcher const catcher(GetParam().signal, CallLog::record, &log);
-            EXPECT_EQ(1, calls.getCalls());
-            EXPECT_FALSE(std::ErrorStorage::isError(true));
-            EXPECT_EQ(g_threads_at_start + 1, countThreads());
-        }
-        // The action was not taken over, so it is not put back.
-        EXPECT_EQ(1, calls.getCalls());
+        auto catcher = make(GetParam().signal);
+        EXPECT_FALSE(std::ErrorStorage::isError(true));
+        EXPECT_EQ(g_threads_at_start + 1, countThreads());
+        catcher.reset();
+        EXPECT_EQ(1, calls.getCalls()) << "the old action is not restored, as it was not replaced";
     }
-    EXPECT_EQ("", events.getText());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, SignalCatcherRefusalTest,
     testing::Values(
         Refused{"SIGKILL", SIGKILL}, Refused{"SIGSTOP", SIGSTOP}, Refused{"Zero", 0}, Refused{"OfLibc", 32}),
-    [](auto const& row) { return std::string(row.param.name); });
+    nameOf);
 
-TEST_F(SignalCatcherTest, ThatWasRefusedLeavesTheActionAloneButClearsItsRow) {
-    CountingNotifier notifier;
-    SignalQueue queue(notifier);
-    EventRecorder const events;
+TEST_F(SignalCatcherTest, refusedByTheSystemItLeavesTheActionAloneButClearsItsRow) {
     {
         Fault const fault(inject_sigaction, EPERM);
-        SignalCatcher const catcher(SIGUSR1, queue, CallLog::record, &log);
+        auto const catcher = makeQueued(SIGUSR1);
         EXPECT_EQ(SIG_DFL, getAction(SIGUSR1).sa_handler);
-        // The row is there all the same.
-        SignalCatcher::enqueue_signal(SIGUSR1);
+        SignalCatcher::enqueue_signal(SIGUSR1); // The handler finds the row.
         EXPECT_EQ(1, notifier.signals);
     }
     SignalCatcher::enqueue_signal(SIGUSR1);
     EXPECT_EQ(1, notifier.signals);
     EXPECT_EQ(0, popAll(queue));
-    EXPECT_EQ("", events.getText());
 }
 
-TEST_F(SignalCatcherTest, WhoseHandlerWasReplacedIsAnAssertionAfterTheOldActionIsBack) {
+TEST_F(SignalCatcherTest, replacedHandlerIsAnAssertionAfterTheOldActionIsRestored) {
     ActionGuard const guard(SIGUSR1, SIG_IGN);
     struct Look {
         std::string text;
@@ -536,40 +417,30 @@ TEST_F(SignalCatcherTest, WhoseHandlerWasReplacedIsAnAssertionAfterTheOldActionI
             return true;
         },
         &look};
-    Handler::Hook const* before = nullptr;
-    {
-        SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
-        struct sigaction const other = makeOld(false);
-        ASSERT_EQ(0, sigaction(SIGUSR1, &other, nullptr));
-        before = Handler::setHook(&hook);
-    }
+    auto catcher = make(SIGUSR1);
+    struct sigaction const other = makeOld(false);
+    ASSERT_EQ(0, sigaction(SIGUSR1, &other, nullptr));
+    Handler::Hook const* const before = Handler::setHook(&hook);
+    catcher.reset();
     Handler::setHook(before);
     EXPECT_EQ(
         "framework/src/vesk/SignalCatcherImpl-posix ~SignalCatcherImpl: action.sa_handler==enqueue_signal",
         look.text);
     EXPECT_EQ(SIG_IGN, look.handler);
     EXPECT_EQ(SIG_IGN, getAction(SIGUSR1).sa_handler);
-    // The rest was cleaned up.
-    EventRecorder const events;
-    SignalCatcher const next(SIGUSR1, CallLog::record, &log);
-    raise(SIGUSR1);
-    EXPECT_TRUE(log.waitFor(1));
-    EXPECT_EQ("", events.getText());
+    auto const next = make(SIGUSR1); // The rest was cleaned up.
+    raiseAndWait(SIGUSR1);
 }
 
-TEST_F(SignalCatcherTest, ThatCannotPutTheActionBackIsNoAssertion) {
+TEST_F(SignalCatcherTest, failureToRestoreTheActionIsNoAssertion) {
     ActionGuard const guard(SIGUSR1);
-    CountingNotifier notifier;
-    SignalQueue queue(notifier);
-    EventRecorder const events;
-    auto catcher = std::make_unique<SignalCatcher>(SIGUSR1, queue, CallLog::record, &log);
+    auto catcher = makeQueued(SIGUSR1);
     {
         Fault const fault(inject_sigaction, EINVAL);
         catcher.reset();
         EXPECT_EQ(1, fault.getCalls());
     }
-    EXPECT_EQ("", events.getText());
-    // The handler is still there, but finds nothing.
+    // The handler is still installed, but finds no queue.
     EXPECT_EQ(&SignalCatcher::enqueue_signal, getAction(SIGUSR1).sa_handler);
     raise(SIGUSR1);
     EXPECT_EQ(0, notifier.signals);
@@ -578,146 +449,117 @@ TEST_F(SignalCatcherTest, ThatCannotPutTheActionBackIsNoAssertion) {
 // ---- broken preconditions ----
 
 struct BadNumber {
+    char const* name;
     int signal;
     char const* in_constructor;
     char const* in_handler;
 };
-void PrintTo(BadNumber const& row, std::ostream* out) {
-    *out << row.signal;
-}
 
 class SignalCatcherNumberTest : public SignalCatcherTest, public testing::WithParamInterface<BadNumber> {};
 
-TEST_P(SignalCatcherNumberTest, OfNoSignalIsAnAssertionAndCatchesNothing) {
-    CountingNotifier notifier;
-    SignalQueue queue(notifier);
+TEST_P(SignalCatcherNumberTest, outOfRangeIsAnAssertionAndCatchesNothing) {
     Fault const calls(inject_sigaction, 0);
-    EventRecorder const events;
-    { SignalCatcher const catcher(GetParam().signal, queue, CallLog::record, &log); }
-    { SignalCatcher const catcher(GetParam().signal, CallLog::record, &log); }
+    makeQueued(GetParam().signal).reset();
+    make(GetParam().signal).reset();
     std::string const line =
         std::string("ASSERT framework/src/vesk/SignalCatcherImpl-posix SignalCatcherImpl: ") +
         GetParam().in_constructor;
-    EXPECT_EQ(line + "\n" + line, events.getText());
+    expectEvents(line + "\n" + line);
     EXPECT_EQ(0, calls.getCalls());
 }
 
-TEST_P(SignalCatcherNumberTest, OfNoSignalIsAnAssertionInTheHandler) {
-    EventRecorder const events;
+TEST_P(SignalCatcherNumberTest, outOfRangeIsAnAssertionInTheHandler) {
     SignalCatcher::enqueue_signal(GetParam().signal);
-    EXPECT_EQ(
+    expectEvents(
         std::string("ASSERT framework/src/vesk/SignalCatcherImpl-posix enqueue_signal: ") +
-            GetParam().in_handler,
-        events.getText());
+        GetParam().in_handler);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, SignalCatcherNumberTest,
     testing::Values(
-        BadNumber{-1, "0<=signal", "signal>=0"}, BadNumber{INT_MIN, "0<=signal", "signal>=0"},
-        BadNumber{65, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"},
-        BadNumber{INT_MAX, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"}),
-    [](auto const& row) { return "row" + std::to_string(row.index); });
+        BadNumber{"Minus1", -1, "0<=signal", "signal>=0"},
+        BadNumber{"Lowest", INT_MIN, "0<=signal", "signal>=0"},
+        BadNumber{"65", 65, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"},
+        BadNumber{"Highest", INT_MAX, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"}),
+    nameOf);
 
-TEST_F(SignalCatcherTest, WithASecondOneForItsSignalIsAnAssertionAndGoesOn) {
-    SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
+TEST_F(SignalCatcherTest, secondCatcherOfASignalIsAnAssertionAndTheFirstContinues) {
+    auto const catcher = make(SIGUSR1);
     {
         CallLog other;
-        EventRecorder const events;
         SignalCatcher const second(SIGUSR1, CallLog::record, &other);
-        EXPECT_EQ(
-            "ASSERT framework/src/vesk/SignalQueuePosixBase sign_on: signals[signal].callback==NULL",
-            events.getText());
-        raise(SIGUSR1);
-        EXPECT_TRUE(log.waitFor(1));
+        expectEvents(
+            "ASSERT framework/src/vesk/SignalQueuePosixBase sign_on: signals[signal].callback==NULL");
+        raiseAndWait(SIGUSR1);
         EXPECT_EQ(0u, other.getCount());
     }
-    raise(SIGUSR1);
-    EXPECT_TRUE(log.waitFor(2));
+    raiseAndWait(SIGUSR1);
     EXPECT_EQ(&SignalCatcher::enqueue_signal, getAction(SIGUSR1).sa_handler);
 }
 
-/// Two catchers of one signal on different queues, and which of them ends first.
+/// Two catchers of one signal on different queues. The parameter is whether the first one ends first.
 class SignalCatcherSecondQueueTest : public SignalCatcherTest, public testing::WithParamInterface<bool> {};
 
-TEST_P(SignalCatcherSecondQueueTest, IsAnAssertionAndEachEndTakesBackOnlyItsOwn) {
+TEST_P(SignalCatcherSecondQueueTest, isAnAssertionAndEachDestructorRestoresOnlyItsOwnPart) {
     ActionGuard const guard(SIGUSR1, SIG_IGN);
-    CountingNotifier notifier;
-    SignalQueue first_queue(notifier);
-    SignalQueue second_queue(notifier);
-    {
-        EventRecorder const events;
-        auto first = std::make_unique<SignalCatcher>(SIGUSR1, first_queue, CallLog::record, &log);
-        EXPECT_EQ("", events.getText());
-        auto second = std::make_unique<SignalCatcher>(SIGUSR1, second_queue, CallLog::record, &log);
-        EXPECT_EQ(OLD_HANDLER, events.getText());
-        raise(SIGUSR1);
-        EXPECT_EQ(0, popAll(first_queue));
-        EXPECT_EQ(1, popAll(second_queue));
-        bool const first_ends_first = GetParam();
-        (first_ends_first ? first : second).reset();
-        EXPECT_EQ(&SignalCatcher::enqueue_signal, getAction(SIGUSR1).sa_handler);
-        raise(SIGUSR1);
-        EXPECT_EQ(first_ends_first ? 0 : 1, popAll(first_queue));
-        EXPECT_EQ(first_ends_first ? 1 : 0, popAll(second_queue));
-        (first_ends_first ? second : first).reset();
-        EXPECT_EQ(OLD_HANDLER, events.getText());
-    }
+    SignalQueue other_queue(notifier);
+    auto first = makeQueued(SIGUSR1);
+    auto second = std::make_unique<SignalCatcher>(SIGUSR1, other_queue, CallLog::record, &log);
+    expectEvents(OLD_HANDLER);
+    raise(SIGUSR1);
+    EXPECT_EQ(0, popAll(queue));
+    EXPECT_EQ(1, popAll(other_queue));
+    bool const first_ends_first = GetParam();
+    (first_ends_first ? first : second).reset();
+    EXPECT_EQ(&SignalCatcher::enqueue_signal, getAction(SIGUSR1).sa_handler);
+    raise(SIGUSR1);
+    EXPECT_EQ(first_ends_first ? 0 : 1, popAll(queue));
+    EXPECT_EQ(first_ends_first ? 1 : 0, popAll(other_queue));
+    (first_ends_first ? second : first).reset();
     EXPECT_EQ(SIG_IGN, getAction(SIGUSR1).sa_handler);
-    EventRecorder const events;
-    EXPECT_FALSE(first_queue.sign_on(SIGUSR1, CallLog::record, &log));
-    EXPECT_FALSE(second_queue.sign_on(SIGUSR1, CallLog::record, &log));
-    EXPECT_EQ("", events.getText());
+    EXPECT_FALSE(queue.sign_on(SIGUSR1, CallLog::record, &log));
+    EXPECT_FALSE(other_queue.sign_on(SIGUSR1, CallLog::record, &log));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SignalCatcherSecondQueueTest, testing::Bool(), [](auto const& row) {
     return row.param ? "TheFirstEndsFirst" : "TheSecondEndsFirst";
 });
 
-TEST_F(SignalCatcherTest, WhoseSelfPipeIsBrokenEndsTheProcessWithItsSignal) {
-    ChildEnd const end = runInChild([this] {
+TEST(SignalCatcherFatalTest, brokenSelfPipeEndsTheProcessAtTheNextSignal) {
+    EXPECT_TRUE(abortsWith("write to self-pipe failed with errno=9 (Bad file descriptor)\n", [] {
+        CallLog log;
         SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
         close(s_pipe[1]);
         raise(SIGUSR1);
-    });
-    EXPECT_EQ(SIGABRT, end.signal) << end.errors;
-    EXPECT_NE(
-        std::string::npos, end.errors.find("write to self-pipe failed with errno=9 (Bad file descriptor)\n"))
-        << end.errors;
+    }));
 }
 
 // ---- the order of making and destroying ----
 
-TEST_F(SignalCatcherTest, ASignalBeforeTheHandlerIsInstalledMeetsTheOldAction) {
-    ActionGuard const guard(SIGUSR1);
-    struct sigaction const old = makeOld(false);
-    ASSERT_EQ(0, sigaction(SIGUSR1, &old, nullptr));
-    s_old_handlers_calls = 0;
-    CountingNotifier notifier;
-    SignalQueue queue(notifier);
-    EventRecorder const events;
+TEST_F(SignalCatcherTest, aSignalBeforeTheHandlerIsInstalledMeetsTheOldAction) {
+    ActionGuard const guard(SIGUSR1, oldHandler);
+    s_old_calls = 0;
     bool published = false;
     s_before_sigaction = [&] {
         raise(SIGUSR1);
-        EXPECT_EQ(1, s_old_handlers_calls);
+        EXPECT_EQ(1, s_old_calls);
         EXPECT_EQ(0, notifier.signals);
         // Everything else is ready for the handler by now.
         SignalCatcher::enqueue_signal(SIGUSR1);
         published = notifier.signals == 1;
     };
-    SignalCatcher const catcher(SIGUSR1, queue, CallLog::record, &log);
+    auto const catcher = makeQueued(SIGUSR1);
+    expectEvents(OLD_HANDLER);
     EXPECT_TRUE(published);
     EXPECT_EQ(1, popAll(queue));
 }
 
-TEST_F(SignalCatcherTest, ASignalWhileTheHandlerIsTakenAwayIsForgotten) {
-    CountingNotifier notifier;
-    SignalQueue queue(notifier);
-    EventRecorder const events;
-    auto catcher = std::make_unique<SignalCatcher>(SIGUSR1, queue, CallLog::record, &log);
+TEST_F(SignalCatcherTest, aSignalDuringTheRemovalOfTheHandlerIsDropped) {
+    auto catcher = makeQueued(SIGUSR1);
     s_after_sigaction = [&] {
         EXPECT_EQ(SIG_DFL, getAction(SIGUSR1).sa_handler);
-        // A handler that began in another thread before finds the queue still there.
+        // A handler that has begun in another thread still finds the queue.
         std::thread([] { SignalCatcher::enqueue_signal(SIGUSR1); }).join();
         EXPECT_EQ(1, notifier.signals);
     };
@@ -726,68 +568,52 @@ TEST_F(SignalCatcherTest, ASignalWhileTheHandlerIsTakenAwayIsForgotten) {
     EXPECT_EQ(0, popAll(queue));
     queue.sign_on(SIGUSR1, CallLog::record, &log);
     EXPECT_EQ(0, popAll(queue));
-    EXPECT_EQ("", events.getText());
 }
 
-TEST_F(SignalCatcherTest, AHandlerThatFindsNoQueueDropsItsSignal) {
-    EventRecorder const events;
-    CountingNotifier notifier;
-    SignalQueue queue(notifier);
-    { SignalCatcher const catcher(SIGUSR1, queue, CallLog::record, &log); }
+TEST_F(SignalCatcherTest, aHandlerThatFindsNoQueueDropsItsSignal) {
+    makeQueued(SIGUSR1).reset();
     for (int signal = 0; signal < vesk::TARN_NSIGNALS; ++signal) {
         SignalCatcher::enqueue_signal(signal);
     }
     EXPECT_EQ(0, notifier.signals);
-    EXPECT_EQ("", events.getText());
 }
 
-TEST_F(SignalCatcherTest, IsNotGoneBeforeAHandlerInAnotherThreadIsDoneWithTheQueue) {
-    struct SlowNotifier : Dispatcher::Notifier {
-        void wait() override {}
-        void signal() override {
-            entered = true;
-            while (!released) {
-                sched_yield();
-            }
-            left = true;
+TEST_F(SignalCatcherTest, destructorWaitsForAHandlerThatUsesTheQueueInAnotherThread) {
+    std::atomic<bool> entered{false};
+    std::atomic<bool> released{false};
+    std::atomic<bool> left{false};
+    notifier.on_signal = [&] {
+        entered = true;
+        while (!released) {
+            sched_yield();
         }
-        std::atomic<bool> entered{false};
-        std::atomic<bool> released{false};
-        std::atomic<bool> left{false};
-    } notifier;
-    SignalQueue queue(notifier);
-    auto catcher = std::make_unique<SignalCatcher>(SIGUSR1, queue, CallLog::record, &log);
+        left = true;
+    };
+    auto catcher = makeQueued(SIGUSR1);
     std::thread handling([] { raise(SIGUSR1); });
-    EXPECT_TRUE(waitUntil([&] { return notifier.entered.load(); }));
-    std::atomic<pid_t> destroying{0};
-    std::atomic<bool> destroyed{false};
-    std::thread destroyer([&] {
-        destroying = getThreadId();
+    EXPECT_TRUE(waitUntil([&] { return entered.load(); }));
+    Sleeper destroyer([&] {
         catcher.reset();
-        destroyed = true;
-        EXPECT_TRUE(notifier.left);
+        EXPECT_TRUE(left);
     });
-    EXPECT_TRUE(waitUntil([&] { return destroying != 0; }));
-    support::waitUntilAsleep(getpid(), destroying);
-    EXPECT_FALSE(destroyed);
-    // What comes now is dropped already.
+    destroyer.awaitSleep();
+    EXPECT_FALSE(destroyer.isDone());
+    // Later signals meet the old action already.
     EXPECT_TRUE(waitUntil([] { return getAction(SIGUSR1).sa_handler == SIG_DFL; }));
-    notifier.released = true;
+    released = true;
     handling.join();
     destroyer.join();
-    EXPECT_TRUE(destroyed);
+    EXPECT_TRUE(destroyer.isDone());
     EXPECT_EQ(0, popAll(queue));
 }
 
-TEST_F(SignalCatcherTest, ForgetsWhatIsPendingAtItsEnd) {
-    CountingNotifier notifier;
-    SignalQueue queue(notifier);
+TEST_F(SignalCatcherTest, destructorDropsPendingSignals) {
     {
-        SignalCatcher const catcher(SIGUSR1, queue, CallLog::record, &log);
+        auto const catcher = makeQueued(SIGUSR1);
         raise(SIGUSR1);
         raise(SIGUSR1);
     }
-    SignalCatcher const next(SIGUSR1, queue, CallLog::record, &log);
+    auto const next = makeQueued(SIGUSR1);
     EXPECT_EQ(0, popAll(queue));
     raise(SIGUSR1);
     EXPECT_EQ(1, popAll(queue));
@@ -795,38 +621,34 @@ TEST_F(SignalCatcherTest, ForgetsWhatIsPendingAtItsEnd) {
 
 // ---- both forms and their threads ----
 
-TEST_F(SignalCatcherTest, TwoOfTheSharedFormUseOneThreadAndTheFirstLeavesTheSecondWorking) {
-    auto first = std::make_unique<SignalCatcher>(SIGUSR1, CallLog::record, &log);
-    SignalCatcher const second(SIGUSR2, CallLog::record, &log);
+TEST_F(SignalCatcherTest, twoWithoutAQueueUseOneThreadAndTheDestructionOfOneLeavesTheOtherWorking) {
+    auto first = make(SIGUSR1);
+    auto const second = make(SIGUSR2);
     EXPECT_EQ(g_threads_at_start + 1, countThreads());
-    raise(SIGUSR1);
-    EXPECT_TRUE(log.waitFor(1));
-    raise(SIGUSR2);
-    EXPECT_TRUE(log.waitFor(2));
+    raiseAndWait(SIGUSR1);
+    raiseAndWait(SIGUSR2);
     first.reset();
     EXPECT_EQ(g_threads_at_start + 1, countThreads());
     EXPECT_EQ(SIG_DFL, getAction(SIGUSR1).sa_handler);
-    raise(SIGUSR2);
-    EXPECT_TRUE(log.waitFor(3));
+    raiseAndWait(SIGUSR2);
     std::vector<CallLog::Call> const calls = log.getCalls();
     EXPECT_EQ(calls[0].thread, calls[1].thread);
     EXPECT_EQ(calls[0].thread, calls[2].thread);
     EXPECT_EQ((Signals{SIGUSR1, SIGUSR2, SIGUSR2}), log.getSignals());
 }
 
-TEST_F(SignalCatcherTest, AfterTheLastOneANewOneMakesANewThreadAndANewPipe) {
+TEST_F(SignalCatcherTest, afterTheLastOneANewOneMakesANewThreadAndANewPipe) {
     int const pipes = s_pipes;
     for (size_t i = 1; i <= 2; ++i) {
         {
-            SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
-            SignalCatcher const other(SIGUSR2, CallLog::record, &log);
+            auto const catcher = make(SIGUSR1);
+            auto const other = make(SIGUSR2);
             EXPECT_EQ(pipes + static_cast<int>(i), s_pipes);
             EXPECT_EQ(g_threads_at_start + 1, countThreads());
-            raise(SIGUSR1);
-            EXPECT_TRUE(log.waitFor(i));
+            raiseAndWait(SIGUSR1);
         }
         EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
-        // The pipe went with the thread.
+        // The pipe is closed with the thread.
         char byte = 0;
         EXPECT_EQ(-1, read(s_pipe[0], &byte, 1));
         EXPECT_EQ(EBADF, errno);
@@ -836,23 +658,16 @@ TEST_F(SignalCatcherTest, AfterTheLastOneANewOneMakesANewThreadAndANewPipe) {
     EXPECT_NE(log.getCalls()[0].thread, log.getCalls()[1].thread);
 }
 
-TEST_F(SignalCatcherTest, OfAClientsQueueStartsNoThreadAndCallsBackWhereItsDispatcherRuns) {
-    SignalQueue::Notifier notifier;
-    SignalQueue queue(notifier);
-    Dispatcher dispatcher(notifier);
-    dispatcher.add_source(queue);
-    struct Client {
-        CallLog& log;
-        Dispatcher& dispatcher;
-    } client{log, dispatcher};
-    SignalCatcher const catcher(
-        SIGUSR1, queue,
-        [](int signal, void* data) {
-            auto& self = *static_cast<Client*>(data);
-            CallLog::record(signal, &self.log);
-            self.dispatcher.stop();
-        },
-        &client);
+TEST_F(SignalCatcherTest, withAQueueItStartsNoThreadAndCallsBackInTheThreadOfItsDispatcher) {
+    SignalQueue::Notifier own_notifier;
+    SignalQueue own_queue(own_notifier);
+    Dispatcher dispatcher(own_notifier);
+    dispatcher.add_source(own_queue);
+    Callback callback{[&](int signal) {
+        CallLog::record(signal, &log);
+        dispatcher.stop();
+    }};
+    SignalCatcher const catcher(SIGUSR1, own_queue, Callback::run, &callback);
     EXPECT_EQ(g_threads_at_start, countThreads());
     raise(SIGUSR1);
     EXPECT_EQ(0u, log.getCount());
@@ -862,11 +677,9 @@ TEST_F(SignalCatcherTest, OfAClientsQueueStartsNoThreadAndCallsBackWhereItsDispa
     EXPECT_EQ(g_threads_at_start, countThreads());
 }
 
-TEST_F(SignalCatcherTest, BothFormsWorkSideBySide) {
-    CountingNotifier notifier;
-    SignalQueue queue(notifier);
+TEST_F(SignalCatcherTest, bothFormsWorkSideBySide) {
     CallLog mine;
-    SignalCatcher const shared(SIGUSR1, CallLog::record, &log);
+    auto const shared = make(SIGUSR1);
     SignalCatcher const own(SIGUSR2, queue, CallLog::record, &mine);
     raise(SIGUSR1);
     raise(SIGUSR2);
@@ -876,74 +689,49 @@ TEST_F(SignalCatcherTest, BothFormsWorkSideBySide) {
     EXPECT_EQ((Signals{SIGUSR2}), mine.getSignals());
 }
 
-TEST_F(SignalCatcherTest, MayBeMadeAndDestroyedByACallback) {
-    struct Client {
-        CallLog& log;
-        std::unique_ptr<SignalCatcher> inner;
-    } client{log, nullptr};
-    SignalCatcher const outer(
-        SIGUSR1,
-        [](int signal, void* data) {
-            auto& self = *static_cast<Client*>(data);
-            if (self.inner == nullptr) {
-                self.inner = std::make_unique<SignalCatcher>(SIGUSR2, CallLog::record, &self.log);
-            } else {
-                self.inner.reset();
-            }
-            CallLog::record(signal, &self.log);
-        },
-        &client);
-    raise(SIGUSR1);
-    EXPECT_TRUE(log.waitFor(1));
-    raise(SIGUSR2);
-    EXPECT_TRUE(log.waitFor(2));
-    raise(SIGUSR1);
-    EXPECT_TRUE(log.waitFor(3));
+TEST_F(SignalCatcherTest, mayBeMadeAndDestroyedByACallback) {
+    std::unique_ptr<SignalCatcher> inner;
+    Callback callback{[&](int signal) {
+        if (inner == nullptr) {
+            inner = make(SIGUSR2);
+        } else {
+            inner.reset();
+        }
+        CallLog::record(signal, &log);
+    }};
+    SignalCatcher const outer(SIGUSR1, Callback::run, &callback);
+    raiseAndWait(SIGUSR1);
+    raiseAndWait(SIGUSR2);
+    raiseAndWait(SIGUSR1);
     EXPECT_EQ((Signals{SIGUSR1, SIGUSR2, SIGUSR1}), log.getSignals());
     EXPECT_EQ(SIG_DFL, getAction(SIGUSR2).sa_handler);
 }
 
-TEST_F(SignalCatcherTest, MayBeMadeByACallbackWhileAnotherThreadDestroysTheLastOne) {
-    ChildEnd const end = runInChild([this] {
-        struct Client {
-            CallLog& log;
-            std::atomic<bool> entered{false};
-            std::atomic<pid_t> destroyer{0};
-            std::unique_ptr<SignalCatcher> next;
-        } client{log, {false}, {0}, nullptr};
-        auto last = std::make_unique<SignalCatcher>(
-            SIGUSR1,
-            [](int, void* data) {
-                auto& self = *static_cast<Client*>(data);
-                self.entered = true;
-                EXPECT_TRUE(waitUntil([&] { return self.destroyer != 0; }));
-                support::waitUntilAsleep(getpid(), self.destroyer);
-                self.next = std::make_unique<SignalCatcher>(SIGUSR2, CallLog::record, &self.log);
-            },
-            &client);
+TEST_F(SignalCatcherTest, mayBeMadeByACallbackWhileAnotherThreadDestroysTheLastOne) {
+    expectInChild([this] {
+        std::atomic<bool> entered{false};
+        std::atomic<pid_t> destroyer{0};
+        std::unique_ptr<SignalCatcher> next;
+        Callback callback{[&](int) {
+            entered = true;
+            EXPECT_TRUE(waitUntil([&] { return destroyer != 0; }));
+            waitUntilAsleep(getpid(), destroyer);
+            next = make(SIGUSR2);
+        }};
+        auto last = std::make_unique<SignalCatcher>(SIGUSR1, Callback::run, &callback);
         kill(getpid(), SIGUSR1);
-        EXPECT_TRUE(waitUntil([&] { return client.entered.load(); }));
-        client.destroyer = getThreadId();
+        EXPECT_TRUE(waitUntil([&] { return entered.load(); }));
+        destroyer = getThreadId();
         last.reset();
-        ASSERT_NE(nullptr, client.next) << "the last one waits for the callback";
+        ASSERT_NE(nullptr, next) << "the destructor waits for the callback";
         kill(getpid(), SIGUSR2);
         EXPECT_TRUE(log.waitFor(1));
     });
-    EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 
-TEST_F(SignalCatcherTest, WorksLikeATimerWithMoreDescriptorsThanASetCanHold) {
-    ChildEnd const end = runInChild([this] {
-        rlimit limit{};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = 2048;
-        limit.rlim_max = std::max(limit.rlim_max, limit.rlim_cur);
-        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-            printf("no descriptors");
-            return;
-        }
-        while (open("/dev/null", O_RDONLY | O_CLOEXEC) < 1500) {}
-        SignalCatcher const catcher(SIGUSR1, CallLog::record, &log);
+TEST_F(SignalCatcherTest, worksLikeATimerWithMoreDescriptorsThanASetCanHold) {
+    ChildEnd const end = runWithDescriptors(1501, [this] {
+        auto const catcher = make(SIGUSR1);
         EXPECT_LT(1500, s_pipe[0]);
         kill(getpid(), SIGUSR1);
         EXPECT_TRUE(log.waitFor(1));
@@ -952,27 +740,23 @@ TEST_F(SignalCatcherTest, WorksLikeATimerWithMoreDescriptorsThanASetCanHold) {
         EXPECT_FALSE(timer.start(1, true));
         EXPECT_TRUE(waitUntil([] { return rung >= 3; }));
     });
-    if (end.output == "no descriptors") {
-        GTEST_SKIP() << "the limit of descriptors cannot be raised";
-    }
+    VESK_SKIP_WITHOUT_DESCRIPTORS(end);
     EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 
-TEST_F(SignalCatcherTest, CallsBackForEverySignalThatCanBeCaught) {
-    support::CatchableSignals const catchable;
+TEST_F(SignalCatcherTest, callsBackForEverySignalThatCanBeCaught) {
+    CatchableSignals const catchable;
     std::vector<std::unique_ptr<SignalCatcher>> catchers;
     for (int const signal : catchable.get()) {
-        catchers.push_back(std::make_unique<SignalCatcher>(signal, CallLog::record, &log));
+        catchers.push_back(make(signal));
     }
-    size_t count = 0;
     for (int const signal : catchable.get()) {
-        raise(signal);
-        ASSERT_TRUE(log.waitFor(++count)) << signal;
+        raiseAndWait(signal);
     }
     EXPECT_EQ(catchable.get(), log.getSignals());
 }
 
-TEST(SignalCatcherClassTest, AddsOnlyItsConstructors) {
+TEST(SignalCatcherClassTest, addsOnlyItsConstructors) {
     static_assert(std::is_base_of_v<vesk::SignalCatcherImpl, SignalCatcher>);
     static_assert(!std::is_polymorphic_v<SignalCatcher>);
     static_assert(!std::is_copy_constructible_v<SignalCatcher>);

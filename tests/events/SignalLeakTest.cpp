@@ -1,33 +1,9 @@
-#include "support/Descriptors.h"
-#include "support/Inject.h"
-
 #include "SignalSupport.h"
+#include "support/Descriptors.h"
 
 #include <vesk/SignalCatcher.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <csignal>
-#include <cstddef>
-#include <cstring>
 #include <malloc.h>
-#include <mutex>
-#include <thread>
-#include <unistd.h>
-#include <vector>
-
-support::Injected inject_pipe("pipe");
-extern "C" VESK_UNWATCHED int pipe(int* ends) {
-    using Function = int (*)(int*);
-    auto const real = reinterpret_cast<Function>(inject_pipe.getReal());
-    if (!support::isOfLibrary(__builtin_return_address(0))) {
-        return real(ends);
-    }
-    int error = 0;
-    inject_pipe.fails(error); // Counts.
-    return real(ends);
-}
 
 namespace {
 // Bytes and blocks of the heap that are in use, in all threads. The sanitizers look for leaks themselves.
@@ -39,19 +15,16 @@ std::atomic<long long> s_blocks{0};
 
 namespace {
 
-void* add(void* memory) {
+void count(void* memory, int sign) {
     if (memory != nullptr) {
-        s_bytes += static_cast<long long>(malloc_usable_size(memory));
-        ++s_blocks;
+        s_bytes += sign * static_cast<long long>(malloc_usable_size(memory));
+        s_blocks += sign;
     }
-    return memory;
 }
 
-void subtract(void* memory) {
-    if (memory != nullptr) {
-        s_bytes -= static_cast<long long>(malloc_usable_size(memory));
-        --s_blocks;
-    }
+void* add(void* memory) {
+    count(memory, 1);
+    return memory;
 }
 
 } // namespace
@@ -69,11 +42,11 @@ void* calloc(size_t count, size_t size) {
     return add(__libc_calloc(count, size));
 }
 void* realloc(void* memory, size_t size) {
-    subtract(memory);
+    count(memory, -1);
     return add(__libc_realloc(memory, size));
 }
 void free(void* memory) {
-    subtract(memory);
+    count(memory, -1);
     __libc_free(memory);
 }
 }
@@ -82,7 +55,7 @@ void free(void* memory) {
 
 namespace {
 
-using support::Fault;
+using namespace support;
 using vesk::SignalCatcher;
 
 constexpr int THREADS = 4;
@@ -90,8 +63,8 @@ constexpr int CYCLES = 10'000;
 
 void ignore(int, void*) {}
 
-/// Makes and destroys catchers in several threads at once, one signal a thread. With a lock each is the first and the
-/// last of the process.
+/// Makes and destroys catchers in several threads at once, one signal a thread. With a lock each is the first
+/// and the last of the process.
 void cycle(int cycles, std::mutex* lock) {
     std::atomic<int> ready{0};
     std::vector<std::thread> threads;
@@ -118,37 +91,29 @@ void cycle(int cycles, std::mutex* lock) {
     }
 }
 
-struct Use {
-    static Use now() { return {support::countThreads(), support::countDescriptors(), s_blocks, s_bytes}; }
-
-    int threads;
-    int descriptors;
-    long long blocks;
-    long long bytes;
-};
-
 void expectNoMoreAfter(std::mutex* lock) {
-    int const threads = support::countThreads();
-    cycle(40, lock); // What is made once is there.
-    EXPECT_TRUE(support::waitUntil([&] { return support::countThreads() == threads; }));
-    Use const before = Use::now();
+    int const threads = countThreads();
+    cycle(40, lock); // Objects that are made only once exist now.
+    EXPECT_TRUE(waitUntil([&] { return countThreads() == threads; }));
+    int const threads_before = countThreads();
+    int const descriptors = countDescriptors();
+    long long const blocks = s_blocks;
+    long long const bytes = s_bytes;
     cycle(CYCLES, lock);
-    EXPECT_TRUE(support::waitUntil([&] { return support::countThreads() == before.threads; }));
-    Use const after = Use::now();
-    EXPECT_EQ(before.descriptors, after.descriptors);
-    EXPECT_EQ(before.blocks, after.blocks);
-    EXPECT_EQ(before.bytes, after.bytes);
+    EXPECT_TRUE(waitUntil([&] { return countThreads() == threads_before; }));
+    EXPECT_EQ(descriptors, countDescriptors());
+    EXPECT_EQ(blocks, s_blocks);
+    EXPECT_EQ(bytes, s_bytes);
 }
 
-TEST(SignalLeakTest, TheLastCatcherMadeAndDestroyedTenThousandTimesInARowLeavesNothing) {
+TEST(SignalLeakTest, theLastCatcherMadeAndDestroyedTenThousandTimesLeavesNothing) {
     std::mutex one_at_a_time;
     Fault const pipes(inject_pipe, 0, 1, 1, Fault::Threads::ALL);
     expectNoMoreAfter(&one_at_a_time);
-    // Each was the first and the last.
-    EXPECT_EQ(40 + CYCLES, pipes.getCalls());
+    EXPECT_EQ(40 + CYCLES, pipes.getCalls()) << "each was the first and the last";
 }
 
-TEST(SignalLeakTest, CatchersMadeAndDestroyedBySeveralThreadsAtOnceLeaveNothing) {
+TEST(SignalLeakTest, catchersMadeAndDestroyedBySeveralThreadsAtOnceLeaveNothing) {
     Fault const pipes(inject_pipe, 0, 1, 1, Fault::Threads::ALL);
     expectNoMoreAfter(nullptr);
     EXPECT_LT(0, pipes.getCalls());

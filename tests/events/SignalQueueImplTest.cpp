@@ -1,68 +1,35 @@
+#include "FatalSupport.h"
+#include "SignalSupport.h"
 #include "support/AllocationCounter.h"
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/Processes.h"
+#include "support/ErrorRow.h"
+#include "support/FailOnce.h"
+#include "support/Privileges.h"
 #include "support/Sanitizers.h"
 
-#include "SignalSupport.h"
-
-#include <vesk/SignalQueue.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <ostream>
 #include <poll.h>
-#include <pthread.h>
-#include <string>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/select.h>
-#include <thread>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size), (fd, buffer, size))
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
-// The pipe that was made last.
-int s_pipe[2] = {-1, -1};
-// The descriptors that were closed while it was on.
+// The descriptors that were closed, if it is set.
 std::vector<int>* s_closed = nullptr;
-// What poll was called with.
+// The arguments of poll, if it is set.
 struct Poll {
     std::vector<pollfd> rows;
     int limit;
 };
 std::vector<Poll>* s_polls = nullptr;
 } // namespace
-
-support::Injected inject_pipe("pipe");
-extern "C" VESK_UNWATCHED int pipe(int* ends) {
-    using Function = int (*)(int*);
-    auto const real = reinterpret_cast<Function>(inject_pipe.getReal());
-    if (!support::isOfLibrary(__builtin_return_address(0))) {
-        return real(ends);
-    }
-    int error = 0;
-    if (inject_pipe.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    int const result = real(ends);
-    s_pipe[0] = ends[0];
-    s_pipe[1] = ends[1];
-    return result;
-}
 
 support::Injected inject_close("close");
 extern "C" VESK_UNWATCHED int close(int fd) {
@@ -101,14 +68,12 @@ extern "C" VESK_UNWATCHED int poll(pollfd* rows, nfds_t count, int limit) {
 
 namespace {
 
-using support::AllocationCounter;
-using support::ChildEnd;
-using support::EventRecorder;
-using support::Fault;
-using support::runInChild;
-using support::waitUntil;
+using namespace support;
 using SelfPipe = vesk::SignalQueueImpl::SelfPipe;
 using Notifier = vesk::SignalQueue::Notifier;
+
+constexpr char const* NOT_CREATED =
+    "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: result==0: couldn't create self-pipe";
 
 int countBytes() {
     int bytes = -1;
@@ -118,21 +83,16 @@ int countBytes() {
 
 // ---- the pipe ----
 
-TEST(SelfPipeTest, BlocksReadersButNotWriters) {
+TEST(SelfPipeTest, blocksReadersButNotWritersAndIsInheritedByNewPrograms) {
     SelfPipe const self_pipe;
-    EXPECT_EQ(0, fcntl(s_pipe[0], F_GETFL, 0L) & O_NONBLOCK);
-    EXPECT_EQ(O_NONBLOCK, fcntl(s_pipe[1], F_GETFL, 0L) & O_NONBLOCK);
-    EXPECT_EQ(O_RDONLY, fcntl(s_pipe[0], F_GETFL, 0L) & O_ACCMODE);
-    EXPECT_EQ(O_WRONLY, fcntl(s_pipe[1], F_GETFL, 0L) & O_ACCMODE);
+    EXPECT_EQ(O_RDONLY, fcntl(s_pipe[0], F_GETFL, 0L) & (O_ACCMODE | O_NONBLOCK));
+    EXPECT_EQ(O_WRONLY | O_NONBLOCK, fcntl(s_pipe[1], F_GETFL, 0L) & (O_ACCMODE | O_NONBLOCK));
+    for (int const end : s_pipe) {
+        EXPECT_EQ(0, fcntl(end, F_GETFD, 0L));
+    }
 }
 
-TEST(SelfPipeTest, IsInheritedByNewPrograms) {
-    SelfPipe const self_pipe;
-    EXPECT_EQ(0, fcntl(s_pipe[0], F_GETFD, 0L));
-    EXPECT_EQ(0, fcntl(s_pipe[1], F_GETFD, 0L));
-}
-
-TEST(SelfPipeTest, ReadsAndWritesWithTheSystemsResults) {
+TEST(SelfPipeTest, readsAndWritesWithTheResultsOfTheSystem) {
     SelfPipe self_pipe;
     char data[] = "abc";
     EXPECT_EQ(3, self_pipe.write(data, 3));
@@ -143,15 +103,12 @@ TEST(SelfPipeTest, ReadsAndWritesWithTheSystemsResults) {
     EXPECT_EQ('c', buffer[0]);
     EXPECT_EQ(-1, self_pipe.write(nullptr, 5));
     EXPECT_EQ(EFAULT, errno);
-    {
-        Fault const fault(inject_write, EIO);
-        EXPECT_EQ(-1, self_pipe.write(data, 1));
-        EXPECT_EQ(EIO, errno);
-    }
+    EXPECT_EQ(-1, failOnce(inject_write, EIO, [&] { return self_pipe.write(data, 1); }));
+    EXPECT_EQ(EIO, errno);
     EXPECT_EQ(0, countBytes());
 }
 
-TEST(SelfPipeTest, DoesNotWriteWhenItIsFull) {
+TEST(SelfPipeTest, doesNotWriteIfItIsFull) {
     SelfPipe self_pipe;
     std::string const much(1 << 20, 'x');
     EXPECT_LT(0, self_pipe.write(much.data(), static_cast<unsigned int>(much.size())));
@@ -159,7 +116,7 @@ TEST(SelfPipeTest, DoesNotWriteWhenItIsFull) {
     EXPECT_EQ(EAGAIN, errno);
 }
 
-TEST(SelfPipeTest, PutsItsReadEndIntoASetAndRaisesTheHighestToOneMore) {
+TEST(SelfPipeTest, putsItsReadEndIntoASetAndRaisesTheHighestToOneMore) {
     SelfPipe const self_pipe;
     int const end = s_pipe[0];
     struct {
@@ -184,7 +141,7 @@ TEST(SelfPipeTest, PutsItsReadEndIntoASetAndRaisesTheHighestToOneMore) {
     }
 }
 
-TEST(SelfPipeTest, TakesNoNoticeOfAnErrorBeforeIt) {
+TEST(SelfPipeTest, ignoresAnEarlierErrorNumber) {
     EventRecorder const events;
     errno = EINVAL;
     SelfPipe const self_pipe;
@@ -193,7 +150,7 @@ TEST(SelfPipeTest, TakesNoNoticeOfAnErrorBeforeIt) {
 
 class SelfPipeCreationTest : public testing::TestWithParam<int> {};
 
-TEST_P(SelfPipeCreationTest, ThatFailsIsAnAssertionAndLeavesNoPipe) {
+TEST_P(SelfPipeCreationTest, failureIsAnAssertionAndLeavesNoPipe) {
     fd_set set;
     FD_ZERO(&set);
     int highest = 7;
@@ -203,9 +160,7 @@ TEST_P(SelfPipeCreationTest, ThatFailsIsAnAssertionAndLeavesNoPipe) {
         Fault const fault(inject_pipe, GetParam());
         Fault const flags(inject_fcntl, 0);
         SelfPipe self_pipe;
-        EXPECT_EQ(
-            "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: result==0: couldn't create self-pipe",
-            events.getText());
+        EXPECT_EQ(NOT_CREATED, events.getText());
         EXPECT_EQ(0, flags.getCalls());
         self_pipe.set(&set, highest);
         EXPECT_EQ(7, highest);
@@ -218,23 +173,18 @@ TEST_P(SelfPipeCreationTest, ThatFailsIsAnAssertionAndLeavesNoPipe) {
     EXPECT_TRUE(closed.empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, SelfPipeCreationTest, testing::Values(EMFILE, ENFILE, EFAULT),
-    [](auto const& row) { return std::string(strerrorname_np(row.param)); });
+INSTANTIATE_TEST_SUITE_P(All, SelfPipeCreationTest, testing::Values(EMFILE, ENFILE, EFAULT), RowName());
 
-TEST(SelfPipeTest, ThatFindsNoDescriptorLeftIsAnAssertion) {
-    ChildEnd const end = runInChild([] {
+TEST(SelfPipeTest, creationWithoutAFreeDescriptorIsAnAssertion) {
+    expectInChild([] {
         rlimit limit{};
         EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-        limit.rlim_cur = 4; // Room for one more at most.
+        limit.rlim_cur = 4; // At most one more is free.
         EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
         EventRecorder const events;
         SelfPipe const self_pipe;
-        EXPECT_EQ(
-            "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: result==0: couldn't create self-pipe",
-            events.getText());
+        EXPECT_EQ(NOT_CREATED, events.getText());
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 struct FlagsFailure {
@@ -243,17 +193,13 @@ struct FlagsFailure {
     int times;
     int flags_after;
 };
-void PrintTo(FlagsFailure const& row, std::ostream* out) {
-    *out << row.name;
-}
-
 class SelfPipeFlagsTest : public testing::TestWithParam<FlagsFailure> {};
 
-TEST_P(SelfPipeFlagsTest, ThatFailIsAnAssertionAndThePipeWorksAllTheSame) {
+TEST_P(SelfPipeFlagsTest, failureIsAnAssertionAndThePipeStillWorks) {
     EventRecorder const events;
-    Fault* const fault = new Fault(inject_fcntl, EINVAL, GetParam().nth, GetParam().times);
+    auto fault = std::make_unique<Fault>(inject_fcntl, EINVAL, GetParam().nth, GetParam().times);
     SelfPipe self_pipe;
-    delete fault;
+    fault.reset();
     EXPECT_EQ(
         "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: errno==0: "
         "couldn't configure self-pipe as non-blocking",
@@ -267,12 +213,12 @@ TEST_P(SelfPipeFlagsTest, ThatFailIsAnAssertionAndThePipeWorksAllTheSame) {
 INSTANTIATE_TEST_SUITE_P(
     All, SelfPipeFlagsTest,
     testing::Values(
-        // Without the flags that are, the one that matters is set alone.
+        // If the old flags cannot be read, only the new one is set.
         FlagsFailure{"F_GETFL", 1, 1, O_NONBLOCK}, FlagsFailure{"F_SETFL", 2, 1, 0},
         FlagsFailure{"Both", 1, 2, 0}),
-    [](auto const& row) { return std::string(row.param.name); });
+    [](auto const& row) { return row.param.name; });
 
-TEST(SelfPipeTest, ClosesItsReadEndFirst) {
+TEST(SelfPipeTest, closesItsReadEndFirst) {
     std::vector<int> closed;
     {
         Notifier const notifier;
@@ -282,46 +228,15 @@ TEST(SelfPipeTest, ClosesItsReadEndFirst) {
     EXPECT_EQ((std::vector<int>{s_pipe[0], s_pipe[1]}), closed);
 }
 
-/// Raises the limit of descriptors and takes all numbers below `free`, so that it is the next one. False if that cannot be.
-bool occupyDescriptorsBelow(int free) {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return false;
-    }
-    limit.rlim_cur = 2048;
-    if (limit.rlim_max < limit.rlim_cur) {
-        limit.rlim_max = limit.rlim_cur;
-    }
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return false;
-    }
-    int fd = 0;
-    do {
-        fd = dup(STDIN_FILENO);
-        if (fd < 0) {
-            fd = open("/dev/null", O_RDONLY);
-        }
-    } while (fd >= 0 && fd < free - 1);
-    return fd == free - 1;
-}
-
-/// The number of the read end, and what a set does with it.
+/// The number of the read end, and the assertion of a set.
 struct HighNumber {
     int read_end;
     char const* events_of_set;
 };
-void PrintTo(HighNumber const& row, std::ostream* out) {
-    *out << row.read_end;
-}
-
 class SelfPipeHighNumberTest : public testing::TestWithParam<HighNumber> {};
 
-TEST_P(SelfPipeHighNumberTest, IsWaitedForAndASetTouchesNoMemoryBeyondItsEnd) {
-    ChildEnd const end = runInChild([] {
-        if (!occupyDescriptorsBelow(GetParam().read_end)) {
-            printf("no descriptors");
-            return;
-        }
+TEST_P(SelfPipeHighNumberTest, isWaitedForAndASetChangesNoMemoryBeyondItsEnd) {
+    ChildEnd const end = runWithDescriptors(GetParam().read_end, [] {
         EventRecorder const events;
         Notifier notifier;
         EXPECT_EQ(GetParam().read_end, s_pipe[0]);
@@ -329,7 +244,7 @@ TEST_P(SelfPipeHighNumberTest, IsWaitedForAndASetTouchesNoMemoryBeyondItsEnd) {
         notifier.wait();
         EXPECT_EQ(0, countBytes());
 
-        // Another one in the same place.
+        // Another one gets the same descriptors.
         close(s_pipe[0]);
         close(s_pipe[1]);
         SelfPipe const self_pipe;
@@ -351,11 +266,10 @@ TEST_P(SelfPipeHighNumberTest, IsWaitedForAndASetTouchesNoMemoryBeyondItsEnd) {
         }
         EXPECT_EQ(0, memcmp(&untouched, &memory, sizeof memory));
         fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0); // The notifier's descriptors are not its own any more.
+        // Without the destructor of the notifier, which would close descriptors of the other pipe.
+        _exit(testing::Test::HasFailure() ? 1 : 0);
     });
-    if (end.output == "no descriptors") {
-        GTEST_SKIP() << "the limit of descriptors cannot be raised";
-    }
+    VESK_SKIP_WITHOUT_DESCRIPTORS(end);
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
@@ -369,7 +283,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- the notifier ----
 
-TEST(SignalNotifierTest, WritesOneByteOfValueZeroForEachSignal) {
+TEST(SignalNotifierTest, writesOneByteOfValueZeroForEachSignal) {
     Notifier notifier;
     notifier.signal();
     EXPECT_EQ(1, countBytes());
@@ -381,7 +295,7 @@ TEST(SignalNotifierTest, WritesOneByteOfValueZeroForEachSignal) {
     EXPECT_EQ(std::string(3, '\0'), std::string(bytes, 3));
 }
 
-TEST(SignalNotifierTest, TakesExactlyOneByteInEachWait) {
+TEST(SignalNotifierTest, takesExactlyOneByteInEachWait) {
     Notifier notifier;
     for (int i = 0; i < 5; ++i) {
         notifier.signal();
@@ -392,7 +306,7 @@ TEST(SignalNotifierTest, TakesExactlyOneByteInEachWait) {
     }
 }
 
-TEST(SignalNotifierTest, WaitsForAByteOfThePipeAloneAndWithoutALimit) {
+TEST(SignalNotifierTest, waitsOnlyForThePipeAndWithoutATimeout) {
     Notifier notifier;
     notifier.signal();
     std::vector<Poll> polls;
@@ -406,25 +320,18 @@ TEST(SignalNotifierTest, WaitsForAByteOfThePipeAloneAndWithoutALimit) {
     EXPECT_EQ(-1, polls[0].limit);
 }
 
-TEST(SignalNotifierTest, SleepsUntilItIsSignalled) {
+TEST(SignalNotifierTest, sleepsUntilItIsSignaled) {
     Notifier notifier;
-    std::atomic<pid_t> waiter{0};
-    std::atomic<bool> awake{false};
-    std::thread thread([&] {
-        waiter = support::getThreadId();
-        notifier.wait();
-        awake = true;
-    });
-    EXPECT_TRUE(waitUntil([&] { return waiter != 0; }));
-    support::waitUntilAsleep(getpid(), waiter);
-    EXPECT_FALSE(awake);
+    Sleeper waiter([&] { notifier.wait(); });
+    waiter.awaitSleep();
+    EXPECT_FALSE(waiter.isDone());
     notifier.signal();
-    thread.join();
-    EXPECT_TRUE(awake);
+    waiter.join();
+    EXPECT_TRUE(waiter.isDone());
     EXPECT_EQ(0, countBytes());
 }
 
-TEST(SignalNotifierTest, TakesItsByteAfterAWaitThatWasInterrupted) {
+TEST(SignalNotifierTest, takesItsByteAfterAnInterruptedWait) {
     Notifier notifier;
     notifier.signal();
     notifier.signal();
@@ -433,29 +340,23 @@ TEST(SignalNotifierTest, TakesItsByteAfterAWaitThatWasInterrupted) {
     EXPECT_EQ(1, countBytes());
 }
 
-TEST(SignalNotifierTest, ReturnsFromAWaitThatWasInterruptedWithNothingInThePipe) {
-    ChildEnd const end = runInChild([] {
+TEST(SignalNotifierTest, returnsFromAnInterruptedWaitWithAnEmptyPipe) {
+    expectInChild([] {
         struct sigaction action {};
         action.sa_handler = [](int) {};
         EXPECT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
         Notifier notifier;
-        std::atomic<pid_t> waiter{0};
-        std::thread thread([&] {
-            waiter = support::getThreadId();
-            notifier.wait();
-        });
-        EXPECT_TRUE(waitUntil([&] { return waiter != 0; }));
-        support::waitUntilAsleep(getpid(), waiter);
-        EXPECT_EQ(0, pthread_kill(thread.native_handle(), SIGUSR1));
-        thread.join();
+        Sleeper waiter([&] { notifier.wait(); });
+        waiter.awaitSleep();
+        waiter.kill(SIGUSR1);
+        waiter.join();
         notifier.signal();
         notifier.wait();
         EXPECT_EQ(0, countBytes());
     });
-    EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 
-TEST(SignalNotifierTest, AllocatesNothingAndTakesNoLock) {
+TEST(SignalNotifierTest, allocatesNothingAndTakesNoLock) {
     Notifier notifier;
     Fault const locks(inject_pthread_mutex_lock, 0);
     AllocationCounter const allocations;
@@ -465,7 +366,7 @@ TEST(SignalNotifierTest, AllocatesNothingAndTakesNoLock) {
     EXPECT_EQ(0, allocations.getCount());
 }
 
-TEST(SignalNotifierTest, IgnoresAFullPipe) {
+TEST(SignalNotifierTest, ignoresAFullPipe) {
     EventRecorder const events;
     Notifier notifier;
     Fault const fault(inject_write, EAGAIN);
@@ -477,84 +378,52 @@ TEST(SignalNotifierTest, IgnoresAFullPipe) {
 
 class SignalNotifierWriteTest : public testing::TestWithParam<int> {};
 
-TEST_P(SignalNotifierWriteTest, ThatFailsEndsTheProcess) {
+TEST_P(SignalNotifierWriteTest, failureEndsTheProcess) {
     int const error = GetParam();
-    ChildEnd const end = runInChild([error] {
+    auto const signal = [error] {
         Notifier notifier;
         Fault const fault(inject_write, error);
         notifier.signal();
-    });
-    EXPECT_EQ(SIGABRT, end.signal);
-    std::string const expected = std::string("write to self-pipe failed with errno=") +
-        std::to_string(error) + " (" + strerror(error) + ")\n";
-    EXPECT_NE(std::string::npos, end.errors.find(expected)) << end.errors;
-    EXPECT_NE(std::string::npos, end.errors.find("framework/src/vesk/SignalQueueImpl-posix")) << end.errors;
+    };
+    EXPECT_TRUE(abortsWith(
+        "write to self-pipe failed with errno=" + std::to_string(error) + " (" + strerror(error) + ")\n",
+        signal));
+    EXPECT_TRUE(abortsWith("framework/src/vesk/SignalQueueImpl-posix", signal));
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, SignalNotifierWriteTest, testing::Values(EBADF, EPIPE, EINTR, EIO, EINVAL, ENOSPC),
-    [](auto const& row) { return std::string(strerrorname_np(row.param)); });
+    All, SignalNotifierWriteTest, testing::Values(EBADF, EPIPE, EINTR, EIO, EINVAL, ENOSPC), RowName());
 
-TEST(SignalNotifierTest, WithoutAPipeEndsTheProcessWithTheFirstSignal) {
-    ChildEnd const end = runInChild([] {
+TEST(SignalNotifierTest, withoutAPipeEndsTheProcessWithTheFirstSignal) {
+    auto const signal = [] {
         Fault const fault(inject_pipe, EMFILE);
         Notifier notifier;
         notifier.signal();
-    });
-    EXPECT_EQ(SIGABRT, end.signal);
-    EXPECT_NE(std::string::npos, end.errors.find("couldn't create self-pipe")) << end.errors;
-    EXPECT_NE(
-        std::string::npos, end.errors.find("write to self-pipe failed with errno=9 (Bad file descriptor)"))
-        << end.errors;
+    };
+    EXPECT_TRUE(abortsWith("couldn't create self-pipe", signal));
+    EXPECT_TRUE(abortsWith("write to self-pipe failed with errno=9 (Bad file descriptor)", signal));
 }
 
 // ---- cancellation ----
 
-struct Cancelled {
-    void (*body)(Notifier&);
+TEST(SignalNotifierTest, signalIsNoCancellationPoint) {
     Notifier notifier;
-    std::atomic<bool> got_through{false};
-};
-
-/// Runs the body in a thread that is cancelled at its first cancellation point. True if it found one.
-bool isCancelled(void (*body)(Notifier&)) {
-    Cancelled cancelled{body, {}, {false}};
-    pthread_t thread{};
-    EXPECT_EQ(
-        0,
-        pthread_create(
-            &thread, nullptr,
-            [](void* argument) -> void* {
-                auto& self = *static_cast<Cancelled*>(argument);
-                pthread_cancel(pthread_self());
-                self.body(self.notifier);
-                self.got_through = true;
-                pthread_testcancel();
-                return nullptr;
-            },
-            &cancelled));
-    void* result = nullptr;
-    EXPECT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
-    return !cancelled.got_through;
-}
-
-TEST(SignalNotifierTest, IsNoCancellationPointWhenItIsSignalled) {
-    EXPECT_FALSE(isCancelled([](Notifier& notifier) {
+    EXPECT_FALSE(isCanceled([&] {
         notifier.signal();
         EXPECT_EQ(1, countBytes());
     }));
 }
 
-TEST(SignalNotifierTest, IsACancellationPointWhenItIsWaitedFor) {
-    if (!support::FORGETS_UNWOUND_FRAMES) {
+TEST(SignalNotifierTest, waitIsACancellationPoint) {
+    if (!FORGETS_UNWOUND_FRAMES) {
         GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
     }
-    EXPECT_TRUE(isCancelled([](Notifier& notifier) { notifier.wait(); }));
+    Notifier notifier;
+    EXPECT_TRUE(isCanceled([&] { notifier.wait(); }));
 }
 
-TEST(SignalNotifierTest, IsDestroyedWhileTheThreadIsCancelled) {
-    EXPECT_FALSE(isCancelled([](Notifier&) { Notifier const other; }));
+TEST(SignalNotifierTest, isDestroyedInAThreadThatIsCanceled) {
+    EXPECT_FALSE(isCanceled([] { Notifier const other; }));
 }
 
 } // namespace

@@ -3,29 +3,21 @@
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
 
-#include <gtest/gtest.h>
-
 #include <array>
-#include <atomic>
-#include <csignal>
 #include <cstdint>
-#include <memory>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
-using support::CatchableSignals;
-using support::waitUntil;
+using namespace support;
 using vesk::SignalCatcher;
 using vesk::SignalDispatcher;
 using vesk::TARN_NSIGNALS;
 
 constexpr int SIGNALS = 1'000'000;
 
-// User-mode QEMU looks at the action of a signal twice on the way to its handler: when another thread changes it in between,
-// it may call SIG_IGN.
+// User-mode QEMU reads the action of a signal twice before it calls the handler: when another thread changes
+// it in between, it may call SIG_IGN.
 #if defined(__arm__)
 constexpr bool HANDLERS_MAY_GO = false;
 #else
@@ -37,10 +29,10 @@ constexpr char const* HANDLERS_MAY_NOT_GO =
 constexpr int SENDERS = 3;
 constexpr int CHURNERS = 2;
 
-/// What became of one signal number. Its callbacks get it as their data.
-struct Fate {
+/// The counts of one signal number. They are the data of its callbacks.
+struct SignalCounts {
     static void count(int signal, void* data) {
-        auto& self = *static_cast<Fate*>(data);
+        auto& self = *static_cast<SignalCounts*>(data);
         ++(signal == self.number ? self.calls : self.wrong);
     }
 
@@ -50,8 +42,8 @@ struct Fate {
     std::atomic<int> wrong{0};
 };
 
-/// Whether a signal may come to any thread at any time. ThreadSanitizer handles those of the processor at once, also in
-/// threads that it has not set up yet; all others it keeps until it can.
+/// Returns whether any thread may receive a signal at any time. ThreadSanitizer handles those of the
+/// processor at once, also in threads that it has not set up yet, and delays all others.
 bool mayComeAnywhere(int signal) {
 #if defined(__SANITIZE_THREAD__)
     for (int const fault : {SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGPIPE, SIGSYS}) {
@@ -67,31 +59,32 @@ class SignalStormTest : public testing::Test {
 protected:
     SignalStormTest() {
         for (int signal = 0; signal < TARN_NSIGNALS; ++signal) {
-            fate(signal).number = signal;
+            countsOf(signal).number = signal;
         }
     }
 
-    Fate& fate(int signal) { return fates[static_cast<size_t>(signal)]; }
+    SignalCounts& countsOf(int signal) { return counts[static_cast<size_t>(signal)]; }
 
-    /// Sends a share of the signals. Those to the own thread are handled before the next one is sent, so none is merged
-    /// with another; those to the process come wherever the kernel likes.
+    /// Sends a share of the signals. Those to the own thread are handled before the next one is sent, so none
+    /// is merged with another; those to the process are handled in any thread.
     void send(unsigned int seed, std::vector<int> const& to_thread, std::vector<int> const& to_process) {
         for (int i = 0; i < SIGNALS / SENDERS; ++i) {
             seed = seed * 1664525 + 1013904223;
             size_t const random = seed >> 8;
             if (to_process.empty() || (i % 2 == 0 && !to_thread.empty())) {
                 int const signal = to_thread[random % to_thread.size()];
-                ++fate(signal).sent;
+                ++countsOf(signal).sent;
                 raise(signal);
             } else {
                 int const signal = to_process[random % to_process.size()];
-                ++fate(signal).sent;
+                ++countsOf(signal).sent;
                 i % 4 == 1 && mayComeAnywhere(signal) ? kill(getpid(), signal) : raise(signal);
             }
         }
     }
 
-    /// Runs the senders, and beside them the churners until they are done. Each churner has its own share of signals.
+    /// Runs the senders, and beside them the churners until they are done. Each churner has its own share of
+    /// signals.
     template <typename Churn>
     void storm(
         std::vector<int> const& to_thread, std::vector<int> const& to_process,
@@ -121,10 +114,10 @@ protected:
         }
     }
 
-    /// Nobody was called for what was not sent, nor with another one's signal.
-    void expectNothingWasMadeUp() {
+    /// Checks that each callback got only its own signal, and no more than were sent.
+    void expectOnlySentSignals() {
         int calls = 0;
-        for (Fate const& each : fates) {
+        for (SignalCounts const& each : counts) {
             EXPECT_EQ(0, each.wrong) << each.number;
             EXPECT_LE(each.calls, each.sent) << each.number;
             calls += each.calls;
@@ -134,11 +127,11 @@ protected:
     }
 
     CatchableSignals catchable;
-    std::array<Fate, TARN_NSIGNALS> fates;
+    std::array<SignalCounts, TARN_NSIGNALS> counts;
     std::atomic<int> rounds{0};
 };
 
-TEST_F(SignalStormTest, LosesNothingOfWhoStaysWhileOtherCatchersComeAndGo) {
+TEST_F(SignalStormTest, losesNoSignalOfACatcherWhileOthersAreMadeAndDestroyed) {
     std::vector<int> staying;
     std::vector<int> passing;
     for (size_t i = 0; i < catchable.get().size(); ++i) {
@@ -150,54 +143,59 @@ TEST_F(SignalStormTest, LosesNothingOfWhoStaysWhileOtherCatchersComeAndGo) {
     }
     std::vector<std::unique_ptr<SignalCatcher>> catchers;
     for (int const signal : staying) {
-        catchers.push_back(std::make_unique<SignalCatcher>(signal, Fate::count, &fate(signal)));
+        catchers.push_back(std::make_unique<SignalCatcher>(signal, SignalCounts::count, &countsOf(signal)));
     }
     std::vector<int> const none;
     storm(staying, HANDLERS_MAY_GO ? passing : none, passing, [this](std::vector<int> const& share) {
         for (size_t i = 1; i < share.size(); ++i) {
-            SignalCatcher const first(share[i - 1], Fate::count, &fate(share[i - 1]));
-            SignalCatcher const second(share[i], Fate::count, &fate(share[i]));
+            SignalCatcher const first(share[i - 1], SignalCounts::count, &countsOf(share[i - 1]));
+            SignalCatcher const second(share[i], SignalCounts::count, &countsOf(share[i]));
             sched_yield();
         }
     });
     for (int const signal : staying) {
-        EXPECT_TRUE(waitUntil([&] { return fate(signal).calls == fate(signal).sent; }))
-            << signal << ": " << fate(signal).calls << " of " << fate(signal).sent;
+        EXPECT_TRUE(waitUntil([&] { return countsOf(signal).calls == countsOf(signal).sent; }))
+            << signal << ": " << countsOf(signal).calls << " of " << countsOf(signal).sent;
     }
     catchers.clear();
     for (int const signal : staying) {
-        EXPECT_EQ(fate(signal).sent, fate(signal).calls) << signal;
+        EXPECT_EQ(countsOf(signal).sent, countsOf(signal).calls) << signal;
     }
-    expectNothingWasMadeUp();
+    expectOnlySentSignals();
 }
 
-TEST_F(SignalStormTest, TouchesNoDispatcherThatHasGone) {
-    if (!HANDLERS_MAY_GO) {
-        GTEST_SKIP() << HANDLERS_MAY_NOT_GO;
-    }
-    storm({}, catchable.get(), catchable.get(), [this](std::vector<int> const& share) {
-        for (int const signal : share) {
-            // As a rule the last one of the process.
-            SignalCatcher const catcher(signal, Fate::count, &fate(signal));
-            sched_yield();
+/// Makes and destroys catchers of all signals during a storm of them.
+class SignalStormOfDestroyed : public SignalStormTest {
+protected:
+    template <typename Use>
+    void run(Use use) {
+        if (!HANDLERS_MAY_GO) {
+            GTEST_SKIP() << HANDLERS_MAY_NOT_GO;
         }
+        storm({}, catchable.get(), catchable.get(), [&](std::vector<int> const& share) {
+            for (int const signal : share) {
+                use(signal);
+            }
+        });
+        expectOnlySentSignals();
+    }
+};
+
+TEST_F(SignalStormOfDestroyed, usesNoDestroyedDispatcher) {
+    run([this](int signal) {
+        // Usually the last one of the process.
+        SignalCatcher const catcher(signal, SignalCounts::count, &countsOf(signal));
+        sched_yield();
     });
-    expectNothingWasMadeUp();
 }
 
-TEST_F(SignalStormTest, TouchesNoQueueOfAClientThatHasGone) {
-    if (!HANDLERS_MAY_GO) {
-        GTEST_SKIP() << HANDLERS_MAY_NOT_GO;
-    }
-    storm({}, catchable.get(), catchable.get(), [this](std::vector<int> const& share) {
-        for (int const signal : share) {
-            // On the heap, where its end shows.
-            auto const dispatcher = std::make_unique<SignalDispatcher>("client", vesk::sched::Attr());
-            SignalCatcher const catcher(signal, dispatcher->getQueue(), Fate::count, &fate(signal));
-            sched_yield();
-        }
+TEST_F(SignalStormOfDestroyed, usesNoDestroyedQueueOfAClient) {
+    run([this](int signal) {
+        // On the heap, where a use after its end is found.
+        auto const dispatcher = std::make_unique<SignalDispatcher>("client", vesk::sched::Attr());
+        SignalCatcher const catcher(signal, dispatcher->getQueue(), SignalCounts::count, &countsOf(signal));
+        sched_yield();
     });
-    expectNothingWasMadeUp();
 }
 
 } // namespace

@@ -1,28 +1,77 @@
 #pragma once
 
+#include "support/Child.h"
+#include "support/EventRecorder.h"
+#include "support/Inject.h"
+#include "support/Processes.h"
 #include "support/Threads.h"
+
+#include <tarncommon/error/ErrorStorage.h>
+#include <vesk/SignalQueue.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <functional>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <sched.h>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
 #include <utility>
 #include <vector>
 
-/// What tests of signals need.
+/// Support for tests of signals and self-pipes. Must be included in exactly one file of a test program,
+/// because it replaces `pipe`.
 
 namespace support {
 
 constexpr std::chrono::seconds DEADLINE(30);
 
-/// Gives way until a condition holds. False if it does not come to hold in a time that is far beyond any good run.
+/// The last pipe that the library made, and how many it has made.
+inline int s_pipe[2] = {-1, -1};
+inline std::atomic<int> s_pipes{0};
+
+/// Returns whether code of the library is at an address. A sanitizer's runtime calls replaced functions too.
+inline bool isOfLibrary(void const* address) {
+    Dl_info info{};
+    return dladdr(address, &info) != 0 && strstr(info.dli_fname, "libvesk.so") != nullptr;
+}
+
+} // namespace support
+
+support::Injected inject_pipe("pipe");
+extern "C" VESK_UNWATCHED int pipe(int* ends) {
+    auto const real = reinterpret_cast<int (*)(int*)>(inject_pipe.getReal());
+    if (!support::isOfLibrary(__builtin_return_address(0))) {
+        return real(ends);
+    }
+    int error = 0;
+    if (inject_pipe.fails(error)) {
+        errno = error;
+        return -1;
+    }
+    int const result = real(ends);
+    support::s_pipe[0] = ends[0];
+    support::s_pipe[1] = ends[1];
+    ++support::s_pipes;
+    return result;
+}
+
+namespace support {
+
+/// Yields until a condition holds. Returns false if it does not hold within the deadline.
 template <typename Condition>
 bool waitUntil(Condition condition) {
     auto const deadline = std::chrono::steady_clock::now() + DEADLINE;
@@ -35,13 +84,59 @@ bool waitUntil(Condition condition) {
     return true;
 }
 
-/// Whether code of the library lies at an address. A sanitizer's runtime calls replaced functions for itself as well.
-inline bool isOfLibrary(void const* address) {
-    Dl_info info{};
-    return dladdr(address, &info) != 0 && strstr(info.dli_fname, "libvesk.so") != nullptr;
+/// A thread whose sleep in the kernel can be awaited.
+class Sleeper {
+public:
+    template <typename Body>
+    explicit Sleeper(Body body)
+        : m_thread([this, body] {
+              m_id = getThreadId();
+              body();
+              m_done = true;
+          }) {}
+    ~Sleeper() {
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+
+    void awaitSleep() const {
+        EXPECT_TRUE(waitUntil([this] { return m_id != 0; }));
+        waitUntilAsleep(getpid(), m_id);
+    }
+    bool isDone() const { return m_done; }
+    void kill(int signal) { EXPECT_EQ(0, pthread_kill(m_thread.native_handle(), signal)); }
+    void join() { m_thread.join(); }
+
+private:
+    std::atomic<pid_t> m_id{0};
+    std::atomic<bool> m_done{false};
+    std::thread m_thread;
+};
+
+/// Runs `body` in a thread that is canceled at its first cancellation point. Returns whether it found one.
+inline bool isCanceled(std::function<void()> const& body) {
+    struct Canceled {
+        std::function<void()> const& body;
+        std::atomic<bool> completed{false};
+    } canceled{body, {false}};
+    pthread_t thread{};
+    auto const run = [](void* argument) -> void* {
+        auto& self = *static_cast<Canceled*>(argument);
+        pthread_cancel(pthread_self());
+        self.body();
+        self.completed = true;
+        pthread_testcancel();
+        return nullptr;
+    };
+    EXPECT_EQ(0, pthread_create(&thread, nullptr, run, &canceled));
+    void* result = nullptr;
+    EXPECT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    return !canceled.completed;
 }
 
-/// The calls of a callback, in order.
+/// Records the calls of a callback, in order.
 class CallLog {
 public:
     struct Call {
@@ -49,7 +144,7 @@ public:
         pid_t thread;
     };
 
-    /// The callback; its data is the log.
+    /// The callback. Its data is the log.
     static void record(int signal, void* log) {
         auto& self = *static_cast<CallLog*>(log);
         std::lock_guard<std::mutex> const guard(self.m_mutex);
@@ -57,7 +152,7 @@ public:
         self.m_changed.notify_all();
     }
 
-    /// Waits for so many calls. False if they do not come.
+    /// Waits for so many calls. Returns false if they do not arrive within the deadline.
     bool waitFor(size_t count) {
         std::unique_lock<std::mutex> lock(m_mutex);
         return m_changed.wait_for(lock, DEADLINE, [&] { return m_calls.size() >= count; });
@@ -82,7 +177,111 @@ private:
     std::vector<Call> m_calls;
 };
 
-/// Sets the action of a signal, and puts the one before it back at the end.
+/// A callback with a body.
+struct Callback {
+    /// The callback. Its data is the object.
+    static void run(int signal, void* data) { static_cast<Callback*>(data)->body(signal); }
+
+    std::function<void(int signal)> body;
+};
+
+/// A callback that waits until it is released, and records its calls then.
+struct HeldCallback {
+    /// The callback. Its data is the object.
+    static void run(int signal, void* data) {
+        auto& self = *static_cast<HeldCallback*>(data);
+        self.entered = true;
+        EXPECT_TRUE(waitUntil([&] { return self.released.load(); }));
+        CallLog::record(signal, &self.log);
+    }
+    void awaitEntry() const {
+        EXPECT_TRUE(waitUntil([this] { return entered.load(); }));
+    }
+
+    std::atomic<bool> entered{false};
+    std::atomic<bool> released{false};
+    CallLog log;
+};
+
+/// Counts its signals, for a queue without a dispatcher. Signal handlers call it.
+class CountingNotifier : public vesk::Dispatcher::Notifier {
+public:
+    void wait() override { FAIL() << "the tests do not wait"; }
+    void signal() override {
+        ++signals;
+        if (on_signal) {
+            on_signal();
+        }
+    }
+
+    std::atomic<int> signals{0};
+    std::function<void()> on_signal;
+};
+
+/// Pops a message of a queue and invokes it. Returns false if there is none.
+inline bool popOne(vesk::SignalQueue& queue) {
+    vesk::Message* const message = queue.pop_nonblock();
+    if (message == nullptr) {
+        return false;
+    }
+    message->invoke();
+    message->dismiss();
+    return true;
+}
+
+/// Pops all messages of a queue and invokes them. Returns their number.
+inline int popAll(vesk::SignalQueue& queue) {
+    int count = 0;
+    while (popOne(queue)) {
+        ++count;
+    }
+    return count;
+}
+
+/// A test of a queue without a dispatcher. Events are failures, except for those that the test expects.
+class SignalTest : public testing::Test {
+protected:
+    void TearDown() override {
+        EXPECT_EQ(expected_events, events.getText());
+        EXPECT_FALSE(std::ErrorStorage::isError(true));
+        popAll(queue);
+    }
+
+    /// Checks that there were exactly these events, and no others until the end of the test.
+    void expectEvents(std::string const& text) {
+        EXPECT_EQ(text, events.getText());
+        expected_events = text;
+    }
+
+    EventRecorder events;
+    std::string expected_events;
+    CallLog log;
+    CountingNotifier notifier;
+    vesk::SignalQueue queue{notifier};
+};
+
+/// Runs `body` in a child that uses all descriptors below `free`, so that it is the next one.
+inline ChildEnd runWithDescriptors(int free, std::function<void()> const& body) {
+    return runInChild([&] {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = 2048;
+        limit.rlim_max = std::max(limit.rlim_max, limit.rlim_cur);
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+            printf("no descriptors");
+            return;
+        }
+        while (open("/dev/null", O_RDONLY) < free - 1) {}
+        body();
+    });
+}
+
+#define VESK_SKIP_WITHOUT_DESCRIPTORS(end)                                                                   \
+    if ((end).output == "no descriptors") {                                                                  \
+        GTEST_SKIP() << "the limit of descriptors cannot be raised";                                         \
+    }
+
+/// Sets the action of a signal. The destructor restores the previous one.
 class ActionGuard {
 public:
     explicit ActionGuard(int signal) : m_signal(signal) {
@@ -104,7 +303,7 @@ private:
     struct sigaction m_before {};
 };
 
-/// All signals that a process can catch. They are ignored while it lives, so that one that nobody catches does no harm.
+/// All signals that a process can catch. They are ignored during the object's lifetime.
 class CatchableSignals {
 public:
     CatchableSignals() {
@@ -134,7 +333,7 @@ private:
     std::vector<int> m_signals;
 };
 
-/// The action of a signal now.
+/// Returns the current action of a signal.
 inline struct sigaction getAction(int signal) {
     struct sigaction action {};
     EXPECT_EQ(0, sigaction(signal, nullptr, &action));

@@ -1,32 +1,21 @@
-#include "support/Chain.h"
-#include "support/Child.h"
-#include "support/EventRecorder.h"
+#include "support/ErrorRow.h"
 #include "support/Inject.h"
 #include "support/VtableSlot.h"
 
 #include <vesk/Dispatcher.h>
-#include <vesk/SysError.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
-#include <csignal>
+#include <memory>
 #include <pthread.h>
-#include <string>
 #include <thread>
 #include <type_traits>
-#include <vector>
 
 namespace {
-// What the condition waits with, and whether it was held when the condition was signalled.
+// The mutex of the condition's wait, and whether it was locked when the condition was signaled.
 std::atomic<pthread_mutex_t*> s_waiters_mutex{nullptr};
 std::atomic<int> s_signals_with_mutex{0};
 std::atomic<int> s_signals_without_mutex{0};
 } // namespace
-
-VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
-VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 
 support::Injected inject_pthread_cond_wait("pthread_cond_wait");
 extern "C" VESK_UNWATCHED int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
@@ -58,307 +47,225 @@ extern "C" VESK_UNWATCHED int pthread_cond_signal(pthread_cond_t* condition) {
 
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::Fault;
-using support::rowText;
-using support::runInChild;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
+using namespace support;
 using Notifier = vesk::Dispatcher::Notifier;
-using VanillaNotifier = vesk::Dispatcher::VanillaNotifier;
+using vesk::Dispatcher;
 
-void waitUntilAsleep(Fault const& waits, int calls) {
-    while (waits.getCalls() < calls) {
-        std::this_thread::yield();
+class VanillaNotifier : public testing::Test {
+protected:
+    /// Counts the waits of all threads from now on, and lets some fail.
+    void watchWaits(int error = 0, int times = 1) {
+        m_waits.reset();
+        m_waits = std::make_unique<Fault>(inject_pthread_cond_wait, error, 1, times, Fault::Threads::ALL);
     }
-}
+    std::thread startWaiter(int waits = 1) {
+        return std::thread([this, waits] {
+            for (int i = 0; i < waits; ++i) {
+                m_notifier.wait();
+                ++m_returned;
+            }
+        });
+    }
+    void awaitWaits(int calls) const {
+        while (m_waits->getCalls() < calls) {
+            std::this_thread::yield();
+        }
+    }
+    /// Lets a thread wait and wakes it. This binds the condition: before, a signal does not reach the system.
+    void sleepOnce() {
+        watchWaits();
+        std::thread waiter = startWaiter();
+        awaitWaits(1);
+        m_notifier.signal();
+        waiter.join();
+    }
 
-/// Lets a thread wait and wakes it, which binds the condition: until then a signal does not reach the system.
-void sleepOnce(VanillaNotifier& notifier) {
-    Fault const waits(inject_pthread_cond_wait, 0, 1, 1, Fault::Threads::ALL);
-    std::thread waiter([&notifier] { notifier.wait(); });
-    waitUntilAsleep(waits, 1);
-    notifier.signal();
-    waiter.join();
-}
+    Dispatcher::VanillaNotifier m_notifier;
+    std::unique_ptr<Fault> m_waits;
+    std::atomic<int> m_returned{0};
+};
 
-TEST(VanillaNotifier, fiveSignalsAreOneWakeUpAndTheSecondWaitBlocks) {
-    VanillaNotifier notifier;
+TEST_F(VanillaNotifier, fiveSignalsAreOneWakeUpAndTheSecondWaitBlocks) {
     for (int i = 0; i < 5; ++i) {
-        notifier.signal();
+        m_notifier.signal();
     }
-    Fault const waits(inject_pthread_cond_wait, 0, 1, 1, Fault::Threads::ALL);
-    std::atomic<int> returned{0};
-    std::thread waiter([&] {
-        notifier.wait();
-        ++returned;
-        notifier.wait();
-        ++returned;
-    });
-    waitUntilAsleep(waits, 1);
-    EXPECT_EQ(1, returned) << "only the second wait sleeps";
-    notifier.signal();
+    watchWaits();
+    std::thread waiter = startWaiter(2);
+    awaitWaits(1);
+    EXPECT_EQ(1, m_returned) << "only the second wait sleeps";
+    m_notifier.signal();
     waiter.join();
-    EXPECT_EQ(2, returned);
+    EXPECT_EQ(2, m_returned);
 }
 
-TEST(VanillaNotifier, aSignalBeforeTheWaitIsNotLost) {
-    VanillaNotifier notifier;
-    notifier.signal();
-    Fault const waits(inject_pthread_cond_wait, 0);
-    notifier.wait();
-    EXPECT_EQ(0, waits.getCalls());
+TEST_F(VanillaNotifier, aSignalBeforeTheWaitIsNotLost) {
+    m_notifier.signal();
+    watchWaits();
+    m_notifier.wait();
+    EXPECT_EQ(0, m_waits->getCalls());
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(VanillaNotifier, aNewOneIsNotSignalled) {
-    VanillaNotifier notifier;
-    Fault const waits(inject_pthread_cond_wait, 0, 1, 1, Fault::Threads::ALL);
-    std::atomic<bool> returned{false};
-    std::thread waiter([&] {
-        notifier.wait();
-        returned = true;
-    });
-    waitUntilAsleep(waits, 1);
-    EXPECT_FALSE(returned);
-    notifier.signal();
+TEST_F(VanillaNotifier, aNewOneIsNotSignaled) {
+    watchWaits();
+    std::thread waiter = startWaiter();
+    awaitWaits(1);
+    EXPECT_EQ(0, m_returned);
+    m_notifier.signal();
     waiter.join();
 }
 
-TEST(VanillaNotifier, ofTwoWaitersOneGetsTheSignal) {
-    VanillaNotifier notifier;
-    Fault const waits(inject_pthread_cond_wait, 0, 1, 1, Fault::Threads::ALL);
-    std::atomic<int> returned{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 2; ++i) {
-        waiters.emplace_back([&] {
-            notifier.wait();
-            ++returned;
-        });
-    }
-    waitUntilAsleep(waits, 2);
-    notifier.signal();
-    while (returned == 0) {
+TEST_F(VanillaNotifier, aSignalWakesOneOfTwoWaiters) {
+    watchWaits();
+    std::thread first = startWaiter();
+    std::thread second = startWaiter();
+    awaitWaits(2);
+    m_notifier.signal();
+    while (m_returned == 0) {
         std::this_thread::yield();
     }
-    EXPECT_EQ(1, returned);
-    notifier.signal();
-    for (std::thread& waiter : waiters) {
-        waiter.join();
-    }
-    EXPECT_EQ(2, returned);
+    EXPECT_EQ(1, m_returned);
+    m_notifier.signal();
+    first.join();
+    second.join();
+    EXPECT_EQ(2, m_returned);
 }
 
-TEST(VanillaNotifier, conditionIsSignalledWithTheMutexHeld) {
+TEST_F(VanillaNotifier, conditionIsSignaledWithTheMutexLocked) {
     s_waiters_mutex = nullptr;
     s_signals_with_mutex = 0;
     s_signals_without_mutex = 0;
-    VanillaNotifier notifier;
-    sleepOnce(notifier);
-    notifier.signal();
+    sleepOnce();
+    m_notifier.signal();
     EXPECT_EQ(2, s_signals_with_mutex);
     EXPECT_EQ(0, s_signals_without_mutex);
     s_waiters_mutex = nullptr;
 }
 
-TEST(VanillaNotifier, twoThreadsPlayPingPong) {
+TEST_F(VanillaNotifier, twoThreadsAlternate) {
     constexpr int ROUNDS = 2000;
-    VanillaNotifier ping;
-    VanillaNotifier pong;
-    int ball = 0; // Not atomic: each side touches it only when it has the turn.
+    Dispatcher::VanillaNotifier answer;
+    int count = 0; // Not atomic: each thread touches it only in its turn.
     std::thread partner([&] {
         for (int i = 0; i < ROUNDS; ++i) {
-            ping.wait();
-            ++ball;
-            pong.signal();
+            m_notifier.wait();
+            ++count;
+            answer.signal();
         }
     });
     for (int i = 0; i < ROUNDS; ++i) {
-        ping.signal();
-        pong.wait();
-        EXPECT_EQ(i + 1, ball);
+        m_notifier.signal();
+        answer.wait();
+        EXPECT_EQ(i + 1, count);
     }
     partner.join();
 }
 
-TEST(VanillaNotifier, signalsOfManyThreadsLoseNoWakeUp) {
-    constexpr int THREADS = 3;
+TEST_F(VanillaNotifier, signalsOfManyThreadsLoseNoWakeUp) {
     constexpr int ROUNDS = 2000;
-    VanillaNotifier notifier;
     std::atomic<int> posted{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < ROUNDS; ++round) {
-                ++posted;
-                notifier.signal();
-            }
-        });
-    }
-    // A lost wake-up would leave this asleep for ever: the last signal comes after the last count.
-    while (posted < THREADS * ROUNDS) {
-        notifier.wait();
+    auto const post = [&] {
+        for (int round = 0; round < ROUNDS; ++round) {
+            ++posted;
+            m_notifier.signal();
+        }
+    };
+    std::thread threads[] = {std::thread(post), std::thread(post), std::thread(post)};
+    // A lost wake-up would let this sleep forever: the last signal comes after the last count.
+    while (posted < 3 * ROUNDS) {
+        m_notifier.wait();
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(THREADS * ROUNDS, posted);
 }
 
-// ---- The system fails ----
+// ---- failures of the system ----
 
-struct WaitRow {
+/// An errno of the condition and what the report shows of it.
+struct Row {
     int error;
+    SysErrorId::Id id;
     char const* argument;
 };
 
-void PrintTo(WaitRow const& row, std::ostream* out) {
-    *out << "errno " << row.error;
+void PrintTo(Row const& row, std::ostream* out) {
+    *out << strerrorname_np(row.error);
 }
 
-class VanillaNotifierWaitRows : public testing::TestWithParam<WaitRow> {};
+class VanillaNotifierRows : public VanillaNotifier, public testing::WithParamInterface<Row> {
+protected:
+    static testing::AssertionResult isReported() {
+        return chainIs({{GetParam().id, rowText(GetParam().id, GetParam().argument)}});
+    }
+};
 
-TEST_P(VanillaNotifierWaitRows, aFailingWaitIsReportedAndTheWaitingGoesOn) {
-    VanillaNotifier notifier;
-    Fault const waits(inject_pthread_cond_wait, GetParam().error, 1, 2, Fault::Threads::ALL);
-    std::atomic<bool> returned{false};
-    std::thread waiter([&] {
-        notifier.wait();
-        returned = true;
-        EXPECT_TRUE(chainIs(
-            {{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, GetParam().argument)}}));
+class VanillaNotifierWaitRows : public VanillaNotifierRows {};
+
+TEST_P(VanillaNotifierWaitRows, aFailedWaitIsReportedAndRepeated) {
+    watchWaits(GetParam().error, 2);
+    std::thread waiter([this] {
+        m_notifier.wait();
+        ++m_returned;
+        EXPECT_TRUE(isReported());
     });
-    waitUntilAsleep(waits, 3);
-    EXPECT_FALSE(returned);
-    notifier.signal();
+    awaitWaits(3);
+    EXPECT_EQ(0, m_returned);
+    m_notifier.signal();
     waiter.join();
-    EXPECT_TRUE(returned);
+    EXPECT_EQ(1, m_returned);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, VanillaNotifierWaitRows,
-    testing::Values(WaitRow{EINVAL, "-1"}, WaitRow{EPERM, "-1"}, WaitRow{EAGAIN, "11"}));
+    testing::Values(
+        Row{EINVAL, SysErrorId::SPOILED_INTEGRITY, "-1"}, Row{EPERM, SysErrorId::SPOILED_INTEGRITY, "-1"},
+        Row{EAGAIN, SysErrorId::SPOILED_INTEGRITY, "11"}));
 
-struct SignalRow {
-    int error;
-    int id;
-    char const* argument;
-};
+class VanillaNotifierSignalRows : public VanillaNotifierRows {};
 
-void PrintTo(SignalRow const& row, std::ostream* out) {
-    *out << "errno " << row.error;
-}
-
-class VanillaNotifierSignalRows : public testing::TestWithParam<SignalRow> {};
-
-TEST_P(VanillaNotifierSignalRows, aFailingSignalIsReportedAndTheNextWaitTakesIt) {
-    SignalRow const& row = GetParam();
-    VanillaNotifier notifier;
-    sleepOnce(notifier);
+TEST_P(VanillaNotifierSignalRows, aFailedSignalIsReportedAndEndsTheNextWait) {
+    sleepOnce();
     {
-        Fault const fault(inject_pthread_cond_signal, row.error);
-        notifier.signal();
+        Fault const fault(inject_pthread_cond_signal, GetParam().error);
+        m_notifier.signal();
     }
-    EXPECT_TRUE(chainIs({{SysError, row.id, rowText(SysError, row.id, row.argument)}}));
-    Fault const waits(inject_pthread_cond_wait, 0);
-    notifier.wait();
-    EXPECT_EQ(0, waits.getCalls());
+    EXPECT_TRUE(isReported());
+    watchWaits();
+    m_notifier.wait();
+    EXPECT_EQ(0, m_waits->getCalls());
 }
 
-TEST_P(VanillaNotifierSignalRows, aWaiterThatAFailingSignalDidNotReachIsWokenByTheNext) {
-    SignalRow const& row = GetParam();
-    VanillaNotifier notifier;
-    Fault const waits(inject_pthread_cond_wait, 0, 1, 1, Fault::Threads::ALL);
-    std::thread waiter([&notifier] { notifier.wait(); });
-    waitUntilAsleep(waits, 1);
+TEST_P(VanillaNotifierSignalRows, aWaiterThatAFailedSignalDidNotReachIsWokenByTheNext) {
+    watchWaits();
+    std::thread waiter = startWaiter();
+    awaitWaits(1);
     {
-        Fault const fault(inject_pthread_cond_signal, row.error, 1, 2);
-        notifier.signal();
-        notifier.signal();
+        Fault const fault(inject_pthread_cond_signal, GetParam().error, 1, 2);
+        m_notifier.signal();
+        m_notifier.signal();
         EXPECT_EQ(2, fault.getCalls());
     }
-    EXPECT_TRUE(chainIs({{SysError, row.id, rowText(SysError, row.id, row.argument)}}));
-    notifier.signal();
+    EXPECT_TRUE(isReported());
+    m_notifier.signal();
     waiter.join();
     EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, VanillaNotifierSignalRows,
-    testing::Values(SignalRow{EINVAL, 10, "-1"}, SignalRow{EAGAIN, 19, "11"}));
-
-TEST(VanillaNotifierLock, waitWithoutItIsFatal) {
-    EventRecorder const recorder;
-    VanillaNotifier notifier;
-    notifier.signal();
-    {
-        Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        notifier.wait();
-    }
-    EXPECT_EQ(
-        "ABORT framework/src/vesk/Dispatcher wait: error locking\n"
-        "ABORT framework/src/vesk/Dispatcher wait: error unlocking",
-        recorder.getText());
-}
-
-TEST(VanillaNotifierLock, waitThatCannotUnlockIsFatal) {
-    EventRecorder const recorder;
-    VanillaNotifier notifier;
-    notifier.signal();
-    {
-        Fault const fault(inject_pthread_mutex_unlock, EPERM);
-        notifier.wait();
-    }
-    EXPECT_EQ("ABORT framework/src/vesk/Dispatcher wait: error unlocking", recorder.getText());
-    notifier.signal(); // Frees the lock.
-}
-
-TEST(VanillaNotifierLock, signalWithoutItIsFatal) {
-    EventRecorder const recorder;
-    VanillaNotifier notifier;
-    {
-        Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        notifier.signal();
-    }
-    EXPECT_EQ(
-        "ABORT framework/src/vesk/Dispatcher signal: error locking\n"
-        "ABORT framework/src/vesk/Dispatcher signal: error unlocking",
-        recorder.getText());
-    notifier.wait();
-}
-
-TEST(VanillaNotifierLock, signalThatCannotUnlockIsFatal) {
-    EventRecorder const recorder;
-    VanillaNotifier notifier;
-    {
-        // The first unlock is that of the condition's own lock.
-        Fault const fault(inject_pthread_mutex_unlock, EPERM, 2);
-        notifier.signal();
-    }
-    EXPECT_EQ("ABORT framework/src/vesk/Dispatcher signal: error unlocking", recorder.getText());
-    notifier.wait(); // Frees the lock.
-}
-
-TEST(VanillaNotifierLock, fatalMeansThatTheProcessEnds) {
-    support::ChildEnd const end = runInChild([] {
-        VanillaNotifier notifier;
-        Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        notifier.signal();
-    });
-    EXPECT_EQ(SIGABRT, end.signal);
-    EXPECT_NE(std::string::npos, end.errors.find("error locking")) << end.errors;
-}
+    testing::Values(
+        Row{EINVAL, SysErrorId::SPOILED_INTEGRITY, "-1"}, Row{EAGAIN, SysErrorId::UNCLASSIFIED, "11"}));
 
 TEST(VanillaNotifierClass, waitAndSignalFollowTheDestructors) {
-    EXPECT_EQ(2, support::getSlot(&Notifier::wait));
-    EXPECT_EQ(3, support::getSlot(&Notifier::signal));
+    EXPECT_EQ(2, getSlot(&Notifier::wait));
+    EXPECT_EQ(3, getSlot(&Notifier::signal));
     EXPECT_TRUE(std::is_abstract_v<Notifier>);
-    EXPECT_TRUE((std::is_base_of_v<Notifier, VanillaNotifier>));
+    EXPECT_TRUE((std::is_base_of_v<Notifier, Dispatcher::VanillaNotifier>));
 }
 
 TEST(VanillaNotifierClass, canBeDeletedAsANotifier) {
-    Notifier* const notifier = new VanillaNotifier;
+    Notifier* const notifier = new Dispatcher::VanillaNotifier;
     notifier->signal();
     notifier->wait();
     delete notifier;

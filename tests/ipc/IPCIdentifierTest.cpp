@@ -3,10 +3,10 @@
 #include <tarncommon/error/CommonError.h>
 #include <vesk/IPCIdentifier.h>
 
-#include <gtest/gtest.h>
-
 #include <cstring>
+#include <ostream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -16,117 +16,71 @@ using support::rowText;
 using vesk::IPC_NAME_SIZE;
 using vesk::transformToIPCIdentifier;
 
-ExpectedReport unusable(char const* text) {
-    return {
-        std::CommonError, std::CommonErrorId::INVALID_ARGUMENT,
-        rowText(std::CommonErrorId::INVALID_ARGUMENT, text)};
+ExpectedReport invalid(char const* text) {
+    return {std::CommonErrorId::INVALID_ARGUMENT, rowText(std::CommonErrorId::INVALID_ARGUMENT, text)};
 }
 
-ExpectedReport tooLong() {
-    return {
-        std::CommonError, std::CommonErrorId::UNSUPPORTED_VALUE,
-        rowText(std::CommonErrorId::UNSUPPORTED_VALUE, "given IPC name is too long")};
-}
+std::vector<ExpectedReport> const VALID;
+std::vector<ExpectedReport> const SEPARATOR{invalid("path separator found in IPC name")};
+std::vector<ExpectedReport> const NOTHING{invalid("null ptr. or zero size turned in")};
+std::vector<ExpectedReport> const TOO_LONG{
+    {std::CommonErrorId::UNSUPPORTED_VALUE,
+     rowText(std::CommonErrorId::UNSUPPORTED_VALUE, "given IPC name is too long")}};
 
-/// A buffer whose bytes behind the result can be looked at.
-class IPCIdentifierTest : public testing::Test {
-protected:
-    IPCIdentifierTest() { memset(m_result, 'x', sizeof m_result); }
+std::string const LONGEST(254, 'n');
 
-    bool isUntouchedFrom(size_t position) const {
-        for (size_t i = position; i < sizeof m_result; ++i) {
-            if (m_result[i] != 'x') {
-                return false;
-            }
-        }
-        return true;
-    }
-
-    char m_result[512];
+struct Row {
+    char const* what;
+    std::string name;
+    unsigned int size;
+    std::string result;
+    std::vector<ExpectedReport> reports;
 };
 
-TEST_F(IPCIdentifierTest, systemNameIsASeparatorAndTheName) {
-    EXPECT_FALSE(transformToIPCIdentifier("orders", m_result, IPC_NAME_SIZE));
-    EXPECT_STREQ("/orders", m_result);
-    EXPECT_TRUE(isUntouchedFrom(8));
-    EXPECT_TRUE(chainIs({}));
-}
+class IPCIdentifier : public testing::TestWithParam<Row> {};
 
-TEST_F(IPCIdentifierTest, emptyNameGivesTheSeparatorAlone) {
-    EXPECT_FALSE(transformToIPCIdentifier("", m_result, IPC_NAME_SIZE));
-    EXPECT_STREQ("/", m_result);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(IPCIdentifierTest, nameOf254CharactersFits) {
-    std::string const name(254, 'n');
-    EXPECT_FALSE(transformToIPCIdentifier(name.c_str(), m_result, IPC_NAME_SIZE));
-    EXPECT_EQ("/" + name, m_result);
-    EXPECT_TRUE(isUntouchedFrom(256));
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(IPCIdentifierTest, nameOf255CharactersIsTooLong) {
-    EXPECT_TRUE(transformToIPCIdentifier(std::string(255, 'n').c_str(), m_result, IPC_NAME_SIZE));
-    EXPECT_TRUE(chainIs({tooLong()}));
-    EXPECT_EQ("/" + std::string(254, 'n'), m_result);
-    EXPECT_TRUE(isUntouchedFrom(256));
-}
-
-TEST_F(IPCIdentifierTest, separatorAnywhereIsRefused) {
-    for (char const* const name : {"/orders", "or/ders", "orders/", "/", "//"}) {
-        EXPECT_TRUE(transformToIPCIdentifier(name, m_result, IPC_NAME_SIZE)) << name;
-        EXPECT_TRUE(chainIs({unusable("path separator found in IPC name")})) << name;
+TEST_P(IPCIdentifier, isASeparatorAndTheNameAndNothingIsWrittenBehindIt) {
+    Row const& row = GetParam();
+    char result[512];
+    memset(result, 'x', sizeof result);
+    EXPECT_EQ(!row.reports.empty(), transformToIPCIdentifier(row.name.c_str(), result, row.size));
+    EXPECT_TRUE(chainIs(row.reports));
+    EXPECT_EQ(row.result, result);
+    for (size_t i = row.result.size() + 1; i < sizeof result; ++i) {
+        EXPECT_EQ('x', result[i]) << i;
     }
 }
 
-TEST_F(IPCIdentifierTest, separatorEndsTheResult) {
-    EXPECT_TRUE(transformToIPCIdentifier("or/ders", m_result, IPC_NAME_SIZE));
-    EXPECT_STREQ("/or", m_result);
-    EXPECT_TRUE(chainIs({unusable("path separator found in IPC name")}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    rows, IPCIdentifier,
+    testing::ValuesIn(std::vector<Row>{
+        {"shortName", "orders", IPC_NAME_SIZE, "/orders", VALID},
+        {"emptyName", "", IPC_NAME_SIZE, "/", VALID},
+        {"nameOf254Characters", LONGEST, IPC_NAME_SIZE, "/" + LONGEST, VALID},
+        {"nameOf255Characters", LONGEST + "n", IPC_NAME_SIZE, "/" + LONGEST, TOO_LONG},
+        {"separatorFirst", "/orders", IPC_NAME_SIZE, "/", SEPARATOR},
+        {"separatorInTheMiddle", "or/ders", IPC_NAME_SIZE, "/or", SEPARATOR},
+        {"separatorLast", "orders/", IPC_NAME_SIZE, "/orders", SEPARATOR},
+        {"separatorAlone", "/", IPC_NAME_SIZE, "/", SEPARATOR},
+        {"twoSeparators", "//", IPC_NAME_SIZE, "/", SEPARATOR},
+        {"separatorDirectlyAfterTheLastCharacterThatFits", LONGEST + "/more", IPC_NAME_SIZE, "/" + LONGEST,
+         SEPARATOR},
+        {"separatorFurtherBehindIsNotFound", LONGEST + "n/more", IPC_NAME_SIZE, "/" + LONGEST, TOO_LONG},
+        {"nameThatFitsASmallSize", "abc", 5, "/abc", VALID},
+        {"nameLargerThanASmallSize", "abcd", 5, "/abc", TOO_LONG},
+        {"emptyNameInTheSmallestSize", "", 2, "/", VALID},
+        {"nameInTheSmallestSize", "a", 2, "/", TOO_LONG}}),
+    [](auto const& row) { return row.param.what; });
 
-TEST_F(IPCIdentifierTest, separatorRightBehindTheLastCharacterThatFitsIsWhatIsTold) {
-    std::string const name = std::string(254, 'n') + "/more";
-    EXPECT_TRUE(transformToIPCIdentifier(name.c_str(), m_result, IPC_NAME_SIZE));
-    EXPECT_TRUE(chainIs({unusable("path separator found in IPC name")}));
-}
-
-TEST_F(IPCIdentifierTest, separatorFurtherBehindIsNotSeen) {
-    std::string const name = std::string(255, 'n') + "/more";
-    EXPECT_TRUE(transformToIPCIdentifier(name.c_str(), m_result, IPC_NAME_SIZE));
-    EXPECT_TRUE(chainIs({tooLong()}));
-}
-
-TEST_F(IPCIdentifierTest, sizeLimitsTheName) {
-    EXPECT_FALSE(transformToIPCIdentifier("abc", m_result, 5));
-    EXPECT_STREQ("/abc", m_result);
-    EXPECT_TRUE(isUntouchedFrom(5));
-    EXPECT_TRUE(transformToIPCIdentifier("abcd", m_result, 5));
-    EXPECT_STREQ("/abc", m_result);
-    EXPECT_TRUE(isUntouchedFrom(5));
-    EXPECT_TRUE(chainIs({tooLong()}));
-}
-
-TEST_F(IPCIdentifierTest, sizeOf2CopiesNothing) {
-    EXPECT_FALSE(transformToIPCIdentifier("", m_result, 2));
-    EXPECT_STREQ("/", m_result);
-    EXPECT_TRUE(chainIs({}));
-    EXPECT_TRUE(transformToIPCIdentifier("a", m_result, 2));
-    EXPECT_STREQ("/", m_result);
-    EXPECT_TRUE(isUntouchedFrom(2));
-    EXPECT_TRUE(chainIs({tooLong()}));
-}
-
-TEST_F(IPCIdentifierTest, nothingToReadOrWriteIsRefusedBeforeAnythingIsWritten) {
-    ExpectedReport const refused = unusable("null ptr. or zero size turned in");
-    EXPECT_TRUE(transformToIPCIdentifier(nullptr, m_result, IPC_NAME_SIZE));
-    EXPECT_TRUE(chainIs({refused}));
+TEST(IPCIdentifierArguments, nullAndSize0AreRefusedAndNothingIsWritten) {
+    char result[4] = "xyz";
+    EXPECT_TRUE(transformToIPCIdentifier(nullptr, result, IPC_NAME_SIZE));
+    EXPECT_TRUE(chainIs(NOTHING));
     EXPECT_TRUE(transformToIPCIdentifier("orders", nullptr, IPC_NAME_SIZE));
-    EXPECT_TRUE(chainIs({refused}));
-    EXPECT_TRUE(transformToIPCIdentifier("orders", m_result, 0));
-    EXPECT_TRUE(chainIs({refused}));
-    EXPECT_TRUE(isUntouchedFrom(0));
+    EXPECT_TRUE(chainIs(NOTHING));
+    EXPECT_TRUE(transformToIPCIdentifier("orders", result, 0));
+    EXPECT_TRUE(chainIs(NOTHING));
+    EXPECT_STREQ("xyz", result);
 }
 
 } // namespace

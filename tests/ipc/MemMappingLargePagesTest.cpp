@@ -11,8 +11,8 @@
 #include <string>
 #include <unistd.h>
 
-/// A system whose pages are those of the other kernels for the target's processors. Each of them is a whole number of
-/// this system's pages, so what the library then maps can be mapped here.
+/// A system with the pages of other kernels for the target's processors. Each of them is a whole number of
+/// this system's pages, so that the mappings of the library also work here.
 extern "C" long __sysconf(int name);
 extern "C" __attribute__((no_sanitize("thread", "address"))) long sysconf(int name) {
     return name == _SC_PAGESIZE ? 65536 : __sysconf(name);

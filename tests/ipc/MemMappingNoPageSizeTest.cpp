@@ -11,7 +11,7 @@
 #include <string>
 #include <unistd.h>
 
-/// A system that does not tell its page size.
+/// A system that does not know its page size.
 extern "C" long __sysconf(int name);
 extern "C" __attribute__((no_sanitize("thread", "address"))) long sysconf(int name) {
     return name == _SC_PAGESIZE ? -1 : __sysconf(name);

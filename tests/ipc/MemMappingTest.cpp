@@ -1,5 +1,5 @@
-#include "support/Chain.h"
-#include "support/Child.h"
+#include "support/ErrorRow.h"
+#include "support/FailOnce.h"
 #include "support/Processes.h"
 #include "support/TempFolder.h"
 #include "support/calls/MapCalls.h"
@@ -7,14 +7,10 @@
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
 #include <vesk/MemMapping.h>
-#include <vesk/SysError.h>
 #include <vesk/Vesk.h>
 
-#include <gtest/gtest.h>
-
-#include <cstring>
+#include <deque>
 #include <fcntl.h>
-#include <ostream>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -22,21 +18,10 @@
 
 namespace {
 
-using std::CommonError;
 namespace CommonErrorId = std::CommonErrorId;
-using support::accessAt;
-using support::chainIs;
-using support::contentOf;
-using support::Fault;
-using support::MapCalls;
-using support::mappedBytes;
-using support::rowText;
-using support::systemText;
-using support::TempFolder;
+using namespace support;
 using vesk::MemMapping;
-using vesk::SysError;
 using vesk::Vesk;
-
 using MemAccessFlags = MemMapping::MemAccessFlags;
 
 static_assert(!std::is_polymorphic_v<MemMapping> && std::is_trivially_copyable_v<MemMapping>);
@@ -48,10 +33,6 @@ static_assert(MemMapping::READ == 1 && MemMapping::WRITE == 2 && MemMapping::EXE
 void* const ALL_ONES = reinterpret_cast<void*>(UINTPTR_MAX);
 constexpr auto READ_WRITE = MemMapping::READ | MemMapping::WRITE;
 constexpr bool HAS_LARGE_ADDRESS_SPACE = sizeof(void*) == 8;
-
-testing::AssertionResult failureIs(int error, int id) {
-    return chainIs({{SysError, id, rowText(SysError, id, systemText(error))}});
-}
 
 char* bytesOf(MemMapping const& mapping) {
     return static_cast<char*>(mapping.getAddress());
@@ -69,16 +50,26 @@ protected:
         m_fd = open(m_path.c_str(), O_RDWR | O_CLOEXEC);
     }
     ~MemMappingTest() override {
+        for (MemMapping& mapping : m_mappings) {
+            EXPECT_TRUE(!mapping.isValid() || !mapping.destroy());
+        }
         EXPECT_EQ(0U, mappedBytes(m_path)) << "the test left a mapping";
         close(m_fd);
     }
 
-    MemMapping makeRing(unsigned int length, unsigned int offset = 0, void* address = nullptr) {
-        MemMapping const ring(m_fd, READ_WRITE, length, offset, address, true);
-        EXPECT_TRUE(ring.isValid());
-        return ring;
+    /// Makes a mapping that the fixture unmaps.
+    MemMapping&
+    map(MemAccessFlags flags, unsigned int length, unsigned int offset = 0, void* address = nullptr,
+        bool ring = false) {
+        m_mappings.emplace_back(m_fd, flags, length, offset, address, ring);
+        EXPECT_TRUE(m_mappings.back().isValid());
+        return m_mappings.back();
+    }
+    MemMapping& makeRing(unsigned int length, unsigned int offset = 0, void* address = nullptr) {
+        return map(READ_WRITE, length, offset, address, true);
     }
 
+    std::deque<MemMapping> m_mappings;
     unsigned int m_page;
     TempFolder m_folder;
     std::string m_path;
@@ -87,8 +78,8 @@ protected:
 
 // ---- the plain form ----
 
-TEST_F(MemMappingTest, showsTheBytesOfTheObjectAndTakesNewOnes) {
-    MemMapping mapping(m_fd, READ_WRITE, 2 * m_page, 0, nullptr, false);
+TEST_F(MemMappingTest, showsAndChangesTheBytesOfTheObject) {
+    MemMapping& mapping = map(READ_WRITE, 2 * m_page);
     ASSERT_TRUE(mapping.isValid());
     EXPECT_EQ('a', bytesOf(mapping)[0]);
     EXPECT_EQ('b', bytesOf(mapping)[2 * m_page - 1]);
@@ -98,8 +89,8 @@ TEST_F(MemMappingTest, showsTheBytesOfTheObjectAndTakesNewOnes) {
     EXPECT_EQ("aXa", contentOf(m_path).substr(0, 3));
 }
 
-TEST_F(MemMappingTest, tellsWhatItWasMadeOf) {
-    MemMapping mapping(m_fd, MemMapping::READ, 100, m_page, nullptr, false);
+TEST_F(MemMappingTest, returnsItsArguments) {
+    MemMapping& mapping = map(MemMapping::READ, 100, m_page);
     EXPECT_EQ(m_page, mapping.getOffset());
     EXPECT_EQ(100U, mapping.getSize());
     EXPECT_TRUE(MemAccessFlags(MemMapping::READ) == mapping.getFlags());
@@ -108,21 +99,18 @@ TEST_F(MemMappingTest, tellsWhatItWasMadeOf) {
     void* first_field = nullptr;
     memcpy(&first_field, static_cast<void const*>(&mapping), sizeof first_field);
     EXPECT_EQ(mapping.getAddress(), first_field);
-    EXPECT_FALSE(mapping.destroy());
 }
 
 TEST_F(MemMappingTest, isSeenByAnotherMappingAndByAnotherProcess) {
-    MemMapping first(m_fd, READ_WRITE, m_page);
-    MemMapping second(m_fd, MemMapping::READ, m_page);
+    MemMapping& first = map(READ_WRITE, m_page);
+    MemMapping& second = map(MemMapping::READ, m_page);
     ASSERT_TRUE(first.isValid() && second.isValid());
     EXPECT_NE(first.getAddress(), second.getAddress());
     bytesOf(first)[7] = '1';
     EXPECT_EQ('1', bytesOf(second)[7]);
-    support::Process child([&] { bytesOf(first)[7] = '2'; });
+    Process child([&] { bytesOf(first)[7] = '2'; });
     EXPECT_EQ(0, child.join());
     EXPECT_EQ('2', bytesOf(second)[7]);
-    EXPECT_FALSE(first.destroy());
-    EXPECT_FALSE(second.destroy());
 }
 
 TEST_F(MemMappingTest, outlivesItsDescriptor) {
@@ -133,13 +121,13 @@ TEST_F(MemMappingTest, outlivesItsDescriptor) {
     EXPECT_FALSE(mapping.destroy());
 }
 
-TEST_F(MemMappingTest, copyIsAnotherNameOfTheSameMapping) {
-    MemMapping mapping(m_fd, MemMapping::READ, m_page);
+TEST_F(MemMappingTest, copyRefersToTheSameMapping) {
+    MemMapping& mapping = map(MemMapping::READ, m_page);
     MemMapping const copy = mapping;
     EXPECT_EQ(mapping.getAddress(), copy.getAddress());
     EXPECT_EQ(m_page, mappedBytes(m_path));
     EXPECT_FALSE(mapping.destroy());
-    EXPECT_TRUE(copy.isValid()) << "it does not know";
+    EXPECT_TRUE(copy.isValid()) << "the copy is not notified";
     EXPECT_EQ("", accessAt(copy.getAddress()));
 }
 
@@ -159,15 +147,12 @@ TEST_P(MemMappingFlags, arePassedOnBitByBit) {
     MapCalls const calls;
     auto* const hint = reinterpret_cast<void*>(uintptr_t{0x10000000});
     MemMapping const mapping(77, MemAccessFlags(GetParam().word), 12345, 0x80001000, hint, false);
-    EXPECT_TRUE(failureIs(ENOMEM, 1));
+    EXPECT_TRUE(causeIs(SysErrorId::OUT_OF_MEMORY, ENOMEM));
     ASSERT_EQ(1U, calls.get().size());
-    EXPECT_EQ(hint, calls.get()[0].address);
-    EXPECT_EQ(12345U, calls.get()[0].length);
-    EXPECT_EQ(GetParam().protection, calls.get()[0].protection);
-    EXPECT_EQ(MAP_SHARED, calls.get()[0].flags);
-    EXPECT_EQ(77, calls.get()[0].fd);
-    EXPECT_EQ(static_cast<off_t>(0x80001000), calls.get()[0].offset);
-    EXPECT_EQ(GetParam().word, mapping.getFlags().getWord()) << "the word is kept as it came";
+    MapCall const expected{
+        hint, 12345, GetParam().protection, MAP_SHARED, 77, static_cast<off_t>(0x80001000), MAP_FAILED};
+    EXPECT_TRUE(calls.get()[0] == expected);
+    EXPECT_EQ(GetParam().word, mapping.getFlags().getWord()) << "the word is kept unchanged";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -178,57 +163,46 @@ INSTANTIATE_TEST_SUITE_P(
         FlagRow{7, PROT_READ | PROT_WRITE | PROT_EXEC}, FlagRow{0xFFFFFFF8, PROT_NONE},
         FlagRow{0xFFFFFFF9, PROT_READ}));
 
-TEST_F(MemMappingTest, withoutAnyFlagTheRangeIsTakenAndUntouchable) {
-    MemMapping mapping(m_fd, MemAccessFlags(), m_page);
+TEST_F(MemMappingTest, withoutAnyFlagTheRangeIsReservedAndInaccessible) {
+    MemMapping& mapping = map(MemAccessFlags(), m_page);
     ASSERT_TRUE(mapping.isValid());
     EXPECT_EQ("---s", accessAt(mapping.getAddress()));
-    EXPECT_FALSE(mapping.destroy());
 }
 
-TEST_F(MemMappingTest, whatTheSystemRefusesFailsAsItSays) {
+TEST_F(MemMappingTest, refusalOfTheSystemIsReported) {
+    int const reader = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
     struct {
         char const* what;
         int fd;
         MemAccessFlags flags;
         unsigned int length;
         unsigned int offset;
-        int error;
-        int id;
+        ErrorRow report;
     } const rows[] = {
-        {"length 0", m_fd, MemMapping::READ, 0, 0, EINVAL, 8},
-        {"offset within a page", m_fd, MemMapping::READ, m_page, 1, EINVAL, 8},
-        {"closed", -1, MemMapping::READ, m_page, 0, EBADF, 10},
+        {"length 0", m_fd, MemMapping::READ, 0, 0, {EINVAL, SysErrorId::INVALID_PARAMETER}},
+        {"offset within a page", m_fd, MemMapping::READ, m_page, 1, {EINVAL, SysErrorId::INVALID_PARAMETER}},
+        {"closed", -1, MemMapping::READ, m_page, 0, {EBADF, SysErrorId::SPOILED_INTEGRITY}},
+        {"read-only", reader, MemMapping::WRITE, m_page, 0, {EACCES, SysErrorId::PERMISSION_DENIED}},
+        {"a pipe", ends[0], MemMapping::READ, m_page, 0, {ENODEV, SysErrorId::NOT_IMPLEMENTED}},
     };
     for (auto const& row : rows) {
         MemMapping const mapping(row.fd, row.flags, row.length, row.offset);
         EXPECT_FALSE(mapping.isValid()) << row.what;
         EXPECT_EQ(ALL_ONES, mapping.getAddress()) << row.what;
-        EXPECT_TRUE(failureIs(row.error, row.id)) << row.what;
+        EXPECT_TRUE(chainIs(reportsOf(row.report))) << row.what;
     }
-    int const reader = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
-    MemMapping const writes(reader, MemMapping::WRITE, m_page);
-    EXPECT_TRUE(failureIs(EACCES, 7));
-    EXPECT_EQ(ALL_ONES, writes.getAddress());
-    close(reader);
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
-    MemMapping const no_memory(ends[0], MemMapping::READ, m_page);
-    EXPECT_TRUE(failureIs(ENODEV, 6));
-    EXPECT_EQ(ALL_ONES, no_memory.getAddress());
-    close(ends[0]);
-    close(ends[1]);
+    for (int const fd : {reader, ends[0], ends[1]}) {
+        close(fd);
+    }
 }
 
 // ---- failures of mmap ----
 
 enum class Step { PLAIN, SECOND_HALF, FIRST_HALF };
 
-struct MapRow {
-    int error;
-    int id;
-};
-
-using MapCase = std::tuple<Step, MapRow>;
+using MapCase = std::tuple<Step, ErrorRow>;
 
 class MemMappingFailure : public MemMappingTest, public testing::WithParamInterface<MapCase> {
 public:
@@ -239,7 +213,7 @@ public:
     }
 };
 
-TEST_P(MemMappingFailure, isReportedAndLeavesAllOnes) {
+TEST_P(MemMappingFailure, isReportedAndGivesAnAddressOfAllOnes) {
     auto const [step, row] = GetParam();
     bool const ring = step != Step::PLAIN;
 #if defined(__arm__)
@@ -250,15 +224,15 @@ TEST_P(MemMappingFailure, isReportedAndLeavesAllOnes) {
     MapCalls const calls;
     Fault const fault(inject_mmap, row.error, static_cast<int>(step) + 1);
     MemMapping mapping(m_fd, READ_WRITE, m_page, 0, nullptr, ring);
-    EXPECT_TRUE(failureIs(row.error, row.id));
-    EXPECT_EQ(static_cast<int>(step) + 1, fault.getCalls()) << "nothing comes behind a failure";
+    EXPECT_TRUE(causeIs(row.id, row.error));
+    EXPECT_EQ(static_cast<int>(step) + 1, fault.getCalls()) << "no call follows a failure";
     EXPECT_EQ(ALL_ONES, mapping.getAddress());
     EXPECT_FALSE(mapping.isValid());
     EXPECT_EQ(ring ? 2 * m_page : m_page, mapping.getSize());
     EXPECT_FALSE(mapping.destroy());
     if (ring) {
         void* const base = calls.get()[0].result;
-        EXPECT_EQ("---p", accessAt(base)) << "the range stays taken";
+        EXPECT_EQ("---p", accessAt(base)) << "the range stays reserved";
         EXPECT_EQ(step == Step::SECOND_HALF ? "---p" : "rw-s", accessAt(static_cast<char*>(base) + m_page));
         EXPECT_EQ(0, munmap(base, size_t{2} * m_page));
     }
@@ -268,30 +242,34 @@ INSTANTIATE_TEST_SUITE_P(
     rows, MemMappingFailure,
     testing::Combine(
         testing::Values(Step::PLAIN, Step::SECOND_HALF, Step::FIRST_HALF),
-        testing::Values(
-            MapRow{ENXIO, 10}, MapRow{EBADF, 10}, MapRow{ENOTSUP, 10}, MapRow{EAGAIN, 1}, MapRow{ENOMEM, 1},
-            MapRow{EACCES, 7}, MapRow{ENODEV, 6}, MapRow{EINVAL, 8}, MapRow{EOVERFLOW, 8}, MapRow{EMFILE, 0},
-            MapRow{EPERM, 19}, MapRow{EINTR, 19}, MapRow{ENFILE, 19})),
+        testing::ValuesIn(rowsOf(
+            {{{ENXIO, EBADF, ENOTSUP}, SysErrorId::SPOILED_INTEGRITY},
+             {{EAGAIN, ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+             {{EACCES}, SysErrorId::PERMISSION_DENIED},
+             {{ENODEV}, SysErrorId::NOT_IMPLEMENTED},
+             {{EINVAL, EOVERFLOW}, SysErrorId::INVALID_PARAMETER},
+             {{EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+             {{EPERM, EINTR, ENFILE}, SysErrorId::UNCLASSIFIED}}))),
     MemMappingFailure::nameOf);
 
 class MemMappingReservation : public MemMappingTest, public testing::WithParamInterface<int> {};
 
-TEST_P(MemMappingReservation, failureIsAlwaysTheSameRow) {
+TEST_P(MemMappingReservation, failureIsAlwaysReportedAsNotImplemented) {
     Fault const fault(inject_mmap, GetParam());
     MemMapping mapping(m_fd, READ_WRITE, m_page, 0, nullptr, true);
-    EXPECT_TRUE(failureIs(GetParam(), 6));
+    EXPECT_TRUE(causeIs(SysErrorId::NOT_IMPLEMENTED, GetParam()));
     EXPECT_EQ(1, fault.getCalls());
     EXPECT_EQ(ALL_ONES, mapping.getAddress());
     EXPECT_FALSE(mapping.destroy());
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    errors, MemMappingReservation, testing::Values(ENOMEM, EAGAIN, EINVAL, EBADF, EPERM));
+    errors, MemMappingReservation, testing::Values(ENOMEM, EAGAIN, EINVAL, EBADF, EPERM), RowName());
 
 // ---- the ring buffer ----
 
 TEST_F(MemMappingTest, ringShowsTheSamePagesTwice) {
-    MemMapping ring = makeRing(2 * m_page);
+    MemMapping& ring = makeRing(2 * m_page);
     unsigned int const length = 2 * m_page;
     char* const bytes = bytesOf(ring);
     EXPECT_EQ(2 * length, ring.getSize());
@@ -313,47 +291,36 @@ TEST_F(MemMappingTest, ringShowsTheSamePagesTwice) {
 }
 
 TEST_F(MemMappingTest, ringBeginsAtItsOffset) {
-    MemMapping ring = makeRing(m_page, 3 * m_page);
+    MemMapping const& ring = makeRing(m_page, 3 * m_page);
     EXPECT_EQ('d', bytesOf(ring)[0]);
     EXPECT_EQ('d', bytesOf(ring)[m_page]);
     EXPECT_EQ(3 * m_page, ring.getOffset());
-    EXPECT_FALSE(ring.destroy());
 }
 
 TEST_F(MemMappingTest, ringReservesItsRangeAndMapsTheSecondHalfFirst) {
-    MapCalls const calls;
-    MemMapping ring(m_fd, MemMapping::READ, 2 * m_page, m_page, nullptr, true);
-    ASSERT_EQ(3U, calls.get().size());
-    unsigned int const length = 2 * m_page;
-    auto const reserve = calls.get()[0];
-    EXPECT_EQ(size_t{2} * length, reserve.length);
-    EXPECT_EQ(PROT_NONE, reserve.protection);
-    EXPECT_EQ(MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, reserve.flags);
-    EXPECT_EQ(-1, reserve.fd);
-    EXPECT_EQ(0, reserve.offset);
-    for (int const half : {1, 2}) {
-        auto const call = calls.get()[static_cast<size_t>(half)];
-        EXPECT_EQ(static_cast<char*>(reserve.result) + (half == 1 ? length : 0), call.address);
-        EXPECT_EQ(length, call.length);
-        EXPECT_EQ(PROT_READ, call.protection);
-        EXPECT_EQ(MAP_SHARED | MAP_FIXED, call.flags);
-        EXPECT_EQ(m_fd, call.fd);
-        EXPECT_EQ(m_page, call.offset);
+    MapCalls const recorder;
+    size_t const length = size_t{2} * m_page;
+    MemMapping& ring = map(MemMapping::READ, 2 * m_page, m_page, nullptr, true);
+    std::vector<MapCall> const calls = recorder.get();
+    ASSERT_EQ(3U, calls.size());
+    auto* const base = static_cast<char*>(ring.getAddress());
+    int const reserved = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+    EXPECT_TRUE((calls[0] == MapCall{nullptr, 2 * length, PROT_NONE, reserved, -1, 0, base}));
+    for (size_t const half : {1U, 2U}) {
+        char* const at = half == 1 ? base + length : base;
+        EXPECT_TRUE((calls[half] == MapCall{at, length, PROT_READ, MAP_SHARED | MAP_FIXED, m_fd, m_page, at}))
+            << half;
     }
-    EXPECT_EQ(reserve.result, ring.getAddress());
-    EXPECT_FALSE(ring.destroy());
 }
 
-TEST_F(MemMappingTest, ringOfPartsOfPagesIsRefusedWithoutACall) {
+TEST_F(MemMappingTest, ringWithAPartOfAPageIsRefusedWithoutACall) {
+    std::string const text = rowText(
+        CommonErrorId::CONTRACT_BROKEN,
+        "requested ringbuffer but size is not a multiple of system page size");
     Fault const calls(inject_mmap, 0);
     for (unsigned int const length : {1U, m_page - 1, m_page + 1, 2 * m_page + m_page / 2, UINT32_MAX}) {
         MemMapping mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
-        EXPECT_TRUE(chainIs(
-            {{CommonErrorId::CONTRACT_BROKEN,
-              rowText(
-                  CommonErrorId::CONTRACT_BROKEN,
-                  "requested ringbuffer but size is not a multiple of system page size")}}))
-            << length;
+        EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN, text}})) << length;
         EXPECT_EQ(ALL_ONES, mapping.getAddress()) << length;
         EXPECT_EQ(length, mapping.getSize());
         EXPECT_FALSE(mapping.destroy());
@@ -361,27 +328,27 @@ TEST_F(MemMappingTest, ringOfPartsOfPagesIsRefusedWithoutACall) {
     EXPECT_EQ(0, calls.getCalls());
 }
 
-TEST_F(MemMappingTest, ringOfNothingHasNoRange) {
+TEST_F(MemMappingTest, ringOfLength0IsRefused) {
     MemMapping const mapping(m_fd, READ_WRITE, 0, 0, nullptr, true);
-    EXPECT_TRUE(failureIs(EINVAL, 6));
+    EXPECT_TRUE(causeIs(SysErrorId::NOT_IMPLEMENTED, EINVAL));
     EXPECT_EQ(ALL_ONES, mapping.getAddress());
 }
 
-TEST_F(MemMappingTest, ringWhoseSizeIsBeyond32BitsHasNoRange) {
+TEST_F(MemMappingTest, ringWithASizeBeyond32BitsIsRefusedWithoutACall) {
     Fault const calls(inject_mmap, 0);
     for (unsigned int const length : {0x80000000U, 0x80000000U + m_page, 0U - m_page}) {
         MemMapping const mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
-        EXPECT_TRUE(failureIs(ENOMEM, 6));
+        EXPECT_TRUE(causeIs(SysErrorId::NOT_IMPLEMENTED, ENOMEM));
         EXPECT_EQ(ALL_ONES, mapping.getAddress());
     }
-    EXPECT_EQ(0, calls.getCalls()) << "what it does not reserve it does not map over";
+    EXPECT_EQ(0, calls.getCalls()) << "a range that is not reserved is not mapped";
 }
 
-TEST_F(MemMappingTest, largestRingIsMappedAndTakenDownWhole) {
+TEST_F(MemMappingTest, largestRingIsMappedAndUnmappedWhole) {
     unsigned int const length = 0x80000000U - m_page;
     MemMapping ring(m_fd, READ_WRITE, length, 0, nullptr, true);
     if (!HAS_LARGE_ADDRESS_SPACE) {
-        EXPECT_TRUE(failureIs(ENOMEM, 6));
+        EXPECT_TRUE(causeIs(SysErrorId::NOT_IMPLEMENTED, ENOMEM));
         return;
     }
     ASSERT_TRUE(ring.isValid());
@@ -392,13 +359,13 @@ TEST_F(MemMappingTest, largestRingIsMappedAndTakenDownWhole) {
     EXPECT_EQ(0U, mappedBytes(m_path));
 }
 
-TEST_F(MemMappingTest, ringOverlapsNothingThatWasThere) {
-    auto const before = support::mappedRanges();
+TEST_F(MemMappingTest, ringOverlapsNoOtherMapping) {
+    auto const before = mappedRanges();
     ASSERT_LT(10U, before.size());
-    MemMapping rings[] = {makeRing(m_page), makeRing(4 * m_page), makeRing(8 * m_page)};
-    for (MemMapping& ring : rings) {
+    MemMapping const rings[] = {makeRing(m_page), makeRing(4 * m_page), makeRing(8 * m_page)};
+    for (MemMapping const& ring : rings) {
         auto const begin = reinterpret_cast<uintptr_t>(ring.getAddress());
-        for (support::Range const& range : before) {
+        for (Range const& range : before) {
             EXPECT_TRUE(begin + ring.getSize() <= range.begin || range.end <= begin) << range.path;
         }
         for (MemMapping const& other : rings) {
@@ -408,32 +375,25 @@ TEST_F(MemMappingTest, ringOverlapsNothingThatWasThere) {
                 other_begin + other.getSize() <= begin);
         }
     }
-    for (MemMapping& ring : rings) {
-        EXPECT_FALSE(ring.destroy());
-    }
 }
 
-TEST_F(MemMappingTest, addressThatIsTakenIsNotMappedOver) {
-    MemMapping there(m_fd, READ_WRITE, m_page);
+TEST_F(MemMappingTest, usedAddressIsNotMappedOver) {
+    MemMapping& there = map(READ_WRITE, m_page);
     bytesOf(there)[0] = '!';
-    MemMapping ring = makeRing(m_page, 4 * m_page, there.getAddress());
-    MemMapping plain(m_fd, MemMapping::READ, m_page, 5 * m_page, there.getAddress());
+    MemMapping const& ring = makeRing(m_page, 4 * m_page, there.getAddress());
+    MemMapping& plain = map(MemMapping::READ, m_page, 5 * m_page, there.getAddress());
     EXPECT_NE(there.getAddress(), ring.getAddress());
     EXPECT_NE(there.getAddress(), plain.getAddress());
     EXPECT_EQ('!', bytesOf(there)[0]);
     EXPECT_EQ('e', bytesOf(ring)[0]);
     EXPECT_EQ('f', bytesOf(plain)[0]);
-    EXPECT_FALSE(plain.destroy());
-    EXPECT_FALSE(ring.destroy());
-    EXPECT_FALSE(there.destroy());
 }
 
-TEST_F(MemMappingTest, addressThatIsFreeIsTaken) {
+TEST_F(MemMappingTest, freeAddressIsUsed) {
     void* const free_range = mmap(nullptr, size_t{4} * m_page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_EQ(0, munmap(free_range, size_t{4} * m_page));
-    MemMapping ring = makeRing(2 * m_page, 0, free_range);
+    MemMapping const& ring = makeRing(2 * m_page, 0, free_range);
     EXPECT_EQ(free_range, ring.getAddress());
-    EXPECT_FALSE(ring.destroy());
 }
 
 // ---- destroy ----
@@ -445,7 +405,7 @@ TEST_F(MemMappingTest, destroyOfAFailedMappingDoesNothing) {
     EXPECT_FALSE(mapping.destroy());
     EXPECT_FALSE(mapping.destroy());
     EXPECT_EQ(0, calls.getCalls());
-    EXPECT_EQ(ALL_ONES, mapping.getAddress()) << "it is told apart from a destroyed one";
+    EXPECT_EQ(ALL_ONES, mapping.getAddress()) << "unlike that of a destroyed one";
 }
 
 TEST_F(MemMappingTest, secondDestroyUnmapsNothingAndFails) {
@@ -458,7 +418,7 @@ TEST_F(MemMappingTest, secondDestroyUnmapsNothingAndFails) {
         MapCalls const calls;
         for (int i = 0; i < 2; ++i) {
             EXPECT_TRUE(mapping.destroy());
-            EXPECT_TRUE(failureIs(EINVAL, 10));
+            EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EINVAL));
         }
         ASSERT_EQ(2U, calls.get().size());
         EXPECT_EQ(nullptr, calls.get()[0].address);
@@ -468,70 +428,63 @@ TEST_F(MemMappingTest, secondDestroyUnmapsNothingAndFails) {
 
 class MemMappingDestroy : public MemMappingTest, public testing::WithParamInterface<int> {};
 
-TEST_P(MemMappingDestroy, failureLeavesTheMappingAsItIs) {
-    MemMapping mapping(m_fd, MemMapping::READ, m_page);
+TEST_P(MemMappingDestroy, failureLeavesTheMappingUsable) {
+    MemMapping& mapping = map(MemMapping::READ, m_page);
     void* const address = mapping.getAddress();
-    {
-        Fault const fault(inject_munmap, GetParam());
-        EXPECT_TRUE(mapping.destroy());
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_TRUE(failureIs(GetParam(), 10));
+    EXPECT_TRUE(failOnce(inject_munmap, GetParam(), [&] { return mapping.destroy(); }));
+    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, GetParam()));
     EXPECT_EQ(address, mapping.getAddress());
     EXPECT_EQ("r--s", accessAt(address));
     EXPECT_FALSE(mapping.destroy()) << "it can be tried again";
     EXPECT_EQ("", accessAt(address));
 }
 
-INSTANTIATE_TEST_SUITE_P(errors, MemMappingDestroy, testing::Values(EINVAL, ENOMEM, EINTR));
+INSTANTIATE_TEST_SUITE_P(errors, MemMappingDestroy, testing::Values(EINVAL, ENOMEM, EINTR), RowName());
 
 // ---- sync ----
 
 TEST_F(MemMappingTest, syncTakesALengthAndThenAnOffset) {
-    MemMapping mapping(m_fd, READ_WRITE, 4 * m_page);
+    MemMapping& mapping = map(READ_WRITE, 4 * m_page);
     bytesOf(mapping)[3 * m_page] = 'X';
     EXPECT_FALSE(mapping.sync(4 * m_page, 0));
     EXPECT_FALSE(mapping.sync(m_page, 3 * m_page));
     EXPECT_FALSE(mapping.sync(1, 2 * m_page));
     EXPECT_TRUE(mapping.sync(m_page, 1)) << "within a page";
-    EXPECT_TRUE(failureIs(EINVAL, 8));
-    EXPECT_FALSE(mapping.destroy());
+    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
 }
 
 TEST_F(MemMappingTest, syncOfARangeThatIsNotMappedFails) {
 #if defined(__arm__)
     GTEST_SKIP() << "QEMU's user mode does not refuse it";
 #endif
-    MemMapping mapping(m_fd, READ_WRITE, 2 * m_page);
+    MemMapping& mapping = map(READ_WRITE, 2 * m_page);
     EXPECT_EQ(0, munmap(bytesOf(mapping) + m_page, m_page));
     EXPECT_TRUE(mapping.sync(m_page, m_page));
-    EXPECT_TRUE(failureIs(ENOMEM, 8));
+    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, ENOMEM));
     EXPECT_FALSE(mapping.destroy());
     EXPECT_TRUE(mapping.sync(m_page, 0)) << "of a destroyed mapping";
-    EXPECT_TRUE(failureIs(ENOMEM, 8));
+    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, ENOMEM));
     MemMapping failed(-1, MemMapping::READ, m_page);
     std::ErrorStorage::ack();
     EXPECT_TRUE(failed.sync(m_page, 0));
-    EXPECT_TRUE(failureIs(EINVAL, 8));
+    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
 }
 
-class MemMappingSync : public MemMappingTest, public testing::WithParamInterface<MapRow> {};
+class MemMappingSync : public MemMappingTest, public testing::WithParamInterface<ErrorRow> {};
 
 TEST_P(MemMappingSync, failureIsReported) {
-    MemMapping mapping(m_fd, READ_WRITE, m_page);
-    {
-        Fault const fault(inject_msync, GetParam().error);
-        EXPECT_TRUE(mapping.sync(m_page, 0));
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_TRUE(failureIs(GetParam().error, GetParam().id));
+    MemMapping& mapping = map(READ_WRITE, m_page);
+    EXPECT_TRUE(failOnce(inject_msync, GetParam().error, [&] { return mapping.sync(m_page, 0); }));
+    EXPECT_TRUE(causeIs(GetParam().id, GetParam().error));
     EXPECT_FALSE(mapping.sync(m_page, 0));
-    EXPECT_FALSE(mapping.destroy());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     rows, MemMappingSync,
-    testing::Values(
-        MapRow{EBUSY, 10}, MapRow{EINVAL, 8}, MapRow{ENOMEM, 8}, MapRow{EIO, 19}, MapRow{EINTR, 19}));
+    testing::ValuesIn(rowsOf(
+        {{{EBUSY}, SysErrorId::SPOILED_INTEGRITY},
+         {{EINVAL, ENOMEM}, SysErrorId::INVALID_PARAMETER},
+         {{EIO, EINTR}, SysErrorId::UNCLASSIFIED}})),
+    RowName());
 
 } // namespace

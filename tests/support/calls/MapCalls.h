@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 #include <sys/mman.h>
+#include <tuple>
 #include <vector>
 
 /// Replaces the system calls below memory mappings: a `support::Fault` makes them fail, and `MapCalls`
@@ -23,6 +24,13 @@ struct MapCall {
     int fd;
     long long offset;
     void* result;
+
+    bool operator==(MapCall const& other) const {
+        return std::tie(address, length, protection, flags, fd, offset, result) ==
+            std::tie(
+                   other.address, other.length, other.protection, other.flags, other.fd, other.offset,
+                   other.result);
+    }
 };
 
 /// Records the first `MAX` calls during its lifetime.

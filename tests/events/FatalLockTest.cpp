@@ -1,0 +1,222 @@
+#include "FatalSupport.h"
+#include "support/Chain.h"
+#include "support/EventRecorder.h"
+#include "support/Inject.h"
+
+#include <tarncommon/error/ErrorStorage.h>
+#include <vesk/Dispatcher.h>
+#include <vesk/Poller.h>
+#include <vesk/SignalQueue.h>
+
+#include <cerrno>
+#include <functional>
+#include <ostream>
+#include <pthread.h>
+#include <string>
+#include <vector>
+
+/// What happens if the locks of dispatchers, queues, notifiers and pollers fail.
+
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+
+support::Injected inject_pthread_mutex_unlock("pthread_mutex_unlock");
+extern "C" VESK_UNWATCHED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    int error = 0;
+    bool const fails = inject_pthread_mutex_unlock.fails(error);
+    if (fails && error == EPERM) {
+        return error;
+    }
+    // Other failures release the lock, so that it can be destroyed.
+    int const result =
+        reinterpret_cast<int (*)(pthread_mutex_t*)>(inject_pthread_mutex_unlock.getReal())(mutex);
+    return fails ? error : result;
+}
+
+namespace {
+
+using support::chainIs;
+using support::EventRecorder;
+using support::Fault;
+using vesk::Dispatcher;
+using vesk::Message;
+using vesk::Poller;
+using vesk::SignalQueue;
+
+struct IgnoringNotifier : Dispatcher::Notifier {
+    void wait() override {}
+    void signal() override { ++signals; }
+    int signals = 0;
+};
+
+struct Handler : Message::Handler {
+    void handle(Message&) override { ++count; }
+    int count = 0;
+};
+
+struct KeptMessage : Message {
+    void get_handled_by(Message::Handler* by) override { by->handle(*this); }
+    void invoke() override { ++invoked; }
+    void dismiss() override {}
+    int invoked = 0;
+};
+
+struct SilentClient : Poller::Client {
+    void error(int) override {}
+};
+
+void ignoreSignal(int, void*) {}
+
+/// One object of each class with a lock.
+struct Objects {
+    Objects() {
+        dispatcher.add_handler(present_handler);
+        full_queue.push(&message);
+        signaled_notifier.signal();
+        poller.add(client, -1);
+        poller.remove(5);
+        signal_queue.sign_on(5, ignoreSignal, nullptr);
+    }
+
+    IgnoringNotifier notifier;
+    Handler handler;
+    Handler present_handler;
+    KeptMessage message;
+    SilentClient client;
+    Dispatcher dispatcher{notifier};
+    Dispatcher::VanillaQueue queue{notifier};
+    Dispatcher::VanillaQueue full_queue{notifier};
+    Dispatcher::VanillaNotifier vanilla_notifier;
+    Dispatcher::VanillaNotifier signaled_notifier;
+    Poller poller;
+    SignalQueue signal_queue{notifier};
+};
+
+/// An operation that locks.
+struct Operation {
+    char const* name;
+    char const* place; ///< In the text of the fatal error.
+    void (*run)(Objects&);
+    /// Checks the effect after a failure, and locks again, which is fatal and releases a lock that is still
+    /// held.
+    void (*check)(Objects&) = nullptr;
+    int nth_lock = 1;
+    int nth_unlock = 1;
+};
+
+void checkDispatcher(Objects& objects) {
+    objects.dispatcher.remove_handler(objects.handler);
+}
+
+void checkPoller(Objects& objects) {
+    objects.poller.remove(objects.client);
+}
+
+Operation const OPERATIONS[] = {
+    {"Dispatcher_dispatch", "Dispatcher dispatch",
+     [](Objects& o) {
+         o.dispatcher.dispatch(&o.message);
+         EXPECT_EQ(1, o.present_handler.count) << "the code after a fatal error continues";
+         EXPECT_EQ(1, o.message.invoked);
+     },
+     checkDispatcher},
+    {"Dispatcher_add_handler", "Dispatcher add_handler",
+     [](Objects& o) { o.dispatcher.add_handler(o.handler); }, checkDispatcher},
+    {"Dispatcher_remove_handler", "Dispatcher remove_handler",
+     [](Objects& o) { o.dispatcher.remove_handler(o.handler); }, checkDispatcher},
+    {"VanillaQueue_push", "Dispatcher push",
+     [](Objects& o) {
+         int const signals = o.notifier.signals;
+         o.queue.push(&o.message);
+         EXPECT_EQ(signals + 1, o.notifier.signals);
+     },
+     [](Objects& o) {
+         EXPECT_EQ(&o.message, o.queue.pop_nonblock());
+         EXPECT_EQ(nullptr, o.queue.pop_nonblock());
+     }},
+    {"VanillaQueue_pop", "Dispatcher pop_nonblock",
+     [](Objects& o) { EXPECT_EQ(&o.message, o.full_queue.pop_nonblock()); },
+     [](Objects& o) { EXPECT_EQ(nullptr, o.full_queue.pop_nonblock()); }},
+    {"VanillaNotifier_wait", "Dispatcher wait", [](Objects& o) { o.signaled_notifier.wait(); },
+     [](Objects& o) { o.signaled_notifier.signal(); }},
+    // The first unlock is that of the condition's own lock.
+    {"VanillaNotifier_signal", "Dispatcher signal", [](Objects& o) { o.vanilla_notifier.signal(); },
+     [](Objects& o) { o.vanilla_notifier.wait(); }, 1, 2},
+    {"Poller_add", "posix/Poller add", [](Objects& o) { o.poller.add(o.client, 5); }, checkPoller},
+    {"Poller_removeClient", "posix/Poller remove", [](Objects& o) { o.poller.remove(o.client); },
+     checkPoller},
+    {"Poller_removeDescriptor", "posix/Poller remove", [](Objects& o) { o.poller.remove(5); }, checkPoller},
+    {"Poller_pollFirstLock", "posix/Poller poll", [](Objects& o) { o.poller.poll(); }, checkPoller},
+    {"Poller_pollSecondLock", "posix/Poller poll", [](Objects& o) { o.poller.poll(); }, checkPoller, 2, 2},
+    {"SignalQueue_sign_on", "SignalQueuePosixBase sign_on",
+     [](Objects& o) { o.signal_queue.sign_on(6, ignoreSignal, nullptr); }},
+    {"SignalQueue_sign_off", "SignalQueuePosixBase sign_off", [](Objects& o) { o.signal_queue.sign_off(5); }},
+    {"SignalQueue_pop", "SignalQueuePosixBase pop_nonblock",
+     [](Objects& o) { EXPECT_EQ(nullptr, o.signal_queue.pop_nonblock()); }},
+};
+
+class FatalLock : public testing::TestWithParam<Operation> {
+protected:
+    /// Whether the lock checks its owner. A plain mutex does not notice that it is not locked.
+    static bool checksOwner() { return GetParam().check != nullptr; }
+    static std::string text(char const* message) {
+        return std::string("ABORT framework/src/vesk/") + GetParam().place + ": " + message;
+    }
+    static bool isOfDispatcher() { return std::string(GetParam().name).find("Dispatcher") == 0; }
+
+    EventRecorder m_recorder;
+    Objects m_objects;
+};
+
+TEST_P(FatalLock, failureToLockIsFatalAndTheOperationContinues) {
+    {
+        Fault const lock(inject_pthread_mutex_lock, EINVAL, GetParam().nth_lock);
+        // The first unlock is that of the recorder.
+        Fault const unlock(inject_pthread_mutex_unlock, checksOwner() ? 0 : EPERM, 2);
+        GetParam().run(m_objects);
+    }
+    EXPECT_EQ(text("error locking") + "\n" + text("error unlocking"), m_recorder.getText());
+    if (isOfDispatcher()) {
+        EXPECT_TRUE(chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}})) << "the mutex has reported first";
+    }
+    std::ErrorStorage::ack();
+    if (checksOwner()) {
+        GetParam().check(m_objects);
+    }
+    EXPECT_EQ(2U, m_recorder.getCount());
+}
+
+TEST_P(FatalLock, failureToUnlockIsFatal) {
+    {
+        Fault const fault(inject_pthread_mutex_unlock, checksOwner() ? EPERM : EINVAL, GetParam().nth_unlock);
+        GetParam().run(m_objects);
+    }
+    EXPECT_EQ(text("error unlocking"), m_recorder.getText().substr(0, text("error unlocking").size()));
+    if (isOfDispatcher()) {
+        EXPECT_TRUE(chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}}));
+    }
+    if (checksOwner() && m_recorder.getCount() == 1) {
+        GetParam().check(m_objects);
+    }
+    EXPECT_EQ(checksOwner() ? 2U : 1U, m_recorder.getCount()) << m_recorder.getText();
+    std::ErrorStorage::ack();
+}
+
+INSTANTIATE_TEST_SUITE_P(All, FatalLock, testing::ValuesIn(OPERATIONS), [](auto const& row) {
+    return row.param.name;
+});
+
+class FatalLockInChild : public testing::TestWithParam<Operation> {};
+
+TEST_P(FatalLockInChild, failureEndsTheProcess) {
+    Objects objects;
+    EXPECT_TRUE(support::abortsWith("error locking", [&] {
+        Fault const fault(inject_pthread_mutex_lock, EINVAL, GetParam().nth_lock);
+        GetParam().run(objects);
+    }));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, FatalLockInChild, testing::ValuesIn(OPERATIONS), [](auto const& row) {
+    return row.param.name;
+});
+
+} // namespace

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "support/Child.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <functional>
+#include <string>
+
+namespace support {
+
+/// Checks that `body` aborts a child, which writes `text` to standard error.
+inline testing::AssertionResult abortsWith(std::string const& text, std::function<void()> const& body) {
+    ChildEnd const end = runInChild(body);
+    if (end.signal == SIGABRT && end.errors.find(text) != std::string::npos) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "exit code " << end.exit_code << ", signal " << end.signal << "\n"
+                                       << end.output << end.errors;
+}
+
+} // namespace support

@@ -1,0 +1,734 @@
+#include "IpcSupport.h"
+#include "support/EventRecorder.h"
+#include "support/NewFault.h"
+#include "support/Privileges.h"
+#include "support/Processes.h"
+#include "support/TempFolder.h"
+#include "support/calls/MapCalls.h"
+
+#include <tarncommon/error/ErrorStorage.h>
+#include <vesk/ShmCondition.h>
+#include <vesk/ShmMutex.h>
+#include <vesk/Vesk.h>
+
+#include <algorithm>
+#include <csignal>
+#include <new>
+#include <sys/socket.h>
+
+namespace {
+
+using namespace support;
+using namespace vesk;
+using Strategy = Creatable::CreationStrategy;
+
+constexpr auto READ_WRITE = MemMapping::READ | MemMapping::WRITE;
+constexpr auto UNKNOWN = static_cast<Strategy>(99);
+
+testing::AssertionResult isMisuse(char const* text) {
+    return chainIs({reportOf(CommonErrorId::CONTRACT_BROKEN, text)});
+}
+
+bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+/// Uses any descriptor, and shows the protected members.
+class Memory : public SharedMemoryBase {
+public:
+    Memory() = default;
+    explicit Memory(int fd) { descriptor = fd; }
+
+    size_t getMappingCount() const { return mappings.size(); }
+    bool has(MemMapping const& mapping) const { return mappings.count(mapping.getAddress()) == 1; }
+};
+
+/// Memory of four pages in a file.
+class SharedMemoryBaseTest : public testing::Test {
+protected:
+    SharedMemoryBaseTest()
+        : m_page(Vesk::s_sys_info.page_size),
+          m_path(m_folder.makeFile("object", std::string(4 * m_page, 'a'))),
+          m_shm(openObject()) {}
+
+    int openObject() const { return open(m_path.c_str(), O_RDWR | O_CLOEXEC); }
+
+    MemMapping add(Memory& shm, unsigned int offset = 0) const {
+        MemMapping const mapping = shm.addMapping(READ_WRITE, m_page, offset);
+        EXPECT_TRUE(mapping.isValid());
+        return mapping;
+    }
+
+    TempFolder m_folder;
+    unsigned int m_page;
+    std::string m_path;
+    Memory m_shm;
+};
+
+// ---- mappings ----
+
+TEST_F(SharedMemoryBaseTest, registersItsMappings) {
+    MemMapping const first = add(m_shm);
+    MemMapping const second = m_shm.addMapping(MemMapping::READ, 2 * m_page, m_page);
+    MemMapping const ring = m_shm.addMapping(READ_WRITE, m_page, 0, nullptr, true);
+    EXPECT_EQ(3U, m_shm.getMappingCount());
+    EXPECT_TRUE(m_shm.has(first) && m_shm.has(second) && m_shm.has(ring));
+    EXPECT_EQ(2 * m_page, second.getSize());
+    EXPECT_EQ(m_page, second.getOffset());
+    EXPECT_EQ("r--s", accessAt(second.getAddress()));
+    EXPECT_EQ(2 * m_page, ring.getSize());
+    EXPECT_EQ(size_t{5} * m_page, mappedBytes(m_path));
+}
+
+TEST_F(SharedMemoryBaseTest, failedMappingIsNotRegistered) {
+    EXPECT_FALSE(m_shm.addMapping(READ_WRITE, 0).isValid());
+    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
+    EXPECT_FALSE(m_shm.addMapping(READ_WRITE, m_page + 1, 0, nullptr, true).isValid());
+    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
+    EXPECT_EQ(0U, m_shm.getMappingCount());
+}
+
+TEST_F(SharedMemoryBaseTest, ringWithAFailedHalfIsNotRegisteredAndLeavesItsRangeReserved) {
+#if defined(__arm__)
+    GTEST_SKIP() << "QEMU's user mode lists ranges of its own in /proc/self/maps";
+#endif
+    MapCalls const calls;
+    Fault const fault(inject_mmap, ENOMEM, 3);
+    EXPECT_FALSE(m_shm.addMapping(READ_WRITE, m_page, 0, nullptr, true).isValid());
+    EXPECT_TRUE(causeIs(SysErrorId::OUT_OF_MEMORY, ENOMEM));
+    EXPECT_EQ(0U, m_shm.getMappingCount());
+    EXPECT_FALSE(m_shm.close());
+    void* const base = calls.get()[0].result;
+    EXPECT_EQ("---p", accessAt(base));
+    EXPECT_EQ(0, munmap(base, size_t{2} * m_page));
+}
+
+TEST_F(SharedMemoryBaseTest, closedObjectMapsNothing) {
+    Memory shm;
+    MapCalls const calls;
+    for (bool const ring : {false, true}) {
+        EXPECT_FALSE(shm.addMapping(READ_WRITE, m_page, 0, nullptr, ring).isValid());
+        EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EBADF));
+    }
+    EXPECT_EQ(0U, shm.getMappingCount());
+    ASSERT_EQ(3U, calls.get().size());
+    EXPECT_EQ(0, munmap(calls.get()[1].result, calls.get()[1].length));
+}
+
+TEST_F(SharedMemoryBaseTest, mappingWithoutMemoryForItsEntryIsUnmappedAgain) {
+    {
+        NewFault const fault(New::SINGLE);
+        EXPECT_THROW(m_shm.addMapping(READ_WRITE, m_page), std::bad_alloc);
+    }
+    EXPECT_EQ(0U, m_shm.getMappingCount());
+    EXPECT_EQ(0U, mappedBytes(m_path));
+}
+
+TEST_F(SharedMemoryBaseTest, newMappingAtAnAddressThatWasUnmappedElsewhereReplacesTheEntry) {
+    MemMapping copy = m_shm.addMapping(READ_WRITE, 3 * m_page);
+    void* const address = copy.getAddress();
+    EXPECT_FALSE(copy.destroy());
+    MemMapping const second = m_shm.addMapping(READ_WRITE, m_page, 0, address);
+    ASSERT_EQ(address, second.getAddress());
+    EXPECT_EQ(1U, m_shm.getMappingCount());
+    MapCalls const calls;
+    EXPECT_FALSE(m_shm.removeMapping(second));
+    ASSERT_EQ(1U, calls.get().size());
+    EXPECT_EQ(m_page, calls.get()[0].length) << "the pages behind it may belong to another mapping";
+}
+
+TEST_F(SharedMemoryBaseTest, removedMappingIsUnmapped) {
+    MemMapping const first = add(m_shm);
+    MemMapping const second = add(m_shm, m_page);
+    EXPECT_FALSE(m_shm.removeMapping(first));
+    EXPECT_EQ("", accessAt(first.getAddress()));
+    EXPECT_EQ("rw-s", accessAt(second.getAddress()));
+    EXPECT_EQ(1U, m_shm.getMappingCount());
+    EXPECT_TRUE(m_shm.has(second));
+}
+
+TEST_F(SharedMemoryBaseTest, mappingThatIsNotRegisteredIsNotRemoved) {
+    Memory other(openObject());
+    MemMapping const foreign = add(other);
+    MemMapping const gone = add(m_shm);
+    EXPECT_FALSE(m_shm.removeMapping(gone));
+    MemMapping const failed = m_shm.addMapping(READ_WRITE, 0);
+    std::ErrorStorage::ack();
+    MemMapping own(m_shm.getDescriptor(), READ_WRITE, m_page);
+    Fault const calls(inject_munmap, 0);
+    for (MemMapping const* const mapping : {&foreign, &gone, &failed, &static_cast<MemMapping const&>(own)}) {
+        EXPECT_TRUE(m_shm.removeMapping(*mapping));
+        EXPECT_TRUE(isMisuse("Attempt to remove a mapping that isn't registered"));
+    }
+    EXPECT_EQ(0, calls.getCalls());
+    EXPECT_EQ("rw-s", accessAt(foreign.getAddress()));
+    EXPECT_FALSE(own.destroy());
+}
+
+TEST_F(SharedMemoryBaseTest, mappingThatCannotBeUnmappedIsNotRegisteredAnyMore) {
+    MemMapping mapping = add(m_shm);
+    EXPECT_TRUE(failOnce(inject_munmap, ENOMEM, [&] { return m_shm.removeMapping(mapping); }));
+    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, ENOMEM));
+    EXPECT_EQ(0U, m_shm.getMappingCount());
+    EXPECT_EQ("rw-s", accessAt(mapping.getAddress()));
+    EXPECT_FALSE(mapping.destroy());
+}
+
+// ---- close ----
+
+TEST_F(SharedMemoryBaseTest, closeUnmapsEveryMapping) {
+    add(m_shm);
+    add(m_shm, m_page);
+    m_shm.addMapping(READ_WRITE, 2 * m_page, 0, nullptr, true);
+    int const fd = m_shm.getDescriptor();
+    EXPECT_FALSE(m_shm.close());
+    EXPECT_EQ(0U, mappedBytes(m_path));
+    EXPECT_EQ(0U, m_shm.getMappingCount());
+    EXPECT_EQ(-1, m_shm.getDescriptor());
+    EXPECT_FALSE(isOpen(fd));
+}
+
+TEST_F(SharedMemoryBaseTest, closeContinuesAfterAMappingThatFails) {
+    add(m_shm);
+    add(m_shm, m_page);
+    add(m_shm, 2 * m_page);
+    MapCalls const calls;
+    {
+        Fault const fault(inject_munmap, ENOMEM, 2);
+        EXPECT_TRUE(m_shm.close());
+    }
+    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, ENOMEM));
+    EXPECT_FALSE(m_shm.isValid());
+    EXPECT_EQ(0U, m_shm.getMappingCount());
+    EXPECT_EQ(m_page, mappedBytes(m_path)) << "the one that failed";
+    ASSERT_EQ(3U, calls.get().size());
+    EXPECT_LT(calls.get()[0].address, calls.get()[1].address);
+    EXPECT_LT(calls.get()[1].address, calls.get()[2].address);
+    EXPECT_EQ(0, munmap(calls.get()[1].address, m_page));
+}
+
+class SharedMemoryBaseClose : public SharedMemoryBaseTest, public testing::WithParamInterface<int> {};
+
+TEST_P(SharedMemoryBaseClose, failureLeavesTheObjectOpenWithoutMappings) {
+    add(m_shm);
+    int const fd = m_shm.getDescriptor();
+    EXPECT_TRUE(failOnce(inject_close, GetParam(), [&] { return m_shm.close(); }));
+    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, GetParam()));
+    EXPECT_EQ(fd, m_shm.getDescriptor());
+    EXPECT_EQ(0U, m_shm.getMappingCount());
+    EXPECT_EQ(0U, mappedBytes(m_path));
+    EXPECT_FALSE(m_shm.close());
+}
+
+TEST_P(SharedMemoryBaseClose, failureIsReportedOnTopOfThatOfAMapping) {
+    MemMapping mapping = add(m_shm);
+    Fault const unmapping(inject_munmap, ENOMEM);
+    EXPECT_TRUE(failOnce(inject_close, GetParam(), [&] { return m_shm.close(); }));
+    EXPECT_TRUE(chainIs(
+        {reportsOf({ENOMEM, SysErrorId::SPOILED_INTEGRITY})[0],
+         reportsOf({GetParam(), SysErrorId::SPOILED_INTEGRITY})[0]}));
+    EXPECT_FALSE(mapping.destroy());
+}
+
+INSTANTIATE_TEST_SUITE_P(errors, SharedMemoryBaseClose, testing::Values(EIO, ENOSPC, EDQUOT), RowName());
+
+TEST_F(SharedMemoryBaseTest, destructorUnmapsAndClosesAndWarnsOfAFailure) {
+    EventRecorder const events;
+    int const fd = openObject();
+    {
+        Memory shm(fd);
+        add(shm);
+    }
+    EXPECT_FALSE(isOpen(fd));
+    EXPECT_EQ(0U, mappedBytes(m_path));
+    EXPECT_EQ("", events.getText());
+    { Memory const shm(fd); }
+    EXPECT_EQ(
+        "WARNING framework/src/vesk/posix/SharedMemoryBase ~SharedMemoryBase: Error closing SharedMemory",
+        events.getText());
+    EXPECT_TRUE(chainIs({})) << "it is acknowledged";
+}
+
+// ---- getSize ----
+
+TEST_F(SharedMemoryBaseTest, sizeIsThatOfTheFile) {
+    EXPECT_EQ(4 * m_page, m_shm.getSize());
+    ASSERT_EQ(0, ftruncate(m_shm.getDescriptor(), 12345));
+    EXPECT_EQ(12345U, m_shm.getSize());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_F(SharedMemoryBaseTest, sizeOfAClosedObjectIsAnError) {
+    EXPECT_FALSE(m_shm.close());
+    Fault const calls(inject_fstat, 0);
+    EXPECT_EQ(0U, m_shm.getSize());
+    EXPECT_TRUE(isMisuse("size of invalid SHM object requested"));
+    EXPECT_EQ(0, calls.getCalls());
+}
+
+TEST_F(SharedMemoryBaseTest, sizeThatTheSystemRefusesIsZeroWithoutAReport) {
+    for (int const error : {EBADF, EIO, EOVERFLOW, EINTR}) {
+        Fault const fault(inject_fstat, error);
+        EXPECT_EQ(0U, m_shm.getSize());
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_TRUE(chainIs({}));
+    }
+}
+
+TEST_F(SharedMemoryBaseTest, onlyFilesAndSymbolicLinksHaveASize) {
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    int const link = open(
+        m_folder.makeLink("link", "a target of 29 characters, no").c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    struct {
+        char const* what;
+        int fd;
+        unsigned int size;
+    } const rows[] = {
+        {"a directory", open(m_folder.getPath().c_str(), O_RDONLY | O_CLOEXEC), 0},
+        {"a pipe", ends[0], 0},
+        {"the other end", ends[1], 0},
+        {"a device", open("/dev/null", O_RDONLY | O_CLOEXEC), 0},
+        {"a socket", socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), 0},
+        {"a link", link, 29},
+    };
+    for (auto const& row : rows) {
+        Memory const shm(row.fd);
+        EXPECT_EQ(row.size, shm.getSize()) << row.what;
+        EXPECT_TRUE(chainIs({})) << row.what;
+    }
+}
+
+#if defined(__LP64__)
+TEST_F(SharedMemoryBaseTest, sizeThatA32BitSystemCannotReturnIsZero) {
+    ASSERT_EQ(0, ftruncate(m_shm.getDescriptor(), 0x7FFFFFFF));
+    EXPECT_EQ(0x7FFFFFFFU, m_shm.getSize());
+    for (off_t const size : {0x80000000L, 0x100001000L}) {
+        ASSERT_EQ(0, ftruncate(m_shm.getDescriptor(), size));
+        EXPECT_EQ(0U, m_shm.getSize());
+    }
+    EXPECT_TRUE(chainIs({}));
+}
+#endif
+
+// ---- the server ----
+
+class SharedMemoryServerTest : public testing::Test {
+protected:
+    void create(unsigned int size = 4096, Strategy strategy = Creatable::CREATE_NEW) {
+        ASSERT_FALSE(m_shm.create(m_name, size, strategy));
+        ASSERT_TRUE(m_shm.isValid());
+    }
+    /// Makes memory of the name, of a page that begins with a text, which is closed when the function
+    /// returns.
+    void makeOther(std::string text = "old", unsigned int size = 4096) const {
+        SharedMemoryServer other;
+        ASSERT_FALSE(other.create(m_name, size, Creatable::CREATE_NEW));
+        if (!text.empty()) {
+            memcpy(other.addMapping(READ_WRITE, size).getAddress(), text.data(), text.size());
+        }
+    }
+    long long getSystemSize() const { return std::stoll(m_name.getState()); }
+
+    IpcName m_name{MEMORY};
+    SharedMemoryServer m_shm;
+};
+
+TEST_F(SharedMemoryServerTest, newMemoryIsFullOfZeros) {
+    create(5000);
+    EXPECT_EQ(5000U, m_shm.getSize());
+    EXPECT_EQ(5000, getSystemSize());
+    EXPECT_EQ(m_name.getSystemName(), m_shm.getName());
+    MemMapping const mapping = m_shm.addMapping(READ_WRITE, 5000);
+    ASSERT_TRUE(mapping.isValid());
+    auto* const bytes = static_cast<char*>(mapping.getAddress());
+    EXPECT_EQ(std::string(5000, '\0'), std::string(bytes, 5000));
+    bytes[4999] = 'X';
+    SharedMemoryClient client;
+    EXPECT_FALSE(client.attach(m_name, MemMapping::READ));
+    EXPECT_EQ('X', static_cast<char*>(client.addMapping(MemMapping::READ, 5000).getAddress())[4999]);
+}
+
+class SharedMemoryServerStrategy : public SharedMemoryServerTest, public testing::WithParamInterface<int> {};
+
+TEST_P(SharedMemoryServerStrategy, sizeOfZeroCreatesEmptyMemory) {
+    create(0, static_cast<Strategy>(GetParam()));
+    EXPECT_EQ(0U, m_shm.getSize());
+    EXPECT_EQ(0, getSystemSize());
+    EXPECT_TRUE(chainIs({}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, SharedMemoryServerStrategy,
+    testing::Values(
+        Creatable::CREATE_NEW, Creatable::OPEN_OR_CREATE, Creatable::REPLACE, Creatable::TRUNCATE, 99, -1,
+        4));
+
+TEST_F(SharedMemoryServerTest, openOrCreateKeepsTheSizeOfExistingMemory) {
+    makeOther();
+    create(8192, Creatable::OPEN_OR_CREATE);
+    EXPECT_EQ(4096U, m_shm.getSize());
+    EXPECT_EQ("4096 bytes: old", m_name.getState());
+}
+
+TEST_F(SharedMemoryServerTest, openOrCreateSetsTheSizeOfExistingEmptyMemory) {
+    makeOther("", 0);
+    create(8192, Creatable::OPEN_OR_CREATE);
+    EXPECT_EQ(8192U, m_shm.getSize());
+}
+
+TEST_F(SharedMemoryServerTest, truncateEmptiesExistingMemoryAndSetsTheNewSize) {
+    makeOther(std::string(8192, 'x'), 8192);
+    create(4096, Creatable::TRUNCATE);
+    EXPECT_EQ(4096U, m_shm.getSize());
+    auto const* const bytes = static_cast<char*>(m_shm.addMapping(MemMapping::READ, 4096).getAddress());
+    EXPECT_EQ(std::string(4096, '\0'), std::string(bytes, 4096));
+}
+
+TEST_F(SharedMemoryServerTest, unknownStrategyOpensExistingMemoryAndSetsTheNewSize) {
+    makeOther();
+    create(8192, UNKNOWN);
+    EXPECT_EQ(8192U, m_shm.getSize());
+    EXPECT_EQ("8192 bytes: old", m_name.getState());
+}
+
+TEST_F(SharedMemoryServerTest, replacedMemoryStaysUsableByItsUsers) {
+    makeOther();
+    SharedMemoryClient client;
+    ASSERT_FALSE(client.attach(m_name, MemMapping::READ));
+    MemMapping const old = client.addMapping(MemMapping::READ, 4096);
+    create(8192, Creatable::REPLACE);
+    EXPECT_TRUE(chainIs({}));
+    EXPECT_EQ(8192, getSystemSize());
+    EXPECT_EQ(4096U, client.getSize());
+    EXPECT_EQ(0, memcmp("old", old.getAddress(), 3));
+    EXPECT_TRUE(client.addMapping(MemMapping::READ, 4096).isValid());
+}
+
+TEST_F(SharedMemoryServerTest, failedCreationLeavesNoName) {
+    makeOther();
+    for (Strategy const strategy : {Creatable::CREATE_NEW, UNKNOWN}) {
+        Fault const fault(inject_shm_open, EACCES);
+        EXPECT_TRUE(m_shm.create(m_name, 4096, strategy));
+        EXPECT_STREQ("", m_shm.getName());
+    }
+    EXPECT_TRUE(m_shm.create("ve/sk", 4096, Creatable::REPLACE));
+    EXPECT_STREQ("", m_shm.getName());
+    std::ErrorStorage::ack();
+}
+
+TEST_F(SharedMemoryServerTest, nameIsKnownUntilItIsRemoved) {
+    EXPECT_EQ(-1, m_shm.getDescriptor());
+    EXPECT_STREQ("", m_shm.getName());
+    create();
+    EXPECT_TRUE(failOnce(inject_shm_unlink, EIO, [&] { return m_shm.deleteName(); }));
+    EXPECT_TRUE(chainIs(
+        reportsOf({EIO, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED}, m_name.getSystemName())));
+    EXPECT_EQ(m_name.getSystemName(), m_shm.getName());
+    EXPECT_FALSE(m_shm.deleteName());
+    EXPECT_STREQ("", m_shm.getName());
+    create();
+    EXPECT_FALSE(m_shm.close());
+    EXPECT_EQ(m_name.getSystemName(), m_shm.getName());
+    m_shm.setUnlinkOnClose(true);
+    EXPECT_FALSE(m_shm.close());
+    EXPECT_STREQ("", m_shm.getName());
+}
+
+TEST_F(SharedMemoryServerTest, anotherCreationUnmapsAndClosesTheOldMemory) {
+    IpcName const other(MEMORY);
+    create();
+    EXPECT_TRUE(m_shm.addMapping(READ_WRITE, 4096).isValid());
+    int const fd = m_shm.getDescriptor();
+    EXPECT_FALSE(m_shm.create(other, 8192, Creatable::CREATE_NEW));
+    EXPECT_EQ(0U, mappedBytes(m_name.getSystemName()));
+    EXPECT_EQ(fd, m_shm.getDescriptor()) << "the lowest number is free again";
+    EXPECT_EQ(other.getSystemName(), m_shm.getName());
+}
+
+TEST_F(SharedMemoryServerTest, closeAndDestructorUnmapTheMemory) {
+    for (bool const by_destructor : {false, true}) {
+        SharedMemoryServer shm;
+        shm.setUnlinkOnClose(true);
+        ASSERT_FALSE(shm.create(m_name, 4096, Creatable::CREATE_NEW));
+        EXPECT_TRUE(shm.addMapping(READ_WRITE, 4096).isValid());
+        int const fd = shm.getDescriptor();
+        if (by_destructor) {
+            shm.~SharedMemoryServer();
+            new (&shm) SharedMemoryServer;
+        } else {
+            EXPECT_FALSE(shm.close());
+        }
+        EXPECT_FALSE(isOpen(fd));
+        EXPECT_EQ(0U, mappedBytes(m_name.getSystemName()));
+    }
+}
+
+// ---- the size of new memory ----
+
+class SharedMemoryServerSize : public SharedMemoryServerTest, public testing::WithParamInterface<ErrorRow> {
+protected:
+    testing::AssertionResult isReported() { return chainIs(reportsOf(GetParam())); }
+};
+
+constexpr char const* CREATE_WARNING = "WARNING framework/src/vesk/posix/SharedMemoryServer create: "
+                                       "shm_open() okay, ftruncate() failed, close() failed!";
+
+TEST_P(SharedMemoryServerSize, failureClosesTheMemoryAndKeepsItsName) {
+    EventRecorder const events;
+    Fault const fault(inject_ftruncate, GetParam().error);
+    EXPECT_TRUE(m_shm.create(m_name, 4096, Creatable::CREATE_NEW));
+    EXPECT_TRUE(isReported());
+    EXPECT_EQ(1, fault.getCalls());
+    EXPECT_FALSE(m_shm.isValid());
+    EXPECT_TRUE(m_name.exists());
+    EXPECT_EQ("", events.getText());
+    EXPECT_FALSE(m_shm.deleteName());
+    EXPECT_FALSE(m_name.exists());
+}
+
+TEST_P(SharedMemoryServerSize, failureRemovesANameThatCloseRemoves) {
+    m_shm.setUnlinkOnClose(true);
+    Fault const fault(inject_ftruncate, GetParam().error);
+    EXPECT_TRUE(m_shm.create(m_name, 4096, Creatable::CREATE_NEW));
+    EXPECT_TRUE(isReported());
+    EXPECT_FALSE(m_name.exists());
+    EXPECT_STREQ("", m_shm.getName());
+}
+
+TEST_P(SharedMemoryServerSize, failureThatIsFollowedByAFailedCloseIsAWarning) {
+    EventRecorder const events;
+    Fault const fault(inject_ftruncate, GetParam().error);
+    {
+        Fault const closing(inject_close, EIO);
+        EXPECT_TRUE(m_shm.create(m_name, 4096, Creatable::CREATE_NEW));
+    }
+    EXPECT_EQ(CREATE_WARNING, events.getText());
+    EXPECT_TRUE(chainIs({reportsOf(GetParam())[0], reportsOf({EIO, SysErrorId::SPOILED_INTEGRITY})[0]}));
+    EXPECT_TRUE(m_shm.isValid());
+    EXPECT_FALSE(m_shm.close());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, SharedMemoryServerSize,
+    testing::ValuesIn(rowsOf(
+        {{{EINVAL, EFBIG}, SysErrorId::INVALID_PARAMETER},
+         {{EIO, EPERM, EBADF}, SysErrorId::SPOILED_INTEGRITY}})),
+    RowName());
+
+TEST_F(SharedMemoryServerTest, nameThatCannotBeRemovedAfterAFailedSizeIsAWarning) {
+    EventRecorder const events;
+    m_shm.setUnlinkOnClose(true);
+    Fault const fault(inject_ftruncate, EFBIG);
+    Fault const unlinking(inject_shm_unlink, EIO);
+    EXPECT_TRUE(m_shm.create(m_name, 4096, Creatable::CREATE_NEW));
+    EXPECT_EQ(CREATE_WARNING, events.getText());
+    EXPECT_TRUE(chainIs(
+        reportsOf({EIO, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED}, m_name.getSystemName())));
+    EXPECT_FALSE(m_shm.isValid());
+}
+
+TEST_F(SharedMemoryServerTest, interruptedSizeIsRepeated) {
+    Fault const sizes(inject_ftruncate, EINTR, 1, 2);
+    create(4096);
+    EXPECT_EQ(3, sizes.getCalls());
+    EXPECT_EQ(4096U, m_shm.getSize());
+}
+
+TEST_F(SharedMemoryServerTest, sizeBeyond2GibIsRefused) {
+    for (unsigned int const size : {0x80000000U, 0xFFFFFFFFU}) {
+        EXPECT_TRUE(m_shm.create(m_name, size, Creatable::REPLACE));
+        EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
+        EXPECT_LT(s_shm_length, 0);
+        EXPECT_FALSE(m_shm.isValid());
+    }
+    create(0x7FFFFFFF, Creatable::REPLACE);
+    EXPECT_EQ(0x7FFFFFFFU, m_shm.getSize());
+}
+
+// ---- the client ----
+
+class SharedMemoryClientTest : public SharedMemoryServerTest {
+protected:
+    void SetUp() override { makeOther("abc"); }
+
+    SharedMemoryClient m_client;
+};
+
+struct FlagRow {
+    unsigned int word;
+    int system_flags;
+};
+
+void PrintTo(FlagRow const& row, std::ostream* out) {
+    *out << "0x" << std::hex << row.word << std::dec;
+}
+
+class SharedMemoryClientFlags : public SharedMemoryClientTest, public testing::WithParamInterface<FlagRow> {};
+
+TEST_P(SharedMemoryClientFlags, onlyTheWriteBitSelectsTheDirections) {
+    EXPECT_FALSE(m_client.attach(m_name, MemMapping::MemAccessFlags(GetParam().word)));
+    EXPECT_EQ(GetParam().system_flags, s_shm_open.flags);
+    EXPECT_EQ(0U, s_shm_open.mode);
+    EXPECT_EQ(m_name.getSystemName(), s_shm_open.name);
+    EXPECT_EQ(GetParam().system_flags, fcntl(m_client.getDescriptor(), F_GETFL) & O_ACCMODE);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, SharedMemoryClientFlags,
+    testing::Values(
+        FlagRow{0, O_RDONLY}, FlagRow{1, O_RDONLY}, FlagRow{4, O_RDONLY}, FlagRow{5, O_RDONLY},
+        FlagRow{2, O_RDWR}, FlagRow{3, O_RDWR}, FlagRow{7, O_RDWR}, FlagRow{0xFFFFFFFD, O_RDONLY},
+        FlagRow{0xFFFFFFFF, O_RDWR}));
+
+TEST_F(SharedMemoryClientTest, withOnlyTheReadBitCannotWrite) {
+    EXPECT_FALSE(m_client.attach(m_name, MemMapping::READ));
+    EXPECT_EQ(4096U, m_client.getSize());
+    MemMapping const reads = m_client.addMapping(MemMapping::READ, 4096);
+    ASSERT_TRUE(reads.isValid());
+    EXPECT_EQ('b', static_cast<char*>(reads.getAddress())[1]);
+    EXPECT_FALSE(m_client.addMapping(READ_WRITE, 4096).isValid());
+    EXPECT_TRUE(causeIs(SysErrorId::PERMISSION_DENIED, EACCES));
+}
+
+TEST_F(SharedMemoryClientTest, withOnlyTheWriteBitCanReadToo) {
+    EXPECT_FALSE(m_client.attach(m_name, MemMapping::WRITE));
+    MemMapping const mapping = m_client.addMapping(READ_WRITE, 4096);
+    ASSERT_TRUE(mapping.isValid());
+    auto* const bytes = static_cast<char*>(mapping.getAddress());
+    EXPECT_EQ('a', bytes[0]);
+    bytes[0] = 'X';
+    EXPECT_EQ("4096 bytes: Xbc", m_name.getState());
+}
+
+TEST_F(SharedMemoryClientTest, ringOfSharedMemoryWraps) {
+    EXPECT_FALSE(m_client.attach(m_name, READ_WRITE));
+    MemMapping const ring = m_client.addMapping(READ_WRITE, 4096, 0, nullptr, true);
+    ASSERT_TRUE(ring.isValid());
+    EXPECT_EQ('c', static_cast<char*>(ring.getAddress())[4098]);
+    EXPECT_FALSE(m_client.close());
+    EXPECT_EQ(0U, mappedBytes(m_name.getSystemName())) << "both halves";
+}
+
+TEST_F(SharedMemoryClientTest, memoryOfAnotherUserCannotBeReadOrWritten) {
+    VESK_SKIP_UNLESS_ROOT();
+    expectInChild([&] {
+        ASSERT_TRUE(dropRights());
+        for (auto const flags : {MemMapping::READ, MemMapping::WRITE}) {
+            EXPECT_TRUE(m_client.attach(m_name, flags));
+            EXPECT_TRUE(chainIs(reportsOf(DENIED, m_name.getSystemName())));
+            EXPECT_FALSE(m_client.isValid());
+        }
+    });
+}
+
+TEST_F(SharedMemoryClientTest, anotherAttachUnmapsAndClosesTheOldMemory) {
+    IpcName const other(MEMORY);
+    ASSERT_FALSE(m_shm.create(other, 3, Creatable::CREATE_NEW));
+    EXPECT_FALSE(m_client.attach(m_name, READ_WRITE));
+    int const fd = m_client.getDescriptor();
+    EXPECT_TRUE(m_client.addMapping(READ_WRITE, 4096).isValid());
+    EXPECT_FALSE(m_client.attach(other, READ_WRITE));
+    EXPECT_EQ(fd, m_client.getDescriptor()) << "the lowest number is free again";
+    EXPECT_EQ(0U, mappedBytes(m_name.getSystemName()));
+    EXPECT_EQ(3U, m_client.getSize());
+}
+
+TEST_F(SharedMemoryClientTest, destructorUnmapsAndKeepsTheName) {
+    {
+        SharedMemoryClient shm;
+        EXPECT_FALSE(shm.attach(m_name, READ_WRITE));
+        EXPECT_TRUE(shm.addMapping(READ_WRITE, 4096).isValid());
+    }
+    EXPECT_EQ(0U, mappedBytes(m_name.getSystemName()));
+    EXPECT_TRUE(m_name.exists());
+}
+
+// ---- processes ----
+
+constexpr unsigned int TOTAL = 200000;
+
+/// The page before the ring.
+struct Header {
+    vesk::ShmMutex mutex;
+    vesk::ShmCondition changed;
+    unsigned int written = 0;
+    unsigned int consumed = 0;
+};
+
+char byteAt(unsigned int position) {
+    return static_cast<char>(position * 31 + position / 253);
+}
+
+/// Transfers blocks until `position` is the end: waits until `may` holds, and adds the result of `transfer`.
+template <typename May, typename Transfer>
+void stream(Header& header, unsigned int& position, May may, Transfer transfer) {
+    while (position < TOTAL) {
+        vesk::ShmMutexLock const lock(header.mutex);
+        while (!may()) {
+            ASSERT_FALSE(header.changed.wait(header.mutex));
+        }
+        position += transfer(position);
+        EXPECT_FALSE(header.changed.signal());
+    }
+}
+
+TEST_F(SharedMemoryServerTest, serverAndClientStreamThroughARing) {
+    unsigned int const length = Vesk::s_sys_info.page_size;
+    create(2 * length);
+    MemMapping const front = m_shm.addMapping(READ_WRITE, length);
+    ASSERT_TRUE(front.isValid());
+    auto* const header = new (front.getAddress()) Header;
+    ASSERT_TRUE(header->mutex.isValid());
+
+    Process writer([&] {
+        MemMapping const ring = m_shm.addMapping(READ_WRITE, length, length, nullptr, true);
+        ASSERT_TRUE(ring.isValid());
+        auto* const bytes = static_cast<char*>(ring.getAddress());
+        char block[701];
+        auto const mayWrite = [&] { return length - (header->written - header->consumed) >= sizeof block; };
+        stream(*header, header->written, mayWrite, [&](unsigned int at) {
+            unsigned int const count = std::min<unsigned int>(sizeof block, TOTAL - at);
+            for (unsigned int i = 0; i < count; ++i) {
+                block[i] = byteAt(at + i);
+            }
+            memcpy(bytes + at % length, block, count);
+            return count;
+        });
+    });
+    Process reader([&] {
+        SharedMemoryClient client;
+        ASSERT_FALSE(client.attach(m_name, READ_WRITE));
+        MemMapping const mine = client.addMapping(READ_WRITE, length);
+        MemMapping const ring = client.addMapping(MemMapping::READ, length, length, nullptr, true);
+        ASSERT_TRUE(mine.isValid() && ring.isValid());
+        auto* const shared = static_cast<Header*>(mine.getAddress());
+        auto const* const bytes = static_cast<char const*>(ring.getAddress());
+        auto const mayRead = [&] { return shared->written != shared->consumed; };
+        stream(*shared, shared->consumed, mayRead, [&](unsigned int at) {
+            unsigned int const count = shared->written - at;
+            for (unsigned int i = 0; i < count && !HasFailure(); ++i) {
+                EXPECT_EQ(byteAt(at + i), bytes[at % length + i]) << at + i;
+            }
+            return count;
+        });
+    });
+    EXPECT_EQ(0, writer.join());
+    EXPECT_EQ(0, reader.join());
+    header->~Header();
+}
+
+TEST_F(SharedMemoryServerTest, contentOfAnEndedServerIsReadByAClientInAnotherProcess) {
+    Process server([&] { makeOther("hello"); });
+    EXPECT_EQ(0, server.join());
+    Process client([&] {
+        SharedMemoryClient shm;
+        ASSERT_FALSE(shm.attach(m_name, MemMapping::READ));
+        MemMapping const mapping = shm.addMapping(MemMapping::READ, shm.getSize());
+        ASSERT_TRUE(mapping.isValid());
+        EXPECT_EQ(0, memcmp("hello", mapping.getAddress(), 5));
+    });
+    EXPECT_EQ(0, client.join());
+}
+
+} // namespace
