@@ -1,8 +1,7 @@
 #pragma once
 
-#include "support/Chain.h"
+#include "SocketRows.h"
 
-#include <vesk/SysError.h>
 #include <vesk/UDPSocket.h>
 
 #include <gtest/gtest.h>
@@ -16,7 +15,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-/// What tests of UDP sockets need.
+/// Support for tests of UDP sockets.
 
 namespace support {
 
@@ -24,9 +23,7 @@ using vesk::IPSocket;
 using vesk::Socket;
 using vesk::UDPSocket;
 
-constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
-
-/// A socket without buffers whose hooks can be called one by one. Closes itself, so that a test may end anywhere.
+/// A socket without buffers that exposes its hooks. Its destructor closes it.
 class OpenUDPSocket : public UDPSocket {
 public:
     using UDPSocket::UDPSocket;
@@ -47,22 +44,69 @@ public:
     using UDPSocket::performWrite;
 };
 
-/// The two reports of a failed `send`, `sendto` or `recv`.
-inline std::vector<ExpectedReport>
-streamFailure(std::ErrorType const& family, int id, int error, int stream) {
-    return {{family, id, rowText(family, id, systemText(error))}, {StreamError, stream}};
+/// Checks that a socket opens without a report.
+inline testing::AssertionResult opens(UDPSocket& socket) {
+    socket.open();
+    if (socket.hadError() || socket.getState() != Socket::OPEN) {
+        return testing::AssertionFailure() << "not opened: " << chainIs({}).message();
+    }
+    return chainIs({});
 }
 
-/// Waits until something can be read.
+/// Checks that a socket fails to open and that its state is `state` afterwards. Keeps the reports.
+inline testing::AssertionResult failsToOpen(UDPSocket& socket, Socket::State state) {
+    socket.open();
+    if (socket.hadError() && socket.getState() == state) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "error " << socket.hadError() << ", state " << socket.getState();
+}
+
+/// Checks that the stream writes `data` as one request.
+inline testing::AssertionResult isWritten(UDPSocket& socket, std::string const& data) {
+    unsigned int written = 0;
+    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), written);
+    if (result == 1 && written == data.size() && !socket.hadError()) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "result " << result << ", written " << written;
+}
+
+/// Checks that a transfer of the open socket fails with `expected` and that nothing was transferred.
+inline testing::AssertionResult
+isFailure(UDPSocket const& socket, int expected, int result, unsigned int count) {
+    if (result == expected && count == 0 && socket.hadError() && socket.getState() == Socket::OPEN) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "result " << result << ", count " << count << ", error "
+                                       << socket.hadError() << ", state " << socket.getState();
+}
+
+/// Checks that writing `data` fails and that the socket stays open. Keeps the reports.
+inline testing::AssertionResult failsToWrite(UDPSocket& socket, std::string const& data = "x") {
+    unsigned int count = 77;
+    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), count);
+    return isFailure(socket, -1, result, count);
+}
+
+/// Checks that reading fails, or with the result 0 ends, and that the socket stays open. Keeps the reports.
+inline testing::AssertionResult failsToRead(UDPSocket& socket, int expected = -1) {
+    char block[8];
+    unsigned int count = 77;
+    int const result = socket.read(block, sizeof block, count);
+    return isFailure(socket, expected, result, count);
+}
+
+/// Waits until a descriptor is readable.
 inline testing::AssertionResult isReadable(int fd) {
     pollfd entry{fd, POLLIN, 0};
     if (poll(&entry, 1, 30000) == 1) {
         return testing::AssertionSuccess();
     }
-    return testing::AssertionFailure() << "nothing came";
+    return testing::AssertionFailure() << "nothing arrived";
 }
 
-/// Waits for a datagram and gives it; nothing on failure.
+/// Waits for a datagram and returns it, or nothing if that fails.
 inline std::optional<std::string> receive(UDPSocket& socket, unsigned int room = 70000) {
     std::string datagram(room, '\0');
     unsigned int count = 0;
@@ -75,17 +119,7 @@ inline std::optional<std::string> receive(UDPSocket& socket, unsigned int room =
     return datagram;
 }
 
-/// Whether all of it is written as one request.
-inline testing::AssertionResult isWritten(UDPSocket& socket, std::string const& data) {
-    unsigned int written = 0;
-    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), written);
-    if (result == 1 && written == data.size() && !socket.hadError()) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "result " << result << ", written " << written;
-}
-
-/// A socket of the bare system, on the loopback interface.
+/// A UDP socket of plain system calls, bound to a free port of the loopback interface.
 class Peer {
 public:
     explicit Peer(IPSocket::IPProtocolVersion version = IPSocket::IPV4) : m_version(version) {
@@ -106,10 +140,10 @@ public:
     IPSocket::IPAddress const& getAddress() const { return m_address; }
     int getFd() const { return m_fd; }
 
-    /// Whether the machine has this version.
+    /// Returns whether the machine supports this version.
     bool isThere() const { return m_address.port != 0; }
 
-    /// Closes it: what is sent to its address is refused from now on.
+    /// Closes the socket, so that datagrams to its address are refused.
     void stop() {
         if (m_fd >= 0) {
             close(m_fd);
@@ -117,17 +151,14 @@ public:
         }
     }
 
-    /// Waits for a datagram and gives it; answers go to where it came from.
+    /// Waits for a datagram and returns it, or nothing if that fails. Its sender is the destination of answers.
     std::optional<std::string> receive() {
         std::string datagram(70000, '\0');
         testing::AssertionResult const readable = isReadable(m_fd);
         EXPECT_TRUE(readable);
-        if (!readable) {
-            return std::nullopt;
-        }
         m_sender_length = sizeof m_sender;
         ssize_t const count = recvfrom(
-            m_fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&m_sender),
+            m_fd, datagram.data(), datagram.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&m_sender),
             &m_sender_length);
         if (count < 0) {
             return std::nullopt;
@@ -173,7 +204,7 @@ private:
     socklen_t m_sender_length = 0;
 };
 
-/// Whether a socket may name the interface of its groups: emulators do not know the option.
+/// Returns whether a socket can name the interface of its groups. User-mode QEMU does not support the option.
 inline bool mayNameInterfaces(IPSocket::IPProtocolVersion version) {
     bool const six = version == IPSocket::IPV6;
     int const fd = socket(six ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
