@@ -1,5 +1,4 @@
 #include "SocketRows.h"
-#include "support/EventRecorder.h"
 #include "support/InjectNoting.h"
 #include "support/NetworkNamespace.h"
 #include "support/calls/ResolverCalls.h"
@@ -7,18 +6,8 @@
 #include <tarncommon/error/ErrorStorage.h>
 #include <vesk/IPSocket.h>
 
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <cstring>
 #include <net/if.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <ostream>
-#include <string>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 namespace {
 // The size of the buffer that the last call of inet_ntop received.
@@ -160,7 +149,6 @@ TEST_P(IPAddressTexts, binaryAddressHasTheTextAndThePort) {
     EXPECT_EQ(m_port, address.port);
     EXPECT_EQ(0U, calls.getLookups().size());
     EXPECT_EQ(m_four ? 0U : 1U, calls.getNamings().size());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_P(IPAddressTexts, textHasTheBinaryAddressAndThePort) {
@@ -171,7 +159,6 @@ TEST_P(IPAddressTexts, textHasTheBinaryAddressAndThePort) {
         toBinary(address, m_four ? IPSocket::IPV4 : IPSocket::IPV6));
     EXPECT_EQ(m_text, address.host);
     EXPECT_EQ(m_port, address.port);
-    EXPECT_TRUE(chainIs({}));
 }
 
 constexpr std::pair<char const*, unsigned short> TEXTS[] = {
@@ -257,7 +244,6 @@ TEST(IPAddress, scopeInATextIsKeptAndItsNumberBecomesTheNameOfTheInterface) {
         IPAddress address("fe80::1%" + scope, 80);
         EXPECT_EQ(std::pair(false, bytesOf("fe80::1", 80, lo)), toBinary(address, IPSocket::IPV6));
         EXPECT_EQ("fe80::1%lo", address.host);
-        EXPECT_TRUE(chainIs({}));
     }
 }
 
@@ -295,7 +281,6 @@ TEST(IPAddress, emptyHostIsTheAnyAddressWithoutTheResolver) {
     EXPECT_EQ(std::pair(false, bytesOf("::", 0x0102)), toBinary(address, IPSocket::IPV6));
     EXPECT_EQ("", address.host);
     EXPECT_TRUE(calls.getLookups().empty() && calls.getNamings().empty());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(IPAddress, textOfIPv4IsResolvedOnce) {
@@ -336,7 +321,6 @@ TEST(IPAddress, unusualSpellingsOfIPv4BecomeTheUsualOne) {
         IPAddress address(host, 80);
         EXPECT_EQ(std::pair(false, bytesOf(numeric, 80)), toBinary(address, IPSocket::IPV4)) << host;
         EXPECT_EQ(numeric, address.host);
-        EXPECT_TRUE(chainIs({}));
     }
 }
 

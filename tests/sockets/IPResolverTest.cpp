@@ -1,19 +1,12 @@
 #include "NameServer.h"
 #include "SocketRows.h"
-#include "support/EventRecorder.h"
 #include "support/calls/ResolverCalls.h"
 
 #include <tarncommon/error/ErrorStorage.h>
 #include <vesk/IPSocket.h>
 
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
 #include <chrono>
-#include <netdb.h>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 /// The resolver with prepared answers, and in the suite `IPResolverNames` with a real name server.
 
@@ -146,7 +139,6 @@ TEST(IPResolver, numericAddressIsItsOwnResult) {
     EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
     EXPECT_EQ(Items{"::1"}, addressesOf(resolver, "::0001", V6));
     EXPECT_EQ(Items{"fe80::1%lo"}, addressesOf(resolver, "fe80::1%lo", V6));
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(IPResolver, resultsKeepTheOrderOfTheSystem) {
@@ -175,7 +167,6 @@ TEST(IPResolver, listWithoutAnEntryOfTheFamilyHasNoResults) {
     EXPECT_EQ(NONE, addressesOf(resolver, "other.example", V6));
     EXPECT_EQ(NONE, addressesOf(resolver, "other.example"));
     EXPECT_TRUE(calls.getNamings().empty());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(IPResolver, resultCanFillTheWholeBuffer) {
@@ -301,7 +292,6 @@ TEST_P(IPResolverLookupCodes, leaveAResolverThatResolvesAgain) {
     addressesOf(resolver, "some.example");
     std::ErrorStorage::ack();
     EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -366,7 +356,6 @@ TEST(IPResolver, entriesWithoutANameAreSkipped) {
     calls.failName(EAI_NONAME);
     EXPECT_EQ(NONE, namesOf(resolver, "fd00::1", V6, false));
     EXPECT_EQ(5U, calls.getNamings().size());
-    EXPECT_TRUE(chainIs({}));
 }
 
 // ---- invalid names and addresses ----
@@ -380,7 +369,6 @@ TEST(IPResolver, nullHasNoResultsAndReplacesThePreviousOnes) {
     EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
     EXPECT_EQ(NONE, itemsOf(resolver, resolver.resolveName(nullptr, V4)));
     EXPECT_EQ(1, calls.countFreed());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(IPResolver, textThatIsNoAddressHasNoName) {
@@ -407,7 +395,6 @@ TEST(IPResolver, addressOfTheOtherVersionHasNoResult) {
     Resolver resolver;
     EXPECT_EQ(NONE, addressesOf(resolver, "::1"));
     EXPECT_EQ(NONE, addressesOf(resolver, "127.0.0.1", V6));
-    EXPECT_TRUE(chainIs({}));
 }
 
 // ---- a real name server ----

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/Chain.h"
+#include "support/CleanEnd.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/stream/IBinStreamBase.h>

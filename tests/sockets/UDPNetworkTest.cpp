@@ -1,16 +1,10 @@
 #include "Cable.h"
 #include "UDPSupport.h"
-#include "support/EventRecorder.h"
 #include "support/Processes.h"
 
-#include <gtest/gtest.h>
-
 #include <arpa/inet.h>
-#include <cerrno>
 #include <fstream>
-#include <net/if.h>
 #include <sstream>
-#include <string>
 #include <sys/eventfd.h>
 
 /// UDP sockets in network namespaces: one peer in the suites `UDPNetwork` and `UDPSizes`, groups in the others.

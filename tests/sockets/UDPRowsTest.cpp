@@ -1,13 +1,7 @@
 #include "UDPSupport.h"
-#include "support/EventRecorder.h"
 #include "support/calls/UDPCalls.h"
 
 #include <tarncommon/error/ErrorOutput.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <string>
 
 namespace {
 
@@ -40,7 +34,6 @@ testing::AssertionResult hasState(Socket const& socket, Socket::State state, int
 class UDPSocketCall : public Rows {};
 
 TEST_P(UDPSocketCall, failureMakesAnInvalidSocket) {
-    EventRecorder const events;
     for (auto const version : {IPSocket::IPV4, IPSocket::IPV6}) {
         IPAddress const& address =
             version == IPSocket::IPV6 ? IPAddress::ANY_ADDRESS6 : IPAddress::ANY_ADDRESS;
@@ -50,8 +43,6 @@ TEST_P(UDPSocketCall, failureMakesAnInvalidSocket) {
         EXPECT_TRUE(chainIs(GetParam().reports));
         EXPECT_TRUE(hasState(socket, Socket::INACTIVE, -1));
     }
-    EXPECT_EQ("", events.getText()) << "the destructor makes no report";
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(rows, UDPSocketCall, createRows(), errnoName);
@@ -80,7 +71,6 @@ TEST_P(UDPFcntl, failureClosesTheDescriptorAndKeepsItsReport) {
     std::string const text = calls.getText();
     EXPECT_EQ("close(s)\n", text.substr(text.find("close")));
     EXPECT_EQ("", m_events.getText());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_P(UDPFcntl, failedCloseAfterAFailureWarnsAndKeepsTheFirstReport) {
@@ -130,7 +120,6 @@ class UDPSetOption : public Rows {};
 TEST_P(UDPSetOption, failureStopsOpenAndLeavesTheSocketInactiveWithItsDescriptor) {
     for (OptionCall const& call : OPTION_CALLS) {
         SCOPED_TRACE(call.name);
-        EventRecorder const events;
         {
             CallRecorder calls(CallRecorder::PRETEND);
             bool const six = call.version == IPSocket::IPV6;
@@ -151,7 +140,6 @@ TEST_P(UDPSetOption, failureStopsOpenAndLeavesTheSocketInactiveWithItsDescriptor
             EXPECT_TRUE(chainIs(GetParam().reports));
             EXPECT_TRUE(hasState(socket, Socket::INACTIVE, fd));
         }
-        EXPECT_EQ("", events.getText()) << "the destructor makes no report";
         EXPECT_TRUE(chainIs({}));
     }
 }
@@ -190,7 +178,6 @@ TEST_P(UDPGetOption, failureOfBroadcastSetsTheErrorFlag) {
 }
 
 TEST_P(UDPGetOption, failureOfTheLargestSizeSetsTheErrorFlagWithoutAReport) {
-    EventRecorder const events;
     UDPSocket const socket(true, 0, 0, LOCAL, PEER, IPSocket::IPV4);
     {
         Fault const fault(inject_getsockopt, GetParam().error, 1, Fault::FOREVER);
@@ -198,8 +185,6 @@ TEST_P(UDPGetOption, failureOfTheLargestSizeSetsTheErrorFlagWithoutAReport) {
         EXPECT_EQ(1, fault.getCalls());
     }
     EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(chainIs({}));
-    EXPECT_EQ("", events.getText()) << "there is no warning";
     EXPECT_NE(0U, socket.maxTxSize());
     EXPECT_FALSE(socket.hadError());
 }
@@ -212,7 +197,6 @@ class UDPBind : public Rows {};
 
 TEST_P(UDPBind, failureClosesTheSocketAndKeepsItsReport) {
     for (auto const& peer : {PEER, GROUP}) {
-        EventRecorder const events;
         {
             CallRecorder calls;
             UDPSocket socket(true, 0, 0, LOCAL, peer, IPSocket::IPV4);
@@ -227,7 +211,6 @@ TEST_P(UDPBind, failureClosesTheSocketAndKeepsItsReport) {
             EXPECT_TRUE(chainIs(GetParam().reports));
             EXPECT_TRUE(hasState(socket, Socket::DEAD, -1));
         }
-        EXPECT_EQ("", events.getText());
         EXPECT_TRUE(chainIs({}));
     }
 }
@@ -273,12 +256,10 @@ TEST_P(UDPConnect, failureOnlyWarnsAndLeavesItsReport) {
 INSTANTIATE_TEST_SUITE_P(rows, UDPConnect, connectRows(), errnoName);
 
 TEST(UDPConnectCall, isRepeatedWhileASignalInterruptsIt) {
-    EventRecorder const events;
     OpenUDPSocket socket(LOCAL, PEER);
     Fault const fault(inject_connect, EINTR, 1, 3);
     EXPECT_TRUE(opens(socket));
     EXPECT_EQ(4, fault.getCalls());
-    EXPECT_EQ("", events.getText());
 }
 
 // ---- send and sendto ----

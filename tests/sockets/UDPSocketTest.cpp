@@ -1,18 +1,11 @@
 #include "UDPSupport.h"
-#include "support/EventRecorder.h"
 #include "support/NewFault.h"
 #include "support/Privileges.h"
 #include "support/VtableSlot.h"
 #include "support/calls/UDPCalls.h"
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
 #include <memory>
-#include <ostream>
 #include <set>
-#include <string>
 #include <type_traits>
 
 namespace {
@@ -91,7 +84,6 @@ TEST(UDPSocket, newSocketIsInactiveAndHasADatagramDescriptorThatExecCloses) {
         UDPSocket const socket(true, 0, 0, six ? LOCAL6 : LOCAL, six ? PEER6 : PEER, version);
         EXPECT_TRUE(socket.isValid());
         EXPECT_FALSE(socket.hadError());
-        EXPECT_TRUE(chainIs({}));
         EXPECT_EQ(Socket::INACTIVE, socket.getState());
         EXPECT_EQ(version, socket.getVersion());
         EXPECT_EQ(SOCK_DGRAM, getIntOption(socket.getSocketFd(), SO_TYPE));
@@ -131,7 +123,6 @@ class UDPUnresolved : public testing::TestWithParam<std::tuple<IPSocket::IPProto
 TEST_P(UDPUnresolved, addressMakesAnInvalidSocketWithoutADescriptor) {
     auto const [version, is_local] = GetParam();
     IPAddress const host("no.such.host", 1);
-    EventRecorder const events;
     {
         CallRecorder calls;
         Fault const fault(inject_getaddrinfo, EAI_NONAME, 1, Fault::FOREVER);
@@ -144,8 +135,6 @@ TEST_P(UDPUnresolved, addressMakesAnInvalidSocketWithoutADescriptor) {
         EXPECT_EQ(Socket::INACTIVE, socket.getState());
         EXPECT_TRUE(chainIs("Couldn't resolve hostname", {INVALID_ARGUMENT}));
     }
-    EXPECT_EQ("", events.getText());
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -435,7 +424,6 @@ TEST(UDPSocket, secondOpenAfterAFailedJoinCannotBindAgainAndCloses) {
 TEST(UDPSocket, limitedBroadcastAndReservedAddressesCountAsGroupsAndCannotBeJoined) {
     VESK_SKIP_WITHOUT_GROUPS(IPSocket::IPV4);
     for (char const* const peer : {"255.255.255.255", "240.0.0.1"}) {
-        EventRecorder const events;
         {
             CallRecorder calls;
             OpenUDPSocket socket({"127.0.0.1", 0}, {peer, 5000});
@@ -447,7 +435,6 @@ TEST(UDPSocket, limitedBroadcastAndReservedAddressesCountAsGroupsAndCannotBeJoin
             EXPECT_EQ(fd, socket.getSocketFd());
             EXPECT_TRUE(isOpen(fd));
         }
-        EXPECT_EQ("", events.getText()) << "an inactive socket is destroyed without a warning";
     }
 }
 
@@ -489,13 +476,11 @@ TEST(UDPSocket, lowPortCannotBeBoundWithoutPrivilege) {
 }
 
 TEST(UDPSocket, bufferedDataDoesNotReplaceTheReportOfAFailedBind) {
-    EventRecorder const events;
     UDPSocket socket(true, 0, 16, LOCAL, PEER, IPSocket::IPV4);
     EXPECT_TRUE(isWritten(socket, "abc"));
     Fault const fault(inject_bind, EADDRINUSE);
     EXPECT_TRUE(failsToOpen(socket, Socket::DEAD));
     EXPECT_TRUE(causeIs(Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE));
-    EXPECT_EQ("", events.getText());
 }
 
 TEST(UDPSocket, groupsShareALocalAddressButAPeerDoesNot) {
@@ -629,7 +614,6 @@ TEST_P(UDPStates, updateAddresses) {
     // The pretended bind gave the socket no address.
     EXPECT_EQ(getState() == Socket::OPEN ? "0.0.0.0" : "127.0.0.1", m_socket.getLocalAddress().host);
     EXPECT_TRUE(m_socket.hadError()) << "the flag is unchanged";
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -660,7 +644,6 @@ TEST(UDPBroadcast, isForbiddenUntilItIsAllowed) {
             EXPECT_TRUE(socket.getBroadcast());
         }
     }
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(UDPBroadcast, everyValueExceptZeroMeansAllowed) {
@@ -682,7 +665,6 @@ TEST(UDPBroadcast, valueOfAnotherLengthFailsAnAssertion) {
             events.getText());
         EXPECT_FALSE(socket.hadError());
     }
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(UDPBroadcast, isIgnoredForIPv6) {
@@ -702,7 +684,6 @@ TEST(UDPBroadcast, isIgnoredForIPv6) {
     socket.setBroadcast(true);
     EXPECT_FALSE(socket.getBroadcast());
     EXPECT_FALSE(socket.hadError()) << "the state is not checked";
-    EXPECT_TRUE(chainIs({}));
 }
 
 // ---- the largest datagram ----
@@ -716,7 +697,6 @@ TEST_P(UDPMaxTxSize, isTheSizeOfTheSendBufferUpToTheLargestDatagram) {
     PretendedOption const option(GetParam().first, sizeof(int));
     EXPECT_EQ(GetParam().second, socket.maxTxSize());
     EXPECT_FALSE(socket.hadError());
-    EXPECT_TRUE(chainIs({}));
 }
 
 constexpr std::pair<int, unsigned int> SIZES[] = {
@@ -736,14 +716,11 @@ TEST(UDPSocket, largestDatagramFollowsTheSendBuffer) {
 }
 
 TEST(UDPSocket, closedSocketHasALargestDatagramOfZeroBytes) {
-    EventRecorder const events;
     OpenUDPSocket socket(LOCAL, PEER);
     socket.open();
     EXPECT_FALSE(socket.close(false));
     EXPECT_EQ(0U, socket.maxTxSize());
     EXPECT_TRUE(socket.hadError());
-    EXPECT_TRUE(chainIs({}));
-    EXPECT_EQ("", events.getText());
 }
 
 // ---- real datagrams on the loopback interface ----
@@ -906,7 +883,6 @@ TEST_P(UDPLoopback, nonBlockingReadSucceedsWithoutADatagram) {
     EXPECT_EQ(1, socket.read(block, sizeof block, m_count));
     EXPECT_EQ(0U, m_count);
     EXPECT_FALSE(socket.hadError());
-    EXPECT_TRUE(chainIs({}));
     send({"now"});
     EXPECT_EQ("now", receive(socket));
 }
