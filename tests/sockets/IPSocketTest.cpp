@@ -303,7 +303,6 @@ protected:
     /// Creates and destroys a socket. Checks that it is invalid and that only `reports` are made.
     static void expectInvalid(std::string const& host, Reports const& reports) {
         auto const [version, is_local] = GetParam();
-        EventRecorder const events;
         StepRecorder const steps;
         IPAddress const nowhere(host, 80);
         {
@@ -315,9 +314,7 @@ protected:
             EXPECT_EQ(host, (is_local ? socket.getLocalAddress() : socket.getPeerAddress()).host);
             EXPECT_TRUE(chainIs(reports));
         }
-        EXPECT_EQ("", events.getText());
         EXPECT_EQ(Steps{}, steps.get());
-        EXPECT_TRUE(chainIs({}));
     }
 };
 
@@ -348,13 +345,11 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(IPSocket, withoutMemoryForABufferItDoesNotResolve) {
     for (int const nth : {1, 2}) {
         ResolverCalls const calls;
-        {
-            NewFault const fault(New::NOTHROW_ARRAY, nth);
-            TestSocket const socket({"127.0.0.1", 80}, {"127.0.0.2", 81}, IPSocket::IPV4, 16, 16);
-            EXPECT_FALSE(socket.isValid());
-            EXPECT_EQ("127.0.0.1", socket.getLocalAddress().host);
-            EXPECT_TRUE(isZero(&socket.getLocal6(), 28));
-        }
+        NewFault const fault(New::NOTHROW_ARRAY, nth);
+        TestSocket const socket({"127.0.0.1", 80}, {"127.0.0.2", 81}, IPSocket::IPV4, 16, 16);
+        EXPECT_FALSE(socket.isValid());
+        EXPECT_EQ("127.0.0.1", socket.getLocalAddress().host);
+        EXPECT_TRUE(isZero(&socket.getLocal6(), 28));
         EXPECT_TRUE(calls.getLookups().empty());
         EXPECT_TRUE(chainIs({OUT_OF_MEMORY}));
     }

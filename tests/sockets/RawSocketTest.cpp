@@ -257,38 +257,32 @@ protected:
     void expectDead(Injected& function) const {
         int const descriptors = countDescriptors();
         RawSocket socket(true, 0, 0);
-        {
-            Fault const fault(function, GetParam().error);
-            Fault const closes(inject_close, 0);
-            EXPECT_TRUE(socket.open("lo"));
-            EXPECT_EQ(1, fault.getCalls());
-            EXPECT_EQ(1, closes.getCalls());
-        }
+        Fault const fault(function, GetParam().error);
+        Fault const closes(inject_close, 0);
+        EXPECT_TRUE(socket.open("lo"));
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_EQ(1, closes.getCalls());
         EXPECT_TRUE(chainIs(GetParam().reports));
         EXPECT_TRUE(isIn(socket, Socket::DEAD, true));
         EXPECT_EQ(descriptors, countDescriptors());
-        EXPECT_EQ("", m_events.getText());
     }
 
     /// Checks that a failed close after the failed call is not repeated and makes a warning instead of a report.
     void expectWarning(Injected& function, int close_error) const {
+        EventRecorder const events;
         int const fd = dup(1); // The number that the socket gets.
         close(fd);
         RawSocket socket(true, 0, 0);
-        {
-            Fault const fault(function, GetParam().error);
-            Fault const closes(inject_close, close_error);
-            EXPECT_TRUE(socket.open("lo"));
-            EXPECT_EQ(1, closes.getCalls());
-        }
+        Fault const fault(function, GetParam().error);
+        Fault const closes(inject_close, close_error);
+        EXPECT_TRUE(socket.open("lo"));
+        EXPECT_EQ(1, closes.getCalls());
         EXPECT_TRUE(chainIs(GetParam().reports));
-        EXPECT_EQ(OPEN_WARNING, m_events.getText());
+        EXPECT_EQ(OPEN_WARNING, events.getText());
         EXPECT_TRUE(isIn(socket, Socket::DEAD, true));
         EXPECT_TRUE(isOpenDescriptor(fd));
         close(fd);
     }
-
-    EventRecorder m_events;
 };
 
 class RawSocketDevice : public RawSocketFailure {};
@@ -391,22 +385,18 @@ TEST(RawSocket, isNotOpenedWithoutAFreeDescriptor) {
 // ---- close ----
 
 TEST(RawSocket, thatNeverOpenedStaysInactiveWhenItIsClosed) {
-    {
-        Fault const closes(inject_close, 0);
-        RawSocket socket(true, 0, 0);
-        EXPECT_FALSE(socket.close());
-        EXPECT_FALSE(socket.close());
-        EXPECT_TRUE(isIn(socket, Socket::INACTIVE));
-        EXPECT_EQ(0, closes.getCalls());
-    }
+    Fault const closes(inject_close, 0);
+    RawSocket socket(true, 0, 0);
+    EXPECT_FALSE(socket.close());
+    EXPECT_FALSE(socket.close());
+    EXPECT_TRUE(isIn(socket, Socket::INACTIVE));
+    EXPECT_EQ(0, closes.getCalls());
 }
 
 TEST(RawSocket, closeWithoutADescriptorKeepsTheStateAndTheReports) {
     RawSocket socket(true, 0, 0);
-    {
-        Fault const fault(inject_socket, EPERM);
-        EXPECT_TRUE(socket.open(nullptr));
-    }
+    Fault const fault(inject_socket, EPERM);
+    EXPECT_TRUE(socket.open(nullptr));
     EXPECT_FALSE(socket.close());
     EXPECT_TRUE(causeIs(SysErrorId::PERMISSION_DENIED, EPERM));
     EXPECT_TRUE(isIn(socket, Socket::INACTIVE, true));
@@ -431,14 +421,12 @@ TEST_P(RawSocketClose, failureIsReportedNotRepeatedAndLeavesItDead) {
     RawSocket socket(true, 0, 0);
     EXPECT_FALSE(socket.open("lo"));
     int const fd = socket.getSocketFd();
-    {
-        Fault const fault(inject_close, GetParam());
-        EXPECT_TRUE(socket.close());
-        EXPECT_TRUE(causeIs(UNCLASSIFIED, GetParam()));
-        EXPECT_TRUE(isIn(socket, Socket::DEAD, true));
-        EXPECT_FALSE(socket.close());
-        EXPECT_EQ(1, fault.getCalls());
-    }
+    Fault const fault(inject_close, GetParam());
+    EXPECT_TRUE(socket.close());
+    EXPECT_TRUE(causeIs(UNCLASSIFIED, GetParam()));
+    EXPECT_TRUE(isIn(socket, Socket::DEAD, true));
+    EXPECT_FALSE(socket.close());
+    EXPECT_EQ(1, fault.getCalls());
     EXPECT_TRUE(isOpenDescriptor(fd));
     close(fd);
 }

@@ -270,14 +270,12 @@ TEST(ConnectSocket, isRepeatedWhileASignalInterruptsIt) {
 
 TEST(ConnectSocket, toAPortWithoutAListenerIsRefused) {
     Loopback address;
-    {
-        Fresh const gone;
-        ASSERT_EQ(0, ::bind(gone.get(), address.get(), Loopback::LENGTH));
-        address.take(gone.get());
-        Fresh const fresh;
-        EXPECT_EQ(-1, connectSocket(fresh.get(), address.get(), Loopback::LENGTH))
-            << "the socket does not listen";
-    }
+    Fresh const gone;
+    ASSERT_EQ(0, ::bind(gone.get(), address.get(), Loopback::LENGTH));
+    address.take(gone.get());
+    Fresh const fresh;
+    EXPECT_EQ(-1, connectSocket(fresh.get(), address.get(), Loopback::LENGTH))
+        << "the socket does not listen";
     EXPECT_TRUE(causeIs(SocketErrorId::PEER_UNREACHABLE, ECONNREFUSED));
 }
 

@@ -131,15 +131,13 @@ TEST(Socket, eachDirectionHasTheBufferOfItsSize) {
 
 TEST(Socket, withoutMemoryForABufferItIsInvalidAndDestroyedSilently) {
     for (int const nth : {1, 2}) {
-        {
-            NewFault const fault(New::NOTHROW_ARRAY, nth);
-            TestSocket const socket(true, 100, 200);
-            EXPECT_EQ(2, fault.getCalls());
-            EXPECT_TRUE(chainIs({OUT_OF_MEMORY}));
-            EXPECT_FALSE(socket.isValid());
-            EXPECT_EQ(Socket::INACTIVE, socket.getState());
-            EXPECT_EQ(-1, socket.getSocketFd());
-        }
+        NewFault const fault(New::NOTHROW_ARRAY, nth);
+        TestSocket const socket(true, 100, 200);
+        EXPECT_EQ(2, fault.getCalls());
+        EXPECT_TRUE(chainIs({OUT_OF_MEMORY}));
+        EXPECT_FALSE(socket.isValid());
+        EXPECT_EQ(Socket::INACTIVE, socket.getState());
+        EXPECT_EQ(-1, socket.getSocketFd());
     }
 }
 

@@ -90,22 +90,17 @@ void expectFailure(Direction const& direction, ErrnoRow const& row) {
     TestSocket socket(ends.takeMine());
     int const fd = socket.getSocketFd();
     unsigned int count = UNTOUCHED;
-    {
-        Fault const fault(direction.call, row.error);
-        EXPECT_TRUE(direction.perform(socket, 2, count));
-        EXPECT_EQ(1, fault.getCalls());
-    }
+    Fault const fault(direction.call, row.error, 1, 2);
+    EXPECT_TRUE(direction.perform(socket, 2, count));
+    EXPECT_EQ(1, fault.getCalls());
     EXPECT_TRUE(chainIs(row.reports));
     EXPECT_EQ(0U, count);
     EXPECT_TRUE(socket.hadError());
     EXPECT_EQ(Socket::OPEN, socket.getState());
     EXPECT_TRUE(socket.isValid());
     EXPECT_EQ(fd, socket.getSocketFd());
-    {
-        Fault const fault(direction.call, row.error);
-        EXPECT_EQ(-1, direction.transfer(socket, 2, count));
-        EXPECT_EQ(0U, count);
-    }
+    EXPECT_EQ(-1, direction.transfer(socket, 2, count));
+    EXPECT_EQ(0U, count);
     EXPECT_TRUE(chainIs(row.reports));
 
     EXPECT_FALSE(direction.perform(socket, 2, count)) << "the next transfer can succeed";

@@ -76,11 +76,9 @@ TEST_P(UDPFcntl, failureClosesTheDescriptorAndKeepsItsReport) {
 TEST_P(UDPFcntl, failedCloseAfterAFailureWarnsAndKeepsTheFirstReport) {
     for (int const close_error : {EIO, EBADF}) {
         EventRecorder const events;
-        {
-            Fault const close_fault(inject_close, close_error);
-            expectDead();
-            EXPECT_EQ(1, close_fault.getCalls());
-        }
+        Fault const close_fault(inject_close, close_error);
+        expectDead();
+        EXPECT_EQ(1, close_fault.getCalls());
         EXPECT_EQ("WARNING framework/src/vesk/posix/UDPSocket UDPSocket: close error", events.getText());
         close(CallRecorder::s_last_socket);
     }
@@ -120,27 +118,22 @@ class UDPSetOption : public Rows {};
 TEST_P(UDPSetOption, failureStopsOpenAndLeavesTheSocketInactiveWithItsDescriptor) {
     for (OptionCall const& call : OPTION_CALLS) {
         SCOPED_TRACE(call.name);
-        {
-            CallRecorder calls(CallRecorder::PRETEND);
-            bool const six = call.version == IPSocket::IPV6;
-            UDPSocket socket(true, 0, 0, six ? LOCAL6 : LOCAL, six ? GROUP6 : GROUP, call.version);
-            int const fd = socket.getSocketFd();
-            calls.getText();
-            {
-                Fault const fault(inject_setsockopt, GetParam().error, call.nth, Fault::FOREVER);
-                EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE));
-                EXPECT_EQ(call.nth, fault.getCalls()) << "no call is repeated or follows";
-            }
-            std::string const text = calls.getText();
-            size_t const last = text.rfind("setsockopt");
-            ASSERT_NE(std::string::npos, last);
-            EXPECT_NE(std::string::npos, text.find(call.name, last)) << text;
-            EXPECT_EQ(text.size() - 1, text.find('\n', last)) << text;
-            EXPECT_EQ(call.nth != 1, text.find("bind(") != std::string::npos) << text;
-            EXPECT_TRUE(chainIs(GetParam().reports));
-            EXPECT_TRUE(hasState(socket, Socket::INACTIVE, fd));
-        }
-        EXPECT_TRUE(chainIs({}));
+        CallRecorder calls(CallRecorder::PRETEND);
+        bool const six = call.version == IPSocket::IPV6;
+        UDPSocket socket(true, 0, 0, six ? LOCAL6 : LOCAL, six ? GROUP6 : GROUP, call.version);
+        int const fd = socket.getSocketFd();
+        calls.getText();
+        Fault const fault(inject_setsockopt, GetParam().error, call.nth, Fault::FOREVER);
+        EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE));
+        EXPECT_EQ(call.nth, fault.getCalls()) << "no call is repeated or follows";
+        std::string const text = calls.getText();
+        size_t const last = text.rfind("setsockopt");
+        ASSERT_NE(std::string::npos, last);
+        EXPECT_NE(std::string::npos, text.find(call.name, last)) << text;
+        EXPECT_EQ(text.size() - 1, text.find('\n', last)) << text;
+        EXPECT_EQ(call.nth != 1, text.find("bind(") != std::string::npos) << text;
+        EXPECT_TRUE(chainIs(GetParam().reports));
+        EXPECT_TRUE(hasState(socket, Socket::INACTIVE, fd));
     }
 }
 
@@ -179,11 +172,9 @@ TEST_P(UDPGetOption, failureOfBroadcastSetsTheErrorFlag) {
 
 TEST_P(UDPGetOption, failureOfTheLargestSizeSetsTheErrorFlagWithoutAReport) {
     UDPSocket const socket(true, 0, 0, LOCAL, PEER, IPSocket::IPV4);
-    {
-        Fault const fault(inject_getsockopt, GetParam().error, 1, Fault::FOREVER);
-        EXPECT_EQ(0U, socket.maxTxSize());
-        EXPECT_EQ(1, fault.getCalls());
-    }
+    Fault const fault(inject_getsockopt, GetParam().error);
+    EXPECT_EQ(0U, socket.maxTxSize());
+    EXPECT_EQ(1, fault.getCalls());
     EXPECT_TRUE(socket.hadError());
     EXPECT_NE(0U, socket.maxTxSize());
     EXPECT_FALSE(socket.hadError());
@@ -197,36 +188,28 @@ class UDPBind : public Rows {};
 
 TEST_P(UDPBind, failureClosesTheSocketAndKeepsItsReport) {
     for (auto const& peer : {PEER, GROUP}) {
-        {
-            CallRecorder calls;
-            UDPSocket socket(true, 0, 0, LOCAL, peer, IPSocket::IPV4);
-            {
-                Fault const fault(inject_bind, GetParam().error, 1, Fault::FOREVER);
-                EXPECT_TRUE(failsToOpen(socket, Socket::DEAD));
-                EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
-            }
-            std::string const text = calls.getText();
-            EXPECT_EQ(
-                "bind(s, 020000007f0000010000000000000000)\nclose(s)\n", text.substr(text.find("bind")));
-            EXPECT_TRUE(chainIs(GetParam().reports));
-            EXPECT_TRUE(hasState(socket, Socket::DEAD, -1));
-        }
-        EXPECT_TRUE(chainIs({}));
+        CallRecorder calls;
+        UDPSocket socket(true, 0, 0, LOCAL, peer, IPSocket::IPV4);
+        Fault const fault(inject_bind, GetParam().error, 1, Fault::FOREVER);
+        EXPECT_TRUE(failsToOpen(socket, Socket::DEAD));
+        EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
+        std::string const text = calls.getText();
+        EXPECT_EQ("bind(s, 020000007f0000010000000000000000)\nclose(s)\n", text.substr(text.find("bind")));
+        EXPECT_TRUE(chainIs(GetParam().reports));
+        EXPECT_TRUE(hasState(socket, Socket::DEAD, -1));
     }
 }
 
 TEST_P(UDPBind, failedCloseAfterAFailureWarnsAndKeepsTheFirstReport) {
     for (int const close_error : {EIO, EBADF}) {
         EventRecorder const events;
-        {
-            UDPSocket socket(true, 0, 0, LOCAL, PEER, IPSocket::IPV4);
-            Fault const fault(inject_bind, GetParam().error);
-            Fault const close_fault(inject_close, close_error);
-            EXPECT_TRUE(failsToOpen(socket, Socket::DEAD));
-            EXPECT_EQ(1, close_fault.getCalls());
-            EXPECT_TRUE(chainIs(GetParam().reports));
-            EXPECT_TRUE(hasState(socket, Socket::DEAD, -1));
-        }
+        UDPSocket socket(true, 0, 0, LOCAL, PEER, IPSocket::IPV4);
+        Fault const fault(inject_bind, GetParam().error);
+        Fault const close_fault(inject_close, close_error);
+        EXPECT_TRUE(failsToOpen(socket, Socket::DEAD));
+        EXPECT_EQ(1, close_fault.getCalls());
+        EXPECT_TRUE(chainIs(GetParam().reports));
+        EXPECT_TRUE(hasState(socket, Socket::DEAD, -1));
         EXPECT_EQ("WARNING framework/src/vesk/posix/UDPSocket open: error closing", events.getText());
         close(CallRecorder::s_last_socket);
     }
@@ -242,11 +225,9 @@ TEST_P(UDPConnect, failureOnlyWarnsAndLeavesItsReport) {
     EventRecorder const events;
     OpenUDPSocket socket(LOCAL, PEER);
     int const fd = socket.getSocketFd();
-    {
-        Fault const fault(inject_connect, GetParam().error);
-        socket.open();
-        EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
-    }
+    Fault const fault(inject_connect, GetParam().error);
+    socket.open();
+    EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
     EXPECT_EQ("WARNING framework/src/vesk/posix/UDPSocket open: error connecting", events.getText());
     EXPECT_FALSE(socket.hadError());
     EXPECT_TRUE(chainIs(GetParam().reports));
@@ -285,11 +266,9 @@ void expectWrite(
     socket.m_had_error = true;
     int const fd = socket.getSocketFd();
     unsigned int put = 77;
-    {
-        Fault const fault(call.function, error, 1, times);
-        EXPECT_EQ(!reports.empty(), socket.performWrite("abc", 3, put));
-        EXPECT_EQ(transferred ? times + 1 : 1, fault.getCalls());
-    }
+    Fault const fault(call.function, error, 1, times);
+    EXPECT_EQ(!reports.empty(), socket.performWrite("abc", 3, put));
+    EXPECT_EQ(transferred ? times + 1 : 1, fault.getCalls());
     EXPECT_EQ(transferred ? 3U : 0U, put);
     EXPECT_EQ(!reports.empty(), socket.hadError());
     EXPECT_TRUE(chainIs(reports));

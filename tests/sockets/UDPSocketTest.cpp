@@ -360,21 +360,17 @@ TEST(UDPSocket, writeAndFlushAllocateNothing) {
 TEST(UDPSocket, opensAfterAddressSharingWasRefused) {
     OpenUDPSocket socket(LOCAL, GROUP);
     CallRecorder const calls(CallRecorder::PRETEND);
-    {
-        Fault const fault(inject_setsockopt, ENOPROTOOPT);
-        EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE));
-        EXPECT_TRUE(chainIs({Socket::ErrorId::UNKNOWN_OPTION}));
-    }
+    Fault const fault(inject_setsockopt, ENOPROTOOPT);
+    EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE));
+    EXPECT_TRUE(chainIs({Socket::ErrorId::UNKNOWN_OPTION}));
     EXPECT_TRUE(opens(socket));
 }
 
 TEST(UDPSocket, secondOpenAfterAFailedJoinCannotBindAgainAndCloses) {
     OpenUDPSocket socket({"127.0.0.1", 0}, GROUP);
-    {
-        Fault const fault(inject_setsockopt, ENODEV, 2);
-        ASSERT_TRUE(failsToOpen(socket, Socket::INACTIVE));
-        EXPECT_TRUE(chainIs({SysErrorId::UNCLASSIFIED}));
-    }
+    Fault const fault(inject_setsockopt, ENODEV, 2);
+    ASSERT_TRUE(failsToOpen(socket, Socket::INACTIVE));
+    EXPECT_TRUE(chainIs({SysErrorId::UNCLASSIFIED}));
     EXPECT_TRUE(failsToOpen(socket, Socket::DEAD));
     EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EINVAL));
 }
@@ -382,17 +378,15 @@ TEST(UDPSocket, secondOpenAfterAFailedJoinCannotBindAgainAndCloses) {
 TEST(UDPSocket, limitedBroadcastAndReservedAddressesCountAsGroupsAndCannotBeJoined) {
     VESK_SKIP_WITHOUT_GROUPS(IPSocket::IPV4);
     for (char const* const peer : {"255.255.255.255", "240.0.0.1"}) {
-        {
-            CallRecorder calls;
-            OpenUDPSocket socket({"127.0.0.1", 0}, {peer, 5000});
-            int const fd = socket.getSocketFd();
-            EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE));
-            EXPECT_TRUE(causeIs(SysErrorId::INVALID_PATH, EINVAL));
-            EXPECT_NE(std::string::npos, calls.getText().find("IP_ADD_MEMBERSHIP"));
-            EXPECT_TRUE(socket.isValid());
-            EXPECT_EQ(fd, socket.getSocketFd());
-            EXPECT_TRUE(isOpen(fd));
-        }
+        CallRecorder calls;
+        OpenUDPSocket socket({"127.0.0.1", 0}, {peer, 5000});
+        int const fd = socket.getSocketFd();
+        EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE));
+        EXPECT_TRUE(causeIs(SysErrorId::INVALID_PATH, EINVAL));
+        EXPECT_NE(std::string::npos, calls.getText().find("IP_ADD_MEMBERSHIP"));
+        EXPECT_TRUE(socket.isValid());
+        EXPECT_EQ(fd, socket.getSocketFd());
+        EXPECT_TRUE(isOpen(fd));
     }
 }
 
