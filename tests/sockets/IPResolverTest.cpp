@@ -127,108 +127,98 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- results ----
 
-TEST(IPResolver, newResolverHasNoResults) {
-    ResolverCalls const calls;
+class IPResolver : public testing::Test {
+protected:
+    std::optional<ResolverCalls> m_calls{std::in_place};
+    Resolver m_resolver;
+};
+
+TEST_F(IPResolver, newResolverHasNoResults) {
     EXPECT_EQ(0U, Resolver().getCount());
-    EXPECT_TRUE(calls.getLookups().empty());
+    EXPECT_TRUE(m_calls->getLookups().empty());
 }
 
-TEST(IPResolver, numericAddressIsItsOwnResult) {
-    ResolverCalls const calls;
-    Resolver resolver;
-    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
-    EXPECT_EQ(Items{"::1"}, addressesOf(resolver, "::0001", V6));
-    EXPECT_EQ(Items{"fe80::1%lo"}, addressesOf(resolver, "fe80::1%lo", V6));
+TEST_F(IPResolver, numericAddressIsItsOwnResult) {
+    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(m_resolver, "127.0.0.1"));
+    EXPECT_EQ(Items{"::1"}, addressesOf(m_resolver, "::0001", V6));
+    EXPECT_EQ(Items{"fe80::1%lo"}, addressesOf(m_resolver, "fe80::1%lo", V6));
 }
 
-TEST(IPResolver, resultsKeepTheOrderOfTheSystem) {
-    ResolverCalls calls;
-    calls.answerList({{"10.0.0.9"}, {"10.0.0.1"}, {"10.0.0.5"}, {"10.0.0.1"}});
-    Resolver resolver;
-    EXPECT_EQ((Items{"10.0.0.9", "10.0.0.1", "10.0.0.5", "10.0.0.1"}), addressesOf(resolver, "many.example"));
+TEST_F(IPResolver, resultsKeepTheOrderOfTheSystem) {
+    m_calls->answerList({{"10.0.0.9"}, {"10.0.0.1"}, {"10.0.0.5"}, {"10.0.0.1"}});
+    EXPECT_EQ(
+        (Items{"10.0.0.9", "10.0.0.1", "10.0.0.5", "10.0.0.1"}), addressesOf(m_resolver, "many.example"));
 }
 
-TEST(IPResolver, entriesOfAnotherFamilyAreSkipped) {
+TEST_F(IPResolver, entriesOfAnotherFamilyAreSkipped) {
     Answer const mixed = list({{"fd00::1"}, {"10.0.0.1"}, ListEntry::local(), {"fd00::2"}, {"10.0.0.2"}});
-    ResolverCalls calls;
-    calls.answer({mixed, mixed});
-    Resolver resolver;
-    EXPECT_EQ((Items{"10.0.0.1", "10.0.0.2"}), addressesOf(resolver, "mixed.example"));
-    EXPECT_EQ(2U, calls.getNamings().size());
-    EXPECT_EQ((Items{"fd00::1", "fd00::2"}), addressesOf(resolver, "mixed.example", V6));
-    EXPECT_EQ(4U, calls.getNamings().size());
+    m_calls->answer({mixed, mixed});
+    EXPECT_EQ((Items{"10.0.0.1", "10.0.0.2"}), addressesOf(m_resolver, "mixed.example"));
+    EXPECT_EQ(2U, m_calls->getNamings().size());
+    EXPECT_EQ((Items{"fd00::1", "fd00::2"}), addressesOf(m_resolver, "mixed.example", V6));
+    EXPECT_EQ(4U, m_calls->getNamings().size());
 }
 
-TEST(IPResolver, listWithoutAnEntryOfTheFamilyHasNoResults) {
-    ResolverCalls calls;
-    calls.answer({list({{"fd00::1"}, ListEntry::local()}), list({{"10.0.0.1"}}), list({})});
-    Resolver resolver;
-    EXPECT_EQ(NONE, addressesOf(resolver, "other.example"));
-    EXPECT_EQ(NONE, addressesOf(resolver, "other.example", V6));
-    EXPECT_EQ(NONE, addressesOf(resolver, "other.example"));
-    EXPECT_TRUE(calls.getNamings().empty());
+TEST_F(IPResolver, listWithoutAnEntryOfTheFamilyHasNoResults) {
+    m_calls->answer({list({{"fd00::1"}, ListEntry::local()}), list({{"10.0.0.1"}}), list({})});
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "other.example"));
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "other.example", V6));
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "other.example"));
+    EXPECT_TRUE(m_calls->getNamings().empty());
 }
 
-TEST(IPResolver, resultCanFillTheWholeBuffer) {
+TEST_F(IPResolver, resultCanFillTheWholeBuffer) {
     std::string const longest(1024, 'x');
-    ResolverCalls calls;
-    calls.answer({list({{"10.0.0.1"}}), Answer(longest.c_str())});
-    Resolver resolver;
-    EXPECT_EQ(Items{longest}, namesOf(resolver, "10.0.0.1"));
+    m_calls->answer({list({{"10.0.0.1"}}), Answer(longest.c_str())});
+    EXPECT_EQ(Items{longest}, namesOf(m_resolver, "10.0.0.1"));
 
-    calls.answer({list({{"10.0.0.1"}}), Answer((longest + "x").c_str())});
-    EXPECT_EQ(FAILED, namesOf(resolver, "10.0.0.1"));
+    m_calls->answer({list({{"10.0.0.1"}}), Answer((longest + "x").c_str())});
+    EXPECT_EQ(FAILED, namesOf(m_resolver, "10.0.0.1"));
     EXPECT_TRUE(chainIs(gai_strerror(EAI_OVERFLOW), {SysErrorId::SPOILED_INTEGRITY}));
 }
 
-TEST(IPResolver, itemBeyondTheCountFailsAnAssertion) {
-    ResolverCalls calls;
-    calls.failList(EAI_NONAME);
-    Resolver resolver;
-    auto const assertionOf = [&resolver](unsigned int index) {
+TEST_F(IPResolver, itemBeyondTheCountFailsAnAssertion) {
+    m_calls->failList(EAI_NONAME);
+    auto const assertionOf = [this](unsigned int index) {
         EventRecorder const events;
-        EXPECT_EQ("", resolver.getItem(index));
+        EXPECT_EQ("", m_resolver.getItem(index));
         return events.getText();
     };
     std::string const assertion =
         "ASSERT framework/src/vesk/posix/IPSocket getItem: p_index < m_resolve_handle.entries.size()";
     EXPECT_EQ(assertion, assertionOf(0)) << "before a resolve";
-    EXPECT_EQ(NONE, addressesOf(resolver, "none.example"));
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "none.example"));
     EXPECT_EQ(assertion, assertionOf(0)) << "after a resolve without results";
-    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
+    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(m_resolver, "127.0.0.1"));
     EXPECT_EQ(assertion, assertionOf(1));
     EXPECT_EQ(assertion, assertionOf(0xFFFFFFFF));
 }
 
 // ---- the list of the system ----
 
-TEST(IPResolver, listIsKeptUntilTheNextResolveOrTheEnd) {
-    ResolverCalls const calls;
+TEST_F(IPResolver, listIsKeptUntilTheNextResolveOrTheEnd) {
     {
         Resolver resolver;
         EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
-        EXPECT_EQ(1U, calls.countKept());
-        EXPECT_EQ(0, calls.countFreed());
+        EXPECT_EQ(1U, m_calls->countKept());
+        EXPECT_EQ(0, m_calls->countFreed());
         EXPECT_EQ(Items{"127.0.0.2"}, addressesOf(resolver, "127.0.0.2"));
-        EXPECT_EQ(1U, calls.countKept());
-        EXPECT_EQ(1, calls.countFreed());
+        EXPECT_EQ(1U, m_calls->countKept());
+        EXPECT_EQ(1, m_calls->countFreed());
     }
-    EXPECT_EQ(0U, calls.countKept());
-    EXPECT_EQ(2, calls.countFreed());
+    EXPECT_EQ(0U, m_calls->countKept());
+    EXPECT_EQ(2, m_calls->countFreed());
 }
 
-TEST(IPResolver, resolverWithoutAListFreesNothing) {
-    ResolverCalls const calls;
+TEST_F(IPResolver, resolverWithoutAListFreesNothing) {
     { Resolver const resolver; }
-    EXPECT_EQ(0, calls.countFreed());
+    EXPECT_EQ(0, m_calls->countFreed());
 }
 
-TEST(IPResolver, secondResolveReplacesAllResultsOfTheFirst) {
-    ResolverCalls calls;
-    calls.answer({list({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}}), list({{"10.0.0.4"}})});
-    Resolver resolver;
-    EXPECT_EQ(3, resolver.resolveName("many.example", V4));
-    EXPECT_EQ(Items{"10.0.0.4"}, addressesOf(resolver, "one.example"));
+TEST_F(IPResolver, secondResolveReplacesAllResultsOfTheFirst) {
+    m_calls->answer({list({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}}), list({{"10.0.0.4"}})});
+    EXPECT_EQ(3, m_resolver.resolveName("many.example", V4));
+    EXPECT_EQ(Items{"10.0.0.4"}, addressesOf(m_resolver, "one.example"));
 }
 
 // ---- failures of getaddrinfo ----
@@ -342,59 +332,53 @@ INSTANTIATE_TEST_SUITE_P(
          {{EAI_SYSTEM, EAI_NODATA, EAI_ADDRFAMILY, EAI_SERVICE, EAI_SOCKTYPE, EAI_IDN_ENCODE, 4711, -4711},
           {SysErrorId::UNCLASSIFIED}}}));
 
-TEST(IPResolver, entriesWithoutANameAreSkipped) {
-    ResolverCalls calls;
-    calls.answerList({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}});
-    calls.answerName("one");
-    calls.failName(EAI_NONAME);
-    calls.answerName("three");
-    Resolver resolver;
-    EXPECT_EQ((Items{"one", "three"}), namesOf(resolver, "10.0.0.1"));
+TEST_F(IPResolver, entriesWithoutANameAreSkipped) {
+    m_calls->answerList({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}});
+    m_calls->answerName("one");
+    m_calls->failName(EAI_NONAME);
+    m_calls->answerName("three");
+    EXPECT_EQ((Items{"one", "three"}), namesOf(m_resolver, "10.0.0.1"));
 
-    calls.answerList({{"fd00::1"}, {"fd00::2"}});
-    calls.failName(EAI_NONAME);
-    calls.failName(EAI_NONAME);
-    EXPECT_EQ(NONE, namesOf(resolver, "fd00::1", V6, false));
-    EXPECT_EQ(5U, calls.getNamings().size());
+    m_calls->answerList({{"fd00::1"}, {"fd00::2"}});
+    m_calls->failName(EAI_NONAME);
+    m_calls->failName(EAI_NONAME);
+    EXPECT_EQ(NONE, namesOf(m_resolver, "fd00::1", V6, false));
+    EXPECT_EQ(5U, m_calls->getNamings().size());
 }
 
 // ---- invalid names and addresses ----
 
-TEST(IPResolver, nullHasNoResultsAndReplacesThePreviousOnes) {
-    ResolverCalls const calls;
-    Resolver resolver;
-    EXPECT_EQ(NONE, itemsOf(resolver, resolver.resolveName(nullptr, V4)));
-    EXPECT_EQ(NONE, itemsOf(resolver, resolver.resolveIP(nullptr, true, V6)));
-    EXPECT_EQ(std::nullopt, calls.getLookups().at(0).name);
-    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
-    EXPECT_EQ(NONE, itemsOf(resolver, resolver.resolveName(nullptr, V4)));
-    EXPECT_EQ(1, calls.countFreed());
+TEST_F(IPResolver, nullHasNoResultsAndReplacesThePreviousOnes) {
+    EXPECT_EQ(NONE, itemsOf(m_resolver, m_resolver.resolveName(nullptr, V4)));
+    EXPECT_EQ(NONE, itemsOf(m_resolver, m_resolver.resolveIP(nullptr, true, V6)));
+    EXPECT_EQ(std::nullopt, m_calls->getLookups().at(0).name);
+    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(m_resolver, "127.0.0.1"));
+    EXPECT_EQ(NONE, itemsOf(m_resolver, m_resolver.resolveName(nullptr, V4)));
+    EXPECT_EQ(1, m_calls->countFreed());
 }
 
-TEST(IPResolver, textThatIsNoAddressHasNoName) {
+TEST_F(IPResolver, textThatIsNoAddressHasNoName) {
+    m_calls.reset();
     // The flag for numeric addresses keeps the real function from querying a name server.
-    Resolver resolver;
     for (std::string const& text :
          {std::string("name.invalid"), std::string(), std::string(300, 'x'), std::string(5000, 'x'),
           std::string("127.0.0.1 x"), std::string("256.0.0.1"), std::string("%s%n"), std::string(" "),
           std::string("1.2.3.4/8"), std::string("::1")}) {
-        EXPECT_EQ(NONE, namesOf(resolver, text)) << text;
+        EXPECT_EQ(NONE, namesOf(m_resolver, text)) << text;
         EXPECT_TRUE(chainIs({})) << text;
     }
     for (std::string const& text :
          {std::string("name.invalid"), std::string(), std::string(300, ':'), std::string(5000, '1'),
           std::string("[::1]"), std::string("::1::"), std::string("fe80::1%nonesuch"),
           std::string("127.0.0.1")}) {
-        EXPECT_EQ(NONE, namesOf(resolver, text, V6, false)) << text;
+        EXPECT_EQ(NONE, namesOf(m_resolver, text, V6, false)) << text;
         EXPECT_TRUE(chainIs({})) << text;
     }
 }
 
-TEST(IPResolver, addressOfTheOtherVersionHasNoResult) {
-    ResolverCalls const calls;
-    Resolver resolver;
-    EXPECT_EQ(NONE, addressesOf(resolver, "::1"));
-    EXPECT_EQ(NONE, addressesOf(resolver, "127.0.0.1", V6));
+TEST_F(IPResolver, addressOfTheOtherVersionHasNoResult) {
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "::1"));
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "127.0.0.1", V6));
 }
 
 // ---- a real name server ----

@@ -73,8 +73,7 @@ void expectCall(TestSocket const& socket, Buffer const& buffer) {
 template <typename Operation>
 void expectFailure(Injected& call, ErrnoRow const& row, Operation const& succeeds) {
     for (Buffer const& buffer : BUFFERS) {
-        Ends ends = makeEnds();
-        TestSocket socket(ends.takeMine());
+        ConnectedSocket socket;
         Fault const fault(call, row.error);
         EXPECT_FALSE(succeeds(socket, buffer));
         EXPECT_EQ(1, fault.getCalls());
@@ -110,8 +109,7 @@ INSTANTIATE_TEST_SUITE_P(rows, SocketOptionGet, getOptionRows(), errnoName);
 
 TEST(SocketOptions, sizeIsSetAsAnInt) {
     for (Buffer const& buffer : BUFFERS) {
-        Ends ends = makeEnds();
-        TestSocket socket(ends.takeMine());
+        ConnectedSocket socket;
         socket.setHadError();
         EXPECT_FALSE((socket.*buffer.set)(12345));
         EXPECT_FALSE(socket.hadError());
@@ -125,8 +123,7 @@ TEST(SocketOptions, sizeIsSetAsAnInt) {
 TEST(SocketOptions, sizeThatWasSetIsReturned) {
     for (bool const tcp : {false, true}) {
         for (Buffer const& buffer : BUFFERS) {
-            Ends ends = tcp ? makeTcpEnds() : makeEnds();
-            TestSocket socket(ends.takeMine());
+            ConnectedSocket socket(tcp ? makeTcpEnds() : makeEnds());
             EXPECT_FALSE((socket.*buffer.set)(20000));
             socket.setHadError();
             EXPECT_EQ(20000U, (socket.*buffer.get)());
@@ -138,8 +135,7 @@ TEST(SocketOptions, sizeThatWasSetIsReturned) {
 
 TEST(SocketOptions, sizeBeyondTheSystemsLimitsIsReturnedAsGranted) {
     for (Buffer const& buffer : BUFFERS) {
-        Ends ends = makeEnds();
-        TestSocket socket(ends.takeMine());
+        ConnectedSocket socket;
         for (unsigned int const size : {1U, static_cast<unsigned int>(INT_MAX)}) {
             EXPECT_FALSE((socket.*buffer.set)(size));
             int granted = 0;
@@ -152,8 +148,7 @@ TEST(SocketOptions, sizeBeyondTheSystemsLimitsIsReturnedAsGranted) {
 }
 
 TEST(SocketOptions, halfOfTheSystemsSizeIsTakenAsASignedNumber) {
-    Ends ends = makeEnds();
-    TestSocket const socket(ends.takeMine());
+    ConnectedSocket socket;
     s_pretend = true;
     for (auto const& [value, half] : {std::pair(7, 3U), std::pair(1, 0U), std::pair(-7, 0U - 3U)}) {
         s_value = value;
@@ -165,8 +160,7 @@ TEST(SocketOptions, halfOfTheSystemsSizeIsTakenAsASignedNumber) {
 }
 
 TEST(SocketOptions, sizeOfAnotherLengthThanAnIntFailsAnAssertion) {
-    Ends ends = makeEnds();
-    TestSocket const socket(ends.takeMine());
+    ConnectedSocket socket;
     s_pretend = true;
     s_value = 4000;
     for (Buffer const& buffer : BUFFERS) {

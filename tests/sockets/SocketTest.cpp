@@ -261,9 +261,8 @@ TEST(Socket, canBeDestroyedAsItsBaseClass) {
 // `hadError` is the outcome of either thread. The thread sanitizer would report a race.
 TEST(Socket, isReadByOneThreadAndWrittenByAnother) {
     constexpr int COUNT = 2000;
-    Ends ends = makeEnds();
-    TestSocket socket(ends.takeMine());
-    std::thread echo([peer = ends.getPeer()] {
+    ConnectedSocket socket;
+    std::thread echo([peer = socket.ends.getPeer()] {
         char block[64];
         ssize_t count = 0;
         while ((count = ::recv(peer, block, sizeof block, 0)) > 0) {
@@ -309,19 +308,18 @@ TEST(Socket, flushSucceedsInEveryStateAndClearsTheErrorFlagUnlessItIsOnlyOfTheBu
 }
 
 TEST(Socket, buffersBothDirections) {
-    Ends ends = makeEnds();
-    TestSocket socket(true, 64, 64);
-    socket.set(ends.takeMine(), Socket::OPEN);
+    ConnectedSocket socket(makeEnds(), true, 64, 64);
     std::IBinInOutStream& stream = socket;
     unsigned int count = 0;
     EXPECT_EQ(1, stream.write("abc", 3, count));
     EXPECT_EQ(1, stream.write("def", 3, count));
     EXPECT_EQ(3U, count);
-    EXPECT_EQ(-1, recv(ends.getPeer(), &count, sizeof count, MSG_DONTWAIT)) << "the data is in the buffer";
+    EXPECT_EQ(-1, recv(socket.ends.getPeer(), &count, sizeof count, MSG_DONTWAIT))
+        << "the data is in the buffer";
     EXPECT_FALSE(stream.flush(false));
-    EXPECT_EQ("abcdef", ends.receive(16));
+    EXPECT_EQ("abcdef", socket.ends.receive(16));
 
-    ends.send("123456");
+    socket.ends.send("123456");
     char block[4] = {};
     EXPECT_EQ(1, stream.read(block, 2, count));
     EXPECT_EQ("12", std::string(block, count));
@@ -331,9 +329,7 @@ TEST(Socket, buffersBothDirections) {
 }
 
 TEST(Socket, flushOfANonBlockingStreamFailsWhileThePeerHasNoRoom) {
-    Ends ends = makeEnds(SOCK_STREAM | SOCK_NONBLOCK);
-    TestSocket socket(false, 0, 16);
-    socket.set(ends.takeMine(), Socket::OPEN);
+    ConnectedSocket socket(makeEnds(SOCK_STREAM | SOCK_NONBLOCK), false, 0, 16);
     unsigned int count = 0;
     std::string const block(4096, 'x');
     do {
@@ -353,9 +349,7 @@ TEST(Socket, transfersAllocateNothing) {
         GTEST_SKIP() << "a sanitizer allocates for itself";
     }
     for (unsigned int const buffer : {0U, 64U}) {
-        Ends ends = makeEnds();
-        TestSocket socket(true, buffer, buffer);
-        socket.set(ends.takeMine(), Socket::OPEN);
+        ConnectedSocket socket(makeEnds(), true, buffer, buffer);
         char block[128] = {};
         unsigned int count = 0;
         AllocationCounter const allocations;
@@ -363,8 +357,11 @@ TEST(Socket, transfersAllocateNothing) {
             EXPECT_EQ(1, socket.write(block, 7, count));
             EXPECT_EQ(1, socket.write(block, sizeof block, count));
             EXPECT_FALSE(socket.flush(false));
-            EXPECT_EQ(135, recv(ends.getPeer(), block, sizeof block, 0) + recv(ends.getPeer(), block, 7, 0));
-            EXPECT_EQ(10, send(ends.getPeer(), block, 10, 0));
+            EXPECT_EQ(
+                135,
+                recv(socket.ends.getPeer(), block, sizeof block, 0) +
+                    recv(socket.ends.getPeer(), block, 7, 0));
+            EXPECT_EQ(10, send(socket.ends.getPeer(), block, 10, 0));
             EXPECT_EQ(1, socket.read(block, 3, count));
             EXPECT_EQ(1, socket.read(block, sizeof block, count));
         }
@@ -397,17 +394,16 @@ private:
 };
 
 TEST(Socket, canBePolled) {
-    Ends ends = makeEnds();
-    TestSocket socket(ends.takeMine());
+    ConnectedSocket socket;
     Reader reader(socket);
     vesk::Poller poller;
     poller.add(reader, socket.getSocketFd());
-    ends.send("hello");
+    socket.ends.send("hello");
     while (reader.getText() != "hello") {
         ASSERT_FALSE(poller.poll());
     }
     EXPECT_EQ(1, reader.getResult());
-    EXPECT_EQ(0, shutdown(ends.getPeer(), SHUT_WR));
+    EXPECT_EQ(0, shutdown(socket.ends.getPeer(), SHUT_WR));
     while (reader.getResult() == 1) {
         ASSERT_FALSE(poller.poll());
     }

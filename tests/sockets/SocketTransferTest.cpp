@@ -85,9 +85,8 @@ void expectTransferred(Direction const& direction, Ends const& ends) {
 
 /// Checks a failure: nothing is transferred, it is reported below the stream's error, and the socket stays as it is.
 void expectFailure(Direction const& direction, ErrnoRow const& row) {
-    Ends ends = makeEnds();
-    ends.send("ab");
-    TestSocket socket(ends.takeMine());
+    ConnectedSocket socket;
+    socket.ends.send("ab");
     int const fd = socket.getSocketFd();
     unsigned int count = UNTOUCHED;
     Fault const fault(direction.call, row.error, 1, 2);
@@ -106,7 +105,7 @@ void expectFailure(Direction const& direction, ErrnoRow const& row) {
     EXPECT_FALSE(direction.perform(socket, 2, count)) << "the next transfer can succeed";
     EXPECT_EQ(2U, count);
     EXPECT_FALSE(socket.hadError());
-    expectTransferred(direction, ends);
+    expectTransferred(direction, socket.ends);
 }
 
 class SocketReadRow : public testing::TestWithParam<ErrnoRow> {};
@@ -172,28 +171,25 @@ INSTANTIATE_TEST_SUITE_P(
 class SocketTransfer : public testing::TestWithParam<Direction> {};
 
 TEST_P(SocketTransfer, isRepeatedWhileASignalInterruptsIt) {
-    Ends ends = makeEnds();
-    ends.send("ab");
-    TestSocket socket(ends.takeMine());
+    ConnectedSocket socket;
+    socket.ends.send("ab");
     unsigned int count = UNTOUCHED;
     Fault const fault(GetParam().call, EINTR, 1, 5);
     EXPECT_FALSE(GetParam().perform(socket, 2, count));
     EXPECT_EQ(2U, count);
     EXPECT_EQ(6, fault.getCalls());
     EXPECT_FALSE(socket.hadError());
-    expectTransferred(GetParam(), ends);
+    expectTransferred(GetParam(), socket.ends);
 }
 
 TEST_P(SocketTransfer, ofNoBytesSucceedsWithoutACallAndTransfersNoDatagram) {
     for (int const type : {SOCK_STREAM, SOCK_DGRAM, SOCK_SEQPACKET}) {
         for (unsigned int const buffer : {0U, 64U}) {
-            Ends ends = makeEnds(type);
-            TestSocket socket(true, buffer, buffer);
-            socket.set(ends.takeMine(), Socket::OPEN);
+            ConnectedSocket socket(makeEnds(type), true, buffer, buffer);
             unsigned int count = UNTOUCHED;
             for (bool const is_waiting : {false, true}) {
                 if (is_waiting) {
-                    ends.send("ab");
+                    socket.ends.send("ab");
                 }
                 Fault const calls(GetParam().call, 0);
                 socket.setHadError();
@@ -207,15 +203,14 @@ TEST_P(SocketTransfer, ofNoBytesSucceedsWithoutACallAndTransfersNoDatagram) {
             }
             EXPECT_EQ(1, GetParam().transfer(socket, 2, count));
             EXPECT_FALSE(socket.flush(false));
-            expectTransferred(GetParam(), ends);
+            expectTransferred(GetParam(), socket.ends);
         }
     }
 }
 
 TEST_P(SocketTransfer, failsAfterThePeerResetTheConnection) {
-    Ends ends = makeTcpEnds();
-    TestSocket socket(ends.takeMine());
-    ends.resetByPeer();
+    ConnectedSocket socket(makeTcpEnds());
+    socket.ends.resetByPeer();
     ASSERT_TRUE(waitFor(socket.getSocketFd(), POLLHUP));
     unsigned int count = UNTOUCHED;
     EXPECT_TRUE(GetParam().perform(socket, 1, count));
@@ -244,9 +239,8 @@ INSTANTIATE_TEST_SUITE_P(directions, SocketTransfer, DIRECTIONS, testing::PrintT
 // ---- reading ----
 
 TEST(SocketRead, returnsTheReceivedBytesWithOneCall) {
-    Ends ends = makeEnds();
-    ends.send("hello");
-    TestSocket socket(ends.takeMine());
+    ConnectedSocket socket;
+    socket.ends.send("hello");
     socket.setHadError();
     char block[16];
     unsigned int got = UNTOUCHED;
@@ -260,9 +254,8 @@ TEST(SocketRead, returnsTheReceivedBytesWithOneCall) {
 }
 
 TEST(SocketRead, takesNoMoreThanRequested) {
-    Ends ends = makeEnds();
-    ends.send("hello");
-    TestSocket socket(ends.takeMine());
+    ConnectedSocket socket;
+    socket.ends.send("hello");
     char block[4] = "xyz";
     unsigned int got = UNTOUCHED;
     EXPECT_FALSE(socket.performRead(block, 2, got));
@@ -273,8 +266,7 @@ TEST(SocketRead, takesNoMoreThanRequested) {
 }
 
 TEST(SocketRead, succeedsWithoutBytesOnANonBlockingDescriptor) {
-    Ends ends = makeEnds(SOCK_STREAM | SOCK_NONBLOCK);
-    TestSocket socket(ends.takeMine());
+    ConnectedSocket socket(makeEnds(SOCK_STREAM | SOCK_NONBLOCK));
     char byte = 0;
     unsigned int got = UNTOUCHED;
     socket.setHadError();
@@ -287,10 +279,8 @@ TEST(SocketRead, succeedsWithoutBytesOnANonBlockingDescriptor) {
 }
 
 TEST(SocketRead, waitsAsItsDescriptorDoesEvenInANonBlockingStream) {
-    Ends ends = makeEnds();
+    ConnectedSocket socket(makeEnds(), false, 0, 0);
     timeval const limit{0, 50000};
-    TestSocket socket(false, 0, 0);
-    socket.set(ends.takeMine(), Socket::OPEN);
     ASSERT_EQ(0, setsockopt(socket.getSocketFd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit));
     char byte = 0;
     unsigned int got = UNTOUCHED;
@@ -301,9 +291,8 @@ TEST(SocketRead, waitsAsItsDescriptorDoesEvenInANonBlockingStream) {
 }
 
 TEST(SocketRead, waitsForThePeer) {
-    Ends ends = makeEnds();
-    TestSocket socket(ends.takeMine());
-    std::thread peer([&ends] { ends.send("x"); });
+    ConnectedSocket socket;
+    std::thread peer([&socket] { socket.ends.send("x"); });
     char byte = 0;
     unsigned int got = UNTOUCHED;
     EXPECT_FALSE(socket.performRead(&byte, 1, got));
@@ -332,10 +321,9 @@ void expectEnd(TestSocket& socket) {
 
 TEST(SocketRead, reachesTheEndAfterThePeerClosedAndLeavesTheSocketOpen) {
     for (bool const tcp : {false, true}) {
-        Ends ends = tcp ? makeTcpEnds() : makeEnds();
-        TestSocket socket(ends.takeMine());
-        ends.send("last");
-        ends.closePeer();
+        ConnectedSocket socket(tcp ? makeTcpEnds() : makeEnds());
+        socket.ends.send("last");
+        socket.ends.closePeer();
         char block[16];
         unsigned int got = 0;
         EXPECT_EQ(1, socket.read(block, sizeof block, got));
@@ -346,21 +334,18 @@ TEST(SocketRead, reachesTheEndAfterThePeerClosedAndLeavesTheSocketOpen) {
 }
 
 TEST(SocketRead, endOfThePeersDirectionLeavesTheOtherOneUsable) {
-    Ends ends = makeTcpEnds();
-    TestSocket socket(ends.takeMine());
-    ASSERT_EQ(0, shutdown(ends.getPeer(), SHUT_WR));
+    ConnectedSocket socket(makeTcpEnds());
+    ASSERT_EQ(0, shutdown(socket.ends.getPeer(), SHUT_WR));
     expectEnd(socket);
     unsigned int put = 0;
     EXPECT_EQ(1, socket.write("still", 5, put));
-    EXPECT_EQ("still", ends.receive(16));
+    EXPECT_EQ("still", socket.ends.receive(16));
 }
 
 TEST(SocketRead, bufferedStreamReturnsTheBytesBeforeTheEnd) {
-    Ends ends = makeEnds();
-    TestSocket socket(true, 64, 0);
-    socket.set(ends.takeMine(), Socket::OPEN);
-    ends.send("abc");
-    ends.closePeer();
+    ConnectedSocket socket(makeEnds(), true, 64, 0);
+    socket.ends.send("abc");
+    socket.ends.closePeer();
     for (unsigned int const expected : {2U, 1U, 0U}) {
         char block[16];
         unsigned int got = UNTOUCHED;
@@ -371,14 +356,13 @@ TEST(SocketRead, bufferedStreamReturnsTheBytesBeforeTheEnd) {
 }
 
 TEST(SocketRead, ofMoreBytesThanRequestedIsCutAndFailsWithoutTheErrorFlag) {
-    Ends ends = makeEnds();
-    TestSocket socket(ends.takeMine());
+    ConnectedSocket socket;
     char block[4];
     unsigned int got = UNTOUCHED;
     s_excess = 1;
     Reports const too_big = {SocketErrorId::MESSAGE_TOO_BIG, StreamErrorId::TRANSFER_FAILED};
     for (unsigned int const size : {1U, 4U}) {
-        ends.send("abcd");
+        socket.ends.send("abcd");
         socket.setHadError();
         errno = EXDEV;
         EXPECT_TRUE(socket.performRead(block, size, got));
@@ -389,11 +373,11 @@ TEST(SocketRead, ofMoreBytesThanRequestedIsCutAndFailsWithoutTheErrorFlag) {
         char rest[4];
         ::recv(socket.getSocketFd(), rest, sizeof rest, MSG_DONTWAIT);
     }
-    ends.send("ab");
+    socket.ends.send("ab");
     EXPECT_EQ(-1, socket.read(block, 2, got));
     EXPECT_EQ(2U, got);
     EXPECT_TRUE(chainIs(too_big));
-    ends.send("ab");
+    socket.ends.send("ab");
     EXPECT_FALSE(socket.performRead(block, 3, got)) << "as many bytes as requested";
     EXPECT_EQ(3U, got);
     s_excess = 0;
@@ -402,8 +386,7 @@ TEST(SocketRead, ofMoreBytesThanRequestedIsCutAndFailsWithoutTheErrorFlag) {
 // ---- writing ----
 
 TEST(SocketWrite, sendsWithOneCallThatRaisesNoSignal) {
-    Ends ends = makeEnds();
-    TestSocket socket(ends.takeMine());
+    ConnectedSocket socket;
     socket.setHadError();
     unsigned int put = UNTOUCHED;
     Fault const calls(inject_send, 0);
@@ -413,13 +396,11 @@ TEST(SocketWrite, sendsWithOneCallThatRaisesNoSignal) {
     EXPECT_EQ(1, calls.getCalls());
     EXPECT_EQ(socket.getSocketFd(), s_fd);
     EXPECT_EQ(MSG_NOSIGNAL, s_flags);
-    EXPECT_EQ("hello", ends.receive(16));
+    EXPECT_EQ("hello", socket.ends.receive(16));
 }
 
 TEST(SocketWrite, ofMoreThanThereIsRoomForIsShortAndThenSucceedsWithoutBytes) {
-    Ends ends = makeEnds(SOCK_STREAM | SOCK_NONBLOCK);
-    TestSocket socket(false, 0, 0);
-    socket.set(ends.takeMine(), Socket::OPEN);
+    ConnectedSocket socket(makeEnds(SOCK_STREAM | SOCK_NONBLOCK), false, 0, 0);
     std::vector<char> const much(16 << 20, 'x');
     auto const size = static_cast<unsigned int>(much.size());
     unsigned int put = 0;
@@ -442,16 +423,14 @@ TEST(SocketWrite, ofMoreThanThereIsRoomForIsShortAndThenSucceedsWithoutBytes) {
     EXPECT_FALSE(socket.hadError());
 
     while (sent != 0) {
-        size_t const count = ends.receive(much.size()).size();
+        size_t const count = socket.ends.receive(much.size()).size();
         ASSERT_LT(0U, count) << "every byte that was reported as sent arrives";
         sent -= static_cast<unsigned int>(count);
     }
 }
 
 TEST(SocketWrite, nonBlockingStreamReturnsHowManyBytesItTook) {
-    Ends ends = makeEnds(SOCK_STREAM | SOCK_NONBLOCK);
-    TestSocket socket(false, 0, 0);
-    socket.set(ends.takeMine(), Socket::OPEN);
+    ConnectedSocket socket(makeEnds(SOCK_STREAM | SOCK_NONBLOCK), false, 0, 0);
     std::vector<char> const much(16 << 20, 'x');
     unsigned int written = 0;
     EXPECT_EQ(1, socket.write(much.data(), static_cast<unsigned int>(much.size()), written));
@@ -499,8 +478,7 @@ TEST(SocketWrite, blockingStreamContinuesUntilEveryByteIsSent) {
 }
 
 TEST(SocketWrite, waitsAsItsDescriptorDoes) {
-    Ends ends = makeEnds();
-    TestSocket socket(ends.takeMine());
+    ConnectedSocket socket;
     timeval const limit{0, 50000};
     ASSERT_EQ(0, setsockopt(socket.getSocketFd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit));
     std::vector<char> const much(1 << 20, 'x');
@@ -519,9 +497,8 @@ class SocketWriteClosed : public testing::TestWithParam<bool> {};
 TEST_P(SocketWriteClosed, connectionFailsTheWriteAndRaisesNoSignal) {
     expectInChild([tcp = GetParam()] {
         signal(SIGPIPE, SIG_DFL);
-        Ends ends = tcp ? makeTcpEnds() : makeEnds();
-        TestSocket socket(ends.takeMine());
-        ends.closePeer();
+        ConnectedSocket socket(tcp ? makeTcpEnds() : makeEnds());
+        socket.ends.closePeer();
         unsigned int put = UNTOUCHED;
         if (tcp) {
             // The first write detects it: the peer's system answers with a reset.
@@ -542,8 +519,7 @@ INSTANTIATE_TEST_SUITE_P(peers, SocketWriteClosed, testing::Bool(), [](auto cons
 });
 
 TEST(SocketWrite, ofADatagramThatIsTooBigFails) {
-    Ends ends = makeEnds(SOCK_DGRAM);
-    TestSocket socket(ends.takeMine());
+    ConnectedSocket socket(makeEnds(SOCK_DGRAM));
     std::vector<char> const much(64 << 20, 'x');
     unsigned int put = UNTOUCHED;
     EXPECT_TRUE(socket.performWrite(much.data(), static_cast<unsigned int>(much.size()), put));

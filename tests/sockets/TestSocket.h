@@ -125,6 +125,19 @@ inline Ends makeTcpEnds() {
     return {mine, peer};
 }
 
+/// An open socket and its peer.
+class ConnectedSocket : public TestSocket {
+public:
+    explicit ConnectedSocket(
+        Ends connected = makeEnds(), bool blocking = true, unsigned int read_buffer = 0,
+        unsigned int write_buffer = 0)
+        : TestSocket(blocking, read_buffer, write_buffer), ends(std::move(connected)) {
+        set(ends.takeMine(), OPEN);
+    }
+
+    Ends ends;
+};
+
 /// Waits until a descriptor has one of the events. Returns whether it has.
 inline bool waitFor(int fd, short events) {
     pollfd row{fd, events, 0};
