@@ -151,13 +151,10 @@ private:
 };
 
 /// Records the steps of a close during its lifetime.
-class StepRecorder {
+class StepRecorder : private tarnbase::NonCopyable {
 public:
     StepRecorder() { s_steps = &m_steps; }
     ~StepRecorder() { s_steps = nullptr; }
-
-    StepRecorder(StepRecorder const&) = delete;
-    StepRecorder& operator=(StepRecorder const&) = delete;
 
     Steps const& get() const { return m_steps; }
 
@@ -170,13 +167,10 @@ bool isOpen(int fd) {
 }
 
 /// Two connected descriptors. The first one is for a socket.
-class Pair {
+class Pair : private tarnbase::NonCopyable {
 public:
     Pair() { EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends)); }
     ~Pair() { ::close(m_ends[1]); }
-
-    Pair(Pair const&) = delete;
-    Pair& operator=(Pair const&) = delete;
 
     int getSocketEnd() const { return m_ends[0]; }
 

@@ -3,6 +3,8 @@
 #include "support/NetworkNamespace.h"
 #include "support/TempFolder.h"
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <csignal>
 #include <netinet/in.h>
 #include <sys/mount.h>
@@ -17,7 +19,7 @@ namespace support {
 
 /// Runs the program `dnsmasq` in the network namespace of the calling process, which must be a child. The server ends
 /// with the object and with the process.
-class NameServer {
+class NameServer : private tarnbase::NonCopyable {
 public:
     /// @param zone  lines as in a hosts file, which are also used for addresses. Other addresses, and other names in
     ///              ".test", do not exist; queries for all other names are refused.
@@ -37,9 +39,6 @@ public:
         }
     }
     ~NameServer() { stop(); }
-
-    NameServer(NameServer const&) = delete;
-    NameServer& operator=(NameServer const&) = delete;
 
     /// Waits until the server listens. Returns false if it has ended or does not listen within a minute.
     bool waitUntilReady() {
@@ -81,16 +80,13 @@ private:
 };
 
 /// A name server that receives queries and does not answer.
-class SilentNameServer {
+class SilentNameServer : private tarnbase::NonCopyable {
 public:
     SilentNameServer() : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in const address = NameServer::getAddress();
         EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr const*>(&address), sizeof address));
     }
     ~SilentNameServer() { close(m_fd); }
-
-    SilentNameServer(SilentNameServer const&) = delete;
-    SilentNameServer& operator=(SilentNameServer const&) = delete;
 
     /// Returns the number of queries since the last call.
     int countQuestions() const {

@@ -584,7 +584,7 @@ testing::AssertionResult failsToRead(RawSocket& socket) {
 }
 
 /// A packet socket of plain system calls.
-class PlainPort {
+class PlainPort : private tarnbase::NonCopyable {
 public:
     explicit PlainPort(char const* device, uint16_t type = 0)
         : m_fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(type))) {
@@ -595,9 +595,6 @@ public:
         EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr const*>(&address), sizeof address));
     }
     ~PlainPort() { close(m_fd); }
-
-    PlainPort(PlainPort const&) = delete;
-    PlainPort& operator=(PlainPort const&) = delete;
 
     void sendFrame(std::string const& frame) const {
         EXPECT_EQ(static_cast<ssize_t>(frame.size()), send(m_fd, frame.data(), frame.size(), 0))

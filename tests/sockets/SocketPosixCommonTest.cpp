@@ -49,13 +49,10 @@ using namespace support;
 using support::ErrnoRow;
 
 /// The descriptor of a TCP socket that is neither bound nor connected.
-class Fresh {
+class Fresh : private tarnbase::NonCopyable {
 public:
     Fresh() : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
     ~Fresh() { ::close(m_fd); }
-    Fresh(Fresh const&) = delete;
-    Fresh& operator=(Fresh const&) = delete;
-
     int get() const { return m_fd; }
 
 private:

@@ -120,25 +120,20 @@ inline std::optional<std::string> receive(UDPSocket& socket, unsigned int room =
 }
 
 /// A UDP socket of plain system calls, bound to a free port of the loopback interface.
-class Peer {
+class Peer : private tarnbase::NonCopyable {
 public:
-    explicit Peer(IPSocket::IPProtocolVersion version = IPSocket::IPV4) : m_version(version) {
-        m_fd = socket(version == IPSocket::IPV6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (version == IPSocket::IPV6) {
-            sockaddr_in6 const address = IPSocket::IPAddress::makeHandle(in6addr_loopback, 0, 0);
-            bindTo(reinterpret_cast<sockaddr const*>(&address), sizeof address);
-        } else {
-            sockaddr_in const address = IPSocket::IPAddress::makeHandle(INADDR_LOOPBACK, 0);
-            bindTo(reinterpret_cast<sockaddr const*>(&address), sizeof address);
+    explicit Peer(IPSocket::IPProtocolVersion version = IPSocket::IPV4)
+        : m_six(version == IPSocket::IPV6),
+          m_fd(socket(m_six ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        if (setDestination({m_six ? IPSocket::LOOPBACK_IP6 : IPSocket::LOOPBACK_IP, 0}) &&
+            bind(m_fd, m_other, m_length) == 0 && getsockname(m_fd, m_other, &m_length) == 0) {
+            m_address = m_six ? IPSocket::IPAddress(reinterpret_cast<sockaddr_in6 const&>(m_storage))
+                              : IPSocket::IPAddress(reinterpret_cast<sockaddr_in const&>(m_storage));
         }
     }
     ~Peer() { stop(); }
 
-    Peer(Peer const&) = delete;
-    Peer& operator=(Peer const&) = delete;
-
     IPSocket::IPAddress const& getAddress() const { return m_address; }
-    int getFd() const { return m_fd; }
 
     /// Returns whether the machine supports this version.
     bool isThere() const { return m_address.port != 0; }
@@ -146,20 +141,17 @@ public:
     /// Closes the socket, so that datagrams to its address are refused.
     void stop() {
         if (m_fd >= 0) {
-            close(m_fd);
-            m_fd = -1;
+            close(std::exchange(m_fd, -1));
         }
     }
 
     /// Waits for a datagram and returns it, or nothing if that fails. Its sender is the destination of answers.
     std::optional<std::string> receive() {
         std::string datagram(70000, '\0');
-        testing::AssertionResult const readable = isReadable(m_fd);
-        EXPECT_TRUE(readable);
-        m_sender_length = sizeof m_sender;
-        ssize_t const count = recvfrom(
-            m_fd, datagram.data(), datagram.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&m_sender),
-            &m_sender_length);
+        EXPECT_TRUE(isReadable(m_fd));
+        m_length = sizeof m_storage;
+        ssize_t const count =
+            recvfrom(m_fd, datagram.data(), datagram.size(), MSG_DONTWAIT, m_other, &m_length);
         if (count < 0) {
             return std::nullopt;
         }
@@ -168,40 +160,28 @@ public:
     }
 
     bool answer(std::string const& data) const {
-        return sendto(
-                   m_fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr const*>(&m_sender),
-                   m_sender_length) == static_cast<ssize_t>(data.size());
+        return sendto(m_fd, data.data(), data.size(), 0, m_other, m_length) ==
+            static_cast<ssize_t>(data.size());
     }
 
-    bool sendTo(IPSocket::IPAddress address, std::string const& data) {
-        bool failed = false;
-        if (m_version == IPSocket::IPV6) {
-            failed = address.getBinary(reinterpret_cast<sockaddr_in6&>(m_sender));
-            m_sender_length = sizeof(sockaddr_in6);
-        } else {
-            failed = address.getBinary(reinterpret_cast<sockaddr_in&>(m_sender));
-            m_sender_length = sizeof(sockaddr_in);
-        }
-        return !failed && answer(data);
+    bool sendTo(IPSocket::IPAddress const& address, std::string const& data) {
+        return setDestination(address) && answer(data);
     }
 
 private:
-    void bindTo(sockaddr const* address, socklen_t length) {
-        m_sender_length = sizeof m_sender;
-        if (m_fd < 0 || bind(m_fd, address, length) != 0 ||
-            getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_sender), &m_sender_length) != 0) {
-            return;
-        }
-        m_address = m_version == IPSocket::IPV6
-            ? IPSocket::IPAddress(reinterpret_cast<sockaddr_in6 const&>(m_sender))
-            : IPSocket::IPAddress(reinterpret_cast<sockaddr_in const&>(m_sender));
+    /// Makes an address the destination of answers.
+    bool setDestination(IPSocket::IPAddress address) {
+        m_length = m_six ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+        return m_six ? !address.getBinary(reinterpret_cast<sockaddr_in6&>(m_storage))
+                     : !address.getBinary(reinterpret_cast<sockaddr_in&>(m_storage));
     }
 
-    IPSocket::IPProtocolVersion m_version;
-    int m_fd = -1;
+    bool m_six;
+    int m_fd;
     IPSocket::IPAddress m_address;
-    sockaddr_storage m_sender{};
-    socklen_t m_sender_length = 0;
+    sockaddr_storage m_storage{};
+    sockaddr* m_other = reinterpret_cast<sockaddr*>(&m_storage);
+    socklen_t m_length = 0;
 };
 
 /// Returns whether a socket can name the interface of its groups. User-mode QEMU does not support the option.

@@ -2,6 +2,8 @@
 
 #include "support/Inject.h"
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -96,7 +98,7 @@ inline Answer list(std::vector<ListEntry> entries) {
 
 /// Replaces the calls of the process during its lifetime. Its destructor checks that every list was freed and every
 /// answer used.
-class ResolverCalls {
+class ResolverCalls : private tarnbase::NonCopyable {
 public:
     ResolverCalls() { s_current = this; }
     ~ResolverCalls() {
@@ -104,9 +106,6 @@ public:
         EXPECT_TRUE(m_kept.empty()) << "lists were not freed";
         EXPECT_TRUE(m_list_answers.empty() && m_name_answers.empty()) << "answers were not used";
     }
-
-    ResolverCalls(ResolverCalls const&) = delete;
-    ResolverCalls& operator=(ResolverCalls const&) = delete;
 
     /// Prepares answers.
     void answer(std::vector<Answer> const& answers) {

@@ -2,6 +2,8 @@
 
 #include "support/Inject.h"
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
@@ -29,7 +31,7 @@ namespace support {
 ///
 /// "s" stands for the descriptor that the last `socket` created. Bytes are shown in hexadecimal, in the order of
 /// memory.
-class CallRecorder {
+class CallRecorder : private tarnbase::NonCopyable {
 public:
     enum Effect {
         REAL,    ///< Every call reaches the system.
@@ -38,9 +40,6 @@ public:
 
     explicit CallRecorder(Effect effect = REAL) : m_effect(effect) { s_current = this; }
     ~CallRecorder() { s_current = nullptr; }
-
-    CallRecorder(CallRecorder const&) = delete;
-    CallRecorder& operator=(CallRecorder const&) = delete;
 
     /// Returns the calls since the last use, one per line.
     std::string getText() { return std::exchange(m_text, {}); }
@@ -108,14 +107,11 @@ private:
 };
 
 /// Replaces the answer of `getsockopt` during its lifetime.
-struct PretendedOption {
+struct PretendedOption : private tarnbase::NonCopyable {
     PretendedOption(int option_value, socklen_t option_length) : value(option_value), length(option_length) {
         s_current = this;
     }
     ~PretendedOption() { s_current = nullptr; }
-
-    PretendedOption(PretendedOption const&) = delete;
-    PretendedOption& operator=(PretendedOption const&) = delete;
 
     static inline PretendedOption* s_current = nullptr;
 
