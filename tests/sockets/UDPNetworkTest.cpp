@@ -26,6 +26,16 @@ void expectWithCable(std::function<void(Cable const& cable)> const& body, int mt
     });
 }
 
+/// A socket that is open from its construction.
+class OpenedUDPSocket : public OpenUDPSocket {
+public:
+    OpenedUDPSocket(
+        IPAddress const& local, IPAddress const& peer, IPProtocolVersion version = IPV4, bool blocking = true)
+        : OpenUDPSocket(local, peer, version, blocking) {
+        EXPECT_TRUE(opens(*this));
+    }
+};
+
 /// Checks that a datagram passes from one socket to the other.
 void expectDelivered(UDPSocket& sender, UDPSocket& receiver, std::string const& data = "hello") {
     EXPECT_TRUE(isWritten(sender, data));
@@ -112,11 +122,9 @@ void expectExchange(
     IPSocket::IPProtocolVersion version, char const* left_host, char const* right_host, char const* left_peer,
     char const* right_peer) {
     expectWithCable([=](Cable const& cable) {
-        OpenUDPSocket left({left_host, 5001}, {left_peer, 5002}, version);
-        EXPECT_TRUE(opens(left));
+        OpenedUDPSocket left({left_host, 5001}, {left_peer, 5002}, version);
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"", 5002}, {right_peer, 5001}, version);
-        EXPECT_TRUE(opens(right));
+        OpenedUDPSocket right({"", 5002}, {right_peer, 5001}, version);
         expectDelivered(left, right, "to the right");
         expectDelivered(right, left, "to the left");
         right.updateLocalAddress();
@@ -135,31 +143,27 @@ TEST_F(UDPNetwork, linkLocalAddressesWithTheirScopesPassBetweenNetworks) {
 
 TEST_F(UDPNetwork, refusalArrivesFromAnotherNetworkAndTheSocketStaysUsable) {
     expectWithCable([](Cable const& cable) {
-        OpenUDPSocket left({"", 0}, {"10.0.0.2", 5002});
-        left.open();
+        OpenedUDPSocket left({"", 0}, {"10.0.0.2", 5002});
         EXPECT_TRUE(isWritten(left, "to a port that is not bound"));
         EXPECT_TRUE(isReadable(left.getSocketFd()));
         EXPECT_TRUE(failsToRead(left));
         EXPECT_TRUE(chainIs(ECONNREFUSED, {SocketErrorId::PEER_UNREACHABLE, StreamErrorId::UNUSABLE}));
 
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        right.open();
+        OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
         EXPECT_TRUE(isWritten(left, "to a port that is bound"));
     });
 }
 
 TEST_F(UDPNetwork, writingFailsWhileTheInterfaceIsDown) {
     expectWithCable([](Cable const& cable) {
-        OpenUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
-        ASSERT_TRUE(opens(left));
+        OpenedUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
         ASSERT_TRUE(setDown("left"));
         EXPECT_TRUE(failsToWrite(left));
         EXPECT_TRUE(chainIs(ENETUNREACH, {SocketErrorId::NETWORK_UNAVAILABLE, StreamErrorId::UNUSABLE}));
         ASSERT_TRUE(setUp("left"));
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        right.open();
+        OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
         expectDelivered(left, right, "back");
     });
 }
@@ -181,11 +185,10 @@ TEST_F(UDPNetwork, broadcastReachesTheOtherEndWithThePermission) {
         EventRecorder const events;
         OpenUDPSocket left({"", 5001}, {"10.0.0.255", 5002});
         left.setBroadcast(true);
-        EXPECT_TRUE(opens(left));
+        ASSERT_TRUE(opens(left));
         EXPECT_EQ("", events.getText());
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"10.0.0.255", 5002}, {"10.0.0.1", 5001});
-        ASSERT_TRUE(opens(right));
+        OpenedUDPSocket right({"10.0.0.255", 5002}, {"10.0.0.1", 5001});
         expectDelivered(left, right, "to all");
     });
 }
@@ -198,8 +201,7 @@ TEST_F(UDPNetwork, datagramOfTheReportedLargestSizePasses) {
             EXPECT_EQ(4096U, left.maxTxSize());
             left.open();
             ASSERT_TRUE(cable.enterRight());
-            OpenUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-            right.open();
+            OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
             expectDelivered(left, right, std::string(left.maxTxSize(), 'x'));
         },
         9000);
@@ -210,11 +212,9 @@ class UDPSizes : public UDPNetwork, public testing::WithParamInterface<int> {};
 TEST_P(UDPSizes, datagramsPassWholeUpToTheLargest) {
     expectWithCable(
         [](Cable const& cable) {
-            OpenUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
-            left.open();
+            OpenedUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
             ASSERT_TRUE(cable.enterRight());
-            OpenUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-            right.open();
+            OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
             expectSizesPass(left, right);
         },
         GetParam());
@@ -259,10 +259,9 @@ bool isJoined(std::string const& interface, char const* group) {
 
 TEST_F(UDPMulticast, everyMemberOfAGroupReceivesEvenOnTheMachineOfTheSender) {
     expectWithCable([](Cable const&) {
-        OpenUDPSocket first({"", 5000}, {GROUP, 5000});
-        OpenUDPSocket second({"", 5000}, {GROUP, 5000});
-        OpenUDPSocket sender({"10.0.0.1", 0}, {GROUP, 5000});
-        ASSERT_TRUE(opens(first) && opens(second) && opens(sender));
+        OpenedUDPSocket first({"", 5000}, {GROUP, 5000});
+        OpenedUDPSocket second({"", 5000}, {GROUP, 5000});
+        OpenedUDPSocket sender({"10.0.0.1", 0}, {GROUP, 5000});
         expectDelivered(sender, first, "to all");
         EXPECT_EQ("to all", receive(second));
         expectDelivered(first, first, "also to itself");
@@ -272,10 +271,9 @@ TEST_F(UDPMulticast, everyMemberOfAGroupReceivesEvenOnTheMachineOfTheSender) {
 
 TEST_F(UDPMulticast, socketWithTheAddressOfAnInterfaceSendsToTheGroupButReceivesOnlyWhatIsSentToItself) {
     expectWithCable([](Cable const&) {
-        OpenUDPSocket bound({"10.0.0.1", 5000}, {GROUP, 5000});
-        OpenUDPSocket member({"", 5000}, {GROUP, 5000});
-        OpenUDPSocket direct({"", 5001}, {"10.0.0.1", 5000});
-        ASSERT_TRUE(opens(bound) && opens(member) && opens(direct));
+        OpenedUDPSocket bound({"10.0.0.1", 5000}, {GROUP, 5000});
+        OpenedUDPSocket member({"", 5000}, {GROUP, 5000});
+        OpenedUDPSocket direct({"", 5001}, {"10.0.0.1", 5000});
         expectDelivered(bound, member, "to the group");
         expectDelivered(direct, bound, "directly");
     });
@@ -288,15 +286,13 @@ TEST_F(UDPMulticast, localAddressSelectsTheInterface) {
         ASSERT_TRUE(setUp("one"));
         ASSERT_TRUE(setUp("two"));
 
-        OpenUDPSocket by_route({"", 5000}, {GROUP, 5000});
-        EXPECT_TRUE(opens(by_route));
+        OpenedUDPSocket by_route({"", 5000}, {GROUP, 5000});
         EXPECT_TRUE(isJoined("left", GROUP));
         EXPECT_FALSE(isJoined("one", GROUP));
         EXPECT_FALSE(by_route.close(false));
         EXPECT_FALSE(isJoined("left", GROUP)) << "the system leaves the group";
 
-        OpenUDPSocket by_address({"10.1.0.1", 5000}, {GROUP, 5000});
-        EXPECT_TRUE(opens(by_address));
+        OpenedUDPSocket by_address({"10.1.0.1", 5000}, {GROUP, 5000});
         EXPECT_TRUE(isJoined("one", GROUP));
         EXPECT_FALSE(isJoined("left", GROUP));
         in_addr selected{};
@@ -319,8 +315,7 @@ TEST_F(UDPMulticast, scopeOfTheLocalAddressSelectsTheInterface) {
             {"ff02::1:3%left", "left"}};
         for (auto const& [local, interface] : rows) {
             SCOPED_TRACE(local);
-            OpenUDPSocket socket({local, 5000}, {GROUP6, 5000}, IPSocket::IPV6);
-            ASSERT_TRUE(opens(socket));
+            OpenedUDPSocket socket({local, 5000}, {GROUP6, 5000}, IPSocket::IPV6);
             EXPECT_EQ(interface == "one", isJoined("one", GROUP6));
             EXPECT_EQ(interface == "left", isJoined("left", GROUP6));
             unsigned int index = 0;
@@ -362,8 +357,7 @@ TEST_F(UDPMulticast, groupOfIPv6CannotBeJoinedOnAnInterfaceThatDoesNotExist) {
 
 TEST_F(UDPMulticast, writingFailsWithoutTheNetwork) {
     expectWithCable([](Cable const&) {
-        OpenUDPSocket socket({"10.0.0.1", 5000}, {GROUP, 5000});
-        ASSERT_TRUE(opens(socket));
+        OpenedUDPSocket socket({"10.0.0.1", 5000}, {GROUP, 5000});
         ASSERT_TRUE(removeAddress("left", "10.0.0.1/24"));
         ASSERT_TRUE(setDown("left"));
         EXPECT_TRUE(failsToWrite(socket));
@@ -373,8 +367,7 @@ TEST_F(UDPMulticast, writingFailsWithoutTheNetwork) {
 
 TEST_F(UDPMulticast, unlistedErrorNumberMakesOnlyTheReportOfTheStream) {
     expectWithCable([](Cable const&) {
-        OpenUDPSocket socket({"10.0.0.1", 5000}, {GROUP, 0});
-        ASSERT_TRUE(opens(socket));
+        OpenedUDPSocket socket({"10.0.0.1", 5000}, {GROUP, 0});
         EXPECT_TRUE(failsToWrite(socket)) << "port 0 is not a destination";
         EXPECT_TRUE(chainIs({StreamErrorId::UNCLASSIFIED}));
     });
@@ -383,8 +376,8 @@ TEST_F(UDPMulticast, unlistedErrorNumberMakesOnlyTheReportOfTheStream) {
 TEST_F(UDPMulticast, streamBuffersAndTruncatesAsWithOnePeer) {
     expectWithCable([](Cable const&) {
         UDPSocket sender(true, 0, 16, {"10.0.0.1", 0}, {GROUP, 5000}, IPSocket::IPV4);
-        OpenUDPSocket receiver({"", 5000}, {GROUP, 5000}, IPSocket::IPV4, false);
-        ASSERT_TRUE(opens(sender) && opens(receiver));
+        OpenedUDPSocket receiver({"", 5000}, {GROUP, 5000}, IPSocket::IPV4, false);
+        ASSERT_TRUE(opens(sender));
         char block[8];
         unsigned int count = 77;
         EXPECT_EQ(1, receiver.read(block, sizeof block, count)) << "nothing has arrived";
@@ -401,8 +394,7 @@ TEST_F(UDPMulticast, streamBuffersAndTruncatesAsWithOnePeer) {
 
 TEST_F(UDPMulticast, emptyDatagramToTheGroupReadsAsTheEndOfTheStream) {
     expectWithCable([](Cable const&) {
-        OpenUDPSocket socket({"", 5000}, {GROUP, 5000});
-        socket.open();
+        OpenedUDPSocket socket({"", 5000}, {GROUP, 5000});
         sockaddr_in group{};
         ASSERT_FALSE(IPSocket::IPAddress(GROUP, 5000).getBinary(group));
         auto const* const address = reinterpret_cast<sockaddr const*>(&group);
@@ -417,12 +409,10 @@ TEST_F(UDPMulticast, emptyDatagramToTheGroupReadsAsTheEndOfTheStream) {
 
 TEST_F(UDPMulticast, datagramsToAGroupReachAnotherNetwork) {
     expectWithCable([](Cable const& cable) {
-        OpenUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
-        OpenUDPSocket left_member({"", 5000}, {GROUP, 5000});
-        ASSERT_TRUE(opens(left) && opens(left_member));
+        OpenedUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
+        OpenedUDPSocket left_member({"", 5000}, {GROUP, 5000});
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"", 5000}, {GROUP, 5000});
-        ASSERT_TRUE(opens(right));
+        OpenedUDPSocket right({"", 5000}, {GROUP, 5000});
         EXPECT_TRUE(isJoined("right", GROUP));
         expectDelivered(left, right, "from the left");
         EXPECT_EQ("from the left", receive(left_member));
@@ -436,15 +426,13 @@ class UDPMulticast6 : public UDPMulticast, public testing::WithParamInterface<ch
 TEST_P(UDPMulticast6, datagramsToAGroupReachAnotherNetwork) {
     VESK_SKIP_WITHOUT_IPV6_GROUPS();
     expectWithCable([local = std::string(GetParam())](Cable const& cable) mutable {
-        OpenUDPSocket left({"fe80::1%left", 5001}, {GROUP6, 5000}, IPSocket::IPV6);
-        ASSERT_TRUE(opens(left));
+        OpenedUDPSocket left({"fe80::1%left", 5001}, {GROUP6, 5000}, IPSocket::IPV6);
         ASSERT_TRUE(cable.enterRight());
         size_t const place = local.find('#');
         if (place != std::string::npos) {
             local.replace(place, 1, std::to_string(if_nametoindex("right")));
         }
-        OpenUDPSocket right({local, 5000}, {"FF02::1:3", 5000}, IPSocket::IPV6);
-        ASSERT_TRUE(opens(right));
+        OpenedUDPSocket right({local, 5000}, {"FF02::1:3", 5000}, IPSocket::IPV6);
         EXPECT_TRUE(isJoined("right", GROUP6));
         expectDelivered(left, right, "from the left");
         expectDelivered(left, right, std::string(40000, 'f'));
@@ -458,13 +446,11 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(UDPMulticast, linkLocalAddressOfAGroupMemberReceivesOnlyWhatIsSentToItself) {
     VESK_SKIP_WITHOUT_IPV6_GROUPS();
     expectWithCable([](Cable const& cable) {
-        OpenUDPSocket left({"fe80::1%left", 5000}, {GROUP6, 5000}, IPSocket::IPV6);
-        ASSERT_TRUE(opens(left));
+        OpenedUDPSocket left({"fe80::1%left", 5000}, {GROUP6, 5000}, IPSocket::IPV6);
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket group({"fe80::2%right", 5001}, {GROUP6, 5000}, IPSocket::IPV6);
-        OpenUDPSocket direct({"fe80::2%right", 5002}, {"fe80::1%right", 5000}, IPSocket::IPV6);
-        OpenUDPSocket member({GROUP6 + std::string("%right"), 5000}, {GROUP6, 5000}, IPSocket::IPV6);
-        ASSERT_TRUE(opens(group) && opens(direct) && opens(member));
+        OpenedUDPSocket group({"fe80::2%right", 5001}, {GROUP6, 5000}, IPSocket::IPV6);
+        OpenedUDPSocket direct({"fe80::2%right", 5002}, {"fe80::1%right", 5000}, IPSocket::IPV6);
+        OpenedUDPSocket member({GROUP6 + std::string("%right"), 5000}, {GROUP6, 5000}, IPSocket::IPV6);
         expectDelivered(group, member, "to the group");
         expectDelivered(direct, left, "directly");
         expectDelivered(left, member, "from the left");
@@ -476,11 +462,9 @@ class UDPMulticastSizes : public UDPMulticast, public testing::WithParamInterfac
 TEST_P(UDPMulticastSizes, datagramsPassWholeUpToTheLargest) {
     expectWithCable(
         [](Cable const& cable) {
-            OpenUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
-            ASSERT_TRUE(opens(left));
+            OpenedUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
             ASSERT_TRUE(cable.enterRight());
-            OpenUDPSocket right({"", 5000}, {GROUP, 5000});
-            ASSERT_TRUE(opens(right));
+            OpenedUDPSocket right({"", 5000}, {GROUP, 5000});
             expectSizesPass(left, right);
         },
         GetParam());
@@ -495,15 +479,13 @@ void expectExchangeInGroup(
     IPSocket::IPProtocolVersion version, char const* group, std::string const& left_local,
     std::string const& right_local) {
     expectWithCable([&](Cable const& cable) {
-        OpenUDPSocket speaker({left_local, 5001}, {group, 5000}, version);
-        OpenUDPSocket listener(
+        OpenedUDPSocket speaker({left_local, 5001}, {group, 5000}, version);
+        OpenedUDPSocket listener(
             {right_local.empty() ? "" : std::string(group) + "%left", 5000}, {group, 5000}, version);
-        ASSERT_TRUE(opens(speaker) && opens(listener));
         int const is_member = eventfd(0, EFD_CLOEXEC);
         Process other([&] {
             ASSERT_TRUE(cable.enterRight());
-            OpenUDPSocket member({right_local, 5000}, {group, 5000}, version);
-            EXPECT_TRUE(opens(member));
+            OpenedUDPSocket member({right_local, 5000}, {group, 5000}, version);
             EXPECT_EQ(0, eventfd_write(is_member, 1));
             EXPECT_EQ("question", receive(member));
             EXPECT_TRUE(isWritten(member, "answer"));
