@@ -48,7 +48,7 @@ Bytes bytesOf(T const& object) {
     return {bytes, bytes + sizeof object};
 }
 
-/// Returns an object whose bytes are set to an unlikely value.
+/// Returns an object with every byte set to an unlikely value.
 template <typename T>
 T makePoisoned() {
     T object;
@@ -191,7 +191,7 @@ TEST(IPAddress, textOfABinaryAddressOfIPv6IsRequestedInNumericForm) {
     EXPECT_EQ(NI_NUMERICHOST, call.flags);
 }
 
-TEST(IPAddress, binaryAddressOfAnotherFamilyGivesAnEmptyAddress) {
+TEST(IPAddress, binaryAddressOfAnotherFamilyMakesAnEmptyAddress) {
     // AF_INET6 is another family only for the shorter structure.
     for (int const family : {AF_UNSPEC, AF_UNIX, AF_INET6, 4711}) {
         sockaddr_in binary = IPAddress::makeHandle(0x7F000001, 80);
@@ -205,7 +205,7 @@ TEST(IPAddress, binaryAddressOfAnotherFamilyGivesAnEmptyAddress) {
     }
 }
 
-TEST(IPAddress, binaryAddressWithoutATextGivesAnEmptyAddress) {
+TEST(IPAddress, binaryAddressWithoutATextMakesAnEmptyAddress) {
     for (int const error : {ENOSPC, EAFNOSUPPORT}) {
         Fault const fault(inject_inet_ntop, error);
         EXPECT_TRUE(isEmpty(IPAddress(IPAddress::makeHandle(0x7F000001, 80))));
@@ -247,7 +247,7 @@ TEST(IPAddress, scopeOfAnUnknownInterfaceDoesNotResolve) {
     EXPECT_EQ("fe80::1%nonesuch", address.host);
 }
 
-TEST(IPAddress, binaryAddressWhoseTextWithTheScopeIsTooLongGivesAnEmptyAddress) {
+TEST(IPAddress, binaryAddressWithATooLongTextMakesAnEmptyAddress) {
     VESK_SKIP_WITHOUT_NETWORKS();
     expectInNetwork([] {
         ASSERT_TRUE(makePair("an-interface-15", "other"));

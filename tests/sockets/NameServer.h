@@ -110,7 +110,7 @@ inline testing::AssertionResult replaceFile(std::string const& path, std::string
     return testing::AssertionSuccess();
 }
 
-/// Gives the calling process, which must be a child, a network namespace and files in which 127.0.0.1 is the only name
+/// Moves the calling process, which must be a child, to a network namespace and files in which 127.0.0.1 is the only name
 /// server. The machine is "box" in the domain "test".
 /// @param folder  for the files
 inline testing::AssertionResult separateNames(TempFolder const& folder) {

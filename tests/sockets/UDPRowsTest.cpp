@@ -52,7 +52,7 @@ INSTANTIATE_TEST_SUITE_P(rows, UDPSocketCall, createRows(), errnoName);
 /// Which of the two calls fails, and its error.
 class UDPFcntl : public testing::TestWithParam<std::pair<int, int>> {
 protected:
-    /// Creates a socket whose `fcntl` fails. Checks that it is closed and that only this failure is reported.
+    /// Makes an `fcntl` of a new socket fail. Checks that it is closed and that only this failure is reported.
     void expectDead() const {
         Fault const fault(inject_fcntl, GetParam().second, GetParam().first);
         OpenUDPSocket const socket(LOCAL, PEER, IPSocket::IPV4, false);

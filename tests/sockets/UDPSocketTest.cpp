@@ -42,7 +42,7 @@ int getIntOption(int fd, int option) {
     return value;
 }
 
-/// A socket whose calls are recorded and succeed without effect.
+/// A socket with calls that are recorded and succeed without effect.
 struct RecordedSocket {
     RecordedSocket(
         IPAddress const& local, IPAddress const& peer, IPSocket::IPProtocolVersion version = IPSocket::IPV4)
@@ -390,7 +390,7 @@ TEST(UDPSocket, limitedBroadcastAndReservedAddressesCountAsGroupsAndCannotBeJoin
     }
 }
 
-TEST(UDPSocket, addressWhoseTextOnlyLooksLikeAGroupCannotBeJoined) {
+TEST(UDPSocket, addressWithATextLikeThatOfAGroupCannotBeJoined) {
     VESK_SKIP_WITHOUT_IPV6();
     VESK_SKIP_WITHOUT_GROUPS(IPSocket::IPV6);
     OpenUDPSocket socket({"::1", 0}, {"ff0::1", 5000}, IPSocket::IPV6);

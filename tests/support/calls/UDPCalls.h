@@ -137,7 +137,7 @@ VESK_INJECT_RESULT(
 VESK_INJECT_ERRNO(
     ssize_t, -1, recv, (int fd, void* buffer, size_t size, int flags), (fd, buffer, size, flags))
 
-/// Replaces a function whose first parameter is the descriptor `fd`: it notes the call, then fails, returns
+/// Replaces a function with the descriptor `fd` as its first parameter: it notes the call, then fails, returns
 /// `pretended`, or calls the real function.
 /// @param noted  the text of the other arguments
 #define VESK_INJECT_RECORDED(result, name, parameters, arguments, pretended, noted)                          \
