@@ -31,7 +31,7 @@ Items itemsOf(Resolver const& resolver) {
     return items;
 }
 
-/// Checks that the result of a resolve is the number of the items, and returns these. "(failed)" stands for a failure.
+/// Checks that the result of a resolve is the number of items, and returns them; "(failed)" for a failure.
 Items itemsOf(Resolver const& resolver, int result) {
     Items const items = itemsOf(resolver);
     if (result < 0) {

@@ -585,7 +585,7 @@ TEST(IPSocket, destructorAssertsThatTheCloseSucceeds) {
 
 // ---- the addresses of the system ----
 
-/// One of the two operations, its system call, and the accessors of the address that it changes and of the other one.
+/// An operation, its system call, and the accessors of the address that it changes and of the other one.
 struct Update {
     char const* name;
     Injected* call;

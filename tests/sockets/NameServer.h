@@ -12,17 +12,18 @@
 #include <sys/socket.h>
 #include <utility>
 
-/// Support for tests of real names: a network namespace with a name server at 127.0.0.1, which is the only one that the
-/// resolver of a test knows. No query leaves the machine: the namespace has no route to the outside.
+/// Support for tests of real names: a network namespace with a name server at 127.0.0.1, which is the only
+/// one that the resolver of a test knows. No query leaves the machine: the namespace has no route to the
+/// outside.
 
 namespace support {
 
-/// Runs the program `dnsmasq` in the network namespace of the calling process, which must be a child. The server ends
-/// with the object and with the process.
+/// Runs the program `dnsmasq` in the network namespace of the calling process, which must be a child. The
+/// server ends with the object and with the process.
 class NameServer : private tarnbase::NonCopyable {
 public:
-    /// @param zone  lines as in a hosts file, which are also used for addresses. Other addresses, and other names in
-    ///              ".test", do not exist; queries for all other names are refused.
+    /// @param zone  lines as in a hosts file, which are also used for addresses. Other addresses, and other
+    ///              names in ".test", do not exist; queries for all other names are refused.
     explicit NameServer(std::string const& zone) {
         std::string const hosts = "--addn-hosts=" + m_folder.makeFile("zone", zone);
         std::string const log = "--log-facility=" + m_folder / "log";
@@ -110,8 +111,8 @@ inline testing::AssertionResult replaceFile(std::string const& path, std::string
     return testing::AssertionSuccess();
 }
 
-/// Moves the calling process, which must be a child, to a network namespace and files in which 127.0.0.1 is the only name
-/// server. The machine is "box" in the domain "test".
+/// Moves the calling process, which must be a child, to a network namespace and files in which 127.0.0.1 is
+/// the only name server. The machine is "box" in the domain "test".
 /// @param folder  for the files
 inline testing::AssertionResult separateNames(TempFolder const& folder) {
     if (!separateNetwork() || !separateMounts() || unshare(CLONE_NEWUTS) != 0 || sethostname("box", 3) != 0) {

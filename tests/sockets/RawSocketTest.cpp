@@ -267,7 +267,7 @@ protected:
         EXPECT_EQ(descriptors, countDescriptors());
     }
 
-    /// Checks that a failed close after the failed call is not repeated and makes a warning instead of a report.
+    /// Checks that a failed close after the failed call is not repeated and makes only a warning.
     void expectWarning(Injected& function, int close_error) const {
         EventRecorder const events;
         int const fd = dup(1); // The number that the socket gets.
@@ -627,7 +627,7 @@ void waitForCable(char const* one, char const* other) {
     }
 }
 
-/// Runs with two cables: "left" leads to "right", and "north" to "south". All are up. The socket is open for a device.
+/// Runs with the cables "left" to "right" and "north" to "south", which are up, and a socket for a device.
 void expectWithCables(char const* device, std::function<void(RawSocket& socket)> const& body) {
     expectInNetwork([&] {
         ASSERT_TRUE(makePair("left", "right"));

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// The arguments of the last call, and the answer that replaces that of `getsockopt` if it has a length.
+/// The arguments of the last call.
 struct OptionCall {
     int fd;
     int level;
@@ -15,6 +15,7 @@ struct OptionCall {
     socklen_t length;
 };
 OptionCall s_call;
+// The answer that replaces that of getsockopt while `s_pretend` is set.
 bool s_pretend = false;
 int s_value = 0;
 socklen_t s_length = sizeof(int);

@@ -83,7 +83,7 @@ void expectTransferred(Direction const& direction, Ends const& ends) {
     strcpy(s_block, "..");
 }
 
-/// Checks a failure: nothing is transferred, it is reported below the stream's error, and the socket stays as it is.
+/// Checks that a failed transfer transfers nothing, is reported and keeps the state of the socket.
 void expectFailure(Direction const& direction, ErrnoRow const& row) {
     ConnectedSocket socket;
     socket.ends.send("ab");

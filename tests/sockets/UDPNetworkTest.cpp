@@ -7,7 +7,7 @@
 #include <sstream>
 #include <sys/eventfd.h>
 
-/// UDP sockets in network namespaces: one peer in the suites `UDPNetwork` and `UDPSizes`, groups in the others.
+/// UDP sockets in network namespaces. The suites `UDPNetwork` and `UDPSizes` have one peer, the others groups.
 
 namespace {
 
@@ -117,7 +117,7 @@ TEST_F(UDPNetwork, socketThatCouldNotConnectReceivesFromEverySender) {
     });
 }
 
-/// Exchanges datagrams between two networks. The socket on the right gets its address from the route to its peer.
+/// Exchanges datagrams between two networks. The route to the peer determines the address on the right.
 void expectExchange(
     IPSocket::IPProtocolVersion version, char const* left_host, char const* right_host, char const* left_peer,
     char const* right_peer) {

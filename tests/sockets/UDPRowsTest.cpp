@@ -52,7 +52,7 @@ INSTANTIATE_TEST_SUITE_P(rows, UDPSocketCall, createRows(), errnoName);
 /// Which of the two calls fails, and its error.
 class UDPFcntl : public testing::TestWithParam<std::pair<int, int>> {
 protected:
-    /// Makes an `fcntl` of a new socket fail. Checks that it is closed and that only this failure is reported.
+    /// Makes an `fcntl` of a new socket fail. Checks that it is closed and this failure reported.
     void expectDead() const {
         Fault const fault(inject_fcntl, GetParam().second, GetParam().first);
         OpenUDPSocket const socket(LOCAL, PEER, IPSocket::IPV4, false);
@@ -255,8 +255,8 @@ struct SendCall {
 SendCall const SEND{"send", inject_send, PEER};
 SendCall const SEND_TO{"sendto", inject_sendto, GROUP};
 
-/// Opens a socket with calls that succeed without effect, and writes once. Checks that the socket stays open, and that
-/// the write transfers everything or nothing.
+/// Opens a socket with calls that succeed without effect, and writes once. Checks that the socket stays open,
+/// and that the write transfers everything or nothing.
 /// @param times  how many calls fail with `error`
 void expectWrite(
     SendCall const& call, int error, int times, Reports const& reports, bool transferred = false) {

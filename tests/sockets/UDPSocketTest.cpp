@@ -343,7 +343,7 @@ TEST(UDPSocket, writeAndFlushAllocateNothing) {
             CallRecorder const calls(CallRecorder::PRETEND);
             socket.open();
         }
-        // The socket is neither bound nor connected, so that the calls must fail, which allocates nothing, either.
+        // The socket is neither bound nor connected: the calls must not reach the system.
         Fault const send_fault(inject_send, EAGAIN, 1, Fault::FOREVER);
         Fault const sendto_fault(inject_sendto, EAGAIN, 1, Fault::FOREVER);
         NewFault const single(New::SINGLE, 1, 0);

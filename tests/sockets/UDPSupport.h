@@ -145,7 +145,7 @@ public:
         }
     }
 
-    /// Waits for a datagram and returns it, or nothing if that fails. Its sender is the destination of answers.
+    /// Waits for a datagram and returns it, or nothing if that fails. Answers go to its sender.
     std::optional<std::string> receive() {
         std::string datagram(70000, '\0');
         EXPECT_TRUE(isReadable(m_fd));

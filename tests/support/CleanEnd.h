@@ -8,7 +8,7 @@
 #include <optional>
 
 /// Makes each test of the program fail that leaves a report pending in its thread, or that causes an event of
-/// `std::GlobalErrorHandler` outside the lifetime of its own `EventRecorder`. Does not apply to forked children.
+/// `std::GlobalErrorHandler` outside the lifetime of its own `EventRecorder`. Children are not checked.
 
 namespace support {
 

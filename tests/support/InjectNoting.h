@@ -2,8 +2,8 @@
 
 #include "support/Inject.h"
 
-/// Replaces a function that returns `failure` and sets `errno`. The statement in the last argument runs first in each
-/// call and may record its arguments.
+/// Replaces a function that returns `failure` and sets `errno`. The statement in the last argument runs first
+/// in each call and may record its arguments.
 ///
 ///     VESK_INJECT_NOTING(int, -1, shutdown, (int fd, int how) noexcept, (fd, how), s_how = how)
 #define VESK_INJECT_NOTING(result, failure, name, parameters, arguments, ...)                                \

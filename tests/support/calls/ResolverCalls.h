@@ -21,11 +21,11 @@
 #include <utility>
 #include <vector>
 
-/// Replaces the calls of the system's resolver: they record their arguments and return the answers that a test has
-/// prepared. Must be included in exactly one file of a test program.
+/// Replaces the calls of the system's resolver: they record their arguments and return the answers that a
+/// test has prepared. Must be included in exactly one file of a test program.
 ///
-/// Without a prepared answer the real functions are called so that they query no name server: they convert numeric
-/// addresses, and know no names.
+/// Without a prepared answer the real functions are called so that they query no name server: they convert
+/// numeric addresses, and know no names.
 
 namespace support {
 
@@ -96,8 +96,8 @@ inline Answer list(std::vector<ListEntry> entries) {
     return answer;
 }
 
-/// Replaces the calls of the process during its lifetime. Its destructor checks that every list was freed and every
-/// answer used.
+/// Replaces the calls of the process during its lifetime. Its destructor checks that every list was freed and
+/// every answer used.
 class ResolverCalls : private tarnbase::NonCopyable {
 public:
     ResolverCalls() { s_current = this; }

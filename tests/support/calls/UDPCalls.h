@@ -17,25 +17,25 @@
 #include <unistd.h>
 #include <utility>
 
-/// Replaces the system calls below the UDP sockets: a `support::Fault` makes them fail, and a `CallRecorder` records
-/// them with their arguments. Must be included in exactly one file of a test program.
+/// Replaces the system calls below the UDP sockets: a `support::Fault` makes them fail, and a `CallRecorder`
+/// records them with their arguments. Must be included in exactly one file of a test program.
 
 namespace support {
 
-/// Records the calls of a test with one thread during its lifetime, whether they fail or not. Only one recorder can
-/// exist at a time.
+/// Records the calls of a test with one thread during its lifetime, whether they fail or not. Only one
+/// recorder can exist at a time.
 ///
 ///     CallRecorder const calls(CallRecorder::PRETEND);
 ///     socket.open();
 ///     EXPECT_EQ("bind(s, 0200 0000 7f000001 ...)\n", calls.getText());
 ///
-/// "s" stands for the descriptor that the last `socket` created. Bytes are shown in hexadecimal, in the order of
-/// memory.
+/// "s" stands for the descriptor that the last `socket` created. Bytes are shown in hexadecimal, in the order
+/// of memory.
 class CallRecorder : private tarnbase::NonCopyable {
 public:
     enum Effect {
         REAL,    ///< Every call reaches the system.
-        PRETEND, ///< Calls other than those that create, prepare and close a descriptor succeed without effect.
+        PRETEND, ///< Only the calls that create, prepare and close a descriptor reach it; the others succeed.
     };
 
     explicit CallRecorder(Effect effect = REAL) : m_effect(effect) { s_current = this; }
@@ -137,8 +137,8 @@ VESK_INJECT_RESULT(
 VESK_INJECT_ERRNO(
     ssize_t, -1, recv, (int fd, void* buffer, size_t size, int flags), (fd, buffer, size, flags))
 
-/// Replaces a function with the descriptor `fd` as its first parameter: it notes the call, then fails, returns
-/// `pretended`, or calls the real function.
+/// Replaces a function with the descriptor `fd` as its first parameter: it notes the call, then fails,
+/// returns `pretended`, or calls the real function.
 /// @param noted  the text of the other arguments
 #define VESK_INJECT_RECORDED(result, name, parameters, arguments, pretended, noted)                          \
     support::Injected inject_##name(#name);                                                                  \
