@@ -443,34 +443,66 @@ protected:
     }
 };
 
-TEST_F(IPResolverNames, addressesHaveTheOrderOfTheSystem) {
+/// A resolve and its items.
+struct NameRow {
+    char const* name;
+    IPSocket::IPProtocolVersion version;
+    bool reverse;
+    bool fqdn;
+    char const* text; ///< A name, or with `reverse` an address.
+    Items items;
+
+    friend std::ostream& operator<<(std::ostream& out, NameRow const& row) { return out << row.name; }
+};
+
+NameRow addresses(char const* name, IPSocket::IPProtocolVersion version, char const* text, Items items) {
+    return {name, version, false, false, text, std::move(items)};
+}
+NameRow
+names(char const* name, IPSocket::IPProtocolVersion version, char const* text, bool fqdn, Items items) {
+    return {name, version, true, fqdn, text, std::move(items)};
+}
+
+class IPResolverNameRows : public IPResolverNames, public testing::WithParamInterface<NameRow> {};
+
+TEST_P(IPResolverNameRows, haveTheirItems) {
     run([](Resolver& resolver, NameServer&) {
-        Items expected;
-        ASSERT_EQ(0, resolveBySystem("many.test", AF_INET, expected));
-        EXPECT_EQ(MANY, expected);
-        EXPECT_EQ(MANY, addressesOf(resolver, "many.test"));
-        expected.clear();
-        ASSERT_EQ(0, resolveBySystem("six.test", AF_INET6, expected));
-        EXPECT_EQ(SIX, expected);
-        EXPECT_EQ(SIX, addressesOf(resolver, "six.test", V6));
+        NameRow const& row = GetParam();
+        if (row.reverse) {
+            EXPECT_EQ(row.items, namesOf(resolver, row.text, row.version, row.fqdn));
+        } else {
+            EXPECT_EQ(row.items, addressesOf(resolver, row.text, row.version));
+            Items expected;
+            int const code = resolveBySystem(row.text, row.version == V6 ? AF_INET6 : AF_INET, expected);
+            EXPECT_EQ(row.items, code == EAI_AGAIN ? FAILED : expected);
+        }
+        EXPECT_TRUE(chainIs(row.items == FAILED ? resolverFailed(EAI_AGAIN) : Reports{}));
     });
 }
 
-TEST_F(IPResolverNames, versionSelectsTheAddresses) {
-    run([](Resolver& resolver, NameServer&) {
-        EXPECT_EQ(Items{"10.0.0.2"}, addressesOf(resolver, "both.test"));
-        EXPECT_EQ(Items{"fd00::2"}, addressesOf(resolver, "both.test", V6));
-        EXPECT_EQ(NONE, addressesOf(resolver, "six.test"));
-        EXPECT_EQ(NONE, addressesOf(resolver, "many.test", V6));
-    });
-}
-
-TEST_F(IPResolverNames, unknownNameHasNoAddressesAndNoReport) {
-    run([](Resolver& resolver, NameServer&) {
-        EXPECT_EQ(NONE, addressesOf(resolver, "unknown.test"));
-        EXPECT_EQ(NONE, addressesOf(resolver, "unknown.test", V6));
-    });
-}
+INSTANTIATE_TEST_SUITE_P(
+    rows, IPResolverNameRows,
+    testing::Values(
+        addresses("several", V4, "many.test", {"10.0.0.9", "10.0.0.1", "10.0.0.5"}),
+        addresses("severalOfIPv6", V6, "six.test", {"fd00::9", "fd00::1"}),
+        addresses("onlyIPv4OfBoth", V4, "both.test", {"10.0.0.2"}),
+        addresses("onlyIPv6OfBoth", V6, "both.test", {"fd00::2"}),
+        addresses("noneOfIPv4", V4, "six.test", {}), addresses("noneOfIPv6", V6, "many.test", {}),
+        addresses("unknownName", V4, "unknown.test", {}),
+        addresses("unknownNameOfIPv6", V6, "unknown.test", {}),
+        addresses("upperCase", V4, "PRINTER.test", {"10.0.0.7"}),
+        addresses("finalDot", V4, "printer.test.", {"10.0.0.7"}),
+        addresses("refusedName", V4, "name.elsewhere", {"(failed)"}),
+        names("withDomain", V4, "10.0.0.7", true, {"printer.test"}),
+        names("withoutDomain", V4, "10.0.0.7", false, {"printer"}),
+        names("withDomainOfIPv6", V6, "fd00::9", true, {"six.test"}),
+        names("withoutDomainOfIPv6", V6, "fd00::9", false, {"six"}),
+        names("withoutAnotherDomain", V4, "10.0.0.8", false, {"scanner.example"}),
+        names("addressWithoutAName", V4, "10.9.9.9", true, {}),
+        names("addressWithoutAShortName", V4, "10.9.9.9", false, {}),
+        names("addressOfIPv6WithoutAName", V6, "fd00::999", true, {}),
+        names("addressOfIPv6WithoutAShortName", V6, "fd00::999", false, {})),
+    testing::PrintToStringParamName());
 
 TEST_F(IPResolverNames, hostsFileIsUsedWithoutAQuery) {
     runSilent([](Resolver& resolver, SilentNameServer const& server) {
@@ -501,30 +533,6 @@ TEST_F(IPResolverNames, secondResolveReplacesAllResultsOfTheFirst) {
     });
 }
 
-TEST_F(IPResolverNames, addressHasItsNameWithTheDomainOnRequest) {
-    run([](Resolver& resolver, NameServer&) {
-        EXPECT_EQ(Items{"printer.test"}, namesOf(resolver, "10.0.0.7"));
-        EXPECT_EQ(Items{"printer"}, namesOf(resolver, "10.0.0.7", V4, false));
-        EXPECT_EQ(Items{"six.test"}, namesOf(resolver, "fd00::9", V6));
-        EXPECT_EQ(Items{"six"}, namesOf(resolver, "fd00::9", V6, false));
-    });
-}
-
-TEST_F(IPResolverNames, nameInAnotherDomainKeepsIt) {
-    run([](Resolver& resolver, NameServer&) {
-        EXPECT_EQ(Items{"scanner.example"}, namesOf(resolver, "10.0.0.8", V4, false));
-    });
-}
-
-TEST_F(IPResolverNames, addressWithoutANameHasNoResultAndNoReport) {
-    run([](Resolver& resolver, NameServer&) {
-        for (bool const fqdn : {false, true}) {
-            EXPECT_EQ(NONE, namesOf(resolver, "10.9.9.9", V4, fqdn));
-            EXPECT_EQ(NONE, namesOf(resolver, "fd00::999", V6, fqdn));
-        }
-    });
-}
-
 TEST_F(IPResolverNames, serverThatDoesNotAnswerFailsTheResolveAfterItsTimeout) {
     runSilent([](Resolver& resolver, SilentNameServer const& server) {
         auto const begin = std::chrono::steady_clock::now();
@@ -540,13 +548,6 @@ TEST_F(IPResolverNames, serverThatDoesNotAnswerFailsTheResolveOfAnAddress) {
         EXPECT_EQ(FAILED, namesOf(resolver, "10.0.0.7"));
         EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
         EXPECT_GT(server.countQuestions(), 0);
-    });
-}
-
-TEST_F(IPResolverNames, serverThatRefusesFailsTheResolve) {
-    run([](Resolver& resolver, NameServer&) {
-        EXPECT_EQ(FAILED, addressesOf(resolver, "name.elsewhere"));
-        EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
     });
 }
 
@@ -612,13 +613,6 @@ TEST_F(IPResolverNames, labelCanHave63Letters) {
             EXPECT_EQ(Items{name}, namesOf(resolver, "10.0.0.3"));
         },
         "10.0.0.3 " + name + "\n");
-}
-
-TEST_F(IPResolverNames, upperCaseAndAFinalDotAreIgnored) {
-    run([](Resolver& resolver, NameServer&) {
-        EXPECT_EQ(Items{"10.0.0.7"}, addressesOf(resolver, "PRINTER.test"));
-        EXPECT_EQ(Items{"10.0.0.7"}, addressesOf(resolver, "printer.test."));
-    });
 }
 
 TEST_F(IPResolverNames, firstAddressReplacesTheHost) {
