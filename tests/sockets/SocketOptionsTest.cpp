@@ -88,25 +88,17 @@ void expectFailure(Injected& call, ErrnoRow const& row, Operation const& succeed
     }
 }
 
-class SocketOptionSet : public testing::TestWithParam<ErrnoRow> {};
-
-TEST_P(SocketOptionSet, failureIsReportedAndKeepsTheState) {
+VESK_TEST_ROWS(SocketOptionSet, failureIsReportedAndKeepsTheState, setOptionRows()) {
     expectFailure(inject_setsockopt, GetParam(), [](TestSocket& socket, Buffer const& buffer) {
         return !(socket.*buffer.set)(16384);
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(rows, SocketOptionSet, setOptionRows(), errnoName);
-
-class SocketOptionGet : public testing::TestWithParam<ErrnoRow> {};
-
-TEST_P(SocketOptionGet, failureIsReportedAndKeepsTheState) {
+VESK_TEST_ROWS(SocketOptionGet, failureIsReportedAndKeepsTheState, getOptionRows()) {
     expectFailure(inject_getsockopt, GetParam(), [](TestSocket& socket, Buffer const& buffer) {
         return (socket.*buffer.get)() != 0;
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(rows, SocketOptionGet, getOptionRows(), errnoName);
 
 TEST(SocketOptions, sizeIsSetAsAnInt) {
     for (Buffer const& buffer : BUFFERS) {

@@ -152,17 +152,13 @@ TEST(WithoutADescriptor, helpersFailAnAssertionAndReturnAFailure) {
 
 // ---- Options ----
 
-class SetReuse : public testing::TestWithParam<ErrnoRow> {};
-
-TEST_P(SetReuse, failureIsReported) {
+VESK_TEST_ROWS(SetReuse, failureIsReported, setOptionRows()) {
     Fresh const fresh;
     Fault const fault(inject_setsockopt, GetParam().error);
     EXPECT_TRUE(setReuse(fresh.get(), true));
     EXPECT_EQ(1, fault.getCalls());
     EXPECT_TRUE(chainIs(GetParam().reports));
 }
-
-INSTANTIATE_TEST_SUITE_P(rows, SetReuse, setOptionRows(), errnoName);
 
 TEST(SetReuse, setsAnIntToOneOrZero) {
     Fresh const fresh;
@@ -184,29 +180,21 @@ void expectReported(bool (*classify)(), ErrnoRow const& row) {
     EXPECT_TRUE(chainIs(row.reports));
 }
 
-class ClassifySetOptError : public testing::TestWithParam<ErrnoRow> {};
-TEST_P(ClassifySetOptError, reportsErrno) {
+VESK_TEST_ROWS(ClassifySetOptError, reportsErrno, setOptionRows()) {
     expectReported(classifySetOptError, GetParam());
 }
-INSTANTIATE_TEST_SUITE_P(rows, ClassifySetOptError, setOptionRows(), errnoName);
 
-class ClassifyGetOptError : public testing::TestWithParam<ErrnoRow> {};
-TEST_P(ClassifyGetOptError, reportsErrno) {
+VESK_TEST_ROWS(ClassifyGetOptError, reportsErrno, getOptionRows()) {
     expectReported(classifyGetOptError, GetParam());
 }
-INSTANTIATE_TEST_SUITE_P(rows, ClassifyGetOptError, getOptionRows(), errnoName);
 
-class ClassifySocketCreateError : public testing::TestWithParam<ErrnoRow> {};
-TEST_P(ClassifySocketCreateError, reportsErrno) {
+VESK_TEST_ROWS(ClassifySocketCreateError, reportsErrno, createRows()) {
     expectReported(classifySocketCreateError, GetParam());
 }
-INSTANTIATE_TEST_SUITE_P(rows, ClassifySocketCreateError, createRows(), errnoName);
 
 // ---- bindSocket ----
 
-class BindSocket : public testing::TestWithParam<ErrnoRow> {};
-
-TEST_P(BindSocket, failureIsReportedAfterOneCall) {
+VESK_TEST_ROWS(BindSocket, failureIsReportedAfterOneCall, bindRows()) {
     Fresh const fresh;
     for (bool const tolerate_einval : {false, true}) {
         bool const tolerated = tolerate_einval && GetParam().error == EINVAL;
@@ -216,8 +204,6 @@ TEST_P(BindSocket, failureIsReportedAfterOneCall) {
         EXPECT_TRUE(chainIs(tolerated ? Reports() : GetParam().reports));
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(rows, BindSocket, bindRows(), errnoName);
 
 TEST(BindSocket, secondBindFailsUnlessItIsTolerated) {
     Fresh const fresh;
@@ -237,9 +223,7 @@ TEST(BindSocket, secondBindFailsUnlessItIsTolerated) {
 
 // ---- connectSocket ----
 
-class ConnectSocket : public testing::TestWithParam<ErrnoRow> {};
-
-TEST_P(ConnectSocket, returnsItsResultAfterOneCall) {
+VESK_TEST_ROWS(ConnectSocket, returnsItsResultAfterOneCall, connectRows()) {
     Fresh const fresh;
     Fault const fault(inject_connect, GetParam().error);
     EXPECT_EQ(
@@ -247,8 +231,6 @@ TEST_P(ConnectSocket, returnsItsResultAfterOneCall) {
     EXPECT_EQ(1, fault.getCalls());
     EXPECT_TRUE(chainIs(GetParam().reports));
 }
-
-INSTANTIATE_TEST_SUITE_P(rows, ConnectSocket, connectRows(), errnoName);
 
 TEST(ConnectSocket, isRepeatedWhileASignalInterruptsIt) {
     Fresh const listener;

@@ -77,40 +77,51 @@ inline std::vector<ErrnoRow> errnoRows(std::vector<ErrnoGroup> const& groups) {
     return rows;
 }
 
+/// Starts the first test of a suite that runs once for each of the rows.
+///
+///     VESK_TEST_ROWS(UDPBind, failureIsReported, bindRows()) {
+///         Fault const fault(inject_bind, GetParam().error);
+///         ...
+///     }
+#define VESK_TEST_ROWS(suite, name, ...)                                                                     \
+    class suite : public testing::TestWithParam<support::ErrnoRow> {};                                       \
+    INSTANTIATE_TEST_SUITE_P(rows, suite, testing::ValuesIn(__VA_ARGS__), support::errnoName);               \
+    TEST_P(suite, name)
+
 // ---- the tables that several classes share ----
 
-inline auto createRows() {
-    return testing::ValuesIn(errnoRows({
+inline std::vector<ErrnoRow> createRows() {
+    return errnoRows({
         {{EMFILE, ENFILE}, {SysErrorId::RESOURCES_EXHAUSTED}},
         {{EACCES}, {SysErrorId::PERMISSION_DENIED}},
         {{EINVAL, EPROTOTYPE, EPROTONOSUPPORT, EAFNOSUPPORT}, {SocketErrorId::CREATE_FAILED}},
         {{ENOMEM, ENOBUFS}, {SysErrorId::OUT_OF_MEMORY}},
         {{EPERM, EINTR, EFAULT}, {SysErrorId::UNCLASSIFIED}},
-    }));
+    });
 }
 
-inline auto setOptionRows() {
-    return testing::ValuesIn(errnoRows({
+inline std::vector<ErrnoRow> setOptionRows() {
+    return errnoRows({
         {{EBADF, ENOTSOCK}, {SocketErrorId::INVALID_SOCKET}},
         {{EFAULT, EINVAL, EDOM, EISCONN}, {SysErrorId::INVALID_PATH}},
         {{ENOPROTOOPT}, {SocketErrorId::UNKNOWN_OPTION}},
         {{ENODEV, EADDRNOTAVAIL, EADDRINUSE, ENOMEM, ENOBUFS, EACCES, EPERM, EINTR},
          {SysErrorId::UNCLASSIFIED}},
-    }));
+    });
 }
 
-inline auto getOptionRows() {
-    return testing::ValuesIn(errnoRows({
+inline std::vector<ErrnoRow> getOptionRows() {
+    return errnoRows({
         {{EBADF, EINVAL, ENOTSOCK}, {SocketErrorId::INVALID_SOCKET}},
         {{EACCES}, {SysErrorId::PERMISSION_DENIED}},
         {{ENOPROTOOPT}, {SocketErrorId::UNKNOWN_OPTION}},
         {{ENOBUFS}, {SysErrorId::OUT_OF_MEMORY}},
         {{EFAULT, ENOMEM, EPERM, EINTR}, {SysErrorId::UNCLASSIFIED}},
-    }));
+    });
 }
 
-inline auto bindRows() {
-    return testing::ValuesIn(errnoRows({
+inline std::vector<ErrnoRow> bindRows() {
+    return errnoRows({
         {{EINVAL, ENOENT, EIO, EBADF, EFAULT, ENOTDIR, EISDIR, EROFS, ENAMETOOLONG, ELOOP, ENOTSOCK,
           EDESTADDRREQ, EOPNOTSUPP, EAFNOSUPPORT, EISCONN},
          {SysErrorId::SPOILED_INTEGRITY}},
@@ -120,12 +131,12 @@ inline auto bindRows() {
         {{EADDRNOTAVAIL}, {SocketErrorId::ADDRESS_INVALID}},
         {{ENOBUFS}, {SysErrorId::RESOURCES_EXHAUSTED}},
         {{ENODEV, EPERM, EINTR, EAGAIN}, {SysErrorId::UNCLASSIFIED}},
-    }));
+    });
 }
 
 /// The first two mean that the connection is under way, which makes no report.
-inline auto connectRows() {
-    return testing::ValuesIn(errnoRows({
+inline std::vector<ErrnoRow> connectRows() {
+    return errnoRows({
         {{EALREADY, EINPROGRESS}, {}},
         {{EPERM, EACCES}, {SysErrorId::PERMISSION_DENIED}},
         {{ENOENT, EBADF, EFAULT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP, ENOTSOCK, EPROTOTYPE, EOPNOTSUPP,
@@ -138,12 +149,13 @@ inline auto connectRows() {
         {{ECONNRESET}, {SocketErrorId::CONNECTION_RESET}},
         {{ECONNREFUSED, EHOSTUNREACH}, {SocketErrorId::PEER_UNREACHABLE}},
         {{EIO, ENOMEM, EPROTO}, {SysErrorId::UNCLASSIFIED}},
-    }));
+    });
 }
 
 /// @param others  the reports for the numbers that are not listed
-inline auto sendRows(Reports const& others = {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED}) {
-    return testing::ValuesIn(errnoRows({
+inline std::vector<ErrnoRow>
+sendRows(Reports const& others = {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED}) {
+    return errnoRows({
         {{EPERM, EACCES}, {SysErrorId::PERMISSION_DENIED, StreamErrorId::UNUSABLE}},
         {{EIO, EBADF, ENOTSOCK, EOPNOTSUPP, ENOTCONN},
          {SysErrorId::SPOILED_INTEGRITY, StreamErrorId::UNUSABLE}},
@@ -154,7 +166,7 @@ inline auto sendRows(Reports const& others = {SysErrorId::UNCLASSIFIED, StreamEr
         {{EMSGSIZE}, {SocketErrorId::MESSAGE_TOO_BIG, StreamErrorId::TRANSFER_FAILED}},
         {{ENOBUFS}, {SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED}},
         {{ECONNREFUSED, EINVAL, EFAULT, ENOMEM, EHOSTUNREACH, EISCONN, ETIMEDOUT, EAFNOSUPPORT}, others},
-    }));
+    });
 }
 
 } // namespace support

@@ -129,13 +129,9 @@ INSTANTIATE_TEST_SUITE_P(
     })),
     errnoName);
 
-class SocketWriteRow : public testing::TestWithParam<ErrnoRow> {};
-
-TEST_P(SocketWriteRow, isReportedBelowTheStreamsErrorAndKeepsTheState) {
+VESK_TEST_ROWS(SocketWriteRow, isReportedBelowTheStreamsErrorAndKeepsTheState, sendRows()) {
     expectFailure(WRITE, GetParam());
 }
-
-INSTANTIATE_TEST_SUITE_P(rows, SocketWriteRow, sendRows(), errnoName);
 
 // ---- both directions ----
 

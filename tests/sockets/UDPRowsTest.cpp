@@ -8,7 +8,6 @@ namespace {
 using namespace support;
 
 using IPAddress = IPSocket::IPAddress;
-using Rows = testing::TestWithParam<ErrnoRow>;
 
 IPAddress const LOCAL(IPSocket::LOOPBACK_IP, 0);
 IPAddress const PEER(IPSocket::LOOPBACK_IP, 9);
@@ -31,9 +30,7 @@ testing::AssertionResult hasState(Socket const& socket, Socket::State state, int
 
 // ---- socket ----
 
-class UDPSocketCall : public Rows {};
-
-TEST_P(UDPSocketCall, failureMakesAnInvalidSocket) {
+VESK_TEST_ROWS(UDPSocketCall, failureMakesAnInvalidSocket, createRows()) {
     for (auto const version : {IPSocket::IPV4, IPSocket::IPV6}) {
         IPAddress const& address =
             version == IPSocket::IPV6 ? IPAddress::ANY_ADDRESS6 : IPAddress::ANY_ADDRESS;
@@ -44,8 +41,6 @@ TEST_P(UDPSocketCall, failureMakesAnInvalidSocket) {
         EXPECT_TRUE(hasState(socket, Socket::INACTIVE, -1));
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(rows, UDPSocketCall, createRows(), errnoName);
 
 // ---- fcntl ----
 
@@ -113,9 +108,7 @@ constexpr OptionCall OPTION_CALLS[] = {
     {"IPV6_MULTICAST_IF", IPSocket::IPV6, 2}, {"IPV6_ADD_MEMBERSHIP", IPSocket::IPV6, 3},
 };
 
-class UDPSetOption : public Rows {};
-
-TEST_P(UDPSetOption, failureStopsOpenAndLeavesTheSocketInactiveWithItsDescriptor) {
+VESK_TEST_ROWS(UDPSetOption, failureStopsOpenAndLeavesTheSocketInactiveWithItsDescriptor, setOptionRows()) {
     for (OptionCall const& call : OPTION_CALLS) {
         SCOPED_TRACE(call.name);
         CallRecorder calls(CallRecorder::PRETEND);
@@ -151,13 +144,9 @@ TEST_P(UDPSetOption, failureOfBroadcastSetsTheErrorFlag) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(rows, UDPSetOption, setOptionRows(), errnoName);
-
 // ---- getsockopt ----
 
-class UDPGetOption : public Rows {};
-
-TEST_P(UDPGetOption, failureOfBroadcastSetsTheErrorFlag) {
+VESK_TEST_ROWS(UDPGetOption, failureOfBroadcastSetsTheErrorFlag, getOptionRows()) {
     for (auto const& peer : {PEER, GROUP}) {
         UDPSocket socket(true, 0, 0, LOCAL, peer, IPSocket::IPV4);
         socket.setBroadcast(true);
@@ -180,13 +169,9 @@ TEST_P(UDPGetOption, failureOfTheLargestSizeSetsTheErrorFlagWithoutAReport) {
     EXPECT_FALSE(socket.hadError());
 }
 
-INSTANTIATE_TEST_SUITE_P(rows, UDPGetOption, getOptionRows(), errnoName);
-
 // ---- bind ----
 
-class UDPBind : public Rows {};
-
-TEST_P(UDPBind, failureClosesTheSocketAndKeepsItsReport) {
+VESK_TEST_ROWS(UDPBind, failureClosesTheSocketAndKeepsItsReport, bindRows()) {
     for (auto const& peer : {PEER, GROUP}) {
         CallRecorder calls;
         UDPSocket socket(true, 0, 0, LOCAL, peer, IPSocket::IPV4);
@@ -215,13 +200,9 @@ TEST_P(UDPBind, failedCloseAfterAFailureWarnsAndKeepsTheFirstReport) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(rows, UDPBind, bindRows(), errnoName);
-
 // ---- connect ----
 
-class UDPConnect : public Rows {};
-
-TEST_P(UDPConnect, failureOnlyWarnsAndLeavesItsReport) {
+VESK_TEST_ROWS(UDPConnect, failureOnlyWarnsAndLeavesItsReport, connectRows()) {
     EventRecorder const events;
     OpenUDPSocket socket(LOCAL, PEER);
     int const fd = socket.getSocketFd();
@@ -233,8 +214,6 @@ TEST_P(UDPConnect, failureOnlyWarnsAndLeavesItsReport) {
     EXPECT_TRUE(chainIs(GetParam().reports));
     EXPECT_TRUE(hasState(socket, Socket::OPEN, fd));
 }
-
-INSTANTIATE_TEST_SUITE_P(rows, UDPConnect, connectRows(), errnoName);
 
 TEST(UDPConnectCall, isRepeatedWhileASignalInterruptsIt) {
     OpenUDPSocket socket(LOCAL, PEER);
@@ -275,20 +254,13 @@ void expectWrite(
     EXPECT_TRUE(hasState(socket, Socket::OPEN, fd));
 }
 
-class UDPSend : public Rows {};
-
-TEST_P(UDPSend, failureToThePeerIsReported) {
+VESK_TEST_ROWS(UDPSend, failureToThePeerIsReported, sendRows()) {
     expectWrite(SEND, GetParam().error, Fault::FOREVER, GetParam().reports);
 }
 
-class UDPSendTo : public Rows {};
-
-TEST_P(UDPSendTo, failureToTheGroupIsReported) {
+VESK_TEST_ROWS(UDPSendTo, failureToTheGroupIsReported, sendRows({StreamErrorId::UNCLASSIFIED})) {
     expectWrite(SEND_TO, GetParam().error, Fault::FOREVER, GetParam().reports);
 }
-
-INSTANTIATE_TEST_SUITE_P(rows, UDPSend, sendRows(), errnoName);
-INSTANTIATE_TEST_SUITE_P(rows, UDPSendTo, sendRows({StreamErrorId::UNCLASSIFIED}), errnoName);
 
 class UDPSendCalls : public testing::TestWithParam<SendCall> {};
 
