@@ -110,16 +110,13 @@ TEST(IPAddress, isCopied) {
     EXPECT_EQ(80, copy.port);
 }
 
-TEST(IPAddress, constantsAreTexts) {
+std::string const s_any_text_before_main = IPAddress::ANY_ADDRESS.host + " " + IPAddress::ANY_ADDRESS6.host;
+
+TEST(IPAddress, constantsAreTextsAndAnyAddressesExistBeforeMain) {
     EXPECT_STREQ("0.0.0.0", IPSocket::ANY_IP);
     EXPECT_STREQ("::", IPSocket::ANY_IP6);
     EXPECT_STREQ("127.0.0.1", IPSocket::LOOPBACK_IP);
     EXPECT_STREQ("::1", IPSocket::LOOPBACK_IP6);
-}
-
-std::string const s_any_text_before_main = IPAddress::ANY_ADDRESS.host + " " + IPAddress::ANY_ADDRESS6.host;
-
-TEST(IPAddress, anyAddressesHavePort0AndExistBeforeMain) {
     EXPECT_EQ("0.0.0.0 ::", s_any_text_before_main);
     EXPECT_EQ(0, IPAddress::ANY_ADDRESS.port);
     EXPECT_EQ(0, IPAddress::ANY_ADDRESS6.port);

@@ -133,9 +133,10 @@ protected:
     Resolver m_resolver;
 };
 
-TEST_F(IPResolver, newResolverHasNoResults) {
+TEST_F(IPResolver, newResolverHasNoResultsAndFreesNothing) {
     EXPECT_EQ(0U, Resolver().getCount());
     EXPECT_TRUE(m_calls->getLookups().empty());
+    EXPECT_EQ(0, m_calls->countFreed());
 }
 
 TEST_F(IPResolver, numericAddressIsItsOwnResult) {
@@ -208,11 +209,6 @@ TEST_F(IPResolver, listIsKeptUntilTheNextResolveOrTheEnd) {
     }
     EXPECT_EQ(0U, m_calls->countKept());
     EXPECT_EQ(2, m_calls->countFreed());
-}
-
-TEST_F(IPResolver, resolverWithoutAListFreesNothing) {
-    { Resolver const resolver; }
-    EXPECT_EQ(0, m_calls->countFreed());
 }
 
 TEST_F(IPResolver, secondResolveReplacesAllResultsOfTheFirst) {

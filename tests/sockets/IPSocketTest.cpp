@@ -534,14 +534,6 @@ TEST(IPSocket, deadSocketCannotBeUsed) {
 
 // ---- destruction ----
 
-TEST(IPSocket, deadSocketIsDestroyedSilently) {
-    Pair const pair;
-    {
-        TestSocket socket(pair.getSocketEnd());
-        ASSERT_FALSE(socket.close(false));
-    }
-}
-
 TEST(IPSocket, destructorClosesAnInactiveSocketSilentlyWithoutTheHooksOfTheSubclass) {
     Pair const pair;
     StepRecorder const steps;
