@@ -7,6 +7,7 @@
 #include <vesk/RawSocket.h>
 
 #include <arpa/inet.h>
+#include <array>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <memory>
@@ -22,9 +23,9 @@ namespace {
 
 /// The arguments of the last calls.
 struct RawCalls {
-    std::vector<int> socket; ///< Domain, type and protocol.
-    std::string device;      ///< All 16 bytes of the name in the SIOCGIFINDEX request.
-    std::string bound;       ///< The address of the bind.
+    std::array<int, 3> socket; ///< Domain, type and protocol.
+    std::string device;        ///< All 16 bytes of the name in the SIOCGIFINDEX request.
+    std::string bound;         ///< The address of the bind.
 };
 
 RawCalls s_raw_calls;
@@ -167,7 +168,7 @@ TEST(RawSocket, isNotBoundForAllDevices) {
     Fault const binds(inject_bind, 0);
     Fault const queries(inject_ioctl, 0);
     EXPECT_TRUE(opens(socket, nullptr));
-    EXPECT_EQ((std::vector<int>{AF_PACKET, SOCK_RAW, 768}), s_raw_calls.socket);
+    EXPECT_EQ((std::array<int, 3>{AF_PACKET, SOCK_RAW, 768}), s_raw_calls.socket);
     EXPECT_EQ(0, binds.getCalls());
     EXPECT_EQ(0, queries.getCalls());
 }

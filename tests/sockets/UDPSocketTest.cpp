@@ -207,8 +207,8 @@ TEST(UDPSocket, canBeDestroyedAsAStream) {
 
 // ---- which peers are groups ----
 
-/// Whether the peer is a group.
-class UDPClassification : public testing::TestWithParam<std::pair<char const*, bool>> {};
+/// A peer, and whether it is a group.
+class UDPClassification : public testing::TestWithParam<std::tuple<char const*, bool>> {};
 
 TEST_P(UDPClassification, decidesHowTheSocketWorks) {
     auto const [peer, multicast] = GetParam();
@@ -223,35 +223,32 @@ TEST_P(UDPClassification, decidesHowTheSocketWorks) {
     EXPECT_EQ(multicast ? std::string::npos : 0U, writing.find("send(")) << writing;
 }
 
-/// Returns a row for each peer.
-auto peers(bool multicast, std::initializer_list<char const*> texts) {
-    std::vector<std::pair<char const*, bool>> rows;
-    for (char const* const text : texts) {
-        rows.emplace_back(text, multicast);
-    }
-    return testing::ValuesIn(rows);
-}
 INSTANTIATE_TEST_SUITE_P(
-    hosts4, UDPClassification, peers(false, {"0.0.0.0", "127.0.0.1", "192.0.2.255", "223.255.255.255"}));
+    hosts4, UDPClassification,
+    testing::Combine(
+        testing::Values("0.0.0.0", "127.0.0.1", "192.0.2.255", "223.255.255.255"), testing::Values(false)));
 INSTANTIATE_TEST_SUITE_P(
     groups4, UDPClassification,
-    peers(
-        true,
-        {"224.0.0.0", "224.0.0.1", "239.1.2.3", "239.255.255.255", "240.0.0.1", "255.255.255.254",
-         "255.255.255.255"}));
+    testing::Combine(
+        testing::Values(
+            "224.0.0.0", "224.0.0.1", "239.1.2.3", "239.255.255.255", "240.0.0.1", "255.255.255.254",
+            "255.255.255.255"),
+        testing::Values(true)));
 INSTANTIATE_TEST_SUITE_P(
     hosts6, UDPClassification,
-    peers(
-        false,
-        {"::", "::1", "fe80::1%lo", "ff10::1", "ff12::1", "ff1e::1", "ff3e::1", "fe80::1", "feff::1",
-         "::ffff:239.1.2.3"}));
+    testing::Combine(
+        testing::Values(
+            "::", "::1", "fe80::1%lo", "ff10::1", "ff12::1", "ff1e::1", "ff3e::1", "fe80::1", "feff::1",
+            "::ffff:239.1.2.3"),
+        testing::Values(false)));
 // The last two are no groups, but their texts begin like those of groups.
 INSTANTIATE_TEST_SUITE_P(
     groups6, UDPClassification,
-    peers(
-        true,
-        {"ff00::1", "ff01::1", "ff02::1", "FF02::1", "ff02::1%lo", "ff02:0:0:0:0:0:0:1", "ff0e::1", "ff0f::1",
-         "ff0f:ffff::", "0ff0::1", "ff0::1"}));
+    testing::Combine(
+        testing::Values(
+            "ff00::1", "ff01::1", "ff02::1", "FF02::1", "ff02::1%lo", "ff02:0:0:0:0:0:0:1", "ff0e::1",
+            "ff0f::1", "ff0f:ffff::", "0ff0::1", "ff0::1"),
+        testing::Values(true)));
 
 TEST(UDPClassification, emptyPeerIsTheAnyAddressAndNoGroup) {
     for (auto const version : {IPSocket::IPV4, IPSocket::IPV6}) {
