@@ -390,7 +390,7 @@ row(char const* name, Socket::State state, bool shuts_down, bool has_data, int s
 
 class IPSocketClose : public testing::TestWithParam<CloseRow> {};
 
-TEST_P(IPSocketClose, takesItsStepsAndSucceedsWhateverHappened) {
+TEST_P(IPSocketClose, takesItsStepsAndSucceeds) {
     CloseRow const& row = GetParam();
     Pair const pair;
     int const other = fcntl(pair.getSocketEnd(), F_DUPFD_CLOEXEC, 0);
