@@ -409,7 +409,7 @@ INSTANTIATE_TEST_SUITE_P(
         row("noData", V6, {Answer(EAI_NODATA)}, {}, SAME, nullptr, UNRESOLVED),
         row("otherFamily", V6, {Answer(EAI_ADDRFAMILY)}, {}, SAME, nullptr, UNRESOLVED),
         row("failure", V6, {Answer(EAI_AGAIN)}, {}, SAME, nullptr, resolverFailed(EAI_AGAIN)),
-        row("firstEntryOfIPv6OfTheLookupGivesAddressAndScope", V6,
+        row("addressAndScopeAreThoseOfTheFirstEntryOfIPv6", V6,
             {NINE6, list({{"10.0.0.9"}, ListEntry::local(), {"fe80::5", 0x01020304}, {"fe80::6", 7}})},
             {"fd00::9"}, "fd00::9", "fe80::5", {}, 0x01020304),
         row("lookupWithoutAnEntryOfIPv6FailsWithoutAReport", V6,
