@@ -1,375 +1,306 @@
-#include "support/Chain.h"
-#include "support/EventRecorder.h"
+#include "NameServer.h"
+#include "SocketRows.h"
 #include "support/calls/ResolverCalls.h"
 
 #include <tarncommon/error/ErrorStorage.h>
 #include <vesk/IPSocket.h>
-#include <vesk/SysError.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <netdb.h>
-#include <string>
+#include <chrono>
 #include <type_traits>
-#include <vector>
+
+/// The resolver with prepared answers, and in the suite `IPResolverNames` with a real name server.
 
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::ExpectedReport;
-using support::ListEntry;
-using support::LookupCall;
-using support::NamingCall;
-using support::ResolverCalls;
-using support::rowText;
-using support::systemText;
+using namespace support;
 using vesk::IPSocket;
-using vesk::Socket;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
+using IPAddress = vesk::IPSocket::IPAddress;
 using Resolver = vesk::IPSocket::IPResolver;
+using Items = std::vector<std::string>;
+
+constexpr auto V4 = IPSocket::IPV4;
+constexpr auto V6 = IPSocket::IPV6;
 
 static_assert(!std::is_copy_constructible_v<Resolver> && !std::is_copy_assignable_v<Resolver>);
 
-std::vector<std::string> itemsOf(Resolver const& resolver) {
-    std::vector<std::string> items;
+Items itemsOf(Resolver const& resolver) {
+    Items items;
     for (unsigned int i = 0; i < resolver.getCount(); ++i) {
         items.push_back(resolver.getItem(i));
     }
     return items;
 }
 
-using Items = std::vector<std::string>;
+/// Checks that the result of a resolve is the number of items, and returns them; "(failed)" for a failure.
+Items itemsOf(Resolver const& resolver, int result) {
+    Items const items = itemsOf(resolver);
+    if (result < 0) {
+        EXPECT_EQ(-1, result);
+        EXPECT_EQ(Items{}, items);
+        return {"(failed)"};
+    }
+    EXPECT_EQ(static_cast<size_t>(result), items.size());
+    return items;
+}
 
-// ---- what the system is asked ----
+Items const NONE;
+Items const FAILED = {"(failed)"};
 
-/// A way to resolve, and what reaches the system then.
-struct Question {
-    char const* name;
+Items addressesOf(Resolver& resolver, std::string const& name, IPSocket::IPProtocolVersion version = V4) {
+    return itemsOf(resolver, resolver.resolveName(name.c_str(), version));
+}
+
+Items namesOf(
+    Resolver& resolver, std::string const& address, IPSocket::IPProtocolVersion version = V4,
+    bool fqdn = true) {
+    return itemsOf(resolver, resolver.resolveIP(address.c_str(), fqdn, version));
+}
+
+Reports resolverFailed(int code) {
+    return withText({SocketErrorId::RESOLVE_FAILED}, gai_strerror(code));
+}
+
+// ---- the requests to the system ----
+
+/// A kind of resolve and the flags of its calls.
+struct Request {
     bool fqdn;
     bool reverse;
     int hint_flags;
     int name_flags;
 };
 
-void PrintTo(Question const& question, std::ostream* out) {
-    *out << question.name;
-}
+class IPResolverRequests : public testing::TestWithParam<std::tuple<Request, IPSocket::IPProtocolVersion>> {
+protected:
+    IPResolverRequests() { m_calls.answer({list({{m_address}}), Answer("the answer")}); }
 
-class IPResolverQuestions : public testing::TestWithParam<std::tuple<Question, IPSocket::IPProtocolVersion>> {
+    /// Checks the calls of the resolve.
+    void expectCalls() {
+        EXPECT_EQ(Items{"the answer"}, itemsOf(m_resolver));
+        ASSERT_EQ(1U, m_calls.getLookups().size());
+        LookupCall const& lookup = m_calls.getLookups()[0];
+        EXPECT_EQ("the name", lookup.name);
+        EXPECT_FALSE(lookup.has_service);
+        EXPECT_TRUE(lookup.has_only_hints);
+        EXPECT_EQ(m_request.hint_flags, lookup.flags);
+        EXPECT_EQ(m_version == V6 ? AF_INET6 : AF_INET, lookup.family);
+        EXPECT_EQ(SOCK_DGRAM, lookup.type);
+        EXPECT_EQ(0, lookup.protocol);
+
+        ASSERT_EQ(1U, m_calls.getNamings().size());
+        NamingCall const& naming = m_calls.getNamings()[0];
+        EXPECT_EQ(m_address, naming.address);
+        EXPECT_EQ(m_version == V6 ? 28U : 16U, naming.length);
+        EXPECT_EQ(1025U, naming.room);
+        EXPECT_FALSE(naming.has_service);
+        EXPECT_EQ(m_request.name_flags, naming.flags);
+        EXPECT_TRUE(chainIs({}));
+    }
+
+    Request const m_request = std::get<0>(GetParam());
+    IPSocket::IPProtocolVersion const m_version = std::get<1>(GetParam());
+    std::string const m_address = m_version == V6 ? "fd00::1" : "10.0.0.1";
+    ResolverCalls m_calls;
+    Resolver m_resolver;
 };
 
-TEST_P(IPResolverQuestions, haveTheFlagsOfTheirKind) {
-    auto const [question, version] = GetParam();
-    std::string const address = version == IPSocket::IPV6 ? "fd00::1" : "10.0.0.1";
-    ResolverCalls calls;
-    calls.answerList({{address}});
-    calls.answerName("the answer");
-    Resolver resolver;
-    EXPECT_EQ(1, resolver.resolveAddr("the name", question.fqdn, question.reverse, version));
-    EXPECT_EQ(Items{"the answer"}, itemsOf(resolver));
-
-    ASSERT_EQ(1U, calls.getLookups().size());
-    LookupCall const& lookup = calls.getLookups()[0];
-    EXPECT_EQ("the name", lookup.name);
-    EXPECT_FALSE(lookup.has_service);
-    EXPECT_TRUE(lookup.has_only_hints);
-    EXPECT_EQ(question.hint_flags, lookup.flags);
-    EXPECT_EQ(version == IPSocket::IPV6 ? AF_INET6 : AF_INET, lookup.family);
-    EXPECT_EQ(SOCK_DGRAM, lookup.type);
-    EXPECT_EQ(0, lookup.protocol);
-
-    ASSERT_EQ(1U, calls.getNamings().size());
-    NamingCall const& naming = calls.getNamings()[0];
-    EXPECT_EQ(address, naming.address);
-    EXPECT_EQ(version == IPSocket::IPV6 ? 28U : 16U, naming.length);
-    EXPECT_EQ(1025U, naming.room);
-    EXPECT_FALSE(naming.has_service);
-    EXPECT_EQ(question.name_flags, naming.flags);
-    EXPECT_TRUE(chainIs({}));
+TEST_P(IPResolverRequests, haveTheFlagsOfTheirKind) {
+    EXPECT_EQ(1, m_resolver.resolveAddr("the name", m_request.fqdn, m_request.reverse, m_version));
+    expectCalls();
 }
 
-TEST_P(IPResolverQuestions, areAlsoAskedByTheShorterForms) {
-    auto const [question, version] = GetParam();
-    ResolverCalls calls;
-    calls.answerList({{version == IPSocket::IPV6 ? "fd00::1" : "10.0.0.1"}});
-    calls.answerName("the answer");
-    Resolver resolver;
+TEST_P(IPResolverRequests, areTheSameForTheShorterForms) {
     EXPECT_EQ(
         1,
-        question.reverse ? resolver.resolveIP("the name", question.fqdn, version)
-                         : resolver.resolveName("the name", version));
-    EXPECT_EQ("the name", calls.getLookups().at(0).name);
-    EXPECT_EQ(question.hint_flags, calls.getLookups().at(0).flags);
-    EXPECT_EQ(version == IPSocket::IPV6 ? AF_INET6 : AF_INET, calls.getLookups().at(0).family);
-    EXPECT_EQ(question.name_flags, calls.getNamings().at(0).flags);
+        m_request.reverse ? m_resolver.resolveIP("the name", m_request.fqdn, m_version)
+                          : m_resolver.resolveName("the name", m_version));
+    expectCalls();
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, IPResolverQuestions,
+    All, IPResolverRequests,
     testing::Combine(
         testing::Values(
-            Question{"forward", false, false, 0x40, 0x21}, Question{"forwardFqdn", true, false, 0x40, 0x21},
-            Question{"reverseFqdn", true, true, 0x44, 0x28}, Question{"reverse", false, true, 0x44, 0x2C}),
-        testing::Values(IPSocket::IPV4, IPSocket::IPV6)));
+            Request{false, false, 0x40, 0x21}, Request{true, false, 0x40, 0x21},
+            Request{true, true, 0x44, 0x28}, Request{false, true, 0x44, 0x2C}),
+        testing::Values(V4, V6)));
 
 // ---- results ----
 
-TEST(IPResolver, newOneHasNoResults) {
-    ResolverCalls const calls;
-    Resolver const resolver;
-    EXPECT_EQ(0U, resolver.getCount());
-    EXPECT_TRUE(calls.getLookups().empty());
+class IPResolver : public testing::Test {
+protected:
+    std::optional<ResolverCalls> m_calls{std::in_place};
+    Resolver m_resolver;
+};
+
+TEST_F(IPResolver, newResolverHasNoResultsAndFreesNothing) {
+    EXPECT_EQ(0U, Resolver().getCount());
+    EXPECT_TRUE(m_calls->getLookups().empty());
+    EXPECT_EQ(0, m_calls->countFreed());
 }
 
-TEST(IPResolver, numericAddressIsItsOwnResult) {
-    ResolverCalls const calls;
-    Resolver resolver;
-    EXPECT_EQ(1, resolver.resolveName("127.0.0.1", IPSocket::IPV4));
-    EXPECT_EQ(Items{"127.0.0.1"}, itemsOf(resolver));
-    EXPECT_EQ(1, resolver.resolveName("::0001", IPSocket::IPV6));
-    EXPECT_EQ(Items{"::1"}, itemsOf(resolver));
-    EXPECT_EQ(1, resolver.resolveName("fe80::1%lo", IPSocket::IPV6));
-    EXPECT_EQ(Items{"fe80::1%lo"}, itemsOf(resolver));
-    EXPECT_TRUE(chainIs({}));
+TEST_F(IPResolver, numericAddressIsItsOwnResult) {
+    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(m_resolver, "127.0.0.1"));
+    EXPECT_EQ(Items{"::1"}, addressesOf(m_resolver, "::0001", V6));
+    EXPECT_EQ(Items{"fe80::1%lo"}, addressesOf(m_resolver, "fe80::1%lo", V6));
 }
 
-TEST(IPResolver, severalResultsKeepTheOrderOfTheSystem) {
-    ResolverCalls calls;
-    calls.answerList({{"10.0.0.9"}, {"10.0.0.1"}, {"10.0.0.5"}, {"10.0.0.1"}});
-    Resolver resolver;
-    EXPECT_EQ(4, resolver.resolveName("many.example", IPSocket::IPV4));
-    EXPECT_EQ(4U, resolver.getCount());
-    EXPECT_EQ((Items{"10.0.0.9", "10.0.0.1", "10.0.0.5", "10.0.0.1"}), itemsOf(resolver));
+TEST_F(IPResolver, resultsKeepTheOrderOfTheSystem) {
+    m_calls->answerList({{"10.0.0.9"}, {"10.0.0.1"}, {"10.0.0.5"}, {"10.0.0.1"}});
+    EXPECT_EQ(
+        (Items{"10.0.0.9", "10.0.0.1", "10.0.0.5", "10.0.0.1"}), addressesOf(m_resolver, "many.example"));
 }
 
-TEST(IPResolver, entriesOfAnotherFamilyAreNotUsed) {
-    std::vector<ListEntry> const mixed = {
-        {"fd00::1"}, {"10.0.0.1"}, ListEntry::local(), {"fd00::2"}, {"10.0.0.2"}};
-    ResolverCalls calls;
-    calls.answerList(mixed);
-    calls.answerList(mixed);
-    Resolver resolver;
-    EXPECT_EQ(2, resolver.resolveName("mixed.example", IPSocket::IPV4));
-    EXPECT_EQ((Items{"10.0.0.1", "10.0.0.2"}), itemsOf(resolver));
-    EXPECT_EQ(2U, calls.getNamings().size());
-    EXPECT_EQ(2, resolver.resolveName("mixed.example", IPSocket::IPV6));
-    EXPECT_EQ((Items{"fd00::1", "fd00::2"}), itemsOf(resolver));
-    EXPECT_EQ(4U, calls.getNamings().size());
+TEST_F(IPResolver, entriesOfAnotherFamilyAreSkipped) {
+    Answer const mixed = list({{"fd00::1"}, {"10.0.0.1"}, ListEntry::local(), {"fd00::2"}, {"10.0.0.2"}});
+    m_calls->answer({mixed, mixed});
+    EXPECT_EQ((Items{"10.0.0.1", "10.0.0.2"}), addressesOf(m_resolver, "mixed.example"));
+    EXPECT_EQ(2U, m_calls->getNamings().size());
+    EXPECT_EQ((Items{"fd00::1", "fd00::2"}), addressesOf(m_resolver, "mixed.example", V6));
+    EXPECT_EQ(4U, m_calls->getNamings().size());
 }
 
-TEST(IPResolver, listWithoutAnEntryOfTheFamilyGives0) {
-    ResolverCalls calls;
-    calls.answerList({{"fd00::1"}, ListEntry::local()});
-    calls.answerList({{"10.0.0.1"}});
-    calls.answerList({});
-    Resolver resolver;
-    EXPECT_EQ(0, resolver.resolveName("other.example", IPSocket::IPV4));
-    EXPECT_EQ(0, resolver.resolveName("other.example", IPSocket::IPV6));
-    EXPECT_EQ(0, resolver.resolveName("other.example", IPSocket::IPV4));
-    EXPECT_EQ(0U, resolver.getCount());
-    EXPECT_TRUE(calls.getNamings().empty());
-    EXPECT_TRUE(chainIs({}));
+TEST_F(IPResolver, listWithoutAnEntryOfTheFamilyHasNoResults) {
+    m_calls->answer({list({{"fd00::1"}, ListEntry::local()}), list({{"10.0.0.1"}}), list({})});
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "other.example"));
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "other.example", V6));
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "other.example"));
+    EXPECT_TRUE(m_calls->getNamings().empty());
 }
 
-TEST(IPResolver, resultMayFillTheWholeRoom) {
+TEST_F(IPResolver, resultCanFillTheWholeBuffer) {
     std::string const longest(1024, 'x');
-    ResolverCalls calls;
-    calls.answerList({{"10.0.0.1"}});
-    calls.answerName(longest);
-    Resolver resolver;
-    EXPECT_EQ(1, resolver.resolveIP("10.0.0.1", true, IPSocket::IPV4));
-    EXPECT_EQ(Items{longest}, itemsOf(resolver));
+    m_calls->answer({list({{"10.0.0.1"}}), Answer(longest.c_str())});
+    EXPECT_EQ(Items{longest}, namesOf(m_resolver, "10.0.0.1"));
 
-    calls.answerList({{"10.0.0.1"}});
-    calls.answerName(longest + "x");
-    EXPECT_EQ(-1, resolver.resolveIP("10.0.0.1", true, IPSocket::IPV4));
-    EXPECT_TRUE(chainIs(
-        {{SysErrorId::SPOILED_INTEGRITY,
-          rowText(SysErrorId::SPOILED_INTEGRITY, gai_strerror(EAI_OVERFLOW))}}));
+    m_calls->answer({list({{"10.0.0.1"}}), Answer((longest + "x").c_str())});
+    EXPECT_EQ(FAILED, namesOf(m_resolver, "10.0.0.1"));
+    EXPECT_TRUE(chainIs(gai_strerror(EAI_OVERFLOW), {SysErrorId::SPOILED_INTEGRITY}));
 }
 
-TEST(IPResolver, itemBeyondTheCountIsABrokenInvariant) {
-    ResolverCalls const calls;
-    Resolver resolver;
+TEST_F(IPResolver, itemBeyondTheCountFailsAnAssertion) {
+    m_calls->failList(EAI_NONAME);
+    auto const assertionOf = [this](unsigned int index) {
+        EventRecorder const events;
+        EXPECT_EQ("", m_resolver.getItem(index));
+        return events.getText();
+    };
     std::string const assertion =
         "ASSERT framework/src/vesk/posix/IPSocket getItem: p_index < m_resolve_handle.entries.size()";
-    {
-        EventRecorder const events;
-        EXPECT_EQ("", resolver.getItem(0));
-        EXPECT_EQ(assertion, events.getText());
-    }
-    EXPECT_EQ(1, resolver.resolveName("127.0.0.1", IPSocket::IPV4));
-    EventRecorder const events;
-    EXPECT_EQ("127.0.0.1", resolver.getItem(0));
-    EXPECT_EQ("", events.getText());
-    EXPECT_EQ("", resolver.getItem(1));
-    EXPECT_EQ(assertion, events.getText());
-    EXPECT_EQ("", resolver.getItem(0xFFFFFFFF));
-    EXPECT_EQ(assertion + "\n" + assertion, events.getText());
-}
-
-TEST(IPResolver, itemAfterNothingWasFoundIsABrokenInvariant) {
-    EventRecorder const events;
-    ResolverCalls calls;
-    calls.failList(EAI_NONAME);
-    Resolver resolver;
-    EXPECT_EQ(0, resolver.resolveName("none.example", IPSocket::IPV4));
-    EXPECT_EQ("", events.getText());
-    resolver.getItem(0);
-    EXPECT_EQ(
-        "ASSERT framework/src/vesk/posix/IPSocket getItem: p_index < m_resolve_handle.entries.size()",
-        events.getText());
+    EXPECT_EQ(assertion, assertionOf(0)) << "before a resolve";
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "none.example"));
+    EXPECT_EQ(assertion, assertionOf(0)) << "after a resolve without results";
+    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(m_resolver, "127.0.0.1"));
+    EXPECT_EQ(assertion, assertionOf(1));
+    EXPECT_EQ(assertion, assertionOf(0xFFFFFFFF));
 }
 
 // ---- the list of the system ----
 
-TEST(IPResolver, listIsKeptUntilTheNextResolve) {
-    ResolverCalls const calls;
-    Resolver resolver;
-    EXPECT_EQ(1, resolver.resolveName("127.0.0.1", IPSocket::IPV4));
-    EXPECT_EQ(1U, calls.countKept());
-    EXPECT_EQ(0, calls.countFreed());
-    EXPECT_EQ(1, resolver.resolveName("127.0.0.2", IPSocket::IPV4));
-    EXPECT_EQ(1U, calls.countKept());
-    EXPECT_EQ(1, calls.countFreed());
-    EXPECT_EQ(Items{"127.0.0.2"}, itemsOf(resolver));
-}
-
-TEST(IPResolver, listIsFreedAtTheEnd) {
-    ResolverCalls const calls;
+TEST_F(IPResolver, listIsKeptUntilTheNextResolveOrTheEnd) {
     {
         Resolver resolver;
-        EXPECT_EQ(1, resolver.resolveName("127.0.0.1", IPSocket::IPV4));
-        EXPECT_EQ(0, calls.countFreed());
+        EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
+        EXPECT_EQ(1U, m_calls->countKept());
+        EXPECT_EQ(0, m_calls->countFreed());
+        EXPECT_EQ(Items{"127.0.0.2"}, addressesOf(resolver, "127.0.0.2"));
+        EXPECT_EQ(1U, m_calls->countKept());
+        EXPECT_EQ(1, m_calls->countFreed());
     }
-    EXPECT_EQ(0U, calls.countKept());
-    EXPECT_EQ(1, calls.countFreed());
+    EXPECT_EQ(0U, m_calls->countKept());
+    EXPECT_EQ(2, m_calls->countFreed());
 }
 
-TEST(IPResolver, oneWithoutAListFreesNothing) {
-    ResolverCalls const calls;
-    { Resolver const resolver; }
-    EXPECT_EQ(0, calls.countFreed());
+TEST_F(IPResolver, secondResolveReplacesAllResultsOfTheFirst) {
+    m_calls->answer({list({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}}), list({{"10.0.0.4"}})});
+    EXPECT_EQ(3, m_resolver.resolveName("many.example", V4));
+    EXPECT_EQ(Items{"10.0.0.4"}, addressesOf(m_resolver, "one.example"));
 }
 
-TEST(IPResolver, secondResolveReplacesAllOfTheFirst) {
-    ResolverCalls calls;
-    calls.answerList({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}});
-    calls.answerList({{"10.0.0.4"}});
-    Resolver resolver;
-    EXPECT_EQ(3, resolver.resolveName("many.example", IPSocket::IPV4));
-    EXPECT_EQ(1, resolver.resolveName("one.example", IPSocket::IPV4));
-    EXPECT_EQ(Items{"10.0.0.4"}, itemsOf(resolver));
-}
-
-// ---- codes of getaddrinfo ----
-
-struct CodeRow {
-    int code;
-    int result;
-    std::ErrorType const* family;
-    int id;
-};
-
-void PrintTo(CodeRow const& row, std::ostream* out) {
-    *out << row.code << " (" << gai_strerror(row.code) << ")";
-}
+// ---- failures of getaddrinfo ----
 
 constexpr int LOOKUP_ERRNO = ENETUNREACH;
 
-/// The report that a row makes.
-std::vector<ExpectedReport> reportOf(CodeRow const& row) {
-    if (row.family == nullptr) {
-        return {};
+/// Returns a row for each code of the groups. Without a report there are no results.
+auto codeRows(std::vector<ErrnoGroup> const& groups) {
+    std::vector<ErrnoRow> rows;
+    for (ErrnoGroup const& group : groups) {
+        for (int const code : group.errors) {
+            rows.push_back(
+                {code,
+                 withText(
+                     group.reports,
+                     code == EAI_SYSTEM ? systemText(LOOKUP_ERRNO) : std::string(gai_strerror(code)))});
+        }
     }
-    return {
-        {*row.family, row.id,
-         rowText(
-             *row.family, row.id,
-             row.code == EAI_SYSTEM ? systemText(LOOKUP_ERRNO) : std::string(gai_strerror(row.code)))}};
+    return testing::ValuesIn(rows);
 }
 
-class IPResolverLookupCodes : public testing::TestWithParam<CodeRow> {};
+class IPResolverLookupCodes : public testing::TestWithParam<ErrnoRow> {
+protected:
+    /// Lets the next lookup fail with the code.
+    void failLookup() { m_calls.failList(GetParam().error, LOOKUP_ERRNO); }
 
-TEST_P(IPResolverLookupCodes, meanTheirResultAndReport) {
-    ResolverCalls calls;
-    calls.failList(GetParam().code, LOOKUP_ERRNO);
+    ResolverCalls m_calls;
+    Items const m_expected = GetParam().reports.empty() ? NONE : FAILED;
+};
+
+TEST_P(IPResolverLookupCodes, haveTheirResultAndReport) {
+    failLookup();
     Resolver resolver;
-    EXPECT_EQ(GetParam().result, resolver.resolveName("some.example", IPSocket::IPV4));
-    EXPECT_TRUE(chainIs(reportOf(GetParam())));
-    EXPECT_EQ(0U, resolver.getCount());
-    EXPECT_TRUE(calls.getNamings().empty());
+    EXPECT_EQ(m_expected, addressesOf(resolver, "some.example"));
+    EXPECT_TRUE(chainIs(GetParam().reports));
+    EXPECT_TRUE(m_calls.getNamings().empty());
 }
 
 TEST_P(IPResolverLookupCodes, meanTheSameForAnAddress) {
-    ResolverCalls calls;
-    calls.failList(GetParam().code, LOOKUP_ERRNO);
+    failLookup();
     Resolver resolver;
-    EXPECT_EQ(GetParam().result, resolver.resolveIP("fd00::1", true, IPSocket::IPV6));
-    EXPECT_TRUE(chainIs(reportOf(GetParam())));
+    EXPECT_EQ(m_expected, namesOf(resolver, "fd00::1", V6));
+    EXPECT_TRUE(chainIs(GetParam().reports));
 }
 
-TEST_P(IPResolverLookupCodes, leaveNothingOfTheResultBefore) {
-    ResolverCalls calls;
+TEST_P(IPResolverLookupCodes, discardThePreviousResults) {
     {
         Resolver resolver;
-        EXPECT_EQ(1, resolver.resolveName("127.0.0.1", IPSocket::IPV4));
-        calls.failList(GetParam().code, LOOKUP_ERRNO);
-        EXPECT_EQ(GetParam().result, resolver.resolveName("some.example", IPSocket::IPV4));
-        EXPECT_EQ(0U, resolver.getCount());
-        EXPECT_EQ(1, calls.countFreed());
+        EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
+        failLookup();
+        EXPECT_EQ(m_expected, addressesOf(resolver, "some.example"));
+        EXPECT_EQ(1, m_calls.countFreed());
         std::ErrorStorage::ack();
     }
-    EXPECT_EQ(1, calls.countFreed());
+    EXPECT_EQ(1, m_calls.countFreed());
 }
 
-TEST_P(IPResolverLookupCodes, leaveAnObjectThatResolvesAgain) {
-    ResolverCalls calls;
-    calls.failList(GetParam().code, LOOKUP_ERRNO);
+TEST_P(IPResolverLookupCodes, leaveAResolverThatResolvesAgain) {
+    failLookup();
     Resolver resolver;
-    resolver.resolveName("some.example", IPSocket::IPV4);
+    addressesOf(resolver, "some.example");
     std::ErrorStorage::ack();
-    EXPECT_EQ(1, resolver.resolveName("127.0.0.1", IPSocket::IPV4));
-    EXPECT_EQ(Items{"127.0.0.1"}, itemsOf(resolver));
-    EXPECT_TRUE(chainIs({}));
+    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, IPResolverLookupCodes,
-    testing::Values(
-        CodeRow{EAI_NONAME, 0, nullptr, 0}, CodeRow{EAI_NODATA, 0, nullptr, 0},
-        CodeRow{EAI_ADDRFAMILY, 0, nullptr, 0}, CodeRow{EAI_MEMORY, -1, &SysError, SysErrorId::OUT_OF_MEMORY},
-        CodeRow{EAI_AGAIN, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
-        CodeRow{EAI_FAIL, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
-        CodeRow{EAI_BADFLAGS, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
-        CodeRow{EAI_SOCKTYPE, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
-        CodeRow{EAI_SERVICE, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
-        CodeRow{EAI_SYSTEM, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{EAI_FAMILY, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{EAI_OVERFLOW, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{EAI_IDN_ENCODE, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{EAI_INTR, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{EAI_CANCELED, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{4711, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{-4711, -1, &SysError, SysErrorId::UNCLASSIFIED}));
+    codeRows(
+        {{{EAI_NONAME, EAI_NODATA, EAI_ADDRFAMILY}, {}},
+         {{EAI_MEMORY}, {SysErrorId::OUT_OF_MEMORY}},
+         {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_SOCKTYPE, EAI_SERVICE}, {SocketErrorId::RESOLVE_FAILED}},
+         {{EAI_SYSTEM, EAI_FAMILY, EAI_OVERFLOW, EAI_IDN_ENCODE, EAI_INTR, EAI_CANCELED, 4711, -4711},
+          {SysErrorId::UNCLASSIFIED}}}));
 
-// ---- codes of getnameinfo ----
+// ---- failures of getnameinfo ----
 
-class IPResolverNamingCodes : public testing::TestWithParam<CodeRow> {};
+class IPResolverNamingCodes : public testing::TestWithParam<ErrnoRow> {};
 
-TEST_P(IPResolverNamingCodes, endTheWalkWithTheirReport) {
+TEST_P(IPResolverNamingCodes, endTheResolveWithTheirReport) {
     ResolverCalls calls;
     {
-        calls.answerList({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}});
-        calls.answerName("one");
-        calls.failName(GetParam().code, LOOKUP_ERRNO);
+        calls.answer({list({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}}), Answer("one")});
+        calls.failName(GetParam().error, LOOKUP_ERRNO);
         Resolver resolver;
-        EXPECT_EQ(-1, resolver.resolveIP("10.0.0.1", true, IPSocket::IPV4));
-        EXPECT_TRUE(chainIs(reportOf(GetParam())));
-        EXPECT_EQ(0U, resolver.getCount());
+        EXPECT_EQ(FAILED, namesOf(resolver, "10.0.0.1"));
+        EXPECT_TRUE(chainIs(GetParam().reports));
         EXPECT_EQ(2U, calls.getNamings().size());
         EXPECT_EQ(1U, calls.countKept());
         EXPECT_EQ(0, calls.countFreed());
@@ -377,106 +308,367 @@ TEST_P(IPResolverNamingCodes, endTheWalkWithTheirReport) {
     EXPECT_EQ(1, calls.countFreed());
 }
 
-TEST_P(IPResolverNamingCodes, leaveAnObjectThatResolvesAgain) {
+TEST_P(IPResolverNamingCodes, leaveAResolverThatResolvesAgain) {
     ResolverCalls calls;
     calls.answerList({{"10.0.0.1"}});
-    calls.failName(GetParam().code, LOOKUP_ERRNO);
+    calls.failName(GetParam().error, LOOKUP_ERRNO);
     Resolver resolver;
-    EXPECT_EQ(-1, resolver.resolveName("some.example", IPSocket::IPV4));
+    EXPECT_EQ(FAILED, addressesOf(resolver, "some.example"));
     std::ErrorStorage::ack();
-    EXPECT_EQ(1, resolver.resolveName("127.0.0.1", IPSocket::IPV4));
+    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
     EXPECT_EQ(1, calls.countFreed());
-    EXPECT_EQ(Items{"127.0.0.1"}, itemsOf(resolver));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, IPResolverNamingCodes,
-    testing::Values(
-        CodeRow{EAI_OVERFLOW, -1, &SysError, SysErrorId::SPOILED_INTEGRITY},
-        CodeRow{EAI_MEMORY, -1, &SysError, SysErrorId::OUT_OF_MEMORY},
-        CodeRow{EAI_AGAIN, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
-        CodeRow{EAI_FAIL, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
-        CodeRow{EAI_BADFLAGS, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
-        CodeRow{EAI_FAMILY, -1, &Socket::Error, Socket::ErrorId::RESOLVE_FAILED},
-        CodeRow{EAI_SYSTEM, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{EAI_NODATA, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{EAI_ADDRFAMILY, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{EAI_SERVICE, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{EAI_SOCKTYPE, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{EAI_IDN_ENCODE, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{4711, -1, &SysError, SysErrorId::UNCLASSIFIED},
-        CodeRow{-4711, -1, &SysError, SysErrorId::UNCLASSIFIED}));
+    codeRows(
+        {{{EAI_OVERFLOW}, {SysErrorId::SPOILED_INTEGRITY}},
+         {{EAI_MEMORY}, {SysErrorId::OUT_OF_MEMORY}},
+         {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_FAMILY}, {SocketErrorId::RESOLVE_FAILED}},
+         {{EAI_SYSTEM, EAI_NODATA, EAI_ADDRFAMILY, EAI_SERVICE, EAI_SOCKTYPE, EAI_IDN_ENCODE, 4711, -4711},
+          {SysErrorId::UNCLASSIFIED}}}));
 
-TEST(IPResolver, entryWithoutANameIsSkipped) {
-    ResolverCalls calls;
-    calls.answerList({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}});
-    calls.answerName("one");
-    calls.failName(EAI_NONAME);
-    calls.answerName("three");
-    Resolver resolver;
-    EXPECT_EQ(2, resolver.resolveIP("10.0.0.1", true, IPSocket::IPV4));
-    EXPECT_EQ((Items{"one", "three"}), itemsOf(resolver));
-    EXPECT_TRUE(chainIs({}));
+TEST_F(IPResolver, entriesWithoutANameAreSkipped) {
+    m_calls->answerList({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}});
+    m_calls->answerName("one");
+    m_calls->failName(EAI_NONAME);
+    m_calls->answerName("three");
+    EXPECT_EQ((Items{"one", "three"}), namesOf(m_resolver, "10.0.0.1"));
+
+    m_calls->answerList({{"fd00::1"}, {"fd00::2"}});
+    m_calls->failName(EAI_NONAME);
+    m_calls->failName(EAI_NONAME);
+    EXPECT_EQ(NONE, namesOf(m_resolver, "fd00::1", V6, false));
+    EXPECT_EQ(5U, m_calls->getNamings().size());
 }
 
-TEST(IPResolver, onlyEntriesWithoutANameGive0) {
-    ResolverCalls calls;
-    calls.answerList({{"fd00::1"}, {"fd00::2"}});
-    calls.failName(EAI_NONAME);
-    calls.failName(EAI_NONAME);
-    Resolver resolver;
-    EXPECT_EQ(0, resolver.resolveIP("fd00::1", false, IPSocket::IPV6));
-    EXPECT_EQ(0U, resolver.getCount());
-    EXPECT_EQ(2U, calls.getNamings().size());
-    EXPECT_TRUE(chainIs({}));
+// ---- invalid names and addresses ----
+
+TEST_F(IPResolver, nullHasNoResultsAndReplacesThePreviousOnes) {
+    EXPECT_EQ(NONE, itemsOf(m_resolver, m_resolver.resolveName(nullptr, V4)));
+    EXPECT_EQ(NONE, itemsOf(m_resolver, m_resolver.resolveIP(nullptr, true, V6)));
+    EXPECT_EQ(std::nullopt, m_calls->getLookups().at(0).name);
+    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(m_resolver, "127.0.0.1"));
+    EXPECT_EQ(NONE, itemsOf(m_resolver, m_resolver.resolveName(nullptr, V4)));
+    EXPECT_EQ(1, m_calls->countFreed());
 }
 
-// ---- what is no name and no address ----
-
-TEST(IPResolver, nullHasNoAddresses) {
-    ResolverCalls const calls;
-    Resolver resolver;
-    EXPECT_EQ(0, resolver.resolveName(nullptr, IPSocket::IPV4));
-    EXPECT_EQ(0, resolver.resolveIP(nullptr, true, IPSocket::IPV6));
-    EXPECT_EQ(0U, resolver.getCount());
-    EXPECT_EQ(std::nullopt, calls.getLookups().at(0).name);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(IPResolver, nullReplacesWhatWasFoundBefore) {
-    ResolverCalls const calls;
-    Resolver resolver;
-    EXPECT_EQ(1, resolver.resolveName("127.0.0.1", IPSocket::IPV4));
-    EXPECT_EQ(0, resolver.resolveName(nullptr, IPSocket::IPV4));
-    EXPECT_EQ(0U, resolver.getCount());
-    EXPECT_EQ(1, calls.countFreed());
-}
-
-TEST(IPResolver, nameIsNoAddressToFindANameFor) {
-    // With the flag for numbers, the real one asks nobody for these.
-    Resolver resolver;
-    for (std::string const& name :
+TEST_F(IPResolver, textThatIsNoAddressHasNoName) {
+    m_calls.reset();
+    // The flag for numeric addresses keeps the real function from querying a name server.
+    for (std::string const& text :
          {std::string("name.invalid"), std::string(), std::string(300, 'x'), std::string(5000, 'x'),
           std::string("127.0.0.1 x"), std::string("256.0.0.1"), std::string("%s%n"), std::string(" "),
           std::string("1.2.3.4/8"), std::string("::1")}) {
-        EXPECT_EQ(0, resolver.resolveIP(name.c_str(), true, IPSocket::IPV4)) << name;
-        EXPECT_TRUE(chainIs({})) << name;
+        EXPECT_EQ(NONE, namesOf(m_resolver, text)) << text;
+        EXPECT_TRUE(chainIs({})) << text;
     }
-    for (std::string const& name :
+    for (std::string const& text :
          {std::string("name.invalid"), std::string(), std::string(300, ':'), std::string(5000, '1'),
           std::string("[::1]"), std::string("::1::"), std::string("fe80::1%nonesuch"),
           std::string("127.0.0.1")}) {
-        EXPECT_EQ(0, resolver.resolveIP(name.c_str(), false, IPSocket::IPV6)) << name;
-        EXPECT_TRUE(chainIs({})) << name;
+        EXPECT_EQ(NONE, namesOf(m_resolver, text, V6, false)) << text;
+        EXPECT_TRUE(chainIs({})) << text;
     }
 }
 
-TEST(IPResolver, addressOfTheOtherVersionHasNoResult) {
-    ResolverCalls const calls;
-    Resolver resolver;
-    EXPECT_EQ(0, resolver.resolveName("::1", IPSocket::IPV4));
-    EXPECT_EQ(0, resolver.resolveName("127.0.0.1", IPSocket::IPV6));
-    EXPECT_TRUE(chainIs({}));
+TEST_F(IPResolver, addressOfTheOtherVersionHasNoResult) {
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "::1"));
+    EXPECT_EQ(NONE, addressesOf(m_resolver, "127.0.0.1", V6));
+}
+
+// ---- a real name server ----
+
+constexpr char const* ZONE = "10.0.0.9 many.test\n"
+                             "10.0.0.1 many.test\n"
+                             "10.0.0.5 many.test\n"
+                             "10.0.0.7 printer.test\n"
+                             "10.0.0.8 scanner.example\n"
+                             "fd00::9 six.test\n"
+                             "fd00::1 six.test\n"
+                             "10.0.0.2 both.test\n"
+                             "fd00::2 both.test\n";
+Items const MANY = {"10.0.0.9", "10.0.0.1", "10.0.0.5"};
+Items const SIX = {"fd00::9", "fd00::1"};
+
+Reports const UNRESOLVED = withText({std::CommonErrorId::INVALID_ARGUMENT}, "Couldn't resolve hostname");
+
+/// Resolves a name with the functions of the system. Returns the code.
+int resolveBySystem(std::string const& name, int family, Items& addresses) {
+    addrinfo hints{};
+    hints.ai_family = family;
+    hints.ai_socktype = SOCK_DGRAM;
+    hints.ai_flags = AI_IDN;
+    addrinfo* list = nullptr;
+    int const code = getaddrinfo(name.c_str(), nullptr, &hints, &list);
+    for (addrinfo const* entry = list; code == 0 && entry != nullptr; entry = entry->ai_next) {
+        char text[INET6_ADDRSTRLEN] = "";
+        getnameinfo(entry->ai_addr, entry->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
+        addresses.emplace_back(text);
+    }
+    if (code == 0) {
+        freeaddrinfo(list);
+    }
+    return code;
+}
+
+class IPResolverNames : public testing::Test {
+protected:
+    void SetUp() override { VESK_SKIP_WITHOUT_NAMES(); }
+
+    /// Runs `body` with the name server of a zone. Checks that no report is left.
+    static void
+    run(std::function<void(Resolver& resolver, NameServer& server)> const& body,
+        std::string const& zone = ZONE) {
+        expectWithNameServer(zone, [&body](NameServer& server) {
+            Resolver resolver;
+            body(resolver, server);
+            EXPECT_TRUE(chainIs({}));
+        });
+    }
+
+    /// The same with a server that does not answer.
+    static void
+    runSilent(std::function<void(Resolver& resolver, SilentNameServer const& server)> const& body) {
+        expectWithNames([&body] {
+            SilentNameServer const server;
+            Resolver resolver;
+            body(resolver, server);
+            EXPECT_TRUE(chainIs({}));
+        });
+    }
+};
+
+/// A resolve and its items.
+struct NameRow {
+    char const* name;
+    IPSocket::IPProtocolVersion version;
+    bool reverse;
+    bool fqdn;
+    char const* text; ///< A name, or with `reverse` an address.
+    Items items;
+
+    friend std::ostream& operator<<(std::ostream& out, NameRow const& row) { return out << row.name; }
+};
+
+NameRow addresses(char const* name, IPSocket::IPProtocolVersion version, char const* text, Items items) {
+    return {name, version, false, false, text, std::move(items)};
+}
+NameRow
+names(char const* name, IPSocket::IPProtocolVersion version, char const* text, bool fqdn, Items items) {
+    return {name, version, true, fqdn, text, std::move(items)};
+}
+
+class IPResolverNameRows : public IPResolverNames, public testing::WithParamInterface<NameRow> {};
+
+TEST_P(IPResolverNameRows, haveTheirItems) {
+    run([](Resolver& resolver, NameServer&) {
+        NameRow const& row = GetParam();
+        if (row.reverse) {
+            EXPECT_EQ(row.items, namesOf(resolver, row.text, row.version, row.fqdn));
+        } else {
+            EXPECT_EQ(row.items, addressesOf(resolver, row.text, row.version));
+            Items expected;
+            int const code = resolveBySystem(row.text, row.version == V6 ? AF_INET6 : AF_INET, expected);
+            EXPECT_EQ(row.items, code == EAI_AGAIN ? FAILED : expected);
+        }
+        EXPECT_TRUE(chainIs(row.items == FAILED ? resolverFailed(EAI_AGAIN) : Reports{}));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, IPResolverNameRows,
+    testing::Values(
+        addresses("several", V4, "many.test", {"10.0.0.9", "10.0.0.1", "10.0.0.5"}),
+        addresses("severalOfIPv6", V6, "six.test", {"fd00::9", "fd00::1"}),
+        addresses("onlyIPv4OfBoth", V4, "both.test", {"10.0.0.2"}),
+        addresses("onlyIPv6OfBoth", V6, "both.test", {"fd00::2"}),
+        addresses("noneOfIPv4", V4, "six.test", {}), addresses("noneOfIPv6", V6, "many.test", {}),
+        addresses("unknownName", V4, "unknown.test", {}),
+        addresses("unknownNameOfIPv6", V6, "unknown.test", {}),
+        addresses("upperCase", V4, "PRINTER.test", {"10.0.0.7"}),
+        addresses("finalDot", V4, "printer.test.", {"10.0.0.7"}),
+        addresses("refusedName", V4, "name.elsewhere", {"(failed)"}),
+        names("withDomain", V4, "10.0.0.7", true, {"printer.test"}),
+        names("withoutDomain", V4, "10.0.0.7", false, {"printer"}),
+        names("withDomainOfIPv6", V6, "fd00::9", true, {"six.test"}),
+        names("withoutDomainOfIPv6", V6, "fd00::9", false, {"six"}),
+        names("withoutAnotherDomain", V4, "10.0.0.8", false, {"scanner.example"}),
+        names("addressWithoutAName", V4, "10.9.9.9", true, {}),
+        names("addressWithoutAShortName", V4, "10.9.9.9", false, {}),
+        names("addressOfIPv6WithoutAName", V6, "fd00::999", true, {}),
+        names("addressOfIPv6WithoutAShortName", V6, "fd00::999", false, {})),
+    testing::PrintToStringParamName());
+
+TEST_F(IPResolverNames, hostsFileIsUsedWithoutAQuery) {
+    runSilent([](Resolver& resolver, SilentNameServer const& server) {
+        EXPECT_EQ(Items{"10.1.0.1"}, addressesOf(resolver, "listed.example"));
+        EXPECT_EQ(Items{"listed.example"}, namesOf(resolver, "10.1.0.1"));
+        EXPECT_EQ(0, server.countQuestions());
+    });
+}
+
+TEST_F(IPResolverNames, numericAddressIsResolvedWithoutAQuery) {
+    runSilent([](Resolver& resolver, SilentNameServer const& server) {
+        EXPECT_EQ(Items{"10.0.0.1"}, addressesOf(resolver, "10.0.0.1"));
+        EXPECT_EQ(Items{"fd00::1"}, addressesOf(resolver, "fd00::1", V6));
+        EXPECT_EQ(NONE, namesOf(resolver, "many.test"));
+        IPAddress address("10.0.0.1", 80);
+        sockaddr_in binary;
+        EXPECT_FALSE(address.getBinary(binary));
+        EXPECT_EQ(0, server.countQuestions());
+    });
+}
+
+TEST_F(IPResolverNames, secondResolveReplacesAllResultsOfTheFirst) {
+    run([](Resolver& resolver, NameServer&) {
+        EXPECT_EQ(MANY, addressesOf(resolver, "many.test"));
+        EXPECT_EQ(Items{"10.0.0.7"}, addressesOf(resolver, "printer.test"));
+        EXPECT_EQ(SIX, addressesOf(resolver, "six.test", V6));
+        EXPECT_EQ(NONE, addressesOf(resolver, "unknown.test"));
+    });
+}
+
+TEST_F(IPResolverNames, serverThatDoesNotAnswerFailsTheResolveAfterItsTimeout) {
+    runSilent([](Resolver& resolver, SilentNameServer const& server) {
+        auto const begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(FAILED, addressesOf(resolver, "many.test"));
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(900));
+        EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
+        EXPECT_GT(server.countQuestions(), 0);
+    });
+}
+
+TEST_F(IPResolverNames, serverThatDoesNotAnswerFailsTheResolveOfAnAddress) {
+    runSilent([](Resolver& resolver, SilentNameServer const& server) {
+        EXPECT_EQ(FAILED, namesOf(resolver, "10.0.0.7"));
+        EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
+        EXPECT_GT(server.countQuestions(), 0);
+    });
+}
+
+TEST_F(IPResolverNames, failureDiscardsThePreviousResults) {
+    run([](Resolver& resolver, NameServer& server) {
+        EXPECT_EQ(MANY, addressesOf(resolver, "many.test"));
+        server.stop();
+        EXPECT_EQ(FAILED, addressesOf(resolver, "many.test"));
+        EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
+        EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
+    });
+}
+
+TEST_F(IPResolverNames, garbageHasTheResultOfTheSystem) {
+    run([](Resolver& resolver, NameServer&) {
+        for (std::string const& name :
+             {std::string(),
+              std::string("."),
+              std::string(".."),
+              std::string("-"),
+              std::string("%"),
+              std::string("@"),
+              std::string("*"),
+              std::string("a b.test"),
+              std::string("127.0.0.1 x"),
+              std::string("127.0.0.1:80"),
+              std::string("127.0.0.1%lo"),
+              std::string("\x01\x02\x03.test"),
+              std::string("many.test\n"),
+              std::string("..many.test"),
+              std::string("many..test"),
+              std::string(63, 'a') + ".test",
+              std::string(64, 'a') + ".test",
+              std::string(300, 'x'),
+              std::string(5000, 'x'),
+              std::string(2600, '.'),
+              std::string("h\xC3\xB6hle.test"),
+              std::string("\xff\xfe\xfd.test"),
+              std::string("xn--hhle-5qa.test"),
+              std::string("xn--\xff.test")}) {
+            for (auto const version : {V4, V6}) {
+                Items expected;
+                int const code = resolveBySystem(name, version == V6 ? AF_INET6 : AF_INET, expected);
+                EXPECT_NE(0, code) << name;
+                bool const is_unknown = code == EAI_NONAME || code == EAI_NODATA || code == EAI_ADDRFAMILY;
+                EXPECT_EQ(is_unknown ? NONE : FAILED, addressesOf(resolver, name, version))
+                    << name << ": " << gai_strerror(code);
+                EXPECT_TRUE(chainIs(
+                    is_unknown                   ? Reports{}
+                        : code == EAI_IDN_ENCODE ? withText({SysErrorId::UNCLASSIFIED}, gai_strerror(code))
+                                                 : resolverFailed(code)))
+                    << name << ": " << gai_strerror(code);
+            }
+        }
+    });
+}
+
+TEST_F(IPResolverNames, labelCanHave63Letters) {
+    std::string const name = std::string(63, 'a') + ".test";
+    run(
+        [&name](Resolver& resolver, NameServer&) {
+            EXPECT_EQ(Items{"10.0.0.3"}, addressesOf(resolver, name));
+            EXPECT_EQ(Items{name}, namesOf(resolver, "10.0.0.3"));
+        },
+        "10.0.0.3 " + name + "\n");
+}
+
+TEST_F(IPResolverNames, firstAddressReplacesTheHost) {
+    run([](Resolver&, NameServer& server) {
+        IPAddress address("many.test", 80);
+        sockaddr_in binary;
+        EXPECT_FALSE(address.getBinary(binary));
+        EXPECT_EQ("10.0.0.9", address.host);
+        EXPECT_EQ("10.0.0.9", IPAddress(binary).host);
+        EXPECT_EQ(80, ntohs(binary.sin_port));
+
+        IPAddress address6("six.test", 81);
+        sockaddr_in6 binary6;
+        EXPECT_FALSE(address6.getBinary(binary6));
+        EXPECT_EQ("fd00::9", address6.host);
+        EXPECT_EQ("fd00::9", IPAddress(binary6).host);
+        EXPECT_EQ(81, ntohs(binary6.sin6_port));
+
+        server.stop();
+        EXPECT_FALSE(address.getBinary(binary)) << "the name is not needed again";
+        EXPECT_FALSE(address6.getBinary(binary6));
+    });
+}
+
+TEST_F(IPResolverNames, addressOfOnlyTheOtherVersionDoesNotResolve) {
+    run([](Resolver&, NameServer&) {
+        IPAddress address("six.test", 80);
+        sockaddr_in binary;
+        EXPECT_TRUE(address.getBinary(binary));
+        EXPECT_TRUE(chainIs(UNRESOLVED));
+        EXPECT_EQ("six.test", address.host);
+        IPAddress address6("many.test", 80);
+        sockaddr_in6 binary6;
+        EXPECT_TRUE(address6.getBinary(binary6));
+        EXPECT_TRUE(chainIs(UNRESOLVED));
+        EXPECT_EQ("many.test", address6.host);
+    });
+}
+
+TEST_F(IPResolverNames, socketResolvesBothAddressesInItsConstructor) {
+    class NamedSocket : public IPSocket {
+    public:
+        NamedSocket(IPAddress const& local, IPAddress const& peer, IPProtocolVersion version)
+            : IPSocket(true, 0, 0, local, peer, version) {}
+        unsigned int maxTxSize() const override { return 0; }
+    };
+    run([](Resolver&, NameServer&) {
+        NamedSocket socket({"localhost", 1}, {"many.test", 2}, V4);
+        EXPECT_TRUE(socket.isValid());
+        EXPECT_EQ("127.0.0.1", socket.getLocalAddress().host);
+        EXPECT_EQ("10.0.0.9", socket.getPeerAddress().host);
+        socket.close(false);
+
+        EXPECT_FALSE(NamedSocket(IPAddress(), {"unknown.test", 2}, V4).isValid());
+        EXPECT_TRUE(chainIs(UNRESOLVED));
+        EXPECT_FALSE(NamedSocket({"unknown.test", 2}, IPAddress(), V6).isValid());
+        EXPECT_TRUE(chainIs(UNRESOLVED));
+        EXPECT_FALSE(NamedSocket(IPAddress(), {"name.elsewhere", 2}, V4).isValid());
+        EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
+    });
 }
 
 } // namespace

@@ -3,79 +3,52 @@
 #include "support/NetworkNamespace.h"
 #include "support/TempFolder.h"
 
-#include <gtest/gtest.h>
+#include <tarncommon/tarnbase/NonCopyable.h>
 
-#include <arpa/inet.h>
-#include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <fcntl.h>
-#include <filesystem>
-#include <functional>
 #include <netinet/in.h>
-#include <sched.h>
-#include <string>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
+#include <utility>
 
-/// For tests of real names: a network of their own with a name server of their own at 127.0.0.1, which is the only one that
-/// the resolver of a test knows. No question leaves the machine: there is no way out of that network.
+/// Support for tests of real names: a network namespace with a name server at 127.0.0.1, which is the only
+/// one that the resolver of a test knows. No query leaves the machine: the namespace has no route to the
+/// outside.
 
 namespace support {
 
-/// The program `dnsmasq` as the server of the network of the calling process, a child with a private network. It goes away
-/// with the object, and with the process.
-class NameServer {
+/// Runs the program `dnsmasq` in the network namespace of the calling process, which must be a child. The
+/// server ends with the object and with the process.
+class NameServer : private tarnbase::NonCopyable {
 public:
-    /// @param zone  lines as in a hosts file, also for the way back from address to name. What ends in ".test", and
-    ///              addresses that are not there, do not exist; for other names the server refuses to answer.
+    /// @param zone  lines as in a hosts file, which are also used for addresses. Other addresses, and other
+    ///              names in ".test", do not exist; queries for all other names are refused.
     explicit NameServer(std::string const& zone) {
-        std::vector<std::string> const options = {
-            "dnsmasq",
-            "--keep-in-foreground",
-            "--conf-file=/dev/null",
-            "--no-hosts",
-            "--no-resolv",
-            "--listen-address=127.0.0.1",
-            "--bind-interfaces",
-            "--pid-file=",
-            "--user=root",
-            "--no-round-robin",
-            "--addn-hosts=" + m_folder.makeFile("zone", zone),
-            "--local=/test/",
-            "--local=/in-addr.arpa/",
-            "--local=/ip6.arpa/",
-            "--log-facility=" + m_folder / "log"};
-        std::vector<char*> arguments;
-        for (std::string const& option : options) {
-            arguments.push_back(const_cast<char*>(option.c_str()));
-        }
-        arguments.push_back(nullptr);
+        std::string const hosts = "--addn-hosts=" + m_folder.makeFile("zone", zone);
+        std::string const log = "--log-facility=" + m_folder / "log";
         m_pid = fork();
         if (m_pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             setenv("PATH", "/usr/sbin:/sbin:/usr/local/sbin:/usr/bin:/bin", 1);
-            execvp(arguments[0], arguments.data());
+            execlp(
+                "dnsmasq", "dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--no-hosts",
+                "--no-resolv", "--listen-address=127.0.0.1", "--bind-interfaces",
+                "--pid-file=", "--user=root", "--no-round-robin", "--local=/test/", "--local=/in-addr.arpa/",
+                "--local=/ip6.arpa/", hosts.c_str(), log.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
     }
     ~NameServer() { stop(); }
 
-    NameServer(NameServer const&) = delete;
-    NameServer& operator=(NameServer const&) = delete;
-
-    /// Waits until it answers. False if it has ended, or does not begin for a minute.
+    /// Waits until the server listens. Returns false if it has ended or does not listen within a minute.
     bool waitUntilReady() {
         for (int round = 0; round < 60000; ++round) {
             if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
                 m_pid = -1;
                 return false;
             }
-            // Seen from outside, as the server would start a process for each connection.
+            // The table of the kernel is read, because the server would start a process for each connection.
             if (contentOf("/proc/self/net/udp").find(":0035 ") != std::string::npos) {
                 return true;
             }
@@ -107,8 +80,8 @@ private:
     pid_t m_pid = -1;
 };
 
-/// A name server that takes questions and answers none.
-class SilentNameServer {
+/// A name server that receives queries and does not answer.
+class SilentNameServer : private tarnbase::NonCopyable {
 public:
     SilentNameServer() : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in const address = NameServer::getAddress();
@@ -116,10 +89,7 @@ public:
     }
     ~SilentNameServer() { close(m_fd); }
 
-    SilentNameServer(SilentNameServer const&) = delete;
-    SilentNameServer& operator=(SilentNameServer const&) = delete;
-
-    /// How many questions have come since it was asked last.
+    /// Returns the number of queries since the last call.
     int countQuestions() const {
         int count = 0;
         char question[512];
@@ -133,7 +103,7 @@ private:
     int m_fd;
 };
 
-/// Puts a file of its own in the place of one of the system's, for the calling process.
+/// Replaces a file for the calling process, which must be a child.
 inline testing::AssertionResult replaceFile(std::string const& path, std::string const& own) {
     if (mount(own.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
         return testing::AssertionFailure() << path << ": " << strerror(errno);
@@ -141,30 +111,27 @@ inline testing::AssertionResult replaceFile(std::string const& path, std::string
     return testing::AssertionSuccess();
 }
 
-/// Gives the calling process, a child, a network and files in which 127.0.0.1 is the one and only name server. The machine is
-/// "box" in the domain "test" there.
+/// Moves the calling process, which must be a child, to a network namespace and files in which 127.0.0.1 is
+/// the only name server. The machine is "box" in the domain "test".
 /// @param folder  for the files
 inline testing::AssertionResult separateNames(TempFolder const& folder) {
     if (!separateNetwork() || !separateMounts() || unshare(CLONE_NEWUTS) != 0 || sethostname("box", 3) != 0) {
         return testing::AssertionFailure() << strerror(errno);
     }
-    // Whoever answers there for the resolver does not live in this network.
+    // A daemon that resolves names for the resolver would not run in this network.
     std::error_code error;
     for (char const* const daemon : {"/run/nscd", "/var/run/nscd"}) {
         if (std::filesystem::is_directory(daemon, error) && !mountMemory(daemon)) {
             return testing::AssertionFailure() << daemon << ": " << strerror(errno);
         }
     }
-    struct File {
-        char const* name;
-        char const* content;
-    };
-    for (File const file :
-         {File{"nsswitch.conf", "hosts: files dns\n"},
-          File{"hosts", "127.0.0.1 localhost\n127.0.1.1 box.test box\n10.1.0.1 listed.example\n"},
-          File{"resolv.conf", "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n"}}) {
+    constexpr std::pair<char const*, char const*> FILES[] = {
+        {"nsswitch.conf", "hosts: files dns\n"},
+        {"hosts", "127.0.0.1 localhost\n127.0.1.1 box.test box\n10.1.0.1 listed.example\n"},
+        {"resolv.conf", "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n"}};
+    for (auto const& [name, content] : FILES) {
         testing::AssertionResult const result =
-            replaceFile(std::string("/etc/") + file.name, folder.makeFile(file.name, file.content));
+            replaceFile(std::string("/etc/") + name, folder.makeFile(name, content));
         if (!result) {
             return result;
         }
@@ -180,7 +147,7 @@ inline bool maySeparateNames() {
     return may;
 }
 
-/// Runs `body` in a child with such a network, whose failures become those of the test.
+/// Runs `body` in a child with such a network. Failures of the child become failures of the test.
 inline void expectWithNames(std::function<void()> const& body) {
     TempFolder const folder;
     expectInChild([&] {

@@ -7,29 +7,16 @@
 #include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
-#include <ostream>
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
 
-/// What the tests of the socket base have in common.
+/// Support for tests of the socket base class.
 namespace support {
 
-/// A row of the tables of reading and writing: what one number reports, and what the stream reports on top of it.
-struct TransferRow {
-    int error;
-    std::ErrorType const& family;
-    int id;
-    int stream_id;
-};
-
-inline void PrintTo(TransferRow const& row, std::ostream* out) {
-    *out << strerrorname_np(row.error);
-}
-
-/// The smallest of sockets: takes any descriptor, and can be put into any state. Nothing of it is hidden.
+/// A socket that takes any descriptor and state, and exposes its hooks.
 class TestSocket : public vesk::Socket {
 public:
     TestSocket() : TestSocket(-1, INACTIVE) {}
@@ -54,7 +41,7 @@ public:
         set(INVALID_SOCKET_FD, DEAD);
     }
 
-    /// Ends it without touching the descriptor, which somebody else owns.
+    /// Makes the socket dead without closing the descriptor, which has another owner.
     void forget() { set(INVALID_SOCKET_FD, DEAD); }
 
     bool isBlocking() const { return m_blocking; }
@@ -66,16 +53,16 @@ public:
     using Socket::performWrite;
 };
 
-/// Two descriptors that are connected to each other. Each belongs to the pair until it is taken.
+/// Owns two connected descriptors until they are taken.
 class Ends {
 public:
     Ends(int mine, int peer) : m_ends{mine, peer} {}
+    Ends(Ends&& other) noexcept : m_ends{other.takeMine(), std::exchange(other.m_ends[1], -1)} {}
+    Ends& operator=(Ends&&) = delete;
     ~Ends() {
         closeEnd(0);
         closePeer();
     }
-    Ends(Ends const&) = delete;
-    Ends& operator=(Ends const&) = delete;
 
     int takeMine() { return std::exchange(m_ends[0], -1); }
     int getPeer() const { return m_ends[1]; }
@@ -86,7 +73,7 @@ public:
             static_cast<ssize_t>(text.size()), ::send(m_ends[1], text.data(), text.size(), MSG_NOSIGNAL));
     }
 
-    /// What has arrived at the peer, at most `size` bytes.
+    /// Receives at most `size` bytes at the peer.
     std::string receive(size_t size) const {
         std::string text(size, '\0');
         ssize_t const count = ::recv(m_ends[1], &text[0], size, 0);
@@ -95,7 +82,7 @@ public:
         return text;
     }
 
-    /// Lets nothing arrive at the other end any more but a reset.
+    /// Closes the peer so that the other end is reset.
     void resetByPeer() {
         linger const at_once{1, 0};
         EXPECT_EQ(0, setsockopt(m_ends[1], SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once));
@@ -112,14 +99,14 @@ private:
     int m_ends[2];
 };
 
-/// Two ends on this machine, of any type.
+/// Returns the ends of a pair of local sockets.
 inline Ends makeEnds(int type = SOCK_STREAM) {
     int ends[2] = {-1, -1};
     EXPECT_EQ(0, socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends)) << strerror(errno);
     return {ends[0], ends[1]};
 }
 
-/// The two ends of a TCP connection over loopback.
+/// Returns the ends of a TCP connection over loopback.
 inline Ends makeTcpEnds() {
     int const listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -138,7 +125,20 @@ inline Ends makeTcpEnds() {
     return {mine, peer};
 }
 
-/// Waits until a descriptor has one of the events.
+/// An open socket and its peer.
+class ConnectedSocket : public TestSocket {
+public:
+    explicit ConnectedSocket(
+        Ends connected = makeEnds(), bool blocking = true, unsigned int read_buffer = 0,
+        unsigned int write_buffer = 0)
+        : TestSocket(blocking, read_buffer, write_buffer), ends(std::move(connected)) {
+        set(ends.takeMine(), OPEN);
+    }
+
+    Ends ends;
+};
+
+/// Waits until a descriptor has one of the events. Returns whether it has.
 inline bool waitFor(int fd, short events) {
     pollfd row{fd, events, 0};
     return poll(&row, 1, 60000) == 1;

@@ -1,261 +1,511 @@
 #include "Cable.h"
 #include "UDPSupport.h"
-#include "support/EventRecorder.h"
+#include "support/Processes.h"
 
-#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <fstream>
+#include <sstream>
+#include <sys/eventfd.h>
 
-#include <cerrno>
-#include <string>
+/// UDP sockets in network namespaces. The suites `UDPNetwork` and `UDPSizes` have one peer, the others groups.
 
 namespace {
 
-using support::Cable;
-using support::chainIs;
-using support::EventRecorder;
-using support::expectInNetwork;
-using support::isWritten;
-using support::OpenUDPSocket;
-using support::Peer;
-using support::receive;
-using support::rowText;
-using support::streamFailure;
-using support::systemText;
-using vesk::IPSocket;
-using vesk::Socket;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
-using vesk::UDPSocket;
+using namespace support;
 
-constexpr unsigned int UNTOUCHED = 77;
 constexpr char const* WARNING = "WARNING framework/src/vesk/posix/UDPSocket open: error connecting";
+constexpr char const* GROUP = "239.1.2.3";
+constexpr char const* GROUP6 = "ff02::1:3";
 
-/// Opens a socket that has no way to its peer.
+/// Runs `body` in a network namespace that a cable connects with another one.
+void expectWithCable(std::function<void(Cable const& cable)> const& body, int mtu = 1500) {
+    expectInNetwork([&] {
+        Cable const cable(mtu);
+        ASSERT_TRUE(cable.isThere());
+        body(cable);
+    });
+}
+
+/// A socket that is open from its construction.
+class OpenedUDPSocket : public OpenUDPSocket {
+public:
+    OpenedUDPSocket(
+        IPAddress const& local, IPAddress const& peer, IPProtocolVersion version = IPV4, bool blocking = true)
+        : OpenUDPSocket(local, peer, version, blocking) {
+        EXPECT_TRUE(opens(*this));
+    }
+};
+
+/// Checks that a datagram passes from one socket to the other.
+void expectDelivered(UDPSocket& sender, UDPSocket& receiver, std::string const& data = "hello") {
+    EXPECT_TRUE(isWritten(sender, data));
+    auto const received = receive(receiver);
+    EXPECT_TRUE(received == data) << "received " << (received ? received->size() : 0) << " bytes";
+    EXPECT_FALSE(receiver.hadError());
+    EXPECT_TRUE(chainIs({}));
+}
+
+/// Checks that datagrams of each size, but no larger ones, pass whole from left to right.
+void expectSizesPass(UDPSocket& left, UDPSocket& right) {
+    for (unsigned int const size : {1U, 1472U, 1473U, 8972U, 8973U, 65506U, UDPSocket::MAX_TEL_SIZE}) {
+        std::string datagram(size, '.');
+        for (unsigned int i = 0; i < size; ++i) {
+            datagram[i] = static_cast<char>(i * 31 + i / 256);
+        }
+        expectDelivered(left, right, datagram);
+    }
+    EXPECT_TRUE(failsToWrite(left, std::string(UDPSocket::MAX_TEL_SIZE + 1, 'x')));
+    EXPECT_TRUE(chainIs(EMSGSIZE, {SocketErrorId::MESSAGE_TOO_BIG, StreamErrorId::TRANSFER_FAILED}));
+    expectDelivered(left, right, "the next");
+}
+
+/// The largest packet of the cable, in bytes.
+auto const MTUS = testing::Values(1500, 9000, 65535);
+
+class UDPNetwork : public testing::Test {
+protected:
+    void SetUp() override { VESK_SKIP_WITHOUT_NETWORKS(); }
+};
+
+class UDPMulticast : public UDPNetwork {
+protected:
+    void SetUp() override {
+        UDPNetwork::SetUp();
+        VESK_SKIP_WITHOUT_GROUPS(IPSocket::IPV4);
+    }
+};
+
+#define VESK_SKIP_WITHOUT_IPV6_GROUPS()                                                                      \
+    VESK_SKIP_WITHOUT_IPV6();                                                                                \
+    VESK_SKIP_WITHOUT_GROUPS(IPSocket::IPV6)
+
+// ---- one peer ----
+
+/// Opens a socket that has no route to its peer.
 void expectUnreachable(
     IPSocket::IPAddress const& local, IPSocket::IPAddress const& peer, IPSocket::IPProtocolVersion version) {
     EventRecorder const events;
     OpenUDPSocket socket(local, peer, version);
-    ASSERT_TRUE(socket.isValid());
     socket.open();
     EXPECT_EQ(WARNING, events.getText());
     EXPECT_FALSE(socket.hadError());
-    EXPECT_TRUE(chainIs(
-        {{Socket::ErrorId::NETWORK_UNAVAILABLE,
-          rowText(Socket::ErrorId::NETWORK_UNAVAILABLE, systemText(ENETUNREACH))}}));
+    EXPECT_TRUE(causeIs(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH));
     EXPECT_TRUE(socket.isValid());
-    EXPECT_EQ(Socket::OPEN, socket.getState());
     EXPECT_NE(-1, socket.getSocketFd());
-
-    unsigned int written = UNTOUCHED;
-    EXPECT_EQ(-1, socket.write("x", 1, written)) << "it never was connected";
-    EXPECT_TRUE(socket.hadError());
-    EXPECT_EQ(0U, written);
-    EXPECT_TRUE(chainIs(streamFailure(Socket::Error, Socket::ErrorId::ADDRESS_INVALID, EDESTADDRREQ, 0)));
-    EXPECT_FALSE(socket.close(false));
+    EXPECT_TRUE(failsToWrite(socket)) << "the socket is not connected";
+    EXPECT_TRUE(chainIs(EDESTADDRREQ, {SocketErrorId::ADDRESS_INVALID, StreamErrorId::UNUSABLE}));
 }
 
-TEST(UDPNetwork, unreachableNetworkOnlyWarnsAndTheSocketIsOpen) {
-    VESK_SKIP_WITHOUT_NETWORKS();
+TEST_F(UDPNetwork, unreachableNetworkOnlyWarnsAndTheSocketIsOpen) {
     expectInNetwork([] { expectUnreachable({"", 0}, {"192.0.2.7", 5000}, IPSocket::IPV4); });
 }
 
-TEST(UDPNetwork, unreachableNetworkOfIPv6OnlyWarnsAndTheSocketIsOpen) {
-    VESK_SKIP_WITHOUT_NETWORKS();
+TEST_F(UDPNetwork, unreachableNetworkOfIPv6OnlyWarnsAndTheSocketIsOpen) {
     VESK_SKIP_WITHOUT_IPV6();
     expectInNetwork([] { expectUnreachable({"", 0}, {"2001:db8::7", 5000}, IPSocket::IPV6); });
 }
 
-TEST(UDPNetwork, socketThatCouldNotBeConnectedReceivesFromAnybody) {
-    VESK_SKIP_WITHOUT_NETWORKS();
+TEST_F(UDPNetwork, socketThatCouldNotConnectReceivesFromEverySender) {
     expectInNetwork([] {
         EventRecorder const events;
         OpenUDPSocket socket({"", 5000}, {"192.0.2.7", 5000});
         socket.open();
         EXPECT_EQ(WARNING, events.getText());
-        EXPECT_TRUE(chainIs({{Socket::ErrorId::NETWORK_UNAVAILABLE}}));
-        Peer anybody;
-        EXPECT_TRUE(anybody.sendTo({"127.0.0.1", 5000}, "hello"));
+        EXPECT_TRUE(chainIs({SocketErrorId::NETWORK_UNAVAILABLE}));
+        EXPECT_TRUE(Peer().sendTo({"127.0.0.1", 5000}, "hello"));
         EXPECT_EQ("hello", receive(socket));
     });
 }
 
-TEST(UDPNetwork, datagramsPassBetweenNetworks) {
-    VESK_SKIP_WITHOUT_NETWORKS();
-    expectInNetwork([] {
-        Cable const cable;
-        ASSERT_TRUE(cable.isThere());
-        OpenUDPSocket left({"10.0.0.1", 5001}, {"10.0.0.2", 5002});
-        left.open();
+/// Exchanges datagrams between two networks. The route to the peer determines the address on the right.
+void expectExchange(
+    IPSocket::IPProtocolVersion version, char const* left_host, char const* right_host, char const* left_peer,
+    char const* right_peer) {
+    expectWithCable([=](Cable const& cable) {
+        OpenedUDPSocket left({left_host, 5001}, {left_peer, 5002}, version);
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        right.open();
-        ASSERT_FALSE(left.hadError() || right.hadError());
-        EXPECT_TRUE(isWritten(left, "to the right"));
-        EXPECT_EQ("to the right", receive(right));
-        EXPECT_TRUE(isWritten(right, "to the left"));
-        EXPECT_EQ("to the left", receive(left));
+        OpenedUDPSocket right({"", 5002}, {right_peer, 5001}, version);
+        expectDelivered(left, right, "to the right");
+        expectDelivered(right, left, "to the left");
         right.updateLocalAddress();
-        EXPECT_EQ("10.0.0.2", right.getLocalAddress().host) << "the way to the peer has told it";
+        EXPECT_EQ(right_host, right.getLocalAddress().host);
     });
 }
 
-TEST(UDPNetwork, linkLocalAddressesWithTheirScopesPassBetweenNetworks) {
-    VESK_SKIP_WITHOUT_NETWORKS();
+TEST_F(UDPNetwork, datagramsPassBetweenNetworks) {
+    expectExchange(IPSocket::IPV4, "10.0.0.1", "10.0.0.2", "10.0.0.2", "10.0.0.1");
+}
+
+TEST_F(UDPNetwork, linkLocalAddressesWithTheirScopesPassBetweenNetworks) {
     VESK_SKIP_WITHOUT_IPV6();
-    expectInNetwork([] {
-        Cable const cable;
-        ASSERT_TRUE(cable.isThere());
-        OpenUDPSocket left({"fe80::1%left", 5001}, {"fe80::2%left", 5002}, IPSocket::IPV6);
-        left.open();
+    expectExchange(IPSocket::IPV6, "fe80::1%left", "fe80::2%right", "fe80::2%left", "fe80::1%right");
+}
+
+TEST_F(UDPNetwork, refusalArrivesFromAnotherNetworkAndTheSocketStaysUsable) {
+    expectWithCable([](Cable const& cable) {
+        OpenedUDPSocket left({"", 0}, {"10.0.0.2", 5002});
+        EXPECT_TRUE(isWritten(left, "to a port that is not bound"));
+        EXPECT_TRUE(isReadable(left.getSocketFd()));
+        EXPECT_TRUE(failsToRead(left));
+        EXPECT_TRUE(chainIs(ECONNREFUSED, {SocketErrorId::PEER_UNREACHABLE, StreamErrorId::UNUSABLE}));
+
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"", 5002}, {"fe80::1%right", 5001}, IPSocket::IPV6);
-        right.open();
-        ASSERT_FALSE(left.hadError() || right.hadError());
-        EXPECT_TRUE(isWritten(left, "to the right"));
-        EXPECT_EQ("to the right", receive(right));
-        EXPECT_TRUE(isWritten(right, "to the left"));
-        EXPECT_EQ("to the left", receive(left));
-        right.updateLocalAddress();
-        EXPECT_EQ("fe80::2%right", right.getLocalAddress().host);
+        OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
+        EXPECT_TRUE(isWritten(left, "to a port that is bound"));
     });
 }
 
-TEST(UDPNetwork, refusalComesBackThroughTheNetwork) {
-    VESK_SKIP_WITHOUT_NETWORKS();
-    expectInNetwork([] {
-        Cable const cable;
-        ASSERT_TRUE(cable.isThere());
-        OpenUDPSocket left({"", 0}, {"10.0.0.2", 5002});
-        left.open();
-        EXPECT_TRUE(isWritten(left, "nobody there"));
-        EXPECT_TRUE(support::isReadable(left.getSocketFd()));
-        EXPECT_EQ(std::nullopt, receive(left));
-        EXPECT_TRUE(left.hadError());
-        EXPECT_TRUE(
-            chainIs(streamFailure(Socket::Error, Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED, 0)));
-        EXPECT_EQ(Socket::OPEN, left.getState());
-
+TEST_F(UDPNetwork, writingFailsWhileTheInterfaceIsDown) {
+    expectWithCable([](Cable const& cable) {
+        OpenedUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
+        ASSERT_TRUE(setDown("left"));
+        EXPECT_TRUE(failsToWrite(left));
+        EXPECT_TRUE(chainIs(ENETUNREACH, {SocketErrorId::NETWORK_UNAVAILABLE, StreamErrorId::UNUSABLE}));
+        ASSERT_TRUE(setUp("left"));
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        right.open();
-        EXPECT_TRUE(isWritten(left, "now there is")) << "the socket works on";
-        EXPECT_FALSE(left.close(false));
+        OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
+        expectDelivered(left, right, "back");
     });
 }
 
-TEST(UDPNetwork, withoutItsNetworkWritingFailsUntilItIsBack) {
-    VESK_SKIP_WITHOUT_NETWORKS();
-    expectInNetwork([] {
-        Cable const cable;
-        ASSERT_TRUE(cable.isThere());
-        OpenUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
-        left.open();
-        ASSERT_FALSE(left.hadError());
-        ASSERT_TRUE(support::setDown("left"));
-        unsigned int written = UNTOUCHED;
-        EXPECT_EQ(-1, left.write("x", 1, written));
-        EXPECT_TRUE(
-            chainIs(streamFailure(Socket::Error, Socket::ErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, 0)));
-        EXPECT_EQ(Socket::OPEN, left.getState());
-        ASSERT_TRUE(support::setUp("left"));
-        ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        right.open();
-        EXPECT_TRUE(isWritten(left, "back"));
-        EXPECT_EQ("back", receive(right));
-    });
-}
-
-TEST(UDPNetwork, broadcastAddressCannotBeConnectedWithoutThePermission) {
-    VESK_SKIP_WITHOUT_NETWORKS();
-    expectInNetwork([] {
-        Cable const cable;
-        ASSERT_TRUE(cable.isThere());
+TEST_F(UDPNetwork, broadcastAddressCannotBeConnectedWithoutThePermission) {
+    expectWithCable([](Cable const&) {
         EventRecorder const events;
         OpenUDPSocket left({"", 0}, {"10.0.0.255", 5002});
         left.open();
         EXPECT_EQ(WARNING, events.getText());
         EXPECT_FALSE(left.hadError());
-        EXPECT_TRUE(chainIs(
-            {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EACCES))}}));
+        EXPECT_TRUE(causeIs(SysErrorId::PERMISSION_DENIED, EACCES));
         EXPECT_EQ(Socket::OPEN, left.getState());
     });
 }
 
-TEST(UDPNetwork, broadcastReachesTheOtherEndWithThePermission) {
-    VESK_SKIP_WITHOUT_NETWORKS();
-    expectInNetwork([] {
-        Cable const cable;
-        ASSERT_TRUE(cable.isThere());
+TEST_F(UDPNetwork, broadcastReachesTheOtherEndWithThePermission) {
+    expectWithCable([](Cable const& cable) {
         EventRecorder const events;
         OpenUDPSocket left({"", 5001}, {"10.0.0.255", 5002});
         left.setBroadcast(true);
-        left.open();
+        ASSERT_TRUE(opens(left));
         EXPECT_EQ("", events.getText());
-        EXPECT_FALSE(left.hadError());
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"10.0.0.255", 5002}, {"10.0.0.1", 5001});
-        right.open();
-        ASSERT_FALSE(right.hadError());
-        EXPECT_TRUE(isWritten(left, "to all"));
-        EXPECT_EQ("to all", receive(right));
+        OpenedUDPSocket right({"10.0.0.255", 5002}, {"10.0.0.1", 5001});
+        expectDelivered(left, right, "to all");
     });
 }
 
-/// The largest packet of the cable, in bytes.
-class UDPSizes : public testing::TestWithParam<int> {
-protected:
-    void SetUp() override { VESK_SKIP_WITHOUT_NETWORKS(); }
-};
+TEST_F(UDPNetwork, datagramOfTheReportedLargestSizePasses) {
+    expectWithCable(
+        [](Cable const& cable) {
+            OpenUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
+            ASSERT_FALSE(left.setSendBuffer(4096));
+            EXPECT_EQ(4096U, left.maxTxSize());
+            left.open();
+            ASSERT_TRUE(cable.enterRight());
+            OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
+            expectDelivered(left, right, std::string(left.maxTxSize(), 'x'));
+        },
+        9000);
+}
+
+class UDPSizes : public UDPNetwork, public testing::WithParamInterface<int> {};
 
 TEST_P(UDPSizes, datagramsPassWholeUpToTheLargest) {
-    int const mtu = GetParam();
-    expectInNetwork([mtu] {
-        Cable const cable(mtu);
-        ASSERT_TRUE(cable.isThere());
-        OpenUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
-        left.open();
-        ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        right.open();
-        ASSERT_FALSE(left.hadError() || right.hadError());
-        for (unsigned int const size : {1U, 1472U, 1473U, 8972U, 8973U, 65506U, UDPSocket::MAX_TEL_SIZE}) {
-            std::string datagram(size, '.');
-            for (unsigned int i = 0; i < size; ++i) {
-                datagram[i] = static_cast<char>(i * 31 + i / 256);
-            }
-            EXPECT_TRUE(isWritten(left, datagram)) << size;
-            EXPECT_TRUE(receive(right) == datagram) << size;
+    expectWithCable(
+        [](Cable const& cable) {
+            OpenedUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
+            ASSERT_TRUE(cable.enterRight());
+            OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
+            expectSizesPass(left, right);
+        },
+        GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(mtu, UDPSizes, MTUS, testing::PrintToStringParamName());
+
+// ---- groups, one network ----
+
+/// Returns whether an interface of the calling thread's network has joined a group.
+bool isJoined(std::string const& interface, char const* group) {
+    in_addr binary{};
+    in6_addr binary6{};
+    char text[33] = "";
+    bool const four = inet_pton(AF_INET, group, &binary) == 1;
+    if (four) {
+        snprintf(text, sizeof text, "%08X", binary.s_addr);
+    } else if (inet_pton(AF_INET6, group, &binary6) == 1) {
+        for (size_t i = 0; i < 16; ++i) {
+            snprintf(text + 2 * i, 3, "%02x", binary6.s6_addr[i]);
         }
-        std::string const larger(UDPSocket::MAX_TEL_SIZE + 1, 'x');
-        unsigned int written = UNTOUCHED;
-        EXPECT_EQ(-1, left.write(larger.data(), UDPSocket::MAX_TEL_SIZE + 1, written));
-        EXPECT_EQ(0U, written);
-        EXPECT_TRUE(left.hadError());
-        EXPECT_TRUE(chainIs(streamFailure(Socket::Error, Socket::ErrorId::MESSAGE_TOO_BIG, EMSGSIZE, 1)));
-        EXPECT_TRUE(isWritten(left, "the next"));
-        EXPECT_EQ("the next", receive(right));
+    }
+    std::ifstream file(four ? "/proc/thread-self/net/igmp" : "/proc/thread-self/net/igmp6");
+    EXPECT_TRUE(file.is_open());
+    std::string current;
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream words(line);
+        std::string index;
+        std::string address;
+        // A group of IPv4 has a line of its own after the line of its interface.
+        if (four && line[0] == '\t') {
+            words >> address;
+        } else {
+            words >> index >> current >> address;
+        }
+        if (current == interface && address == text) {
+            return true;
+        }
+    }
+    return false;
+}
+
+TEST_F(UDPMulticast, everyMemberOfAGroupReceivesEvenOnTheMachineOfTheSender) {
+    expectWithCable([](Cable const&) {
+        OpenedUDPSocket first({"", 5000}, {GROUP, 5000});
+        OpenedUDPSocket second({"", 5000}, {GROUP, 5000});
+        OpenedUDPSocket sender({"10.0.0.1", 0}, {GROUP, 5000});
+        expectDelivered(sender, first, "to all");
+        EXPECT_EQ("to all", receive(second));
+        expectDelivered(first, first, "also to itself");
+        EXPECT_EQ("also to itself", receive(second));
+    });
+}
+
+TEST_F(UDPMulticast, socketWithTheAddressOfAnInterfaceSendsToTheGroupButReceivesOnlyWhatIsSentToItself) {
+    expectWithCable([](Cable const&) {
+        OpenedUDPSocket bound({"10.0.0.1", 5000}, {GROUP, 5000});
+        OpenedUDPSocket member({"", 5000}, {GROUP, 5000});
+        OpenedUDPSocket direct({"", 5001}, {"10.0.0.1", 5000});
+        expectDelivered(bound, member, "to the group");
+        expectDelivered(direct, bound, "directly");
+    });
+}
+
+TEST_F(UDPMulticast, localAddressSelectsTheInterface) {
+    expectWithCable([](Cable const&) {
+        ASSERT_TRUE(makePair("one", "two"));
+        ASSERT_TRUE(addAddress("one", "10.1.0.1/24"));
+        ASSERT_TRUE(setUp("one"));
+        ASSERT_TRUE(setUp("two"));
+
+        OpenedUDPSocket by_route({"", 5000}, {GROUP, 5000});
+        EXPECT_TRUE(isJoined("left", GROUP));
+        EXPECT_FALSE(isJoined("one", GROUP));
+        EXPECT_FALSE(by_route.close(false));
+        EXPECT_FALSE(isJoined("left", GROUP)) << "the system leaves the group";
+
+        OpenedUDPSocket by_address({"10.1.0.1", 5000}, {GROUP, 5000});
+        EXPECT_TRUE(isJoined("one", GROUP));
+        EXPECT_FALSE(isJoined("left", GROUP));
+        in_addr selected{};
+        socklen_t length = sizeof selected;
+        EXPECT_EQ(0, getsockopt(by_address.getSocketFd(), IPPROTO_IP, IP_MULTICAST_IF, &selected, &length));
+        EXPECT_EQ(inet_addr("10.1.0.1"), selected.s_addr);
+    });
+}
+
+TEST_F(UDPMulticast, scopeOfTheLocalAddressSelectsTheInterface) {
+    VESK_SKIP_WITHOUT_IPV6_GROUPS();
+    expectWithCable([](Cable const&) {
+        ASSERT_TRUE(makePair("one", "two"));
+        ASSERT_TRUE(ip("link set dev one addrgenmode none up\nlink set dev two up\n"
+                       "addr add fe80::11/64 nodad dev one"));
+        std::pair<std::string, std::string> const rows[] = {
+            {"fe80::1%left", "left"},
+            {"fe80::11%one", "one"},
+            {"::%" + std::to_string(if_nametoindex("one")), "one"},
+            {"ff02::1:3%left", "left"}};
+        for (auto const& [local, interface] : rows) {
+            SCOPED_TRACE(local);
+            OpenedUDPSocket socket({local, 5000}, {GROUP6, 5000}, IPSocket::IPV6);
+            EXPECT_EQ(interface == "one", isJoined("one", GROUP6));
+            EXPECT_EQ(interface == "left", isJoined("left", GROUP6));
+            unsigned int index = 0;
+            socklen_t length = sizeof index;
+            EXPECT_EQ(0, getsockopt(socket.getSocketFd(), IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, &length));
+            EXPECT_EQ(if_nametoindex(interface.c_str()), index);
+            EXPECT_FALSE(socket.close(false));
+            EXPECT_FALSE(isJoined(interface, GROUP6)) << "the system leaves the group";
+        }
+    });
+}
+
+TEST_F(UDPMulticast, groupCannotBeJoinedWithoutARouteToIt) {
+    expectInNetwork([] {
+        EventRecorder const events;
+        {
+            UDPSocket socket(true, 0, 0, {"", 5000}, {GROUP, 5000}, IPSocket::IPV4);
+            EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE));
+            EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, ENODEV));
+            EXPECT_TRUE(socket.isValid());
+            EXPECT_NE(-1, fcntl(socket.getSocketFd(), F_GETFD));
+            unsigned int written = 77;
+            EXPECT_EQ(-1, socket.write("x", 1, written));
+            EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN, StreamErrorId::UNUSABLE}));
+        }
+        EXPECT_EQ("", events.getText());
+    });
+}
+
+TEST_F(UDPMulticast, groupOfIPv6CannotBeJoinedOnAnInterfaceThatDoesNotExist) {
+    VESK_SKIP_WITHOUT_IPV6_GROUPS();
+    expectInNetwork([] {
+        UDPSocket socket(true, 0, 0, {"::%4711", 5000}, {GROUP6, 5000}, IPSocket::IPV6);
+        EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE));
+        EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, ENODEV));
+        EXPECT_NE(-1, fcntl(socket.getSocketFd(), F_GETFD));
+    });
+}
+
+TEST_F(UDPMulticast, writingFailsWithoutTheNetwork) {
+    expectWithCable([](Cable const&) {
+        OpenedUDPSocket socket({"10.0.0.1", 5000}, {GROUP, 5000});
+        ASSERT_TRUE(removeAddress("left", "10.0.0.1/24"));
+        ASSERT_TRUE(setDown("left"));
+        EXPECT_TRUE(failsToWrite(socket));
+        EXPECT_TRUE(chainIs(ENETUNREACH, {SocketErrorId::NETWORK_UNAVAILABLE, StreamErrorId::UNUSABLE}));
+    });
+}
+
+TEST_F(UDPMulticast, unlistedErrorNumberMakesOnlyTheReportOfTheStream) {
+    expectWithCable([](Cable const&) {
+        OpenedUDPSocket socket({"10.0.0.1", 5000}, {GROUP, 0});
+        EXPECT_TRUE(failsToWrite(socket)) << "port 0 is not a destination";
+        EXPECT_TRUE(chainIs({StreamErrorId::UNCLASSIFIED}));
+    });
+}
+
+TEST_F(UDPMulticast, streamBuffersAndTruncatesAsWithOnePeer) {
+    expectWithCable([](Cable const&) {
+        UDPSocket sender(true, 0, 16, {"10.0.0.1", 0}, {GROUP, 5000}, IPSocket::IPV4);
+        OpenedUDPSocket receiver({"", 5000}, {GROUP, 5000}, IPSocket::IPV4, false);
+        ASSERT_TRUE(opens(sender));
+        char block[8];
+        unsigned int count = 77;
+        EXPECT_EQ(1, receiver.read(block, sizeof block, count)) << "nothing has arrived";
+        EXPECT_EQ(0U, count);
+        EXPECT_TRUE(isWritten(sender, "abc"));
+        EXPECT_TRUE(isWritten(sender, "def"));
+        EXPECT_FALSE(sender.flush(false));
+        EXPECT_TRUE(isWritten(sender, "last"));
+        EXPECT_FALSE(sender.close(false));
+        EXPECT_EQ("abcd", receive(receiver, 4));
+        EXPECT_EQ("last", receive(receiver, 4));
+    });
+}
+
+TEST_F(UDPMulticast, emptyDatagramToTheGroupReadsAsTheEndOfTheStream) {
+    expectWithCable([](Cable const&) {
+        OpenedUDPSocket socket({"", 5000}, {GROUP, 5000});
+        sockaddr_in group{};
+        ASSERT_FALSE(IPSocket::IPAddress(GROUP, 5000).getBinary(group));
+        auto const* const address = reinterpret_cast<sockaddr const*>(&group);
+        EXPECT_EQ(0, sendto(socket.getSocketFd(), "", 0, 0, address, sizeof group));
+        EXPECT_TRUE(isReadable(socket.getSocketFd()));
+        EXPECT_TRUE(failsToRead(socket, 0));
+        EXPECT_TRUE(chainIs({SocketErrorId::CONNECTION_CLOSED, StreamErrorId::END_OF_STREAM}));
+    });
+}
+
+// ---- groups, two networks ----
+
+TEST_F(UDPMulticast, datagramsToAGroupReachAnotherNetwork) {
+    expectWithCable([](Cable const& cable) {
+        OpenedUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
+        OpenedUDPSocket left_member({"", 5000}, {GROUP, 5000});
+        ASSERT_TRUE(cable.enterRight());
+        OpenedUDPSocket right({"", 5000}, {GROUP, 5000});
+        EXPECT_TRUE(isJoined("right", GROUP));
+        expectDelivered(left, right, "from the left");
+        EXPECT_EQ("from the left", receive(left_member));
+        expectDelivered(right, left_member, "from the right");
+    });
+}
+
+/// The local address of the receiver; "#" stands for the index of its interface.
+class UDPMulticast6 : public UDPMulticast, public testing::WithParamInterface<char const*> {};
+
+TEST_P(UDPMulticast6, datagramsToAGroupReachAnotherNetwork) {
+    VESK_SKIP_WITHOUT_IPV6_GROUPS();
+    expectWithCable([local = std::string(GetParam())](Cable const& cable) mutable {
+        OpenedUDPSocket left({"fe80::1%left", 5001}, {GROUP6, 5000}, IPSocket::IPV6);
+        ASSERT_TRUE(cable.enterRight());
+        size_t const place = local.find('#');
+        if (place != std::string::npos) {
+            local.replace(place, 1, std::to_string(if_nametoindex("right")));
+        }
+        OpenedUDPSocket right({local, 5000}, {"FF02::1:3", 5000}, IPSocket::IPV6);
+        EXPECT_TRUE(isJoined("right", GROUP6));
+        expectDelivered(left, right, "from the left");
+        expectDelivered(left, right, std::string(40000, 'f'));
+        expectDelivered(right, right, "to itself");
     });
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    mtu, UDPSizes, testing::Values(1500, 9000, 65535), testing::PrintToStringParamName());
+    locals, UDPMulticast6, testing::Values("ff02::1:3%right", "ff02::1:3%#", "::%#", "::", ""));
 
-TEST(UDPNetwork, datagramOfTheSizeThatIsToldPasses) {
-    VESK_SKIP_WITHOUT_NETWORKS();
-    expectInNetwork([] {
-        Cable const cable(9000);
-        ASSERT_TRUE(cable.isThere());
-        OpenUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
-        ASSERT_FALSE(left.setSendBuffer(4096));
-        EXPECT_EQ(4096U, left.maxTxSize());
-        left.open();
+TEST_F(UDPMulticast, linkLocalAddressOfAGroupMemberReceivesOnlyWhatIsSentToItself) {
+    VESK_SKIP_WITHOUT_IPV6_GROUPS();
+    expectWithCable([](Cable const& cable) {
+        OpenedUDPSocket left({"fe80::1%left", 5000}, {GROUP6, 5000}, IPSocket::IPV6);
         ASSERT_TRUE(cable.enterRight());
-        OpenUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        right.open();
-        std::string const datagram(left.maxTxSize(), 'x');
-        EXPECT_TRUE(isWritten(left, datagram));
-        EXPECT_TRUE(receive(right) == datagram);
+        OpenedUDPSocket group({"fe80::2%right", 5001}, {GROUP6, 5000}, IPSocket::IPV6);
+        OpenedUDPSocket direct({"fe80::2%right", 5002}, {"fe80::1%right", 5000}, IPSocket::IPV6);
+        OpenedUDPSocket member({GROUP6 + std::string("%right"), 5000}, {GROUP6, 5000}, IPSocket::IPV6);
+        expectDelivered(group, member, "to the group");
+        expectDelivered(direct, left, "directly");
+        expectDelivered(left, member, "from the left");
     });
+}
+
+class UDPMulticastSizes : public UDPMulticast, public testing::WithParamInterface<int> {};
+
+TEST_P(UDPMulticastSizes, datagramsPassWholeUpToTheLargest) {
+    expectWithCable(
+        [](Cable const& cable) {
+            OpenedUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
+            ASSERT_TRUE(cable.enterRight());
+            OpenedUDPSocket right({"", 5000}, {GROUP, 5000});
+            expectSizesPass(left, right);
+        },
+        GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(mtu, UDPMulticastSizes, MTUS, testing::PrintToStringParamName());
+
+// ---- groups, two processes ----
+
+/// Starts a process in the right network that joins a group, receives a datagram and sends one.
+void expectExchangeInGroup(
+    IPSocket::IPProtocolVersion version, char const* group, std::string const& left_local,
+    std::string const& right_local) {
+    expectWithCable([&](Cable const& cable) {
+        OpenedUDPSocket speaker({left_local, 5001}, {group, 5000}, version);
+        OpenedUDPSocket listener(
+            {right_local.empty() ? "" : std::string(group) + "%left", 5000}, {group, 5000}, version);
+        int const is_member = eventfd(0, EFD_CLOEXEC);
+        Process other([&] {
+            ASSERT_TRUE(cable.enterRight());
+            OpenedUDPSocket member({right_local, 5000}, {group, 5000}, version);
+            EXPECT_EQ(0, eventfd_write(is_member, 1));
+            EXPECT_EQ("question", receive(member));
+            EXPECT_TRUE(isWritten(member, "answer"));
+        });
+        EXPECT_TRUE(isReadable(is_member));
+        close(is_member);
+        EXPECT_TRUE(isWritten(speaker, "question"));
+        EXPECT_EQ("question", receive(listener));
+        EXPECT_EQ("answer", receive(listener));
+        EXPECT_EQ(0, other.join());
+    });
+}
+
+TEST_F(UDPMulticast, processesExchangeDatagramsThroughAGroup) {
+    expectExchangeInGroup(IPSocket::IPV4, GROUP, "10.0.0.1", "");
+}
+
+TEST_F(UDPMulticast, processesExchangeDatagramsThroughAGroupOfIPv6) {
+    VESK_SKIP_WITHOUT_IPV6_GROUPS();
+    expectExchangeInGroup(IPSocket::IPV6, GROUP6, "fe80::1%left", "ff02::1:3%right");
 }
 
 } // namespace

@@ -1,8 +1,7 @@
 #pragma once
 
-#include "support/Chain.h"
+#include "SocketRows.h"
 
-#include <vesk/SysError.h>
 #include <vesk/UDPSocket.h>
 
 #include <gtest/gtest.h>
@@ -16,7 +15,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-/// What tests of UDP sockets need.
+/// Support for tests of UDP sockets.
 
 namespace support {
 
@@ -24,9 +23,7 @@ using vesk::IPSocket;
 using vesk::Socket;
 using vesk::UDPSocket;
 
-constexpr std::ErrorType const& StreamError = std::IBinStreamBase::StreamError;
-
-/// A socket without buffers whose hooks can be called one by one. Closes itself, so that a test may end anywhere.
+/// A socket without buffers that exposes its hooks. Its destructor closes it.
 class OpenUDPSocket : public UDPSocket {
 public:
     using UDPSocket::UDPSocket;
@@ -47,22 +44,69 @@ public:
     using UDPSocket::performWrite;
 };
 
-/// The two reports of a failed `send`, `sendto` or `recv`.
-inline std::vector<ExpectedReport>
-streamFailure(std::ErrorType const& family, int id, int error, int stream) {
-    return {{family, id, rowText(family, id, systemText(error))}, {StreamError, stream}};
+/// Checks that a socket opens without a report.
+inline testing::AssertionResult opens(UDPSocket& socket) {
+    socket.open();
+    if (socket.hadError() || socket.getState() != Socket::OPEN) {
+        return testing::AssertionFailure() << "not opened: " << chainIs({}).message();
+    }
+    return chainIs({});
 }
 
-/// Waits until something can be read.
+/// Checks that a socket fails to open and that its state is `state` afterwards. Keeps the reports.
+inline testing::AssertionResult failsToOpen(UDPSocket& socket, Socket::State state) {
+    socket.open();
+    if (socket.hadError() && socket.getState() == state) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "error " << socket.hadError() << ", state " << socket.getState();
+}
+
+/// Checks that the stream writes `data` as one request.
+inline testing::AssertionResult isWritten(UDPSocket& socket, std::string const& data) {
+    unsigned int written = 0;
+    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), written);
+    if (result == 1 && written == data.size() && !socket.hadError()) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "result " << result << ", written " << written;
+}
+
+/// Checks that a transfer of the open socket fails with `expected` and that nothing was transferred.
+inline testing::AssertionResult
+isFailure(UDPSocket const& socket, int expected, int result, unsigned int count) {
+    if (result == expected && count == 0 && socket.hadError() && socket.getState() == Socket::OPEN) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "result " << result << ", count " << count << ", error "
+                                       << socket.hadError() << ", state " << socket.getState();
+}
+
+/// Checks that writing `data` fails and that the socket stays open. Keeps the reports.
+inline testing::AssertionResult failsToWrite(UDPSocket& socket, std::string const& data = "x") {
+    unsigned int count = 77;
+    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), count);
+    return isFailure(socket, -1, result, count);
+}
+
+/// Checks that reading fails, or with the result 0 ends, and that the socket stays open. Keeps the reports.
+inline testing::AssertionResult failsToRead(UDPSocket& socket, int expected = -1) {
+    char block[8];
+    unsigned int count = 77;
+    int const result = socket.read(block, sizeof block, count);
+    return isFailure(socket, expected, result, count);
+}
+
+/// Waits until a descriptor is readable.
 inline testing::AssertionResult isReadable(int fd) {
     pollfd entry{fd, POLLIN, 0};
     if (poll(&entry, 1, 30000) == 1) {
         return testing::AssertionSuccess();
     }
-    return testing::AssertionFailure() << "nothing came";
+    return testing::AssertionFailure() << "nothing arrived";
 }
 
-/// Waits for a datagram and gives it; nothing on failure.
+/// Waits for a datagram and returns it, or nothing if that fails.
 inline std::optional<std::string> receive(UDPSocket& socket, unsigned int room = 70000) {
     std::string datagram(room, '\0');
     unsigned int count = 0;
@@ -75,60 +119,39 @@ inline std::optional<std::string> receive(UDPSocket& socket, unsigned int room =
     return datagram;
 }
 
-/// Whether all of it is written as one request.
-inline testing::AssertionResult isWritten(UDPSocket& socket, std::string const& data) {
-    unsigned int written = 0;
-    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), written);
-    if (result == 1 && written == data.size() && !socket.hadError()) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "result " << result << ", written " << written;
-}
-
-/// A socket of the bare system, on the loopback interface.
-class Peer {
+/// A UDP socket of plain system calls, bound to a free port of the loopback interface.
+class Peer : private tarnbase::NonCopyable {
 public:
-    explicit Peer(IPSocket::IPProtocolVersion version = IPSocket::IPV4) : m_version(version) {
-        m_fd = socket(version == IPSocket::IPV6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (version == IPSocket::IPV6) {
-            sockaddr_in6 const address = IPSocket::IPAddress::makeHandle(in6addr_loopback, 0, 0);
-            bindTo(reinterpret_cast<sockaddr const*>(&address), sizeof address);
-        } else {
-            sockaddr_in const address = IPSocket::IPAddress::makeHandle(INADDR_LOOPBACK, 0);
-            bindTo(reinterpret_cast<sockaddr const*>(&address), sizeof address);
+    explicit Peer(IPSocket::IPProtocolVersion version = IPSocket::IPV4)
+        : m_six(version == IPSocket::IPV6),
+          m_fd(socket(m_six ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        if (setDestination({m_six ? IPSocket::LOOPBACK_IP6 : IPSocket::LOOPBACK_IP, 0}) &&
+            bind(m_fd, m_other, m_length) == 0 && getsockname(m_fd, m_other, &m_length) == 0) {
+            m_address = m_six ? IPSocket::IPAddress(reinterpret_cast<sockaddr_in6 const&>(m_storage))
+                              : IPSocket::IPAddress(reinterpret_cast<sockaddr_in const&>(m_storage));
         }
     }
     ~Peer() { stop(); }
 
-    Peer(Peer const&) = delete;
-    Peer& operator=(Peer const&) = delete;
-
     IPSocket::IPAddress const& getAddress() const { return m_address; }
-    int getFd() const { return m_fd; }
 
-    /// Whether the machine has this version.
+    /// Returns whether the machine supports this version.
     bool isThere() const { return m_address.port != 0; }
 
-    /// Closes it: what is sent to its address is refused from now on.
+    /// Closes the socket, so that datagrams to its address are refused.
     void stop() {
         if (m_fd >= 0) {
-            close(m_fd);
-            m_fd = -1;
+            close(std::exchange(m_fd, -1));
         }
     }
 
-    /// Waits for a datagram and gives it; answers go to where it came from.
+    /// Waits for a datagram and returns it, or nothing if that fails. Answers go to its sender.
     std::optional<std::string> receive() {
         std::string datagram(70000, '\0');
-        testing::AssertionResult const readable = isReadable(m_fd);
-        EXPECT_TRUE(readable);
-        if (!readable) {
-            return std::nullopt;
-        }
-        m_sender_length = sizeof m_sender;
-        ssize_t const count = recvfrom(
-            m_fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&m_sender),
-            &m_sender_length);
+        EXPECT_TRUE(isReadable(m_fd));
+        m_length = sizeof m_storage;
+        ssize_t const count =
+            recvfrom(m_fd, datagram.data(), datagram.size(), MSG_DONTWAIT, m_other, &m_length);
         if (count < 0) {
             return std::nullopt;
         }
@@ -137,43 +160,31 @@ public:
     }
 
     bool answer(std::string const& data) const {
-        return sendto(
-                   m_fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr const*>(&m_sender),
-                   m_sender_length) == static_cast<ssize_t>(data.size());
+        return sendto(m_fd, data.data(), data.size(), 0, m_other, m_length) ==
+            static_cast<ssize_t>(data.size());
     }
 
-    bool sendTo(IPSocket::IPAddress address, std::string const& data) {
-        bool failed = false;
-        if (m_version == IPSocket::IPV6) {
-            failed = address.getBinary(reinterpret_cast<sockaddr_in6&>(m_sender));
-            m_sender_length = sizeof(sockaddr_in6);
-        } else {
-            failed = address.getBinary(reinterpret_cast<sockaddr_in&>(m_sender));
-            m_sender_length = sizeof(sockaddr_in);
-        }
-        return !failed && answer(data);
+    bool sendTo(IPSocket::IPAddress const& address, std::string const& data) {
+        return setDestination(address) && answer(data);
     }
 
 private:
-    void bindTo(sockaddr const* address, socklen_t length) {
-        m_sender_length = sizeof m_sender;
-        if (m_fd < 0 || bind(m_fd, address, length) != 0 ||
-            getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_sender), &m_sender_length) != 0) {
-            return;
-        }
-        m_address = m_version == IPSocket::IPV6
-            ? IPSocket::IPAddress(reinterpret_cast<sockaddr_in6 const&>(m_sender))
-            : IPSocket::IPAddress(reinterpret_cast<sockaddr_in const&>(m_sender));
+    /// Makes an address the destination of answers.
+    bool setDestination(IPSocket::IPAddress address) {
+        m_length = m_six ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+        return m_six ? !address.getBinary(reinterpret_cast<sockaddr_in6&>(m_storage))
+                     : !address.getBinary(reinterpret_cast<sockaddr_in&>(m_storage));
     }
 
-    IPSocket::IPProtocolVersion m_version;
-    int m_fd = -1;
+    bool m_six;
+    int m_fd;
     IPSocket::IPAddress m_address;
-    sockaddr_storage m_sender{};
-    socklen_t m_sender_length = 0;
+    sockaddr_storage m_storage{};
+    sockaddr* m_other = reinterpret_cast<sockaddr*>(&m_storage);
+    socklen_t m_length = 0;
 };
 
-/// Whether a socket may name the interface of its groups: emulators do not know the option.
+/// Returns whether a socket can name the interface of its groups. User-mode QEMU does not support the option.
 inline bool mayNameInterfaces(IPSocket::IPProtocolVersion version) {
     bool const six = version == IPSocket::IPV6;
     int const fd = socket(six ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

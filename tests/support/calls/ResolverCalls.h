@@ -2,6 +2,8 @@
 
 #include "support/Inject.h"
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -19,11 +21,11 @@
 #include <utility>
 #include <vector>
 
-/// The calls of the system's resolver, replaced: they tell what they were called with, and give the answers that a test
-/// has prepared. Include it in one file of a test program.
+/// Replaces the calls of the system's resolver: they record their arguments and return the answers that a
+/// test has prepared. Must be included in exactly one file of a test program.
 ///
-/// Where no answer is prepared the real ones answer, but never by asking a name server: they take numeric addresses for
-/// numeric addresses, and names for unknown.
+/// Without a prepared answer the real functions are called so that they query no name server: they convert
+/// numeric addresses, and know no names.
 
 namespace support {
 
@@ -31,7 +33,7 @@ namespace support {
 struct LookupCall {
     std::optional<std::string> name;
     bool has_service;
-    bool has_only_hints; ///< All of the hints is zero except for the four below.
+    bool has_only_hints; ///< The other fields of the hints are zero.
     int flags;
     int family;
     int type;
@@ -47,14 +49,14 @@ struct NamingCall {
     int flags;
 };
 
-/// One entry of a list that `getaddrinfo` gives.
+/// One entry of a list that `getaddrinfo` returns.
 struct ListEntry {
     sockaddr_in6 address{};
     socklen_t length = 0;
     int family = 0;
 
-    /// @param text   of an address of either version
-    /// @param scope  of one of IPv6
+    /// @param text   a numeric address of either version
+    /// @param scope  for IPv6
     ListEntry(std::string const& text, unsigned int scope = 0) {
         auto* const v4 = reinterpret_cast<sockaddr_in*>(&address);
         if (inet_pton(AF_INET, text.c_str(), &v4->sin_addr) == 1) {
@@ -68,7 +70,7 @@ struct ListEntry {
         }
     }
 
-    /// One of a family that is neither.
+    /// Returns an entry of another family.
     static ListEntry local() {
         ListEntry entry("::");
         entry.family = entry.address.sin6_family = AF_UNIX;
@@ -76,31 +78,59 @@ struct ListEntry {
     }
 };
 
-/// Takes the calls of the process while it lives. At its end no list is left.
-class ResolverCalls {
+/// The next answer of `getaddrinfo`, which is a list or a failure, or the next text of `getnameinfo`.
+struct Answer {
+    explicit Answer(int failure, int error_number = 0) : code(failure), error(error_number) {}
+    explicit Answer(char const* host) : is_list(false), text(host) {}
+
+    bool is_list = true;
+    int code = 0;
+    int error = 0; ///< The value of `errno`.
+    std::vector<ListEntry> entries;
+    std::string text;
+};
+
+inline Answer list(std::vector<ListEntry> entries) {
+    Answer answer(0);
+    answer.entries = std::move(entries);
+    return answer;
+}
+
+/// Replaces the calls of the process during its lifetime. Its destructor checks that every list was freed and
+/// every answer used.
+class ResolverCalls : private tarnbase::NonCopyable {
 public:
     ResolverCalls() { s_current = this; }
     ~ResolverCalls() {
         s_current = nullptr;
-        EXPECT_TRUE(m_kept.empty()) << "lists that nobody freed";
-        EXPECT_TRUE(m_list_answers.empty() && m_name_answers.empty()) << "answers that nobody asked for";
+        EXPECT_TRUE(m_kept.empty()) << "lists were not freed";
+        EXPECT_TRUE(m_list_answers.empty() && m_name_answers.empty()) << "answers were not used";
     }
 
-    ResolverCalls(ResolverCalls const&) = delete;
-    ResolverCalls& operator=(ResolverCalls const&) = delete;
-
-    /// The next call of `getaddrinfo` gives a list, or fails.
-    void answerList(std::vector<ListEntry> entries) { m_list_answers.push_back({0, 0, std::move(entries)}); }
-    void failList(int code, int error = 0) { m_list_answers.push_back({code, error, {}}); }
-
-    /// The next call of `getnameinfo` gives a text, or fails.
-    void answerName(std::string text) { m_name_answers.push_back({0, 0, std::move(text)}); }
-    void failName(int code, int error = 0) { m_name_answers.push_back({code, error, {}}); }
+    /// Prepares answers.
+    void answer(std::vector<Answer> const& answers) {
+        for (Answer const& next : answers) {
+            (next.is_list ? m_list_answers : m_name_answers).push_back(next);
+        }
+    }
+    void answerList(std::vector<ListEntry> entries) { m_list_answers.push_back(list(std::move(entries))); }
+    void failList(int code, int error = 0) { m_list_answers.emplace_back(code, error); }
+    void answerName(std::string const& text) { m_name_answers.emplace_back(text.c_str()); }
+    void failName(int code, int error = 0) { m_name_answers.emplace_back(code, error); }
 
     std::vector<LookupCall> const& getLookups() const { return m_lookups; }
     std::vector<NamingCall> const& getNamings() const { return m_namings; }
 
-    /// Lists that were given and not freed, and how many have been freed.
+    /// Returns the names that were looked up.
+    std::vector<std::string> getNames() const {
+        std::vector<std::string> names;
+        for (LookupCall const& call : m_lookups) {
+            names.push_back(call.name.value_or("(null)"));
+        }
+        return names;
+    }
+
+    /// Returns how many lists were returned and not freed, and how many were freed.
     size_t countKept() const { return m_kept.size(); }
     int countFreed() const { return m_freed; }
 
@@ -120,7 +150,7 @@ public:
         m_lookups.push_back(
             {name != nullptr ? std::optional<std::string>(name) : std::nullopt, service != nullptr,
              has_only_hints, hints->ai_flags, hints->ai_family, hints->ai_socktype, hints->ai_protocol});
-        // What is left there by a failure is nobody's.
+        // A failure must not make the library use or free the pointer.
         *list = reinterpret_cast<addrinfo*>(0x10);
         if (m_list_answers.empty()) {
             plain.ai_flags |= AI_NUMERICHOST;
@@ -132,7 +162,7 @@ public:
             }
             return code;
         }
-        ListAnswer const answer = std::move(m_list_answers.front());
+        Answer const answer = std::move(m_list_answers.front());
         m_list_answers.pop_front();
         if (answer.code != 0) {
             errno = answer.error;
@@ -159,13 +189,13 @@ public:
     template <typename Real>
     void free(Real real, addrinfo* list) {
         if (m_kept.erase(list) == 0) {
-            ADD_FAILURE() << "freed what is no list, or was freed before";
+            ADD_FAILURE() << "freed something that is no list or was freed before";
             return;
         }
         ++m_freed;
         for (auto const& node : m_nodes) {
             if (&node->info == list) {
-                // What a freed list says is worth nothing; its memory stays until the end of the test.
+                // The memory stays until the end of the test, so that a use after the free is detected.
                 memset(&node->address, 0xEB, sizeof node->address);
                 return;
             }
@@ -184,10 +214,10 @@ public:
             if ((flags & NI_NAMEREQD) == 0) {
                 return real(address, length, host, room, service, service_room, flags | NI_NUMERICHOST);
             }
-            ADD_FAILURE() << "would ask a name server for the name of " << numeric;
+            ADD_FAILURE() << "would query a name server for the name of " << numeric;
             return EAI_FAIL;
         }
-        NameAnswer const answer = std::move(m_name_answers.front());
+        Answer const answer = std::move(m_name_answers.front());
         m_name_answers.pop_front();
         if (answer.code != 0) {
             errno = answer.error;
@@ -205,21 +235,11 @@ private:
         addrinfo info{};
         sockaddr_in6 address{};
     };
-    struct ListAnswer {
-        int code;
-        int error;
-        std::vector<ListEntry> entries;
-    };
-    struct NameAnswer {
-        int code;
-        int error;
-        std::string text;
-    };
 
     static inline ResolverCalls* s_current = nullptr;
 
-    std::deque<ListAnswer> m_list_answers;
-    std::deque<NameAnswer> m_name_answers;
+    std::deque<Answer> m_list_answers;
+    std::deque<Answer> m_name_answers;
     std::vector<LookupCall> m_lookups;
     std::vector<NamingCall> m_namings;
     std::vector<std::unique_ptr<Node>> m_nodes;

@@ -2,9 +2,12 @@
 
 #include "support/Inject.h"
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <netdb.h>
@@ -12,42 +15,37 @@
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <vector>
+#include <utility>
 
-/// The system calls below the UDP sockets, replaced: a `support::Fault` makes them fail, and a `CallRecorder` notes them
-/// with their arguments. Include it in one file of a test program.
+/// Replaces the system calls below the UDP sockets: a `support::Fault` makes them fail, and a `CallRecorder`
+/// records them with their arguments. Must be included in exactly one file of a test program.
 
 namespace support {
 
-/// Notes the calls of the one thread of a test while it lives, whether they fail or not. One at a time.
+/// Records the calls of a test with one thread during its lifetime, whether they fail or not. Only one
+/// recorder can exist at a time.
 ///
 ///     CallRecorder const calls(CallRecorder::PRETEND);
 ///     socket.open();
 ///     EXPECT_EQ("bind(s, 0200 0000 7f000001 ...)\n", calls.getText());
 ///
-/// "s" stands for the descriptor that the last `socket` made. Blocks of bytes are shown in hexadecimal, in their order in
-/// memory.
-class CallRecorder {
+/// "s" stands for the descriptor that the last `socket` created. Bytes are shown in hexadecimal, in the order
+/// of memory.
+class CallRecorder : private tarnbase::NonCopyable {
 public:
     enum Effect {
-        REAL,    ///< The system gets the calls.
-        PRETEND, ///< It gets those that make, prepare and close a descriptor; all others only seem to succeed.
+        REAL,    ///< Every call reaches the system.
+        PRETEND, ///< Only the calls that create, prepare and close a descriptor reach it; the others succeed.
     };
 
     explicit CallRecorder(Effect effect = REAL) : m_effect(effect) { s_current = this; }
     ~CallRecorder() { s_current = nullptr; }
 
-    CallRecorder(CallRecorder const&) = delete;
-    CallRecorder& operator=(CallRecorder const&) = delete;
+    /// Returns the calls since the last use, one per line.
+    std::string getText() { return std::exchange(m_text, {}); }
 
-    /// The calls so far, a line each. Forgets them.
-    std::string getText() {
-        std::string text;
-        text.swap(m_text);
-        return text;
-    }
-
-    static bool isPretending() noexcept { return s_current != nullptr && s_current->m_effect == PRETEND; }
+    static bool isRecording() noexcept { return s_current != nullptr; }
+    static bool isPretending() noexcept { return isRecording() && s_current->m_effect == PRETEND; }
 
     /// Adds a call: its descriptor, then the other arguments.
     static void note(char const* function, int fd, std::string const& arguments) {
@@ -66,14 +64,13 @@ public:
                 std::to_string(type) + ", " + std::to_string(protocol) + ")\n";
         }
     }
-    static bool isRecording() noexcept { return s_current != nullptr; }
 
     static std::string toHex(void const* bytes, size_t size) {
         std::string text;
         for (size_t i = 0; i < size; ++i) {
-            unsigned int const byte = static_cast<unsigned char const*>(bytes)[i];
-            text += "0123456789abcdef"[byte >> 4];
-            text += "0123456789abcdef"[byte & 15];
+            char digits[3];
+            snprintf(digits, sizeof digits, "%02x", static_cast<unsigned char const*>(bytes)[i]);
+            text += digits;
         }
         return text;
     }
@@ -109,15 +106,12 @@ private:
     std::string m_text;
 };
 
-/// What `getsockopt` tells while one of it lives, in place of what the system would.
-struct PretendedOption {
+/// Replaces the answer of `getsockopt` during its lifetime.
+struct PretendedOption : private tarnbase::NonCopyable {
     PretendedOption(int option_value, socklen_t option_length) : value(option_value), length(option_length) {
         s_current = this;
     }
     ~PretendedOption() { s_current = nullptr; }
-
-    PretendedOption(PretendedOption const&) = delete;
-    PretendedOption& operator=(PretendedOption const&) = delete;
 
     static inline PretendedOption* s_current = nullptr;
 
@@ -125,7 +119,7 @@ struct PretendedOption {
     socklen_t length;
 };
 
-/// Whether the call is to fail, with `errno` set if so.
+/// Returns whether the call must fail, and sets `errno` if so.
 VESK_UNWATCHED inline bool fails(Injected& function) {
     int error = 0;
     if (!function.fails(error)) {
@@ -143,14 +137,50 @@ VESK_INJECT_RESULT(
 VESK_INJECT_ERRNO(
     ssize_t, -1, recv, (int fd, void* buffer, size_t size, int flags), (fd, buffer, size, flags))
 
+/// Replaces a function with the descriptor `fd` as its first parameter: it notes the call, then fails,
+/// returns `pretended`, or calls the real function.
+/// @param noted  the text of the other arguments
+#define VESK_INJECT_RECORDED(result, name, parameters, arguments, pretended, noted)                          \
+    support::Injected inject_##name(#name);                                                                  \
+    extern "C" VESK_UNWATCHED result name parameters {                                                       \
+        using support::CallRecorder;                                                                         \
+        if (CallRecorder::isRecording()) {                                                                   \
+            CallRecorder::note(#name, fd, noted);                                                            \
+        }                                                                                                    \
+        if (support::fails(inject_##name)) {                                                                 \
+            return -1;                                                                                       \
+        }                                                                                                    \
+        if (CallRecorder::isPretending()) {                                                                  \
+            return pretended;                                                                                \
+        }                                                                                                    \
+        return reinterpret_cast<result(*) parameters>(inject_##name.getReal()) arguments;                    \
+    }
+
+VESK_INJECT_RECORDED(
+    int, setsockopt, (int fd, int level, int option, void const* value, socklen_t length) noexcept,
+    (fd, level, option, value, length), 0,
+    CallRecorder::toText(level, option) + ", " + CallRecorder::toHex(value, length))
+VESK_INJECT_RECORDED(
+    int, bind, (int fd, sockaddr const* address, socklen_t length) noexcept, (fd, address, length), 0,
+    CallRecorder::toHex(address, length))
+VESK_INJECT_RECORDED(
+    int, connect, (int fd, sockaddr const* address, socklen_t length), (fd, address, length), 0,
+    CallRecorder::toHex(address, length))
+VESK_INJECT_RECORDED(
+    ssize_t, send, (int fd, void const* data, size_t size, int flags), (fd, data, size, flags),
+    static_cast<ssize_t>(size), CallRecorder::toHex(data, size) + ", " + std::to_string(flags))
+VESK_INJECT_RECORDED(
+    ssize_t, sendto,
+    (int fd, void const* data, size_t size, int flags, sockaddr const* address, socklen_t length),
+    (fd, data, size, flags, address, length), static_cast<ssize_t>(size),
+    CallRecorder::toHex(data, size) + ", " + std::to_string(flags) + ", " +
+        CallRecorder::toHex(address, length))
+
+#undef VESK_INJECT_RECORDED
+
 support::Injected inject_socket("socket");
 support::Injected inject_fcntl("fcntl");
-support::Injected inject_setsockopt("setsockopt");
 support::Injected inject_getsockopt("getsockopt");
-support::Injected inject_bind("bind");
-support::Injected inject_connect("connect");
-support::Injected inject_send("send");
-support::Injected inject_sendto("sendto");
 support::Injected inject_close("close");
 
 /// Forwards to the replaced function.
@@ -159,9 +189,7 @@ support::Injected inject_close("close");
 extern "C" {
 
 VESK_UNWATCHED int socket(int domain, int type, int protocol) {
-    if (support::CallRecorder::isRecording()) {
-        support::CallRecorder::noteSocket(domain, type, protocol);
-    }
+    support::CallRecorder::noteSocket(domain, type, protocol);
     if (support::fails(inject_socket)) {
         return -1;
     }
@@ -183,26 +211,7 @@ VESK_UNWATCHED int fcntl(int fd, int command, ...) {
                 : command == F_SETFL ? "F_SETFL, " + std::to_string(static_cast<int>(argument))
                                      : std::to_string(command));
     }
-    if (support::fails(inject_fcntl)) {
-        return -1;
-    }
-    return VESK_REAL(fcntl, int, (int, int, ...))(fd, command, argument);
-}
-
-VESK_UNWATCHED int setsockopt(int fd, int level, int option, void const* value, socklen_t length) noexcept {
-    if (support::CallRecorder::isRecording()) {
-        support::CallRecorder::note(
-            "setsockopt", fd,
-            support::CallRecorder::toText(level, option) + ", " +
-                support::CallRecorder::toHex(value, length));
-    }
-    if (support::fails(inject_setsockopt)) {
-        return -1;
-    }
-    return support::CallRecorder::isPretending()
-        ? 0
-        : VESK_REAL(setsockopt, int, (int, int, int, void const*, socklen_t))(
-              fd, level, option, value, length);
+    return support::fails(inject_fcntl) ? -1 : VESK_REAL(fcntl, int, (int, int, ...))(fd, command, argument);
 }
 
 VESK_UNWATCHED int getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
@@ -221,64 +230,8 @@ VESK_UNWATCHED int getsockopt(int fd, int level, int option, void* value, sockle
     return VESK_REAL(getsockopt, int, (int, int, int, void*, socklen_t*))(fd, level, option, value, length);
 }
 
-VESK_UNWATCHED int bind(int fd, sockaddr const* address, socklen_t length) noexcept {
-    if (support::CallRecorder::isRecording()) {
-        support::CallRecorder::note("bind", fd, support::CallRecorder::toHex(address, length));
-    }
-    if (support::fails(inject_bind)) {
-        return -1;
-    }
-    return support::CallRecorder::isPretending()
-        ? 0
-        : VESK_REAL(bind, int, (int, sockaddr const*, socklen_t))(fd, address, length);
-}
-
-VESK_UNWATCHED int connect(int fd, sockaddr const* address, socklen_t length) {
-    if (support::CallRecorder::isRecording()) {
-        support::CallRecorder::note("connect", fd, support::CallRecorder::toHex(address, length));
-    }
-    if (support::fails(inject_connect)) {
-        return -1;
-    }
-    return support::CallRecorder::isPretending()
-        ? 0
-        : VESK_REAL(connect, int, (int, sockaddr const*, socklen_t))(fd, address, length);
-}
-
-VESK_UNWATCHED ssize_t send(int fd, void const* data, size_t size, int flags) {
-    if (support::CallRecorder::isRecording()) {
-        support::CallRecorder::note(
-            "send", fd, support::CallRecorder::toHex(data, size) + ", " + std::to_string(flags));
-    }
-    if (support::fails(inject_send)) {
-        return -1;
-    }
-    return support::CallRecorder::isPretending()
-        ? static_cast<ssize_t>(size)
-        : VESK_REAL(send, ssize_t, (int, void const*, size_t, int))(fd, data, size, flags);
-}
-
-VESK_UNWATCHED ssize_t
-sendto(int fd, void const* data, size_t size, int flags, sockaddr const* address, socklen_t length) {
-    if (support::CallRecorder::isRecording()) {
-        support::CallRecorder::note(
-            "sendto", fd,
-            support::CallRecorder::toHex(data, size) + ", " + std::to_string(flags) + ", " +
-                support::CallRecorder::toHex(address, length));
-    }
-    if (support::fails(inject_sendto)) {
-        return -1;
-    }
-    return support::CallRecorder::isPretending()
-        ? static_cast<ssize_t>(size)
-        : VESK_REAL(sendto, ssize_t, (int, void const*, size_t, int, sockaddr const*, socklen_t))(
-              fd, data, size, flags, address, length);
-}
-
 VESK_UNWATCHED int close(int fd) {
-    if (support::CallRecorder::isRecording()) {
-        support::CallRecorder::note("close", fd, "");
-    }
+    support::CallRecorder::note("close", fd, "");
     return support::fails(inject_close) ? -1 : VESK_REAL(close, int, (int))(fd);
 }
 

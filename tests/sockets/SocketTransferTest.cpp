@@ -1,0 +1,526 @@
+#include "SocketRows.h"
+#include "TestSocket.h"
+#include "support/InjectNoting.h"
+#include "support/Privileges.h"
+
+#include <tarncommon/error/ErrorStorage.h>
+
+#include <chrono>
+#include <csignal>
+#include <sys/time.h>
+#include <thread>
+
+/// Reading and writing of the base class of all sockets.
+
+namespace {
+// The arguments of the last call.
+int s_fd = -1;
+size_t s_size = 0;
+int s_flags = -1;
+// How many bytes more a call returns than it received.
+ssize_t s_excess = 0;
+} // namespace
+
+VESK_INJECT_NOTING(
+    ssize_t, -1, send, (int fd, void const* data, size_t size, int flags), (fd, data, size, flags), s_fd = fd,
+    s_size = size, s_flags = flags)
+
+support::Injected inject_recv("recv");
+extern "C" VESK_UNWATCHED ssize_t recv(int fd, void* buffer, size_t size, int flags) {
+    s_fd = fd;
+    s_flags = flags;
+    int error = 0;
+    if (inject_recv.fails(error)) {
+        errno = error;
+        return -1;
+    }
+    ssize_t const count = reinterpret_cast<decltype(&recv)>(inject_recv.getReal())(fd, buffer, size, flags);
+    return count > 0 ? count + s_excess : count;
+}
+
+namespace {
+
+using namespace support;
+using std::CommonErrorId::CONTRACT_BROKEN;
+using vesk::Socket;
+
+constexpr unsigned int UNTOUCHED = 99;
+constexpr std::chrono::milliseconds SHORT_WAIT{50};
+
+/// Reading or writing. Both transfer the bytes "ab" or fewer of them.
+struct Direction {
+    char const* name;
+    Injected& call;
+    char const* misuse;
+    bool (*perform)(TestSocket& socket, unsigned int size, unsigned int& count);
+    int (*transfer)(TestSocket& socket, unsigned int size, unsigned int& count);
+
+    friend std::ostream& operator<<(std::ostream& out, Direction const& row) { return out << row.name; }
+};
+
+char s_block[] = "..";
+
+Direction const READ{
+    "read", inject_recv, "called read on non-OPEN socket",
+    [](TestSocket& socket, unsigned int size, unsigned int& count) {
+        return socket.performRead(size != 0 ? s_block : nullptr, size, count);
+    },
+    [](TestSocket& socket, unsigned int size, unsigned int& count) {
+        return socket.read(size != 0 ? s_block : nullptr, size, count);
+    }};
+Direction const WRITE{
+    "write", inject_send, "called write on non-OPEN socket",
+    [](TestSocket& socket, unsigned int size, unsigned int& count) {
+        return socket.performWrite(size != 0 ? "ab" : nullptr, size, count);
+    },
+    [](TestSocket& socket, unsigned int size, unsigned int& count) {
+        return socket.write(size != 0 ? "ab" : nullptr, size, count);
+    }};
+
+/// Checks that "ab" was read from the peer, which has sent it, or has arrived there.
+void expectTransferred(Direction const& direction, Ends const& ends) {
+    EXPECT_EQ("ab", &direction.call == &inject_recv ? std::string(s_block) : ends.receive(16));
+    strcpy(s_block, "..");
+}
+
+/// Checks that a failed transfer transfers nothing, is reported and keeps the state of the socket.
+void expectFailure(Direction const& direction, ErrnoRow const& row) {
+    ConnectedSocket socket;
+    socket.ends.send("ab");
+    int const fd = socket.getSocketFd();
+    unsigned int count = UNTOUCHED;
+    Fault const fault(direction.call, row.error, 1, 2);
+    EXPECT_TRUE(direction.perform(socket, 2, count));
+    EXPECT_EQ(1, fault.getCalls());
+    EXPECT_TRUE(chainIs(row.reports));
+    EXPECT_EQ(0U, count);
+    EXPECT_TRUE(socket.hadError());
+    EXPECT_EQ(Socket::OPEN, socket.getState());
+    EXPECT_TRUE(socket.isValid());
+    EXPECT_EQ(fd, socket.getSocketFd());
+    EXPECT_EQ(-1, direction.transfer(socket, 2, count));
+    EXPECT_EQ(0U, count);
+    EXPECT_TRUE(chainIs(row.reports));
+
+    EXPECT_FALSE(direction.perform(socket, 2, count)) << "the next transfer can succeed";
+    EXPECT_EQ(2U, count);
+    EXPECT_FALSE(socket.hadError());
+    expectTransferred(direction, socket.ends);
+}
+
+class SocketReadRow : public testing::TestWithParam<ErrnoRow> {};
+
+TEST_P(SocketReadRow, isReportedBelowTheStreamsErrorAndKeepsTheState) {
+    expectFailure(READ, GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, SocketReadRow,
+    testing::ValuesIn(errnoRows({
+        {{ECONNRESET}, {SocketErrorId::CONNECTION_RESET, StreamErrorId::UNUSABLE}},
+        {{EINVAL}, {SocketErrorId::INVALID_SOCKET, StreamErrorId::UNUSABLE}},
+        {{EIO, EBADF, ENOTSOCK, EOPNOTSUPP}, {SysErrorId::SPOILED_INTEGRITY, StreamErrorId::UNUSABLE}},
+        {{ENOTCONN, ECONNREFUSED}, {SocketErrorId::PEER_UNREACHABLE, StreamErrorId::UNUSABLE}},
+        {{ETIMEDOUT}, {SocketErrorId::COMMUNICATION_FAILED, StreamErrorId::TRANSFER_FAILED}},
+        {{ENOBUFS}, {SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED}},
+        {{ENOMEM}, {SysErrorId::OUT_OF_MEMORY, StreamErrorId::TRANSFER_FAILED}},
+        {{EFAULT, EPIPE, EPERM, EHOSTUNREACH, EMSGSIZE, ENODEV},
+         {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED}},
+    })),
+    errnoName);
+
+VESK_TEST_ROWS(SocketWriteRow, isReportedBelowTheStreamsErrorAndKeepsTheState, sendRows()) {
+    expectFailure(WRITE, GetParam());
+}
+
+// ---- both directions ----
+
+auto const DIRECTIONS = testing::Values(READ, WRITE);
+
+class SocketTransferState : public testing::TestWithParam<std::tuple<Direction, Socket::State>> {};
+
+TEST_P(SocketTransferState, otherThanOpenTransfersNothingAndLeavesTheCount) {
+    auto const& [direction, state] = GetParam();
+    Ends ends = makeEnds(SOCK_STREAM | SOCK_NONBLOCK);
+    ends.send("ab");
+    TestSocket socket(ends.takeMine(), state);
+    unsigned int count = UNTOUCHED;
+    Fault const calls(direction.call, 0);
+    EXPECT_TRUE(direction.perform(socket, 2, count));
+    EXPECT_EQ(UNTOUCHED, count);
+    EXPECT_STREQ("..", s_block);
+    EXPECT_TRUE(socket.hadError());
+    EXPECT_TRUE(chainIs(direction.misuse, {CONTRACT_BROKEN, StreamErrorId::UNUSABLE}));
+    EXPECT_EQ(-1, direction.transfer(socket, 2, count));
+    EXPECT_TRUE(chainIs({CONTRACT_BROKEN, StreamErrorId::UNUSABLE}));
+    EXPECT_EQ(0, calls.getCalls());
+    EXPECT_EQ(state, socket.getState());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    states, SocketTransferState,
+    testing::Combine(DIRECTIONS, testing::Values(Socket::INACTIVE, Socket::DEAD)), [](auto const& row) {
+        return std::string(std::get<0>(row.param).name) +
+            (std::get<1>(row.param) == Socket::DEAD ? "Dead" : "Inactive");
+    });
+
+class SocketTransfer : public testing::TestWithParam<Direction> {};
+
+TEST_P(SocketTransfer, isRepeatedWhileASignalInterruptsIt) {
+    ConnectedSocket socket;
+    socket.ends.send("ab");
+    unsigned int count = UNTOUCHED;
+    Fault const fault(GetParam().call, EINTR, 1, 5);
+    EXPECT_FALSE(GetParam().perform(socket, 2, count));
+    EXPECT_EQ(2U, count);
+    EXPECT_EQ(6, fault.getCalls());
+    EXPECT_FALSE(socket.hadError());
+    expectTransferred(GetParam(), socket.ends);
+}
+
+TEST_P(SocketTransfer, ofNoBytesSucceedsWithoutACallAndTransfersNoDatagram) {
+    for (int const type : {SOCK_STREAM, SOCK_DGRAM, SOCK_SEQPACKET}) {
+        for (unsigned int const buffer : {0U, 64U}) {
+            ConnectedSocket socket(makeEnds(type), true, buffer, buffer);
+            unsigned int count = UNTOUCHED;
+            for (bool const is_waiting : {false, true}) {
+                if (is_waiting) {
+                    socket.ends.send("ab");
+                }
+                Fault const calls(GetParam().call, 0);
+                socket.setHadError();
+                EXPECT_FALSE(GetParam().perform(socket, 0, count));
+                EXPECT_EQ(0U, count);
+                EXPECT_FALSE(socket.hadError());
+                count = UNTOUCHED;
+                EXPECT_EQ(1, GetParam().transfer(socket, 0, count));
+                EXPECT_EQ(0U, count);
+                EXPECT_EQ(0, calls.getCalls());
+            }
+            EXPECT_EQ(1, GetParam().transfer(socket, 2, count));
+            EXPECT_FALSE(socket.flush(false));
+            expectTransferred(GetParam(), socket.ends);
+        }
+    }
+}
+
+TEST_P(SocketTransfer, failsAfterThePeerResetTheConnection) {
+    ConnectedSocket socket(makeTcpEnds());
+    socket.ends.resetByPeer();
+    ASSERT_TRUE(waitFor(socket.getSocketFd(), POLLHUP));
+    unsigned int count = UNTOUCHED;
+    EXPECT_TRUE(GetParam().perform(socket, 1, count));
+    EXPECT_EQ(0U, count);
+    EXPECT_TRUE(chainIs(ECONNRESET, {SocketErrorId::CONNECTION_RESET, StreamErrorId::UNUSABLE}));
+    EXPECT_EQ(Socket::OPEN, socket.getState());
+}
+
+TEST_P(SocketTransfer, failsWithoutAConnectedSocket) {
+    unsigned int count = UNTOUCHED;
+    TestSocket without_descriptor(-1, Socket::OPEN);
+    EXPECT_TRUE(GetParam().perform(without_descriptor, 1, count));
+    EXPECT_EQ(0U, count);
+    EXPECT_TRUE(chainIs(EBADF, {SysErrorId::SPOILED_INTEGRITY, StreamErrorId::UNUSABLE}));
+
+    bool const reads = &GetParam().call == &inject_recv;
+    TestSocket unconnected(socket(AF_INET, (reads ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0));
+    EXPECT_TRUE(GetParam().perform(unconnected, 1, count));
+    EXPECT_TRUE(
+        reads ? chainIs(ENOTCONN, {SocketErrorId::PEER_UNREACHABLE, StreamErrorId::UNUSABLE})
+              : chainIs(EDESTADDRREQ, {SocketErrorId::ADDRESS_INVALID, StreamErrorId::UNUSABLE}));
+}
+
+INSTANTIATE_TEST_SUITE_P(directions, SocketTransfer, DIRECTIONS, testing::PrintToStringParamName());
+
+// ---- reading ----
+
+TEST(SocketRead, returnsTheReceivedBytesWithOneCall) {
+    ConnectedSocket socket;
+    socket.ends.send("hello");
+    socket.setHadError();
+    char block[16];
+    unsigned int got = UNTOUCHED;
+    Fault const calls(inject_recv, 0);
+    EXPECT_FALSE(socket.performRead(block, sizeof block, got));
+    EXPECT_EQ("hello", std::string(block, got));
+    EXPECT_FALSE(socket.hadError());
+    EXPECT_EQ(1, calls.getCalls());
+    EXPECT_EQ(socket.getSocketFd(), s_fd);
+    EXPECT_EQ(0, s_flags);
+}
+
+TEST(SocketRead, takesNoMoreThanRequested) {
+    ConnectedSocket socket;
+    socket.ends.send("hello");
+    char block[4] = "xyz";
+    unsigned int got = UNTOUCHED;
+    EXPECT_FALSE(socket.performRead(block, 2, got));
+    EXPECT_EQ(2U, got);
+    EXPECT_STREQ("hez", block);
+    EXPECT_FALSE(socket.performRead(block, 3, got));
+    EXPECT_EQ("llo", std::string(block, got));
+}
+
+TEST(SocketRead, succeedsWithoutBytesOnANonBlockingDescriptor) {
+    ConnectedSocket socket(makeEnds(SOCK_STREAM | SOCK_NONBLOCK));
+    char byte = 0;
+    unsigned int got = UNTOUCHED;
+    socket.setHadError();
+    EXPECT_FALSE(socket.performRead(&byte, 1, got));
+    EXPECT_EQ(0U, got);
+    EXPECT_FALSE(socket.hadError());
+    got = UNTOUCHED;
+    EXPECT_EQ(1, socket.read(&byte, 1, got));
+    EXPECT_EQ(0U, got);
+}
+
+TEST(SocketRead, waitsAsItsDescriptorDoesEvenInANonBlockingStream) {
+    ConnectedSocket socket(makeEnds(), false, 0, 0);
+    timeval const limit{0, 50000};
+    ASSERT_EQ(0, setsockopt(socket.getSocketFd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit));
+    char byte = 0;
+    unsigned int got = UNTOUCHED;
+    auto const start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(socket.performRead(&byte, 1, got));
+    EXPECT_LE(SHORT_WAIT, std::chrono::steady_clock::now() - start);
+    EXPECT_EQ(0U, got);
+}
+
+TEST(SocketRead, waitsForThePeer) {
+    ConnectedSocket socket;
+    std::thread peer([&socket] { socket.ends.send("x"); });
+    char byte = 0;
+    unsigned int got = UNTOUCHED;
+    EXPECT_FALSE(socket.performRead(&byte, 1, got));
+    EXPECT_EQ(1U, got);
+    EXPECT_EQ('x', byte);
+    peer.join();
+}
+
+void expectEnd(TestSocket& socket) {
+    char block[4];
+    unsigned int got = UNTOUCHED;
+    EXPECT_TRUE(socket.performRead(block, sizeof block, got));
+    EXPECT_EQ(0U, got);
+    EXPECT_TRUE(socket.hadError());
+    EXPECT_EQ(Socket::OPEN, socket.getState());
+    EXPECT_TRUE(socket.isValid());
+    Reports const end = {SocketErrorId::CONNECTION_CLOSED, StreamErrorId::END_OF_STREAM};
+    EXPECT_TRUE(chainIs("Connection closed normally", end));
+    got = UNTOUCHED;
+    EXPECT_EQ(0, socket.read(block, sizeof block, got));
+    EXPECT_EQ(0U, got);
+    EXPECT_TRUE(std::ErrorStorage::isA(std::IBinStreamBase::StreamError));
+    EXPECT_EQ(StreamErrorId::END_OF_STREAM, std::ErrorStorage::id());
+    EXPECT_TRUE(chainIs(end));
+}
+
+TEST(SocketRead, reachesTheEndAfterThePeerClosedAndLeavesTheSocketOpen) {
+    for (bool const tcp : {false, true}) {
+        ConnectedSocket socket(tcp ? makeTcpEnds() : makeEnds());
+        socket.ends.send("last");
+        socket.ends.closePeer();
+        char block[16];
+        unsigned int got = 0;
+        EXPECT_EQ(1, socket.read(block, sizeof block, got));
+        EXPECT_EQ("last", std::string(block, got));
+        expectEnd(socket);
+        expectEnd(socket);
+    }
+}
+
+TEST(SocketRead, endOfThePeersDirectionLeavesTheOtherOneUsable) {
+    ConnectedSocket socket(makeTcpEnds());
+    ASSERT_EQ(0, shutdown(socket.ends.getPeer(), SHUT_WR));
+    expectEnd(socket);
+    unsigned int put = 0;
+    EXPECT_EQ(1, socket.write("still", 5, put));
+    EXPECT_EQ("still", socket.ends.receive(16));
+}
+
+TEST(SocketRead, bufferedStreamReturnsTheBytesBeforeTheEnd) {
+    ConnectedSocket socket(makeEnds(), true, 64, 0);
+    socket.ends.send("abc");
+    socket.ends.closePeer();
+    for (unsigned int const expected : {2U, 1U, 0U}) {
+        char block[16];
+        unsigned int got = UNTOUCHED;
+        EXPECT_EQ(expected != 0 ? 1 : 0, socket.read(block, 2, got));
+        EXPECT_EQ(expected, got);
+    }
+    EXPECT_TRUE(chainIs({SocketErrorId::CONNECTION_CLOSED, StreamErrorId::END_OF_STREAM}));
+}
+
+TEST(SocketRead, ofMoreBytesThanRequestedIsCutAndFailsWithoutTheErrorFlag) {
+    ConnectedSocket socket;
+    char block[4];
+    unsigned int got = UNTOUCHED;
+    s_excess = 1;
+    Reports const too_big = {SocketErrorId::MESSAGE_TOO_BIG, StreamErrorId::TRANSFER_FAILED};
+    for (unsigned int const size : {1U, 4U}) {
+        socket.ends.send("abcd");
+        socket.setHadError();
+        errno = EXDEV;
+        EXPECT_TRUE(socket.performRead(block, size, got));
+        EXPECT_EQ(size, got);
+        EXPECT_FALSE(socket.hadError());
+        EXPECT_EQ(Socket::OPEN, socket.getState());
+        EXPECT_TRUE(chainIs(EXDEV, too_big));
+        char rest[4];
+        ::recv(socket.getSocketFd(), rest, sizeof rest, MSG_DONTWAIT);
+    }
+    socket.ends.send("ab");
+    EXPECT_EQ(-1, socket.read(block, 2, got));
+    EXPECT_EQ(2U, got);
+    EXPECT_TRUE(chainIs(too_big));
+    socket.ends.send("ab");
+    EXPECT_FALSE(socket.performRead(block, 3, got)) << "as many bytes as requested";
+    EXPECT_EQ(3U, got);
+    s_excess = 0;
+}
+
+// ---- writing ----
+
+TEST(SocketWrite, sendsWithOneCallThatRaisesNoSignal) {
+    ConnectedSocket socket;
+    socket.setHadError();
+    unsigned int put = UNTOUCHED;
+    Fault const calls(inject_send, 0);
+    EXPECT_FALSE(socket.performWrite("hello", 5, put));
+    EXPECT_EQ(5U, put);
+    EXPECT_FALSE(socket.hadError());
+    EXPECT_EQ(1, calls.getCalls());
+    EXPECT_EQ(socket.getSocketFd(), s_fd);
+    EXPECT_EQ(MSG_NOSIGNAL, s_flags);
+    EXPECT_EQ("hello", socket.ends.receive(16));
+}
+
+TEST(SocketWrite, ofMoreThanThereIsRoomForIsShortAndThenSucceedsWithoutBytes) {
+    ConnectedSocket socket(makeEnds(SOCK_STREAM | SOCK_NONBLOCK), false, 0, 0);
+    std::vector<char> const much(16 << 20, 'x');
+    auto const size = static_cast<unsigned int>(much.size());
+    unsigned int put = 0;
+    {
+        Fault const calls(inject_send, 0);
+        EXPECT_FALSE(socket.performWrite(much.data(), size, put));
+        EXPECT_EQ(1, calls.getCalls()) << "sending the rest is left to the caller";
+        EXPECT_EQ(much.size(), s_size);
+    }
+    EXPECT_LT(0U, put);
+    EXPECT_GT(size, put);
+    unsigned int sent = put;
+    for (; put != 0; sent += put) {
+        ASSERT_FALSE(socket.performWrite(much.data(), size, put));
+    }
+    put = UNTOUCHED;
+    socket.setHadError();
+    EXPECT_FALSE(socket.performWrite("x", 1, put));
+    EXPECT_EQ(0U, put);
+    EXPECT_FALSE(socket.hadError());
+
+    while (sent != 0) {
+        size_t const count = socket.ends.receive(much.size()).size();
+        ASSERT_LT(0U, count) << "every byte that was reported as sent arrives";
+        sent -= static_cast<unsigned int>(count);
+    }
+}
+
+TEST(SocketWrite, nonBlockingStreamReturnsHowManyBytesItTook) {
+    ConnectedSocket socket(makeEnds(SOCK_STREAM | SOCK_NONBLOCK), false, 0, 0);
+    std::vector<char> const much(16 << 20, 'x');
+    unsigned int written = 0;
+    EXPECT_EQ(1, socket.write(much.data(), static_cast<unsigned int>(much.size()), written));
+    EXPECT_LT(0U, written);
+    EXPECT_GT(much.size(), written);
+    EXPECT_EQ(1, socket.write("x", 1, written));
+    EXPECT_EQ(0U, written);
+}
+
+/// Writes 4 MiB to a blocking stream while the peer receives them.
+/// @param delay  what the peer waits before each block, in microseconds
+void expectAllWritten(Ends ends, unsigned int delay, int most_calls) {
+    TestSocket socket(ends.takeMine());
+    std::vector<char> const much(4 << 20, 'x');
+    size_t arrived = 0;
+    std::thread peer([&] {
+        ssize_t count = 1;
+        while (arrived < much.size() && (count > 0 || (count < 0 && errno == EAGAIN))) {
+            usleep(delay);
+            char block[1 << 16];
+            count = ::recv(ends.getPeer(), block, sizeof block, 0);
+            arrived += count > 0 ? static_cast<size_t>(count) : 0;
+        }
+    });
+    unsigned int written = 0;
+    {
+        Fault const calls(inject_send, 0);
+        EXPECT_EQ(1, socket.write(much.data(), static_cast<unsigned int>(much.size()), written));
+        EXPECT_GE(most_calls, calls.getCalls());
+    }
+    EXPECT_EQ(much.size(), written);
+    EXPECT_FALSE(socket.hadError());
+    peer.join();
+    EXPECT_EQ(much.size(), arrived);
+    EXPECT_TRUE(chainIs({}));
+}
+
+// The flag belongs to every holder of the descriptor: another holder may have set it.
+TEST(SocketWrite, blockingStreamDoesNotSpinOnANonBlockingDescriptor) {
+    expectAllWritten(makeEnds(SOCK_STREAM | SOCK_NONBLOCK), 1000, 500);
+}
+
+TEST(SocketWrite, blockingStreamContinuesUntilEveryByteIsSent) {
+    expectAllWritten(makeTcpEnds(), 0, Fault::FOREVER);
+}
+
+TEST(SocketWrite, waitsAsItsDescriptorDoes) {
+    ConnectedSocket socket;
+    timeval const limit{0, 50000};
+    ASSERT_EQ(0, setsockopt(socket.getSocketFd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit));
+    std::vector<char> const much(1 << 20, 'x');
+    unsigned int put = 0;
+    do {
+        ASSERT_FALSE(socket.performWrite(much.data(), static_cast<unsigned int>(much.size()), put));
+    } while (put == much.size());
+    auto const start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(socket.performWrite(much.data(), static_cast<unsigned int>(much.size()), put));
+    EXPECT_LE(SHORT_WAIT, std::chrono::steady_clock::now() - start);
+    EXPECT_EQ(0U, put);
+}
+
+class SocketWriteClosed : public testing::TestWithParam<bool> {};
+
+TEST_P(SocketWriteClosed, connectionFailsTheWriteAndRaisesNoSignal) {
+    expectInChild([tcp = GetParam()] {
+        signal(SIGPIPE, SIG_DFL);
+        ConnectedSocket socket(tcp ? makeTcpEnds() : makeEnds());
+        socket.ends.closePeer();
+        unsigned int put = UNTOUCHED;
+        if (tcp) {
+            // The first write detects it: the peer's system answers with a reset.
+            EXPECT_FALSE(socket.performWrite("x", 1, put));
+            EXPECT_EQ(1U, put);
+            ASSERT_TRUE(waitFor(socket.getSocketFd(), POLLHUP));
+        }
+        EXPECT_TRUE(socket.performWrite("x", 1, put));
+        EXPECT_EQ(0U, put);
+        EXPECT_TRUE(socket.hadError());
+        EXPECT_EQ(Socket::OPEN, socket.getState());
+        EXPECT_TRUE(chainIs(EPIPE, {SocketErrorId::INVALID_SOCKET, StreamErrorId::UNUSABLE}));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(peers, SocketWriteClosed, testing::Bool(), [](auto const& row) {
+    return std::string(row.param ? "tcp" : "local");
+});
+
+TEST(SocketWrite, ofADatagramThatIsTooBigFails) {
+    ConnectedSocket socket(makeEnds(SOCK_DGRAM));
+    std::vector<char> const much(64 << 20, 'x');
+    unsigned int put = UNTOUCHED;
+    EXPECT_TRUE(socket.performWrite(much.data(), static_cast<unsigned int>(much.size()), put));
+    EXPECT_EQ(0U, put);
+    EXPECT_TRUE(chainIs(EMSGSIZE, {SocketErrorId::MESSAGE_TOO_BIG, StreamErrorId::TRANSFER_FAILED}));
+}
+
+} // namespace
