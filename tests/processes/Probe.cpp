@@ -1,15 +1,15 @@
-// The program that the tests of child processes start: it ends as it is told, or tells what it sees of itself. It needs
-// libc alone, so that it starts fast, and runs in no sanitizer.
+// The program that the tests of child processes start. It needs only libc, so that it starts fast, and is built without a
+// sanitizer.
 //
 //     process_probe exit CODE           ends with this code
 //     process_probe die SIGNAL          ends by this signal
-//     process_probe hold TELL FD        writes a byte to the descriptor TELL, then reads FD to its end
-//     process_probe brood TELL FD       the same, in a child of its own as well: two bytes
-//     process_probe stubborn TELL FD    the same as hold, deaf to SIGTERM
+//     process_probe hold OUT FD         writes a byte to the descriptor OUT, then reads FD to its end
+//     process_probe brood OUT FD        the same, also in a child: two bytes
+//     process_probe stubborn OUT FD     the same as hold, but ignores SIGTERM
 //     process_probe say TEXT TEXT       writes the texts to standard output and to standard error
 //     process_probe copy                copies standard input to standard output
 //     process_probe copyFrom FD         copies a descriptor to standard output
-//     process_probe tell FILE [ANY...]  writes what it sees to a file, see Sight in ProcessSupport.h
+//     process_probe tell FILE [ANY...]  writes its properties to a file, see Sight in ProcessSupport.h
 
 #include <algorithm>
 #include <cerrno>
