@@ -1,6 +1,13 @@
 #pragma once
 
+#include "support/Chain.h"
+#include "support/EventRecorder.h"
+
 #include <vesk/NetDeviceMonitor.h>
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
 
 #include <gtest/gtest.h>
 

@@ -1,36 +1,21 @@
-#include "support/Chain.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
 
 #include "AnswerCalls.h"
 #include "NetDeviceSupport.h"
 
-#include <vesk/NetDevice.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
 #include <arpa/inet.h>
-#include <cerrno>
 #include <cstdarg>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
-#include <net/if.h>
 #include <net/if_arp.h>
 #include <netdb.h>
 #include <ostream>
 #include <set>
-#include <string>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -235,8 +220,6 @@ void expectSecondIsLast(NetDevice& devices) {
     EXPECT_EQ(1, devices.getNextInfo(info));
 }
 
-// ---- construction ----
-
 TEST(NetDeviceFailure, makesOneSocketForItsQuestions) {
     FakeSystem const system;
     {
@@ -311,8 +294,6 @@ TEST(NetDeviceFailure, isUselessWithoutMemoryForItsList) {
         expectUseless(device, system);
     }
 }
-
-// ---- queries ----
 
 TEST(NetDeviceFailure, makesItsRequestsInThisOrder) {
     FakeSystem const system;
@@ -540,8 +521,6 @@ TEST(NetDeviceFailure, isAtTheEndAtOnceWithoutInterfaces) {
     EXPECT_TRUE(system.calls.empty());
 }
 
-// ---- setters ----
-
 class EverySetter : public testing::TestWithParam<Setter> {
 protected:
     Calls makeCalls(char const* interface, int times = 1) const {
@@ -658,8 +637,6 @@ INSTANTIATE_TEST_SUITE_P(
         ChangeRow{0, PROMISCUOUS, true, IFF_PROMISC}, ChangeRow{0, PROMISCUOUS, false, 0},
         ChangeRow{IFF_PROMISC, PROMISCUOUS, true, IFF_PROMISC}, ChangeRow{IFF_PROMISC, PROMISCUOUS, false, 0},
         ChangeRow{0xfeff, PROMISCUOUS, true, 0xffff}, ChangeRow{0xffff, PROMISCUOUS, false, 0xfeff}));
-
-// ---- addresses ----
 
 class AddressText : public testing::TestWithParam<std::pair<char const*, char const*>> {};
 

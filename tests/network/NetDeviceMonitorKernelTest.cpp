@@ -1,4 +1,3 @@
-#include "support/Chain.h"
 #include "support/Descriptors.h"
 #include "support/NetworkNamespace.h"
 #include "support/Processes.h"
@@ -6,29 +5,17 @@
 #include "MonitorSupport.h"
 #include "NetworkTest.h"
 
-#include <vesk/NetDeviceMonitor.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <pthread.h>
 #include <sched.h>
 #include <set>
-#include <string>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 // A monitor of the real kernel's messages, each time in a separate network.
 
@@ -340,8 +327,6 @@ VESK_NETWORK_TEST(Kernel, reportsEachOfHundredsOfChangesOnce) {
     }
 }
 
-// ---- messages that the kernel drops ----
-
 /// A watcher with a listener that blocks its thread during changes, so that the kernel drops most of their
 /// messages.
 class SlowWatcher : public Watcher {
@@ -512,8 +497,6 @@ VESK_NETWORK_TEST(Loss, isMadeGoodDuringFurtherChanges) {
     EXPECT_TRUE(watcher.comesTo(there({"lone"}, "", 0, 0)));
     EXPECT_TRUE(watcher.stop());
 }
-
-// ---- the end ----
 
 VESK_NETWORK_TEST(Kernel, endsAWatchThatWasStoppedBefore) {
     Watcher watcher;

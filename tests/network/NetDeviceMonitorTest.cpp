@@ -1,25 +1,14 @@
-#include "support/Chain.h"
 #include "support/Descriptors.h"
-#include "support/EventRecorder.h"
 #include "support/NewFault.h"
 #include "support/VtableSlot.h"
 
 #include "MonitorSupport.h"
 
-#include <vesk/NetDeviceMonitor.h>
-
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
 #include <map>
 #include <ostream>
 #include <sstream>
-#include <string>
 #include <tuple>
 #include <type_traits>
-#include <utility>
 
 // The table and the callbacks. NetlinkDecoderTest covers the way of the kernel's messages to them.
 
@@ -272,8 +261,6 @@ TEST_F(Table, holdsManyInterfaces) {
     }
 }
 
-// ---- the listener ----
-
 TEST(NetDeviceMonitorListener, doesNothingUnlessItIsOverridden) {
     NetDeviceMonitor::Listener listener;
     NetDeviceMonitor monitor(&listener);
@@ -326,8 +313,6 @@ TEST(NetDeviceMonitorWithoutListener, assertsBeforeEachCallbackAndKeepsItsTable)
     }
     EXPECT_TRUE(chainIs({}));
 }
-
-// ---- a monitor without memory ----
 
 TEST(NetDeviceMonitorWithoutMemory, isReportedAndCannotWatch) {
     RecordingListener listener;

@@ -1,4 +1,3 @@
-#include "support/Chain.h"
 #include "support/NetworkNamespace.h"
 #include "support/TempFolder.h"
 #include "threads/ThreadSupport.h"
@@ -6,21 +5,9 @@
 #include "NetDeviceSupport.h"
 #include "NetworkTest.h"
 
-#include <vesk/NetDevice.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/CommonError.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <net/if.h>
-#include <string>
 #include <sys/mount.h>
-#include <vector>
 
 // Real interfaces in networks of the tests.
 
@@ -74,8 +61,6 @@ Names walk() {
     EXPECT_TRUE(chainIs({}));
     return names;
 }
-
-// ---- queries ----
 
 VESK_NETWORK_TEST(NetDeviceNamespace, reportsANewLoopback) {
     EXPECT_EQ(Names{"lo"}, walk());
@@ -178,8 +163,6 @@ VESK_NETWORK_TEST(NetDeviceNamespace, findsANameOfFullLength) {
     }
 }
 
-// ---- interfaces that appear and disappear ----
-
 VESK_NETWORK_TEST(NetDeviceNamespace, continuesBehindARemovedInterface) {
     for (char const* const name : {"one", "two", "three"}) {
         ASSERT_TRUE(makeInterface(name));
@@ -219,8 +202,6 @@ VESK_NETWORK_TEST(NetDeviceNamespace, keepsTheNamesOfTheInterfaces) {
     EXPECT_EQ(1, devices.getNextInfo(info));
     EXPECT_EQ((Names{"lo", "new", "late"}), walk());
 }
-
-// ---- addresses ----
 
 VESK_NETWORK_TEST(NetDeviceNamespace, setsAnAddressWithTheNetmaskOfItsClass) {
     ASSERT_TRUE(makeInterface("dev0"));
@@ -322,8 +303,6 @@ TEST(NetDeviceNamespace, rejectsAHostNameWithoutAnIPv4Address) {
     });
 }
 
-// ---- flags ----
-
 VESK_NETWORK_TEST(NetDeviceNamespace, switchesAnInterfaceOnAndOff) {
     ASSERT_TRUE(makePair("left", "right"));
     ASSERT_TRUE(setUp("right"));
@@ -354,8 +333,6 @@ VESK_NETWORK_TEST(NetDeviceNamespace, switchesPromiscuousModeOnAndOff) {
     EXPECT_FALSE(info.promiscuous || info.up);
     EXPECT_TRUE(chainIs({}));
 }
-
-// ---- the cursor ----
 
 VESK_NETWORK_TEST(NetDeviceNamespace, setsTheCurrentInterfaceOfTheWalk) {
     ASSERT_TRUE(makeInterface("one"));

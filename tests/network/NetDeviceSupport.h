@@ -3,11 +3,16 @@
 #include "support/Chain.h"
 
 #include <vesk/NetDevice.h>
+#include <vesk/SysError.h>
 
 #include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdint>
+#include <net/if.h>
 #include <string>
 #include <sys/ioctl.h>
 #include <vector>

@@ -1,22 +1,9 @@
-#include "support/Chain.h"
-
 #include "NetDeviceSupport.h"
 
-#include <vesk/NetDevice.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstdint>
 #include <fstream>
-#include <net/if.h>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 // Tests that only read the interfaces of the machine.
 

@@ -1,17 +1,8 @@
-#include "support/Chain.h"
-#include "support/EventRecorder.h"
-
 #include "AnswerCalls.h"
 #include "MonitorSupport.h"
 #include "NetlinkMessages.h"
 
-#include <vesk/NetDeviceMonitor.h>
 #include <vesk/Socket.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -20,7 +11,6 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <functional>
 #include <linux/if_addr.h>
 #include <net/if.h>
 #include <optional>
@@ -28,12 +18,9 @@
 #include <sched.h>
 #include <sstream>
 #include <stdexcept>
-#include <string>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
@@ -53,20 +40,15 @@ namespace SysErrorId = vesk::SysErrorId;
 
 /// The result of one call of `recvmsg`: a datagram or a failure.
 struct Step {
-    Step(std::string const& datagram) : bytes(datagram) {} // NOLINT(google-explicit-constructor)
-    Step(char const* datagram) : bytes(datagram) {}        // NOLINT(google-explicit-constructor)
-    Step(Message const& message) : bytes(message.get()) {} // NOLINT(google-explicit-constructor)
-    static Step failure(int number) {
-        Step step("");
-        step.error = number;
-        return step;
-    }
+    // NOLINTBEGIN(google-explicit-constructor)
+    Step(std::string const& datagram, int number = 0, int stale_number = 0)
+        : bytes(datagram), error(number), stale_error(stale_number) {}
+    Step(Message const& message) : Step(message.get()) {}
+    // NOLINTEND(google-explicit-constructor)
+
+    static Step failure(int number) { return Step("", number); }
     /// A result of 0, which leaves the number of an earlier failure in `errno`.
-    static Step nothing(int number) {
-        Step step("");
-        step.stale_error = number;
-        return step;
-    }
+    static Step nothing(int number) { return Step("", 0, number); }
     /// Runs an action while the call blocks.
     Step during(std::function<void()> happens) const {
         Step step = *this;
@@ -75,8 +57,8 @@ struct Step {
     }
 
     std::string bytes;
-    int error = 0;
-    int stale_error = 0;
+    int error;
+    int stale_error;
     std::function<void()> action;
 };
 using Steps = std::vector<Step>;
@@ -260,8 +242,6 @@ extern "C" VESK_UNWATCHED int nanosleep(timespec const* time, timespec* left) {
 }
 
 namespace {
-
-// ---- decoding ----
 
 /// Everything that a monitor reports about datagrams that follow the two dumps.
 struct Reported {
@@ -507,8 +487,6 @@ TEST(LinkMessage, mayHaveItsAttributesInAnyOrder) {
     } while (std::next_permutation(std::begin(order), std::end(order)));
 }
 
-// ---- malformed attributes ----
-
 class LinkName : public testing::TestWithParam<std::pair<std::string, std::string>> {};
 
 TEST_P(LinkName, endsAtItsZeroOrWithItsAttribute) {
@@ -598,8 +576,6 @@ TEST(AddressMessage, isReportedAsFarAsItIsComplete) {
          {40, reported("10.0.0.1/255.255.255.0")},
          {48, reported("10.0.0.1/255.255.255.0 peer 10.0.0.255")}});
 }
-
-// ---- datagrams ----
 
 // A message that is longer than the received bytes is not read.
 TEST(Datagram, isSkippedIfItsMessageIsIncomplete) {
@@ -731,8 +707,6 @@ TEST(Datagram, isReadInsideItsBoundsWithAnyContent) {
     }
 }
 
-// ---- addresses ----
-
 Row address(char const* name, Message const& message, std::string const& text) {
     return {
         name,
@@ -846,8 +820,6 @@ TEST(AddressMessage, isIgnoredWhileTheAddressIsTentative) {
         }
     }
 }
-
-// ---- the conversation ----
 
 /// A monitor that watches a kernel until its last step, and the kernel of the latest watch.
 class Watch : public testing::Test {
@@ -979,8 +951,6 @@ TEST_F(Watch, worksWithoutAListener) {
     EXPECT_EQ(3U, events.getCount());
 }
 
-// ---- failures ----
-
 TEST_F(Watch, failsWithoutASocket) {
     for (int const error : {EMFILE, ENFILE, ENOBUFS, EPROTONOSUPPORT, EACCES}) {
         Fault const fault(inject_socket, error);
@@ -1060,8 +1030,6 @@ INSTANTIATE_TEST_SUITE_P(
         ReceptionRow{"nothing instead of interfaces", Steps{Step::nothing(ENOBUFS), DONE} + DUMP_OF_IF1},
         ReceptionRow{"nothing instead of addresses", Steps{DONE, Step::nothing(ENOBUFS)} + DUMP_OF_IF1},
         ReceptionRow{"an interruption", {DONE, DONE, SIGNAL, LOST, numbered(1)}, 2}));
-
-// ---- lost messages ----
 
 Message const IF4 = numbered(4);
 Log const STATUS_OF_BOTH = {"interface_status eth0", "interface_status if4"};
@@ -1231,8 +1199,6 @@ TEST_F(Watch, closesItsSocketWhenTheListenerThrows) {
     }
     EXPECT_TRUE(chainIs({}));
 }
-
-// ---- two threads ----
 
 // While the stopping thread uses the number of the socket, it must not become that of another descriptor.
 TEST_F(Watch, closesItsSocketOnlyAfterAStopInAnotherThread) {

@@ -46,8 +46,6 @@ is(NetworkAddressBase const& address, NetworkAddressBase::Type type, std::string
 // The earlier content of an object must not matter.
 NetworkAddress const FULL(NetworkAddress::LINK, "00:11:22:33:44:55");
 
-// ---- prefixes ----
-
 using PrefixRow = std::pair<unsigned int, char const*>;
 
 class Prefix : public testing::TestWithParam<PrefixRow> {
@@ -129,8 +127,6 @@ TEST_P(TypeWithoutPrefix, leavesNoAddressAndFails) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Types, TypeWithoutPrefix, testing::Values(0, 1, 4, 10, UINT32_MAX));
-
-// ---- binary addresses ----
 
 struct BinaryRow {
     std::string name;
@@ -237,8 +233,6 @@ std::string const s_any =
 TEST(NetworkAddressBase, hasThemForTheInitializersOfAProgram) {
     EXPECT_EQ("0.0.0.0 ::", s_any);
 }
-
-// ---- interfaces ----
 
 TEST(NetworkInterface, hasTheNumberOfItsName) {
     EXPECT_NE(0U, if_nametoindex("lo"));

@@ -256,8 +256,6 @@ std::string unclassified(int error) {
     return rowText(SysErrorId::UNCLASSIFIED, systemText(error)) + "\n";
 }
 
-// ---- fork ----
-
 struct ForkRow {
     int error;
     ExpectedReport report;
@@ -306,8 +304,6 @@ TEST_F(ProcessChildFailure, aFailedStartDiscardsTheLastEnd) {
     }
     EXPECT_TRUE(hasNoState(process));
 }
-
-// ---- the order of the calls ----
 
 TEST_F(ProcessChildFailure, aPlainChildMakesOnlyTheseCalls) {
     EXPECT_EQ(
@@ -380,8 +376,6 @@ TEST_F(ProcessChildFailure, theNullDeviceIsOpenedLikeAFile) {
     EXPECT_TRUE(contains(calls, "open /dev/null 241 600\n"));
     EXPECT_TRUE(contains(calls, "open /dev/null 441 600\n"));
 }
-
-// ---- signals ----
 
 TEST_F(ProcessChildFailure, aChildWarnsIfItCannotUnblockSignals) {
     Capture const seen = capture([](ProcessTNG&, Go const& go) {
@@ -471,8 +465,6 @@ TEST_F(ProcessChildFailure, startRestoresTheMaskOfTheCallingThread) {
     }
 }
 
-// ---- forbidden calls ----
-
 TEST_F(ProcessChildFailure, noChildTakesALockOrUsesTheHeapAfterAnyFailure) {
     for (bool const executes : {true, false}) {
         Capture const seen = capture([executes](ProcessTNG& process, Go const& go) {
@@ -541,8 +533,6 @@ TEST_F(ProcessChildFailure, aReusedIdIsAnAssertionAndBelongsToTheNewChild) {
         _exit(testing::Test::HasFailure() ? 1 : 0); // The first object would wait forever.
     });
 }
-
-// ---- scheduling ----
 
 constexpr int NOT_SET = -12345;
 
@@ -681,8 +671,6 @@ TEST_F(ProcessChildFailure, aChildWarnsIfItsProcessorsCannotBeSetAndAcknowledges
     EXPECT_TRUE(contains(seen.errors, unclassified(EPERM) + "err\n"));
 }
 
-// ---- redirection ----
-
 struct RedirectionRow {
     char const* name;
     void (*set)(ProcessTNG& process);
@@ -792,8 +780,6 @@ TEST_F(ProcessChildFailure, aFailedExecAbortsTheChild) {
         EXPECT_TRUE(contains(seen.errors, ": startChild: fatal: error calling exec() after fork()\n"));
     }
 }
-
-// ---- memory ----
 
 std::string const OUT_OF_MEMORY = ": out of memory: native arguments vector\n";
 

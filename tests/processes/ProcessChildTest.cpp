@@ -25,8 +25,6 @@ mode_t getMode(std::string const& path) {
     return data.st_mode & 07777;
 }
 
-// ---- arguments and environment ----
-
 TEST_F(ProcessChild, receivesItsArgumentsUnchanged) {
     Texts const arguments = {
         "plain",
@@ -82,8 +80,6 @@ TEST_F(ProcessChild, findsANameWithAnEqualsSignEndingThere) {
     process.setEnvironment({{"NAME=odd", "value"}});
     EXPECT_EQ(Texts({"NAME=odd=value"}), look(process).get("env"));
 }
-
-// ---- standard output and standard error ----
 
 struct OutputCase {
     char const* stream;
@@ -272,8 +268,6 @@ TEST_F(ProcessChild, canAppendBothOutputsToOneFile) {
     EXPECT_EQ("outerr", readFile(dir / "both"));
 }
 
-// ---- redirections that fail ----
-
 rlim_t getDescriptorLimit() {
     rlimit limit{};
     EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
@@ -364,8 +358,6 @@ TEST_F(ProcessChild, reportsItsInputOnItsNewErrorOutput) {
         readFile(dir / "errors"));
 }
 
-// ---- standard input ----
-
 class ProcessChildInput : public ProcessTest {
 protected:
     void SetUp() override { writeFile(m_in, "some input"); }
@@ -445,8 +437,6 @@ TEST_F(ProcessChildInput, replacesTheFileOfTheGivenDescriptor) {
     close(fd);
 }
 
-// ---- inherited properties ----
-
 TEST_F(ProcessChild, inheritsDescriptorsUnlessTheyAreCloseOnExec) {
     int const kept = open("/dev/null", O_RDONLY);
     int const closed = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -485,8 +475,6 @@ TEST_F(ProcessChild, isInTheGroupOfTheProcessOrInASeparateOne) {
     process.setNewGroup(false);
     EXPECT_EQ(getpgid(0), look(process).getNumber("group"));
 }
-
-// ---- scheduling and processors ----
 
 bool mayUseRealTime() {
     sched_param param{};
@@ -627,8 +615,6 @@ TEST_F(ProcessChildAffinity, continuesWithAWarningWhenNoProcessorIsSet) {
     }
 }
 
-// ---- programs that cannot be executed ----
-
 class ProcessChildProgram : public ProcessChild {
 protected:
     std::string makeFile(char const* content, mode_t mode) {
@@ -699,8 +685,6 @@ TEST_F(ProcessChildProgram, thatCannotBeExecutedIsReportedInTheChildAndEndsItEve
     EXPECT_TRUE(contains(seen.errors, ": Bad path '/no/such/program'\n  caused by "));
     EXPECT_TRUE(contains(seen.errors, ": Failed to start child process: " + systemText(ENOENT) + "\n"));
 }
-
-// ---- separation from the process ----
 
 TEST_F(ProcessChild, doesNotWriteTheBufferedOutputOfTheProcess) {
     Capture const seen = captureWith([](ProcessTNG& process) {

@@ -48,8 +48,6 @@ void expectNoCollector() {
     ProcessTNG::exit();
 }
 
-// ---- the set-up ----
-
 TEST(ProcessSetUp, failsWithoutMemory) {
     Vesk const vesk(true, false);
     {
@@ -170,8 +168,6 @@ TEST(ProcessSetUp, omitsTheNameIfTheCollectorHasFailed) {
     ProcessTNG::exit();
 }
 
-// ---- the lock of the own name ----
-
 constexpr char const* LOCKING =
     "ABORT framework/src/vesk/posix/ProcessQueries getOwnProcessName: error locking";
 
@@ -216,8 +212,6 @@ TEST_F(ProcessOwnNameLock, warnsIfItCannotBeDestroyed) {
     EXPECT_TRUE(chainIs({}));
     EXPECT_FALSE(ProcessTNG::init(true));
 }
-
-// ---- failures that end the process ----
 
 /// Waits until the collector waits for a start.
 void makeIdle() {

@@ -94,8 +94,6 @@ protected:
     }
 };
 
-// ---- its start ----
-
 TEST(ProcessCollectorStart, aLazyStartUpStartsNoThreadBeforeTheFirstObject) {
     Vesk const vesk(true, false);
     int const threads = countThreads();
@@ -139,8 +137,6 @@ TEST(ProcessCollectorStart, severalFirstObjectsStartOneCollector) {
     });
     EXPECT_EQ(1U, countCollectors());
 }
-
-// ---- without it ----
 
 TEST(ProcessCollectorGone, anObjectFromBeforeTheStartUpIsInvalidAndItsStartFailsBehindTheAssertion) {
     EventRecorder recorder;
@@ -230,8 +226,6 @@ TEST(ProcessCollectorGone, settingUpTwiceIsAnAssertion) {
     });
 }
 
-// ---- its end ----
-
 TEST_F(ProcessCollector, theEndOfTheLibraryBlocksUntilTheChildHasEnded) {
     HeldChild child;
     Event ended;
@@ -274,8 +268,6 @@ TEST_F(ProcessCollector, theEndBlocksForAllChildren) {
     }
     thread.join();
 }
-
-// ---- its waits ----
 
 TEST_F(ProcessCollector, waitsForAnyChild) {
     ProcessTNG process;
@@ -366,8 +358,6 @@ TEST_F(ProcessCollector, doesNotSpinWhileItsWaitFails) {
     EXPECT_TRUE(hasExitedWith(waitFor(process), 0));
 }
 
-// ---- ignored ends ----
-
 struct IgnoreCase {
     char const* name;
     void (*ignore)();
@@ -434,8 +424,6 @@ TEST_P(ProcessIgnoredEnds, areReportedWithoutAStatusIfTheyAreIgnoredLater) {
         EXPECT_TRUE(runsExit(processes[0], 3));
     });
 }
-
-// ---- reused ids ----
 
 TEST_F(ProcessCollector, keepsTheIdOfAChildUntilItsEntryIsRemoved) {
     ProcessPipe gate(ProcessPipe::ChildGets::READ_END);
@@ -504,8 +492,6 @@ TEST_F(ProcessCollector, doesNotDelayStartsWhileItWaits) {
     EXPECT_TRUE(runsExit(second, 2));
     EXPECT_TRUE(child.ends());
 }
-
-// ---- listeners ----
 
 /// Runs a body in the listener and reports its end.
 class CallingListener : public ProcessTNG::ExitListener {

@@ -65,8 +65,6 @@ protected:
     }
 };
 
-// ---- the own process ----
-
 TEST_F(ProcessQueries, theOwnIdIsThatOfTheSystem) {
     EXPECT_EQ(getpid(), ProcessTNG::getOwnProcessId());
 }
@@ -111,8 +109,6 @@ TEST_F(ProcessQueries, theOwnNameIsTheSameInManyThreads) {
     });
 }
 
-// ---- existing processes ----
-
 TEST_F(ProcessQueries, aProcessExistsUntilItIsReaped) {
     EXPECT_EQ(0, ProcessTNG::existsProcess(getpid()));
     pid_t const pid = fork();
@@ -148,8 +144,6 @@ TEST_F(ProcessQueries, idsBelowOneAreThoseOfGroups) {
     EXPECT_EQ(1, ProcessTNG::existsProcess(-0x7ffffff0));
 }
 
-// ---- signals to any process ----
-
 TEST_F(ProcessQueries, killProcessEndsAProcessBySignal) {
     for (int const signal : {SIGTERM, SIGKILL}) {
         Process process([] {
@@ -181,8 +175,6 @@ TEST_F(ProcessQueries, killProcessOfTheIdZeroSignalsTheOwnGroup) {
         EXPECT_EQ(-1, other.join());
     });
 }
-
-// ---- finding processes ----
 
 /// A process with any text as its first argument. Started without the library, which passes the path there.
 class NamedProcess {

@@ -58,8 +58,6 @@ std::string aborted(std::string const& function, std::string const& text) {
     return "ABORT framework/src/vesk/posix/ProcessTNG " + function + ": " + text;
 }
 
-// ---- start ----
-
 TEST_F(ProcessTNGFailure, startFailsWithoutItsLock) {
     ProcessTNG process;
     {
@@ -161,8 +159,6 @@ TEST_F(ProcessTNGFailure, startDuringAChildAbortsIfItCannotUnlock) {
     EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
 }
 
-// ---- wait ----
-
 TEST_F(ProcessTNGFailure, waitFailsWithoutItsLock) {
     HeldChild child;
     for (bool const timed : {false, true}) {
@@ -225,8 +221,6 @@ TEST_F(ProcessTNGFailure, aWaiterThatFindsNoStateAssertsAndSucceeds) {
     EXPECT_EQ(
         "ASSERT framework/src/vesk/posix/ProcessTNG wait: m_last_state.hasExited()", recorder.getText());
 }
-
-// ---- kill ----
 
 TEST_F(ProcessTNGFailure, killFailsWithoutItsLock) {
     HeldChild child;
@@ -311,8 +305,6 @@ INSTANTIATE_TEST_SUITE_P(
         ErrnoRow{EPERM, 0, {}}, ErrnoRow{ESRCH, 1, {}},
         ErrnoRow{EINVAL, -1, {report(SysErrorId::UNCLASSIFIED, EINVAL)}}));
 
-// ---- the destructor ----
-
 TEST_F(ProcessTNGFailure, theDestructorAbortsWithoutItsLock) {
     EventRecorder recorder;
     auto process = std::make_unique<ProcessTNG>();
@@ -345,8 +337,6 @@ TEST_F(ProcessTNGFailure, theDestructorAbortsIfItCannotWait) {
     EXPECT_EQ(aborted("~ProcessTNG", "error waiting on condition"), recorder.getText());
     EXPECT_TRUE(chainIs({{SysErrorId::SPOILED_INTEGRITY}}));
 }
-
-// ---- operations that lock the object ----
 
 struct LockingRow {
     std::string name;

@@ -38,8 +38,6 @@ ExpectedReport badPath(std::string const& path) {
     return {vesk::FileAccessErrorId::BAD_PATH, "Bad path '" + path + "'"};
 }
 
-// ---- the class ----
-
 TEST_F(ProcessTNGTest, isNotCopyableAndHasAVirtualDestructor) {
     EXPECT_FALSE(std::is_copy_constructible_v<ProcessTNG>);
     EXPECT_FALSE(std::is_copy_assignable_v<ProcessTNG>);
@@ -90,8 +88,6 @@ TEST_F(ProcessTNGTest, isInvalidWhenConstructedWithAMissingProgram) {
     EXPECT_FALSE(process.isValid());
     EXPECT_TRUE(chainIs({{INVALID_PATH}, badPath("/no/such/program")}));
 }
-
-// ---- one child ----
 
 TEST_F(ProcessTNGTest, returnsTheExitCodeOfAChild) {
     for (int const code : {0, 1, 7, 255}) {
@@ -196,8 +192,6 @@ TEST_F(ProcessTNGTest, theDestructorBlocksUntilTheChildHasEnded) {
     held.waitUntilGone();
 }
 
-// ---- wait ----
-
 TEST_F(ProcessTNGTest, waitFailsBeforeTheFirstStart) {
     ProcessTNG process;
     EXPECT_TRUE(hasNoState(process));
@@ -284,8 +278,6 @@ TEST_F(ProcessTNGTest, aCanceledWaiterUnlocksTheObject) {
     EXPECT_TRUE(child.ends());
 }
 
-// ---- kill ----
-
 TEST_F(ProcessTNGTest, killEndsTheChildBySignal) {
     for (int const signal : {SIGTERM, SIGKILL}) {
         g_signals.clear();
@@ -340,8 +332,6 @@ TEST_F(ProcessTNGTest, killDoesNotWaitForAWaiter) {
     waiter.join();
     EXPECT_TRUE(wasKilledBy(state, SIGTERM));
 }
-
-// ---- the program ----
 
 // The bits of the group and of others do not count.
 TEST_F(ProcessTNGTest, setExecutableFailsOnAFileThatItsOwnerMayNotExecute) {
@@ -430,8 +420,6 @@ TEST_F(ProcessTNGTest, doesNotCheckPriorities) {
     EXPECT_TRUE(process.isValid());
 }
 
-// ---- listeners ----
-
 TEST_F(ProcessTNGTest, aListenerThatWasRemovedIsNotCalled) {
     RecordingListener listener;
     {
@@ -456,8 +444,6 @@ TEST_F(ProcessTNGTest, processExitedStoresAnEnd) {
     EXPECT_TRUE(wasKilledBy(listener.last, SIGHUP));
     EXPECT_TRUE(wasKilledBy(waitFor(process), SIGHUP));
 }
-
-// ---- cancellation ----
 
 TEST_F(ProcessTNGTest, aCanceledThreadStartsItsChild) {
     TempDir const dir;
