@@ -415,11 +415,9 @@ struct FlagsRow {
     int flags;
     std::string meaning; ///< Those of "URPMB" that are set: up, running, promiscuous, multicast, broadcast.
     int type;
-};
 
-std::ostream& operator<<(std::ostream& stream, FlagsRow const& row) {
-    return stream << std::hex << row.flags;
-}
+    friend void PrintTo(FlagsRow const& row, std::ostream* out) { *out << std::hex << row.flags; }
+};
 
 class Flags : public testing::TestWithParam<FlagsRow> {};
 
@@ -702,11 +700,9 @@ TEST(NetDeviceFailure, rejectsAnIPv6Address) {
 struct ResolverRow {
     int code;
     ExpectedReport report;
-};
 
-std::ostream& operator<<(std::ostream& stream, ResolverRow const& row) {
-    return stream << gai_strerror(row.code);
-}
+    friend void PrintTo(ResolverRow const& row, std::ostream* out) { *out << gai_strerror(row.code); }
+};
 
 class ResolverCode : public testing::TestWithParam<ResolverRow> {};
 

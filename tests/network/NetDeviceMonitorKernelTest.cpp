@@ -53,9 +53,6 @@ class Watcher {
 public:
     Watcher() = default;
     ~Watcher() { stopIfRunning(); }
-    Watcher(Watcher const&) = delete;
-    Watcher& operator=(Watcher const&) = delete;
-
     void start() {
         m_thread = std::thread([this] {
             failed = monitor.watch();

@@ -89,11 +89,9 @@ struct Row {
     char const* script;
     Log log;
     std::string interface; ///< As the last call received it.
-};
 
-std::ostream& operator<<(std::ostream& stream, Row const& row) {
-    return stream << row.script;
-}
+    friend void PrintTo(Row const& row, std::ostream* out) { *out << row.script; }
+};
 
 class Table : public testing::Test {
 protected:

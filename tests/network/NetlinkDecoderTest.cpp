@@ -75,9 +75,6 @@ public:
     }
     ~Kernel() { s_current = nullptr; }
 
-    Kernel(Kernel const&) = delete;
-    Kernel& operator=(Kernel const&) = delete;
-
     static Kernel* getCurrent() noexcept { return s_current; }
 
     bool watch(NetDeviceMonitor& monitor) {

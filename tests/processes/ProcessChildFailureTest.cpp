@@ -145,7 +145,7 @@ extern "C" VESK_UNWATCHED int sigprocmask(int how, sigset_t const* set, sigset_t
 
 support::Injected inject_sched_getscheduler("sched_getscheduler");
 extern "C" VESK_UNWATCHED int sched_getscheduler(pid_t pid) noexcept {
-    record("sched_getscheduler %d\n", pid);
+    record("getscheduler %d\n", pid);
     return g_policy != -1 ? g_policy : getReal(inject_sched_getscheduler, &sched_getscheduler)(pid);
 }
 
@@ -165,7 +165,7 @@ extern "C" VESK_UNWATCHED int sched_getscheduler(pid_t pid) noexcept {
 VESK_RECORD(getpid, (), (), false, "getpid\n")
 VESK_RECORD(
     sched_setscheduler, (pid_t pid, int policy, sched_param const* param), (pid, policy, param),
-    g_pretends_to_schedule, "sched_setscheduler %d %d %d\n", pid, policy, param->sched_priority)
+    g_pretends_to_schedule, "setscheduler %d %d %d\n", pid, policy, param->sched_priority)
 VESK_RECORD(
     setpriority, (__priority_which_t which, id_t id, int priority), (which, id, priority),
     g_pretends_to_schedule, "setpriority %d %d %d\n", static_cast<int>(which), static_cast<int>(id), priority)
@@ -259,11 +259,9 @@ std::string unclassified(int error) {
 struct ForkRow {
     int error;
     ExpectedReport report;
-};
 
-void PrintTo(ForkRow const& row, std::ostream* out) {
-    *out << "errno " << row.error;
-}
+    friend void PrintTo(ForkRow const& row, std::ostream* out) { *out << "errno " << row.error; }
+};
 
 class ProcessForkRows : public ProcessChildFailure, public testing::WithParamInterface<ForkRow> {};
 
@@ -332,7 +330,7 @@ TEST_F(ProcessChildFailure, aChildWithEverySettingMakesItsCallsInThisOrder) {
     });
     std::string const expected = "getpid\n"
                                  "sigprocmask unblock all\n"
-                                 "sched_setscheduler 0 0 0\n"
+                                 "setscheduler 0 0 0\n"
                                  "setpriority 0 0 3\n"
                                  "sched_setaffinity 0 128 1\n"
                                  "open " +
@@ -406,11 +404,9 @@ struct KillCase {
     char const* name;
     bool group;
     bool graceful;
-};
 
-void PrintTo(KillCase const& row, std::ostream* out) {
-    *out << row.name;
-}
+    friend void PrintTo(KillCase const& row, std::ostream* out) { *out << row.name; }
+};
 
 class ProcessEarlyKillRows : public ProcessChildFailure, public testing::WithParamInterface<KillCase> {};
 
@@ -542,11 +538,9 @@ struct ScheduleRow {
     int priority; // By setPriority, before it.
     int current;
     char const* calls;
-};
 
-void PrintTo(ScheduleRow const& row, std::ostream* out) {
-    *out << row.name;
-}
+    friend void PrintTo(ScheduleRow const& row, std::ostream* out) { *out << row.name; }
+};
 
 class ProcessScheduleRows : public ProcessChildFailure, public testing::WithParamInterface<ScheduleRow> {
 protected:
@@ -575,7 +569,7 @@ TEST_P(ProcessScheduleRows, warnWhenTheLastCallFails) {
         Fault const nice(inject_setpriority, EACCES);
         go();
     });
-    if (calls.empty() || calls == "sched_getscheduler 0\n") {
+    if (calls.empty() || calls == "getscheduler 0\n") {
         EXPECT_EQ("err\n", seen.errors);
     } else {
         EXPECT_TRUE(contains(
@@ -584,7 +578,7 @@ TEST_P(ProcessScheduleRows, warnWhenTheLastCallFails) {
             "policy/parameters: "));
         // For a nice value in the attributes, only its own call counts.
         bool const is_nice = GetParam().policy == vesk::sched::VESK_SCHED_POLICY_NORMAL ||
-            calls.find("sched_setscheduler") == std::string::npos;
+            calls.find("setscheduler") == std::string::npos;
         EXPECT_TRUE(contains(seen.errors, ": " + systemText(is_nice ? EACCES : EPERM) + "\nerr\n"));
     }
     EXPECT_EQ(0, seen.status);
@@ -595,32 +589,25 @@ ScheduleRow row(char const* name, int policy, int priority, int current, char co
 }
 
 using namespace vesk::sched;
+constexpr int KEEP = VESK_SCHED_POLICY_KEEP;
 
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessScheduleRows,
     testing::Values(
         row("noop", VESK_SCHED_NOOP, NOT_SET, SCHED_FIFO, ""),
-        row("noop with a priority", VESK_SCHED_NOOP, 9, SCHED_FIFO, ""),
-        row("keep FIFO", VESK_SCHED_POLICY_KEEP, NOT_SET, SCHED_FIFO,
-            "sched_getscheduler 0\nsched_setscheduler 0 1 4\n"),
-        row("keep RR", VESK_SCHED_POLICY_KEEP, NOT_SET, SCHED_RR,
-            "sched_getscheduler 0\nsched_setscheduler 0 2 4\n"),
-        row("keep OTHER", VESK_SCHED_POLICY_KEEP, NOT_SET, SCHED_OTHER,
-            "sched_getscheduler 0\nsetpriority 0 0 6\n"),
-        row("keep BATCH", VESK_SCHED_POLICY_KEEP, NOT_SET, SCHED_BATCH,
-            "sched_getscheduler 0\nsched_setscheduler 0 3 4\n"),
-        row("keep FIFO with a priority", VESK_SCHED_POLICY_KEEP, 9, SCHED_FIFO,
-            "sched_getscheduler 0\nsched_setscheduler 0 1 9\n"),
-        row("keep RR with a priority", VESK_SCHED_POLICY_KEEP, 9, SCHED_RR,
-            "sched_getscheduler 0\nsched_setscheduler 0 2 9\n"),
-        row("keep OTHER with a priority", VESK_SCHED_POLICY_KEEP, 9, SCHED_OTHER,
-            "sched_getscheduler 0\nsched_setscheduler 0 0 0\nsetpriority 0 0 9\n"),
-        row("keep BATCH with a priority", VESK_SCHED_POLICY_KEEP, 9, SCHED_BATCH,
-            "sched_getscheduler 0\nsched_setscheduler 0 3 4\n"),
-        row("RR", VESK_SCHED_POLICY_RR, 9, SCHED_OTHER, "sched_setscheduler 0 2 4\n"),
-        row("FIFO", VESK_SCHED_POLICY_FIFO, 9, SCHED_OTHER, "sched_setscheduler 0 1 4\n"),
-        row("NORMAL", VESK_SCHED_POLICY_NORMAL, 9, SCHED_FIFO,
-            "sched_setscheduler 0 0 0\nsetpriority 0 0 6\n"),
+        row("noop and priority", VESK_SCHED_NOOP, 9, SCHED_FIFO, ""),
+        row("keep FIFO", KEEP, NOT_SET, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 4\n"),
+        row("keep RR", KEEP, NOT_SET, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 4\n"),
+        row("keep OTHER", KEEP, NOT_SET, SCHED_OTHER, "getscheduler 0\nsetpriority 0 0 6\n"),
+        row("keep BATCH", KEEP, NOT_SET, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"),
+        row("keep FIFO and priority", KEEP, 9, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 9\n"),
+        row("keep RR and priority", KEEP, 9, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 9\n"),
+        row("keep OTHER and priority", KEEP, 9, SCHED_OTHER,
+            "getscheduler 0\nsetscheduler 0 0 0\nsetpriority 0 0 9\n"),
+        row("keep BATCH and priority", KEEP, 9, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"),
+        row("RR", VESK_SCHED_POLICY_RR, 9, SCHED_OTHER, "setscheduler 0 2 4\n"),
+        row("FIFO", VESK_SCHED_POLICY_FIFO, 9, SCHED_OTHER, "setscheduler 0 1 4\n"),
+        row("NORMAL", VESK_SCHED_POLICY_NORMAL, 9, SCHED_FIFO, "setscheduler 0 0 0\nsetpriority 0 0 6\n"),
         row("idle class", VESK_SCHED_CLASS_IDLE, 9, SCHED_OTHER, ""),
         row("below-normal class", VESK_SCHED_CLASS_BELOW_NORMAL, 9, SCHED_OTHER, ""),
         row("normal class", VESK_SCHED_CLASS_NORMAL, 9, SCHED_OTHER, ""),
@@ -675,11 +662,9 @@ struct RedirectionRow {
     char const* name;
     void (*set)(ProcessTNG& process);
     char const* text;
-};
 
-void PrintTo(RedirectionRow const& row, std::ostream* out) {
-    *out << row.name;
-}
+    friend void PrintTo(RedirectionRow const& row, std::ostream* out) { *out << row.name; }
+};
 
 RedirectionRow row(char const* name, void (*set)(ProcessTNG& process), char const* text) {
     return {name, set, text};

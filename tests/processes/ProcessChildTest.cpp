@@ -89,11 +89,9 @@ struct OutputCase {
     void (ProcessTNG::*set_fd)(int);
     void (ProcessTNG::*set_null)(bool);
     void (ProcessTNG::*set_other_null)(bool);
-};
 
-void PrintTo(OutputCase const& output, std::ostream* out) {
-    *out << output.stream;
-}
+    friend void PrintTo(OutputCase const& output, std::ostream* out) { *out << output.stream; }
+};
 
 OutputCase const OUTPUTS[] = {
     {"stdout", "out", STDOUT_FILENO, &ProcessTNG::setStdoutFile, &ProcessTNG::setStdoutFd,
@@ -278,11 +276,9 @@ struct RedirectionCase {
     std::string name;
     void (*set)(ProcessTNG& process);
     std::string errors;
-};
 
-void PrintTo(RedirectionCase const& row, std::ostream* out) {
-    *out << row.name;
-}
+    friend void PrintTo(RedirectionCase const& row, std::ostream* out) { *out << row.name; }
+};
 
 class ProcessChildRedirection : public ProcessTest, public testing::WithParamInterface<RedirectionCase> {};
 

@@ -65,14 +65,12 @@ struct ThreadRow {
     int error;
     int nth;
     std::vector<ExpectedReport> chain;
+
+    friend void PrintTo(ThreadRow const& row, std::ostream* out) { *out << row.name; }
 };
 
 std::vector<ExpectedReport> const START_FAILED = {
     {vesk::Mutex::ErrorId::INCONSISTENT}, {Thread::Error, Thread::ErrorId::START_FAILED}};
-
-void PrintTo(ThreadRow const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class ProcessSetUpThread : public testing::TestWithParam<ThreadRow> {};
 
@@ -276,11 +274,9 @@ struct FatalRow {
     Injected& function;
     int nth; // Calls of the condition are between them.
     char const* text;
-};
 
-void PrintTo(FatalRow const& row, std::ostream* out) {
-    *out << row.name;
-}
+    friend void PrintTo(FatalRow const& row, std::ostream* out) { *out << row.name; }
+};
 
 class ProcessFatalRows : public ProcessTest, public testing::WithParamInterface<FatalRow> {};
 

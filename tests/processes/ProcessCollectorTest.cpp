@@ -362,11 +362,9 @@ struct IgnoreCase {
     char const* name;
     void (*ignore)();
     bool has_handler;
-};
 
-void PrintTo(IgnoreCase const& row, std::ostream* out) {
-    *out << row.name;
-}
+    friend void PrintTo(IgnoreCase const& row, std::ostream* out) { *out << row.name; }
+};
 
 class ProcessIgnoredEnds : public testing::TestWithParam<IgnoreCase> {};
 

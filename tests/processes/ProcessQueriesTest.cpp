@@ -198,9 +198,6 @@ public:
         m_end.closeWriteEnd();
         waitpid(m_pid, nullptr, 0);
     }
-    NamedProcess(NamedProcess const&) = delete;
-    NamedProcess& operator=(NamedProcess const&) = delete;
-
     int getPid() const noexcept { return m_pid; }
 
 private:

@@ -244,9 +244,6 @@ public:
         waitUntilBegun(probes);
     }
     ~HeldChild() { release(); }
-    HeldChild(HeldChild const&) = delete;
-    HeldChild& operator=(HeldChild const&) = delete;
-
     /// Releases the child. Checks that it ends.
     testing::AssertionResult ends() {
         release();
@@ -270,9 +267,6 @@ public:
         waitUntilAsleep();
     }
     ~SleepingThread() { join(); }
-    SleepingThread(SleepingThread const&) = delete;
-    SleepingThread& operator=(SleepingThread const&) = delete;
-
     void waitUntilAsleep() const { support::waitUntilAsleep(getpid(), m_id); }
     void cancel() { EXPECT_EQ(0, pthread_cancel(m_thread.native_handle())); }
     void join() {

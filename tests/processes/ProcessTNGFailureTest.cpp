@@ -257,11 +257,9 @@ struct ErrnoRow {
     int error;
     int result;
     Chain chain;
-};
 
-void PrintTo(ErrnoRow const& row, std::ostream* out) {
-    *out << "errno " << row.error;
-}
+    friend void PrintTo(ErrnoRow const& row, std::ostream* out) { *out << "errno " << row.error; }
+};
 
 class ProcessKillRows : public ProcessTNGFailure, public testing::WithParamInterface<ErrnoRow> {};
 
