@@ -416,7 +416,7 @@ INSTANTIATE_TEST_SUITE_P(
         row("aChangedMac", {LINK, eth0({{IFLA_ADDRESS, "\x02\x1a\x2b\x3c\x4d\x5e"}})},
             LINK_LOG_WITH_MAC + STATUS + addressAppears("02:1a:2b:3c:4d:5e"),
             "3 eth0 mtu 0 up operable [00:1a:2b:3c:4d:5e, 02:1a:2b:3c:4d:5e]"),
-        row("assertsWithoutAName", {link(3, 0, {{IFLA_ADDRESS, MAC}, {IFLA_MTU, MTU}})}, {}, "",
+        row("assertsWithoutAName", {link(3, 0, {{IFLA_ADDRESS, MAC}, {IFLA_MTU, MTU}})}, Log(), "",
             NAME_MISSING),
         row("aNegativeNumberIsCutTo16Bits", {eth0({}, -1)}, LINK_LOG, "65535 eth0 mtu 0 up operable []"),
         row("aLargeNumberIsCutTo16Bits", {eth0({}, 0x10001)}, LINK_LOG, "1 eth0 mtu 0 up operable []"),
@@ -440,9 +440,9 @@ INSTANTIATE_TEST_SUITE_P(
             {link(3, 0, {{IFLA_IFNAME, "old"}, {IFLA_MTU, bytesOf(1)}, {IFLA_ADDRESS, "xxxxxx"}})
                  .addAll({{IFLA_IFNAME, NAME}, {IFLA_MTU, MTU}, {IFLA_ADDRESS, MAC}})},
             LINK_LOG_WITH_MAC, WITH_MTU_AND_MAC),
-        row("withoutItsLastByteIsIgnored", {Message(RTM_NEWLINK, std::string(15, '\x01'))}, {}),
-        row("theFixedFieldsAlone", {Message(RTM_NEWLINK, std::string(16, '\x01'))}, {}, "", NAME_MISSING),
-        row("aRemovalWithoutItsLastByteIsIgnored", {Message(RTM_DELLINK, std::string(15, '\x01'))}, {}),
+        row("withoutItsLastByteIsIgnored", {Message(RTM_NEWLINK, std::string(15, '\x01'))}, Log()),
+        row("theFixedFieldsAlone", {Message(RTM_NEWLINK, std::string(16, '\x01'))}, Log(), "", NAME_MISSING),
+        row("aRemovalWithoutItsLastByteIsIgnored", {Message(RTM_DELLINK, std::string(15, '\x01'))}, Log()),
         row("aRemovalOfTheFixedFieldsAlone", {Message(RTM_DELLINK, std::string(16, '\x01'))}, BLANK_REMOVED,
             "0  mtu 0 []")),
     nameOf<Row>);
@@ -704,7 +704,7 @@ TEST(Datagram, isReadInsideItsBoundsWithAnyContent) {
     }
 }
 
-Row address(char const* name, Message const& message, std::string const& text) {
+Row row(char const* name, Message const& message, std::string const& text) {
     return {
         name,
         {eth0(), message},
@@ -720,70 +720,54 @@ TEST_P(AddressAttributes, areReported) {
 INSTANTIATE_TEST_SUITE_P(
     IPv4, AddressAttributes,
     testing::Values(
-        address("no attribute", ipv4Message(), "-/255.255.255.0"),
-        address("IFA_LOCAL alone", ADDRESS_1, TEXT_1),
-        address("IFA_ADDRESS alone", ipv4Message({{IFA_ADDRESS, "10.0.0.1"}}), TEXT_1),
-        address(
-            "as the kernel sends it",
+        row("no attribute", ipv4Message(), "-/255.255.255.0"), row("IFA_LOCAL alone", ADDRESS_1, TEXT_1),
+        row("IFA_ADDRESS alone", ipv4Message({{IFA_ADDRESS, "10.0.0.1"}}), TEXT_1),
+        row("as the kernel sends it",
             ipv4Message({{IFA_ADDRESS, "10.0.0.1"}, {IFA_LOCAL, "10.0.0.1"}, {IFA_BROADCAST, "10.0.0.255"}})
                 .add(IFA_LABEL, NAME),
             "10.0.0.1/255.255.255.0 peer 10.0.0.255"),
-        address(
-            "with a far end: the later attribute wins",
+        row("with a far end: the later attribute wins",
             ipv4Message({{IFA_ADDRESS, "10.0.0.2"}, {IFA_LOCAL, "10.0.0.1"}}, 32),
             "10.0.0.1/255.255.255.255"),
-        address(
-            "with a far end behind it", ipv4Message({{IFA_LOCAL, "10.0.0.1"}, {IFA_ADDRESS, "10.0.0.2"}}, 32),
+        row("with a far end behind it", ipv4Message({{IFA_LOCAL, "10.0.0.1"}, {IFA_ADDRESS, "10.0.0.2"}}, 32),
             "10.0.0.2/255.255.255.255"),
-        address(
-            "broadcast alone", ipv4Message({{IFA_BROADCAST, "10.0.0.255"}}),
+        row("broadcast alone", ipv4Message({{IFA_BROADCAST, "10.0.0.255"}}),
             "-/255.255.255.0 peer 10.0.0.255"),
-        address(
-            "a first attribute of 16 to 31 bytes: IFA_ADDRESS is the peer",
+        row("a first attribute of 16 to 31 bytes: IFA_ADDRESS is the peer",
             ipv4Message().addAll({{IFA_LABEL, "twelve bytes"}, {IFA_ADDRESS, ipv4("10.0.0.1")}}),
             "-/255.255.255.0 peer 10.0.0.1"),
-        address(
-            "a first attribute of 32 bytes: IFA_ADDRESS is the address",
+        row("a first attribute of 32 bytes: IFA_ADDRESS is the address",
             ipv4Message().addAll({{IFA_LABEL, std::string(28, 'x')}, {IFA_ADDRESS, ipv4("10.0.0.1")}}),
             TEXT_1),
-        address(
-            "too short", ipv4Message().addAll({{IFA_LOCAL, "abc"}, {IFA_ADDRESS, ""}, {IFA_BROADCAST, "x"}}),
+        row("too short", ipv4Message().addAll({{IFA_LOCAL, "abc"}, {IFA_ADDRESS, ""}, {IFA_BROADCAST, "x"}}),
             "-/255.255.255.0"),
-        address("too short behind a good one", Message(ADDRESS_1).add(IFA_LOCAL, "abc"), TEXT_1),
-        address("too long", ipv4Message().add(IFA_LOCAL, ipv4("10.0.0.1") + "more"), TEXT_1),
-        address("prefix 0", ipv4Message({{IFA_LOCAL, "10.0.0.1"}}, 0), "10.0.0.1/0.0.0.0"),
-        address("prefix 200", ipv4Message({{IFA_LOCAL, "10.0.0.1"}}, 200), "10.0.0.1/255.255.255.255"),
-        address(
-            "other attributes", ipv4Message({{3, "10.0.0.1"}, {5, "10.0.0.1"}}).add(7, "x"),
+        row("too short behind a good one", Message(ADDRESS_1).add(IFA_LOCAL, "abc"), TEXT_1),
+        row("too long", ipv4Message().add(IFA_LOCAL, ipv4("10.0.0.1") + "more"), TEXT_1),
+        row("prefix 0", ipv4Message({{IFA_LOCAL, "10.0.0.1"}}, 0), "10.0.0.1/0.0.0.0"),
+        row("prefix 200", ipv4Message({{IFA_LOCAL, "10.0.0.1"}}, 200), "10.0.0.1/255.255.255.255"),
+        row("other attributes", ipv4Message({{3, "10.0.0.1"}, {5, "10.0.0.1"}}).add(7, "x"),
             "-/255.255.255.0")));
 
 INSTANTIATE_TEST_SUITE_P(
     IPv6, AddressAttributes,
     testing::Values(
-        address(
-            "as the kernel sends it: IFA_ADDRESS is the peer",
+        row("as the kernel sends it: IFA_ADDRESS is the peer",
             ipv6Message({{IFA_ADDRESS, "fd00::1"}})
                 .addAll({{IFA_CACHEINFO, std::string(16, 'x')}, {IFA_FLAGS, bytesOf(0x80)}}),
             PEER_ONLY),
-        address(
-            "with a far end, as the kernel sends it",
+        row("with a far end, as the kernel sends it",
             ipv6Message({{IFA_LOCAL, "fd00::1"}, {IFA_ADDRESS, "fd00::2"}}), with64("fd00::1", "fd00::2")),
-        address(
-            "a first attribute of 4 bytes: IFA_ADDRESS is the address",
+        row("a first attribute of 4 bytes: IFA_ADDRESS is the address",
             ipv6Message().addAll({{IFA_FLAGS, bytesOf(0x80)}, {IFA_ADDRESS, ipv6("fd00::1")}}),
             with64("fd00::1", "")),
-        address(
-            "a first attribute of 16 bytes that is no address",
+        row("a first attribute of 16 bytes that is no address",
             ipv6Message().addAll({{IFA_CACHEINFO, std::string(16, 'x')}, {IFA_ADDRESS, ipv6("fd00::1")}}),
             PEER_ONLY),
-        address(
-            "too short",
+        row("too short",
             ipv6Message().addAll({{IFA_ADDRESS, ipv4("10.0.0.1")}, {IFA_LOCAL, std::string(15, 'x')}}),
             with64("-", "")),
-        address(
-            "prefix 0", ipv6Message({{IFA_LOCAL, "::1"}}, 0), "::1/0000:0000:0000:0000:0000:0000:0000:0000"),
-        address(
-            "prefix 200", ipv6Message({{IFA_LOCAL, "::1"}}, 200),
+        row("prefix 0", ipv6Message({{IFA_LOCAL, "::1"}}, 0), "::1/0000:0000:0000:0000:0000:0000:0000:0000"),
+        row("prefix 200", ipv6Message({{IFA_LOCAL, "::1"}}, 200),
             "::1/ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff")));
 
 // The removal of a tentative address is invisible, too.

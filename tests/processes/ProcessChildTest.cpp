@@ -280,6 +280,10 @@ struct RedirectionCase {
     friend void PrintTo(RedirectionCase const& row, std::ostream* out) { *out << row.name; }
 };
 
+RedirectionCase row(char const* name, void (*set)(ProcessTNG& process), std::string const& errors) {
+    return {name, set, errors};
+}
+
 class ProcessChildRedirection : public ProcessTest, public testing::WithParamInterface<RedirectionCase> {};
 
 TEST_P(ProcessChildRedirection, failsAndTheChildContinues) {
@@ -293,28 +297,28 @@ TEST_P(ProcessChildRedirection, failsAndTheChildContinues) {
 INSTANTIATE_TEST_SUITE_P(
     Of, ProcessChildRedirection,
     testing::Values(
-        RedirectionCase{
+        row(
             "theOutputToAMissingFile",
-            [](ProcessTNG& process) { process.setStdoutFile("/no/such/directory/file", false); },
+            [](ProcessTNG& p) { p.setStdoutFile("/no/such/directory/file", false); },
             "PROGRAM [PID]: Couldn't open new stdout \"/no/such/directory/file\". Reason: No such file or "
-            "directory"},
-        RedirectionCase{
-            "theErrorOutputToADirectory", [](ProcessTNG& process) { process.setStderrFile("/", true); },
-            "PROGRAM [PID]: Couldn't open new stderr \"/\". Reason: Is a directory"},
-        RedirectionCase{
-            "theInputToAMissingFile", [](ProcessTNG& process) { process.setStdinFile("/no/such/file"); },
-            "stdin [PID]: Couldn't open new PROGRAM \"/no/such/file\". Reason: No such file or directory"},
-        RedirectionCase{
-            "theOutputToABadDescriptor", [](ProcessTNG& process) { process.setStdoutFd(777); },
-            "stdout [PID]: Couldn't dup2 (777 to 1 ) new PROGRAM! Reason: Bad file descriptor"},
-        RedirectionCase{
-            "theErrorOutputToABadDescriptor", [](ProcessTNG& process) { process.setStderrFd(777); },
-            "PROGRAM [PID]: Couldn't dup2 (777 to 2 ) new stderr! Reason: Bad file descriptor"},
-        RedirectionCase{
+            "directory"),
+        row(
+            "theErrorOutputToADirectory", [](ProcessTNG& p) { p.setStderrFile("/", true); },
+            "PROGRAM [PID]: Couldn't open new stderr \"/\". Reason: Is a directory"),
+        row(
+            "theInputToAMissingFile", [](ProcessTNG& p) { p.setStdinFile("/no/such/file"); },
+            "stdin [PID]: Couldn't open new PROGRAM \"/no/such/file\". Reason: No such file or directory"),
+        row(
+            "theOutputToABadDescriptor", [](ProcessTNG& p) { p.setStdoutFd(777); },
+            "stdout [PID]: Couldn't dup2 (777 to 1 ) new PROGRAM! Reason: Bad file descriptor"),
+        row(
+            "theErrorOutputToABadDescriptor", [](ProcessTNG& p) { p.setStderrFd(777); },
+            "PROGRAM [PID]: Couldn't dup2 (777 to 2 ) new stderr! Reason: Bad file descriptor"),
+        row(
             "theInputToABadDescriptor",
-            [](ProcessTNG& process) { process.setStdinFd(static_cast<int>(getDescriptorLimit())); },
+            [](ProcessTNG& p) { p.setStdinFd(static_cast<int>(getDescriptorLimit())); },
             "PROGRAM [PID]: Couldn't dup2 (0 to " + std::to_string(getDescriptorLimit()) +
-                " ) new stdin! Reason: Bad file descriptor"}),
+                " ) new stdin! Reason: Bad file descriptor")),
     [](auto const& row) { return row.param.name; });
 
 TEST_F(ProcessChild, reportsItsOwnNumberIfThatIsNotOpen) {
