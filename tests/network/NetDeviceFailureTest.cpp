@@ -12,7 +12,6 @@
 #include <map>
 #include <net/if_arp.h>
 #include <netdb.h>
-#include <ostream>
 #include <set>
 #include <sys/socket.h>
 #include <utility>
@@ -259,6 +258,8 @@ struct ConstructionRow {
     support::Injected& function;
     char const* device;
     SysErrorId::Id id;
+
+    friend void PrintTo(ConstructionRow const& row, std::ostream* out) { *out << row.name; }
 };
 
 class FailedConstruction : public testing::TestWithParam<ConstructionRow> {};

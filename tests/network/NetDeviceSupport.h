@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <net/if.h>
+#include <ostream>
 #include <string>
 #include <sys/ioctl.h>
 #include <vector>
@@ -25,6 +26,8 @@ struct Setter {
     char const* name;
     bool (*call)(vesk::NetDevice& device);
     std::vector<unsigned long> requests;
+
+    friend void PrintTo(Setter const& row, std::ostream* out) { *out << row.name; }
 };
 
 inline Setter const SETTERS[] = {

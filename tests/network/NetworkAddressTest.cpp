@@ -12,6 +12,7 @@
 #include <iterator>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <ostream>
 #include <string>
 #include <sys/socket.h>
 #include <type_traits>
@@ -134,6 +135,8 @@ struct BinaryRow {
     std::vector<unsigned char> bytes;
     NetworkAddressBase::Type type;
     char const* text;
+
+    friend void PrintTo(BinaryRow const& row, std::ostream* out) { *out << row.name; }
 };
 
 class BinaryAddress : public testing::TestWithParam<BinaryRow> {};

@@ -222,18 +222,19 @@ inline testing::AssertionResult runsExit(ProcessTNG& process, int code) {
     return hasExitedWith(run(process), code);
 }
 
-/// Checks that an object has neither a child nor an exit state.
-inline testing::AssertionResult hasNoState(ProcessTNG& process) {
+/// Checks that a wait fails because an object has neither a child nor an exit state, and keeps its argument.
+inline testing::AssertionResult hasNoState(ProcessTNG& process, bool timed = false) {
     ExitState state;
-    if (!process.wait(state, false, 0)) {
-        return testing::AssertionFailure() << "the wait succeeded";
+    state.status = 77;
+    if (!process.wait(state, timed, 1000) || state.status != 77) {
+        return testing::AssertionFailure() << "status " << state.status;
     }
     return chainIs(
         {{std::CommonErrorId::CONTRACT_BROKEN,
           "Contract broken by the caller: no child process running, no child exit states left"}});
 }
 
-/// An object with a held child that has begun. The destructor releases the child.
+/// An object with a held child that has begun. The destructor releases a running child and waits for its end.
 class HeldChild : public HeldProbe {
 public:
     explicit HeldChild(char const* mode = "hold", int probes = 1, bool new_group = false) {
@@ -243,7 +244,12 @@ public:
         EXPECT_GT(pid, 0);
         waitUntilBegun(probes);
     }
-    ~HeldChild() { release(); }
+    ~HeldChild() {
+        release();
+        if (process.getPid() != ProcessTNG::INVALID_PROCESS_ID) {
+            waitFor(process);
+        }
+    }
     /// Releases the child. Checks that it ends.
     testing::AssertionResult ends() {
         release();

@@ -339,6 +339,8 @@ TEST_F(ProcessTNGFailure, theDestructorAbortsIfItCannotWait) {
 struct LockingRow {
     std::string name;
     void (*call)(std::unique_ptr<ProcessTNG>& process);
+
+    friend void PrintTo(LockingRow const& row, std::ostream* out) { *out << row.name; }
 };
 
 class ProcessLocking : public ProcessTNGFailure, public testing::WithParamInterface<LockingRow> {};
