@@ -59,7 +59,7 @@ public:
             EXPECT_TRUE(chainIs(expected_chain));
         });
     }
-    /// Returns when an existing interface has been reported: an earlier message about it would find it without a name.
+    /// Returns when an existing interface has been reported, because an earlier message finds it without a name.
     void startWith(std::string const& interface) {
         start();
         EXPECT_EQ(

@@ -1,5 +1,5 @@
-// The program that the tests of child processes start. It needs only libc, so that it starts fast, and is built without a
-// sanitizer.
+// The program that the tests of child processes start. It needs only libc, so that it starts fast, and is
+// built without a sanitizer.
 //
 //     process_probe exit CODE           ends with this code
 //     process_probe die SIGNAL          ends by this signal

@@ -12,8 +12,8 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-// The calls between fork and exec. The functions are replaced in the process; the child inherits their state and
-// the faults that are set.
+// The calls between fork and exec. The functions are replaced in the process; the child inherits their state
+// and the faults that are set.
 namespace {
 
 // The descriptor for the record of the child's calls between fork and exec.
@@ -206,6 +206,16 @@ private:
 
 using Set = std::function<void(ProcessTNG&)>;
 
+/// Captures a child with a fault that is set for its start.
+Capture captureFault(
+    Injected& function, int error, Set const& set = [](ProcessTNG&) {}) {
+    return capture([&](ProcessTNG& process, Go const& go) {
+        set(process);
+        Fault const fault(function, error);
+        go();
+    });
+}
+
 /// Captures a child, and stores its calls between fork and exec in `calls`.
 Capture captureCalls(std::string& calls, Set const& set, int dup_error = 0) {
     ProcessPipe pipe(ProcessPipe::ChildGets::READ_END);
@@ -376,10 +386,7 @@ TEST_F(ProcessChildFailure, theNullDeviceIsOpenedLikeAFile) {
 }
 
 TEST_F(ProcessChildFailure, aChildWarnsIfItCannotUnblockSignals) {
-    Capture const seen = capture([](ProcessTNG&, Go const& go) {
-        Fault const fault(inject_sigprocmask, EINVAL);
-        go();
-    });
+    Capture const seen = captureFault(inject_sigprocmask, EINVAL);
     EXPECT_TRUE(
         contains(seen.errors, ": startChild: warning: after fork(): error unblocking signals\nerr\n"));
     EXPECT_EQ(0, seen.status);
@@ -618,20 +625,15 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(ProcessChildFailure, aPolicyThatCannotBeSetIsNoFailureOfTheNiceValue) {
     VESK_SKIP_UNLESS_NICE_MAY_BE(0);
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
+    Capture const seen = captureFault(inject_sched_setscheduler, EPERM, [](ProcessTNG& process) {
         process.setSchedAttrs(makeAttributes(VESK_SCHED_POLICY_NORMAL, 0, 0));
-        Fault const fault(inject_sched_setscheduler, EPERM);
-        go();
     });
     EXPECT_EQ("err\n", seen.errors);
 }
 
 TEST_F(ProcessChildFailure, aChildWarnsIfItsPriorityCannotBeSetAsNiceValue) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setPriority(false, 5);
-        Fault const fault(inject_setpriority, EACCES);
-        go();
-    });
+    Capture const seen =
+        captureFault(inject_setpriority, EACCES, [](ProcessTNG& process) { process.setPriority(false, 5); });
     EXPECT_TRUE(contains(seen.errors, ": " + systemText(EACCES) + "\nerr\n"));
 }
 
@@ -714,11 +716,7 @@ INSTANTIATE_TEST_SUITE_P(
 class ProcessOpenRows : public ProcessChildFailure, public testing::WithParamInterface<RedirectionRow> {};
 
 TEST_P(ProcessOpenRows, areReportedAndTheChildContinues) {
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        GetParam().set(process);
-        Fault const fault(inject_open, EINTR); // Not even that is repeated.
-        go();
-    });
+    Capture const seen = captureFault(inject_open, EINTR, GetParam().set); // Not even that is repeated.
     EXPECT_EQ(seen.fill(GetParam().text) + "\". Reason: Interrupted system call\nerr\n", seen.errors);
     EXPECT_EQ("out\n", seen.output);
     EXPECT_EQ(0, seen.status);
@@ -744,11 +742,8 @@ INSTANTIATE_TEST_SUITE_P(
             "stdin [PID]: Couldn't open new PROGRAM \"/x")));
 
 TEST_F(ProcessChildFailure, aChildReportsAFailedGroupAndContinues) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setNewGroup(true);
-        Fault const fault(inject_setpgid, EPERM);
-        go();
-    });
+    Capture const seen =
+        captureFault(inject_setpgid, EPERM, [](ProcessTNG& process) { process.setNewGroup(true); });
     EXPECT_EQ(0U, seen.errors.find("Error setting new process group: framework/")) << seen.errors;
     EXPECT_TRUE(contains(seen.errors, ": " + unclassified(EPERM) + "err\n"));
     EXPECT_EQ(0, seen.status);
@@ -756,10 +751,7 @@ TEST_F(ProcessChildFailure, aChildReportsAFailedGroupAndContinues) {
 
 TEST_F(ProcessChildFailure, aFailedExecAbortsTheChild) {
     for (int const error : {EACCES, ENOMEM, E2BIG, ETXTBSY}) {
-        Capture const seen = capture([&](ProcessTNG&, Go const& go) {
-            Fault const fault(inject_execv, error);
-            go();
-        });
+        Capture const seen = captureFault(inject_execv, error);
         EXPECT_TRUE(seen.killed);
         EXPECT_EQ(SIGABRT, seen.status);
         EXPECT_TRUE(contains(seen.errors, ": startChild: fatal: error calling exec() after fork()\n"));

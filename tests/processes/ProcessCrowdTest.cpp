@@ -119,8 +119,8 @@ private:
     std::vector<std::thread> m_threads;
 };
 
-// The child does everything that it can do between fork and exec, each with its failure, while other threads hold the
-// locks that reports, warnings and lines on standard error take.
+// The child does everything that it can do between fork and exec, each with its failure, while other threads
+// hold the locks that reports, warnings and lines on standard error take.
 TEST_F(ProcessCrowd, noChildIsBlockedByOtherThreads) {
     expectInChild([] {
         alarm(110);
