@@ -1,6 +1,13 @@
 #pragma once
 
+#include "support/Chain.h"
+#include "support/EventRecorder.h"
+
 #include <vesk/NetDeviceMonitor.h>
+#include <vesk/SysError.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
 
 #include <gtest/gtest.h>
 
@@ -12,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-/// What the tests of the monitor have in common.
+/// Support for the tests of the monitor.
 namespace support {
 
 using AddrInfo = vesk::NetworkInterface::AddrInfo;
@@ -20,7 +27,27 @@ using Info = vesk::NetworkInterface::Info;
 using vesk::NetworkAddress;
 using Log = std::vector<std::string>;
 
-/// "10.0.0.1/255.255.255.0 peer 10.0.0.255", with "-" for an address that is none.
+template <typename Value>
+std::vector<Value> operator+(std::vector<Value> log, std::vector<Value> const& more) {
+    log.insert(log.end(), more.begin(), more.end());
+    return log;
+}
+
+/// Returns the lines about a new interface, and about an address that an interface in operation gets and
+/// loses.
+inline Log interfaceAppears(std::string const& name) {
+    return {"interface_appeared " + name, "interface_status " + name};
+}
+inline Log addressAppears(std::string const& address, std::string const& interface = "eth0") {
+    std::string const what = interface + " " + address;
+    return {"address_appeared " + what, "address_operable " + what};
+}
+inline Log addressDisappears(std::string const& address, std::string const& interface = "eth0") {
+    std::string const what = interface + " " + address;
+    return {"address_inoperable " + what, "address_disappeared " + what};
+}
+
+/// Returns "10.0.0.1/255.255.255.0 peer 10.0.0.255", with "-" for an empty address.
 inline std::string describe(AddrInfo const& info) {
     std::string text = info.address.getType() == NetworkAddress::NONE ? "-" : info.address.getText();
     text += info.netmask.getType() == NetworkAddress::NONE ? "" : "/" + info.netmask.getText();
@@ -28,7 +55,7 @@ inline std::string describe(AddrInfo const& info) {
     return text;
 }
 
-/// "3 eth0 mtu 1500 up operable broadcast [...]", with all addresses.
+/// Returns "3 eth0 mtu 1500 up operable broadcast [...]", with all addresses.
 inline std::string describe(Info const& info) {
     std::string text = std::to_string(info.index) + " " + info.name + " mtu " + std::to_string(info.mtu);
     text += info.up ? " up" : "";
@@ -44,35 +71,27 @@ inline std::string describe(Info const& info) {
     return text + "]";
 }
 
-/// Writes down all that it is told, a line a call: "address_appeared eth0 10.0.0.1/255.255.255.0".
+/// Records each call as one line: "address_appeared eth0 10.0.0.1/255.255.255.0".
 class RecordingListener : public vesk::NetDeviceMonitor::Listener {
 public:
-    /// Called in the watching thread after each call was written down.
+    /// Called in the watching thread after each call has been recorded.
     std::function<void(std::string const& line)> on_call;
 
-    void interface_appeared(Info const& interface) override { add("interface_appeared", interface); }
-    void interface_disappeared(Info const& interface) override { add("interface_disappeared", interface); }
-    void interface_status(Info const& interface) override { add("interface_status", interface); }
-    void address_appeared(AddrInfo const& address, Info const& interface) override {
-        add("address_appeared", interface, &address);
-    }
-    void address_disappeared(AddrInfo const& address, Info const& interface) override {
-        add("address_disappeared", interface, &address);
-    }
-    void address_operable(AddrInfo const& address, Info const& interface) override {
-        add("address_operable", interface, &address);
-    }
-    void address_inoperable(AddrInfo const& address, Info const& interface) override {
-        add("address_inoperable", interface, &address);
-    }
+    void interface_appeared(Info const& i) override { add("interface_appeared", i); }
+    void interface_disappeared(Info const& i) override { add("interface_disappeared", i); }
+    void interface_status(Info const& i) override { add("interface_status", i); }
+    void address_appeared(AddrInfo const& a, Info const& i) override { add("address_appeared", i, &a); }
+    void address_disappeared(AddrInfo const& a, Info const& i) override { add("address_disappeared", i, &a); }
+    void address_operable(AddrInfo const& a, Info const& i) override { add("address_operable", i, &a); }
+    void address_inoperable(AddrInfo const& a, Info const& i) override { add("address_inoperable", i, &a); }
 
-    /// All calls since the last `take`.
+    /// Returns all calls since the last `take`.
     Log take() {
         std::lock_guard<std::mutex> const guard(m_mutex);
         return std::exchange(m_log, {});
     }
 
-    /// The interface as the last call had it, with its addresses.
+    /// Returns the interface of the last call, with its addresses.
     std::string getInterface() const {
         std::lock_guard<std::mutex> const guard(m_mutex);
         return m_interface;
@@ -83,16 +102,13 @@ public:
         return m_address;
     }
 
-    /// Waits until a line has been written down, and takes all up to it; all there are if it does not come in 40 seconds.
+    /// Waits until a line has been recorded, and takes all lines up to it; after 40 seconds, takes all.
     Log takeUntil(std::string const& line) {
-        return takeUntil([&line](std::string const& seen) { return seen == line; });
-    }
-    Log takeUntil(std::function<bool(std::string const&)> const& is_wanted) {
         std::unique_lock<std::mutex> lock(m_mutex);
         size_t count = 0;
         m_called.wait_for(lock, std::chrono::seconds(40), [&] {
             while (count < m_log.size()) {
-                if (is_wanted(m_log[count++])) {
+                if (m_log[count++] == line) {
                     return true;
                 }
             }

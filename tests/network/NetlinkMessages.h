@@ -8,11 +8,13 @@
 #include <linux/rtnetlink.h>
 #include <string>
 #include <sys/socket.h>
+#include <utility>
+#include <vector>
 
-/// Builds messages of the kernel, also such as it would never send.
+/// Builds messages of the kernel, including malformed ones that the kernel never sends.
 namespace support {
 
-/// A value as the bytes that it has in memory.
+/// Returns the bytes that a value has in memory.
 template <typename Value>
 std::string bytesOf(Value const& value) {
     return std::string(reinterpret_cast<char const*>(&value), sizeof value);
@@ -23,9 +25,11 @@ inline std::string padded(std::string bytes) {
     return bytes;
 }
 
-/// One message. Its length follows what is added, unless it is set at the end.
+/// One message. Its length follows its content, until `setLength` is called.
 class Message {
 public:
+    using Attribute = std::pair<uint16_t, std::string>;
+
     explicit Message(uint16_t type, std::string const& payload = "") {
         nlmsghdr header{};
         header.nlmsg_type = type;
@@ -34,7 +38,7 @@ public:
     }
 
     /// Adds an attribute.
-    /// @param length  what its head says, if that is not to be true
+    /// @param length  the length in its head, if that must be wrong
     Message& add(uint16_t type, std::string const& data, int length = -1) {
         rtattr attribute{};
         attribute.rta_len = static_cast<unsigned short>(length >= 0 ? length : int(RTA_LENGTH(data.size())));
@@ -43,36 +47,36 @@ public:
         return setLength(static_cast<uint32_t>(m_bytes.size()));
     }
 
-    Message& setLength(uint32_t length) {
-        memcpy(m_bytes.data(), &length, sizeof length);
+    Message& addAll(std::vector<Attribute> const& attributes) {
+        for (auto const& [type, data] : attributes) {
+            add(type, data);
+        }
         return *this;
     }
 
-    Message& setFlags(uint16_t flags) {
-        memcpy(m_bytes.data() + offsetof(nlmsghdr, nlmsg_flags), &flags, sizeof flags);
-        return *this;
-    }
+    Message& setLength(uint32_t length) { return put(offsetof(nlmsghdr, nlmsg_len), length); }
+    Message& setType(uint16_t type) { return put(offsetof(nlmsghdr, nlmsg_type), type); }
+    Message& setFlags(uint16_t flags) { return put(offsetof(nlmsghdr, nlmsg_flags), flags); }
+    Message& setSequence(uint32_t sequence) { return put(offsetof(nlmsghdr, nlmsg_seq), sequence); }
 
-    Message& setSequence(uint32_t sequence) {
-        memcpy(m_bytes.data() + offsetof(nlmsghdr, nlmsg_seq), &sequence, sizeof sequence);
-        return *this;
-    }
-
-    /// Up to its last byte, without padding.
+    /// Returns the message up to its last byte, without padding.
     std::string const& get() const { return m_bytes; }
     operator std::string const&() const { return m_bytes; }
 
-    /// The beginning of it, with a length that says so.
+    /// Returns the beginning of the message, with its own length if that is part of it.
     std::string getCut(size_t size) const {
         Message cut = *this;
         cut.m_bytes.resize(size);
-        if (size >= sizeof(uint32_t)) {
-            cut.setLength(static_cast<uint32_t>(size));
-        }
-        return cut.m_bytes;
+        return size < sizeof(uint32_t) ? cut.m_bytes : cut.setLength(static_cast<uint32_t>(size)).m_bytes;
     }
 
 private:
+    template <typename Value>
+    Message& put(size_t offset, Value value) {
+        memcpy(m_bytes.data() + offset, &value, sizeof value);
+        return *this;
+    }
+
     std::string m_bytes;
 };
 
@@ -97,7 +101,7 @@ inline Message doneMessage() {
     return Message(NLMSG_DONE, bytesOf(0));
 }
 
-/// Messages behind each other, the last one without padding.
+/// Returns a datagram of several messages, the last one without padding.
 inline std::string datagramOf(std::initializer_list<std::string> messages) {
     std::string datagram;
     for (std::string const& message : messages) {

@@ -1,39 +1,49 @@
 #pragma once
 
 #include "processes/ProcessSupport.h"
-#include "support/Child.h"
 
-#include <cstdio>
 #include <functional>
 #include <string>
 
-/// Runs an object in a process of its own, to see what its children write to the standard error that they inherit.
+/// Runs an object in a separate process, which captures the output that its child inherits.
 namespace support {
 
 struct Capture {
-    int pid = -1;        ///< What `start` gave.
-    bool killed = false; ///< How the child has ended.
+    /// Replaces "PROGRAM", "PID" and "FD" in a text by the path, the id and a descriptor of the child.
+    std::string fill(std::string text, int fd = -1) const {
+        std::pair<char const*, std::string> const values[] = {
+            {"PROGRAM", program}, {"PID", std::to_string(pid)}, {"FD", std::to_string(fd)}};
+        for (auto const& [name, value] : values) {
+            size_t at = 0;
+            while ((at = text.find(name, at)) != std::string::npos) {
+                text.replace(at, strlen(name), value);
+                at += value.size();
+            }
+        }
+        return text;
+    }
+
+    int pid = -1;        ///< The result of `start`.
+    bool killed = false; ///< The end of the child.
     int status = -1;
-    std::string output;  ///< All that went to standard output.
-    std::string errors;  ///< All that went to standard error.
-    std::string program; ///< The path that was started, as the lines tell it.
+    std::string output; ///< Everything written to standard output.
+    std::string errors; ///< Everything written to standard error.
+    std::string program = getProbePath();
 };
 
 /// Starts the object's child and waits for its end.
 using Go = std::function<void()>;
 
-/// `body` sets the object up, which is the probe with `say`, and calls what it is given, once.
-inline Capture capture(std::function<void(vesk::ProcessTNG& process, Go const& go)> const& body) {
+/// Sets an object to the probe with `say` and runs `body`, which must call its second argument once.
+inline Capture capture(std::function<void(ProcessTNG& process, Go const& go)> const& body) {
     Capture result;
-    ProcessPipe pipe(ProcessPipe::ChildGets::WRITE_END);
-    fcntl(pipe.getWriteEnd(), F_SETFD, FD_CLOEXEC);
+    ProcessPipe pipe(ProcessPipe::ChildGets::READ_END);
     ChildEnd const end = runInChild([&] {
-        vesk::ProcessTNG process;
+        ProcessTNG process;
         setProbe(process, {"say", "out\n", "err\n"});
         body(process, [&] {
             int const pid = process.start();
-            vesk::ProcessTNG::ExitState state;
-            EXPECT_FALSE(process.wait(state, false, 0));
+            ExitState const state = waitFor(process);
             EXPECT_TRUE(state.hasExited());
             dprintf(pipe.getWriteEnd(), "%d %d %d", pid, state.killed ? 1 : 0, state.status);
         });
@@ -44,8 +54,15 @@ inline Capture capture(std::function<void(vesk::ProcessTNG& process, Go const& g
     result.killed = killed != 0;
     result.output = end.output;
     result.errors = end.errors;
-    result.program = getProbePath();
     return result;
+}
+
+/// Captures a child of an object that `set` has set up.
+inline Capture captureWith(std::function<void(ProcessTNG& process)> const& set) {
+    return capture([&](ProcessTNG& process, Go const& go) {
+        set(process);
+        go();
+    });
 }
 
 } // namespace support

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// The path of the library in use; empty if there is none.
+/// Returns the path of the loaded library, or an empty text.
 std::string findLibrary() {
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);) {
@@ -19,11 +19,10 @@ std::string findLibrary() {
     return {};
 }
 
-/// Lines of a log are looked up in the sources by pieces of them: what the library puts together at run time stands there
-/// in pieces that a search finds.
+// Developers search the sources for pieces of a log line, so the library must contain them in one piece.
 class LogTexts : public testing::TestWithParam<char const*> {};
 
-TEST_P(LogTexts, standInTheLibraryInOnePiece) {
+TEST_P(LogTexts, areInTheLibraryInOnePiece) {
     vesk::Vesk::SystemInfo const needs_the_library;
     std::ifstream file(findLibrary(), std::ios::binary);
     ASSERT_TRUE(file.is_open()) << findLibrary();

@@ -1,15 +1,15 @@
-// The program that the tests of child processes start: it ends as it is told, or tells what it sees of itself. It needs
-// libc alone, so that it starts fast, and runs in no sanitizer.
+// The program that the tests of child processes start. It needs only libc, so that it starts fast, and is
+// built without a sanitizer.
 //
 //     process_probe exit CODE           ends with this code
 //     process_probe die SIGNAL          ends by this signal
-//     process_probe hold TELL FD        writes a byte to the descriptor TELL, then reads FD to its end
-//     process_probe brood TELL FD       the same, in a child of its own as well: two bytes
-//     process_probe stubborn TELL FD    the same as hold, deaf to SIGTERM
+//     process_probe hold OUT FD         writes a byte to the descriptor OUT, then reads FD to its end
+//     process_probe brood OUT FD        the same, also in a child: two bytes
+//     process_probe stubborn OUT FD     the same as hold, but ignores SIGTERM
 //     process_probe say TEXT TEXT       writes the texts to standard output and to standard error
 //     process_probe copy                copies standard input to standard output
 //     process_probe copyFrom FD         copies a descriptor to standard output
-//     process_probe tell FILE [ANY...]  writes what it sees to a file, see Sight in ProcessSupport.h
+//     process_probe tell FILE [ANY...]  writes its properties to a file, see Sight in ProcessSupport.h
 
 #include <algorithm>
 #include <cerrno>
@@ -107,7 +107,7 @@ bool writeAll(int fd, char const* text, size_t length) {
     return true;
 }
 
-int hold(char** argv) {
+int hold(int /*argc*/, char** argv) {
     char byte = '.';
     if (write(atoi(argv[2]), &byte, 1) != 1) {
         return 1;
@@ -136,46 +136,40 @@ int copy(int fd) {
     }
 }
 
+int say(int /*argc*/, char** argv) {
+    return writeAll(STDOUT_FILENO, argv[2], strlen(argv[2])) &&
+            writeAll(STDERR_FILENO, argv[3], strlen(argv[3]))
+        ? 0
+        : 1;
+}
+
+struct Mode {
+    char const* name;
+    int arguments;
+    int (*run)(int argc, char** argv);
+};
+
+Mode const MODES[] = {
+    {"exit", 1, [](int, char** argv) { return atoi(argv[2]); }},
+    {"die", 1, [](int, char** argv) { return raise(atoi(argv[2])) == 0 ? 1 : 2; }},
+    {"hold", 2, hold},
+    {"stubborn", 2,
+     [](int argc, char** argv) { return signal(SIGTERM, SIG_IGN) == SIG_ERR ? 1 : hold(argc, argv); }},
+    {"brood", 2, [](int argc, char** argv) { return fork() < 0 ? 1 : hold(argc, argv); }},
+    {"say", 2, say},
+    {"copy", 0, [](int, char**) { return copy(STDIN_FILENO); }},
+    {"copyFrom", 1, [](int, char** argv) { return copy(atoi(argv[2])); }},
+    {"tell", 1, tell},
+};
+
 } // namespace
 
 int main(int argc, char** argv, char** environment) {
     g_environment = environment;
-    char const* const mode = argc > 1 ? argv[1] : "";
-    auto const is = [&](char const* name, int arguments) {
-        return strcmp(mode, name) == 0 && argc >= 2 + arguments;
-    };
-    if (is("exit", 1)) {
-        return atoi(argv[2]);
-    }
-    if (is("die", 1)) {
-        raise(atoi(argv[2]));
-        return 1;
-    }
-    if (is("hold", 2)) {
-        return hold(argv);
-    }
-    if (is("stubborn", 2)) {
-        signal(SIGTERM, SIG_IGN);
-        return hold(argv);
-    }
-    if (is("brood", 2)) {
-        fork();
-        return hold(argv);
-    }
-    if (is("say", 2)) {
-        return writeAll(STDOUT_FILENO, argv[2], strlen(argv[2])) &&
-                writeAll(STDERR_FILENO, argv[3], strlen(argv[3]))
-            ? 0
-            : 1;
-    }
-    if (is("copy", 0)) {
-        return copy(STDIN_FILENO);
-    }
-    if (is("copyFrom", 1)) {
-        return copy(atoi(argv[2]));
-    }
-    if (is("tell", 1)) {
-        return tell(argc, argv);
+    for (Mode const& mode : MODES) {
+        if (argc >= 2 + mode.arguments && strcmp(argv[1], mode.name) == 0) {
+            return mode.run(argc, argv);
+        }
     }
     return 99;
 }

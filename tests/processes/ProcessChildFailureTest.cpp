@@ -1,43 +1,32 @@
 #include "processes/ChildCapture.h"
 
-#include "support/Chain.h"
-#include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
 
-#include <vesk/SysError.h>
-#include <vesk/Vesk.h>
-
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
-#include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstring>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-// What happens between fork and exec, call by call. The functions are replaced in the process; the fork takes their state,
-// and the faults that are set, into the child.
+// The calls between fork and exec. The functions are replaced in the process; the child inherits their state
+// and the faults that are set.
 namespace {
 
-constexpr int NO_RECORD = -1;
-// Where the child writes what it calls; it does so between fork and exec alone.
-int g_record = NO_RECORD;
+// The descriptor for the record of the child's calls between fork and exec.
+int g_record = -1;
 bool g_in_child = false;
-// What the system says to be the policy, and whether setting one is left out.
+// The policy that the system reports, and whether setting one is omitted.
 int g_policy = -1;
 bool g_pretends_to_schedule = false;
-// Where the child waits for a byte before it goes on behind the fork.
+// The descriptor from which the child reads a byte before it continues behind the fork.
 int g_gate = -1;
-// What fork gives, instead of making a child.
+// The result of fork, instead of a new child.
 pid_t g_forked = -1;
-// Whether the child ends at what it must not call, and whether this is the child.
+// Whether the child ends at a forbidden call, and whether this is the child.
 bool g_is_strict = false;
 bool g_is_strict_child = false;
 
@@ -50,7 +39,7 @@ VESK_UNWATCHED void forbid(char const* name) {
 }
 
 VESK_UNWATCHED __attribute__((format(printf, 1, 2))) void record(char const* format, ...) {
-    if (g_in_child && g_record != NO_RECORD) {
+    if (g_in_child && g_record != -1) {
         int const before = errno;
         va_list args;
         va_start(args, format);
@@ -81,79 +70,50 @@ extern "C" VESK_UNWATCHED pid_t fork() {
     if (pid != 0) {
         return pid;
     }
-    g_in_child = g_record != NO_RECORD;
+    g_in_child = g_record != -1;
     char byte = 0;
     while (g_gate != -1 && read(g_gate, &byte, 1) < 0 && errno == EINTR) {}
     g_is_strict_child = g_is_strict;
     return 0;
 }
 
-// What takes a lock, uses the heap or depends on the locale. The sanitizers bring a heap of their own.
+// Functions that take a lock, use the heap or depend on the locale. The sanitizers have a heap of their own.
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void __libc_free(void*);
+#define VESK_FORBID_HEAP(result, name, parameters, arguments)                                                \
+    extern "C" result __libc_##name parameters;                                                              \
+    extern "C" result name parameters {                                                                      \
+        forbid(#name);                                                                                       \
+        return __libc_##name arguments;                                                                      \
+    }
 
-void* malloc(size_t size) {
-    forbid("malloc");
-    return __libc_malloc(size);
-}
-void* calloc(size_t count, size_t size) {
-    forbid("calloc");
-    return __libc_calloc(count, size);
-}
-void* realloc(void* memory, size_t size) {
-    forbid("realloc");
-    return __libc_realloc(memory, size);
-}
-void free(void* memory) {
-    forbid("free");
-    __libc_free(memory);
-}
-}
+VESK_FORBID_HEAP(void*, malloc, (size_t size), (size))
+VESK_FORBID_HEAP(void*, calloc, (size_t count, size_t size), (count, size))
+VESK_FORBID_HEAP(void*, realloc, (void* memory, size_t size), (memory, size))
+VESK_FORBID_HEAP(void, free, (void* memory), (memory))
 #endif
 
-support::Injected inject_pthread_mutex_lock("pthread_mutex_lock");
-extern "C" VESK_UNWATCHED int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-    forbid("pthread_mutex_lock");
-    return getReal(inject_pthread_mutex_lock, &pthread_mutex_lock)(mutex);
-}
+#define VESK_FORBID(result, name, parameters, arguments)                                                     \
+    support::Injected inject_##name(#name);                                                                  \
+    extern "C" VESK_UNWATCHED result name parameters noexcept {                                              \
+        forbid(#name);                                                                                       \
+        return getReal(inject_##name, &name) arguments;                                                      \
+    }
 
-support::Injected inject_strerror("strerror");
-extern "C" VESK_UNWATCHED char* strerror(int error) noexcept {
-    forbid("strerror");
-    return getReal(inject_strerror, &strerror)(error);
-}
-
-support::Injected inject_strerror_r("strerror_r");
-extern "C" VESK_UNWATCHED char* strerror_r(int error, char* text, size_t size) noexcept {
-    forbid("strerror_r");
-    return getReal(inject_strerror_r, &strerror_r)(error, text, size);
-}
-
-support::Injected inject_vsnprintf("vsnprintf");
-extern "C" VESK_UNWATCHED int vsnprintf(char* text, size_t size, char const* format, va_list args) noexcept {
-    forbid("vsnprintf");
-    return getReal(inject_vsnprintf, &vsnprintf)(text, size, format, args);
-}
+VESK_FORBID(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+VESK_FORBID(char*, strerror, (int error), (error))
+VESK_FORBID(char*, strerror_r, (int error, char* text, size_t size), (error, text, size))
+VESK_FORBID(
+    int, vsnprintf, (char* text, size_t size, char const* format, va_list args), (text, size, format, args))
 
 support::Injected inject_sigaction("sigaction");
 extern "C" VESK_UNWATCHED int
 sigaction(int signal, struct sigaction const* action, struct sigaction* old) noexcept {
-    // Of those that a sanitizer's runtime does not handle for itself.
+    // Only signals that a sanitizer's runtime does not handle.
     if (action != nullptr && (signal == SIGUSR1 || signal == SIGUSR2 || signal == SIGRTMIN + 1)) {
         record("sigaction %d %s\n", signal, action->sa_handler == SIG_DFL ? "default" : "other");
     }
     return getReal(inject_sigaction, &sigaction)(signal, action, old);
-}
-
-support::Injected inject_getpid("getpid");
-extern "C" VESK_UNWATCHED pid_t getpid() {
-    record("getpid\n");
-    return getReal(inject_getpid, &getpid)();
 }
 
 support::Injected inject_sigprocmask("sigprocmask");
@@ -185,117 +145,51 @@ extern "C" VESK_UNWATCHED int sigprocmask(int how, sigset_t const* set, sigset_t
 
 support::Injected inject_sched_getscheduler("sched_getscheduler");
 extern "C" VESK_UNWATCHED int sched_getscheduler(pid_t pid) noexcept {
-    record("sched_getscheduler %d\n", pid);
+    record("getscheduler %d\n", pid);
     return g_policy != -1 ? g_policy : getReal(inject_sched_getscheduler, &sched_getscheduler)(pid);
 }
 
-support::Injected inject_sched_setscheduler("sched_setscheduler");
-extern "C" VESK_UNWATCHED int sched_setscheduler(pid_t pid, int policy, sched_param const* param) noexcept {
-    record("sched_setscheduler %d %d %d\n", pid, policy, param->sched_priority);
-    int error = 0;
-    if (inject_sched_setscheduler.fails(error)) {
-        errno = error;
-        return -1;
+// Records a call. Returns 0 instead of calling the real function if it is only pretended.
+#define VESK_RECORD(name, parameters, arguments, is_pretended, ...)                                          \
+    support::Injected inject_##name(#name);                                                                  \
+    extern "C" VESK_UNWATCHED int name parameters {                                                          \
+        record(__VA_ARGS__);                                                                                 \
+        int error = 0;                                                                                       \
+        if (inject_##name.fails(error)) {                                                                    \
+            errno = error;                                                                                   \
+            return -1;                                                                                       \
+        }                                                                                                    \
+        return is_pretended ? 0 : getReal(inject_##name, &name) arguments;                                   \
     }
-    return g_pretends_to_schedule
-        ? 0
-        : getReal(inject_sched_setscheduler, &sched_setscheduler)(pid, policy, param);
-}
 
-support::Injected inject_setpriority("setpriority");
-extern "C" VESK_UNWATCHED int setpriority(__priority_which_t which, id_t who, int priority) noexcept {
-    record("setpriority %d %d %d\n", static_cast<int>(which), static_cast<int>(who), priority);
-    int error = 0;
-    if (inject_setpriority.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return g_pretends_to_schedule ? 0 : getReal(inject_setpriority, &setpriority)(which, who, priority);
-}
-
-support::Injected inject_sched_setaffinity("sched_setaffinity");
-extern "C" VESK_UNWATCHED int sched_setaffinity(pid_t pid, size_t size, cpu_set_t const* set) noexcept {
-    record("sched_setaffinity %d %zu %d\n", pid, size, CPU_COUNT(set));
-    int error = 0;
-    if (inject_sched_setaffinity.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return getReal(inject_sched_setaffinity, &sched_setaffinity)(pid, size, set);
-}
-
+VESK_RECORD(getpid, (), (), false, "getpid\n")
+VESK_RECORD(
+    sched_setscheduler, (pid_t pid, int policy, sched_param const* param), (pid, policy, param),
+    g_pretends_to_schedule, "setscheduler %d %d %d\n", pid, policy, param->sched_priority)
+VESK_RECORD(
+    setpriority, (__priority_which_t which, id_t id, int priority), (which, id, priority),
+    g_pretends_to_schedule, "setpriority %d %d %d\n", static_cast<int>(which), static_cast<int>(id), priority)
+VESK_RECORD(
+    sched_setaffinity, (pid_t pid, size_t size, cpu_set_t const* set), (pid, size, set), false,
+    "sched_setaffinity %d %zu %d\n", pid, size, CPU_COUNT(set))
 VESK_INJECT_OPEN(record("open %s %x %o\n", path, static_cast<unsigned int>(flags), mode))
-
-support::Injected inject_dup2("dup2");
-extern "C" VESK_UNWATCHED int dup2(int from, int to) noexcept {
-    record("dup2 %d %d\n", from, to);
-    int error = 0;
-    if (inject_dup2.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return getReal(inject_dup2, &dup2)(from, to);
-}
-
-support::Injected inject_close("close");
-extern "C" VESK_UNWATCHED int close(int fd) {
-    record("close %d\n", fd);
-    return getReal(inject_close, &close)(fd);
-}
-
-support::Injected inject_setpgid("setpgid");
-extern "C" VESK_UNWATCHED int setpgid(pid_t pid, pid_t group) noexcept {
-    record("setpgid %d %d\n", pid, group);
-    int error = 0;
-    if (inject_setpgid.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return getReal(inject_setpgid, &setpgid)(pid, group);
-}
-
-support::Injected inject_execv("execv");
-extern "C" VESK_UNWATCHED int execv(char const* path, char* const* args) noexcept {
-    record("execv %s %s\n", path, args[0]);
-    int error = 0;
-    if (inject_execv.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return getReal(inject_execv, &execv)(path, args);
-}
-
-support::Injected inject_execve("execve");
-extern "C" VESK_UNWATCHED int execve(char const* path, char* const* args, char* const* env) noexcept {
-    record("execve %s %s %s\n", path, args[0], env[0]);
-    return getReal(inject_execve, &execve)(path, args, env);
-}
-
+VESK_RECORD(dup2, (int from, int to), (from, to), false, "dup2 %d %d\n", from, to)
+VESK_RECORD(close, (int fd), (fd), false, "close %d\n", fd)
+VESK_RECORD(setpgid, (pid_t pid, pid_t group), (pid, group), false, "setpgid %d %d\n", pid, group)
+VESK_RECORD(execv, (char const* path, char* const* args), (path, args), false, "execv %s %s\n", path, args[0])
+VESK_RECORD(
+    execve, (char const* path, char* const* args, char* const* env), (path, args, env), false,
+    "execve %s %s %s\n", path, args[0], env[0])
 VESK_INJECT_ERRNO(char*, nullptr, strdup, (char const* text), (text))
 
 namespace {
 
-using support::Capture;
-using support::capture;
-using support::chainIs;
-using support::ExpectedReport;
-using support::Fault;
-using support::Go;
-using support::New;
-using support::NewFault;
-using support::ProcessPipe;
-using support::rowText;
-using support::setProbe;
-using support::systemText;
-using support::TempDir;
-using vesk::ProcessTNG;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
+using namespace support;
 using vesk::sched::Attr;
-using vesk::sched::Policy;
+namespace SysErrorId = vesk::SysErrorId;
 using Handler = std::GlobalErrorHandler;
 
-class ProcessChildFailure : public support::ProcessTest {
+class ProcessChildFailure : public ProcessTest {
 protected:
     void SetUp() override { reset(); }
     void TearDown() override {
@@ -305,115 +199,138 @@ protected:
 
 private:
     static void reset() {
-        g_record = NO_RECORD;
-        g_in_child = false;
-        g_policy = -1;
-        g_pretends_to_schedule = false;
-        g_gate = -1;
-        g_forked = -1;
-        g_is_strict = false;
+        g_record = g_policy = g_gate = g_forked = -1;
+        g_in_child = g_pretends_to_schedule = g_is_strict = false;
     }
 };
 
-/// What the child calls between fork and exec.
-std::string recordCalls(std::function<void(ProcessTNG&)> const& body) {
-    ProcessPipe calls(ProcessPipe::ChildGets::READ_END);
+using Set = std::function<void(ProcessTNG&)>;
+
+/// Captures a child with a fault that is set for its start.
+Capture captureFault(
+    Injected& function, int error, Set const& set = [](ProcessTNG&) {}) {
+    return capture([&](ProcessTNG& process, Go const& go) {
+        set(process);
+        Fault const fault(function, error);
+        go();
+    });
+}
+
+/// Captures a child, and stores its calls between fork and exec in `calls`.
+Capture captureCalls(std::string& calls, Set const& set, int dup_error = 0) {
+    ProcessPipe pipe(ProcessPipe::ChildGets::READ_END);
     Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        body(process);
-        g_record = calls.getWriteEnd();
+        set(process);
+        g_record = pipe.getWriteEnd();
+        Fault const fault(inject_dup2, dup_error);
         go();
     });
     EXPECT_EQ(0, seen.status);
-    return calls.readAll();
+    calls = pipe.readAll();
+    return seen;
 }
 
-// ---- fork ----
+/// Returns the calls of the child between fork and exec.
+std::string recordCalls(Set const& set) {
+    std::string calls;
+    captureCalls(calls, set);
+    return calls;
+}
+
+/// Returns the descriptor of the first call of dup2.
+int findDuplicated(std::string const& calls) {
+    int fd = -1;
+    size_t const at = calls.find("dup2 ");
+    EXPECT_NE(std::string::npos, at) << calls;
+    EXPECT_EQ(1, sscanf(calls.substr(at == std::string::npos ? 0 : at).c_str(), "dup2 %d", &fd));
+    return fd;
+}
+
+size_t count(std::string const& text, std::string const& part) {
+    size_t number = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) {
+        ++number;
+    }
+    return number;
+}
+
+Attr makeAttributes(int policy, int priority, int nice) {
+    Attr attributes;
+    attributes.policy = static_cast<vesk::sched::Policy_E>(policy);
+    attributes.param.priority = priority;
+    attributes.param.nice = nice;
+    return attributes;
+}
+
+std::string unclassified(int error) {
+    return rowText(SysErrorId::UNCLASSIFIED, systemText(error)) + "\n";
+}
 
 struct ForkRow {
     int error;
-    std::vector<ExpectedReport> chain;
-};
+    ExpectedReport report;
 
-void PrintTo(ForkRow const& row, std::ostream* out) {
-    *out << "errno " << row.error;
-}
+    friend void PrintTo(ForkRow const& row, std::ostream* out) { *out << "errno " << row.error; }
+};
 
 class ProcessForkRows : public ProcessChildFailure, public testing::WithParamInterface<ForkRow> {};
 
 TEST_P(ProcessForkRows, failTheStartAndLeaveTheObjectIdle) {
     ProcessTNG process;
-    setProbe(process, {"exit", "0"});
     {
         Fault const fault(inject_fork, GetParam().error);
         EXPECT_EQ(-1, process.start());
     }
-    EXPECT_TRUE(chainIs(GetParam().chain));
+    EXPECT_TRUE(chainIs({GetParam().report}));
     EXPECT_EQ(-1, process.getPid());
-    ProcessTNG::ExitState state;
-    EXPECT_TRUE(process.wait(state, false, 0));
-    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
+    EXPECT_TRUE(hasNoState(process));
     // All locks are free again.
-    EXPECT_TRUE(support::hasExitedWith(support::run(process), 0));
+    EXPECT_TRUE(runsExit(process, 0));
+}
+
+template <typename Id>
+ForkRow row(int error, Id id) {
+    return {error, {id, rowText(id, systemText(error))}};
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessForkRows,
     testing::Values(
-        ForkRow{
-            EAGAIN,
-            {{SysError, SysErrorId::RESOURCES_EXHAUSTED,
-              rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EAGAIN))}}},
-        ForkRow{
-            ENOMEM,
-            {{SysError, SysErrorId::OUT_OF_MEMORY, rowText(SysErrorId::OUT_OF_MEMORY, systemText(ENOMEM))}}},
-        ForkRow{
-            ENOSYS,
-            {{ProcessTNG::Error, ProcessTNG::ErrorId::START_FAILED,
-              "Failed to start child process: " + systemText(ENOSYS)}}}));
+        row(EAGAIN, SysErrorId::RESOURCES_EXHAUSTED), row(ENOMEM, SysErrorId::OUT_OF_MEMORY),
+        row(ENOSYS, ProcessTNG::ErrorId::START_FAILED)));
 
-TEST_F(ProcessChildFailure, aStartThatFailsHasForgottenTheLastEnd) {
+TEST_F(ProcessChildFailure, aFailedStartDiscardsTheLastEnd) {
     ProcessTNG process;
-    support::RecordingListener listener;
+    RecordingListener listener;
     process.setExitListener(&listener);
-    setProbe(process, {"exit", "0"});
+    setExit(process, 0);
     EXPECT_GT(process.start(), 0);
     ASSERT_TRUE(listener.waitForCalls(1));
     {
         Fault const fault(inject_fork, EAGAIN);
         EXPECT_EQ(-1, process.start());
     }
-    ProcessTNG::ExitState state;
-    EXPECT_TRUE(process.wait(state, false, 0));
-    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
+    EXPECT_TRUE(hasNoState(process));
 }
 
-// ---- the order of the calls ----
-
-TEST_F(ProcessChildFailure, aPlainChildCallsNothingButWhatItNeeds) {
-    std::string const program = support::getProbePath();
+TEST_F(ProcessChildFailure, aPlainChildMakesOnlyTheseCalls) {
     EXPECT_EQ(
-        "getpid\n"
-        "sigprocmask unblock all\n"
-        "execv " +
-            program + " " + program + "\n",
+        "getpid\nsigprocmask unblock all\nexecv " + getProbePath() + " " + getProbePath() + "\n",
         recordCalls([](ProcessTNG&) {}));
 }
 
-TEST_F(ProcessChildFailure, processorsThatTheMachineDoesNotHaveStayOutOfTheMask) {
-    std::string const calls =
-        recordCalls([](ProcessTNG& process) { process.setAffinity(std::vector<bool>(5000, true)); });
-    std::string const count = std::to_string(vesk::Vesk::s_sys_info.processor_count);
-    EXPECT_NE(std::string::npos, calls.find("\nsched_setaffinity 0 128 " + count + "\n")) << calls;
+TEST_F(ProcessChildFailure, theMaskOmitsProcessorsThatTheMachineDoesNotHave) {
+    std::string const processors = std::to_string(vesk::Vesk::s_sys_info.processor_count);
+    EXPECT_TRUE(contains(
+        recordCalls([](ProcessTNG& process) { process.setAffinity(std::vector<bool>(5000, true)); }),
+        "\nsched_setaffinity 0 128 " + processors + "\n"));
 }
 
-TEST_F(ProcessChildFailure, aChildWithEverythingCallsInThisOrder) {
+TEST_F(ProcessChildFailure, aChildWithEverySettingMakesItsCallsInThisOrder) {
     TempDir const dir;
-    std::string const program = support::getProbePath();
-    std::string const calls = recordCalls([&](ProcessTNG& process) {
-        Attr attributes;
-        attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
-        attributes.param.nice = 3;
-        process.setSchedAttrs(attributes);
+    std::string calls;
+    Capture const seen = captureCalls(calls, [&](ProcessTNG& process) {
+        process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_POLICY_NORMAL, 0, 3));
         process.setAffinity({true});
         process.setStdoutFile(dir / "out", false);
         process.setStderrFile(dir / "err", true);
@@ -421,13 +338,12 @@ TEST_F(ProcessChildFailure, aChildWithEverythingCallsInThisOrder) {
         process.setNewGroup(true);
         process.setEnvironment({{"NAME", "value"}});
     });
-    // Which descriptors are free is the test's business.
-    std::string expected = "getpid\n"
-                           "sigprocmask unblock all\n"
-                           "sched_setscheduler 0 0 0\n"
-                           "setpriority 0 0 3\n"
-                           "sched_setaffinity 0 128 1\n"
-                           "open " +
+    std::string const expected = "getpid\n"
+                                 "sigprocmask unblock all\n"
+                                 "setscheduler 0 0 0\n"
+                                 "setpriority 0 0 3\n"
+                                 "sched_setaffinity 0 128 1\n"
+                                 "open " +
         (dir / "out") +
         " 241 600\n"
         "dup2 FD 1\n"
@@ -441,19 +357,11 @@ TEST_F(ProcessChildFailure, aChildWithEverythingCallsInThisOrder) {
         "dup2 FD 0\n"
         "close FD\n"
         "setpgid 0 0\n"
-        "execve " +
-        program + " " + program + " NAME=value\n";
-    int fd = -1;
-    size_t const at = calls.find("dup2 ");
-    ASSERT_NE(std::string::npos, at) << calls;
-    ASSERT_EQ(1, sscanf(calls.c_str() + at, "dup2 %d", &fd));
-    for (size_t i = expected.find("FD"); i != std::string::npos; i = expected.find("FD")) {
-        expected.replace(i, 2, std::to_string(fd));
-    }
-    EXPECT_EQ(expected, calls);
+        "execve PROGRAM PROGRAM NAME=value\n";
+    EXPECT_EQ(seen.fill(expected, findDuplicated(calls)), calls);
 }
 
-TEST_F(ProcessChildFailure, aChildWithDescriptorsCallsInThisOrder) {
+TEST_F(ProcessChildFailure, aChildWithDescriptorsMakesItsCallsInThisOrder) {
     std::string const calls = recordCalls([&](ProcessTNG& process) {
         int const out = getReal(inject_open, &open)("/dev/null", O_WRONLY);
         EXPECT_EQ(60, dup2(out, 60));
@@ -462,17 +370,9 @@ TEST_F(ProcessChildFailure, aChildWithDescriptorsCallsInThisOrder) {
         process.setStderrFd(61);
         process.setStdinFd(62);
     });
-    EXPECT_NE(
-        std::string::npos,
-        calls.find("sigprocmask unblock all\n"
-                   "dup2 60 1\n"
-                   "close 60\n"
-                   "dup2 61 2\n"
-                   "close 61\n"
-                   "dup2 0 62\n"
-                   "close 0\n"
-                   "execv "))
-        << calls;
+    EXPECT_TRUE(contains(
+        calls,
+        "sigprocmask unblock all\ndup2 60 1\nclose 60\ndup2 61 2\nclose 61\ndup2 0 62\nclose 0\nexecv "));
 }
 
 TEST_F(ProcessChildFailure, theNullDeviceIsOpenedLikeAFile) {
@@ -481,25 +381,18 @@ TEST_F(ProcessChildFailure, theNullDeviceIsOpenedLikeAFile) {
         process.setStderrFile("ignored", true);
         process.setStderrNull(true);
     });
-    EXPECT_NE(std::string::npos, calls.find("open /dev/null 241 600\n")) << calls;
-    EXPECT_NE(std::string::npos, calls.find("open /dev/null 441 600\n")) << calls;
+    EXPECT_TRUE(contains(calls, "open /dev/null 241 600\n"));
+    EXPECT_TRUE(contains(calls, "open /dev/null 441 600\n"));
 }
 
-// ---- signals ----
-
-TEST_F(ProcessChildFailure, signalsThatCannotBeUnblockedAreAWarning) {
-    Capture const seen = capture([](ProcessTNG&, Go const& go) {
-        Fault const fault(inject_sigprocmask, EINVAL);
-        go();
-    });
-    EXPECT_NE(
-        std::string::npos,
-        seen.errors.find(": startChild: warning: after fork(): error unblocking signals\nerr\n"))
-        << seen.errors;
+TEST_F(ProcessChildFailure, aChildWarnsIfItCannotUnblockSignals) {
+    Capture const seen = captureFault(inject_sigprocmask, EINVAL);
+    EXPECT_TRUE(
+        contains(seen.errors, ": startChild: warning: after fork(): error unblocking signals\nerr\n"));
     EXPECT_EQ(0, seen.status);
 }
 
-TEST_F(ProcessChildFailure, handlersOfTheProcessAreGoneBeforeSignalsAreUnblocked) {
+TEST_F(ProcessChildFailure, aChildResetsHandlersBeforeItUnblocksSignals) {
     std::string const calls = recordCalls([](ProcessTNG&) {
         signal(SIGUSR1, [](int) {});
         signal(SIGUSR2, SIG_IGN);
@@ -508,38 +401,30 @@ TEST_F(ProcessChildFailure, handlersOfTheProcessAreGoneBeforeSignalsAreUnblocked
         action.sa_sigaction = [](int, siginfo_t*, void*) {};
         EXPECT_EQ(0, sigaction(SIGRTMIN + 1, &action, nullptr));
     });
-    EXPECT_NE(
-        std::string::npos,
-        calls.find(
-            "getpid\nsigaction " + std::to_string(SIGUSR1) + " default\nsigaction " +
-            std::to_string(SIGRTMIN + 1) + " default\nsigprocmask unblock all\nexecv "))
-        << calls;
+    EXPECT_TRUE(contains(
+        calls,
+        "getpid\nsigaction " + std::to_string(SIGUSR1) + " default\nsigaction " +
+            std::to_string(SIGRTMIN + 1) + " default\nsigprocmask unblock all\nexecv "));
 }
 
 struct KillCase {
     char const* name;
     bool group;
     bool graceful;
-};
 
-void PrintTo(KillCase const& row, std::ostream* out) {
-    *out << row.name;
-}
+    friend void PrintTo(KillCase const& row, std::ostream* out) { *out << row.name; }
+};
 
 class ProcessEarlyKillRows : public ProcessChildFailure, public testing::WithParamInterface<KillCase> {};
 
-TEST_P(ProcessEarlyKillRows, reachTheChildThatHasBarelyBegun) {
+TEST_P(ProcessEarlyKillRows, reachAChildThatHasJustBegun) {
     ProcessPipe gate(ProcessPipe::ChildGets::READ_END);
-    ProcessPipe handled(ProcessPipe::ChildGets::WRITE_END);
+    ProcessPipe handled(ProcessPipe::ChildGets::READ_END);
     static int s_handled = -1;
     s_handled = handled.getWriteEnd();
-    fcntl(handled.getWriteEnd(), F_SETFD, FD_CLOEXEC);
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) { (void)!write(s_handled, "handled", 7); };
-    ASSERT_EQ(0, sigaction(SIGTERM, &action, &before));
+    auto* const before = signal(SIGTERM, [](int) { (void)!write(s_handled, "handled", 7); });
     {
-        support::HeldProbe held;
+        HeldProbe held;
         ProcessTNG process;
         held.set(process);
         process.setNewGroup(GetParam().group);
@@ -547,12 +432,12 @@ TEST_P(ProcessEarlyKillRows, reachTheChildThatHasBarelyBegun) {
         EXPECT_GT(process.start(), 0);
         EXPECT_FALSE(process.kill(GetParam().graceful));
         EXPECT_EQ(1, write(gate.getWriteEnd(), "x", 1));
-        ProcessTNG::ExitState state;
+        ExitState state;
         EXPECT_FALSE(process.wait(state, true, 30'000));
-        EXPECT_TRUE(support::wasKilledBy(state, GetParam().graceful ? SIGTERM : SIGKILL));
+        EXPECT_TRUE(wasKilledBy(state, GetParam().graceful ? SIGTERM : SIGKILL));
         held.release();
     }
-    sigaction(SIGTERM, &before, nullptr);
+    signal(SIGTERM, before);
     EXPECT_EQ("", handled.readAll());
 }
 
@@ -562,7 +447,7 @@ INSTANTIATE_TEST_SUITE_P(
         KillCase{"terminate", false, true}, KillCase{"kill", false, false},
         KillCase{"terminate its group", true, true}, KillCase{"kill its group", true, false}));
 
-TEST_F(ProcessChildFailure, theMaskOfTheCallingThreadIsWhatItWas) {
+TEST_F(ProcessChildFailure, startRestoresTheMaskOfTheCallingThread) {
     sigset_t set;
     sigset_t before;
     sigset_t after;
@@ -570,8 +455,7 @@ TEST_F(ProcessChildFailure, theMaskOfTheCallingThreadIsWhatItWas) {
     sigaddset(&set, SIGUSR2);
     ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &set, &before));
     ProcessTNG process;
-    setProbe(process, {"exit", "0"});
-    EXPECT_TRUE(support::hasExitedWith(support::run(process), 0));
+    EXPECT_TRUE(runsExit(process, 0));
     {
         Fault const fault(inject_fork, EAGAIN);
         EXPECT_EQ(-1, process.start());
@@ -584,26 +468,16 @@ TEST_F(ProcessChildFailure, theMaskOfTheCallingThreadIsWhatItWas) {
     }
 }
 
-// ---- what must not be called ----
-
-/// Every failure that a child can have before it executes.
-void setToFail(ProcessTNG& process) {
-    Attr attributes;
-    attributes.policy = vesk::sched::VESK_SCHED_POLICY_FIFO;
-    attributes.param.priority = 100000;
-    process.setSchedAttrs(attributes);
-    process.setAffinity({false});
-    process.setEnvironment({{"ONE", "1"}});
-    process.setStdoutFile("/no/such/directory/file", false);
-    process.setStderrFile("/no/such/directory/file", false);
-    process.setStdinFd(0x7fffffff);
-    process.setNewGroup(true);
-}
-
-TEST_F(ProcessChildFailure, noChildTakesALockOrUsesTheHeapWhateverFails) {
+TEST_F(ProcessChildFailure, noChildTakesALockOrUsesTheHeapAfterAnyFailure) {
     for (bool const executes : {true, false}) {
         Capture const seen = capture([executes](ProcessTNG& process, Go const& go) {
-            setToFail(process);
+            process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_POLICY_FIFO, 100000, 0));
+            process.setAffinity({false});
+            process.setEnvironment({{"ONE", "1"}});
+            process.setStdoutFile("/no/such/directory/file", false);
+            process.setStderrFile("/no/such/directory/file", false);
+            process.setStdinFd(0x7fffffff);
+            process.setNewGroup(true);
             if (!executes) {
                 process.setExecutable("/no/such/program");
                 std::ErrorStorage::ack();
@@ -620,24 +494,21 @@ TEST_F(ProcessChildFailure, noChildTakesALockOrUsesTheHeapWhateverFails) {
               "Error setting affinity\n", "]: Couldn't open new stdout ", "]: Couldn't open new stderr ",
               "]: Couldn't dup2 (0 to 2147483647 ) new stdin! Reason: Bad file descriptor\n",
               "Error setting new process group: "}) {
-            EXPECT_NE(std::string::npos, seen.errors.find(text)) << text << " in " << seen.errors;
+            EXPECT_TRUE(contains(seen.errors, text));
         }
     }
 }
 
-TEST_F(ProcessChildFailure, aLineLongerThanAPipeTakesAtOnceIsToldWhole) {
+TEST_F(ProcessChildFailure, aChildWritesALineCompletelyThatIsLongerThanOneWriteToAPipe) {
     std::string const path = "/" + std::string(10000, 'x');
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        process.setStdinFile(path);
-        go();
-    });
+    Capture const seen = captureWith([&](ProcessTNG& process) { process.setStdinFile(path); });
     EXPECT_EQ(
-        "stdin [" + std::to_string(seen.pid) + "]: Couldn't open new " + seen.program + " \"" + path +
+        seen.fill("stdin [PID]: Couldn't open new PROGRAM \"") + path +
             "\". Reason: File name too long\nerr\n",
         seen.errors);
 }
 
-TEST_F(ProcessChildFailure, anUnknownErrorNumberIsToldAsTheSystemTellsIt) {
+TEST_F(ProcessChildFailure, anUnknownErrorNumberHasTheTextOfTheSystem) {
     Capture const seen = capture([](ProcessTNG& process, Go const& go) {
         process.setStdinFile("/x");
         process.setNewGroup(true);
@@ -645,77 +516,56 @@ TEST_F(ProcessChildFailure, anUnknownErrorNumberIsToldAsTheSystemTellsIt) {
         Fault const group_fault(inject_setpgid, 12345);
         go();
     });
-    EXPECT_NE(std::string::npos, seen.errors.find("\". Reason: Unknown error 12345\n")) << seen.errors;
-    EXPECT_NE(
-        std::string::npos,
-        seen.errors.find(": " + rowText(SysErrorId::UNCLASSIFIED, systemText(12345)) + "\n"))
-        << seen.errors;
+    EXPECT_TRUE(contains(seen.errors, "\". Reason: Unknown error 12345\n"));
+    EXPECT_TRUE(contains(seen.errors, ": " + unclassified(12345)));
 }
 
-// ---- an id that is given out twice ----
-
-TEST_F(ProcessChildFailure, anIdThatIsStillEnteredIsAnAssertionAndGoesToTheNewChild) {
-    support::ChildEnd const end = support::runInChild([] {
-        support::HeldProbe held;
-        ProcessTNG first;
-        held.set(first);
-        g_forked = -1;
-        int const pid = first.start();
-        held.waitUntilBegun();
-        support::EventRecorder recorder;
+TEST_F(ProcessChildFailure, aReusedIdIsAnAssertionAndBelongsToTheNewChild) {
+    expectInChild([] {
+        HeldChild first;
+        EventRecorder recorder;
         ProcessTNG second;
-        setProbe(second, {"exit", "0"});
-        g_forked = pid;
-        EXPECT_EQ(pid, second.start());
+        setExit(second, 0);
+        g_forked = first.pid;
+        EXPECT_EQ(first.pid, second.start());
         EXPECT_EQ("ASSERT framework/src/vesk/posix/ProcessTNG start: entered.inserted", recorder.getText());
-        held.release();
-        EXPECT_TRUE(support::hasExitedWith(support::waitFor(second), 0));
-        EXPECT_EQ(pid, first.getPid());
+        first.release();
+        EXPECT_TRUE(hasExitedWith(waitFor(second), 0));
+        EXPECT_EQ(first.pid, first.process.getPid());
         fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0); // The first object would wait for ever.
+        _exit(testing::Test::HasFailure() ? 1 : 0); // The first object would wait forever.
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
-
-// ---- scheduling ----
 
 constexpr int NOT_SET = -12345;
 
 struct ScheduleRow {
     char const* name;
-    int policy;   // Of the attributes, whose priority is 4 and nice value 6.
+    int policy;   // Of the attributes, with the priority 4 and the nice value 6.
     int priority; // By setPriority, before it.
     int current;
     char const* calls;
-};
 
-void PrintTo(ScheduleRow const& row, std::ostream* out) {
-    *out << row.name;
-}
+    friend void PrintTo(ScheduleRow const& row, std::ostream* out) { *out << row.name; }
+};
 
 class ProcessScheduleRows : public ProcessChildFailure, public testing::WithParamInterface<ScheduleRow> {
 protected:
     static void set(ProcessTNG& process) {
-        Attr attributes;
-        attributes.policy = static_cast<vesk::sched::Policy_E>(GetParam().policy);
-        attributes.param.priority = 4;
-        attributes.param.nice = 6;
         if (GetParam().priority != NOT_SET) {
             process.setPriority(false, GetParam().priority);
         }
-        process.setSchedAttrs(attributes);
+        process.setSchedAttrs(makeAttributes(GetParam().policy, 4, 6));
         g_policy = GetParam().current;
         g_pretends_to_schedule = true;
     }
 };
 
 TEST_P(ProcessScheduleRows, makeTheseCalls) {
-    std::string calls = recordCalls([](ProcessTNG& process) { set(process); });
-    std::string const begin = "getpid\nsigprocmask unblock all\n";
-    ASSERT_EQ(0U, calls.find(begin)) << calls;
-    calls.erase(0, begin.size());
-    ASSERT_NE(std::string::npos, calls.find("execv ")) << calls;
-    EXPECT_EQ(GetParam().calls, calls.substr(0, calls.find("execv ")));
+    std::string const calls = recordCalls(set);
+    std::string const expected =
+        std::string("getpid\nsigprocmask unblock all\n") + GetParam().calls + "execv ";
+    EXPECT_EQ(expected, calls.substr(0, expected.size()));
 }
 
 TEST_P(ProcessScheduleRows, warnWhenTheLastCallFails) {
@@ -726,90 +576,68 @@ TEST_P(ProcessScheduleRows, warnWhenTheLastCallFails) {
         Fault const nice(inject_setpriority, EACCES);
         go();
     });
-    size_t const begin =
-        seen.errors.find(": startChild: warning: ProcessTNG::startChild (forked): Error applying "
-                         "scheduling policy/parameters: ");
-    if (calls.empty() || calls == "sched_getscheduler 0\n") {
+    if (calls.empty() || calls == "getscheduler 0\n") {
         EXPECT_EQ("err\n", seen.errors);
     } else {
-        EXPECT_NE(std::string::npos, begin) << seen.errors;
-        // Under time sharing the nice value alone counts where it is an attribute.
-        int const error = GetParam().policy == vesk::sched::VESK_SCHED_POLICY_NORMAL ||
-                calls.find("sched_setscheduler") == std::string::npos
-            ? EACCES
-            : EPERM;
-        EXPECT_NE(std::string::npos, seen.errors.find(": " + systemText(error) + "\nerr\n")) << seen.errors;
+        EXPECT_TRUE(contains(
+            seen.errors,
+            ": startChild: warning: ProcessTNG::startChild (forked): Error applying scheduling "
+            "policy/parameters: "));
+        // For a nice value in the attributes, only its own call counts.
+        bool const is_nice = GetParam().policy == vesk::sched::VESK_SCHED_POLICY_NORMAL ||
+            calls.find("setscheduler") == std::string::npos;
+        EXPECT_TRUE(contains(seen.errors, ": " + systemText(is_nice ? EACCES : EPERM) + "\nerr\n"));
     }
     EXPECT_EQ(0, seen.status);
 }
 
+ScheduleRow row(char const* name, int policy, int priority, int current, char const* calls) {
+    return {name, policy, priority, current, calls};
+}
+
+using namespace vesk::sched;
+constexpr int KEEP = VESK_SCHED_POLICY_KEEP;
+
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessScheduleRows,
     testing::Values(
-        ScheduleRow{"noop", vesk::sched::VESK_SCHED_NOOP, NOT_SET, SCHED_FIFO, ""},
-        ScheduleRow{"noop with a priority", vesk::sched::VESK_SCHED_NOOP, 9, SCHED_FIFO, ""},
-        ScheduleRow{
-            "keep FIFO", vesk::sched::VESK_SCHED_POLICY_KEEP, NOT_SET, SCHED_FIFO,
-            "sched_getscheduler 0\nsched_setscheduler 0 1 4\n"},
-        ScheduleRow{
-            "keep RR", vesk::sched::VESK_SCHED_POLICY_KEEP, NOT_SET, SCHED_RR,
-            "sched_getscheduler 0\nsched_setscheduler 0 2 4\n"},
-        ScheduleRow{
-            "keep OTHER", vesk::sched::VESK_SCHED_POLICY_KEEP, NOT_SET, SCHED_OTHER,
-            "sched_getscheduler 0\nsetpriority 0 0 6\n"},
-        ScheduleRow{
-            "keep BATCH", vesk::sched::VESK_SCHED_POLICY_KEEP, NOT_SET, SCHED_BATCH,
-            "sched_getscheduler 0\nsched_setscheduler 0 3 4\n"},
-        ScheduleRow{
-            "keep FIFO with a priority", vesk::sched::VESK_SCHED_POLICY_KEEP, 9, SCHED_FIFO,
-            "sched_getscheduler 0\nsched_setscheduler 0 1 9\n"},
-        ScheduleRow{
-            "keep RR with a priority", vesk::sched::VESK_SCHED_POLICY_KEEP, 9, SCHED_RR,
-            "sched_getscheduler 0\nsched_setscheduler 0 2 9\n"},
-        ScheduleRow{
-            "keep OTHER with a priority", vesk::sched::VESK_SCHED_POLICY_KEEP, 9, SCHED_OTHER,
-            "sched_getscheduler 0\nsched_setscheduler 0 0 0\nsetpriority 0 0 9\n"},
-        ScheduleRow{
-            "keep BATCH with a priority", vesk::sched::VESK_SCHED_POLICY_KEEP, 9, SCHED_BATCH,
-            "sched_getscheduler 0\nsched_setscheduler 0 3 4\n"},
-        ScheduleRow{"RR", vesk::sched::VESK_SCHED_POLICY_RR, 9, SCHED_OTHER, "sched_setscheduler 0 2 4\n"},
-        ScheduleRow{
-            "FIFO", vesk::sched::VESK_SCHED_POLICY_FIFO, 9, SCHED_OTHER, "sched_setscheduler 0 1 4\n"},
-        ScheduleRow{
-            "NORMAL", vesk::sched::VESK_SCHED_POLICY_NORMAL, 9, SCHED_FIFO,
-            "sched_setscheduler 0 0 0\nsetpriority 0 0 6\n"},
-        ScheduleRow{"idle class", vesk::sched::VESK_SCHED_CLASS_IDLE, 9, SCHED_OTHER, ""},
-        ScheduleRow{"below-normal class", vesk::sched::VESK_SCHED_CLASS_BELOW_NORMAL, 9, SCHED_OTHER, ""},
-        ScheduleRow{"normal class", vesk::sched::VESK_SCHED_CLASS_NORMAL, 9, SCHED_OTHER, ""},
-        ScheduleRow{"above-normal class", vesk::sched::VESK_SCHED_CLASS_ABOVE_NORMAL, 9, SCHED_OTHER, ""},
-        ScheduleRow{"high class", vesk::sched::VESK_SCHED_CLASS_HIGH, 9, SCHED_OTHER, ""},
-        ScheduleRow{"real-time class", vesk::sched::VESK_SCHED_CLASS_REALTIME, 9, SCHED_OTHER, ""},
-        ScheduleRow{"unknown policy", 11, 9, SCHED_OTHER, ""}));
+        row("noop", VESK_SCHED_NOOP, NOT_SET, SCHED_FIFO, ""),
+        row("noop and priority", VESK_SCHED_NOOP, 9, SCHED_FIFO, ""),
+        row("keep FIFO", KEEP, NOT_SET, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 4\n"),
+        row("keep RR", KEEP, NOT_SET, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 4\n"),
+        row("keep OTHER", KEEP, NOT_SET, SCHED_OTHER, "getscheduler 0\nsetpriority 0 0 6\n"),
+        row("keep BATCH", KEEP, NOT_SET, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"),
+        row("keep FIFO and priority", KEEP, 9, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 9\n"),
+        row("keep RR and priority", KEEP, 9, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 9\n"),
+        row("keep OTHER and priority", KEEP, 9, SCHED_OTHER,
+            "getscheduler 0\nsetscheduler 0 0 0\nsetpriority 0 0 9\n"),
+        row("keep BATCH and priority", KEEP, 9, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"),
+        row("RR", VESK_SCHED_POLICY_RR, 9, SCHED_OTHER, "setscheduler 0 2 4\n"),
+        row("FIFO", VESK_SCHED_POLICY_FIFO, 9, SCHED_OTHER, "setscheduler 0 1 4\n"),
+        row("NORMAL", VESK_SCHED_POLICY_NORMAL, 9, SCHED_FIFO, "setscheduler 0 0 0\nsetpriority 0 0 6\n"),
+        row("idle class", VESK_SCHED_CLASS_IDLE, 9, SCHED_OTHER, ""),
+        row("below-normal class", VESK_SCHED_CLASS_BELOW_NORMAL, 9, SCHED_OTHER, ""),
+        row("normal class", VESK_SCHED_CLASS_NORMAL, 9, SCHED_OTHER, ""),
+        row("above-normal class", VESK_SCHED_CLASS_ABOVE_NORMAL, 9, SCHED_OTHER, ""),
+        row("high class", VESK_SCHED_CLASS_HIGH, 9, SCHED_OTHER, ""),
+        row("real-time class", VESK_SCHED_CLASS_REALTIME, 9, SCHED_OTHER, ""),
+        row("unknown policy", 11, 9, SCHED_OTHER, "")));
 
 TEST_F(ProcessChildFailure, aPolicyThatCannotBeSetIsNoFailureOfTheNiceValue) {
     VESK_SKIP_UNLESS_NICE_MAY_BE(0);
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        Attr attributes;
-        attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
-        process.setSchedAttrs(attributes);
-        Fault const fault(inject_sched_setscheduler, EPERM);
-        go();
+    Capture const seen = captureFault(inject_sched_setscheduler, EPERM, [](ProcessTNG& process) {
+        process.setSchedAttrs(makeAttributes(VESK_SCHED_POLICY_NORMAL, 0, 0));
     });
     EXPECT_EQ("err\n", seen.errors);
 }
 
-TEST_F(ProcessChildFailure, aNiceValueThatCannotBeSetAsPriorityIsAWarning) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setPriority(false, 5);
-        Fault const fault(inject_setpriority, EACCES);
-        go();
-    });
-    EXPECT_NE(std::string::npos, seen.errors.find(": " + systemText(EACCES) + "\nerr\n")) << seen.errors;
+TEST_F(ProcessChildFailure, aChildWarnsIfItsPriorityCannotBeSetAsNiceValue) {
+    Capture const seen =
+        captureFault(inject_setpriority, EACCES, [](ProcessTNG& process) { process.setPriority(false, 5); });
+    EXPECT_TRUE(contains(seen.errors, ": " + systemText(EACCES) + "\nerr\n"));
 }
 
-// ---- processors ----
-
-TEST_F(ProcessChildFailure, processorsThatCannotBeSetAreAWarningAndAReportThatIsAcknowledged) {
+TEST_F(ProcessChildFailure, aChildWarnsIfItsProcessorsCannotBeSetAndAcknowledgesTheReport) {
     Capture const seen = capture([](ProcessTNG& process, Go const& go) {
         Handler::Hook const hook{
             [](Handler::Event const& event, void*) {
@@ -821,129 +649,75 @@ TEST_F(ProcessChildFailure, processorsThatCannotBeSetAreAWarningAndAReportThatIs
             nullptr};
         Handler::Hook const* const before = Handler::setHook(&hook);
         process.setAffinity({true});
-        // The fault of the policy shows the state of the store after that of the processors; signals come before.
+        // The warning about signals shows the state of the store before that about the processors.
         Fault const signals(inject_sigprocmask, EINVAL);
         Fault const fault(inject_sched_setaffinity, EPERM);
         go();
         Handler::setHook(before);
     });
     EXPECT_EQ(0U, seen.errors.find("after fork(): error unblocking signals: nothing\n")) << seen.errors;
-    EXPECT_NE(std::string::npos, seen.errors.find("\nafter fork(): Error setting affinity: framework/"))
-        << seen.errors;
-    EXPECT_NE(
-        std::string::npos, seen.errors.find(rowText(SysErrorId::UNCLASSIFIED, systemText(EPERM)) + "\nerr\n"))
-        << seen.errors;
+    EXPECT_TRUE(contains(seen.errors, "\nafter fork(): Error setting affinity: framework/"));
+    EXPECT_TRUE(contains(seen.errors, unclassified(EPERM) + "err\n"));
 }
 
-// ---- redirection ----
-
-struct DupRow {
+struct RedirectionRow {
     char const* name;
-    void (*set)(ProcessTNG& process, TempDir const& dir);
-    char const* text; // Of "PROGRAM", "PID", "FD" and "DIR".
+    void (*set)(ProcessTNG& process);
+    char const* text;
+
+    friend void PrintTo(RedirectionRow const& row, std::ostream* out) { *out << row.name; }
 };
 
-void PrintTo(DupRow const& row, std::ostream* out) {
-    *out << row.name;
+RedirectionRow row(char const* name, void (*set)(ProcessTNG& process), char const* text) {
+    return {name, set, text};
 }
 
-class ProcessDupRows : public ProcessChildFailure, public testing::WithParamInterface<DupRow> {};
+class ProcessDupRows : public ProcessChildFailure, public testing::WithParamInterface<RedirectionRow> {};
 
-std::string replaceAll(std::string text, std::string const& what, std::string const& by) {
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + by.size())) {
-        text.replace(at, what.size(), by);
-    }
-    return text;
-}
-
-TEST_P(ProcessDupRows, areToldAndTheChildGoesOn) {
-    TempDir const dir;
-    ProcessPipe calls(ProcessPipe::ChildGets::READ_END);
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        GetParam().set(process, dir);
-        g_record = calls.getWriteEnd();
-        Fault const fault(inject_dup2, EMFILE);
-        go();
-    });
-    std::string const made = calls.readAll();
-    int fd = -1;
-    size_t const at = made.find("dup2 ");
-    ASSERT_NE(std::string::npos, at) << made;
-    ASSERT_EQ(1, sscanf(made.c_str() + at, "dup2 %d", &fd));
-    std::string text = replaceAll(GetParam().text, "PROGRAM", seen.program);
-    text = replaceAll(text, "PID", std::to_string(seen.pid));
-    text = replaceAll(text, "FD", std::to_string(fd));
-    text = replaceAll(text, "DIR", dir / "");
-    EXPECT_EQ(text + "Too many open files\nerr\n", seen.errors);
+TEST_P(ProcessDupRows, areReportedAndTheChildContinues) {
+    std::string calls;
+    Capture const seen = captureCalls(calls, GetParam().set, EMFILE);
+    int const fd = findDuplicated(calls);
+    EXPECT_EQ(seen.fill(GetParam().text, fd) + "! Reason: Too many open files\nerr\n", seen.errors);
     EXPECT_EQ("out\n", seen.output);
-    EXPECT_EQ(0, seen.status);
-    // One that was opened stays open, one that was given goes.
-    bool const opened = made.find("open ") != std::string::npos;
-    EXPECT_EQ(!opened, made.find("close " + std::to_string(fd) + "\n") != std::string::npos) << made;
+    // A descriptor that the child has opened stays open, a given one is closed.
+    bool const opened = calls.find("open ") != std::string::npos;
+    EXPECT_EQ(!opened, calls.find("close " + std::to_string(fd) + "\n") != std::string::npos) << calls;
 }
 
-constexpr int GIVEN = 60;
-
-void openGiven() {
+int openGiven() {
     int const fd = getReal(inject_open, &open)("/dev/null", O_RDWR);
-    EXPECT_EQ(GIVEN, getReal(inject_dup2, &dup2)(fd, GIVEN));
+    EXPECT_EQ(60, getReal(inject_dup2, &dup2)(fd, 60));
+    return 60;
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessDupRows,
     testing::Values(
-        DupRow{
-            "stdout by name", [](ProcessTNG& p, TempDir const& dir) { p.setStdoutFile(dir / "f", false); },
-            "PROGRAM [PID]: Couldn't dup2 (FD to 1 ) new stdout (\"DIRf\") ! Reason: "},
-        DupRow{
-            "stderr by name", [](ProcessTNG& p, TempDir const& dir) { p.setStderrFile(dir / "f", true); },
-            "PROGRAM [PID]: Couldn't dup2 (FD to 2 ) new stderr (\"DIRf\") ! Reason: "},
-        DupRow{
-            "stdin by name", [](ProcessTNG& p, TempDir const&) { p.setStdinFile("/dev/null"); },
-            "stdin [PID]: Couldn't dup2 (FD to 0 ) new PROGRAM (\"/dev/null\") ! Reason: "},
-        DupRow{
-            "stdout by descriptor",
-            [](ProcessTNG& p, TempDir const&) {
-                openGiven();
-                p.setStdoutFd(GIVEN);
-            },
-            "stdout [PID]: Couldn't dup2 (60 to 1 ) new PROGRAM! Reason: "},
-        DupRow{
-            "stderr by descriptor",
-            [](ProcessTNG& p, TempDir const&) {
-                openGiven();
-                p.setStderrFd(GIVEN);
-            },
-            "PROGRAM [PID]: Couldn't dup2 (60 to 2 ) new stderr! Reason: "},
-        DupRow{
-            "stdin by descriptor",
-            [](ProcessTNG& p, TempDir const&) {
-                openGiven();
-                p.setStdinFd(GIVEN);
-            },
-            "PROGRAM [PID]: Couldn't dup2 (0 to 60 ) new stdin! Reason: "}));
+        row(
+            "stdout by name", [](ProcessTNG& p) { p.setStdoutFile("/dev/null", false); },
+            "PROGRAM [PID]: Couldn't dup2 (FD to 1 ) new stdout (\"/dev/null\") "),
+        row(
+            "stderr by name", [](ProcessTNG& p) { p.setStderrFile("/dev/null", true); },
+            "PROGRAM [PID]: Couldn't dup2 (FD to 2 ) new stderr (\"/dev/null\") "),
+        row(
+            "stdin by name", [](ProcessTNG& p) { p.setStdinFile("/dev/null"); },
+            "stdin [PID]: Couldn't dup2 (FD to 0 ) new PROGRAM (\"/dev/null\") "),
+        row(
+            "stdout by descriptor", [](ProcessTNG& p) { p.setStdoutFd(openGiven()); },
+            "stdout [PID]: Couldn't dup2 (60 to 1 ) new PROGRAM"),
+        row(
+            "stderr by descriptor", [](ProcessTNG& p) { p.setStderrFd(openGiven()); },
+            "PROGRAM [PID]: Couldn't dup2 (60 to 2 ) new stderr"),
+        row(
+            "stdin by descriptor", [](ProcessTNG& p) { p.setStdinFd(openGiven()); },
+            "PROGRAM [PID]: Couldn't dup2 (0 to 60 ) new stdin")));
 
-struct OpenRow {
-    char const* name;
-    void (*set)(ProcessTNG& process);
-    char const* text;
-};
+class ProcessOpenRows : public ProcessChildFailure, public testing::WithParamInterface<RedirectionRow> {};
 
-void PrintTo(OpenRow const& row, std::ostream* out) {
-    *out << row.name;
-}
-
-class ProcessOpenRows : public ProcessChildFailure, public testing::WithParamInterface<OpenRow> {};
-
-TEST_P(ProcessOpenRows, areToldAndTheChildGoesOn) {
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        GetParam().set(process);
-        Fault const fault(inject_open, EINTR); // Not even that is tried again.
-        go();
-    });
-    std::string text = replaceAll(GetParam().text, "PROGRAM", seen.program);
-    text = replaceAll(text, "PID", std::to_string(seen.pid));
-    EXPECT_EQ(text + "Interrupted system call\nerr\n", seen.errors);
+TEST_P(ProcessOpenRows, areReportedAndTheChildContinues) {
+    Capture const seen = captureFault(inject_open, EINTR, GetParam().set); // Not even that is repeated.
+    EXPECT_EQ(seen.fill(GetParam().text) + "\". Reason: Interrupted system call\nerr\n", seen.errors);
     EXPECT_EQ("out\n", seen.output);
     EXPECT_EQ(0, seen.status);
 }
@@ -951,91 +725,66 @@ TEST_P(ProcessOpenRows, areToldAndTheChildGoesOn) {
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessOpenRows,
     testing::Values(
-        OpenRow{
+        row(
             "stdout", [](ProcessTNG& p) { p.setStdoutFile("/x", false); },
-            "PROGRAM [PID]: Couldn't open new stdout \"/x\". Reason: "},
-        OpenRow{
+            "PROGRAM [PID]: Couldn't open new stdout \"/x"),
+        row(
             "stdout null", [](ProcessTNG& p) { p.setStdoutNull(true); },
-            "PROGRAM [PID]: Couldn't open new stdout \"/dev/null\". Reason: "},
-        OpenRow{
+            "PROGRAM [PID]: Couldn't open new stdout \"/dev/null"),
+        row(
             "stderr", [](ProcessTNG& p) { p.setStderrFile("/x", false); },
-            "PROGRAM [PID]: Couldn't open new stderr \"/x\". Reason: "},
-        OpenRow{
+            "PROGRAM [PID]: Couldn't open new stderr \"/x"),
+        row(
             "stderr null", [](ProcessTNG& p) { p.setStderrNull(true); },
-            "PROGRAM [PID]: Couldn't open new stderr \"/dev/null\". Reason: "},
-        OpenRow{
+            "PROGRAM [PID]: Couldn't open new stderr \"/dev/null"),
+        row(
             "stdin", [](ProcessTNG& p) { p.setStdinFile("/x"); },
-            "stdin [PID]: Couldn't open new PROGRAM \"/x\". Reason: "}));
+            "stdin [PID]: Couldn't open new PROGRAM \"/x")));
 
-// ---- the group ----
-
-TEST_F(ProcessChildFailure, aGroupThatCannotBeMadeIsToldAndTheChildGoesOn) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setNewGroup(true);
-        Fault const fault(inject_setpgid, EPERM);
-        go();
-    });
+TEST_F(ProcessChildFailure, aChildReportsAFailedGroupAndContinues) {
+    Capture const seen =
+        captureFault(inject_setpgid, EPERM, [](ProcessTNG& process) { process.setNewGroup(true); });
     EXPECT_EQ(0U, seen.errors.find("Error setting new process group: framework/")) << seen.errors;
-    EXPECT_NE(
-        std::string::npos,
-        seen.errors.find(": " + rowText(SysErrorId::UNCLASSIFIED, systemText(EPERM)) + "\nerr\n"))
-        << seen.errors;
+    EXPECT_TRUE(contains(seen.errors, ": " + unclassified(EPERM) + "err\n"));
     EXPECT_EQ(0, seen.status);
 }
 
-// ---- exec ----
-
-TEST_F(ProcessChildFailure, anExecThatFailsIsAnAbortOfTheChild) {
+TEST_F(ProcessChildFailure, aFailedExecAbortsTheChild) {
     for (int const error : {EACCES, ENOMEM, E2BIG, ETXTBSY}) {
-        Capture const seen = capture([&](ProcessTNG&, Go const& go) {
-            Fault const fault(inject_execv, error);
-            go();
-        });
+        Capture const seen = captureFault(inject_execv, error);
         EXPECT_TRUE(seen.killed);
         EXPECT_EQ(SIGABRT, seen.status);
-        EXPECT_NE(
-            std::string::npos, seen.errors.find(": startChild: fatal: error calling exec() after fork()\n"))
-            << seen.errors;
+        EXPECT_TRUE(contains(seen.errors, ": startChild: fatal: error calling exec() after fork()\n"));
     }
 }
 
-// ---- memory ----
-
 std::string const OUT_OF_MEMORY = ": out of memory: native arguments vector\n";
 
-TEST_F(ProcessChildFailure, theArraysAreAllocatedUntilItWorks) {
+TEST_F(ProcessChildFailure, theAllocationOfTheArraysIsRepeated) {
     Capture const seen = capture([](ProcessTNG& process, Go const& go) {
         process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}});
         NewFault const fault(New::NOTHROW_ARRAY, 1, 3);
         go();
     });
     EXPECT_EQ("out\n", seen.output);
-    size_t count = 0;
-    for (size_t at = 0; (at = seen.errors.find(OUT_OF_MEMORY, at)) != std::string::npos; ++at) {
-        ++count;
-    }
-    EXPECT_EQ(3U, count) << seen.errors;
-    EXPECT_NE(std::string::npos, seen.errors.find(": getArgs" + OUT_OF_MEMORY)) << seen.errors;
+    EXPECT_EQ(3U, count(seen.errors, OUT_OF_MEMORY)) << seen.errors;
+    EXPECT_TRUE(contains(seen.errors, ": getArgs" + OUT_OF_MEMORY));
 }
 
-TEST_F(ProcessChildFailure, theRowsOfTheEnvironmentAreAllocatedUntilItWorks) {
+TEST_F(ProcessChildFailure, theAllocationOfTheEnvironmentIsRepeated) {
     TempDir const dir;
     Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        support::setProbe(process, {"tell", dir / "sight"});
+        setProbe(process, {"tell", dir / "sight"});
         process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}});
         NewFault const array(New::NOTHROW_ARRAY, 2, 1);
         Fault const fault(inject_strdup, ENOMEM, 2, 2);
         go();
     });
-    size_t count = 0;
-    for (size_t at = 0; (at = seen.errors.find(": getEnv" + OUT_OF_MEMORY, at)) != std::string::npos; ++at) {
-        ++count;
-    }
-    EXPECT_EQ(3U, count) << seen.errors;
-    EXPECT_EQ(std::vector<std::string>({"ONE=1", "TWO=2"}), support::Sight(dir / "sight").getEnvironment());
+    EXPECT_EQ(3U, count(seen.errors, ": getEnv" + OUT_OF_MEMORY)) << seen.errors;
+    EXPECT_EQ(std::vector<std::string>({"ONE=1", "TWO=2"}), Sight(dir / "sight").getEnvironment());
 }
 
-TEST_F(ProcessChildFailure, theArraysHaveRoomForWhatIsInThem) {
+TEST_F(ProcessChildFailure, theArraysHaveRoomForTheirContent) {
     ProcessPipe sizes(ProcessPipe::ChildGets::READ_END);
     static int s_sizes = -1;
     static NewFault const* s_fault = nullptr;
@@ -1050,7 +799,7 @@ TEST_F(ProcessChildFailure, theArraysHaveRoomForWhatIsInThem) {
     Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
         process.setArguments({"1", "2"});
         process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}, {"THREE", "3"}, {"FOUR", "4"}});
-        process.setExecutable("/no/such/program"); // The abort tells.
+        process.setExecutable("/no/such/program"); // The abort calls the hook.
         std::ErrorStorage::ack();
         NewFault const fault(New::NOTHROW_ARRAY, 1, 0);
         s_sizes = sizes.getWriteEnd();

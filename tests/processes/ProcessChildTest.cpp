@@ -1,50 +1,23 @@
 #include "processes/ChildCapture.h"
 
-#include "support/Chain.h"
-#include "support/Privileges.h"
-#include "support/Processes.h"
-
 #include <tarncommon/error/ErrorApi.h>
 #include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
-#include <vesk/SysError.h>
-
-#include <csignal>
 #include <cstring>
+#include <optional>
 #include <sched.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <thread>
 
-// What a child is made of, seen from the program that runs in it.
+// The properties of a child, seen from the program that runs in it.
 namespace {
 
-using support::Capture;
-using support::capture;
-using support::ChildEnd;
-using support::Go;
-using support::hasExitedWith;
-using support::HeldProbe;
-using support::look;
-using support::ProcessPipe;
-using support::readFile;
-using support::run;
-using support::runInChild;
-using support::setProbe;
-using support::Sight;
-using support::systemText;
-using support::TempDir;
-using support::waitFor;
-using support::wasKilledBy;
-using support::writeFile;
-using vesk::ProcessTNG;
+using namespace support;
 using vesk::sched::Attr;
-using vesk::sched::Param;
+using Handler = std::GlobalErrorHandler;
 using Texts = std::vector<std::string>;
 
-class ProcessChild : public support::ProcessTest {};
+class ProcessChild : public ProcessTest {};
 
 mode_t getMode(std::string const& path) {
     struct stat data {};
@@ -52,9 +25,7 @@ mode_t getMode(std::string const& path) {
     return data.st_mode & 07777;
 }
 
-// ---- arguments and environment ----
-
-TEST_F(ProcessChild, getsItsArgumentsAsTheyAre) {
+TEST_F(ProcessChild, receivesItsArgumentsUnchanged) {
     Texts const arguments = {
         "plain",
         "",
@@ -71,39 +42,27 @@ TEST_F(ProcessChild, getsItsArgumentsAsTheyAre) {
     EXPECT_EQ(arguments, look(process, arguments).get("arg"));
 }
 
-TEST_F(ProcessChild, getsAnArgumentUpToItsFirstNullByte) {
+TEST_F(ProcessChild, receivesAnArgumentUpToItsFirstNullByte) {
     ProcessTNG process;
     EXPECT_EQ(Texts({"ab"}), look(process, {std::string("ab\0cd", 5)}).get("arg"));
 }
 
 TEST_F(ProcessChild, hasThePathOfItsProgramAsArgumentZero) {
-    HeldProbe held;
-    ProcessTNG process;
-    held.set(process);
-    int const pid = process.start();
-    held.waitUntilBegun();
-    std::string const command = readFile("/proc/" + std::to_string(pid) + "/cmdline");
-    EXPECT_STREQ(support::getProbePath().c_str(), command.c_str());
-    held.release();
-    waitFor(process);
+    HeldChild child;
+    std::string const command = readFile("/proc/" + std::to_string(child.pid) + "/cmdline");
+    EXPECT_STREQ(getProbePath().c_str(), command.c_str());
 }
 
-TEST_F(ProcessChild, inheritsTheEnvironmentWhenNoneIsSet) {
+TEST_F(ProcessChild, inheritsTheEnvironmentUnlessOneIsSet) {
     setenv("VESK_TEST_INHERITED", "yes indeed", 1);
     ProcessTNG process;
     EXPECT_TRUE(look(process).has("env", "VESK_TEST_INHERITED=yes indeed"));
-    unsetenv("VESK_TEST_INHERITED");
-}
-
-TEST_F(ProcessChild, hasExactlyTheEnvironmentThatIsSet) {
-    setenv("VESK_TEST_INHERITED", "yes", 1);
-    ProcessTNG process;
     process.setEnvironment({{"ONE", "a value"}});
     EXPECT_EQ(Texts({"ONE=a value"}), look(process).get("env"));
     process.setEnvironment({{"A", ""}, {"B", "x=y\nz"}});
     EXPECT_EQ(Texts({"A=", "B=x=y\nz"}), look(process).getEnvironment());
     process.setEnvironment({});
-    EXPECT_TRUE(look(process).has("env", "VESK_TEST_INHERITED=yes"));
+    EXPECT_TRUE(look(process).has("env", "VESK_TEST_INHERITED=yes indeed"));
     unsetenv("VESK_TEST_INHERITED");
 }
 
@@ -116,259 +75,188 @@ TEST_F(ProcessChild, hasANameTwiceIfItIsSetTwice) {
     EXPECT_EQ(Texts({"B=first", "A=", "B=again"}), look(process).get("env"));
 }
 
-TEST_F(ProcessChild, seesANameWithAnEqualsSignEndThere) {
+TEST_F(ProcessChild, findsANameWithAnEqualsSignEndingThere) {
     ProcessTNG process;
     process.setEnvironment({{"NAME=odd", "value"}});
     EXPECT_EQ(Texts({"NAME=odd=value"}), look(process).get("env"));
 }
 
-// ---- standard output and standard error ----
-
 struct OutputCase {
     char const* stream;
-    char const* text; // What the probe says there.
+    char const* text; // Written by the probe.
     int fd;
     void (ProcessTNG::*set_file)(std::string const&, bool);
     void (ProcessTNG::*set_fd)(int);
     void (ProcessTNG::*set_null)(bool);
+    void (ProcessTNG::*set_other_null)(bool);
+
+    friend void PrintTo(OutputCase const& output, std::ostream* out) { *out << output.stream; }
 };
 
-void PrintTo(OutputCase const& output, std::ostream* out) {
-    *out << output.stream;
-}
+OutputCase const OUTPUTS[] = {
+    {"stdout", "out", STDOUT_FILENO, &ProcessTNG::setStdoutFile, &ProcessTNG::setStdoutFd,
+     &ProcessTNG::setStdoutNull, &ProcessTNG::setStderrNull},
+    {"stderr", "err", STDERR_FILENO, &ProcessTNG::setStderrFile, &ProcessTNG::setStderrFd,
+     &ProcessTNG::setStderrNull, &ProcessTNG::setStdoutNull}};
 
-OutputCase const STDOUT_CASE{
-    "stdout",
-    "out",
-    STDOUT_FILENO,
-    &ProcessTNG::setStdoutFile,
-    &ProcessTNG::setStdoutFd,
-    &ProcessTNG::setStdoutNull};
-OutputCase const STDERR_CASE{
-    "stderr",
-    "err",
-    STDERR_FILENO,
-    &ProcessTNG::setStderrFile,
-    &ProcessTNG::setStderrFd,
-    &ProcessTNG::setStderrNull};
-
-class ProcessChildOutput : public support::ProcessTest, public testing::WithParamInterface<OutputCase> {
+class ProcessChildOutput : public ProcessTest, public testing::WithParamInterface<OutputCase> {
 protected:
-    void SetUp() override { setProbe(m_process, {"say", "out", "err"}); }
+    void SetUp() override {
+        setProbe(m_process, {"say", "out", "err"});
+        (m_process.*GetParam().set_other_null)(true);
+    }
     void setFile(std::string const& path, bool append) { (m_process.*GetParam().set_file)(path, append); }
     void setFd(int fd) { (m_process.*GetParam().set_fd)(fd); }
     void setNull(bool null) { (m_process.*GetParam().set_null)(null); }
-    /// Silences the other stream.
-    void silenceOther() {
-        (m_process.*(GetParam().fd == STDOUT_FILENO ? STDERR_CASE : STDOUT_CASE).set_null)(true);
-    }
-    std::string getText() const { return GetParam().text; }
+    void expectSuccess() { EXPECT_TRUE(hasExitedWith(run(m_process), 0)); }
 
     TempDir m_dir;
     std::string m_path = m_dir / "file";
+    std::string m_text = GetParam().text;
+    ProcessPipe m_pipe{ProcessPipe::ChildGets::WRITE_END};
+    std::string m_fd = std::to_string(m_pipe.getWriteEnd());
     ProcessTNG m_process;
 };
 
-INSTANTIATE_TEST_SUITE_P(
-    Both, ProcessChildOutput, testing::Values(STDOUT_CASE, STDERR_CASE),
-    [](auto const& test) { return test.param.stream; });
+INSTANTIATE_TEST_SUITE_P(Both, ProcessChildOutput, testing::ValuesIn(OUTPUTS), [](auto const& test) {
+    return test.param.stream;
+});
 
-TEST_P(ProcessChildOutput, goesToAFileThatIsMadeWithItsOwnersRightsAlone) {
-    silenceOther();
+TEST_P(ProcessChildOutput, goesToANewFileWithTheRightsOfItsOwnerMinusTheMask) {
     setFile(m_path, false);
     mode_t const mask = umask(0);
-    EXPECT_TRUE(hasExitedWith(run(m_process), 0));
-    umask(mask);
-    EXPECT_EQ(getText(), readFile(m_path));
+    expectSuccess();
+    EXPECT_EQ(m_text, readFile(m_path));
     EXPECT_EQ(0600U, getMode(m_path));
-}
-
-TEST_P(ProcessChildOutput, goesToAFileWhoseModeIsLessTheMask) {
-    silenceOther();
-    setFile(m_path, false);
-    mode_t const mask = umask(0277);
-    EXPECT_TRUE(hasExitedWith(run(m_process), 0));
+    EXPECT_EQ(0, unlink(m_path.c_str()));
+    umask(0277);
+    expectSuccess();
     umask(mask);
     EXPECT_EQ(0400U, getMode(m_path));
 }
 
-TEST_P(ProcessChildOutput, emptiesAFileOrGoesBehindWhatItHolds) {
-    silenceOther();
+TEST_P(ProcessChildOutput, truncatesAFileOrAppendsToIt) {
     writeFile(m_path, "a longer text");
     setFile(m_path, false);
-    EXPECT_TRUE(hasExitedWith(run(m_process), 0));
-    EXPECT_EQ(getText(), readFile(m_path));
+    expectSuccess();
+    EXPECT_EQ(m_text, readFile(m_path));
     setFile(m_path, true);
-    EXPECT_TRUE(hasExitedWith(run(m_process), 0));
-    EXPECT_EQ(getText() + getText(), readFile(m_path));
+    expectSuccess();
+    EXPECT_EQ(m_text + m_text, readFile(m_path));
 }
 
 TEST_P(ProcessChildOutput, goesToADescriptorThatStaysOpenInTheProcess) {
-    silenceOther();
-    ProcessPipe pipe(ProcessPipe::ChildGets::WRITE_END);
-    setFd(pipe.getWriteEnd());
-    EXPECT_TRUE(hasExitedWith(run(m_process), 0));
-    EXPECT_EQ(1, write(pipe.getWriteEnd(), "+", 1));
-    EXPECT_EQ(getText() + "+", pipe.readAll());
+    setFd(m_pipe.getWriteEnd());
+    expectSuccess();
+    EXPECT_EQ(1, write(m_pipe.getWriteEnd(), "+", 1));
+    EXPECT_EQ(m_text + "+", m_pipe.readAll());
 }
 
-TEST_P(ProcessChildOutput, takesADescriptorAwayFromTheChild) {
-    silenceOther();
-    ProcessPipe pipe(ProcessPipe::ChildGets::WRITE_END);
-    std::string const fd = std::to_string(pipe.getWriteEnd());
-    EXPECT_TRUE(look(m_process).has("fd", fd));
-    setFd(pipe.getWriteEnd());
-    EXPECT_FALSE(look(m_process).has("fd", fd));
+TEST_P(ProcessChildOutput, closesTheGivenDescriptorInTheChild) {
+    EXPECT_TRUE(look(m_process).has("fd", m_fd));
+    setFd(m_pipe.getWriteEnd());
+    EXPECT_FALSE(look(m_process).has("fd", m_fd));
 }
 
-TEST_P(ProcessChildOutput, takesADescriptorThatExecWouldClose) {
-    silenceOther();
+TEST_P(ProcessChildOutput, acceptsADescriptorThatExecWouldClose) {
     ProcessPipe pipe(ProcessPipe::ChildGets::READ_END);
     setFd(pipe.getWriteEnd());
-    EXPECT_TRUE(hasExitedWith(run(m_process), 0));
-    EXPECT_EQ(getText(), pipe.readAll());
+    expectSuccess();
+    EXPECT_EQ(m_text, pipe.readAll());
 }
 
 TEST_P(ProcessChildOutput, prefersAFileToADescriptor) {
-    silenceOther();
-    ProcessPipe pipe(ProcessPipe::ChildGets::WRITE_END);
     setFile(m_path, false);
-    setFd(pipe.getWriteEnd());
-    EXPECT_TRUE(hasExitedWith(run(m_process), 0));
-    EXPECT_EQ(getText(), readFile(m_path));
-    EXPECT_EQ("", pipe.readAll());
+    setFd(m_pipe.getWriteEnd());
+    expectSuccess();
+    EXPECT_EQ(m_text, readFile(m_path));
+    EXPECT_EQ("", m_pipe.readAll());
 }
 
 TEST_P(ProcessChildOutput, prefersTheNullDeviceToBoth) {
-    silenceOther();
-    ProcessPipe pipe(ProcessPipe::ChildGets::WRITE_END);
     writeFile(m_path, "untouched");
     setFile(m_path, false);
-    setFd(pipe.getWriteEnd());
+    setFd(m_pipe.getWriteEnd());
     setNull(true);
-    EXPECT_TRUE(hasExitedWith(run(m_process), 0));
+    expectSuccess();
     EXPECT_EQ("untouched", readFile(m_path));
-    EXPECT_EQ("", pipe.readAll());
+    EXPECT_EQ("", m_pipe.readAll());
     setNull(false);
-    EXPECT_TRUE(hasExitedWith(run(m_process), 0));
-    EXPECT_EQ(getText(), readFile(m_path));
+    expectSuccess();
+    EXPECT_EQ(m_text, readFile(m_path));
 }
 
 TEST_P(ProcessChildOutput, leavesNothingOpenButTheStream) {
-    silenceOther();
     setFile(m_path, false);
     Sight with_file = look(m_process);
     setFile("", false);
     setNull(true);
-    Sight with_null = look(m_process);
-    EXPECT_EQ(with_file.get("fd"), with_null.get("fd"));
+    EXPECT_EQ(with_file.get("fd"), look(m_process).get("fd"));
     EXPECT_TRUE(with_file.has("fd", std::to_string(GetParam().fd)));
     setNull(false);
     EXPECT_EQ(with_file.get("fd"), look(m_process).get("fd"));
 }
 
-TEST_P(ProcessChildOutput, leadsToTheOpenedFile) {
-    silenceOther();
+TEST_P(ProcessChildOutput, isTheOpenedFile) {
     HeldProbe held;
     held.set(m_process);
     setFile(m_path, false);
     int const pid = m_process.start();
     held.waitUntilBegun();
-    std::string const link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(GetParam().fd);
-    EXPECT_EQ(m_path, support::readLink(link));
+    EXPECT_EQ(m_path, readLink("/proc/" + std::to_string(pid) + "/fd/" + std::to_string(GetParam().fd)));
     held.release();
     waitFor(m_process);
 }
 
 /// Runs in a child process of the test, with its streams closed.
-class ProcessChildLostOutput : public support::ProcessTest, public testing::WithParamInterface<OutputCase> {
+class ProcessChildLostOutput : public ProcessTest, public testing::WithParamInterface<OutputCase> {
 protected:
-    /// Runs a child that writes to both streams.
-    static void say(std::function<void(ProcessTNG& process)> const& set) {
-        ChildEnd const end = runInChild([&] {
+    void expectInFile(std::function<void(ProcessTNG& process)> const& set) {
+        expectInChild([&] {
             ProcessTNG process;
             setProbe(process, {"say", "out", "err"});
             set(process);
             EXPECT_TRUE(hasExitedWith(run(process), 0));
         });
-        EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+        EXPECT_EQ(GetParam().text, readFile(m_path));
     }
 
     TempDir m_dir;
     std::string m_path = m_dir / "file";
 };
 
-INSTANTIATE_TEST_SUITE_P(
-    Both, ProcessChildLostOutput, testing::Values(STDOUT_CASE, STDERR_CASE),
-    [](auto const& test) { return test.param.stream; });
+INSTANTIATE_TEST_SUITE_P(Both, ProcessChildLostOutput, testing::ValuesIn(OUTPUTS), [](auto const& test) {
+    return test.param.stream;
+});
 
-TEST_P(ProcessChildLostOutput, goesToAFileAllTheSame) {
+TEST_P(ProcessChildLostOutput, goesToAFile) {
     for (bool const with_input : {true, false}) {
-        say([&](ProcessTNG& process) {
+        expectInFile([&](ProcessTNG& process) {
             if (!with_input) {
-                close(STDIN_FILENO); // The file gets its number first then.
+                close(STDIN_FILENO); // The file is opened with its number.
             }
             close(GetParam().fd);
             (process.*GetParam().set_file)(m_path, false);
         });
-        EXPECT_EQ(GetParam().text, readFile(m_path));
     }
 }
 
-TEST_P(ProcessChildLostOutput, staysWhereItIsWhenItsOwnNumberIsGiven) {
-    say([&](ProcessTNG& process) {
+TEST_P(ProcessChildLostOutput, keepsItsDescriptorIfItsOwnNumberIsGiven) {
+    expectInFile([&](ProcessTNG& process) {
         int const fd = open(m_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
         EXPECT_EQ(GetParam().fd, dup3(fd, GetParam().fd, O_CLOEXEC));
         (process.*GetParam().set_fd)(GetParam().fd);
     });
-    EXPECT_EQ(GetParam().text, readFile(m_path));
-}
-
-TEST_F(ProcessChild, hasTheInputOfAFileOrItsOwnWhenTheProcessHasNone) {
-    TempDir const dir;
-    writeFile(dir / "in", "some input");
-    for (bool const by_name : {true, false}) {
-        ChildEnd const end = runInChild([&] {
-            ProcessTNG process;
-            setProbe(process, {"copy"});
-            process.setStdoutFile(dir / "out", false);
-            if (by_name) {
-                close(STDIN_FILENO);
-                process.setStdinFile(dir / "in");
-            } else {
-                int const fd = open((dir / "in").c_str(), O_RDONLY | O_CLOEXEC);
-                EXPECT_EQ(STDIN_FILENO, dup3(fd, STDIN_FILENO, O_CLOEXEC));
-                process.setStdinFd(STDIN_FILENO);
-            }
-            EXPECT_TRUE(hasExitedWith(run(process), 0));
-        });
-        EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
-        EXPECT_EQ("some input", readFile(dir / "out"));
-    }
-}
-
-TEST_F(ProcessChild, tellsOfAnOwnNumberThatIsNotOpen) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        close(STDOUT_FILENO);
-        process.setStdoutFd(STDOUT_FILENO);
-        go();
-    });
-    EXPECT_NE(
-        std::string::npos,
-        seen.errors.find(
-            "stdout [" + std::to_string(seen.pid) + "]: Couldn't dup2 (1 to 1 ) new " + seen.program +
-            "! Reason: Bad file descriptor\n"))
-        << seen.errors;
 }
 
 TEST_F(ProcessChild, inheritsItsStreamsWhenNothingIsSet) {
-    Capture const seen = capture([](ProcessTNG&, Go const& go) { go(); });
+    Capture const seen = captureWith([](ProcessTNG&) {});
     EXPECT_EQ("out\n", seen.output);
     EXPECT_EQ("err\n", seen.errors);
     EXPECT_EQ(0, seen.status);
 }
 
-TEST_F(ProcessChild, canHaveBothOutputsInOneFileThatIsAppendedTo) {
+TEST_F(ProcessChild, canAppendBothOutputsToOneFile) {
     TempDir const dir;
     ProcessTNG process;
     setProbe(process, {"say", "out", "err"});
@@ -378,187 +266,178 @@ TEST_F(ProcessChild, canHaveBothOutputsInOneFileThatIsAppendedTo) {
     EXPECT_EQ("outerr", readFile(dir / "both"));
 }
 
-// ---- redirections that fail ----
+rlim_t getDescriptorLimit() {
+    rlimit limit{};
+    EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    return limit.rlim_cur;
+}
 
-TEST_F(ProcessChild, goesOnWithItsOutputWhenTheFileCannotBeOpened) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setStdoutFile("/no/such/directory/file", false);
-        go();
-    });
+struct RedirectionCase {
+    std::string name;
+    void (*set)(ProcessTNG& process);
+    std::string errors;
+
+    friend void PrintTo(RedirectionCase const& row, std::ostream* out) { *out << row.name; }
+};
+
+RedirectionCase row(char const* name, void (*set)(ProcessTNG& process), std::string const& errors) {
+    return {name, set, errors};
+}
+
+class ProcessChildRedirection : public ProcessTest, public testing::WithParamInterface<RedirectionCase> {};
+
+TEST_P(ProcessChildRedirection, failsAndTheChildContinues) {
+    Capture const seen = captureWith(GetParam().set);
     EXPECT_EQ("out\n", seen.output);
-    EXPECT_EQ(
-        seen.program + " [" + std::to_string(seen.pid) +
-            "]: Couldn't open new stdout \"/no/such/directory/file\". Reason: No such file or "
-            "directory\nerr\n",
-        seen.errors);
+    EXPECT_EQ(seen.fill(GetParam().errors) + "\nerr\n", seen.errors);
     EXPECT_FALSE(seen.killed);
     EXPECT_EQ(0, seen.status);
 }
 
-TEST_F(ProcessChild, goesOnWithItsErrorOutputWhenTheFileCannotBeOpened) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setStderrFile("/", true);
-        go();
-    });
-    EXPECT_EQ(
-        seen.program + " [" + std::to_string(seen.pid) +
-            "]: Couldn't open new stderr \"/\". Reason: Is a directory\nerr\n",
-        seen.errors);
-    EXPECT_EQ(0, seen.status);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Of, ProcessChildRedirection,
+    testing::Values(
+        row(
+            "theOutputToAMissingFile",
+            [](ProcessTNG& p) { p.setStdoutFile("/no/such/directory/file", false); },
+            "PROGRAM [PID]: Couldn't open new stdout \"/no/such/directory/file\". Reason: No such file or "
+            "directory"),
+        row(
+            "theErrorOutputToADirectory", [](ProcessTNG& p) { p.setStderrFile("/", true); },
+            "PROGRAM [PID]: Couldn't open new stderr \"/\". Reason: Is a directory"),
+        row(
+            "theInputToAMissingFile", [](ProcessTNG& p) { p.setStdinFile("/no/such/file"); },
+            "stdin [PID]: Couldn't open new PROGRAM \"/no/such/file\". Reason: No such file or directory"),
+        row(
+            "theOutputToABadDescriptor", [](ProcessTNG& p) { p.setStdoutFd(777); },
+            "stdout [PID]: Couldn't dup2 (777 to 1 ) new PROGRAM! Reason: Bad file descriptor"),
+        row(
+            "theErrorOutputToABadDescriptor", [](ProcessTNG& p) { p.setStderrFd(777); },
+            "PROGRAM [PID]: Couldn't dup2 (777 to 2 ) new stderr! Reason: Bad file descriptor"),
+        row(
+            "theInputToABadDescriptor",
+            [](ProcessTNG& p) { p.setStdinFd(static_cast<int>(getDescriptorLimit())); },
+            "PROGRAM [PID]: Couldn't dup2 (0 to " + std::to_string(getDescriptorLimit()) +
+                " ) new stdin! Reason: Bad file descriptor")),
+    [](auto const& row) { return row.param.name; });
 
-TEST_F(ProcessChild, goesOnWithItsInputWhenTheFileCannotBeOpened) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setStdinFile("/no/such/file");
-        go();
+TEST_F(ProcessChild, reportsItsOwnNumberIfThatIsNotOpen) {
+    Capture const seen = captureWith([](ProcessTNG& process) {
+        close(STDOUT_FILENO);
+        process.setStdoutFd(STDOUT_FILENO);
     });
-    EXPECT_EQ(
-        "stdin [" + std::to_string(seen.pid) + "]: Couldn't open new " + seen.program +
-            " \"/no/such/file\". Reason: No such file or directory\nerr\n",
-        seen.errors);
-    EXPECT_EQ(0, seen.status);
-}
-
-TEST_F(ProcessChild, goesOnWithItsOutputWhenTheDescriptorIsBad) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setStdoutFd(777);
-        go();
-    });
-    EXPECT_EQ("out\n", seen.output);
-    EXPECT_EQ(
-        "stdout [" + std::to_string(seen.pid) + "]: Couldn't dup2 (777 to 1 ) new " + seen.program +
-            "! Reason: Bad file descriptor\nerr\n",
-        seen.errors);
-    EXPECT_EQ(0, seen.status);
-}
-
-TEST_F(ProcessChild, goesOnWithItsErrorOutputWhenTheDescriptorIsBad) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setStderrFd(777);
-        go();
-    });
-    EXPECT_EQ(
-        seen.program + " [" + std::to_string(seen.pid) +
-            "]: Couldn't dup2 (777 to 2 ) new stderr! Reason: Bad file descriptor\nerr\n",
-        seen.errors);
-    EXPECT_EQ(0, seen.status);
-}
-
-TEST_F(ProcessChild, tellsOfAnInputDescriptorThatIsBad) {
-    rlimit limit{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-    std::string const bad = std::to_string(limit.rlim_cur);
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        process.setStdinFd(static_cast<int>(limit.rlim_cur));
-        go();
-    });
-    EXPECT_EQ(
-        seen.program + " [" + std::to_string(seen.pid) + "]: Couldn't dup2 (0 to " + bad +
-            " ) new stdin! Reason: Bad file descriptor\nerr\n",
-        seen.errors);
-    EXPECT_EQ(0, seen.status);
+    EXPECT_TRUE(contains(
+        seen.errors,
+        seen.fill("stdout [PID]: Couldn't dup2 (1 to 1 ) new PROGRAM! Reason: Bad file descriptor\n")));
 }
 
 TEST_F(ProcessChild, cannotHaveOneDescriptorForBothOutputs) {
     ProcessPipe pipe(ProcessPipe::ChildGets::WRITE_END);
-    std::string const fd = std::to_string(pipe.getWriteEnd());
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
+    Capture const seen = captureWith([&](ProcessTNG& process) {
         process.setStdoutFd(pipe.getWriteEnd());
-        process.setStderrFd(pipe.getWriteEnd()); // Moved away by then.
-        go();
+        process.setStderrFd(pipe.getWriteEnd()); // Closed by then.
     });
+    int const fd = pipe.getWriteEnd();
     EXPECT_EQ("out\n", pipe.readAll());
     EXPECT_EQ(
-        seen.program + " [" + std::to_string(seen.pid) + "]: Couldn't dup2 (" + fd +
-            " to 2 ) new stderr! Reason: Bad file descriptor\nerr\n",
+        seen.fill(
+            "PROGRAM [PID]: Couldn't dup2 (FD to 2 ) new stderr! Reason: Bad file descriptor\nerr\n", fd),
         seen.errors);
 }
 
-TEST_F(ProcessChild, tellsOfItsInputOnItsNewErrorOutput) {
+TEST_F(ProcessChild, reportsItsInputOnItsNewErrorOutput) {
     TempDir const dir;
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
+    Capture const seen = captureWith([&](ProcessTNG& process) {
         process.setStdinFile("/no/such/file");
         process.setStderrFile(dir / "errors", false);
-        go();
     });
     EXPECT_EQ("", seen.errors);
     EXPECT_EQ(
-        "stdin [" + std::to_string(seen.pid) + "]: Couldn't open new " + seen.program +
-            " \"/no/such/file\". Reason: No such file or directory\nerr\n",
+        seen.fill("stdin [PID]: Couldn't open new PROGRAM \"/no/such/file\". Reason: No such file or "
+                  "directory\nerr\n"),
         readFile(dir / "errors"));
 }
 
-// ---- standard input ----
+class ProcessChildInput : public ProcessTest {
+protected:
+    void SetUp() override { writeFile(m_in, "some input"); }
 
-TEST_F(ProcessChild, readsItsInputFromAFile) {
-    TempDir const dir;
-    writeFile(dir / "in", "some input");
-    ProcessTNG process;
-    setProbe(process, {"copy"});
-    process.setStdinFile(dir / "in");
-    process.setStdoutFile(dir / "out", false);
-    EXPECT_TRUE(hasExitedWith(run(process), 0));
-    EXPECT_EQ("some input", readFile(dir / "out"));
+    /// Expects that a child copies this input.
+    void expectInput(
+        std::string const& input, std::function<void(ProcessTNG& process)> const& set,
+        std::vector<std::string> const& arguments = {"copy"}) {
+        expectInChild([&] {
+            ProcessTNG process;
+            setProbe(process, arguments);
+            process.setStdoutFile(m_dir / "out", false);
+            process.setStderrFile(m_dir / "errors", false);
+            set(process);
+            EXPECT_TRUE(hasExitedWith(run(process), 0));
+        });
+        EXPECT_EQ(input, readFile(m_dir / "out"));
+        EXPECT_EQ("", readFile(m_dir / "errors"));
+    }
+
+    TempDir m_dir;
+    std::string m_in = m_dir / "in";
+};
+
+TEST_F(ProcessChildInput, comesFromAFile) {
+    expectInput("some input", [&](ProcessTNG& process) { process.setStdinFile(m_in); });
 }
 
-TEST_F(ProcessChild, prefersAFileToADescriptorForItsInput) {
-    TempDir const dir;
-    writeFile(dir / "in", "from the file");
-    ProcessTNG process;
-    setProbe(process, {"copy"});
-    process.setStdinFile(dir / "in");
-    process.setStdinFd(777); // Not even looked at.
-    process.setStderrFile(dir / "errors", false);
-    process.setStdoutFile(dir / "out", false);
-    EXPECT_TRUE(hasExitedWith(run(process), 0));
-    EXPECT_EQ("from the file", readFile(dir / "out"));
-    EXPECT_EQ("", readFile(dir / "errors"));
+TEST_F(ProcessChildInput, comesFromAFileIfTheProcessHasNone) {
+    expectInput("some input", [&](ProcessTNG& process) {
+        close(STDIN_FILENO);
+        process.setStdinFile(m_in);
+    });
 }
 
-TEST_F(ProcessChild, findsItsInputOnTheGivenDescriptorAndNotOnItsInput) {
-    TempDir const dir;
-    ProcessPipe pipe(ProcessPipe::ChildGets::READ_END);
-    EXPECT_EQ(4, write(pipe.getWriteEnd(), "text", 4));
-    pipe.closeWriteEnd();
-    ChildEnd const end = runInChild([&] {
-        EXPECT_EQ(STDIN_FILENO, dup2(pipe.getReadEnd(), STDIN_FILENO));
-        ProcessTNG process;
+TEST_F(ProcessChildInput, keepsItsDescriptorIfItsOwnNumberIsGiven) {
+    expectInput("some input", [&](ProcessTNG& process) {
+        EXPECT_EQ(STDIN_FILENO, dup3(open(m_in.c_str(), O_RDONLY | O_CLOEXEC), STDIN_FILENO, O_CLOEXEC));
+        process.setStdinFd(STDIN_FILENO);
+    });
+}
+
+TEST_F(ProcessChildInput, prefersAFileToADescriptor) {
+    expectInput("some input", [&](ProcessTNG& process) {
+        process.setStdinFile(m_in);
+        process.setStdinFd(777); // Ignored.
+    });
+}
+
+TEST_F(ProcessChildInput, movesToTheGivenDescriptor) {
+    auto const set = [&](ProcessTNG& process) {
+        EXPECT_EQ(STDIN_FILENO, dup2(open(m_in.c_str(), O_RDONLY | O_CLOEXEC), STDIN_FILENO));
         process.setStdinFd(50); // Need not be open in the process.
+    };
+    expectInput("some input", set, {"copyFrom", "50"});
+    expectInChild([&] {
+        ProcessTNG process;
+        set(process);
         Sight sight = look(process);
         EXPECT_FALSE(sight.has("fd", "0"));
         EXPECT_TRUE(sight.has("fd", "50"));
-        setProbe(process, {"copyFrom", "50"});
-        process.setStdoutFile(dir / "out", false);
-        EXPECT_TRUE(hasExitedWith(run(process), 0));
         EXPECT_EQ(-1, fcntl(50, F_GETFD));
         EXPECT_EQ(0, fcntl(STDIN_FILENO, F_GETFD));
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
-    EXPECT_EQ("text", readFile(dir / "out"));
 }
 
-TEST_F(ProcessChild, losesTheFileBehindAGivenInputDescriptor) {
-    TempDir const dir;
-    writeFile(dir / "in", "never read");
-    int const fd = open((dir / "in").c_str(), O_RDONLY | O_CLOEXEC);
+TEST_F(ProcessChildInput, replacesTheFileOfTheGivenDescriptor) {
+    int const fd = open(m_in.c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_NE(-1, fd);
-    ChildEnd const end = runInChild([&] {
-        int const null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        EXPECT_EQ(STDIN_FILENO, dup2(null, STDIN_FILENO));
-        ProcessTNG process;
-        setProbe(process, {"copyFrom", std::to_string(fd)});
-        process.setStdinFd(fd);
-        process.setStdoutFile(dir / "out", false);
-        EXPECT_TRUE(hasExitedWith(run(process), 0));
-    });
+    expectInput(
+        "",
+        [&](ProcessTNG& process) {
+            EXPECT_EQ(STDIN_FILENO, dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO));
+            process.setStdinFd(fd);
+        },
+        {"copyFrom", std::to_string(fd)});
     close(fd);
-    EXPECT_EQ(0, end.exit_code) << end.output;
-    EXPECT_EQ("", readFile(dir / "out"));
 }
 
-// ---- what it inherits ----
-
-TEST_F(ProcessChild, inheritsDescriptorsUnlessTheyAreMarkedForExec) {
+TEST_F(ProcessChild, inheritsDescriptorsUnlessTheyAreCloseOnExec) {
     int const kept = open("/dev/null", O_RDONLY);
     int const closed = open("/dev/null", O_RDONLY | O_CLOEXEC);
     ProcessTNG process;
@@ -574,26 +453,20 @@ TEST_F(ProcessChild, hasNoSignalBlockedAndKeepsTheIgnoredOnes) {
     sigset_t before;
     sigfillset(&set);
     ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &set, &before));
-    struct sigaction ignored {};
-    struct sigaction old {};
-    ignored.sa_handler = SIG_IGN;
-    ASSERT_EQ(0, sigaction(SIGUSR2, &ignored, &old));
-    struct sigaction handled {};
-    struct sigaction old_handled {};
-    handled.sa_handler = [](int) {};
-    ASSERT_EQ(0, sigaction(SIGUSR1, &handled, &old_handled));
+    auto* const old_ignored = signal(SIGUSR2, SIG_IGN);
+    auto* const old_handled = signal(SIGUSR1, [](int) {});
     ProcessTNG process;
     Sight sight = look(process);
-    sigaction(SIGUSR2, &old, nullptr);
-    sigaction(SIGUSR1, &old_handled, nullptr);
+    signal(SIGUSR2, old_ignored);
+    signal(SIGUSR1, old_handled);
     EXPECT_EQ(0, pthread_sigmask(SIG_SETMASK, &before, nullptr));
     EXPECT_EQ(Texts(), sight.get("blocked"));
     EXPECT_TRUE(sight.has("ignored", std::to_string(SIGUSR2)));
-    EXPECT_TRUE(sight.has("ignored", std::to_string(SIGPIPE))); // As the start-up has left it.
+    EXPECT_TRUE(sight.has("ignored", std::to_string(SIGPIPE))); // By the start-up.
     EXPECT_FALSE(sight.has("ignored", std::to_string(SIGUSR1)));
 }
 
-TEST_F(ProcessChild, isInTheGroupOfTheProcessOrInOneOfItsOwn) {
+TEST_F(ProcessChild, isInTheGroupOfTheProcessOrInASeparateOne) {
     ProcessTNG process;
     EXPECT_EQ(getpgid(0), look(process).getNumber("group"));
     process.setNewGroup(true);
@@ -602,8 +475,6 @@ TEST_F(ProcessChild, isInTheGroupOfTheProcessOrInOneOfItsOwn) {
     process.setNewGroup(false);
     EXPECT_EQ(getpgid(0), look(process).getNumber("group"));
 }
-
-// ---- scheduling and processors ----
 
 bool mayUseRealTime() {
     sched_param param{};
@@ -614,23 +485,34 @@ bool mayUseRealTime() {
     return may;
 }
 
-TEST_F(ProcessChild, isScheduledAsTheCallingThreadWhenNothingIsSet) {
-    ProcessTNG process;
+Attr makeAttributes(vesk::sched::Policy_E policy, int priority, int nice) {
+    Attr attributes;
+    attributes.policy = policy;
+    attributes.param.priority = priority;
+    attributes.param.nice = nice;
+    return attributes;
+}
+
+/// Expects the policy, and the priority and the nice value if given, of an object's child.
+void expectScheduling(ProcessTNG& process, int policy, std::optional<int> priority, std::optional<int> nice) {
     Sight sight = look(process);
-    EXPECT_EQ(sched_getscheduler(0), sight.getNumber("policy"));
-    EXPECT_EQ(getpriority(PRIO_PROCESS, 0), sight.getNumber("nice"));
+    EXPECT_EQ(policy, sight.getNumber("policy"));
+    EXPECT_EQ(priority.value_or(sight.getNumber("priority")), sight.getNumber("priority"));
+    EXPECT_EQ(nice.value_or(sight.getNumber("nice")), sight.getNumber("nice"));
+}
+
+TEST_F(ProcessChild, isScheduledAsTheCallingThreadWithoutASettingOrWithAClass) {
+    ProcessTNG process;
+    expectScheduling(process, sched_getscheduler(0), {}, getpriority(PRIO_PROCESS, 0));
+    process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_CLASS_REALTIME, 3, 3));
+    expectScheduling(process, sched_getscheduler(0), {}, getpriority(PRIO_PROCESS, 0));
 }
 
 TEST_F(ProcessChild, hasTheNiceValueOfItsAttributes) {
     VESK_SKIP_UNLESS_NICE_MAY_BE(7);
     ProcessTNG process;
-    Attr attributes;
-    attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
-    attributes.param.nice = 7;
-    process.setSchedAttrs(attributes);
-    Sight sight = look(process);
-    EXPECT_EQ(SCHED_OTHER, sight.getNumber("policy"));
-    EXPECT_EQ(7, sight.getNumber("nice"));
+    process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_POLICY_NORMAL, 0, 7));
+    expectScheduling(process, SCHED_OTHER, {}, 7);
 }
 
 TEST_F(ProcessChild, hasTheNiceValueThatWasSetAsItsPriority) {
@@ -647,18 +529,10 @@ TEST_F(ProcessChild, hasTheRealTimePolicyOfItsAttributes) {
         GTEST_SKIP() << "no right to real-time scheduling";
     }
     ProcessTNG process;
-    Attr attributes;
-    attributes.policy = vesk::sched::VESK_SCHED_POLICY_FIFO;
-    attributes.param.priority = 3;
-    process.setSchedAttrs(attributes);
-    Sight fifo = look(process);
-    EXPECT_EQ(SCHED_FIFO, fifo.getNumber("policy"));
-    EXPECT_EQ(3, fifo.getNumber("priority"));
-    attributes.policy = vesk::sched::VESK_SCHED_POLICY_RR;
-    process.setSchedAttrs(attributes);
-    Sight rr = look(process);
-    EXPECT_EQ(SCHED_RR, rr.getNumber("policy"));
-    EXPECT_EQ(3, rr.getNumber("priority"));
+    process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_POLICY_FIFO, 3, 0));
+    expectScheduling(process, SCHED_FIFO, 3, {});
+    process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_POLICY_RR, 3, 0));
+    expectScheduling(process, SCHED_RR, 3, {});
 }
 
 TEST_F(ProcessChild, keepsTheRealTimePolicyOfTheCallingThreadWithAnotherPriority) {
@@ -671,125 +545,95 @@ TEST_F(ProcessChild, keepsTheRealTimePolicyOfTheCallingThreadWithAnotherPriority
         sched_param param{};
         param.sched_priority = 2;
         EXPECT_EQ(0, pthread_setschedparam(pthread_self(), SCHED_RR, &param));
-        Sight sight = look(process);
-        EXPECT_EQ(SCHED_RR, sight.getNumber("policy"));
-        EXPECT_EQ(5, sight.getNumber("priority"));
+        expectScheduling(process, SCHED_RR, 5, {});
     }).join();
 }
 
-TEST_F(ProcessChild, isNotRescheduledByAClass) {
-    ProcessTNG process;
-    Attr attributes;
-    attributes.policy = vesk::sched::VESK_SCHED_CLASS_REALTIME;
-    attributes.param.priority = 3;
-    attributes.param.nice = 3;
-    process.setSchedAttrs(attributes);
-    Sight sight = look(process);
-    EXPECT_EQ(sched_getscheduler(0), sight.getNumber("policy"));
-    EXPECT_EQ(getpriority(PRIO_PROCESS, 0), sight.getNumber("nice"));
-}
-
-TEST_F(ProcessChild, goesOnWithAWarningWhenItMayNotBeScheduledAsAsked) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        Attr attributes;
-        attributes.policy = vesk::sched::VESK_SCHED_POLICY_FIFO;
-        attributes.param.priority = 100000;
-        process.setSchedAttrs(attributes);
-        go();
+TEST_F(ProcessChild, continuesWithAWarningWhenItsSchedulingIsRefused) {
+    Capture const seen = captureWith([](ProcessTNG& process) {
+        process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_POLICY_FIFO, 100000, 0));
     });
-    EXPECT_NE(
-        std::string::npos,
-        seen.errors.find(
-            ": startChild: warning: ProcessTNG::startChild (forked): Error applying scheduling "
-            "policy/parameters: " +
-            systemText(EINVAL) + "\nerr\n"))
-        << seen.errors;
+    EXPECT_TRUE(contains(
+        seen.errors,
+        ": startChild: warning: ProcessTNG::startChild (forked): Error applying scheduling "
+        "policy/parameters: " +
+            systemText(EINVAL) + "\nerr\n"));
     EXPECT_EQ(0, seen.status);
 }
 
 class ProcessChildAffinity : public ProcessChild {
 protected:
     void SetUp() override {
-        CPU_ZERO(&m_before);
-        ASSERT_EQ(0, sched_getaffinity(0, sizeof m_before, &m_before));
-        if (vesk::Vesk::s_sys_info.processor_count < 2 || !CPU_ISSET(0, &m_before) ||
-            !CPU_ISSET(1, &m_before)) {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        ASSERT_EQ(0, sched_getaffinity(0, sizeof set, &set));
+        if (vesk::Vesk::s_sys_info.processor_count < 2 || !CPU_ISSET(0, &set) || !CPU_ISSET(1, &set)) {
             GTEST_SKIP() << "needs the first two processors";
         }
-    }
-
-    Texts getMine() const {
-        Texts mine;
         for (size_t i = 0; i < CPU_SETSIZE; ++i) {
-            if (CPU_ISSET(i, &m_before)) {
-                mine.push_back(std::to_string(i));
+            if (CPU_ISSET(i, &set)) {
+                m_mine.push_back(std::to_string(i));
             }
         }
-        return mine;
     }
 
-    cpu_set_t m_before;
+    static Texts getProcessors(ProcessTNG& process, std::vector<bool> const& processors) {
+        process.setAffinity(processors);
+        return look(process).get("processor");
+    }
+
+    Texts m_mine;
 };
 
 TEST_F(ProcessChildAffinity, keepsTheProcessorsWhenNoneAreSet) {
     ProcessTNG process;
-    EXPECT_EQ(getMine(), look(process).get("processor"));
+    EXPECT_EQ(m_mine, look(process).get("processor"));
 }
 
 TEST_F(ProcessChildAffinity, runsOnTheProcessorsThatAreSet) {
     ProcessTNG process;
-    process.setAffinity({true});
-    EXPECT_EQ(Texts({"0"}), look(process).get("processor"));
-    process.setAffinity({false, true});
-    EXPECT_EQ(Texts({"1"}), look(process).get("processor"));
-    process.setAffinity({true, true});
-    EXPECT_EQ(Texts({"0", "1"}), look(process).get("processor"));
-    process.setAffinity({});
-    EXPECT_EQ(getMine(), look(process).get("processor"));
+    EXPECT_EQ(Texts({"0"}), getProcessors(process, {true}));
+    EXPECT_EQ(Texts({"1"}), getProcessors(process, {false, true}));
+    EXPECT_EQ(Texts({"0", "1"}), getProcessors(process, {true, true}));
+    EXPECT_EQ(m_mine, getProcessors(process, {}));
 }
 
 TEST_F(ProcessChildAffinity, ignoresProcessorsThatTheMachineDoesNotHave) {
     std::vector<bool> processors(5000, true);
     processors[0] = false;
     ProcessTNG process;
-    process.setAffinity(processors);
-    Texts expected = getMine();
-    expected.erase(expected.begin());
-    EXPECT_EQ(expected, look(process).get("processor"));
+    EXPECT_EQ(Texts(m_mine.begin() + 1, m_mine.end()), getProcessors(process, processors));
 }
 
-TEST_F(ProcessChildAffinity, goesOnWithAWarningWhenNoProcessorIsSet) {
+TEST_F(ProcessChildAffinity, continuesWithAWarningWhenNoProcessorIsSet) {
     for (size_t const size : {size_t{1}, size_t{2}, size_t{5000}}) {
-        Capture const seen = capture([size](ProcessTNG& process, Go const& go) {
-            process.setAffinity(std::vector<bool>(size, false));
-            go();
-        });
-        EXPECT_NE(
-            std::string::npos,
-            seen.errors.find(": startChild: warning: after fork(): Error setting affinity\nerr\n"))
-            << seen.errors;
+        Capture const seen =
+            captureWith([size](ProcessTNG& process) { process.setAffinity(std::vector<bool>(size, false)); });
+        EXPECT_TRUE(
+            contains(seen.errors, ": startChild: warning: after fork(): Error setting affinity\nerr\n"));
         EXPECT_EQ(0, seen.status);
     }
 }
 
-// ---- programs that cannot be executed ----
-
 class ProcessChildProgram : public ProcessChild {
 protected:
+    std::string makeFile(char const* content, mode_t mode) {
+        writeFile(m_dir / "file", content);
+        EXPECT_EQ(0, chmod((m_dir / "file").c_str(), mode));
+        return m_dir / "file";
+    }
+
     static void expectAbort(std::string const& path) {
-        Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
+        Capture const seen = captureWith([&](ProcessTNG& process) {
             process.setExecutable(path);
             std::ErrorStorage::ack();
-            go();
         });
         EXPECT_GT(seen.pid, 0); // The start itself succeeds.
         EXPECT_TRUE(seen.killed);
         EXPECT_EQ(SIGABRT, seen.status);
         EXPECT_EQ("", seen.output);
         EXPECT_EQ(0U, seen.errors.find("framework/src/vesk/posix/ProcessTNG_fork:")) << seen.errors;
-        EXPECT_NE(
-            std::string::npos, seen.errors.find(": startChild: fatal: error calling exec() after fork()\n"))
-            << seen.errors;
+        EXPECT_TRUE(contains(seen.errors, ": startChild: fatal: error calling exec() after fork()\n"));
     }
 
     TempDir m_dir;
@@ -805,14 +649,11 @@ TEST_F(ProcessChildProgram, thatIsADirectoryEndsTheChildWithAnAbort) {
 }
 
 TEST_F(ProcessChildProgram, thatIsNotExecutableEndsTheChildWithAnAbort) {
-    writeFile(m_dir / "file", "#!/bin/sh\n");
-    expectAbort(m_dir / "file");
+    expectAbort(makeFile("#!/bin/sh\n", 0600));
 }
 
 TEST_F(ProcessChildProgram, thatIsNoProgramEndsTheChildWithAnAbort) {
-    writeFile(m_dir / "file", "no program at all");
-    ASSERT_EQ(0, chmod((m_dir / "file").c_str(), 0700));
-    expectAbort(m_dir / "file");
+    expectAbort(makeFile("no program at all", 0700));
 }
 
 TEST_F(ProcessChildProgram, isNotSearchedFor) {
@@ -820,14 +661,11 @@ TEST_F(ProcessChildProgram, isNotSearchedFor) {
 }
 
 TEST_F(ProcessChildProgram, thatIsAScriptIsRunByItsShell) {
-    writeFile(m_dir / "script", "#!/bin/sh\nexit $1\n");
-    ASSERT_EQ(0, chmod((m_dir / "script").c_str(), 0700));
-    ProcessTNG process(m_dir / "script", {"12"});
+    ProcessTNG process(makeFile("#!/bin/sh\nexit $1\n", 0700), {"12"});
     EXPECT_TRUE(hasExitedWith(run(process), 12));
 }
 
 TEST_F(ProcessChildProgram, thatCannotBeExecutedIsReportedInTheChildAndEndsItEvenIfAnAbortReturns) {
-    using Handler = std::GlobalErrorHandler;
     Capture const seen = capture([](ProcessTNG& process, Go const& go) {
         Handler::Hook const hook{
             [](Handler::Event const& event, void*) {
@@ -844,31 +682,25 @@ TEST_F(ProcessChildProgram, thatCannotBeExecutedIsReportedInTheChildAndEndsItEve
     EXPECT_FALSE(seen.killed);
     EXPECT_EQ(1, seen.status);
     EXPECT_EQ(0U, seen.errors.find("error calling exec() after fork()\n")) << seen.errors;
-    EXPECT_NE(std::string::npos, seen.errors.find(": Bad path '/no/such/program'\n  caused by "))
-        << seen.errors;
-    EXPECT_NE(
-        std::string::npos, seen.errors.find(": Failed to start child process: " + systemText(ENOENT) + "\n"))
-        << seen.errors;
+    EXPECT_TRUE(contains(seen.errors, ": Bad path '/no/such/program'\n  caused by "));
+    EXPECT_TRUE(contains(seen.errors, ": Failed to start child process: " + systemText(ENOENT) + "\n"));
 }
 
-// ---- what is the process's own ----
-
-TEST_F(ProcessChild, doesNotWriteTheOutputThatTheProcessHasNotWrittenYet) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
+TEST_F(ProcessChild, doesNotWriteTheBufferedOutputOfTheProcess) {
+    Capture const seen = captureWith([](ProcessTNG& process) {
         fputs("only once\n", stdout);
         process.setStdoutFile("/no/such/directory/file", false); // Makes it write to standard error.
-        go();
     });
     EXPECT_EQ("out\nonly once\n", seen.output);
 }
 
-TEST_F(ProcessChild, doesNotTellTheErrorsOfTheProcess) {
+TEST_F(ProcessChild, doesNotReportTheErrorsOfTheProcess) {
     Capture const seen = capture([](ProcessTNG& process, Go const& go) {
         std::ErrorStorage const errors(std::ErrorStorage::action_dump_to_stdout);
         std::ErrorOutput("mine", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
         process.setAffinity({false}); // Makes it report.
         go();
-        EXPECT_TRUE(support::chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}}));
+        EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}}));
     });
     EXPECT_EQ("out\n", seen.output);
 }

@@ -1,30 +1,20 @@
 #include "processes/ProcessSupport.h"
 
-#include "support/Chain.h"
-#include "support/Child.h"
 #include "support/Inject.h"
-#include "support/Processes.h"
 
 #include <vesk/FileAccessError.h>
-#include <vesk/SysError.h>
 
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <algorithm>
-#include <csignal>
 #include <cstring>
-#include <fcntl.h>
-#include <functional>
-#include <memory>
 #include <sys/wait.h>
-#include <thread>
 
 namespace {
 
-// What readlink says to be the own program.
+// The result of readlink, and the directory that replaces "/proc".
 std::string const* g_link = nullptr;
-// The directory that stands for "/proc".
 std::string const* g_proc = nullptr;
+// The arguments of the last call of open and fopen.
+int g_open_flags = 0;
+std::string g_open_mode;
 
 } // namespace
 
@@ -44,11 +34,6 @@ extern "C" VESK_UNWATCHED ssize_t readlink(char const* path, char* buffer, size_
         path, buffer, size);
 }
 
-namespace {
-int g_open_flags = 0; // Of the last call of each.
-std::string g_open_mode;
-} // namespace
-
 VESK_INJECT_OPEN(g_open_flags = flags;
                  path = g_proc != nullptr && strcmp(path, "/proc") == 0 ? g_proc->c_str() : path)
 
@@ -67,43 +52,27 @@ extern "C" VESK_UNWATCHED FILE* fopen(char const* path, char const* mode) {
 
 namespace {
 
-using support::chainIs;
-using support::Fault;
-using support::HeldProbe;
-using support::rowText;
-using support::systemText;
-using support::TempDir;
-using support::waitFor;
-using vesk::FileAccessError;
-namespace FileAccessErrorId = vesk::FileAccessErrorId;
-using vesk::ProcessTNG;
-using vesk::SysError;
+using namespace support;
 namespace SysErrorId = vesk::SysErrorId;
 using Pids = std::vector<int>;
 
-class ProcessQueries : public support::ProcessTest {
+class ProcessQueries : public ProcessTest {
 protected:
-    void SetUp() override {
-        g_link = nullptr;
-        g_proc = nullptr;
-    }
+    void SetUp() override { g_link = g_proc = nullptr; }
     void TearDown() override {
-        g_link = nullptr;
-        g_proc = nullptr;
+        g_link = g_proc = nullptr;
         ProcessTest::TearDown();
     }
 };
-
-// ---- the own process ----
 
 TEST_F(ProcessQueries, theOwnIdIsThatOfTheSystem) {
     EXPECT_EQ(getpid(), ProcessTNG::getOwnProcessId());
 }
 
 TEST_F(ProcessQueries, theOwnNameIsTheAbsolutePathOfTheProgram) {
-    EXPECT_EQ(support::readLink("/proc/self/exe"), ProcessTNG::getOwnProcessName());
+    EXPECT_EQ(readLink("/proc/self/exe"), ProcessTNG::getOwnProcessName());
     EXPECT_EQ('/', ProcessTNG::getOwnProcessName()[0]);
-    EXPECT_NE(std::string::npos, ProcessTNG::getOwnProcessName().find("test_processes_ProcessQueries"));
+    EXPECT_TRUE(contains(ProcessTNG::getOwnProcessName(), "test_processes_ProcessQueries"));
 }
 
 TEST_F(ProcessQueries, theOwnNameIsReadOnce) {
@@ -114,7 +83,7 @@ TEST_F(ProcessQueries, theOwnNameIsReadOnce) {
     EXPECT_EQ(1, fault.getCalls());
 }
 
-TEST_F(ProcessQueries, anOwnNameThatCannotBeReadIsKeptAsEmpty) {
+TEST_F(ProcessQueries, anOwnNameThatCannotBeReadStaysEmpty) {
     Fault const fault(inject_readlink, EACCES);
     EXPECT_EQ("", ProcessTNG::getOwnProcessName());
     EXPECT_EQ("", ProcessTNG::getOwnProcessName());
@@ -127,157 +96,113 @@ TEST_F(ProcessQueries, anOwnNameThatFillsTheBufferLosesItsLastByte) {
         std::string const link = std::string(4094, 'x') + std::string(length - 4094, 'y');
         g_link = &link;
         EXPECT_EQ(link.substr(0, 4095), ProcessTNG::getOwnProcessName()) << length;
-        ProcessTNG::exit(); // Forgets it.
-        EXPECT_FALSE(ProcessTNG::init(true));
+        restart(); // Discards the name.
     }
 }
 
-TEST_F(ProcessQueries, theOwnNameIsTheSameToManyThreads) {
-    std::string const expected = support::readLink("/proc/self/exe");
-    std::vector<std::thread> threads;
-    std::atomic<int> ready{0};
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&] {
-            ++ready;
-            while (ready < 8) {
-                sched_yield();
-            }
-            for (int round = 0; round < 100; ++round) {
-                EXPECT_EQ(expected, ProcessTNG::getOwnProcessName());
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+TEST_F(ProcessQueries, theOwnNameIsTheSameInManyThreads) {
+    std::string const expected = readLink("/proc/self/exe");
+    runInThreads(8, [&](int) {
+        for (int round = 0; round < 100; ++round) {
+            EXPECT_EQ(expected, ProcessTNG::getOwnProcessName());
+        }
+    });
 }
 
-// ---- whether a process exists ----
-
-TEST_F(ProcessQueries, theOwnProcessExistsAndOneThatHasGoneDoesNot) {
+TEST_F(ProcessQueries, aProcessExistsUntilItIsReaped) {
     EXPECT_EQ(0, ProcessTNG::existsProcess(getpid()));
     pid_t const pid = fork();
     if (pid == 0) {
         _exit(0);
     }
-    EXPECT_EQ(0, ProcessTNG::existsProcess(pid)); // Also after its end, which nobody has fetched.
+    EXPECT_EQ(0, ProcessTNG::existsProcess(pid));
     EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
     EXPECT_EQ(1, ProcessTNG::existsProcess(pid));
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(ProcessQueries, aProcessOfAnotherUserExists) {
+TEST_F(ProcessQueries, aProcessOfAnotherUserExistsAndCannotBeKilled) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root can become somebody else";
     }
-    support::ChildEnd const end = support::runInChild([] {
+    expectInChild([] {
         EXPECT_EQ(0, setuid(65534));
         EXPECT_EQ(-1, kill(getppid(), 0));
         EXPECT_EQ(EPERM, errno);
         EXPECT_EQ(0, ProcessTNG::existsProcess(getppid()));
         EXPECT_TRUE(chainIs({}));
+        EXPECT_TRUE(ProcessTNG::killProcess(getppid(), true));
+        EXPECT_TRUE(chainIs(
+            {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EPERM))},
+             {ProcessTNG::ErrorId::KILL_FAILED, "Failed to kill child process: " + systemText(EPERM)}}));
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
 }
 
-TEST_F(ProcessQueries, theIdsBelowOneAreThoseOfGroups) {
+TEST_F(ProcessQueries, idsBelowOneAreThoseOfGroups) {
     EXPECT_EQ(0, ProcessTNG::existsProcess(0)); // The own group.
     EXPECT_EQ(0, ProcessTNG::existsProcess(-getpgid(0)));
     EXPECT_EQ(1, ProcessTNG::existsProcess(-0x7ffffff0));
 }
 
-// ---- signalling any process ----
-
-TEST_F(ProcessQueries, killProcessEndsAProcessGracefullyOrNot) {
-    for (bool const graceful : {true, false}) {
-        support::Process process([] {
+TEST_F(ProcessQueries, killProcessEndsAProcessBySignal) {
+    for (int const signal : {SIGTERM, SIGKILL}) {
+        Process process([] {
             for (;;) {
                 pause();
             }
         });
-        EXPECT_FALSE(ProcessTNG::killProcess(process.getId(), graceful));
+        EXPECT_FALSE(ProcessTNG::killProcess(process.getId(), signal == SIGTERM));
         int status = 0;
         EXPECT_EQ(process.getId(), waitpid(process.getId(), &status, 0));
         EXPECT_TRUE(WIFSIGNALED(status));
-        EXPECT_EQ(graceful ? SIGTERM : SIGKILL, WTERMSIG(status));
+        EXPECT_EQ(signal, WTERMSIG(status));
     }
 }
 
-TEST_F(ProcessQueries, killProcessOfAStrangerThatIsNotThereFails) {
+TEST_F(ProcessQueries, killProcessFailsForAMissingProcess) {
     EXPECT_TRUE(ProcessTNG::killProcess(0x7ffffff0, true));
-    EXPECT_TRUE(
-        chainIs({{ProcessTNG::ErrorId::NOT_FOUND, "Process could not be found: " + systemText(ESRCH)}}));
-}
-
-TEST_F(ProcessQueries, killProcessOfAStrangerWithoutTheRightFails) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can become somebody else";
-    }
-    support::ChildEnd const end = support::runInChild([] {
-        EXPECT_EQ(0, setuid(65534));
-        EXPECT_TRUE(ProcessTNG::killProcess(getppid(), true));
-        EXPECT_TRUE(chainIs(
-            {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EPERM))},
-             {ProcessTNG::Error, ProcessTNG::ErrorId::KILL_FAILED,
-              "Failed to kill child process: " + systemText(EPERM)}}));
-    });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+    EXPECT_TRUE(causeIs(ProcessTNG::ErrorId::NOT_FOUND, ESRCH));
 }
 
 TEST_F(ProcessQueries, killProcessOfTheIdZeroSignalsTheOwnGroup) {
-    support::ChildEnd const end = support::runInChild([] {
+    expectInChild([] {
         EXPECT_EQ(0, setpgid(0, 0));
-        EXPECT_NE(SIG_ERR, signal(SIGTERM, SIG_IGN)); // Inherited below, but for the one that takes it.
-        support::Process other([] {
+        EXPECT_NE(SIG_ERR, signal(SIGTERM, SIG_IGN)); // Inherited by the other process, which resets it.
+        Process other([] {
             signal(SIGTERM, SIG_DFL);
-            EXPECT_FALSE(ProcessTNG::killProcess(0, true)); // Both are in it.
+            EXPECT_FALSE(ProcessTNG::killProcess(0, true)); // Both are in the group.
         });
         EXPECT_EQ(-1, other.join());
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-// ---- finding processes ----
-
-/// A process whose first text is what the test wants. Started without the library, which gives its path as that text.
+/// A process with any text as its first argument. Started without the library, which passes the path there.
 class NamedProcess {
 public:
     explicit NamedProcess(std::string const& name) {
         char const* const argv[] = {name.c_str(), "-c", "read -r line", "further", nullptr};
-        int ends[2];
-        EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
-        int begun[2];
-        EXPECT_EQ(0, pipe2(begun, O_CLOEXEC));
+        ProcessPipe begun(ProcessPipe::ChildGets::READ_END);
         m_pid = fork();
         if (m_pid == 0) {
-            dup2(ends[0], STDIN_FILENO);
+            dup2(m_end.getReadEnd(), STDIN_FILENO);
             execv("/bin/sh", const_cast<char* const*>(argv));
             _exit(1);
         }
-        close(ends[0]);
-        m_end = ends[1];
-        close(begun[1]);
-        char byte = 0;
-        EXPECT_EQ(
-            0, read(begun[0], &byte, 1)); // Closed by exec, a moment before the process has its command line.
-        close(begun[0]);
+        EXPECT_EQ("", begun.readAll()); // Until exec, shortly before the process has its command line.
         std::string const path = "/proc/" + std::to_string(m_pid) + "/cmdline";
         while (std::ifstream(path).peek() == std::ifstream::traits_type::eof()) {
             sched_yield();
         }
     }
     ~NamedProcess() {
-        close(m_end);
+        m_end.closeWriteEnd();
         waitpid(m_pid, nullptr, 0);
     }
-    NamedProcess(NamedProcess const&) = delete;
-    NamedProcess& operator=(NamedProcess const&) = delete;
-
     int getPid() const noexcept { return m_pid; }
 
 private:
+    ProcessPipe m_end{ProcessPipe::ChildGets::READ_END};
     pid_t m_pid;
-    int m_end;
 };
 
 Pids find(std::string const& name, bool exact) {
@@ -287,36 +212,38 @@ Pids find(std::string const& name, bool exact) {
     return pids;
 }
 
-/// A name that no other test has at the same moment.
-std::string makeName(std::string const& name) {
+/// Returns a name that no other test has at the same time.
+std::string makeName(std::string const& name = "vesk-query") {
     return name + "-" + std::to_string(getpid());
 }
 
+bool isFoundByProgram(std::string const& name, int pid) {
+    Pids const pids = find(name, true);
+    return std::find(pids.begin(), pids.end(), pid) != pids.end();
+}
+
 TEST_F(ProcessQueries, aBareNameFindsAProcessThatWasStartedByItsPathUnlessExact) {
-    std::string const name = makeName("vesk-query");
+    std::string const name = makeName();
     NamedProcess const process("/some/where/" + name);
-    Pids const expected = {process.getPid()};
-    EXPECT_EQ(expected, find(name, false));
+    EXPECT_EQ(Pids{process.getPid()}, find(name, false));
     EXPECT_EQ(Pids(), find(name, true));
-    EXPECT_EQ(expected, find("/some/where/" + name, true));
+    EXPECT_EQ(Pids{process.getPid()}, find("/some/where/" + name, true));
     EXPECT_EQ(Pids(), find("/some/where/" + name, false));
 }
 
 TEST_F(ProcessQueries, aProcessThatWasStartedByItsBareNameIsFoundBothWays) {
-    std::string const name = makeName("vesk-query");
-    NamedProcess const process(name);
-    Pids const expected = {process.getPid()};
-    EXPECT_EQ(expected, find(name, false));
-    EXPECT_EQ(expected, find(name, true));
+    NamedProcess const process(makeName());
+    EXPECT_EQ(Pids{process.getPid()}, find(makeName(), false));
+    EXPECT_EQ(Pids{process.getPid()}, find(makeName(), true));
 }
 
-TEST_F(ProcessQueries, namesAreComparedByteForByteAndAsAWhole) {
+TEST_F(ProcessQueries, namesAreComparedByteByByteAndAsAWhole) {
     std::string const name = makeName("vesk-Query");
     NamedProcess const process(name);
-    EXPECT_EQ(Pids(), find(makeName("vesk-query"), false));
-    EXPECT_EQ(Pids(), find(name.substr(0, name.size() - 1), false));
-    EXPECT_EQ(Pids(), find(name + "x", false));
-    EXPECT_EQ(Pids(), find("", false));
+    for (std::string const& other :
+         {makeName(), name.substr(0, name.size() - 1), name + "x", std::string()}) {
+        EXPECT_EQ(Pids(), find(other, false)) << other;
+    }
     EXPECT_EQ(Pids(), find("", true));
 }
 
@@ -324,14 +251,14 @@ TEST_F(ProcessQueries, oddNamesAreFound) {
     for (std::string const odd : {") (", "a b", "\xff\xfe", "x(y) S 1 1", "-sh"}) {
         std::string const name = odd + std::to_string(getpid());
         NamedProcess const process("/tmp/" + name);
-        EXPECT_EQ(Pids({process.getPid()}), find(name, false)) << odd;
+        EXPECT_EQ(Pids{process.getPid()}, find(name, false)) << odd;
     }
 }
 
-TEST_F(ProcessQueries, aNameIsKnownUpToItsFirstLineBreak) {
-    std::string const name = makeName("vesk");
+TEST_F(ProcessQueries, aNameEndsAtItsFirstLineBreak) {
+    std::string const name = makeName();
     NamedProcess const process(name + "\nrest");
-    EXPECT_EQ(Pids({process.getPid()}), find(name + "\n", true));
+    EXPECT_EQ(Pids{process.getPid()}, find(name + "\n", true));
     EXPECT_EQ(Pids(), find(name + "\nrest", true));
 }
 
@@ -340,114 +267,91 @@ TEST_F(ProcessQueries, longNamesAreReadInPieces) {
         std::string name = makeName("vesk");
         name.resize(length, 'n');
         NamedProcess const process(name);
-        EXPECT_EQ(Pids({process.getPid()}), find(name, true)) << length;
+        EXPECT_EQ(Pids{process.getPid()}, find(name, true)) << length;
     }
 }
 
 TEST_F(ProcessQueries, aTrailingSeparatorIsNoPartOfTheFileName) {
-    std::string const name = makeName("vesk-query");
-    NamedProcess const process("/dir/" + name + "//");
-    EXPECT_EQ(Pids({process.getPid()}), find(name, false));
-    EXPECT_EQ(Pids({process.getPid()}), find("/dir/" + name + "//", true));
+    NamedProcess const process("/dir/" + makeName() + "//");
+    EXPECT_EQ(Pids{process.getPid()}, find(makeName(), false));
+    EXPECT_EQ(Pids{process.getPid()}, find("/dir/" + makeName() + "//", true));
 }
 
-TEST_F(ProcessQueries, allOfANameAreAppended) {
-    std::string const name = makeName("vesk-query");
-    NamedProcess const first(name);
-    NamedProcess const second("/x/" + name);
+TEST_F(ProcessQueries, allProcessesOfANameAreAppended) {
+    NamedProcess const first(makeName());
+    NamedProcess const second("/x/" + makeName());
     Pids pids = {-7};
-    ProcessTNG::getProcessId(name, pids, false);
+    ProcessTNG::getProcessId(makeName(), pids, false);
     ASSERT_EQ(3U, pids.size());
     EXPECT_EQ(-7, pids[0]);
     std::sort(pids.begin() + 1, pids.end());
-    Pids expected = {first.getPid(), second.getPid()};
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(expected, Pids(pids.begin() + 1, pids.end()));
+    Pids expected = {-7, first.getPid(), second.getPid()};
+    std::sort(expected.begin() + 1, expected.end());
+    EXPECT_EQ(expected, pids);
 }
 
-TEST_F(ProcessQueries, theCallerIsNotLeftOut) {
-    std::string own = support::readFile("/proc/self/cmdline");
+TEST_F(ProcessQueries, theCallerIsNotOmitted) {
+    std::string own = readFile("/proc/self/cmdline");
     own.resize(strlen(own.c_str()));
-    Pids const pids = find(own, true);
-    EXPECT_NE(pids.end(), std::find(pids.begin(), pids.end(), getpid()));
+    EXPECT_TRUE(isFoundByProgram(own, getpid()));
 }
 
 TEST_F(ProcessQueries, aChildOfTheLibraryIsFoundByItsProgram) {
-    HeldProbe held;
-    ProcessTNG process;
-    held.set(process);
-    int const pid = process.start();
-    held.waitUntilBegun();
-    Pids const pids = find(support::getProbePath(), true);
-    EXPECT_NE(pids.end(), std::find(pids.begin(), pids.end(), pid));
-    held.release();
-    waitFor(process);
+    HeldChild const child;
+    EXPECT_TRUE(isFoundByProgram(getProbePath(), child.pid));
 }
 
 TEST_F(ProcessQueries, aProcessThatHasEndedIsNotFound) {
-    std::string const name = makeName("vesk-query");
     int pid = 0;
     {
-        NamedProcess const process(name);
+        NamedProcess const process(makeName());
         pid = process.getPid();
     }
-    EXPECT_EQ(Pids(), find(name, false));
+    EXPECT_EQ(Pids(), find(makeName(), false));
     EXPECT_EQ(1, ProcessTNG::existsProcess(pid));
 }
 
-/// A directory that looks like "/proc".
+/// A directory that replaces "/proc".
 class FakeProc {
 public:
-    FakeProc() : m_path(m_dir / "proc") {
-        EXPECT_EQ(0, mkdir(m_path.c_str(), 0700));
-        g_proc = &m_path;
-    }
-    ~FakeProc() {
-        g_proc = nullptr;
-        for (std::string const& entry : m_entries) {
-            unlink((m_path + "/" + entry + "/cmdline").c_str());
-            rmdir((m_path + "/" + entry).c_str());
-        }
-        rmdir(m_path.c_str());
-    }
+    FakeProc() { g_proc = &m_path; }
+    ~FakeProc() { g_proc = nullptr; }
+
     void add(std::string const& entry, std::string const& command, bool with_command = true) {
-        EXPECT_EQ(0, mkdir((m_path + "/" + entry).c_str(), 0700));
-        m_entries.push_back(entry);
+        EXPECT_EQ(0, mkdir((m_dir / entry).c_str(), 0700));
         if (with_command) {
-            support::writeFile(m_path + "/" + entry + "/cmdline", command);
+            writeFile(m_dir / (entry + "/cmdline"), command);
         }
     }
 
 private:
-    // In memory, where entries have offsets that a 32-bit program under an emulator can read as well.
+    // In memory: a 32-bit program under an emulator can read the directory positions there.
     TempDir m_dir{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp"};
-    std::string m_path;
-    std::vector<std::string> m_entries;
+    std::string m_path = m_dir / "";
 };
 
-TEST_F(ProcessQueries, onlyEntriesThatAreWhollyNumbersAreLookedAt) {
+TEST_F(ProcessQueries, onlyWhollyNumericEntriesAreRead) {
     FakeProc proc;
     std::string const command("same\0more\0", 10);
     for (char const* const entry : {"12", "007", "self", "1x", "x1", "9 9", "0x10", "3.5"}) {
         proc.add(entry, command);
     }
-    Pids pids = find("same", true);
-    // The number is what counts from there on: there is no directory "7".
-    EXPECT_EQ(Pids({12}), pids);
+    // There is no directory with the number 7.
+    EXPECT_EQ(Pids({12}), find("same", true));
 }
 
 TEST_F(ProcessQueries, entriesWithoutACommandAreSkipped) {
     FakeProc proc;
-    proc.add("1", "");                         // As that of the kernel.
+    proc.add("1", "");                         // Like a thread of the kernel.
     proc.add("2", std::string("\0same\0", 6)); // Its first text is empty.
-    proc.add("3", "", false);                  // Gone.
+    proc.add("3", "", false);                  // It has ended.
     proc.add("4", "same");                     // Without a null byte at its end.
     EXPECT_EQ(Pids({4}), find("same", true));
     EXPECT_EQ(Pids({4}), find("same", false));
     EXPECT_EQ(Pids(), find("", true));
 }
 
-TEST_F(ProcessQueries, whatIsReadForThemIsOpenForNoChild) {
+TEST_F(ProcessQueries, theFilesAreCloseOnExec) {
     FakeProc proc;
     proc.add("1", "same");
     EXPECT_EQ(Pids({1}), find("same", true));
@@ -474,7 +378,7 @@ TEST_F(ProcessQueries, withoutTheDirectoryNothingIsFoundAndTheReportStays) {
     EXPECT_EQ(Pids({1, 2}), pids);
     EXPECT_TRUE(chainIs(
         {{SysErrorId::PERMISSION_DENIED, rowText(SysErrorId::PERMISSION_DENIED, systemText(EACCES))},
-         {FileAccessError, FileAccessErrorId::ACCESS_DENIED, "Access to path '/proc' denied"}}));
+         {vesk::FileAccessErrorId::ACCESS_DENIED, "Access to path '/proc' denied"}}));
 }
 
 } // namespace

@@ -1,30 +1,47 @@
 #pragma once
 
 #include "ProbeCommand.h"
+#include "support/Chain.h"
+#include "support/Child.h"
+#include "support/EventRecorder.h"
+#include "support/Privileges.h"
+#include "support/Processes.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/ProcessTNG.h>
+#include <vesk/SysError.h>
 #include <vesk/Vesk.h>
+
+#include <tarncommon/error/CommonError.h>
+#include <tarncommon/error/ErrorStorage.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <initializer_list>
 #include <map>
+#include <pthread.h>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
-/// What the tests of child processes have in common.
+/// Support for the tests of child processes.
 namespace support {
+
+using vesk::ProcessTNG;
+using ExitState = ProcessTNG::ExitState;
 
 #if defined(__SANITIZE_THREAD__)
 constexpr int SLOWDOWN = 20;
@@ -34,12 +51,12 @@ constexpr int SLOWDOWN = 10;
 constexpr int SLOWDOWN = IS_EMULATED ? 50 : 1;
 #endif
 
-/// The path of the probe's command line: of the probe itself or of what runs it.
+/// Returns the path of the probe's command line: of the probe itself or of the program that runs it.
 inline std::string getProbePath() {
     return PROBE_COMMAND[0];
 }
 
-/// The arguments of the probe's command line, whatever runs it.
+/// Returns the arguments of the probe's command line, behind those of the program that runs it.
 inline std::vector<std::string> getProbeArguments(std::vector<std::string> const& arguments) {
     std::vector<std::string> all(std::begin(PROBE_COMMAND) + 1, std::end(PROBE_COMMAND));
     all.insert(all.end(), arguments.begin(), arguments.end());
@@ -47,9 +64,14 @@ inline std::vector<std::string> getProbeArguments(std::vector<std::string> const
 }
 
 /// Makes the probe the next child of an object.
-inline void setProbe(vesk::ProcessTNG& process, std::vector<std::string> const& arguments) {
+inline void setProbe(ProcessTNG& process, std::vector<std::string> const& arguments) {
     EXPECT_FALSE(process.setExecutable(getProbePath()));
     process.setArguments(getProbeArguments(arguments));
+}
+
+inline testing::AssertionResult contains(std::string const& text, std::string const& part) {
+    return text.find(part) != std::string::npos ? testing::AssertionSuccess()
+                                                : testing::AssertionFailure() << part << " not in " << text;
 }
 
 inline std::string readFile(std::string const& path) {
@@ -63,7 +85,7 @@ inline void writeFile(std::string const& path, std::string const& text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
-/// A directory of the test's own, gone with it.
+/// A temporary directory, removed with its content by the destructor.
 class TempDir {
 public:
     explicit TempDir(std::string const& parent = "/tmp") : m_path(parent + "/vesk-process-XXXXXX") {
@@ -72,13 +94,8 @@ public:
         }
     }
     ~TempDir() {
-        if (DIR* const directory = opendir(m_path.c_str())) {
-            while (dirent const* const entry = readdir(directory)) {
-                unlinkat(dirfd(directory), entry->d_name, 0);
-            }
-            closedir(directory);
-        }
-        rmdir(m_path.c_str());
+        std::error_code error;
+        std::filesystem::remove_all(m_path, error);
     }
     TempDir(TempDir const&) = delete;
     TempDir& operator=(TempDir const&) = delete;
@@ -89,7 +106,7 @@ private:
     std::string m_path;
 };
 
-/// A pipe whose near end, as seen from the test, no child inherits.
+/// A pipe. Children inherit only the given end.
 class ProcessPipe {
 public:
     enum class ChildGets { READ_END, WRITE_END };
@@ -112,7 +129,7 @@ public:
     void closeReadEnd() noexcept { close(m_ends[0]); }
     void closeWriteEnd() noexcept { close(m_ends[1]); }
 
-    /// All that comes until nobody has the write end any more.
+    /// Reads until all copies of the write end are closed.
     std::string readAll() {
         closeWriteEnd();
         std::string text;
@@ -140,16 +157,16 @@ private:
     int m_ends[2];
 };
 
-/// A child that runs until it is released, and says when it has begun.
+/// Holds children until it releases them.
 class HeldProbe {
 public:
     /// Makes the probe the next child of an object; `mode` is one of those that hold.
-    void set(vesk::ProcessTNG& process, char const* mode = "hold") {
+    void set(ProcessTNG& process, char const* mode = "hold") {
         setProbe(
             process, {mode, std::to_string(m_begun.getWriteEnd()), std::to_string(m_released.getReadEnd())});
     }
 
-    /// Waits until so many probes have begun. After it no further one can.
+    /// Waits until this number of probes have begun. No further one can begin afterwards.
     void waitUntilBegun(int probes = 1) {
         for (int i = 0; i < probes; ++i) {
             char byte = 0;
@@ -157,10 +174,10 @@ public:
         }
     }
 
-    /// Lets the child end with exit code 0.
+    /// Lets the children end with exit code 0.
     void release() { m_released.closeWriteEnd(); }
 
-    /// Waits until every probe is gone, whoever had started it.
+    /// Waits until every probe has ended.
     void waitUntilGone() { EXPECT_EQ("", m_begun.readAll()); }
 
 private:
@@ -168,36 +185,127 @@ private:
     ProcessPipe m_released{ProcessPipe::ChildGets::READ_END};
 };
 
+inline testing::AssertionResult endedWith(ExitState const& state, bool killed, int status) {
+    return (state.hasExited() && state.killed == killed && state.status == status
+                ? testing::AssertionSuccess()
+                : testing::AssertionFailure())
+        << "exited " << state.exited << " killed " << state.killed << " status " << state.status;
+}
+inline testing::AssertionResult hasExitedWith(ExitState const& state, int code) {
+    return endedWith(state, false, code);
+}
+inline testing::AssertionResult wasKilledBy(ExitState const& state, int signal) {
+    return endedWith(state, true, signal);
+}
+
 /// Waits for the end of an object's child.
-inline vesk::ProcessTNG::ExitState waitFor(vesk::ProcessTNG& process) {
-    vesk::ProcessTNG::ExitState state;
+inline ExitState waitFor(ProcessTNG& process) {
+    ExitState state;
     EXPECT_FALSE(process.wait(state, false, 0));
     return state;
 }
 
 /// Starts an object's child and waits for its end.
-inline vesk::ProcessTNG::ExitState run(vesk::ProcessTNG& process) {
+inline ExitState run(ProcessTNG& process) {
     EXPECT_GT(process.start(), 0);
     return waitFor(process);
 }
 
-inline testing::AssertionResult hasExitedWith(vesk::ProcessTNG::ExitState const& state, int code) {
-    if (state.hasExited() && !state.killed && state.status == code) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure()
-        << "exited " << state.exited << " killed " << state.killed << " status " << state.status;
+/// Makes the probe that exits with `code` the next child of an object.
+inline void setExit(ProcessTNG& process, int code) {
+    setProbe(process, {"exit", std::to_string(code)});
 }
 
-inline testing::AssertionResult wasKilledBy(vesk::ProcessTNG::ExitState const& state, int signal) {
-    if (state.hasExited() && state.killed && state.status == signal) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure()
-        << "exited " << state.exited << " killed " << state.killed << " status " << state.status;
+/// Checks that an object runs a child that exits with `code`.
+inline testing::AssertionResult runsExit(ProcessTNG& process, int code) {
+    setExit(process, code);
+    return hasExitedWith(run(process), code);
 }
 
-/// What the probe has told of itself in the mode "tell".
+/// Checks that a wait fails because an object has neither a child nor an exit state, and keeps its argument.
+inline testing::AssertionResult hasNoState(ProcessTNG& process, bool timed = false) {
+    ExitState state;
+    state.status = 77;
+    if (!process.wait(state, timed, 1000) || state.status != 77) {
+        return testing::AssertionFailure() << "status " << state.status;
+    }
+    return chainIs(
+        {{std::CommonErrorId::CONTRACT_BROKEN,
+          "Contract broken by the caller: no child process running, no child exit states left"}});
+}
+
+/// An object with a held child that has begun. The destructor releases a running child and waits for its end.
+class HeldChild : public HeldProbe {
+public:
+    explicit HeldChild(char const* mode = "hold", int probes = 1, bool new_group = false) {
+        set(process, mode);
+        process.setNewGroup(new_group);
+        pid = process.start();
+        EXPECT_GT(pid, 0);
+        waitUntilBegun(probes);
+    }
+    ~HeldChild() {
+        release();
+        if (process.getPid() != ProcessTNG::INVALID_PROCESS_ID) {
+            waitFor(process);
+        }
+    }
+    /// Releases the child. Checks that it ends.
+    testing::AssertionResult ends() {
+        release();
+        return hasExitedWith(waitFor(process), 0);
+    }
+
+    ProcessTNG process;
+    int pid = -1;
+};
+
+/// A thread that has begun a wait in `body`. The destructor joins it.
+class SleepingThread {
+public:
+    template <typename Body>
+    explicit SleepingThread(Body body)
+        : m_thread([this, body] {
+              m_id = getThreadId();
+              body();
+          }) {
+        EXPECT_TRUE(eventually([this] { return m_id != 0; }));
+        waitUntilAsleep();
+    }
+    ~SleepingThread() { join(); }
+    void waitUntilAsleep() const { support::waitUntilAsleep(getpid(), m_id); }
+    void cancel() { EXPECT_EQ(0, pthread_cancel(m_thread.native_handle())); }
+    void join() {
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+
+private:
+    std::atomic<pid_t> m_id{0};
+    std::thread m_thread;
+};
+
+/// Runs `body` in several threads at the same time.
+template <typename Body>
+void runInThreads(int count, Body body) {
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back([&, i] {
+            ++ready;
+            while (ready < count) {
+                sched_yield();
+            }
+            body(i);
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+/// The output of the probe in the mode "tell".
 class Sight {
 public:
     explicit Sight(std::string const& path) {
@@ -214,7 +322,7 @@ public:
 
     std::vector<std::string> const& get(std::string const& key) { return m_values[key]; }
 
-    /// The environment. An emulator hands it on in an order of its own.
+    /// Returns the environment. An emulator passes it on in another order.
     std::vector<std::string> getEnvironment() {
         std::vector<std::string> rows = get("env");
         if (IS_EMULATED) {
@@ -228,15 +336,15 @@ public:
         return std::find(values.begin(), values.end(), value) != values.end();
     }
 
-    /// Of the things that there is but one of. -9999 if it is missing.
+    /// Returns a value that exists once, or -9999.
     int getNumber(std::string const& key) { return get(key).size() == 1 ? atoi(get(key)[0].c_str()) : -9999; }
 
 private:
     std::map<std::string, std::vector<std::string>> m_values;
 };
 
-/// Starts the probe with what an object is set to, and gives what it saw.
-inline Sight look(vesk::ProcessTNG& process, std::vector<std::string> const& arguments = {}) {
+/// Starts the probe with the settings of an object. Returns its output.
+inline Sight look(ProcessTNG& process, std::vector<std::string> const& arguments = {}) {
     TempDir const dir;
     std::vector<std::string> all = {"tell", dir / "sight"};
     all.insert(all.end(), arguments.begin(), arguments.end());
@@ -245,14 +353,14 @@ inline Sight look(vesk::ProcessTNG& process, std::vector<std::string> const& arg
     return Sight(dir / "sight");
 }
 
-/// Where a descriptor of a process leads to.
+/// Returns the target of a link.
 inline std::string readLink(std::string const& path) {
     char target[256] = "";
     ssize_t const length = readlink(path.c_str(), target, sizeof target - 1);
     return std::string(target, length > 0 ? static_cast<size_t>(length) : 0);
 }
 
-/// The kernel's ids of the process's collectors.
+/// Returns the kernel's ids of the collectors of the process.
 inline std::vector<pid_t> getCollectors() {
     std::vector<pid_t> collectors;
     if (DIR* const directory = opendir("/proc/self/task")) {
@@ -271,21 +379,28 @@ inline size_t countCollectors() {
     return getCollectors().size();
 }
 
-/// Waits until there is none: one that was joined may be seen for another moment.
+/// Waits until the process has no collector. The system may still show one shortly after it was joined.
 inline bool haveCollectorsGone() {
     return eventually([] { return countCollectors() == 0; });
 }
 
-/// 0 until it has its name.
+/// Returns the id of the collector, or 0 until it has its name.
 inline pid_t findCollector() {
     std::vector<pid_t> const collectors = getCollectors();
     return collectors.size() == 1 ? collectors[0] : 0;
 }
 
-/// Tells of a child's end what the listener was told.
-class RecordingListener : public vesk::ProcessTNG::ExitListener {
+/// Waits until the collector sleeps.
+inline void waitForCollector() {
+    pid_t collector = 0;
+    EXPECT_TRUE(eventually([&] { return (collector = findCollector()) != 0; }));
+    waitUntilAsleep(getpid(), collector);
+}
+
+/// Records the ends that the listener receives.
+class RecordingListener : public ProcessTNG::ExitListener {
 public:
-    void processExited(vesk::ProcessTNG::ExitState const* state) override {
+    void processExited(ExitState const* state) override {
         last = *state;
         ++calls;
     }
@@ -293,17 +408,19 @@ public:
         return eventually([this, count] { return calls.load() >= count; });
     }
 
-    vesk::ProcessTNG::ExitState last;
+    ExitState last;
     std::atomic<int> calls{0};
 };
 
-/// The library is running, as it does in every process that starts children. At the end of the test its collector is
-/// gone, so that the next one can fork.
+/// Runs the library for each test, as in every process that starts children. Ends the collector after each
+/// test, so that the next one can fork.
 class ProcessTest : public testing::Test {
 protected:
-    void TearDown() override {
-        vesk::ProcessTNG::exit();
-        EXPECT_FALSE(vesk::ProcessTNG::init(true));
+    void TearDown() override { restart(); }
+
+    static void restart() {
+        ProcessTNG::exit();
+        EXPECT_FALSE(ProcessTNG::init(true));
     }
 
     vesk::Vesk const m_vesk{true, false};
