@@ -526,11 +526,4 @@ TEST(DispatcherClass, hasNoVirtualOperations) {
     EXPECT_EQ(1U, sizeof(std::atomic<bool>)) << "the flag is a plain byte";
 }
 
-TEST_F(DispatcherTest, addingASourceTakesNoLock) {
-    Fault const locks(inject_pthread_mutex_lock, 0);
-    VanillaQueue queue(m_notifier);
-    m_dispatcher.add_source(queue);
-    EXPECT_EQ(0, locks.getCalls());
-}
-
 } // namespace

@@ -219,4 +219,13 @@ INSTANTIATE_TEST_SUITE_P(All, FatalLockInChild, testing::ValuesIn(OPERATIONS), [
     return row.param.name;
 });
 
+TEST(DispatcherLock, isNotTakenToAddASource) {
+    Dispatcher::VanillaNotifier notifier;
+    Dispatcher dispatcher(notifier);
+    Dispatcher::VanillaQueue queue(notifier);
+    Fault const locks(inject_pthread_mutex_lock, 0);
+    dispatcher.add_source(queue);
+    EXPECT_EQ(0, locks.getCalls());
+}
+
 } // namespace

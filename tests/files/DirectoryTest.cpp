@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <dirent.h>
@@ -35,7 +36,9 @@ static DIR* s_stream = nullptr;
 
 support::Injected inject_fdopendir("fdopendir");
 extern "C" VESK_UNWATCHED DIR* fdopendir(int fd) {
-    if (support::fails(inject_fdopendir)) {
+    int error = 0;
+    if (inject_fdopendir.fails(error)) {
+        errno = error;
         return nullptr;
     }
     s_stream = reinterpret_cast<DIR* (*)(int)>(inject_fdopendir.getReal())(fd);

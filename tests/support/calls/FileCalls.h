@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/Inject.h"
+#include "support/InjectNoting.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -29,33 +29,23 @@ inline FileCalls s_file_calls;
 
 } // namespace support
 
-/// Replaces a function that returns -1 and sets `errno`. The statement `first` runs first in each call.
-#define VESK_INJECT_FIRST(first, result, name, parameters, arguments)                                        \
-    support::Injected inject_##name(#name);                                                                  \
-    extern "C" VESK_UNWATCHED result name parameters {                                                       \
-        first;                                                                                               \
-        int error = 0;                                                                                       \
-        if (inject_##name.fails(error)) {                                                                    \
-            errno = error;                                                                                   \
-            return -1;                                                                                       \
-        }                                                                                                    \
-        return reinterpret_cast<result(*) parameters>(inject_##name.getReal()) arguments;                    \
-    }
-
 #define VESK_LIMIT(size) size = size < support::s_file_calls.most ? size : support::s_file_calls.most
 
 VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
 VESK_INJECT_ERRNO(int, -1, fstat, (int fd, struct stat* data), (fd, data))
 VESK_INJECT_OPEN(support::s_file_calls.open_flags = flags; support::s_file_calls.open_mode = mode)
-VESK_INJECT_FIRST(support::s_file_calls.seek_offset = offset;
-                  support::s_file_calls.seek_whence = whence, off_t, lseek,
-                  (int fd, off_t offset, int whence), (fd, offset, whence))
-VESK_INJECT_FIRST(support::s_file_calls.length = length, int, ftruncate, (int fd, off_t length), (fd, length))
-VESK_INJECT_FIRST(VESK_LIMIT(size), ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
-VESK_INJECT_FIRST(
-    VESK_LIMIT(size), ssize_t, write, (int fd, void const* buffer, size_t size), (fd, buffer, size))
-VESK_INJECT_FIRST(
-    if (support::s_file_calls.syncs_for_nothing) { return 0; }, int, fsync, (int fd), (fd))
+VESK_INJECT_NOTING(
+    off_t, -1, lseek, (int fd, off_t offset, int whence), (fd, offset, whence),
+    support::s_file_calls.seek_offset = offset;
+    support::s_file_calls.seek_whence = whence)
+VESK_INJECT_NOTING(
+    int, -1, ftruncate, (int fd, off_t length), (fd, length), support::s_file_calls.length = length)
+VESK_INJECT_NOTING(
+    ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size), VESK_LIMIT(size))
+VESK_INJECT_NOTING(
+    ssize_t, -1, write, (int fd, void const* buffer, size_t size), (fd, buffer, size), VESK_LIMIT(size))
+VESK_INJECT_NOTING(
+    int, -1, fsync, (int fd), (fd), if (support::s_file_calls.syncs_for_nothing) { return 0; })
 
 support::Injected inject_openat("openat");
 extern "C" VESK_UNWATCHED int openat(int dir, char const* path, int flags, ...) {
