@@ -28,11 +28,12 @@ std::vector<Row> eachErrno(std::initializer_list<Row> rows) {
     return cases;
 }
 
-/// Names a case by its row and its error number, for example "lock_EPERM".
+/// Names a case by its row and its error number, if any, for example "lock_EPERM".
 struct ErrnoName {
     template <typename Info>
     std::string operator()(Info const& info) const {
-        return std::string(info.param.name) + "_" + strerrorname_np(info.param.error);
+        std::string const name = info.param.name;
+        return info.param.error == 0 ? name : name + "_" + strerrorname_np(info.param.error);
     }
 };
 
@@ -52,10 +53,12 @@ struct NumberName {
     }
 };
 
-/// Returns these reports with the text of an error number in each text that has an argument.
+/// Returns these reports with their texts, with that of an error number as the argument of each row that has one.
 inline std::vector<ExpectedReport> withErrno(std::vector<ExpectedReport> reports, int error) {
     for (ExpectedReport& report : reports) {
-        report.text = rowText(*report.family, report.id, systemText(error));
+        bool const has_row = report.family->getRow(report.id) != nullptr;
+        report.text = has_row ? rowText(*report.family, report.id, systemText(error))
+                              : "unknown error " + std::to_string(report.id);
     }
     return reports;
 }
