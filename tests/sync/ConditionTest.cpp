@@ -1,4 +1,3 @@
-#include "support/Chain.h"
 #include "support/Child.h"
 #include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
@@ -7,29 +6,15 @@
 #include "support/UnlockFault.h"
 
 #include <vesk/Condition.h>
-#include <vesk/Mutex.h>
 #include <vesk/ShmCondition.h>
-#include <vesk/ShmMutex.h>
-#include <vesk/SysError.h>
 
 #include <tarncommon/error/ErrorStorage.h>
-#include <tarncommon/tarnbase/TimePoint.h>
 #include <tarncommon/threadsafe/ConditionImpl.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <ctime>
 #include <limits>
 #include <optional>
-#include <pthread.h>
-#include <sched.h>
-#include <string>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -406,26 +391,21 @@ TEST(Condition, waiterHoldsTheMutexAgainWhenItReturns) {
 }
 
 TEST(Condition, waiterOccupiesNeitherTheMutexNorTheCondition) {
-    Mutex mutex;
-    Condition condition;
-    bool ready = false;
-    std::atomic<pid_t> waiting{0};
+    OfThreads shared;
     std::thread waiter([&] {
-        MutexLock const lock(mutex);
-        waiting = gettid();
-        while (!ready) {
-            ASSERT_FALSE(condition.wait(mutex));
+        MutexLock const lock(shared.mutex);
+        shared.ready = true;
+        while (shared.turn == 0) {
+            ASSERT_FALSE(shared.to_partner.wait(shared.mutex));
         }
     });
-    while (waiting == 0) {
-        std::this_thread::yield();
-    }
+    await(shared.ready);
     {
-        MutexLock const lock(mutex);
-        EXPECT_EQ(1, condition.waitTimeout(mutex, inMs(-1))) << "a second one may wait";
-        ready = true;
+        MutexLock const lock(shared.mutex);
+        EXPECT_EQ(1, shared.to_partner.waitTimeout(shared.mutex, inMs(-1))) << "a second one may wait";
+        shared.turn = 1;
     }
-    EXPECT_FALSE(condition.signal());
+    EXPECT_FALSE(shared.to_partner.signal());
     waiter.join();
 }
 
@@ -454,9 +434,7 @@ TEST(Condition, otherMutexIsRefusedAndTheFirstBindingStays) {
             ASSERT_FALSE(condition.wait(first));
         }
     });
-    while (!bound) {
-        std::this_thread::yield();
-    }
+    await(bound);
     ASSERT_FALSE(second.lock());
     leaveOlderReport();
     EXPECT_TRUE(condition.wait(second));
@@ -613,74 +591,54 @@ TEST(ShmCondition, outlivesAProcessThatIsKilledWithoutWaiting) {
 
 // ---- failures of the internal lock ----
 
-std::string aborts(std::string const& function, bool unlocking_too) {
-    std::string const place = "ABORT framework/src/vesk/posix/Condition " + function + ": ";
-    return unlocking_too ? place + "error locking\n" + place + "error unlocking" : place + "error unlocking";
-}
-
-/// The events of an operation whose first call of `function` fails, with the abort suppressed.
-/// The recorder takes its own lock later, so the fault does not reach it.
+/// Checks the events of an operation whose first call of `function` fails, with the abort suppressed. The recorder takes
+/// its own lock later, so the fault does not reach it.
 template <typename Operation>
-std::string eventsWithout(Injected& function, Operation&& operation) {
+void expectAborts(Injected& function, std::string const& name, Operation&& operation) {
+    std::string const place = "ABORT framework/src/vesk/posix/Condition " + name + ": ";
+    // An operation that continues without the lock has nothing to unlock.
+    bool const locks = &function == &inject_pthread_mutex_lock;
     EventRecorder recorder;
-    Fault const fault(function, EINVAL);
-    operation();
-    return recorder.getText();
+    {
+        Fault const fault(function, EINVAL);
+        operation();
+    }
+    EXPECT_EQ((locks ? place + "error locking\n" : "") + place + "error unlocking", recorder.getText());
 }
 
-// An operation that goes on without the lock has nothing to unlock.
-TEST(ConditionInternalLock, failedLockAbortsInTheNameOfTheOperation) {
-    Injected& lock = inject_pthread_mutex_lock;
+void expectOperationsAbort(Injected& function) {
     Mutex mutex;
     std::optional<Condition> condition(std::in_place);
     ASSERT_FALSE(mutex.lock());
-    EXPECT_EQ(aborts("waitTimeout", true), eventsWithout(lock, [&] {
-                  EXPECT_EQ(1, condition->waitTimeout(mutex, inMs(-1)));
-              }));
-    EXPECT_EQ(aborts("wait", true), eventsWithout(lock, [&] {
-                  Fault const fault(inject_pthread_cond_wait, ENOTRECOVERABLE);
-                  EXPECT_TRUE(condition->wait(mutex));
-              }));
-    EXPECT_EQ(aborts("signal", true), eventsWithout(lock, [&] { EXPECT_FALSE(condition->signal()); }));
-    EXPECT_EQ(aborts("~Condition", true), eventsWithout(lock, [&] { condition.reset(); }));
+    expectAborts(function, "waitTimeout", [&] { EXPECT_EQ(1, condition->waitTimeout(mutex, inMs(-1))); });
+    expectAborts(function, "wait", [&] {
+        Fault const fault(inject_pthread_cond_wait, ENOTRECOVERABLE);
+        EXPECT_TRUE(condition->wait(mutex));
+    });
+    expectAborts(function, "signal", [&] { EXPECT_FALSE(condition->signal()); });
+    expectAborts(function, "~Condition", [&] { condition.reset(); });
     EXPECT_FALSE(mutex.unlock());
     std::ErrorStorage::ack();
+}
+
+TEST(ConditionInternalLock, failedLockAbortsInTheNameOfTheOperation) {
+    expectOperationsAbort(inject_pthread_mutex_lock);
 }
 
 TEST(ConditionInternalLock, failedUnlockAbortsInTheNameOfTheOperation) {
-    Injected& unlock = inject_pthread_mutex_unlock;
-    Mutex mutex;
-    std::optional<Condition> condition(std::in_place);
-    ASSERT_FALSE(mutex.lock());
-    EXPECT_EQ(aborts("signal", false), eventsWithout(unlock, [&] { EXPECT_FALSE(condition->signal()); }));
-    EXPECT_EQ(aborts("waitTimeout", false), eventsWithout(unlock, [&] {
-                  EXPECT_EQ(1, condition->waitTimeout(mutex, inMs(-1)));
-              }));
-    EXPECT_EQ(aborts("wait", false), eventsWithout(unlock, [&] {
-                  Fault const fault(inject_pthread_cond_wait, ENOTRECOVERABLE);
-                  EXPECT_TRUE(condition->wait(mutex));
-              }));
-    EXPECT_EQ(aborts("~Condition", false), eventsWithout(unlock, [&] { condition.reset(); }));
-    EXPECT_FALSE(mutex.unlock());
-    std::ErrorStorage::ack();
+    expectOperationsAbort(inject_pthread_mutex_unlock);
 }
 
 TEST(ConditionInternalLock, failureEndsTheProcess) {
-    struct {
-        Injected* function;
-        char const* text;
-    } const rows[] = {
-        {&inject_pthread_mutex_lock, "error locking"},
-        {&inject_pthread_mutex_unlock, "error unlocking"},
-    };
-    for (auto const& row : rows) {
-        ChildEnd const end = runInChild([&row] {
+    for (Injected* const function : {&inject_pthread_mutex_lock, &inject_pthread_mutex_unlock}) {
+        ChildEnd const end = runInChild([function] {
             Condition condition;
-            Fault const fault(*row.function, EINVAL);
+            Fault const fault(*function, EINVAL);
             condition.signal();
         });
         EXPECT_EQ(SIGABRT, end.signal);
-        EXPECT_NE(std::string::npos, end.errors.find(row.text)) << end.errors;
+        char const* const text = function == &inject_pthread_mutex_lock ? "error locking" : "error unlocking";
+        EXPECT_NE(std::string::npos, end.errors.find(text)) << end.errors;
         EXPECT_NE(std::string::npos, end.errors.find("signal")) << end.errors;
     }
 }

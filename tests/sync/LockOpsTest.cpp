@@ -1,5 +1,4 @@
 #include "frame/FakeClock.h"
-#include "support/Chain.h"
 #include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
@@ -12,24 +11,14 @@
 #include <vesk/RWLockOps.h>
 #include <vesk/SpinLock.h>
 #include <vesk/SpinLockOps.h>
-#include <vesk/SysError.h>
 
 #include <tarncommon/tarnbase/TimePoint.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
-#include <ctime>
 #include <deque>
-#include <initializer_list>
 #include <limits>
-#include <pthread.h>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -81,16 +70,7 @@ VESK_INJECT_RESULT(pthread_cond_init, (pthread_cond_t * c, pthread_condattr_t co
 
 namespace {
 
-using support::causeIs;
-using support::chainIs;
-using support::eachErrno;
-using support::EventRecorder;
-using support::ExpectedReport;
-using support::FakeClock;
-using support::Fault;
-using support::Injected;
-using support::rowText;
-using support::systemText;
+using namespace support;
 using tarnbase::Duration;
 using tarnbase::TimePoint;
 using vesk::Condition;
@@ -125,83 +105,51 @@ union Memory {
 struct Kind {
     char const* name;
     size_t size;
-    bool (*init)(Memory&, bool shared);
-    bool (*destroy)(Memory&);
-    int (*use)(Memory&);
     Injected* init_attributes;
     Injected* share;
     Injected* destroy_attributes;
     Injected* create;
     Injected* destruction;
     SysErrorId::Id destruction_einval; ///< The report of a destruction that fails with `EINVAL`.
-    int before;                        ///< Each byte of the memory before a creation that fails.
-    int after;                         ///< Each byte behind it.
-    bool sets_errno;
-    std::string (*warning)(int error);
+    int mark;                          ///< Each byte of the memory behind a creation that failed.
+    char const* warning;
+    bool (*init)(Memory&, bool shared);
+    bool (*destroy)(Memory&);
+    int (*use)(Memory&);
 
     void fill(Memory& memory, int byte) const { memset(&memory, byte, size); }
-    bool isFilled(Memory const& memory, int byte) const {
-        Memory filled;
-        fill(filled, byte);
-        return memcmp(&memory, &filled, size) == 0;
-    }
     std::vector<ExpectedReport> getReports(Injected const* function, SysErrorId::Id id, int error) const;
 };
 
-Kind const MUTEX{
-    "mutex",
-    sizeof(pthread_mutex_t),
+template <typename... Args>
+Kind makeKind(Args... args) {
+    return {args...};
+}
+
+Kind const MUTEX = makeKind(
+    "mutex", sizeof(pthread_mutex_t), &inject_pthread_mutexattr_init, &inject_pthread_mutexattr_setpshared,
+    &inject_pthread_mutexattr_destroy, &inject_pthread_mutex_init, &inject_pthread_mutex_destroy,
+    SysErrorId::UNCLASSIFIED, 0xEB, "MutexOps ~AttrCleaner: destroying mutex attributes failed, res = 22",
     [](Memory& memory, bool shared) { return MutexOps::init(&memory.mutex, shared, shared, shared); },
     [](Memory& memory) { return MutexOps::destroy(&memory.mutex); },
-    [](Memory& memory) { return pthread_mutex_lock(&memory.mutex) + pthread_mutex_unlock(&memory.mutex); },
-    &inject_pthread_mutexattr_init,
-    &inject_pthread_mutexattr_setpshared,
-    &inject_pthread_mutexattr_destroy,
-    &inject_pthread_mutex_init,
-    &inject_pthread_mutex_destroy,
-    SysErrorId::UNCLASSIFIED,
-    0,
-    0xEB,
-    true,
-    [](int error) {
-        return "MutexOps ~AttrCleaner: destroying mutex attributes failed, res = " + std::to_string(error);
-    }};
-Kind const RWLOCK{
-    "rwlock",
-    sizeof(pthread_rwlock_t),
+    [](Memory& memory) { return pthread_mutex_lock(&memory.mutex) + pthread_mutex_unlock(&memory.mutex); });
+Kind const RWLOCK = makeKind(
+    "rwlock", sizeof(pthread_rwlock_t), &inject_pthread_rwlockattr_init,
+    &inject_pthread_rwlockattr_setpshared, &inject_pthread_rwlockattr_destroy, &inject_pthread_rwlock_init,
+    &inject_pthread_rwlock_destroy, SysErrorId::SPOILED_INTEGRITY, 0xFF,
+    "RWLockOps init: error destroying temp. attr.",
     [](Memory& memory, bool shared) { return RWLockOps::init(&memory.rwlock, shared); },
     [](Memory& memory) { return RWLockOps::destroy(&memory.rwlock); },
     [](Memory& memory) {
         return RWLockOps::lock(&memory.rwlock, WRITE, nullptr) + pthread_rwlock_unlock(&memory.rwlock);
-    },
-    &inject_pthread_rwlockattr_init,
-    &inject_pthread_rwlockattr_setpshared,
-    &inject_pthread_rwlockattr_destroy,
-    &inject_pthread_rwlock_init,
-    &inject_pthread_rwlock_destroy,
-    SysErrorId::SPOILED_INTEGRITY,
-    0xFF,
-    0xFF,
-    false,
-    [](int) -> std::string { return "RWLockOps init: error destroying temp. attr."; }};
-Kind const CONDITION{
-    "condition",
-    sizeof(pthread_cond_t),
+    });
+Kind const CONDITION = makeKind(
+    "condition", sizeof(pthread_cond_t), &inject_pthread_condattr_init, &inject_pthread_condattr_setpshared,
+    &inject_pthread_condattr_destroy, &inject_pthread_cond_init, nullptr, SysErrorId::SPOILED_INTEGRITY, 0xEB,
+    "ConditionOps init: destroying condition attributes failed, res = 22",
     [](Memory& memory, bool shared) { return ConditionOps::init(&memory.condition, shared); },
     [](Memory& memory) { return pthread_cond_destroy(&memory.condition) != 0; },
-    [](Memory& memory) { return pthread_cond_signal(&memory.condition); },
-    &inject_pthread_condattr_init,
-    &inject_pthread_condattr_setpshared,
-    &inject_pthread_condattr_destroy,
-    &inject_pthread_cond_init,
-    nullptr,
-    SysErrorId::SPOILED_INTEGRITY,
-    0,
-    0xEB,
-    false,
-    [](int error) {
-        return "ConditionOps init: destroying condition attributes failed, res = " + std::to_string(error);
-    }};
+    [](Memory& memory) { return pthread_cond_signal(&memory.condition); });
 
 /// Returns the reports of a creation that fails. That of a read-write lock shows the text of number 0.
 std::vector<ExpectedReport> Kind::getReports(Injected const* function, SysErrorId::Id id, int error) const {
@@ -229,14 +177,16 @@ class LockOpsInitRows : public testing::TestWithParam<InitRow> {};
 TEST_P(LockOpsInitRows, reportAndMarkTheMemory) {
     InitRow const& row = GetParam();
     Memory memory;
-    row.kind->fill(memory, row.kind->before);
-    support::leaveOlderReport();
+    row.kind->fill(memory, 0xFF);
+    leaveOlderReport();
     Fault const destroyed(*row.kind->destroy_attributes, 0);
     Fault const fault(*row.function, row.error);
     EXPECT_TRUE(row.kind->init(memory, true));
-    EXPECT_TRUE(!row.kind->sets_errno || errno == row.error) << errno;
+    EXPECT_TRUE(row.kind != &MUTEX || errno == row.error) << errno;
     EXPECT_TRUE(chainIs(row.kind->getReports(row.function, row.id, row.error)));
-    EXPECT_TRUE(row.kind->isFilled(memory, row.kind->after));
+    Memory marked;
+    row.kind->fill(marked, row.kind->mark);
+    EXPECT_EQ(0, memcmp(&marked, &memory, row.kind->size));
     EXPECT_EQ(row.function == row.kind->init_attributes ? 0 : 1, destroyed.getCalls());
     if (row.kind != &CONDITION) {
         EXPECT_FALSE(row.kind->destroy(memory));
@@ -275,7 +225,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"cond_init", &CONDITION, CONDITION.create, {EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
         {"cond_init", &CONDITION, &inject_pthread_cond_init, {EPERM}, SysErrorId::UNCLASSIFIED},
     })),
-    support::ErrnoName());
+    ErrnoName());
 
 struct KindName {
     std::string operator()(testing::TestParamInfo<Kind const*> const& info) const { return info.param->name; }
@@ -304,10 +254,10 @@ TEST_P(LockOpsInit, isSharedOnlyIfWanted) {
 TEST_P(LockOpsInit, attributesThatCannotBeDestroyedAreOnlyAWarning) {
     EventRecorder recorder;
     {
-        Fault const fault(*m_kind.destroy_attributes, EBUSY);
+        Fault const fault(*m_kind.destroy_attributes, EINVAL);
         EXPECT_FALSE(m_kind.init(m_memory, true));
     }
-    EXPECT_EQ("WARNING framework/src/vesk/posix/" + m_kind.warning(EBUSY), recorder.getText());
+    EXPECT_EQ(std::string("WARNING framework/src/vesk/posix/") + m_kind.warning, recorder.getText());
     EXPECT_TRUE(chainIs({}));
     EXPECT_EQ(0, m_kind.use(m_memory));
     EXPECT_FALSE(m_kind.destroy(m_memory));
@@ -320,7 +270,7 @@ TEST_P(LockOpsInit, attributesThatCannotBeDestroyedDoNotHideAFailure) {
         Fault const init_fault(*m_kind.create, ENOMEM);
         EXPECT_TRUE(m_kind.init(m_memory, true));
     }
-    EXPECT_EQ("WARNING framework/src/vesk/posix/" + m_kind.warning(EINVAL), recorder.getText());
+    EXPECT_EQ(std::string("WARNING framework/src/vesk/posix/") + m_kind.warning, recorder.getText());
     EXPECT_TRUE(chainIs(m_kind.getReports(m_kind.create, SysErrorId::OUT_OF_MEMORY, ENOMEM)));
 }
 
@@ -408,7 +358,7 @@ class LockOpsDestroy : public LockOpsInit {};
 INSTANTIATE_TEST_SUITE_P(All, LockOpsDestroy, testing::Values(&MUTEX, &RWLOCK), KindName());
 
 TEST_P(LockOpsDestroy, leavesALockThatWasNeverMadeAloneWithoutASystemCall) {
-    m_kind.fill(m_memory, m_kind.after);
+    m_kind.fill(m_memory, m_kind.mark);
     Fault const fault(*m_kind.destruction, EINVAL);
     EXPECT_FALSE(m_kind.destroy(m_memory));
     EXPECT_EQ(0, fault.getCalls());
@@ -417,7 +367,7 @@ TEST_P(LockOpsDestroy, leavesALockThatWasNeverMadeAloneWithoutASystemCall) {
 
 TEST_P(LockOpsDestroy, oneOtherByteMakesItALock) {
     for (size_t const at : {size_t{0}, m_kind.size / 2, m_kind.size - 1}) {
-        m_kind.fill(m_memory, m_kind.after);
+        m_kind.fill(m_memory, m_kind.mark);
         reinterpret_cast<unsigned char*>(&m_memory)[at] ^= 1;
         Fault const fault(*m_kind.destruction, EINVAL);
         EXPECT_TRUE(m_kind.destroy(m_memory));
@@ -484,13 +434,11 @@ protected:
     /// Checks the result and the reports of the row's operation. Returns the `errno` behind it.
     static int check(int errno_before) {
         Row const& row = GetParam();
-        support::leaveOlderReport();
+        leaveOlderReport();
         errno = errno_before;
         EXPECT_EQ(row.result, row.operation(row.error));
         int const errno_after = errno;
-        EXPECT_TRUE(
-            row.reports.empty() ? support::onlyOlderIsPending()
-                                : chainIs(support::withErrno(row.reports, row.error)));
+        EXPECT_TRUE(row.reports.empty() ? onlyOlderIsPending() : chainIs(withErrno(row.reports, row.error)));
         return errno_after;
     }
 };
@@ -516,7 +464,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"trylock", MUTEX_TRY, {EPERM, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
         {"trylock", MUTEX_TRY, {EAGAIN}, -1, {Mutex::ErrorId::LOCK_FAILED}},
     })),
-    support::ErrnoName());
+    ErrnoName());
 
 INSTANTIATE_TEST_SUITE_P(
     SpinLock, MutexAndSpinLockOpsRows,
@@ -532,7 +480,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"unlock", SPIN_UNLOCK, {EDEADLK}, 1, {SpinLock::ErrorId::INCONSISTENT}},
         {"unlock", SPIN_UNLOCK, {EPERM, EINVAL}, 1, {SpinLock::ErrorId::LOCK_FAILED}},
     })),
-    support::ErrnoName());
+    ErrnoName());
 
 class RWLockOpsRows : public LockOpsRows {};
 
@@ -556,7 +504,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"unlock", RW_UNLOCK, {EPERM}, 1, {SysErrorId::PERMISSION_DENIED, RWLock::ErrorId::UNLOCK_FAILED}},
         {"unlock", RW_UNLOCK, {EINVAL, EDEADLK, EAGAIN}, 1, {RWLock::ErrorId::UNLOCK_FAILED}},
     })),
-    support::ErrnoName());
+    ErrnoName());
 
 class ConditionOpsRows : public LockOpsRows {};
 
@@ -579,7 +527,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"signal", COND_SIGNAL, {EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY, NOT_SIGNALED}},
         {"signal", COND_SIGNAL, {EPERM, EBUSY}, 1, {SysErrorId::UNCLASSIFIED, NOT_SIGNALED}},
     })),
-    support::ErrnoName());
+    ErrnoName());
 
 TEST(SpinLockOps, failedLockReportsTheRowOfUnlocking) {
     EXPECT_TRUE(SpinLockOps::handleLockError(EINVAL));
@@ -726,7 +674,7 @@ TEST_P(RWLockOpsForms, classifiesTheErrorOfItsOwnCall) {
     EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, RWLockOpsForms, testing::ValuesIn(FORMS), support::RowName());
+INSTANTIATE_TEST_SUITE_P(All, RWLockOpsForms, testing::ValuesIn(FORMS), RowName());
 
 struct DeadlineRow {
     timespec now;

@@ -1,28 +1,15 @@
-#include "support/Chain.h"
 #include "support/Child.h"
 #include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
-#include "support/Inject.h"
 #include "support/Processes.h"
 #include "sync/LockSupport.h"
 
-#include <vesk/SysError.h>
-
 #include <tarncommon/error/ErrorStorage.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <functional>
 #include <optional>
-#include <pthread.h>
-#include <string>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -85,10 +72,6 @@ TEST(Mutex, rowsHaveTheirTexts) {
         1);
 }
 
-TEST(ShmMutex, familyIsThatOfMutex) {
-    EXPECT_EQ(&Mutex::Error, &ShmMutex::Error);
-}
-
 TEST(RWLock, rowsHaveTheirTexts) {
     expectRows(
         RWLock::Error,
@@ -96,7 +79,6 @@ TEST(RWLock, rowsHaveTheirTexts) {
          "Maximum lock count has been reached: %s", "Locking for read failed: %s",
          "Locking for write failed: %s", "Unlocking failed: %s"},
         1);
-    EXPECT_EQ(&RWLock::Error, &ShmRWLock::Error);
 }
 
 TEST(SpinLock, rowsHaveTheirTexts) {
@@ -105,6 +87,11 @@ TEST(SpinLock, rowsHaveTheirTexts) {
         {"SpinLock creation failed: %s", "SpinLock lock failed: %s", "SpinLock unlock failed: %s",
          "SpinLock inconsistency detected: %s"},
         1);
+}
+
+TEST(ShmMutex, familyIsThatOfMutex) {
+    EXPECT_EQ(&Mutex::Error, &ShmMutex::Error);
+    EXPECT_EQ(&RWLock::Error, &ShmRWLock::Error);
     EXPECT_EQ(&SpinLock::Error, &ShmSpinLock::Error);
 }
 
@@ -130,6 +117,20 @@ TYPED_TEST(Locks, lockAndUnlockWithoutAReport) {
         EXPECT_FALSE(lock.unlock());
     }
     EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(Locks, areBusyForATryWhileTheyAreHeld) {
+    if constexpr (!std::is_same_v<TypeParam, Mutex>) {
+        TypeParam const lock;
+        ASSERT_FALSE(lockForWrite(lock));
+        std::thread([&lock] {
+            EXPECT_EQ(1, tryForWrite(lock));
+            EXPECT_TRUE(chainIs({})) << "busy is no failure";
+        }).join();
+        EXPECT_FALSE(lock.unlock());
+        EXPECT_EQ(0, tryForWrite(lock));
+        EXPECT_FALSE(lock.unlock());
+    }
 }
 
 TYPED_TEST(Locks, excludeThreads) {
@@ -490,26 +491,6 @@ TEST(ShmMutex, ownerInheritsThePriorityOfTheMostUrgentWaiter) {
     if (refused != 0) {
         GTEST_SKIP() << "real-time scheduling is not allowed here";
     }
-}
-
-// ---- spin locks ----
-
-template <typename Lock>
-class SpinLocks : public testing::Test {};
-
-using BothSpinLocks = testing::Types<SpinLock, ShmSpinLock>;
-TYPED_TEST_SUITE(SpinLocks, BothSpinLocks, LockName);
-
-TYPED_TEST(SpinLocks, heldLockIsBusyForATry) {
-    TypeParam const lock;
-    ASSERT_FALSE(lock.lock());
-    std::thread([&lock] {
-        EXPECT_EQ(1, lock.tryLock());
-        EXPECT_TRUE(chainIs({}));
-    }).join();
-    EXPECT_FALSE(lock.unlock());
-    EXPECT_EQ(0, lock.tryLock());
-    EXPECT_FALSE(lock.unlock());
 }
 
 // ---- read-write locks ----

@@ -701,39 +701,43 @@ TEST(AlarmTimerLife, signalFromElsewhereIsAnEarlyRing) {
 /// The simplest form of the engine: a map, which each query searches completely.
 class Model {
 public:
-    void add(Alarm* alarm, long long now, long long delay) {
-        m_expiries[alarm] = now + delay;
+    void add(Bell* bell, long long now, long long delay) {
+        m_expiries[bell] = now + delay;
         if (m_next > now + delay) {
             m_next = now + delay;
             arm(delay);
         }
     }
-    void remove(Alarm* alarm) {
-        m_expiries.erase(alarm);
+    void remove(Bell* bell) {
+        m_expiries.erase(bell);
         lookForNext();
     }
-    std::vector<Alarm*> beginRing(long long now) {
+    Rung beginRing(long long now) {
         if (m_next > now) {
             armForNext(now);
             return {};
         }
-        std::vector<Alarm*> due;
-        for (auto const& [alarm, expiry] : m_expiries) {
+        Rung due;
+        for (auto const& [bell, expiry] : m_expiries) {
             if (expiry <= now) {
-                due.push_back(alarm);
+                due.push_back(bell);
             }
         }
-        for (Alarm* const alarm : due) {
-            m_expiries.erase(alarm);
+        for (Bell* const bell : due) {
+            m_expiries.erase(bell);
         }
         lookForNext();
         return due;
     }
-    void endRing(long long now) { armForNext(now); }
+    void armForNext(long long now) {
+        if (m_next < NEVER) {
+            arm(m_next - now);
+        }
+    }
 
     Spans take() { return std::exchange(m_spans, {}); }
     size_t getCount() const { return m_expiries.size(); }
-    Alarm* getAny(size_t i) const { return std::next(m_expiries.begin(), static_cast<long>(i))->first; }
+    Bell* getAny(size_t i) const { return std::next(m_expiries.begin(), static_cast<long>(i))->first; }
 
 private:
     static constexpr long long NEVER = std::numeric_limits<long long>::max();
@@ -742,11 +746,6 @@ private:
         constexpr time_t LONGEST = std::numeric_limits<time_t>::max();
         m_spans.push_back(delay == 0 ? AT_ONCE : delay / 1000 > LONGEST ? Span{LONGEST, 0} : ms(delay));
     }
-    void armForNext(long long now) {
-        if (m_next < NEVER) {
-            arm(m_next - now);
-        }
-    }
     void lookForNext() {
         m_next = NEVER;
         for (auto const& entry : m_expiries) {
@@ -754,8 +753,8 @@ private:
         }
     }
 
-    std::map<Alarm*, long long, std::less<>> m_expiries;
-    long long m_next = START + 18446744073709551;
+    std::map<Bell*, long long, std::less<>> m_expiries;
+    long long m_next = FAR_AWAY;
     Spans m_spans;
 };
 
@@ -767,75 +766,55 @@ struct Walk {
     long long longest;
 };
 
-class AlarmTimerModel : public testing::TestWithParam<Walk> {
+class AlarmTimerModel : public AlarmTimer, public testing::WithParamInterface<Walk> {
 protected:
-    struct Chime {
-        Chime(AlarmTimerModel& test, Engine& engine)
-            : owner(test), alarm(EnginePtr(nullptr, &engine), nullptr, rang, this) {}
-
-        static void rang(void* data) {
-            auto* const self = static_cast<Chime*>(data);
-            self->owner.m_rung.push_back(&self->alarm);
-            if (self->owner.pick(3) == 0) {
-                self->owner.change();
-            }
-        }
-
-        AlarmTimerModel& owner;
-        Alarm alarm;
-    };
-
-    AlarmTimerModel() : m_clock(START / 1000, 0), m_random(GetParam().seed) {
+    void SetUp() override {
         for (int i = 0; i < GetParam().alarms; ++i) {
-            m_chimes.push_back(std::make_unique<Chime>(*this, m_engine));
+            m_bells.push_back(std::make_unique<Bell>(m_engine, m_rung));
+            m_bells.back()->action = [this] {
+                if (pick(3) == 0) {
+                    change();
+                }
+            };
         }
     }
 
     long long pick(long long below) {
         return std::uniform_int_distribution<long long>(0, below - 1)(m_random);
     }
-    Alarm* pickAlarm() {
-        return &m_chimes[static_cast<size_t>(pick(static_cast<long long>(m_chimes.size())))]->alarm;
-    }
+    Bell* pickBell() { return m_bells[static_cast<size_t>(pick(GetParam().alarms))].get(); }
     void pass(long long by) {
         m_now += by;
-        m_clock.set(static_cast<time_t>(m_now / 1000), static_cast<long>(m_now % 1000) * 1000000);
+        setTime(m_now);
     }
 
     /// Adds, moves or removes one, with the engine and with the model.
     void change() {
         if (pick(3) != 0) {
-            Alarm* const alarm = pickAlarm();
+            Bell* const bell = pickBell();
             long long const delay = pick(GetParam().longest);
-            m_engine.add(alarm, Duration(delay));
-            m_model.add(alarm, m_now, delay);
+            add(*bell, delay);
+            m_model.add(bell, m_now, delay);
         } else {
-            bool const known = m_model.getCount() != 0 && pick(4) != 0;
-            Alarm* const alarm = known
-                ? m_model.getAny(static_cast<size_t>(pick(static_cast<long long>(m_model.getCount()))))
-                : pickAlarm();
-            m_engine.remove(alarm);
-            m_model.remove(alarm);
+            auto const count = static_cast<long long>(m_model.getCount());
+            bool const known = count != 0 && pick(4) != 0;
+            Bell* const bell = known ? m_model.getAny(static_cast<size_t>(pick(count))) : pickBell();
+            remove(*bell);
+            m_model.remove(bell);
         }
     }
 
     void ring() {
         long long const now = m_now;
-        std::vector<Alarm*> const due = m_model.beginRing(now);
-        m_rung.clear();
-        Engine::ring(&m_engine);
-        m_model.endRing(now);
-        ASSERT_EQ(due, m_rung);
+        Rung const due = m_model.beginRing(now);
+        ASSERT_EQ(due, ringAt(now));
+        m_model.armForNext(now);
     }
 
-    FakeClock m_clock;
-    long long m_now = START;
-    KernelTimers m_timers;
-    Engine m_engine{SIGNAL, "Engine", vesk::sched::Attr()};
+    long long m_now = 0;
     Model m_model;
-    std::mt19937 m_random;
-    std::vector<std::unique_ptr<Chime>> m_chimes;
-    std::vector<Alarm*> m_rung;
+    std::mt19937 m_random{GetParam().seed};
+    std::vector<std::unique_ptr<Bell>> m_bells;
 };
 
 TEST_P(AlarmTimerModel, behavesLikeAPlainMap) {
