@@ -652,6 +652,7 @@ void handleExit(Thread::ThreadId const& id, Thread::ExitReason reason) {
     g_handled.push_back(std::to_string(N) + (reason == Thread::EXIT_NORMAL ? " normal" : " terminated"));
     g_handled_in = Thread::getCallerThreadId();
     g_handled_id = id;
+    EXPECT_NE(Thread::ThreadId::INVALID_THREAD_ID, id);
 }
 
 /// Checks that the thread takes four handlers and refuses a fifth one with the text of the last failure of the system.
