@@ -30,7 +30,7 @@ using AllShmLocks = testing::Types<
 TYPED_TEST_SUITE(ShmLocks, AllShmLocks, LockName);
 
 TYPED_TEST(ShmLocks, excludeProcesses) {
-    constexpr int ROUNDS = 5000;
+    constexpr int ROUNDS = 20000;
     std::vector<Process> processes;
     for (int i = 0; i < 2; ++i) {
         processes.emplace_back([this] {
