@@ -188,7 +188,7 @@ TEST(Timer, startWhileItRunsTakesTheNewIntervalAndKind) {
     expectCalls(clock, 1);
 }
 
-TEST(Timer, snoozeFromTheCallbackOfAOneShotTimerGivesOneMoreCall) {
+TEST(Timer, snoozeFromTheCallbackOfAOneShotTimerLeadsToOneMoreCall) {
     Clock clock(false, [](Clock& self) {
         if (self.count == 0) {
             EXPECT_FALSE(self.snooze());
@@ -225,7 +225,7 @@ TEST(Timer, aPeriodicTimerThatIsSnoozedAfterAStopGoesOn) {
     EXPECT_TRUE(clock.waitFor(before + 5));
 }
 
-TEST(Timer, aPeriodicTimerWhoseCallbackStopsItHasNoFurtherExpiry) {
+TEST(Timer, periodicTimerThatItsCallbackStopsHasNoFurtherExpiry) {
     Clock clock(false, [](Clock& self) { EXPECT_FALSE(self.stop()); });
     EXPECT_FALSE(clock.start(2, true));
     expectCalls(clock, 1);
@@ -323,7 +323,7 @@ TEST(Timer, callbacksOfOnePriorityRunOneAfterTheOther) {
     EXPECT_EQ(0, together);
 }
 
-TEST(Timer, aSlowCallbackHoldsUpItsPriorityAndNotTheOther) {
+TEST(Timer, slowCallbackDelaysItsPriorityAndNotTheOther) {
     Event entered;
     Event leave;
     Clock slow(false, [&](Clock&) {
