@@ -525,12 +525,11 @@ struct Guarded {
 };
 
 TEST_F(AlarmOnEngine, removedAlarmNeverRingsHoweverManyThreadsAddMoveAndRemove) {
-    constexpr int THREADS = 4;
     constexpr int ALARMS = 30;
     std::atomic<int> rung{0};
     std::atomic<int> rung_wrongly{0};
-    auto const storm = [&](unsigned int seed) {
-        std::mt19937 random(seed);
+    auto const storm = [&](int thread) {
+        std::mt19937 random(static_cast<unsigned int>(thread) + 1);
         std::deque<Guarded> alarms;
         for (int i = 0; i < ALARMS; ++i) {
             alarms.emplace_back(m_reference);
@@ -560,13 +559,7 @@ TEST_F(AlarmOnEngine, removedAlarmNeverRingsHoweverManyThreadsAddMoveAndRemove) 
             rung_wrongly += one.rung_wrongly;
         }
     };
-    std::vector<std::thread> threads;
-    for (unsigned int i = 0; i < THREADS; ++i) {
-        threads.emplace_back(storm, i + 1);
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runThreads(4, storm);
     EXPECT_GT(rung, 0);
     EXPECT_EQ(0, rung_wrongly);
 }
@@ -576,28 +569,23 @@ TEST_F(AlarmOnEngine, alarmsThatAreStillPendingAfterAStormRing) {
     for (int i = 0; i < 40; ++i) {
         alarms.emplace_back(m_reference);
     }
-    std::vector<std::thread> threads;
-    for (unsigned int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            std::mt19937 random(t);
-            for (int i = 0; i < 5000 / SLOW; ++i) {
-                TestAlarm& alarm = alarms[t * 10 + random() % 10];
-                if (random() % 3 == 0) {
-                    alarm.stop();
-                } else {
-                    alarm.start(Duration(static_cast<long long>(random() % 5)));
-                }
+    runThreads(4, [&alarms](int thread) {
+        auto const t = static_cast<unsigned int>(thread);
+        std::mt19937 random(t);
+        for (int i = 0; i < 5000 / SLOW; ++i) {
+            TestAlarm& alarm = alarms[t * 10 + random() % 10];
+            if (random() % 3 == 0) {
+                alarm.stop();
+            } else {
+                alarm.start(Duration(static_cast<long long>(random() % 5)));
             }
-            for (size_t i = t * 10; i < t * 10 + 10; ++i) {
-                alarms[i].stop();
-                alarms[i].count = 0;
-                alarms[i].start(Duration(static_cast<long long>(random() % 50)));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+        }
+        for (size_t i = t * 10; i < t * 10 + 10; ++i) {
+            alarms[i].stop();
+            alarms[i].count = 0;
+            alarms[i].start(Duration(static_cast<long long>(random() % 50)));
+        }
+    });
     for (TestAlarm& alarm : alarms) {
         EXPECT_TRUE(alarm.waitFor(1));
         alarm.stop();

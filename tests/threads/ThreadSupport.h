@@ -12,8 +12,10 @@
 #include <functional>
 #include <pthread.h>
 #include <sched.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 /// What the tests of threads have in common.
 namespace support {
@@ -143,6 +145,18 @@ public:
 /// Runs `body` in a thread to its end.
 inline void runInThread(Body body) {
     TestThread(std::move(body)).runToEnd();
+}
+
+/// Runs `body` with the numbers from 0 on in so many threads of the standard library. Waits for their end.
+template <typename Callable>
+void runThreads(int count, Callable body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back(body, i);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
 }
 
 /// Returns the object of the calling thread.

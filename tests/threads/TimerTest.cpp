@@ -474,26 +474,20 @@ TEST(TimerError, hasItsTexts) {
 }
 
 TEST(Timer, manyThreadsUseTimersOfTheirOwn) {
-    std::vector<std::thread> threads;
-    for (unsigned int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            for (unsigned int i = 0; i < 100; ++i) {
-                Clock clock(t % 2 == 0);
-                EXPECT_FALSE(clock.start(1 + i % 3, i % 2 == 0));
-                if (i % 4 == 0) {
-                    EXPECT_TRUE(clock.waitFor(1));
-                }
-                EXPECT_FALSE(clock.snooze());
-                EXPECT_FALSE(clock.stop());
-                int const count = clock.count;
-                sched_yield();
-                EXPECT_EQ(count, clock.count);
+    runThreads(4, [](int t) {
+        for (unsigned int i = 0; i < 100; ++i) {
+            Clock clock(t % 2 == 0);
+            EXPECT_FALSE(clock.start(1 + i % 3, i % 2 == 0));
+            if (i % 4 == 0) {
+                EXPECT_TRUE(clock.waitFor(1));
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+            EXPECT_FALSE(clock.snooze());
+            EXPECT_FALSE(clock.stop());
+            int const count = clock.count;
+            sched_yield();
+            EXPECT_EQ(count, clock.count);
+        }
+    });
 }
 
 } // namespace
