@@ -591,7 +591,7 @@ TEST(ShmCondition, outlivesAProcessThatIsKilledWithoutWaiting) {
 
 // ---- failures of the internal lock ----
 
-/// Checks the events of an operation whose first call of `function` fails, with the abort suppressed. The recorder takes
+/// Checks the events of an operation in which the first call of `function` fails, with the abort suppressed. The recorder takes
 /// its own lock later, so the fault does not reach it.
 template <typename Operation>
 void expectAborts(Injected& function, std::string const& name, Operation&& operation) {

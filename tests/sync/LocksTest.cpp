@@ -289,7 +289,7 @@ struct Row {
     int error = 0;
 };
 
-/// Returns the result of an operation whose system call fails. The lock is held before and after it.
+/// Returns the result of an operation with a system call that fails. The lock is held before and after it.
 template <typename Lock, auto OPERATION>
 int fail(Injected& function, int error) {
     Lock const lock;

@@ -56,8 +56,8 @@ constexpr int SLOW = 10; // Divides the numbers of rounds.
 constexpr int SLOW = 1;
 #endif
 
-/// An alarm that counts its calls and keeps when, on which thread and with which nice value the last one was made. A test
-/// may give it an action. Stopped at its end.
+/// An alarm that counts its calls, runs an action in each, and keeps when, on which thread and with which nice value the
+/// last one was made. The destructor stops it.
 class TestAlarm {
 public:
     explicit TestAlarm(
@@ -271,9 +271,9 @@ TEST_F(AlarmOnEngine, slowCallbackOfAnotherEngineDelaysNone) {
 }
 
 TEST_F(AlarmOnEngine, callbackMayDestroyItsOwnAlarm) {
-    struct Mayfly {
+    struct SelfDestroying {
         static void end(void* data) {
-            Mayfly& self = *static_cast<Mayfly*>(data);
+            SelfDestroying& self = *static_cast<SelfDestroying*>(data);
             self.alarm->stop();
             self.alarm.reset();
             ++*self.ended;
@@ -282,11 +282,11 @@ TEST_F(AlarmOnEngine, callbackMayDestroyItsOwnAlarm) {
         std::atomic<int>* ended;
     };
     std::atomic<int> ended{0};
-    std::deque<Mayfly> mayflies(20);
-    for (Mayfly& mayfly : mayflies) {
-        mayfly.ended = &ended;
-        mayfly.alarm = std::make_unique<Alarm>(m_reference, nullptr, Mayfly::end, &mayfly);
-        mayfly.alarm->start(SOON);
+    std::deque<SelfDestroying> objects(20);
+    for (SelfDestroying& object : objects) {
+        object.ended = &ended;
+        object.alarm = std::make_unique<Alarm>(m_reference, nullptr, SelfDestroying::end, &object);
+        object.alarm->start(SOON);
     }
     EXPECT_TRUE(eventually([&] { return ended == 20; }));
 }
@@ -368,9 +368,9 @@ TEST(DefaultTimer, catchesTheThirdRealTimeSignalAndRestoresIt) {
 }
 
 /// Destroys itself in its callback, waits until the thread that destroys the last alarm sleeps, and creates a successor.
-struct Phoenix {
-    static void rise(void* data) {
-        Phoenix& self = *static_cast<Phoenix*>(data);
+struct SelfReplacing {
+    static void replace(void* data) {
+        SelfReplacing& self = *static_cast<SelfReplacing*>(data);
         self.alarm->stop();
         self.alarm.reset();
         self.entered.set();
@@ -378,27 +378,27 @@ struct Phoenix {
         waitUntilAsleep(getpid(), self.destroyer);
         self.successor = std::make_unique<TestAlarm>(EnginePtr(Alarm::DEFAULT_TIMER));
         self.successor->start(AT_ONCE);
-        self.risen.set();
+        self.replaced.set();
     }
 
     Event entered;
-    Event risen;
+    Event replaced;
     std::atomic<pid_t> destroyer{0};
     std::unique_ptr<TestAlarm> successor;
     std::unique_ptr<Alarm> alarm =
-        std::make_unique<Alarm>(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, rise, this);
+        std::make_unique<Alarm>(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, replace, this);
 };
 
 TEST(DefaultTimer, staysForAnAlarmThatACallbackCreatesWhileTheLastOneIsDestroyed) {
     auto const end = runInChild([] {
-        Phoenix phoenix;
+        SelfReplacing object;
         auto last = std::make_unique<TestAlarm>(EnginePtr(Alarm::DEFAULT_TIMER));
-        phoenix.alarm->start(AT_ONCE);
-        ASSERT_TRUE(phoenix.entered.wait());
-        phoenix.destroyer = getThreadId();
+        object.alarm->start(AT_ONCE);
+        ASSERT_TRUE(object.entered.wait());
+        object.destroyer = getThreadId();
         last.reset();
-        EXPECT_TRUE(phoenix.risen.wait());
-        EXPECT_TRUE(phoenix.successor->waitFor(1));
+        EXPECT_TRUE(object.replaced.wait());
+        EXPECT_TRUE(object.successor->waitFor(1));
     });
     EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
@@ -528,7 +528,7 @@ TEST_F(AlarmOnEngine, removedAlarmNeverRingsHoweverManyThreadsAddMoveAndRemove) 
     constexpr int ALARMS = 30;
     std::atomic<int> rung{0};
     std::atomic<int> rung_wrongly{0};
-    auto const storm = [&](int thread) {
+    auto const change = [&](int thread) {
         std::mt19937 random(static_cast<unsigned int>(thread) + 1);
         std::deque<Guarded> alarms;
         for (int i = 0; i < ALARMS; ++i) {
@@ -559,12 +559,12 @@ TEST_F(AlarmOnEngine, removedAlarmNeverRingsHoweverManyThreadsAddMoveAndRemove) 
             rung_wrongly += one.rung_wrongly;
         }
     };
-    runThreads(4, storm);
+    runThreads(4, change);
     EXPECT_GT(rung, 0);
     EXPECT_EQ(0, rung_wrongly);
 }
 
-TEST_F(AlarmOnEngine, alarmsThatAreStillPendingAfterAStormRing) {
+TEST_F(AlarmOnEngine, alarmsThatAreStillPendingAfterManyChangesRing) {
     std::deque<TestAlarm> alarms;
     for (int i = 0; i < 40; ++i) {
         alarms.emplace_back(m_reference);

@@ -602,7 +602,7 @@ TEST_F(ThreadFailure, readingTheStateThatCannotLockIsAsserted) {
     }
 }
 
-// ---- the wrapper, where an abort that returns must leave a thread that goes on ----
+// ---- the wrapper, where an abort that returns must leave a running thread ----
 
 // The locks of a new thread that waits for its start: the state, the condition's own lock, then, behind the body, the
 // link to claim the end, the state, and the link again to leave it.

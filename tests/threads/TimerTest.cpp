@@ -257,17 +257,17 @@ TEST(Timer, aCallbackMayStartAndStopOtherTimers) {
 TEST(Timer, aCallbackMayDestroyItsOwnTimerWhileThereAreOthers) {
     Clock const other;
     Event gone;
-    struct Mayfly : Timer {
-        explicit Mayfly(Event& event) : Timer(end, false), after(event) {}
+    struct SelfDestroying : Timer {
+        explicit SelfDestroying(Event& event) : Timer(end, false), after(event) {}
         static void end(Timer* timer) {
-            Event& after = static_cast<Mayfly*>(timer)->after;
+            Event& after = static_cast<SelfDestroying*>(timer)->after;
             delete timer;
             after.set();
         }
         Event& after;
     };
-    Mayfly* const mayfly = new Mayfly(gone);
-    EXPECT_FALSE(mayfly->start(1, true));
+    SelfDestroying* const object = new SelfDestroying(gone);
+    EXPECT_FALSE(object->start(1, true));
     EXPECT_TRUE(gone.wait());
     letPass(3);
 }
