@@ -11,7 +11,6 @@
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/threadsafe/ConditionImpl.h>
 
-#include <atomic>
 #include <limits>
 #include <optional>
 #include <thread>

@@ -14,7 +14,6 @@
 
 #include <tarncommon/tarnbase/TimePoint.h>
 
-#include <atomic>
 #include <chrono>
 #include <deque>
 #include <limits>

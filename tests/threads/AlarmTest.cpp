@@ -14,11 +14,8 @@
 #include <deque>
 #include <memory>
 #include <random>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))

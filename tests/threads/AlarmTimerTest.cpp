@@ -19,9 +19,6 @@
 #include <new>
 #include <random>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 /// The bookkeeping of the engine: the test sets the clock and calls `ring`, and the kernel's timer is only recorded.
 

@@ -4,8 +4,6 @@
 
 #include <vesk/Vesk.h>
 
-#include <vector>
-
 VESK_INJECT_RESULT(
     pthread_setaffinity_np, (pthread_t thread, size_t size, cpu_set_t const* set), (thread, size, set))
 VESK_INJECT_RESULT(

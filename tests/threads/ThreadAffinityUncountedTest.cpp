@@ -6,8 +6,6 @@
 
 #include <tarncommon/error/CommonError.h>
 
-#include <vector>
-
 // The library counts while it is loaded, so the count fails in the whole program.
 support::Injected inject_sysconf("sysconf");
 extern "C" VESK_UNWATCHED long sysconf(int name) {

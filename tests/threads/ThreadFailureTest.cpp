@@ -8,12 +8,9 @@
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
 
-#include <cerrno>
 #include <memory>
 #include <new>
 #include <optional>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -17,7 +17,6 @@
 #include <grp.h>
 #include <memory>
 #include <optional>
-#include <vector>
 
 VESK_INJECT_RESULT(
     pthread_getschedparam, (pthread_t thread, int* policy, sched_param* param), (thread, policy, param))

@@ -12,8 +12,6 @@
 
 #include <limits>
 #include <memory>
-#include <string>
-#include <thread>
 #include <tuple>
 
 namespace {

@@ -10,16 +10,12 @@
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <limits>
 #include <memory>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 namespace {
 

@@ -6,8 +6,6 @@
 
 #include <tarncommon/error/ErrorStorage.h>
 
-#include <vector>
-
 /// What timers have armed, and when.
 
 namespace {

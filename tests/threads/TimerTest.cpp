@@ -11,13 +11,9 @@
 
 #include <algorithm>
 #include <csignal>
-#include <ctime>
 #include <memory>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 namespace {
 
