@@ -690,9 +690,11 @@ TEST_P(ThreadDestructorRows, areFatalAndNeitherHangNorLeaveTheThreadIfTheyAreSur
     g_failing_unlock_unlocks = row.unlocks;
     EventRecorder const recorder;
     Event begun;
+    Event left;
     Body body = [&] {
         begun.set();
         m_wait();
+        left.set();
     };
     std::string expected = aborted("~Thread", row.text);
     {
@@ -724,6 +726,7 @@ TEST_P(ThreadDestructorRows, areFatalAndNeitherHangNorLeaveTheThreadIfTheyAreSur
         EXPECT_LE(row.nth, fault.getCalls());
     }
     m_go.set();
+    EXPECT_TRUE(!begun.isSet() || left.wait());
     EXPECT_TRUE(eventually(areThreadsGone));
     EXPECT_EQ(expected, recorder.getText());
     std::ErrorStorage::ack();

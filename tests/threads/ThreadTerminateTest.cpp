@@ -34,6 +34,11 @@ void count(Thread::ThreadId const&, Thread::ExitReason reason) {
 class ThreadTerminate : public ThreadsGone {
 protected:
     void SetUp() override { g_normal = g_terminated = 0; }
+    void TearDown() override {
+        // Orders the last use of this object in the thread before its destruction.
+        EXPECT_TRUE(!m_ready.isSet() || m_left.wait());
+        ThreadsGone::TearDown();
+    }
     void waitForTheEnd() const { EXPECT_TRUE(eventually(areThreadsGone)); }
 
     /// Starts a thread and waits until it is ready.
