@@ -1,47 +1,35 @@
-#include "support/Chain.h"
 #include "support/Child.h"
+#include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Processes.h"
 #include "support/UnlockFault.h"
 
 #include <vesk/Condition.h>
-#include <vesk/Mutex.h>
 #include <vesk/ShmCondition.h>
-#include <vesk/SysError.h>
 
-#include <tarncommon/error/ErrorOutput.h>
 #include <tarncommon/error/ErrorStorage.h>
-#include <tarncommon/tarnbase/TimePoint.h>
 #include <tarncommon/threadsafe/ConditionImpl.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <ctime>
 #include <limits>
 #include <optional>
-#include <pthread.h>
-#include <string>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
 std::atomic<int> g_clock{-1};
+std::atomic<int> g_shared{-1};
 
-clockid_t note(clockid_t clock) {
-    g_clock = clock;
-    return clock;
+int note(std::atomic<int>& to, int value) {
+    to = value;
+    return value;
 }
 
 } // namespace
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * m), (m))
-VESK_INJECT_RESULT(pthread_condattr_setclock, (pthread_condattr_t * a, clockid_t clock), (a, note(clock)))
+VESK_INJECT_RESULT(pthread_condattr_setclock, (pthread_condattr_t * a, clockid_t c), (a, note(g_clock, c)))
+VESK_INJECT_RESULT(pthread_condattr_setpshared, (pthread_condattr_t * a, int s), (a, note(g_shared, s)))
 VESK_INJECT_RESULT(pthread_cond_init, (pthread_cond_t * c, pthread_condattr_t const* a), (c, a))
 VESK_INJECT_RESULT(pthread_cond_destroy, (pthread_cond_t * c), (c))
 VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
@@ -51,54 +39,232 @@ VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * c), (c))
 
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::Fault;
-using support::Injected;
-using support::rowText;
+using namespace support;
 using tarnbase::Duration;
 using tarnbase::TimePoint;
 using vesk::AbsTimeT;
 using vesk::Condition;
 using vesk::Mutex;
 using vesk::MutexLock;
-using vesk::SysError;
+using vesk::ShmCondition;
+using vesk::ShmMutex;
+using vesk::ShmMutexLock;
 namespace SysErrorId = vesk::SysErrorId;
 
-constexpr char const* OTHER_MUTEX = "Using Condition with different Mutexes";
+constexpr auto SPOILED = SysErrorId::SPOILED_INTEGRITY;
 
 AbsTimeT inMs(long long ms) {
     return AbsTimeT((TimePoint::now() + Duration(ms)).getCount());
 }
 
-/// What `SysError` rows show for a raw result.
-std::string resultText(int id, int result) {
-    return rowText(SysError, id, std::to_string(result));
+void await(std::atomic<bool> const& flag) {
+    while (!flag) {
+        sched_yield();
+    }
 }
 
 TEST(Condition, rowsHaveTheirTexts) {
-    char const* const texts[] = {
-        "Creating condition variable failed",
-        "Waiting on condition variable failed",
-        "Signaling condition variable failed",
-    };
-    int id = 0;
-    for (char const* text : texts) {
-        ASSERT_NE(nullptr, Condition::Error.getRow(id));
-        EXPECT_STREQ(text, Condition::Error.getRow(id)->format);
-        EXPECT_EQ(0, Condition::Error.getRow(id)->nargs);
-        ++id;
-    }
-    EXPECT_EQ(nullptr, Condition::Error.getRow(id));
-    EXPECT_TRUE(Condition::Error.isA(SysError));
-    EXPECT_EQ(&Condition::Error, &vesk::ShmCondition::Error);
+    expectRows(
+        Condition::Error,
+        {"Creating condition variable failed", "Waiting on condition variable failed",
+         "Signaling condition variable failed"},
+        0);
 }
 
-// ---- unbound ----
+TEST(ShmCondition, familyIsThatOfCondition) {
+    EXPECT_EQ(&Condition::Error, &ShmCondition::Error);
+}
 
-TEST(Condition, oneThatWasNeverWaitedOnIsSignalledAndDestroyedWithoutAnEffect) {
+// ---- both classes ----
+
+/// What the two sides of a test share.
+template <typename MutexType, typename ConditionType>
+struct Shared {
+    using Lock = vesk::ScopedLock<MutexType const>;
+
+    MutexType mutex;
+    ConditionType to_partner;
+    ConditionType to_test;
+    std::atomic<bool> ready{false};
+    std::atomic<bool> go{false};
+    int volatile turn = 0; // Even: the test's. Not atomic: the mutex guards it.
+
+    /// The partner's turns.
+    void takeTurns(int rounds) {
+        for (int round = 0; round < rounds; ++round) {
+            Lock const lock(mutex);
+            while (turn % 2 == 0) {
+                ASSERT_FALSE(to_partner.wait(mutex));
+            }
+            turn = turn + 1;
+            EXPECT_FALSE(to_test.signal());
+        }
+    }
+    /// The test's turns.
+    void giveTurns(int rounds) {
+        for (int round = 0; round < rounds; ++round) {
+            Lock const lock(mutex);
+            turn = turn + 1;
+            EXPECT_FALSE(to_partner.signal());
+            while (turn % 2 != 0) {
+                ASSERT_EQ(0, to_test.waitTimeout(mutex, inMs(60000)));
+            }
+        }
+    }
+};
+
+/// The other side of a test: a thread for `Condition`, a process for `ShmCondition`.
+struct ThreadPartner {
+    template <typename Body>
+    explicit ThreadPartner(Body body)
+        : thread([this, body] {
+              id = gettid();
+              body();
+          }) {}
+    int join() {
+        thread.join();
+        return 0;
+    }
+    void awaitSleep() const {
+        while (id == 0) {
+            sched_yield();
+        }
+        waitUntilAsleep(getpid(), id);
+    }
+
+    std::atomic<pid_t> id{0};
+    std::thread thread;
+};
+struct ProcessPartner : Process {
+    using Process::Process;
+    void awaitSleep() const { waitUntilAsleep(getId(), getId()); }
+};
+
+struct OfThreads : Shared<Mutex, Condition> {
+    using Partner = ThreadPartner;
+};
+struct OfProcesses : Shared<ShmMutex, ShmCondition> {
+    using Partner = ProcessPartner;
+};
+
+template <typename T>
+class Conditions : public testing::Test {
+protected:
+    using Lock = typename T::Lock;
+
+    SharedObject<T> m_shared;
+    decltype(T::mutex)& m_mutex = m_shared->mutex;
+    decltype(T::to_partner)& m_condition = m_shared->to_partner;
+};
+
+struct ClassName {
+    template <typename T>
+    static std::string GetName(int i) {
+        return i == 0 ? "Condition" : "ShmCondition";
+    }
+};
+using BothClasses = testing::Types<OfThreads, OfProcesses>;
+TYPED_TEST_SUITE(Conditions, BothClasses, ClassName);
+
+TYPED_TEST(Conditions, handOverInBothDirections) {
+    constexpr int ROUNDS = 2000;
+    typename TypeParam::Partner partner([this] { this->m_shared->takeTurns(ROUNDS); });
+    this->m_shared->giveTurns(ROUNDS);
+    EXPECT_EQ(0, partner.join());
+    EXPECT_EQ(2 * ROUNDS, this->m_shared->turn);
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(Conditions, latestDeadlinesWaitForTheSignal) {
+    for (long long const late :
+         {TimePoint::MAX.getCount(), TimePoint::MAX.getCount() - 1, TimePoint::now().getCount() + 60000}) {
+        SharedObject<TypeParam> const shared;
+        typename TypeParam::Partner waiter([&shared, late] {
+            typename TypeParam::Lock const lock(shared->mutex);
+            shared->ready = true;
+            while (shared->turn == 0) {
+                ASSERT_EQ(0, shared->to_partner.waitTimeout(shared->mutex, AbsTimeT(late)));
+            }
+        });
+        await(shared->ready);
+        waiter.awaitSleep();
+        {
+            typename TypeParam::Lock const lock(shared->mutex);
+            shared->turn = 1;
+            EXPECT_FALSE(shared->to_partner.signal());
+        }
+        EXPECT_EQ(0, waiter.join());
+    }
+}
+
+TYPED_TEST(Conditions, deadlineInThePastTimesOutAtOnce) {
+    typename TypeParam::Lock const lock(this->m_mutex);
+    auto const start = TimePoint::now();
+    for (long long const past :
+         {start.getCount() - 1, start.getCount() - 86400000, 1LL, 0LL, -1LL,
+          std::numeric_limits<long long>::min()}) {
+        EXPECT_EQ(1, this->m_condition.waitTimeout(this->m_mutex, AbsTimeT(past))) << past;
+    }
+    EXPECT_LT((TimePoint::now() - start).getCount(), 30000);
+    EXPECT_TRUE(chainIs({})) << "a timeout is not reported";
+}
+
+TYPED_TEST(Conditions, clearedFlagOfTheDeadlineIsIgnored) {
+    typename TypeParam::Lock const lock(this->m_mutex);
+    AbsTimeT deadline = inMs(-1);
+    deadline.good = 0;
+    EXPECT_EQ(1, this->m_condition.waitTimeout(this->m_mutex, deadline));
+}
+
+TYPED_TEST(Conditions, deadlineIsWaitedForOnTheMonotonicClock) {
+    typename TypeParam::Lock const lock(this->m_mutex);
+    AbsTimeT const deadline = inMs(30);
+    signed char result = 0;
+    do {
+        result = this->m_condition.waitTimeout(this->m_mutex, deadline);
+    } while (result == 0);
+    EXPECT_EQ(1, result);
+    EXPECT_GE(TimePoint::now().getCount(), deadline.value);
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(Conditions, timedOutWaiterReturnsWithTheMutexThoughItWasHeldElsewhereForAWhile) {
+    TypeParam& shared = *this->m_shared;
+    typename TypeParam::Partner waiter([&shared] {
+        typename TypeParam::Lock const lock(shared.mutex);
+        shared.ready = true;
+        AbsTimeT const deadline = inMs(20);
+        signed char result = 0;
+        do {
+            result = shared.to_partner.waitTimeout(shared.mutex, deadline);
+        } while (result == 0);
+        EXPECT_EQ(1, result);
+        EXPECT_TRUE(shared.go) << "it has the mutex again when it returns";
+    });
+    await(shared.ready);
+    {
+        typename TypeParam::Lock const lock(shared.mutex);
+        long long const end = inMs(40).value;
+        while (TimePoint::now().getCount() < end) {
+            sched_yield();
+        }
+        shared.go = true;
+    }
+    EXPECT_EQ(0, waiter.join());
+}
+
+TYPED_TEST(Conditions, signalWithoutAWaiterDoesNothing) {
+    EXPECT_FALSE(this->m_condition.signal());
+    EXPECT_TRUE(chainIs({}));
+    typename TypeParam::Lock const lock(this->m_mutex);
+    EXPECT_EQ(1, this->m_condition.waitTimeout(this->m_mutex, inMs(-1))) << "the signal is not kept";
+}
+
+// ---- creation and destruction ----
+
+TEST(Condition, signalAndDestructionBeforeTheFirstWaitMakeNoSystemCall) {
     Fault const made(inject_pthread_cond_init, 0);
-    Fault const signalled(inject_pthread_cond_signal, EINVAL, 1, Fault::FOREVER);
+    Fault const signaled(inject_pthread_cond_signal, EINVAL, 1, Fault::FOREVER);
     Fault const destroyed(inject_pthread_cond_destroy, 0);
     {
         Condition condition;
@@ -106,20 +272,12 @@ TEST(Condition, oneThatWasNeverWaitedOnIsSignalledAndDestroyedWithoutAnEffect) {
         EXPECT_FALSE(condition.signal());
     }
     EXPECT_EQ(0, made.getCalls());
-    EXPECT_EQ(0, signalled.getCalls());
+    EXPECT_EQ(0, signaled.getCalls());
     EXPECT_EQ(0, destroyed.getCalls());
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(Condition, signalBeforeTheFirstWaitIsNotKept) {
-    Mutex mutex;
-    Condition condition;
-    EXPECT_FALSE(condition.signal());
-    MutexLock const lock(mutex);
-    EXPECT_EQ(1, condition.waitTimeout(mutex, inMs(-1)));
-}
-
-TEST(Condition, firstWaitMakesItOnceOnTheMonotonicClock) {
+TEST(Condition, firstWaitCreatesItOnceOnTheMonotonicClock) {
     g_clock = -1;
     Fault const made(inject_pthread_cond_init, 0);
     Fault const destroyed(inject_pthread_cond_destroy, 0);
@@ -136,9 +294,9 @@ TEST(Condition, firstWaitMakesItOnceOnTheMonotonicClock) {
     EXPECT_EQ(1, destroyed.getCalls());
 }
 
-TEST(Condition, oneThatCannotBeMadeEndsTheProcess) {
+TEST(Condition, creationThatFailsEndsTheProcess) {
     for (Injected* const function : {&inject_pthread_condattr_setclock, &inject_pthread_cond_init}) {
-        support::ChildEnd const end = support::runInChild([function] {
+        ChildEnd const end = runInChild([function] {
             Mutex mutex;
             Condition condition;
             MutexLock const lock(mutex);
@@ -152,36 +310,46 @@ TEST(Condition, oneThatCannotBeMadeEndsTheProcess) {
     }
 }
 
-// ---- waiting ----
-
-TEST(Condition, handsOverInBothDirections) {
-    constexpr int ROUNDS = 2000;
-    Mutex mutex;
-    Condition to_partner;
-    Condition to_test;
-    int turn = 0; // Even: the test's; not atomic, guarded by the mutex.
-    std::thread partner([&] {
-        for (int round = 0; round < ROUNDS; ++round) {
-            MutexLock const lock(mutex);
-            while (turn % 2 == 0) {
-                ASSERT_FALSE(to_partner.wait(mutex));
-            }
-            ++turn;
-            EXPECT_FALSE(to_test.signal());
-        }
-    });
-    for (int round = 0; round < ROUNDS; ++round) {
-        MutexLock const lock(mutex);
-        ++turn;
-        EXPECT_FALSE(to_partner.signal());
-        while (turn % 2 != 0) {
-            ASSERT_EQ(0, to_test.waitTimeout(mutex, inMs(60000)));
-        }
-    }
-    partner.join();
-    EXPECT_EQ(2 * ROUNDS, turn);
+TEST(ShmCondition, isForProcessesAndOnTheMonotonicClock) {
+    g_clock = g_shared = -1;
+    ShmCondition const condition;
+    EXPECT_TRUE(condition.isValid());
+    EXPECT_EQ(CLOCK_MONOTONIC, g_clock);
+    EXPECT_EQ(PTHREAD_PROCESS_SHARED, g_shared);
     EXPECT_TRUE(chainIs({}));
 }
+
+TEST(ShmCondition, isInvalidAndNotDestroyedIfCreationFails) {
+    struct {
+        Injected* function;
+        int error;
+        SysErrorId::Id id;
+    } const rows[] = {
+        {&inject_pthread_condattr_setclock, EINVAL, SPOILED},
+        {&inject_pthread_condattr_setpshared, ENOTSUP, SysErrorId::UNCLASSIFIED},
+        {&inject_pthread_cond_init, ENOMEM, SysErrorId::OUT_OF_MEMORY},
+    };
+    for (auto const& row : rows) {
+        Fault const destroyed(inject_pthread_cond_destroy, 0);
+        {
+            Fault const fault(*row.function, row.error);
+            EXPECT_FALSE(ShmCondition().isValid());
+        }
+        EXPECT_TRUE(chainIs(withErrno({row.id, ShmCondition::ErrorId::CREATE_FAILED}, row.error)));
+        EXPECT_EQ(0, destroyed.getCalls());
+    }
+}
+
+TEST(ShmCondition, failedDestructionLeavesItsReport) {
+    for (int const error : {EBUSY, EINVAL, EPERM}) {
+        Fault const fault(inject_pthread_cond_destroy, error);
+        EXPECT_TRUE(ShmCondition().isValid());
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_TRUE(causeIs(error == EPERM ? SysErrorId::UNCLASSIFIED : SPOILED, error));
+    }
+}
+
+// ---- waiting ----
 
 TEST(Condition, eachSignalLetsAWaiterThrough) {
     constexpr int WAITERS = 4;
@@ -222,96 +390,34 @@ TEST(Condition, waiterHoldsTheMutexAgainWhenItReturns) {
 }
 
 TEST(Condition, waiterOccupiesNeitherTheMutexNorTheCondition) {
-    Mutex mutex;
-    Condition condition;
-    bool ready = false;
-    std::atomic<pid_t> waiting{0};
+    OfThreads shared;
     std::thread waiter([&] {
-        MutexLock const lock(mutex);
-        waiting = gettid();
-        while (!ready) {
-            ASSERT_FALSE(condition.wait(mutex));
+        MutexLock const lock(shared.mutex);
+        shared.ready = true;
+        while (shared.turn == 0) {
+            ASSERT_FALSE(shared.to_partner.wait(shared.mutex));
         }
     });
-    while (waiting == 0) {
-        std::this_thread::yield();
-    }
+    await(shared.ready);
     {
-        MutexLock const lock(mutex);
-        EXPECT_EQ(1, condition.waitTimeout(mutex, inMs(-1))) << "a second one may wait";
-        ready = true;
+        MutexLock const lock(shared.mutex);
+        EXPECT_EQ(1, shared.to_partner.waitTimeout(shared.mutex, inMs(-1))) << "a second one may wait";
+        shared.turn = 1;
     }
-    EXPECT_FALSE(condition.signal());
+    EXPECT_FALSE(shared.to_partner.signal());
     waiter.join();
 }
 
-// ---- deadlines ----
-
-TEST(Condition, deadlineInThePastTimesOutAtOnce) {
-    Mutex mutex;
-    Condition condition;
-    MutexLock const lock(mutex);
-    auto const start = TimePoint::now();
-    for (long long const past :
-         {start.getCount() - 1, start.getCount() - 86400000, 1LL, 0LL, -1LL,
-          std::numeric_limits<long long>::min()}) {
-        EXPECT_EQ(1, condition.waitTimeout(mutex, AbsTimeT(past))) << past;
-    }
-    EXPECT_LT((TimePoint::now() - start).getCount(), 30000);
-    EXPECT_TRUE(chainIs({})) << "a timeout is not reported";
-}
-
-TEST(Condition, deadlineIsWaitedForOnTheMonotonicClock) {
-    Mutex mutex;
-    Condition condition;
-    MutexLock const lock(mutex);
-    AbsTimeT const deadline = inMs(30);
-    signed char result = 0;
-    do {
-        result = condition.waitTimeout(mutex, deadline);
-    } while (result == 0);
-    EXPECT_EQ(1, result);
-    EXPECT_GE(TimePoint::now().getCount(), deadline.value);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(Condition, clearedFlagOfTheDeadlineIsNotLookedAt) {
-    Mutex mutex;
-    Condition condition;
-    MutexLock const lock(mutex);
-    AbsTimeT deadline = inMs(-1);
-    deadline.good = 0;
-    EXPECT_EQ(1, condition.waitTimeout(mutex, deadline));
-}
-
-TEST(Condition, latestDeadlinesWaitForTheSignal) {
-    for (long long const late :
-         {TimePoint::MAX.getCount(), TimePoint::MAX.getCount() - 1, TimePoint::now().getCount() + 60000}) {
-        Mutex mutex;
-        Condition condition;
-        bool ready = false;
-        std::atomic<pid_t> waiting{0};
-        std::thread waiter([&] {
-            MutexLock const lock(mutex);
-            waiting = gettid();
-            while (!ready) {
-                ASSERT_EQ(0, condition.waitTimeout(mutex, AbsTimeT(late)));
-            }
-        });
-        while (waiting == 0) {
-            std::this_thread::yield();
-        }
-        support::waitUntilAsleep(getpid(), waiting);
-        {
-            MutexLock const lock(mutex);
-            ready = true;
-            EXPECT_FALSE(condition.signal());
-        }
-        waiter.join();
-    }
-}
-
 // ---- two mutexes ----
+
+testing::AssertionResult isRefused() {
+    return chainIs({{SPOILED, rowText(SPOILED, "Using Condition with different Mutexes")}});
+}
+
+/// Returns the report that shows a raw result instead of the text of an error.
+ExpectedReport rawResult(SysErrorId::Id id, int result) {
+    return {id, rowText(id, std::to_string(result))};
+}
 
 TEST(Condition, otherMutexIsRefusedAndTheFirstBindingStays) {
     Mutex first;
@@ -327,17 +433,13 @@ TEST(Condition, otherMutexIsRefusedAndTheFirstBindingStays) {
             ASSERT_FALSE(condition.wait(first));
         }
     });
-    while (!bound) {
-        std::this_thread::yield();
-    }
+    await(bound);
     ASSERT_FALSE(second.lock());
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+    leaveOlderReport();
     EXPECT_TRUE(condition.wait(second));
-    EXPECT_TRUE(
-        chainIs({{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, OTHER_MUTEX)}}));
+    EXPECT_TRUE(isRefused());
     EXPECT_EQ(-1, condition.waitTimeout(second, inMs(60000)));
-    EXPECT_TRUE(
-        chainIs({{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, OTHER_MUTEX)}}));
+    EXPECT_TRUE(isRefused());
     EXPECT_FALSE(second.unlock()) << "the caller holds its mutex still";
     {
         MutexLock const lock(first);
@@ -360,8 +462,7 @@ TEST(Condition, refusedMutexWorksWithAnotherCondition) {
     }
     MutexLock const lock(second);
     EXPECT_EQ(-1, condition.waitTimeout(second, inMs(-1)));
-    EXPECT_TRUE(
-        chainIs({{SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, OTHER_MUTEX)}}));
+    EXPECT_TRUE(isRefused());
     EXPECT_EQ(1, other.waitTimeout(second, inMs(-1)));
 }
 
@@ -371,174 +472,172 @@ TEST(Condition, waitWithoutTheMutexFails) {
     Mutex mutex;
     Condition condition;
     EXPECT_TRUE(condition.wait(mutex));
-    EXPECT_TRUE(chainIs(
-        {{SysErrorId::SPOILED_INTEGRITY, resultText(10, threadsafe::ConditionBase::ERROR_INCONSISTENCY)}}));
+    EXPECT_TRUE(chainIs({rawResult(SPOILED, threadsafe::ConditionBase::ERROR_INCONSISTENCY)}));
     EXPECT_EQ(-1, condition.waitTimeout(mutex, inMs(60000)));
-    EXPECT_TRUE(chainIs(
-        {{SysErrorId::SPOILED_INTEGRITY, resultText(10, threadsafe::ConditionBase::ERROR_INCONSISTENCY)}}));
+    EXPECT_TRUE(chainIs({rawResult(SPOILED, threadsafe::ConditionBase::ERROR_INCONSISTENCY)}));
     MutexLock const lock(mutex);
     EXPECT_TRUE(lock.isLocked());
     EXPECT_EQ(1, condition.waitTimeout(mutex, inMs(-1))) << "it is bound all the same";
 }
 
-struct WaitRow {
-    int error;
-    int argument;
+TEST(ShmCondition, waitWithoutTheMutexFailsIfTheMutexKnowsItsOwner) {
+    ShmMutex mutex(true);
+    ShmCondition condition;
+    auto const expected = withErrno({SPOILED, ShmCondition::ErrorId::WAIT_FAILED}, EPERM);
+    EXPECT_TRUE(condition.wait(mutex));
+    EXPECT_TRUE(chainIs(expected));
+    EXPECT_EQ(-1, condition.waitTimeout(mutex, inMs(60000)));
+    EXPECT_TRUE(chainIs(expected));
+}
+
+constexpr int ITSELF = 0;
+
+struct Row {
+    char const* name;
+    std::vector<int> errors;
+    SysErrorId::Id id;
+    int argument; ///< What the text shows of a condition's failure; `ITSELF` is the error number.
+    int error = 0;
 };
 
-void PrintTo(WaitRow const& row, std::ostream* out) {
-    *out << "errno " << row.error;
-}
-
-class ConditionWaitRows : public testing::TestWithParam<WaitRow> {};
-
-TEST_P(ConditionWaitRows, reportTheResultAsItIs) {
-    WaitRow const& row = GetParam();
-    Mutex mutex;
-    Condition condition;
-    MutexLock const lock(mutex);
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    {
-        Fault const fault(inject_pthread_cond_wait, row.error);
-        EXPECT_TRUE(condition.wait(mutex));
+/// The failures of `T`, which holds its mutex for each of them.
+template <typename T>
+class FailingCondition : public testing::TestWithParam<Row> {
+protected:
+    /// Runs the operation of the row, the call below which fails. Returns its result.
+    int run() {
+        std::string const operation = GetParam().name;
+        int const error = GetParam().error;
+        typename T::Lock const lock(m_shared.mutex);
+        leaveOlderReport();
+        if (operation == "wait") {
+            Fault const fault(inject_pthread_cond_wait, error);
+            return m_shared.to_test.wait(m_shared.mutex) ? -1 : 0;
+        }
+        if (operation == "timedWait") {
+            Fault const fault(inject_pthread_cond_timedwait, error);
+            return m_shared.to_test.waitTimeout(m_shared.mutex, inMs(60000));
+        }
+        EXPECT_EQ(1, m_shared.to_test.waitTimeout(m_shared.mutex, inMs(-1))); // Creates it.
+        Fault const fault(inject_pthread_cond_signal, error);
+        return m_shared.to_test.signal() ? -1 : 0;
     }
-    EXPECT_TRUE(chainIs({{SysErrorId::SPOILED_INTEGRITY, resultText(10, row.argument)}}));
-}
 
-INSTANTIATE_TEST_SUITE_P(
-    All, ConditionWaitRows,
-    testing::Values(
-        WaitRow{EINVAL, -1}, WaitRow{EPERM, -1}, WaitRow{ENOTRECOVERABLE, ENOTRECOVERABLE},
-        WaitRow{EAGAIN, EAGAIN},
-        // Without a deadline a timeout is as wrong as anything else.
-        WaitRow{ETIMEDOUT, 1}));
-
-class ConditionTimedWaitRows : public testing::TestWithParam<WaitRow> {};
-
-TEST_P(ConditionTimedWaitRows, reportTheResultAsItIs) {
-    WaitRow const& row = GetParam();
-    Mutex mutex;
-    Condition condition;
-    MutexLock const lock(mutex);
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    {
-        Fault const fault(inject_pthread_cond_timedwait, row.error);
-        EXPECT_EQ(-1, condition.waitTimeout(mutex, inMs(60000)));
-    }
-    EXPECT_TRUE(chainIs({{SysErrorId::SPOILED_INTEGRITY, resultText(10, row.argument)}}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ConditionTimedWaitRows,
-    testing::Values(
-        WaitRow{EINVAL, -1}, WaitRow{EPERM, -1}, WaitRow{ENOTRECOVERABLE, ENOTRECOVERABLE},
-        WaitRow{EAGAIN, EAGAIN}));
-
-struct SignalRow {
-    int error;
-    int id;
-    int argument;
+    T m_shared;
 };
 
-void PrintTo(SignalRow const& row, std::ostream* out) {
-    *out << "errno " << row.error;
-}
+class ConditionRows : public FailingCondition<OfThreads> {};
 
-class ConditionSignalRows : public testing::TestWithParam<SignalRow> {};
-
-TEST_P(ConditionSignalRows, reportTheResultAsItIs) {
-    SignalRow const& row = GetParam();
-    Mutex mutex;
-    Condition condition;
-    {
-        MutexLock const lock(mutex);
-        EXPECT_EQ(1, condition.waitTimeout(mutex, inMs(-1)));
-    }
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    {
-        Fault const fault(inject_pthread_cond_signal, row.error);
-        EXPECT_TRUE(condition.signal());
-    }
-    EXPECT_TRUE(chainIs({{SysError, row.id, resultText(row.id, row.argument)}}));
-    EXPECT_FALSE(condition.signal()) << "the internal lock is free again";
+TEST_P(ConditionRows, reportTheRawResult) {
+    Row const& row = GetParam();
+    EXPECT_EQ(-1, run());
+    EXPECT_TRUE(chainIs({rawResult(row.id, row.argument == ITSELF ? row.error : row.argument)}));
+    EXPECT_FALSE(m_shared.to_test.signal()) << "the internal lock is free again";
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, ConditionSignalRows,
-    testing::Values(
-        SignalRow{EINVAL, 10, -1}, SignalRow{EPERM, 10, -1}, SignalRow{EAGAIN, 19, EAGAIN},
-        SignalRow{ENOTRECOVERABLE, 19, ENOTRECOVERABLE}));
+    All, ConditionRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"wait", {EINVAL, EPERM}, SPOILED, -1},
+        {"wait", {ENOTRECOVERABLE, EAGAIN}, SPOILED, ITSELF},
+        {"wait", {ETIMEDOUT}, SPOILED, 1}, // Without a deadline a timeout is a failure.
+        {"timedWait", {EINVAL, EPERM}, SPOILED, -1},
+        {"timedWait", {ENOTRECOVERABLE, EAGAIN}, SPOILED, ITSELF},
+        {"signal", {EINVAL, EPERM}, SPOILED, -1},
+        {"signal", {EAGAIN, ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED, ITSELF},
+    })),
+    ErrnoName());
+
+class ShmConditionRows : public FailingCondition<OfProcesses> {};
+
+TEST_P(ShmConditionRows, reportTheCauseAndTheOperation) {
+    Row const& row = GetParam();
+    EXPECT_EQ(-1, run());
+    bool const signals = row.name == std::string("signal");
+    auto const operation =
+        signals ? ShmCondition::ErrorId::SIGNAL_FAILED : ShmCondition::ErrorId::WAIT_FAILED;
+    EXPECT_TRUE(chainIs(withErrno({row.id, operation}, row.error)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ShmConditionRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"wait", {EINVAL, EPERM}, SPOILED, ITSELF},
+        {"wait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED, ITSELF},
+        {"timedWait", {EINVAL, EPERM}, SPOILED, ITSELF},
+        {"timedWait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED, ITSELF},
+        {"signal", {EINVAL}, SPOILED, ITSELF},
+        {"signal", {EPERM}, SysErrorId::UNCLASSIFIED, ITSELF},
+    })),
+    ErrnoName());
+
+TEST(ShmCondition, outlivesAProcessThatIsKilledWithoutWaiting) {
+    constexpr int ROUNDS = 10;
+    SharedObject<OfProcesses> const shared;
+    Process first([&shared] {
+        shared->takeTurns(ROUNDS);
+        shared->ready = true;
+        await(shared->go);
+    });
+    shared->giveTurns(ROUNDS);
+    await(shared->ready);
+    first.kill();
+    Process second([&shared] { shared->takeTurns(ROUNDS); });
+    shared->giveTurns(ROUNDS);
+    EXPECT_EQ(0, second.join());
+    EXPECT_EQ(4 * ROUNDS, shared->turn);
+}
 
 // ---- failures of the internal lock ----
 
-std::string aborts(std::string const& function, bool unlocking_too) {
-    std::string const place = "ABORT framework/src/vesk/posix/Condition " + function + ": ";
-    return unlocking_too ? place + "error locking\n" + place + "error unlocking" : place + "error unlocking";
-}
-
-/// The events of an operation whose first call of `function` fails, with the abort turned off. The recorder's own lock
-/// comes after it, so it is not met.
+/// Checks the events of an operation in which the first call of `function` fails, with the abort suppressed. The recorder takes
+/// its own lock later, so the fault does not reach it.
 template <typename Operation>
-std::string eventsWithout(Injected& function, Operation&& operation) {
+void expectAborts(Injected& function, std::string const& name, Operation&& operation) {
+    std::string const place = "ABORT framework/src/vesk/posix/Condition " + name + ": ";
+    // An operation that continues without the lock has nothing to unlock.
+    bool const locks = &function == &inject_pthread_mutex_lock;
     EventRecorder recorder;
-    Fault const fault(function, EINVAL);
-    operation();
-    return recorder.getText();
+    {
+        Fault const fault(function, EINVAL);
+        operation();
+    }
+    EXPECT_EQ((locks ? place + "error locking\n" : "") + place + "error unlocking", recorder.getText());
 }
 
-// An operation that goes on without the lock has nothing to unlock.
-TEST(ConditionInternalLock, failedLockAbortsInTheNameOfTheOperation) {
-    Injected& lock = inject_pthread_mutex_lock;
+void expectOperationsAbort(Injected& function) {
     Mutex mutex;
     std::optional<Condition> condition(std::in_place);
     ASSERT_FALSE(mutex.lock());
-    EXPECT_EQ(aborts("waitTimeout", true), eventsWithout(lock, [&] {
-                  EXPECT_EQ(1, condition->waitTimeout(mutex, inMs(-1)));
-              }));
-    EXPECT_EQ(aborts("wait", true), eventsWithout(lock, [&] {
-                  Fault const fault(inject_pthread_cond_wait, ENOTRECOVERABLE);
-                  EXPECT_TRUE(condition->wait(mutex));
-              }));
-    EXPECT_EQ(aborts("signal", true), eventsWithout(lock, [&] { EXPECT_FALSE(condition->signal()); }));
-    EXPECT_EQ(aborts("~Condition", true), eventsWithout(lock, [&] { condition.reset(); }));
+    expectAborts(function, "waitTimeout", [&] { EXPECT_EQ(1, condition->waitTimeout(mutex, inMs(-1))); });
+    expectAborts(function, "wait", [&] {
+        Fault const fault(inject_pthread_cond_wait, ENOTRECOVERABLE);
+        EXPECT_TRUE(condition->wait(mutex));
+    });
+    expectAborts(function, "signal", [&] { EXPECT_FALSE(condition->signal()); });
+    expectAborts(function, "~Condition", [&] { condition.reset(); });
     EXPECT_FALSE(mutex.unlock());
     std::ErrorStorage::ack();
+}
+
+TEST(ConditionInternalLock, failedLockAbortsInTheNameOfTheOperation) {
+    expectOperationsAbort(inject_pthread_mutex_lock);
 }
 
 TEST(ConditionInternalLock, failedUnlockAbortsInTheNameOfTheOperation) {
-    Injected& unlock = inject_pthread_mutex_unlock;
-    Mutex mutex;
-    std::optional<Condition> condition(std::in_place);
-    ASSERT_FALSE(mutex.lock());
-    EXPECT_EQ(aborts("signal", false), eventsWithout(unlock, [&] { EXPECT_FALSE(condition->signal()); }));
-    EXPECT_EQ(aborts("waitTimeout", false), eventsWithout(unlock, [&] {
-                  EXPECT_EQ(1, condition->waitTimeout(mutex, inMs(-1)));
-              }));
-    EXPECT_EQ(aborts("wait", false), eventsWithout(unlock, [&] {
-                  Fault const fault(inject_pthread_cond_wait, ENOTRECOVERABLE);
-                  EXPECT_TRUE(condition->wait(mutex));
-              }));
-    EXPECT_EQ(aborts("~Condition", false), eventsWithout(unlock, [&] { condition.reset(); }));
-    EXPECT_FALSE(mutex.unlock());
-    std::ErrorStorage::ack();
+    expectOperationsAbort(inject_pthread_mutex_unlock);
 }
 
 TEST(ConditionInternalLock, failureEndsTheProcess) {
-    struct {
-        Injected* function;
-        char const* text;
-    } const rows[] = {
-        {&inject_pthread_mutex_lock, "error locking"},
-        {&inject_pthread_mutex_unlock, "error unlocking"},
-    };
-    for (auto const& row : rows) {
-        support::ChildEnd const end = support::runInChild([&row] {
+    for (Injected* const function : {&inject_pthread_mutex_lock, &inject_pthread_mutex_unlock}) {
+        ChildEnd const end = runInChild([function] {
             Condition condition;
-            Fault const fault(*row.function, EINVAL);
+            Fault const fault(*function, EINVAL);
             condition.signal();
         });
         EXPECT_EQ(SIGABRT, end.signal);
-        EXPECT_NE(std::string::npos, end.errors.find(row.text)) << end.errors;
+        char const* const text = function == &inject_pthread_mutex_lock ? "error locking" : "error unlocking";
+        EXPECT_NE(std::string::npos, end.errors.find(text)) << end.errors;
         EXPECT_NE(std::string::npos, end.errors.find("signal")) << end.errors;
     }
 }

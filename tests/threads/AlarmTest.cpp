@@ -1,30 +1,21 @@
 #include "SignalsToMainThread.h"
 #include "ThreadSupport.h"
-#include "support/Chain.h"
 #include "support/Child.h"
+#include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Processes.h"
 
 #include <vesk/Alarm.h>
 #include <vesk/Dispatcher.h>
-#include <vesk/Thread.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <csignal>
 #include <deque>
 #include <memory>
-#include <pthread.h>
 #include <random>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
@@ -33,16 +24,14 @@ VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
-using support::Event;
-using support::EventRecorder;
-using support::eventually;
-using support::Fault;
+using namespace support;
 using tarnbase::Duration;
 using tarnbase::TimePoint;
 using vesk::Alarm;
 using vesk::Dispatcher;
 using vesk::Message;
 using vesk::Thread;
+using vesk::sched::Attr;
 
 using Engine = Alarm::Timer;
 using EnginePtr = std::SharedBase::Ptr<Engine>;
@@ -59,204 +48,186 @@ static_assert(std::is_base_of_v<Engine, Alarm::DefaultTimer>);
 static_assert(std::is_same_v<decltype(Alarm::DEFAULT_TIMER), std::Shared<Alarm::DefaultTimer>>);
 
 #if defined(__SANITIZE_THREAD__) || defined(__arm__)
-constexpr int SLOW = 10; // So many times fewer rounds.
+constexpr int SLOW = 10; // Divides the numbers of rounds.
 #else
 constexpr int SLOW = 1;
 #endif
 
-std::string getThreadName() {
-    char name[16] = {};
-    pthread_getname_np(pthread_self(), name, sizeof name);
-    return name;
-}
+/// An alarm that counts its calls, runs an action in each, and keeps when, on which thread and with which nice value the
+/// last one was made. The destructor stops it.
+class TestAlarm {
+public:
+    explicit TestAlarm(
+        EnginePtr const& engine, std::function<void(TestAlarm&)> then = nullptr,
+        Message::Sink* sink = nullptr)
+        : action(std::move(then)), alarm(engine, sink, rang, this) {}
+    ~TestAlarm() { stop(); }
 
-/// Tells each call: how often, when, and on which thread.
-struct Call {
-    static void made(void* data) {
-        Call& call = *static_cast<Call*>(data);
-        call.at = TimePoint::now().getCount();
-        call.thread = pthread_self();
-        call.thread_name = getThreadName();
-        ++call.count;
+    void start(Duration delay) { alarm.start(delay); }
+    void stop() { alarm.stop(); }
+    bool waitFor(int calls) const {
+        return eventually([this, calls] { return count >= calls; });
     }
 
     std::atomic<int> count{0};
     std::atomic<long long> at{0};
+    int nice = -100;
     pthread_t thread{};
     std::string thread_name;
+    std::function<void(TestAlarm&)> action;
+    Alarm alarm;
+
+private:
+    static void rang(void* data) {
+        TestAlarm& self = *static_cast<TestAlarm*>(data);
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        self.thread = pthread_self();
+        self.thread_name = name;
+        self.nice = getpriority(PRIO_PROCESS, 0);
+        self.at = TimePoint::now().getCount();
+        if (self.action) {
+            self.action(self);
+        }
+        ++self.count;
+    }
 };
 
 class AlarmOnEngine : public testing::Test {
 protected:
-    Engine m_engine{SIGNAL, "Engine", vesk::sched::Attr()};
+    Engine m_engine{SIGNAL, "Engine", Attr()};
     EnginePtr m_reference{nullptr, &m_engine};
 };
 
 TEST_F(AlarmOnEngine, ringsOnceOnTheEnginesThread) {
-    Call call;
-    Alarm alarm(m_reference, nullptr, Call::made, &call);
+    TestAlarm alarm(m_reference);
     alarm.start(SOON);
-    ASSERT_TRUE(eventually([&] { return call.count != 0; }));
-    EXPECT_EQ("Engine", call.thread_name);
-    EXPECT_EQ(0, pthread_equal(pthread_self(), call.thread));
-    // Another one that comes later: had the first a second call to make, it would have been made before.
-    Call later;
-    Alarm other(m_reference, nullptr, Call::made, &later);
-    other.start(SOON);
-    ASSERT_TRUE(eventually([&] { return later.count != 0; }));
-    EXPECT_EQ(1, call.count);
-    alarm.stop();
-    other.stop();
+    ASSERT_TRUE(alarm.waitFor(1));
+    EXPECT_EQ("Engine", alarm.thread_name);
+    EXPECT_EQ(0, pthread_equal(pthread_self(), alarm.thread));
+    // A second call of the first alarm would come before that of a later alarm.
+    TestAlarm later(m_reference);
+    later.start(SOON);
+    ASSERT_TRUE(later.waitFor(1));
+    EXPECT_EQ(1, alarm.count);
 }
 
 TEST_F(AlarmOnEngine, doesNotRingBeforeItsTime) {
     for (long long const delay : {0, 1, 2, 7, 30}) {
-        Call call;
-        Alarm alarm(m_reference, nullptr, Call::made, &call);
+        TestAlarm alarm(m_reference);
         long long const before = TimePoint::now().getCount();
         alarm.start(Duration(delay));
-        ASSERT_TRUE(eventually([&] { return call.count != 0; }));
-        EXPECT_LE(before + delay, call.at);
-        alarm.stop();
+        ASSERT_TRUE(alarm.waitFor(1));
+        EXPECT_LE(before + delay, alarm.at);
     }
 }
 
-TEST_F(AlarmOnEngine, aDelayOfZeroRings) {
+TEST_F(AlarmOnEngine, delayOfZeroRings) {
     for (int i = 0; i < 50; ++i) {
-        Call call;
-        Alarm alarm(m_reference, nullptr, Call::made, &call);
+        TestAlarm alarm(m_reference);
         alarm.start(AT_ONCE);
-        ASSERT_TRUE(eventually([&] { return call.count != 0; }));
-        alarm.stop();
+        ASSERT_TRUE(alarm.waitFor(1));
     }
 }
 
 TEST_F(AlarmOnEngine, movedToAnEarlierTimeItRingsThen) {
-    Call call;
-    Alarm alarm(m_reference, nullptr, Call::made, &call);
+    TestAlarm alarm(m_reference);
     alarm.start(AN_HOUR);
     alarm.start(SOON);
-    EXPECT_TRUE(eventually([&] { return call.count != 0; }));
-    alarm.stop();
+    EXPECT_TRUE(alarm.waitFor(1));
 }
 
 TEST_F(AlarmOnEngine, movedToALaterTimeItRingsThen) {
-    Call call;
-    Alarm alarm(m_reference, nullptr, Call::made, &call);
+    TestAlarm alarm(m_reference);
     alarm.start(Duration(5));
     long long const before = TimePoint::now().getCount();
     alarm.start(Duration(100));
-    ASSERT_TRUE(eventually([&] { return call.count != 0; }));
-    if (call.count == 1) { // Else a slow machine let the first time pass before it could be moved.
-        EXPECT_LE(before + 100, call.at);
+    ASSERT_TRUE(alarm.waitFor(1));
+    if (alarm.count == 1) { // On a slow machine the first time may pass before the alarm is moved.
+        EXPECT_LE(before + 100, alarm.at);
     }
-    alarm.stop();
 }
 
-TEST_F(AlarmOnEngine, aStoppedOneDoesNotRingAndTheOthersDo) {
-    Call stopped;
-    Call call;
-    Alarm first(m_reference, nullptr, Call::made, &stopped);
-    Alarm second(m_reference, nullptr, Call::made, &call);
-    first.start(Duration(500));
-    second.start(Duration(510));
-    first.stop();
-    ASSERT_TRUE(eventually([&] { return call.count != 0; }));
+TEST_F(AlarmOnEngine, stoppedOneDoesNotRingAndTheOthersDo) {
+    TestAlarm stopped(m_reference);
+    TestAlarm alarm(m_reference);
+    stopped.start(Duration(500));
+    alarm.start(Duration(510));
+    stopped.stop();
+    ASSERT_TRUE(alarm.waitFor(1));
     EXPECT_EQ(0, stopped.count);
-    second.stop();
 }
 
-/// Rings so often before it has enough.
-struct Repeater {
-    explicit Repeater(EnginePtr const& engine) : alarm(engine, nullptr, again, this) {}
-
-    static void again(void* data) {
-        Repeater& self = *static_cast<Repeater*>(data);
-        if (++self.count < 20) {
-            self.alarm.start(Duration(1));
+TEST_F(AlarmOnEngine, callbackMayStartItsOwnAlarmAgain) {
+    TestAlarm alarm(m_reference, [](TestAlarm& self) {
+        if (self.count < 19) {
+            self.start(Duration(1));
         }
+    });
+    alarm.start(Duration(1));
+    EXPECT_TRUE(alarm.waitFor(20));
+}
+
+/// A dispatcher on its own thread.
+class AlarmWithSink : public AlarmOnEngine {
+protected:
+    void SetUp() override {
+        m_dispatcher.add_source(m_queue);
+        ASSERT_FALSE(m_thread.start());
+    }
+    void end() {
+        m_dispatcher.stop();
+        EXPECT_FALSE(m_thread.join());
     }
 
-    std::atomic<int> count{0};
-    Alarm alarm;
+    Dispatcher::VanillaNotifier m_notifier;
+    Dispatcher::VanillaQueue m_queue{m_notifier};
+    Dispatcher m_dispatcher{m_notifier};
+    Thread m_thread{Dispatcher::main, &m_dispatcher, "Sink"};
 };
 
-TEST_F(AlarmOnEngine, aCallbackMayStartItsOwnAlarmAgain) {
-    Repeater repeater(m_reference);
-    repeater.alarm.start(Duration(1));
-    EXPECT_TRUE(eventually([&] { return repeater.count == 20; }));
-    repeater.alarm.stop();
-}
-
-TEST_F(AlarmOnEngine, withASinkItRingsOnTheSinksThreadAndNotOnTheEngines) {
-    Dispatcher::VanillaNotifier notifier;
-    Dispatcher::VanillaQueue queue(notifier);
-    Dispatcher dispatcher(notifier);
-    dispatcher.add_source(queue);
-    Thread thread(Dispatcher::main, &dispatcher, "Sink");
-    ASSERT_FALSE(thread.start());
-    Call call;
-    Alarm alarm(m_reference, &queue, Call::made, &call);
+TEST_F(AlarmWithSink, ringsOnTheSinksThreadAndNotOnTheEngines) {
+    TestAlarm alarm(m_reference, nullptr, &m_queue);
     alarm.start(SOON);
-    EXPECT_TRUE(eventually([&] { return call.count != 0; }));
+    EXPECT_TRUE(alarm.waitFor(1));
     alarm.stop();
-    dispatcher.stop();
-    EXPECT_FALSE(thread.join());
-    EXPECT_EQ("Sink", call.thread_name);
-    EXPECT_EQ(1, call.count);
+    end();
+    EXPECT_EQ("Sink", alarm.thread_name);
+    EXPECT_EQ(1, alarm.count);
 }
 
-TEST_F(AlarmOnEngine, aSinksCallbackDoesNotHoldTheEnginesLock) {
-    Dispatcher::VanillaNotifier notifier;
-    Dispatcher::VanillaQueue queue(notifier);
-    Dispatcher dispatcher(notifier);
-    dispatcher.add_source(queue);
-    Thread thread(Dispatcher::main, &dispatcher, "Sink");
-    ASSERT_FALSE(thread.start());
-    struct Gate {
-        static void pass(void* data) {
-            Gate& gate = *static_cast<Gate*>(data);
-            gate.reached.set();
-            EXPECT_TRUE(gate.open.wait());
-        }
-        Event reached;
-        Event open;
-    } gate;
-    Call call;
-    Alarm slow(m_reference, &queue, Gate::pass, &gate);
-    Alarm other(m_reference, nullptr, Call::made, &call);
-    slow.start(AT_ONCE);
-    ASSERT_TRUE(gate.reached.wait());
-    other.start(AT_ONCE);
-    EXPECT_TRUE(eventually([&] { return call.count != 0; }));
-    other.stop();
-    slow.stop();
-    gate.open.set();
-    dispatcher.stop();
-    EXPECT_FALSE(thread.join());
-}
-
-/// Stays in its callback until it is told to leave.
+/// Stays in its callback until it may leave.
 struct Lingerer {
-    explicit Lingerer(EnginePtr const& engine) : alarm(engine, nullptr, linger, this) {}
-
-    static void linger(void* data) {
-        Lingerer& self = *static_cast<Lingerer*>(data);
-        self.entered.set();
-        EXPECT_TRUE(self.leave.wait());
-        self.left = true;
+    explicit Lingerer(EnginePtr const& engine, Message::Sink* sink = nullptr)
+        : alarm(
+              engine, [this](TestAlarm&) { linger(); }, sink) {
+        alarm.start(AT_ONCE);
+        EXPECT_TRUE(entered.wait());
+    }
+    void linger() {
+        entered.set();
+        EXPECT_TRUE(leave.wait());
+        left = true;
     }
 
     Event entered;
     Event leave;
-    bool left = false; // No atomic: the engine's lock orders it.
-    Alarm alarm;
+    bool left = false; // Not atomic: the engine's lock orders it.
+    TestAlarm alarm;
 };
+
+TEST_F(AlarmWithSink, callbackDoesNotHoldTheEnginesLock) {
+    Lingerer slow(m_reference, &m_queue);
+    TestAlarm other(m_reference);
+    other.start(AT_ONCE);
+    EXPECT_TRUE(other.waitFor(1));
+    slow.alarm.stop();
+    slow.leave.set();
+    end();
+}
 
 TEST_F(AlarmOnEngine, stopWaitsForACallbackThatIsRunning) {
     Lingerer lingerer(m_reference);
-    lingerer.alarm.start(AT_ONCE);
-    ASSERT_TRUE(lingerer.entered.wait());
     std::atomic<bool> stopped{false};
     std::thread other([&] {
         lingerer.alarm.stop();
@@ -271,149 +242,118 @@ TEST_F(AlarmOnEngine, stopWaitsForACallbackThatIsRunning) {
     other.join();
 }
 
-TEST_F(AlarmOnEngine, aSlowCallbackHoldsUpTheOthers) {
-    Lingerer lingerer(m_reference);
-    Call call;
-    Alarm other(m_reference, nullptr, Call::made, &call);
+TEST_F(AlarmOnEngine, slowCallbackDelaysTheOthers) {
+    TestAlarm other(m_reference);
     other.start(Duration(30));
-    lingerer.alarm.start(AT_ONCE);
-    ASSERT_TRUE(lingerer.entered.wait());
-    if (call.count == 0) { // Else the machine was slow, and the other was due as well.
+    Lingerer lingerer(m_reference);
+    if (other.count == 0) { // On a slow machine the other one may be due as well.
         long long const due = TimePoint::now().getCount() + 60;
         EXPECT_TRUE(eventually([&] { return TimePoint::now().getCount() > due; }));
-        EXPECT_EQ(0, call.count);
+        EXPECT_EQ(0, other.count);
     }
     lingerer.leave.set();
-    EXPECT_TRUE(eventually([&] { return call.count == 1; }));
-    other.stop();
-    lingerer.alarm.stop();
+    EXPECT_TRUE(other.waitFor(1));
 }
 
-TEST_F(AlarmOnEngine, aSlowCallbackOfAnotherEngineHoldsUpNobody) {
-    Engine other_engine(SIGNAL + 1, "Other", vesk::sched::Attr());
+TEST_F(AlarmOnEngine, slowCallbackOfAnotherEngineDelaysNone) {
+    Engine other_engine(SIGNAL + 1, "Other", Attr());
     Lingerer lingerer(m_reference);
-    lingerer.alarm.start(AT_ONCE);
-    ASSERT_TRUE(lingerer.entered.wait());
-    Call call;
-    Alarm alarm(EnginePtr(nullptr, &other_engine), nullptr, Call::made, &call);
-    alarm.start(SOON);
-    EXPECT_TRUE(eventually([&] { return call.count == 1; }));
-    EXPECT_EQ("Other", call.thread_name);
-    alarm.stop();
+    {
+        TestAlarm alarm(EnginePtr(nullptr, &other_engine));
+        alarm.start(SOON);
+        EXPECT_TRUE(alarm.waitFor(1));
+        EXPECT_EQ("Other", alarm.thread_name);
+    }
     lingerer.leave.set();
-    lingerer.alarm.stop();
 }
 
-TEST_F(AlarmOnEngine, aCallbackMayDestroyItsOwnAlarm) {
-    struct Mayfly {
-        explicit Mayfly(EnginePtr const& engine, std::atomic<int>& gone)
-            : alarm(std::make_unique<Alarm>(engine, nullptr, end, this)), ended(gone) {}
+TEST_F(AlarmOnEngine, callbackMayDestroyItsOwnAlarm) {
+    struct SelfDestroying {
         static void end(void* data) {
-            Mayfly& self = *static_cast<Mayfly*>(data);
+            SelfDestroying& self = *static_cast<SelfDestroying*>(data);
             self.alarm->stop();
             self.alarm.reset();
-            ++self.ended;
+            ++*self.ended;
         }
         std::unique_ptr<Alarm> alarm;
-        std::atomic<int>& ended;
+        std::atomic<int>* ended;
     };
     std::atomic<int> ended{0};
-    std::deque<Mayfly> mayflies;
-    for (int i = 0; i < 20; ++i) {
-        mayflies.emplace_back(m_reference, ended).alarm->start(SOON);
+    std::deque<SelfDestroying> objects(20);
+    for (SelfDestroying& object : objects) {
+        object.ended = &ended;
+        object.alarm = std::make_unique<Alarm>(m_reference, nullptr, SelfDestroying::end, &object);
+        object.alarm->start(SOON);
     }
     EXPECT_TRUE(eventually([&] { return ended == 20; }));
 }
 
-/// Every thread but the sanitizer's own, which blocks signals anyway, comes after the mask.
-TEST(AlarmEngine, anExpiryThatComesWhileTheSignalIsBlockedEverywhereIsNotLost) {
+/// Every thread is created behind the mask, except that of the sanitizer, which blocks signals anyway.
+TEST(AlarmEngine, expiryWhileTheSignalIsBlockedEverywhereIsNotLost) {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGNAL);
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, &signals, &before);
-    {
-        Engine engine(SIGNAL, "Blocked", vesk::sched::Attr());
-        Call call;
-        Alarm alarm(EnginePtr(nullptr, &engine), nullptr, Call::made, &call);
-        alarm.start(AT_ONCE);
-        sigset_t pending;
-        EXPECT_TRUE(
-            eventually([&] { return sigpending(&pending) == 0 && sigismember(&pending, SIGNAL) == 1; }));
-        EXPECT_EQ(0, call.count);
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-        EXPECT_TRUE(eventually([&] { return call.count == 1; }));
-        alarm.stop();
-    }
+    Engine engine(SIGNAL, "Blocked", Attr());
+    TestAlarm alarm(EnginePtr(nullptr, &engine));
+    alarm.start(AT_ONCE);
+    sigset_t pending;
+    EXPECT_TRUE(eventually([&] { return sigpending(&pending) == 0 && sigismember(&pending, SIGNAL) == 1; }));
+    EXPECT_EQ(0, alarm.count);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_TRUE(alarm.waitFor(1));
 }
 
-// ---- How the thread is scheduled ----
+// ---- how the thread is scheduled ----
 
-struct NiceProbe {
-    static void look(void* data) {
-        static_cast<NiceProbe*>(data)->nice = getpriority(PRIO_PROCESS, 0);
-        static_cast<NiceProbe*>(data)->done.set();
-    }
-    int nice = -100;
-    Event done;
-};
-
-int getNiceOfCallbacks(Engine& engine) {
-    NiceProbe probe;
-    Alarm alarm(EnginePtr(nullptr, &engine), nullptr, NiceProbe::look, &probe);
+void expectCallbacks(Engine& engine, char const* thread_name, int nice) {
+    TestAlarm alarm(EnginePtr(nullptr, &engine));
     alarm.start(AT_ONCE);
-    EXPECT_TRUE(probe.done.wait());
+    EXPECT_TRUE(alarm.waitFor(1));
     alarm.stop();
-    return probe.nice;
+    EXPECT_EQ(nice, alarm.nice);
+    EXPECT_EQ(thread_name, alarm.thread_name);
 }
 
 TEST(AlarmEngine, isScheduledAsItsAttributesSay) {
-    vesk::sched::Attr attributes;
+    Attr attributes;
     attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
     attributes.param.nice = getpriority(PRIO_PROCESS, 0) + 3;
     Engine engine(SIGNAL, "Engine", attributes);
-    EXPECT_EQ(attributes.param.nice, getNiceOfCallbacks(engine));
+    expectCallbacks(engine, "Engine", attributes.param.nice);
 }
 
-TEST(AlarmEngine, theOlderFormTakesAPriority) {
-    int const nice = getpriority(PRIO_PROCESS, 0) + 4;
-    Engine engine(SIGNAL, "Older", nice);
-    EXPECT_EQ(nice, getNiceOfCallbacks(engine));
-    Call call;
-    Alarm alarm(EnginePtr(nullptr, &engine), nullptr, Call::made, &call);
-    alarm.start(AT_ONCE);
-    EXPECT_TRUE(eventually([&] { return call.count == 1; }));
-    EXPECT_EQ("Older", call.thread_name);
-    alarm.stop();
-}
-
-TEST(AlarmEngine, theOlderFormInheritsWithAPriorityOfZero) {
-    Engine engine(SIGNAL, "Older", 0);
-    EXPECT_EQ(getpriority(PRIO_PROCESS, 0), getNiceOfCallbacks(engine));
-}
-
-// ---- The engine of the process ----
-
-TEST(DefaultTimer, livesAsLongAsAnAlarmRefersToIt) {
-    int const threads = support::countThreads();
+TEST(AlarmEngine, olderFormTakesAPriorityAndInheritsWithAPriorityOfZero) {
+    int const mine = getpriority(PRIO_PROCESS, 0);
     {
-        Call call;
-        Alarm alarm(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, Call::made, &call);
-        EXPECT_TRUE(support::hasThreads(threads + 1));
-        {
-            Alarm const second(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, Call::made, &call);
-            EXPECT_TRUE(support::hasThreads(threads + 1));
-        }
-        EXPECT_TRUE(support::hasThreads(threads + 1));
-        alarm.start(SOON);
-        EXPECT_TRUE(eventually([&] { return call.count == 1; }));
-        EXPECT_EQ("Timer", call.thread_name);
-        alarm.stop();
+        Engine engine(SIGNAL, "Older", mine + 4);
+        expectCallbacks(engine, "Older", mine + 4);
     }
-    EXPECT_TRUE(support::hasThreads(threads));
+    Engine engine(SIGNAL, "Older", 0);
+    expectCallbacks(engine, "Older", mine);
 }
 
-TEST(DefaultTimer, catchesTheThirdRealTimeSignalAndGivesItBack) {
+// ---- the engine of the process ----
+
+TEST(DefaultTimer, existsAsLongAsAnAlarmRefersToIt) {
+    int const threads = countThreads();
+    {
+        TestAlarm alarm(EnginePtr(Alarm::DEFAULT_TIMER));
+        EXPECT_TRUE(hasThreads(threads + 1));
+        {
+            TestAlarm const second(EnginePtr(Alarm::DEFAULT_TIMER));
+            EXPECT_TRUE(hasThreads(threads + 1));
+        }
+        EXPECT_TRUE(hasThreads(threads + 1));
+        alarm.start(SOON);
+        EXPECT_TRUE(alarm.waitFor(1));
+        EXPECT_EQ("Timer", alarm.thread_name);
+    }
+    EXPECT_TRUE(hasThreads(threads));
+}
+
+TEST(DefaultTimer, catchesTheThirdRealTimeSignalAndRestoresIt) {
     struct sigaction action {};
     {
         EnginePtr const engine(Alarm::DEFAULT_TIMER);
@@ -424,42 +364,43 @@ TEST(DefaultTimer, catchesTheThirdRealTimeSignalAndGivesItBack) {
     EXPECT_EQ(SIG_DFL, action.sa_handler);
 }
 
-/// Destroys itself in its callback, waits until the thread that destroys the last alarm sleeps, and makes a successor.
-struct Phoenix {
-    static void rise(void* data) {
-        Phoenix& self = *static_cast<Phoenix*>(data);
+/// Destroys itself in its callback, waits until the thread that destroys the last alarm sleeps, and creates a successor.
+struct SelfReplacing {
+    static void replace(void* data) {
+        SelfReplacing& self = *static_cast<SelfReplacing*>(data);
         self.alarm->stop();
         self.alarm.reset();
         self.entered.set();
         EXPECT_TRUE(eventually([&] { return self.destroyer != 0; }));
-        support::waitUntilAsleep(getpid(), self.destroyer);
-        self.alarm =
-            std::make_unique<Alarm>(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, Call::made, &self.call);
-        self.alarm->start(AT_ONCE);
+        waitUntilAsleep(getpid(), self.destroyer);
+        self.successor = std::make_unique<TestAlarm>(EnginePtr(Alarm::DEFAULT_TIMER));
+        self.successor->start(AT_ONCE);
+        self.replaced.set();
     }
 
     Event entered;
+    Event replaced;
     std::atomic<pid_t> destroyer{0};
-    Call call;
+    std::unique_ptr<TestAlarm> successor;
     std::unique_ptr<Alarm> alarm =
-        std::make_unique<Alarm>(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, rise, this);
+        std::make_unique<Alarm>(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, replace, this);
 };
 
-TEST(DefaultTimer, staysForAnAlarmThatACallbackMakesWhileTheLastOneIsDestroyed) {
-    auto const end = support::runInChild([] {
-        Phoenix phoenix;
-        auto last = std::make_unique<Alarm>(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, Call::made, nullptr);
-        phoenix.alarm->start(AT_ONCE);
-        ASSERT_TRUE(phoenix.entered.wait());
-        phoenix.destroyer = support::getThreadId();
+TEST(DefaultTimer, staysForAnAlarmThatACallbackCreatesWhileTheLastOneIsDestroyed) {
+    auto const end = runInChild([] {
+        SelfReplacing object;
+        auto last = std::make_unique<TestAlarm>(EnginePtr(Alarm::DEFAULT_TIMER));
+        object.alarm->start(AT_ONCE);
+        ASSERT_TRUE(object.entered.wait());
+        object.destroyer = getThreadId();
         last.reset();
-        EXPECT_TRUE(eventually([&] { return phoenix.call.count == 1; }));
-        phoenix.alarm->stop();
+        EXPECT_TRUE(object.replaced.wait());
+        EXPECT_TRUE(object.successor->waitFor(1));
     });
     EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 
-// ---- A lock that fails ----
+// ---- a lock that fails ----
 
 struct LockedOperation {
     char const* name;
@@ -471,9 +412,8 @@ protected:
     static std::string text(char const* message) {
         return std::string("ABORT framework/src/vesk/posix/Alarm ") + GetParam().name + ": " + message;
     }
-    static void doNothing(void*) {}
 
-    Engine m_engine{SIGNAL, "Engine", vesk::sched::Attr()};
+    Engine m_engine{SIGNAL, "Engine", Attr()};
     Alarm m_alarm{EnginePtr(nullptr, &m_engine), nullptr, doNothing, nullptr};
 };
 
@@ -502,11 +442,11 @@ INSTANTIATE_TEST_SUITE_P(
         LockedOperation{"add", [](Engine& engine, Alarm& alarm) { engine.add(&alarm, AN_HOUR); }},
         LockedOperation{"remove", [](Engine& engine, Alarm& alarm) { engine.remove(&alarm); }},
         LockedOperation{"ring", [](Engine& engine, Alarm&) { Engine::ring(&engine); }}),
-    [](auto const& tested) { return tested.param.name; });
+    RowName());
 
-// ---- Many ----
+// ---- many alarms ----
 
-TEST_F(AlarmOnEngine, aHundredThousandArePendingAndEachRingsOnceAtItsTime) {
+TEST_F(AlarmOnEngine, hundredThousandArePendingAndEachRingsOnceAtItsTime) {
     constexpr int COUNT = 100000;
     struct Row {
         explicit Row(EnginePtr const& engine, std::atomic<int>& total)
@@ -543,7 +483,7 @@ TEST_F(AlarmOnEngine, aHundredThousandArePendingAndEachRingsOnceAtItsTime) {
         row->alarm.start(Duration(delay));
         ++expected;
     }
-    // A part of them is taken back; some of these may have rung already on a slow machine.
+    // A part of them is taken back. On a slow machine some of these have rung already.
     for (size_t i = 0; i < moved.size(); i += 5) {
         moved[i]->alarm.stop();
         if (moved[i]->count == 0) {
@@ -560,7 +500,7 @@ TEST_F(AlarmOnEngine, aHundredThousandArePendingAndEachRingsOnceAtItsTime) {
     EXPECT_EQ(expected, rung);
 }
 
-/// An alarm whose owner knows whether it may ring. Nothing in it is atomic: the engine's lock is to order it all.
+/// An alarm that knows whether it may ring. Nothing in it is atomic: the engine's lock must order it all.
 struct Guarded {
     explicit Guarded(EnginePtr const& engine) : alarm(engine, nullptr, rang, this) {}
 
@@ -581,13 +521,12 @@ struct Guarded {
     Alarm alarm;
 };
 
-TEST_F(AlarmOnEngine, aRemovedAlarmNeverRingsHoweverManyThreadsAddMoveAndRemove) {
-    constexpr int THREADS = 4;
+TEST_F(AlarmOnEngine, removedAlarmNeverRingsHoweverManyThreadsAddMoveAndRemove) {
     constexpr int ALARMS = 30;
     std::atomic<int> rung{0};
     std::atomic<int> rung_wrongly{0};
-    auto const storm = [&](unsigned int seed) {
-        std::mt19937 random(seed);
+    auto const change = [&](int thread) {
+        std::mt19937 random(static_cast<unsigned int>(thread) + 1);
         std::deque<Guarded> alarms;
         for (int i = 0; i < ALARMS; ++i) {
             alarms.emplace_back(m_reference);
@@ -617,49 +556,37 @@ TEST_F(AlarmOnEngine, aRemovedAlarmNeverRingsHoweverManyThreadsAddMoveAndRemove)
             rung_wrongly += one.rung_wrongly;
         }
     };
-    std::vector<std::thread> threads;
-    for (unsigned int i = 0; i < THREADS; ++i) {
-        threads.emplace_back(storm, i + 1);
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runThreads(4, change);
     EXPECT_GT(rung, 0);
     EXPECT_EQ(0, rung_wrongly);
 }
 
-TEST_F(AlarmOnEngine, whatIsStillPendingAfterAStormRings) {
-    std::deque<Call> calls(40);
-    std::deque<Alarm> alarms;
-    for (Call& call : calls) {
-        alarms.emplace_back(m_reference, nullptr, Call::made, &call);
+TEST_F(AlarmOnEngine, alarmsThatAreStillPendingAfterManyChangesRing) {
+    std::deque<TestAlarm> alarms;
+    for (int i = 0; i < 40; ++i) {
+        alarms.emplace_back(m_reference);
     }
-    std::vector<std::thread> threads;
-    for (unsigned int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            std::mt19937 random(t);
-            for (int i = 0; i < 5000 / SLOW; ++i) {
-                Alarm& alarm = alarms[t * 10 + random() % 10];
-                if (random() % 3 == 0) {
-                    alarm.stop();
-                } else {
-                    alarm.start(Duration(static_cast<long long>(random() % 5)));
-                }
+    runThreads(4, [&alarms](int thread) {
+        auto const t = static_cast<unsigned int>(thread);
+        std::mt19937 random(t);
+        for (int i = 0; i < 5000 / SLOW; ++i) {
+            TestAlarm& alarm = alarms[t * 10 + random() % 10];
+            if (random() % 3 == 0) {
+                alarm.stop();
+            } else {
+                alarm.start(Duration(static_cast<long long>(random() % 5)));
             }
-            for (size_t i = t * 10; i < t * 10 + 10; ++i) {
-                alarms[i].stop();
-                calls[i].count = 0;
-                alarms[i].start(Duration(static_cast<long long>(random() % 50)));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    for (size_t i = 0; i < calls.size(); ++i) {
-        EXPECT_TRUE(eventually([&] { return calls[i].count == 1; })) << i;
-        alarms[i].stop();
-        EXPECT_EQ(1, calls[i].count);
+        }
+        for (size_t i = t * 10; i < t * 10 + 10; ++i) {
+            alarms[i].stop();
+            alarms[i].count = 0;
+            alarms[i].start(Duration(static_cast<long long>(random() % 50)));
+        }
+    });
+    for (TestAlarm& alarm : alarms) {
+        EXPECT_TRUE(alarm.waitFor(1));
+        alarm.stop();
+        EXPECT_EQ(1, alarm.count);
     }
 }
 

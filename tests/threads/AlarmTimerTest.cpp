@@ -4,60 +4,44 @@
 #include "frame/FakeClock.h"
 #include "support/Chain.h"
 #include "support/Child.h"
+#include "support/ErrnoRows.h"
 #include "support/NewFault.h"
 #include "support/Processes.h"
 
 #include <vesk/Alarm.h>
 #include <vesk/Dispatcher.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <atomic>
-#include <cstdint>
 #include <deque>
-#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
 #include <new>
 #include <random>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <unistd.h>
-#include <vector>
 
-/// The engine's book-keeping: the clock is the test's, the kernel's timer is only recorded, and the tests call `ring`.
+/// The bookkeeping of the engine: the test sets the clock and calls `ring`, and the kernel's timer is only recorded.
 
 namespace {
 
-using support::FakeClock;
-using support::Fault;
-using support::KernelTimers;
-using support::ms;
-using support::New;
-using support::NewFault;
-using support::runInChild;
-using support::Span;
-using support::Spans;
+using namespace support;
 using tarnbase::Duration;
-using tarnbase::TimePoint;
 using vesk::Alarm;
-using vesk::Dispatcher;
 using vesk::Message;
 
 using Engine = Alarm::Timer;
+using EnginePtr = std::SharedBase::Ptr<Engine>;
 
 int const SIGNAL = SIGRTMIN + 5;
-constexpr long long START = 5000000; // What the clock shows at first, in milliseconds.
+constexpr long long START = 5000000; // The clock at first, in milliseconds.
 constexpr Span AT_ONCE{0, 1};
+constexpr long long FAR_AWAY = 18446744073709551; // For this time an engine without alarms counts as armed.
 
-/// An alarm that tells each call in a list, and may do something else then.
+/// An alarm that adds itself to a list in each call, and may run an action then.
 class Bell {
 public:
     Bell(Engine& engine, std::vector<Bell*>& rung, Message::Sink* sink = nullptr)
-        : alarm(std::SharedBase::Ptr<Engine>(nullptr, &engine), sink, call, this), m_rung(rung) {}
+        : alarm(EnginePtr(nullptr, &engine), sink, call, this), m_rung(rung) {}
 
     std::function<void()> action;
     Alarm alarm;
@@ -78,8 +62,6 @@ using Rung = std::vector<Bell*>;
 
 class AlarmTimer : public testing::Test {
 protected:
-    AlarmTimer() : m_clock(START / 1000, 0), m_engine(SIGNAL, "Engine", vesk::sched::Attr()) {}
-
     void setTime(long long since_start) {
         long long const now = START + since_start;
         m_clock.set(static_cast<time_t>(now / 1000), static_cast<long>(now % 1000) * 1000000);
@@ -87,24 +69,23 @@ protected:
     void add(Bell& bell, long long delay) { m_engine.add(&bell.alarm, Duration(delay)); }
     void remove(Bell& bell) { m_engine.remove(&bell.alarm); }
 
-    /// Which bells a ring at that time calls.
+    /// Returns the bells that a ring at that time calls.
     Rung ringAt(long long since_start) {
         setTime(since_start);
         m_rung.clear();
         Engine::ring(&m_engine);
         return m_rung;
     }
-
-    /// How many of some alarms are pending.
-    void expectNothingPending() {
-        KernelTimers::getCurrent()->take();
-        EXPECT_EQ(Rung(), ringAt(1000000000));
-        EXPECT_EQ(Spans(), m_timers.take());
+    void expectRing(long long since_start, Rung const& rung, Spans const& armed = {}) {
+        m_timers.take();
+        EXPECT_EQ(rung, ringAt(since_start));
+        EXPECT_EQ(armed, m_timers.take());
     }
+    void expectNothingPending() { expectRing(1000000000, {}); }
 
-    FakeClock m_clock;
+    FakeClock m_clock{START / 1000, 0};
     KernelTimers m_timers;
-    Engine m_engine;
+    Engine m_engine{SIGNAL, "Engine", vesk::sched::Attr()};
     Rung m_rung;
     // Their addresses rise.
     Bell m_a{m_engine, m_rung};
@@ -124,408 +105,294 @@ TEST_F(AlarmTimer, hasATimerOnTheMonotonicClockThatRaisesItsSignal) {
     EXPECT_EQ(0, memcmp(&expected, &m_timers.event, sizeof expected));
 }
 
-TEST_F(AlarmTimer, isNotArmedAtFirst) {
-    EXPECT_EQ(Spans(), m_timers.take());
+// ---- what each step arms ----
+
+/// One step: moves the clock, adds or removes the alarm 'a', 'b' or 'c', rings, or sets the action of a callback.
+struct Step {
+    enum Kind { AT, ADD, REMOVE, RING, RING_INSIDE, ACTION };
+    Kind kind;
+    long long time;
+    std::string bells;
+    Spans armed;
+    std::vector<Step> action = {};
+};
+
+Step at(long long time) {
+    return {Step::AT, time, "", {}};
+}
+Step add(char bell, long long delay, Spans armed = {}) {
+    return {Step::ADD, delay, {bell}, std::move(armed)};
+}
+Step remove(char bell) {
+    return {Step::REMOVE, 0, {bell}, {}};
+}
+/// A ring at this time that calls these alarms in this order.
+Step ring(long long time, char const* bells, Spans armed = {}) {
+    return {Step::RING, time, bells, std::move(armed)};
 }
 
-TEST_F(AlarmTimer, armsForTheFirstAlarm) {
-    add(m_a, 1500);
-    EXPECT_EQ(Spans{ms(1500)}, m_timers.take());
-    EXPECT_EQ(m_timers.created_timer, m_timers.armed_timer);
+/// A ring from within a callback.
+Step ringInside() {
+    return {Step::RING_INSIDE, 0, "", {}};
+}
+/// From now on the callback of an alarm does this.
+Step action(char bell, std::vector<Step> steps) {
+    return {Step::ACTION, 0, {bell}, {}, std::move(steps)};
 }
 
-TEST_F(AlarmTimer, anEarlierAlarmArmsAndALaterOneDoesNot) {
-    add(m_b, 1000);
-    EXPECT_EQ(Spans{ms(1000)}, m_timers.take());
-    add(m_c, 1001);
-    EXPECT_EQ(Spans(), m_timers.take());
-    add(m_a, 999);
-    EXPECT_EQ(Spans{ms(999)}, m_timers.take());
-}
+struct Course {
+    char const* name;
+    std::vector<Step> steps;
+};
 
-TEST_F(AlarmTimer, anAlarmAtTheSameTimeDoesNotArm) {
-    add(m_a, 1000);
-    m_timers.take();
-    add(m_b, 1000);
-    setTime(400);
-    add(m_c, 600);
-    EXPECT_EQ(Spans(), m_timers.take());
-}
+class AlarmTimerCourse : public AlarmTimer, public testing::WithParamInterface<Course> {
+protected:
+    Bell& get(char bell) { return bell == 'a' ? m_a : bell == 'b' ? m_b : m_c; }
 
-TEST_F(AlarmTimer, aDelayOfZeroArmsForOneNanosecond) {
-    add(m_a, 0);
-    EXPECT_EQ(Spans{AT_ONCE}, m_timers.take());
-    EXPECT_EQ(Rung{&m_a}, ringAt(0));
-}
+    void run(Step const& step) {
+        Rung rung;
+        switch (step.kind) {
+        case Step::AT:
+            return setTime(step.time);
+        case Step::ADD:
+            return AlarmTimer::add(get(step.bells[0]), step.time);
+        case Step::REMOVE:
+            return AlarmTimer::remove(get(step.bells[0]));
+        case Step::RING:
+            for (char const bell : step.bells) {
+                rung.push_back(&get(bell));
+            }
+            EXPECT_EQ(rung, ringAt(step.time));
+            return;
+        case Step::RING_INSIDE:
+            return Engine::ring(&m_engine);
+        case Step::ACTION:
+            get(step.bells[0]).action = [this, &step] {
+                for (Step const& inner : step.action) {
+                    run(inner);
+                }
+            };
+        }
+    }
+};
 
-TEST_F(AlarmTimer, aDelayBelowZeroCountsAsZero) {
-    for (long long const delay : {-1LL, -1000LL, std::numeric_limits<long long>::min()}) {
-        add(m_a, 0);
-        m_timers.take();
-        add(m_a, delay);
-        EXPECT_EQ(Spans(), m_timers.take());
-        remove(m_a);
-        add(m_a, delay);
-        EXPECT_EQ(Spans{AT_ONCE}, m_timers.take());
-        add(m_b, 0);
-        add(m_c, delay);
-        EXPECT_EQ(Spans(), m_timers.take()) << "all were to be due together";
-        EXPECT_EQ((Rung{&m_a, &m_b, &m_c}), ringAt(0));
-        m_timers.take();
+TEST_P(AlarmTimerCourse, armsAndRings) {
+    int number = 0;
+    for (Step const& step : GetParam().steps) {
+        run(step);
+        EXPECT_EQ(step.armed, m_timers.take()) << "step " << ++number;
+        EXPECT_TRUE(step.armed.empty() || m_timers.armed_timer == m_timers.created_timer);
     }
 }
 
-struct Delay {
-    long long ms;
-    Span span;
-};
-
-class AlarmTimerDelay : public AlarmTimer, public testing::WithParamInterface<Delay> {};
-
-TEST_P(AlarmTimerDelay, isSplitIntoSecondsAndNanoseconds) {
-    add(m_a, GetParam().ms);
-    EXPECT_EQ(Spans{GetParam().span}, m_timers.take());
+/// Delays below zero count as zero: all alarms are due together.
+Course belowZero(char const* name, long long delay) {
+    return {
+        name,
+        {add('a', 0, {AT_ONCE}), add('a', delay), remove('a'), add('a', delay, {AT_ONCE}), add('b', 0),
+         add('c', delay), ring(0, "abc")}};
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, AlarmTimerDelay,
-    testing::Values(
-        Delay{1, {0, 1000000}}, Delay{999, {0, 999000000}}, Delay{1000, {1, 0}}, Delay{1001, {1, 1000000}},
-        Delay{59999, {59, 999000000}}, Delay{4294967295, {4294967, 295000000}},
-        Delay{2147483647999, {2147483647, 999000000}}));
+Course const COURSES[] = {
+    {"isNotArmedAtFirst", {at(0)}},
+    {"armsForTheFirstAlarm", {add('a', 1500, {ms(1500)})}},
+    {"earlierAlarmArmsAndALaterOneDoesNot",
+     {add('b', 1000, {ms(1000)}), add('c', 1001), add('a', 999, {ms(999)})}},
+    {"alarmAtTheSameTimeDoesNotArm", {add('a', 1000, {ms(1000)}), add('b', 1000), at(400), add('c', 600)}},
+    {"delayOfZeroArmsForOneNanosecond", {add('a', 0, {AT_ONCE}), ring(0, "a")}},
+    belowZero("delayOfMinusOneCountsAsZero", -1),
+    belowZero("delayOfMinusOneSecondCountsAsZero", -1000),
+    belowZero("lowestDelayCountsAsZero", std::numeric_limits<long long>::min()),
+    {"alarmThatIsDueIsTakenOutAndCalled",
+     {add('a', 100, {ms(100)}), ring(100, "a"), ring(100, ""), ring(1000, "")}},
+    {"alarmIsDueAtItsTimeAndNotBefore",
+     {add('a', 100, {ms(100)}), add('b', 101), ring(99, "", {ms(1), ms(1)}), ring(100, "a", {ms(1)}),
+      ring(101, "b")}},
+    {"alarmsOfTheSameTimeRingTogetherInTheOrderOfTheirAddresses",
+     {add('c', 100, {ms(100)}), add('a', 100), add('b', 100), ring(100, "abc")}},
+    {"orderOfAddressesHoldsWhateverTheTimesWere",
+     {add('b', 300, {ms(300)}), add('a', 200, {ms(200)}), add('c', 100, {ms(100)}), ring(300, "abc")}},
+    {"armsForTheEarliestThatIsLeftAfterARing",
+     {add('a', 100, {ms(100)}), add('b', 250), add('c', 700), ring(110, "a", {ms(140)}),
+      ring(250, "b", {ms(450)}), ring(800, "c")}},
+    {"removingTheOnlyAlarmLeavesTheTimerArmedAndTheNextRingDoesNothing",
+     {add('a', 100, {ms(100)}), remove('a'), ring(100, "")}},
+    {"removingTheEarliestLeavesTheTimerArmedButTheNextOneCounts",
+     {add('a', 100, {ms(100)}), add('b', 500), remove('a'), add('c', 500), add('c', 499, {ms(499)})}},
+    {"removingWhatIsNotPendingIsHarmless",
+     {remove('a'), add('b', 100, {ms(100)}), remove('a'), remove('a'), ring(100, "b"), remove('b'),
+      ring(1000000000, "")}},
+    {"movingAnAlarmToAnEarlierTimeArmsAtOnce",
+     {add('a', 1000, {ms(1000)}), at(100), add('a', 200, {ms(200)}), ring(300, "a"), ring(1000000000, "")}},
+    {"movingAnAlarmToALaterTimeLeadsToAnEarlyRingThatArmsAgainAndRunsNothing",
+     {add('a', 100, {ms(100)}), at(50), add('a', 200), ring(100, "", {ms(150)}), ring(250, "a")}},
+    {"oldTimeOfAnAlarmThatWasPutOffStillCountsAsArmed",
+     {add('a', 100, {ms(100)}), add('a', 1000), add('b', 500), remove('c'), add('c', 500),
+      add('c', 499, {ms(499)})}},
+    {"ringThatComesTooEarlyArmsTwice", {add('a', 100, {ms(100)}), ring(30, "", {ms(70), ms(70)})}},
+    {"delayOf1MsIsSplit", {add('a', 1, {{0, 1000000}})}},
+    {"delayOf999MsIsSplit", {add('a', 999, {{0, 999000000}})}},
+    {"delayOf1000MsIsSplit", {add('a', 1000, {{1, 0}})}},
+    {"delayOf1001MsIsSplit", {add('a', 1001, {{1, 1000000}})}},
+    {"delayOf59999MsIsSplit", {add('a', 59999, {{59, 999000000}})}},
+    {"delayOf32BitsIsSplit", {add('a', 4294967295, {{4294967, 295000000}})}},
+    {"delayOf31BitsOfSecondsIsSplit", {add('a', 2147483647999, {{2147483647, 999000000}})}},
+    {"callbackMayAddItsOwnAlarmAgain",
+     {action('a', {add('a', 40)}), add('a', 100, {ms(100)}), ring(100, "a", {ms(40), ms(40)}),
+      ring(140, "a", {ms(40), ms(40)}), ring(179, "", {ms(1), ms(1)})}},
+    {"whatACallbackArmsIsOverwrittenWithTheSameTimeSeenFromTheBeginningOfTheRing",
+     {action('a', {at(130), add('b', 50)}), add('a', 100, {ms(100)}), ring(100, "a", {ms(50), ms(80)})}},
+    // Armed at 10 s for 100 ms, though due since 200 ms.
+    {"slowCallbackDelaysTheNextAlarmByItsOwnLength",
+     {action('a', {at(10000)}), add('a', 100, {ms(100)}), add('b', 200), ring(100, "a", {ms(100)})}},
+    {"callbackThatAddsALaterAlarmArmsNothing",
+     {action('a', {add('c', 900)}), add('a', 100, {ms(100)}), add('b', 200), ring(100, "a", {ms(100)})}},
+    {"callbackCannotTakeBackAnotherAlarmThatIsDueWithIt",
+     {action('a', {remove('b')}), add('a', 100, {ms(100)}), add('b', 100), ring(100, "ab"),
+      ring(1000000000, "")}},
+    {"callbackCanTakeBackWhatIsNotDue",
+     {action('a', {remove('b')}), add('a', 100, {ms(100)}), add('b', 101), ring(100, "a"),
+      ring(1000000000, "")}},
+    {"alarmThatACallbackAddsToThoseThatAreDueRingsNextTime",
+     {action('a', {add('b', 0)}), add('a', 100, {ms(100)}), add('b', 100),
+      ring(100, "ab", {AT_ONCE, AT_ONCE}), ring(100, "b")}},
+    {"callbackMayRingItsEngine",
+     {action('a', {ringInside()}), action('b', {add('c', 0)}), add('a', 100, {ms(100)}), add('b', 100),
+      ring(100, "ab", {AT_ONCE, AT_ONCE}), ring(100, "c")}},
+};
+INSTANTIATE_TEST_SUITE_P(All, AlarmTimerCourse, testing::ValuesIn(COURSES), RowName());
 
 /// 32-bit systems have a short `time_t`.
-TEST_F(AlarmTimer, aDelayBeyondTheSystemsLongestIsArmedInPieces) {
+TEST_F(AlarmTimer, delayBeyondTheSystemsLongestIsArmedInPieces) {
     constexpr time_t LONGEST = std::numeric_limits<time_t>::max();
     constexpr long long DELAY = 2147483648000 + 5000;
     bool const fits = DELAY / 1000 <= LONGEST;
     add(m_a, DELAY);
     EXPECT_EQ(Spans{fits ? ms(DELAY) : (Span{LONGEST, 0})}, m_timers.take());
-    EXPECT_EQ(Rung(), ringAt(1000));
     Span const again = fits ? ms(DELAY - 1000) : Span{LONGEST, 0};
-    EXPECT_EQ((Spans{again, again}), m_timers.take());
-    EXPECT_EQ(Rung(), ringAt(5001));
+    expectRing(1000, {}, {again, again});
     Span const last = ms(DELAY - 5001);
-    EXPECT_EQ((Spans{last, last}), m_timers.take());
+    expectRing(5001, {}, {last, last});
 }
 
-TEST_F(AlarmTimer, anEngineWithoutAlarmsCountsAsArmedForAFarTime) {
-    constexpr long long FAR_AWAY = 18446744073709551;
+TEST_F(AlarmTimer, engineWithoutAlarmsCountsAsArmedForAFarTime) {
     add(m_a, FAR_AWAY);
     EXPECT_EQ(Spans(), m_timers.take());
     add(m_a, FAR_AWAY - 1);
     EXPECT_EQ(1U, m_timers.take().size());
 }
 
-TEST_F(AlarmTimer, anEngineThatHasLostItsAlarmsIsArmedForNothing) {
+TEST_F(AlarmTimer, engineThatHasLostItsAlarmsDoesNotCountAsArmed) {
     remove(m_a);
-    add(m_a, 18446744073709552);
+    add(m_a, FAR_AWAY + 1);
     EXPECT_EQ(1U, m_timers.take().size());
 }
 
-TEST_F(AlarmTimer, aDelayThatGoesBeyondAllTimeIsForever) {
+TEST_F(AlarmTimer, delayBeyondTheLatestTimeIsForever) {
     constexpr long long LONGEST = std::numeric_limits<long long>::max();
     for (long long const delay : {LONGEST, LONGEST - START, LONGEST - START + 1}) {
         remove(m_a);
         add(m_a, delay);
         EXPECT_EQ(Spans(), m_timers.take());
-        EXPECT_EQ(Rung(), ringAt(1000));
-        EXPECT_EQ(Spans(), m_timers.take());
-        // And it keeps nobody else from ringing.
+        expectRing(1000, {});
         add(m_b, 10);
-        EXPECT_EQ(Spans{ms(10)}, m_timers.take());
-        EXPECT_EQ(Rung{&m_b}, ringAt(1010));
-        EXPECT_EQ(Spans(), m_timers.take());
+        EXPECT_EQ(Spans{ms(10)}, m_timers.take()) << "other alarms ring";
+        expectRing(1010, {&m_b});
         setTime(0);
     }
 }
 
-TEST_F(AlarmTimer, anAlarmThatIsDueIsTakenOutAndCalled) {
-    add(m_a, 100);
-    EXPECT_EQ(Rung{&m_a}, ringAt(100));
-    EXPECT_EQ(Rung(), ringAt(100));
-    EXPECT_EQ(Rung(), ringAt(1000));
-}
-
-TEST_F(AlarmTimer, anAlarmIsDueWhenItsTimeIsNowAndNotBefore) {
-    add(m_a, 100);
-    add(m_b, 101);
-    EXPECT_EQ(Rung(), ringAt(99));
-    EXPECT_EQ(Rung{&m_a}, ringAt(100));
-    EXPECT_EQ(Rung{&m_b}, ringAt(101));
-}
-
-TEST_F(AlarmTimer, alarmsOfTheSameTimeRingTogetherInTheOrderOfTheirAddresses) {
-    add(m_c, 100);
-    add(m_a, 100);
-    add(m_b, 100);
-    EXPECT_EQ((Rung{&m_a, &m_b, &m_c}), ringAt(100));
-}
-
-TEST_F(AlarmTimer, theOrderOfAddressesHoldsWhateverTheTimesWere) {
-    add(m_b, 300);
-    add(m_a, 200);
-    add(m_c, 100);
-    EXPECT_EQ((Rung{&m_a, &m_b, &m_c}), ringAt(300));
-}
-
-TEST_F(AlarmTimer, armsForTheEarliestThatIsLeftAfterARing) {
-    add(m_a, 100);
-    add(m_b, 250);
-    add(m_c, 700);
-    m_timers.take();
-    EXPECT_EQ(Rung{&m_a}, ringAt(110));
-    EXPECT_EQ(Spans{ms(140)}, m_timers.take());
-    EXPECT_EQ(Rung{&m_b}, ringAt(250));
-    EXPECT_EQ(Spans{ms(450)}, m_timers.take());
-    EXPECT_EQ(Rung{&m_c}, ringAt(800));
-    EXPECT_EQ(Spans(), m_timers.take());
-}
-
-TEST_F(AlarmTimer, removingTheOnlyAlarmLeavesTheTimerArmedAndTheNextRingDoesNothing) {
-    add(m_a, 100);
-    m_timers.take();
-    remove(m_a);
-    EXPECT_EQ(Spans(), m_timers.take());
-    EXPECT_EQ(Rung(), ringAt(100));
-    EXPECT_EQ(Spans(), m_timers.take());
-}
-
-TEST_F(AlarmTimer, removingTheEarliestLeavesTheTimerArmedButTheNextOneCounts) {
-    add(m_a, 100);
-    add(m_b, 500);
-    m_timers.take();
-    remove(m_a);
-    EXPECT_EQ(Spans(), m_timers.take());
-    add(m_c, 500);
-    EXPECT_EQ(Spans(), m_timers.take());
-    add(m_c, 499);
-    EXPECT_EQ(Spans{ms(499)}, m_timers.take());
-}
-
-TEST_F(AlarmTimer, removingWhatIsNotPendingIsHarmless) {
-    remove(m_a);
-    add(m_b, 100);
-    m_timers.take();
-    remove(m_a);
-    remove(m_a);
-    EXPECT_EQ(Spans(), m_timers.take());
-    EXPECT_EQ(Rung{&m_b}, ringAt(100));
-    remove(m_b);
-    expectNothingPending();
-}
-
-TEST_F(AlarmTimer, movingAnAlarmToAnEarlierTimeArmsAtOnce) {
-    add(m_a, 1000);
-    m_timers.take();
-    setTime(100);
-    add(m_a, 200);
-    EXPECT_EQ(Spans{ms(200)}, m_timers.take());
-    EXPECT_EQ(Rung{&m_a}, ringAt(300));
-    expectNothingPending();
-}
-
-TEST_F(AlarmTimer, movingAnAlarmToALaterTimeLeadsToAnEarlyRingThatArmsAgainAndRunsNothing) {
-    add(m_a, 100);
-    m_timers.take();
-    setTime(50);
-    add(m_a, 200);
-    EXPECT_EQ(Spans(), m_timers.take());
-    EXPECT_EQ(Rung(), ringAt(100));
-    EXPECT_EQ(Spans{ms(150)}, m_timers.take());
-    EXPECT_EQ(Rung{&m_a}, ringAt(250));
-}
-
-TEST_F(AlarmTimer, afterAnAlarmWasPutOffTheOldTimeStillCountsAsArmed) {
-    add(m_a, 100);
-    m_timers.take();
-    add(m_a, 1000);
-    add(m_b, 500);
-    EXPECT_EQ(Spans(), m_timers.take());
-    // Whatever is removed, the smallest time is looked for.
-    remove(m_c);
-    add(m_c, 500);
-    EXPECT_EQ(Spans(), m_timers.take());
-    add(m_c, 499);
-    EXPECT_EQ(Spans{ms(499)}, m_timers.take());
-}
-
-TEST_F(AlarmTimer, aRingThatComesTooEarlyArmsTwice) {
-    add(m_a, 100);
-    m_timers.take();
-    EXPECT_EQ(Rung(), ringAt(30));
-    EXPECT_EQ((Spans{ms(70), ms(70)}), m_timers.take());
-}
-
-TEST_F(AlarmTimer, aRingOfAnEngineThatNeverHadAnAlarmRunsNothing) {
+TEST_F(AlarmTimer, ringOfAnEngineWithoutAnAlarmRunsNothing) {
     EXPECT_EQ(Rung(), ringAt(100));
 }
 
-TEST_F(AlarmTimer, aCallbackMayAddItsOwnAlarmAgain) {
-    m_a.action = [this] { add(m_a, 40); };
-    add(m_a, 100);
-    EXPECT_EQ(Rung{&m_a}, ringAt(100));
-    EXPECT_EQ(Rung{&m_a}, ringAt(140));
-    EXPECT_EQ(Rung(), ringAt(179));
-}
-
-TEST_F(AlarmTimer, whatACallbackArmsIsOverwrittenWithTheSameTimeSeenFromTheBeginningOfTheRing) {
-    m_a.action = [this] {
-        setTime(130); // The callback takes its time.
-        add(m_b, 50);
-    };
-    add(m_a, 100);
-    m_timers.take();
-    EXPECT_EQ(Rung{&m_a}, ringAt(100));
-    EXPECT_EQ((Spans{ms(50), ms(80)}), m_timers.take());
-}
-
-TEST_F(AlarmTimer, aSlowCallbackDelaysTheNextAlarmByItsOwnLength) {
-    m_a.action = [this] { setTime(10000); };
-    add(m_a, 100);
-    add(m_b, 200);
-    m_timers.take();
-    EXPECT_EQ(Rung{&m_a}, ringAt(100));
-    EXPECT_EQ(Spans{ms(100)}, m_timers.take()) << "armed at 10 s, though due since 200 ms";
-}
-
-TEST_F(AlarmTimer, aCallbackThatAddsALaterAlarmArmsNothingOfItsOwn) {
-    m_a.action = [this] { add(m_c, 900); };
-    add(m_a, 100);
-    add(m_b, 200);
-    m_timers.take();
-    EXPECT_EQ(Rung{&m_a}, ringAt(100));
-    EXPECT_EQ(Spans{ms(100)}, m_timers.take());
-}
-
-TEST_F(AlarmTimer, aCallbackCannotTakeBackAnotherAlarmThatIsDueWithIt) {
-    m_a.action = [this] { remove(m_b); };
-    add(m_a, 100);
-    add(m_b, 100);
-    EXPECT_EQ((Rung{&m_a, &m_b}), ringAt(100));
-    expectNothingPending();
-}
-
-TEST_F(AlarmTimer, aCallbackCanTakeBackWhatIsNotDue) {
-    m_a.action = [this] { remove(m_b); };
-    add(m_a, 100);
-    add(m_b, 101);
-    m_timers.take();
-    EXPECT_EQ(Rung{&m_a}, ringAt(100));
-    EXPECT_EQ(Spans(), m_timers.take());
-    expectNothingPending();
-}
-
-TEST_F(AlarmTimer, anAlarmThatACallbackAddsToThoseThatAreDueRingsNextTime) {
-    m_a.action = [this] { add(m_b, 0); };
-    add(m_a, 100);
-    add(m_b, 100);
-    m_timers.take();
-    EXPECT_EQ((Rung{&m_a, &m_b}), ringAt(100));
-    EXPECT_EQ((Spans{AT_ONCE, AT_ONCE}), m_timers.take());
-    EXPECT_EQ(Rung{&m_b}, ringAt(100));
-}
-
-TEST_F(AlarmTimer, aCallbackMayRingItsEngine) {
-    m_a.action = [this] { Engine::ring(&m_engine); };
-    m_b.action = [this] { add(m_c, 0); };
-    add(m_a, 100);
-    add(m_b, 100);
-    EXPECT_EQ((Rung{&m_a, &m_b}), ringAt(100));
-    EXPECT_EQ(Rung{&m_c}, ringAt(100));
-}
+// ---- two engines ----
 
 /// Two engines with callbacks that call each other's engine: one already waits, the other runs in this thread.
 class AlarmTimerOfTwo : public AlarmTimer {
 protected:
-    /// Rings the other engine in another thread. The callback of `m_other_first` waits there for this thread's engine.
-    void ringOtherEngine() {
-        m_other_first.action = [this] { remove(m_c); };
-        m_thread = std::thread([this] {
-            for (Bell* const bell : {&m_other_first, &m_other_second}) {
-                m_other.add(&bell->alarm, Duration(0)); // Here, since the clock is not faked here.
+    /// Rings an engine in another thread, and waits until a callback of it waits for another engine.
+    static std::thread ringElsewhere(Engine& engine, Rung const& bells) {
+        std::atomic<pid_t> id{0};
+        std::thread thread([&engine, bells, &id] {
+            for (Bell* const bell : bells) {
+                engine.add(&bell->alarm, Duration(0)); // Here, since the clock is not faked here.
             }
-            m_id = support::getThreadId();
-            Engine::ring(&m_other);
+            id = getThreadId();
+            Engine::ring(&engine);
         });
-        EXPECT_TRUE(support::eventually([this] { return m_id != 0; }));
-        support::waitUntilAsleep(getpid(), m_id);
+        EXPECT_TRUE(eventually([&id] { return id != 0; }));
+        waitUntilAsleep(getpid(), id);
+        return thread;
     }
 
-    /// What the engine of this thread rings, with a callback that makes a call while the other engine waits for it.
+    /// Rings the engine of this thread, with a callback that makes a call while the other engine waits for it.
     void ringWith(std::function<void()> const& call) {
-        m_a.action = [this, call] {
-            ringOtherEngine();
+        std::thread other;
+        m_other_first.action = [this] { remove(m_c); };
+        m_a.action = [this, &call, &other] {
+            other = ringElsewhere(m_other, {&m_other_first, &m_other_second});
             call();
-            EXPECT_EQ(Rung{&m_other_first}, m_other_rung) << "the other callback goes on afterwards";
+            EXPECT_EQ(Rung{&m_other_first}, m_other_rung) << "the other callback continues afterwards";
         };
         add(m_a, 100);
         EXPECT_EQ(Rung{&m_a}, ringAt(100));
-        m_thread.join();
+        other.join();
     }
 
     Engine m_other{SIGNAL + 1, "Other", vesk::sched::Attr()};
     Rung m_other_rung;
     Bell m_other_first{m_other, m_other_rung};
     Bell m_other_second{m_other, m_other_rung};
-    std::thread m_thread;
-    std::atomic<pid_t> m_id{0};
+    Rung const m_both{&m_other_first, &m_other_second};
 };
 
-TEST_F(AlarmTimerOfTwo, aCallForWhichTheOtherCallbackWaitsDoesNotWaitForIt) {
+TEST_F(AlarmTimerOfTwo, callForWhichTheOtherCallbackWaitsDoesNotWaitForIt) {
     Bell later(m_other, m_other_rung);
     ringWith([&] { m_other.add(&later.alarm, Duration(50)); });
-    EXPECT_EQ((Rung{&m_other_first, &m_other_second}), m_other_rung);
+    EXPECT_EQ(m_both, m_other_rung);
     setTime(150);
     Engine::ring(&m_other);
     EXPECT_EQ((Rung{&m_other_first, &m_other_second, &later}), m_other_rung);
 }
 
-TEST_F(AlarmTimerOfTwo, anAlarmThatIsDueThereAndRemovedDoesNotRing) {
+TEST_F(AlarmTimerOfTwo, alarmThatIsDueThereAndRemovedDoesNotRing) {
     ringWith([this] { m_other.remove(&m_other_second.alarm); });
     EXPECT_EQ(Rung{&m_other_first}, m_other_rung);
 }
 
-TEST_F(AlarmTimerOfTwo, theAlarmWhoseCallbackWaitsDoesNotRingAgain) {
+TEST_F(AlarmTimerOfTwo, alarmWithAWaitingCallbackDoesNotRingAgain) {
     ringWith([this] {
         m_other.add(&m_other_first.alarm, Duration(0));
         m_other.remove(&m_other_first.alarm);
     });
-    EXPECT_EQ((Rung{&m_other_first, &m_other_second}), m_other_rung);
+    EXPECT_EQ(m_both, m_other_rung);
     Engine::ring(&m_other);
-    EXPECT_EQ((Rung{&m_other_first, &m_other_second}), m_other_rung);
+    EXPECT_EQ(m_both, m_other_rung);
 }
 
-TEST_F(AlarmTimerOfTwo, aRingForWhichTheOtherCallbackWaitsLeavesItToThatOne) {
+TEST_F(AlarmTimerOfTwo, ringForWhichTheOtherCallbackWaitsLeavesTheRestToTheOtherRing) {
     ringWith([this] { Engine::ring(&m_other); });
-    EXPECT_EQ((Rung{&m_other_first, &m_other_second}), m_other_rung);
+    EXPECT_EQ(m_both, m_other_rung);
 }
 
-TEST_F(AlarmTimerOfTwo, aThirdEngineMayStandBetweenThem) {
+TEST_F(AlarmTimerOfTwo, thirdEngineMayStandBetweenThem) {
     Engine third(SIGNAL + 2, "Third", vesk::sched::Attr());
     Rung third_rung;
     Bell bell(third, third_rung);
-    std::atomic<pid_t> id{0};
+    // Waits for the other engine, which waits for the first one.
+    bell.action = [this] { m_other.remove(&m_other_second.alarm); };
     std::thread thread;
-    bell.action = [this] {
-        m_other.remove(&m_other_second.alarm);
-    }; // Waits for the other, that for the first.
     ringWith([&] {
-        thread = std::thread([&] {
-            third.add(&bell.alarm, Duration(0));
-            id = support::getThreadId();
-            Engine::ring(&third);
-        });
-        EXPECT_TRUE(support::eventually([&] { return id != 0; }));
-        support::waitUntilAsleep(getpid(), id);
+        thread = ringElsewhere(third, {&bell});
         third.remove(&bell.alarm);
     });
     thread.join();
-    EXPECT_EQ((Rung{&m_other_first, &m_other_second}), m_other_rung);
+    EXPECT_EQ(m_both, m_other_rung);
     EXPECT_EQ(Rung{&bell}, third_rung);
 }
 
-/// Counts what is pushed, and keeps it.
+/// Keeps what is pushed.
 class KeepingSink : public Message::Sink {
 public:
     ~KeepingSink() override {
@@ -544,37 +411,30 @@ public:
     std::vector<Message*> messages;
 };
 
-TEST_F(AlarmTimer, anAlarmWithASinkGetsAMessageWithItsCallback) {
-    KeepingSink sink;
-    Bell bell(m_engine, m_rung, &sink);
-    add(bell, 100);
-    EXPECT_EQ(Rung(), ringAt(100));
-    ASSERT_EQ(1U, sink.messages.size());
-    EXPECT_NE(nullptr, dynamic_cast<Message::Callback*>(sink.messages[0]));
-    sink.messages[0]->invoke();
-    EXPECT_EQ(Rung{&bell}, m_rung);
+TEST_F(AlarmTimer, alarmWithASinkPushesAMessageThatRemoveDoesNotReach) {
+    for (bool const removes : {false, true}) {
+        KeepingSink sink;
+        Bell bell(m_engine, m_rung, &sink);
+        setTime(0);
+        add(bell, 100);
+        EXPECT_EQ(Rung(), ringAt(100));
+        if (removes) {
+            remove(bell);
+        }
+        ASSERT_EQ(1U, sink.messages.size());
+        EXPECT_NE(nullptr, dynamic_cast<Message::Callback*>(sink.messages[0]));
+        sink.messages[0]->invoke();
+        EXPECT_EQ(Rung{&bell}, m_rung);
+    }
 }
 
-TEST_F(AlarmTimer, aMessageThatWasPushedIsOutOfReachOfRemove) {
-    KeepingSink sink;
-    Bell bell(m_engine, m_rung, &sink);
-    add(bell, 100);
-    ringAt(100);
-    remove(bell);
-    ASSERT_EQ(1U, sink.messages.size());
-    sink.messages[0]->invoke();
-    EXPECT_EQ(Rung{&bell}, m_rung);
-}
-
-TEST_F(AlarmTimer, asksOnlyTheMonotonicClock) {
+TEST_F(AlarmTimer, readsOnlyTheMonotonicClockAndOnlyToAddAndToRing) {
     add(m_a, 100);
     EXPECT_EQ(CLOCK_MONOTONIC, m_clock.getClock());
-    for (clockid_t const other : {CLOCK_REALTIME}) {
-        timespec time{};
-        clock_gettime(other, &time);
-        ringAt(50);
-        EXPECT_EQ(CLOCK_MONOTONIC, m_clock.getClock());
-    }
+    timespec time{};
+    clock_gettime(CLOCK_REALTIME, &time);
+    ringAt(50);
+    EXPECT_EQ(CLOCK_MONOTONIC, m_clock.getClock());
     Fault const count(inject_clock_gettime, 0);
     add(m_a, 100);
     EXPECT_EQ(1, count.getCalls());
@@ -584,11 +444,11 @@ TEST_F(AlarmTimer, asksOnlyTheMonotonicClock) {
     EXPECT_EQ(2, count.getCalls());
 }
 
-// ---- Failures ----
+// ---- failures ----
 
-/// True if another thread can have the engine's lock.
+/// Returns whether another thread can lock the engine.
 bool isUnlocked(Engine& engine, Alarm& alarm) {
-    support::Event done;
+    Event done;
     std::thread other([&] {
         engine.remove(&alarm);
         done.set();
@@ -598,22 +458,22 @@ bool isUnlocked(Engine& engine, Alarm& alarm) {
     return unlocked;
 }
 
-TEST_F(AlarmTimer, whatTheKernelAnswersDoesNotMatter) {
+TEST_F(AlarmTimer, resultOfTheSystemCallDoesNotMatter) {
     KernelTimers const all(KernelTimers::ALL);
     Fault const fault(inject_timer_settime, EINVAL, 1, Fault::FOREVER);
     add(m_a, 100);
     add(m_b, 50);
     EXPECT_EQ((Rung{&m_b}), ringAt(50));
     EXPECT_EQ((Rung{&m_a}), ringAt(100));
-    EXPECT_TRUE(support::chainIs({}));
+    EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(AlarmTimer, anEngineWithoutATimerTouchesNoOtherTimer) {
+TEST_F(AlarmTimer, engineWithoutATimerTouchesNoOtherTimer) {
     timer_t const timer_of_another_engine = m_timers.created_timer;
     {
         Fault const fault(inject_timer_create, EAGAIN);
         Engine engine(SIGNAL + 1, "Other", vesk::sched::Attr());
-        EXPECT_TRUE(support::chainIs({}));
+        EXPECT_TRUE(chainIs({}));
         Bell bell(engine, m_rung);
         engine.add(&bell.alarm, Duration(10));
         EXPECT_NE(timer_of_another_engine, m_timers.armed_timer);
@@ -627,21 +487,19 @@ TEST_F(AlarmTimer, anEngineWithoutATimerTouchesNoOtherTimer) {
     EXPECT_EQ(m_timers.armed_timer, m_timers.deleted_timer);
 }
 
-TEST_F(AlarmTimer, aRingWithoutMemoryThrowsAndChangesNothing) {
+TEST_F(AlarmTimer, ringWithoutMemoryThrowsAndChangesNothing) {
     add(m_a, 100);
     add(m_b, 200);
-    m_timers.take();
     setTime(100);
     {
         NewFault const fault(New::SINGLE);
         EXPECT_THROW(Engine::ring(&m_engine), std::bad_alloc);
     }
     EXPECT_TRUE(isUnlocked(m_engine, m_c.alarm));
-    EXPECT_EQ(Rung{&m_a}, ringAt(100));
-    EXPECT_EQ(Spans{ms(100)}, m_timers.take());
+    expectRing(100, {&m_a}, {ms(100)});
 }
 
-TEST_F(AlarmTimer, aRingAllocatesOnceForItsListAndNotForEachAlarm) {
+TEST_F(AlarmTimer, ringAllocatesOnceForItsListAndNotForEachAlarm) {
     std::deque<Bell> bells;
     for (int i = 0; i < 300; ++i) {
         add(bells.emplace_back(m_engine, m_rung), 100);
@@ -661,7 +519,7 @@ TEST_F(AlarmTimer, aRingAllocatesOnceForItsListAndNotForEachAlarm) {
     EXPECT_EQ(300U, m_rung.size());
 }
 
-TEST_F(AlarmTimer, aMessageWithoutMemoryLeavesTheEngineArmedAndUnlocked) {
+TEST_F(AlarmTimer, messageWithoutMemoryLeavesTheEngineArmedAndUnlocked) {
     KeepingSink sink;
     Bell bell(m_engine, m_rung, &sink);
     add(bell, 100);
@@ -677,7 +535,7 @@ TEST_F(AlarmTimer, aMessageWithoutMemoryLeavesTheEngineArmedAndUnlocked) {
     EXPECT_EQ(Rung{&m_b}, ringAt(300));
 }
 
-TEST_F(AlarmTimer, aSinkThatThrowsLosesNoMemory) {
+TEST_F(AlarmTimer, sinkThatThrowsLosesNoMemory) {
     KeepingSink sink;
     sink.throws = true;
     Bell bell(m_engine, m_rung, &sink);
@@ -688,7 +546,7 @@ TEST_F(AlarmTimer, aSinkThatThrowsLosesNoMemory) {
     expectNothingPending();
 }
 
-TEST_F(AlarmTimer, aCallbackThatThrowsLeavesTheEngineArmedAndUnlocked) {
+TEST_F(AlarmTimer, callbackThatThrowsLeavesTheEngineArmedAndUnlocked) {
     m_a.action = [] { throw std::runtime_error("broken"); };
     add(m_a, 100);
     add(m_b, 100);
@@ -702,11 +560,11 @@ TEST_F(AlarmTimer, aCallbackThatThrowsLeavesTheEngineArmedAndUnlocked) {
     add(other, 250);
     EXPECT_EQ(Spans{ms(250)}, m_timers.take());
     EXPECT_EQ(Rung{&other}, ringAt(350));
-    EXPECT_EQ(Rung{&m_c}, ringAt(400)) << "b is given up";
+    EXPECT_EQ(Rung{&m_c}, ringAt(400)) << "b is discarded";
 }
 
-TEST_F(AlarmTimer, anAddWithoutMemoryChangesNothing) {
-    // However many there are, at some number one more needs memory.
+TEST_F(AlarmTimer, addWithoutMemoryChangesNothing) {
+    // At some numbers of alarms, one more needs memory.
     int refused = 0;
     std::deque<Bell> bells;
     for (int i = 0; i < 3000; ++i) {
@@ -730,7 +588,7 @@ TEST_F(AlarmTimer, anAddWithoutMemoryChangesNothing) {
     expectNothingPending();
 }
 
-TEST_F(AlarmTimer, anAddWithoutMemoryLeavesTheAlarmOut) {
+TEST_F(AlarmTimer, addWithoutMemoryLeavesTheAlarmOut) {
     std::deque<Bell> bells;
     for (bool refused = false; !refused;) {
         Bell& bell = bells.emplace_back(m_engine, m_rung);
@@ -746,7 +604,7 @@ TEST_F(AlarmTimer, anAddWithoutMemoryLeavesTheAlarmOut) {
     EXPECT_EQ(0, std::count(rung.begin(), rung.end(), &bells.back()));
 }
 
-// ---- Beginning and end ----
+// ---- creation and destruction ----
 
 bool isCaught(int signal) {
     struct sigaction action {};
@@ -754,13 +612,13 @@ bool isCaught(int signal) {
     return action.sa_handler != SIG_DFL;
 }
 
-TEST(AlarmTimerLife, theThreadAndTheHandlerAreThereBeforeTheTimerAndTheThreadGoesBeforeIt) {
-    int const threads = support::countThreads();
+TEST(AlarmTimerLife, threadAndHandlerExistBeforeTheTimerAndTheThreadEndsBeforeIt) {
+    int const threads = countThreads();
     KernelTimers timers;
     int calls = 0;
     auto const check = [&](int expected_threads) {
         ++calls;
-        EXPECT_TRUE(support::hasThreads(expected_threads));
+        EXPECT_TRUE(hasThreads(expected_threads));
         EXPECT_TRUE(isCaught(SIGNAL));
     };
     timers.on_create = [&] { check(threads + 1); };
@@ -774,11 +632,11 @@ TEST(AlarmTimerLife, theThreadAndTheHandlerAreThereBeforeTheTimerAndTheThreadGoe
     EXPECT_EQ(1, timers.deleted);
     EXPECT_EQ(timers.created_timer, timers.deleted_timer);
     EXPECT_FALSE(isCaught(SIGNAL));
-    EXPECT_TRUE(support::hasThreads(threads));
+    EXPECT_TRUE(hasThreads(threads));
 }
 
-TEST(AlarmTimerLife, alarmsThatArePendingAtTheEndAreForgotten) {
-    std::vector<Bell*> rung;
+TEST(AlarmTimerLife, alarmsThatArePendingAtTheEndDoNotRing) {
+    Rung rung;
     {
         Engine engine(SIGNAL, "Engine", vesk::sched::Attr());
         Bell bell(engine, rung);
@@ -788,7 +646,7 @@ TEST(AlarmTimerLife, alarmsThatArePendingAtTheEndAreForgotten) {
 }
 
 /// The kernel may have raised the signal when the timer is deleted, without a thread having handled it yet.
-TEST(AlarmTimerLife, aSignalThatIsStillOnItsWayAtTheEndDoesNotEndTheProcess) {
+TEST(AlarmTimerLife, signalThatIsPendingAtTheEndDoesNotEndTheProcess) {
     auto const end = runInChild([] {
         KernelTimers timers;
         sigset_t signals;
@@ -809,70 +667,74 @@ TEST(AlarmTimerLife, aSignalThatIsStillOnItsWayAtTheEndDoesNotEndTheProcess) {
     EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 
-TEST(AlarmTimerLife, anEngineForASignalThatCannotBeCaughtComesAndGoes) {
+TEST(AlarmTimerLife, engineForASignalThatCannotBeCaughtIsCreatedAndDestroyed) {
     KernelTimers const timers; // Keeps SIGKILL from being raised.
     for (int const signal : {0, SIGKILL}) {
         Engine engine(signal, "Engine", vesk::sched::Attr());
-        std::vector<Bell*> rung;
+        Rung rung;
         Bell bell(engine, rung);
         engine.add(&bell.alarm, Duration(0));
         Engine::ring(&engine);
         EXPECT_EQ(Rung{&bell}, rung);
     }
-    EXPECT_TRUE(support::chainIs({}));
+    EXPECT_TRUE(chainIs({}));
 }
 
-TEST(AlarmTimerLife, aSignalFromElsewhereIsAnEarlyRing) {
+TEST(AlarmTimerLife, signalFromElsewhereIsAnEarlyRing) {
     KernelTimers timers;
     Engine engine(SIGNAL, "Engine", vesk::sched::Attr());
-    std::vector<Bell*> rung;
+    Rung rung;
     Bell bell(engine, rung);
     engine.add(&bell.alarm, Duration(3600000));
     timers.take();
     kill(getpid(), SIGNAL);
-    ASSERT_TRUE(support::eventually([&] { return timers.countArmings() == 3; }));
+    ASSERT_TRUE(eventually([&] { return timers.countArmings() == 3; }));
     engine.remove(&bell.alarm);
     EXPECT_EQ(Rung(), rung);
 }
 
-// ---- Against a model ----
+// ---- against a model ----
 
-/// The engine told as plainly as can be: a map, and a walk over all of it for each question.
+/// The simplest form of the engine: a map, which each query searches completely.
 class Model {
 public:
-    void add(Alarm* alarm, long long now, long long delay) {
-        m_expiries[alarm] = now + delay;
+    void add(Bell* bell, long long now, long long delay) {
+        m_expiries[bell] = now + delay;
         if (m_next > now + delay) {
             m_next = now + delay;
             arm(delay);
         }
     }
-    void remove(Alarm* alarm) {
-        m_expiries.erase(alarm);
+    void remove(Bell* bell) {
+        m_expiries.erase(bell);
         lookForNext();
     }
-    std::vector<Alarm*> beginRing(long long now) {
+    Rung beginRing(long long now) {
         if (m_next > now) {
             armForNext(now);
             return {};
         }
-        std::vector<Alarm*> due;
-        for (auto const& [alarm, expiry] : m_expiries) {
+        Rung due;
+        for (auto const& [bell, expiry] : m_expiries) {
             if (expiry <= now) {
-                due.push_back(alarm);
+                due.push_back(bell);
             }
         }
-        for (Alarm* const alarm : due) {
-            m_expiries.erase(alarm);
+        for (Bell* const bell : due) {
+            m_expiries.erase(bell);
         }
         lookForNext();
         return due;
     }
-    void endRing(long long now) { armForNext(now); }
+    void armForNext(long long now) {
+        if (m_next < NEVER) {
+            arm(m_next - now);
+        }
+    }
 
     Spans take() { return std::exchange(m_spans, {}); }
     size_t getCount() const { return m_expiries.size(); }
-    Alarm* getAny(size_t i) const { return std::next(m_expiries.begin(), static_cast<long>(i))->first; }
+    Bell* getAny(size_t i) const { return std::next(m_expiries.begin(), static_cast<long>(i))->first; }
 
 private:
     static constexpr long long NEVER = std::numeric_limits<long long>::max();
@@ -881,11 +743,6 @@ private:
         constexpr time_t LONGEST = std::numeric_limits<time_t>::max();
         m_spans.push_back(delay == 0 ? AT_ONCE : delay / 1000 > LONGEST ? Span{LONGEST, 0} : ms(delay));
     }
-    void armForNext(long long now) {
-        if (m_next < NEVER) {
-            arm(m_next - now);
-        }
-    }
     void lookForNext() {
         m_next = NEVER;
         for (auto const& entry : m_expiries) {
@@ -893,88 +750,68 @@ private:
         }
     }
 
-    std::map<Alarm*, long long, std::less<>> m_expiries;
-    long long m_next = START + 18446744073709551;
+    std::map<Bell*, long long, std::less<>> m_expiries;
+    long long m_next = FAR_AWAY;
     Spans m_spans;
 };
 
 /// How many alarms there are, how many steps, and how far their times lie apart.
-struct Course {
+struct Walk {
     unsigned int seed;
     int alarms;
     int steps;
     long long longest;
 };
 
-class AlarmTimerModel : public testing::TestWithParam<Course> {
+class AlarmTimerModel : public AlarmTimer, public testing::WithParamInterface<Walk> {
 protected:
-    struct Chime {
-        Chime(AlarmTimerModel& test, Engine& engine)
-            : owner(test), alarm(std::SharedBase::Ptr<Engine>(nullptr, &engine), nullptr, rang, this) {}
-
-        static void rang(void* data) {
-            auto* const self = static_cast<Chime*>(data);
-            self->owner.m_rung.push_back(&self->alarm);
-            if (self->owner.pick(3) == 0) {
-                self->owner.change();
-            }
-        }
-
-        AlarmTimerModel& owner;
-        Alarm alarm;
-    };
-
-    AlarmTimerModel() : m_clock(START / 1000, 0), m_random(GetParam().seed) {
+    void SetUp() override {
         for (int i = 0; i < GetParam().alarms; ++i) {
-            m_chimes.push_back(std::make_unique<Chime>(*this, m_engine));
+            m_bells.push_back(std::make_unique<Bell>(m_engine, m_rung));
+            m_bells.back()->action = [this] {
+                if (pick(3) == 0) {
+                    change();
+                }
+            };
         }
     }
 
     long long pick(long long below) {
         return std::uniform_int_distribution<long long>(0, below - 1)(m_random);
     }
-    Alarm* pickAlarm() {
-        return &m_chimes[static_cast<size_t>(pick(static_cast<long long>(m_chimes.size())))]->alarm;
-    }
+    Bell* pickBell() { return m_bells[static_cast<size_t>(pick(GetParam().alarms))].get(); }
     void pass(long long by) {
         m_now += by;
-        m_clock.set(static_cast<time_t>(m_now / 1000), static_cast<long>(m_now % 1000) * 1000000);
+        setTime(m_now);
     }
 
     /// Adds, moves or removes one, with the engine and with the model.
     void change() {
         if (pick(3) != 0) {
-            Alarm* const alarm = pickAlarm();
+            Bell* const bell = pickBell();
             long long const delay = pick(GetParam().longest);
-            m_engine.add(alarm, Duration(delay));
-            m_model.add(alarm, m_now, delay);
+            add(*bell, delay);
+            m_model.add(bell, m_now, delay);
         } else {
-            bool const known = m_model.getCount() != 0 && pick(4) != 0;
-            Alarm* const alarm = known
-                ? m_model.getAny(static_cast<size_t>(pick(static_cast<long long>(m_model.getCount()))))
-                : pickAlarm();
-            m_engine.remove(alarm);
-            m_model.remove(alarm);
+            auto const count = static_cast<long long>(m_model.getCount());
+            bool const known = count != 0 && pick(4) != 0;
+            Bell* const bell = known ? m_model.getAny(static_cast<size_t>(pick(count))) : pickBell();
+            remove(*bell);
+            m_model.remove(bell);
         }
     }
 
     void ring() {
         long long const now = m_now;
-        std::vector<Alarm*> const due = m_model.beginRing(now);
-        m_rung.clear();
-        Engine::ring(&m_engine);
-        m_model.endRing(now);
-        ASSERT_EQ(due, m_rung);
+        Rung const due = m_model.beginRing(now);
+        ASSERT_EQ(due, ringAt(now));
+        m_model.armForNext(now);
     }
 
-    FakeClock m_clock;
-    long long m_now = START;
-    KernelTimers m_timers;
-    Engine m_engine{SIGNAL, "Engine", vesk::sched::Attr()};
+    long long m_now = 0;
     Model m_model;
-    std::mt19937 m_random;
-    std::vector<std::unique_ptr<Chime>> m_chimes;
-    std::vector<Alarm*> m_rung;
+    std::mt19937 m_random{GetParam().seed};
+    std::vector<std::unique_ptr<Bell>> m_bells;
 };
 
 TEST_P(AlarmTimerModel, behavesLikeAPlainMap) {
@@ -996,7 +833,7 @@ TEST_P(AlarmTimerModel, behavesLikeAPlainMap) {
 INSTANTIATE_TEST_SUITE_P(
     All, AlarmTimerModel,
     testing::Values(
-        Course{1, 3, 20000, 6}, Course{2, 9, 20000, 20}, Course{3, 40, 20000, 100},
-        Course{4, 40, 20000, 100000}, Course{5, 500, 20000, 1000}, Course{6, 3000, 9000, 100000}));
+        Walk{1, 3, 20000, 6}, Walk{2, 9, 20000, 20}, Walk{3, 40, 20000, 100}, Walk{4, 40, 20000, 100000},
+        Walk{5, 500, 20000, 1000}, Walk{6, 3000, 9000, 100000}));
 
 } // namespace

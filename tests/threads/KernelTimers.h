@@ -8,16 +8,14 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstddef>
 #include <ctime>
 #include <functional>
 #include <mutex>
 #include <ostream>
-#include <utility>
 #include <vector>
 
-/// Replaces `timer_create`, `timer_settime` and `timer_delete`. Include it in one file of a test program. While a
-/// `KernelTimers` lives their calls are recorded, and it says which of them reach the kernel.
+/// Replaces `timer_create`, `timer_settime` and `timer_delete`. Must be included in one file of a test program. During
+/// the lifetime of a `KernelTimers` it records their calls and decides which of them reach the kernel.
 
 inline support::Injected inject_timer_create("timer_create");
 inline support::Injected inject_timer_settime("timer_settime");
@@ -44,14 +42,14 @@ constexpr Span ms(long long count) {
     return {static_cast<time_t>(count / 1000), static_cast<long>(count % 1000) * 1000000};
 }
 
-/// One at a time.
+/// At most one object at a time.
 class KernelTimers {
 public:
     static constexpr int ALL = INT_MAX;
 
-    /// @param passing  how many calls of `timer_settime` reach the kernel; those after them are only recorded
+    /// @param passing  how many calls of `timer_settime` reach the kernel; later ones are only recorded
     explicit KernelTimers(int passing = 0) : m_passing(passing) {
-        m_armings.reserve(ROOM);
+        m_spans.reserve(ROOM);
         s_current = this;
     }
     ~KernelTimers() { s_current = nullptr; }
@@ -59,22 +57,12 @@ public:
     KernelTimers(KernelTimers const&) = delete;
     KernelTimers& operator=(KernelTimers const&) = delete;
 
-    /// What was armed since the last call. Checks that each was relative and for one shot, and wanted no old value.
+    /// Returns what was armed since the last call.
     Spans take() {
-        std::vector<Arming> armings;
-        armings.reserve(ROOM);
-        {
-            std::lock_guard<std::mutex> const lock(m_mutex);
-            armings.swap(m_armings);
-        }
         Spans spans;
-        for (Arming const& arming : armings) {
-            EXPECT_EQ(0, arming.flags);
-            EXPECT_EQ(0, arming.value.it_interval.tv_sec);
-            EXPECT_EQ(0, arming.value.it_interval.tv_nsec);
-            EXPECT_FALSE(arming.wants_old);
-            spans.push_back({arming.value.it_value.tv_sec, arming.value.it_value.tv_nsec});
-        }
+        spans.reserve(ROOM);
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        spans.swap(m_spans);
         return spans;
     }
 
@@ -83,7 +71,7 @@ public:
         return m_count;
     }
 
-    // Public, since only the replaced functions and the tests' threads one after the other touch them.
+    // Public, because the replaced functions and the threads of the test access them only in turn.
     int created = 0;
     int deleted = 0;
     clockid_t clock = -1;
@@ -91,33 +79,30 @@ public:
     timer_t created_timer{};
     timer_t armed_timer{};
     timer_t deleted_timer{};
-    std::function<void()> on_create; ///< Called before the kernel is.
+    std::function<void()> on_create; ///< Called before the kernel.
     std::function<void()> on_delete;
 
     static KernelTimers* getCurrent() { return s_current; }
 
-    /// Whether a call is to reach the kernel.
-    bool record(timer_t timer, int flags, itimerspec const& value, bool wants_old) {
+    /// Records a call, which must arm for one shot after a relative time. Returns whether it reaches the kernel.
+    bool record(timer_t timer, int flags, itimerspec const& value, itimerspec const* old) {
         std::lock_guard<std::mutex> const lock(m_mutex);
+        EXPECT_TRUE(flags == 0 && old == nullptr);
+        EXPECT_TRUE(value.it_interval.tv_sec == 0 && value.it_interval.tv_nsec == 0);
         armed_timer = timer;
-        m_armings.push_back({flags, value, wants_old});
+        m_spans.push_back({value.it_value.tv_sec, value.it_value.tv_nsec});
         return m_count++ < m_passing;
     }
 
 private:
-    struct Arming {
-        int flags;
-        itimerspec value;
-        bool wants_old;
-    };
-
-    static constexpr size_t ROOM = 64; // So many do not disturb a test of failing allocations.
+    static constexpr size_t ROOM =
+        64; // So that recording does not allocate in a test of failing allocations.
 
     static inline std::atomic<KernelTimers*> s_current{nullptr};
 
     int m_passing;
     std::mutex m_mutex;
-    std::vector<Arming> m_armings;
+    Spans m_spans;
     int m_count = 0;
 };
 
@@ -149,7 +134,7 @@ extern "C" int timer_create(clockid_t clock, sigevent* event, timer_t* timer) no
 extern "C" int timer_settime(timer_t timer, int flags, itimerspec const* value, itimerspec* old) noexcept {
     support::KernelTimers* const timers = support::KernelTimers::getCurrent();
     int error = 0;
-    if (timers != nullptr && !timers->record(timer, flags, *value, old != nullptr)) {
+    if (timers != nullptr && !timers->record(timer, flags, *value, old)) {
         return 0;
     }
     if (inject_timer_settime.fails(error)) {

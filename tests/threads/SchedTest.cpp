@@ -1,22 +1,14 @@
-#include "support/Chain.h"
+#include "support/ErrnoRows.h"
 #include "support/Inject.h"
+#include "threads/SchedSupport.h"
 
-#include <vesk/SysError.h>
 #include <vesk/sched.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <iomanip>
 #include <limits>
-#include <pthread.h>
-#include <sched.h>
 #include <sstream>
-#include <string>
-#include <thread>
 #include <type_traits>
 
 VESK_INJECT_RESULT(
@@ -24,11 +16,8 @@ VESK_INJECT_RESULT(
 
 namespace {
 
+using namespace support;
 using namespace vesk::sched;
-using support::chainIs;
-using support::Fault;
-using support::rowText;
-using support::systemText;
 
 // ---- the values ----
 
@@ -49,43 +38,20 @@ static_assert(std::is_convertible_v<Policy_E, Policy> && std::is_convertible_v<P
 static_assert(Policy() == VESK_SCHED_NOOP);
 static_assert(Policy(VESK_SCHED_CLASS_HIGH) == VESK_SCHED_CLASS_HIGH);
 
-template <typename T>
-bool isAllZero(T const& object) {
-    unsigned char bytes[sizeof object];
-    memcpy(bytes, &object, sizeof object);
-    for (unsigned char const byte : bytes) {
-        if (byte != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
 TEST(SchedAttr, beginsAllZeroWhichIsNoop) {
     static Attr attributes; // Static, so that the padding is zero, too.
-    EXPECT_TRUE(isAllZero(attributes));
+    unsigned char const zero[sizeof attributes] = {};
+    EXPECT_EQ(0, memcmp(zero, &attributes, sizeof attributes));
     EXPECT_EQ(VESK_SCHED_NOOP, attributes.policy);
 }
 
 // ---- the constructor ----
-
-void expectParam(Param const& param, int priority, int nice) {
-    EXPECT_EQ(priority, param.priority);
-    EXPECT_EQ(nice, param.nice);
-    EXPECT_EQ(0, param.reserved_byte);
-    EXPECT_EQ(0u, param.reserved_word);
-    EXPECT_EQ(0u, param.reserved_last);
-}
 
 struct PlacingRow {
     int policy;
     int priority;
     int nice;
 };
-
-void PrintTo(PlacingRow const& row, std::ostream* out) {
-    *out << static_cast<Policy_E>(row.policy);
-}
 
 class SchedParamPlacing : public testing::TestWithParam<PlacingRow> {};
 
@@ -122,39 +88,28 @@ TEST(SchedParam, readsTheCallersPolicyOnlyForKeep) {
     EXPECT_EQ(1, reads.getCalls());
 }
 
-/// Runs `body` in a thread of the given policy, if the system grants it.
-template <typename Body>
-void inThreadOf(int policy, int priority, Body body) {
-    int refused = 0;
-    std::thread([&] {
-        sched_param param{};
-        param.sched_priority = priority;
-        refused = pthread_setschedparam(pthread_self(), policy, &param);
-        if (refused == 0) {
-            body();
-        }
-    }).join();
-    if (refused != 0) {
-        GTEST_SKIP() << "no real-time scheduling here: " << systemText(refused);
-    }
+/// Checks `VESK_SCHED_POLICY_KEEP` in a thread of this policy. Skips the test if the system refuses the policy.
+void expectKept(int policy, int caller_priority, int priority, int nice) {
+    inPreparedThread(
+        "no real-time scheduling here", [=] { return setPolicy(policy, caller_priority); },
+        [=] { expectParam(Param(VESK_SCHED_POLICY_KEEP, 5), priority, nice); });
 }
 
 TEST(SchedParam, keepInAFifoThreadIsAPriority) {
-    inThreadOf(SCHED_FIFO, 1, [] { expectParam(Param(VESK_SCHED_POLICY_KEEP, 5), 5, 0); });
+    expectKept(SCHED_FIFO, 1, 5, 0);
 }
 
 TEST(SchedParam, keepInARoundRobinThreadIsAPriority) {
-    inThreadOf(SCHED_RR, 1, [] { expectParam(Param(VESK_SCHED_POLICY_KEEP, 5), 5, 0); });
+    expectKept(SCHED_RR, 1, 5, 0);
 }
 
 TEST(SchedParam, keepInATimeSharingThreadIsANiceValue) {
-    inThreadOf(SCHED_OTHER, 0, [] { expectParam(Param(VESK_SCHED_POLICY_KEEP, 5), 0, 5); });
+    expectKept(SCHED_OTHER, 0, 0, 5);
 }
 
 TEST(SchedParam, keepThatCannotReadStaysAllZeroWithTheErrorPending) {
     Fault const fault(inject_pthread_getschedparam, ESRCH);
-    Param const param(VESK_SCHED_POLICY_KEEP, 5);
-    expectParam(param, 0, 0);
+    expectParam(Param(VESK_SCHED_POLICY_KEEP, 5), 0, 0);
     EXPECT_TRUE(chainIs(
         {{vesk::SysErrorId::UNCLASSIFIED, "Unclassified error occured: No such process (errno = 3)"}}));
 }
@@ -170,74 +125,60 @@ std::string textOf(T const& value) {
 
 struct NameRow {
     int value;
+    int number;
     char const* name;
 };
-
-void PrintTo(NameRow const& row, std::ostream* out) {
-    *out << row.value << " " << row.name;
-}
 
 class SchedPolicyNames : public testing::TestWithParam<NameRow> {};
 
 TEST_P(SchedPolicyNames, areWritten) {
+    EXPECT_EQ(GetParam().number, GetParam().value);
     auto const policy = static_cast<Policy_E>(GetParam().value);
     EXPECT_EQ(GetParam().name, textOf(policy));
     EXPECT_EQ(GetParam().name, textOf(Policy(policy))) << "through the class around it";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, SchedPolicyNames,
-    testing::Values(
-        NameRow{0, "VESK_SCHED_NOOP"}, NameRow{1, "VESK_SCHED_POLICY_KEEP"},
-        NameRow{2, "VESK_SCHED_POLICY_RR"}, NameRow{3, "VESK_SCHED_POLICY_FIFO"},
-        NameRow{4, "VESK_SCHED_POLICY_NORMAL"}, NameRow{5, "VESK_SCHED_CLASS_IDLE"},
-        NameRow{6, "VESK_SCHED_CLASS_BELOW_NORMAL"}, NameRow{7, "VESK_SCHED_CLASS_NORMAL"},
-        NameRow{8, "VESK_SCHED_CLASS_ABOVE_NORMAL"}, NameRow{9, "VESK_SCHED_CLASS_HIGH"},
-        NameRow{10, "VESK_SCHED_CLASS_REALTIME"}, NameRow{11, "unknown policy (11)"},
-        NameRow{-1, "unknown policy (-1)"}, NameRow{INT32_MIN, "unknown policy (-2147483648)"},
-        NameRow{INT32_MAX, "unknown policy (2147483647)"}));
-
-TEST(SchedPolicyNames, belongToTheEnumeratorsOfTheirName) {
-    EXPECT_EQ("VESK_SCHED_NOOP", textOf(VESK_SCHED_NOOP));
-    EXPECT_EQ("VESK_SCHED_POLICY_KEEP", textOf(VESK_SCHED_POLICY_KEEP));
-    EXPECT_EQ("VESK_SCHED_POLICY_RR", textOf(VESK_SCHED_POLICY_RR));
-    EXPECT_EQ("VESK_SCHED_POLICY_FIFO", textOf(VESK_SCHED_POLICY_FIFO));
-    EXPECT_EQ("VESK_SCHED_POLICY_NORMAL", textOf(VESK_SCHED_POLICY_NORMAL));
-    EXPECT_EQ("VESK_SCHED_CLASS_IDLE", textOf(VESK_SCHED_CLASS_IDLE));
-    EXPECT_EQ("VESK_SCHED_CLASS_BELOW_NORMAL", textOf(VESK_SCHED_CLASS_BELOW_NORMAL));
-    EXPECT_EQ("VESK_SCHED_CLASS_NORMAL", textOf(VESK_SCHED_CLASS_NORMAL));
-    EXPECT_EQ("VESK_SCHED_CLASS_ABOVE_NORMAL", textOf(VESK_SCHED_CLASS_ABOVE_NORMAL));
-    EXPECT_EQ("VESK_SCHED_CLASS_HIGH", textOf(VESK_SCHED_CLASS_HIGH));
-    EXPECT_EQ("VESK_SCHED_CLASS_REALTIME", textOf(VESK_SCHED_CLASS_REALTIME));
-}
+NameRow const POLICIES[] = {
+    {VESK_SCHED_NOOP, 0, "VESK_SCHED_NOOP"},
+    {VESK_SCHED_POLICY_KEEP, 1, "VESK_SCHED_POLICY_KEEP"},
+    {VESK_SCHED_POLICY_RR, 2, "VESK_SCHED_POLICY_RR"},
+    {VESK_SCHED_POLICY_FIFO, 3, "VESK_SCHED_POLICY_FIFO"},
+    {VESK_SCHED_POLICY_NORMAL, 4, "VESK_SCHED_POLICY_NORMAL"},
+    {VESK_SCHED_CLASS_IDLE, 5, "VESK_SCHED_CLASS_IDLE"},
+    {VESK_SCHED_CLASS_BELOW_NORMAL, 6, "VESK_SCHED_CLASS_BELOW_NORMAL"},
+    {VESK_SCHED_CLASS_NORMAL, 7, "VESK_SCHED_CLASS_NORMAL"},
+    {VESK_SCHED_CLASS_ABOVE_NORMAL, 8, "VESK_SCHED_CLASS_ABOVE_NORMAL"},
+    {VESK_SCHED_CLASS_HIGH, 9, "VESK_SCHED_CLASS_HIGH"},
+    {VESK_SCHED_CLASS_REALTIME, 10, "VESK_SCHED_CLASS_REALTIME"},
+    {11, 11, "unknown policy (11)"},
+    {-1, -1, "unknown policy (-1)"},
+    {INT32_MIN, INT32_MIN, "unknown policy (-2147483648)"},
+    {INT32_MAX, INT32_MAX, "unknown policy (2147483647)"},
+};
+INSTANTIATE_TEST_SUITE_P(All, SchedPolicyNames, testing::ValuesIn(POLICIES));
 
 class SchedWinThreadPrioNames : public testing::TestWithParam<NameRow> {};
 
 TEST_P(SchedWinThreadPrioNames, areWritten) {
+    EXPECT_EQ(GetParam().number, GetParam().value);
     EXPECT_EQ(GetParam().name, textOf(static_cast<WinThreadPrio>(GetParam().value)));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, SchedWinThreadPrioNames,
-    testing::Values(
-        NameRow{0, "VESK_WIN_THREAD_PRIO_IDLE"}, NameRow{1, "VESK_WIN_THREAD_PRIO_LOWEST"},
-        NameRow{2, "VESK_WIN_THREAD_PRIO_BELOW_NORMAL"}, NameRow{3, "VESK_WIN_THREAD_PRIO_NORMAL"},
-        NameRow{4, "VESK_WIN_THREAD_PRIO_ABOVE_NORMAL"}, NameRow{5, "VESK_WIN_THREAD_PRIO_HIGHEST"},
-        NameRow{6, "VESK_WIN_THREAD_PRIO_TIME_CRITICAL"}, NameRow{7, "unknown thread priority (7)"},
-        NameRow{-1, "unknown thread priority (-1)"},
-        NameRow{INT32_MIN, "unknown thread priority (-2147483648)"}));
+NameRow const PRIORITIES[] = {
+    {VESK_WIN_THREAD_PRIO_IDLE, 0, "VESK_WIN_THREAD_PRIO_IDLE"},
+    {VESK_WIN_THREAD_PRIO_LOWEST, 1, "VESK_WIN_THREAD_PRIO_LOWEST"},
+    {VESK_WIN_THREAD_PRIO_BELOW_NORMAL, 2, "VESK_WIN_THREAD_PRIO_BELOW_NORMAL"},
+    {VESK_WIN_THREAD_PRIO_NORMAL, 3, "VESK_WIN_THREAD_PRIO_NORMAL"},
+    {VESK_WIN_THREAD_PRIO_ABOVE_NORMAL, 4, "VESK_WIN_THREAD_PRIO_ABOVE_NORMAL"},
+    {VESK_WIN_THREAD_PRIO_HIGHEST, 5, "VESK_WIN_THREAD_PRIO_HIGHEST"},
+    {VESK_WIN_THREAD_PRIO_TIME_CRITICAL, 6, "VESK_WIN_THREAD_PRIO_TIME_CRITICAL"},
+    {7, 7, "unknown thread priority (7)"},
+    {-1, -1, "unknown thread priority (-1)"},
+    {INT32_MIN, INT32_MIN, "unknown thread priority (-2147483648)"},
+};
+INSTANTIATE_TEST_SUITE_P(All, SchedWinThreadPrioNames, testing::ValuesIn(PRIORITIES));
 
-TEST(SchedWinThreadPrioNames, belongToTheEnumeratorsOfTheirName) {
-    EXPECT_EQ("VESK_WIN_THREAD_PRIO_IDLE", textOf(VESK_WIN_THREAD_PRIO_IDLE));
-    EXPECT_EQ("VESK_WIN_THREAD_PRIO_LOWEST", textOf(VESK_WIN_THREAD_PRIO_LOWEST));
-    EXPECT_EQ("VESK_WIN_THREAD_PRIO_BELOW_NORMAL", textOf(VESK_WIN_THREAD_PRIO_BELOW_NORMAL));
-    EXPECT_EQ("VESK_WIN_THREAD_PRIO_NORMAL", textOf(VESK_WIN_THREAD_PRIO_NORMAL));
-    EXPECT_EQ("VESK_WIN_THREAD_PRIO_ABOVE_NORMAL", textOf(VESK_WIN_THREAD_PRIO_ABOVE_NORMAL));
-    EXPECT_EQ("VESK_WIN_THREAD_PRIO_HIGHEST", textOf(VESK_WIN_THREAD_PRIO_HIGHEST));
-    EXPECT_EQ("VESK_WIN_THREAD_PRIO_TIME_CRITICAL", textOf(VESK_WIN_THREAD_PRIO_TIME_CRITICAL));
-}
-
-TEST(SchedText, tellsPriorityAndNiceValueOfParameters) {
+TEST(SchedText, showsPriorityAndNiceValueOfParameters) {
     EXPECT_EQ("priority=0, nice=0", textOf(Param()));
     EXPECT_EQ("priority=42, nice=0", textOf(Param(VESK_SCHED_POLICY_RR, 42)));
     EXPECT_EQ("priority=0, nice=-20", textOf(Param(VESK_SCHED_POLICY_NORMAL, -20)));

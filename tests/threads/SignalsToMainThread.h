@@ -1,11 +1,11 @@
 #pragma once
 
-/// Include it in one file of a test program with engines of alarms.
+/// Must be included in one file of a test program with engines of alarms.
 ///
-/// The thread sanitizer puts a signal off that reaches a thread in a call which it does not know to block, and hands
-/// it over when that thread makes its next call that it does know. A dispatcher of signals that is interrupted in its
-/// `select` then waits in `read` for the byte that its own handler was to write. So with that sanitizer only the main
-/// thread takes signals: it waits in calls that are known.
+/// The thread sanitizer delays a signal that reaches a thread in a call that it does not know to block, until that
+/// thread makes a call that it does know. A dispatcher of signals that is interrupted in its `select` then waits in
+/// `read` for the byte that its own handler should have written. With that sanitizer only the main thread takes
+/// signals, because it waits in calls that the sanitizer knows.
 
 #if defined(__SANITIZE_THREAD__)
 

@@ -1,19 +1,8 @@
-#include "support/Chain.h"
+#include "support/ErrnoRows.h"
 #include "support/Inject.h"
 #include "threads/ThreadSupport.h"
 
-#include <vesk/SysError.h>
-#include <vesk/Thread.h>
 #include <vesk/Vesk.h>
-
-#include <tarncommon/error/ErrorOutput.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <pthread.h>
-#include <sched.h>
-#include <vector>
 
 VESK_INJECT_RESULT(
     pthread_setaffinity_np, (pthread_t thread, size_t size, cpu_set_t const* set), (thread, size, set))
@@ -22,31 +11,21 @@ VESK_INJECT_RESULT(
 
 namespace {
 
-using support::chainIs;
-using support::Event;
-using support::Fault;
-using support::rowText;
-using support::systemText;
-using vesk::SysError;
+using namespace support;
 namespace SysErrorId = vesk::SysErrorId;
-using vesk::Thread;
 
 using Processors = std::vector<bool>;
 
-/// A thread in its body, as long as the test wants it.
-class ThreadAffinity : public support::ThreadsGone {
+/// A thread that is in its body until the test ends.
+class ThreadAffinity : public ThreadsGone {
 protected:
-    void SetUp() override {
-        EXPECT_FALSE(m_thread.start());
-        EXPECT_TRUE(m_ready.wait());
-    }
     void TearDown() override {
         m_go.set();
         EXPECT_FALSE(m_thread.join());
-        support::ThreadsGone::TearDown();
+        ThreadsGone::TearDown();
     }
 
-    /// As the system sees it.
+    /// Returns what the system shows.
     cpu_set_t readSet() const {
         cpu_set_t set;
         CPU_ZERO(&set);
@@ -61,8 +40,13 @@ protected:
         }
         return processors;
     }
+    void expectOnly(size_t processor) const {
+        cpu_set_t const set = readSet();
+        EXPECT_EQ(1, CPU_COUNT(&set));
+        EXPECT_TRUE(CPU_ISSET(processor, &set));
+    }
 
-    /// The number of a processor on which this process may run.
+    /// Returns the number of a processor on which this process may run.
     size_t getUsable() const {
         Processors const processors = read();
         size_t usable = 0;
@@ -73,20 +57,14 @@ protected:
     }
 
     size_t m_count = vesk::Vesk::s_sys_info.processor_count;
-    Event m_ready;
     Event m_go;
-    Thread m_thread{
-        [](void* self) {
-            static_cast<ThreadAffinity*>(self)->m_ready.set();
-            EXPECT_TRUE(static_cast<ThreadAffinity*>(self)->m_go.wait());
-        },
-        this};
+    StartedThread m_thread{[this] { EXPECT_TRUE(m_go.wait()); }};
+    size_t const m_usable = getUsable();
 };
 
 TEST_F(ThreadAffinity, isSetAndRead) {
-    size_t const usable = getUsable();
     Processors one(m_count);
-    one[usable] = true;
+    one[m_usable] = true;
     EXPECT_FALSE(m_thread.setCPUAffinity(one));
     EXPECT_EQ(one, read());
     Processors got;
@@ -96,19 +74,16 @@ TEST_F(ThreadAffinity, isSetAndRead) {
 }
 
 TEST_F(ThreadAffinity, vectorUpToTheProcessorIsEnough) {
-    size_t const usable = getUsable();
-    Processors processors(usable + 1);
-    processors[usable] = true;
+    Processors processors(m_usable + 1);
+    processors[m_usable] = true;
     EXPECT_FALSE(m_thread.setCPUAffinity(processors));
-    cpu_set_t const set = readSet();
-    EXPECT_EQ(1, CPU_COUNT(&set));
-    EXPECT_TRUE(CPU_ISSET(usable, &set));
+    expectOnly(m_usable);
 }
 
 TEST_F(ThreadAffinity, ofOthersStaysAsItIs) {
     cpu_set_t before;
     ASSERT_EQ(0, pthread_getaffinity_np(pthread_self(), sizeof before, &before));
-    Processors one(getUsable() + 1);
+    Processors one(m_usable + 1);
     one.back() = true;
     EXPECT_FALSE(m_thread.setCPUAffinity(one));
     cpu_set_t after;
@@ -118,7 +93,7 @@ TEST_F(ThreadAffinity, ofOthersStaysAsItIs) {
 
 TEST_F(ThreadAffinity, emptyVectorAllowsAllProcessors) {
     Processors const before = read();
-    Processors one(getUsable() + 1);
+    Processors one(m_usable + 1);
     one.back() = true;
     EXPECT_FALSE(m_thread.setCPUAffinity(one));
     EXPECT_FALSE(m_thread.setCPUAffinity({}));
@@ -150,25 +125,20 @@ TEST_F(ThreadAffinity, entriesFrom1024OnAreIgnored) {
         EXPECT_EQ(0, calls.getCalls());
     }
     EXPECT_EQ(before, read());
-    size_t const usable = getUsable();
-    processors[usable] = true;
+    processors[m_usable] = true;
     EXPECT_FALSE(m_thread.setCPUAffinity(processors));
-    cpu_set_t const set = readSet();
-    EXPECT_EQ(1, CPU_COUNT(&set));
-    EXPECT_TRUE(CPU_ISSET(usable, &set));
+    expectOnly(m_usable);
 }
 
-TEST_F(ThreadAffinity, entriesBeyondTheMachineAreTheSystemsToIgnore) {
-    size_t const usable = getUsable();
+TEST_F(ThreadAffinity, entriesBeyondTheMachineAreIgnoredByTheSystem) {
     Processors processors(1024, true);
     EXPECT_FALSE(m_thread.setCPUAffinity(processors));
-    EXPECT_TRUE(read()[usable]);
+    EXPECT_TRUE(read()[m_usable]);
     Processors none_of_them(1024);
     none_of_them[1023] = true;
     if (m_count < 1024) {
         EXPECT_TRUE(m_thread.setCPUAffinity(none_of_them));
-        EXPECT_TRUE(
-            chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(EINVAL))}}));
+        EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EINVAL));
     }
 }
 
@@ -183,26 +153,25 @@ TEST_F(ThreadAffinity, readingItResizesTheVector) {
 
 class ThreadAffinityErrors : public ThreadAffinity, public testing::WithParamInterface<int> {};
 
-INSTANTIATE_TEST_SUITE_P(All, ThreadAffinityErrors, testing::Values(EINVAL, ESRCH, EPERM, EFAULT));
+INSTANTIATE_TEST_SUITE_P(
+    All, ThreadAffinityErrors, testing::Values(EINVAL, ESRCH, EPERM, EFAULT), NumberName());
 
 TEST_P(ThreadAffinityErrors, areUnclassified) {
     Processors const before = read();
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+    leaveOlderReport();
     {
         Fault const fault(inject_pthread_setaffinity_np, GetParam());
         EXPECT_TRUE(m_thread.setCPUAffinity({}));
     }
-    EXPECT_TRUE(
-        chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(GetParam()))}}));
+    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, GetParam()));
     EXPECT_EQ(before, read());
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+    leaveOlderReport();
     Processors processors(7, true);
     {
         Fault const fault(inject_pthread_getaffinity_np, GetParam());
         EXPECT_TRUE(m_thread.getCPUAffinity(processors));
     }
-    EXPECT_TRUE(
-        chainIs({{SysErrorId::UNCLASSIFIED, rowText(SysErrorId::UNCLASSIFIED, systemText(GetParam()))}}));
+    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, GetParam()));
     EXPECT_EQ(Processors(7, true), processors) << "left as it was";
 }
 

@@ -1,38 +1,28 @@
-#include "support/Chain.h"
+#include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "threads/ThreadSupport.h"
 
-#include <vesk/SysError.h>
-#include <vesk/Thread.h>
+#include <vesk/Mutex.h>
 
 #include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
 #include <tarncommon/error/ErrorStorage.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <functional>
 #include <memory>
 #include <new>
-#include <pthread.h>
-#include <string>
-#include <vector>
+#include <optional>
 
 namespace {
 
-// What the library hands to the system.
+// The last arguments of pthread_create. Some test programs create threads before main.
 void* (*g_start_routine)(void*) = nullptr;
-std::vector<int>* g_inheritance =
-    nullptr; // Who wants to know, if anybody. Threads are made before main, too.
-// Whether a failing unlock lets go of the lock all the same.
+std::vector<int>* g_inheritance = nullptr;
+// Whether a failing unlock releases the lock all the same.
 std::atomic<bool> g_failing_unlock_unlocks{true};
-// Counts down the locks of this thread to the one that waits until there are no more threads than that.
+// Counts down the locks of this thread to the one that waits until there are this many threads.
 thread_local int t_locks_to_hold = 0;
 thread_local int t_threads_to_wait_for = 0;
-// How many allocations that may fail do.
+// How many allocations fail.
 thread_local int t_failing_allocations = 0;
 
 template <typename Function>
@@ -107,80 +97,52 @@ VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * c), (c))
 
 namespace {
 
-using std::CommonError;
+using namespace support;
 namespace CommonErrorId = std::CommonErrorId;
-using support::chainIs;
-using support::Event;
-using support::EventRecorder;
-using support::eventually;
-using support::ExpectedReport;
-using support::Fault;
-using support::Injected;
-using support::rowText;
-using support::SetAtEnd;
-using support::systemText;
-using support::waitForCancellation;
-using vesk::Mutex;
-using vesk::SysError;
 namespace SysErrorId = vesk::SysErrorId;
+using vesk::Mutex;
 using vesk::Thread;
 using vesk::sched::Attr;
 
-using Body = std::function<void()>;
-void run(void* body) {
-    (*static_cast<Body*>(body))();
-}
-
-void doNothing(void*) {}
-
 constexpr Fault::Threads OTHERS = Fault::Threads::OTHERS;
+constexpr auto INCONSISTENT = Mutex::ErrorId::INCONSISTENT;
 
 std::string aborted(std::string const& function, std::string const& text) {
     return "ABORT framework/src/vesk/posix/Thread " + function + ": " + text;
 }
 
-ExpectedReport failed(int id, int error) {
-    return {Thread::Error, id, rowText(Thread::Error, id, systemText(error))};
+testing::AssertionResult failed(std::vector<ExpectedReport> const& reports, int error) {
+    return chainIs(withErrno(reports, error));
 }
 
-ExpectedReport lockFailed(int error) {
-    return {
-        Mutex::Error, Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(error))};
-}
-
-void makeOlder() {
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-}
-ExpectedReport const OLDER{SysError, SysErrorId::NO_SUCH_PROCESS};
-
-class ThreadFailure : public support::ThreadsGone {
+class ThreadFailure : public ThreadsGone {
 protected:
     void SetUp() override { g_failing_unlock_unlocks = true; }
+
+    /// Waits for `m_go`.
+    Body const m_wait = [this] { EXPECT_TRUE(m_go.wait()); };
+
+    Event m_go;
 };
 
 // ---- creation ----
 
 struct CreationRow {
-    char const* call;
+    char const* name;
     Injected* function;
-    int error;
+    std::vector<int> errors;
     int times;
-    int id;
+    SysErrorId::Id id;
     char const* text;
-    bool on_top; // Whether it goes on top of what is pending.
+    int error = 0;
 };
-
-void PrintTo(CreationRow const& row, std::ostream* out) {
-    *out << row.call << " errno " << row.error;
-}
 
 class ThreadCreationRows : public ThreadFailure, public testing::WithParamInterface<CreationRow> {};
 
 TEST_P(ThreadCreationRows, leaveAnInvalidObject) {
     CreationRow const& row = GetParam();
-    Fault const made(inject_pthread_attr_init, 0);
     Fault const destroyed(inject_pthread_attr_destroy, 0);
-    makeOlder();
+    leaveOlderReport();
     {
         Fault const fault(*row.function, row.error, 1, row.times);
         Thread const thread(doNothing, nullptr, "name");
@@ -188,38 +150,44 @@ TEST_P(ThreadCreationRows, leaveAnInvalidObject) {
         EXPECT_EQ(Thread::DEAD, thread.getThreadState());
     }
     std::vector<ExpectedReport> expected = {
-        {SysError, row.id, rowText(SysError, row.id, systemText(row.error))},
-        {Thread::Error, Thread::ErrorId::CREATE_FAILED, std::string("Thread creation failed: ") + row.text}};
-    if (row.on_top) {
-        expected.insert(expected.begin(), OLDER);
+        {row.id, rowText(row.id, systemText(row.error))},
+        {Thread::ErrorId::CREATE_FAILED, std::string("Thread creation failed: ") + row.text}};
+    if (row.function == &inject_pthread_create) { // Reports on top of what is pending.
+        expected.insert(expected.begin(), SysErrorId::NO_SUCH_PROCESS);
     }
     EXPECT_TRUE(chainIs(expected));
     EXPECT_EQ(row.function == &inject_pthread_attr_init ? 0 : 1, destroyed.getCalls());
 }
 
+Injected* const ATTR_INIT = &inject_pthread_attr_init;
+Injected* const DETACH_STATE = &inject_pthread_attr_setdetachstate;
+Injected* const CREATE = &inject_pthread_create;
+constexpr auto UNCLASSIFIED = SysErrorId::UNCLASSIFIED;
+constexpr char const* NO_INIT = "attribute init failed";
+constexpr char const* NO_STATE = "Error setting detached state";
+constexpr char const* NO_THREAD = "thread creation failed";
+
 INSTANTIATE_TEST_SUITE_P(
     All, ThreadCreationRows,
-    testing::Values(
-        CreationRow{"attr_init", &inject_pthread_attr_init, ENOMEM, 1, 1, "attribute init failed", false},
-        CreationRow{"attr_init", &inject_pthread_attr_init, EINVAL, 1, 19, "attribute init failed", false},
-        CreationRow{
-            "setdetachstate", &inject_pthread_attr_setdetachstate, EINVAL, 1, 19,
-            "Error setting detached state", false},
-        CreationRow{
-            "setdetachstate", &inject_pthread_attr_setdetachstate, ENOMEM, 1, 19,
-            "Error setting detached state", false},
-        CreationRow{"create", &inject_pthread_create, EPERM, 2, 7, "thread creation failed", true},
-        CreationRow{"create", &inject_pthread_create, EAGAIN, 1, 0, "thread creation failed", true},
-        CreationRow{"create", &inject_pthread_create, EINVAL, 2, 19, "thread creation failed", true},
-        CreationRow{"create", &inject_pthread_create, ENOMEM, 1, 19, "thread creation failed", true}));
+    testing::ValuesIn(eachErrno<CreationRow>({
+        {"attrInit", ATTR_INIT, {ENOMEM}, 1, SysErrorId::OUT_OF_MEMORY, NO_INIT},
+        {"attrInit", ATTR_INIT, {EINVAL}, 1, UNCLASSIFIED, NO_INIT},
+        {"setdetachstate", DETACH_STATE, {EINVAL, ENOMEM}, 1, UNCLASSIFIED, NO_STATE},
+        {"create", CREATE, {EPERM}, 2, SysErrorId::PERMISSION_DENIED, NO_THREAD},
+        {"create", CREATE, {EAGAIN}, 1, SysErrorId::RESOURCES_EXHAUSTED, NO_THREAD},
+        {"create", CREATE, {EINVAL}, 2, UNCLASSIFIED, NO_THREAD},
+        {"create", CREATE, {ENOMEM}, 1, UNCLASSIFIED, NO_THREAD},
+    })),
+    ErrnoName());
 
 TEST_F(ThreadFailure, creationOpensAChainIfNothingIsPending) {
     Fault const fault(inject_pthread_create, EAGAIN);
     Thread const thread(doNothing, nullptr);
     EXPECT_FALSE(thread.isValid());
+    auto const id = SysErrorId::RESOURCES_EXHAUSTED;
     EXPECT_TRUE(chainIs(
-        {{SysErrorId::RESOURCES_EXHAUSTED, rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EAGAIN))},
-         {Thread::Error, Thread::ErrorId::CREATE_FAILED, "Thread creation failed: thread creation failed"}}));
+        {{id, rowText(id, systemText(EAGAIN))},
+         {Thread::ErrorId::CREATE_FAILED, "Thread creation failed: thread creation failed"}}));
 }
 
 TEST_F(ThreadFailure, creationReportsFromItsSource) {
@@ -233,48 +201,42 @@ TEST_F(ThreadFailure, creationReportsFromItsSource) {
 class ThreadSecondTry : public ThreadFailure, public testing::WithParamInterface<int> {};
 
 TEST_P(ThreadSecondTry, inheritsItsScheduling) {
-    makeOlder();
-    std::atomic<bool> ran{false};
-    Body body = [&ran] { ran = true; };
+    leaveOlderReport();
+    bool ran = false;
     Attr attributes;
     attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
     std::vector<int> inheritance;
     g_inheritance = &inheritance;
     Fault const fault(inject_pthread_create, GetParam());
-    Thread thread(run, &body, "second", attributes, false);
+    TestThread thread([&ran] { ran = true; }, "second", attributes);
     g_inheritance = nullptr;
-    EXPECT_TRUE(thread.isValid());
     EXPECT_EQ(2, fault.getCalls());
     EXPECT_EQ((std::vector<int>{PTHREAD_EXPLICIT_SCHED, PTHREAD_INHERIT_SCHED}), inheritance);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
+    thread.runToEnd();
     EXPECT_TRUE(ran);
-    EXPECT_TRUE(chainIs({OLDER}));
+    EXPECT_TRUE(onlyOlderIsPending());
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ThreadSecondTry, testing::Values(EPERM, EINVAL));
+INSTANTIATE_TEST_SUITE_P(All, ThreadSecondTry, testing::Values(EPERM, EINVAL), NumberName());
 
-TEST_F(ThreadFailure, onlyPermissionAndParametersAreWorthASecondTry) {
+TEST_F(ThreadFailure, otherErrorsThanThoseOfPermissionAndParametersAreNotRetried) {
     Fault const fault(inject_pthread_create, EAGAIN, 1, 2);
     Thread const thread(doNothing, nullptr);
     EXPECT_EQ(1, fault.getCalls());
     EXPECT_FALSE(thread.isValid());
-    EXPECT_TRUE(
-        chainIs({{SysErrorId::RESOURCES_EXHAUSTED}, {Thread::Error, Thread::ErrorId::CREATE_FAILED}}));
+    EXPECT_TRUE(chainIs({SysErrorId::RESOURCES_EXHAUSTED, Thread::ErrorId::CREATE_FAILED}));
 }
 
 TEST_F(ThreadFailure, invalidObjectRefusesEverythingThatLooksAtItsState) {
-    std::unique_ptr<Thread> thread;
-    {
-        Fault const fault(inject_pthread_create, EAGAIN);
-        thread = std::make_unique<Thread>(doNothing, nullptr);
-    }
-    EXPECT_TRUE(thread->start());
-    EXPECT_TRUE(thread->join());
-    EXPECT_TRUE(thread->terminate());
-    EXPECT_FALSE(thread->wakeup());
-    EXPECT_FALSE(thread->setPriority(1));
-    EXPECT_TRUE(thread->setSchedAttrs({vesk::sched::VESK_SCHED_POLICY_NORMAL, {}})) << "there is no thread";
+    std::optional<Fault> fault(std::in_place, inject_pthread_create, EAGAIN);
+    Thread thread(doNothing, nullptr);
+    fault.reset();
+    EXPECT_TRUE(thread.start());
+    EXPECT_TRUE(thread.join());
+    EXPECT_TRUE(thread.terminate());
+    EXPECT_FALSE(thread.wakeup());
+    EXPECT_FALSE(thread.setPriority(1));
+    EXPECT_TRUE(thread.setSchedAttrs({vesk::sched::VESK_SCHED_POLICY_NORMAL, {}})) << "there is no thread";
     std::ErrorStorage::ack();
 }
 
@@ -294,13 +256,10 @@ TEST_F(ThreadFailure, nameThatCannotBeCopiedIsNoReasonToFail) {
     char mine[64] = "";
     ASSERT_EQ(0, pthread_getname_np(pthread_self(), mine, sizeof mine));
     char shown[64] = "";
-    Body body = [&shown] { EXPECT_EQ(0, pthread_getname_np(pthread_self(), shown, sizeof shown)); };
+    Body const body = [&shown] { EXPECT_EQ(0, pthread_getname_np(pthread_self(), shown, sizeof shown)); };
     Fault const fault(inject_strdup, ENOMEM);
-    Thread thread(run, &body, "forgotten");
-    EXPECT_TRUE(thread.isValid());
+    TestThread(body, "forgotten").runToEnd();
     EXPECT_EQ(1, fault.getCalls());
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
     EXPECT_STREQ(mine, shown);
     EXPECT_TRUE(chainIs({}));
 }
@@ -313,275 +272,211 @@ TEST_F(ThreadFailure, wrapperWithoutItsObjectIsAsserted) {
     EXPECT_EQ("ASSERT framework/src/vesk/posix/Thread threadWrapper: p_arg", recorder.getText());
 }
 
-// ---- start ----
+// ---- system calls that fail below an operation ----
 
-TEST_F(ThreadFailure, startThatCannotLockLeavesTheState) {
-    Thread thread(doNothing, nullptr);
-    {
-        Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        EXPECT_TRUE(thread.start());
-    }
-    EXPECT_TRUE(chainIs({lockFailed(EINVAL), failed(1, EINVAL)}));
-    EXPECT_EQ(Thread::CREATED, thread.getThreadState());
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-}
-
-TEST_F(ThreadFailure, startThatCannotUnlockHasStartedAndFails) {
-    Thread thread(doNothing, nullptr);
-    {
-        // Behind that of the condition's own lock.
-        Fault const fault(inject_pthread_mutex_unlock, EPERM, 2);
-        EXPECT_TRUE(thread.start());
-    }
-    EXPECT_TRUE(chainIs({lockFailed(EPERM), failed(1, EPERM)}));
-    EXPECT_FALSE(thread.join());
-}
-
-struct SignalRow {
-    int error;
-    int id;
+struct Row {
+    char const* name;
+    Injected* function;
+    int nth;
+    std::vector<int> errors;
+    int (*operation)(Thread&);
+    int result;
+    std::vector<ExpectedReport> reports;
+    Thread::State state; ///< Behind the operation. A state of CREATED is the one before it, too.
+    int error = 0;
 };
 
-void PrintTo(SignalRow const& row, std::ostream* out) {
-    *out << "errno " << row.error;
+int start(Thread& thread) {
+    return thread.start();
+}
+int join(Thread& thread) {
+    return thread.join();
+}
+int joinTimeout(Thread& thread) {
+    return thread.joinTimeout(60000);
+}
+int wakeup(Thread& thread) {
+    return thread.wakeup();
+}
+int suspend(Thread& thread) {
+    return thread.suspend(0);
+}
+int suspendFor1Ms(Thread& thread) {
+    return thread.suspend(1);
 }
 
-class ThreadSignalRows : public ThreadFailure, public testing::WithParamInterface<SignalRow> {};
+class ThreadRows : public ThreadFailure, public testing::WithParamInterface<Row> {
+protected:
+    void check(Thread& thread) {
+        Row const& row = GetParam();
+        leaveOlderReport();
+        {
+            Fault const fault(*row.function, row.error, row.nth);
+            EXPECT_EQ(row.result, row.operation(thread));
+        }
+        EXPECT_TRUE(failed(row.reports, row.error));
+        EXPECT_EQ(row.state, thread.getThreadState());
+    }
+};
+
+TEST_P(ThreadRows, reportAndLeaveAThreadThatCanBeJoined) {
+    TestThread thread(m_wait);
+    if (GetParam().state != Thread::CREATED && GetParam().operation != start) {
+        EXPECT_FALSE(thread.start());
+    }
+    check(thread);
+    if (thread.getThreadState() == Thread::CREATED) {
+        EXPECT_FALSE(thread.start());
+    }
+    m_go.set();
+    EXPECT_FALSE(thread.join());
+}
+
+Injected* const LOCK = &inject_pthread_mutex_lock;
+Injected* const UNLOCK = &inject_pthread_mutex_unlock;
+Injected* const JOIN = &inject_pthread_join;
+Injected* const TIMED_JOIN = &inject_pthread_timedjoin_np;
+constexpr auto START_FAILED = Thread::ErrorId::START_FAILED;
+constexpr auto JOIN_FAILED = Thread::ErrorId::JOIN_FAILED;
+constexpr auto SUSPEND_FAILED = Thread::ErrorId::SUSPEND_FAILED;
+constexpr auto WAKEUP_FAILED = Thread::ErrorId::WAKEUP_FAILED;
+constexpr auto TERMINATE_FAILED = Thread::ErrorId::TERMINATE_FAILED;
+constexpr auto OLDER = SysErrorId::NO_SUCH_PROCESS;
+constexpr auto CREATED = Thread::CREATED;
+constexpr auto RUNNING = Thread::RUNNING;
+constexpr auto SUSPENDED = Thread::SUSPENDED;
+
+// The second unlock of start and suspend is behind that of the condition's own lock.
+INSTANTIATE_TEST_SUITE_P(
+    All, ThreadRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"startLock", LOCK, 1, {EINVAL}, start, 1, {INCONSISTENT, START_FAILED}, CREATED},
+        {"startUnlock", UNLOCK, 2, {EPERM}, start, 1, {INCONSISTENT, START_FAILED}, RUNNING},
+        {"joinLock", LOCK, 1, {EINVAL}, join, 1, {INCONSISTENT, JOIN_FAILED}, RUNNING},
+        {"timedJoinLock", LOCK, 1, {EPERM}, joinTimeout, -1, {INCONSISTENT, JOIN_FAILED}, RUNNING},
+        {"joinUnlock", UNLOCK, 1, {EPERM}, join, 1, {INCONSISTENT, JOIN_FAILED}, RUNNING},
+        {"join", JOIN, 1, {EDEADLK, EINVAL, ESRCH}, join, 1, {JOIN_FAILED}, RUNNING},
+        {"timedJoin", TIMED_JOIN, 1, {EDEADLK, EINVAL, ESRCH}, joinTimeout, -1, {JOIN_FAILED}, RUNNING},
+        {"timedJoin", TIMED_JOIN, 1, {ETIMEDOUT}, joinTimeout, 1, {OLDER}, RUNNING},
+        {"wakeupLock", LOCK, 1, {EINVAL}, wakeup, 1, {WAKEUP_FAILED}, CREATED},
+        {"wakeupUnlock", UNLOCK, 1, {EPERM}, wakeup, 1, {WAKEUP_FAILED}, CREATED},
+    })),
+    ErrnoName());
+
+class ThreadRowsInside : public ThreadRows {};
+
+TEST_P(ThreadRowsInside, reportFromTheThreadItself) {
+    runInThread([this] { check(self()); });
+}
 
 INSTANTIATE_TEST_SUITE_P(
-    All, ThreadSignalRows, testing::Values(SignalRow{EINVAL, 10}, SignalRow{EAGAIN, 19}));
+    All, ThreadRowsInside,
+    testing::ValuesIn(eachErrno<Row>({
+        {"suspendLock", LOCK, 1, {EINVAL}, suspend, 1, {INCONSISTENT, SUSPEND_FAILED}, RUNNING},
+        {"suspendUnlock", UNLOCK, 2, {EPERM}, suspendFor1Ms, 1, {INCONSISTENT, SUSPEND_FAILED}, SUSPENDED},
+    })),
+    ErrnoName());
 
-TEST_P(ThreadSignalRows, startThatCannotSignalLeavesTheStateAndNoLock) {
-    Fault const waits(inject_pthread_cond_wait, 0, 1, 1, OTHERS);
-    Thread thread(doNothing, nullptr);
-    EXPECT_TRUE(eventually([&waits] { return waits.getCalls() > 0; }));
-    makeOlder();
-    {
-        Fault const fault(inject_pthread_cond_signal, GetParam().error);
-        EXPECT_TRUE(thread.start());
-    }
-    EXPECT_TRUE(chainIs({{SysError, GetParam().id}, failed(1, GetParam().error)}));
-    EXPECT_EQ(Thread::CREATED, thread.getThreadState());
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-}
-
-TEST_P(ThreadSignalRows, wakeupThatCannotSignalLeavesTheStateAndNoLock) {
-    Thread* self = nullptr;
-    Body body = [&self] { EXPECT_FALSE(self->suspend(0)); };
-    Thread thread(run, &body);
-    self = &thread;
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(eventually([&] { return thread.getThreadState() == Thread::SUSPENDED; }));
-    makeOlder();
-    {
-        Fault const fault(inject_pthread_cond_signal, GetParam().error);
-        EXPECT_TRUE(thread.wakeup());
-    }
-    EXPECT_TRUE(chainIs({{Thread::ErrorId::WAKEUP_FAILED, "unknown error 7"}})) << "a chain of its own";
-    EXPECT_EQ(Thread::SUSPENDED, thread.getThreadState());
-    EXPECT_FALSE(thread.wakeup());
-    EXPECT_FALSE(thread.join());
-}
-
-// ---- join ----
-
-TEST_F(ThreadFailure, joinThatCannotLockLeavesTheThreadToBeJoined) {
-    Thread thread(doNothing, nullptr);
-    EXPECT_FALSE(thread.start());
-    {
-        Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        EXPECT_TRUE(thread.join());
-    }
-    EXPECT_TRUE(chainIs({lockFailed(EINVAL), failed(4, EINVAL)}));
-    {
-        Fault const fault(inject_pthread_mutex_lock, EPERM);
-        EXPECT_EQ(-1, thread.joinTimeout(1000));
-    }
-    EXPECT_TRUE(chainIs({lockFailed(EPERM), failed(4, EPERM)}));
-    EXPECT_FALSE(thread.join());
-}
-
-TEST_F(ThreadFailure, joinThatCannotUnlockLeavesTheThreadToBeJoined) {
-    Thread thread(doNothing, nullptr);
-    EXPECT_FALSE(thread.start());
-    {
-        Fault const fault(inject_pthread_mutex_unlock, EPERM);
-        EXPECT_TRUE(thread.join());
-    }
-    EXPECT_TRUE(chainIs({lockFailed(EPERM), failed(4, EPERM)}));
-    EXPECT_FALSE(thread.join());
-}
-
-class ThreadJoinErrors : public ThreadFailure, public testing::WithParamInterface<int> {};
-
-INSTANTIATE_TEST_SUITE_P(All, ThreadJoinErrors, testing::Values(EDEADLK, EINVAL, ESRCH));
-
-TEST_P(ThreadJoinErrors, leaveTheThreadToBeJoined) {
-    Event go;
-    Body body = [&go] { EXPECT_TRUE(go.wait()); };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    makeOlder();
-    {
-        Fault const fault(inject_pthread_join, GetParam());
-        EXPECT_TRUE(thread.join());
-    }
-    EXPECT_TRUE(chainIs({failed(4, GetParam())}));
-    EXPECT_EQ(Thread::RUNNING, thread.getThreadState());
-    go.set();
-    EXPECT_FALSE(thread.join());
-}
-
-TEST_P(ThreadJoinErrors, ofATimedJoinLeaveTheThreadToBeJoined) {
-    Thread thread(doNothing, nullptr);
-    EXPECT_FALSE(thread.start());
-    makeOlder();
-    {
-        Fault const fault(inject_pthread_timedjoin_np, GetParam());
-        EXPECT_EQ(-1, thread.joinTimeout(60000));
-    }
-    EXPECT_TRUE(chainIs({failed(4, GetParam())}));
-    EXPECT_EQ(0, thread.joinTimeout(60000));
-}
-
-TEST_F(ThreadFailure, timedJoinThatGivesMinusOneTellsErrno) {
-    Thread thread(doNothing, nullptr);
-    EXPECT_FALSE(thread.start());
+TEST_F(ThreadFailure, timedJoinThatReturnsMinusOneReportsErrno) {
+    StartedThread thread([] {});
     {
         Fault const fault(inject_pthread_timedjoin_np, -1);
         errno = ENOTSUP;
         EXPECT_EQ(-1, thread.joinTimeout(60000));
     }
-    EXPECT_TRUE(chainIs({failed(4, ENOTSUP)}));
+    EXPECT_TRUE(causeIs(JOIN_FAILED, ENOTSUP));
     EXPECT_FALSE(thread.join());
 }
 
-TEST_F(ThreadFailure, timedJoinThatTimesOutReportsNothing) {
-    Event go;
-    Body body = [&go] { EXPECT_TRUE(go.wait()); };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    makeOlder();
-    {
-        Fault const fault(inject_pthread_timedjoin_np, ETIMEDOUT);
-        EXPECT_EQ(1, thread.joinTimeout(60000));
-    }
-    EXPECT_TRUE(chainIs({OLDER}));
-    EXPECT_EQ(Thread::RUNNING, thread.getThreadState());
-    go.set();
-    EXPECT_FALSE(thread.join());
-}
-
-TEST_F(ThreadFailure, joinThatCannotMarkItsEndFailsAndIsNotTriedAgain) {
+TEST_F(ThreadFailure, joinThatCannotMarkItsEndFailsAndIsNotRepeated) {
     for (bool const timed : {false, true}) {
-        for (Injected* const function : {&inject_pthread_mutex_lock, &inject_pthread_mutex_unlock}) {
-            Thread thread(doNothing, nullptr);
-            EXPECT_FALSE(thread.start());
+        for (Injected* const function : {LOCK, UNLOCK}) {
+            StartedThread thread([] {});
             {
                 Fault const fault(*function, EINVAL, 2);
                 EXPECT_EQ(timed ? -1 : 1, timed ? thread.joinTimeout(60000) : thread.join());
             }
-            EXPECT_TRUE(chainIs({lockFailed(EINVAL), failed(4, EINVAL)}));
+            EXPECT_TRUE(failed({INCONSISTENT, JOIN_FAILED}, EINVAL));
             EXPECT_EQ(Thread::DEAD, thread.getThreadState());
             Fault const joins(inject_pthread_join, 0);
             EXPECT_TRUE(thread.join());
-            EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
+            EXPECT_TRUE(chainIs({CommonErrorId::CONTRACT_BROKEN}));
             EXPECT_EQ(0, joins.getCalls());
         }
     }
 }
 
-// ---- suspend ----
+struct SignalRow {
+    char const* name;
+    int error;
+    SysErrorId::Id id;
+};
 
-/// Runs a body in a thread that knows its object.
-void inThread(std::function<void(Thread&)> const& body) {
-    Thread* self = nullptr;
-    Body bound = [&] { body(*self); };
-    Thread thread(run, &bound);
-    self = &thread;
-    EXPECT_FALSE(thread.start());
+class ThreadSignalRows : public ThreadFailure, public testing::WithParamInterface<SignalRow> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ThreadSignalRows,
+    testing::Values(
+        SignalRow{"signal", EINVAL, SysErrorId::SPOILED_INTEGRITY},
+        SignalRow{"signal", EAGAIN, UNCLASSIFIED}),
+    ErrnoName());
+
+TEST_P(ThreadSignalRows, startThatCannotSignalLeavesTheStateAndNoLock) {
+    Fault const waits(inject_pthread_cond_wait, 0, 1, 1, OTHERS);
+    TestThread thread([] {});
+    EXPECT_TRUE(eventually([&waits] { return waits.getCalls() > 0; }));
+    leaveOlderReport();
+    {
+        Fault const fault(inject_pthread_cond_signal, GetParam().error);
+        EXPECT_TRUE(thread.start());
+    }
+    EXPECT_TRUE(chainIs({GetParam().id, withErrno({START_FAILED}, GetParam().error)[0]}));
+    EXPECT_EQ(Thread::CREATED, thread.getThreadState());
+    thread.runToEnd();
+}
+
+TEST_P(ThreadSignalRows, wakeupThatCannotSignalLeavesTheStateAndNoLock) {
+    StartedThread thread([] { EXPECT_FALSE(self().suspend(0)); });
+    EXPECT_TRUE(thread.isIn(Thread::SUSPENDED));
+    leaveOlderReport();
+    {
+        Fault const fault(inject_pthread_cond_signal, GetParam().error);
+        EXPECT_TRUE(thread.wakeup());
+    }
+    EXPECT_TRUE(failed({WAKEUP_FAILED}, 0)) << "a chain of its own";
+    EXPECT_EQ(Thread::SUSPENDED, thread.getThreadState());
+    EXPECT_FALSE(thread.wakeup());
     EXPECT_FALSE(thread.join());
 }
 
-TEST_F(ThreadFailure, suspendThatCannotLockLeavesTheState) {
-    inThread([](Thread& self) {
-        {
-            Fault const fault(inject_pthread_mutex_lock, EINVAL);
-            EXPECT_TRUE(self.suspend(0));
-        }
-        EXPECT_TRUE(chainIs(
-            {lockFailed(EINVAL), {Thread::Error, Thread::ErrorId::SUSPEND_FAILED, "unknown error 6"}}));
-        EXPECT_EQ(Thread::RUNNING, self.getThreadState());
-    });
-}
-
 TEST_F(ThreadFailure, suspendThatCannotWaitLeavesTheStateAndNoLock) {
-    inThread([](Thread& self) {
+    runInThread([] {
         for (long long const ms : {0, 60000}) {
-            makeOlder();
+            leaveOlderReport();
             {
                 Fault const wait(inject_pthread_cond_wait, EINVAL);
                 Fault const timed_wait(inject_pthread_cond_timedwait, EINVAL);
-                EXPECT_TRUE(self.suspend(ms));
+                EXPECT_TRUE(self().suspend(ms));
             }
-            EXPECT_TRUE(chainIs(
-                {{SysErrorId::SPOILED_INTEGRITY},
-                 {Thread::Error, Thread::ErrorId::SUSPEND_FAILED, "unknown error 6"}}));
-            EXPECT_EQ(Thread::RUNNING, self.getThreadState());
+            EXPECT_TRUE(chainIs({SysErrorId::SPOILED_INTEGRITY, withErrno({SUSPEND_FAILED}, 0)[0]}));
+            EXPECT_EQ(Thread::RUNNING, self().getThreadState());
         }
-    });
-}
-
-TEST_F(ThreadFailure, suspendThatCannotUnlockFails) {
-    inThread([](Thread& self) {
-        {
-            // Behind that of the condition's own lock.
-            Fault const fault(inject_pthread_mutex_unlock, EPERM, 2);
-            EXPECT_TRUE(self.suspend(1));
-        }
-        EXPECT_TRUE(chainIs(
-            {lockFailed(EPERM), {Thread::Error, Thread::ErrorId::SUSPEND_FAILED, "unknown error 6"}}));
-        EXPECT_EQ(Thread::SUSPENDED, self.getThreadState()) << "its time has run out";
     });
 }
 
 TEST_F(ThreadFailure, suspendThatCannotUnlockOnceItWasTerminatedFails) {
-    Event done;
-    Body body = [&done] {
+    StartedThread thread([this] {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        auto& self = *static_cast<Thread*>(Thread::s_tls_ctrl_object.get());
-        EXPECT_FALSE(self.terminate());
+        EXPECT_FALSE(self().terminate());
         {
             Fault const fault(inject_pthread_mutex_unlock, EPERM);
-            EXPECT_TRUE(self.suspend(0));
+            EXPECT_TRUE(self().suspend(0));
         }
-        EXPECT_TRUE(chainIs(
-            {lockFailed(EPERM), {Thread::Error, Thread::ErrorId::SUSPEND_FAILED, "unknown error 6"}}));
-        done.set();
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(done.wait());
+        EXPECT_TRUE(failed({INCONSISTENT, SUSPEND_FAILED}, EPERM));
+        m_go.set();
+    });
+    EXPECT_TRUE(m_go.wait());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-}
-
-// ---- wakeup ----
-
-TEST_F(ThreadFailure, wakeupThatCannotLockOrUnlockReportsInAChainOfItsOwn) {
-    Thread thread(doNothing, nullptr);
-    {
-        Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        EXPECT_TRUE(thread.wakeup());
-    }
-    EXPECT_TRUE(chainIs({{Thread::ErrorId::WAKEUP_FAILED, "unknown error 7"}}));
-    {
-        Fault const fault(inject_pthread_mutex_unlock, EPERM);
-        EXPECT_TRUE(thread.wakeup());
-    }
-    EXPECT_TRUE(chainIs({{Thread::ErrorId::WAKEUP_FAILED, "unknown error 7"}}));
-    EXPECT_EQ(Thread::CREATED, thread.getThreadState());
 }
 
 // ---- terminate ----
@@ -594,19 +489,24 @@ protected:
         ThreadFailure::SetUp();
         g_exits = 0;
     }
-
     void TearDown() override {
+        m_go.set();
         EXPECT_TRUE(m_left.wait());
         ThreadFailure::TearDown();
     }
 
-    void start(Thread& thread) {
-        EXPECT_FALSE(thread.start());
+    /// Starts a thread and waits until it is in its body.
+    void start(bool detached = false) {
+        m_thread = std::make_unique<Thread>(run, &m_body, nullptr, Attr(), detached);
+        EXPECT_FALSE(m_thread->start());
         EXPECT_TRUE(m_ready.wait());
+    }
+    void expectState(Thread::State state, int exits) {
+        EXPECT_EQ(state, m_thread->getThreadState());
+        EXPECT_EQ(exits, g_exits);
     }
 
     Event m_ready;
-    Event m_go;
     Event m_left;
     Body m_body = [this] {
         SetAtEnd const end(m_left);
@@ -614,95 +514,80 @@ protected:
         m_ready.set();
         EXPECT_TRUE(m_go.wait());
     };
+    std::unique_ptr<Thread> m_thread;
 };
 
 TEST_F(ThreadTerminateFailure, toLockLeavesTheThreadAlone) {
-    Thread thread(run, &m_body);
-    start(thread);
+    start();
     {
         Fault const cancels(inject_pthread_cancel, 0);
         Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        EXPECT_TRUE(thread.terminate());
+        EXPECT_TRUE(m_thread->terminate());
         EXPECT_EQ(0, cancels.getCalls());
     }
-    EXPECT_TRUE(chainIs({lockFailed(EINVAL), failed(5, EINVAL)}));
-    EXPECT_EQ(Thread::RUNNING, thread.getThreadState());
-    EXPECT_EQ(0, g_exits);
+    EXPECT_TRUE(failed({INCONSISTENT, TERMINATE_FAILED}, EINVAL));
+    expectState(Thread::RUNNING, 0);
     m_go.set();
-    EXPECT_FALSE(thread.join());
+    EXPECT_FALSE(m_thread->join());
     EXPECT_EQ(1, g_exits);
 }
 
 class ThreadCancelErrors : public ThreadTerminateFailure, public testing::WithParamInterface<int> {};
 
-INSTANTIATE_TEST_SUITE_P(All, ThreadCancelErrors, testing::Values(ESRCH, EPERM));
+INSTANTIATE_TEST_SUITE_P(All, ThreadCancelErrors, testing::Values(ESRCH, EPERM), NumberName());
 
 TEST_P(ThreadCancelErrors, leaveADetachedThreadThatRunsOn) {
-    int const error = GetParam();
-    Thread thread(run, &m_body);
-    start(thread);
-    makeOlder();
-    {
+    start();
+    leaveOlderReport();
+    for (bool const first : {true, false}) {
         Fault const detaches(inject_pthread_detach, 0);
-        Fault const fault(inject_pthread_cancel, error);
-        EXPECT_TRUE(thread.terminate());
-        EXPECT_EQ(1, detaches.getCalls()) << "before the cancellation";
+        Fault const fault(inject_pthread_cancel, GetParam());
+        EXPECT_TRUE(m_thread->terminate());
+        EXPECT_TRUE(!first || detaches.getCalls() == 1) << "before the cancellation";
+        ExpectedReport const report = withErrno({TERMINATE_FAILED}, GetParam())[0];
+        EXPECT_TRUE(first ? chainIs({SysErrorId::NO_SUCH_PROCESS, report}) : chainIs({report}))
+            << "on top of what is pending";
     }
-    EXPECT_TRUE(chainIs({OLDER, failed(5, error)})) << "on top of what is pending";
-    {
-        Fault const fault(inject_pthread_cancel, error);
-        EXPECT_TRUE(thread.terminate());
-    }
-    EXPECT_TRUE(chainIs({failed(5, error)})) << "alone where nothing is";
-    EXPECT_EQ(Thread::RUNNING, thread.getThreadState());
-    EXPECT_EQ(0, g_exits);
-    EXPECT_FALSE(thread.terminate()) << "a later one may get through";
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-    EXPECT_EQ(1, g_exits);
-    m_go.set();
+    expectState(Thread::RUNNING, 0);
+    EXPECT_FALSE(m_thread->terminate()) << "a later one may succeed";
+    expectState(Thread::DEAD, 1);
 }
 
 TEST_F(ThreadTerminateFailure, toDetachIsIgnored) {
-    Thread thread(run, &m_body);
-    start(thread);
+    start();
     {
         Fault const fault(inject_pthread_detach, EINVAL);
-        EXPECT_FALSE(thread.terminate());
+        EXPECT_FALSE(m_thread->terminate());
         EXPECT_EQ(1, fault.getCalls());
     }
     EXPECT_TRUE(chainIs({}));
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
+    EXPECT_EQ(Thread::DEAD, m_thread->getThreadState());
     m_go.set();
-    EXPECT_EQ(0, pthread_detach(thread.getThreadId().getValue())) << "this test owes it";
+    EXPECT_EQ(0, pthread_detach(m_thread->getThreadId().getValue())) << "instead of the call that failed";
 }
 
 TEST_F(ThreadTerminateFailure, detachedThreadIsNotDetachedAgain) {
-    Thread thread(run, &m_body, nullptr, Attr(), true);
-    start(thread);
+    start(true);
     Fault const detaches(inject_pthread_detach, 0);
-    EXPECT_FALSE(thread.terminate());
+    EXPECT_FALSE(m_thread->terminate());
     EXPECT_EQ(0, detaches.getCalls());
-    m_go.set();
 }
 
 TEST_F(ThreadTerminateFailure, toUnlockHasTerminatedWithoutTheHandlers) {
-    Thread thread(run, &m_body);
-    start(thread);
+    start();
     {
         // Behind that of the link.
         Fault const fault(inject_pthread_mutex_unlock, EPERM, 2);
-        EXPECT_TRUE(thread.terminate());
+        EXPECT_TRUE(m_thread->terminate());
     }
-    EXPECT_TRUE(chainIs({lockFailed(EPERM), failed(5, EPERM)}));
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-    EXPECT_EQ(0, g_exits);
-    m_go.set();
+    EXPECT_TRUE(failed({INCONSISTENT, TERMINATE_FAILED}, EPERM));
+    expectState(Thread::DEAD, 0);
 }
 
 // ---- the state ----
 
 TEST_F(ThreadFailure, readingTheStateThatCannotLockIsAsserted) {
-    for (Injected* const function : {&inject_pthread_mutex_lock, &inject_pthread_mutex_unlock}) {
+    for (Injected* const function : {LOCK, UNLOCK}) {
         Thread const thread(doNothing, nullptr);
         EventRecorder const recorder;
         {
@@ -710,14 +595,14 @@ TEST_F(ThreadFailure, readingTheStateThatCannotLockIsAsserted) {
             EXPECT_EQ(Thread::CREATED, thread.getThreadState());
         }
         EXPECT_EQ("ASSERT framework/src/vesk/posix/Thread getThreadState: ! error", recorder.getText());
-        EXPECT_TRUE(chainIs({lockFailed(EINVAL)}));
+        EXPECT_TRUE(causeIs(INCONSISTENT, EINVAL));
     }
 }
 
-// ---- the wrapper, where an abort that returns must leave a thread that goes on ----
+// ---- the wrapper, where an abort that returns must leave a running thread ----
 
-// Which call of the new thread locks what, if it waits for its start: the state, the condition's own lock, then, behind
-// the body, the link to claim the end, the state, and the link again to leave it.
+// The locks of a new thread that waits for its start: the state, the condition's own lock, then, behind the body, the
+// link to claim the end, the state, and the link again to leave it.
 constexpr int LOCK_STATE = 1;
 constexpr int LOCK_TO_FINISH = 4;
 // Unlocks: the condition's own lock, the state, the link, the state, the link.
@@ -729,13 +614,9 @@ struct WrapperRow {
     Injected* function;
     int nth;
     char const* text;
-    bool detached;
-    bool unlocks;
+    bool detached = false;
+    bool unlocks = true;
 };
-
-void PrintTo(WrapperRow const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class ThreadWrapperRows : public ThreadFailure, public testing::WithParamInterface<WrapperRow> {};
 
@@ -744,15 +625,14 @@ TEST_P(ThreadWrapperRows, areFatalAndNeitherHangNorStopTheThreadIfTheyAreSurvive
     g_failing_unlock_unlocks = row.unlocks;
     EventRecorder const recorder;
     std::atomic<int> runs{0};
-    Body body = [&runs] { ++runs; };
     {
         Fault const fault(*row.function, EAGAIN, row.nth, 1, OTHERS);
-        // Where the fault is not in the wait itself, that shows when the thread is waiting.
+        // Unless the fault is in the wait itself, the wait shows that the thread is there.
         std::unique_ptr<Fault> waits;
         if (row.function != &inject_pthread_cond_wait) {
             waits = std::make_unique<Fault>(inject_pthread_cond_wait, 0, 1, 1, OTHERS);
         }
-        Thread thread(run, &body, "wrapped", Attr(), row.detached);
+        TestThread thread([&runs] { ++runs; }, "wrapped", Attr(), row.detached);
         ASSERT_TRUE(thread.isValid());
         EXPECT_TRUE(eventually([&] { return (waits ? *waits : fault).getCalls() > (waits ? 0 : 1); }));
         EXPECT_FALSE(thread.start());
@@ -767,30 +647,24 @@ TEST_P(ThreadWrapperRows, areFatalAndNeitherHangNorStopTheThreadIfTheyAreSurvive
     EXPECT_EQ(aborted("threadWrapper", row.text), recorder.getText());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadWrapperRows,
-    testing::Values(
-        WrapperRow{"lock", &inject_pthread_mutex_lock, LOCK_STATE, "error getting state lock", false, true},
-        WrapperRow{"wait", &inject_pthread_cond_wait, 1, "error waiting on condition", false, true},
-        WrapperRow{"signal", &inject_pthread_cond_signal, 1, "wait failed", true, true},
-        WrapperRow{"unlock", &inject_pthread_mutex_unlock, UNLOCK_STATE, "error unlocking", false, true},
-        WrapperRow{
-            "unlockThatLeavesTheLock", &inject_pthread_mutex_unlock, UNLOCK_STATE, "error unlocking", false,
-            false},
-        WrapperRow{"lockAtTheEnd", &inject_pthread_mutex_lock, LOCK_TO_FINISH, "error locking", false, true},
-        WrapperRow{
-            "unlockAtTheEnd", &inject_pthread_mutex_unlock, UNLOCK_TO_FINISH, "error unlocking", false, true},
-        WrapperRow{
-            "unlockAtTheEndThatLeavesTheLock", &inject_pthread_mutex_unlock, UNLOCK_TO_FINISH,
-            "error unlocking", false, false}),
-    [](auto const& row) { return row.param.name; });
+WrapperRow const WRAPPER_ROWS[] = {
+    {"lock", LOCK, LOCK_STATE, "error getting state lock"},
+    {"wait", &inject_pthread_cond_wait, 1, "error waiting on condition"},
+    {"signal", &inject_pthread_cond_signal, 1, "wait failed", true},
+    {"unlock", UNLOCK, UNLOCK_STATE, "error unlocking"},
+    {"unlockThatLeavesTheLock", UNLOCK, UNLOCK_STATE, "error unlocking", false, false},
+    {"lockAtTheEnd", LOCK, LOCK_TO_FINISH, "error locking"},
+    {"unlockAtTheEnd", UNLOCK, UNLOCK_TO_FINISH, "error unlocking"},
+    {"unlockAtTheEndThatLeavesTheLock", UNLOCK, UNLOCK_TO_FINISH, "error unlocking", false, false},
+};
+INSTANTIATE_TEST_SUITE_P(All, ThreadWrapperRows, testing::ValuesIn(WRAPPER_ROWS), RowName());
 
 TEST_F(ThreadFailure, unlockOfAThreadThatIsNotToRunIsFatal) {
     EventRecorder const recorder;
     {
         Fault const waits(inject_pthread_cond_wait, 0, 1, 1, OTHERS);
         Fault const fault(inject_pthread_mutex_unlock, EAGAIN, UNLOCK_STATE, 1, OTHERS);
-        Thread const thread([](void*) { ADD_FAILURE() << "ran"; }, nullptr);
+        TestThread const thread([] { ADD_FAILURE() << "ran"; });
         EXPECT_TRUE(eventually([&waits] { return waits.getCalls() > 0; }));
     }
     EXPECT_EQ(aborted("threadWrapper", "error unlocking"), recorder.getText());
@@ -798,7 +672,7 @@ TEST_F(ThreadFailure, unlockOfAThreadThatIsNotToRunIsFatal) {
 
 // ---- the destructor ----
 
-enum class Life { CREATED, CREATED_DETACHED, STARTED_DETACHED, FINISHED, JOINED, RUNNING };
+enum class Life { UNSTARTED, UNSTARTED_DETACHED, FINISHED, JOINED, ACTIVE };
 
 struct DestructorRow {
     char const* name;
@@ -806,12 +680,8 @@ struct DestructorRow {
     Injected* function;
     int nth;
     char const* text;
-    bool unlocks;
+    bool unlocks = true;
 };
-
-void PrintTo(DestructorRow const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class ThreadDestructorRows : public ThreadFailure, public testing::WithParamInterface<DestructorRow> {};
 
@@ -820,82 +690,71 @@ TEST_P(ThreadDestructorRows, areFatalAndNeitherHangNorLeaveTheThreadIfTheyAreSur
     g_failing_unlock_unlocks = row.unlocks;
     EventRecorder const recorder;
     Event begun;
-    Event go;
+    Event left;
     Body body = [&] {
         begun.set();
-        EXPECT_TRUE(go.wait());
+        m_wait();
+        left.set();
     };
     std::string expected = aborted("~Thread", row.text);
     {
         Fault const waits(inject_pthread_cond_wait, 0, 1, 1, OTHERS);
-        bool const detached = row.life == Life::CREATED_DETACHED || row.life == Life::STARTED_DETACHED;
+        bool const detached = row.life == Life::UNSTARTED_DETACHED;
         auto thread = std::make_unique<Thread>(run, &body, "destroyed", Attr(), detached);
         EXPECT_TRUE(eventually([&waits] { return waits.getCalls() > 0; }));
-        if (row.life != Life::CREATED && row.life != Life::CREATED_DETACHED) {
+        if (row.life != Life::UNSTARTED && row.life != Life::UNSTARTED_DETACHED) {
             EXPECT_FALSE(thread->start());
             EXPECT_TRUE(begun.wait());
         }
         if (row.life == Life::FINISHED) {
-            go.set();
+            m_go.set();
             EXPECT_TRUE(eventually([&] { return thread->getThreadState() == Thread::FINISHED; }));
         } else if (row.life == Life::JOINED) {
-            go.set();
+            m_go.set();
             EXPECT_FALSE(thread->join());
-        } else if (row.life == Life::RUNNING) {
+        } else if (row.life == Life::ACTIVE) {
             expected += "\n" + aborted("~Thread", "thread still running");
             expected += "\nASSERT framework/src/vesk/posix/Thread ~Thread: "
                         "getThreadState() == DEAD || m_detached_mode";
-        }
-        if (row.life == Life::CREATED_DETACHED) {
-            // The destructor need not wait for the thread: it finds it gone.
+        } else if (row.life == Life::UNSTARTED_DETACHED) {
+            // The thread has ended when the destructor looks, which then need not wait for it.
             t_locks_to_hold = 3;
-            t_threads_to_wait_for = support::countThreads() - 1;
+            t_threads_to_wait_for = countThreads() - 1;
         }
         Fault const fault(*row.function, EAGAIN, row.nth);
         thread.reset();
         EXPECT_LE(row.nth, fault.getCalls());
     }
-    go.set();
+    m_go.set();
+    EXPECT_TRUE(!begun.isSet() || left.wait());
     EXPECT_TRUE(eventually(areThreadsGone));
     EXPECT_EQ(expected, recorder.getText());
     std::ErrorStorage::ack();
 }
 
+constexpr char const* NO_SIGNAL = "error unlocking and signaling";
+
 // Locks of the destructor of a thread that was not started: the state, the condition's own for the signal, and, if
 // detached, the state again.
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadDestructorRows,
-    testing::Values(
-        DestructorRow{"lock", Life::CREATED, &inject_pthread_mutex_lock, 1, "error getting state lock", true},
-        DestructorRow{
-            "signal", Life::CREATED, &inject_pthread_cond_signal, 1, "error unlocking and signaling", true},
-        DestructorRow{
-            "unlockBehindTheSignal", Life::CREATED, &inject_pthread_mutex_unlock, 2,
-            "error unlocking and signaling", true},
-        DestructorRow{
-            "unlockBehindTheSignalThatLeavesTheLock", Life::CREATED, &inject_pthread_mutex_unlock, 2,
-            "error unlocking and signaling", false},
-        DestructorRow{
-            "join", Life::CREATED, &inject_pthread_join, 1, "error joining non-detached thread", true},
-        DestructorRow{
-            "lockOfADetachedOne", Life::CREATED_DETACHED, &inject_pthread_mutex_lock, 3, "error locking",
-            true},
-        DestructorRow{"joinOfAFinishedOne", Life::FINISHED, &inject_pthread_join, 1, "error joining", true},
-        DestructorRow{
-            "unlockOfAFinishedOne", Life::FINISHED, &inject_pthread_mutex_unlock, 1, "error joining", true},
-        DestructorRow{
-            "unlockOfAJoinedOne", Life::JOINED, &inject_pthread_mutex_unlock, 1, "error unlocking", true},
-        DestructorRow{
-            "unlockOfAJoinedOneThatLeavesTheLock", Life::JOINED, &inject_pthread_mutex_unlock, 1,
-            "error unlocking", false},
-        DestructorRow{
-            "unlockOfARunningOne", Life::RUNNING, &inject_pthread_mutex_unlock, 1, "error unlocking", true}),
-    [](auto const& row) { return row.param.name; });
+DestructorRow const DESTRUCTOR_ROWS[] = {
+    {"lock", Life::UNSTARTED, LOCK, 1, "error getting state lock"},
+    {"signal", Life::UNSTARTED, &inject_pthread_cond_signal, 1, NO_SIGNAL},
+    {"unlockBehindTheSignal", Life::UNSTARTED, UNLOCK, 2, NO_SIGNAL},
+    {"unlockBehindTheSignalThatLeavesTheLock", Life::UNSTARTED, UNLOCK, 2, NO_SIGNAL, false},
+    {"join", Life::UNSTARTED, JOIN, 1, "error joining non-detached thread"},
+    {"lockOfADetachedOne", Life::UNSTARTED_DETACHED, LOCK, 3, "error locking"},
+    {"joinOfAFinishedOne", Life::FINISHED, JOIN, 1, "error joining"},
+    {"unlockOfAFinishedOne", Life::FINISHED, UNLOCK, 1, "error joining"},
+    {"unlockOfAJoinedOne", Life::JOINED, UNLOCK, 1, "error unlocking"},
+    {"unlockOfAJoinedOneThatLeavesTheLock", Life::JOINED, UNLOCK, 1, "error unlocking", false},
+    {"unlockOfARunningOne", Life::ACTIVE, UNLOCK, 1, "error unlocking"},
+};
+INSTANTIATE_TEST_SUITE_P(All, ThreadDestructorRows, testing::ValuesIn(DESTRUCTOR_ROWS), RowName());
 
 TEST_F(ThreadFailure, waitsOfTheDestructorThatFailAreFatalAndRepeated) {
     EventRecorder const recorder;
     int seen = 0;
-    // Whether the destructor has to wait is a matter of who is faster, so this may take some rounds.
+    // Whether the destructor has to wait depends on timing, so this may take some rounds.
     for (int round = 0; round < 2000 && seen == 0; ++round) {
         auto thread = std::make_unique<Thread>(doNothing, nullptr, nullptr, Attr(), true);
         if (round % 2 == 0) {

@@ -49,15 +49,12 @@ TEST(ThreadId, comparesItsValue) {
     EXPECT_FALSE(one != ThreadId(1));
 }
 
-TEST(ThreadId, isOrderedWithoutASign) {
+TEST(ThreadId, isOrderedWithoutASignAndCanBeAKey) {
     ThreadId const high(ALL_BITS - (ALL_BITS >> 1)); // The highest bit alone, which is below 0 with a sign.
     EXPECT_TRUE(ThreadId(1) < high);
     EXPECT_FALSE(high < ThreadId(1));
     EXPECT_TRUE(high < ThreadId::INVALID_THREAD_ID);
     EXPECT_FALSE(high < high);
-}
-
-TEST(ThreadId, canBeAKey) {
     std::map<ThreadId, int> numbers;
     numbers[ThreadId(3)] = 3;
     numbers[ThreadId(1)] = 1;
@@ -73,12 +70,10 @@ TEST(ThreadId, isWrittenWithEightDigitsAtLeast) {
     EXPECT_EQ("0x" + std::string(2 * sizeof(pthread_t), 'f'), textOf(ThreadId()));
 }
 
-TEST(ThreadId, losesNoDigitWhereTheSystemHasMore) {
-    if (sizeof(pthread_t) <= 4) {
-        EXPECT_EQ("0xffffffff", textOf(ThreadId()));
-        return;
-    }
-    EXPECT_EQ("0x7fedcba987654321", textOf(ThreadId(static_cast<pthread_t>(0x7fedcba987654321LL))));
+TEST(ThreadId, isWrittenWithAllDigitsOfTheSystem) {
+    bool const is_short = sizeof(pthread_t) <= 4;
+    ThreadId const id = is_short ? ThreadId() : ThreadId(static_cast<pthread_t>(0x7fedcba987654321LL));
+    EXPECT_EQ(is_short ? "0xffffffff" : "0x7fedcba987654321", textOf(id));
 }
 
 TEST(ThreadId, restoresTheFlagsOfTheStreamAndLeavesItsFillAtZero) {
@@ -94,7 +89,7 @@ TEST(ThreadId, restoresTheFlagsOfTheStreamAndLeavesItsFillAtZero) {
     EXPECT_EQ("0007", out.str());
 }
 
-TEST(ThreadId, takesNoWidthOfTheStream) {
+TEST(ThreadId, ignoresTheWidthOfTheStream) {
     std::ostringstream out;
     out << std::setw(20) << ThreadId(1) << "|" << 2;
     EXPECT_EQ("0x00000001|2", out.str());

@@ -3,19 +3,25 @@
 #include "support/Sanitizers.h"
 #include "support/Threads.h"
 
+#include <vesk/Thread.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <ctime>
+#include <functional>
 #include <pthread.h>
 #include <sched.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 /// What the tests of threads have in common.
 namespace support {
 
-/// Waits until something is so, at most about two minutes. It takes no lock, so it is in no fault's way, and it is no
-/// cancellation point, so a body that waits here goes on when its thread is terminated.
+/// Waits until a condition holds, at most about two minutes. Takes no lock, so that it does not meet an injected fault.
+/// Is no cancellation point, so that a body that waits here continues when its thread is terminated.
 template <typename Condition>
 bool eventually(Condition condition) {
     constexpr int IMPATIENT_ROUNDS = 200;
@@ -28,7 +34,7 @@ bool eventually(Condition condition) {
         if (round == ROUNDS) {
             return false;
         }
-        // Lets those run that a real-time thread would not.
+        // Lets threads run that have a lower priority than this one.
         int before = 0;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
         timespec const little{0, 100000};
@@ -38,7 +44,7 @@ bool eventually(Condition condition) {
     return true;
 }
 
-/// Something that happens once.
+/// An event that happens once.
 class Event {
 public:
     void set() noexcept { m_set = true; }
@@ -51,7 +57,7 @@ private:
     std::atomic<bool> m_set{false};
 };
 
-/// Tells that a scope was left, also by the unwinding of a cancelled thread.
+/// Sets an event when a scope is left, also by the unwinding of a canceled thread.
 class SetAtEnd {
 public:
     explicit SetAtEnd(Event& event) noexcept : m_event(event) {}
@@ -61,7 +67,7 @@ private:
     Event& m_event;
 };
 
-/// Waits until the process has so many threads: one that was joined may be seen for another moment.
+/// Waits until the process has this number of threads. The system may still show a thread shortly after it was joined.
 inline testing::AssertionResult hasThreads(int count) {
     if (eventually([count] { return countThreads() == count; })) {
         return testing::AssertionSuccess();
@@ -69,8 +75,8 @@ inline testing::AssertionResult hasThreads(int count) {
     return testing::AssertionFailure() << countThreads() << " threads instead of " << count;
 }
 
-/// Tests that leave detached or terminated threads behind wait for their end here, so that the process does not end
-/// under them.
+/// Tests that leave detached or terminated threads behind. Waits for the end of these threads, so that they do not
+/// outlast the process.
 class ThreadsGone : public testing::Test {
 protected:
     void TearDown() override { EXPECT_TRUE(eventually(areThreadsGone)) << "a thread is left"; }
@@ -78,14 +84,14 @@ protected:
 };
 
 #if defined(__SANITIZE_THREAD__)
-/// The thread sanitizer loses sight of a thread that is unwound from a system call in which it blocks, except from the
-/// wait of a condition, and sees races from then on where there are none.
+/// The thread sanitizer no longer watches a thread that is unwound from a system call in which it blocks, except from
+/// the wait of a condition. From then on it reports races that do not exist.
 constexpr bool WATCHES_CANCELLED_CALLS = false;
 #else
 constexpr bool WATCHES_CANCELLED_CALLS = true;
 #endif
 
-/// A body that ends when it is cancelled.
+/// Waits until the thread is canceled.
 [[noreturn]] inline void waitForCancellation() {
     for (;;) {
         if constexpr (WATCHES_CANCELLED_CALLS) {
@@ -95,6 +101,67 @@ constexpr bool WATCHES_CANCELLED_CALLS = true;
             sched_yield();
         }
     }
+}
+
+/// Any callable as the body of a `Thread`.
+using Body = std::function<void()>;
+inline void run(void* body) {
+    (*static_cast<Body*>(body))();
+}
+inline void doNothing(void* /*unused*/) {}
+
+struct BodyOwner {
+    Body body;
+};
+
+/// A thread that owns its body. Not for bodies that outlive the object.
+class TestThread : private BodyOwner, public vesk::Thread {
+public:
+    explicit TestThread(
+        Body callable, char const* name = nullptr, vesk::sched::Attr const& attributes = vesk::sched::Attr(),
+        bool detached = false)
+        : BodyOwner{std::move(callable)}, Thread(run, &body, name, attributes, detached) {}
+
+    /// Starts the thread and joins it.
+    void runToEnd() {
+        ASSERT_TRUE(isValid());
+        EXPECT_FALSE(start());
+        EXPECT_FALSE(join());
+    }
+    bool isIn(State state) const {
+        return eventually([this, state] { return getThreadState() == state; });
+    }
+};
+
+/// A thread that has been started.
+class StartedThread : public TestThread {
+public:
+    template <typename... Args>
+    explicit StartedThread(Args&&... args) : TestThread(std::forward<Args>(args)...) {
+        EXPECT_FALSE(start());
+    }
+};
+
+/// Runs `body` in a thread to its end.
+inline void runInThread(Body body) {
+    TestThread(std::move(body)).runToEnd();
+}
+
+/// Runs `body` with the numbers from 0 on in so many threads of the standard library. Waits for their end.
+template <typename Callable>
+void runThreads(int count, Callable body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back(body, i);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+/// Returns the object of the calling thread.
+inline vesk::Thread& self() {
+    return *static_cast<vesk::Thread*>(vesk::Thread::s_tls_ctrl_object.get());
 }
 
 } // namespace support

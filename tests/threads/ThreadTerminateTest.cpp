@@ -1,58 +1,30 @@
 #include "support/Cancellation.h"
 #include "support/Chain.h"
+#include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Condition.h>
 #include <vesk/Mutex.h>
-#include <vesk/SysError.h>
-#include <vesk/Thread.h>
 #include <vesk/Time.h>
 
 #include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
 #include <tarncommon/error/ErrorStorage.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <functional>
 #include <limits>
 #include <memory>
-#include <pthread.h>
-#include <string>
-#include <thread>
 #include <tuple>
 
 namespace {
 
-using std::CommonError;
+using namespace support;
 namespace CommonErrorId = std::CommonErrorId;
-using support::chainIs;
-using support::Event;
-using support::eventually;
-using support::rowText;
-using support::SetAtEnd;
-using support::waitForCancellation;
+namespace SysErrorId = vesk::SysErrorId;
 using vesk::Condition;
 using vesk::Mutex;
 using vesk::MutexLock;
-using vesk::SysError;
-namespace SysErrorId = vesk::SysErrorId;
 using vesk::Thread;
 using vesk::sched::Attr;
-
-testing::AssertionResult isRefused() {
-    return chainIs(
-        {{CommonErrorId::CONTRACT_BROKEN,
-          rowText(CommonErrorId::CONTRACT_BROKEN, "Invalid state for termination request")}});
-}
-
-using Body = std::function<void()>;
-void run(void* body) {
-    (*static_cast<Body*>(body))();
-}
 
 std::atomic<int> g_normal{0};
 std::atomic<int> g_terminated{0};
@@ -60,216 +32,194 @@ void count(Thread::ThreadId const&, Thread::ExitReason reason) {
     ++(reason == Thread::EXIT_NORMAL ? g_normal : g_terminated);
 }
 
-class ThreadTerminate : public support::ThreadsGone {
+class ThreadTerminate : public ThreadsGone {
 protected:
     void SetUp() override { g_normal = g_terminated = 0; }
+    void TearDown() override {
+        // Orders the last use of this object in the thread before its destruction.
+        EXPECT_TRUE(!m_ready.isSet() || m_left.wait());
+        ThreadsGone::TearDown();
+    }
     void waitForTheEnd() const { EXPECT_TRUE(eventually(areThreadsGone)); }
+
+    /// Starts a thread and waits until it is ready.
+    void start(Thread& thread) {
+        EXPECT_FALSE(thread.start());
+        EXPECT_TRUE(m_ready.wait());
+    }
+    void expectCalls(int normal, int terminated) const {
+        EXPECT_EQ(normal, g_normal);
+        EXPECT_EQ(terminated, g_terminated);
+    }
+
+    int m_threads = countThreads();
+    Event m_ready;
+    Event m_go;
+    Event m_left;
+    Body m_cancelable = [this] {
+        SetAtEnd const end(m_left);
+        Thread::registerExitHandler(count);
+        m_ready.set();
+        waitForCancellation();
+    };
+    /// Waits for `m_go` without a cancellation point.
+    Body m_returning = [this] {
+        SetAtEnd const end(m_left);
+        Thread::registerExitHandler(count);
+        m_ready.set();
+        EXPECT_TRUE(m_go.wait());
+    };
 };
+
+testing::AssertionResult isRefused() {
+    return chainIs(
+        {{CommonErrorId::CONTRACT_BROKEN,
+          rowText(CommonErrorId::CONTRACT_BROKEN, "Invalid state for termination request")}});
+}
+
+/// Checks that `terminate` refuses a thread and leaves its state.
+void expectRefused(Thread& thread, Thread::State state) {
+    EXPECT_EQ(state, thread.getThreadState());
+    EXPECT_TRUE(thread.terminate());
+    EXPECT_TRUE(isRefused());
+    EXPECT_EQ(state, thread.getThreadState());
+}
 
 // ---- what it does ----
 
 TEST_F(ThreadTerminate, unwindsTheBodyAndCallsTheHandlersInTheCaller) {
     static Thread::ThreadId s_caller;
     static Thread::ThreadId s_id;
-    Event ready;
-    Event left;
-    Body body = [&] {
-        SetAtEnd const end(left);
+    TestThread thread([this] {
         Thread::registerExitHandler([](Thread::ThreadId const& id, Thread::ExitReason reason) {
             s_id = id;
             s_caller = Thread::getCallerThreadId();
             EXPECT_EQ(Thread::EXIT_TERMINATED, reason);
         });
-        Thread::registerExitHandler(count);
-        ready.set();
-        waitForCancellation();
-    };
-    Thread thread(run, &body, "terminated");
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(ready.wait());
+        m_cancelable();
+    });
+    start(thread);
     EXPECT_FALSE(thread.terminate());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
     EXPECT_EQ(Thread::getCallerThreadId(), s_caller);
     EXPECT_EQ(thread.getThreadId(), s_id);
-    EXPECT_EQ(1, g_terminated);
-    EXPECT_TRUE(left.wait());
-    EXPECT_EQ(0, g_normal);
+    EXPECT_TRUE(m_left.wait());
+    expectCalls(0, 1);
     EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(ThreadTerminate, leavesNothingToBeJoined) {
-    int const before = support::countThreads();
-    Event ready;
-    Body body = [&ready] {
-        ready.set();
-        waitForCancellation();
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(ready.wait());
+    TestThread thread(m_cancelable);
+    start(thread);
     EXPECT_FALSE(thread.terminate());
     EXPECT_TRUE(thread.join());
-    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
+    EXPECT_TRUE(chainIs({CommonErrorId::CONTRACT_BROKEN}));
     EXPECT_EQ(-1, thread.joinTimeout(0));
-    EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
-    EXPECT_TRUE(eventually([before] { return support::countThreads() == before; }));
+    EXPECT_TRUE(chainIs({CommonErrorId::CONTRACT_BROKEN}));
+    EXPECT_TRUE(hasThreads(m_threads));
     EXPECT_FALSE(thread.wakeup());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
 }
 
 TEST_F(ThreadTerminate, isRefusedBeforeTheStartAndAfterTheEnd) {
-    Thread thread([](void*) {}, nullptr);
-    EXPECT_TRUE(thread.terminate());
-    EXPECT_TRUE(isRefused());
-    EXPECT_EQ(Thread::CREATED, thread.getThreadState());
+    Thread thread(doNothing, nullptr);
+    expectRefused(thread, Thread::CREATED);
     EXPECT_FALSE(thread.start());
     EXPECT_TRUE(eventually([&] { return thread.getThreadState() == Thread::FINISHED; }));
-    EXPECT_TRUE(thread.terminate());
-    EXPECT_TRUE(isRefused());
-    EXPECT_EQ(Thread::FINISHED, thread.getThreadState());
+    expectRefused(thread, Thread::FINISHED);
     EXPECT_FALSE(thread.join());
-    EXPECT_TRUE(thread.terminate());
-    EXPECT_TRUE(isRefused());
+    expectRefused(thread, Thread::DEAD);
 }
 
 TEST_F(ThreadTerminate, isRefusedASecondTime) {
-    Event ready;
-    Body body = [&ready] {
-        Thread::registerExitHandler(count);
-        ready.set();
-        waitForCancellation();
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(ready.wait());
+    TestThread thread(m_cancelable);
+    start(thread);
     EXPECT_FALSE(thread.terminate());
-    EXPECT_TRUE(thread.terminate());
-    EXPECT_TRUE(isRefused());
-    EXPECT_EQ(1, g_terminated);
+    expectRefused(thread, Thread::DEAD);
+    expectCalls(0, 1);
 }
 
 TEST_F(ThreadTerminate, refusalReportsOnTopOfWhatIsPending) {
-    Thread thread([](void*) {}, nullptr);
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+    Thread thread(doNothing, nullptr);
+    leaveOlderReport();
     EXPECT_TRUE(thread.terminate());
-    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}, {CommonErrorId::CONTRACT_BROKEN}}));
+    EXPECT_TRUE(chainIs({SysErrorId::NO_SUCH_PROCESS, CommonErrorId::CONTRACT_BROKEN}));
 }
 
 TEST_F(ThreadTerminate, isRefusedWhileItIsSuspended) {
-    Thread* self = nullptr;
-    Body body = [&self] { EXPECT_FALSE(self->suspend(0)); };
-    Thread thread(run, &body);
-    self = &thread;
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(eventually([&] { return thread.getThreadState() == Thread::SUSPENDED; }));
-    EXPECT_TRUE(thread.terminate());
-    EXPECT_TRUE(isRefused());
-    EXPECT_EQ(Thread::SUSPENDED, thread.getThreadState());
+    StartedThread thread([] { EXPECT_FALSE(self().suspend(0)); });
+    EXPECT_TRUE(thread.isIn(Thread::SUSPENDED));
+    expectRefused(thread, Thread::SUSPENDED);
     EXPECT_FALSE(thread.wakeup());
     EXPECT_FALSE(thread.join());
 }
 
 TEST_F(ThreadTerminate, isRefusedWhenItHasEndedByItself) {
-    Body body = [] { pthread_exit(nullptr); };
-    Thread thread(run, &body);
-    int const before = support::countThreads();
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(eventually([before] { return support::countThreads() == before - 1; }));
+    StartedThread thread([] { pthread_exit(nullptr); });
+    EXPECT_TRUE(hasThreads(m_threads));
     EXPECT_TRUE(thread.terminate());
     EXPECT_TRUE(isRefused());
     EXPECT_FALSE(thread.join());
 }
 
 TEST_F(ThreadTerminate, ofADetachedOneCallsItsHandlers) {
-    Event ready;
-    Event left;
-    Body body = [&] {
-        SetAtEnd const end(left);
-        Thread::registerExitHandler(count);
-        ready.set();
-        waitForCancellation();
-    };
-    Thread thread(run, &body, nullptr, Attr(), true);
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(ready.wait());
+    TestThread thread(m_cancelable, nullptr, Attr(), true);
+    start(thread);
     EXPECT_FALSE(thread.terminate());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-    EXPECT_TRUE(left.wait());
-    EXPECT_EQ(1, g_terminated);
-    EXPECT_EQ(0, g_normal);
+    EXPECT_TRUE(m_left.wait());
+    expectCalls(0, 1);
 }
 
-TEST_F(ThreadTerminate, byTheThreadItselfTakesHoldAtTheNextCancellationPoint) {
-    Thread* self = nullptr;
-    Event left;
-    std::atomic<bool> went_on{false};
-    Body body = [&] {
-        SetAtEnd const end(left);
+TEST_F(ThreadTerminate, byTheThreadItselfTakesEffectAtTheNextCancellationPoint) {
+    StartedThread thread([this] {
+        SetAtEnd const end(m_left);
         Thread::registerExitHandler(count);
-        EXPECT_FALSE(self->terminate());
+        EXPECT_FALSE(self().terminate());
         EXPECT_EQ(1, g_terminated);
-        went_on = true;
+        m_go.set();
         pthread_testcancel();
-        ADD_FAILURE() << "not cancelled";
-    };
-    Thread thread(run, &body);
-    self = &thread;
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(left.wait());
-    EXPECT_TRUE(went_on);
+        ADD_FAILURE() << "not canceled";
+    });
+    EXPECT_TRUE(m_left.wait());
+    EXPECT_TRUE(m_go.isSet());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
 }
 
 TEST_F(ThreadTerminate, bodyThatReturnsAllTheSameLeavesTheStateDead) {
-    Event ready;
-    Event go;
-    int const before = support::countThreads();
-    Body body = [&] {
-        Thread::registerExitHandler(count);
-        ready.set();
-        EXPECT_TRUE(go.wait()); // No cancellation point.
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(ready.wait());
+    TestThread thread(m_returning);
+    start(thread);
     EXPECT_FALSE(thread.terminate());
-    go.set();
-    EXPECT_TRUE(eventually([before] { return support::countThreads() == before; }));
+    m_go.set();
+    EXPECT_TRUE(hasThreads(m_threads));
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-    EXPECT_EQ(1, g_terminated);
-    EXPECT_EQ(0, g_normal);
+    expectCalls(0, 1);
 }
 
-TEST_F(ThreadTerminate, bodyThatReturnsAfterItsObjectIsGoneTouchesNothing) {
-    Event ready;
-    Event go;
-    Event done;
-    Body body = [&] {
-        ready.set();
-        EXPECT_TRUE(go.wait());
-        done.set();
-    };
-    auto thread = std::make_unique<Thread>(run, &body, "orphan");
-    EXPECT_FALSE(thread->start());
-    EXPECT_TRUE(ready.wait());
+TEST_F(ThreadTerminate, bodyThatReturnsAfterItsObjectIsDestroyedTouchesNothing) {
+    auto thread = std::make_unique<Thread>(run, &m_returning, "orphan");
+    start(*thread);
     EXPECT_FALSE(thread->terminate());
     thread.reset();
-    go.set();
-    EXPECT_TRUE(done.wait());
+    m_go.set();
+    EXPECT_TRUE(m_left.wait());
 }
 
 // ---- locks and unwinding ----
 
-TEST_F(ThreadTerminate, conditionWaitIsLeftWithTheLockFree) {
-    if (!support::FORGETS_UNWOUND_FRAMES) {
-        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
+#define SKIP_UNLESS_FRAMES_ARE_FORGOTTEN()                                                                   \
+    if (!support::FORGETS_UNWOUND_FRAMES) {                                                                  \
+        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";                \
     }
+
+TEST_F(ThreadTerminate, conditionWaitIsLeftWithTheLockFree) {
+    SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     for (bool const timed : {false, true}) {
         Mutex mutex;
         Condition condition;
         Event left;
         std::atomic<bool> waiting{false};
-        Body body = [&] {
+        StartedThread thread([&] {
             SetAtEnd const end(left);
             MutexLock const lock(mutex);
             waiting = true;
@@ -280,9 +230,7 @@ TEST_F(ThreadTerminate, conditionWaitIsLeftWithTheLockFree) {
                     condition.wait(mutex);
                 }
             }
-        };
-        Thread thread(run, &body);
-        EXPECT_FALSE(thread.start());
+        });
         EXPECT_TRUE(eventually([&waiting] { return waiting.load(); }));
         { MutexLock const lock(mutex); } // It is in its wait now.
         EXPECT_FALSE(thread.terminate());
@@ -294,21 +242,15 @@ TEST_F(ThreadTerminate, conditionWaitIsLeftWithTheLockFree) {
 }
 
 TEST_F(ThreadTerminate, cancellationInSuspendLeavesTheLockFree) {
-    if (!support::FORGETS_UNWOUND_FRAMES) {
-        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
-    }
+    SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     for (long long const ms : {0LL, 3600000LL}) {
-        Thread* self = nullptr;
         Event left;
-        Body body = [&] {
+        StartedThread thread([&left, ms] {
             SetAtEnd const end(left);
-            self->suspend(ms);
-        };
-        Thread thread(run, &body);
-        self = &thread;
-        EXPECT_FALSE(thread.start());
-        EXPECT_TRUE(eventually([&] { return thread.getThreadState() == Thread::SUSPENDED; }));
-        // terminate refuses, so it takes somebody who knows the handle.
+            self().suspend(ms);
+        });
+        EXPECT_TRUE(thread.isIn(Thread::SUSPENDED));
+        // terminate refuses a suspended thread.
         EXPECT_EQ(0, pthread_cancel(thread.getThreadId().getValue()));
         EXPECT_TRUE(left.wait());
         EXPECT_EQ(Thread::SUSPENDED, thread.getThreadState());
@@ -317,100 +259,74 @@ TEST_F(ThreadTerminate, cancellationInSuspendLeavesTheLockFree) {
     }
 }
 
-TEST_F(ThreadTerminate, suspendOfATerminatedThreadIsCancelledAndLeavesTheStateDead) {
-    Thread* self = nullptr;
-    Event left;
-    Body body = [&] {
-        SetAtEnd const end(left);
-        EXPECT_FALSE(self->terminate());
-        self->suspend(0);
-        ADD_FAILURE() << "not cancelled";
-    };
-    Thread thread(run, &body);
-    self = &thread;
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(left.wait());
+TEST_F(ThreadTerminate, suspendOfATerminatedThreadIsCanceledAndLeavesTheStateDead) {
+    StartedThread thread([this] {
+        SetAtEnd const end(m_left);
+        EXPECT_FALSE(self().terminate());
+        self().suspend(0);
+        ADD_FAILURE() << "not canceled";
+    });
+    EXPECT_TRUE(m_left.wait());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
 }
 
 TEST_F(ThreadTerminate, suspendOfATerminatedThreadThatRefusesCancellationDoesNotWait) {
-    Thread* self = nullptr;
-    Event done;
-    Body body = [&] {
+    StartedThread thread([this] {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        EXPECT_FALSE(self->terminate());
-        EXPECT_FALSE(self->suspend(0));
-        done.set();
-    };
-    Thread thread(run, &body);
-    self = &thread;
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(done.wait());
+        EXPECT_FALSE(self().terminate());
+        EXPECT_FALSE(self().suspend(0));
+        m_left.set();
+    });
+    EXPECT_TRUE(m_left.wait());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
 }
 
 TEST_F(ThreadTerminate, cancellationBeforeTheStartWaitsForTheBody) {
-    Event left;
-    Body body = [&left] {
-        SetAtEnd const end(left);
-        waitForCancellation();
-    };
-    Thread thread(run, &body);
+    TestThread thread(m_cancelable);
     EXPECT_EQ(0, pthread_cancel(thread.getThreadId().getValue()));
     EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(left.wait());
+    EXPECT_TRUE(m_left.wait());
     EXPECT_FALSE(thread.join());
 }
 
 TEST_F(ThreadTerminate, cancellationBeforeTheStartDoesNotKeepTheObjectFromItsEnd) {
     for (bool const detached : {false, true}) {
-        Body body = [] { ADD_FAILURE() << "ran"; };
-        Thread thread(run, &body, nullptr, Attr(), detached);
+        TestThread thread([] { ADD_FAILURE() << "ran"; }, nullptr, Attr(), detached);
         EXPECT_EQ(0, pthread_cancel(thread.getThreadId().getValue()));
     }
 }
 
-TEST_F(ThreadTerminate, catchingEverythingAndThrowingItOnLetsTheUnwindingPass) {
-    Event ready;
-    Event left;
+TEST_F(ThreadTerminate, unwindingPassesABodyThatCatchesEverythingAndRethrows) {
     bool caught = false;
-    Body body = [&] {
-        SetAtEnd const end(left);
+    TestThread thread([&] {
+        SetAtEnd const end(m_left);
         try {
-            ready.set();
+            m_ready.set();
             waitForCancellation();
         } catch (...) {
             caught = true;
             throw;
         }
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(ready.wait());
+    });
+    start(thread);
     EXPECT_FALSE(thread.terminate());
-    EXPECT_TRUE(left.wait());
+    EXPECT_TRUE(m_left.wait());
     EXPECT_TRUE(caught);
 }
 
-TEST_F(ThreadTerminate, sleepOfTheLibraryIsCancelled) {
-    if (!support::FORGETS_UNWOUND_FRAMES) {
-        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
-    }
+TEST_F(ThreadTerminate, sleepOfTheLibraryIsCanceled) {
+    SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     if (!support::WATCHES_CANCELLED_CALLS) {
         GTEST_SKIP() << "the thread sanitizer does not know threads that are cancelled in clock_nanosleep";
     }
-    Event ready;
-    Event left;
-    Body body = [&] {
-        SetAtEnd const end(left);
-        ready.set();
+    TestThread thread([this] {
+        SetAtEnd const end(m_left);
+        m_ready.set();
         vesk::Time::sleep(3600000);
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(ready.wait());
+    });
+    start(thread);
     EXPECT_FALSE(thread.terminate());
-    EXPECT_TRUE(left.wait());
+    EXPECT_TRUE(m_left.wait());
 }
 
 // ---- the object of a suspended thread ----
@@ -468,26 +384,23 @@ TEST_P(ThreadEndInSuspend, wokenTerminatedAndDestroyedAtOnceLeavesNoTrace) {
 }
 
 TEST_P(ThreadEndInSuspend, bodyOfATerminatedThreadMaySuspendWithoutItsObject) {
-    Event ready;
-    Event gone;
-    Event done;
-    m_body = [&] {
+    m_body = [this] {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        ready.set();
-        EXPECT_TRUE(gone.wait());
+        m_ready.set();
+        EXPECT_TRUE(m_go.wait());
         EXPECT_FALSE(suspend());
-        done.set();
+        m_left.set();
     };
     std::unique_ptr<Thread> thread = start();
-    EXPECT_TRUE(ready.wait());
+    EXPECT_TRUE(m_ready.wait());
     EXPECT_FALSE(thread->terminate());
     thread.reset();
-    gone.set();
-    EXPECT_TRUE(done.wait());
+    m_go.set();
+    EXPECT_TRUE(m_left.wait());
 }
 
-TEST_F(ThreadTerminate, objectThatEndsWakesItsDetachedThread) {
-    support::EventRecorder const recorder;
+TEST_F(ThreadTerminate, destructorOfADetachedSuspendedThreadWakesIt) {
+    EventRecorder const recorder;
     for (long long const ms : {0LL, 1LL, 3600000LL}) {
         std::atomic<Thread*> self{nullptr};
         Event gone;
@@ -519,7 +432,7 @@ constexpr int ROUNDS = 3000; // Each takes about ten times as long.
 constexpr int ROUNDS = 10000;
 #endif
 
-/// A little time, other in every round, to hit every moment of a thread's life.
+/// Passes a little time, different in every round, to hit every moment of a thread's life.
 void linger(int round, int longest = 100000) {
     for (volatile int i = 0; i < round * 7919 % longest; i = i + 1) {}
 }
@@ -542,7 +455,7 @@ INSTANTIATE_TEST_SUITE_P(All, ThreadTerminateRace, testing::Bool(), [](auto cons
     return row.param ? "detached" : "joinable";
 });
 
-// The memory of the object is given back at once, so that the address sanitizer sees who touches it.
+// The memory of the object is given back at once, so that the address sanitizer sees each access to it.
 TEST_P(ThreadTerminateRace, withTheEndOfTheBodyHasOneWinner) {
     bool const detached = GetParam();
     int refused = 0;
@@ -584,7 +497,7 @@ TEST_P(ThreadTerminateRace, withTheBeginningOfTheThreadHasOneWinner) {
     EXPECT_LE(g_terminated, ROUNDS);
 }
 
-TEST_F(ThreadTerminate, isNotNeededWhereTheObjectOfADetachedThreadGoesAtAnyMoment) {
+TEST_F(ThreadTerminate, isNotNeededIfTheObjectOfADetachedThreadIsDestroyedAtAnyMoment) {
     for (int round = 0; round < ROUNDS; ++round) {
         auto thread = std::make_unique<Thread>(registerCount, nullptr, "racing", Attr(), true);
         if (round % 3 != 0) {
@@ -599,13 +512,11 @@ TEST_F(ThreadTerminate, ofSeveralAtOnceOneSucceeds) {
     for (int round = 0; round < ROUNDS / 10; ++round) {
         g_terminated = 0;
         Event ready;
-        Body body = [&ready] {
+        StartedThread thread([&ready] {
             Thread::registerExitHandler(count);
             ready.set();
             waitForCancellation();
-        };
-        Thread thread(run, &body);
-        ASSERT_FALSE(thread.start());
+        });
         ASSERT_TRUE(ready.wait());
         std::atomic<int> succeeded{0};
         auto const terminate = [&] {
@@ -622,10 +533,10 @@ TEST_F(ThreadTerminate, ofSeveralAtOnceOneSucceeds) {
     }
 }
 
-TEST_F(ThreadTerminate, fightsWithAJoinAndBothComeToAnEnd) {
+TEST_F(ThreadTerminate, racesWithAJoinAndBothComeToAnEnd) {
     for (int round = 0; round < ROUNDS / 5; ++round) {
-        auto thread = std::make_unique<Thread>(
-            round % 2 == 0 ? registerAndWait : registerCount, nullptr, "fought over");
+        auto thread =
+            std::make_unique<Thread>(round % 2 == 0 ? registerAndWait : registerCount, nullptr, "contended");
         ASSERT_FALSE(thread->start());
         bool joined = false;
         std::thread joiner([&] {
@@ -649,28 +560,20 @@ TEST_F(ThreadTerminate, fightsWithAJoinAndBothComeToAnEnd) {
     }
 }
 
-TEST_F(ThreadTerminate, suspendAndWakeupFightOverTheState) {
+TEST_F(ThreadTerminate, suspendAndWakeupRaceForTheState) {
     for (int round = 0; round < ROUNDS / 50; ++round) {
-        struct Job {
-            std::atomic<Thread*> self{nullptr};
-        } job;
-        auto thread = std::make_unique<Thread>(
-            [](void* argument) {
-                Thread& self = *static_cast<Job*>(argument)->self;
-                for (int i = 0; i < 3; ++i) {
-                    self.suspend(i);
-                }
-            },
-            &job);
-        job.self = thread.get();
-        ASSERT_FALSE(thread->start());
+        StartedThread thread([] {
+            for (int i = 0; i < 3; ++i) {
+                self().suspend(i);
+            }
+        });
         std::atomic<bool> over{false};
         std::thread waker([&] {
             while (!over) {
-                EXPECT_FALSE(thread->wakeup());
+                EXPECT_FALSE(thread.wakeup());
             }
         });
-        ASSERT_FALSE(thread->join());
+        ASSERT_FALSE(thread.join());
         over = true;
         waker.join();
     }

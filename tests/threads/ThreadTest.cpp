@@ -1,16 +1,13 @@
-#include "support/Chain.h"
 #include "support/Child.h"
+#include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "threads/ThreadSupport.h"
 
-#include <vesk/SysError.h>
-#include <vesk/Thread.h>
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
 
 #include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
 #include <tarncommon/error/ErrorStorage.h>
 
 #include <gtest/gtest.h>
@@ -26,13 +23,8 @@
 #include <iterator>
 #include <limits>
 #include <memory>
-#include <pthread.h>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
 #include <type_traits>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -66,36 +58,36 @@ VESK_INJECT_ERRNO(int, -1, sched_yield, (), ())
 
 namespace {
 
-using std::CommonError;
+using namespace support;
 namespace CommonErrorId = std::CommonErrorId;
-using support::chainIs;
-using support::ChildEnd;
-using support::Event;
-using support::EventRecorder;
-using support::eventually;
-using support::Fault;
-using support::rowText;
-using support::SetAtEnd;
-using support::systemText;
-using support::waitForCancellation;
-using vesk::SysError;
 namespace SysErrorId = vesk::SysErrorId;
 using vesk::Thread;
 using vesk::sched::Attr;
-
-constexpr char const* INVALID_JOIN = "Invalid state for join, or tried to join the own thread";
 
 testing::AssertionResult isMisuse(char const* text) {
     return chainIs({{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)}});
 }
 
-/// Any callable as a body.
-using Body = std::function<void()>;
-void run(void* body) {
-    (*static_cast<Body*>(body))();
+void expectJoinRefused(
+    Thread& thread, long long timeout_ms,
+    char const* text = "Invalid state for join, or tried to join the own thread") {
+    EXPECT_TRUE(thread.join());
+    EXPECT_TRUE(isMisuse(text));
+    EXPECT_EQ(-1, thread.joinTimeout(timeout_ms));
+    EXPECT_TRUE(isMisuse(text));
 }
 
-class ThreadTest : public support::ThreadsGone {};
+class ThreadTest : public ThreadsGone {
+protected:
+    /// Counts the runs of a body.
+    Body const m_count = [this] { ++m_runs; };
+    /// Waits for `m_go`.
+    Body const m_wait = [this] { EXPECT_TRUE(m_go.wait()); };
+
+    std::atomic<int> m_runs{0};
+    Event m_go;
+    int m_threads = countThreads();
+};
 
 void expectGoodEnd(ChildEnd const& end) {
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
@@ -110,143 +102,125 @@ static_assert(Thread::FINISHED == 3 && Thread::DEAD == 4);
 static_assert(Thread::EXIT_NORMAL == 0 && Thread::EXIT_TERMINATED == 1);
 
 TEST_F(ThreadTest, runsItsBodyWithItsArgumentOnceItIsStarted) {
-    std::atomic<void*> got{nullptr};
-    struct Job {
-        std::atomic<void*>& result;
-    } job{got};
-    Thread thread([](void* argument) { static_cast<Job*>(argument)->result = argument; }, &job);
+    std::atomic<void*> argument{nullptr};
+    Thread thread([](void* data) { *static_cast<std::atomic<void*>*>(data) = data; }, &argument);
     EXPECT_TRUE(thread.isValid());
     EXPECT_EQ(Thread::CREATED, thread.getThreadState());
-    EXPECT_EQ(nullptr, got.load());
+    EXPECT_EQ(nullptr, argument.load());
     EXPECT_FALSE(thread.start());
     EXPECT_FALSE(thread.join());
-    EXPECT_EQ(&job, got.load());
+    EXPECT_EQ(&argument, argument.load());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
     EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(ThreadTest, goesThroughItsStates) {
-    Event go;
-    Body body = [&go] { EXPECT_TRUE(go.wait()); };
-    Thread thread(run, &body);
+    TestThread thread(m_wait);
     EXPECT_EQ(Thread::CREATED, thread.getThreadState());
     EXPECT_FALSE(thread.start());
     EXPECT_EQ(Thread::RUNNING, thread.getThreadState());
-    go.set();
-    EXPECT_TRUE(eventually([&] { return thread.getThreadState() == Thread::FINISHED; }));
+    m_go.set();
+    EXPECT_TRUE(thread.isIn(Thread::FINISHED));
     EXPECT_FALSE(thread.join());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
 }
 
 TEST_F(ThreadTest, systemThreadExistsFromTheConstructorOn) {
-    int const before = support::countThreads();
-    Thread thread([](void*) {}, nullptr);
-    EXPECT_EQ(before + 1, support::countThreads());
+    Thread thread(doNothing, nullptr);
+    EXPECT_EQ(m_threads + 1, countThreads());
     EXPECT_NE(Thread::ThreadId::INVALID_THREAD_ID, thread.getThreadId());
     EXPECT_NE(Thread::getCallerThreadId(), thread.getThreadId());
 }
 
 TEST_F(ThreadTest, successLeavesAPendingErrorAlone) {
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+    leaveOlderReport();
     {
-        Thread thread([](void*) {}, nullptr, "name");
+        Thread thread(doNothing, nullptr, "name");
         EXPECT_FALSE(thread.start());
         EXPECT_FALSE(thread.wakeup());
         EXPECT_FALSE(thread.join());
     }
-    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}}));
+    EXPECT_TRUE(onlyOlderIsPending());
 }
 
 TEST_F(ThreadTest, startingTwiceFails) {
-    std::atomic<int> runs{0};
-    Body body = [&runs] { ++runs; };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
+    StartedThread thread(m_count);
     EXPECT_TRUE(thread.start());
     EXPECT_TRUE(isMisuse("start() called in invalid state"));
     EXPECT_FALSE(thread.join());
     EXPECT_TRUE(thread.start());
     EXPECT_TRUE(isMisuse("start() called in invalid state"));
-    EXPECT_EQ(1, runs);
+    EXPECT_EQ(1, m_runs);
 }
 
 TEST_F(ThreadTest, startInAWrongStateReportsOnTopOfWhatIsPending) {
-    Thread thread([](void*) {}, nullptr);
-    EXPECT_FALSE(thread.start());
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+    StartedThread thread(m_count);
+    leaveOlderReport();
     EXPECT_TRUE(thread.start());
-    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}, {CommonErrorId::CONTRACT_BROKEN}}));
+    EXPECT_TRUE(chainIs({SysErrorId::NO_SUCH_PROCESS, CommonErrorId::CONTRACT_BROKEN}));
     EXPECT_FALSE(thread.join());
 }
 
 TEST_F(ThreadTest, destroyedWithoutAStartRunsNoBodyAndWaitsForTheEnd) {
-    std::atomic<int> runs{0};
-    Body body = [&runs] { ++runs; };
-    int const before = support::countThreads();
     EventRecorder const recorder;
-    {
-        Thread thread(run, &body);
-        EXPECT_TRUE(thread.isValid());
+    for (bool const detached : {false, true}) {
+        {
+            TestThread const thread(m_count, "not started", Attr(), detached);
+            EXPECT_TRUE(thread.isValid());
+        }
+        EXPECT_TRUE(hasThreads(m_threads));
+        EXPECT_EQ(0, m_runs);
     }
-    EXPECT_TRUE(eventually([before] { return support::countThreads() == before; }));
-    EXPECT_EQ(0, runs);
     EXPECT_EQ("", recorder.getText());
     EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(ThreadTest, manyAreDestroyedWithoutAStartAtAnyMoment) {
-    std::atomic<int> runs{0};
-    Body body = [&runs] { ++runs; };
     for (int round = 0; round < 500; ++round) {
-        Thread thread(run, &body, nullptr, Attr(), round % 2 == 1);
+        TestThread const thread(m_count, nullptr, Attr(), round % 2 == 1);
         for (volatile int i = 0; i < round * 20; i = i + 1) {}
     }
-    EXPECT_EQ(0, runs);
+    EXPECT_EQ(0, m_runs);
 }
 
 TEST_F(ThreadTest, threadsManageEachOther) {
-    std::atomic<int> sum{0};
-    Body leaf = [&sum] { ++sum; };
-    Body branch = [&leaf] {
+    auto const branch = [this] {
         std::vector<std::unique_ptr<Thread>> threads;
         for (int i = 0; i < 5; ++i) {
-            threads.push_back(std::make_unique<Thread>(run, &leaf));
-            EXPECT_FALSE(threads.back()->start());
+            threads.push_back(std::make_unique<StartedThread>(m_count));
         }
         for (auto const& thread : threads) {
             EXPECT_FALSE(thread->join());
         }
     };
-    {
-        Thread one(run, &branch);
-        Thread two(run, &branch);
-        EXPECT_FALSE(one.start());
-        EXPECT_FALSE(two.start());
-        EXPECT_FALSE(one.join());
-        EXPECT_FALSE(two.join());
-    }
-    EXPECT_EQ(10, sum);
+    StartedThread one(branch);
+    StartedThread two(branch);
+    EXPECT_FALSE(one.join());
+    EXPECT_FALSE(two.join());
+    EXPECT_EQ(10, m_runs);
 }
 
 // ---- what the thread knows about itself ----
 
 TEST_F(ThreadTest, slotHoldsTheObjectInItsThreadAlone) {
-    Thread* seen = nullptr;
-    Body body = [&seen] { seen = static_cast<Thread*>(Thread::s_tls_ctrl_object.get()); };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-    EXPECT_EQ(&thread, seen);
+    void* seen = nullptr;
+    TestThread thread([&seen] { seen = Thread::s_tls_ctrl_object.get(); });
+    thread.runToEnd();
+    EXPECT_EQ(static_cast<Thread*>(&thread), seen);
     EXPECT_EQ(nullptr, Thread::s_tls_ctrl_object.get());
 }
 
 TEST_F(ThreadTest, idIsThatWhichTheThreadItselfSees) {
     Thread::ThreadId seen;
-    Body body = [&seen] { seen = Thread::getCallerThreadId(); };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
+    TestThread thread([&seen] { seen = Thread::getCallerThreadId(); });
+    thread.runToEnd();
     EXPECT_EQ(thread.getThreadId(), seen);
+}
+
+std::string getName() {
+    char name[64] = "";
+    EXPECT_EQ(0, pthread_getname_np(pthread_self(), name, sizeof name));
+    return name;
 }
 
 struct NameRow {
@@ -254,21 +228,17 @@ struct NameRow {
     char const* shown;
 };
 
-void PrintTo(NameRow const& row, std::ostream* out) {
-    *out << row.given;
-}
-
-class ThreadNames : public support::ThreadsGone, public testing::WithParamInterface<NameRow> {};
+class ThreadNames : public ThreadsGone, public testing::WithParamInterface<NameRow> {};
 
 TEST_P(ThreadNames, areShownWithTheirTail) {
-    char shown[64] = "";
-    Body body = [&shown] { EXPECT_EQ(0, pthread_getname_np(pthread_self(), shown, sizeof shown)); };
+    std::string shown;
+    Body body = [&shown] { shown = getName(); };
     std::string name = GetParam().given;
     Thread thread(run, &body, name.c_str());
     name.assign(name.size(), '#'); // The thread has a copy.
     EXPECT_FALSE(thread.start());
     EXPECT_FALSE(thread.join());
-    EXPECT_STREQ(GetParam().shown, shown);
+    EXPECT_EQ(GetParam().shown, shown);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -279,31 +249,21 @@ INSTANTIATE_TEST_SUITE_P(
         NameRow{"abcdefghij0123456789", "fghij0123456789"}, NameRow{"", ""}));
 
 TEST_F(ThreadTest, withoutANameItHasThatOfItsCreator) {
-    char mine[64] = "";
-    ASSERT_EQ(0, pthread_getname_np(pthread_self(), mine, sizeof mine));
-    char shown[64] = "";
-    Body body = [&shown] { EXPECT_EQ(0, pthread_getname_np(pthread_self(), shown, sizeof shown)); };
-    Thread thread(run, &body, nullptr);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-    EXPECT_STREQ(mine, shown);
+    std::string shown;
+    TestThread([&shown] { shown = getName(); }, nullptr).runToEnd();
+    EXPECT_EQ(getName(), shown);
 }
 
 // ---- the store of errors ----
 
 TEST_F(ThreadTest, hasAStoreOfErrorsOfItsOwn) {
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    bool pending = true;
-    Body body = [&pending] {
-        pending = std::ErrorStorage::isError(false);
+    leaveOlderReport();
+    runInThread([] {
+        EXPECT_FALSE(std::ErrorStorage::isError(false));
         std::ErrorOutput("inner", 1, true)(SysErrorId::NOT_A_DIRECTORY);
         std::ErrorStorage::ack();
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-    EXPECT_FALSE(pending);
-    EXPECT_TRUE(chainIs({{SysErrorId::NO_SUCH_PROCESS}}));
+    });
+    EXPECT_TRUE(onlyOlderIsPending());
 }
 
 void leaveError(void* unused) {
@@ -326,13 +286,12 @@ void leaveErrorAndReturnCancelled(void* ready) {
     leaveError(nullptr);
     static_cast<Event*>(ready)->set();
     // No cancellation point from here on: writing the error out at the end must not become one.
-    EXPECT_TRUE(eventually(
-        [] { return static_cast<Thread*>(Thread::s_tls_ctrl_object.get())->getThreadState() == 4; }));
+    EXPECT_TRUE(eventually([] { return self().getThreadState() == Thread::DEAD; }));
 }
 
 void replaceErrorWhenCancelled(void* ready) {
     leaveErrorAndReturnCancelled(ready);
-    // Gives up the one before it, which is written out in the middle of a report.
+    // Discards the error before it, which is written out in the middle of a report.
     std::ErrorOutput("other/file", 34, true)(SysErrorId::IN_USE);
     waitForCancellation();
 }
@@ -346,11 +305,11 @@ struct LeftError {
 class ThreadLeftErrors : public testing::TestWithParam<LeftError> {};
 
 TEST_P(ThreadLeftErrors, areWrittenToStandardOutput) {
-    if (GetParam().body == replaceErrorWhenCancelled && !support::FORGETS_UNWOUND_FRAMES) {
+    if (GetParam().body == replaceErrorWhenCancelled && !FORGETS_UNWOUND_FRAMES) {
         GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
     }
-    ChildEnd const end = support::runInChild([] {
-        int const before = support::countThreads();
+    ChildEnd const end = runInChild([] {
+        int const before = countThreads();
         Event ready;
         Thread thread(GetParam().body, &ready);
         EXPECT_FALSE(thread.start());
@@ -360,7 +319,7 @@ TEST_P(ThreadLeftErrors, areWrittenToStandardOutput) {
         } else {
             EXPECT_FALSE(thread.join());
         }
-        EXPECT_TRUE(eventually([before] { return support::countThreads() == before; }));
+        EXPECT_TRUE(hasThreads(before));
     });
     expectGoodEnd(end);
     EXPECT_NE(std::string::npos, end.output.find("unacknowledged error chain of 1 report")) << end.output;
@@ -374,166 +333,127 @@ INSTANTIATE_TEST_SUITE_P(
         LeftError{"whenCancelled", leaveErrorAndWait, true},
         LeftError{"byReturningAfterItsCancellation", leaveErrorAndReturnCancelled, true},
         LeftError{"whenReplacedAfterItsCancellation", replaceErrorWhenCancelled, true}),
-    [](auto const& row) { return row.param.name; });
+    RowName());
 
 // ---- join ----
 
 TEST_F(ThreadTest, joinWaitsForTheEnd) {
-    Event go;
-    std::atomic<bool> done{false};
-    Body body = [&] {
-        EXPECT_TRUE(go.wait());
-        done = true;
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    std::thread helper([&go] { go.set(); });
+    StartedThread thread([this] {
+        m_wait();
+        ++m_runs;
+    });
+    std::thread helper([this] { m_go.set(); });
     EXPECT_FALSE(thread.join());
-    EXPECT_TRUE(done);
+    EXPECT_EQ(1, m_runs);
     helper.join();
 }
 
 TEST_F(ThreadTest, joiningItselfFails) {
-    Thread* self = nullptr;
-    Body body = [&self] {
-        EXPECT_TRUE(self->join());
-        EXPECT_TRUE(isMisuse(INVALID_JOIN));
-        EXPECT_EQ(-1, self->joinTimeout(0));
-        EXPECT_TRUE(isMisuse(INVALID_JOIN));
-    };
-    Thread thread(run, &body);
-    self = &thread;
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
+    runInThread([] { expectJoinRefused(self(), 0); });
 }
 
 TEST_F(ThreadTest, joiningBeforeTheStartFails) {
-    Thread thread([](void*) {}, nullptr);
-    EXPECT_TRUE(thread.join());
-    EXPECT_TRUE(isMisuse(INVALID_JOIN));
-    EXPECT_EQ(-1, thread.joinTimeout(10000));
-    EXPECT_TRUE(isMisuse(INVALID_JOIN));
+    TestThread thread(m_count);
+    expectJoinRefused(thread, 10000);
     EXPECT_EQ(Thread::CREATED, thread.getThreadState());
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
+    thread.runToEnd();
 }
 
 TEST_F(ThreadTest, joiningTwiceFails) {
-    Thread thread([](void*) {}, nullptr);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    EXPECT_TRUE(thread.join());
-    EXPECT_TRUE(isMisuse(INVALID_JOIN));
-    EXPECT_EQ(-1, thread.joinTimeout(0));
-    EXPECT_TRUE(isMisuse(INVALID_JOIN));
+    TestThread thread(m_count);
+    thread.runToEnd();
+    leaveOlderReport();
+    expectJoinRefused(thread, 0);
 }
 
 TEST_F(ThreadTest, joiningADetachedOneFails) {
-    Thread thread([](void*) {}, nullptr, nullptr, Attr(), true);
-    EXPECT_TRUE(thread.join());
-    EXPECT_TRUE(isMisuse("Attempt to join detached thread"));
+    Thread thread(doNothing, nullptr, nullptr, Attr(), true);
+    expectJoinRefused(thread, 0, "Attempt to join detached thread");
     EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(thread.join());
-    EXPECT_TRUE(isMisuse("Attempt to join detached thread"));
-    EXPECT_EQ(-1, thread.joinTimeout(10));
-    EXPECT_TRUE(isMisuse("Attempt to join detached thread"));
+    expectJoinRefused(thread, 10, "Attempt to join detached thread");
+}
+
+long long getTime() {
+    long long time = 0;
+    EXPECT_FALSE(vesk::Time::getTime(time));
+    return time;
 }
 
 TEST_F(ThreadTest, timedJoinThatTimesOutLeavesTheThreadToBeJoined) {
-    Event go;
-    Body body = [&go] { EXPECT_TRUE(go.wait()); };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
+    StartedThread thread(m_wait);
     EXPECT_EQ(1, thread.joinTimeout(0));
     EXPECT_EQ(1, thread.joinTimeout(-5));
-    long long before = 0;
-    ASSERT_FALSE(vesk::Time::getTime(before));
+    long long const before = getTime();
     EXPECT_EQ(1, thread.joinTimeout(20));
-    long long after = 0;
-    ASSERT_FALSE(vesk::Time::getTime(after));
-    EXPECT_GE(after - before, 18) << "on another clock, to the millisecond";
+    EXPECT_GE(getTime() - before, 18) << "on another clock, to the millisecond";
     EXPECT_TRUE(chainIs({}));
     EXPECT_EQ(Thread::RUNNING, thread.getThreadState());
-    go.set();
+    m_go.set();
     EXPECT_EQ(0, thread.joinTimeout(60000));
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
 }
 
 TEST_F(ThreadTest, timedJoinWithoutAnEndIsAJoin) {
-    Thread thread([](void*) {}, nullptr);
-    EXPECT_FALSE(thread.start());
+    StartedThread thread(m_count);
     EXPECT_EQ(0, thread.joinTimeout(std::numeric_limits<long long>::max()));
     EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(ThreadTest, timedJoinThatCannotReadTheClockFailsAndLeavesTheThreadToBeJoined) {
-    Thread thread([](void*) {}, nullptr);
-    EXPECT_FALSE(thread.start());
+    StartedThread thread(m_count);
     {
         Fault const fault(inject_clock_gettime, EINVAL);
-        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+        leaveOlderReport();
         EXPECT_EQ(-1, thread.joinTimeout(60000));
     }
-    EXPECT_TRUE(
-        chainIs({{Thread::ErrorId::JOIN_FAILED, rowText(Thread::ErrorId::JOIN_FAILED, systemText(EINVAL))}}));
+    EXPECT_TRUE(causeIs(Thread::ErrorId::JOIN_FAILED, EINVAL));
     EXPECT_FALSE(thread.join());
 }
 
 TEST_F(ThreadTest, threadThatEndedByItselfIsJoined) {
-    Event left;
-    Body body = [&left] {
-        SetAtEnd const end(left);
+    StartedThread thread([this] {
+        SetAtEnd const end(m_go);
         pthread_exit(nullptr);
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(left.wait());
+    });
+    EXPECT_TRUE(m_go.wait());
     EXPECT_FALSE(thread.join());
     EXPECT_EQ(Thread::DEAD, thread.getThreadState());
 }
 
 TEST_F(ThreadTest, joinCanBeCancelledAndLeavesTheThreadToBeJoined) {
-    if (!support::WATCHES_CANCELLED_CALLS) {
+    if (!WATCHES_CANCELLED_CALLS) {
         GTEST_SKIP() << "the thread sanitizer does not know threads that are cancelled in pthread_join";
     }
 #if defined(__arm__)
     GTEST_SKIP()
         << "under QEMU's user mode a cancellation that comes while a thread enters pthread_join may get lost";
 #endif
-    Event go;
     Event joining;
     Event left;
-    Body body = [&go] { EXPECT_TRUE(go.wait()); };
-    Thread joined(run, &body);
-    EXPECT_FALSE(joined.start());
-    Body join_body = [&] {
-        SetAtEnd const end(left);
-        joining.set();
-        joined.join();
-    };
+    StartedThread joined(m_wait);
     {
-        Thread joiner(run, &join_body);
-        EXPECT_FALSE(joiner.start());
+        StartedThread joiner([&] {
+            SetAtEnd const end(left);
+            joining.set();
+            joined.join();
+        });
         EXPECT_TRUE(joining.wait());
         EXPECT_FALSE(joiner.terminate());
         EXPECT_TRUE(left.wait());
     }
-    go.set();
+    m_go.set();
     EXPECT_FALSE(joined.join());
 }
 
 // ---- the destructor ----
 
 TEST_F(ThreadTest, destructorJoinsOneThatHasFinished) {
-    int const before = support::countThreads();
     EventRecorder const recorder;
     {
-        Thread thread([](void*) {}, nullptr, "finished");
-        EXPECT_FALSE(thread.start());
-        EXPECT_TRUE(eventually([&] { return thread.getThreadState() == Thread::FINISHED; }));
+        StartedThread const thread(m_count, "finished");
+        EXPECT_TRUE(thread.isIn(Thread::FINISHED));
     }
-    EXPECT_TRUE(eventually([before] { return support::countThreads() == before; }));
+    EXPECT_TRUE(hasThreads(m_threads));
     EXPECT_EQ("", recorder.getText());
     EXPECT_TRUE(chainIs({}));
 }
@@ -543,37 +463,58 @@ constexpr char const* STILL_RUNNING =
     "ASSERT framework/src/vesk/posix/Thread ~Thread: getThreadState() == DEAD || m_detached_mode";
 
 TEST_F(ThreadTest, destroyingOneThatRunsEndsTheProcess) {
-    ChildEnd const end = support::runInChild([] {
+    ChildEnd const end = runInChild([] {
         rlimit const no_core{0, 0};
         setrlimit(RLIMIT_CORE, &no_core);
-        Thread thread([](void*) { waitForCancellation(); }, nullptr);
-        EXPECT_FALSE(thread.start());
+        StartedThread const thread([] { waitForCancellation(); });
     });
     EXPECT_EQ(SIGABRT, end.signal);
     EXPECT_NE(std::string::npos, end.errors.find("framework/src/vesk/posix/Thread")) << end.errors;
     EXPECT_NE(std::string::npos, end.errors.find("thread still running")) << end.errors;
 }
 
-TEST_F(ThreadTest, survivingTheDestructionOfOneThatRunsLetsItRunOnWithoutItsObject) {
-    EventRecorder const recorder;
+/// A body with events of its own, for a thread that outlives its object.
+struct LongBody {
+    static void run(void* data) {
+        auto& body = *static_cast<LongBody*>(data);
+        if (body.suspends) {
+            EXPECT_FALSE(self().suspend(1));
+        }
+        body.running.set();
+        EXPECT_TRUE(body.go.wait());
+        body.registration_failed =
+            Thread::registerExitHandler([](Thread::ThreadId const&, Thread::ExitReason) {});
+        body.done.set();
+    }
+    void end() {
+        go.set();
+        EXPECT_TRUE(done.wait());
+    }
+
+    bool suspends = false;
+    bool registration_failed = false;
     Event running;
     Event go;
     Event done;
-    Body body = [&] {
-        running.set();
-        EXPECT_TRUE(go.wait());
-        done.set();
-    };
-    auto thread = std::make_unique<Thread>(run, &body);
-    EXPECT_FALSE(thread->start());
-    EXPECT_TRUE(running.wait());
-    thread.reset();
-    EXPECT_EQ(STILL_RUNNING, recorder.getText());
-    go.set();
-    EXPECT_TRUE(done.wait());
+};
+
+TEST_F(ThreadTest, runsOnWithoutItsObjectIfTheAbortOfItsDestructorReturns) {
+    for (bool const suspends : {false, true}) {
+        EventRecorder const recorder;
+        LongBody body;
+        body.suspends = suspends;
+        {
+            Thread thread(LongBody::run, &body);
+            EXPECT_FALSE(thread.start());
+            EXPECT_TRUE(body.running.wait());
+            EXPECT_EQ(suspends ? Thread::SUSPENDED : Thread::RUNNING, thread.getThreadState());
+        }
+        EXPECT_EQ(STILL_RUNNING, recorder.getText());
+        body.end();
+    }
 }
 
-TEST_F(ThreadTest, survivingTheDestructionOfOneThatIsJustStartedOrEndingIsNoRace) {
+TEST_F(ThreadTest, destructionThatTheProcessSurvivesDoesNotRaceWithTheStartOrTheEnd) {
     EventRecorder const recorder;
     for (int round = 0; round < 1000; ++round) {
         auto thread = std::make_unique<Thread>(
@@ -590,117 +531,62 @@ TEST_F(ThreadTest, survivingTheDestructionOfOneThatIsJustStartedOrEndingIsNoRace
     }
 }
 
-TEST_F(ThreadTest, destroyingASuspendedOneIsDestroyingOneThatRuns) {
-    EventRecorder const recorder;
-    Event ran_out;
-    Event go;
-    Event done;
-    Thread* self = nullptr;
-    Body body = [&] {
-        EXPECT_FALSE(self->suspend(1));
-        ran_out.set();
-        EXPECT_TRUE(go.wait());
-        done.set();
-    };
-    {
-        Thread thread(run, &body);
-        self = &thread;
-        EXPECT_FALSE(thread.start());
-        EXPECT_TRUE(ran_out.wait());
-        EXPECT_EQ(Thread::SUSPENDED, thread.getThreadState());
-    }
-    EXPECT_EQ(STILL_RUNNING, recorder.getText());
-    go.set();
-    EXPECT_TRUE(done.wait());
-}
-
 TEST_F(ThreadTest, detachedOneDestroyedRightAfterItsStartRunsOn) {
     for (int round = 0; round < 300; ++round) {
-        struct Job {
-            Event go;
-            Event done;
-        } job;
-        auto thread = std::make_unique<Thread>(
-            [](void* argument) {
-                auto& mine = *static_cast<Job*>(argument);
-                EXPECT_TRUE(mine.go.wait());
-                mine.done.set();
-            },
-            &job, "detached", Attr(), true);
-        EXPECT_FALSE(thread->start());
-        thread.reset(); // Waits for the hand-over, not for the body, which waits for this thread.
-        EXPECT_FALSE(job.done.isSet());
-        job.go.set();
-        EXPECT_TRUE(job.done.wait());
+        LongBody body;
+        {
+            Thread thread(LongBody::run, &body, "detached", Attr(), true);
+            EXPECT_FALSE(thread.start());
+        } // Waits for the hand-over, not for the body, which waits for this thread.
+        EXPECT_FALSE(body.done.isSet());
+        body.end();
     }
 }
 
 TEST_F(ThreadTest, detachedOneCanOutliveItsBody) {
-    Event done;
-    Body body = [&done] { done.set(); };
-    int const before = support::countThreads();
-    Thread thread(run, &body, nullptr, Attr(), true);
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(done.wait());
-    EXPECT_TRUE(eventually([before] { return support::countThreads() == before; }));
+    StartedThread thread(m_count, nullptr, Attr(), true);
+    EXPECT_TRUE(eventually([this] { return m_runs == 1; }));
+    EXPECT_TRUE(hasThreads(m_threads));
     EXPECT_EQ(Thread::RUNNING, thread.getThreadState()) << "the thread does not touch its object";
     EXPECT_TRUE(thread.terminate());
     EXPECT_TRUE(isMisuse("Invalid state for termination request"));
 }
 
-TEST_F(ThreadTest, detachedOneDestroyedBeforeItsStartRunsNoBody) {
-    std::atomic<int> runs{0};
-    Body body = [&runs] { ++runs; };
-    EventRecorder const recorder;
-    { Thread thread(run, &body, "unborn", Attr(), true); }
-    EXPECT_EQ(0, runs);
-    EXPECT_EQ("", recorder.getText());
-}
-
-TEST_F(ThreadTest, destructorOfAThreadThatIsBeingCancelledFinishesItsJoin) {
+TEST_F(ThreadTest, destructorOfAThreadThatIsBeingCanceledFinishesItsJoin) {
     Event ready;
-    Event go;
     Event left;
-    Body inner_body = [&go] { EXPECT_TRUE(go.wait()); };
-    Body outer_body = [&] {
+    StartedThread outer([&] {
         SetAtEnd const end(left);
         {
-            Thread inner(run, &inner_body);
-            EXPECT_FALSE(inner.start());
+            StartedThread const inner(m_wait);
             ready.set();
-            EXPECT_TRUE(eventually([&inner] { return inner.getThreadState() == Thread::FINISHED; }));
+            EXPECT_TRUE(inner.isIn(Thread::FINISHED));
         } // Joins with a cancellation pending.
         waitForCancellation();
-    };
-    Thread outer(run, &outer_body);
-    EXPECT_FALSE(outer.start());
+    });
     EXPECT_TRUE(ready.wait());
     EXPECT_FALSE(outer.terminate());
-    go.set();
+    m_go.set();
     EXPECT_TRUE(left.wait());
 }
 
 // ---- suspend and wakeup ----
 
 TEST_F(ThreadTest, suspendWaitsForTheWakeup) {
-    Thread* self = nullptr;
-    std::atomic<int> steps{0};
-    Body body = [&] {
+    TestThread thread([this] {
         for (int i = 0; i < 50; ++i) {
-            EXPECT_FALSE(self->suspend(0));
-            ++steps;
+            EXPECT_FALSE(self().suspend(0));
+            ++m_runs;
         }
-    };
-    Thread thread(run, &body);
-    self = &thread;
+    });
     EXPECT_FALSE(thread.wakeup()) << "nothing to wake up";
     EXPECT_EQ(Thread::CREATED, thread.getThreadState());
     EXPECT_FALSE(thread.start());
     for (int i = 0; i < 50; ++i) {
-        EXPECT_TRUE(eventually([&] { return thread.getThreadState() == Thread::SUSPENDED; }));
-        EXPECT_EQ(i, steps);
+        EXPECT_TRUE(thread.isIn(Thread::SUSPENDED));
+        EXPECT_EQ(i, m_runs);
         EXPECT_FALSE(thread.wakeup());
-        EXPECT_TRUE(eventually([&steps, i] { return steps > i; }));
+        EXPECT_TRUE(eventually([this, i] { return m_runs > i; }));
     }
     EXPECT_FALSE(thread.join());
     EXPECT_FALSE(thread.wakeup());
@@ -708,9 +594,7 @@ TEST_F(ThreadTest, suspendWaitsForTheWakeup) {
 }
 
 TEST_F(ThreadTest, suspendFromAnotherThreadFailsAndLeavesTheState) {
-    Event go;
-    Body body = [&go] { EXPECT_TRUE(go.wait()); };
-    Thread thread(run, &body);
+    TestThread thread(m_wait);
     EXPECT_TRUE(thread.suspend(0));
     EXPECT_TRUE(isMisuse("suspend() called by non-associated thread"));
     EXPECT_EQ(Thread::CREATED, thread.getThreadState());
@@ -718,61 +602,44 @@ TEST_F(ThreadTest, suspendFromAnotherThreadFailsAndLeavesTheState) {
     EXPECT_TRUE(thread.suspend(10));
     EXPECT_TRUE(isMisuse("suspend() called by non-associated thread"));
     EXPECT_EQ(Thread::RUNNING, thread.getThreadState());
-    go.set();
+    m_go.set();
     EXPECT_FALSE(thread.join());
 }
 
-TEST_F(ThreadTest, suspendWhoseTimeRunsOutLeavesTheStateSuspended) {
-    Thread* self = nullptr;
+TEST_F(ThreadTest, suspendThatTimesOutLeavesTheStateSuspended) {
     Event first;
-    Event woken;
     Event second;
-    Body body = [&] {
-        long long before = 0;
-        EXPECT_FALSE(vesk::Time::getTime(before));
-        EXPECT_FALSE(self->suspend(20));
-        long long after = 0;
-        EXPECT_FALSE(vesk::Time::getTime(after));
-        EXPECT_GE(after - before, 20);
+    StartedThread thread([&] {
+        long long const before = getTime();
+        EXPECT_FALSE(self().suspend(20));
+        EXPECT_GE(getTime() - before, 20);
         EXPECT_TRUE(chainIs({}));
         first.set();
-        EXPECT_TRUE(woken.wait());
-        EXPECT_FALSE(self->suspend(1)) << "a later one goes on normally";
+        m_wait();
+        EXPECT_FALSE(self().suspend(1)) << "a later one works normally";
         second.set();
-    };
-    Thread thread(run, &body);
-    self = &thread;
-    EXPECT_FALSE(thread.start());
+    });
     EXPECT_TRUE(first.wait());
     EXPECT_EQ(Thread::SUSPENDED, thread.getThreadState());
     EXPECT_TRUE(thread.terminate());
     EXPECT_TRUE(isMisuse("Invalid state for termination request"));
     EXPECT_FALSE(thread.wakeup());
     EXPECT_EQ(Thread::RUNNING, thread.getThreadState());
-    woken.set();
+    m_go.set();
     EXPECT_TRUE(second.wait());
-    EXPECT_FALSE(thread.join()) << "a suspended state is no hindrance";
+    EXPECT_FALSE(thread.join()) << "a suspended thread can be joined";
 }
 
-TEST_F(ThreadTest, suspendForANegativeTimeHasRunOut) {
-    Thread* self = nullptr;
-    Body body = [&self] {
-        EXPECT_FALSE(self->suspend(-1));
-        EXPECT_FALSE(self->suspend(std::numeric_limits<long long>::min()));
-    };
-    Thread thread(run, &body);
-    self = &thread;
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
+TEST_F(ThreadTest, suspendForANegativeTimeTimesOutAtOnce) {
+    runInThread([] {
+        EXPECT_FALSE(self().suspend(-1));
+        EXPECT_FALSE(self().suspend(std::numeric_limits<long long>::min()));
+    });
 }
 
 TEST_F(ThreadTest, suspendForTheLongestTimeWaitsForTheWakeup) {
-    Thread* self = nullptr;
-    Body body = [&self] { EXPECT_FALSE(self->suspend(std::numeric_limits<long long>::max())); };
-    Thread thread(run, &body);
-    self = &thread;
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(eventually([&] { return thread.getThreadState() == Thread::SUSPENDED; }));
+    StartedThread thread([] { EXPECT_FALSE(self().suspend(std::numeric_limits<long long>::max())); });
+    EXPECT_TRUE(thread.isIn(Thread::SUSPENDED));
     EXPECT_EQ(1, thread.joinTimeout(1));
     EXPECT_FALSE(thread.wakeup());
     EXPECT_FALSE(thread.join());
@@ -780,124 +647,101 @@ TEST_F(ThreadTest, suspendForTheLongestTimeWaitsForTheWakeup) {
 
 // ---- exit handlers ----
 
-std::vector<std::string> g_handled; // Written by one thread at a time.
+using Handled = std::vector<std::string>;
+Handled g_handled; // Written by one thread at a time.
 Thread::ThreadId g_handled_in;
+Thread::ThreadId g_handled_id;
 
 template <int N>
 void handleExit(Thread::ThreadId const& id, Thread::ExitReason reason) {
     g_handled.push_back(std::to_string(N) + (reason == Thread::EXIT_NORMAL ? " normal" : " terminated"));
     g_handled_in = Thread::getCallerThreadId();
+    g_handled_id = id;
     EXPECT_NE(Thread::ThreadId::INVALID_THREAD_ID, id);
 }
 
-TEST_F(ThreadTest, exitHandlersRunInOrderInTheThreadItself) {
-    g_handled.clear();
-    Body body = [] {
+/// Checks that the thread takes four handlers and refuses a fifth one with the text of the last failure of the system.
+void registerTooManyHandlers(int error) {
+    EXPECT_FALSE(Thread::registerExitHandler(handleExit<1>));
+    EXPECT_FALSE(Thread::registerExitHandler(handleExit<2>));
+    EXPECT_FALSE(Thread::registerExitHandler(handleExit<3>));
+    EXPECT_FALSE(Thread::registerExitHandler(handleExit<4>));
+    leaveOlderReport();
+    errno = error;
+    EXPECT_TRUE(Thread::registerExitHandler(handleExit<5>));
+    EXPECT_TRUE(causeIs(SysErrorId::RESOURCES_EXHAUSTED, error));
+}
+
+void expectRegistrationRefused() {
+    EXPECT_TRUE(Thread::registerExitHandler(handleExit<1>));
+    EXPECT_TRUE(isMisuse("calling thread is no VESK thread"));
+}
+
+class ThreadExitHandlers : public ThreadTest {
+protected:
+    void SetUp() override { g_handled.clear(); }
+};
+
+TEST_F(ThreadExitHandlers, runInOrderInTheThreadItselfAndGetItsId) {
+    TestThread thread([] {
         EXPECT_FALSE(Thread::registerExitHandler(handleExit<1>));
         EXPECT_FALSE(Thread::registerExitHandler(handleExit<2>));
         EXPECT_FALSE(Thread::registerExitHandler(handleExit<1>));
         EXPECT_TRUE(g_handled.empty());
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-    EXPECT_EQ((std::vector<std::string>{"1 normal", "2 normal", "1 normal"}), g_handled);
+    });
+    thread.runToEnd();
+    EXPECT_EQ((Handled{"1 normal", "2 normal", "1 normal"}), g_handled);
     EXPECT_EQ(thread.getThreadId(), g_handled_in);
+    EXPECT_EQ(thread.getThreadId(), g_handled_id);
 }
 
-TEST_F(ThreadTest, exitHandlersGetTheIdOfTheThread) {
-    static Thread::ThreadId s_id;
-    Body body = [] {
-        Thread::registerExitHandler([](Thread::ThreadId const& id, Thread::ExitReason) { s_id = id; });
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-    EXPECT_EQ(thread.getThreadId(), s_id);
-}
-
-TEST_F(ThreadTest, exitHandlersRunWithoutTheLockBeforeTheStateChanges) {
+TEST_F(ThreadExitHandlers, runWithoutTheLockBeforeTheStateChanges) {
     static Thread::State s_state;
-    Body body = [] {
+    runInThread([] {
         Thread::registerExitHandler([](Thread::ThreadId const&, Thread::ExitReason) {
-            auto* const self = static_cast<Thread*>(Thread::s_tls_ctrl_object.get());
-            s_state = self->getThreadState();
-            EXPECT_TRUE(self->terminate()) << "its body is over";
+            s_state = self().getThreadState();
+            EXPECT_TRUE(self().terminate()) << "its body is over";
             EXPECT_TRUE(isMisuse("Invalid state for termination request"));
         });
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
+    });
     EXPECT_EQ(Thread::RUNNING, s_state);
 }
 
-TEST_F(ThreadTest, fifthExitHandlerFailsAndTheFirstFourStay) {
-    g_handled.clear();
-    Body body = [] {
-        EXPECT_FALSE(Thread::registerExitHandler(handleExit<1>));
-        EXPECT_FALSE(Thread::registerExitHandler(handleExit<2>));
-        EXPECT_FALSE(Thread::registerExitHandler(handleExit<3>));
-        EXPECT_FALSE(Thread::registerExitHandler(handleExit<4>));
-        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-        errno = ENOSPC; // The text is that of whatever failed last.
-        EXPECT_TRUE(Thread::registerExitHandler(handleExit<5>));
-        EXPECT_TRUE(chainIs(
-            {{SysErrorId::RESOURCES_EXHAUSTED,
-              rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(ENOSPC))}}));
-    };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-    EXPECT_EQ((std::vector<std::string>{"1 normal", "2 normal", "3 normal", "4 normal"}), g_handled);
+TEST_F(ThreadExitHandlers, fifthOneFailsAndTheFirstFourStay) {
+    runInThread([] { registerTooManyHandlers(ENOSPC); });
+    EXPECT_EQ((Handled{"1 normal", "2 normal", "3 normal", "4 normal"}), g_handled);
 }
 
-TEST_F(ThreadTest, exitHandlersOfADetachedOneDoNotRunWhenItsBodyReturns) {
-    g_handled.clear();
-    Event done;
-    Body body = [&done] {
-        EXPECT_FALSE(Thread::registerExitHandler(handleExit<1>));
-        done.set();
-    };
-    int const before = support::countThreads();
-    {
-        Thread thread(run, &body, nullptr, Attr(), true);
-        EXPECT_FALSE(thread.start());
-        EXPECT_TRUE(done.wait());
-        EXPECT_TRUE(eventually([before] { return support::countThreads() == before; }));
-        EXPECT_TRUE(g_handled.empty());
-        thread.callExitHandlers(thread.getThreadId(), Thread::EXIT_NORMAL);
-    }
-    EXPECT_EQ((std::vector<std::string>{"1 normal"}), g_handled) << "it had one";
-}
-
-TEST_F(ThreadTest, exitHandlersCanBeRegisteredWhenTheObjectIsGone) {
-    g_handled.clear();
-    struct Job {
-        Event go;
-        Event done;
-    } job;
-    auto thread = std::make_unique<Thread>(
-        [](void* argument) {
-            auto& mine = *static_cast<Job*>(argument);
-            EXPECT_TRUE(mine.go.wait());
+TEST_F(ThreadExitHandlers, ofADetachedOneDoNotRunWhenItsBodyReturns) {
+    StartedThread thread(
+        [this] {
             EXPECT_FALSE(Thread::registerExitHandler(handleExit<1>));
-            mine.done.set();
+            ++m_runs;
         },
-        &job, nullptr, Attr(), true);
-    EXPECT_FALSE(thread->start());
-    thread.reset();
-    job.go.set();
-    EXPECT_TRUE(job.done.wait());
+        nullptr, Attr(), true);
+    EXPECT_TRUE(eventually([this] { return m_runs == 1; }));
+    EXPECT_TRUE(hasThreads(m_threads));
+    EXPECT_TRUE(g_handled.empty());
+    thread.callExitHandlers(thread.getThreadId(), Thread::EXIT_NORMAL);
+    EXPECT_EQ(Handled{"1 normal"}, g_handled) << "it was registered";
+}
+
+TEST_F(ThreadExitHandlers, canBeRegisteredWhenTheObjectIsDestroyed) {
+    LongBody body;
+    {
+        Thread thread(LongBody::run, &body, nullptr, Attr(), true);
+        EXPECT_FALSE(thread.start());
+    }
+    body.end();
+    EXPECT_FALSE(body.registration_failed);
     EXPECT_TRUE(g_handled.empty());
 }
 
-/// Asks for a handler at the very end of its thread, when the wrapper is through.
+/// Registers a handler at the very end of its thread, behind the wrapper of the body.
 class RegistersLate {
 public:
     ~RegistersLate() {
-        EXPECT_TRUE(Thread::registerExitHandler(handleExit<1>));
-        EXPECT_TRUE(isMisuse("calling thread is no VESK thread"));
+        expectRegistrationRefused();
         s_done = true;
     }
     void use() {}
@@ -905,49 +749,24 @@ public:
 };
 thread_local RegistersLate t_registers_late;
 
-TEST_F(ThreadTest, exitHandlersCannotBeRegisteredBehindTheWrapper) {
-    Body body = [] { t_registers_late.use(); };
-    Thread thread(run, &body);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
+TEST_F(ThreadExitHandlers, cannotBeRegisteredBehindTheWrapper) {
+    runInThread([] { t_registers_late.use(); });
     EXPECT_TRUE(RegistersLate::s_done);
 }
 
-TEST_F(ThreadTest, exitHandlerOfAForeignThreadIsRefused) {
-    std::thread([] {
-        EXPECT_TRUE(Thread::registerExitHandler(handleExit<1>));
-        EXPECT_TRUE(isMisuse("calling thread is no VESK thread"));
-    }).join();
-    // Nor is the first thread the main one as long as there was no start-up.
-    EXPECT_TRUE(Thread::registerExitHandler(handleExit<1>));
-    EXPECT_TRUE(isMisuse("calling thread is no VESK thread"));
+TEST_F(ThreadExitHandlers, ofAForeignThreadAreRefused) {
+    std::thread(expectRegistrationRefused).join();
+    // Nor is the first thread the main one before a start-up.
+    expectRegistrationRefused();
 }
 
-TEST_F(ThreadTest, exitHandlersOfTheMainThreadAreKeptAndNeverCalled) {
-    ChildEnd const end = support::runInChild([] {
-        g_handled.clear();
+TEST_F(ThreadExitHandlers, ofTheMainThreadAreKeptAndNeverCalled) {
+    ChildEnd const end = runInChild([] {
         vesk::Vesk const vesk(true, false);
-        EXPECT_FALSE(Thread::registerExitHandler(handleExit<1>));
-        EXPECT_FALSE(Thread::registerExitHandler(handleExit<2>));
-        EXPECT_FALSE(Thread::registerExitHandler(handleExit<3>));
-        EXPECT_FALSE(Thread::registerExitHandler(handleExit<4>));
-        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-        errno = EMFILE;
-        EXPECT_TRUE(Thread::registerExitHandler(handleExit<5>));
-        EXPECT_TRUE(chainIs(
-            {{SysErrorId::RESOURCES_EXHAUSTED,
-              rowText(SysErrorId::RESOURCES_EXHAUSTED, systemText(EMFILE))}}));
-        std::thread([] {
-            EXPECT_TRUE(Thread::registerExitHandler(handleExit<1>));
-            EXPECT_TRUE(isMisuse("calling thread is no VESK thread"));
-        }).join();
-        {
-            Body body = [] { EXPECT_FALSE(Thread::registerExitHandler(handleExit<6>)); };
-            Thread thread(run, &body);
-            EXPECT_FALSE(thread.start());
-            EXPECT_FALSE(thread.join());
-        }
-        EXPECT_EQ((std::vector<std::string>{"6 normal"}), g_handled) << "each thread has its own";
+        registerTooManyHandlers(EMFILE);
+        std::thread(expectRegistrationRefused).join();
+        runInThread([] { EXPECT_FALSE(Thread::registerExitHandler(handleExit<6>)); });
+        EXPECT_EQ(Handled{"6 normal"}, g_handled) << "each thread has its own";
         std::atexit([] { fprintf(stderr, "%zu handled", g_handled.size()); });
         fflush(stdout);
         exit(testing::Test::HasFailure() ? 1 : 0);
@@ -958,20 +777,20 @@ TEST_F(ThreadTest, exitHandlersOfTheMainThreadAreKeptAndNeverCalled) {
 
 // ---- the start-up ----
 
-TEST_F(ThreadTest, startUpKeepsTheMainThreadBehindTheClocksAndBeforeTheRest) {
-    expectGoodEnd(support::runInChild([] {
+TEST_F(ThreadTest, startUpStoresTheMainThreadBetweenTheClocksAndTheRest) {
+    expectGoodEnd(runInChild([] {
         EXPECT_EQ(Thread::ThreadId::INVALID_THREAD_ID, Thread::s_main_thread_id);
         g_main_known_at_monotonic = -1;
         g_main_known_at_wall_clock = -1;
         vesk::Vesk const vesk(true, false);
         EXPECT_EQ(Thread::getCallerThreadId(), Thread::s_main_thread_id);
-        EXPECT_EQ(0, g_main_known_at_monotonic) << "Time::init comes before it";
-        EXPECT_EQ(1, g_main_known_at_wall_clock) << "Vesk::postInit comes behind it";
+        EXPECT_EQ(0, g_main_known_at_monotonic) << "Time::init runs before";
+        EXPECT_EQ(1, g_main_known_at_wall_clock) << "Vesk::postInit runs behind";
     }));
 }
 
-TEST_F(ThreadTest, startUpThatFailsEarlierDoesNotKeepTheMainThread) {
-    expectGoodEnd(support::runInChild([] {
+TEST_F(ThreadTest, startUpThatFailsEarlierDoesNotStoreTheMainThread) {
+    expectGoodEnd(runInChild([] {
         EventRecorder const recorder;
         Fault const fault(inject_sigaction, EINVAL);
         vesk::Vesk const vesk(true, false);
@@ -980,8 +799,8 @@ TEST_F(ThreadTest, startUpThatFailsEarlierDoesNotKeepTheMainThread) {
     }));
 }
 
-TEST_F(ThreadTest, furtherStartUpInAnotherThreadKeepsTheFirstOne) {
-    expectGoodEnd(support::runInChild([] {
+TEST_F(ThreadTest, secondStartUpInAnotherThreadKeepsTheMainThread) {
+    expectGoodEnd(runInChild([] {
         vesk::Vesk const first(true, false);
         Thread::ThreadId const main_id = Thread::getCallerThreadId();
         std::thread([] { vesk::Vesk const second(true, false); }).join();
@@ -990,7 +809,7 @@ TEST_F(ThreadTest, furtherStartUpInAnotherThreadKeepsTheFirstOne) {
 }
 
 TEST_F(ThreadTest, initAlwaysSucceeds) {
-    expectGoodEnd(support::runInChild([] {
+    expectGoodEnd(runInChild([] {
         std::thread([] {
             EXPECT_FALSE(Thread::init());
             EXPECT_EQ(Thread::getCallerThreadId(), Thread::s_main_thread_id);
@@ -999,17 +818,15 @@ TEST_F(ThreadTest, initAlwaysSucceeds) {
     }));
 }
 
-TEST_F(ThreadTest, yieldLetsOthersRun) {
+TEST_F(ThreadTest, yieldSucceedsWithoutAReport) {
     EXPECT_FALSE(Thread::yield());
     EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(ThreadTest, yieldThatFailsReports) {
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    {
-        Fault const fault(inject_sched_yield, ENOSYS);
-        EXPECT_TRUE(Thread::yield());
-    }
+    leaveOlderReport();
+    Fault const fault(inject_sched_yield, ENOSYS);
+    EXPECT_TRUE(Thread::yield());
     EXPECT_TRUE(chainIs({{Thread::ErrorId::YIELD_FAILED, "Thread yield failed: " + systemText(ENOSYS)}}));
 }
 

@@ -4,22 +4,14 @@
 
 #include <vesk/Timer.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <csignal>
 #include <cstddef>
-#include <ctime>
-#include <memory>
-#include <sched.h>
-#include <thread>
-#include <vector>
 
 VESK_INJECT_ERRNO(int, -1, timer_delete, (timer_t timer), (timer))
 
-/// Engines that come and go with the last timer, thousands of times.
+/// Engines that are created with the first timer and destroyed with the last one, thousands of times.
 
-// The sanitizers have allocation functions of their own; the address sanitizer tells what was lost.
+// The sanitizers have allocation functions of their own. The address sanitizer reports leaks.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define VESK_COUNTS_BLOCKS 0
 #else
@@ -28,7 +20,7 @@ VESK_INJECT_ERRNO(int, -1, timer_delete, (timer_t timer), (timer))
 
 namespace {
 
-/// Blocks of the heap that are in use, of all threads.
+/// The number of blocks of the heap that all threads use.
 std::atomic<long> g_blocks{0};
 
 } // namespace
@@ -80,7 +72,7 @@ void free(void* block) {
 
 namespace {
 
-using support::Fault;
+using namespace support;
 using vesk::Timer;
 
 #if defined(__SANITIZE_THREAD__) || defined(__arm__)
@@ -89,71 +81,55 @@ constexpr int ROUNDS = 1000;
 constexpr int ROUNDS = 10000;
 #endif
 
-std::atomic<int> g_calls{0};
+void ignore(Timer*) {}
 
-void count(Timer*) {
-    ++g_calls;
-}
-
-/// One life: started, perhaps stopped, and often destroyed just when its time has come.
-void live(int round) {
-    Timer timer(count, false);
-    switch (round % 4) {
-    case 0:
-        break;
-    case 1:
+/// Creates a timer, starts and stops it in a way that depends on the round, and destroys it, often just when it expires.
+void use(int round) {
+    Timer timer(ignore, false);
+    if (round % 4 == 1) {
         timer.start(1, true);
-        break;
-    case 2:
-        timer.snooze(); // At once.
-        break;
-    default:
+    } else if (round % 4 == 2) {
+        timer.snooze(); // Expires at once.
+    } else if (round % 4 == 3) {
         timer.start(1, false);
         timer.stop();
-        break;
     }
 }
 
-TEST(TimerLife, theLastTimerIsMadeAndDestroyedTenThousandTimesInARow) {
-    int const threads = support::countThreads();
+TEST(TimerLife, lastTimerIsCreatedAndDestroyedManyTimesInARow) {
+    int const threads = countThreads();
     for (int i = 0; i < 8; ++i) {
-        live(i); // The first threads of a process leave stacks to be used again.
+        use(i); // The first threads of a process leave stacks to be used again.
     }
     long const blocks_before = g_blocks;
-    Fault const count(inject_timer_delete, 0);
+    Fault const deletions(inject_timer_delete, 0);
     for (int i = 0; i < ROUNDS; ++i) {
-        live(i);
+        use(i);
     }
     long const blocks_after = g_blocks;
-    EXPECT_EQ(ROUNDS, count.getCalls());
-    EXPECT_TRUE(support::hasThreads(threads));
+    EXPECT_EQ(ROUNDS, deletions.getCalls());
+    EXPECT_TRUE(hasThreads(threads));
     EXPECT_EQ(blocks_before, blocks_after);
 }
 
-TEST(TimerLife, theLastTimerIsMadeAndDestroyedTenThousandTimesByManyThreads) {
-    int const threads = support::countThreads();
+TEST(TimerLife, lastTimerIsCreatedAndDestroyedManyTimesByManyThreads) {
+    int const threads = countThreads();
     constexpr int THREADS = 4;
-    auto const liveManyTimes = [](int rounds) {
-        std::vector<std::thread> others;
-        for (int t = 0; t < THREADS; ++t) {
-            others.emplace_back([=] {
-                for (int i = 0; i < rounds; ++i) {
-                    live(t + i);
-                }
-            });
-        }
-        for (std::thread& other : others) {
-            other.join();
-        }
+    auto const useManyTimes = [](int rounds) {
+        runThreads(THREADS, [rounds](int thread) {
+            for (int i = 0; i < rounds; ++i) {
+                use(thread + i);
+            }
+        });
     };
-    liveManyTimes(50);
+    useManyTimes(50);
     long const blocks_before = g_blocks;
-    Fault const count(inject_timer_delete, 0, 1, 1, Fault::Threads::ALL);
-    liveManyTimes(ROUNDS / THREADS);
+    Fault const deletions(inject_timer_delete, 0, 1, 1, Fault::Threads::ALL);
+    useManyTimes(ROUNDS / THREADS);
     long const blocks_after = g_blocks;
-    EXPECT_GT(count.getCalls(), 0);
-    EXPECT_TRUE(support::hasThreads(threads));
-    // The system may keep a block or two with each stack for threads to come.
+    EXPECT_GT(deletions.getCalls(), 0);
+    EXPECT_TRUE(hasThreads(threads));
+    // The system may keep a block or two with each stack for later threads.
     EXPECT_NEAR(static_cast<double>(blocks_before), static_cast<double>(blocks_after), 40);
     struct sigaction action {};
     sigaction(SIGRTMIN + 3, nullptr, &action);
@@ -161,10 +137,10 @@ TEST(TimerLife, theLastTimerIsMadeAndDestroyedTenThousandTimesByManyThreads) {
 }
 
 TEST(TimerLife, everyLastTimerOfSeveralThreadsEndsTheEngine) {
-    // All threads make their timers together, and let go of them together.
+    // All threads create their timers together, and destroy them together.
     constexpr int THREADS = 3;
     constexpr int TURNS = ROUNDS / 20;
-    Fault const count(inject_timer_delete, 0, 1, 1, Fault::Threads::ALL);
+    Fault const deletions(inject_timer_delete, 0, 1, 1, Fault::Threads::ALL);
     std::atomic<int> arrived{0};
     auto const meet = [&arrived](int turn) {
         ++arrived;
@@ -172,23 +148,17 @@ TEST(TimerLife, everyLastTimerOfSeveralThreadsEndsTheEngine) {
             sched_yield();
         }
     };
-    std::vector<std::thread> threads;
-    for (int t = 0; t < THREADS; ++t) {
-        threads.emplace_back([&meet] {
-            for (int i = 0; i < TURNS; ++i) {
-                {
-                    Timer timer(::count, false);
-                    timer.start(1, true);
-                    meet(2 * i + 1);
-                }
-                meet(2 * i + 2);
+    runThreads(THREADS, [&meet](int) {
+        for (int i = 0; i < TURNS; ++i) {
+            {
+                Timer timer(ignore, false);
+                timer.start(1, true);
+                meet(2 * i + 1);
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(TURNS, count.getCalls());
+            meet(2 * i + 2);
+        }
+    });
+    EXPECT_EQ(TURNS, deletions.getCalls());
 }
 
 } // namespace

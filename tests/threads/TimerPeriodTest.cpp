@@ -1,51 +1,39 @@
 #include "KernelTimers.h"
 #include "SignalsToMainThread.h"
-#include "ThreadSupport.h"
+#include "TimerSupport.h"
 #include "frame/FakeClock.h"
-
-#include <vesk/Timer.h>
+#include "support/ErrnoRows.h"
 
 #include <tarncommon/error/ErrorStorage.h>
-#include <tarncommon/tarnbase/TimePoint.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <functional>
-#include <pthread.h>
-#include <utility>
 
 /// What timers have armed, and when.
 
 namespace {
 
-using support::eventually;
-using support::FakeClock;
-using support::KernelTimers;
-using support::ms;
-using support::Spans;
+using namespace support;
 using vesk::Timer;
 
-class Clock : public Timer {
-public:
-    explicit Clock(std::function<void(Clock&)> then = nullptr)
-        : Timer(tick, false), action(std::move(then)) {}
-    ~Clock() override { stop(); }
-
-    std::atomic<int> count{0};
-    std::function<void(Clock&)> action;
-
-private:
-    static void tick(Timer* timer) {
-        Clock& self = *static_cast<Clock*>(timer);
-        if (self.action) {
-            self.action(self);
-        }
-        ++self.count;
-    }
+/// One step of a test: moves the clock, calls the timer, or rings the engine.
+struct Step {
+    enum Kind { AT, START, SNOOZE, STOP, RING };
+    Kind kind;
+    long long time = 0;
+    bool periodic = false;
+    int count = 0; ///< The calls so far, behind a ring.
+    Spans armed = {};
 };
 
-/// The clock is the test's and the kernel's timer is only recorded: the test rings the engine.
+Step at(long long time) {
+    return {Step::AT, time};
+}
+Step start(unsigned int interval, bool periodic, Spans armed) {
+    return {Step::START, interval, periodic, 0, std::move(armed)};
+}
+Step ring(long long time, int count, Spans armed = {}) {
+    return {Step::RING, time, false, count, std::move(armed)};
+}
+
+/// The test sets the clock and rings the engine, and the kernel's timer is only recorded.
 class TimerPeriod : public testing::Test {
 protected:
     void setTime(long long since_start) {
@@ -56,6 +44,27 @@ protected:
         setTime(since_start);
         vesk::Alarm::Timer::ring(m_engine.get());
     }
+    /// Runs the steps. Checks what each of them has armed.
+    void run(std::vector<Step> const& steps) {
+        int number = 0;
+        for (Step const& step : steps) {
+            SCOPED_TRACE(++number);
+            if (step.kind == Step::AT) {
+                setTime(step.time);
+            } else if (step.kind == Step::START) {
+                EXPECT_EQ(step.time == 0, m_clock.start(static_cast<unsigned int>(step.time), step.periodic));
+            } else if (step.kind == Step::SNOOZE) {
+                EXPECT_FALSE(m_clock.snooze());
+            } else if (step.kind == Step::STOP) {
+                EXPECT_FALSE(m_clock.stop());
+            } else {
+                ringAt(step.time);
+                EXPECT_EQ(step.count, m_clock.count);
+            }
+            EXPECT_EQ(step.armed, m_timers.take());
+        }
+        std::ErrorStorage::ack();
+    }
 
     FakeClock m_fake{5000, 0};
     KernelTimers m_timers;
@@ -64,67 +73,33 @@ protected:
 };
 
 TEST_F(TimerPeriod, startArmsForTheInterval) {
-    EXPECT_FALSE(m_clock.start(1500, false));
-    EXPECT_EQ(Spans{ms(1500)}, m_timers.take());
-    EXPECT_FALSE(m_clock.start(4294967295U, false));
-    EXPECT_EQ(Spans{ms(4294967295)}, m_timers.take());
+    run({start(1500, false, {ms(1500)})});
+    run({start(4294967295U, false, {ms(4294967295)})});
 }
 
 TEST_F(TimerPeriod, startWhileItRunsBeginsThePeriodAnewFromNow) {
-    EXPECT_FALSE(m_clock.start(1000, false));
-    setTime(400);
-    EXPECT_FALSE(m_clock.start(1000, false));
-    EXPECT_EQ((Spans{ms(1000), ms(1000)}), m_timers.take());
-    ringAt(1000);
-    EXPECT_EQ(0, m_clock.count);
-    ringAt(1400);
-    EXPECT_EQ(1, m_clock.count);
+    run(
+        {start(1000, false, {ms(1000)}), at(400), start(1000, false, {ms(1000)}),
+         ring(1000, 0, {ms(400), ms(400)}), ring(1400, 1)});
 }
 
 TEST_F(TimerPeriod, snoozeOfARunningTimerPutsItOffWithoutASystemCall) {
-    EXPECT_FALSE(m_clock.start(1000, false));
-    m_timers.take();
-    setTime(400);
-    EXPECT_FALSE(m_clock.snooze());
-    EXPECT_EQ(Spans(), m_timers.take());
-    ringAt(1000);
-    EXPECT_EQ(0, m_clock.count);
-    ringAt(1400);
-    EXPECT_EQ(1, m_clock.count);
+    run({start(1000, false, {ms(1000)}), at(400), {Step::SNOOZE}, ring(1000, 0, {ms(400)}), ring(1400, 1)});
 }
 
 TEST_F(TimerPeriod, stopMakesNoSystemCall) {
-    EXPECT_FALSE(m_clock.start(1000, true));
-    m_timers.take();
-    EXPECT_FALSE(m_clock.stop());
-    ringAt(1000);
-    EXPECT_EQ(0, m_clock.count);
-    EXPECT_EQ(Spans(), m_timers.take());
+    run({start(1000, true, {ms(1000)}), {Step::STOP}, ring(1000, 0)});
 }
 
-TEST_F(TimerPeriod, startWithZeroTouchesNothing) {
-    EXPECT_FALSE(m_clock.start(1000, false));
-    m_timers.take();
-    setTime(400);
-    EXPECT_TRUE(m_clock.start(0, true));
-    std::ErrorStorage::ack();
-    EXPECT_EQ(Spans(), m_timers.take());
-    ringAt(1000);
-    EXPECT_EQ(1, m_clock.count);
+TEST_F(TimerPeriod, startWithZeroChangesNothing) {
+    run({start(1000, false, {ms(1000)}), at(400), start(0, true, {}), ring(1000, 1)});
 }
 
 TEST_F(TimerPeriod, countsFromTheMomentOfTheExpiryAndSoDrifts) {
-    EXPECT_FALSE(m_clock.start(1000, true));
-    ringAt(1030);
-    EXPECT_EQ(1, m_clock.count);
-    ringAt(2029);
-    EXPECT_EQ(1, m_clock.count);
-    ringAt(2045);
-    EXPECT_EQ(2, m_clock.count);
-    ringAt(3044);
-    EXPECT_EQ(2, m_clock.count);
-    ringAt(3045);
-    EXPECT_EQ(3, m_clock.count);
+    run(
+        {start(1000, true, {ms(1000)}), ring(1030, 1, {ms(1000), ms(1000)}), ring(2029, 1, {ms(1), ms(1)}),
+         ring(2045, 2, {ms(1000), ms(1000)}), ring(3044, 2, {ms(1), ms(1)}),
+         ring(3045, 3, {ms(1000), ms(1000)})});
 }
 
 TEST_F(TimerPeriod, isArmedBeforeTheCallbackRuns) {
@@ -133,32 +108,20 @@ TEST_F(TimerPeriod, isArmedBeforeTheCallbackRuns) {
         before_callback = m_timers.take();
         setTime(1300);
     };
-    EXPECT_FALSE(m_clock.start(1000, true));
-    m_timers.take();
-    ringAt(1000);
+    run({start(1000, true, {ms(1000)}), ring(1000, 1, {ms(1000)})});
     EXPECT_EQ(Spans{ms(1000)}, before_callback);
-    EXPECT_EQ(Spans{ms(1000)}, m_timers.take());
     m_clock.action = nullptr;
-    ringAt(1999);
-    EXPECT_EQ(1, m_clock.count);
-    ringAt(2000);
-    EXPECT_EQ(2, m_clock.count);
+    run({ring(1999, 1, {ms(1), ms(1)}), ring(2000, 2, {ms(1000), ms(1000)})});
 }
 
-TEST_F(TimerPeriod, aCallbackThatStopsRemovesWhatWasJustArmed) {
+TEST_F(TimerPeriod, callbackThatStopsRemovesWhatWasJustArmed) {
     m_clock.action = [](Clock& self) { self.stop(); };
-    EXPECT_FALSE(m_clock.start(1000, true));
-    ringAt(1000);
-    EXPECT_EQ(1, m_clock.count);
-    m_timers.take();
-    ringAt(1000000);
-    EXPECT_EQ(1, m_clock.count);
-    EXPECT_EQ(Spans(), m_timers.take());
+    run({start(1000, true, {ms(1000)}), ring(1000, 1, {ms(1000)}), ring(1000000, 1)});
 }
 
-TEST_F(TimerPeriod, aCallbackCannotStopAnotherTimerThatIsDueWithIt) {
-    // Whichever has the lower address is called first, and stops the other one.
-    Clock other([this](Clock&) { m_clock.stop(); });
+TEST_F(TimerPeriod, callbackCannotStopAnotherTimerThatIsDueWithIt) {
+    // The one with the lower address is called first, and stops the other one.
+    Clock other(false, [this](Clock&) { m_clock.stop(); });
     m_clock.action = [&other](Clock&) { other.stop(); };
     EXPECT_FALSE(m_clock.start(1000, true));
     EXPECT_FALSE(other.start(1000, true));
@@ -166,23 +129,21 @@ TEST_F(TimerPeriod, aCallbackCannotStopAnotherTimerThatIsDueWithIt) {
     EXPECT_EQ(1, m_clock.count);
     EXPECT_EQ(1, other.count);
     ringAt(2000);
-    EXPECT_EQ(3, m_clock.count + other.count) << "the first one is stopped by the other, which goes on";
+    EXPECT_EQ(3, m_clock.count + other.count) << "the first one is stopped by the other, which runs on";
 }
 
 /// The kernel gets the arming of the start and the one before the callback, and no later one: only the signal that came
 /// while the callback ran can bring the second call.
-TEST(TimerOnItsThread, aCallbackThatTakesLongerThanTheIntervalIsFollowedAtOnceByTheNextCall) {
+TEST(TimerOnItsThread, callbackThatTakesLongerThanTheIntervalIsFollowedAtOnceByTheNextCall) {
     KernelTimers timers(2);
-    {
-        Clock clock([](Clock& self) {
-            if (self.count == 0) {
-                long long const end = tarnbase::TimePoint::now().getCount() + 100;
-                EXPECT_TRUE(eventually([&] { return tarnbase::TimePoint::now().getCount() > end; }));
-            }
-        });
-        EXPECT_FALSE(clock.start(20, true));
-        EXPECT_TRUE(eventually([&] { return clock.count == 2; }));
-    }
+    Clock clock(false, [](Clock& self) {
+        if (self.count == 0) {
+            pass(100);
+        }
+    });
+    EXPECT_FALSE(clock.start(20, true));
+    EXPECT_TRUE(eventually([&] { return clock.count == 2; }));
+    clock.stop();
 }
 
 } // namespace

@@ -1,42 +1,23 @@
 #include "SignalsToMainThread.h"
-#include "ThreadSupport.h"
-#include "support/Chain.h"
+#include "TimerSupport.h"
 #include "support/Child.h"
+#include "support/ErrnoRows.h"
 #include "support/Privileges.h"
 #include "support/Processes.h"
 
-#include <vesk/SysError.h>
-#include <vesk/Thread.h>
-#include <vesk/Timer.h>
 #include <vesk/Vesk.h>
 
 #include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/tarnbase/TimePoint.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <csignal>
-#include <ctime>
-#include <functional>
 #include <memory>
-#include <mutex>
-#include <ostream>
-#include <pthread.h>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 namespace {
 
-using support::chainIs;
-using support::Event;
-using support::eventually;
+using namespace support;
 using tarnbase::TimePoint;
 using vesk::Timer;
 
@@ -49,39 +30,18 @@ static_assert(std::is_base_of_v<vesk::Alarm::Timer, Timer::HighPrioTimer>);
 static_assert(std::is_same_v<decltype(Timer::timer_high_prio), std::Shared<Timer::HighPrioTimer>>);
 static_assert(std::is_same_v<decltype(Timer::timer_low_prio), std::Shared<vesk::Alarm::DefaultTimer>&>);
 
-/// A timer that counts its calls and may do something in each.
-class Clock : public Timer {
-public:
-    explicit Clock(bool high_priority = false, std::function<void(Clock&)> then = nullptr)
-        : Timer(tick, high_priority), action(std::move(then)) {}
-    ~Clock() override { stop(); }
-
-    bool waitFor(int calls) const {
-        return eventually([&] { return count >= calls; });
-    }
-
-    std::atomic<int> count{0};
-    std::string thread_name; // Of the last call.
-    std::function<void(Clock&)> action;
-
-private:
-    static void tick(Timer* timer) {
-        Clock& self = *static_cast<Clock*>(timer);
-        char name[16] = {};
-        pthread_getname_np(pthread_self(), name, sizeof name);
-        self.thread_name = name;
-        if (self.action) {
-            self.action(self);
-        }
-        ++self.count;
-    }
-};
-
-/// Nothing is late when this has passed through the engine: it was added after it, for the same time or later.
+/// Waits until another timer has expired. An earlier timer for the same time or before has expired by then.
 void letPass(unsigned int ms, bool high_priority = false) {
     Clock other(high_priority);
     EXPECT_FALSE(other.start(ms, false));
     EXPECT_TRUE(other.waitFor(1));
+}
+
+/// Waits until the timer has made this number of calls, and checks that no further one follows.
+void expectCalls(Clock const& clock, int calls, bool high_priority = false) {
+    EXPECT_TRUE(clock.waitFor(calls));
+    letPass(10, high_priority);
+    EXPECT_EQ(calls, clock.count);
 }
 
 class TimerOfPriority : public testing::TestWithParam<bool> {};
@@ -94,23 +54,14 @@ TEST_P(TimerOfPriority, standsStillAtFirst) {
     EXPECT_EQ(0, clock.count);
 }
 
-TEST_P(TimerOfPriority, runsItsCallbackOnTheThreadOfItsPriority) {
-    Clock clock(GetParam());
-    EXPECT_FALSE(clock.start(1, false));
-    ASSERT_TRUE(clock.waitFor(1));
-    clock.stop();
-    EXPECT_EQ(GetParam() ? "HighPrioTimer" : "Timer", clock.thread_name);
-}
-
-TEST_P(TimerOfPriority, aOneShotTimerRunsItsCallbackOnce) {
+TEST_P(TimerOfPriority, oneShotTimerRunsItsCallbackOnceOnTheThreadOfItsPriority) {
     Clock clock(GetParam());
     EXPECT_FALSE(clock.start(3, false));
     EXPECT_EQ(3U, clock.getInterval());
     EXPECT_FALSE(clock.isPeriodic());
-    ASSERT_TRUE(clock.waitFor(1));
-    letPass(10, GetParam());
-    EXPECT_EQ(1, clock.count);
+    expectCalls(clock, 1, GetParam());
     EXPECT_EQ(3U, clock.getInterval());
+    EXPECT_EQ(GetParam() ? "HighPrioTimer" : "Timer", clock.thread_name);
 }
 
 TEST_P(TimerOfPriority, aPeriodicTimerGoesOn) {
@@ -126,15 +77,15 @@ TEST_P(TimerOfPriority, theLastOneEndsTheThreadAndANewOneStartsANewOne) {
     for (int i = 0; i < 3; ++i) {
         {
             Clock const first(GetParam());
-            EXPECT_TRUE(support::hasThreads(support::g_threads_at_start + 1));
+            EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
             {
                 Clock second(GetParam());
                 EXPECT_FALSE(second.start(AN_HOUR, true));
-                EXPECT_TRUE(support::hasThreads(support::g_threads_at_start + 1));
+                EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
             }
-            EXPECT_TRUE(support::hasThreads(support::g_threads_at_start + 1));
+            EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
         }
-        EXPECT_TRUE(support::hasThreads(support::g_threads_at_start));
+        EXPECT_TRUE(hasThreads(g_threads_at_start));
     }
     Clock clock(GetParam());
     EXPECT_FALSE(clock.start(1, true));
@@ -155,7 +106,7 @@ TEST_P(TimerOfPriority, hasItsSignalWhileThereAreSome) {
 
 TEST_P(TimerOfPriority, itsThreadIsScheduledAsTheOneThatStartedTheLibrary) {
     VESK_SKIP_UNLESS_NICE_MAY_BE(5, 7, 5);
-    auto const end = support::runInChild([] {
+    auto const end = runInChild([] {
         ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 5));
         vesk::Vesk const vesk(true, false);
         ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 7));
@@ -176,12 +127,10 @@ INSTANTIATE_TEST_SUITE_P(All, TimerOfPriority, testing::Bool(), [](auto const& t
 TEST(Timer, startWithZeroFailsAndARunningTimerKeepsRunning) {
     Clock clock;
     EXPECT_FALSE(clock.start(2, true));
-    // Whatever is pending, this is a chain of its own.
-    std::ErrorOutput("test", 1, true)(std::CommonErrorId::OUT_OF_MEMORY);
+    leaveOlderReport();
     EXPECT_TRUE(clock.start(0, false));
-    EXPECT_TRUE(chainIs(
-        {{std::CommonErrorId::CONTRACT_BROKEN,
-          "Contract broken by the caller: zero tick interval specified"}}));
+    auto const id = std::CommonErrorId::CONTRACT_BROKEN;
+    EXPECT_TRUE(chainIs({{id, "Contract broken by the caller: zero tick interval specified"}}));
     EXPECT_EQ(2U, clock.getInterval());
     EXPECT_TRUE(clock.isPeriodic());
     int const before = clock.count;
@@ -191,7 +140,7 @@ TEST(Timer, startWithZeroFailsAndARunningTimerKeepsRunning) {
 TEST(Timer, startWithZeroLeavesAStoppedTimerStopped) {
     Clock clock;
     EXPECT_TRUE(clock.start(0, true));
-    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
+    EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN}));
     EXPECT_FALSE(clock.isPeriodic());
     letPass(5);
     EXPECT_EQ(0, clock.count);
@@ -232,21 +181,17 @@ TEST(Timer, startWhileItRunsTakesTheNewIntervalAndKind) {
     EXPECT_FALSE(clock.start(2, false));
     EXPECT_EQ(2U, clock.getInterval());
     EXPECT_FALSE(clock.isPeriodic());
-    ASSERT_TRUE(clock.waitFor(1));
-    letPass(10);
-    EXPECT_EQ(1, clock.count);
+    expectCalls(clock, 1);
 }
 
-TEST(Timer, snoozeFromTheCallbackOfAOneShotTimerGivesOneMoreCall) {
+TEST(Timer, snoozeFromTheCallbackOfAOneShotTimerLeadsToOneMoreCall) {
     Clock clock(false, [](Clock& self) {
         if (self.count == 0) {
             EXPECT_FALSE(self.snooze());
         }
     });
     EXPECT_FALSE(clock.start(2, false));
-    ASSERT_TRUE(clock.waitFor(2));
-    letPass(10);
-    EXPECT_EQ(2, clock.count);
+    expectCalls(clock, 2);
 }
 
 TEST(Timer, snoozeOnAStoppedTimerStartsOneMorePeriod) {
@@ -257,17 +202,13 @@ TEST(Timer, snoozeOnAStoppedTimerStartsOneMorePeriod) {
     ASSERT_TRUE(clock.waitFor(2));
     EXPECT_FALSE(clock.stop());
     EXPECT_FALSE(clock.snooze());
-    ASSERT_TRUE(clock.waitFor(3));
-    letPass(10);
-    EXPECT_EQ(3, clock.count);
+    expectCalls(clock, 3);
 }
 
 TEST(Timer, snoozeOnATimerThatWasNeverStartedRingsOnceAtOnce) {
     Clock clock;
     EXPECT_FALSE(clock.snooze());
-    ASSERT_TRUE(clock.waitFor(1));
-    letPass(5);
-    EXPECT_EQ(1, clock.count);
+    expectCalls(clock, 1);
 }
 
 TEST(Timer, aPeriodicTimerThatIsSnoozedAfterAStopGoesOn) {
@@ -280,12 +221,10 @@ TEST(Timer, aPeriodicTimerThatIsSnoozedAfterAStopGoesOn) {
     EXPECT_TRUE(clock.waitFor(before + 5));
 }
 
-TEST(Timer, aPeriodicTimerWhoseCallbackStopsItHasNoFurtherExpiry) {
+TEST(Timer, periodicTimerThatItsCallbackStopsHasNoFurtherExpiry) {
     Clock clock(false, [](Clock& self) { EXPECT_FALSE(self.stop()); });
     EXPECT_FALSE(clock.start(2, true));
-    ASSERT_TRUE(clock.waitFor(1));
-    letPass(10);
-    EXPECT_EQ(1, clock.count);
+    expectCalls(clock, 1);
 }
 
 TEST(Timer, aCallbackMayStartItsTimerAnew) {
@@ -295,9 +234,7 @@ TEST(Timer, aCallbackMayStartItsTimerAnew) {
         }
     });
     EXPECT_FALSE(clock.start(2, true));
-    ASSERT_TRUE(clock.waitFor(4));
-    letPass(10);
-    EXPECT_EQ(4, clock.count);
+    expectCalls(clock, 4);
 }
 
 TEST(Timer, aCallbackMayStartAndStopOtherTimers) {
@@ -316,17 +253,17 @@ TEST(Timer, aCallbackMayStartAndStopOtherTimers) {
 TEST(Timer, aCallbackMayDestroyItsOwnTimerWhileThereAreOthers) {
     Clock const other;
     Event gone;
-    struct Mayfly : Timer {
-        explicit Mayfly(Event& event) : Timer(end, false), after(event) {}
+    struct SelfDestroying : Timer {
+        explicit SelfDestroying(Event& event) : Timer(end, false), after(event) {}
         static void end(Timer* timer) {
-            Event& after = static_cast<Mayfly*>(timer)->after;
+            Event& after = static_cast<SelfDestroying*>(timer)->after;
             delete timer;
             after.set();
         }
         Event& after;
     };
-    Mayfly* const mayfly = new Mayfly(gone);
-    EXPECT_FALSE(mayfly->start(1, true));
+    SelfDestroying* const object = new SelfDestroying(gone);
+    EXPECT_FALSE(object->start(1, true));
     EXPECT_TRUE(gone.wait());
     letPass(3);
 }
@@ -382,7 +319,7 @@ TEST(Timer, callbacksOfOnePriorityRunOneAfterTheOther) {
     EXPECT_EQ(0, together);
 }
 
-TEST(Timer, aSlowCallbackHoldsUpItsPriorityAndNotTheOther) {
+TEST(Timer, slowCallbackDelaysItsPriorityAndNotTheOther) {
     Event entered;
     Event leave;
     Clock slow(false, [&](Clock&) {
@@ -395,10 +332,9 @@ TEST(Timer, aSlowCallbackHoldsUpItsPriorityAndNotTheOther) {
     EXPECT_FALSE(slow.start(1, false));
     ASSERT_TRUE(entered.wait());
     int const before = low.count;
-    long long const end = TimePoint::now().getCount() + 300;
     EXPECT_FALSE(high.start(1, true));
     EXPECT_TRUE(high.waitFor(20));
-    EXPECT_TRUE(eventually([&] { return TimePoint::now().getCount() > end; }));
+    pass(300);
     EXPECT_EQ(before, low.count);
     leave.set();
     EXPECT_TRUE(low.waitFor(before + 1));
@@ -410,10 +346,6 @@ struct WaitingCall {
     size_t threads;
     void (*call)(std::unique_ptr<Clock>& own);
 };
-
-void PrintTo(WaitingCall const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class TimerOfBusyEngine : public testing::TestWithParam<WaitingCall> {};
 
@@ -429,16 +361,16 @@ TEST_P(TimerOfBusyEngine, isServedBeforeTheEngineGoesOn) {
         ++begun;
         EXPECT_TRUE(everyone.wait());
         for (size_t i = 0; i < count; ++i) {
-            support::waitUntilAsleep(getpid(), ids[i]);
+            waitUntilAsleep(getpid(), ids[i]);
             seen_asleep[i] = begun.load();
         }
         timespec const longer_than_the_interval{0, 3000000};
         nanosleep(&longer_than_the_interval, nullptr);
     });
-    ids[0] = support::getThreadId();
+    ids[0] = getThreadId();
     EXPECT_FALSE(busy.start(1, true));
     auto const callAgainAndAgain = [&](size_t i) {
-        ids[i] = support::getThreadId();
+        ids[i] = getThreadId();
         auto own = std::make_unique<Clock>();
         for (int round = 0; round < 30; ++round) {
             // A callback that waits for this thread; not in sleep, which is taken for waiting for the engine.
@@ -478,10 +410,10 @@ INSTANTIATE_TEST_SUITE_P(
         WaitingCall{"start", 1, [](std::unique_ptr<Clock>& own) { own->start(AN_HOUR, true); }},
         WaitingCall{"destroy", 1, [](std::unique_ptr<Clock>& own) { own.reset(); }},
         WaitingCall{"snoozeOfMany", 6, [](std::unique_ptr<Clock>& own) { own->snooze(); }}),
-    [](auto const& row) { return std::string(row.param.name); });
+    RowName());
 
 TEST(Timer, callbacksOfBothPrioritiesMayStopAndStartEachOthersTimers) {
-    auto const end = support::runInChild([] {
+    auto const end = runInChild([] {
         Clock* clocks[2] = {};
         Event entered[2];
         auto const stopOther = [&](Clock& self) {
@@ -523,52 +455,35 @@ TEST(Timer, theEngineOfOrdinaryTimersIsThatOfAlarms) {
 }
 
 TEST(Timer, anAlarmAndAnOrdinaryTimerShareTheThread) {
-    int const threads = support::countThreads();
+    int const threads = countThreads();
     Clock const clock;
     std::SharedBase::Ptr<vesk::Alarm::Timer> const engine(vesk::Alarm::DEFAULT_TIMER);
-    EXPECT_TRUE(support::hasThreads(threads + 1));
+    EXPECT_TRUE(hasThreads(threads + 1));
 }
 
-struct ErrorRow {
-    int id;
-    char const* text;
-};
-
-class TimerError : public testing::TestWithParam<ErrorRow> {};
-
-TEST_P(TimerError, hasItsText) {
-    std::ErrorOutput("test", 1, true)(Timer::Error, GetParam().id, "reason");
-    EXPECT_TRUE(Timer::Error.isA(vesk::SysError));
-    EXPECT_TRUE(chainIs({{Timer::Error, GetParam().id, GetParam().text}}));
+TEST(TimerError, hasItsTexts) {
+    expectRows(
+        Timer::Error,
+        {"Failed to create timer: %s", "Failed to start timer: %s", "Failed to stop timer: %s",
+         "Failed to snooze timer: %s"},
+        1);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, TimerError,
-    testing::Values(
-        ErrorRow{0, "Failed to create timer: reason"}, ErrorRow{1, "Failed to start timer: reason"},
-        ErrorRow{2, "Failed to stop timer: reason"}, ErrorRow{3, "Failed to snooze timer: reason"}));
 
 TEST(Timer, manyThreadsUseTimersOfTheirOwn) {
-    std::vector<std::thread> threads;
-    for (unsigned int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            for (unsigned int i = 0; i < 100; ++i) {
-                Clock clock(t % 2 == 0);
-                EXPECT_FALSE(clock.start(1 + i % 3, i % 2 == 0));
-                if (i % 4 == 0) {
-                    EXPECT_TRUE(clock.waitFor(1));
-                }
-                EXPECT_FALSE(clock.snooze());
-                EXPECT_FALSE(clock.stop());
-                int const count = clock.count;
-                sched_yield();
-                EXPECT_EQ(count, clock.count);
+    runThreads(4, [](int t) {
+        for (unsigned int i = 0; i < 100; ++i) {
+            Clock clock(t % 2 == 0);
+            EXPECT_FALSE(clock.start(1 + i % 3, i % 2 == 0));
+            if (i % 4 == 0) {
+                EXPECT_TRUE(clock.waitFor(1));
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+            EXPECT_FALSE(clock.snooze());
+            EXPECT_FALSE(clock.stop());
+            int const count = clock.count;
+            sched_yield();
+            EXPECT_EQ(count, clock.count);
+        }
+    });
 }
 
 TEST(Timer, keepsItsPriorityInAFieldThatIsNeverRead) {

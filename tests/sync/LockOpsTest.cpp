@@ -1,0 +1,726 @@
+#include "frame/FakeClock.h"
+#include "support/ErrnoRows.h"
+#include "support/EventRecorder.h"
+#include "support/Inject.h"
+
+#include <vesk/Condition.h>
+#include <vesk/ConditionOps.h>
+#include <vesk/Mutex.h>
+#include <vesk/MutexOps.h>
+#include <vesk/RWLock.h>
+#include <vesk/RWLockOps.h>
+#include <vesk/SpinLock.h>
+#include <vesk/SpinLockOps.h>
+
+#include <tarncommon/tarnbase/TimePoint.h>
+
+#include <chrono>
+#include <deque>
+#include <limits>
+#include <thread>
+
+namespace {
+
+// The arguments of this thread's last system calls.
+thread_local int t_shared = -1;
+thread_local int t_clock = -1;
+thread_local bool t_has_attributes = false;
+thread_local timespec t_deadline{};
+
+int note(int& to, int value) {
+    to = value;
+    return value;
+}
+pthread_rwlockattr_t const* note(pthread_rwlockattr_t const* attributes) {
+    t_has_attributes = attributes != nullptr;
+    return attributes;
+}
+timespec const* note(timespec const* deadline) {
+    t_deadline = *deadline;
+    return deadline;
+}
+
+} // namespace
+
+VESK_INJECT_RESULT(pthread_mutexattr_init, (pthread_mutexattr_t * a), (a))
+VESK_INJECT_RESULT(pthread_mutexattr_settype, (pthread_mutexattr_t * a, int type), (a, type))
+VESK_INJECT_RESULT(pthread_mutexattr_setprotocol, (pthread_mutexattr_t * a, int protocol), (a, protocol))
+VESK_INJECT_RESULT(pthread_mutexattr_setpshared, (pthread_mutexattr_t * a, int s), (a, note(t_shared, s)))
+VESK_INJECT_RESULT(pthread_mutexattr_destroy, (pthread_mutexattr_t * a), (a))
+VESK_INJECT_RESULT(pthread_mutex_init, (pthread_mutex_t * m, pthread_mutexattr_t const* a), (m, a))
+VESK_INJECT_RESULT(pthread_mutex_destroy, (pthread_mutex_t * m), (m))
+VESK_INJECT_RESULT(pthread_mutex_timedlock, (pthread_mutex_t * m, timespec const* t), (m, t))
+VESK_INJECT_RESULT(pthread_rwlockattr_init, (pthread_rwlockattr_t * a), (a))
+VESK_INJECT_RESULT(pthread_rwlockattr_setpshared, (pthread_rwlockattr_t * a, int s), (a, note(t_shared, s)))
+VESK_INJECT_RESULT(pthread_rwlockattr_destroy, (pthread_rwlockattr_t * a), (a))
+VESK_INJECT_RESULT(pthread_rwlock_init, (pthread_rwlock_t * l, pthread_rwlockattr_t const* a), (l, note(a)))
+VESK_INJECT_RESULT(pthread_rwlock_destroy, (pthread_rwlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_rwlock_rdlock, (pthread_rwlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_rwlock_wrlock, (pthread_rwlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_rwlock_tryrdlock, (pthread_rwlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_rwlock_trywrlock, (pthread_rwlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_rwlock_timedrdlock, (pthread_rwlock_t * l, timespec const* t), (l, note(t)))
+VESK_INJECT_RESULT(pthread_rwlock_timedwrlock, (pthread_rwlock_t * l, timespec const* t), (l, note(t)))
+VESK_INJECT_RESULT(pthread_condattr_init, (pthread_condattr_t * a), (a))
+VESK_INJECT_RESULT(pthread_condattr_setclock, (pthread_condattr_t * a, clockid_t c), (a, note(t_clock, c)))
+VESK_INJECT_RESULT(pthread_condattr_setpshared, (pthread_condattr_t * a, int s), (a, note(t_shared, s)))
+VESK_INJECT_RESULT(pthread_condattr_destroy, (pthread_condattr_t * a), (a))
+VESK_INJECT_RESULT(pthread_cond_init, (pthread_cond_t * c, pthread_condattr_t const* a), (c, a))
+
+namespace {
+
+using namespace support;
+using tarnbase::Duration;
+using tarnbase::TimePoint;
+using vesk::Condition;
+using vesk::ConditionOps;
+using vesk::Mutex;
+using vesk::MutexOps;
+using vesk::RWLock;
+using vesk::RWLockOps;
+using vesk::SpinLock;
+using vesk::SpinLockOps;
+namespace SysErrorId = vesk::SysErrorId;
+
+constexpr bool READ = false;
+constexpr bool WRITE = true;
+
+RWLock::ErrorId failedId(bool for_write) {
+    return for_write ? RWLock::ErrorId::WRITE_LOCK_FAILED : RWLock::ErrorId::READ_LOCK_FAILED;
+}
+
+signed char lockWithin(pthread_rwlock_t& lock, bool for_write, unsigned int timeout_ms) {
+    return RWLockOps::lock(&lock, for_write, &timeout_ms);
+}
+
+// ---- the kinds of raw locks ----
+
+union Memory {
+    pthread_mutex_t mutex;
+    pthread_rwlock_t rwlock;
+    pthread_cond_t condition;
+};
+
+struct Kind {
+    char const* name;
+    size_t size;
+    Injected* init_attributes;
+    Injected* share;
+    Injected* destroy_attributes;
+    Injected* create;
+    Injected* destruction;
+    SysErrorId::Id destruction_einval; ///< The report of a destruction that fails with `EINVAL`.
+    int mark;                          ///< Each byte of the memory behind a creation that failed.
+    char const* warning;
+    bool (*init)(Memory&, bool shared);
+    bool (*destroy)(Memory&);
+    int (*use)(Memory&);
+
+    void fill(Memory& memory, int byte) const { memset(&memory, byte, size); }
+    std::vector<ExpectedReport> getReports(Injected const* function, SysErrorId::Id id, int error) const;
+};
+
+template <typename... Args>
+Kind makeKind(Args... args) {
+    return {args...};
+}
+
+Kind const MUTEX = makeKind(
+    "mutex", sizeof(pthread_mutex_t), &inject_pthread_mutexattr_init, &inject_pthread_mutexattr_setpshared,
+    &inject_pthread_mutexattr_destroy, &inject_pthread_mutex_init, &inject_pthread_mutex_destroy,
+    SysErrorId::UNCLASSIFIED, 0xEB, "MutexOps ~AttrCleaner: destroying mutex attributes failed, res = 22",
+    [](Memory& memory, bool shared) { return MutexOps::init(&memory.mutex, shared, shared, shared); },
+    [](Memory& memory) { return MutexOps::destroy(&memory.mutex); },
+    [](Memory& memory) { return pthread_mutex_lock(&memory.mutex) + pthread_mutex_unlock(&memory.mutex); });
+Kind const RWLOCK = makeKind(
+    "rwlock", sizeof(pthread_rwlock_t), &inject_pthread_rwlockattr_init,
+    &inject_pthread_rwlockattr_setpshared, &inject_pthread_rwlockattr_destroy, &inject_pthread_rwlock_init,
+    &inject_pthread_rwlock_destroy, SysErrorId::SPOILED_INTEGRITY, 0xFF,
+    "RWLockOps init: error destroying temp. attr.",
+    [](Memory& memory, bool shared) { return RWLockOps::init(&memory.rwlock, shared); },
+    [](Memory& memory) { return RWLockOps::destroy(&memory.rwlock); },
+    [](Memory& memory) {
+        return RWLockOps::lock(&memory.rwlock, WRITE, nullptr) + pthread_rwlock_unlock(&memory.rwlock);
+    });
+Kind const CONDITION = makeKind(
+    "condition", sizeof(pthread_cond_t), &inject_pthread_condattr_init, &inject_pthread_condattr_setpshared,
+    &inject_pthread_condattr_destroy, &inject_pthread_cond_init, nullptr, SysErrorId::SPOILED_INTEGRITY, 0xEB,
+    "ConditionOps init: destroying condition attributes failed, res = 22",
+    [](Memory& memory, bool shared) { return ConditionOps::init(&memory.condition, shared); },
+    [](Memory& memory) { return pthread_cond_destroy(&memory.condition) != 0; },
+    [](Memory& memory) { return pthread_cond_signal(&memory.condition); });
+
+/// Returns the reports of a creation that fails. That of a read-write lock shows the text of number 0.
+std::vector<ExpectedReport> Kind::getReports(Injected const* function, SysErrorId::Id id, int error) const {
+    int const shown = function == &inject_pthread_rwlock_init ? 0 : error;
+    std::vector<ExpectedReport> reports = {{id, rowText(id, systemText(shown))}};
+    if (this == &CONDITION) {
+        reports.emplace_back(Condition::ErrorId::CREATE_FAILED, "Creating condition variable failed");
+    }
+    return reports;
+}
+
+// ---- init ----
+
+struct InitRow {
+    char const* name;
+    Kind const* kind;
+    Injected* function;
+    std::vector<int> errors;
+    SysErrorId::Id id;
+    int error = 0;
+};
+
+class LockOpsInitRows : public testing::TestWithParam<InitRow> {};
+
+TEST_P(LockOpsInitRows, reportAndMarkTheMemory) {
+    InitRow const& row = GetParam();
+    Memory memory;
+    row.kind->fill(memory, 0xFF);
+    leaveOlderReport();
+    Fault const destroyed(*row.kind->destroy_attributes, 0);
+    Fault const fault(*row.function, row.error);
+    EXPECT_TRUE(row.kind->init(memory, true));
+    EXPECT_TRUE(row.kind != &MUTEX || errno == row.error) << errno;
+    EXPECT_TRUE(chainIs(row.kind->getReports(row.function, row.id, row.error)));
+    Memory marked;
+    row.kind->fill(marked, row.kind->mark);
+    EXPECT_EQ(0, memcmp(&marked, &memory, row.kind->size));
+    EXPECT_EQ(row.function == row.kind->init_attributes ? 0 : 1, destroyed.getCalls());
+    if (row.kind != &CONDITION) {
+        EXPECT_FALSE(row.kind->destroy(memory));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, LockOpsInitRows,
+    testing::ValuesIn(eachErrno<InitRow>({
+        {"mutexattr_init", &MUTEX, &inject_pthread_mutexattr_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+        {"mutexattr_init", &MUTEX, &inject_pthread_mutexattr_init, {EAGAIN}, SysErrorId::UNCLASSIFIED},
+        {"settype", &MUTEX, &inject_pthread_mutexattr_settype, {EINVAL, ENOMEM}, SysErrorId::UNCLASSIFIED},
+        {"setprotocol", &MUTEX, &inject_pthread_mutexattr_setprotocol, {ENOTSUP}, SysErrorId::UNCLASSIFIED},
+        {"mutexattr_setpshared", &MUTEX, MUTEX.share, {EINVAL}, SysErrorId::UNCLASSIFIED},
+        {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+        {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {ENOTSUP}, SysErrorId::NOT_IMPLEMENTED},
+        {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+        {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {EINVAL, EPERM}, SysErrorId::SPOILED_INTEGRITY},
+        {"rwlockattr_init", &RWLOCK, &inject_pthread_rwlockattr_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+        {"rwlockattr_init", &RWLOCK, RWLOCK.init_attributes, {EAGAIN, EPERM}, SysErrorId::UNCLASSIFIED},
+        {"rwlockattr_setpshared", &RWLOCK, RWLOCK.share, {EINVAL, ENOMEM}, SysErrorId::UNCLASSIFIED},
+        {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {EPERM}, SysErrorId::PERMISSION_DENIED},
+        {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+        {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+        {"rwlock_init", &RWLOCK, RWLOCK.create, {EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+        {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {ENOTSUP}, SysErrorId::UNCLASSIFIED},
+        {"condattr_init", &CONDITION, CONDITION.init_attributes, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+        {"condattr_init", &CONDITION, CONDITION.init_attributes, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+        {"condattr_init", &CONDITION, CONDITION.init_attributes, {EPERM}, SysErrorId::UNCLASSIFIED},
+        {"setclock", &CONDITION, &inject_pthread_condattr_setclock, {EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+        {"setclock", &CONDITION, &inject_pthread_condattr_setclock, {ENOTSUP}, SysErrorId::UNCLASSIFIED},
+        {"condattr_setpshared", &CONDITION, CONDITION.share, {EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+        {"condattr_setpshared", &CONDITION, CONDITION.share, {EPERM}, SysErrorId::UNCLASSIFIED},
+        {"cond_init", &CONDITION, &inject_pthread_cond_init, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+        {"cond_init", &CONDITION, &inject_pthread_cond_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+        {"cond_init", &CONDITION, CONDITION.create, {EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+        {"cond_init", &CONDITION, &inject_pthread_cond_init, {EPERM}, SysErrorId::UNCLASSIFIED},
+    })),
+    ErrnoName());
+
+struct KindName {
+    std::string operator()(testing::TestParamInfo<Kind const*> const& info) const { return info.param->name; }
+};
+
+class LockOpsInit : public testing::TestWithParam<Kind const*> {
+protected:
+    Kind const& m_kind = *GetParam();
+    Memory m_memory;
+};
+
+TEST_P(LockOpsInit, isSharedOnlyIfWanted) {
+    Fault const shared(*m_kind.share, 0);
+    ASSERT_FALSE(m_kind.init(m_memory, false));
+    EXPECT_EQ(0, shared.getCalls());
+    EXPECT_FALSE(m_kind.destroy(m_memory));
+    t_shared = -1;
+    Fault const destroyed(*m_kind.destroy_attributes, 0);
+    ASSERT_FALSE(m_kind.init(m_memory, true));
+    EXPECT_EQ(1, shared.getCalls());
+    EXPECT_EQ(PTHREAD_PROCESS_SHARED, t_shared);
+    EXPECT_EQ(1, destroyed.getCalls());
+    EXPECT_FALSE(m_kind.destroy(m_memory));
+}
+
+TEST_P(LockOpsInit, attributesThatCannotBeDestroyedAreOnlyAWarning) {
+    EventRecorder recorder;
+    {
+        Fault const fault(*m_kind.destroy_attributes, EINVAL);
+        EXPECT_FALSE(m_kind.init(m_memory, true));
+    }
+    EXPECT_EQ(std::string("WARNING framework/src/vesk/posix/") + m_kind.warning, recorder.getText());
+    EXPECT_TRUE(chainIs({}));
+    EXPECT_EQ(0, m_kind.use(m_memory));
+    EXPECT_FALSE(m_kind.destroy(m_memory));
+}
+
+TEST_P(LockOpsInit, attributesThatCannotBeDestroyedDoNotHideAFailure) {
+    EventRecorder recorder;
+    {
+        Fault const fault(*m_kind.destroy_attributes, EINVAL);
+        Fault const init_fault(*m_kind.create, ENOMEM);
+        EXPECT_TRUE(m_kind.init(m_memory, true));
+    }
+    EXPECT_EQ(std::string("WARNING framework/src/vesk/posix/") + m_kind.warning, recorder.getText());
+    EXPECT_TRUE(chainIs(m_kind.getReports(m_kind.create, SysErrorId::OUT_OF_MEMORY, ENOMEM)));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, LockOpsInit, testing::Values(&MUTEX, &RWLOCK, &CONDITION), KindName());
+
+TEST(MutexOpsInit, asksForPriorityInheritanceOnlyIfWanted) {
+    pthread_mutex_t mutex;
+    Fault const protocol(inject_pthread_mutexattr_setprotocol, 0);
+    for (int const wanted : {0, 1}) {
+        ASSERT_FALSE(MutexOps::init(&mutex, false, wanted == 1, true));
+        EXPECT_EQ(wanted, protocol.getCalls());
+        EXPECT_FALSE(MutexOps::destroy(&mutex));
+    }
+}
+
+TEST(MutexOpsInit, recursiveLockIsFreeAfterAsManyUnlocks) {
+    pthread_mutex_t mutex;
+    ASSERT_FALSE(MutexOps::init(&mutex, true, false, false));
+    EXPECT_EQ(0, pthread_mutex_lock(&mutex));
+    EXPECT_EQ(0, pthread_mutex_trylock(&mutex));
+    EXPECT_EQ(0, pthread_mutex_unlock(&mutex));
+    EXPECT_EQ(0, pthread_mutex_unlock(&mutex));
+    EXPECT_FALSE(MutexOps::destroy(&mutex));
+}
+
+TEST(RWLockOpsInit, privateLockThatCannotBeMadeReportsTheTextOfNumberZero) {
+    pthread_rwlock_t lock;
+    Fault const fault(inject_pthread_rwlock_init, EAGAIN);
+    EXPECT_TRUE(RWLockOps::init(&lock, false));
+    SysErrorId::Id const id = SysErrorId::RESOURCES_EXHAUSTED;
+    EXPECT_TRUE(chainIs({{id, rowText(id, "Success (errno = 0)")}}));
+}
+
+TEST(RWLockOpsInit, onlyASharedLockHasAttributes) {
+    pthread_rwlock_t lock;
+    Fault const made(inject_pthread_rwlockattr_init, 0);
+    Fault const destroyed(inject_pthread_rwlockattr_destroy, 0);
+    for (int const shared : {0, 1}) {
+        t_has_attributes = shared == 0;
+        ASSERT_FALSE(RWLockOps::init(&lock, shared == 1));
+        EXPECT_EQ(shared == 1, t_has_attributes);
+        EXPECT_EQ(shared, made.getCalls());
+        EXPECT_EQ(shared, destroyed.getCalls());
+        EXPECT_FALSE(RWLockOps::destroy(&lock));
+    }
+}
+
+TEST(ConditionOpsInit, failedStepKeepsTheLaterOnesFromRunning) {
+    pthread_cond_t condition;
+    Fault const fault(inject_pthread_condattr_setclock, EINVAL);
+    Fault const shared(inject_pthread_condattr_setpshared, 0);
+    Fault const made(inject_pthread_cond_init, 0);
+    EXPECT_TRUE(ConditionOps::init(&condition, true));
+    EXPECT_EQ(0, shared.getCalls());
+    EXPECT_EQ(0, made.getCalls());
+    EXPECT_TRUE(chainIs({SysErrorId::SPOILED_INTEGRITY, Condition::ErrorId::CREATE_FAILED}));
+}
+
+TEST(ConditionOpsInit, isOnTheMonotonicClock) {
+    for (bool const process_shared : {false, true}) {
+        pthread_cond_t condition;
+        t_clock = -1;
+        ASSERT_FALSE(ConditionOps::init(&condition, process_shared));
+        EXPECT_EQ(CLOCK_MONOTONIC, t_clock);
+        // The wall clock is decades ahead of the monotonic one: on it this deadline has long passed.
+        auto const deadline = TimePoint::now() + Duration(20);
+        timespec const time = deadline.toTimespec();
+        pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+        ASSERT_EQ(0, pthread_mutex_lock(&mutex));
+        int error = 0;
+        do {
+            error = pthread_cond_timedwait(&condition, &mutex, &time);
+        } while (error == 0);
+        EXPECT_EQ(0, pthread_mutex_unlock(&mutex));
+        EXPECT_EQ(ETIMEDOUT, error);
+        EXPECT_GE(TimePoint::now().getCount(), deadline.getCount());
+        EXPECT_EQ(0, pthread_cond_destroy(&condition));
+    }
+}
+
+// ---- destroy ----
+
+class LockOpsDestroy : public LockOpsInit {};
+
+INSTANTIATE_TEST_SUITE_P(All, LockOpsDestroy, testing::Values(&MUTEX, &RWLOCK), KindName());
+
+TEST_P(LockOpsDestroy, leavesALockThatWasNeverMadeAloneWithoutASystemCall) {
+    m_kind.fill(m_memory, m_kind.mark);
+    Fault const fault(*m_kind.destruction, EINVAL);
+    EXPECT_FALSE(m_kind.destroy(m_memory));
+    EXPECT_EQ(0, fault.getCalls());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_P(LockOpsDestroy, oneOtherByteMakesItALock) {
+    for (size_t const at : {size_t{0}, m_kind.size / 2, m_kind.size - 1}) {
+        m_kind.fill(m_memory, m_kind.mark);
+        reinterpret_cast<unsigned char*>(&m_memory)[at] ^= 1;
+        Fault const fault(*m_kind.destruction, EINVAL);
+        EXPECT_TRUE(m_kind.destroy(m_memory));
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_TRUE(causeIs(m_kind.destruction_einval, EINVAL));
+    }
+}
+
+// ---- what the operations make of an error number ----
+
+struct Row {
+    char const* name;
+    int (*operation)(int error);
+    std::vector<int> errors;
+    int result;
+    std::vector<ExpectedReport> reports; ///< The root cause first. Without one, the pending chain stays.
+    int error = 0;
+};
+
+int failMutexDestroy(int error) {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    Fault const fault(inject_pthread_mutex_destroy, error);
+    return MutexOps::destroy(&mutex) ? 1 : 0;
+}
+int failMutexTimedLock(int error) {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    Fault const fault(inject_pthread_mutex_timedlock, error);
+    return MutexOps::tryLockTimeout(&mutex, 10);
+}
+int failRWLockDestroy(int error) {
+    pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
+    Fault const fault(inject_pthread_rwlock_destroy, error);
+    return RWLockOps::destroy(&lock) ? 1 : 0;
+}
+template <bool FOR_WRITE>
+int failRWLock(int error) {
+    return RWLockOps::handleLockError(error, FOR_WRITE);
+}
+template <auto HANDLER>
+int handle(int error) {
+    return HANDLER(error);
+}
+
+constexpr auto MUTEX_LOCK = handle<MutexOps::handleLockError>;
+constexpr auto MUTEX_UNLOCK = handle<MutexOps::handleUnlockError>;
+constexpr auto MUTEX_TRY = handle<MutexOps::handleTryLockError>;
+constexpr auto SPIN_INIT = handle<SpinLockOps::handleInitError>;
+constexpr auto SPIN_DESTROY = handle<SpinLockOps::handleDestroyError>;
+constexpr auto SPIN_LOCK = handle<SpinLockOps::handleLockError>;
+constexpr auto SPIN_TRY = handle<SpinLockOps::handleTryLockError>;
+constexpr auto SPIN_UNLOCK = handle<SpinLockOps::handleUnlockError>;
+constexpr auto RW_UNLOCK = handle<RWLockOps::handleUnlockError>;
+constexpr auto COND_INIT = handle<ConditionOps::handleInitError>;
+constexpr auto COND_DESTROY = handle<ConditionOps::handleDestroyError>;
+constexpr auto COND_WAIT = handle<ConditionOps::handleWaitError>;
+constexpr auto COND_SIGNAL = handle<ConditionOps::handleSignalError>;
+
+constexpr auto NOT_CREATED = Condition::ErrorId::CREATE_FAILED;
+constexpr auto NOT_WAITED = Condition::ErrorId::WAIT_FAILED;
+constexpr auto NOT_SIGNALED = Condition::ErrorId::SIGNAL_FAILED;
+
+class LockOpsRows : public testing::TestWithParam<Row> {
+protected:
+    /// Checks the result and the reports of the row's operation. Returns the `errno` behind it.
+    static int check(int errno_before) {
+        Row const& row = GetParam();
+        leaveOlderReport();
+        errno = errno_before;
+        EXPECT_EQ(row.result, row.operation(row.error));
+        int const errno_after = errno;
+        EXPECT_TRUE(row.reports.empty() ? onlyOlderIsPending() : chainIs(withErrno(row.reports, row.error)));
+        return errno_after;
+    }
+};
+
+class MutexAndSpinLockOpsRows : public LockOpsRows {};
+
+TEST_P(MutexAndSpinLockOpsRows, areClassifiedAndSetErrno) {
+    EXPECT_EQ(GetParam().error, check(0));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mutex, MutexAndSpinLockOpsRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"destroy", failMutexDestroy, {EBUSY, EINVAL}, 1, {SysErrorId::UNCLASSIFIED}},
+        {"timedlock", failMutexTimedLock, {EBUSY, ETIMEDOUT}, 1, {}},
+        {"timedlock", failMutexTimedLock, {EAGAIN, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
+        {"timedlock", failMutexTimedLock, {EPERM, ENOTRECOVERABLE}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"lock", MUTEX_LOCK, {EPERM, EBUSY, EINVAL, EDEADLK}, 1, {Mutex::ErrorId::INCONSISTENT}},
+        {"lock", MUTEX_LOCK, {EAGAIN, ENOMEM}, 1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"unlock", MUTEX_UNLOCK, {EPERM, EINVAL}, 1, {Mutex::ErrorId::INCONSISTENT}},
+        {"unlock", MUTEX_UNLOCK, {EBUSY, EAGAIN}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
+        {"trylock", MUTEX_TRY, {EBUSY}, 1, {}},
+        {"trylock", MUTEX_TRY, {EPERM, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
+        {"trylock", MUTEX_TRY, {EAGAIN}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+    })),
+    ErrnoName());
+
+INSTANTIATE_TEST_SUITE_P(
+    SpinLock, MutexAndSpinLockOpsRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"init", SPIN_INIT, {ENOMEM, EAGAIN}, 1, {SpinLock::ErrorId::CREATE_FAILED}},
+        {"destroy", SPIN_DESTROY, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY}},
+        {"destroy", SPIN_DESTROY, {EPERM}, 1, {SysErrorId::UNCLASSIFIED}},
+        {"lock", SPIN_LOCK, {EPERM}, 1, {SpinLock::ErrorId::INCONSISTENT}},
+        {"lock", SPIN_LOCK, {EDEADLK, EBUSY, EINVAL}, 1, {SpinLock::ErrorId::UNLOCK_FAILED}},
+        {"trylock", SPIN_TRY, {EBUSY}, 1, {}},
+        {"trylock", SPIN_TRY, {EDEADLK}, -1, {SpinLock::ErrorId::INCONSISTENT}},
+        {"trylock", SPIN_TRY, {EPERM, EINVAL}, -1, {SpinLock::ErrorId::LOCK_FAILED}},
+        {"unlock", SPIN_UNLOCK, {EDEADLK}, 1, {SpinLock::ErrorId::INCONSISTENT}},
+        {"unlock", SPIN_UNLOCK, {EPERM, EINVAL}, 1, {SpinLock::ErrorId::LOCK_FAILED}},
+    })),
+    ErrnoName());
+
+class RWLockOpsRows : public LockOpsRows {};
+
+TEST_P(RWLockOpsRows, areClassified) {
+    check(0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, RWLockOpsRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"destroy", failRWLockDestroy, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY}},
+        {"destroy", failRWLockDestroy, {EPERM, ENOMEM}, 1, {SysErrorId::UNCLASSIFIED}},
+        {"read", failRWLock<READ>, {EBUSY, ETIMEDOUT}, 1, {}},
+        {"read", failRWLock<READ>, {EDEADLK}, -1, {RWLock::ErrorId::DEADLOCK}},
+        {"read", failRWLock<READ>, {EAGAIN}, -1, {RWLock::ErrorId::TOO_MANY_LOCKS}},
+        {"read", failRWLock<READ>, {EINVAL, EPERM}, -1, {RWLock::ErrorId::READ_LOCK_FAILED}},
+        {"write", failRWLock<WRITE>, {EBUSY, ETIMEDOUT}, 1, {}},
+        {"write", failRWLock<WRITE>, {EDEADLK}, -1, {RWLock::ErrorId::DEADLOCK}},
+        {"write", failRWLock<WRITE>, {EAGAIN}, -1, {RWLock::ErrorId::TOO_MANY_LOCKS}},
+        {"write", failRWLock<WRITE>, {EINVAL, EPERM}, -1, {RWLock::ErrorId::WRITE_LOCK_FAILED}},
+        {"unlock", RW_UNLOCK, {EPERM}, 1, {SysErrorId::PERMISSION_DENIED, RWLock::ErrorId::UNLOCK_FAILED}},
+        {"unlock", RW_UNLOCK, {EINVAL, EDEADLK, EAGAIN}, 1, {RWLock::ErrorId::UNLOCK_FAILED}},
+    })),
+    ErrnoName());
+
+class ConditionOpsRows : public LockOpsRows {};
+
+TEST_P(ConditionOpsRows, areClassifiedAndKeepErrno) {
+    EXPECT_EQ(ENOEXEC, check(ENOEXEC));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ConditionOpsRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"init", COND_INIT, {EAGAIN}, 1, {SysErrorId::RESOURCES_EXHAUSTED, NOT_CREATED}},
+        {"init", COND_INIT, {ENOMEM}, 1, {SysErrorId::OUT_OF_MEMORY, NOT_CREATED}},
+        {"init", COND_INIT, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY, NOT_CREATED}},
+        {"init", COND_INIT, {EPERM, ENOTSUP}, 1, {SysErrorId::UNCLASSIFIED, NOT_CREATED}},
+        {"destroy", COND_DESTROY, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY}},
+        {"destroy", COND_DESTROY, {EPERM}, 1, {SysErrorId::UNCLASSIFIED}},
+        {"wait", COND_WAIT, {ETIMEDOUT}, 1, {}},
+        {"wait", COND_WAIT, {EINVAL, EPERM}, -1, {SysErrorId::SPOILED_INTEGRITY, NOT_WAITED}},
+        {"wait", COND_WAIT, {ENOTRECOVERABLE, EBUSY}, -1, {SysErrorId::UNCLASSIFIED, NOT_WAITED}},
+        {"signal", COND_SIGNAL, {EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY, NOT_SIGNALED}},
+        {"signal", COND_SIGNAL, {EPERM, EBUSY}, 1, {SysErrorId::UNCLASSIFIED, NOT_SIGNALED}},
+    })),
+    ErrnoName());
+
+TEST(SpinLockOps, failedLockReportsTheRowOfUnlocking) {
+    EXPECT_TRUE(SpinLockOps::handleLockError(EINVAL));
+    EXPECT_TRUE(
+        chainIs({{SpinLock::ErrorId::UNLOCK_FAILED, "SpinLock unlock failed: " + systemText(EINVAL)}}));
+}
+
+TEST(SpinLockOps, failedUnlockReportsTheRowOfLocking) {
+    EXPECT_TRUE(SpinLockOps::handleUnlockError(EINVAL));
+    EXPECT_TRUE(chainIs({{SpinLock::ErrorId::LOCK_FAILED, "SpinLock lock failed: " + systemText(EINVAL)}}));
+}
+
+// ---- timed locks of mutexes ----
+
+/// A raw mutex of the form that the shared classes use.
+class MutexOpsTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_FALSE(MutexOps::init(&m_mutex, false, false, false)); }
+    void TearDown() override { EXPECT_FALSE(MutexOps::destroy(&m_mutex)); }
+
+    pthread_mutex_t m_mutex;
+};
+
+class MutexOpsTimeouts : public MutexOpsTest, public testing::WithParamInterface<long long> {};
+
+TEST_P(MutexOpsTimeouts, lockAFreeMutexAndNotAHeldOne) {
+    EXPECT_EQ(0, MutexOps::tryLockTimeout(&m_mutex, GetParam()));
+    std::thread([this] {
+        EXPECT_EQ(1, MutexOps::tryLockTimeout(&m_mutex, GetParam()));
+        EXPECT_TRUE(chainIs({}));
+    }).join();
+    EXPECT_EQ(0, pthread_mutex_unlock(&m_mutex));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, MutexOpsTimeouts, testing::Values(0, -1, -2500, std::numeric_limits<long long>::min()));
+
+TEST_F(MutexOpsTest, hugeTimeoutWaitsForTheLock) {
+    ASSERT_EQ(0, pthread_mutex_lock(&m_mutex));
+    std::atomic<bool> waiting{false};
+    std::thread waiter([&] {
+        waiting = true;
+        EXPECT_EQ(0, MutexOps::tryLockTimeout(&m_mutex, std::numeric_limits<long long>::max()));
+        EXPECT_EQ(0, pthread_mutex_unlock(&m_mutex));
+    });
+    while (!waiting) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(0, pthread_mutex_unlock(&m_mutex));
+    waiter.join();
+}
+
+TEST_F(MutexOpsTest, timeoutIsWaitedForToTheEnd) {
+    ASSERT_EQ(0, pthread_mutex_lock(&m_mutex));
+    std::thread([this] {
+        auto const start = std::chrono::steady_clock::now();
+        EXPECT_EQ(1, MutexOps::tryLockTimeout(&m_mutex, 30));
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(29));
+    }).join();
+    EXPECT_EQ(0, pthread_mutex_unlock(&m_mutex));
+}
+
+TEST_F(MutexOpsTest, clockThatCannotBeReadReportsWhatTheCallReturned) {
+    {
+        Fault const fault(inject_clock_gettime, EINVAL);
+        EXPECT_EQ(-1, MutexOps::tryLockTimeout(&m_mutex, 10));
+    }
+    EXPECT_TRUE(causeIs(Mutex::ErrorId::LOCK_FAILED, -1));
+}
+
+// ---- locks of read-write locks ----
+
+class RWLockOpsTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_FALSE(RWLockOps::init(&m_lock, false)); }
+    void TearDown() override { EXPECT_FALSE(RWLockOps::destroy(&m_lock)); }
+
+    pthread_rwlock_t m_lock;
+};
+
+struct Form {
+    char const* name;
+    bool for_write;
+    bool has_timeout;
+    unsigned int timeout_ms;
+    Injected* function;
+};
+
+constexpr unsigned int LONG = 60000;
+
+Form const FORMS[] = {
+    {"rdlock", READ, false, 0, &inject_pthread_rwlock_rdlock},
+    {"wrlock", WRITE, false, 0, &inject_pthread_rwlock_wrlock},
+    {"tryrdlock", READ, true, 0, &inject_pthread_rwlock_tryrdlock},
+    {"trywrlock", WRITE, true, 0, &inject_pthread_rwlock_trywrlock},
+    {"timedrdlock", READ, true, LONG, &inject_pthread_rwlock_timedrdlock},
+    {"timedwrlock", WRITE, true, LONG, &inject_pthread_rwlock_timedwrlock},
+};
+
+class RWLockOpsForms : public RWLockOpsTest, public testing::WithParamInterface<Form> {
+protected:
+    signed char take() {
+        Form const& form = GetParam();
+        return RWLockOps::lock(&m_lock, form.for_write, form.has_timeout ? &form.timeout_ms : nullptr);
+    }
+};
+
+TEST_P(RWLockOpsForms, makesItsOneCallAndTakesTheLock) {
+    {
+        std::deque<Fault> counts;
+        for (Form const& form : FORMS) {
+            counts.emplace_back(*form.function, 0);
+        }
+        EXPECT_EQ(0, take());
+        for (size_t i = 0; i < counts.size(); ++i) {
+            EXPECT_EQ(FORMS[i].function == GetParam().function ? 1 : 0, counts[i].getCalls());
+        }
+    }
+    // A reader excludes writers, a writer excludes all others.
+    std::thread([this] {
+        EXPECT_EQ(GetParam().for_write ? 1 : 0, lockWithin(m_lock, READ, 0));
+        EXPECT_EQ(1, lockWithin(m_lock, WRITE, 0));
+        EXPECT_TRUE(chainIs({}));
+        if (!GetParam().for_write) {
+            EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
+        }
+    }).join();
+    EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
+}
+
+TEST_P(RWLockOpsForms, classifiesTheErrorOfItsOwnCall) {
+    for (int const error : {EBUSY, ETIMEDOUT, EDEADLK, EAGAIN, EINVAL}) {
+        Fault const fault(*GetParam().function, error);
+        signed char const result = take();
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_EQ(error == EBUSY || error == ETIMEDOUT ? 1 : -1, result) << error;
+        EXPECT_TRUE(
+            result == 1            ? chainIs({})
+                : error == EDEADLK ? causeIs(RWLock::ErrorId::DEADLOCK, error)
+                : error == EAGAIN  ? causeIs(RWLock::ErrorId::TOO_MANY_LOCKS, error)
+                                   : causeIs(failedId(GetParam().for_write), error));
+    }
+    EXPECT_EQ(0, lockWithin(m_lock, WRITE, 0)) << "a failure does not take the lock";
+    EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, RWLockOpsForms, testing::ValuesIn(FORMS), RowName());
+
+struct DeadlineRow {
+    timespec now;
+    unsigned int timeout_ms;
+    timespec deadline;
+};
+
+class RWLockOpsDeadlines : public RWLockOpsTest, public testing::WithParamInterface<DeadlineRow> {};
+
+TEST_P(RWLockOpsDeadlines, areTheWallClockPlusTheTimeout) {
+    DeadlineRow const& row = GetParam();
+    for (bool const for_write : {READ, WRITE}) {
+        FakeClock const clock(row.now.tv_sec, row.now.tv_nsec);
+        EXPECT_EQ(0, lockWithin(m_lock, for_write, row.timeout_ms));
+        EXPECT_EQ(CLOCK_REALTIME, clock.getClock());
+        EXPECT_EQ(row.deadline.tv_sec, t_deadline.tv_sec);
+        EXPECT_EQ(row.deadline.tv_nsec, t_deadline.tv_nsec);
+        EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, RWLockOpsDeadlines,
+    testing::Values(
+        DeadlineRow{{1000, 0}, 1, {1000, 1000000}}, DeadlineRow{{1000, 5}, 2500, {1002, 500000005}},
+        DeadlineRow{{1000, 998999999}, 1, {1000, 999999999}}, DeadlineRow{{1000, 999000000}, 1, {1001, 0}},
+        DeadlineRow{{1000, 999999999}, 999, {1001, 998999999}},
+        DeadlineRow{{1000, 999999999}, 1000, {1001, 999999999}},
+        DeadlineRow{{1000, 0}, 4294967295U, {4295967, 295000000}}));
+
+TEST_F(RWLockOpsTest, clockThatCannotBeReadIsAFailureOfReadingOrWriting) {
+    for (bool const for_write : {READ, WRITE}) {
+        {
+            Fault const fault(inject_clock_gettime, EINVAL);
+            EXPECT_EQ(-1, lockWithin(m_lock, for_write, 10));
+        }
+        EXPECT_TRUE(causeIs(failedId(for_write), EINVAL));
+    }
+}
+
+TEST_F(RWLockOpsTest, onlyTheTimedFormsReadTheClock) {
+    Fault const fault(inject_clock_gettime, EINVAL, 1, Fault::FOREVER);
+    EXPECT_EQ(0, RWLockOps::lock(&m_lock, READ, nullptr));
+    EXPECT_EQ(0, lockWithin(m_lock, READ, 0));
+    EXPECT_EQ(0, fault.getCalls());
+    EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
+    EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
+}
+
+} // namespace

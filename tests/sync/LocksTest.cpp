@@ -1,0 +1,730 @@
+#include "support/Child.h"
+#include "support/ErrnoRows.h"
+#include "support/EventRecorder.h"
+#include "support/Processes.h"
+#include "sync/LockSupport.h"
+
+#include <tarncommon/error/ErrorStorage.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <thread>
+
+namespace {
+
+// The arguments of this thread's last system calls.
+thread_local int t_shared = -1;
+thread_local int t_type = -1;
+thread_local int t_protocol = -1;
+thread_local bool t_has_attributes = false;
+
+int note(int& to, int value) {
+    to = value;
+    return value;
+}
+pthread_rwlockattr_t const* note(pthread_rwlockattr_t const* attributes) {
+    t_has_attributes = attributes != nullptr;
+    return attributes;
+}
+
+} // namespace
+
+VESK_INJECT_RESULT(pthread_mutexattr_settype, (pthread_mutexattr_t * a, int type), (a, note(t_type, type)))
+VESK_INJECT_RESULT(pthread_mutexattr_setprotocol, (pthread_mutexattr_t * a, int p), (a, note(t_protocol, p)))
+VESK_INJECT_RESULT(pthread_mutexattr_setpshared, (pthread_mutexattr_t * a, int s), (a, note(t_shared, s)))
+VESK_INJECT_RESULT(pthread_mutex_init, (pthread_mutex_t * m, pthread_mutexattr_t const* a), (m, a))
+VESK_INJECT_RESULT(pthread_mutex_destroy, (pthread_mutex_t * m), (m))
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * m), (m))
+VESK_INJECT_RESULT(pthread_mutex_trylock, (pthread_mutex_t * m), (m))
+VESK_INJECT_RESULT(pthread_mutex_timedlock, (pthread_mutex_t * m, timespec const* t), (m, t))
+VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * m), (m))
+VESK_INJECT_RESULT(pthread_rwlockattr_setpshared, (pthread_rwlockattr_t * a, int s), (a, note(t_shared, s)))
+VESK_INJECT_RESULT(pthread_rwlock_init, (pthread_rwlock_t * l, pthread_rwlockattr_t const* a), (l, note(a)))
+VESK_INJECT_RESULT(pthread_rwlock_destroy, (pthread_rwlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_rwlock_rdlock, (pthread_rwlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_rwlock_wrlock, (pthread_rwlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_rwlock_unlock, (pthread_rwlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_spin_init, (pthread_spinlock_t * l, int s), (l, note(t_shared, s)))
+VESK_INJECT_RESULT(pthread_spin_destroy, (pthread_spinlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_spin_lock, (pthread_spinlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_spin_trylock, (pthread_spinlock_t * l), (l))
+VESK_INJECT_RESULT(pthread_spin_unlock, (pthread_spinlock_t * l), (l))
+
+namespace {
+
+using namespace support;
+using vesk::Mutex;
+using vesk::RWLock;
+using vesk::ShmMutex;
+using vesk::ShmRWLock;
+using vesk::ShmSpinLock;
+using vesk::SpinLock;
+namespace SysErrorId = vesk::SysErrorId;
+
+// ---- the families ----
+
+TEST(Mutex, rowsHaveTheirTexts) {
+    expectRows(
+        Mutex::Error,
+        {"Mutex creation failed: %s", "Mutex lock failed: %s", "Mutex unlock failed: %s",
+         "Mutex inconsistency detected: %s"},
+        1);
+}
+
+TEST(RWLock, rowsHaveTheirTexts) {
+    expectRows(
+        RWLock::Error,
+        {"Failed to create rwlock: %s", "Deadlock has been detected: %s",
+         "Maximum lock count has been reached: %s", "Locking for read failed: %s",
+         "Locking for write failed: %s", "Unlocking failed: %s"},
+        1);
+}
+
+TEST(SpinLock, rowsHaveTheirTexts) {
+    expectRows(
+        SpinLock::Error,
+        {"SpinLock creation failed: %s", "SpinLock lock failed: %s", "SpinLock unlock failed: %s",
+         "SpinLock inconsistency detected: %s"},
+        1);
+}
+
+TEST(ShmMutex, familyIsThatOfMutex) {
+    EXPECT_EQ(&Mutex::Error, &ShmMutex::Error);
+    EXPECT_EQ(&RWLock::Error, &ShmRWLock::Error);
+    EXPECT_EQ(&SpinLock::Error, &ShmSpinLock::Error);
+}
+
+TEST(Mutex, familyDerivesFromTheSystemFamily) {
+    Mutex mutex;
+    ASSERT_TRUE(mutex.unlock());
+    EXPECT_TRUE(std::ErrorStorage::isA(vesk::SysError));
+    EXPECT_TRUE(std::ErrorStorage::isA(Mutex::Error));
+}
+
+// ---- every lock ----
+
+template <typename Lock>
+class Locks : public testing::Test {};
+
+using AllLocks = testing::Types<Mutex, ShmMutex, RWLock, ShmRWLock, SpinLock, ShmSpinLock>;
+TYPED_TEST_SUITE(Locks, AllLocks, LockName);
+
+TYPED_TEST(Locks, lockAndUnlockWithoutAReport) {
+    TypeParam const lock;
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_FALSE(lockForWrite(lock));
+        EXPECT_FALSE(lock.unlock());
+    }
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(Locks, areBusyForATryWhileTheyAreHeld) {
+    if constexpr (!std::is_same_v<TypeParam, Mutex>) {
+        TypeParam const lock;
+        ASSERT_FALSE(lockForWrite(lock));
+        std::thread([&lock] {
+            EXPECT_EQ(1, tryForWrite(lock));
+            EXPECT_TRUE(chainIs({})) << "busy is no failure";
+        }).join();
+        EXPECT_FALSE(lock.unlock());
+        EXPECT_EQ(0, tryForWrite(lock));
+        EXPECT_FALSE(lock.unlock());
+    }
+}
+
+TYPED_TEST(Locks, excludeThreads) {
+    constexpr int ROUNDS = 20000;
+    Contended<TypeParam> contended;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&] { contended.write(ROUNDS); });
+        if (!IS_SPIN_LOCK<TypeParam>) {
+            threads.emplace_back([&] { contended.read(ROUNDS); });
+        }
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(2 * ROUNDS, contended.first);
+    EXPECT_EQ(2 * ROUNDS, contended.second);
+}
+
+// ---- creation and destruction ----
+
+struct CreatedLock {
+    char const* name;
+    bool (*create)(); ///< Creates and destroys a lock. Returns whether it was valid.
+    Injected* init;
+    Injected* destroy;
+    int shared;
+    char const* warning; ///< Of a destruction that fails; null if its report stays pending.
+
+    ExpectedReport getFailure(int error) const {
+        if (init == &inject_pthread_spin_init) {
+            auto const id = SpinLock::ErrorId::CREATE_FAILED;
+            return {id, rowText(id, systemText(error))};
+        }
+        auto const id = error == EAGAIN ? SysErrorId::RESOURCES_EXHAUSTED : SysErrorId::OUT_OF_MEMORY;
+        return {id, rowText(id, systemText(init == &inject_pthread_rwlock_init ? 0 : error))};
+    }
+};
+
+template <typename Lock>
+bool create() {
+    return Lock().isValid();
+}
+
+constexpr char const* RWLOCK_WARNING = "RWLock ~RWLock: Error destroying RWLock!";
+constexpr char const* SPIN_LOCK_WARNING = "SpinLock ~SpinLock: Error destroying SpinLock!";
+
+CreatedLock const CREATED_LOCKS[] = {
+    {"ShmMutex", create<ShmMutex>, &inject_pthread_mutex_init, &inject_pthread_mutex_destroy,
+     PTHREAD_PROCESS_SHARED, nullptr},
+    {"RWLock", create<RWLock>, &inject_pthread_rwlock_init, &inject_pthread_rwlock_destroy,
+     PTHREAD_PROCESS_PRIVATE, RWLOCK_WARNING},
+    {"ShmRWLock", create<ShmRWLock>, &inject_pthread_rwlock_init, &inject_pthread_rwlock_destroy,
+     PTHREAD_PROCESS_SHARED, RWLOCK_WARNING},
+    {"SpinLock", create<SpinLock>, &inject_pthread_spin_init, &inject_pthread_spin_destroy,
+     PTHREAD_PROCESS_PRIVATE, SPIN_LOCK_WARNING},
+    {"ShmSpinLock", create<ShmSpinLock>, &inject_pthread_spin_init, &inject_pthread_spin_destroy,
+     PTHREAD_PROCESS_SHARED, SPIN_LOCK_WARNING},
+};
+
+class CreatedLocks : public testing::TestWithParam<CreatedLock> {};
+
+TEST_P(CreatedLocks, areForOneProcessOrForSeveral) {
+    t_shared = PTHREAD_PROCESS_PRIVATE;
+    t_has_attributes = false;
+    EXPECT_TRUE(GetParam().create());
+    EXPECT_EQ(GetParam().shared, t_shared);
+    EXPECT_EQ(GetParam().create == create<ShmRWLock>, t_has_attributes);
+    EXPECT_TRUE(chainIs({}));
+}
+
+TEST_P(CreatedLocks, areInvalidAndNotDestroyedIfCreationFails) {
+    for (int const error : {EAGAIN, ENOMEM}) {
+        Fault const destroyed(*GetParam().destroy, 0);
+        EventRecorder recorder;
+        {
+            Fault const fault(*GetParam().init, error);
+            EXPECT_FALSE(GetParam().create());
+        }
+        EXPECT_TRUE(chainIs({GetParam().getFailure(error)}));
+        EXPECT_EQ(0, destroyed.getCalls());
+        EXPECT_EQ("", recorder.getText());
+    }
+}
+
+TEST_P(CreatedLocks, warnAndLeaveNothingPendingIfDestructionFailsExceptShmMutex) {
+    for (int const error : {EBUSY, EINVAL}) {
+        EventRecorder recorder;
+        Fault const fault(*GetParam().destroy, error);
+        EXPECT_TRUE(GetParam().create());
+        EXPECT_EQ(1, fault.getCalls());
+        if (GetParam().warning == nullptr) {
+            EXPECT_EQ("", recorder.getText());
+            EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, error));
+        } else {
+            EXPECT_EQ(
+                std::string("WARNING framework/include/vesk/posix/") + GetParam().warning,
+                recorder.getText());
+            EXPECT_TRUE(chainIs({}));
+        }
+    }
+}
+
+TEST_P(CreatedLocks, keepWhatIsPendingWhenTheyAreDestroyed) {
+    leaveOlderReport();
+    EXPECT_TRUE(GetParam().create());
+    EXPECT_TRUE(onlyOlderIsPending());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, CreatedLocks, testing::ValuesIn(CREATED_LOCKS), RowName());
+
+TEST(ShmRWLock, isInvalidIfItsAttributesCannotBeShared) {
+    Fault const destroyed(inject_pthread_rwlock_destroy, 0);
+    EventRecorder recorder;
+    {
+        Fault const fault(inject_pthread_rwlockattr_setpshared, EINVAL);
+        EXPECT_FALSE(create<ShmRWLock>());
+    }
+    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EINVAL));
+    EXPECT_EQ(0, destroyed.getCalls());
+    EXPECT_EQ("", recorder.getText());
+}
+
+TEST(ShmMutex, hasTheTypeAndTheProtocolOfItsForm) {
+    for (bool const recursive : {false, true}) {
+        for (bool const inherit : {false, true}) {
+            t_type = t_protocol = t_shared = -1;
+            ShmMutex const mutex(recursive, inherit);
+            EXPECT_TRUE(mutex.isValid());
+            EXPECT_EQ(recursive ? PTHREAD_MUTEX_RECURSIVE : PTHREAD_MUTEX_DEFAULT, t_type);
+            EXPECT_EQ(inherit ? PTHREAD_PRIO_INHERIT : -1, t_protocol);
+            EXPECT_EQ(PTHREAD_PROCESS_SHARED, t_shared);
+            EXPECT_FALSE(mutex.lock());
+            EXPECT_FALSE(mutex.unlock());
+            EXPECT_TRUE(chainIs({}));
+        }
+    }
+}
+
+TEST(ShmMutex, isPlainByDefault) {
+    t_type = t_protocol = -1;
+    ShmMutex const mutex;
+    EXPECT_EQ(PTHREAD_MUTEX_DEFAULT, t_type);
+    EXPECT_EQ(-1, t_protocol);
+}
+
+// ---- system calls that fail ----
+
+struct Row {
+    char const* name;
+    Injected* function;
+    int (*fail)(Injected& function, int error);
+    std::vector<int> errors;
+    int result;
+    std::vector<ExpectedReport> reports; ///< The root cause first. Without one, the pending chain stays.
+    int error = 0;
+};
+
+/// Returns the result of an operation with a system call that fails. The lock is held before and after it.
+template <typename Lock, auto OPERATION>
+int fail(Injected& function, int error) {
+    Lock const lock;
+    EXPECT_FALSE(lockForWrite(lock));
+    leaveOlderReport();
+    int result = 0;
+    {
+        Fault const fault(function, error);
+        result = std::invoke(OPERATION, lock);
+        EXPECT_EQ(1, fault.getCalls());
+    }
+    if constexpr (!std::is_same_v<Lock, Mutex>) {
+        std::thread([&lock] {
+            EXPECT_EQ(1, tryForWrite(lock)) << "a failure does not release the lock";
+        }).join();
+        EXPECT_FALSE(lock.unlock());
+        EXPECT_EQ(0, tryForWrite(lock)) << "a failure does not take the lock";
+    }
+    EXPECT_FALSE(lock.unlock());
+    return result;
+}
+signed char tryFor1000Ms(ShmMutex const& mutex) {
+    return mutex.tryLockTimeout(1000);
+}
+
+class LockRows : public testing::TestWithParam<Row> {};
+
+TEST_P(LockRows, reportAndLeaveTheLockAsItIs) {
+    Row const& row = GetParam();
+    EXPECT_EQ(row.result, row.fail(*row.function, row.error));
+    EXPECT_TRUE(row.reports.empty() ? onlyOlderIsPending() : chainIs(withErrno(row.reports, row.error)));
+}
+
+constexpr auto MUTEX_LOCK = fail<Mutex, &Mutex::lock>;
+constexpr auto MUTEX_UNLOCK = fail<Mutex, &Mutex::unlock>;
+constexpr auto SHM_LOCK = fail<ShmMutex, &ShmMutex::lock>;
+constexpr auto SHM_TRY = fail<ShmMutex, &ShmMutex::tryLock>;
+constexpr auto SHM_TIMED = fail<ShmMutex, tryFor1000Ms>;
+constexpr auto SHM_UNLOCK = fail<ShmMutex, &ShmMutex::unlock>;
+constexpr auto INCONSISTENT = Mutex::ErrorId::INCONSISTENT;
+
+Injected* const LOCK = &inject_pthread_mutex_lock;
+Injected* const TRY = &inject_pthread_mutex_trylock;
+Injected* const TIMED = &inject_pthread_mutex_timedlock;
+Injected* const UNLOCK = &inject_pthread_mutex_unlock;
+Injected* const READ = &inject_pthread_rwlock_rdlock;
+Injected* const WRITE = &inject_pthread_rwlock_wrlock;
+Injected* const RW_UNLOCK = &inject_pthread_rwlock_unlock;
+std::vector<ExpectedReport> const NOT_PERMITTED = {SysErrorId::PERMISSION_DENIED, RWLock::UNLOCK_FAILED};
+
+INSTANTIATE_TEST_SUITE_P(
+    Mutexes, LockRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"Mutex_lock", LOCK, MUTEX_LOCK, {EDEADLK, EINVAL, EPERM}, 1, {INCONSISTENT}},
+        {"Mutex_lock", LOCK, MUTEX_LOCK, {EAGAIN, ENOTRECOVERABLE}, 1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"Mutex_unlock", UNLOCK, MUTEX_UNLOCK, {EPERM, EINVAL, EDEADLK}, 1, {INCONSISTENT}},
+        {"Mutex_unlock", UNLOCK, MUTEX_UNLOCK, {EAGAIN}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
+        {"ShmMutex_lock", LOCK, SHM_LOCK, {EPERM, EBUSY, EINVAL, EDEADLK}, 1, {INCONSISTENT}},
+        {"ShmMutex_lock", LOCK, SHM_LOCK, {EAGAIN}, 1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"ShmMutex_trylock", TRY, SHM_TRY, {EBUSY}, 1, {}},
+        {"ShmMutex_trylock", TRY, SHM_TRY, {EPERM, EINVAL, EDEADLK}, -1, {INCONSISTENT}},
+        {"ShmMutex_trylock", TRY, SHM_TRY, {EAGAIN}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"ShmMutex_timedlock", TIMED, SHM_TIMED, {ETIMEDOUT}, 1, {}},
+        {"ShmMutex_timedlock", TIMED, SHM_TIMED, {EDEADLK}, -1, {INCONSISTENT}},
+        {"ShmMutex_timedlock", TIMED, SHM_TIMED, {EPERM}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"ShmMutex_unlock", UNLOCK, SHM_UNLOCK, {EPERM, EINVAL}, 1, {INCONSISTENT}},
+        {"ShmMutex_unlock", UNLOCK, SHM_UNLOCK, {EBUSY}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
+    })),
+    ErrnoName());
+
+INSTANTIATE_TEST_SUITE_P(
+    RWLocks, LockRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"rdlock", READ, fail<RWLock, &RWLock::lockForRead>, {EAGAIN}, 1, {RWLock::TOO_MANY_LOCKS}},
+        {"wrlock", WRITE, fail<RWLock, &RWLock::lockForWrite>, {EINVAL}, 1, {RWLock::WRITE_LOCK_FAILED}},
+        {"unlock", RW_UNLOCK, fail<RWLock, &RWLock::unlock>, {EPERM}, 1, NOT_PERMITTED},
+        {"unlock", RW_UNLOCK, fail<RWLock, &RWLock::unlock>, {EINVAL}, 1, {RWLock::UNLOCK_FAILED}},
+        {"shmUnlock", RW_UNLOCK, fail<ShmRWLock, &ShmRWLock::unlock>, {EPERM}, 1, NOT_PERMITTED},
+    })),
+    ErrnoName());
+
+template <typename Lock>
+std::vector<Row> spinLockRows() {
+    Injected* const spin_lock = &inject_pthread_spin_lock;
+    Injected* const spin_try = &inject_pthread_spin_trylock;
+    Injected* const spin_unlock = &inject_pthread_spin_unlock;
+    return eachErrno<Row>({
+        {"lock", spin_lock, fail<Lock, &Lock::lock>, {EPERM}, 1, {SpinLock::ErrorId::INCONSISTENT}},
+        {"lock", spin_lock, fail<Lock, &Lock::lock>, {EDEADLK}, 1, {SpinLock::ErrorId::UNLOCK_FAILED}},
+        {"trylock", spin_try, fail<Lock, &Lock::tryLock>, {EDEADLK}, -1, {SpinLock::ErrorId::INCONSISTENT}},
+        {"trylock", spin_try, fail<Lock, &Lock::tryLock>, {EPERM}, -1, {SpinLock::ErrorId::LOCK_FAILED}},
+        {"trylock", spin_try, fail<Lock, &Lock::tryLock>, {EBUSY}, 1, {}},
+        {"unlock", spin_unlock, fail<Lock, &Lock::unlock>, {EDEADLK}, 1, {SpinLock::ErrorId::INCONSISTENT}},
+        {"unlock", spin_unlock, fail<Lock, &Lock::unlock>, {EPERM}, 1, {SpinLock::ErrorId::LOCK_FAILED}},
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(SpinLock, LockRows, testing::ValuesIn(spinLockRows<SpinLock>()), ErrnoName());
+INSTANTIATE_TEST_SUITE_P(ShmSpinLock, LockRows, testing::ValuesIn(spinLockRows<ShmSpinLock>()), ErrnoName());
+
+// ---- mutexes ----
+
+TEST(Mutex, lockingTwiceIsAnInconsistencyAndKeepsTheLock) {
+    Mutex mutex;
+    ASSERT_FALSE(mutex.lock());
+    EXPECT_TRUE(mutex.lock());
+    EXPECT_TRUE(causeIs(INCONSISTENT, EDEADLK));
+    EXPECT_FALSE(mutex.unlock());
+}
+
+TEST(Mutex, unlockingAFreeOneIsAnInconsistency) {
+    Mutex mutex;
+    EXPECT_TRUE(mutex.unlock());
+    EXPECT_TRUE(causeIs(INCONSISTENT, EPERM));
+}
+
+/// Checks that a thread cannot unlock the mutex of another one.
+template <typename Lock>
+void expectOwnerIsChecked(Lock const& mutex) {
+    ASSERT_FALSE(mutex.lock());
+    std::thread([&mutex] {
+        EXPECT_TRUE(mutex.unlock());
+        EXPECT_TRUE(causeIs(INCONSISTENT, EPERM));
+    }).join();
+    EXPECT_FALSE(mutex.unlock());
+}
+
+TEST(Mutex, unlockingThatOfAnotherThreadIsAnInconsistency) {
+    expectOwnerIsChecked(Mutex());
+}
+
+TEST(ShmMutex, recursiveOneChecksItsOwner) {
+    expectOwnerIsChecked(RecursiveMutex());
+}
+
+TEST(Mutex, recursiveOneIsFreeAfterAsManyUnlocks) {
+    Mutex mutex(true);
+    EXPECT_FALSE(mutex.lock());
+    EXPECT_FALSE(mutex.lock());
+    EXPECT_FALSE(mutex.unlock());
+    EXPECT_FALSE(mutex.unlock());
+    EXPECT_TRUE(mutex.unlock());
+    EXPECT_TRUE(chainIs({INCONSISTENT}));
+}
+
+TEST(ShmMutex, recursiveOneIsFreeAfterAsManyUnlocks) {
+    RecursiveMutex const mutex;
+    EXPECT_FALSE(mutex.lock());
+    EXPECT_FALSE(mutex.lock());
+    EXPECT_EQ(0, mutex.tryLock());
+    EXPECT_EQ(0, mutex.tryLockTimeout(0));
+    for (int i = 0; i < 4; ++i) {
+        std::thread([&mutex] { EXPECT_EQ(1, mutex.tryLock()); }).join();
+        EXPECT_FALSE(mutex.unlock());
+    }
+    std::thread([&mutex] {
+        EXPECT_EQ(0, mutex.tryLock());
+        EXPECT_FALSE(mutex.unlock());
+    }).join();
+}
+
+/// Waits until the thread that stores its id there sleeps.
+void awaitSleep(std::atomic<pid_t> const& thread) {
+    while (thread == 0) {
+        sched_yield();
+    }
+    waitUntilAsleep(getpid(), thread);
+}
+
+TEST(ShmMutex, ownerInheritsThePriorityOfTheMostUrgentWaiter) {
+    InheritingMutex const mutex;
+    ASSERT_TRUE(mutex.isValid());
+    ASSERT_FALSE(mutex.lock());
+    auto const getPriority = [owner = gettid()] { return threadField(getpid(), owner, 18); };
+    std::string const before = getPriority();
+    std::atomic<int> refused{-1};
+    std::atomic<pid_t> waiting{0};
+    std::thread waiter([&] {
+        sched_param parameters{};
+        parameters.sched_priority = 7;
+        refused = pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
+        if (refused == 0) {
+            waiting = gettid();
+            EXPECT_FALSE(mutex.lock());
+            EXPECT_FALSE(mutex.unlock());
+        }
+    });
+    while (refused < 0) {
+        sched_yield();
+    }
+    if (refused == 0) {
+        awaitSleep(waiting);
+        // The kernel shows real-time priority 7 as -8.
+        EXPECT_EQ("-8", getPriority());
+    }
+    EXPECT_FALSE(mutex.unlock());
+    waiter.join();
+    EXPECT_EQ(before, getPriority());
+    if (refused != 0) {
+        GTEST_SKIP() << "real-time scheduling is not allowed here";
+    }
+}
+
+// ---- read-write locks ----
+
+template <typename Lock>
+class RWLocks : public testing::Test {
+protected:
+    /// Checks that an operation in another thread waits until the writer unlocks.
+    template <typename Operation>
+    void expectWaitsForTheWriter(Operation operation) {
+        ASSERT_FALSE(m_lock.lockForWrite());
+        std::atomic<pid_t> waiting{0};
+        std::atomic<bool> locked{false};
+        std::thread waiter([&] {
+            waiting = gettid();
+            EXPECT_EQ(0, operation(m_lock));
+            locked = true;
+            EXPECT_FALSE(m_lock.unlock());
+        });
+        awaitSleep(waiting);
+        EXPECT_FALSE(locked);
+        EXPECT_FALSE(m_lock.unlock());
+        waiter.join();
+        EXPECT_TRUE(locked);
+    }
+
+    Lock const m_lock;
+};
+
+using BothRWLocks = testing::Types<RWLock, ShmRWLock>;
+TYPED_TEST_SUITE(RWLocks, BothRWLocks, LockName);
+
+TYPED_TEST(RWLocks, readersShareIt) {
+    EXPECT_FALSE(this->m_lock.lockForRead());
+    EXPECT_FALSE(this->m_lock.lockForRead()) << "the same thread may read twice";
+    std::thread([this] {
+        EXPECT_FALSE(this->m_lock.lockForRead());
+        EXPECT_EQ(0, this->m_lock.tryLockForRead());
+        EXPECT_EQ(0, this->m_lock.tryLockForRead(50));
+        EXPECT_EQ(1, this->m_lock.tryLockForWrite());
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_FALSE(this->m_lock.unlock());
+        }
+    }).join();
+    EXPECT_FALSE(this->m_lock.unlock());
+    EXPECT_EQ(1, this->m_lock.tryLockForWrite()) << "one reader is left";
+    EXPECT_FALSE(this->m_lock.unlock());
+    EXPECT_EQ(0, this->m_lock.tryLockForWrite());
+    EXPECT_FALSE(this->m_lock.unlock());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(RWLocks, writerExcludesReadersAndWriters) {
+    ASSERT_FALSE(this->m_lock.lockForWrite());
+    std::thread([this] {
+        EXPECT_EQ(1, this->m_lock.tryLockForRead());
+        EXPECT_EQ(1, this->m_lock.tryLockForWrite());
+        EXPECT_EQ(1, this->m_lock.tryLockForRead(0));
+        EXPECT_EQ(1, this->m_lock.tryLockForWrite(0));
+        EXPECT_TRUE(chainIs({})) << "busy is no failure";
+    }).join();
+    EXPECT_FALSE(this->m_lock.unlock());
+    EXPECT_EQ(0, this->m_lock.tryLockForRead());
+    EXPECT_FALSE(this->m_lock.unlock());
+}
+
+TYPED_TEST(RWLocks, blockingLockWaitsForTheWriter) {
+    this->expectWaitsForTheWriter([](TypeParam const& lock) { return lock.lockForRead(); });
+    this->expectWaitsForTheWriter([](TypeParam const& lock) { return lock.lockForWrite(); });
+}
+
+TYPED_TEST(RWLocks, timedLockWaitsForTheWriter) {
+    this->expectWaitsForTheWriter([](TypeParam const& lock) { return lock.tryLockForRead(~0U); });
+    this->expectWaitsForTheWriter([](TypeParam const& lock) { return lock.tryLockForWrite(~0U); });
+}
+
+TYPED_TEST(RWLocks, timeoutIsWaitedForToTheEnd) {
+    ASSERT_FALSE(this->m_lock.lockForWrite());
+    std::thread([this] {
+        auto const start = std::chrono::steady_clock::now();
+        EXPECT_EQ(1, this->m_lock.tryLockForRead(30));
+        EXPECT_EQ(1, this->m_lock.tryLockForWrite(30));
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(58));
+        EXPECT_TRUE(chainIs({}));
+    }).join();
+    EXPECT_FALSE(this->m_lock.unlock());
+}
+
+TYPED_TEST(RWLocks, writerThatReadsIsADeadlock) {
+    ASSERT_FALSE(this->m_lock.lockForWrite());
+    EXPECT_TRUE(this->m_lock.lockForRead());
+    EXPECT_TRUE(causeIs(RWLock::ErrorId::DEADLOCK, EDEADLK));
+    EXPECT_EQ(-1, this->m_lock.tryLockForRead(10));
+    EXPECT_TRUE(causeIs(RWLock::ErrorId::DEADLOCK, EDEADLK));
+    EXPECT_EQ(1, this->m_lock.tryLockForRead()) << "without waiting there is no deadlock";
+    EXPECT_TRUE(chainIs({}));
+    EXPECT_FALSE(this->m_lock.unlock());
+    EXPECT_EQ(0, this->m_lock.tryLockForWrite()) << "the failures took nothing";
+    EXPECT_FALSE(this->m_lock.unlock());
+}
+
+TYPED_TEST(RWLocks, writerThatWritesIsADeadlock) {
+    ASSERT_FALSE(this->m_lock.lockForWrite());
+    EXPECT_TRUE(this->m_lock.lockForWrite());
+    EXPECT_TRUE(causeIs(RWLock::ErrorId::DEADLOCK, EDEADLK));
+    EXPECT_EQ(-1, this->m_lock.tryLockForWrite(10));
+    EXPECT_TRUE(causeIs(RWLock::ErrorId::DEADLOCK, EDEADLK));
+    EXPECT_FALSE(this->m_lock.unlock());
+}
+
+// ---- guards ----
+
+/// A guard with its lock, the calls below it, and the reports of their failures.
+template <typename GuardType, typename LockType>
+struct OfMutex {
+    using Guard = GuardType;
+    using Lock = LockType;
+    static constexpr Injected* LOCK = &inject_pthread_mutex_lock;
+    static constexpr Injected* UNLOCK = &inject_pthread_mutex_unlock;
+    static constexpr int LOCK_FAILED = Mutex::LOCK_FAILED;
+    static constexpr int UNLOCK_FAILED = Mutex::UNLOCK_FAILED;
+};
+template <typename GuardType, typename LockType>
+struct OfWriter : OfMutex<GuardType, LockType> {
+    static constexpr Injected* LOCK = &inject_pthread_rwlock_wrlock;
+    static constexpr Injected* UNLOCK = &inject_pthread_rwlock_unlock;
+    static constexpr int LOCK_FAILED = RWLock::WRITE_LOCK_FAILED;
+    static constexpr int UNLOCK_FAILED = RWLock::UNLOCK_FAILED;
+};
+template <typename GuardType, typename LockType>
+struct OfReader : OfWriter<GuardType, LockType> {
+    static constexpr Injected* LOCK = &inject_pthread_rwlock_rdlock;
+    static constexpr int LOCK_FAILED = RWLock::READ_LOCK_FAILED;
+};
+// The ids of spin locks mean the opposite of their names.
+template <typename GuardType, typename LockType>
+struct OfSpinLock : OfMutex<GuardType, LockType> {
+    static constexpr Injected* LOCK = &inject_pthread_spin_lock;
+    static constexpr Injected* UNLOCK = &inject_pthread_spin_unlock;
+    static constexpr int LOCK_FAILED = SpinLock::UNLOCK_FAILED;
+    static constexpr int UNLOCK_FAILED = SpinLock::LOCK_FAILED;
+};
+
+struct MutexLock : OfMutex<vesk::MutexLock, Mutex> {};
+struct ShmMutexLock : OfMutex<vesk::ShmMutexLock, ShmMutex> {};
+struct RWLockForRead : OfReader<vesk::RWLockForRead, RWLock> {};
+struct RWLockForWrite : OfWriter<vesk::RWLockForWrite, RWLock> {};
+struct ShmRWLockForRead : OfReader<vesk::ShmRWLockForRead, ShmRWLock> {};
+struct ShmRWLockForWrite : OfWriter<vesk::ShmRWLockForWrite, ShmRWLock> {};
+struct SpinLockGuard : OfSpinLock<vesk::SpinLockGuard, SpinLock> {};
+struct ShmSpinLockGuard : OfSpinLock<vesk::ShmSpinLockGuard, ShmSpinLock> {};
+
+template <typename T>
+class Guards : public testing::Test {};
+
+using AllGuards = testing::Types<
+    MutexLock, ShmMutexLock, RWLockForRead, RWLockForWrite, ShmRWLockForRead, ShmRWLockForWrite,
+    SpinLockGuard, ShmSpinLockGuard>;
+TYPED_TEST_SUITE(Guards, AllGuards, LockName);
+
+TYPED_TEST(Guards, lockAndUnlockOnce) {
+    typename TypeParam::Lock lock;
+    Fault const locks(*TypeParam::LOCK, 0);
+    Fault const unlocks(*TypeParam::UNLOCK, 0);
+    {
+        typename TypeParam::Guard const guard(lock);
+        EXPECT_TRUE(guard.isLocked());
+        EXPECT_EQ(1, locks.getCalls());
+        EXPECT_EQ(0, unlocks.getCalls());
+    }
+    EXPECT_EQ(1, locks.getCalls());
+    EXPECT_EQ(1, unlocks.getCalls());
+    EXPECT_TRUE(chainIs({}));
+}
+
+TYPED_TEST(Guards, failedLockStaysPendingAndIsNotUnlocked) {
+    typename TypeParam::Lock lock;
+    Fault const unlocks(*TypeParam::UNLOCK, 0);
+    {
+        std::optional<Fault> fault(std::in_place, *TypeParam::LOCK, ENOMEM);
+        typename TypeParam::Guard const guard(lock);
+        fault.reset();
+        EXPECT_FALSE(guard.isLocked());
+    }
+    EXPECT_EQ(0, unlocks.getCalls());
+    EXPECT_TRUE(causeIs(TypeParam::Lock::Error, TypeParam::LOCK_FAILED, ENOMEM));
+}
+
+TYPED_TEST(Guards, unlockBeforeTheEndOfTheScopeIsNotRepeated) {
+    typename TypeParam::Lock lock;
+    Fault const unlocks(*TypeParam::UNLOCK, 0);
+    {
+        typename TypeParam::Guard guard(lock);
+        EXPECT_FALSE(guard.unlock());
+        EXPECT_FALSE(guard.isLocked());
+    }
+    EXPECT_EQ(1, unlocks.getCalls());
+}
+
+TYPED_TEST(Guards, failedUnlockBeforeTheEndIsReportedAndNotRepeated) {
+    typename TypeParam::Lock lock;
+    EventRecorder recorder;
+    {
+        typename TypeParam::Guard guard(lock);
+        Fault const fault(*TypeParam::UNLOCK, ENOMEM);
+        EXPECT_TRUE(guard.unlock());
+        EXPECT_FALSE(guard.isLocked());
+    }
+    EXPECT_TRUE(causeIs(TypeParam::Lock::Error, TypeParam::UNLOCK_FAILED, ENOMEM));
+    EXPECT_EQ("", recorder.getText());
+    EXPECT_FALSE(lock.unlock()) << "it is still held";
+}
+
+TYPED_TEST(Guards, failedUnlockAtTheEndOfTheScopeAborts) {
+    typename TypeParam::Lock lock;
+    EventRecorder recorder;
+    {
+        Fault const fault(*TypeParam::UNLOCK, ENOMEM);
+        typename TypeParam::Guard const guard(lock);
+    }
+    EXPECT_EQ(
+        "ABORT framework/include/vesk/common/ScopedLock ~ScopedLock: error unlocking", recorder.getText());
+    EXPECT_FALSE(lock.unlock()) << "it is still held";
+    std::ErrorStorage::ack();
+}
+
+TEST(ScopedLock, failedUnlockAtTheEndOfTheScopeEndsTheProcess) {
+    ChildEnd const end = runInChild([] {
+        vesk::Mutex mutex;
+        Fault const fault(inject_pthread_mutex_unlock, EPERM);
+        vesk::MutexLock const lock(mutex);
+    });
+    EXPECT_EQ(SIGABRT, end.signal);
+    EXPECT_NE(std::string::npos, end.errors.find("error unlocking")) << end.errors;
+}
+
+} // namespace

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "support/Chain.h"
+
+#include <vesk/sched.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <pthread.h>
+#include <sched.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
+/// What the tests of scheduling have in common.
+namespace support {
+
+/// Checks the parameters, including those without a meaning.
+inline void expectParam(
+    vesk::sched::Param const& param, int priority, int nice, unsigned int byte = 0, unsigned int word = 0,
+    unsigned int last = 0) {
+    EXPECT_EQ(priority, param.priority);
+    EXPECT_EQ(nice, param.nice);
+    EXPECT_EQ(byte, param.reserved_byte);
+    EXPECT_EQ(word, param.reserved_word);
+    EXPECT_EQ(last, param.reserved_last);
+}
+
+/// Sets the policy of the calling thread. Returns 0 or an error number.
+inline int setPolicy(int policy, int priority) {
+    sched_param param{};
+    param.sched_priority = priority;
+    return pthread_setschedparam(pthread_self(), policy, &param);
+}
+
+/// Runs `body` in a thread that `setUp` has prepared. Skips the test if the system refuses that.
+template <typename SetUp, typename Body>
+void inPreparedThread(std::string const& refusal, SetUp setUp, Body body) {
+    int refused = 0;
+    std::thread([&] {
+        refused = setUp();
+        if (refused == 0) {
+            body();
+        }
+    }).join();
+    if (refused != 0) {
+        GTEST_SKIP() << refusal << ": " << systemText(refused);
+    }
+}
+
+} // namespace support
