@@ -396,43 +396,35 @@ TEST_P(UsePoolOnDepletionSteps, growAndShrinkThePool) {
     EXPECT_EQ(GetParam().seen, seen.substr(0, seen.size() - 2));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, UsePoolOnDepletionSteps,
-    testing::Values(
-        Growth{"nothingGrowsBeforeTheMainPoolIsEmpty", 4, "+4 +1", "1: 0/4/0, 5: 1/8/7 in 8"},
-        Growth{
-            "poolIsFreedWithItsLastItemAndHalvesTheNextSize", 2, "+2 +4 -3 -4 -5 -6 +1",
-            "1: 0/2/0, 3: 1/4/3 in 4, 1/4/2 in 4, 1/4/1 in 4, 1/4/0 in 4, 0/2/4294967295, "
-            "7: 1/4/2 in 4"},
-        Growth{
-            "freeingAnotherPoolKeepsTheCurrentOne", 1, "+3 +1 -2 -3 +1",
-            "1: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 1/2/2 in 4, 5: 1/2/2 in 4"},
-        Growth{
-            "poolInTheMiddleCanBeFreed", 1, "+1 +2 +4 +1 -4 -5 -6 -7 -8 -2 -3",
-            "1: 0/1/0, 2: 1/2/1 in 2, 4: 2/4/4 in 4, 8: 3/8/11 in 8, 3/8/10 in 8, 3/8/9 in 8, "
-            "3/8/8 in 8, 2/4/7 in 8, 1/2/6, 1/2/5, 0/1/4"},
-        Growth{
-            "freeCountStartsAtTheNewPoolsItemsMinusTheReturnedOneAndIgnoresTheCurrentPool", 2, "+2 +1 +1",
-            "1: 0/2/0, 3: 1/4/3 in 4, 4: 1/4/3 in 4"},
-        Growth{
-            "freeCountFallsWithItemsFoundByAWalkAndWithItemsPutBack", 1, "+1 +2 +4 -2 +1",
-            "1: 0/1/0, 2: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 2: 2/4/2 in 2"},
-        Growth{
-            "walkFollowsTheOrderOfCreation", 1, "+3 +4 +8 -4 -2 +1 +1",
-            "1: 1/2/1 in 2, 4: 2/4/4 in 4, 8: 3/8/11 in 8, 3/8/10 in 8, 3/8/9 in 8, 2: 3/8/8 in 2, "
-            "4: 3/8/7 in 4"},
-        Growth{
-            "currentPoolIsTriedBeforeTheWalk", 1, "+3 +4 -2 -4 +1 +1",
-            "1: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 2/4/2 in 4, 4: 2/4/2 in 4, 2: 2/4/1 in 2"},
-        Growth{
-            "freeCountOfZeroLeadsToANewPoolThoughItemsAreFree", 1, "+3 +4 -2 +1 -4 -5 +1",
-            "1: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 2: 2/4/2 in 2, 2/4/1 in 2, 2/4/0 in 2, "
-            "8: 3/8/7 in 8"},
-        Growth{
-            "freeCountWrapsAroundBelowZeroAndANewPoolAddsItsItems", 2, "+2 +4 -3 -4 -5 -6 +1",
-            "1: 0/2/0, 3: 1/4/3 in 4, 1/4/2 in 4, 1/4/1 in 4, 1/4/0 in 4, 0/2/4294967295, "
-            "7: 1/4/2 in 4"}),
-    [](auto const& row) { return row.param.name; });
+Growth const GROWTHS[] = {
+    {"nothingGrowsBeforeTheMainPoolIsEmpty", 4, "+4 +1", "1: 0/4/0, 5: 1/8/7 in 8"},
+    {"poolIsFreedWithItsLastItemAndHalvesTheNextSize", 2, "+2 +4 -3 -4 -5 -6 +1",
+     "1: 0/2/0, 3: 1/4/3 in 4, 1/4/2 in 4, 1/4/1 in 4, 1/4/0 in 4, 0/2/4294967295, "
+     "7: 1/4/2 in 4"},
+    {"freeingAnotherPoolKeepsTheCurrentOne", 1, "+3 +1 -2 -3 +1",
+     "1: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 1/2/2 in 4, 5: 1/2/2 in 4"},
+    {"poolInTheMiddleCanBeFreed", 1, "+1 +2 +4 +1 -4 -5 -6 -7 -8 -2 -3",
+     "1: 0/1/0, 2: 1/2/1 in 2, 4: 2/4/4 in 4, 8: 3/8/11 in 8, 3/8/10 in 8, 3/8/9 in 8, "
+     "3/8/8 in 8, 2/4/7 in 8, 1/2/6, 1/2/5, 0/1/4"},
+    {"freeCountStartsAtTheNewPoolsItemsMinusTheReturnedOneAndIgnoresTheCurrentPool", 2, "+2 +1 +1",
+     "1: 0/2/0, 3: 1/4/3 in 4, 4: 1/4/3 in 4"},
+    {"freeCountFallsWithItemsFoundByAWalkAndWithItemsPutBack", 1, "+1 +2 +4 -2 +1",
+     "1: 0/1/0, 2: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 2: 2/4/2 in 2"},
+    {"walkFollowsTheOrderOfCreation", 1, "+3 +4 +8 -4 -2 +1 +1",
+     "1: 1/2/1 in 2, 4: 2/4/4 in 4, 8: 3/8/11 in 8, 3/8/10 in 8, 3/8/9 in 8, 2: 3/8/8 in 2, "
+     "4: 3/8/7 in 4"},
+    {"currentPoolIsTriedBeforeTheWalk", 1, "+3 +4 -2 -4 +1 +1",
+     "1: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 2/4/2 in 4, 4: 2/4/2 in 4, 2: 2/4/1 in 2"},
+    {"freeCountOfZeroLeadsToANewPoolThoughItemsAreFree", 1, "+3 +4 -2 +1 -4 -5 +1",
+     "1: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 2: 2/4/2 in 2, 2/4/1 in 2, 2/4/0 in 2, "
+     "8: 3/8/7 in 8"},
+    {"freeCountWrapsAroundBelowZeroAndANewPoolAddsItsItems", 2, "+2 +4 -3 -4 -5 -6 +1",
+     "1: 0/2/0, 3: 1/4/3 in 4, 1/4/2 in 4, 1/4/1 in 4, 1/4/0 in 4, 0/2/4294967295, "
+     "7: 1/4/2 in 4"}};
+
+INSTANTIATE_TEST_SUITE_P(All, UsePoolOnDepletionSteps, testing::ValuesIn(GROWTHS), [](auto const& row) {
+    return row.param.name;
+});
 
 /// A pool of pointers that is empty, and the items of the further pools that the test has taken.
 class UsePoolOnDepletion : public testing::Test {

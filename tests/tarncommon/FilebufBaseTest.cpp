@@ -433,98 +433,67 @@ TEST_P(FilebufBaseSequences, haveTheirResults) {
 auto const IN = ios_base::in;
 auto const OUT = ios_base::out;
 
-INSTANTIATE_TEST_SUITE_P(
-    All, FilebufBaseSequences,
-    testing::Values(
-        Sequence{"bufferOfSizeZeroGetsOneByte", BOTH, 0, "ab", "get get", "[read 1]a [read 1]b reading 0 ab"},
-        Sequence{
-            "secondCreateBufferKeepsTheMemoryAndEmptiesTheAreas", BOTH, 4, "abcdefgh", "get create get",
-            "[read 4]a kept [read 4]e reading 3 abcdefgh"},
-        Sequence{
-            "destroyedBufferIsUnusableUntilCreateBuffer", BOTH, 4, "abcdefgh",
-            "get destroy peek put:x destroy create get",
-            "[read 4]a null EOF EOF null new [read 4]e reading 3 abcdefgh"},
-        Sequence{
-            "destroyBufferDropsUnwrittenBytes", BOTH, 4, "", "put:x destroy create sync",
-            "x null new [flush]0 idle "},
-        Sequence{
-            "underflowReadsTheWholeBufferAndSetsReading", IN, 4, "abcdef", "peek peek",
-            "[read 4]a a reading 4 abcdef"},
-        Sequence{
-            "onlyTheCountOfAReadMatters", IN, 4, "abc", "get get get get",
-            "[read 4]a b c [read 4]EOF idle abc"},
-        Sequence{
-            "onlyTheCountOfAReadMattersWithResult1", IN, 4, "abc", "result:1 get get get get",
-            "[read 4]a b c [read 4]EOF idle abc"},
-        Sequence{
-            "onlyTheCountOfAReadMattersWithResultMinus1", IN, 4, "abc", "result:-1 get get get get",
-            "[read 4]a b c [read 4]EOF idle abc"},
-        Sequence{"inputRefusesToWrite", IN, 4, "abc", "put:x sync", "EOF 0 idle abc"},
-        Sequence{"outputRefusesToRead", OUT, 4, "abc", "peek", "EOF idle abc"},
-        Sequence{
-            "overflowPassesAFullPutAreaOn", OUT, 3, "", "put:abc put:d", "abc [write abc]d writing 1 abc"},
-        Sequence{"fullPutAreaIsNotPassedOnYet", OUT, 3, "", "put:abc", "abc writing 3 "},
-        Sequence{
-            "syncPassesThePutAreaOnAndFlushes", BOTH, 8, "", "put:abc sync sync",
-            "abc [write abc][flush]0 [flush]0 writing 0 abc"},
-        Sequence{
-            "syncWhileReadingKeepsTheReadBytes", BOTH, 8, "abcdef", "get sync get",
-            "[read 8]a [flush]0 b reading 4 abcdef"},
-        Sequence{
-            "shortWriteContinuesWithTheRest", OUT, 8, "", "most:2 put:abcde sync",
-            "abcde [write abcde][write cde][write e][flush]0 writing 0 abcde"},
-        Sequence{
-            "failedWriteKeepsTheRest", OUT, 4, "",
-            "put:abcd most:1 fail:write put:e sync sync repair:write put:e sync",
-            "abcd [write abcd]EOF! [write bcd]-1! [write cd]-1! e [write de][write e][flush]0 writing 0 "
-            "abcde"},
-        Sequence{
-            "writeThatTakesNothingFails", OUT, 4, "", "put:a fail:stalled sync", "a [write a]-1 writing 1 "},
-        Sequence{
-            "writeThatTookNothingCanBeRepeated", OUT, 4, "", "put:a fail:stalled sync repair:stalled sync",
-            "a [write a]-1 [write a][flush]0 writing 0 a"},
-        Sequence{"failedFlushFails", OUT, 4, "", "fail:flush put:a sync", "a [write a][flush]-1 writing 0 a"},
-        Sequence{
-            "readingReturnsTheEndIfWrittenBytesCannotBePassedOn", BOTH, 4, "0123",
-            "put:a fail:stalled peek repair:stalled peek",
-            "a [write a]EOF [write a][read 4]1 reading 3 a123"},
-        Sequence{
-            "writingFailsIfReadAheadCannotBeUndone", BOTH, 4, "0123",
-            "get fail:seek put:a get get get put:a sync",
-            "[read 4]0 [seek -3 cur]EOF! 1 2 3 a [write a][flush]0 writing 0 0123a"},
-        Sequence{
-            "seekFromTheCurrentPositionCountsUnreadBytes", BOTH, 4, "0123456789", "get cur:0 get cur:2 peek",
-            "[read 4]0 [seek -3 cur]1 [read 4]1 [seek -1 cur]4 [read 4]4 reading 4 0123456789"},
-        Sequence{
-            "seekEmptiesTheGetArea", BOTH, 4, "0123456789", "get cur:0",
-            "[read 4]0 [seek -3 cur]1 idle 0123456789"},
-        Sequence{
-            "seekFromTheEndsIgnoresUnreadBytes", BOTH, 4, "0123456789", "get beg:7 get end:-2 peek",
-            "[read 4]0 [seek 7 beg]7 [read 4]7 [seek -2 end]8 [read 4]8 reading 2 0123456789"},
-        Sequence{
-            "seekToAPositionIgnoresUnreadBytes", BOTH, 4, "0123456789", "get cur:0 get get pos:1 get",
-            "[read 4]0 [seek -3 cur]1 [read 4]1 2 [seek 1 beg]1 [read 4]1 reading 3 0123456789"},
-        Sequence{
-            "seekToAPositionEmptiesTheGetArea", BOTH, 4, "0123456789", "get pos:1",
-            "[read 4]0 [seek 1 beg]1 idle 0123456789"},
-        Sequence{
-            "seekIgnoresTheMode", IN, 4, "0123456789", "beg:5 pos:3 peek",
-            "[seek 5 beg]5 [seek 3 beg]3 [read 4]3 reading 4 0123456789"},
-        Sequence{
-            "seekDropsUnwrittenBytes", BOTH, 4, "0123456789", "put:a beg:5",
-            "a [seek 5 beg]5 idle 0123456789"},
-        Sequence{
-            "seekToAPositionDropsUnwrittenBytes", BOTH, 4, "0123456789", "put:b pos:2",
-            "b [seek 2 beg]2 idle 0123456789"},
-        Sequence{
-            "seekDropsUnwrittenBytesForGood", BOTH, 4, "0123456789", "put:a beg:5 sync put:b pos:2 peek",
-            "a [seek 5 beg]5 [flush]0 b [seek 2 beg]2 [read 4]2 reading 4 0123456789"},
-        Sequence{
-            "failedSeekIsMinusOneAndChangesNothing", BOTH, 4, "0123456789", "get fail:seek cur:0 pos:5 get",
-            "[read 4]0 [seek -3 cur]-1! [seek 5 beg]-1! 1 reading 2 0123456789"},
-        Sequence{
-            "offsetsHave64Bits", BOTH, 4, "0123456789", "get cur:4294967296 pos:4886718345",
-            "[read 4]0 [seek 4294967293 cur]4294967297 [seek 4886718345 beg]4886718345 idle 0123456789"}),
-    [](auto const& row) { return row.param.name; });
+Sequence const SEQUENCES[] = {
+    {"bufferOfSizeZeroGetsOneByte", BOTH, 0, "ab", "get get", "[read 1]a [read 1]b reading 0 ab"},
+    {"secondCreateBufferKeepsTheMemoryAndEmptiesTheAreas", BOTH, 4, "abcdefgh", "get create get",
+     "[read 4]a kept [read 4]e reading 3 abcdefgh"},
+    {"destroyedBufferIsUnusableUntilCreateBuffer", BOTH, 4, "abcdefgh",
+     "get destroy peek put:x destroy create get",
+     "[read 4]a null EOF EOF null new [read 4]e reading 3 abcdefgh"},
+    {"destroyBufferDropsUnwrittenBytes", BOTH, 4, "", "put:x destroy create sync",
+     "x null new [flush]0 idle "},
+    {"underflowReadsTheWholeBufferAndSetsReading", IN, 4, "abcdef", "peek peek",
+     "[read 4]a a reading 4 abcdef"},
+    {"onlyTheCountOfAReadMatters", IN, 4, "abc", "get get get get", "[read 4]a b c [read 4]EOF idle abc"},
+    {"onlyTheCountOfAReadMattersWithResult1", IN, 4, "abc", "result:1 get get get get",
+     "[read 4]a b c [read 4]EOF idle abc"},
+    {"onlyTheCountOfAReadMattersWithResultMinus1", IN, 4, "abc", "result:-1 get get get get",
+     "[read 4]a b c [read 4]EOF idle abc"},
+    {"inputRefusesToWrite", IN, 4, "abc", "put:x sync", "EOF 0 idle abc"},
+    {"outputRefusesToRead", OUT, 4, "abc", "peek", "EOF idle abc"},
+    {"overflowPassesAFullPutAreaOn", OUT, 3, "", "put:abc put:d", "abc [write abc]d writing 1 abc"},
+    {"fullPutAreaIsNotPassedOnYet", OUT, 3, "", "put:abc", "abc writing 3 "},
+    {"syncPassesThePutAreaOnAndFlushes", BOTH, 8, "", "put:abc sync sync",
+     "abc [write abc][flush]0 [flush]0 writing 0 abc"},
+    {"syncWhileReadingKeepsTheReadBytes", BOTH, 8, "abcdef", "get sync get",
+     "[read 8]a [flush]0 b reading 4 abcdef"},
+    {"shortWriteContinuesWithTheRest", OUT, 8, "", "most:2 put:abcde sync",
+     "abcde [write abcde][write cde][write e][flush]0 writing 0 abcde"},
+    {"failedWriteKeepsTheRest", OUT, 4, "",
+     "put:abcd most:1 fail:write put:e sync sync repair:write put:e sync",
+     "abcd [write abcd]EOF! [write bcd]-1! [write cd]-1! e [write de][write e][flush]0 writing 0 "
+     "abcde"},
+    {"writeThatTakesNothingFails", OUT, 4, "", "put:a fail:stalled sync", "a [write a]-1 writing 1 "},
+    {"writeThatTookNothingCanBeRepeated", OUT, 4, "", "put:a fail:stalled sync repair:stalled sync",
+     "a [write a]-1 [write a][flush]0 writing 0 a"},
+    {"failedFlushFails", OUT, 4, "", "fail:flush put:a sync", "a [write a][flush]-1 writing 0 a"},
+    {"readingReturnsTheEndIfWrittenBytesCannotBePassedOn", BOTH, 4, "0123",
+     "put:a fail:stalled peek repair:stalled peek", "a [write a]EOF [write a][read 4]1 reading 3 a123"},
+    {"writingFailsIfReadAheadCannotBeUndone", BOTH, 4, "0123", "get fail:seek put:a get get get put:a sync",
+     "[read 4]0 [seek -3 cur]EOF! 1 2 3 a [write a][flush]0 writing 0 0123a"},
+    {"seekFromTheCurrentPositionCountsUnreadBytes", BOTH, 4, "0123456789", "get cur:0 get cur:2 peek",
+     "[read 4]0 [seek -3 cur]1 [read 4]1 [seek -1 cur]4 [read 4]4 reading 4 0123456789"},
+    {"seekEmptiesTheGetArea", BOTH, 4, "0123456789", "get cur:0", "[read 4]0 [seek -3 cur]1 idle 0123456789"},
+    {"seekFromTheEndsIgnoresUnreadBytes", BOTH, 4, "0123456789", "get beg:7 get end:-2 peek",
+     "[read 4]0 [seek 7 beg]7 [read 4]7 [seek -2 end]8 [read 4]8 reading 2 0123456789"},
+    {"seekToAPositionIgnoresUnreadBytes", BOTH, 4, "0123456789", "get cur:0 get get pos:1 get",
+     "[read 4]0 [seek -3 cur]1 [read 4]1 2 [seek 1 beg]1 [read 4]1 reading 3 0123456789"},
+    {"seekToAPositionEmptiesTheGetArea", BOTH, 4, "0123456789", "get pos:1",
+     "[read 4]0 [seek 1 beg]1 idle 0123456789"},
+    {"seekIgnoresTheMode", IN, 4, "0123456789", "beg:5 pos:3 peek",
+     "[seek 5 beg]5 [seek 3 beg]3 [read 4]3 reading 4 0123456789"},
+    {"seekDropsUnwrittenBytes", BOTH, 4, "0123456789", "put:a beg:5", "a [seek 5 beg]5 idle 0123456789"},
+    {"seekToAPositionDropsUnwrittenBytes", BOTH, 4, "0123456789", "put:b pos:2",
+     "b [seek 2 beg]2 idle 0123456789"},
+    {"seekDropsUnwrittenBytesForGood", BOTH, 4, "0123456789", "put:a beg:5 sync put:b pos:2 peek",
+     "a [seek 5 beg]5 [flush]0 b [seek 2 beg]2 [read 4]2 reading 4 0123456789"},
+    {"failedSeekIsMinusOneAndChangesNothing", BOTH, 4, "0123456789", "get fail:seek cur:0 pos:5 get",
+     "[read 4]0 [seek -3 cur]-1! [seek 5 beg]-1! 1 reading 2 0123456789"},
+    {"offsetsHave64Bits", BOTH, 4, "0123456789", "get cur:4294967296 pos:4886718345",
+     "[read 4]0 [seek 4294967293 cur]4294967297 [seek 4886718345 beg]4886718345 idle 0123456789"}};
+
+INSTANTIATE_TEST_SUITE_P(All, FilebufBaseSequences, testing::ValuesIn(SEQUENCES), [](auto const& row) {
+    return row.param.name;
+});
 
 } // namespace

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstring>
 #include <deque>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -98,7 +99,7 @@ std::string readFrom(ScriptedSource& source, unsigned int size) {
     int const result = source.read(size != 0 ? &block[0] : nullptr, size, count);
     EXPECT_LE(count, size);
     EXPECT_EQ(std::string(size + 1 - count, '#'), block.substr(count)) << "bytes behind the count";
-    return source.log + " " + std::to_string(result) + " " + block.substr(0, count);
+    return source.log + " " + std::to_string(result) + (count == 0 ? "" : " " + block.substr(0, count));
 }
 
 // ---- the family ----
@@ -158,30 +159,18 @@ TEST(IBinInputStream, defaultHookAllowsEveryAccess) {
 
 // ---- reading ----
 
-/// One read, and the text that `readFrom` returns for it.
-struct Read {
-    unsigned int size;
-    char const* seen;
-};
+constexpr bool BLOCKING = true;
+constexpr bool NON_BLOCKING = false;
 
-/// The reads of one stream. Those that do not return 1 make `reports`.
+/// The sizes of some reads and what `readFrom` returns for each. The steps of the source are their bytes, or "-" for none,
+/// and "!end" or "!failure" behind them.
 struct Reads {
-    Reads(
-        char const* row_name, unsigned int size, std::deque<Step> source_steps, std::vector<Read> all_reads,
-        std::vector<ExpectedReport> all_reports = {}, bool is_blocking = true)
-        : name(row_name),
-          buffer_size(size),
-          steps(std::move(source_steps)),
-          reads(std::move(all_reads)),
-          reports(std::move(all_reports)),
-          blocking(is_blocking) {}
-
     char const* name;
     unsigned int buffer_size;
-    std::deque<Step> steps;
-    std::vector<Read> reads;
-    std::vector<ExpectedReport> reports;
     bool blocking;
+    char const* steps;
+    char const* sizes;
+    char const* seen;
 };
 
 void PrintTo(Reads const& row, std::ostream* out) {
@@ -190,65 +179,64 @@ void PrintTo(Reads const& row, std::ostream* out) {
 
 class IBinInputStreamReads : public testing::TestWithParam<Reads> {};
 
-TEST_P(IBinInputStreamReads, returnWhatTheSourceProvides) {
-    ScriptedSource source(GetParam().buffer_size, GetParam().steps, GetParam().blocking);
-    for (Read const& read : GetParam().reads) {
-        EXPECT_EQ(read.seen, readFrom(source, read.size));
-        bool const succeeds = std::string(read.seen).find(" 1 ") != std::string::npos;
-        EXPECT_TRUE(chainIs(succeeds ? std::vector<ExpectedReport>() : GetParam().reports)) << read.seen;
-    }
-}
-
 ExpectedReport const CAUSE(CommonErrorId::OPEN_FILE_OPERATION_FAILED);
 ExpectedReport const END(IBinStreamBase::END_OF_STREAM, "End of stream");
+ExpectedReport const FAILURE(IBinStreamBase::TRANSFER_FAILED, "Stream transfer failed");
 
-INSTANTIATE_TEST_SUITE_P(
-    All, IBinInputStreamReads,
-    testing::Values(
-        Reads(
-            "readAheadOneBufferAndReturnItInPieces", 8, {{"abcdefghijkl"}},
-            {{3, "?[8] 1 abc"}, {2, " 1 de"}, {3, " 1 fgh"}, {2, "?[8] 1 ij"}}),
-        Reads(
-            "returnTheBufferedBytesWithoutWaitingForMore", 8, {{"abcdefgh"}, {"ij"}},
-            {{6, "?[8] 1 abcdef"}, {100, " 1 gh"}}),
-        Reads(
-            "returnTheBytesOfOneCallWithoutWaitingForMore", 8, {{"ab"}, {"cd"}},
-            {{5, "?[8] 1 ab"}, {5, "?[8] 1 cd"}}),
-        Reads(
-            "asLargeAsTheBufferBypassIt", 4, {{"abcdefghijklmnop"}},
-            {{4, "?(4) 1 abcd"}, {6, "?(6) 1 efghij"}, {3, "?[4] 1 klm"}, {1, " 1 n"}}),
-        Reads("withoutABufferAllReachTheSource", 0, {{"abcdef"}}, {{1, "?(1) 1 a"}, {3, "?(3) 1 bcd"}}),
-        Reads(
-            "workWithABufferOfOneByte", 1, {{"abc"}}, {{1, "?(1) 1 a"}, {2, "?(2) 1 bc"}, {1, "?(1) 0 "}},
-            {END}),
-        Reads("atTheEndReturnZeroAndReport", 8, {}, {{3, "?[8] 0 "}, {100, "?(100) 0 "}}, {END}),
-        Reads("atTheEndReturnZeroAndReportUnbuffered", 0, {}, {{3, "?(3) 0 "}, {100, "?(100) 0 "}}, {END}),
-        Reads("ofNothingSucceedAtTheEnd", 8, {}, {{0, "(0) 1 "}}),
-        Reads("ofNothingSucceedAtTheEndUnbuffered", 0, {}, {{0, "(0) 1 "}}),
-        Reads(
-            "ofNothingNeedNoMemoryAndConsumeNothing", 8, {{"abc"}},
-            {{0, "(0) 1 "}, {1, "?[8] 1 a"}, {0, "(0) 1 "}, {5, " 1 bc"}}),
-        Reads(
-            "withoutDataSucceedInNonBlockingMode", 8, {{""}, {"ab"}}, {{3, "?[8] 1 "}, {3, "?[8] 1 ab"}}, {},
-            false),
-        Reads(
-            "withoutDataSucceedInNonBlockingModeUnbuffered", 0, {{""}, {"ab"}},
-            {{3, "?(3) 1 "}, {3, "?(3) 1 ab"}}, {}, false),
-        Reads(
-            "deliverTheBytesBeforeTheEnd", 8, {{"ab", IBinStreamBase::END_OF_STREAM}}, {{3, "?[8] 0 ab"}},
-            {CAUSE, END}),
-        Reads(
-            "deliverTheBytesBeforeTheEndUnbuffered", 0, {{"ab", IBinStreamBase::END_OF_STREAM}},
-            {{3, "?(3) 0 ab"}}, {CAUSE, END}),
-        Reads(
-            "deliverTheBytesBeforeAFailureAndThoseThatWereReadAhead", 8,
-            {{"abcde", IBinStreamBase::TRANSFER_FAILED}, {"fg"}},
-            {{2, "?[8] -1 ab"}, {5, " 1 cde"}, {5, "?[8] 1 fg"}},
-            {CAUSE, {IBinStreamBase::TRANSFER_FAILED, "Stream transfer failed"}}),
-        Reads(
-            "callTheHookOnlyBeforeAnAccessToTheSource", 4, {{"abcdef"}},
-            {{1, "?[4] 1 a"}, {1, " 1 b"}, {9, " 1 cd"}, {1, "?[4] 1 e"}})),
-    [](auto const& row) { return row.param.name; });
+TEST_P(IBinInputStreamReads, returnTheBytesOfTheSource) {
+    std::istringstream steps(GetParam().steps);
+    std::deque<Step> source_steps;
+    for (std::string step; steps >> step;) {
+        size_t const mark = std::min(step.find_first_of("!-"), step.size());
+        int const error = step.substr(mark) == "!end" ? IBinStreamBase::END_OF_STREAM
+            : step.substr(mark) == "!failure"         ? IBinStreamBase::TRANSFER_FAILED
+                                                      : SUCCESS;
+        source_steps.push_back({step.substr(0, mark), error});
+    }
+    bool const has_cause = steps.str().find('!') != std::string::npos;
+    ScriptedSource source(GetParam().buffer_size, source_steps, GetParam().blocking);
+    std::istringstream sizes(GetParam().sizes);
+    std::string all;
+    for (unsigned int size = 0; sizes >> size;) {
+        std::string const seen = readFrom(source, size);
+        all += (all.empty() ? "" : ", ") + seen.substr(seen.find_first_not_of(' '));
+        std::vector<ExpectedReport> expected;
+        if (seen.find(" 1") == std::string::npos) {
+            expected.assign(has_cause ? 1 : 0, CAUSE);
+            expected.push_back(seen.find(" -1") == std::string::npos ? END : FAILURE);
+        }
+        EXPECT_TRUE(chainIs(expected)) << seen;
+    }
+    EXPECT_EQ(GetParam().seen, all);
+}
+
+Reads const READS[] = {
+    {"readAheadOneBufferAndReturnItInPieces", 8, BLOCKING, "abcdefghijkl", "3 2 3 2",
+     "?[8] 1 abc, 1 de, 1 fgh, ?[8] 1 ij"},
+    {"returnTheBufferedBytesWithoutWaitingForMore", 8, BLOCKING, "abcdefgh ij", "6 100",
+     "?[8] 1 abcdef, 1 gh"},
+    {"returnTheBytesOfOneCallWithoutWaitingForMore", 8, BLOCKING, "ab cd", "5 5", "?[8] 1 ab, ?[8] 1 cd"},
+    {"asLargeAsTheBufferBypassIt", 4, BLOCKING, "abcdefghijklmnop", "4 6 3 1",
+     "?(4) 1 abcd, ?(6) 1 efghij, ?[4] 1 klm, 1 n"},
+    {"withoutABufferAllReachTheSource", 0, BLOCKING, "abcdef", "1 3", "?(1) 1 a, ?(3) 1 bcd"},
+    {"workWithABufferOfOneByte", 1, BLOCKING, "abc", "1 2 1", "?(1) 1 a, ?(2) 1 bc, ?(1) 0"},
+    {"atTheEndReturnZeroAndReport", 8, BLOCKING, "", "3 100", "?[8] 0, ?(100) 0"},
+    {"atTheEndReturnZeroAndReportUnbuffered", 0, BLOCKING, "", "3 100", "?(3) 0, ?(100) 0"},
+    {"ofNothingSucceedAtTheEnd", 8, BLOCKING, "", "0", "(0) 1"},
+    {"ofNothingSucceedAtTheEndUnbuffered", 0, BLOCKING, "", "0", "(0) 1"},
+    {"ofNothingNeedNoMemoryAndConsumeNothing", 8, BLOCKING, "abc", "0 1 0 5", "(0) 1, ?[8] 1 a, (0) 1, 1 bc"},
+    {"withoutDataSucceedInNonBlockingMode", 8, NON_BLOCKING, "- ab", "3 3", "?[8] 1, ?[8] 1 ab"},
+    {"withoutDataSucceedInNonBlockingModeUnbuffered", 0, NON_BLOCKING, "- ab", "3 3", "?(3) 1, ?(3) 1 ab"},
+    {"deliverTheBytesBeforeTheEnd", 8, BLOCKING, "ab!end", "3", "?[8] 0 ab"},
+    {"deliverTheBytesBeforeTheEndUnbuffered", 0, BLOCKING, "ab!end", "3", "?(3) 0 ab"},
+    {"deliverTheBytesBeforeAFailureAndThoseThatWereReadAhead", 8, BLOCKING, "abcde!failure fg", "2 5 5",
+     "?[8] -1 ab, 1 cde, ?[8] 1 fg"},
+    {"callTheHookOnlyBeforeAnAccessToTheSource", 4, BLOCKING, "abcdef", "1 1 9 1",
+     "?[4] 1 a, 1 b, 1 cd, ?[4] 1 e"}};
+
+INSTANTIATE_TEST_SUITE_P(All, IBinInputStreamReads, testing::ValuesIn(READS), [](auto const& row) {
+    return row.param.name;
+});
 
 class IBinInputStreamFailures : public testing::TestWithParam<IBinStreamBase::StreamErrorId> {};
 
@@ -256,7 +244,7 @@ TEST_P(IBinInputStreamFailures, returnMinusOneWithTheReportsOfTheSource) {
     for (unsigned int const size : {0U, 8U}) {
         ScriptedSource source(size, {{"", GetParam()}, {"ab"}});
         std::string const access = size == 0 ? "?(3)" : "?[8]";
-        EXPECT_EQ(access + " -1 ", readFrom(source, 3));
+        EXPECT_EQ(access + " -1", readFrom(source, 3));
         EXPECT_TRUE(chainIs({CAUSE, {GetParam(), rowText(GetParam(), "")}}));
         EXPECT_EQ(access + " 1 ab", readFrom(source, 3)) << "the stream stays usable";
     }
@@ -301,7 +289,7 @@ TEST(IBinInputStream, hookCanForbidReading) {
     for (unsigned int const size : {0U, 4U}) {
         ScriptedSource source(size, {{"abcdef"}});
         source.inconsistent = true;
-        EXPECT_EQ("? -1 ", readFrom(source, 2));
+        EXPECT_EQ("? -1", readFrom(source, 2));
         EXPECT_TRUE(chainIs({{IBinStreamBase::TRANSFER_FAILED}}));
     }
 }
@@ -322,7 +310,7 @@ TEST(IBinInputStream, withoutMemoryForItsBufferIsInvalid) {
     EXPECT_EQ(nullptr, source.m_buffer);
     EXPECT_TRUE(source.isInputBuffered()) << "the requested mode";
     for (unsigned int const size : {0U, 1U, 100U}) {
-        EXPECT_EQ(" -1 ", readFrom(source, size));
+        EXPECT_EQ(" -1", readFrom(source, size));
         EXPECT_TRUE(chainIs({no_memory, {IBinStreamBase::UNUSABLE, "Stream cannot be used"}}));
     }
 }
