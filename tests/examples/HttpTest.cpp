@@ -587,7 +587,7 @@ TEST_F(HttpServer, malformedRequestsAreRefusedAndTheConnectionEnds) {
     expectItServes();
 }
 
-TEST_F(HttpServer, survivesNoise) {
+TEST_F(HttpServer, servesAfterNoise) {
     for (unsigned int seed = 0; seed < 100; ++seed) {
         std::string const answer = Wire(m_port).ask(makeNoise(1 + seed * 517, seed));
         EXPECT_TRUE(answer.empty() || statusOf(answer).compare(0, 10, "HTTP/1.1 4") == 0) << answer;
@@ -595,7 +595,7 @@ TEST_F(HttpServer, survivesNoise) {
     expectItServes();
 }
 
-TEST_F(HttpServer, survivesNoiseInsideRequests) {
+TEST_F(HttpServer, servesAfterNoiseInRequests) {
     std::string const request =
         "GET /hello.txt?a=b HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\nConnection: close\r\n\r\n";
     std::mt19937 random(4);
@@ -615,12 +615,12 @@ TEST_F(HttpServer, survivesNoiseInsideRequests) {
     expectItServes();
 }
 
-TEST_F(HttpServer, survivesTheStartOfAnEncryptedConnection) {
+TEST_F(HttpServer, servesAfterTheStartOfAnEncryptedConnection) {
     EXPECT_NE(0, curl({"--insecure", "https" + m_url.substr(4)}).exit_code);
     expectItServes();
 }
 
-TEST_F(HttpServer, survivesBrowsersThatCloseTheirConnections) {
+TEST_F(HttpServer, servesAfterBrowsersThatCloseTheirConnections) {
     m_folder.makeFile("www/large", makeNoise(5000000, 5));
     for (int i = 0; i < 20; ++i) {
         Wire(m_port).close();

@@ -56,7 +56,7 @@ TEST(AtomicCounter, losesNoIncrementBetweenThreads) {
 
 class AtomicCounterOrder : public testing::TestWithParam<uint32_t (AtomicCounter::*)() const> {};
 
-TEST_P(AtomicCounterOrder, showsWhatWasWrittenBeforeTheIncrement) {
+TEST_P(AtomicCounterOrder, showsWritesBeforeTheIncrement) {
     for (int round = 0; round < 200; ++round) {
         AtomicCounter counter;
         int written = 0; // Not atomic: only the counter orders it.

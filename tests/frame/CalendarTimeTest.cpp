@@ -23,7 +23,7 @@ VESK_INJECT_ERRNO(time_t, -1, mktime, (tm * fields), (fields))
 
 namespace {
 
-/// What `clock_settime` was called with.
+/// The arguments of a call of `clock_settime`.
 struct SetCall {
     clockid_t clock;
     timespec time;

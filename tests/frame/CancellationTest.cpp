@@ -25,7 +25,7 @@ namespace {
 
 using vesk::IPSocket;
 
-// ---- what the rows are made of ----
+// ---- parts of the rows ----
 
 /// Cancels the calling thread: it ends at the next cancellation point outside the operations of the row.
 void cancelSelf() {

@@ -181,7 +181,7 @@ OpenRow const OPEN_ROWS[] = {
 
 INSTANTIATE_TEST_SUITE_P(All, HandleOpenErrorRows, testing::ValuesIn(OPEN_ROWS));
 
-TEST(HandleOpenError, interruptionAsksForARepetitionWithoutAReport) {
+TEST(HandleOpenError, interruptionRequestsARepetitionWithoutAReport) {
     EXPECT_TRUE(handleOpenError(EINTR, "/some/path"));
     EXPECT_TRUE(chainIs({}));
     ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);

@@ -357,8 +357,8 @@ std::string furtherOf(GrowingPool& pool) {
     return current == nullptr ? text : text + " in " + std::to_string(current->getItemCount());
 }
 
-/// Steps with a pool of `size` items: "+3" takes three items, "-2" puts back item 2, as counted by their first return. What
-/// is seen of each step is the first item that it takes, and the further pools then.
+/// Steps with a pool of `size` items: "+3" takes three items, "-2" puts back item 2, as counted by their first return. `seen`
+/// is the first item that each step takes, and the further pools then.
 struct Growth {
     char const* name;
     unsigned int size;

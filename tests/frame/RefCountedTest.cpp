@@ -26,7 +26,7 @@ namespace {
 
 using namespace support;
 
-/// What handles share. Not atomic: only the last handle may change it.
+/// The object that handles share. Not atomic: only the last handle may change it.
 struct Thing {
     int destroyed = 0;
 };

@@ -24,7 +24,7 @@ using vesk::Thread;
 char s_prefix[128];
 char s_config_dir[160];
 
-/// What must hold however late it is.
+/// Ends the program if a condition is false. Works at any time of the process.
 void require(bool condition, char const* what) {
     if (!condition) {
         fprintf(stderr, "%s failed: %s\n", what, tarn_error.getReasonList().c_str());
@@ -44,7 +44,7 @@ void threads() {
         require(thread.isValid() && !thread.start() && !thread.join(), "joining");
     }
     Thread(work, nullptr, "detached", vesk::sched::Attr(), true).start();
-    // Not in a system call: the thread sanitizer does not follow a thread that is cancelled there.
+    // Not in a system call: the thread sanitizer does not follow a thread that is canceled there.
     Thread ended(
         [](void*) {
             for (;;) {

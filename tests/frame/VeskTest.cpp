@@ -251,7 +251,7 @@ VESK_TEST_BY(inFreshProcess, VeskLoaded, nothingHasStarted) {
     EXPECT_EQ(1000000, getUptime()) << "counted from 0";
 }
 
-TEST(VeskLoaded, knowsTheMachine) {
+TEST(VeskLoaded, hasTheNumbersOfTheMachine) {
     EXPECT_EQ(sysconf(_SC_PAGESIZE), static_cast<long>(Vesk::s_sys_info.page_size));
     EXPECT_EQ(sysconf(_SC_NPROCESSORS_ONLN), static_cast<long>(Vesk::s_sys_info.processor_count));
 }

@@ -10,7 +10,7 @@
 
 namespace support {
 
-/// The process's locale while it lives. "C" and "C.UTF-8" are part of libc and need no files.
+/// Sets the locale of the process during its lifetime. "C" and "C.UTF-8" are part of libc and need no files.
 class ScopedLocale {
 public:
     explicit ScopedLocale(char const* name)
@@ -20,7 +20,7 @@ public:
     ScopedLocale(ScopedLocale const&) = delete;
     ScopedLocale& operator=(ScopedLocale const&) = delete;
 
-    /// Whether the system has it.
+    /// Returns whether the system has the locale.
     bool isSet() const { return m_set; }
 
 private:
@@ -28,8 +28,8 @@ private:
     bool m_set;
 };
 
-/// Builds a locale with the encoding ISO-8859-1 in the folder `place`, under the name "latin1", and tells libc to look there.
-/// libc needs a module for each encoding but its own few: without that, or without `localedef`, it gives false.
+/// Builds a locale with the encoding ISO-8859-1 in the folder `place`, under the name "latin1", and makes libc search
+/// there. Returns false without `localedef`, or without the module of libc for the encoding.
 inline bool buildLatin1(std::string const& place) {
     {
         std::ofstream map(place + "/map");
@@ -44,7 +44,7 @@ inline bool buildLatin1(std::string const& place) {
         std::ofstream source(place + "/source");
         source << "escape_char /\ncomment_char %\nLC_CTYPE\nEND LC_CTYPE\n";
     }
-    // Its result tells only of the categories that the source leaves out.
+    // Its result only reports the categories that are missing in the source.
     std::string const build =
         "localedef -c -i " + place + "/source -f " + place + "/map " + place + "/latin1";
     (void)!system((build + " >/dev/null 2>&1").c_str());

@@ -8,7 +8,7 @@
 
 namespace support {
 
-/// A folder of its own that is the working directory while it lives, and goes with all that is in it.
+/// A new folder that is the working directory during its lifetime. The destructor removes it with its content.
 class TemporaryDirectory {
 public:
     TemporaryDirectory() {

@@ -109,7 +109,7 @@ TEST(ErrorOutput, conversionWithoutAnArgumentPrintsAQuestionMark) {
 
 TEST(ErrorOutput, argumentBeyondTheRowsCountDoesNotShow) {
     EXPECT_EQ("text abc.", textOf(1, "abc", "more"));
-    EXPECT_EQ("name (255 of ?)", textOf(3, "name", 255, 254)) << "the row's count stands";
+    EXPECT_EQ("name (255 of ?)", textOf(3, "name", 255, 254)) << "the count of the row applies";
     EXPECT_EQ("none allowed: ?", textOf(7, "abc"));
 }
 
@@ -153,7 +153,7 @@ TEST(ErrorOutput, reportOnTopOfNothingStartsAChain) {
     ErrorOutput("high", 2, false)(Family, 0);
     EXPECT_TRUE(chainIs({{Family, 0}}));
     ErrorOutput("high", 3, false)(Family, 1, "a");
-    EXPECT_TRUE(chainIs({{Family, 1}})) << "what was acknowledged is no longer pending";
+    EXPECT_TRUE(chainIs({{Family, 1}})) << "an acknowledged report is not pending";
 }
 
 TEST(ErrorOutput, newChainReplacesThePendingOne) {

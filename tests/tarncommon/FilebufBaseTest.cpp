@@ -286,7 +286,7 @@ TEST_P(FilebufBaseSizes, bothDirectionsShareOnePosition) {
     EXPECT_EQ('6', buffer.sgetc());
 }
 
-TEST_P(FilebufBaseSizes, tellReturnsTheReadersPosition) {
+TEST_P(FilebufBaseSizes, tellgReturnsTheReadersPosition) {
     MemoryBuffer buffer(ios_base::in, GetParam(), "0123456789");
     std::istream in(&buffer);
     for (int i = 0; i < 10; ++i) {
