@@ -18,8 +18,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <sstream>
+#include <string>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <type_traits>
 #include <unistd.h>
 
@@ -49,12 +52,6 @@ protected:
         m_clock.set(seconds, nanoseconds);
         m_watch.stop();
     }
-    long long peekAt(time_t seconds, long nanoseconds = 0) {
-        m_clock.set(seconds, nanoseconds);
-        return m_watch.peekRuntime(MS);
-    }
-    void expectStopped(long long ms) { EXPECT_EQ(ms, m_watch.getStoppedTime(MS)); }
-
     FakeClock m_clock{100, 0};
     RealtimeStopWatch m_watch{false};
 };
@@ -124,69 +121,98 @@ INSTANTIATE_TEST_SUITE_P(
         Periods{"withAWrapOfTheSum", 0, 0, 2000000000, 1, 147483647, 999999999, -2147483648000000, 0}),
     [](auto const& row) { return row.param.name; });
 
-TEST_F(StopWatch, isStoppedAndEmptyAtFirst) {
-    Fault const reads(inject_clock_gettime, 0);
-    expectStopped(0);
+/// Operations of a stopwatch with their results in milliseconds, or "us" for the elapsed microseconds. "@1500" sets the
+/// clock to 1500 ms, "fail:" makes an operation fail to read the clock, "!" behind it says that its failure flag is set.
+struct Sequence {
+    char const* name;
+    char const* operations;
+};
+
+void PrintTo(Sequence const& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class StopWatchSequences : public StopWatch, public testing::WithParamInterface<std::tuple<Sequence, int>> {
+protected:
+    std::string perform(std::string const& operation) {
+        if (operation == "start") {
+            m_watch.start();
+        } else if (operation == "stop") {
+            m_watch.stop();
+        } else if (operation == "reset") {
+            m_watch.reset();
+        } else {
+            auto const& watch = m_watch;
+            long long const time = operation == "peek" ? watch.peekRuntime(MS)
+                : operation == "stopped"               ? watch.getStoppedTime(MS)
+                                                       : watch.getElapsedTime(operation == "us" ? US : MS);
+            return operation + "=" + std::to_string(time);
+        }
+        return operation;
+    }
+};
+
+TEST_P(StopWatchSequences, haveTheirResults) {
+    auto const& [row, error] = GetParam();
+    std::istringstream words(row.operations);
+    std::string seen;
+    for (std::string word; words >> word;) {
+        bool const fails = word.find("fail:") == 0;
+        std::string const operation = word.substr(fails ? 5 : 0, word.find_first_of("=!") - (fails ? 5 : 0));
+        if (operation[0] == '@') {
+            long const ms = std::stol(operation.substr(1));
+            m_clock.set(ms / 1000, ms % 1000 * 1000000);
+            seen += word + " ";
+            continue;
+        }
+        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+        Fault const fault(inject_clock_gettime, fails ? error : 0);
+        seen += (fails ? "fail:" : "") + perform(operation);
+        seen += m_watch.hasFailed() ? "! " : " ";
+        EXPECT_TRUE(
+            fails ? causeIs(Time::ErrorId::GET_TIME_FAILED, error) : chainIs({{SysErrorId::NO_SUCH_PROCESS}}))
+            << word;
+    }
+    EXPECT_EQ(std::string(row.operations) + " ", seen);
+}
+
+Sequence const SEQUENCES[] = {
+    {"isStoppedAndEmptyAtFirst", "stopped=0 peek=0 us=0"},
+    {"startingTwiceKeepsTheFirstStart", "@100 start @1100 start peek=1000 @5100 stop stopped=5000"},
+    {"stoppingWithoutAStartAddsNothing", "@1000 start @3000 stop @9000 stop stopped=2000"},
+    {"resetWhileRunningKeepsThePeriodOpen",
+     "@1000 start @8000 stop @20000 start @21000 reset stopped=0 peek=1000 @24000 peek=4000 stop "
+     "stopped=4000"},
+    {"resetWhileStoppedForgetsEverything",
+     "@1000 start @8500 stop reset us=0 @20000 start @21000 stop us=1000000"},
+    {"elapsedTimeOfARunningOneIsTheSum",
+     "@1000 start @3000 stop @30000 start @31500 stopped=2000 peek=1500 elapsed=3500 us=3500000"},
+    {"elapsedTimeOfARunningOneWrapsLikeTheStoppedTime",
+     "@0 start @2147484000 stop @0 start @1000 elapsed=-2147482296 us=2147485000000"},
+    {"failureIsForgottenByAStartThatDoesNothing", "@100 start fail:peek=0! reset! start"},
+    {"failureIsForgottenByAStop", "@100 start fail:peek=0! stop"},
+    {"failureIsForgottenByAStopThatDoesNothing", "@100 fail:start! stop"},
+    {"failureIsForgottenByAPeekThatDoesNothing", "@100 fail:start! peek=0"},
+    {"failureOfStartLeavesThePeriodClosed",
+     "fail:start! @2000 stop elapsed=0 @10000 start @11000 stop stopped=1000"},
+    {"failureOfStopLeavesThePeriodOpen", "@1000 start @3000 fail:stop! stopped=0! @6000 stop stopped=5000"},
+    {"failureOfPeekReturnsZeroAndLeavesThePeriodOpen", "@1000 start @3000 fail:peek=0! peek=2000"},
+    {"failureOfElapsedTimeReturnsTheStoppedTime",
+     "@1000 start @4000 stop @5000 start @7000 fail:elapsed=3000!"},
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    All, StopWatchSequences,
+    testing::Combine(testing::ValuesIn(SEQUENCES), testing::Values(EINVAL, EPERM, EFAULT, ENOSYS)),
+    [](auto const& row) { return std::get<0>(row.param).name + std::to_string(std::get<1>(row.param)); });
+
+TEST_F(StopWatch, stoppedOneDoesNotReadTheClock) {
+    Fault const reads(inject_clock_gettime, EINVAL);
+    m_watch.stop();
     EXPECT_EQ(0, m_watch.peekRuntime(MS));
     EXPECT_EQ(0, m_watch.getElapsedTime(US));
     EXPECT_FALSE(m_watch.hasFailed());
     EXPECT_EQ(0, reads.getCalls());
-}
-
-TEST_F(StopWatch, startingTwiceKeepsTheFirstStart) {
-    startAt(100);
-    startAt(101);
-    EXPECT_EQ(1000, m_watch.peekRuntime(MS));
-    stopAt(105);
-    expectStopped(5000);
-}
-
-TEST_F(StopWatch, stoppingWithoutAStartAddsNothingAndReportsNothing) {
-    startAt(10);
-    stopAt(12);
-    Fault const reads(inject_clock_gettime, EINVAL);
-    stopAt(20);
-    expectStopped(2000);
-    EXPECT_FALSE(m_watch.hasFailed());
-    EXPECT_EQ(0, reads.getCalls());
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(StopWatch, resetWhileRunningKeepsThePeriodOpen) {
-    startAt(10);
-    stopAt(17);
-    startAt(20);
-    m_clock.set(21, 0);
-    m_watch.reset();
-    expectStopped(0);
-    EXPECT_EQ(1000, peekAt(21));
-    EXPECT_EQ(4000, peekAt(24));
-    m_watch.stop();
-    expectStopped(4000);
-}
-
-TEST_F(StopWatch, resetWhileStoppedForgetsEverything) {
-    startAt(10);
-    stopAt(17, 5);
-    m_watch.reset();
-    EXPECT_EQ(0, m_watch.getElapsedTime(US));
-    startAt(20);
-    stopAt(21);
-    EXPECT_EQ(1000000, m_watch.getElapsedTime(US));
-}
-
-TEST_F(StopWatch, elapsedTimeOfARunningOneIsTheSum) {
-    startAt(10);
-    stopAt(12);
-    startAt(30);
-    EXPECT_EQ(1500, peekAt(31, 500000000));
-    expectStopped(2000);
-    EXPECT_EQ(3500, m_watch.getElapsedTime(MS));
-    EXPECT_EQ(3500000, m_watch.getElapsedTime(US));
-    stopAt(30 + 2147482);
-    startAt(0);
-    m_clock.set(1, 0);
-    EXPECT_EQ(-2147482296, m_watch.getElapsedTime(MS)) << "wraps like the stopped time";
 }
 
 TEST_F(StopWatch, startsByItselfIfRequested) {
@@ -221,78 +247,32 @@ TEST_F(StopWatch, anyOtherUnitIsMicroseconds) {
 TEST_F(StopWatch, clockThatGoesBackIsAnAssertionAndTheDifferenceIsNegative) {
     EventRecorder const recorder;
     startAt(10, 500000000);
-    EXPECT_EQ(-2300, peekAt(8, 200000000));
+    m_clock.set(8, 200000000);
+    EXPECT_EQ(-2300, m_watch.peekRuntime(MS));
     EXPECT_EQ(
         "ASSERT framework/src/vesk/posix/StopWatchBase calcDiffTime: end.tv_sec >= start.tv_sec",
         recorder.getText());
     m_watch.stop();
     EXPECT_EQ(2u, recorder.getCount());
-    expectStopped(-2300);
+    EXPECT_EQ(-2300, m_watch.getStoppedTime(MS));
     EXPECT_FALSE(m_watch.hasFailed());
     EXPECT_TRUE(chainIs({}));
     startAt(10);
     stopAt(13);
-    expectStopped(700);
+    EXPECT_EQ(700, m_watch.getStoppedTime(MS));
 }
 
 TEST_F(StopWatch, clockThatGoesBackWithinItsSecondIsNoAssertion) {
     EventRecorder const recorder;
     startAt(10, 500000000);
-    EXPECT_EQ(-100, peekAt(10, 400000000));
+    m_clock.set(10, 400000000);
+    EXPECT_EQ(-100, m_watch.peekRuntime(MS));
     EXPECT_EQ(0u, recorder.getCount());
 }
 
 // ---- a clock that cannot be read ----
 
-class StopWatchFailure : public StopWatch, public testing::WithParamInterface<int> {
-protected:
-    /// Calls an operation while the clock cannot be read.
-    template <typename Operation>
-    void fail(Operation const& operation) {
-        Fault const fault(inject_clock_gettime, GetParam());
-        operation();
-        EXPECT_TRUE(m_watch.hasFailed());
-        EXPECT_TRUE(causeIs(Time::ErrorId::GET_TIME_FAILED, GetParam()));
-    }
-};
-
-TEST_P(StopWatchFailure, ofStartLeavesThePeriodClosed) {
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    fail([this] { m_watch.start(); });
-    stopAt(102);
-    EXPECT_FALSE(m_watch.hasFailed());
-    EXPECT_EQ(0, m_watch.getElapsedTime(MS));
-    startAt(110);
-    stopAt(111);
-    expectStopped(1000);
-}
-
-TEST_P(StopWatchFailure, ofStopLeavesThePeriodOpen) {
-    startAt(100);
-    fail([this] { stopAt(102); });
-    expectStopped(0);
-    EXPECT_TRUE(m_watch.hasFailed()) << "reading the sum changes no flag";
-    stopAt(105);
-    EXPECT_FALSE(m_watch.hasFailed());
-    expectStopped(5000);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_P(StopWatchFailure, ofPeekReturnsZeroAndLeavesThePeriodOpen) {
-    startAt(100);
-    RealtimeStopWatch const& watch = m_watch;
-    m_clock.set(102, 0);
-    fail([&watch] { EXPECT_EQ(0, watch.peekRuntime(MS)); });
-    EXPECT_EQ(2000, watch.peekRuntime(MS));
-    EXPECT_FALSE(watch.hasFailed());
-}
-
-TEST_P(StopWatchFailure, ofElapsedTimeReturnsTheStoppedTime) {
-    startAt(10);
-    stopAt(13);
-    startAt(100);
-    fail([this] { EXPECT_EQ(3000, m_watch.getElapsedTime(MS)); });
-}
+class StopWatchFailure : public testing::TestWithParam<int> {};
 
 TEST_P(StopWatchFailure, ofAutoStartLeavesThePeriodClosed) {
     Fault const fault(inject_clock_gettime, GetParam());
@@ -304,31 +284,6 @@ TEST_P(StopWatchFailure, ofAutoStartLeavesThePeriodClosed) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, StopWatchFailure, testing::Values(EINVAL, EPERM, EFAULT, ENOSYS));
-
-TEST_F(StopWatch, failureIsForgottenByTheNextOperationEvenIfThatDoesNothing) {
-    auto const fail = [this](auto const& operation) {
-        Fault const fault(inject_clock_gettime, EINVAL);
-        operation();
-        EXPECT_TRUE(m_watch.hasFailed());
-    };
-    auto const peek = [this] { m_watch.peekRuntime(MS); };
-    auto const start = [this] { m_watch.start(); };
-    startAt(100);
-    fail(peek);
-    m_watch.reset();
-    EXPECT_TRUE(m_watch.hasFailed());
-    m_watch.start(); // It runs already.
-    EXPECT_FALSE(m_watch.hasFailed());
-    fail(peek);
-    m_watch.stop();
-    EXPECT_FALSE(m_watch.hasFailed());
-    fail(start);
-    m_watch.stop(); // It is stopped already.
-    EXPECT_FALSE(m_watch.hasFailed());
-    fail(start);
-    EXPECT_EQ(0, m_watch.peekRuntime(MS));
-    EXPECT_FALSE(m_watch.hasFailed());
-}
 
 // ---- the clocks ----
 
