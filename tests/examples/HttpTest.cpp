@@ -837,7 +837,8 @@ void PrintTo(Script const& script, std::ostream* out) {
     *out << script.name;
 }
 
-/// Accepts a connection, receives a request and calls `answer`. Returns the end of a client with this address.
+/// Accepts a connection, receives a request and calls `answer`. Returns the end of a client with this
+/// address.
 template <typename Answer>
 ChildEnd fetchFrom(Port const& port, Arguments const& client, Answer const& answer) {
     port.listen();

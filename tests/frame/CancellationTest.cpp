@@ -17,9 +17,9 @@
 #include <unistd.h>
 #include <utility>
 
-// A canceled thread completes every operation that must not throw, and ends at the next cancellation point behind
-// it. The test package.CancellationRows checks that each public class and each public `noexcept` operation has a row
-// here.
+// A canceled thread completes every operation that must not throw, and ends at the next cancellation point
+// behind it. The test package.CancellationRows checks that each public class and each public `noexcept`
+// operation has a row here.
 
 namespace {
 
@@ -185,7 +185,8 @@ using Info = vesk::NetworkInterface;
 
 // ---- the rows ----
 
-/// A row and its names: "~" begins that of a class with a destructor that the row calls, the others are operations.
+/// A row and its names: "~" begins that of a class with a destructor that the row calls, the others are
+/// operations.
 struct Row {
     char const* names;
     void (*run)();
@@ -715,7 +716,8 @@ void run(Row& row) {
     row.names = nullptr;
 }
 
-/// The body of that thread. The address sanitizer must not see it, because it takes unwound frames for live ones.
+/// The body of that thread. The address sanitizer must not see it, because it takes unwound frames for live
+/// ones.
 __attribute__((no_sanitize_address)) void* runAndEnd(void* row) {
     run(*static_cast<Row*>(row));
     pthread_testcancel();

@@ -14,8 +14,8 @@ inline support::Injected inject_clock_gettime("clock_gettime");
 
 namespace support {
 
-/// During its lifetime, every clock stands still in the constructing thread, at the time that the test sets. Only one at
-/// a time.
+/// During its lifetime, every clock stands still in the constructing thread, at the time that the test sets.
+/// Only one at a time.
 class FakeClock {
 public:
     FakeClock(time_t seconds, long nanoseconds) noexcept {

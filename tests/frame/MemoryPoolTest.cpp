@@ -348,7 +348,8 @@ TEST(MemoryPool, failureToUnlockTripsTheAssertionOfTheGuard) {
 
 // ---- growing ----
 
-/// Returns the number of further pools, the size of the next one and the free count, then the size of the current pool.
+/// Returns the number of further pools, the size of the next one and the free count, then the size of the
+/// current pool.
 std::string furtherOf(GrowingPool& pool) {
     auto& depletion = pool.getDepletion();
     std::string text = std::to_string(depletion.getPoolCount());
@@ -357,8 +358,8 @@ std::string furtherOf(GrowingPool& pool) {
     return current == nullptr ? text : text + " in " + std::to_string(current->getItemCount());
 }
 
-/// Steps with a pool of `size` items: "+3" takes three items, "-2" puts back item 2, as counted by their first return. `seen`
-/// is the first item that each step takes, and the further pools then.
+/// Steps with a pool of `size` items: "+3" takes three items, "-2" puts back item 2, as counted by their
+/// first return. `seen` is the first item that each step takes, and the further pools then.
 struct Growth {
     char const* name;
     unsigned int size;

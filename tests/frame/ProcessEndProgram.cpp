@@ -82,7 +82,8 @@ int main(int argc, char** argv) {
     uses::setUp(argv[2]);
     s_reader.expected = vesk::getDefaultConfigDir();
     if (IS_EMULATED) {
-        // Keep both engines: an emulator may delay an expiry until the end of an engine has released its signal.
+        // Keep both engines: an emulator may delay an expiry until the end of an engine has released its
+        // signal.
         new vesk::Timer([](vesk::Timer*) {}, false);
         new vesk::Timer([](vesk::Timer*) {}, true);
     }

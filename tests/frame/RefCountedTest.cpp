@@ -92,7 +92,8 @@ private:
     std::vector<std::unique_ptr<Handle>> m_handles;
 };
 
-/// Checks that every item is back, and only once: 1,024 handles fit into the main pool, the next one does not.
+/// Checks that every item is back, and only once: 1,024 handles fit into the main pool, the next one does
+/// not.
 void expectPoolIsWhole() {
     expectPools(0, 1024);
     Crowd crowd(1024);

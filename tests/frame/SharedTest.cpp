@@ -26,7 +26,8 @@ using namespace support;
 template <typename T>
 using Ptr = std::SharedBase::Ptr<T>;
 
-/// Counts its objects. Not atomic: only the holder's lock makes the numbers right. Each test uses its own `TAG`.
+/// Counts its objects. Not atomic: only the holder's lock makes the numbers right. Each test uses its own
+/// `TAG`.
 template <int TAG>
 struct Engine {
     Engine() : serial(++built) {

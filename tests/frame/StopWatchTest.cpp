@@ -121,8 +121,9 @@ INSTANTIATE_TEST_SUITE_P(
         Periods{"withAWrapOfTheSum", 0, 0, 2000000000, 1, 147483647, 999999999, -2147483648000000, 0}),
     [](auto const& row) { return row.param.name; });
 
-/// Operations of a stopwatch with their results in milliseconds, or "us" for the elapsed microseconds. "@1500" sets the
-/// clock to 1500 ms, "fail:" makes an operation fail to read the clock, "!" behind it says that its failure flag is set.
+/// Operations of a stopwatch with their results in milliseconds, or "us" for the elapsed microseconds.
+/// "@1500" sets the clock to 1500 ms, "fail:" makes an operation fail to read the clock, "!" behind it says
+/// that its failure flag is set.
 struct Sequence {
     char const* name;
     char const* operations;

@@ -39,8 +39,8 @@ VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
-/// The destination of the calls of libc's log: a list, the real functions, or standard output. No call reaches the
-/// machine's own log.
+/// The destination of the calls of libc's log: a list, the real functions, or standard output. No call
+/// reaches the machine's own log.
 enum class Calls { RECORDED, REAL, PRINTED };
 std::atomic<Calls> s_mode{Calls::RECORDED};
 std::mutex s_mutex;
@@ -123,8 +123,8 @@ using Lines = std::vector<std::string>;
 
 constexpr char const* OPENED = "openlog lumo framework 9 8";
 
-/// Runs a test in a process that has the open log, and no recorded calls yet. The process of the test never makes the
-/// object, so that other tests can check its construction.
+/// Runs a test in a process that has the open log, and no recorded calls yet. The process of the test never
+/// makes the object, so that other tests can check its construction.
 void withLogger(void (*body)()) {
     expectInChild([&body] {
         SystemLogger::getInstance();

@@ -28,8 +28,8 @@ private:
     bool m_set;
 };
 
-/// Builds a locale with the encoding ISO-8859-1 in the folder `place`, under the name "latin1", and makes libc search
-/// there. Returns false without `localedef`, or without the module of libc for the encoding.
+/// Builds a locale with the encoding ISO-8859-1 in the folder `place`, under the name "latin1", and makes
+/// libc search there. Returns false without `localedef`, or without the module of libc for the encoding.
 inline bool buildLatin1(std::string const& place) {
     {
         std::ofstream map(place + "/map");

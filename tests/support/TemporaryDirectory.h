@@ -8,7 +8,8 @@
 
 namespace support {
 
-/// A new folder that is the working directory during its lifetime. The destructor removes it with its content.
+/// A new folder that is the working directory during its lifetime. The destructor removes it with its
+/// content.
 class TemporaryDirectory {
 public:
     TemporaryDirectory() {

@@ -329,9 +329,10 @@ TEST(FilebufBase, byteWithTheTopBitIsNotTheEnd) {
 
 // ---- sequences of operations ----
 
-/// Performs one operation. Returns its result. The operations are "get", "peek", "put" of each character behind it, "sync",
-/// seeks "beg", "cur", "end" by the number behind them and "pos" to it, "create" and "destroy" of the buffer, and the
-/// faults "fail" and "repair" of an operation, "most" and "result" of a transfer.
+/// Performs one operation. Returns its result. The operations are "get", "peek", "put" of each character
+/// behind it, "sync", seeks "beg", "cur", "end" by the number behind them and "pos" to it, "create" and
+/// "destroy" of the buffer, and the faults "fail" and "repair" of an operation, "most" and "result" of a
+/// transfer.
 std::string perform(MemoryBuffer& buffer, std::string const& operation) {
     std::string const name = operation.substr(0, operation.find(':'));
     std::string const argument = operation.substr(std::min(name.size() + 1, operation.size()));
@@ -379,8 +380,8 @@ std::string perform(MemoryBuffer& buffer, std::string const& operation) {
     return "";
 }
 
-/// Performs all operations. Returns their results, with the calls of the file before them and "!" behind them if a report
-/// is pending, then the state of the buffer and the content of the file.
+/// Performs all operations. Returns their results, with the calls of the file before them and "!" behind them
+/// if a report is pending, then the state of the buffer and the content of the file.
 std::string performAll(MemoryBuffer& buffer, std::string const& operations) {
     std::istringstream words(operations);
     std::string seen;

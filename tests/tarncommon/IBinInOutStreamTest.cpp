@@ -33,8 +33,8 @@ enum class From { CURRENT, BEGIN, END };
 /// How the file transfers: completely, in pieces, or in non-blocking mode, sometimes nothing.
 enum class Mode { WHOLE, SHORT, NON_BLOCKING };
 
-/// A file in memory with one position for both directions. The hooks and `seek` synchronize the two buffers: written bytes
-/// reach the file before a read, and read-ahead is undone before a write.
+/// A file in memory with one position for both directions. The hooks and `seek` synchronize the two buffers:
+/// written bytes reach the file before a read, and read-ahead is undone before a write.
 class MemoryFile : public IBinInOutStream {
 public:
     MemoryFile(unsigned int read_buffer, unsigned int write_buffer, Mode mode = Mode::WHOLE)

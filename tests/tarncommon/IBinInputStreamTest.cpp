@@ -33,8 +33,8 @@ struct Step {
     int stream_error = SUCCESS; // Or the id to fail with.
 };
 
-/// A source that performs its steps, one a call, and then is at its end. It logs the calls: "?" for the hook, "[n]" for
-/// a read of n bytes into the stream's own buffer, "(n)" for one into the memory of the caller.
+/// A source that performs its steps, one a call, and then is at its end. It logs the calls: "?" for the hook,
+/// "[n]" for a read of n bytes into the stream's own buffer, "(n)" for one into the memory of the caller.
 class ScriptedSource : public IBinInputStream {
 public:
     explicit ScriptedSource(unsigned int buffer_size, std::deque<Step> steps = {}, bool blocking = true)
@@ -162,8 +162,8 @@ TEST(IBinInputStream, defaultHookAllowsEveryAccess) {
 constexpr bool BLOCKING = true;
 constexpr bool NON_BLOCKING = false;
 
-/// The sizes of some reads and what `readFrom` returns for each. The steps of the source are their bytes, or "-" for none,
-/// and "!end" or "!failure" behind them.
+/// The sizes of some reads and what `readFrom` returns for each. The steps of the source are their bytes, or
+/// "-" for none, and "!end" or "!failure" behind them.
 struct Reads {
     char const* name;
     unsigned int buffer_size;

@@ -29,8 +29,9 @@ struct Step {
     bool fails = false;
 };
 
-/// A sink that performs its steps, one a call, and then takes everything. It logs the calls: "?" for the hook, "[abc]"
-/// for the bytes offered by a `performWrite`, "!" behind it if that is part of a flush, "FLUSH" for a `performFlush`.
+/// A sink that performs its steps, one a call, and then takes everything. It logs the calls: "?" for the
+/// hook, "[abc]" for the bytes offered by a `performWrite`, "!" behind it if that is part of a flush, "FLUSH"
+/// for a `performFlush`.
 class ScriptedSink : public IBinOutputStream {
 public:
     explicit ScriptedSink(unsigned int buffer_size, std::deque<Step> steps = {}, bool blocking = true)
@@ -92,8 +93,8 @@ constexpr char const* FLUSH = "flush";
 constexpr char const* FLUSH_BUFFER = "flush-buffer";
 constexpr char const* NOTHING = "nothing";
 
-/// Flushes, or writes any other text or nothing. Returns the calls of the sink, the result with the count of a write, and the bytes
-/// held by the stream: "?[abc] 1/3 +de".
+/// Flushes, or writes any other text or nothing. Returns the calls of the sink, the result with the count of
+/// a write, and the bytes held by the stream: "?[abc] 1/3 +de".
 std::string perform(ScriptedSink& sink, std::string action) {
     action = action == NOTHING ? "" : action;
     sink.log.clear();
@@ -146,8 +147,8 @@ TEST(IBinOutputStream, defaultHookAllowsEveryAccess) {
 constexpr bool BLOCKING = true;
 constexpr bool NON_BLOCKING = false;
 
-/// The actions on one stream and what `perform` returns for each. The steps of the sink are the numbers of bytes that it
-/// takes, with "!" if it fails then.
+/// The actions on one stream and what `perform` returns for each. The steps of the sink are the numbers of
+/// bytes that it takes, with "!" if it fails then.
 struct Actions {
     char const* name;
     unsigned int buffer_size;
@@ -244,11 +245,13 @@ INSTANTIATE_TEST_SUITE_P(All, IBinOutputStreamActions, testing::ValuesIn(ACTIONS
 });
 
 TEST(IBinOutputStream, pendingReportIsReplacedByThatOfAnIncompleteFlush) {
-    ScriptedSink sink(8, {{1}, {1}, {0}}, false);
-    ErrorOutput("older", 1, true)(CommonErrorId::CONTRACT_BROKEN, "older");
-    perform(sink, "abc");
-    perform(sink, FLUSH);
-    EXPECT_TRUE(chainIs({NOT_NOW}));
+    for (char const* const flush : {FLUSH, FLUSH_BUFFER}) {
+        ScriptedSink sink(8, {{1}, {1}, {0}}, false);
+        ErrorOutput("older", 1, true)(CommonErrorId::CONTRACT_BROKEN, "older");
+        perform(sink, "abc");
+        perform(sink, flush);
+        EXPECT_TRUE(chainIs({NOT_NOW}));
+    }
 }
 
 TEST(IBinOutputStream, closedSinkKeepsNothing) {
