@@ -448,7 +448,7 @@ TEST_F(UsePoolOnDepletion, furtherPoolsDoubleInSize) {
     EXPECT_EQ(items.size(), std::set<void*>(items.begin(), items.end()).size());
     // A block and the array of its stack each.
     std::vector<size_t> expected;
-    for (size_t const count : {2, 2, 4, 4, 8, 8, 16, 16}) {
+    for (size_t const count : {2U, 2U, 4U, 4U, 8U, 8U, 16U, 16U}) {
         expected.push_back(count * POINTER);
     }
     EXPECT_EQ(expected, counter.getSizes());

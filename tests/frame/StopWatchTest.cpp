@@ -161,8 +161,8 @@ TEST_P(StopWatchSequences, haveTheirResults) {
         bool const fails = word.find("fail:") == 0;
         std::string const operation = word.substr(fails ? 5 : 0, word.find_first_of("=!") - (fails ? 5 : 0));
         if (operation[0] == '@') {
-            long const ms = std::stol(operation.substr(1));
-            m_clock.set(ms / 1000, ms % 1000 * 1000000);
+            long long const ms = std::stoll(operation.substr(1));
+            m_clock.set(static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000 * 1000000));
             seen += word + " ";
             continue;
         }
