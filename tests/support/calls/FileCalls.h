@@ -10,8 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/// The system calls below the files, replaced: a `support::Fault` makes them fail, and some tell what they
-/// were called with. Include it in one file of a test program.
+/// The system calls below the files, replaced: a `support::Fault` makes them fail, and some tell what they were called
+/// with. Include it in one file of a test program.
 
 namespace support {
 
@@ -27,8 +27,7 @@ struct FileCalls {
 
 inline FileCalls s_file_calls;
 
-/// Notes how a file is opened, and gives the mode, which is an argument only of a call that may make the
-/// file.
+/// Notes how a file is opened, and gives the mode, which is an argument only of a call that may make the file.
 VESK_UNWATCHED inline mode_t noteOpening(int flags, va_list arguments) {
     s_file_calls.open_flags = flags;
     s_file_calls.open_mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;

@@ -19,11 +19,11 @@
 #include <utility>
 #include <vector>
 
-/// The calls of the system's resolver, replaced: they tell what they were called with, and give the answers
-/// that a test has prepared. Include it in one file of a test program.
+/// The calls of the system's resolver, replaced: they tell what they were called with, and give the answers that a test
+/// has prepared. Include it in one file of a test program.
 ///
-/// Where no answer is prepared the real ones answer, but never by asking a name server: they take numeric
-/// addresses for numeric addresses, and names for unknown.
+/// Where no answer is prepared the real ones answer, but never by asking a name server: they take numeric addresses for
+/// numeric addresses, and names for unknown.
 
 namespace support {
 

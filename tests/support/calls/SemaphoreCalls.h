@@ -12,8 +12,8 @@
 #include <unistd.h>
 #include <vector>
 
-/// The system calls below the semaphores, replaced: a `support::Fault` makes them fail, and some tell what
-/// they were called with. Include it in one file of a test program.
+/// The system calls below the semaphores, replaced: a `support::Fault` makes them fail, and some tell what they were called
+/// with. Include it in one file of a test program.
 
 namespace support {
 

@@ -15,8 +15,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/// The system calls below shared memory, replaced; some tell what they were called with. Include it in one
-/// file of a test program.
+/// The system calls below shared memory, replaced; some tell what they were called with. Include it in one file of a test
+/// program.
 
 namespace support {
 

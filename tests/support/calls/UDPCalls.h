@@ -14,8 +14,8 @@
 #include <unistd.h>
 #include <vector>
 
-/// The system calls below the UDP sockets, replaced: a `support::Fault` makes them fail, and a `CallRecorder`
-/// notes them with their arguments. Include it in one file of a test program.
+/// The system calls below the UDP sockets, replaced: a `support::Fault` makes them fail, and a `CallRecorder` notes them
+/// with their arguments. Include it in one file of a test program.
 
 namespace support {
 
@@ -25,8 +25,8 @@ namespace support {
 ///     socket.open();
 ///     EXPECT_EQ("bind(s, 0200 0000 7f000001 ...)\n", calls.getText());
 ///
-/// "s" stands for the descriptor that the last `socket` made. Blocks of bytes are shown in hexadecimal, in
-/// their order in memory.
+/// "s" stands for the descriptor that the last `socket` made. Blocks of bytes are shown in hexadecimal, in their order in
+/// memory.
 class CallRecorder {
 public:
     enum Effect {

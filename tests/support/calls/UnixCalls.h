@@ -28,8 +28,8 @@
 #include <unistd.h>
 #include <vector>
 
-/// The system calls below the Unix sockets, replaced: a `support::Fault` makes them fail, and some tell what
-/// they were called with. Include it in one file of a test program.
+/// The system calls below the Unix sockets, replaced: a `support::Fault` makes them fail, and some tell what they were
+/// called with. Include it in one file of a test program.
 
 namespace support {
 
@@ -349,8 +349,7 @@ inline std::string addressOf(int fd) {
     return bytesOf(&address, length);
 }
 
-/// Whether abstract names are exact. Some emulators put a zero behind them, and shorten addresses that are
-/// too long.
+/// Whether abstract names are exact. Some emulators put a zero behind them, and shorten addresses that are too long.
 inline bool keepsAddresses() {
     static bool const keeps = [] {
         std::string const address = abstractAddress(makeAbstractName());
