@@ -1,82 +1,5 @@
+#include "frame/EveryHeader.h"
 #include "support/Child.h"
-
-#include <common/Shared.h>
-#include <common/SharedBuf.h>
-#include <common/error/ErrorHelper.h>
-#include <vesk/Alarm.h>
-#include <vesk/AtomicCounter.h>
-#include <vesk/BinTempFileRW.h>
-#include <vesk/CalendarTime.h>
-#include <vesk/Directory.h>
-#include <vesk/DnsSd.h>
-#include <vesk/Environment.h>
-#include <vesk/FileBuffer.h>
-#include <vesk/FileSys.h>
-#include <vesk/FmtFileWrapper.h>
-#include <vesk/Group.h>
-#include <vesk/MemBinFileBase.h>
-#include <vesk/MsgQueueClient.h>
-#include <vesk/MsgQueueServer.h>
-#include <vesk/NetDevice.h>
-#include <vesk/NetDeviceMonitor.h>
-#include <vesk/PathParts.h>
-#include <vesk/Pipe.h>
-#include <vesk/Poller.h>
-#include <vesk/ProcessInfo.h>
-#include <vesk/ProcessTNG.h>
-#include <vesk/ProcessTimeStopWatch.h>
-#include <vesk/RWLock.h>
-#include <vesk/RawSocket.h>
-#include <vesk/RealtimeStopWatch.h>
-#include <vesk/Regex.h>
-#include <vesk/SavedErrorChain.h>
-#include <vesk/SecureRandom.h>
-#include <vesk/SemaphoreClient.h>
-#include <vesk/SemaphoreCreator.h>
-#include <vesk/SerialPort.h>
-#include <vesk/SharedMemoryClient.h>
-#include <vesk/SharedMemoryServer.h>
-#include <vesk/SharedObj.h>
-#include <vesk/ShmCondition.h>
-#include <vesk/ShmMutex.h>
-#include <vesk/ShmRWLock.h>
-#include <vesk/ShmSpinLock.h>
-#include <vesk/SignalCatcher.h>
-#include <vesk/SignalDispatcher.h>
-#include <vesk/SpinLock.h>
-#include <vesk/StderrBinFile.h>
-#include <vesk/StdinBinFile.h>
-#include <vesk/StdoutBinFile.h>
-#include <vesk/StreamBinFileRW.h>
-#include <vesk/SysError.h>
-#include <vesk/SystemError.h>
-#include <vesk/SystemLoad.h>
-#include <vesk/TCPServerSocket.h>
-#include <vesk/TCPSocket.h>
-#include <vesk/TLS.h>
-#include <vesk/ThreadTimeStopWatch.h>
-#include <vesk/Time.h>
-#include <vesk/Timer.h>
-#include <vesk/UDPSocket.h>
-#include <vesk/UnixServerSocket.h>
-#include <vesk/UnixSocket.h>
-#include <vesk/User.h>
-#include <vesk/UserFS.h>
-#include <vesk/Vesk.h>
-#include <vesk/WidePath.h>
-#include <vesk/common/KeptErrorChain.h>
-#include <vesk/common/LazyInit.h>
-#include <vesk/common/UniqueFd.h>
-
-#include <tarncommon/Buf.h>
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-#include <tarncommon/error/GlobalErrorHandler.h>
-#include <tarncommon/threadsafe/ConditionImpl.h>
-#include <tarncommon/threadsafe/TlsImpl.h>
-#include <tarncommon/tracing/Channel.h>
 
 #include <gtest/gtest.h>
 
@@ -94,36 +17,70 @@
 #include <unistd.h>
 #include <utility>
 
-// A thread that was cancelled goes on through everything that must not throw, and ends at the next cancellation point
-// behind it. The package test of the same name checks that each public class and each public `noexcept` operation has a
-// row here.
+// A canceled thread completes every operation that must not throw, and ends at the next cancellation point
+// behind it. The test package.CancellationRows checks that each public class and each public `noexcept`
+// operation has a row here.
 
 namespace {
 
 using vesk::IPSocket;
 
-// ---- what the rows are made of ----
+// ---- parts of the rows ----
 
-/// From here on the calling thread ends at its next cancellation point, other than in what a row is for.
+/// Cancels the calling thread: it ends at the next cancellation point outside the operations of the row.
 void cancelSelf() {
     EXPECT_EQ(0, pthread_cancel(pthread_self()));
 }
 
-/// The destructor of an object that needs nothing else.
+/// The end of an object after `arrange`.
+template <typename T, typename Arrange>
+void ends(Arrange const& arrange) {
+    T object{};
+    arrange(object);
+    cancelSelf();
+}
 template <typename T>
 void ends() {
-    [[maybe_unused]] T object{};
-    cancelSelf();
+    ends<T>([](T&) {});
 }
 
-/// The same for one that is made of numbers.
+/// The end of an object that is constructed from arguments.
+template <typename T, typename... Arguments>
+void endsWith(Arguments const&... arguments) {
+    [[maybe_unused]] T const object(arguments...);
+    cancelSelf();
+}
 template <typename T, auto... ARGUMENTS>
 void endsOf() {
-    [[maybe_unused]] T object(ARGUMENTS...);
+    endsWith<T>(ARGUMENTS...);
+}
+template <typename T, typename... Arguments>
+void endsValid(Arguments const&... arguments) {
+    T const object(arguments...);
+    ASSERT_TRUE(object.isValid());
     cancelSelf();
 }
 
-/// A name that is no other process's.
+/// The end of a file that was opened.
+template <typename File, typename... Arguments>
+void endsOpen(Arguments const&... arguments) {
+    ends<File>([&](File& file) { EXPECT_FALSE(file.open(arguments...)); });
+}
+
+/// Calls `operation` in a canceled thread.
+template <typename Operation>
+void cancelThen(Operation const& operation) {
+    cancelSelf();
+    operation();
+}
+/// Calls it with an object that was constructed before.
+template <typename T, typename Operation>
+void cancelThen(Operation const& operation) {
+    T object{};
+    cancelThen([&] { operation(object); });
+}
+
+/// Returns a name that no other process uses.
 std::string getName() {
     return "vesk-cancellation-" + std::to_string(getpid());
 }
@@ -140,6 +97,16 @@ Description makeDescription() {
     return description;
 }
 
+template <typename Description>
+void endsDescriptions() {
+    auto first = makeDescription<Description>();
+    auto second = makeDescription<Description>();
+    auto third = makeDescription<Description>();
+    cancelSelf();
+    first.swap(second);
+    first = std::move(third);
+}
+
 struct NoMemory : std::Buf::Allocator {
     constexpr NoMemory() noexcept = default;
     void* allocate(unsigned int) const noexcept override { return nullptr; }
@@ -147,7 +114,7 @@ struct NoMemory : std::Buf::Allocator {
 };
 constexpr NoMemory g_no_memory;
 
-/// Code of a user that runs inside the library: a cancellation point of its own.
+/// Code of a user that runs inside the library and is a cancellation point.
 struct User : std::SharedBuf::Owner,
               vesk::LazyInitBase<void*>,
               vesk::Message::Handler,
@@ -182,7 +149,7 @@ struct Engine : vesk::DnsSd::Engine {
     void cancel(Client&) override { pthread_testcancel(); }
 };
 
-/// A client of service discovery, with an engine.
+/// The end of a client of service discovery with an engine.
 template <typename Client, typename... Arguments>
 void endsClient(Arguments const&... arguments) {
     static Engine s_engine;
@@ -203,13 +170,14 @@ IPSocket::IPAddress getLoopback() {
     return {IPSocket::LOOPBACK_IP, 0};
 }
 
-/// A report that is pending, which the next one replaces.
+/// Makes a report, which stays pending and which the next one replaces.
 void leaveReport() {
     std::ErrorOutput("earlier", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
 }
 
 void ignoreSignal(int, void*) {}
 
+using Handler = std::GlobalErrorHandler;
 using Pool = std::MemoryPool<std::UsePoolOnDepletion, vesk::Mutex, std::FakeCondition>;
 using Wrapper = vesk::FmtFileWrapper<vesk::StreamBinFileR, std::istream, vesk::BinFileBase::ReadFlags>;
 using Guard = std::ScopeGuard<UserInHolder, bool (UserInHolder::*)()>;
@@ -217,7 +185,8 @@ using Info = vesk::NetworkInterface;
 
 // ---- the rows ----
 
-/// A row tells with "~" the classes whose destructors it runs, and otherwise the operations.
+/// A row and its names: "~" begins that of a class with a destructor that the row calls, the others are
+/// operations.
 struct Row {
     char const* names;
     void (*run)();
@@ -261,26 +230,17 @@ Row const ROWS[] = {
          std::ErrorStorage::Chain::ofThread().unmap();
      }},
     {"std::GlobalErrorHandler::doAbort",
-     [] {
-         cancelSelf();
-         std::GlobalErrorHandler::doAbort("file", 1, "function", "text");
-     }},
+     [] { cancelThen([] { Handler::doAbort("file", 1, "function", "text"); }); }},
     {"std::GlobalErrorHandler::doAssert",
-     [] {
-         cancelSelf();
-         std::GlobalErrorHandler::doAssert(false, "condition", "file", 1, "function", nullptr);
-     }},
+     [] { cancelThen([] { Handler::doAssert(false, "condition", "file", 1, "function", nullptr); }); }},
     {"std::GlobalErrorHandler::doOutOfMem",
-     [] {
-         cancelSelf();
-         std::GlobalErrorHandler::doOutOfMem("file", 1, "function", "text");
-     }},
+     [] { cancelThen([] { Handler::doOutOfMem("file", 1, "function", "text"); }); }},
     {"std::GlobalErrorHandler::doWarning std::GlobalErrorHandler::setHook",
      [] {
          cancelSelf();
-         std::GlobalErrorHandler::doWarning("file", 1, "function", "text");
-         std::GlobalErrorHandler::setHook(nullptr);
-         std::GlobalErrorHandler::doWarning("file", 1, "function", "text");
+         Handler::doWarning("file", 1, "function", "text");
+         Handler::setHook(nullptr);
+         Handler::doWarning("file", 1, "function", "text");
      }},
     {"~std::unicode::String ~std::unicode::String::Iterator std::unicode::String::operator=",
      [] {
@@ -296,7 +256,7 @@ Row const ROWS[] = {
          EXPECT_NE(0, mutex.lock());
          EXPECT_EQ(0, mutex.unlock());
          EXPECT_NE(0, mutex.unlock());
-         mutex.lock(); // A locked one cannot be destroyed, which is told.
+         mutex.lock(); // A locked one cannot be destroyed, which is reported.
      }},
     {"~threadsafe::ConditionImpl threadsafe::ConditionImpl::signal_one",
      [] {
@@ -307,10 +267,7 @@ Row const ROWS[] = {
      }},
     {"~threadsafe::TlsImpl", ends<threadsafe::TlsImpl>},
     {"~tracing::Channel",
-     [] {
-         tracing::Channel const channel("FW_Cancellation", 7, tracing::Channel::WITH_THREAD);
-         cancelSelf();
-     }},
+     [] { endsWith<tracing::Channel>("FW_Cancellation", short{7}, tracing::Channel::WITH_THREAD); }},
     // ---- frame ----
     {"~std::FreeStack std::FreeStack::push std::FreeStack::pop std::NullOnDepletion::getHelp "
      "std::NullOnDepletion::thankYou",
@@ -320,7 +277,7 @@ Row const ROWS[] = {
          std::NullOnDepletion depletion(16, 4);
          cancelSelf();
          stack.push(stack.pop());
-         stack.push(items); // One too many, which is told.
+         stack.push(items); // One too many, which is reported.
          EXPECT_EQ(nullptr, depletion.getHelp());
          depletion.thankYou(items);
      }},
@@ -362,14 +319,14 @@ Row const ROWS[] = {
      [] {
          vesk::Mutex mutex;
          vesk::AbortingLock<vesk::Mutex> const lock(mutex, "file", "function");
-         mutex.unlock(); // So that its end finds nothing to unlock, which is told.
+         mutex.unlock(); // So that its end finds nothing to unlock, which is reported.
          cancelSelf();
      }},
     {"~vesk::ScopedLock",
      [] {
          vesk::Mutex mutex;
          vesk::MutexLock const lock(mutex);
-         mutex.unlock(); // So that its end finds nothing to unlock, which is told.
+         mutex.unlock(); // So that its end finds nothing to unlock, which is reported.
          cancelSelf();
      }},
     {"~vesk::detail::CancellationOff", ends<vesk::detail::CancellationOff>},
@@ -404,11 +361,7 @@ Row const ROWS[] = {
          cancelSelf();
      }},
     {"vesk::AtomicCounter::increment",
-     [] {
-         vesk::AtomicCounter counter;
-         cancelSelf();
-         counter.increment();
-     }},
+     [] { cancelThen<vesk::AtomicCounter>([](auto& counter) { counter.increment(); }); }},
     {"vesk::CalendarTime::resetToEpoch vesk::CalendarTime::retrieveDate vesk::CalendarTime::setTimestamp",
      [] {
          vesk::CalendarTime time(true);
@@ -418,10 +371,7 @@ Row const ROWS[] = {
          time.retrieveDate();
      }},
     {"tarnbase::TimePoint::now tarnbase::TimePoint::toTimespec",
-     [] {
-         cancelSelf();
-         tarnbase::TimePoint::now().toTimespec();
-     }},
+     [] { cancelThen([] { tarnbase::TimePoint::now().toTimespec(); }); }},
     // ---- sync ----
     {"~vesk::Mutex vesk::Mutex::lock vesk::Mutex::unlock",
      [] {
@@ -432,31 +382,18 @@ Row const ROWS[] = {
          EXPECT_TRUE(mutex.lock());
          EXPECT_FALSE(mutex.unlock());
          EXPECT_TRUE(mutex.unlock());
-         mutex.lock(); // A locked one cannot be destroyed, which is told.
+         mutex.lock(); // A locked one cannot be destroyed, which is reported.
      }},
     {"~vesk::Condition", ends<vesk::Condition>},
     {"~vesk::RWLock ~vesk::RWLockBase",
-     [] {
-         vesk::RWLock const lock;
-         EXPECT_FALSE(lock.lockForRead());
-         cancelSelf();
-     }},
+     [] { ends<vesk::RWLock>([](auto& lock) { EXPECT_FALSE(lock.lockForRead()); }); }},
     {"~vesk::SpinLock ~vesk::SpinLockBase", ends<vesk::SpinLock>},
     {"~vesk::ShmCondition", ends<vesk::ShmCondition>},
-    {"~vesk::ShmMutex",
-     [] {
-         vesk::ShmMutex const mutex;
-         EXPECT_FALSE(mutex.lock()); // A locked one cannot be destroyed, which is told.
-         cancelSelf();
-     }},
+    {"~vesk::ShmMutex", [] { ends<vesk::ShmMutex>([](auto& mutex) { EXPECT_FALSE(mutex.lock()); }); }},
     {"~vesk::ShmRWLock", ends<vesk::ShmRWLock>},
     {"~vesk::ShmSpinLock", ends<vesk::ShmSpinLock>},
     // ---- threads ----
-    {"~vesk::Thread",
-     [] {
-         vesk::Thread const thread([](void*) {}, nullptr, "never started");
-         cancelSelf();
-     }},
+    {"~vesk::Thread", [] { endsWith<vesk::Thread>([](void*) {}, nullptr, "never started"); }},
     {"~vesk::TLS::Key", ends<vesk::TLS::Key>},
     {"~vesk::Timer",
      [] {
@@ -467,11 +404,7 @@ Row const ROWS[] = {
     {"~vesk::Timer::HighPrioTimer ~vesk::Alarm::Timer", ends<vesk::Timer::HighPrioTimer>},
     {"~vesk::Alarm::DefaultTimer", ends<vesk::Alarm::DefaultTimer>},
     {"vesk::Alarm::Timer::waitForCallback",
-     [] {
-         vesk::Alarm::DefaultTimer engine;
-         cancelSelf();
-         engine.waitForCallback();
-     }},
+     [] { cancelThen<vesk::Alarm::DefaultTimer>([](auto& engine) { engine.waitForCallback(); }); }},
     {"~vesk::Alarm",
      [] {
          static vesk::Alarm::Timer s_engine(SIGRTMIN + 5, "engine", vesk::sched::Attr());
@@ -517,11 +450,7 @@ Row const ROWS[] = {
      }},
     {"~vesk::SignalDispatcher", ends<vesk::SignalDispatcher>},
     {"vesk::SignalDispatcher::waitForCallback",
-     [] {
-         vesk::SignalDispatcher dispatcher;
-         cancelSelf();
-         dispatcher.waitForCallback();
-     }},
+     [] { cancelThen<vesk::SignalDispatcher>([](auto& dispatcher) { dispatcher.waitForCallback(); }); }},
     {"~vesk::Poller ~vesk::Poller::Client", ends<vesk::Poller>},
     {"~vesk::Poller::SignalsOff", ends<vesk::Poller::SignalsOff>},
     {"vesk::Poller::add vesk::Poller::remove vesk::Poller::stop",
@@ -537,9 +466,7 @@ Row const ROWS[] = {
     // ---- files ----
     {"~vesk::BinFileBase",
      [] {
-         vesk::BinFileBase file;
-         ASSERT_FALSE(file.open("/dev/null", vesk::BinFileBase::READ, vesk::BinFileBase::DEFAULT_ACCESS));
-         cancelSelf();
+         endsOpen<vesk::BinFileBase>("/dev/null", vesk::BinFileBase::READ, vesk::BinFileBase::DEFAULT_ACCESS);
      }},
     {"~vesk::BinTempFileRW vesk::BinTempFileRW::takeDescriptor",
      [] {
@@ -550,12 +477,7 @@ Row const ROWS[] = {
          cancelSelf();
          taken.takeDescriptor();
      }},
-    {"~vesk::Directory",
-     [] {
-         vesk::Directory const directory("/proc/self", true);
-         ASSERT_TRUE(directory.isValid());
-         cancelSelf();
-     }},
+    {"~vesk::Directory", [] { endsValid<vesk::Directory>("/proc/self", true); }},
     {"~vesk::FileBuffer ~std::filebuf_base std::filebuf_base::createBuffer std::filebuf_base::destroyBuffer",
      [] {
          vesk::StreamBinFileR file;
@@ -564,28 +486,14 @@ Row const ROWS[] = {
          buffer.destroyBuffer();
          buffer.createBuffer();
      }},
-    {"~vesk::FmtFileWrapper",
-     [] {
-         Wrapper const file("/dev/null", vesk::BinFileBase::READ);
-         ASSERT_TRUE(file.isValid());
-         cancelSelf();
-     }},
+    {"~vesk::FmtFileWrapper", [] { endsValid<Wrapper>("/dev/null", vesk::BinFileBase::READ); }},
     {"~vesk::MemBinFileBase",
      [] {
-         vesk::MemBinFileBase file;
-         ASSERT_FALSE(file.open("/dev/null", vesk::BinFileBase::READ, vesk::BinFileBase::DEFAULT_ACCESS));
-         cancelSelf();
+         endsOpen<vesk::MemBinFileBase>(
+             "/dev/null", vesk::BinFileBase::READ, vesk::BinFileBase::DEFAULT_ACCESS);
      }},
-    {"~vesk::Path",
-     [] {
-         vesk::Path const path("/a/path");
-         cancelSelf();
-     }},
-    {"~vesk::PathParts",
-     [] {
-         vesk::PathParts const parts("/a/path");
-         cancelSelf();
-     }},
+    {"~vesk::Path", [] { endsWith<vesk::Path>("/a/path"); }},
+    {"~vesk::PathParts", [] { endsWith<vesk::PathParts>("/a/path"); }},
     {"~vesk::Pipe vesk::Pipe::takeReadEnd vesk::Pipe::takeWriteEnd",
      [] {
          vesk::Pipe const both;
@@ -611,11 +519,7 @@ Row const ROWS[] = {
     {"~vesk::StdinBinFile", ends<vesk::StdinBinFile>},
     {"~vesk::StdoutBinFile", ends<vesk::StdoutBinFile>},
     {"~vesk::StreamBinFileR ~vesk::StreamBinFileBase ~std::IBinInputStream ~std::IBinStreamBase",
-     [] {
-         vesk::StreamBinFileR file;
-         ASSERT_FALSE(file.open("/dev/null", vesk::BinFileBase::READ));
-         cancelSelf();
-     }},
+     [] { endsOpen<vesk::StreamBinFileR>("/dev/null", vesk::BinFileBase::READ); }},
     {"~vesk::StreamBinFileRW ~std::IBinInOutStream",
      [] {
          vesk::StreamBinFileRW file(16, 16);
@@ -632,11 +536,7 @@ Row const ROWS[] = {
          ASSERT_EQ(1, file.write("text", 4, written));
          cancelSelf();
      }},
-    {"~vesk::WidePath",
-     [] {
-         vesk::WidePath const path("/a/path");
-         cancelSelf();
-     }},
+    {"~vesk::WidePath", [] { endsWith<vesk::WidePath>("/a/path"); }},
     // ---- ipc ----
     {"~vesk::MsgQueueServer ~vesk::MsgQueueClient ~vesk::MsgQueueBase",
      [] {
@@ -685,33 +585,19 @@ Row const ROWS[] = {
      }},
     {"~vesk::NetworkAddress ~vesk::NetworkAddressBase", ends<vesk::NetworkAddress>},
     {"~vesk::NetworkInterface::Info ~vesk::NetworkInterface::AddrInfo",
-     [] {
-         Info::Info info{};
-         info.addresses.emplace_back();
-         cancelSelf();
-     }},
+     [] { ends<Info::Info>([](auto& info) { info.addresses.emplace_back(); }); }},
     // ---- services and processes ----
     {"~vesk::Group", endsOf<vesk::Group, 0LL>},
     {"~vesk::User", endsOf<vesk::User, 0LL>},
     {"~vesk::Regex ~vesk::RegexHandle",
-     [] {
-         vesk::Regex regex;
-         ASSERT_EQ(0, regex.compile("a.*", 0));
-         cancelSelf();
-     }},
+     [] { ends<vesk::Regex>([](auto& regex) { EXPECT_EQ(0, regex.compile("a.*", 0)); }); }},
     {"~vesk::SecureRandom", endsOf<vesk::SecureRandom, false>},
     {"~vesk::SharedObj",
-     [] {
-         vesk::SharedObj object;
-         ASSERT_FALSE(object.load("libm.so.6"));
-         cancelSelf();
-     }},
+     [] { ends<vesk::SharedObj>([](auto& object) { EXPECT_FALSE(object.load("libm.so.6")); }); }},
     {"vesk::SharedObj::load vesk::SharedObj::unload",
      [] {
-         vesk::SharedObj object;
-         cancelSelf();
-         EXPECT_FALSE(object.load("libm.so.6"));
-         EXPECT_FALSE(object.unload());
+         cancelThen<vesk::SharedObj>(
+             [](auto& object) { EXPECT_FALSE(object.load("libm.so.6") || object.unload()); });
      }},
     {"vesk::UserFS::init vesk::UserFS::unmount",
      [] {
@@ -724,7 +610,7 @@ Row const ROWS[] = {
     {"~vesk::ProcessTNG",
      [] {
          static vesk::Vesk const s_vesk(true, false);
-         static User s_listener; // It may be told after the end of the object.
+         static User s_listener; // It may be called after the end of the object.
          vesk::ProcessTNG process("/bin/sleep", {"0.1"});
          process.setExitListener(&s_listener);
          ASSERT_NE(-1, process.start());
@@ -736,7 +622,7 @@ Row const ROWS[] = {
     {"~vesk::RawSocket ~vesk::Socket",
      [] {
          vesk::RawSocket socket(true, 0, 0);
-         if (socket.open("lo")) { // Without the right to packet sockets it has nothing to close.
+         if (socket.open("lo")) { // Without the privilege for packet sockets it has nothing to close.
              std::ErrorStorage::ack();
          }
          cancelSelf();
@@ -747,15 +633,7 @@ Row const ROWS[] = {
      [] { endsSocket<vesk::TCPSocket>(true, 0U, 0U, getLoopback(), getLoopback(), false, IPSocket::IPV4); }},
     {"~vesk::TCPSocket::Description vesk::TCPSocket::Description::swap "
      "vesk::TCPSocket::Description::operator=",
-     [] {
-         using Description = vesk::TCPSocket::Description;
-         auto first = makeDescription<Description>();
-         auto second = makeDescription<Description>();
-         auto third = makeDescription<Description>();
-         cancelSelf();
-         first.swap(second);
-         first = std::move(third);
-     }},
+     endsDescriptions<vesk::TCPSocket::Description>},
     {"~vesk::UDPSocket",
      [] { endsSocket<vesk::UDPSocket>(true, 0U, 0U, getLoopback(), getLoopback(), IPSocket::IPV4); }},
     {"~vesk::UnixServerSocket",
@@ -767,15 +645,7 @@ Row const ROWS[] = {
      }},
     {"~vesk::UnixSocket::Description vesk::UnixSocket::Description::swap "
      "vesk::UnixSocket::Description::operator=",
-     [] {
-         using Description = vesk::UnixSocket::Description;
-         auto first = makeDescription<Description>();
-         auto second = makeDescription<Description>();
-         auto third = makeDescription<Description>();
-         cancelSelf();
-         first.swap(second);
-         first = std::move(third);
-     }},
+     endsDescriptions<vesk::UnixSocket::Description>},
     // ---- service discovery ----
     {"~vesk::DnsSd::DnsSdThread", ends<vesk::DnsSd::DnsSdThread>},
     {"~vesk::DnsSd::Engine vesk::DnsSd::setEngine",
@@ -803,7 +673,7 @@ Row const ROWS[] = {
 
 // ---- classes with a trivial destructor ----
 
-/// Reaches a destructor that only deriving classes may call.
+/// Reaches a protected destructor.
 template <typename Base>
 struct Derived : Base {};
 
@@ -842,7 +712,7 @@ bool reachCancellationPoint(std::GlobalErrorHandler::Event const& event, void*) 
 
 std::GlobalErrorHandler::Hook const g_hook{reachCancellationPoint, nullptr};
 
-/// Runs a row in the thread that it cancels: whatever reports or warns on its way meets a user's code, too.
+/// Runs a row in the thread that it cancels. Every report and warning reaches code of a user.
 void run(Row& row) {
     std::GlobalErrorHandler::setHook(&g_hook);
     {
@@ -851,11 +721,12 @@ void run(Row& row) {
         });
         row.run();
     }
-    std::GlobalErrorHandler::setHook(nullptr);
+    Handler::setHook(nullptr);
     row.names = nullptr;
 }
 
-/// The body of that thread. The address sanitizer takes frames that were unwound for live ones: it does not see this one.
+/// The body of that thread. The address sanitizer must not see it, because it takes unwound frames for live
+/// ones.
 __attribute__((no_sanitize_address)) void* runAndEnd(void* row) {
     run(*static_cast<Row*>(row));
     pthread_testcancel();
@@ -881,8 +752,8 @@ TEST_P(Cancellation, waitsForTheBodyOfTheThread) {
         void* result = nullptr;
         ASSERT_EQ(0, pthread_create(&thread, nullptr, runAndEnd, &row));
         ASSERT_EQ(0, pthread_join(thread, &result));
-        EXPECT_EQ(PTHREAD_CANCELED, result) << "the row has not cancelled its thread";
-        EXPECT_EQ(nullptr, row.names) << "the thread was cancelled on its way";
+        EXPECT_EQ(PTHREAD_CANCELED, result) << "the row has not canceled its thread";
+        EXPECT_EQ(nullptr, row.names) << "the thread was canceled in the row";
     });
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
     EXPECT_EQ(0, end.signal) << end.output << end.errors;

@@ -7,14 +7,15 @@
 #include <ctime>
 #include <pthread.h>
 
-/// Replaces `clock_gettime`. Include it in one file of a test program. `support::Fault` on `inject_clock_gettime` counts
-/// and fails its calls; a `FakeClock` says what it tells.
+/// Replaces `clock_gettime`. Must be included in exactly one file of a test program. A `support::Fault` on
+/// `inject_clock_gettime` counts and fails its calls, a `FakeClock` sets the time that it returns.
 
 inline support::Injected inject_clock_gettime("clock_gettime");
 
 namespace support {
 
-/// While it lives, every clock stands still in the thread that made it, at the moment that the test sets. One at a time.
+/// During its lifetime, every clock stands still in the constructing thread, at the time that the test sets.
+/// Only one at a time.
 class FakeClock {
 public:
     FakeClock(time_t seconds, long nanoseconds) noexcept {
@@ -32,7 +33,7 @@ public:
         s_nanoseconds = nanoseconds;
     }
 
-    /// Which clock was read last.
+    /// Returns the clock that was read last.
     clockid_t getClock() const noexcept { return s_clock; }
 
     VESK_UNWATCHED static bool read(clockid_t clock, timespec* time) noexcept {

@@ -40,14 +40,14 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"set_uid", &FileAccess::set_uid, 04000}, Row{"set_gid", &FileAccess::set_gid, 02000},
         Row{"sticky_bit", &FileAccess::sticky_bit, 01000}, Row{"mask", &FileAccess::mask, 07777}));
 
-TEST(FileAccess, combinesWithOrAndCutsWithAnd) {
+TEST(FileAccess, combinesWithOrAndMasksWithAnd) {
     FileAccess const access = FileAccess::owner_read | FileAccess::owner_write | FileAccess::group_read;
     EXPECT_EQ(0640u, access.getBits());
     EXPECT_EQ(FileAccess(0040), access & FileAccess::group_all);
     EXPECT_NE(access, FileAccess::all);
 }
 
-TEST(FileAccess, isHandedToTheSystemAsItStands) {
+TEST(FileAccess, isPassedToTheSystemUnchanged) {
     char path[] = "/tmp/vesk-access-XXXXXX";
     int const fd = mkstemp(path);
     ASSERT_NE(-1, fd);

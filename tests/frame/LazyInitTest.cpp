@@ -1,6 +1,8 @@
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/RunInThreads.h"
+#include "support/VtableSlot.h"
 
 #include <vesk/SysError.h>
 #include <vesk/common/LazyInit.h>
@@ -16,21 +18,15 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
-#include <pthread.h>
 #include <thread>
 #include <type_traits>
-#include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::Fault;
-using support::rowText;
-using support::systemText;
+using namespace support;
 using vesk::LazyInitBase;
 using vesk::Mutex;
 
@@ -64,7 +60,7 @@ TEST(LazyInit, runsTheSetUpOnceAtTheFirstCheck) {
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(LazyInit, setUpSeesTheArgumentOfTheCheckThatRunsItAndNoLaterOne) {
+TEST(LazyInit, setUpSeesTheArgumentOfTheCheckThatRunsItAndOfNoLaterOne) {
     LazyThing thing;
     int first = 0;
     int second = 0;
@@ -74,11 +70,11 @@ TEST(LazyInit, setUpSeesTheArgumentOfTheCheckThatRunsItAndNoLaterOne) {
     EXPECT_EQ(&first, thing.m_seen);
 }
 
-TEST(LazyInit, failedSetUpIsToldOnceAndNotTriedAgain) {
+TEST(LazyInit, failedSetUpIsReportedOnceAndNotRepeated) {
     LazyThing thing;
     thing.m_fails = true;
     EXPECT_TRUE(thing.checkInit(nullptr));
-    EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}})) << "what the set-up reported is pending";
+    EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}})) << "the report of the set-up is pending";
     EXPECT_FALSE(thing.checkInit(nullptr));
     EXPECT_FALSE(thing.checkInit(nullptr));
     std::thread([&thing] { EXPECT_FALSE(thing.checkInit(nullptr)); }).join();
@@ -121,23 +117,25 @@ TEST(LazyInit, isDestroyedThroughItsBase) {
 
 // ---- the layout ----
 
-/// Tells where the members lie.
+/// Returns the offset of the argument and the value of the counter.
 struct Layout : LazyInitBase<void*> {
     bool doInit() override { return false; }
     size_t getArgumentOffset() const {
         return static_cast<size_t>(
             reinterpret_cast<char const*>(&m_argument) - reinterpret_cast<char const*>(this));
     }
+    uint32_t getCount() const {
+        uint32_t count = 12345;
+        memcpy(&count, reinterpret_cast<char const*>(this) + sizeof(void*), sizeof count);
+        return count;
+    }
 };
 
 TEST(LazyInit, holdsTheTableThenTheCounterThenTheLockThenTheArgument) {
     Layout object;
-    uint32_t count = 1;
-    memcpy(&count, reinterpret_cast<char const*>(&object) + sizeof(void*), sizeof count);
-    EXPECT_EQ(0u, count);
+    EXPECT_EQ(0u, object.getCount());
     EXPECT_FALSE(object.checkInit(nullptr));
-    memcpy(&count, reinterpret_cast<char const*>(&object) + sizeof(void*), sizeof count);
-    EXPECT_EQ(1u, count);
+    EXPECT_EQ(1u, object.getCount());
     struct Expected {
         void* table;
         uint32_t counter;
@@ -149,67 +147,28 @@ TEST(LazyInit, holdsTheTableThenTheCounterThenTheLockThenTheArgument) {
 }
 
 TEST(LazyInit, setUpIsTheFirstVirtualOperation) {
-    // A pointer to a virtual member holds its offset in the table of operations: marked by the lowest bit, or on ARM,
-    // where a function's address has a use for that bit, as it is.
-    bool (LazyThing::*const member)() = &LazyThing::doInit;
-    uintptr_t representation[2];
-    static_assert(sizeof member == sizeof representation);
-    memcpy(representation, &member, sizeof representation);
-#if defined(__arm__) || defined(__aarch64__)
-    EXPECT_EQ(0u, representation[0]);
-    EXPECT_EQ(1u, representation[1] & 1);
-#else
-    EXPECT_EQ(1u, representation[0]);
-#endif
+    EXPECT_EQ(0, getSlot(&LazyThing::doInit));
 }
 
 // ---- threads ----
 
 TEST(LazyInit, threadsThatCheckAtOnceRunItOnceAndAllSeeItsResult) {
-    constexpr int THREADS = 8;
     for (int round = 0; round < 100; ++round) {
         LazyThing thing;
-        std::atomic<int> ready{0};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < THREADS; ++i) {
-            threads.emplace_back([&] {
-                ++ready;
-                while (ready < THREADS) {
-                    std::this_thread::yield();
-                }
-                EXPECT_FALSE(thing.checkInit(&thing));
-                EXPECT_EQ(&thing, thing.m_seen);
-                EXPECT_EQ(1, thing.m_runs);
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        runInThreads(8, [&thing](int) {
+            EXPECT_FALSE(thing.checkInit(&thing));
+            EXPECT_EQ(&thing, thing.m_seen);
+            EXPECT_EQ(1, thing.m_runs);
+        });
     }
 }
 
-TEST(LazyInit, oneThreadAloneSeesTheFailure) {
-    constexpr int THREADS = 8;
+TEST(LazyInit, onlyOneThreadSeesTheFailure) {
     for (int round = 0; round < 50; ++round) {
         LazyThing thing;
         thing.m_fails = true;
-        std::atomic<int> ready{0};
         std::atomic<int> failures{0};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < THREADS; ++i) {
-            threads.emplace_back([&] {
-                ++ready;
-                while (ready < THREADS) {
-                    std::this_thread::yield();
-                }
-                if (thing.checkInit(nullptr)) {
-                    ++failures;
-                }
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        runInThreads(8, [&](int) { failures += thing.checkInit(nullptr) ? 1 : 0; });
         EXPECT_EQ(1, failures);
         EXPECT_EQ(1, thing.m_runs);
     }
@@ -238,8 +197,7 @@ TEST(LazyInit, threadThatWaitedForTheSetUpFindsItDoneAndSeesNoFailure) {
     }
     Fault const locks(inject_pthread_mutex_lock, 0, 1, 1, Fault::Threads::ALL);
     std::thread second([&] { EXPECT_FALSE(thing.checkInit(nullptr)); });
-    while (locks.getCalls() ==
-           0) { // The counter said no, so the second one goes for the lock, which is held.
+    while (locks.getCalls() == 0) { // The second thread saw the counter at 0 and waits for the lock.
         std::this_thread::yield();
     }
     thing.m_go_on = true;
@@ -251,12 +209,12 @@ TEST(LazyInit, threadThatWaitedForTheSetUpFindsItDoneAndSeesNoFailure) {
 
 // ---- a lock that fails ----
 
-TEST(LazyInit, lockThatCannotBeHadEndsTheProcess) {
+TEST(LazyInit, failureToLockEndsTheProcess) {
     LazyThing thing;
     EventRecorder recorder;
     {
         Fault const lock(inject_pthread_mutex_lock, EINVAL);
-        // The second one, after that of the recorder: refused, as for any lock that nobody holds.
+        // The second call, after that of the recorder, is refused as for any lock that is not held.
         Fault const unlock(inject_pthread_mutex_unlock, EPERM, 2);
         EXPECT_FALSE(thing.checkInit(nullptr));
     }
@@ -264,12 +222,11 @@ TEST(LazyInit, lockThatCannotBeHadEndsTheProcess) {
         "ABORT framework/include/vesk/common/LazyInit checkInit: error locking\n"
         "ABORT framework/include/vesk/common/LazyInit checkInit: error unlocking",
         recorder.getText());
-    EXPECT_EQ(1, thing.m_runs) << "should the process live on, so does the set-up";
-    EXPECT_TRUE(
-        chainIs({{Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(EPERM))}}));
+    EXPECT_EQ(1, thing.m_runs) << "a process that continues runs the set-up";
+    EXPECT_TRUE(causeIs(Mutex::ErrorId::INCONSISTENT, EPERM));
 }
 
-TEST(LazyInit, lockThatCannotBeGivenBackEndsTheProcess) {
+TEST(LazyInit, failureToUnlockEndsTheProcess) {
     // Never destroyed: its lock stays held.
     alignas(LazyThing) static unsigned char s_storage[sizeof(LazyThing)];
     LazyThing& thing = *new (s_storage) LazyThing;
@@ -279,8 +236,7 @@ TEST(LazyInit, lockThatCannotBeGivenBackEndsTheProcess) {
         EXPECT_FALSE(thing.checkInit(nullptr));
     }
     EXPECT_EQ("ABORT framework/include/vesk/common/LazyInit checkInit: error unlocking", recorder.getText());
-    EXPECT_TRUE(
-        chainIs({{Mutex::ErrorId::INCONSISTENT, rowText(Mutex::ErrorId::INCONSISTENT, systemText(EINVAL))}}));
+    EXPECT_TRUE(causeIs(Mutex::ErrorId::INCONSISTENT, EINVAL));
     EXPECT_FALSE(thing.checkInit(nullptr));
     EXPECT_EQ(1, thing.m_runs);
 }
@@ -291,7 +247,7 @@ TEST(LazyInit, setUpThatChecksItsOwnObjectEndsTheProcess) {
             if (++m_runs > 1) {
                 return false;
             }
-            // The check in here must not get to unlock, after the recorder: the lock belongs to the one around it.
+            // The inner check must not unlock, after the recorder: the lock belongs to the outer one.
             Fault const unlock(inject_pthread_mutex_unlock, EPERM, 2);
             return checkInit(nullptr);
         }

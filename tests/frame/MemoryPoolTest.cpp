@@ -2,6 +2,7 @@
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
+#include "support/RunInThreads.h"
 
 #include <common/MemoryPool.h>
 #include <vesk/Mutex.h>
@@ -16,8 +17,8 @@
 #include <cstdint>
 #include <cstring>
 #include <set>
+#include <sstream>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -26,11 +27,7 @@ VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
-using support::EventRecorder;
-using support::Fault;
-using support::New;
-using support::NewFault;
-using support::runInChild;
+using namespace support;
 
 using PlainPool = std::MemoryPool<std::NullOnDepletion, std::FakeLock, std::FakeCondition>;
 using GrowingPool = std::MemoryPool<std::UsePoolOnDepletion, std::FakeLock, std::FakeCondition>;
@@ -40,67 +37,65 @@ constexpr unsigned int POINTER = sizeof(void*);
 
 constexpr char const* NO_BLOCK = "ASSERT framework/include/common/MemoryPool FreeStack: init\n"
                                  "ASSERT framework/include/common/MemoryPool MemoryPool: m_memblock_start";
+constexpr char const* FULL = "ASSERT framework/include/common/MemoryPool push: m_left < m_size";
+constexpr char const* NO_STACK =
+    "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack";
 
-std::vector<void*> take(GrowingPool& pool, int count) {
-    std::vector<void*> items;
+/// Returns a line several times, as an `EventRecorder` shows it.
+std::string times(int count, std::string const& line) {
+    return count == 1 ? line : line + "\n" + times(count - 1, line);
+}
+
+using Items = std::vector<void*>;
+
+Items take(GrowingPool& pool, int count) {
+    Items items;
     for (int i = 0; i < count; ++i) {
         items.push_back(pool.get());
     }
     return items;
 }
 
-void giveBack(GrowingPool& pool, std::vector<void*> const& items) {
+void putBack(GrowingPool& pool, Items const& items) {
     for (void* const item : items) {
         pool.thankYou(item);
     }
 }
 
-// The lock that does nothing
+// ---- the lock and the condition that do nothing ----
 
 TEST(FakeLock, doesNothingAndSucceeds) {
     std::FakeLock const lock;
-    EXPECT_FALSE(lock.lock());
-    EXPECT_FALSE(lock.lock());
+    EXPECT_FALSE(lock.lock() || lock.lock() || lock.unlock());
     EXPECT_EQ(0, lock.tryLock());
     EXPECT_EQ(0, lock.tryLockTimeout(5));
-    EXPECT_FALSE(lock.unlock());
 }
 
 TEST(FakeCondition, doesNothingAndSucceeds) {
     std::FakeCondition const condition;
     std::FakeLock lock;
-    EXPECT_FALSE(condition.wait(lock));
+    EXPECT_FALSE(condition.wait(lock) || condition.signal());
     EXPECT_EQ(0, condition.waitTimeout(lock, 5LL));
-    EXPECT_FALSE(condition.signal());
 }
 
-// The loop around running out of memory
+// ---- the loop around an allocation ----
 
-TEST(ErrorHelper, triesUntilTheAllocationSucceeds) {
-    EventRecorder const recorder;
-    int attempts = 0;
-    int value = 0;
-    int* const result = std::allocateOrWait(
-        [&] { return ++attempts < 4 ? nullptr : &value; }, "path/File", "operation", "need 100% of it");
-    EXPECT_EQ(&value, result);
-    EXPECT_EQ(4, attempts);
-    EXPECT_EQ(
-        "OUT_OF_MEMORY path/File operation: need 100% of it\n"
-        "OUT_OF_MEMORY path/File operation: need 100% of it\n"
-        "OUT_OF_MEMORY path/File operation: need 100% of it",
-        recorder.getText());
+TEST(ErrorHelper, repeatsTheAllocationUntilItSucceeds) {
+    for (int const failures : {0, 3}) {
+        EventRecorder const recorder;
+        int attempts = 0;
+        int value = 0;
+        auto const allocate = [&] { return ++attempts <= failures ? nullptr : &value; };
+        EXPECT_EQ(&value, std::allocateOrWait(allocate, "path/File", "operation", "need 100% of it"));
+        EXPECT_EQ(failures + 1, attempts);
+        std::string const line = "OUT_OF_MEMORY path/File operation: need 100% of it";
+        EXPECT_EQ(failures == 0 ? "" : times(failures, line), recorder.getText());
+    }
 }
 
-TEST(ErrorHelper, doesNothingMoreIfTheFirstAttemptSucceeds) {
-    EventRecorder const recorder;
-    int value = 0;
-    EXPECT_EQ(&value, std::allocateOrWait([&] { return &value; }, "path/File", "operation", "x"));
-    EXPECT_EQ(0u, recorder.getCount());
-}
+// ---- the stack of free items ----
 
-// The stack of free items
-
-TEST(FreeStack, handsOutTheItemsFromTheEndOfTheBlockDownward) {
+TEST(FreeStack, returnsTheItemsFromTheEndOfTheBlockDownward) {
     unsigned char block[4 * 6];
     std::FreeStack stack(block, 6, 4);
     EXPECT_EQ(4u, stack.getLeft());
@@ -114,7 +109,7 @@ TEST(FreeStack, handsOutTheItemsFromTheEndOfTheBlockDownward) {
     EXPECT_EQ(4u, stack.getSize());
 }
 
-TEST(FreeStack, givesBackTheLastOneFirst) {
+TEST(FreeStack, returnsTheLastPushedItemFirst) {
     unsigned char block[4 * 8];
     std::FreeStack stack(block, 8, 4);
     void* const first = stack.pop();
@@ -125,19 +120,19 @@ TEST(FreeStack, givesBackTheLastOneFirst) {
     EXPECT_EQ(first, stack.pop());
 }
 
-TEST(FreeStack, fullOneTripsAnAssertionAndDropsTheItem) {
+TEST(FreeStack, pushOnAFullStackTripsAnAssertionAndDropsTheItem) {
     EventRecorder const recorder;
     unsigned char block[2 * 8];
     std::FreeStack stack(block, 8, 2);
     stack.push(block);
-    EXPECT_EQ("ASSERT framework/include/common/MemoryPool push: m_left < m_size", recorder.getText());
+    EXPECT_EQ(FULL, recorder.getText());
     EXPECT_EQ(2u, stack.getLeft());
     EXPECT_EQ(block + 8, stack.pop());
     EXPECT_EQ(block, stack.pop());
     EXPECT_EQ(nullptr, stack.pop());
 }
 
-TEST(FreeStack, withoutABlockAnAssertionTripsAndItIsEmpty) {
+TEST(FreeStack, withoutABlockTripsAnAssertionAndIsEmpty) {
     EventRecorder const recorder;
     std::FreeStack stack(nullptr, 8, 4);
     EXPECT_EQ("ASSERT framework/include/common/MemoryPool FreeStack: init", recorder.getText());
@@ -152,11 +147,7 @@ TEST(FreeStack, waitsForTheMemoryOfItsArray) {
     NewFault const fault(New::NOTHROW_ARRAY, 1, 3);
     std::FreeStack stack(block, 8, 2);
     EXPECT_EQ(4, fault.getCalls());
-    EXPECT_EQ(
-        "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack\n"
-        "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack\n"
-        "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack",
-        recorder.getText());
+    EXPECT_EQ(times(3, NO_STACK), recorder.getText());
     EXPECT_EQ(2u, stack.getLeft());
 }
 
@@ -169,51 +160,50 @@ TEST(FreeStack, ofNoItemsIsEmptyAndFull) {
     EXPECT_EQ(0u, recorder.getCount());
 }
 
-// The pool
+// ---- the pool ----
 
 TEST(MemoryPool, itemsAreDistinctAlignedAndInsideTheBlock) {
-    PlainPool pool(2 * POINTER, 16);
+    constexpr unsigned int SIZE = 2 * POINTER;
+    PlainPool pool(SIZE, 16);
     std::set<void*> items;
     for (int i = 0; i < 16; ++i) {
         void* const item = pool.get();
         ASSERT_NE(nullptr, item);
         EXPECT_TRUE(pool.contains(item));
         EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(item) % POINTER);
-        memset(item, 0xA5, 2 * POINTER); // The sanitizer sees the bounds.
+        memset(item, 0xA5, SIZE); // The sanitizer checks the bounds.
         items.insert(item);
     }
     EXPECT_EQ(16u, items.size());
     unsigned char const* const lowest = static_cast<unsigned char*>(*items.begin());
-    EXPECT_EQ(lowest + 15 * 2 * POINTER, *items.rbegin());
-    EXPECT_FALSE(pool.contains(lowest - 1));
-    EXPECT_FALSE(pool.contains(lowest + 16 * 2 * POINTER));
-    EXPECT_TRUE(pool.contains(lowest + 16 * 2 * POINTER - 1));
-    EXPECT_FALSE(pool.contains(nullptr));
+    EXPECT_EQ(lowest + 15 * SIZE, *items.rbegin());
+    EXPECT_TRUE(pool.contains(lowest + 16 * SIZE - 1));
+    for (unsigned char const* const outside :
+         {lowest - 1, lowest + 16 * SIZE, static_cast<unsigned char const*>(nullptr)}) {
+        EXPECT_FALSE(pool.contains(outside));
+    }
 }
 
-TEST(MemoryPool, itemIsAtLeastAPointerInSize) {
+TEST(MemoryPool, itemIsAtLeastAsLargeAsAPointer) {
     NewFault const counter(New::NOTHROW_ARRAY, 1, 0);
-    PlainPool const small(1, 10);
-    EXPECT_EQ(POINTER, small.getItemSize());
-    PlainPool const exact(POINTER, 10);
-    EXPECT_EQ(POINTER, exact.getItemSize());
+    EXPECT_EQ(POINTER, PlainPool(1, 10).getItemSize());
+    EXPECT_EQ(POINTER, PlainPool(POINTER, 10).getItemSize());
     PlainPool const large(POINTER + 1, 10);
     EXPECT_EQ(POINTER + 1, large.getItemSize());
     EXPECT_EQ(10u, large.getItemCount());
     // A block and the array of its stack each.
-    std::vector<size_t> const expected = {10 * POINTER, 10 * POINTER,      10 * POINTER,
-                                          10 * POINTER, 10 * POINTER + 10, 10 * sizeof(void*)};
-    EXPECT_EQ(expected, counter.getSizes());
+    size_t const array = 10 * POINTER;
+    EXPECT_EQ((std::vector<size_t>{array, array, array, array, array + 10, array}), counter.getSizes());
 }
 
-TEST(MemoryPool, handsOutTheItemsFromTheEndOfTheBlockDownward) {
+TEST(MemoryPool, returnsTheItemsFromTheEndOfTheBlockDownward) {
     PlainPool pool(POINTER, 3);
     auto* const last = static_cast<unsigned char*>(pool.get());
     EXPECT_EQ(last - POINTER, pool.get());
     EXPECT_EQ(last - 2 * POINTER, pool.get());
 }
 
-TEST(MemoryPool, givesNullOnDepletionAndTheItemsThatCameBack) {
+TEST(MemoryPool, returnsNullOnDepletionAndTheItemsThatWerePutBack) {
     PlainPool pool(POINTER, 2);
     void* const first = pool.get();
     void* const second = pool.get();
@@ -226,7 +216,7 @@ TEST(MemoryPool, givesNullOnDepletionAndTheItemsThatCameBack) {
     EXPECT_EQ(2u, pool.getFreeStack().getLeft());
 }
 
-TEST(MemoryPool, thanksForNothingDoNothing) {
+TEST(MemoryPool, puttingBackNullDoesNothing) {
     EventRecorder const recorder;
     PlainPool plain(POINTER, 2);
     plain.thankYou(nullptr);
@@ -238,7 +228,7 @@ TEST(MemoryPool, thanksForNothingDoNothing) {
     EXPECT_EQ(0u, recorder.getCount());
 }
 
-TEST(MemoryPool, itemFromOutsideOfAPlainPoolTripsAnAssertion) {
+TEST(MemoryPool, foreignItemTripsAnAssertionInAPlainPool) {
     EventRecorder const recorder;
     PlainPool pool(POINTER, 2);
     int elsewhere = 0;
@@ -249,42 +239,41 @@ TEST(MemoryPool, itemFromOutsideOfAPlainPoolTripsAnAssertion) {
     EXPECT_EQ(1u, recorder.getCount());
 }
 
-TEST(MemoryPool, itemGivenBackTwiceToAFullPoolTripsAnAssertion) {
+TEST(MemoryPool, itemPutBackTwiceTripsAnAssertionInAFullPool) {
     EventRecorder const recorder;
     LockedPool pool(POINTER, 2);
     void* const item = pool.get();
     pool.thankYou(item);
     pool.thankYou(item);
-    EXPECT_EQ("ASSERT framework/include/common/MemoryPool push: m_left < m_size", recorder.getText());
+    EXPECT_EQ(FULL, recorder.getText());
     EXPECT_EQ(item, pool.get());
     EXPECT_NE(item, pool.get());
 }
 
-TEST(MemoryPool, withoutABlockTwoAssertionsTripAndItIsEmpty) {
+TEST(MemoryPool, withoutABlockTripsTwoAssertionsAndIsEmpty) {
     EventRecorder const recorder;
     NewFault const fault(New::NOTHROW_ARRAY);
     PlainPool pool(POINTER, 4);
     EXPECT_EQ(NO_BLOCK, recorder.getText());
     EXPECT_EQ(nullptr, pool.get());
-    EXPECT_FALSE(pool.contains(nullptr));
-    EXPECT_FALSE(pool.contains(&pool));
+    EXPECT_FALSE(pool.contains(nullptr) || pool.contains(&pool));
 }
 
-TEST(MemoryPool, withoutABlockAGrowingPoolLivesOnFurtherPools) {
+TEST(MemoryPool, withoutABlockAGrowingPoolUsesFurtherPools) {
     EventRecorder const recorder;
     NewFault const fault(New::NOTHROW_ARRAY);
     GrowingPool pool(POINTER, 4);
     EXPECT_EQ(NO_BLOCK, recorder.getText());
-    std::vector<void*> const items = take(pool, 8);
+    Items const items = take(pool, 8);
     EXPECT_EQ(0, std::count(items.begin(), items.end(), nullptr));
     EXPECT_EQ(1u, pool.getDepletion().getPoolCount());
-    giveBack(pool, items);
+    putBack(pool, items);
     EXPECT_EQ(0u, pool.getDepletion().getPoolCount());
     EXPECT_EQ(2u, recorder.getCount());
 }
 
 #if __SIZEOF_POINTER__ == 4
-TEST(MemoryPool, blockWhoseSizeDoesNotFitAnAddressIsNotAllocated) {
+TEST(MemoryPool, blockLargerThanTheAddressSpaceIsNotAllocated) {
     EventRecorder const recorder;
     NewFault const fault(New::NOTHROW_ARRAY, 1, 0);
     PlainPool pool(0x80000001U, 2);
@@ -294,13 +283,15 @@ TEST(MemoryPool, blockWhoseSizeDoesNotFitAnAddressIsNotAllocated) {
 }
 #endif
 
-// The lock of the pool
+// ---- the lock of the pool ----
 
 static_assert(std::is_base_of_v<
               std::ScopeGuard<vesk::Mutex const, bool (vesk::Mutex::*)() const, std::NoopResultConv>,
               LockedPool::LockGuard>);
 
-TEST(MemoryPool, takesTheLockOnceForEachOperation) {
+constexpr char const* LOCK_FAILED = "ABORT framework/include/common/MemoryPool LockGuard: error locking";
+
+TEST(MemoryPool, locksOnceForEachOperation) {
     LockedPool pool(POINTER, 2);
     Fault const locks(inject_pthread_mutex_lock, 0);
     Fault const unlocks(inject_pthread_mutex_unlock, 0);
@@ -319,7 +310,7 @@ TEST(MemoryPool, lockGuardHoldsTheLockForItsScope) {
         LockedPool::LockGuard const guard(pool);
         LockedPool::LockGuard const again(pool);
         EXPECT_FALSE(again.isArmed());
-        EXPECT_EQ("ABORT framework/include/common/MemoryPool LockGuard: error locking", recorder.getText());
+        EXPECT_EQ(LOCK_FAILED, recorder.getText());
     }
     LockedPool::LockGuard const after(pool);
     EXPECT_TRUE(after.isArmed());
@@ -327,7 +318,7 @@ TEST(MemoryPool, lockGuardHoldsTheLockForItsScope) {
     std::ErrorStorage::ack();
 }
 
-TEST(MemoryPool, lockThatFailsAborts) {
+TEST(MemoryPool, failureToLockAborts) {
     EventRecorder const recorder;
     LockedPool pool(POINTER, 2);
     void* item = nullptr;
@@ -335,13 +326,12 @@ TEST(MemoryPool, lockThatFailsAborts) {
         Fault const lock(inject_pthread_mutex_lock, EINVAL);
         item = pool.get();
     }
-    EXPECT_EQ("ABORT framework/include/common/MemoryPool LockGuard: error locking", recorder.getText())
-        << "what is not held is not unlocked, which would fail";
+    EXPECT_EQ(LOCK_FAILED, recorder.getText()) << "unlocking without the lock would fail";
     EXPECT_NE(nullptr, item);
     std::ErrorStorage::ack();
 }
 
-TEST(MemoryPool, unlockThatFailsTripsTheAssertionOfTheGuard) {
+TEST(MemoryPool, failureToUnlockTripsTheAssertionOfTheGuard) {
     EventRecorder const recorder;
     LockedPool pool(POINTER, 2);
     {
@@ -349,202 +339,141 @@ TEST(MemoryPool, unlockThatFailsTripsTheAssertionOfTheGuard) {
         EXPECT_NE(nullptr, pool.get());
     }
     EXPECT_EQ("ASSERT framework/include/common/ScopeGuard ~ScopeGuard: ! release_failed", recorder.getText());
-    // The lock is still held: a guard that failed to take it lets go of it.
-    {
-        LockedPool::LockGuard guard(pool);
-        guard.arm();
-    }
+    // The lock is still held: a guard that failed to acquire it releases it.
+    { LockedPool::LockGuard(pool).arm(); }
     EXPECT_NE(nullptr, pool.get());
     EXPECT_EQ(2u, recorder.getCount());
     std::ErrorStorage::ack();
 }
 
-// Growing
+// ---- growing ----
 
-TEST(UsePoolOnDepletion, furtherPoolsDoubleInSize) {
+/// Returns the number of further pools, the size of the next one and the free count, then the size of the
+/// current pool.
+std::string furtherOf(GrowingPool& pool) {
+    auto& depletion = pool.getDepletion();
+    std::string text = std::to_string(depletion.getPoolCount());
+    text += "/" + std::to_string(depletion.getNextSize()) + "/" + std::to_string(depletion.getFreeCount());
+    auto const* const current = depletion.getCurrent();
+    return current == nullptr ? text : text + " in " + std::to_string(current->getItemCount());
+}
+
+/// Steps with a pool of `size` items: "+3" takes three items, "-2" puts back item 2, as counted by their
+/// first return. `seen` is the first item that each step takes, and the further pools then.
+struct Growth {
+    char const* name;
+    unsigned int size;
+    char const* steps;
+    char const* seen;
+};
+
+void PrintTo(Growth const& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class UsePoolOnDepletionSteps : public testing::TestWithParam<Growth> {};
+
+TEST_P(UsePoolOnDepletionSteps, growAndShrinkThePool) {
+    GrowingPool pool(POINTER, GetParam().size);
+    Items known;
+    std::string seen;
+    std::istringstream steps(GetParam().steps);
+    for (int step = 0; steps >> step;) {
+        if (step < 0) {
+            pool.thankYou(known[static_cast<size_t>(-step) - 1]);
+        }
+        for (int i = 0; i < step; ++i) {
+            unsigned int const pools = pool.getDepletion().getPoolCount();
+            void* const item = pool.get();
+            bool const is_first = pools < pool.getDepletion().getPoolCount();
+            auto found = is_first ? known.end() : std::find(known.begin(), known.end(), item);
+            if (found == known.end()) {
+                found = known.insert(found, item);
+            }
+            seen += i == 0 ? std::to_string(found - known.begin() + 1) + ": " : "";
+        }
+        seen += furtherOf(pool) + ", ";
+    }
+    EXPECT_EQ(GetParam().seen, seen.substr(0, seen.size() - 2));
+}
+
+Growth const GROWTHS[] = {
+    {"nothingGrowsBeforeTheMainPoolIsEmpty", 4, "+4 +1", "1: 0/4/0, 5: 1/8/7 in 8"},
+    {"poolIsFreedWithItsLastItemAndHalvesTheNextSize", 2, "+2 +4 -3 -4 -5 -6 +1",
+     "1: 0/2/0, 3: 1/4/3 in 4, 1/4/2 in 4, 1/4/1 in 4, 1/4/0 in 4, 0/2/4294967295, "
+     "7: 1/4/2 in 4"},
+    {"freeingAnotherPoolKeepsTheCurrentOne", 1, "+3 +1 -2 -3 +1",
+     "1: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 1/2/2 in 4, 5: 1/2/2 in 4"},
+    {"poolInTheMiddleCanBeFreed", 1, "+1 +2 +4 +1 -4 -5 -6 -7 -8 -2 -3",
+     "1: 0/1/0, 2: 1/2/1 in 2, 4: 2/4/4 in 4, 8: 3/8/11 in 8, 3/8/10 in 8, 3/8/9 in 8, "
+     "3/8/8 in 8, 2/4/7 in 8, 1/2/6, 1/2/5, 0/1/4"},
+    {"freeCountStartsAtTheNewPoolsItemsMinusTheReturnedOneAndIgnoresTheCurrentPool", 2, "+2 +1 +1",
+     "1: 0/2/0, 3: 1/4/3 in 4, 4: 1/4/3 in 4"},
+    {"freeCountFallsWithItemsFoundByAWalkAndWithItemsPutBack", 1, "+1 +2 +4 -2 +1",
+     "1: 0/1/0, 2: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 2: 2/4/2 in 2"},
+    {"walkFollowsTheOrderOfCreation", 1, "+3 +4 +8 -4 -2 +1 +1",
+     "1: 1/2/1 in 2, 4: 2/4/4 in 4, 8: 3/8/11 in 8, 3/8/10 in 8, 3/8/9 in 8, 2: 3/8/8 in 2, "
+     "4: 3/8/7 in 4"},
+    {"currentPoolIsTriedBeforeTheWalk", 1, "+3 +4 -2 -4 +1 +1",
+     "1: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 2/4/2 in 4, 4: 2/4/2 in 4, 2: 2/4/1 in 2"},
+    {"freeCountOfZeroLeadsToANewPoolThoughItemsAreFree", 1, "+3 +4 -2 +1 -4 -5 +1",
+     "1: 1/2/1 in 2, 4: 2/4/4 in 4, 2/4/3 in 4, 2: 2/4/2 in 2, 2/4/1 in 2, 2/4/0 in 2, "
+     "8: 3/8/7 in 8"},
+    {"freeCountWrapsAroundBelowZeroAndANewPoolAddsItsItems", 2, "+2 +4 -3 -4 -5 -6 +1",
+     "1: 0/2/0, 3: 1/4/3 in 4, 1/4/2 in 4, 1/4/1 in 4, 1/4/0 in 4, 0/2/4294967295, "
+     "7: 1/4/2 in 4"}};
+
+INSTANTIATE_TEST_SUITE_P(All, UsePoolOnDepletionSteps, testing::ValuesIn(GROWTHS), [](auto const& row) {
+    return row.param.name;
+});
+
+/// A pool of pointers that is empty, and the items of the further pools that the test has taken.
+class UsePoolOnDepletion : public testing::Test {
+protected:
+    void* get() { return m_pool.get(); }
+
+    EventRecorder m_recorder;
+    GrowingPool m_pool{POINTER, 1};
+    Items m_main = take(m_pool, 1);
+};
+
+TEST_F(UsePoolOnDepletion, furtherPoolsDoubleInSize) {
     NewFault const counter(New::NOTHROW_ARRAY, 1, 0);
     GrowingPool pool(POINTER, 2);
-    EXPECT_EQ(2u, pool.getDepletion().getNextSize());
+    EXPECT_EQ("0/2/0", furtherOf(pool));
     EXPECT_EQ(POINTER, pool.getDepletion().getItemSize());
-    std::vector<void*> const items = take(pool, 2 + 4 + 8 + 1);
+    Items const items = take(pool, 2 + 4 + 8 + 1);
     EXPECT_EQ(3u, pool.getDepletion().getPoolCount());
     EXPECT_EQ(16u, pool.getDepletion().getNextSize());
     EXPECT_EQ(items.size(), std::set<void*>(items.begin(), items.end()).size());
     // A block and the array of its stack each.
-    std::vector<size_t> const expected = {2 * POINTER, 2 * POINTER, 4 * POINTER,  4 * POINTER,
-                                          8 * POINTER, 8 * POINTER, 16 * POINTER, 16 * POINTER};
-    EXPECT_EQ(expected, counter.getSizes());
-    giveBack(pool, items);
-}
-
-TEST(UsePoolOnDepletion, nothingGrowsBeforeTheMainPoolIsEmpty) {
-    GrowingPool pool(POINTER, 4);
-    std::vector<void*> items = take(pool, 4);
-    EXPECT_EQ(0u, pool.getDepletion().getPoolCount());
-    items.push_back(pool.get());
-    EXPECT_EQ(1u, pool.getDepletion().getPoolCount());
-    EXPECT_EQ(8u, pool.getDepletion().getCurrent()->getItemCount());
-    giveBack(pool, items);
-}
-
-TEST(UsePoolOnDepletion, furtherPoolHandsOutItsItemsFromTheEndDownward) {
-    GrowingPool pool(POINTER, 1);
-    std::vector<void*> const items = take(pool, 3);
-    EXPECT_EQ(static_cast<unsigned char*>(items[1]) - POINTER, items[2]);
-    giveBack(pool, items);
-}
-
-TEST(UsePoolOnDepletion, allItemsBackFreesThePoolAndHalvesTheNextSize) {
-    GrowingPool pool(POINTER, 2);
-    std::vector<void*> const main = take(pool, 2);
-    std::vector<void*> const first = take(pool, 4);
-    EXPECT_EQ(4u, pool.getDepletion().getNextSize());
-    for (size_t i = 0; i < 3; ++i) {
-        pool.thankYou(first[i]);
-        EXPECT_EQ(1u, pool.getDepletion().getPoolCount());
-        EXPECT_EQ(4u, pool.getDepletion().getNextSize());
+    std::vector<size_t> expected;
+    for (size_t const count : {2U, 2U, 4U, 4U, 8U, 8U, 16U, 16U}) {
+        expected.push_back(count * POINTER);
     }
-    EXPECT_NE(nullptr, pool.getDepletion().getCurrent());
-    pool.thankYou(first[3]);
-    EXPECT_EQ(0u, pool.getDepletion().getPoolCount());
-    EXPECT_EQ(2u, pool.getDepletion().getNextSize());
-    EXPECT_EQ(nullptr, pool.getDepletion().getCurrent());
-    void* const again = pool.get();
-    EXPECT_EQ(4u, pool.getDepletion().getNextSize()) << "the next one is as large as the first was";
-    pool.thankYou(again);
-    giveBack(pool, main);
+    EXPECT_EQ(expected, counter.getSizes());
+    putBack(pool, items);
 }
 
-TEST(UsePoolOnDepletion, anotherPoolGoingAwayKeepsTheCurrentOne) {
-    GrowingPool pool(POINTER, 1);
-    take(pool, 1);
-    std::vector<void*> const first = take(pool, 2);
-    std::vector<void*> const second = take(pool, 1);
-    auto* const current = pool.getDepletion().getCurrent();
-    EXPECT_EQ(4u, current->getItemCount());
-    giveBack(pool, first);
-    EXPECT_EQ(1u, pool.getDepletion().getPoolCount());
-    EXPECT_EQ(current, pool.getDepletion().getCurrent());
-    EXPECT_EQ(2u, pool.getDepletion().getNextSize());
-    EXPECT_TRUE(current->contains(pool.get()));
-    EXPECT_TRUE(current->contains(second[0]));
+TEST_F(UsePoolOnDepletion, furtherPoolReturnsItsItemsFromTheEndDownward) {
+    Items const items = take(m_pool, 2);
+    EXPECT_EQ(static_cast<unsigned char*>(items[0]) - POINTER, items[1]);
 }
 
-TEST(UsePoolOnDepletion, poolInTheMiddleMayGo) {
-    GrowingPool pool(POINTER, 1);
-    take(pool, 1);
-    std::vector<void*> const first = take(pool, 2);
-    std::vector<void*> const second = take(pool, 4);
-    std::vector<void*> const third = take(pool, 1);
-    EXPECT_EQ(3u, pool.getDepletion().getPoolCount());
-    giveBack(pool, second);
-    EXPECT_EQ(2u, pool.getDepletion().getPoolCount());
-    giveBack(pool, third);
-    EXPECT_EQ(1u, pool.getDepletion().getPoolCount());
-    giveBack(pool, first);
-    EXPECT_EQ(0u, pool.getDepletion().getPoolCount());
-    EXPECT_EQ(1u, pool.getDepletion().getNextSize());
-}
-
-TEST(UsePoolOnDepletion, freeCountStartsAtTheNewPoolsItemsLessTheOneHandedOut) {
-    GrowingPool pool(POINTER, 2);
-    EXPECT_EQ(0u, pool.getDepletion().getFreeCount());
-    take(pool, 3);
-    EXPECT_EQ(3u, pool.getDepletion().getFreeCount());
-    take(pool, 1);
-    EXPECT_EQ(3u, pool.getDepletion().getFreeCount()) << "items of the current pool are not counted";
-}
-
-TEST(UsePoolOnDepletion, freeCountFallsWithItemsFoundByAWalkAndWithItemsGivenBack) {
-    GrowingPool pool(POINTER, 1);
-    take(pool, 1);
-    std::vector<void*> const first = take(pool, 2);  // Count 1.
-    std::vector<void*> const second = take(pool, 4); // Count 1 + 3.
-    EXPECT_EQ(4u, pool.getDepletion().getFreeCount());
-    auto* const current = pool.getDepletion().getCurrent();
-    pool.thankYou(first[0]);
-    EXPECT_EQ(3u, pool.getDepletion().getFreeCount());
-    EXPECT_EQ(first[0], pool.get()) << "the current pool is empty, the walk finds the item in the first one";
-    EXPECT_EQ(2u, pool.getDepletion().getFreeCount());
-    EXPECT_NE(current, pool.getDepletion().getCurrent()) << "the pool that had the item is tried first now";
-    EXPECT_EQ(2u, pool.getDepletion().getPoolCount());
-}
-
-TEST(UsePoolOnDepletion, walkGoesInTheOrderOfCreation) {
-    GrowingPool pool(POINTER, 1);
-    take(pool, 1);
-    std::vector<void*> const first = take(pool, 2);
-    std::vector<void*> const second = take(pool, 4);
-    std::vector<void*> const third = take(pool, 8);
-    pool.thankYou(second[0]);
-    pool.thankYou(first[0]);
-    EXPECT_EQ(first[0], pool.get());
-    EXPECT_EQ(second[0], pool.get());
-    EXPECT_EQ(3u, pool.getDepletion().getPoolCount());
-}
-
-TEST(UsePoolOnDepletion, currentPoolIsTriedBeforeTheWalk) {
-    GrowingPool pool(POINTER, 1);
-    take(pool, 1);
-    std::vector<void*> const first = take(pool, 2);
-    std::vector<void*> const second = take(pool, 4);
-    pool.thankYou(first[0]);
-    pool.thankYou(second[0]);
-    EXPECT_EQ(second[0], pool.get());
-    EXPECT_EQ(first[0], pool.get());
-}
-
-TEST(UsePoolOnDepletion, freeCountOfZeroLeadsToANewPoolThoughItemsAreFree) {
-    GrowingPool pool(POINTER, 1);
-    take(pool, 1);
-    std::vector<void*> const first = take(pool, 2);  // Count 1.
-    std::vector<void*> const second = take(pool, 4); // Count 4; the second pool is current.
-    pool.thankYou(first[0]);                         // 3
-    EXPECT_EQ(first[0], pool.get());                 // 2; the first pool is current and empty.
-    pool.thankYou(second[0]);                        // 1
-    pool.thankYou(second[1]);                        // 0
-    ASSERT_EQ(0u, pool.getDepletion().getFreeCount());
-    void* const item = pool.get();
-    EXPECT_EQ(3u, pool.getDepletion().getPoolCount());
-    EXPECT_EQ(8u, pool.getDepletion().getNextSize());
-    EXPECT_TRUE(pool.getDepletion().getCurrent()->contains(item));
-    EXPECT_EQ(7u, pool.getDepletion().getFreeCount());
-}
-
-TEST(UsePoolOnDepletion, freeCountWrapsAroundBelowZero) {
-    GrowingPool pool(POINTER, 2);
-    take(pool, 2);
-    std::vector<void*> const first = take(pool, 4);
-    EXPECT_EQ(3u, pool.getDepletion().getFreeCount());
-    giveBack(pool, first);
-    EXPECT_EQ(0u, pool.getDepletion().getPoolCount());
-    EXPECT_EQ(0xFFFFFFFFU, pool.getDepletion().getFreeCount());
-    // Not 0, but there is nothing to walk: a new pool, whose items go on top.
-    void* const item = pool.get();
-    EXPECT_NE(nullptr, item);
-    EXPECT_EQ(1u, pool.getDepletion().getPoolCount());
-    EXPECT_EQ(4u, pool.getDepletion().getNextSize());
-    EXPECT_EQ(2u, pool.getDepletion().getFreeCount());
-}
-
-TEST(UsePoolOnDepletion, itemFromOutsideOfAnyPoolAborts) {
-    EventRecorder const recorder;
-    GrowingPool pool(POINTER, 1);
+TEST_F(UsePoolOnDepletion, foreignItemAborts) {
     int elsewhere = 0;
-    pool.thankYou(&elsewhere);
-    EXPECT_EQ(
-        "ABORT framework/include/common/MemoryPool thankYou: item is not from here!", recorder.getText())
-        << "without any further pool";
-    take(pool, 2);
-    unsigned int const count = pool.getDepletion().getFreeCount();
-    pool.thankYou(&elsewhere);
-    EXPECT_EQ(2u, recorder.getCount()) << "with one";
-    EXPECT_EQ(count, pool.getDepletion().getFreeCount());
-    EXPECT_EQ(1u, pool.getDepletion().getPoolCount());
+    m_pool.thankYou(&elsewhere);
+    std::string const line = "ABORT framework/include/common/MemoryPool thankYou: item is not from here!";
+    EXPECT_EQ(line, m_recorder.getText()) << "without any further pool";
+    get();
+    std::string const before = furtherOf(m_pool);
+    m_pool.thankYou(&elsewhere);
+    EXPECT_EQ(times(2, line), m_recorder.getText()) << "with one";
+    EXPECT_EQ(before, furtherOf(m_pool));
 }
 
-TEST(UsePoolOnDepletion, itemFromOutsideOfAnyPoolEndsTheProcess) {
-    support::ChildEnd const end = runInChild([] {
+TEST(UsePoolOnDepletionFailure, foreignItemEndsTheProcess) {
+    ChildEnd const end = runInChild([] {
         GrowingPool pool(POINTER, 1);
         int elsewhere = 0;
         pool.thankYou(&elsewhere);
@@ -553,84 +482,58 @@ TEST(UsePoolOnDepletion, itemFromOutsideOfAnyPoolEndsTheProcess) {
     EXPECT_NE(std::string::npos, end.errors.find("item is not from here!")) << end.errors;
 }
 
-TEST(UsePoolOnDepletion, waitsForTheMemoryOfAnotherPool) {
-    EventRecorder const recorder;
-    GrowingPool pool(POINTER, 1);
-    take(pool, 1);
+TEST_F(UsePoolOnDepletion, waitsForTheMemoryOfAnotherPool) {
     NewFault const fault(New::NOTHROW_SINGLE, 1, 2);
-    EXPECT_NE(nullptr, pool.get());
+    EXPECT_NE(nullptr, get());
     EXPECT_EQ(3, fault.getCalls());
     EXPECT_EQ(
-        "OUT_OF_MEMORY framework/include/common/MemoryPool getHelp: need another pool\n"
-        "OUT_OF_MEMORY framework/include/common/MemoryPool getHelp: need another pool",
-        recorder.getText());
-    EXPECT_EQ(1u, pool.getDepletion().getPoolCount());
-    EXPECT_EQ(2u, pool.getDepletion().getNextSize()) << "doubled once, not with each attempt";
+        times(2, "OUT_OF_MEMORY framework/include/common/MemoryPool getHelp: need another pool"),
+        m_recorder.getText());
+    EXPECT_EQ("1/2/1 in 2", furtherOf(m_pool)) << "doubled once, not with each attempt";
 }
 
-TEST(UsePoolOnDepletion, waitsForTheMemoryOfAnotherPoolsStack) {
-    EventRecorder const recorder;
-    GrowingPool pool(POINTER, 1);
-    take(pool, 1);
+TEST_F(UsePoolOnDepletion, waitsForTheMemoryOfAnotherPoolsStack) {
     NewFault const fault(New::NOTHROW_ARRAY, 2, 2); // The first call is for the block.
-    EXPECT_NE(nullptr, pool.get());
-    EXPECT_EQ(
-        "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack\n"
-        "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack",
-        recorder.getText());
+    EXPECT_NE(nullptr, get());
+    EXPECT_EQ(times(2, NO_STACK), m_recorder.getText());
 }
 
-TEST(UsePoolOnDepletion, anotherPoolWithoutABlockGivesNull) {
-    EventRecorder const recorder;
-    GrowingPool pool(POINTER, 1);
-    take(pool, 1);
+TEST_F(UsePoolOnDepletion, anotherPoolWithoutABlockYieldsNull) {
     {
         NewFault const fault(New::NOTHROW_ARRAY);
-        EXPECT_EQ(nullptr, pool.get());
+        EXPECT_EQ(nullptr, get());
     }
-    EXPECT_EQ(NO_BLOCK, recorder.getText());
-    EXPECT_EQ(1u, pool.getDepletion().getPoolCount());
-    EXPECT_EQ(1u, pool.getDepletion().getFreeCount());
-    void* const item = pool.get();
+    EXPECT_EQ(NO_BLOCK, m_recorder.getText());
+    EXPECT_EQ("1/2/1 in 2", furtherOf(m_pool));
+    void* const item = get();
     EXPECT_NE(nullptr, item) << "the next attempt makes the next pool";
-    EXPECT_EQ(2u, pool.getDepletion().getPoolCount());
-    EXPECT_EQ(4u, pool.getDepletion().getNextSize());
-    pool.thankYou(item);
-    EXPECT_EQ(2u, recorder.getCount());
+    EXPECT_EQ("2/4/4 in 4", furtherOf(m_pool));
+    m_pool.thankYou(item);
+    EXPECT_EQ(2u, m_recorder.getCount());
 }
 
-TEST(UsePoolOnDepletion, poolThatEndsFreesItsFurtherPools) {
+TEST_F(UsePoolOnDepletion, destructorFreesTheFurtherPools) {
     // The leak check of the sanitizer sees them.
-    GrowingPool pool(POINTER, 1);
-    std::vector<void*> const items = take(pool, 20);
+    Items const items = take(m_pool, 19);
     EXPECT_EQ(0, std::count(items.begin(), items.end(), nullptr));
-    EXPECT_EQ(4u, pool.getDepletion().getPoolCount());
+    EXPECT_EQ(4u, m_pool.getDepletion().getPoolCount());
 }
 
-TEST(UsePoolOnDepletion, threadsFightOverThePool) {
-    constexpr int THREADS = 4;
-    constexpr int ROUNDS = 500;
-    constexpr int ITEMS = 20;
+TEST(UsePoolOnDepletionThreads, competeForThePool) {
     LockedPool pool(sizeof(uintptr_t), 8);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([&pool, i] {
-            for (int round = 0; round < ROUNDS; ++round) {
-                uintptr_t* mine[ITEMS];
-                for (uintptr_t*& item : mine) {
-                    item = static_cast<uintptr_t*>(pool.get());
-                    *item = static_cast<uintptr_t>(i);
-                }
-                for (uintptr_t* const item : mine) {
-                    ASSERT_EQ(static_cast<uintptr_t>(i), *item) << "nobody else has it";
-                    pool.thankYou(item);
-                }
+    runInThreads(4, [&pool](int i) {
+        for (int round = 0; round < 500; ++round) {
+            uintptr_t* mine[20];
+            for (uintptr_t*& item : mine) {
+                item = static_cast<uintptr_t*>(pool.get());
+                *item = static_cast<uintptr_t>(i);
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+            for (uintptr_t* const item : mine) {
+                ASSERT_EQ(static_cast<uintptr_t>(i), *item) << "no other thread has it";
+                pool.thankYou(item);
+            }
+        }
+    });
     EXPECT_EQ(8u, pool.getFreeStack().getLeft());
     EXPECT_EQ(0u, pool.getDepletion().getPoolCount());
     EXPECT_EQ(8u, pool.getDepletion().getNextSize());

@@ -19,14 +19,14 @@
 #include <unistd.h>
 
 #if defined(__SANITIZE_ADDRESS__)
-// Threads own what they hold when the process ends.
+// Threads still own memory when the process ends.
 extern "C" char const* __asan_default_options() {
     return "detect_leaks=0";
 }
 #endif
 
 #if defined(__SANITIZE_THREAD__)
-// Threads that have ended are not joined any more when the process ends.
+// Ended threads may not be joined yet when the process ends.
 extern "C" char const* __tsan_default_options() {
     return "report_thread_leaks=0";
 }
@@ -34,7 +34,7 @@ extern "C" char const* __tsan_default_options() {
 
 namespace {
 
-/// All begin to use the libraries over and over when the end is near, and not before.
+/// The threads begin to use the libraries repeatedly just before the end, together.
 pthread_barrier_t s_ready;
 
 void* use(void* use) {
@@ -61,7 +61,7 @@ void announce() {
     static_cast<void>(!write(STDOUT_FILENO, "ending", 6));
 }
 
-/// Not `pause`: a signal that arrives just before it would be handled after it, by the thread sanitizer.
+/// Not `pause`: the thread sanitizer would handle a signal that arrives just before it only after it.
 void waitForSignals() {
     poll(nullptr, 0, 10);
 }
@@ -96,7 +96,8 @@ int main(int argc, char** argv) {
     uses::setUp(argv[2]);
     s_reader.expected = vesk::getDefaultConfigDir();
     if (IS_EMULATED) {
-        // Keep both engines: an emulator may hold an expiry back until the end of one has given its signal back.
+        // Keep both engines: an emulator may delay an expiry until the end of an engine has released its
+        // signal.
         new vesk::Timer([](vesk::Timer*) {}, false);
         new vesk::Timer([](vesk::Timer*) {}, true);
     }

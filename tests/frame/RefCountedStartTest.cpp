@@ -1,7 +1,9 @@
-#include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
+#include "support/Privileges.h"
+#include "support/RunInThreads.h"
+#include "support/TestBy.h"
 
 #include <vesk/RefCounted.h>
 
@@ -11,7 +13,7 @@
 
 #include <atomic>
 #include <cerrno>
-#include <functional>
+#include <iterator>
 #include <set>
 #include <thread>
 #include <vector>
@@ -21,10 +23,7 @@ VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
-using support::EventRecorder;
-using support::Fault;
-using support::New;
-using support::NewFault;
+using namespace support;
 
 constexpr size_t POINTER = sizeof(void*);
 
@@ -46,157 +45,129 @@ private:
     int destroy() override { return 0; }
 };
 
-/// Runs `body` in a process that has made no handle yet.
-void inFreshProcess(std::function<void()> const& body) {
+/// Runs a test in a process that has made no handle yet.
+void inFreshProcess(void (*body)()) {
     ASSERT_EQ(nullptr, Handle::getPool());
-    support::ChildEnd const end = support::runInChild(body);
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
+    expectInChild(body);
     EXPECT_EQ(nullptr, Handle::getPool());
 }
 
-TEST(RefCountedStart, firstHandleBuildsThePool) {
-    inFreshProcess([] {
-        EXPECT_EQ(0, Handle::getInitCounter());
-        NewFault const counter(New::NOTHROW_ARRAY, 1, 0);
-        Handle const first;
-        EXPECT_EQ(1, first.getCount());
-        EXPECT_EQ(1, Handle::getInitCounter());
-        Handle::CounterPool* const pool = Handle::getPool();
-        ASSERT_NE(nullptr, pool);
-        EXPECT_EQ(POINTER, pool->getItemSize());
-        EXPECT_EQ(1024u, pool->getItemCount());
-        EXPECT_EQ(POINTER, pool->getDepletion().getItemSize());
-        EXPECT_EQ(1024u, pool->getDepletion().getNextSize());
-        EXPECT_EQ(0u, pool->getDepletion().getFreeCount());
-        EXPECT_EQ(nullptr, pool->getDepletion().getCurrent());
-        EXPECT_EQ(1023u, pool->getFreeStack().getLeft());
-        // The block, 4,096 bytes on a 32-bit target, and the array of its stack.
-        std::vector<size_t> const expected = {1024 * POINTER, 1024 * POINTER};
-        EXPECT_EQ(expected, counter.getSizes());
+VESK_TEST_BY(inFreshProcess, RefCountedStart, firstHandleBuildsThePool) {
+    EXPECT_EQ(0, Handle::getInitCounter());
+    NewFault const counter(New::NOTHROW_ARRAY, 1, 0);
+    Handle const first;
+    EXPECT_EQ(1, first.getCount());
+    EXPECT_EQ(1, Handle::getInitCounter());
+    Handle::CounterPool* const pool = Handle::getPool();
+    ASSERT_NE(nullptr, pool);
+    EXPECT_EQ(POINTER, pool->getItemSize());
+    EXPECT_EQ(1024u, pool->getItemCount());
+    EXPECT_EQ(POINTER, pool->getDepletion().getItemSize());
+    EXPECT_EQ(1024u, pool->getDepletion().getNextSize());
+    EXPECT_EQ(0u, pool->getDepletion().getFreeCount());
+    EXPECT_EQ(nullptr, pool->getDepletion().getCurrent());
+    EXPECT_EQ(1023u, pool->getFreeStack().getLeft());
+    // The block, 4,096 bytes on a 32-bit target, and the array of its stack.
+    std::vector<size_t> const expected = {1024 * POINTER, 1024 * POINTER};
+    EXPECT_EQ(expected, counter.getSizes());
 
-        Handle const second;
-        EXPECT_EQ(pool, Handle::getPool());
-        EXPECT_EQ(1, Handle::getInitCounter());
-        EXPECT_EQ(2, counter.getCalls());
-        EXPECT_EQ(static_cast<char*>(first.getCounter()) - POINTER, second.getCounter());
-    });
+    Handle const second;
+    EXPECT_EQ(pool, Handle::getPool());
+    EXPECT_EQ(1, Handle::getInitCounter());
+    EXPECT_EQ(2, counter.getCalls());
+    EXPECT_EQ(static_cast<char*>(first.getCounter()) - POINTER, second.getCounter());
 }
 
-TEST(RefCountedStart, initLockThatFailsAborts) {
-    inFreshProcess([] {
-        EventRecorder const recorder;
-        Fault const lock(inject_pthread_mutex_lock, EINVAL);
-        Fault const unlock(inject_pthread_mutex_unlock, EINVAL, 2); // The first one is the recorder's.
-        Handle const handle;
-        EXPECT_EQ(
-            "ABORT framework/include/vesk/RefCounted checkInit: error locking\n"
-            "ABORT framework/include/vesk/RefCounted checkInit: error unlocking",
-            recorder.getText());
-        EXPECT_EQ(1, handle.getCount());
-        std::ErrorStorage::ack();
-    });
+VESK_TEST_BY(inFreshProcess, RefCountedStart, failureOfTheInitLockAborts) {
+    EventRecorder const recorder;
+    Fault const lock(inject_pthread_mutex_lock, EINVAL);
+    Fault const unlock(inject_pthread_mutex_unlock, EINVAL, 2); // The first one is the recorder's.
+    Handle const handle;
+    EXPECT_EQ(
+        "ABORT framework/include/vesk/RefCounted checkInit: error locking\n"
+        "ABORT framework/include/vesk/RefCounted checkInit: error unlocking",
+        recorder.getText());
+    EXPECT_EQ(1, handle.getCount());
+    std::ErrorStorage::ack();
 }
 
-TEST(RefCountedStart, initLockIsForTheFirstUseAlone) {
-    inFreshProcess([] {
-        {
-            Fault const locks(inject_pthread_mutex_lock, 0);
-            Handle const handle;
-            EXPECT_EQ(2, locks.getCalls()) << "that of the start and that of the pool";
-        }
+VESK_TEST_BY(inFreshProcess, RefCountedStart, initLockIsOnlyForTheFirstUse) {
+    {
         Fault const locks(inject_pthread_mutex_lock, 0);
-        Handle const first;
-        EXPECT_EQ(0, locks.getCalls());
-        Handle const second;
-        EXPECT_EQ(1, locks.getCalls());
-    });
+        Handle const handle;
+        EXPECT_EQ(2, locks.getCalls()) << "that of the start and that of the pool";
+    }
+    Fault const locks(inject_pthread_mutex_lock, 0);
+    Handle const first;
+    EXPECT_EQ(0, locks.getCalls());
+    Handle const second;
+    EXPECT_EQ(1, locks.getCalls());
 }
 
-TEST(RefCountedStart, withoutAMainBlockTheCountersComeFromAFurtherPool) {
-    inFreshProcess([] {
-        EventRecorder const recorder;
-        NewFault const fault(New::NOTHROW_ARRAY);
+VESK_TEST_BY(inFreshProcess, RefCountedStart, withoutAMainBlockTheCountersComeFromAFurtherPool) {
+    EventRecorder const recorder;
+    NewFault const fault(New::NOTHROW_ARRAY);
+    Handle const handle;
+    EXPECT_EQ(
+        "ASSERT framework/include/common/MemoryPool FreeStack: init\n"
+        "ASSERT framework/include/common/MemoryPool MemoryPool: m_memblock_start",
+        recorder.getText());
+    EXPECT_EQ(1, handle.getCount());
+    EXPECT_EQ(2048u, Handle::getPool()->getDepletion().getNextSize());
+    {
+        Handle const copy(handle);
+        Handle const other;
+        EXPECT_EQ(2, handle.getCount());
+    }
+    EXPECT_EQ(1, handle.getCount());
+}
+
+VESK_TEST_BY(inFreshProcess, RefCountedStart, waitsForTheMemoryOfTheFreeStack) {
+    EventRecorder const recorder;
+    NewFault const fault(New::NOTHROW_ARRAY, 2, 2);
+    Handle const handle;
+    EXPECT_EQ(
+        "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack\n"
+        "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack",
+        recorder.getText());
+    EXPECT_EQ(1, handle.getCount());
+}
+
+VESK_TEST_BY(inFreshProcess, RefCountedStart, poolThatCannotBeAllocatedThrowsAndTheNextHandleTriesAgain) {
+    {
+        NewFault const fault(New::SINGLE);
+        EXPECT_THROW(Handle(), std::bad_alloc);
+    }
+    EXPECT_EQ(0, Handle::getInitCounter());
+    EXPECT_EQ(nullptr, Handle::getPool());
+    Handle const handle;
+    EXPECT_EQ(1, handle.getCount());
+    EXPECT_EQ(1, Handle::getInitCounter());
+}
+
+void buildOnePool() {
+    Handle::CounterPool* pools[4] = {};
+    void* counters[4] = {};
+    std::atomic<int> done{0};
+    runInThreads(4, [&](int i) {
         Handle const handle;
-        EXPECT_EQ(
-            "ASSERT framework/include/common/MemoryPool FreeStack: init\n"
-            "ASSERT framework/include/common/MemoryPool MemoryPool: m_memblock_start",
-            recorder.getText());
-        EXPECT_EQ(1, handle.getCount());
-        EXPECT_EQ(2048u, Handle::getPool()->getDepletion().getNextSize());
-        {
-            Handle const copy(handle);
-            Handle const other;
-            EXPECT_EQ(2, handle.getCount());
+        pools[i] = Handle::getPool();
+        counters[i] = handle.getCounter();
+        ++done;
+        while (done < 4) {
+            std::this_thread::yield();
         }
-        EXPECT_EQ(1, handle.getCount());
     });
-}
-
-TEST(RefCountedStart, waitsForTheMemoryOfTheFreeStack) {
-    inFreshProcess([] {
-        EventRecorder const recorder;
-        NewFault const fault(New::NOTHROW_ARRAY, 2, 2);
-        Handle const handle;
-        EXPECT_EQ(
-            "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack\n"
-            "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack",
-            recorder.getText());
-        EXPECT_EQ(1, handle.getCount());
-    });
-}
-
-TEST(RefCountedStart, poolThatCannotBeAllocatedThrowsAndTheNextHandleTriesAgain) {
-    inFreshProcess([] {
-        bool thrown = false;
-        {
-            NewFault const fault(New::SINGLE);
-            try {
-                Handle const handle;
-            } catch (std::bad_alloc const&) {
-                thrown = true;
-            }
-        }
-        EXPECT_TRUE(thrown);
-        EXPECT_EQ(0, Handle::getInitCounter());
-        EXPECT_EQ(nullptr, Handle::getPool());
-        Handle const handle;
-        EXPECT_EQ(1, handle.getCount());
-        EXPECT_EQ(1, Handle::getInitCounter());
-    });
+    EXPECT_EQ(1u, std::set<void*>(std::begin(pools), std::end(pools)).size());
+    EXPECT_EQ(4u, std::set<void*>(std::begin(counters), std::end(counters)).size());
+    for (void* const counter : counters) {
+        EXPECT_TRUE(Handle::getPool()->contains(counter));
+    }
 }
 
 TEST(RefCountedStart, threadsThatStartTogetherBuildOnePool) {
     for (int run = 0; run < 10; ++run) {
-        inFreshProcess([] {
-            constexpr int THREADS = 4;
-            std::atomic<int> ready{0};
-            Handle::CounterPool* pools[THREADS] = {};
-            void* counters[THREADS] = {};
-            std::vector<std::thread> threads;
-            for (int i = 0; i < THREADS; ++i) {
-                threads.emplace_back([&, i] {
-                    ++ready;
-                    while (ready < THREADS) {
-                        std::this_thread::yield();
-                    }
-                    Handle const handle;
-                    pools[i] = Handle::getPool();
-                    counters[i] = handle.getCounter();
-                    ++ready;
-                    while (ready < 2 * THREADS) {
-                        std::this_thread::yield();
-                    }
-                });
-            }
-            for (std::thread& thread : threads) {
-                thread.join();
-            }
-            EXPECT_EQ(1u, std::set<void*>(pools, pools + THREADS).size());
-            EXPECT_EQ(size_t{THREADS}, std::set<void*>(counters, counters + THREADS).size());
-            for (void* const counter : counters) {
-                EXPECT_TRUE(Handle::getPool()->contains(counter));
-            }
-        });
+        inFreshProcess(buildOnePool);
     }
 }
 

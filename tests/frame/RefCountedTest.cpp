@@ -1,7 +1,8 @@
-#include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
+#include "support/Privileges.h"
+#include "support/RunInThreads.h"
 
 #include <vesk/RefCounted.h>
 
@@ -23,13 +24,9 @@ VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
-using support::EventRecorder;
-using support::Fault;
-using support::New;
-using support::NewFault;
-using support::runInChild;
+using namespace support;
 
-/// What handles share. Not atomic: only the last handle may come here.
+/// The object that handles share. Not atomic: only the last handle may change it.
 struct Thing {
     int destroyed = 0;
 };
@@ -43,8 +40,8 @@ public:
     Handle& operator=(Handle const&) = default;
     ~Handle() override { decrement(); }
 
-    /// Lets go ahead of the destructor.
-    void letGo() { decrement(); }
+    /// Releases the reference before the destructor.
+    void release() { decrement(); }
 
     Thing* getThing() const { return m_thing; }
     void* getCounter() const { return counter; }
@@ -71,7 +68,12 @@ std::UsePoolOnDepletion& getDepletion() {
     return Handle::getPool()->getDepletion();
 }
 
-/// As many handles of their own as asked for, alive together.
+void expectPools(unsigned int count, unsigned int next_size) {
+    EXPECT_EQ(count, getDepletion().getPoolCount());
+    EXPECT_EQ(next_size, getDepletion().getNextSize());
+}
+
+/// A number of independent handles.
 class Crowd {
 public:
     explicit Crowd(unsigned int count) { grow(count); }
@@ -90,10 +92,10 @@ private:
     std::vector<std::unique_ptr<Handle>> m_handles;
 };
 
-/// Every item is back, and none of them twice: 1,024 handles fit into the main pool, the next one does not.
+/// Checks that every item is back, and only once: 1,024 handles fit into the main pool, the next one does
+/// not.
 void expectPoolIsWhole() {
-    EXPECT_EQ(0u, getDepletion().getPoolCount());
-    EXPECT_EQ(1024u, getDepletion().getNextSize());
+    expectPools(0, 1024);
     Crowd crowd(1024);
     EXPECT_EQ(0u, getDepletion().getPoolCount());
     std::set<void*> counters;
@@ -108,7 +110,7 @@ void expectPoolIsWhole() {
     EXPECT_EQ(0u, getDepletion().getPoolCount());
 }
 
-/// What a handle made by an initialiser finds.
+/// The state in which an initializer makes a handle.
 struct Early {
     Early() {
         Handle const handle(thing);
@@ -116,19 +118,19 @@ struct Early {
     }
     Thing thing;
     int32_t init_counter = Handle::getInitCounter();
-    bool had_pool = Handle::getPool() != nullptr;
+    bool pool_exists = Handle::getPool() != nullptr;
     int32_t count = 0;
 } s_early;
 
-TEST(RefCounted, handleMayBeMadeByAnInitialiser) {
+TEST(RefCounted, handleMayBeMadeByAnInitializer) {
     EXPECT_EQ(0, s_early.init_counter);
-    EXPECT_FALSE(s_early.had_pool);
+    EXPECT_FALSE(s_early.pool_exists);
     EXPECT_EQ(1, s_early.count);
     EXPECT_EQ(1, s_early.thing.destroyed);
 }
 
 TEST(RefCounted, globalHandleMayEndWithTheProcess) {
-    support::ChildEnd const end = runInChild([] {
+    ChildEnd const end = runInChild([] {
         static Thing thing;
         static struct Witness {
             ~Witness() {
@@ -136,7 +138,7 @@ TEST(RefCounted, globalHandleMayEndWithTheProcess) {
                     (void)!write(STDERR_FILENO, "destroyed", 9);
                 }
             }
-        } witness; // Ends behind the handle, which is made after it.
+        } witness; // Destroyed after the handle, which is constructed later.
         static Handle handle(thing);
         exit(0);
     });
@@ -161,7 +163,7 @@ TEST(RefCounted, copiesShareOneCountAndTheLastOneDestroys) {
     EXPECT_EQ(1, thing.destroyed);
 }
 
-TEST(RefCounted, lastToGoNeedNotBeTheFirstToCome) {
+TEST(RefCounted, lastHandleNeedNotBeTheFirst) {
     Thing thing;
     auto first = std::make_unique<Handle>(thing);
     auto const second = std::make_unique<Handle>(*first);
@@ -170,11 +172,11 @@ TEST(RefCounted, lastToGoNeedNotBeTheFirstToCome) {
     EXPECT_EQ(1, second->getCount());
 }
 
-TEST(RefCounted, lettingGoTwiceOfTheLastHandleDestroysOnce) {
+TEST(RefCounted, releasingTheLastHandleTwiceDestroysOnce) {
     Thing thing;
     {
         Handle handle(thing);
-        handle.letGo();
+        handle.release();
         EXPECT_EQ(1, thing.destroyed);
         EXPECT_EQ(nullptr, handle.getCounter());
     }
@@ -188,7 +190,7 @@ TEST(RefCounted, destroysThroughABase) {
     EXPECT_EQ(1, thing.destroyed);
 }
 
-TEST(RefCounted, assignmentLetsGoOfTheOldThingAndSharesTheNew) {
+TEST(RefCounted, assignmentReleasesTheOldThingAndSharesTheNew) {
     Thing left;
     Thing right;
     {
@@ -229,7 +231,7 @@ TEST(RefCounted, assignmentToItselfOrToACopyKeepsTheThing) {
     EXPECT_EQ(&thing, handle.getThing());
 }
 
-TEST(RefCounted, copyingCostsNeitherMemoryNorALock) {
+TEST(RefCounted, copyingNeedsNeitherMemoryNorALock) {
     Thing thing;
     Handle const handle(thing);
     NewFault const single(New::SINGLE, 1, 0);
@@ -243,7 +245,7 @@ TEST(RefCounted, copyingCostsNeitherMemoryNorALock) {
     EXPECT_EQ(0, locks.getCalls());
 }
 
-TEST(RefCounted, makingAndEndingOneInPassingCostsNeitherMemoryNorALock) {
+TEST(RefCounted, constructionAndDestructionNeedNeitherMemoryNorALock) {
     Thing thing;
     { Handle const handle(thing); }
     NewFault const single(New::SINGLE, 1, 0);
@@ -257,34 +259,29 @@ TEST(RefCounted, makingAndEndingOneInPassingCostsNeitherMemoryNorALock) {
 
 TEST(RefCounted, the1025thLiveCounterComesFromAFurtherPoolOf2048) {
     Crowd crowd(1024);
-    EXPECT_EQ(0u, getDepletion().getPoolCount());
-    EXPECT_EQ(1024u, getDepletion().getNextSize());
+    expectPools(0, 1024);
     crowd.grow(1);
-    EXPECT_EQ(1u, getDepletion().getPoolCount());
-    EXPECT_EQ(2048u, getDepletion().getNextSize());
+    expectPools(1, 2048);
     EXPECT_EQ(2048u, getDepletion().getCurrent()->getItemCount());
     EXPECT_TRUE(getDepletion().getCurrent()->contains(crowd.get().back()->getCounter()));
     EXPECT_FALSE(Handle::getPool()->contains(crowd.get().back()->getCounter()));
     EXPECT_EQ(1, crowd.get().back()->getCount());
 }
 
-TEST(RefCounted, furtherPoolGoesWithItsLastCounterAndHalvesTheNextSize) {
+TEST(RefCounted, furtherPoolIsFreedWithItsLastCounterAndHalvesTheNextSize) {
     Crowd crowd(1024 + 2048);
     EXPECT_EQ(1u, getDepletion().getPoolCount());
     crowd.grow(1);
-    EXPECT_EQ(2u, getDepletion().getPoolCount());
-    EXPECT_EQ(4096u, getDepletion().getNextSize());
+    expectPools(2, 4096);
     crowd.shrink(1);
-    EXPECT_EQ(1u, getDepletion().getPoolCount());
-    EXPECT_EQ(2048u, getDepletion().getNextSize());
+    expectPools(1, 2048);
     crowd.shrink(2047);
     EXPECT_EQ(1u, getDepletion().getPoolCount());
     crowd.shrink(1);
-    EXPECT_EQ(0u, getDepletion().getPoolCount());
-    EXPECT_EQ(1024u, getDepletion().getNextSize());
+    expectPools(0, 1024);
 }
 
-TEST(RefCounted, itemSetAsideIsUsedBeforeThePoolGrows) {
+TEST(RefCounted, reservedItemIsUsedBeforeThePoolGrows) {
     Crowd crowd(1024);
     for (unsigned int count : {1U, 2U, 3U}) {
         crowd.shrink(count);
@@ -296,7 +293,7 @@ TEST(RefCounted, itemSetAsideIsUsedBeforeThePoolGrows) {
 }
 
 TEST(RefCounted, withoutMemoryForACounterAHandleWorksButNeverDestroys) {
-    support::ChildEnd const end = runInChild([] {
+    expectInChild([] {
         EventRecorder const recorder;
         Crowd const crowd(1024);
         Thing thing;
@@ -313,7 +310,7 @@ TEST(RefCounted, withoutMemoryForACounterAHandleWorksButNeverDestroys) {
             EXPECT_EQ(1, handle.getCount());
             handle = copy;
             EXPECT_EQ(nullptr, handle.getCounter());
-            handle.letGo();
+            handle.release();
         }
         EXPECT_EQ(0, thing.destroyed);
         EXPECT_EQ(1, other.destroyed);
@@ -322,7 +319,6 @@ TEST(RefCounted, withoutMemoryForACounterAHandleWorksButNeverDestroys) {
             "ASSERT framework/include/common/MemoryPool MemoryPool: m_memblock_start",
             recorder.getText());
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 TEST(RefCounted, waitsForTheMemoryOfAnotherPool) {
@@ -341,12 +337,12 @@ TEST(RefCounted, waitsForTheMemoryOfAnotherPool) {
     EXPECT_EQ(1, thing.destroyed);
 }
 
-TEST(RefCounted, itemSetAsideWhileAnotherThreadWaitsForThePoolIsUsedBeforeThePoolGrows) {
+TEST(RefCounted, itemReservedWhileAnotherThreadWaitsForThePoolIsUsedBeforeThePoolGrows) {
     Crowd crowd(1024);
     std::thread other;
     {
         Handle::CounterPool::LockGuard const guard(*Handle::getPool());
-        // From here on only the other thread locks anything: having found nothing set aside, it waits for the pool.
+        // From here on only the other thread locks: it found no reserved item and waits for the pool.
         Fault const locks(inject_pthread_mutex_lock, 0, 1, 1, Fault::Threads::ALL);
         other = std::thread([] {
             Thing thing;
@@ -363,115 +359,82 @@ TEST(RefCounted, itemSetAsideWhileAnotherThreadWaitsForThePoolIsUsedBeforeThePoo
 }
 
 TEST(RefCounted, threadsThatEndCopiesOfOneHandleDestroyOnce) {
-    constexpr int THREADS = 4;
-    constexpr int ROUNDS = 200;
-    for (int round = 0; round < ROUNDS; ++round) {
+    for (int round = 0; round < 200; ++round) {
         Thing thing;
-        std::vector<std::thread> threads;
-        {
-            Handle const first(thing);
-            for (int i = 0; i < THREADS; ++i) {
-                threads.emplace_back([mine = Handle(first)] { Handle const copy(mine); });
-            }
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        std::vector<Handle> handles(4, Handle(thing));
+        runInThreads(4, [&handles](int i) {
+            Handle const copy(handles[static_cast<size_t>(i)]);
+            handles[static_cast<size_t>(i)].release();
+        });
         EXPECT_EQ(1, thing.destroyed);
     }
 }
 
-TEST(RefCounted, threadsFightOverTheItemSetAside) {
-    static constexpr int THREADS = 2; // More would take turns on a small machine rather than fight.
-    static constexpr int ROUNDS = 500000;
-    std::atomic<int> ready{0};
+TEST(RefCounted, threadsCompeteForTheReservedItem) {
     std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([&ready, &wrong] {
-            ++ready;
-            while (ready < THREADS) {
-                std::this_thread::yield();
+    runInThreads(2, [&wrong](int) { // More threads would take turns on a small machine rather than compete.
+        for (int round = 0; round < 500000; ++round) {
+            Thing thing;
+            {
+                Handle const handle(thing);
+                Handle const copy(handle);
+                wrong += handle.getCount() != 2; // No other thread has this count.
             }
-            for (int round = 0; round < ROUNDS; ++round) {
-                Thing thing;
-                {
-                    Handle const handle(thing);
-                    Handle const copy(handle);
-                    wrong += handle.getCount() != 2; // Nobody else has this count.
-                }
-                wrong += thing.destroyed != 1;
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+            wrong += thing.destroyed != 1;
+        }
+    });
     EXPECT_EQ(0, wrong);
     expectPoolIsWhole();
 }
 
-TEST(RefCounted, threadsFightOverThePoolAroundItsDepletion) {
-    // 1,024 handles are never exceeded, though they change hands all the time: the pool must not grow.
+TEST(RefCounted, threadsCompeteForThePoolNearItsDepletion) {
+    // There are never more than 1,024 handles, so the pool must not grow.
     constexpr int THREADS = 4;
     static constexpr int ROUNDS = 5000;
-    constexpr unsigned int OTHERS = 1024 - THREADS;
-    Crowd const others(OTHERS);
+    Crowd const others(1024 - THREADS);
     std::atomic<bool> grown{false};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([&grown] {
-            Thing thing;
-            for (int round = 0; round < ROUNDS; ++round) {
-                Handle const handle(thing);
-                if (!Handle::getPool()->contains(handle.getCounter())) {
-                    grown = true;
-                }
+    runInThreads(THREADS, [&grown](int) {
+        Thing thing;
+        for (int round = 0; round < ROUNDS; ++round) {
+            Handle const handle(thing);
+            if (!Handle::getPool()->contains(handle.getCounter())) {
+                grown = true;
             }
-            EXPECT_EQ(ROUNDS, thing.destroyed);
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+        }
+        EXPECT_EQ(ROUNDS, thing.destroyed);
+    });
     EXPECT_FALSE(grown);
 }
 
-TEST(RefCounted, threadsThatExchangeHandlesBeyondTheMainPoolLoseNone) {
+TEST(RefCounted, threadsExchangeHandlesBeyondTheMainPoolWithoutLoss) {
     constexpr int THREADS = 4;
     constexpr int ROUNDS = 5;
     constexpr int HANDLES = 900;
     using Batch = std::vector<Handle>;
     std::mutex mutex;
-    std::vector<Batch> market; // Copies that another thread may take and end.
+    std::vector<Batch> market; // Copies that another thread may take and destroy.
     std::vector<std::vector<Thing>> things(THREADS, std::vector<Thing>(ROUNDS * HANDLES));
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([&, i] {
-            auto next = things[static_cast<size_t>(i)].begin();
-            for (int round = 0; round < ROUNDS; ++round) {
-                Batch mine;
-                mine.reserve(HANDLES);
-                for (int handle = 0; handle < HANDLES; ++handle) {
-                    mine.emplace_back(*next++);
-                }
-                Batch copies(mine);
-                Batch foreign;
-                {
-                    std::lock_guard<std::mutex> const guard(mutex);
-                    market.push_back(std::move(copies));
-                    // One batch stays for the next thread to come.
-                    if (market.size() > 1) {
-                        foreign.swap(market.front());
-                        market.erase(market.begin());
-                    }
+    runInThreads(THREADS, [&](int i) {
+        auto next = things[static_cast<size_t>(i)].begin();
+        for (int round = 0; round < ROUNDS; ++round) {
+            Batch mine;
+            mine.reserve(HANDLES);
+            for (int handle = 0; handle < HANDLES; ++handle) {
+                mine.emplace_back(*next++);
+            }
+            Batch copies(mine);
+            Batch foreign;
+            {
+                std::lock_guard<std::mutex> const guard(mutex);
+                market.push_back(std::move(copies));
+                // One batch stays for the next thread to come.
+                if (market.size() > 1) {
+                    foreign.swap(market.front());
+                    market.erase(market.begin());
                 }
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+        }
+    });
     market.clear();
     for (auto const& list : things) {
         for (Thing const& thing : list) {

@@ -14,10 +14,9 @@
 
 namespace {
 
-using support::EventRecorder;
-using support::runInChild;
+using namespace support;
 
-/// Something with an end that may fail.
+/// An object with operations that may fail.
 class Door {
 public:
     bool close() {
@@ -49,48 +48,47 @@ TEST(ScopeGuard, callsTheFunctionOnceAtTheEndOfTheScope) {
     EXPECT_EQ("", recorder.getText());
 }
 
-TEST(ScopeGuard, doesNotCallTheFunctionOnceReleased) {
+/// Returns how often the function is called after some operations of the guard.
+template <typename Operations>
+int callsAfter(Operations const& operations, bool armed = true) {
     Door door;
     {
-        Guard guard(door, &Door::close);
+        Guard guard(door, &Door::close, armed);
+        operations(guard);
+    }
+    return door.closed;
+}
+
+TEST(ScopeGuard, doesNotCallTheFunctionOnceReleased) {
+    auto const release = [](Guard& guard) {
         guard.release();
         EXPECT_TRUE(guard.isReleased());
-    }
-    EXPECT_EQ(0, door.closed);
+    };
+    EXPECT_EQ(0, callsAfter(release));
 }
 
 TEST(ScopeGuard, staysReleasedWhenArmedAgain) {
-    Door door;
-    {
-        Guard guard(door, &Door::close);
+    auto const release = [](Guard& guard) {
         guard.release();
         guard.arm();
-    }
-    EXPECT_EQ(0, door.closed);
+    };
+    EXPECT_EQ(0, callsAfter(release));
 }
 
 TEST(ScopeGuard, doesNotCallTheFunctionWhileDisarmed) {
-    Door door;
-    {
-        Guard guard(door, &Door::close);
+    auto const disarm = [](Guard& guard) {
         guard.disarm();
         EXPECT_FALSE(guard.isArmed());
-    }
-    EXPECT_EQ(0, door.closed);
+    };
+    EXPECT_EQ(0, callsAfter(disarm));
 }
 
-TEST(ScopeGuard, builtDisarmedItCallsTheFunctionOnlyIfArmedLater) {
-    Door door;
-    { Guard const guard(door, &Door::close, false); }
-    EXPECT_EQ(0, door.closed);
-    {
-        Guard guard(door, &Door::close, false);
-        guard.arm();
-    }
-    EXPECT_EQ(1, door.closed);
+TEST(ScopeGuard, constructedDisarmedItCallsTheFunctionOnlyIfArmedLater) {
+    EXPECT_EQ(0, callsAfter([](Guard&) {}, false));
+    EXPECT_EQ(1, callsAfter([](Guard& guard) { guard.arm(); }, false));
 }
 
-TEST(ScopeGuard, failureOfTheFunctionTripsAnAssertionAndGoesOn) {
+TEST(ScopeGuard, failureOfTheFunctionTripsAnAssertion) {
     EventRecorder const recorder;
     Door door;
     door.stuck = true;
@@ -111,7 +109,7 @@ TEST(ScopeGuard, takesAConstantFunctionOfAConstantObject) {
     EXPECT_EQ(1u, recorder.getCount());
 }
 
-TEST(ScopeGuard, noopConversionLeavesTheResultAsItIs) {
+TEST(ScopeGuard, noopConversionKeepsTheResult) {
     EXPECT_TRUE(std::NoopResultConv()(true));
     EXPECT_FALSE(std::NoopResultConv()(false));
 }
@@ -153,7 +151,7 @@ TEST(ScopeGuard, callsTheFunctionWhenAnExceptionLeavesTheScope) {
 }
 
 TEST(ScopeGuard, exceptionOutOfTheFunctionTerminates) {
-    support::ChildEnd const end = runInChild([] {
+    ChildEnd const end = runInChild([] {
         std::set_terminate([] {
             fputs("terminated\n", stderr);
             abort();
@@ -162,12 +160,12 @@ TEST(ScopeGuard, exceptionOutOfTheFunctionTerminates) {
         try {
             Guard const guard(door, &Door::explode);
         } catch (...) {
-            fputs("came through\n", stderr);
+            fputs("caught\n", stderr);
         }
     });
     EXPECT_EQ(SIGABRT, end.signal);
     EXPECT_NE(std::string::npos, end.errors.find("terminated")) << end.errors;
-    EXPECT_EQ(std::string::npos, end.errors.find("came through")) << end.errors;
+    EXPECT_EQ(std::string::npos, end.errors.find("caught")) << end.errors;
 }
 
 } // namespace

@@ -1,16 +1,17 @@
+#include "support/RunInThreads.h"
+
 #include <common/SharedBuf.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <thread>
 #include <vector>
 
 namespace {
 
 using std::SharedBuf;
 
-/// Counts what it frees. Not atomic: only the last reference may come here.
+/// Counts the freed blocks. Not atomic: only the last reference may call it.
 class Owner : public SharedBuf::Owner {
 public:
     void free(SharedBuf const& buf) override {
@@ -30,7 +31,7 @@ struct SharedBufTest : testing::Test {
     char data[16] = {};
 };
 
-TEST_F(SharedBufTest, lastHandleToGoHasTheOwnerFreeTheMemory) {
+TEST_F(SharedBufTest, lastHandleMakesTheOwnerFreeTheMemory) {
     {
         SharedBuf const first(&count, &owner, data, sizeof data);
         EXPECT_EQ(1, count);
@@ -50,7 +51,7 @@ TEST_F(SharedBufTest, lastHandleToGoHasTheOwnerFreeTheMemory) {
     EXPECT_EQ(sizeof data, owner.last_size);
 }
 
-TEST_F(SharedBufTest, addedReferenceIsLetGoByHand) {
+TEST_F(SharedBufTest, addedReferenceIsReleasedExplicitly) {
     {
         SharedBuf const buf(&count, &owner, data, sizeof data);
         buf.ref();
@@ -79,7 +80,7 @@ TEST_F(SharedBufTest, withoutACountNothingIsCountedOrFreed) {
     EXPECT_EQ(0, owner.freed);
 }
 
-TEST_F(SharedBufTest, withoutAnOwnerTheCountFallsToZeroAndThatIsAll) {
+TEST_F(SharedBufTest, withoutAnOwnerTheCountFallsToZeroAndNothingIsFreed) {
     {
         SharedBuf const buf(&count, nullptr, data, sizeof data);
         SharedBuf const copy(buf);
@@ -95,7 +96,7 @@ TEST_F(SharedBufTest, defaultHandleIsEmpty) {
     buf.unref();
 }
 
-TEST_F(SharedBufTest, assignmentLetsGoOfTheOldMemoryAndSharesTheNew) {
+TEST_F(SharedBufTest, assignmentReleasesTheOldMemoryAndSharesTheNew) {
     Owner other_owner;
     std::atomic<int32_t> other_count{1};
     char other_data[4] = {};
@@ -125,24 +126,17 @@ TEST_F(SharedBufTest, assignmentToItselfKeepsTheMemory) {
     EXPECT_EQ(data, buf.getData());
 }
 
-TEST_F(SharedBufTest, threadsThatCopyAndLetGoFreeItOnce) {
-    constexpr int THREADS = 4;
-    constexpr int ROUNDS = 10000;
+TEST_F(SharedBufTest, threadsThatCopyAndReleaseFreeItOnce) {
     {
-        SharedBuf first(&count, &owner, data, sizeof data);
-        std::vector<std::thread> threads;
-        for (int i = 0; i < THREADS; ++i) {
-            threads.emplace_back([mine = first] {
-                for (int round = 0; round < ROUNDS; ++round) {
-                    SharedBuf const copy(mine);
-                    SharedBuf const another(copy);
-                }
-            });
-        }
-        first = SharedBuf();
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        std::vector<SharedBuf> handles(4, SharedBuf(&count, &owner, data, sizeof data));
+        support::runInThreads(4, [&handles](int i) {
+            SharedBuf& mine = handles[static_cast<size_t>(i)];
+            for (int round = 0; round < 10000; ++round) {
+                SharedBuf const copy(mine);
+                SharedBuf const another(copy);
+            }
+            mine = SharedBuf();
+        });
     }
     EXPECT_EQ(0, count);
     EXPECT_EQ(1, owner.freed);

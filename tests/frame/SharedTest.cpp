@@ -1,6 +1,7 @@
 #include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/RunInThreads.h"
 
 #include <common/Shared.h>
 
@@ -14,21 +15,19 @@
 #include <string>
 #include <thread>
 #include <type_traits>
-#include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
-using support::EventRecorder;
-using support::Fault;
-using support::runInChild;
+using namespace support;
 
 template <typename T>
 using Ptr = std::SharedBase::Ptr<T>;
 
-/// Counts its lives. Not atomic: only the holder's lock makes the numbers right. Each test has a holder of its own `TAG`.
+/// Counts its objects. Not atomic: only the holder's lock makes the numbers right. Each test uses its own
+/// `TAG`.
 template <int TAG>
 struct Engine {
     Engine() : serial(++built) {
@@ -63,18 +62,17 @@ TEST(Shared, firstReferenceBuildsTheObjectAndTheLastDestroysIt) {
     {
         Ptr<E> const first(&shared, shared.getObject());
         EXPECT_EQ(1, E::built);
-        {
-            Ptr<E> const second(&shared, shared.getObject());
-            EXPECT_EQ(1, E::built);
-            EXPECT_EQ(first.get(), second.get());
-        }
+        Ptr<E> const second(&shared, shared.getObject());
+        EXPECT_EQ(1, E::built);
+        EXPECT_EQ(first.get(), second.get());
+        { Ptr<E> const third(second); }
         EXPECT_EQ(0, E::destroyed);
     }
     EXPECT_EQ(1, E::destroyed);
     EXPECT_EQ(0, E::alive);
 }
 
-TEST(Shared, lastToGoNeedNotBeTheFirstToCome) {
+TEST(Shared, lastReferenceNeedNotBeTheFirst) {
     using E = Engine<2>;
     std::Shared<E> shared;
     Ptr<E> last;
@@ -126,7 +124,7 @@ TEST(Shared, emptyReferenceNeedsNoHolder) {
     EXPECT_EQ(nullptr, empty.get());
 }
 
-TEST(Shared, referenceActsAsAPointer) {
+TEST(Shared, referenceBehavesLikeAPointer) {
     using E = Engine<4>;
     std::Shared<E> shared;
     Ptr<E> const reference(shared);
@@ -185,7 +183,7 @@ TEST(Shared, constructorThatThrowsLeavesNoReference) {
     EXPECT_EQ(0, E::alive);
 }
 
-TEST(Shared, holderThatEndsEarlyLeavesTheObjectAlone) {
+TEST(Shared, destroyedHolderLeavesTheObjectUnchanged) {
     using E = Engine<9>;
     alignas(std::Shared<E>) static unsigned char memory[sizeof(std::Shared<E>)];
     auto* const shared = new (memory) std::Shared<E>;
@@ -196,14 +194,14 @@ TEST(Shared, holderThatEndsEarlyLeavesTheObjectAlone) {
 }
 
 std::Shared<Engine<10>> s_global;
-int const s_serial_from_an_initialiser = Ptr<Engine<10>>(s_global)->serial;
+int const s_serial_from_an_initializer = Ptr<Engine<10>>(s_global)->serial;
 
-TEST(Shared, globalHolderServesInitialisersBehindIt) {
-    EXPECT_EQ(1, s_serial_from_an_initialiser);
+TEST(Shared, globalHolderServesInitializersBehindIt) {
+    EXPECT_EQ(1, s_serial_from_an_initializer);
     EXPECT_EQ(0, Engine<10>::alive);
 }
 
-/// A holder whose operations do to the count what nothing should.
+/// A holder with operations that spoil the count.
 class BadHolder : public std::SharedBase {
 public:
     int built = 0;
@@ -220,7 +218,7 @@ private:
     void destroy() override { ++destroyed; }
 };
 
-TEST(Shared, countOfZeroTripsAnAssertionInMakingAndInEndingAReference) {
+TEST(Shared, countOfZeroTripsAnAssertionInConstructionAndDestructionOfAReference) {
     EventRecorder const recorder;
     BadHolder holder;
     holder.spoils = true;
@@ -237,53 +235,49 @@ TEST(Shared, countOfZeroTripsAnAssertionInMakingAndInEndingAReference) {
     EXPECT_EQ(0, holder.destroyed);
 }
 
-TEST(Shared, lockThatFailsAborts) {
+TEST(Shared, failureToLockAborts) {
+    using E = Engine<11>;
     EventRecorder const recorder;
-    std::Shared<Engine<11>> shared;
+    std::Shared<E> shared;
+    std::string expected;
     {
-        Ptr<Engine<11>> const keeper(shared);
-        alignas(Ptr<Engine<11>>) unsigned char memory[sizeof(Ptr<Engine<11>>)];
-        Ptr<Engine<11>>* reference = nullptr;
-        {
-            Fault const lock(inject_pthread_mutex_lock, EINVAL);
-            Fault const unlock(inject_pthread_mutex_unlock, EINVAL, 2); // The first one is the recorder's.
-            reference = new (memory) Ptr<Engine<11>>(shared);
+        Ptr<E> const keeper(shared);
+        alignas(Ptr<E>) unsigned char memory[sizeof(Ptr<E>)];
+        for (std::string const function : {"PtrBase", "~PtrBase"}) {
+            {
+                Fault const lock(inject_pthread_mutex_lock, EINVAL);
+                Fault const unlock(
+                    inject_pthread_mutex_unlock, EINVAL, 2); // The first call is the recorder's.
+                if (function == "PtrBase") {
+                    new (memory) Ptr<E>(shared);
+                } else {
+                    reinterpret_cast<Ptr<E>*>(memory)->~Ptr();
+                }
+            }
+            std::string const begin = "ABORT framework/include/common/Shared " + function + ": error ";
+            expected += (expected.empty() ? "" : "\n") + begin + "locking\n" + begin + "unlocking";
+            EXPECT_EQ(expected, recorder.getText());
         }
-        EXPECT_EQ(
-            "ABORT framework/include/common/Shared PtrBase: error locking\n"
-            "ABORT framework/include/common/Shared PtrBase: error unlocking",
-            recorder.getText());
-        {
-            Fault const lock(inject_pthread_mutex_lock, EINVAL);
-            Fault const unlock(inject_pthread_mutex_unlock, EINVAL, 2); // The first one is the recorder's.
-            reference->~Ptr();
-        }
-        EXPECT_EQ(
-            "ABORT framework/include/common/Shared PtrBase: error locking\n"
-            "ABORT framework/include/common/Shared PtrBase: error unlocking\n"
-            "ABORT framework/include/common/Shared ~PtrBase: error locking\n"
-            "ABORT framework/include/common/Shared ~PtrBase: error unlocking",
-            recorder.getText());
-        EXPECT_EQ(1, Engine<11>::alive) << "the operations went on";
+        EXPECT_EQ(1, E::alive) << "the operations continued";
     }
-    EXPECT_EQ(0, Engine<11>::alive);
+    EXPECT_EQ(0, E::alive);
 }
 
-struct Narcissus {
-    Narcissus();
+struct Recursive {
+    Recursive();
 };
-std::Shared<Narcissus> s_narcissus;
-Narcissus::Narcissus() {
-    Ptr<Narcissus> const self(s_narcissus);
+std::Shared<Recursive> s_recursive;
+Recursive::Recursive() {
+    Ptr<Recursive> const self(s_recursive);
 }
 
 TEST(Shared, referenceFromWithinTheConstructorOfTheSameObjectEndsTheProcess) {
-    support::ChildEnd const end = runInChild([] { Ptr<Narcissus> const reference(s_narcissus); });
+    ChildEnd const end = runInChild([] { Ptr<Recursive> const reference(s_recursive); });
     EXPECT_EQ(SIGABRT, end.signal);
     EXPECT_NE(std::string::npos, end.errors.find("error locking")) << end.errors;
 }
 
-/// Takes its time to be built.
+/// Its constructor waits for `may_end`.
 struct Slow {
     Slow() {
         started = true;
@@ -304,7 +298,7 @@ TEST(Shared, otherReferencesWaitUntilTheObjectIsBuilt) {
     while (!Slow::started) {
         std::this_thread::yield();
     }
-    // From here on only the second reference locks anything.
+    // From here on only the second reference locks.
     Fault const locks(inject_pthread_mutex_lock, 0, 1, 1, Fault::Threads::ALL);
     std::thread other([] {
         Ptr<Slow> const reference(shared);
@@ -318,25 +312,17 @@ TEST(Shared, otherReferencesWaitUntilTheObjectIsBuilt) {
     other.join();
 }
 
-TEST(Shared, threadsFightOverBuildingAndDestroying) {
+TEST(Shared, threadsCompeteForConstructionAndDestruction) {
     using E = Engine<12>;
-    constexpr int THREADS = 4;
-    constexpr int ROUNDS = 5000;
     static std::Shared<E> shared;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([] {
-            for (int round = 0; round < ROUNDS; ++round) {
-                Ptr<E> const reference(shared);
-                Ptr<E> const copy(reference);
-                ASSERT_EQ(reference->serial, copy->serial);
-                ASSERT_GE(E::built, 1);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runInThreads(4, [](int) {
+        for (int round = 0; round < 5000; ++round) {
+            Ptr<E> const reference(shared);
+            Ptr<E> const copy(reference);
+            ASSERT_EQ(reference->serial, copy->serial);
+            ASSERT_GE(E::built, 1);
+        }
+    });
     EXPECT_EQ(0, E::alive);
     EXPECT_EQ(E::built, E::destroyed);
     EXPECT_GE(E::built, 1);

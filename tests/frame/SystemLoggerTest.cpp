@@ -1,6 +1,8 @@
 #include "support/Chain.h"
-#include "support/Child.h"
 #include "support/Inject.h"
+#include "support/Privileges.h"
+#include "support/RunInThreads.h"
+#include "support/TestBy.h"
 
 #include <vesk/Mutex.h>
 #include <vesk/SystemLogger.h>
@@ -19,7 +21,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <functional>
 #include <iterator>
 #include <mutex>
 #include <sched.h>
@@ -29,7 +30,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
-#include <thread>
 #include <type_traits>
 #include <unistd.h>
 #include <vector>
@@ -39,8 +39,8 @@ VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
-/// Where the calls of libc's log go: each is written down, and only the real log gets what a test wants there. The
-/// machine's own log sees nothing of the tests.
+/// The destination of the calls of libc's log: a list, the real functions, or standard output. No call
+/// reaches the machine's own log.
 enum class Calls { RECORDED, REAL, PRINTED };
 std::atomic<Calls> s_mode{Calls::RECORDED};
 std::mutex s_mutex;
@@ -48,7 +48,7 @@ std::vector<std::string> s_calls;
 
 void record(std::string const& call) {
     if (s_mode == Calls::PRINTED) {
-        // For what happens at the end of a process, when no object can be relied on.
+        // At the end of a process, no object is usable.
         dprintf(STDOUT_FILENO, "%s\n", call.c_str());
         return;
     }
@@ -105,7 +105,7 @@ extern "C" void syslog(int priority, char const* format, ...) {
     va_end(args);
 }
 
-/// What a hardened build calls instead.
+/// The function that a hardened build calls.
 extern "C" void __syslog_chk(int priority, int, char const* format, ...) {
     va_list args;
     va_start(args, format);
@@ -115,11 +115,7 @@ extern "C" void __syslog_chk(int priority, int, char const* format, ...) {
 
 namespace {
 
-using support::chainIs;
-using support::ChildEnd;
-using support::Fault;
-using support::runInChild;
-using support::systemText;
+using namespace support;
 using vesk::LogLevel;
 using vesk::Mutex;
 using vesk::SystemLogger;
@@ -127,106 +123,103 @@ using Lines = std::vector<std::string>;
 
 constexpr char const* OPENED = "openlog lumo framework 9 8";
 
-/// Runs a test in a process of its own with the one object, open, and no calls recorded yet. This process never makes the
-/// object, so that other tests can watch how it comes to be.
-void withLogger(std::function<void(SystemLogger&)> const& body) {
-    ChildEnd const end = runInChild([&body] {
-        SystemLogger& logger = SystemLogger::getInstance();
+/// Runs a test in a process that has the open log, and no recorded calls yet. The process of the test never
+/// makes the object, so that other tests can check its construction.
+void withLogger(void (*body)()) {
+    expectInChild([&body] {
+        SystemLogger::getInstance();
         takeCalls();
-        body(logger);
+        body();
     });
-    EXPECT_EQ(0, end.exit_code) << end.output;
 }
+
+void log(int level, char const* text) {
+    SystemLogger::getInstance().log(static_cast<LogLevel>(level), text);
+}
+void openLog() {
+    SystemLogger::getInstance().openLog();
+}
+void closeLog() {
+    SystemLogger::getInstance().closeLog();
+}
+
+constexpr int ERROR = 0;
+constexpr int WARNING = 1;
+constexpr int NOTICE = 2;
 
 // ---- calls ----
 
-TEST(SystemLogger, sendsTheMessageAsAnArgumentOfItsOwn) {
-    withLogger([](SystemLogger& logger) {
-        logger.log(LogLevel::ERROR, "disk on fire");
-        EXPECT_EQ(Lines{"syslog 3 %s disk on fire"}, takeCalls());
-    });
-}
-
-TEST(SystemLogger, percentSignIsNothingSpecial) {
-    withLogger([](SystemLogger& logger) {
-        logger.log(LogLevel::NOTICE, "100% %s%n %d");
-        EXPECT_EQ(Lines{"syslog 5 %s 100% %s%n %d"}, takeCalls());
-    });
-}
-
-TEST(SystemLogger, emptyMessageIsSent) {
-    withLogger([](SystemLogger& logger) {
-        logger.log(LogLevel::NOTICE, "");
-        EXPECT_EQ(Lines{"syslog 5 %s "}, takeCalls());
-    });
-}
-
-struct LevelRow {
+struct MessageRow {
+    char const* name;
     int level;
-    int priority;
+    char const* text;
+    char const* call;
 };
 
-void PrintTo(LevelRow const& row, std::ostream* out) {
-    *out << row.level;
+void PrintTo(MessageRow const& row, std::ostream* out) {
+    *out << row.name;
 }
 
-class SystemLoggerLevels : public testing::TestWithParam<LevelRow> {};
+class SystemLoggerMessages : public testing::TestWithParam<MessageRow> {};
 
-TEST_P(SystemLoggerLevels, arriveWithTheirPriority) {
-    withLogger([](SystemLogger& logger) {
-        logger.log(static_cast<LogLevel>(GetParam().level), "text");
-        EXPECT_EQ(Lines{"syslog " + std::to_string(GetParam().priority) + " %s text"}, takeCalls());
+TEST_P(SystemLoggerMessages, areSentUnchanged) {
+    expectInChild([] {
+        SystemLogger::getInstance();
+        takeCalls();
+        log(GetParam().level, GetParam().text);
+        EXPECT_EQ(Lines{GetParam().call}, takeCalls());
     });
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, SystemLoggerLevels,
+    All, SystemLoggerMessages,
     testing::Values(
-        LevelRow{0, LOG_ERR}, LevelRow{1, LOG_WARNING}, LevelRow{2, LOG_NOTICE}, LevelRow{7, LOG_NOTICE},
-        LevelRow{3, LOG_NOTICE}, LevelRow{-1, LOG_NOTICE}));
+        MessageRow{"asASeparateArgument", ERROR, "disk on fire", "syslog 3 %s disk on fire"},
+        MessageRow{"withPercentSigns", NOTICE, "100% %s%n %d", "syslog 5 %s 100% %s%n %d"},
+        MessageRow{"evenIfEmpty", NOTICE, "", "syslog 5 %s "},
+        MessageRow{"level0", 0, "text", "syslog 3 %s text"},
+        MessageRow{"level1", 1, "text", "syslog 4 %s text"},
+        MessageRow{"level2", 2, "text", "syslog 5 %s text"},
+        MessageRow{"level3", 3, "text", "syslog 5 %s text"},
+        MessageRow{"level7", 7, "text", "syslog 5 %s text"},
+        MessageRow{"levelMinus1", -1, "text", "syslog 5 %s text"}),
+    [](auto const& row) { return row.param.name; });
 
 TEST(SystemLogger, levelsAndPrioritiesHaveTheirNumbers) {
-    static_assert(static_cast<int>(LogLevel::ERROR) == 0 && static_cast<int>(LogLevel::WARNING) == 1);
-    static_assert(static_cast<int>(LogLevel::NOTICE) == 2);
+    static_assert(
+        static_cast<int>(LogLevel::ERROR) == ERROR && static_cast<int>(LogLevel::WARNING) == WARNING);
+    static_assert(static_cast<int>(LogLevel::NOTICE) == NOTICE);
     EXPECT_EQ(3, LOG_ERR);
     EXPECT_EQ(4, LOG_WARNING);
     EXPECT_EQ(5, LOG_NOTICE);
 }
 
-TEST(SystemLogger, openingAnOpenLogDoesNothing) {
-    withLogger([](SystemLogger& logger) {
-        logger.openLog();
-        EXPECT_EQ(Lines{}, takeCalls());
-    });
+VESK_TEST_BY(withLogger, SystemLogger, openingAnOpenLogDoesNothing) {
+    openLog();
+    EXPECT_EQ(Lines{}, takeCalls());
 }
 
-TEST(SystemLogger, closingAClosedLogDoesNothing) {
-    withLogger([](SystemLogger& logger) {
-        logger.closeLog();
-        EXPECT_EQ(Lines{"closelog"}, takeCalls());
-        logger.closeLog();
-        EXPECT_EQ(Lines{}, takeCalls());
-    });
+VESK_TEST_BY(withLogger, SystemLogger, closingAClosedLogDoesNothing) {
+    closeLog();
+    EXPECT_EQ(Lines{"closelog"}, takeCalls());
+    closeLog();
+    EXPECT_EQ(Lines{}, takeCalls());
 }
 
-TEST(SystemLogger, loggingOpensAClosedLogAgain) {
-    withLogger([](SystemLogger& logger) {
-        logger.closeLog();
-        logger.log(LogLevel::WARNING, "again");
-        logger.log(LogLevel::WARNING, "and again");
-        EXPECT_EQ((Lines{"closelog", OPENED, "syslog 4 %s again", "syslog 4 %s and again"}), takeCalls());
-    });
+VESK_TEST_BY(withLogger, SystemLogger, loggingOpensAClosedLogAgain) {
+    closeLog();
+    log(WARNING, "again");
+    log(WARNING, "and again");
+    EXPECT_EQ((Lines{"closelog", OPENED, "syslog 4 %s again", "syslog 4 %s and again"}), takeCalls());
 }
 
-TEST(SystemLogger, closedLogIsOpenedAgainWithTheSameIdentity) {
-    withLogger([](SystemLogger& logger) {
-        logger.closeLog();
-        logger.openLog();
-        EXPECT_EQ((Lines{"closelog", OPENED}), takeCalls());
-    });
+VESK_TEST_BY(withLogger, SystemLogger, closedLogIsOpenedAgainWithTheSameIdentity) {
+    closeLog();
+    openLog();
+    EXPECT_EQ((Lines{"closelog", OPENED}), takeCalls());
 }
 
-TEST(SystemLogger, isNoPolymorphicClassAndNobodyMakesAnother) {
+TEST(SystemLogger, isNotPolymorphicAndCannotBeConstructed) {
     static_assert(!std::is_polymorphic_v<SystemLogger>);
     static_assert(!std::is_default_constructible_v<SystemLogger>);
     static_assert(!std::is_copy_constructible_v<SystemLogger> && !std::is_destructible_v<SystemLogger>);
@@ -235,62 +228,41 @@ TEST(SystemLogger, isNoPolymorphicClassAndNobodyMakesAnother) {
 
 // ---- the one object ----
 
-TEST(SystemLoggerInstance, isMadeAndOpenedByItsFirstUse) {
-    ChildEnd const end = runInChild([] {
-        EXPECT_EQ(Lines{}, takeCalls());
-        SystemLogger& logger = SystemLogger::getInstance();
-        EXPECT_EQ(Lines{OPENED}, takeCalls());
-        EXPECT_EQ(&logger, &SystemLogger::getInstance());
-        EXPECT_EQ(Lines{}, takeCalls());
-    });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+VESK_TEST_BY(expectInChild, SystemLoggerInstance, isMadeAndOpenedByItsFirstUse) {
+    EXPECT_EQ(Lines{}, takeCalls());
+    SystemLogger& logger = SystemLogger::getInstance();
+    EXPECT_EQ(Lines{OPENED}, takeCalls());
+    EXPECT_EQ(&logger, &SystemLogger::getInstance());
+    EXPECT_EQ(Lines{}, takeCalls());
 }
 
-TEST(SystemLoggerInstance, isTheSameForAllThreads) {
-    ChildEnd const end = runInChild([] {
-        constexpr size_t THREADS = 8;
-        std::atomic<size_t> ready{0};
-        SystemLogger* found[THREADS] = {};
-        std::vector<std::thread> threads;
-        for (SystemLogger*& logger : found) {
-            threads.emplace_back([&ready, &logger] {
-                ++ready;
-                while (ready < THREADS) {
-                    std::this_thread::yield();
-                }
-                logger = &SystemLogger::getInstance();
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-        EXPECT_EQ(1u, std::set<SystemLogger*>(std::begin(found), std::end(found)).size());
-        EXPECT_EQ(Lines{OPENED}, takeCalls());
-    });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+VESK_TEST_BY(expectInChild, SystemLoggerInstance, isTheSameForAllThreads) {
+    SystemLogger* found[8] = {};
+    runInThreads(8, [&found](int i) { found[i] = &SystemLogger::getInstance(); });
+    EXPECT_EQ(1u, std::set<SystemLogger*>(std::begin(found), std::end(found)).size());
+    EXPECT_EQ(Lines{OPENED}, takeCalls());
 }
 
-TEST(SystemLoggerInstance, isClosedAtTheEndOfTheProcess) {
-    ChildEnd const end = runInChild([] {
+/// Runs a body and then `exit`, and checks that the log is opened and closed.
+void expectClosedOnce(void (*body)()) {
+    ChildEnd const end = runInChild([body] {
         s_mode = Calls::PRINTED;
-        SystemLogger::getInstance();
+        body();
         exit(0);
     });
     EXPECT_EQ(0, end.exit_code);
     EXPECT_EQ(std::string(OPENED) + "\ncloselog\n", end.output);
 }
 
-TEST(SystemLoggerInstance, isNotClosedTwiceAtTheEndOfTheProcess) {
-    ChildEnd const end = runInChild([] {
-        s_mode = Calls::PRINTED;
-        SystemLogger::getInstance().closeLog();
-        exit(0);
-    });
-    EXPECT_EQ(0, end.exit_code);
-    EXPECT_EQ(std::string(OPENED) + "\ncloselog\n", end.output);
+VESK_TEST_BY(expectClosedOnce, SystemLoggerInstance, isClosedAtTheEndOfTheProcess) {
+    SystemLogger::getInstance();
 }
 
-/// Tells each event together with the report that is pending at that moment, and lets the code behind it go on.
+VESK_TEST_BY(expectClosedOnce, SystemLoggerInstance, isNotClosedTwiceAtTheEndOfTheProcess) {
+    closeLog();
+}
+
+/// Records each event with the report that is pending then, and suppresses the default actions.
 class PendingRecorder {
 public:
     PendingRecorder() :
@@ -315,29 +287,26 @@ private:
     std::GlobalErrorHandler::Hook const* m_previous;
 };
 
-TEST(SystemLoggerInstance, lockThatFailsGoesToTheAbortHandlerOnTopOfItsReport) {
-    ChildEnd const end = runInChild([] {
-        PendingRecorder const recorder;
-        {
-            Fault const fault(inject_pthread_mutex_lock, EAGAIN);
-            SystemLogger::getInstance();
-        }
-        std::string const first = "framework/src/vesk/linux/SystemLogger getInstance: error locking, "
-                                  "pending: Mutex lock failed: " +
-            systemText(EAGAIN) + "\n";
-        EXPECT_EQ(first, recorder.getText().substr(0, first.size()));
-        EXPECT_EQ(Lines{OPENED}, takeCalls()) << "the object is made all the same";
-        std::ErrorStorage::ack();
-    });
-    EXPECT_EQ(0, end.exit_code) << end.output;
+VESK_TEST_BY(expectInChild, SystemLoggerInstance, failureToLockAbortsBehindItsReport) {
+    PendingRecorder const recorder;
+    {
+        Fault const fault(inject_pthread_mutex_lock, EAGAIN);
+        SystemLogger::getInstance();
+    }
+    std::string const first = "framework/src/vesk/linux/SystemLogger getInstance: error locking, "
+                              "pending: Mutex lock failed: " +
+        systemText(EAGAIN) + "\n";
+    EXPECT_EQ(first, recorder.getText().substr(0, first.size()));
+    EXPECT_EQ(Lines{OPENED}, takeCalls()) << "the object is made all the same";
+    std::ErrorStorage::ack();
 }
 
-TEST(SystemLoggerInstance, unlockThatFailsGoesToTheAbortHandlerOnTopOfItsReport) {
+TEST(SystemLoggerInstance, failureToUnlockAbortsBehindItsReport) {
     ChildEnd const end = runInChild([] {
         PendingRecorder const recorder;
         {
             Fault const fault(inject_pthread_mutex_unlock, EPERM);
-            s_mode = Calls::PRINTED; // Recording has a lock of its own.
+            s_mode = Calls::PRINTED; // The list has a lock of its own.
             SystemLogger::getInstance();
         }
         EXPECT_EQ(
@@ -345,24 +314,24 @@ TEST(SystemLoggerInstance, unlockThatFailsGoesToTheAbortHandlerOnTopOfItsReport)
             "inconsistency detected: " +
                 systemText(EPERM) + "\n",
             recorder.getText());
-        EXPECT_TRUE(chainIs({{Mutex::ErrorId::INCONSISTENT}}));
+        EXPECT_TRUE(chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}}));
     });
     EXPECT_EQ(0, end.exit_code) << end.output;
     EXPECT_EQ(std::string(OPENED) + "\n", end.output);
 }
 
-TEST(SystemLoggerInstance, lockThatFailsEndsTheProcess) {
+TEST(SystemLoggerInstance, failureToLockEndsTheProcess) {
     ChildEnd const end = runInChild([] {
         Fault const fault(inject_pthread_mutex_lock, EAGAIN);
         SystemLogger::getInstance();
     });
     EXPECT_EQ(SIGABRT, end.signal);
-    EXPECT_NE(std::string::npos, end.errors.find("framework/src/vesk/linux/SystemLogger")) << end.errors;
-    EXPECT_NE(std::string::npos, end.errors.find("getInstance")) << end.errors;
-    EXPECT_NE(std::string::npos, end.errors.find("error locking")) << end.errors;
+    for (char const* const part : {"framework/src/vesk/linux/SystemLogger", "getInstance", "error locking"}) {
+        EXPECT_NE(std::string::npos, end.errors.find(part)) << end.errors;
+    }
 }
 
-// ---- messages that really arrive: a system log of the test's own, in a child whose /dev nobody else sees ----
+// ---- messages that arrive in a system log, in a child with a private /dev ----
 
 constexpr int NO_PRIVATE_LOG = 77;
 
@@ -370,10 +339,10 @@ constexpr int NO_PRIVATE_LOG = 77;
 class Receiver {
 public:
     Receiver() {
-        // A child that cannot have one ends, and its test is skipped.
+        // A child without a private log ends, and its test is skipped.
         if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0) {
-            dprintf(STDOUT_FILENO, "no mount namespace to be had: %s", strerror(errno));
+            dprintf(STDOUT_FILENO, "no mount namespace is available: %s", strerror(errno));
             _exit(NO_PRIVATE_LOG);
         }
         m_socket = socket(AF_UNIX, SOCK_DGRAM, 0);
@@ -387,13 +356,14 @@ public:
     }
     ~Receiver() { close(m_socket); }
 
-    /// The next message.
+    /// Returns the next message.
     std::string take() const {
         char buffer[4096];
         ssize_t const length = recv(m_socket, buffer, sizeof buffer, 0);
         return length < 0 ? std::string("nothing") : std::string(buffer, static_cast<size_t>(length));
     }
 
+    void expect(int priority, std::string const& text) const;
     bool isEmpty() const {
         char byte;
         return recv(m_socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0;
@@ -403,107 +373,89 @@ private:
     int m_socket;
 };
 
-/// Whether a message is "<priority>date lumo framework[pid]: text".
-testing::AssertionResult isMessage(std::string const& message, int priority, std::string const& text) {
+/// Checks that the next message is "<priority>date lumo framework[pid]: text".
+void Receiver::expect(int priority, std::string const& text) const {
+    std::string const message = take();
     std::string const begin = "<" + std::to_string(priority) + ">";
     std::string const end = " lumo framework[" + std::to_string(getpid()) + "]: " + text;
-    if (message.size() > begin.size() + end.size() && message.compare(0, begin.size(), begin) == 0 &&
-        message.compare(message.size() - end.size(), end.size(), end) == 0) {
-        std::string const date = message.substr(begin.size(), message.size() - begin.size() - end.size());
-        tm fields{};
-        char const* const rest = strptime(date.c_str(), "%b %e %H:%M:%S", &fields);
-        if (rest != nullptr && *rest == '\0') {
-            return testing::AssertionSuccess();
-        }
-    }
-    return testing::AssertionFailure() << "got: " << message;
+    ASSERT_LT(begin.size() + end.size(), message.size()) << message;
+    tm fields{};
+    char const* const rest = strptime(message.c_str() + begin.size(), "%b %e %H:%M:%S", &fields);
+    ASSERT_NE(nullptr, rest) << message;
+    EXPECT_EQ(begin, message.substr(0, begin.size()));
+    EXPECT_EQ(end, rest);
 }
 
-#define EXPECT_OR_SKIP(end)                                                                                  \
-    if ((end).exit_code == NO_PRIVATE_LOG) {                                                                 \
-        GTEST_SKIP() << (end).output;                                                                        \
-    }                                                                                                        \
-    EXPECT_EQ(0, (end).exit_code) << (end).output
+/// Runs a test with a system log, or skips it.
+void withReceiver(void (*body)(Receiver const&)) {
+    ChildEnd const end = runInChild([body] {
+        Receiver const receiver;
+        body(receiver);
+    });
+    if (end.exit_code == NO_PRIVATE_LOG) {
+        GTEST_SKIP() << end.output;
+    }
+    EXPECT_EQ(0, end.exit_code) << end.output;
+}
 
 TEST(SystemLoggerMessage, arrivesWithPriorityIdentityAndProcessId) {
-    ChildEnd const end = runInChild([] {
-        Receiver const receiver;
-        SystemLogger& logger = SystemLogger::getInstance();
-        logger.log(LogLevel::ERROR, "disk on fire");
-        EXPECT_TRUE(isMessage(receiver.take(), 8 | 3, "disk on fire"));
-        logger.log(LogLevel::WARNING, "100% %s%n %d");
-        EXPECT_TRUE(isMessage(receiver.take(), 8 | 4, "100% %s%n %d"));
-        logger.log(LogLevel::NOTICE, "all is well");
-        EXPECT_TRUE(isMessage(receiver.take(), 8 | 5, "all is well"));
-        logger.log(static_cast<LogLevel>(7), "all is well");
-        EXPECT_TRUE(isMessage(receiver.take(), 8 | 5, "all is well"));
+    withReceiver([](Receiver const& receiver) {
+        log(ERROR, "disk on fire");
+        receiver.expect(8 | 3, "disk on fire");
+        log(WARNING, "100% %s%n %d");
+        receiver.expect(8 | 4, "100% %s%n %d");
+        for (int const level : {NOTICE, 7}) {
+            log(level, "all is well");
+            receiver.expect(8 | 5, "all is well");
+        }
         EXPECT_TRUE(receiver.isEmpty());
     });
-    EXPECT_OR_SKIP(end);
 }
 
 TEST(SystemLoggerMessage, isSentOverAConnectionThatOpeningMakesAtOnce) {
-    ChildEnd const end = runInChild([] {
-        Receiver const receiver;
-        SystemLogger& logger = SystemLogger::getInstance();
+    withReceiver([](Receiver const& receiver) {
+        SystemLogger::getInstance();
         EXPECT_EQ(0, unlink("/dev/log"));
-        logger.log(LogLevel::NOTICE, "connected");
-        EXPECT_TRUE(isMessage(receiver.take(), 8 | 5, "connected"));
+        log(NOTICE, "connected");
+        receiver.expect(8 | 5, "connected");
     });
-    EXPECT_OR_SKIP(end);
 }
 
 TEST(SystemLoggerMessage, arrivesAfterTheLogWasClosed) {
-    ChildEnd const end = runInChild([] {
-        Receiver const receiver;
-        SystemLogger& logger = SystemLogger::getInstance();
-        logger.closeLog();
-        logger.closeLog();
-        logger.log(LogLevel::NOTICE, "again");
-        EXPECT_TRUE(isMessage(receiver.take(), 8 | 5, "again"));
+    withReceiver([](Receiver const& receiver) {
+        closeLog();
+        closeLog();
+        log(NOTICE, "again");
+        receiver.expect(8 | 5, "again");
     });
-    EXPECT_OR_SKIP(end);
 }
 
 TEST(SystemLoggerMessage, isLostWithoutASystemLogAndNothingElseHappens) {
-    ChildEnd const end = runInChild([] {
-        {
-            Receiver const receiver;
-            EXPECT_EQ(0, unlink("/dev/log"));
-        }
-        SystemLogger::getInstance().log(LogLevel::ERROR, "nobody hears it");
+    withReceiver([](Receiver const&) {
+        EXPECT_EQ(0, unlink("/dev/log"));
+        log(ERROR, "lost");
         EXPECT_TRUE(chainIs({}));
     });
-    EXPECT_OR_SKIP(end);
 }
 
 TEST(SystemLoggerMessage, arrivesFromAllThreadsEvenWhenTheLogIsClosed) {
-    ChildEnd const end = runInChild([] {
+    withReceiver([](Receiver const& receiver) {
         constexpr int THREADS = 4;
         constexpr int ROUNDS = 50;
-        Receiver const receiver;
-        SystemLogger& logger = SystemLogger::getInstance();
-        logger.closeLog();
-        std::vector<std::thread> threads;
-        for (int i = 0; i < THREADS; ++i) {
-            threads.emplace_back([&logger, i] {
-                for (int round = 0; round < ROUNDS; ++round) {
-                    logger.log(LogLevel::NOTICE, (std::to_string(i) + "." + std::to_string(round)).c_str());
-                }
-            });
-        }
+        closeLog();
         std::set<std::string> arrived;
-        for (int i = 0; i < THREADS * ROUNDS; ++i) {
-            std::string const message = receiver.take();
-            arrived.insert(message.substr(message.rfind(' ') + 1));
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        runInThreads(THREADS + 1, [&](int i) {
+            for (int round = 0; i < THREADS && round < ROUNDS; ++round) {
+                log(NOTICE, (std::to_string(i) + "." + std::to_string(round)).c_str());
+            }
+            for (int received = 0; i == THREADS && received < THREADS * ROUNDS; ++received) {
+                std::string const message = receiver.take();
+                arrived.insert(message.substr(message.rfind(' ') + 1));
+            }
+        });
         EXPECT_EQ(static_cast<size_t>(THREADS * ROUNDS), arrived.size());
         EXPECT_TRUE(receiver.isEmpty());
     });
-    EXPECT_OR_SKIP(end);
 }
 
 } // namespace

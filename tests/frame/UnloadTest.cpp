@@ -23,7 +23,7 @@ namespace {
 std::atomic<long> s_blocks{0};
 }
 
-// Blocks are counted here: what the C library tells of its heap includes blocks that threads have freed and keep.
+// Counts the blocks itself: the C library's numbers include blocks that threads have freed and keep.
 extern "C" {
 
 void* __libc_malloc(size_t size);
@@ -76,7 +76,7 @@ long countMappedPages() {
 #else
 
 namespace {
-/// The sanitizers have a heap of their own, which maps memory as it likes; that of addresses looks for what is lost in it.
+/// The sanitizers have a separate heap, which maps memory freely. The address sanitizer finds leaks in it.
 long countBlocks() {
     return 0;
 }
@@ -102,8 +102,8 @@ bool isLoaded(char const* library) {
     return false;
 }
 
-/// What the process has of something that loading might use up.
-struct Possessions {
+/// The resources of the process that loading could leak.
+struct Resources {
     int threads;
     int descriptors;
     long mapped_pages;
@@ -130,7 +130,7 @@ int countDescriptors() {
     return count;
 }
 
-Possessions count() {
+Resources count() {
     return {support::countThreads(), countDescriptors(), countMappedPages(), countFreeKeys(), countBlocks()};
 }
 
@@ -141,7 +141,7 @@ void loadUseAndUnload() {
     auto const use = reinterpret_cast<UseTheLibraries>(dlsym(module, "use_the_libraries"));
     ASSERT_NE(nullptr, use);
     use(("vesk-unload-" + std::to_string(getpid()) + "-").c_str());
-    // A thread that was terminated or detached may be on its last steps, which are the library's.
+    // A terminated or detached thread may still run its last steps, which are code of the library.
     for (int i = 0; support::countThreads() > support::g_threads_at_start && i < 100000; ++i) {
         usleep(100);
     }
@@ -151,17 +151,17 @@ void loadUseAndUnload() {
     }
 }
 
-TEST(Unload, leavesNothingOver) {
+TEST(Unload, leavesNoResource) {
     ASSERT_FALSE(isLoaded("libvesk")) << "the test itself is linked with it";
-    mallopt(M_ARENA_MAX, 1); // One more is a mapping more.
-    Possessions before{};
+    mallopt(M_ARENA_MAX, 1); // Every arena is a mapping.
+    Resources before{};
     for (int round = 0; round < ROUNDS; ++round) {
         if (round == WARM_UP) {
             before = count();
         }
         ASSERT_NO_FATAL_FAILURE(loadUseAndUnload());
     }
-    Possessions const after = count();
+    Resources const after = count();
     EXPECT_EQ(before.threads, after.threads);
     EXPECT_EQ(before.descriptors, after.descriptors);
     if (!IS_EMULATED) { // An emulator maps memory for its translations.

@@ -1,61 +1,7 @@
 #include "Uses.h"
 
 #include "Emulation.h"
-
-#include <vesk/Alarm.h>
-#include <vesk/CalendarTime.h>
-#include <vesk/Condition.h>
-#include <vesk/Directory.h>
-#include <vesk/Dispatcher.h>
-#include <vesk/DnsSd.h>
-#include <vesk/Environment.h>
-#include <vesk/FileBuffer.h>
-#include <vesk/FileInfo.h>
-#include <vesk/FileSys.h>
-#include <vesk/Group.h>
-#include <vesk/IPSocket.h>
-#include <vesk/MemBinFileBase.h>
-#include <vesk/MsgQueueServer.h>
-#include <vesk/NetDevice.h>
-#include <vesk/NetDeviceMonitor.h>
-#include <vesk/NetworkInterface.h>
-#include <vesk/Pipe.h>
-#include <vesk/Poller.h>
-#include <vesk/ProcessInfo.h>
-#include <vesk/ProcessTNG.h>
-#include <vesk/RWLock.h>
-#include <vesk/RawSocket.h>
-#include <vesk/Regex.h>
-#include <vesk/SecureRandom.h>
-#include <vesk/SemaphoreCreator.h>
-#include <vesk/SerialPort.h>
-#include <vesk/SharedMemoryServer.h>
-#include <vesk/SharedObj.h>
-#include <vesk/ShmCondition.h>
-#include <vesk/ShmMutex.h>
-#include <vesk/ShmRWLock.h>
-#include <vesk/ShmSpinLock.h>
-#include <vesk/SignalCatcher.h>
-#include <vesk/SpinLock.h>
-#include <vesk/StreamBinFileR.h>
-#include <vesk/StreamBinFileW.h>
-#include <vesk/SysError.h>
-#include <vesk/SystemLoad.h>
-#include <vesk/SystemLogger.h>
-#include <vesk/TCPServerSocket.h>
-#include <vesk/Thread.h>
-#include <vesk/Time.h>
-#include <vesk/Timer.h>
-#include <vesk/UDPSocket.h>
-#include <vesk/UnicodeString.h>
-#include <vesk/UnixServerSocket.h>
-#include <vesk/User.h>
-#include <vesk/Vesk.h>
-
-#include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-#include <tarncommon/tracing/Channel.h>
+#include "EveryHeader.h"
 
 #include <atomic>
 #include <csignal>
@@ -78,7 +24,7 @@ using vesk::Thread;
 char s_prefix[128];
 char s_config_dir[160];
 
-/// What must hold however late it is.
+/// Ends the program if a condition is false. Works at any time of the process.
 void require(bool condition, char const* what) {
     if (!condition) {
         fprintf(stderr, "%s failed: %s\n", what, tarn_error.getReasonList().c_str());
@@ -98,7 +44,7 @@ void threads() {
         require(thread.isValid() && !thread.start() && !thread.join(), "joining");
     }
     Thread(work, nullptr, "detached", vesk::sched::Attr(), true).start();
-    // Not in a system call: the thread sanitizer does not follow a thread that is cancelled there.
+    // Not in a system call: the thread sanitizer does not follow a thread that is canceled there.
     Thread ended(
         [](void*) {
             for (;;) {

@@ -2,8 +2,7 @@
 
 #include <cstddef>
 
-/// One round of using the libraries, for what happens around that: the end of the process, unloading. Shared by the programs
-/// of two tests; no test itself.
+/// One round of using the libraries, for tests of the end of the process and of unloading.
 namespace uses {
 
 struct Use {
@@ -14,10 +13,10 @@ struct Use {
 extern Use const USES[];
 extern size_t const COUNT;
 
-/// Begins the names of the objects of the system that rounds make, and the default configuration directory.
+/// Sets the prefix of the names of system objects, and the default configuration directory.
 void setUp(char const* prefix);
 
-/// Removes what a round that was not finished has left in the system.
+/// Removes the system objects of an unfinished round.
 void removeNames();
 
 } // namespace uses

@@ -1,4 +1,4 @@
-// What a program loads and unloads, with the libraries under it.
+// A module that a program loads and unloads, with the libraries that it uses.
 
 #include "Uses.h"
 
@@ -8,7 +8,7 @@
 
 extern "C" __attribute__((visibility("default"))) void use_the_libraries(char const* prefix);
 
-/// Uses everything, some of it in a thread that ends and some in the calling one.
+/// Uses every class, once in a thread that ends and once in the calling one.
 void use_the_libraries(char const* prefix) {
     vesk::Vesk const vesk(false, false);
     uses::setUp(prefix);

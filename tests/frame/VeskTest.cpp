@@ -1,9 +1,10 @@
 #include "support/Chain.h"
-#include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/Privileges.h"
+#include "support/RunInThreads.h"
+#include "support/TestBy.h"
 
-#include <vesk/CalendarTime.h>
 #include <vesk/Condition.h>
 #include <vesk/FileAccess.h>
 #include <vesk/Mutex.h>
@@ -17,11 +18,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <cstddef>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -34,14 +35,14 @@
 #include <unistd.h>
 #include <vector>
 
-// ---- what the start-up asks of the system, in order ----
+// ---- the calls of the start-up, in order ----
 
 namespace {
 
 bool g_recording = false;
 std::vector<std::string> g_calls;
 struct sigaction g_last_action {};
-// What the clocks show instead of the time, where the seconds are not 0.
+// The times of the clocks, unless their seconds are 0.
 timespec g_wall_clock{};
 timespec g_monotonic_clock{};
 
@@ -129,7 +130,7 @@ extern "C" int pthread_getschedparam(pthread_t thread, int* policy, sched_param*
     return getReal(inject_pthread_getschedparam, &pthread_getschedparam)(thread, policy, param);
 }
 
-// The number that the system does not know. The thread sanitizer calls this before it is able to watch anything.
+// The value that is unavailable. The thread sanitizer calls this function before its own start.
 namespace {
 int g_unknown_number = -1;
 } // namespace
@@ -138,35 +139,30 @@ extern "C" __attribute__((no_sanitize("thread"))) long sysconf(int name) {
     return name == g_unknown_number ? -1 : __sysconf(name);
 }
 
-// ---- before every initialiser ----
+// ---- before every initializer ----
 
 namespace {
 
 char g_first_dir[32] = "not called";
-constexpr char const* EARLY_DIR = "/set/before/any/initialiser/ran/and/still/there";
+constexpr char const* EARLY_DIR = "/set/before/any/initializer/ran/and/still/there";
 
-// Runs before the initialisers of all libraries: what depends on the order of files cannot work here.
-void setDirBeforeInitialisers() {
+// Runs before the initializers of all libraries. Code that depends on the order of files fails here.
+void setDirBeforeInitializers() {
     strncpy(g_first_dir, vesk::Vesk::setDefaultConfigDir(EARLY_DIR).c_str(), sizeof g_first_dir - 1);
 }
 #if defined(__SANITIZE_THREAD__)
-// Instrumented code cannot run that early with this sanitizer: an initialiser of the program has to do.
-[[gnu::constructor]] void setDirInAnInitialiser() {
-    setDirBeforeInitialisers();
+// This sanitizer's code cannot run that early, so an initializer of the program is used instead.
+[[gnu::constructor]] void setDirInAnInitializer() {
+    setDirBeforeInitializers();
 }
 #else
 [[gnu::section(".preinit_array"),
-  gnu::used]] void (*const g_before_initialisers)() = setDirBeforeInitialisers;
+  gnu::used]] void (*const g_before_initializers)() = setDirBeforeInitializers;
 #endif
 
 // ---- the tests ----
 
-using support::chainIs;
-using support::ChildEnd;
-using support::EventRecorder;
-using support::Fault;
-using support::rowText;
-using support::systemText;
+using namespace support;
 using vesk::Vesk;
 using namespace vesk::sched;
 
@@ -183,24 +179,23 @@ Calls const WHOLE_START_UP = {
     "pthread_getschedparam()",
 };
 
+/// Returns the calls of a start-up without one of them.
+Calls without(std::string const& call) {
+    Calls calls = WHOLE_START_UP;
+    calls.erase(std::find(calls.begin(), calls.end(), call));
+    return calls;
+}
+
 constexpr char const* START_UP_FAILED = "ABORT framework/src/vesk/common/vesk Vesk: Error initializing VESK";
 constexpr char const* SECOND_START_UP =
     "ASSERT framework/src/vesk/common/vesk Vesk: !s_init_count.getCurrentCount()";
 
-/// Notes the calls while it lives.
-class Recording {
-public:
-    Recording() {
-        g_calls.clear();
-        g_recording = true;
-    }
-    ~Recording() { g_recording = false; }
-};
-
-/// What a new object makes of the library, and which calls that takes.
-Calls callsOf(bool lazy_process_init) {
-    Recording const recording;
-    Vesk const vesk(lazy_process_init, false);
+/// Constructs an object and returns the calls that its constructor makes.
+Calls callsOf(bool lazy_process_init, bool second = false) {
+    g_calls.clear();
+    g_recording = true;
+    Vesk const vesk(lazy_process_init, second);
+    g_recording = false;
     return g_calls;
 }
 
@@ -210,15 +205,19 @@ void choosePipeSignal(void (*handler)(int)) {
     ASSERT_EQ(0, sigaction(SIGPIPE, &action, nullptr));
 }
 
-/// The start-up is once per process, so every test has a process of its own, with `SIGPIPE` as a shell leaves it.
+struct sigaction getPipeSignal() {
+    struct sigaction action {};
+    EXPECT_EQ(0, sigaction(SIGPIPE, nullptr, &action));
+    return action;
+}
+
+/// Runs a test in a process without a start-up, with `SIGPIPE` as a shell sets it.
 template <typename Body>
 void inFreshProcess(Body body) {
-    ChildEnd const end = support::runInChild([&] {
+    expectInChild([&] {
         choosePipeSignal(SIG_DFL);
         body();
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
-    EXPECT_EQ(0, end.signal) << end.output << end.errors;
 }
 
 long long getUptime() {
@@ -227,7 +226,8 @@ long long getUptime() {
     return ms;
 }
 
-void expectAttr(Attr const& attributes, Policy_E policy, int priority, int nice) {
+void expectAttr(Policy_E policy, int priority, int nice) {
+    Attr const& attributes = Vesk::s_vesk_ctor_sched_attrs;
     EXPECT_EQ(policy, attributes.policy);
     EXPECT_EQ(priority, attributes.param.priority);
     EXPECT_EQ(nice, attributes.param.nice);
@@ -236,54 +236,54 @@ void expectAttr(Attr const& attributes, Policy_E policy, int priority, int nice)
     EXPECT_EQ(0u, attributes.param.reserved_last);
 }
 
-// ---- before the start-up ----
-
-TEST(VeskLoaded, nothingHasStarted) {
-    inFreshProcess([] {
-        EXPECT_FALSE(Vesk::s_initialized);
-        EXPECT_FALSE(Vesk::s_ever_initialized);
-        EXPECT_EQ(0u, Vesk::s_init_count.getCurrentCount());
-        expectAttr(Vesk::s_vesk_ctor_sched_attrs, VESK_SCHED_NOOP, 0, 0);
-        g_monotonic_clock = {1000, 0};
-        EXPECT_EQ(1000000, getUptime()) << "counted from 0";
-    });
+void expectCount(unsigned int count, bool initialized = true) {
+    EXPECT_EQ(count, Vesk::s_init_count.getCurrentCount());
+    EXPECT_EQ(initialized, Vesk::s_initialized);
 }
 
-TEST(VeskLoaded, knowsTheMachine) {
+// ---- before the start-up ----
+
+VESK_TEST_BY(inFreshProcess, VeskLoaded, nothingHasStarted) {
+    EXPECT_FALSE(Vesk::s_ever_initialized);
+    expectCount(0, false);
+    expectAttr(VESK_SCHED_NOOP, 0, 0);
+    g_monotonic_clock = {1000, 0};
+    EXPECT_EQ(1000000, getUptime()) << "counted from 0";
+}
+
+TEST(VeskLoaded, hasTheNumbersOfTheMachine) {
     EXPECT_EQ(sysconf(_SC_PAGESIZE), static_cast<long>(Vesk::s_sys_info.page_size));
     EXPECT_EQ(sysconf(_SC_NPROCESSORS_ONLN), static_cast<long>(Vesk::s_sys_info.processor_count));
 }
 
-TEST(VeskLoaded, locksAndConditionsAndFileConstantsWorkWithoutAStartUp) {
-    inFreshProcess([] {
-        vesk::Mutex mutex;
-        vesk::Condition condition;
-        bool ready = false;
-        std::thread waiter([&] {
-            vesk::MutexLock const lock(mutex);
-            while (!ready) {
-                EXPECT_FALSE(condition.wait(mutex));
-            }
-        });
-        {
-            vesk::MutexLock const lock(mutex);
-            ready = true;
+VESK_TEST_BY(inFreshProcess, VeskLoaded, locksAndConditionsAndFileConstantsWorkWithoutAStartUp) {
+    vesk::Mutex mutex;
+    vesk::Condition condition;
+    bool ready = false;
+    std::thread waiter([&] {
+        vesk::MutexLock const lock(mutex);
+        while (!ready) {
+            EXPECT_FALSE(condition.wait(mutex));
         }
-        EXPECT_FALSE(condition.signal());
-        waiter.join();
-        EXPECT_FALSE(mutex.lock());
-        EXPECT_TRUE(mutex.lock()) << "and so do the error families";
-        EXPECT_FALSE(mutex.unlock());
-        EXPECT_TRUE(chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}}));
-        EXPECT_EQ(0700u, static_cast<mode_t>(vesk::FileAccess::owner_all));
-        EXPECT_EQ(0u, Vesk::s_init_count.getCurrentCount());
     });
+    {
+        vesk::MutexLock const lock(mutex);
+        ready = true;
+    }
+    EXPECT_FALSE(condition.signal());
+    waiter.join();
+    EXPECT_FALSE(mutex.lock());
+    EXPECT_TRUE(mutex.lock()) << "the error families work, too";
+    EXPECT_FALSE(mutex.unlock());
+    EXPECT_TRUE(chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}}));
+    EXPECT_EQ(0700u, static_cast<mode_t>(vesk::FileAccess::owner_all));
+    EXPECT_EQ(0u, Vesk::s_init_count.getCurrentCount());
 }
 
 static_assert(sizeof(Vesk::SystemInfo) == 8 && offsetof(Vesk::SystemInfo, page_size) == 0);
 static_assert(offsetof(Vesk::SystemInfo, processor_count) == 4);
 
-TEST(VeskSystemInfo, numberThatCannotBeHadIsZero) {
+TEST(VeskSystemInfo, numberThatIsUnavailableIsZero) {
     g_unknown_number = _SC_PAGESIZE;
     Vesk::SystemInfo const without_page;
     g_unknown_number = _SC_NPROCESSORS_ONLN;
@@ -300,93 +300,75 @@ TEST(VeskSystemInfo, numberThatCannotBeHadIsZero) {
 static_assert(!std::is_polymorphic_v<Vesk> && sizeof(Vesk) == 1);
 static_assert(std::is_trivially_destructible_v<Vesk>);
 
-TEST(VeskStartUp, takesItsStepsInOrder) {
-    inFreshProcess([] {
-        EXPECT_EQ(WHOLE_START_UP, callsOf(true));
-        EXPECT_TRUE(Vesk::s_initialized);
-        EXPECT_TRUE(Vesk::s_ever_initialized);
-        EXPECT_EQ(1u, Vesk::s_init_count.getCurrentCount());
-        EXPECT_TRUE(chainIs({}));
-    });
+VESK_TEST_BY(inFreshProcess, VeskStartUp, takesItsStepsInOrder) {
+    EXPECT_EQ(WHOLE_START_UP, callsOf(true));
+    EXPECT_TRUE(Vesk::s_ever_initialized);
+    expectCount(1);
+    EXPECT_TRUE(chainIs({}));
 }
 
-TEST(VeskStartUp, looksAtOneMoreSignalWhenProcessesAreSetUpAtOnce) {
-    inFreshProcess([] {
-        Calls expected = WHOLE_START_UP;
-        expected.insert(expected.begin() + 5, "sigaction(other, query)"); // SIGCHLD must not be ignored.
-        EXPECT_EQ(expected, callsOf(false));
-        EXPECT_TRUE(chainIs({}));
-    });
+VESK_TEST_BY(inFreshProcess, VeskStartUp, checksOneMoreSignalWhenProcessesAreSetUpAtOnce) {
+    Calls expected = WHOLE_START_UP;
+    expected.insert(expected.begin() + 5, "sigaction(other, query)"); // SIGCHLD must not be ignored.
+    EXPECT_EQ(expected, callsOf(false));
+    EXPECT_TRUE(chainIs({}));
 }
 
-TEST(VeskStartUp, takesTheLocaleOfTheEnvironment) {
-    inFreshProcess([] {
-        ASSERT_EQ(0, setenv("LC_ALL", "C.UTF-8", 1));
-        ASSERT_STREQ("C", setlocale(LC_ALL, nullptr));
-        Vesk const vesk(true, false);
-        EXPECT_STREQ("C.UTF-8", setlocale(LC_ALL, nullptr));
-    });
+VESK_TEST_BY(inFreshProcess, VeskStartUp, secondArgumentHasNoEffect) {
+    EXPECT_EQ(WHOLE_START_UP, callsOf(true, true));
+    EXPECT_TRUE(Vesk(true, true).isProcessInitLazy());
 }
 
-TEST(VeskStartUp, unknownLocaleInTheEnvironmentIsNoFailure) {
-    inFreshProcess([] {
-        ASSERT_EQ(0, setenv("LC_ALL", "nowhere_NOWHERE", 1));
-        EventRecorder const recorder;
-        Vesk const vesk(true, false);
-        EXPECT_STREQ("C", setlocale(LC_ALL, nullptr));
-        EXPECT_EQ("", recorder.getText());
-    });
+VESK_TEST_BY(inFreshProcess, VeskStartUp, setsTheLocaleOfTheEnvironment) {
+    ASSERT_EQ(0, setenv("LC_ALL", "C.UTF-8", 1));
+    ASSERT_STREQ("C", setlocale(LC_ALL, nullptr));
+    Vesk const vesk(true, false);
+    EXPECT_STREQ("C.UTF-8", setlocale(LC_ALL, nullptr));
 }
 
-TEST(VeskStartUp, takesTheTimeZoneOfTheEnvironment) {
-    inFreshProcess([] {
-        ASSERT_EQ(0, setenv("TZ", "XYZ-5", 1));
-        Vesk const vesk(true, false);
-        EXPECT_STREQ("XYZ", tzname[0]);
-        EXPECT_EQ(-5 * 3600, timezone);
-    });
+VESK_TEST_BY(inFreshProcess, VeskStartUp, unknownLocaleInTheEnvironmentIsNoFailure) {
+    ASSERT_EQ(0, setenv("LC_ALL", "nowhere_NOWHERE", 1));
+    EventRecorder const recorder;
+    Vesk const vesk(true, false);
+    EXPECT_STREQ("C", setlocale(LC_ALL, nullptr));
+    EXPECT_EQ("", recorder.getText());
 }
 
-TEST(VeskStartUp, isTheOriginOfTheUptime) {
-    inFreshProcess([] {
-        g_monotonic_clock = {1000, 0};
-        Vesk const vesk(true, false);
-        EXPECT_EQ(0, getUptime());
-        g_monotonic_clock = {1005, 250000000};
-        EXPECT_EQ(5250, getUptime());
-    });
+VESK_TEST_BY(inFreshProcess, VeskStartUp, setsTheTimeZoneOfTheEnvironment) {
+    ASSERT_EQ(0, setenv("TZ", "XYZ-5", 1));
+    Vesk const vesk(true, false);
+    EXPECT_STREQ("XYZ", tzname[0]);
+    EXPECT_EQ(-5 * 3600, timezone);
 }
 
-TEST(VeskStartUp, seedsRandWithTheLowBitsOfTheTime) {
-    inFreshProcess([] {
-        g_wall_clock = {1700000000, 123999999};
-        Vesk const vesk(true, false);
-        std::vector<int> drawn(8);
-        for (int& number : drawn) {
-            number = rand();
-        }
-        srand(static_cast<unsigned int>(1700000000123 & 0xFFFFFFFF));
-        for (int const number : drawn) {
-            EXPECT_EQ(rand(), number);
-        }
-    });
+VESK_TEST_BY(inFreshProcess, VeskStartUp, isTheOriginOfTheUptime) {
+    g_monotonic_clock = {1000, 0};
+    Vesk const vesk(true, false);
+    EXPECT_EQ(0, getUptime());
+    g_monotonic_clock = {1005, 250000000};
+    EXPECT_EQ(5250, getUptime());
 }
 
-TEST(VeskStartUp, leavesAnErrorAloneThatWasPendingBefore) {
-    inFreshProcess([] {
-        std::ErrorOutput("older", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
-        Vesk const vesk(true, false);
-        EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}}));
-    });
+VESK_TEST_BY(inFreshProcess, VeskStartUp, seedsRandWithTheLowBitsOfTheTime) {
+    g_wall_clock = {1700000000, 123999999};
+    Vesk const vesk(true, false);
+    std::vector<int> drawn(8);
+    std::generate(drawn.begin(), drawn.end(), rand);
+    srand(static_cast<unsigned int>(1700000000123 & 0xFFFFFFFF));
+    for (int const number : drawn) {
+        EXPECT_EQ(rand(), number);
+    }
 }
 
-TEST(VeskStartUp, keepsItsFirstArgument) {
-    inFreshProcess([] {
-        Vesk const lazy(true, false);
-        Vesk const eager(false, true);
-        EXPECT_TRUE(lazy.isProcessInitLazy());
-        EXPECT_FALSE(eager.isProcessInitLazy());
-    });
+VESK_TEST_BY(inFreshProcess, VeskStartUp, keepsAPendingError) {
+    std::ErrorOutput("older", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
+    Vesk const vesk(true, false);
+    EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}}));
+}
+
+VESK_TEST_BY(inFreshProcess, VeskStartUp, keepsItsFirstArgument) {
+    EXPECT_TRUE(Vesk(true, false).isProcessInitLazy());
+    EXPECT_FALSE(Vesk(false, true).isProcessInitLazy());
 }
 
 // ---- SIGPIPE ----
@@ -403,33 +385,24 @@ bool isSame(sigset_t const& left, sigset_t const& right) {
     return true;
 }
 
-TEST(VeskPipeSignal, isIgnoredWithAFullMaskAndNoFlags) {
-    inFreshProcess([] {
-        {
-            Recording const recording;
-            Vesk const vesk(true, false);
-        }
-        EXPECT_EQ(SIG_IGN, g_last_action.sa_handler);
-        EXPECT_EQ(0, g_last_action.sa_flags);
-        sigset_t full;
-        sigfillset(&full);
-        EXPECT_TRUE(isSame(full, g_last_action.sa_mask));
-        struct sigaction action {};
-        ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &action));
-        EXPECT_EQ(SIG_IGN, action.sa_handler);
-    });
+VESK_TEST_BY(inFreshProcess, VeskPipeSignal, isIgnoredWithAFullMaskAndNoFlags) {
+    callsOf(true);
+    EXPECT_EQ(SIG_IGN, g_last_action.sa_handler);
+    EXPECT_EQ(0, g_last_action.sa_flags);
+    sigset_t full;
+    sigfillset(&full);
+    EXPECT_TRUE(isSame(full, g_last_action.sa_mask));
+    EXPECT_EQ(SIG_IGN, getPipeSignal().sa_handler);
 }
 
-TEST(VeskPipeSignal, writingToAClosedPipeIsAnErrorNumber) {
-    inFreshProcess([] {
-        Vesk const vesk(true, false);
-        int ends[2];
-        ASSERT_EQ(0, pipe(ends));
-        close(ends[0]);
-        EXPECT_EQ(-1, write(ends[1], "x", 1));
-        EXPECT_EQ(EPIPE, errno);
-        close(ends[1]);
-    });
+VESK_TEST_BY(inFreshProcess, VeskPipeSignal, writingToAClosedPipeIsAnErrorNumber) {
+    Vesk const vesk(true, false);
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    close(ends[0]);
+    EXPECT_EQ(-1, write(ends[1], "x", 1));
+    EXPECT_EQ(EPIPE, errno);
+    close(ends[1]);
 }
 
 struct Disposition {
@@ -443,22 +416,16 @@ void PrintTo(Disposition const& disposition, std::ostream* out) {
 
 class VeskPipeSignalChosen : public testing::TestWithParam<Disposition> {};
 
-TEST_P(VeskPipeSignalChosen, staysAsItWas) {
+TEST_P(VeskPipeSignalChosen, isKept) {
     inFreshProcess([] {
         struct sigaction chosen {};
         GetParam().choose(chosen);
         sigaddset(&chosen.sa_mask, SIGUSR1);
         chosen.sa_flags |= SA_NODEFER;
         ASSERT_EQ(0, sigaction(SIGPIPE, &chosen, nullptr));
-        struct sigaction before {};
-        ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &before));
-
-        Calls expected = WHOLE_START_UP;
-        expected.erase(expected.begin() + 2);
-        EXPECT_EQ(expected, callsOf(true)) << "all but setting it";
-
-        struct sigaction after {};
-        ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &after));
+        struct sigaction const before = getPipeSignal();
+        EXPECT_EQ(without("sigaction(SIGPIPE, set)"), callsOf(true));
+        struct sigaction const after = getPipeSignal();
         EXPECT_EQ(before.sa_sigaction, after.sa_sigaction);
         EXPECT_EQ(before.sa_flags, after.sa_flags);
         EXPECT_TRUE(isSame(before.sa_mask, after.sa_mask));
@@ -477,68 +444,61 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- a start-up that fails ----
 
-TEST(VeskFailure, pipeSignalThatCannotBeReadEndsTheStartUp) {
+struct PipeFailure {
+    char const* name;
+    int error;
+    int nth;
+};
+
+class VeskFailurePipeSignal : public testing::TestWithParam<PipeFailure> {};
+
+TEST_P(VeskFailurePipeSignal, endsTheStartUp) {
     inFreshProcess([] {
         EventRecorder const recorder;
-        Fault const fault(inject_sigaction, EINVAL, 1);
-        Calls const calls = callsOf(true);
-        EXPECT_EQ(
-            (Calls{"setlocale(LC_ALL, \"\")", "sigaction(SIGPIPE, query)", "pthread_getschedparam()"}), calls)
-            << "no further step; a hook that survives the abort lets the constructor go on behind them";
+        Fault const fault(inject_sigaction, GetParam().error, GetParam().nth);
+        // A hook that suppresses the abort lets the constructor continue behind the steps.
+        Calls expected(WHOLE_START_UP.begin(), WHOLE_START_UP.begin() + 1 + GetParam().nth);
+        expected.emplace_back("pthread_getschedparam()");
+        EXPECT_EQ(expected, callsOf(true));
         EXPECT_EQ(START_UP_FAILED, recorder.getText());
         EXPECT_TRUE(chainIs({})) << "it makes no report";
     });
 }
 
-TEST(VeskFailure, pipeSignalThatCannotBeSetEndsTheStartUp) {
-    inFreshProcess([] {
-        EventRecorder const recorder;
-        Fault const fault(inject_sigaction, EPERM, 2);
-        Calls const calls = callsOf(true);
-        EXPECT_EQ(
-            (Calls{
-                "setlocale(LC_ALL, \"\")", "sigaction(SIGPIPE, query)", "sigaction(SIGPIPE, set)",
-                "pthread_getschedparam()"}),
-            calls);
-        EXPECT_EQ(START_UP_FAILED, recorder.getText());
-        EXPECT_TRUE(chainIs({}));
-    });
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, VeskFailurePipeSignal,
+    testing::Values(PipeFailure{"thatCannotBeRead", EINVAL, 1}, PipeFailure{"thatCannotBeSet", EPERM, 2}),
+    [](auto const& row) { return row.param.name; });
 
 struct ClockRow {
     int error;
-    std::ErrorType const* family;
-    int id;
+    ExpectedReport report;
 };
 
 class VeskFailureClockRows : public testing::TestWithParam<ClockRow> {};
 
 TEST_P(VeskFailureClockRows, endTheStartUpWithTheReportPending) {
     inFreshProcess([] {
-        ClockRow const& row = GetParam();
+        auto const& [error, report] = GetParam();
         EventRecorder const recorder;
-        Calls calls;
         {
-            Fault const fault(inject_clock_gettime, row.error);
-            calls = callsOf(true);
+            Fault const fault(inject_clock_gettime, error);
+            EXPECT_EQ(without("srand()"), callsOf(true));
         }
-        Calls expected = WHOLE_START_UP;
-        expected.erase(expected.end() - 2); // Not srand.
-        EXPECT_EQ(expected, calls);
         EXPECT_EQ(START_UP_FAILED, recorder.getText());
-        EXPECT_TRUE(chainIs({{*row.family, row.id, rowText(*row.family, row.id, systemText(row.error))}}));
+        EXPECT_TRUE(causeIs(*report.family, report.id, error));
     });
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, VeskFailureClockRows,
     testing::Values(
-        ClockRow{EINVAL, &vesk::SysError, vesk::SysErrorId::NOT_IMPLEMENTED},
-        ClockRow{EPERM, &vesk::Time::Error, vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}),
+        ClockRow{EINVAL, vesk::SysErrorId::NOT_IMPLEMENTED},
+        ClockRow{EPERM, vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}),
     [](auto const& row) { return "errno" + std::to_string(row.param.error); });
 
 TEST(VeskFailure, endsTheProcess) {
-    ChildEnd const end = support::runInChild([] {
+    ChildEnd const end = runInChild([] {
         choosePipeSignal(SIG_DFL);
         rlimit const no_core{0, 0};
         setrlimit(RLIMIT_CORE, &no_core);
@@ -550,114 +510,85 @@ TEST(VeskFailure, endsTheProcess) {
     EXPECT_NE(std::string::npos, end.errors.find("Error initializing VESK")) << end.errors;
 }
 
-TEST(VeskFailure, stepsTellTheirFailure) {
-    inFreshProcess([] {
-        Vesk vesk(true, false);
-        EXPECT_FALSE(vesk.preInit());
-        EXPECT_FALSE(vesk.postInit());
-        {
-            Fault const fault(inject_sigaction, EINVAL);
-            EXPECT_TRUE(vesk.preInit());
-        }
+VESK_TEST_BY(inFreshProcess, VeskFailure, isTheResultOfTheStep) {
+    Vesk vesk(true, false);
+    EXPECT_FALSE(vesk.preInit());
+    EXPECT_FALSE(vesk.postInit());
+    for (int const nth : {1, 2}) {
         choosePipeSignal(SIG_DFL);
-        {
-            Fault const fault(inject_sigaction, EINVAL, 2);
-            EXPECT_TRUE(vesk.preInit());
-        }
-        EXPECT_TRUE(chainIs({}));
-        Fault const fault(inject_clock_gettime, EINVAL);
-        EXPECT_TRUE(vesk.postInit());
-        EXPECT_TRUE(chainIs({{vesk::SysErrorId::NOT_IMPLEMENTED}}));
-    });
+        Fault const fault(inject_sigaction, EINVAL, nth);
+        EXPECT_TRUE(vesk.preInit());
+    }
+    EXPECT_TRUE(chainIs({}));
+    Fault const fault(inject_clock_gettime, EINVAL);
+    EXPECT_TRUE(vesk.postInit());
+    EXPECT_TRUE(chainIs({{vesk::SysErrorId::NOT_IMPLEMENTED}}));
 }
 
 // ---- further objects ----
 
-TEST(VeskSecond, changesNothingButTheCount) {
-    inFreshProcess([] {
-        g_monotonic_clock = {1000, 0};
-        Vesk const first(true, false);
-        g_monotonic_clock = {1005, 0};
-        int const kept_nice = Vesk::s_vesk_ctor_sched_attrs.param.nice;
-        ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
-        choosePipeSignal(SIG_DFL);
-        EventRecorder const recorder;
-        EXPECT_EQ(Calls{}, callsOf(true));
-        EXPECT_EQ(2u, Vesk::s_init_count.getCurrentCount());
-        EXPECT_EQ(Calls{}, callsOf(false)) << "whatever its arguments are";
-        EXPECT_EQ(3u, Vesk::s_init_count.getCurrentCount());
-        EXPECT_EQ(5000, getUptime());
-        EXPECT_TRUE(Vesk::s_initialized);
-        struct sigaction action {};
-        ASSERT_EQ(0, sigaction(SIGPIPE, nullptr, &action));
-        EXPECT_EQ(SIG_DFL, action.sa_handler);
-        EXPECT_EQ(kept_nice, Vesk::s_vesk_ctor_sched_attrs.param.nice);
-        EXPECT_EQ("", recorder.getText());
-    });
+VESK_TEST_BY(inFreshProcess, VeskSecond, changesNothingButTheCount) {
+    g_monotonic_clock = {1000, 0};
+    Vesk const first(true, false);
+    g_monotonic_clock = {1005, 0};
+    int const kept_nice = Vesk::s_vesk_ctor_sched_attrs.param.nice;
+    ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
+    choosePipeSignal(SIG_DFL);
+    EventRecorder const recorder;
+    EXPECT_EQ(Calls{}, callsOf(true));
+    expectCount(2);
+    EXPECT_EQ(Calls{}, callsOf(false)) << "with any arguments";
+    expectCount(3);
+    EXPECT_EQ(5000, getUptime());
+    EXPECT_EQ(SIG_DFL, getPipeSignal().sa_handler);
+    EXPECT_EQ(kept_nice, Vesk::s_vesk_ctor_sched_attrs.param.nice);
+    EXPECT_EQ("", recorder.getText());
 }
 
-TEST(VeskSecond, destroyingOneUndoesNothing) {
-    inFreshProcess([] {
-        { Vesk const vesk(true, false); }
-        EXPECT_TRUE(Vesk::s_initialized);
-        EXPECT_EQ(1u, Vesk::s_init_count.getCurrentCount());
-        EXPECT_EQ(Calls{}, callsOf(true));
-        EXPECT_EQ(2u, Vesk::s_init_count.getCurrentCount());
-    });
+VESK_TEST_BY(inFreshProcess, VeskSecond, destroyingOneUndoesNothing) {
+    { Vesk const vesk(true, false); }
+    expectCount(1);
+    EXPECT_EQ(Calls{}, callsOf(true));
+    expectCount(2);
 }
 
-TEST(VeskSecond, threadsThatMakeFurtherOnesLoseNoCount) {
-    inFreshProcess([] {
-        constexpr unsigned int THREADS = 4;
-        constexpr unsigned int ROUNDS = 5000;
-        Vesk const vesk(true, false);
-        std::vector<std::thread> threads;
-        for (unsigned int i = 0; i < THREADS; ++i) {
-            threads.emplace_back([] {
-                for (unsigned int round = 0; round < ROUNDS; ++round) {
-                    Vesk const further(false, false);
-                }
-            });
+VESK_TEST_BY(inFreshProcess, VeskSecond, threadsThatConstructFurtherOnesLoseNoCount) {
+    constexpr unsigned int ROUNDS = 5000;
+    Vesk const vesk(true, false);
+    runInThreads(4, [](int) {
+        for (unsigned int round = 0; round < ROUNDS; ++round) {
+            Vesk const further(false, false);
         }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-        EXPECT_EQ(1 + THREADS * ROUNDS, Vesk::s_init_count.getCurrentCount());
     });
+    expectCount(1 + 4 * ROUNDS);
 }
 
 // ---- cleanupAll ----
 
-TEST(VeskCleanup, leavesTheCountAndTheMarkOfTheFirstStartUp) {
-    inFreshProcess([] {
-        Vesk const vesk(true, false);
-        Vesk::cleanupAll();
-        EXPECT_FALSE(Vesk::s_initialized);
-        EXPECT_TRUE(Vesk::s_ever_initialized);
-        EXPECT_EQ(1u, Vesk::s_init_count.getCurrentCount());
-    });
+VESK_TEST_BY(inFreshProcess, VeskCleanup, leavesTheCountAndTheMarkOfTheFirstStartUp) {
+    Vesk const vesk(true, false);
+    Vesk::cleanupAll();
+    EXPECT_TRUE(Vesk::s_ever_initialized);
+    expectCount(1, false);
 }
 
-TEST(VeskCleanup, startUpAfterItTripsAnAssertionAndRunsAllTheSame) {
-    inFreshProcess([] {
-        Vesk const vesk(true, false);
-        Vesk::cleanupAll();
-        g_monotonic_clock = {1000, 0};
-        choosePipeSignal(SIG_DFL);
-        EventRecorder const recorder;
-        EXPECT_EQ(WHOLE_START_UP, callsOf(true));
-        EXPECT_EQ(SECOND_START_UP, recorder.getText());
-        EXPECT_EQ(0, getUptime()) << "the uptime begins again";
-        EXPECT_TRUE(Vesk::s_initialized);
-        EXPECT_EQ(2u, Vesk::s_init_count.getCurrentCount());
-        EXPECT_EQ(Calls{}, callsOf(true)) << "now it runs again";
-        EXPECT_EQ(1u, recorder.getCount());
-        EXPECT_EQ(3u, Vesk::s_init_count.getCurrentCount());
-    });
+VESK_TEST_BY(inFreshProcess, VeskCleanup, startUpAfterItTripsAnAssertionAndRunsAllTheSame) {
+    Vesk const vesk(true, false);
+    Vesk::cleanupAll();
+    g_monotonic_clock = {1000, 0};
+    choosePipeSignal(SIG_DFL);
+    EventRecorder const recorder;
+    EXPECT_EQ(WHOLE_START_UP, callsOf(true));
+    EXPECT_EQ(SECOND_START_UP, recorder.getText());
+    EXPECT_EQ(0, getUptime()) << "the uptime begins again";
+    expectCount(2);
+    EXPECT_EQ(Calls{}, callsOf(true)) << "the library is running again";
+    EXPECT_EQ(1u, recorder.getCount());
+    expectCount(3);
 }
 
 TEST(VeskCleanup, assertionDoesNotEndTheProcess) {
-    ChildEnd const end = support::runInChild([] {
+    ChildEnd const end = runInChild([] {
         Vesk const vesk(true, false);
         Vesk::cleanupAll();
         Vesk const again(true, false);
@@ -667,27 +598,23 @@ TEST(VeskCleanup, assertionDoesNotEndTheProcess) {
     EXPECT_NE(std::string::npos, end.errors.find("!s_init_count.getCurrentCount()")) << end.errors;
 }
 
-TEST(VeskCleanup, beforeAnyStartUpDoesNothing) {
-    inFreshProcess([] {
-        Vesk::cleanupAll();
-        EventRecorder const recorder;
-        EXPECT_EQ(WHOLE_START_UP, callsOf(true));
-        EXPECT_EQ("", recorder.getText());
-    });
+VESK_TEST_BY(inFreshProcess, VeskCleanup, beforeAnyStartUpDoesNothing) {
+    Vesk::cleanupAll();
+    EventRecorder const recorder;
+    EXPECT_EQ(WHOLE_START_UP, callsOf(true));
+    EXPECT_EQ("", recorder.getText());
 }
 
 // ---- the main thread's scheduling ----
 
-TEST(VeskSchedAttrs, areThoseOfTheThreadThatRanTheStartUp) {
-    inFreshProcess([] {
-        ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
-        Vesk const vesk(true, false);
-        expectAttr(Vesk::s_vesk_ctor_sched_attrs, VESK_SCHED_POLICY_NORMAL, 0, 19);
-    });
+VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, areThoseOfTheThreadThatRanTheStartUp) {
+    ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
+    Vesk const vesk(true, false);
+    expectAttr(VESK_SCHED_POLICY_NORMAL, 0, 19);
 }
 
 TEST(VeskSchedAttrs, areKeptForARealTimeThread) {
-    ChildEnd const end = support::runInChild([] {
+    ChildEnd const end = runInChild([] {
         sched_param param{};
         param.sched_priority = 3;
         if (int const refused = pthread_setschedparam(pthread_self(), SCHED_RR, &param)) {
@@ -695,7 +622,7 @@ TEST(VeskSchedAttrs, areKeptForARealTimeThread) {
             return;
         }
         Vesk const vesk(true, false);
-        expectAttr(Vesk::s_vesk_ctor_sched_attrs, VESK_SCHED_POLICY_RR, 3, 0);
+        expectAttr(VESK_SCHED_POLICY_RR, 3, 0);
     });
     if (end.errors.find("REFUSED") == 0) {
         GTEST_SKIP() << "no real-time scheduling here: " << end.errors;
@@ -703,19 +630,17 @@ TEST(VeskSchedAttrs, areKeptForARealTimeThread) {
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-TEST(VeskSchedAttrs, thatCannotBeReadAreAcknowledgedAndChangeNothing) {
-    inFreshProcess([] {
-        ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
-        Vesk const first(true, false);
-        Vesk::cleanupAll();
-        EventRecorder const recorder;
-        Fault const fault(inject_pthread_getschedparam, EPERM);
-        Vesk const second(true, false);
-        expectAttr(Vesk::s_vesk_ctor_sched_attrs, VESK_SCHED_NOOP, 0, 0);
-        EXPECT_FALSE(std::ErrorStorage::isError(false));
-        EXPECT_EQ(SECOND_START_UP, recorder.getText()) << "and no abort";
-        EXPECT_TRUE(Vesk::s_initialized);
-    });
+VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, failureToReadThemIsAcknowledgedAndChangesNothing) {
+    ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
+    Vesk const first(true, false);
+    Vesk::cleanupAll();
+    EventRecorder const recorder;
+    Fault const fault(inject_pthread_getschedparam, EPERM);
+    Vesk const second(true, false);
+    expectAttr(VESK_SCHED_NOOP, 0, 0);
+    EXPECT_FALSE(std::ErrorStorage::isError(false));
+    EXPECT_EQ(SECOND_START_UP, recorder.getText()) << "and no abort";
+    EXPECT_TRUE(Vesk::s_initialized);
 }
 
 // ---- the configuration directory ----
@@ -724,42 +649,36 @@ TEST(VeskConfigDir, isEmptyTheFirstTime) {
     EXPECT_STREQ("", g_first_dir);
 }
 
-TEST(VeskConfigDir, staysWhatAnInitialiserMadeIt) {
-    inFreshProcess([] { EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir()); });
+VESK_TEST_BY(inFreshProcess, VeskConfigDir, keepsTheValueSetByAnInitializer) {
+    EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
 }
 
-TEST(VeskConfigDir, settingItGivesBackTheOneBefore) {
-    inFreshProcess([] {
-        Vesk::setDefaultConfigDir("/etc/one");
-        EXPECT_EQ("/etc/one", vesk::getDefaultConfigDir());
-        EXPECT_EQ("/etc/one", Vesk::setDefaultConfigDir("/etc/two"));
-        EXPECT_EQ("/etc/two", Vesk::setDefaultConfigDir(""));
-        EXPECT_EQ("", Vesk::setDefaultConfigDir("/etc/three"));
-        EXPECT_EQ("/etc/three", vesk::getDefaultConfigDir());
-    });
+VESK_TEST_BY(inFreshProcess, VeskConfigDir, settingItReturnsThePreviousOne) {
+    Vesk::setDefaultConfigDir("/etc/one");
+    EXPECT_EQ("/etc/one", vesk::getDefaultConfigDir());
+    EXPECT_EQ("/etc/one", Vesk::setDefaultConfigDir("/etc/two"));
+    EXPECT_EQ("/etc/two", Vesk::setDefaultConfigDir(""));
+    EXPECT_EQ("", Vesk::setDefaultConfigDir("/etc/three"));
+    EXPECT_EQ("/etc/three", vesk::getDefaultConfigDir());
 }
 
-TEST(VeskConfigDir, resultIsACopyAndTheOtherAReferenceToWhatIsStored) {
-    inFreshProcess([] {
-        std::string const& stored = vesk::getDefaultConfigDir();
-        Vesk::setDefaultConfigDir("/etc/one");
-        std::string const old = Vesk::setDefaultConfigDir("/etc/two");
-        EXPECT_EQ("/etc/one", old);
-        EXPECT_EQ("/etc/two", stored);
-        EXPECT_EQ(&stored, &vesk::getDefaultConfigDir());
-    });
+VESK_TEST_BY(inFreshProcess, VeskConfigDir, setReturnsACopyAndGetAReferenceToTheStoredValue) {
+    std::string const& stored = vesk::getDefaultConfigDir();
+    Vesk::setDefaultConfigDir("/etc/one");
+    std::string const old = Vesk::setDefaultConfigDir("/etc/two");
+    EXPECT_EQ("/etc/one", old);
+    EXPECT_EQ("/etc/two", stored);
+    EXPECT_EQ(&stored, &vesk::getDefaultConfigDir());
     static_assert(std::is_same_v<std::string, decltype(Vesk::setDefaultConfigDir(""))>);
     static_assert(std::is_same_v<std::string const&, decltype(vesk::getDefaultConfigDir())>);
 }
 
-TEST(VeskConfigDir, settingItToItselfKeepsIt) {
-    inFreshProcess([] {
-        EXPECT_EQ(EARLY_DIR, Vesk::setDefaultConfigDir(vesk::getDefaultConfigDir()));
-        EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
-    });
+VESK_TEST_BY(inFreshProcess, VeskConfigDir, settingItToItselfKeepsIt) {
+    EXPECT_EQ(EARLY_DIR, Vesk::setDefaultConfigDir(vesk::getDefaultConfigDir()));
+    EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
 }
 
-// ---- the rest ----
+// ---- arguments and errors ----
 
 TEST(VeskArguments, areLeftAlone) {
     char name[] = "program";
@@ -784,23 +703,12 @@ TEST(VeskError, hasItsRowAndNoParent) {
 }
 
 TEST(VeskError, namesTheSetUpThatFailed) {
-    std::ErrorOutput("source", 1, true)(Vesk::ErrorId::INIT_FAILED, "process impl. object is invalid");
-    EXPECT_TRUE(chainIs(
-        {{Vesk::ErrorId::INIT_FAILED,
-          "Unable to initialize VESK: \"process impl. object is invalid\" failed"}}));
-    std::ErrorOutput("source", 1, true)(Vesk::ErrorId::INIT_FAILED, "process static impl. object is invalid");
-    EXPECT_TRUE(chainIs(
-        {{Vesk::ErrorId::INIT_FAILED,
-          "Unable to initialize VESK: \"process static impl. object is invalid\" failed"}}));
-}
-
-TEST(VeskStartUp, secondArgumentHasNoEffect) {
-    inFreshProcess([] {
-        Recording const recording;
-        Vesk const vesk(true, true);
-        EXPECT_EQ(WHOLE_START_UP, g_calls);
-        EXPECT_TRUE(vesk.isProcessInitLazy());
-    });
+    for (std::string const part :
+         {"process impl. object is invalid", "process static impl. object is invalid"}) {
+        std::ErrorOutput("source", 1, true)(Vesk::ErrorId::INIT_FAILED, part);
+        EXPECT_TRUE(
+            chainIs({{Vesk::ErrorId::INIT_FAILED, "Unable to initialize VESK: \"" + part + "\" failed"}}));
+    }
 }
 
 } // namespace

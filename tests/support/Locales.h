@@ -10,8 +10,7 @@
 
 namespace support {
 
-/// Sets the character encoding of the process during its lifetime. "C" and "C.UTF-8" are part of libc and need no
-/// files.
+/// Sets the locale of the process during its lifetime. "C" and "C.UTF-8" are part of libc and need no files.
 class ScopedLocale {
 public:
     explicit ScopedLocale(char const* name)
@@ -29,8 +28,8 @@ private:
     bool m_set;
 };
 
-/// Builds a locale with the encoding ISO-8859-1 in the folder `place`, under the name "latin1", and makes libc search
-/// there. Returns false without `localedef`, or without the module of libc for this encoding.
+/// Builds a locale with the encoding ISO-8859-1 in the folder `place`, under the name "latin1", and makes
+/// libc search there. Returns false without `localedef`, or without the module of libc for the encoding.
 inline bool buildLatin1(std::string const& place) {
     {
         std::ofstream map(place + "/map");

@@ -72,7 +72,7 @@ inline bool mayTakeNice(std::initializer_list<int> values) {
 
 #define VESK_SKIP_UNLESS_ROOT()                                                                              \
     if (geteuid() != 0) {                                                                                    \
-        GTEST_SKIP() << "only root can give up rights";                                                      \
+        GTEST_SKIP() << "only root can drop its privileges";                                                 \
     }
 
 #define VESK_SKIP_WITHOUT_MOUNTS()                                                                           \

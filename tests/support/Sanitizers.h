@@ -4,7 +4,7 @@
 namespace support {
 
 #if defined(__SANITIZE_ADDRESS__)
-/// The address sanitizer keeps its marks on stack frames that a cancelled thread has unwound.
+/// The address sanitizer keeps its marks on stack frames that a canceled thread has unwound.
 constexpr bool FORGETS_UNWOUND_FRAMES = false;
 #else
 constexpr bool FORGETS_UNWOUND_FRAMES = true;

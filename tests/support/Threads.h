@@ -41,11 +41,11 @@ inline int const g_threads_at_start = [] {
     // The thread sanitizer starts its own thread when the program starts its first one.
     pid_t first = 0;
     pthread_t thread{};
-    auto const tell = [](void* id) -> void* {
+    auto const storeId = [](void* id) -> void* {
         *static_cast<pid_t*>(id) = getThreadId();
         return nullptr;
     };
-    if (pthread_create(&thread, nullptr, tell, &first) != 0 || pthread_join(thread, nullptr) != 0) {
+    if (pthread_create(&thread, nullptr, storeId, &first) != 0 || pthread_join(thread, nullptr) != 0) {
         return -1;
     }
     while (isThread(first)) {

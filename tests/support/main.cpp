@@ -6,8 +6,8 @@
 
 namespace {
 
-/// Rules for every test: it starts without a pending error and leaks no descriptor.
-class HouseRules : public testing::EmptyTestEventListener {
+/// Checks of every test: it starts without a pending error and leaks no descriptor.
+class Rules : public testing::EmptyTestEventListener {
     void OnTestStart(testing::TestInfo const&) override {
         std::ErrorStorage::ack();
         m_descriptors = support::countDescriptors();
@@ -23,6 +23,6 @@ class HouseRules : public testing::EmptyTestEventListener {
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    testing::UnitTest::GetInstance()->listeners().Append(new HouseRules);
+    testing::UnitTest::GetInstance()->listeners().Append(new Rules);
     return RUN_ALL_TESTS();
 }

@@ -21,7 +21,7 @@ support::Fault const* s_locks = nullptr;
 
 } // namespace
 
-/// The last call before the end: what happened until here is visible nowhere else.
+/// The last call before the end, and the only place to check the calls before it.
 extern "C" int pthread_sigmask(int how, sigset_t const* set, sigset_t* old) {
     if (s_locks != nullptr && support::t_allocations != s_allocations_before) {
         _exit(4);
@@ -34,9 +34,7 @@ extern "C" int pthread_sigmask(int how, sigset_t const* set, sigset_t* old) {
 
 namespace {
 
-using support::ChildEnd;
-using support::Fault;
-using support::runInChild;
+using namespace support;
 
 TEST(Abort, writesOneLineAndEndsTheProcessWithSigabrt) {
     ChildEnd const end =
@@ -45,7 +43,7 @@ TEST(Abort, writesOneLineAndEndsTheProcessWithSigabrt) {
     EXPECT_EQ("some/File:12: function: fatal: error 5 (text)\n", end.errors);
 }
 
-TEST(Abort, knowsTheConversions) {
+TEST(Abort, supportsTheConversions) {
     ChildEnd const end = runInChild([] {
         tarnbase::abort(
             "f", 1, "g", "%s|%c|%d|%i|%u|%x|%ld|%lu|%lld|%llu|%zu|%hd|%p|%%", "s", 'c', INT_MIN, -1,
@@ -69,14 +67,14 @@ TEST(Abort, cutsALongLine) {
 }
 
 TEST(Abort, worksInASignalHandlerWithoutTheHeapAndWithoutALock) {
-    if (!support::COUNTS_ALLOCATIONS) {
+    if (!COUNTS_ALLOCATIONS) {
         GTEST_SKIP() << "the sanitizers bring their own allocation functions";
     }
     ChildEnd const end = runInChild([] {
         signal(SIGUSR1, [](int) {
             Fault const locks(inject_pthread_mutex_lock, 0);
             s_locks = &locks;
-            s_allocations_before = support::t_allocations;
+            s_allocations_before = t_allocations;
             tarnbase::abort("f", 1, "g", "%s", "in a handler");
         });
         raise(SIGUSR1);

@@ -16,16 +16,13 @@
 namespace {
 
 using std::Buf;
-using std::CommonError;
 namespace CommonErrorId = std::CommonErrorId;
-using support::chainIs;
-using support::New;
-using support::NewFault;
+using namespace support;
 
-/// Knows what it gave, fills it with rubbish, and can be told to give nothing.
+/// Records its blocks, fills them with a pattern, and can fail.
 class TestAllocator final : public Buf::Allocator {
 public:
-    ~TestAllocator() { EXPECT_TRUE(m_given.empty()) << "every block comes back"; }
+    ~TestAllocator() { EXPECT_TRUE(m_blocks.empty()) << "every block is released"; }
 
     void* allocate(unsigned int size) const noexcept override {
         ++m_calls;
@@ -34,23 +31,23 @@ public:
         }
         void* const memory = malloc(size);
         memset(memory, 0xA5, size);
-        m_given[memory] = size;
+        m_blocks[memory] = size;
         return memory;
     }
 
     void release(void* memory, unsigned int size) const noexcept override {
-        EXPECT_EQ(1U, m_given.count(memory));
-        EXPECT_EQ(m_given[memory], size);
-        m_given.erase(memory);
+        EXPECT_EQ(1U, m_blocks.count(memory));
+        EXPECT_EQ(m_blocks[memory], size);
+        m_blocks.erase(memory);
         free(memory);
     }
 
     void setFailing(bool fails) { m_fails = fails; }
     int getCalls() const { return m_calls; }
-    size_t getGiven() const { return m_given.size(); }
+    size_t countBlocks() const { return m_blocks.size(); }
 
 private:
-    mutable std::map<void*, unsigned int> m_given;
+    mutable std::map<void*, unsigned int> m_blocks;
     mutable int m_calls = 0;
     bool m_fails = false;
 };
@@ -66,15 +63,15 @@ std::string getText(Buf const& buf) {
                               : std::string(reinterpret_cast<char const*>(buf.data), buf.getSize());
 }
 
-// Made before main, from the one allocator that must be there by then.
+// Constructed before main, with the allocator that must exist by then.
 Buf const early = makeBuf("early");
 
-TEST(Buf, canBeMadeInAnyInitialiser) {
+TEST(Buf, canBeConstructedInAnyInitializer) {
     EXPECT_TRUE(early.isValid());
     EXPECT_EQ("early", getText(early));
 }
 
-TEST(Buf, hasTheBytesThatWereAskedForAndTheyAreZero) {
+TEST(Buf, hasTheRequestedBytesAndTheyAreZero) {
     TestAllocator const allocator;
     Buf const buf(300, allocator);
     EXPECT_TRUE(buf.isValid());
@@ -83,7 +80,7 @@ TEST(Buf, hasTheBytesThatWereAskedForAndTheyAreZero) {
     EXPECT_EQ(1, allocator.getCalls());
 }
 
-TEST(Buf, ofSizeZeroIsValidAndAsksForNothing) {
+TEST(Buf, ofSizeZeroIsValidAndAllocatesNothing) {
     TestAllocator const allocator;
     Buf const buf(0, allocator);
     EXPECT_TRUE(buf.isValid());
@@ -96,16 +93,16 @@ TEST(Buf, ofSizeZeroIsValidAndAsksForNothing) {
     EXPECT_TRUE(chainIs({}));
 }
 
-TEST(Buf, givesItsBytesBack) {
+TEST(Buf, releasesItsBytes) {
     TestAllocator const allocator;
     {
         Buf const buf(7, allocator);
-        EXPECT_EQ(1U, allocator.getGiven());
+        EXPECT_EQ(1U, allocator.countBlocks());
     }
-    EXPECT_EQ(0U, allocator.getGiven());
+    EXPECT_EQ(0U, allocator.countBlocks());
 }
 
-TEST(Buf, copyHasBytesOfItsOwn) {
+TEST(Buf, copyHasSeparateBytes) {
     TestAllocator const allocator;
     Buf original = makeBuf("abc", allocator);
     Buf copy(original);
@@ -115,10 +112,10 @@ TEST(Buf, copyHasBytesOfItsOwn) {
     EXPECT_EQ("abc", getText(original));
     original.data[1] = 'Y';
     EXPECT_EQ("Xbc", getText(copy));
-    EXPECT_EQ(2U, allocator.getGiven());
+    EXPECT_EQ(2U, allocator.countBlocks());
 }
 
-TEST(Buf, assignmentCopiesAndGivesTheOldBytesBackWhereTheyCameFrom) {
+TEST(Buf, assignmentCopiesAndReleasesTheOldBytesToTheirAllocator) {
     TestAllocator const one;
     TestAllocator const other;
     Buf buf = makeBuf("old bytes", one);
@@ -126,8 +123,8 @@ TEST(Buf, assignmentCopiesAndGivesTheOldBytesBackWhereTheyCameFrom) {
     buf = source;
     EXPECT_EQ("new", getText(buf));
     EXPECT_NE(source.data, buf.data);
-    EXPECT_EQ(0U, one.getGiven());
-    EXPECT_EQ(2U, other.getGiven());
+    EXPECT_EQ(0U, one.countBlocks());
+    EXPECT_EQ(2U, other.countBlocks());
 }
 
 TEST(Buf, assignmentToItselfChangesNothing) {
@@ -141,7 +138,7 @@ TEST(Buf, assignmentToItselfChangesNothing) {
     EXPECT_EQ(data, buf.data);
 }
 
-TEST(Buf, movingTakesTheBytesOverAndLeavesAnEmptyBlock) {
+TEST(Buf, movingTransfersTheBytesAndLeavesAnEmptyBlock) {
     TestAllocator const allocator;
     Buf source = makeBuf("abc", allocator);
     unsigned char const* const data = source.data;
@@ -155,7 +152,7 @@ TEST(Buf, movingTakesTheBytesOverAndLeavesAnEmptyBlock) {
     assigned = std::move(target);
     EXPECT_EQ(data, assigned.data);
     EXPECT_EQ(0U, target.getSize());
-    EXPECT_EQ(1U, allocator.getGiven());
+    EXPECT_EQ(1U, allocator.countBlocks());
     EXPECT_TRUE(std::is_nothrow_move_constructible_v<Buf>);
     EXPECT_TRUE(std::is_nothrow_move_assignable_v<Buf>);
 }
@@ -170,7 +167,7 @@ TEST(Buf, withoutMemoryIsInvalidAndReported) {
     EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
 }
 
-TEST(Buf, heapWithoutMemoryIsReportedToo) {
+TEST(Buf, exhaustedHeapIsReportedToo) {
     NewFault const fault(New::NOTHROW_SINGLE, 1, NewFault::FOREVER);
     Buf const buf(10);
     EXPECT_FALSE(buf.isValid());
@@ -189,7 +186,7 @@ TEST(Buf, copyWithoutMemoryIsInvalidAndTheSourceIsNot) {
     EXPECT_FALSE(target.isValid());
     EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_EQ("abc", getText(source));
-    EXPECT_EQ(1U, allocator.getGiven());
+    EXPECT_EQ(1U, allocator.countBlocks());
 }
 
 TEST(Buf, copyOfAnInvalidBlockIsInvalidWithoutAReport) {

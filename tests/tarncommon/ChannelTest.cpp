@@ -13,17 +13,16 @@
 
 namespace {
 
-using support::ChildEnd;
-using support::runInChild;
+using namespace support;
 using tracing::Channel;
 
-TEST(Channel, hasTheThresholdItIsBuiltWith) {
+TEST(Channel, hasTheThresholdOfItsConstruction) {
     Channel const channel("Test_Channel", 7, 2);
     EXPECT_EQ(7, channel.m_threshold);
     EXPECT_EQ("Test_Channel", channel.getName());
 }
 
-TEST(Channel, writesOneLineWhateverTheThreshold) {
+TEST(Channel, writesOneLineAtAnyThreshold) {
     ChildEnd const end = runInChild([] {
         Channel channel("Test_Channel", 7, 0);
         channel.logCV(2, "can't set %s to %d", "nice", -5);
@@ -71,7 +70,7 @@ TEST(Channel, thresholdIsSetByName) {
     EXPECT_FALSE(Channel::setThreshold("", 2));
 }
 
-TEST(Channel, destroyedOneIsForgotten) {
+TEST(Channel, destroyedChannelIsNotFound) {
     Channel const before("Before", 7, 2);
     {
         Channel const channel("Gone", 7, 2);
@@ -114,7 +113,7 @@ INSTANTIATE_TEST_SUITE_P(
         EnvironmentRow{"FW_Test=", 7}, EnvironmentRow{"FW_Test=x", 7}, EnvironmentRow{"FW_Test=2x", 7},
         EnvironmentRow{"FW_Test=99999", 7}, EnvironmentRow{"FW_Test", 7}, EnvironmentRow{",,FW_Test=4,", 4}));
 
-TEST(Channel, thresholdMayBeSetWhileOthersReadIt) {
+TEST(Channel, thresholdCanBeSetWhileThreadsReadIt) {
     Channel const channel("Raced", 7, 2);
     std::atomic<bool> done{false};
     std::thread setter([&done] {

@@ -9,7 +9,7 @@
 #include <climits>
 #include <string>
 
-/// `ErrorOutput::operator()(std::ErrorType const&, int, ...) const`, which only linked programs find.
+/// `ErrorOutput::operator()(std::ErrorType const&, int, ...) const`, which only programs linked earlier call.
 extern "C" void reportOfEarlier(
     std::ErrorOutput const* output, std::ErrorType const& type, int id,
     ...) __asm__("_ZNKSt11ErrorOutputclERKSt9ErrorTypeiz");
@@ -19,7 +19,7 @@ namespace {
 using std::ErrorObject;
 using std::ErrorOutput;
 using std::ErrorStorage;
-using support::chainIs;
+using namespace support;
 
 constexpr std::ErrorID ROWS[] = {
     {0, "nothing to add", 0},
@@ -62,7 +62,7 @@ TEST(ErrorOutput, integerInPlaceOfATextPrintsAsANumber) {
     EXPECT_EQ("text 1.", textOf(1, true));
 }
 
-TEST(ErrorOutput, operationOfEarlierProgramsFormatsAlike) {
+TEST(ErrorOutput, operationOfEarlierProgramsFormatsTheSame) {
     auto const textOfEarlier = [](int id, auto... args) {
         ErrorOutput const output("file", 1, true);
         reportOfEarlier(&output, Family, id, args...);
@@ -97,7 +97,7 @@ TEST(ErrorOutput, addressPrintsInHexadecimal) {
     EXPECT_EQ("text 0x1f.", textOf(1, reinterpret_cast<void const*>(0x1f)));
 }
 
-TEST(ErrorOutput, nullTextIsSurvived) {
+TEST(ErrorOutput, nullTextPrintsAsNull) {
     EXPECT_EQ("text (null).", textOf(1, static_cast<char const*>(nullptr)));
 }
 
@@ -109,11 +109,11 @@ TEST(ErrorOutput, conversionWithoutAnArgumentPrintsAQuestionMark) {
 
 TEST(ErrorOutput, argumentBeyondTheRowsCountDoesNotShow) {
     EXPECT_EQ("text abc.", textOf(1, "abc", "more"));
-    EXPECT_EQ("name (255 of ?)", textOf(3, "name", 255, 254)) << "the row's count stands";
+    EXPECT_EQ("name (255 of ?)", textOf(3, "name", 255, 254)) << "the count of the row applies";
     EXPECT_EQ("none allowed: ?", textOf(7, "abc"));
 }
 
-TEST(ErrorOutput, idOutsideTheTableGivesUnknownErrorAndTheId) {
+TEST(ErrorOutput, idOutsideTheTablePrintsUnknownErrorAndTheId) {
     EXPECT_EQ("unknown error 8", textOf(8, "argument"));
     EXPECT_EQ("unknown error -1", textOf(-1));
     EXPECT_EQ("unknown error 2147483647", textOf(INT_MAX, 1, 2));
@@ -153,7 +153,7 @@ TEST(ErrorOutput, reportOnTopOfNothingStartsAChain) {
     ErrorOutput("high", 2, false)(Family, 0);
     EXPECT_TRUE(chainIs({{Family, 0}}));
     ErrorOutput("high", 3, false)(Family, 1, "a");
-    EXPECT_TRUE(chainIs({{Family, 1}})) << "what was acknowledged is no longer pending";
+    EXPECT_TRUE(chainIs({{Family, 1}})) << "an acknowledged report is not pending";
 }
 
 TEST(ErrorOutput, newChainReplacesThePendingOne) {
@@ -169,7 +169,7 @@ TEST(ErrorOutput, argumentMayBeTheTextOfTheChainThatIsReplaced) {
     EXPECT_TRUE(chainIs({{Family, 1, "text text abc.."}}));
 }
 
-TEST(ErrorOutput, reportsACopyOfAReportAtItsOwnPlace) {
+TEST(ErrorOutput, reportsACopyOfAReportAtTheNewPlace) {
     ErrorOutput("file", 7, true)(Family, 1, "abc");
     ErrorObject const copy(*ErrorStorage::get());
     ErrorStorage::ack();
@@ -179,13 +179,13 @@ TEST(ErrorOutput, reportsACopyOfAReportAtItsOwnPlace) {
     EXPECT_TRUE(chainIs({{Family, 1, "text abc."}}));
 }
 
-TEST(ErrorOutput, reportsAnObjectOfThePendingChainOnItself) {
+TEST(ErrorOutput, reportsAnObjectOfThePendingChainAgain) {
     ErrorOutput("low", 1, true)(Family, 1, "abc");
     ErrorOutput("high", 2, false)(*ErrorStorage::get());
     EXPECT_TRUE(chainIs({{Family, 1, "text abc."}, {Family, 1, "text abc."}}));
 }
 
-TEST(ErrorObject, copyStandsAloneAndEmptyOneIsEmpty) {
+TEST(ErrorObject, copyHasNoLinkAndAnEmptyObjectIsEmpty) {
     ErrorOutput("low", 1, true)(Family, 1, "abc");
     ErrorOutput("high", 2, false)(Family, 2, "x", 1);
     ErrorObject copy;
@@ -204,10 +204,10 @@ TEST(ErrorObject, copyStandsAloneAndEmptyOneIsEmpty) {
 }
 
 TEST(ErrorOutput, neverUsesTheHeap) {
-    if (!support::COUNTS_ALLOCATIONS) {
+    if (!COUNTS_ALLOCATIONS) {
         GTEST_SKIP() << "the sanitizers bring their own allocation functions";
     }
-    support::AllocationCounter const counter;
+    AllocationCounter const counter;
     for (int round = 0; round < 3; ++round) {
         ErrorOutput("file", 1, true)(Family, 1, "cause");
         for (unsigned int level = 0; level < 2 * ErrorStorage::CAPACITY; ++level) {

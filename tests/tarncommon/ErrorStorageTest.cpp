@@ -24,27 +24,28 @@ VESK_INJECT_ERRNO(int, -1, munmap, (void* address, size_t size), (address, size)
 
 namespace {
 
-using std::CommonError;
 namespace CommonErrorId = std::CommonErrorId;
 using std::ErrorObject;
 using std::ErrorOutput;
 using std::ErrorStorage;
-using support::chainIs;
-using support::Fault;
+using namespace support;
 
 void reportLevels(int count) {
     for (int i = 0; i < count; ++i) {
-        ErrorOutput("file", i, i == 0)(CommonError, CommonErrorId::CONTRACT_BROKEN, i);
+        ErrorOutput("file", i, i == 0)(CommonErrorId::CONTRACT_BROKEN, i);
     }
 }
 
-/// Lines of the pending chain's reports, from the head on.
-std::vector<int> linesOfChain() {
+/// Returns the lines of a chain's reports, from the head on.
+std::vector<int> linesOf(ErrorObject const* report) {
     std::vector<int> lines;
-    for (ErrorObject const* report = ErrorStorage::get(); report != nullptr; report = report->next) {
+    for (; report != nullptr; report = report->next) {
         lines.push_back(report->line);
     }
     return lines;
+}
+std::vector<int> linesOfChain() {
+    return linesOf(ErrorStorage::get());
 }
 
 std::vector<int> countDown(int from, int to) {
@@ -55,35 +56,31 @@ std::vector<int> countDown(int from, int to) {
     return lines;
 }
 
-/// What an action was called with.
-struct GivenUp {
+/// The arguments of an action.
+struct Discarded {
     void* store;
     std::string reason;
     std::vector<int> lines;
     unsigned int count;
 };
 
-std::vector<GivenUp> s_given_up;
+std::vector<Discarded> s_discarded;
 
 void recordAction(void* store, char const* reason, ErrorObject const* head, unsigned int count) {
-    GivenUp given_up{store, reason, {}, count};
-    for (ErrorObject const* report = head; report != nullptr; report = report->next) {
-        given_up.lines.push_back(report->line);
-    }
-    s_given_up.push_back(given_up);
+    s_discarded.push_back({store, reason, linesOf(head), count});
 }
 
 class ErrorStorageAction : public testing::Test {
 protected:
-    void SetUp() override { s_given_up.clear(); }
+    void SetUp() override { s_discarded.clear(); }
 };
 
-TEST(ErrorStorage, threadWithoutAChainHasNothing) {
+TEST(ErrorStorage, threadWithoutAChainHasNoError) {
     EXPECT_FALSE(ErrorStorage::isError(true));
     EXPECT_FALSE(ErrorStorage::isError(false));
     EXPECT_EQ(nullptr, ErrorStorage::get());
     EXPECT_EQ(-1, ErrorStorage::id());
-    EXPECT_FALSE(ErrorStorage::isA(CommonError));
+    EXPECT_FALSE(ErrorStorage::isA(std::CommonError));
     std::thread([] {
         EXPECT_EQ(nullptr, ErrorStorage::get());
         EXPECT_FALSE(ErrorStorage::isError(false));
@@ -96,17 +93,17 @@ TEST(ErrorStorage, chainIsPendingUntilItIsAcknowledged) {
     EXPECT_TRUE(ErrorStorage::isError(true));
     EXPECT_TRUE(ErrorStorage::isError(false));
     EXPECT_EQ(1, ErrorStorage::id());
-    EXPECT_TRUE(ErrorStorage::isA(CommonError));
+    EXPECT_TRUE(ErrorStorage::isA(std::CommonError));
     ErrorStorage::ack();
     EXPECT_FALSE(ErrorStorage::isError(true));
     EXPECT_EQ(nullptr, ErrorStorage::get());
     EXPECT_EQ(-1, ErrorStorage::id());
-    EXPECT_FALSE(ErrorStorage::isA(CommonError));
+    EXPECT_FALSE(ErrorStorage::isA(std::CommonError));
     ErrorStorage::ack();
     EXPECT_FALSE(ErrorStorage::isError(true));
 }
 
-TEST(ErrorStorage, reasonListTellsTheChainAlsoAfterAck) {
+TEST(ErrorStorage, reasonListShowsTheChainAlsoAfterAck) {
     ErrorOutput("low", 1, true)(CommonErrorId::CONTRACT_BROKEN, "cause");
     ErrorOutput("high", 2, false)(CommonErrorId::UNSUPPORTED_VALUE, "effect");
     std::string const text = "high:2: Value cannot be handled: effect\n"
@@ -118,7 +115,7 @@ TEST(ErrorStorage, reasonListTellsTheChainAlsoAfterAck) {
     EXPECT_EQ("next:3: Out of memory", tarn_error.getReasonList());
 }
 
-TEST(ErrorStorage, chainsOfThreadsDoNotMeet) {
+TEST(ErrorStorage, chainsOfThreadsAreSeparate) {
     reportLevels(1);
     std::thread([] {
         EXPECT_FALSE(ErrorStorage::isError(true));
@@ -133,7 +130,7 @@ TEST(ErrorStorage, holdsThirtyTwoReports) {
     EXPECT_EQ(countDown(31, 0), linesOfChain());
 }
 
-TEST(ErrorStorage, fullOneKeepsTheCauseAndReplacesTheHead) {
+TEST(ErrorStorage, fullStoreKeepsTheCauseAndReplacesTheHead) {
     reportLevels(40);
     std::vector<int> expected = countDown(30, 0);
     expected.insert(expected.begin(), 39);
@@ -157,7 +154,7 @@ TEST(ErrorStorage, chainOfFourLevelsMapsNothing) {
         EXPECT_EQ(countDown(3, 0), linesOfChain());
         reportLevels(5);
         reportLevels(32);
-        EXPECT_EQ(1, mapped.getCalls()) << "once for the life of the store";
+        EXPECT_EQ(1, mapped.getCalls()) << "once for each store";
     }).join();
 }
 
@@ -169,7 +166,7 @@ TEST(ErrorStorage, withoutMemoryALongChainKeepsFourLevels) {
     }).join();
 }
 
-TEST(ErrorStorage, endOfAThreadGivesTheMappedMemoryBack) {
+TEST(ErrorStorage, endOfAThreadUnmapsTheMemory) {
     int mapped = 0;
     int unmapped = 0;
     {
@@ -190,13 +187,13 @@ TEST(ErrorStorage, endOfAThreadGivesTheMappedMemoryBack) {
 TEST_F(ErrorStorageAction, isCalledWhenANewChainReplacesThePendingOne) {
     ErrorStorage store(recordAction);
     reportLevels(3);
-    EXPECT_TRUE(s_given_up.empty());
+    EXPECT_TRUE(s_discarded.empty());
     reportLevels(1);
-    ASSERT_EQ(1u, s_given_up.size());
-    EXPECT_EQ(&store, s_given_up[0].store);
-    EXPECT_EQ("replaced by a new chain", s_given_up[0].reason);
-    EXPECT_EQ(countDown(2, 0), s_given_up[0].lines);
-    EXPECT_EQ(3u, s_given_up[0].count);
+    ASSERT_EQ(1u, s_discarded.size());
+    EXPECT_EQ(&store, s_discarded[0].store);
+    EXPECT_EQ("replaced by a new chain", s_discarded[0].reason);
+    EXPECT_EQ(countDown(2, 0), s_discarded[0].lines);
+    EXPECT_EQ(3u, s_discarded[0].count);
     ErrorStorage::ack();
 }
 
@@ -208,7 +205,7 @@ TEST_F(ErrorStorageAction, isNotCalledForAnAcknowledgedChain) {
         reportLevels(2);
         ErrorStorage::ack();
     }
-    EXPECT_TRUE(s_given_up.empty());
+    EXPECT_TRUE(s_discarded.empty());
 }
 
 TEST_F(ErrorStorageAction, isCalledAtTheEndOfTheStore) {
@@ -216,9 +213,9 @@ TEST_F(ErrorStorageAction, isCalledAtTheEndOfTheStore) {
         ErrorStorage const store(recordAction);
         reportLevels(2);
     }
-    ASSERT_EQ(1u, s_given_up.size());
-    EXPECT_EQ("end of the store", s_given_up[0].reason);
-    EXPECT_EQ(countDown(1, 0), s_given_up[0].lines);
+    ASSERT_EQ(1u, s_discarded.size());
+    EXPECT_EQ("end of the store", s_discarded[0].reason);
+    EXPECT_EQ(countDown(1, 0), s_discarded[0].lines);
 }
 
 TEST_F(ErrorStorageAction, isCalledInAThreadThatEndsWithItsStore) {
@@ -226,8 +223,8 @@ TEST_F(ErrorStorageAction, isCalledInAThreadThatEndsWithItsStore) {
         ErrorStorage const store(recordAction);
         reportLevels(6);
     }).join();
-    ASSERT_EQ(1u, s_given_up.size());
-    EXPECT_EQ(countDown(5, 0), s_given_up[0].lines);
+    ASSERT_EQ(1u, s_discarded.size());
+    EXPECT_EQ(countDown(5, 0), s_discarded[0].lines);
 }
 
 TEST_F(ErrorStorageAction, mayBeNull) {
@@ -237,7 +234,7 @@ TEST_F(ErrorStorageAction, mayBeNull) {
     EXPECT_EQ(countDown(0, 0), linesOfChain());
 }
 
-TEST(ErrorStorage, storesNestAndTheOuterOneWaitsUntouched) {
+TEST(ErrorStorage, storesNestAndTheOuterOneIsUnchanged) {
     reportLevels(2);
     {
         ErrorStorage const store(nullptr);
@@ -253,7 +250,7 @@ TEST(ErrorStorage, storesNestAndTheOuterOneWaitsUntouched) {
 }
 
 TEST(ErrorStorage, dumpActionWritesTheChainToStandardOutput) {
-    support::ChildEnd const end = support::runInChild([] {
+    ChildEnd const end = runInChild([] {
         ErrorStorage const store(ErrorStorage::action_dump_to_stdout);
         ErrorOutput("low", 1, true)(CommonErrorId::CONTRACT_BROKEN, "cause");
         ErrorOutput("high", 2, false)(CommonErrorId::OUT_OF_MEMORY);
@@ -268,10 +265,10 @@ TEST(ErrorStorage, dumpActionWritesTheChainToStandardOutput) {
 
 TEST(ErrorStorage, dumpActionEndsALineThatIsCut) {
     std::string const path(2000, 'p');
-    support::ChildEnd const end = support::runInChild([&] {
+    ChildEnd const end = runInChild([&] {
         ErrorStorage const store(ErrorStorage::action_dump_to_stdout);
         for (int level = 0; level < 3; ++level) {
-            ErrorOutput(path.c_str(), 1, level == 0)(CommonError, CommonErrorId::OUT_OF_MEMORY);
+            ErrorOutput(path.c_str(), 1, level == 0)(CommonErrorId::OUT_OF_MEMORY);
         }
     });
     std::istringstream lines(end.output);

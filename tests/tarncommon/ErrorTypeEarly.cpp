@@ -27,7 +27,7 @@ Outcome report() {
 
 } // namespace
 
-// The priority puts it before every initialiser of this program that has none.
+// The priority moves it before every initializer of this program without one.
 __attribute__((init_priority(101))) Outcome const outcome = report();
 
 } // namespace early

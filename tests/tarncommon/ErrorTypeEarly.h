@@ -2,7 +2,7 @@
 
 namespace early {
 
-/// What reporting of families of other files, from an initialiser that runs before theirs could, has given.
+/// The result of reports with families of other files, from an initializer that runs before theirs.
 struct Outcome {
     bool was_common;
     bool was_system;

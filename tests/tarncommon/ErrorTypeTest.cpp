@@ -14,7 +14,7 @@ constexpr std::ErrorID ROWS[] = {{0, "zero", 0}, {1, "one %s", 1}};
 TARN_CONSTANT_INIT std::ErrorType const parent(ROWS, 2);
 TARN_CONSTANT_INIT std::ErrorType const child(ROWS, 2, parent);
 TARN_CONSTANT_INIT std::ErrorType const grandchild(ROWS, 1, child);
-TARN_CONSTANT_INIT std::ErrorType const stranger(ROWS, 2);
+TARN_CONSTANT_INIT std::ErrorType const unrelated(ROWS, 2);
 
 TEST(ErrorType, isItselfAndEachOfItsAncestors) {
     EXPECT_TRUE(parent.isA(parent));
@@ -23,12 +23,12 @@ TEST(ErrorType, isItselfAndEachOfItsAncestors) {
     EXPECT_TRUE(grandchild.isA(child));
 }
 
-TEST(ErrorType, isNeitherItsChildNorAStranger) {
+TEST(ErrorType, isNeitherItsChildNorAnUnrelatedFamily) {
     EXPECT_FALSE(parent.isA(child));
-    EXPECT_FALSE(child.isA(stranger)) << "the same table does not make the same family";
+    EXPECT_FALSE(child.isA(unrelated)) << "the same table does not make the same family";
 }
 
-TEST(ErrorType, givesItsRowsAndNoneBesides) {
+TEST(ErrorType, returnsItsRowsAndNoOthers) {
     EXPECT_EQ(&ROWS[0], child.getRow(0));
     EXPECT_EQ(&ROWS[1], child.getRow(1));
     EXPECT_EQ(nullptr, child.getRow(2));
@@ -38,7 +38,7 @@ TEST(ErrorType, givesItsRowsAndNoneBesides) {
     EXPECT_EQ(nullptr, child.getRow(INT_MAX));
 }
 
-TEST(ErrorType, worksFromAnInitialiserBeforeAllOthers) {
+TEST(ErrorType, worksInTheFirstInitializer) {
     EXPECT_TRUE(early::outcome.was_common);
     EXPECT_TRUE(early::outcome.was_system);
     EXPECT_TRUE(early::outcome.was_mutex_of_system);

@@ -4,6 +4,7 @@
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>
+#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/filebuf_base.h>
 
 #include <gtest/gtest.h>
@@ -13,27 +14,24 @@
 #include <istream>
 #include <iterator>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 namespace {
 
-using std::CommonError;
 namespace CommonErrorId = std::CommonErrorId;
 using std::ErrorOutput;
 using std::filebuf_base;
 using std::ios_base;
-using support::chainIs;
-using support::getSlot;
-using support::New;
-using support::NewFault;
+using namespace support;
 
 ios_base::openmode const BOTH = ios_base::in | ios_base::out;
 
 using Log = std::vector<std::string>;
 
-/// A file in memory with one position. It logs what it is asked, and can be told to do less or to fail.
+/// A file in memory with one position. It logs its calls, and can transfer less or fail.
 class MemoryBuffer : public filebuf_base {
 public:
     explicit MemoryBuffer(
@@ -62,7 +60,7 @@ public:
     size_t position = 0;
     Log log;
     bool creation_failed = false;
-    unsigned int most = 1U << 30; // Bytes that one transfer moves at most.
+    unsigned int most = 1U << 30; // The most bytes that one transfer moves.
     int read_result = 0;
     bool read_fails = false;
     bool write_fails = false;
@@ -127,7 +125,7 @@ protected:
 
 // ---- the class ----
 
-/// Gives access to the operations that are for deriving classes alone.
+/// Gives access to protected operations.
 class Slots : public filebuf_base {
 public:
     using filebuf_base::actuallyFlush;
@@ -154,7 +152,7 @@ TEST(FilebufBase, operationsHaveTheirSlots) {
     EXPECT_EQ(18, getSlot(&filebuf_base::isOpen));
 }
 
-TEST(FilebufBase, fieldsStandInTheirOrderBehindThoseOfTheStandardBuffer) {
+TEST(FilebufBase, fieldsFollowThoseOfTheStandardBufferInTheirOrder) {
     class Fields : public filebuf_base {
     public:
         Fields() {
@@ -199,51 +197,7 @@ TEST(FilebufBase, createBufferProvidesEmptyAreas) {
     EXPECT_EQ((Log{}), buffer.log);
 }
 
-TEST(FilebufBase, bufferOfSizeZeroGetsOneByte) {
-    MemoryBuffer buffer(BOTH, 0, "ab");
-    EXPECT_EQ(1U, buffer.m_buffer_size);
-    EXPECT_EQ('a', buffer.sbumpc());
-    EXPECT_EQ('b', buffer.sbumpc());
-    EXPECT_EQ((Log{"read 1", "read 1"}), buffer.log);
-}
-
-TEST(FilebufBase, createBufferOnceMoreKeepsTheMemoryAndEmptiesTheAreas) {
-    MemoryBuffer buffer(BOTH, 4, "abcdefgh");
-    EXPECT_EQ('a', buffer.sbumpc());
-    char const* const memory = buffer.m_buffer;
-    EXPECT_FALSE(buffer.createBuffer());
-    EXPECT_EQ(memory, buffer.m_buffer);
-    EXPECT_TRUE(buffer.hasEmptyGetArea());
-    EXPECT_FALSE(buffer.m_reading);
-    EXPECT_EQ('e', buffer.sbumpc());
-}
-
-TEST(FilebufBase, destroyedBufferGivesNothingAndCreateBufferMakesItUsableAgain) {
-    MemoryBuffer buffer(BOTH, 4, "abcdefgh");
-    EXPECT_EQ('a', buffer.sbumpc());
-    buffer.destroyBuffer();
-    EXPECT_EQ(nullptr, buffer.m_buffer);
-    EXPECT_EQ(EOF, buffer.sgetc());
-    EXPECT_EQ(EOF, buffer.sputc('x'));
-    EXPECT_EQ((Log{"read 4"}), buffer.log);
-    buffer.destroyBuffer();
-    EXPECT_FALSE(buffer.createBuffer());
-    EXPECT_EQ('e', buffer.sbumpc());
-    EXPECT_EQ("abcdefgh", buffer.content);
-}
-
-TEST(FilebufBase, destroyBufferDropsWhatIsNotWritten) {
-    MemoryBuffer buffer(BOTH, 4);
-    EXPECT_EQ('x', buffer.sputc('x'));
-    buffer.destroyBuffer();
-    EXPECT_FALSE(buffer.hasPutArea());
-    EXPECT_FALSE(buffer.m_writing);
-    EXPECT_FALSE(buffer.createBuffer());
-    EXPECT_EQ(0, buffer.pubsync());
-    EXPECT_EQ("", buffer.content);
-}
-
-TEST(FilebufBase, memoryOfTheCallerIsUsedAndLeftAlone) {
+TEST(FilebufBase, memoryOfTheCallerIsUsedAndNotFreed) {
     char memory[4] = {'#', '#', '#', '#'};
     {
         NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
@@ -332,7 +286,7 @@ TEST_P(FilebufBaseSizes, bothDirectionsShareOnePosition) {
     EXPECT_EQ('6', buffer.sgetc());
 }
 
-TEST_P(FilebufBaseSizes, tellGivesTheReadersPosition) {
+TEST_P(FilebufBaseSizes, tellgReturnsTheReadersPosition) {
     MemoryBuffer buffer(ios_base::in, GetParam(), "0123456789");
     std::istream in(&buffer);
     for (int i = 0; i < 10; ++i) {
@@ -344,33 +298,22 @@ TEST_P(FilebufBaseSizes, tellGivesTheReadersPosition) {
 
 INSTANTIATE_TEST_SUITE_P(All, FilebufBaseSizes, testing::Values(1U, 2U, 7U, 8192U));
 
-TEST(FilebufBase, underflowAsksForTheWholeBufferAndSetsReading) {
-    MemoryBuffer buffer(ios_base::in, 4, "abcdef");
-    EXPECT_EQ('a', buffer.sgetc());
-    EXPECT_TRUE(buffer.m_reading);
-    EXPECT_EQ(4, buffer.getUnread());
-    EXPECT_EQ('a', buffer.sgetc());
-    EXPECT_EQ((Log{"read 4"}), buffer.log);
-}
-
-TEST(FilebufBase, onlyTheCountTellsWhatWasRead) {
-    for (int const result : {0, 1, -1}) {
-        MemoryBuffer buffer(ios_base::in, 4, "abc");
-        buffer.read_result = result;
-        EXPECT_EQ('a', buffer.sbumpc());
-        EXPECT_EQ('b', buffer.sbumpc());
-        EXPECT_EQ('c', buffer.sbumpc());
-        EXPECT_EQ(EOF, buffer.sbumpc());
-        EXPECT_FALSE(buffer.m_reading);
-    }
-}
-
 TEST(FilebufBase, failedReadIsTheEndAndItsReportStays) {
     MemoryBuffer buffer(ios_base::in, 4, "abc");
     buffer.read_fails = true;
     std::istream in(&buffer);
     EXPECT_EQ(EOF, in.get());
     EXPECT_TRUE(in.eof());
+    EXPECT_TRUE(chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}}));
+}
+
+TEST(FilebufBase, failedWriteMakesAStreamBad) {
+    MemoryBuffer buffer(ios_base::out, 4);
+    std::ostream out(&buffer);
+    out << "abc";
+    buffer.write_fails = true;
+    out.flush();
+    EXPECT_TRUE(out.bad());
     EXPECT_TRUE(chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}}));
 }
 
@@ -384,203 +327,174 @@ TEST(FilebufBase, byteWithTheTopBitIsNotTheEnd) {
     EXPECT_EQ("\xFF", sink.content);
 }
 
-TEST(FilebufBase, directionThatIsNotOpenDoesNothing) {
-    MemoryBuffer source(ios_base::in, 4, "abc");
-    EXPECT_EQ(EOF, source.sputc('x'));
-    EXPECT_EQ(0, source.pubsync());
-    EXPECT_EQ((Log{}), source.log);
-    MemoryBuffer sink(ios_base::out, 4, "abc");
-    EXPECT_EQ(EOF, sink.sgetc());
-    EXPECT_EQ((Log{}), sink.log);
-}
+// ---- sequences of operations ----
 
-// ---- writing ----
-
-TEST(FilebufBase, overflowPassesAFullPutAreaOn) {
-    MemoryBuffer buffer(ios_base::out, 3);
-    for (char const c : {'a', 'b', 'c'}) {
-        EXPECT_EQ(c, buffer.sputc(c));
+/// Performs one operation. Returns its result. The operations are "get", "peek", "put" of each character
+/// behind it, "sync", seeks "beg", "cur", "end" by the number behind them and "pos" to it, "create" and
+/// "destroy" of the buffer, and the faults "fail" and "repair" of an operation, "most" and "result" of a
+/// transfer.
+std::string perform(MemoryBuffer& buffer, std::string const& operation) {
+    std::string const name = operation.substr(0, operation.find(':'));
+    std::string const argument = operation.substr(std::min(name.size() + 1, operation.size()));
+    auto const textOf = [](int character) {
+        return character == EOF ? std::string("EOF") : std::string(1, static_cast<char>(character));
+    };
+    if (name == "get" || name == "peek") {
+        return textOf(name == "get" ? buffer.sbumpc() : buffer.sgetc());
     }
-    EXPECT_TRUE(buffer.m_writing);
-    EXPECT_EQ((Log{}), buffer.log);
-    EXPECT_EQ('d', buffer.sputc('d'));
-    EXPECT_EQ((Log{"write abc"}), buffer.log);
-    EXPECT_EQ(1, buffer.getUnwritten());
+    if (name == "put") {
+        std::string results;
+        for (char const character : argument) {
+            results += textOf(buffer.sputc(character));
+        }
+        return results;
+    }
+    if (name == "sync") {
+        return std::to_string(buffer.pubsync());
+    }
+    if (name == "beg" || name == "cur" || name == "end") {
+        auto const way = name == "beg" ? ios_base::beg : name == "cur" ? ios_base::cur : ios_base::end;
+        return std::to_string(std::streamoff(buffer.pubseekoff(std::stoll(argument), way, ios_base::out)));
+    }
+    if (name == "pos") {
+        return std::to_string(std::streamoff(buffer.pubseekpos(std::stoll(argument), ios_base::out)));
+    }
+    if (name == "create") {
+        char const* const memory = buffer.m_buffer;
+        EXPECT_FALSE(buffer.createBuffer());
+        EXPECT_TRUE(buffer.hasEmptyGetArea());
+        return buffer.m_buffer == memory ? "kept" : "new";
+    }
+    if (name == "destroy") {
+        buffer.destroyBuffer();
+        return buffer.m_buffer == nullptr ? "null" : "kept";
+    }
+    bool const fails = name == "fail";
+    buffer.read_fails = argument == "read" ? fails : buffer.read_fails;
+    buffer.write_fails = argument == "write" ? fails : buffer.write_fails;
+    buffer.write_stalls = argument == "stalled" ? fails : buffer.write_stalls;
+    buffer.seek_fails = argument == "seek" ? fails : buffer.seek_fails;
+    buffer.flush_fails = argument == "flush" ? fails : buffer.flush_fails;
+    buffer.most = name == "most" ? static_cast<unsigned int>(std::stoi(argument)) : buffer.most;
+    buffer.read_result = name == "result" ? std::stoi(argument) : buffer.read_result;
+    return "";
 }
 
-TEST(FilebufBase, syncPassesThePutAreaOnAndFlushes) {
-    MemoryBuffer buffer(BOTH, 8);
-    EXPECT_EQ(3, buffer.sputn("abc", 3));
-    EXPECT_EQ(0, buffer.pubsync());
-    EXPECT_EQ((Log{"write abc", "flush"}), buffer.log);
-    EXPECT_EQ(0, buffer.getUnwritten());
-    EXPECT_EQ(0, buffer.pubsync());
-    EXPECT_EQ((Log{"write abc", "flush", "flush"}), buffer.log);
+/// Performs all operations. Returns their results, with the calls of the file before them and "!" behind them
+/// if a report is pending, then the state of the buffer and the content of the file.
+std::string performAll(MemoryBuffer& buffer, std::string const& operations) {
+    std::istringstream words(operations);
+    std::string seen;
+    for (std::string operation; words >> operation;) {
+        buffer.log.clear();
+        std::string const result = perform(buffer, operation);
+        for (std::string const& call : buffer.log) {
+            seen += "[" + call + "]";
+        }
+        seen += result;
+        if (std::ErrorStorage::isError(true)) {
+            bool const is_seek =
+                result == "-1" ? buffer.seek_fails : operation.find("put") == 0 && buffer.seek_fails;
+            EXPECT_TRUE(
+                is_seek ? chainIs({{CommonErrorId::UNSUPPORTED_VALUE}})
+                        : chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}}));
+            seen += "!";
+        }
+        seen += result.empty() ? "" : " ";
+    }
+    EXPECT_FALSE(buffer.m_reading && buffer.m_writing);
+    seen += buffer.m_reading        ? "reading " + std::to_string(buffer.getUnread())
+        : buffer.m_writing          ? "writing " + std::to_string(buffer.getUnwritten())
+        : buffer.hasPutArea()       ? "idle with a put area"
+        : !buffer.hasEmptyGetArea() ? "idle with a get area"
+                                    : "idle";
+    return seen + " " + buffer.content;
 }
 
-TEST(FilebufBase, syncWhileReadingKeepsWhatWasRead) {
-    MemoryBuffer buffer(BOTH, 8, "abcdef");
-    EXPECT_EQ('a', buffer.sbumpc());
-    EXPECT_EQ(0, buffer.pubsync());
-    EXPECT_EQ(5, buffer.getUnread());
-    EXPECT_EQ('b', buffer.sbumpc());
-    EXPECT_EQ((Log{"read 8", "flush"}), buffer.log);
+struct Sequence {
+    char const* name;
+    ios_base::openmode mode;
+    unsigned int size;
+    char const* content;
+    char const* operations;
+    char const* seen;
+};
+
+void PrintTo(Sequence const& row, std::ostream* out) {
+    *out << row.name;
 }
 
-TEST(FilebufBase, shortWriteGoesOnWithTheRest) {
-    MemoryBuffer buffer(ios_base::out, 8);
-    buffer.most = 2;
-    EXPECT_EQ(5, buffer.sputn("abcde", 5));
-    EXPECT_EQ(0, buffer.pubsync());
-    EXPECT_EQ((Log{"write abcde", "write cde", "write e", "flush"}), buffer.log);
-    EXPECT_EQ("abcde", buffer.content);
+class FilebufBaseSequences : public testing::TestWithParam<Sequence> {};
+
+TEST_P(FilebufBaseSequences, haveTheirResults) {
+    MemoryBuffer buffer(GetParam().mode, GetParam().size, GetParam().content);
+    EXPECT_EQ(GetParam().seen, performAll(buffer, GetParam().operations)) << GetParam().operations;
 }
 
-TEST(FilebufBase, failedWriteKeepsWhatWasNotTaken) {
-    MemoryBuffer buffer(ios_base::out, 4);
-    std::ostream out(&buffer);
-    EXPECT_EQ(4, buffer.sputn("abcd", 4));
-    buffer.most = 1;
-    buffer.write_fails = true;
-    EXPECT_EQ(EOF, buffer.sputc('e'));
-    EXPECT_EQ(3, buffer.getUnwritten());
-    EXPECT_TRUE(chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}}));
-    EXPECT_EQ(-1, buffer.pubsync());
-    EXPECT_TRUE(chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}}));
-    EXPECT_EQ((Log{"write abcd", "write bcd"}), buffer.log) << "nothing is flushed";
-    out.flush();
-    EXPECT_TRUE(out.bad());
-    EXPECT_TRUE(chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}}));
-    buffer.write_fails = false;
-    EXPECT_EQ('e', buffer.sputc('e'));
-    EXPECT_EQ(0, buffer.pubsync());
-    EXPECT_EQ("abcde", buffer.content);
-}
+auto const IN = ios_base::in;
+auto const OUT = ios_base::out;
 
-TEST(FilebufBase, writeThatTakesNothingIsAFailure) {
-    MemoryBuffer buffer(ios_base::out, 4);
-    EXPECT_EQ('a', buffer.sputc('a'));
-    buffer.write_stalls = true;
-    EXPECT_EQ(-1, buffer.pubsync());
-    EXPECT_EQ(1, buffer.getUnwritten());
-    buffer.write_stalls = false;
-    EXPECT_EQ(0, buffer.pubsync());
-    EXPECT_EQ("a", buffer.content);
-}
+Sequence const SEQUENCES[] = {
+    {"bufferOfSizeZeroGetsOneByte", BOTH, 0, "ab", "get get", "[read 1]a [read 1]b reading 0 ab"},
+    {"secondCreateBufferKeepsTheMemoryAndEmptiesTheAreas", BOTH, 4, "abcdefgh", "get create get",
+     "[read 4]a kept [read 4]e reading 3 abcdefgh"},
+    {"destroyedBufferIsUnusableUntilCreateBuffer", BOTH, 4, "abcdefgh",
+     "get destroy peek put:x destroy create get",
+     "[read 4]a null EOF EOF null new [read 4]e reading 3 abcdefgh"},
+    {"destroyBufferDropsUnwrittenBytes", BOTH, 4, "", "put:x destroy create sync",
+     "x null new [flush]0 idle "},
+    {"underflowReadsTheWholeBufferAndSetsReading", IN, 4, "abcdef", "peek peek",
+     "[read 4]a a reading 4 abcdef"},
+    {"onlyTheCountOfAReadMatters", IN, 4, "abc", "get get get get", "[read 4]a b c [read 4]EOF idle abc"},
+    {"onlyTheCountOfAReadMattersWithResult1", IN, 4, "abc", "result:1 get get get get",
+     "[read 4]a b c [read 4]EOF idle abc"},
+    {"onlyTheCountOfAReadMattersWithResultMinus1", IN, 4, "abc", "result:-1 get get get get",
+     "[read 4]a b c [read 4]EOF idle abc"},
+    {"inputRefusesToWrite", IN, 4, "abc", "put:x sync", "EOF 0 idle abc"},
+    {"outputRefusesToRead", OUT, 4, "abc", "peek", "EOF idle abc"},
+    {"overflowPassesAFullPutAreaOn", OUT, 3, "", "put:abc put:d", "abc [write abc]d writing 1 abc"},
+    {"fullPutAreaIsNotPassedOnYet", OUT, 3, "", "put:abc", "abc writing 3 "},
+    {"syncPassesThePutAreaOnAndFlushes", BOTH, 8, "", "put:abc sync sync",
+     "abc [write abc][flush]0 [flush]0 writing 0 abc"},
+    {"syncWhileReadingKeepsTheReadBytes", BOTH, 8, "abcdef", "get sync get",
+     "[read 8]a [flush]0 b reading 4 abcdef"},
+    {"shortWriteContinuesWithTheRest", OUT, 8, "", "most:2 put:abcde sync",
+     "abcde [write abcde][write cde][write e][flush]0 writing 0 abcde"},
+    {"failedWriteKeepsTheRest", OUT, 4, "",
+     "put:abcd most:1 fail:write put:e sync sync repair:write put:e sync",
+     "abcd [write abcd]EOF! [write bcd]-1! [write cd]-1! e [write de][write e][flush]0 writing 0 "
+     "abcde"},
+    {"writeThatTakesNothingFails", OUT, 4, "", "put:a fail:stalled sync", "a [write a]-1 writing 1 "},
+    {"writeThatTookNothingCanBeRepeated", OUT, 4, "", "put:a fail:stalled sync repair:stalled sync",
+     "a [write a]-1 [write a][flush]0 writing 0 a"},
+    {"failedFlushFails", OUT, 4, "", "fail:flush put:a sync", "a [write a][flush]-1 writing 0 a"},
+    {"readingReturnsTheEndIfWrittenBytesCannotBePassedOn", BOTH, 4, "0123",
+     "put:a fail:stalled peek repair:stalled peek", "a [write a]EOF [write a][read 4]1 reading 3 a123"},
+    {"writingFailsIfReadAheadCannotBeUndone", BOTH, 4, "0123", "get fail:seek put:a get get get put:a sync",
+     "[read 4]0 [seek -3 cur]EOF! 1 2 3 a [write a][flush]0 writing 0 0123a"},
+    {"seekFromTheCurrentPositionCountsUnreadBytes", BOTH, 4, "0123456789", "get cur:0 get cur:2 peek",
+     "[read 4]0 [seek -3 cur]1 [read 4]1 [seek -1 cur]4 [read 4]4 reading 4 0123456789"},
+    {"seekEmptiesTheGetArea", BOTH, 4, "0123456789", "get cur:0", "[read 4]0 [seek -3 cur]1 idle 0123456789"},
+    {"seekFromTheEndsIgnoresUnreadBytes", BOTH, 4, "0123456789", "get beg:7 get end:-2 peek",
+     "[read 4]0 [seek 7 beg]7 [read 4]7 [seek -2 end]8 [read 4]8 reading 2 0123456789"},
+    {"seekToAPositionIgnoresUnreadBytes", BOTH, 4, "0123456789", "get cur:0 get get pos:1 get",
+     "[read 4]0 [seek -3 cur]1 [read 4]1 2 [seek 1 beg]1 [read 4]1 reading 3 0123456789"},
+    {"seekToAPositionEmptiesTheGetArea", BOTH, 4, "0123456789", "get pos:1",
+     "[read 4]0 [seek 1 beg]1 idle 0123456789"},
+    {"seekIgnoresTheMode", IN, 4, "0123456789", "beg:5 pos:3 peek",
+     "[seek 5 beg]5 [seek 3 beg]3 [read 4]3 reading 4 0123456789"},
+    {"seekDropsUnwrittenBytes", BOTH, 4, "0123456789", "put:a beg:5", "a [seek 5 beg]5 idle 0123456789"},
+    {"seekToAPositionDropsUnwrittenBytes", BOTH, 4, "0123456789", "put:b pos:2",
+     "b [seek 2 beg]2 idle 0123456789"},
+    {"seekDropsUnwrittenBytesForGood", BOTH, 4, "0123456789", "put:a beg:5 sync put:b pos:2 peek",
+     "a [seek 5 beg]5 [flush]0 b [seek 2 beg]2 [read 4]2 reading 4 0123456789"},
+    {"failedSeekIsMinusOneAndChangesNothing", BOTH, 4, "0123456789", "get fail:seek cur:0 pos:5 get",
+     "[read 4]0 [seek -3 cur]-1! [seek 5 beg]-1! 1 reading 2 0123456789"},
+    {"offsetsHave64Bits", BOTH, 4, "0123456789", "get cur:4294967296 pos:4886718345",
+     "[read 4]0 [seek 4294967293 cur]4294967297 [seek 4886718345 beg]4886718345 idle 0123456789"}};
 
-TEST(FilebufBase, failedFlushIsAFailure) {
-    MemoryBuffer buffer(ios_base::out, 4);
-    buffer.flush_fails = true;
-    EXPECT_EQ('a', buffer.sputc('a'));
-    EXPECT_EQ(-1, buffer.pubsync());
-    EXPECT_EQ("a", buffer.content);
-    EXPECT_EQ(0, buffer.getUnwritten());
-}
-
-TEST(FilebufBase, readingIsTheEndIfWhatIsWrittenCannotBePassedOn) {
-    MemoryBuffer buffer(BOTH, 4, "0123");
-    EXPECT_EQ('a', buffer.sputc('a'));
-    buffer.write_stalls = true;
-    EXPECT_EQ(EOF, buffer.sgetc());
-    EXPECT_EQ(1, buffer.getUnwritten());
-    buffer.write_stalls = false;
-    EXPECT_EQ('1', buffer.sgetc());
-    EXPECT_EQ("a123", buffer.content);
-}
-
-TEST(FilebufBase, writingFailsIfWhatIsReadAheadCannotBeGivenBack) {
-    MemoryBuffer buffer(BOTH, 4, "0123");
-    EXPECT_EQ('0', buffer.sbumpc());
-    buffer.seek_fails = true;
-    EXPECT_EQ(EOF, buffer.sputc('a'));
-    EXPECT_TRUE(chainIs({{CommonErrorId::UNSUPPORTED_VALUE}}));
-    EXPECT_EQ('1', buffer.sbumpc());
-    EXPECT_EQ('2', buffer.sbumpc());
-    EXPECT_EQ('3', buffer.sbumpc());
-    EXPECT_EQ('a', buffer.sputc('a')) << "with nothing unread there is nothing to give back";
-    EXPECT_EQ(0, buffer.pubsync());
-    EXPECT_EQ("0123a", buffer.content);
-}
-
-// ---- seeking ----
-
-TEST(FilebufBase, seekFromTheCurrentPositionCountsWhatIsUnread) {
-    MemoryBuffer buffer(BOTH, 4, "0123456789");
-    EXPECT_EQ('0', buffer.sbumpc());
-    EXPECT_EQ(1, buffer.pubseekoff(0, ios_base::cur));
-    EXPECT_EQ((Log{"read 4", "seek -3 cur"}), buffer.log);
-    EXPECT_TRUE(buffer.hasEmptyGetArea());
-    EXPECT_FALSE(buffer.m_reading);
-    EXPECT_EQ('1', buffer.sbumpc());
-    EXPECT_EQ(4, buffer.pubseekoff(2, ios_base::cur));
-    EXPECT_EQ('4', buffer.sgetc());
-}
-
-TEST(FilebufBase, seekFromTheEndsDoesNotCountWhatIsUnread) {
-    MemoryBuffer buffer(BOTH, 4, "0123456789");
-    EXPECT_EQ('0', buffer.sbumpc());
-    EXPECT_EQ(7, buffer.pubseekoff(7, ios_base::beg));
-    EXPECT_EQ('7', buffer.sbumpc());
-    EXPECT_EQ(8, buffer.pubseekoff(-2, ios_base::end));
-    EXPECT_EQ('8', buffer.sgetc());
-    EXPECT_EQ((Log{"read 4", "seek 7 beg", "read 4", "seek -2 end", "read 4"}), buffer.log);
-}
-
-TEST(FilebufBase, seekToAToldPosition) {
-    MemoryBuffer buffer(BOTH, 4, "0123456789");
-    EXPECT_EQ('0', buffer.sbumpc());
-    std::streampos const told = buffer.pubseekoff(0, ios_base::cur);
-    EXPECT_EQ('1', buffer.sbumpc());
-    EXPECT_EQ('2', buffer.sbumpc());
-    EXPECT_EQ(told, buffer.pubseekpos(told));
-    EXPECT_EQ("seek 1 beg", buffer.log.back()) << "without a look at what is unread";
-    EXPECT_TRUE(buffer.hasEmptyGetArea());
-    EXPECT_FALSE(buffer.m_reading);
-    EXPECT_EQ('1', buffer.sbumpc());
-}
-
-TEST(FilebufBase, seekIgnoresTheMode) {
-    MemoryBuffer buffer(ios_base::in, 4, "0123456789");
-    EXPECT_EQ(5, buffer.pubseekoff(5, ios_base::beg, ios_base::out));
-    EXPECT_EQ(3, buffer.pubseekpos(3, ios_base::out));
-    EXPECT_EQ('3', buffer.sgetc());
-}
-
-TEST(FilebufBase, seekDropsWhatIsNotWritten) {
-    MemoryBuffer buffer(BOTH, 4, "0123456789");
-    EXPECT_EQ('a', buffer.sputc('a'));
-    EXPECT_EQ(5, buffer.pubseekoff(5, ios_base::beg));
-    EXPECT_FALSE(buffer.hasPutArea());
-    EXPECT_FALSE(buffer.m_writing);
-    EXPECT_EQ(0, buffer.pubsync());
-    EXPECT_EQ("0123456789", buffer.content);
-    EXPECT_EQ('b', buffer.sputc('b'));
-    EXPECT_EQ(2, buffer.pubseekpos(2));
-    EXPECT_FALSE(buffer.hasPutArea());
-    EXPECT_EQ('2', buffer.sgetc());
-    EXPECT_EQ("0123456789", buffer.content);
-}
-
-TEST(FilebufBase, failedSeekIsMinusOneAndChangesNothing) {
-    MemoryBuffer buffer(BOTH, 4, "0123456789");
-    EXPECT_EQ('0', buffer.sbumpc());
-    buffer.seek_fails = true;
-    EXPECT_EQ(-1, buffer.pubseekoff(0, ios_base::cur));
-    EXPECT_TRUE(chainIs({{CommonErrorId::UNSUPPORTED_VALUE}}));
-    EXPECT_EQ(-1, buffer.pubseekpos(5));
-    EXPECT_TRUE(chainIs({{CommonErrorId::UNSUPPORTED_VALUE}}));
-    EXPECT_TRUE(buffer.m_reading);
-    EXPECT_EQ(3, buffer.getUnread());
-    EXPECT_EQ('1', buffer.sbumpc());
-}
-
-TEST(FilebufBase, offsetsHave64Bits) {
-    MemoryBuffer buffer(BOTH, 4, "0123456789");
-    EXPECT_EQ('0', buffer.sbumpc());
-    buffer.pubseekoff(0x100000000LL, ios_base::cur);
-    EXPECT_EQ("seek 4294967293 cur", buffer.log.back());
-    buffer.pubseekpos(std::streampos(0x123456789LL));
-    EXPECT_EQ("seek 4886718345 beg", buffer.log.back());
-}
+INSTANTIATE_TEST_SUITE_P(All, FilebufBaseSequences, testing::ValuesIn(SEQUENCES), [](auto const& row) {
+    return row.param.name;
+});
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "support/AllocationCounter.h"
 #include "support/Child.h"
 #include "support/EventRecorder.h"
+#include "support/RunInThreads.h"
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -11,24 +12,20 @@
 #include <cstdio>
 #include <stdexcept>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
 using Handler = std::GlobalErrorHandler;
-using support::ChildEnd;
-using support::EventRecorder;
-using support::runInChild;
+using namespace support;
 
 TEST(GlobalErrorHandler, assertionWritesOneLineAndReturns) {
     ChildEnd const end = runInChild([] {
         Handler::doAssert(false, "a == b", "some/File", 12, "function", "a is %d", 3);
         Handler::doAssert(false, "a == b", "some/File", 13, "function", nullptr);
-        puts("went on");
+        puts("continued");
     });
     EXPECT_EQ(0, end.exit_code);
-    EXPECT_EQ("went on\n", end.output);
+    EXPECT_EQ("continued\n", end.output);
     EXPECT_EQ(
         "some/File:12: function: assertion failed: a == b: a is 3\n"
         "some/File:13: function: assertion failed: a == b\n",
@@ -44,16 +41,16 @@ TEST(GlobalErrorHandler, assertionThatHoldsDoesNothing) {
 TEST(GlobalErrorHandler, warningWritesOneLineAndReturns) {
     ChildEnd const end = runInChild([] {
         Handler::doWarning("some/File", 12, "~Class", "res = %d", 22);
-        puts("went on");
+        puts("continued");
     });
-    EXPECT_EQ("went on\n", end.output);
+    EXPECT_EQ("continued\n", end.output);
     EXPECT_EQ("some/File:12: ~Class: warning: res = 22\n", end.errors);
 }
 
 TEST(GlobalErrorHandler, abortWritesOneLineAndEndsTheProcess) {
     ChildEnd const end = runInChild([] {
         Handler::doAbort("some/File", 12, "function", "error %s", "locking");
-        puts("went on");
+        puts("continued");
     });
     EXPECT_EQ(SIGABRT, end.signal);
     EXPECT_EQ("", end.output);
@@ -70,7 +67,7 @@ TEST(GlobalErrorHandler, outOfMemoryWaitsTenthOfASecondAndReturns) {
     EXPECT_EQ("some/File:12: function: out of memory: need 7 bytes\n", end.errors);
 }
 
-TEST(GlobalErrorHandler, hookSeesEveryEventAndMayKeepTheDefaultActionFromRunning) {
+TEST(GlobalErrorHandler, hookReceivesEveryEventAndMaySuppressTheDefaultAction) {
     EventRecorder const recorder;
     auto const start = std::chrono::steady_clock::now();
     Handler::doAssert(false, "a == b", "some/File", 1, "one", "text");
@@ -104,7 +101,7 @@ TEST(GlobalErrorHandler, hookMayLetTheDefaultActionRun) {
     EXPECT_EQ("some/File:2: two: fatal: the end\n", end.errors);
 }
 
-TEST(GlobalErrorHandler, setHookGivesBackTheOneBefore) {
+TEST(GlobalErrorHandler, setHookReturnsThePreviousHook) {
     Handler::Hook const first{[](Handler::Event const&, void*) { return true; }, nullptr};
     Handler::Hook const second = first;
     Handler::Hook const* const before = Handler::setHook(&first);
@@ -121,21 +118,15 @@ TEST(GlobalErrorHandler, longLineIsCut) {
     EXPECT_EQ("...\n", end.errors.substr(end.errors.size() - 4));
 }
 
-TEST(GlobalErrorHandler, takesEventsOfManyThreadsAtOnce) {
+TEST(GlobalErrorHandler, handlesEventsOfManyThreadsAtOnce) {
     constexpr int THREADS = 4;
     constexpr int ROUNDS = 500;
     EventRecorder const recorder;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([i] {
-            for (int round = 0; round < ROUNDS; ++round) {
-                Handler::doWarning("some/File", round, "function", "thread %d", i);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runInThreads(THREADS, [](int i) {
+        for (int round = 0; round < ROUNDS; ++round) {
+            Handler::doWarning("some/File", round, "function", "thread %d", i);
+        }
+    });
     int counts[THREADS] = {};
     for (auto const& event : recorder.getEvents()) {
         ++counts[event.message.back() - '0'];
@@ -145,7 +136,7 @@ TEST(GlobalErrorHandler, takesEventsOfManyThreadsAtOnce) {
     }
 }
 
-TEST(GlobalErrorHandler, letsAnExceptionOfTheHookPassToItsCaller) {
+TEST(GlobalErrorHandler, exceptionOfTheHookReachesTheCaller) {
     Handler::Hook const hook{
         [](Handler::Event const& event, void*) -> bool {
             throw std::runtime_error(std::string(event.function) + " " + event.message);
@@ -169,12 +160,12 @@ TEST(GlobalErrorHandler, letsAnExceptionOfTheHookPassToItsCaller) {
 }
 
 TEST(GlobalErrorHandler, neverUsesTheHeap) {
-    if (!support::COUNTS_ALLOCATIONS) {
+    if (!COUNTS_ALLOCATIONS) {
         GTEST_SKIP() << "the sanitizers bring their own allocation functions";
     }
     Handler::Hook const hook{[](Handler::Event const&, void*) { return true; }, nullptr};
     Handler::Hook const* const before = Handler::setHook(&hook);
-    support::AllocationCounter const counter;
+    AllocationCounter const counter;
     Handler::doWarning("some/File", 1, "function", "%s %d", "text", 5);
     Handler::doAssert(false, "a", "some/File", 1, "function", "%s %d", "text", 5);
     int const count = counter.getCount();

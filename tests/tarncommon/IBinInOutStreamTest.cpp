@@ -19,7 +19,6 @@
 
 namespace {
 
-using std::CommonError;
 namespace CommonErrorId = std::CommonErrorId;
 using std::ErrorOutput;
 using std::ErrorStorage;
@@ -27,23 +26,19 @@ using std::IBinInOutStream;
 using std::IBinInputStream;
 using std::IBinOutputStream;
 using std::IBinStreamBase;
-using support::AllocationCounter;
-using support::chainIs;
-using support::getSlot;
-using support::New;
-using support::NewFault;
+using namespace support;
 
 enum class From { CURRENT, BEGIN, END };
 
-/// How the file answers: all at once, in pieces, or as one in non-blocking mode with nothing now and then.
-enum class Mood { WHOLE, SHORT, NON_BLOCKING };
+/// How the file transfers: completely, in pieces, or in non-blocking mode, sometimes nothing.
+enum class Mode { WHOLE, SHORT, NON_BLOCKING };
 
-/// One file with one position for both directions, kept in memory. The hooks and `seek` keep the two buffers in step: what
-/// is written reaches the file before anything is read, what is read ahead is given back before anything is written.
+/// A file in memory with one position for both directions. The hooks and `seek` synchronize the two buffers:
+/// written bytes reach the file before a read, and read-ahead is undone before a write.
 class MemoryFile : public IBinInOutStream {
 public:
-    MemoryFile(unsigned int read_buffer, unsigned int write_buffer, Mood mood = Mood::WHOLE)
-        : IBinInOutStream(mood != Mood::NON_BLOCKING, read_buffer, write_buffer), m_mood(mood) {
+    MemoryFile(unsigned int read_buffer, unsigned int write_buffer, Mode mode = Mode::WHOLE)
+        : IBinInOutStream(mode != Mode::NON_BLOCKING, read_buffer, write_buffer), m_mode(mode) {
         content.reserve(65536);
     }
 
@@ -100,7 +95,7 @@ protected:
         ++reads;
         size_t const rest = content.size() - std::min(m_position, content.size());
         if (rest == 0) {
-            ErrorOutput("test", __LINE__, true)(std::IBinStreamBase::StreamErrorId::END_OF_STREAM);
+            ErrorOutput("test", __LINE__, true)(StreamErrorId::END_OF_STREAM);
             return true;
         }
         read = limit(std::min(size, static_cast<unsigned int>(rest)));
@@ -113,11 +108,11 @@ protected:
         if (size == 0) {
             return false;
         }
-        EXPECT_EQ(IBinInputStream::m_pos, IBinInputStream::m_end) << "read-ahead is given back first";
+        EXPECT_EQ(IBinInputStream::m_pos, IBinInputStream::m_end) << "read-ahead is undone first";
         ++writes;
         if (write_fails) {
             ErrorOutput("test", __LINE__, true)(CommonErrorId::OPEN_FILE_OPERATION_FAILED, "full");
-            ErrorOutput("test", __LINE__, false)(std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED);
+            ErrorOutput("test", __LINE__, false)(StreamErrorId::TRANSFER_FAILED);
             return true;
         }
         written = limit(size);
@@ -138,10 +133,10 @@ protected:
 
 private:
     unsigned int limit(unsigned int count) {
-        if (m_mood == Mood::WHOLE || count == 0) {
+        if (m_mode == Mode::WHOLE || count == 0) {
             return count;
         }
-        unsigned int const least = m_mood == Mood::SHORT ? 1 : 0;
+        unsigned int const least = m_mode == Mode::SHORT ? 1 : 0;
         return std::uniform_int_distribution<unsigned int>(least, count)(m_random);
     }
 
@@ -169,7 +164,7 @@ private:
         return false;
     }
 
-    Mood m_mood;
+    Mode m_mode;
     size_t m_position = 0;
     bool m_writing = false;
     std::mt19937 m_random{20240229};
@@ -188,7 +183,7 @@ void writeTo(IBinOutputStream& stream, std::string const& bytes) {
     EXPECT_EQ(bytes.size(), written);
 }
 
-/// Gives access to the operations that are for deriving classes alone.
+/// Gives access to protected operations.
 class Slots : public IBinInOutStream {
 public:
     using IBinInOutStream::checkReadBufferConsistency;
@@ -216,37 +211,32 @@ TEST(IBinInOutStream, hasOneBaseForBothDirections) {
     EXPECT_TRUE(output.isValid());
 }
 
-TEST(IBinInOutStream, constructorHandsItsArgumentsToTheDirections) {
-    MemoryFile const input_only(4, 0);
-    EXPECT_TRUE(input_only.isInputBuffered());
-    EXPECT_FALSE(input_only.isOutputBuffered());
-    EXPECT_TRUE(input_only.isBlocking());
-    MemoryFile const output_only(0, 4, Mood::NON_BLOCKING);
-    EXPECT_FALSE(output_only.isInputBuffered());
-    EXPECT_TRUE(output_only.isOutputBuffered());
-    EXPECT_FALSE(output_only.isBlocking());
+TEST(IBinInOutStream, constructorPassesItsArgumentsToTheDirections) {
+    for (bool const input : {true, false}) {
+        MemoryFile const file(input ? 4 : 0, input ? 0 : 4, input ? Mode::WHOLE : Mode::NON_BLOCKING);
+        EXPECT_EQ(input, file.isInputBuffered());
+        EXPECT_EQ(!input, file.isOutputBuffered());
+        EXPECT_EQ(input, file.isBlocking());
+    }
 }
 
 TEST(IBinInOutStream, withoutMemoryForABufferFailsInThatDirectionOnly) {
     NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
+    ExpectedReport const no_memory(CommonErrorId::OUT_OF_MEMORY);
     unsigned int count = 0;
     char block[4] = {};
-    MemoryFile input(4, 0);
-    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
-    EXPECT_FALSE(input.isValid());
-    EXPECT_EQ(-1, input.read(block, 4, count));
-    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}, {IBinStreamBase::StreamErrorId::UNUSABLE}}));
-    EXPECT_EQ(1, input.write(block, 4, count));
-    MemoryFile output(0, 4);
-    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
-    EXPECT_FALSE(output.isValid());
-    EXPECT_EQ(-1, output.write(block, 4, count));
-    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}, {IBinStreamBase::StreamErrorId::UNUSABLE}}));
-    EXPECT_EQ(0, output.read(block, 4, count));
-    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
+    for (bool const input : {true, false}) {
+        MemoryFile file(input ? 4 : 0, input ? 0 : 4);
+        EXPECT_TRUE(chainIs({no_memory}));
+        EXPECT_FALSE(file.isValid());
+        EXPECT_EQ(-1, input ? file.read(block, 4, count) : file.write(block, 4, count));
+        EXPECT_TRUE(chainIs({no_memory, {IBinStreamBase::UNUSABLE}}));
+        EXPECT_EQ(input ? 1 : 0, input ? file.write(block, 4, count) : file.read(block, 4, count));
+        EXPECT_TRUE(input ? chainIs({}) : chainIs({{IBinStreamBase::END_OF_STREAM}}));
+    }
 }
 
-TEST(IBinInOutStream, writeAfterReadLandsAtTheReadersPlace) {
+TEST(IBinInOutStream, writeAfterReadStartsAtTheReadersPosition) {
     MemoryFile file(10, 10);
     file.content = "0123456789abcdef";
     EXPECT_EQ("0", readFrom(file, 1));
@@ -257,7 +247,7 @@ TEST(IBinInOutStream, writeAfterReadLandsAtTheReadersPlace) {
     EXPECT_EQ("234", readFrom(file, 3));
 }
 
-TEST(IBinInOutStream, writtenBytesAreInTheFileBeforeARead) {
+TEST(IBinInOutStream, writtenBytesReachTheFileBeforeARead) {
     MemoryFile file(10, 10);
     file.content = "0123456789";
     writeTo(file, "AB");
@@ -267,14 +257,13 @@ TEST(IBinInOutStream, writtenBytesAreInTheFileBeforeARead) {
     EXPECT_EQ(1, file.flushes);
 }
 
-TEST(IBinInOutStream, readFailsIfWhatIsWrittenCannotBePassedOn) {
+TEST(IBinInOutStream, readFailsIfWrittenBytesCannotBePassedOn) {
     MemoryFile file(10, 10);
     file.content = "0123456789";
     writeTo(file, "AB");
     file.write_fails = true;
     EXPECT_EQ("", readFrom(file, 2, -1));
-    EXPECT_TRUE(chainIs(
-        {{CommonErrorId::OPEN_FILE_OPERATION_FAILED}, {IBinStreamBase::StreamErrorId::TRANSFER_FAILED}}));
+    EXPECT_TRUE(chainIs({{CommonErrorId::OPEN_FILE_OPERATION_FAILED}, {IBinStreamBase::TRANSFER_FAILED}}));
     EXPECT_EQ(0, file.reads);
     EXPECT_TRUE(file.isWriting());
     file.write_fails = false;
@@ -294,11 +283,8 @@ TEST(IBinInOutStream, flushWhileReadingKeepsTheReadAhead) {
 }
 
 TEST(IBinInOutStream, failedSeekBeforeAWriteFailsTheWrite) {
-    class Pipe : public MemoryFile {
-    public:
+    struct Pipe : MemoryFile {
         Pipe() : MemoryFile(10, 10) { content = "0123456789"; }
-
-    protected:
         bool checkWriteBufferConsistency() override {
             ErrorOutput("test", __LINE__, true)(CommonErrorId::UNSUPPORTED_VALUE, "cannot seek");
             return true;
@@ -313,7 +299,7 @@ TEST(IBinInOutStream, failedSeekBeforeAWriteFailsTheWrite) {
 }
 
 TEST(IBinInOutStream, readingAndWritingInTurnAllocatesNothing) {
-    if (!support::COUNTS_ALLOCATIONS) {
+    if (!COUNTS_ALLOCATIONS) {
         GTEST_SKIP() << "the sanitizer has the allocation functions";
     }
     MemoryFile file(16, 16);
@@ -330,14 +316,14 @@ TEST(IBinInOutStream, readingAndWritingInTurnAllocatesNothing) {
     EXPECT_FALSE(file.seek(0, From::END, position));
     EXPECT_EQ(0, file.read(block, 1, count));
     EXPECT_EQ(0, counter.getCount());
-    EXPECT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM}}));
+    EXPECT_TRUE(chainIs({{IBinStreamBase::END_OF_STREAM}}));
 }
 
 // ---- against a model ----
 
-using Setting = std::tuple<unsigned int, unsigned int, Mood>;
+using Setting = std::tuple<unsigned int, unsigned int, Mode>;
 
-/// What every caller may rely on: one text and one position in it, no buffers.
+/// The behavior that callers rely on: one text and one position in it, without buffers.
 class Model {
 public:
     void expectRead(std::string const& bytes) {
@@ -370,24 +356,19 @@ protected:
 
     /// Mostly small requests, with some around the sizes of the buffers.
     unsigned int pickSize() {
-        switch (pick(0, 3)) {
-        case 0:
-            return pick(0, 3);
-        case 1:
-            return pick(0, 20);
-        case 2:
-            return std::max(1U, std::get<0>(GetParam())) + pick(0, 2) - 1;
-        default:
-            return std::max(1U, std::get<1>(GetParam())) + pick(0, 2) - 1;
-        }
+        auto const [read_buffer, write_buffer, mode] = GetParam();
+        unsigned int const sizes[] = {
+            pick(0, 3), pick(0, 20), std::max(1U, read_buffer) + pick(0, 2) - 1,
+            std::max(1U, write_buffer) + pick(0, 2) - 1};
+        return sizes[pick(0, 3)];
     }
 
-    bool isNonBlocking() const { return std::get<2>(GetParam()) == Mood::NON_BLOCKING; }
+    bool isNonBlocking() const { return std::get<2>(GetParam()) == Mode::NON_BLOCKING; }
 
-    /// Only a file that takes nothing now may refuse, and says so; then nothing has changed.
+    /// Only a non-blocking file may refuse, with a report and without a change.
     void expectNotNow() {
         ASSERT_TRUE(isNonBlocking());
-        ASSERT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::TRANSFER_FAILED, "Stream transfer failed"}}));
+        ASSERT_TRUE(chainIs({{IBinStreamBase::TRANSFER_FAILED, "Stream transfer failed"}}));
     }
 
     void read() {
@@ -396,18 +377,19 @@ protected:
         unsigned int count = 12345;
         int const result = m_file.read(&block[0], size, count);
         ASSERT_LE(count, size);
-        if (result == -1) {
-            ASSERT_EQ(0U, count);
-            expectNotNow();
-        } else if (result == 0) {
-            ASSERT_EQ(0U, count);
-            ASSERT_TRUE(m_model.isAtEnd());
-            ASSERT_TRUE(chainIs({{IBinStreamBase::StreamErrorId::END_OF_STREAM, "End of stream"}}));
-        } else {
-            ASSERT_EQ(1, result);
+        if (result == 1) {
             ASSERT_TRUE(count != 0 || size == 0 || isNonBlocking());
             m_model.expectRead(block.substr(0, count));
+            return;
         }
+        ASSERT_EQ(0U, count);
+        if (result == -1) {
+            expectNotNow();
+            return;
+        }
+        ASSERT_EQ(0, result);
+        ASSERT_TRUE(m_model.isAtEnd());
+        ASSERT_TRUE(chainIs({{IBinStreamBase::END_OF_STREAM, "End of stream"}}));
     }
 
     void write() {
@@ -424,7 +406,7 @@ protected:
     void seek() {
         auto const from = static_cast<From>(pick(0, 2));
         int offset = static_cast<int>(pick(0, 40));
-        // Not beyond the end: what a file has there is no matter of streams.
+        // Not beyond the end: the content there does not depend on streams.
         size_t const size = m_model.getContent().size();
         size_t target = std::min(static_cast<size_t>(offset) * 3, size);
         if (from == From::CURRENT) {
@@ -435,7 +417,7 @@ protected:
         } else if (from == From::BEGIN) {
             offset = static_cast<int>(target);
         } else {
-            // Where the end is the file knows only once it has everything.
+            // The file must have all written bytes to find its end.
             target = size - std::min(static_cast<size_t>(offset), size);
             offset = static_cast<int>(target) - static_cast<int>(size);
         }
@@ -468,22 +450,15 @@ protected:
 TEST_P(IBinInOutStreamModel, behavesAsOneFileWithOnePosition) {
     for (int i = 0; i < 3000 && !HasFatalFailure(); ++i) {
         SCOPED_TRACE(i);
-        switch (pick(0, 9)) {
-        case 0:
+        unsigned int const action = pick(0, 9);
+        if (action == 0) {
             seek();
-            break;
-        case 1:
+        } else if (action == 1) {
             flush();
-            break;
-        case 2:
-        case 3:
-        case 4:
-        case 5:
+        } else if (action < 6) {
             write();
-            break;
-        default:
+        } else {
             read();
-            break;
         }
         ASSERT_TRUE(chainIs({}));
     }
@@ -496,17 +471,17 @@ TEST_P(IBinInOutStreamModel, behavesAsOneFileWithOnePosition) {
     EXPECT_GT(m_file.writes, 5);
 }
 
-char const* const MOODS[] = {"whole", "short", "nonBlocking"};
+char const* const MODES[] = {"whole", "short", "nonBlocking"};
 
 INSTANTIATE_TEST_SUITE_P(
     All, IBinInOutStreamModel,
     testing::Combine(
         testing::Values(1U, 2U, 7U, 16U, 4096U, 0U), testing::Values(1U, 2U, 7U, 16U, 4096U, 0U),
-        testing::Values(Mood::WHOLE, Mood::SHORT, Mood::NON_BLOCKING)),
+        testing::Values(Mode::WHOLE, Mode::SHORT, Mode::NON_BLOCKING)),
     [](testing::TestParamInfo<Setting> const& instance) {
         return "read" + std::to_string(std::get<0>(instance.param)) + "write" +
             std::to_string(std::get<1>(instance.param)) +
-            MOODS[static_cast<int>(std::get<2>(instance.param))];
+            MODES[static_cast<int>(std::get<2>(instance.param))];
     });
 
 } // namespace

@@ -17,11 +17,7 @@ using std::unicode::String;
 using CodePoints = std::vector<unsigned int>;
 
 CodePoints getCodePoints(String const& text) {
-    CodePoints result;
-    for (unsigned int const code_point : text) {
-        result.push_back(code_point);
-    }
-    return result;
+    return {text.begin(), text.end()};
 }
 
 String makeString(CodePoints const& code_points) {
@@ -88,7 +84,7 @@ TEST(UnicodeString, additionKeepsItsOperands) {
     EXPECT_TRUE(left + left == makeString({'a', 'b', 'a', 'b'}));
 }
 
-TEST(UnicodeString, codePointCanStandForAText) {
+TEST(UnicodeString, codePointConvertsToAText) {
     EXPECT_TRUE(makeString({'a'}) + REPLACEMENT_CHAR == makeString({'a', REPLACEMENT_CHAR}));
     EXPECT_TRUE(makeString({BOM}) == BOM);
 }
@@ -131,7 +127,7 @@ TEST(UnicodeString, cutsBetweenIterators) {
     EXPECT_TRUE(text.substr(text.begin() + 3, text.begin() + 1).isEmpty());
 }
 
-TEST(UnicodeString, iteratorGoesAnywhere) {
+TEST(UnicodeString, iteratorMovesInBothDirections) {
     String const text = makeString({'a', 'b', 'c', 'd'});
     String::Iterator i = text.begin();
     EXPECT_EQ('a', static_cast<int>(*i++));
@@ -163,7 +159,7 @@ void PrintTo(WellFormed const& row, std::ostream* out) {
 
 class UnicodeStringWellFormed : public testing::TestWithParam<WellFormed> {};
 
-TEST_P(UnicodeStringWellFormed, goesThereAndBack) {
+TEST_P(UnicodeStringWellFormed, isDecodedAndEncoded) {
     String const text = String::fromUTF8(GetParam().bytes);
     EXPECT_EQ(GetParam().code_points, getCodePoints(text));
     EXPECT_EQ(GetParam().bytes, text.toUTF8());
@@ -187,7 +183,7 @@ TEST(UnicodeString, nullBytesAreCharacters) {
     EXPECT_EQ(bytes, text.toUTF8());
 }
 
-TEST(UnicodeString, everyCodePointSurvivesUTF8) {
+TEST(UnicodeString, everyCodePointIsEncodedAndDecoded) {
     for (unsigned int code_point = 0; code_point <= 0x10FFFF; ++code_point) {
         if (code_point < 0xD800 || code_point > 0xDFFF) {
             String const text = String::fromUTF8(String(code_point).toUTF8());
@@ -197,18 +193,18 @@ TEST(UnicodeString, everyCodePointSurvivesUTF8) {
 }
 
 struct Malformed {
-    char const* what;
+    char const* name;
     char const* bytes;
     CodePoints code_points;
 };
 
 void PrintTo(Malformed const& row, std::ostream* out) {
-    *out << row.what;
+    *out << row.name;
 }
 
 class UnicodeStringMalformed : public testing::TestWithParam<Malformed> {};
 
-TEST_P(UnicodeStringMalformed, givesOneReplacementForEachMaximalPiece) {
+TEST_P(UnicodeStringMalformed, becomesOneReplacementForEachMaximalPiece) {
     EXPECT_EQ(GetParam().code_points, getCodePoints(String::fromUTF8(GetParam().bytes)));
 }
 
@@ -241,7 +237,7 @@ INSTANTIATE_TEST_SUITE_P(
             "d",
             {'a', R, R, R, 'b', R, 'c', R, R, 'd'}}));
 
-TEST(UnicodeString, elementsThatAreNoCodePointsBecomeReplacementsInUTF8) {
+TEST(UnicodeString, invalidElementsBecomeReplacementsInUTF8) {
     for (unsigned int const element : {0xD800U, 0xDFFFU, 0x110000U, 0xFFFFFFFFU}) {
         EXPECT_EQ("\xEF\xBF\xBD", String(element).toUTF8()) << element;
     }

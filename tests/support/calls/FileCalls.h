@@ -34,10 +34,9 @@ inline FileCalls s_file_calls;
 VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
 VESK_INJECT_ERRNO(int, -1, fstat, (int fd, struct stat* data), (fd, data))
 VESK_INJECT_OPEN(support::s_file_calls.open_flags = flags; support::s_file_calls.open_mode = mode)
-VESK_INJECT_NOTING(
-    off_t, -1, lseek, (int fd, off_t offset, int whence), (fd, offset, whence),
-    support::s_file_calls.seek_offset = offset;
-    support::s_file_calls.seek_whence = whence)
+VESK_INJECT_NOTING(off_t, -1, lseek, (int fd, off_t offset, int whence), (fd, offset, whence),
+                   support::s_file_calls.seek_offset = offset;
+                   support::s_file_calls.seek_whence = whence)
 VESK_INJECT_NOTING(
     int, -1, ftruncate, (int fd, off_t length), (fd, length), support::s_file_calls.length = length)
 VESK_INJECT_NOTING(

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+/// Defines a test with a body that `run` calls, for example in a child process.
+///
+///     VESK_TEST_BY(support::expectInChild, Channel, writesOneLine) {
+///         ...
+///     }
+#define VESK_TEST_BY(run, suite, name)                                                                       \
+    static void suite##_##name##_body();                                                                     \
+    TEST(suite, name) {                                                                                      \
+        run(suite##_##name##_body);                                                                          \
+    }                                                                                                        \
+    static void suite##_##name##_body()

@@ -1,0 +1,309 @@
+#include "support/EventRecorder.h"
+#include "support/Inject.h"
+
+#include <tarncommon/threadsafe/ConditionImpl.h>
+#include <tarncommon/threadsafe/MutexImpl.h>
+#include <tarncommon/threadsafe/TlsImpl.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <pthread.h>
+#include <string>
+#include <thread>
+
+VESK_INJECT_RESULT(pthread_mutexattr_init, (pthread_mutexattr_t * a), (a))
+VESK_INJECT_RESULT(pthread_mutex_init, (pthread_mutex_t * m, pthread_mutexattr_t const* a), (m, a))
+VESK_INJECT_RESULT(pthread_mutex_destroy, (pthread_mutex_t * m), (m))
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * m), (m))
+VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * m), (m))
+VESK_INJECT_RESULT(pthread_condattr_init, (pthread_condattr_t * a), (a))
+VESK_INJECT_RESULT(pthread_condattr_setclock, (pthread_condattr_t * a, clockid_t clock), (a, clock))
+VESK_INJECT_RESULT(pthread_cond_init, (pthread_cond_t * c, pthread_condattr_t const* a), (c, a))
+VESK_INJECT_RESULT(pthread_cond_destroy, (pthread_cond_t * c), (c))
+VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
+VESK_INJECT_RESULT(
+    pthread_cond_timedwait, (pthread_cond_t * c, pthread_mutex_t* m, timespec const* t), (c, m, t))
+VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * c), (c))
+VESK_INJECT_RESULT(pthread_key_create, (pthread_key_t * key, void (*destructor)(void*)), (key, destructor))
+VESK_INJECT_RESULT(pthread_setspecific, (pthread_key_t key, void const* value), (key, value))
+
+namespace {
+
+using namespace support;
+using namespace threadsafe;
+using tarnbase::Duration;
+using tarnbase::TimePoint;
+
+/// Returns the event of a failure: "KIND source text (errno = 12)".
+std::string eventOf(std::string const& kind, std::string const& text, int error) {
+    return kind + " tarncommon/src/threadsafe/" + text + " (errno = " + std::to_string(error) + ")";
+}
+
+/// Memory for an object that is not destroyed, because its construction fails.
+template <typename T>
+struct Memory {
+    alignas(T) unsigned char bytes[sizeof(T)];
+};
+
+// ---- mutexes ----
+
+TEST(MutexImpl, locksAndUnlocks) {
+    MutexImpl mutex(false);
+    EXPECT_EQ(0, mutex.lock());
+    EXPECT_EQ(0, mutex.unlock());
+}
+
+TEST(MutexImpl, unlockingWhatAnotherThreadHoldsIsAnInconsistency) {
+    MutexImpl mutex(false);
+    ASSERT_EQ(0, mutex.lock());
+    std::thread([&mutex] {
+        EXPECT_EQ(int{MutexBase::ERROR_INCONSISTENCY}, mutex.unlock());
+        EXPECT_EQ(EPERM, errno);
+    }).join();
+    EXPECT_EQ(0, mutex.unlock());
+}
+
+TEST(MutexImpl, lockingTwiceIsAnInconsistencyUnlessItIsRecursive) {
+    MutexImpl mutex(false);
+    ASSERT_EQ(0, mutex.lock());
+    EXPECT_EQ(int{MutexBase::ERROR_INCONSISTENCY}, mutex.lock());
+    EXPECT_EQ(EDEADLK, errno);
+    EXPECT_EQ(0, mutex.unlock());
+
+    MutexImpl recursive(true);
+    EXPECT_EQ(0, recursive.lock());
+    EXPECT_EQ(0, recursive.lock());
+    EXPECT_EQ(0, recursive.unlock());
+    EXPECT_EQ(0, recursive.unlock());
+    EXPECT_EQ(int{MutexBase::ERROR_INCONSISTENCY}, recursive.unlock());
+}
+
+TEST(MutexImpl, failureToLockReturnsItsNumberAndFailureToUnlockIsAnInconsistency) {
+    MutexImpl mutex(false);
+    {
+        Fault const fault(inject_pthread_mutex_lock, EAGAIN);
+        EXPECT_EQ(EAGAIN, mutex.lock());
+    }
+    ASSERT_EQ(0, mutex.lock());
+    {
+        Fault const fault(inject_pthread_mutex_unlock, EINVAL);
+        EXPECT_EQ(int{MutexBase::ERROR_INCONSISTENCY}, mutex.unlock());
+    }
+    ASSERT_EQ(0, mutex.unlock());
+}
+
+TEST(MutexImpl, failureToCreateItIsFatal) {
+    EventRecorder const recorder;
+    Memory<MutexImpl> memory;
+    {
+        Fault const fault(inject_pthread_mutex_init, ENOMEM);
+        new (memory.bytes) MutexImpl(false);
+    }
+    {
+        Fault const fault(inject_pthread_mutexattr_init, ENOMEM);
+        new (memory.bytes) MutexImpl(true);
+    }
+    std::string const line = eventOf("ABORT", "MutexImpl MutexImpl: error creating mutex", ENOMEM);
+    EXPECT_EQ(line + "\n" + line, recorder.getText());
+}
+
+TEST(MutexImpl, failureToDestroyItIsAsserted) {
+    EventRecorder const recorder;
+    {
+        MutexImpl mutex(false);
+        Fault const fault(inject_pthread_mutex_destroy, EBUSY);
+        mutex.~MutexImpl();
+        new (&mutex) MutexImpl(false);
+    }
+    EXPECT_EQ(
+        eventOf("ASSERT", "MutexImpl ~MutexImpl: error == 0: destroying mutex failed", EBUSY),
+        recorder.getText());
+}
+
+// ---- conditions ----
+
+class ConditionImplTest : public testing::Test {
+protected:
+    /// Calls `wait` with the mutex in a thread until it is woken.
+    template <typename Wait>
+    void wakeWaiter(Wait const& wait) {
+        std::thread waiter([&] {
+            ASSERT_EQ(0, m_mutex.lock());
+            while (!m_ready) {
+                wait();
+            }
+            EXPECT_EQ(0, m_mutex.unlock());
+        });
+        ASSERT_EQ(0, m_mutex.lock());
+        m_ready = true;
+        EXPECT_EQ(0, m_condition.signal_one());
+        EXPECT_EQ(0, m_mutex.unlock());
+        waiter.join();
+    }
+
+    MutexImpl m_mutex{false};
+    ConditionImpl m_condition{m_mutex};
+    bool m_ready = false;
+};
+
+TEST_F(ConditionImplTest, signalWakesAWaiter) {
+    wakeWaiter([this] { EXPECT_EQ(0, m_condition.wait()); });
+}
+
+TEST_F(ConditionImplTest, timedWaitReturnsTimeoutAtTheDeadlineAndNotBefore) {
+    ASSERT_EQ(0, m_mutex.lock());
+    TimePoint const deadline = TimePoint::now() + Duration(20);
+    int result = 0;
+    while ((result = m_condition.wait_timeout(deadline)) == 0) {}
+    EXPECT_EQ(int{ConditionBase::TIMEOUT}, result);
+    EXPECT_GE(TimePoint::now(), deadline);
+    EXPECT_EQ(int{ConditionBase::TIMEOUT}, m_condition.wait_timeout(TimePoint(-5)));
+    EXPECT_EQ(0, m_mutex.unlock());
+}
+
+TEST_F(ConditionImplTest, waitWithoutADeadlineIsAPlainWait) {
+    wakeWaiter([this] {
+        Fault const plain(inject_pthread_cond_wait, 0);
+        EXPECT_EQ(0, m_condition.wait_timeout(TimePoint::MAX));
+        EXPECT_EQ(1, plain.getCalls());
+    });
+}
+
+TEST_F(ConditionImplTest, waitWithoutTheMutexIsAnInconsistency) {
+    EXPECT_EQ(int{ConditionBase::ERROR_INCONSISTENCY}, m_condition.wait());
+    EXPECT_EQ(EPERM, errno);
+}
+
+struct Row {
+    int error;
+    int result;
+};
+
+void PrintTo(Row const& row, std::ostream* out) {
+    *out << "errno " << row.error;
+}
+
+class ConditionImplRows : public ConditionImplTest, public testing::WithParamInterface<Row> {};
+
+TEST_P(ConditionImplRows, everyOperationReturnsItsCode) {
+    ASSERT_EQ(0, m_mutex.lock());
+    Fault const wait(inject_pthread_cond_wait, GetParam().error);
+    Fault const timed(inject_pthread_cond_timedwait, GetParam().error);
+    Fault const signal(inject_pthread_cond_signal, GetParam().error);
+    EXPECT_EQ(GetParam().result, m_condition.wait());
+    EXPECT_EQ(GetParam().result, m_condition.wait_timeout(TimePoint::now() + Duration(60000)));
+    EXPECT_EQ(GetParam().result, m_condition.signal_one());
+    ASSERT_EQ(0, m_mutex.unlock());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ConditionImplRows,
+    testing::Values(
+        Row{ETIMEDOUT, 1}, Row{EINVAL, -1}, Row{EPERM, -1}, Row{EAGAIN, EAGAIN}, Row{ENOMEM, ENOMEM}));
+
+class ConditionImplCreation : public testing::TestWithParam<Injected*> {};
+
+TEST_P(ConditionImplCreation, failureIsFatal) {
+    EventRecorder const recorder;
+    MutexImpl mutex(false);
+    Memory<ConditionImpl> memory;
+    {
+        Fault const fault(*GetParam(), ENOMEM);
+        new (memory.bytes) ConditionImpl(mutex);
+    }
+    EXPECT_EQ(
+        eventOf("ABORT", "ConditionImpl ConditionImpl: error creating condition", ENOMEM),
+        recorder.getText());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ConditionImplCreation,
+    testing::Values(
+        &inject_pthread_condattr_init, &inject_pthread_condattr_setclock, &inject_pthread_cond_init),
+    [](auto const& row) { return "step" + std::to_string(row.index); });
+
+TEST(ConditionImpl, failureToDestroyItIsAsserted) {
+    EventRecorder const recorder;
+    MutexImpl mutex(false);
+    {
+        ConditionImpl condition(mutex);
+        // Counted from 1: the destructor's own call is the first.
+        Fault const fault(inject_pthread_cond_destroy, EBUSY);
+        condition.~ConditionImpl();
+        new (&condition) ConditionImpl(mutex);
+    }
+    EXPECT_EQ(
+        eventOf("ASSERT", "ConditionImpl ~ConditionImpl: error == 0: destroying condition failed", EBUSY),
+        recorder.getText());
+}
+
+// ---- thread-specific storage ----
+
+TEST(TlsImpl, isNullInEveryThreadUntilItIsSetThere) {
+    TlsImpl slot;
+    int mine = 0;
+    EXPECT_EQ(nullptr, slot.get());
+    slot.set(&mine);
+    EXPECT_EQ(&mine, slot.get());
+    std::thread([&slot] {
+        int other = 0;
+        EXPECT_EQ(nullptr, slot.get());
+        slot.set(&other);
+        EXPECT_EQ(&other, slot.get());
+    }).join();
+    EXPECT_EQ(&mine, slot.get());
+}
+
+TEST(TlsImpl, slotsHaveSeparateValues) {
+    TlsImpl first;
+    TlsImpl second;
+    int value = 0;
+    first.set(&value);
+    EXPECT_EQ(nullptr, second.get());
+}
+
+TEST(TlsImpl, slotIsReleasedSoThatSlotsAreNeverExhausted) {
+    EventRecorder const recorder;
+    for (int i = 0; i < 3 * PTHREAD_KEYS_MAX; ++i) {
+        TlsImpl slot;
+        ASSERT_EQ(nullptr, slot.get());
+        slot.set(&slot);
+    }
+    EXPECT_EQ(0u, recorder.getCount());
+}
+
+TEST(TlsImpl, staticSlotTakesAKeyWithItsFirstValue) {
+    static TlsImpl slot(threadsafe::CONSTANT_INIT);
+    {
+        Fault const keys(inject_pthread_key_create, 0);
+        EXPECT_EQ(nullptr, slot.get());
+        EXPECT_EQ(0, keys.getCalls());
+        slot.set(&slot);
+        slot.set(&slot);
+        EXPECT_EQ(1, keys.getCalls());
+    }
+    EXPECT_EQ(&slot, slot.get());
+    std::thread([] { EXPECT_EQ(nullptr, slot.get()); }).join();
+}
+
+TEST(TlsImpl, failuresAreFatal) {
+    EventRecorder const recorder;
+    TlsImpl slot;
+    {
+        Fault const fault(inject_pthread_setspecific, ENOMEM);
+        slot.set(&slot);
+    }
+    {
+        Memory<TlsImpl> memory;
+        Fault const fault(inject_pthread_key_create, EAGAIN);
+        new (memory.bytes) TlsImpl;
+    }
+    EXPECT_EQ(
+        eventOf("ABORT", "TlsImpl set: error storing value", ENOMEM) + "\n" +
+            eventOf("ABORT", "TlsImpl TlsImpl: error creating key", EAGAIN),
+        recorder.getText());
+}
+
+} // namespace
