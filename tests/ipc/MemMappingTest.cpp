@@ -128,7 +128,7 @@ TEST_F(MemMappingTest, copyRefersToTheSameMapping) {
     EXPECT_EQ(m_page, mappedBytes(m_path));
     EXPECT_FALSE(mapping.destroy());
     EXPECT_TRUE(copy.isValid()) << "the copy is not notified";
-    EXPECT_EQ("", accessAt(copy.getAddress()));
+    EXPECT_EQ(0U, mappedBytes(m_path));
 }
 
 struct FlagRow {
