@@ -5,6 +5,7 @@
 #include <tarncommon/tarnbase/TimePoint.h>
 
 #include <string>
+#include <type_traits>
 
 /// Clients of service discovery with arguments that do not matter to the test.
 
@@ -28,20 +29,23 @@ inline tarnbase::TimePoint farAway() {
     return in(60000);
 }
 
-struct Browser : DnsSd::SyncBrowser {
-    Browser() : SyncBrowser("_http._tcp", "local") {}
-};
+using Browser = DnsSd::SyncBrowser;
+using Resolver = DnsSd::SyncResolver;
+using Lookup = DnsSd::SyncLookup;
+using Service = DnsSd::SyncService;
 
-struct Resolver : DnsSd::SyncResolver {
-    Resolver() : SyncResolver(text("name"), "_http._tcp", "local") {}
-};
-
-struct Lookup : DnsSd::SyncLookup {
-    Lookup() : SyncLookup("host.local") {}
-};
-
-struct Service : DnsSd::SyncService {
-    Service() : SyncService(text("name"), "_http._tcp", "local", 80) {}
-};
+/// Returns a client. A function and not a derived class: the engine may call a client while it is constructed.
+template <typename Client>
+Client make() {
+    if constexpr (std::is_same_v<Client, Browser>) {
+        return Browser("_http._tcp", "local");
+    } else if constexpr (std::is_same_v<Client, Lookup>) {
+        return Lookup("host.local");
+    } else if constexpr (std::is_same_v<Client, Resolver>) {
+        return Resolver(text("name"), "_http._tcp", "local");
+    } else {
+        return Service(text("name"), "_http._tcp", "local", 80);
+    }
+}
 
 } // namespace support

@@ -67,7 +67,7 @@ TEST(DnsSdWithoutEngine, isTheStateOfANewProcess) {
 TEST(DnsSdWithoutEngine, destructorOfAClientStartsAndJoinsTheThread) {
     ThreadCount const count;
     {
-        Browser const browser;
+        Browser const browser = make<Browser>();
         EXPECT_EQ(0, count.getStarts()) << "the constructor takes no reference";
     }
     EXPECT_EQ(1, count.getNamed());
@@ -78,13 +78,13 @@ TEST(DnsSdWithoutEngine, destructorOfAClientStartsAndJoinsTheThread) {
 
 TEST(DnsSdWithoutEngine, everyKindOfClientStartsAndJoinsTheThread) {
     ThreadCount const count;
-    { Browser const client; }
+    { Browser const client = make<Browser>(); }
     EXPECT_EQ(1, count.getNamed());
-    { Resolver const client; }
+    { Resolver const client = make<Resolver>(); }
     EXPECT_EQ(2, count.getNamed());
-    { Lookup const client; }
+    { Lookup const client = make<Lookup>(); }
     EXPECT_EQ(3, count.getNamed());
-    { Service const client; }
+    { Service const client = make<Service>(); }
     EXPECT_EQ(4, count.getNamed());
     EXPECT_EQ(4, count.getStarts());
     EXPECT_EQ(4, count.getEnds());
@@ -95,7 +95,7 @@ TEST(DnsSdWithoutEngine, destroyedClientSharesTheThreadOfAnotherReference) {
     {
         Reference const held(DnsSd::DEFAULT);
         EXPECT_EQ(1, count.getStarts());
-        { Lookup const client; }
+        { Lookup const client = make<Lookup>(); }
         EXPECT_EQ(1, count.getStarts());
         EXPECT_EQ(0, count.getEnds());
     }
@@ -106,10 +106,10 @@ TEST(DnsSdWithoutEngine, destroyedClientSharesTheThreadOfAnotherReference) {
 TEST(DnsSdWithoutEngine, laterEngineIsNotCalledForAnEarlierClient) {
     TestEngine engine;
     {
-        Browser const browser;
+        Browser const browser = make<Browser>();
         Installed const installed(engine);
     }
-    auto browser = std::make_optional<Browser>();
+    std::unique_ptr<Browser> browser(new Browser(make<Browser>()));
     Installed const installed(engine);
     browser.reset();
     EXPECT_EQ(Calls{}, engine.getCalls());
@@ -119,7 +119,7 @@ TEST(DnsSdWithoutEngine, manyThreadsCreateAndDestroyClients) {
     int const before = g_named;
     runInThreads(4, [](int) {
         for (int round = 0; round < 25; ++round) {
-            Browser browser;
+            Browser browser = make<Browser>();
             browser.service_appeared(text("name"), "_http._tcp", "local");
             EXPECT_FALSE(browser.wait());
         }
@@ -146,10 +146,10 @@ protected:
 };
 
 TEST_F(DnsSdEngine, isCalledAndCanceledByEachKindOfClient) {
-    { Browser const client; }
+    { Browser const client = make<Browser>(); }
     EXPECT_EQ((Calls{"browse _http._tcp local", "cancel"}), m_engine.getCalls());
     { DnsSd::SyncResolver const client(text("a n\xC3\xA4me"), "_ipp._tcp", "example"); }
-    { Lookup const client; }
+    { Lookup const client = make<Lookup>(); }
     Txt txt;
     txt["path"] = "/status";
     { DnsSd::SyncService const client(text("mine"), "_http._tcp", "local", 65535, txt); }
@@ -174,7 +174,7 @@ TEST_F(DnsSdEngine, deliversToAWaitingBrowser) {
         client.all_for_now();
         client.service_disappeared(text("first"), "_http._tcp", "local");
     });
-    Browser browser;
+    Browser browser = make<Browser>();
     about_to_wait = true;
     EXPECT_FALSE(browser.wait());
     Browser::Result result;
@@ -194,7 +194,7 @@ TEST_F(DnsSdEngine, deliversToAResolverAndToALookup) {
         client.resolved(text("name"), "_http._tcp", "local", "host.local", 8080, Txt(sizeof record, record));
         client.address("host.local", "192.0.2.1");
     });
-    Resolver resolver;
+    Resolver resolver = make<Resolver>();
     ASSERT_FALSE(resolver.wait(farAway()));
     Resolver::Result where;
     ASSERT_FALSE(resolver.get(where));
@@ -221,14 +221,14 @@ TEST_F(DnsSdEngine, canCallBackBeforeTheConstructorReturns) {
             sched_yield();
         }
     };
-    Browser browser;
+    Browser browser = make<Browser>();
     Browser::Result result;
     EXPECT_FALSE(browser.get(result));
     EXPECT_TRUE(text("early") == result.name);
 }
 
 TEST_F(DnsSdEngine, waitEndsAtItsDeadlineWithoutADelivery) {
-    Lookup lookup;
+    Lookup lookup = make<Lookup>();
     TimePoint const deadline = in(30);
     EXPECT_TRUE(lookup.wait(deadline));
     EXPECT_GE(TimePoint::now(), deadline);
@@ -242,23 +242,23 @@ TEST_F(DnsSdEngine, callsOfAnotherKindAreIgnored) {
         client.all_for_now();
         client.address("host", "192.0.2.1");
     });
-    Lookup lookup;
+    Lookup lookup = make<Lookup>();
     ASSERT_FALSE(lookup.wait(farAway()));
     Lookup::Result result;
     EXPECT_FALSE(lookup.get(result));
     EXPECT_EQ("192.0.2.1", result.address);
     EXPECT_TRUE(lookup.get(result));
-    Service const service; // Ignores all of them.
+    Service const service = make<Service>(); // Ignores all of them.
 }
 
 TEST_F(DnsSdEngine, clientsKeepTheThreadDuringTheirLifetime) {
     ThreadCount const count;
     {
-        Browser const browser;
+        Browser const browser = make<Browser>();
         {
-            Resolver const resolver;
-            Lookup const lookup;
-            Service const service;
+            Resolver const resolver = make<Resolver>();
+            Lookup const lookup = make<Lookup>();
+            Service const service = make<Service>();
         }
         EXPECT_EQ(0, count.getEnds());
     }
@@ -271,7 +271,7 @@ TEST_F(DnsSdEngine, isCalledAfterTheStartOfTheThread) {
     ThreadCount const count;
     int starts_at_entry = -1;
     m_engine.on_enter = [&](DnsSdBase::Client&) { starts_at_entry = count.getStarts(); };
-    Lookup const lookup;
+    Lookup const lookup = make<Lookup>();
     EXPECT_EQ(1, starts_at_entry);
 }
 
@@ -279,7 +279,7 @@ TEST_F(DnsSdEngine, isCanceledBeforeTheThreadEnds) {
     ThreadCount const count;
     int ends_at_cancel = -1;
     m_engine.on_cancel = [&](DnsSdBase::Client&) { ends_at_cancel = count.getEnds(); };
-    { Browser const browser; }
+    { Browser const browser = make<Browser>(); }
     EXPECT_EQ(0, ends_at_cancel);
     EXPECT_EQ(1, count.getEnds());
 }
@@ -290,8 +290,8 @@ TEST_F(DnsSdEngine, isCanceledWithTheClientOfTheCall) {
     m_engine.on_enter = [&](DnsSdBase::Client& client) { entered.push_back(&client); };
     m_engine.on_cancel = [&](DnsSdBase::Client& client) { canceled.push_back(&client); };
     {
-        Browser const browser;
-        Lookup const lookup;
+        Browser const browser = make<Browser>();
+        Lookup const lookup = make<Lookup>();
     }
     ASSERT_EQ(2U, entered.size());
     EXPECT_EQ((std::vector<DnsSdBase::Client*>{entered[1], entered[0]}), canceled);
@@ -306,24 +306,24 @@ TEST_F(DnsSdEngine, canDeliverDuringTheCancellation) {
         }).join();
     };
     EventRecorder const recorder;
-    { Browser const client; }
-    { Resolver const client; }
-    { Lookup const client; }
-    { Service const client; }
+    { Browser const client = make<Browser>(); }
+    { Resolver const client = make<Resolver>(); }
+    { Lookup const client = make<Lookup>(); }
+    { Service const client = make<Service>(); }
     EXPECT_EQ("", recorder.getText());
 }
 
 TEST_F(DnsSdEngine, keepsItsClientsWhenAnotherEngineIsInstalled) {
     TestEngine other;
     {
-        Browser const browser;
+        Browser const browser = make<Browser>();
         Installed const installed(other);
-        Lookup const lookup;
+        Lookup const lookup = make<Lookup>();
     }
     EXPECT_EQ((Calls{"browse _http._tcp local", "cancel"}), m_engine.getCalls());
     EXPECT_EQ((Calls{"lookup host.local", "cancel"}), other.getCalls());
 
-    auto browser = std::make_optional<Browser>();
+    std::unique_ptr<Browser> browser(new Browser(make<Browser>()));
     DnsSd::setEngine(nullptr);
     browser.reset();
     EXPECT_EQ(4U, m_engine.getCalls().size());
@@ -335,7 +335,7 @@ TEST_F(DnsSdEngine, errorTripsAnAssertion) {
         client.error();
         client.address("host", "192.0.2.1");
     });
-    Lookup lookup;
+    Lookup lookup = make<Lookup>();
     ASSERT_FALSE(lookup.wait(farAway()));
     EXPECT_EQ("ASSERT framework/src/vesk/DnsSd error: !\"Implement me!\"", recorder.getText());
 }
@@ -365,10 +365,10 @@ TEST(DnsSdThrowingEngine, leavesNoClientAndNoReference) {
     ThrowingEngine engine;
     Installed const installed(engine);
     ThreadCount const count;
-    EXPECT_THROW(Browser(), std::runtime_error);
-    EXPECT_THROW(Resolver(), std::runtime_error);
-    EXPECT_THROW(Lookup(), std::runtime_error);
-    EXPECT_THROW(Service(), std::runtime_error);
+    EXPECT_THROW(make<Browser>(), std::runtime_error);
+    EXPECT_THROW(make<Resolver>(), std::runtime_error);
+    EXPECT_THROW(make<Lookup>(), std::runtime_error);
+    EXPECT_THROW(make<Service>(), std::runtime_error);
     EXPECT_EQ(0, engine.cancels);
     EXPECT_EQ(4, count.getNamed());
     EXPECT_EQ(4, count.getEnds());
@@ -381,10 +381,10 @@ TEST_F(DnsSdEngine, deliversWhileClientsAreDestroyed) {
         client.address("host", "192.0.2.1");
     });
     for (int round = 0; round < 50; ++round) {
-        auto browser = std::make_unique<Browser>();
-        auto resolver = std::make_unique<Resolver>();
-        auto lookup = std::make_unique<Lookup>();
-        Service const service;
+        std::unique_ptr<Browser> browser(new Browser(make<Browser>()));
+        std::unique_ptr<Resolver> resolver(new Resolver(make<Resolver>()));
+        std::unique_ptr<Lookup> lookup(new Lookup(make<Lookup>()));
+        Service const service = make<Service>();
         EXPECT_FALSE(lookup->wait(farAway()));
         Lookup::Result result;
         EXPECT_FALSE(lookup->get(result));
@@ -400,7 +400,7 @@ TEST_F(DnsSdEngine, servesClientsOfManyThreads) {
         [](DnsSdBase::Client& client) { client.service_appeared(text("name"), "_http._tcp", "local"); });
     runInThreads(4, [](int) {
         for (int round = 0; round < 20; ++round) {
-            Browser browser;
+            Browser browser = make<Browser>();
             for (int record = 0; record < 3; ++record) {
                 ASSERT_FALSE(browser.wait(farAway()));
                 Browser::Result result;

@@ -35,9 +35,9 @@ struct Clients {
         lookup.address("name", "address");
     }
 
-    Browser browser;
-    Resolver resolver;
-    Lookup lookup;
+    Browser browser = make<Browser>();
+    Resolver resolver = make<Resolver>();
+    Lookup lookup = make<Lookup>();
 };
 
 struct LockRow : NamedRow {
@@ -132,13 +132,13 @@ std::string const LONG(100, 'x');
 String const LONG_NAME = text(LONG);
 
 TEST(DnsSdMemory, browserPassesExceptionsOnAndStaysUsable) {
-    Browser browser;
+    Browser browser = make<Browser>();
     failEveryAllocation(browser, [&] { browser.service_appeared(LONG_NAME, LONG, LONG); });
     failEveryAllocation(browser, [&] { browser.service_disappeared(LONG_NAME, LONG, LONG); });
 }
 
 TEST(DnsSdMemory, resolverPassesExceptionsOnAndStaysUsable) {
-    Resolver resolver;
+    Resolver resolver = make<Resolver>();
     Txt txt;
     txt["a"] = LONG;
     txt["b"] = LONG;
@@ -146,12 +146,12 @@ TEST(DnsSdMemory, resolverPassesExceptionsOnAndStaysUsable) {
 }
 
 TEST(DnsSdMemory, lookupPassesExceptionsOnAndStaysUsable) {
-    Lookup lookup;
+    Lookup lookup = make<Lookup>();
     failEveryAllocation(lookup, [&] { lookup.address(LONG, LONG); });
 }
 
 TEST(DnsSdMemory, recordsBeforeAFailureAreKept) {
-    Lookup lookup;
+    Lookup lookup = make<Lookup>();
     lookup.address("first", "1");
     {
         NewFault const fault(New::SINGLE);
@@ -167,7 +167,7 @@ TEST(DnsSdMemory, recordsBeforeAFailureAreKept) {
 }
 
 TEST(DnsSdMemory, getAllocatesNothing) {
-    Resolver resolver;
+    Resolver resolver = make<Resolver>();
     Txt txt;
     txt["a"] = LONG;
     resolver.resolved(LONG_NAME, LONG, LONG, LONG, 80, txt);
@@ -196,13 +196,13 @@ TEST(DnsSdMemory, txtDataWithoutMemoryIsInvalid) {
 TEST(DnsSdThread, failedStartIsAWarningAndClientsStayUsable) {
     EventRecorder const recorder;
     {
-        Lookup lookup;
+        Lookup lookup = make<Lookup>();
         lookup.address("name", "address");
         Fault const fault(inject_pthread_create, EAGAIN);
         Lookup::Result result;
         EXPECT_FALSE(lookup.get(result));
         Fault const joins(inject_pthread_join, 0);
-        { Browser const browser; }
+        { Browser const browser = make<Browser>(); }
         EXPECT_EQ(0, joins.getCalls()) << "there is none to join";
     }
     ASSERT_EQ(1U, recorder.getCount());
@@ -220,8 +220,8 @@ TEST(DnsSdThread, startIsRetriedAfterAFailure) {
     EventRecorder const recorder;
     {
         Fault const fault(inject_pthread_create, EAGAIN);
-        { Lookup const lookup; }
-        { Lookup const lookup; }
+        { Lookup const lookup = make<Lookup>(); }
+        { Lookup const lookup = make<Lookup>(); }
         EXPECT_EQ(2, fault.getCalls());
     }
     EXPECT_EQ(1U, recorder.getCount());
@@ -231,7 +231,7 @@ TEST(DnsSdThread, failedJoinIsAWarning) {
     EventRecorder const recorder;
     {
         Fault const fault(inject_pthread_join, EINVAL);
-        { Lookup const lookup; }
+        { Lookup const lookup = make<Lookup>(); }
     }
     std::string const warning = recorder.getText();
     EXPECT_EQ(

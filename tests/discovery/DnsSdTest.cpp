@@ -112,7 +112,7 @@ protected:
         return m_client.get(result) ? -1 : getNumber(result);
     }
 
-    Client m_client;
+    Client m_client = make<Client>();
 };
 
 class KindNames {
@@ -132,7 +132,7 @@ TYPED_TEST_SUITE(DnsSdQueue, Kinds, KindNames);
 /// Returns a result that is not in the queue, with the number 77.
 template <typename Client>
 typename Client::Result makeResult() {
-    Client client;
+    Client client = make<Client>();
     add(client, 77);
     typename Client::Result result;
     EXPECT_FALSE(client.get(result));
@@ -352,7 +352,7 @@ TYPED_TEST(DnsSdQueue, deliversEachRecordToOneReader) {
 TYPED_TEST(DnsSdQueue, clientWithUnreadRecordsIsDestroyedSilently) {
     EventRecorder const recorder;
     {
-        TypeParam client;
+        TypeParam client = make<TypeParam>();
         for (int i = 0; i < 100; ++i) {
             add(client, i);
         }
@@ -363,7 +363,7 @@ TYPED_TEST(DnsSdQueue, clientWithUnreadRecordsIsDestroyedSilently) {
 
 TYPED_TEST(DnsSdQueue, destroyedClientKeepsPendingReports) {
     std::ErrorOutput("here", 1, true)(std::CommonErrorId::CONTRACT_BROKEN, "mine");
-    { TypeParam const client; }
+    { TypeParam const client = make<TypeParam>(); }
     EXPECT_TRUE(std::ErrorStorage::isError(true));
     EXPECT_EQ(1, std::ErrorStorage::id());
     std::ErrorStorage::ack();
@@ -372,7 +372,7 @@ TYPED_TEST(DnsSdQueue, destroyedClientKeepsPendingReports) {
 std::string const PRINTER = "Pr\303\274fer";
 
 TEST(SyncBrowser, recordsAppearedAndDisappearedServices) {
-    Browser browser;
+    Browser browser = make<Browser>();
     browser.service_appeared(text(PRINTER), "_ipp._tcp", "local");
     browser.service_appeared(text("second"), "_http._tcp", "example");
     browser.service_disappeared(text(PRINTER), "_ipp._tcp", "local");
@@ -400,7 +400,7 @@ void expectPrinter(Resolver::Result const& result) {
 }
 
 TEST(SyncResolver, recordsEveryFieldAndItsOwnCopyOfTheTxtRecord) {
-    Resolver resolver;
+    Resolver resolver = make<Resolver>();
     {
         Txt txt;
         txt["path"] = "/status";
@@ -426,7 +426,7 @@ TEST(SyncResolver, resultIsMadeFromItsFieldsAndCopied) {
 }
 
 TEST(SyncLookup, recordsNameAndAddress) {
-    Lookup lookup;
+    Lookup lookup = make<Lookup>();
     lookup.address("printer.local", "192.0.2.1");
     lookup.address("printer.local", "2001:db8::1");
     lookup.address("", "");
@@ -446,7 +446,7 @@ using AllKinds = testing::Types<Browser, Resolver, Lookup, Service>;
 TYPED_TEST_SUITE(DnsSdError, AllKinds, KindNames);
 
 TYPED_TEST(DnsSdError, tripsAnAssertion) {
-    TypeParam client;
+    TypeParam client = make<TypeParam>();
     EventRecorder const recorder;
     client.error();
     EXPECT_EQ("ASSERT framework/src/vesk/DnsSd error: !\"Implement me!\"", recorder.getText());

@@ -436,7 +436,7 @@ TEST_P(MemMappingDestroy, failureLeavesTheMappingUsable) {
     EXPECT_EQ(address, mapping.getAddress());
     EXPECT_EQ("r--s", accessAt(address));
     EXPECT_FALSE(mapping.destroy()) << "it can be tried again";
-    EXPECT_EQ("", accessAt(address));
+    EXPECT_NE("r--s", accessAt(address));
 }
 
 INSTANTIATE_TEST_SUITE_P(errors, MemMappingDestroy, testing::Values(EINVAL, ENOMEM, EINTR), RowName());

@@ -141,7 +141,7 @@ TEST_F(SharedMemoryBaseTest, removedMappingIsUnmapped) {
     MemMapping const first = add(m_shm);
     MemMapping const second = add(m_shm, m_page);
     EXPECT_FALSE(m_shm.removeMapping(first));
-    EXPECT_EQ("", accessAt(first.getAddress()));
+    EXPECT_NE("rw-s", accessAt(first.getAddress()));
     EXPECT_EQ("rw-s", accessAt(second.getAddress()));
     EXPECT_EQ(1U, m_shm.getMappingCount());
     EXPECT_TRUE(m_shm.has(second));
