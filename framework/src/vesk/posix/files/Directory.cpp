@@ -9,6 +9,7 @@
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
 #include <vesk/common/KeptErrorChain.h>
+#include <vesk/common/UniqueFd.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
@@ -16,6 +17,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace vesk {
 
@@ -77,6 +79,22 @@ int closeStream(DIR* dir) noexcept {
     }
     CancellationOff const cancellation_off;
     return closedir(dir);
+}
+
+/// Gives a descriptor to a directory. Closes the descriptor if there is no stream on it, because it is not that
+/// of a directory; otherwise the directory owns it, or has closed it after a failure of the first read.
+Directory takeOver(UniqueFd fd, char const* function) {
+    DirectoryHandle handle;
+    handle.fd = fd.get();
+    Directory directory(&handle);
+    if (directory.isValid() || directory.atEnd()) {
+        fd.release();
+        return directory;
+    }
+    SavedErrorChain const saved;
+    closeOrWarn([&fd] { return fd.close(); }, function, "error closing dir-fd");
+    saved.restore();
+    return directory;
 }
 
 /// Clears close-on-exec, which `fdopendir` sets. Required by callers: a descriptor that is opened here stays
@@ -203,20 +221,15 @@ Directory Directory::curDir(bool follow, bool) const {
             "curDir() called on directory with atEnd() == true");
         return Directory();
     }
-    DirectoryHandle handle;
-    handle.fd = openat(m_handle.fd, m_handle.entry->d_name, follow ? 0 : O_NOFOLLOW);
-    if (handle.fd == -1) {
+    UniqueFd fd(openat(m_handle.fd, m_handle.entry->d_name, follow ? 0 : O_NOFOLLOW));
+    if (!fd.isOpen()) {
         classify(SOURCE, CUR_DIR_ERRORS, errno);
         return Directory();
     }
-    Directory directory(&handle);
+    int const number = fd.get();
+    Directory directory = takeOver(std::move(fd), "curDir");
     if (directory.m_valid) {
-        keepAcrossExec(handle.fd);
-    } else if (!directory.m_at_end) {
-        // There is no stream, so the directory did not take the descriptor: the entry is not a directory.
-        SavedErrorChain const saved;
-        closeOrWarn([&handle] { return close(handle.fd); }, "curDir", "error closing dir-fd");
-        saved.restore();
+        keepAcrossExec(number);
     }
     return directory;
 }
@@ -245,22 +258,18 @@ int Directory::destroy() {
 }
 
 Directory detail::openPrivateDirectory(char const* path) {
-    DirectoryHandle handle;
-    handle.fd = open(path, O_RDONLY | O_CLOEXEC);
-    int const error = errno;
-    Directory directory(&handle);
-    if (handle.fd == -1) {
+    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd.isOpen()) {
+        int const error = errno;
+        DirectoryHandle const none;
+        Directory directory(&none);
         // The constructor has reported the missing descriptor. Reports the reason of the open instead.
         std::ErrorStorage::ack();
         errno = error;
         classify(SOURCE, OPEN_ERRORS, error, path);
-    } else if (!directory.isValid() && !directory.atEnd()) {
-        // There is no stream, so the directory did not take the descriptor.
-        SavedErrorChain const saved;
-        closeOrWarn([&handle] { return close(handle.fd); }, "openPrivateDirectory", "error closing dir-fd");
-        saved.restore();
+        return directory;
     }
-    return directory;
+    return takeOver(std::move(fd), "openPrivateDirectory");
 }
 
 } // namespace vesk
