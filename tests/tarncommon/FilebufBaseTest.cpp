@@ -113,7 +113,7 @@ protected:
             return 1;
         }
         position = static_cast<size_t>(base + offset);
-        result = std::streampos(static_cast<std::streamoff>(position));
+        result = std::streampos(base + offset);
         return 0;
     }
 

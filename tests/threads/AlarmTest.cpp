@@ -339,10 +339,10 @@ TEST(AlarmEngine, olderFormTakesAPriorityAndInheritsWithAPriorityOfZero) {
 TEST(DefaultTimer, existsAsLongAsAnAlarmRefersToIt) {
     int const threads = countThreads();
     {
-        TestAlarm alarm(EnginePtr(Alarm::DEFAULT_TIMER));
+        TestAlarm alarm{EnginePtr(Alarm::DEFAULT_TIMER)};
         EXPECT_TRUE(hasThreads(threads + 1));
         {
-            TestAlarm const second(EnginePtr(Alarm::DEFAULT_TIMER));
+            TestAlarm const second{EnginePtr(Alarm::DEFAULT_TIMER)};
             EXPECT_TRUE(hasThreads(threads + 1));
         }
         EXPECT_TRUE(hasThreads(threads + 1));
