@@ -17,13 +17,13 @@ bool classifyRemoval(Place place, int result, char const* name) noexcept;
 
 /// Removes the name of a server's object from the system, and empties it. An empty name means that there is
 /// nothing to remove. Returns true on failure, with the name unchanged.
-/// @param remove  removes a name, and returns true on failure
-template <typename Remove>
-bool deleteOwnName(char* name, Remove remove) {
+/// @tparam REMOVE  removes a name, and returns true on failure
+template <bool (*REMOVE)(char const*)>
+bool deleteOwnName(char* name) {
     if (*name == '\0') {
         return false;
     }
-    if (remove(name)) {
+    if (REMOVE(name)) {
         return true;
     }
     *name = '\0';
@@ -31,10 +31,10 @@ bool deleteOwnName(char* name, Remove remove) {
 }
 
 /// Removes the object that a client calls `client_name`. Returns true on failure.
-template <typename Remove>
-bool deleteNameOfClient(char const* client_name, Remove remove) {
+template <bool (*REMOVE)(char const*)>
+bool deleteNameOfClient(char const* client_name) {
     char name[IPC_NAME_SIZE];
-    return transformToIPCIdentifier(client_name, name, sizeof name) || remove(name);
+    return transformToIPCIdentifier(client_name, name, sizeof name) || REMOVE(name);
 }
 
 } // namespace vesk::detail

@@ -96,11 +96,11 @@ bool MsgQueueServer::close() {
 }
 
 bool MsgQueueServer::deleteName() {
-    return deleteOwnName(name, removeName);
+    return deleteOwnName<removeName>(name);
 }
 
 bool MsgQueueServer::deleteName(char const* client_name) {
-    return deleteNameOfClient(client_name, removeName);
+    return deleteNameOfClient<removeName>(client_name);
 }
 
 } // namespace vesk

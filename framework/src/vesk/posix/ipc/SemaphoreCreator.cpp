@@ -96,11 +96,11 @@ bool SemaphoreCreator::close() {
 }
 
 bool SemaphoreCreator::deleteName() {
-    return isValid() && deleteOwnName(name, removeName);
+    return isValid() && deleteOwnName<removeName>(name);
 }
 
 bool SemaphoreCreator::deleteName(char const* client_name) {
-    return deleteNameOfClient(client_name, removeName);
+    return deleteNameOfClient<removeName>(client_name);
 }
 
 } // namespace vesk

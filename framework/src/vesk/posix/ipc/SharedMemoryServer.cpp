@@ -125,11 +125,11 @@ bool SharedMemoryServer::setSize(unsigned int size) {
 }
 
 bool SharedMemoryServer::deleteName() {
-    return deleteOwnName(name, removeName);
+    return deleteOwnName<removeName>(name);
 }
 
 bool SharedMemoryServer::deleteName(char const* client_name) {
-    return deleteNameOfClient(client_name, removeName);
+    return deleteNameOfClient<removeName>(client_name);
 }
 
 } // namespace vesk
