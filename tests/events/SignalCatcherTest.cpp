@@ -381,7 +381,7 @@ TEST_P(SignalCatcherRefusalTest, isNotReportedAndTheDestructorSignsOff) {
         Fault const calls(inject_sigaction, 0);
         auto catcher = make(GetParam().signal);
         EXPECT_FALSE(std::ErrorStorage::isError(true));
-        EXPECT_EQ(g_threads_at_start + 1, countThreads());
+        EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
         catcher.reset();
         EXPECT_EQ(1, calls.getCalls()) << "the old action is not restored, as it was not replaced";
     }
@@ -627,11 +627,11 @@ TEST_F(SignalCatcherTest, destructorDropsPendingSignals) {
 TEST_F(SignalCatcherTest, twoWithoutAQueueUseOneThreadAndTheDestructionOfOneLeavesTheOtherWorking) {
     auto first = make(SIGUSR1);
     auto const second = make(SIGUSR2);
-    EXPECT_EQ(g_threads_at_start + 1, countThreads());
+    EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
     raiseAndWait(SIGUSR1);
     raiseAndWait(SIGUSR2);
     first.reset();
-    EXPECT_EQ(g_threads_at_start + 1, countThreads());
+    EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
     EXPECT_EQ(SIG_DFL, getAction(SIGUSR1).sa_handler);
     raiseAndWait(SIGUSR2);
     std::vector<CallLog::Call> const calls = log.getCalls();
@@ -647,7 +647,7 @@ TEST_F(SignalCatcherTest, afterTheLastOneANewOneMakesANewThreadAndANewPipe) {
             auto const catcher = make(SIGUSR1);
             auto const other = make(SIGUSR2);
             EXPECT_EQ(pipes + static_cast<int>(i), s_pipes);
-            EXPECT_EQ(g_threads_at_start + 1, countThreads());
+            EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
             raiseAndWait(SIGUSR1);
         }
         EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
@@ -671,13 +671,13 @@ TEST_F(SignalCatcherTest, withAQueueItStartsNoThreadAndCallsBackInTheThreadOfIts
         dispatcher.stop();
     }};
     SignalCatcher const catcher(SIGUSR1, own_queue, Callback::run, &callback);
-    EXPECT_EQ(g_threads_at_start, countThreads());
+    EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
     raise(SIGUSR1);
     EXPECT_EQ(0u, log.getCount());
     dispatcher.run();
     EXPECT_EQ(1u, log.getCount());
     EXPECT_EQ(getThreadId(), log.getCalls()[0].thread);
-    EXPECT_EQ(g_threads_at_start, countThreads());
+    EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
 }
 
 TEST_F(SignalCatcherTest, bothFormsWorkSideBySide) {

@@ -71,7 +71,7 @@ protected:
 TEST_F(SignalDispatcherTest, startsItsThreadInTheConstructorAndEndsItInTheDestructor) {
     {
         SignalDispatcher dispatcher;
-        EXPECT_EQ(g_threads_at_start + 1, countThreads());
+        EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
         ThreadState const state = getThreadState(dispatcher);
         EXPECT_NE(getThreadId(), state.id);
         EXPECT_STREQ("ignalDispatcher", state.name);
@@ -151,10 +151,10 @@ TEST_F(SignalDispatcherTest, ofTheProcessExistsAsLongAsThereAreReferences) {
         {
             auto first = std::make_unique<Reference>(SignalDispatcher::DEFAULT);
             Reference const second(*first);
-            EXPECT_EQ(g_threads_at_start + 1, countThreads());
+            EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
             EXPECT_EQ(first->get(), second.get());
             first.reset();
-            EXPECT_EQ(g_threads_at_start + 1, countThreads());
+            EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
             EXPECT_NE(0, getThreadState(*second).id);
         }
         EXPECT_TRUE(haveThreadsGone());
