@@ -91,21 +91,18 @@ testing::AssertionResult isEmpty(IPAddress const& address) {
 
 // ---- values ----
 
-TEST(IPAddress, keepsHostAndPortUnchangedAndIsEmptyByDefault) {
+TEST(IPAddress, keepsHostAndPortUnchangedInCopiesAndIsEmptyByDefault) {
     EXPECT_TRUE(isEmpty(IPAddress()));
     IPAddress const address(" No host\xff ", 65535);
     EXPECT_EQ(" No host\xff ", address.host);
     EXPECT_EQ(65535, address.port);
-}
-
-TEST(IPAddress, isCopied) {
-    IPAddress const address("127.0.0.1", 80);
-    IPAddress copy(address);
+    IPAddress const original("127.0.0.1", 80);
+    IPAddress copy(original);
     copy.host += "0";
     copy.port = 81;
-    EXPECT_EQ("127.0.0.1", address.host);
-    EXPECT_EQ(80, address.port);
-    copy = address;
+    EXPECT_EQ("127.0.0.1", original.host);
+    EXPECT_EQ(80, original.port);
+    copy = original;
     EXPECT_EQ("127.0.0.1", copy.host);
     EXPECT_EQ(80, copy.port);
 }
@@ -171,12 +168,9 @@ constexpr std::pair<char const*, unsigned short> TEXTS[] = {
 };
 INSTANTIATE_TEST_SUITE_P(All, IPAddressTexts, testing::ValuesIn(TEXTS));
 
-TEST(IPAddress, textOfABinaryAddressIsFormattedInto16Bytes) {
+TEST(IPAddress, textOfABinaryAddressIsFormattedInto16BytesOrRequestedInNumericForm) {
     EXPECT_EQ("255.255.255.255", IPAddress(IPAddress::makeHandle(0xFFFFFFFF, 1)).host);
     EXPECT_EQ(16U, s_text_room);
-}
-
-TEST(IPAddress, textOfABinaryAddressOfIPv6IsRequestedInNumericForm) {
     ResolverCalls const calls;
     EXPECT_EQ("fd00::1", IPAddress(IPAddress::makeHandle(addressOf("fd00::1"), 80, 0)).host);
     ASSERT_EQ(1U, calls.getNamings().size());
@@ -188,7 +182,7 @@ TEST(IPAddress, textOfABinaryAddressOfIPv6IsRequestedInNumericForm) {
     EXPECT_EQ(NI_NUMERICHOST, call.flags);
 }
 
-TEST(IPAddress, binaryAddressOfAnotherFamilyMakesAnEmptyAddress) {
+TEST(IPAddress, binaryAddressOfAnotherFamilyOrWithoutATextMakesAnEmptyAddress) {
     // AF_INET6 is another family only for the shorter structure.
     for (int const family : {AF_UNSPEC, AF_UNIX, AF_INET6, 4711}) {
         sockaddr_in binary = IPAddress::makeHandle(0x7F000001, 80);
@@ -200,9 +194,6 @@ TEST(IPAddress, binaryAddressOfAnotherFamilyMakesAnEmptyAddress) {
         binary.sin6_family = static_cast<sa_family_t>(family);
         EXPECT_TRUE(isEmpty(IPAddress(binary))) << family;
     }
-}
-
-TEST(IPAddress, binaryAddressWithoutATextMakesAnEmptyAddress) {
     for (int const error : {ENOSPC, EAFNOSUPPORT}) {
         Fault const fault(inject_inet_ntop, error);
         EXPECT_TRUE(isEmpty(IPAddress(IPAddress::makeHandle(0x7F000001, 80))));
@@ -218,25 +209,18 @@ TEST(IPAddress, binaryAddressWithoutATextMakesAnEmptyAddress) {
 
 // ---- the scope of an address of IPv6 ----
 
-TEST(IPAddress, scopeOfALinkLocalAddressIsInTheText) {
+TEST(IPAddress, scopeIsInTheTextByTheNameOfItsInterfaceAndDoesNotResolveIfThatIsUnknown) {
     unsigned int const lo = if_nametoindex("lo");
     ASSERT_NE(0U, lo);
     in6_addr const ip_address = addressOf("fe80::1");
     EXPECT_EQ("fe80::1%lo", IPAddress(IPAddress::makeHandle(ip_address, 80, lo)).host);
     EXPECT_EQ("fe80::1", IPAddress(IPAddress::makeHandle(ip_address, 80, 0)).host);
     EXPECT_EQ("fe80::1%47110815", IPAddress(IPAddress::makeHandle(ip_address, 80, 47110815)).host);
-}
-
-TEST(IPAddress, scopeInATextIsKeptAndItsNumberBecomesTheNameOfTheInterface) {
-    unsigned int const lo = if_nametoindex("lo");
     for (std::string const& scope : {std::string("lo"), std::to_string(lo)}) {
         IPAddress address("fe80::1%" + scope, 80);
         EXPECT_EQ(std::pair(false, bytesOf("fe80::1", 80, lo)), toBinary(address, IPSocket::IPV6));
         EXPECT_EQ("fe80::1%lo", address.host);
     }
-}
-
-TEST(IPAddress, scopeOfAnUnknownInterfaceDoesNotResolve) {
     ResolverCalls const calls;
     IPAddress address("fe80::1%nonesuch", 80);
     EXPECT_TRUE(toBinary(address, IPSocket::IPV6).first);
@@ -431,8 +415,37 @@ INSTANTIATE_TEST_SUITE_P(
             {"fd00::9", "fd00::9"}, "fd00::9", nullptr)),
     testing::PrintToStringParamName());
 
-TEST(IPAddress, addressOfTheOtherVersionDoesNotResolve) {
+TEST(IPAddress, garbageOrAnAddressOfTheOtherVersionDoesNotResolve) {
     ResolverCalls const calls;
+    for (std::string const& host : std::initializer_list<std::string>{
+             "127.0.0.1 x",
+             "127.0.0.1:80",
+             "256.0.0.1",
+             "1.2.3.4.5",
+             "::1::",
+             "[::1]",
+             " ",
+             "-",
+             "%",
+             "\x01\x02\n",
+             "../..",
+             "%s%n%s",
+             "host/8",
+             "@",
+             std::string(300, '1'),
+             std::string(5000, 'x'),
+             "fe80::1%",
+             "\t::1",
+             "0x",
+             ":",
+             "."}) {
+        for (auto const version : {V4, V6}) {
+            IPAddress address(host, 80);
+            EXPECT_TRUE(toBinary(address, version).first) << host;
+            EXPECT_TRUE(chainIs(UNRESOLVED)) << host;
+            EXPECT_EQ(host, address.host);
+        }
+    }
     for (auto const& [host, version] : {std::pair("::1", V4), std::pair("127.0.0.1", V6)}) {
         IPAddress address(host, 80);
         EXPECT_TRUE(toBinary(address, version).first);
@@ -441,57 +454,20 @@ TEST(IPAddress, addressOfTheOtherVersionDoesNotResolve) {
     }
 }
 
-TEST(IPAddress, garbageDoesNotResolve) {
-    ResolverCalls const calls;
-    for (std::string const& host :
-         {std::string("127.0.0.1 x"),
-          std::string("127.0.0.1:80"),
-          std::string("256.0.0.1"),
-          std::string("1.2.3.4.5"),
-          std::string("::1::"),
-          std::string("[::1]"),
-          std::string(" "),
-          std::string("-"),
-          std::string("%"),
-          std::string("\x01\x02\n"),
-          std::string("../.."),
-          std::string("%s%n%s"),
-          std::string("host/8"),
-          std::string("@"),
-          std::string(300, '1'),
-          std::string(5000, 'x'),
-          std::string("fe80::1%"),
-          std::string("\t::1"),
-          std::string("0x"),
-          std::string(":"),
-          std::string(".")}) {
-        for (auto const version : {V4, V6}) {
-            IPAddress address(host, 80);
-            EXPECT_TRUE(toBinary(address, version).first) << host;
-            EXPECT_TRUE(chainIs(UNRESOLVED)) << host;
-            EXPECT_EQ(host, address.host);
-        }
-    }
-}
-
-TEST(IPAddress, hostEndsAtItsFirstNul) {
+TEST(IPAddress, hostEndsAtItsFirstNulAndAFailureLeavesAZeroAddressWithTheFamilyAndPort) {
     ResolverCalls const calls;
     IPAddress address(std::string("127.0.0.1\0garbage", 17), 80);
     EXPECT_FALSE(toBinary(address, V4).first);
     EXPECT_EQ("127.0.0.1", address.host);
-}
-
-TEST(IPAddress, failureLeavesAZeroAddressWithTheFamilyAndPort) {
-    ResolverCalls const calls;
-    IPAddress address("none.example", 0x0102);
-    EXPECT_EQ(std::pair(true, bytesOf("0.0.0.0", 0x0102)), toBinary(address, V4));
-    EXPECT_EQ(std::pair(true, bytesOf("::", 0x0102)), toBinary(address, V6));
+    IPAddress none("none.example", 0x0102);
+    EXPECT_EQ(std::pair(true, bytesOf("0.0.0.0", 0x0102)), toBinary(none, V4));
+    EXPECT_EQ(std::pair(true, bytesOf("::", 0x0102)), toBinary(none, V6));
     std::ErrorStorage::ack();
 }
 
 // ---- binary addresses and their parts ----
 
-TEST(IPAddress, handleOfIPv4IsInNetworkByteOrder) {
+TEST(IPAddress, handleOfIPv4IsInNetworkByteOrderWithTheLow16BitsOfAPort) {
     sockaddr_in const handle = IPAddress::makeHandle(0x01020304, 0x0506);
     EXPECT_EQ(AF_INET, handle.sin_family);
     EXPECT_EQ((Bytes{1, 2, 3, 4}), bytesOf(handle.sin_addr));
@@ -502,6 +478,12 @@ TEST(IPAddress, handleOfIPv4IsInNetworkByteOrder) {
     IPAddress::getBinary(handle, ip_address, port);
     EXPECT_EQ(0x01020304U, ip_address);
     EXPECT_EQ(0x0506U, port);
+    IPAddress::getBinary(IPAddress::makeHandle(1, 0x12345), ip_address, port);
+    EXPECT_EQ(0x2345U, port);
+    in6_addr ip6{};
+    unsigned int scope = 0;
+    IPAddress::getBinary(IPAddress::makeHandle(in6addr_any, 0xFFFF0001, 0), ip6, port, scope);
+    EXPECT_EQ(1U, port);
 }
 
 TEST(IPAddress, handleOfIPv6IsInNetworkByteOrderExceptForTheScope) {
@@ -539,16 +521,5 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         std::pair(0U, 0U), std::pair(0xFFFFFFFFU, 65535U), std::pair(0x01020304U, 0x0102U),
         std::pair(0x04030201U, 0x0201U), std::pair(0x7F000001U, 1U), std::pair(0x80000000U, 0x8000U)));
-
-TEST(IPAddress, handleTakesTheLow16BitsOfAPort) {
-    unsigned int ip_address = 0;
-    unsigned int port = 0;
-    IPAddress::getBinary(IPAddress::makeHandle(1, 0x12345), ip_address, port);
-    EXPECT_EQ(0x2345U, port);
-    in6_addr ip6{};
-    unsigned int scope = 0;
-    IPAddress::getBinary(IPAddress::makeHandle(in6addr_any, 0xFFFF0001, 0), ip6, port, scope);
-    EXPECT_EQ(1U, port);
-}
 
 } // namespace

@@ -1,14 +1,9 @@
+#include "SocketRows.h"
 #include "TestSocket.h"
-#include "support/Chain.h"
 #include "support/Child.h"
-#include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Privileges.h"
 #include "threads/ThreadSupport.h"
-
-#include <vesk/SysError.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -69,7 +64,6 @@ namespace {
 
 using namespace support;
 using vesk::Socket;
-namespace SysErrorId = vesk::SysErrorId;
 using Sockets = std::set<Socket const*>;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
@@ -121,11 +115,17 @@ TEST(SelectSockets, leavesInEachSetWhatIsReady) {
     Connection const talking("x");
     Connection const full;
     full.fill();
-    Sockets const all = {&silent.socket, &talking.socket, &full.socket};
+    Connection ended;
+    ended.ends.closePeer();
+    Connection inactive;
+    inactive.socket.set(inactive.getFd(), Socket::INACTIVE);
+    Sockets const all = {&silent.socket, &talking.socket, &full.socket, &inactive.socket};
     Sets sets{all, all, all};
-    EXPECT_EQ(3, sets.select());
-    EXPECT_EQ((Sets{{&talking.socket}, {&silent.socket, &talking.socket}, {}}), sets);
-    EXPECT_TRUE(chainIs({}));
+    sets.read.insert(&ended.socket);
+    EXPECT_EQ(5, sets.select());
+    EXPECT_EQ(
+        (Sets{{&talking.socket, &ended.socket}, {&silent.socket, &talking.socket, &inactive.socket}, {}}),
+        sets);
 }
 
 TEST(SelectSockets, passesTheMarksOfEachSetToTheSystem) {
@@ -156,14 +156,6 @@ TEST(SelectSockets, countsMarksAndNotSockets) {
     same.forget();
 }
 
-TEST(SelectSockets, endOfThePeerIsReadyToRead) {
-    Connection connection;
-    connection.ends.closePeer();
-    Sets sets{{&connection.socket}};
-    EXPECT_EQ(1, sets.select());
-    EXPECT_EQ(1U, sets.read.size());
-}
-
 TEST(SelectSockets, outOfBandDataIsAnException) {
     Connection const with(makeTcpEnds());
     Connection const without(makeTcpEnds());
@@ -174,30 +166,16 @@ TEST(SelectSockets, outOfBandDataIsAnException) {
     EXPECT_EQ((Sets{{}, {}, {&with.socket}}), sets);
 }
 
-TEST(SelectSockets, needsADescriptorButNoOpenSocket) {
-    Connection connection;
-    connection.socket.set(connection.getFd(), Socket::INACTIVE);
-    Sets sets{{}, {&connection.socket}};
-    EXPECT_EQ(1, sets.select());
-    EXPECT_EQ(1U, sets.write.size());
-}
-
-TEST(SelectSockets, emptiesAllSetsAfterTheTime) {
+TEST(SelectSockets, emptiesAllSetsAfterTheTimeAlsoWithoutSockets) {
     Connection const one;
     Connection const two;
     two.fill();
     Sets sets{{&one.socket, &two.socket}, {&two.socket}, {&one.socket}};
     auto const start = Clock::now();
     EXPECT_EQ(0, sets.select(50));
-    EXPECT_LE(milliseconds(50), Clock::now() - start);
     EXPECT_EQ(EMPTY, sets);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(SelectSockets, withoutSocketsWaitsForTheTime) {
-    auto const start = Clock::now();
     EXPECT_EQ(0, Sets().select(50));
-    EXPECT_LE(milliseconds(50), Clock::now() - start);
+    EXPECT_LE(milliseconds(100), Clock::now() - start);
     ASSERT_EQ(1U, s_calls.size());
     EXPECT_EQ(0, s_calls[0].count);
 }
@@ -276,7 +254,6 @@ TEST(SelectSockets, repeatsTheCallWithTheSameMarksAndTimeWhileSignalsInterruptIt
             }
         }
         EXPECT_EQ((Sets{one, one, {}}), sets);
-        EXPECT_TRUE(chainIs({}));
     }
 }
 
@@ -341,32 +318,20 @@ TEST(SelectSockets, signalsDoNotProlongTheTime) {
     }
 }
 
-struct Row {
-    SysErrorId::Id id;
-    int error;
-};
-
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << strerrorname_np(row.error);
+std::vector<ErrnoRow> selectRows() {
+    return errnoRows({
+        {{ENOMEM}, {SysErrorId::OUT_OF_MEMORY}},
+        {{EINVAL, EBADF}, {SysErrorId::SPOILED_INTEGRITY}},
+        {{EFAULT, EAGAIN, EPERM}, {SysErrorId::UNCLASSIFIED}},
+    });
 }
-
-class SelectSocketsRow : public testing::TestWithParam<Row> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, SelectSocketsRow,
-    testing::Values(
-        Row{SysErrorId::OUT_OF_MEMORY, ENOMEM}, Row{SysErrorId::SPOILED_INTEGRITY, EINVAL},
-        Row{SysErrorId::SPOILED_INTEGRITY, EBADF}, Row{SysErrorId::UNCLASSIFIED, EFAULT},
-        Row{SysErrorId::UNCLASSIFIED, EAGAIN}, Row{SysErrorId::UNCLASSIFIED, EPERM}),
-    [](auto const& row) { return std::string(strerrorname_np(row.param.error)); });
-
-TEST_P(SelectSocketsRow, isReportedAndEmptiesAllSets) {
+VESK_TEST_ROWS(SelectSocketsRow, isReportedAndEmptiesAllSets, selectRows()) {
     Connection const connection("x");
     Sets sets{{&connection.socket}, {&connection.socket}, {&connection.socket}};
     Fault const fault(inject_select, GetParam().error);
     EXPECT_EQ(-1, sets.select());
     EXPECT_EQ(1, fault.getCalls());
-    EXPECT_TRUE(causeIs(GetParam().id, GetParam().error));
+    EXPECT_TRUE(chainIs(GetParam().reports));
     EXPECT_EQ(EMPTY, sets);
     EXPECT_FALSE(connection.socket.hadError());
 }
@@ -408,15 +373,12 @@ protected:
 INSTANTIATE_TEST_SUITE_P(
     sets, SelectSocketsSet, testing::Values(&Sets::read, &Sets::write, &Sets::except), bySet);
 
-TEST_P(SelectSocketsSet, withASocketWithoutADescriptorFailsAndKeepsAllSets) {
+TEST_P(SelectSocketsSet, withASocketWithoutADescriptorOrANullPointerFailsAndKeepsAllSets) {
     TestSocket without;
     expectRefused(&without);
     EXPECT_FALSE(without.hadError());
     without.forget();
     expectRefused(&without);
-}
-
-TEST_P(SelectSocketsSet, withANullPointerFailsAndKeepsAllSets) {
     expectRefused(nullptr);
 }
 
@@ -434,6 +396,7 @@ bool copyTo(int number, int fd) {
 
 TEST_P(SelectSocketsSet, withADescriptorBeyondThoseOfSelectEndsTheProcess) {
     ChildEnd const end = runInChild([] {
+        std::GlobalErrorHandler::setHook(nullptr);
         Connection const connection;
         ASSERT_TRUE(copyTo(FD_SETSIZE, connection.getFd())) << strerror(errno);
         TestSocket beyond(FD_SETSIZE);

@@ -79,7 +79,7 @@ struct Loopback {
 
 // ---- setNonBlocking ----
 
-TEST(SetNonBlocking, keepsTheAccessModeAndDropsEveryOtherFlag) {
+TEST(SetNonBlocking, keepsTheAccessModeAndDropsEveryOtherFlagWithOneReadAndOneWrite) {
     Ends ends = makeEnds();
     int const fd = ends.getPeer();
     ASSERT_EQ(0, ::fcntl(fd, F_SETFL, O_APPEND | O_ASYNC));
@@ -88,21 +88,18 @@ TEST(SetNonBlocking, keepsTheAccessModeAndDropsEveryOtherFlag) {
     int const flags = ::fcntl(fd, F_GETFL);
     EXPECT_EQ(O_NONBLOCK, flags & (O_APPEND | O_ASYNC | O_NONBLOCK));
     EXPECT_EQ(O_RDWR, flags & O_ACCMODE);
-}
-
-TEST(SetNonBlocking, readsTheFlagsAndWritesThemOnce) {
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
+    int pipe_ends[2];
+    ASSERT_EQ(0, pipe(pipe_ends));
     for (int const end : {0, 1}) {
         std::vector<std::pair<int, intptr_t>> commands;
         s_commands = &commands;
-        EXPECT_FALSE(setNonBlocking(ends[end]));
+        EXPECT_FALSE(setNonBlocking(pipe_ends[end]));
         s_commands = nullptr;
         ASSERT_EQ(2U, commands.size());
         EXPECT_EQ(F_GETFL, commands[0].first);
         EXPECT_EQ(F_SETFL, commands[1].first);
         EXPECT_EQ((end == 0 ? O_RDONLY : O_WRONLY) | O_NONBLOCK, commands[1].second);
-        ::close(ends[end]);
+        ::close(pipe_ends[end]);
     }
 }
 
@@ -232,7 +229,7 @@ VESK_TEST_ROWS(ConnectSocket, returnsItsResultAfterOneCall, connectRows()) {
     EXPECT_TRUE(chainIs(GetParam().reports));
 }
 
-TEST(ConnectSocket, isRepeatedWhileASignalInterruptsIt) {
+TEST(ConnectSocket, isRepeatedWhileASignalInterruptsItAndRefusedByAPortWithoutAListener) {
     Fresh const listener;
     ASSERT_EQ(0, ::bind(listener.get(), Loopback().get(), Loopback::LENGTH));
     ASSERT_EQ(0, ::listen(listener.get(), 1));
@@ -242,42 +239,27 @@ TEST(ConnectSocket, isRepeatedWhileASignalInterruptsIt) {
     Fault const fault(inject_connect, EINTR, 1, 3);
     EXPECT_EQ(0, connectSocket(fresh.get(), address.get(), Loopback::LENGTH));
     EXPECT_EQ(4, fault.getCalls());
-    EXPECT_TRUE(chainIs({}));
     EXPECT_EQ(-1, connectSocket(fresh.get(), address.get(), Loopback::LENGTH));
     EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EISCONN));
-}
-
-TEST(ConnectSocket, toAPortWithoutAListenerIsRefused) {
-    Loopback address;
+    Loopback closed_port;
     Fresh const gone;
-    ASSERT_EQ(0, ::bind(gone.get(), address.get(), Loopback::LENGTH));
-    address.take(gone.get());
-    Fresh const fresh;
-    EXPECT_EQ(-1, connectSocket(fresh.get(), address.get(), Loopback::LENGTH))
+    ASSERT_EQ(0, ::bind(gone.get(), closed_port.get(), Loopback::LENGTH));
+    closed_port.take(gone.get());
+    Fresh const other;
+    EXPECT_EQ(-1, connectSocket(other.get(), closed_port.get(), Loopback::LENGTH))
         << "the socket does not listen";
     EXPECT_TRUE(causeIs(SocketErrorId::PEER_UNREACHABLE, ECONNREFUSED));
 }
 
 // ---- shutdownSocket ----
 
-class ShutdownSocket : public testing::TestWithParam<ErrnoRow> {};
-
-TEST_P(ShutdownSocket, failureIsReportedAfterOneCall) {
+VESK_TEST_ROWS(ShutdownSocket, failureIsReportedAfterOneCall, shutdownRows()) {
     Ends ends = makeEnds();
     Fault const fault(inject_shutdown, GetParam().error);
     EXPECT_TRUE(shutdownSocket(ends.getPeer()));
     EXPECT_EQ(1, fault.getCalls());
     EXPECT_TRUE(chainIs(GetParam().reports));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, ShutdownSocket,
-    testing::ValuesIn(errnoRows({
-        {{EBADF, EINVAL, ENOTSOCK, ENOTCONN}, {SysErrorId::SPOILED_INTEGRITY}},
-        {{ENOBUFS}, {SysErrorId::RESOURCES_EXHAUSTED}},
-        {{EINTR, EIO, EPERM}, {SysErrorId::UNCLASSIFIED}},
-    })),
-    errnoName);
 
 TEST(ShutdownSocket, endsBothDirectionsAndKeepsTheDescriptor) {
     Ends ends = makeTcpEnds();
@@ -289,7 +271,6 @@ TEST(ShutdownSocket, endsBothDirectionsAndKeepsTheDescriptor) {
     EXPECT_EQ(0, recv(mine, &byte, 1, 0));
     EXPECT_EQ(-1, send(mine, &byte, 1, MSG_NOSIGNAL));
     EXPECT_EQ(0, ::close(mine));
-    EXPECT_TRUE(chainIs({}));
 
     Fresh const fresh;
     EXPECT_TRUE(shutdownSocket(fresh.get()));

@@ -4,15 +4,19 @@
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/stream/IBinStreamBase.h>
-#include <vesk/Socket.h>
+#include <vesk/RawSocket.h>
 #include <vesk/SysError.h>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <ostream>
+#include <poll.h>
 #include <string>
+#include <sys/socket.h>
+#include <utility>
 #include <vector>
 
 /// Chains of reports that show one text, and tables of them.
@@ -45,6 +49,17 @@ inline testing::AssertionResult chainIs(int error, Reports const& reports) {
 
 /// An error number and the chain of reports that it makes.
 struct ErrnoRow {
+    ErrnoRow(int row_error, Reports row_reports) : error(row_error), reports(std::move(row_reports)) {}
+
+    /// Makes the row of a cause, with the text of the number, and of the reports on top of it.
+    template <typename Id, typename = decltype(familyOf(std::declval<Id>()))>
+    ErrnoRow(Id cause, int row_error, Reports const& on_top = {}) : error(row_error), reports{cause} {
+        reports.insert(reports.end(), on_top.begin(), on_top.end());
+        reports = withText(reports, systemText(error));
+    }
+
+    operator Reports const&() const { return reports; }
+
     int error;
     Reports reports;
 
@@ -96,7 +111,7 @@ inline std::vector<ErrnoRow> createRows() {
         {{EACCES}, {SysErrorId::PERMISSION_DENIED}},
         {{EINVAL, EPROTOTYPE, EPROTONOSUPPORT, EAFNOSUPPORT}, {SocketErrorId::CREATE_FAILED}},
         {{ENOMEM, ENOBUFS}, {SysErrorId::OUT_OF_MEMORY}},
-        {{EPERM, EINTR, EFAULT}, {SysErrorId::UNCLASSIFIED}},
+        {{EPERM, EINTR, EFAULT, EIO, EAGAIN}, {SysErrorId::UNCLASSIFIED}},
     });
 }
 
@@ -105,7 +120,7 @@ inline std::vector<ErrnoRow> setOptionRows() {
         {{EBADF, ENOTSOCK}, {SocketErrorId::INVALID_SOCKET}},
         {{EFAULT, EINVAL, EDOM, EISCONN}, {SysErrorId::INVALID_PATH}},
         {{ENOPROTOOPT}, {SocketErrorId::UNKNOWN_OPTION}},
-        {{ENODEV, EADDRNOTAVAIL, EADDRINUSE, ENOMEM, ENOBUFS, EACCES, EPERM, EINTR},
+        {{ENODEV, EADDRNOTAVAIL, EADDRINUSE, ENOMEM, ENOBUFS, EACCES, EPERM, EINTR, EIO},
          {SysErrorId::UNCLASSIFIED}},
     });
 }
@@ -130,7 +145,7 @@ inline std::vector<ErrnoRow> bindRows() {
         {{EADDRINUSE}, {SocketErrorId::ADDRESS_IN_USE}},
         {{EADDRNOTAVAIL}, {SocketErrorId::ADDRESS_INVALID}},
         {{ENOBUFS}, {SysErrorId::RESOURCES_EXHAUSTED}},
-        {{ENODEV, EPERM, EINTR, EAGAIN}, {SysErrorId::UNCLASSIFIED}},
+        {{ENODEV, EPERM, EINTR, EAGAIN, ENOSPC}, {SysErrorId::UNCLASSIFIED}},
     });
 }
 
@@ -152,6 +167,14 @@ inline std::vector<ErrnoRow> connectRows() {
     });
 }
 
+inline std::vector<ErrnoRow> shutdownRows() {
+    return errnoRows({
+        {{EBADF, EINVAL, ENOTSOCK, ENOTCONN}, {SysErrorId::SPOILED_INTEGRITY}},
+        {{ENOBUFS}, {SysErrorId::RESOURCES_EXHAUSTED}},
+        {{EINTR, EIO, EPERM, EPIPE}, {SysErrorId::UNCLASSIFIED}},
+    });
+}
+
 /// @param others  the reports for the numbers that are not listed
 inline std::vector<ErrnoRow>
 sendRows(Reports const& others = {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED}) {
@@ -167,6 +190,77 @@ sendRows(Reports const& others = {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLA
         {{ENOBUFS}, {SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED}},
         {{ECONNREFUSED, EINVAL, EFAULT, ENOMEM, EHOSTUNREACH, EISCONN, ETIMEDOUT, EAFNOSUPPORT}, others},
     });
+}
+
+// ---- descriptors and states ----
+
+inline bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+inline int getOption(int fd, int level, int option) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    EXPECT_EQ(0, getsockopt(fd, level, option, &value, &size));
+    return value;
+}
+
+/// Waits for `events` of `poll`, with a generous deadline.
+inline testing::AssertionResult awaitEvents(int fd, short events) {
+    pollfd look{fd, events, 0};
+    int result = -1;
+    do {
+        result = poll(&look, 1, 60000);
+    } while (result < 0 && errno == EINTR);
+    return result == 1 ? testing::AssertionSuccess()
+                       : testing::AssertionFailure() << "nothing happened on the descriptor";
+}
+
+inline bool isReady(int fd, short events) {
+    pollfd look{fd, events, 0};
+    return poll(&look, 1, 0) == 1;
+}
+
+/// Checks a state, and that the socket is valid and has an open descriptor unless it is dead. A raw socket creates its
+/// descriptor when it opens.
+inline testing::AssertionResult hasState(vesk::Socket const& socket, vesk::Socket::State state) {
+    int const fd = socket.getSocketFd();
+    bool const is_raw = dynamic_cast<vesk::RawSocket const*>(&socket) != nullptr;
+    bool const has_descriptor = is_raw ? state == vesk::Socket::OPEN : state != vesk::Socket::DEAD;
+    if (socket.getState() == state && socket.isValid() == (state != vesk::Socket::DEAD) &&
+        (has_descriptor ? isOpen(fd) : fd == -1)) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure()
+        << "state " << socket.getState() << ", valid " << socket.isValid() << ", descriptor " << fd;
+}
+
+/// Checks that the last operation succeeded and that nothing is pending.
+inline testing::AssertionResult succeeded(vesk::Socket const& socket, vesk::Socket::State state) {
+    if (socket.hadError()) {
+        return testing::AssertionFailure() << "the flag for errors is set: " << chainIs({}).message();
+    }
+    testing::AssertionResult const silent = chainIs({});
+    return silent ? hasState(socket, state) : silent;
+}
+
+/// Checks that the last operation failed with these reports.
+inline testing::AssertionResult
+failed(vesk::Socket const& socket, vesk::Socket::State state, Reports const& reports) {
+    testing::AssertionResult const reported = chainIs(reports);
+    if (!socket.hadError()) {
+        return testing::AssertionFailure() << "the flag for errors is not set";
+    }
+    return reported ? hasState(socket, state) : reported;
+}
+
+/// Checks that a constructor has failed.
+inline bool isUnusable(vesk::Socket const& socket, vesk::Socket::State state = vesk::Socket::INACTIVE) {
+    return !socket.isValid() && socket.getSocketFd() == -1 && socket.getState() == state;
+}
+
+inline ExpectedReport misuse(std::string const& text) {
+    return {std::CommonErrorId::CONTRACT_BROKEN, rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
 }
 
 } // namespace support

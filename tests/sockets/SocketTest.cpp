@@ -41,10 +41,6 @@ struct Operations : Socket {
     }
 };
 
-TEST(Socket, virtualOperationsHaveTheirSlots) {
-    Operations::check();
-}
-
 /// Sees the same for users of `std::IBinOutputStream`.
 struct OutputOperations : std::IBinOutputStream {
     static void check() {
@@ -55,7 +51,8 @@ struct OutputOperations : std::IBinOutputStream {
     }
 };
 
-TEST(Socket, virtualOperationsOfTheOutputStreamHaveTheirSlots) {
+TEST(Socket, virtualOperationsHaveTheirSlots) {
+    Operations::check();
     OutputOperations::check();
 }
 
@@ -101,7 +98,7 @@ TEST(Socket, hasAnErrorFamilyDerivedFromThatOfTheSystem) {
 
 // ---- construction ----
 
-TEST(Socket, newSocketIsInactiveAndHasNoDescriptor) {
+TEST(Socket, newSocketIsInactiveAndHasTheModeAndTheBuffersOfItsConstructor) {
     TestSocket const socket(true, 0, 0);
     EXPECT_FALSE(socket.hadError());
     EXPECT_EQ(-1, socket.getSocketFd());
@@ -110,49 +107,37 @@ TEST(Socket, newSocketIsInactiveAndHasNoDescriptor) {
     EXPECT_TRUE(socket.isBlocking());
     EXPECT_FALSE(socket.isInputBuffered());
     EXPECT_FALSE(socket.isOutputBuffered());
-}
-
-TEST(Socket, bothDirectionsShareTheBlockingMode) {
     EXPECT_FALSE(TestSocket(false, 0, 0).isBlocking());
     EXPECT_FALSE(TestSocket(false, 16, 16).isBlocking());
     EXPECT_TRUE(TestSocket(true, 16, 16).isBlocking());
-}
-
-TEST(Socket, eachDirectionHasTheBufferOfItsSize) {
     NewFault const allocations(New::NOTHROW_ARRAY, 1, 0);
     for (auto const& [read, write] : {std::pair(100U, 200U), std::pair(100U, 0U), std::pair(0U, 100U)}) {
-        TestSocket const socket(true, read, write);
-        EXPECT_EQ(read != 0, socket.isInputBuffered());
-        EXPECT_EQ(write != 0, socket.isOutputBuffered());
-        EXPECT_TRUE(socket.isValid());
+        TestSocket const buffered(true, read, write);
+        EXPECT_EQ(read != 0, buffered.isInputBuffered());
+        EXPECT_EQ(write != 0, buffered.isOutputBuffered());
+        EXPECT_TRUE(buffered.isValid());
     }
     EXPECT_EQ((std::vector<size_t>{100, 200, 100, 100}), allocations.getSizes());
 }
 
-TEST(Socket, withoutMemoryForABufferItIsInvalidAndDestroyedSilently) {
+TEST(Socket, withoutMemoryForABufferItIsInvalidInEveryStateAndTheDirectionIsUnusable) {
+    Ends ends = makeEnds();
     for (int const nth : {1, 2}) {
         NewFault const fault(New::NOTHROW_ARRAY, nth);
-        TestSocket const socket(true, 100, 200);
+        TestSocket socket(true, 100, 200);
         EXPECT_EQ(2, fault.getCalls());
         EXPECT_TRUE(chainIs({OUT_OF_MEMORY}));
         EXPECT_FALSE(socket.isValid());
         EXPECT_EQ(Socket::INACTIVE, socket.getState());
         EXPECT_EQ(-1, socket.getSocketFd());
-    }
-}
-
-TEST(Socket, directionWithoutItsBufferIsUnusable) {
-    Ends ends = makeEnds();
-    for (int const nth : {1, 2}) {
-        NewFault const fault(New::NOTHROW_ARRAY, nth);
-        TestSocket socket(true, 100, 200);
-        EXPECT_TRUE(chainIs({OUT_OF_MEMORY}));
         socket.set(ends.getPeer(), Socket::OPEN);
         char byte = 0;
         unsigned int count = 9;
         EXPECT_EQ(-1, nth == 1 ? socket.read(&byte, 1, count) : socket.write(&byte, 1, count));
         EXPECT_EQ(0U, count);
         EXPECT_TRUE(chainIs({OUT_OF_MEMORY, StreamErrorId::UNUSABLE}));
+        socket.setValid(true);
+        EXPECT_FALSE(socket.isValid());
         socket.forget();
     }
 }
@@ -169,18 +154,6 @@ TEST(Socket, isValidInEveryStateExceptDeadUnlessAConstructorFailed) {
     EXPECT_TRUE(socket.isValid()) << "the descriptor does not matter";
     socket.forget();
     EXPECT_FALSE(socket.isValid());
-}
-
-TEST(Socket, isInvalidWithoutABufferInEveryState) {
-    for (int const nth : {1, 2}) {
-        NewFault const fault(New::NOTHROW_ARRAY, nth);
-        TestSocket socket(true, 100, 200);
-        EXPECT_TRUE(chainIs({OUT_OF_MEMORY}));
-        socket.set(-1, Socket::OPEN);
-        socket.setValid(true);
-        EXPECT_FALSE(socket.isValid());
-        socket.forget();
-    }
 }
 
 TEST(Socket, checkOfASocketWithADescriptorClearsTheErrorFlag) {
@@ -237,9 +210,6 @@ TEST(Socket, destructorAssertsThatAValidSocketHasNoDescriptorAndIsDead) {
     EXPECT_EQ(descriptor, eventsOfEnd(1, Socket::DEAD, true));
     EXPECT_EQ(state, eventsOfEnd(-1, Socket::OPEN, true));
     EXPECT_EQ(state, eventsOfEnd(-1, Socket::INACTIVE, true));
-}
-
-TEST(Socket, closedOrInvalidSocketIsDestroyedSilently) {
     EXPECT_EQ("", eventsOfEnd(-1, Socket::DEAD, true));
     EXPECT_EQ("", eventsOfEnd(-1, Socket::DEAD, false));
     EXPECT_EQ("", eventsOfEnd(1, Socket::OPEN, false));

@@ -1,16 +1,13 @@
 #pragma once
 
-#include "support/Chain.h"
+#include "SocketRows.h"
 #include "support/Descriptors.h"
-#include "support/EventRecorder.h"
 #include "support/Processes.h"
 #include "support/Threads.h"
 #include "support/calls/StreamSocketCalls.h"
 
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorApi.h>
 #include <tarncommon/error/ErrorStorage.h>
-#include <vesk/SysError.h>
 #include <vesk/TCPServerSocket.h>
 #include <vesk/UnixServerSocket.h>
 
@@ -20,7 +17,6 @@
 #include <memory>
 #include <netinet/tcp.h>
 #include <ostream>
-#include <poll.h>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
@@ -40,157 +36,46 @@ using vesk::UnixServerSocket;
 using vesk::UnixSocket;
 using vesk::UnixSocketBase;
 using IPAddress = vesk::IPSocket::IPAddress;
-using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 namespace CommonErrorId = std::CommonErrorId;
-namespace SysErrorId = vesk::SysErrorId;
 
 // ---- Tables of errors ----
-
-/// An error number and the report that it becomes.
-struct ErrorRow {
-    template <typename Id>
-    ErrorRow(Id row_id, int row_error) : family(&familyOf(row_id)), id(row_id), error(row_error) {}
-
-    operator ExpectedReport() const { return {*family, id, rowText(*family, id, systemText(error))}; }
-
-    std::ErrorType const* family;
-    int id;
-    int error;
-};
-
-inline void PrintTo(ErrorRow const& row, std::ostream* out) {
-    *out << strerrorname_np(row.error);
-}
 
 /// A report with the name of its cause.
 struct NamedRow {
     std::string name;
-    ErrorRow row;
+    ErrnoRow row;
 };
 
 inline void PrintTo(NamedRow const& named, std::ostream* out) {
     *out << named.name;
 }
 
-/// Checks that the pending chain is the report of this row alone. Acknowledges it.
-inline testing::AssertionResult causeIs(ErrorRow const& row) {
-    return chainIs({row});
-}
+inline std::vector<ErrnoRow> const FLAG_ROWS =
+    errnoRows({{{EBADF, EACCES, EAGAIN, EINTR, EINVAL, EPERM}, {SysErrorId::UNCLASSIFIED}}});
+inline std::vector<ErrnoRow> const LISTEN_ROWS = errnoRows({
+    {{EADDRINUSE}, {SocketErrorId::ADDRESS_IN_USE}},
+    {{ENOBUFS}, {SysErrorId::RESOURCES_EXHAUSTED}},
+    {{EACCES}, {SysErrorId::PERMISSION_DENIED}},
+    {{EBADF, EINVAL, ENOTSOCK, EDESTADDRREQ, EOPNOTSUPP}, {SysErrorId::SPOILED_INTEGRITY}},
+    {{EINTR, EPERM, ENOMEM}, {SysErrorId::UNCLASSIFIED}},
+});
 
-inline ExpectedReport misuse(std::string const& text) {
-    return {CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)};
-}
-
-/// Error numbers with the same report.
-struct ErrorGroup {
-    template <typename Id>
-    ErrorGroup(Id id, std::vector<int> const& errors) {
-        for (int const error : errors) {
-            rows.emplace_back(id, error);
-        }
-    }
-
-    std::vector<ErrorRow> rows;
-};
-
-struct ErrorRows : std::vector<ErrorRow> {
-    ErrorRows(std::initializer_list<ErrorGroup> groups) {
-        for (ErrorGroup const& group : groups) {
-            insert(end(), group.rows.begin(), group.rows.end());
-        }
-    }
-};
-
-inline ErrorRows const CREATION_ROWS = {
-    {SysErrorId::RESOURCES_EXHAUSTED, {EMFILE, ENFILE}},
-    {SysErrorId::PERMISSION_DENIED, {EACCES}},
-    {Socket::ErrorId::CREATE_FAILED, {EINVAL, EPROTOTYPE, EPROTONOSUPPORT, EAFNOSUPPORT}},
-    {SysErrorId::OUT_OF_MEMORY, {ENOMEM, ENOBUFS}},
-    {SysErrorId::UNCLASSIFIED, {EIO, EINTR, EPERM, EAGAIN}},
-};
-
-inline ErrorRows const FLAG_ROWS = {
-    {SysErrorId::UNCLASSIFIED, {EBADF, EACCES, EAGAIN, EINTR, EINVAL, EPERM}},
-};
-
-inline ErrorRows const SET_OPTION_ROWS = {
-    {Socket::ErrorId::INVALID_SOCKET, {EBADF, ENOTSOCK}},
-    {SysErrorId::INVALID_PATH, {EFAULT, EINVAL, EDOM, EISCONN}},
-    {Socket::ErrorId::UNKNOWN_OPTION, {ENOPROTOOPT}},
-    {SysErrorId::UNCLASSIFIED, {EPERM, ENOMEM, EINTR, EIO}},
-};
-
-inline ErrorRows const GET_OPTION_ROWS = {
-    {Socket::ErrorId::INVALID_SOCKET, {EBADF, EINVAL, ENOTSOCK}},
-    {SysErrorId::PERMISSION_DENIED, {EACCES}},
-    {Socket::ErrorId::UNKNOWN_OPTION, {ENOPROTOOPT}},
-    {SysErrorId::OUT_OF_MEMORY, {ENOBUFS}},
-    {SysErrorId::UNCLASSIFIED, {EFAULT, ENOMEM, EINTR}},
-};
-
-/// Without EINVAL, which a TCP client ignores.
-inline ErrorRows const BIND_ROWS = {
-    {SysErrorId::SPOILED_INTEGRITY,
-     {ENOENT, EIO, EBADF, EFAULT, ENOTDIR, EISDIR, EROFS, ENAMETOOLONG, ELOOP, ENOTSOCK, EDESTADDRREQ,
-      EOPNOTSUPP, EAFNOSUPPORT, EISCONN}},
-    {SysErrorId::OUT_OF_MEMORY, {ENOMEM}},
-    {SysErrorId::PERMISSION_DENIED, {EACCES}},
-    {Socket::ErrorId::ADDRESS_IN_USE, {EADDRINUSE}},
-    {Socket::ErrorId::ADDRESS_INVALID, {EADDRNOTAVAIL}},
-    {SysErrorId::RESOURCES_EXHAUSTED, {ENOBUFS}},
-    {SysErrorId::UNCLASSIFIED, {EPERM, EINTR, EAGAIN, ENOSPC}},
-};
-
-inline ErrorRows const CONNECT_ROWS = {
-    {SysErrorId::PERMISSION_DENIED, {EPERM, EACCES}},
-    {SysErrorId::SPOILED_INTEGRITY,
-     {ENOENT, EBADF, EFAULT, ENOTDIR, EINVAL, ENAMETOOLONG, ELOOP, ENOTSOCK, EPROTOTYPE, EOPNOTSUPP,
-      EAFNOSUPPORT, EISCONN, ETIMEDOUT}},
-    {SysErrorId::RESOURCES_EXHAUSTED, {EAGAIN, ENOBUFS}},
-    {Socket::ErrorId::ADDRESS_IN_USE, {EADDRINUSE}},
-    {Socket::ErrorId::ADDRESS_INVALID, {EADDRNOTAVAIL}},
-    {Socket::ErrorId::NETWORK_UNAVAILABLE, {ENETDOWN, ENETUNREACH}},
-    {Socket::ErrorId::CONNECTION_RESET, {ECONNRESET}},
-    {Socket::ErrorId::PEER_UNREACHABLE, {ECONNREFUSED, EHOSTUNREACH}},
-    {SysErrorId::UNCLASSIFIED, {EIO, ENOMEM, EPROTO}},
-};
-
-inline ErrorRows const LISTEN_ROWS = {
-    {Socket::ErrorId::ADDRESS_IN_USE, {EADDRINUSE}},
-    {SysErrorId::RESOURCES_EXHAUSTED, {ENOBUFS}},
-    {SysErrorId::PERMISSION_DENIED, {EACCES}},
-    {SysErrorId::SPOILED_INTEGRITY, {EBADF, EINVAL, ENOTSOCK, EDESTADDRREQ, EOPNOTSUPP}},
-    {SysErrorId::UNCLASSIFIED, {EINTR, EPERM, ENOMEM}},
-};
-
-inline ErrorRows const ACCEPT_ROWS = {
-    {SysErrorId::PERMISSION_DENIED, {EPERM}},
-    {Socket::ErrorId::NETWORK_UNAVAILABLE, {ESRCH}},
-    {Socket::ErrorId::INVALID_SOCKET, {EBADF, EINVAL}},
-    {SysErrorId::OUT_OF_MEMORY, {ENOMEM, ENOBUFS}},
-    {SysErrorId::SPOILED_INTEGRITY, {EFAULT, ENOTSOCK, EOPNOTSUPP}},
-    {SysErrorId::RESOURCES_EXHAUSTED, {ENFILE, EMFILE}},
-    {Socket::ErrorId::COMMUNICATION_FAILED, {EPROTO, ETIMEDOUT}},
-    {Socket::ErrorId::CONNECTION_CLOSED, {ECONNABORTED}},
-    {SysErrorId::UNCLASSIFIED, {EIO, ENETDOWN, ECONNRESET, EACCES}},
-};
-
-inline ErrorRows const SHUTDOWN_ROWS = {
-    {SysErrorId::SPOILED_INTEGRITY, {EBADF, EINVAL, ENOTSOCK, ENOTCONN}},
-    {SysErrorId::RESOURCES_EXHAUSTED, {ENOBUFS}},
-    {SysErrorId::UNCLASSIFIED, {EINTR, EIO, EPIPE}},
-};
+inline std::vector<ErrnoRow> const ACCEPT_ROWS = errnoRows({
+    {{EPERM}, {SysErrorId::PERMISSION_DENIED}},
+    {{ESRCH}, {SocketErrorId::NETWORK_UNAVAILABLE}},
+    {{EBADF, EINVAL}, {SocketErrorId::INVALID_SOCKET}},
+    {{ENOMEM, ENOBUFS}, {SysErrorId::OUT_OF_MEMORY}},
+    {{EFAULT, ENOTSOCK, EOPNOTSUPP}, {SysErrorId::SPOILED_INTEGRITY}},
+    {{ENFILE, EMFILE}, {SysErrorId::RESOURCES_EXHAUSTED}},
+    {{EPROTO, ETIMEDOUT}, {SocketErrorId::COMMUNICATION_FAILED}},
+    {{ECONNABORTED}, {SocketErrorId::CONNECTION_CLOSED}},
+    {{EIO, ENETDOWN, ECONNRESET, EACCES}, {SysErrorId::UNCLASSIFIED}},
+});
 
 /// Without EBADF, which is not reported.
-inline ErrorRows const CLOSE_ROWS = {
-    {SysErrorId::SPOILED_INTEGRITY, {EIO, ENOSPC, EDQUOT, EAGAIN, EINVAL}},
-};
-
+inline std::vector<ErrnoRow> const CLOSE_ROWS =
+    errnoRows({{{EIO, ENOSPC, EDQUOT, EAGAIN, EINVAL}, {SysErrorId::SPOILED_INTEGRITY}}});
 // ---- Descriptors ----
-
-inline bool isOpen(int fd) {
-    return fcntl(fd, F_GETFD) != -1;
-}
 
 inline int getNextDescriptor() {
     int const fd = dup(STDERR_FILENO);
@@ -204,13 +89,6 @@ inline void closeForReal(int fd) {
     close(fd);
 }
 
-inline int getOption(int fd, int level, int option) {
-    int value = -1;
-    socklen_t size = sizeof value;
-    EXPECT_EQ(0, getsockopt(fd, level, option, &value, &size));
-    return value;
-}
-
 template <typename T>
 void setOption(int fd, int level, int option, T const& value) {
     EXPECT_EQ(0, setsockopt(fd, level, option, &value, sizeof value));
@@ -219,22 +97,6 @@ void setOption(int fd, int level, int option, T const& value) {
 /// Makes the close of a TCP descriptor reset the connection.
 inline void makeCloseReset(int fd) {
     setOption(fd, SOL_SOCKET, SO_LINGER, linger{1, 0});
-}
-
-/// Waits for `events` of `poll`, with a generous deadline.
-inline testing::AssertionResult awaitEvents(int fd, short events) {
-    pollfd look{fd, events, 0};
-    int result = -1;
-    do {
-        result = poll(&look, 1, 60000);
-    } while (result < 0 && errno == EINTR);
-    return result == 1 ? testing::AssertionSuccess()
-                       : testing::AssertionFailure() << "nothing happened on the descriptor";
-}
-
-inline bool isReady(int fd, short events) {
-    pollfd look{fd, events, 0};
-    return poll(&look, 1, 0) == 1;
 }
 
 inline bool isSocketFile(std::string const& path) {
@@ -287,8 +149,8 @@ inline std::string getName(Transport transport) {
     char const* const names[] = {"IPv4", "IPv6", "abstractName", "path"};
     return names[static_cast<int>(transport)];
 }
-inline std::string getName(ErrorRow const& row) {
-    return strerrorname_np(row.error);
+inline std::string getName(ErrnoRow const& row) {
+    return row.getName();
 }
 inline std::string getName(Socket::State state) {
     char const* const names[] = {"inactive", "open", "dead"};
@@ -348,19 +210,19 @@ constexpr Kind SERVERS[] = {TCP_SERVER, UNIX_SERVER};
 constexpr Kind TCP_CLASSES[] = {TCP_CLIENT, TCP_SERVER};
 
 /// A row of a table for one of the classes.
-class KindRow : public testing::TestWithParam<std::tuple<Kind, ErrorRow>> {
+class KindRow : public testing::TestWithParam<std::tuple<Kind, ErrnoRow>> {
 protected:
     Kind const m_kind = std::get<0>(GetParam());
     Transport const m_transport = m_kind.transport;
-    ErrorRow const m_row = std::get<1>(GetParam());
+    ErrnoRow const m_row = std::get<1>(GetParam());
     Place const m_place{m_transport};
 };
 
 /// Declares a suite for the rows of a table.
-#define VESK_ROW_SUITE(suite, kinds, table)                                                                  \
+#define VESK_ROW_SUITE(suite, kinds, ...)                                                                    \
     class suite : public support::KindRow {};                                                                \
     INSTANTIATE_TEST_SUITE_P(                                                                                \
-        rows, suite, testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(table)), byName)
+        rows, suite, testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(__VA_ARGS__)), byName)
 
 inline std::string pathAddress(std::string const& path) {
     sa_family_t const family = AF_UNIX;
@@ -565,40 +427,6 @@ inline int countHookCalls(Socket const& client) {
     return tcp != nullptr ? tcp->m_calls : 0;
 }
 
-inline testing::AssertionResult hasState(Socket const& socket, Socket::State state) {
-    int const fd = socket.getSocketFd();
-    if (socket.getState() == state && socket.isValid() == (state != Socket::DEAD) &&
-        (state == Socket::DEAD ? fd == -1 : isOpen(fd))) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure()
-        << "state " << socket.getState() << ", valid " << socket.isValid() << ", descriptor " << fd;
-}
-
-/// Checks that the last operation succeeded and that nothing is pending.
-inline testing::AssertionResult succeeded(Socket const& socket, Socket::State state) {
-    if (socket.hadError()) {
-        return testing::AssertionFailure() << "the flag for errors is set: " << chainIs({}).message();
-    }
-    testing::AssertionResult const silent = chainIs({});
-    return silent ? hasState(socket, state) : silent;
-}
-
-/// Checks that the last operation failed with these reports.
-inline testing::AssertionResult
-failed(Socket const& socket, Socket::State state, std::vector<ExpectedReport> const& reports) {
-    testing::AssertionResult const reported = chainIs(reports);
-    if (!socket.hadError()) {
-        return testing::AssertionFailure() << "the flag for errors is not set";
-    }
-    return reported ? hasState(socket, state) : reported;
-}
-
-/// Checks that a constructor has failed.
-inline bool isUnusable(Socket const& socket, Socket::State state = Socket::INACTIVE) {
-    return !socket.isValid() && socket.getSocketFd() == -1 && socket.getState() == state;
-}
-
 /// Checks that a client connects, or that its connection is under way.
 inline testing::AssertionResult connects(Socket& client, bool under_way = false) {
     if (connectSocket(client) != under_way) {
@@ -615,16 +443,16 @@ inline testing::AssertionResult closes(Socket& socket, bool do_shutdown) {
     return succeeded(socket, Socket::DEAD);
 }
 
-inline testing::AssertionResult failsToConnect(Socket& client, ErrorRow const& row) {
+inline testing::AssertionResult failsToConnect(Socket& client, ErrnoRow const& row) {
     if (!connectSocket(client)) {
         return testing::AssertionFailure() << "it has connected";
     }
-    return failed(client, Socket::INACTIVE, {row});
+    return failed(client, Socket::INACTIVE, row);
 }
 
-inline testing::AssertionResult failsToListen(Socket& server, ErrorRow const& row) {
+inline testing::AssertionResult failsToListen(Socket& server, ErrnoRow const& row) {
     enableListen(server);
-    return failed(server, Socket::DEAD, {row});
+    return failed(server, Socket::DEAD, row);
 }
 
 template <typename Address>
@@ -724,8 +552,9 @@ inline testing::AssertionResult isReset(Socket& socket) {
     if (readByte(socket) != FAILED) {
         return testing::AssertionFailure() << "it can be read";
     }
-    ErrorRow const reset(Socket::ErrorId::CONNECTION_RESET, ECONNRESET);
-    return failed(socket, Socket::OPEN, {reset, StreamErrorId::UNUSABLE});
+    return failed(
+        socket, Socket::OPEN,
+        ErrnoRow(Socket::ErrorId::CONNECTION_RESET, ECONNRESET, {StreamErrorId::UNUSABLE}));
 }
 
 // ---- Connections ----

@@ -74,19 +74,16 @@ TEST_P(StreamSocketConstruction, makesAnInactiveSocketWithADescriptorThatExecClo
     EXPECT_EQ(O_RDWR, fcntl(fd, F_GETFL)) << "it blocks";
 }
 
-TEST_P(StreamSocketConstruction, withoutBlockingMakesADescriptorThatDoesNotBlock) {
+TEST_P(StreamSocketConstruction, makesADescriptorThatDoesNotBlockOrReusesAddressesOnRequest) {
     SocketPtr const socket = make(GetParam(), false);
     EXPECT_TRUE(succeeded(*socket, Socket::INACTIVE));
     EXPECT_EQ(O_RDWR | O_NONBLOCK, s_calls.status_flags);
     EXPECT_EQ(O_RDWR | O_NONBLOCK, fcntl(socket->getSocketFd(), F_GETFL));
-}
-
-TEST_P(StreamSocketConstruction, allowsTheReuseOfAddressesOnRequest) {
     Fault const options(inject_setsockopt, 0);
-    SocketPtr const socket = make(GetParam(), true, true);
+    SocketPtr const reusing = make(GetParam(), true, true);
     int const reuse = isTcp(GetParam().transport) ? 1 : 0;
     EXPECT_EQ(reuse, options.getCalls());
-    EXPECT_EQ(reuse, getOption(socket->getSocketFd(), SOL_SOCKET, SO_REUSEADDR));
+    EXPECT_EQ(reuse, getOption(reusing->getSocketFd(), SOL_SOCKET, SO_REUSEADDR));
 }
 
 TEST_P(StreamSocketConstruction, withoutDescriptorsLeftFails) {
@@ -101,54 +98,42 @@ TEST_P(StreamSocketConstruction, withoutDescriptorsLeftFails) {
     });
 }
 
-VESK_ROW_SUITE(StreamSocketCreationRows, CLASSES, CREATION_ROWS);
+VESK_ROW_SUITE(StreamSocketCreationRows, CLASSES, createRows());
 
 TEST_P(StreamSocketCreationRows, failureMakesTheSocketInvalid) {
-    EventRecorder const events;
-    {
-        Fault const fault(inject_socket, m_row.error);
-        Fault const closes(inject_close, 0);
-        SocketPtr const socket = make(m_kind, false, true);
-        EXPECT_EQ(1, fault.getCalls());
-        EXPECT_EQ(0, closes.getCalls());
-        EXPECT_TRUE(causeIs(m_row));
-        EXPECT_TRUE(isUnusable(*socket));
-    }
-    EXPECT_EQ("", events.getText()) << "the destructor reports nothing";
-    EXPECT_TRUE(chainIs({}));
+    Fault const fault(inject_socket, m_row.error);
+    Fault const closes(inject_close, 0);
+    SocketPtr const socket = make(m_kind, false, true);
+    EXPECT_EQ(1, fault.getCalls());
+    EXPECT_EQ(0, closes.getCalls());
+    EXPECT_TRUE(chainIs(m_row.reports));
+    EXPECT_TRUE(isUnusable(*socket));
 }
 
 /// Checks a failure after the creation: the descriptor is closed again, and the cause stays reported. A server cannot be
 /// flushed, which must not matter.
-void expectCauseToSurviveClose(Kind kind, Injected& call, ErrorRow const& row) {
-    EventRecorder const events;
+void expectCauseToSurviveClose(Kind kind, Injected& call, ErrnoRow const& row) {
     int const descriptors = countDescriptors();
-    {
-        Fault const fault(call, row.error);
-        Fault const closes(inject_close, EINTR);
-        SocketPtr const socket = make(kind, false, true);
-        EXPECT_EQ(2, closes.getCalls());
-        EXPECT_TRUE(causeIs(row));
-        EXPECT_TRUE(isUnusable(*socket, Socket::DEAD));
-        EXPECT_FALSE(socket->hadError());
-        EXPECT_EQ(descriptors, countDescriptors());
-    }
-    EXPECT_EQ("", events.getText());
+    Fault const fault(call, row.error);
+    Fault const closes(inject_close, EINTR);
+    SocketPtr const socket = make(kind, false, true);
+    EXPECT_EQ(2, closes.getCalls());
+    EXPECT_TRUE(chainIs(row.reports));
+    EXPECT_TRUE(isUnusable(*socket, Socket::DEAD));
+    EXPECT_FALSE(socket->hadError());
+    EXPECT_EQ(descriptors, countDescriptors());
 }
 
 VESK_ROW_SUITE(StreamSocketFlagRows, CLASSES, FLAG_ROWS);
 
-TEST_P(StreamSocketFlagRows, failureToReadTheFlagsMakesTheSocketInvalid) {
+TEST_P(StreamSocketFlagRows, failureToReadOrToSetTheFlagsMakesTheSocketInvalid) {
     expectCauseToSurviveClose(m_kind, inject_getfl, m_row);
-}
-
-TEST_P(StreamSocketFlagRows, failureToSetTheFlagsMakesTheSocketInvalid) {
     Fault const options(inject_setsockopt, 0);
     expectCauseToSurviveClose(m_kind, inject_setfl, m_row);
     EXPECT_EQ(0, options.getCalls()) << "the reuse of addresses is not set any more";
 }
 
-VESK_ROW_SUITE(StreamSocketReuseRows, TCP_CLASSES, SET_OPTION_ROWS);
+VESK_ROW_SUITE(StreamSocketReuseRows, TCP_CLASSES, setOptionRows());
 
 TEST_P(StreamSocketReuseRows, failureMakesTheSocketInvalid) {
     expectCauseToSurviveClose(m_kind, inject_setsockopt, m_row);
@@ -170,6 +155,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(StreamSocketAbort, endsTheProcess) {
     ChildEnd const end = runInChild([this] {
+        std::GlobalErrorHandler::setHook(nullptr);
         Fault const fault(m_call, EPERM);
         Fault const closes(inject_close, EBADF);
         SocketPtr const socket = make(m_kind, false, true);
@@ -224,18 +210,6 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Combine(testing::ValuesIn(KINDS), testing::Values(Socket::INACTIVE, Socket::OPEN, Socket::DEAD)),
     byName);
 
-TEST_P(StreamSocketState, canBeClosedOnce) {
-    Fault const shutdowns(inject_shutdown, 0);
-    if (m_state != Socket::DEAD) {
-        EXPECT_TRUE(closes(*m_socket, false));
-        EXPECT_FALSE(isOpen(m_fd));
-    }
-    Fault const closes(inject_close, 0);
-    EXPECT_TRUE(closeSocket(*m_socket, true));
-    EXPECT_TRUE(failed(*m_socket, Socket::DEAD, {misuse("called close on already DEAD socket")}));
-    EXPECT_EQ(0, closes.getCalls() + shutdowns.getCalls());
-}
-
 TEST_P(StreamSocketState, allowsAShutdownUnlessDead) {
     bool const is_dead = m_state == Socket::DEAD;
     EXPECT_EQ(is_dead, closeSocket(*m_socket, true));
@@ -244,7 +218,7 @@ TEST_P(StreamSocketState, allowsAShutdownUnlessDead) {
                 : succeeded(*m_socket, Socket::DEAD));
 }
 
-TEST_P(StreamSocketState, allowsOptionsUnlessDead) {
+TEST_P(StreamSocketState, allowsOptionsUnlessDeadAndCanBeClosedOnce) {
     bool const is_dead = m_state == Socket::DEAD;
     bool (*const calls[])(Socket&) = {
         [](Socket& socket) { return socket.checkValidSocket(); },
@@ -259,6 +233,15 @@ TEST_P(StreamSocketState, allowsOptionsUnlessDead) {
         EXPECT_TRUE(is_dead ? chainIs({Socket::ErrorId::INVALID_SOCKET}) : chainIs({}));
         EXPECT_TRUE(hasState(*m_socket, m_state));
     }
+    Fault const shutdowns(inject_shutdown, 0);
+    if (m_state != Socket::DEAD) {
+        EXPECT_TRUE(closes(*m_socket, false));
+        EXPECT_FALSE(isOpen(m_fd));
+    }
+    Fault const closes(inject_close, 0);
+    EXPECT_TRUE(closeSocket(*m_socket, true));
+    EXPECT_TRUE(failed(*m_socket, Socket::DEAD, {misuse("called close on already DEAD socket")}));
+    EXPECT_EQ(0, closes.getCalls() + shutdowns.getCalls());
 }
 
 TEST_P(StreamSocketState, decidesWhatTheDestructorReports) {
@@ -273,7 +256,6 @@ TEST_P(StreamSocketState, decidesWhatTheDestructorReports) {
     EXPECT_EQ(0, shutdowns.getCalls());
     EXPECT_FALSE(isOpen(m_fd));
     EXPECT_FALSE(isSocketFile(m_own.name));
-    EXPECT_TRUE(chainIs({}));
 }
 
 class StreamSocketNotOpen : public StreamSocketState {};
@@ -306,7 +288,7 @@ INSTANTIATE_TEST_SUITE_P(
         testing::ValuesIn(SERVERS), testing::Values(Socket::INACTIVE, Socket::OPEN, Socket::DEAD)),
     byName);
 
-TEST_P(StreamServerSocketState, refusesToRead) {
+TEST_P(StreamServerSocketState, refusesToReadToWriteAndToFlush) {
     char byte = 'x';
     for (unsigned int const size : {1U, 0U}) {
         unsigned int count = 12345;
@@ -314,17 +296,11 @@ TEST_P(StreamServerSocketState, refusesToRead) {
         EXPECT_TRUE(refuses("read operation on server socket"));
         EXPECT_EQ('x', byte);
     }
-}
-
-TEST_P(StreamServerSocketState, refusesToWrite) {
     for (unsigned int const size : {1U, 0U}) {
         unsigned int count = 12345;
         EXPECT_EQ(-1, m_socket->write(size != 0 ? "x" : nullptr, size, count));
         EXPECT_TRUE(refuses("write operation on server socket"));
     }
-}
-
-TEST_P(StreamServerSocketState, refusesToFlush) {
     EXPECT_TRUE(m_socket->flush(false));
     EXPECT_TRUE(refuses("flush operation on socket"));
 }
@@ -359,20 +335,17 @@ TEST_P(StreamSocketClass, withoutADescriptorFailsToStartAndToClose) {
     }
 }
 
-TEST_P(StreamSocketClass, repeatsTheCloseWhileSignalsInterruptIt) {
+TEST_P(StreamSocketClass, repeatsTheCloseWhileSignalsInterruptItAndFailsOfAClosedDescriptor) {
     SocketPtr const socket = make(GetParam());
     int const fd = socket->getSocketFd();
     Fault const fault(inject_close, EINTR, 1, 4);
     EXPECT_TRUE(closes(*socket, false));
     EXPECT_EQ(5, fault.getCalls());
     EXPECT_FALSE(isOpen(fd));
-}
-
-TEST_P(StreamSocketClass, failsToCloseAClosedDescriptorWithoutAReport) {
-    SocketPtr const socket = make(GetParam());
-    close(socket->getSocketFd());
-    EXPECT_TRUE(closeSocket(*socket, false));
-    EXPECT_TRUE(failed(*socket, Socket::DEAD, {}));
+    SocketPtr const closed = make(GetParam());
+    close(closed->getSocketFd());
+    EXPECT_TRUE(closeSocket(*closed, false));
+    EXPECT_TRUE(failed(*closed, Socket::DEAD, {}));
 }
 
 TEST_P(StreamSocketClass, thatTheDestructorCannotCloseIsABrokenInvariant) {
@@ -399,7 +372,7 @@ TEST_P(StreamSocketCloseRows, failureIsReportedAndTheSocketIsDead) {
     Fault const fault(inject_close, m_row.error);
     EXPECT_TRUE(closeSocket(*socket, true));
     EXPECT_EQ(1, fault.getCalls());
-    EXPECT_TRUE(failed(*socket, Socket::DEAD, {m_row}));
+    EXPECT_TRUE(failed(*socket, Socket::DEAD, m_row));
     EXPECT_FALSE(isSocketFile(own.name)) << "the file is removed all the same";
     closeForReal(fd);
 }
@@ -450,16 +423,18 @@ TEST_P(StreamSocket, thatWasRefusedMayTryAgain) {
     EXPECT_TRUE(connects(*client));
 }
 
-VESK_ROW_SUITE(StreamSocketBindRows, CLIENTS, BIND_ROWS);
-INSTANTIATE_TEST_SUITE_P(
-    rowThatTcpClientsIgnore, StreamSocketBindRows,
-    testing::Values(std::make_tuple(UNIX_CLIENT, ErrorRow(SysErrorId::SPOILED_INTEGRITY, EINVAL))), byName);
+VESK_ROW_SUITE(StreamSocketBindRows, CLIENTS, bindRows());
 
-TEST_P(StreamSocketBindRows, failureLeavesTheSocketInactiveAndNotBound) {
+TEST_P(StreamSocketBindRows, failureLeavesTheSocketInactiveExceptATcpClientThatIsBoundAlready) {
     Listener const listener(m_transport);
     SocketPtr const client = listener.makeClient({true, 0, 0, m_place.name});
     int const descriptors = countDescriptors();
     Fault const fault(inject_bind, m_row.error);
+    if (isTcp(m_transport) && m_row.error == EINVAL) {
+        EXPECT_TRUE(support::connects(*client)) << "it is bound already";
+        EXPECT_EQ(1, fault.getCalls());
+        return;
+    }
     Fault const connects(inject_connect, 0);
     EXPECT_TRUE(failsToConnect(*client, m_row));
     EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
@@ -472,7 +447,8 @@ TEST_P(StreamSocketBindRows, failureLeavesTheSocketInactiveAndNotBound) {
     EXPECT_EQ(0, removals.getCalls()) << "the file of that name belongs to another socket";
 }
 
-VESK_ROW_SUITE(StreamSocketConnectRows, CLIENTS, CONNECT_ROWS);
+std::vector<ErrnoRow> const CONNECT_ROWS = connectRows();
+VESK_ROW_SUITE(StreamSocketConnectRows, CLIENTS, std::vector(CONNECT_ROWS.begin() + 2, CONNECT_ROWS.end()));
 
 TEST_P(StreamSocketConnectRows, failureLeavesTheSocketInactive) {
     Listener const listener(m_transport);
@@ -496,9 +472,8 @@ TEST_P(StreamSocketConnectRows, failureLeavesTheSocketInactive) {
     EXPECT_FALSE(isSocketFile(m_place.name));
 }
 
-/// Not reported.
-ErrorRows const UNDER_WAY_ROWS = {{SysErrorId::UNCLASSIFIED, {EALREADY, EINPROGRESS}}};
-VESK_ROW_SUITE(StreamSocketUnderWayRows, CLIENTS, UNDER_WAY_ROWS);
+VESK_ROW_SUITE(
+    StreamSocketUnderWayRows, CLIENTS, std::vector(CONNECT_ROWS.begin(), CONNECT_ROWS.begin() + 2));
 
 TEST_P(StreamSocketUnderWayRows, makeTheSocketOpenWithoutAnError) {
     Listener const listener(m_transport);
@@ -525,28 +500,25 @@ TEST_P(StreamSocket, repeatsTheConnectWhileSignalsInterruptIt) {
 
 // ---- Closing a connection ----
 
-TEST_P(StreamSocket, closedWithoutAShutdownLeavesTheConnectionToOtherDescriptors) {
-    Connection const connection(GetParam());
-    int const other = dup(connection.client->getSocketFd());
-    EXPECT_FALSE(closeSocket(*connection.client, false));
-    EXPECT_EQ(5, send(other, "still", 5, MSG_NOSIGNAL));
-    EXPECT_EQ("still", readFrom(*connection.server, 5));
-    EXPECT_FALSE(isReady(connection.server->getSocketFd(), POLLIN));
-    close(other);
-    EXPECT_TRUE(isAtEnd(*connection.server));
-}
-
 TEST_P(StreamSocket, closedWithAShutdownEndsTheConnectionForOtherDescriptors) {
-    Connection const connection(GetParam());
-    int const other = dup(connection.client->getSocketFd());
-    EXPECT_FALSE(closeSocket(*connection.client, true));
-    EXPECT_EQ(SHUT_RDWR, s_calls.how);
-    EXPECT_TRUE(isAtEnd(*connection.server));
-    EXPECT_EQ(-1, send(other, "still", 5, MSG_NOSIGNAL));
-    close(other);
+    for (bool const do_shutdown : {true, false}) {
+        Connection const connection(GetParam());
+        int const other = dup(connection.client->getSocketFd());
+        EXPECT_FALSE(closeSocket(*connection.client, do_shutdown));
+        EXPECT_EQ(do_shutdown ? -1 : 5, send(other, "still", 5, MSG_NOSIGNAL));
+        if (do_shutdown) {
+            EXPECT_EQ(SHUT_RDWR, s_calls.how);
+        } else {
+            EXPECT_EQ("still", readFrom(*connection.server, 5));
+            EXPECT_FALSE(isReady(connection.server->getSocketFd(), POLLIN));
+            close(other);
+        }
+        EXPECT_TRUE(isAtEnd(*connection.server));
+        close(other);
+    }
 }
 
-VESK_ROW_SUITE(StreamSocketShutdownRows, CLIENTS, SHUTDOWN_ROWS);
+VESK_ROW_SUITE(StreamSocketShutdownRows, CLIENTS, shutdownRows());
 
 TEST_P(StreamSocketShutdownRows, failureDoesNotStopTheClose) {
     Connection const connection(m_transport);
@@ -556,7 +528,7 @@ TEST_P(StreamSocketShutdownRows, failureDoesNotStopTheClose) {
     EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
     EXPECT_FALSE(std::ErrorStorage::isError(false)) << "the failure is acknowledged";
     std::string const reasons = tarn_error.getReasonList();
-    EXPECT_NE(std::string::npos, reasons.find(*ExpectedReport(m_row).text)) << reasons;
+    EXPECT_NE(std::string::npos, reasons.find(*m_row.reports[0].text)) << reasons;
     EXPECT_TRUE(succeeded(*connection.client, Socket::DEAD));
     EXPECT_EQ(descriptors - 1, countDescriptors());
     EXPECT_TRUE(isAtEnd(*connection.server));
@@ -573,7 +545,7 @@ TEST_P(StreamSocket, carriesBytesBothWays) {
     }
 }
 
-TEST_P(StreamSocket, withAWriteBufferSendsOnlyWhatIsFlushed) {
+TEST_P(StreamSocket, withBuffersSendsOnlyWhatIsFlushedAndReadsAhead) {
     Connection const connection(GetParam(), {true, 0, 64});
     EXPECT_FALSE(connection.client->isInputBuffered());
     writeTo(*connection.client, "one ");
@@ -581,18 +553,15 @@ TEST_P(StreamSocket, withAWriteBufferSendsOnlyWhatIsFlushed) {
     EXPECT_FALSE(isReady(connection.server->getSocketFd(), POLLIN)) << "nothing is sent yet";
     EXPECT_FALSE(connection.client->flush(false));
     EXPECT_EQ("one piece", readFrom(*connection.server, 9));
+    Connection const ahead(GetParam(), {true, 64, 0});
+    EXPECT_FALSE(ahead.client->isOutputBuffered());
+    writeTo(*ahead.server, "0123456789");
+    EXPECT_EQ("012", readFrom(*ahead.client, 3));
+    EXPECT_FALSE(isReady(ahead.client->getSocketFd(), POLLIN)) << "the rest is in the buffer";
+    EXPECT_EQ("3456789", readFrom(*ahead.client, 7));
 }
 
-TEST_P(StreamSocket, withAReadBufferReadsAhead) {
-    Connection const connection(GetParam(), {true, 64, 0});
-    EXPECT_FALSE(connection.client->isOutputBuffered());
-    writeTo(*connection.server, "0123456789");
-    EXPECT_EQ("012", readFrom(*connection.client, 3));
-    EXPECT_FALSE(isReady(connection.client->getSocketFd(), POLLIN)) << "the rest is in the buffer";
-    EXPECT_EQ("3456789", readFrom(*connection.client, 7));
-}
-
-TEST_P(StreamSocket, waitsForData) {
+TEST_P(StreamSocket, waitsForDataOrWithoutBlockingReadsNothing) {
     Connection const connection(GetParam());
     std::thread reader = startUntilAsleep([&] {
         char block[8];
@@ -602,12 +571,9 @@ TEST_P(StreamSocket, waitsForData) {
     });
     writeTo(*connection.client, "late");
     reader.join();
-}
-
-TEST_P(StreamSocket, thatDoesNotBlockReadsNothingWhereNothingHasArrived) {
-    Connection const connection(GetParam(), {false});
-    EXPECT_EQ(NOTHING, readByte(*connection.client));
-    EXPECT_TRUE(succeeded(*connection.client, Socket::OPEN));
+    Connection const free(GetParam(), {false});
+    EXPECT_EQ(NOTHING, readByte(*free.client));
+    EXPECT_TRUE(succeeded(*free.client, Socket::OPEN));
 }
 
 /// Returns bytes that depend on their position.
@@ -671,7 +637,7 @@ TEST_P(StreamSocket, carriesMegabytesBothWaysInBlocksOfAnySize) {
     }
 }
 
-TEST_P(StreamSocket, staysOpenWhenThePeerCloses) {
+TEST_P(StreamSocket, staysOpenWhenThePeerClosesAndCanWriteWhenThePeerHasEndedOnlyItsHalf) {
     Connection const connection(GetParam());
     writeTo(*connection.client, "bye");
     EXPECT_FALSE(closeSocket(*connection.client, true));
@@ -679,17 +645,14 @@ TEST_P(StreamSocket, staysOpenWhenThePeerCloses) {
     EXPECT_TRUE(isAtEnd(*connection.server));
     EXPECT_TRUE(hasState(*connection.server, Socket::OPEN));
     EXPECT_TRUE(isAtEnd(*connection.server)) << "each further read reports it";
-}
-
-TEST_P(StreamSocket, canWriteAfterThePeerHasEndedItsHalf) {
-    Connection const connection(GetParam());
-    writeTo(*connection.server, "bye");
-    ASSERT_EQ(0, shutdown(connection.server->getSocketFd(), SHUT_WR));
-    EXPECT_EQ("bye", readFrom(*connection.client, 3));
-    EXPECT_TRUE(isAtEnd(*connection.client));
-    EXPECT_TRUE(isAtEnd(*connection.client)) << "each further read reports it";
-    EXPECT_TRUE(hasState(*connection.client, Socket::OPEN));
-    EXPECT_TRUE(transfers(*connection.client, *connection.server, "answer"));
+    Connection const half(GetParam());
+    writeTo(*half.server, "bye");
+    ASSERT_EQ(0, shutdown(half.server->getSocketFd(), SHUT_WR));
+    EXPECT_EQ("bye", readFrom(*half.client, 3));
+    EXPECT_TRUE(isAtEnd(*half.client));
+    EXPECT_TRUE(isAtEnd(*half.client)) << "each further read reports it";
+    EXPECT_TRUE(hasState(*half.client, Socket::OPEN));
+    EXPECT_TRUE(transfers(*half.client, *half.server, "answer"));
 }
 
 TEST_P(StreamSocket, canBeSelected) {
@@ -727,7 +690,7 @@ TEST_P(StreamServerSocket, listensOnlyOnce) {
 }
 
 /// Checks that a failure to listen closes the server and stays reported, also if closing fails.
-void expectFailureToClose(Transport transport, Injected& call, ErrorRow const& row, int removed_files) {
+void expectFailureToClose(Transport transport, Injected& call, ErrnoRow const& row, int removed_files) {
     for (bool const close_fails : {false, true}) {
         Place const place(transport);
         SocketPtr const server = makeServer(place);
@@ -748,12 +711,7 @@ void expectFailureToClose(Transport transport, Injected& call, ErrorRow const& r
     }
 }
 
-VESK_ROW_SUITE(StreamServerSocketBindRows, SERVERS, BIND_ROWS);
-INSTANTIATE_TEST_SUITE_P(
-    rowThatTcpClientsIgnore, StreamServerSocketBindRows,
-    testing::Combine(
-        testing::ValuesIn(SERVERS), testing::Values(ErrorRow(SysErrorId::SPOILED_INTEGRITY, EINVAL))),
-    byName);
+VESK_ROW_SUITE(StreamServerSocketBindRows, SERVERS, bindRows());
 
 TEST_P(StreamServerSocketBindRows, failureClosesTheServerAndRemovesNoFile) {
     Fault const listens(inject_listen, 0);
@@ -769,22 +727,25 @@ TEST_P(StreamServerSocketListenRows, failureClosesTheServerAndRemovesItsFile) {
 
 TEST_P(StreamServerSocket, cannotListenWhereAnotherListens) {
     Listener const first(GetParam());
-    WithoutClosing const without_closing;
-    EventRecorder const events;
     {
+        WithoutClosing const without_closing;
         SocketPtr const second = makeServer(first.getPlace());
         EXPECT_TRUE(failsToListen(*second, {Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE}));
     }
-    EXPECT_EQ("", events.getText()) << "the destructor reports nothing";
     EXPECT_EQ(GetParam() == Transport::PATH, isSocketFile(first.getPlace().name));
     EXPECT_FALSE(closeSocket(*first, false));
 }
 
-TEST_P(StreamServerSocket, passesEveryBacklogToTheSystem) {
+TEST_P(StreamServerSocket, passesEveryBacklogRoomForAWholeAddressAndAFlagForExecToTheSystem) {
     for (unsigned int const backlog : {0U, 1U, 100U, 1U << 16, 0x7fffffffU, 0xffffffffU}) {
-        Waiting const waiting(GetParam(), {}, true, backlog);
+        Waiting const each(GetParam(), {}, true, backlog);
         EXPECT_EQ(backlog, static_cast<unsigned int>(s_calls.backlog));
     }
+    Waiting const waiting(GetParam());
+    EXPECT_TRUE(waiting.listener.accept()->isValid());
+    socklen_t const sizes[] = {sizeof(sockaddr_in), sizeof(sockaddr_in6), 110, 110};
+    EXPECT_EQ(sizes[static_cast<int>(GetParam())], s_calls.accept_room);
+    EXPECT_EQ(SOCK_CLOEXEC, s_calls.accept_flags);
 }
 
 TEST_P(StreamServerSocket, withAHugeBacklogAcceptsManyConnectionsInTheirOrder) {
@@ -801,35 +762,24 @@ TEST_P(StreamServerSocket, withAHugeBacklogAcceptsManyConnectionsInTheirOrder) {
     }
 }
 
-TEST_P(StreamServerSocket, acceptsWithRoomForAWholeAddressAndForExecToClose) {
-    Waiting const waiting(GetParam());
-    EXPECT_TRUE(waiting.listener.accept()->isValid());
-    socklen_t const sizes[] = {sizeof(sockaddr_in), sizeof(sockaddr_in6), 110, 110};
-    EXPECT_EQ(sizes[static_cast<int>(GetParam())], s_calls.accept_room);
-    EXPECT_EQ(SOCK_CLOEXEC, s_calls.accept_flags);
-}
-
-TEST_P(StreamServerSocket, waitsForAConnection) {
+TEST_P(StreamServerSocket, waitsForAConnectionOrWithoutBlockingAcceptsNothing) {
     Listener const listener(GetParam());
     std::thread thread = startUntilAsleep([&] { EXPECT_TRUE(listener.accept()->isValid()); });
     SocketPtr const client = listener.makeClient();
     EXPECT_FALSE(connectSocket(*client));
     thread.join();
     EXPECT_FALSE(listener->hadError());
-}
-
-TEST_P(StreamServerSocket, thatDoesNotBlockAcceptsNothingWhereNoConnectionWaits) {
-    Listener const listener(GetParam(), false);
+    Listener const free(GetParam(), false);
     for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(acceptsNothing(*listener));
-        EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
+        EXPECT_TRUE(acceptsNothing(*free));
+        EXPECT_TRUE(succeeded(*free, Socket::OPEN));
     }
-    SocketPtr const client = listener.makeClient();
-    EXPECT_FALSE(connectSocket(*client));
-    ASSERT_TRUE(awaitEvents(listener->getSocketFd(), POLLIN));
-    EXPECT_TRUE(listener.accept()->isValid());
-    EXPECT_TRUE(acceptsNothing(*listener));
-    EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
+    SocketPtr const late = free.makeClient();
+    EXPECT_FALSE(connectSocket(*late));
+    ASSERT_TRUE(awaitEvents(free->getSocketFd(), POLLIN));
+    EXPECT_TRUE(free.accept()->isValid());
+    EXPECT_TRUE(acceptsNothing(*free));
+    EXPECT_TRUE(succeeded(*free, Socket::OPEN));
 }
 
 TEST_P(StreamServerSocket, acceptsOnlyWhileItIsOpen) {
@@ -854,7 +804,7 @@ TEST_P(StreamServerSocketAcceptRows, failureAcceptsNothingAndKeepsTheServerOpen)
     Fault const fault(inject_accept4, m_row.error);
     EXPECT_TRUE(acceptsNothing(*listener));
     EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
-    EXPECT_TRUE(failed(*listener, Socket::OPEN, {m_row}));
+    EXPECT_TRUE(failed(*listener, Socket::OPEN, m_row));
     EXPECT_EQ(descriptors, countDescriptors());
     EXPECT_TRUE(listener.accept()->isValid());
     EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
@@ -904,13 +854,10 @@ TEST_P(StreamServerSocket, acceptsAConnectionThatThePeerHasClosed) {
     EXPECT_FALSE(closeSocket(*accepted, true));
 }
 
-TEST_P(StreamServerSocket, leavesItsConnectionsAloneWhenItCloses) {
+TEST_P(StreamServerSocket, leavesItsConnectionsAloneWhenItClosesAndResetsWaitingOnes) {
     Connection const connection(GetParam());
     EXPECT_FALSE(closeSocket(*connection.listener, true));
     EXPECT_TRUE(transfers(*connection.client, *connection.server, "still here"));
-}
-
-TEST_P(StreamServerSocket, resetsWaitingConnectionsWhenItCloses) {
     Waiting const waiting(GetParam());
     EXPECT_FALSE(closeSocket(*waiting.listener, false));
     ASSERT_TRUE(awaitEvents(waiting.client->getSocketFd(), POLLIN));

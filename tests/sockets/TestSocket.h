@@ -138,10 +138,4 @@ public:
     Ends ends;
 };
 
-/// Waits until a descriptor has one of the events. Returns whether it has.
-inline bool waitFor(int fd, short events) {
-    pollfd row{fd, events, 0};
-    return poll(&row, 1, 60000) == 1;
-}
-
 } // namespace support

@@ -6,13 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstring>
 #include <netinet/in.h>
 #include <optional>
-#include <poll.h>
 #include <string>
-#include <sys/socket.h>
 #include <unistd.h>
 
 /// Support for tests of UDP sockets.
@@ -47,21 +43,14 @@ public:
 /// Checks that a socket opens without a report.
 inline testing::AssertionResult opens(UDPSocket& socket) {
     socket.open();
-    if (socket.hadError() || socket.getState() != Socket::OPEN) {
-        return testing::AssertionFailure() << "not opened: " << chainIs({}).message();
-    }
-    return chainIs({});
+    return succeeded(socket, Socket::OPEN);
 }
 
-/// Checks that a socket fails to open and that its state is `state` afterwards. Keeps the reports.
-inline testing::AssertionResult failsToOpen(UDPSocket& socket, Socket::State state) {
+/// Checks that a socket fails to open with these reports and has a state afterwards.
+inline testing::AssertionResult failsToOpen(UDPSocket& socket, Socket::State state, Reports const& reports) {
     socket.open();
-    if (socket.hadError() && socket.getState() == state) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "error " << socket.hadError() << ", state " << socket.getState();
+    return failed(socket, state, reports);
 }
-
 /// Checks that the stream writes `data` as one request.
 inline testing::AssertionResult isWritten(UDPSocket& socket, std::string const& data) {
     unsigned int written = 0;
@@ -72,45 +61,35 @@ inline testing::AssertionResult isWritten(UDPSocket& socket, std::string const& 
     return testing::AssertionFailure() << "result " << result << ", written " << written;
 }
 
-/// Checks that a transfer of the open socket fails with `expected` and that nothing was transferred.
+/// Checks that a transfer of the open socket fails with these reports and that nothing was transferred.
 inline testing::AssertionResult
-isFailure(UDPSocket const& socket, int expected, int result, unsigned int count) {
-    if (result == expected && count == 0 && socket.hadError() && socket.getState() == Socket::OPEN) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "result " << result << ", count " << count << ", error "
-                                       << socket.hadError() << ", state " << socket.getState();
+isFailure(UDPSocket const& socket, int expected, int result, unsigned int count, Reports const& reports) {
+    return result == expected && count == 0
+        ? failed(socket, Socket::OPEN, reports)
+        : testing::AssertionFailure() << "result " << result << ", count " << count;
 }
 
-/// Checks that writing `data` fails and that the socket stays open. Keeps the reports.
-inline testing::AssertionResult failsToWrite(UDPSocket& socket, std::string const& data = "x") {
+/// Checks that writing `data` fails with these reports and that the socket stays open.
+inline testing::AssertionResult
+failsToWrite(UDPSocket& socket, Reports const& reports, std::string const& data = "x") {
     unsigned int count = 77;
     int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), count);
-    return isFailure(socket, -1, result, count);
+    return isFailure(socket, -1, result, count, reports);
 }
 
-/// Checks that reading fails, or with the result 0 ends, and that the socket stays open. Keeps the reports.
-inline testing::AssertionResult failsToRead(UDPSocket& socket, int expected = -1) {
+/// Checks that reading fails, or with the result 0 ends, with these reports, and that the socket stays open.
+inline testing::AssertionResult failsToRead(UDPSocket& socket, Reports const& reports, int expected = -1) {
     char block[8];
     unsigned int count = 77;
     int const result = socket.read(block, sizeof block, count);
-    return isFailure(socket, expected, result, count);
-}
-
-/// Waits until a descriptor is readable.
-inline testing::AssertionResult isReadable(int fd) {
-    pollfd entry{fd, POLLIN, 0};
-    if (poll(&entry, 1, 30000) == 1) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "nothing arrived";
+    return isFailure(socket, expected, result, count, reports);
 }
 
 /// Waits for a datagram and returns it, or nothing if that fails.
 inline std::optional<std::string> receive(UDPSocket& socket, unsigned int room = 70000) {
     std::string datagram(room, '\0');
     unsigned int count = 0;
-    testing::AssertionResult const readable = isReadable(socket.getSocketFd());
+    testing::AssertionResult const readable = awaitEvents(socket.getSocketFd(), POLLIN);
     EXPECT_TRUE(readable);
     if (!readable || socket.read(datagram.data(), room, count) != 1) {
         return std::nullopt;
@@ -118,7 +97,6 @@ inline std::optional<std::string> receive(UDPSocket& socket, unsigned int room =
     datagram.resize(count);
     return datagram;
 }
-
 /// A UDP socket of plain system calls, bound to a free port of the loopback interface.
 class Peer : private tarnbase::NonCopyable {
 public:
@@ -148,7 +126,7 @@ public:
     /// Waits for a datagram and returns it, or nothing if that fails. Answers go to its sender.
     std::optional<std::string> receive() {
         std::string datagram(70000, '\0');
-        EXPECT_TRUE(isReadable(m_fd));
+        EXPECT_TRUE(awaitEvents(m_fd, POLLIN));
         m_length = sizeof m_storage;
         ssize_t const count =
             recvfrom(m_fd, datagram.data(), datagram.size(), MSG_DONTWAIT, m_other, &m_length);

@@ -33,10 +33,10 @@ static_assert(std::is_base_of_v<UnixSocketBase, UnixServerSocket>);
 static_assert(!std::is_copy_constructible_v<UnixServerSocket>);
 static_assert(sizeof UnixClient::m_local_binary == 110 && sizeof UnixClient::m_peer_binary == 110);
 
-ErrorRow const IN_USE(Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE);
-ErrorRow const REFUSED(Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED);
-ErrorRow const INVALID(SysErrorId::SPOILED_INTEGRITY, EINVAL);
-ErrorRow const NO_ACCESS(SysErrorId::PERMISSION_DENIED, EACCES);
+ErrnoRow const IN_USE(Socket::ErrorId::ADDRESS_IN_USE, EADDRINUSE);
+ErrnoRow const REFUSED(Socket::ErrorId::PEER_UNREACHABLE, ECONNREFUSED);
+ErrnoRow const INVALID(SysErrorId::SPOILED_INTEGRITY, EINVAL);
+ErrnoRow const NO_ACCESS(SysErrorId::PERMISSION_DENIED, EACCES);
 
 /// A client with the name `local` for a server with the name `peer`.
 UnixClient makeClient(
@@ -98,7 +98,6 @@ TEST(UnixSocket, preparesTheAddressesOfItsNames) {
 }
 
 TEST(UnixSocket, withoutANameIsInvalidWithoutAReport) {
-    EventRecorder const events;
     Fault const sockets(inject_socket, 0);
     Fault const closes(inject_close, 0);
     for (auto const name_space : {ABSTRACT, FILESYSTEM}) {
@@ -111,7 +110,6 @@ TEST(UnixSocket, withoutANameIsInvalidWithoutAReport) {
         EXPECT_TRUE(chainIs({}));
     }
     EXPECT_EQ(0, sockets.getCalls() + closes.getCalls());
-    EXPECT_EQ("", events.getText()) << "the destructors report nothing";
 }
 
 TEST(UnixSocket, thatListensHasANameButNoPeer) {
@@ -133,18 +131,14 @@ TEST(UnixSocket, thatListensHasANameButNoPeer) {
 
 class UnixSocketAddress : public testing::TestWithParam<size_t> {};
 
-TEST_P(UnixSocketAddress, ofAPathIsCutAfter107BytesButHasTheWholeLength) {
-    std::string const path(GetParam(), 'p');
-    sockaddr_un address{};
-    EXPECT_EQ(GetParam() + 3, makeClient("", "peer").prepareAddress(address, path));
-    EXPECT_EQ(filled(pathAddress(path.substr(0, 107))), bytesOf(&address, 110));
-}
-
-TEST_P(UnixSocketAddress, ofAnAbstractNameIsCutAfter106BytesButHasTheWholeLength) {
+TEST_P(UnixSocketAddress, ofAPathIsCutAfter107BytesAndOfAnAbstractNameAfter106ButHasTheWholeLength) {
     std::string const name(GetParam(), 'n');
-    sockaddr_un address{};
-    EXPECT_EQ(GetParam() + 3, makeClient("", "peer", ABSTRACT).prepareAddress(address, name));
-    EXPECT_EQ(filled(abstractAddress(name.substr(0, 106))), bytesOf(&address, 110));
+    for (auto const name_space : {ABSTRACT, FILESYSTEM}) {
+        sockaddr_un address{};
+        EXPECT_EQ(GetParam() + 3, makeClient("", "peer", name_space).prepareAddress(address, name));
+        std::string const cut = name.substr(0, name_space == ABSTRACT ? 106 : 107);
+        EXPECT_EQ(filled(addressIn(name_space, cut)), bytesOf(&address, 110));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -266,15 +260,12 @@ TEST_F(UnixSocketFile, isKeptByAFailedConnectUntilTheSocketCloses) {
     EXPECT_FALSE(isSocketFile(m_own));
 }
 
-TEST(UnixSocket, cannotBindAnAbstractNameAgainAfterAFailedConnect) {
+TEST(UnixSocket, cannotBindAnAbstractNameAgainAfterAFailedConnectOrConnectWithoutTheNameOfAPeer) {
     UnixClient client = makeClient(makeName(), makeName(), ABSTRACT);
     EXPECT_TRUE(failsToConnect(client, REFUSED));
     EXPECT_TRUE(failsToConnect(client, INVALID));
-}
-
-TEST(UnixSocket, withoutTheNameOfAPeerCannotConnect) {
-    UnixClient client = makeClient(makeName(), "", ABSTRACT);
-    EXPECT_TRUE(failsToConnect(client, INVALID));
+    UnixClient peerless = makeClient(makeName(), "", ABSTRACT);
+    EXPECT_TRUE(failsToConnect(peerless, INVALID));
     EXPECT_EQ(0U, s_calls.connect_length);
 }
 
@@ -354,12 +345,13 @@ struct RemovalRow {
     std::optional<FileAccessErrorId::Id> on_top{};
 };
 
-std::vector<ExpectedReport> getReports(RemovalRow const& row, std::string const& path) {
-    std::vector<ExpectedReport> reports = {ErrorRow(row.cause, row.error)};
+Reports getReports(RemovalRow const& row, std::string const& path) {
+    Reports reports = ErrnoRow(row.cause, row.error);
     if (row.on_top) {
         reports.emplace_back(*row.on_top, rowText(*row.on_top, path));
     }
-    reports.emplace_back(ErrorRow(SysErrorId::SPOILED_INTEGRITY, row.error));
+    reports.emplace_back(
+        SysErrorId::SPOILED_INTEGRITY, rowText(SysErrorId::SPOILED_INTEGRITY, systemText(row.error)));
     return reports;
 }
 
@@ -398,7 +390,7 @@ INSTANTIATE_TEST_SUITE_P(
         RemovalRow{EIO, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED}),
     byName);
 
-TEST_F(UnixSocketFile, thatWasRemovedByAnotherIsReportedByClose) {
+TEST_F(UnixSocketFile, thatWasRemovedByAnotherIsReportedByCloseAndLastIfTheDescriptorCannotBeClosedEither) {
     UnixServer server(m_folder / "other", true, FILESYSTEM);
     enableListen(server);
     auto const client = connect();
@@ -408,16 +400,13 @@ TEST_F(UnixSocketFile, thatWasRemovedByAnotherIsReportedByClose) {
         RemovalRow const row{ENOENT, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH};
         EXPECT_TRUE(failed(*socket, Socket::DEAD, getReports(row, socket->getLocalPath())));
     }
-}
-
-TEST_F(UnixSocketFile, isReportedLastIfTheDescriptorCannotBeClosedEither) {
-    auto const client = connect();
-    int const fd = client->getSocketFd();
+    auto const unclosed = connect();
+    int const fd = unclosed->getSocketFd();
     Fault const closes(inject_close, EIO);
     Fault const removals(inject_unlink, EPERM);
-    EXPECT_TRUE(client->close(false));
+    EXPECT_TRUE(unclosed->close(false));
     RemovalRow const row{EPERM, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
-    EXPECT_TRUE(failed(*client, Socket::DEAD, getReports(row, m_own)));
+    EXPECT_TRUE(failed(*unclosed, Socket::DEAD, getReports(row, m_own)));
     closeForReal(fd);
 }
 
@@ -432,30 +421,23 @@ TEST_F(UnixSocketFile, withTheNameOfAnAbstractSocketIsNotRemoved) {
 
 // ---- Destruction ----
 
-class UnixSocketEnd : public UnixSocketFile {
-protected:
-    EventRecorder const m_events;
-    WithoutClosing const m_without_closing;
-};
-
-TEST_F(UnixSocketEnd, ofAnInactiveSocketRemovesItsFile) {
+TEST_F(UnixSocketFile, isRemovedByTheDestructorAndAFailureIsABrokenInvariant) {
+    WithoutClosing const without_closing;
     {
         UnixClient client = makeClient(m_own, m_folder / "none");
         EXPECT_TRUE(failsToConnect(client, {SysErrorId::SPOILED_INTEGRITY, ENOENT}));
         EXPECT_TRUE(isSocketFile(m_own));
     }
     EXPECT_FALSE(isSocketFile(m_own));
-    EXPECT_EQ("", m_events.getText());
-}
 
-TEST_F(UnixSocketEnd, thatCannotRemoveTheFileIsABrokenInvariant) {
+    EventRecorder const events;
     auto client = connect();
     ASSERT_EQ(0, unlink(m_own.c_str()));
     client.reset();
     std::string const assertion = "ASSERT framework/src/vesk/posix/UnixSocketBase ~UnixSocketBase: ";
     EXPECT_EQ(
         assertion + "this->getState() != OPEN\n" + assertion + "!has_error: error closing socket",
-        m_events.getText());
+        events.getText());
     EXPECT_TRUE(
         chainIs({SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH, SysErrorId::SPOILED_INTEGRITY}));
 }
@@ -481,7 +463,7 @@ TEST(UnixServerSocket, withAnAbstractNameOfOneLetterBindsFourBytesAndCreatesNoFi
         UnixServer server(letter, true, ABSTRACT);
         server.enableListen(1);
         if (server.hadError()) {
-            EXPECT_TRUE(causeIs(IN_USE));
+            EXPECT_TRUE(chainIs(IN_USE.reports));
             continue;
         }
         EXPECT_EQ(4U, s_calls.bind_length);
@@ -677,12 +659,27 @@ TEST_F(UnixSocketPeerName, isUpdatedOnlyWhileTheSocketIsOpen) {
     }
 }
 
-TEST_F(UnixSocketPeerName, isKeptIfThePeerHasNone) {
+TEST_F(UnixSocketPeerName, isKeptIfThePeerHasNoneOrTheCallFailsOrReturnsAnotherFamilyOrTooLittle) {
     auto& adopted = dynamic_cast<UnixSocket&>(*server);
     adopted.updatePeerAddress();
     EXPECT_EQ("", adopted.getPeerPath());
     setAnswer(pathAddress(""));
     EXPECT_EQ(m_before, update());
+    std::string address = abstractAddress("other");
+    for (size_t const length : {0U, 1U}) {
+        setAnswer(address, length);
+        EXPECT_EQ(m_before, update());
+    }
+    address[0] = AF_INET;
+    setAnswer(address);
+    EXPECT_EQ(m_before, update());
+    setAnswer(abstractAddress("other"));
+    for (int const error : {EBADF, EFAULT, EINVAL, ENOBUFS, ENOTCONN, ENOTSOCK}) {
+        Fault const fault(inject_getpeername, error);
+        EXPECT_EQ(m_before, update());
+        EXPECT_EQ(1, fault.getCalls());
+    }
+    EXPECT_EQ("other", update());
 }
 
 TEST_F(UnixSocketPeerName, isKeptIfThePeerWasNotBound) {
@@ -729,27 +726,6 @@ INSTANTIATE_TEST_SUITE_P(
         PeerNameRow{"emptyAbstractName", abstractAddress(""), 3, ""}),
     byName);
 
-TEST_F(UnixSocketPeerName, isKeptIfTheCallFails) {
-    setAnswer(abstractAddress("other"));
-    for (int const error : {EBADF, EFAULT, EINVAL, ENOBUFS, ENOTCONN, ENOTSOCK}) {
-        Fault const fault(inject_getpeername, error);
-        EXPECT_EQ(m_before, update());
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_EQ("other", update());
-}
-
-TEST_F(UnixSocketPeerName, isKeptIfTheAnswerIsOfAnotherFamilyOrTooShort) {
-    std::string address = abstractAddress("other");
-    for (size_t const length : {0U, 1U}) {
-        setAnswer(address, length);
-        EXPECT_EQ(m_before, update());
-    }
-    address[0] = AF_INET;
-    setAnswer(address);
-    EXPECT_EQ(m_before, update());
-}
-
 TEST(UnixSocket, learnsAbstractNamesWithEveryByte) {
     PlainServer const any(abstractAddress(makeName() + std::string("\0\xff\1/ \n\0", 7)));
     std::string const name = makeName() + "\xff\1/ \n\x80";
@@ -793,7 +769,7 @@ static_assert(
 
 Credentials const MINE{geteuid(), getegid(), getpid()};
 
-TEST(UnixSocketCredentials, areUnknownWithoutAConnection) {
+TEST(UnixSocketCredentials, areUnknownWithoutAConnectionAndThoseOfTheOtherEndOrItsOwnIfItListens) {
     UnixClient socket = makeClient("", makeName(), ABSTRACT);
     EXPECT_EQ(UNKNOWN, getPeer(socket));
     EXPECT_TRUE(failsToConnect(socket, REFUSED));
@@ -801,15 +777,9 @@ TEST(UnixSocketCredentials, areUnknownWithoutAConnection) {
     EXPECT_FALSE(socket.close(false));
     EXPECT_EQ(UNKNOWN, getPeer(socket)) << "without a descriptor";
     EXPECT_EQ(UNKNOWN, getPeer(UnixSocket(true, 0, 0, "", "", ABSTRACT))) << "of an invalid socket";
-}
-
-TEST(UnixSocketCredentials, areThoseOfTheProcessAtTheOtherEnd) {
     Connection const connection(Transport::ABSTRACT);
     EXPECT_EQ(MINE, getPeer(*connection.client));
     EXPECT_EQ(MINE, getPeer(*connection.server));
-}
-
-TEST(UnixSocketCredentials, ofASocketThatListensAreItsOwn) {
     SocketPtr const server = makeServer(Place(Transport::ABSTRACT));
     EXPECT_EQ(UNKNOWN, getPeer(*server));
     enableListen(*server);
@@ -831,31 +801,22 @@ protected:
     }
 };
 
-TEST_F(UnixSocketCredentialsAnswer, isUnknownIfTheCallFails) {
+TEST_F(UnixSocketCredentialsAnswer, hasIdsWithoutASignAndIsUnknownIfItFailsOrHasAnotherSizeOrNoUser) {
     for (int const error : {EBADF, EFAULT, EINVAL, ENOPROTOOPT, ENOTSOCK, ENODATA, EINTR}) {
         Fault const fault(inject_getsockopt, error);
         EXPECT_EQ(UNKNOWN, getPeer(*client));
         EXPECT_EQ(1, fault.getCalls());
         EXPECT_FALSE(client->hadError());
     }
-}
-
-TEST_F(UnixSocketCredentialsAnswer, isUnknownIfItHasAnotherSize) {
     for (socklen_t const length : {0U, 1U, 4U, 8U, 11U, 13U, 16U, 128U}) {
         EXPECT_EQ(UNKNOWN, getPeerFrom({1, 2, 3}, length)) << length;
     }
     EXPECT_EQ((Credentials{2, 3, 1}), getPeerFrom({1, 2, 3}));
-}
-
-TEST_F(UnixSocketCredentialsAnswer, hasIdsWithoutASign) {
+    EXPECT_EQ(UNKNOWN, getPeerFrom({0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)}));
     EXPECT_EQ(
         (Credentials{0xfffffffeLL, 0xffffffffLL, 0x7fffffff}),
         getPeerFrom({0x7fffffff, 0xfffffffe, 0xffffffff}));
     EXPECT_EQ((Credentials{0x80000000LL, 0x80000001LL, 1}), getPeerFrom({1, 0x80000000, 0x80000001}));
-}
-
-TEST_F(UnixSocketCredentialsAnswer, isUnknownIfThereIsNoUser) {
-    EXPECT_EQ(UNKNOWN, getPeerFrom({0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)}));
 }
 
 /// A server for a client in another process.
@@ -928,13 +889,13 @@ TEST_F(UnixSocketProcess, thatIsInvisibleHasTheId0) {
 
 // ---- A peer that is gone ----
 
-ErrorRow const BROKEN_PIPE(Socket::ErrorId::INVALID_SOCKET, EPIPE);
+ErrnoRow const BROKEN_PIPE(Socket::ErrorId::INVALID_SOCKET, EPIPE, {StreamErrorId::UNUSABLE});
 
 TEST(UnixSocket, failsToWriteToAClosedConnectionWithoutASignal) {
     Connection const connection(Transport::PATH);
     EXPECT_FALSE(closeSocket(*connection.server, false));
     EXPECT_EQ(FAILED, write(*connection.client, "x"));
-    EXPECT_TRUE(failed(*connection.client, Socket::OPEN, {BROKEN_PIPE, StreamErrorId::UNUSABLE}));
+    EXPECT_TRUE(failed(*connection.client, Socket::OPEN, BROKEN_PIPE));
 }
 
 TEST_F(UnixSocketProcess, thatIsKilledEndsTheConnectionAfterItsData) {
@@ -947,7 +908,7 @@ TEST_F(UnixSocketProcess, thatIsKilledEndsTheConnectionAfterItsData) {
     EXPECT_EQ("last words", readFrom(*accepted, 10));
     EXPECT_TRUE(isAtEnd(*accepted));
     EXPECT_EQ(FAILED, write(*accepted, "x"));
-    EXPECT_TRUE(failed(*accepted, Socket::OPEN, {BROKEN_PIPE, StreamErrorId::UNUSABLE}));
+    EXPECT_TRUE(failed(*accepted, Socket::OPEN, BROKEN_PIPE));
     EXPECT_FALSE(closeSocket(*accepted, true));
 }
 
