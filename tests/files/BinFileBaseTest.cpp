@@ -1,4 +1,4 @@
-#include "FileTests.h"
+#include "FileSteps.h"
 
 #include <tarncommon/error/ErrorApi.h>
 
@@ -26,7 +26,10 @@ public:
 
 class BinFileBaseTest : public FileTest {
 protected:
-    BinFileBaseTest() : FileTest("abc") {}
+    BinFileBaseTest() : FileTest("abc") {
+        m_steps.openBy([this](char const* path, unsigned int flags) { return open(path, OpenFlags(flags)); });
+    }
+    void run(StepList const& steps) { m_steps.run(m_file, steps); }
 
     bool open(std::string const& path, OpenFlags flags = BinFileBase::READ) {
         return m_file.open(path.c_str(), flags, FileAccess::none);
@@ -52,6 +55,7 @@ protected:
 
     File m_file;
     Pipe m_pipe;
+    Steps m_steps{m_folder, m_dir};
 };
 
 TEST_F(BinFileBaseTest, startsClosed) {
@@ -255,33 +259,23 @@ INSTANTIATE_TEST_SUITE_P(
     }));
 
 TEST_F(BinFileBaseTest, interruptedCallsAreRepeated) {
-    Calls const opens(inject_open, 4, EINTR, 3);
-    EXPECT_FALSE(open(m_path));
-    EXPECT_TRUE(m_file.isValid());
-    EXPECT_FALSE(m_file.close());
-    Calls const openats(inject_openat, 4, EINTR, 3);
-    EXPECT_FALSE(m_file.openAt(m_dir, "file", true, BinFileBase::WRITE, FileAccess::none));
-    EXPECT_TRUE(m_file.isValid());
-    Calls const truncates(inject_ftruncate, 4, EINTR, 3);
-    EXPECT_FALSE(m_file.truncateSize(1));
-    EXPECT_EQ(1, m_file.getFileInfo().getSize());
+    run(
+        {"fail open EINTR 3", "open file read", "calls open 4", "valid", "close", "fail openat EINTR 3",
+         "at file", "calls openat 4", "valid", "open file write", "fail truncate EINTR 3", "truncate 1",
+         "calls truncate 4", "content file a"});
 }
 
 TEST_F(BinFileBaseTest, pathThatTheSystemDoesNotOpenIsReported) {
-    auto const expect = [this](std::string const& path, OpenFlags flags, int error) {
-        EXPECT_TRUE(m_file.open(path.c_str(), flags, BinFileBase::DEFAULT_ACCESS)) << path;
-        EXPECT_TRUE(openFailureIs(SysErrorId::INVALID_PATH, error, FileAccessErrorId::BAD_PATH, path));
-        EXPECT_FALSE(m_file.isValid()) << path;
-    };
-    expect(m_missing, BinFileBase::READ, ENOENT);
-    expect(m_path + "/below", BinFileBase::READ, ENOTDIR);
-    expect(m_folder.getPath(), BinFileBase::WRITE, EISDIR);
-    expect(m_folder / std::string(256, 'n'), BinFileBase::READ, ENAMETOOLONG);
-    expect(m_folder.makeLink("loop", "loop"), BinFileBase::READ, ELOOP);
-    std::string const fifo = m_folder / "fifo";
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    EXPECT_TRUE(open(fifo, BinFileBase::WRITE | BinFileBase::NON_BLOCK));
-    EXPECT_TRUE(openFailureIs(SysErrorId::NO_DEVICE, ENXIO, FileAccessErrorId::NO_DEVICE, fifo));
+    m_folder.makeLink("loop", "loop");
+    run(
+        {"open missing read FAILS INVALID_PATH ENOENT BAD_PATH", "invalid",
+         "open file/below read FAILS INVALID_PATH ENOTDIR BAD_PATH", "invalid",
+         "open . write FAILS INVALID_PATH EISDIR BAD_PATH", "invalid",
+         "open " + std::string(256, 'n') + " read FAILS INVALID_PATH ENAMETOOLONG BAD_PATH", "invalid",
+         "open loop read FAILS INVALID_PATH ELOOP BAD_PATH", "invalid"});
+    ASSERT_EQ(0, mkfifo(m_missing.c_str(), 0600));
+    EXPECT_TRUE(open(m_missing, BinFileBase::WRITE | BinFileBase::NON_BLOCK));
+    EXPECT_TRUE(openFailureIs(SysErrorId::NO_DEVICE, ENXIO, FileAccessErrorId::NO_DEVICE, m_missing));
     EXPECT_FALSE(m_file.isValid());
 }
 
@@ -368,12 +362,9 @@ TEST_F(BinFileBaseTest, nameThatIsNoEntryAndInvalidDirectoryAreRefusedWithTheTex
 
 TEST_F(BinFileBaseTest, symbolicLinkIsFollowedOnlyIfRequested) {
     m_folder.makeLink("link", "file");
-    EXPECT_TRUE(openAt("link", false));
-    EXPECT_TRUE(openFailureIs(SysErrorId::INVALID_PATH, ELOOP, FileAccessErrorId::BAD_PATH, "link"));
-    EXPECT_FALSE(openAt("link", true));
+    run({"at link nofollow FAILS INVALID_PATH ELOOP BAD_PATH", "at link"});
     EXPECT_EQ(3, m_file.getFileInfo().getSize());
-    EXPECT_FALSE(m_file.close());
-    EXPECT_FALSE(openAt("file", false));
+    run({"close", "at file nofollow"});
 }
 
 TEST_F(BinFileBaseTest, openAtOverwritesTheDescriptorAndKeepsThePreviousError) {
@@ -591,7 +582,6 @@ TEST_F(BinFileBaseTest, destructorClosesTheFileSilentlyWithoutTheCloseOfTheDeriv
 
 TEST_F(BinFileBaseTest, destructorReportsAFailureOnlyOnStandardError) {
     CapturedErrors const errors;
-    EventRecorder const events;
     auto* const file = new BinFileBase;
     EXPECT_FALSE(file->open("/dev/null", BinFileBase::READ, FileAccess::none));
     int const fd = file->getDescriptor();
@@ -602,7 +592,6 @@ TEST_F(BinFileBaseTest, destructorReportsAFailureOnlyOnStandardError) {
     EXPECT_NE(std::string::npos, reasons.find(systemText(EIO)));
     EXPECT_EQ("~BinFileBase|Warning: Error closing BinFile: " + reasons + "\n", errors.str());
     EXPECT_LE(1, errors.syncs);
-    EXPECT_EQ("", events.getText());
     close(fd);
 }
 

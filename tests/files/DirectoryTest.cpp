@@ -1,4 +1,5 @@
 #include "support/AllocationCounter.h"
+#include "support/CleanEnd.h"
 #include "support/Descriptors.h"
 #include "support/ErrnoCases.h"
 #include "support/EventRecorder.h"
@@ -185,7 +186,6 @@ TEST_F(DirectoryTest, openDirectoryIsAtItsFirstEntryAndShowsItsHandle) {
     struct stat of_handle;
     ASSERT_EQ(0, fstat(handle.fd, &of_handle));
     EXPECT_EQ(bare.st_ino, of_handle.st_ino);
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(DirectoryTest, entriesAreListedInTheSystemsOrderWithHiddenOnes) {
@@ -202,7 +202,6 @@ TEST_F(DirectoryTest, entriesAreListedInTheSystemsOrderWithHiddenOnes) {
     EXPECT_EQ(listBare(m_folder.getPath()), listed);
     EXPECT_EQ(names.size(), listed.size());
     EXPECT_EQ(names, std::set<std::string>(listed.begin(), listed.end()));
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(DirectoryTest, nextReturnsOneBehindDotAndDotDotOfAnEmptyDirectory) {
@@ -214,7 +213,6 @@ TEST_F(DirectoryTest, nextReturnsOneBehindDotAndDotDotOfAnEmptyDirectory) {
     EXPECT_EQ((std::set<std::string>{".", ".."}), names);
     EXPECT_EQ(1, directory.next());
     EXPECT_EQ(State::AT_END, stateOf(directory));
-    EXPECT_TRUE(chainIs({})) << "an end is no failure";
 }
 
 TEST_F(DirectoryTest, nextAtTheEndReadsAgainAndIgnoresAnEarlierErrno) {
@@ -227,7 +225,6 @@ TEST_F(DirectoryTest, nextAtTheEndReadsAgainAndIgnoresAnEarlierErrno) {
     EXPECT_EQ(2, calls.getCalls());
     EXPECT_EQ(last, directory.curName());
     EXPECT_TRUE(directory.atEnd());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(DirectoryTest, processesAreFoundInProc) {
@@ -378,35 +375,21 @@ TEST_F(DirectoryTest, processOutOfDescriptorsCannotOpenADirectory) {
     });
 }
 
-class DirectoryOpenRows : public DirectoryTest, public testing::WithParamInterface<ErrnoCase> {
-protected:
-    void expectReports(Injected& function, int closed) {
-        expectFailedOpen(function, GetParam().error, closed, State::INVALID, [&] { return openFolder(); });
+class DirectoryOpenRows : public DirectoryTest, public testing::WithParamInterface<ErrnoCase> {};
+
+TEST_P(DirectoryOpenRows, failureToOpenOrToMakeAStreamIsReported) {
+    Directory const parent = openFolder();
+    for (bool const opens : {true, false}) {
+        int const closed = opens ? 0 : 1;
+        expectFailedOpen(
+            opens ? inject_open : inject_fdopendir, GetParam().error, closed, State::INVALID,
+            [&] { return openFolder(); });
         EXPECT_TRUE(GetParam().isPending(m_folder.getPath()));
-    }
-    void expectReportsOfEntry(Injected& function, int closed) {
-        Directory const parent = openFolder();
-        expectFailedOpen(function, GetParam().error, closed, State::INVALID, [&] {
-            return Directory(parent, ".", true, false);
-        });
+        expectFailedOpen(
+            opens ? inject_openat : inject_fdopendir, GetParam().error, closed, State::INVALID,
+            [&] { return Directory(parent, ".", true, false); });
         EXPECT_TRUE(GetParam().isPending("."));
     }
-};
-
-TEST_P(DirectoryOpenRows, failureToOpenAPathIsReported) {
-    expectReports(inject_open, 0);
-}
-
-TEST_P(DirectoryOpenRows, failureToMakeAStreamOfAPathIsReported) {
-    expectReports(inject_fdopendir, 1);
-}
-
-TEST_P(DirectoryOpenRows, failureToOpenAnEntryIsReported) {
-    expectReportsOfEntry(inject_openat, 0);
-}
-
-TEST_P(DirectoryOpenRows, failureToMakeAStreamOfAnEntryIsReported) {
-    expectReportsOfEntry(inject_fdopendir, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -437,6 +420,7 @@ TEST_F(DirectoryTest, failedCloseOfAFileThatIsNoDirectoryEndsTheProcess) {
         EXPECT_EQ(0, close(descriptor));
     }
     ChildEnd const end = runInChild([&path] {
+        std::GlobalErrorHandler::setHook(nullptr);
         Fault const fault(inject_close, EIO);
         Directory const directory(path, false);
     });
@@ -459,7 +443,6 @@ TEST_F(DirectoryTest, entryIsOpenedByItsName) {
     EXPECT_TRUE(Directory(parent, "..", false, false).isValid());
     m_folder.makeLink("link", "folder");
     EXPECT_TRUE(Directory(parent, "link", true, false).isValid());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(DirectoryTest, entryOfARenamedParentAtItsEndIsOpened) {
@@ -511,7 +494,6 @@ TEST_F(DirectoryTest, descriptorIsTakenOver) {
         EXPECT_TRUE(isOpen(fd));
     }
     EXPECT_FALSE(isOpen(fd));
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(DirectoryTest, descriptorOfNoDirectoryIsReportedAndStaysOpen) {
@@ -634,7 +616,6 @@ TEST_F(DirectoryTest, currentEntryIsDescribed) {
         EXPECT_EQ(5, info.getSize());
         EXPECT_EQ(0, memcmp(&bare, &info.getStat(), sizeof bare));
     }
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(DirectoryTest, linkOrItsTargetIsDescribed) {
@@ -693,7 +674,6 @@ TEST_F(DirectoryTest, currentEntryIsOpened) {
         }
     }
     EXPECT_STREQ("folder", directory.curName());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(DirectoryTest, curDirFollowsLinksUnlessItsTwoArgumentsRefuseThem) {
@@ -876,12 +856,9 @@ TEST_F(DirectoryTest, directoryThatCouldNotBeOpenedClosesNothing) {
 }
 
 TEST_F(DirectoryTest, interruptedCloseIsRepeated) {
-    EventRecorder const events;
     Fault const calls(inject_closedir, EINTR, 1, 3);
     openFolder();
     EXPECT_EQ(4, calls.getCalls());
-    EXPECT_EQ("", events.getText());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(DirectoryTest, failedCloseIsAWarningAndLeavesNothingPending) {

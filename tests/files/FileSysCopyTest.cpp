@@ -1,3 +1,4 @@
+#include "support/CleanEnd.h"
 #include "support/ErrnoCases.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
@@ -98,7 +99,6 @@ TEST_P(FileSysCopySizes, everyByteIsCopied) {
     EXPECT_FALSE(copy(buffer_size, own_buffer ? nullptr : buffer.data()));
     expectCopied(content);
     EXPECT_TRUE(content == contentOf(m_source));
-    EXPECT_TRUE(chainIs({})) << "the end of the source is acknowledged";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -200,7 +200,6 @@ TEST_P(FileSysCopyWithoutPath, failsWithoutAReport) {
     EXPECT_TRUE(FileSys::copy(none, m_destination, 16, nullptr));
     EXPECT_EQ(NOTHING, contentOf(m_destination));
     EXPECT_TRUE(FileSys::copy(m_source, none, 16, nullptr));
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, FileSysCopyWithoutPath, testing::Values("", static_cast<char const*>(nullptr)));
@@ -259,6 +258,7 @@ class FileSysCopyEnd : public FileSysCopyTest, public testing::WithParamInterfac
 TEST_P(FileSysCopyEnd, failureEndsTheProcess) {
     makeSource("content");
     ChildEnd const end = runInChild([&] {
+        std::GlobalErrorHandler::setHook(nullptr);
         Fault const fault(*GetParam().call, EIO, GetParam().nth);
         copy(16);
         ADD_FAILURE() << "the process goes on";

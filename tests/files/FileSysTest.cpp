@@ -1,5 +1,6 @@
+#include "support/CleanEnd.h"
 #include "support/ErrnoCases.h"
-#include "support/Inject.h"
+#include "support/InjectNoting.h"
 #include "support/NamedRow.h"
 #include "support/Privileges.h"
 #include "support/TempFolder.h"
@@ -45,16 +46,7 @@ VESK_INJECT_ERRNO(int, -1, chown, (char const* path, uid_t user, gid_t group), (
 static size_t s_readlink_size = 0;
 static mode_t s_chmod_mode = 0;
 
-support::Injected inject_chmod("chmod");
-extern "C" VESK_UNWATCHED int chmod(char const* path, mode_t mode) {
-    s_chmod_mode = mode;
-    int error = 0;
-    if (inject_chmod.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return reinterpret_cast<int (*)(char const*, mode_t)>(inject_chmod.getReal())(path, mode);
-}
+VESK_INJECT_NOTING(int, -1, chmod, (char const* path, mode_t mode), (path, mode), s_chmod_mode = mode)
 
 /// The error that pretends a link with the target "x".
 constexpr int PRETEND_LINK = -1;
@@ -336,7 +328,6 @@ TEST(FileSysMaxComponentLength, callIsRepeatedAfterAnyNumberOfInterruptions) {
         EXPECT_EQ(MANY + 1, fault.getCalls());
     }
     EXPECT_NE(0U, length);
-    EXPECT_TRUE(chainIs({}));
 }
 
 class FileSysExistsAnswers : public testing::TestWithParam<std::pair<int, int>> {};
@@ -347,7 +338,6 @@ TEST_P(FileSysExistsAnswers, isReturnedAndNothingIsReported) {
     Fault const link_fault(inject_lstat, error);
     EXPECT_EQ(result, FileSys::exists("/some/path", true));
     EXPECT_EQ(result, FileSys::exists("/some/path", false));
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -559,7 +549,6 @@ TEST_P(FileSysExists, answersForLinksAndTheirTargets) {
     EXPECT_EQ(GetParam().if_followed, FileSys::exists(path.c_str(), true));
     EXPECT_TRUE(GetParam().if_followed == -1 ? badPath(ELOOP).isPending(path) : chainIs({}));
     EXPECT_EQ(GetParam().if_not_followed, FileSys::exists(path.c_str(), false));
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -614,7 +603,6 @@ TEST_F(FileSysTest, movedFileKeepsItsContentAndReplacesAnother) {
     EXPECT_FALSE(FileSys::move(one.c_str(), other.c_str()));
     EXPECT_EQ("1", contentOf(other));
     EXPECT_FALSE(exists(one));
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(FileSysTest, directoryIsMovedWithItsContent) {
@@ -644,6 +632,7 @@ TEST_P(FileSysRefusals, areReportedAndChangeNothing) {
     bool const existed = exists(path);
     expectRefusal(GetParam().operation, GetParam().reports, path);
     EXPECT_EQ(existed, exists(path));
+    std::ErrorStorage::ack(); // A name that is too long is too long for this question, too.
     EXPECT_EQ("x", contentOf(at("file")));
 }
 
@@ -791,7 +780,6 @@ TEST_F(FileSysTest, createdLinkHoldsItsTargetEvenIfItIsMissing) {
     EXPECT_EQ(strlen("no/such/file"), size);
     EXPECT_STREQ("no/such/file", buffer);
     EXPECT_EQ('#', buffer[size + 1]) << "behind the NUL nothing is changed";
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(FileSysTest, emptyTargetIsABadPathOfTheLink) {
@@ -810,7 +798,6 @@ TEST_P(FileSysReadLink, cutsTheTargetToTheBufferWithoutAReport) {
     EXPECT_EQ(7U, size);
     EXPECT_STREQ("1234567", buffer);
     EXPECT_EQ('#', buffer[8]) << "behind the buffer nothing is changed";
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, FileSysReadLink, testing::Values("12345678901234567890", "1234567"));
@@ -853,7 +840,6 @@ TEST_F(FileSysTest, accessIsSetAsGiven) {
     EXPECT_EQ(0U, accessOf(path));
     EXPECT_FALSE(FileSys::changeAccess(path.c_str(), FileAccess::mask));
     EXPECT_EQ(07777U, accessOf(path));
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(FileSysTest, onlyTheBitsOfTheMaskReachTheSystem) {
@@ -895,7 +881,6 @@ TEST_F(FileSysOwnerTest, idsAreSetWithoutALookUp) {
     EXPECT_FALSE(change(User(4711LL), Group(4712LL)));
     expectOwner(4711, 4712);
     EXPECT_EQ(0, counted.getCalls());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(FileSysOwnerTest, nameIsLookedUpOnceAndItsIdKept) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/Chain.h"
+#include "support/CleanEnd.h"
 #include "support/EventRecorder.h"
 #include "support/Privileges.h"
 #include "support/TempFolder.h"
@@ -100,37 +101,51 @@ inline testing::AssertionResult hasNoError(BinFileBase const& file) {
     return file.hadError() ? testing::AssertionFailure() << "hadError() returns true" : result;
 }
 
-/// Checks the reports of a failed file: the cause with the system's text, and possibly one of the stream on top.
-inline testing::AssertionResult hasFailed(
-    BinFileBase const& file, SysErrorId::Id cause, int error, std::optional<StreamErrorId> on_top = {}) {
+/// Reports of a failed operation: the cause with the system's text, and possibly one of the stream on top.
+inline std::vector<ExpectedReport>
+failure(SysErrorId::Id cause, int error, std::optional<StreamErrorId> on_top = {}) {
     std::vector<ExpectedReport> reports{causedBy(cause, error)};
     if (on_top) {
         reports.emplace_back(*on_top);
     }
-    return hasFailed(file, reports);
+    return reports;
 }
 
-inline testing::AssertionResult hasFullDisk(BinFileBase const& file) {
-    return hasFailed(file, SysErrorId::NO_SPACE, ENOSPC, StreamErrorId::TRANSFER_FAILED);
-}
-
-/// Checks the reports of an `attempt` ("read", "write", "flush") on a closed file.
-inline testing::AssertionResult isClosedFor(BinFileBase const& file, std::string const& attempt) {
+/// Reports of an `attempt` ("read", "write", "flush") on a closed file.
+inline std::vector<ExpectedReport> closedFor(std::string const& attempt) {
     std::string const text = "attempted " + attempt + " on invalid file object";
-    return hasFailed(
-        file,
-        {{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)},
-         {StreamErrorId::UNUSABLE}});
+    return {
+        {CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)},
+        {StreamErrorId::UNUSABLE}};
 }
 
-/// Checks the reports of a failed `open`: the cause with the system's text, and its meaning for the path on top.
+inline std::vector<ExpectedReport> const FULL_DISK =
+    failure(SysErrorId::NO_SPACE, ENOSPC, StreamErrorId::TRANSFER_FAILED);
+inline std::vector<ExpectedReport> const AT_END = {StreamErrorId::END_OF_STREAM};
+
+inline testing::AssertionResult hasFailed(
+    BinFileBase const& file, SysErrorId::Id cause, int error, std::optional<StreamErrorId> on_top = {}) {
+    return hasFailed(file, failure(cause, error, on_top));
+}
+
+/// Reports of a failed `open`: the cause with the system's text, and its meaning for the path on top.
+inline std::vector<ExpectedReport>
+openFailure(SysErrorId::Id cause, int error, FileAccessErrorId::Id on_top, std::string const& path) {
+    return {causedBy(cause, error), {on_top, rowText(on_top, path)}};
+}
+
+/// Reports of a failed `open` of a path that does not name what the operation needs.
+inline std::vector<ExpectedReport> badPath(int error, std::string const& path) {
+    return openFailure(SysErrorId::INVALID_PATH, error, FileAccessErrorId::BAD_PATH, path);
+}
+
 inline testing::AssertionResult
 openFailureIs(SysErrorId::Id cause, int error, FileAccessErrorId::Id on_top, std::string const& path) {
-    return chainIs({causedBy(cause, error), {on_top, rowText(on_top, path)}});
+    return chainIs(openFailure(cause, error, on_top, path));
 }
 
 inline testing::AssertionResult isMissing(std::string const& path) {
-    return openFailureIs(SysErrorId::INVALID_PATH, ENOENT, FileAccessErrorId::BAD_PATH, path);
+    return chainIs(badPath(ENOENT, path));
 }
 
 inline testing::AssertionResult contractIsBroken(std::string const& text) {
@@ -224,12 +239,12 @@ runWithMount(std::string const& mount_point, char const* options, std::function<
     return end.exit_code != NO_RIGHT;
 }
 
-/// A file in a folder of its own. At the end of a test, no report must be pending.
+/// A file in a folder of its own.
 class FileTest : public testing::Test {
 protected:
     explicit FileTest(std::string const& content = "0123456789abcdef")
         : m_path(m_folder.makeFile("file", content)), m_dir(m_folder.getPath(), true) {}
-    void TearDown() override { EXPECT_TRUE(chainIs({})) << "at the end of the test"; }
+    ~FileTest() override { s_file_calls = {}; }
 
     TempFolder m_folder;
     std::string m_path;

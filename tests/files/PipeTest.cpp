@@ -33,7 +33,6 @@ TEST(Pipe, carriesBytesFromItsWriteEndToItsReadEnd) {
 class PipeCreation : public testing::TestWithParam<ErrnoRow<>> {};
 
 TEST_P(PipeCreation, failureLeavesBothEndsClosed) {
-    EventRecorder const events;
     {
         Calls const calls(inject_pipe, 1, GetParam().error);
         Pipe pipe;
@@ -43,8 +42,6 @@ TEST_P(PipeCreation, failureLeavesBothEndsClosed) {
         EXPECT_FALSE(pipe.closeReadEnd());
         EXPECT_FALSE(pipe.closeWriteEnd());
     }
-    EXPECT_EQ("", events.getText()) << "it is destroyed without a warning";
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -159,7 +156,6 @@ TEST(Pipe, destructorAcknowledgesBeforeTheWarningOfTheReadEndAndAfterThatOfTheWr
     EXPECT_FALSE(warnings[0].pending);
     EXPECT_EQ("framework/src/vesk/posix/Pipe ~Pipe: Couldn't close unused pipe write end", warnings[1].text);
     EXPECT_TRUE(warnings[1].pending);
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(Pipe, closedEndIsTheEndForTheReaderAndABrokenPipeForTheWriter) {

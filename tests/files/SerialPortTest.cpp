@@ -20,20 +20,9 @@ VESK_INJECT_ERRNO(int, -1, cfsetospeed, (termios * line, speed_t speed), (line, 
 VESK_INJECT_ERRNO(int, -1, cfsetispeed, (termios * line, speed_t speed), (line, speed))
 VESK_INJECT_ERRNO(int, -1, tcdrain, (int fd), (fd))
 
-support::Injected inject_tcsetattr("tcsetattr");
-extern "C" VESK_UNWATCHED int tcsetattr(int fd, int action, termios const* line) {
-    int error = 0;
-    if (inject_tcsetattr.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    s_set = *line;
-    s_set_action = action;
-    if (s_only_records) {
-        return 0;
-    }
-    return reinterpret_cast<int (*)(int, int, termios const*)>(inject_tcsetattr.getReal())(fd, action, line);
-}
+VESK_INJECT_NOTING(
+    int, -1, tcsetattr, (int fd, int action, termios const* line), (fd, action, line), s_set = *line;
+    s_set_action = action; if (s_only_records) { return 0; })
 
 namespace {
 
@@ -103,10 +92,7 @@ private:
 
 class SerialPortTest : public FileTest {
 protected:
-    void TearDown() override {
-        s_only_records = false;
-        FileTest::TearDown();
-    }
+    void TearDown() override { s_only_records = false; }
 
     /// Checks that `open` has failed to configure the line, and its reports after those of `before`.
     testing::AssertionResult isRefused(int error, std::vector<ExpectedReport> before = {}) const {
@@ -502,7 +488,7 @@ TEST_F(OpenSerialPort, flushDrainsTheLineAndSynchronizesNothing) {
 TEST_F(OpenSerialPort, interruptedFlushIsRepeated) {
     Calls const calls(inject_tcdrain, 4, EINTR, 3);
     EXPECT_FALSE(m_port.flush(false));
-    EXPECT_TRUE(hasNoError(m_port));
+    EXPECT_FALSE(m_port.hadError());
 }
 
 class SerialPortFlushRows : public OpenSerialPort, public testing::WithParamInterface<int> {};
@@ -520,7 +506,7 @@ INSTANTIATE_TEST_SUITE_P(All, SerialPortFlushRows, testing::Values(EIO, EBADF, E
 
 TEST_F(SerialPortTest, closedPortCannotBeFlushedButClosedAgain) {
     EXPECT_TRUE(m_port.flush(false));
-    EXPECT_TRUE(isClosedFor(m_port, "flush"));
+    EXPECT_TRUE(hasFailed(m_port, closedFor("flush")));
     EXPECT_FALSE(m_port.close());
 }
 
@@ -546,9 +532,7 @@ TEST_F(SerialPortDestructor, drainsAndClosesOnlyAnOpenPort) {
     Calls const closed(inject_close, 1);
     EXPECT_EQ("", destroy("abc"));
     EXPECT_EQ("abc", m_terminal.receive(3));
-    EventRecorder const events;
     { SerialPort const port(m_terminal.getPath()); }
-    EXPECT_EQ("", events.getText());
 }
 
 TEST_F(SerialPortDestructor, warnsAboutAFailedFlushOrClose) {

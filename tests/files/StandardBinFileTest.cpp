@@ -40,10 +40,7 @@ template <typename File>
 class StandardChannel : public FileTest {
 protected:
     void SetUp() override { ASSERT_TRUE(isOpen(DESCRIPTOR<File>)); }
-    void TearDown() override {
-        EXPECT_TRUE(isOpen(DESCRIPTOR<File>));
-        FileTest::TearDown();
-    }
+    void TearDown() override { EXPECT_TRUE(isOpen(DESCRIPTOR<File>)); }
 };
 
 using Channels = testing::Types<StdinBinFile, StdoutBinFile, StderrBinFile>;

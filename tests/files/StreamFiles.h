@@ -1,6 +1,6 @@
 #pragma once
 
-#include "FileTests.h"
+#include "FileSteps.h"
 #include "support/AllocationCounter.h"
 #include "support/NewFault.h"
 
@@ -96,7 +96,38 @@ public:
 template <typename Stream>
 class StreamTest : public FileTest {
 protected:
-    explicit StreamTest(StreamClass tested) : m_class(std::move(tested)) {}
+    explicit StreamTest(StreamClass tested) : m_class(std::move(tested)) {
+        auto& verbs = m_steps.verbs;
+        verbs["ahead"] = Steps::check([this](Words const& words) {
+            EXPECT_EQ(words.count(1), Reading::getReadAhead(dynamic_cast<IBinInputStream&>(*m_file)));
+        });
+        verbs["buffered"] = Steps::check([this](Words const& words) {
+            EXPECT_EQ(words.count(1), Writing::getBuffered(dynamic_cast<IBinOutputStream&>(*m_file)));
+        });
+        verbs["blocks"] = Steps::check([this](Words const&) { EXPECT_TRUE(blocks()); });
+        verbs["nonblocking"] = Steps::check([this](Words const&) { EXPECT_FALSE(blocks()); });
+        verbs["offset"] =
+            Steps::check([](Words const& words) { EXPECT_EQ(words.number(1), s_file_calls.seek_offset); });
+    }
+
+    bool blocks() const { return Reading::getBlocking(dynamic_cast<IBinStreamBase&>(*m_file)); }
+
+    /// Performs steps on a file of the class. They may also check the buffers ("ahead SIZE", "buffered SIZE"), the
+    /// mode ("blocks", "nonblocking") and the last offset of the system ("offset OFFSET").
+    void runOn(Stream& file, StepList const& steps) {
+        m_file = &file;
+        m_steps.openBy([this, &file](char const* path, unsigned int flags) {
+            return m_class.open(file, path, m_class.direction | flags, BinFileBase::DEFAULT_ACCESS);
+        });
+        m_steps.run(file, steps);
+    }
+
+    /// Performs steps on a new file. Returns it.
+    Stream& run(unsigned int buffer_size, StepList const& steps) {
+        Stream& file = make(buffer_size);
+        runOn(file, steps);
+        return file;
+    }
 
     /// Returns a closed file.
     Stream& make(unsigned int buffer_size = 0) {
@@ -117,6 +148,8 @@ protected:
 
     StreamClass m_class;
     std::vector<std::unique_ptr<StreamBinFileBase>> m_files;
+    Stream* m_file = nullptr; ///< The file of the steps.
+    Steps m_steps{m_folder, m_dir};
 };
 
 template <typename Stream>

@@ -1,5 +1,6 @@
 #include "Conversions.h"
 #include "support/Chain.h"
+#include "support/CleanEnd.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Locales.h"
@@ -83,14 +84,11 @@ TEST(WidePath, ofATextIsValid) {
 }
 
 TEST(WidePath, ofAnEmptyTextIsEmptyAndNotValid) {
-    EventRecorder const events;
     Conversions const conversions;
     expectPath(L"", false, UnicodeString(""));
     expectPath(L"", false, WidePath("", 0));
     expectPath(L"", false, WidePath("", 5));
     EXPECT_EQ(3U, conversions.getPasses().size());
-    EXPECT_EQ(0U, events.getCount());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(WidePath, ofAMalformedTextIsEmptyAndNotValid) {
@@ -339,21 +337,17 @@ TYPED_TEST(PathForms, canonicalFormHasNoLinksAndNoDots) {
     this->expectCanonical(file, this->getPath() + "/link/around");
     this->expectCanonical(this->getPath(), ".");
     this->expectCanonical("/", "/..");
-    EXPECT_TRUE(chainIs({}));
 }
 
 TYPED_TEST(PathForms, canonicalFormOfAMissingPathIsEmptyWithErrno) {
     this->m_folder.makeFile("file");
     this->m_folder.makeLink("loop", "loop");
-    EventRecorder const events;
     for (auto const& [path, error] :
          {std::pair("missing", ENOENT), std::pair("", ENOENT), std::pair("missing/..", ENOENT),
           std::pair("file/x", ENOTDIR), std::pair("loop", ELOOP)}) {
         this->expectCanonical("", path);
         EXPECT_EQ(error, errno) << path;
     }
-    EXPECT_EQ(0U, events.getCount());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TYPED_TEST(PathForms, failureToCanonicalizeKeepsPendingReports) {
