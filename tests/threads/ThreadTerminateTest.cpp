@@ -199,26 +199,20 @@ TEST_F(ThreadTerminate, cancellationInSuspendLeavesTheLockFree) {
     }
 }
 
-TEST_F(ThreadTerminate, suspendOfATerminatedThreadIsCanceledAndLeavesTheStateDead) {
-    StartedThread thread([this] {
-        SetAtEnd const end(m_left);
-        EXPECT_FALSE(self().terminate());
-        self().suspend(0);
-        ADD_FAILURE() << "not canceled";
-    });
-    EXPECT_TRUE(m_left.wait());
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-}
-
-TEST_F(ThreadTerminate, suspendOfATerminatedThreadThatRefusesCancellationDoesNotWait) {
-    StartedThread thread([this] {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        EXPECT_FALSE(self().terminate());
-        EXPECT_FALSE(self().suspend(0));
-        m_left.set();
-    });
-    EXPECT_TRUE(m_left.wait());
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
+TEST_F(ThreadTerminate, suspendOfATerminatedThreadIsCanceledOrDoesNotWaitAndLeavesTheStateDead) {
+    for (bool const cancelable : {true, false}) {
+        Event left;
+        StartedThread thread([&] {
+            SetAtEnd const end(left);
+            pthread_setcancelstate(cancelable ? PTHREAD_CANCEL_ENABLE : PTHREAD_CANCEL_DISABLE, nullptr);
+            EXPECT_FALSE(self().terminate());
+            EXPECT_FALSE(self().suspend(0));
+            EXPECT_FALSE(cancelable) << "not canceled";
+        });
+        EXPECT_TRUE(left.wait());
+        waitForTheEnd();
+        EXPECT_EQ(Thread::DEAD, thread.getThreadState());
+    }
 }
 
 TEST_F(ThreadTerminate, cancellationBeforeTheStartWaitsForTheBody) {
