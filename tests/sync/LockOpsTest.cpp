@@ -276,7 +276,7 @@ TEST(MutexOpsInit, recursiveLockIsFreeAfterAsManyUnlocksAndInheritsPriorityOnlyI
     pthread_mutex_t mutex;
     Fault const protocol(inject_pthread_mutexattr_setprotocol, 0);
     for (int const wanted : {0, 1}) {
-        ASSERT_FALSE(MutexOps::init(&mutex, true, wanted == 1, true));
+        ASSERT_FALSE(MutexOps::init(&mutex, true, wanted == 1, wanted == 1));
         EXPECT_EQ(wanted, protocol.getCalls());
         EXPECT_EQ(0, pthread_mutex_lock(&mutex));
         EXPECT_EQ(0, pthread_mutex_trylock(&mutex));

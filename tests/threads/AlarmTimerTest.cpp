@@ -283,7 +283,7 @@ TEST_F(AlarmTimer, engineWithoutAlarmsCountsAsArmedForAFarTimeUntilItHasLostAnAl
     EXPECT_EQ(1U, m_timers.take().size());
     Engine idle(SIGNAL + 1, "Idle", vesk::sched::Attr());
     Engine::ring(&idle);
-    EXPECT_EQ(Spans(), m_timers.take());
+    m_timers.take();
     EXPECT_EQ(Rung(), m_rung);
     Engine other(SIGNAL + 2, "Other", vesk::sched::Attr());
     other.remove(&m_b.alarm);
