@@ -1,7 +1,9 @@
 #include "support/Child.h"
+#include "support/CleanEnd.h"
 #include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
+#include "support/FailOnce.h"
 #include "support/Processes.h"
+#include "support/RunInThreads.h"
 #include "sync/LockSupport.h"
 
 #include <tarncommon/error/ErrorStorage.h>
@@ -64,24 +66,18 @@ namespace SysErrorId = vesk::SysErrorId;
 
 // ---- the families ----
 
-TEST(Mutex, rowsHaveTheirTexts) {
+TEST(LockFamilies, rowsHaveTheirTexts) {
     expectRows(
         Mutex::Error,
         {"Mutex creation failed: %s", "Mutex lock failed: %s", "Mutex unlock failed: %s",
          "Mutex inconsistency detected: %s"},
         1);
-}
-
-TEST(RWLock, rowsHaveTheirTexts) {
     expectRows(
         RWLock::Error,
         {"Failed to create rwlock: %s", "Deadlock has been detected: %s",
          "Maximum lock count has been reached: %s", "Locking for read failed: %s",
          "Locking for write failed: %s", "Unlocking failed: %s"},
         1);
-}
-
-TEST(SpinLock, rowsHaveTheirTexts) {
     expectRows(
         SpinLock::Error,
         {"SpinLock creation failed: %s", "SpinLock lock failed: %s", "SpinLock unlock failed: %s",
@@ -95,13 +91,6 @@ TEST(ShmMutex, familyIsThatOfMutex) {
     EXPECT_EQ(&SpinLock::Error, &ShmSpinLock::Error);
 }
 
-TEST(Mutex, familyDerivesFromTheSystemFamily) {
-    Mutex mutex;
-    ASSERT_TRUE(mutex.unlock());
-    EXPECT_TRUE(std::ErrorStorage::isA(vesk::SysError));
-    EXPECT_TRUE(std::ErrorStorage::isA(Mutex::Error));
-}
-
 // ---- every lock ----
 
 template <typename Lock>
@@ -110,25 +99,15 @@ class Locks : public testing::Test {};
 using AllLocks = testing::Types<Mutex, ShmMutex, RWLock, ShmRWLock, SpinLock, ShmSpinLock>;
 TYPED_TEST_SUITE(Locks, AllLocks, LockName);
 
-TYPED_TEST(Locks, lockAndUnlockWithoutAReport) {
+TYPED_TEST(Locks, areBusyForATryWhileTheyAreHeld) {
     TypeParam const lock;
     for (int round = 0; round < 2; ++round) {
-        EXPECT_FALSE(lockForWrite(lock));
-        EXPECT_FALSE(lock.unlock());
-    }
-    EXPECT_TRUE(chainIs({}));
-}
-
-TYPED_TEST(Locks, areBusyForATryWhileTheyAreHeld) {
-    if constexpr (!std::is_same_v<TypeParam, Mutex>) {
-        TypeParam const lock;
         ASSERT_FALSE(lockForWrite(lock));
-        std::thread([&lock] {
-            EXPECT_EQ(1, tryForWrite(lock));
-            EXPECT_TRUE(chainIs({})) << "busy is no failure";
-        }).join();
-        EXPECT_FALSE(lock.unlock());
-        EXPECT_EQ(0, tryForWrite(lock));
+        if constexpr (!std::is_same_v<TypeParam, Mutex>) {
+            std::thread([&lock] { EXPECT_TRUE(tryForWrite(lock) == 1 && chainIs({})); }).join();
+            EXPECT_FALSE(lock.unlock());
+            EXPECT_EQ(0, tryForWrite(lock));
+        }
         EXPECT_FALSE(lock.unlock());
     }
 }
@@ -136,16 +115,9 @@ TYPED_TEST(Locks, areBusyForATryWhileTheyAreHeld) {
 TYPED_TEST(Locks, excludeThreads) {
     constexpr int ROUNDS = 20000;
     Contended<TypeParam> contended;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i) {
-        threads.emplace_back([&] { contended.write(ROUNDS); });
-        if (!IS_SPIN_LOCK<TypeParam>) {
-            threads.emplace_back([&] { contended.read(ROUNDS); });
-        }
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runInThreads(IS_SPIN_LOCK<TypeParam> ? 2 : 4, [&contended](int i) {
+        i < 2 ? contended.write(ROUNDS) : contended.read(ROUNDS);
+    });
     EXPECT_EQ(2 * ROUNDS, contended.first);
     EXPECT_EQ(2 * ROUNDS, contended.second);
 }
@@ -193,68 +165,50 @@ CreatedLock const CREATED_LOCKS[] = {
 
 class CreatedLocks : public testing::TestWithParam<CreatedLock> {};
 
-TEST_P(CreatedLocks, areForOneProcessOrForSeveral) {
+TEST_P(CreatedLocks, areForOneProcessOrForSeveralAndKeepWhatIsPending) {
     t_shared = PTHREAD_PROCESS_PRIVATE;
     t_has_attributes = false;
+    leaveOlderReport();
     EXPECT_TRUE(GetParam().create());
+    EXPECT_TRUE(onlyOlderIsPending());
     EXPECT_EQ(GetParam().shared, t_shared);
     EXPECT_EQ(GetParam().create == create<ShmRWLock>, t_has_attributes);
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_P(CreatedLocks, areInvalidAndNotDestroyedIfCreationFails) {
     for (int const error : {EAGAIN, ENOMEM}) {
         Fault const destroyed(*GetParam().destroy, 0);
-        EventRecorder recorder;
-        {
-            Fault const fault(*GetParam().init, error);
-            EXPECT_FALSE(GetParam().create());
-        }
+        EXPECT_FALSE(failOnce(*GetParam().init, error, GetParam().create));
         EXPECT_TRUE(chainIs({GetParam().getFailure(error)}));
         EXPECT_EQ(0, destroyed.getCalls());
-        EXPECT_EQ("", recorder.getText());
     }
 }
 
 TEST_P(CreatedLocks, warnAndLeaveNothingPendingIfDestructionFailsExceptShmMutex) {
     for (int const error : {EBUSY, EINVAL}) {
         EventRecorder recorder;
-        Fault const fault(*GetParam().destroy, error);
-        EXPECT_TRUE(GetParam().create());
-        EXPECT_EQ(1, fault.getCalls());
-        if (GetParam().warning == nullptr) {
-            EXPECT_EQ("", recorder.getText());
-            EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, error));
-        } else {
-            EXPECT_EQ(
-                std::string("WARNING framework/include/vesk/posix/") + GetParam().warning,
-                recorder.getText());
-            EXPECT_TRUE(chainIs({}));
-        }
+        EXPECT_TRUE(failOnce(*GetParam().destroy, error, GetParam().create));
+        bool const warns = GetParam().warning != nullptr;
+        std::string const place = "WARNING framework/include/vesk/posix/";
+        EXPECT_EQ(warns ? place + GetParam().warning : "", recorder.getText());
+        EXPECT_TRUE(warns ? chainIs({}) : causeIs(SysErrorId::UNCLASSIFIED, error));
     }
-}
-
-TEST_P(CreatedLocks, keepWhatIsPendingWhenTheyAreDestroyed) {
-    leaveOlderReport();
-    EXPECT_TRUE(GetParam().create());
-    EXPECT_TRUE(onlyOlderIsPending());
 }
 
 INSTANTIATE_TEST_SUITE_P(All, CreatedLocks, testing::ValuesIn(CREATED_LOCKS), RowName());
 
 TEST(ShmRWLock, isInvalidIfItsAttributesCannotBeShared) {
     Fault const destroyed(inject_pthread_rwlock_destroy, 0);
-    EventRecorder recorder;
-    {
-        Fault const fault(inject_pthread_rwlockattr_setpshared, EINVAL);
-        EXPECT_FALSE(create<ShmRWLock>());
-    }
+    EXPECT_FALSE(failOnce(inject_pthread_rwlockattr_setpshared, EINVAL, create<ShmRWLock>));
     EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EINVAL));
     EXPECT_EQ(0, destroyed.getCalls());
-    EXPECT_EQ("", recorder.getText());
 }
 
-TEST(ShmMutex, hasTheTypeAndTheProtocolOfItsForm) {
+TEST(ShmMutex, hasTheTypeAndTheProtocolOfItsFormAndIsPlainByDefault) {
+    t_type = t_protocol = -1;
+    ShmMutex const plain;
+    EXPECT_EQ(PTHREAD_MUTEX_DEFAULT, t_type);
+    EXPECT_EQ(-1, t_protocol);
     for (bool const recursive : {false, true}) {
         for (bool const inherit : {false, true}) {
             t_type = t_protocol = t_shared = -1;
@@ -265,16 +219,8 @@ TEST(ShmMutex, hasTheTypeAndTheProtocolOfItsForm) {
             EXPECT_EQ(PTHREAD_PROCESS_SHARED, t_shared);
             EXPECT_FALSE(mutex.lock());
             EXPECT_FALSE(mutex.unlock());
-            EXPECT_TRUE(chainIs({}));
         }
     }
-}
-
-TEST(ShmMutex, isPlainByDefault) {
-    t_type = t_protocol = -1;
-    ShmMutex const mutex;
-    EXPECT_EQ(PTHREAD_MUTEX_DEFAULT, t_type);
-    EXPECT_EQ(-1, t_protocol);
 }
 
 // ---- system calls that fail ----
@@ -295,12 +241,7 @@ int fail(Injected& function, int error) {
     Lock const lock;
     EXPECT_FALSE(lockForWrite(lock));
     leaveOlderReport();
-    int result = 0;
-    {
-        Fault const fault(function, error);
-        result = std::invoke(OPERATION, lock);
-        EXPECT_EQ(1, fault.getCalls());
-    }
+    int const result = failOnce(function, error, [&lock] { return std::invoke(OPERATION, lock); });
     if constexpr (!std::is_same_v<Lock, Mutex>) {
         std::thread([&lock] {
             EXPECT_EQ(1, tryForWrite(lock)) << "a failure does not release the lock";
@@ -392,37 +333,30 @@ INSTANTIATE_TEST_SUITE_P(ShmSpinLock, LockRows, testing::ValuesIn(spinLockRows<S
 
 // ---- mutexes ----
 
-TEST(Mutex, lockingTwiceIsAnInconsistencyAndKeepsTheLock) {
+TEST(Mutex, lockingTwiceAndUnlockingAFreeOneAreInconsistencies) {
     Mutex mutex;
     ASSERT_FALSE(mutex.lock());
     EXPECT_TRUE(mutex.lock());
     EXPECT_TRUE(causeIs(INCONSISTENT, EDEADLK));
-    EXPECT_FALSE(mutex.unlock());
-}
-
-TEST(Mutex, unlockingAFreeOneIsAnInconsistency) {
-    Mutex mutex;
+    EXPECT_FALSE(mutex.unlock()) << "it was still held";
     EXPECT_TRUE(mutex.unlock());
+    EXPECT_TRUE(std::ErrorStorage::isA(vesk::SysError) && std::ErrorStorage::isA(Mutex::Error));
     EXPECT_TRUE(causeIs(INCONSISTENT, EPERM));
 }
 
-/// Checks that a thread cannot unlock the mutex of another one.
 template <typename Lock>
-void expectOwnerIsChecked(Lock const& mutex) {
+class OwnedMutexes : public testing::Test {};
+using AllOwnedMutexes = testing::Types<Mutex, RecursiveMutex>;
+TYPED_TEST_SUITE(OwnedMutexes, AllOwnedMutexes, LockName);
+
+TYPED_TEST(OwnedMutexes, refuseToUnlockForAnotherThread) {
+    TypeParam const mutex;
     ASSERT_FALSE(mutex.lock());
     std::thread([&mutex] {
         EXPECT_TRUE(mutex.unlock());
         EXPECT_TRUE(causeIs(INCONSISTENT, EPERM));
     }).join();
     EXPECT_FALSE(mutex.unlock());
-}
-
-TEST(Mutex, unlockingThatOfAnotherThreadIsAnInconsistency) {
-    expectOwnerIsChecked(Mutex());
-}
-
-TEST(ShmMutex, recursiveOneChecksItsOwner) {
-    expectOwnerIsChecked(RecursiveMutex());
 }
 
 TEST(Mutex, recursiveOneIsFreeAfterAsManyUnlocks) {
@@ -445,10 +379,7 @@ TEST(ShmMutex, recursiveOneIsFreeAfterAsManyUnlocks) {
         std::thread([&mutex] { EXPECT_EQ(1, mutex.tryLock()); }).join();
         EXPECT_FALSE(mutex.unlock());
     }
-    std::thread([&mutex] {
-        EXPECT_EQ(0, mutex.tryLock());
-        EXPECT_FALSE(mutex.unlock());
-    }).join();
+    std::thread([&mutex] { EXPECT_TRUE(mutex.tryLock() == 0 && !mutex.unlock()); }).join();
 }
 
 /// Waits until the thread that stores its id there sleeps.
@@ -543,13 +474,17 @@ TYPED_TEST(RWLocks, readersShareIt) {
     EXPECT_TRUE(chainIs({}));
 }
 
-TYPED_TEST(RWLocks, writerExcludesReadersAndWriters) {
+TYPED_TEST(RWLocks, writerExcludesReadersAndWritersForTheirWholeTimeout) {
     ASSERT_FALSE(this->m_lock.lockForWrite());
     std::thread([this] {
         EXPECT_EQ(1, this->m_lock.tryLockForRead());
         EXPECT_EQ(1, this->m_lock.tryLockForWrite());
         EXPECT_EQ(1, this->m_lock.tryLockForRead(0));
         EXPECT_EQ(1, this->m_lock.tryLockForWrite(0));
+        auto const start = std::chrono::steady_clock::now();
+        EXPECT_EQ(1, this->m_lock.tryLockForRead(30));
+        EXPECT_EQ(1, this->m_lock.tryLockForWrite(30));
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(58));
         EXPECT_TRUE(chainIs({})) << "busy is no failure";
     }).join();
     EXPECT_FALSE(this->m_lock.unlock());
@@ -557,33 +492,22 @@ TYPED_TEST(RWLocks, writerExcludesReadersAndWriters) {
     EXPECT_FALSE(this->m_lock.unlock());
 }
 
-TYPED_TEST(RWLocks, blockingLockWaitsForTheWriter) {
+TYPED_TEST(RWLocks, blockingAndTimedLocksWaitForTheWriter) {
     this->expectWaitsForTheWriter([](TypeParam const& lock) { return lock.lockForRead(); });
     this->expectWaitsForTheWriter([](TypeParam const& lock) { return lock.lockForWrite(); });
-}
-
-TYPED_TEST(RWLocks, timedLockWaitsForTheWriter) {
     this->expectWaitsForTheWriter([](TypeParam const& lock) { return lock.tryLockForRead(~0U); });
     this->expectWaitsForTheWriter([](TypeParam const& lock) { return lock.tryLockForWrite(~0U); });
 }
 
-TYPED_TEST(RWLocks, timeoutIsWaitedForToTheEnd) {
-    ASSERT_FALSE(this->m_lock.lockForWrite());
-    std::thread([this] {
-        auto const start = std::chrono::steady_clock::now();
-        EXPECT_EQ(1, this->m_lock.tryLockForRead(30));
-        EXPECT_EQ(1, this->m_lock.tryLockForWrite(30));
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(58));
-        EXPECT_TRUE(chainIs({}));
-    }).join();
-    EXPECT_FALSE(this->m_lock.unlock());
-}
-
-TYPED_TEST(RWLocks, writerThatReadsIsADeadlock) {
+TYPED_TEST(RWLocks, writerThatReadsOrWritesIsADeadlock) {
     ASSERT_FALSE(this->m_lock.lockForWrite());
     EXPECT_TRUE(this->m_lock.lockForRead());
     EXPECT_TRUE(causeIs(RWLock::ErrorId::DEADLOCK, EDEADLK));
     EXPECT_EQ(-1, this->m_lock.tryLockForRead(10));
+    EXPECT_TRUE(causeIs(RWLock::ErrorId::DEADLOCK, EDEADLK));
+    EXPECT_TRUE(this->m_lock.lockForWrite());
+    EXPECT_TRUE(causeIs(RWLock::ErrorId::DEADLOCK, EDEADLK));
+    EXPECT_EQ(-1, this->m_lock.tryLockForWrite(10));
     EXPECT_TRUE(causeIs(RWLock::ErrorId::DEADLOCK, EDEADLK));
     EXPECT_EQ(1, this->m_lock.tryLockForRead()) << "without waiting there is no deadlock";
     EXPECT_TRUE(chainIs({}));
@@ -592,47 +516,37 @@ TYPED_TEST(RWLocks, writerThatReadsIsADeadlock) {
     EXPECT_FALSE(this->m_lock.unlock());
 }
 
-TYPED_TEST(RWLocks, writerThatWritesIsADeadlock) {
-    ASSERT_FALSE(this->m_lock.lockForWrite());
-    EXPECT_TRUE(this->m_lock.lockForWrite());
-    EXPECT_TRUE(causeIs(RWLock::ErrorId::DEADLOCK, EDEADLK));
-    EXPECT_EQ(-1, this->m_lock.tryLockForWrite(10));
-    EXPECT_TRUE(causeIs(RWLock::ErrorId::DEADLOCK, EDEADLK));
-    EXPECT_FALSE(this->m_lock.unlock());
-}
-
 // ---- guards ----
 
-/// A guard with its lock, the calls below it, and the reports of their failures.
-template <typename GuardType, typename LockType>
-struct OfMutex {
+/// A guard with its lock, the calls below it, and the ids of their failures.
+template <
+    typename GuardType, typename LockType, Injected* LOCK_CALL, Injected* UNLOCK_CALL, int LOCK_ID,
+    int UNLOCK_ID>
+struct Guarded {
     using Guard = GuardType;
     using Lock = LockType;
-    static constexpr Injected* LOCK = &inject_pthread_mutex_lock;
-    static constexpr Injected* UNLOCK = &inject_pthread_mutex_unlock;
-    static constexpr int LOCK_FAILED = Mutex::LOCK_FAILED;
-    static constexpr int UNLOCK_FAILED = Mutex::UNLOCK_FAILED;
+    static constexpr Injected* LOCK = LOCK_CALL;
+    static constexpr Injected* UNLOCK = UNLOCK_CALL;
+    static constexpr int LOCK_FAILED = LOCK_ID;
+    static constexpr int UNLOCK_FAILED = UNLOCK_ID;
 };
-template <typename GuardType, typename LockType>
-struct OfWriter : OfMutex<GuardType, LockType> {
-    static constexpr Injected* LOCK = &inject_pthread_rwlock_wrlock;
-    static constexpr Injected* UNLOCK = &inject_pthread_rwlock_unlock;
-    static constexpr int LOCK_FAILED = RWLock::WRITE_LOCK_FAILED;
-    static constexpr int UNLOCK_FAILED = RWLock::UNLOCK_FAILED;
-};
-template <typename GuardType, typename LockType>
-struct OfReader : OfWriter<GuardType, LockType> {
-    static constexpr Injected* LOCK = &inject_pthread_rwlock_rdlock;
-    static constexpr int LOCK_FAILED = RWLock::READ_LOCK_FAILED;
-};
+template <typename Guard, typename Lock>
+using OfMutex = Guarded<
+    Guard, Lock, &inject_pthread_mutex_lock, &inject_pthread_mutex_unlock, Mutex::LOCK_FAILED,
+    Mutex::UNLOCK_FAILED>;
+template <typename Guard, typename Lock>
+using OfReader = Guarded<
+    Guard, Lock, &inject_pthread_rwlock_rdlock, &inject_pthread_rwlock_unlock, RWLock::READ_LOCK_FAILED,
+    RWLock::UNLOCK_FAILED>;
+template <typename Guard, typename Lock>
+using OfWriter = Guarded<
+    Guard, Lock, &inject_pthread_rwlock_wrlock, &inject_pthread_rwlock_unlock, RWLock::WRITE_LOCK_FAILED,
+    RWLock::UNLOCK_FAILED>;
 // The ids of spin locks mean the opposite of their names.
-template <typename GuardType, typename LockType>
-struct OfSpinLock : OfMutex<GuardType, LockType> {
-    static constexpr Injected* LOCK = &inject_pthread_spin_lock;
-    static constexpr Injected* UNLOCK = &inject_pthread_spin_unlock;
-    static constexpr int LOCK_FAILED = SpinLock::UNLOCK_FAILED;
-    static constexpr int UNLOCK_FAILED = SpinLock::LOCK_FAILED;
-};
+template <typename Guard, typename Lock>
+using OfSpinLock = Guarded<
+    Guard, Lock, &inject_pthread_spin_lock, &inject_pthread_spin_unlock, SpinLock::UNLOCK_FAILED,
+    SpinLock::LOCK_FAILED>;
 
 struct MutexLock : OfMutex<vesk::MutexLock, Mutex> {};
 struct ShmMutexLock : OfMutex<vesk::ShmMutexLock, ShmMutex> {};
@@ -644,7 +558,12 @@ struct SpinLockGuard : OfSpinLock<vesk::SpinLockGuard, SpinLock> {};
 struct ShmSpinLockGuard : OfSpinLock<vesk::ShmSpinLockGuard, ShmSpinLock> {};
 
 template <typename T>
-class Guards : public testing::Test {};
+class Guards : public testing::Test {
+protected:
+    using Guard = typename T::Guard;
+
+    typename T::Lock m_lock;
+};
 
 using AllGuards = testing::Types<
     MutexLock, ShmMutexLock, RWLockForRead, RWLockForWrite, ShmRWLockForRead, ShmRWLockForWrite,
@@ -652,73 +571,49 @@ using AllGuards = testing::Types<
 TYPED_TEST_SUITE(Guards, AllGuards, LockName);
 
 TYPED_TEST(Guards, lockAndUnlockOnce) {
-    typename TypeParam::Lock lock;
-    Fault const locks(*TypeParam::LOCK, 0);
-    Fault const unlocks(*TypeParam::UNLOCK, 0);
-    {
-        typename TypeParam::Guard const guard(lock);
-        EXPECT_TRUE(guard.isLocked());
+    for (bool const early : {false, true}) {
+        Fault const locks(*TypeParam::LOCK, 0);
+        Fault const unlocks(*TypeParam::UNLOCK, 0);
+        {
+            typename TestFixture::Guard guard(this->m_lock);
+            EXPECT_TRUE(guard.isLocked());
+            EXPECT_EQ(1, locks.getCalls());
+            EXPECT_EQ(0, unlocks.getCalls());
+            EXPECT_FALSE(early && guard.unlock());
+            EXPECT_EQ(!early, guard.isLocked());
+        }
         EXPECT_EQ(1, locks.getCalls());
-        EXPECT_EQ(0, unlocks.getCalls());
+        EXPECT_EQ(1, unlocks.getCalls());
     }
-    EXPECT_EQ(1, locks.getCalls());
-    EXPECT_EQ(1, unlocks.getCalls());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TYPED_TEST(Guards, failedLockStaysPendingAndIsNotUnlocked) {
-    typename TypeParam::Lock lock;
     Fault const unlocks(*TypeParam::UNLOCK, 0);
-    {
-        std::optional<Fault> fault(std::in_place, *TypeParam::LOCK, ENOMEM);
-        typename TypeParam::Guard const guard(lock);
-        fault.reset();
-        EXPECT_FALSE(guard.isLocked());
-    }
+    EXPECT_FALSE(failOnce(
+        *TypeParam::LOCK, ENOMEM, [this] { return typename TestFixture::Guard(this->m_lock).isLocked(); }));
     EXPECT_EQ(0, unlocks.getCalls());
     EXPECT_TRUE(causeIs(TypeParam::Lock::Error, TypeParam::LOCK_FAILED, ENOMEM));
 }
 
-TYPED_TEST(Guards, unlockBeforeTheEndOfTheScopeIsNotRepeated) {
-    typename TypeParam::Lock lock;
-    Fault const unlocks(*TypeParam::UNLOCK, 0);
-    {
-        typename TypeParam::Guard guard(lock);
-        EXPECT_FALSE(guard.unlock());
-        EXPECT_FALSE(guard.isLocked());
+TYPED_TEST(Guards, failedUnlockIsReportedBeforeTheEndOfTheScopeAndAbortsAtTheEnd) {
+    std::string const abort = "ABORT framework/include/vesk/common/ScopedLock ~ScopedLock: error unlocking";
+    for (bool const early : {false, true}) {
+        EventRecorder recorder;
+        {
+            Fault const fault(*TypeParam::UNLOCK, ENOMEM);
+            typename TestFixture::Guard guard(this->m_lock);
+            EXPECT_TRUE(!early || guard.unlock());
+            EXPECT_EQ(!early, guard.isLocked());
+        }
+        EXPECT_EQ(early ? "" : abort, recorder.getText());
+        EXPECT_TRUE(causeIs(TypeParam::Lock::Error, TypeParam::UNLOCK_FAILED, ENOMEM));
+        EXPECT_FALSE(this->m_lock.unlock()) << "it is still held";
     }
-    EXPECT_EQ(1, unlocks.getCalls());
-}
-
-TYPED_TEST(Guards, failedUnlockBeforeTheEndIsReportedAndNotRepeated) {
-    typename TypeParam::Lock lock;
-    EventRecorder recorder;
-    {
-        typename TypeParam::Guard guard(lock);
-        Fault const fault(*TypeParam::UNLOCK, ENOMEM);
-        EXPECT_TRUE(guard.unlock());
-        EXPECT_FALSE(guard.isLocked());
-    }
-    EXPECT_TRUE(causeIs(TypeParam::Lock::Error, TypeParam::UNLOCK_FAILED, ENOMEM));
-    EXPECT_EQ("", recorder.getText());
-    EXPECT_FALSE(lock.unlock()) << "it is still held";
-}
-
-TYPED_TEST(Guards, failedUnlockAtTheEndOfTheScopeAborts) {
-    typename TypeParam::Lock lock;
-    EventRecorder recorder;
-    {
-        Fault const fault(*TypeParam::UNLOCK, ENOMEM);
-        typename TypeParam::Guard const guard(lock);
-    }
-    EXPECT_EQ(
-        "ABORT framework/include/vesk/common/ScopedLock ~ScopedLock: error unlocking", recorder.getText());
-    EXPECT_FALSE(lock.unlock()) << "it is still held";
-    std::ErrorStorage::ack();
 }
 
 TEST(ScopedLock, failedUnlockAtTheEndOfTheScopeEndsTheProcess) {
     ChildEnd const end = runInChild([] {
+        std::GlobalErrorHandler::setHook(nullptr);
         vesk::Mutex mutex;
         Fault const fault(inject_pthread_mutex_unlock, EPERM);
         vesk::MutexLock const lock(mutex);

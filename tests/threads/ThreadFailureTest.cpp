@@ -1,6 +1,6 @@
 #include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
-#include "support/Inject.h"
+#include "support/FailOnce.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Mutex.h>
@@ -180,22 +180,19 @@ INSTANTIATE_TEST_SUITE_P(
     })),
     ErrnoName());
 
-TEST_F(ThreadFailure, creationOpensAChainIfNothingIsPending) {
-    Fault const fault(inject_pthread_create, EAGAIN);
-    Thread const thread(doNothing, nullptr);
-    EXPECT_FALSE(thread.isValid());
-    auto const id = SysErrorId::RESOURCES_EXHAUSTED;
-    EXPECT_TRUE(chainIs(
-        {{id, rowText(id, systemText(EAGAIN))},
-         {Thread::ErrorId::CREATE_FAILED, "Thread creation failed: thread creation failed"}}));
-}
-
 TEST_F(ThreadFailure, creationReportsFromItsSource) {
-    Fault const fault(inject_pthread_create, EAGAIN);
+    Fault const fault(inject_pthread_create, EAGAIN, 1, 2);
     Thread const thread(doNothing, nullptr);
+    EXPECT_EQ(1, fault.getCalls()) << "no second try as for missing rights and invalid parameters";
+    EXPECT_FALSE(thread.isValid());
     for (auto const* report = std::ErrorStorage::get(); report != nullptr; report = report->next) {
         EXPECT_STREQ("framework/src/vesk/posix/Thread", report->file);
     }
+    auto const id = SysErrorId::RESOURCES_EXHAUSTED;
+    EXPECT_TRUE(chainIs(
+        {{id, rowText(id, systemText(EAGAIN))},
+         {Thread::ErrorId::CREATE_FAILED, "Thread creation failed: thread creation failed"}}))
+        << "a new chain if nothing is pending";
 }
 
 class ThreadSecondTry : public ThreadFailure, public testing::WithParamInterface<int> {};
@@ -218,14 +215,6 @@ TEST_P(ThreadSecondTry, inheritsItsScheduling) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ThreadSecondTry, testing::Values(EPERM, EINVAL), NumberName());
-
-TEST_F(ThreadFailure, otherErrorsThanThoseOfPermissionAndParametersAreNotRetried) {
-    Fault const fault(inject_pthread_create, EAGAIN, 1, 2);
-    Thread const thread(doNothing, nullptr);
-    EXPECT_EQ(1, fault.getCalls());
-    EXPECT_FALSE(thread.isValid());
-    EXPECT_TRUE(chainIs({SysErrorId::RESOURCES_EXHAUSTED, Thread::ErrorId::CREATE_FAILED}));
-}
 
 TEST_F(ThreadFailure, invalidObjectRefusesEverythingThatLooksAtItsState) {
     std::optional<Fault> fault(std::in_place, inject_pthread_create, EAGAIN);
@@ -289,21 +278,11 @@ struct Row {
 int start(Thread& thread) {
     return thread.start();
 }
-int join(Thread& thread) {
-    return thread.join();
-}
-int joinTimeout(Thread& thread) {
-    return thread.joinTimeout(60000);
-}
-int wakeup(Thread& thread) {
-    return thread.wakeup();
-}
-int suspend(Thread& thread) {
-    return thread.suspend(0);
-}
-int suspendFor1Ms(Thread& thread) {
-    return thread.suspend(1);
-}
+constexpr auto join = [](Thread& thread) -> int { return thread.join(); };
+constexpr auto joinTimeout = [](Thread& thread) -> int { return thread.joinTimeout(60000); };
+constexpr auto wakeup = [](Thread& thread) -> int { return thread.wakeup(); };
+constexpr auto suspend = [](Thread& thread) -> int { return thread.suspend(0); };
+constexpr auto suspendFor1Ms = [](Thread& thread) -> int { return thread.suspend(1); };
 
 class ThreadRows : public ThreadFailure, public testing::WithParamInterface<Row> {
 protected:
@@ -379,11 +358,10 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(ThreadFailure, timedJoinThatReturnsMinusOneReportsErrno) {
     StartedThread thread([] {});
-    {
-        Fault const fault(inject_pthread_timedjoin_np, -1);
+    EXPECT_EQ(-1, failOnce(inject_pthread_timedjoin_np, -1, [&thread] {
         errno = ENOTSUP;
-        EXPECT_EQ(-1, thread.joinTimeout(60000));
-    }
+        return thread.joinTimeout(60000);
+    }));
     EXPECT_TRUE(causeIs(JOIN_FAILED, ENOTSUP));
     EXPECT_FALSE(thread.join());
 }
@@ -406,43 +384,23 @@ TEST_F(ThreadFailure, joinThatCannotMarkItsEndFailsAndIsNotRepeated) {
     }
 }
 
-struct SignalRow {
-    char const* name;
-    int error;
-    SysErrorId::Id id;
-};
+class ThreadSignalRows : public ThreadFailure, public testing::WithParamInterface<int> {};
 
-class ThreadSignalRows : public ThreadFailure, public testing::WithParamInterface<SignalRow> {};
+INSTANTIATE_TEST_SUITE_P(All, ThreadSignalRows, testing::Values(EINVAL, EAGAIN), NumberName());
 
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadSignalRows,
-    testing::Values(
-        SignalRow{"signal", EINVAL, SysErrorId::SPOILED_INTEGRITY},
-        SignalRow{"signal", EAGAIN, UNCLASSIFIED}),
-    ErrnoName());
-
-TEST_P(ThreadSignalRows, startThatCannotSignalLeavesTheStateAndNoLock) {
+TEST_P(ThreadSignalRows, leaveTheStateAndNoLock) {
     Fault const waits(inject_pthread_cond_wait, 0, 1, 1, OTHERS);
-    TestThread thread([] {});
+    TestThread thread([] { EXPECT_FALSE(self().suspend(0)); });
     EXPECT_TRUE(eventually([&waits] { return waits.getCalls() > 0; }));
     leaveOlderReport();
-    {
-        Fault const fault(inject_pthread_cond_signal, GetParam().error);
-        EXPECT_TRUE(thread.start());
-    }
-    EXPECT_TRUE(chainIs({GetParam().id, withErrno({START_FAILED}, GetParam().error)[0]}));
+    EXPECT_TRUE(failOnce(inject_pthread_cond_signal, GetParam(), [&] { return thread.start(); }));
+    auto const cause = GetParam() == EINVAL ? SysErrorId::SPOILED_INTEGRITY : UNCLASSIFIED;
+    EXPECT_TRUE(chainIs({cause, withErrno({START_FAILED}, GetParam())[0]}));
     EXPECT_EQ(Thread::CREATED, thread.getThreadState());
-    thread.runToEnd();
-}
-
-TEST_P(ThreadSignalRows, wakeupThatCannotSignalLeavesTheStateAndNoLock) {
-    StartedThread thread([] { EXPECT_FALSE(self().suspend(0)); });
+    EXPECT_FALSE(thread.start());
     EXPECT_TRUE(thread.isIn(Thread::SUSPENDED));
     leaveOlderReport();
-    {
-        Fault const fault(inject_pthread_cond_signal, GetParam().error);
-        EXPECT_TRUE(thread.wakeup());
-    }
+    EXPECT_TRUE(failOnce(inject_pthread_cond_signal, GetParam(), [&] { return thread.wakeup(); }));
     EXPECT_TRUE(failed({WAKEUP_FAILED}, 0)) << "a chain of its own";
     EXPECT_EQ(Thread::SUSPENDED, thread.getThreadState());
     EXPECT_FALSE(thread.wakeup());
@@ -519,12 +477,9 @@ protected:
 
 TEST_F(ThreadTerminateFailure, toLockLeavesTheThreadAlone) {
     start();
-    {
-        Fault const cancels(inject_pthread_cancel, 0);
-        Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        EXPECT_TRUE(m_thread->terminate());
-        EXPECT_EQ(0, cancels.getCalls());
-    }
+    Fault const cancels(inject_pthread_cancel, 0);
+    EXPECT_TRUE(failOnce(inject_pthread_mutex_lock, EINVAL, [this] { return m_thread->terminate(); }));
+    EXPECT_EQ(0, cancels.getCalls());
     EXPECT_TRUE(failed({INCONSISTENT, TERMINATE_FAILED}, EINVAL));
     expectState(Thread::RUNNING, 0);
     m_go.set();
@@ -555,11 +510,7 @@ TEST_P(ThreadCancelErrors, leaveADetachedThreadThatRunsOn) {
 
 TEST_F(ThreadTerminateFailure, toDetachIsIgnored) {
     start();
-    {
-        Fault const fault(inject_pthread_detach, EINVAL);
-        EXPECT_FALSE(m_thread->terminate());
-        EXPECT_EQ(1, fault.getCalls());
-    }
+    EXPECT_FALSE(failOnce(inject_pthread_detach, EINVAL, [this] { return m_thread->terminate(); }));
     EXPECT_TRUE(chainIs({}));
     EXPECT_EQ(Thread::DEAD, m_thread->getThreadState());
     m_go.set();
@@ -616,6 +567,7 @@ struct WrapperRow {
     char const* text;
     bool detached = false;
     bool unlocks = true;
+    bool starts = true;
 };
 
 class ThreadWrapperRows : public ThreadFailure, public testing::WithParamInterface<WrapperRow> {};
@@ -635,15 +587,12 @@ TEST_P(ThreadWrapperRows, areFatalAndNeitherHangNorStopTheThreadIfTheyAreSurvive
         TestThread thread([&runs] { ++runs; }, "wrapped", Attr(), row.detached);
         ASSERT_TRUE(thread.isValid());
         EXPECT_TRUE(eventually([&] { return (waits ? *waits : fault).getCalls() > (waits ? 0 : 1); }));
-        EXPECT_FALSE(thread.start());
-        if (row.detached) {
-            EXPECT_TRUE(eventually([&runs] { return runs == 1; }));
-        } else {
-            EXPECT_FALSE(thread.join());
-        }
-        EXPECT_TRUE(eventually(areThreadsGone));
+        EXPECT_FALSE(row.starts && thread.start());
+        EXPECT_TRUE(!row.detached || eventually([&runs] { return runs == 1; }));
+        EXPECT_FALSE(row.starts && !row.detached && thread.join());
+        EXPECT_TRUE(!row.starts || eventually(areThreadsGone));
     }
-    EXPECT_EQ(1, runs);
+    EXPECT_EQ(row.starts ? 1 : 0, runs);
     EXPECT_EQ(aborted("threadWrapper", row.text), recorder.getText());
 }
 
@@ -653,22 +602,12 @@ WrapperRow const WRAPPER_ROWS[] = {
     {"signal", &inject_pthread_cond_signal, 1, "wait failed", true},
     {"unlock", UNLOCK, UNLOCK_STATE, "error unlocking"},
     {"unlockThatLeavesTheLock", UNLOCK, UNLOCK_STATE, "error unlocking", false, false},
+    {"unlockOfAThreadThatIsNotToRun", UNLOCK, UNLOCK_STATE, "error unlocking", false, true, false},
     {"lockAtTheEnd", LOCK, LOCK_TO_FINISH, "error locking"},
     {"unlockAtTheEnd", UNLOCK, UNLOCK_TO_FINISH, "error unlocking"},
     {"unlockAtTheEndThatLeavesTheLock", UNLOCK, UNLOCK_TO_FINISH, "error unlocking", false, false},
 };
 INSTANTIATE_TEST_SUITE_P(All, ThreadWrapperRows, testing::ValuesIn(WRAPPER_ROWS), RowName());
-
-TEST_F(ThreadFailure, unlockOfAThreadThatIsNotToRunIsFatal) {
-    EventRecorder const recorder;
-    {
-        Fault const waits(inject_pthread_cond_wait, 0, 1, 1, OTHERS);
-        Fault const fault(inject_pthread_mutex_unlock, EAGAIN, UNLOCK_STATE, 1, OTHERS);
-        TestThread const thread([] { ADD_FAILURE() << "ran"; });
-        EXPECT_TRUE(eventually([&waits] { return waits.getCalls() > 0; }));
-    }
-    EXPECT_EQ(aborted("threadWrapper", "error unlocking"), recorder.getText());
-}
 
 // ---- the destructor ----
 
@@ -706,12 +645,10 @@ TEST_P(ThreadDestructorRows, areFatalAndNeitherHangNorLeaveTheThreadIfTheyAreSur
             EXPECT_FALSE(thread->start());
             EXPECT_TRUE(begun.wait());
         }
-        if (row.life == Life::FINISHED) {
+        if (row.life == Life::FINISHED || row.life == Life::JOINED) {
             m_go.set();
             EXPECT_TRUE(eventually([&] { return thread->getThreadState() == Thread::FINISHED; }));
-        } else if (row.life == Life::JOINED) {
-            m_go.set();
-            EXPECT_FALSE(thread->join());
+            EXPECT_FALSE(row.life == Life::JOINED && thread->join());
         } else if (row.life == Life::ACTIVE) {
             expected += "\n" + aborted("~Thread", "thread still running");
             expected += "\nASSERT framework/src/vesk/posix/Thread ~Thread: "

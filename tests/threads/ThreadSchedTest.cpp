@@ -1,6 +1,7 @@
-#include "support/Child.h"
+#include "support/CleanEnd.h"
 #include "support/ErrnoRows.h"
-#include "support/Inject.h"
+#include "support/FailOnce.h"
+#include "support/Privileges.h"
 #include "support/UnlockFault.h"
 #include "threads/SchedSupport.h"
 #include "threads/ThreadSupport.h"
@@ -71,9 +72,11 @@ void expectFailed(Attr const& attributes) {
 
 void expectCallerAttr(Policy_E policy, int priority, int nice) {
     Attr attributes = makeMarked();
+    leaveOlderReport();
+    errno = EACCES; // With this errno, -1 is a nice value all the same.
     EXPECT_FALSE(Thread::getCallerSchedAttrs(attributes));
     expectAttr(attributes, policy, priority, nice);
-    EXPECT_TRUE(chainIs({}));
+    EXPECT_TRUE(onlyOlderIsPending());
 }
 
 int getNice(pid_t thread = getThreadId()) {
@@ -114,18 +117,14 @@ constexpr char const* NOT_SET = "setting scheduling policy/parameter failed";
 
 // ---- the attributes of the caller ----
 
-TEST(ThreadCallerSchedAttrs, realTimeThreadHasItsPriority) {
-    inPolicy(SCHED_FIFO, 7, [] { expectCallerAttr(VESK_SCHED_POLICY_FIFO, 7, 0); });
-    inPolicy(SCHED_RR, 99, [] { expectCallerAttr(VESK_SCHED_POLICY_RR, 99, 0); });
-}
-
-TEST(ThreadCallerSchedAttrs, niceValueOfARealTimeThreadIsNotRead) {
-    inPolicy(SCHED_RR, 1, [] {
+TEST(ThreadCallerSchedAttrs, realTimeThreadHasItsPriorityAndItsNiceValueIsNotRead) {
+    auto const expectPriority = [](Policy_E policy, int priority) {
         Fault const nice(inject_getpriority, 0);
-        Attr attributes;
-        EXPECT_FALSE(Thread::getCallerSchedAttrs(attributes));
+        expectCallerAttr(policy, priority, 0);
         EXPECT_EQ(0, nice.getCalls());
-    });
+    };
+    inPolicy(SCHED_FIFO, 7, [=] { expectPriority(VESK_SCHED_POLICY_FIFO, 7); });
+    inPolicy(SCHED_RR, 99, [=] { expectPriority(VESK_SCHED_POLICY_RR, 99); });
 }
 
 class ThreadCallerNice : public testing::TestWithParam<int> {};
@@ -148,36 +147,16 @@ TEST(ThreadCallerSchedAttrs, niceValueIsNotThatOfTheProcess) {
     expectCallerAttr(VESK_SCHED_POLICY_NORMAL, 0, process_nice);
 }
 
-TEST(ThreadCallerSchedAttrs, minusOneIsANiceValueWhateverErrnoWasBefore) {
-    inNice(-1, [] {
-        errno = EACCES;
-        expectCallerAttr(VESK_SCHED_POLICY_NORMAL, 0, -1);
-    });
-}
-
-TEST(ThreadCallerSchedAttrs, successLeavesAPendingChainAlone) {
-    leaveOlderReport();
-    Attr attributes;
-    EXPECT_FALSE(Thread::getCallerSchedAttrs(attributes));
-    EXPECT_TRUE(onlyOlderIsPending());
-}
-
 TEST(ThreadCallerSchedAttrs, policyThatTheLibraryDoesNotKnowIsNoop) {
     inPolicy(SCHED_BATCH, 0, [] {
         leaveOlderReport();
         Attr attributes = makeMarked();
         EXPECT_TRUE(Thread::getCallerSchedAttrs(attributes));
         expectFailed(attributes);
+        ASSERT_NE(nullptr, std::ErrorStorage::get());
+        EXPECT_STREQ("framework/src/vesk/posix/Thread", std::ErrorStorage::get()->file);
         EXPECT_TRUE(chainIs(schedulingFailed(UNKNOWN_POLICY)));
     });
-}
-
-TEST(ThreadCallerSchedAttrs, reportsFromItsSource) {
-    Fault const fault(inject_pthread_getschedparam, ESRCH);
-    Attr attributes;
-    EXPECT_TRUE(Thread::getCallerSchedAttrs(attributes));
-    ASSERT_NE(nullptr, std::ErrorStorage::get());
-    EXPECT_STREQ("framework/src/vesk/posix/Thread", std::ErrorStorage::get()->file);
 }
 
 // ---- threads created with scheduling ----
@@ -323,17 +302,15 @@ INSTANTIATE_TEST_SUITE_P(
     })),
     ErrnoName());
 
-TEST(ThreadOlderConstructor, withoutAPriorityDoesNotReadThePolicy) {
-    Fault const reads(inject_pthread_getschedparam, 0);
-    Thread const thread(doNothing, nullptr, "older", false, 50, 0, false);
-    EXPECT_EQ(0, reads.getCalls());
-}
-
-TEST(ThreadOlderConstructor, canDetach) {
+TEST(ThreadOlderConstructor, canDetachAndReadsThePolicyOnlyForAPriority) {
     Event done;
     Body body = [&done] { done.set(); };
     int const before = countThreads();
+    Fault const reads(inject_pthread_getschedparam, 0);
+    { Thread const thread(doNothing, nullptr, "older", false, 50, 0, false); }
+    EXPECT_EQ(0, reads.getCalls());
     Thread thread(run, &body, "older", true, 5, 0, true);
+    EXPECT_LT(0, reads.getCalls());
     EXPECT_FALSE(thread.start());
     EXPECT_TRUE(thread.join());
     EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN}));
@@ -467,80 +444,44 @@ std::string niceRefused(std::string const& name, int nice) {
         ") falling back to " + std::to_string(nice);
 }
 
-TEST(ThreadNiceRefused, isTracedWithTheNameOfTheThread) {
+TEST(ThreadNiceRefused, isTracedWithTheNameOfTheThreadFromTheThresholdOn) {
     int tid = 0;
     int nice = 0;
-    std::string const traced = traceNiceRefused("a-name-that-is-longer-than-shown", 2, tid, nice);
-    EXPECT_EQ(
-        "FW_Vesk_Thread[2] tid " + std::to_string(tid) +
-            niceRefused("a-name-that-is-longer-than-shown", nice) + "\n",
-        traced);
-}
-
-TEST(ThreadNiceRefused, isTracedWithTheKernelsIdWhereThereIsNoName) {
-    int tid = 0;
-    int nice = 0;
-    std::string const traced = traceNiceRefused(nullptr, -5, tid, nice);
-    EXPECT_NE(std::string::npos, traced.find(niceRefused("thread-tid-" + std::to_string(tid), nice)))
-        << traced;
-}
-
-TEST(ThreadNiceRefused, isNotTracedBelowTheThresholdOfTheChannel) {
-    int tid = 0;
-    int nice = 0;
+    char const* const name = "a-name-that-is-longer-than-shown";
+    std::string traced = traceNiceRefused(name, 2, tid, nice);
+    EXPECT_EQ("FW_Vesk_Thread[2] tid " + std::to_string(tid) + niceRefused(name, nice) + "\n", traced);
+    traced = traceNiceRefused(nullptr, -5, tid, nice);
+    auto const id = "thread-tid-" + std::to_string(tid);
+    EXPECT_NE(std::string::npos, traced.find(niceRefused(id, nice))) << "the kernel's id: " << traced;
     EXPECT_EQ("", traceNiceRefused("quiet", 3, tid, nice));
     EXPECT_EQ("", traceNiceRefused("quiet", 7, tid, nice));
 }
 
 // ---- a process without rights ----
 
-/// Runs `body` in a child that may neither use real-time policies nor lower a nice value.
-template <typename Body>
-void withoutRights(Body body) {
-    ChildEnd const end = runInChild([&body] {
-        rlimit const none{0, 0};
-        EXPECT_EQ(0, setrlimit(RLIMIT_RTPRIO, &none));
-        EXPECT_EQ(0, setrlimit(RLIMIT_NICE, &none));
-        if (geteuid() == 0) {
-            EXPECT_EQ(0, setgroups(0, nullptr));
-            EXPECT_EQ(0, setgid(65534));
-            EXPECT_EQ(0, setuid(65534));
-        }
-        body();
-    });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
-    EXPECT_EQ(0, end.signal) << end.output << end.errors;
+void dropSchedulingRights() {
+    rlimit const none{0, 0};
+    EXPECT_EQ(0, setrlimit(RLIMIT_RTPRIO, &none));
+    EXPECT_EQ(0, setrlimit(RLIMIT_NICE, &none));
+    EXPECT_TRUE(geteuid() != 0 || dropRights());
 }
 
-TEST(ThreadWithoutRights, realTimeThreadRunsWithInheritedSchedulingAndNoError) {
-    withoutRights([] {
+TEST(ThreadWithoutRights, newThreadInheritsWhatItMayNotHave) {
+    expectInChild([] {
+        dropSchedulingRights();
         for (Policy_E const policy : {VESK_SCHED_POLICY_FIFO, VESK_SCHED_POLICY_RR}) {
             Seen const seen = seeIn(policy, 10, 0);
             EXPECT_EQ(SCHED_OTHER, seen.policy);
             EXPECT_EQ(0, seen.priority);
             EXPECT_STREQ("modest", seen.name);
         }
+        EXPECT_EQ(getNice(), seeIn(NORMAL, 0, getNice() - 1).nice);
     });
 }
 
-TEST(ThreadWithoutRights, niceValueThatIsRefusedLeavesTheThreadRunning) {
-    withoutRights([] {
-        int const mine = getpriority(PRIO_PROCESS, 0);
-        EXPECT_EQ(mine, seeIn(NORMAL, 0, mine - 1).nice);
-    });
-}
-
-TEST(ThreadWithoutRights, settingARealTimePolicyIsRefused) {
-    withoutRights([] {
-        Thread thread(doNothing, nullptr);
-        EXPECT_TRUE(thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_RR, 1)));
-        EXPECT_TRUE(chainIs(schedulingFailed(UNCLASSIFIED, EPERM, NOT_SET)));
-        EXPECT_EQ(SCHED_OTHER, sched_getscheduler(0));
-    });
-}
-
-TEST(ThreadWithoutRights, loweringANiceValueIsRefused) {
-    withoutRights([] {
+TEST(ThreadWithoutRights, settingARealTimePolicyAndLoweringANiceValueAreRefused) {
+    expectInChild([] {
+        dropSchedulingRights();
         Event ready;
         Event go;
         StartedThread thread([&] {
@@ -548,7 +489,10 @@ TEST(ThreadWithoutRights, loweringANiceValueIsRefused) {
             EXPECT_TRUE(go.wait());
         });
         EXPECT_TRUE(ready.wait());
-        EXPECT_TRUE(thread.setPriority(getpriority(PRIO_PROCESS, 0) - 1));
+        EXPECT_TRUE(thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_RR, 1)));
+        EXPECT_TRUE(chainIs(schedulingFailed(UNCLASSIFIED, EPERM, NOT_SET)));
+        EXPECT_EQ(SCHED_OTHER, sched_getscheduler(0));
+        EXPECT_TRUE(thread.setPriority(getNice() - 1));
         // The system fails with EACCES, which is not the row of missing privileges.
         EXPECT_TRUE(chainIs(schedulingFailed(systemText(EACCES))));
         go.set();
@@ -562,13 +506,10 @@ TEST(ThreadWithoutRights, raisingARealTimePriorityIsRefused) {
     if (refused != 0) {
         GTEST_SKIP() << "no real-time scheduling here: " << systemText(refused);
     }
-    ChildEnd const end = runInChild([] {
+    expectInChild([] {
         Event go;
         StartedThread thread([&go] { EXPECT_TRUE(go.wait()); }, nullptr, makeAttr(VESK_SCHED_POLICY_RR, 1));
-        rlimit const none{0, 0};
-        EXPECT_EQ(0, setrlimit(RLIMIT_RTPRIO, &none));
-        EXPECT_EQ(0, setgid(65534));
-        EXPECT_EQ(0, setuid(65534));
+        dropSchedulingRights();
         EXPECT_TRUE(thread.setPriority(2));
         EXPECT_TRUE(
             chainIs(schedulingFailed(SysErrorId::PERMISSION_DENIED, EPERM, "insufficient privileges")));
@@ -576,7 +517,6 @@ TEST(ThreadWithoutRights, raisingARealTimePriorityIsRefused) {
         go.set();
         EXPECT_FALSE(thread.join());
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 // ---- a thread that runs ----
@@ -655,14 +595,10 @@ TEST_F(ThreadRunning, schedAttrsAreSetAndRead) {
     expectKernel(SCHED_OTHER, 0, 9);
     expectAttrs(VESK_SCHED_POLICY_NORMAL, 0, 9);
     EXPECT_EQ(9, m_thread.getPriority());
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(ThreadRunning, noopMakesNoSystemCall) {
     Fault const reads(inject_pthread_getschedparam, 0);
     Fault const writes(inject_pthread_setschedparam, 0);
     EXPECT_FALSE(m_thread.setSchedAttrs(Attr()));
-    EXPECT_EQ(0, reads.getCalls() + writes.getCalls());
+    EXPECT_EQ(0, reads.getCalls() + writes.getCalls()) << "noop makes no system call";
 }
 
 class ThreadRunningClasses : public ThreadRunning, public testing::WithParamInterface<int> {};
@@ -691,7 +627,6 @@ TEST_F(ThreadRunning, priorityIsTheNiceValueInATimeSharingThread) {
         EXPECT_EQ(nice, m_thread.getPriority());
     }
     EXPECT_EQ(m_nice, getpriority(PRIO_PROCESS, 0));
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(ThreadRunning, niceValueOfMinusOneIsNoFailure) {
@@ -699,26 +634,20 @@ TEST_F(ThreadRunning, niceValueOfMinusOneIsNoFailure) {
         GTEST_SKIP() << "no right to be less nice: " << systemText(errno);
     }
     EXPECT_EQ(-1, m_thread.getPriority());
-    EXPECT_TRUE(chainIs({}));
     EXPECT_FALSE(m_thread.setPriority(-20));
     EXPECT_EQ(-20, m_thread.getPriority());
 }
 
-TEST_F(ThreadRunning, priorityIsThatOfTheRealTimePolicy) {
+TEST_F(ThreadRunning, priorityIsThatOfTheRealTimePolicyAndRefusedOutOfRange) {
     SKIP_UNLESS_REAL_TIME(SCHED_FIFO, 1);
     EXPECT_FALSE(m_thread.setPriority(9));
+    EXPECT_TRUE(m_thread.setPriority(1000));
+    EXPECT_TRUE(chainIs(schedulingFailed(systemText(EINVAL))));
     expectKernel(SCHED_FIFO, 9, m_nice);
     EXPECT_EQ(9, m_thread.getPriority());
     ASSERT_TRUE(setKernel(SCHED_RR, 1));
     EXPECT_FALSE(m_thread.setPriority(11));
     expectKernel(SCHED_RR, 11, m_nice);
-}
-
-TEST_F(ThreadRunning, priorityOutOfRangeIsRefusedByTheSystem) {
-    SKIP_UNLESS_REAL_TIME(SCHED_FIFO, 1);
-    EXPECT_TRUE(m_thread.setPriority(1000));
-    EXPECT_TRUE(chainIs(schedulingFailed(systemText(EINVAL))));
-    EXPECT_EQ(1, m_thread.getPriority());
 }
 
 TEST_F(ThreadRunning, priorityOfAnUnknownPolicyIsNeitherSetNorRead) {
@@ -766,7 +695,6 @@ TEST_F(ThreadRunning, setPriorityOfAThreadThatIsOverDoesNothing) {
     EXPECT_FALSE(m_thread.join());
     EXPECT_FALSE(m_thread.setPriority(1000));
     EXPECT_EQ(0, reads.getCalls());
-    EXPECT_TRUE(chainIs({}));
 }
 
 // ---- threads that have ended: the system may have given their handles to other threads ----
@@ -794,9 +722,19 @@ void expectGone(Thread& thread) {
     EXPECT_EQ(0, reads.getCalls() + writes.getCalls() + nices.getCalls());
 }
 
-TEST_F(ThreadRunning, nothingIsSetOnceItWasJoined) {
+TEST_F(ThreadRunning, nothingIsSetOnceItWasJoinedOrATerminatedOneHasEnded) {
     end();
     expectGone(m_thread);
+    int const before = countThreads();
+    Event ready;
+    StartedThread thread([&ready] {
+        ready.set();
+        waitForCancellation();
+    });
+    EXPECT_TRUE(ready.wait());
+    EXPECT_FALSE(thread.terminate());
+    EXPECT_TRUE(hasThreads(before));
+    expectGone(thread);
 }
 
 TEST_F(ThreadRunning, nothingIsSetOnceADetachedOneHasEnded) {
@@ -813,19 +751,6 @@ TEST_F(ThreadRunning, nothingIsSetOnceADetachedOneHasEnded) {
     EXPECT_EQ(m_nice, next.getPriority());
     go.set();
     EXPECT_FALSE(next.join());
-}
-
-TEST_F(ThreadRunning, nothingIsSetOnceATerminatedOneHasEnded) {
-    int const before = countThreads();
-    Event ready;
-    StartedThread thread([&ready] {
-        ready.set();
-        waitForCancellation();
-    });
-    EXPECT_TRUE(ready.wait());
-    EXPECT_FALSE(thread.terminate());
-    EXPECT_TRUE(hasThreads(before));
-    expectGone(thread);
 }
 
 TEST_F(ThreadRunning, operationsRaceWithTheEndOfADetachedThread) {
@@ -866,7 +791,6 @@ TEST(ThreadPriorityLimits, areThoseOfTheCallersPolicy) {
         EXPECT_EQ(sched_get_priority_max(SCHED_RR), Thread::getMaxPriority());
         EXPECT_LT(Thread::getMinPriority(), Thread::getMaxPriority());
     });
-    EXPECT_TRUE(chainIs({}));
 }
 
 // ---- system calls that fail ----
@@ -890,11 +814,7 @@ TEST_P(ThreadSchedRows, reportAndChangeNothing) {
         SKIP_UNLESS_REAL_TIME(SCHED_RR, 1);
     }
     leaveOlderReport();
-    {
-        Fault const fault(*row.function, row.error);
-        EXPECT_EQ(row.result, row.operation(m_thread));
-        EXPECT_EQ(1, fault.getCalls());
-    }
+    EXPECT_EQ(row.result, failOnce(*row.function, row.error, [&] { return row.operation(m_thread); }));
     EXPECT_TRUE(chainIs(row.reports(row.error)));
     expectKernel(row.needs_real_time ? SCHED_RR : SCHED_OTHER, row.needs_real_time ? 1 : 0, m_nice);
 }
@@ -923,18 +843,10 @@ int setAttrWithoutNice(Thread& thread) {
     EXPECT_EQ(0, writes.getCalls());
     return result;
 }
-int setPriority(Thread& thread) {
-    return thread.setPriority(2);
-}
-int getPriority(Thread& thread) {
-    return thread.getPriority();
-}
-int getMin(Thread&) {
-    return Thread::getMinPriority();
-}
-int getMax(Thread&) {
-    return Thread::getMaxPriority();
-}
+constexpr auto setPriority = [](Thread& thread) -> int { return thread.setPriority(2); };
+constexpr auto getPriority = [](Thread& thread) -> int { return thread.getPriority(); };
+constexpr auto getMin = [](Thread&) -> int { return Thread::getMinPriority(); };
+constexpr auto getMax = [](Thread&) -> int { return Thread::getMaxPriority(); };
 
 std::vector<ExpectedReport> unclassified(int error) {
     return withErrno({UNCLASSIFIED}, error);
@@ -980,14 +892,13 @@ INSTANTIATE_TEST_SUITE_P(
 // ---- the main thread ----
 
 TEST(ThreadMainSchedAttrs, areThoseOfTheStartUp) {
-    ChildEnd const end = runInChild([] {
+    expectInChild([] {
         expectAttr(Thread::getMainSchedAttrs(), VESK_SCHED_NOOP, 0, 0);
         ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 18));
         vesk::Vesk const vesk(true, false);
         ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
         expectAttr(Thread::getMainSchedAttrs(), VESK_SCHED_POLICY_NORMAL, 0, 18);
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 // ---- the family ----

@@ -1,5 +1,6 @@
 #include "support/Cancellation.h"
 #include "support/Chain.h"
+#include "support/CleanEnd.h"
 #include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
 #include "threads/ThreadSupport.h"
@@ -77,14 +78,6 @@ testing::AssertionResult isRefused() {
           rowText(CommonErrorId::CONTRACT_BROKEN, "Invalid state for termination request")}});
 }
 
-/// Checks that `terminate` refuses a thread and leaves its state.
-void expectRefused(Thread& thread, Thread::State state) {
-    EXPECT_EQ(state, thread.getThreadState());
-    EXPECT_TRUE(thread.terminate());
-    EXPECT_TRUE(isRefused());
-    EXPECT_EQ(state, thread.getThreadState());
-}
-
 // ---- what it does ----
 
 TEST_F(ThreadTerminate, unwindsTheBodyAndCallsTheHandlersInTheCaller) {
@@ -104,62 +97,9 @@ TEST_F(ThreadTerminate, unwindsTheBodyAndCallsTheHandlersInTheCaller) {
     EXPECT_EQ(Thread::getCallerThreadId(), s_caller);
     EXPECT_EQ(thread.getThreadId(), s_id);
     EXPECT_TRUE(m_left.wait());
-    expectCalls(0, 1);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(ThreadTerminate, leavesNothingToBeJoined) {
-    TestThread thread(m_cancelable);
-    start(thread);
-    EXPECT_FALSE(thread.terminate());
-    EXPECT_TRUE(thread.join());
-    EXPECT_TRUE(chainIs({CommonErrorId::CONTRACT_BROKEN}));
-    EXPECT_EQ(-1, thread.joinTimeout(0));
-    EXPECT_TRUE(chainIs({CommonErrorId::CONTRACT_BROKEN}));
-    EXPECT_TRUE(hasThreads(m_threads));
-    EXPECT_FALSE(thread.wakeup());
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-}
-
-TEST_F(ThreadTerminate, isRefusedBeforeTheStartAndAfterTheEnd) {
-    Thread thread(doNothing, nullptr);
-    expectRefused(thread, Thread::CREATED);
-    EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(eventually([&] { return thread.getThreadState() == Thread::FINISHED; }));
-    expectRefused(thread, Thread::FINISHED);
-    EXPECT_FALSE(thread.join());
-    expectRefused(thread, Thread::DEAD);
-}
-
-TEST_F(ThreadTerminate, isRefusedASecondTime) {
-    TestThread thread(m_cancelable);
-    start(thread);
-    EXPECT_FALSE(thread.terminate());
-    expectRefused(thread, Thread::DEAD);
-    expectCalls(0, 1);
-}
-
-TEST_F(ThreadTerminate, refusalReportsOnTopOfWhatIsPending) {
-    Thread thread(doNothing, nullptr);
-    leaveOlderReport();
-    EXPECT_TRUE(thread.terminate());
-    EXPECT_TRUE(chainIs({SysErrorId::NO_SUCH_PROCESS, CommonErrorId::CONTRACT_BROKEN}));
-}
-
-TEST_F(ThreadTerminate, isRefusedWhileItIsSuspended) {
-    StartedThread thread([] { EXPECT_FALSE(self().suspend(0)); });
-    EXPECT_TRUE(thread.isIn(Thread::SUSPENDED));
-    expectRefused(thread, Thread::SUSPENDED);
-    EXPECT_FALSE(thread.wakeup());
-    EXPECT_FALSE(thread.join());
-}
-
-TEST_F(ThreadTerminate, isRefusedWhenItHasEndedByItself) {
-    StartedThread thread([] { pthread_exit(nullptr); });
-    EXPECT_TRUE(hasThreads(m_threads));
     EXPECT_TRUE(thread.terminate());
     EXPECT_TRUE(isRefused());
-    EXPECT_FALSE(thread.join());
+    expectCalls(0, 1);
 }
 
 TEST_F(ThreadTerminate, ofADetachedOneCallsItsHandlers) {
@@ -259,26 +199,20 @@ TEST_F(ThreadTerminate, cancellationInSuspendLeavesTheLockFree) {
     }
 }
 
-TEST_F(ThreadTerminate, suspendOfATerminatedThreadIsCanceledAndLeavesTheStateDead) {
-    StartedThread thread([this] {
-        SetAtEnd const end(m_left);
-        EXPECT_FALSE(self().terminate());
-        self().suspend(0);
-        ADD_FAILURE() << "not canceled";
-    });
-    EXPECT_TRUE(m_left.wait());
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-}
-
-TEST_F(ThreadTerminate, suspendOfATerminatedThreadThatRefusesCancellationDoesNotWait) {
-    StartedThread thread([this] {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        EXPECT_FALSE(self().terminate());
-        EXPECT_FALSE(self().suspend(0));
-        m_left.set();
-    });
-    EXPECT_TRUE(m_left.wait());
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
+TEST_F(ThreadTerminate, suspendOfATerminatedThreadIsCanceledOrDoesNotWaitAndLeavesTheStateDead) {
+    for (bool const cancelable : {true, false}) {
+        Event left;
+        StartedThread thread([&] {
+            SetAtEnd const end(left);
+            pthread_setcancelstate(cancelable ? PTHREAD_CANCEL_ENABLE : PTHREAD_CANCEL_DISABLE, nullptr);
+            EXPECT_FALSE(self().terminate());
+            EXPECT_FALSE(self().suspend(0));
+            EXPECT_FALSE(cancelable) << "not canceled";
+        });
+        EXPECT_TRUE(left.wait());
+        waitForTheEnd();
+        EXPECT_EQ(Thread::DEAD, thread.getThreadState());
+    }
 }
 
 TEST_F(ThreadTerminate, cancellationBeforeTheStartWaitsForTheBody) {

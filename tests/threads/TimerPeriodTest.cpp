@@ -23,6 +23,8 @@ struct Step {
     Spans armed = {};
 };
 
+Step const SNOOZE{Step::SNOOZE};
+Step const STOP{Step::STOP};
 Step at(long long time) {
     return {Step::AT, time};
 }
@@ -53,13 +55,11 @@ protected:
                 setTime(step.time);
             } else if (step.kind == Step::START) {
                 EXPECT_EQ(step.time == 0, m_clock.start(static_cast<unsigned int>(step.time), step.periodic));
-            } else if (step.kind == Step::SNOOZE) {
-                EXPECT_FALSE(m_clock.snooze());
-            } else if (step.kind == Step::STOP) {
-                EXPECT_FALSE(m_clock.stop());
-            } else {
+            } else if (step.kind == Step::RING) {
                 ringAt(step.time);
                 EXPECT_EQ(step.count, m_clock.count);
+            } else {
+                EXPECT_FALSE(step.kind == Step::STOP ? m_clock.stop() : m_clock.snooze());
             }
             EXPECT_EQ(step.armed, m_timers.take());
         }
@@ -72,35 +72,39 @@ protected:
     Clock m_clock;
 };
 
-TEST_F(TimerPeriod, startArmsForTheInterval) {
-    run({start(1500, false, {ms(1500)})});
-    run({start(4294967295U, false, {ms(4294967295)})});
+struct Course {
+    char const* name;
+    std::vector<Step> steps;
+    void (*action)(Clock&) = nullptr; ///< Of each call.
+};
+
+class TimerPeriodCourse : public TimerPeriod, public testing::WithParamInterface<Course> {};
+
+TEST_P(TimerPeriodCourse, armsAndRings) {
+    m_clock.action = GetParam().action;
+    run(GetParam().steps);
 }
 
-TEST_F(TimerPeriod, startWhileItRunsBeginsThePeriodAnewFromNow) {
-    run(
-        {start(1000, false, {ms(1000)}), at(400), start(1000, false, {ms(1000)}),
-         ring(1000, 0, {ms(400), ms(400)}), ring(1400, 1)});
-}
-
-TEST_F(TimerPeriod, snoozeOfARunningTimerPutsItOffWithoutASystemCall) {
-    run({start(1000, false, {ms(1000)}), at(400), {Step::SNOOZE}, ring(1000, 0, {ms(400)}), ring(1400, 1)});
-}
-
-TEST_F(TimerPeriod, stopMakesNoSystemCall) {
-    run({start(1000, true, {ms(1000)}), {Step::STOP}, ring(1000, 0)});
-}
-
-TEST_F(TimerPeriod, startWithZeroChangesNothing) {
-    run({start(1000, false, {ms(1000)}), at(400), start(0, true, {}), ring(1000, 1)});
-}
-
-TEST_F(TimerPeriod, countsFromTheMomentOfTheExpiryAndSoDrifts) {
-    run(
-        {start(1000, true, {ms(1000)}), ring(1030, 1, {ms(1000), ms(1000)}), ring(2029, 1, {ms(1), ms(1)}),
-         ring(2045, 2, {ms(1000), ms(1000)}), ring(3044, 2, {ms(1), ms(1)}),
-         ring(3045, 3, {ms(1000), ms(1000)})});
-}
+Course const COURSES[] = {
+    {"startArmsForTheInterval", {start(1500, false, {ms(1500)})}},
+    {"startArmsForTheLongestInterval", {start(4294967295U, false, {ms(4294967295)})}},
+    {"startWhileItRunsBeginsThePeriodAnewFromNow",
+     {start(1000, false, {ms(1000)}), at(400), start(1000, false, {ms(1000)}),
+      ring(1000, 0, {ms(400), ms(400)}), ring(1400, 1)}},
+    {"snoozeOfARunningTimerPutsItOffWithoutASystemCall",
+     {start(1000, false, {ms(1000)}), at(400), SNOOZE, ring(1000, 0, {ms(400)}), ring(1400, 1)}},
+    {"stopMakesNoSystemCall", {start(1000, true, {ms(1000)}), STOP, ring(1000, 0)}},
+    {"startWithZeroChangesNothing",
+     {start(1000, false, {ms(1000)}), at(400), start(0, true, {}), ring(1000, 1)}},
+    {"countsFromTheMomentOfTheExpiryAndSoDrifts",
+     {start(1000, true, {ms(1000)}), ring(1030, 1, {ms(1000), ms(1000)}), ring(2029, 1, {ms(1), ms(1)}),
+      ring(2045, 2, {ms(1000), ms(1000)}), ring(3044, 2, {ms(1), ms(1)}),
+      ring(3045, 3, {ms(1000), ms(1000)})}},
+    {"callbackThatStopsRemovesWhatWasJustArmed",
+     {start(1000, true, {ms(1000)}), ring(1000, 1, {ms(1000)}), ring(1000000, 1)},
+     [](Clock& clock) { clock.stop(); }},
+};
+INSTANTIATE_TEST_SUITE_P(All, TimerPeriodCourse, testing::ValuesIn(COURSES), RowName());
 
 TEST_F(TimerPeriod, isArmedBeforeTheCallbackRuns) {
     Spans before_callback;
@@ -112,11 +116,6 @@ TEST_F(TimerPeriod, isArmedBeforeTheCallbackRuns) {
     EXPECT_EQ(Spans{ms(1000)}, before_callback);
     m_clock.action = nullptr;
     run({ring(1999, 1, {ms(1), ms(1)}), ring(2000, 2, {ms(1000), ms(1000)})});
-}
-
-TEST_F(TimerPeriod, callbackThatStopsRemovesWhatWasJustArmed) {
-    m_clock.action = [](Clock& self) { self.stop(); };
-    run({start(1000, true, {ms(1000)}), ring(1000, 1, {ms(1000)}), ring(1000000, 1)});
 }
 
 TEST_F(TimerPeriod, callbackCannotStopAnotherTimerThatIsDueWithIt) {

@@ -1,6 +1,6 @@
 #include "SignalsToMainThread.h"
 #include "TimerSupport.h"
-#include "support/Child.h"
+#include "support/CleanEnd.h"
 #include "support/ErrnoRows.h"
 #include "support/Privileges.h"
 #include "support/Processes.h"
@@ -22,6 +22,8 @@ using tarnbase::TimePoint;
 using vesk::Timer;
 
 constexpr unsigned int AN_HOUR = 3600000;
+constexpr bool ONCE = false;
+constexpr bool PERIODIC = true;
 
 static_assert(std::has_virtual_destructor_v<Timer>);
 static_assert(std::is_base_of_v<tarnbase::NonCopyable, Timer>);
@@ -37,40 +39,104 @@ void letPass(unsigned int ms, bool high_priority = false) {
     EXPECT_TRUE(other.waitFor(1));
 }
 
-/// Waits until the timer has made this number of calls, and checks that no further one follows.
-void expectCalls(Clock const& clock, int calls, bool high_priority = false) {
-    EXPECT_TRUE(clock.waitFor(calls));
-    letPass(10, high_priority);
-    EXPECT_EQ(calls, clock.count);
+// ---- what timers do step by step ----
+
+using Action = std::function<void(Clock&)>;
+
+/// One step of a timer of high or low priority.
+using Step = std::function<void(Clock&, bool)>;
+
+/// Checks the interval and the kind.
+Step has(unsigned int interval, bool periodic) {
+    return [=](Clock& clock, bool) {
+        EXPECT_EQ(interval, clock.getInterval());
+        EXPECT_EQ(periodic, clock.isPeriodic());
+    };
 }
+Step start(unsigned int interval, bool periodic) {
+    return [=](Clock& clock, bool high) {
+        EXPECT_FALSE(clock.start(interval, periodic));
+        has(interval, periodic)(clock, high);
+    };
+}
+Step failToStart(bool periodic) {
+    return [=](Clock& clock, bool) {
+        leaveOlderReport();
+        EXPECT_TRUE(clock.start(0, periodic));
+        auto const id = std::CommonErrorId::CONTRACT_BROKEN;
+        EXPECT_TRUE(chainIs({{id, "Contract broken by the caller: zero tick interval specified"}}));
+    };
+}
+/// Waits until the timer has made this number of calls, and checks that no further one follows.
+Step rings(int calls) {
+    return [=](Clock& clock, bool high) {
+        EXPECT_TRUE(clock.waitFor(calls));
+        letPass(10, high);
+        EXPECT_EQ(calls, clock.count);
+    };
+}
+Step const STOP = [](Clock& clock, bool) { EXPECT_FALSE(clock.stop()); };
+Step const SNOOZE = [](Clock& clock, bool) { EXPECT_FALSE(clock.snooze()); };
+Step const GO_ON = [](Clock& clock, bool) { EXPECT_TRUE(clock.waitFor(clock.count + 5)); };
+/// The call that the engine makes. Begins the next period of a periodic timer.
+Step const EXPIRE = [](Clock& clock, bool) { Timer::procedure(static_cast<Timer*>(&clock)); };
+
+struct Course {
+    char const* name;
+    std::vector<Step> steps;
+    Action action = nullptr; ///< Of each call.
+};
+
+class TimerCourse : public testing::TestWithParam<Course> {};
+
+TEST_P(TimerCourse, makesItsCalls) {
+    for (bool const high : {false, true}) {
+        Clock clock(high, GetParam().action);
+        for (Step const& step : GetParam().steps) {
+            step(clock, high);
+        }
+    }
+}
+
+Course const COURSES[] = {
+    {"standsStillAtFirst", {has(0, ONCE), rings(0)}},
+    {"oneShotTimerRingsOnce", {start(3, ONCE), rings(1), has(3, ONCE)}},
+    {"startWithZeroFailsAndARunningTimerKeepsRunning",
+     {start(2, PERIODIC), failToStart(ONCE), has(2, PERIODIC), GO_ON}},
+    {"startWithZeroLeavesAStoppedTimerStopped", {failToStart(PERIODIC), has(0, ONCE), rings(0)}},
+    {"stoppingAStoppedTimerSucceedsAndDoesNothing", {STOP, STOP, start(1, ONCE), rings(1), STOP}},
+    {"stopKeepsTheIntervalAndTheKind", {start(AN_HOUR, PERIODIC), STOP, has(AN_HOUR, PERIODIC)}},
+    {"startWhileItRunsTakesTheNewIntervalAndKind",
+     {start(AN_HOUR, PERIODIC), start(2, ONCE), rings(1), has(2, ONCE)}},
+    {"snoozeFromTheCallbackOfAOneShotTimerLeadsToOneMoreCall",
+     {start(2, ONCE), rings(2)},
+     [](Clock& clock) { EXPECT_FALSE(clock.count == 0 && clock.snooze()); }},
+    {"snoozeOnAStoppedTimerStartsOneMorePeriod",
+     {start(2, ONCE), rings(1), SNOOZE, rings(2), STOP, SNOOZE, rings(3)}},
+    {"snoozeOnATimerThatWasNeverStartedRingsOnceAtOnce", {SNOOZE, rings(1)}},
+    {"periodicTimerThatIsSnoozedAfterAStopGoesOn", {start(1, PERIODIC), GO_ON, STOP, SNOOZE, GO_ON}},
+    {"periodicTimerThatItsCallbackStopsHasNoFurtherExpiry",
+     {start(2, PERIODIC), rings(1)},
+     [](Clock& clock) { EXPECT_FALSE(clock.stop()); }},
+    {"callbackMayStartItsTimerAnew",
+     {start(2, PERIODIC), rings(4)},
+     [](Clock& clock) { EXPECT_FALSE(clock.count == 2 && clock.start(1, ONCE)); }},
+    {"procedureIsTheCallOfTheEngine", {EXPIRE, rings(1), start(1, PERIODIC), STOP, EXPIRE, GO_ON}},
+};
+INSTANTIATE_TEST_SUITE_P(All, TimerCourse, testing::ValuesIn(COURSES), RowName());
+
+// ---- threads and signals ----
 
 class TimerOfPriority : public testing::TestWithParam<bool> {};
 
-TEST_P(TimerOfPriority, standsStillAtFirst) {
-    Clock clock(GetParam());
-    EXPECT_EQ(0U, clock.getInterval());
-    EXPECT_FALSE(clock.isPeriodic());
-    letPass(5, GetParam());
-    EXPECT_EQ(0, clock.count);
-}
-
-TEST_P(TimerOfPriority, oneShotTimerRunsItsCallbackOnceOnTheThreadOfItsPriority) {
-    Clock clock(GetParam());
-    EXPECT_FALSE(clock.start(3, false));
-    EXPECT_EQ(3U, clock.getInterval());
-    EXPECT_FALSE(clock.isPeriodic());
-    expectCalls(clock, 1, GetParam());
-    EXPECT_EQ(3U, clock.getInterval());
-    EXPECT_EQ(GetParam() ? "HighPrioTimer" : "Timer", clock.thread_name);
-}
-
-TEST_P(TimerOfPriority, aPeriodicTimerGoesOn) {
+TEST_P(TimerOfPriority, periodicTimerGoesOnOnTheThreadOfItsPriority) {
     Clock clock(GetParam());
     long long const before = TimePoint::now().getCount();
     EXPECT_FALSE(clock.start(4, true));
-    EXPECT_TRUE(clock.isPeriodic());
     ASSERT_TRUE(clock.waitFor(10));
     EXPECT_LE(40, TimePoint::now().getCount() - before);
+    EXPECT_FALSE(clock.stop());
+    EXPECT_EQ(GetParam() ? "HighPrioTimer" : "Timer", clock.thread_name);
 }
 
 TEST_P(TimerOfPriority, theLastOneEndsTheThreadAndANewOneStartsANewOne) {
@@ -106,7 +172,7 @@ TEST_P(TimerOfPriority, hasItsSignalWhileThereAreSome) {
 
 TEST_P(TimerOfPriority, itsThreadIsScheduledAsTheOneThatStartedTheLibrary) {
     VESK_SKIP_UNLESS_NICE_MAY_BE(5, 7, 5);
-    auto const end = runInChild([] {
+    expectInChild([] {
         ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 5));
         vesk::Vesk const vesk(true, false);
         ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 7));
@@ -117,52 +183,11 @@ TEST_P(TimerOfPriority, itsThreadIsScheduledAsTheOneThatStartedTheLibrary) {
         clock.stop();
         EXPECT_EQ(5, seen);
     });
-    EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
 INSTANTIATE_TEST_SUITE_P(All, TimerOfPriority, testing::Bool(), [](auto const& tested) {
     return tested.param ? "high" : "low";
 });
-
-TEST(Timer, startWithZeroFailsAndARunningTimerKeepsRunning) {
-    Clock clock;
-    EXPECT_FALSE(clock.start(2, true));
-    leaveOlderReport();
-    EXPECT_TRUE(clock.start(0, false));
-    auto const id = std::CommonErrorId::CONTRACT_BROKEN;
-    EXPECT_TRUE(chainIs({{id, "Contract broken by the caller: zero tick interval specified"}}));
-    EXPECT_EQ(2U, clock.getInterval());
-    EXPECT_TRUE(clock.isPeriodic());
-    int const before = clock.count;
-    EXPECT_TRUE(clock.waitFor(before + 3));
-}
-
-TEST(Timer, startWithZeroLeavesAStoppedTimerStopped) {
-    Clock clock;
-    EXPECT_TRUE(clock.start(0, true));
-    EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN}));
-    EXPECT_FALSE(clock.isPeriodic());
-    letPass(5);
-    EXPECT_EQ(0, clock.count);
-}
-
-TEST(Timer, stoppingAStoppedTimerSucceedsAndDoesNothing) {
-    Clock clock;
-    EXPECT_FALSE(clock.stop());
-    EXPECT_FALSE(clock.stop());
-    EXPECT_FALSE(clock.start(1, false));
-    EXPECT_TRUE(clock.waitFor(1));
-    EXPECT_FALSE(clock.stop());
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(Timer, stopKeepsTheIntervalAndTheKind) {
-    Clock clock;
-    EXPECT_FALSE(clock.start(AN_HOUR, true));
-    EXPECT_FALSE(clock.stop());
-    EXPECT_EQ(AN_HOUR, clock.getInterval());
-    EXPECT_TRUE(clock.isPeriodic());
-}
 
 TEST(Timer, aStoppedTimerIsSilent) {
     Clock clock;
@@ -173,68 +198,6 @@ TEST(Timer, aStoppedTimerIsSilent) {
         letPass(2);
         ASSERT_EQ(before, clock.count);
     }
-}
-
-TEST(Timer, startWhileItRunsTakesTheNewIntervalAndKind) {
-    Clock clock;
-    EXPECT_FALSE(clock.start(AN_HOUR, true));
-    EXPECT_FALSE(clock.start(2, false));
-    EXPECT_EQ(2U, clock.getInterval());
-    EXPECT_FALSE(clock.isPeriodic());
-    expectCalls(clock, 1);
-}
-
-TEST(Timer, snoozeFromTheCallbackOfAOneShotTimerLeadsToOneMoreCall) {
-    Clock clock(false, [](Clock& self) {
-        if (self.count == 0) {
-            EXPECT_FALSE(self.snooze());
-        }
-    });
-    EXPECT_FALSE(clock.start(2, false));
-    expectCalls(clock, 2);
-}
-
-TEST(Timer, snoozeOnAStoppedTimerStartsOneMorePeriod) {
-    Clock clock;
-    EXPECT_FALSE(clock.start(2, false));
-    ASSERT_TRUE(clock.waitFor(1));
-    EXPECT_FALSE(clock.snooze());
-    ASSERT_TRUE(clock.waitFor(2));
-    EXPECT_FALSE(clock.stop());
-    EXPECT_FALSE(clock.snooze());
-    expectCalls(clock, 3);
-}
-
-TEST(Timer, snoozeOnATimerThatWasNeverStartedRingsOnceAtOnce) {
-    Clock clock;
-    EXPECT_FALSE(clock.snooze());
-    expectCalls(clock, 1);
-}
-
-TEST(Timer, aPeriodicTimerThatIsSnoozedAfterAStopGoesOn) {
-    Clock clock;
-    EXPECT_FALSE(clock.start(1, true));
-    ASSERT_TRUE(clock.waitFor(1));
-    EXPECT_FALSE(clock.stop());
-    int const before = clock.count;
-    EXPECT_FALSE(clock.snooze());
-    EXPECT_TRUE(clock.waitFor(before + 5));
-}
-
-TEST(Timer, periodicTimerThatItsCallbackStopsHasNoFurtherExpiry) {
-    Clock clock(false, [](Clock& self) { EXPECT_FALSE(self.stop()); });
-    EXPECT_FALSE(clock.start(2, true));
-    expectCalls(clock, 1);
-}
-
-TEST(Timer, aCallbackMayStartItsTimerAnew) {
-    Clock clock(false, [](Clock& self) {
-        if (self.count == 2) {
-            EXPECT_FALSE(self.start(1, false));
-        }
-    });
-    EXPECT_FALSE(clock.start(2, true));
-    expectCalls(clock, 4);
 }
 
 TEST(Timer, aCallbackMayStartAndStopOtherTimers) {
@@ -413,7 +376,7 @@ INSTANTIATE_TEST_SUITE_P(
     RowName());
 
 TEST(Timer, callbacksOfBothPrioritiesMayStopAndStartEachOthersTimers) {
-    auto const end = runInChild([] {
+    expectInChild([] {
         Clock* clocks[2] = {};
         Event entered[2];
         auto const stopOther = [&](Clock& self) {
@@ -436,25 +399,10 @@ TEST(Timer, callbacksOfBothPrioritiesMayStopAndStartEachOthersTimers) {
         low.stop();
         high.stop();
     });
-    EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;
 }
 
-TEST(Timer, procedureIsTheCallOfTheEngine) {
-    Clock clock;
-    Timer::procedure(static_cast<Timer*>(&clock));
-    EXPECT_EQ(1, clock.count);
-    EXPECT_FALSE(clock.start(1, true));
-    EXPECT_FALSE(clock.stop());
-    int const before = clock.count;
-    Timer::procedure(static_cast<Timer*>(&clock)); // Begins the next period, as the engine's call does.
-    EXPECT_TRUE(clock.waitFor(before + 3));
-}
-
-TEST(Timer, theEngineOfOrdinaryTimersIsThatOfAlarms) {
+TEST(Timer, anAlarmAndAnOrdinaryTimerShareTheEngineAndItsThread) {
     EXPECT_EQ(&vesk::Alarm::DEFAULT_TIMER, &Timer::timer_low_prio);
-}
-
-TEST(Timer, anAlarmAndAnOrdinaryTimerShareTheThread) {
     int const threads = countThreads();
     Clock const clock;
     std::SharedBase::Ptr<vesk::Alarm::Timer> const engine(vesk::Alarm::DEFAULT_TIMER);
