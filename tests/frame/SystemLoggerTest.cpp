@@ -394,6 +394,8 @@ TEST(SystemLoggerMessage, arrivesWithPriorityIdentityAndProcessIdAlsoAfterTheLog
             receiver.expect(8 | 5, "all is well");
         }
         EXPECT_TRUE(receiver.isEmpty());
+        closeLog();
+        openLog();
         EXPECT_EQ(0, unlink("/dev/log"));
         log(NOTICE, "connected");
         receiver.expect(8 | 5, "connected"); // Over the connection that opening the log has made.
