@@ -1,3 +1,5 @@
+#include "support/NamedRow.h"
+
 #include <vesk/FileAccess.h>
 
 #include <gtest/gtest.h>
@@ -10,15 +12,10 @@ namespace {
 
 using vesk::FileAccess;
 
-struct Row {
-    char const* name;
+struct Row : support::NamedRow {
     FileAccess const* constant;
     unsigned int octal;
 };
-
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class FileAccessConstants : public testing::TestWithParam<Row> {};
 

@@ -1,6 +1,7 @@
 #include "support/Child.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/NamedRow.h"
 #include "support/NewFault.h"
 #include "support/RunInThreads.h"
 
@@ -64,16 +65,12 @@ void putBack(GrowingPool& pool, Items const& items) {
 
 // ---- the lock and the condition that do nothing ----
 
-TEST(FakeLock, doesNothingAndSucceeds) {
-    std::FakeLock const lock;
+TEST(FakeLock, doesNothingAndSucceedsLikeItsCondition) {
+    std::FakeLock lock;
     EXPECT_FALSE(lock.lock() || lock.lock() || lock.unlock());
     EXPECT_EQ(0, lock.tryLock());
     EXPECT_EQ(0, lock.tryLockTimeout(5));
-}
-
-TEST(FakeCondition, doesNothingAndSucceeds) {
     std::FakeCondition const condition;
-    std::FakeLock lock;
     EXPECT_FALSE(condition.wait(lock) || condition.signal());
     EXPECT_EQ(0, condition.waitTimeout(lock, 5LL));
 }
@@ -95,7 +92,8 @@ TEST(ErrorHelper, repeatsTheAllocationUntilItSucceeds) {
 
 // ---- the stack of free items ----
 
-TEST(FreeStack, returnsTheItemsFromTheEndOfTheBlockDownward) {
+TEST(FreeStack, returnsTheItemsFromTheEndOfTheBlockDownwardAndTheLastPushedFirst) {
+    EventRecorder const recorder;
     unsigned char block[4 * 6];
     std::FreeStack stack(block, 6, 4);
     EXPECT_EQ(4u, stack.getLeft());
@@ -107,29 +105,21 @@ TEST(FreeStack, returnsTheItemsFromTheEndOfTheBlockDownward) {
     EXPECT_EQ(0u, stack.getLeft());
     EXPECT_EQ(nullptr, stack.pop());
     EXPECT_EQ(4u, stack.getSize());
-}
-
-TEST(FreeStack, returnsTheLastPushedItemFirst) {
-    unsigned char block[4 * 8];
-    std::FreeStack stack(block, 8, 4);
-    void* const first = stack.pop();
-    void* const second = stack.pop();
-    stack.push(first);
-    stack.push(second);
-    EXPECT_EQ(second, stack.pop());
-    EXPECT_EQ(first, stack.pop());
-}
-
-TEST(FreeStack, pushOnAFullStackTripsAnAssertionAndDropsTheItem) {
-    EventRecorder const recorder;
-    unsigned char block[2 * 8];
-    std::FreeStack stack(block, 8, 2);
-    stack.push(block);
+    for (int i = 0; i < 4; ++i) {
+        stack.push(block + i * 6);
+    }
+    EXPECT_EQ(0u, recorder.getCount());
+    stack.push(block); // One too many is dropped.
     EXPECT_EQ(FULL, recorder.getText());
-    EXPECT_EQ(2u, stack.getLeft());
-    EXPECT_EQ(block + 8, stack.pop());
-    EXPECT_EQ(block, stack.pop());
+    EXPECT_EQ(4u, stack.getLeft());
+    for (int i = 3; i >= 0; --i) {
+        EXPECT_EQ(block + i * 6, stack.pop());
+    }
     EXPECT_EQ(nullptr, stack.pop());
+    std::FreeStack none(block, 8, 0);
+    EXPECT_EQ(nullptr, none.pop());
+    EXPECT_TRUE(none.isFull());
+    EXPECT_EQ(1u, recorder.getCount());
 }
 
 TEST(FreeStack, withoutABlockTripsAnAssertionAndIsEmpty) {
@@ -149,15 +139,6 @@ TEST(FreeStack, waitsForTheMemoryOfItsArray) {
     EXPECT_EQ(4, fault.getCalls());
     EXPECT_EQ(times(3, NO_STACK), recorder.getText());
     EXPECT_EQ(2u, stack.getLeft());
-}
-
-TEST(FreeStack, ofNoItemsIsEmptyAndFull) {
-    EventRecorder const recorder;
-    unsigned char block[1];
-    std::FreeStack stack(block, 8, 0);
-    EXPECT_EQ(nullptr, stack.pop());
-    EXPECT_TRUE(stack.isFull());
-    EXPECT_EQ(0u, recorder.getCount());
 }
 
 // ---- the pool ----
@@ -196,58 +177,44 @@ TEST(MemoryPool, itemIsAtLeastAsLargeAsAPointer) {
     EXPECT_EQ((std::vector<size_t>{array, array, array, array, array + 10, array}), counter.getSizes());
 }
 
-TEST(MemoryPool, returnsTheItemsFromTheEndOfTheBlockDownward) {
+TEST(MemoryPool, returnsTheItemsDownwardThenNullThenThoseThatWerePutBack) {
     PlainPool pool(POINTER, 3);
     auto* const last = static_cast<unsigned char*>(pool.get());
     EXPECT_EQ(last - POINTER, pool.get());
     EXPECT_EQ(last - 2 * POINTER, pool.get());
-}
-
-TEST(MemoryPool, returnsNullOnDepletionAndTheItemsThatWerePutBack) {
-    PlainPool pool(POINTER, 2);
-    void* const first = pool.get();
-    void* const second = pool.get();
     EXPECT_EQ(nullptr, pool.get());
-    pool.thankYou(first);
-    EXPECT_EQ(first, pool.get());
+    pool.thankYou(last);
+    EXPECT_EQ(last, pool.get());
     EXPECT_EQ(nullptr, pool.get());
-    pool.thankYou(second);
-    pool.thankYou(first);
+    pool.thankYou(last - POINTER);
+    pool.thankYou(last);
     EXPECT_EQ(2u, pool.getFreeStack().getLeft());
 }
 
-TEST(MemoryPool, puttingBackNullDoesNothing) {
+TEST(MemoryPool, nullIsIgnoredAndAForeignOrRepeatedItemTripsAnAssertion) {
     EventRecorder const recorder;
     PlainPool plain(POINTER, 2);
-    plain.thankYou(nullptr);
     LockedPool locked(POINTER, 2);
-    Fault const locks(inject_pthread_mutex_lock, 0);
-    locked.thankYou(nullptr);
-    EXPECT_EQ(0, locks.getCalls());
-    EXPECT_EQ(2u, locked.getFreeStack().getLeft());
+    void* const item = locked.get();
+    {
+        Fault const locks(inject_pthread_mutex_lock, 0);
+        plain.thankYou(nullptr);
+        locked.thankYou(nullptr);
+        plain.getDepletion().thankYou(nullptr);
+        EXPECT_EQ(0, locks.getCalls());
+    }
+    EXPECT_EQ(1u, locked.getFreeStack().getLeft());
     EXPECT_EQ(0u, recorder.getCount());
-}
-
-TEST(MemoryPool, foreignItemTripsAnAssertionInAPlainPool) {
-    EventRecorder const recorder;
-    PlainPool pool(POINTER, 2);
     int elsewhere = 0;
-    pool.thankYou(&elsewhere);
-    EXPECT_EQ("ASSERT framework/include/common/MemoryPool thankYou: ! ptr", recorder.getText());
-    EXPECT_EQ(2u, pool.getFreeStack().getLeft());
-    pool.getDepletion().thankYou(nullptr);
-    EXPECT_EQ(1u, recorder.getCount());
-}
-
-TEST(MemoryPool, itemPutBackTwiceTripsAnAssertionInAFullPool) {
-    EventRecorder const recorder;
-    LockedPool pool(POINTER, 2);
-    void* const item = pool.get();
-    pool.thankYou(item);
-    pool.thankYou(item);
-    EXPECT_EQ(FULL, recorder.getText());
-    EXPECT_EQ(item, pool.get());
-    EXPECT_NE(item, pool.get());
+    plain.thankYou(&elsewhere);
+    std::string const foreign = "ASSERT framework/include/common/MemoryPool thankYou: ! ptr";
+    EXPECT_EQ(foreign, recorder.getText());
+    EXPECT_EQ(2u, plain.getFreeStack().getLeft());
+    locked.thankYou(item);
+    locked.thankYou(item);
+    EXPECT_EQ(foreign + "\n" + FULL, recorder.getText());
+    EXPECT_EQ(item, locked.get());
+    EXPECT_NE(item, locked.get());
 }
 
 TEST(MemoryPool, withoutABlockTripsTwoAssertionsAndIsEmpty) {
@@ -318,31 +285,24 @@ TEST(MemoryPool, lockGuardHoldsTheLockForItsScope) {
     std::ErrorStorage::ack();
 }
 
-TEST(MemoryPool, failureToLockAborts) {
+TEST(MemoryPool, failureToLockAbortsAndFailureToUnlockTripsTheAssertionOfTheGuard) {
     EventRecorder const recorder;
-    LockedPool pool(POINTER, 2);
-    void* item = nullptr;
+    LockedPool pool(POINTER, 3);
     {
         Fault const lock(inject_pthread_mutex_lock, EINVAL);
-        item = pool.get();
+        EXPECT_NE(nullptr, pool.get());
     }
     EXPECT_EQ(LOCK_FAILED, recorder.getText()) << "unlocking without the lock would fail";
-    EXPECT_NE(nullptr, item);
-    std::ErrorStorage::ack();
-}
-
-TEST(MemoryPool, failureToUnlockTripsTheAssertionOfTheGuard) {
-    EventRecorder const recorder;
-    LockedPool pool(POINTER, 2);
     {
         Fault const unlock(inject_pthread_mutex_unlock, EPERM);
         EXPECT_NE(nullptr, pool.get());
     }
-    EXPECT_EQ("ASSERT framework/include/common/ScopeGuard ~ScopeGuard: ! release_failed", recorder.getText());
+    EXPECT_EQ("~ScopeGuard", recorder.getEvents()[1].function);
+    EXPECT_EQ("! release_failed", recorder.getEvents()[1].expression);
     // The lock is still held: a guard that failed to acquire it releases it.
     { LockedPool::LockGuard(pool).arm(); }
     EXPECT_NE(nullptr, pool.get());
-    EXPECT_EQ(2u, recorder.getCount());
+    EXPECT_EQ(3u, recorder.getCount());
     std::ErrorStorage::ack();
 }
 
@@ -360,16 +320,11 @@ std::string furtherOf(GrowingPool& pool) {
 
 /// Steps with a pool of `size` items: "+3" takes three items, "-2" puts back item 2, as counted by their
 /// first return. `seen` is the first item that each step takes, and the further pools then.
-struct Growth {
-    char const* name;
+struct Growth : NamedRow {
     unsigned int size;
     char const* steps;
     char const* seen;
 };
-
-void PrintTo(Growth const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class UsePoolOnDepletionSteps : public testing::TestWithParam<Growth> {};
 
@@ -423,9 +378,7 @@ Growth const GROWTHS[] = {
      "1: 0/2/0, 3: 1/4/3 in 4, 1/4/2 in 4, 1/4/1 in 4, 1/4/0 in 4, 0/2/4294967295, "
      "7: 1/4/2 in 4"}};
 
-INSTANTIATE_TEST_SUITE_P(All, UsePoolOnDepletionSteps, testing::ValuesIn(GROWTHS), [](auto const& row) {
-    return row.param.name;
-});
+INSTANTIATE_TEST_SUITE_P(All, UsePoolOnDepletionSteps, testing::ValuesIn(GROWTHS), byName);
 
 /// A pool of pointers that is empty, and the items of the further pools that the test has taken.
 class UsePoolOnDepletion : public testing::Test {
@@ -437,12 +390,13 @@ protected:
     Items m_main = take(m_pool, 1);
 };
 
-TEST_F(UsePoolOnDepletion, furtherPoolsDoubleInSize) {
+TEST_F(UsePoolOnDepletion, furtherPoolsDoubleInSizeAndReturnTheirItemsDownward) {
     NewFault const counter(New::NOTHROW_ARRAY, 1, 0);
     GrowingPool pool(POINTER, 2);
     EXPECT_EQ("0/2/0", furtherOf(pool));
     EXPECT_EQ(POINTER, pool.getDepletion().getItemSize());
     Items const items = take(pool, 2 + 4 + 8 + 1);
+    EXPECT_EQ(static_cast<unsigned char*>(items[2]) - POINTER, items[3]);
     EXPECT_EQ(3u, pool.getDepletion().getPoolCount());
     EXPECT_EQ(16u, pool.getDepletion().getNextSize());
     EXPECT_EQ(items.size(), std::set<void*>(items.begin(), items.end()).size());
@@ -453,11 +407,6 @@ TEST_F(UsePoolOnDepletion, furtherPoolsDoubleInSize) {
     }
     EXPECT_EQ(expected, counter.getSizes());
     putBack(pool, items);
-}
-
-TEST_F(UsePoolOnDepletion, furtherPoolReturnsItsItemsFromTheEndDownward) {
-    Items const items = take(m_pool, 2);
-    EXPECT_EQ(static_cast<unsigned char*>(items[0]) - POINTER, items[1]);
 }
 
 TEST_F(UsePoolOnDepletion, foreignItemAborts) {
@@ -482,20 +431,20 @@ TEST(UsePoolOnDepletionFailure, foreignItemEndsTheProcess) {
     EXPECT_NE(std::string::npos, end.errors.find("item is not from here!")) << end.errors;
 }
 
-TEST_F(UsePoolOnDepletion, waitsForTheMemoryOfAnotherPool) {
-    NewFault const fault(New::NOTHROW_SINGLE, 1, 2);
-    EXPECT_NE(nullptr, get());
-    EXPECT_EQ(3, fault.getCalls());
-    EXPECT_EQ(
-        times(2, "OUT_OF_MEMORY framework/include/common/MemoryPool getHelp: need another pool"),
-        m_recorder.getText());
+TEST_F(UsePoolOnDepletion, waitsForTheMemoryOfAnotherPoolAndItsStack) {
+    std::string expected =
+        times(2, "OUT_OF_MEMORY framework/include/common/MemoryPool getHelp: need another pool");
+    {
+        NewFault const fault(New::NOTHROW_SINGLE, 1, 2);
+        EXPECT_NE(nullptr, get());
+        EXPECT_EQ(3, fault.getCalls());
+    }
+    EXPECT_EQ(expected, m_recorder.getText());
     EXPECT_EQ("1/2/1 in 2", furtherOf(m_pool)) << "doubled once, not with each attempt";
-}
-
-TEST_F(UsePoolOnDepletion, waitsForTheMemoryOfAnotherPoolsStack) {
+    get();
     NewFault const fault(New::NOTHROW_ARRAY, 2, 2); // The first call is for the block.
     EXPECT_NE(nullptr, get());
-    EXPECT_EQ(times(2, NO_STACK), m_recorder.getText());
+    EXPECT_EQ(expected + "\n" + times(2, NO_STACK), m_recorder.getText());
 }
 
 TEST_F(UsePoolOnDepletion, anotherPoolWithoutABlockYieldsNull) {

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <iterator>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -112,7 +113,6 @@ VESK_TEST_BY(inFreshProcess, RefCountedStart, withoutAMainBlockTheCountersComeFr
         "ASSERT framework/include/common/MemoryPool FreeStack: init\n"
         "ASSERT framework/include/common/MemoryPool MemoryPool: m_memblock_start",
         recorder.getText());
-    EXPECT_EQ(1, handle.getCount());
     EXPECT_EQ(2048u, Handle::getPool()->getDepletion().getNextSize());
     {
         Handle const copy(handle);
@@ -126,10 +126,8 @@ VESK_TEST_BY(inFreshProcess, RefCountedStart, waitsForTheMemoryOfTheFreeStack) {
     EventRecorder const recorder;
     NewFault const fault(New::NOTHROW_ARRAY, 2, 2);
     Handle const handle;
-    EXPECT_EQ(
-        "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack\n"
-        "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack",
-        recorder.getText());
+    std::string const line = "OUT_OF_MEMORY framework/include/common/MemoryPool FreeStack: need free stack";
+    EXPECT_EQ(line + "\n" + line, recorder.getText());
     EXPECT_EQ(1, handle.getCount());
 }
 

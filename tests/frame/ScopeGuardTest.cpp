@@ -59,12 +59,19 @@ int callsAfter(Operations const& operations, bool armed = true) {
     return door.closed;
 }
 
-TEST(ScopeGuard, doesNotCallTheFunctionOnceReleased) {
+TEST(ScopeGuard, releasedOrDisarmedItDoesNotCallTheFunction) {
     auto const release = [](Guard& guard) {
         guard.release();
         EXPECT_TRUE(guard.isReleased());
     };
     EXPECT_EQ(0, callsAfter(release));
+    auto const disarm = [](Guard& guard) {
+        guard.disarm();
+        EXPECT_FALSE(guard.isArmed());
+    };
+    EXPECT_EQ(0, callsAfter(disarm));
+    EXPECT_EQ(0, callsAfter([](Guard&) {}, false));
+    EXPECT_EQ(1, callsAfter([](Guard& guard) { guard.arm(); }, false));
 }
 
 TEST(ScopeGuard, staysReleasedWhenArmedAgain) {
@@ -73,19 +80,6 @@ TEST(ScopeGuard, staysReleasedWhenArmedAgain) {
         guard.arm();
     };
     EXPECT_EQ(0, callsAfter(release));
-}
-
-TEST(ScopeGuard, doesNotCallTheFunctionWhileDisarmed) {
-    auto const disarm = [](Guard& guard) {
-        guard.disarm();
-        EXPECT_FALSE(guard.isArmed());
-    };
-    EXPECT_EQ(0, callsAfter(disarm));
-}
-
-TEST(ScopeGuard, constructedDisarmedItCallsTheFunctionOnlyIfArmedLater) {
-    EXPECT_EQ(0, callsAfter([](Guard&) {}, false));
-    EXPECT_EQ(1, callsAfter([](Guard& guard) { guard.arm(); }, false));
 }
 
 TEST(ScopeGuard, failureOfTheFunctionTripsAnAssertion) {

@@ -1,5 +1,6 @@
 #include "support/Chain.h"
 #include "support/Inject.h"
+#include "support/NamedRow.h"
 #include "support/Privileges.h"
 #include "support/RunInThreads.h"
 #include "support/TestBy.h"
@@ -21,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <iterator>
 #include <mutex>
 #include <sched.h>
@@ -32,6 +34,7 @@
 #include <syslog.h>
 #include <type_traits>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
@@ -149,23 +152,16 @@ constexpr int NOTICE = 2;
 
 // ---- calls ----
 
-struct MessageRow {
-    char const* name;
+struct MessageRow : NamedRow {
     int level;
     char const* text;
     char const* call;
 };
 
-void PrintTo(MessageRow const& row, std::ostream* out) {
-    *out << row.name;
-}
-
 class SystemLoggerMessages : public testing::TestWithParam<MessageRow> {};
 
 TEST_P(SystemLoggerMessages, areSentUnchanged) {
-    expectInChild([] {
-        SystemLogger::getInstance();
-        takeCalls();
+    withLogger([] {
         log(GetParam().level, GetParam().text);
         EXPECT_EQ(Lines{GetParam().call}, takeCalls());
     });
@@ -183,7 +179,7 @@ INSTANTIATE_TEST_SUITE_P(
         MessageRow{"level3", 3, "text", "syslog 5 %s text"},
         MessageRow{"level7", 7, "text", "syslog 5 %s text"},
         MessageRow{"levelMinus1", -1, "text", "syslog 5 %s text"}),
-    [](auto const& row) { return row.param.name; });
+    byName);
 
 TEST(SystemLogger, levelsAndPrioritiesHaveTheirNumbers) {
     static_assert(
@@ -194,37 +190,24 @@ TEST(SystemLogger, levelsAndPrioritiesHaveTheirNumbers) {
     EXPECT_EQ(5, LOG_NOTICE);
 }
 
-VESK_TEST_BY(withLogger, SystemLogger, openingAnOpenLogDoesNothing) {
-    openLog();
-    EXPECT_EQ(Lines{}, takeCalls());
+VESK_TEST_BY(withLogger, SystemLogger, opensAndClosesTheLogOnceAndLoggingOpensIt) {
+    std::pair<std::function<void()>, Lines> const steps[] = {
+        {openLog, {}},
+        {closeLog, {"closelog"}},
+        {closeLog, {}},
+        {[] { log(WARNING, "again"); }, {OPENED, "syslog 4 %s again"}},
+        {[] { log(WARNING, "and again"); }, {"syslog 4 %s and again"}},
+        {closeLog, {"closelog"}},
+        {openLog, {OPENED}}};
+    for (auto const& [perform, calls] : steps) {
+        perform();
+        EXPECT_EQ(calls, takeCalls());
+    }
 }
 
-VESK_TEST_BY(withLogger, SystemLogger, closingAClosedLogDoesNothing) {
-    closeLog();
-    EXPECT_EQ(Lines{"closelog"}, takeCalls());
-    closeLog();
-    EXPECT_EQ(Lines{}, takeCalls());
-}
-
-VESK_TEST_BY(withLogger, SystemLogger, loggingOpensAClosedLogAgain) {
-    closeLog();
-    log(WARNING, "again");
-    log(WARNING, "and again");
-    EXPECT_EQ((Lines{"closelog", OPENED, "syslog 4 %s again", "syslog 4 %s and again"}), takeCalls());
-}
-
-VESK_TEST_BY(withLogger, SystemLogger, closedLogIsOpenedAgainWithTheSameIdentity) {
-    closeLog();
-    openLog();
-    EXPECT_EQ((Lines{"closelog", OPENED}), takeCalls());
-}
-
-TEST(SystemLogger, isNotPolymorphicAndCannotBeConstructed) {
-    static_assert(!std::is_polymorphic_v<SystemLogger>);
-    static_assert(!std::is_default_constructible_v<SystemLogger>);
-    static_assert(!std::is_copy_constructible_v<SystemLogger> && !std::is_destructible_v<SystemLogger>);
-    static_assert(sizeof(SystemLogger) == 4);
-}
+static_assert(!std::is_polymorphic_v<SystemLogger> && sizeof(SystemLogger) == 4);
+static_assert(!std::is_default_constructible_v<SystemLogger>);
+static_assert(!std::is_copy_constructible_v<SystemLogger> && !std::is_destructible_v<SystemLogger>);
 
 // ---- the one object ----
 
@@ -398,42 +381,27 @@ void withReceiver(void (*body)(Receiver const&)) {
     EXPECT_EQ(0, end.exit_code) << end.output;
 }
 
-TEST(SystemLoggerMessage, arrivesWithPriorityIdentityAndProcessId) {
+TEST(SystemLoggerMessage, arrivesWithPriorityIdentityAndProcessIdAlsoAfterTheLogWasClosed) {
     withReceiver([](Receiver const& receiver) {
         log(ERROR, "disk on fire");
         receiver.expect(8 | 3, "disk on fire");
         log(WARNING, "100% %s%n %d");
         receiver.expect(8 | 4, "100% %s%n %d");
+        closeLog();
+        closeLog();
         for (int const level : {NOTICE, 7}) {
             log(level, "all is well");
             receiver.expect(8 | 5, "all is well");
         }
         EXPECT_TRUE(receiver.isEmpty());
-    });
-}
-
-TEST(SystemLoggerMessage, isSentOverAConnectionThatOpeningMakesAtOnce) {
-    withReceiver([](Receiver const& receiver) {
-        SystemLogger::getInstance();
+        closeLog();
+        openLog();
         EXPECT_EQ(0, unlink("/dev/log"));
         log(NOTICE, "connected");
-        receiver.expect(8 | 5, "connected");
-    });
-}
-
-TEST(SystemLoggerMessage, arrivesAfterTheLogWasClosed) {
-    withReceiver([](Receiver const& receiver) {
+        receiver.expect(8 | 5, "connected"); // Over the connection that opening the log has made.
         closeLog();
-        closeLog();
-        log(NOTICE, "again");
-        receiver.expect(8 | 5, "again");
-    });
-}
-
-TEST(SystemLoggerMessage, isLostWithoutASystemLogAndNothingElseHappens) {
-    withReceiver([](Receiver const&) {
-        EXPECT_EQ(0, unlink("/dev/log"));
         log(ERROR, "lost");
+        EXPECT_TRUE(receiver.isEmpty());
         EXPECT_TRUE(chainIs({}));
     });
 }

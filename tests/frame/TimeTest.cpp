@@ -1,5 +1,7 @@
 #include "frame/FakeClock.h"
 #include "support/Chain.h"
+#include "support/CleanEnd.h"
+#include "support/ErrnoRows.h"
 #include "support/Inject.h"
 #include "support/Privileges.h"
 #include "support/RunInThreads.h"
@@ -22,6 +24,7 @@
 #include <limits>
 #include <sys/time.h>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -108,65 +111,67 @@ private:
 
 // ---- the family ----
 
-struct TextRow {
-    Time::ErrorId id;
-    char const* text;
-};
-
-class TimeErrorRows : public testing::TestWithParam<TextRow> {};
-
-TEST_P(TimeErrorRows, haveTheirTexts) {
-    auto const& [id, text] = GetParam();
-    std::ErrorOutput("file", 1, true)(id, "why");
-    EXPECT_TRUE(std::ErrorStorage::isA(vesk::SysError));
-    EXPECT_TRUE(chainIs({{id, text}}));
-    EXPECT_EQ(id, Time::Error.getRow(id)->id);
-    EXPECT_EQ(1, Time::Error.getRow(id)->nargs);
-}
-
-TextRow const TEXTS[] = {
-    {Time::ErrorId::NO_CLOCK, "No clock source available in the system: why"},
-    {Time::ErrorId::SLEEP_FAILED, "Sleep failed: why"},
-    {Time::ErrorId::GET_TIME_FAILED, "Failed to get time: why"},
-    {Time::ErrorId::GET_UPTIME_FAILED, "Failed to get uptime: why"},
-    {Time::ErrorId::GET_TIMESTAMP_FAILED, "Failed to get timestamp: why"},
-};
-
-INSTANTIATE_TEST_SUITE_P(All, TimeErrorRows, testing::ValuesIn(TEXTS));
-
-TEST(TimeError, hasNoOtherRows) {
-    EXPECT_EQ(nullptr, Time::Error.getRow(5));
+TEST(TimeError, rowsHaveTheirTexts) {
+    expectRows(
+        Time::Error,
+        {"No clock source available in the system: %s", "Sleep failed: %s", "Failed to get time: %s",
+         "Failed to get uptime: %s", "Failed to get timestamp: %s"},
+        1);
     EXPECT_EQ(nullptr, Time::Error.getRow(-1));
+    std::ErrorOutput("file", 1, true)(Time::ErrorId::GET_UPTIME_FAILED, "why");
+    EXPECT_TRUE(std::ErrorStorage::isA(vesk::SysError));
+    EXPECT_TRUE(chainIs({{Time::ErrorId::GET_UPTIME_FAILED, "Failed to get uptime: why"}}));
 }
 
 // ---- clocks ----
 
-TEST(Time, hasOnlyStaticMembers) {
-    static_assert(!std::is_default_constructible_v<Time> && std::is_empty_v<Time>);
+static_assert(!std::is_default_constructible_v<Time> && std::is_empty_v<Time>);
+
+TEST(Time, timeAndTimestampAreTheSystemsClocks) {
+    for (clockid_t const clock : {CLOCK_MONOTONIC, CLOCK_REALTIME}) {
+        long long const before = readMs(clock);
+        long long now = 0;
+        EXPECT_FALSE(clock == CLOCK_MONOTONIC ? Time::getTime(now) : Time::getTimestamp(now));
+        long long const after = readMs(clock);
+        EXPECT_LE(before, now);
+        EXPECT_LE(now, after);
+    }
 }
 
-TEST(Time, timeIsTheMonotonicClock) {
-    long long const before = monotonicMs();
-    long long now = 0;
-    EXPECT_FALSE(Time::getTime(now));
-    long long const after = monotonicMs();
-    EXPECT_LE(before, now);
-    EXPECT_LE(now, after);
-}
-
-TEST(Time, timeIsReadFromTheMonotonicClockAndRoundedDown) {
-    FakeClock const clock(2147483, 999999999);
+TEST(Time, timeAndTimestampHaveSixtyFourBitsAndAreRoundedDown) {
+    FakeClock clock(2147483, 999999999);
     long long now = 0;
     EXPECT_FALSE(Time::getTime(now));
     EXPECT_EQ(2147483999, now);
     EXPECT_EQ(CLOCK_MONOTONIC, clock.getClock());
+    clock.set(INT_MAX, 5999999);
+    EXPECT_FALSE(Time::getTimestamp(now));
+    EXPECT_EQ(2147483647005, now);
+    EXPECT_EQ(CLOCK_REALTIME, clock.getClock());
 }
 
-TEST(Time, timeCannotFail) {
-    Fault const fault(inject_clock_gettime, EINVAL);
+TEST(Time, timeCannotFailAndTheTimestampReportsItsFailureAndKeepsTheArgument) {
     long long now = 0;
-    EXPECT_FALSE(Time::getTime(now));
-    EXPECT_TRUE(chainIs({}));
+    {
+        Fault const fault(inject_clock_gettime, EINVAL);
+        EXPECT_FALSE(Time::getTime(now));
+        EXPECT_TRUE(chainIs({}));
+    }
+    std::pair<int, ExpectedReport> const rows[] = {
+        {EINVAL, SysErrorId::NOT_IMPLEMENTED},
+        {EFAULT, Time::ErrorId::GET_TIMESTAMP_FAILED},
+        {EPERM, Time::ErrorId::GET_TIMESTAMP_FAILED},
+        {ENOSYS, Time::ErrorId::GET_TIMESTAMP_FAILED}};
+    for (auto const& [error, report] : rows) {
+        leaveOlderReport();
+        now = 77;
+        {
+            Fault const fault(inject_clock_gettime, error);
+            EXPECT_TRUE(Time::getTimestamp(now));
+        }
+        EXPECT_EQ(77, now);
+        EXPECT_TRUE(causeIs(*report.family, report.id, error)) << error;
+    }
 }
 
 // The process has one origin: only children set it, so that the tests of this program stay independent.
@@ -227,81 +232,24 @@ TEST(Time, everyThreadSeesTheSameOrigin) {
     });
 }
 
-TEST(Time, timestampIsTheWallClock) {
-    long long const before = readMs(CLOCK_REALTIME);
-    long long now = 0;
-    EXPECT_FALSE(Time::getTimestamp(now));
-    long long const after = readMs(CLOCK_REALTIME);
-    EXPECT_LE(before, now);
-    EXPECT_LE(now, after);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(Time, timestampHasSixtyFourBitsAndIsRoundedDown) {
-    FakeClock const clock(INT_MAX, 5999999);
-    long long now = 0;
-    EXPECT_FALSE(Time::getTimestamp(now));
-    EXPECT_EQ(2147483647005, now);
-    EXPECT_EQ(CLOCK_REALTIME, clock.getClock());
-}
-
-struct TimestampRow {
-    int error;
-    ExpectedReport report;
-};
-
-void PrintTo(TimestampRow const& row, std::ostream* out) {
-    *out << "errno " << row.error;
-}
-
-class TimestampRows : public testing::TestWithParam<TimestampRow> {};
-
-TEST_P(TimestampRows, reportAndKeepTheArgument) {
-    auto const& [error, report] = GetParam();
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    long long now = 77;
-    {
-        Fault const fault(inject_clock_gettime, error);
-        EXPECT_TRUE(Time::getTimestamp(now));
-    }
-    EXPECT_EQ(77, now);
-    EXPECT_TRUE(causeIs(*report.family, report.id, error));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, TimestampRows,
-    testing::Values(
-        TimestampRow{EINVAL, SysErrorId::NOT_IMPLEMENTED},
-        TimestampRow{EFAULT, Time::ErrorId::GET_TIMESTAMP_FAILED},
-        TimestampRow{EPERM, Time::ErrorId::GET_TIMESTAMP_FAILED},
-        TimestampRow{ENOSYS, Time::ErrorId::GET_TIMESTAMP_FAILED}));
-
 // ---- sleep ----
 
-class SleepOfNothing : public testing::TestWithParam<long long> {};
-
-TEST_P(SleepOfNothing, returnsAtOnceWithoutASystemCall) {
+TEST(TimeSleep, ofNothingReturnsAtOnceWithoutASystemCall) {
     Fault const reads(inject_clock_gettime, 0);
     Fault const sleeps(inject_clock_nanosleep, 0);
-    EXPECT_FALSE(Time::sleep(GetParam()));
+    for (long long const ms : {0LL, -1LL, -5LL, LLONG_MIN}) {
+        EXPECT_FALSE(Time::sleep(ms));
+    }
     EXPECT_EQ(0, reads.getCalls());
     EXPECT_EQ(0, sleeps.getCalls());
-    EXPECT_TRUE(chainIs({}));
 }
-
-INSTANTIATE_TEST_SUITE_P(All, SleepOfNothing, testing::Values(0, -1, -5, LLONG_MIN));
 
 TEST(TimeSleep, sleepsUntilTheClockHasPassedTheDeadline) {
-    long long const start = monotonicMs();
-    EXPECT_FALSE(Time::sleep(30));
-    EXPECT_LE(30, monotonicMs() - start);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(TimeSleep, oneMillisecondIsASleep) {
-    long long const start = monotonicMs();
-    EXPECT_FALSE(Time::sleep(1));
-    EXPECT_LE(1, monotonicMs() - start);
+    for (int const ms : {1, 30}) {
+        long long const start = monotonicMs();
+        EXPECT_FALSE(Time::sleep(ms));
+        EXPECT_LE(ms, monotonicMs() - start);
+    }
 }
 
 TEST(TimeSleep, deadlineIsNowPlusTheTimeOnTheMonotonicClock) {
@@ -339,7 +287,6 @@ TEST(TimeSleep, signalDoesNotShortenIt) {
     EXPECT_LT(0, s_signals);
     EXPECT_LT(1u, recorder.getCalls().size()) << "no signal interrupted it";
     recorder.expectOneDeadline();
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(TimeSleep, interruptionIsNoFailureAndKeepsTheDeadline) {
@@ -348,25 +295,22 @@ TEST(TimeSleep, interruptionIsNoFailureAndKeepsTheDeadline) {
     EXPECT_FALSE(Time::sleep(1000));
     EXPECT_EQ(6u, recorder.getCalls().size());
     recorder.expectOneDeadline();
-    EXPECT_TRUE(chainIs({}));
 }
 
-class SleepRows : public testing::TestWithParam<int> {};
-
-TEST_P(SleepRows, areReportedAndTheSleepIsCompleted) {
-    long long const start = monotonicMs();
-    SleepRecorder const recorder(SleepRecorder::Sleeps::REALLY);
-    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
-    Fault const fault(inject_clock_nanosleep, GetParam(), 1, 2);
-    EXPECT_TRUE(Time::sleep(20));
-    EXPECT_EQ(GetParam(), errno);
-    EXPECT_LE(20, monotonicMs() - start);
-    EXPECT_EQ(3u, recorder.getCalls().size());
-    recorder.expectOneDeadline();
-    EXPECT_TRUE(causeIs(Time::ErrorId::SLEEP_FAILED, GetParam()));
+TEST(TimeSleep, failuresAreReportedAndTheSleepIsCompleted) {
+    for (int const error : {EINVAL, EFAULT, EOPNOTSUPP, ENOSYS}) {
+        long long const start = monotonicMs();
+        SleepRecorder const recorder(SleepRecorder::Sleeps::REALLY);
+        leaveOlderReport();
+        Fault const fault(inject_clock_nanosleep, error, 1, 2);
+        EXPECT_TRUE(Time::sleep(20));
+        EXPECT_EQ(error, errno);
+        EXPECT_LE(20, monotonicMs() - start);
+        EXPECT_EQ(3u, recorder.getCalls().size());
+        recorder.expectOneDeadline();
+        EXPECT_TRUE(causeIs(Time::ErrorId::SLEEP_FAILED, error));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(All, SleepRows, testing::Values(EINVAL, EFAULT, EOPNOTSUPP, ENOSYS));
 
 TEST(TimeSleep, reportsAFailureFollowedByASignal) {
     SleepRecorder const recorder(SleepRecorder::Sleeps::NOT_AT_ALL);
@@ -379,26 +323,23 @@ TEST(TimeSleep, reportsAFailureFollowedByASignal) {
     EXPECT_TRUE(chainIs({}));
 }
 
-class SleepWithoutEnd : public testing::TestWithParam<long long> {};
-
-TEST_P(SleepWithoutEnd, hasADeadlineThatTheSystemAccepts) {
-    SleepRecorder const recorder(SleepRecorder::Sleeps::NOT_AT_ALL);
-    long long const now = monotonicMs();
-    EXPECT_FALSE(Time::sleep(GetParam()));
-    ASSERT_EQ(1u, recorder.getCalls().size());
-    timespec const& deadline = recorder.getCalls()[0].deadline;
-    long long const latest = std::numeric_limits<time_t>::max();
-    long long const wanted = GetParam() > LLONG_MAX - now ? LLONG_MAX / 1000 : (now + GetParam()) / 1000;
-    EXPECT_LE(std::min(wanted, latest), deadline.tv_sec);
-    EXPECT_GE(std::min(wanted + 60, latest), deadline.tv_sec);
-    EXPECT_LE(0, deadline.tv_nsec);
-    EXPECT_GT(1000000000, deadline.tv_nsec);
+TEST(TimeSleep, ofAnyLengthHasADeadlineThatTheSystemAccepts) {
+    for (long long const ms :
+         {INT_MAX * 1LL, INT_MAX * 1000LL, INT_MAX * 1000LL + 999, LLONG_MAX - 1000000, LLONG_MAX - 1,
+          LLONG_MAX}) {
+        SleepRecorder const recorder(SleepRecorder::Sleeps::NOT_AT_ALL);
+        long long const now = monotonicMs();
+        EXPECT_FALSE(Time::sleep(ms));
+        ASSERT_EQ(1u, recorder.getCalls().size());
+        timespec const& deadline = recorder.getCalls()[0].deadline;
+        long long const latest = std::numeric_limits<time_t>::max();
+        long long const wanted = ms > LLONG_MAX - now ? LLONG_MAX / 1000 : (now + ms) / 1000;
+        EXPECT_LE(std::min(wanted, latest), deadline.tv_sec) << ms;
+        EXPECT_GE(std::min(wanted + 60, latest), deadline.tv_sec) << ms;
+        EXPECT_LE(0, deadline.tv_nsec);
+        EXPECT_GT(1000000000, deadline.tv_nsec);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SleepWithoutEnd,
-    testing::Values(
-        INT_MAX, INT_MAX * 1000LL, INT_MAX * 1000LL + 999, LLONG_MAX - 1000000, LLONG_MAX - 1, LLONG_MAX));
 
 TEST(TimeSleep, longestSleepDoesNotWrapAround) {
     FakeClock const clock(1, 0);
@@ -412,16 +353,13 @@ TEST(TimeSleep, longestSleepDoesNotWrapAround) {
 
 // ---- deadlines ----
 
-TEST(AbsTime, isGoodWhenMadeFromATime) {
+TEST(AbsTime, isGoodOnlyWhenMadeFromATime) {
     vesk::AbsTimeT const deadline(1LL << 40);
     EXPECT_EQ(1LL << 40, deadline.value);
     EXPECT_NE(0, deadline.good);
-}
-
-TEST(AbsTime, isNotGoodByDefault) {
-    vesk::AbsTimeT const deadline;
-    EXPECT_EQ(0, deadline.value);
-    EXPECT_EQ(0, deadline.good);
+    vesk::AbsTimeT const none;
+    EXPECT_EQ(0, none.value);
+    EXPECT_EQ(0, none.good);
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 #include "support/Chain.h"
+#include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
-#include "support/Inject.h"
+#include "support/InjectNoting.h"
+#include "support/NamedRow.h"
 #include "support/Privileges.h"
 #include "support/RunInThreads.h"
 #include "support/TestBy.h"
@@ -46,50 +48,42 @@ struct sigaction g_last_action {};
 timespec g_wall_clock{};
 timespec g_monotonic_clock{};
 
-void record(std::string const& call) {
+/// Needs no memory before the recording, because a sanitizer's runtime may call it early.
+void record(char const* call) {
     if (g_recording) {
-        g_calls.push_back(call);
+        g_calls.emplace_back(call);
     }
 }
 
-template <typename Function>
-Function* getReal(support::Injected& injected, Function*) {
-    return reinterpret_cast<Function*>(injected.getReal());
+void recordLocale(int category, char const* locale) {
+    if (g_recording && locale != nullptr) {
+        g_calls.push_back(
+            "setlocale(" + std::string(category == LC_ALL ? "LC_ALL" : "other") + ", \"" + locale + "\")");
+    }
+}
+
+void recordAction(int signal, struct sigaction const* action) {
+    if (g_recording) {
+        g_calls.push_back(
+            "sigaction(" + std::string(signal == SIGPIPE ? "SIGPIPE" : "other") +
+            (action == nullptr ? ", query)" : ", set)"));
+        g_last_action = action != nullptr ? *action : g_last_action;
+    }
 }
 
 } // namespace
 
-support::Injected inject_setlocale("setlocale");
-extern "C" char* setlocale(int category, char const* locale) {
-    if (locale != nullptr) {
-        record("setlocale(" + std::string(category == LC_ALL ? "LC_ALL" : "other") + ", \"" + locale + "\")");
-    }
-    return getReal(inject_setlocale, &setlocale)(category, locale);
-}
-
-support::Injected inject_sigaction("sigaction");
-extern "C" int sigaction(int signal, struct sigaction const* action, struct sigaction* old) {
-    if (g_recording) {
-        record(
-            "sigaction(" + std::string(signal == SIGPIPE ? "SIGPIPE" : "other") +
-            (action == nullptr ? ", query)" : ", set)"));
-        if (action != nullptr) {
-            g_last_action = *action;
-        }
-    }
-    int error = 0;
-    if (inject_sigaction.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return getReal(inject_sigaction, &sigaction)(signal, action, old);
-}
-
-support::Injected inject_tzset("tzset");
-extern "C" void tzset() {
-    record("tzset()");
-    getReal(inject_tzset, &tzset)();
-}
+VESK_INJECT_NOTING(
+    char*, nullptr, setlocale, (int category, char const* locale), (category, locale),
+    recordLocale(category, locale))
+VESK_INJECT_NOTING(
+    int, -1, sigaction, (int signal, struct sigaction const* action, struct sigaction* old),
+    (signal, action, old), recordAction(signal, action))
+VESK_INJECT_NOTING(void, , tzset, (), (), record("tzset()"))
+VESK_INJECT_NOTING(void, , srand, (unsigned int seed), (seed), record("srand()"))
+VESK_INJECT_NOTING(
+    int, error, pthread_getschedparam, (pthread_t thread, int* policy, sched_param* param),
+    (thread, policy, param), record("pthread_getschedparam()"))
 
 support::Injected inject_clock_gettime("clock_gettime");
 extern "C" int clock_gettime(clockid_t clock, timespec* time) {
@@ -111,23 +105,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) {
             return 0;
         }
     }
-    return getReal(inject_clock_gettime, &clock_gettime)(clock, time);
-}
-
-support::Injected inject_srand("srand");
-extern "C" void srand(unsigned int seed) {
-    record("srand()");
-    getReal(inject_srand, &srand)(seed);
-}
-
-support::Injected inject_pthread_getschedparam("pthread_getschedparam");
-extern "C" int pthread_getschedparam(pthread_t thread, int* policy, sched_param* param) {
-    record("pthread_getschedparam()");
-    int error = 0;
-    if (inject_pthread_getschedparam.fails(error)) {
-        return error;
-    }
-    return getReal(inject_pthread_getschedparam, &pthread_getschedparam)(thread, policy, param);
+    return reinterpret_cast<int (*)(clockid_t, timespec*)>(inject_clock_gettime.getReal())(clock, time);
 }
 
 // The value that is unavailable. The thread sanitizer calls this function before its own start.
@@ -314,16 +292,22 @@ VESK_TEST_BY(inFreshProcess, VeskStartUp, checksOneMoreSignalWhenProcessesAreSet
     EXPECT_TRUE(chainIs({}));
 }
 
-VESK_TEST_BY(inFreshProcess, VeskStartUp, secondArgumentHasNoEffect) {
+VESK_TEST_BY(inFreshProcess, VeskStartUp, keepsItsFirstArgumentAndTheSecondHasNoEffect) {
     EXPECT_EQ(WHOLE_START_UP, callsOf(true, true));
-    EXPECT_TRUE(Vesk(true, true).isProcessInitLazy());
+    for (bool const second : {false, true}) {
+        EXPECT_TRUE(Vesk(true, second).isProcessInitLazy());
+        EXPECT_FALSE(Vesk(false, second).isProcessInitLazy());
+    }
 }
 
-VESK_TEST_BY(inFreshProcess, VeskStartUp, setsTheLocaleOfTheEnvironment) {
+VESK_TEST_BY(inFreshProcess, VeskStartUp, setsTheLocaleAndTheTimeZoneOfTheEnvironment) {
     ASSERT_EQ(0, setenv("LC_ALL", "C.UTF-8", 1));
+    ASSERT_EQ(0, setenv("TZ", "XYZ-5", 1));
     ASSERT_STREQ("C", setlocale(LC_ALL, nullptr));
     Vesk const vesk(true, false);
     EXPECT_STREQ("C.UTF-8", setlocale(LC_ALL, nullptr));
+    EXPECT_STREQ("XYZ", tzname[0]);
+    EXPECT_EQ(-5 * 3600, timezone);
 }
 
 VESK_TEST_BY(inFreshProcess, VeskStartUp, unknownLocaleInTheEnvironmentIsNoFailure) {
@@ -334,41 +318,21 @@ VESK_TEST_BY(inFreshProcess, VeskStartUp, unknownLocaleInTheEnvironmentIsNoFailu
     EXPECT_EQ("", recorder.getText());
 }
 
-VESK_TEST_BY(inFreshProcess, VeskStartUp, setsTheTimeZoneOfTheEnvironment) {
-    ASSERT_EQ(0, setenv("TZ", "XYZ-5", 1));
-    Vesk const vesk(true, false);
-    EXPECT_STREQ("XYZ", tzname[0]);
-    EXPECT_EQ(-5 * 3600, timezone);
-}
-
-VESK_TEST_BY(inFreshProcess, VeskStartUp, isTheOriginOfTheUptime) {
+VESK_TEST_BY(inFreshProcess, VeskStartUp, isTheOriginOfTheUptimeAndSeedsRandAndKeepsAPendingError) {
     g_monotonic_clock = {1000, 0};
+    g_wall_clock = {1700000000, 123999999};
+    std::ErrorOutput("older", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
     Vesk const vesk(true, false);
+    EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}}));
     EXPECT_EQ(0, getUptime());
     g_monotonic_clock = {1005, 250000000};
     EXPECT_EQ(5250, getUptime());
-}
-
-VESK_TEST_BY(inFreshProcess, VeskStartUp, seedsRandWithTheLowBitsOfTheTime) {
-    g_wall_clock = {1700000000, 123999999};
-    Vesk const vesk(true, false);
     std::vector<int> drawn(8);
     std::generate(drawn.begin(), drawn.end(), rand);
     srand(static_cast<unsigned int>(1700000000123 & 0xFFFFFFFF));
     for (int const number : drawn) {
         EXPECT_EQ(rand(), number);
     }
-}
-
-VESK_TEST_BY(inFreshProcess, VeskStartUp, keepsAPendingError) {
-    std::ErrorOutput("older", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
-    Vesk const vesk(true, false);
-    EXPECT_TRUE(chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}}));
-}
-
-VESK_TEST_BY(inFreshProcess, VeskStartUp, keepsItsFirstArgument) {
-    EXPECT_TRUE(Vesk(true, false).isProcessInitLazy());
-    EXPECT_FALSE(Vesk(false, true).isProcessInitLazy());
 }
 
 // ---- SIGPIPE ----
@@ -393,10 +357,6 @@ VESK_TEST_BY(inFreshProcess, VeskPipeSignal, isIgnoredWithAFullMaskAndNoFlags) {
     sigfillset(&full);
     EXPECT_TRUE(isSame(full, g_last_action.sa_mask));
     EXPECT_EQ(SIG_IGN, getPipeSignal().sa_handler);
-}
-
-VESK_TEST_BY(inFreshProcess, VeskPipeSignal, writingToAClosedPipeIsAnErrorNumber) {
-    Vesk const vesk(true, false);
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
     close(ends[0]);
@@ -405,14 +365,9 @@ VESK_TEST_BY(inFreshProcess, VeskPipeSignal, writingToAClosedPipeIsAnErrorNumber
     close(ends[1]);
 }
 
-struct Disposition {
-    char const* name;
+struct Disposition : NamedRow {
     void (*choose)(struct sigaction& action);
 };
-
-void PrintTo(Disposition const& disposition, std::ostream* out) {
-    *out << disposition.name;
-}
 
 class VeskPipeSignalChosen : public testing::TestWithParam<Disposition> {};
 
@@ -444,58 +399,58 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- a start-up that fails ----
 
-struct PipeFailure {
-    char const* name;
+/// A call of the start-up that fails, the calls of the start-up then, and the report that stays pending.
+struct FailureRow : NamedRow {
+    Injected* function;
     int error;
     int nth;
+    Calls calls;
+    std::vector<ExpectedReport> reports;
 };
 
-class VeskFailurePipeSignal : public testing::TestWithParam<PipeFailure> {};
+class VeskFailureRows : public testing::TestWithParam<FailureRow> {};
 
-TEST_P(VeskFailurePipeSignal, endsTheStartUp) {
+TEST_P(VeskFailureRows, endsTheStartUp) {
     inFreshProcess([] {
-        EventRecorder const recorder;
-        Fault const fault(inject_sigaction, GetParam().error, GetParam().nth);
-        // A hook that suppresses the abort lets the constructor continue behind the steps.
-        Calls expected(WHOLE_START_UP.begin(), WHOLE_START_UP.begin() + 1 + GetParam().nth);
-        expected.emplace_back("pthread_getschedparam()");
-        EXPECT_EQ(expected, callsOf(true));
-        EXPECT_EQ(START_UP_FAILED, recorder.getText());
-        EXPECT_TRUE(chainIs({})) << "it makes no report";
-    });
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, VeskFailurePipeSignal,
-    testing::Values(PipeFailure{"thatCannotBeRead", EINVAL, 1}, PipeFailure{"thatCannotBeSet", EPERM, 2}),
-    [](auto const& row) { return row.param.name; });
-
-struct ClockRow {
-    int error;
-    ExpectedReport report;
-};
-
-class VeskFailureClockRows : public testing::TestWithParam<ClockRow> {};
-
-TEST_P(VeskFailureClockRows, endTheStartUpWithTheReportPending) {
-    inFreshProcess([] {
-        auto const& [error, report] = GetParam();
+        FailureRow const& row = GetParam();
         EventRecorder const recorder;
         {
-            Fault const fault(inject_clock_gettime, error);
-            EXPECT_EQ(without("srand()"), callsOf(true));
+            Fault const fault(*row.function, row.error, row.nth);
+            EXPECT_EQ(row.calls, callsOf(true));
         }
         EXPECT_EQ(START_UP_FAILED, recorder.getText());
-        EXPECT_TRUE(causeIs(*report.family, report.id, error));
+        EXPECT_TRUE(chainIs(withErrno(row.reports, row.error)));
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, VeskFailureClockRows,
-    testing::Values(
-        ClockRow{EINVAL, vesk::SysErrorId::NOT_IMPLEMENTED},
-        ClockRow{EPERM, vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}),
-    [](auto const& row) { return "errno" + std::to_string(row.param.error); });
+// A hook that suppresses the abort lets the constructor continue behind the steps.
+FailureRow const FAILURES[] = {
+    {"pipeSignalThatCannotBeRead",
+     &inject_sigaction,
+     EINVAL,
+     1,
+     {WHOLE_START_UP[0], WHOLE_START_UP[1], WHOLE_START_UP[7]},
+     {}},
+    {"pipeSignalThatCannotBeSet",
+     &inject_sigaction,
+     EPERM,
+     2,
+     {WHOLE_START_UP[0], WHOLE_START_UP[1], WHOLE_START_UP[2], WHOLE_START_UP[7]},
+     {}},
+    {"clockThatIsMissing",
+     &inject_clock_gettime,
+     EINVAL,
+     1,
+     without("srand()"),
+     {vesk::SysErrorId::NOT_IMPLEMENTED}},
+    {"clockThatCannotBeRead",
+     &inject_clock_gettime,
+     EPERM,
+     1,
+     without("srand()"),
+     {vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}}};
+
+INSTANTIATE_TEST_SUITE_P(All, VeskFailureRows, testing::ValuesIn(FAILURES), byName);
 
 TEST(VeskFailure, endsTheProcess) {
     ChildEnd const end = runInChild([] {
@@ -565,16 +520,11 @@ VESK_TEST_BY(inFreshProcess, VeskSecond, threadsThatConstructFurtherOnesLoseNoCo
 
 // ---- cleanupAll ----
 
-VESK_TEST_BY(inFreshProcess, VeskCleanup, leavesTheCountAndTheMarkOfTheFirstStartUp) {
+VESK_TEST_BY(inFreshProcess, VeskCleanup, startUpAfterItTripsAnAssertionAndRunsAllTheSame) {
     Vesk const vesk(true, false);
     Vesk::cleanupAll();
     EXPECT_TRUE(Vesk::s_ever_initialized);
     expectCount(1, false);
-}
-
-VESK_TEST_BY(inFreshProcess, VeskCleanup, startUpAfterItTripsAnAssertionAndRunsAllTheSame) {
-    Vesk const vesk(true, false);
-    Vesk::cleanupAll();
     g_monotonic_clock = {1000, 0};
     choosePipeSignal(SIG_DFL);
     EventRecorder const recorder;
@@ -645,37 +595,26 @@ VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, failureToReadThemIsAcknowledgedAndC
 
 // ---- the configuration directory ----
 
-TEST(VeskConfigDir, isEmptyTheFirstTime) {
+VESK_TEST_BY(inFreshProcess, VeskConfigDir, isEmptyTheFirstTimeAndKeepsTheValueSetByAnInitializer) {
     EXPECT_STREQ("", g_first_dir);
-}
-
-VESK_TEST_BY(inFreshProcess, VeskConfigDir, keepsTheValueSetByAnInitializer) {
+    EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
+    EXPECT_EQ(EARLY_DIR, Vesk::setDefaultConfigDir(vesk::getDefaultConfigDir())) << "set to itself";
     EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
 }
 
-VESK_TEST_BY(inFreshProcess, VeskConfigDir, settingItReturnsThePreviousOne) {
-    Vesk::setDefaultConfigDir("/etc/one");
-    EXPECT_EQ("/etc/one", vesk::getDefaultConfigDir());
-    EXPECT_EQ("/etc/one", Vesk::setDefaultConfigDir("/etc/two"));
-    EXPECT_EQ("/etc/two", Vesk::setDefaultConfigDir(""));
-    EXPECT_EQ("", Vesk::setDefaultConfigDir("/etc/three"));
-    EXPECT_EQ("/etc/three", vesk::getDefaultConfigDir());
-}
-
-VESK_TEST_BY(inFreshProcess, VeskConfigDir, setReturnsACopyAndGetAReferenceToTheStoredValue) {
+VESK_TEST_BY(inFreshProcess, VeskConfigDir, setReturnsACopyOfThePreviousOneAndGetAReferenceToTheStoredOne) {
     std::string const& stored = vesk::getDefaultConfigDir();
     Vesk::setDefaultConfigDir("/etc/one");
+    EXPECT_EQ("/etc/one", vesk::getDefaultConfigDir());
     std::string const old = Vesk::setDefaultConfigDir("/etc/two");
     EXPECT_EQ("/etc/one", old);
     EXPECT_EQ("/etc/two", stored);
+    EXPECT_EQ("/etc/two", Vesk::setDefaultConfigDir(""));
+    EXPECT_EQ("", Vesk::setDefaultConfigDir("/etc/three"));
+    EXPECT_EQ("/etc/three", vesk::getDefaultConfigDir());
     EXPECT_EQ(&stored, &vesk::getDefaultConfigDir());
     static_assert(std::is_same_v<std::string, decltype(Vesk::setDefaultConfigDir(""))>);
     static_assert(std::is_same_v<std::string const&, decltype(vesk::getDefaultConfigDir())>);
-}
-
-VESK_TEST_BY(inFreshProcess, VeskConfigDir, settingItToItselfKeepsIt) {
-    EXPECT_EQ(EARLY_DIR, Vesk::setDefaultConfigDir(vesk::getDefaultConfigDir()));
-    EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
 }
 
 // ---- arguments and errors ----
@@ -692,7 +631,7 @@ TEST(VeskArguments, areLeftAlone) {
     vesk::getMainFwArgs(nullptr, nullptr);
 }
 
-TEST(VeskError, hasItsRowAndNoParent) {
+TEST(VeskError, hasItsRowAndNoParentAndNamesTheSetUpThatFailed) {
     std::ErrorID const* const row = Vesk::Error.getRow(0);
     ASSERT_NE(nullptr, row);
     EXPECT_EQ(0, row->id);
@@ -700,9 +639,6 @@ TEST(VeskError, hasItsRowAndNoParent) {
     EXPECT_EQ(1, row->nargs);
     EXPECT_EQ(nullptr, Vesk::Error.getRow(1));
     EXPECT_FALSE(Vesk::Error.isA(vesk::SysError));
-}
-
-TEST(VeskError, namesTheSetUpThatFailed) {
     for (std::string const part :
          {"process impl. object is invalid", "process static impl. object is invalid"}) {
         std::ErrorOutput("source", 1, true)(Vesk::ErrorId::INIT_FAILED, part);

@@ -1,4 +1,5 @@
 #include "support/Chain.h"
+#include "support/CleanEnd.h"
 #include "support/NewFault.h"
 
 #include <tarncommon/Buf.h>
@@ -71,13 +72,17 @@ TEST(Buf, canBeConstructedInAnyInitializer) {
     EXPECT_EQ("early", getText(early));
 }
 
-TEST(Buf, hasTheRequestedBytesAndTheyAreZero) {
+TEST(Buf, hasTheRequestedZeroBytesAndReleasesThem) {
     TestAllocator const allocator;
-    Buf const buf(300, allocator);
-    EXPECT_TRUE(buf.isValid());
-    ASSERT_EQ(300U, buf.getSize());
-    EXPECT_EQ(std::string(300, '\0'), getText(buf));
-    EXPECT_EQ(1, allocator.getCalls());
+    {
+        Buf const buf(300, allocator);
+        EXPECT_TRUE(buf.isValid());
+        ASSERT_EQ(300U, buf.getSize());
+        EXPECT_EQ(std::string(300, '\0'), getText(buf));
+        EXPECT_EQ(1, allocator.getCalls());
+        EXPECT_EQ(1U, allocator.countBlocks());
+    }
+    EXPECT_EQ(0U, allocator.countBlocks());
 }
 
 TEST(Buf, ofSizeZeroIsValidAndAllocatesNothing) {
@@ -90,16 +95,6 @@ TEST(Buf, ofSizeZeroIsValidAndAllocatesNothing) {
     EXPECT_TRUE(copy.isValid());
     EXPECT_EQ(nullptr, copy.data);
     EXPECT_EQ(0, allocator.getCalls());
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST(Buf, releasesItsBytes) {
-    TestAllocator const allocator;
-    {
-        Buf const buf(7, allocator);
-        EXPECT_EQ(1U, allocator.countBlocks());
-    }
-    EXPECT_EQ(0U, allocator.countBlocks());
 }
 
 TEST(Buf, copyHasSeparateBytes) {
@@ -157,21 +152,24 @@ TEST(Buf, movingTransfersTheBytesAndLeavesAnEmptyBlock) {
     EXPECT_TRUE(std::is_nothrow_move_assignable_v<Buf>);
 }
 
-TEST(Buf, withoutMemoryIsInvalidAndReported) {
+TEST(Buf, withoutMemoryIsInvalidAndReportedAndItsCopyIsInvalidWithoutAReport) {
     TestAllocator allocator;
     allocator.setFailing(true);
-    Buf const buf(10, allocator);
-    EXPECT_FALSE(buf.isValid());
-    EXPECT_EQ(nullptr, buf.data);
-    EXPECT_EQ(0U, buf.getSize());
-    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
-}
-
-TEST(Buf, exhaustedHeapIsReportedToo) {
     NewFault const fault(New::NOTHROW_SINGLE, 1, NewFault::FOREVER);
-    Buf const buf(10);
-    EXPECT_FALSE(buf.isValid());
-    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
+    for (Buf::Allocator const* const source :
+         {static_cast<Buf::Allocator const*>(&allocator), &Buf::DEFAULT_ALLOCATOR}) {
+        Buf const buf(10, *source);
+        EXPECT_FALSE(buf.isValid());
+        EXPECT_EQ(nullptr, buf.data);
+        EXPECT_EQ(0U, buf.getSize());
+        EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
+        allocator.setFailing(false);
+        Buf const copy(buf);
+        EXPECT_FALSE(copy.isValid());
+        EXPECT_EQ(0U, copy.getSize());
+        EXPECT_EQ(1, allocator.getCalls());
+        EXPECT_TRUE(chainIs({}));
+    }
 }
 
 TEST(Buf, copyWithoutMemoryIsInvalidAndTheSourceIsNot) {
@@ -187,19 +185,6 @@ TEST(Buf, copyWithoutMemoryIsInvalidAndTheSourceIsNot) {
     EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     EXPECT_EQ("abc", getText(source));
     EXPECT_EQ(1U, allocator.countBlocks());
-}
-
-TEST(Buf, copyOfAnInvalidBlockIsInvalidWithoutAReport) {
-    TestAllocator allocator;
-    allocator.setFailing(true);
-    Buf const invalid(10, allocator);
-    ASSERT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
-    allocator.setFailing(false);
-    Buf const copy(invalid);
-    EXPECT_FALSE(copy.isValid());
-    EXPECT_EQ(0U, copy.getSize());
-    EXPECT_EQ(1, allocator.getCalls());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(Buf, blocksCompareByTheirBytes) {

@@ -41,7 +41,7 @@ std::string textOf(int id, Args const&... args) {
     return text;
 }
 
-TEST(ErrorOutput, formatsTheArgumentsOfARow) {
+TEST(ErrorOutput, formatsEachKindOfArgument) {
     EXPECT_EQ("nothing to add", textOf(0));
     EXPECT_EQ("text abc.", textOf(1, "abc"));
     EXPECT_EQ("text abc.", textOf(1, std::string("abc")));
@@ -49,9 +49,6 @@ TEST(ErrorOutput, formatsTheArgumentsOfARow) {
     EXPECT_EQ("takes one, shows none", textOf(4, "unseen"));
     EXPECT_EQ("100% of it", textOf(5, "it"));
     EXPECT_EQ("ends with a lone ", textOf(6, "x"));
-}
-
-TEST(ErrorOutput, integerInPlaceOfATextPrintsAsANumber) {
     EXPECT_EQ("text 22.", textOf(1, 22));
     EXPECT_EQ("text -1.", textOf(1, -1));
     EXPECT_EQ("text 0.", textOf(1, 0));
@@ -60,6 +57,13 @@ TEST(ErrorOutput, integerInPlaceOfATextPrintsAsANumber) {
     EXPECT_EQ("text 200.", textOf(1, static_cast<unsigned char>(200)));
     EXPECT_EQ("text -100.", textOf(1, static_cast<signed char>(-100)));
     EXPECT_EQ("text 1.", textOf(1, true));
+    enum class Small : short { MINUS = -3 };
+    enum Plain : unsigned int { BIG = 4000000000u };
+    EXPECT_EQ("text -3.", textOf(1, Small::MINUS));
+    EXPECT_EQ("text 4000000000.", textOf(1, BIG));
+    EXPECT_EQ("a and b", textOf(2, "a", "b"));
+    EXPECT_EQ("text 0x1f.", textOf(1, reinterpret_cast<void const*>(0x1f)));
+    EXPECT_EQ("text (null).", textOf(1, static_cast<char const*>(nullptr)));
 }
 
 TEST(ErrorOutput, operationOfEarlierProgramsFormatsTheSame) {
@@ -82,32 +86,10 @@ TEST(ErrorOutput, operationOfEarlierProgramsFormatsTheSame) {
     EXPECT_EQ("text -4095.", textOfEarlier(1, -4095));
 }
 
-TEST(ErrorOutput, enumeratorPrintsAsItsNumber) {
-    enum class Small : short { MINUS = -3 };
-    enum Plain : unsigned int { BIG = 4000000000u };
-    EXPECT_EQ("text -3.", textOf(1, Small::MINUS));
-    EXPECT_EQ("text 4000000000.", textOf(1, BIG));
-}
-
-TEST(ErrorOutput, textInPlaceOfANumberPrintsAsAText) {
-    EXPECT_EQ("a and b", textOf(2, "a", "b"));
-}
-
-TEST(ErrorOutput, addressPrintsInHexadecimal) {
-    EXPECT_EQ("text 0x1f.", textOf(1, reinterpret_cast<void const*>(0x1f)));
-}
-
-TEST(ErrorOutput, nullTextPrintsAsNull) {
-    EXPECT_EQ("text (null).", textOf(1, static_cast<char const*>(nullptr)));
-}
-
-TEST(ErrorOutput, conversionWithoutAnArgumentPrintsAQuestionMark) {
+TEST(ErrorOutput, missingArgumentsShowAsQuestionMarksAndThoseBeyondTheCountDoNotShow) {
     EXPECT_EQ("text ?.", textOf(1));
     EXPECT_EQ("abc and ?", textOf(2, "abc"));
     EXPECT_EQ("name (255 of ?)", textOf(3, "name", 255));
-}
-
-TEST(ErrorOutput, argumentBeyondTheRowsCountDoesNotShow) {
     EXPECT_EQ("text abc.", textOf(1, "abc", "more"));
     EXPECT_EQ("name (255 of ?)", textOf(3, "name", 255, 254)) << "the count of the row applies";
     EXPECT_EQ("none allowed: ?", textOf(7, "abc"));
@@ -139,7 +121,7 @@ TEST(ErrorOutput, keepsThePlaceOfTheReport) {
     EXPECT_EQ(nullptr, ErrorStorage::get()->next);
 }
 
-TEST(ErrorOutput, reportOnTopBecomesTheHeadAndLinksToTheCause) {
+TEST(ErrorOutput, reportOnTopLinksToTheCauseAndANewChainReplacesThePendingOne) {
     ErrorOutput("low", 1, true)(Family, 1, "cause");
     ErrorOutput("high", 2, false)(Family, 0);
     ASSERT_NE(nullptr, ErrorStorage::get());
@@ -147,29 +129,20 @@ TEST(ErrorOutput, reportOnTopBecomesTheHeadAndLinksToTheCause) {
     ASSERT_NE(nullptr, ErrorStorage::get()->next);
     EXPECT_STREQ("low", ErrorStorage::get()->next->file);
     EXPECT_TRUE(chainIs({{Family, 1, "text cause."}, {Family, 0}}));
-}
-
-TEST(ErrorOutput, reportOnTopOfNothingStartsAChain) {
     ErrorOutput("high", 2, false)(Family, 0);
     EXPECT_TRUE(chainIs({{Family, 0}}));
     ErrorOutput("high", 3, false)(Family, 1, "a");
     EXPECT_TRUE(chainIs({{Family, 1}})) << "an acknowledged report is not pending";
-}
-
-TEST(ErrorOutput, newChainReplacesThePendingOne) {
     ErrorOutput("old", 1, true)(Family, 0);
     ErrorOutput("old", 2, false)(Family, 0);
     ErrorOutput("new", 3, true)(Family, 1, "x");
     EXPECT_TRUE(chainIs({{Family, 1}}));
-}
-
-TEST(ErrorOutput, argumentMayBeTheTextOfTheChainThatIsReplaced) {
     ErrorOutput("old", 1, true)(Family, 1, "abc");
     ErrorOutput("new", 2, true)(Family, 1, ErrorStorage::get()->getText());
     EXPECT_TRUE(chainIs({{Family, 1, "text text abc.."}}));
 }
 
-TEST(ErrorOutput, reportsACopyOfAReportAtTheNewPlace) {
+TEST(ErrorOutput, reportsACopyOrAnObjectOfThePendingChainAgain) {
     ErrorOutput("file", 7, true)(Family, 1, "abc");
     ErrorObject const copy(*ErrorStorage::get());
     ErrorStorage::ack();
@@ -177,9 +150,6 @@ TEST(ErrorOutput, reportsACopyOfAReportAtTheNewPlace) {
     EXPECT_STREQ("file", ErrorStorage::get()->file);
     EXPECT_EQ(99, ErrorStorage::get()->line);
     EXPECT_TRUE(chainIs({{Family, 1, "text abc."}}));
-}
-
-TEST(ErrorOutput, reportsAnObjectOfThePendingChainAgain) {
     ErrorOutput("low", 1, true)(Family, 1, "abc");
     ErrorOutput("high", 2, false)(*ErrorStorage::get());
     EXPECT_TRUE(chainIs({{Family, 1, "text abc."}, {Family, 1, "text abc."}}));

@@ -70,12 +70,7 @@ void recordAction(void* store, char const* reason, ErrorObject const* head, unsi
     s_discarded.push_back({store, reason, linesOf(head), count});
 }
 
-class ErrorStorageAction : public testing::Test {
-protected:
-    void SetUp() override { s_discarded.clear(); }
-};
-
-TEST(ErrorStorage, threadWithoutAChainHasNoError) {
+TEST(ErrorStorage, chainIsPendingFromItsFirstReportUntilItIsAcknowledged) {
     EXPECT_FALSE(ErrorStorage::isError(true));
     EXPECT_FALSE(ErrorStorage::isError(false));
     EXPECT_EQ(nullptr, ErrorStorage::get());
@@ -86,9 +81,6 @@ TEST(ErrorStorage, threadWithoutAChainHasNoError) {
         EXPECT_FALSE(ErrorStorage::isError(false));
         EXPECT_EQ("", tarn_error.getReasonList());
     }).join();
-}
-
-TEST(ErrorStorage, chainIsPendingUntilItIsAcknowledged) {
     reportLevels(2);
     EXPECT_TRUE(ErrorStorage::isError(true));
     EXPECT_TRUE(ErrorStorage::isError(false));
@@ -125,20 +117,14 @@ TEST(ErrorStorage, chainsOfThreadsAreSeparate) {
     EXPECT_EQ(countDown(0, 0), linesOfChain());
 }
 
-TEST(ErrorStorage, holdsThirtyTwoReports) {
+TEST(ErrorStorage, holdsThirtyTwoReportsAndThenKeepsTheCauseAndReplacesTheHead) {
     reportLevels(32);
     EXPECT_EQ(countDown(31, 0), linesOfChain());
-}
-
-TEST(ErrorStorage, fullStoreKeepsTheCauseAndReplacesTheHead) {
     reportLevels(40);
     std::vector<int> expected = countDown(30, 0);
     expected.insert(expected.begin(), 39);
     EXPECT_EQ(expected, linesOfChain());
     EXPECT_STREQ("Contract broken by the caller: 39", ErrorStorage::get()->getText());
-}
-
-TEST(ErrorStorage, worksAgainAfterALongChain) {
     reportLevels(40);
     reportLevels(2);
     EXPECT_EQ(countDown(1, 0), linesOfChain());
@@ -146,7 +132,7 @@ TEST(ErrorStorage, worksAgainAfterALongChain) {
     EXPECT_EQ(countDown(31, 0), linesOfChain());
 }
 
-TEST(ErrorStorage, chainOfFourLevelsMapsNothing) {
+TEST(ErrorStorage, onlyALongChainMapsMemoryAndWithoutItKeepsFourLevels) {
     std::thread([] {
         Fault const mapped(inject_mmap, 0);
         reportLevels(4);
@@ -156,9 +142,6 @@ TEST(ErrorStorage, chainOfFourLevelsMapsNothing) {
         reportLevels(32);
         EXPECT_EQ(1, mapped.getCalls()) << "once for each store";
     }).join();
-}
-
-TEST(ErrorStorage, withoutMemoryALongChainKeepsFourLevels) {
     std::thread([] {
         Fault const fault(inject_mmap, ENOMEM, 1, Fault::FOREVER);
         reportLevels(7);
@@ -184,50 +167,40 @@ TEST(ErrorStorage, endOfAThreadUnmapsTheMemory) {
     EXPECT_GE(unmapped, 1);
 }
 
-TEST_F(ErrorStorageAction, isCalledWhenANewChainReplacesThePendingOne) {
-    ErrorStorage store(recordAction);
-    reportLevels(3);
-    EXPECT_TRUE(s_discarded.empty());
-    reportLevels(1);
+/// Checks that an action was called once.
+void expectDiscarded(char const* reason, std::vector<int> const& lines) {
     ASSERT_EQ(1u, s_discarded.size());
-    EXPECT_EQ(&store, s_discarded[0].store);
-    EXPECT_EQ("replaced by a new chain", s_discarded[0].reason);
-    EXPECT_EQ(countDown(2, 0), s_discarded[0].lines);
-    EXPECT_EQ(3u, s_discarded[0].count);
-    ErrorStorage::ack();
+    EXPECT_EQ(reason, s_discarded[0].reason);
+    EXPECT_EQ(lines, s_discarded[0].lines);
+    EXPECT_EQ(lines.size(), s_discarded[0].count);
+    s_discarded.clear();
 }
 
-TEST_F(ErrorStorageAction, isNotCalledForAnAcknowledgedChain) {
+TEST(ErrorStorage, actionIsCalledWithAChainThatIsReplacedOrLeftAtTheEndOfTheStore) {
     {
-        ErrorStorage const store(recordAction);
+        ErrorStorage store(recordAction);
         reportLevels(3);
+        EXPECT_TRUE(s_discarded.empty());
+        reportLevels(1);
+        ASSERT_EQ(1u, s_discarded.size());
+        EXPECT_EQ(&store, s_discarded[0].store);
+        expectDiscarded("replaced by a new chain", countDown(2, 0));
         ErrorStorage::ack();
         reportLevels(2);
-        ErrorStorage::ack();
+        EXPECT_TRUE(s_discarded.empty()) << "the chain was acknowledged";
     }
-    EXPECT_TRUE(s_discarded.empty());
-}
-
-TEST_F(ErrorStorageAction, isCalledAtTheEndOfTheStore) {
-    {
-        ErrorStorage const store(recordAction);
-        reportLevels(2);
-    }
-    ASSERT_EQ(1u, s_discarded.size());
-    EXPECT_EQ("end of the store", s_discarded[0].reason);
-    EXPECT_EQ(countDown(1, 0), s_discarded[0].lines);
-}
-
-TEST_F(ErrorStorageAction, isCalledInAThreadThatEndsWithItsStore) {
+    expectDiscarded("end of the store", countDown(1, 0));
     std::thread([] {
         ErrorStorage const store(recordAction);
         reportLevels(6);
     }).join();
-    ASSERT_EQ(1u, s_discarded.size());
-    EXPECT_EQ(countDown(5, 0), s_discarded[0].lines);
-}
-
-TEST_F(ErrorStorageAction, mayBeNull) {
+    expectDiscarded("end of the store", countDown(5, 0));
+    {
+        ErrorStorage const store(recordAction);
+        reportLevels(2);
+        ErrorStorage::ack();
+    }
+    EXPECT_TRUE(s_discarded.empty());
     ErrorStorage const store(nullptr);
     reportLevels(2);
     reportLevels(1);

@@ -16,14 +16,11 @@ TARN_CONSTANT_INIT std::ErrorType const child(ROWS, 2, parent);
 TARN_CONSTANT_INIT std::ErrorType const grandchild(ROWS, 1, child);
 TARN_CONSTANT_INIT std::ErrorType const unrelated(ROWS, 2);
 
-TEST(ErrorType, isItselfAndEachOfItsAncestors) {
+TEST(ErrorType, isItselfAndEachOfItsAncestorsAndNoOtherFamily) {
     EXPECT_TRUE(parent.isA(parent));
     EXPECT_TRUE(child.isA(parent));
     EXPECT_TRUE(grandchild.isA(parent));
     EXPECT_TRUE(grandchild.isA(child));
-}
-
-TEST(ErrorType, isNeitherItsChildNorAnUnrelatedFamily) {
     EXPECT_FALSE(parent.isA(child));
     EXPECT_FALSE(child.isA(unrelated)) << "the same table does not make the same family";
 }

@@ -9,9 +9,11 @@
 
 #include <cerrno>
 #include <climits>
+#include <initializer_list>
 #include <pthread.h>
 #include <string>
 #include <thread>
+#include <utility>
 
 VESK_INJECT_RESULT(pthread_mutexattr_init, (pthread_mutexattr_t * a), (a))
 VESK_INJECT_RESULT(pthread_mutex_init, (pthread_mutex_t * m, pthread_mutexattr_t const* a), (m, a))
@@ -49,24 +51,16 @@ struct Memory {
 
 // ---- mutexes ----
 
-TEST(MutexImpl, locksAndUnlocks) {
+TEST(MutexImpl, locksAndUnlocksAndReturnsInconsistencies) {
     MutexImpl mutex(false);
     EXPECT_EQ(0, mutex.lock());
     EXPECT_EQ(0, mutex.unlock());
-}
-
-TEST(MutexImpl, unlockingWhatAnotherThreadHoldsIsAnInconsistency) {
-    MutexImpl mutex(false);
     ASSERT_EQ(0, mutex.lock());
     std::thread([&mutex] {
         EXPECT_EQ(int{MutexBase::ERROR_INCONSISTENCY}, mutex.unlock());
         EXPECT_EQ(EPERM, errno);
     }).join();
     EXPECT_EQ(0, mutex.unlock());
-}
-
-TEST(MutexImpl, lockingTwiceIsAnInconsistencyUnlessItIsRecursive) {
-    MutexImpl mutex(false);
     ASSERT_EQ(0, mutex.lock());
     EXPECT_EQ(int{MutexBase::ERROR_INCONSISTENCY}, mutex.lock());
     EXPECT_EQ(EDEADLK, errno);
@@ -78,10 +72,6 @@ TEST(MutexImpl, lockingTwiceIsAnInconsistencyUnlessItIsRecursive) {
     EXPECT_EQ(0, recursive.unlock());
     EXPECT_EQ(0, recursive.unlock());
     EXPECT_EQ(int{MutexBase::ERROR_INCONSISTENCY}, recursive.unlock());
-}
-
-TEST(MutexImpl, failureToLockReturnsItsNumberAndFailureToUnlockIsAnInconsistency) {
-    MutexImpl mutex(false);
     {
         Fault const fault(inject_pthread_mutex_lock, EAGAIN);
         EXPECT_EQ(EAGAIN, mutex.lock());
@@ -176,53 +166,35 @@ TEST_F(ConditionImplTest, waitWithoutTheMutexIsAnInconsistency) {
     EXPECT_EQ(EPERM, errno);
 }
 
-struct Row {
-    int error;
-    int result;
-};
-
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << "errno " << row.error;
-}
-
-class ConditionImplRows : public ConditionImplTest, public testing::WithParamInterface<Row> {};
-
-TEST_P(ConditionImplRows, everyOperationReturnsItsCode) {
+TEST_F(ConditionImplTest, everyOperationReturnsTheCodeOfItsFailure) {
     ASSERT_EQ(0, m_mutex.lock());
-    Fault const wait(inject_pthread_cond_wait, GetParam().error);
-    Fault const timed(inject_pthread_cond_timedwait, GetParam().error);
-    Fault const signal(inject_pthread_cond_signal, GetParam().error);
-    EXPECT_EQ(GetParam().result, m_condition.wait());
-    EXPECT_EQ(GetParam().result, m_condition.wait_timeout(TimePoint::now() + Duration(60000)));
-    EXPECT_EQ(GetParam().result, m_condition.signal_one());
+    for (auto const& [error, code] : std::initializer_list<std::pair<int, int>>{
+             {ETIMEDOUT, 1}, {EINVAL, -1}, {EPERM, -1}, {EAGAIN, EAGAIN}, {ENOMEM, ENOMEM}}) {
+        Fault const wait(inject_pthread_cond_wait, error);
+        Fault const timed(inject_pthread_cond_timedwait, error);
+        Fault const signal(inject_pthread_cond_signal, error);
+        EXPECT_EQ(code, m_condition.wait()) << error;
+        EXPECT_EQ(code, m_condition.wait_timeout(TimePoint::now() + Duration(60000))) << error;
+        EXPECT_EQ(code, m_condition.signal_one()) << error;
+    }
     ASSERT_EQ(0, m_mutex.unlock());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, ConditionImplRows,
-    testing::Values(
-        Row{ETIMEDOUT, 1}, Row{EINVAL, -1}, Row{EPERM, -1}, Row{EAGAIN, EAGAIN}, Row{ENOMEM, ENOMEM}));
-
-class ConditionImplCreation : public testing::TestWithParam<Injected*> {};
-
-TEST_P(ConditionImplCreation, failureIsFatal) {
-    EventRecorder const recorder;
+TEST(ConditionImpl, failureToCreateItIsFatal) {
     MutexImpl mutex(false);
-    Memory<ConditionImpl> memory;
-    {
-        Fault const fault(*GetParam(), ENOMEM);
-        new (memory.bytes) ConditionImpl(mutex);
+    for (Injected* const step :
+         {&inject_pthread_condattr_init, &inject_pthread_condattr_setclock, &inject_pthread_cond_init}) {
+        EventRecorder const recorder;
+        Memory<ConditionImpl> memory;
+        {
+            Fault const fault(*step, ENOMEM);
+            new (memory.bytes) ConditionImpl(mutex);
+        }
+        EXPECT_EQ(
+            eventOf("ABORT", "ConditionImpl ConditionImpl: error creating condition", ENOMEM),
+            recorder.getText());
     }
-    EXPECT_EQ(
-        eventOf("ABORT", "ConditionImpl ConditionImpl: error creating condition", ENOMEM),
-        recorder.getText());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ConditionImplCreation,
-    testing::Values(
-        &inject_pthread_condattr_init, &inject_pthread_condattr_setclock, &inject_pthread_cond_init),
-    [](auto const& row) { return "step" + std::to_string(row.index); });
 
 TEST(ConditionImpl, failureToDestroyItIsAsserted) {
     EventRecorder const recorder;
@@ -241,7 +213,7 @@ TEST(ConditionImpl, failureToDestroyItIsAsserted) {
 
 // ---- thread-specific storage ----
 
-TEST(TlsImpl, isNullInEveryThreadUntilItIsSetThere) {
+TEST(TlsImpl, valueBelongsToOneSlotAndOneThread) {
     TlsImpl slot;
     int mine = 0;
     EXPECT_EQ(nullptr, slot.get());
@@ -254,9 +226,6 @@ TEST(TlsImpl, isNullInEveryThreadUntilItIsSetThere) {
         EXPECT_EQ(&other, slot.get());
     }).join();
     EXPECT_EQ(&mine, slot.get());
-}
-
-TEST(TlsImpl, slotsHaveSeparateValues) {
     TlsImpl first;
     TlsImpl second;
     int value = 0;

@@ -20,15 +20,12 @@ long long monotonicMs() {
     return static_cast<long long>(time.tv_sec) * 1000 + time.tv_nsec / 1000000;
 }
 
-TEST(TimePoint, nowReadsTheMonotonicClock) {
+TEST(TimePoint, nowReadsTheMonotonicClockAndIsBeforeMax) {
     long long const before = monotonicMs();
     long long const now = TimePoint::now().getCount();
     long long const after = monotonicMs();
     EXPECT_LE(before, now);
     EXPECT_LE(now, after);
-}
-
-TEST(TimePoint, maxIsLaterThanEveryNow) {
     EXPECT_LT(TimePoint::now(), TimePoint::MAX);
     EXPECT_EQ(LLONG_MAX, TimePoint(TimePoint::MAX).getCount());
 }
@@ -57,24 +54,18 @@ TYPED_TEST(Compared, byItsCount) {
     EXPECT_TRUE(high >= low && low >= low && !(low >= high));
 }
 
-TEST(TimePoint, timespecHoldsSecondsAndNanoseconds) {
+TEST(TimePoint, timespecHoldsSecondsAndNanosecondsAndNeverWraps) {
     timespec const time = TimePoint(12345).toTimespec();
     EXPECT_EQ(12, time.tv_sec);
     EXPECT_EQ(345000000, time.tv_nsec);
-}
-
-TEST(TimePoint, timespecOfANegativeMomentIsZero) {
-    timespec const time = TimePoint(-1).toTimespec();
-    EXPECT_EQ(0, time.tv_sec);
-    EXPECT_EQ(0, time.tv_nsec);
-}
-
-TEST(TimePoint, timespecNeverWraps) {
-    timespec const time = TimePoint(TimePoint::MAX).toTimespec();
+    timespec const negative = TimePoint(-1).toTimespec();
+    EXPECT_EQ(0, negative.tv_sec);
+    EXPECT_EQ(0, negative.tv_nsec);
+    timespec const last = TimePoint(TimePoint::MAX).toTimespec();
     time_t const latest = std::numeric_limits<time_t>::max();
-    EXPECT_EQ(sizeof(time_t) == 4 ? latest : static_cast<time_t>(LLONG_MAX / 1000), time.tv_sec);
-    EXPECT_GE(time.tv_nsec, 0);
-    EXPECT_LT(time.tv_nsec, 1000000000);
+    EXPECT_EQ(sizeof(time_t) == 4 ? latest : static_cast<time_t>(LLONG_MAX / 1000), last.tv_sec);
+    EXPECT_GE(last.tv_nsec, 0);
+    EXPECT_LT(last.tv_nsec, 1000000000);
 }
 
 TEST(NonCopyable, isNeitherCopiedNorAssigned) {

@@ -1,3 +1,5 @@
+#include "support/NamedRow.h"
+
 #include <tarncommon/unicode/String.h>
 
 #include <gtest/gtest.h>
@@ -28,26 +30,27 @@ String makeString(CodePoints const& code_points) {
     return result;
 }
 
-TEST(UnicodeString, constantsAreTheirCodePoints) {
-    EXPECT_EQ(0xFEFFU, BOM);
-    EXPECT_EQ(0xFFFDU, REPLACEMENT_CHAR);
-}
-
-TEST(UnicodeString, startsEmpty) {
+TEST(UnicodeString, isEmptyAtFirstAndSoAreItsParts) {
     String const text;
     EXPECT_TRUE(text.isEmpty());
     EXPECT_EQ(0U, text.getLength());
     EXPECT_TRUE(text.begin() == text.end());
     EXPECT_TRUE(text == String());
+    EXPECT_TRUE(text.substr(0, 1).isEmpty());
+    EXPECT_TRUE(text.substr(text.begin(), text.end()).isEmpty());
 }
 
-TEST(UnicodeString, ofOneCodePointHasOneCharacter) {
+TEST(UnicodeString, codePointsAreCharactersAndConvertToTexts) {
     for (unsigned int const code_point : {0U, 0x41U, 0xD800U, 0x1F5A8U, 0x10FFFFU, 0xFFFFFFFFU}) {
         String const text(code_point);
         EXPECT_EQ(1U, text.getLength());
         EXPECT_EQ(code_point, *text.begin());
         EXPECT_FALSE(text.isEmpty());
     }
+    EXPECT_EQ(0xFEFFU, BOM);
+    EXPECT_EQ(0xFFFDU, REPLACEMENT_CHAR);
+    EXPECT_TRUE(makeString({'a'}) + REPLACEMENT_CHAR == makeString({'a', REPLACEMENT_CHAR}));
+    EXPECT_TRUE(makeString({BOM}) == BOM);
 }
 
 TEST(UnicodeString, copiesAreValues) {
@@ -84,11 +87,6 @@ TEST(UnicodeString, additionKeepsItsOperands) {
     EXPECT_TRUE(left + left == makeString({'a', 'b', 'a', 'b'}));
 }
 
-TEST(UnicodeString, codePointConvertsToAText) {
-    EXPECT_TRUE(makeString({'a'}) + REPLACEMENT_CHAR == makeString({'a', REPLACEMENT_CHAR}));
-    EXPECT_TRUE(makeString({BOM}) == BOM);
-}
-
 struct Cut {
     int first;
     int count;
@@ -112,12 +110,6 @@ INSTANTIATE_TEST_SUITE_P(
         Cut{0, 6, "abcdef"}, Cut{0, 0, ""}, Cut{1, 3, "bcd"}, Cut{5, 1, "f"}, Cut{6, 1, ""}, Cut{7, 1, ""},
         Cut{4, 10, "ef"}, Cut{-2, 3, "abc"}, Cut{2, -1, ""}, Cut{-1, -1, ""}, Cut{1, INT_MAX, "bcdef"},
         Cut{INT_MAX, INT_MAX, ""}, Cut{INT_MIN, INT_MAX, "abcdef"}, Cut{0, INT_MIN, ""}));
-
-TEST(UnicodeString, cutOfAnEmptyTextIsEmpty) {
-    String const text;
-    EXPECT_TRUE(text.substr(0, 1).isEmpty());
-    EXPECT_TRUE(text.substr(text.begin(), text.end()).isEmpty());
-}
 
 TEST(UnicodeString, cutsBetweenIterators) {
     String const text = makeString({'a', 0x1F5A8, 'c', 'd'});
@@ -192,15 +184,10 @@ TEST(UnicodeString, everyCodePointIsEncodedAndDecoded) {
     }
 }
 
-struct Malformed {
-    char const* name;
+struct Malformed : support::NamedRow {
     char const* bytes;
     CodePoints code_points;
 };
-
-void PrintTo(Malformed const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class UnicodeStringMalformed : public testing::TestWithParam<Malformed> {};
 
