@@ -6,16 +6,9 @@
 #include "support/Privileges.h"
 #include "support/Sanitizers.h"
 
-#include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <fcntl.h>
-#include <ostream>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/select.h>
-#include <unistd.h>
 
 VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size), (fd, buffer, size))
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
