@@ -1,21 +1,20 @@
-#include "support/Chain.h"
-#include "support/EventRecorder.h"
+#include "support/CleanEnd.h"
+#include "support/RunInThreads.h"
 
 #include <vesk/Dispatcher.h>
 
-#include <atomic>
+#include <cstring>
 #include <functional>
+#include <map>
+#include <sstream>
 #include <stdexcept>
-#include <string>
-#include <thread>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 namespace {
 
 using support::chainIs;
 using support::EventRecorder;
+using support::runInThreads;
 using vesk::Dispatcher;
 using vesk::Message;
 using VanillaQueue = vesk::Dispatcher::VanillaQueue;
@@ -168,6 +167,154 @@ protected:
     Dispatcher m_dispatcher{m_notifier};
 };
 
+// ---- sequences of operations ----
+
+using Steps = std::vector<std::string>;
+
+/// A sequence of steps with two sources, "first" and "second", and handlers. A message logs its calls; the
+/// message "stop" stops the dispatcher. "log" compares and clears the log.
+struct Scenario {
+    char const* name;
+    Steps steps;
+    std::map<std::string, Steps> reactions = {}; ///< The work of a message or handler.
+    char const* fatal_errors = "";               ///< Those that a process survives.
+};
+
+class DispatcherScenario : public DispatcherTest, public testing::WithParamInterface<Scenario> {
+protected:
+    TestMessage* makeMessage(std::string const& name) {
+        TestMessage* const message = make(name, [this, name] { react(name); });
+        m_messages[name] = message;
+        return message;
+    }
+    TestHandler& handler(std::string const& name) {
+        return m_handlers.try_emplace(name, name, [this, name] { react(name); }).first->second;
+    }
+    void react(std::string const& name) {
+        auto const reaction = GetParam().reactions.find(name);
+        run(name == "stop"                               ? Steps{"stop"}
+                : reaction == GetParam().reactions.end() ? Steps()
+                                                         : reaction->second);
+    }
+    void run(Steps const& steps) {
+        for (std::string const& step : steps) {
+            SCOPED_TRACE(step);
+            std::istringstream words(step);
+            std::string verb;
+            std::string name;
+            words >> verb >> name;
+            std::map<std::string, std::function<void()>> const verbs{
+                {"first", [&] { m_first.push(makeMessage(name)); }},
+                {"second", [&] { m_second.push(makeMessage(name)); }},
+                {"firstAfterPopOfSecond", [&] { m_second.on_pop = [this] { run({"first stop"}); }; }},
+                {"useSecond", [&] { m_dispatcher.add_source(m_second); }},
+                {"stop", [&] { m_dispatcher.stop(); }},
+                {"run", [&] { m_dispatcher.run(); }},
+                {"runThrows", [&] { EXPECT_THROW(m_dispatcher.run(), std::runtime_error); }},
+                {"isRunning", [&] { EXPECT_TRUE(m_dispatcher.isRunning()); }},
+                {"isStopped", [&] { EXPECT_FALSE(m_dispatcher.isRunning()); }},
+                {"add", [&] { m_dispatcher.add_handler(handler(name)); }},
+                {"remove", [&] { m_dispatcher.remove_handler(handler(name)); }},
+                {"dispatch", [&] { m_dispatcher.dispatch(makeMessage(name)); }},
+                {"dispatchThrows",
+                 [&] { EXPECT_THROW(m_dispatcher.dispatch(makeMessage(name)), std::runtime_error); }},
+                {"dispatchAgain", [&] { m_dispatcher.dispatch(m_messages[name]); }},
+                {"delete", [&] { delete m_messages[name]; }},
+                {"throw", [] { throw std::runtime_error("bad"); }},
+                {"pops", [&] { EXPECT_EQ(std::stoi(name), m_first.pops); }},
+                {"waits", [&] { EXPECT_EQ(std::stoi(name), m_notifier.waits); }},
+                {"log", [&] { EXPECT_EQ(step.substr(strlen("log ")), std::exchange(m_log, "") + "."); }}};
+            verbs.at(verb)();
+        }
+    }
+
+    std::map<std::string, TestMessage*> m_messages;
+    std::map<std::string, TestHandler> m_handlers;
+};
+
+TEST_P(DispatcherScenario, makesTheExpectedCalls) {
+    EventRecorder const recorder;
+    run(GetParam().steps);
+    EXPECT_EQ("", m_log);
+    EXPECT_EQ(GetParam().fatal_errors, recorder.getText());
+    EXPECT_TRUE(recorder.getCount() == 0 || chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, DispatcherScenario,
+    testing::ValuesIn(std::vector<Scenario>{
+        {"runsFromItsConstructionOn", {"isRunning", "stop", "isStopped"}},
+        {"stopBeforeRunMakesItReturnOnceWithoutAskingASource",
+         {"stop",
+          "first stop",
+          "run",
+          "log .",
+          "pops 0",
+          "waits 0",
+          "isRunning",
+          "run",
+          "log invoke stop; delete stop; .",
+          "pops 1",
+          "stop",
+          "stop",
+          "first stop",
+          "run",
+          "log .",
+          "pops 1",
+          "waits 0",
+          "isRunning",
+          "run",
+          "log invoke stop; delete stop; ."}},
+        {"twoStopsDuringARunEndOnlyThatRun",
+         {"first both", "run", "isRunning", "log invoke both; delete both; .", "first stop", "run",
+          "log invoke stop; delete stop; ."},
+         {{"both", {"stop", "stop"}}}},
+        {"messagesQueuedWhenStopTakesEffectAreLeftForALaterRun",
+         {"first stop", "first left", "first end", "run", "log invoke stop; delete stop; .", "run",
+          "log invoke left; delete left; invoke end; delete end; ."},
+         {{"end", {"stop"}}}},
+        {"allMessagesOfTheFirstSourceComeBeforeTheSecondOnes",
+         {"useSecond", "second b1", "second stop", "first a1", "first a2", "run",
+          "log invoke a1; delete a1; invoke a2; delete a2; invoke b1; delete b1; invoke stop; delete stop; "
+          "."}},
+        {"aMessagePushedIntoTheFirstSourceOvertakesTheSecondOnes",
+         {"useSecond", "second b1", "second stop", "run",
+          "log invoke b1; delete b1; invoke urgent; delete urgent; invoke stop; delete stop; ."},
+         {{"b1", {"first urgent"}}}},
+        {"aMessageBetweenTheLastLookAndTheSleepIsNotLost",
+         {"useSecond", "firstAfterPopOfSecond", "run", "log invoke stop; delete stop; .", "waits 1"}},
+        {"handlersSeeAMessageInOrderBeforeItsWorkAndThenItIsDismissed",
+         {"add one", "add two", "dispatch m", "log one sees m; two sees m; invoke m; delete m; .",
+          "first stop", "run", "log one sees stop; two sees stop; invoke stop; delete stop; ."}},
+        {"handlersRunWithTheLockLocked",
+         {"add handler", "dispatch m", "log handler sees m; invoke m; delete m; ."},
+         {{"handler", {"remove other"}}},
+         "ABORT framework/src/vesk/Dispatcher remove_handler: error locking\n"
+         "ABORT framework/src/vesk/Dispatcher dispatch: error unlocking"},
+        {"aHandlerThatRemovesItselfDuringADispatchDoesNotEndIt",
+         {"add one", "add two", "dispatch m", "log one sees m; two sees m; invoke m; delete m; ."},
+         {{"one", {"remove one"}}},
+         "ABORT framework/src/vesk/Dispatcher remove_handler: error locking\n"
+         "ABORT framework/src/vesk/Dispatcher dispatch: error unlocking"},
+        {"workRunsWithoutALock",
+         {"dispatch m", "log invoke m; handler sees inner; invoke inner; delete inner; delete m; ."},
+         {{"m", {"add handler", "dispatch inner", "remove handler"}}}},
+        {"aHandlerAddedTwiceSeesEachMessageTwiceAndIsRemovedCompletely",
+         {"add handler", "add handler", "dispatch m", "remove handler", "dispatch n",
+          "log handler sees m; handler sees m; invoke m; delete m; invoke n; delete n; ."}},
+        {"removingAnUnknownHandlerIsIgnored",
+         {"remove unknown", "add handler", "remove unknown", "dispatch m",
+          "log handler sees m; invoke m; delete m; ."}},
+        {"anExceptionOfTheWorkPassesOutAndLeavesTheMessageUndismissed",
+         {"first bad", "first stop", "runThrows", "log invoke bad; .", "delete bad", "log delete bad; .",
+          "isRunning", "run", "log invoke stop; delete stop; ."},
+         {{"bad", {"throw"}}}},
+        {"anExceptionOfAHandlerPassesOutAndFreesTheLock",
+         {"add handler", "dispatchThrows m", "log handler sees m; .", "remove handler", "dispatchAgain m",
+          "log invoke m; delete m; ."},
+         {{"handler", {"throw"}}}}}),
+    [](auto const& row) { return row.param.name; });
+
 // ---- run and stop ----
 
 TEST_F(DispatcherTest, withoutSourcesItSleepsAtOnceAndReturnsOnlyAfterStop) {
@@ -188,38 +335,6 @@ TEST_F(DispatcherTest, withoutSourcesItSleepsAtOnceAndReturnsOnlyAfterStop) {
     EXPECT_TRUE(dispatcher.isRunning());
 }
 
-TEST_F(DispatcherTest, isRunningFromConstructionOn) {
-    EXPECT_TRUE(m_dispatcher.isRunning());
-    m_dispatcher.stop();
-    EXPECT_FALSE(m_dispatcher.isRunning());
-}
-
-TEST_F(DispatcherTest, stopBeforeRunMakesItReturnOnceWithoutAskingASource) {
-    for (int const stops : {1, 2}) {
-        for (int i = 0; i < stops; ++i) {
-            m_dispatcher.stop();
-        }
-        int const pops = m_first.pops;
-        EXPECT_EQ("", run());
-        EXPECT_EQ(pops, m_first.pops);
-        EXPECT_EQ(0, m_notifier.waits);
-        EXPECT_TRUE(m_dispatcher.isRunning());
-        m_dispatcher.run();
-        EXPECT_EQ(m_stop, m_log) << "the second run enters the loop";
-    }
-}
-
-TEST_F(DispatcherTest, twoStopsDuringARunEndOnlyThatRun) {
-    m_first.push(make("both", [this] {
-        m_dispatcher.stop();
-        m_dispatcher.stop();
-    }));
-    m_dispatcher.run();
-    EXPECT_TRUE(m_dispatcher.isRunning());
-    EXPECT_EQ("invoke both; delete both; ", m_log);
-    EXPECT_EQ(m_stop, run());
-}
-
 TEST_F(DispatcherTest, stopClearsTheFlagBeforeItSignals) {
     std::vector<bool> running;
     m_notifier.on_signal = [&] { running.push_back(m_dispatcher.isRunning()); };
@@ -230,17 +345,6 @@ TEST_F(DispatcherTest, stopClearsTheFlagBeforeItSignals) {
 TEST_F(DispatcherTest, aSleepingDispatcherIsStoppedByAnotherThread) {
     stop(start());
     EXPECT_EQ(1, m_first.pops) << "no pass after the stop";
-}
-
-TEST_F(DispatcherTest, messagesQueuedWhenStopTakesEffectAreLeftForALaterRun) {
-    m_first.push(makeStop());
-    m_first.push(make("left"));
-    m_first.push(makeStop("end"));
-    m_dispatcher.run();
-    EXPECT_EQ(m_stop, m_log);
-    m_log.clear();
-    m_dispatcher.run();
-    EXPECT_EQ("invoke left; delete left; invoke end; delete end; ", m_log);
 }
 
 TEST_F(DispatcherTest, destructorLeavesQueuedMessagesAlone) {
@@ -273,25 +377,6 @@ TEST_F(DispatcherTest, mainRunsItsArgument) {
 
 // ---- Sources ----
 
-TEST_F(DispatcherTest, allMessagesOfTheFirstSourceComeBeforeTheSecondOnes) {
-    m_dispatcher.add_source(m_second);
-    m_second.push(make("b1"));
-    m_second.push(makeStop("b2"));
-    m_first.push(make("a1"));
-    m_first.push(make("a2"));
-    m_dispatcher.run();
-    EXPECT_EQ(
-        "invoke a1; delete a1; invoke a2; delete a2; invoke b1; delete b1; invoke b2; delete b2; ", m_log);
-}
-
-TEST_F(DispatcherTest, aMessagePushedIntoTheFirstSourceOvertakesTheSecondOnes) {
-    m_dispatcher.add_source(m_second);
-    m_second.push(make("b1", [this] { m_first.push(make("urgent")); }));
-    m_second.push(makeStop("b2"));
-    m_dispatcher.run();
-    EXPECT_EQ("invoke b1; delete b1; invoke urgent; delete urgent; invoke b2; delete b2; ", m_log);
-}
-
 TEST_F(DispatcherTest, aSourceThatAlwaysHasAMessageStarvesLaterOnes) {
     m_dispatcher.add_source(m_second);
     int rounds = 0;
@@ -320,14 +405,6 @@ TEST_F(DispatcherTest, itSleepsOnlyAfterAPassInWhichEverySourceWasEmpty) {
     stop(std::move(loop));
 }
 
-TEST_F(DispatcherTest, aMessageBetweenTheLastLookAndTheSleepIsNotLost) {
-    m_dispatcher.add_source(m_second);
-    m_second.on_pop = [this] { m_first.push(makeStop()); }; // The first queue has just been found empty.
-    m_dispatcher.run();
-    EXPECT_EQ(m_stop, m_log);
-    EXPECT_EQ(1, m_notifier.waits);
-}
-
 TEST_F(DispatcherTest, aSourceAddedTwiceIsAskedTwiceAPass) {
     m_dispatcher.add_source(m_first); // Once more.
     std::thread loop = start();
@@ -343,20 +420,15 @@ TEST_F(DispatcherTest, messagesOfManyThreadsAreAllInvokedInTheOrderOfEach) {
     };
     std::thread loop(Dispatcher::main, &m_dispatcher);
     std::vector<Producer> producers(4);
-    std::vector<std::thread> threads;
-    for (Producer& producer : producers) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < MESSAGES; ++i) {
-                m_first.push(new Work([&producer, i] {
-                    producer.in_order = producer.in_order && i == producer.last + 1;
-                    producer.last = i;
-                }));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runInThreads(4, [&](size_t thread) {
+        Producer& producer = producers[thread];
+        for (int i = 0; i < MESSAGES; ++i) {
+            m_first.push(new Work([&producer, i] {
+                producer.in_order = producer.in_order && i == producer.last + 1;
+                producer.last = i;
+            }));
+        }
+    });
     m_first.push(makeStop());
     loop.join();
     for (Producer const& producer : producers) {
@@ -366,16 +438,6 @@ TEST_F(DispatcherTest, messagesOfManyThreadsAreAllInvokedInTheOrderOfEach) {
 }
 
 // ---- dispatch ----
-
-TEST_F(DispatcherTest, handlersSeeAMessageInOrderBeforeItsWorkAndThenItIsDismissed) {
-    TestHandler one("one");
-    TestHandler two("two");
-    m_dispatcher.add_handler(one);
-    m_dispatcher.add_handler(two);
-    m_dispatcher.dispatch(make("m"));
-    EXPECT_EQ("one sees m; two sees m; invoke m; delete m; ", m_log);
-    EXPECT_EQ("one sees stop; two sees stop; invoke stop; delete stop; ", run()) << "also in a run";
-}
 
 TEST_F(DispatcherTest, aMessageIsDismissedByItsOwnOperation) {
     class Member : public Message {
@@ -388,86 +450,23 @@ TEST_F(DispatcherTest, aMessageIsDismissedByItsOwnOperation) {
     EXPECT_EQ(2, member.dismissed);
 }
 
-TEST_F(DispatcherTest, handlersRunWithTheLockLocked) {
-    EventRecorder const recorder;
-    TestHandler other("other");
-    TestHandler handler("handler", [&] { m_dispatcher.remove_handler(other); });
-    m_dispatcher.add_handler(handler);
-    m_dispatcher.dispatch(make("m"));
-    EXPECT_EQ(
-        "ABORT framework/src/vesk/Dispatcher remove_handler: error locking\n"
-        "ABORT framework/src/vesk/Dispatcher dispatch: error unlocking",
-        recorder.getText());
-}
-
-TEST_F(DispatcherTest, aHandlerThatRemovesItselfDuringADispatchDoesNotEndIt) {
-    EventRecorder const recorder; // The process survives the fatal error.
-    TestHandler one("one", [&] { m_dispatcher.remove_handler(one); });
-    TestHandler two("two");
-    m_dispatcher.add_handler(one);
-    m_dispatcher.add_handler(two);
-    m_dispatcher.dispatch(make("m"));
-    EXPECT_EQ("one sees m; two sees m; invoke m; delete m; ", m_log);
-    EXPECT_EQ(2U, recorder.getCount());
-}
-
-TEST_F(DispatcherTest, workRunsWithoutALock) {
-    EventRecorder const recorder;
-    TestHandler handler("handler");
-    m_dispatcher.dispatch(make("m", [&] {
-        m_dispatcher.add_handler(handler);
-        m_dispatcher.dispatch(make("inner"));
-        m_dispatcher.remove_handler(handler);
-    }));
-    EXPECT_EQ("invoke m; handler sees inner; invoke inner; delete inner; delete m; ", m_log);
-    EXPECT_EQ("", recorder.getText());
-}
-
 TEST_F(DispatcherTest, threadsDispatchWithOneHandlerCallAtATimeAndOverlappingWork) {
     constexpr int THREADS = 3;
     CountingHandler counter;
     m_dispatcher.add_handler(counter);
     std::atomic<int> present{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 1000; ++round) {
-                m_dispatcher.dispatch(new Work);
+    runInThreads(THREADS, [&](int) {
+        for (int round = 0; round < 1000; ++round) {
+            m_dispatcher.dispatch(new Work);
+        }
+        m_dispatcher.dispatch(new Work([&] {
+            ++present;
+            while (present < THREADS) { // Ends only if all of them work at once.
+                std::this_thread::yield();
             }
-            m_dispatcher.dispatch(new Work([&] {
-                ++present;
-                while (present < THREADS) { // Ends only if all of them work at once.
-                    std::this_thread::yield();
-                }
-            }));
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+        }));
+    });
     EXPECT_EQ(THREADS * 1001, counter.count);
-}
-
-// ---- Handlers ----
-
-TEST_F(DispatcherTest, aHandlerAddedTwiceSeesEachMessageTwiceAndIsRemovedCompletely) {
-    TestHandler handler("handler");
-    m_dispatcher.add_handler(handler);
-    m_dispatcher.add_handler(handler);
-    m_dispatcher.dispatch(make("m"));
-    m_dispatcher.remove_handler(handler);
-    m_dispatcher.dispatch(make("n"));
-    EXPECT_EQ("handler sees m; handler sees m; invoke m; delete m; invoke n; delete n; ", m_log);
-}
-
-TEST_F(DispatcherTest, removingAnUnknownHandlerIsIgnored) {
-    TestHandler handler("handler");
-    TestHandler unknown("unknown");
-    m_dispatcher.remove_handler(unknown);
-    m_dispatcher.add_handler(handler);
-    m_dispatcher.remove_handler(unknown);
-    m_dispatcher.dispatch(make("m"));
-    EXPECT_EQ("handler sees m; invoke m; delete m; ", m_log);
 }
 
 TEST_F(DispatcherTest, handlersComeAndGoWhileOthersDispatch) {
@@ -489,35 +488,6 @@ TEST_F(DispatcherTest, handlersComeAndGoWhileOthersDispatch) {
     }
     end = true;
     loop.join();
-    EXPECT_TRUE(chainIs({}));
-}
-
-// ---- Exceptions ----
-
-TEST_F(DispatcherTest, anExceptionOfTheWorkPassesOutAndLeavesTheMessageUndismissed) {
-    TestMessage* const bad = make("bad", [] { throw std::runtime_error("bad"); });
-    m_first.push(bad);
-    m_first.push(makeStop());
-    EXPECT_THROW(m_dispatcher.run(), std::runtime_error);
-    EXPECT_EQ("invoke bad; ", m_log);
-    delete bad;
-    m_log.clear();
-    EXPECT_TRUE(m_dispatcher.isRunning());
-    m_dispatcher.run();
-    EXPECT_EQ(m_stop, m_log) << "it can run again";
-}
-
-TEST_F(DispatcherTest, anExceptionOfAHandlerPassesOutAndFreesTheLock) {
-    EventRecorder const recorder;
-    TestHandler handler("handler", [] { throw std::runtime_error("bad"); });
-    m_dispatcher.add_handler(handler);
-    TestMessage* const message = make("m");
-    EXPECT_THROW(m_dispatcher.dispatch(message), std::runtime_error);
-    EXPECT_EQ("handler sees m; ", m_log) << "neither invoked nor dismissed";
-    m_dispatcher.remove_handler(handler);
-    m_dispatcher.dispatch(message);
-    EXPECT_EQ("handler sees m; invoke m; delete m; ", m_log);
-    EXPECT_EQ("", recorder.getText());
 }
 
 TEST(DispatcherClass, hasNoVirtualOperations) {

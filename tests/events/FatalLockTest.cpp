@@ -8,12 +8,7 @@
 #include <vesk/Poller.h>
 #include <vesk/SignalQueue.h>
 
-#include <cerrno>
-#include <functional>
 #include <ostream>
-#include <pthread.h>
-#include <string>
-#include <vector>
 
 /// What happens if the locks of dispatchers, queues, notifiers and pollers fail.
 

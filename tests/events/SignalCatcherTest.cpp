@@ -2,16 +2,16 @@
 #include "SignalSupport.h"
 #include "support/Privileges.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
 #include <vesk/Timer.h>
 
-#include <cerrno>
 #include <climits>
+#include <iterator>
+#include <map>
+#include <sstream>
 #include <stdexcept>
 #include <type_traits>
-#include <unistd.h>
 
 namespace {
 // Each runs once, in the next call of sigaction.
@@ -93,20 +93,6 @@ protected:
 
 // ---- from the signal to the callback ----
 
-TEST_F(SignalCatcherTest, callsBackForASignalToTheProcess) {
-    auto const catcher = make(SIGUSR1);
-    EXPECT_EQ(0, kill(getpid(), SIGUSR1));
-    EXPECT_TRUE(log.waitFor(1));
-    EXPECT_EQ((Signals{SIGUSR1}), log.getSignals());
-}
-
-TEST_F(SignalCatcherTest, callsBackOnAnotherThreadForASignalToAThread) {
-    auto const catcher = make(SIGUSR1);
-    EXPECT_EQ(0, pthread_kill(pthread_self(), SIGUSR1));
-    EXPECT_TRUE(log.waitFor(1));
-    EXPECT_NE(getThreadId(), log.getCalls()[0].thread);
-}
-
 TEST_F(SignalCatcherTest, callsBackOutsideOfSignalContextOnTheThreadOfTheDispatcher) {
     char name[16] = "";
     sigset_t blocked{};
@@ -163,21 +149,6 @@ TEST_F(SignalCatcherTest, callsBackOnceForEachPendingRealTimeSignal) {
     EXPECT_EQ(11u, log.getCount());
 }
 
-TEST_F(SignalCatcherTest, callsBackOnceForStandardSignalsThatTheKernelMerged) {
-    SignalSet const set(SIGUSR1);
-    set.block();
-    auto const catcher = make(SIGUSR1);
-    auto const later = make(SIGUSR2);
-    for (int i = 0; i < 3; ++i) {
-        kill(getpid(), SIGUSR1);
-    }
-    set.unblock();
-    // A higher number: it comes after pending signals of the lower one.
-    raise(SIGUSR2);
-    EXPECT_TRUE(log.waitFor(2));
-    EXPECT_EQ((Signals{SIGUSR1, SIGUSR2}), log.getSignals());
-}
-
 TEST_F(SignalCatcherTest, callsBackInTheOrderOfTheNumbersAfterASlowCallback) {
     HeldCallback slow;
     SignalCatcher const slow_catcher(SIGWINCH, HeldCallback::run, &slow);
@@ -226,17 +197,6 @@ TEST_F(SignalCatcherTest, keepsTheErrorNumberOfTheInterruptedCode) {
     raise(SIGUSR1);
     EXPECT_EQ(EDOM, errno);
     EXPECT_EQ(1, popAll(queue));
-}
-
-TEST_F(SignalCatcherTest, passesItsOwnDataToEachCallback) {
-    CallLog other;
-    auto const first = make(SIGUSR1);
-    SignalCatcher const second(SIGUSR2, CallLog::record, &other);
-    raise(SIGUSR2);
-    EXPECT_TRUE(other.waitFor(1));
-    raiseAndWait(SIGUSR1);
-    EXPECT_EQ((Signals{SIGUSR1}), log.getSignals());
-    EXPECT_EQ((Signals{SIGUSR2}), other.getSignals());
 }
 
 // ---- the action ----
@@ -380,7 +340,7 @@ TEST_P(SignalCatcherRefusalTest, isNotReportedAndTheDestructorSignsOff) {
     for (int i = 0; i < 2; ++i) {
         Fault const calls(inject_sigaction, 0);
         auto catcher = make(GetParam().signal);
-        EXPECT_FALSE(std::ErrorStorage::isError(true));
+        EXPECT_TRUE(chainIs({}));
         EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
         catcher.reset();
         EXPECT_EQ(1, calls.getCalls()) << "the old action is not restored, as it was not replaced";
@@ -392,19 +352,6 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Refused{"SIGKILL", SIGKILL}, Refused{"SIGSTOP", SIGSTOP}, Refused{"Zero", 0}, Refused{"OfLibc", 32}),
     nameOf);
-
-TEST_F(SignalCatcherTest, refusedByTheSystemItLeavesTheActionAloneButClearsItsRow) {
-    {
-        Fault const fault(inject_sigaction, EPERM);
-        auto const catcher = makeQueued(SIGUSR1);
-        EXPECT_EQ(SIG_DFL, getAction(SIGUSR1).sa_handler);
-        SignalCatcher::enqueue_signal(SIGUSR1); // The handler finds the row.
-        EXPECT_EQ(1, notifier.signals);
-    }
-    SignalCatcher::enqueue_signal(SIGUSR1);
-    EXPECT_EQ(1, notifier.signals);
-    EXPECT_EQ(0, popAll(queue));
-}
 
 TEST_F(SignalCatcherTest, replacedHandlerIsAnAssertionAfterTheOldActionIsRestored) {
     ActionGuard const guard(SIGUSR1, SIG_IGN);
@@ -435,20 +382,6 @@ TEST_F(SignalCatcherTest, replacedHandlerIsAnAssertionAfterTheOldActionIsRestore
     raiseAndWait(SIGUSR1);
 }
 
-TEST_F(SignalCatcherTest, failureToRestoreTheActionIsNoAssertion) {
-    ActionGuard const guard(SIGUSR1);
-    auto catcher = makeQueued(SIGUSR1);
-    {
-        Fault const fault(inject_sigaction, EINVAL);
-        catcher.reset();
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    // The handler is still installed, but finds no queue.
-    EXPECT_EQ(&SignalCatcher::enqueue_signal, getAction(SIGUSR1).sa_handler);
-    raise(SIGUSR1);
-    EXPECT_EQ(0, notifier.signals);
-}
-
 // ---- broken preconditions ----
 
 struct BadNumber {
@@ -464,18 +397,11 @@ TEST_P(SignalCatcherNumberTest, outOfRangeIsAnAssertionAndCatchesNothing) {
     Fault const calls(inject_sigaction, 0);
     makeQueued(GetParam().signal).reset();
     make(GetParam().signal).reset();
-    std::string const line =
-        std::string("ASSERT framework/src/vesk/SignalCatcherImpl-posix SignalCatcherImpl: ") +
-        GetParam().in_constructor;
-    expectEvents(line + "\n" + line);
-    EXPECT_EQ(0, calls.getCalls());
-}
-
-TEST_P(SignalCatcherNumberTest, outOfRangeIsAnAssertionInTheHandler) {
     SignalCatcher::enqueue_signal(GetParam().signal);
-    expectEvents(
-        std::string("ASSERT framework/src/vesk/SignalCatcherImpl-posix enqueue_signal: ") +
-        GetParam().in_handler);
+    std::string const place = "ASSERT framework/src/vesk/SignalCatcherImpl-posix ";
+    std::string const line = place + "SignalCatcherImpl: " + GetParam().in_constructor + "\n";
+    expectEvents(line + line + place + "enqueue_signal: " + GetParam().in_handler);
+    EXPECT_EQ(0, calls.getCalls());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -487,48 +413,6 @@ INSTANTIATE_TEST_SUITE_P(
         BadNumber{"Highest", INT_MAX, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"}),
     nameOf);
 
-TEST_F(SignalCatcherTest, secondCatcherOfASignalIsAnAssertionAndTheFirstContinues) {
-    auto const catcher = make(SIGUSR1);
-    {
-        CallLog other;
-        SignalCatcher const second(SIGUSR1, CallLog::record, &other);
-        expectEvents(
-            "ASSERT framework/src/vesk/SignalQueuePosixBase sign_on: signals[signal].callback==NULL");
-        raiseAndWait(SIGUSR1);
-        EXPECT_EQ(0u, other.getCount());
-    }
-    raiseAndWait(SIGUSR1);
-    EXPECT_EQ(&SignalCatcher::enqueue_signal, getAction(SIGUSR1).sa_handler);
-}
-
-/// Two catchers of one signal on different queues. The parameter is whether the first one ends first.
-class SignalCatcherSecondQueueTest : public SignalCatcherTest, public testing::WithParamInterface<bool> {};
-
-TEST_P(SignalCatcherSecondQueueTest, isAnAssertionAndEachDestructorRestoresOnlyItsOwnPart) {
-    ActionGuard const guard(SIGUSR1, SIG_IGN);
-    SignalQueue other_queue(notifier);
-    auto first = makeQueued(SIGUSR1);
-    auto second = std::make_unique<SignalCatcher>(SIGUSR1, other_queue, CallLog::record, &log);
-    expectEvents(OLD_HANDLER);
-    raise(SIGUSR1);
-    EXPECT_EQ(0, popAll(queue));
-    EXPECT_EQ(1, popAll(other_queue));
-    bool const first_ends_first = GetParam();
-    (first_ends_first ? first : second).reset();
-    EXPECT_EQ(&SignalCatcher::enqueue_signal, getAction(SIGUSR1).sa_handler);
-    raise(SIGUSR1);
-    EXPECT_EQ(first_ends_first ? 0 : 1, popAll(queue));
-    EXPECT_EQ(first_ends_first ? 1 : 0, popAll(other_queue));
-    (first_ends_first ? second : first).reset();
-    EXPECT_EQ(SIG_IGN, getAction(SIGUSR1).sa_handler);
-    EXPECT_FALSE(queue.sign_on(SIGUSR1, CallLog::record, &log));
-    EXPECT_FALSE(other_queue.sign_on(SIGUSR1, CallLog::record, &log));
-}
-
-INSTANTIATE_TEST_SUITE_P(All, SignalCatcherSecondQueueTest, testing::Bool(), [](auto const& row) {
-    return row.param ? "TheFirstEndsFirst" : "TheSecondEndsFirst";
-});
-
 TEST(SignalCatcherFatalTest, brokenSelfPipeEndsTheProcessAtTheNextSignal) {
     EXPECT_TRUE(abortsWith("write to self-pipe failed with errno=9 (Bad file descriptor)\n", [] {
         CallLog log;
@@ -536,6 +420,139 @@ TEST(SignalCatcherFatalTest, brokenSelfPipeEndsTheProcessAtTheNextSignal) {
         close(s_pipe[1]);
         raise(SIGUSR1);
     }));
+}
+
+// ---- sequences of operations ----
+
+/// A sequence of steps with catchers A, B1, and so on. The first letter of a catcher is that of its log.
+struct Scenario {
+    char const* name;
+    std::vector<std::string> steps;
+};
+
+class SignalCatcherScenario : public SignalCatcherTest, public testing::WithParamInterface<Scenario> {
+protected:
+    using Words = std::vector<std::string>;
+
+    static int getSignal(std::string const& word) { return word == "USR1" ? SIGUSR1 : SIGUSR2; }
+    CallLog& logOf(std::string const& name) { return m_logs[name[0]]; }
+
+    void run(Words const& words) {
+        std::string const& name = words[words.size() == 1 ? 0 : 1];
+        int const signal = getSignal(words.back());
+        int const number = atoi(words.back().c_str());
+        CallLog& calls = logOf(name);
+        std::map<std::string, std::function<void()>> const verbs{
+            {"make", [&] { m_catchers[name].emplace(signal, CallLog::record, &calls); }},
+            {"makeQueued", [&] { m_catchers[name].emplace(signal, queue, CallLog::record, &calls); }},
+            {"makeOther", [&] { m_catchers[name].emplace(signal, m_other_queue, CallLog::record, &calls); }},
+            {"end", [&] { m_catchers[name].reset(); }},
+            {"raise", [&] { raise(signal); }},
+            {"kill", [&] { kill(getpid(), signal); }},
+            {"enqueue", [&] { SignalCatcher::enqueue_signal(signal); }},
+            {"block", [&] { SignalSet(signal).block(); }},
+            {"unblock", [&] { SignalSet(signal).unblock(); }},
+            {"ignored", [&] { m_guard.emplace(signal, SIG_IGN); }},
+            {"restored", [&] { m_guard.emplace(signal); }},
+            {"refused", [&] { m_fault.emplace(inject_sigaction, EPERM); }},
+            {"refusals", [&] { EXPECT_EQ(number, m_fault->getCalls()); }},
+            {"wait", [&] { EXPECT_TRUE(calls.waitFor(static_cast<size_t>(number))); }},
+            {"threads", [&] { EXPECT_EQ(g_threads_at_start + number, countThreads()); }},
+            {"notified", [&] { EXPECT_EQ(number, notifier.signals); }},
+            {"pop", [&] { EXPECT_EQ(number, popAll(queue)); }},
+            {"popOther", [&] { EXPECT_EQ(number, popAll(m_other_queue)); }},
+            {"isFree", [&] { EXPECT_FALSE(queue.sign_on(signal, CallLog::record, &calls)); }},
+            {"isFreeInOther", [&] { EXPECT_FALSE(m_other_queue.sign_on(signal, CallLog::record, &calls)); }},
+            {"isCaught", [&] { EXPECT_EQ(&SignalCatcher::enqueue_signal, getAction(signal).sa_handler); }},
+            {"isDefault", [&] { EXPECT_EQ(SIG_DFL, getAction(signal).sa_handler); }},
+            {"isIgnored", [&] { EXPECT_EQ(SIG_IGN, getAction(signal).sa_handler); }},
+            {"calls",
+             [&] {
+                 Signals expected;
+                 for (size_t i = 2; i < words.size(); ++i) {
+                     expected.push_back(getSignal(words[i]));
+                 }
+                 EXPECT_EQ(expected, calls.getSignals());
+             }},
+            {"calledOnOneOtherThread", [&] {
+                 for (CallLog::Call const& call : calls.getCalls()) {
+                     EXPECT_NE(getThreadId(), call.thread);
+                     EXPECT_EQ(calls.getCalls()[0].thread, call.thread);
+                 }
+             }}};
+        verbs.at(words[0])();
+    }
+
+    std::map<char, CallLog> m_logs;
+    SignalQueue m_other_queue{notifier};
+    std::optional<ActionGuard> m_guard;
+    std::optional<Fault> m_fault;
+    std::map<std::string, std::optional<SignalCatcher>> m_catchers;
+};
+
+TEST_P(SignalCatcherScenario, hasTheExpectedEffects) {
+    for (std::string const& step : GetParam().steps) {
+        SCOPED_TRACE(step);
+        std::istringstream words(step);
+        if (step.find("ASSERT") == 0) {
+            expectEvents(step);
+        } else {
+            run({std::istream_iterator<std::string>(words), {}});
+        }
+    }
+    m_catchers.clear();
+    popAll(m_other_queue);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, SignalCatcherScenario,
+    testing::ValuesIn(std::vector<Scenario>{
+        {"callsBackOnAnotherThreadForASignalToTheProcessOrToAThread",
+         {"make A USR1", "kill USR1", "wait A 1", "raise USR1", "wait A 2", "calls A USR1 USR1",
+          "calledOnOneOtherThread A"}},
+        // The signal with the higher number comes after pending signals of the lower one.
+        {"callsBackOnceForStandardSignalsThatTheKernelMerged",
+         {"block USR1", "make A1 USR1", "make A2 USR2", "kill USR1", "kill USR1", "kill USR1", "unblock USR1",
+          "raise USR2", "wait A 2", "calls A USR1 USR2"}},
+        {"passesItsOwnDataToEachCallback",
+         {"make A USR1", "make B USR2", "raise USR2", "wait B 1", "raise USR1", "wait A 1", "calls A USR1",
+          "calls B USR2"}},
+        {"refusedByTheSystemItLeavesTheActionAloneButClearsItsRow",
+         {"refused", "makeQueued A USR1", "isDefault USR1", "enqueue USR1", "notified 1", "end A",
+          "enqueue USR1", "notified 1", "pop 0"}},
+        {"failureToRestoreTheActionIsNoAssertionAndTheHandlerThatStaysFindsNoQueue",
+         {"restored USR1", "makeQueued A USR1", "refused", "end A", "refusals 1", "isCaught USR1",
+          "raise USR1", "notified 0"}},
+        {"secondCatcherOfASignalIsAnAssertionAndTheFirstContinues",
+         {"make A USR1", "make B USR1",
+          "ASSERT framework/src/vesk/SignalQueuePosixBase sign_on: signals[signal].callback==NULL",
+          "raise USR1", "wait A 1", "calls B", "end B", "raise USR1", "wait A 2", "isCaught USR1"}},
+        {"catcherWithASecondQueueIsAnAssertionAndStaysIfTheFirstEnds",
+         {"ignored USR1", "makeQueued A1 USR1", "makeOther A2 USR1", OLD_HANDLER, "raise USR1", "pop 0",
+          "popOther 1", "end A1", "isCaught USR1", "raise USR1", "pop 0", "popOther 1", "end A2",
+          "isIgnored USR1", "isFree USR1", "isFreeInOther USR1"}},
+        {"catcherWithASecondQueueIsAnAssertionAndGivesTheSignalBackAtItsEnd",
+         {"ignored USR1", "makeQueued A1 USR1", "makeOther A2 USR1", OLD_HANDLER, "raise USR1", "pop 0",
+          "popOther 1", "end A2", "isCaught USR1", "raise USR1", "pop 1", "popOther 0", "end A1",
+          "isIgnored USR1", "isFree USR1", "isFreeInOther USR1"}},
+        {"destructorDropsPendingSignals",
+         {"makeQueued A USR1", "raise USR1", "raise USR1", "end A", "makeQueued A USR1", "pop 0",
+          "raise USR1", "pop 1"}},
+        {"twoWithoutAQueueUseOneThreadAndTheDestructionOfOneLeavesTheOtherWorking",
+         {"make A1 USR1", "make A2 USR2", "threads 1", "raise USR1", "wait A 1", "raise USR2", "wait A 2",
+          "end A1", "threads 1", "isDefault USR1", "raise USR2", "wait A 3", "calls A USR1 USR2 USR2",
+          "calledOnOneOtherThread A"}},
+        {"bothFormsWorkSideBySide",
+         {"make A USR1", "makeQueued B USR2", "raise USR1", "raise USR2", "wait A 1", "pop 1", "calls A USR1",
+          "calls B USR2"}}}),
+    nameOf);
+
+TEST_F(SignalCatcherTest, aHandlerThatFindsNoQueueDropsItsSignal) {
+    makeQueued(SIGUSR1).reset();
+    for (int signal = 0; signal < vesk::TARN_NSIGNALS; ++signal) {
+        SignalCatcher::enqueue_signal(signal);
+    }
+    EXPECT_EQ(0, notifier.signals);
 }
 
 // ---- the order of making and destroying ----
@@ -573,14 +590,6 @@ TEST_F(SignalCatcherTest, aSignalDuringTheRemovalOfTheHandlerIsDropped) {
     EXPECT_EQ(0, popAll(queue));
 }
 
-TEST_F(SignalCatcherTest, aHandlerThatFindsNoQueueDropsItsSignal) {
-    makeQueued(SIGUSR1).reset();
-    for (int signal = 0; signal < vesk::TARN_NSIGNALS; ++signal) {
-        SignalCatcher::enqueue_signal(signal);
-    }
-    EXPECT_EQ(0, notifier.signals);
-}
-
 TEST_F(SignalCatcherTest, destructorWaitsForAHandlerThatUsesTheQueueInAnotherThread) {
     std::atomic<bool> entered{false};
     std::atomic<bool> released{false};
@@ -610,35 +619,7 @@ TEST_F(SignalCatcherTest, destructorWaitsForAHandlerThatUsesTheQueueInAnotherThr
     EXPECT_EQ(0, popAll(queue));
 }
 
-TEST_F(SignalCatcherTest, destructorDropsPendingSignals) {
-    {
-        auto const catcher = makeQueued(SIGUSR1);
-        raise(SIGUSR1);
-        raise(SIGUSR1);
-    }
-    auto const next = makeQueued(SIGUSR1);
-    EXPECT_EQ(0, popAll(queue));
-    raise(SIGUSR1);
-    EXPECT_EQ(1, popAll(queue));
-}
-
 // ---- both forms and their threads ----
-
-TEST_F(SignalCatcherTest, twoWithoutAQueueUseOneThreadAndTheDestructionOfOneLeavesTheOtherWorking) {
-    auto first = make(SIGUSR1);
-    auto const second = make(SIGUSR2);
-    EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
-    raiseAndWait(SIGUSR1);
-    raiseAndWait(SIGUSR2);
-    first.reset();
-    EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
-    EXPECT_EQ(SIG_DFL, getAction(SIGUSR1).sa_handler);
-    raiseAndWait(SIGUSR2);
-    std::vector<CallLog::Call> const calls = log.getCalls();
-    EXPECT_EQ(calls[0].thread, calls[1].thread);
-    EXPECT_EQ(calls[0].thread, calls[2].thread);
-    EXPECT_EQ((Signals{SIGUSR1, SIGUSR2, SIGUSR2}), log.getSignals());
-}
 
 TEST_F(SignalCatcherTest, afterTheLastOneANewOneMakesANewThreadAndANewPipe) {
     int const pipes = s_pipes;
@@ -678,18 +659,6 @@ TEST_F(SignalCatcherTest, withAQueueItStartsNoThreadAndCallsBackInTheThreadOfIts
     EXPECT_EQ(1u, log.getCount());
     EXPECT_EQ(getThreadId(), log.getCalls()[0].thread);
     EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
-}
-
-TEST_F(SignalCatcherTest, bothFormsWorkSideBySide) {
-    CallLog mine;
-    auto const shared = make(SIGUSR1);
-    SignalCatcher const own(SIGUSR2, queue, CallLog::record, &mine);
-    raise(SIGUSR1);
-    raise(SIGUSR2);
-    EXPECT_TRUE(log.waitFor(1));
-    EXPECT_EQ(1, popAll(queue));
-    EXPECT_EQ((Signals{SIGUSR1}), log.getSignals());
-    EXPECT_EQ((Signals{SIGUSR2}), mine.getSignals());
 }
 
 TEST_F(SignalCatcherTest, mayBeMadeAndDestroyedByACallback) {

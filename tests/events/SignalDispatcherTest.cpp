@@ -3,17 +3,11 @@
 #include "support/Privileges.h"
 
 #include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
 #include <vesk/Vesk.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <pthread.h>
-#include <sys/resource.h>
 #include <type_traits>
-#include <unistd.h>
 
 VESK_INJECT_RESULT(
     pthread_create,

@@ -1,5 +1,6 @@
 #include "SignalSupport.h"
 #include "support/Descriptors.h"
+#include "support/RunInThreads.h"
 
 #include <vesk/SignalCatcher.h>
 
@@ -63,32 +64,19 @@ constexpr int CYCLES = 10'000;
 
 void ignore(int, void*) {}
 
-/// Makes and destroys catchers in several threads at once, one signal a thread. With a lock each is the first
-/// and the last of the process.
+/// Makes and destroys catchers in several threads, one signal a thread. All of them exist at once, so that the
+/// system keeps as many stacks each time. With a lock each catcher is the first and the last of the process.
 void cycle(int cycles, std::mutex* lock) {
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    threads.reserve(THREADS);
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([&, i] {
-            // All of them exist at once, so that the system keeps as many stacks each time.
-            ++ready;
-            while (ready < THREADS) {
-                sched_yield();
+    runInThreads(THREADS, [&](int i) {
+        for (int n = 0; n < cycles / THREADS; ++n) {
+            std::unique_lock<std::mutex> const guard =
+                lock != nullptr ? std::unique_lock<std::mutex>(*lock) : std::unique_lock<std::mutex>();
+            SignalCatcher const catcher(SIGRTMIN + 1 + i, ignore, nullptr);
+            if (n % 16 == 0) {
+                raise(SIGRTMIN + 1 + i);
             }
-            for (int n = 0; n < cycles / THREADS; ++n) {
-                std::unique_lock<std::mutex> const guard =
-                    lock != nullptr ? std::unique_lock<std::mutex>(*lock) : std::unique_lock<std::mutex>();
-                SignalCatcher const catcher(SIGRTMIN + 1 + i, ignore, nullptr);
-                if (n % 16 == 0) {
-                    raise(SIGRTMIN + 1 + i);
-                }
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+        }
+    });
 }
 
 void expectNoMoreAfter(std::mutex* lock) {

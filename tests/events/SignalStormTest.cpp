@@ -1,11 +1,11 @@
 #include "SignalSupport.h"
+#include "support/RunInThreads.h"
 
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
 
 #include <array>
 #include <cstdint>
-#include <unistd.h>
 
 namespace {
 
@@ -94,24 +94,17 @@ protected:
             shares[i % CHURNERS].push_back(churned[i]);
         }
         std::atomic<int> sending{SENDERS};
-        std::vector<std::thread> threads;
-        for (unsigned int i = 0; i < SENDERS; ++i) {
-            threads.emplace_back([&, i] {
-                send(i, to_thread, to_process);
+        runInThreads(SENDERS + CHURNERS, [&](int i) {
+            if (i < SENDERS) {
+                send(static_cast<unsigned int>(i), to_thread, to_process);
                 --sending;
-            });
-        }
-        for (std::vector<int> const& share : shares) {
-            threads.emplace_back([&] {
-                do {
-                    churn(share);
-                    ++rounds;
-                } while (sending > 0);
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+                return;
+            }
+            do {
+                churn(shares[static_cast<size_t>(i - SENDERS)]);
+                ++rounds;
+            } while (sending > 0);
+        });
     }
 
     /// Checks that each callback got only its own signal, and no more than were sent.

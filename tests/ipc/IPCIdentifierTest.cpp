@@ -5,8 +5,6 @@
 
 #include <cstring>
 #include <ostream>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -1,13 +1,15 @@
 #include "IpcSupport.h"
-#include "support/EventRecorder.h"
 #include "support/Privileges.h"
 #include "support/Processes.h"
 #include "support/VtableSlot.h"
 
 #include <tarncommon/error/ErrorOutput.h>
 
-#include <csignal>
+#include <algorithm>
+#include <iterator>
+#include <map>
 #include <memory>
+#include <sstream>
 #include <tuple>
 #include <type_traits>
 
@@ -366,56 +368,231 @@ TEST_P(IpcObject, nameOf254CharactersIsPassedToTheSystem) {
     EXPECT_EQ(isServer() ? getNewState() : getOldState(), name.getState());
 }
 
-// ---- opening ----
+// ---- sequences of operations ----
 
-TEST_P(IpcObject, newObjectIsClosed) {
-    EXPECT_FALSE(m_object->isValid());
-    EXPECT_TRUE(!isServer() || !m_object->asCreatable()->isUnlinkOnClose());
+/// A sequence of steps with one object and the names a and b. An operation is expected to succeed without a
+/// report, or to fail if an exclamation mark precedes it. "calls" are those of the operation before.
+struct Scenario {
+    char const* name;
+    std::vector<std::string> steps;
+};
+
+std::string nameOf(Scenario const& row) {
+    return row.name;
 }
 
-TEST_P(IpcObject, interruptedOpeningIsRepeated) {
-    provide(m_name);
-    Fault const fault(m_kind.open, EINTR, 1, 3);
-    EXPECT_FALSE(open(m_name));
-    EXPECT_EQ(4, fault.getCalls());
-    EXPECT_TRUE(m_object->isValid());
-    EXPECT_TRUE(chainIs({}));
-}
+class IpcScenario : public IpcRows<Scenario> {
+protected:
+    using Words = std::vector<std::string>;
 
-TEST_P(IpcObject, openObjectIsClosedBeforeAnotherIsOpened) {
-    IpcName const second(m_kind);
-    provide(second);
-    openIt();
-    EXPECT_EQ(0, m_object->getCloses());
-    Fault const closes(m_kind.close, 0);
-    EXPECT_FALSE(open(second));
-    EXPECT_EQ(1, m_object->getCloses());
-    EXPECT_EQ(1, closes.getCalls());
-    EXPECT_TRUE(m_name.exists());
-    EXPECT_TRUE(second.exists());
-    EXPECT_TRUE(open("a/b"));
-    EXPECT_TRUE(chainIs({{CommonErrorId::INVALID_ARGUMENT}}));
-    EXPECT_EQ(2, m_object->getCloses());
-    EXPECT_FALSE(m_object->isValid());
-}
-
-TEST_P(IpcObject, openingEndsIfTheOpenObjectCannotBeClosed) {
-    IpcName const second(m_kind);
-    openIt();
-    Fault const opens(m_kind.open, 0);
-    EXPECT_TRUE(failOnce(m_kind.close, EIO, [&] { return open(second); }));
-    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EIO));
-    EXPECT_EQ(0, opens.getCalls());
-    EXPECT_EQ(staysOpen(), m_object->isValid());
-    if (isServer() && staysOpen()) {
-        EXPECT_FALSE(m_object->deleteName());
-        EXPECT_FALSE(m_name.exists()) << "the open object has kept its name";
+    char const* getName(std::string const& word) const {
+        return word == "a" ? m_name : word == "b" ? m_second : word.c_str();
     }
-    closeForIt();
-    EXPECT_FALSE(m_object->close());
-    provide(second);
-    EXPECT_FALSE(open(second)) << "another attempt continues";
+    /// Whether a condition holds for the tested class.
+    bool holds(std::string const& word) const {
+        return word == "yes" || (word == "stays" && staysOpen()) ||
+            (word == "semaphore" && &m_kind == &SEMAPHORE) || (word == "queue" && &m_kind == &QUEUE);
+    }
+    static int getError(std::string const& word) {
+        for (int const error : {EIO, EACCES, EEXIST, EINTR, ENOMEM}) {
+            if (word == strerrorname_np(error)) {
+                return error;
+            }
+        }
+        return 0;
+    }
+    /// The reports of a kind of failure.
+    Reports getReports(Words const& words) const {
+        Reports reports;
+        if (words[1] == "separator") {
+            reports = {reportOf(CommonErrorId::INVALID_ARGUMENT, "path separator found in IPC name")};
+        } else if (words[1] != "removal" && words[1] != "close") {
+            ErrorRow const& row = words[1] == "existing" ? EXISTING
+                : words[1] == "missing"                  ? MISSING
+                                                         : DENIED;
+            reports = reportsOf(row, getShown(m_name));
+        }
+        for (size_t i = 1; i + 1 < words.size(); i += 2) {
+            int const error = getError(words[i + 1]);
+            ErrorRow const close{error, SysErrorId::SPOILED_INTEGRITY};
+            for (ExpectedReport const& report :
+                 words[i] == "close" ? reportsOf(close) : removalReports(error)) {
+                reports.push_back(report);
+            }
+        }
+        return reports;
+    }
+    /// Makes the object that the next operation of a client opens.
+    void prepare(std::string const& operation, IpcName const& name) {
+        if (operation == "open" && !isServer() && !name.exists()) {
+            makeOld(name);
+        }
+        if (operation == "open") {
+            m_descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC); // The number that it gets.
+            close(m_descriptor);
+        }
+    }
+    bool run(std::string const& operation, std::string const& name) {
+        if (operation == "destroy") {
+            m_object.reset();
+            return false;
+        }
+        return operation == "open" || operation == "attach" ? open(getName(name))
+            : operation == "create"                         ? open(getName(name), Creatable::OPEN_OR_CREATE)
+            : operation == "replace"                        ? open(getName(name), Creatable::REPLACE)
+            : operation == "close"                          ? m_object->close()
+            : operation == "delete"                         ? m_object->deleteName()
+                                                            : m_class.deleteName(getName(name));
+    }
+    void operate(std::string operation, std::string const& name) {
+        bool const fails = operation[0] == '!';
+        operation.erase(0, fails ? 1 : 0);
+        prepare(operation, name == "b" ? m_second : m_name);
+        {
+            auto const fault = [this](Injected& function, char const* of) {
+                return std::make_unique<Fault>(function, m_faults[of].first, 1, m_faults[of].second);
+            };
+            auto const opens = fault(m_kind.open, "open");
+            auto const closes = fault(m_kind.close, "close");
+            auto const removals = fault(m_kind.unlink, "unlink");
+            EXPECT_EQ(fails, run(operation, name));
+            m_calls = {
+                {"open", opens->getCalls()}, {"close", closes->getCalls()}, {"unlink", removals->getCalls()}};
+        }
+        m_faults.clear();
+        if (!fails) {}
+        if (m_object == nullptr) {
+            m_object = m_class.make();
+        }
+    }
+    void check(Words const& words) {
+        IpcName const& name = words[1] == "b" ? m_second : m_name;
+        if (words[0] == "fail") {
+            m_faults[words[1]] = {getError(words[2]), words.size() > 3 ? std::stoi(words[3]) : 1};
+        } else if (words[0] == "calls") {
+            EXPECT_EQ(std::stoi(words[2]), m_calls[words[1]]);
+        } else if (words[0] == "closes") {
+            EXPECT_EQ(std::stoi(words[1]), m_object->getCloses());
+        } else if (words[0] == "valid") {
+            EXPECT_EQ(holds(words[1]), m_object->isValid());
+        } else if (words[0] == "exists") {
+            EXPECT_EQ(holds(words[2]), name.exists());
+        } else if (words[0] == "state") {
+            EXPECT_EQ(words[2] == "old" ? getOldState() : getNewState(), name.getState());
+        } else if (words[0] == "reports") {
+            EXPECT_TRUE(chainIs(getReports(words)));
+        } else if (words[0] == "unlinksOnClose") {
+            EXPECT_TRUE(!isServer() || holds(words[1]) == m_object->asCreatable()->isUnlinkOnClose());
+        } else if (words[0] == "old") {
+            makeOld(name);
+        } else {
+            operate(words[0], words[1]);
+        }
+    }
+
+    IpcName m_second{m_kind};
+    std::map<std::string, std::pair<int, int>> m_faults; ///< Errors and how often, of the next operation.
+    std::map<std::string, int> m_calls;
+};
+
+TEST_P(IpcScenario, hasTheExpectedEffects) {
+    for (std::string const& step : row().steps) {
+        SCOPED_TRACE(step);
+        std::istringstream stream(step);
+        Words words{std::istream_iterator<std::string>(stream), {}};
+        words.resize(std::max<size_t>(words.size(), 2));
+        if (words[0] == "unlinkOnClose") {
+            setUnlinkOnClose();
+        } else if (words[0] == "closeForIt") {
+            closeForIt();
+        } else {
+            check(words);
+        }
+    }
 }
+
+Scenario const OF_ALL[] = {
+    {"newObjectIsClosedAndItsDestructorMakesNoCall",
+     {"valid no", "unlinksOnClose no", "destroy", "calls close 0"}},
+    {"interruptedOpeningIsRepeated", {"fail open EINTR 3", "open a", "calls open 4", "valid yes"}},
+    {"openObjectIsClosedBeforeAnotherIsOpened",
+     {"open a", "closes 0", "open b", "calls close 1", "closes 1", "exists a yes", "exists b yes",
+      "!open a/b", "reports separator", "closes 2", "valid no"}},
+    {"openingEndsIfTheOpenObjectCannotBeClosed",
+     {"open a", "fail close EIO", "!open b", "calls close 1", "calls open 0", "reports close EIO",
+      "valid stays", "closeForIt", "close", "open b"}},
+    {"closesOnlyOnce",
+     {"open a", "close", "calls close 1", "valid no", "close", "calls close 0", "exists a yes"}},
+};
+
+Scenario const OF_CLIENTS[] = {
+    {"missingObjectIsABadPathAndIsNotCreated", {"!attach a", "reports missing", "valid no", "exists a no"}},
+};
+
+Scenario const OF_QUEUES_AND_MEMORY[] = {
+    {"interruptedCloseIsRepeated", {"open a", "fail close EINTR 3", "close", "calls close 4", "valid no"}},
+};
+
+Scenario const OF_SERVERS[] = {
+    {"openingThatCannotCloseTheOpenObjectKeepsItsNameExceptForSemaphores",
+     {"open a", "fail close EIO", "!open b", "reports close EIO", "delete", "exists a semaphore",
+      "valid stays", "closeForIt", "close", "valid no"}},
+    {"existingNameIsRefusedAndKeptByTheStrategyForNewObjects",
+     {"old a", "unlinkOnClose", "!open a", "calls unlink 0", "reports existing", "valid no", "close",
+      "calls unlink 0", "delete", "calls unlink 0", "state a old"}},
+    {"existingObjectIsOpenedAsItIs", {"old a", "create a", "state a old"}},
+    {"replacementIsRepeatedIfTheNameAppearsAndDisappearsMeanwhile",
+     {"fail open EEXIST 3", "replace a", "calls open 4", "calls unlink 3"}},
+    {"replacementRemovesNothingAfterAnotherFailure",
+     {"old a", "fail open EACCES", "!replace a", "reports denied", "calls unlink 0"}},
+    {"closedObjectKeepsItsNameExceptForSemaphores",
+     {"replace a", "close", "state a new", "delete", "exists a semaphore", "replace a", "close",
+      "state a new", "unlinkOnClose", "close", "exists a semaphore"}},
+    {"closeRemovesTheNameOnRequest",
+     {"unlinkOnClose", "unlinksOnClose yes", "open a", "close", "valid no", "exists a no", "close",
+      "calls unlink 0"}},
+    {"closeOfAnObjectThatWasNeverOpenMakesNoCall",
+     {"unlinkOnClose", "close", "calls unlink 0", "calls close 0", "delete", "calls unlink 0",
+      "calls close 0"}},
+    {"closeThatCannotRemoveTheNameFailsAndClosesTheObject",
+     {"unlinkOnClose", "replace a", "fail unlink EIO", "!close", "calls unlink 1", "reports removal EIO",
+      "valid no", "exists a yes", "close", "exists a semaphore", "replace a", "fail unlink EACCES", "!close",
+      "calls unlink 1", "reports removal EACCES", "valid no", "exists a yes", "close", "exists a semaphore"}},
+    {"bothFailuresOfACloseAreReportedInOneChain",
+     {"unlinkOnClose", "open a", "fail unlink EIO", "fail close ENOMEM", "!close",
+      "reports removal EIO close ENOMEM", "valid stays", "closeForIt", "close"}},
+    {"anotherCreationRemovesTheOldNameOnRequest",
+     {"unlinkOnClose", "open a", "open b", "exists a no", "exists b yes"}},
+    {"anotherCreationEndsIfTheOldNameCannotBeRemovedAndClosesTheOldObject",
+     {"unlinkOnClose", "open a", "fail unlink EIO", "!open b", "calls unlink 1", "reports removal EIO",
+      "valid no", "exists a yes", "exists b no"}},
+    {"destructorRemovesTheNameOnRequestExceptForQueues",
+     {"replace a", "destroy", "exists a yes", "replace a", "unlinkOnClose", "destroy", "exists a queue"}},
+    {"destructorOfAClosedObjectRemovesNoName",
+     {"open a", "close", "unlinkOnClose", "destroy", "exists a yes"}},
+    {"deletesItsNameOnceAndKeepsTheObject",
+     {"open a", "delete", "exists a no", "valid yes", "delete", "calls unlink 0", "close", "calls close 1"}},
+    {"deletedNameIsNotDeletedAgainIfAnotherObjectHasIt",
+     {"unlinkOnClose", "open a", "delete", "old a", "delete", "close", "state a old"}},
+    {"deletingAMissingNameSucceeds", {"deleteByName a", "open a", "deleteByName a", "exists a no", "delete"}},
+};
+
+Class const* const CLIENTS[] = {&MSG_QUEUE_CLIENT, &SEMAPHORE_CLIENT, &SHARED_MEMORY_CLIENT};
+Class const* const QUEUES_AND_MEMORY[] = {
+    &MSG_QUEUE_SERVER, &SHARED_MEMORY_SERVER, &MSG_QUEUE_CLIENT, &SHARED_MEMORY_CLIENT};
+
+template <typename Classes, typename Rows>
+auto scenariosOf(Classes const& classes, Rows const& rows) {
+    return testing::Combine(testing::ValuesIn(classes), testing::ValuesIn(rows));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, IpcScenario, scenariosOf(ALL, OF_ALL), CaseName());
+INSTANTIATE_TEST_SUITE_P(Clients, IpcScenario, scenariosOf(CLIENTS, OF_CLIENTS), CaseName());
+INSTANTIATE_TEST_SUITE_P(
+    Interruptions, IpcScenario, scenariosOf(QUEUES_AND_MEMORY, OF_QUEUES_AND_MEMORY), CaseName());
+INSTANTIATE_TEST_SUITE_P(Servers, IpcScenario, scenariosOf(SERVERS, OF_SERVERS), CaseName());
+
+// ---- opening ----
 
 using IpcOpenRows = IpcRows<ErrorRow>;
 
@@ -487,7 +664,6 @@ TEST_P(IpcStrategies, createAMissingObjectWithTheFlagsOfTheStrategy) {
     EXPECT_TRUE(m_object->isValid());
     EXPECT_EQ(getNewState(), m_name.getState());
     EXPECT_EQ(0, removals.getCalls());
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -527,56 +703,7 @@ TEST_P(IpcServer, nameIsCheckedBeforeTheStrategy) {
     EXPECT_TRUE(chainIs({reportOf(CommonErrorId::INVALID_ARGUMENT, "path separator found in IPC name")}));
 }
 
-TEST_P(IpcServer, existingNameIsRefusedAndKeptByTheStrategyForNewObjects) {
-    makeOld(m_name);
-    Fault const removals(m_kind.unlink, 0);
-    setUnlinkOnClose();
-    EXPECT_TRUE(open(m_name));
-    EXPECT_TRUE(isReported(EXISTING));
-    EXPECT_FALSE(m_object->isValid());
-    EXPECT_FALSE(m_object->close());
-    EXPECT_FALSE(m_object->deleteName());
-    EXPECT_EQ(0, removals.getCalls()) << "the name belongs to another object";
-    EXPECT_EQ(getOldState(), m_name.getState());
-}
-
-TEST_P(IpcServer, existingObjectIsOpenedAsItIs) {
-    makeOld(m_name);
-    EXPECT_FALSE(open(m_name, Creatable::OPEN_OR_CREATE));
-    EXPECT_EQ(getOldState(), m_name.getState());
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_P(IpcServer, replacementIsRepeatedIfTheNameAppearsAndDisappearsMeanwhile) {
-    Fault const opens(m_kind.open, EEXIST, 1, 3);
-    Fault const removals(m_kind.unlink, 0);
-    EXPECT_FALSE(open(m_name, Creatable::REPLACE));
-    EXPECT_EQ(4, opens.getCalls());
-    EXPECT_EQ(3, removals.getCalls()) << "a missing name is no failure";
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_P(IpcServer, replacementRemovesNothingAfterAnotherFailure) {
-    makeOld(m_name);
-    Fault const fault(m_kind.open, EACCES);
-    Fault const removals(m_kind.unlink, 0);
-    EXPECT_TRUE(open(m_name, Creatable::REPLACE));
-    EXPECT_TRUE(isReported(DENIED));
-    EXPECT_EQ(0, removals.getCalls());
-}
-
 // ---- close ----
-
-TEST_P(IpcObject, closesOnlyOnce) {
-    openIt();
-    Fault const closes(m_kind.close, 0);
-    EXPECT_FALSE(m_object->close());
-    EXPECT_FALSE(m_object->isValid());
-    EXPECT_FALSE(m_object->close());
-    EXPECT_EQ(1, closes.getCalls());
-    EXPECT_TRUE(m_name.exists());
-    EXPECT_TRUE(chainIs({}));
-}
 
 using IpcCloseRows = IpcRows<CloseRow>;
 
@@ -614,103 +741,6 @@ INSTANTIATE_TEST_SUITE_P(
             CloseRow{EIO, true}, CloseRow{ENOSPC, true}, CloseRow{EDQUOT, true}, CloseRow{EBADF, false})),
     CaseName());
 
-class IpcInterruptedClose : public IpcObject {};
-
-TEST_P(IpcInterruptedClose, isRepeated) {
-    openIt();
-    Fault const fault(m_kind.close, EINTR, 1, 3);
-    EXPECT_FALSE(m_object->close());
-    EXPECT_EQ(4, fault.getCalls());
-    EXPECT_FALSE(m_object->isValid());
-    EXPECT_TRUE(chainIs({}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, IpcInterruptedClose,
-    testing::Values(&MSG_QUEUE_SERVER, &SHARED_MEMORY_SERVER, &MSG_QUEUE_CLIENT, &SHARED_MEMORY_CLIENT),
-    ClassName());
-
-TEST_P(IpcServer, closedObjectKeepsItsNameExceptForSemaphores) {
-    for (bool const by_close : {false, true}) {
-        ASSERT_FALSE(open(m_name, Creatable::REPLACE));
-        EXPECT_FALSE(m_object->close());
-        EXPECT_EQ(getNewState(), m_name.getState());
-        m_object->asCreatable()->setUnlinkOnClose(by_close);
-        EXPECT_FALSE(by_close ? m_object->close() : m_object->deleteName());
-        EXPECT_EQ(&m_kind == &SEMAPHORE, m_name.exists());
-    }
-}
-
-TEST_P(IpcServer, closeRemovesTheNameOnRequest) {
-    setUnlinkOnClose();
-    EXPECT_TRUE(m_object->asCreatable()->isUnlinkOnClose());
-    openIt();
-    EXPECT_FALSE(m_object->close());
-    EXPECT_FALSE(m_object->isValid());
-    EXPECT_FALSE(m_name.exists());
-    Fault const removals(m_kind.unlink, 0);
-    EXPECT_FALSE(m_object->close());
-    EXPECT_EQ(0, removals.getCalls());
-}
-
-TEST_P(IpcServer, closeOfAnObjectThatWasNeverOpenMakesNoCall) {
-    setUnlinkOnClose();
-    Fault const removals(m_kind.unlink, 0);
-    Fault const closes(m_kind.close, 0);
-    EXPECT_FALSE(m_object->close());
-    EXPECT_FALSE(m_object->deleteName());
-    EXPECT_EQ(0, removals.getCalls() + closes.getCalls());
-}
-
-TEST_P(IpcServer, anotherCreationRemovesTheOldNameOnRequest) {
-    IpcName const second(m_kind);
-    setUnlinkOnClose();
-    openIt();
-    EXPECT_FALSE(open(second));
-    EXPECT_FALSE(m_name.exists());
-    EXPECT_TRUE(second.exists());
-}
-
-TEST_P(IpcServer, anotherCreationEndsIfTheOldNameCannotBeRemovedAndClosesTheOldObject) {
-    IpcName const second(m_kind);
-    setUnlinkOnClose();
-    openIt();
-    EXPECT_TRUE(failOnce(m_kind.unlink, EIO, [&] { return open(second); }));
-    EXPECT_TRUE(chainIs(removalReports(EIO)));
-    EXPECT_FALSE(m_object->isValid());
-    EXPECT_TRUE(m_name.exists());
-    EXPECT_FALSE(second.exists());
-}
-
-TEST_P(IpcServer, closeThatCannotRemoveTheNameFailsAndClosesTheObject) {
-    for (int const error : {EIO, EACCES}) {
-        setUnlinkOnClose();
-        ASSERT_FALSE(open(m_name, Creatable::REPLACE));
-        EXPECT_TRUE(failOnce(m_kind.unlink, error, [&] { return m_object->close(); }));
-        EXPECT_TRUE(chainIs(removalReports(error)));
-        EXPECT_FALSE(m_object->isValid());
-        EXPECT_TRUE(m_name.exists());
-        EXPECT_FALSE(m_object->close()) << "another attempt removes the name that is still known";
-        EXPECT_EQ(&m_kind == &SEMAPHORE, m_name.exists());
-    }
-}
-
-TEST_P(IpcServer, bothFailuresOfACloseAreReportedInOneChain) {
-    setUnlinkOnClose();
-    openIt();
-    {
-        Fault const removal(m_kind.unlink, EIO);
-        Fault const closing(m_kind.close, ENOMEM);
-        EXPECT_TRUE(m_object->close());
-    }
-    Reports expected = removalReports(EIO);
-    expected.push_back(reportsOf({ENOMEM, SysErrorId::SPOILED_INTEGRITY})[0]);
-    EXPECT_TRUE(chainIs(expected));
-    EXPECT_EQ(staysOpen(), m_object->isValid());
-    closeForIt();
-    EXPECT_FALSE(m_object->close());
-}
-
 TEST_P(IpcServer, failedCloseStillRemovesTheNameOnRequest) {
     setUnlinkOnClose();
     openIt();
@@ -726,34 +756,6 @@ TEST_P(IpcServer, failedCloseStillRemovesTheNameOnRequest) {
 }
 
 // ---- destructors ----
-
-TEST_P(IpcServer, destructorRemovesTheNameOnRequestExceptForQueues) {
-    EventRecorder const recorder;
-    for (bool const unlinks : {false, true}) {
-        ASSERT_FALSE(open(m_name, Creatable::REPLACE));
-        m_object->asCreatable()->setUnlinkOnClose(unlinks);
-        m_object.reset();
-        EXPECT_EQ(!unlinks || &m_kind == &QUEUE, m_name.exists());
-        m_object = m_class.make();
-    }
-    EXPECT_EQ("", recorder.getText());
-}
-
-TEST_P(IpcServer, destructorOfAClosedObjectRemovesNoName) {
-    openIt();
-    EXPECT_FALSE(m_object->close());
-    setUnlinkOnClose();
-    m_object.reset();
-    EXPECT_TRUE(m_name.exists());
-}
-
-TEST_P(IpcObject, destructorOfAClosedObjectMakesNoCall) {
-    EventRecorder const recorder;
-    Fault const closes(m_kind.close, 0);
-    m_object.reset();
-    EXPECT_EQ(0, closes.getCalls());
-    EXPECT_EQ("", recorder.getText());
-}
 
 /// What the destructors of some classes warn of when a call fails.
 struct DestructorRow {
@@ -786,7 +788,6 @@ TEST_P(IpcDestructorRows, failureIsAWarningAndAcknowledged) {
         expected += "WARNING framework/src/vesk/posix/" + name + " ~" + name + ": " + GetParam().text;
     }
     EXPECT_EQ(expected, recorder.getText());
-    EXPECT_TRUE(chainIs({}));
     EXPECT_TRUE(m_name.exists());
     if (!GetParam().unlinks) {
         closeForIt();
@@ -812,38 +813,6 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 // ---- removal of names ----
-
-TEST_P(IpcServer, deletesItsNameOnceAndKeepsTheObject) {
-    openIt();
-    EXPECT_FALSE(m_object->deleteName());
-    EXPECT_FALSE(m_name.exists());
-    EXPECT_TRUE(m_object->isValid());
-    Fault const removals(m_kind.unlink, 0);
-    EXPECT_FALSE(m_object->deleteName());
-    EXPECT_EQ(0, removals.getCalls());
-    Fault const closes(m_kind.close, 0);
-    EXPECT_FALSE(m_object->close());
-    EXPECT_EQ(1, closes.getCalls());
-}
-
-TEST_P(IpcServer, deletedNameIsNotDeletedAgainIfAnotherObjectHasIt) {
-    setUnlinkOnClose();
-    openIt();
-    EXPECT_FALSE(m_object->deleteName());
-    makeOld(m_name);
-    EXPECT_FALSE(m_object->deleteName());
-    EXPECT_FALSE(m_object->close());
-    EXPECT_EQ(getOldState(), m_name.getState());
-}
-
-TEST_P(IpcServer, deletingAMissingNameSucceeds) {
-    EXPECT_FALSE(m_class.deleteName(m_name));
-    openIt();
-    EXPECT_FALSE(m_class.deleteName(m_name));
-    EXPECT_FALSE(m_name.exists());
-    EXPECT_FALSE(m_object->deleteName());
-    EXPECT_TRUE(chainIs({}));
-}
 
 using IpcRemovalRows = IpcRows<int>;
 
@@ -929,21 +898,6 @@ TEST_P(IpcObject, existingObjectOfAnotherUserCannotBeOpened) {
         EXPECT_TRUE(isReported({EACCES, m_class.for_missing_right, FileAccessErrorId::ACCESS_DENIED}));
         EXPECT_FALSE(m_object->isValid());
     });
-}
-
-// ---- clients ----
-
-class IpcClient : public IpcObject {};
-
-INSTANTIATE_TEST_SUITE_P(
-    All, IpcClient, testing::Values(&MSG_QUEUE_CLIENT, &SEMAPHORE_CLIENT, &SHARED_MEMORY_CLIENT),
-    ClassName());
-
-TEST_P(IpcClient, missingObjectIsABadPathAndIsNotCreated) {
-    EXPECT_TRUE(open(m_name));
-    EXPECT_TRUE(isReported(MISSING));
-    EXPECT_FALSE(m_object->isValid());
-    EXPECT_FALSE(m_name.exists());
 }
 
 // ---- the classes ----

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/Chain.h"
+#include "support/CleanEnd.h"
 #include "support/ErrorRow.h"
 #include "support/FailOnce.h"
 #include "support/calls/QueueCalls.h"

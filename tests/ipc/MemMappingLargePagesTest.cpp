@@ -5,10 +5,7 @@
 #include <vesk/MemMapping.h>
 #include <vesk/Vesk.h>
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
-#include <string>
 #include <unistd.h>
 
 /// A system with the pages of other kernels for the target's processors. Each of them is a whole number of

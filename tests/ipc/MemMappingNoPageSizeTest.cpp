@@ -5,10 +5,7 @@
 #include <vesk/MemMapping.h>
 #include <vesk/Vesk.h>
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
-#include <string>
 #include <unistd.h>
 
 /// A system that does not know its page size.

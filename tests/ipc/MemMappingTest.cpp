@@ -1,3 +1,4 @@
+#include "support/CleanEnd.h"
 #include "support/ErrorRow.h"
 #include "support/FailOnce.h"
 #include "support/Processes.h"
@@ -10,11 +11,7 @@
 #include <vesk/Vesk.h>
 
 #include <deque>
-#include <fcntl.h>
-#include <string>
-#include <tuple>
 #include <type_traits>
-#include <unistd.h>
 
 namespace {
 
@@ -78,15 +75,15 @@ protected:
 
 // ---- the plain form ----
 
-TEST_F(MemMappingTest, showsAndChangesTheBytesOfTheObject) {
+TEST_F(MemMappingTest, showsAndChangesTheBytesOfTheObjectAndIsInaccessibleWithoutAnyFlag) {
     MemMapping& mapping = map(READ_WRITE, 2 * m_page);
-    ASSERT_TRUE(mapping.isValid());
     EXPECT_EQ('a', bytesOf(mapping)[0]);
     EXPECT_EQ('b', bytesOf(mapping)[2 * m_page - 1]);
     EXPECT_EQ("rw-s", accessAt(mapping.getAddress()));
     bytesOf(mapping)[1] = 'X';
     EXPECT_FALSE(mapping.destroy());
     EXPECT_EQ("aXa", contentOf(m_path).substr(0, 3));
+    EXPECT_EQ("---s", accessAt(map(MemAccessFlags(), m_page).getAddress())) << "without any flag";
 }
 
 TEST_F(MemMappingTest, returnsItsArguments) {
@@ -113,16 +110,11 @@ TEST_F(MemMappingTest, isSeenByAnotherMappingAndByAnotherProcess) {
     EXPECT_EQ('2', bytesOf(second)[7]);
 }
 
-TEST_F(MemMappingTest, outlivesItsDescriptor) {
+TEST_F(MemMappingTest, outlivesItsDescriptorAndACopyRefersToTheSameMapping) {
     int const fd = dup(m_fd);
     MemMapping mapping(fd, MemMapping::READ, m_page);
     close(fd);
     EXPECT_EQ('a', bytesOf(mapping)[0]);
-    EXPECT_FALSE(mapping.destroy());
-}
-
-TEST_F(MemMappingTest, copyRefersToTheSameMapping) {
-    MemMapping& mapping = map(MemMapping::READ, m_page);
     MemMapping const copy = mapping;
     EXPECT_EQ(mapping.getAddress(), copy.getAddress());
     EXPECT_EQ(m_page, mappedBytes(m_path));
@@ -162,12 +154,6 @@ INSTANTIATE_TEST_SUITE_P(
         FlagRow{3, PROT_READ | PROT_WRITE}, FlagRow{4, PROT_EXEC},
         FlagRow{7, PROT_READ | PROT_WRITE | PROT_EXEC}, FlagRow{0xFFFFFFF8, PROT_NONE},
         FlagRow{0xFFFFFFF9, PROT_READ}));
-
-TEST_F(MemMappingTest, withoutAnyFlagTheRangeIsReservedAndInaccessible) {
-    MemMapping& mapping = map(MemAccessFlags(), m_page);
-    ASSERT_TRUE(mapping.isValid());
-    EXPECT_EQ("---s", accessAt(mapping.getAddress()));
-}
 
 TEST_F(MemMappingTest, refusalOfTheSystemIsReported) {
     int const reader = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -268,7 +254,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- the ring buffer ----
 
-TEST_F(MemMappingTest, ringShowsTheSamePagesTwice) {
+TEST_F(MemMappingTest, ringShowsTheSamePagesTwiceFromItsOffsetOn) {
     MemMapping& ring = makeRing(2 * m_page);
     unsigned int const length = 2 * m_page;
     char* const bytes = bytesOf(ring);
@@ -288,13 +274,10 @@ TEST_F(MemMappingTest, ringShowsTheSamePagesTwice) {
     std::string const content = contentOf(m_path);
     EXPECT_EQ("oss", content.substr(0, 3));
     EXPECT_EQ("acr", content.substr(length - 3, 3));
-}
-
-TEST_F(MemMappingTest, ringBeginsAtItsOffset) {
-    MemMapping const& ring = makeRing(m_page, 3 * m_page);
-    EXPECT_EQ('d', bytesOf(ring)[0]);
-    EXPECT_EQ('d', bytesOf(ring)[m_page]);
-    EXPECT_EQ(3 * m_page, ring.getOffset());
+    MemMapping const& other = makeRing(m_page, 3 * m_page);
+    EXPECT_EQ('d', bytesOf(other)[0]);
+    EXPECT_EQ('d', bytesOf(other)[m_page]);
+    EXPECT_EQ(3 * m_page, other.getOffset());
 }
 
 TEST_F(MemMappingTest, ringReservesItsRangeAndMapsTheSecondHalfFirst) {
@@ -313,35 +296,27 @@ TEST_F(MemMappingTest, ringReservesItsRangeAndMapsTheSecondHalfFirst) {
     }
 }
 
-TEST_F(MemMappingTest, ringWithAPartOfAPageIsRefusedWithoutACall) {
-    std::string const text = rowText(
+TEST_F(MemMappingTest, impossibleRingIsRefusedWithoutMappingARange) {
+    std::string const part_of_a_page = rowText(
         CommonErrorId::CONTRACT_BROKEN,
         "requested ringbuffer but size is not a multiple of system page size");
+    auto const refuse = [this](unsigned int length, std::vector<ExpectedReport> const& reports) {
+        MemMapping mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
+        EXPECT_TRUE(chainIs(reports)) << length;
+        EXPECT_EQ(ALL_ONES, mapping.getAddress()) << length;
+        EXPECT_FALSE(mapping.destroy());
+        return mapping.getSize();
+    };
     Fault const calls(inject_mmap, 0);
     for (unsigned int const length : {1U, m_page - 1, m_page + 1, 2 * m_page + m_page / 2, UINT32_MAX}) {
-        MemMapping mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
-        EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN, text}})) << length;
-        EXPECT_EQ(ALL_ONES, mapping.getAddress()) << length;
-        EXPECT_EQ(length, mapping.getSize());
-        EXPECT_FALSE(mapping.destroy());
+        EXPECT_EQ(length, refuse(length, {{CommonErrorId::CONTRACT_BROKEN, part_of_a_page}}));
+    }
+    // A size beyond 32 bits.
+    for (unsigned int const length : {0x80000000U, 0x80000000U + m_page, 0U - m_page}) {
+        refuse(length, reportsOf({ENOMEM, SysErrorId::NOT_IMPLEMENTED}));
     }
     EXPECT_EQ(0, calls.getCalls());
-}
-
-TEST_F(MemMappingTest, ringOfLength0IsRefused) {
-    MemMapping const mapping(m_fd, READ_WRITE, 0, 0, nullptr, true);
-    EXPECT_TRUE(causeIs(SysErrorId::NOT_IMPLEMENTED, EINVAL));
-    EXPECT_EQ(ALL_ONES, mapping.getAddress());
-}
-
-TEST_F(MemMappingTest, ringWithASizeBeyond32BitsIsRefusedWithoutACall) {
-    Fault const calls(inject_mmap, 0);
-    for (unsigned int const length : {0x80000000U, 0x80000000U + m_page, 0U - m_page}) {
-        MemMapping const mapping(m_fd, READ_WRITE, length, 0, nullptr, true);
-        EXPECT_TRUE(causeIs(SysErrorId::NOT_IMPLEMENTED, ENOMEM));
-        EXPECT_EQ(ALL_ONES, mapping.getAddress());
-    }
-    EXPECT_EQ(0, calls.getCalls()) << "a range that is not reserved is not mapped";
+    refuse(0, reportsOf({EINVAL, SysErrorId::NOT_IMPLEMENTED}));
 }
 
 TEST_F(MemMappingTest, largestRingIsMappedAndUnmappedWhole) {
@@ -377,7 +352,7 @@ TEST_F(MemMappingTest, ringOverlapsNoOtherMapping) {
     }
 }
 
-TEST_F(MemMappingTest, usedAddressIsNotMappedOver) {
+TEST_F(MemMappingTest, usedAddressIsNotMappedOverAndAFreeOneIsUsed) {
     MemMapping& there = map(READ_WRITE, m_page);
     bytesOf(there)[0] = '!';
     MemMapping const& ring = makeRing(m_page, 4 * m_page, there.getAddress());
@@ -387,13 +362,9 @@ TEST_F(MemMappingTest, usedAddressIsNotMappedOver) {
     EXPECT_EQ('!', bytesOf(there)[0]);
     EXPECT_EQ('e', bytesOf(ring)[0]);
     EXPECT_EQ('f', bytesOf(plain)[0]);
-}
-
-TEST_F(MemMappingTest, freeAddressIsUsed) {
     void* const free_range = mmap(nullptr, size_t{4} * m_page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_EQ(0, munmap(free_range, size_t{4} * m_page));
-    MemMapping const& ring = makeRing(2 * m_page, 0, free_range);
-    EXPECT_EQ(free_range, ring.getAddress());
+    EXPECT_EQ(free_range, makeRing(2 * m_page, 0, free_range).getAddress());
 }
 
 // ---- destroy ----

@@ -1,15 +1,13 @@
 #include "IpcSupport.h"
-#include "support/EventRecorder.h"
 #include "support/Privileges.h"
 #include "support/Processes.h"
+#include "support/RunInThreads.h"
 
 #include <tarncommon/stream/IBinStreamBase.h>
 
-#include <atomic>
 #include <fstream>
 #include <limits>
 #include <memory>
-#include <sys/resource.h>
 #include <thread>
 
 VESK_INJECT_ERRNO(long, -1, sysconf, (int name), (name))
@@ -161,7 +159,7 @@ TEST_P(MsgQueueTransfer, missingBufferIsRefusedByTheSystem) {
 
 // ---- messages ----
 
-TEST_F(MsgQueueTest, messageArrivesWhole) {
+TEST_F(MsgQueueTest, messageArrivesWholeAlsoAnEmptyOne) {
     char text[] = "tea";
     Message const sent{text, 3, 7};
     EXPECT_FALSE(m_queue.writeMsg(&sent));
@@ -170,11 +168,8 @@ TEST_F(MsgQueueTest, messageArrivesWhole) {
     EXPECT_EQ("tea", getText());
     EXPECT_EQ(7U, m_message.priority);
     EXPECT_EQ(0U, m_queue.availMsgs());
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(MsgQueueTest, emptyMessageIsAMessage) {
     EXPECT_FALSE(m_queue.writeMsg(&m_empty));
+    m_message.size = MSG_SIZE;
     EXPECT_FALSE(m_queue.readMsg(&m_message));
     EXPECT_EQ(0U, m_message.size);
 }
@@ -192,35 +187,27 @@ TEST_F(MsgQueueTest, timeoutOf0LeavesAFullQueueAndTheBufferAsTheyAre) {
     EXPECT_TRUE(put(m_queue, "1") && put(m_queue, "2") && put(m_queue, "3"));
     EXPECT_FALSE(put(m_queue, "4"));
     EXPECT_EQ(MAX_MSGS, m_queue.availMsgs());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(MsgQueueTest, threadsShareOneObject) {
     constexpr int THREADS = 3;
     constexpr int ROUNDS = 200;
     std::atomic<int> sum{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([this] {
-            for (int round = 1; round <= ROUNDS; ++round) {
-                Message const message{reinterpret_cast<char*>(&round), sizeof round, 0};
+    runInThreads(2 * THREADS, [this, &sum](int thread) {
+        for (int round = 1; round <= ROUNDS; ++round) {
+            int value = round;
+            char buffer[MSG_SIZE];
+            if (thread % 2 == 0) {
+                Message const message{reinterpret_cast<char*>(&value), sizeof value, 0};
                 EXPECT_FALSE(m_queue.writeMsg(&message));
-            }
-        });
-        threads.emplace_back([this, &sum] {
-            for (int round = 0; round < ROUNDS; ++round) {
-                char buffer[MSG_SIZE];
+            } else {
                 Message message{buffer, sizeof buffer, 0};
                 EXPECT_FALSE(m_queue.readMsg(&message));
-                int value = 0;
                 memcpy(&value, buffer, sizeof value);
                 sum += value;
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+        }
+    });
     EXPECT_EQ(THREADS * ROUNDS * (ROUNDS + 1) / 2, sum);
 }
 
@@ -253,23 +240,19 @@ TEST_F(MsgQueueTest, serverAndClientAreDifferentProcesses) {
 
 // ---- creation ----
 
-TEST_F(MsgQueueTest, queueIsCreatedWithItsLimitsForReadingAndWriting) {
+TEST_F(MsgQueueTest, serverAndClientOpenTheQueueForReadingAndWriting) {
     EXPECT_EQ(static_cast<long>(MAX_MSGS), s_queue_attributes.mq_maxmsg);
     EXPECT_EQ(static_cast<long>(MSG_SIZE), s_queue_attributes.mq_msgsize);
     EXPECT_EQ(0, s_queue_attributes.mq_flags);
     EXPECT_EQ(0, s_queue_attributes.mq_curmsgs);
-    EXPECT_TRUE(put(m_queue, "tea"));
-    EXPECT_EQ("tea", get(m_queue));
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(MsgQueueTest, clientAttachesForReadingAndWriting) {
     MsgQueueClient client;
     EXPECT_FALSE(client.attach(m_name));
     EXPECT_EQ(m_name.getSystemName(), s_queue_open.name);
     EXPECT_EQ(O_RDWR, s_queue_open.flags);
-    EXPECT_TRUE(put(client, "tea"));
-    EXPECT_EQ("tea", get(client));
+    for (MsgQueueBase* const queue : std::initializer_list<MsgQueueBase*>{&m_queue, &client}) {
+        EXPECT_TRUE(put(*queue, "tea"));
+        EXPECT_EQ("tea", get(*queue));
+    }
 }
 
 TEST_F(MsgQueueTest, replacedQueueStaysUsableByItsUsers) {
@@ -354,12 +337,8 @@ TEST_F(MsgQueueTest, highestPriorityIsOneBelowTheLimit) {
     EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EINVAL));
     EXPECT_EQ(1, m_queue.writeMsgTimeout(&m_message, 0));
     EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EINVAL));
-}
-
-TEST_F(MsgQueueTest, missingPriorityLimitOfTheSystemIsPassedOn) {
     Fault const fault(inject_sysconf, EINVAL);
-    EXPECT_EQ(-1, MsgQueueBase::getMaxPrio());
-    EXPECT_TRUE(chainIs({}));
+    EXPECT_EQ(-1, MsgQueueBase::getMaxPrio()) << "a missing limit of the system is passed on";
 }
 
 TEST_F(MsgQueueTest, attributesAreThoseOfTheQueue) {
@@ -387,37 +366,25 @@ TEST_F(MsgQueueTest, limitsOfTheSystemAreThoseInProc) {
     ASSERT_TRUE(size != 0 && count != 0);
     EXPECT_EQ(size, MsgQueueBase::systemMaxMsgSize());
     EXPECT_EQ(count, MsgQueueBase::systemMaxMsgCount());
-    EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(MsgQueueTest, limitThatCannotBeOpenedIs0AndNotReported) {
-    Fault const fault(inject_open, EACCES, 1, 2);
-    EXPECT_EQ(0U, MsgQueueBase::systemMaxMsgSize());
-    EXPECT_EQ(0U, MsgQueueBase::systemMaxMsgCount());
-    EXPECT_EQ(2, fault.getCalls());
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(MsgQueueTest, limitThatCannotBeReadIs0AndReported) {
-    Fault const fault(inject_read, EIO, 1, Fault::FOREVER);
-    std::vector<ExpectedReport> expected = reportsOf({EIO, SysErrorId::INPUT_OUTPUT});
-    expected.emplace_back(
+TEST_F(MsgQueueTest, limitThatCannotBeOpenedOrReadIs0AndOnlyTheReadIsReported) {
+    std::vector<ExpectedReport> unreadable = reportsOf({EIO, SysErrorId::INPUT_OUTPUT});
+    unreadable.emplace_back(
         std::IBinStreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED);
-    EXPECT_EQ(0U, MsgQueueBase::systemMaxMsgSize());
-    EXPECT_TRUE(chainIs(expected));
-    EXPECT_EQ(0U, MsgQueueBase::systemMaxMsgCount());
-    EXPECT_TRUE(chainIs(expected));
+    for (auto const getLimit : {MsgQueueBase::systemMaxMsgSize, MsgQueueBase::systemMaxMsgCount}) {
+        EXPECT_EQ(0U, failOnce(inject_open, EACCES, getLimit));
+        EXPECT_TRUE(chainIs({}));
+        Fault const fault(inject_read, EIO, 1, Fault::FOREVER);
+        EXPECT_EQ(0U, getLimit());
+        EXPECT_TRUE(chainIs(unreadable));
+    }
 }
 
 TEST_F(MsgQueueTest, limitIsReturnedIfTheFileCannotBeClosed) {
-    EventRecorder const recorder;
-    {
-        Fault const fault(inject_close, EIO);
-        EXPECT_EQ(numberIn("/proc/sys/fs/mqueue/msgsize_max"), MsgQueueBase::systemMaxMsgSize());
-        EXPECT_EQ(2, fault.getCalls()) << "the destructor of the file tries again";
-    }
-    EXPECT_TRUE(chainIs({}));
-    EXPECT_EQ("", recorder.getText());
+    Fault const fault(inject_close, EIO);
+    EXPECT_EQ(numberIn("/proc/sys/fs/mqueue/msgsize_max"), MsgQueueBase::systemMaxMsgSize());
+    EXPECT_EQ(2, fault.getCalls()) << "the destructor of the file tries again";
 }
 
 } // namespace

@@ -1,5 +1,4 @@
 #include "IpcSupport.h"
-#include "support/EventRecorder.h"
 #include "support/NewFault.h"
 #include "support/Privileges.h"
 #include "support/Processes.h"
@@ -12,8 +11,7 @@
 #include <vesk/Vesk.h>
 
 #include <algorithm>
-#include <csignal>
-#include <new>
+#include <optional>
 #include <sys/socket.h>
 
 namespace {
@@ -67,7 +65,7 @@ protected:
 
 // ---- mappings ----
 
-TEST_F(SharedMemoryBaseTest, registersItsMappings) {
+TEST_F(SharedMemoryBaseTest, registersItsMappingsAndUnmapsThemWhenTheyAreRemovedOrItIsClosed) {
     MemMapping const first = add(m_shm);
     MemMapping const second = m_shm.addMapping(MemMapping::READ, 2 * m_page, m_page);
     MemMapping const ring = m_shm.addMapping(READ_WRITE, m_page, 0, nullptr, true);
@@ -78,6 +76,17 @@ TEST_F(SharedMemoryBaseTest, registersItsMappings) {
     EXPECT_EQ("r--s", accessAt(second.getAddress()));
     EXPECT_EQ(2 * m_page, ring.getSize());
     EXPECT_EQ(size_t{5} * m_page, mappedBytes(m_path));
+    EXPECT_FALSE(m_shm.removeMapping(first));
+    EXPECT_NE("rw-s", accessAt(first.getAddress()));
+    EXPECT_EQ("r--s", accessAt(second.getAddress()));
+    EXPECT_EQ(2U, m_shm.getMappingCount());
+    EXPECT_TRUE(m_shm.has(second) && m_shm.has(ring));
+    int const fd = m_shm.getDescriptor();
+    EXPECT_FALSE(m_shm.close());
+    EXPECT_EQ(0U, mappedBytes(m_path));
+    EXPECT_EQ(0U, m_shm.getMappingCount());
+    EXPECT_EQ(-1, m_shm.getDescriptor());
+    EXPECT_FALSE(isOpen(fd));
 }
 
 TEST_F(SharedMemoryBaseTest, failedMappingIsNotRegistered) {
@@ -85,6 +94,11 @@ TEST_F(SharedMemoryBaseTest, failedMappingIsNotRegistered) {
     EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
     EXPECT_FALSE(m_shm.addMapping(READ_WRITE, m_page + 1, 0, nullptr, true).isValid());
     EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
+    {
+        NewFault const fault(New::SINGLE);
+        EXPECT_THROW(m_shm.addMapping(READ_WRITE, m_page), std::bad_alloc);
+    }
+    EXPECT_EQ(0U, mappedBytes(m_path)) << "a mapping without memory for its entry is unmapped again";
     EXPECT_EQ(0U, m_shm.getMappingCount());
 }
 
@@ -115,15 +129,6 @@ TEST_F(SharedMemoryBaseTest, closedObjectMapsNothing) {
     EXPECT_EQ(0, munmap(calls.get()[1].result, calls.get()[1].length));
 }
 
-TEST_F(SharedMemoryBaseTest, mappingWithoutMemoryForItsEntryIsUnmappedAgain) {
-    {
-        NewFault const fault(New::SINGLE);
-        EXPECT_THROW(m_shm.addMapping(READ_WRITE, m_page), std::bad_alloc);
-    }
-    EXPECT_EQ(0U, m_shm.getMappingCount());
-    EXPECT_EQ(0U, mappedBytes(m_path));
-}
-
 TEST_F(SharedMemoryBaseTest, newMappingAtAnAddressThatWasUnmappedElsewhereReplacesTheEntry) {
     MemMapping copy = m_shm.addMapping(READ_WRITE, 3 * m_page);
     void* const address = copy.getAddress();
@@ -135,16 +140,6 @@ TEST_F(SharedMemoryBaseTest, newMappingAtAnAddressThatWasUnmappedElsewhereReplac
     EXPECT_FALSE(m_shm.removeMapping(second));
     ASSERT_EQ(1U, calls.get().size());
     EXPECT_EQ(m_page, calls.get()[0].length) << "the pages behind it may belong to another mapping";
-}
-
-TEST_F(SharedMemoryBaseTest, removedMappingIsUnmapped) {
-    MemMapping const first = add(m_shm);
-    MemMapping const second = add(m_shm, m_page);
-    EXPECT_FALSE(m_shm.removeMapping(first));
-    EXPECT_NE("rw-s", accessAt(first.getAddress()));
-    EXPECT_EQ("rw-s", accessAt(second.getAddress()));
-    EXPECT_EQ(1U, m_shm.getMappingCount());
-    EXPECT_TRUE(m_shm.has(second));
 }
 
 TEST_F(SharedMemoryBaseTest, mappingThatIsNotRegisteredIsNotRemoved) {
@@ -176,18 +171,6 @@ TEST_F(SharedMemoryBaseTest, mappingThatCannotBeUnmappedIsNotRegisteredAnyMore) 
 
 // ---- close ----
 
-TEST_F(SharedMemoryBaseTest, closeUnmapsEveryMapping) {
-    add(m_shm);
-    add(m_shm, m_page);
-    m_shm.addMapping(READ_WRITE, 2 * m_page, 0, nullptr, true);
-    int const fd = m_shm.getDescriptor();
-    EXPECT_FALSE(m_shm.close());
-    EXPECT_EQ(0U, mappedBytes(m_path));
-    EXPECT_EQ(0U, m_shm.getMappingCount());
-    EXPECT_EQ(-1, m_shm.getDescriptor());
-    EXPECT_FALSE(isOpen(fd));
-}
-
 TEST_F(SharedMemoryBaseTest, closeContinuesAfterAMappingThatFails) {
     add(m_shm);
     add(m_shm, m_page);
@@ -209,25 +192,23 @@ TEST_F(SharedMemoryBaseTest, closeContinuesAfterAMappingThatFails) {
 
 class SharedMemoryBaseClose : public SharedMemoryBaseTest, public testing::WithParamInterface<int> {};
 
-TEST_P(SharedMemoryBaseClose, failureLeavesTheObjectOpenWithoutMappings) {
-    add(m_shm);
+TEST_P(SharedMemoryBaseClose, failureLeavesTheObjectOpenWithoutMappingsAndIsReportedOnTopOfThatOfAMapping) {
     int const fd = m_shm.getDescriptor();
-    EXPECT_TRUE(failOnce(inject_close, GetParam(), [&] { return m_shm.close(); }));
-    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, GetParam()));
-    EXPECT_EQ(fd, m_shm.getDescriptor());
-    EXPECT_EQ(0U, m_shm.getMappingCount());
-    EXPECT_EQ(0U, mappedBytes(m_path));
+    for (int const unmapping_error : {0, ENOMEM}) {
+        MemMapping mapping = add(m_shm);
+        Fault const unmapping(inject_munmap, unmapping_error);
+        EXPECT_TRUE(failOnce(inject_close, GetParam(), [&] { return m_shm.close(); }));
+        std::vector<ExpectedReport> expected = reportsOf({GetParam(), SysErrorId::SPOILED_INTEGRITY});
+        if (unmapping_error != 0) {
+            expected.insert(expected.begin(), reportsOf({ENOMEM, SysErrorId::SPOILED_INTEGRITY})[0]);
+            EXPECT_FALSE(mapping.destroy());
+        }
+        EXPECT_TRUE(chainIs(expected));
+        EXPECT_EQ(fd, m_shm.getDescriptor());
+        EXPECT_EQ(0U, m_shm.getMappingCount());
+        EXPECT_EQ(0U, mappedBytes(m_path));
+    }
     EXPECT_FALSE(m_shm.close());
-}
-
-TEST_P(SharedMemoryBaseClose, failureIsReportedOnTopOfThatOfAMapping) {
-    MemMapping mapping = add(m_shm);
-    Fault const unmapping(inject_munmap, ENOMEM);
-    EXPECT_TRUE(failOnce(inject_close, GetParam(), [&] { return m_shm.close(); }));
-    EXPECT_TRUE(chainIs(
-        {reportsOf({ENOMEM, SysErrorId::SPOILED_INTEGRITY})[0],
-         reportsOf({GetParam(), SysErrorId::SPOILED_INTEGRITY})[0]}));
-    EXPECT_FALSE(mapping.destroy());
 }
 
 INSTANTIATE_TEST_SUITE_P(errors, SharedMemoryBaseClose, testing::Values(EIO, ENOSPC, EDQUOT), RowName());
@@ -241,7 +222,6 @@ TEST_F(SharedMemoryBaseTest, destructorUnmapsAndClosesAndWarnsOfAFailure) {
     }
     EXPECT_FALSE(isOpen(fd));
     EXPECT_EQ(0U, mappedBytes(m_path));
-    EXPECT_EQ("", events.getText());
     { Memory const shm(fd); }
     EXPECT_EQ(
         "WARNING framework/src/vesk/posix/SharedMemoryBase ~SharedMemoryBase: Error closing SharedMemory",
@@ -251,14 +231,19 @@ TEST_F(SharedMemoryBaseTest, destructorUnmapsAndClosesAndWarnsOfAFailure) {
 
 // ---- getSize ----
 
-TEST_F(SharedMemoryBaseTest, sizeIsThatOfTheFile) {
+TEST_F(SharedMemoryBaseTest, sizeIsThatOfTheFileOr0IfA32BitSystemCannotReturnIt) {
     EXPECT_EQ(4 * m_page, m_shm.getSize());
-    ASSERT_EQ(0, ftruncate(m_shm.getDescriptor(), 12345));
-    EXPECT_EQ(12345U, m_shm.getSize());
+    for (off_t const size : {off_t{12345}, off_t{0x7FFFFFFF}}) {
+        ASSERT_EQ(0, ftruncate(m_shm.getDescriptor(), size));
+        EXPECT_EQ(size, m_shm.getSize());
+    }
+#if defined(__LP64__)
+    for (off_t const size : {0x80000000L, 0x100001000L}) {
+        ASSERT_EQ(0, ftruncate(m_shm.getDescriptor(), size));
+        EXPECT_EQ(0U, m_shm.getSize());
+    }
+#endif
     EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(SharedMemoryBaseTest, sizeOfAClosedObjectIsAnError) {
     EXPECT_FALSE(m_shm.close());
     Fault const calls(inject_fstat, 0);
     EXPECT_EQ(0U, m_shm.getSize());
@@ -299,18 +284,6 @@ TEST_F(SharedMemoryBaseTest, onlyFilesAndSymbolicLinksHaveASize) {
     }
 }
 
-#if defined(__LP64__)
-TEST_F(SharedMemoryBaseTest, sizeThatA32BitSystemCannotReturnIsZero) {
-    ASSERT_EQ(0, ftruncate(m_shm.getDescriptor(), 0x7FFFFFFF));
-    EXPECT_EQ(0x7FFFFFFFU, m_shm.getSize());
-    for (off_t const size : {0x80000000L, 0x100001000L}) {
-        ASSERT_EQ(0, ftruncate(m_shm.getDescriptor(), size));
-        EXPECT_EQ(0U, m_shm.getSize());
-    }
-    EXPECT_TRUE(chainIs({}));
-}
-#endif
-
 // ---- the server ----
 
 class SharedMemoryServerTest : public testing::Test {
@@ -349,48 +322,55 @@ TEST_F(SharedMemoryServerTest, newMemoryIsFullOfZeros) {
     EXPECT_EQ('X', static_cast<char*>(client.addMapping(MemMapping::READ, 5000).getAddress())[4999]);
 }
 
-class SharedMemoryServerStrategy : public SharedMemoryServerTest, public testing::WithParamInterface<int> {};
+struct StrategyRow {
+    char const* name;
+    int strategy;
+    std::optional<std::string> old; ///< The text and the size of memory that exists.
+    unsigned int old_size;
+    unsigned int size;
+    char const* state_after;
+};
 
-TEST_P(SharedMemoryServerStrategy, sizeOfZeroCreatesEmptyMemory) {
-    create(0, static_cast<Strategy>(GetParam()));
-    EXPECT_EQ(0U, m_shm.getSize());
-    EXPECT_EQ(0, getSystemSize());
-    EXPECT_TRUE(chainIs({}));
+class SharedMemoryServerStrategy : public SharedMemoryServerTest,
+                                   public testing::WithParamInterface<StrategyRow> {};
+
+TEST_P(SharedMemoryServerStrategy, decidesAboutSizeAndContent) {
+    StrategyRow const& row = GetParam();
+    if (row.old) {
+        makeOther(*row.old, row.old_size);
+    }
+    create(row.size, static_cast<Strategy>(row.strategy));
+    EXPECT_EQ(row.state_after, m_name.getState());
+    unsigned int const size = m_shm.getSize();
+    EXPECT_EQ(getSystemSize(), size);
+    if (size > 0 && row.old != "old") {
+        auto const* const bytes = static_cast<char*>(m_shm.addMapping(MemMapping::READ, size).getAddress());
+        EXPECT_EQ(std::string(size, '\0'), std::string(bytes, size));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     rows, SharedMemoryServerStrategy,
     testing::Values(
-        Creatable::CREATE_NEW, Creatable::OPEN_OR_CREATE, Creatable::REPLACE, Creatable::TRUNCATE, 99, -1,
-        4));
-
-TEST_F(SharedMemoryServerTest, openOrCreateKeepsTheSizeOfExistingMemory) {
-    makeOther();
-    create(8192, Creatable::OPEN_OR_CREATE);
-    EXPECT_EQ(4096U, m_shm.getSize());
-    EXPECT_EQ("4096 bytes: old", m_name.getState());
-}
-
-TEST_F(SharedMemoryServerTest, openOrCreateSetsTheSizeOfExistingEmptyMemory) {
-    makeOther("", 0);
-    create(8192, Creatable::OPEN_OR_CREATE);
-    EXPECT_EQ(8192U, m_shm.getSize());
-}
-
-TEST_F(SharedMemoryServerTest, truncateEmptiesExistingMemoryAndSetsTheNewSize) {
-    makeOther(std::string(8192, 'x'), 8192);
-    create(4096, Creatable::TRUNCATE);
-    EXPECT_EQ(4096U, m_shm.getSize());
-    auto const* const bytes = static_cast<char*>(m_shm.addMapping(MemMapping::READ, 4096).getAddress());
-    EXPECT_EQ(std::string(4096, '\0'), std::string(bytes, 4096));
-}
-
-TEST_F(SharedMemoryServerTest, unknownStrategyOpensExistingMemoryAndSetsTheNewSize) {
-    makeOther();
-    create(8192, UNKNOWN);
-    EXPECT_EQ(8192U, m_shm.getSize());
-    EXPECT_EQ("8192 bytes: old", m_name.getState());
-}
+        StrategyRow{"newMemoryOfSize0", Creatable::CREATE_NEW, {}, 0, 0, "0 bytes: "},
+        StrategyRow{"openOrCreateWithSize0", Creatable::OPEN_OR_CREATE, {}, 0, 0, "0 bytes: "},
+        StrategyRow{"replaceWithSize0", Creatable::REPLACE, {}, 0, 0, "0 bytes: "},
+        StrategyRow{"truncateWithSize0", Creatable::TRUNCATE, {}, 0, 0, "0 bytes: "},
+        StrategyRow{"unknownStrategy99WithSize0", 99, {}, 0, 0, "0 bytes: "},
+        StrategyRow{"unknownStrategyMinus1WithSize0", -1, {}, 0, 0, "0 bytes: "},
+        StrategyRow{"unknownStrategy4WithSize0", 4, {}, 0, 0, "0 bytes: "},
+        StrategyRow{
+            "openOrCreateKeepsTheSizeOfExistingMemory", Creatable::OPEN_OR_CREATE, "old", 4096, 8192,
+            "4096 bytes: old"},
+        StrategyRow{
+            "openOrCreateSetsTheSizeOfExistingEmptyMemory", Creatable::OPEN_OR_CREATE, "", 0, 8192,
+            "8192 bytes: "},
+        StrategyRow{
+            "truncateEmptiesExistingMemoryAndSetsTheNewSize", Creatable::TRUNCATE, std::string(8192, 'x'),
+            8192, 4096, "4096 bytes: "},
+        StrategyRow{
+            "unknownStrategyOpensExistingMemoryAndSetsTheNewSize", 99, "old", 4096, 8192, "8192 bytes: old"}),
+    [](auto const& row) { return row.param.name; });
 
 TEST_F(SharedMemoryServerTest, replacedMemoryStaysUsableByItsUsers) {
     makeOther();
@@ -405,19 +385,7 @@ TEST_F(SharedMemoryServerTest, replacedMemoryStaysUsableByItsUsers) {
     EXPECT_TRUE(client.addMapping(MemMapping::READ, 4096).isValid());
 }
 
-TEST_F(SharedMemoryServerTest, failedCreationLeavesNoName) {
-    makeOther();
-    for (Strategy const strategy : {Creatable::CREATE_NEW, UNKNOWN}) {
-        Fault const fault(inject_shm_open, EACCES);
-        EXPECT_TRUE(m_shm.create(m_name, 4096, strategy));
-        EXPECT_STREQ("", m_shm.getName());
-    }
-    EXPECT_TRUE(m_shm.create("ve/sk", 4096, Creatable::REPLACE));
-    EXPECT_STREQ("", m_shm.getName());
-    std::ErrorStorage::ack();
-}
-
-TEST_F(SharedMemoryServerTest, nameIsKnownUntilItIsRemoved) {
+TEST_F(SharedMemoryServerTest, nameIsKnownUntilItIsRemovedAndNotAfterAFailedCreation) {
     EXPECT_EQ(-1, m_shm.getDescriptor());
     EXPECT_STREQ("", m_shm.getName());
     create();
@@ -433,34 +401,37 @@ TEST_F(SharedMemoryServerTest, nameIsKnownUntilItIsRemoved) {
     m_shm.setUnlinkOnClose(true);
     EXPECT_FALSE(m_shm.close());
     EXPECT_STREQ("", m_shm.getName());
+    for (Strategy const strategy : {Creatable::CREATE_NEW, UNKNOWN}) {
+        Fault const fault(inject_shm_open, EACCES);
+        EXPECT_TRUE(m_shm.create(m_name, 4096, strategy));
+        EXPECT_STREQ("", m_shm.getName());
+    }
+    EXPECT_TRUE(m_shm.create("ve/sk", 4096, Creatable::REPLACE));
+    EXPECT_STREQ("", m_shm.getName());
+    std::ErrorStorage::ack();
 }
 
-TEST_F(SharedMemoryServerTest, anotherCreationUnmapsAndClosesTheOldMemory) {
+TEST_F(SharedMemoryServerTest, anotherCreationCloseAndDestructorUnmapAndCloseTheOldMemory) {
     IpcName const other(MEMORY);
-    create();
-    EXPECT_TRUE(m_shm.addMapping(READ_WRITE, 4096).isValid());
-    int const fd = m_shm.getDescriptor();
-    EXPECT_FALSE(m_shm.create(other, 8192, Creatable::CREATE_NEW));
-    EXPECT_EQ(0U, mappedBytes(m_name.getSystemName()));
-    EXPECT_EQ(fd, m_shm.getDescriptor()) << "the lowest number is free again";
-    EXPECT_EQ(other.getSystemName(), m_shm.getName());
-}
-
-TEST_F(SharedMemoryServerTest, closeAndDestructorUnmapTheMemory) {
-    for (bool const by_destructor : {false, true}) {
+    for (char const* const way : {"creation", "close", "destructor"}) {
         SharedMemoryServer shm;
         shm.setUnlinkOnClose(true);
         ASSERT_FALSE(shm.create(m_name, 4096, Creatable::CREATE_NEW));
         EXPECT_TRUE(shm.addMapping(READ_WRITE, 4096).isValid());
         int const fd = shm.getDescriptor();
-        if (by_destructor) {
+        bool const creates = strcmp(way, "creation") == 0;
+        if (creates) {
+            EXPECT_FALSE(shm.create(other, 8192, Creatable::CREATE_NEW));
+            EXPECT_EQ(fd, shm.getDescriptor()) << "the lowest number is free again";
+            EXPECT_EQ(other.getSystemName(), shm.getName());
+        } else if (strcmp(way, "close") == 0) {
+            EXPECT_FALSE(shm.close());
+        } else {
             shm.~SharedMemoryServer();
             new (&shm) SharedMemoryServer;
-        } else {
-            EXPECT_FALSE(shm.close());
         }
-        EXPECT_FALSE(isOpen(fd));
-        EXPECT_EQ(0U, mappedBytes(m_name.getSystemName()));
+        EXPECT_EQ(creates, isOpen(fd)) << way;
+        EXPECT_EQ(0U, mappedBytes(m_name.getSystemName())) << way;
     }
 }
 
@@ -474,26 +445,19 @@ protected:
 constexpr char const* CREATE_WARNING = "WARNING framework/src/vesk/posix/SharedMemoryServer create: "
                                        "shm_open() okay, ftruncate() failed, close() failed!";
 
-TEST_P(SharedMemoryServerSize, failureClosesTheMemoryAndKeepsItsName) {
-    EventRecorder const events;
-    Fault const fault(inject_ftruncate, GetParam().error);
-    EXPECT_TRUE(m_shm.create(m_name, 4096, Creatable::CREATE_NEW));
-    EXPECT_TRUE(isReported());
-    EXPECT_EQ(1, fault.getCalls());
-    EXPECT_FALSE(m_shm.isValid());
-    EXPECT_TRUE(m_name.exists());
-    EXPECT_EQ("", events.getText());
-    EXPECT_FALSE(m_shm.deleteName());
-    EXPECT_FALSE(m_name.exists());
-}
-
-TEST_P(SharedMemoryServerSize, failureRemovesANameThatCloseRemoves) {
-    m_shm.setUnlinkOnClose(true);
-    Fault const fault(inject_ftruncate, GetParam().error);
-    EXPECT_TRUE(m_shm.create(m_name, 4096, Creatable::CREATE_NEW));
-    EXPECT_TRUE(isReported());
-    EXPECT_FALSE(m_name.exists());
-    EXPECT_STREQ("", m_shm.getName());
+TEST_P(SharedMemoryServerSize, failureClosesTheMemoryAndRemovesItsNameOnRequest) {
+    for (bool const unlinks : {false, true}) {
+        m_shm.setUnlinkOnClose(unlinks);
+        EXPECT_TRUE(failOnce(inject_ftruncate, GetParam().error, [&] {
+            return m_shm.create(m_name, 4096, Creatable::CREATE_NEW);
+        }));
+        EXPECT_TRUE(isReported());
+        EXPECT_FALSE(m_shm.isValid());
+        EXPECT_EQ(!unlinks, m_name.exists());
+        EXPECT_EQ(unlinks ? "" : m_name.getSystemName(), m_shm.getName());
+        EXPECT_FALSE(m_shm.deleteName());
+        EXPECT_FALSE(m_name.exists());
+    }
 }
 
 TEST_P(SharedMemoryServerSize, failureThatIsFollowedByAFailedCloseIsAWarning) {
@@ -591,21 +555,15 @@ TEST_F(SharedMemoryClientTest, withOnlyTheReadBitCannotWrite) {
     EXPECT_TRUE(causeIs(SysErrorId::PERMISSION_DENIED, EACCES));
 }
 
-TEST_F(SharedMemoryClientTest, withOnlyTheWriteBitCanReadToo) {
+TEST_F(SharedMemoryClientTest, withOnlyTheWriteBitCanReadTooAndMapARing) {
     EXPECT_FALSE(m_client.attach(m_name, MemMapping::WRITE));
-    MemMapping const mapping = m_client.addMapping(READ_WRITE, 4096);
-    ASSERT_TRUE(mapping.isValid());
-    auto* const bytes = static_cast<char*>(mapping.getAddress());
-    EXPECT_EQ('a', bytes[0]);
-    bytes[0] = 'X';
-    EXPECT_EQ("4096 bytes: Xbc", m_name.getState());
-}
-
-TEST_F(SharedMemoryClientTest, ringOfSharedMemoryWraps) {
-    EXPECT_FALSE(m_client.attach(m_name, READ_WRITE));
     MemMapping const ring = m_client.addMapping(READ_WRITE, 4096, 0, nullptr, true);
     ASSERT_TRUE(ring.isValid());
-    EXPECT_EQ('c', static_cast<char*>(ring.getAddress())[4098]);
+    auto* const bytes = static_cast<char*>(ring.getAddress());
+    EXPECT_EQ('a', bytes[0]);
+    EXPECT_EQ('c', bytes[4098]);
+    bytes[0] = 'X';
+    EXPECT_EQ("4096 bytes: Xbc", m_name.getState());
     EXPECT_FALSE(m_client.close());
     EXPECT_EQ(0U, mappedBytes(m_name.getSystemName())) << "both halves";
 }
@@ -622,26 +580,26 @@ TEST_F(SharedMemoryClientTest, memoryOfAnotherUserCannotBeReadOrWritten) {
     });
 }
 
-TEST_F(SharedMemoryClientTest, anotherAttachUnmapsAndClosesTheOldMemory) {
+TEST_F(SharedMemoryClientTest, anotherAttachAndTheDestructorUnmapAndCloseTheOldMemoryAndKeepItsName) {
     IpcName const other(MEMORY);
     ASSERT_FALSE(m_shm.create(other, 3, Creatable::CREATE_NEW));
-    EXPECT_FALSE(m_client.attach(m_name, READ_WRITE));
-    int const fd = m_client.getDescriptor();
-    EXPECT_TRUE(m_client.addMapping(READ_WRITE, 4096).isValid());
-    EXPECT_FALSE(m_client.attach(other, READ_WRITE));
-    EXPECT_EQ(fd, m_client.getDescriptor()) << "the lowest number is free again";
-    EXPECT_EQ(0U, mappedBytes(m_name.getSystemName()));
-    EXPECT_EQ(3U, m_client.getSize());
-}
-
-TEST_F(SharedMemoryClientTest, destructorUnmapsAndKeepsTheName) {
-    {
+    for (bool const by_destructor : {false, true}) {
         SharedMemoryClient shm;
         EXPECT_FALSE(shm.attach(m_name, READ_WRITE));
+        int const fd = shm.getDescriptor();
         EXPECT_TRUE(shm.addMapping(READ_WRITE, 4096).isValid());
+        if (by_destructor) {
+            shm.~SharedMemoryClient();
+            new (&shm) SharedMemoryClient;
+        } else {
+            EXPECT_FALSE(shm.attach(other, READ_WRITE));
+            EXPECT_EQ(fd, shm.getDescriptor()) << "the lowest number is free again";
+            EXPECT_EQ(3U, shm.getSize());
+        }
+        EXPECT_EQ(!by_destructor, isOpen(fd));
+        EXPECT_EQ(0U, mappedBytes(m_name.getSystemName()));
+        EXPECT_TRUE(m_name.exists());
     }
-    EXPECT_EQ(0U, mappedBytes(m_name.getSystemName()));
-    EXPECT_TRUE(m_name.exists());
 }
 
 // ---- processes ----
