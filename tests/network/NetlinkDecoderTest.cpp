@@ -1,3 +1,6 @@
+#include "support/CleanEnd.h"
+#include "support/NamedRow.h"
+
 #include "AnswerCalls.h"
 #include "MonitorSupport.h"
 #include "NetlinkMessages.h"
@@ -362,21 +365,10 @@ std::string const PEER_ONLY = with64("-", "fd00::1");
 constexpr char const* WITH_PEER =
     "3 eth0 mtu 0 up operable [-/ffff:ffff:ffff:ffff:0000:0000:0000:0000 peer fd00::1]";
 
-struct Row {
-    std::string name;
+struct Row : NamedRow {
     Steps datagrams;
     Reported expected;
 };
-
-template <typename Row>
-auto operator<<(std::ostream& stream, Row const& row) -> decltype(stream << row.name) {
-    return stream << row.name;
-}
-
-template <typename Row>
-std::string nameOf(testing::TestParamInfo<Row> const& info) {
-    return info.param.name;
-}
 
 Row row(
     char const* name, Steps const& datagrams, Log const& log, char const* interface = "",
@@ -384,23 +376,10 @@ Row row(
     return {name, datagrams, {log, interface, events}};
 }
 
-/// Returns a row for each value, with the datagrams that are made from it.
-template <typename Value, typename Make>
-auto rowsOf(std::initializer_list<Value> values, Reported const& expected, Make make) {
-    std::vector<Row> rows;
-    for (Value const value : values) {
-        rows.push_back({testing::PrintToString(value), make(value), expected});
-    }
-    return testing::ValuesIn(rows);
-}
-
-class Decoding : public testing::TestWithParam<Row> {
-protected:
-    static void check() { EXPECT_EQ(GetParam().expected, decode(GetParam().datagrams)); }
-};
+class Decoding : public testing::TestWithParam<Row> {};
 
 TEST_P(Decoding, reportsTheContentOfTheDatagrams) {
-    check();
+    EXPECT_EQ(GetParam().expected, decode(GetParam().datagrams));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -445,31 +424,27 @@ INSTANTIATE_TEST_SUITE_P(
         row("aRemovalWithoutItsLastByteIsIgnored", {Message(RTM_DELLINK, std::string(15, '\x01'))}, Log()),
         row("aRemovalOfTheFixedFieldsAlone", {Message(RTM_DELLINK, std::string(16, '\x01'))}, BLANK_REMOVED,
             "0  mtu 0 []")),
-    nameOf<Row>);
+    byName);
 
-Row flags(unsigned int flags, char const* text) {
-    std::string const interface = std::string("3 eth0 mtu 0 up operable ") + text + "[]";
-    return {"flags", {eth0({}, 3, flags)}, {LINK_LOG, interface}};
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    LinkFlags, Decoding,
-    testing::Values(
-        flags(0, ""), flags(0x2, "broadcast "), flags(0x10, "point_to_point "), flags(0x8, "loopback "),
+TEST(LinkMessage, hasItsFlagsButItsStateDoesNotMatter) {
+    std::pair<unsigned int, char const*> const rows[] = {
+        {0, ""},
+        {0x2, "broadcast "},
+        {0x10, "point_to_point "},
+        {0x8, "loopback "},
         // IFF_UP and IFF_RUNNING are ignored.
-        flags(0x1, ""), flags(0x40, ""), flags(~0x1aU, ""),
-        flags(~0U, "broadcast point_to_point loopback ")));
-
-class OperationalState : public Decoding {};
-
-TEST_P(OperationalState, doesNotMatter) {
-    check();
+        {0x1, ""},
+        {0x40, ""},
+        {~0x1aU, ""},
+        {~0U, "broadcast point_to_point loopback "}};
+    for (auto const& [flags, text] : rows) {
+        std::string const interface = std::string("3 eth0 mtu 0 up operable ") + text + "[]";
+        EXPECT_EQ((Reported{LINK_LOG, interface}), decode({eth0({}, 3, flags)}));
+    }
+    for (char state = 0; state < 8; ++state) {
+        EXPECT_EQ((Reported{LINK_LOG, PLAIN}), decode({eth0({{IFLA_OPERSTATE, std::string(1, state)}})}));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, OperationalState, rowsOf({0, 1, 2, 3, 4, 5, 6, 7}, {LINK_LOG, PLAIN}, [](int state) -> Steps {
-        return {eth0({{IFLA_OPERSTATE, std::string(1, static_cast<char>(state))}})};
-    }));
 
 TEST(LinkMessage, mayHaveItsAttributesInAnyOrder) {
     Attribute const attributes[] = {
@@ -484,55 +459,46 @@ TEST(LinkMessage, mayHaveItsAttributesInAnyOrder) {
     } while (std::next_permutation(std::begin(order), std::end(order)));
 }
 
-class LinkName : public testing::TestWithParam<std::pair<std::string, std::string>> {};
+using namespace std::string_literals;
 
-TEST_P(LinkName, endsAtItsZeroOrWithItsAttribute) {
-    auto const& [data, name] = GetParam();
-    Message message = link().add(IFLA_IFNAME, data);
-    EXPECT_EQ(interfaceAppears(name), decode({message}).log);
-    message.add(IFLA_MTU, bytesOf(0x41414141));
-    EXPECT_EQ(interfaceAppears(name), decode({message}).log) << "before another attribute";
+TEST(LinkMessage, hasANameThatEndsAtItsZeroOrWithItsAttribute) {
+    for (auto const& [data, name] :
+         {std::pair("eth0\0"s, "eth0"s),
+          {"eth0"s, "eth0"s},
+          {"eth01"s, "eth01"s},
+          {"eth0123"s, "eth0123"s},
+          {"a\0b\0"s, "a"s},
+          {"\0"s, ""s},
+          {""s, ""s},
+          {std::string(15, 'n') + '\0', std::string(15, 'n')},
+          {std::string(40, 'n'), std::string(40, 'n')}}) {
+        Message message = link().add(IFLA_IFNAME, data);
+        EXPECT_EQ(interfaceAppears(name), decode({message}).log);
+        message.add(IFLA_MTU, bytesOf(0x41414141));
+        EXPECT_EQ(interfaceAppears(name), decode({message}).log) << "before another attribute";
+    }
 }
 
-using namespace std::string_literals;
-INSTANTIATE_TEST_SUITE_P(
-    Texts, LinkName,
-    testing::Values(
-        std::pair("eth0\0"s, "eth0"s), std::pair("eth0"s, "eth0"s), std::pair("eth01"s, "eth01"s),
-        std::pair("eth0123"s, "eth0123"s), std::pair("a\0b\0"s, "a"s), std::pair("\0"s, ""s),
-        std::pair(""s, ""s), std::pair(std::string(15, 'n') + '\0', std::string(15, 'n')),
-        std::pair(std::string(40, 'n'), std::string(40, 'n'))));
-
-// An attribute that is too short is ignored.
-
-INSTANTIATE_TEST_SUITE_P(
-    ShortMac, Decoding, rowsOf({0U, 1U, 2U, 3U, 4U, 5U}, {LINK_LOG, PLAIN}, [](unsigned int size) -> Steps {
-        return {eth0({{IFLA_ADDRESS, MAC.substr(0, size)}})};
-    }));
-
-INSTANTIATE_TEST_SUITE_P(
-    ShortMacBeforeAnMtu, Decoding,
-    rowsOf({0U, 1U, 2U, 3U, 4U, 5U}, {LINK_LOG, WITH_MTU}, [](unsigned int size) -> Steps {
-        return {eth0({{IFLA_ADDRESS, MAC.substr(0, size)}, {IFLA_MTU, MTU}})};
-    }));
-
-INSTANTIATE_TEST_SUITE_P(
-    ShortMtu, Decoding, rowsOf({0U, 1U, 2U, 3U}, {LINK_LOG, PLAIN}, [](unsigned int size) -> Steps {
-        return {eth0({{IFLA_MTU, bytesOf(0x01010101).substr(0, size)}})};
-    }));
-
-INSTANTIATE_TEST_SUITE_P(
-    LessThanAnAttribute, Decoding,
-    rowsOf({"\x04", "\x04\x01", "\x04\x01\x02"}, {LINK_LOG, PLAIN}, [](char const* rest) -> Steps {
-        return {Message(RTM_NEWLINK, (padded(eth0()) + rest).substr(sizeof(nlmsghdr)))};
-    }));
-
-// A wrong length ends the walk over the attributes.
-INSTANTIATE_TEST_SUITE_P(
-    AttributeLength, Decoding,
-    rowsOf({0, 1, 2, 3, 21, 22, 24, 255, 0x7fff, 0xffff}, {LINK_LOG, PLAIN}, [](int length) -> Steps {
-        return {eth0().add(IFLA_ADDRESS, MAC, length).add(IFLA_MTU, MTU)};
-    }));
+TEST(LinkMessage, isReportedWithoutAttributesThatAreTooShort) {
+    for (size_t size = 0; size < 6; ++size) {
+        Attribute const mac(IFLA_ADDRESS, MAC.substr(0, size));
+        EXPECT_EQ((Reported{LINK_LOG, PLAIN}), decode({eth0({mac})})) << size;
+        EXPECT_EQ((Reported{LINK_LOG, WITH_MTU}), decode({eth0({mac, {IFLA_MTU, MTU}})})) << size;
+    }
+    for (size_t size = 0; size < 4; ++size) {
+        std::string const mtu = bytesOf(0x01010101).substr(0, size);
+        EXPECT_EQ((Reported{LINK_LOG, PLAIN}), decode({eth0({{IFLA_MTU, mtu}})})) << size;
+    }
+    for (char const* const rest : {"\x04", "\x04\x01", "\x04\x01\x02"}) {
+        Message const message(RTM_NEWLINK, (padded(eth0()) + rest).substr(sizeof(nlmsghdr)));
+        EXPECT_EQ((Reported{LINK_LOG, PLAIN}), decode({message}));
+    }
+    // A wrong length ends the walk over the attributes.
+    for (int const length : {0, 1, 2, 3, 21, 22, 24, 255, 0x7fff, 0xffff}) {
+        Message const message = eth0().add(IFLA_ADDRESS, MAC, length).add(IFLA_MTU, MTU);
+        EXPECT_EQ((Reported{LINK_LOG, PLAIN}), decode({message})) << length;
+    }
+}
 
 TEST(LinkMessage, mayEndWithAnAttributeThatIsNotPadded) {
     Message const message = link(3, 0, {{IFLA_MTU, MTU}, {IFLA_IFNAME, NAME}}); // 5 bytes of name.
@@ -582,67 +548,45 @@ TEST(Datagram, isSkippedIfItsMessageIsIncomplete) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    WrongFirstLengthSkipsTheDatagram, Decoding,
-    rowsOf(
-        {0U, 1U, 4U, 15U, 53U, 4096U, 4097U, 0x7fffffffU, 0x80000000U, 0xfffffffcU, 0xfffffffdU, 0xffffffffU},
-        {LINK_LOG, PLAIN}, [](uint32_t length) -> Steps {
-            return {eth0({{IFLA_MTU, MTU}}).setLength(length), eth0()};
-        }));
+TEST(Datagram, isReadUpToAWrongLength) {
+    for (uint32_t const length :
+         {0U, 1U, 4U, 15U, 53U, 4096U, 4097U, 0x7fffffffU, 0x80000000U, 0xfffffffcU, 0xfffffffdU,
+          0xffffffffU}) {
+        Message const wrong = eth0({{IFLA_MTU, MTU}}).setLength(length);
+        EXPECT_EQ((Reported{LINK_LOG, PLAIN}), decode({wrong, eth0()})) << length;
+    }
+    for (uint32_t const length :
+         {0U, 1U, 15U, 500U, 4096U, 0x7fffffffU, 0x80000000U, 0xfffffff0U, 0xfffffffdU, 0xffffffffU}) {
+        EXPECT_EQ(
+            (Reported{interfaceAppears("if1"), "1 if1 mtu 0 up operable []"}),
+            decode({datagramOf({numbered(1), numbered(2).setLength(length), numbered(3)})}))
+            << length;
+    }
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    WrongNextLengthEndsTheWalk, Decoding,
-    rowsOf(
-        {0U, 1U, 15U, 500U, 4096U, 0x7fffffffU, 0x80000000U, 0xfffffff0U, 0xfffffffdU, 0xffffffffU},
-        {interfaceAppears("if1"), "1 if1 mtu 0 up operable []"}, [](uint32_t length) -> Steps {
-            return {datagramOf({numbered(1), numbered(2).setLength(length), numbered(3)})};
-        }));
-
-INSTANTIATE_TEST_SUITE_P(
-    OtherTypesAreIgnored, Decoding,
-    rowsOf(
-        {0, 1, 2, 4, 15, 18, 19, 22, 23, 24, 25, 28, 0x110, 0xffff}, {LINK_LOG, PLAIN},
-        [](int type) -> Steps {
-            Message const other = eth0({}, 4).setType(static_cast<uint16_t>(type));
-            return {other, datagramOf({other, eth0()})};
-        }));
-
-INSTANTIATE_TEST_SUITE_P(
-    OtherFamiliesAreIgnored, Decoding, rowsOf({0, 1, 3, 7, 9, 11, 17, 255}, {}, [](int family) -> Steps {
+TEST(Datagram, isReadWithoutMessagesOfOtherTypesAndFamilies) {
+    for (uint16_t const type :
+         std::initializer_list<uint16_t>{0, 1, 2, 4, 15, 18, 19, 22, 23, 24, 25, 28, 0x110, 0xffff}) {
+        Message const other = eth0({}, 4).setType(type);
+        EXPECT_EQ((Reported{LINK_LOG, PLAIN}), decode({other, datagramOf({other, eth0()})})) << type;
+    }
+    for (int const family : {0, 1, 3, 7, 9, 11, 17, 255}) {
         std::string const data(16, 'x');
-        return {
-            addressMessage(RTM_NEWADDR, family, 24, 3).add(IFA_LOCAL, data),
-            addressMessage(RTM_DELADDR, family, 24, 3).add(IFA_LOCAL, data)};
-    }));
-
-// Not even the end of a dump is read from it.
-TEST(Datagram, isSkippedIfItsEndOfADumpIsIncomplete) {
-    RecordingListener listener;
-    NetDeviceMonitor monitor(&listener);
-    Message const end(NLMSG_DONE);
-    Kernel kernel(
-        {end.get().substr(0, 15), Message(end).setLength(15), Message(end).setLength(17), eth0(), DONE,
-         DONE});
-    EXPECT_FALSE(kernel.watch(monitor));
-    EXPECT_EQ(LINK_LOG, listener.take());
-    // Five receptions until the first dump ends.
-    EXPECT_EQ(
-        "socket bind sendmsg recvmsg recvmsg recvmsg recvmsg recvmsg sendmsg recvmsg recvmsg close",
-        kernel.getCallNames());
+        EXPECT_EQ(
+            Reported(),
+            decode(
+                {addressMessage(RTM_NEWADDR, family, 24, 3).add(IFA_LOCAL, data),
+                 addressMessage(RTM_DELADDR, family, 24, 3).add(IFA_LOCAL, data)}))
+            << family;
+    }
 }
 
-TEST(Datagram, isReportedMessageByMessage) {
-    EXPECT_EQ(
-        interfaceAppears("if1") + interfaceAppears("if2") + interfaceAppears("if3"),
-        decode({datagramOf({numbered(1), numbered(2), numbered(3)})}).log);
-}
-
-TEST(Datagram, hasItsNextMessageAligned) {
+TEST(Datagram, isReportedMessageByMessageEachAligned) {
     for (size_t length = 1; length <= 9; ++length) {
         std::string const name(length, 'n');
         EXPECT_EQ(
-            interfaceAppears(name) + interfaceAppears("if2"),
-            decode({datagramOf({link(1).add(IFLA_IFNAME, name), numbered(2)})}).log);
+            interfaceAppears(name) + interfaceAppears("if2") + interfaceAppears("if3"),
+            decode({datagramOf({link(1).add(IFLA_IFNAME, name), numbered(2), numbered(3)})}).log);
     }
 }
 
@@ -711,14 +655,8 @@ Row row(char const* name, Message const& message, std::string const& text) {
         {LINK_LOG + addressAppears(text), "3 eth0 mtu 0 up operable [" + text + "]"}};
 }
 
-class AddressAttributes : public Decoding {};
-
-TEST_P(AddressAttributes, areReported) {
-    check();
-}
-
 INSTANTIATE_TEST_SUITE_P(
-    IPv4, AddressAttributes,
+    IPv4, Decoding,
     testing::Values(
         row("no attribute", ipv4Message(), "-/255.255.255.0"), row("IFA_LOCAL alone", ADDRESS_1, TEXT_1),
         row("IFA_ADDRESS alone", ipv4Message({{IFA_ADDRESS, "10.0.0.1"}}), TEXT_1),
@@ -749,7 +687,7 @@ INSTANTIATE_TEST_SUITE_P(
             "-/255.255.255.0")));
 
 INSTANTIATE_TEST_SUITE_P(
-    IPv6, AddressAttributes,
+    IPv6, Decoding,
     testing::Values(
         row("as the kernel sends it: IFA_ADDRESS is the peer",
             ipv6Message({{IFA_ADDRESS, "fd00::1"}})
@@ -789,7 +727,7 @@ INSTANTIATE_TEST_SUITE_P(
             {eth0(), ipv6Message({{IFA_ADDRESS, "fd00::1"}}), ipv6Message({{IFA_ADDRESS, "fd00::2"}}),
              ipv6Message({{IFA_ADDRESS, "fe80::3"}})},
             LINK_LOG + addressAppears(PEER_ONLY), WITH_PEER)),
-    nameOf<Row>);
+    byName);
 
 TEST(AddressMessage, isIgnoredWhileTheAddressIsTentative) {
     for (int const family : {AF_INET, AF_INET6}) {
@@ -802,13 +740,20 @@ TEST(AddressMessage, isIgnoredWhileTheAddressIsTentative) {
     }
 }
 
+Step const LOST = Step::failure(ENOBUFS);
+Step const SIGNAL = Step::failure(EINTR);
+Step const BROKEN = Step::failure(EBADF);
+
 /// A monitor that watches a kernel until its last step, and the kernel of the latest watch.
 class Watch : public testing::Test {
 protected:
-    /// Watches, and returns the log.
-    Log watch(Steps const& steps, bool fails = false) {
+    /// Watches, and returns the log. Expects that the watch fails with this number, or succeeds without one.
+    Log watch(Steps const& steps, int error = 0) {
         m_kernel.emplace(steps);
-        EXPECT_EQ(fails, m_kernel->watch(m_monitor));
+        EXPECT_EQ(error != 0, m_kernel->watch(m_monitor));
+        EXPECT_TRUE(error != 0 ? causeIs(SysErrorId::UNCLASSIFIED, error) : chainIs({}));
+        EXPECT_EQ(1, m_kernel->countCloses());
+        EXPECT_EQ("close fd", m_kernel->getCalls().back());
         return m_listener.take();
     }
 
@@ -821,14 +766,7 @@ protected:
     std::optional<Kernel> m_kernel;
 };
 
-TEST_F(Watch, requestsInterfacesThenAddresses) {
-    watch({DONE, DONE});
-    EXPECT_EQ(
-        (Log{"1100000012000103010000000000000000", "1100000016000103010000000000000000"}),
-        m_kernel->getRequests());
-}
-
-TEST_F(Watch, makesTheseCalls) {
+TEST_F(Watch, makesTheseCallsAndRequestsInterfacesThenAddresses) {
     watch({DONE, DONE});
     std::string const request = "sendmsg fd " + std::to_string(MSG_EOR) + " 0 100000000000000000000000 1 0 -";
     std::string const reception = "recvmsg fd 0 12 1 4096 0";
@@ -839,69 +777,115 @@ TEST_F(Watch, makesTheseCalls) {
                 "close fd"}),
         m_kernel->getCalls());
     EXPECT_EQ(0x80, MSG_EOR);
+    EXPECT_EQ(
+        (Log{"1100000012000103010000000000000000", "1100000016000103010000000000000000"}),
+        m_kernel->getRequests());
+    EXPECT_EQ((Log{"fd 0 10000000000004000000000000000000"}), m_kernel->getWakes()) << "an empty request";
+    for (int i = 0; i < 2; ++i) { // It leaves no socket for a late stop, and stays stopped.
+        m_monitor.stopWatching();
+        EXPECT_EQ(1U, m_kernel->getWakes().size());
+    }
+    for (int i = 0; i < 2; ++i) {
+        watch({DONE, DONE});
+        EXPECT_EQ(0U, m_kernel->getWakes().size());
+    }
 }
 
-TEST_F(Watch, isWokenByAnEmptyRequest) {
-    watch({DONE, DONE});
-    EXPECT_EQ((Log{"fd 0 10000000000004000000000000000000"}), m_kernel->getWakes());
+struct WatchRow : NamedRow {
+    Steps steps;
+    Log log{};
+    int error = 0;
+    size_t requests = 2;
+    int pauses = 0;
+};
+
+class WatchRows : public Watch, public testing::WithParamInterface<WatchRow> {};
+
+TEST_P(WatchRows, haveThisLogAndThisEnd) {
+    int const sleeps = s_sleeps;
+    EXPECT_EQ(GetParam().log, watch(GetParam().steps, GetParam().error));
+    EXPECT_EQ(GetParam().requests, m_kernel->getRequests().size());
+    EXPECT_EQ(0U, m_kernel->countStepsLeft());
+    EXPECT_EQ(GetParam().pauses, s_sleeps - sleeps);
+    if (GetParam().pauses != 0) {
+        EXPECT_EQ(100000000, s_last_sleep_ns);
+    }
 }
 
-TEST_F(Watch, endsADumpOnlyAtItsEnd) {
+Message const END(NLMSG_DONE);
+Steps const DUMP_OF_IF1 = {EMPTY, numbered(1), DONE, DONE};
+Log const IF1 = interfaceAppears("if1");
+
+INSTANTIATE_TEST_SUITE_P(
+    Dump, WatchRows,
+    rowsOf<WatchRow>({
+        {"reportsTheStartOfAnInterfaceInItsOrder",
+         {eth0({{IFLA_MTU, MTU}, {IFLA_ADDRESS, MAC}}, 3, IFF_BROADCAST), DONE,
+          ipv4Message({{IFA_ADDRESS, "10.0.0.1"}, {IFA_LOCAL, "10.0.0.1"}}), DONE},
+         LINK_LOG_WITH_MAC + addressAppears(TEXT_1)},
+        {"ignoresMessagesBehindItsEnd", {datagramOf({numbered(1), doneMessage(), numbered(2)}), DONE}, IF1},
+        {"endsAtTheBeginningOfADatagram", {datagramOf({doneMessage(), numbered(2)}), DONE}},
+        {"mayEndAgain", {DONE, DONE, DONE, numbered(1), DONE, numbered(2)}, IF1 + interfaceAppears("if2")},
+        // The address creates an entry, which never gets a name.
+        {"includesChanges",
+         {ADDRESS_1, eth0(), DONE, removal(), DONE},
+         Log{"address_appeared  " + TEXT_1, "interface_status ", "address_operable  " + TEXT_1} +
+             addressDisappears(TEXT_1, "") + BLANK_REMOVED},
+    }),
+    byName);
+
+// The watch requests a new dump of what was lost, or continues on the same socket.
+INSTANTIATE_TEST_SUITE_P(
+    FailedReception, WatchRows,
+    rowsOf<WatchRow>({
+        {"inTheDumpOfInterfaces", Steps{LOST, DONE} + DUMP_OF_IF1, IF1, ENOBUFS, 4},
+        {"inTheDumpOfAddresses", Steps{DONE, LOST} + DUMP_OF_IF1, IF1, ENOBUFS, 4},
+        {"afterTheDumps", Steps{DONE, DONE, LOST} + DUMP_OF_IF1, IF1, ENOBUFS, 4},
+        {"withMessagesInTheQueue", {DONE, DONE, LOST, numbered(1), EMPTY, DONE}, IF1, ENOBUFS, 4},
+        {"nothingInsteadOfInterfaces", Steps{Step::nothing(ENOBUFS), DONE} + DUMP_OF_IF1, IF1, ENOBUFS, 4},
+        {"nothingInsteadOfAddresses", Steps{DONE, Step::nothing(ENOBUFS)} + DUMP_OF_IF1, IF1, ENOBUFS, 4},
+        {"anInterruption", {DONE, DONE, SIGNAL, LOST, numbered(1)}, IF1, ENOBUFS},
+        {"anInterruptionIsNotRepeated", {SIGNAL, DONE, DONE}, {}, EINTR},
+    }),
+    byName);
+
+// Two attempts follow each other at once, the others after pauses.
+INSTANTIATE_TEST_SUITE_P(
+    RepeatedFailure, WatchRows,
+    rowsOf<WatchRow>({
+        {"manyTimes", Steps{DONE, DONE, SIGNAL, LOST, LOST, EMPTY, LOST, DONE} + DUMP_OF_IF1, IF1, ENOBUFS, 6,
+         1},
+        {"once", {DONE, DONE, BROKEN}, {}, EBADF},
+        // The last attempt finds the monitor stopped.
+        {"permanently", Steps{DONE, DONE} + Steps(50, BROKEN), {}, EBADF, 2, 49},
+        {"permanentResultOf0", Steps{DONE, DONE} + Steps(10, Step::nothing(EIO)), {}, EIO, 2, 9},
+        {"withMessagesBetween", {DONE, DONE, BROKEN, DONE, BROKEN, DONE, BROKEN, DONE}, {}, EBADF},
+        {"interruptionsBySignals", Steps{DONE, DONE} + Steps(10, SIGNAL), {}, EINTR},
+        {"whileItEmptiesTheQueue", {DONE, DONE, LOST, BROKEN, BROKEN, EMPTY, DONE}, {}, EBADF, 4, 2},
+    }),
+    byName);
+
+TEST_F(Watch, requestsTheAddressesOnlyAtTheEndOfTheInterfaces) {
     watch({eth0(), numbered(4), DONE, ADDRESS_1, DONE});
     EXPECT_EQ(
         "socket bind sendmsg recvmsg recvmsg recvmsg sendmsg recvmsg recvmsg recvmsg close",
         m_kernel->getCallNames());
 }
 
-TEST_F(Watch, reportsTheStartOfAnInterfaceInItsOrder) {
-    Message const both = ipv4Message({{IFA_ADDRESS, "10.0.0.1"}, {IFA_LOCAL, "10.0.0.1"}});
+TEST_F(Watch, ignoresAnIncompleteEndOfADump) {
+    Steps const ends = {END.get().substr(0, 15), Message(END).setLength(15), Message(END).setLength(17)};
+    EXPECT_EQ(LINK_LOG, watch(ends + Steps{eth0(), DONE, DONE}));
+    // Five receptions until the first dump ends.
     EXPECT_EQ(
-        LINK_LOG_WITH_MAC + addressAppears("10.0.0.1/255.255.255.0"),
-        watch({eth0({{IFLA_MTU, MTU}, {IFLA_ADDRESS, MAC}}, 3, IFF_BROADCAST), DONE, both, DONE}));
-}
-
-TEST_F(Watch, ignoresMessagesBehindTheEndOfADump) {
-    EXPECT_EQ(interfaceAppears("if1"), watch({datagramOf({numbered(1), doneMessage(), numbered(2)}), DONE}));
-    EXPECT_EQ(2U, m_kernel->getRequests().size());
-    EXPECT_EQ(0U, m_kernel->countStepsLeft());
-}
-
-TEST_F(Watch, findsTheEndOfADumpAtTheBeginningOfADatagram) {
-    EXPECT_EQ(Log(), watch({datagramOf({doneMessage(), numbered(2)}), DONE}));
-    EXPECT_EQ(2U, m_kernel->getRequests().size());
-}
-
-TEST_F(Watch, continuesBehindTheEndOfAnotherDump) {
-    Log const log = watch({DONE, DONE, DONE, numbered(1), DONE, numbered(2)});
-    EXPECT_EQ(4U, log.size());
-    EXPECT_EQ(2U, m_kernel->getRequests().size());
-}
-
-TEST_F(Watch, reportsChangesDuringTheDumps) {
-    // The address creates an entry, which never gets a name.
-    std::string const address = "10.0.0.1/255.255.255.0";
-    EXPECT_EQ(
-        (Log{"address_appeared  " + address, "interface_status ", "address_operable  " + address}) +
-            addressDisappears(address, "") + Log{"interface_disappeared "},
-        watch({ADDRESS_1, eth0(), DONE, removal(), DONE}));
+        "socket bind sendmsg recvmsg recvmsg recvmsg recvmsg recvmsg sendmsg recvmsg recvmsg close",
+        m_kernel->getCallNames());
 }
 
 TEST_F(Watch, takesOneDatagramOfEachDumpIfItWasStoppedBefore) {
     m_monitor.stopWatching();
-    EXPECT_EQ(
-        interfaceAppears("if1") + interfaceAppears("if2"), watch({numbered(1), numbered(2), numbered(3)}));
+    EXPECT_EQ(IF1 + interfaceAppears("if2"), watch({numbered(1), numbered(2), numbered(3)}));
     EXPECT_EQ(2U, m_kernel->getRequests().size());
     EXPECT_EQ(0U, m_kernel->getWakes().size());
-    EXPECT_EQ(1, m_kernel->countCloses());
-}
-
-TEST_F(Watch, staysStoppedForever) {
-    for (int i = 0; i < 3; ++i) {
-        watch({DONE, DONE});
-        EXPECT_EQ(1, m_kernel->countCloses());
-        // Only the first watch is running when it is stopped.
-        EXPECT_EQ(i == 0 ? 1U : 0U, m_kernel->getWakes().size());
-    }
 }
 
 TEST_F(Watch, canBeStoppedByACallback) {
@@ -910,17 +894,9 @@ TEST_F(Watch, canBeStoppedByACallback) {
             m_monitor.stopWatching();
         }
     };
-    Log const log = watch({DONE, DONE, numbered(1), numbered(2), numbered(3)});
-    EXPECT_EQ(4U, log.size());
+    EXPECT_EQ(4U, watch({DONE, DONE, numbered(1), numbered(2), numbered(3)}).size());
     EXPECT_EQ(1U, m_kernel->countStepsLeft());
     EXPECT_EQ(1U, m_kernel->getWakes().size());
-}
-
-TEST_F(Watch, keepsItsTableForTheNextWatch) {
-    Fault const fault(inject_sendmsg, ENOBUFS, 2);
-    EXPECT_EQ(interfaceAppears("if1"), watch({numbered(1), DONE}, true));
-    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, ENOBUFS));
-    EXPECT_EQ((Log{"interface_status if1"}), watch({numbered(1), DONE, DONE}));
 }
 
 TEST_F(Watch, worksWithoutAListener) {
@@ -932,85 +908,60 @@ TEST_F(Watch, worksWithoutAListener) {
     EXPECT_EQ(3U, events.getCount());
 }
 
-TEST_F(Watch, failsWithoutASocket) {
+TEST_F(Watch, failsWithoutASocketOrItsNumber) {
     for (int const error : {EMFILE, ENFILE, ENOBUFS, EPROTONOSUPPORT, EACCES}) {
         Fault const fault(inject_socket, error);
-        watch({DONE, DONE}, true);
+        Kernel kernel({DONE, DONE});
+        EXPECT_TRUE(kernel.watch(m_monitor));
         EXPECT_TRUE(causeIs(Socket::ErrorId::CREATE_FAILED, error));
-        EXPECT_EQ(0U, m_kernel->getCalls().size());
+        EXPECT_EQ(0U, kernel.getCalls().size());
     }
-}
-
-TEST_F(Watch, failsIfItCannotBind) {
     for (int const error : {EADDRINUSE, ENOMEM, EACCES, EPERM}) {
         Fault const fault(inject_bind, error);
-        watch({DONE, DONE}, true);
-        EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, error));
+        watch({DONE, DONE}, error);
         EXPECT_EQ(2U, m_kernel->getCalls().size());
-        EXPECT_EQ(1, m_kernel->countCloses());
+    }
+    EXPECT_EQ(IF1, watch({numbered(1), DONE, DONE})) << "after a failure";
+}
+
+TEST_F(Watch, failsWithoutARequest) {
+    for (int const nth : {1, 2}) {
+        for (int const error : {ENOBUFS, EINTR, EAGAIN, EPERM, ECONNREFUSED}) {
+            Fault const fault(inject_sendmsg, error, nth);
+            watch({DONE, DONE}, error);
+            EXPECT_EQ(nth, fault.getCalls());
+            // The number of the closed socket is not used.
+            m_monitor.stopWatching();
+            EXPECT_EQ(0U, m_kernel->getWakes().size());
+        }
     }
 }
 
-class FailedRequest : public Watch, public testing::WithParamInterface<int> {};
-
-TEST_P(FailedRequest, endsTheWatch) {
-    for (int const error : {ENOBUFS, EINTR, EAGAIN, EPERM, ECONNREFUSED}) {
-        Fault const fault(inject_sendmsg, error, GetParam());
-        watch({DONE, DONE}, true);
-        EXPECT_EQ(GetParam(), fault.getCalls());
-        EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, error));
-        EXPECT_EQ("close fd", m_kernel->getCalls().back());
-        EXPECT_EQ(1, m_kernel->countCloses());
-        // The number of the closed socket is not used.
-        m_monitor.stopWatching();
-        EXPECT_EQ(0U, m_kernel->getWakes().size());
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Each, FailedRequest, testing::Values(1, 2));
-
-TEST_F(Watch, canBeRepeatedAfterAFailure) {
+TEST_F(Watch, keepsItsTableForTheNextWatch) {
     {
-        Fault const fault(inject_bind, EADDRINUSE);
-        watch({DONE, DONE}, true);
-        EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EADDRINUSE));
+        Fault const fault(inject_sendmsg, ENOBUFS, 2);
+        EXPECT_EQ(IF1, watch({numbered(1), DONE}, ENOBUFS));
     }
-    EXPECT_EQ(interfaceAppears("if1"), watch({numbered(1), DONE, DONE}));
+    EXPECT_EQ((Log{"interface_status if1"}), watch({numbered(1), DONE, DONE}));
 }
 
-struct ReceptionRow {
-    char const* name;
-    Steps steps;
-    size_t requests = 4;
-};
-
-class FailedReception : public Watch, public testing::WithParamInterface<ReceptionRow> {};
-
-// The watch requests a new dump of what was lost, or continues on the same socket.
-TEST_P(FailedReception, isReportedAndTheWatchContinues) {
-    EXPECT_EQ(interfaceAppears("if1"), watch(GetParam().steps, true));
-    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, ENOBUFS));
-    EXPECT_EQ(GetParam().requests, m_kernel->getRequests().size());
-    EXPECT_EQ(0U, m_kernel->countStepsLeft());
-    EXPECT_EQ(1, m_kernel->countCloses());
+TEST_F(Watch, takesAFailedReceptionForItsEndAfterTheStop) {
+    for (Step const& step : {BROKEN, Step::nothing(EBADF)}) {
+        RecordingListener listener;
+        NetDeviceMonitor monitor(&listener);
+        Kernel kernel({DONE, DONE, step.during([&monitor] { monitor.stopWatching(); }), DONE});
+        EXPECT_FALSE(kernel.watch(monitor));
+        EXPECT_EQ(1U, kernel.countStepsLeft());
+    }
 }
 
-Step const LOST = Step::failure(ENOBUFS);
-Step const SIGNAL = Step::failure(EINTR);
-Step const BROKEN = Step::failure(EBADF);
-Steps const DUMP_OF_IF1 = {EMPTY, numbered(1), DONE, DONE};
+TEST_F(Watch, failsIfAReceptionFailedBeforeTheStop) {
+    watch({DONE, Step::failure(EIO), stopDuring(Step::failure(EIO))}, EIO);
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    Each, FailedReception,
-    testing::Values(
-        ReceptionRow{"in the dump of interfaces", Steps{LOST, DONE} + DUMP_OF_IF1},
-        ReceptionRow{"in the dump of addresses", Steps{DONE, LOST} + DUMP_OF_IF1},
-        ReceptionRow{"after the dumps", Steps{DONE, DONE, LOST} + DUMP_OF_IF1},
-        ReceptionRow{"with messages in the queue", {DONE, DONE, LOST, numbered(1), EMPTY, DONE}},
-        ReceptionRow{"many times", Steps{DONE, DONE, SIGNAL, LOST, LOST, EMPTY, LOST, DONE} + DUMP_OF_IF1, 6},
-        ReceptionRow{"nothing instead of interfaces", Steps{Step::nothing(ENOBUFS), DONE} + DUMP_OF_IF1},
-        ReceptionRow{"nothing instead of addresses", Steps{DONE, Step::nothing(ENOBUFS)} + DUMP_OF_IF1},
-        ReceptionRow{"an interruption", {DONE, DONE, SIGNAL, LOST, numbered(1)}, 2}));
+TEST_F(Watch, reportsTheDatagramThatArrivesWithTheStop) {
+    EXPECT_EQ(IF1, watch({DONE, DONE, stopDuring(numbered(1)), numbered(2)}));
+}
 
 Message const IF4 = numbered(4);
 Log const STATUS_OF_BOTH = {"interface_status eth0", "interface_status if4"};
@@ -1019,27 +970,21 @@ Log const STATUS_OF_BOTH = {"interface_status eth0", "interface_status if4"};
 class Loss : public Watch {
 protected:
     /// Returns the log from the loss on.
-    Log report(Steps const& further) {
+    Log report(Steps const& further, int error = ENOBUFS) {
         Steps const known = {LINK, IF4, DONE, ADDRESS_1, ADDRESS_2, DONE, LOST};
-        Log log = watch(known + further, true);
+        Log log = watch(known + further, error);
         EXPECT_EQ(0U, m_kernel->countStepsLeft());
-        EXPECT_TRUE(chainIs({{SysErrorId::UNCLASSIFIED}}));
         EXPECT_LE(10U, log.size());
         log.erase(log.begin(), log.begin() + 10);
         return log;
     }
 };
 
-struct LossRow {
-    char const* name;
+struct LossRow : NamedRow {
     Steps further;
     Log log;
-    size_t requests;
+    size_t requests = 4;
 };
-
-LossRow gap(char const* name, Steps const& further, Log const& log, size_t requests = 4) {
-    return {name, further, log, requests};
-}
 
 class LossRows : public Loss, public testing::WithParamInterface<LossRow> {};
 
@@ -1054,131 +999,73 @@ TEST_P(LossRows, reportTheDifference) {
 
 INSTANTIATE_TEST_SUITE_P(
     Loss, LossRows,
-    testing::Values(
-        gap("reportsOnlyTheStatusIfNothingHasChanged", {EMPTY, LINK, IF4, DONE, ADDRESS_1, ADDRESS_2, DONE},
-            STATUS_OF_BOTH),
-        gap("reportsTheNewBeforeTheRemoved",
-            {EMPTY, eth0({{IFLA_ADDRESS, "\0\x1a\x2b\x3c\x4d\x5f"s}}), numbered(5), DONE, ADDRESS_2,
-             ipv4Message({{IFA_LOCAL, "10.0.0.3"}}), DONE},
-            STATUS + addressAppears("00:1a:2b:3c:4d:5f") + interfaceAppears("if5") +
-                addressAppears("10.0.0.3/255.255.255.0") + addressDisappears(MAC_TEXT) +
-                addressDisappears(TEXT_1) + Log{"interface_disappeared if4"}),
-        gap("reportsARemovedInterfaceWithItsAddresses", {EMPTY, IF4, DONE, DONE},
-            Log{"interface_status if4"} + addressDisappears(MAC_TEXT) + addressDisappears(TEXT_1) +
-                addressDisappears(TEXT_2) + REMOVED),
-        gap("reportsAnAddressWithAnotherNetmaskAsRemovedAndNew",
-            {EMPTY, LINK, IF4, DONE, ipv4Message({{IFA_LOCAL, "10.0.0.1"}}, 16), ADDRESS_2, DONE},
-            STATUS_OF_BOTH + addressDisappears(TEXT_1) + addressAppears("10.0.0.1/255.255.0.0")),
-        // The state at the end of the answers counts.
-        gap("includesChangesDuringTheAnswers",
-            {EMPTY, LINK, IF4, DONE, ADDRESS_1, ADDRESS_2, removal(4), removedAddress("10.0.0.2"),
-             numbered(6), DONE},
-            Log{"interface_status eth0", "interface_status if4", "interface_disappeared if4"} +
-                addressDisappears(TEXT_2) + interfaceAppears("if6")),
-        // A message without a MAC does not remove the MAC.
-        gap("keepsTheMacThatOneOfTwoMessagesHas",
-            {EMPTY, LINK, eth0(), IF4, DONE, ADDRESS_1, ADDRESS_2, DONE},
-            {"interface_status eth0", "interface_status eth0", "interface_status if4"}),
-        gap("requestsAgainAfterALossDuringTheAnswers",
-            {EMPTY, LOST, DONE, EMPTY, LINK, DONE, ADDRESS_1, ADDRESS_2, DONE},
-            {"interface_status eth0", "interface_disappeared if4"}, 6),
-        gap("requestsAgainAfterAnAnswerThatAChangeInterrupted",
-            {EMPTY, numbered(4).setFlags(NLM_F_DUMP_INTR), DONE, DONE, EMPTY, LINK, IF4, DONE, ADDRESS_1,
-             ADDRESS_2, DONE},
-            {"interface_status if4", "interface_status eth0", "interface_status if4"}, 6),
-        gap("removesNothingAfterAnAnswerThatWasCut",
-            {EMPTY, datagramOf({IF4, std::string(4096, '\0')}), DONE, DONE}, {"interface_status if4"}),
-        gap("ignoresTheEndOfAnEarlierAnswer",
-            {EMPTY, doneMessage().setSequence(1), LINK, IF4, doneMessage().setSequence(2), ADDRESS_1,
-             ADDRESS_2, doneMessage().setSequence(2)},
-            STATUS_OF_BOTH)),
-    nameOf<LossRow>);
+    rowsOf<LossRow>(
+        {{"reportsOnlyTheStatusIfNothingHasChanged",
+          {EMPTY, LINK, IF4, DONE, ADDRESS_1, ADDRESS_2, DONE},
+          STATUS_OF_BOTH},
+         {"reportsTheNewBeforeTheRemoved",
+          {EMPTY, eth0({{IFLA_ADDRESS, "\0\x1a\x2b\x3c\x4d\x5f"s}}), numbered(5), DONE, ADDRESS_2,
+           ipv4Message({{IFA_LOCAL, "10.0.0.3"}}), DONE},
+          STATUS + addressAppears("00:1a:2b:3c:4d:5f") + interfaceAppears("if5") +
+              addressAppears("10.0.0.3/255.255.255.0") + addressDisappears(MAC_TEXT) +
+              addressDisappears(TEXT_1) + Log{"interface_disappeared if4"}},
+         {"reportsARemovedInterfaceWithItsAddresses",
+          {EMPTY, IF4, DONE, DONE},
+          Log{"interface_status if4"} + addressDisappears(MAC_TEXT) + addressDisappears(TEXT_1) +
+              addressDisappears(TEXT_2) + REMOVED},
+         {"reportsAnAddressWithAnotherNetmaskAsRemovedAndNew",
+          {EMPTY, LINK, IF4, DONE, ipv4Message({{IFA_LOCAL, "10.0.0.1"}}, 16), ADDRESS_2, DONE},
+          STATUS_OF_BOTH + addressDisappears(TEXT_1) + addressAppears("10.0.0.1/255.255.0.0")},
+         // The state at the end of the answers counts.
+         {"includesChangesDuringTheAnswers",
+          {EMPTY, LINK, IF4, DONE, ADDRESS_1, ADDRESS_2, removal(4), removedAddress("10.0.0.2"), numbered(6),
+           DONE},
+          Log{"interface_status eth0", "interface_status if4", "interface_disappeared if4"} +
+              addressDisappears(TEXT_2) + interfaceAppears("if6")},
+         // A message without a MAC does not remove the MAC.
+         {"keepsTheMacThatOneOfTwoMessagesHas",
+          {EMPTY, LINK, eth0(), IF4, DONE, ADDRESS_1, ADDRESS_2, DONE},
+          {"interface_status eth0", "interface_status eth0", "interface_status if4"}},
+         {"requestsAgainAfterALossDuringTheAnswers",
+          {EMPTY, LOST, DONE, EMPTY, LINK, DONE, ADDRESS_1, ADDRESS_2, DONE},
+          {"interface_status eth0", "interface_disappeared if4"},
+          6},
+         {"requestsAgainAfterAnAnswerThatAChangeInterrupted",
+          {EMPTY, numbered(4).setFlags(NLM_F_DUMP_INTR), DONE, DONE, EMPTY, LINK, IF4, DONE, ADDRESS_1,
+           ADDRESS_2, DONE},
+          {"interface_status if4", "interface_status eth0", "interface_status if4"},
+          6},
+         {"removesNothingAfterAnAnswerThatWasCut",
+          {EMPTY, datagramOf({IF4, std::string(4096, '\0')}), DONE, DONE},
+          {"interface_status if4"}},
+         {"ignoresTheEndOfAnEarlierAnswer",
+          {EMPTY, doneMessage().setSequence(1), LINK, IF4, doneMessage().setSequence(2), ADDRESS_1, ADDRESS_2,
+           doneMessage().setSequence(2)},
+          STATUS_OF_BOTH}}),
+    byName);
 
 TEST_F(Loss, removesNothingAfterTheStop) {
     EXPECT_EQ(Log(), report({EMPTY, DONE, stopDuring(DONE)}));
 }
 
-TEST_F(Loss, endsTheWatchIfTheNextRequestFails) {
+// An interface disappears while no watch is running.
+TEST_F(Loss, endsTheWatchIfTheNextRequestFailsAndIsMadeGoodByTheNextWatch) {
     Fault const fault(inject_sendmsg, ENOMEM, 3);
-    EXPECT_EQ(Log(), report({EMPTY}));
+    EXPECT_EQ(Log(), report({EMPTY}, ENOMEM));
     EXPECT_EQ(2U, m_kernel->getRequests().size());
-}
-
-// The interface disappeared while no watch was running.
-TEST_F(Loss, isMadeGoodByTheNextWatch) {
-    Fault const fault(inject_sendmsg, ENOMEM, 3);
-    EXPECT_EQ(Log(), report({EMPTY}));
     EXPECT_EQ(
         (Log{"interface_status eth0", "interface_disappeared if4"}),
         watch({LINK, DONE, ADDRESS_1, ADDRESS_2, DONE}));
     EXPECT_EQ("01000000", m_kernel->getRequests()[0].substr(16, 8));
 }
 
-struct PauseRow {
-    char const* name;
-    Steps steps;
-    int pauses;
-};
-
-class RepeatedFailure : public Watch, public testing::WithParamInterface<PauseRow> {};
-
-TEST_P(RepeatedFailure, pausesBeforeAThirdAttempt) {
-    int const before = s_sleeps;
-    watch(Steps{DONE, DONE} + GetParam().steps, true);
-    EXPECT_EQ(GetParam().pauses, s_sleeps - before);
-    EXPECT_EQ(0U, m_kernel->countStepsLeft());
-    if (GetParam().pauses != 0) {
-        EXPECT_EQ(100000000, s_last_sleep_ns);
-    }
-    std::ErrorStorage::ack();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Each, RepeatedFailure,
-    testing::Values(
-        PauseRow{"one failure", {BROKEN}, 0},
-        // The last attempt finds the monitor stopped.
-        PauseRow{"a permanent failure", Steps(50, BROKEN), 49},
-        PauseRow{"a permanent result of 0", Steps(10, Step::nothing(0)), 9},
-        PauseRow{"messages between", {BROKEN, DONE, BROKEN, DONE, BROKEN, DONE}, 0},
-        PauseRow{"interruptions by signals", Steps(10, SIGNAL), 0},
-        PauseRow{"while it empties the queue", {LOST, BROKEN, BROKEN, EMPTY, DONE}, 2}));
-
-TEST_F(Watch, doesNotRepeatAnInterruptedReception) {
-    watch({SIGNAL, DONE, DONE}, true);
-    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EINTR));
-}
-
-TEST_F(Watch, takesAFailedReceptionForItsEndAfterTheStop) {
-    for (Step const& step : {BROKEN, Step::nothing(EBADF)}) {
-        RecordingListener listener;
-        NetDeviceMonitor monitor(&listener);
-        Kernel kernel({DONE, DONE, step.during([&monitor] { monitor.stopWatching(); }), DONE});
-        EXPECT_FALSE(kernel.watch(monitor));
-        EXPECT_EQ(1U, kernel.countStepsLeft());
-        EXPECT_TRUE(chainIs({}));
-    }
-}
-
-TEST_F(Watch, failsIfAReceptionFailedBeforeTheStop) {
-    watch({DONE, Step::failure(EIO), stopDuring(Step::failure(EIO))}, true);
-    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EIO));
-}
-
-TEST_F(Watch, reportsTheDatagramThatArrivesWithTheStop) {
-    EXPECT_EQ(interfaceAppears("if1"), watch({DONE, DONE, stopDuring(numbered(1)), numbered(2)}));
-}
-
 TEST_F(Watch, closesItsSocketWhenTheListenerThrows) {
     m_listener.on_call = [](std::string const&) { throw std::runtime_error("no more"); };
-    {
-        Kernel kernel({numbered(1), DONE, DONE});
-        EXPECT_THROW(kernel.watch(m_monitor), std::runtime_error);
-        EXPECT_EQ(1, kernel.countCloses());
-        m_monitor.stopWatching();
-        EXPECT_EQ(0U, kernel.getWakes().size());
-    }
-    EXPECT_TRUE(chainIs({}));
+    Kernel kernel({numbered(1), DONE, DONE});
+    EXPECT_THROW(kernel.watch(m_monitor), std::runtime_error);
+    EXPECT_EQ(1, kernel.countCloses());
+    m_monitor.stopWatching();
+    EXPECT_EQ(0U, kernel.getWakes().size());
 }
 
 // While the stopping thread uses the number of the socket, it must not become that of another descriptor.
@@ -1204,15 +1091,6 @@ TEST_F(Watch, closesItsSocketOnlyAfterAStopInAnotherThread) {
     stopper.join();
     EXPECT_EQ(1, kernel.countCloses());
     EXPECT_EQ(1U, kernel.getWakes().size());
-}
-
-TEST_F(Watch, leavesNoSocketForALateStop) {
-    watch({DONE, DONE});
-    EXPECT_EQ(1U, m_kernel->getWakes().size());
-    m_monitor.stopWatching();
-    m_monitor.stopWatching();
-    EXPECT_EQ(1U, m_kernel->getWakes().size());
-    EXPECT_EQ(1, m_kernel->countCloses());
 }
 
 } // namespace

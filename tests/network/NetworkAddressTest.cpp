@@ -1,3 +1,4 @@
+#include "support/NamedRow.h"
 #include "support/NetworkNamespace.h"
 
 #include "NetworkTest.h"
@@ -12,7 +13,6 @@
 #include <iterator>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <ostream>
 #include <string>
 #include <sys/socket.h>
 #include <type_traits>
@@ -47,63 +47,49 @@ is(NetworkAddressBase const& address, NetworkAddressBase::Type type, std::string
 // The earlier content of an object must not matter.
 NetworkAddress const FULL(NetworkAddress::LINK, "00:11:22:33:44:55");
 
-using PrefixRow = std::pair<unsigned int, char const*>;
-
-class Prefix : public testing::TestWithParam<PrefixRow> {
-protected:
-    static void expectMask(NetworkAddressBase::Type type) {
+// The last row of each is that of all larger prefixes.
+TEST(NetworkAddressBase, hasTheNetmasksOfPrefixes) {
+    std::pair<unsigned int, char const*> const ipv4[] = {
+        {0, "0.0.0.0"},      {1, "128.0.0.0"},      {7, "254.0.0.0"},        {8, "255.0.0.0"},
+        {12, "255.240.0.0"}, {24, "255.255.255.0"}, {31, "255.255.255.254"}, {32, "255.255.255.255"}};
+    std::pair<unsigned int, char const*> const ipv6[] = {
+        {0, "0000:0000:0000:0000:0000:0000:0000:0000"},   {1, "8000:0000:0000:0000:0000:0000:0000:0000"},
+        {12, "fff0:0000:0000:0000:0000:0000:0000:0000"},  {15, "fffe:0000:0000:0000:0000:0000:0000:0000"},
+        {16, "ffff:0000:0000:0000:0000:0000:0000:0000"},  {24, "ffff:ff00:0000:0000:0000:0000:0000:0000"},
+        {32, "ffff:ffff:0000:0000:0000:0000:0000:0000"},  {64, "ffff:ffff:ffff:ffff:0000:0000:0000:0000"},
+        {127, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe"}, {128, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}};
+    auto const expectMask = [](NetworkAddressBase::Type type, unsigned int prefix, char const* text) {
         NetworkAddressBase address = FULL;
-        EXPECT_FALSE(address.set_prefix(type, GetParam().first));
-        EXPECT_TRUE(is(address, type, GetParam().second));
+        EXPECT_FALSE(address.set_prefix(type, prefix));
+        EXPECT_TRUE(is(address, type, text)) << prefix;
+    };
+    for (auto const& [prefix, text] : ipv4) {
+        expectMask(NetworkAddress::IPV4, prefix, text);
     }
-};
-using IPv4Prefix = Prefix;
-using IPv6Prefix = Prefix;
-
-TEST_P(IPv4Prefix, becomesTheTextOfItsNetmask) {
-    expectMask(NetworkAddress::IPV4);
+    for (auto const& [prefix, text] : ipv6) {
+        expectMask(NetworkAddress::IPV6, prefix, text);
+    }
+    for (unsigned int const prefix : {33U, 64U, 128U, 200U, UINT32_MAX}) {
+        expectMask(NetworkAddress::IPV4, prefix, std::end(ipv4)[-1].second);
+    }
+    for (unsigned int const prefix : {200U, UINT32_MAX}) {
+        expectMask(NetworkAddress::IPV6, prefix, std::end(ipv6)[-1].second);
+    }
+    for (uint32_t const type : {0U, 1U, 4U, 10U, UINT32_MAX}) {
+        NetworkAddressBase address = FULL;
+        EXPECT_TRUE(address.set_prefix(static_cast<NetworkAddressBase::Type>(type), 24));
+        EXPECT_TRUE(is(address, NetworkAddressBase::NONE, ""));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Lengths, IPv4Prefix,
-    testing::Values(
-        PrefixRow{0, "0.0.0.0"}, PrefixRow{1, "128.0.0.0"}, PrefixRow{7, "254.0.0.0"},
-        PrefixRow{8, "255.0.0.0"}, PrefixRow{12, "255.240.0.0"}, PrefixRow{24, "255.255.255.0"},
-        PrefixRow{31, "255.255.255.254"}, PrefixRow{32, "255.255.255.255"}, PrefixRow{33, "255.255.255.255"},
-        PrefixRow{64, "255.255.255.255"}, PrefixRow{128, "255.255.255.255"},
-        PrefixRow{200, "255.255.255.255"}, PrefixRow{UINT32_MAX, "255.255.255.255"}));
-
-TEST_P(IPv6Prefix, becomesTheTextOfItsNetmask) {
-    expectMask(NetworkAddress::IPV6);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Lengths, IPv6Prefix,
-    testing::Values(
-        PrefixRow{0, "0000:0000:0000:0000:0000:0000:0000:0000"},
-        PrefixRow{1, "8000:0000:0000:0000:0000:0000:0000:0000"},
-        PrefixRow{12, "fff0:0000:0000:0000:0000:0000:0000:0000"},
-        PrefixRow{15, "fffe:0000:0000:0000:0000:0000:0000:0000"},
-        PrefixRow{16, "ffff:0000:0000:0000:0000:0000:0000:0000"},
-        PrefixRow{24, "ffff:ff00:0000:0000:0000:0000:0000:0000"},
-        PrefixRow{32, "ffff:ffff:0000:0000:0000:0000:0000:0000"},
-        PrefixRow{64, "ffff:ffff:ffff:ffff:0000:0000:0000:0000"},
-        PrefixRow{127, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe"},
-        PrefixRow{128, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
-        PrefixRow{200, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
-        PrefixRow{UINT32_MAX, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}));
 
 // Compares each mask with the result of arithmetic on the representation of the system.
-TEST(NetworkAddressBase, hasEveryPrefixOfIPv4) {
+TEST(NetworkAddressBase, hasEveryPrefix) {
     for (unsigned int length = 0; length <= 32; ++length) {
         in_addr const mask{htonl(length == 0 ? 0 : ~uint32_t{0} << (32 - length))};
         NetworkAddressBase address;
         EXPECT_FALSE(address.set_prefix(NetworkAddressBase::IPV4, length));
         EXPECT_EQ(inet_ntoa(mask), address.getText()) << length;
     }
-}
-
-TEST(NetworkAddressBase, hasEveryPrefixOfIPv6) {
     for (unsigned int length = 0; length <= 128; ++length) {
         in6_addr expected{};
         for (unsigned int bit = 0; bit < length; ++bit) {
@@ -119,24 +105,11 @@ TEST(NetworkAddressBase, hasEveryPrefixOfIPv6) {
     }
 }
 
-class TypeWithoutPrefix : public testing::TestWithParam<uint32_t> {};
-
-TEST_P(TypeWithoutPrefix, leavesNoAddressAndFails) {
-    NetworkAddressBase address = FULL;
-    EXPECT_TRUE(address.set_prefix(static_cast<NetworkAddressBase::Type>(GetParam()), 24));
-    EXPECT_TRUE(is(address, NetworkAddressBase::NONE, ""));
-}
-
-INSTANTIATE_TEST_SUITE_P(Types, TypeWithoutPrefix, testing::Values(0, 1, 4, 10, UINT32_MAX));
-
-struct BinaryRow {
-    std::string name;
+struct BinaryRow : NamedRow {
     int family;
     std::vector<unsigned char> bytes;
     NetworkAddressBase::Type type;
     char const* text;
-
-    friend void PrintTo(BinaryRow const& row, std::ostream* out) { *out << row.name; }
 };
 
 class BinaryAddress : public testing::TestWithParam<BinaryRow> {};
@@ -155,61 +128,47 @@ TEST_P(BinaryAddress, becomesItsText) {
 
 INSTANTIATE_TEST_SUITE_P(
     Of, BinaryAddress,
-    testing::Values(
-        BinaryRow{"fourBytes", AF_INET, {192, 168, 0, 254}, NetworkAddress::IPV4, "192.168.0.254"},
-        BinaryRow{"theLowestIPv4", AF_INET, {0, 0, 0, 0}, NetworkAddress::IPV4, "0.0.0.0"},
-        BinaryRow{"theHighestIPv4", AF_INET, {255, 255, 255, 255}, NetworkAddress::IPV4, "255.255.255.255"},
-        BinaryRow{
-            "sixteenBytes",
-            AF_INET6,
-            {std::begin(BYTES), std::end(BYTES)},
-            NetworkAddress::IPV6,
-            "fe80::1a:2bff:fe4d:5e09"},
-        BinaryRow{
-            "aLink", 0, {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e}, NetworkAddress::LINK, "00:1a:2b:3c:4d:5e"},
-        BinaryRow{
-            "aLinkOfHighBytes",
-            0,
-            {0xff, 0xf0, 0x0f, 0x80, 0xfe, 0x01},
-            NetworkAddress::LINK,
-            "ff:f0:0f:80:fe:01"}),
-    [](auto const& row) { return row.param.name; });
+    rowsOf<BinaryRow>(
+        {{"fourBytes", AF_INET, {192, 168, 0, 254}, NetworkAddress::IPV4, "192.168.0.254"},
+         {"theLowestIPv4", AF_INET, {0, 0, 0, 0}, NetworkAddress::IPV4, "0.0.0.0"},
+         {"theHighestIPv4", AF_INET, {255, 255, 255, 255}, NetworkAddress::IPV4, "255.255.255.255"},
+         {"sixteenBytes",
+          AF_INET6,
+          {std::begin(BYTES), std::end(BYTES)},
+          NetworkAddress::IPV6,
+          "fe80::1a:2bff:fe4d:5e09"},
+         {"aLink", 0, {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e}, NetworkAddress::LINK, "00:1a:2b:3c:4d:5e"},
+         {"aLinkOfHighBytes",
+          0,
+          {0xff, 0xf0, 0x0f, 0x80, 0xfe, 0x01},
+          NetworkAddress::LINK,
+          "ff:f0:0f:80:fe:01"}}),
+    byName);
 
-class FormOfIPv6 : public testing::TestWithParam<char const*> {};
-
-TEST_P(FormOfIPv6, isThatOfTheSystem) {
-    in6_addr bytes{};
-    ASSERT_EQ(1, inet_pton(AF_INET6, GetParam(), &bytes));
-    NetworkAddress address;
-    EXPECT_FALSE(address.set(AF_INET6, &bytes));
-    EXPECT_TRUE(is(address, NetworkAddress::IPV6, GetParam()));
+TEST(NetworkAddress, hasTheFormOfTheSystemForIPv6) {
+    for (char const* const text :
+         {"::", "::1", "fe80::", "::ffff:192.168.100.200", "2001:db8::1:0:0:1",
+          "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "1:0:2:0:3:0:4:0"}) {
+        in6_addr bytes{};
+        ASSERT_EQ(1, inet_pton(AF_INET6, text, &bytes));
+        NetworkAddress address;
+        EXPECT_FALSE(address.set(AF_INET6, &bytes));
+        EXPECT_TRUE(is(address, NetworkAddress::IPV6, text));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Texts, FormOfIPv6,
-    testing::Values(
-        "::", "::1", "fe80::", "::ffff:192.168.100.200", "2001:db8::1:0:0:1",
-        "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "1:0:2:0:3:0:4:0"));
-
-class Family : public testing::TestWithParam<int> {};
-
-TEST_P(Family, changesNothingWithoutData) {
-    NetworkAddress address = FULL;
-    EXPECT_TRUE(address.set(GetParam(), nullptr));
-    EXPECT_TRUE(is(address, FULL.getType(), FULL.getText()));
+TEST(NetworkAddress, isKeptWithoutDataAndLostWithAnUnknownFamily) {
+    for (int const family : {0, AF_INET, AF_INET6, AF_UNIX, -1}) {
+        NetworkAddress address = FULL;
+        EXPECT_TRUE(address.set(family, nullptr));
+        EXPECT_TRUE(is(address, FULL.getType(), FULL.getText()));
+    }
+    for (int const family : {AF_UNIX, AF_PACKET, 3, 9, 11, -1, 0x7fffffff}) {
+        NetworkAddress address = FULL;
+        EXPECT_TRUE(address.set(family, BYTES));
+        EXPECT_TRUE(is(address, NetworkAddress::NONE, ""));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(All, Family, testing::Values(0, AF_INET, AF_INET6, AF_UNIX, -1));
-
-class UnknownFamily : public testing::TestWithParam<int> {};
-
-TEST_P(UnknownFamily, leavesNoAddressAndFails) {
-    NetworkAddress address = FULL;
-    EXPECT_TRUE(address.set(GetParam(), BYTES));
-    EXPECT_TRUE(is(address, NetworkAddress::NONE, ""));
-}
-
-INSTANTIATE_TEST_SUITE_P(Some, UnknownFamily, testing::Values(AF_UNIX, AF_PACKET, 3, 9, 11, -1, 0x7fffffff));
 
 TEST(NetworkAddress, beginsWithoutAnAddress) {
     EXPECT_TRUE(is(NetworkAddressBase(), NetworkAddress::NONE, ""));
@@ -224,28 +183,22 @@ TEST(NetworkAddress, isEqualInTypeAndText) {
     EXPECT_FALSE(address != address);
 }
 
-TEST(NetworkAddressBase, hasTheWildcardAddresses) {
-    EXPECT_TRUE(is(NetworkAddressBase::ANY_IPv4, NetworkAddressBase::IPV4, "0.0.0.0"));
-    EXPECT_TRUE(is(NetworkAddressBase::ANY_IPv6, NetworkAddressBase::IPV6, "::"));
-}
-
 // The library is initialized before the program that is linked to it.
 std::string const s_any =
     NetworkAddressBase::ANY_IPv4.getText() + " " + NetworkAddressBase::ANY_IPv6.getText();
 
-TEST(NetworkAddressBase, hasThemForTheInitializersOfAProgram) {
+TEST(NetworkAddressBase, hasTheWildcardAddressesAlsoForTheInitializersOfAProgram) {
+    EXPECT_TRUE(is(NetworkAddressBase::ANY_IPv4, NetworkAddressBase::IPV4, "0.0.0.0"));
+    EXPECT_TRUE(is(NetworkAddressBase::ANY_IPv6, NetworkAddressBase::IPV6, "::"));
     EXPECT_EQ("0.0.0.0 ::", s_any);
 }
 
-TEST(NetworkInterface, hasTheNumberOfItsName) {
+TEST(NetworkInterface, hasTheNumberOfItsNameOrNone) {
     EXPECT_NE(0U, if_nametoindex("lo"));
     EXPECT_EQ(if_nametoindex("lo"), NetworkInterface("lo").getIndex());
-}
-
-TEST(NetworkInterface, hasNoNumberForAnUnknownName) {
-    EXPECT_EQ(0U, NetworkInterface("no-such-if").getIndex());
-    EXPECT_EQ(0U, NetworkInterface("").getIndex());
-    EXPECT_EQ(0U, NetworkInterface(std::string(5000, 'x')).getIndex());
+    for (std::string const& name : {std::string("no-such-if"), std::string(), std::string(5000, 'x')}) {
+        EXPECT_EQ(0U, NetworkInterface(name).getIndex());
+    }
 }
 
 VESK_NETWORK_TEST(NetworkInterface, isLookedUpAtItsConstructionOnly) {

@@ -2,6 +2,9 @@
 
 #include "processes/ProcessSupport.h"
 
+#include <tarncommon/error/ErrorApi.h>
+#include <tarncommon/error/GlobalErrorHandler.h>
+
 #include <functional>
 #include <string>
 
@@ -55,6 +58,35 @@ inline Capture capture(std::function<void(ProcessTNG& process, Go const& go)> co
     result.output = end.output;
     result.errors = end.errors;
     return result;
+}
+
+/// Writes each event during its lifetime to standard error, with the pending reports or "nothing". An abort
+/// returns.
+class EventWriter {
+public:
+    EventWriter() : m_before(std::GlobalErrorHandler::setHook(&m_hook)) {}
+    ~EventWriter() { std::GlobalErrorHandler::setHook(m_before); }
+    EventWriter(EventWriter const&) = delete;
+    EventWriter& operator=(EventWriter const&) = delete;
+
+private:
+    std::GlobalErrorHandler::Hook m_hook{
+        [](std::GlobalErrorHandler::Event const& event, void*) {
+            dprintf(
+                STDERR_FILENO, "%s: %s\n", event.message,
+                std::ErrorStorage::isError(true) ? tarn_error.getReasonList().c_str() : "nothing");
+            return true;
+        },
+        nullptr};
+    std::GlobalErrorHandler::Hook const* m_before;
+};
+
+inline vesk::sched::Attr makeAttributes(int policy, int priority, int nice) {
+    vesk::sched::Attr attributes;
+    attributes.policy = static_cast<vesk::sched::Policy_E>(policy);
+    attributes.param.priority = priority;
+    attributes.param.nice = nice;
+    return attributes;
 }
 
 /// Captures a child of an object that `set` has set up.

@@ -1,6 +1,7 @@
 #include "processes/ChildCapture.h"
 
 #include "support/Inject.h"
+#include "support/NamedRow.h"
 #include "support/NewFault.h"
 
 #include <tarncommon/error/ErrorApi.h>
@@ -8,9 +9,9 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <fnmatch.h>
 #include <sched.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 // The calls between fork and exec. The functions are replaced in the process; the child inherits their state
 // and the faults that are set.
@@ -185,7 +186,7 @@ VESK_INJECT_ERRNO(char*, nullptr, strdup, (char const* text), (text))
 namespace {
 
 using namespace support;
-using vesk::sched::Attr;
+using namespace vesk::sched;
 namespace SysErrorId = vesk::SysErrorId;
 using Handler = std::GlobalErrorHandler;
 
@@ -197,6 +198,8 @@ protected:
         ProcessTest::TearDown();
     }
 
+    TempDir m_dir;
+
 private:
     static void reset() {
         g_record = g_policy = g_gate = g_forked = -1;
@@ -206,44 +209,43 @@ private:
 
 using Set = std::function<void(ProcessTNG&)>;
 
-/// Captures a child with a fault that is set for its start.
-Capture captureFault(
-    Injected& function, int error, Set const& set = [](ProcessTNG&) {}) {
-    return capture([&](ProcessTNG& process, Go const& go) {
-        set(process);
-        Fault const fault(function, error);
-        go();
-    });
-}
+/// A child, and its calls between fork and exec.
+struct Recorded : Capture {
+    /// Returns the descriptor of the first call of dup2, or -1.
+    int getDuplicated() const {
+        int fd = -1;
+        size_t const at = calls.find("dup2 ");
+        sscanf(calls.c_str() + (at == std::string::npos ? 0 : at), "dup2 %d", &fd);
+        return fd;
+    }
 
-/// Captures a child, and stores its calls between fork and exec in `calls`.
-Capture captureCalls(std::string& calls, Set const& set, int dup_error = 0) {
-    ProcessPipe pipe(ProcessPipe::ChildGets::READ_END);
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        set(process);
-        g_record = pipe.getWriteEnd();
-        Fault const fault(inject_dup2, dup_error);
-        go();
-    });
-    EXPECT_EQ(0, seen.status);
-    calls = pipe.readAll();
-    return seen;
-}
+    /// Checks that a text is this pattern, in which "*" matches any text, and that Capture::fill fills.
+    testing::AssertionResult matches(std::string const& text, std::string pattern) const {
+        pattern = fill(pattern, getDuplicated());
+        for (size_t at = 0; (at = pattern.find('[', at)) != std::string::npos; at += 2) {
+            pattern.insert(at, "\\");
+        }
+        return (fnmatch(pattern.c_str(), text.c_str(), 0) == 0 ? testing::AssertionSuccess()
+                                                               : testing::AssertionFailure())
+            << text << " does not match " << pattern;
+    }
 
-/// Returns the calls of the child between fork and exec.
-std::string recordCalls(Set const& set) {
     std::string calls;
-    captureCalls(calls, set);
-    return calls;
-}
+};
 
-/// Returns the descriptor of the first call of dup2.
-int findDuplicated(std::string const& calls) {
-    int fd = -1;
-    size_t const at = calls.find("dup2 ");
-    EXPECT_NE(std::string::npos, at) << calls;
-    EXPECT_EQ(1, sscanf(calls.substr(at == std::string::npos ? 0 : at).c_str(), "dup2 %d", &fd));
-    return fd;
+/// Captures a child that starts with a fault.
+Recorded record(Set const& set, Injected& function = inject_dup2, int error = 0) {
+    ProcessPipe pipe(ProcessPipe::ChildGets::READ_END);
+    Recorded seen{
+        capture([&](ProcessTNG& process, Go const& go) {
+            set(process);
+            g_record = pipe.getWriteEnd();
+            Fault const fault(function, error);
+            go();
+        }),
+        ""};
+    seen.calls = pipe.readAll();
+    return seen;
 }
 
 size_t count(std::string const& text, std::string const& part) {
@@ -254,165 +256,290 @@ size_t count(std::string const& text, std::string const& part) {
     return number;
 }
 
-Attr makeAttributes(int policy, int priority, int nice) {
-    Attr attributes;
-    attributes.policy = static_cast<vesk::sched::Policy_E>(policy);
-    attributes.param.priority = priority;
-    attributes.param.nice = nice;
-    return attributes;
-}
-
 std::string unclassified(int error) {
     return rowText(SysErrorId::UNCLASSIFIED, systemText(error)) + "\n";
 }
 
-struct ForkRow {
-    int error;
-    ExpectedReport report;
+TEST_F(ProcessChildFailure, aFailedForkFailsTheStartAndLeavesTheObjectIdleWithoutItsLastEnd) {
+    std::pair<int, ExpectedReport> const rows[] = {
+        {EAGAIN, SysErrorId::RESOURCES_EXHAUSTED},
+        {ENOMEM, SysErrorId::OUT_OF_MEMORY},
+        {ENOSYS, ProcessTNG::ErrorId::START_FAILED}};
+    for (bool const has_run : {false, true}) {
+        for (auto const& [error, report] : rows) {
+            RecordingListener listener;
+            ProcessTNG process;
+            process.setExitListener(&listener);
+            setExit(process, 0);
+            if (has_run) {
+                EXPECT_GT(process.start(), 0);
+                ASSERT_TRUE(listener.waitForCalls(1));
+            }
+            {
+                Fault const fault(inject_fork, error);
+                EXPECT_EQ(-1, process.start());
+            }
+            EXPECT_TRUE(causeIs(*report.family, report.id, error));
+            EXPECT_EQ(-1, process.getPid());
+            EXPECT_TRUE(hasNoState(process));
+            // All locks are free again.
+            process.setExitListener(nullptr);
+            EXPECT_TRUE(runsExit(process, 0));
+        }
+    }
+}
 
-    friend void PrintTo(ForkRow const& row, std::ostream* out) { *out << "errno " << row.error; }
+/// A child with a fault of one of its calls.
+struct ChildRow : NamedRow {
+    Set set;
+    Injected& function;
+    int error;
+    std::string errors = "err\n"; ///< What it writes to standard error.
+    std::string calls = "*";      ///< Its calls between fork and exec.
 };
 
-class ProcessForkRows : public ProcessChildFailure, public testing::WithParamInterface<ForkRow> {};
+class ProcessChildRows : public ProcessChildFailure, public testing::WithParamInterface<ChildRow> {};
 
-TEST_P(ProcessForkRows, failTheStartAndLeaveTheObjectIdle) {
-    ProcessTNG process;
-    {
-        Fault const fault(inject_fork, GetParam().error);
-        EXPECT_EQ(-1, process.start());
+TEST_P(ProcessChildRows, makeTheseCallsAndLines) {
+    Recorded const seen = record(GetParam().set, GetParam().function, GetParam().error);
+    EXPECT_TRUE(seen.matches(seen.calls, GetParam().calls));
+    EXPECT_TRUE(seen.matches(seen.errors, GetParam().errors));
+    EXPECT_GT(seen.pid, 0); // The start itself succeeds.
+    bool const aborts = GetParam().errors.find("fatal") != std::string::npos;
+    EXPECT_EQ(aborts, seen.killed);
+    EXPECT_EQ(aborts ? SIGABRT : 0, seen.status);
+    // The rows without errors redirect both outputs.
+    EXPECT_EQ(aborts || GetParam().errors.empty() ? "" : "out\n", seen.output);
+    if (&GetParam().function == &inject_dup2 && GetParam().error != 0) {
+        // A descriptor that the child has opened stays open, a given one is closed.
+        bool const opened = seen.calls.find("open ") != std::string::npos;
+        std::string const close = "close " + std::to_string(seen.getDuplicated()) + "\n";
+        EXPECT_EQ(!opened, seen.calls.find(close) != std::string::npos) << seen.calls;
     }
-    EXPECT_TRUE(chainIs({GetParam().report}));
-    EXPECT_EQ(-1, process.getPid());
-    EXPECT_TRUE(hasNoState(process));
-    // All locks are free again.
-    EXPECT_TRUE(runsExit(process, 0));
 }
 
-template <typename Id>
-ForkRow row(int error, Id id) {
-    return {error, {id, rowText(id, systemText(error))}};
+int openGiven(int number = 60) {
+    int const fd = getReal(inject_open, &open)("/dev/null", O_RDWR);
+    EXPECT_EQ(number, getReal(inject_dup2, &dup2)(fd, number));
+    return number;
 }
+
+rlim_t getDescriptorLimit() {
+    rlimit limit{};
+    EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    return limit.rlim_cur;
+}
+
+/// Returns the line about a file that cannot be opened, and the output of the child. The program and the
+/// stream are exchanged in some lines.
+std::string notOpened(char const* first, char const* last, std::string const& path, int error) {
+    return std::string(first) + " [PID]: Couldn't open new " + last + " \"" + path +
+        "\". Reason: " + strerror(error) + "\nerr\n";
+}
+/// The same about a descriptor.
+std::string
+notDuplicated(char const* first, std::string const& what, std::string const& last, int error = EMFILE) {
+    return std::string(first) + " [PID]: Couldn't dup2 (" + what + " ) new " + last +
+        "! Reason: " + strerror(error) + "\nerr\n";
+}
+
+constexpr char const* OUT = "stdout";
+constexpr char const* ERR = "stderr";
+constexpr char const* IN = "stdin";
+constexpr char const* PROGRAM = "PROGRAM";
+constexpr char const* NULL_NAME = " (\"/dev/null\") ";
+constexpr char const* NOT_SCHEDULED =
+    "*: startChild: warning: ProcessTNG::startChild (forked): Error applying scheduling policy/parameters: ";
+std::string const NOT_RUN = "framework/src/vesk/posix/ProcessTNG_fork:*: startChild: fatal: error calling "
+                            "exec() after fork()\n*";
+std::string const NO_GROUP = "Error setting new process group: framework/*: ";
+std::string const LONG_PATH = "/" + std::string(10000, 'x'); // Longer than one write to a pipe.
+
+void setNewGroup(ProcessTNG& process) {
+    process.setNewGroup(true);
+}
+template <int SIZE>
+void setNoProcessor(ProcessTNG& process) {
+    process.setAffinity(std::vector<bool>(SIZE, false));
+}
+void setNothing(ProcessTNG& /*process*/) {}
 
 INSTANTIATE_TEST_SUITE_P(
-    All, ProcessForkRows,
-    testing::Values(
-        row(EAGAIN, SysErrorId::RESOURCES_EXHAUSTED), row(ENOMEM, SysErrorId::OUT_OF_MEMORY),
-        row(ENOSYS, ProcessTNG::ErrorId::START_FAILED)));
+    Open, ProcessChildRows,
+    // Not even EINTR is repeated.
+    rowsOf<ChildRow>({
+        {"out", [](auto& p) { p.setStdoutFile("/x", false); }, inject_open, EINTR,
+         notOpened(PROGRAM, OUT, "/x", EINTR)},
+        {"outToNull", [](auto& p) { p.setStdoutNull(true); }, inject_open, EINTR,
+         notOpened(PROGRAM, OUT, "/dev/null", EINTR)},
+        {"err", [](auto& p) { p.setStderrFile("/x", false); }, inject_open, EINTR,
+         notOpened(PROGRAM, ERR, "/x", EINTR)},
+        {"errToNull", [](auto& p) { p.setStderrNull(true); }, inject_open, EINTR,
+         notOpened(PROGRAM, ERR, "/dev/null", EINTR)},
+        {"in", [](auto& p) { p.setStdinFile("/x"); }, inject_open, EINTR,
+         notOpened(IN, PROGRAM, "/x", EINTR)},
+        {"unknownNumber", [](auto& p) { p.setStdinFile("/x"); }, inject_open, 12345,
+         notOpened(IN, PROGRAM, "/x", 12345)},
+        {"longLine", [](auto& p) { p.setStdinFile(LONG_PATH); }, inject_open, 0,
+         notOpened(IN, PROGRAM, LONG_PATH, ENAMETOOLONG)},
+        {"outToAMissingFile", [](auto& p) { p.setStdoutFile("/no/such/file", false); }, inject_open, 0,
+         notOpened(PROGRAM, OUT, "/no/such/file", ENOENT)},
+        {"errToADirectory", [](auto& p) { p.setStderrFile("/", true); }, inject_open, 0,
+         notOpened(PROGRAM, ERR, "/", EISDIR)},
+        {"inFromAMissingFile", [](auto& p) { p.setStdinFile("/no/such/file"); }, inject_open, 0,
+         notOpened(IN, PROGRAM, "/no/such/file", ENOENT)},
+    }),
+    byName);
 
-TEST_F(ProcessChildFailure, aFailedStartDiscardsTheLastEnd) {
-    ProcessTNG process;
-    RecordingListener listener;
-    process.setExitListener(&listener);
-    setExit(process, 0);
-    EXPECT_GT(process.start(), 0);
-    ASSERT_TRUE(listener.waitForCalls(1));
-    {
-        Fault const fault(inject_fork, EAGAIN);
-        EXPECT_EQ(-1, process.start());
-    }
-    EXPECT_TRUE(hasNoState(process));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Dup, ProcessChildRows,
+    rowsOf<ChildRow>({
+        {"outFile", [](auto& p) { p.setStdoutFile("/dev/null", false); }, inject_dup2, EMFILE,
+         notDuplicated(PROGRAM, "FD to 1", std::string(OUT) + NULL_NAME)},
+        {"errFile", [](auto& p) { p.setStderrFile("/dev/null", true); }, inject_dup2, EMFILE,
+         notDuplicated(PROGRAM, "FD to 2", std::string(ERR) + NULL_NAME)},
+        {"inFile", [](auto& p) { p.setStdinFile("/dev/null"); }, inject_dup2, EMFILE,
+         notDuplicated(IN, "FD to 0", std::string(PROGRAM) + NULL_NAME)},
+        {"out", [](auto& p) { p.setStdoutFd(openGiven()); }, inject_dup2, EMFILE,
+         notDuplicated(OUT, "60 to 1", PROGRAM)},
+        {"err", [](auto& p) { p.setStderrFd(openGiven()); }, inject_dup2, EMFILE,
+         notDuplicated(PROGRAM, "60 to 2", ERR)},
+        {"in", [](auto& p) { p.setStdinFd(openGiven()); }, inject_dup2, EMFILE,
+         notDuplicated(PROGRAM, "0 to 60", IN)},
+        {"badOut", [](auto& p) { p.setStdoutFd(777); }, inject_dup2, 0,
+         notDuplicated(OUT, "777 to 1", PROGRAM, EBADF)},
+        {"badErr", [](auto& p) { p.setStderrFd(777); }, inject_dup2, 0,
+         notDuplicated(PROGRAM, "777 to 2", ERR, EBADF)},
+        {"badIn", [](auto& p) { p.setStdinFd(static_cast<int>(getDescriptorLimit())); }, inject_dup2, 0,
+         notDuplicated(PROGRAM, "0 to " + std::to_string(getDescriptorLimit()), IN, EBADF)},
+    }),
+    byName);
 
-TEST_F(ProcessChildFailure, aPlainChildMakesOnlyTheseCalls) {
-    EXPECT_EQ(
-        "getpid\nsigprocmask unblock all\nexecv " + getProbePath() + " " + getProbePath() + "\n",
-        recordCalls([](ProcessTNG&) {}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Setting, ProcessChildRows,
+    rowsOf<ChildRow>({
+        {"signals", setNothing, inject_sigprocmask, EINVAL,
+         "*: startChild: warning: after fork(): error unblocking signals\nerr\n"},
+        {"group", setNewGroup, inject_setpgid, EPERM, NO_GROUP + unclassified(EPERM) + "err\n"},
+        {"groupWithAnUnknownNumber", setNewGroup, inject_setpgid, 12345,
+         NO_GROUP + unclassified(12345) + "err\n"},
+        {"priority", [](auto& p) { p.setPriority(false, 5); }, inject_setpriority, EACCES,
+         NOT_SCHEDULED + systemText(EACCES) + "\nerr\n"},
+        {"policy", [](auto& p) { p.setSchedAttrs(makeAttributes(VESK_SCHED_POLICY_FIFO, 100000, 0)); },
+         inject_open, 0, NOT_SCHEDULED + systemText(EINVAL) + "\nerr\n"},
+        {"noneOf1Processor", setNoProcessor<1>, inject_open, 0,
+         "*: startChild: warning: after fork(): Error setting affinity\nerr\n"},
+        {"noneOf2Processors", setNoProcessor<2>, inject_open, 0,
+         "*: startChild: warning: after fork(): Error setting affinity\nerr\n"},
+        {"noneOf5000Processors", setNoProcessor<5000>, inject_open, 0,
+         "*: startChild: warning: after fork(): Error setting affinity\nerr\n"},
+    }),
+    byName);
 
-TEST_F(ProcessChildFailure, theMaskOmitsProcessorsThatTheMachineDoesNotHave) {
-    std::string const processors = std::to_string(vesk::Vesk::s_sys_info.processor_count);
-    EXPECT_TRUE(contains(
-        recordCalls([](ProcessTNG& process) { process.setAffinity(std::vector<bool>(5000, true)); }),
-        "\nsched_setaffinity 0 128 " + processors + "\n"));
+/// Sets a program that may not be executed.
+template <char const* const& PATH>
+void setProgram(ProcessTNG& process) {
+    process.setExecutable(PATH);
+    std::ErrorStorage::ack();
 }
+char const* const MISSING = "/no/such/program";
+char const* const EMPTY = "";
+char const* const DIRECTORY = "/tmp";
+char const* const SEARCHED = "sh";
+
+INSTANTIATE_TEST_SUITE_P(
+    Exec, ProcessChildRows,
+    rowsOf<ChildRow>({
+        {"EACCES", setNothing, inject_execv, EACCES, NOT_RUN},
+        {"ENOMEM", setNothing, inject_execv, ENOMEM, NOT_RUN},
+        {"E2BIG", setNothing, inject_execv, E2BIG, NOT_RUN},
+        {"ETXTBSY", setNothing, inject_execv, ETXTBSY, NOT_RUN},
+        {"missing", setProgram<MISSING>, inject_execv, 0, NOT_RUN},
+        {"empty", setProgram<EMPTY>, inject_execv, 0, NOT_RUN},
+        {"directory", setProgram<DIRECTORY>, inject_execv, 0, NOT_RUN},
+        {"notSearchedFor", setProgram<SEARCHED>, inject_execv, 0, NOT_RUN},
+    }),
+    byName);
+
+constexpr char const* BEGIN = "getpid\nsigprocmask unblock all\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, ProcessChildRows,
+    rowsOf<ChildRow>({
+        {"ofAPlainChild", setNothing, inject_dup2, 0, "err\n",
+         std::string(BEGIN) + "execv PROGRAM PROGRAM\n"},
+        // The mask omits processors that the machine does not have.
+        {"withProcessors", [](auto& p) { p.setAffinity(std::vector<bool>(5000, true)); }, inject_dup2, 0,
+         "err\n",
+         "*\nsched_setaffinity 0 128 " + std::to_string(vesk::Vesk::s_sys_info.processor_count) + "\n*"},
+        {"withDescriptors",
+         [](auto& p) {
+             p.setStdoutFd(openGiven(60));
+             p.setStderrFd(openGiven(61));
+             p.setStdinFd(62);
+         },
+         inject_open, 0, "",
+         "*sigprocmask unblock all\ndup2 60 1\nclose 60\ndup2 61 2\nclose 61\ndup2 0 62\nclose 0\nexecv *"},
+        {"withTheNullDevice",
+         [](auto& p) {
+             p.setStdoutNull(true);
+             p.setStderrFile("ignored", true);
+             p.setStderrNull(true);
+         },
+         inject_open, 0, "", "*open /dev/null 241 600\n*open /dev/null 441 600\n*"},
+        {"resetHandlersBeforeSignalsAreUnblocked",
+         [](auto&) {
+             signal(SIGUSR1, [](int) {});
+             signal(SIGUSR2, SIG_IGN);
+             struct sigaction action {};
+             action.sa_flags = SA_SIGINFO;
+             action.sa_sigaction = [](int, siginfo_t*, void*) {};
+             EXPECT_EQ(0, sigaction(SIGRTMIN + 1, &action, nullptr));
+         },
+         inject_dup2, 0, "err\n",
+         "getpid\nsigaction " + std::to_string(SIGUSR1) + " default\nsigaction " +
+             std::to_string(SIGRTMIN + 1) + " default\nsigprocmask unblock all\nexecv *"},
+    }),
+    byName);
 
 TEST_F(ProcessChildFailure, aChildWithEverySettingMakesItsCallsInThisOrder) {
-    TempDir const dir;
-    std::string calls;
-    Capture const seen = captureCalls(calls, [&](ProcessTNG& process) {
-        process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_POLICY_NORMAL, 0, 3));
+    std::string const out = m_dir / "out";
+    std::string const err = m_dir / "err";
+    Recorded const seen = record([&](ProcessTNG& process) {
+        process.setSchedAttrs(makeAttributes(VESK_SCHED_POLICY_NORMAL, 0, 3));
         process.setAffinity({true});
-        process.setStdoutFile(dir / "out", false);
-        process.setStderrFile(dir / "err", true);
+        process.setStdoutFile(out, false);
+        process.setStderrFile(err, true);
         process.setStdinFile("/dev/null");
         process.setNewGroup(true);
         process.setEnvironment({{"NAME", "value"}});
     });
-    std::string const expected = "getpid\n"
-                                 "sigprocmask unblock all\n"
-                                 "setscheduler 0 0 0\n"
-                                 "setpriority 0 0 3\n"
-                                 "sched_setaffinity 0 128 1\n"
-                                 "open " +
-        (dir / "out") +
-        " 241 600\n"
-        "dup2 FD 1\n"
-        "close FD\n"
-        "open " +
-        (dir / "err") +
-        " 441 600\n"
-        "dup2 FD 2\n"
-        "close FD\n"
-        "open /dev/null 0 0\n"
-        "dup2 FD 0\n"
-        "close FD\n"
-        "setpgid 0 0\n"
-        "execve PROGRAM PROGRAM NAME=value\n";
-    EXPECT_EQ(seen.fill(expected, findDuplicated(calls)), calls);
-}
-
-TEST_F(ProcessChildFailure, aChildWithDescriptorsMakesItsCallsInThisOrder) {
-    std::string const calls = recordCalls([&](ProcessTNG& process) {
-        int const out = getReal(inject_open, &open)("/dev/null", O_WRONLY);
-        EXPECT_EQ(60, dup2(out, 60));
-        EXPECT_EQ(61, dup2(out, 61));
-        process.setStdoutFd(60);
-        process.setStderrFd(61);
-        process.setStdinFd(62);
-    });
-    EXPECT_TRUE(contains(
-        calls,
-        "sigprocmask unblock all\ndup2 60 1\nclose 60\ndup2 61 2\nclose 61\ndup2 0 62\nclose 0\nexecv "));
-}
-
-TEST_F(ProcessChildFailure, theNullDeviceIsOpenedLikeAFile) {
-    std::string const calls = recordCalls([&](ProcessTNG& process) {
-        process.setStdoutNull(true);
-        process.setStderrFile("ignored", true);
-        process.setStderrNull(true);
-    });
-    EXPECT_TRUE(contains(calls, "open /dev/null 241 600\n"));
-    EXPECT_TRUE(contains(calls, "open /dev/null 441 600\n"));
-}
-
-TEST_F(ProcessChildFailure, aChildWarnsIfItCannotUnblockSignals) {
-    Capture const seen = captureFault(inject_sigprocmask, EINVAL);
-    EXPECT_TRUE(
-        contains(seen.errors, ": startChild: warning: after fork(): error unblocking signals\nerr\n"));
     EXPECT_EQ(0, seen.status);
+    EXPECT_TRUE(seen.matches(
+        seen.calls,
+        BEGIN + ("setscheduler 0 0 0\nsetpriority 0 0 3\nsched_setaffinity 0 128 1\nopen " + out) +
+            " 241 600\ndup2 FD 1\nclose FD\nopen " + err +
+            " 441 600\ndup2 FD 2\nclose FD\nopen /dev/null 0 0\ndup2 FD 0\nclose FD\nsetpgid 0 0\n"
+            "execve PROGRAM PROGRAM NAME=value\n"));
 }
 
-TEST_F(ProcessChildFailure, aChildResetsHandlersBeforeItUnblocksSignals) {
-    std::string const calls = recordCalls([](ProcessTNG&) {
-        signal(SIGUSR1, [](int) {});
-        signal(SIGUSR2, SIG_IGN);
-        struct sigaction action {};
-        action.sa_flags = SA_SIGINFO;
-        action.sa_sigaction = [](int, siginfo_t*, void*) {};
-        EXPECT_EQ(0, sigaction(SIGRTMIN + 1, &action, nullptr));
-    });
-    EXPECT_TRUE(contains(
-        calls,
-        "getpid\nsigaction " + std::to_string(SIGUSR1) + " default\nsigaction " +
-            std::to_string(SIGRTMIN + 1) + " default\nsigprocmask unblock all\nexecv "));
+TEST_F(ProcessChildFailure, aFileThatIsNoProgramAbortsTheChild) {
+    for (auto const& [content, mode] : {std::pair("#!/bin/sh\n", 0600U), {"no program at all", 0700U}}) {
+        writeFile(m_dir / "file", content);
+        EXPECT_EQ(0, chmod((m_dir / "file").c_str(), mode));
+        Recorded const seen = record([&](ProcessTNG& process) {
+            process.setExecutable(m_dir / "file");
+            std::ErrorStorage::ack();
+        });
+        EXPECT_EQ(SIGABRT, seen.killed ? seen.status : 0);
+        EXPECT_EQ("", seen.output);
+        EXPECT_TRUE(seen.matches(seen.errors, NOT_RUN));
+    }
 }
 
-struct KillCase {
-    char const* name;
+struct KillCase : NamedRow {
     bool group;
     bool graceful;
-
-    friend void PrintTo(KillCase const& row, std::ostream* out) { *out << row.name; }
 };
 
 class ProcessEarlyKillRows : public ProcessChildFailure, public testing::WithParamInterface<KillCase> {};
@@ -443,9 +570,11 @@ TEST_P(ProcessEarlyKillRows, reachAChildThatHasJustBegun) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessEarlyKillRows,
-    testing::Values(
-        KillCase{"terminate", false, true}, KillCase{"kill", false, false},
-        KillCase{"terminate its group", true, true}, KillCase{"kill its group", true, false}));
+    rowsOf<KillCase>(
+        {{"terminate", false, true},
+         {"kill", false, false},
+         {"terminate its group", true, true},
+         {"kill its group", true, false}}));
 
 TEST_F(ProcessChildFailure, startRestoresTheMaskOfTheCallingThread) {
     sigset_t set;
@@ -499,27 +628,6 @@ TEST_F(ProcessChildFailure, noChildTakesALockOrUsesTheHeapAfterAnyFailure) {
     }
 }
 
-TEST_F(ProcessChildFailure, aChildWritesALineCompletelyThatIsLongerThanOneWriteToAPipe) {
-    std::string const path = "/" + std::string(10000, 'x');
-    Capture const seen = captureWith([&](ProcessTNG& process) { process.setStdinFile(path); });
-    EXPECT_EQ(
-        seen.fill("stdin [PID]: Couldn't open new PROGRAM \"") + path +
-            "\". Reason: File name too long\nerr\n",
-        seen.errors);
-}
-
-TEST_F(ProcessChildFailure, anUnknownErrorNumberHasTheTextOfTheSystem) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setStdinFile("/x");
-        process.setNewGroup(true);
-        Fault const open_fault(inject_open, 12345);
-        Fault const group_fault(inject_setpgid, 12345);
-        go();
-    });
-    EXPECT_TRUE(contains(seen.errors, "\". Reason: Unknown error 12345\n"));
-    EXPECT_TRUE(contains(seen.errors, ": " + unclassified(12345)));
-}
-
 TEST_F(ProcessChildFailure, aReusedIdIsAnAssertionAndBelongsToTheNewChild) {
     expectInChild([] {
         HeldChild first;
@@ -539,223 +647,91 @@ TEST_F(ProcessChildFailure, aReusedIdIsAnAssertionAndBelongsToTheNewChild) {
 
 constexpr int NOT_SET = -12345;
 
-struct ScheduleRow {
-    char const* name;
+struct ScheduleRow : NamedRow {
     int policy;   // Of the attributes, with the priority 4 and the nice value 6.
     int priority; // By setPriority, before it.
     int current;
-    char const* calls;
-
-    friend void PrintTo(ScheduleRow const& row, std::ostream* out) { *out << row.name; }
+    std::string calls;
 };
 
-class ProcessScheduleRows : public ProcessChildFailure, public testing::WithParamInterface<ScheduleRow> {
-protected:
-    static void set(ProcessTNG& process) {
+class ProcessScheduleRows : public ProcessChildFailure, public testing::WithParamInterface<ScheduleRow> {};
+
+TEST_P(ProcessScheduleRows, makeTheseCallsAndWarnWhenTheLastOneFails) {
+    auto const set = [](ProcessTNG& process) {
         if (GetParam().priority != NOT_SET) {
             process.setPriority(false, GetParam().priority);
         }
         process.setSchedAttrs(makeAttributes(GetParam().policy, 4, 6));
         g_policy = GetParam().current;
         g_pretends_to_schedule = true;
-    }
-};
+    };
+    std::string const& calls = GetParam().calls;
+    Recorded const seen = record(set);
+    EXPECT_TRUE(seen.matches(seen.calls, BEGIN + calls + "execv *"));
 
-TEST_P(ProcessScheduleRows, makeTheseCalls) {
-    std::string const calls = recordCalls(set);
-    std::string const expected =
-        std::string("getpid\nsigprocmask unblock all\n") + GetParam().calls + "execv ";
-    EXPECT_EQ(expected, calls.substr(0, expected.size()));
+    bool const sets = calls.find("set") != std::string::npos;
+    // For a nice value in the attributes, only its own call counts.
+    bool const is_nice =
+        GetParam().policy == VESK_SCHED_POLICY_NORMAL || calls.find("setscheduler") == std::string::npos;
+    Recorded const failed = record(
+        [&](ProcessTNG& process) {
+            set(process);
+            static Fault const policy(inject_sched_setscheduler, EPERM); // Until the end of this process.
+        },
+        inject_setpriority, EACCES);
+    EXPECT_TRUE(failed.matches(
+        failed.errors,
+        sets ? NOT_SCHEDULED + systemText(is_nice ? EACCES : EPERM) + "\nerr\n" : std::string("err\n")));
+    EXPECT_EQ(0, seen.status + failed.status);
 }
 
-TEST_P(ProcessScheduleRows, warnWhenTheLastCallFails) {
-    std::string const calls = GetParam().calls;
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        set(process);
-        Fault const policy(inject_sched_setscheduler, EPERM);
-        Fault const nice(inject_setpriority, EACCES);
-        go();
-    });
-    if (calls.empty() || calls == "getscheduler 0\n") {
-        EXPECT_EQ("err\n", seen.errors);
-    } else {
-        EXPECT_TRUE(contains(
-            seen.errors,
-            ": startChild: warning: ProcessTNG::startChild (forked): Error applying scheduling "
-            "policy/parameters: "));
-        // For a nice value in the attributes, only its own call counts.
-        bool const is_nice = GetParam().policy == vesk::sched::VESK_SCHED_POLICY_NORMAL ||
-            calls.find("setscheduler") == std::string::npos;
-        EXPECT_TRUE(contains(seen.errors, ": " + systemText(is_nice ? EACCES : EPERM) + "\nerr\n"));
-    }
-    EXPECT_EQ(0, seen.status);
-}
-
-ScheduleRow row(char const* name, int policy, int priority, int current, char const* calls) {
-    return {name, policy, priority, current, calls};
-}
-
-using namespace vesk::sched;
 constexpr int KEEP = VESK_SCHED_POLICY_KEEP;
 
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessScheduleRows,
-    testing::Values(
-        row("noop", VESK_SCHED_NOOP, NOT_SET, SCHED_FIFO, ""),
-        row("noop and priority", VESK_SCHED_NOOP, 9, SCHED_FIFO, ""),
-        row("keep FIFO", KEEP, NOT_SET, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 4\n"),
-        row("keep RR", KEEP, NOT_SET, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 4\n"),
-        row("keep OTHER", KEEP, NOT_SET, SCHED_OTHER, "getscheduler 0\nsetpriority 0 0 6\n"),
-        row("keep BATCH", KEEP, NOT_SET, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"),
-        row("keep FIFO and priority", KEEP, 9, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 9\n"),
-        row("keep RR and priority", KEEP, 9, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 9\n"),
-        row("keep OTHER and priority", KEEP, 9, SCHED_OTHER,
-            "getscheduler 0\nsetscheduler 0 0 0\nsetpriority 0 0 9\n"),
-        row("keep BATCH and priority", KEEP, 9, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"),
-        row("RR", VESK_SCHED_POLICY_RR, 9, SCHED_OTHER, "setscheduler 0 2 4\n"),
-        row("FIFO", VESK_SCHED_POLICY_FIFO, 9, SCHED_OTHER, "setscheduler 0 1 4\n"),
-        row("NORMAL", VESK_SCHED_POLICY_NORMAL, 9, SCHED_FIFO, "setscheduler 0 0 0\nsetpriority 0 0 6\n"),
-        row("idle class", VESK_SCHED_CLASS_IDLE, 9, SCHED_OTHER, ""),
-        row("below-normal class", VESK_SCHED_CLASS_BELOW_NORMAL, 9, SCHED_OTHER, ""),
-        row("normal class", VESK_SCHED_CLASS_NORMAL, 9, SCHED_OTHER, ""),
-        row("above-normal class", VESK_SCHED_CLASS_ABOVE_NORMAL, 9, SCHED_OTHER, ""),
-        row("high class", VESK_SCHED_CLASS_HIGH, 9, SCHED_OTHER, ""),
-        row("real-time class", VESK_SCHED_CLASS_REALTIME, 9, SCHED_OTHER, ""),
-        row("unknown policy", 11, 9, SCHED_OTHER, "")));
+    rowsOf<ScheduleRow>(
+        {{"noop", VESK_SCHED_NOOP, NOT_SET, SCHED_FIFO, ""},
+         {"noop and priority", VESK_SCHED_NOOP, 9, SCHED_FIFO, ""},
+         {"keep FIFO", KEEP, NOT_SET, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 4\n"},
+         {"keep RR", KEEP, NOT_SET, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 4\n"},
+         {"keep OTHER", KEEP, NOT_SET, SCHED_OTHER, "getscheduler 0\nsetpriority 0 0 6\n"},
+         {"keep BATCH", KEEP, NOT_SET, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"},
+         {"keep FIFO and priority", KEEP, 9, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 9\n"},
+         {"keep RR and priority", KEEP, 9, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 9\n"},
+         {"keep OTHER and priority", KEEP, 9, SCHED_OTHER,
+          "getscheduler 0\nsetscheduler 0 0 0\nsetpriority 0 0 9\n"},
+         {"keep BATCH and priority", KEEP, 9, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"},
+         {"RR", VESK_SCHED_POLICY_RR, 9, SCHED_OTHER, "setscheduler 0 2 4\n"},
+         {"FIFO", VESK_SCHED_POLICY_FIFO, 9, SCHED_OTHER, "setscheduler 0 1 4\n"},
+         {"NORMAL", VESK_SCHED_POLICY_NORMAL, 9, SCHED_FIFO, "setscheduler 0 0 0\nsetpriority 0 0 6\n"},
+         {"idle class", VESK_SCHED_CLASS_IDLE, 9, SCHED_OTHER, ""},
+         {"below-normal class", VESK_SCHED_CLASS_BELOW_NORMAL, 9, SCHED_OTHER, ""},
+         {"normal class", VESK_SCHED_CLASS_NORMAL, 9, SCHED_OTHER, ""},
+         {"above-normal class", VESK_SCHED_CLASS_ABOVE_NORMAL, 9, SCHED_OTHER, ""},
+         {"high class", VESK_SCHED_CLASS_HIGH, 9, SCHED_OTHER, ""},
+         {"real-time class", VESK_SCHED_CLASS_REALTIME, 9, SCHED_OTHER, ""},
+         {"unknown policy", 11, 9, SCHED_OTHER, ""}}));
 
 TEST_F(ProcessChildFailure, aPolicyThatCannotBeSetIsNoFailureOfTheNiceValue) {
     VESK_SKIP_UNLESS_NICE_MAY_BE(0);
-    Capture const seen = captureFault(inject_sched_setscheduler, EPERM, [](ProcessTNG& process) {
-        process.setSchedAttrs(makeAttributes(VESK_SCHED_POLICY_NORMAL, 0, 0));
-    });
+    Recorded const seen = record(
+        [](ProcessTNG& process) { process.setSchedAttrs(makeAttributes(VESK_SCHED_POLICY_NORMAL, 0, 0)); },
+        inject_sched_setscheduler, EPERM);
     EXPECT_EQ("err\n", seen.errors);
-}
-
-TEST_F(ProcessChildFailure, aChildWarnsIfItsPriorityCannotBeSetAsNiceValue) {
-    Capture const seen =
-        captureFault(inject_setpriority, EACCES, [](ProcessTNG& process) { process.setPriority(false, 5); });
-    EXPECT_TRUE(contains(seen.errors, ": " + systemText(EACCES) + "\nerr\n"));
 }
 
 TEST_F(ProcessChildFailure, aChildWarnsIfItsProcessorsCannotBeSetAndAcknowledgesTheReport) {
     Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        Handler::Hook const hook{
-            [](Handler::Event const& event, void*) {
-                dprintf(
-                    STDERR_FILENO, "%s: %s\n", event.message,
-                    std::ErrorStorage::isError(true) ? tarn_error.getReasonList().c_str() : "nothing");
-                return true;
-            },
-            nullptr};
-        Handler::Hook const* const before = Handler::setHook(&hook);
+        EventWriter const writer;
         process.setAffinity({true});
         // The warning about signals shows the state of the store before that about the processors.
         Fault const signals(inject_sigprocmask, EINVAL);
         Fault const fault(inject_sched_setaffinity, EPERM);
         go();
-        Handler::setHook(before);
     });
     EXPECT_EQ(0U, seen.errors.find("after fork(): error unblocking signals: nothing\n")) << seen.errors;
     EXPECT_TRUE(contains(seen.errors, "\nafter fork(): Error setting affinity: framework/"));
     EXPECT_TRUE(contains(seen.errors, unclassified(EPERM) + "err\n"));
-}
-
-struct RedirectionRow {
-    char const* name;
-    void (*set)(ProcessTNG& process);
-    char const* text;
-
-    friend void PrintTo(RedirectionRow const& row, std::ostream* out) { *out << row.name; }
-};
-
-RedirectionRow row(char const* name, void (*set)(ProcessTNG& process), char const* text) {
-    return {name, set, text};
-}
-
-class ProcessDupRows : public ProcessChildFailure, public testing::WithParamInterface<RedirectionRow> {};
-
-TEST_P(ProcessDupRows, areReportedAndTheChildContinues) {
-    std::string calls;
-    Capture const seen = captureCalls(calls, GetParam().set, EMFILE);
-    int const fd = findDuplicated(calls);
-    EXPECT_EQ(seen.fill(GetParam().text, fd) + "! Reason: Too many open files\nerr\n", seen.errors);
-    EXPECT_EQ("out\n", seen.output);
-    // A descriptor that the child has opened stays open, a given one is closed.
-    bool const opened = calls.find("open ") != std::string::npos;
-    EXPECT_EQ(!opened, calls.find("close " + std::to_string(fd) + "\n") != std::string::npos) << calls;
-}
-
-int openGiven() {
-    int const fd = getReal(inject_open, &open)("/dev/null", O_RDWR);
-    EXPECT_EQ(60, getReal(inject_dup2, &dup2)(fd, 60));
-    return 60;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessDupRows,
-    testing::Values(
-        row(
-            "stdout by name", [](ProcessTNG& p) { p.setStdoutFile("/dev/null", false); },
-            "PROGRAM [PID]: Couldn't dup2 (FD to 1 ) new stdout (\"/dev/null\") "),
-        row(
-            "stderr by name", [](ProcessTNG& p) { p.setStderrFile("/dev/null", true); },
-            "PROGRAM [PID]: Couldn't dup2 (FD to 2 ) new stderr (\"/dev/null\") "),
-        row(
-            "stdin by name", [](ProcessTNG& p) { p.setStdinFile("/dev/null"); },
-            "stdin [PID]: Couldn't dup2 (FD to 0 ) new PROGRAM (\"/dev/null\") "),
-        row(
-            "stdout by descriptor", [](ProcessTNG& p) { p.setStdoutFd(openGiven()); },
-            "stdout [PID]: Couldn't dup2 (60 to 1 ) new PROGRAM"),
-        row(
-            "stderr by descriptor", [](ProcessTNG& p) { p.setStderrFd(openGiven()); },
-            "PROGRAM [PID]: Couldn't dup2 (60 to 2 ) new stderr"),
-        row(
-            "stdin by descriptor", [](ProcessTNG& p) { p.setStdinFd(openGiven()); },
-            "PROGRAM [PID]: Couldn't dup2 (0 to 60 ) new stdin")));
-
-class ProcessOpenRows : public ProcessChildFailure, public testing::WithParamInterface<RedirectionRow> {};
-
-TEST_P(ProcessOpenRows, areReportedAndTheChildContinues) {
-    Capture const seen = captureFault(inject_open, EINTR, GetParam().set); // Not even that is repeated.
-    EXPECT_EQ(seen.fill(GetParam().text) + "\". Reason: Interrupted system call\nerr\n", seen.errors);
-    EXPECT_EQ("out\n", seen.output);
-    EXPECT_EQ(0, seen.status);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessOpenRows,
-    testing::Values(
-        row(
-            "stdout", [](ProcessTNG& p) { p.setStdoutFile("/x", false); },
-            "PROGRAM [PID]: Couldn't open new stdout \"/x"),
-        row(
-            "stdout null", [](ProcessTNG& p) { p.setStdoutNull(true); },
-            "PROGRAM [PID]: Couldn't open new stdout \"/dev/null"),
-        row(
-            "stderr", [](ProcessTNG& p) { p.setStderrFile("/x", false); },
-            "PROGRAM [PID]: Couldn't open new stderr \"/x"),
-        row(
-            "stderr null", [](ProcessTNG& p) { p.setStderrNull(true); },
-            "PROGRAM [PID]: Couldn't open new stderr \"/dev/null"),
-        row(
-            "stdin", [](ProcessTNG& p) { p.setStdinFile("/x"); },
-            "stdin [PID]: Couldn't open new PROGRAM \"/x")));
-
-TEST_F(ProcessChildFailure, aChildReportsAFailedGroupAndContinues) {
-    Capture const seen =
-        captureFault(inject_setpgid, EPERM, [](ProcessTNG& process) { process.setNewGroup(true); });
-    EXPECT_EQ(0U, seen.errors.find("Error setting new process group: framework/")) << seen.errors;
-    EXPECT_TRUE(contains(seen.errors, ": " + unclassified(EPERM) + "err\n"));
-    EXPECT_EQ(0, seen.status);
-}
-
-TEST_F(ProcessChildFailure, aFailedExecAbortsTheChild) {
-    for (int const error : {EACCES, ENOMEM, E2BIG, ETXTBSY}) {
-        Capture const seen = captureFault(inject_execv, error);
-        EXPECT_TRUE(seen.killed);
-        EXPECT_EQ(SIGABRT, seen.status);
-        EXPECT_TRUE(contains(seen.errors, ": startChild: fatal: error calling exec() after fork()\n"));
-    }
 }
 
 std::string const OUT_OF_MEMORY = ": out of memory: native arguments vector\n";

@@ -1,6 +1,7 @@
 #include "processes/ProcessSupport.h"
 
 #include "support/Inject.h"
+#include "support/NamedRow.h"
 #include "support/NewFault.h"
 #include "support/UnlockFault.h"
 
@@ -59,14 +60,11 @@ TEST(ProcessSetUp, failsWithoutMemory) {
     expectNoCollector();
 }
 
-struct ThreadRow {
-    std::string name;
+struct ThreadRow : NamedRow {
     Injected& function;
     int error;
     int nth;
     std::vector<ExpectedReport> chain;
-
-    friend void PrintTo(ThreadRow const& row, std::ostream* out) { *out << row.name; }
 };
 
 std::vector<ExpectedReport> const START_FAILED = {
@@ -90,10 +88,11 @@ TEST_P(ProcessSetUpThread, failsAndLeavesNothingBehind) {
 // The second lock of this thread is that of the thread's start; the first one is that of the lazy set-up.
 INSTANTIATE_TEST_SUITE_P(
     Without, ProcessSetUpThread,
-    testing::Values(
-        ThreadRow{"aThread", inject_pthread_create, EAGAIN, 1, {{Vesk::ErrorId::INIT_FAILED, NO_IMPL}}},
-        ThreadRow{"theLockOfTheStart", inject_pthread_mutex_lock, EINVAL, 2, START_FAILED}),
-    [](auto const& row) { return row.param.name; });
+    rowsOf<ThreadRow>({
+        {"aThread", inject_pthread_create, EAGAIN, 1, {{Vesk::ErrorId::INIT_FAILED, NO_IMPL}}},
+        {"theLockOfTheStart", inject_pthread_mutex_lock, EINVAL, 2, START_FAILED},
+    }),
+    byName);
 
 TEST(ProcessSetUp, keepsAThreadThatRunsAlthoughItsStartFailed) {
     Vesk const vesk(true, false);
@@ -115,26 +114,22 @@ TEST(ProcessSetUp, keepsAThreadThatRunsAlthoughItsStartFailed) {
     ProcessTNG::exit();
 }
 
-TEST(ProcessSetUp, ofTheOwnNameFailsWithoutMemory) {
+TEST(ProcessSetUp, ofTheOwnNameFailsWithoutMemoryOrALockAndLeavesNothingBehind) {
     Vesk const vesk(true, false);
-    {
-        NewFault const fault(New::NOTHROW_SINGLE);
+    for (bool const has_memory : {false, true}) {
+        {
+            NewFault const memory(New::NOTHROW_SINGLE, 1, has_memory ? 0 : 1);
+            Fault const fault(inject_pthread_rwlock_init, has_memory ? ENOMEM : 0);
+            EXPECT_EQ("", ProcessTNG::getOwnProcessName());
+        }
+        ExpectedReport const failed(Vesk::ErrorId::INIT_FAILED, NO_STATIC_IMPL);
+        EXPECT_TRUE(
+            chainIs({has_memory ? failed : ExpectedReport(CommonErrorId::OUT_OF_MEMORY, "Out of memory")}));
         EXPECT_EQ("", ProcessTNG::getOwnProcessName());
+        EXPECT_TRUE(chainIs({failed}));
+        ProcessTNG::exit();
+        EXPECT_FALSE(ProcessTNG::init(true));
     }
-    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY, "Out of memory"}}));
-    EXPECT_EQ("", ProcessTNG::getOwnProcessName());
-    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_STATIC_IMPL}}));
-}
-
-TEST(ProcessSetUp, ofTheOwnNameFailsWithoutALockAndLeavesNothingBehind) {
-    Vesk const vesk(true, false);
-    {
-        Fault const fault(inject_pthread_rwlock_init, ENOMEM);
-        EXPECT_EQ("", ProcessTNG::getOwnProcessName());
-    }
-    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_STATIC_IMPL}}));
-    EXPECT_EQ("", ProcessTNG::getOwnProcessName());
-    EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_STATIC_IMPL}}));
     ProcessTNG::exit();
 }
 
@@ -185,6 +180,7 @@ protected:
 };
 
 TEST_F(ProcessOwnNameLock, abortsOnAFailure) {
+    expectAbort(inject_pthread_rwlock_wrlock, LOCKING); // Of the first caller.
     ASSERT_NE("", ProcessTNG::getOwnProcessName());
     expectAbort(inject_pthread_rwlock_rdlock, LOCKING);
     ASSERT_NE("", ProcessTNG::getOwnProcessName());
@@ -192,10 +188,6 @@ TEST_F(ProcessOwnNameLock, abortsOnAFailure) {
         inject_pthread_rwlock_unlock,
         "ABORT framework/include/vesk/common/ScopedLock ~ScopedLock: error unlocking");
     ASSERT_NE("", ProcessTNG::getOwnProcessName());
-}
-
-TEST_F(ProcessOwnNameLock, abortsOnAFailureForTheFirstCaller) {
-    expectAbort(inject_pthread_rwlock_wrlock, LOCKING);
 }
 
 TEST_F(ProcessOwnNameLock, warnsIfItCannotBeDestroyed) {
@@ -223,24 +215,26 @@ void makeIdle() {
     }
 }
 
-/// Starts a child while the collector is idle, with a fault that the collector meets first.
+/// Sets a fault that the collector meets first after `action`, and waits for the end of the process.
+template <typename Action>
+void failAfter(Injected& function, int nth, Action action, Fault::Threads threads = Fault::Threads::OTHERS) {
+    Fault const fault(function, EINVAL, nth, 1, threads);
+    action();
+    waitForAbort();
+}
+
 void failFromTheStartOn(Injected& function, int nth) {
     makeIdle();
     ProcessTNG process;
     setExit(process, 0);
-    Fault const fault(function, EINVAL, nth, 1, Fault::Threads::OTHERS);
-    process.start();
-    waitForAbort();
+    failAfter(function, nth, [&] { process.start(); });
 }
 
-/// Starts a child, and sets the fault while the collector waits for its end.
 void failFromTheEndOn(Injected& function, int nth) {
     makeIdle();
     HeldChild child;
     waitForCollector();
-    Fault const fault(function, EINVAL, nth, 1, Fault::Threads::OTHERS);
-    child.release();
-    waitForAbort();
+    failAfter(function, nth, [&] { child.release(); });
 }
 
 /// The same after a wait for the child, so that there is a condition to signal.
@@ -249,33 +243,25 @@ void failTheSignal(Injected& function, int nth) {
     ExitState state;
     child.process.wait(state, true, 1); // Binds the condition.
     waitForCollector();
-    Fault const fault(function, EINVAL, nth, 1, Fault::Threads::OTHERS);
-    child.release();
-    waitForAbort();
+    failAfter(function, nth, [&] { child.release(); });
 }
 
 void failTheEndOfTheCollector(Injected& function, int nth) {
     makeIdle();
-    Fault const fault(function, EINVAL, nth, 1, Fault::Threads::OTHERS);
-    ProcessTNG::exit();
-    waitForAbort();
+    failAfter(function, nth, [] { ProcessTNG::exit(); });
 }
 
 void failExit(Injected& function, int nth) {
     makeIdle();
-    Fault const fault(function, EINVAL, nth);
-    ProcessTNG::exit();
-    waitForAbort();
+    failAfter(
+        function, nth, [] { ProcessTNG::exit(); }, Fault::Threads::MINE);
 }
 
-struct FatalRow {
-    char const* name;
+struct FatalRow : NamedRow {
     void (*body)(Injected& function, int nth);
     Injected& function;
     int nth; // Calls of the condition are between them.
     char const* text;
-
-    friend void PrintTo(FatalRow const& row, std::ostream* out) { *out << row.name; }
 };
 
 class ProcessFatalRows : public ProcessTest, public testing::WithParamInterface<FatalRow> {};
@@ -289,36 +275,32 @@ TEST_P(ProcessFatalRows, endTheProcess) {
     EXPECT_EQ(end.errors.size() - expected.size(), end.errors.find(expected)) << end.errors;
 }
 
-FatalRow row(char const* name, void (*body)(Injected&, int), Injected& function, int nth, char const* text) {
-    return {name, body, function, nth, text};
-}
-
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessFatalRows,
-    testing::Values(
-        row("unlock for waiting", failFromTheStartOn, inject_pthread_mutex_unlock, 1,
-            "processCollector: fatal: error unlocking"),
-        row("lock behind the end", failFromTheEndOn, inject_pthread_mutex_lock, 1,
-            "waitChild: fatal: error locking"),
-        row("unlock before the hand-over", failFromTheEndOn, inject_pthread_mutex_unlock, 1,
-            "waitChild: fatal: error unlocking"),
-        row("lock of the object", failFromTheEndOn, inject_pthread_mutex_lock, 2,
-            "processExited: fatal: error locking"),
-        row("signal", failTheSignal, inject_pthread_cond_signal, 1,
-            "processExited: fatal: error signaling condition"),
-        row("unlock of the object", failFromTheEndOn, inject_pthread_mutex_unlock, 3,
-            "processExited: fatal: error unlocking"),
-        row("lock behind the hand-over", failFromTheEndOn, inject_pthread_mutex_lock, 4,
-            "waitChild: fatal: error locking"),
-        row("wait for the next child", failFromTheEndOn, inject_pthread_cond_wait, 1,
-            "processCollector: fatal: error waiting on condition"),
-        row("unlock at the end", failTheEndOfTheCollector, inject_pthread_mutex_unlock, 1,
-            "processCollector: fatal: error unlocking"),
-        row("lock of exit", failExit, inject_pthread_mutex_lock, 1, "exit: fatal: error locking"),
-        row("signal of exit", failExit, inject_pthread_cond_signal, 1,
-            "exit: fatal: error signaling condition"),
-        row("unlock of exit", failExit, inject_pthread_mutex_unlock, 2, "exit: fatal: error unlocking"),
-        row("join of exit", failExit, inject_pthread_join, 1, "exit: fatal: error joining")));
+    rowsOf<FatalRow>(
+        {{"unlock for waiting", failFromTheStartOn, inject_pthread_mutex_unlock, 1,
+          "processCollector: fatal: error unlocking"},
+         {"lock behind the end", failFromTheEndOn, inject_pthread_mutex_lock, 1,
+          "waitChild: fatal: error locking"},
+         {"unlock before the hand-over", failFromTheEndOn, inject_pthread_mutex_unlock, 1,
+          "waitChild: fatal: error unlocking"},
+         {"lock of the object", failFromTheEndOn, inject_pthread_mutex_lock, 2,
+          "processExited: fatal: error locking"},
+         {"signal", failTheSignal, inject_pthread_cond_signal, 1,
+          "processExited: fatal: error signaling condition"},
+         {"unlock of the object", failFromTheEndOn, inject_pthread_mutex_unlock, 3,
+          "processExited: fatal: error unlocking"},
+         {"lock behind the hand-over", failFromTheEndOn, inject_pthread_mutex_lock, 4,
+          "waitChild: fatal: error locking"},
+         {"wait for the next child", failFromTheEndOn, inject_pthread_cond_wait, 1,
+          "processCollector: fatal: error waiting on condition"},
+         {"unlock at the end", failTheEndOfTheCollector, inject_pthread_mutex_unlock, 1,
+          "processCollector: fatal: error unlocking"},
+         {"lock of exit", failExit, inject_pthread_mutex_lock, 1, "exit: fatal: error locking"},
+         {"signal of exit", failExit, inject_pthread_cond_signal, 1,
+          "exit: fatal: error signaling condition"},
+         {"unlock of exit", failExit, inject_pthread_mutex_unlock, 2, "exit: fatal: error unlocking"},
+         {"join of exit", failExit, inject_pthread_join, 1, "exit: fatal: error joining"}}));
 
 // How many locks the thread takes before, one or two, depends on the scheduling.
 TEST_F(ProcessFatalRows, includeTheFirstLockOfTheCollector) {

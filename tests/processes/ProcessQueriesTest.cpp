@@ -1,5 +1,6 @@
 #include "processes/ProcessSupport.h"
 
+#include "support/CleanEnd.h"
 #include "support/Inject.h"
 
 #include <vesk/FileAccessError.h>
@@ -65,30 +66,26 @@ protected:
     }
 };
 
-TEST_F(ProcessQueries, theOwnIdIsThatOfTheSystem) {
+TEST_F(ProcessQueries, theOwnIdAndNameAreThoseOfTheProgramAndTheNameIsReadOnce) {
     EXPECT_EQ(getpid(), ProcessTNG::getOwnProcessId());
-}
-
-TEST_F(ProcessQueries, theOwnNameIsTheAbsolutePathOfTheProgram) {
-    EXPECT_EQ(readLink("/proc/self/exe"), ProcessTNG::getOwnProcessName());
-    EXPECT_EQ('/', ProcessTNG::getOwnProcessName()[0]);
-    EXPECT_TRUE(contains(ProcessTNG::getOwnProcessName(), "test_processes_ProcessQueries"));
-}
-
-TEST_F(ProcessQueries, theOwnNameIsReadOnce) {
-    Fault const fault(inject_readlink, 0);
-    std::string const name = ProcessTNG::getOwnProcessName();
-    EXPECT_EQ(name, ProcessTNG::getOwnProcessName());
-    EXPECT_EQ(name, ProcessTNG::getOwnProcessName());
-    EXPECT_EQ(1, fault.getCalls());
-}
-
-TEST_F(ProcessQueries, anOwnNameThatCannotBeReadStaysEmpty) {
-    Fault const fault(inject_readlink, EACCES);
-    EXPECT_EQ("", ProcessTNG::getOwnProcessName());
-    EXPECT_EQ("", ProcessTNG::getOwnProcessName());
-    EXPECT_EQ(1, fault.getCalls());
-    EXPECT_TRUE(chainIs({}));
+    std::string const path = readLink("/proc/self/exe");
+    EXPECT_EQ('/', path[0]);
+    EXPECT_TRUE(contains(path, "test_processes_ProcessQueries"));
+    for (bool const fails : {true, false}) {
+        {
+            Fault const fault(inject_readlink, fails ? EACCES : 0);
+            for (int i = 0; i < 3; ++i) {
+                EXPECT_EQ(fails ? "" : path, ProcessTNG::getOwnProcessName());
+            }
+            EXPECT_EQ(1, fault.getCalls());
+        }
+        runInThreads(8, [&](int) {
+            for (int round = 0; round < 100; ++round) {
+                EXPECT_EQ(fails ? "" : path, ProcessTNG::getOwnProcessName());
+            }
+        });
+        restart(); // Discards the name.
+    }
 }
 
 TEST_F(ProcessQueries, anOwnNameThatFillsTheBufferLosesItsLastByte) {
@@ -100,13 +97,9 @@ TEST_F(ProcessQueries, anOwnNameThatFillsTheBufferLosesItsLastByte) {
     }
 }
 
-TEST_F(ProcessQueries, theOwnNameIsTheSameInManyThreads) {
+TEST_F(ProcessQueries, theOwnNameIsTheSameForManyFirstCallers) {
     std::string const expected = readLink("/proc/self/exe");
-    runInThreads(8, [&](int) {
-        for (int round = 0; round < 100; ++round) {
-            EXPECT_EQ(expected, ProcessTNG::getOwnProcessName());
-        }
-    });
+    runInThreads(8, [&](int) { EXPECT_EQ(expected, ProcessTNG::getOwnProcessName()); });
 }
 
 TEST_F(ProcessQueries, aProcessExistsUntilItIsReaped) {
@@ -156,12 +149,9 @@ TEST_F(ProcessQueries, killProcessEndsAProcessBySignal) {
         EXPECT_EQ(process.getId(), waitpid(process.getId(), &status, 0));
         EXPECT_TRUE(WIFSIGNALED(status));
         EXPECT_EQ(signal, WTERMSIG(status));
+        EXPECT_TRUE(ProcessTNG::killProcess(0x7ffffff0, signal == SIGTERM));
+        EXPECT_TRUE(causeIs(ProcessTNG::ErrorId::NOT_FOUND, ESRCH));
     }
-}
-
-TEST_F(ProcessQueries, killProcessFailsForAMissingProcess) {
-    EXPECT_TRUE(ProcessTNG::killProcess(0x7ffffff0, true));
-    EXPECT_TRUE(causeIs(ProcessTNG::ErrorId::NOT_FOUND, ESRCH));
 }
 
 TEST_F(ProcessQueries, killProcessOfTheIdZeroSignalsTheOwnGroup) {
@@ -222,59 +212,47 @@ bool isFoundByProgram(std::string const& name, int pid) {
     return std::find(pids.begin(), pids.end(), pid) != pids.end();
 }
 
-TEST_F(ProcessQueries, aBareNameFindsAProcessThatWasStartedByItsPathUnlessExact) {
-    std::string const name = makeName();
-    NamedProcess const process("/some/where/" + name);
-    EXPECT_EQ(Pids{process.getPid()}, find(name, false));
-    EXPECT_EQ(Pids(), find(name, true));
-    EXPECT_EQ(Pids{process.getPid()}, find("/some/where/" + name, true));
-    EXPECT_EQ(Pids(), find("/some/where/" + name, false));
-}
+/// The first argument of a process, and the names by which it is found.
+struct NameRow {
+    std::string argument;
+    std::vector<std::string> exact;
+    std::vector<std::string> bare; ///< Unless exact.
+    std::vector<std::string> others{};
+};
 
-TEST_F(ProcessQueries, aProcessThatWasStartedByItsBareNameIsFoundBothWays) {
-    NamedProcess const process(makeName());
-    EXPECT_EQ(Pids{process.getPid()}, find(makeName(), false));
-    EXPECT_EQ(Pids{process.getPid()}, find(makeName(), true));
-}
-
-TEST_F(ProcessQueries, namesAreComparedByteByByteAndAsAWhole) {
+TEST_F(ProcessQueries, aProcessIsFoundByItsPathAndByItsBareNameUnlessExact) {
     std::string const name = makeName("vesk-Query");
-    NamedProcess const process(name);
-    for (std::string const& other :
-         {makeName(), name.substr(0, name.size() - 1), name + "x", std::string()}) {
-        EXPECT_EQ(Pids(), find(other, false)) << other;
-    }
-    EXPECT_EQ(Pids(), find("", true));
-}
-
-TEST_F(ProcessQueries, oddNamesAreFound) {
+    std::string const shorter = name.substr(0, name.size() - 1);
+    std::vector<NameRow> rows = {
+        {"/some/where/" + name, {"/some/where/" + name}, {name}},
+        {name, {name}, {name}, {makeName("vesk-query"), shorter, name + "x", ""}},
+        {name + "\nrest", {name + "\n"}, {}, {name + "\nrest"}},
+        {"/dir/" + name + "//", {"/dir/" + name + "//"}, {name}}};
     for (std::string const odd : {") (", "a b", "\xff\xfe", "x(y) S 1 1", "-sh"}) {
-        std::string const name = odd + std::to_string(getpid());
-        NamedProcess const process("/tmp/" + name);
-        EXPECT_EQ(Pids{process.getPid()}, find(name, false)) << odd;
+        rows.push_back({"/tmp/" + odd + name, {}, {odd + name}});
     }
-}
-
-TEST_F(ProcessQueries, aNameEndsAtItsFirstLineBreak) {
-    std::string const name = makeName();
-    NamedProcess const process(name + "\nrest");
-    EXPECT_EQ(Pids{process.getPid()}, find(name + "\n", true));
-    EXPECT_EQ(Pids(), find(name + "\nrest", true));
-}
-
-TEST_F(ProcessQueries, longNamesAreReadInPieces) {
+    // A name is read in pieces.
     for (size_t const length : {77U, 78U, 79U, 80U, 81U, 157U, 158U, 159U, 237U, 1000U}) {
-        std::string name = makeName("vesk");
-        name.resize(length, 'n');
-        NamedProcess const process(name);
-        EXPECT_EQ(Pids{process.getPid()}, find(name, true)) << length;
+        rows.push_back({name + std::string(length - name.size(), 'n'), {}, {}});
+        rows.back().exact = {rows.back().argument};
     }
-}
-
-TEST_F(ProcessQueries, aTrailingSeparatorIsNoPartOfTheFileName) {
-    NamedProcess const process("/dir/" + makeName() + "//");
-    EXPECT_EQ(Pids{process.getPid()}, find(makeName(), false));
-    EXPECT_EQ(Pids{process.getPid()}, find("/dir/" + makeName() + "//", true));
+    for (NameRow const& row : rows) {
+        SCOPED_TRACE(row.argument);
+        NamedProcess const process(row.argument);
+        for (std::string const& exact : row.exact) {
+            EXPECT_EQ(Pids{process.getPid()}, find(exact, true)) << exact;
+            EXPECT_TRUE(exact[0] != '/' || find(exact, false).empty()) << exact;
+        }
+        for (std::string const& bare : row.bare) {
+            EXPECT_EQ(Pids{process.getPid()}, find(bare, false)) << bare;
+            bool const is_exact = std::find(row.exact.begin(), row.exact.end(), bare) != row.exact.end();
+            EXPECT_EQ(is_exact ? Pids{process.getPid()} : Pids(), find(bare, true)) << bare;
+        }
+        for (std::string const& other : row.others) {
+            EXPECT_EQ(Pids(), find(other, true)) << other;
+            EXPECT_EQ(Pids(), find(other, false)) << other;
+        }
+    }
 }
 
 TEST_F(ProcessQueries, allProcessesOfANameAreAppended) {
@@ -290,13 +268,10 @@ TEST_F(ProcessQueries, allProcessesOfANameAreAppended) {
     EXPECT_EQ(expected, pids);
 }
 
-TEST_F(ProcessQueries, theCallerIsNotOmitted) {
+TEST_F(ProcessQueries, theCallerAndAChildOfTheLibraryAreFoundByTheirPrograms) {
     std::string own = readFile("/proc/self/cmdline");
     own.resize(strlen(own.c_str()));
     EXPECT_TRUE(isFoundByProgram(own, getpid()));
-}
-
-TEST_F(ProcessQueries, aChildOfTheLibraryIsFoundByItsProgram) {
     HeldChild const child;
     EXPECT_TRUE(isFoundByProgram(getProbePath(), child.pid));
 }
@@ -351,15 +326,7 @@ TEST_F(ProcessQueries, entriesWithoutACommandAreSkipped) {
     EXPECT_EQ(Pids(), find("", true));
 }
 
-TEST_F(ProcessQueries, theFilesAreCloseOnExec) {
-    FakeProc proc;
-    proc.add("1", "same");
-    EXPECT_EQ(Pids({1}), find("same", true));
-    EXPECT_EQ(O_RDONLY | O_CLOEXEC, g_open_flags);
-    EXPECT_EQ("re", g_open_mode);
-}
-
-TEST_F(ProcessQueries, aCommandThatCannotBeOpenedIsSkipped) {
+TEST_F(ProcessQueries, theFilesAreCloseOnExecAndOneThatCannotBeOpenedIsSkipped) {
     FakeProc proc;
     proc.add("1", "same");
     {
@@ -367,6 +334,8 @@ TEST_F(ProcessQueries, aCommandThatCannotBeOpenedIsSkipped) {
         EXPECT_EQ(Pids(), find("same", true));
     }
     EXPECT_EQ(Pids({1}), find("same", true));
+    EXPECT_EQ(O_RDONLY | O_CLOEXEC, g_open_flags);
+    EXPECT_EQ("re", g_open_mode);
 }
 
 TEST_F(ProcessQueries, withoutTheDirectoryNothingIsFoundAndTheReportStays) {

@@ -6,6 +6,7 @@
 #include "support/EventRecorder.h"
 #include "support/Privileges.h"
 #include "support/Processes.h"
+#include "support/RunInThreads.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/ProcessTNG.h>
@@ -285,25 +286,6 @@ private:
     std::atomic<pid_t> m_id{0};
     std::thread m_thread;
 };
-
-/// Runs `body` in several threads at the same time.
-template <typename Body>
-void runInThreads(int count, Body body) {
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i) {
-        threads.emplace_back([&, i] {
-            ++ready;
-            while (ready < count) {
-                sched_yield();
-            }
-            body(i);
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
 
 /// The output of the probe in the mode "tell".
 class Sight {

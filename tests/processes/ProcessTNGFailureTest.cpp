@@ -1,6 +1,8 @@
 #include "processes/ProcessSupport.h"
 
+#include "support/CleanEnd.h"
 #include "support/Inject.h"
+#include "support/NamedRow.h"
 #include "support/UnlockFault.h"
 
 #include <vesk/Mutex.h>
@@ -58,28 +60,115 @@ std::string aborted(std::string const& function, std::string const& text) {
     return "ABORT framework/src/vesk/posix/ProcessTNG " + function + ": " + text;
 }
 
-TEST_F(ProcessTNGFailure, startFailsWithoutItsLock) {
-    ProcessTNG process;
+/// An operation during a child, with a fault.
+struct OperationRow : NamedRow {
+    bool (*call)(ProcessTNG& process, ExitState& state);
+    Injected& function;
+    int error;
+    Chain chain{};   ///< Of a failed operation.
+    int status = 77; ///< In the result of the wait, which is 77 before.
+    int signal = 0;  ///< What ends the child.
+    std::string event{};
+};
+
+class ProcessOperationRows : public ProcessTNGFailure, public testing::WithParamInterface<OperationRow> {};
+
+TEST_P(ProcessOperationRows, haveThisOutcomeAndLeaveTheLocksFree) {
+    HeldChild child;
+    ExitState state;
+    state.status = 77;
     {
-        Fault const forks(inject_fork, 0);
-        Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        EXPECT_EQ(-1, process.start());
-        EXPECT_EQ(0, forks.getCalls());
+        EventRecorder recorder;
+        Fault const fault(GetParam().function, GetParam().error);
+        EXPECT_EQ(!GetParam().chain.empty(), GetParam().call(child.process, state));
+        EXPECT_EQ(GetParam().event, recorder.getText());
+        if (&GetParam().function == &inject_kill) {
+            EXPECT_EQ(1, fault.getCalls());
+        }
     }
-    EXPECT_TRUE(chainIs(lockFailed(Id::START_FAILED)));
-    EXPECT_TRUE(runsExit(process, 0));
+    EXPECT_TRUE(chainIs(GetParam().chain));
+    EXPECT_FALSE(state.hasExited());
+    EXPECT_EQ(GetParam().status, state.status);
+    EXPECT_TRUE(GetParam().signal == 0 ? child.ends() : wasKilledBy(waitFor(child.process), SIGTERM));
+}
+
+bool start(ProcessTNG& process, ExitState& /*state*/) {
+    return process.start() == -1;
+}
+template <bool TIMED>
+bool wait(ProcessTNG& process, ExitState& state) {
+    return process.wait(state, TIMED, 10);
+}
+template <bool GRACEFUL>
+bool kill(ProcessTNG& process, ExitState& /*state*/) {
+    return process.kill(GRACEFUL);
+}
+Chain const CONDITION_FAILED = {
+    {SysErrorId::SPOILED_INTEGRITY},
+    {Id::WAIT_FAILED, rowText(Id::WAIT_FAILED, "wait for process exit signal failed")}};
+Chain killRefused(int error) {
+    return {report(SysErrorId::PERMISSION_DENIED, error), report(Id::KILL_FAILED, error)};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    DuringAChild, ProcessOperationRows,
+    rowsOf<OperationRow>({
+        {"startWithoutItsLock", start, inject_pthread_mutex_lock, EINVAL, lockFailed(Id::START_FAILED)},
+        {"startWithoutUnlock",
+         start,
+         inject_pthread_mutex_unlock,
+         EINVAL,
+         {{std::CommonErrorId::CONTRACT_BROKEN}},
+         77,
+         0,
+         aborted("start", "error unlocking")},
+        {"waitWithoutItsLock", wait<false>, inject_pthread_mutex_lock, EINVAL, lockFailed(Id::WAIT_FAILED)},
+        {"timedWaitWithoutItsLock", wait<true>, inject_pthread_mutex_lock, EINVAL,
+         lockFailed(Id::WAIT_FAILED)},
+        {"waitWithoutItsCondition", wait<false>, inject_pthread_cond_wait, EINVAL, CONDITION_FAILED, -1},
+        {"timedWaitWithoutItsCondition", wait<true>, inject_pthread_cond_timedwait, EINVAL, CONDITION_FAILED,
+         -1},
+        {"killWithoutItsLock", kill<true>, inject_pthread_mutex_lock, EINVAL, lockFailed(Id::KILL_FAILED)},
+        {"killWithoutUnlock", kill<true>, inject_pthread_mutex_unlock, EINVAL,
+         lockFailed(Id::KILL_FAILED, "unlocking operation failed"), 77, SIGTERM},
+        {"killOfAChildThatHasJustEnded", kill<true>, inject_kill, ESRCH},
+        {"killOfAChildThatHasJustEndedByForce", kill<false>, inject_kill, ESRCH},
+        {"killWithEINVAL", kill<false>, inject_kill, EINVAL, killRefused(EINVAL)},
+        {"killWithEPERM", kill<false>, inject_kill, EPERM, killRefused(EPERM)},
+        {"killWithENOSYS", kill<false>, inject_kill, ENOSYS, {report(Id::KILL_FAILED, ENOSYS)}},
+    }),
+    byName);
+
+TEST_F(ProcessTNGFailure, theStaticOperationsReportTheirErrors) {
+    std::pair<int, Chain> const kills[] = {
+        {ESRCH, {report(Id::NOT_FOUND, ESRCH)}},
+        {EINVAL, killRefused(EINVAL)},
+        {EPERM, killRefused(EPERM)},
+        {ENOSYS, {report(Id::KILL_FAILED, ENOSYS)}}};
+    for (auto const& [error, chain] : kills) {
+        for (bool const graceful : {true, false}) {
+            Fault const fault(inject_kill, error);
+            EXPECT_TRUE(ProcessTNG::killProcess(getpid(), graceful));
+            EXPECT_TRUE(chainIs(chain));
+        }
+    }
+    for (auto const& [error, result] : {std::pair(EPERM, 0), {ESRCH, 1}, {EINVAL, -1}}) {
+        Fault const fault(inject_kill, error);
+        EXPECT_EQ(result, ProcessTNG::existsProcess(getpid()));
+        EXPECT_TRUE(chainIs(result == -1 ? Chain{report(SysErrorId::UNCLASSIFIED, error)} : Chain()));
+    }
 }
 
 TEST_F(ProcessTNGFailure, startFailsWithoutTheCollectorsLockAndLeavesTheObjectLocked) {
     EventRecorder recorder;
     auto process = std::make_unique<ProcessTNG>();
-    {
+    for (int const nth : {1, 2}) { // Its own lock, the collector's.
         Fault const forks(inject_fork, 0);
-        Fault const fault(inject_pthread_mutex_lock, EINVAL, 2);
+        Fault const fault(inject_pthread_mutex_lock, EINVAL, nth);
         EXPECT_EQ(-1, process->start());
         EXPECT_EQ(0, forks.getCalls());
+        EXPECT_TRUE(chainIs(lockFailed(Id::START_FAILED)));
     }
-    EXPECT_TRUE(chainIs(lockFailed(Id::START_FAILED)));
     // This thread holds the lock.
     ExitState state;
     EXPECT_TRUE(process->wait(state, false, 0));
@@ -115,77 +204,25 @@ TEST_F(ProcessTNGFailure, startAbortsIfItCannotWakeTheCollector) {
 }
 
 TEST_F(ProcessTNGFailure, startAbortsIfItCannotUnlock) {
-    for (int const nth : {1, 2, 3}) { // The lock of the condition, of the collector, of the object.
-        EventRecorder recorder;
-        ProcessTNG process;
-        setExit(process, 0);
-        {
-            Fault const fault(inject_pthread_mutex_unlock, EINVAL, nth);
-            EXPECT_GT(process.start(), 0);
+    for (bool const forks : {true, false}) {
+        // The lock of the condition, of the collector, of the object; after a failed fork, the last two.
+        for (int nth = 1; nth <= (forks ? 3 : 2); ++nth) {
+            EventRecorder recorder;
+            ProcessTNG process;
+            setExit(process, 0);
+            {
+                Fault const no_fork(inject_fork, forks ? 0 : EAGAIN);
+                Fault const fault(inject_pthread_mutex_unlock, EINVAL, nth);
+                EXPECT_EQ(forks, process.start() > 0);
+            }
+            EXPECT_EQ(
+                forks && nth == 1 ? "ABORT framework/src/vesk/posix/Condition signal: error unlocking"
+                                  : aborted("start", "error unlocking"),
+                recorder.getText());
+            std::ErrorStorage::ack();
+            EXPECT_TRUE(forks ? hasExitedWith(waitFor(process), 0) : runsExit(process, 0));
         }
-        EXPECT_EQ(
-            nth == 1 ? "ABORT framework/src/vesk/posix/Condition signal: error unlocking"
-                     : aborted("start", "error unlocking"),
-            recorder.getText())
-            << nth;
-        std::ErrorStorage::ack();
-        EXPECT_TRUE(hasExitedWith(waitFor(process), 0));
     }
-}
-
-TEST_F(ProcessTNGFailure, startUnlocksTheObjectFirstAfterAFailedFork) {
-    for (int const nth : {1, 2}) {
-        EventRecorder recorder;
-        ProcessTNG process;
-        {
-            Fault const no_fork(inject_fork, EAGAIN);
-            Fault const fault(inject_pthread_mutex_unlock, EINVAL, nth);
-            EXPECT_EQ(-1, process.start());
-        }
-        EXPECT_EQ(aborted("start", "error unlocking"), recorder.getText());
-        std::ErrorStorage::ack();
-        EXPECT_TRUE(runsExit(process, 0));
-    }
-}
-
-TEST_F(ProcessTNGFailure, startDuringAChildAbortsIfItCannotUnlock) {
-    HeldChild child;
-    EventRecorder recorder;
-    {
-        Fault const fault(inject_pthread_mutex_unlock, EINVAL);
-        EXPECT_EQ(-1, child.process.start());
-    }
-    EXPECT_EQ(aborted("start", "error unlocking"), recorder.getText());
-    EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}}));
-}
-
-TEST_F(ProcessTNGFailure, waitFailsWithoutItsLock) {
-    HeldChild child;
-    for (bool const timed : {false, true}) {
-        Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        ExitState state;
-        state.status = 77;
-        EXPECT_TRUE(child.process.wait(state, timed, 10));
-        EXPECT_TRUE(chainIs(lockFailed(Id::WAIT_FAILED)));
-        EXPECT_EQ(77, state.status);
-    }
-    EXPECT_TRUE(child.ends());
-}
-
-TEST_F(ProcessTNGFailure, waitFailsWithItsConditionAndUnlocks) {
-    HeldChild child;
-    for (bool const timed : {false, true}) {
-        Fault const fault(timed ? inject_pthread_cond_timedwait : inject_pthread_cond_wait, EINVAL);
-        ExitState state;
-        state.status = 77;
-        EXPECT_TRUE(child.process.wait(state, timed, 10));
-        EXPECT_FALSE(state.hasExited());
-        EXPECT_EQ(-1, state.status);
-        EXPECT_TRUE(chainIs(
-            {{SysErrorId::SPOILED_INTEGRITY},
-             {Id::WAIT_FAILED, rowText(Id::WAIT_FAILED, "wait for process exit signal failed")}}));
-    }
-    EXPECT_TRUE(child.ends());
 }
 
 TEST_F(ProcessTNGFailure, waitFailsIfItCannotUnlockAfterItHasFetchedTheState) {
@@ -222,87 +259,6 @@ TEST_F(ProcessTNGFailure, aWaiterThatFindsNoStateAssertsAndSucceeds) {
         "ASSERT framework/src/vesk/posix/ProcessTNG wait: m_last_state.hasExited()", recorder.getText());
 }
 
-TEST_F(ProcessTNGFailure, killFailsWithoutItsLock) {
-    HeldChild child;
-    {
-        Fault const kills(inject_kill, 0);
-        Fault const fault(inject_pthread_mutex_lock, EINVAL);
-        EXPECT_TRUE(child.process.kill(true));
-        EXPECT_EQ(0, kills.getCalls());
-    }
-    EXPECT_TRUE(chainIs(lockFailed(Id::KILL_FAILED)));
-}
-
-TEST_F(ProcessTNGFailure, killFailsIfItCannotUnlockAfterTheSignal) {
-    HeldChild child;
-    {
-        Fault const fault(inject_pthread_mutex_unlock, EINVAL);
-        EXPECT_TRUE(child.process.kill(true));
-    }
-    EXPECT_TRUE(chainIs(lockFailed(Id::KILL_FAILED, "unlocking operation failed")));
-    EXPECT_TRUE(wasKilledBy(waitFor(child.process), SIGTERM));
-}
-
-TEST_F(ProcessTNGFailure, killSucceedsIfTheChildHasJustEnded) {
-    HeldChild child;
-    {
-        Fault const fault(inject_kill, ESRCH);
-        EXPECT_FALSE(child.process.kill(true));
-        EXPECT_EQ(1, fault.getCalls());
-    }
-    EXPECT_TRUE(chainIs({}));
-}
-
-struct ErrnoRow {
-    int error;
-    int result;
-    Chain chain;
-
-    friend void PrintTo(ErrnoRow const& row, std::ostream* out) { *out << "errno " << row.error; }
-};
-
-class ProcessKillRows : public ProcessTNGFailure, public testing::WithParamInterface<ErrnoRow> {};
-
-TEST_P(ProcessKillRows, areReportedByTheStaticOperation) {
-    for (bool const graceful : {true, false}) {
-        Fault const fault(inject_kill, GetParam().error);
-        EXPECT_TRUE(ProcessTNG::killProcess(getpid(), graceful));
-        EXPECT_TRUE(chainIs(GetParam().chain));
-    }
-}
-
-TEST_P(ProcessKillRows, areReportedByAnObjectUnlessTheChildHasEnded) {
-    HeldChild child;
-    {
-        Fault const fault(inject_kill, GetParam().error);
-        EXPECT_EQ(GetParam().result != 0, child.process.kill(false));
-    }
-    EXPECT_TRUE(chainIs(GetParam().result != 0 ? GetParam().chain : Chain()));
-    EXPECT_TRUE(child.ends());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessKillRows,
-    testing::Values(
-        ErrnoRow{ESRCH, 0, {report(Id::NOT_FOUND, ESRCH)}},
-        ErrnoRow{EINVAL, 1, {report(SysErrorId::PERMISSION_DENIED, EINVAL), report(Id::KILL_FAILED, EINVAL)}},
-        ErrnoRow{EPERM, 1, {report(SysErrorId::PERMISSION_DENIED, EPERM), report(Id::KILL_FAILED, EPERM)}},
-        ErrnoRow{ENOSYS, 1, {report(Id::KILL_FAILED, ENOSYS)}}));
-
-class ProcessExistsRows : public ProcessTNGFailure, public testing::WithParamInterface<ErrnoRow> {};
-
-TEST_P(ProcessExistsRows, haveThisResult) {
-    Fault const fault(inject_kill, GetParam().error);
-    EXPECT_EQ(GetParam().result, ProcessTNG::existsProcess(getpid()));
-    EXPECT_TRUE(chainIs(GetParam().chain));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessExistsRows,
-    testing::Values(
-        ErrnoRow{EPERM, 0, {}}, ErrnoRow{ESRCH, 1, {}},
-        ErrnoRow{EINVAL, -1, {report(SysErrorId::UNCLASSIFIED, EINVAL)}}));
-
 TEST_F(ProcessTNGFailure, theDestructorAbortsWithoutItsLock) {
     EventRecorder recorder;
     auto process = std::make_unique<ProcessTNG>();
@@ -336,11 +292,8 @@ TEST_F(ProcessTNGFailure, theDestructorAbortsIfItCannotWait) {
     EXPECT_TRUE(chainIs({{SysErrorId::SPOILED_INTEGRITY}}));
 }
 
-struct LockingRow {
-    std::string name;
+struct LockingRow : NamedRow {
     void (*call)(std::unique_ptr<ProcessTNG>& process);
-
-    friend void PrintTo(LockingRow const& row, std::ostream* out) { *out << row.name; }
 };
 
 class ProcessLocking : public ProcessTNGFailure, public testing::WithParamInterface<LockingRow> {};
@@ -352,34 +305,35 @@ TEST_P(ProcessLocking, abortsIfItCannotUnlock) {
         Fault const fault(inject_pthread_mutex_unlock, EINVAL);
         GetParam().call(process);
     }
-    std::string const name = GetParam().name == "destructor" ? "~ProcessTNG" : GetParam().name;
+    std::string const name = process == nullptr ? "~ProcessTNG" : GetParam().what;
     EXPECT_EQ(aborted(name, "error unlocking"), recorder.getText());
     std::ErrorStorage::ack();
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, ProcessLocking,
-    testing::Values(
-        LockingRow{"destructor", [](auto& p) { p.reset(); }},
-        LockingRow{"setExecutable", [](auto& p) { p->setExecutable("/"); }},
-        LockingRow{"setArguments", [](auto& p) { p->setArguments({}); }},
-        LockingRow{"setEnvironment", [](auto& p) { p->setEnvironment({}); }},
-        LockingRow{"setStdoutFile", [](auto& p) { p->setStdoutFile("", false); }},
-        LockingRow{"setStderrFile", [](auto& p) { p->setStderrFile("", false); }},
-        LockingRow{"setStdinFile", [](auto& p) { p->setStdinFile(""); }},
-        LockingRow{"setStdoutFd", [](auto& p) { p->setStdoutFd(-1); }},
-        LockingRow{"setStderrFd", [](auto& p) { p->setStderrFd(-1); }},
-        LockingRow{"setStdinFd", [](auto& p) { p->setStdinFd(-1); }},
-        LockingRow{"setStdoutNull", [](auto& p) { p->setStdoutNull(false); }},
-        LockingRow{"setStderrNull", [](auto& p) { p->setStderrNull(false); }},
-        LockingRow{"setNewGroup", [](auto& p) { p->setNewGroup(false); }},
-        LockingRow{"setPriority", [](auto& p) { p->setPriority(true, 0); }},
-        LockingRow{"setSchedAttrs", [](auto& p) { p->setSchedAttrs({}); }},
-        LockingRow{"setAffinity", [](auto& p) { p->setAffinity({}); }},
-        LockingRow{"setExitListener", [](auto& p) { p->setExitListener(nullptr); }},
-        LockingRow{"init", [](auto& p) { p->init(); }}, LockingRow{"isValid", [](auto& p) { p->isValid(); }},
-        LockingRow{"getPid", [](auto& p) { p->getPid(); }},
-        LockingRow{"getLastPid", [](auto& p) { p->getLastPid(); }}),
-    [](auto const& row) { return row.param.name; });
+    rowsOf<LockingRow>(
+        {{"destructor", [](auto& p) { p.reset(); }},
+         {"setExecutable", [](auto& p) { p->setExecutable("/"); }},
+         {"setArguments", [](auto& p) { p->setArguments({}); }},
+         {"setEnvironment", [](auto& p) { p->setEnvironment({}); }},
+         {"setStdoutFile", [](auto& p) { p->setStdoutFile("", false); }},
+         {"setStderrFile", [](auto& p) { p->setStderrFile("", false); }},
+         {"setStdinFile", [](auto& p) { p->setStdinFile(""); }},
+         {"setStdoutFd", [](auto& p) { p->setStdoutFd(-1); }},
+         {"setStderrFd", [](auto& p) { p->setStderrFd(-1); }},
+         {"setStdinFd", [](auto& p) { p->setStdinFd(-1); }},
+         {"setStdoutNull", [](auto& p) { p->setStdoutNull(false); }},
+         {"setStderrNull", [](auto& p) { p->setStderrNull(false); }},
+         {"setNewGroup", [](auto& p) { p->setNewGroup(false); }},
+         {"setPriority", [](auto& p) { p->setPriority(true, 0); }},
+         {"setSchedAttrs", [](auto& p) { p->setSchedAttrs({}); }},
+         {"setAffinity", [](auto& p) { p->setAffinity({}); }},
+         {"setExitListener", [](auto& p) { p->setExitListener(nullptr); }},
+         {"init", [](auto& p) { p->init(); }},
+         {"isValid", [](auto& p) { p->isValid(); }},
+         {"getPid", [](auto& p) { p->getPid(); }},
+         {"getLastPid", [](auto& p) { p->getLastPid(); }}}),
+    byName);
 
 } // namespace
