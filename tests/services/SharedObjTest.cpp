@@ -110,10 +110,13 @@ TEST_F(SharedObjTest, reportsHaveTheirTextsAndTheSystemFamilyAsParent) {
     std::ErrorStorage::ack();
 }
 
+constexpr char const* MISSING = "/nonexistent/libnothing.so";
+constexpr char const* UNLOAD = "unload";
+
 struct OperationRow : NamedRow {
-    bool is_loaded; ///< Whether the object has the first library before.
-    bool (*call)(SharedObj&);
-    int fault; ///< Of dlclose.
+    bool is_loaded;   ///< Whether the object has the first library before.
+    char const* path; ///< To load, or `UNLOAD`.
+    int fault;        ///< Of dlclose.
     Calls calls;
     char const* library; ///< The library afterwards; "" if there is none.
     std::vector<ExpectedReport> reports = {};
@@ -132,7 +135,9 @@ TEST_P(SharedObjOperation, callsTheLoaderAndReportsItsFailure) {
         Calls calls;
         Fault const fault(inject_dlclose, row.fault);
         s_calls = &calls;
-        EXPECT_EQ(!row.reports.empty() || row.loader_text != nullptr, row.call(m_object));
+        EXPECT_EQ(
+            !row.reports.empty() || row.loader_text != nullptr,
+            row.path == UNLOAD ? m_object.unload() : m_object.load(row.path));
         s_calls = nullptr;
         EXPECT_EQ(row.calls, calls);
     }
@@ -155,57 +160,31 @@ ExpectedReport broken(char const* text) {
     return {std::CommonErrorId::CONTRACT_BROKEN, rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
 }
 
-constexpr char const* MISSING = "/nonexistent/libnothing.so";
 std::string const OPEN = "dlopen " + std::to_string(RTLD_LAZY);
 ExpectedReport const STUCK{SharedObj::ErrorId::UNLOAD_FAILED, "Failed to unload shared object: stuck"};
-
-bool loadFirst(SharedObj& object) {
-    return object.load(FIRST_LIBRARY);
-}
-bool loadSecond(SharedObj& object) {
-    return object.load(SECOND_LIBRARY);
-}
-bool loadMissing(SharedObj& object) {
-    return object.load(MISSING);
-}
-bool loadNoLibrary(SharedObj& object) {
-    return object.load("/proc/self/stat");
-}
-bool loadNull(SharedObj& object) {
-    return object.load(nullptr);
-}
-bool unload(SharedObj& object) {
-    return object.unload();
-}
 
 INSTANTIATE_TEST_SUITE_P(
     All, SharedObjOperation,
     rowsOf<OperationRow>({
-        {"loadIsLazy", false, loadFirst, 0, {OPEN}, "first"},
-        {"loadIntoALoadedObject", true, loadSecond, 0, {"dlclose", OPEN}, "second"},
+        {"loadIsLazy", false, FIRST_LIBRARY, 0, {OPEN}, "first"},
+        {"loadIntoALoadedObject", true, SECOND_LIBRARY, 0, {"dlclose", OPEN}, "second"},
         {"loadIntoAnObjectThatCannotUnload",
          true,
-         loadSecond,
+         SECOND_LIBRARY,
          -1,
          {"dlclose"},
          "first",
          {STUCK,
           {SharedObj::ErrorId::LOAD_FAILED,
            "Failed to load shared object: Unload of previously loaded library failed"}}},
-        {"missingFile", false, loadMissing, 0, {OPEN}, "", {}, "/nonexistent/libnothing.so: cannot open"},
-        {"missingFileIntoALoadedObject", true, loadMissing, 0, {"dlclose", OPEN}, "", {}, MISSING},
-        {"fileThatIsNoLibrary", false, loadNoLibrary, 0, {OPEN}, "", {}, ""},
-        {"null", false, loadNull, 0, {}, "", {broken("NULL pointer given for path")}},
-        {"nullIntoALoadedObject",
-         true,
-         loadNull,
-         0,
-         {"dlclose"},
-         "",
-         {broken("NULL pointer given for path")}},
-        {"unload", true, unload, 0, {"dlclose"}, ""},
-        {"unloadWithoutALibrary", false, unload, 0, {}, "", {broken("No library loaded")}},
-        {"failedUnload", true, unload, -1, {"dlclose"}, "first", {STUCK}},
+        {"missingFile", false, MISSING, 0, {OPEN}, "", {}, "/nonexistent/libnothing.so: cannot open"},
+        {"missingFileIntoALoadedObject", true, MISSING, 0, {"dlclose", OPEN}, "", {}, MISSING},
+        {"fileThatIsNoLibrary", false, "/proc/self/stat", 0, {OPEN}, "", {}, ""},
+        {"null", false, nullptr, 0, {}, "", {broken("NULL pointer given for path")}},
+        {"nullIntoALoadedObject", true, nullptr, 0, {"dlclose"}, "", {broken("NULL pointer given for path")}},
+        {"unload", true, UNLOAD, 0, {"dlclose"}, ""},
+        {"unloadWithoutALibrary", false, UNLOAD, 0, {}, "", {broken("No library loaded")}},
+        {"failedUnload", true, UNLOAD, -1, {"dlclose"}, "first", {STUCK}},
     }),
     byName);
 

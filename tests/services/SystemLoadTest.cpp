@@ -80,64 +80,55 @@ TEST(SystemLoad, samplesAreTheAverageIdleTimeOfAProcessor) {
     }
 }
 
-class SystemLoadErrnos : public testing::TestWithParam<int> {};
-
-TEST_P(SystemLoadErrnos, failedOpenIsReported) {
-    SystemLoad load;
-    EXPECT_FALSE(load.sample());
-    Fault const fault(inject_fopen, GetParam());
-    EXPECT_TRUE(load.sample());
-    EXPECT_TRUE(causeIs(SysErrorId::QUERY_FAILED, GetParam()));
-    EXPECT_FALSE(load.valid) << "an earlier sample does not count";
-}
-
-INSTANTIATE_TEST_SUITE_P(All, SystemLoadErrnos, testing::Values(ENOENT, EACCES, EMFILE, ENOMEM, EINTR));
-
-struct TextRow : NamedRow {
-    char const* text;
+/// A sample that fails because of the text of the file, or because of a call.
+struct FailureRow : NamedRow {
+    char const* text; ///< Null for a folder, which can be opened but not read.
+    Injected* call = nullptr;
+    int error = 0;
 };
 
-class SystemLoadTexts : public testing::TestWithParam<TextRow> {};
+class SystemLoadFailure : public testing::TestWithParam<FailureRow> {};
 
-TEST_P(SystemLoadTexts, areNotParsed) {
-    bool const is_readable = GetParam().text != nullptr;
-    FakeUptime const uptime(is_readable ? GetParam().text : "");
-    if (!is_readable) {
-        s_uptime_file = uptime.getFolder().c_str(); // A folder can be opened but not read.
+TEST_P(SystemLoadFailure, isReportedAndFailsTheSample) {
+    char const* const text = GetParam().text;
+    Injected* const call = GetParam().call;
+    int const error = GetParam().error;
+    FakeUptime const uptime(text != nullptr ? text : "");
+    if (text == nullptr) {
+        s_uptime_file = uptime.getFolder().c_str();
     }
     SystemLoad load;
-    load.valid = true;
+    load.valid = true; // An earlier sample does not count.
+    Fault const fault(call != nullptr ? *call : inject_fopen, error);
     EXPECT_TRUE(load.sample());
     EXPECT_TRUE(
-        is_readable ? chainIs({SysErrorId::QUERY_FAILED}) : causeIs(SysErrorId::QUERY_FAILED, EISDIR));
+        call == &inject_clock_gettime ? isClockFailure(error)
+            : call != nullptr         ? causeIs(SysErrorId::QUERY_FAILED, error)
+            : text == nullptr         ? causeIs(SysErrorId::QUERY_FAILED, EISDIR)
+                                      : chainIs({SysErrorId::QUERY_FAILED}));
     EXPECT_FALSE(load.valid);
     EXPECT_EQ(0, load.timestamp);
 }
 
+char const* const GOOD = "1148.70 8641.50\n";
+
 INSTANTIATE_TEST_SUITE_P(
-    All, SystemLoadTexts,
-    rowsOf<TextRow>({
-        {"empty", ""},
-        {"withOneNumber", "1148.70\n"},
-        {"withLetters", "1148.70 idle\n"},
-        {"withLettersFirst", "up 1148.70 8641.50\n"},
-        {"thatCannotBeRead", nullptr},
+    All, SystemLoadFailure,
+    rowsOf<FailureRow>({
+        {"emptyText", ""},
+        {"textWithOneNumber", "1148.70\n"},
+        {"textWithLetters", "1148.70 idle\n"},
+        {"textWithLettersFirst", "up 1148.70 8641.50\n"},
+        {"fileThatCannotBeRead", nullptr},
+        {"missingFile", GOOD, &inject_fopen, ENOENT},
+        {"openWithoutRights", GOOD, &inject_fopen, EACCES},
+        {"openWithoutDescriptors", GOOD, &inject_fopen, EMFILE},
+        {"openWithoutMemory", GOOD, &inject_fopen, ENOMEM},
+        {"interruptedOpen", GOOD, &inject_fopen, EINTR},
+        {"missingClock", GOOD, &inject_clock_gettime, EINVAL},
+        {"unreadableClock", GOOD, &inject_clock_gettime, EFAULT},
     }),
     byName);
-
-class SystemLoadClock : public testing::TestWithParam<ClockFailure> {};
-
-TEST_P(SystemLoadClock, failureIsChainedAndFailsTheSample) {
-    FakeUptime const uptime("1148.70 8641.50\n");
-    SystemLoad load;
-    load.valid = true;
-    Fault const fault(inject_clock_gettime, GetParam().error);
-    EXPECT_TRUE(load.sample());
-    EXPECT_TRUE(GetParam().isPending());
-    EXPECT_FALSE(load.valid);
-}
-
-INSTANTIATE_TEST_SUITE_P(All, SystemLoadClock, eachClockFailure());
 
 TEST(SystemLoad, sampleIsCorrectInALocaleWithADecimalComma) {
     FakeUptime const uptime("1148.70 8641.50\n");
