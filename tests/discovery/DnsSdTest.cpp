@@ -1,10 +1,14 @@
 #include "Clients.h"
+#include "TestEngine.h"
 
+#include "support/CleanEnd.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
+#include "support/NewFault.h"
 #include "support/Processes.h"
 #include "support/RunInThreads.h"
 #include "support/Threads.h"
+#include "support/UnlockFault.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>
@@ -13,9 +17,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <stdexcept>
 #include <type_traits>
 
 namespace {
@@ -27,42 +35,51 @@ thread_local timespec t_deadlines[MAX_DEADLINES];
 thread_local size_t t_waits = 0;
 thread_local int t_spurious = 0;
 thread_local int t_spurious_result = 0;
+/// The number of threads that have taken the name "vesk::DnsSd".
+std::atomic<int> g_named{0};
 
 } // namespace
 
-support::Injected inject_pthread_cond_timedwait("pthread_cond_timedwait");
-extern "C" VESK_UNWATCHED int
-pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, timespec const* deadline) {
-    if (t_waits < MAX_DEADLINES) {
-        t_deadlines[t_waits] = *deadline;
-    }
-    ++t_waits;
+VESK_INJECT(
+    int, return error, pthread_cond_timedwait,
+    (pthread_cond_t * condition, pthread_mutex_t* mutex, timespec const* deadline),
+    (condition, mutex, deadline),
+    if (t_waits < MAX_DEADLINES) { t_deadlines[t_waits] = *deadline; } ++t_waits;
     if (t_spurious > 0) {
         --t_spurious;
         return t_spurious_result;
-    }
-    return reinterpret_cast<int (*)(pthread_cond_t*, pthread_mutex_t*, timespec const*)>(
-        inject_pthread_cond_timedwait.getReal())(condition, mutex, deadline);
-}
+    })
 VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * condition), (condition))
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+VESK_INJECT_RESULT(
+    pthread_create,
+    (pthread_t * thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument),
+    (thread, attributes, function, argument))
+VESK_INJECT_RESULT(pthread_join, (pthread_t thread, void** result), (thread, result))
+VESK_INJECT(
+    int, return error, pthread_setname_np, (pthread_t thread, char const* name), (thread, name),
+    if (strcmp(name, "vesk::DnsSd") == 0) { ++g_named; })
 
 namespace {
 
 using namespace support;
 using tarnbase::TimePoint;
+using Calls = std::vector<std::string>;
+using Reference = std::SharedBase::Ptr<DnsSd::DnsSdThread>;
 
 TimePoint const LONG_PAST(1);
+DnsSd::Engine* const g_engine_at_start = DnsSd::getEngine();
 
 /// A thread that runs `body`.
 class Waiter {
 public:
-    template <typename Body>
-    explicit Waiter(Body body)
-        : m_thread([this, body] {
-              m_id = getThreadId();
-              body();
-          }) {}
+    explicit Waiter(std::function<void()> body) : m_body(std::move(body)) {
+        EXPECT_EQ(0, pthread_create(&m_thread, nullptr, run, this));
+    }
     ~Waiter() { join(); }
+
+    Waiter(Waiter const&) = delete;
+    Waiter& operator=(Waiter const&) = delete;
 
     /// Waits until the thread sleeps in the wait that it enters next.
     void untilAsleep() const {
@@ -71,16 +88,61 @@ public:
         }
         waitUntilAsleep(getpid(), m_id);
     }
-    void join() {
-        if (m_thread.joinable()) {
-            m_thread.join();
+    /// Returns `PTHREAD_CANCELED` if the thread was canceled.
+    void* join() {
+        if (!m_is_joined) {
+            EXPECT_EQ(0, pthread_join(m_thread, &m_result));
+            m_is_joined = true;
         }
+        return m_result;
+    }
+    void* cancel() {
+        EXPECT_EQ(0, pthread_cancel(m_thread));
+        return join();
     }
 
 private:
+    static void* run(void* self) {
+        auto& waiter = *static_cast<Waiter*>(self);
+        waiter.m_id = getThreadId();
+        waiter.m_body();
+        return nullptr;
+    }
+
+    std::function<void()> m_body;
     std::atomic<pid_t> m_id{0};
-    std::thread m_thread;
+    pthread_t m_thread{};
+    void* m_result = nullptr;
+    bool m_is_joined = false;
 };
+
+/// Counts the starts and joins of threads by the calling thread, and the threads of service discovery.
+class ThreadCount {
+public:
+    int getStarts() const { return m_starts.getCalls(); }
+    int getEnds() const { return m_ends.getCalls(); }
+    /// Checks that this many threads of service discovery have started and ended.
+    void expect(int threads) const {
+        EXPECT_EQ(threads, getStarts());
+        EXPECT_EQ(threads, getEnds());
+        EXPECT_EQ(threads, g_named - m_named);
+    }
+
+private:
+    int m_named = g_named;
+    Fault m_starts{inject_pthread_create, 0};
+    Fault m_ends{inject_pthread_join, 0};
+};
+
+/// Makes and destroys a client of each kind.
+void makeEachKind() {
+    make<Browser>();
+    make<Resolver>();
+    make<Lookup>();
+    make<Service>();
+}
+
+// ---- records
 
 void add(Browser& client, int number) {
     client.service_appeared(text(std::to_string(number)), "_http._tcp", "local");
@@ -102,13 +164,40 @@ int getNumber(Lookup::Result const& result) {
     return std::stoi(result.address);
 }
 
+std::string const LONG(100, 'x');
+String const LONG_NAME = text(LONG);
+
+/// An operation of a client, with its name in reports.
+struct Operation {
+    char const* name;
+    std::function<void()> call;
+};
+
+/// Returns the operations that make a record, here one of long texts.
+std::vector<Operation> makersOf(Browser& client) {
+    return {
+        {"service_appeared", [&client] { client.service_appeared(LONG_NAME, LONG, LONG); }},
+        {"service_disappeared", [&client] { client.service_disappeared(LONG_NAME, LONG, LONG); }}};
+}
+std::vector<Operation> makersOf(Resolver& client) {
+    Txt txt;
+    txt["a"] = LONG;
+    txt["b"] = LONG;
+    return {{"resolved", [&client, txt] { client.resolved(LONG_NAME, LONG, LONG, LONG, 80, txt); }}};
+}
+std::vector<Operation> makersOf(Lookup& client) {
+    return {{"address", [&client] { client.address(LONG, LONG); }}};
+}
+
 template <typename Client>
 class DnsSdQueue : public testing::Test {
 protected:
+    using Result = typename Client::Result;
+
     void add(int number) { ::add(m_client, number); }
     /// Takes a record. Returns its number, or -1 if there is none.
     int get() {
-        typename Client::Result result;
+        Result result;
         return m_client.get(result) ? -1 : getNumber(result);
     }
 
@@ -129,40 +218,20 @@ public:
 using Kinds = testing::Types<Browser, Resolver, Lookup>;
 TYPED_TEST_SUITE(DnsSdQueue, Kinds, KindNames);
 
-/// Returns a result that is not in the queue, with the number 77.
-template <typename Client>
-typename Client::Result makeResult() {
-    Client client = make<Client>();
-    add(client, 77);
-    typename Client::Result result;
-    EXPECT_FALSE(client.get(result));
-    return result;
-}
-
-TYPED_TEST(DnsSdQueue, getOnAnEmptyQueueReturnsTrueAndKeepsTheResult) {
-    auto result = makeResult<TypeParam>();
-    EXPECT_TRUE(this->m_client.get(result));
-    EXPECT_EQ(77, getNumber(result));
-    EXPECT_FALSE(std::ErrorStorage::isError(true));
-}
-
-TYPED_TEST(DnsSdQueue, getTakesTheOldestRecord) {
+TYPED_TEST(DnsSdQueue, getTakesTheOldestRecordAndKeepsTheResultIfThereIsNone) {
+    typename TestFixture::Result result;
     this->add(1);
     this->add(2);
     this->add(3);
-    EXPECT_EQ(1, this->get());
-    EXPECT_EQ(2, this->get());
+    EXPECT_FALSE(this->m_client.get(result));
+    EXPECT_EQ(1, getNumber(result));
+    EXPECT_FALSE(this->m_client.get(result));
+    EXPECT_EQ(2, getNumber(result)) << "overwritten";
     this->add(4);
     EXPECT_EQ(3, this->get());
     EXPECT_EQ(4, this->get());
-    EXPECT_EQ(-1, this->get());
-}
-
-TYPED_TEST(DnsSdQueue, getOverwritesTheResult) {
-    this->add(1);
-    auto result = makeResult<TypeParam>();
-    EXPECT_FALSE(this->m_client.get(result));
-    EXPECT_EQ(1, getNumber(result));
+    EXPECT_TRUE(this->m_client.get(result));
+    EXPECT_EQ(2, getNumber(result));
 }
 
 TYPED_TEST(DnsSdQueue, hasNoLimit) {
@@ -187,22 +256,13 @@ TYPED_TEST(DnsSdQueue, waitWithARecordReturnsAtOnceEvenAfterItsDeadlineAndKeepsI
     EXPECT_EQ(5, this->get());
 }
 
-TYPED_TEST(DnsSdQueue, waitWithAPastDeadlineMakesOneTimedWait) {
-    t_waits = 0;
-    EXPECT_TRUE(this->m_client.wait(LONG_PAST));
-    EXPECT_EQ(1U, t_waits);
-    EXPECT_TRUE(this->m_client.wait(TimePoint(-5)));
-    EXPECT_EQ(2U, t_waits);
-    EXPECT_FALSE(std::ErrorStorage::isError(true));
-}
-
-TYPED_TEST(DnsSdQueue, waitReturnsAtItsDeadlineAndNotBefore) {
-    TimePoint const deadline = in(30);
-    EXPECT_TRUE(this->m_client.wait(deadline));
-    EXPECT_GE(TimePoint::now(), deadline);
-}
-
-TYPED_TEST(DnsSdQueue, spuriousAndFailedWaitsDoNotChangeTheDeadline) {
+TYPED_TEST(DnsSdQueue, waitEndsAtItsDeadlineWhichSpuriousAndFailedWaitsDoNotChange) {
+    for (TimePoint const& past : {LONG_PAST, TimePoint(-5)}) {
+        t_waits = 0;
+        EXPECT_TRUE(this->m_client.wait(past));
+        EXPECT_EQ(1U, t_waits);
+    }
+    EXPECT_TRUE(this->m_client.wait(in(30)));
     for (int const result : {0, EINVAL, EPERM, ENOMEM}) {
         TimePoint const deadline = in(10);
         timespec const expected = deadline.toTimespec();
@@ -217,38 +277,17 @@ TYPED_TEST(DnsSdQueue, spuriousAndFailedWaitsDoNotChangeTheDeadline) {
             EXPECT_EQ(expected.tv_nsec, t_deadlines[i].tv_nsec);
         }
     }
-    EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
 TYPED_TEST(DnsSdQueue, canceledWaiterLeavesTheQueueUsable) {
-    std::atomic<pid_t> id{0};
-    auto body = [&] {
-        id = getThreadId();
+    Waiter waiter([this] {
         this->m_client.wait();
         ADD_FAILURE() << "the wait has returned";
-    };
-    pthread_t thread{};
-    ASSERT_EQ(
-        0,
-        pthread_create(
-            &thread, nullptr,
-            [](void* argument) -> void* {
-                (*static_cast<decltype(body)*>(argument))();
-                return nullptr;
-            },
-            &body));
-    while (id == 0) {
-        sched_yield();
-    }
-    waitUntilAsleep(getpid(), id);
-    EXPECT_EQ(0, pthread_cancel(thread));
-    void* result = nullptr;
-    EXPECT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
-    EventRecorder const recorder;
+    });
+    waiter.untilAsleep();
+    EXPECT_EQ(PTHREAD_CANCELED, waiter.cancel());
     this->add(5);
     EXPECT_EQ(5, this->get());
-    EXPECT_EQ("", recorder.getText());
 }
 
 TYPED_TEST(DnsSdQueue, waitWithOrWithoutADeadlineEndsWithARecord) {
@@ -303,24 +342,18 @@ TYPED_TEST(DnsSdQueue, everyRecordWakesOneOfSeveralWaiters) {
 TYPED_TEST(DnsSdQueue, keepsTheOrderOfEachProducer) {
     constexpr int PRODUCERS = 4;
     constexpr int RECORDS = 400;
-    std::vector<std::thread> producers;
-    for (int producer = 0; producer < PRODUCERS; ++producer) {
-        producers.emplace_back([this, producer] {
-            for (int i = 0; i < RECORDS; ++i) {
-                this->add(producer * RECORDS + i);
-            }
-        });
-    }
-    std::vector<int> next(PRODUCERS, 0);
-    for (int i = 0; i < PRODUCERS * RECORDS; ++i) {
-        ASSERT_FALSE(this->m_client.wait(farAway()));
-        int const number = this->get();
-        ASSERT_GE(number, 0);
-        ASSERT_EQ(next[static_cast<size_t>(number / RECORDS)]++, number % RECORDS);
-    }
-    for (std::thread& producer : producers) {
-        producer.join();
-    }
+    runInThreads(PRODUCERS + 1, [this](int thread) {
+        for (int i = 0; thread < PRODUCERS && i < RECORDS; ++i) {
+            this->add(thread * RECORDS + i);
+        }
+        std::vector<int> next(PRODUCERS, 0);
+        for (int i = 0; thread == PRODUCERS && i < PRODUCERS * RECORDS; ++i) {
+            ASSERT_FALSE(this->m_client.wait(farAway()));
+            int const number = this->get();
+            ASSERT_GE(number, 0);
+            ASSERT_EQ(next[static_cast<size_t>(number / RECORDS)]++, number % RECORDS);
+        }
+    });
     EXPECT_EQ(-1, this->get());
 }
 
@@ -349,24 +382,76 @@ TYPED_TEST(DnsSdQueue, deliversEachRecordToOneReader) {
     EXPECT_EQ(std::vector<int>(RECORDS, 1), seen);
 }
 
-TYPED_TEST(DnsSdQueue, clientWithUnreadRecordsIsDestroyedSilently) {
-    EventRecorder const recorder;
+TYPED_TEST(DnsSdQueue, clientWithUnreadRecordsIsDestroyedSilentlyAndKeepsPendingReports) {
+    std::ErrorOutput("here", 1, true)(std::CommonErrorId::CONTRACT_BROKEN, "mine");
     {
         TypeParam client = make<TypeParam>();
         for (int i = 0; i < 100; ++i) {
             add(client, i);
         }
     }
-    EXPECT_EQ("", recorder.getText());
-    EXPECT_FALSE(std::ErrorStorage::isError(true));
+    EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN}));
 }
 
-TYPED_TEST(DnsSdQueue, destroyedClientKeepsPendingReports) {
-    std::ErrorOutput("here", 1, true)(std::CommonErrorId::CONTRACT_BROKEN, "mine");
-    { TypeParam const client = make<TypeParam>(); }
-    EXPECT_TRUE(std::ErrorStorage::isError(true));
-    EXPECT_EQ(1, std::ErrorStorage::id());
-    std::ErrorStorage::ack();
+TYPED_TEST(DnsSdQueue, failureOfTheLockAborts) {
+    TypeParam& client = this->m_client;
+    std::vector<Operation> operations = makersOf(client);
+    operations.push_back({"wait", [&client] { client.wait(); }});
+    operations.push_back({"wait", [&client] { client.wait(TimePoint(1)); }});
+    operations.push_back({"get", [&client] {
+                              typename TestFixture::Result result;
+                              client.get(result);
+                          }});
+    for (Operation const& operation : operations) {
+        std::string const where = std::string("ABORT framework/src/vesk/DnsSd ") + operation.name;
+        for (bool const locks : {true, false}) {
+            add(client, 1); // To wait for.
+            EventRecorder const recorder;
+            {
+                Fault const fault(
+                    locks ? inject_pthread_mutex_lock : inject_pthread_mutex_unlock, locks ? EINVAL : EPERM);
+                operation.call();
+            }
+            // A mutex that is not locked cannot be unlocked either.
+            EXPECT_EQ(
+                (locks ? where + ": error locking\n" : "") + where + ": error unlocking", recorder.getText());
+        }
+    }
+}
+
+TYPED_TEST(DnsSdQueue, failedAllocationThrowsAndLeavesTheQueueAsItIs) {
+    this->add(1);
+    for (Operation const& maker : makersOf(this->m_client)) {
+        int failures = 0;
+        for (bool failed = true; failed;) {
+            failed = false;
+            {
+                NewFault const fault(New::SINGLE, failures + 1);
+                try {
+                    maker.call();
+                } catch (std::bad_alloc const&) {
+                    failed = true;
+                }
+            }
+            this->add(2);
+            ASSERT_EQ(1, this->get()) << "the record before the failure";
+            typename TestFixture::Result result;
+            ASSERT_FALSE(failed ? false : this->m_client.get(result)) << "the record of the last call";
+            ASSERT_EQ(2, this->get());
+            ASSERT_TRUE(this->m_client.wait(LONG_PAST));
+            this->add(1);
+            failures += failed ? 1 : 0;
+        }
+        EXPECT_GE(failures, 3) << "texts and record are on the heap";
+    }
+}
+
+TYPED_TEST(DnsSdQueue, getAllocatesNothing) {
+    makersOf(this->m_client)[0].call();
+    typename TestFixture::Result result;
+    NewFault const fault(New::SINGLE);
+    EXPECT_FALSE(this->m_client.get(result));
+    EXPECT_EQ(0, fault.getCalls());
 }
 
 std::string const PRINTER = "Pr\303\274fer";
@@ -401,27 +486,19 @@ void expectPrinter(Resolver::Result const& result) {
 
 TEST(SyncResolver, recordsEveryFieldAndItsOwnCopyOfTheTxtRecord) {
     Resolver resolver = make<Resolver>();
-    {
-        Txt txt;
-        txt["path"] = "/status";
-        resolver.resolved(text("Printer"), "_ipp._tcp", "local", "printer.local", 65535, txt);
-        txt["path"] = "/other";
-        txt["more"] = "1";
-    }
+    Txt txt;
+    txt["path"] = "/status";
+    resolver.resolved(text("Printer"), "_ipp._tcp", "local", "printer.local", 65535, txt);
+    Resolver::Result const made(text("Printer"), "_ipp._tcp", "local", "printer.local", 65535, txt);
+    Resolver::Result const copy(made);
+    txt["path"] = "/other";
+    txt["more"] = "1";
     Resolver::Result result;
     EXPECT_EQ(0, result.port);
     EXPECT_TRUE(result.txt.empty());
     ASSERT_FALSE(resolver.get(result));
     expectPrinter(result);
-}
-
-TEST(SyncResolver, resultIsMadeFromItsFieldsAndCopied) {
-    Txt txt;
-    txt["path"] = "/status";
-    Resolver::Result const result(text("Printer"), "_ipp._tcp", "local", "printer.local", 65535, txt);
-    Resolver::Result const copy(result);
-    txt["path"] = "/other";
-    expectPrinter(result);
+    expectPrinter(made);
     expectPrinter(copy);
 }
 
@@ -467,5 +544,342 @@ static_assert(isSynchronousClient<DnsSd::SyncService>());
 static_assert(std::is_abstract_v<DnsSd::Client> && std::is_base_of_v<DnsSdBase::Client, DnsSd::Client>);
 static_assert(sizeof(DnsSd::SyncService) < sizeof(DnsSd::SyncLookup), "it has neither lock nor queue");
 static_assert(std::is_same_v<decltype(DnsSd::DEFAULT), std::Shared<DnsSd::DnsSdThread>>);
+
+TEST(DnsSdTxt, dataWithoutMemoryIsInvalid) {
+    Txt txt;
+    for (bool const filled : {false, true}) {
+        if (filled) {
+            txt["a"] = "b";
+        }
+        NewFault const fault(New::NOTHROW_SINGLE);
+        std::Buf const wire = txt.data();
+        EXPECT_FALSE(wire.isValid());
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_TRUE(chainIs({std::CommonErrorId::OUT_OF_MEMORY}));
+    }
+}
+
+// ---- the thread
+
+/// Checks that the first event is a warning of a thread operation.
+void expectWarning(EventRecorder const& recorder, std::string const& begin) {
+    std::string const warning = recorder.getText();
+    EXPECT_EQ(0U, warning.find("WARNING framework/src/vesk/DnsSd " + begin)) << warning;
+}
+
+TEST(DnsSdThread, failedStartIsAWarningOnceAndIsRetriedWhileClientsStayUsable) {
+    EventRecorder const recorder;
+    {
+        Lookup lookup = make<Lookup>();
+        add(lookup, 1);
+        Fault const fault(inject_pthread_create, EAGAIN);
+        Lookup::Result result;
+        EXPECT_FALSE(lookup.get(result));
+        Fault const joins(inject_pthread_join, 0);
+        make<Browser>();
+        EXPECT_EQ(0, joins.getCalls()) << "there is none to join";
+        make<Browser>();
+        EXPECT_EQ(2, fault.getCalls());
+        EXPECT_EQ(1, joins.getCalls());
+    }
+    EXPECT_EQ(1U, recorder.getCount());
+    expectWarning(recorder, "DnsSdThread: Couldn't start the thread of service discovery: ");
+    EXPECT_NE(std::string::npos, recorder.getText().find("thread creation failed")) << recorder.getText();
+}
+
+TEST(DnsSdThread, failedJoinIsAWarning) {
+    EventRecorder const recorder;
+    {
+        Fault const fault(inject_pthread_join, EINVAL);
+        make<Lookup>();
+    }
+    expectWarning(recorder, "~DnsSdThread: Couldn't join the thread of service discovery: ");
+}
+
+TEST(DnsSdWithoutEngine, destructorOfAClientStartsAndJoinsTheThread) {
+    ThreadCount const count;
+    {
+        Browser const browser = make<Browser>();
+        EXPECT_EQ(0, count.getStarts()) << "the constructor takes no reference";
+    }
+    count.expect(1);
+    makeEachKind();
+    count.expect(5);
+    {
+        Reference const held(DnsSd::DEFAULT);
+        make<Lookup>();
+        EXPECT_EQ(6, count.getStarts()) << "the destructor shares the thread";
+        EXPECT_EQ(5, count.getEnds());
+    }
+    count.expect(6);
+}
+
+/// Returns a client that a test destroys early.
+template <typename Client>
+std::unique_ptr<Client> hold() {
+    return std::unique_ptr<Client>(new Client(make<Client>()));
+}
+
+TEST(DnsSdWithoutEngine, laterEngineIsNotCalledForAnEarlierClient) {
+    TestEngine engine;
+    {
+        Browser const browser = make<Browser>();
+        Installed const installed(engine);
+    }
+    auto browser = hold<Browser>();
+    Installed const installed(engine);
+    browser.reset();
+    EXPECT_EQ(Calls{}, engine.getCalls());
+}
+
+TEST(DnsSdWithoutEngine, manyThreadsCreateAndDestroyClients) {
+    int const before = g_named;
+    runInThreads(4, [](int) {
+        for (int round = 0; round < 25; ++round) {
+            Browser browser = make<Browser>();
+            browser.service_appeared(text("name"), "_http._tcp", "local");
+            EXPECT_FALSE(browser.wait());
+        }
+    });
+    EXPECT_GE(g_named - before, 1);
+    EXPECT_LE(g_named - before, 100);
+}
+
+// ---- engines
+
+TEST(DnsSdSetEngine, returnsTheEarlierEngineFirstNone) {
+    EXPECT_EQ(nullptr, g_engine_at_start);
+    TestEngine first;
+    TestEngine second;
+    EXPECT_EQ(nullptr, DnsSd::setEngine(&first));
+    EXPECT_EQ(&first, DnsSd::getEngine());
+    EXPECT_EQ(&first, DnsSd::setEngine(&second));
+    EXPECT_EQ(&second, DnsSd::getEngine());
+    EXPECT_EQ(&second, DnsSd::setEngine(nullptr));
+    EXPECT_EQ(nullptr, DnsSd::getEngine());
+}
+
+class DnsSdEngine : public testing::Test {
+protected:
+    TestEngine m_engine;
+    Installed m_installed{m_engine};
+};
+
+TEST_F(DnsSdEngine, isCalledAndCanceledByEachKindOfClient) {
+    make<Browser>();
+    EXPECT_EQ((Calls{"browse _http._tcp local", "cancel"}), m_engine.getCalls());
+    { DnsSd::SyncResolver const client(text("a n\xC3\xA4me"), "_ipp._tcp", "example"); }
+    make<Lookup>();
+    Txt txt;
+    txt["path"] = "/status";
+    { DnsSd::SyncService const client(text("mine"), "_http._tcp", "local", 65535, txt); }
+    { DnsSd::SyncService const client(text("bare"), "_http._tcp", "local", 0); }
+    EXPECT_EQ(
+        (Calls{
+            "browse _http._tcp local", "cancel", "resolve a n\xC3\xA4me _ipp._tcp example", "cancel",
+            "lookup host.local", "cancel", "publish mine _http._tcp local 65535 path=/status", "cancel",
+            "publish bare _http._tcp local 0", "cancel"}),
+        m_engine.getCalls());
+}
+
+TEST_F(DnsSdEngine, deliversToAWaitingBrowser) {
+    std::atomic<bool> about_to_wait{false};
+    pid_t const reader = getThreadId();
+    m_engine.deliver([&](DnsSdBase::Client& client) {
+        while (!about_to_wait) {
+            sched_yield();
+        }
+        waitUntilAsleep(getpid(), reader);
+        client.service_appeared(text("first"), "_http._tcp", "local");
+        client.all_for_now();
+        client.service_disappeared(text("first"), "_http._tcp", "local");
+    });
+    Browser browser = make<Browser>();
+    about_to_wait = true;
+    EXPECT_FALSE(browser.wait());
+    Browser::Result result;
+    ASSERT_FALSE(browser.get(result));
+    EXPECT_TRUE(text("first") == result.name);
+    EXPECT_TRUE(result.appeared);
+    ASSERT_FALSE(browser.wait(farAway()));
+    ASSERT_FALSE(browser.get(result));
+    EXPECT_TRUE(text("first") == result.name);
+    EXPECT_FALSE(result.appeared);
+    EXPECT_TRUE(browser.get(result)) << "the end of the first batch makes no record";
+}
+
+TEST_F(DnsSdEngine, deliversToAResolverAndToALookup) {
+    m_engine.deliver([](DnsSdBase::Client& client) {
+        unsigned char const record[] = {3, 'a', '=', 'b'};
+        client.resolved(text("name"), "_http._tcp", "local", "host.local", 8080, Txt(sizeof record, record));
+        client.address("host.local", "192.0.2.1");
+    });
+    Resolver resolver = make<Resolver>();
+    ASSERT_FALSE(resolver.wait(farAway()));
+    Resolver::Result where;
+    ASSERT_FALSE(resolver.get(where));
+    EXPECT_EQ("host.local", where.host);
+    EXPECT_EQ(8080, where.port);
+    EXPECT_EQ("b", where.txt.at("a"));
+    EXPECT_TRUE(resolver.get(where)) << "addresses are not for a resolver";
+
+    DnsSd::SyncLookup lookup(where.host);
+    ASSERT_FALSE(lookup.wait(farAway()));
+    Lookup::Result found;
+    ASSERT_FALSE(lookup.get(found));
+    EXPECT_EQ("192.0.2.1", found.address);
+}
+
+TEST_F(DnsSdEngine, canCallBackBeforeTheConstructorReturns) {
+    std::atomic<bool> delivered{false};
+    m_engine.deliver([&](DnsSdBase::Client& client) {
+        client.service_appeared(text("early"), "_http._tcp", "local");
+        delivered = true;
+    });
+    m_engine.on_enter = [&](DnsSdBase::Client&) {
+        while (!delivered) {
+            sched_yield();
+        }
+    };
+    Browser browser = make<Browser>();
+    Browser::Result result;
+    EXPECT_FALSE(browser.get(result));
+    EXPECT_TRUE(text("early") == result.name);
+}
+
+TEST_F(DnsSdEngine, waitEndsAtItsDeadlineBecauseCallsOfAnotherKindAreIgnored) {
+    m_engine.deliver([](DnsSdBase::Client& client) {
+        client.resolved(text("name"), "type", "local", "host", 1, Txt::EMPTY);
+        client.service_appeared(text("name"), "type", "local");
+        client.service_disappeared(text("name"), "type", "local");
+        client.all_for_now();
+        client.address("host", "192.0.2.1");
+    });
+    Lookup lookup = make<Lookup>();
+    ASSERT_FALSE(lookup.wait(farAway()));
+    Lookup::Result result;
+    EXPECT_FALSE(lookup.get(result));
+    EXPECT_EQ("192.0.2.1", result.address);
+    EXPECT_TRUE(lookup.get(result));
+    TimePoint const deadline = in(30);
+    EXPECT_TRUE(lookup.wait(deadline));
+    EXPECT_GE(TimePoint::now(), deadline);
+    Service const service = make<Service>(); // Ignores all of them.
+}
+
+TEST_F(DnsSdEngine, isCalledAndCanceledForEachClientWhileTheThreadRuns) {
+    ThreadCount const count;
+    std::vector<DnsSdBase::Client*> entered;
+    std::vector<DnsSdBase::Client*> canceled;
+    m_engine.on_enter = [&](DnsSdBase::Client& client) {
+        EXPECT_EQ(1, count.getStarts());
+        entered.push_back(&client);
+    };
+    m_engine.on_cancel = [&](DnsSdBase::Client& client) {
+        EXPECT_EQ(0, count.getEnds());
+        canceled.insert(canceled.begin(), &client);
+    };
+    {
+        Browser const browser = make<Browser>();
+        {
+            Resolver const resolver = make<Resolver>();
+            Lookup const lookup = make<Lookup>();
+            Service const service = make<Service>();
+        }
+        EXPECT_EQ(3U, canceled.size());
+    }
+    EXPECT_EQ(4U, entered.size());
+    EXPECT_EQ(entered, canceled);
+    count.expect(1);
+}
+
+TEST_F(DnsSdEngine, canDeliverDuringTheCancellation) {
+    m_engine.on_cancel = [](DnsSdBase::Client& client) {
+        std::thread([&client] {
+            client.service_disappeared(text("last"), "_http._tcp", "local");
+            client.resolved(text("last"), "_http._tcp", "local", "host", 80, Txt::EMPTY);
+            client.address("host", "192.0.2.1");
+        }).join();
+    };
+    makeEachKind();
+}
+
+TEST_F(DnsSdEngine, keepsItsClientsWhenAnotherEngineIsInstalled) {
+    TestEngine other;
+    {
+        Browser const browser = make<Browser>();
+        Installed const installed(other);
+        Lookup const lookup = make<Lookup>();
+    }
+    EXPECT_EQ((Calls{"browse _http._tcp local", "cancel"}), m_engine.getCalls());
+    EXPECT_EQ((Calls{"lookup host.local", "cancel"}), other.getCalls());
+
+    auto browser = hold<Browser>();
+    DnsSd::setEngine(nullptr);
+    browser.reset();
+    EXPECT_EQ(4U, m_engine.getCalls().size());
+}
+
+TEST_F(DnsSdEngine, errorTripsAnAssertion) {
+    EventRecorder const recorder;
+    m_engine.deliver([](DnsSdBase::Client& client) {
+        client.error();
+        client.address("host", "192.0.2.1");
+    });
+    Lookup lookup = make<Lookup>();
+    ASSERT_FALSE(lookup.wait(farAway()));
+    EXPECT_EQ("ASSERT framework/src/vesk/DnsSd error: !\"Implement me!\"", recorder.getText());
+}
+
+TEST_F(DnsSdEngine, thatThrowsLeavesNoClientAndNoReference) {
+    ThreadCount const count;
+    m_engine.on_enter = [](DnsSdBase::Client&) { throw std::runtime_error("no more clients"); };
+    EXPECT_THROW(make<Browser>(), std::runtime_error);
+    EXPECT_THROW(make<Resolver>(), std::runtime_error);
+    EXPECT_THROW(make<Lookup>(), std::runtime_error);
+    EXPECT_THROW(make<Service>(), std::runtime_error);
+    EXPECT_EQ(4U, m_engine.getCalls().size()) << "none is canceled";
+    count.expect(4);
+}
+
+TEST_F(DnsSdEngine, deliversWhileClientsAreDestroyed) {
+    auto const callAll = [](DnsSdBase::Client& client) {
+        client.service_appeared(text("name"), "_http._tcp", "local");
+        client.resolved(text("name"), "_http._tcp", "local", "host", 80, Txt::EMPTY);
+        client.address("host", "192.0.2.1");
+    };
+    m_engine.deliver(callAll, true);
+    for (int round = 0; round < 50; ++round) {
+        auto browser = hold<Browser>();
+        auto resolver = hold<Resolver>();
+        auto lookup = hold<Lookup>();
+        Service const service = make<Service>();
+        EXPECT_FALSE(lookup->wait(farAway()));
+        Lookup::Result result;
+        EXPECT_FALSE(lookup->get(result));
+        lookup.reset();
+        EXPECT_FALSE(browser->wait(farAway()));
+        browser.reset();
+        EXPECT_FALSE(resolver->wait(farAway()));
+    }
+}
+
+TEST_F(DnsSdEngine, servesClientsOfManyThreads) {
+    m_engine.deliver(
+        [](DnsSdBase::Client& client) { client.service_appeared(text("name"), "_http._tcp", "local"); },
+        true);
+    runInThreads(4, [](int) {
+        for (int round = 0; round < 20; ++round) {
+            Browser browser = make<Browser>();
+            for (int record = 0; record < 3; ++record) {
+                ASSERT_FALSE(browser.wait(farAway()));
+                Browser::Result result;
+                ASSERT_FALSE(browser.get(result));
+                ASSERT_TRUE(text("name") == result.name);
+            }
+        }
+    });
+    EXPECT_EQ(160U, m_engine.getCalls().size());
+}
 
 } // namespace

@@ -35,7 +35,7 @@ public:
     using Txt = vesk::DnsSdBase::Txt;
     using Delivery = std::function<void(Client&)>;
 
-    TestEngine() : m_thread([this] { deliver(); }) {}
+    TestEngine() : m_thread([this] { run(); }) {}
     ~TestEngine() override {
         {
             std::lock_guard<std::mutex> const guard(m_mutex);
@@ -71,29 +71,15 @@ public:
         }
         std::unique_lock<std::mutex> lock(m_mutex);
         m_calls.push_back("cancel");
-        m_clients.erase(std::find(m_clients.begin(), m_clients.end(), &client));
+        m_clients.erase(std::remove(m_clients.begin(), m_clients.end(), &client), m_clients.end());
         m_changed.wait(lock, [&] { return m_called != &client; });
     }
 
-    /// Makes the thread call every registered client once, now or when it registers.
-    void deliverOnce(Delivery delivery) {
-        {
-            std::lock_guard<std::mutex> const guard(m_mutex);
-            for (Client* client : m_clients) {
-                m_deliveries.emplace_back(client, delivery);
-            }
-            m_for_new_ones.push_back(std::move(delivery));
-        }
-        m_changed.notify_all();
-    }
-
-    /// Makes the thread call every registered client again and again.
-    void flood(Delivery delivery) {
-        {
-            std::lock_guard<std::mutex> const guard(m_mutex);
-            m_flood = std::move(delivery);
-        }
-        m_changed.notify_all();
+    /// Makes the thread call every later client once, or again and again.
+    void deliver(Delivery delivery, bool again = false) {
+        std::lock_guard<std::mutex> const guard(m_mutex);
+        m_delivery = std::move(delivery);
+        m_again = again;
     }
 
     /// Returns the calls so far.
@@ -113,9 +99,6 @@ private:
             std::lock_guard<std::mutex> const guard(m_mutex);
             m_calls.push_back(call);
             m_clients.push_back(&client);
-            for (Delivery const& delivery : m_for_new_ones) {
-                m_deliveries.emplace_back(&client, delivery);
-            }
         }
         m_changed.notify_all();
         if (on_enter) {
@@ -124,29 +107,21 @@ private:
     }
 
     /// Runs in the thread. Makes each delivery without the lock, so that a client can be canceled at the same time.
-    void deliver() {
+    void run() {
         std::unique_lock<std::mutex> lock(m_mutex);
-        size_t next = 0;
         while (!m_ends) {
-            Delivery delivery;
-            if (!m_deliveries.empty()) {
-                m_called = m_deliveries.front().first;
-                delivery = std::move(m_deliveries.front().second);
-                m_deliveries.pop_front();
-                if (std::find(m_clients.begin(), m_clients.end(), m_called) == m_clients.end()) {
-                    m_called = nullptr; // Canceled before its turn.
-                    continue;
-                }
-            } else if (m_flood && !m_clients.empty()) {
-                m_called = m_clients[next++ % m_clients.size()];
-                delivery = m_flood;
-            } else {
+            if (m_clients.empty() || !m_delivery) {
                 m_changed.wait(lock);
                 continue;
             }
-            Client& client = *m_called;
+            Client& client = *m_clients.front();
+            m_clients.pop_front();
+            if (m_again) {
+                m_clients.push_back(&client);
+            }
+            m_called = &client;
             lock.unlock();
-            delivery(client);
+            m_delivery(client);
             lock.lock();
             m_called = nullptr;
             m_changed.notify_all();
@@ -156,10 +131,9 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<std::string> m_calls;
-    std::vector<Client*> m_clients;
-    std::vector<Delivery> m_for_new_ones;
-    std::deque<std::pair<Client*, Delivery>> m_deliveries;
-    Delivery m_flood;
+    std::deque<Client*> m_clients; // Those to call.
+    Delivery m_delivery;
+    bool m_again = false;
     Client* m_called = nullptr; // The client that the thread calls.
     bool m_ends = false;
     std::thread m_thread;

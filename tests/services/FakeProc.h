@@ -3,18 +3,15 @@
 #include "support/Inject.h"
 #include "support/TempFolder.h"
 
-#include <cerrno>
-#include <cstdarg>
+#include <vesk/ProcessInfo.h>
+
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 /// Replaces `open`. Must be included in only one file of a test program. A `support::Fault` on `inject_open` counts its
 /// calls and makes them fail; a `FakeProc` redirects them from /proc to its own files.
-
-inline support::Injected inject_open("open");
 
 namespace support {
 
@@ -54,38 +51,37 @@ public:
     std::vector<OpenCall> const& getOpened() const { return m_opened; }
 
     /// Returns the path to open instead of this one.
-    static std::string resolve(char const* path, int flags) {
-        if (strncmp(path, "/proc", 5) != 0) {
+    static char const* resolve(char const* path, int flags) {
+        if (s_current == nullptr || strncmp(path, "/proc", 5) != 0) {
             return path;
         }
         s_current->m_opened.push_back({path, flags});
-        return s_current->m_folder.getPath() + (path + 5);
+        s_current->m_path = s_current->m_folder.getPath() + (path + 5);
+        return s_current->m_path.c_str();
     }
-
-    static bool isActive() noexcept { return s_current != nullptr; }
 
 private:
     static inline FakeProc* s_current = nullptr;
 
     TempFolder m_folder;
     std::vector<OpenCall> m_opened;
+    std::string m_path; // Of the last call.
 };
+
+constexpr int PID = 4711;
+
+/// A /proc with the process `PID`.
+class FakeDaemon : public FakeProc {
+public:
+    FakeDaemon() { setProcess(PID, "daemon", "300", "250", "17", "33"); }
+};
+
+inline vesk::ProcessInfo takeSnapshot(int pid = PID) {
+    vesk::ProcessInfo info(pid);
+    info.init();
+    return info;
+}
 
 } // namespace support
 
-extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    int const mode = (flags & O_CREAT) != 0 ? va_arg(args, int) : 0;
-    va_end(args);
-    int error = 0;
-    if (inject_open.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    auto const real = reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal());
-    if (!support::FakeProc::isActive()) {
-        return real(path, flags, mode);
-    }
-    return real(support::FakeProc::resolve(path, flags).c_str(), flags, mode);
-}
+VESK_INJECT_OPEN(path = support::FakeProc::resolve(path, flags))

@@ -2,7 +2,8 @@
 #include "services/Loads.h"
 
 #include "frame/FakeClock.h"
-#include "support/ErrnoCases.h"
+#include "support/CleanEnd.h"
+#include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
 #include "support/NamedRow.h"
 #include "support/Processes.h"
@@ -30,29 +31,13 @@ long s_processors = 0; // The number that the system reports; 0 is the true one.
 
 } // namespace
 
-support::Injected inject_read("read");
-extern "C" VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {
-    s_read_size = size;
-    if (s_before_read != nullptr) {
-        (*s_before_read)();
-    }
-    int error = 0;
-    if (inject_read.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return reinterpret_cast<ssize_t (*)(int, void*, size_t)>(inject_read.getReal())(fd, buffer, size);
-}
-
+VESK_INJECT_NOTING(
+    ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size), s_read_size = size;
+    if (s_before_read != nullptr) { (*s_before_read)(); })
 VESK_INJECT_ERRNO(dirent*, nullptr, readdir, (DIR * directory), (directory))
-
-support::Injected inject_sysconf("sysconf");
-extern "C" VESK_UNWATCHED long sysconf(int name) {
-    if (name == _SC_NPROCESSORS_ONLN && s_processors != 0) {
-        return s_processors;
-    }
-    return reinterpret_cast<long (*)(int)>(inject_sysconf.getReal())(name);
-}
+VESK_INJECT(
+    long, , sysconf, (int name), (name),
+    if (name == _SC_NPROCESSORS_ONLN && s_processors != 0) { return s_processors; })
 
 namespace {
 
@@ -61,10 +46,12 @@ using vesk::ProcessInfo;
 using vesk::Time;
 namespace SysErrorId = vesk::SysErrorId;
 
-constexpr int PID = 4711;
 constexpr unsigned int STAT_VALUES =
     ProcessInfo::NAME | ProcessInfo::USER_TIME | ProcessInfo::SYSTEM_TIME | ProcessInfo::THREADS;
 constexpr unsigned int ALL_VALUES = STAT_VALUES | ProcessInfo::RESIDENT;
+
+static_assert(ProcessInfo::NAME == 1 && ProcessInfo::USER_TIME == 2 && ProcessInfo::SYSTEM_TIME == 4);
+static_assert(ProcessInfo::THREADS == 8 && ProcessInfo::RESIDENT == 16);
 
 /// Returns a number of processor ticks in milliseconds.
 unsigned long getMilliseconds(unsigned long ticks) {
@@ -74,18 +61,6 @@ unsigned long getMilliseconds(unsigned long ticks) {
 size_t getPageSize() {
     return static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
-
-ProcessInfo takeSnapshot(int pid = PID) {
-    ProcessInfo info(pid);
-    info.init();
-    return info;
-}
-
-/// A /proc with one process.
-class FakeDaemon : public FakeProc {
-public:
-    FakeDaemon() { setProcess(PID, "daemon", "300", "250", "17", "33"); }
-};
 
 testing::AssertionResult isFailedQuery(int error) {
     return causeIs(SysErrorId::QUERY_FAILED, error);
@@ -104,19 +79,10 @@ TEST(ProcessInfo, isEmptyBeforeTheFirstInit) {
     EXPECT_EQ(0u, info.resident);
 }
 
-TEST(ProcessInfo, bitsOfAvailableHaveTheirNumbers) {
-    EXPECT_EQ(1, ProcessInfo::NAME);
-    EXPECT_EQ(2, ProcessInfo::USER_TIME);
-    EXPECT_EQ(4, ProcessInfo::SYSTEM_TIME);
-    EXPECT_EQ(8, ProcessInfo::THREADS);
-    EXPECT_EQ(16, ProcessInfo::RESIDENT);
-}
-
-TEST(ProcessInfo, readsEachValueFromItsField) {
+TEST(ProcessInfo, readsEachValueFromItsFieldOfTwoFiles) {
     FakeDaemon const proc;
     FakeClock const clock(1700000000, 123456789);
     ProcessInfo const info = takeSnapshot();
-    EXPECT_TRUE(chainIs({}));
     EXPECT_TRUE(info.valid);
     EXPECT_EQ(ALL_VALUES, info.available);
     EXPECT_EQ("daemon", info.name);
@@ -126,11 +92,6 @@ TEST(ProcessInfo, readsEachValueFromItsField) {
     EXPECT_EQ(CLOCK_REALTIME, clock.getClock());
     EXPECT_EQ(17u, info.threads);
     EXPECT_EQ(33u * getPageSize(), info.resident);
-}
-
-TEST(ProcessInfo, opensBothFilesReadOnlyAndNotAcrossExec) {
-    FakeDaemon const proc;
-    takeSnapshot();
     ASSERT_EQ(2u, proc.getOpened().size());
     EXPECT_EQ("/proc/4711/stat", proc.getOpened()[0].path);
     EXPECT_EQ("/proc/4711/statm", proc.getOpened()[1].path);
@@ -138,19 +99,17 @@ TEST(ProcessInfo, opensBothFilesReadOnlyAndNotAcrossExec) {
     EXPECT_EQ(O_RDONLY | O_CLOEXEC, proc.getOpened()[1].flags);
 }
 
-TEST(ProcessInfo, longestProcessIdHasAPath) {
-    FakeProc const proc;
-    takeSnapshot(INT_MIN);
-    ASSERT_EQ(1u, proc.getOpened().size());
-    EXPECT_EQ("/proc/-2147483648/stat", proc.getOpened()[0].path);
-    EXPECT_TRUE(isFailedQuery(ENOENT));
-}
-
-TEST(ProcessInfo, processZeroTripsAnAssertionAndIsLookedUp) {
+TEST(ProcessInfo, everyProcessIdIsLookedUpButZeroTripsAnAssertion) {
     EventRecorder const recorder;
-    EXPECT_FALSE(takeSnapshot(0).valid);
+    FakeProc const proc;
+    for (int const pid : {INT_MIN, 0}) {
+        EXPECT_FALSE(takeSnapshot(pid).valid);
+        EXPECT_TRUE(isFailedQuery(ENOENT));
+    }
+    ASSERT_EQ(2u, proc.getOpened().size());
+    EXPECT_EQ("/proc/-2147483648/stat", proc.getOpened()[0].path);
+    EXPECT_EQ("/proc/0/stat", proc.getOpened()[1].path);
     EXPECT_EQ("ASSERT framework/src/vesk/linux/ProcessInfo init: m_pid", recorder.getText());
-    EXPECT_TRUE(isFailedQuery(ENOENT));
 }
 
 struct NameRow : NamedRow {
@@ -168,7 +127,6 @@ TEST_P(ProcessInfoNames, endAtTheLastParenthesis) {
     EXPECT_EQ(GetParam().name, info.name);
     EXPECT_EQ(3u, info.threads);
     EXPECT_EQ(getMilliseconds(100), info.user_time);
-    EXPECT_TRUE(chainIs({}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -224,18 +182,7 @@ TEST(ProcessInfo, residentMemoryIsCountedInSize) {
     EXPECT_EQ(pages * getPageSize(), takeSnapshot().resident);
 }
 
-TEST(ProcessInfo, failedSnapshotKeepsNothingOfAnEarlierOne) {
-    FakeDaemon const proc;
-    ProcessInfo info = takeSnapshot();
-    EXPECT_TRUE(info.valid);
-    proc.set("4711/stat", "");
-    info.init();
-    EXPECT_FALSE(info.valid);
-    EXPECT_EQ(0u, info.available);
-    EXPECT_TRUE(chainIs({SysErrorId::QUERY_FAILED}));
-}
-
-TEST(ProcessInfo, snapshotCanBeTakenAgain) {
+TEST(ProcessInfo, laterSnapshotKeepsNothingOfAnEarlierOne) {
     FakeDaemon const proc;
     ProcessInfo info = takeSnapshot();
     proc.setProcess(PID, "now", "301", "251", "18", "34");
@@ -245,6 +192,11 @@ TEST(ProcessInfo, snapshotCanBeTakenAgain) {
     EXPECT_EQ("now", info.name);
     EXPECT_EQ(18u, info.threads);
     EXPECT_EQ(34u * getPageSize(), info.resident);
+    proc.set("4711/stat", "");
+    info.init();
+    EXPECT_FALSE(info.valid);
+    EXPECT_EQ(0u, info.available);
+    EXPECT_TRUE(chainIs({SysErrorId::QUERY_FAILED}));
 }
 
 /// A call that fails, and what is read before.
@@ -281,27 +233,28 @@ INSTANTIATE_TEST_SUITE_P(
         testing::Values(ENOENT, EACCES, EMFILE, ENOMEM, EINTR, ESRCH)));
 
 struct TextRow : NamedRow {
-    std::string text;
+    std::string text; ///< Of stat, or of statm if the values of stat are available.
     unsigned int available = 0;
 };
 
-class ProcessInfoStatTexts : public testing::TestWithParam<TextRow> {};
+class ProcessInfoTexts : public testing::TestWithParam<TextRow> {};
 
-TEST_P(ProcessInfoStatTexts, areNotParsed) {
-    FakeProc const proc;
-    proc.set("4711/stat", GetParam().text);
-    proc.set("4711/statm", "1 2 3 4 5 6 7\n");
+TEST_P(ProcessInfoTexts, areNotParsed) {
+    FakeDaemon const proc;
+    bool const is_statm = GetParam().available == STAT_VALUES;
+    proc.set(is_statm ? "4711/statm" : "4711/stat", GetParam().text);
     ProcessInfo const info = takeSnapshot();
     EXPECT_TRUE(chainIs({SysErrorId::QUERY_FAILED}));
     EXPECT_FALSE(info.valid);
     EXPECT_EQ(GetParam().available, info.available);
-    EXPECT_EQ(0u, info.user_time);
-    EXPECT_EQ(0u, info.threads);
+    EXPECT_EQ(is_statm ? getMilliseconds(300) : 0u, info.user_time);
+    EXPECT_EQ(is_statm ? 17u : 0u, info.threads);
     EXPECT_EQ(0u, info.resident);
+    EXPECT_EQ(0, info.timestamp);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, ProcessInfoStatTexts,
+    All, ProcessInfoTexts,
     rowsOf<TextRow>({
         {"empty", "", 0},
         {"withoutParentheses", "4711 daemon S 1 2 3 4 5 6 7 8 9 10 11 12", 0},
@@ -318,46 +271,27 @@ INSTANTIATE_TEST_SUITE_P(
         {"withOneTime", "4711 (daemon) S 1 2 3 4 -5 6 7 8 9 10 300", 1},
         {"withoutThreads", "4711 (daemon) S 1 2 3 4 -5 6 7 8 9 10 300 250 11 12 -13 -14", 1},
         {"withALetter", "4711 (daemon) S 1 2 3 4 -5 x 7 8 9 10 300 250 11 12 -13 -14 17", 1},
+        {"emptyStatm", "", STAT_VALUES},
+        {"statmWithOneNumber", "901\n", STAT_VALUES},
+        {"statmWithLetters", "901 x", STAT_VALUES},
     }),
     byName);
 
-class ProcessInfoStatmTexts : public testing::TestWithParam<TextRow> {};
-
-TEST_P(ProcessInfoStatmTexts, areNotParsed) {
-    FakeDaemon const proc;
-    proc.set("4711/statm", GetParam().text);
-    ProcessInfo const info = takeSnapshot();
-    EXPECT_TRUE(chainIs({SysErrorId::QUERY_FAILED}));
-    EXPECT_FALSE(info.valid);
-    EXPECT_EQ(STAT_VALUES, info.available);
-    EXPECT_EQ(0u, info.resident);
-    EXPECT_EQ(0, info.timestamp);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessInfoStatmTexts,
-    rowsOf<TextRow>({
-        {"empty", ""},
-        {"withOneNumber", "901\n"},
-        {"letters", "901 x"},
-    }),
-    byName);
-
-class ProcessInfoClock : public testing::TestWithParam<ClockFailure> {};
+class ProcessInfoClock : public testing::TestWithParam<int> {};
 
 TEST_P(ProcessInfoClock, failureIsChainedAndLeavesTheSnapshotValid) {
     FakeDaemon const proc;
     ProcessInfo info(PID);
     info.timestamp = 99;
-    Fault const fault(inject_clock_gettime, GetParam().error);
+    Fault const fault(inject_clock_gettime, GetParam());
     info.init();
-    EXPECT_TRUE(GetParam().isPending());
+    EXPECT_TRUE(isClockFailure(GetParam()));
     EXPECT_TRUE(info.valid);
     EXPECT_EQ(ALL_VALUES, info.available);
     EXPECT_EQ(0, info.timestamp);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ProcessInfoClock, eachClockFailure());
+INSTANTIATE_TEST_SUITE_P(All, ProcessInfoClock, CLOCK_ERRORS);
 
 /// Returns a snapshot like those of `init`.
 ProcessInfo makeInfo(unsigned long long user_time, unsigned long long system_time, long long timestamp) {
@@ -381,7 +315,6 @@ class ProcessInfoLoad : public testing::TestWithParam<LoadRow> {};
 TEST_P(ProcessInfoLoad, isTheShareOfTheElapsedTimeOfAllProcessors) {
     s_processors = GetParam().processors;
     EXPECT_DOUBLE_EQ(GetParam().load, ProcessInfo::getCpuLoad(GetParam().start, GetParam().end));
-    EXPECT_TRUE(chainIs({}));
     s_processors = 0;
 }
 
@@ -411,28 +344,17 @@ TEST(ProcessInfoLoad, overTheLongestTimeIsSmall) {
     EXPECT_GT(1e-6, ProcessInfo::getCpuLoad(makeInfo(0, 0, LLONG_MIN), makeInfo(1000, 0, LLONG_MAX)));
 }
 
-class ProcessInfoLoadWithout : public testing::TestWithParam<unsigned int> {
-protected:
-    static ProcessInfo makeIncomplete() {
-        ProcessInfo info = makeInfo(0, 0, 1000);
-        info.available = GetParam();
-        return info;
-    }
-};
+class ProcessInfoLoadWithout : public testing::TestWithParam<unsigned int> {};
 
-TEST_P(ProcessInfoLoadWithout, timesOfTheStartFails) {
-    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(makeIncomplete(), makeInfo(0, 0, 2000)));
+TEST_P(ProcessInfoLoadWithout, timesOfTheStartOrTheEndFails) {
+    ProcessInfo incomplete = makeInfo(0, 0, 1000);
+    incomplete.available = GetParam();
+    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(incomplete, makeInfo(0, 0, 2000)));
     EXPECT_TRUE(isInvalidParameter("start"));
-}
-
-TEST_P(ProcessInfoLoadWithout, timesOfTheEndFails) {
-    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, 0), makeIncomplete()));
+    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(makeInfo(0, 0, 0), incomplete));
     EXPECT_TRUE(isInvalidParameter("end"));
-}
-
-TEST_P(ProcessInfoLoadWithout, timesOfBothNamesTheStart) {
-    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(makeIncomplete(), makeIncomplete()));
-    EXPECT_TRUE(isInvalidParameter("start"));
+    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(incomplete, incomplete));
+    EXPECT_TRUE(isInvalidParameter("start")) << "the start is checked first";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -449,7 +371,6 @@ protected:
 TEST_F(ProcessInfoPIDs, replaceEarlierOnesWithThoseOfTheSystem) {
     Process child([] { pause(); });
     EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
-    EXPECT_TRUE(chainIs({}));
     EXPECT_TRUE(contain(getpid()));
     EXPECT_TRUE(contain(child.getId()));
     EXPECT_TRUE(std::all_of(m_pids.begin(), m_pids.end(), [](int pid) { return pid > 0; }));
@@ -463,21 +384,16 @@ TEST_F(ProcessInfoPIDs, replaceEarlierOnesWithThoseOfTheSystem) {
 
 TEST_F(ProcessInfoPIDs, areTheNamesThatBeginWithADigit) {
     FakeProc const proc;
+    EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
+    EXPECT_EQ(std::vector<int>{}, m_pids);
+    ASSERT_EQ(1U, proc.getOpened().size());
+    EXPECT_EQ(O_RDONLY | O_CLOEXEC, proc.getOpened()[0].flags);
     for (char const* const name : {"1", "4711", "007", "33days", "self", "x9", "-5", " 8", "mounts"}) {
         proc.set(name, "");
     }
     EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
     std::sort(m_pids.begin(), m_pids.end());
     EXPECT_EQ((std::vector<int>{1, 7, 33, 4711}), m_pids);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(ProcessInfoPIDs, areNoneInAnEmptyProc) {
-    FakeProc const proc;
-    EXPECT_FALSE(ProcessInfo::getPIDs(m_pids));
-    EXPECT_EQ(std::vector<int>{}, m_pids);
-    ASSERT_EQ(1U, proc.getOpened().size());
-    EXPECT_EQ(O_RDONLY | O_CLOEXEC, proc.getOpened()[0].flags);
 }
 
 TEST_F(ProcessInfoPIDs, areNoneIfTheDirectoryCannotBeOpened) {
@@ -492,6 +408,7 @@ TEST_F(ProcessInfoPIDs, areNoneIfTheDirectoryCannotBeOpened) {
 }
 
 TEST_F(ProcessInfoPIDs, directoryThatCannotBeReadIsAFailure) {
+    EventRecorder const recorder;
     for (int const nth : {1, 2}) {
         Fault const fault(inject_readdir, EIO, nth);
         EXPECT_TRUE(ProcessInfo::getPIDs(m_pids));
@@ -500,6 +417,8 @@ TEST_F(ProcessInfoPIDs, directoryThatCannotBeReadIsAFailure) {
              SysErrorId::QUERY_FAILED}));
         EXPECT_EQ(nth, fault.getCalls());
     }
+    // The object of the first failure closes a descriptor that the directory stream has closed.
+    EXPECT_EQ("WARNING framework/src/vesk/posix/Directory init: error closing dir-fd", recorder.getText());
 }
 
 /// A child that runs `prepare`, and then `go_on` again and again until it is killed. Waits for the end of `prepare`.
@@ -568,7 +487,6 @@ TEST(ProcessInfoOfAProcess, hasItsNameThreadsAndMemory) {
         },
         sleepForever);
     ProcessInfo const info = takeSnapshot(child.getPID());
-    EXPECT_TRUE(chainIs({}));
     EXPECT_TRUE(info.valid);
     EXPECT_EQ(ALL_VALUES, info.available);
     EXPECT_EQ("odd) (name", info.name);
@@ -591,20 +509,7 @@ TEST(ProcessInfoOfAProcess, hasItsNameThreadsAndMemory) {
     EXPECT_LT(now - 60000, info.timestamp);
 }
 
-TEST(ProcessInfoOfAProcess, hasItsProcessorTime) {
-    Child const child(doNothing, spin);
-    double const least = waitForProcessClock(child.getPID(), 300);
-    ProcessInfo const info = takeSnapshot(child.getPID());
-    double const most = readProcessClock(child.getPID());
-    EXPECT_TRUE(info.valid);
-    // Each of the two times is cut to a tick, and the last tick may not be counted yet.
-    auto const used = static_cast<double>(info.user_time + info.system_time);
-    EXPECT_LE(least - 50, used);
-    EXPECT_GE(most + 50, used);
-    EXPECT_LT(200u, info.user_time) << "it spins in user mode";
-}
-
-TEST(ProcessInfoOfAProcess, loadOfABusyOneIsItsProcessorTime) {
+TEST(ProcessInfoOfAProcess, hasItsProcessorTimeAndLoad) {
     Child const child(doNothing, spin);
     double const before_start = readProcessClock(child.getPID());
     ProcessInfo const start = takeSnapshot(child.getPID());
@@ -613,13 +518,17 @@ TEST(ProcessInfoOfAProcess, loadOfABusyOneIsItsProcessorTime) {
     ProcessInfo const end = takeSnapshot(child.getPID());
     double const after_end = readProcessClock(child.getPID());
     ASSERT_TRUE(start.valid && end.valid);
+    // Each of the two times is cut to a tick, and the last tick may not be counted yet.
+    auto const used = static_cast<double>(end.user_time + end.system_time);
+    EXPECT_LE(before_end - 50, used);
+    EXPECT_GE(after_end + 50, used);
+    EXPECT_LT(200u, end.user_time) << "it spins in user mode";
     auto const elapsed = static_cast<double>(end.timestamp - start.timestamp);
     double const processors = static_cast<double>(sysconf(_SC_NPROCESSORS_ONLN));
     double const load = ProcessInfo::getCpuLoad(start, end);
     EXPECT_LE((before_end - after_start - 100) / processors / elapsed * 100, load);
     EXPECT_GE((after_end - before_start + 100) / processors / elapsed * 100, load);
     EXPECT_LT(0.0, load);
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST(ProcessInfoOfAProcess, loadOfASleepingOneIsZero) {
@@ -635,27 +544,20 @@ TEST(ProcessInfoOfAProcess, loadOfASleepingOneIsZero) {
     EXPECT_EQ(0.0, ProcessInfo::getCpuLoad(start, end));
 }
 
-TEST(ProcessInfoOfAProcess, thatHasEndedIsNotAvailable) {
+TEST(ProcessInfoOfAProcess, thatEndsDuringOrBeforeTheSnapshotIsNotAvailable) {
     Child const child(doNothing, sleepForever);
     int const pid = child.getPID();
-    child.kill();
-    ProcessInfo const info = takeSnapshot(pid);
-    EXPECT_FALSE(info.valid);
-    EXPECT_EQ(0u, info.available);
-    EXPECT_TRUE(isFailedQuery(ENOENT));
-    EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(info, info));
-    EXPECT_TRUE(isInvalidParameter("start"));
-}
-
-TEST(ProcessInfoOfAProcess, thatEndsDuringTheSnapshotIsNotAvailable) {
-    Child const child(doNothing, sleepForever);
     std::function<void()> const kill = [&child] { child.kill(); };
-    s_before_read = &kill;
-    ProcessInfo const info = takeSnapshot(child.getPID());
-    s_before_read = nullptr;
-    EXPECT_FALSE(info.valid);
-    EXPECT_EQ(0u, info.available);
-    EXPECT_TRUE(isFailedQuery(ESRCH));
+    for (int const error : {ESRCH, ENOENT}) {
+        s_before_read = error == ESRCH ? &kill : nullptr;
+        ProcessInfo const info = takeSnapshot(pid);
+        s_before_read = nullptr;
+        EXPECT_FALSE(info.valid);
+        EXPECT_EQ(0u, info.available);
+        EXPECT_TRUE(isFailedQuery(error));
+        EXPECT_EQ(-1.0, ProcessInfo::getCpuLoad(info, info));
+        EXPECT_TRUE(isInvalidParameter("start"));
+    }
 }
 
 TEST(ProcessInfoOfAProcess, canBeReadByManyThreads) {

@@ -1,4 +1,5 @@
-#include "support/ErrnoCases.h"
+#include "support/CleanEnd.h"
+#include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/NamedRow.h"
@@ -26,34 +27,15 @@ char const* s_loader_text = nullptr;
 
 } // namespace
 
-support::Injected inject_dlopen("dlopen");
-extern "C" VESK_UNWATCHED void* dlopen(char const* path, int flags) {
-    if (s_calls != nullptr) {
-        s_calls->push_back("dlopen " + std::to_string(flags));
-    }
-    return reinterpret_cast<void* (*)(char const*, int)>(inject_dlopen.getReal())(path, flags);
-}
-
-support::Injected inject_dlclose("dlclose");
-extern "C" VESK_UNWATCHED int dlclose(void* handle) {
-    if (s_calls != nullptr) {
-        s_calls->emplace_back("dlclose");
-    }
-    int error = 0;
-    if (inject_dlclose.fails(error)) {
-        s_loader_text = "stuck";
-        return error;
-    }
-    return reinterpret_cast<int (*)(void*)>(inject_dlclose.getReal())(handle);
-}
-
-support::Injected inject_dlerror("dlerror");
-extern "C" VESK_UNWATCHED char* dlerror() {
-    if (s_loader_text != nullptr) {
-        return const_cast<char*>(std::exchange(s_loader_text, nullptr));
-    }
-    return reinterpret_cast<char* (*)()>(inject_dlerror.getReal())();
-}
+VESK_INJECT(
+    void*, return nullptr, dlopen, (char const* path, int flags), (path, flags),
+    if (s_calls != nullptr) { s_calls->push_back("dlopen " + std::to_string(flags)); })
+VESK_INJECT(
+    int, s_loader_text = "stuck"; return error, dlclose, (void* handle), (handle),
+                                         if (s_calls != nullptr) { s_calls->emplace_back("dlclose"); })
+VESK_INJECT(
+    char*, , dlerror, (), (),
+    if (s_loader_text != nullptr) { return const_cast<char*>(std::exchange(s_loader_text, nullptr)); })
 
 namespace {
 
@@ -78,12 +60,11 @@ std::string callName(SharedObj const& object) {
     return reinterpret_cast<char const* (*)()>(address)();
 }
 
-/// Makes a library increment `count` when it is unloaded.
-void countUnloads(SharedObj const& object, int& count) {
-    void* address = nullptr;
-    ASSERT_FALSE(object.resolve("library_unloads", address));
-    *static_cast<int**>(address) = &count;
-}
+static_assert(std::is_base_of_v<vesk::RefCounted, SharedObj>);
+static_assert(sizeof(SharedObj) == sizeof(vesk::RefCounted) + sizeof(void*));
+static_assert(std::is_copy_constructible_v<SharedObj> && std::is_copy_assignable_v<SharedObj>);
+static_assert(std::is_same_v<char const* const, decltype(SharedObj::SharedLibraryPrefix)>);
+static_assert(std::is_same_v<char const* const, decltype(SharedObj::SharedLibrarySuffix)>);
 
 /// Checks that every test unloads the libraries.
 class SharedObjTest : public testing::Test {
@@ -96,35 +77,29 @@ protected:
         EXPECT_FALSE(isLoaded(SECOND_LIBRARY));
     }
 
-    /// Loads the first library.
-    void load() { ASSERT_FALSE(m_object.load(FIRST_LIBRARY)); }
-
-    /// Loads a library. Returns the calls of the loader.
-    Calls recordLoad(char const* path) {
-        Calls calls;
-        s_calls = &calls;
-        EXPECT_EQ(path == nullptr, m_object.load(path));
-        s_calls = nullptr;
-        return calls;
+    /// Loads the first library, which counts in `m_unloads` when it is unloaded.
+    void load() {
+        ASSERT_FALSE(m_object.load(FIRST_LIBRARY));
+        void* address = nullptr;
+        ASSERT_FALSE(m_object.resolve("library_unloads", address));
+        *static_cast<int**>(address) = &m_unloads;
     }
 
+    /// Checks that the pending chain is a report with a text that begins with `begin`. Acknowledges the chain.
+    static void expectReport(SharedObj::ErrorId id, std::string const& begin) {
+        ASSERT_TRUE(std::ErrorStorage::isError(true));
+        std::string const text = std::ErrorStorage::get()->getText();
+        EXPECT_EQ(0u, text.find(rowText(id, begin))) << text;
+        EXPECT_TRUE(chainIs({id}));
+    }
+
+    int m_unloads = 0;
     SharedObj m_object;
 };
 
-TEST_F(SharedObjTest, isACountedHandleWithOneField) {
-    static_assert(std::is_base_of_v<vesk::RefCounted, SharedObj>);
-    static_assert(sizeof(SharedObj) == sizeof(vesk::RefCounted) + sizeof(void*));
-    static_assert(std::is_copy_constructible_v<SharedObj> && std::is_copy_assignable_v<SharedObj>);
-}
-
-TEST_F(SharedObjTest, prefixAndSuffixMakeTheFileNameOfALibrary) {
+TEST_F(SharedObjTest, reportsHaveTheirTextsAndTheSystemFamilyAsParent) {
     EXPECT_STREQ("lib", SharedObj::SharedLibraryPrefix);
     EXPECT_STREQ(".so", SharedObj::SharedLibrarySuffix);
-    static_assert(std::is_same_v<char const* const, decltype(SharedObj::SharedLibraryPrefix)>);
-    static_assert(std::is_same_v<char const* const, decltype(SharedObj::SharedLibrarySuffix)>);
-}
-
-TEST_F(SharedObjTest, reportsHaveTheirTextsAndTheSystemFamilyAsParent) {
     EXPECT_EQ("Failed to load shared object: x", rowText(SharedObj::ErrorId::LOAD_FAILED, "x"));
     EXPECT_EQ("Failed to unload shared object: x", rowText(SharedObj::ErrorId::UNLOAD_FAILED, "x"));
     EXPECT_EQ(
@@ -135,115 +110,83 @@ TEST_F(SharedObjTest, reportsHaveTheirTextsAndTheSystemFamilyAsParent) {
     std::ErrorStorage::ack();
 }
 
-TEST_F(SharedObjTest, isNotValidBeforeTheFirstLoad) {
-    EXPECT_FALSE(m_object.isValid());
-}
+constexpr char const* MISSING = "/nonexistent/libnothing.so";
+constexpr char const* UNLOAD = "unload";
 
-TEST_F(SharedObjTest, loadsLazily) {
-    EXPECT_EQ(Calls{"dlopen " + std::to_string(RTLD_LAZY)}, recordLoad(FIRST_LIBRARY));
-    EXPECT_TRUE(m_object.isValid());
-    EXPECT_TRUE(isLoaded(FIRST_LIBRARY));
-    EXPECT_EQ("first", callName(m_object));
-    EXPECT_TRUE(chainIs({}));
-}
-
-struct LoadRow : NamedRow {
-    bool is_loaded;
-    char const* path;
-    char const* loader_text = "";
+struct OperationRow : NamedRow {
+    bool is_loaded;   ///< Whether the object has the first library before.
+    char const* path; ///< To load, or `UNLOAD`.
+    int fault;        ///< Of dlclose.
+    Calls calls;
+    char const* library; ///< The library afterwards; "" if there is none.
+    std::vector<ExpectedReport> reports = {};
+    char const* loader_text = nullptr; ///< The beginning of the loader's text in the only report, if any.
 };
 
-class SharedObjLoad : public SharedObjTest, public testing::WithParamInterface<LoadRow> {};
+class SharedObjOperation : public SharedObjTest, public testing::WithParamInterface<OperationRow> {};
 
-TEST_P(SharedObjLoad, failsWithTheLoadersTextAndLeavesTheObjectEmpty) {
-    if (GetParam().is_loaded) {
+TEST_P(SharedObjOperation, callsTheLoaderAndReportsItsFailure) {
+    auto const& row = GetParam();
+    EXPECT_FALSE(m_object.isValid());
+    if (row.is_loaded) {
         load();
     }
-    EXPECT_TRUE(m_object.load(GetParam().path));
-    EXPECT_FALSE(m_object.isValid());
-    EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
-    ASSERT_TRUE(std::ErrorStorage::isError(true));
-    std::string const text = std::ErrorStorage::get()->getText();
-    EXPECT_EQ(0u, text.find(rowText(SharedObj::ErrorId::LOAD_FAILED, GetParam().loader_text))) << text;
-    EXPECT_TRUE(chainIs({SharedObj::ErrorId::LOAD_FAILED}));
-    EXPECT_EQ(nullptr, dlerror()) << "the text was taken";
+    {
+        Calls calls;
+        Fault const fault(inject_dlclose, row.fault);
+        s_calls = &calls;
+        EXPECT_EQ(
+            !row.reports.empty() || row.loader_text != nullptr,
+            row.path == UNLOAD ? m_object.unload() : m_object.load(row.path));
+        s_calls = nullptr;
+        EXPECT_EQ(row.calls, calls);
+    }
+    if (row.loader_text != nullptr) {
+        expectReport(SharedObj::ErrorId::LOAD_FAILED, row.loader_text);
+        EXPECT_EQ(nullptr, dlerror()) << "the text was taken";
+    }
+    EXPECT_TRUE(chainIs(row.reports));
+    std::string const library = row.library;
+    EXPECT_EQ(!library.empty(), m_object.isValid());
+    EXPECT_EQ(library == "first", isLoaded(FIRST_LIBRARY));
+    EXPECT_EQ(library == "second", isLoaded(SECOND_LIBRARY));
+    EXPECT_EQ(row.is_loaded && library != "first" ? 1 : 0, m_unloads);
+    EXPECT_EQ(library, library.empty() ? "" : callName(m_object));
+    load();
+    EXPECT_EQ("first", callName(m_object));
 }
+
+ExpectedReport broken(char const* text) {
+    return {std::CommonErrorId::CONTRACT_BROKEN, rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
+}
+
+std::string const OPEN = "dlopen " + std::to_string(RTLD_LAZY);
+ExpectedReport const STUCK{SharedObj::ErrorId::UNLOAD_FAILED, "Failed to unload shared object: stuck"};
 
 INSTANTIATE_TEST_SUITE_P(
-    All, SharedObjLoad,
-    rowsOf<LoadRow>({
-        {"missingFile", false, "/nonexistent/libnothing.so", "/nonexistent/libnothing.so: cannot open"},
-        {"missingFileIntoALoadedObject", true, "/nonexistent/libnothing.so"},
-        {"fileThatIsNoLibrary", false, "/proc/self/stat"},
+    All, SharedObjOperation,
+    rowsOf<OperationRow>({
+        {"loadIsLazy", false, FIRST_LIBRARY, 0, {OPEN}, "first"},
+        {"loadIntoALoadedObject", true, SECOND_LIBRARY, 0, {"dlclose", OPEN}, "second"},
+        {"loadIntoAnObjectThatCannotUnload",
+         true,
+         SECOND_LIBRARY,
+         -1,
+         {"dlclose"},
+         "first",
+         {STUCK,
+          {SharedObj::ErrorId::LOAD_FAILED,
+           "Failed to load shared object: Unload of previously loaded library failed"}}},
+        {"missingFile", false, MISSING, 0, {OPEN}, "", {}, "/nonexistent/libnothing.so: cannot open"},
+        {"missingFileIntoALoadedObject", true, MISSING, 0, {"dlclose", OPEN}, "", {}, MISSING},
+        {"fileThatIsNoLibrary", false, "/proc/self/stat", 0, {OPEN}, "", {}, ""},
+        {"null", false, nullptr, 0, {}, "", {broken("NULL pointer given for path")}},
+        {"nullIntoALoadedObject", true, nullptr, 0, {"dlclose"}, "", {broken("NULL pointer given for path")}},
+        {"unload", true, UNLOAD, 0, {"dlclose"}, ""},
+        {"unloadWithoutALibrary", false, UNLOAD, 0, {}, "", {broken("No library loaded")}},
+        {"failedUnload", true, UNLOAD, -1, {"dlclose"}, "first", {STUCK}},
     }),
     byName);
-
-TEST_F(SharedObjTest, loadOfNullUnloadsAndFails) {
-    for (bool const is_loaded : {false, true}) {
-        if (is_loaded) {
-            load();
-        }
-        EXPECT_EQ(is_loaded ? Calls{"dlclose"} : Calls{}, recordLoad(nullptr));
-        EXPECT_FALSE(m_object.isValid());
-        EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
-        EXPECT_TRUE(isContractBroken("NULL pointer given for path"));
-    }
-}
-
-TEST_F(SharedObjTest, loadIntoALoadedObjectUnloadsTheOldLibraryFirst) {
-    load();
-    int unloads = 0;
-    countUnloads(m_object, unloads);
-    EXPECT_EQ((Calls{"dlclose", "dlopen " + std::to_string(RTLD_LAZY)}), recordLoad(SECOND_LIBRARY));
-    EXPECT_EQ(1, unloads);
-    EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
-    EXPECT_EQ("second", callName(m_object));
-}
-
-TEST_F(SharedObjTest, loadIntoAnObjectThatCannotUnloadFailsAndKeepsTheOldLibrary) {
-    load();
-    {
-        Fault const fault(inject_dlclose, -1);
-        EXPECT_TRUE(m_object.load(SECOND_LIBRARY));
-    }
-    EXPECT_TRUE(chainIs(
-        {{SharedObj::ErrorId::UNLOAD_FAILED, "Failed to unload shared object: stuck"},
-         {SharedObj::ErrorId::LOAD_FAILED,
-          "Failed to load shared object: Unload of previously loaded library failed"}}));
-    EXPECT_EQ("first", callName(m_object));
-    EXPECT_FALSE(isLoaded(SECOND_LIBRARY));
-}
-
-TEST_F(SharedObjTest, unloadsAndLoadsAgain) {
-    load();
-    EXPECT_FALSE(m_object.unload());
-    EXPECT_FALSE(m_object.isValid());
-    EXPECT_FALSE(isLoaded(FIRST_LIBRARY));
-    load();
-    EXPECT_EQ("first", callName(m_object));
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(SharedObjTest, unloadWithoutALibraryFails) {
-    EXPECT_TRUE(m_object.unload());
-    EXPECT_TRUE(isContractBroken("No library loaded"));
-    load();
-    EXPECT_FALSE(m_object.unload());
-    EXPECT_TRUE(m_object.unload());
-    EXPECT_TRUE(isContractBroken("No library loaded"));
-}
-
-TEST_F(SharedObjTest, failedUnloadKeepsTheLibrary) {
-    load();
-    {
-        Fault const fault(inject_dlclose, -1);
-        EXPECT_TRUE(m_object.unload());
-    }
-    EXPECT_TRUE(chainIs({{SharedObj::ErrorId::UNLOAD_FAILED, "Failed to unload shared object: stuck"}}));
-    EXPECT_TRUE(m_object.isValid());
-    EXPECT_EQ("first", callName(m_object));
-    EXPECT_FALSE(m_object.unload());
-}
 
 TEST_F(SharedObjTest, libraryOfAnotherObjectStaysLoaded) {
     load();
@@ -262,7 +205,6 @@ TEST_F(SharedObjTest, resolvesFunctionsAndVariables) {
     EXPECT_FALSE(m_object.resolve("getLibraryName", address));
     ASSERT_NE(nullptr, address);
     EXPECT_STREQ("first", reinterpret_cast<char const* (*)()>(address)());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(SharedObjTest, failedResolveLeavesTheAddress) {
@@ -291,44 +233,39 @@ TEST_F(SharedObjTest, symbolWithTheValueNullIsFoundDespiteAnEarlierTextOfTheLoad
 }
 
 TEST_F(SharedObjTest, lastCopyUnloads) {
-    int unloads = 0;
-    auto first = std::make_unique<SharedObj>();
-    ASSERT_FALSE(first->load(FIRST_LIBRARY));
-    countUnloads(*first, unloads);
+    load();
+    auto first = std::make_unique<SharedObj>(m_object);
     auto second = std::make_unique<SharedObj>(*first);
-    m_object = *second;
+    m_object = SharedObj();
     first.reset();
+    m_object = *second;
     second.reset();
-    EXPECT_EQ(0, unloads);
+    EXPECT_EQ(0, m_unloads);
     EXPECT_EQ("first", callName(m_object));
     m_object = SharedObj();
-    EXPECT_EQ(1, unloads);
+    EXPECT_EQ(1, m_unloads);
     EXPECT_FALSE(m_object.isValid());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(SharedObjTest, copiesCanBeDestroyedInDifferentThreads) {
     load();
-    int unloads = 0;
-    countUnloads(m_object, unloads);
     runInThreads(4, [copy = m_object](int) {
         for (int round = 0; round < 100; ++round) {
             SharedObj const another(copy);
             EXPECT_EQ("first", callName(another));
         }
     });
-    EXPECT_EQ(0, unloads);
+    EXPECT_EQ(0, m_unloads);
     m_object = SharedObj();
-    EXPECT_EQ(1, unloads);
+    EXPECT_EQ(1, m_unloads);
 }
 
 TEST_F(SharedObjTest, destructorOfAnEmptyObjectDoesNotCallTheLoader) {
-    std::vector<std::string> calls;
+    Calls calls;
     s_calls = &calls;
     { SharedObj const object; }
     s_calls = nullptr;
     EXPECT_TRUE(calls.empty());
-    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(SharedObjTest, failedUnloadOfTheDestructorIsAWarningAndLeavesNothingPending) {
@@ -361,10 +298,7 @@ TEST_F(SharedObjTest, unloadThatTheRealLoaderRefusesIsReported) {
     EXPECT_EQ(0, dlclose(handle));
     EXPECT_EQ(0, dlclose(handle));
     EXPECT_TRUE(m_object.unload());
-    ASSERT_TRUE(std::ErrorStorage::isError(true));
-    std::string const text = std::ErrorStorage::get()->getText();
-    EXPECT_EQ(0u, text.find("Failed to unload shared object: " + std::string(SECOND_LIBRARY))) << text;
-    EXPECT_TRUE(chainIs({SharedObj::ErrorId::UNLOAD_FAILED}));
+    expectReport(SharedObj::ErrorId::UNLOAD_FAILED, SECOND_LIBRARY);
     EXPECT_TRUE(m_object.isValid());
     EXPECT_EQ(handle, dlopen(SECOND_LIBRARY, RTLD_LAZY)) << "for the object to close";
     EXPECT_FALSE(m_object.unload());

@@ -1,11 +1,9 @@
 #include "support/Child.h"
 
-#include <gtest/gtest.h>
+#include "support/Processes.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace support {
@@ -58,28 +56,21 @@ ChildEnd runInChild(std::function<void()> const& body) {
         close(output[1]);
         return end;
     }
-    fflush(nullptr);
-    pid_t const pid = fork();
-    if (pid == 0) {
-        alarm(60);
+    Process child([&] {
         dup2(output[1], STDOUT_FILENO);
         dup2(errors[1], STDERR_FILENO);
         for (int const fd : {output[0], output[1], errors[0], errors[1]}) {
             close(fd);
         }
         body();
-        fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
+    });
     close(output[1]);
     close(errors[1]);
-    if (pid > 0) {
+    if (child.getId() > 0) {
         drain(output[0], errors[0], end);
         dropEmulatorsLine(end.errors);
-        int status = 0;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
-        end.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        end.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+        end.exit_code = child.join();
+        end.signal = child.getSignal();
     }
     close(output[0]);
     close(errors[0]);

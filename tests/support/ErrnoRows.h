@@ -2,18 +2,83 @@
 
 #include "support/Chain.h"
 
+#include <vesk/FileAccessError.h>
 #include <vesk/SysError.h>
 
+#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>
 
+#include <gtest/gtest.h>
+
+#include <cerrno>
 #include <cstring>
 #include <initializer_list>
+#include <optional>
+#include <ostream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
-/// Rows of errno tables, written as the library writes them: several error numbers with one report. A row is a
-/// struct with a `name`, the numbers in `errors`, and an `error` that stays at its default.
+/// Tests of errno tables, written as the library writes them: several error numbers with one report.
+
 namespace support {
+
+/// An error number of a system call, and the reports that an operation makes of it: the cause with the system's
+/// text and, if the operation reports it, the meaning for the path on top.
+struct ErrnoCase {
+    int error;
+    vesk::SysErrorId::Id cause;
+    std::optional<vesk::FileAccessErrorId::Id> meaning = {};
+
+    /// Checks that the pending chain is exactly these reports. Acknowledges the chain.
+    testing::AssertionResult isPending(std::string const& path = "") const {
+        std::vector<ExpectedReport> reports{{cause, rowText(cause, systemText(error))}};
+        if (meaning) {
+            reports.emplace_back(*meaning, rowText(*meaning, path));
+        }
+        return chainIs(reports);
+    }
+};
+
+inline void PrintTo(ErrnoCase const& errno_case, std::ostream* out) {
+    *out << "errno " << errno_case.error;
+}
+
+/// Error numbers that an operation reports alike: one row of the library's table.
+struct ErrnoGroup {
+    std::vector<int> errors;
+    vesk::SysErrorId::Id cause;
+    std::optional<vesk::FileAccessErrorId::Id> meaning = {};
+};
+
+/// Returns one test parameter per error number of a table.
+inline auto eachErrno(std::vector<ErrnoGroup> const& table) {
+    std::vector<ErrnoCase> cases;
+    for (ErrnoGroup const& group : table) {
+        for (int const error : group.errors) {
+            cases.push_back({error, group.cause, group.meaning});
+        }
+    }
+    return testing::ValuesIn(cases);
+}
+
+/// Returns the reports of a path that does not name what the operation needs.
+inline ErrnoCase badPath(int error) {
+    return {error, vesk::SysErrorId::INVALID_PATH, vesk::FileAccessErrorId::BAD_PATH};
+}
+
+/// Returns the reports of a path to which access is denied.
+inline ErrnoCase accessDenied(int error) {
+    return {error, vesk::SysErrorId::PERMISSION_DENIED, vesk::FileAccessErrorId::ACCESS_DENIED};
+}
+
+/// Checks that the pending chain says only that a contract with the caller is broken. Acknowledges the chain.
+inline testing::AssertionResult isContractBroken(std::string const& text) {
+    return chainIs(
+        {{std::CommonErrorId::CONTRACT_BROKEN, rowText(std::CommonErrorId::CONTRACT_BROKEN, text)}});
+}
+
+// ---- Rows of any type: a struct with the numbers in `errors`, and an `error` that stays at its default.
 
 /// Returns one row for each error number, with the number in `error`.
 template <typename Row>
@@ -37,21 +102,25 @@ struct ErrnoName {
     }
 };
 
-/// Names a case by the `name` of its row.
-struct RowName {
-    template <typename Info>
-    std::string operator()(Info const& info) const {
-        return info.param.name;
-    }
-};
+template <typename Row, typename = void>
+inline constexpr bool HAS_NAME = false;
+template <typename Row>
+inline constexpr bool HAS_NAME<Row, std::void_t<decltype(Row::name)>> = true;
 
-/// Names the case of a number, for example "ESRCH".
-struct NumberName {
-    template <typename Info>
-    std::string operator()(Info const& info) const {
-        return strerrorname_np(info.param);
+/// Names a case by the `name` of its row, or by its error number, for example "ESRCH".
+struct RowName {
+    template <typename Row>
+    std::string operator()(testing::TestParamInfo<Row> const& info) const {
+        if constexpr (HAS_NAME<Row>) {
+            return info.param.name;
+        } else if constexpr (std::is_same_v<Row, int>) {
+            return strerrorname_np(info.param);
+        } else {
+            return strerrorname_np(info.param.error);
+        }
     }
 };
+using NumberName = RowName;
 
 /// Returns these reports with their texts, with that of an error number as the argument of each row that has one.
 inline std::vector<ExpectedReport> withErrno(std::vector<ExpectedReport> reports, int error) {

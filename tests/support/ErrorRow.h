@@ -1,18 +1,6 @@
 #pragma once
 
-#include "support/Chain.h"
-
-#include <vesk/FileAccessError.h>
-#include <vesk/SysError.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
-#include <optional>
-#include <ostream>
-#include <string>
-#include <vector>
+#include "support/ErrnoRows.h"
 
 /// Rows of errno tables as the parameters of tests.
 
@@ -35,16 +23,6 @@ inline constexpr ErrorRow EXISTING{EEXIST, SysErrorId::FILE_EXISTS, FileAccessEr
 inline void PrintTo(ErrorRow const& row, std::ostream* out) {
     *out << strerrorname_np(row.error);
 }
-
-/// Names a case by its error.
-struct RowName {
-    std::string operator()(testing::TestParamInfo<ErrorRow> const& info) const {
-        return strerrorname_np(info.param.error);
-    }
-    std::string operator()(testing::TestParamInfo<int> const& info) const {
-        return strerrorname_np(info.param);
-    }
-};
 
 /// Rows that differ only in the error.
 struct ErrorRows {

@@ -56,6 +56,15 @@ bool Injected::fails(int& error) noexcept {
     return m_error != 0 && call >= m_first && call <= m_last;
 }
 
+bool Injected::fails() noexcept {
+    int error = 0;
+    if (!fails(error)) {
+        return false;
+    }
+    errno = error;
+    return true;
+}
+
 Fault::Fault(Injected& function, int error, int nth, int times, Threads threads) noexcept
     : m_function(function) {
     m_function.m_calls = 0;

@@ -18,6 +18,9 @@
 /// The macros must be used at the top of a test file, outside every namespace. Each test file is a separate
 /// program, so a replaced function does not affect the tests of other files.
 
+/// A sanitizer's runtime may call a replaced function before it can watch the program.
+#define VESK_UNWATCHED __attribute__((no_sanitize_thread, no_sanitize_address))
+
 namespace support {
 
 /// One replaced function. Constant-initialized, so that it works from the first call in the process.
@@ -27,9 +30,16 @@ public:
 
     /// Counts the call. Returns whether it must fail, and stores the number to fail with in `error`.
     bool fails(int& error) noexcept;
+    /// Counts the call. Returns whether it must fail, and sets `errno` if so.
+    bool fails() noexcept;
 
     /// Returns the real function.
     void* getReal() noexcept;
+    /// Returns the real function that `replacement` replaces.
+    template <typename Function>
+    VESK_UNWATCHED Function* getReal(Function* /*replacement*/) noexcept {
+        return reinterpret_cast<Function*>(getReal());
+    }
 
 private:
     friend class Fault;
@@ -74,31 +84,32 @@ private:
 
 } // namespace support
 
-/// A sanitizer's runtime may call a replaced function before it can watch the program.
-#define VESK_UNWATCHED __attribute__((no_sanitize_thread, no_sanitize_address))
-
-/// Replaces a function that returns its error number, as the `pthread_*` functions do.
-#define VESK_INJECT_RESULT(name, parameters, arguments)                                                      \
-    support::Injected inject_##name(#name);                                                                  \
-    extern "C" VESK_UNWATCHED int name parameters {                                                          \
-        int error = 0;                                                                                       \
-        if (inject_##name.fails(error)) {                                                                    \
-            return error;                                                                                    \
-        }                                                                                                    \
-        return reinterpret_cast<int(*) parameters>(inject_##name.getReal()) arguments;                       \
-    }
-
-/// Replaces a function that returns `failure` and sets `errno`.
-#define VESK_INJECT_ERRNO(result, failure, name, parameters, arguments)                                      \
+/// Replaces a function. The statements in the last argument run first in each call. They may record or change
+/// its arguments. `fail` runs if the call must fail.
+#define VESK_INJECT(result, fail, name, parameters, arguments, ...)                                          \
     support::Injected inject_##name(#name);                                                                  \
     extern "C" VESK_UNWATCHED result name parameters {                                                       \
+        __VA_ARGS__;                                                                                         \
         int error = 0;                                                                                       \
         if (inject_##name.fails(error)) {                                                                    \
-            errno = error;                                                                                   \
-            return failure;                                                                                  \
+            fail;                                                                                            \
         }                                                                                                    \
         return reinterpret_cast<result(*) parameters>(inject_##name.getReal()) arguments;                    \
     }
+
+/// Replaces a function that returns its error number, as the `pthread_*` functions do.
+#define VESK_INJECT_RESULT(name, parameters, arguments)                                                      \
+    VESK_INJECT(int, return error, name, parameters, arguments, static_cast<void>(0))
+
+/// Replaces a function that returns `failure` and sets `errno`.
+#define VESK_INJECT_ERRNO(result, failure, name, parameters, arguments)                                      \
+    VESK_INJECT_NOTING(result, failure, name, parameters, arguments, static_cast<void>(0))
+
+/// Replaces a function as `VESK_INJECT_ERRNO` does, with statements that run first in each call.
+///
+///     VESK_INJECT_NOTING(int, -1, shutdown, (int fd, int how) noexcept, (fd, how), s_how = how)
+#define VESK_INJECT_NOTING(result, failure, name, parameters, arguments, ...)                                \
+    VESK_INJECT(result, errno = error; return failure, name, parameters, arguments, __VA_ARGS__)
 
 /// Replaces `open`, which has a mode argument only when it may create a file. The statement `first` runs
 /// first in each call: it may record `flags` and `mode`, and replace `path`.
@@ -113,10 +124,8 @@ private:
             va_end(arguments);                                                                               \
         }                                                                                                    \
         first;                                                                                               \
-        int error = 0;                                                                                       \
-        if (inject_open.fails(error)) {                                                                      \
-            errno = error;                                                                                   \
+        if (inject_open.fails()) {                                                                           \
             return -1;                                                                                       \
         }                                                                                                    \
-        return reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal())(path, flags, mode);   \
+        return inject_open.getReal(open)(path, flags, mode);                                                 \
     }

@@ -72,9 +72,13 @@ public:
         int status = 0;
         while (m_pid > 0 && waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {}
         bool const exited = m_pid > 0 && WIFEXITED(status);
+        m_signal = m_pid > 0 && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
         m_pid = -1;
         return exited ? WEXITSTATUS(status) : -1;
     }
+
+    /// Returns the signal that ended the joined child, or 0.
+    int getSignal() const noexcept { return m_signal; }
 
     /// Ends the child with SIGKILL and reaps it. Does nothing if it has been reaped.
     void kill() noexcept {
@@ -86,6 +90,7 @@ public:
 
 private:
     pid_t m_pid = -1;
+    int m_signal = 0;
 };
 
 /// Returns one field of a thread's `stat` line in /proc, counted from 1 as in proc(5); 3 is the state.

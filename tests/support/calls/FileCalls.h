@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/InjectNoting.h"
+#include "support/Inject.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -54,11 +54,5 @@ extern "C" VESK_UNWATCHED int openat(int dir, char const* path, int flags, ...) 
     va_end(arguments);
     support::s_file_calls.open_flags = flags;
     support::s_file_calls.open_mode = mode;
-    int error = 0;
-    if (inject_openat.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return reinterpret_cast<int (*)(int, char const*, int, ...)>(inject_openat.getReal())(
-        dir, path, flags, mode);
+    return inject_openat.fails() ? -1 : inject_openat.getReal(openat)(dir, path, flags, mode);
 }

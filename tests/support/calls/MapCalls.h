@@ -118,27 +118,16 @@ support::Injected inject_munmap("munmap");
 extern "C" {
 
 VESK_UNWATCHED void* mmap(void* address, size_t length, int protection, int flags, int fd, off_t offset) {
-    int error = 0;
-    void* result = MAP_FAILED;
-    if (inject_mmap.fails(error)) {
-        errno = error;
-    } else {
-        using Real = void* (*)(void*, size_t, int, int, int, off_t);
-        result =
-            reinterpret_cast<Real>(inject_mmap.getReal())(address, length, protection, flags, fd, offset);
-    }
+    void* const result = inject_mmap.fails()
+        ? MAP_FAILED
+        : inject_mmap.getReal(mmap)(address, length, protection, flags, fd, offset);
     support::MapCalls::add({address, length, protection, flags, fd, offset, result});
     return result;
 }
 
 VESK_UNWATCHED int munmap(void* address, size_t length) {
-    int error = 0;
     support::MapCalls::add({address, length, 0, 0, -1, 0, nullptr});
-    if (inject_munmap.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return reinterpret_cast<int (*)(void*, size_t)>(inject_munmap.getReal())(address, length);
+    return inject_munmap.fails() ? -1 : inject_munmap.getReal(munmap)(address, length);
 }
 
 } // extern "C"

@@ -26,19 +26,6 @@ inline std::vector<timespec> s_deadlines;
 
 } // namespace support
 
-/// Replaces a function as `VESK_INJECT_ERRNO` does. The statement `first` runs first in each call.
-#define VESK_INJECT_RECORDED(result, failure, name, parameters, arguments, first)                            \
-    support::Injected inject_##name(#name);                                                                  \
-    extern "C" VESK_UNWATCHED result name parameters {                                                       \
-        first;                                                                                               \
-        int error = 0;                                                                                       \
-        if (inject_##name.fails(error)) {                                                                    \
-            errno = error;                                                                                   \
-            return failure;                                                                                  \
-        }                                                                                                    \
-        return reinterpret_cast<result(*) parameters>(inject_##name.getReal()) arguments;                    \
-    }
-
 /// Replaces a function that opens or creates a named object, with a last argument of type `Type` that it has
 /// only when it may create the object. The statement `record` runs first in each call: it may use `argument`.
 #define VESK_INJECT_NAMED_OPEN(result, failure, function, call, Type, record)                                \
@@ -55,13 +42,10 @@ inline std::vector<timespec> s_deadlines;
         }                                                                                                    \
         call = {name, flags, mode};                                                                          \
         record;                                                                                              \
-        int error = 0;                                                                                       \
-        if (inject_##function.fails(error)) {                                                                \
-            errno = error;                                                                                   \
+        if (inject_##function.fails()) {                                                                     \
             return failure;                                                                                  \
         }                                                                                                    \
-        using Function = result (*)(char const*, int, ...);                                                  \
-        return reinterpret_cast<Function>(inject_##function.getReal())(name, flags, mode, argument);         \
+        return inject_##function.getReal(function)(name, flags, mode, argument);                             \
     }
 
 VESK_INJECT_ERRNO(int, -1, clock_gettime, (clockid_t clock, timespec* time), (clock, time))

@@ -26,11 +26,11 @@ VESK_INJECT_ERRNO(
 VESK_INJECT_NAMED_OPEN(
     mqd_t, -1, mq_open, support::s_queue_open, mq_attr*,
     support::s_queue_attributes = argument != nullptr ? *argument : mq_attr{})
-VESK_INJECT_RECORDED(
+VESK_INJECT_NOTING(
     ssize_t, -1, mq_timedreceive,
     (mqd_t queue, char* buffer, size_t size, unsigned int* priority, timespec const* deadline),
     (queue, buffer, size, priority, deadline), support::s_deadlines.push_back(*deadline))
-VESK_INJECT_RECORDED(
+VESK_INJECT_NOTING(
     int, -1, mq_timedsend,
     (mqd_t queue, char const* buffer, size_t size, unsigned int priority, timespec const* deadline),
     (queue, buffer, size, priority, deadline), support::s_deadlines.push_back(*deadline))

@@ -256,14 +256,14 @@ support::Injected inject_getnameinfo("getnameinfo");
 extern "C" {
 
 int getaddrinfo(char const* name, char const* service, addrinfo const* hints, addrinfo** list) {
-    auto* const real = reinterpret_cast<decltype(&getaddrinfo)>(inject_getaddrinfo.getReal());
+    auto* const real = inject_getaddrinfo.getReal(getaddrinfo);
     support::ResolverCalls* const calls = support::ResolverCalls::getCurrent();
     return calls != nullptr ? calls->look(real, name, service, hints, list)
                             : real(name, service, hints, list);
 }
 
 void freeaddrinfo(addrinfo* list) noexcept {
-    auto* const real = reinterpret_cast<decltype(&freeaddrinfo)>(inject_freeaddrinfo.getReal());
+    auto* const real = inject_freeaddrinfo.getReal(freeaddrinfo);
     support::ResolverCalls* const calls = support::ResolverCalls::getCurrent();
     calls != nullptr ? calls->free(real, list) : real(list);
 }
@@ -271,7 +271,7 @@ void freeaddrinfo(addrinfo* list) noexcept {
 int getnameinfo(
     sockaddr const* address, socklen_t length, char* host, socklen_t room, char* service,
     socklen_t service_room, int flags) {
-    auto* const real = reinterpret_cast<decltype(&getnameinfo)>(inject_getnameinfo.getReal());
+    auto* const real = inject_getnameinfo.getReal(getnameinfo);
     support::ResolverCalls* const calls = support::ResolverCalls::getCurrent();
     return calls != nullptr ? calls->name(real, address, length, host, room, service, service_room, flags)
                             : real(address, length, host, room, service, service_room, flags);

@@ -35,10 +35,10 @@ VESK_INJECT_ERRNO(int, -1, sem_post, (sem_t * semaphore), (semaphore))
 VESK_INJECT_NAMED_OPEN(
     sem_t*, SEM_FAILED, sem_open, support::s_semaphore_open, unsigned int,
     support::s_semaphore_value = argument)
-VESK_INJECT_RECORDED(
+VESK_INJECT_NOTING(
     int, -1, sem_wait, (sem_t * semaphore), (semaphore), if (support::isInterrupted()) return -1)
-VESK_INJECT_RECORDED(
+VESK_INJECT_NOTING(
     int, -1, sem_trywait, (sem_t * semaphore), (semaphore), if (support::isInterrupted()) return -1)
-VESK_INJECT_RECORDED(int, -1, sem_timedwait, (sem_t * semaphore, timespec const* deadline),
-                     (semaphore, deadline), support::s_deadlines.push_back(*deadline);
-                     if (support::isInterrupted()) return -1)
+VESK_INJECT_NOTING(int, -1, sem_timedwait, (sem_t * semaphore, timespec const* deadline),
+                   (semaphore, deadline), support::s_deadlines.push_back(*deadline);
+                   if (support::isInterrupted()) return -1)

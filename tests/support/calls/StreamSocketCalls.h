@@ -59,9 +59,7 @@ inline int answer(void const* value, size_t size, socklen_t full, void* out, soc
 #define VESK_INJECT_NOTED(name, parameters, arguments, ...)                                                  \
     support::Injected inject_##name(#name);                                                                  \
     extern "C" VESK_UNWATCHED int name parameters {                                                          \
-        int error = 0;                                                                                       \
-        if (inject_##name.fails(error)) {                                                                    \
-            errno = error;                                                                                   \
+        if (inject_##name.fails()) {                                                                         \
             return -1;                                                                                       \
         }                                                                                                    \
         __VA_ARGS__                                                                                          \
@@ -120,14 +118,11 @@ extern "C" VESK_UNWATCHED int fcntl(int fd, int command, ...) {
     va_start(arguments, command);
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
-    int error = 0;
-    if ((command == F_GETFL && inject_getfl.fails(error)) ||
-        (command == F_SETFL && inject_setfl.fails(error))) {
-        errno = error;
+    if ((command == F_GETFL && inject_getfl.fails()) || (command == F_SETFL && inject_setfl.fails())) {
         return -1;
     }
     if (command == F_SETFL) {
         support::s_calls.status_flags = static_cast<int>(reinterpret_cast<intptr_t>(argument));
     }
-    return reinterpret_cast<int (*)(int, int, ...)>(inject_getfl.getReal())(fd, command, argument);
+    return inject_getfl.getReal(fcntl)(fd, command, argument);
 }

@@ -119,16 +119,6 @@ struct PretendedOption : private tarnbase::NonCopyable {
     socklen_t length;
 };
 
-/// Returns whether the call must fail, and sets `errno` if so.
-VESK_UNWATCHED inline bool fails(Injected& function) {
-    int error = 0;
-    if (!function.fails(error)) {
-        return false;
-    }
-    errno = error;
-    return true;
-}
-
 } // namespace support
 
 VESK_INJECT_RESULT(
@@ -147,7 +137,7 @@ VESK_INJECT_ERRNO(
         if (CallRecorder::isRecording()) {                                                                   \
             CallRecorder::note(#name, fd, noted);                                                            \
         }                                                                                                    \
-        if (support::fails(inject_##name)) {                                                                 \
+        if (inject_##name.fails()) {                                                                         \
             return -1;                                                                                       \
         }                                                                                                    \
         if (CallRecorder::isPretending()) {                                                                  \
@@ -183,17 +173,14 @@ support::Injected inject_fcntl("fcntl");
 support::Injected inject_getsockopt("getsockopt");
 support::Injected inject_close("close");
 
-/// Forwards to the replaced function.
-#define VESK_REAL(name, result, parameters) reinterpret_cast<result(*) parameters>(inject_##name.getReal())
-
 extern "C" {
 
 VESK_UNWATCHED int socket(int domain, int type, int protocol) {
     support::CallRecorder::noteSocket(domain, type, protocol);
-    if (support::fails(inject_socket)) {
+    if (inject_socket.fails()) {
         return -1;
     }
-    int const fd = VESK_REAL(socket, int, (int, int, int))(domain, type, protocol);
+    int const fd = inject_socket.getReal(socket)(domain, type, protocol);
     support::CallRecorder::s_last_socket = fd;
     return fd;
 }
@@ -212,7 +199,7 @@ VESK_UNWATCHED int fcntl(int fd, int command, ...) {
                 : command == F_SETFL ? "F_SETFL, " + std::to_string(static_cast<int>(argument))
                                      : std::to_string(command));
     }
-    return support::fails(inject_fcntl) ? -1 : VESK_REAL(fcntl, int, (int, int, ...))(fd, command, argument);
+    return inject_fcntl.fails() ? -1 : inject_fcntl.getReal(fcntl)(fd, command, argument);
 }
 
 VESK_UNWATCHED int getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
@@ -220,7 +207,7 @@ VESK_UNWATCHED int getsockopt(int fd, int level, int option, void* value, sockle
         support::CallRecorder::note(
             "getsockopt", fd, support::CallRecorder::toText(level, option) + ", " + std::to_string(*length));
     }
-    if (support::fails(inject_getsockopt)) {
+    if (inject_getsockopt.fails()) {
         return -1;
     }
     if (support::PretendedOption::s_current != nullptr) {
@@ -228,14 +215,12 @@ VESK_UNWATCHED int getsockopt(int fd, int level, int option, void* value, sockle
         *length = support::PretendedOption::s_current->length;
         return 0;
     }
-    return VESK_REAL(getsockopt, int, (int, int, int, void*, socklen_t*))(fd, level, option, value, length);
+    return inject_getsockopt.getReal(getsockopt)(fd, level, option, value, length);
 }
 
 VESK_UNWATCHED int close(int fd) {
     support::CallRecorder::note("close", fd, "");
-    return support::fails(inject_close) ? -1 : VESK_REAL(close, int, (int))(fd);
+    return inject_close.fails() ? -1 : inject_close.getReal(close)(fd);
 }
 
 } // extern "C"
-
-#undef VESK_REAL
