@@ -127,6 +127,7 @@ TEST(SysError, familiesOfClassesDeriveFromItAndFileAccessErrorDoesNot) {
     EXPECT_TRUE(ErrorStorage::isA(vesk::SysError));
     ErrorOutput("file", 1, true)(FileAccessErrorId::NOT_A_DIRECTORY, "x");
     EXPECT_FALSE(ErrorStorage::isA(vesk::SysError));
+    ErrorStorage::ack();
 }
 
 // ---- errors of open ----
@@ -184,6 +185,7 @@ TEST(OpenError, isTheSameFamilyUnderAnotherName) {
     ErrorOutput("file", 1, true)(SysErrorId::UNCLASSIFIED, "x");
     EXPECT_FALSE(ErrorStorage::isA(vesk::OpenError));
     EXPECT_FALSE(ErrorStorage::isA(vesk::FileAccessError));
+    ErrorStorage::ack();
 }
 
 // ---- the text of an error number ----
@@ -261,6 +263,7 @@ TEST(SavedErrorChain, keepsUpToEightReportsOfTheHighestLevel) {
     reportLevels(8);
     SavedErrorChain().restore();
     EXPECT_EQ((std::vector<int>{107, 106, 105, 104, 103, 102, 101, 100}), getLines());
+    ErrorStorage::ack();
 }
 
 TEST(SavedErrorChain, ofNothingRestoresNothing) {
