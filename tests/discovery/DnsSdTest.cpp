@@ -7,6 +7,7 @@
 #include "support/NewFault.h"
 #include "support/Processes.h"
 #include "support/RunInThreads.h"
+#include "support/Sleeper.h"
 #include "support/Threads.h"
 #include "support/UnlockFault.h"
 
@@ -69,52 +70,6 @@ using Reference = std::SharedBase::Ptr<DnsSd::DnsSdThread>;
 
 TimePoint const LONG_PAST(1);
 DnsSd::Engine* const g_engine_at_start = DnsSd::getEngine();
-
-/// A thread that runs `body`.
-class Waiter {
-public:
-    explicit Waiter(std::function<void()> body) : m_body(std::move(body)) {
-        EXPECT_EQ(0, pthread_create(&m_thread, nullptr, run, this));
-    }
-    ~Waiter() { join(); }
-
-    Waiter(Waiter const&) = delete;
-    Waiter& operator=(Waiter const&) = delete;
-
-    /// Waits until the thread sleeps in the wait that it enters next.
-    void untilAsleep() const {
-        while (m_id == 0) {
-            sched_yield();
-        }
-        waitUntilAsleep(getpid(), m_id);
-    }
-    /// Returns `PTHREAD_CANCELED` if the thread was canceled.
-    void* join() {
-        if (!m_is_joined) {
-            EXPECT_EQ(0, pthread_join(m_thread, &m_result));
-            m_is_joined = true;
-        }
-        return m_result;
-    }
-    void* cancel() {
-        EXPECT_EQ(0, pthread_cancel(m_thread));
-        return join();
-    }
-
-private:
-    static void* run(void* self) {
-        auto& waiter = *static_cast<Waiter*>(self);
-        waiter.m_id = getThreadId();
-        waiter.m_body();
-        return nullptr;
-    }
-
-    std::function<void()> m_body;
-    std::atomic<pid_t> m_id{0};
-    pthread_t m_thread{};
-    void* m_result = nullptr;
-    bool m_is_joined = false;
-};
 
 /// Counts the starts and joins of threads by the calling thread, and the threads of service discovery.
 class ThreadCount {
@@ -280,22 +235,23 @@ TYPED_TEST(DnsSdQueue, waitEndsAtItsDeadlineWhichSpuriousAndFailedWaitsDoNotChan
 }
 
 TYPED_TEST(DnsSdQueue, canceledWaiterLeavesTheQueueUsable) {
-    Waiter waiter([this] {
+    Sleeper waiter([this] {
         this->m_client.wait();
         ADD_FAILURE() << "the wait has returned";
     });
-    waiter.untilAsleep();
-    EXPECT_EQ(PTHREAD_CANCELED, waiter.cancel());
+    waiter.awaitSleep();
+    waiter.cancel();
+    EXPECT_EQ(PTHREAD_CANCELED, waiter.join());
     this->add(5);
     EXPECT_EQ(5, this->get());
 }
 
 TYPED_TEST(DnsSdQueue, waitWithOrWithoutADeadlineEndsWithARecord) {
     for (TimePoint const& deadline : {TimePoint(), farAway(), TimePoint(TimePoint::MAX)}) {
-        Waiter waiter([this, deadline] {
+        Sleeper waiter([this, deadline] {
             EXPECT_FALSE(deadline == TimePoint() ? this->m_client.wait() : this->m_client.wait(deadline));
         });
-        waiter.untilAsleep();
+        waiter.awaitSleep();
         this->add(5);
         waiter.join();
         EXPECT_EQ(5, this->get());
@@ -316,10 +272,10 @@ TYPED_TEST(DnsSdQueue, signalsOncePerRecord) {
 
 TYPED_TEST(DnsSdQueue, everyRecordWakesOneOfSeveralWaiters) {
     constexpr int WAITERS = 3;
-    std::vector<std::unique_ptr<Waiter>> waiters;
+    std::vector<std::unique_ptr<Sleeper>> waiters;
     std::atomic<int> sum{0};
     for (int i = 0; i < WAITERS; ++i) {
-        waiters.push_back(std::make_unique<Waiter>([this, &sum] {
+        waiters.push_back(std::make_unique<Sleeper>([this, &sum] {
             // Another reader may be faster between the two.
             int number = -1;
             while (number < 0) {
@@ -330,7 +286,7 @@ TYPED_TEST(DnsSdQueue, everyRecordWakesOneOfSeveralWaiters) {
         }));
     }
     for (auto const& waiter : waiters) {
-        waiter->untilAsleep();
+        waiter->awaitSleep();
     }
     this->add(1);
     this->add(10);

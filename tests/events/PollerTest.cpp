@@ -185,7 +185,7 @@ protected:
     void changeAsleep(std::string const& step) {
         Fault const polls(inject_poll, 0, 1, 1, Fault::Threads::ALL);
         std::thread loop([this, &step] { EXPECT_EQ("", cycle(step == "stop")); });
-        EXPECT_TRUE(waitUntil([&] { return polls.getCalls() != 0; }));
+        EXPECT_TRUE(eventually([&] { return polls.getCalls() != 0; }));
         run({step});
         loop.join();
     }

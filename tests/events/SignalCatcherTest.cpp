@@ -71,7 +71,7 @@ class SignalCatcherTest : public SignalTest {
 protected:
     void TearDown() override {
         SignalTest::TearDown();
-        EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
+        EXPECT_TRUE(hasThreads(g_threads_at_start));
     }
 
     /// Raises a signal and waits for its call.
@@ -341,7 +341,7 @@ TEST_P(SignalCatcherRefusalTest, isNotReportedAndTheDestructorSignsOff) {
         Fault const calls(inject_sigaction, 0);
         auto catcher = make(GetParam().signal);
         EXPECT_TRUE(chainIs({}));
-        EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
+        EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
         catcher.reset();
         EXPECT_EQ(1, calls.getCalls()) << "the old action is not restored, as it was not replaced";
     }
@@ -457,7 +457,7 @@ protected:
             {"refused", [&] { m_fault.emplace(inject_sigaction, EPERM); }},
             {"refusals", [&] { EXPECT_EQ(number, m_fault->getCalls()); }},
             {"wait", [&] { EXPECT_TRUE(calls.waitFor(static_cast<size_t>(number))); }},
-            {"threads", [&] { EXPECT_EQ(g_threads_at_start + number, countThreads()); }},
+            {"threads", [&] { EXPECT_TRUE(hasThreads(g_threads_at_start + number)); }},
             {"notified", [&] { EXPECT_EQ(number, notifier.signals); }},
             {"pop", [&] { EXPECT_EQ(number, popAll(queue)); }},
             {"popOther", [&] { EXPECT_EQ(number, popAll(m_other_queue)); }},
@@ -603,7 +603,7 @@ TEST_F(SignalCatcherTest, destructorWaitsForAHandlerThatUsesTheQueueInAnotherThr
     };
     auto catcher = makeQueued(SIGUSR1);
     std::thread handling([] { raise(SIGUSR1); });
-    EXPECT_TRUE(waitUntil([&] { return entered.load(); }));
+    EXPECT_TRUE(eventually([&] { return entered.load(); }));
     Sleeper destroyer([&] {
         catcher.reset();
         EXPECT_TRUE(left);
@@ -611,7 +611,7 @@ TEST_F(SignalCatcherTest, destructorWaitsForAHandlerThatUsesTheQueueInAnotherThr
     destroyer.awaitSleep();
     EXPECT_FALSE(destroyer.isDone());
     // Later signals meet the old action already.
-    EXPECT_TRUE(waitUntil([] { return getAction(SIGUSR1).sa_handler == SIG_DFL; }));
+    EXPECT_TRUE(eventually([] { return getAction(SIGUSR1).sa_handler == SIG_DFL; }));
     released = true;
     handling.join();
     destroyer.join();
@@ -628,10 +628,10 @@ TEST_F(SignalCatcherTest, afterTheLastOneANewOneMakesANewThreadAndANewPipe) {
             auto const catcher = make(SIGUSR1);
             auto const other = make(SIGUSR2);
             EXPECT_EQ(pipes + static_cast<int>(i), s_pipes);
-            EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
+            EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
             raiseAndWait(SIGUSR1);
         }
-        EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
+        EXPECT_TRUE(hasThreads(g_threads_at_start));
         // The pipe is closed with the thread.
         char byte = 0;
         EXPECT_EQ(-1, read(s_pipe[0], &byte, 1));
@@ -652,13 +652,13 @@ TEST_F(SignalCatcherTest, withAQueueItStartsNoThreadAndCallsBackInTheThreadOfIts
         dispatcher.stop();
     }};
     SignalCatcher const catcher(SIGUSR1, own_queue, Callback::run, &callback);
-    EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
+    EXPECT_TRUE(hasThreads(g_threads_at_start));
     raise(SIGUSR1);
     EXPECT_EQ(0u, log.getCount());
     dispatcher.run();
     EXPECT_EQ(1u, log.getCount());
     EXPECT_EQ(getThreadId(), log.getCalls()[0].thread);
-    EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start; }));
+    EXPECT_TRUE(hasThreads(g_threads_at_start));
 }
 
 TEST_F(SignalCatcherTest, mayBeMadeAndDestroyedByACallback) {
@@ -686,13 +686,13 @@ TEST_F(SignalCatcherTest, mayBeMadeByACallbackWhileAnotherThreadDestroysTheLastO
         std::unique_ptr<SignalCatcher> next;
         Callback callback{[&](int) {
             entered = true;
-            EXPECT_TRUE(waitUntil([&] { return destroyer != 0; }));
+            EXPECT_TRUE(eventually([&] { return destroyer != 0; }));
             waitUntilAsleep(getpid(), destroyer);
             next = make(SIGUSR2);
         }};
         auto last = std::make_unique<SignalCatcher>(SIGUSR1, Callback::run, &callback);
         kill(getpid(), SIGUSR1);
-        EXPECT_TRUE(waitUntil([&] { return entered.load(); }));
+        EXPECT_TRUE(eventually([&] { return entered.load(); }));
         destroyer = getThreadId();
         last.reset();
         ASSERT_NE(nullptr, next) << "the destructor waits for the callback";
@@ -710,7 +710,7 @@ TEST_F(SignalCatcherTest, worksLikeATimerWithMoreDescriptorsThanASetCanHold) {
         static std::atomic<int> rung{0};
         vesk::Timer timer([](vesk::Timer*) { ++rung; }, false);
         EXPECT_FALSE(timer.start(1, true));
-        EXPECT_TRUE(waitUntil([] { return rung >= 3; }));
+        EXPECT_TRUE(eventually([] { return rung >= 3; }));
     });
     VESK_SKIP_WITHOUT_DESCRIPTORS(end);
     EXPECT_EQ(0, end.exit_code) << end.signal << end.output << end.errors;

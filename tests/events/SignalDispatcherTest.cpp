@@ -57,15 +57,13 @@ class SignalDispatcherTest : public testing::Test {
 protected:
     void TearDown() override { EXPECT_TRUE(haveThreadsGone()); }
 
-    static bool haveThreadsGone() {
-        return waitUntil([] { return countThreads() == g_threads_at_start; });
-    }
+    static bool haveThreadsGone() { return hasThreads(g_threads_at_start); }
 };
 
 TEST_F(SignalDispatcherTest, startsItsThreadInTheConstructorAndEndsItInTheDestructor) {
     {
         SignalDispatcher dispatcher;
-        EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
+        EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
         ThreadState const state = getThreadState(dispatcher);
         EXPECT_NE(getThreadId(), state.id);
         EXPECT_STREQ("ignalDispatcher", state.name);
@@ -145,10 +143,10 @@ TEST_F(SignalDispatcherTest, ofTheProcessExistsAsLongAsThereAreReferences) {
         {
             auto first = std::make_unique<Reference>(SignalDispatcher::DEFAULT);
             Reference const second(*first);
-            EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
+            EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
             EXPECT_EQ(first->get(), second.get());
             first.reset();
-            EXPECT_TRUE(waitUntil([] { return countThreads() == g_threads_at_start + 1; }));
+            EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
             EXPECT_NE(0, getThreadState(*second).id);
         }
         EXPECT_TRUE(haveThreadsGone());

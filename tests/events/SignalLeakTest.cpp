@@ -82,13 +82,13 @@ void cycle(int cycles, std::mutex* lock) {
 void expectNoMoreAfter(std::mutex* lock) {
     int const threads = countThreads();
     cycle(40, lock); // Objects that are made only once exist now.
-    EXPECT_TRUE(waitUntil([&] { return countThreads() == threads; }));
+    EXPECT_TRUE(hasThreads(threads));
     int const threads_before = countThreads();
     int const descriptors = countDescriptors();
     long long const blocks = s_blocks;
     long long const bytes = s_bytes;
     cycle(CYCLES, lock);
-    EXPECT_TRUE(waitUntil([&] { return countThreads() == threads_before; }));
+    EXPECT_TRUE(hasThreads(threads_before));
     EXPECT_EQ(descriptors, countDescriptors());
     EXPECT_EQ(blocks, s_blocks);
     EXPECT_EQ(bytes, s_bytes);

@@ -436,7 +436,7 @@ TEST_F(SignalQueueTest, aPopOfAnEmptyQueueTakesTheCountBelowZeroForAMoment) {
             EXPECT_FALSE(pop());
         }
     });
-    EXPECT_TRUE(waitUntil([count] { return __atomic_load_n(count, __ATOMIC_SEQ_CST) == -1; }));
+    EXPECT_TRUE(eventually([count] { return __atomic_load_n(count, __ATOMIC_SEQ_CST) == -1; }));
     seen = true;
     popper.join();
     EXPECT_EQ(0, *count);

@@ -147,7 +147,7 @@ TEST_F(SignalStormTest, losesNoSignalOfACatcherWhileOthersAreMadeAndDestroyed) {
         }
     });
     for (int const signal : staying) {
-        EXPECT_TRUE(waitUntil([&] { return countsOf(signal).calls == countsOf(signal).sent; }))
+        EXPECT_TRUE(eventually([&] { return countsOf(signal).calls == countsOf(signal).sent; }))
             << signal << ": " << countsOf(signal).calls << " of " << countsOf(signal).sent;
     }
     catchers.clear();

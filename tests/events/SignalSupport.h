@@ -5,6 +5,7 @@
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Processes.h"
+#include "support/Sleeper.h"
 #include "support/Threads.h"
 
 #include <tarncommon/error/ErrorStorage.h>
@@ -71,49 +72,6 @@ extern "C" VESK_UNWATCHED int pipe(int* ends) {
 }
 
 namespace support {
-
-/// Yields until a condition holds. Returns false if it does not hold within the deadline.
-template <typename Condition>
-bool waitUntil(Condition condition) {
-    auto const deadline = std::chrono::steady_clock::now() + DEADLINE;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        sched_yield();
-    }
-    return true;
-}
-
-/// A thread whose sleep in the kernel can be awaited.
-class Sleeper {
-public:
-    template <typename Body>
-    explicit Sleeper(Body body)
-        : m_thread([this, body] {
-              m_id = getThreadId();
-              body();
-              m_done = true;
-          }) {}
-    ~Sleeper() {
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
-
-    void awaitSleep() const {
-        EXPECT_TRUE(waitUntil([this] { return m_id != 0; }));
-        waitUntilAsleep(getpid(), m_id);
-    }
-    bool isDone() const { return m_done; }
-    void kill(int signal) { EXPECT_EQ(0, pthread_kill(m_thread.native_handle(), signal)); }
-    void join() { m_thread.join(); }
-
-private:
-    std::atomic<pid_t> m_id{0};
-    std::atomic<bool> m_done{false};
-    std::thread m_thread;
-};
 
 /// Runs `body` in a thread that is canceled at its first cancellation point. Returns whether it found one.
 inline bool isCanceled(std::function<void()> const& body) {
@@ -192,11 +150,11 @@ struct HeldCallback {
     static void run(int signal, void* data) {
         auto& self = *static_cast<HeldCallback*>(data);
         self.entered = true;
-        EXPECT_TRUE(waitUntil([&] { return self.released.load(); }));
+        EXPECT_TRUE(eventually([&] { return self.released.load(); }));
         CallLog::record(signal, &self.log);
     }
     void awaitEntry() const {
-        EXPECT_TRUE(waitUntil([this] { return entered.load(); }));
+        EXPECT_TRUE(eventually([this] { return entered.load(); }));
     }
 
     std::atomic<bool> entered{false};

@@ -7,6 +7,7 @@
 #include "support/Privileges.h"
 #include "support/Processes.h"
 #include "support/RunInThreads.h"
+#include "support/Sleeper.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/ProcessTNG.h>
@@ -259,32 +260,6 @@ public:
 
     ProcessTNG process;
     int pid = -1;
-};
-
-/// A thread that has begun a wait in `body`. The destructor joins it.
-class SleepingThread {
-public:
-    template <typename Body>
-    explicit SleepingThread(Body body)
-        : m_thread([this, body] {
-              m_id = getThreadId();
-              body();
-          }) {
-        EXPECT_TRUE(eventually([this] { return m_id != 0; }));
-        waitUntilAsleep();
-    }
-    ~SleepingThread() { join(); }
-    void waitUntilAsleep() const { support::waitUntilAsleep(getpid(), m_id); }
-    void cancel() { EXPECT_EQ(0, pthread_cancel(m_thread.native_handle())); }
-    void join() {
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
-
-private:
-    std::atomic<pid_t> m_id{0};
-    std::thread m_thread;
 };
 
 /// The output of the probe in the mode "tell".

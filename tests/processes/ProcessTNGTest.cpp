@@ -189,7 +189,7 @@ TEST_F(ProcessTNGTest, aSecondWaiterStaysBlockedUntilALaterChildEnds) {
     child.release();
     EXPECT_TRUE(eventually([&] { return served == 1; }));
     int const left = status[0] == 0 ? 1 : 0;
-    threads[left].waitUntilAsleep();
+    threads[left].awaitSleep();
     EXPECT_EQ(1, served);
     EXPECT_EQ(-1, status[left]);
 
@@ -230,7 +230,11 @@ TEST_F(ProcessTNGTest, killEndsTheChildBySignalWhileAnotherThreadWaits) {
                 waiter.emplace([&] { state = waitFor(child.process); });
             }
             EXPECT_FALSE(child.process.kill(signal == SIGTERM));
-            has_waiter ? waiter->join() : void(state = waitFor(child.process));
+            if (has_waiter) {
+                waiter->join();
+            } else {
+                state = waitFor(child.process);
+            }
             EXPECT_TRUE(wasKilledBy(state, signal));
             EXPECT_EQ(Signals({{child.pid, signal}}), g_signals);
         }

@@ -1,5 +1,9 @@
 #pragma once
 
+#include "support/Eventually.h"
+
+#include <gtest/gtest.h>
+
 #include <dirent.h>
 #include <pthread.h>
 #include <sched.h>
@@ -53,5 +57,14 @@ inline int const g_threads_at_start = [] {
     }
     return countThreads();
 }();
+
+/// Waits until the process has this number of threads. The system may still show a thread shortly after it was
+/// joined.
+inline testing::AssertionResult hasThreads(int count) {
+    if (eventually([count] { return countThreads() == count; })) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << countThreads() << " threads instead of " << count;
+}
 
 } // namespace support

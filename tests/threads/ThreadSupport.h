@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/Eventually.h"
 #include "support/Sanitizers.h"
 #include "support/Threads.h"
 
@@ -19,30 +20,6 @@
 
 /// What the tests of threads have in common.
 namespace support {
-
-/// Waits until a condition holds, at most about two minutes. Takes no lock, so that it does not meet an injected fault.
-/// Is no cancellation point, so that a body that waits here continues when its thread is terminated.
-template <typename Condition>
-bool eventually(Condition condition) {
-    constexpr int IMPATIENT_ROUNDS = 200;
-    constexpr int ROUNDS = 1200000;
-    for (int round = 0; !condition(); ++round) {
-        if (round < IMPATIENT_ROUNDS) {
-            sched_yield();
-            continue;
-        }
-        if (round == ROUNDS) {
-            return false;
-        }
-        // Lets threads run that have a lower priority than this one.
-        int before = 0;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
-        timespec const little{0, 100000};
-        nanosleep(&little, nullptr);
-        pthread_setcancelstate(before, nullptr);
-    }
-    return true;
-}
 
 /// An event that happens once.
 class Event {
@@ -66,14 +43,6 @@ public:
 private:
     Event& m_event;
 };
-
-/// Waits until the process has this number of threads. The system may still show a thread shortly after it was joined.
-inline testing::AssertionResult hasThreads(int count) {
-    if (eventually([count] { return countThreads() == count; })) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << countThreads() << " threads instead of " << count;
-}
 
 /// Tests that leave detached or terminated threads behind. Waits for the end of these threads, so that they do not
 /// outlast the process.
