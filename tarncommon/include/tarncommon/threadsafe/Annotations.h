@@ -31,8 +31,12 @@
 #define TARN_ACQUIRE(...) TARN_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define TARN_RELEASE(...) TARN_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 
-/// Declares that a function has acquired its object when it returns 0 or false.
+/// Declares that a function has acquired its object, exclusively or shared, when it returns 0 or false.
 #define TARN_ACQUIRE_IF_ZERO TARN_THREAD_ANNOTATION(try_acquire_capability(0))
+#define TARN_ACQUIRE_SHARED_IF_ZERO TARN_THREAD_ANNOTATION(try_acquire_shared_capability(0))
+
+/// Declares that a function releases its object, whether it is held exclusively or shared.
+#define TARN_RELEASE_ANY TARN_THREAD_ANNOTATION(release_generic_capability())
 
 /// Excludes the body of a function from the analysis. The comment beside it says why.
 #define TARN_NOT_ANALYZED TARN_THREAD_ANNOTATION(no_thread_safety_analysis)

@@ -27,7 +27,8 @@ public:
     /// Stops the collector after the last child has ended, and waits for that.
     void stop();
 
-    /// Prepares the destruction of a collector whose thread was never started: no other thread uses it.
+    /// Marks a collector as stopped before it is destroyed. For a collector that never started its thread: it
+    /// takes no lock.
     void discard() noexcept TARN_NOT_ANALYZED { collector_running = false; }
 
     /// Reaps a child that has ended. Never blocks: something else may have reaped it already, and its id may
@@ -52,9 +53,9 @@ private:
 /// The name of the calling process's program, once it is known.
 class ProcessStaticImpl {
 public:
-    std::string name;
-    RWLock lock; // Guards the other fields.
-    bool valid = false;
+    RWLock lock;
+    std::string name TARN_GUARDED_BY(lock);
+    bool valid TARN_GUARDED_BY(lock) = false;
 };
 
 /// Creates `g_process_impl` and starts the collector.
