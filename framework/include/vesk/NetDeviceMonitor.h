@@ -146,7 +146,7 @@ private:
 
     /// Reports and removes the table entries that are missing in `there`. Reports entries with a changed
     /// netmask or peer as removed and as new.
-    __attribute__((visibility("hidden"))) void forgetAllBut(Snapshot const& there);
+    TARN_HIDDEN void forgetAllBut(Snapshot const& there);
 
     // Implemented by the system-specific part.
     NetDeviceMonitorImpl* makeImpl() noexcept;

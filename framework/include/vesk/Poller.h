@@ -126,7 +126,7 @@ private:
     void queueRemovals(Matches matches);
     void send(unsigned char command) const noexcept;
     void rebuild(Calls& calls);
-    void waitForEvents();
+    TARN_HIDDEN void waitForEvents();
     unsigned char receive() const;
     void forget() noexcept;
     void collect(Calls& calls);

@@ -313,7 +313,7 @@ private:
     // The value of a priority that is not set.
     static constexpr int NO_PRIORITY = INT_MIN;
 
-    int startLocked(ProcessImpl& impl, std::map<int, ProcessTNG*>& entry);
+    TARN_HIDDEN int startLocked(ProcessImpl& impl, std::map<int, ProcessTNG*>& entry);
     bool startChild() TARN_REQUIRES(mutex);
     [[noreturn]] void runChild(char* const* args, char* const* env) noexcept TARN_REQUIRES(mutex);
     void applyScheduling() const TARN_REQUIRES(mutex);

@@ -142,7 +142,7 @@ protected:
     /// Takes over the descriptor of an accepted connection for a constructor. The socket is `OPEN` afterwards.
     /// Returns true, after a report in the name of `file`, on failure: an invalid object, which leaves the
     /// descriptor to its description.
-    __attribute__((visibility("hidden"))) bool adopt(
+    TARN_HIDDEN bool adopt(
         bool is_valid, int fd, bool blocking, char const* file, char const* misuse,
         int line = __builtin_LINE());
 
@@ -194,7 +194,7 @@ protected:
     /// Completes a send for which the system has no room now. A blocking stream on a non-blocking descriptor,
     /// which another owner of it has changed to that mode, waits here for room (`poll`). On a non-blocking
     /// stream it sets `m_had_error` if a flush is in progress, which then fails.
-    __attribute__((visibility("hidden"))) void endWithoutRoom();
+    TARN_HIDDEN void endWithoutRoom();
 
     /// Sets `m_had_error` and returns true, the result of a failed operation.
     bool fail() const noexcept {

@@ -364,13 +364,13 @@ private:
     bool prepareJoin();
     bool markJoined();
     static bool suspendCaller(Shared& shared, long long ms);
-    static bool isSuspended(Shared const& shared) noexcept;
-    static signed char waitForWakeup(Shared& shared, long long ms) TARN_REQUIRES(shared.mutex);
+    TARN_HIDDEN static bool isSuspended(Shared const& shared) noexcept;
+    TARN_HIDDEN static signed char waitForWakeup(Shared& shared, long long ms) TARN_REQUIRES(shared.mutex);
 
-    void waitForTakeOver(char const* function) TARN_REQUIRES(m_shared.mutex);
-    void endUnstarted() TARN_RELEASE(m_shared.mutex);
-    void leaveRunning() TARN_RELEASE(m_shared.mutex);
-    void abandon() TARN_EXCLUDES(m_shared.mutex);
+    TARN_HIDDEN void waitForTakeOver(char const* function) TARN_REQUIRES(m_shared.mutex);
+    TARN_HIDDEN void endUnstarted() TARN_RELEASE(m_shared.mutex);
+    TARN_HIDDEN void leaveRunning() TARN_RELEASE(m_shared.mutex);
+    TARN_HIDDEN void abandon() TARN_EXCLUDES(m_shared.mutex);
 
     State getState() const noexcept { return m_shared.state.load(std::memory_order_relaxed); }
     void setState(State state) noexcept { m_shared.state.store(state, std::memory_order_relaxed); }

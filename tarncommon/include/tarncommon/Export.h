@@ -5,6 +5,10 @@
 /// Exports a symbol from `libtarncommon.so`. All other symbols of the library are hidden.
 #define TARN_API __attribute__((visibility("default")))
 
+/// Keeps a private member of an exported class out of the library's exports. No inline function of a header may
+/// use such a member.
+#define TARN_HIDDEN __attribute__((visibility("hidden")))
+
 /// Marks an inline function or constant of which `libtarncommon.so` also exports a copy, for programs that
 /// were linked against it. Only src/InlineCopies.cpp makes the copies.
 #if defined(TARN_MAKE_INLINE_COPIES)
