@@ -87,8 +87,10 @@ std::list<std::string> detail::readMountPoints() {
     MountParser parser;
     char chunk[4096];
     // An error is treated as the end of the file.
-    for (ssize_t count = 0; (count = read(file.get(), chunk, sizeof chunk)) > 0;) {
+    ssize_t count = read(file.get(), chunk, sizeof chunk);
+    while (count > 0) {
         parser.parse(chunk, chunk + count);
+        count = read(file.get(), chunk, sizeof chunk);
     }
     if (file.close() != 0) {
         std::GlobalErrorHandler::doAssert(

@@ -7,8 +7,8 @@
 
 namespace vesk::detail {
 
-/// Operations for code that cannot continue after a failure and has no caller to report it to. Each failure
-/// is given to `GlobalErrorHandler::doAbort`, whose hook may let it return.
+// For code that cannot continue after a failure and has no caller to report it to. Each failure goes to
+// `GlobalErrorHandler::doAbort`. A hook may let that return.
 
 /// Locks a mutex. After a failure the caller continues as if it held the lock.
 template <typename Lock>
@@ -18,9 +18,18 @@ void lockOrAbort(Place place, Lock& lock, char const* function) TARN_ACQUIRE(loc
     }
 }
 
-/// Unlocks a mutex. Tries a second time after a failure: the operation cannot continue with the lock held.
+/// Unlocks a mutex. After a failure the caller continues as if it had released the lock.
 template <typename Lock>
-void unlockOrAbort(Place place, Lock& lock, char const* function, char const* failure = "error unlocking")
+void unlockOrAbort(Place place, Lock& lock, char const* function) TARN_RELEASE(lock) TARN_NOT_ANALYZED {
+    if (lock.unlock()) {
+        std::GlobalErrorHandler::doAbort(place.file, place.line, function, "error unlocking");
+    }
+}
+
+/// Unlocks a mutex that other threads need to make progress. Tries a second time after a failure.
+template <typename Lock>
+void unlockAgainOrAbort(
+    Place place, Lock& lock, char const* function, char const* failure = "error unlocking")
     TARN_RELEASE(lock) TARN_NOT_ANALYZED {
     if (lock.unlock()) {
         std::GlobalErrorHandler::doAbort(place.file, place.line, function, "%s", failure);
@@ -41,18 +50,6 @@ template <typename Lock>
 void insistOnLock(Place place, Lock& lock, char const* function, char const* failure = "error locking")
     TARN_ACQUIRE(lock) TARN_NOT_ANALYZED {
     insist(place, function, failure, [&lock] { return lock.lock(); });
-}
-
-/// Allocates memory, and calls `GlobalErrorHandler::doOutOfMem`, which waits, as long as there is none.
-/// @param allocate  returns null without memory
-template <typename Allocate>
-auto allocateOrWait(Place place, char const* function, char const* purpose, Allocate allocate) {
-    for (;;) {
-        if (auto* const memory = allocate()) {
-            return memory;
-        }
-        std::GlobalErrorHandler::doOutOfMem(place.file, place.line, function, "%s", purpose);
-    }
 }
 
 } // namespace vesk::detail

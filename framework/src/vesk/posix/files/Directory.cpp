@@ -81,8 +81,8 @@ int closeStream(DIR* dir) noexcept {
     return closedir(dir);
 }
 
-/// Gives a descriptor to a directory. Closes the descriptor if there is no stream on it, because it is not that
-/// of a directory; otherwise the directory owns it, or has closed it after a failure of the first read.
+/// Makes a `Directory` that owns a descriptor. Closes the descriptor if it is not one of a directory. After a
+/// failure of the first read, the `Directory` has closed it.
 Directory takeOver(UniqueFd fd, char const* function) {
     DirectoryHandle handle;
     handle.fd = fd.get();

@@ -1,7 +1,6 @@
 #include <vesk/ProcessTNG.h>
 
 #include "vesk/posix/detail/ErrnoTable.h"
-#include "vesk/posix/detail/Insist.h"
 #include "vesk/posix/detail/SignalsBlocked.h"
 #include "vesk/posix/detail/SystemErrorText.h"
 #include "vesk/posix/threads/ThreadSched.h"
@@ -10,6 +9,7 @@
 #include <vesk/SysError.h>
 #include <vesk/Vesk.h>
 
+#include <common/error/ErrorHelper.h>
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -253,8 +253,8 @@ public:
     [[gnu::used]] VESK_API char** getArgs() noexcept {
         if (argv == nullptr) {
             size_t const count = m_arguments->size();
-            argv = allocateOrWait(
-                SOURCE, "getArgs", VECTOR, [count] { return new (std::nothrow) char*[count + 2]; });
+            argv = std::allocateOrWait(
+                [count] { return new (std::nothrow) char*[count + 2]; }, SOURCE, "getArgs", VECTOR);
             // exec does not modify the texts: its parameter type lacks `const` for historical reasons.
             argv[0] = const_cast<char*>(m_executable->c_str());
             for (size_t i = 0; i < count; ++i) {
@@ -268,11 +268,11 @@ public:
     [[gnu::used]] VESK_API char** getEnv() noexcept {
         if (envp == nullptr) {
             size_t const count = m_environment->size();
-            envp = allocateOrWait(
-                SOURCE, "getEnv", VECTOR, [count] { return new (std::nothrow) char*[count + 1]; });
+            envp = std::allocateOrWait(
+                [count] { return new (std::nothrow) char*[count + 1]; }, SOURCE, "getEnv", VECTOR);
             for (size_t i = 0; i < count; ++i) {
-                envp[i] = allocateOrWait(
-                    SOURCE, "getEnv", VECTOR, [this, i] { return makeRow((*m_environment)[i]); });
+                envp[i] = std::allocateOrWait(
+                    [this, i] { return makeRow((*m_environment)[i]); }, SOURCE, "getEnv", VECTOR);
             }
             envp[count] = nullptr;
         }

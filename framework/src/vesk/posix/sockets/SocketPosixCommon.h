@@ -85,7 +85,7 @@ bool classifyGetOptError();
 bool classifySetOptError();
 bool classifySocketCreateError();
 
-/// Sets an option whose value is an integer or a structure of the system.
+/// Sets an option. The value is an integer or a structure of the system.
 template <typename Value>
 bool setOption(int fd, int level, int option, Value const& value) {
     return setsockopt(fd, level, option, &value, sizeof value) != 0 && classifySetOptError();

@@ -271,7 +271,7 @@ bool Thread::takeOver() {
     if (m_detached_mode || getState() == DEAD) {
         insist(SOURCE, "threadWrapper", "wait failed", [this] { return m_shared.condition.signal(); });
     }
-    unlockOrAbort(SOURCE, m_shared.mutex, "threadWrapper", "error unlocking");
+    unlockAgainOrAbort(SOURCE, m_shared.mutex, "threadWrapper");
     return !ended;
 }
 
@@ -280,7 +280,7 @@ void Thread::finish() {
     callExitHandlers(getCallerThreadId(), EXIT_NORMAL);
     insistOnLock(SOURCE, m_shared.mutex, "threadWrapper");
     setState(FINISHED);
-    unlockOrAbort(SOURCE, m_shared.mutex, "threadWrapper", "error unlocking");
+    unlockAgainOrAbort(SOURCE, m_shared.mutex, "threadWrapper");
 }
 
 // ---- life cycle ----
@@ -555,7 +555,7 @@ Thread::~Thread() {
         endUnstarted();
         break;
     case FINISHED:
-        unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR, "error joining");
+        unlockAgainOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR, "error joining");
         insist(SOURCE, DESTRUCTOR, "error joining", [this] { return join(); });
         break;
     case SUSPENDED:
@@ -563,7 +563,7 @@ Thread::~Thread() {
         leaveRunning();
         break;
     case DEAD:
-        unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
+        unlockAgainOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
         break;
     }
     if (getThreadState() != DEAD && !m_detached_mode) {
@@ -580,14 +580,14 @@ void Thread::endUnstarted() {
     constexpr char const* FAILURE = "error unlocking and signaling";
     setState(FINISHED);
     insist(SOURCE, DESTRUCTOR, FAILURE, [this] { return m_shared.condition.signal(); });
-    unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR, FAILURE);
+    unlockAgainOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR, FAILURE);
     if (!m_detached_mode) {
         insist(SOURCE, DESTRUCTOR, "error joining non-detached thread", [this] { return join(); });
         return;
     }
     insistOnLock(SOURCE, m_shared.mutex, DESTRUCTOR);
     waitForTakeOver(DESTRUCTOR);
-    unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
+    unlockAgainOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
 }
 
 /// Leaves a detached thread to itself. A joinable thread must not run any more. Releases the lock.
@@ -599,7 +599,7 @@ void Thread::leaveRunning() {
             return m_shared.condition.signal();
         });
     }
-    unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
+    unlockAgainOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
     if (!m_detached_mode) {
         GlobalErrorHandler::doAbort(SOURCE, __LINE__, DESTRUCTOR, "thread still running");
     }
@@ -611,7 +611,7 @@ void Thread::abandon() {
     insistOnLock(SOURCE, m_shared.mutex, DESTRUCTOR, "error getting state lock");
     setState(DEAD);
     waitForTakeOver(DESTRUCTOR);
-    unlockOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
+    unlockAgainOrAbort(SOURCE, m_shared.mutex, DESTRUCTOR);
     int const detached = m_link.endThread(DESTRUCTOR, [this] {
         pthread_detach(m_handle);
         return 0;

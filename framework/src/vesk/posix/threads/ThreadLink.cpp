@@ -1,15 +1,15 @@
 #include "ThreadLink.h"
 
-#include "vesk/posix/detail/Insist.h"
+#include <common/error/ErrorHelper.h>
 
 #include <new>
 
 namespace vesk::detail {
 
 ThreadLink& ThreadLink::make() {
-    return *allocateOrWait(THREAD_SOURCE, "Thread", "cannot allocate what thread and object share", [] {
-        return new (std::nothrow) ThreadLink;
-    });
+    return *std::allocateOrWait(
+        [] { return new (std::nothrow) ThreadLink; }, THREAD_SOURCE, "Thread",
+        "cannot allocate what thread and object share");
 }
 
 void ThreadLink::leaveThread() {
