@@ -1,12 +1,6 @@
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/AtomicCounter.h>
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <thread>
-#include <type_traits>
 
 namespace {
 

@@ -1,28 +1,7 @@
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-#include "support/Privileges.h"
+#include "support/Testing.h"
 
 #include <vesk/CalendarTime.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <climits>
-#include <cstdlib>
-#include <ctime>
-#include <functional>
-#include <optional>
-#include <string>
-#include <type_traits>
-#include <utility>
-#include <vector>
 
 VESK_INJECT_ERRNO(time_t, -1, mktime, (tm * fields), (fields))
 

@@ -1,21 +1,9 @@
-#include "frame/EveryHeader.h"
-#include "support/Child.h"
+#include "EveryHeader.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cctype>
-#include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <istream>
-#include <iterator>
-#include <memory>
-#include <pthread.h>
-#include <string>
-#include <type_traits>
-#include <unistd.h>
-#include <utility>
 
 // A canceled thread completes every operation that must not throw, and ends at the next cancellation point
 // behind it. The test package.CancellationRows checks that each public class and each public `noexcept`

@@ -1,7 +1,5 @@
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoCases.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/Condition.h>
 #include <vesk/FileAccessError.h>
@@ -9,20 +7,7 @@
 #include <vesk/SavedErrorChain.h>
 #include <vesk/ShmCondition.h>
 #include <vesk/ShmMutex.h>
-#include <vesk/SysError.h>
 #include <vesk/SystemError.h>
-
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <climits>
-#include <cstring>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -1,26 +1,10 @@
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 #include "support/VtableSlot.h"
 
-#include <vesk/SysError.h>
 #include <vesk/common/LazyInit.h>
 
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
 #include <new>
-#include <thread>
-#include <type_traits>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))

@@ -1,27 +1,8 @@
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <common/MemoryPool.h>
 #include <vesk/Mutex.h>
-
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstdint>
-#include <cstring>
-#include <set>
-#include <sstream>
-#include <string>
-#include <type_traits>
-#include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))

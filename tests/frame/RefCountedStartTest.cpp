@@ -1,23 +1,7 @@
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
-#include "support/TestBy.h"
+#include "support/Testing.h"
 
 #include <vesk/RefCounted.h>
-
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <iterator>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))

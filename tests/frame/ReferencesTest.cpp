@@ -1,31 +1,12 @@
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <common/Shared.h>
 #include <common/SharedBuf.h>
 #include <vesk/RefCounted.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <mutex>
-#include <set>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <type_traits>
-#include <unistd.h>
-#include <utility>
-#include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))

@@ -1,16 +1,9 @@
-#include "support/Child.h"
-#include "support/EventRecorder.h"
+#include "support/Testing.h"
 
 #include <common/ScopeGuard.h>
 
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <cstdio>
 #include <exception>
-#include <memory>
 #include <stdexcept>
-#include <type_traits>
 
 namespace {
 

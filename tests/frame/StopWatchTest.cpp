@@ -1,29 +1,12 @@
 #include "frame/FakeClock.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
 #include "support/Processes.h"
+#include "support/Testing.h"
 
 #include <vesk/ProcessTimeStopWatch.h>
 #include <vesk/RealtimeStopWatch.h>
-#include <vesk/SysError.h>
 #include <vesk/ThreadTimeStopWatch.h>
 #include <vesk/Time.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <ctime>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <tuple>
-#include <type_traits>
-#include <unistd.h>
 
 VESK_INJECT_RESULT(clock_getcpuclockid, (pid_t pid, clockid_t* clock), (pid, clock))
 

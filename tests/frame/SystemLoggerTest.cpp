@@ -1,41 +1,17 @@
-#include "support/Chain.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
-#include "support/TestBy.h"
+#include "support/Testing.h"
 
 #include <vesk/Mutex.h>
 #include <vesk/SystemLogger.h>
 
 #include <tarncommon/error/ErrorObject.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <csignal>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <functional>
-#include <iterator>
 #include <mutex>
-#include <sched.h>
-#include <set>
-#include <string>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
-#include <type_traits>
-#include <unistd.h>
-#include <utility>
-#include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))

@@ -1,31 +1,12 @@
 #include "frame/FakeClock.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/AbsTime.h>
-#include <vesk/SysError.h>
 #include <vesk/Time.h>
 
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <climits>
-#include <csignal>
-#include <ctime>
 #include <limits>
 #include <sys/time.h>
-#include <type_traits>
-#include <utility>
-#include <vector>
 
 namespace {
 

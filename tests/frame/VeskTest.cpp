@@ -1,41 +1,14 @@
-#include "support/Chain.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
-#include "support/InjectNoting.h"
-#include "support/NamedRow.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
-#include "support/TestBy.h"
+#include "support/Testing.h"
 
 #include <vesk/Condition.h>
 #include <vesk/FileAccess.h>
 #include <vesk/Mutex.h>
-#include <vesk/SysError.h>
 #include <vesk/Thread.h>
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <clocale>
-#include <csignal>
-#include <cstddef>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <pthread.h>
-#include <sched.h>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
-#include <type_traits>
-#include <unistd.h>
-#include <vector>
 
 // ---- the calls of the start-up, in order ----
 

@@ -1,16 +1,7 @@
 #include "support/AllocationCounter.h"
-#include "support/Child.h"
-#include "support/Inject.h"
+#include "support/Testing.h"
 
 #include <tarncommon/tarnbase/abort.h>
-
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <csignal>
-#include <cstdlib>
-#include <string>
-#include <unistd.h>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 

@@ -1,26 +1,13 @@
 #include "support/AllocationCounter.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
+#include "support/Testing.h"
 #include "support/VtableSlot.h"
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/stream/IBinInOutStream.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
 #include <deque>
 #include <random>
-#include <sstream>
-#include <string>
-#include <tuple>
-#include <type_traits>
-#include <utility>
 
 namespace {
 

@@ -1,18 +1,10 @@
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
 #include "support/NewFault.h"
+#include "support/Testing.h"
 
 #include <tarncommon/Buf.h>
-#include <tarncommon/error/CommonError.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
 #include <map>
-#include <string>
-#include <type_traits>
-#include <utility>
 
 namespace {
 

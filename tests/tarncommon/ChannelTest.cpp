@@ -1,15 +1,9 @@
-#include "support/Child.h"
+#include "support/Testing.h"
 
 #include <tarncommon/tarnbase/TimePoint.h>
 #include <tarncommon/tracing/Channel.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <string>
 #include <sys/syscall.h>
-#include <thread>
-#include <unistd.h>
 
 namespace {
 

@@ -1,13 +1,5 @@
 #include "support/AllocationCounter.h"
-#include "support/Chain.h"
-
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <string>
+#include "support/Testing.h"
 
 /// `ErrorOutput::operator()(std::ErrorType const&, int, ...) const`, which only programs linked earlier call.
 extern "C" void reportOfEarlier(

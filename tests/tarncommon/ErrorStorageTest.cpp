@@ -1,21 +1,8 @@
-#include "support/Chain.h"
-#include "support/Child.h"
-#include "support/Inject.h"
+#include "support/Testing.h"
 
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <optional>
-#include <sstream>
-#include <string>
 #include <sys/mman.h>
-#include <thread>
-#include <vector>
 
 VESK_INJECT_ERRNO(
     void*, MAP_FAILED, mmap, (void* address, size_t size, int protection, int flags, int fd, off_t offset),

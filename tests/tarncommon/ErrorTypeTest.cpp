@@ -1,12 +1,7 @@
 #include "ErrorTypeEarly.h"
+#include "support/Testing.h"
 
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorType.h>
-
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <cstddef>
 
 namespace {
 

@@ -1,25 +1,12 @@
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
+#include "support/Testing.h"
 #include "support/VtableSlot.h"
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/filebuf_base.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
 #include <istream>
-#include <iterator>
 #include <ostream>
-#include <sstream>
-#include <string>
-#include <type_traits>
-#include <vector>
 
 namespace {
 

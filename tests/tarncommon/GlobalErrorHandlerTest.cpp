@@ -1,17 +1,10 @@
 #include "support/AllocationCounter.h"
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <csignal>
-#include <cstdio>
 #include <stdexcept>
-#include <string>
 
 namespace {
 

@@ -1,19 +1,10 @@
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
+#include "support/Testing.h"
 
 #include <tarncommon/threadsafe/ConditionImpl.h>
 #include <tarncommon/threadsafe/MutexImpl.h>
 #include <tarncommon/threadsafe/TlsImpl.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <climits>
 #include <initializer_list>
-#include <pthread.h>
-#include <string>
-#include <thread>
-#include <utility>
 
 VESK_INJECT_RESULT(pthread_mutexattr_init, (pthread_mutexattr_t * a), (a))
 VESK_INJECT_RESULT(pthread_mutex_init, (pthread_mutex_t * m, pthread_mutexattr_t const* a), (m, a))

@@ -1,14 +1,6 @@
-#include "support/NamedRow.h"
+#include "support/Testing.h"
 
 #include <tarncommon/unicode/String.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <climits>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace {
 
