@@ -37,13 +37,8 @@ void record(std::string const& call) {
 
 std::vector<std::string> takeCalls() {
     std::lock_guard<std::mutex> const guard(s_mutex);
-    std::vector<std::string> calls;
-    calls.swap(s_calls);
-    return calls;
+    return std::exchange(s_calls, {});
 }
-
-support::Injected s_real_openlog("openlog");
-support::Injected s_real_closelog("closelog");
 
 void recordMessage(int priority, char const* format, va_list args) {
     if (s_mode == Calls::REAL) {
@@ -59,23 +54,14 @@ void recordMessage(int priority, char const* format, va_list args) {
 
 } // namespace
 
-extern "C" void openlog(char const* identity, int options, int facility) {
-    if (s_mode == Calls::REAL) {
-        reinterpret_cast<void (*)(char const*, int, int)>(s_real_openlog.getReal())(
-            identity, options, facility);
-        return;
-    }
-    record(
-        std::string("openlog ") + identity + " " + std::to_string(options) + " " + std::to_string(facility));
-}
-
-extern "C" void closelog() {
-    if (s_mode == Calls::REAL) {
-        reinterpret_cast<void (*)()>(s_real_closelog.getReal())();
-        return;
-    }
-    record("closelog");
-}
+VESK_INJECT_NOTING(
+    void, , openlog, (char const* identity, int options, int facility), (identity, options, facility),
+    if (s_mode != Calls::REAL) {
+        return record(
+            "openlog " + (identity + (" " + std::to_string(options)) + " " + std::to_string(facility)));
+    })
+VESK_INJECT_NOTING(
+    void, , closelog, (), (), if (s_mode != Calls::REAL) { return record("closelog"); })
 
 extern "C" void syslog(int priority, char const* format, ...) {
     va_list args;
@@ -221,33 +207,20 @@ VESK_TEST_BY(expectClosedOnce, SystemLoggerInstance, isNotClosedTwiceAtTheEndOfT
     closeLog();
 }
 
+std::string s_events;
+
 /// Records each event with the report that is pending then, and suppresses the default actions.
-class PendingRecorder {
-public:
-    PendingRecorder() :
-        m_hook{
-            [](std::GlobalErrorHandler::Event const& event, void* context) {
-                std::string& text = static_cast<PendingRecorder*>(context)->m_text;
-                text += std::string(event.file) + " " + event.function + ": " + event.message + ", pending: ";
-                auto const* const report = std::ErrorStorage::get();
-                text += report != nullptr ? report->getText() : "nothing";
-                text += '\n';
-                return true;
-            },
-            this},
-        m_previous(std::GlobalErrorHandler::setHook(&m_hook)) {}
-    ~PendingRecorder() { std::GlobalErrorHandler::setHook(m_previous); }
-
-    std::string const& getText() const { return m_text; }
-
-private:
-    std::string m_text;
-    std::GlobalErrorHandler::Hook m_hook;
-    std::GlobalErrorHandler::Hook const* m_previous;
-};
+std::GlobalErrorHandler::Hook const PENDING_RECORDER{
+    [](std::GlobalErrorHandler::Event const& event, void*) {
+        auto const* const report = std::ErrorStorage::get();
+        s_events += std::string(event.file) + " " + event.function + ": " + event.message +
+            ", pending: " + (report != nullptr ? report->getText() : "nothing") + "\n";
+        return true;
+    },
+    nullptr};
 
 VESK_TEST_BY(expectInChild, SystemLoggerInstance, failureToLockAbortsBehindItsReport) {
-    PendingRecorder const recorder;
+    std::GlobalErrorHandler::setHook(&PENDING_RECORDER);
     {
         Fault const fault(inject_pthread_mutex_lock, EAGAIN);
         SystemLogger::getInstance();
@@ -255,14 +228,14 @@ VESK_TEST_BY(expectInChild, SystemLoggerInstance, failureToLockAbortsBehindItsRe
     std::string const first = "framework/src/vesk/linux/SystemLogger getInstance: error locking, "
                               "pending: Mutex lock failed: " +
         systemText(EAGAIN) + "\n";
-    EXPECT_EQ(first, recorder.getText().substr(0, first.size()));
+    EXPECT_EQ(first, s_events.substr(0, first.size()));
     EXPECT_EQ(Lines{OPENED}, takeCalls()) << "the object is made all the same";
     std::ErrorStorage::ack();
 }
 
 TEST(SystemLoggerInstance, failureToUnlockAbortsBehindItsReport) {
     ChildEnd const end = runInChild([] {
-        PendingRecorder const recorder;
+        std::GlobalErrorHandler::setHook(&PENDING_RECORDER);
         {
             Fault const fault(inject_pthread_mutex_unlock, EPERM);
             s_mode = Calls::PRINTED; // The list has a lock of its own.
@@ -272,7 +245,7 @@ TEST(SystemLoggerInstance, failureToUnlockAbortsBehindItsReport) {
             "framework/src/vesk/linux/SystemLogger getInstance: error unlocking, pending: Mutex "
             "inconsistency detected: " +
                 systemText(EPERM) + "\n",
-            recorder.getText());
+            s_events);
         EXPECT_TRUE(chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}}));
     });
     EXPECT_EQ(0, end.exit_code) << end.output;
@@ -292,18 +265,11 @@ TEST(SystemLoggerInstance, failureToLockEndsTheProcess) {
 
 // ---- messages that arrive in a system log, in a child with a private /dev ----
 
-constexpr int NO_PRIVATE_LOG = 77;
-
 /// The receiving end of a system log at /dev/log.
 class Receiver {
 public:
     Receiver() {
-        // A child without a private log ends, and its test is skipped.
-        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0) {
-            dprintf(STDOUT_FILENO, "no mount namespace is available: %s", strerror(errno));
-            _exit(NO_PRIVATE_LOG);
-        }
+        EXPECT_TRUE(separateMounts() && mountMemory("/dev")) << strerror(errno);
         m_socket = socket(AF_UNIX, SOCK_DGRAM, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -322,7 +288,18 @@ public:
         return length < 0 ? std::string("nothing") : std::string(buffer, static_cast<size_t>(length));
     }
 
-    void expect(int priority, std::string const& text) const;
+    /// Checks that the next message is "<priority>date lumo framework[pid]: text".
+    void expect(int priority, std::string const& text) const {
+        std::string const message = take();
+        std::string const begin = "<" + std::to_string(priority) + ">";
+        std::string const end = " lumo framework[" + std::to_string(getpid()) + "]: " + text;
+        ASSERT_LT(begin.size() + end.size(), message.size()) << message;
+        tm fields{};
+        char const* const rest = strptime(message.c_str() + begin.size(), "%b %e %H:%M:%S", &fields);
+        ASSERT_NE(nullptr, rest) << message;
+        EXPECT_EQ(begin, message.substr(0, begin.size()));
+        EXPECT_EQ(end, rest);
+    }
     bool isEmpty() const {
         char byte;
         return recv(m_socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0;
@@ -332,29 +309,13 @@ private:
     int m_socket;
 };
 
-/// Checks that the next message is "<priority>date lumo framework[pid]: text".
-void Receiver::expect(int priority, std::string const& text) const {
-    std::string const message = take();
-    std::string const begin = "<" + std::to_string(priority) + ">";
-    std::string const end = " lumo framework[" + std::to_string(getpid()) + "]: " + text;
-    ASSERT_LT(begin.size() + end.size(), message.size()) << message;
-    tm fields{};
-    char const* const rest = strptime(message.c_str() + begin.size(), "%b %e %H:%M:%S", &fields);
-    ASSERT_NE(nullptr, rest) << message;
-    EXPECT_EQ(begin, message.substr(0, begin.size()));
-    EXPECT_EQ(end, rest);
-}
-
 /// Runs a test with a system log, or skips it.
 void withReceiver(void (*body)(Receiver const&)) {
-    ChildEnd const end = runInChild([body] {
+    VESK_SKIP_WITHOUT_MOUNTS();
+    expectInChild([body] {
         Receiver const receiver;
         body(receiver);
     });
-    if (end.exit_code == NO_PRIVATE_LOG) {
-        GTEST_SKIP() << end.output;
-    }
-    EXPECT_EQ(0, end.exit_code) << end.output;
 }
 
 TEST(SystemLoggerMessage, arrivesWithPriorityIdentityAndProcessIdAlsoAfterTheLogWasClosed) {

@@ -8,6 +8,7 @@
 #include "support/Child.h"
 #include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
+#include "support/Eventually.h"
 #include "support/Inject.h"
 #include "support/NamedRow.h"
 #include "support/Privileges.h"
