@@ -149,14 +149,11 @@ struct SlowThing : LazyInitBase<void*> {
 TEST(LazyInit, threadThatWaitedForTheSetUpFindsItDoneAndSeesNoFailure) {
     SlowThing thing;
     std::thread first([&] { EXPECT_TRUE(thing.checkInit(nullptr)); });
-    while (!thing.m_running) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(eventually([&] { return thing.m_running.load(); }));
     Fault const locks(inject_pthread_mutex_lock, 0, 1, 1, Fault::Threads::ALL);
     std::thread second([&] { EXPECT_FALSE(thing.checkInit(nullptr)); });
-    while (locks.getCalls() == 0) { // The second thread saw the counter at 0 and waits for the lock.
-        std::this_thread::yield();
-    }
+    // The second thread saw the counter at 0 and waits for the lock.
+    EXPECT_TRUE(eventually([&] { return locks.getCalls() != 0; }));
     thing.m_go_on = true;
     first.join();
     second.join();
