@@ -59,28 +59,20 @@ TEST(LazyInit, failedSetUpIsReportedOnceAndNotRepeated) {
     EXPECT_EQ(1, thing.m_runs);
 }
 
-TEST(LazyInit, worksWithAnyTypeOfArgument) {
+TEST(LazyInit, worksWithAnyTypeOfArgumentAndIsDestroyedThroughItsBase) {
+    static int s_sum = 0;
     struct Sum : LazyInitBase<int> {
+        ~Sum() override { s_sum = 0; }
         bool doInit() override {
-            m_sum = m_argument + 1;
+            s_sum = m_argument + 1;
             return false;
         }
-        int m_sum = 0;
-    } sum;
-    EXPECT_FALSE(sum.checkInit(41));
-    EXPECT_EQ(42, sum.m_sum);
-}
-
-TEST(LazyInit, isDestroyedThroughItsBase) {
-    struct Noticed : LazyThing {
-        explicit Noticed(bool& destroyed) : m_destroyed(destroyed) {}
-        ~Noticed() override { m_destroyed = true; }
-        bool& m_destroyed;
     };
-    bool destroyed = false;
-    LazyInitBase<void*>* const base = new Noticed(destroyed);
-    delete base;
-    EXPECT_TRUE(destroyed);
+    std::unique_ptr<LazyInitBase<int>> base = std::make_unique<Sum>();
+    EXPECT_FALSE(base->checkInit(41));
+    EXPECT_EQ(42, s_sum);
+    base.reset();
+    EXPECT_EQ(0, s_sum);
 }
 
 // ---- the layout ----

@@ -159,49 +159,38 @@ TEST(Time, uptimeBeforeTheStartOfTheLibraryIsTheTime) {
     EXPECT_EQ(now, uptime);
 }
 
-TEST(Time, uptimeCountsFromTheStartOfTheLibrary) {
-    expectInChild([] {
-        FakeClock clock(1000, 250000000);
-        EXPECT_FALSE(Time::init());
-        EXPECT_EQ(1000250, Time::getInitTime());
+VESK_TEST_BY(expectInChild, Time, uptimeCountsFromTheStartOfTheLibrary) {
+    FakeClock clock(1000, 250000000);
+    EXPECT_FALSE(Time::init());
+    EXPECT_EQ(1000250, Time::getInitTime());
+    long long uptime = -1;
+    EXPECT_FALSE(Time::getUptime(uptime));
+    EXPECT_EQ(0, uptime);
+    clock.set(1003, 0);
+    EXPECT_FALSE(Time::getUptime(uptime));
+    EXPECT_EQ(2750, uptime);
+    EXPECT_TRUE(chainIs({}));
+}
+
+VESK_TEST_BY(expectInChild, Time, everyThreadSeesTheSameOriginAndASecondStartMovesItInPlace) {
+    long long const& origin = Time::getInitTime();
+    long long const before_start = monotonicMs();
+    EXPECT_FALSE(Time::init());
+    EXPECT_LE(before_start, origin);
+    EXPECT_LE(origin, monotonicMs());
+    runInThreads(4, [&origin](int) {
         long long uptime = -1;
-        EXPECT_FALSE(Time::getUptime(uptime));
-        EXPECT_EQ(0, uptime);
-        clock.set(1003, 0);
-        EXPECT_FALSE(Time::getUptime(uptime));
-        EXPECT_EQ(2750, uptime);
-        EXPECT_TRUE(chainIs({}));
+        for (int round = 0; round < 1000; ++round) {
+            long long const before = monotonicMs();
+            EXPECT_FALSE(Time::getUptime(uptime));
+            EXPECT_LE(before - origin, uptime);
+            EXPECT_LE(uptime, monotonicMs() - origin);
+        }
     });
-}
-
-TEST(Time, secondStartMovesTheOriginWithinTheSameReference) {
-    expectInChild([] {
-        long long const& origin = Time::getInitTime();
-        long long const before = monotonicMs();
-        EXPECT_FALSE(Time::init());
-        EXPECT_LE(before, origin);
-        EXPECT_LE(origin, monotonicMs());
-        FakeClock const clock(1 << 30, 0);
-        EXPECT_FALSE(Time::init());
-        EXPECT_EQ((1LL << 30) * 1000, origin);
-        EXPECT_EQ(&origin, &Time::getInitTime());
-    });
-}
-
-TEST(Time, everyThreadSeesTheSameOrigin) {
-    expectInChild([] {
-        EXPECT_FALSE(Time::init());
-        long long const origin = Time::getInitTime();
-        runInThreads(4, [origin](int) {
-            long long uptime = -1;
-            for (int round = 0; round < 1000; ++round) {
-                long long const before = monotonicMs();
-                EXPECT_FALSE(Time::getUptime(uptime));
-                EXPECT_LE(before - origin, uptime);
-                EXPECT_LE(uptime, monotonicMs() - origin);
-            }
-        });
-    });
+    FakeClock const clock(1 << 30, 0);
+    EXPECT_FALSE(Time::init());
+    EXPECT_EQ((1LL << 30) * 1000, origin);
+    EXPECT_EQ(&origin, &Time::getInitTime());
 }
 
 // ---- sleep ----

@@ -267,22 +267,20 @@ VESK_TEST_BY(inFreshProcess, VeskStartUp, keepsItsFirstArgumentAndTheSecondHasNo
     }
 }
 
-VESK_TEST_BY(inFreshProcess, VeskStartUp, setsTheLocaleAndTheTimeZoneOfTheEnvironment) {
-    ASSERT_EQ(0, setenv("LC_ALL", "C.UTF-8", 1));
-    ASSERT_EQ(0, setenv("TZ", "XYZ-5", 1));
-    ASSERT_STREQ("C", setlocale(LC_ALL, nullptr));
-    Vesk const vesk(true, false);
-    EXPECT_STREQ("C.UTF-8", setlocale(LC_ALL, nullptr));
-    EXPECT_STREQ("XYZ", tzname[0]);
-    EXPECT_EQ(-5 * 3600, timezone);
-}
-
-VESK_TEST_BY(inFreshProcess, VeskStartUp, unknownLocaleInTheEnvironmentIsNoFailure) {
-    ASSERT_EQ(0, setenv("LC_ALL", "nowhere_NOWHERE", 1));
-    EventRecorder const recorder;
-    Vesk const vesk(true, false);
-    EXPECT_STREQ("C", setlocale(LC_ALL, nullptr));
-    EXPECT_EQ("", recorder.getText());
+TEST(VeskStartUp, setsTheTimeZoneAndTheLocaleOfTheEnvironmentUnlessThatIsUnknown) {
+    for (bool const is_known : {true, false}) {
+        inFreshProcess([is_known] {
+            ASSERT_EQ(0, setenv("LC_ALL", is_known ? "C.UTF-8" : "nowhere_NOWHERE", 1));
+            ASSERT_EQ(0, setenv("TZ", "XYZ-5", 1));
+            ASSERT_STREQ("C", setlocale(LC_ALL, nullptr));
+            EventRecorder const recorder;
+            Vesk const vesk(true, false);
+            EXPECT_STREQ(is_known ? "C.UTF-8" : "C", setlocale(LC_ALL, nullptr));
+            EXPECT_EQ("", recorder.getText());
+            EXPECT_STREQ("XYZ", tzname[0]);
+            EXPECT_EQ(-5 * 3600, timezone);
+        });
+    }
 }
 
 VESK_TEST_BY(inFreshProcess, VeskStartUp, isTheOriginOfTheUptimeAndSeedsRandAndKeepsAPendingError) {
@@ -307,13 +305,12 @@ VESK_TEST_BY(inFreshProcess, VeskStartUp, isTheOriginOfTheUptimeAndSeedsRandAndK
 void handlePipe(int) {}
 void handlePipeInfo(int, siginfo_t*, void*) {}
 
-bool isSame(sigset_t const& left, sigset_t const& right) {
+std::vector<int> signalsOf(sigset_t const& set) {
+    std::vector<int> signals;
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
-        if (sigismember(&left, signal) != sigismember(&right, signal)) {
-            return false;
-        }
+        signals.push_back(sigismember(&set, signal) == 1 ? signal : 0);
     }
-    return true;
+    return signals;
 }
 
 VESK_TEST_BY(inFreshProcess, VeskPipeSignal, isIgnoredWithAFullMaskAndNoFlags) {
@@ -322,7 +319,7 @@ VESK_TEST_BY(inFreshProcess, VeskPipeSignal, isIgnoredWithAFullMaskAndNoFlags) {
     EXPECT_EQ(0, g_last_action.sa_flags);
     sigset_t full;
     sigfillset(&full);
-    EXPECT_TRUE(isSame(full, g_last_action.sa_mask));
+    EXPECT_EQ(signalsOf(full), signalsOf(g_last_action.sa_mask));
     EXPECT_EQ(SIG_IGN, getPipeSignal().sa_handler);
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
@@ -352,7 +349,7 @@ TEST_P(VeskPipeSignalChosen, isKept) {
         struct sigaction const after = getPipeSignal();
         EXPECT_EQ(before.sa_sigaction, after.sa_sigaction);
         EXPECT_EQ(before.sa_flags, after.sa_flags);
-        EXPECT_TRUE(isSame(before.sa_mask, after.sa_mask));
+        EXPECT_EQ(signalsOf(before.sa_mask), signalsOf(after.sa_mask));
     });
 }
 
@@ -424,7 +421,7 @@ VESK_TEST_BY(inFreshProcess, VeskFailure, isTheResultOfTheStep) {
 
 // ---- further objects ----
 
-VESK_TEST_BY(inFreshProcess, VeskSecond, changesNothingButTheCountAlsoAfterTheEndOfTheFirst) {
+VESK_TEST_BY(inFreshProcess, VeskSecond, changesNothingButTheCount) {
     g_monotonic_clock = {1000, 0};
     { Vesk const first(true, false); }
     expectCount(1);
@@ -482,12 +479,6 @@ VESK_TEST_BY(inFreshProcess, VeskCleanup, beforeAnyStartUpDoesNothing) {
 
 // ---- the main thread's scheduling ----
 
-VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, areThoseOfTheThreadThatRanTheStartUp) {
-    ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
-    Vesk const vesk(true, false);
-    expectAttr(VESK_SCHED_POLICY_NORMAL, 0, 19);
-}
-
 TEST(VeskSchedAttrs, areKeptForARealTimeThread) {
     ChildEnd const end = runInChild([] {
         sched_param param{};
@@ -505,9 +496,10 @@ TEST(VeskSchedAttrs, areKeptForARealTimeThread) {
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, failureToReadThemIsAcknowledgedAndChangesNothing) {
+VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, areThoseOfTheThreadUnlessTheyCannotBeReadWhichIsAcknowledged) {
     ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
     Vesk const first(true, false);
+    expectAttr(VESK_SCHED_POLICY_NORMAL, 0, 19);
     Vesk::cleanupAll();
     EventRecorder const recorder;
     Fault const fault(inject_pthread_getschedparam, EPERM);
@@ -520,22 +512,17 @@ VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, failureToReadThemIsAcknowledgedAndC
 
 // ---- the configuration directory ----
 
-VESK_TEST_BY(inFreshProcess, VeskConfigDir, isEmptyTheFirstTimeAndKeepsTheValueSetByAnInitializer) {
+VESK_TEST_BY(inFreshProcess, VeskConfigDir, isEmptyAtFirstAndSettingItReturnsACopyOfThePreviousOne) {
     EXPECT_STREQ("", g_first_dir);
-    EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
-    EXPECT_EQ(EARLY_DIR, Vesk::setDefaultConfigDir(vesk::getDefaultConfigDir())) << "set to itself";
-    EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
-}
-
-VESK_TEST_BY(inFreshProcess, VeskConfigDir, setReturnsACopyOfThePreviousOneAndGetAReferenceToTheStoredOne) {
     std::string const& stored = vesk::getDefaultConfigDir();
-    Vesk::setDefaultConfigDir("/etc/one");
-    EXPECT_EQ("/etc/one", vesk::getDefaultConfigDir());
-    std::string const old = Vesk::setDefaultConfigDir("/etc/two");
-    EXPECT_EQ("/etc/one", old);
-    EXPECT_EQ("/etc/two", stored);
-    EXPECT_EQ("/etc/two", Vesk::setDefaultConfigDir(""));
-    EXPECT_EQ("", Vesk::setDefaultConfigDir("/etc/three"));
+    EXPECT_EQ(EARLY_DIR, stored) << "set before the initializers";
+    EXPECT_EQ(EARLY_DIR, Vesk::setDefaultConfigDir(stored)) << "set to itself";
+    std::string previous = EARLY_DIR;
+    for (std::string const next : {"/etc/one", "/etc/two", "", "/etc/three"}) {
+        EXPECT_EQ(previous, stored);
+        EXPECT_EQ(previous, Vesk::setDefaultConfigDir(next));
+        previous = next;
+    }
     EXPECT_EQ("/etc/three", vesk::getDefaultConfigDir());
     EXPECT_EQ(&stored, &vesk::getDefaultConfigDir());
     static_assert(std::is_same_v<std::string, decltype(Vesk::setDefaultConfigDir(""))>);

@@ -25,12 +25,16 @@ constexpr std::ErrorID ROWS[] = {
 };
 TARN_CONSTANT_INIT std::ErrorType const Family(ROWS, std::size(ROWS));
 
-template <typename... Args>
-std::string textOf(int id, Args const&... args) {
-    ErrorOutput("file", 1, true)(Family, id, args...);
+std::string takeText() {
     std::string const text = ErrorStorage::get()->getText();
     ErrorStorage::ack();
     return text;
+}
+
+template <typename... Args>
+std::string textOf(int id, Args const&... args) {
+    ErrorOutput("file", 1, true)(Family, id, args...);
+    return takeText();
 }
 
 TEST(ErrorOutput, formatsEachKindOfArgument) {
@@ -62,9 +66,7 @@ TEST(ErrorOutput, operationOfEarlierProgramsFormatsTheSame) {
     auto const textOfEarlier = [](int id, auto... args) {
         ErrorOutput const output("file", 1, true);
         reportOfEarlier(&output, Family, id, args...);
-        std::string const text = ErrorStorage::get()->getText();
-        ErrorStorage::ack();
-        return text;
+        return takeText();
     };
     EXPECT_EQ("nothing to add", textOfEarlier(0));
     EXPECT_EQ("text abc.", textOfEarlier(1, "abc"));

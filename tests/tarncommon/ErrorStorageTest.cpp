@@ -65,7 +65,7 @@ void expectNothingPending() {
     EXPECT_FALSE(ErrorStorage::isA(std::CommonError));
 }
 
-TEST(ErrorStorage, chainIsPendingInItsThreadFromItsFirstReportUntilItIsAcknowledged) {
+TEST(ErrorStorage, chainIsPendingFromItsFirstReportUntilItIsAcknowledged) {
     expectNothingPending();
     reportLevels(2);
     std::thread([] {
