@@ -1,29 +1,12 @@
 #include "frame/FakeClock.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
 #include "support/Processes.h"
+#include "support/Testing.h"
 
 #include <vesk/ProcessTimeStopWatch.h>
 #include <vesk/RealtimeStopWatch.h>
-#include <vesk/SysError.h>
 #include <vesk/ThreadTimeStopWatch.h>
 #include <vesk/Time.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <ctime>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <tuple>
-#include <type_traits>
-#include <unistd.h>
 
 VESK_INJECT_RESULT(clock_getcpuclockid, (pid_t pid, clockid_t* clock), (pid, clock))
 
@@ -196,7 +179,10 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(std::get<0>(row.param).what) + std::to_string(std::get<1>(row.param));
     });
 
-TEST_F(StopWatch, stoppedOneDoesNotReadTheClock) {
+TEST_F(StopWatch, readsTheClockOnlyAfterAStartWhichIsItsOwnIfRequested) {
+    RealtimeStopWatch const watch(true);
+    m_clock.set(107, 0);
+    EXPECT_EQ(7000, watch.peekRuntime(MS));
     Fault const reads(inject_clock_gettime, EINVAL);
     m_watch.stop();
     EXPECT_EQ(0, m_watch.peekRuntime(MS));
@@ -205,28 +191,15 @@ TEST_F(StopWatch, stoppedOneDoesNotReadTheClock) {
     EXPECT_EQ(0, reads.getCalls());
 }
 
-TEST_F(StopWatch, startsByItselfIfRequested) {
-    RealtimeStopWatch const watch(true);
-    m_clock.set(107, 0);
-    EXPECT_EQ(7000, watch.peekRuntime(MS));
-    RealtimeStopWatch const waiting(false);
-    m_clock.set(110, 0);
-    EXPECT_EQ(0, waiting.peekRuntime(MS));
-}
+static_assert(!std::is_polymorphic_v<RealtimeStopWatch> && !std::is_polymorphic_v<ProcessTimeStopWatch>);
+static_assert(static_cast<int>(MS) == 0 && static_cast<int>(US) == 1);
 
-TEST_F(StopWatch, isAPlainValueWithoutVirtualOperations) {
-    static_assert(!std::is_polymorphic_v<RealtimeStopWatch> && !std::is_polymorphic_v<ProcessTimeStopWatch>);
+TEST_F(StopWatch, isAPlainValueAndAnyOtherUnitIsMicroseconds) {
     startAt(100);
     RealtimeStopWatch const copy = m_watch;
     stopAt(101);
     m_clock.set(102, 0);
     EXPECT_EQ(2000, copy.peekRuntime(MS));
-}
-
-TEST_F(StopWatch, anyOtherUnitIsMicroseconds) {
-    static_assert(static_cast<int>(MS) == 0 && static_cast<int>(US) == 1);
-    startAt(10);
-    stopAt(11);
     for (int const unit : {7, -1}) {
         EXPECT_EQ(1000000, m_watch.getStoppedTime(static_cast<StopWatchBase::TimeUnit>(unit)));
     }
@@ -347,43 +320,31 @@ struct BusyChild : Process {
           }) {}
 };
 
-TEST(StopWatchClock, measuresAnotherProcess) {
-    BusyChild const child;
-    ProcessTimeStopWatch watch(child.getId(), true);
+TEST(StopWatchClock, measuresAnotherProcessAndCannotBeReadAfterTheEndOfThat) {
+    BusyChild child;
+    pid_t const pid = child.getId();
+    ProcessTimeStopWatch watch(pid, true);
     ASSERT_FALSE(watch.hasFailed());
-    RealtimeStopWatch const deadline(true);
-    while (watch.peekRuntime(US) < 10000 && deadline.peekRuntime(MS) < 30000) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(eventually([&watch] { return watch.peekRuntime(US) >= 10000; }));
     watch.stop();
     EXPECT_LE(10000, watch.getStoppedTime(US));
     EXPECT_FALSE(watch.hasFailed());
-}
-
-TEST(StopWatchClock, ofAProcessThatHasEndedCannotBeRead) {
-    BusyChild child;
-    ProcessTimeStopWatch watch(child.getId(), true);
+    watch.start();
     ASSERT_FALSE(watch.hasFailed());
     child.kill();
     watch.stop();
     EXPECT_TRUE(watch.hasFailed());
     EXPECT_TRUE(causeIs(Time::ErrorId::GET_TIME_FAILED, EINVAL));
+    leaveOlderReport();
+    ProcessTimeStopWatch of_none(pid, true);
+    EXPECT_TRUE(of_none.hasFailed());
+    EXPECT_TRUE(causeIs(Time::ErrorId::NO_CLOCK, ESRCH));
+    of_none.stop();
+    EXPECT_EQ(0, of_none.getElapsedTime(US));
+    EXPECT_FALSE(of_none.hasFailed());
 }
 
 // ---- a process without a clock ----
-
-TEST(StopWatchNoClock, isReportedForAProcessThatDoesNotExist) {
-    BusyChild child;
-    pid_t const pid = child.getId();
-    child.kill();
-    leaveOlderReport();
-    ProcessTimeStopWatch watch(pid, true);
-    EXPECT_TRUE(watch.hasFailed());
-    EXPECT_TRUE(causeIs(Time::ErrorId::NO_CLOCK, ESRCH));
-    watch.stop();
-    EXPECT_EQ(0, watch.getElapsedTime(US));
-    EXPECT_FALSE(watch.hasFailed());
-}
 
 TEST(StopWatchNoClock, isReportedAndTheWatchStaysStopped) {
     for (int const error : {ESRCH, EPERM, ENOSYS}) {
