@@ -15,12 +15,6 @@ using Texts = std::vector<std::string>;
 
 class ProcessChild : public ProcessTest {};
 
-mode_t getMode(std::string const& path) {
-    struct stat data {};
-    EXPECT_EQ(0, stat(path.c_str(), &data));
-    return data.st_mode & 07777;
-}
-
 TEST_F(ProcessChild, receivesItsArgumentsUnchanged) {
     Texts const arguments = {
         "plain",
@@ -41,7 +35,7 @@ TEST_F(ProcessChild, receivesItsArgumentsUnchanged) {
 
 TEST_F(ProcessChild, hasThePathOfItsProgramAsArgumentZero) {
     HeldChild child;
-    std::string const command = readFile("/proc/" + std::to_string(child.pid) + "/cmdline");
+    std::string const command = contentOf("/proc/" + std::to_string(child.pid) + "/cmdline");
     EXPECT_STREQ(getProbePath().c_str(), command.c_str());
 }
 
@@ -98,7 +92,7 @@ protected:
     void setNull(bool null) { (m_process.*GetParam().set_null)(null); }
     void expectSuccess() { EXPECT_TRUE(hasExitedWith(run(m_process), 0)); }
 
-    TempDir m_dir;
+    TempFolder m_dir;
     std::string m_path = m_dir / "file";
     std::string m_text = GetParam().text;
     ProcessPipe m_pipe{ProcessPipe::ChildGets::WRITE_END};
@@ -106,28 +100,28 @@ protected:
     ProcessTNG m_process;
 };
 
-INSTANTIATE_TEST_SUITE_P(Both, ProcessChildOutput, testing::ValuesIn(OUTPUTS), [](auto const& test) {
-    return test.param.stream;
-});
+auto const byStream = [](auto const& test) { return test.param.stream; };
+
+INSTANTIATE_TEST_SUITE_P(Both, ProcessChildOutput, testing::ValuesIn(OUTPUTS), byStream);
 
 TEST_P(ProcessChildOutput, goesToAFileWithTheRightsOfItsOwnerMinusTheMask) {
     setFile(m_path, false);
-    mode_t const mask = umask(0);
+    for (mode_t const mask : {0000U, 0277U}) {
+        mode_t const before = umask(mask);
+        expectSuccess();
+        umask(before);
+        EXPECT_EQ(m_text, contentOf(m_path)) << mask;
+        struct stat data {};
+        EXPECT_EQ(0, stat(m_path.c_str(), &data));
+        EXPECT_EQ(0600U & ~mask, data.st_mode & 07777);
+        EXPECT_EQ(0, unlink(m_path.c_str()));
+    }
+    m_dir.makeFile("file", "a longer text"); // Is truncated.
     expectSuccess();
-    EXPECT_EQ(m_text, readFile(m_path));
-    EXPECT_EQ(0600U, getMode(m_path));
-    EXPECT_EQ(0, unlink(m_path.c_str()));
-    umask(0277);
-    expectSuccess();
-    umask(mask);
-    EXPECT_EQ(0400U, getMode(m_path));
-    EXPECT_EQ(0, chmod(m_path.c_str(), 0600));
-    writeFile(m_path, "a longer text"); // Is truncated.
-    expectSuccess();
-    EXPECT_EQ(m_text, readFile(m_path));
+    EXPECT_EQ(m_text, contentOf(m_path));
     setFile(m_path, true);
     expectSuccess();
-    EXPECT_EQ(m_text + m_text, readFile(m_path));
+    EXPECT_EQ(m_text + m_text, contentOf(m_path));
 }
 
 TEST_P(ProcessChildOutput, goesToADescriptorThatStaysOpenInTheProcessOnly) {
@@ -145,15 +139,15 @@ TEST_P(ProcessChildOutput, goesToADescriptorThatStaysOpenInTheProcessOnly) {
 }
 
 TEST_P(ProcessChildOutput, prefersAFileToADescriptorAndTheNullDeviceToBoth) {
-    writeFile(m_path, "untouched");
+    m_dir.makeFile("file", "untouched");
     setFile(m_path, false);
     setFd(m_pipe.getWriteEnd());
     setNull(true);
     expectSuccess();
-    EXPECT_EQ("untouched", readFile(m_path));
+    EXPECT_EQ("untouched", contentOf(m_path));
     setNull(false);
     expectSuccess();
-    EXPECT_EQ(m_text, readFile(m_path));
+    EXPECT_EQ(m_text, contentOf(m_path));
     EXPECT_EQ("", m_pipe.readAll());
 }
 
@@ -164,7 +158,7 @@ TEST_P(ProcessChildOutput, isTheOpenedFileAndLeavesNothingElseOpen) {
         held.set(m_process);
         std::string const process = "/proc/" + std::to_string(m_process.start());
         held.waitUntilBegun();
-        EXPECT_EQ(m_path, readLink(process + "/fd/" + std::to_string(GetParam().fd)));
+        EXPECT_EQ(m_path, std::filesystem::read_symlink(process + "/fd/" + std::to_string(GetParam().fd)));
         held.release();
         waitFor(m_process);
     }
@@ -177,62 +171,57 @@ TEST_P(ProcessChildOutput, isTheOpenedFileAndLeavesNothingElseOpen) {
     EXPECT_EQ(with_file.get("fd"), look(m_process).get("fd"));
 }
 
-/// Runs in a child process of the test, with its streams closed.
-class ProcessChildLostOutput : public ProcessTest, public testing::WithParamInterface<OutputCase> {
+/// Children of a separate process, which can lack a stream.
+class ProcessChildApart : public ProcessTest {
 protected:
-    void expectInFile(std::function<void(ProcessTNG& process)> const& set) {
+    static void runApart(Texts const& arguments, std::function<void(ProcessTNG& process)> const& set) {
         expectInChild([&] {
             ProcessTNG process;
-            setProbe(process, {"say", "out", "err"});
+            setProbe(process, arguments);
             set(process);
             EXPECT_TRUE(hasExitedWith(run(process), 0));
         });
-        EXPECT_EQ(GetParam().text, readFile(m_path));
     }
 
-    TempDir m_dir;
+    TempFolder m_dir;
     std::string m_path = m_dir / "file";
 };
 
-INSTANTIATE_TEST_SUITE_P(Both, ProcessChildLostOutput, testing::ValuesIn(OUTPUTS), [](auto const& test) {
-    return test.param.stream;
-});
+class ProcessChildLostOutput : public ProcessChildApart, public testing::WithParamInterface<OutputCase> {};
+
+INSTANTIATE_TEST_SUITE_P(Both, ProcessChildLostOutput, testing::ValuesIn(OUTPUTS), byStream);
 
 TEST_P(ProcessChildLostOutput, goesToAFile) {
     for (bool const with_input : {true, false}) {
-        expectInFile([&](ProcessTNG& process) {
+        SCOPED_TRACE(with_input ? "with input" : "without input");
+        runApart({"say", "out", "err"}, [&](ProcessTNG& process) {
             if (!with_input) {
                 close(STDIN_FILENO); // The file is opened with its number.
             }
             close(GetParam().fd);
             (process.*GetParam().set_file)(m_path, false);
         });
+        EXPECT_EQ(GetParam().text, contentOf(m_path));
     }
 }
 
 TEST_P(ProcessChildLostOutput, keepsItsDescriptorIfItsOwnNumberIsGiven) {
-    expectInFile([&](ProcessTNG& process) {
+    runApart({"say", "out", "err"}, [&](ProcessTNG& process) {
         int const fd = open(m_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
         EXPECT_EQ(GetParam().fd, dup3(fd, GetParam().fd, O_CLOEXEC));
         (process.*GetParam().set_fd)(GetParam().fd);
     });
-}
-
-TEST_F(ProcessChild, inheritsItsStreamsWhenNothingIsSet) {
-    Capture const seen = captureWith([](ProcessTNG&) {});
-    EXPECT_EQ("out\n", seen.output);
-    EXPECT_EQ("err\n", seen.errors);
-    EXPECT_EQ(0, seen.status);
+    EXPECT_EQ(GetParam().text, contentOf(m_path));
 }
 
 TEST_F(ProcessChild, canAppendBothOutputsToOneFile) {
-    TempDir const dir;
+    TempFolder const dir;
     ProcessTNG process;
     setProbe(process, {"say", "out", "err"});
     process.setStdoutFile(dir / "both", true);
     process.setStderrFile(dir / "both", true);
     EXPECT_TRUE(hasExitedWith(run(process), 0));
-    EXPECT_EQ("outerr", readFile(dir / "both"));
+    EXPECT_EQ("outerr", contentOf(dir / "both"));
 }
 
 TEST_F(ProcessChild, reportsItsOwnNumberIfThatIsNotOpen) {
@@ -260,7 +249,7 @@ TEST_F(ProcessChild, cannotHaveOneDescriptorForBothOutputs) {
 }
 
 TEST_F(ProcessChild, reportsItsInputOnItsNewErrorOutput) {
-    TempDir const dir;
+    TempFolder const dir;
     Capture const seen = captureWith([&](ProcessTNG& process) {
         process.setStdinFile("/no/such/file");
         process.setStderrFile(dir / "errors", false);
@@ -269,35 +258,30 @@ TEST_F(ProcessChild, reportsItsInputOnItsNewErrorOutput) {
     EXPECT_EQ(
         seen.fill("stdin [PID]: Couldn't open new PROGRAM \"/no/such/file\". Reason: No such file or "
                   "directory\nerr\n"),
-        readFile(dir / "errors"));
+        contentOf(dir / "errors"));
 }
 
-class ProcessChildInput : public ProcessTest {
+class ProcessChildInput : public ProcessChildApart {
 protected:
-    void SetUp() override { writeFile(m_in, "some input"); }
-
     /// Expects that a child copies this input.
     void expectInput(
         std::string const& input, std::function<void(ProcessTNG& process)> const& set,
-        std::vector<std::string> const& arguments = {"copy"}) {
-        expectInChild([&] {
-            ProcessTNG process;
-            setProbe(process, arguments);
+        Texts const& arguments = {"copy"}) {
+        runApart(arguments, [&](ProcessTNG& process) {
             process.setStdoutFile(m_dir / "out", false);
             process.setStderrFile(m_dir / "errors", false);
             set(process);
-            EXPECT_TRUE(hasExitedWith(run(process), 0));
         });
-        EXPECT_EQ(input, readFile(m_dir / "out"));
-        EXPECT_EQ("", readFile(m_dir / "errors"));
+        EXPECT_EQ(input, contentOf(m_dir / "out"));
+        EXPECT_EQ("", contentOf(m_dir / "errors"));
     }
 
-    TempDir m_dir;
-    std::string m_in = m_dir / "in";
+    std::string m_in = m_dir.makeFile("in", "some input");
 };
 
 TEST_F(ProcessChildInput, comesFromAFileEvenIfTheProcessHasNone) {
     for (bool const has_input : {true, false}) {
+        SCOPED_TRACE(has_input ? "with input" : "without input");
         expectInput("some input", [&](ProcessTNG& process) {
             has_input ? process.setStdinFd(777) : void(close(STDIN_FILENO)); // The descriptor is ignored.
             process.setStdinFile(m_in);
@@ -472,10 +456,8 @@ TEST_F(ProcessChildAffinity, isThatOfTheProcessUnlessProcessorsAreSet) {
 }
 
 TEST_F(ProcessChild, runsAScriptByItsShell) {
-    TempDir const dir;
-    writeFile(dir / "file", "#!/bin/sh\nexit $1\n");
-    EXPECT_EQ(0, chmod((dir / "file").c_str(), 0700));
-    ProcessTNG process(dir / "file", {"12"});
+    TempFolder const dir("/tmp"); // Other file systems may be mounted without the right to execute.
+    ProcessTNG process(dir.makeFile("file", "#!/bin/sh\nexit $1\n", 0700), {"12"});
     EXPECT_TRUE(hasExitedWith(run(process), 12));
 }
 

@@ -434,7 +434,7 @@ TEST_F(ProcessCollector, blocksAllSignals) {
     }
     HeldChild child;
     EXPECT_TRUE(eventually([] { return findCollector() != 0; }));
-    std::string const status = readFile("/proc/self/task/" + std::to_string(findCollector()) + "/status");
+    std::string const status = contentOf("/proc/self/task/" + std::to_string(findCollector()) + "/status");
     size_t const at = status.find("\nSigBlk:\t");
     ASSERT_NE(std::string::npos, at) << status;
     // All but those that cannot be blocked and the two that libc keeps for itself.

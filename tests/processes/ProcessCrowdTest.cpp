@@ -186,7 +186,7 @@ TEST_F(ProcessCrowd, noChildIsBlockedByOtherThreads) {
 
 // The file of the locale is a pipe: the thread that loads it waits for a writer and holds libc's locale lock.
 TEST_F(ProcessCrowd, noChildIsBlockedByAThreadThatLoadsALocale) {
-    TempDir const locales;
+    TempFolder const locales;
     std::string const folder = locales / "slow";
     std::string const pipe = folder + "/LC_CTYPE";
     ASSERT_EQ(0, mkdir(folder.c_str(), 0700));

@@ -68,7 +68,7 @@ protected:
 
 TEST_F(ProcessQueries, theOwnIdAndNameAreThoseOfTheProgramAndTheNameIsReadOnce) {
     EXPECT_EQ(getpid(), ProcessTNG::getOwnProcessId());
-    std::string const path = readLink("/proc/self/exe");
+    std::string const path = std::filesystem::read_symlink("/proc/self/exe");
     EXPECT_EQ('/', path[0]);
     EXPECT_TRUE(contains(path, "test_processes_ProcessQueries"));
     for (bool const fails : {true, false}) {
@@ -98,7 +98,7 @@ TEST_F(ProcessQueries, anOwnNameThatFillsTheBufferLosesItsLastByte) {
 }
 
 TEST_F(ProcessQueries, theOwnNameIsTheSameForManyFirstCallers) {
-    std::string const expected = readLink("/proc/self/exe");
+    std::string const expected = std::filesystem::read_symlink("/proc/self/exe");
     runInThreads(8, [&](int) { EXPECT_EQ(expected, ProcessTNG::getOwnProcessName()); });
 }
 
@@ -269,7 +269,7 @@ TEST_F(ProcessQueries, allProcessesOfANameAreAppended) {
 }
 
 TEST_F(ProcessQueries, theCallerAndAChildOfTheLibraryAreFoundByTheirPrograms) {
-    std::string own = readFile("/proc/self/cmdline");
+    std::string own = contentOf("/proc/self/cmdline");
     own.resize(strlen(own.c_str()));
     EXPECT_TRUE(isFoundByProgram(own, getpid()));
     HeldChild const child;
@@ -293,15 +293,14 @@ public:
     ~FakeProc() { g_proc = nullptr; }
 
     void add(std::string const& entry, std::string const& command, bool with_command = true) {
-        EXPECT_EQ(0, mkdir((m_dir / entry).c_str(), 0700));
+        m_dir.makeFolder(entry);
         if (with_command) {
-            writeFile(m_dir / (entry + "/cmdline"), command);
+            m_dir.makeFile(entry + "/cmdline", command);
         }
     }
 
 private:
-    // In memory: a 32-bit program under an emulator can read the directory positions there.
-    TempDir m_dir{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp"};
+    TempFolder m_dir;
     std::string m_path = m_dir / "";
 };
 
