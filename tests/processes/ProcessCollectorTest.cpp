@@ -3,8 +3,8 @@
 #include "support/Inject.h"
 #include "support/NamedRow.h"
 
-#include <functional>
 #include <memory>
+#include <optional>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
@@ -63,16 +63,6 @@ std::string const INIT_ASSERTS =
     "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_static_init";
 constexpr int ROUNDS = 100 / (SLOWDOWN > 10 ? 10 : 1);
 
-/// Forks a child without the library.
-pid_t forkRaw(void (*body)()) {
-    pid_t const pid = fork();
-    if (pid == 0) {
-        body();
-        _exit(99);
-    }
-    return pid;
-}
-
 std::string waitFailed(int error) {
     return "WARNING framework/src/vesk/posix/ProcessImpl waitChild: error waiting for the end of children: " +
         systemText(error);
@@ -118,6 +108,7 @@ TEST(ProcessCollectorStart, anEagerStartUpStartsTheThread) {
 
 TEST(ProcessCollectorStart, aStartUpWithoutUseEndsAtOnce) {
     for (bool const lazy : {true, false}) {
+        SCOPED_TRACE(lazy ? "lazy" : "eager");
         expectInChild([lazy] {
             Vesk const vesk(lazy, false);
             Vesk::cleanupAll(); // Perhaps before the thread has begun.
@@ -174,6 +165,7 @@ TEST(ProcessCollectorGone, anObjectFromAfterTheEndIsInvalidAndItsStartFailsBehin
 
 TEST(ProcessCollectorGone, theOwnNameIsEmptyBeforeTheStartUpAndAfterTheEnd) {
     for (int i = 0; i < 2; ++i) {
+        SCOPED_TRACE(i == 0 ? "before" : "after");
         EXPECT_EQ("", ProcessTNG::getOwnProcessName());
         EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_STATIC_IMPL}}));
         if (i == 0) {
@@ -205,12 +197,12 @@ TEST(ProcessCollectorGone, aNewStartUpRestoresEverything) {
 
 TEST(ProcessCollectorGone, settingUpTwiceIsAnAssertion) {
     for (bool const lazy : {true, false}) {
+        SCOPED_TRACE(lazy ? "lazy" : "eager");
         expectInChild([lazy] {
             Vesk const vesk(lazy, false);
-            if (!lazy) {
+            if (!lazy) { // The first collector has read what the second one changes.
                 ProcessTNG process;
-                EXPECT_TRUE(
-                    runsExit(process, 0)); // The first collector has read what the second one changes.
+                EXPECT_TRUE(runsExit(process, 0));
             }
             EventRecorder recorder;
             EXPECT_FALSE(ProcessTNG::init(lazy));
@@ -226,18 +218,14 @@ TEST(ProcessCollectorGone, settingUpTwiceIsAnAssertion) {
 
 TEST_F(ProcessCollector, theEndOfTheLibraryBlocksUntilAllChildrenHaveEnded) {
     HeldChild children[3];
-    Event ended;
-    SleepingThread thread([&] {
-        Vesk::cleanupAll();
-        ended.set();
-    });
+    SleepingThread thread([] { Vesk::cleanupAll(); });
     for (int i = 2; i >= 0; --i) {
-        EXPECT_FALSE(ended.isSet());
+        EXPECT_FALSE(thread.isDone());
         EXPECT_EQ(0, ProcessTNG::existsProcess(children[i].pid)); // It does not kill.
         EXPECT_TRUE(children[i].ends());
     }
-    EXPECT_TRUE(ended.wait());
     thread.join();
+    EXPECT_TRUE(thread.isDone());
 }
 
 TEST_F(ProcessCollector, theEndRightAfterAStartBlocksUntilTheChildHasEnded) {
@@ -247,9 +235,7 @@ TEST_F(ProcessCollector, theEndRightAfterAStartBlocksUntilTheChildHasEnded) {
         RecordingListener listener;
         {
             ProcessTNG process;
-            process.setExitListener(&listener);
-            setExit(process, 5);
-            EXPECT_GT(process.start(), 0);
+            listener.start(process, 5);
             ProcessTNG::exit();
             EXPECT_EQ(1, listener.calls);
             EXPECT_TRUE(hasExitedWith(waitFor(process), 5));
@@ -272,19 +258,20 @@ TEST_F(ProcessCollector, waitsForAnyChildAndFindsOneThatEndsAtOnce) {
 
 TEST_F(ProcessCollector, warnsAboutAChildThatTheProcessHasForked) {
     for (bool const killed : {false, true}) {
+        SCOPED_TRACE(killed ? "killed" : "exited");
         HeldChild child;
         EventRecorder recorder;
-        pid_t const raw = forkRaw(killed ? [] { (void)raise(SIGKILL); } : [] { _exit(3); });
+        Process const raw(killed ? +[] { (void)raise(SIGKILL); } : +[] { _exit(3); });
         EXPECT_TRUE(eventually([&] { return recorder.getCount() == 1; }));
         EXPECT_EQ(
             "WARNING framework/src/vesk/posix/ProcessImpl waitChild: waitChild: : got notification about "
             "exit of an unknown child process exit. PID = \"" +
-                std::to_string(raw) + "\", was_killed = " + (killed ? "1" : "0") +
+                std::to_string(raw.getId()) + "\", was_killed = " + (killed ? "1" : "0") +
                 ". If you intentionally created a child process outside of VESK then this is expected. "
                 "Otherwise a programming error might be involved.",
             recorder.getText());
         // The process cannot wait for it any more.
-        EXPECT_EQ(-1, waitpid(raw, nullptr, WNOHANG));
+        EXPECT_EQ(-1, waitpid(raw.getId(), nullptr, WNOHANG));
         EXPECT_EQ(ECHILD, errno);
         EXPECT_TRUE(child.ends());
         EXPECT_EQ(1U, recorder.getCount());
@@ -297,21 +284,20 @@ TEST_F(ProcessCollector, leavesOtherChildrenAloneWhileNoneOfItsOwnRuns) {
     EXPECT_EQ(1, g_waits);
     waitForCollector();
     EventRecorder recorder;
-    pid_t const raw = forkRaw([] { _exit(3); });
+    Process raw([] { _exit(3); });
     siginfo_t info{};
     // It has ended, but is not reaped yet.
-    EXPECT_EQ(0, syscall(SYS_waitid, P_PID, raw, &info, WEXITED | WNOWAIT, nullptr));
+    EXPECT_EQ(0, syscall(SYS_waitid, P_PID, raw.getId(), &info, WEXITED | WNOWAIT, nullptr));
     waitForCollector();
     EXPECT_EQ(1, g_waits);
-    int status = 0;
-    EXPECT_EQ(raw, waitpid(raw, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
+    EXPECT_EQ(3, raw.join());
     EXPECT_EQ(0U, recorder.getCount());
 }
 
 TEST_F(ProcessCollector, repeatsAnInterruptedWaitAndWarnsOnceAboutAFailedOne) {
     ProcessTNG process;
     for (int const error : {EINTR, EINVAL, EINVAL}) {
+        SCOPED_TRACE(strerrorname_np(error));
         EventRecorder recorder;
         Fault const fault(inject_waitid, error, 1, error == EINTR ? 2 : 4, Fault::Threads::OTHERS);
         EXPECT_TRUE(runsExit(process, 3));
@@ -320,19 +306,16 @@ TEST_F(ProcessCollector, repeatsAnInterruptedWaitAndWarnsOnceAboutAFailedOne) {
 }
 
 TEST_F(ProcessCollector, doesNotSpinWhileItsWaitFails) {
-    HeldProbe held;
-    ProcessTNG process;
-    held.set(process);
     EventRecorder recorder;
+    std::optional<HeldChild> child;
     {
         Fault const fault(inject_waitid, EINVAL, 1, Fault::FOREVER, Fault::Threads::OTHERS);
-        EXPECT_GT(process.start(), 0);
+        child.emplace();
         EXPECT_TRUE(eventually([] { return g_waits >= 5; }));
         waitForCollector();
     }
     EXPECT_EQ(1U, recorder.getCount());
-    held.release();
-    EXPECT_TRUE(hasExitedWith(waitFor(process), 0));
+    EXPECT_TRUE(child->ends());
 }
 
 struct IgnoreCase : NamedRow {
@@ -464,56 +447,27 @@ TEST_F(ProcessCollector, doesNotDelayStartsWhileItWaits) {
     EXPECT_TRUE(child.ends());
 }
 
-/// Runs a body in the listener and reports its end.
-class CallingListener : public ProcessTNG::ExitListener {
-public:
-    explicit CallingListener(std::function<void(ExitState const&)> body) : m_body(std::move(body)) {}
-    void processExited(ExitState const* state) override {
-        m_body(*state);
-        ++calls;
-    }
-
-    /// Starts a child with this listener that exits with `code`.
-    int start(ProcessTNG& process, int code) {
-        process.setExitListener(this);
-        setExit(process, code);
-        int const pid = process.start();
-        EXPECT_GT(pid, 0);
-        return pid;
-    }
-    bool waitForCalls(int count = 1) const {
-        return eventually([this, count] { return calls >= count; });
-    }
-
-    std::atomic<int> calls{0};
-
-private:
-    std::function<void(ExitState const&)> m_body;
-};
-
 TEST_F(ProcessCollector, callsTheListenerWithoutALockAndLetsItStartTheNextChild) {
     ProcessTNG process;
     pid_t const test = getThreadId();
-    int runs = 0;
-    CallingListener listener([&](ExitState const& state) {
+    RecordingListener listener([&](ExitState const& state) {
         EXPECT_NE(test, getThreadId());
         EXPECT_EQ(getThreadId(), findCollector());
         EXPECT_TRUE(hasExitedWith(waitFor(*state.process), 3)); // Takes the object's lock.
         EXPECT_FALSE(state.process->kill(true));
         EXPECT_TRUE(hasExitedWith(state, 3)); // A copy.
-        if (++runs < 5) {
+        if (listener.calls < 4) {
             EXPECT_GT(state.process->start(), 0);
         }
     });
     listener.start(process, 3);
     EXPECT_TRUE(listener.waitForCalls(5));
-    EXPECT_EQ(5, runs);
 }
 
 TEST_F(ProcessCollector, reapsNoChildWhileTheListenerRuns) {
     Event entered;
     Event leave;
-    CallingListener slow([&](ExitState const&) {
+    RecordingListener slow([&](ExitState const&) {
         entered.set();
         EXPECT_TRUE(leave.wait());
     });
@@ -535,10 +489,11 @@ TEST_F(ProcessCollector, reapsNoChildWhileTheListenerRuns) {
 
 TEST_F(ProcessCollector, allowsAWaiterOrTheListenerToDestroyTheObjectDuringTheListener) {
     for (bool const by_waiter : {true, false}) {
+        SCOPED_TRACE(by_waiter ? "by a waiter" : "by the listener");
         Event entered;
         Event destroyed;
         auto process = std::make_unique<ProcessTNG>();
-        CallingListener listener([&](ExitState const& state) {
+        RecordingListener listener([&](ExitState const& state) {
             EXPECT_TRUE(hasExitedWith(state, 6)); // A copy.
             entered.set();
             if (by_waiter) {
@@ -564,14 +519,11 @@ TEST_F(ProcessCollector, allowsAWaiterOrTheListenerToDestroyTheObjectDuringTheLi
 TEST_F(ProcessCollector, callsTheListenerThatIsSetAtTheEnd) {
     RecordingListener first;
     RecordingListener second;
-    HeldProbe held;
-    ProcessTNG process;
-    held.set(process);
-    process.setExitListener(&first);
-    EXPECT_GT(process.start(), 0);
-    process.setExitListener(&second);
-    held.release();
-    EXPECT_TRUE(second.waitForCalls(1));
+    HeldChild child;
+    child.process.setExitListener(&first);
+    child.process.setExitListener(&second);
+    EXPECT_TRUE(child.ends());
+    EXPECT_TRUE(second.waitForCalls());
     EXPECT_EQ(0, first.calls);
 }
 

@@ -104,16 +104,11 @@ public:
         closeWriteEnd();
         std::string text;
         char buffer[4096];
-        for (;;) {
-            ssize_t const count = read(getReadEnd(), buffer, sizeof buffer);
-            if (count < 0 && errno == EINTR) {
-                continue;
-            }
-            if (count <= 0) {
-                return text;
-            }
+        ssize_t count = 0;
+        while ((count = TEMP_FAILURE_RETRY(read(getReadEnd(), buffer, sizeof buffer))) > 0) {
             text.append(buffer, static_cast<size_t>(count));
         }
+        return text;
     }
 
 private:
