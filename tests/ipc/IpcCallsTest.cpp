@@ -185,9 +185,12 @@ TEST_P(IpcWait, isEndedByAnotherProcess) {
 
 TEST_P(IpcTimedWait, lastsForItsTimeoutOrEndsAtOnce) {
     auto begin = Clock::now();
+    std::string const before = m_name.getState();
     for (long long const ms : {0LL, -1LL, -999LL, -1500LL, LOWEST}) {
         EXPECT_EQ(1, run(ms)) << ms;
+        EXPECT_EQ(MSG_SIZE, m_objects.message.size);
     }
+    EXPECT_EQ(before, m_name.getState());
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(10));
     begin = Clock::now();
     EXPECT_EQ(1, run(30));

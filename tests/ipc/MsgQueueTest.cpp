@@ -86,14 +86,6 @@ TEST_F(MsgQueueTest, oldestMessageOfTheHighestPriorityComesFirst) {
     }
 }
 
-TEST_F(MsgQueueTest, timeoutOf0LeavesAFullQueueAndTheBufferAsTheyAre) {
-    EXPECT_EQ(1, m_queue.readMsgTimeout(&m_message, 0));
-    EXPECT_EQ(MSG_SIZE, m_message.size);
-    EXPECT_TRUE(put(m_queue, "1") && put(m_queue, "2") && put(m_queue, "3"));
-    EXPECT_FALSE(put(m_queue, "4"));
-    EXPECT_EQ(MAX_MSGS, m_queue.availMsgs());
-}
-
 TEST_F(MsgQueueTest, threadsShareOneObject) {
     constexpr int THREADS = 3;
     constexpr int ROUNDS = 200;
@@ -145,7 +137,7 @@ TEST_F(MsgQueueTest, serverAndClientAreDifferentProcesses) {
 
 // ---- creation ----
 
-TEST_F(MsgQueueTest, serverAndClientOpenTheQueueForReadingAndWriting) {
+TEST_F(MsgQueueTest, serverAndClientOpenTheQueueForReadingAndWritingAndSeeItsAttributes) {
     EXPECT_EQ(static_cast<long>(MAX_MSGS), s_queue_attributes.mq_maxmsg);
     EXPECT_EQ(static_cast<long>(MSG_SIZE), s_queue_attributes.mq_msgsize);
     EXPECT_EQ(0, s_queue_attributes.mq_flags);
@@ -154,10 +146,18 @@ TEST_F(MsgQueueTest, serverAndClientOpenTheQueueForReadingAndWriting) {
     EXPECT_FALSE(client.attach(m_name));
     EXPECT_EQ(m_name.getSystemName(), s_queue_open.name);
     EXPECT_EQ(O_RDWR, s_queue_open.flags);
-    for (MsgQueueBase* const queue : std::initializer_list<MsgQueueBase*>{&m_queue, &client}) {
-        EXPECT_TRUE(put(*queue, "tea"));
-        EXPECT_EQ("tea", get(*queue));
+    for (unsigned int const count : {0U, 1U, 2U}) {
+        for (MsgQueueBase* const queue : std::initializer_list<MsgQueueBase*>{&m_queue, &client}) {
+            EXPECT_EQ(MSG_SIZE, queue->maxMsgSize());
+            EXPECT_EQ(MAX_MSGS, queue->maxMsgCount());
+            EXPECT_EQ(count, queue->availMsgs());
+            EXPECT_TRUE(put(*queue, "tea", 1)); // Before the messages that stay.
+            EXPECT_EQ("tea", get(*queue));
+        }
+        EXPECT_TRUE(put(m_queue, "more"));
     }
+    EXPECT_EQ(MAX_MSGS, client.availMsgs());
+    EXPECT_FALSE(put(client, "too many"));
 }
 
 TEST_F(MsgQueueTest, replacedQueueStaysUsableByItsUsers) {
@@ -244,19 +244,6 @@ TEST_F(MsgQueueTest, highestPriorityIsOneBelowTheLimit) {
     EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EINVAL));
     Fault const fault(inject_sysconf, EINVAL);
     EXPECT_EQ(-1, MsgQueueBase::getMaxPrio()) << "a missing limit of the system is passed on";
-}
-
-TEST_F(MsgQueueTest, attributesAreThoseOfTheQueue) {
-    MsgQueueClient client;
-    ASSERT_FALSE(client.attach(m_name));
-    for (unsigned int const count : {0U, 1U, 2U}) {
-        for (MsgQueueBase const* const queue : std::initializer_list<MsgQueueBase*>{&m_queue, &client}) {
-            EXPECT_EQ(MSG_SIZE, queue->maxMsgSize());
-            EXPECT_EQ(MAX_MSGS, queue->maxMsgCount());
-            EXPECT_EQ(count, queue->availMsgs());
-        }
-        EXPECT_TRUE(put(m_queue, "more"));
-    }
 }
 
 unsigned int numberIn(char const* path) {
