@@ -516,15 +516,4 @@ TEST_F(ProcessCollector, allowsAWaiterOrTheListenerToDestroyTheObjectDuringTheLi
     }
 }
 
-TEST_F(ProcessCollector, callsTheListenerThatIsSetAtTheEnd) {
-    RecordingListener first;
-    RecordingListener second;
-    HeldChild child;
-    child.process.setExitListener(&first);
-    child.process.setExitListener(&second);
-    EXPECT_TRUE(child.ends());
-    EXPECT_TRUE(second.waitForCalls());
-    EXPECT_EQ(0, first.calls);
-}
-
 } // namespace

@@ -20,17 +20,9 @@ VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), 
 VESK_INJECT_RESULT(
     pthread_cond_timedwait, (pthread_cond_t * c, pthread_mutex_t* m, timespec const* t), (c, m, t))
 
-support::Injected inject_pthread_cond_signal("pthread_cond_signal");
-extern "C" VESK_UNWATCHED int pthread_cond_signal(pthread_cond_t* condition) {
-    int error = 0;
-    if (inject_pthread_cond_signal.fails(error)) {
-        return error;
-    }
-    using Real = int (*)(pthread_cond_t*);
-    return g_signal_wakes_all ? pthread_cond_broadcast(condition)
-                              : reinterpret_cast<Real>(inject_pthread_cond_signal.getReal())(condition);
-}
-
+VESK_INJECT(
+    int, return error, pthread_cond_signal, (pthread_cond_t * c), (c),
+    if (g_signal_wakes_all) { return pthread_cond_broadcast(c); })
 VESK_INJECT_ERRNO(int, -1, kill, (pid_t pid, int signal), (pid, signal))
 VESK_INJECT_ERRNO(pid_t, -1, fork, (), ())
 
@@ -51,9 +43,6 @@ ExpectedReport report(AnyId id, int error) {
 /// Returns the chain of an operation that failed because of a lock.
 Chain lockFailed(Id id, char const* text = "locking operation failed", int error = EINVAL) {
     return {report(vesk::Mutex::ErrorId::INCONSISTENT, error), {id, rowText(id, text)}};
-}
-Chain deadlocked(Id id) {
-    return lockFailed(id, "locking operation failed", EDEADLK);
 }
 
 std::string aborted(std::string const& function, std::string const& text) {
@@ -146,6 +135,7 @@ TEST_F(ProcessTNGFailure, theStaticOperationsReportTheirErrors) {
         {EPERM, killRefused(EPERM)},
         {ENOSYS, {report(Id::KILL_FAILED, ENOSYS)}}};
     for (auto const& [error, chain] : kills) {
+        SCOPED_TRACE(strerrorname_np(error));
         for (bool const graceful : {true, false}) {
             Fault const fault(inject_kill, error);
             EXPECT_TRUE(ProcessTNG::killProcess(getpid(), graceful));
@@ -154,7 +144,7 @@ TEST_F(ProcessTNGFailure, theStaticOperationsReportTheirErrors) {
     }
     for (auto const& [error, result] : {std::pair(EPERM, 0), {ESRCH, 1}, {EINVAL, -1}}) {
         Fault const fault(inject_kill, error);
-        EXPECT_EQ(result, ProcessTNG::existsProcess(getpid()));
+        EXPECT_EQ(result, ProcessTNG::existsProcess(getpid())) << strerrorname_np(error);
         EXPECT_TRUE(chainIs(result == -1 ? Chain{report(SysErrorId::UNCLASSIFIED, error)} : Chain()));
     }
 }
@@ -163,6 +153,7 @@ TEST_F(ProcessTNGFailure, startFailsWithoutTheCollectorsLockAndLeavesTheObjectLo
     EventRecorder recorder;
     auto process = std::make_unique<ProcessTNG>();
     for (int const nth : {1, 2}) { // Its own lock, the collector's.
+        SCOPED_TRACE(nth);
         Fault const forks(inject_fork, 0);
         Fault const fault(inject_pthread_mutex_lock, EINVAL, nth);
         EXPECT_EQ(-1, process->start());
@@ -171,6 +162,7 @@ TEST_F(ProcessTNGFailure, startFailsWithoutTheCollectorsLockAndLeavesTheObjectLo
     }
     // This thread holds the lock.
     ExitState state;
+    auto const deadlocked = [](Id id) { return lockFailed(id, "locking operation failed", EDEADLK); };
     EXPECT_TRUE(process->wait(state, false, 0));
     EXPECT_TRUE(chainIs(deadlocked(Id::WAIT_FAILED)));
     EXPECT_TRUE(process->kill(true));
@@ -207,6 +199,7 @@ TEST_F(ProcessTNGFailure, startAbortsIfItCannotUnlock) {
     for (bool const forks : {true, false}) {
         // The lock of the condition, of the collector, of the object; after a failed fork, the last two.
         for (int nth = 1; nth <= (forks ? 3 : 2); ++nth) {
+            SCOPED_TRACE(std::to_string(nth) + (forks ? ". unlock" : ". unlock without a fork"));
             EventRecorder recorder;
             ProcessTNG process;
             setExit(process, 0);
@@ -228,10 +221,8 @@ TEST_F(ProcessTNGFailure, startAbortsIfItCannotUnlock) {
 TEST_F(ProcessTNGFailure, waitFailsIfItCannotUnlockAfterItHasFetchedTheState) {
     ProcessTNG process;
     RecordingListener listener;
-    process.setExitListener(&listener);
-    setExit(process, 6);
-    EXPECT_GT(process.start(), 0);
-    ASSERT_TRUE(listener.waitForCalls(1));
+    listener.start(process, 6);
+    ASSERT_TRUE(listener.waitForCalls());
     ExitState state;
     {
         Fault const fault(inject_pthread_mutex_unlock, EINVAL);

@@ -160,7 +160,8 @@ TEST_F(ProcessTNGTest, aTimedWaitThatExpiresSucceedsAndALaterOneFetchesTheState)
         state.exited = state.killed = true;
         state.status = 5;
         long long const begin = tarnbase::TimePoint::now().getCount();
-        EXPECT_FALSE(child.process.wait(state, true, timeout)) << timeout;
+        SCOPED_TRACE(timeout);
+        EXPECT_FALSE(child.process.wait(state, true, timeout));
         EXPECT_GE(tarnbase::TimePoint::now().getCount() - begin, timeout == 50 ? 50 : 0);
         EXPECT_FALSE(state.hasExited() || state.killed);
         EXPECT_EQ(-1, state.status);
@@ -171,6 +172,7 @@ TEST_F(ProcessTNGTest, aTimedWaitThatExpiresSucceedsAndALaterOneFetchesTheState)
 
 TEST_F(ProcessTNGTest, aTimedWaitReturnsAtTheEndOfTheChild) {
     for (long long const timeout : {60000LL, LLONG_MAX}) {
+        SCOPED_TRACE(timeout);
         ProcessTNG process;
         setExit(process, 4);
         EXPECT_GT(process.start(), 0);
@@ -219,23 +221,12 @@ TEST_F(ProcessTNGTest, aCanceledWaiterUnlocksTheObject) {
 
 TEST_F(ProcessTNGTest, killEndsTheChildBySignalWhileAnotherThreadWaits) {
     for (int const signal : {SIGTERM, SIGKILL}) {
-        for (bool const has_waiter : {false, true}) {
-            HeldChild child;
-            g_signals.clear();
-            ExitState state;
-            std::optional<SleepingThread> waiter;
-            if (has_waiter) {
-                waiter.emplace([&] { state = waitFor(child.process); });
-            }
-            EXPECT_FALSE(child.process.kill(signal == SIGTERM));
-            if (has_waiter) {
-                waiter->join();
-            } else {
-                state = waitFor(child.process);
-            }
-            EXPECT_TRUE(wasKilledBy(state, signal));
-            EXPECT_EQ(Signals({{child.pid, signal}}), g_signals);
-        }
+        SCOPED_TRACE(strsignal(signal));
+        HeldChild child;
+        g_signals.clear();
+        SleepingThread const waiter([&] { EXPECT_TRUE(wasKilledBy(waitFor(child.process), signal)); });
+        EXPECT_FALSE(child.process.kill(signal == SIGTERM));
+        EXPECT_EQ(Signals({{child.pid, signal}}), g_signals);
     }
 }
 
@@ -254,6 +245,7 @@ TEST_F(ProcessTNGTest, killSucceedsWithoutEffectOnAChildThatIgnoresItOrHasEnded)
 // The setting for the next child does not affect the running one.
 TEST_F(ProcessTNGTest, killSignalsTheWholeGroupOfAChildIfItHasASeparateOne) {
     for (bool const separate : {true, false}) {
+        SCOPED_TRACE(separate ? "separate group" : "same group");
         g_signals.clear();
         HeldChild child("brood", 2, separate);
         child.process.setNewGroup(!separate);
@@ -283,13 +275,13 @@ TEST_F(ProcessTNGTest, setExecutableFailsOnAFileThatItsOwnerMayNotExecute) {
 
 TEST_F(ProcessTNGTest, setExecutableAcceptsADirectoryAndFollowsLinksButNotToAMissingFile) {
     TempFolder const dir;
-    ASSERT_EQ(0, symlink(getProbePath().c_str(), (dir / "link").c_str()));
-    ASSERT_EQ(0, symlink("nowhere", (dir / "dangling").c_str()));
     ProcessTNG process;
-    EXPECT_FALSE(process.setExecutable(dir / "link"));
+    EXPECT_FALSE(process.setExecutable(dir.makeLink("link", getProbePath())));
     EXPECT_FALSE(process.setExecutable("/proc"));
     EXPECT_TRUE(process.isValid());
-    for (std::string const& path : {dir / "dangling", std::string("/no/such/program"), std::string()}) {
+    for (std::string const& path :
+         {dir.makeLink("dangling", "nowhere"), std::string("/no/such/program"), std::string()}) {
+        SCOPED_TRACE(path);
         EXPECT_TRUE(process.setExecutable(path));
         EXPECT_TRUE(chainIs({{INVALID_PATH}, badPath(path)}));
     }
@@ -337,16 +329,22 @@ TEST_F(ProcessTNGTest, doesNotCheckPriorities) {
     EXPECT_TRUE(process.isValid());
 }
 
-TEST_F(ProcessTNGTest, aListenerThatWasRemovedIsNotCalled) {
-    RecordingListener listener;
-    {
-        HeldChild child;
-        child.process.setExitListener(&listener);
-        child.process.setExitListener(nullptr);
-        EXPECT_TRUE(child.ends());
+TEST_F(ProcessTNGTest, onlyTheListenerThatIsSetAtTheEndIsCalled) {
+    RecordingListener first;
+    RecordingListener second;
+    for (ProcessTNG::ExitListener* const last : {static_cast<ProcessTNG::ExitListener*>(&second), {}}) {
+        HeldProbe held;
+        ProcessTNG process;
+        held.set(process);
+        process.setExitListener(&first);
+        EXPECT_GT(process.start(), 0);
+        process.setExitListener(last);
+        held.release();
+        waitFor(process);
     }
     ProcessTNG::exit(); // Ends the collector.
-    EXPECT_EQ(0, listener.calls);
+    EXPECT_EQ(0, first.calls);
+    EXPECT_EQ(1, second.calls);
 }
 
 TEST_F(ProcessTNGTest, processExitedStoresAnEnd) {
