@@ -332,7 +332,7 @@ TEST_P(IpcObject, nameOf254CharactersIsPassedToTheSystem) {
 /// A sequence of steps with one object and the names a and b. An operation is expected to succeed without a
 /// report, or to fail if an exclamation mark precedes it. "calls" are those of the operation before.
 struct Scenario {
-    char const* name;
+    std::string name;
     std::vector<std::string> steps;
 };
 
@@ -349,7 +349,7 @@ protected:
             (word == "semaphore" && &m_kind == &SEMAPHORE) || (word == "queue" && &m_kind == &QUEUE);
     }
     static int getError(std::string const& word) {
-        for (int const error : {EIO, EACCES, EEXIST, EINTR, ENOMEM}) {
+        for (int const error : {EIO, EACCES, EEXIST, EINTR, ENOMEM, EPERM, ENAMETOOLONG, EINVAL}) {
             if (word == strerrorname_np(error)) {
                 return error;
             }
@@ -421,6 +421,7 @@ protected:
         std::map<std::string, std::function<void()>> const steps = {
             {"unlinkOnClose", [&] { setUnlinkOnClose(); }},
             {"closeForIt", [&] { closeForIt(); }},
+            {"earlier", [] { leaveOlderReport(); }},
             {"old", [&] { makeOld(name); }},
             {"fail",
              [&] {
@@ -526,6 +527,24 @@ Scenario const OF_QUEUES_AND_SEMAPHORES[] = {
       "reports strategy", "valid no", "!strategy -1", "calls open 0", "reports strategy", "valid no"}},
 };
 
+/// Removals that fail with one of several errors. None is repeated.
+std::vector<Scenario> failedRemovals() {
+    std::vector<Scenario> scenarios;
+    for (char const* const error : {"EACCES", "EPERM", "EIO", "EINTR", "ENAMETOOLONG", "EINVAL"}) {
+        std::string const fail = std::string("fail unlink ") + error;
+        std::string const reports = std::string("reports removal ") + error;
+        scenarios.push_back(
+            {std::string("failureOfADeletionOpensAChainAndKeepsTheName_") + error,
+             {"open a", "earlier", fail, "!delete", "calls unlink 1", reports, fail, "!deleteByName a",
+              "calls unlink 1", reports, "exists a yes", "delete", "exists a no"}});
+        scenarios.push_back(
+            {std::string("failureOfADeletionEndsAReplacement_") + error,
+             {"old a", fail, "!replace a", "calls open 1", "calls unlink 1", reports, "valid no",
+              "state a old"}});
+    }
+    return scenarios;
+}
+
 Class const* const CLIENTS[] = {&MSG_QUEUE_CLIENT, &SEMAPHORE_CLIENT, &SHARED_MEMORY_CLIENT};
 Class const* const QUEUES_AND_MEMORY[] = {
     &MSG_QUEUE_SERVER, &SHARED_MEMORY_SERVER, &MSG_QUEUE_CLIENT, &SHARED_MEMORY_CLIENT};
@@ -541,6 +560,7 @@ INSTANTIATE_TEST_SUITE_P(Clients, IpcScenario, scenariosOf(CLIENTS, OF_CLIENTS),
 INSTANTIATE_TEST_SUITE_P(
     Interruptions, IpcScenario, scenariosOf(QUEUES_AND_MEMORY, OF_QUEUES_AND_MEMORY), CaseName());
 INSTANTIATE_TEST_SUITE_P(Servers, IpcScenario, scenariosOf(SERVERS, OF_SERVERS), CaseName());
+INSTANTIATE_TEST_SUITE_P(Removals, IpcScenario, scenariosOf(SERVERS, failedRemovals()), CaseName());
 INSTANTIATE_TEST_SUITE_P(
     Strategies, IpcScenario, scenariosOf(QUEUES_AND_SEMAPHORES, OF_QUEUES_AND_SEMAPHORES), CaseName());
 
@@ -656,18 +676,13 @@ TEST_P(IpcCloseRows, failureIsReportedOnTopOfWhatIsPending) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    MsgQueue, IpcCloseRows,
-    testing::Combine(testing::Values(&MSG_QUEUE_SERVER, &MSG_QUEUE_CLIENT), testing::Values(EIO, EBADF)),
+    All, IpcCloseRows,
+    testing::Combine(testing::ValuesIn(ALL), testing::Values(EIO, EINVAL, ENOSPC, EDQUOT, EBADF)),
     CaseName());
+// That of the others is repeated.
 INSTANTIATE_TEST_SUITE_P(
     Semaphore, IpcCloseRows,
-    testing::Combine(testing::Values(&SEMAPHORE_CREATOR, &SEMAPHORE_CLIENT), testing::Values(EINTR, EINVAL)),
-    CaseName());
-INSTANTIATE_TEST_SUITE_P(
-    SharedMemory, IpcCloseRows,
-    testing::Combine(
-        testing::Values(&SHARED_MEMORY_SERVER, &SHARED_MEMORY_CLIENT),
-        testing::Values(EIO, ENOSPC, EDQUOT, EBADF)),
+    testing::Combine(testing::Values(&SEMAPHORE_CREATOR, &SEMAPHORE_CLIENT), testing::Values(EINTR)),
     CaseName());
 
 TEST_P(IpcServer, failedCloseStillRemovesTheNameOnRequest) {
@@ -686,13 +701,16 @@ TEST_P(IpcServer, failedCloseStillRemovesTheNameOnRequest) {
 
 // ---- destructors ----
 
-/// What the destructors of some classes warn of when a call fails.
+/// The warnings of a destructor whose call fails.
 struct DestructorRow {
     Class const* tested;
     bool unlinks; ///< Whether the removal of the name fails, and not the close.
-    std::vector<std::string> classes;
-    char const* text;
+    std::string warnings;
 };
+
+std::string warning(std::string const& name, char const* text) {
+    return "WARNING framework/src/vesk/posix/" + name + " ~" + name + ": " + text;
+}
 
 class IpcDestructorRows : public IpcTest, public testing::WithParamInterface<DestructorRow> {
 protected:
@@ -706,17 +724,12 @@ TEST_P(IpcDestructorRows, failureIsAWarningAndAcknowledged) {
         setUnlinkOnClose();
     }
     {
-        size_t const calls = GetParam().unlinks ? 1 : GetParam().classes.size();
         Fault const fault(GetParam().unlinks ? m_kind.unlink : m_kind.close, EIO, 1, Fault::FOREVER);
         m_object.reset();
-        EXPECT_EQ(static_cast<int>(calls), fault.getCalls());
+        std::string const& warnings = GetParam().warnings; // One for each call.
+        EXPECT_EQ(1 + std::count(warnings.begin(), warnings.end(), '\n'), fault.getCalls());
     }
-    std::string expected;
-    for (std::string const& name : GetParam().classes) {
-        expected += expected.empty() ? "" : "\n";
-        expected += "WARNING framework/src/vesk/posix/" + name + " ~" + name + ": " + GetParam().text;
-    }
-    EXPECT_EQ(expected, recorder.getText());
+    EXPECT_EQ(GetParam().warnings, recorder.getText());
     EXPECT_TRUE(m_name.exists());
     if (!GetParam().unlinks) {
         closeForIt();
@@ -726,58 +739,19 @@ TEST_P(IpcDestructorRows, failureIsAWarningAndAcknowledged) {
 INSTANTIATE_TEST_SUITE_P(
     All, IpcDestructorRows,
     testing::ValuesIn(std::vector<DestructorRow>{
-        {&MSG_QUEUE_SERVER, false, {"MsgQueueBase"}, "error closing message queue"},
-        {&MSG_QUEUE_CLIENT, false, {"MsgQueueBase"}, "error closing message queue"},
-        {&SEMAPHORE_CREATOR, false, {"SemaphoreCreator"}, "error closing semaphore"},
-        {&SEMAPHORE_CREATOR, true, {"SemaphoreCreator"}, "error closing semaphore"},
-        {&SEMAPHORE_CLIENT, false, {"SemaphoreBase"}, "error closing semaphore!"},
-        {&SHARED_MEMORY_SERVER,
-         false,
-         {"SharedMemoryServer", "SharedMemoryBase"},
-         "Error closing SharedMemory"},
-        {&SHARED_MEMORY_SERVER, true, {"SharedMemoryServer"}, "Error closing SharedMemory"},
-        {&SHARED_MEMORY_CLIENT, false, {"SharedMemoryBase"}, "Error closing SharedMemory"}}),
+        {&MSG_QUEUE_SERVER, false, warning("MsgQueueBase", "error closing message queue")},
+        {&MSG_QUEUE_CLIENT, false, warning("MsgQueueBase", "error closing message queue")},
+        {&SEMAPHORE_CREATOR, false, warning("SemaphoreCreator", "error closing semaphore")},
+        {&SEMAPHORE_CREATOR, true, warning("SemaphoreCreator", "error closing semaphore")},
+        {&SEMAPHORE_CLIENT, false, warning("SemaphoreBase", "error closing semaphore!")},
+        {&SHARED_MEMORY_SERVER, false,
+         warning("SharedMemoryServer", "Error closing SharedMemory") + "\n" +
+             warning("SharedMemoryBase", "Error closing SharedMemory")},
+        {&SHARED_MEMORY_SERVER, true, warning("SharedMemoryServer", "Error closing SharedMemory")},
+        {&SHARED_MEMORY_CLIENT, false, warning("SharedMemoryBase", "Error closing SharedMemory")}}),
     [](auto const& row) {
         return row.param.tested->name + std::string(row.param.unlinks ? "_unlink" : "_close");
     });
-
-// ---- removal of names ----
-
-using IpcRemovalRows = IpcRows<int>;
-
-TEST_P(IpcRemovalRows, failureOpensAChainAndKeepsTheName) {
-    openIt();
-    std::ErrorOutput(__FILE__, __LINE__, true)(SysErrorId::INPUT_OUTPUT, "earlier");
-    {
-        Fault const fault(m_kind.unlink, row(), 1, 2);
-        EXPECT_TRUE(m_object->deleteName());
-        EXPECT_TRUE(chainIs(removalReports(row())));
-        EXPECT_TRUE(m_class.deleteName(m_name));
-        EXPECT_TRUE(chainIs(removalReports(row())));
-        EXPECT_EQ(2, fault.getCalls()) << "nothing is repeated";
-    }
-    EXPECT_TRUE(m_name.exists());
-    EXPECT_FALSE(m_object->deleteName()) << "another attempt succeeds";
-    EXPECT_FALSE(m_name.exists());
-}
-
-TEST_P(IpcRemovalRows, failureEndsAReplacement) {
-    makeOld(m_name);
-    Fault const opens(m_kind.open, 0);
-    Fault const fault(m_kind.unlink, row());
-    EXPECT_TRUE(open(m_name, Creatable::REPLACE));
-    EXPECT_EQ(1, opens.getCalls());
-    EXPECT_EQ(1, fault.getCalls());
-    EXPECT_TRUE(chainIs(removalReports(row()))) << "the refused creation is acknowledged";
-    EXPECT_FALSE(m_object->isValid());
-    EXPECT_EQ(getOldState(), m_name.getState());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, IpcRemovalRows,
-    testing::Combine(
-        testing::ValuesIn(SERVERS), testing::Values(EACCES, EPERM, EIO, EINTR, ENAMETOOLONG, EINVAL)),
-    CaseName());
 
 // ---- processes ----
 

@@ -5,7 +5,6 @@
 #include "support/NewFault.h"
 
 #include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <cstdarg>
 #include <cstring>
@@ -150,7 +149,6 @@ namespace {
 using namespace support;
 using namespace vesk::sched;
 namespace SysErrorId = vesk::SysErrorId;
-using Handler = std::GlobalErrorHandler;
 
 class ProcessChildFailure : public ProcessTest {
 protected:
@@ -208,14 +206,6 @@ Recorded record(Set const& set, Injected& function = inject_dup2, int error = 0)
         ""};
     seen.calls = pipe.readAll();
     return seen;
-}
-
-size_t count(std::string const& text, std::string const& part) {
-    size_t number = 0;
-    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) {
-        ++number;
-    }
-    return number;
 }
 
 std::string unclassified(int error) {
@@ -305,11 +295,7 @@ notDuplicated(char const* first, std::string const& what, std::string const& las
         "! Reason: " + strerror(error) + "\nerr\n";
 }
 
-constexpr char const* OUT = "stdout";
-constexpr char const* ERR = "stderr";
-constexpr char const* IN = "stdin";
-constexpr char const* PROGRAM = "PROGRAM";
-constexpr char const* NULL_NAME = " (\"/dev/null\") ";
+std::string const NULL_NAME = " (\"/dev/null\") ";
 constexpr char const* NOT_SCHEDULED =
     "*: startChild: warning: ProcessTNG::startChild (forked): Error applying scheduling policy/parameters: ";
 std::string const NOT_RUN = "framework/src/vesk/posix/ProcessTNG_fork:*: startChild: fatal: error calling "
@@ -335,25 +321,25 @@ INSTANTIATE_TEST_SUITE_P(
     // Not even EINTR is repeated.
     rowsOf<ChildRow>({
         {"out", [](auto& p) { p.setStdoutFile("/x", false); }, inject_open, EINTR,
-         notOpened(PROGRAM, OUT, "/x", EINTR)},
+         notOpened("PROGRAM", "stdout", "/x", EINTR)},
         {"outToNull", [](auto& p) { p.setStdoutNull(true); }, inject_open, EINTR,
-         notOpened(PROGRAM, OUT, "/dev/null", EINTR)},
+         notOpened("PROGRAM", "stdout", "/dev/null", EINTR)},
         {"err", [](auto& p) { p.setStderrFile("/x", false); }, inject_open, EINTR,
-         notOpened(PROGRAM, ERR, "/x", EINTR)},
+         notOpened("PROGRAM", "stderr", "/x", EINTR)},
         {"errToNull", [](auto& p) { p.setStderrNull(true); }, inject_open, EINTR,
-         notOpened(PROGRAM, ERR, "/dev/null", EINTR)},
+         notOpened("PROGRAM", "stderr", "/dev/null", EINTR)},
         {"in", [](auto& p) { p.setStdinFile("/x"); }, inject_open, EINTR,
-         notOpened(IN, PROGRAM, "/x", EINTR)},
+         notOpened("stdin", "PROGRAM", "/x", EINTR)},
         {"unknownNumber", [](auto& p) { p.setStdinFile("/x"); }, inject_open, 12345,
-         notOpened(IN, PROGRAM, "/x", 12345)},
+         notOpened("stdin", "PROGRAM", "/x", 12345)},
         {"longLine", [](auto& p) { p.setStdinFile(LONG_PATH); }, inject_open, 0,
-         notOpened(IN, PROGRAM, LONG_PATH, ENAMETOOLONG)},
+         notOpened("stdin", "PROGRAM", LONG_PATH, ENAMETOOLONG)},
         {"outToAMissingFile", [](auto& p) { p.setStdoutFile("/no/such/file", false); }, inject_open, 0,
-         notOpened(PROGRAM, OUT, "/no/such/file", ENOENT)},
+         notOpened("PROGRAM", "stdout", "/no/such/file", ENOENT)},
         {"errToADirectory", [](auto& p) { p.setStderrFile("/", true); }, inject_open, 0,
-         notOpened(PROGRAM, ERR, "/", EISDIR)},
+         notOpened("PROGRAM", "stderr", "/", EISDIR)},
         {"inFromAMissingFile", [](auto& p) { p.setStdinFile("/no/such/file"); }, inject_open, 0,
-         notOpened(IN, PROGRAM, "/no/such/file", ENOENT)},
+         notOpened("stdin", "PROGRAM", "/no/such/file", ENOENT)},
     }),
     byName);
 
@@ -361,23 +347,23 @@ INSTANTIATE_TEST_SUITE_P(
     Dup, ProcessChildRows,
     rowsOf<ChildRow>({
         {"outFile", [](auto& p) { p.setStdoutFile("/dev/null", false); }, inject_dup2, EMFILE,
-         notDuplicated(PROGRAM, "FD to 1", std::string(OUT) + NULL_NAME)},
+         notDuplicated("PROGRAM", "FD to 1", "stdout" + NULL_NAME)},
         {"errFile", [](auto& p) { p.setStderrFile("/dev/null", true); }, inject_dup2, EMFILE,
-         notDuplicated(PROGRAM, "FD to 2", std::string(ERR) + NULL_NAME)},
+         notDuplicated("PROGRAM", "FD to 2", "stderr" + NULL_NAME)},
         {"inFile", [](auto& p) { p.setStdinFile("/dev/null"); }, inject_dup2, EMFILE,
-         notDuplicated(IN, "FD to 0", std::string(PROGRAM) + NULL_NAME)},
+         notDuplicated("stdin", "FD to 0", "PROGRAM" + NULL_NAME)},
         {"out", [](auto& p) { p.setStdoutFd(openGiven()); }, inject_dup2, EMFILE,
-         notDuplicated(OUT, "60 to 1", PROGRAM)},
+         notDuplicated("stdout", "60 to 1", "PROGRAM")},
         {"err", [](auto& p) { p.setStderrFd(openGiven()); }, inject_dup2, EMFILE,
-         notDuplicated(PROGRAM, "60 to 2", ERR)},
+         notDuplicated("PROGRAM", "60 to 2", "stderr")},
         {"in", [](auto& p) { p.setStdinFd(openGiven()); }, inject_dup2, EMFILE,
-         notDuplicated(PROGRAM, "0 to 60", IN)},
+         notDuplicated("PROGRAM", "0 to 60", "stdin")},
         {"badOut", [](auto& p) { p.setStdoutFd(777); }, inject_dup2, 0,
-         notDuplicated(OUT, "777 to 1", PROGRAM, EBADF)},
+         notDuplicated("stdout", "777 to 1", "PROGRAM", EBADF)},
         {"badErr", [](auto& p) { p.setStderrFd(777); }, inject_dup2, 0,
-         notDuplicated(PROGRAM, "777 to 2", ERR, EBADF)},
+         notDuplicated("PROGRAM", "777 to 2", "stderr", EBADF)},
         {"badIn", [](auto& p) { p.setStdinFd(static_cast<int>(getDescriptorLimit())); }, inject_dup2, 0,
-         notDuplicated(PROGRAM, "0 to " + std::to_string(getDescriptorLimit()), IN, EBADF)},
+         notDuplicated("PROGRAM", "0 to " + std::to_string(getDescriptorLimit()), "stdin", EBADF)},
     }),
     byName);
 
@@ -684,58 +670,42 @@ TEST_F(ProcessChildFailure, aChildWarnsIfItsProcessorsCannotBeSetAndAcknowledges
     EXPECT_TRUE(contains(seen.errors, unclassified(EPERM) + "err\n"));
 }
 
-std::string const OUT_OF_MEMORY = ": out of memory: native arguments vector\n";
+/// Returns the events of three failed allocations.
+std::string threeTimesWithoutMemory(char const* function) {
+    std::string const event = std::string("OUT_OF_MEMORY framework/src/vesk/posix/ProcessTNG_fork ") +
+        function + ": native arguments vector";
+    return event + "\n" + event + "\n" + event;
+}
 
-TEST_F(ProcessChildFailure, theAllocationOfTheArraysIsRepeated) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}});
+TEST_F(ProcessChildFailure, theAllocationOfTheArraysIsRepeatedAndHasRoomForTheirContent) {
+    EventRecorder recorder;
+    ProcessTNG process("/bin/sh", {"-c", "exit 3"});
+    process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}, {"THREE", "3"}, {"FOUR", "4"}});
+    {
         NewFault const fault(New::NOTHROW_ARRAY, 1, 3);
-        go();
-    });
-    EXPECT_EQ("out\n", seen.output);
-    EXPECT_EQ(3U, count(seen.errors, OUT_OF_MEMORY)) << seen.errors;
-    EXPECT_TRUE(contains(seen.errors, ": getArgs" + OUT_OF_MEMORY));
+        EXPECT_GT(process.start(), 0);
+        size_t const arguments = 4 * sizeof(char*);
+        size_t const environment = 5 * sizeof(char*);
+        EXPECT_EQ(
+            std::vector<size_t>({arguments, arguments, arguments, arguments, environment}), fault.getSizes());
+    }
+    EXPECT_TRUE(hasExitedWith(waitFor(process), 3));
+    EXPECT_EQ(threeTimesWithoutMemory("getArgs"), recorder.getText());
 }
 
 TEST_F(ProcessChildFailure, theAllocationOfTheEnvironmentIsRepeated) {
-    TempFolder const dir;
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        setProbe(process, {"tell", dir / "sight"});
-        process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}});
+    EventRecorder recorder;
+    ProcessTNG process;
+    setProbe(process, {"tell", m_dir / "sight"});
+    process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}});
+    {
         NewFault const array(New::NOTHROW_ARRAY, 2, 1);
         Fault const fault(inject_strdup, ENOMEM, 2, 2);
-        go();
-    });
-    EXPECT_EQ(3U, count(seen.errors, ": getEnv" + OUT_OF_MEMORY)) << seen.errors;
-    EXPECT_EQ(std::vector<std::string>({"ONE=1", "TWO=2"}), Sight(dir / "sight").getEnvironment());
-}
-
-TEST_F(ProcessChildFailure, theArraysHaveRoomForTheirContent) {
-    ProcessPipe sizes(ProcessPipe::ChildGets::READ_END);
-    static int s_sizes = -1;
-    static NewFault const* s_fault = nullptr;
-    Handler::Hook const hook{
-        [](Handler::Event const&, void*) {
-            for (size_t const size : s_fault->getSizes()) {
-                dprintf(s_sizes, "%zu ", size / sizeof(char*));
-            }
-            return true;
-        },
-        nullptr};
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        process.setArguments({"1", "2"});
-        process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}, {"THREE", "3"}, {"FOUR", "4"}});
-        process.setExecutable("/no/such/program"); // The abort calls the hook.
-        std::ErrorStorage::ack();
-        NewFault const fault(New::NOTHROW_ARRAY, 1, 0);
-        s_sizes = sizes.getWriteEnd();
-        s_fault = &fault;
-        Handler::Hook const* const before = Handler::setHook(&hook);
-        go();
-        Handler::setHook(before);
-    });
-    EXPECT_EQ(1, seen.status);
-    EXPECT_EQ("4 5 ", sizes.readAll());
+        EXPECT_GT(process.start(), 0);
+    }
+    EXPECT_TRUE(hasExitedWith(waitFor(process), 0));
+    EXPECT_EQ(threeTimesWithoutMemory("getEnv"), recorder.getText());
+    EXPECT_EQ(std::vector<std::string>({"ONE=1", "TWO=2"}), Sight(m_dir / "sight").getEnvironment());
 }
 
 } // namespace

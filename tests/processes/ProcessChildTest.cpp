@@ -365,15 +365,6 @@ TEST_F(ProcessChild, isInTheGroupOfTheProcessOrInASeparateOne) {
     EXPECT_EQ(getpgid(0), look(process).getNumber("group"));
 }
 
-bool mayUseRealTime() {
-    sched_param param{};
-    param.sched_priority = 1;
-    bool const may = sched_setscheduler(0, SCHED_RR, &param) == 0;
-    param.sched_priority = 0;
-    sched_setscheduler(0, SCHED_OTHER, &param);
-    return may;
-}
-
 /// Expects the policy, and the priority and the nice value if given, of an object's child.
 void expectScheduling(ProcessTNG& process, int policy, std::optional<int> priority, std::optional<int> nice) {
     Sight sight = look(process);
@@ -401,9 +392,12 @@ TEST_F(ProcessChild, hasTheNiceValueOfItsAttributesOrThatWasSetAsItsPriority) {
 }
 
 TEST_F(ProcessChild, hasTheRealTimePolicyOfItsAttributesOrOfTheCallingThreadWithAnotherPriority) {
-    if (!mayUseRealTime()) {
+    sched_param param{1};
+    if (sched_setscheduler(0, SCHED_RR, &param) != 0) {
         GTEST_SKIP() << "no right to real-time scheduling";
     }
+    param = {0};
+    EXPECT_EQ(0, sched_setscheduler(0, SCHED_OTHER, &param));
     ProcessTNG process;
     process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_POLICY_FIFO, 3, 0));
     expectScheduling(process, SCHED_FIFO, 3, {});
@@ -412,47 +406,40 @@ TEST_F(ProcessChild, hasTheRealTimePolicyOfItsAttributesOrOfTheCallingThreadWith
     ProcessTNG other;
     other.setPriority(false, 5);
     std::thread([&] {
-        sched_param param{};
-        param.sched_priority = 2;
+        param = {2};
         EXPECT_EQ(0, pthread_setschedparam(pthread_self(), SCHED_RR, &param));
         expectScheduling(other, SCHED_RR, 5, {});
     }).join();
 }
 
-class ProcessChildAffinity : public ProcessChild {
-protected:
-    void SetUp() override {
-        cpu_set_t set;
-        CPU_ZERO(&set);
-        ASSERT_EQ(0, sched_getaffinity(0, sizeof set, &set));
-        if (vesk::Vesk::s_sys_info.processor_count < 2 || !CPU_ISSET(0, &set) || !CPU_ISSET(1, &set)) {
-            GTEST_SKIP() << "needs the first two processors";
-        }
-        for (size_t i = 0; i < CPU_SETSIZE; ++i) {
-            if (CPU_ISSET(i, &set)) {
-                m_mine.push_back(std::to_string(i));
-            }
+TEST_F(ProcessChild, runsOnTheProcessorsOfTheProcessUnlessSomeAreSet) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    ASSERT_EQ(0, sched_getaffinity(0, sizeof set, &set));
+    if (vesk::Vesk::s_sys_info.processor_count < 2 || !CPU_ISSET(0, &set) || !CPU_ISSET(1, &set)) {
+        GTEST_SKIP() << "needs the first two processors";
+    }
+    Texts mine;
+    for (size_t i = 0; i < CPU_SETSIZE; ++i) {
+        if (CPU_ISSET(i, &set)) {
+            mine.push_back(std::to_string(i));
         }
     }
-
-    static Texts getProcessors(ProcessTNG& process, std::vector<bool> const& processors) {
-        process.setAffinity(processors);
-        return look(process).get("processor");
-    }
-
-    Texts m_mine;
-};
-
-TEST_F(ProcessChildAffinity, isThatOfTheProcessUnlessProcessorsAreSet) {
     ProcessTNG process;
-    EXPECT_EQ(m_mine, look(process).get("processor"));
-    EXPECT_EQ(Texts({"0"}), getProcessors(process, {true}));
-    EXPECT_EQ(Texts({"1"}), getProcessors(process, {false, true}));
-    EXPECT_EQ(Texts({"0", "1"}), getProcessors(process, {true, true}));
-    EXPECT_EQ(m_mine, getProcessors(process, {}));
-    std::vector<bool> processors(5000, true); // Those that the machine does not have are ignored.
-    processors[0] = false;
-    EXPECT_EQ(Texts(m_mine.begin() + 1, m_mine.end()), getProcessors(process, processors));
+    EXPECT_EQ(mine, look(process).get("processor"));
+    std::vector<bool> not_the_first(5000, true); // Those that the machine does not have are ignored.
+    not_the_first[0] = false;
+    std::pair<std::vector<bool>, Texts> const rows[] = {
+        {{true}, {"0"}},
+        {{false, true}, {"1"}},
+        {{true, true}, {"0", "1"}},
+        {{}, mine},
+        {not_the_first, Texts(mine.begin() + 1, mine.end())}};
+    for (auto const& [processors, expected] : rows) {
+        SCOPED_TRACE(testing::PrintToString(expected));
+        process.setAffinity(processors);
+        EXPECT_EQ(expected, look(process).get("processor"));
+    }
 }
 
 TEST_F(ProcessChild, runsAScriptByItsShell) {

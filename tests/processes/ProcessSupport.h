@@ -22,19 +22,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
-#include <initializer_list>
 #include <map>
-#include <pthread.h>
 #include <sstream>
 #include <string>
-#include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>

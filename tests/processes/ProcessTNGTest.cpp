@@ -333,6 +333,7 @@ TEST_F(ProcessTNGTest, onlyTheListenerThatIsSetAtTheEndIsCalled) {
     RecordingListener first;
     RecordingListener second;
     for (ProcessTNG::ExitListener* const last : {static_cast<ProcessTNG::ExitListener*>(&second), {}}) {
+        SCOPED_TRACE(last == nullptr ? "no listener" : "another listener");
         HeldProbe held;
         ProcessTNG process;
         held.set(process);
