@@ -2,10 +2,10 @@
 #include "support/Privileges.h"
 #include "support/Processes.h"
 #include "support/RunInThreads.h"
+#include "support/TempFolder.h"
 
 #include <tarncommon/stream/IBinStreamBase.h>
 
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <thread>
@@ -247,9 +247,7 @@ TEST_F(MsgQueueTest, highestPriorityIsOneBelowTheLimit) {
 }
 
 unsigned int numberIn(char const* path) {
-    unsigned int number = 0;
-    std::ifstream(path) >> number;
-    return number;
+    return static_cast<unsigned int>(std::stoul(contentOf(path)));
 }
 
 TEST_F(MsgQueueTest, limitsOfTheSystemAreThoseInProc) {

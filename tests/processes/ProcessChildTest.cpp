@@ -481,4 +481,31 @@ TEST_F(ProcessChild, doesNotReportTheErrorsOfTheProcess) {
     EXPECT_EQ("out\n", seen.output);
 }
 
+// ---- the texts of the lines that a child writes ----
+
+/// Returns the path of the loaded library, or an empty text.
+std::string findLibrary() {
+    std::istringstream maps(contentOf("/proc/self/maps"));
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find("/libvesk.so") != std::string::npos) {
+            return line.substr(line.find('/'));
+        }
+    }
+    return {};
+}
+
+// Developers search the sources for pieces of a log line, so the library must contain them in one piece.
+class LogTexts : public testing::TestWithParam<char const*> {};
+
+TEST_P(LogTexts, areInTheLibraryInOnePiece) {
+    std::string const library = contentOf(findLibrary());
+    EXPECT_NE(std::string::npos, library.find(std::string(GetParam()) + '\0')) << findLibrary();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, LogTexts,
+    testing::Values(
+        "unknown policy (", "unknown thread priority (", " or ", "]: Couldn't open new ",
+        "\". Reason: ", "]: Couldn't dup2 (", "! Reason: "));
+
 } // namespace

@@ -47,6 +47,12 @@ constexpr int SLOWDOWN = 10;
 constexpr int SLOWDOWN = IS_EMULATED ? 50 : 1;
 #endif
 
+/// What a process without a collector, or without the means to find its own name, reports.
+constexpr char const* NO_IMPL = "Unable to initialize VESK: \"process impl. object is invalid\" failed";
+constexpr char const* NO_STATIC_IMPL =
+    "Unable to initialize VESK: \"process static impl. object is invalid\" failed";
+constexpr char const* NO_START = "ASSERT framework/src/vesk/posix/ProcessTNG start: g_process_impl";
+
 /// Returns the path of the probe's command line: of the probe itself or of the program that runs it.
 inline std::string getProbePath() {
     return PROBE_COMMAND[0];
