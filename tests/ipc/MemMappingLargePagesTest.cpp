@@ -25,6 +25,7 @@ TEST(MemMappingLargePages, ringMustBeOfWholePagesOfTheSystem) {
     support::TempFolder const folder;
     int const fd = open(folder.makeFile("object", std::string(131072, 'a')).c_str(), O_RDWR | O_CLOEXEC);
     for (unsigned int const length : {65536U, 131072U}) {
+        SCOPED_TRACE(length);
         MemMapping ring(fd, MemMapping::READ | MemMapping::WRITE, length, 0, nullptr, true);
         ASSERT_TRUE(ring.isValid());
         auto* const bytes = static_cast<char*>(ring.getAddress());

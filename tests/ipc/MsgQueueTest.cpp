@@ -148,6 +148,7 @@ TEST_F(MsgQueueTest, serverAndClientOpenTheQueueForReadingAndWritingAndSeeItsAtt
     EXPECT_EQ(O_RDWR, s_queue_open.flags);
     for (unsigned int const count : {0U, 1U, 2U}) {
         for (MsgQueueBase* const queue : std::initializer_list<MsgQueueBase*>{&m_queue, &client}) {
+            SCOPED_TRACE((queue == &client ? "client " : "server ") + std::to_string(count));
             EXPECT_EQ(MSG_SIZE, queue->maxMsgSize());
             EXPECT_EQ(MAX_MSGS, queue->maxMsgCount());
             EXPECT_EQ(count, queue->availMsgs());
@@ -263,6 +264,7 @@ TEST_F(MsgQueueTest, limitThatCannotBeOpenedOrReadIs0AndOnlyTheReadIsReported) {
     unreadable.emplace_back(
         std::IBinStreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED);
     for (auto const getLimit : {MsgQueueBase::systemMaxMsgSize, MsgQueueBase::systemMaxMsgCount}) {
+        SCOPED_TRACE(getLimit == MsgQueueBase::systemMaxMsgSize ? "size" : "count");
         EXPECT_EQ(0U, failOnce(inject_open, EACCES, getLimit));
         EXPECT_TRUE(chainIs({}));
         Fault const fault(inject_read, EIO, 1, Fault::FOREVER);

@@ -153,6 +153,7 @@ TEST_F(SharedMemoryBaseTest, mappingThatIsNotRegisteredIsNotRemoved) {
     MemMapping own(m_shm.getDescriptor(), READ_WRITE, m_page);
     Fault const calls(inject_munmap, 0);
     for (MemMapping const* const mapping : {&foreign, &gone, &failed, &static_cast<MemMapping const&>(own)}) {
+        SCOPED_TRACE(mapping->getAddress());
         EXPECT_TRUE(m_shm.removeMapping(*mapping));
         EXPECT_TRUE(isMisuse("Attempt to remove a mapping that isn't registered"));
     }
@@ -242,7 +243,7 @@ TEST_F(SharedMemoryBaseTest, sizeIsThatOfTheFileOr0IfA32BitSystemCannotReturnIt)
 #if defined(__LP64__)
     for (off_t const size : {0x80000000L, 0x100001000L}) {
         ASSERT_EQ(0, ftruncate(m_shm.getDescriptor(), size));
-        EXPECT_EQ(0U, m_shm.getSize());
+        EXPECT_EQ(0U, m_shm.getSize()) << size;
     }
 #endif
     EXPECT_TRUE(chainIs({}));
@@ -399,8 +400,8 @@ TEST_F(SharedMemoryServerTest, nameIsKnownUntilItIsRemovedAndNotAfterAFailedCrea
     EXPECT_STREQ("", m_shm.getName());
     for (Strategy const strategy : {Creatable::CREATE_NEW, UNKNOWN}) {
         Fault const fault(inject_shm_open, EACCES);
-        EXPECT_TRUE(m_shm.create(m_name, 4096, strategy));
-        EXPECT_STREQ("", m_shm.getName());
+        EXPECT_TRUE(m_shm.create(m_name, 4096, strategy)) << strategy;
+        EXPECT_STREQ("", m_shm.getName()) << strategy;
     }
     EXPECT_TRUE(m_shm.create("ve/sk", 4096, Creatable::REPLACE));
     EXPECT_STREQ("", m_shm.getName());
@@ -502,7 +503,7 @@ TEST_F(SharedMemoryServerTest, interruptedSizeIsRepeated) {
 
 TEST_F(SharedMemoryServerTest, sizeBeyond2GibIsRefused) {
     for (unsigned int const size : {0x80000000U, 0xFFFFFFFFU}) {
-        EXPECT_TRUE(m_shm.create(m_name, size, Creatable::REPLACE));
+        EXPECT_TRUE(m_shm.create(m_name, size, Creatable::REPLACE)) << size;
         EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
         EXPECT_LT(s_shm_length, 0);
         EXPECT_FALSE(m_shm.isValid());
@@ -569,6 +570,7 @@ TEST_F(SharedMemoryClientTest, memoryOfAnotherUserCannotBeReadOrWritten) {
     expectInChild([&] {
         ASSERT_TRUE(dropRights());
         for (auto const flags : {MemMapping::READ, MemMapping::WRITE}) {
+            SCOPED_TRACE(flags == MemMapping::READ ? "reading" : "writing");
             EXPECT_TRUE(m_client.attach(m_name, flags));
             EXPECT_TRUE(chainIs(reportsOf(DENIED, m_name.getSystemName())));
             EXPECT_FALSE(m_client.isValid());

@@ -141,7 +141,7 @@ TEST(ProcessCollectorGone, anObjectFromAfterTheEndIsInvalidAndItsStartFailsBehin
     EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED}}));
     EXPECT_TRUE(old.isValid());
     for (ProcessTNG* const each : {&process, &old}) {
-        EXPECT_EQ(-1, each->start());
+        EXPECT_EQ(-1, each->start()) << (each == &old ? "the old object" : "the new object");
         EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED}, {ProcessTNG::ErrorId::START_FAILED}}));
     }
     EXPECT_EQ(std::string(NO_START) + "\n" + NO_START, recorder.getText());

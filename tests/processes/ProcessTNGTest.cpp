@@ -88,12 +88,12 @@ TEST_F(ProcessTNGTest, returnsTheEndsOfItsChildren) {
     for (int const code : {0, 1, 7, 255}) {
         setExit(process, code);
         ExitState const state = run(process);
-        EXPECT_TRUE(hasExitedWith(state, code));
+        EXPECT_TRUE(hasExitedWith(state, code)) << code;
         EXPECT_EQ(&process, state.process);
     }
     for (int const signal : {SIGTERM, SIGKILL, SIGABRT}) {
         setProbe(process, {"die", std::to_string(signal)});
-        EXPECT_TRUE(wasKilledBy(run(process), signal));
+        EXPECT_TRUE(wasKilledBy(run(process), signal)) << signal;
     }
 }
 
