@@ -696,7 +696,7 @@ TEST_P(IpcServer, failedCloseStillRemovesTheNameOnRequest) {
 
 // ---- destructors ----
 
-/// The warnings of a destructor whose call fails.
+/// The warnings of a destructor in which a call fails.
 struct DestructorRow {
     Class const* tested;
     bool unlinks; ///< Whether the removal of the name fails, and not the close.

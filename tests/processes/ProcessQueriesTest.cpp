@@ -93,7 +93,7 @@ TEST_F(ProcessQueries, aProcessExistsUntilItIsReaped) {
 
 TEST_F(ProcessQueries, aProcessOfAnotherUserExistsAndCannotBeKilled) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can become somebody else";
+        GTEST_SKIP() << "only root can become another user";
     }
     expectInChild([] {
         EXPECT_EQ(0, setuid(65534));
