@@ -19,7 +19,8 @@ namespace support {
 /// because their directory positions exceed 32 bits.
 class TempFolder {
 public:
-    TempFolder() : m_path(getParent() + "/vesk-test-XXXXXX") {
+    /// @param parent  the folder in which it is created; by default one in memory
+    explicit TempFolder(std::string const& parent = getParent()) : m_path(parent + "/vesk-test-XXXXXX") {
         EXPECT_NE(nullptr, mkdtemp(m_path.data())) << m_path;
         EXPECT_EQ(0, chmod(m_path.c_str(), 0755));
     }
