@@ -19,9 +19,6 @@ inline testing::AssertionResult isInvalidParameter(char const* name) {
     return chainIs({{INVALID_PARAMETER, rowText(INVALID_PARAMETER, name)}});
 }
 
-/// The error numbers of a failure to read the clock.
-inline auto const CLOCK_ERRORS = testing::Values(EINVAL, EFAULT);
-
 /// Checks that the pending chain is a query that fails because of the clock. Acknowledges the chain.
 inline testing::AssertionResult isClockFailure(int error) {
     using vesk::SysErrorId::QUERY_FAILED;

@@ -73,10 +73,13 @@ inline ErrnoCase accessDenied(int error) {
     return {error, vesk::SysErrorId::PERMISSION_DENIED, vesk::FileAccessErrorId::ACCESS_DENIED};
 }
 
-/// Checks that the pending chain says only that a contract with the caller is broken. Acknowledges the chain.
+/// Returns the report that a contract with the caller is broken.
+inline ExpectedReport contractBroken(std::string const& text) {
+    return {std::CommonErrorId::CONTRACT_BROKEN, rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
+}
+/// Checks that only this report is pending. Acknowledges it.
 inline testing::AssertionResult isContractBroken(std::string const& text) {
-    return chainIs(
-        {{std::CommonErrorId::CONTRACT_BROKEN, rowText(std::CommonErrorId::CONTRACT_BROKEN, text)}});
+    return chainIs({contractBroken(text)});
 }
 
 // ---- Rows of any type: a struct with the numbers in `errors`, and an `error` that stays at its default.

@@ -88,6 +88,26 @@ private:
     std::filesystem::path m_previous;
 };
 
+/// A file that a replaced function opens instead of another one. Its path is in `path` during its lifetime.
+class FileInstead {
+public:
+    FileInstead(char const*& path, std::string const& content)
+        : m_file(m_folder.makeFile("file", content)), m_path(path) {
+        m_path = m_file.c_str();
+    }
+    ~FileInstead() { m_path = nullptr; }
+
+    FileInstead(FileInstead const&) = delete;
+    FileInstead& operator=(FileInstead const&) = delete;
+
+    std::string const& getFolder() const { return m_folder.getPath(); }
+
+private:
+    TempFolder m_folder;
+    std::string m_file;
+    char const*& m_path;
+};
+
 /// Returns the content of a file, or "(none)" if it cannot be read.
 inline std::string contentOf(std::string const& path) {
     std::ifstream const file(path, std::ios::binary);
