@@ -2,29 +2,28 @@
 
 #include "SocketRows.h"
 #include "support/Descriptors.h"
-#include "support/Processes.h"
-#include "support/Threads.h"
+#include "support/Sleeper.h"
 #include "support/calls/StreamSocketCalls.h"
 
 #include <tarncommon/error/ErrorApi.h>
 #include <tarncommon/error/ErrorStorage.h>
 #include <vesk/TCPServerSocket.h>
+#include <vesk/UDPSocket.h>
 #include <vesk/UnixServerSocket.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <netinet/tcp.h>
 #include <ostream>
 #include <string>
 #include <sys/stat.h>
-#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
 
-/// What the tests of TCP and Unix sockets share: the tables of errors, and connections of each transport.
+/// What the tests of TCP and Unix sockets share: the tables of errors, and connections of each transport. UDP sockets take
+/// part where they behave like the clients.
 
 namespace support {
 
@@ -32,6 +31,7 @@ using vesk::IPSocket;
 using vesk::Socket;
 using vesk::TCPServerSocket;
 using vesk::TCPSocket;
+using vesk::UDPSocket;
 using vesk::UnixServerSocket;
 using vesk::UnixSocket;
 using vesk::UnixSocketBase;
@@ -104,21 +104,6 @@ inline bool isSocketFile(std::string const& path) {
     return lstat(path.c_str(), &data) == 0 && S_ISSOCK(data.st_mode);
 }
 
-/// Starts a thread and waits until it sleeps in the kernel.
-template <typename Body>
-std::thread startUntilAsleep(Body body) {
-    std::atomic<pid_t> id{0};
-    std::thread thread([&id, body] {
-        id = getThreadId();
-        body();
-    });
-    while (id == 0) {
-        sched_yield();
-    }
-    waitUntilAsleep(getpid(), id);
-    return thread;
-}
-
 // ---- Transports ----
 
 inline std::string makeName() {
@@ -127,7 +112,7 @@ inline std::string makeName() {
 }
 
 /// How sockets are connected.
-enum class Transport { IPV4, IPV6, ABSTRACT, PATH };
+enum class Transport { IPV4, IPV6, ABSTRACT, PATH, UDP, UDP6 };
 
 constexpr Transport TRANSPORTS[] = {Transport::IPV4, Transport::IPV6, Transport::ABSTRACT, Transport::PATH};
 
@@ -137,8 +122,16 @@ constexpr bool isTcp(Transport transport) {
     return transport == Transport::IPV4 || transport == Transport::IPV6;
 }
 
+constexpr bool isUdp(Transport transport) {
+    return transport == Transport::UDP || transport == Transport::UDP6;
+}
+
+constexpr bool isUnix(Transport transport) {
+    return transport == Transport::ABSTRACT || transport == Transport::PATH;
+}
+
 constexpr IPSocket::IPProtocolVersion getVersion(Transport transport) {
-    return transport == Transport::IPV6 ? IPSocket::IPV6 : IPSocket::IPV4;
+    return transport == Transport::IPV6 || transport == Transport::UDP6 ? IPSocket::IPV6 : IPSocket::IPV4;
 }
 
 inline char const* getLoopback(IPSocket::IPProtocolVersion version) {
@@ -146,7 +139,7 @@ inline char const* getLoopback(IPSocket::IPProtocolVersion version) {
 }
 
 inline std::string getName(Transport transport) {
-    char const* const names[] = {"IPv4", "IPv6", "abstractName", "path"};
+    char const* const names[] = {"IPv4", "IPv6", "abstractName", "path", "UDP", "UDPv6"};
     return names[static_cast<int>(transport)];
 }
 inline std::string getName(ErrnoRow const& row) {
@@ -204,7 +197,8 @@ constexpr Kind TCP_CLIENT{Transport::IPV4, false};
 constexpr Kind TCP_SERVER{Transport::IPV4, true};
 constexpr Kind UNIX_CLIENT{Transport::PATH, false};
 constexpr Kind UNIX_SERVER{Transport::PATH, true};
-constexpr Kind CLASSES[] = {TCP_CLIENT, TCP_SERVER, UNIX_CLIENT, UNIX_SERVER};
+constexpr Kind UDP_CLIENT{Transport::UDP, false};
+constexpr Kind CLASSES[] = {TCP_CLIENT, TCP_SERVER, UNIX_CLIENT, UNIX_SERVER, UDP_CLIENT};
 constexpr Kind CLIENTS[] = {TCP_CLIENT, UNIX_CLIENT};
 constexpr Kind SERVERS[] = {TCP_SERVER, UNIX_SERVER};
 constexpr Kind TCP_CLASSES[] = {TCP_CLIENT, TCP_SERVER};
@@ -373,8 +367,13 @@ struct Options {
 
 inline SocketPtr makeClient(Place const& peer, Options const& options = {}) {
     auto const& [blocking, read_buffer, write_buffer, name, reuse] = options;
+    auto const version = getVersion(peer.transport);
+    if (isUdp(peer.transport)) {
+        std::string const host = getLoopback(version);
+        return std::make_unique<Closing<UDPSocket>>(
+            blocking, read_buffer, write_buffer, IPAddress(host, 0), IPAddress(host, peer.port), version);
+    }
     if (isTcp(peer.transport)) {
-        auto const version = getVersion(peer.transport);
         return std::make_unique<Client>(
             blocking, read_buffer, write_buffer, IPAddress(), IPAddress(getLoopback(version), peer.port),
             reuse, version);
@@ -383,8 +382,9 @@ inline SocketPtr makeClient(Place const& peer, Options const& options = {}) {
         blocking, read_buffer, write_buffer, name, peer.name, peer.getNameSpace());
 }
 
+/// For UDP, makes a TCP server, which has a port for the clients.
 inline SocketPtr makeServer(Place const& place, bool blocking = true, bool reuse = false) {
-    if (isTcp(place.transport)) {
+    if (!isUnix(place.transport)) {
         auto const version = getVersion(place.transport);
         return std::make_unique<Server>(
             IPAddress(getLoopback(version), place.port), blocking, reuse, version);
@@ -399,7 +399,12 @@ auto visit(Socket& socket, Call call) {
     return tcp != nullptr ? call(*tcp) : call(dynamic_cast<Unix&>(socket));
 }
 
+/// Connects a client; opens a UDP socket.
 inline bool connectSocket(Socket& client) {
+    if (auto* const udp = dynamic_cast<UDPSocket*>(&client)) {
+        udp->open();
+        return udp->hadError();
+    }
     return visit<TCPSocket, UnixSocket>(client, [](auto& socket) { return socket.connect(); });
 }
 
@@ -566,7 +571,7 @@ public:
         : m_place(transport), m_server(makeServer(m_place, blocking)) {
         enableListen(*m_server, backlog);
         EXPECT_TRUE(succeeded(*m_server, Socket::OPEN));
-        if (isTcp(transport)) {
+        if (!isUnix(transport)) {
             getTcp().updateLocalAddress();
             m_place.port = getTcp().getLocalAddress().port;
             EXPECT_NE(0, m_place.port);

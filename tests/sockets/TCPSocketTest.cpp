@@ -64,14 +64,24 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(TCPSocketVersions, learnsItsAddressesWhenItConnects) {
     Connection const connection(GetParam());
-    TCPSocket const& client = connection.getTcp();
-    EXPECT_EQ(m_version, client.getVersion());
-    EXPECT_EQ(m_loopback, client.getLocalAddress().host);
-    EXPECT_EQ(m_loopback, client.getPeerAddress().host);
-    EXPECT_EQ(connection.listener.getPlace().port, client.getPeerAddress().port);
-    auto const& server = dynamic_cast<TCPSocket&>(*connection.server);
-    EXPECT_EQ(m_loopback, server.getPeerAddress().host);
-    EXPECT_EQ(client.getLocalAddress().port, server.getPeerAddress().port);
+    TCPSocket& client = connection.getTcp();
+    auto& server = dynamic_cast<TCPSocket&>(*connection.server);
+    for (bool const is_updated : {false, true}) {
+        EXPECT_EQ(m_version, client.getVersion());
+        EXPECT_EQ(m_loopback, client.getLocalAddress().host);
+        EXPECT_NE(0, client.getLocalAddress().port);
+        EXPECT_EQ(m_loopback, client.getPeerAddress().host);
+        EXPECT_EQ(connection.listener.getPlace().port, client.getPeerAddress().port);
+        EXPECT_EQ(m_loopback, server.getLocalAddress().host);
+        EXPECT_EQ(connection.listener.getPlace().port, server.getLocalAddress().port);
+        EXPECT_EQ(m_loopback, server.getPeerAddress().host);
+        EXPECT_EQ(client.getLocalAddress().port, server.getPeerAddress().port);
+        for (TCPSocket* const socket : {&client, &server}) {
+            socket->updateLocalAddress();
+            socket->updatePeerAddress();
+        }
+        EXPECT_TRUE(chainIs({})) << is_updated;
+    }
 }
 
 TEST_P(TCPSocketVersions, thatDoesNotBlockIsOpenAndBoundWhileItConnectsAndFailsToReadAfterARefusal) {
@@ -258,21 +268,6 @@ TEST_P(TCPSocketOptionRows, stopTheKeepaliveAtEachStepAndAreReportedForTheDelay)
     EXPECT_TRUE(socket.setTCPNoDelay(true));
     EXPECT_EQ(1, fault.getCalls()) << "the call is not repeated";
     EXPECT_TRUE(failed(socket, Socket::INACTIVE, GetParam()));
-}
-
-TEST(TCPSocket, optionsNeedADescriptor) {
-    Client socket = makeIdle();
-    EXPECT_FALSE(socket.close(false));
-    Fault const options(inject_setsockopt, 0);
-    errno = EIO;
-    EXPECT_TRUE(socket.setTCPNoDelay(true));
-    EXPECT_TRUE(failed(socket, Socket::DEAD, ErrnoRow(Socket::ErrorId::INVALID_SOCKET, EIO)))
-        << "the text is that of the current errno";
-    for (bool const enabled : {true, false}) {
-        EXPECT_TRUE(socket.setKeepalive({enabled, 1, 1, 1}));
-        EXPECT_TRUE(failed(socket, Socket::DEAD, {Socket::ErrorId::INVALID_SOCKET}));
-    }
-    EXPECT_EQ(0, options.getCalls());
 }
 
 // ---- The largest transfer, also of a server ----

@@ -321,7 +321,7 @@ TEST_F(UnixSocketFile, ofAServerWithAFullBacklogLetsAClientWait) {
     m_server.listen(0);
     UnixClient first = makeClient("", m_peer);
     EXPECT_FALSE(first.connect());
-    std::thread thread = startUntilAsleep([&] {
+    SleepingThread thread([&] {
         UnixClient second = makeClient("", m_peer);
         EXPECT_TRUE(connects(second));
     });
@@ -930,7 +930,7 @@ TEST_F(UnixSocketProcess, thatIsKilledWakesAWriterThatWaitsForRoom) {
     });
     SocketPtr const accepted = m_listener.accept();
     EXPECT_FALSE(accepted->setSendBuffer(4096));
-    std::thread writer = startUntilAsleep([&] {
+    SleepingThread writer([&] {
         std::string const block(1 << 20, 'b');
         int result = 1;
         while (result == 1) {
