@@ -203,9 +203,9 @@ TEST_F(IPResolver, listIsKeptUntilTheNextResolveWhichReplacesAllResultsOrTheEnd)
 constexpr int LOOKUP_ERRNO = ENETUNREACH;
 
 /// Returns a row for each code of the groups. Without a report there are no results.
-auto codeRows(std::vector<ErrnoGroup> const& groups) {
+auto codeRows(std::vector<ErrnoReports> const& groups) {
     std::vector<ErrnoRow> rows;
-    for (ErrnoGroup const& group : groups) {
+    for (ErrnoReports const& group : groups) {
         for (int const code : group.errors) {
             rows.push_back(
                 {code,

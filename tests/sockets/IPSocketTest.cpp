@@ -583,13 +583,11 @@ TEST(IPSocket, hostnameWithoutMemoryFails) {
     EXPECT_EQ(0, calls.getCalls());
 }
 
-std::vector<ErrnoRow> hostnameRows() {
-    return errnoRows(
+VESK_TEST_ROWS(
+    IPSocketHostnameErrors, areReportedAndLeaveTheName,
+    errnoRows(
         {{{EFAULT, EINVAL, ENAMETOOLONG}, {SysErrorId::SPOILED_INTEGRITY}},
-         {{EPERM, EINTR, ENOSYS, 4711}, {SysErrorId::UNCLASSIFIED}}});
-}
-
-VESK_TEST_ROWS(IPSocketHostnameErrors, areReportedAndLeaveTheName, hostnameRows()) {
+         {{EPERM, EINTR, ENOSYS, 4711}, {SysErrorId::UNCLASSIFIED}}})) {
     Fault const fault(inject_gethostname, GetParam().error);
     expectNoHostname(GetParam().reports);
     EXPECT_EQ(1, fault.getCalls());

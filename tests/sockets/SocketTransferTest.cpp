@@ -108,8 +108,9 @@ void expectFailure(Direction const& direction, ErrnoRow const& row) {
     expectTransferred(direction, socket.ends);
 }
 
-std::vector<ErrnoRow> readRows() {
-    return errnoRows({
+VESK_TEST_ROWS(
+    SocketReadRow, isReportedBelowTheStreamsErrorAndKeepsTheState,
+    errnoRows({
         {{ECONNRESET}, {SocketErrorId::CONNECTION_RESET, StreamErrorId::UNUSABLE}},
         {{EINVAL}, {SocketErrorId::INVALID_SOCKET, StreamErrorId::UNUSABLE}},
         {{EIO, EBADF, ENOTSOCK, EOPNOTSUPP}, {SysErrorId::SPOILED_INTEGRITY, StreamErrorId::UNUSABLE}},
@@ -119,10 +120,7 @@ std::vector<ErrnoRow> readRows() {
         {{ENOMEM}, {SysErrorId::OUT_OF_MEMORY, StreamErrorId::TRANSFER_FAILED}},
         {{EFAULT, EPIPE, EPERM, EHOSTUNREACH, EMSGSIZE, ENODEV},
          {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED}},
-    });
-}
-
-VESK_TEST_ROWS(SocketReadRow, isReportedBelowTheStreamsErrorAndKeepsTheState, readRows()) {
+    })) {
     expectFailure(READ, GetParam());
 }
 

@@ -508,8 +508,7 @@ inline Transfer write(Socket& socket, std::string const& bytes) {
 }
 
 inline void writeTo(Socket& socket, std::string const& bytes) {
-    EXPECT_EQ(Transfer(1, bytes.size()), write(socket, bytes));
-    EXPECT_FALSE(socket.hadError());
+    EXPECT_TRUE(isWritten(socket, bytes));
 }
 
 /// Reads until `size` bytes have arrived, also from a socket that does not block.
@@ -543,23 +542,17 @@ inline testing::AssertionResult isAtEnd(Socket& socket) {
     if (!awaitEvents(socket.getSocketFd(), POLLIN)) {
         return testing::AssertionFailure() << "nothing happened";
     }
-    Transfer const transfer = readByte(socket);
-    if (transfer != Transfer(0, 0) || !socket.hadError()) {
-        return testing::AssertionFailure() << testing::PrintToString(transfer);
-    }
-    return chainIs(
+    return failsToRead(
+        socket,
         {{Socket::ErrorId::CONNECTION_CLOSED, "Connection closed: Connection closed normally"},
-         StreamErrorId::END_OF_STREAM});
+         StreamErrorId::END_OF_STREAM},
+        0);
 }
 
 /// Reads from a connection that the peer has reset.
 inline testing::AssertionResult isReset(Socket& socket) {
-    if (readByte(socket) != FAILED) {
-        return testing::AssertionFailure() << "it can be read";
-    }
-    return failed(
-        socket, Socket::OPEN,
-        ErrnoRow(Socket::ErrorId::CONNECTION_RESET, ECONNRESET, {StreamErrorId::UNUSABLE}));
+    return failsToRead(
+        socket, ErrnoRow(Socket::ErrorId::CONNECTION_RESET, ECONNRESET, {StreamErrorId::UNUSABLE}));
 }
 
 // ---- Connections ----

@@ -60,9 +60,6 @@ void expectSizesPass(UDPSocket& left, UDPSocket& right) {
     expectDelivered(left, right, "the next");
 }
 
-/// The largest packet of the cable, in bytes.
-auto const MTUS = testing::Values(1500, 9000, 65535);
-
 class UDPNetwork : public testing::Test {
 protected:
     void SetUp() override { VESK_SKIP_WITHOUT_NETWORKS(); }
@@ -82,66 +79,52 @@ protected:
 
 // ---- one peer ----
 
-/// Opens a socket that has no route to its peer.
-void expectUnreachable(IPSocket::IPAddress const& peer, IPSocket::IPProtocolVersion version) {
-    EventRecorder const events;
-    OpenUDPSocket socket({"", 5000}, peer, version);
-    socket.open();
-    EXPECT_EQ(WARNING, events.getText());
-    EXPECT_FALSE(socket.hadError());
-    EXPECT_TRUE(causeIs(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH));
-    EXPECT_TRUE(failsToWrite(
-        socket, ErrnoRow(SocketErrorId::ADDRESS_INVALID, EDESTADDRREQ, {StreamErrorId::UNUSABLE})))
-        << "the socket is not connected";
-    char const* const loopback = version == IPSocket::IPV6 ? IPSocket::LOOPBACK_IP6 : IPSocket::LOOPBACK_IP;
-    EXPECT_TRUE(Peer(version).sendTo({loopback, 5000}, "hello"));
-    EXPECT_EQ("hello", receive(socket));
-}
+/// The version of the addresses.
+class UDPVersions : public UDPNetwork, public testing::WithParamInterface<IPSocket::IPProtocolVersion> {
+protected:
+    void SetUp() override {
+        UDPNetwork::SetUp();
+        if (m_six) {
+            VESK_SKIP_WITHOUT_IPV6();
+        }
+    }
 
-TEST_F(UDPNetwork, unreachableNetworkOnlyWarnsAndTheOpenSocketReceivesFromEverySender) {
-    expectInNetwork([] { expectUnreachable({"192.0.2.7", 5000}, IPSocket::IPV4); });
-}
+    bool const m_six = GetParam() == IPSocket::IPV6;
+};
 
-TEST_F(UDPNetwork, unreachableNetworkOfIPv6OnlyWarnsAndTheOpenSocketReceivesFromEverySender) {
-    VESK_SKIP_WITHOUT_IPV6();
-    expectInNetwork([] { expectUnreachable({"2001:db8::7", 5000}, IPSocket::IPV6); });
-}
+INSTANTIATE_TEST_SUITE_P(
+    versions, UDPVersions, testing::Values(IPSocket::IPV4, IPSocket::IPV6),
+    [](auto const& row) { return std::string(row.param == IPSocket::IPV6 ? "IPv6" : "IPv4"); });
 
-/// Exchanges datagrams between two networks. The route to the peer determines the address on the right.
-void expectExchange(
-    IPSocket::IPProtocolVersion version, char const* left_host, char const* right_host, char const* left_peer,
-    char const* right_peer) {
-    expectWithCable([=](Cable const& cable) {
-        OpenedUDPSocket left({left_host, 5001}, {left_peer, 5002}, version);
-        ASSERT_TRUE(cable.enterRight());
-        OpenedUDPSocket right({"", 5002}, {right_peer, 5001}, version);
-        expectDelivered(left, right, "to the right");
-        expectDelivered(right, left, "to the left");
-        right.updateLocalAddress();
-        EXPECT_EQ(right_host, right.getLocalAddress().host);
+TEST_P(UDPVersions, unreachableNetworkOnlyWarnsAndTheOpenSocketReceivesFromEverySender) {
+    expectInNetwork([this] {
+        EventRecorder const events;
+        OpenUDPSocket socket({"", 5000}, {m_six ? "2001:db8::7" : "192.0.2.7", 5000}, GetParam());
+        socket.open();
+        EXPECT_EQ(WARNING, events.getText());
+        EXPECT_FALSE(socket.hadError());
+        EXPECT_TRUE(causeIs(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH));
+        EXPECT_TRUE(failsToWrite(
+            socket, ErrnoRow(SocketErrorId::ADDRESS_INVALID, EDESTADDRREQ, {StreamErrorId::UNUSABLE})))
+            << "the socket is not connected";
+        char const* const loopback = m_six ? IPSocket::LOOPBACK_IP6 : IPSocket::LOOPBACK_IP;
+        EXPECT_TRUE(Peer(GetParam()).sendTo({loopback, 5000}, "hello"));
+        EXPECT_EQ("hello", receive(socket));
     });
 }
 
-TEST_F(UDPNetwork, datagramsPassBetweenNetworks) {
-    expectExchange(IPSocket::IPV4, "10.0.0.1", "10.0.0.2", "10.0.0.2", "10.0.0.1");
-}
-
-TEST_F(UDPNetwork, linkLocalAddressesWithTheirScopesPassBetweenNetworks) {
-    VESK_SKIP_WITHOUT_IPV6();
-    expectExchange(IPSocket::IPV6, "fe80::1%left", "fe80::2%right", "fe80::2%left", "fe80::1%right");
-}
-
-TEST_F(UDPNetwork, refusalArrivesFromAnotherNetworkAndTheSocketStaysUsable) {
-    expectWithCable([](Cable const& cable) {
-        OpenedUDPSocket left({"", 0}, {"10.0.0.2", 5002});
-        EXPECT_TRUE(isWritten(left, "to a port that is not bound"));
-        EXPECT_TRUE(awaitEvents(left.getSocketFd(), POLLIN));
-        EXPECT_TRUE(failsToRead(
-            left, ErrnoRow(SocketErrorId::PEER_UNREACHABLE, ECONNREFUSED, {StreamErrorId::UNUSABLE})));
-
+TEST_P(UDPVersions, datagramsPassBetweenNetworksAlsoWithTheScopeOfLinkLocalAddresses) {
+    expectWithCable([this](Cable const& cable) {
+        OpenedUDPSocket left(
+            {m_six ? "fe80::1%left" : "10.0.0.1", 5001}, {m_six ? "fe80::2%left" : "10.0.0.2", 5002},
+            GetParam());
         ASSERT_TRUE(cable.enterRight());
-        OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        EXPECT_TRUE(isWritten(left, "to a port that is bound"));
+        OpenedUDPSocket right({"", 5002}, {m_six ? "fe80::1%right" : "10.0.0.1", 5001}, GetParam());
+        expectDelivered(left, right, "to the right");
+        expectDelivered(right, left, "to the left");
+        right.updateLocalAddress();
+        EXPECT_EQ(m_six ? "fe80::2%right" : "10.0.0.2", right.getLocalAddress().host)
+            << "the address of the route to the peer";
     });
 }
 
@@ -191,20 +174,29 @@ TEST_F(UDPNetwork, datagramOfTheReportedLargestSizePasses) {
         9000);
 }
 
-class UDPSizes : public UDPNetwork, public testing::WithParamInterface<int> {};
+/// The largest packet of the cable, in bytes, and whether the peer is a group.
+class UDPSizes : public UDPNetwork, public testing::WithParamInterface<std::tuple<int, bool>> {};
 
 TEST_P(UDPSizes, datagramsPassWholeUpToTheLargest) {
+    auto const [mtu, is_group] = GetParam();
+    if (is_group) {
+        VESK_SKIP_WITHOUT_GROUPS(IPSocket::IPV4);
+    }
     expectWithCable(
-        [](Cable const& cable) {
-            OpenedUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
+        [is_group = is_group](Cable const& cable) {
+            OpenedUDPSocket left({"10.0.0.1", 5000}, {is_group ? GROUP : "10.0.0.2", 5000});
             ASSERT_TRUE(cable.enterRight());
-            OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
+            OpenedUDPSocket right({"", 5000}, {is_group ? GROUP : "10.0.0.1", 5000});
             expectSizesPass(left, right);
         },
-        GetParam());
+        mtu);
 }
 
-INSTANTIATE_TEST_SUITE_P(mtu, UDPSizes, MTUS, testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(
+    mtu, UDPSizes, testing::Combine(testing::Values(1500, 9000, 65535), testing::Bool()),
+    [](auto const& row) {
+        return (std::get<1>(row.param) ? "group" : "peer") + std::to_string(std::get<0>(row.param));
+    });
 
 // ---- groups, one network ----
 
@@ -360,18 +352,6 @@ TEST_F(UDPMulticast, streamBuffersAndTruncatesAsWithOnePeer) {
     });
 }
 
-TEST_F(UDPMulticast, emptyDatagramToTheGroupReadsAsTheEndOfTheStream) {
-    expectWithCable([](Cable const&) {
-        OpenedUDPSocket socket({"", 5000}, {GROUP, 5000});
-        sockaddr_in group{};
-        ASSERT_FALSE(IPSocket::IPAddress(GROUP, 5000).getBinary(group));
-        auto const* const address = reinterpret_cast<sockaddr const*>(&group);
-        EXPECT_EQ(0, sendto(socket.getSocketFd(), "", 0, 0, address, sizeof group));
-        EXPECT_TRUE(awaitEvents(socket.getSocketFd(), POLLIN));
-        EXPECT_TRUE(failsToRead(socket, {SocketErrorId::CONNECTION_CLOSED, StreamErrorId::END_OF_STREAM}, 0));
-    });
-}
-
 // ---- groups, two networks ----
 
 TEST_F(UDPMulticast, datagramsToAGroupReachAnotherNetwork) {
@@ -423,21 +403,6 @@ TEST_F(UDPMulticast, linkLocalAddressOfAGroupMemberReceivesOnlyWhatIsSentToItsel
         expectDelivered(left, member, "from the left");
     });
 }
-
-class UDPMulticastSizes : public UDPMulticast, public testing::WithParamInterface<int> {};
-
-TEST_P(UDPMulticastSizes, datagramsPassWholeUpToTheLargest) {
-    expectWithCable(
-        [](Cable const& cable) {
-            OpenedUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
-            ASSERT_TRUE(cable.enterRight());
-            OpenedUDPSocket right({"", 5000}, {GROUP, 5000});
-            expectSizesPass(left, right);
-        },
-        GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(mtu, UDPMulticastSizes, MTUS, testing::PrintToStringParamName());
 
 // ---- groups, two processes ----
 
