@@ -42,9 +42,7 @@ struct AddressCalls {
         fd = on;
         room = *length;
         was_cleared = isZero(address, room);
-        int error = 0;
-        if (function.fails(error)) {
-            errno = error;
+        if (function.fails()) {
             return -1;
         }
         if (!answers) {

@@ -48,9 +48,7 @@ extern "C" VESK_UNWATCHED int ioctl(int fd, unsigned long request, ...) {
     va_end(arguments);
     if (request == SIOCGIFINDEX) {
         s_raw_calls.device.assign(static_cast<ifreq*>(argument)->ifr_name, IFNAMSIZ);
-        int error = 0;
-        if (inject_ioctl.fails(error)) {
-            errno = error;
+        if (inject_ioctl.fails()) {
             return -1;
         }
     }

@@ -1,48 +1,8 @@
 #include "SocketRows.h"
 #include "TestSocket.h"
-#include "support/InjectNoting.h"
+#include "support/calls/UDPCalls.h"
 
 #include <climits>
-
-namespace {
-
-/// The arguments of the last call.
-struct OptionCall {
-    int fd;
-    int level;
-    int option;
-    int value;
-    socklen_t length;
-};
-OptionCall s_call;
-// The answer that replaces that of getsockopt while `s_pretend` is set.
-bool s_pretend = false;
-int s_value = 0;
-socklen_t s_length = sizeof(int);
-
-} // namespace
-
-VESK_INJECT_NOTING(
-    int, -1, setsockopt, (int fd, int level, int option, void const* value, socklen_t length) noexcept,
-    (fd, level, option, value, length), s_call = {fd, level, option, *static_cast<int const*>(value), length})
-
-support::Injected inject_getsockopt("getsockopt");
-extern "C" VESK_UNWATCHED int
-getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
-    s_call = {fd, level, option, 0, *length};
-    int error = 0;
-    if (inject_getsockopt.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    if (s_pretend) {
-        memcpy(value, &s_value, sizeof s_value);
-        *length = s_length;
-        return 0;
-    }
-    return reinterpret_cast<decltype(&getsockopt)>(inject_getsockopt.getReal())(
-        fd, level, option, value, length);
-}
 
 namespace {
 
@@ -51,6 +11,7 @@ using vesk::Socket;
 
 /// A buffer's operations.
 struct Buffer {
+    char const* name;
     char const* getter;
     int option;
     bool (Socket::*set)(unsigned int);
@@ -58,16 +19,13 @@ struct Buffer {
 };
 
 constexpr Buffer BUFFERS[] = {
-    {"getSendBuffer", SO_SNDBUF, &Socket::setSendBuffer, &Socket::getSendBuffer},
-    {"getRecvBuffer", SO_RCVBUF, &Socket::setRecvBuffer, &Socket::getRecvBuffer},
+    {"SO_SNDBUF", "getSendBuffer", SO_SNDBUF, &Socket::setSendBuffer, &Socket::getSendBuffer},
+    {"SO_RCVBUF", "getRecvBuffer", SO_RCVBUF, &Socket::setRecvBuffer, &Socket::getRecvBuffer},
 };
 
-/// Checks that the last call was for the buffer of a socket and for an int.
-void expectCall(TestSocket const& socket, Buffer const& buffer) {
-    EXPECT_EQ(socket.getSocketFd(), s_call.fd);
-    EXPECT_EQ(SOL_SOCKET, s_call.level);
-    EXPECT_EQ(buffer.option, s_call.option);
-    EXPECT_EQ(sizeof(int), s_call.length);
+/// Returns a call as a `CallRecorder` shows it for the last socket.
+std::string callOf(char const* function, Buffer const& buffer, char const* value) {
+    return std::string(function) + "(s, " + buffer.name + ", " + value + ")\n";
 }
 
 /// Checks that an operation on each buffer reports a failure once, keeps the state and succeeds afterwards.
@@ -104,12 +62,13 @@ TEST(SocketOptions, sizeIsSetAsAnInt) {
     for (Buffer const& buffer : BUFFERS) {
         ConnectedSocket socket;
         socket.setHadError();
-        EXPECT_FALSE((socket.*buffer.set)(12345));
+        CallRecorder calls;
+        CallRecorder::s_last_socket = socket.getSocketFd();
+        EXPECT_FALSE((socket.*buffer.set)(0x12345));
         EXPECT_FALSE(socket.hadError());
-        expectCall(socket, buffer);
-        EXPECT_EQ(12345, s_call.value);
+        EXPECT_EQ(callOf("setsockopt", buffer, "45230100"), calls.getText());
         (socket.*buffer.set)(UINT_MAX);
-        EXPECT_EQ(-1, s_call.value);
+        EXPECT_EQ(callOf("setsockopt", buffer, "ffffffff"), calls.getText());
     }
 }
 
@@ -119,9 +78,11 @@ TEST(SocketOptions, sizeThatWasSetIsReturnedAlsoOfAnInactiveSocket) {
             ConnectedSocket socket(tcp ? makeTcpEnds() : makeEnds());
             EXPECT_FALSE((socket.*buffer.set)(20000));
             socket.setHadError();
+            CallRecorder calls;
+            CallRecorder::s_last_socket = socket.getSocketFd();
             EXPECT_EQ(20000U, (socket.*buffer.get)());
             EXPECT_FALSE(socket.hadError());
-            expectCall(socket, buffer);
+            EXPECT_EQ(callOf("getsockopt", buffer, "4"), calls.getText());
         }
     }
     TestSocket socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), Socket::INACTIVE);
@@ -135,9 +96,7 @@ TEST(SocketOptions, sizeBeyondTheSystemsLimitsIsReturnedAsGranted) {
         ConnectedSocket socket;
         for (unsigned int const size : {1U, static_cast<unsigned int>(INT_MAX)}) {
             EXPECT_FALSE((socket.*buffer.set)(size));
-            int granted = 0;
-            socklen_t length = sizeof granted;
-            ASSERT_EQ(0, getsockopt(socket.getSocketFd(), SOL_SOCKET, buffer.option, &granted, &length));
+            int const granted = getOption(socket.getSocketFd(), SOL_SOCKET, buffer.option);
             EXPECT_EQ(static_cast<unsigned int>(granted / 2), (socket.*buffer.get)());
             EXPECT_NE(size, (socket.*buffer.get)());
         }
@@ -146,24 +105,21 @@ TEST(SocketOptions, sizeBeyondTheSystemsLimitsIsReturnedAsGranted) {
 
 TEST(SocketOptions, halfOfTheSystemsSizeIsTakenAsASignedNumberAndAnotherLengthFailsAnAssertion) {
     ConnectedSocket socket;
-    s_pretend = true;
     for (auto const& [value, half] : {std::pair(7, 3U), std::pair(1, 0U), std::pair(-7, 0U - 3U)}) {
-        s_value = value;
+        PretendedOption const option(value, sizeof(int));
         EXPECT_EQ(half, socket.getSendBuffer());
         EXPECT_EQ(half, socket.getRecvBuffer());
     }
-    s_value = 4000;
     for (Buffer const& buffer : BUFFERS) {
         std::string const assertion = std::string("ASSERT framework/src/vesk/posix/Socket ") + buffer.getter +
             ": retsize == sizeof(int)";
         for (socklen_t const length : {0U, 2U, 3U, 5U, 8U, 4U}) {
             EventRecorder const events;
-            s_length = length;
+            PretendedOption const option(4000, length);
             EXPECT_EQ(2000U, (socket.*buffer.get)()) << "the function continues";
             EXPECT_EQ(length == sizeof(int) ? "" : assertion, events.getText());
         }
     }
-    s_pretend = false;
     EXPECT_FALSE(socket.hadError());
 }
 

@@ -192,6 +192,12 @@ sendRows(Reports const& others = {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLA
     });
 }
 
+/// Returns texts that are literals or strings.
+template <typename... Texts>
+std::vector<std::string> stringsOf(Texts const&... texts) {
+    return {std::string(texts)...};
+}
+
 // ---- descriptors and states ----
 
 inline bool isOpen(int fd) {

@@ -1,6 +1,7 @@
 #include "SocketRows.h"
 #include "TestSocket.h"
 #include "support/AllocationCounter.h"
+#include "support/ErrnoRows.h"
 #include "support/NewFault.h"
 #include "support/VtableSlot.h"
 
@@ -78,21 +79,14 @@ TEST(Socket, fieldsHaveTheirOrder) {
 }
 
 TEST(Socket, hasAnErrorFamilyDerivedFromThatOfTheSystem) {
-    int id = 0;
-    for (char const* const format :
-         {"Invalid socket encountered: %s", "Unknown socket option: %s", "Invalid socket option: %s",
-          "Creating socket failed: %s", "Socket address busy: %s", "Socket address invalid: %s",
-          "Connection has been reset: %s", "Peer is not reachable: %s", "Network is unavailable: %s",
-          "Resolve operation failed: %s", "Communication failed: %s", "Connection closed: %s",
-          "Message too big: %s"}) {
-        ASSERT_NE(nullptr, Socket::Error.getRow(id)) << id;
-        EXPECT_EQ(id, Socket::Error.getRow(id)->id);
-        EXPECT_STREQ(format, Socket::Error.getRow(id)->format);
-        EXPECT_EQ(1, Socket::Error.getRow(id)->nargs);
-        ++id;
-    }
-    EXPECT_EQ(nullptr, Socket::Error.getRow(id));
-    EXPECT_TRUE(Socket::Error.isA(vesk::SysError));
+    expectRows(
+        Socket::Error,
+        {"Invalid socket encountered: %s", "Unknown socket option: %s", "Invalid socket option: %s",
+         "Creating socket failed: %s", "Socket address busy: %s", "Socket address invalid: %s",
+         "Connection has been reset: %s", "Peer is not reachable: %s", "Network is unavailable: %s",
+         "Resolve operation failed: %s", "Communication failed: %s", "Connection closed: %s",
+         "Message too big: %s"},
+        1);
     EXPECT_FALSE(vesk::SysError.isA(Socket::Error));
 }
 
@@ -274,27 +268,6 @@ TEST(Socket, flushSucceedsInEveryStateAndClearsTheErrorFlagUnlessItIsOnlyOfTheBu
     }
 }
 
-TEST(Socket, buffersBothDirections) {
-    ConnectedSocket socket(makeEnds(), true, 64, 64);
-    std::IBinInOutStream& stream = socket;
-    unsigned int count = 0;
-    EXPECT_EQ(1, stream.write("abc", 3, count));
-    EXPECT_EQ(1, stream.write("def", 3, count));
-    EXPECT_EQ(3U, count);
-    EXPECT_EQ(-1, recv(socket.ends.getPeer(), &count, sizeof count, MSG_DONTWAIT))
-        << "the data is in the buffer";
-    EXPECT_FALSE(stream.flush(false));
-    EXPECT_EQ("abcdef", socket.ends.receive(16));
-
-    socket.ends.send("123456");
-    char block[4] = {};
-    EXPECT_EQ(1, stream.read(block, 2, count));
-    EXPECT_EQ("12", std::string(block, count));
-    EXPECT_EQ(-1, recv(socket.getSocketFd(), block, 1, MSG_DONTWAIT)) << "the rest was read ahead";
-    EXPECT_EQ(1, stream.read(block, 4, count));
-    EXPECT_EQ("3456", std::string(block, count));
-}
-
 TEST(Socket, flushOfANonBlockingStreamFailsWhileThePeerHasNoRoom) {
     ConnectedSocket socket(makeEnds(SOCK_STREAM | SOCK_NONBLOCK), false, 0, 16);
     unsigned int count = 0;
@@ -351,13 +324,11 @@ public:
     }
     void error(int) override { ADD_FAILURE() << "the descriptor has failed"; }
 
-    std::string const& getText() const { return m_text; }
-    int getResult() const { return m_result; }
+    std::string m_text;
+    int m_result = -2;
 
 private:
     TestSocket& m_socket;
-    std::string m_text;
-    int m_result = -2;
 };
 
 TEST(Socket, canBePolled) {
@@ -366,15 +337,15 @@ TEST(Socket, canBePolled) {
     vesk::Poller poller;
     poller.add(reader, socket.getSocketFd());
     socket.ends.send("hello");
-    while (reader.getText() != "hello") {
+    while (reader.m_text != "hello") {
         ASSERT_FALSE(poller.poll());
     }
-    EXPECT_EQ(1, reader.getResult());
+    EXPECT_EQ(1, reader.m_result);
     EXPECT_EQ(0, shutdown(socket.ends.getPeer(), SHUT_WR));
-    while (reader.getResult() == 1) {
+    while (reader.m_result == 1) {
         ASSERT_FALSE(poller.poll());
     }
-    EXPECT_EQ(0, reader.getResult());
+    EXPECT_EQ(0, reader.m_result);
     EXPECT_TRUE(chainIs({SocketErrorId::CONNECTION_CLOSED, StreamErrorId::END_OF_STREAM}));
 }
 

@@ -29,9 +29,7 @@ support::Injected inject_recv("recv");
 extern "C" VESK_UNWATCHED ssize_t recv(int fd, void* buffer, size_t size, int flags) {
     s_fd = fd;
     s_flags = flags;
-    int error = 0;
-    if (inject_recv.fails(error)) {
-        errno = error;
+    if (inject_recv.fails()) {
         return -1;
     }
     ssize_t const count = reinterpret_cast<decltype(&recv)>(inject_recv.getReal())(fd, buffer, size, flags);
