@@ -3,6 +3,7 @@
 #include "support/InjectNoting.h"
 #include "support/NetworkNamespace.h"
 #include "support/NewFault.h"
+#include "support/TestBy.h"
 
 #include <vesk/RawSocket.h>
 
@@ -498,21 +499,24 @@ void waitForCable(char const* one, char const* other) {
     }
 }
 
-/// Runs with the cables "left" to "right" and "north" to "south", which are up, and a socket for a device.
-void expectWithCables(char const* device, std::function<void(RawSocket& socket)> const& body) {
-    expectInNetwork([&] {
-        ASSERT_TRUE(makePair("left", "right"));
-        ASSERT_TRUE(makePair("north", "south"));
-        for (char const* const end : {"left", "right", "north", "south"}) {
-            ASSERT_TRUE(setUp(end));
-        }
-        waitForCable("left", "right");
-        waitForCable("north", "south");
-        PlainSocket socket;
-        ASSERT_TRUE(opens(socket, device));
-        body(socket);
-        EXPECT_TRUE(chainIs({}));
-    });
+/// Returns a function that runs `body` with the cables "left" to "right" and "north" to "south", which are up, and a socket
+/// for a device.
+auto withSocketOf(char const* device) {
+    return [device](void (*body)(RawSocket & socket)) {
+        expectInNetwork([&] {
+            ASSERT_TRUE(makePair("left", "right"));
+            ASSERT_TRUE(makePair("north", "south"));
+            for (char const* const end : {"left", "right", "north", "south"}) {
+                ASSERT_TRUE(setUp(end));
+            }
+            waitForCable("left", "right");
+            waitForCable("north", "south");
+            PlainSocket socket;
+            ASSERT_TRUE(opens(socket, device));
+            body(socket);
+            EXPECT_TRUE(chainIs({}));
+        });
+    };
 }
 
 class RawSocketFrames : public testing::Test {
@@ -520,159 +524,150 @@ protected:
     void SetUp() override { VESK_SKIP_WITHOUT_NETWORKS(); }
 };
 
-TEST_F(RawSocketFrames, areThoseOfOneDeviceWholeOrCutToTheSizeOfTheReadAndNotConsumedByAnEmptyRead) {
-    expectWithCables("right", [](RawSocket& socket) {
-        sendFrom("left", "from the left");
-        EXPECT_EQ(makeFrame("from the left"), readFrameWith(socket, "from the left"));
-        sendFrom("left", "long " + std::string(500, 'x'));
-        sendFrom("left", "short");
-        EXPECT_EQ("long ", readText(socket, 19));
-        EXPECT_EQ("short", readText(socket)) << "the rest of the long frame is lost";
-        sendFrom("left", "hello");
-        ASSERT_TRUE(awaitEvents(socket.getSocketFd(), POLLIN));
-        unsigned int count = 99;
-        EXPECT_EQ(1, socket.read(nullptr, 0, count));
-        EXPECT_EQ(0U, count);
-        EXPECT_EQ("hello", readText(socket));
-        sendFrom("north", "elsewhere");
-        sendFrom("south", "elsewhere");
-        sendFrom("left", "here");
-        EXPECT_EQ("here", readText(socket));
-        sendFrom("north", "elsewhere");
-        sendFrom("left", "here again");
-        EXPECT_EQ("here again", readText(socket));
-    });
+VESK_TEST_WITH(
+    withSocketOf("right"), RawSocketFrames,
+    areThoseOfOneDeviceWholeOrCutToTheSizeOfTheReadAndNotConsumedByAnEmptyRead, (RawSocket & socket)) {
+    sendFrom("left", "from the left");
+    EXPECT_EQ(makeFrame("from the left"), readFrameWith(socket, "from the left"));
+    sendFrom("left", "long " + std::string(500, 'x'));
+    sendFrom("left", "short");
+    EXPECT_EQ("long ", readText(socket, 19));
+    EXPECT_EQ("short", readText(socket)) << "the rest of the long frame is lost";
+    sendFrom("left", "hello");
+    ASSERT_TRUE(awaitEvents(socket.getSocketFd(), POLLIN));
+    unsigned int count = 99;
+    EXPECT_EQ(1, socket.read(nullptr, 0, count));
+    EXPECT_EQ(0U, count);
+    EXPECT_EQ("hello", readText(socket));
+    sendFrom("north", "elsewhere");
+    sendFrom("south", "elsewhere");
+    sendFrom("left", "here");
+    EXPECT_EQ("here", readText(socket));
+    sendFrom("north", "elsewhere");
+    sendFrom("left", "here again");
+    EXPECT_EQ("here again", readText(socket));
 }
 
-TEST_F(RawSocketFrames, areThoseOfAllDevicesWithoutANameAndCannotBeSent) {
-    expectWithCables(nullptr, [](RawSocket& socket) {
-        sendFrom("left", "one");
-        sendFrom("north", "two");
-        sendFrom("lo", "three");
-        std::multiset<std::string> texts;
-        while (texts.count("three") < 2) {
-            texts.insert(readText(socket));
-        }
-        EXPECT_EQ((std::multiset<std::string>{"one", "one", "two", "two", "three", "three"}), texts)
-            << "each frame is seen when it is sent and when it is received";
-        EXPECT_TRUE(failsToWrite(socket, NOWHERE, makeFrame("to nowhere")));
-    });
+VESK_TEST_WITH(
+    withSocketOf(nullptr), RawSocketFrames, areThoseOfAllDevicesWithoutANameAndCannotBeSent,
+    (RawSocket & socket)) {
+    sendFrom("left", "one");
+    sendFrom("north", "two");
+    sendFrom("lo", "three");
+    std::multiset<std::string> texts;
+    while (texts.count("three") < 2) {
+        texts.insert(readText(socket));
+    }
+    EXPECT_EQ((std::multiset<std::string>{"one", "one", "two", "two", "three", "three"}), texts)
+        << "each frame is seen when it is sent and when it is received";
+    EXPECT_TRUE(failsToWrite(socket, NOWHERE, makeFrame("to nowhere")));
 }
 
-TEST_F(RawSocketFrames, areOfAllProtocols) {
-    expectWithCables("lo", [](RawSocket& raw) {
-        int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in binary{};
-        binary.sin_family = AF_INET;
-        binary.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        auto* const address = reinterpret_cast<sockaddr*>(&binary);
-        socklen_t length = sizeof binary;
-        ASSERT_EQ(0, bind(fd, address, length));
-        ASSERT_EQ(0, getsockname(fd, address, &length));
-        ASSERT_EQ(8, sendto(fd, "datagram", 8, 0, address, length));
-        std::string const frame = readFrameWith(raw, "datagram");
-        ASSERT_EQ(14U + 20U + 8U + 8U, frame.size()) << "Ethernet, IP, UDP and the text";
-        EXPECT_EQ(std::string("\x08\0", 2), frame.substr(12, 2));
-        close(fd);
-    });
+VESK_TEST_WITH(withSocketOf("lo"), RawSocketFrames, areOfAllProtocols, (RawSocket & raw)) {
+    int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in binary{};
+    binary.sin_family = AF_INET;
+    binary.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* const address = reinterpret_cast<sockaddr*>(&binary);
+    socklen_t length = sizeof binary;
+    ASSERT_EQ(0, bind(fd, address, length));
+    ASSERT_EQ(0, getsockname(fd, address, &length));
+    ASSERT_EQ(8, sendto(fd, "datagram", 8, 0, address, length));
+    std::string const frame = readFrameWith(raw, "datagram");
+    ASSERT_EQ(14U + 20U + 8U + 8U, frame.size()) << "Ethernet, IP, UDP and the text";
+    EXPECT_EQ(std::string("\x08\0", 2), frame.substr(12, 2));
+    close(fd);
 }
 
-TEST_F(RawSocketFrames, areSentToTheOtherEndButNotToTheSender) {
-    expectWithCables("left", [](RawSocket& left) {
-        PlainSocket right;
-        ASSERT_TRUE(opens(right, "right"));
-        EXPECT_TRUE(isWritten(left, makeFrame("question")));
-        EXPECT_EQ("question", readText(right));
-        EXPECT_TRUE(isWritten(right, makeFrame("answer")));
-        EXPECT_EQ("answer", readText(left));
-    });
+VESK_TEST_WITH(
+    withSocketOf("left"), RawSocketFrames, areSentToTheOtherEndButNotToTheSender, (RawSocket & left)) {
+    PlainSocket right;
+    ASSERT_TRUE(opens(right, "right"));
+    EXPECT_TRUE(isWritten(left, makeFrame("question")));
+    EXPECT_EQ("question", readText(right));
+    EXPECT_TRUE(isWritten(right, makeFrame("answer")));
+    EXPECT_EQ("answer", readText(left));
 }
 
-TEST_F(RawSocketFrames, areCollectedInTheBufferUntilAFlush) {
-    expectWithCables("south", [](RawSocket&) {
-        RawSocket left(true, 0, 2000);
-        RawSocket right(true, 2000, 0);
-        ASSERT_TRUE(opens(left, "left"));
-        ASSERT_TRUE(opens(right, "right"));
-        std::string const frame = makeFrame("in pieces");
-        EXPECT_TRUE(isWritten(left, frame.substr(0, 10)));
-        EXPECT_TRUE(isWritten(left, frame.substr(10)));
-        EXPECT_FALSE(left.flush(false));
-        std::string got;
-        while (got.find("in pieces") == std::string::npos) {
-            got += readFrameWith(right, "", 14);
-        }
-        EXPECT_FALSE(left.close());
-        EXPECT_FALSE(right.close());
-    });
+VESK_TEST_WITH(withSocketOf("south"), RawSocketFrames, areCollectedInTheBufferUntilAFlush, (RawSocket&)) {
+    RawSocket left(true, 0, 2000);
+    RawSocket right(true, 2000, 0);
+    ASSERT_TRUE(opens(left, "left"));
+    ASSERT_TRUE(opens(right, "right"));
+    std::string const frame = makeFrame("in pieces");
+    EXPECT_TRUE(isWritten(left, frame.substr(0, 10)));
+    EXPECT_TRUE(isWritten(left, frame.substr(10)));
+    EXPECT_FALSE(left.flush(false));
+    std::string got;
+    while (got.find("in pieces") == std::string::npos) {
+        got += readFrameWith(right, "", 14);
+    }
+    EXPECT_FALSE(left.close());
+    EXPECT_FALSE(right.close());
 }
 
-TEST_F(RawSocketFrames, thatAreTooLongOrHaveNoHeaderAreRefused) {
-    expectWithCables("left", [](RawSocket& socket) {
-        EXPECT_TRUE(failsToWrite(
-            socket, ErrnoRow(SocketErrorId::MESSAGE_TOO_BIG, EMSGSIZE, {StreamErrorId::TRANSFER_FAILED}),
-            makeFrame(std::string(2000, 'x'))));
-        EXPECT_TRUE(isWritten(socket, makeFrame("short")));
-        EXPECT_TRUE(
-            failsToWrite(socket, ErrnoRow(UNCLASSIFIED, EINVAL, {StreamErrorId::UNCLASSIFIED}), "tiny"));
-    });
+VESK_TEST_WITH(
+    withSocketOf("left"), RawSocketFrames, thatAreTooLongOrHaveNoHeaderAreRefused, (RawSocket & socket)) {
+    EXPECT_TRUE(failsToWrite(
+        socket, ErrnoRow(SocketErrorId::MESSAGE_TOO_BIG, EMSGSIZE, {StreamErrorId::TRANSFER_FAILED}),
+        makeFrame(std::string(2000, 'x'))));
+    EXPECT_TRUE(isWritten(socket, makeFrame("short")));
+    EXPECT_TRUE(failsToWrite(socket, ErrnoRow(UNCLASSIFIED, EINVAL, {StreamErrorId::UNCLASSIFIED}), "tiny"));
 }
 
 class RawSocketDevices : public RawSocketFrames {};
 
-TEST_F(RawSocketDevices, thatGoDownOrAreRemovedFailTransfersAndCanBeUsedWhenTheyAreUpAgain) {
-    expectWithCables("right", [](RawSocket& socket) {
-        ASSERT_TRUE(setDown("right"));
-        EXPECT_TRUE(failsToRead(socket, DOWN));
-        EXPECT_TRUE(failsToWrite(
-            socket, ErrnoRow(SocketErrorId::NETWORK_UNAVAILABLE, ENETDOWN, {StreamErrorId::UNUSABLE}),
-            makeFrame("in vain")));
+VESK_TEST_WITH(
+    withSocketOf("right"), RawSocketDevices,
+    thatGoDownOrAreRemovedFailTransfersAndCanBeUsedWhenTheyAreUpAgain, (RawSocket & socket)) {
+    ASSERT_TRUE(setDown("right"));
+    EXPECT_TRUE(failsToRead(socket, DOWN));
+    EXPECT_TRUE(failsToWrite(
+        socket, ErrnoRow(SocketErrorId::NETWORK_UNAVAILABLE, ENETDOWN, {StreamErrorId::UNUSABLE}),
+        makeFrame("in vain")));
 
-        ASSERT_TRUE(setUp("right"));
-        waitForCable("left", "right");
-        sendFrom("left", "up again");
-        EXPECT_EQ("up again", readText(socket));
-        ASSERT_TRUE(removeInterface("right"));
-        EXPECT_TRUE(failsToRead(socket, DOWN));
-        EXPECT_TRUE(failsToWrite(socket, NOWHERE, makeFrame("to nowhere")));
-    });
+    ASSERT_TRUE(setUp("right"));
+    waitForCable("left", "right");
+    sendFrom("left", "up again");
+    EXPECT_EQ("up again", readText(socket));
+    ASSERT_TRUE(removeInterface("right"));
+    EXPECT_TRUE(failsToRead(socket, DOWN));
+    EXPECT_TRUE(failsToWrite(socket, NOWHERE, makeFrame("to nowhere")));
 }
 
-TEST_F(RawSocketDevices, thatAreDownCanBeOpenedAndHaveNamesOfUpTo15LettersAndLongerNamesAreCut) {
-    expectInNetwork([] {
-        ASSERT_TRUE(makeInterface("fifteen-letters"));
-        for (char const* const name :
-             {"fifteen-letters", "fifteen-letters!", "fifteen-letters-and-more-than-forty-in-all"}) {
-            PlainSocket socket;
-            EXPECT_TRUE(opens(socket, name)) << name;
-            sockaddr_ll address{};
-            socklen_t length = sizeof address;
-            EXPECT_EQ(0, getsockname(socket.getSocketFd(), reinterpret_cast<sockaddr*>(&address), &length));
-            EXPECT_EQ(static_cast<int>(if_nametoindex("fifteen-letters")), address.sll_ifindex);
-            EXPECT_EQ(htons(ETH_P_ALL), address.sll_protocol);
-        }
-        RawSocket other(true, 0, 0);
-        EXPECT_TRUE(other.open("fifteen-letter")) << "a shorter name is another one";
-        EXPECT_TRUE(causeIs(SysErrorId::NO_DEVICE, ENODEV));
-        ASSERT_TRUE(makePair("left", "right"));
-        PlainSocket down;
-        EXPECT_TRUE(opens(down, "right"));
-        EXPECT_TRUE(failsToRead(down, DOWN));
-    });
+VESK_TEST_WITH(
+    expectInNetwork, RawSocketDevices, thatAreDownCanBeOpenedAndHaveNamesOfUpTo15LettersAndLongerNamesAreCut,
+    ()) {
+    ASSERT_TRUE(makeInterface("fifteen-letters"));
+    for (char const* const name :
+         {"fifteen-letters", "fifteen-letters!", "fifteen-letters-and-more-than-forty-in-all"}) {
+        PlainSocket socket;
+        EXPECT_TRUE(opens(socket, name)) << name;
+        sockaddr_ll address{};
+        socklen_t length = sizeof address;
+        EXPECT_EQ(0, getsockname(socket.getSocketFd(), reinterpret_cast<sockaddr*>(&address), &length));
+        EXPECT_EQ(static_cast<int>(if_nametoindex("fifteen-letters")), address.sll_ifindex);
+        EXPECT_EQ(htons(ETH_P_ALL), address.sll_protocol);
+    }
+    RawSocket other(true, 0, 0);
+    EXPECT_TRUE(other.open("fifteen-letter")) << "a shorter name is another one";
+    EXPECT_TRUE(causeIs(SysErrorId::NO_DEVICE, ENODEV));
+    ASSERT_TRUE(makePair("left", "right"));
+    PlainSocket down;
+    EXPECT_TRUE(opens(down, "right"));
+    EXPECT_TRUE(failsToRead(down, DOWN));
 }
 
-TEST_F(RawSocketDevices, canBeReadByManySockets) {
-    expectWithCables("right", [](RawSocket& first) {
-        PlainSocket second;
-        PlainSocket all;
-        ASSERT_TRUE(opens(second, "right"));
-        ASSERT_TRUE(opens(all, nullptr));
-        sendFrom("left", "to all");
-        for (RawSocket* const socket :
-             {&first, static_cast<RawSocket*>(&second), static_cast<RawSocket*>(&all)}) {
-            EXPECT_EQ("to all", readText(*socket));
-        }
-    });
+VESK_TEST_WITH(withSocketOf("right"), RawSocketDevices, canBeReadByManySockets, (RawSocket & first)) {
+    PlainSocket second;
+    PlainSocket all;
+    ASSERT_TRUE(opens(second, "right"));
+    ASSERT_TRUE(opens(all, nullptr));
+    sendFrom("left", "to all");
+    for (RawSocket* const socket :
+         {&first, static_cast<RawSocket*>(&second), static_cast<RawSocket*>(&all)}) {
+        EXPECT_EQ("to all", readText(*socket));
+    }
 }
 
 } // namespace

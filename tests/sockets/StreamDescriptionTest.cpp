@@ -186,9 +186,9 @@ void expectWarnings(int error) {
     EXPECT_TRUE(isAtEnd(*waiting.client));
 }
 
-VESK_ROW_SUITE(StreamDescriptionCloseRows, CLIENTS, errnoRows({{{EIO, EBADF, ENOSPC, EAGAIN}, {}}}));
-
-TEST_P(StreamDescriptionCloseRows, areRepeatedUntilTheCloseSucceedsWithAWarningEachTime) {
+VESK_TEST_KIND_ROWS(
+    StreamDescriptionCloseRows, areRepeatedUntilTheCloseSucceedsWithAWarningEachTime, CLIENTS,
+    errnoRows({{{EIO, EBADF, ENOSPC, EAGAIN}, {}}})) {
     isTcp(m_transport) ? expectWarnings<Tcp>(m_row.error) : expectWarnings<Unix>(m_row.error);
 }
 
@@ -282,9 +282,8 @@ void expectOneClose(ErrnoRow const& row, bool adopts) {
     }
 }
 
-VESK_ROW_SUITE(StreamDescriptionFlagRows, CLIENTS, FLAG_ROWS);
-
-TEST_P(StreamDescriptionFlagRows, leaveTheDescriptionValidForOneCloseOrForAnotherSocket) {
+VESK_TEST_KIND_ROWS(
+    StreamDescriptionFlagRows, leaveTheDescriptionValidForOneCloseOrForAnotherSocket, CLIENTS, FLAG_ROWS) {
     for (bool const adopts : {false, true}) {
         isTcp(m_transport) ? expectOneClose<Tcp>(m_row, adopts) : expectOneClose<Unix>(m_row, adopts);
     }
@@ -311,13 +310,16 @@ TYPED_TEST(StreamDescription, isAdoptedByOneOfManyThreadsWithTheBuffersOfTheSock
     }
     std::atomic<size_t> next{0};
     runInThreads(5, [&](int thread) {
-        for (size_t i = 0; thread == 0 && i < clients.size(); ++i) {
-            std::string const request = std::to_string(100000 + i);
-            writeTo(*clients[i], request);
-            EXPECT_EQ("<" + request + ">", readFrom(*clients[i], 8));
-            EXPECT_TRUE(isAtEnd(*clients[i]));
+        if (thread == 0) {
+            for (size_t i = 0; i < clients.size(); ++i) {
+                std::string const request = std::to_string(100000 + i);
+                writeTo(*clients[i], request);
+                EXPECT_EQ("<" + request + ">", readFrom(*clients[i], 8));
+                EXPECT_TRUE(isAtEnd(*clients[i]));
+            }
+            return;
         }
-        for (size_t i = next++; thread != 0 && i < waiting.size(); i = next++) {
+        for (size_t i = next++; i < waiting.size(); i = next++) {
             auto const taken = std::move(waiting[i]);
             typename TestFixture::Adopting server(true, 64, 32, taken);
             EXPECT_FALSE(taken.valid);

@@ -40,16 +40,6 @@ namespace CommonErrorId = std::CommonErrorId;
 
 // ---- Tables of errors ----
 
-/// A report with the name of its cause.
-struct NamedRow {
-    std::string name;
-    ErrnoRow row;
-};
-
-inline void PrintTo(NamedRow const& named, std::ostream* out) {
-    *out << named.name;
-}
-
 inline std::vector<ErrnoRow> const FLAG_ROWS =
     errnoRows({{{EBADF, EACCES, EAGAIN, EINTR, EINVAL, EPERM}, {SysErrorId::UNCLASSIFIED}}});
 inline std::vector<ErrnoRow> const LISTEN_ROWS = errnoRows({
@@ -152,11 +142,6 @@ inline std::string getName(Socket::State state) {
 inline std::string getName(Injected* call) {
     return call == &inject_getfl ? "F_GETFL" : call == &inject_setfl ? "F_SETFL" : "SO_REUSEADDR";
 }
-inline std::string getName(NamedRow const& named) {
-    std::string name = named.name;
-    std::replace(name.begin(), name.end(), '/', '_');
-    return name;
-}
 template <typename First, typename Second>
 std::string getName(std::tuple<First, Second> const& both) {
     return getName(std::get<0>(both)) + "_" + getName(std::get<1>(both));
@@ -212,11 +197,12 @@ protected:
     Place const m_place{m_transport};
 };
 
-/// Declares a suite for the rows of a table.
-#define VESK_ROW_SUITE(suite, kinds, ...)                                                                    \
+/// Starts the test of a suite that runs once for each kind and row.
+#define VESK_TEST_KIND_ROWS(suite, name, kinds, ...)                                                         \
     class suite : public support::KindRow {};                                                                \
     INSTANTIATE_TEST_SUITE_P(                                                                                \
-        rows, suite, testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(__VA_ARGS__)), byName)
+        rows, suite, testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(__VA_ARGS__)), byName);    \
+    TEST_P(suite, name)
 
 inline std::string pathAddress(std::string const& path) {
     sa_family_t const family = AF_UNIX;

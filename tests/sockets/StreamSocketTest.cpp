@@ -137,9 +137,7 @@ TEST_P(StreamSocketBuffer, withoutMemoryMakesTheSocketInvalidWithoutADescriptor)
     EXPECT_EQ(0, sockets.getCalls());
 }
 
-VESK_ROW_SUITE(StreamSocketCreationRows, CLASSES, createRows());
-
-TEST_P(StreamSocketCreationRows, failureMakesTheSocketInvalid) {
+VESK_TEST_KIND_ROWS(StreamSocketCreationRows, failureMakesTheSocketInvalid, CLASSES, createRows()) {
     Fault const fault(inject_socket, m_row.error);
     Fault const closes(inject_close, 0);
     SocketPtr const socket = make(m_kind, false, true);
@@ -163,18 +161,15 @@ void expectCauseToSurviveClose(Kind kind, Injected& call, ErrnoRow const& row) {
     EXPECT_EQ(descriptors, countDescriptors());
 }
 
-VESK_ROW_SUITE(StreamSocketFlagRows, CLASSES, FLAG_ROWS);
-
-TEST_P(StreamSocketFlagRows, failureToReadOrToSetTheFlagsMakesTheSocketInvalid) {
+VESK_TEST_KIND_ROWS(
+    StreamSocketFlagRows, failureToReadOrToSetTheFlagsMakesTheSocketInvalid, CLASSES, FLAG_ROWS) {
     expectCauseToSurviveClose(m_kind, inject_getfl, m_row);
     Fault const options(inject_setsockopt, 0);
     expectCauseToSurviveClose(m_kind, inject_setfl, m_row);
     EXPECT_EQ(0, options.getCalls()) << "the reuse of addresses is not set any more";
 }
 
-VESK_ROW_SUITE(StreamSocketReuseRows, TCP_CLASSES, setOptionRows());
-
-TEST_P(StreamSocketReuseRows, failureMakesTheSocketInvalid) {
+VESK_TEST_KIND_ROWS(StreamSocketReuseRows, failureMakesTheSocketInvalid, TCP_CLASSES, setOptionRows()) {
     expectCauseToSurviveClose(m_kind, inject_setsockopt, m_row);
 }
 
@@ -249,21 +244,11 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Combine(testing::ValuesIn(KINDS), testing::Values(Socket::INACTIVE, Socket::OPEN, Socket::DEAD)),
     byName);
 
-bool isClient(Kind kind) {
-    return !kind.is_server;
-}
-bool isServer(Kind kind) {
-    return kind.is_server;
-}
-bool isStreamClient(Kind kind) {
-    return isClient(kind) && !isUdp(kind.transport);
-}
-bool isTcpClient(Kind kind) {
-    return isClient(kind) && isTcp(kind.transport);
-}
-bool isUdpSocket(Kind kind) {
-    return isUdp(kind.transport);
-}
+constexpr auto isClient = [](Kind kind) { return !kind.is_server; };
+constexpr auto isServer = [](Kind kind) { return kind.is_server; };
+constexpr auto isStreamClient = [](Kind kind) { return !kind.is_server && !isUdp(kind.transport); };
+constexpr auto isTcpClient = [](Kind kind) { return !kind.is_server && isTcp(kind.transport); };
+constexpr auto isUdpSocket = [](Kind kind) { return isUdp(kind.transport); };
 
 Reports refusal(std::string const& operation) {
     return {misuse(operation + " is invalid"), StreamErrorId::NOT_SUPPORTED};
@@ -478,9 +463,7 @@ TEST_P(StreamSocketClass, thatTheDestructorCannotCloseIsABrokenInvariant) {
     }
 }
 
-VESK_ROW_SUITE(StreamSocketCloseRows, CLASSES, CLOSE_ROWS);
-
-TEST_P(StreamSocketCloseRows, failureIsReportedAndTheSocketIsDead) {
+VESK_TEST_KIND_ROWS(StreamSocketCloseRows, failureIsReportedAndTheSocketIsDead, CLASSES, CLOSE_ROWS) {
     Listener const listener(m_kind.transport);
     Place const own(m_kind.transport);
     SocketPtr const socket = m_kind.is_server ? makeServer(own) : listener.makeClient({true, 0, 0, own.name});
@@ -526,9 +509,9 @@ TEST_P(StreamSocket, thatWasRefusedMayTryAgain) {
     EXPECT_TRUE(connects(*client));
 }
 
-VESK_ROW_SUITE(StreamSocketBindRows, CLIENTS, bindRows());
-
-TEST_P(StreamSocketBindRows, failureLeavesTheSocketInactiveExceptATcpClientThatIsBoundAlready) {
+VESK_TEST_KIND_ROWS(
+    StreamSocketBindRows, failureLeavesTheSocketInactiveExceptATcpClientThatIsBoundAlready, CLIENTS,
+    bindRows()) {
     Listener const listener(m_transport);
     SocketPtr const client = listener.makeClient({true, 0, 0, m_place.name});
     int const descriptors = countDescriptors();
@@ -551,9 +534,9 @@ TEST_P(StreamSocketBindRows, failureLeavesTheSocketInactiveExceptATcpClientThatI
 }
 
 std::vector<ErrnoRow> const CONNECT_ROWS = connectRows();
-VESK_ROW_SUITE(StreamSocketConnectRows, CLIENTS, std::vector(CONNECT_ROWS.begin() + 2, CONNECT_ROWS.end()));
-
-TEST_P(StreamSocketConnectRows, failureLeavesTheSocketInactive) {
+VESK_TEST_KIND_ROWS(
+    StreamSocketConnectRows, failureLeavesTheSocketInactive, CLIENTS,
+    std::vector(CONNECT_ROWS.begin() + 2, CONNECT_ROWS.end())) {
     Listener const listener(m_transport);
     SocketPtr const client = listener.makeClient({true, 0, 0, m_place.name});
     int const descriptors = countDescriptors();
@@ -575,10 +558,9 @@ TEST_P(StreamSocketConnectRows, failureLeavesTheSocketInactive) {
     EXPECT_FALSE(isSocketFile(m_place.name));
 }
 
-VESK_ROW_SUITE(
-    StreamSocketUnderWayRows, CLIENTS, std::vector(CONNECT_ROWS.begin(), CONNECT_ROWS.begin() + 2));
-
-TEST_P(StreamSocketUnderWayRows, makeTheSocketOpenWithoutAnError) {
+VESK_TEST_KIND_ROWS(
+    StreamSocketUnderWayRows, makeTheSocketOpenWithoutAnError, CLIENTS,
+    std::vector(CONNECT_ROWS.begin(), CONNECT_ROWS.begin() + 2)) {
     Listener const listener(m_transport);
     SocketPtr const client = listener.makeClient();
     Fault const fault(inject_connect, m_row.error);
@@ -621,9 +603,7 @@ TEST_P(StreamSocket, closedWithAShutdownEndsTheConnectionForOtherDescriptors) {
     }
 }
 
-VESK_ROW_SUITE(StreamSocketShutdownRows, CLIENTS, shutdownRows());
-
-TEST_P(StreamSocketShutdownRows, failureDoesNotStopTheClose) {
+VESK_TEST_KIND_ROWS(StreamSocketShutdownRows, failureDoesNotStopTheClose, CLIENTS, shutdownRows()) {
     Connection const connection(m_transport);
     int const descriptors = countDescriptors();
     Fault const fault(inject_shutdown, m_row.error);
@@ -790,17 +770,14 @@ void expectFailureToClose(Transport transport, Injected& call, ErrnoRow const& r
     }
 }
 
-VESK_ROW_SUITE(StreamServerSocketBindRows, SERVERS, bindRows());
-
-TEST_P(StreamServerSocketBindRows, failureClosesTheServerAndRemovesNoFile) {
+VESK_TEST_KIND_ROWS(StreamServerSocketBindRows, failureClosesTheServerAndRemovesNoFile, SERVERS, bindRows()) {
     Fault const listens(inject_listen, 0);
     expectFailureToClose(m_transport, inject_bind, m_row, 0);
     EXPECT_EQ(0, listens.getCalls());
 }
 
-VESK_ROW_SUITE(StreamServerSocketListenRows, SERVERS, LISTEN_ROWS);
-
-TEST_P(StreamServerSocketListenRows, failureClosesTheServerAndRemovesItsFile) {
+VESK_TEST_KIND_ROWS(
+    StreamServerSocketListenRows, failureClosesTheServerAndRemovesItsFile, SERVERS, LISTEN_ROWS) {
     expectFailureToClose(m_transport, inject_listen, m_row, isTcp(m_transport) ? 0 : 1);
 }
 
@@ -861,9 +838,8 @@ TEST_P(StreamServerSocket, waitsForAConnectionOrWithoutBlockingAcceptsNothing) {
     EXPECT_TRUE(succeeded(*free, Socket::OPEN));
 }
 
-VESK_ROW_SUITE(StreamServerSocketAcceptRows, SERVERS, ACCEPT_ROWS);
-
-TEST_P(StreamServerSocketAcceptRows, failureAcceptsNothingAndKeepsTheServerOpen) {
+VESK_TEST_KIND_ROWS(
+    StreamServerSocketAcceptRows, failureAcceptsNothingAndKeepsTheServerOpen, SERVERS, ACCEPT_ROWS) {
     Waiting const waiting(m_transport);
     Listener const& listener = waiting.listener;
     int const descriptors = countDescriptors();

@@ -1,6 +1,7 @@
 #include "Cable.h"
 #include "UDPSupport.h"
 #include "support/Processes.h"
+#include "support/TestBy.h"
 
 #include <arpa/inet.h>
 #include <fstream>
@@ -128,36 +129,33 @@ TEST_P(UDPVersions, datagramsPassBetweenNetworksAlsoWithTheScopeOfLinkLocalAddre
     });
 }
 
-TEST_F(UDPNetwork, writingFailsWhileTheInterfaceIsDown) {
-    expectWithCable([](Cable const& cable) {
-        OpenedUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
-        ASSERT_TRUE(setDown("left"));
-        EXPECT_TRUE(failsToWrite(
-            left, ErrnoRow(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, {StreamErrorId::UNUSABLE})));
-        ASSERT_TRUE(setUp("left"));
-        ASSERT_TRUE(cable.enterRight());
-        OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        expectDelivered(left, right, "back");
-    });
+VESK_TEST_WITH(expectWithCable, UDPNetwork, writingFailsWhileTheInterfaceIsDown, (Cable const& cable)) {
+    OpenedUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
+    ASSERT_TRUE(setDown("left"));
+    EXPECT_TRUE(failsToWrite(
+        left, ErrnoRow(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, {StreamErrorId::UNUSABLE})));
+    ASSERT_TRUE(setUp("left"));
+    ASSERT_TRUE(cable.enterRight());
+    OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
+    expectDelivered(left, right, "back");
 }
 
-TEST_F(UDPNetwork, broadcastReachesTheOtherEndOnlyWithThePermission) {
-    expectWithCable([](Cable const& cable) {
-        EventRecorder const events;
-        OpenUDPSocket left({"", 0}, {"10.0.0.255", 5002});
-        left.open();
-        EXPECT_EQ(WARNING, events.getText());
-        EXPECT_FALSE(left.hadError());
-        EXPECT_TRUE(causeIs(SysErrorId::PERMISSION_DENIED, EACCES));
-        EXPECT_EQ(Socket::OPEN, left.getState());
-        OpenUDPSocket allowed({"", 5001}, {"10.0.0.255", 5002});
-        allowed.setBroadcast(true);
-        ASSERT_TRUE(opens(allowed));
-        EXPECT_EQ(WARNING, events.getText());
-        ASSERT_TRUE(cable.enterRight());
-        OpenedUDPSocket right({"10.0.0.255", 5002}, {"10.0.0.1", 5001});
-        expectDelivered(allowed, right, "to all");
-    });
+VESK_TEST_WITH(
+    expectWithCable, UDPNetwork, broadcastReachesTheOtherEndOnlyWithThePermission, (Cable const& cable)) {
+    EventRecorder const events;
+    OpenUDPSocket left({"", 0}, {"10.0.0.255", 5002});
+    left.open();
+    EXPECT_EQ(WARNING, events.getText());
+    EXPECT_FALSE(left.hadError());
+    EXPECT_TRUE(causeIs(SysErrorId::PERMISSION_DENIED, EACCES));
+    EXPECT_EQ(Socket::OPEN, left.getState());
+    OpenUDPSocket allowed({"", 5001}, {"10.0.0.255", 5002});
+    allowed.setBroadcast(true);
+    ASSERT_TRUE(opens(allowed));
+    EXPECT_EQ(WARNING, events.getText());
+    ASSERT_TRUE(cable.enterRight());
+    OpenedUDPSocket right({"10.0.0.255", 5002}, {"10.0.0.1", 5001});
+    expectDelivered(allowed, right, "to all");
 }
 
 TEST_F(UDPNetwork, datagramOfTheReportedLargestSizePasses) {
@@ -233,44 +231,42 @@ bool isJoined(std::string const& interface, char const* group) {
     return false;
 }
 
-TEST_F(UDPMulticast, everyMemberOfAGroupReceivesUnlessItHasTheAddressOfAnInterface) {
-    expectWithCable([](Cable const&) {
-        OpenedUDPSocket first({"", 5000}, {GROUP, 5000});
-        OpenedUDPSocket second({"", 5000}, {GROUP, 5000});
-        OpenedUDPSocket sender({"10.0.0.1", 0}, {GROUP, 5000});
-        expectDelivered(sender, first, "to all");
-        EXPECT_EQ("to all", receive(second));
-        expectDelivered(first, first, "also to itself");
-        EXPECT_EQ("also to itself", receive(second));
-        OpenedUDPSocket bound({"10.0.0.1", 5000}, {GROUP, 5000});
-        OpenedUDPSocket member({"", 5000}, {GROUP, 5000});
-        OpenedUDPSocket direct({"", 5001}, {"10.0.0.1", 5000});
-        expectDelivered(bound, member, "to the group");
-        expectDelivered(direct, bound, "directly");
-    });
+VESK_TEST_WITH(
+    expectWithCable, UDPMulticast, everyMemberOfAGroupReceivesUnlessItHasTheAddressOfAnInterface,
+    (Cable const&)) {
+    OpenedUDPSocket first({"", 5000}, {GROUP, 5000});
+    OpenedUDPSocket second({"", 5000}, {GROUP, 5000});
+    OpenedUDPSocket sender({"10.0.0.1", 0}, {GROUP, 5000});
+    expectDelivered(sender, first, "to all");
+    EXPECT_EQ("to all", receive(second));
+    expectDelivered(first, first, "also to itself");
+    EXPECT_EQ("also to itself", receive(second));
+    OpenedUDPSocket bound({"10.0.0.1", 5000}, {GROUP, 5000});
+    OpenedUDPSocket member({"", 5000}, {GROUP, 5000});
+    OpenedUDPSocket direct({"", 5001}, {"10.0.0.1", 5000});
+    expectDelivered(bound, member, "to the group");
+    expectDelivered(direct, bound, "directly");
 }
 
-TEST_F(UDPMulticast, localAddressSelectsTheInterface) {
-    expectWithCable([](Cable const&) {
-        ASSERT_TRUE(makePair("one", "two"));
-        ASSERT_TRUE(addAddress("one", "10.1.0.1/24"));
-        ASSERT_TRUE(setUp("one"));
-        ASSERT_TRUE(setUp("two"));
+VESK_TEST_WITH(expectWithCable, UDPMulticast, localAddressSelectsTheInterface, (Cable const&)) {
+    ASSERT_TRUE(makePair("one", "two"));
+    ASSERT_TRUE(addAddress("one", "10.1.0.1/24"));
+    ASSERT_TRUE(setUp("one"));
+    ASSERT_TRUE(setUp("two"));
 
-        OpenedUDPSocket by_route({"", 5000}, {GROUP, 5000});
-        EXPECT_TRUE(isJoined("left", GROUP));
-        EXPECT_FALSE(isJoined("one", GROUP));
-        EXPECT_FALSE(by_route.close(false));
-        EXPECT_FALSE(isJoined("left", GROUP)) << "the system leaves the group";
+    OpenedUDPSocket by_route({"", 5000}, {GROUP, 5000});
+    EXPECT_TRUE(isJoined("left", GROUP));
+    EXPECT_FALSE(isJoined("one", GROUP));
+    EXPECT_FALSE(by_route.close(false));
+    EXPECT_FALSE(isJoined("left", GROUP)) << "the system leaves the group";
 
-        OpenedUDPSocket by_address({"10.1.0.1", 5000}, {GROUP, 5000});
-        EXPECT_TRUE(isJoined("one", GROUP));
-        EXPECT_FALSE(isJoined("left", GROUP));
-        in_addr selected{};
-        socklen_t length = sizeof selected;
-        EXPECT_EQ(0, getsockopt(by_address.getSocketFd(), IPPROTO_IP, IP_MULTICAST_IF, &selected, &length));
-        EXPECT_EQ(inet_addr("10.1.0.1"), selected.s_addr);
-    });
+    OpenedUDPSocket by_address({"10.1.0.1", 5000}, {GROUP, 5000});
+    EXPECT_TRUE(isJoined("one", GROUP));
+    EXPECT_FALSE(isJoined("left", GROUP));
+    in_addr selected{};
+    socklen_t length = sizeof selected;
+    EXPECT_EQ(0, getsockopt(by_address.getSocketFd(), IPPROTO_IP, IP_MULTICAST_IF, &selected, &length));
+    EXPECT_EQ(inet_addr("10.1.0.1"), selected.s_addr);
 }
 
 TEST_F(UDPMulticast, scopeOfTheLocalAddressSelectsTheInterface) {
@@ -299,18 +295,16 @@ TEST_F(UDPMulticast, scopeOfTheLocalAddressSelectsTheInterface) {
     });
 }
 
-TEST_F(UDPMulticast, groupCannotBeJoinedWithoutARouteToIt) {
-    expectInNetwork([] {
-        EventRecorder const events;
-        {
-            UDPSocket socket(true, 0, 0, {"", 5000}, {GROUP, 5000}, IPSocket::IPV4);
-            EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE, ErrnoRow(SysErrorId::UNCLASSIFIED, ENODEV)));
-            unsigned int written = 77;
-            EXPECT_EQ(-1, socket.write("x", 1, written));
-            EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN, StreamErrorId::UNUSABLE}));
-        }
-        EXPECT_EQ("", events.getText());
-    });
+VESK_TEST_WITH(expectInNetwork, UDPMulticast, groupCannotBeJoinedWithoutARouteToIt, ()) {
+    EventRecorder const events;
+    {
+        UDPSocket socket(true, 0, 0, {"", 5000}, {GROUP, 5000}, IPSocket::IPV4);
+        EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE, ErrnoRow(SysErrorId::UNCLASSIFIED, ENODEV)));
+        unsigned int written = 77;
+        EXPECT_EQ(-1, socket.write("x", 1, written));
+        EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN, StreamErrorId::UNUSABLE}));
+    }
+    EXPECT_EQ("", events.getText());
 }
 
 TEST_F(UDPMulticast, groupOfIPv6CannotBeJoinedOnAnInterfaceThatDoesNotExist) {
@@ -321,50 +315,46 @@ TEST_F(UDPMulticast, groupOfIPv6CannotBeJoinedOnAnInterfaceThatDoesNotExist) {
     });
 }
 
-TEST_F(UDPMulticast, unlistedErrorNumberMakesOnlyTheReportOfTheStreamAndWritingFailsWithoutTheNetwork) {
-    expectWithCable([](Cable const&) {
-        OpenedUDPSocket socket({"10.0.0.1", 5000}, {GROUP, 0});
-        EXPECT_TRUE(failsToWrite(socket, {StreamErrorId::UNCLASSIFIED})) << "port 0 is not a destination";
-        OpenedUDPSocket cut_off({"10.0.0.1", 5000}, {GROUP, 5000});
-        ASSERT_TRUE(removeAddress("left", "10.0.0.1/24"));
-        ASSERT_TRUE(setDown("left"));
-        EXPECT_TRUE(failsToWrite(
-            cut_off, ErrnoRow(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, {StreamErrorId::UNUSABLE})));
-    });
+VESK_TEST_WITH(
+    expectWithCable, UDPMulticast,
+    unlistedErrorNumberMakesOnlyTheReportOfTheStreamAndWritingFailsWithoutTheNetwork, (Cable const&)) {
+    OpenedUDPSocket socket({"10.0.0.1", 5000}, {GROUP, 0});
+    EXPECT_TRUE(failsToWrite(socket, {StreamErrorId::UNCLASSIFIED})) << "port 0 is not a destination";
+    OpenedUDPSocket cut_off({"10.0.0.1", 5000}, {GROUP, 5000});
+    ASSERT_TRUE(removeAddress("left", "10.0.0.1/24"));
+    ASSERT_TRUE(setDown("left"));
+    EXPECT_TRUE(failsToWrite(
+        cut_off, ErrnoRow(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, {StreamErrorId::UNUSABLE})));
 }
 
-TEST_F(UDPMulticast, streamBuffersAndTruncatesAsWithOnePeer) {
-    expectWithCable([](Cable const&) {
-        UDPSocket sender(true, 0, 16, {"10.0.0.1", 0}, {GROUP, 5000}, IPSocket::IPV4);
-        OpenedUDPSocket receiver({"", 5000}, {GROUP, 5000}, IPSocket::IPV4, false);
-        ASSERT_TRUE(opens(sender));
-        char block[8];
-        unsigned int count = 77;
-        EXPECT_EQ(1, receiver.read(block, sizeof block, count)) << "nothing has arrived";
-        EXPECT_EQ(0U, count);
-        EXPECT_TRUE(isWritten(sender, "abc"));
-        EXPECT_TRUE(isWritten(sender, "def"));
-        EXPECT_FALSE(sender.flush(false));
-        EXPECT_TRUE(isWritten(sender, "last"));
-        EXPECT_FALSE(sender.close(false));
-        EXPECT_EQ("abcd", receive(receiver, 4));
-        EXPECT_EQ("last", receive(receiver, 4));
-    });
+VESK_TEST_WITH(expectWithCable, UDPMulticast, streamBuffersAndTruncatesAsWithOnePeer, (Cable const&)) {
+    UDPSocket sender(true, 0, 16, {"10.0.0.1", 0}, {GROUP, 5000}, IPSocket::IPV4);
+    OpenedUDPSocket receiver({"", 5000}, {GROUP, 5000}, IPSocket::IPV4, false);
+    ASSERT_TRUE(opens(sender));
+    char block[8];
+    unsigned int count = 77;
+    EXPECT_EQ(1, receiver.read(block, sizeof block, count)) << "nothing has arrived";
+    EXPECT_EQ(0U, count);
+    EXPECT_TRUE(isWritten(sender, "abc"));
+    EXPECT_TRUE(isWritten(sender, "def"));
+    EXPECT_FALSE(sender.flush(false));
+    EXPECT_TRUE(isWritten(sender, "last"));
+    EXPECT_FALSE(sender.close(false));
+    EXPECT_EQ("abcd", receive(receiver, 4));
+    EXPECT_EQ("last", receive(receiver, 4));
 }
 
 // ---- groups, two networks ----
 
-TEST_F(UDPMulticast, datagramsToAGroupReachAnotherNetwork) {
-    expectWithCable([](Cable const& cable) {
-        OpenedUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
-        OpenedUDPSocket left_member({"", 5000}, {GROUP, 5000});
-        ASSERT_TRUE(cable.enterRight());
-        OpenedUDPSocket right({"", 5000}, {GROUP, 5000});
-        EXPECT_TRUE(isJoined("right", GROUP));
-        expectDelivered(left, right, "from the left");
-        EXPECT_EQ("from the left", receive(left_member));
-        expectDelivered(right, left_member, "from the right");
-    });
+VESK_TEST_WITH(expectWithCable, UDPMulticast, datagramsToAGroupReachAnotherNetwork, (Cable const& cable)) {
+    OpenedUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
+    OpenedUDPSocket left_member({"", 5000}, {GROUP, 5000});
+    ASSERT_TRUE(cable.enterRight());
+    OpenedUDPSocket right({"", 5000}, {GROUP, 5000});
+    EXPECT_TRUE(isJoined("right", GROUP));
+    expectDelivered(left, right, "from the left");
+    EXPECT_EQ("from the left", receive(left_member));
+    expectDelivered(right, left_member, "from the right");
 }
 
 /// The local address of the receiver; "#" stands for the index of its interface.
