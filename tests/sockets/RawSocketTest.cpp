@@ -1,14 +1,13 @@
 #include "SocketRows.h"
 #include "support/Descriptors.h"
-#include "support/InjectNoting.h"
 #include "support/NetworkNamespace.h"
 #include "support/NewFault.h"
 #include "support/TestBy.h"
+#include "support/calls/UDPCalls.h"
 
 #include <vesk/RawSocket.h>
 
 #include <arpa/inet.h>
-#include <array>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <memory>
@@ -22,24 +21,10 @@
 
 namespace {
 
-/// The arguments of the last calls.
-struct RawCalls {
-    std::array<int, 3> socket; ///< Domain, type and protocol.
-    std::string device;        ///< All 16 bytes of the name in the SIOCGIFINDEX request.
-    std::string bound;         ///< The address of the bind.
-};
-
-RawCalls s_raw_calls;
+/// All 16 bytes of the name in the last SIOCGIFINDEX request.
+std::string s_device;
 
 } // namespace
-
-VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
-VESK_INJECT_NOTING(
-    int, -1, socket, (int domain, int type, int protocol), (domain, type, protocol),
-    s_raw_calls.socket = {domain, type, protocol})
-VESK_INJECT_NOTING(
-    int, -1, bind, (int fd, sockaddr const* address, socklen_t length), (fd, address, length),
-    s_raw_calls.bound.assign(reinterpret_cast<char const*>(address), length))
 
 support::Injected inject_ioctl("ioctl");
 extern "C" VESK_UNWATCHED int ioctl(int fd, unsigned long request, ...) {
@@ -48,7 +33,7 @@ extern "C" VESK_UNWATCHED int ioctl(int fd, unsigned long request, ...) {
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
     if (request == SIOCGIFINDEX) {
-        s_raw_calls.device.assign(static_cast<ifreq*>(argument)->ifr_name, IFNAMSIZ);
+        s_device.assign(static_cast<ifreq*>(argument)->ifr_name, IFNAMSIZ);
         if (inject_ioctl.fails()) {
             return -1;
         }
@@ -144,22 +129,20 @@ TEST(RawSocket, thatIsInvalidCannotBeOpened) {
 TEST(RawSocket, isNotBoundForAllDevicesOrBoundToTheIndexOfItsDevice) {
     VESK_SKIP_WITHOUT_PACKETS();
     PlainSocket socket;
-    Fault const binds(inject_bind, 0);
+    CallRecorder calls;
     Fault const queries(inject_ioctl, 0);
     EXPECT_TRUE(opens(socket, nullptr));
-    EXPECT_EQ((std::array<int, 3>{AF_PACKET, SOCK_RAW, 768}), s_raw_calls.socket);
-    EXPECT_EQ(0, binds.getCalls());
+    EXPECT_EQ("socket(other, 3, 768)\n", calls.getText());
     EXPECT_EQ(0, queries.getCalls());
     PlainSocket bound;
     EXPECT_TRUE(opens(bound, "lo"));
-    EXPECT_EQ(std::string("lo") + std::string(14, '\0'), s_raw_calls.device);
-    sockaddr_ll address{};
-    ASSERT_EQ(20U, s_raw_calls.bound.size());
-    memcpy(&address, s_raw_calls.bound.data(), sizeof address);
-    EXPECT_EQ(17, address.sll_family);
-    EXPECT_EQ(std::string("\0\3", 2), s_raw_calls.bound.substr(2, 2));
-    EXPECT_EQ(static_cast<int>(if_nametoindex("lo")), address.sll_ifindex);
-    EXPECT_EQ(std::string(12, '\0'), s_raw_calls.bound.substr(8));
+    EXPECT_EQ(std::string("lo") + std::string(14, '\0'), s_device);
+    // The family 17, the protocol 3 and the index, then zeros.
+    unsigned int const index = if_nametoindex("lo");
+    EXPECT_EQ(
+        "socket(other, 3, 768)\nbind(s, 11000003" + CallRecorder::toHex(&index, sizeof index) +
+            std::string(24, '0') + ")\n",
+        calls.getText());
 }
 
 TEST(RawSocket, descriptorBlocksAndStaysOpenAcrossExec) {
@@ -257,7 +240,7 @@ TEST_P(RawSocketName, ofNoDeviceLeavesItDead) {
     EXPECT_TRUE(failed(socket, Socket::DEAD, ErrnoRow(SysErrorId::NO_DEVICE, ENODEV)));
     std::string sent(GetParam());
     sent.resize(15, '\0');
-    EXPECT_EQ(sent + '\0', s_raw_calls.device) << "the request has 16 bytes, and the last one is zero";
+    EXPECT_EQ(sent + '\0', s_device) << "the request has 16 bytes, and the last one is zero";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -279,24 +262,6 @@ TEST(RawSocket, isDeniedToAnUnprivilegedProcessUntilThePrivilegeExists) {
         if (opens_later) {
             EXPECT_TRUE(opens(socket, "lo"));
         }
-    });
-}
-
-TEST(RawSocket, isNotOpenedWithoutAFreeDescriptor) {
-    VESK_SKIP_WITHOUT_PACKETS();
-    expectInChild([] {
-        {
-            // A sanitizer uses descriptors when it first sees an object.
-            RawSocket seen(true, 0, 0);
-            EXPECT_TRUE(seen.open("no-device"));
-            EXPECT_TRUE(causeIs(SysErrorId::NO_DEVICE, ENODEV));
-            EXPECT_NE(Socket::INACTIVE, seen.getState());
-        }
-        rlimit const limit{3, 3};
-        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
-        RawSocket socket(true, 0, 0);
-        EXPECT_TRUE(socket.open(nullptr));
-        EXPECT_TRUE(failed(socket, Socket::INACTIVE, ErrnoRow(UNCLASSIFIED, EMFILE)));
     });
 }
 

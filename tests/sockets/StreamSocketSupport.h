@@ -67,12 +67,6 @@ inline std::vector<ErrnoRow> const CLOSE_ROWS =
     errnoRows({{{EIO, ENOSPC, EDQUOT, EAGAIN, EINVAL}, {SysErrorId::SPOILED_INTEGRITY}}});
 // ---- Descriptors ----
 
-inline int getNextDescriptor() {
-    int const fd = dup(STDERR_FILENO);
-    close(fd);
-    return fd;
-}
-
 /// Closes a descriptor that the library could not close.
 inline void closeForReal(int fd) {
     EXPECT_TRUE(isOpen(fd)) << fd;

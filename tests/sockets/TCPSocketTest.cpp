@@ -47,6 +47,8 @@ TEST(TCPSocket, withAnAddressOfTheOtherVersionIsInvalidWithoutADescriptor) {
     expectInvalid(TCPSocket(true, 0, 0, other, LOOPBACK, true, IPSocket::IPV4));
     expectInvalid(TCPSocket(true, 0, 0, LOOPBACK, other, true, IPSocket::IPV4));
     expectInvalid(TCPServerSocket(other, false, true, IPSocket::IPV4));
+    expectInvalid(UDPSocket(false, 0, 0, other, LOOPBACK, IPSocket::IPV4));
+    expectInvalid(UDPSocket(false, 0, 0, LOOPBACK, other, IPSocket::IPV4));
     EXPECT_EQ(0, descriptors.getCalls());
 }
 
@@ -176,22 +178,6 @@ TEST(TCPSocket, clearsTheFlagOfAnEarlierFailureWhenItConnects) {
     EXPECT_TRUE(client->hadError());
     std::ErrorStorage::ack();
     EXPECT_TRUE(connects(*client));
-}
-
-TEST(TCPSocket, keepsItsAddressesUnlessOpen) {
-    Client socket = makeIdle();
-    for (Socket::State const state : {Socket::INACTIVE, Socket::DEAD}) {
-        EXPECT_TRUE(succeeded(socket, state));
-        socket.updateLocalAddress();
-        socket.updatePeerAddress();
-        EXPECT_EQ("", socket.getLocalAddress().host);
-        EXPECT_EQ(0, socket.getLocalAddress().port);
-        EXPECT_EQ(LOOPBACK.host, socket.getPeerAddress().host);
-        EXPECT_EQ(LOOPBACK.port, socket.getPeerAddress().port);
-        if (state == Socket::INACTIVE) {
-            EXPECT_FALSE(socket.close(true));
-        }
-    }
 }
 
 // ---- Options ----
