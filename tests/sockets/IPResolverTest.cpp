@@ -3,7 +3,6 @@
 #include "support/TestBy.h"
 #include "support/calls/ResolverCalls.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/IPSocket.h>
 
 #include <chrono>

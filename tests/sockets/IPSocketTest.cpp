@@ -8,10 +8,8 @@
 #include "support/calls/ResolverCalls.h"
 
 #include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/IPSocket.h>
 
-#include <algorithm>
 #include <net/if.h>
 #include <type_traits>
 
@@ -122,11 +120,8 @@ public:
     using IPSocket::getBinaryLength;
     using IPSocket::getLocalBinary;
     using IPSocket::getPeerBinary;
-
-    sockaddr_in const& getLocal4() const { return m_local_binary.v4; }
-    sockaddr_in const& getPeer4() const { return m_peer_binary.v4; }
-    sockaddr_in6 const& getLocal6() const { return m_local_binary.v6; }
-    sockaddr_in6 const& getPeer6() const { return m_peer_binary.v6; }
+    using IPSocket::m_local_binary;
+    using IPSocket::m_peer_binary;
 
     void setHadError() { m_had_error = true; }
     void set(int fd, State state) {
@@ -193,25 +188,25 @@ TEST(IPSocket, startsInactiveWithItsAddressesAsTextAndInBinary) {
     EXPECT_EQ("127.0.0.1 258", textOf(socket.getLocalAddress()));
     EXPECT_EQ("127.0.0.2 65535", textOf(socket.getPeerAddress()));
     EXPECT_EQ(AF_INET, socket.getLocalBinary()->sa_family);
-    EXPECT_EQ(0x7F000001U, ntohl(socket.getLocal4().sin_addr.s_addr));
-    EXPECT_EQ(0x0102, ntohs(socket.getLocal4().sin_port));
-    EXPECT_EQ(0x7F000002U, ntohl(socket.getPeer4().sin_addr.s_addr));
-    EXPECT_EQ(65535, ntohs(socket.getPeer4().sin_port));
+    EXPECT_EQ(0x7F000001U, ntohl(socket.m_local_binary.v4.sin_addr.s_addr));
+    EXPECT_EQ(0x0102, ntohs(socket.m_local_binary.v4.sin_port));
+    EXPECT_EQ(0x7F000002U, ntohl(socket.m_peer_binary.v4.sin_addr.s_addr));
+    EXPECT_EQ(65535, ntohs(socket.m_peer_binary.v4.sin_port));
     EXPECT_EQ(16U, socket.getBinaryLength());
-    EXPECT_EQ(static_cast<void const*>(&socket.getLocal4()), socket.getLocalBinary());
-    EXPECT_EQ(static_cast<void const*>(&socket.getPeer4()), socket.getPeerBinary());
+    EXPECT_EQ(static_cast<void const*>(&socket.m_local_binary.v4), socket.getLocalBinary());
+    EXPECT_EQ(static_cast<void const*>(&socket.m_peer_binary.v4), socket.getPeerBinary());
     socket.close(false);
     HookedSocket six({"::0001", 0x0102}, {"fe80::2%lo", 65535}, IPSocket::IPV6);
     EXPECT_TRUE(six.isValid());
     EXPECT_EQ("::1 258", textOf(six.getLocalAddress()));
     EXPECT_EQ("fe80::2%lo 65535", textOf(six.getPeerAddress()));
     EXPECT_EQ(AF_INET6, six.getLocalBinary()->sa_family);
-    EXPECT_EQ(0, memcmp(&in6addr_loopback, &six.getLocal6().sin6_addr, 16));
-    EXPECT_EQ(0x0102, ntohs(six.getLocal6().sin6_port));
-    EXPECT_EQ(0U, six.getLocal6().sin6_scope_id);
-    EXPECT_EQ(0xFE, six.getPeer6().sin6_addr.s6_addr[0]);
-    EXPECT_EQ(65535, ntohs(six.getPeer6().sin6_port));
-    EXPECT_EQ(if_nametoindex("lo"), six.getPeer6().sin6_scope_id);
+    EXPECT_EQ(0, memcmp(&in6addr_loopback, &six.m_local_binary.v6.sin6_addr, 16));
+    EXPECT_EQ(0x0102, ntohs(six.m_local_binary.v6.sin6_port));
+    EXPECT_EQ(0U, six.m_local_binary.v6.sin6_scope_id);
+    EXPECT_EQ(0xFE, six.m_peer_binary.v6.sin6_addr.s6_addr[0]);
+    EXPECT_EQ(65535, ntohs(six.m_peer_binary.v6.sin6_port));
+    EXPECT_EQ(if_nametoindex("lo"), six.m_peer_binary.v6.sin6_scope_id);
     EXPECT_EQ(28U, six.getBinaryLength());
     EXPECT_EQ(IPSocket::IPV6, six.getVersion());
     six.close(false);
@@ -221,8 +216,8 @@ TEST(IPSocket, binaryFormsAreZeroBeyondAnAddressOfIPv4) {
     alignas(HookedSocket) unsigned char memory[sizeof(HookedSocket)];
     memset(memory, 0xEB, sizeof memory);
     auto* const socket = new (memory) HookedSocket({"127.0.0.1", 80}, {"127.0.0.2", 81}, IPSocket::IPV4);
-    EXPECT_TRUE(isZero(&socket->getLocal4() + 1, 12));
-    EXPECT_TRUE(isZero(&socket->getPeer4() + 1, 12));
+    EXPECT_TRUE(isZero(&socket->m_local_binary.v4 + 1, 12));
+    EXPECT_TRUE(isZero(&socket->m_peer_binary.v4 + 1, 12));
     socket->close(false);
     socket->~HookedSocket();
 }
@@ -236,7 +231,7 @@ TEST(IPSocket, emptyAddressesAreTheAnyAddressWithoutTheResolver) {
         EXPECT_EQ(" 0", textOf(socket.getLocalAddress()));
         EXPECT_EQ(" 80", textOf(socket.getPeerAddress()));
         EXPECT_EQ(version == IPSocket::IPV6 ? AF_INET6 : AF_INET, socket.getLocalBinary()->sa_family);
-        EXPECT_EQ(80, ntohs(socket.getPeer4().sin_port));
+        EXPECT_EQ(80, ntohs(socket.m_peer_binary.v4.sin_port));
         socket.close(false);
     }
 }
@@ -301,7 +296,7 @@ TEST(IPSocket, withoutMemoryForABufferItDoesNotResolve) {
         HookedSocket const socket({"127.0.0.1", 80}, {"127.0.0.2", 81}, IPSocket::IPV4, 16, 16);
         EXPECT_FALSE(socket.isValid());
         EXPECT_EQ("127.0.0.1", socket.getLocalAddress().host);
-        EXPECT_TRUE(isZero(&socket.getLocal6(), 28));
+        EXPECT_TRUE(isZero(&socket.m_local_binary.v6, 28));
         EXPECT_TRUE(calls.getLookups().empty());
         EXPECT_TRUE(chainIs({OUT_OF_MEMORY}));
     }

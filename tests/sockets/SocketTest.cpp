@@ -10,7 +10,6 @@
 
 #include <climits>
 #include <fcntl.h>
-#include <iterator>
 #include <memory>
 #include <thread>
 #include <type_traits>
@@ -210,13 +209,6 @@ TEST(Socket, destructorAssertsThatAValidSocketHasNoDescriptorAndIsDead) {
     EXPECT_EQ("", eventsOfEnd(-1, Socket::DEAD, false));
     EXPECT_EQ("", eventsOfEnd(1, Socket::OPEN, false));
     EXPECT_EQ("", eventsOfEnd(-1, Socket::INACTIVE, false));
-}
-
-TEST(Socket, canBeDestroyedAsItsBaseClass) {
-    Ends ends = makeEnds();
-    int const fd = ends.takeMine();
-    { std::unique_ptr<Socket> const owner = std::make_unique<TestSocket>(fd); }
-    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
 }
 
 // ---- two threads ----

@@ -1,7 +1,6 @@
 #include "StreamSocketSupport.h"
 #include "support/NewFault.h"
 #include "support/RunInThreads.h"
-#include "support/TempFolder.h"
 
 #include <gtest/gtest.h>
 

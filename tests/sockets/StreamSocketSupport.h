@@ -15,7 +15,6 @@
 
 #include <memory>
 #include <netinet/tcp.h>
-#include <ostream>
 #include <string>
 #include <sys/stat.h>
 #include <tuple>

@@ -279,7 +279,12 @@ struct Refusal {
      NOT_OPEN,
      [](Socket& socket) { return write(socket, "x") == FAILED; },
      {misuse("called write on non-OPEN socket"), StreamErrorId::UNUSABLE}},
-    {"read of a server", isServer, ALL, [](Socket& socket) { return readByte(socket).first == -1; },
+    {"read of a server", isServer, ALL,
+     [](Socket& socket) {
+         char byte = 'x';
+         unsigned int count = 0;
+         return socket.read(&byte, 1, count) == -1 && byte == 'x';
+     },
      refusal("read operation on server socket")},
     {"empty read of a server", isServer, ALL,
      [](Socket& socket) {

@@ -1,6 +1,5 @@
 #include "UDPSupport.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
 #include "support/VtableSlot.h"
 #include "support/calls/UDPCalls.h"
 
@@ -511,13 +510,6 @@ VESK_TEST_ROWS(UDPConnect, failureOnlyWarnsAndLeavesItsReport, connectRows()) {
     EXPECT_TRUE(chainIs(GetParam().reports));
     EXPECT_TRUE(hasState(socket, Socket::OPEN));
     EXPECT_EQ(fd, socket.getSocketFd());
-}
-
-TEST(UDPConnectCall, isRepeatedWhileASignalInterruptsIt) {
-    OpenUDPSocket socket(LOCAL, PEER);
-    Fault const fault(inject_connect, EINTR, 1, 3);
-    EXPECT_TRUE(opens(socket));
-    EXPECT_EQ(4, fault.getCalls());
 }
 
 // ---- rows of sendto ----
