@@ -70,11 +70,6 @@ struct ErrnoRow {
     friend std::ostream& operator<<(std::ostream& out, ErrnoRow const& row) { return out << row.getName(); }
 };
 
-/// Names the case of a row after its error number.
-inline std::string errnoName(testing::TestParamInfo<ErrnoRow> const& info) {
-    return info.param.getName();
-}
-
 /// Error numbers that make the same chain of reports.
 struct ErrnoReports {
     std::vector<int> errors;
@@ -100,7 +95,8 @@ inline std::vector<ErrnoRow> errnoRows(std::vector<ErrnoReports> const& groups) 
 ///     }
 #define VESK_TEST_ROWS(suite, name, ...)                                                                     \
     class suite : public testing::TestWithParam<support::ErrnoRow> {};                                       \
-    INSTANTIATE_TEST_SUITE_P(rows, suite, testing::ValuesIn(__VA_ARGS__), support::errnoName);               \
+    INSTANTIATE_TEST_SUITE_P(                                                                                \
+        rows, suite, testing::ValuesIn(__VA_ARGS__), testing::PrintToStringParamName());                     \
     TEST_P(suite, name)
 
 // ---- the tables that several classes share ----

@@ -251,9 +251,16 @@ constexpr auto isStreamClient = [](Kind kind) { return !kind.is_server && !isUdp
 constexpr auto isTcpClient = [](Kind kind) { return !kind.is_server && isTcp(kind.transport); };
 constexpr auto isUdpSocket = [](Kind kind) { return isUdp(kind.transport); };
 
-Reports refusal(std::string const& operation) {
-    return {misuse(operation + " is invalid"), StreamErrorId::NOT_SUPPORTED};
+Reports refusal(std::string const& text, Reports on_top = {}) {
+    on_top.insert(on_top.begin(), misuse(text));
+    return on_top;
 }
+
+Reports refusalOfServer(std::string const& operation) {
+    return refusal(operation + " is invalid", {StreamErrorId::NOT_SUPPORTED});
+}
+
+Reports const NO_DESCRIPTOR{Socket::ErrorId::INVALID_SOCKET};
 
 using States = std::set<Socket::State>;
 States const ALL{Socket::INACTIVE, Socket::OPEN, Socket::DEAD};
@@ -269,73 +276,56 @@ struct Refusal {
     bool (*refuses)(Socket& socket); ///< Whether the result is that of a refusal.
     Reports reports;
 } const REFUSALS[] = {
-    {"read",
-     isClient,
-     NOT_OPEN,
-     [](Socket& socket) { return readByte(socket) == FAILED; },
-     {misuse("called read on non-OPEN socket"), StreamErrorId::UNUSABLE}},
-    {"write",
-     isClient,
-     NOT_OPEN,
-     [](Socket& socket) { return write(socket, "x") == FAILED; },
-     {misuse("called write on non-OPEN socket"), StreamErrorId::UNUSABLE}},
+    {"read", isClient, NOT_OPEN, [](Socket& socket) { return readByte(socket) == FAILED; },
+     refusal("called read on non-OPEN socket", {StreamErrorId::UNUSABLE})},
+    {"write", isClient, NOT_OPEN, [](Socket& socket) { return write(socket, "x") == FAILED; },
+     refusal("called write on non-OPEN socket", {StreamErrorId::UNUSABLE})},
     {"read of a server", isServer, ALL,
      [](Socket& socket) {
          char byte = 'x';
          unsigned int count = 0;
          return socket.read(&byte, 1, count) == -1 && byte == 'x';
      },
-     refusal("read operation on server socket")},
+     refusalOfServer("read operation on server socket")},
     {"empty read of a server", isServer, ALL,
      [](Socket& socket) {
          unsigned int count = 0;
          return socket.read(nullptr, 0, count) == -1;
      },
-     refusal("read operation on server socket")},
+     refusalOfServer("read operation on server socket")},
     {"write of a server", isServer, ALL, [](Socket& socket) { return write(socket, "x").first == -1; },
-     refusal("write operation on server socket")},
-    {"empty write of a server", isServer, ALL, [](Socket& socket) { return write(socket, "").first == -1; },
-     refusal("write operation on server socket")},
+     refusalOfServer("write operation on server socket")},
+    {"empty write of a server", isServer, ALL,
+     [](Socket& socket) {
+         unsigned int count = 0;
+         return socket.write(nullptr, 0, count) == -1;
+     },
+     refusalOfServer("write operation on server socket")},
     {"flush of a server", isServer, ALL, [](Socket& socket) { return socket.flush(false); },
-     refusal("flush operation on socket")},
-    {"connect",
-     isStreamClient,
-     NOT_INACTIVE,
-     [](Socket& socket) { return !connectSocket(socket); },
-     {misuse("connect called in state != INACTIVE")}},
-    {"open", isUdpSocket, NOT_INACTIVE, connectSocket, {misuse("open() called in state != INACTIVE")}},
-    {"enableListen",
-     isServer,
-     NOT_INACTIVE,
+     refusalOfServer("flush operation on socket")},
+    {"connect", isStreamClient, NOT_INACTIVE, [](Socket& socket) { return !connectSocket(socket); },
+     refusal("connect called in state != INACTIVE")},
+    {"open", isUdpSocket, NOT_INACTIVE, connectSocket, refusal("open() called in state != INACTIVE")},
+    {"enableListen", isServer, NOT_INACTIVE,
      [](Socket& socket) {
          enableListen(socket);
          return true;
      },
-     {misuse("enableListen() called in state != INACTIVE")}},
-    {"acceptConnection",
-     isServer,
-     NOT_OPEN,
-     acceptsNothing,
-     {misuse("acceptConnection() called in state != OPEN")}},
-    {"setTCPNoDelay",
-     isTcpClient,
-     ONLY_DEAD,
-     [](Socket& socket) { return dynamic_cast<TCPSocket&>(socket).setTCPNoDelay(true); },
-     {Socket::ErrorId::INVALID_SOCKET}},
-    {"setKeepalive",
-     isTcpClient,
-     ONLY_DEAD,
+     refusal("enableListen() called in state != INACTIVE")},
+    {"acceptConnection", isServer, NOT_OPEN, acceptsNothing,
+     refusal("acceptConnection() called in state != OPEN")},
+    {"setTCPNoDelay", isTcpClient, ONLY_DEAD,
+     [](Socket& socket) { return dynamic_cast<TCPSocket&>(socket).setTCPNoDelay(true); }, NO_DESCRIPTOR},
+    {"setKeepalive", isTcpClient, ONLY_DEAD,
      [](Socket& socket) {
          return dynamic_cast<TCPSocket&>(socket).setKeepalive({true, 1, 1, 1});
      },
-     {Socket::ErrorId::INVALID_SOCKET}},
-    {"setKeepalive off",
-     isTcpClient,
-     ONLY_DEAD,
+     NO_DESCRIPTOR},
+    {"setKeepalive off", isTcpClient, ONLY_DEAD,
      [](Socket& socket) {
          return dynamic_cast<TCPSocket&>(socket).setKeepalive({false, 1, 1, 1});
      },
-     {Socket::ErrorId::INVALID_SOCKET}},
+     NO_DESCRIPTOR},
 };
 
 TEST_P(StreamSocketState, refusesOperationsWithoutACallOfTheSystem) {
