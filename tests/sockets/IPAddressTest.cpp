@@ -417,28 +417,10 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(IPAddress, garbageOrAnAddressOfTheOtherVersionDoesNotResolve) {
     ResolverCalls const calls;
-    for (std::string const& host : std::initializer_list<std::string>{
-             "127.0.0.1 x",
-             "127.0.0.1:80",
-             "256.0.0.1",
-             "1.2.3.4.5",
-             "::1::",
-             "[::1]",
-             " ",
-             "-",
-             "%",
-             "\x01\x02\n",
-             "../..",
-             "%s%n%s",
-             "host/8",
-             "@",
-             std::string(300, '1'),
-             std::string(5000, 'x'),
-             "fe80::1%",
-             "\t::1",
-             "0x",
-             ":",
-             "."}) {
+    for (std::string const& host : stringsOf(
+             "127.0.0.1 x", "127.0.0.1:80", "256.0.0.1", "1.2.3.4.5", "::1::", "[::1]", " ", "-", "%",
+             "\x01\x02\n", "../..", "%s%n%s", "host/8", "@", std::string(300, '1'), std::string(5000, 'x'),
+             "fe80::1%", "\t::1", "0x", ":", ".")) {
         for (auto const version : {V4, V6}) {
             IPAddress address(host, 80);
             EXPECT_TRUE(toBinary(address, version).first) << host;
