@@ -1,4 +1,4 @@
-#include "FatalSupport.h"
+#include "support/Aborts.h"
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 #include "support/Inject.h"

@@ -1,5 +1,5 @@
-#include "FatalSupport.h"
 #include "SignalSupport.h"
+#include "support/Aborts.h"
 #include "support/AllocationCounter.h"
 #include "support/Descriptors.h"
 #include "support/NewFault.h"
@@ -199,64 +199,57 @@ protected:
             std::string second;
             std::string third;
             words >> verb >> first >> second >> third;
-            if (verb == "thread") {
-                std::thread([this, &step] { run({step.substr(strlen("thread "))}); }).join();
-            } else if (verb == "sleeping") {
-                changeAsleep({step.substr(strlen("sleeping "))});
-            } else if (verb == "once") {
-                if (!std::exchange(m_done_once, true)) {
-                    run({step.substr(strlen("once "))});
-                }
-            } else if (verb == "refused") {
-                NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
-                EXPECT_THROW(change(first, second, third), std::bad_alloc);
-            } else if (verb == "add" || verb == "remove" || verb == "stop") {
-                change(verb, first, second);
-            } else if (verb == "throw") {
-                throw std::runtime_error(step);
-            } else if (verb == "throwWhenAsked") {
-                client(first).reactions["asked"] = [this] { run({"throw"}); };
-            } else if (verb == "throws") {
-                EXPECT_THROW(m_poller.poll(), std::runtime_error);
-                m_client.reactions.clear();
-                m_other.reactions.clear();
-            } else if (verb == "inner") {
-                EXPECT_FALSE(m_poller.poll());
-            } else if (verb == "unreadable") {
-                Fault const fault(inject_read, EIO);
-                EXPECT_FALSE(m_poller.poll());
-            } else if (verb == "unreadAndHungUp") {
-                pollfd row{fd(first), POLLIN, 0};
-                EXPECT_EQ(1, poll(&row, 1, 0));
-                EXPECT_EQ(POLLIN | POLLHUP, row.revents);
-            } else if (verb == "last") {
-                EXPECT_EQ(fd(second), client(first).last_fd);
-            } else if (verb == "send") {
-                pair(first).send();
-            } else if (verb == "take") {
-                pair(first).take();
-            } else if (verb == "hangup") {
-                pair(first).closePeer();
-            } else if (verb == "close") {
-                pair(first).closeMine();
-            } else if (verb == "drain") {
-                drain();
-            } else if (verb == "commands") {
-                EXPECT_EQ(std::stoi(first), countCommands());
-            } else if (verb == "asked") {
-                std::vector<int> expected;
-                for (std::string const& name : {second, third}) {
-                    if (!name.empty()) {
-                        expected.push_back(fd(name));
-                    }
-                }
-                EXPECT_EQ(expected, client(first).asked);
-            } else if (verb == "stopped") {
-                EXPECT_EQ("", cycle(true));
-            } else {
-                Log const calls = cycle();
-                EXPECT_EQ(step, calls.empty() ? "cycle:" : "cycle: " + calls);
-            }
+            std::string const rest = step.substr(std::min(verb.size() + 1, step.size()));
+            std::map<std::string, std::function<void()>> const verbs{
+                {"add", [&] { change(verb, first, second); }},
+                {"remove", [&] { change(verb, first, second); }},
+                {"stop", [&] { change(verb, first, second); }},
+                {"refused",
+                 [&] {
+                     NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
+                     EXPECT_THROW(change(first, second, third), std::bad_alloc);
+                 }},
+                {"thread", [&] { std::thread([&] { run({rest}); }).join(); }},
+                {"sleeping", [&] { changeAsleep(rest); }},
+                {"once", [&] { run(std::exchange(m_done_once, true) ? Steps() : Steps{rest}); }},
+                {"throw", [&] { throw std::runtime_error(step); }},
+                {"throwWhenAsked", [&] { client(first).reactions["asked"] = [this] { run({"throw"}); }; }},
+                {"throws",
+                 [&] {
+                     EXPECT_THROW(m_poller.poll(), std::runtime_error);
+                     m_client.reactions.clear();
+                     m_other.reactions.clear();
+                 }},
+                {"inner", [&] { EXPECT_FALSE(m_poller.poll()); }},
+                {"unreadable",
+                 [&] {
+                     Fault const fault(inject_read, EIO);
+                     EXPECT_FALSE(m_poller.poll());
+                 }},
+                {"unreadAndHungUp",
+                 [&] {
+                     pollfd row{fd(first), POLLIN, 0};
+                     EXPECT_EQ(1, poll(&row, 1, 0));
+                     EXPECT_EQ(POLLIN | POLLHUP, row.revents);
+                 }},
+                {"last", [&] { EXPECT_EQ(fd(second), client(first).last_fd); }},
+                {"send", [&] { pair(first).send(); }},
+                {"take", [&] { pair(first).take(); }},
+                {"hangup", [&] { pair(first).closePeer(); }},
+                {"close", [&] { pair(first).closeMine(); }},
+                {"drain", [&] { drain(); }},
+                {"commands", [&] { EXPECT_EQ(std::stoi(first), countCommands()); }},
+                {"asked",
+                 [&] {
+                     std::vector<int> expected;
+                     for (std::string const& name : {second, third}) {
+                         name.empty() ? void() : expected.push_back(fd(name));
+                     }
+                     EXPECT_EQ(expected, client(first).asked);
+                 }},
+                {"stopped", [&] { EXPECT_EQ("", cycle(true)); }},
+                {"cycle:", [&] { EXPECT_EQ(rest, cycle()); }}};
+            verbs.at(verb)();
         }
     }
 

@@ -1,4 +1,4 @@
-#include "FatalSupport.h"
+#include "support/Aborts.h"
 #include "SignalSupport.h"
 #include "support/AllocationCounter.h"
 #include "support/ErrorRow.h"
