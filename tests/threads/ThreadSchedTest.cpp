@@ -9,7 +9,6 @@
 #include <vesk/Mutex.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/tracing/Channel.h>
 
@@ -37,8 +36,6 @@ namespace {
 using namespace support;
 using namespace vesk::sched;
 using vesk::Mutex;
-using vesk::Thread;
-namespace SysErrorId = vesk::SysErrorId;
 
 constexpr int LOWEST_INT = -2147483647 - 1;
 
@@ -318,16 +315,6 @@ TEST(ThreadOlderConstructor, canDetachAndReadsThePolicyOnlyForAPriority) {
     EXPECT_TRUE(hasThreads(before));
 }
 
-auto const CLASSES = testing::Values(
-    VESK_SCHED_CLASS_IDLE, VESK_SCHED_CLASS_BELOW_NORMAL, VESK_SCHED_CLASS_NORMAL,
-    VESK_SCHED_CLASS_ABOVE_NORMAL, VESK_SCHED_CLASS_HIGH, VESK_SCHED_CLASS_REALTIME, 11, -1);
-
-void runToEnd(Thread& thread) {
-    ASSERT_TRUE(thread.isValid());
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-}
-
 Seen seeIn(Policy_E policy, int priority, int nice) {
     Seen seen;
     Thread thread(look, &seen, "modest", makeAttr(policy, priority, nice), false);
@@ -336,21 +323,6 @@ Seen seeIn(Policy_E policy, int priority, int nice) {
     EXPECT_TRUE(chainIs({}));
     return seen;
 }
-
-class ThreadCreationClasses : public testing::TestWithParam<int> {};
-
-TEST_P(ThreadCreationClasses, inherit) {
-    inPolicy(SCHED_RR, 4, [] {
-        Fault const policies(inject_pthread_attr_setschedpolicy, 0);
-        Seen const seen = seeIn(static_cast<Policy_E>(GetParam()), 8, 18);
-        EXPECT_EQ(SCHED_RR, seen.policy);
-        EXPECT_EQ(4, seen.priority);
-        EXPECT_NE(18, seen.nice);
-        EXPECT_EQ(0, policies.getCalls());
-    });
-}
-
-INSTANTIATE_TEST_SUITE_P(All, ThreadCreationClasses, CLASSES);
 
 std::vector<ExpectedReport> notCreated(SysErrorId::Id cause, int error, std::string const& text) {
     return {
@@ -482,21 +454,13 @@ TEST(ThreadWithoutRights, newThreadInheritsWhatItMayNotHave) {
 TEST(ThreadWithoutRights, settingARealTimePolicyAndLoweringANiceValueAreRefused) {
     expectInChild([] {
         dropSchedulingRights();
-        Event ready;
-        Event go;
-        StartedThread thread([&] {
-            ready.set();
-            EXPECT_TRUE(go.wait());
-        });
-        EXPECT_TRUE(ready.wait());
+        HeldThread thread;
         EXPECT_TRUE(thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_RR, 1)));
         EXPECT_TRUE(chainIs(schedulingFailed(UNCLASSIFIED, EPERM, NOT_SET)));
         EXPECT_EQ(SCHED_OTHER, sched_getscheduler(0));
         EXPECT_TRUE(thread.setPriority(getNice() - 1));
         // The system fails with EACCES, which is not the row of missing privileges.
         EXPECT_TRUE(chainIs(schedulingFailed(systemText(EACCES))));
-        go.set();
-        EXPECT_FALSE(thread.join());
     });
 }
 
@@ -507,35 +471,19 @@ TEST(ThreadWithoutRights, raisingARealTimePriorityIsRefused) {
         GTEST_SKIP() << "no real-time scheduling here: " << systemText(refused);
     }
     expectInChild([] {
-        Event go;
-        StartedThread thread([&go] { EXPECT_TRUE(go.wait()); }, nullptr, makeAttr(VESK_SCHED_POLICY_RR, 1));
+        HeldThread thread(makeAttr(VESK_SCHED_POLICY_RR, 1));
         dropSchedulingRights();
         EXPECT_TRUE(thread.setPriority(2));
         EXPECT_TRUE(
             chainIs(schedulingFailed(SysErrorId::PERMISSION_DENIED, EPERM, "insufficient privileges")));
         EXPECT_EQ(1, thread.getPriority());
-        go.set();
-        EXPECT_FALSE(thread.join());
     });
 }
 
 // ---- a thread that runs ----
 
-/// A thread that is in its body until the test ends it.
 class ThreadRunning : public ThreadsGone {
 protected:
-    void SetUp() override { EXPECT_TRUE(m_ready.wait()); }
-    void TearDown() override {
-        end();
-        ThreadsGone::TearDown();
-    }
-    void end() {
-        m_go.set();
-        if (m_thread.getThreadState() != Thread::DEAD) {
-            EXPECT_FALSE(m_thread.join());
-        }
-    }
-
     /// Checks what the system shows.
     void expectKernel(int policy, int priority, int nice) const {
         sched_param param{};
@@ -557,15 +505,14 @@ protected:
         return pthread_setschedparam(m_thread.getThreadId().getValue(), policy, &param) == 0;
     }
 
-    Event m_ready;
-    Event m_go;
-    std::atomic<pid_t> m_tid{0};
+    void TearDown() override {
+        m_thread.end();
+        ThreadsGone::TearDown();
+    }
+
     int m_nice = getpriority(PRIO_PROCESS, 0);
-    StartedThread m_thread{[this] {
-        m_tid = getThreadId();
-        m_ready.set();
-        EXPECT_TRUE(m_go.wait());
-    }};
+    HeldThread m_thread;
+    pid_t const m_tid = m_thread.getId();
 };
 
 #define SKIP_UNLESS_REAL_TIME(policy, priority)                                                              \
@@ -601,16 +548,31 @@ TEST_F(ThreadRunning, schedAttrsAreSetAndRead) {
     EXPECT_EQ(0, reads.getCalls() + writes.getCalls()) << "noop makes no system call";
 }
 
-class ThreadRunningClasses : public ThreadRunning, public testing::WithParamInterface<int> {};
+class ThreadClasses : public ThreadRunning, public testing::WithParamInterface<int> {};
 
-TEST_P(ThreadRunningClasses, areRefused) {
+TEST_P(ThreadClasses, areInheritedByANewThread) {
+    inPolicy(SCHED_RR, 4, [] {
+        Fault const policies(inject_pthread_attr_setschedpolicy, 0);
+        Seen const seen = seeIn(static_cast<Policy_E>(GetParam()), 8, 18);
+        EXPECT_EQ(SCHED_RR, seen.policy);
+        EXPECT_EQ(4, seen.priority);
+        EXPECT_NE(18, seen.nice);
+        EXPECT_EQ(0, policies.getCalls());
+    });
+}
+
+TEST_P(ThreadClasses, areRefusedInAThreadThatRuns) {
     leaveOlderReport();
     EXPECT_TRUE(m_thread.setSchedAttrs(makeAttr(static_cast<Policy_E>(GetParam()), 1, 1)));
     EXPECT_TRUE(chainIs(schedulingFailed("unexpected policy")));
     expectKernel(SCHED_OTHER, 0, m_nice);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ThreadRunningClasses, CLASSES);
+INSTANTIATE_TEST_SUITE_P(
+    All, ThreadClasses,
+    testing::Values(
+        VESK_SCHED_CLASS_IDLE, VESK_SCHED_CLASS_BELOW_NORMAL, VESK_SCHED_CLASS_NORMAL,
+        VESK_SCHED_CLASS_ABOVE_NORMAL, VESK_SCHED_CLASS_HIGH, VESK_SCHED_CLASS_REALTIME, 11, -1));
 
 TEST_F(ThreadRunning, keepOnATimeSharingThreadIsRefusedWithAPriority) {
     EXPECT_TRUE(m_thread.setSchedAttrs(makeAttr(KEEP, 1, 0)));
@@ -679,16 +641,8 @@ TEST_F(ThreadRunning, setPriorityThatCannotLockOrUnlockDoesNothing) {
     expectKernel(SCHED_OTHER, 0, m_nice);
 }
 
-TEST_F(ThreadRunning, setPriorityThatCannotReadThePolicyReportsOnTop) {
-    leaveOlderReport();
-    Fault const fault(inject_pthread_getschedparam, ESRCH);
-    EXPECT_TRUE(m_thread.setPriority(19));
-    EXPECT_TRUE(chainIs({SysErrorId::NO_SUCH_PROCESS, schedulingFailed(systemText(ESRCH))[0]}));
-    expectKernel(SCHED_OTHER, 0, m_nice);
-}
-
 TEST_F(ThreadRunning, setPriorityOfAThreadThatIsOverDoesNothing) {
-    m_go.set();
+    m_thread.release();
     EXPECT_TRUE(m_thread.isIn(Thread::FINISHED));
     Fault const reads(inject_pthread_getschedparam, 0);
     EXPECT_FALSE(m_thread.setPriority(1000));
@@ -723,7 +677,7 @@ void expectGone(Thread& thread) {
 }
 
 TEST_F(ThreadRunning, nothingIsSetOnceItWasJoinedOrATerminatedOneHasEnded) {
-    end();
+    m_thread.end();
     expectGone(m_thread);
     int const before = countThreads();
     Event ready;
@@ -743,14 +697,11 @@ TEST_F(ThreadRunning, nothingIsSetOnceADetachedOneHasEnded) {
     EXPECT_FALSE(thread.start());
     EXPECT_TRUE(hasThreads(before));
     // A new thread mostly takes the place of the old one.
-    Event go;
-    StartedThread next([&go] { EXPECT_TRUE(go.wait()); });
+    HeldThread const next;
     expectGone(thread);
     EXPECT_TRUE(thread.setPriority(19));
     EXPECT_TRUE(chainIs(schedulingFailed(systemText(ESRCH))));
     EXPECT_EQ(m_nice, next.getPriority());
-    go.set();
-    EXPECT_FALSE(next.join());
 }
 
 TEST_F(ThreadRunning, operationsRaceWithTheEndOfADetachedThread) {
@@ -861,6 +812,10 @@ std::vector<ExpectedReport> failed(int error) {
     return withErrno({Thread::ErrorId::SCHEDULING_FAILED}, error);
 }
 
+std::vector<ExpectedReport> onTopOfTheOlderOne(int error) {
+    return {SysErrorId::NO_SUCH_PROCESS, failed(error)[0]};
+}
+
 Injected* const READ_NICE = &inject_getpriority;
 Injected* const SET = &inject_pthread_setschedparam;
 Injected* const SET_NICE = &inject_setpriority;
@@ -876,6 +831,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"fifoSetschedparam", SET, setAttrWithoutNice<FIFO>, {EINVAL}, 1, notSet},
         {"normalSetschedparam", SET, setAttrWithoutNice<NORMAL>, {ENOTSUP}, 1, notSet},
         {"normalSetpriority", SET_NICE, setAttr<NORMAL>, {EACCES, ESRCH}, 1, notSet},
+        {"setPriorityPolicy", READ, setPriority, {ESRCH}, 1, onTopOfTheOlderOne},
         {"setPriority", SET_NICE, setPriority, {EPERM}, 1, notPermitted},
         {"setPriority", SET_NICE, setPriority, {EACCES, ESRCH}, 1, failed},
         {"setPriorityOfRoundRobin", SET, setPriority, {EPERM}, 1, notPermitted, true},
@@ -948,16 +904,11 @@ void* runBehindTheGate(void* argument) {
 
 } // namespace
 
-support::Injected inject_pthread_create("pthread_create");
-extern "C" VESK_UNWATCHED int pthread_create(
-    pthread_t* thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument) {
-    if (g_gate != nullptr) {
-        g_held_function = function;
-        function = runBehindTheGate;
-    }
-    return reinterpret_cast<decltype(&pthread_create)>(inject_pthread_create.getReal())(
-        thread, attributes, function, argument);
-}
+VESK_INJECT(
+    int, return error, pthread_create,
+    (pthread_t * thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument),
+    (thread, attributes, g_gate != nullptr ? runBehindTheGate : function, argument),
+    g_held_function = function)
 
 namespace {
 
