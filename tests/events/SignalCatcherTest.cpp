@@ -1,5 +1,5 @@
-#include "support/Aborts.h"
 #include "SignalSupport.h"
+#include "support/Aborts.h"
 #include "support/Privileges.h"
 
 #include <vesk/SignalCatcher.h>

@@ -1,5 +1,5 @@
-#include "support/Aborts.h"
 #include "SignalSupport.h"
+#include "support/Aborts.h"
 #include "support/AllocationCounter.h"
 #include "support/ErrorRow.h"
 #include "support/FailOnce.h"
@@ -14,49 +14,34 @@ VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size),
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
-// The descriptors that were closed, if it is set.
-std::vector<int>* s_closed = nullptr;
 // The arguments of poll, if it is set.
 struct Poll {
     std::vector<pollfd> rows;
     int limit;
 };
 std::vector<Poll>* s_polls = nullptr;
+
+void notePoll(pollfd* rows, nfds_t count, int limit) {
+    if (s_polls != nullptr) {
+        s_polls->push_back({{rows, rows + count}, limit});
+    }
+}
 } // namespace
 
-support::Injected inject_close("close");
-extern "C" VESK_UNWATCHED int close(int fd) {
-    if (s_closed != nullptr) {
-        s_closed->push_back(fd);
-    }
-    return reinterpret_cast<int (*)(int)>(inject_close.getReal())(fd);
-}
+VESK_INJECT_NOTING(
+    int, -1, poll, (pollfd * rows, nfds_t count, int limit), (rows, count, limit),
+    notePoll(rows, count, limit))
 
 support::Injected inject_fcntl("fcntl");
 extern "C" VESK_UNWATCHED int fcntl(int fd, int command, ...) {
-    int error = 0;
-    if (inject_fcntl.fails(error)) {
-        errno = error;
+    if (inject_fcntl.fails()) {
         return -1;
     }
     va_list arguments;
     va_start(arguments, command);
     long const argument = va_arg(arguments, long);
     va_end(arguments);
-    return reinterpret_cast<int (*)(int, int, ...)>(inject_fcntl.getReal())(fd, command, argument);
-}
-
-support::Injected inject_poll("poll");
-extern "C" VESK_UNWATCHED int poll(pollfd* rows, nfds_t count, int limit) {
-    if (s_polls != nullptr) {
-        s_polls->push_back({{rows, rows + count}, limit});
-    }
-    int error = 0;
-    if (inject_poll.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return reinterpret_cast<int (*)(pollfd*, nfds_t, int)>(inject_poll.getReal())(rows, count, limit);
+    return inject_fcntl.getReal(fcntl)(fd, command, argument);
 }
 
 namespace {
@@ -131,32 +116,31 @@ TEST(SelfPipeTest, putsItsReadEndIntoASetAndRaisesTheHighestToOneMore) {
     }
 }
 
-class SelfPipeCreationTest : public testing::TestWithParam<int> {};
-
-TEST_P(SelfPipeCreationTest, failureIsAnAssertionAndLeavesNoPipe) {
-    fd_set set;
-    FD_ZERO(&set);
-    int highest = 7;
-    std::vector<int> closed;
-    {
-        EventRecorder const events;
-        Fault const fault(inject_pipe, GetParam());
-        Fault const flags(inject_fcntl, 0);
-        SelfPipe self_pipe;
-        EXPECT_EQ(NOT_CREATED, events.getText());
-        EXPECT_EQ(0, flags.getCalls());
-        self_pipe.set(&set, highest);
-        EXPECT_EQ(7, highest);
-        EXPECT_FALSE(self_pipe.is_set(&set));
-        EXPECT_EQ(-1, self_pipe.write("", 1));
-        EXPECT_EQ(EBADF, errno);
-        s_closed = &closed;
+TEST(SelfPipeTest, creationThatFailsIsAnAssertionAndLeavesNoPipe) {
+    for (int const error : {EMFILE, ENFILE, EFAULT}) {
+        SCOPED_TRACE(error);
+        fd_set set;
+        FD_ZERO(&set);
+        int highest = 7;
+        std::vector<int> closed;
+        {
+            EventRecorder const events;
+            Fault const fault(inject_pipe, error);
+            Fault const flags(inject_fcntl, 0);
+            SelfPipe self_pipe;
+            EXPECT_EQ(NOT_CREATED, events.getText());
+            EXPECT_EQ(0, flags.getCalls());
+            self_pipe.set(&set, highest);
+            EXPECT_EQ(7, highest);
+            EXPECT_FALSE(self_pipe.is_set(&set));
+            EXPECT_EQ(-1, self_pipe.write("", 1));
+            EXPECT_EQ(EBADF, errno);
+            s_closed = &closed;
+        }
+        s_closed = nullptr;
+        EXPECT_TRUE(closed.empty());
     }
-    s_closed = nullptr;
-    EXPECT_TRUE(closed.empty());
 }
-
-INSTANTIATE_TEST_SUITE_P(All, SelfPipeCreationTest, testing::Values(EMFILE, ENFILE, EFAULT), RowName());
 
 TEST(SelfPipeTest, creationWithoutAFreeDescriptorIsAnAssertion) {
     expectInChild([] {
@@ -170,36 +154,34 @@ TEST(SelfPipeTest, creationWithoutAFreeDescriptorIsAnAssertion) {
     });
 }
 
-struct FlagsFailure {
-    char const* name;
-    int nth;
-    int times;
-    int flags_after;
-};
-class SelfPipeFlagsTest : public testing::TestWithParam<FlagsFailure> {};
-
-TEST_P(SelfPipeFlagsTest, failureIsAnAssertionAndThePipeStillWorks) {
-    EventRecorder const events;
-    auto fault = std::make_unique<Fault>(inject_fcntl, EINVAL, GetParam().nth, GetParam().times);
-    SelfPipe self_pipe;
-    fault.reset();
-    EXPECT_EQ(
-        "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: errno==0: "
-        "couldn't configure self-pipe as non-blocking",
-        events.getText());
-    EXPECT_EQ(O_WRONLY | GetParam().flags_after, fcntl(s_pipe[1], F_GETFL, 0L) & ~O_LARGEFILE);
-    EXPECT_EQ(1, self_pipe.write("x", 1));
-    char byte = 0;
-    EXPECT_EQ(1, self_pipe.read(&byte, 1));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SelfPipeFlagsTest,
-    testing::Values(
+TEST(SelfPipeTest, flagsThatCannotBeSetAreAnAssertionAndThePipeStillWorks) {
+    struct {
+        char const* fails;
+        int nth;
+        int times;
+        int flags_after;
+    } const rows[] = {
         // If the old flags cannot be read, only the new one is set.
-        FlagsFailure{"F_GETFL", 1, 1, O_NONBLOCK}, FlagsFailure{"F_SETFL", 2, 1, 0},
-        FlagsFailure{"Both", 1, 2, 0}),
-    [](auto const& row) { return row.param.name; });
+        {"F_GETFL", 1, 1, O_NONBLOCK},
+        {"F_SETFL", 2, 1, 0},
+        {"both", 1, 2, 0},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.fails);
+        EventRecorder const events;
+        auto fault = std::make_unique<Fault>(inject_fcntl, EINVAL, row.nth, row.times);
+        SelfPipe self_pipe;
+        fault.reset();
+        EXPECT_EQ(
+            "ASSERT framework/src/vesk/SignalQueueImpl-posix SelfPipe: errno==0: "
+            "couldn't configure self-pipe as non-blocking",
+            events.getText());
+        EXPECT_EQ(O_WRONLY | row.flags_after, fcntl(s_pipe[1], F_GETFL, 0L) & ~O_LARGEFILE);
+        EXPECT_EQ(1, self_pipe.write("x", 1));
+        char byte = 0;
+        EXPECT_EQ(1, self_pipe.read(&byte, 1));
+    }
+}
 
 TEST(SelfPipeTest, closesItsReadEndFirst) {
     std::vector<int> closed;
@@ -339,29 +321,22 @@ TEST(SignalNotifierTest, allocatesNothingAndTakesNoLock) {
 
 TEST(SignalNotifierTest, ignoresAFullPipe) {
     Notifier notifier;
-    EXPECT_EQ(0, (failOnce(inject_write, EAGAIN, [&] {
-                  notifier.signal();
-                  return countBytes();
-              })));
+    failOnce(inject_write, EAGAIN, [&] { return notifier.signal(), 0; });
+    EXPECT_EQ(0, countBytes());
 }
 
-class SignalNotifierWriteTest : public testing::TestWithParam<int> {};
-
-TEST_P(SignalNotifierWriteTest, failureEndsTheProcess) {
-    int const error = GetParam();
-    auto const signal = [error] {
-        Notifier notifier;
-        Fault const fault(inject_write, error);
-        notifier.signal();
-    };
-    EXPECT_TRUE(abortsWith(
-        "write to self-pipe failed with errno=" + std::to_string(error) + " (" + strerror(error) + ")\n",
-        signal));
-    EXPECT_TRUE(abortsWith("framework/src/vesk/SignalQueueImpl-posix", signal));
+TEST(SignalNotifierTest, writeThatFailsEndsTheProcess) {
+    for (int const error : {EBADF, EPIPE, EINTR, EIO, EINVAL, ENOSPC}) {
+        std::string const text = std::to_string(error) + " (" + strerror(error) + ")\n";
+        auto const signal = [error] {
+            Notifier notifier;
+            Fault const fault(inject_write, error);
+            notifier.signal();
+        };
+        EXPECT_TRUE(abortsWith("write to self-pipe failed with errno=" + text, signal));
+        EXPECT_TRUE(abortsWith("framework/src/vesk/SignalQueueImpl-posix", signal));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SignalNotifierWriteTest, testing::Values(EBADF, EPIPE, EINTR, EIO, EINVAL, ENOSPC), RowName());
 
 TEST(SignalNotifierTest, withoutAPipeEndsTheProcessWithTheFirstSignal) {
     auto const signal = [] {
@@ -375,24 +350,19 @@ TEST(SignalNotifierTest, withoutAPipeEndsTheProcessWithTheFirstSignal) {
 
 // ---- cancellation ----
 
-TEST(SignalNotifierTest, signalIsNoCancellationPoint) {
+TEST(SignalNotifierTest, signalAndDestructorAreNoCancellationPoints) {
     Notifier notifier;
     EXPECT_FALSE(isCanceled([&] {
         notifier.signal();
         EXPECT_EQ(1, countBytes());
     }));
+    EXPECT_FALSE(isCanceled([] { Notifier const other; })) << "nor is the destructor";
 }
 
 TEST(SignalNotifierTest, waitIsACancellationPoint) {
-    if (!FORGETS_UNWOUND_FRAMES) {
-        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
-    }
+    VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     Notifier notifier;
     EXPECT_TRUE(isCanceled([&] { notifier.wait(); }));
-}
-
-TEST(SignalNotifierTest, isDestroyedInAThreadThatIsCanceled) {
-    EXPECT_FALSE(isCanceled([] { Notifier const other; }));
 }
 
 } // namespace

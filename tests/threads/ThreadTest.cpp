@@ -1,4 +1,4 @@
-#include "support/Child.h"
+#include "support/Aborts.h"
 #include "support/CleanEnd.h"
 #include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
@@ -9,23 +9,17 @@
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <iterator>
 #include <limits>
 #include <memory>
-#include <sys/resource.h>
 #include <type_traits>
 
 namespace {
@@ -34,37 +28,24 @@ namespace {
 int g_main_known_at_monotonic = -1;
 int g_main_known_at_wall_clock = -1;
 
-bool isMainThreadKnown() {
-    return vesk::Thread::s_main_thread_id != vesk::Thread::ThreadId::INVALID_THREAD_ID;
+VESK_UNWATCHED void noteClock(clockid_t clock) {
+    bool const known = vesk::Thread::s_main_thread_id != vesk::Thread::ThreadId::INVALID_THREAD_ID;
+    if (clock == CLOCK_REALTIME) {
+        g_main_known_at_wall_clock = known;
+    } else if (clock == CLOCK_MONOTONIC && g_main_known_at_monotonic == -1) {
+        g_main_known_at_monotonic = known;
+    }
 }
 
 } // namespace
 
-support::Injected inject_clock_gettime("clock_gettime");
-extern "C" VESK_UNWATCHED int clock_gettime(clockid_t clock, timespec* time) {
-    if (clock == CLOCK_REALTIME) {
-        g_main_known_at_wall_clock = isMainThreadKnown();
-        int error = 0;
-        if (inject_clock_gettime.fails(error)) {
-            errno = error;
-            return -1;
-        }
-    } else if (clock == CLOCK_MONOTONIC && g_main_known_at_monotonic == -1) {
-        g_main_known_at_monotonic = isMainThreadKnown();
-    }
-    return reinterpret_cast<int (*)(clockid_t, timespec*)>(inject_clock_gettime.getReal())(clock, time);
-}
-
+VESK_INJECT_NOTING(int, -1, clock_gettime, (clockid_t clock, timespec* time), (clock, time), noteClock(clock))
 VESK_INJECT_ERRNO(int, -1, sigaction, (int s, struct sigaction const* a, struct sigaction* o), (s, a, o))
 VESK_INJECT_ERRNO(int, -1, sched_yield, (), ())
 
 namespace {
 
 using namespace support;
-namespace CommonErrorId = std::CommonErrorId;
-namespace SysErrorId = vesk::SysErrorId;
-using vesk::Thread;
-using vesk::sched::Attr;
 
 ExpectedReport contractBroken(char const* text) {
     auto const id = CommonErrorId::CONTRACT_BROKEN;
@@ -403,8 +384,8 @@ struct LeftError {
 class ThreadLeftErrors : public testing::TestWithParam<LeftError> {};
 
 TEST_P(ThreadLeftErrors, areWrittenToStandardOutput) {
-    if (GetParam().body == replaceErrorWhenCancelled && !FORGETS_UNWOUND_FRAMES) {
-        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
+    if (GetParam().body == replaceErrorWhenCancelled) {
+        VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     }
     ChildEnd const end = runInChild([] {
         int const before = countThreads();
@@ -509,15 +490,9 @@ constexpr char const* STILL_RUNNING =
     "ASSERT framework/src/vesk/posix/Thread ~Thread: getThreadState() == DEAD || m_detached_mode";
 
 TEST_F(ThreadTest, destroyingOneThatRunsEndsTheProcess) {
-    ChildEnd const end = runInChild([] {
-        rlimit const no_core{0, 0};
-        setrlimit(RLIMIT_CORE, &no_core);
-        std::GlobalErrorHandler::setHook(nullptr);
-        StartedThread const thread([] { waitForCancellation(); });
-    });
-    EXPECT_EQ(SIGABRT, end.signal);
-    EXPECT_NE(std::string::npos, end.errors.find("framework/src/vesk/posix/Thread")) << end.errors;
-    EXPECT_NE(std::string::npos, end.errors.find("thread still running")) << end.errors;
+    auto const destroy = [] { StartedThread const thread([] { waitForCancellation(); }); };
+    EXPECT_TRUE(abortsWith("framework/src/vesk/posix/Thread", destroy));
+    EXPECT_TRUE(abortsWith("thread still running", destroy));
 }
 
 /// A body with events of its own, for a thread that outlives its object.
@@ -626,17 +601,12 @@ TEST_F(ThreadTest, suspendWaitsForTheWakeup) {
     EXPECT_FALSE(thread.join());
 }
 
-TEST_F(ThreadTest, suspendForANegativeTimeTimesOutAtOnce) {
-    runInThread([] {
-        EXPECT_FALSE(self().suspend(-1));
-        EXPECT_FALSE(self().suspend(LOWEST));
-    });
-}
-
 TEST_F(ThreadTest, suspendThatTimesOutLeavesTheStateSuspended) {
     Event first;
     Event second;
     StartedThread thread([&] {
+        EXPECT_FALSE(self().suspend(-1)) << "times out at once";
+        EXPECT_FALSE(self().suspend(LOWEST));
         long long const before = getTime();
         EXPECT_FALSE(self().suspend(20));
         EXPECT_GE(getTime() - before, 20);
@@ -811,17 +781,12 @@ TEST_F(ThreadTest, startUpThatFailsEarlierDoesNotStoreTheMainThread) {
     });
 }
 
-TEST_F(ThreadTest, secondStartUpInAnotherThreadKeepsTheMainThread) {
+TEST_F(ThreadTest, secondStartUpInAnotherThreadKeepsTheMainThreadAndInitTakesTheCaller) {
     expectInChild([] {
         vesk::Vesk const first(true, false);
         Thread::ThreadId const main_id = Thread::getCallerThreadId();
         std::thread([] { vesk::Vesk const second(true, false); }).join();
         EXPECT_EQ(main_id, Thread::s_main_thread_id);
-    });
-}
-
-TEST_F(ThreadTest, initAlwaysSucceeds) {
-    expectInChild([] {
         std::thread([] {
             EXPECT_FALSE(Thread::init());
             EXPECT_EQ(Thread::getCallerThreadId(), Thread::s_main_thread_id);
