@@ -1,4 +1,5 @@
 #include "support/CleanEnd.h"
+#include "support/ErrnoRows.h"
 #include "support/NewFault.h"
 #include "support/RunInThreads.h"
 #include "support/VtableSlot.h"
@@ -305,7 +306,7 @@ INSTANTIATE_TEST_SUITE_P(
          {"add handler", "dispatchThrows m", "log handler sees m; .", "remove handler", "dispatchAgain m",
           "log invoke m; delete m; ."},
          {{"handler", {"throw"}}}}}),
-    [](auto const& row) { return row.param.name; });
+    RowName());
 
 // ---- run and stop ----
 

@@ -2,9 +2,11 @@
 #include "support/Aborts.h"
 #include "support/AllocationCounter.h"
 #include "support/Descriptors.h"
+#include "support/ErrnoRows.h"
 #include "support/NewFault.h"
 #include "support/Privileges.h"
 #include "support/RunInThreads.h"
+#include "support/TestBy.h"
 #include "support/VtableSlot.h"
 
 #include <vesk/Poller.h>
@@ -376,11 +378,10 @@ Scenario const STOPS[] = {
     {"stopTakesNoLock", {"add A a", "cycle:", "stopped"}, {{"A asked", {"stop"}}}},
 };
 
-auto const scenarioName = [](auto const& row) { return row.param.name; };
-INSTANTIATE_TEST_SUITE_P(Ready, PollerScenario, testing::ValuesIn(READY), scenarioName);
-INSTANTIATE_TEST_SUITE_P(Changes, PollerScenario, testing::ValuesIn(CHANGES), scenarioName);
-INSTANTIATE_TEST_SUITE_P(Failures, PollerScenario, testing::ValuesIn(FAILURES), scenarioName);
-INSTANTIATE_TEST_SUITE_P(Stops, PollerScenario, testing::ValuesIn(STOPS), scenarioName);
+INSTANTIATE_TEST_SUITE_P(Ready, PollerScenario, testing::ValuesIn(READY), RowName());
+INSTANTIATE_TEST_SUITE_P(Changes, PollerScenario, testing::ValuesIn(CHANGES), RowName());
+INSTANTIATE_TEST_SUITE_P(Failures, PollerScenario, testing::ValuesIn(FAILURES), RowName());
+INSTANTIATE_TEST_SUITE_P(Stops, PollerScenario, testing::ValuesIn(STOPS), RowName());
 
 TEST_F(PollerTest, aClientWithOnlyTheRequiredOperationIsCalledForErrorsOnly) {
     class Silent : public Poller::Client {
@@ -583,24 +584,22 @@ TEST_F(PollerTest, aCycleWithoutMemoryThrowsAndLosesNothing) {
 
 // ---- signals ----
 
-TEST(PollerSignals, thatAreOffDoNotInterruptACycleAndTimersRingOnTheirThread) {
-    expectInChild([] {
-        constexpr int CALLS = 100;
-        static std::atomic<int> calls{0};
-        static Poller poller;
-        vesk::Timer timer(
-            [](vesk::Timer*) {
-                if (++calls == CALLS) {
-                    poller.stop();
-                }
-            },
-            false);
-        Poller::SignalsOff const signals_off;
-        timer.start(1, true);
-        while (!poller.poll()) {}
-        timer.stop();
-        EXPECT_LE(CALLS, calls);
-    });
+VESK_TEST_BY(expectInChild, PollerSignals, thatAreOffDoNotInterruptACycleAndTimersRingOnTheirThread) {
+    constexpr int CALLS = 100;
+    static std::atomic<int> calls{0};
+    static Poller poller;
+    vesk::Timer timer(
+        [](vesk::Timer*) {
+            if (++calls == CALLS) {
+                poller.stop();
+            }
+        },
+        false);
+    Poller::SignalsOff const signals_off;
+    timer.start(1, true);
+    while (!poller.poll()) {}
+    timer.stop();
+    EXPECT_LE(CALLS, calls);
 }
 
 TEST(PollerSignals, areBlockedInAScopeExceptThoseOfFaults) {
@@ -793,7 +792,7 @@ INSTANTIATE_TEST_SUITE_P(
                 ASSERT_EQ(s_pipe[1], dup2(null, s_pipe[1]));
                 close(null);
             }}),
-    [](auto const& row) { return row.param.name; });
+    RowName());
 
 // ---- the poller of the process ----
 

@@ -394,82 +394,77 @@ TEST(ShmCondition, waitWithoutTheMutexFailsIfTheMutexKnowsItsOwner) {
     EXPECT_TRUE(chainIs(expected));
 }
 
-constexpr int ITSELF = 0;
-
 struct Row {
     char const* name;
     std::vector<int> errors;
     SysErrorId::Id id;
-    int argument; ///< What the text shows of a condition's failure; `ITSELF` is the error number.
+    std::optional<int> argument =
+        {}; ///< What the text shows of a condition's failure instead of the error number.
     int error = 0;
 };
 
-/// The failures of `T`, which holds its mutex for each of them.
-template <typename T>
-class FailingCondition : public testing::TestWithParam<Row> {
+class ConditionRows : public testing::TestWithParam<Row> {
 protected:
-    /// Runs the operation of the row, the call below which fails. Returns its result.
-    int run() {
+    /// Checks that the operation of the row fails, the call below which fails, with the mutex locked.
+    template <typename T>
+    static void expectFailure(T& shared) {
         std::string const operation = GetParam().name;
         int const error = GetParam().error;
-        auto& condition = m_shared.to_test;
-        typename T::Lock const lock(m_shared.mutex);
+        auto& condition = shared.to_test;
+        typename T::Lock const lock(shared.mutex);
         EXPECT_TRUE(
-            operation != "signal" || condition.waitTimeout(m_shared.mutex, inMs(-1)) == 1); // Creates it.
+            operation != "signal" || condition.waitTimeout(shared.mutex, inMs(-1)) == 1); // Creates it.
         leaveOlderReport();
         Fault const wait(inject_pthread_cond_wait, error);
         Fault const timed_wait(inject_pthread_cond_timedwait, error);
         Fault const signal(inject_pthread_cond_signal, error);
-        return operation == "wait"     ? (condition.wait(m_shared.mutex) ? -1 : 0)
-            : operation == "timedWait" ? condition.waitTimeout(m_shared.mutex, inMs(60000))
-                                       : (condition.signal() ? -1 : 0);
+        int const result = operation == "wait" ? (condition.wait(shared.mutex) ? -1 : 0)
+            : operation == "timedWait"         ? condition.waitTimeout(shared.mutex, inMs(60000))
+                                               : (condition.signal() ? -1 : 0);
+        EXPECT_EQ(-1, result);
     }
-
-    T m_shared;
 };
 
-class ConditionRows : public FailingCondition<OfThreads> {};
-
 TEST_P(ConditionRows, reportTheRawResult) {
-    Row const& row = GetParam();
-    EXPECT_EQ(-1, run());
-    EXPECT_TRUE(chainIs({rawResult(row.id, row.argument == ITSELF ? row.error : row.argument)}));
-    EXPECT_FALSE(m_shared.to_test.signal()) << "the internal lock is free again";
+    OfThreads shared;
+    expectFailure(shared);
+    EXPECT_TRUE(chainIs({rawResult(GetParam().id, GetParam().argument.value_or(GetParam().error))}));
+    EXPECT_FALSE(shared.to_test.signal()) << "the internal lock is free again";
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, ConditionRows,
     testing::ValuesIn(eachErrno<Row>({
         {"wait", {EINVAL, EPERM}, SPOILED, -1},
-        {"wait", {ENOTRECOVERABLE, EAGAIN}, SPOILED, ITSELF},
+        {"wait", {ENOTRECOVERABLE, EAGAIN}, SPOILED},
         {"wait", {ETIMEDOUT}, SPOILED, 1}, // Without a deadline a timeout is a failure.
         {"timedWait", {EINVAL, EPERM}, SPOILED, -1},
-        {"timedWait", {ENOTRECOVERABLE, EAGAIN}, SPOILED, ITSELF},
+        {"timedWait", {ENOTRECOVERABLE, EAGAIN}, SPOILED},
         {"signal", {EINVAL, EPERM}, SPOILED, -1},
-        {"signal", {EAGAIN, ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED, ITSELF},
+        {"signal", {EAGAIN, ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
     })),
     ErrnoName());
 
-class ShmConditionRows : public FailingCondition<OfProcesses> {};
+class ShmConditionRows : public ConditionRows {};
 
 TEST_P(ShmConditionRows, reportTheCauseAndTheOperation) {
-    Row const& row = GetParam();
-    EXPECT_EQ(-1, run());
-    bool const signals = row.name == std::string("signal");
+    OfProcesses shared;
+    expectFailure(shared);
+    bool const signals = GetParam().name == std::string("signal");
     auto const operation =
         signals ? ShmCondition::ErrorId::SIGNAL_FAILED : ShmCondition::ErrorId::WAIT_FAILED;
-    EXPECT_TRUE(chainIs(withErrno({row.id, operation}, row.error)));
+    EXPECT_TRUE(chainIs(withErrno({GetParam().id, operation}, GetParam().error)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, ShmConditionRows,
     testing::ValuesIn(eachErrno<Row>({
-        {"wait", {EINVAL, EPERM}, SPOILED, ITSELF},
-        {"wait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED, ITSELF},
-        {"timedWait", {EINVAL, EPERM}, SPOILED, ITSELF},
-        {"timedWait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED, ITSELF},
-        {"signal", {EINVAL}, SPOILED, ITSELF},
-        {"signal", {EPERM}, SysErrorId::UNCLASSIFIED, ITSELF},
+        {"wait", {EINVAL, EPERM}, SPOILED},
+        {"wait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
+        {"timedWait", {EINVAL, EPERM}, SPOILED},
+        {"timedWait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
+        {"signal", {EINVAL}, SPOILED},
+        {"signal", {EPERM}, SysErrorId::UNCLASSIFIED},
     })),
     ErrnoName());
 

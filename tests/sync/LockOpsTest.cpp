@@ -578,18 +578,16 @@ protected:
     pthread_mutex_t m_mutex;
 };
 
-class MutexOpsTimeouts : public MutexOpsTest, public testing::WithParamInterface<long long> {};
-
-TEST_P(MutexOpsTimeouts, lockAFreeMutexAndNotAHeldOne) {
-    EXPECT_EQ(0, MutexOps::tryLockTimeout(&m_mutex, GetParam()));
-    std::thread([this] {
-        EXPECT_TRUE(MutexOps::tryLockTimeout(&m_mutex, GetParam()) == 1 && chainIs({}));
-    }).join();
-    EXPECT_EQ(0, pthread_mutex_unlock(&m_mutex));
+TEST_F(MutexOpsTest, timeoutInThePastLocksAFreeMutexAndNotAHeldOne) {
+    for (long long const ms : {0LL, -1LL, -2500LL, std::numeric_limits<long long>::min()}) {
+        SCOPED_TRACE(ms);
+        EXPECT_EQ(0, MutexOps::tryLockTimeout(&m_mutex, ms));
+        std::thread([this, ms] {
+            EXPECT_TRUE(MutexOps::tryLockTimeout(&m_mutex, ms) == 1 && chainIs({}));
+        }).join();
+        EXPECT_EQ(0, pthread_mutex_unlock(&m_mutex));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, MutexOpsTimeouts, testing::Values(0, -1, -2500, std::numeric_limits<long long>::min()));
 
 TEST_F(MutexOpsTest, timeoutIsWaitedForToTheEndOrUntilTheMutexIsFree) {
     ASSERT_EQ(0, pthread_mutex_lock(&m_mutex));
@@ -692,34 +690,32 @@ TEST_P(RWLockOpsForms, classifiesTheErrorOfItsOwnCall) {
 
 INSTANTIATE_TEST_SUITE_P(All, RWLockOpsForms, testing::ValuesIn(FORMS), RowName());
 
-struct DeadlineRow {
-    timespec now;
-    unsigned int timeout_ms;
-    timespec deadline;
-};
-
-class RWLockOpsDeadlines : public RWLockOpsTest, public testing::WithParamInterface<DeadlineRow> {};
-
-TEST_P(RWLockOpsDeadlines, areTheWallClockPlusTheTimeout) {
-    DeadlineRow const& row = GetParam();
-    for (bool const for_write : {READ, WRITE}) {
-        FakeClock const clock(row.now.tv_sec, row.now.tv_nsec);
-        EXPECT_EQ(0, lockWithin(m_lock, for_write, row.timeout_ms));
-        EXPECT_EQ(CLOCK_REALTIME, clock.getClock());
-        EXPECT_EQ(row.deadline.tv_sec, t_deadline.tv_sec);
-        EXPECT_EQ(row.deadline.tv_nsec, t_deadline.tv_nsec);
-        EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
+TEST_F(RWLockOpsTest, deadlineIsTheWallClockPlusTheTimeout) {
+    struct {
+        timespec now;
+        unsigned int timeout_ms;
+        timespec deadline;
+    } const rows[] = {
+        {{1000, 0}, 1, {1000, 1000000}},
+        {{1000, 5}, 2500, {1002, 500000005}},
+        {{1000, 998999999}, 1, {1000, 999999999}},
+        {{1000, 999000000}, 1, {1001, 0}},
+        {{1000, 999999999}, 999, {1001, 998999999}},
+        {{1000, 999999999}, 1000, {1001, 999999999}},
+        {{1000, 0}, 4294967295U, {4295967, 295000000}},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.timeout_ms);
+        for (bool const for_write : {READ, WRITE}) {
+            FakeClock const clock(row.now.tv_sec, row.now.tv_nsec);
+            EXPECT_EQ(0, lockWithin(m_lock, for_write, row.timeout_ms));
+            EXPECT_EQ(CLOCK_REALTIME, clock.getClock());
+            EXPECT_EQ(row.deadline.tv_sec, t_deadline.tv_sec);
+            EXPECT_EQ(row.deadline.tv_nsec, t_deadline.tv_nsec);
+            EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, RWLockOpsDeadlines,
-    testing::Values(
-        DeadlineRow{{1000, 0}, 1, {1000, 1000000}}, DeadlineRow{{1000, 5}, 2500, {1002, 500000005}},
-        DeadlineRow{{1000, 998999999}, 1, {1000, 999999999}}, DeadlineRow{{1000, 999000000}, 1, {1001, 0}},
-        DeadlineRow{{1000, 999999999}, 999, {1001, 998999999}},
-        DeadlineRow{{1000, 999999999}, 1000, {1001, 999999999}},
-        DeadlineRow{{1000, 0}, 4294967295U, {4295967, 295000000}}));
 
 TEST_F(RWLockOpsTest, clockThatCannotBeReadIsAFailureOfATimedFormOnly) {
     Fault const fault(inject_clock_gettime, EINVAL, 1, Fault::FOREVER);

@@ -5,6 +5,7 @@
 #include "support/EventRecorder.h"
 #include "support/Privileges.h"
 #include "support/Processes.h"
+#include "support/TestBy.h"
 #include "support/UnlockFault.h"
 
 #include <vesk/Dispatcher.h>
@@ -28,8 +29,6 @@ using tarnbase::TimePoint;
 using vesk::Alarm;
 using vesk::Dispatcher;
 using vesk::Message;
-using vesk::Thread;
-using vesk::sched::Attr;
 
 int const SIGNAL = SIGRTMIN + 6;
 constexpr long long AT_ONCE = 0;
@@ -246,51 +245,44 @@ struct SelfReplacing {
         std::make_unique<Alarm>(EnginePtr(Alarm::DEFAULT_TIMER), nullptr, replace, this);
 };
 
-TEST(DefaultTimer, staysForAnAlarmThatACallbackCreatesWhileTheLastOneIsDestroyed) {
-    expectInChild([] {
-        SelfReplacing object;
-        auto last = std::make_unique<TestAlarm>(EnginePtr(Alarm::DEFAULT_TIMER));
-        object.alarm->start(Duration(AT_ONCE));
-        ASSERT_TRUE(object.entered.wait());
-        object.destroyer = getThreadId();
-        last.reset();
-        EXPECT_TRUE(object.replaced.wait());
-        EXPECT_TRUE(object.successor->waitFor(1));
-    });
+VESK_TEST_BY(expectInChild, DefaultTimer, staysForAnAlarmThatACallbackCreatesWhileTheLastOneIsDestroyed) {
+    SelfReplacing object;
+    auto last = std::make_unique<TestAlarm>(EnginePtr(Alarm::DEFAULT_TIMER));
+    object.alarm->start(Duration(AT_ONCE));
+    ASSERT_TRUE(object.entered.wait());
+    object.destroyer = getThreadId();
+    last.reset();
+    EXPECT_TRUE(object.replaced.wait());
+    EXPECT_TRUE(object.successor->waitFor(1));
 }
 
 // ---- a lock that fails ----
 
-struct LockedOperation {
-    char const* name;
-    void (*call)(Engine& engine, Alarm& alarm);
-};
-
-class AlarmLock : public testing::TestWithParam<LockedOperation> {};
-
-TEST_P(AlarmLock, failureIsFatal) {
-    std::string const place = std::string("ABORT framework/src/vesk/posix/Alarm ") + GetParam().name;
-    for (Injected* const function : {&inject_pthread_mutex_lock, &inject_pthread_mutex_unlock}) {
-        bool const locks = function == &inject_pthread_mutex_lock;
-        Engine engine(SIGNAL, "Engine", Attr());
-        Alarm alarm(EnginePtr(nullptr, &engine), nullptr, doNothing, nullptr);
-        EventRecorder const recorder;
-        {
-            Fault const fault(*function, EINVAL);
-            GetParam().call(engine, alarm);
+TEST(AlarmLock, failureIsFatal) {
+    struct {
+        std::string name;
+        void (*call)(Engine& engine, Alarm& alarm);
+    } const rows[] = {
+        {"add", [](Engine& engine, Alarm& alarm) { engine.add(&alarm, Duration(AN_HOUR)); }},
+        {"remove", [](Engine& engine, Alarm& alarm) { engine.remove(&alarm); }},
+        {"ring", [](Engine& engine, Alarm&) { Engine::ring(&engine); }},
+    };
+    for (auto const& row : rows) {
+        std::string const place = "ABORT framework/src/vesk/posix/Alarm " + row.name;
+        for (Injected* const function : {&inject_pthread_mutex_lock, &inject_pthread_mutex_unlock}) {
+            bool const locks = function == &inject_pthread_mutex_lock;
+            Engine engine(SIGNAL, "Engine", Attr());
+            Alarm alarm(EnginePtr(nullptr, &engine), nullptr, doNothing, nullptr);
+            EventRecorder const recorder;
+            {
+                Fault const fault(*function, EINVAL);
+                row.call(engine, alarm);
+            }
+            EXPECT_EQ(
+                (locks ? place + ": error locking\n" : "") + place + ": error unlocking", recorder.getText());
         }
-        EXPECT_EQ(
-            (locks ? place + ": error locking\n" : "") + place + ": error unlocking", recorder.getText());
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, AlarmLock,
-    testing::Values(
-        LockedOperation{"add", [](Engine& engine, Alarm& alarm) { engine.add(&alarm, Duration(AN_HOUR)); }},
-        LockedOperation{"remove", [](Engine& engine, Alarm& alarm) { engine.remove(&alarm); }},
-        LockedOperation{"ring", [](Engine& engine, Alarm&) { Engine::ring(&engine); }}),
-    RowName());
 
 // ---- many alarms ----
 

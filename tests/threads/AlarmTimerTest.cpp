@@ -1,6 +1,6 @@
 #include "KernelTimers.h"
 #include "SignalsToMainThread.h"
-#include "ThreadSupport.h"
+#include "TimerSupport.h"
 #include "frame/FakeClock.h"
 #include "support/Chain.h"
 #include "support/CleanEnd.h"
@@ -8,8 +8,8 @@
 #include "support/NewFault.h"
 #include "support/Privileges.h"
 #include "support/Processes.h"
+#include "support/TestBy.h"
 
-#include <vesk/Alarm.h>
 #include <vesk/Dispatcher.h>
 
 #include <algorithm>
@@ -29,9 +29,6 @@ using namespace support;
 using tarnbase::Duration;
 using vesk::Alarm;
 using vesk::Message;
-
-using Engine = Alarm::Timer;
-using EnginePtr = std::SharedBase::Ptr<Engine>;
 
 int const SIGNAL = SIGRTMIN + 5;
 constexpr long long START = 5000000; // The clock at first, in milliseconds.
@@ -86,7 +83,7 @@ protected:
 
     FakeClock m_clock{START / 1000, 0};
     KernelTimers m_timers;
-    Engine m_engine{SIGNAL, "Engine", vesk::sched::Attr()};
+    Engine m_engine{SIGNAL, "Engine", Attr()};
     Rung m_rung;
     // Their addresses rise.
     Bell m_a{m_engine, m_rung};
@@ -281,11 +278,11 @@ TEST_F(AlarmTimer, engineWithoutAlarmsCountsAsArmedForAFarTimeUntilItHasLostAnAl
     EXPECT_EQ(Spans(), m_timers.take());
     add(m_a, FAR_AWAY - 1);
     EXPECT_EQ(1U, m_timers.take().size());
-    Engine idle(SIGNAL + 1, "Idle", vesk::sched::Attr());
+    Engine idle(SIGNAL + 1, "Idle", Attr());
     Engine::ring(&idle);
     m_timers.take();
     EXPECT_EQ(Rung(), m_rung);
-    Engine other(SIGNAL + 2, "Other", vesk::sched::Attr());
+    Engine other(SIGNAL + 2, "Other", Attr());
     other.remove(&m_b.alarm);
     other.add(&m_b.alarm, Duration(FAR_AWAY + 1));
     EXPECT_EQ(1U, m_timers.take().size());
@@ -339,7 +336,7 @@ protected:
         other.join();
     }
 
-    Engine m_other{SIGNAL + 1, "Other", vesk::sched::Attr()};
+    Engine m_other{SIGNAL + 1, "Other", Attr()};
     Rung m_other_rung;
     Bell m_other_first{m_other, m_other_rung};
     Bell m_other_second{m_other, m_other_rung};
@@ -372,7 +369,7 @@ TEST_F(AlarmTimerOfTwo, alarmWithAWaitingCallbackDoesNotRingAgain) {
 }
 
 TEST_F(AlarmTimerOfTwo, thirdEngineMayStandBetweenThem) {
-    Engine third(SIGNAL + 2, "Third", vesk::sched::Attr());
+    Engine third(SIGNAL + 2, "Third", Attr());
     Rung third_rung;
     Bell bell(third, third_rung);
     // Waits for the other engine, which waits for the first one.
@@ -466,7 +463,7 @@ TEST_F(AlarmTimer, engineWithoutATimerTouchesNoOtherTimer) {
     timer_t const timer_of_another_engine = m_timers.created_timer;
     {
         Fault const fault(inject_timer_create, EAGAIN);
-        Engine engine(SIGNAL + 1, "Other", vesk::sched::Attr());
+        Engine engine(SIGNAL + 1, "Other", Attr());
         EXPECT_TRUE(chainIs({}));
         Bell bell(engine, m_rung);
         engine.add(&bell.alarm, Duration(10));
@@ -614,7 +611,7 @@ TEST(AlarmTimerLife, threadAndHandlerExistBeforeTheTimerAndTheThreadEndsBeforeIt
     timers.on_delete = [&] { check(threads); };
     EXPECT_FALSE(isCaught(SIGNAL));
     {
-        Engine const engine(SIGNAL, "Engine", vesk::sched::Attr());
+        Engine const engine(SIGNAL, "Engine", Attr());
         EXPECT_EQ(1, calls);
     }
     EXPECT_EQ(2, calls);
@@ -625,30 +622,28 @@ TEST(AlarmTimerLife, threadAndHandlerExistBeforeTheTimerAndTheThreadEndsBeforeIt
 }
 
 /// The kernel may have raised the signal when the timer is deleted, without a thread having handled it yet.
-TEST(AlarmTimerLife, signalThatIsPendingAtTheEndDoesNotEndTheProcess) {
-    expectInChild([] {
-        KernelTimers timers;
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGNAL);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr); // Also for the engine's thread.
-        timers.on_delete = [] {
-            kill(getpid(), SIGNAL);
-            kill(getpid(), SIGNAL);
-        };
-        { Engine const engine(SIGNAL, "Engine", vesk::sched::Attr()); }
-        EXPECT_EQ(1, timers.deleted);
-        sigset_t pending;
-        sigpending(&pending);
-        EXPECT_EQ(0, sigismember(&pending, SIGNAL));
-        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-    });
+VESK_TEST_BY(expectInChild, AlarmTimerLife, signalThatIsPendingAtTheEndDoesNotEndTheProcess) {
+    KernelTimers timers;
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGNAL);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr); // Also for the engine's thread.
+    timers.on_delete = [] {
+        kill(getpid(), SIGNAL);
+        kill(getpid(), SIGNAL);
+    };
+    { Engine const engine(SIGNAL, "Engine", Attr()); }
+    EXPECT_EQ(1, timers.deleted);
+    sigset_t pending;
+    sigpending(&pending);
+    EXPECT_EQ(0, sigismember(&pending, SIGNAL));
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 TEST(AlarmTimerLife, engineForASignalThatCannotBeCaughtIsCreatedAndDestroyed) {
     KernelTimers const timers; // Keeps SIGKILL from being raised.
     for (int const signal : {0, SIGKILL}) {
-        Engine engine(signal, "Engine", vesk::sched::Attr());
+        Engine engine(signal, "Engine", Attr());
         Rung rung;
         Bell bell(engine, rung);
         engine.add(&bell.alarm, Duration(0));
@@ -661,7 +656,7 @@ TEST(AlarmTimerLife, signalFromElsewhereIsAnEarlyRingAndAlarmsThatArePendingAtTh
     KernelTimers timers;
     Rung rung;
     {
-        Engine engine(SIGNAL, "Engine", vesk::sched::Attr());
+        Engine engine(SIGNAL, "Engine", Attr());
         Bell bell(engine, rung);
         engine.add(&bell.alarm, Duration(3600000));
         timers.take();

@@ -2,6 +2,7 @@
 #include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
 #include "support/Privileges.h"
+#include "support/TestBy.h"
 #include "support/UnlockFault.h"
 #include "threads/SchedSupport.h"
 #include "threads/ThreadSupport.h"
@@ -124,16 +125,12 @@ TEST(ThreadCallerSchedAttrs, realTimeThreadHasItsPriorityAndItsNiceValueIsNotRea
     inPolicy(SCHED_RR, 99, [=] { expectPriority(VESK_SCHED_POLICY_RR, 99); });
 }
 
-class ThreadCallerNice : public testing::TestWithParam<int> {};
-
-TEST_P(ThreadCallerNice, isThatOfTheThreadItself) {
-    inNice(GetParam(), [] { expectCallerAttr(VESK_SCHED_POLICY_NORMAL, 0, GetParam()); });
+TEST(ThreadCallerSchedAttrs, niceValueIsThatOfTheThreadItself) {
+    for (int const nice : {-20, -2, -1, 0, 1, 5, 19}) {
+        SCOPED_TRACE(nice);
+        inNice(nice, [nice] { expectCallerAttr(VESK_SCHED_POLICY_NORMAL, 0, nice); });
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadCallerNice, testing::Values(-20, -2, -1, 0, 1, 5, 19), [](auto const& row) {
-        return (row.param < 0 ? "minus" : "plus") + std::to_string(row.param < 0 ? -row.param : row.param);
-    });
 
 TEST(ThreadCallerSchedAttrs, niceValueIsNotThatOfTheProcess) {
     int const process_nice = getpriority(PRIO_PROCESS, 0);
@@ -438,30 +435,26 @@ void dropSchedulingRights() {
     EXPECT_TRUE(geteuid() != 0 || dropRights());
 }
 
-TEST(ThreadWithoutRights, newThreadInheritsWhatItMayNotHave) {
-    expectInChild([] {
-        dropSchedulingRights();
-        for (Policy_E const policy : {VESK_SCHED_POLICY_FIFO, VESK_SCHED_POLICY_RR}) {
-            Seen const seen = seeIn(policy, 10, 0);
-            EXPECT_EQ(SCHED_OTHER, seen.policy);
-            EXPECT_EQ(0, seen.priority);
-            EXPECT_STREQ("modest", seen.name);
-        }
-        EXPECT_EQ(getNice(), seeIn(NORMAL, 0, getNice() - 1).nice);
-    });
+VESK_TEST_BY(expectInChild, ThreadWithoutRights, newThreadInheritsWhatItMayNotHave) {
+    dropSchedulingRights();
+    for (Policy_E const policy : {VESK_SCHED_POLICY_FIFO, VESK_SCHED_POLICY_RR}) {
+        Seen const seen = seeIn(policy, 10, 0);
+        EXPECT_EQ(SCHED_OTHER, seen.policy);
+        EXPECT_EQ(0, seen.priority);
+        EXPECT_STREQ("modest", seen.name);
+    }
+    EXPECT_EQ(getNice(), seeIn(NORMAL, 0, getNice() - 1).nice);
 }
 
-TEST(ThreadWithoutRights, settingARealTimePolicyAndLoweringANiceValueAreRefused) {
-    expectInChild([] {
-        dropSchedulingRights();
-        HeldThread thread;
-        EXPECT_TRUE(thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_RR, 1)));
-        EXPECT_TRUE(chainIs(schedulingFailed(UNCLASSIFIED, EPERM, NOT_SET)));
-        EXPECT_EQ(SCHED_OTHER, sched_getscheduler(0));
-        EXPECT_TRUE(thread.setPriority(getNice() - 1));
-        // The system fails with EACCES, which is not the row of missing privileges.
-        EXPECT_TRUE(chainIs(schedulingFailed(systemText(EACCES))));
-    });
+VESK_TEST_BY(expectInChild, ThreadWithoutRights, settingARealTimePolicyAndLoweringANiceValueAreRefused) {
+    dropSchedulingRights();
+    HeldThread thread;
+    EXPECT_TRUE(thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_RR, 1)));
+    EXPECT_TRUE(chainIs(schedulingFailed(UNCLASSIFIED, EPERM, NOT_SET)));
+    EXPECT_EQ(SCHED_OTHER, sched_getscheduler(0));
+    EXPECT_TRUE(thread.setPriority(getNice() - 1));
+    // The system fails with EACCES, which is not the row of missing privileges.
+    EXPECT_TRUE(chainIs(schedulingFailed(systemText(EACCES))));
 }
 
 TEST(ThreadWithoutRights, raisingARealTimePriorityIsRefused) {
@@ -847,14 +840,12 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- the main thread ----
 
-TEST(ThreadMainSchedAttrs, areThoseOfTheStartUp) {
-    expectInChild([] {
-        expectAttr(Thread::getMainSchedAttrs(), VESK_SCHED_NOOP, 0, 0);
-        ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 18));
-        vesk::Vesk const vesk(true, false);
-        ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
-        expectAttr(Thread::getMainSchedAttrs(), VESK_SCHED_POLICY_NORMAL, 0, 18);
-    });
+VESK_TEST_BY(expectInChild, ThreadMainSchedAttrs, areThoseOfTheStartUp) {
+    expectAttr(Thread::getMainSchedAttrs(), VESK_SCHED_NOOP, 0, 0);
+    ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 18));
+    vesk::Vesk const vesk(true, false);
+    ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
+    expectAttr(Thread::getMainSchedAttrs(), VESK_SCHED_POLICY_NORMAL, 0, 18);
 }
 
 // ---- the family ----

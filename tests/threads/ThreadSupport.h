@@ -4,6 +4,7 @@
 #include "support/Sanitizers.h"
 #include "support/Threads.h"
 
+#include <vesk/SysError.h>
 #include <vesk/Thread.h>
 
 #include <tarncommon/error/CommonError.h>

@@ -4,6 +4,7 @@
 #include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Privileges.h"
+#include "support/TestBy.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Time.h>
@@ -88,22 +89,16 @@ TEST_F(ThreadTest, isASystemThreadFromTheConstructorOnAndRunsItsBodyWithItsArgum
     EXPECT_NE(Thread::ThreadId::INVALID_THREAD_ID, thread.getThreadId());
     EXPECT_NE(Thread::getCallerThreadId(), thread.getThreadId());
     EXPECT_EQ(nullptr, argument.load());
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
+    runToEnd(thread);
     EXPECT_EQ(&argument, argument.load());
 }
 
-TEST_F(ThreadTest, destroyedWithoutAStartRunsNoBodyAndWaitsForTheEnd) {
-    for (bool const detached : {false, true}) {
-        EXPECT_TRUE(TestThread(m_count, "not started", Attr(), detached).isValid());
-        EXPECT_TRUE(hasThreads(m_threads));
-    }
-    EXPECT_EQ(0, m_runs);
-}
-
-TEST_F(ThreadTest, manyAreDestroyedWithoutAStartAtAnyMoment) {
+TEST_F(ThreadTest, destroyedWithoutAStartAtAnyMomentRunsNoBodyAndWaitsForTheEnd) {
     for (int round = 0; round < 500; ++round) {
-        TestThread const thread(m_count, nullptr, Attr(), round % 2 == 1);
+        bool const detached = round % 2 == 1;
+        EXPECT_TRUE(TestThread(m_count, "not started", Attr(), detached).isValid());
+        EXPECT_TRUE(round > 1 || hasThreads(m_threads));
+        TestThread const thread(m_count, nullptr, Attr(), detached);
         for (volatile int i = 0; i < round * 20; i = i + 1) {}
     }
     EXPECT_EQ(0, m_runs);
@@ -308,30 +303,29 @@ std::string getName() {
     return name;
 }
 
-struct NameRow {
-    char const* given;
-    char const* shown;
-};
-
-class ThreadNames : public ThreadsGone, public testing::WithParamInterface<NameRow> {};
-
-TEST_P(ThreadNames, areShownWithTheirTail) {
-    std::string shown;
-    Body body = [&shown] { shown = getName(); };
-    std::string name = GetParam().given == nullptr ? "" : GetParam().given;
-    Thread thread(run, &body, GetParam().given == nullptr ? nullptr : name.c_str());
-    name.assign(name.size(), '#'); // The thread has a copy.
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-    EXPECT_EQ(GetParam().shown == nullptr ? getName() : GetParam().shown, shown) << "the creator has a name";
+TEST_F(ThreadTest, nameIsShownWithItsTail) {
+    struct {
+        char const* given;
+        std::string shown;
+    } const rows[] = {
+        {"a", "a"},
+        {"fifteen-letters", "fifteen-letters"},
+        {"sixteen--letters", "ixteen--letters"},
+        {"name-of-20-characters", "f-20-characters"},
+        {"abcdefghij0123456789", "fghij0123456789"},
+        {"", ""},
+        {nullptr, getName()}, // That of the creator.
+    };
+    for (auto const& row : rows) {
+        std::string shown;
+        Body body = [&shown] { shown = getName(); };
+        std::string name = row.given == nullptr ? "" : row.given;
+        Thread thread(run, &body, row.given == nullptr ? nullptr : name.c_str());
+        name.assign(name.size(), '#'); // The thread has a copy.
+        runToEnd(thread);
+        EXPECT_EQ(row.shown, shown);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadNames,
-    testing::Values(
-        NameRow{"a", "a"}, NameRow{"fifteen-letters", "fifteen-letters"},
-        NameRow{"sixteen--letters", "ixteen--letters"}, NameRow{"name-of-20-characters", "f-20-characters"},
-        NameRow{"abcdefghij0123456789", "fghij0123456789"}, NameRow{"", ""}, NameRow{nullptr, nullptr}));
 
 // ---- the store of errors ----
 
@@ -759,40 +753,34 @@ TEST_F(ThreadExitHandlers, ofTheMainThreadAreKeptAndNeverCalled) {
 
 // ---- the start-up ----
 
-TEST_F(ThreadTest, startUpStoresTheMainThreadBetweenTheClocksAndTheRest) {
-    expectInChild([] {
-        EXPECT_EQ(Thread::ThreadId::INVALID_THREAD_ID, Thread::s_main_thread_id);
-        g_main_known_at_monotonic = -1;
-        g_main_known_at_wall_clock = -1;
-        vesk::Vesk const vesk(true, false);
+VESK_TEST_BY(expectInChild, ThreadStartUp, storesTheMainThreadBetweenTheClocksAndTheRest) {
+    EXPECT_EQ(Thread::ThreadId::INVALID_THREAD_ID, Thread::s_main_thread_id);
+    g_main_known_at_monotonic = -1;
+    g_main_known_at_wall_clock = -1;
+    vesk::Vesk const vesk(true, false);
+    EXPECT_EQ(Thread::getCallerThreadId(), Thread::s_main_thread_id);
+    EXPECT_EQ(0, g_main_known_at_monotonic) << "Time::init runs before";
+    EXPECT_EQ(1, g_main_known_at_wall_clock) << "Vesk::postInit runs behind";
+}
+
+VESK_TEST_BY(expectInChild, ThreadStartUp, thatFailsEarlierDoesNotStoreTheMainThread) {
+    EventRecorder const recorder;
+    Fault const fault(inject_sigaction, EINVAL);
+    vesk::Vesk const vesk(true, false);
+    EXPECT_EQ(Thread::ThreadId::INVALID_THREAD_ID, Thread::s_main_thread_id);
+    EXPECT_EQ(1u, recorder.getCount());
+}
+
+VESK_TEST_BY(expectInChild, ThreadStartUp, secondOneInAnotherThreadKeepsTheMainThreadAndInitTakesTheCaller) {
+    vesk::Vesk const first(true, false);
+    Thread::ThreadId const main_id = Thread::getCallerThreadId();
+    std::thread([] { vesk::Vesk const second(true, false); }).join();
+    EXPECT_EQ(main_id, Thread::s_main_thread_id);
+    std::thread([] {
+        EXPECT_FALSE(Thread::init());
         EXPECT_EQ(Thread::getCallerThreadId(), Thread::s_main_thread_id);
-        EXPECT_EQ(0, g_main_known_at_monotonic) << "Time::init runs before";
-        EXPECT_EQ(1, g_main_known_at_wall_clock) << "Vesk::postInit runs behind";
-    });
-}
-
-TEST_F(ThreadTest, startUpThatFailsEarlierDoesNotStoreTheMainThread) {
-    expectInChild([] {
-        EventRecorder const recorder;
-        Fault const fault(inject_sigaction, EINVAL);
-        vesk::Vesk const vesk(true, false);
-        EXPECT_EQ(Thread::ThreadId::INVALID_THREAD_ID, Thread::s_main_thread_id);
-        EXPECT_EQ(1u, recorder.getCount());
-    });
-}
-
-TEST_F(ThreadTest, secondStartUpInAnotherThreadKeepsTheMainThreadAndInitTakesTheCaller) {
-    expectInChild([] {
-        vesk::Vesk const first(true, false);
-        Thread::ThreadId const main_id = Thread::getCallerThreadId();
-        std::thread([] { vesk::Vesk const second(true, false); }).join();
-        EXPECT_EQ(main_id, Thread::s_main_thread_id);
-        std::thread([] {
-            EXPECT_FALSE(Thread::init());
-            EXPECT_EQ(Thread::getCallerThreadId(), Thread::s_main_thread_id);
-            EXPECT_TRUE(chainIs({}));
-        }).join();
-    });
+        EXPECT_TRUE(chainIs({}));
+    }).join();
 }
 
 TEST_F(ThreadTest, yieldReportsOnlyAFailure) {
@@ -807,8 +795,7 @@ TEST_F(ThreadTest, yieldReportsOnlyAFailure) {
 
 TEST_F(ThreadTest, holdsTheLowestIntegerInAFieldThatIsNeverRead) {
     Thread thread([](void*) {}, nullptr);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join()); // The thread no longer writes to the object.
+    runToEnd(thread); // The thread no longer writes to the object.
     int32_t words[sizeof(Thread) / sizeof(int32_t)];
     memcpy(words, static_cast<void const*>(&thread), sizeof words);
     EXPECT_NE(std::end(words), std::find(std::begin(words), std::end(words), INT32_MIN));

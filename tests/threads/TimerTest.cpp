@@ -6,6 +6,7 @@
 #include "support/ErrnoRows.h"
 #include "support/Privileges.h"
 #include "support/Processes.h"
+#include "support/TestBy.h"
 
 #include <vesk/Vesk.h>
 
@@ -400,30 +401,28 @@ INSTANTIATE_TEST_SUITE_P(
         WaitingCall{"snoozeOfMany", 6, [](std::unique_ptr<Clock>& own) { own->snooze(); }}),
     RowName());
 
-TEST(Timer, callbacksOfBothPrioritiesMayStopAndStartEachOthersTimers) {
-    expectInChild([] {
-        Clock* clocks[2] = {};
-        Event entered[2];
-        auto const stopOther = [&](Clock& self) {
-            size_t const own = &self == clocks[0] ? 0 : 1;
-            entered[own].set();
-            if (self.count == 0) {
-                EXPECT_TRUE(entered[1 - own].wait());
-            }
-            EXPECT_FALSE(clocks[1 - own]->stop());
-            EXPECT_FALSE(clocks[1 - own]->start(1, true));
-        };
-        Clock low(false, stopOther);
-        Clock high(true, stopOther);
-        clocks[0] = &low;
-        clocks[1] = &high;
-        EXPECT_FALSE(low.start(1, true));
-        EXPECT_FALSE(high.start(1, true));
-        EXPECT_TRUE(low.waitFor(300));
-        EXPECT_TRUE(high.waitFor(300));
-        low.stop();
-        high.stop();
-    });
+VESK_TEST_BY(expectInChild, Timer, callbacksOfBothPrioritiesMayStopAndStartEachOthersTimers) {
+    Clock* clocks[2] = {};
+    Event entered[2];
+    auto const stopOther = [&](Clock& self) {
+        size_t const own = &self == clocks[0] ? 0 : 1;
+        entered[own].set();
+        if (self.count == 0) {
+            EXPECT_TRUE(entered[1 - own].wait());
+        }
+        EXPECT_FALSE(clocks[1 - own]->stop());
+        EXPECT_FALSE(clocks[1 - own]->start(1, true));
+    };
+    Clock low(false, stopOther);
+    Clock high(true, stopOther);
+    clocks[0] = &low;
+    clocks[1] = &high;
+    EXPECT_FALSE(low.start(1, true));
+    EXPECT_FALSE(high.start(1, true));
+    EXPECT_TRUE(low.waitFor(300));
+    EXPECT_TRUE(high.waitFor(300));
+    low.stop();
+    high.stop();
 }
 
 TEST(Timer, anAlarmAndAnOrdinaryTimerShareTheEngineAndItsThread) {
