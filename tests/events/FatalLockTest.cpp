@@ -8,7 +8,6 @@
 #include <vesk/Poller.h>
 #include <vesk/SignalQueue.h>
 
-#include <ostream>
 
 /// What happens if the locks of dispatchers, queues, notifiers and pollers fail.
 
@@ -186,19 +185,14 @@ TEST_P(FatalLock, failureToUnlockIsFatal) {
     std::ErrorStorage::ack();
 }
 
-INSTANTIATE_TEST_SUITE_P(All, FatalLock, testing::ValuesIn(OPERATIONS), support::RowName());
-
-class FatalLockInChild : public testing::TestWithParam<Operation> {};
-
-TEST_P(FatalLockInChild, failureEndsTheProcess) {
-    Objects objects;
-    EXPECT_TRUE(support::abortsWith("error locking", [&] {
+TEST_P(FatalLock, failureEndsTheProcess) {
+    EXPECT_TRUE(support::abortsWith("error locking", [this] {
         Fault const fault(inject_pthread_mutex_lock, EINVAL, GetParam().nth_lock);
-        GetParam().run(objects);
+        GetParam().run(m_objects);
     }));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, FatalLockInChild, testing::ValuesIn(OPERATIONS), support::RowName());
+INSTANTIATE_TEST_SUITE_P(All, FatalLock, testing::ValuesIn(OPERATIONS), support::RowName());
 
 TEST(DispatcherLock, isNotTakenToAddASource) {
     Dispatcher::VanillaNotifier notifier;

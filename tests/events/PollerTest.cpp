@@ -13,7 +13,6 @@
 #include <vesk/Timer.h>
 
 #include <map>
-#include <ostream>
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>

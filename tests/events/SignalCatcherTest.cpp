@@ -28,12 +28,10 @@ sigaction(int signal, struct sigaction const* action, struct sigaction* old) noe
     if (s_before_sigaction) {
         std::exchange(s_before_sigaction, nullptr)();
     }
-    int error = 0;
-    if (inject_sigaction.fails(error)) {
+    if (inject_sigaction.fails()) {
         if (s_old_of_failure != nullptr && old != nullptr) {
             *old = *s_old_of_failure;
         }
-        errno = error;
         return -1;
     }
     using Function = int (*)(int, struct sigaction const*, struct sigaction*);

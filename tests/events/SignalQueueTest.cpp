@@ -14,7 +14,6 @@
 #include <climits>
 #include <cstdint>
 #include <iterator>
-#include <ostream>
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>

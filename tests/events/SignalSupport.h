@@ -67,9 +67,7 @@ extern "C" VESK_UNWATCHED int pipe(int* ends) {
     if (!support::isOfLibrary(__builtin_return_address(0))) {
         return real(ends);
     }
-    int error = 0;
-    if (inject_pipe.fails(error)) {
-        errno = error;
+    if (inject_pipe.fails()) {
         return -1;
     }
     int const result = real(ends);

@@ -229,20 +229,6 @@ TEST_P(LockOpsInit, attributesThatCannotBeDestroyedAreOnlyAWarning) {
 
 INSTANTIATE_TEST_SUITE_P(All, LockOpsInit, testing::Values(&MUTEX, &RWLOCK, &CONDITION), KindName());
 
-TEST(MutexOpsInit, recursiveLockIsFreeAfterAsManyUnlocksAndInheritsPriorityOnlyIfWanted) {
-    pthread_mutex_t mutex;
-    Fault const protocol(inject_pthread_mutexattr_setprotocol, 0);
-    for (int const wanted : {0, 1}) {
-        ASSERT_FALSE(MutexOps::init(&mutex, true, wanted == 1, wanted == 1));
-        EXPECT_EQ(wanted, protocol.getCalls());
-        EXPECT_EQ(0, pthread_mutex_lock(&mutex));
-        EXPECT_EQ(0, pthread_mutex_trylock(&mutex));
-        EXPECT_EQ(0, pthread_mutex_unlock(&mutex));
-        EXPECT_EQ(0, pthread_mutex_unlock(&mutex));
-        EXPECT_FALSE(MutexOps::destroy(&mutex));
-    }
-}
-
 TEST(RWLockOpsInit, privateLockThatCannotBeMadeReportsTheTextOfNumberZero) {
     pthread_rwlock_t lock;
     EXPECT_TRUE(

@@ -225,8 +225,13 @@ TEST(Mutex, recursiveOneIsFreeAfterAsManyUnlocks) {
     EXPECT_TRUE(chainIs({INCONSISTENT}));
 }
 
-TEST(ShmMutex, recursiveOneIsFreeAfterAsManyUnlocks) {
-    RecursiveMutex const mutex;
+template <typename Lock>
+class RecursiveMutexes : public testing::Test {};
+using AllRecursiveMutexes = testing::Types<RecursiveMutex, RecursiveInheritingMutex>;
+TYPED_TEST_SUITE(RecursiveMutexes, AllRecursiveMutexes, LockName);
+
+TYPED_TEST(RecursiveMutexes, areFreeAfterAsManyUnlocks) {
+    TypeParam const mutex;
     EXPECT_FALSE(mutex.lock());
     EXPECT_FALSE(mutex.lock());
     EXPECT_EQ(0, mutex.tryLock());
@@ -354,43 +359,37 @@ TYPED_TEST(RWLocks, writerThatReadsOrWritesIsADeadlock) {
 // ---- guards ----
 
 /// A guard with its lock, the calls below it, and the ids of their failures.
-template <
-    typename GuardType, typename LockType, Injected* LOCK_CALL, Injected* UNLOCK_CALL, int LOCK_ID,
-    int UNLOCK_ID>
+template <typename GuardType, typename LockType, bool READS = false>
 struct Guarded {
     using Guard = GuardType;
     using Lock = LockType;
-    static constexpr Injected* LOCK = LOCK_CALL;
-    static constexpr Injected* UNLOCK = UNLOCK_CALL;
-    static constexpr int LOCK_FAILED = LOCK_ID;
-    static constexpr int UNLOCK_FAILED = UNLOCK_ID;
+    static constexpr bool SPINS = IS_SPIN_LOCK<Lock>;
+    static constexpr bool IS_RW = IS_RWLOCK<Lock>;
+    static constexpr Injected* LOCK = SPINS ? &inject_pthread_spin_lock
+        : !IS_RW                            ? &inject_pthread_mutex_lock
+        : READS                             ? &inject_pthread_rwlock_rdlock
+                                            : &inject_pthread_rwlock_wrlock;
+    static constexpr Injected* UNLOCK = SPINS ? &inject_pthread_spin_unlock
+        : IS_RW                               ? &inject_pthread_rwlock_unlock
+                                              : &inject_pthread_mutex_unlock;
+    // The ids of spin locks mean the opposite of their names.
+    static constexpr int LOCK_FAILED = SPINS ? int(SpinLock::UNLOCK_FAILED)
+        : !IS_RW                             ? int(Mutex::LOCK_FAILED)
+        : READS                              ? int(RWLock::READ_LOCK_FAILED)
+                                             : int(RWLock::WRITE_LOCK_FAILED);
+    static constexpr int UNLOCK_FAILED = SPINS ? int(SpinLock::LOCK_FAILED)
+        : IS_RW                                ? int(RWLock::UNLOCK_FAILED)
+                                               : int(Mutex::UNLOCK_FAILED);
 };
-template <typename Guard, typename Lock>
-using OfMutex = Guarded<
-    Guard, Lock, &inject_pthread_mutex_lock, &inject_pthread_mutex_unlock, Mutex::LOCK_FAILED,
-    Mutex::UNLOCK_FAILED>;
-template <typename Guard, typename Lock>
-using OfReader = Guarded<
-    Guard, Lock, &inject_pthread_rwlock_rdlock, &inject_pthread_rwlock_unlock, RWLock::READ_LOCK_FAILED,
-    RWLock::UNLOCK_FAILED>;
-template <typename Guard, typename Lock>
-using OfWriter = Guarded<
-    Guard, Lock, &inject_pthread_rwlock_wrlock, &inject_pthread_rwlock_unlock, RWLock::WRITE_LOCK_FAILED,
-    RWLock::UNLOCK_FAILED>;
-// The ids of spin locks mean the opposite of their names.
-template <typename Guard, typename Lock>
-using OfSpinLock = Guarded<
-    Guard, Lock, &inject_pthread_spin_lock, &inject_pthread_spin_unlock, SpinLock::UNLOCK_FAILED,
-    SpinLock::LOCK_FAILED>;
 
-struct MutexLock : OfMutex<vesk::MutexLock, Mutex> {};
-struct ShmMutexLock : OfMutex<vesk::ShmMutexLock, ShmMutex> {};
-struct RWLockForRead : OfReader<vesk::RWLockForRead, RWLock> {};
-struct RWLockForWrite : OfWriter<vesk::RWLockForWrite, RWLock> {};
-struct ShmRWLockForRead : OfReader<vesk::ShmRWLockForRead, ShmRWLock> {};
-struct ShmRWLockForWrite : OfWriter<vesk::ShmRWLockForWrite, ShmRWLock> {};
-struct SpinLockGuard : OfSpinLock<vesk::SpinLockGuard, SpinLock> {};
-struct ShmSpinLockGuard : OfSpinLock<vesk::ShmSpinLockGuard, ShmSpinLock> {};
+struct MutexLock : Guarded<vesk::MutexLock, Mutex> {};
+struct ShmMutexLock : Guarded<vesk::ShmMutexLock, ShmMutex> {};
+struct RWLockForRead : Guarded<vesk::RWLockForRead, RWLock, true> {};
+struct RWLockForWrite : Guarded<vesk::RWLockForWrite, RWLock> {};
+struct ShmRWLockForRead : Guarded<vesk::ShmRWLockForRead, ShmRWLock, true> {};
+struct ShmRWLockForWrite : Guarded<vesk::ShmRWLockForWrite, ShmRWLock> {};
+struct SpinLockGuard : Guarded<vesk::SpinLockGuard, SpinLock> {};
+struct ShmSpinLockGuard : Guarded<vesk::ShmSpinLockGuard, ShmSpinLock> {};
 
 template <typename T>
 class Guards : public testing::Test {

@@ -7,7 +7,7 @@
 #include "support/ErrnoRows.h"
 #include "support/NewFault.h"
 #include "support/Privileges.h"
-#include "support/Processes.h"
+#include "support/Sleeper.h"
 #include "support/TestBy.h"
 
 #include <vesk/Dispatcher.h>
@@ -78,6 +78,20 @@ protected:
         m_timers.take();
         EXPECT_EQ(rung, ringAt(since_start));
         EXPECT_EQ(armed, m_timers.take());
+    }
+    /// Rings at that time. Checks what the ring throws and arms, and that another thread can lock the engine then.
+    template <typename Exception>
+    void expectThrow(long long since_start, Spans const& armed = {}, int nth_allocation = 0) {
+        setTime(since_start);
+        m_timers.take();
+        {
+            NewFault const fault(New::SINGLE, std::max(nth_allocation, 1), nth_allocation == 0 ? 0 : 1);
+            EXPECT_THROW(Engine::ring(&m_engine), Exception);
+        }
+        EXPECT_EQ(armed, m_timers.take());
+        Bell unknown(m_engine, m_rung);
+        Sleeper other([&] { remove(unknown); });
+        EXPECT_TRUE(eventually([&other] { return other.isDone(); }));
     }
     void expectNothingPending() { expectRing(1000000000, {}); }
 
@@ -438,18 +452,6 @@ TEST_F(AlarmTimer, readsOnlyTheMonotonicClockAndOnlyToAddAndToRing) {
 
 // ---- failures ----
 
-/// Returns whether another thread can lock the engine.
-bool isUnlocked(Engine& engine, Alarm& alarm) {
-    Event done;
-    std::thread other([&] {
-        engine.remove(&alarm);
-        done.set();
-    });
-    bool const unlocked = done.wait();
-    other.join();
-    return unlocked;
-}
-
 TEST_F(AlarmTimer, resultOfTheSystemCallDoesNotMatter) {
     KernelTimers const all(KernelTimers::ALL);
     Fault const fault(inject_timer_settime, EINVAL, 1, Fault::FOREVER);
@@ -481,12 +483,7 @@ TEST_F(AlarmTimer, engineWithoutATimerTouchesNoOtherTimer) {
 TEST_F(AlarmTimer, ringWithoutMemoryThrowsAndChangesNothing) {
     add(m_a, 100);
     add(m_b, 200);
-    setTime(100);
-    {
-        NewFault const fault(New::SINGLE);
-        EXPECT_THROW(Engine::ring(&m_engine), std::bad_alloc);
-    }
-    EXPECT_TRUE(isUnlocked(m_engine, m_c.alarm));
+    expectThrow<std::bad_alloc>(100, {}, 1);
     expectRing(100, {&m_a}, {ms(100)});
 }
 
@@ -515,14 +512,7 @@ TEST_F(AlarmTimer, messageWithoutMemoryLeavesTheEngineArmedAndUnlocked) {
     Bell bell(m_engine, m_rung, &sink);
     add(bell, 100);
     add(m_b, 300);
-    m_timers.take();
-    setTime(100);
-    {
-        NewFault const fault(New::SINGLE, 2);
-        EXPECT_THROW(Engine::ring(&m_engine), std::bad_alloc);
-    }
-    EXPECT_EQ(Spans{ms(200)}, m_timers.take());
-    EXPECT_TRUE(isUnlocked(m_engine, m_c.alarm));
+    expectThrow<std::bad_alloc>(100, {ms(200)}, 2);
     EXPECT_EQ(Rung{&m_b}, ringAt(300));
 }
 
@@ -531,9 +521,7 @@ TEST_F(AlarmTimer, sinkThatThrowsLosesNoMemory) {
     sink.throws = true;
     Bell bell(m_engine, m_rung, &sink);
     add(bell, 100);
-    setTime(100);
-    EXPECT_THROW(Engine::ring(&m_engine), std::runtime_error); // The address sanitizer sees the message.
-    EXPECT_TRUE(isUnlocked(m_engine, m_c.alarm));
+    expectThrow<std::runtime_error>(100); // The address sanitizer sees the message.
     expectNothingPending();
 }
 
@@ -542,12 +530,8 @@ TEST_F(AlarmTimer, callbackThatThrowsLeavesTheEngineArmedAndUnlocked) {
     add(m_a, 100);
     add(m_b, 100);
     add(m_c, 400);
-    m_timers.take();
-    setTime(100);
-    EXPECT_THROW(Engine::ring(&m_engine), std::runtime_error);
-    EXPECT_EQ(Spans{ms(300)}, m_timers.take());
+    expectThrow<std::runtime_error>(100, {ms(300)});
     Bell other(m_engine, m_rung);
-    EXPECT_TRUE(isUnlocked(m_engine, other.alarm));
     add(other, 250);
     EXPECT_EQ(Spans{ms(250)}, m_timers.take());
     EXPECT_EQ(Rung{&other}, ringAt(350));

@@ -57,6 +57,11 @@ VESK_INJECT(
 VESK_INJECT(int, return error, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), holdLock())
 VESK_INJECT_ERRNO(char*, nullptr, strdup, (char const* text), (text))
 VESK_INJECT_RESULT(pthread_attr_init, (pthread_attr_t * a), (a))
+VESK_INJECT_RESULT(pthread_attr_setinheritsched, (pthread_attr_t * a, int inherit), (a, inherit))
+VESK_INJECT_RESULT(pthread_attr_setschedpolicy, (pthread_attr_t * a, int policy), (a, policy))
+VESK_INJECT_RESULT(pthread_attr_setschedparam, (pthread_attr_t * a, sched_param const* param), (a, param))
+VESK_INJECT_RESULT(
+    pthread_getschedparam, (pthread_t thread, int* policy, sched_param* param), (thread, policy, param))
 VESK_INJECT_RESULT(pthread_attr_destroy, (pthread_attr_t * a), (a))
 VESK_INJECT_RESULT(pthread_attr_setdetachstate, (pthread_attr_t * a, int state), (a, state))
 VESK_INJECT_RESULT(pthread_join, (pthread_t thread, void** result), (thread, result))
@@ -72,6 +77,7 @@ VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * c), (c))
 namespace {
 
 using namespace support;
+using namespace vesk::sched;
 using vesk::Mutex;
 
 constexpr Fault::Threads OTHERS = Fault::Threads::OTHERS;
@@ -101,9 +107,11 @@ struct CreationRow {
     char const* name;
     Injected* function;
     std::vector<int> errors;
-    int times;
+    int calls; ///< For missing rights and invalid parameters the thread is created twice.
     SysErrorId::Id id;
     char const* text;
+    Policy_E policy = VESK_SCHED_NOOP; ///< That makes the call that fails.
+    int nth = 1;
     int error = 0;
 };
 
@@ -118,12 +126,13 @@ TEST_P(ThreadCreationRows, leaveAnInvalidObject) {
             leaveOlderReport();
         }
         {
-            Fault const fault(*row.function, row.error, 1, row.times);
-            Thread const thread(doNothing, nullptr, "name");
+            Attr attributes;
+            attributes.policy = row.policy;
+            Fault const fault(*row.function, row.error, row.nth, row.calls);
+            Thread const thread(doNothing, nullptr, "name", attributes, false);
             EXPECT_FALSE(thread.isValid());
             EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-            EXPECT_EQ(row.times, fault.getCalls())
-                << "a second try for missing rights and invalid parameters";
+            EXPECT_EQ(row.nth + row.calls - 1, fault.getCalls());
         }
         std::vector<ExpectedReport> expected = {
             {row.id, rowText(row.id, systemText(row.error))},
@@ -144,6 +153,15 @@ Injected* const ATTR_INIT = &inject_pthread_attr_init;
 Injected* const DETACH_STATE = &inject_pthread_attr_setdetachstate;
 Injected* const CREATE = &inject_pthread_create;
 constexpr auto UNCLASSIFIED = SysErrorId::UNCLASSIFIED;
+Injected* const INHERIT = &inject_pthread_attr_setinheritsched;
+Injected* const READ = &inject_pthread_getschedparam;
+Injected* const SET_POLICY = &inject_pthread_attr_setschedpolicy;
+Injected* const SET_PARAM = &inject_pthread_attr_setschedparam;
+constexpr auto INVALID = SysErrorId::INVALID_PARAMETER;
+constexpr Policy_E KEEP = VESK_SCHED_POLICY_KEEP;
+constexpr Policy_E HIGH = VESK_SCHED_CLASS_HIGH;
+constexpr char const* NO_INHERITANCE = "setting scheduler inheritance failed";
+constexpr char const* NO_ATTRIBUTES = "setting scheduling attributes failed";
 constexpr char const* NO_INIT = "attribute init failed";
 constexpr char const* NO_STATE = "Error setting detached state";
 constexpr char const* NO_THREAD = "thread creation failed";
@@ -154,6 +172,14 @@ INSTANTIATE_TEST_SUITE_P(
         {"attrInit", ATTR_INIT, {ENOMEM}, 1, SysErrorId::OUT_OF_MEMORY, NO_INIT},
         {"attrInit", ATTR_INIT, {EINVAL}, 1, UNCLASSIFIED, NO_INIT},
         {"setdetachstate", DETACH_STATE, {EINVAL, ENOMEM}, 1, UNCLASSIFIED, NO_STATE},
+        {"setinheritsched", INHERIT, {EINVAL, EPERM}, 1, UNCLASSIFIED, NO_INHERITANCE, KEEP},
+        {"secondSetinheritsched", INHERIT, {EINVAL, ENOTSUP}, 1, UNCLASSIFIED, NO_INHERITANCE, HIGH, 2},
+        {"getschedparam", READ, {EINVAL}, 1, INVALID, NO_ATTRIBUTES, KEEP},
+        {"getschedparam", READ, {ESRCH}, 1, UNCLASSIFIED, NO_ATTRIBUTES, KEEP},
+        {"setschedpolicy", SET_POLICY, {EINVAL}, 1, INVALID, NO_ATTRIBUTES, KEEP},
+        {"setschedpolicy", SET_POLICY, {ENOTSUP}, 1, UNCLASSIFIED, NO_ATTRIBUTES, KEEP},
+        {"setschedparam", SET_PARAM, {EINVAL}, 1, INVALID, NO_ATTRIBUTES, KEEP},
+        {"setschedparam", SET_PARAM, {ENOTSUP}, 1, UNCLASSIFIED, NO_ATTRIBUTES, KEEP},
         {"create", CREATE, {EPERM}, 2, SysErrorId::PERMISSION_DENIED, NO_THREAD},
         {"create", CREATE, {EAGAIN}, 1, SysErrorId::RESOURCES_EXHAUSTED, NO_THREAD},
         {"create", CREATE, {EINVAL}, 2, UNCLASSIFIED, NO_THREAD},
@@ -163,7 +189,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(ThreadFailure, secondTryForMissingRightsAndInvalidParametersInheritsItsScheduling) {
     Attr attributes;
-    attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
+    attributes.policy = VESK_SCHED_POLICY_NORMAL;
     for (int const error : {EPERM, EINVAL}) {
         SCOPED_TRACE(error);
         leaveOlderReport();
@@ -190,7 +216,7 @@ TEST_F(ThreadFailure, invalidObjectRefusesEverythingThatLooksAtItsState) {
     EXPECT_TRUE(thread.terminate());
     EXPECT_FALSE(thread.wakeup());
     EXPECT_FALSE(thread.setPriority(1));
-    EXPECT_TRUE(thread.setSchedAttrs({vesk::sched::VESK_SCHED_POLICY_NORMAL, {}})) << "there is no thread";
+    EXPECT_TRUE(thread.setSchedAttrs({VESK_SCHED_POLICY_NORMAL, {}})) << "there is no thread";
     std::ErrorStorage::ack();
 }
 
@@ -246,8 +272,12 @@ int start(Thread& thread) {
 constexpr auto join = [](Thread& thread) -> int { return thread.join(); };
 constexpr auto joinTimeout = [](Thread& thread) -> int { return thread.joinTimeout(60000); };
 constexpr auto wakeup = [](Thread& thread) -> int { return thread.wakeup(); };
-constexpr auto suspend = [](Thread& thread) -> int { return thread.suspend(0); };
-constexpr auto suspendFor1Ms = [](Thread& thread) -> int { return thread.suspend(1); };
+int suspend(Thread& thread) {
+    return thread.suspend(0);
+}
+int suspendFor1Ms(Thread& thread) {
+    return thread.suspend(1);
+}
 
 class ThreadRows : public ThreadFailure, public testing::WithParamInterface<Row> {
 protected:
@@ -264,11 +294,15 @@ protected:
 };
 
 TEST_P(ThreadRows, reportAndLeaveAThreadThatCanBeJoined) {
-    TestThread thread(m_wait);
-    if (GetParam().state != Thread::CREATED && GetParam().operation != start) {
+    Row const& row = GetParam();
+    bool const by_itself = row.operation == suspend || row.operation == suspendFor1Ms;
+    TestThread thread([&, this] { by_itself ? check(self()) : m_wait(); });
+    if (row.state != Thread::CREATED && row.operation != start) {
         EXPECT_FALSE(thread.start());
     }
-    check(thread);
+    if (!by_itself) {
+        check(thread);
+    }
     if (thread.getThreadState() == Thread::CREATED) {
         EXPECT_FALSE(thread.start());
     }
@@ -304,18 +338,6 @@ INSTANTIATE_TEST_SUITE_P(
         {"timedJoin", TIMED_JOIN, 1, {ETIMEDOUT}, joinTimeout, 1, {OLDER}, RUNNING},
         {"wakeupLock", LOCK, 1, {EINVAL}, wakeup, 1, {WAKEUP_FAILED}, CREATED},
         {"wakeupUnlock", UNLOCK, 1, {EPERM}, wakeup, 1, {WAKEUP_FAILED}, CREATED},
-    })),
-    ErrnoName());
-
-class ThreadRowsInside : public ThreadRows {};
-
-TEST_P(ThreadRowsInside, reportFromTheThreadItself) {
-    runInThread([this] { check(self()); });
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadRowsInside,
-    testing::ValuesIn(eachErrno<Row>({
         {"suspendLock", LOCK, 1, {EINVAL}, suspend, 1, {INCONSISTENT, SUSPEND_FAILED}, RUNNING},
         {"suspendUnlock", UNLOCK, 2, {EPERM}, suspendFor1Ms, 1, {INCONSISTENT, SUSPEND_FAILED}, SUSPENDED},
     })),

@@ -15,7 +15,6 @@
 
 #include <csignal>
 #include <cstdio>
-#include <grp.h>
 #include <memory>
 #include <optional>
 
@@ -321,63 +320,17 @@ Seen seeIn(Policy_E policy, int priority, int nice) {
     return seen;
 }
 
-std::vector<ExpectedReport> notCreated(SysErrorId::Id cause, int error, std::string const& text) {
-    return {
-        {cause, rowText(cause, systemText(error))},
-        {Thread::ErrorId::CREATE_FAILED, "Thread creation failed: " + text}};
-}
-
-constexpr char const* NO_INHERITANCE = "setting scheduler inheritance failed";
-constexpr char const* NO_ATTRIBUTES = "setting scheduling attributes failed";
-
 TEST(ThreadCreation, priorityOutOfRangeIsAnInvalidParameter) {
     leaveOlderReport();
     Thread const thread(doNothing, nullptr, nullptr, makeAttr(VESK_SCHED_POLICY_RR, 1000), false);
     EXPECT_FALSE(thread.isValid());
-    EXPECT_TRUE(chainIs(notCreated(SysErrorId::INVALID_PARAMETER, EINVAL, NO_ATTRIBUTES)));
+    auto const id = SysErrorId::INVALID_PARAMETER;
+    EXPECT_TRUE(chainIs(
+        {{id, rowText(id, systemText(EINVAL))},
+         {Thread::ErrorId::CREATE_FAILED, "Thread creation failed: setting scheduling attributes failed"}}));
 }
 
-struct FailedCreationRow {
-    char const* name;
-    Injected* function;
-    int nth;
-    Policy_E policy; ///< That makes this call.
-    std::vector<int> errors;
-    SysErrorId::Id id;
-    char const* text;
-    int error = 0;
-};
-
-class ThreadCreationSchedRows : public testing::TestWithParam<FailedCreationRow> {};
-
-TEST_P(ThreadCreationSchedRows, leaveAnInvalidObject) {
-    FailedCreationRow const& row = GetParam();
-    leaveOlderReport();
-    Fault const fault(*row.function, row.error, row.nth);
-    Thread const thread(doNothing, nullptr, "name", makeAttr(row.policy), false);
-    EXPECT_FALSE(thread.isValid());
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-    EXPECT_EQ(row.nth, fault.getCalls());
-    EXPECT_TRUE(chainIs(notCreated(row.id, row.error, row.text)));
-}
-
-constexpr Policy_E HIGH = VESK_SCHED_CLASS_HIGH;
 constexpr auto UNCLASSIFIED = SysErrorId::UNCLASSIFIED;
-constexpr auto INVALID = SysErrorId::INVALID_PARAMETER;
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadCreationSchedRows,
-    testing::ValuesIn(eachErrno<FailedCreationRow>({
-        {"setinheritsched", INHERIT, 1, KEEP, {EINVAL, EPERM}, UNCLASSIFIED, NO_INHERITANCE},
-        {"secondSetinheritsched", INHERIT, 2, HIGH, {EINVAL, ENOTSUP}, UNCLASSIFIED, NO_INHERITANCE},
-        {"getschedparam", READ, 1, KEEP, {EINVAL}, INVALID, NO_ATTRIBUTES},
-        {"getschedparam", READ, 1, KEEP, {ESRCH}, UNCLASSIFIED, NO_ATTRIBUTES},
-        {"setschedpolicy", SET_POLICY, 1, KEEP, {EINVAL}, INVALID, NO_ATTRIBUTES},
-        {"setschedpolicy", SET_POLICY, 1, KEEP, {ENOTSUP}, UNCLASSIFIED, NO_ATTRIBUTES},
-        {"setschedparam", SET_PARAM, 1, KEEP, {EINVAL}, INVALID, NO_ATTRIBUTES},
-        {"setschedparam", SET_PARAM, 1, KEEP, {ENOTSUP}, UNCLASSIFIED, NO_ATTRIBUTES},
-    })),
-    ErrnoName());
 
 TEST(ThreadCreation, niceValueIsLeftAloneInARealTimeThread) {
     inPolicy(SCHED_RR, 4, [] {
