@@ -249,7 +249,13 @@ void startOnce(TestAlarm& alarm, unsigned int ms) {
 template <typename T>
 class TimersAndAlarms : public testing::Test {};
 using AllKinds = testing::Types<LowTimer, HighTimer, DefaultAlarm>;
-TYPED_TEST_SUITE(TimersAndAlarms, AllKinds);
+struct KindName {
+    template <typename T>
+    static std::string GetName(int i) {
+        return i == 0 ? "LowTimer" : i == 1 ? "HighTimer" : "DefaultAlarm";
+    }
+};
+TYPED_TEST_SUITE(TimersAndAlarms, AllKinds, KindName);
 
 TYPED_TEST(TimersAndAlarms, theLastOneEndsTheThreadAndANewOneStartsANewOne) {
     for (int i = 0; i < 3; ++i) {
