@@ -402,6 +402,7 @@ INSTANTIATE_TEST_SUITE_P(
     })),
     ErrnoName());
 
+// A lock that fails reports the row of unlocking, and the reverse.
 INSTANTIATE_TEST_SUITE_P(
     SpinLock, LockOpsRows,
     testing::ValuesIn(eachErrno<Row>({
@@ -452,14 +453,6 @@ INSTANTIATE_TEST_SUITE_P(
         {"signal", COND_SIGNAL, {EPERM, EBUSY}, 1, {SysErrorId::UNCLASSIFIED, NOT_SIGNALED}},
     })),
     ErrnoName());
-
-TEST(SpinLockOps, failedLockReportsTheRowOfUnlockingAndTheReverse) {
-    EXPECT_TRUE(SpinLockOps::handleLockError(EINVAL));
-    EXPECT_TRUE(
-        chainIs({{SpinLock::ErrorId::UNLOCK_FAILED, "SpinLock unlock failed: " + systemText(EINVAL)}}));
-    EXPECT_TRUE(SpinLockOps::handleUnlockError(EINVAL));
-    EXPECT_TRUE(chainIs({{SpinLock::ErrorId::LOCK_FAILED, "SpinLock lock failed: " + systemText(EINVAL)}}));
-}
 
 // ---- what the locks make of a system call that fails ----
 

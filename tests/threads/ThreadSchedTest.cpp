@@ -37,6 +37,7 @@ using namespace support;
 using namespace vesk::sched;
 using vesk::Mutex;
 
+constexpr auto UNCLASSIFIED = SysErrorId::UNCLASSIFIED;
 constexpr int LOWEST_INT = -2147483647 - 1;
 
 Attr makeAttr(Policy_E policy, int priority = 0, int nice = 0) {
@@ -329,8 +330,6 @@ TEST(ThreadCreation, priorityOutOfRangeIsAnInvalidParameter) {
         {{id, rowText(id, systemText(EINVAL))},
          {Thread::ErrorId::CREATE_FAILED, "Thread creation failed: setting scheduling attributes failed"}}));
 }
-
-constexpr auto UNCLASSIFIED = SysErrorId::UNCLASSIFIED;
 
 TEST(ThreadCreation, niceValueIsLeftAloneInARealTimeThread) {
     inPolicy(SCHED_RR, 4, [] {
