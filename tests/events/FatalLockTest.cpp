@@ -8,7 +8,6 @@
 #include <vesk/Poller.h>
 #include <vesk/SignalQueue.h>
 
-
 /// What happens if the locks of dispatchers, queues, notifiers and pollers fail.
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
