@@ -1,31 +1,16 @@
-#include "FatalSupport.h"
-#include "support/Chain.h"
+#include "support/Aborts.h"
+#include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
-#include "support/Inject.h"
+#include "support/UnlockFault.h"
 
 #include <tarncommon/error/ErrorStorage.h>
 #include <vesk/Dispatcher.h>
 #include <vesk/Poller.h>
 #include <vesk/SignalQueue.h>
 
-#include <ostream>
-
 /// What happens if the locks of dispatchers, queues, notifiers and pollers fail.
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
-
-support::Injected inject_pthread_mutex_unlock("pthread_mutex_unlock");
-extern "C" VESK_UNWATCHED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    int error = 0;
-    bool const fails = inject_pthread_mutex_unlock.fails(error);
-    if (fails && error == EPERM) {
-        return error;
-    }
-    // Other failures release the lock, so that it can be destroyed.
-    int const result =
-        reinterpret_cast<int (*)(pthread_mutex_t*)>(inject_pthread_mutex_unlock.getReal())(mutex);
-    return fails ? error : result;
-}
 
 namespace {
 
@@ -156,6 +141,7 @@ protected:
     static std::string text(char const* message) {
         return std::string("ABORT framework/src/vesk/") + GetParam().place + ": " + message;
     }
+    void TearDown() override { support::g_failing_unlock_unlocks = true; }
     static bool isOfDispatcher() { return std::string(GetParam().name).find("Dispatcher") == 0; }
 
     EventRecorder m_recorder;
@@ -165,7 +151,8 @@ protected:
 TEST_P(FatalLock, failureToLockIsFatalAndTheOperationContinues) {
     {
         Fault const lock(inject_pthread_mutex_lock, EINVAL, GetParam().nth_lock);
-        // The first unlock is that of the recorder.
+        // The first unlock is that of the recorder. A plain mutex that is not locked must not be unlocked.
+        support::g_failing_unlock_unlocks = false;
         Fault const unlock(inject_pthread_mutex_unlock, checksOwner() ? 0 : EPERM, 2);
         GetParam().run(m_objects);
     }
@@ -182,6 +169,7 @@ TEST_P(FatalLock, failureToLockIsFatalAndTheOperationContinues) {
 
 TEST_P(FatalLock, failureToUnlockIsFatal) {
     {
+        support::g_failing_unlock_unlocks = !checksOwner(); // Else it is destroyed while it is locked.
         Fault const fault(inject_pthread_mutex_unlock, checksOwner() ? EPERM : EINVAL, GetParam().nth_unlock);
         GetParam().run(m_objects);
     }
@@ -196,23 +184,14 @@ TEST_P(FatalLock, failureToUnlockIsFatal) {
     std::ErrorStorage::ack();
 }
 
-INSTANTIATE_TEST_SUITE_P(All, FatalLock, testing::ValuesIn(OPERATIONS), [](auto const& row) {
-    return row.param.name;
-});
-
-class FatalLockInChild : public testing::TestWithParam<Operation> {};
-
-TEST_P(FatalLockInChild, failureEndsTheProcess) {
-    Objects objects;
-    EXPECT_TRUE(support::abortsWith("error locking", [&] {
+TEST_P(FatalLock, failureEndsTheProcess) {
+    EXPECT_TRUE(support::abortsWith("error locking", [this] {
         Fault const fault(inject_pthread_mutex_lock, EINVAL, GetParam().nth_lock);
-        GetParam().run(objects);
+        GetParam().run(m_objects);
     }));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, FatalLockInChild, testing::ValuesIn(OPERATIONS), [](auto const& row) {
-    return row.param.name;
-});
+INSTANTIATE_TEST_SUITE_P(All, FatalLock, testing::ValuesIn(OPERATIONS), support::RowName());
 
 TEST(DispatcherLock, isNotTakenToAddASource) {
     Dispatcher::VanillaNotifier notifier;

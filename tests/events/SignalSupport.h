@@ -35,7 +35,7 @@
 #include <vector>
 
 /// Support for tests of signals and self-pipes. Must be included in exactly one file of a test program,
-/// because it replaces `pipe`.
+/// because it replaces `pipe` and `close`.
 
 namespace support {
 
@@ -44,6 +44,14 @@ constexpr std::chrono::seconds DEADLINE(30);
 /// The last pipe that the library made, and how many it has made.
 inline int s_pipe[2] = {-1, -1};
 inline std::atomic<int> s_pipes{0};
+
+/// The descriptors that were closed, if it is set.
+inline std::vector<int>* s_closed = nullptr;
+inline void noteClosed(int fd) {
+    if (s_closed != nullptr) {
+        s_closed->push_back(fd);
+    }
+}
 
 /// Returns whether code of the library is at an address. A sanitizer's runtime calls replaced functions too.
 inline bool isOfLibrary(void const* address) {
@@ -59,9 +67,7 @@ extern "C" VESK_UNWATCHED int pipe(int* ends) {
     if (!support::isOfLibrary(__builtin_return_address(0))) {
         return real(ends);
     }
-    int error = 0;
-    if (inject_pipe.fails(error)) {
-        errno = error;
+    if (inject_pipe.fails()) {
         return -1;
     }
     int const result = real(ends);
@@ -70,6 +76,8 @@ extern "C" VESK_UNWATCHED int pipe(int* ends) {
     ++support::s_pipes;
     return result;
 }
+
+VESK_INJECT_NOTING(int, -1, close, (int fd), (fd), support::noteClosed(fd))
 
 namespace support {
 
