@@ -1,7 +1,6 @@
-#include "FileTests.h"
+#include "FileSteps.h"
 #include "support/NewFault.h"
 
-#include <tarncommon/error/ErrorOutput.h>
 #include <vesk/SerialPort.h>
 
 #include <cstdlib>
@@ -92,7 +91,20 @@ private:
 
 class SerialPortTest : public FileTest {
 protected:
+    SerialPortTest() {
+        m_steps.verbs["open"] = m_steps.operation([this](Words const&) { return m_used->open(); });
+        m_steps.verbs["send"] = Steps::check([this](Words const& words) { m_terminal.send(words[1]); });
+        m_steps.verbs["receive"] = Steps::check(
+            [this](Words const& words) { EXPECT_EQ(words[1], m_terminal.receive(words[1].size())); });
+        m_steps.calls["tcdrain"] = &inject_tcdrain;
+    }
     void TearDown() override { s_only_records = false; }
+
+    /// Performs steps on a port. They may also use the other end of the line ("send TEXT", "receive TEXT").
+    void run(SerialPort& port, StepList const& steps) {
+        m_used = &port;
+        m_steps.run(port, steps);
+    }
 
     /// Checks that `open` has failed to configure the line, and its reports after those of `before`.
     testing::AssertionResult isRefused(int error, std::vector<ExpectedReport> before = {}) const {
@@ -102,14 +114,13 @@ protected:
         return hasFailed(m_port, before);
     }
 
-    /// Leaves a report pending.
-    static void reportEarlierFailure() { std::ErrorOutput("earlier", 1, true)(SysErrorId::NO_SUCH_PROCESS); }
-
     PseudoTerminal m_terminal;
     SerialPort m_port{m_terminal.getPath()};
     /// Reads ahead, and has no buffer for writing.
     SerialPort m_reader{m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 16, 0};
     SerialPort m_writer{m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 0, 16};
+    SerialPort* m_used = nullptr; ///< The port of the steps.
+    Steps m_steps{m_folder, m_dir};
 };
 
 class OpenSerialPort : public SerialPortTest {
@@ -136,21 +147,18 @@ TEST_F(SerialPortTest, keepsItsSettingsWithoutAccessToTheDevice) {
     EXPECT_EQ(std::make_tuple("/other", 300U, Parity::EVEN, 1, false, true), get_settings());
 }
 
-TEST_F(SerialPortTest, passesTheBufferSizesOn) {
+struct Slots : SerialPort {
+    using SerialPort::performFlush;
+    using SerialPort::StreamBinFileRW::checkWriteBufferConsistency;
+};
+
+TEST_F(SerialPortTest, passesTheBufferSizesOnAndHasItsOwnFlush) {
     EXPECT_FALSE(m_port.isInputBuffered());
     EXPECT_FALSE(m_port.isOutputBuffered());
     EXPECT_TRUE(m_reader.isInputBuffered());
     EXPECT_FALSE(m_reader.isOutputBuffered());
     EXPECT_FALSE(m_writer.isInputBuffered());
     EXPECT_TRUE(m_writer.isOutputBuffered());
-}
-
-struct Slots : SerialPort {
-    using SerialPort::performFlush;
-    using SerialPort::StreamBinFileRW::checkWriteBufferConsistency;
-};
-
-TEST_F(SerialPortTest, flushFollowsTheOperationsOfTheBaseInItsSlot) {
     EXPECT_EQ(7, getSlot(&Slots::checkWriteBufferConsistency));
     EXPECT_EQ(8, getSlot(&Slots::performFlush));
 }
@@ -175,7 +183,7 @@ TEST_P(SerialPortBadSettings, areRefusedBeforeTheDeviceIsOpenedButCloseAnOpenPor
         Calls const none(inject_open, 0);
         port.setParity(GetParam().parity);
         port.setDevice(GetParam().device.empty() ? "" : m_terminal.getPath());
-        reportEarlierFailure();
+        leaveOlderReport();
         EXPECT_TRUE(port.open());
         EXPECT_FALSE(port.isValid());
         EXPECT_TRUE(hasFailed(port, {GetParam().report}));
@@ -353,7 +361,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Combine(testing::Values(&inject_tcsetattr), testing::Values(EINTR, EINVAL, EIO)));
 
 TEST_F(SerialPortTest, refusalIsReportedOnTopOfAnEarlierFailureAndOfAFailureToCloseTheLine) {
-    reportEarlierFailure();
+    leaveOlderReport();
     Fault const refused(inject_tcgetattr, EIO, 1, 2);
     EXPECT_TRUE(m_port.open());
     EXPECT_TRUE(isRefused(EIO, {SysErrorId::NO_SUCH_PROCESS}));
@@ -380,36 +388,23 @@ TEST_F(SerialPortTest, plainFileIsOpenedAndClosedAgain) {
 TEST_F(OpenSerialPort, openAppliesTheSettingsToANewDescriptor) {
     m_port.setBaudRate(115200);
     m_port.setStopBits(2);
-    {
-        Calls const opened(inject_open, 1);
-        Calls const closed(inject_close, 1);
-        Calls const drained(inject_tcdrain, 1);
-        EXPECT_FALSE(m_port.open());
-    }
+    run(m_port,
+        {"count open", "count close", "count tcdrain", "open", "calls open 1", "calls close 1",
+         "calls tcdrain 1"});
     termios const line = m_terminal.getSettings();
     EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&line));
     EXPECT_NE(0U, line.c_cflag & CSTOPB);
-    m_terminal.send("x");
-    EXPECT_EQ("x", readFrom(m_port, 1));
+    run(m_port, {"send x", "read 1 x"});
 }
 
 TEST_F(OpenSerialPort, portThatCannotBeDrainedIsClosedAndNotOpenedAgain) {
-    {
-        Calls const none(inject_open, 0);
-        Fault const fault(inject_tcdrain, EIO);
-        EXPECT_TRUE(m_port.open());
-    }
-    EXPECT_FALSE(m_port.isValid());
-    EXPECT_TRUE(hasFailed(m_port, SysErrorId::INPUT_OUTPUT, EIO, StreamErrorId::TRANSFER_FAILED));
-    EXPECT_FALSE(m_port.open());
+    run(m_port,
+        {"count open", "fail tcdrain EIO", "open FAILS INPUT_OUTPUT EIO TRANSFER_FAILED", "invalid",
+         "calls open 0", "open"});
 }
 
 TEST_F(SerialPortTest, openKeepsTheReadAhead) {
-    ASSERT_FALSE(m_reader.open());
-    m_terminal.send("abc");
-    EXPECT_EQ("a", readFrom(m_reader, 1));
-    ASSERT_FALSE(m_reader.open());
-    EXPECT_EQ("bc", readFrom(m_reader, 2));
+    run(m_reader, {"open", "send abc", "read 1 a", "open", "read 2 bc"});
 }
 
 TEST_F(SerialPortTest, portWithoutItsBufferIsNeverValidAndLosesNoDescriptor) {
@@ -424,8 +419,8 @@ TEST_F(SerialPortTest, portWithoutItsBufferIsNeverValidAndLosesNoDescriptor) {
     port.setBaudRate(75);
     EXPECT_TRUE(port.open());
     EXPECT_EQ(-1, port.getDescriptor()) << "a refused line is not left open";
-    EXPECT_TRUE(openFailureIs(
-        SysErrorId::UNCLASSIFIED, EINVAL, FileAccessErrorId::UNCLASSIFIED, m_terminal.getPath()));
+    ErrnoCase const refused = {EINVAL, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED};
+    EXPECT_TRUE(refused.isPending(m_terminal.getPath()));
 }
 
 TEST_F(OpenSerialPort, bytesArriveUnchangedInBothDirections) {
@@ -445,13 +440,7 @@ TEST_F(OpenSerialPort, bytesArriveUnchangedInBothDirections) {
 }
 
 TEST_F(SerialPortTest, writtenBytesLeaveTheBufferWithTheFlushAndTheClose) {
-    ASSERT_FALSE(m_writer.open());
-    writeTo(m_writer, "abc");
-    EXPECT_FALSE(m_writer.flush(false));
-    EXPECT_EQ("abc", m_terminal.receive(3));
-    writeTo(m_writer, "de");
-    EXPECT_FALSE(m_writer.close());
-    EXPECT_EQ("de", m_terminal.receive(2));
+    run(m_writer, {"open", "write abc", "sync", "receive abc", "write de", "close", "receive de"});
 }
 
 TEST_F(SerialPortTest, onlyANonBlockingPortIsOpenedWithNonBlockAndReads0BytesWithSuccess) {
@@ -470,45 +459,29 @@ TEST_F(SerialPortTest, onlyANonBlockingPortIsOpenedWithNonBlockAndReads0BytesWit
 }
 
 TEST_F(OpenSerialPort, lineHasNoPosition) {
-    EXPECT_TRUE(m_port.seek(0, SerialPort::Current, m_position));
-    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, ESPIPE));
+    run(m_port, {"seek current 0 FAILS SPOILED_INTEGRITY ESPIPE"});
 }
 
 TEST_F(OpenSerialPort, flushDrainsTheLineAndSynchronizesNothing) {
-    Fault const drained(inject_tcdrain, 0);
-    Calls const no_syncs(inject_fsync, 0);
-    EXPECT_FALSE(m_port.flush(false));
-    EXPECT_EQ(1, drained.getCalls());
-    EXPECT_FALSE(m_port.flush(true));
-    EXPECT_EQ(1, drained.getCalls());
-    EXPECT_FALSE(m_port.close());
-    EXPECT_EQ(2, drained.getCalls());
+    run(m_port,
+        {"count fsync", "fail tcdrain EINTR 3", "sync", "calls tcdrain 4", "count tcdrain", "flush",
+         "calls tcdrain 0", "count tcdrain", "close", "calls tcdrain 1", "calls fsync 0"});
 }
 
-TEST_F(OpenSerialPort, interruptedFlushIsRepeated) {
-    Calls const calls(inject_tcdrain, 4, EINTR, 3);
-    EXPECT_FALSE(m_port.flush(false));
-    EXPECT_FALSE(m_port.hadError());
+TEST_F(SerialPortTest, closedPortCannotBeFlushedButClosedAgain) {
+    run(m_port, {"sync FAILS CLOSED", "close"});
 }
 
 class SerialPortFlushRows : public OpenSerialPort, public testing::WithParamInterface<int> {};
 
 TEST_P(SerialPortFlushRows, isAnErrorOfTheLineForEveryReason) {
-    reportEarlierFailure();
+    leaveOlderReport();
     Calls const calls(inject_tcdrain, 2, GetParam());
-    EXPECT_TRUE(m_port.flush(false));
-    EXPECT_TRUE(hasFailed(m_port, SysErrorId::INPUT_OUTPUT, GetParam(), StreamErrorId::TRANSFER_FAILED));
-    EXPECT_FALSE(m_port.flush(false));
-    EXPECT_FALSE(m_port.hadError());
+    run(m_port,
+        {std::string("sync FAILS INPUT_OUTPUT ") + strerrorname_np(GetParam()) + " TRANSFER_FAILED", "sync"});
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SerialPortFlushRows, testing::Values(EIO, EBADF, ENOTTY, EINVAL, EAGAIN));
-
-TEST_F(SerialPortTest, closedPortCannotBeFlushedButClosedAgain) {
-    EXPECT_TRUE(m_port.flush(false));
-    EXPECT_TRUE(hasFailed(m_port, closedFor("flush")));
-    EXPECT_FALSE(m_port.close());
-}
 
 class SerialPortDestructor : public SerialPortTest {
 protected:

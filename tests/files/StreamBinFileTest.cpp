@@ -60,7 +60,7 @@ TEST_P(StreamPipe, keepsItsEndIfTheFileHasNoBuffer) {
     StreamBinFileBase& file = make(16);
     std::ErrorStorage::ack();
     EXPECT_TRUE(openPipe(file));
-    EXPECT_TRUE(contractIsBroken("Attempted open on invalid object"));
+    EXPECT_TRUE(isContractBroken("Attempted open on invalid object"));
     EXPECT_NE(-1, getEnd());
 }
 
