@@ -52,22 +52,16 @@ TEST(TextUtils, lengthReadsNothingBeyondTheLimit) {
     EXPECT_EQ(0, munmap(memory, 2 * page));
 }
 
-TEST(TextUtils, searchPathVariableHasItsName) {
-    EXPECT_STREQ("PATH", vesk::getPathLiteral<char>());
-    EXPECT_STREQ(L"PATH", vesk::getPathLiteral<wchar_t>());
-}
-
-TEST(TextUtils, executablesHaveNoSuffix) {
-    EXPECT_STREQ("", vesk::ProcessTNG::ExecutableSuffix);
-    EXPECT_EQ("", vesk::getExecutableSuffix<std::string>());
-    EXPECT_EQ(L"", vesk::getExecutableSuffix<std::wstring>());
-}
-
 /// Initialized before main.
 std::string const s_early = std::string("x") + vesk::ProcessTNG::ExecutableSuffix;
 
-TEST(TextUtils, suffixIsInitializedBeforeGlobalObjects) {
-    EXPECT_EQ("x", s_early);
+TEST(TextUtils, executablesHaveNoSuffixAndTheVariableOfTheirFoldersItsName) {
+    EXPECT_STREQ("", vesk::ProcessTNG::ExecutableSuffix);
+    EXPECT_EQ("", vesk::getExecutableSuffix<std::string>());
+    EXPECT_EQ(L"", vesk::getExecutableSuffix<std::wstring>());
+    EXPECT_EQ("x", s_early) << "the suffix is initialized before global objects";
+    EXPECT_STREQ("PATH", vesk::getPathLiteral<char>());
+    EXPECT_STREQ(L"PATH", vesk::getPathLiteral<wchar_t>());
 }
 
 } // namespace
