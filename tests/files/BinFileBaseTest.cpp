@@ -3,7 +3,6 @@
 #include <tarncommon/error/ErrorApi.h>
 
 #include <iostream>
-#include <sstream>
 
 namespace {
 
@@ -141,10 +140,11 @@ TEST_F(BinFileBaseTest, flagsTakeEffectInTheSystem) {
 }
 
 TEST_F(BinFileBaseTest, descriptorIsClosedByExec) {
-    EXPECT_EQ(FD_CLOEXEC, fcntl(getOpened(m_path), F_GETFD) & FD_CLOEXEC);
-    EXPECT_FALSE(m_file.close());
-    EXPECT_FALSE(openAt("file"));
-    EXPECT_EQ(FD_CLOEXEC, fcntl(m_file.getDescriptor(), F_GETFD) & FD_CLOEXEC);
+    for (bool const by_name : {false, true}) {
+        EXPECT_FALSE(by_name ? openAt("file") : open(m_path));
+        EXPECT_EQ(FD_CLOEXEC, fcntl(m_file.getDescriptor(), F_GETFD) & FD_CLOEXEC);
+        EXPECT_FALSE(m_file.close());
+    }
 }
 
 TEST_F(BinFileBaseTest, openWithoutAPathSucceedsAndOnlyClosesTheOpenFile) {
@@ -450,7 +450,7 @@ TEST_F(BinFileBaseTest, fileInfoIsThatOfTheOpenFile) {
     EXPECT_EQ(by_path.getInode(), info.getInode());
 }
 
-TEST_F(BinFileBaseTest, truncateSizeCutsAndExtends) {
+TEST_F(BinFileBaseTest, truncateSizeCutsAndExtendsToASizeThatIsNotNegativeToTheSystem) {
     getOpened(m_path, BinFileBase::WRITE);
     EXPECT_FALSE(m_file.truncateSize(2));
     EXPECT_EQ("ab", contentOf(m_path));
@@ -460,16 +460,12 @@ TEST_F(BinFileBaseTest, truncateSizeCutsAndExtends) {
     EXPECT_EQ("", contentOf(m_path));
     EXPECT_FALSE(m_file.truncateSize(0x7FFFFFFF));
     EXPECT_EQ(0x7FFFFFFF, m_file.getFileInfo().getSize());
-}
-
-TEST_F(BinFileBaseTest, sizeWithTheHighestBitIsNegativeToTheSystem) {
-    getOpened(m_path, BinFileBase::WRITE);
     for (unsigned int const size : {0x80000000, 0xFFFFFFFF}) {
         EXPECT_TRUE(m_file.truncateSize(size));
         EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EINVAL));
         EXPECT_EQ(size - (1LL << 32), s_file_calls.length);
     }
-    EXPECT_EQ("abc", contentOf(m_path));
+    EXPECT_EQ(0x7FFFFFFF, m_file.getFileInfo().getSize());
 }
 
 TEST_F(BinFileBaseTest, truncateSizeFailsWhereTheSystemRefuses) {

@@ -234,16 +234,12 @@ TEST_F(DirectoryTest, descriptorsStayOpenAcrossExec) {
 }
 
 /// Something that is no directory, and the reports of an open.
-struct NoDirectory {
+struct NoDirectory : NamedRow {
     std::string entry;
     bool within; ///< Opened by the name within the folder, not by the path.
     ErrnoCase reports;
     bool follow = true;
 };
-
-void PrintTo(NoDirectory const& row, std::ostream* out) {
-    *out << (row.within ? "name " : "path ") << row.entry;
-}
 
 class DirectoryBadPaths : public DirectoryTest, public testing::WithParamInterface<NoDirectory> {};
 
@@ -251,24 +247,30 @@ TEST_P(DirectoryBadPaths, cannotBeOpenedAndAreClosed) {
     m_folder.makeFile("file");
     m_folder.makeLink("loop", "loop");
     m_folder.makeLink("link", ".");
-    auto const& [entry, within, reports, follow] = GetParam();
-    std::string const path = entry.empty() ? "" : m_folder / entry;
+    NoDirectory const& row = GetParam();
+    std::string const path = row.entry.empty() ? "" : m_folder / row.entry;
     Directory const parent = openFolder();
-    Calls const calls(inject_close, reports.error == ENOTDIR ? 1 : 0);
+    Calls const calls(inject_close, row.reports.error == ENOTDIR ? 1 : 0);
     EXPECT_EQ(
-        State::INVALID, stateOf(within ? Directory(parent, entry, follow, false) : Directory(path, false)));
-    EXPECT_TRUE(reports.isPending(within ? entry : path));
+        State::INVALID,
+        stateOf(row.within ? Directory(parent, row.entry, row.follow, false) : Directory(path, false)));
+    EXPECT_TRUE(row.reports.isPending(row.within ? row.entry : path));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, DirectoryBadPaths,
-    testing::Values(
-        NoDirectory{"", false, badPath(ENOENT)}, NoDirectory{"missing", false, badPath(ENOENT)},
-        NoDirectory{"loop", false, badPath(ELOOP)}, NoDirectory{"loop", true, badPath(ELOOP)},
-        NoDirectory{std::string(300, 'x'), false, badPath(ENAMETOOLONG)},
-        NoDirectory{std::string(256, 'y'), true, badPath(ENAMETOOLONG)},
-        NoDirectory{"link", true, badPath(ELOOP), false}, //
-        NoDirectory{"file", false, NO_DIRECTORY}, NoDirectory{"file", true, NO_DIRECTORY}));
+    rowsOf<NoDirectory>({
+        {"emptyPath", "", false, badPath(ENOENT)},
+        {"missingPath", "missing", false, badPath(ENOENT)},
+        {"pathOfALoop", "loop", false, badPath(ELOOP)},
+        {"nameOfALoop", "loop", true, badPath(ELOOP)},
+        {"longPath", std::string(300, 'x'), false, badPath(ENAMETOOLONG)},
+        {"longName", std::string(256, 'y'), true, badPath(ENAMETOOLONG)},
+        {"nameOfALinkThatIsNotFollowed", "link", true, badPath(ELOOP), false},
+        {"pathOfAFile", "file", false, NO_DIRECTORY},
+        {"nameOfAFile", "file", true, NO_DIRECTORY},
+    }),
+    byName);
 
 TEST_F(DirectoryTest, pathLongerThanTheTextOfAReportIsABadPath) {
     EXPECT_FALSE(Directory(m_folder / std::string(5000, 'x'), false).isValid());
@@ -483,6 +485,7 @@ TEST_F(DirectoryTest, failedCloseOfAFileThatIsNoDirectoryEndsTheProcess) {
 
 TEST_F(DirectoryTest, entryIsOpenedByItsName) {
     std::string const path = makeFullFolder();
+    m_folder.makeLink("link", "folder");
     Directory const parent = openFolder();
     std::string const current = parent.curName();
     for (bool const no_effect : {false, true}) {
@@ -495,7 +498,6 @@ TEST_F(DirectoryTest, entryIsOpenedByItsName) {
     }
     EXPECT_EQ(current, parent.curName()) << "the parent does not move";
     EXPECT_TRUE(Directory(parent, "..", false, false).isValid());
-    m_folder.makeLink("link", "folder");
     EXPECT_TRUE(Directory(parent, "link", true, false).isValid());
 }
 
@@ -634,9 +636,11 @@ INSTANTIATE_TEST_SUITE_P(
         {{EACCES, ELOOP, EIO, EINTR, EOVERFLOW, ENOMEM}, SysErrorId::UNCLASSIFIED},
     }));
 
-TEST_F(DirectoryTest, currentEntryIsOpened) {
+TEST_F(DirectoryTest, curDirFollowsLinksUnlessItsTwoArgumentsRefuseThem) {
     std::string const path = makeFullFolder();
+    m_folder.makeLink("link", "folder");
     Directory const directory = openAt("folder");
+    Directory const link = openAt("link");
     for (bool const no_effect : {false, true}) {
         for (bool const follow : {false, true}) {
             Directory child = directory.curDir(follow, no_effect);
@@ -644,22 +648,14 @@ TEST_F(DirectoryTest, currentEntryIsOpened) {
             EXPECT_EQ(follow ? 0 : O_NOFOLLOW, s_file_calls.open_flags);
             EXPECT_EQ(listBare(path), list(child));
         }
-    }
-    EXPECT_STREQ("folder", directory.curName());
-}
-
-TEST_F(DirectoryTest, curDirFollowsLinksUnlessItsTwoArgumentsRefuseThem) {
-    std::string const path = makeFullFolder();
-    m_folder.makeLink("link", "folder");
-    Directory const directory = openAt("link");
-    for (bool const flag : {false, true}) {
-        Directory child = directory.curDir(flag);
+        Directory child = link.curDir(no_effect);
         EXPECT_TRUE(child.isValid());
         EXPECT_EQ(listBare(path), list(child));
-        EXPECT_EQ(State::INVALID_AT_END, stateOf(directory.curDir(false, flag)));
+        EXPECT_TRUE(link.curDir(true, no_effect).isValid());
+        EXPECT_EQ(State::INVALID_AT_END, stateOf(link.curDir(false, no_effect)));
         EXPECT_TRUE(causeIs(SysErrorId::INVALID_PATH, ELOOP));
-        EXPECT_TRUE(directory.curDir(true, flag).isValid());
     }
+    EXPECT_STREQ("folder", directory.curName());
 }
 
 TEST_F(DirectoryTest, entryThatIsNoDirectoryIsClosedWithAWarningIfThatFails) {

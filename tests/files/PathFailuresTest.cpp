@@ -48,13 +48,18 @@ enum class Paths { ALL, NOT_EMPTY, NONE };
 
 /// An operation on one path, and the reports of its failures.
 struct Operation {
-    char const* name;
-    Injected* call;
-    bool (*fails)(char const* path);
-    std::vector<ErrnoGroup> errors; ///< Without EINTR if the operation repeats interrupted calls.
-    Paths paths = Paths::ALL;
-    /// Returns the path in the reports.
-    std::string (*show)(std::string const& path) = [](std::string const& path) { return path; };
+    using Errors = std::vector<ErrnoGroup>;
+    using Show = std::string (*)(std::string const& path);
+
+    Operation(
+        char const* its_name, Injected& its_call, bool (*operation)(char const* path), Errors its_errors,
+        Paths its_paths = Paths::ALL, Show its_show = [](std::string const& path) { return path; })
+        : name(its_name),
+          call(its_call),
+          fails(operation),
+          errors(std::move(its_errors)),
+          paths(its_paths),
+          show(its_show) {}
 
     /// Returns the reports of an error number, if the table has it.
     std::optional<ErrnoCase> find(int error) const {
@@ -65,123 +70,114 @@ struct Operation {
         }
         return std::nullopt;
     }
+
+    char const* name;
+    Injected& call;
+    bool (*fails)(char const* path);
+    Errors errors; ///< Without EINTR if the operation repeats interrupted calls.
+    Paths paths;
+    Show show; ///< Returns the path in the reports.
 };
 
-ErrnoGroup const DENIED = {
-    {EPERM, EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
-ErrnoGroup const NO_SEARCH = {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
-ErrnoGroup const BAD_PATH = {
-    {ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH};
+using Errors = std::vector<int>;
+
+ErrnoGroup denied(Errors const& errors) {
+    return {errors, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
+}
+ErrnoGroup badPaths(Errors const& errors) {
+    return {errors, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH};
+}
+ErrnoGroup inUse(Errors const& errors) {
+    return {errors, SysErrorId::IN_USE, FileAccessErrorId::BUSY};
+}
+ErrnoGroup notImplemented(Errors const& errors) {
+    return {errors, SysErrorId::NOT_IMPLEMENTED, FileAccessErrorId::UNCLASSIFIED};
+}
+ErrnoGroup spoiled(Errors const& errors) {
+    return {errors, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED};
+}
+ErrnoGroup unclassified(Errors const& errors) {
+    return {errors, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED};
+}
+
+ErrnoGroup const DENIED = denied({EPERM, EACCES, EROFS});
+ErrnoGroup const NO_SEARCH = denied({EACCES});
+ErrnoGroup const BAD_PATH = badPaths({ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP});
+ErrnoGroup const IN_USE = inUse({EBUSY, EEXIST, ETXTBSY, ENOTEMPTY});
+ErrnoGroup const NOT_EMPTY = {{EEXIST, ENOTEMPTY}, SysErrorId::DIRECTORY_NOT_EMPTY, FileAccessErrorId::BUSY};
+ErrnoGroup const NO_DIRECTORY = {{ENOTDIR}, SysErrorId::NOT_A_DIRECTORY, FileAccessErrorId::NOT_A_DIRECTORY};
 ErrnoGroup const EXISTS_ALREADY = {{EEXIST}, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS};
 ErrnoGroup const IS_DIRECTORY = {{EISDIR}, SysErrorId::INVALID_PATH, FileAccessErrorId::IS_A_DIRECTORY};
-ErrnoGroup const IN_USE = {{EBUSY, EEXIST, ETXTBSY, ENOTEMPTY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY};
 ErrnoGroup const TOO_MANY_LINKS = {
     {EMLINK}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::UNCLASSIFIED};
 ErrnoGroup const NO_SPACE = {{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE};
 ErrnoGroup const DEVICE_ERROR = {{EIO}, SysErrorId::INPUT_OUTPUT, FileAccessErrorId::NO_DEVICE};
 ErrnoGroup const NO_MEMORY = {{ENOMEM}, SysErrorId::OUT_OF_MEMORY};
+ErrnoGroup const NO_MEMORY_FOR_PATH = {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED};
 
-ErrnoGroup spoiled(std::vector<int> const& errors) {
-    return {errors, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED};
-}
-
-ErrnoGroup unclassified(std::vector<int> const& errors) {
-    return {errors, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED};
-}
-
-using Table = std::vector<ErrnoGroup>;
-Table const EXISTS_ERRORS = {
+Operation::Errors const EXISTS_ERRORS = {
     NO_SEARCH,
     DEVICE_ERROR,
-    {{ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    badPaths({ENAMETOOLONG, ELOOP}),
     NO_MEMORY,
     {{EFAULT}, SysErrorId::SPOILED_INTEGRITY},
     {{EINTR, EPERM}, SysErrorId::UNCLASSIFIED}};
-Table const CHANGE_ERRORS = {
+Operation::Errors const CHANGE_ERRORS = {
     DENIED, BAD_PATH, DEVICE_ERROR, spoiled({EFAULT, EINVAL}), NO_MEMORY, unclassified({EBUSY, ENOSPC})};
-Table const INFO_ERRORS = {
-    BAD_PATH,  DEVICE_ERROR,      {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
+Operation::Errors const INFO_ERRORS = {
+    BAD_PATH,  DEVICE_ERROR,      NO_MEMORY_FOR_PATH,
     NO_SEARCH, spoiled({EFAULT}), unclassified({EINTR, EOVERFLOW, EBADF, EPERM, 9999})};
-Table const TIME_ERRORS = {
+Operation::Errors const TIME_ERRORS = {
     {{EPERM, EACCES, EROFS}, SysErrorId::PERMISSION_DENIED},
     {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH},
     {{EINTR, EFAULT, EIO, EINVAL}, SysErrorId::UNCLASSIFIED}};
-Table const OPEN_ERRORS = {
+Operation::Errors const OPEN_ERRORS = {
     DENIED,
     BAD_PATH,
-    {{EISDIR}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    badPaths({EISDIR}),
     {{ENXIO, ENODEV}, SysErrorId::NO_DEVICE, FileAccessErrorId::NO_DEVICE},
-    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
+    NO_MEMORY_FOR_PATH,
     {{EEXIST}, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS},
     {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
-    {{ETXTBSY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
+    inUse({ETXTBSY}),
     NO_SPACE,
     spoiled({EAGAIN, EIO}),
     unclassified({EFBIG, EOVERFLOW})};
 
-Operation const EXISTS = {
-    "exists", &inject_stat, [](char const* path) { return FileSys::exists(path, true) == -1; },
-    EXISTS_ERRORS};
-Operation const LINK_EXISTS = {
-    "existsForLinks", &inject_lstat, [](char const* path) { return FileSys::exists(path, false) == -1; },
-    EXISTS_ERRORS};
-Operation const CREATE_DIR = {
-    "createDir",
-    &inject_mkdir,
-    FileSys::createDir,
-    {DENIED, BAD_PATH, EXISTS_ALREADY, TOO_MANY_LINKS, unclassified({EINTR, ENOSPC, EIO, EFAULT})}};
-Operation const REMOVE_FILE = {
-    "removeFile",
-    &inject_unlink,
-    FileSys::removeFile,
-    {DENIED, BAD_PATH, IN_USE, IS_DIRECTORY, spoiled({EFAULT}), NO_MEMORY, unclassified({EINTR, EIO})}};
-Operation const REMOVE_DIR = {
-    "removeDir",
-    &inject_rmdir,
-    FileSys::removeDir,
-    {DENIED,
-     BAD_PATH,
-     {{EBUSY, ETXTBSY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
-     {{EEXIST, ENOTEMPTY}, SysErrorId::DIRECTORY_NOT_EMPTY, FileAccessErrorId::BUSY},
-     IS_DIRECTORY,
-     spoiled({EFAULT}),
-     NO_MEMORY,
-     unclassified({EINTR, EINVAL})}};
-Operation const MOVE = {
-    "move",
-    &inject_rename,
-    [](char const* path) { return FileSys::move(path, s_new_path.c_str()); },
-    {DENIED,
-     BAD_PATH,
-     {{EISDIR, EINVAL}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
-     DEVICE_ERROR,
-     IN_USE,
-     {{EXDEV}, SysErrorId::NOT_IMPLEMENTED, FileAccessErrorId::UNCLASSIFIED},
-     NO_SPACE,
-     TOO_MANY_LINKS,
-     unclassified({EINTR, EFAULT, ENOMEM})},
-    Paths::ALL,
-    [](std::string const& path) { return path + " or " + s_new_path; }};
-Operation const MOVE_TO = {
-    "moveTo",
-    &inject_rename,
-    [](char const* path) { return FileSys::move("/proc/self/exe", path); },
-    {{{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH}, unclassified({EINTR, EFAULT})},
-    Paths::ALL,
-    [](std::string const& path) { return "/proc/self/exe or " + path; }};
-Operation const CHANGE_WD = {
-    "changeWD",
-    &inject_chdir,
-    FileSys::changeWD,
+Operation const EXISTS(
+    "exists", inject_stat, [](char const* path) { return FileSys::exists(path, true) == -1; }, EXISTS_ERRORS);
+Operation const LINK_EXISTS(
+    "existsForLinks", inject_lstat, [](char const* path) { return FileSys::exists(path, false) == -1; },
+    EXISTS_ERRORS);
+Operation const CREATE_DIR(
+    "createDir", inject_mkdir, FileSys::createDir,
+    {DENIED, BAD_PATH, EXISTS_ALREADY, TOO_MANY_LINKS, unclassified({EINTR, ENOSPC, EIO, EFAULT})});
+Operation const REMOVE_FILE(
+    "removeFile", inject_unlink, FileSys::removeFile,
+    {DENIED, BAD_PATH, IN_USE, IS_DIRECTORY, spoiled({EFAULT}), NO_MEMORY, unclassified({EINTR, EIO})});
+Operation const REMOVE_DIR(
+    "removeDir", inject_rmdir, FileSys::removeDir,
+    {DENIED, BAD_PATH, inUse({EBUSY, ETXTBSY}), NOT_EMPTY, IS_DIRECTORY, spoiled({EFAULT}), NO_MEMORY,
+     unclassified({EINTR, EINVAL})});
+Operation const MOVE(
+    "move", inject_rename, [](char const* path) { return FileSys::move(path, s_new_path.c_str()); },
+    {DENIED, BAD_PATH, badPaths({EISDIR, EINVAL}), DEVICE_ERROR, IN_USE, notImplemented({EXDEV}), NO_SPACE,
+     TOO_MANY_LINKS, unclassified({EINTR, EFAULT, ENOMEM})},
+    Paths::ALL, [](std::string const& path) { return path + " or " + s_new_path; });
+Operation const MOVE_TO(
+    "moveTo", inject_rename, [](char const* path) { return FileSys::move("/proc/self/exe", path); },
+    {badPaths({ENOENT}), unclassified({EINTR, EFAULT})}, Paths::ALL,
+    [](std::string const& path) { return "/proc/self/exe or " + path; });
+Operation const CHANGE_WD(
+    "changeWD", inject_chdir, FileSys::changeWD,
     {{{ENOENT, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::ACCESS_DENIED},
      NO_SEARCH,
-     {{ENOTDIR}, SysErrorId::NOT_A_DIRECTORY, FileAccessErrorId::NOT_A_DIRECTORY},
+     NO_DIRECTORY,
      DEVICE_ERROR,
      spoiled({EFAULT}),
-     unclassified({EINTR, ENOMEM})}};
-Operation const CURRENT_WD = {
-    "currentWD",
-    &inject_getcwd,
+     unclassified({EINTR, ENOMEM})});
+Operation const CURRENT_WD(
+    "currentWD", inject_getcwd,
     [](char const*) {
         std::string result = "before";
         bool const failed = FileSys::currentWD(result);
@@ -193,10 +189,9 @@ Operation const CURRENT_WD = {
      {{EACCES}, SysErrorId::PERMISSION_DENIED},
      {{EFAULT, EINVAL, ERANGE}, SysErrorId::SPOILED_INTEGRITY},
      {{EINTR, EIO, ENAMETOOLONG, EPERM, ENOSYS}, SysErrorId::UNCLASSIFIED}},
-    Paths::NONE};
-Operation const MAX_COMPONENT_LENGTH = {
-    "maxComponentLength",
-    &inject_file_system,
+    Paths::NONE);
+Operation const MAX_COMPONENT_LENGTH(
+    "maxComponentLength", inject_file_system,
     [](char const* path) {
         unsigned int length = 7;
         bool const failed = FileSys::maxComponentLength(path, length);
@@ -206,10 +201,9 @@ Operation const MAX_COMPONENT_LENGTH = {
     {BAD_PATH,
      NO_SEARCH,
      {{EIO}, SysErrorId::INPUT_OUTPUT, FileAccessErrorId::UNCLASSIFIED},
-     unclassified({ENOSYS, EOVERFLOW, ENOMEM, EFAULT})}};
-Operation const READ_LINK = {
-    "readLink",
-    &inject_readlink,
+     unclassified({ENOSYS, EOVERFLOW, ENOMEM, EFAULT})});
+Operation const READ_LINK(
+    "readLink", inject_readlink,
     [](char const* path) {
         char buffer[] = "old";
         unsigned int size = sizeof buffer;
@@ -219,40 +213,28 @@ Operation const READ_LINK = {
         EXPECT_STREQ("ld", buffer + 1) << "more than the first byte was changed";
         return failed;
     },
-    {BAD_PATH,
-     {{EINVAL}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
-     NO_SEARCH,
-     DEVICE_ERROR,
-     unclassified({EINTR, EFAULT, ENOMEM})}};
-Operation const CREATE_LINK = {
-    "createLink",
-    &inject_symlink,
-    [](char const* path) { return FileSys::createLink("target", path); },
-    {{{EPERM}, SysErrorId::NOT_IMPLEMENTED, FileAccessErrorId::UNCLASSIFIED},
-     {{EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
-     BAD_PATH,
-     EXISTS_ALREADY,
-     DEVICE_ERROR,
-     NO_SPACE,
-     unclassified({EINTR, EFAULT, ENOMEM})}};
-Operation const CHANGE_ACCESS = {
-    "changeAccess", &inject_chmod,
-    [](char const* path) { return FileSys::changeAccess(path, FileAccess::owner_all); }, CHANGE_ERRORS};
-Operation const CHANGE_OWNER_GROUP = {
-    "changeOwnerGroup", &inject_chown,
+    {BAD_PATH, badPaths({EINVAL}), NO_SEARCH, DEVICE_ERROR, unclassified({EINTR, EFAULT, ENOMEM})});
+Operation const CREATE_LINK(
+    "createLink", inject_symlink, [](char const* path) { return FileSys::createLink("target", path); },
+    {notImplemented({EPERM}), denied({EACCES, EROFS}), BAD_PATH, EXISTS_ALREADY, DEVICE_ERROR, NO_SPACE,
+     unclassified({EINTR, EFAULT, ENOMEM})});
+Operation const CHANGE_ACCESS(
+    "changeAccess", inject_chmod,
+    [](char const* path) { return FileSys::changeAccess(path, FileAccess::owner_all); }, CHANGE_ERRORS);
+Operation const CHANGE_OWNER_GROUP(
+    "changeOwnerGroup", inject_chown,
     [](char const* path) { return FileSys::changeOwnerGroup(UnicodeString(path, 0), User(0LL), Group(0LL)); },
-    CHANGE_ERRORS};
-Operation const INFO = {
-    "FileInfo", &inject_stat, [](char const* path) { return !FileInfo(path, true).isValid(); }, INFO_ERRORS};
-Operation const LINK_INFO = {
-    "FileInfoOfLink", &inject_lstat, [](char const* path) { return !FileInfo(path, false).isValid(); },
-    INFO_ERRORS};
-Operation const SET_TIME = {
-    "setModTime", &inject_utimes, [](char const* path) { return FileInfo::setModTime(path, 1); },
-    TIME_ERRORS};
-Operation const SET_PRESENT = {
-    "setModTimeToThePresent", &inject_utimes, [](char const* path) { return FileInfo::setModTime(path, 0); },
-    TIME_ERRORS};
+    CHANGE_ERRORS);
+Operation const INFO(
+    "FileInfo", inject_stat, [](char const* path) { return !FileInfo(path, true).isValid(); }, INFO_ERRORS);
+Operation const LINK_INFO(
+    "FileInfoOfLink", inject_lstat, [](char const* path) { return !FileInfo(path, false).isValid(); },
+    INFO_ERRORS);
+Operation const SET_TIME(
+    "setModTime", inject_utimes, [](char const* path) { return FileInfo::setModTime(path, 1); }, TIME_ERRORS);
+Operation const SET_PRESENT(
+    "setModTimeToThePresent", inject_utimes, [](char const* path) { return FileInfo::setModTime(path, 0); },
+    TIME_ERRORS);
 
 /// Makes protected members visible.
 class File : public BinFileBase {
@@ -260,8 +242,8 @@ public:
     uint32_t getFlags() const { return m_flags.getWord(); }
 };
 
-Operation const OPEN = {
-    "open", &inject_open,
+Operation const OPEN(
+    "open", inject_open,
     [](char const* path) {
         File file;
         bool const failed = file.open(path, BinFileBase::READ_WRITE, FileAccess::none);
@@ -270,21 +252,18 @@ Operation const OPEN = {
         EXPECT_EQ(3U, file.getFlags());
         return failed;
     },
-    OPEN_ERRORS, Paths::NOT_EMPTY};
-Operation const OPEN_AT = {
-    "openAt",
-    &inject_openat,
+    OPEN_ERRORS, Paths::NOT_EMPTY);
+Operation const OPEN_AT(
+    "openAt", inject_openat,
     [](char const*) {
         File file;
-        bool const failed =
-            file.openAt(Directory("/", true), "name", true, BinFileBase::READ, FileAccess::none);
+        Directory const root("/", true);
+        bool const failed = file.openAt(root, "name", true, BinFileBase::READ, FileAccess::none);
         EXPECT_EQ(-1, file.getDescriptor());
         EXPECT_EQ(1U, file.getFlags());
         return failed;
     },
-    OPEN_ERRORS,
-    Paths::NONE,
-    [](std::string const&) { return std::string("name"); }};
+    OPEN_ERRORS, Paths::NONE, [](std::string const&) { return std::string("name"); });
 
 Operation const* const OPERATIONS[] = {
     &EXISTS,  &LINK_EXISTS, &CREATE_DIR,           &REMOVE_FILE, &REMOVE_DIR,  &MOVE,
@@ -341,12 +320,12 @@ class FailureRows : public Failures {};
 
 TEST_P(FailureRows, areReportedInPlaceOfWhatIsPending) {
     leaveOlderReport();
-    Fault const fault(*m_operation.call, GetParam().error);
+    Fault const fault(m_operation.call, GetParam().error);
     expectFailure(m_operation, GetParam().error, "/some/path");
     EXPECT_EQ(1, fault.getCalls()) << "the call was repeated";
 }
 
-std::vector<Failure> eachRow() {
+auto eachRow() {
     std::vector<Failure> failures;
     for (Operation const* const operation : OPERATIONS) {
         for (ErrnoGroup const& group : operation->errors) {
@@ -355,15 +334,15 @@ std::vector<Failure> eachRow() {
             }
         }
     }
-    return failures;
+    return testing::ValuesIn(failures);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, FailureRows, testing::ValuesIn(eachRow()), nameOf);
+INSTANTIATE_TEST_SUITE_P(All, FailureRows, eachRow(), nameOf);
 
 class InterruptedCalls : public Failures {};
 
 TEST_P(InterruptedCalls, areRepeatedAndAFailureBehindThemIsReported) {
-    Fault const fault(*m_operation.call, EINTR, 1, 3);
+    Fault const fault(m_operation.call, EINTR, 1, 3);
     expectFailure(m_operation, ENOENT, "/no/such/path");
     EXPECT_EQ(4, fault.getCalls());
 }

@@ -163,15 +163,11 @@ TEST_F(SerialPortTest, passesTheBufferSizesOnAndHasItsOwnFlush) {
     EXPECT_EQ(8, getSlot(&Slots::performFlush));
 }
 
-struct BadSettings {
+struct BadSettings : NamedRow {
     Parity parity;
-    std::string device; ///< Empty, or "any" for a device that exists.
+    bool has_device;
     ExpectedReport report;
 };
-
-void PrintTo(BadSettings const& row, std::ostream* out) {
-    *out << static_cast<int>(row.parity) << " \"" << row.device << "\"";
-}
 
 class SerialPortBadSettings : public SerialPortTest, public testing::WithParamInterface<BadSettings> {};
 
@@ -182,7 +178,7 @@ TEST_P(SerialPortBadSettings, areRefusedBeforeTheDeviceIsOpenedButCloseAnOpenPor
         EXPECT_EQ(is_open, port.isValid());
         Calls const none(inject_open, 0);
         port.setParity(GetParam().parity);
-        port.setDevice(GetParam().device.empty() ? "" : m_terminal.getPath());
+        port.setDevice(GetParam().has_device ? m_terminal.getPath() : "");
         leaveOlderReport();
         EXPECT_TRUE(port.open());
         EXPECT_FALSE(port.isValid());
@@ -197,10 +193,20 @@ ExpectedReport const NO_PATH(FileAccessErrorId::BAD_PATH, "Bad path '<empty stri
 
 INSTANTIATE_TEST_SUITE_P(
     All, SerialPortBadSettings,
-    testing::Values(
-        BadSettings{Parity::MARK, "any", UNSUPPORTED}, BadSettings{Parity::SPACE, "any", UNSUPPORTED},
-        BadSettings{Parity::MARK, "", UNSUPPORTED}, BadSettings{Parity::SPACE, "", UNSUPPORTED},
-        BadSettings{Parity::NONE, "", NO_PATH}));
+    rowsOf<BadSettings>({
+        {"mark", Parity::MARK, true, UNSUPPORTED},
+        {"space", Parity::SPACE, true, UNSUPPORTED},
+        {"markWithoutADevice", Parity::MARK, false, UNSUPPORTED},
+        {"spaceWithoutADevice", Parity::SPACE, false, UNSUPPORTED},
+        {"noDevice", Parity::NONE, false, NO_PATH},
+    }),
+    byName);
+
+TEST_F(SerialPortTest, receiverIsSwitchedOn) {
+    s_only_records = true;
+    ASSERT_FALSE(m_port.open());
+    EXPECT_NE(0U, s_set.c_cflag & CREAD);
+}
 
 TEST_F(SerialPortTest, missingDeviceIsReportedByTheOpenOfTheFile) {
     m_port.setDevice(m_missing);
@@ -228,8 +234,7 @@ TEST_F(OpenSerialPort, lineIsRawWithEightBits) {
 }
 
 /// Settings of a port, and the flags of the line that they set. Without flags, those of the device are kept.
-struct SettingRow {
-    char const* name;
+struct SettingRow : NamedRow {
     bool xon;
     bool xoff;
     int stop_bits;
@@ -238,10 +243,6 @@ struct SettingRow {
     tcflag_t mask;
     std::optional<tcflag_t> flags;
 };
-
-void PrintTo(SettingRow const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 class SerialPortSettings : public SerialPortTest, public testing::WithParamInterface<SettingRow> {};
 
@@ -277,28 +278,24 @@ constexpr tcflag_t MODEM = CLOCAL | CRTSCTS;
 
 INSTANTIATE_TEST_SUITE_P(
     All, SerialPortSettings,
-    testing::Values(
-        SettingRow{"noFlowControl", false, false, 1, Parity::NONE, &termios::c_iflag, FLOW, 0},
-        SettingRow{"xonAlone", true, false, 1, Parity::NONE, &termios::c_iflag, FLOW, IXON},
-        SettingRow{"xoffAlone", false, true, 1, Parity::NONE, &termios::c_iflag, FLOW, IXOFF},
-        SettingRow{"xonAndXoff", true, true, 1, Parity::NONE, &termios::c_iflag, FLOW, FLOW},
-        SettingRow{"twoStopBits", false, false, 2, Parity::NONE, &termios::c_cflag, CSTOPB, CSTOPB},
-        SettingRow{"oneStopBit", false, false, 1, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        SettingRow{"noStopBitIsOne", false, false, 0, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        SettingRow{"threeStopBitsAreOne", false, false, 3, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        SettingRow{"255StopBitsAreOne", false, false, 255, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        SettingRow{"noParity", false, false, 1, Parity::NONE, &termios::c_cflag, PARENB, 0},
-        SettingRow{"noParityKeepsOdd", false, false, 1, Parity::NONE, &termios::c_cflag, PARODD, {}},
-        SettingRow{"evenParity", false, false, 1, Parity::EVEN, &termios::c_cflag, PARITY, PARENB},
-        SettingRow{"oddParity", false, false, 1, Parity::ODD, &termios::c_cflag, PARITY, PARITY},
-        SettingRow{"unknownParityIsNone", false, false, 1, Parity(5), &termios::c_cflag, PARENB, 0},
-        SettingRow{"keepsModemLines", false, false, 1, Parity::NONE, &termios::c_cflag, MODEM, {}}));
-
-TEST_F(SerialPortTest, receiverIsSwitchedOn) {
-    s_only_records = true;
-    ASSERT_FALSE(m_port.open());
-    EXPECT_NE(0U, s_set.c_cflag & CREAD);
-}
+    rowsOf<SettingRow>({
+        {"noFlowControl", false, false, 1, Parity::NONE, &termios::c_iflag, FLOW, 0},
+        {"xonAlone", true, false, 1, Parity::NONE, &termios::c_iflag, FLOW, IXON},
+        {"xoffAlone", false, true, 1, Parity::NONE, &termios::c_iflag, FLOW, IXOFF},
+        {"xonAndXoff", true, true, 1, Parity::NONE, &termios::c_iflag, FLOW, FLOW},
+        {"twoStopBits", false, false, 2, Parity::NONE, &termios::c_cflag, CSTOPB, CSTOPB},
+        {"oneStopBit", false, false, 1, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+        {"noStopBitIsOne", false, false, 0, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+        {"threeStopBitsAreOne", false, false, 3, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+        {"255StopBitsAreOne", false, false, 255, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+        {"noParity", false, false, 1, Parity::NONE, &termios::c_cflag, PARENB, 0},
+        {"noParityKeepsOdd", false, false, 1, Parity::NONE, &termios::c_cflag, PARODD, {}},
+        {"evenParity", false, false, 1, Parity::EVEN, &termios::c_cflag, PARITY, PARENB},
+        {"oddParity", false, false, 1, Parity::ODD, &termios::c_cflag, PARITY, PARITY},
+        {"unknownParityIsNone", false, false, 1, Parity(5), &termios::c_cflag, PARENB, 0},
+        {"keepsModemLines", false, false, 1, Parity::NONE, &termios::c_cflag, MODEM, {}},
+    }),
+    byName);
 
 using Speed = std::pair<unsigned int, speed_t>;
 
