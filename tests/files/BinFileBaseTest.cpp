@@ -450,7 +450,7 @@ TEST_F(BinFileBaseTest, fileInfoIsThatOfTheOpenFile) {
     EXPECT_EQ(by_path.getInode(), info.getInode());
 }
 
-TEST_F(BinFileBaseTest, truncateSizeCutsAndExtendsToASizeThatIsNotNegativeToTheSystem) {
+TEST_F(BinFileBaseTest, truncateSizeCutsAndExtendsButRefusesSizesWithTheHighestBit) {
     getOpened(m_path, BinFileBase::WRITE);
     EXPECT_FALSE(m_file.truncateSize(2));
     EXPECT_EQ("ab", contentOf(m_path));

@@ -185,7 +185,7 @@ TEST_F(BinTempFileRWTest, streamThatTakesItLeavesItOnTheDisk) {
     EXPECT_EQ("", m_events.getText());
 }
 
-TEST_F(BinTempFileRWTest, streamThatTakesItClosesItsFileAndBlocks) {
+TEST_F(BinTempFileRWTest, streamThatTakesItClosesItsFileAndBlocksEvenIfItHasNoFile) {
     StreamBinFileRW file;
     EXPECT_FALSE(file.open(m_path, file.READ_WRITE | file.NON_BLOCK));
     EXPECT_FALSE(Reading::getBlocking(file));
@@ -197,6 +197,12 @@ TEST_F(BinTempFileRWTest, streamThatTakesItClosesItsFileAndBlocks) {
     EXPECT_EQ(fd, file.getDescriptor());
     EXPECT_TRUE(Reading::getBlocking(file));
     EXPECT_EQ("", file.getTempPath()) << "the path was not requested";
+    BinTempFileRW without_file(m_wide_prefix);
+    close(without_file.takeDescriptor());
+    EXPECT_FALSE(file.open(without_file, true));
+    EXPECT_FALSE(file.isValid());
+    EXPECT_EQ("", file.getTempPath());
+    EXPECT_EQ(3U, Reading::getFlags(file));
 }
 
 TEST_F(BinTempFileRWTest, stopsWhenTheOldFileCannotBeClosed) {
@@ -208,16 +214,6 @@ TEST_F(BinTempFileRWTest, stopsWhenTheOldFileCannotBeClosed) {
     EXPECT_TRUE(hasFailed(file, SysErrorId::INPUT_OUTPUT, EIO));
     EXPECT_TRUE(temp.isValid()) << "it is left alone";
     EXPECT_EQ("", file.getTempPath());
-}
-
-TEST_F(BinTempFileRWTest, objectWithoutAFileLeavesTheStreamClosed) {
-    BinTempFileRW temp(m_wide_prefix);
-    close(temp.takeDescriptor());
-    StreamBinFileRW file;
-    EXPECT_FALSE(file.open(temp, true));
-    EXPECT_FALSE(file.isValid());
-    EXPECT_EQ("", file.getTempPath());
-    EXPECT_EQ(3U, Reading::getFlags(file));
 }
 
 TEST_F(BinTempFileRWTest, isNotTakenIfTheLocaleCanNoLongerExpressThePath) {

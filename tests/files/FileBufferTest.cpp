@@ -369,7 +369,7 @@ TEST_F(FmtFileWrapperTest, seeksInTheFile) {
     EXPECT_EQ(std::streampos(6), m_file.tellg());
 }
 
-TEST_F(FmtFileWrapperTest, missingPathMakesTheStreamBadWithoutAReport) {
+TEST_F(FmtFileWrapperTest, missingPathOrFileMakesTheStreamBad) {
     TextFile const none(nullptr, BinFileBase::READ);
     EXPECT_FALSE(none.isValid());
     EXPECT_TRUE(none.bad());

@@ -107,13 +107,12 @@ TEST_F(FileSysCopyTest, targetOfALinkIsCopiedAsAFile) {
 TEST_F(FileSysCopyTest, bufferSizeOfZeroIsRefusedBeforeAnyFileIsOpened) {
     makeSource("x");
     char buffer[1];
-    Fault const opened(inject_open, 0);
+    Calls const none(inject_open, 0);
     for (void* const given : {static_cast<void*>(nullptr), static_cast<void*>(buffer)}) {
         leaveOlderReport();
         EXPECT_TRUE(copy(0, given));
         EXPECT_TRUE(isContractBroken("zero bufsize given"));
     }
-    EXPECT_EQ(0, opened.getCalls());
 }
 
 TEST_F(FileSysCopyTest, missingBufferIsAllocatedOnceBeforeAnyFileIsOpened) {
@@ -158,10 +157,14 @@ TEST_F(FileSysCopyTest, existingDestinationIsNotOverwritten) {
     EXPECT_EQ("new", contentOf(m_source));
 }
 
-TEST_F(FileSysCopyTest, missingSourceMakesNoCopy) {
+TEST_F(FileSysCopyTest, missingSourceMakesNoCopyAndADirectoryAnEmptyOne) {
     EXPECT_TRUE(copy(16));
     EXPECT_TRUE(badPath(ENOENT).isPending(m_source));
     EXPECT_EQ(NOTHING, contentOf(m_destination));
+    m_source = m_folder.makeFolder("dir");
+    EXPECT_TRUE(copy(16));
+    EXPECT_TRUE(chainIs(failedTransfer(SysErrorId::INVALID_PATH, EISDIR)));
+    EXPECT_EQ("", contentOf(m_destination));
 }
 
 class FileSysCopyWithoutPath : public FileSysCopyTest, public testing::WithParamInterface<char const*> {};
@@ -175,13 +178,6 @@ TEST_P(FileSysCopyWithoutPath, failsWithoutAReport) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, FileSysCopyWithoutPath, testing::Values("", static_cast<char const*>(nullptr)));
-
-TEST_F(FileSysCopyTest, directoryCannotBeReadAndLeavesAnEmptyCopy) {
-    m_source = m_folder.makeFolder("dir");
-    EXPECT_TRUE(copy(16));
-    EXPECT_TRUE(chainIs(failedTransfer(SysErrorId::INVALID_PATH, EISDIR)));
-    EXPECT_EQ("", contentOf(m_destination));
-}
 
 TEST_F(FileSysCopyTest, fullFileSystemHoldsTheBytesThatFitAndAReadOnlyOneDeniesTheCopy) {
     VESK_SKIP_WITHOUT_MOUNTS();

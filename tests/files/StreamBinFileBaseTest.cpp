@@ -308,6 +308,17 @@ protected:
         EXPECT_EQ(m_content, contentOf(m_path));
     }
 
+    /// Opens a file of the folder by its path, by a text, and by its name in the folder. Calls `check` after each.
+    void openInEachWay(
+        StreamBinFileBase& file, std::string const& name, unsigned int flags,
+        std::function<void(bool failed, std::string const& shown)> const& check) {
+        std::string const path = m_folder / name;
+        check(m_class.open(file, path.c_str(), flags, FileAccess::none), path);
+        check(m_class.open_text(file, path, flags), path); // The string is borrowed.
+        check(m_class.open_text(file, vesk::UnicodeString(path.c_str()), flags), path);
+        check(m_class.open_at(file, m_dir, name.c_str(), flags), name);
+    }
+
     unsigned int m_buffers = GetParam().direction == 3 ? 2 : 1;
     std::string m_content = "0123456789abcdef";
 };
@@ -329,31 +340,25 @@ TEST_P(StreamFile, startsClosedBlockingAndUnbuffered) {
 TEST_P(StreamFile, opensAPathInEachForm) {
     StreamBinFileBase& file = make();
     unsigned int const flags = m_class.direction | BinFileBase::APPEND;
-    EXPECT_FALSE(m_class.open(file, m_path.c_str(), flags, FileAccess::none));
-    EXPECT_EQ(flags, Reading::getFlags(file));
-    use(file);
-    EXPECT_FALSE(m_class.open_text(file, m_path, flags)) << "the string is borrowed";
-    use(file);
-    EXPECT_FALSE(m_class.open_text(file, vesk::UnicodeString(m_path.c_str()), flags));
-    use(file);
-    EXPECT_FALSE(m_class.open_at(file, m_dir, "file", flags));
-    use(file);
+    openInEachWay(file, "file", flags, [&](bool failed, std::string const&) {
+        EXPECT_FALSE(failed);
+        EXPECT_EQ(flags, Reading::getFlags(file));
+        use(file);
+    });
 }
 
 TEST_P(StreamFile, failedOpenIsReportedAsInTheBase) {
     StreamBinFileBase& file = make();
-    EXPECT_TRUE(reopen(file, m_missing));
-    EXPECT_TRUE(isMissing(m_missing));
-    EXPECT_TRUE(m_class.open_text(file, m_missing, m_class.direction));
-    EXPECT_TRUE(isMissing(m_missing));
-    EXPECT_TRUE(m_class.open_at(file, m_dir, "missing", m_class.direction));
-    EXPECT_TRUE(isMissing("missing"));
-    unsigned int const create_new = m_class.direction | 0x48U;
-    EXPECT_TRUE(m_class.open_text(file, m_path, create_new));
-    EXPECT_TRUE(FILE_EXISTS.isPending(m_path));
-    EXPECT_TRUE(m_class.open_at(file, m_dir, "file", create_new));
-    EXPECT_TRUE(FILE_EXISTS.isPending("file"));
-    EXPECT_FALSE(file.isValid());
+    for (bool const exists : {false, true}) {
+        unsigned int const create_new = m_class.direction | 0x48U;
+        openInEachWay(
+            file, exists ? "file" : "missing", exists ? create_new : m_class.direction,
+            [&](bool failed, std::string const& shown) {
+                EXPECT_TRUE(failed);
+                EXPECT_TRUE(exists ? FILE_EXISTS.isPending(shown) : isMissing(shown));
+                EXPECT_FALSE(file.isValid());
+            });
+    }
 }
 
 TEST_P(StreamFile, openWithoutAPathSucceedsAndStaysClosed) {
@@ -384,14 +389,11 @@ TEST_P(StreamFile, cannotBeOpenedWithoutMemoryForABuffer) {
         Calls const no_open(inject_open, 0);
         Calls const no_openat(inject_openat, 0);
         unsigned int const flags = m_class.direction | BinFileBase::TRUNCATE;
-        for (auto const& open_once : std::initializer_list<std::function<bool()>>{
-                 [&] { return m_class.open(file, m_path.c_str(), flags, FileAccess::none); },
-                 [&] { return m_class.open_text(file, m_path, flags); },
-                 [&] { return m_class.open_at(file, m_dir, "file", flags); }}) {
-            EXPECT_TRUE(open_once());
+        openInEachWay(file, "file", flags, [&](bool failed, std::string const&) {
+            EXPECT_TRUE(failed);
             EXPECT_TRUE(isContractBroken("Attempted open on invalid object"));
             EXPECT_TRUE(file.hadError());
-        }
+        });
         EXPECT_FALSE(file.isValid());
     }
     EXPECT_EQ(m_content, contentOf(m_path));

@@ -146,17 +146,12 @@ TEST_P(StreamRead, readsToTheEnd) {
     }
 }
 
-TEST_P(StreamRead, readOf0BytesSucceedsWithoutASystemCall) {
+TEST_P(StreamRead, readOf0BytesOrUnavailableDataIsNoFailure) {
     m_folder.makeFile("empty");
     for (unsigned int const buffer_size : {0U, 4U}) {
         run(buffer_size,
-            {"read 0 FAILS CLOSED", "open empty", "read 1 ENDS", "count read", "read 0", "calls read 0"});
-    }
-}
-
-TEST_P(StreamRead, unavailableDataIsNoFailureWithAnyBuffer) {
-    for (unsigned int const buffer_size : {0U, 16U}) {
-        run(buffer_size, {"open file", "fail read EAGAIN", "read 2", "read 2 01"});
+            {"read 0 FAILS CLOSED", "open empty", "read 1 ENDS", "count read", "read 0", "calls read 0",
+             "open file", "fail read EAGAIN", "read 2", "read 2 01"});
     }
 }
 
@@ -328,13 +323,10 @@ protected:
     std::string m_content = contentOf(m_path);
 };
 
-TEST_P(StreamWrite, reopeningFlushesTheOldFile) {
+TEST_P(StreamWrite, reopeningFlushesTheOldFileAndStopsIfThatFails) {
     run(16,
         {"open file", "write abc", "content file 0123456789abcdef", "open other",
          "content file abc3456789abcdef", "buffered 0", "content other old"});
-}
-
-TEST_P(StreamWrite, reopeningStopsAndDiscardsTheBufferWhenTheOldFileCannotBeFlushed) {
     run(16,
         {"open /dev/full", "write abc", "open other truncate FAILS NO_SPACE ENOSPC TRANSFER_FAILED",
          "invalid", "content other old", "buffered 0", "open other truncate", "close", "content other"});
@@ -449,10 +441,14 @@ TEST_P(StreamWrite, flushWritesTheDataToTheMediumUnlessOnlyTheBufferIsRequested)
          "count fsync", "sync", "calls fsync 1"});
 }
 
-TEST_P(StreamWrite, closeFlushesFirst) {
+TEST_P(StreamWrite, closeFlushesFirstAndFailsWhenTheDescriptorCannotBeClosed) {
     run(16,
         {"open file", "write abc", "count fsync", "close", "calls fsync 1", "content file abc3456789abcdef",
          "count close", "close", "calls close 0"});
+    run(16,
+        {"open file", "write abc", "fail close EIO 2", "close FAILS INPUT_OUTPUT EIO", "valid",
+         "content file abc3456789abcdef", // It was flushed.
+         "fail fsync EIO", "close FAILS INPUT_OUTPUT EIO"});
 }
 
 TEST_P(StreamWrite, closeClosesAFileThatCannotBeFlushedAndLeavesNothingForTheNextOne) {
@@ -464,28 +460,17 @@ TEST_P(StreamWrite, closeClosesAFileThatCannotBeFlushedAndLeavesNothingForTheNex
     runOn(file, {"close", "content file 0123456789abcdef"});
 }
 
-TEST_P(StreamWrite, closeFailsWhenTheDescriptorCannotBeClosed) {
-    run(16,
-        {"open file", "write abc", "fail close EIO 2", "close FAILS INPUT_OUTPUT EIO", "valid",
-         "content file abc3456789abcdef", // It was flushed.
-         "fail fsync EIO", "close FAILS INPUT_OUTPUT EIO"});
-}
-
-TEST_P(StreamWrite, seekWritesTheBufferFirst) {
+TEST_P(StreamWrite, seekWritesTheBufferFirstAndStopsOnlyWhileDataIsLeft) {
     run(16,
         {"open file", "write ab", "count fsync", "seek current 0 2", "calls fsync 1",
          "content file ab23456789abcdef", "count fsync", "seek end -1 15", "calls fsync 0", "write X",
          "seek begin 4 4", "write Y", "close", "content file ab23Y56789abcdeX"});
-}
-
-TEST_P(StreamWrite, seekStopsWhileDataIsLeftInTheBuffer) {
+    m_folder.makeFile("file", "0123456789abcdef");
     run(16,
         {"open file", "write ab", "count lseek", "fail write ENOSPC",
          "seek begin 5 FAILS NO_SPACE ENOSPC TRANSFER_FAILED", "buffered 2", "seek begin 5 5",
          "calls lseek 1", "content file ab23456789abcdef"});
-}
-
-TEST_P(StreamWrite, seekContinuesWhenOnlyTheMediumFails) {
+    m_folder.makeFile("file", "0123456789abcdef");
     run(16,
         {"open file", "write ab", "fail fsync EIO", "seek begin 5 5", "calls fsync 1",
          "content file ab23456789abcdef"});
@@ -614,16 +599,23 @@ TEST_F(StreamBinFileRWTest, reopeningEmptiesBothBuffersAndKeepsTheDirection) {
          "read 2 X1", "reading 8", "open missing FAILS INVALID_PATH ENOENT BAD_PATH", "reading 0"});
 }
 
-TEST_F(StreamBinFileRWTest, flushWhileReadingKeepsTheReadAheadAndAWriteReturnsIt) {
+TEST_F(StreamBinFileRWTest, flushAndTransfersOf0BytesKeepTheDirection) {
     run(
         {"read 1 0", "sync", "reading 9", "read 3 123", "write X", "writing 1", "flush",
          "content file 0123X56789abcdef"});
+    run({"read 1 0", "write", "reading 9", "write ab", "read 0", "writing 2"});
 }
 
-TEST_F(StreamBinFileRWTest, writtenBytesAreInTheFileAndOnItsMediumBeforeARead) {
+TEST_F(StreamBinFileRWTest, readWritesTheBufferFirstAndStopsOnlyWhileDataIsLeft) {
     run(
         {"write AB", "content file 0123456789abcdef", "count fsync", "read 2 23", "calls fsync 1",
          "content file AB23456789abcdef", "reading 8"});
+    m_folder.makeFile("file", "0123456789abcdef");
+    run(
+        {"write AB", "fail write ENOSPC", "count read", "read 2 FAILS NO_SPACE ENOSPC TRANSFER_FAILED",
+         "calls read 0", "writing 2", "read 2 23", "content file AB23456789abcdef"});
+    m_folder.makeFile("file", "0123456789abcdef");
+    run({"write AB", "fail fsync EIO", "read 2 23", "calls fsync 1", "reading 8"});
 }
 
 TEST_F(StreamBinFileRWTest, changeOfDirectionWithEmptyBuffersIsNoSystemCall) {
@@ -634,16 +626,6 @@ TEST_F(StreamBinFileRWTest, changeOfDirectionWithEmptyBuffersIsNoSystemCall) {
              "calls fsync 0", "content file 0123WXYZ89abcdef"});
         m_folder.makeFile("file", "0123456789abcdef");
     }
-}
-
-TEST_F(StreamBinFileRWTest, readFailsWhileWrittenDataIsLeftInTheBuffer) {
-    run(
-        {"write AB", "fail write ENOSPC", "count read", "read 2 FAILS NO_SPACE ENOSPC TRANSFER_FAILED",
-         "calls read 0", "writing 2", "read 2 23", "content file AB23456789abcdef"});
-}
-
-TEST_F(StreamBinFileRWTest, readContinuesWhenOnlyTheMediumFails) {
-    run({"write AB", "fail fsync EIO", "read 2 23", "calls fsync 1", "reading 8"});
 }
 
 TEST_F(StreamBinFileRWTest, writeFailsWhereTheReadAheadCannotBeReturnedAndLosesIt) {
@@ -686,10 +668,6 @@ TEST_F(StreamBinFileRWTest, seekThatFlushesEndsWritingAndSeekWithoutDataKeepsIt)
     run(
         {"write AB", "seek current 1 3", "reading 0", "check-write", "seek end 0 16", "writing 0", "write CD",
          "fail write ENOSPC", "seek begin 5 FAILS NO_SPACE ENOSPC TRANSFER_FAILED", "writing 2"});
-}
-
-TEST_F(StreamBinFileRWTest, transfersOf0BytesDoNotChangeTheDirection) {
-    run({"read 1 0", "write", "reading 9", "write ab", "read 0", "writing 2"});
 }
 
 TEST_F(StreamBinFileRWTest, alternatingReadsAndWritesAllocateNothing) {

@@ -111,9 +111,6 @@ TEST(WidePath, isNotCutByTheLengthOfItsText) {
     }
     EXPECT_EQ(10U, WidePath("0123456789", 3).length());
     EXPECT_EQ(L"abc", WidePath("abc\0def", 7));
-}
-
-TEST(WidePath, isConvertedInTwoPasses) {
     ScopedLocale const locale("C.UTF-8");
     Conversions const conversions;
     WidePath const path("\xE2\x82\xAC/b", 1);
@@ -156,9 +153,6 @@ TEST(WidePath, staysValidOrInvalidInStringOperations) {
     WidePath invalid("");
     invalid.assign(L"text");
     expectPath(L"text", false, invalid);
-}
-
-TEST(WidePath, copyHasTextAndValidity) {
     for (bool const valid : {true, false}) {
         WidePath const source = makePath(L"text", valid);
         WidePath const copy(source);

@@ -26,9 +26,6 @@ TEST(TextUtils, lengthEndsAtTheNulOrTheLimit) {
     EXPECT_EQ(0U, vesk::strnlen("abc", 0));
     EXPECT_EQ(1U, vesk::strnlen("a\0b", 3));
     EXPECT_EQ(3U, vesk::strnlen("abc", UINT_MAX));
-}
-
-TEST(TextUtils, wideLengthCountsCharacters) {
     EXPECT_EQ(0U, vesk::wcsnlen(L"", 10));
     EXPECT_EQ(3U, vesk::wcsnlen(L"a\u20ACc", 10));
     EXPECT_EQ(3U, vesk::wcsnlen(L"abc", 3));

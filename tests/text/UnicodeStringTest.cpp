@@ -390,17 +390,7 @@ constexpr char const* WIDE_WARNING = "WARNING framework/src/vesk/posix/UnicodeSt
                                      "std::__cxx11::wstring: second call to utf8_to_wide returned different "
                                      "result";
 
-TEST(UnicodeString, changeOfTheLocaleBetweenThePassesKeepsTheConvertedPart) {
-    ScopedLocale const locale("C.UTF-8");
-    EventRecorder const events;
-    Conversions conversions;
-    conversions.before = [](size_t pass) { setlocale(LC_CTYPE, pass == 1 ? "C.UTF-8" : "C"); };
-    UnicodeString const narrow(std::wstring(L"ab\u20ACcd"));
-    EXPECT_EQ(NARROW_WARNING, events.getText());
-    expectText("ab", 8, 2, narrow);
-}
-
-TEST(UnicodeString, textThatChangesBetweenThePassesIsCutAndTerminated) {
+TEST(UnicodeString, changeOfTheTextOrTheLocaleBetweenThePassesKeepsTheConvertedPart) {
     for (auto const& [second, narrow] : {std::pair(L"abcd", "abc"), std::pair(L"a", "a")}) {
         EventRecorder const events;
         std::wstring wide = L"abc";
@@ -414,6 +404,13 @@ TEST(UnicodeString, textThatChangesBetweenThePassesIsCutAndTerminated) {
         expectText(narrow, 4, 2, UnicodeString(wide));
         EXPECT_EQ(NARROW_WARNING, events.getText());
     }
+    ScopedLocale const locale("C.UTF-8");
+    EventRecorder const events;
+    Conversions conversions;
+    conversions.before = [](size_t pass) { setlocale(LC_CTYPE, pass == 1 ? "C.UTF-8" : "C"); };
+    UnicodeString const narrow(std::wstring(L"ab\u20ACcd"));
+    EXPECT_EQ(NARROW_WARNING, events.getText());
+    expectText("ab", 8, 2, narrow);
 }
 
 TEST(UnicodeString, wideTextOfDifferentPassesIsTheSecondOne) {
@@ -427,9 +424,6 @@ TEST(UnicodeString, wideTextOfDifferentPassesIsTheSecondOne) {
         EXPECT_EQ(WIDE_WARNING, events.getText());
         EXPECT_TRUE(chainIs({}));
     }
-}
-
-TEST(UnicodeString, narrowTextThatShrinksBetweenThePassesKeepsItsLength) {
     EventRecorder const events;
     char text[] = "abcdef";
     UnicodeString const narrow(text, sizeof text);
