@@ -1,8 +1,8 @@
 #include "StreamFiles.h"
+#include "support/Eventually.h"
 #include "support/Processes.h"
 
 #include <algorithm>
-#include <chrono>
 #include <climits>
 #include <poll.h>
 #include <random>
@@ -280,15 +280,11 @@ TEST_F(StreamBinFileWTest, blockingFileWaitsForASinkThatDoesNotBlock) {
     Fault const waits(inject_poll, 0, 1, 1, Fault::Threads::ALL);
     Fault const writes(inject_write, 0, 1, 1, Fault::Threads::ALL);
     std::thread reader([&] {
-        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (waits.getCalls() == 0 && std::chrono::steady_clock::now() < deadline) {
-            sched_yield();
-        }
+        EXPECT_TRUE(eventually([&waits] { return waits.getCalls() != 0; }));
         full.drain();
     });
     writeTo(file, std::string(100, 'x'));
     reader.join();
-    EXPECT_NE(0, waits.getCalls());
     EXPECT_LE(writes.getCalls(), waits.getCalls() + 1) << "one wait for each write that was refused";
     EXPECT_FALSE(file.hadError());
 }
@@ -445,6 +441,7 @@ TEST_P(StreamWrite, closeFlushesFirstAndFailsWhenTheDescriptorCannotBeClosed) {
     run(16,
         {"open file", "write abc", "count fsync", "close", "calls fsync 1", "content file abc3456789abcdef",
          "count close", "close", "calls close 0"});
+    m_folder.makeFile("file", m_content);
     run(16,
         {"open file", "write abc", "fail close EIO 2", "close FAILS INPUT_OUTPUT EIO", "valid",
          "content file abc3456789abcdef", // It was flushed.
