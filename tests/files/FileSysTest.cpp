@@ -330,7 +330,7 @@ TEST_F(FileSysTest, bufferSizeOfZeroIsTheLargestSize) {
     }
 }
 
-TEST_F(FileSysTest, bitsOfTheMaskAreSetAsAccess) {
+TEST_F(FileSysTest, bitsOfTheMaskAreSetAsAccessToTheTarget) {
     for (unsigned int const bits : {0701U, 0U, 07777U}) {
         EXPECT_FALSE(FileSys::changeAccess(m_path.c_str(), FileAccess(bits)));
         EXPECT_EQ(bits, accessOf(m_path));
@@ -338,9 +338,6 @@ TEST_F(FileSysTest, bitsOfTheMaskAreSetAsAccess) {
     EXPECT_FALSE(FileSys::changeAccess(m_path.c_str(), FileAccess(0xFFFFF000U | 0640U)));
     EXPECT_EQ((0xFFFFF000U & 07777U) | 0640U, s_chmod_mode);
     EXPECT_EQ(0640U, accessOf(m_path));
-}
-
-TEST_F(FileSysTest, accessToTheTargetOfALinkIsChanged) {
     std::string const link = m_folder.makeLink("link", "file");
     EXPECT_FALSE(FileSys::changeAccess(link.c_str(), FileAccess::owner_read));
     EXPECT_EQ(0400U, accessOf(m_path));
