@@ -1,16 +1,10 @@
 #include "Clients.h"
 
 #include "support/AllocationCounter.h"
-#include "support/NamedRow.h"
+#include "support/Testing.h"
 #include "support/VtableSlot.h"
 
-#include <gtest/gtest.h>
-
-#include <iterator>
 #include <map>
-#include <tuple>
-#include <type_traits>
-#include <vector>
 
 namespace {
 

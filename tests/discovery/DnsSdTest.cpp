@@ -2,28 +2,14 @@
 #include "TestEngine.h"
 
 #include "support/CleanEnd.h"
-#include "support/EventRecorder.h"
-#include "support/Eventually.h"
-#include "support/Inject.h"
 #include "support/NewFault.h"
-#include "support/RunInThreads.h"
 #include "support/Sleeper.h"
+#include "support/Testing.h"
 #include "support/UnlockFault.h"
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstring>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <new>
 #include <stdexcept>
-#include <type_traits>
 
 namespace {
 

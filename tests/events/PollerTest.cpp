@@ -2,11 +2,7 @@
 #include "support/Aborts.h"
 #include "support/AllocationCounter.h"
 #include "support/Descriptors.h"
-#include "support/ErrnoRows.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
-#include "support/TestBy.h"
 #include "support/VtableSlot.h"
 
 #include <vesk/Poller.h>
@@ -14,11 +10,9 @@
 
 #include <map>
 #include <poll.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <type_traits>
 
 VESK_INJECT_ERRNO(int, -1, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 VESK_INJECT_ERRNO(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))

@@ -1,18 +1,12 @@
 #include "SignalSupport.h"
 #include "support/Aborts.h"
-#include "support/ErrnoRows.h"
-#include "support/Privileges.h"
 
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
 #include <vesk/Timer.h>
 
-#include <climits>
-#include <iterator>
 #include <map>
-#include <sstream>
 #include <stdexcept>
-#include <type_traits>
 
 namespace {
 // Each runs once, in the next call of sigaction.

@@ -1,12 +1,9 @@
 #include "SignalSupport.h"
 #include "support/ErrorRow.h"
-#include "support/Privileges.h"
 
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
 #include <vesk/Vesk.h>
-
-#include <type_traits>
 
 VESK_INJECT_RESULT(
     pthread_create,

@@ -1,7 +1,6 @@
 #include "SignalSupport.h"
 #include "support/Descriptors.h"
 #include "support/HeapUse.h"
-#include "support/RunInThreads.h"
 
 #include <vesk/SignalCatcher.h>
 

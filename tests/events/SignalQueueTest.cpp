@@ -1,25 +1,16 @@
 #include "SignalSupport.h"
 #include "support/Aborts.h"
 #include "support/AllocationCounter.h"
-#include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
 #include "support/Sanitizers.h"
-#include "support/TestBy.h"
 #include "support/VtableSlot.h"
 
 #include <array>
-#include <climits>
-#include <cstdint>
-#include <iterator>
 #include <poll.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/select.h>
-#include <type_traits>
 
 VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size), (fd, buffer, size))
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))

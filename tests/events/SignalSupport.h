@@ -1,38 +1,20 @@
 #pragma once
 
-#include "support/Child.h"
 #include "support/CleanEnd.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
 #include "support/Processes.h"
 #include "support/Sleeper.h"
+#include "support/Testing.h"
 #include "support/Threads.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/SignalQueue.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
-#include <cstddef>
-#include <cstdio>
-#include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <functional>
 #include <initializer_list>
-#include <memory>
 #include <mutex>
-#include <sched.h>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
-#include <utility>
-#include <vector>
 
 /// Support for tests of signals and self-pipes. Must be included in exactly one file of a test program,
 /// because it replaces `pipe` and `close`.

@@ -1,6 +1,5 @@
 #include "FileTests.h"
 
-#include <tarncommon/error/ErrorOutput.h>
 #include <vesk/BinTempFileRW.h>
 #include <vesk/FmtFileWrapper.h>
 #include <vesk/MemBinFileBase.h>
@@ -17,9 +16,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
-#include <memory>
 #include <mqueue.h>
-#include <pthread.h>
 #include <semaphore.h>
 #include <termios.h>
 

@@ -6,11 +6,7 @@
 
 #include <dirent.h>
 #include <filesystem>
-#include <memory>
-#include <set>
 #include <sys/resource.h>
-#include <thread>
-#include <utility>
 
 VESK_INJECT_ERRNO(dirent*, nullptr, readdir, (DIR * dir), (dir))
 VESK_INJECT_ERRNO(int, -1, closedir, (DIR * dir), (dir))

@@ -4,7 +4,6 @@
 #include <vesk/FileBuffer.h>
 #include <vesk/FmtFileWrapper.h>
 
-#include <climits>
 #include <cwchar>
 #include <istream>
 

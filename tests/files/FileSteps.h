@@ -4,11 +4,7 @@
 
 #include <vesk/StreamBinFileBase.h>
 
-#include <algorithm>
-#include <cstring>
-#include <iterator>
 #include <map>
-#include <sstream>
 
 /// Tests of files as tables of steps.
 

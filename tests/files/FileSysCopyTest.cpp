@@ -4,7 +4,6 @@
 #include <vesk/FileSys.h>
 
 #include <list>
-#include <tuple>
 
 /// Writes for the base library. A fault makes it write one byte less, which no base library does.
 support::Injected inject_writeSlowly("_ZNSt16IBinOutputStream11writeSlowlyEPKvjRj");

@@ -2,7 +2,6 @@
 
 #include <vesk/FileSys.h>
 
-#include <algorithm>
 #include <limits>
 #include <list>
 #include <pwd.h>

@@ -1,26 +1,18 @@
 #pragma once
 
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/NamedRow.h"
-#include "support/Privileges.h"
 #include "support/TempFolder.h"
+#include "support/Testing.h"
 #include "support/VtableSlot.h"
 #include "support/calls/FileCalls.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/stream/IBinInputStream.h>
 #include <tarncommon/stream/IBinOutputStream.h>
 #include <vesk/BinFileBase.h>
 #include <vesk/Directory.h>
 #include <vesk/Pipe.h>
 
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <functional>
 #include <initializer_list>
-#include <type_traits>
 
 /// What the tests of files share. Must be included in exactly one file of a test program, like `FileCalls.h`.
 

@@ -2,7 +2,6 @@
 
 #include <vesk/FileSys.h>
 
-#include <algorithm>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/time.h>

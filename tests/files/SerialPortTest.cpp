@@ -3,7 +3,6 @@
 
 #include <vesk/SerialPort.h>
 
-#include <cstdlib>
 #include <poll.h>
 #include <termios.h>
 

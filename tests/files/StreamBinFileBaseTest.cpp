@@ -1,7 +1,5 @@
 #include "StreamFiles.h"
 
-#include <climits>
-
 namespace {
 
 using namespace support;

@@ -1,12 +1,8 @@
 #include "StreamFiles.h"
-#include "support/Eventually.h"
 #include "support/Processes.h"
 
-#include <algorithm>
-#include <climits>
 #include <poll.h>
 #include <random>
-#include <thread>
 
 VESK_INJECT_ERRNO(int, -1, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 

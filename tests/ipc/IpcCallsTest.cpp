@@ -2,11 +2,8 @@
 #include "support/Processes.h"
 #include "support/Sleeper.h"
 
-#include <algorithm>
 #include <chrono>
-#include <iterator>
 #include <limits>
-#include <optional>
 
 /// What the calls of message queues and semaphores have in common: refusal, failure, interruption and waiting.
 

@@ -1,18 +1,8 @@
 #include "IpcSupport.h"
-#include "support/Privileges.h"
 #include "support/Processes.h"
 #include "support/VtableSlot.h"
 
-#include <tarncommon/error/ErrorOutput.h>
-
-#include <algorithm>
-#include <functional>
-#include <iterator>
 #include <map>
-#include <memory>
-#include <sstream>
-#include <tuple>
-#include <type_traits>
 
 /// What the servers and clients of message queues, semaphores and shared memory have in common: names, errors
 /// of opening and creation, removal of names, close, and destruction.

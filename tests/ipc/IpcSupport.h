@@ -1,14 +1,13 @@
 #pragma once
 
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
 #include "support/ErrorRow.h"
 #include "support/FailOnce.h"
+#include "support/Testing.h"
 #include "support/calls/QueueCalls.h"
 #include "support/calls/SemaphoreCalls.h"
 #include "support/calls/ShmCalls.h"
 
-#include <tarncommon/error/CommonError.h>
 #include <vesk/FileAccessError.h>
 #include <vesk/MsgQueueClient.h>
 #include <vesk/MsgQueueServer.h>
@@ -16,13 +15,6 @@
 #include <vesk/SemaphoreCreator.h>
 #include <vesk/SharedMemoryClient.h>
 #include <vesk/SharedMemoryServer.h>
-#include <vesk/SysError.h>
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <unistd.h>
-#include <vector>
 
 /// What the tests of message queues, semaphores and shared memory have in common. Must be included in exactly
 /// one file of a test program: it replaces the system calls below them.

@@ -1,14 +1,10 @@
 #include "IpcSupport.h"
-#include "support/Privileges.h"
 #include "support/Processes.h"
-#include "support/RunInThreads.h"
 #include "support/TempFolder.h"
 
 #include <tarncommon/stream/IBinStreamBase.h>
 
 #include <limits>
-#include <memory>
-#include <thread>
 
 VESK_INJECT_ERRNO(long, -1, sysconf, (int name), (name))
 VESK_INJECT_ERRNO(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))

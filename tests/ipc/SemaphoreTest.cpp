@@ -1,8 +1,6 @@
 #include "IpcSupport.h"
 #include "support/Processes.h"
 
-#include <climits>
-
 namespace {
 
 using namespace support;

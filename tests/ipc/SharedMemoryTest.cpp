@@ -1,18 +1,13 @@
 #include "IpcSupport.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
 #include "support/Processes.h"
 #include "support/TempFolder.h"
 #include "support/calls/MapCalls.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/ShmCondition.h>
 #include <vesk/ShmMutex.h>
 #include <vesk/Vesk.h>
 
-#include <algorithm>
-#include <functional>
-#include <optional>
 #include <sys/socket.h>
 
 namespace {

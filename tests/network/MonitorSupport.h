@@ -1,23 +1,12 @@
 #pragma once
 
-#include "support/Chain.h"
-#include "support/EventRecorder.h"
+#include "support/Testing.h"
 
 #include <vesk/NetDeviceMonitor.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
 
 /// Support for the tests of the monitor.
 namespace support {

@@ -1,5 +1,4 @@
 #include "support/CleanEnd.h"
-#include "support/Inject.h"
 #include "support/NewFault.h"
 
 #include "AnswerCalls.h"
@@ -7,14 +6,10 @@
 
 #include <arpa/inet.h>
 #include <cstdarg>
-#include <cstdlib>
-#include <cstring>
 #include <map>
 #include <net/if_arp.h>
 #include <netdb.h>
-#include <set>
 #include <sys/socket.h>
-#include <utility>
 
 namespace {
 

@@ -1,20 +1,11 @@
 #include "support/Descriptors.h"
-#include "support/Eventually.h"
 #include "support/NetworkNamespace.h"
 #include "support/Processes.h"
-#include "support/RunInThreads.h"
 #include "support/Sleeper.h"
 
 #include "MonitorSupport.h"
 
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <set>
 #include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 
 // A monitor of the real kernel's messages, each time in a separate network.
 

@@ -1,14 +1,11 @@
 #include "support/CleanEnd.h"
 #include "support/Descriptors.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
 #include "support/VtableSlot.h"
 
 #include "MonitorSupport.h"
 
 #include <map>
-#include <sstream>
-#include <type_traits>
 
 // The table and the callbacks. NetlinkDecoderTest covers the way of the kernel's messages to them.
 

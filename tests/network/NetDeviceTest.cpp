@@ -1,4 +1,3 @@
-#include "support/Eventually.h"
 #include "support/NetworkNamespace.h"
 #include "support/TempFolder.h"
 
@@ -6,10 +5,7 @@
 
 #include <tarncommon/tarnbase/NonCopyable.h>
 
-#include <cstdio>
-#include <cstring>
 #include <sys/mount.h>
-#include <type_traits>
 
 // Real interfaces, those of the machine and in networks of the tests.
 

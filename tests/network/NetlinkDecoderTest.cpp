@@ -1,5 +1,4 @@
 #include "support/CleanEnd.h"
-#include "support/NamedRow.h"
 
 #include "AnswerCalls.h"
 #include "MonitorSupport.h"
@@ -7,23 +6,13 @@
 
 #include <vesk/Socket.h>
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <ctime>
 #include <deque>
 #include <fcntl.h>
 #include <linux/if_addr.h>
 #include <net/if.h>
-#include <optional>
-#include <sched.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>

@@ -1,21 +1,14 @@
-#include "support/NamedRow.h"
 #include "support/NetworkNamespace.h"
+#include "support/Testing.h"
 
 #include <vesk/NetworkAddress.h>
 #include <vesk/NetworkInterface.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <arpa/inet.h>
-#include <cstdint>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <numeric>
-#include <string>
 #include <sys/socket.h>
-#include <type_traits>
-#include <vector>
 
 namespace {
 

@@ -5,9 +5,7 @@
 #include <tarncommon/error/ErrorApi.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
-#include <functional>
 #include <regex>
-#include <string>
 
 /// Runs an object in a separate process, which captures the output that its child inherits.
 namespace support {

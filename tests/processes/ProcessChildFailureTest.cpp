@@ -1,15 +1,11 @@
 #include "processes/ChildCapture.h"
 
-#include "support/Inject.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
 
 #include <tarncommon/error/ErrorApi.h>
 
 #include <cstdarg>
-#include <cstring>
 #include <fnmatch.h>
-#include <sched.h>
 #include <sys/resource.h>
 
 // The calls between fork and exec. The functions are replaced in the process; the child inherits their state

@@ -1,10 +1,5 @@
 #include "processes/ChildCapture.h"
 
-#include <tarncommon/error/ErrorOutput.h>
-
-#include <cstring>
-#include <optional>
-#include <sched.h>
 #include <sys/resource.h>
 
 // The properties of a child, seen from the program that runs in it.

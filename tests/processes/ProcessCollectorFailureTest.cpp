@@ -1,14 +1,10 @@
 #include "processes/ProcessSupport.h"
 
-#include "support/Inject.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
 #include "support/UnlockFault.h"
 
 #include <vesk/Mutex.h>
 #include <vesk/Thread.h>
-
-#include <memory>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * m), (m))
 VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))

@@ -1,10 +1,5 @@
 #include "processes/ProcessSupport.h"
 
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-
-#include <memory>
-#include <optional>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 

@@ -1,13 +1,11 @@
 #include "processes/ProcessSupport.h"
 
 #include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/ErrorOutput.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/tracing/Channel.h>
 
 #include <iostream>
 #include <locale.h>
-#include <memory>
 
 // Many children of many threads.
 namespace {

@@ -1,11 +1,9 @@
 #include "processes/ProcessSupport.h"
 
 #include "support/CleanEnd.h"
-#include "support/Inject.h"
 
 #include <vesk/FileAccessError.h>
 
-#include <cstring>
 #include <sys/wait.h>
 
 namespace {

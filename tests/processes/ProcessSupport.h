@@ -1,37 +1,17 @@
 #pragma once
 
 #include "ProbeCommand.h"
-#include "support/Chain.h"
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/Privileges.h"
 #include "support/Processes.h"
-#include "support/RunInThreads.h"
 #include "support/Sleeper.h"
 #include "support/TempFolder.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/ProcessTNG.h>
-#include <vesk/SysError.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <functional>
 #include <map>
-#include <sstream>
-#include <string>
-#include <unistd.h>
-#include <utility>
-#include <vector>
 
 /// Support for the tests of child processes.
 namespace support {

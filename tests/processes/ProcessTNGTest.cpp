@@ -1,9 +1,6 @@
 #include "processes/ProcessSupport.h"
 
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
 #include "support/UnlockFault.h"
 
 #include <vesk/FileAccessError.h>
@@ -11,11 +8,6 @@
 
 #include <tarncommon/tarnbase/TimePoint.h>
 #include <tarncommon/tracing/Channel.h>
-
-#include <climits>
-#include <memory>
-#include <optional>
-#include <type_traits>
 
 namespace {
 

@@ -1,19 +1,12 @@
 #include "support/CleanEnd.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/Group.h>
 #include <vesk/User.h>
 
-#include <gtest/gtest.h>
-
-#include <climits>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/resource.h>
-#include <tuple>
-#include <type_traits>
 
 /// `User` and `Group` have the same contract, each for its own database: every test runs for both.
 

@@ -1,14 +1,8 @@
 #pragma once
 
-#include "support/Chain.h"
+#include "support/Testing.h"
 
-#include <vesk/SysError.h>
 #include <vesk/Time.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <string>
 
 /// Reports that the loads of a process and of the system have in common.
 

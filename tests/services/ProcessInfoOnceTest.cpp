@@ -1,18 +1,7 @@
 #include "services/FakeProc.h"
-
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
-#include "support/TestBy.h"
+#include "support/Testing.h"
 
 #include <vesk/ProcessInfo.h>
-
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
 
 // Each process queries the sizes of ticks and pages once. The tests run in children, which have not queried them yet.
 

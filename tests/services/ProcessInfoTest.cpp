@@ -3,24 +3,13 @@
 
 #include "frame/FakeClock.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
-#include "support/Eventually.h"
-#include "support/NamedRow.h"
 #include "support/Processes.h"
-#include "support/RunInThreads.h"
 
 #include <vesk/ProcessInfo.h>
 #include <vesk/Time.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <climits>
-#include <cstdint>
 #include <dirent.h>
 #include <fstream>
-#include <functional>
 #include <sys/prctl.h>
 
 namespace {

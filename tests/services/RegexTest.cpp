@@ -1,19 +1,10 @@
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/Regex.h>
 #include <vesk/RegexHandle.h>
 
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
 #include <regex.h>
-#include <type_traits>
 
 namespace {
 

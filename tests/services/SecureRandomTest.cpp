@@ -1,21 +1,9 @@
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-#include "support/RunInThreads.h"
 #include "support/TempFolder.h"
+#include "support/Testing.h"
 
 #include <vesk/SecureRandom.h>
 #include <vesk/StreamBinFileR.h>
-
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
-#include <optional>
-#include <type_traits>
 
 namespace {
 

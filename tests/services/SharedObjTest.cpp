@@ -1,22 +1,10 @@
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/RefCounted.h>
 #include <vesk/SharedObj.h>
 
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <cstdio>
 #include <dlfcn.h>
-#include <memory>
-#include <type_traits>
-#include <utility>
 
 namespace {
 

@@ -2,24 +2,14 @@
 
 #include "frame/FakeClock.h"
 #include "support/CleanEnd.h"
-#include "support/Eventually.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
 #include "support/TempFolder.h"
 
 #include <vesk/SystemLoad.h>
 #include <vesk/Vesk.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <climits>
 #include <clocale>
-#include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <limits>
-#include <thread>
 
 namespace {
 

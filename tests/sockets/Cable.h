@@ -1,20 +1,12 @@
 #pragma once
 
-#include "support/Eventually.h"
 #include "support/NetworkNamespace.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
-#include <functional>
 #include <net/if.h>
-#include <sched.h>
-#include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace support {
 

@@ -3,11 +3,9 @@
 #include "support/NetworkNamespace.h"
 #include "support/calls/ResolverCalls.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/IPSocket.h>
 
 #include <net/if.h>
-#include <type_traits>
 
 namespace {
 // The size of the buffer that the last call of inet_ntop received.

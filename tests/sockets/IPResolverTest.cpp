@@ -1,12 +1,10 @@
 #include "NameServer.h"
 #include "SocketRows.h"
-#include "support/TestBy.h"
 #include "support/calls/ResolverCalls.h"
 
 #include <vesk/IPSocket.h>
 
 #include <chrono>
-#include <type_traits>
 
 /// The resolver with prepared answers, and in the suite `IPResolverNames` with a real name server.
 

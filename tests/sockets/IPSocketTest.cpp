@@ -2,16 +2,12 @@
 #include "TestSocket.h"
 #include "support/InjectNoting.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
 #include "support/VtableSlot.h"
 #include "support/calls/ResolverCalls.h"
 
-#include <tarncommon/error/ErrorOutput.h>
 #include <vesk/IPSocket.h>
 
 #include <net/if.h>
-#include <type_traits>
 
 namespace {
 

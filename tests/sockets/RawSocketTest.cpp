@@ -2,7 +2,6 @@
 #include "support/Descriptors.h"
 #include "support/NetworkNamespace.h"
 #include "support/NewFault.h"
-#include "support/TestBy.h"
 #include "support/calls/UDPCalls.h"
 
 #include <vesk/RawSocket.h>
@@ -10,14 +9,11 @@
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
-#include <memory>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <set>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <type_traits>
 
 namespace {
 

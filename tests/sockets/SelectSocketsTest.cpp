@@ -1,22 +1,11 @@
 #include "SocketRows.h"
 #include "TestSocket.h"
-#include "support/Child.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
 #include "threads/ThreadSupport.h"
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <climits>
-#include <csignal>
 #include <ostream>
-#include <set>
-#include <string>
 #include <sys/select.h>
 #include <sys/time.h>
-#include <thread>
-#include <vector>
 
 namespace {
 

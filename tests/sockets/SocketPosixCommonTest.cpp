@@ -3,10 +3,6 @@
 #include "SocketRows.h"
 #include "TestSocket.h"
 
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <functional>
-
 /// What the helpers below the socket classes do and the tests of the classes cannot see.
 
 namespace {

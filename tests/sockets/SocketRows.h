@@ -1,23 +1,15 @@
 #pragma once
 
 #include "support/CleanEnd.h"
+#include "support/Testing.h"
 
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/stream/IBinStreamBase.h>
 #include <vesk/RawSocket.h>
-#include <vesk/SysError.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <ostream>
 #include <poll.h>
-#include <string>
 #include <sys/socket.h>
-#include <utility>
-#include <vector>
 
 /// Chains of reports that show one text, and tables of them.
 

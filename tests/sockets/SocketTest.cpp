@@ -1,18 +1,13 @@
 #include "SocketRows.h"
 #include "TestSocket.h"
 #include "support/AllocationCounter.h"
-#include "support/ErrnoRows.h"
 #include "support/NewFault.h"
 #include "support/VtableSlot.h"
 #include "support/calls/UDPCalls.h"
 
 #include <vesk/Poller.h>
 
-#include <climits>
 #include <fcntl.h>
-#include <memory>
-#include <thread>
-#include <type_traits>
 
 namespace {
 

@@ -1,12 +1,9 @@
 #include "SocketRows.h"
 #include "TestSocket.h"
 #include "support/InjectNoting.h"
-#include "support/Privileges.h"
 
 #include <chrono>
-#include <csignal>
 #include <sys/time.h>
-#include <thread>
 
 /// Reading and writing of the base class of all sockets.
 

@@ -1,11 +1,5 @@
 #include "StreamSocketSupport.h"
 #include "support/NewFault.h"
-#include "support/RunInThreads.h"
-
-#include <gtest/gtest.h>
-
-#include <cstddef>
-#include <type_traits>
 
 /// The descriptions of accepted connections, which are the same for TCP and for Unix sockets but for the addresses.
 
@@ -333,7 +327,8 @@ TYPED_TEST(StreamDescription, isAdoptedByOneOfManyThreadsWithTheBuffersOfTheSock
 
 class TCPDescription : public testing::TestWithParam<Transport> {};
 
-INSTANTIATE_TEST_SUITE_P(versions, TCPDescription, testing::Values(Transport::IPV4, Transport::IPV6), byName);
+INSTANTIATE_TEST_SUITE_P(
+    versions, TCPDescription, testing::Values(Transport::IPV4, Transport::IPV6), byParameters);
 
 TEST_P(TCPDescription, hasTheAddressOfThePeerWithZerosAfterIt) {
     Waiting const waiting(GetParam());
@@ -394,7 +389,7 @@ TEST(TCPDescriptionAddress, thatCannotBeResolvedLeavesTheDescriptionValid) {
 class UnixDescriptionPeer : public testing::TestWithParam<Transport> {};
 
 INSTANTIATE_TEST_SUITE_P(
-    nameSpaces, UnixDescriptionPeer, testing::Values(Transport::ABSTRACT, Transport::PATH), byName);
+    nameSpaces, UnixDescriptionPeer, testing::Values(Transport::ABSTRACT, Transport::PATH), byParameters);
 
 TEST_P(UnixDescriptionPeer, isKnownToTheSocketThatAdoptsTheDescription) {
     Waiting const waiting(GetParam());

@@ -6,20 +6,12 @@
 #include "support/calls/StreamSocketCalls.h"
 
 #include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/TCPServerSocket.h>
 #include <vesk/UDPSocket.h>
 #include <vesk/UnixServerSocket.h>
 
-#include <gtest/gtest.h>
-
-#include <memory>
 #include <netinet/tcp.h>
-#include <string>
 #include <sys/stat.h>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 /// What the tests of TCP and Unix sockets share: the tables of errors, and connections of each transport. UDP sockets take
 /// part where they behave like the clients.
@@ -140,7 +132,7 @@ std::string getName(std::tuple<First, Second> const& both) {
     return getName(std::get<0>(both)) + "_" + getName(std::get<1>(both));
 }
 
-constexpr auto byName = [](auto const& info) { return getName(info.param); };
+constexpr auto byParameters = [](auto const& info) { return getName(info.param); };
 
 /// Where a socket listens or connects to.
 struct Place {
@@ -194,7 +186,8 @@ protected:
 #define VESK_TEST_KIND_ROWS(suite, name, kinds, ...)                                                         \
     class suite : public support::KindRow {};                                                                \
     INSTANTIATE_TEST_SUITE_P(                                                                                \
-        rows, suite, testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(__VA_ARGS__)), byName);    \
+        rows, suite, testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(__VA_ARGS__)),             \
+        byParameters);                                                                                       \
     TEST_P(suite, name)
 
 inline std::string pathAddress(std::string const& path) {

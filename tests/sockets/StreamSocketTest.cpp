@@ -1,14 +1,7 @@
 #include "StreamSocketSupport.h"
-#include "support/Child.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
 
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <set>
 #include <sys/resource.h>
-#include <thread>
 
 /// What TCP and Unix sockets do in the same way, and UDP sockets as far as they do.
 
@@ -63,7 +56,7 @@ std::string getAssertion(Kind kind, std::string const& text) {
 
 class StreamSocketConstruction : public testing::TestWithParam<Kind> {};
 
-INSTANTIATE_TEST_SUITE_P(kinds, StreamSocketConstruction, testing::ValuesIn(KINDS), byName);
+INSTANTIATE_TEST_SUITE_P(kinds, StreamSocketConstruction, testing::ValuesIn(KINDS), byParameters);
 
 TEST_P(StreamSocketConstruction, makesAnInactiveSocketWithADescriptorThatExecCloses) {
     Transport const transport = GetParam().transport;
@@ -124,7 +117,7 @@ class StreamSocketBuffer : public testing::TestWithParam<Transport> {};
 INSTANTIATE_TEST_SUITE_P(
     transports, StreamSocketBuffer,
     testing::Values(Transport::IPV4, Transport::IPV6, Transport::ABSTRACT, Transport::PATH, Transport::UDP),
-    byName);
+    byParameters);
 
 TEST_P(StreamSocketBuffer, withoutMemoryMakesTheSocketInvalidWithoutADescriptor) {
     Fault const sockets(inject_socket, 0);
@@ -178,10 +171,11 @@ class StreamSocketAbort : public testing::TestWithParam<std::tuple<Kind, Injecte
 
 INSTANTIATE_TEST_SUITE_P(
     flags, StreamSocketAbort,
-    testing::Combine(testing::ValuesIn(CLASSES), testing::Values(&inject_getfl, &inject_setfl)), byName);
+    testing::Combine(testing::ValuesIn(CLASSES), testing::Values(&inject_getfl, &inject_setfl)),
+    byParameters);
 INSTANTIATE_TEST_SUITE_P(
     reuse, StreamSocketAbort,
-    testing::Combine(testing::ValuesIn(TCP_CLASSES), testing::Values(&inject_setsockopt)), byName);
+    testing::Combine(testing::ValuesIn(TCP_CLASSES), testing::Values(&inject_setsockopt)), byParameters);
 
 TEST_P(StreamSocketAbort, endsTheProcessOrReturnsWithTheCauseReported) {
     auto const [kind, call] = GetParam();
@@ -243,7 +237,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(
     kinds, StreamSocketState,
     testing::Combine(testing::ValuesIn(KINDS), testing::Values(Socket::INACTIVE, Socket::OPEN, Socket::DEAD)),
-    byName);
+    byParameters);
 
 constexpr auto isClient = [](Kind kind) { return !kind.is_server; };
 constexpr auto isServer = [](Kind kind) { return kind.is_server; };
@@ -401,7 +395,7 @@ TEST_P(StreamSocketState, decidesWhatTheDestructorReports) {
 
 class StreamSocketClass : public testing::TestWithParam<Kind> {};
 
-INSTANTIATE_TEST_SUITE_P(classes, StreamSocketClass, testing::ValuesIn(CLASSES), byName);
+INSTANTIATE_TEST_SUITE_P(classes, StreamSocketClass, testing::ValuesIn(CLASSES), byParameters);
 
 TEST_P(StreamSocketClass, withoutADescriptorFailsToStartAndToClose) {
     auto const [transport, is_server] = GetParam();
@@ -477,7 +471,7 @@ VESK_TEST_KIND_ROWS(StreamSocketCloseRows, failureIsReportedAndTheSocketIsDead, 
 
 class StreamSocket : public testing::TestWithParam<Transport> {};
 
-INSTANTIATE_TEST_SUITE_P(transports, StreamSocket, testing::ValuesIn(TRANSPORTS), byName);
+INSTANTIATE_TEST_SUITE_P(transports, StreamSocket, testing::ValuesIn(TRANSPORTS), byParameters);
 
 TEST_P(StreamSocket, connectsOnceAndCallsItsHookOnce) {
     Connection const connection(GetParam());
@@ -669,7 +663,7 @@ TEST_P(StreamSocket, carriesMegabytesBothWaysInBlocksOfAnySize) {
 
 class StreamServerSocket : public testing::TestWithParam<Transport> {};
 
-INSTANTIATE_TEST_SUITE_P(transports, StreamServerSocket, testing::ValuesIn(TRANSPORTS), byName);
+INSTANTIATE_TEST_SUITE_P(transports, StreamServerSocket, testing::ValuesIn(TRANSPORTS), byParameters);
 
 TEST_P(StreamServerSocket, listensOnlyOnce) {
     Place const place(GetParam());

@@ -1,8 +1,5 @@
 #include "Cable.h"
 #include "StreamSocketSupport.h"
-#include "support/TestBy.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 

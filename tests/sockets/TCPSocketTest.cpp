@@ -1,13 +1,6 @@
 #include "StreamSocketSupport.h"
 #include "support/VtableSlot.h"
 
-#include <tarncommon/error/ErrorOutput.h>
-
-#include <gtest/gtest.h>
-
-#include <cstddef>
-#include <type_traits>
-
 /// What TCP sockets do and Unix sockets do not. The rest is in StreamSocketTest.cpp.
 
 namespace {
@@ -61,7 +54,7 @@ protected:
 };
 
 INSTANTIATE_TEST_SUITE_P(
-    versions, TCPSocketVersions, testing::Values(Transport::IPV4, Transport::IPV6), byName);
+    versions, TCPSocketVersions, testing::Values(Transport::IPV4, Transport::IPV6), byParameters);
 
 TEST_P(TCPSocketVersions, learnsItsAddressesWhenItConnects) {
     Connection const connection(GetParam());
@@ -237,7 +230,7 @@ TEST(TCPSocket, keepaliveSetsTheIdleTimeTwiceOrOneOptionAndReportsTimesThatTheSy
 
 class TCPSocketOptionRows : public testing::TestWithParam<ErrnoRow> {};
 
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketOptionRows, testing::ValuesIn(setOptionRows()), byName);
+INSTANTIATE_TEST_SUITE_P(rows, TCPSocketOptionRows, testing::ValuesIn(setOptionRows()), byParameters);
 
 TEST_P(TCPSocketOptionRows, stopTheKeepaliveAtEachStepAndAreReportedForTheDelay) {
     Client socket = makeIdle();
@@ -297,7 +290,7 @@ TEST_F(TCPSocketSize, isThatOfTheSendBufferUpToTheSizeOfASegmentAlsoOfAServerAnd
 
 class TCPSocketSizeRows : public TCPSocketSize, public testing::WithParamInterface<ErrnoRow> {};
 
-INSTANTIATE_TEST_SUITE_P(rows, TCPSocketSizeRows, testing::ValuesIn(getOptionRows()), byName);
+INSTANTIATE_TEST_SUITE_P(rows, TCPSocketSizeRows, testing::ValuesIn(getOptionRows()), byParameters);
 
 TEST_P(TCPSocketSizeRows, makeTheSize0WithAWarningOfAClient) {
     for (IPSocket* const socket : m_sockets) {

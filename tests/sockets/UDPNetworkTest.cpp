@@ -1,11 +1,9 @@
 #include "Cable.h"
 #include "UDPSupport.h"
 #include "support/Processes.h"
-#include "support/TestBy.h"
 
 #include <arpa/inet.h>
 #include <fstream>
-#include <sstream>
 #include <sys/eventfd.h>
 
 /// UDP sockets in network namespaces. The suites `UDPNetwork` and `UDPSizes` have one peer, the others groups.

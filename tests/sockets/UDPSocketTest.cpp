@@ -3,12 +3,6 @@
 #include "support/VtableSlot.h"
 #include "support/calls/UDPCalls.h"
 
-#include <tarncommon/error/ErrorOutput.h>
-
-#include <memory>
-#include <set>
-#include <type_traits>
-
 namespace {
 
 using namespace support;

@@ -4,12 +4,7 @@
 
 #include <vesk/UDPSocket.h>
 
-#include <gtest/gtest.h>
-
 #include <netinet/in.h>
-#include <optional>
-#include <string>
-#include <unistd.h>
 
 /// Support for tests of UDP sockets.
 

@@ -1,16 +1,10 @@
 #include "StreamSocketSupport.h"
-#include "support/Privileges.h"
 #include "support/TempFolder.h"
 
 #include <vesk/FileAccessError.h>
 #include <vesk/Group.h>
 #include <vesk/ProcessTNG.h>
 #include <vesk/User.h>
-
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <type_traits>
 
 /// What Unix sockets do and TCP sockets do not: names, files and credentials. The rest is in StreamSocketTest.cpp.
 
@@ -199,7 +193,7 @@ INSTANTIATE_TEST_SUITE_P(
 class UnixSocketNameSpaces : public testing::TestWithParam<Transport> {};
 
 INSTANTIATE_TEST_SUITE_P(
-    nameSpaces, UnixSocketNameSpaces, testing::Values(Transport::ABSTRACT, Transport::PATH), byName);
+    nameSpaces, UnixSocketNameSpaces, testing::Values(Transport::ABSTRACT, Transport::PATH), byParameters);
 
 TEST_P(UnixSocketNameSpaces, connectsByNameAndBindsOnlyANameOfItsOwn) {
     Listener const listener(GetParam());
@@ -314,7 +308,7 @@ INSTANTIATE_TEST_SUITE_P(
         PathRow{"loop/own", spoiledBy(ELOOP), spoiledBy(ELOOP)}, PathRow{"file", REFUSED, IN_USE},
         PathRow{"folder", REFUSED, IN_USE}, PathRow{"loop", spoiledBy(ELOOP), IN_USE},
         PathRow{"closed", REFUSED, IN_USE}, PathRow{"datagrams", spoiledBy(EPROTOTYPE), IN_USE}),
-    byName);
+    byParameters);
 
 TEST_F(UnixSocketFile, isNeitherReachedNorCreatedWithoutPermission) {
     VESK_SKIP_UNLESS_ROOT();
@@ -399,7 +393,7 @@ INSTANTIATE_TEST_SUITE_P(
         {{ENOMEM}, {SysErrorId::OUT_OF_MEMORY}},
         {{EINTR, EIO}, {SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED}},
     })),
-    byName);
+    byParameters);
 
 TEST_F(UnixSocketFile, thatWasRemovedByAnotherIsReportedByCloseAndLastIfTheDescriptorCannotBeClosedEither) {
     UnixServer server(m_folder / "other", true, FILESYSTEM);
@@ -700,7 +694,7 @@ INSTANTIATE_TEST_SUITE_P(
         PeerNameRow{"abstractNameThatFillsTheAddress", abstractAddress(NAME107), 110, NAME107},
         PeerNameRow{"abstractNameWithALengthBeyondTheAddress", abstractAddress(NAME107), 200, NAME107},
         PeerNameRow{"emptyAbstractName", abstractAddress(""), 3, ""}),
-    byName);
+    byParameters);
 
 TEST(UnixSocket, learnsAbstractNamesWithEveryByte) {
     if (!keepsAddresses()) {

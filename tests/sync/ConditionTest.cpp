@@ -1,8 +1,6 @@
 #include "support/Aborts.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
-#include "support/RunInThreads.h"
 #include "support/Sleeper.h"
 #include "support/UnlockFault.h"
 #include "sync/LockCalls.h"
@@ -11,12 +9,9 @@
 #include <vesk/Condition.h>
 #include <vesk/ShmCondition.h>
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/threadsafe/ConditionImpl.h>
 
 #include <limits>
-#include <optional>
-#include <thread>
 
 namespace {
 

@@ -1,6 +1,5 @@
 #include "frame/FakeClock.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
 #include "sync/LockCalls.h"
 #include "sync/LockSupport.h"
@@ -15,9 +14,7 @@
 
 #include <chrono>
 #include <deque>
-#include <functional>
 #include <limits>
-#include <thread>
 
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 

@@ -1,17 +1,12 @@
 #include "support/Aborts.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
-#include "support/RunInThreads.h"
 #include "support/Sleeper.h"
 #include "sync/LockCalls.h"
 #include "sync/LockSupport.h"
 #include "threads/SchedSupport.h"
 
-#include <tarncommon/error/ErrorStorage.h>
-
 #include <chrono>
-#include <thread>
 
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 

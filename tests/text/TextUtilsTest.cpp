@@ -1,14 +1,9 @@
+#include "support/Testing.h"
+
 #include <vesk/ProcessTNG.h>
 #include <vesk/TextUtils.h>
 
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <cstring>
-#include <string>
 #include <sys/mman.h>
-#include <type_traits>
-#include <unistd.h>
 
 namespace {
 

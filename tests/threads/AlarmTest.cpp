@@ -1,21 +1,13 @@
 #include "SignalsToMainThread.h"
 #include "TimerSupport.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
-#include "support/Privileges.h"
 #include "support/Processes.h"
-#include "support/TestBy.h"
 #include "support/UnlockFault.h"
 
 #include <vesk/Dispatcher.h>
 
-#include <algorithm>
-#include <csignal>
 #include <deque>
-#include <memory>
 #include <random>
-#include <type_traits>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 

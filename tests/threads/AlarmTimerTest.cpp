@@ -2,21 +2,15 @@
 #include "SignalsToMainThread.h"
 #include "TimerSupport.h"
 #include "frame/FakeClock.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
 #include "support/Sleeper.h"
-#include "support/TestBy.h"
 
 #include <vesk/Dispatcher.h>
 
-#include <algorithm>
 #include <deque>
 #include <limits>
 #include <map>
-#include <memory>
 #include <new>
 #include <random>
 #include <stdexcept>

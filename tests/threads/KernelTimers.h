@@ -1,18 +1,9 @@
 #pragma once
 
-#include "support/Inject.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <climits>
-#include <csignal>
-#include <ctime>
-#include <functional>
 #include <mutex>
 #include <ostream>
-#include <vector>
 
 /// Replaces `timer_create`, `timer_settime` and `timer_delete`. Must be included in one file of a test program. During
 /// the lifetime of a `KernelTimers` it records their calls and decides which of them reach the kernel.

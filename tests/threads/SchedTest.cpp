@@ -1,15 +1,9 @@
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
 #include "threads/SchedSupport.h"
 
 #include <vesk/sched.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <iomanip>
 #include <limits>
-#include <sstream>
-#include <type_traits>
 
 VESK_INJECT_RESULT(
     pthread_getschedparam, (pthread_t thread, int* policy, sched_param* param), (thread, policy, param))

@@ -1,4 +1,3 @@
-#include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
 #include "threads/ThreadSupport.h"
 

@@ -1,5 +1,3 @@
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Vesk.h>

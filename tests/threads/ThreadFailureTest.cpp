@@ -1,16 +1,10 @@
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
 #include "support/FailOnce.h"
 #include "support/UnlockFault.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Mutex.h>
 
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <memory>
 #include <new>
-#include <optional>
 
 namespace {
 

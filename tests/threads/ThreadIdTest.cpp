@@ -1,14 +1,9 @@
-#include <vesk/Thread.h>
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
+#include <vesk/Thread.h>
 
 #include <iomanip>
 #include <map>
-#include <pthread.h>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <type_traits>
 
 namespace {
 

@@ -1,8 +1,5 @@
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
-#include "support/Privileges.h"
-#include "support/TestBy.h"
 #include "support/UnlockFault.h"
 #include "threads/SchedSupport.h"
 #include "threads/ThreadSupport.h"
@@ -10,13 +7,7 @@
 #include <vesk/Mutex.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/tracing/Channel.h>
-
-#include <csignal>
-#include <cstdio>
-#include <memory>
-#include <optional>
 
 VESK_INJECT_RESULT(
     pthread_getschedparam, (pthread_t thread, int* policy, sched_param* param), (thread, policy, param))

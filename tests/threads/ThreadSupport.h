@@ -1,25 +1,10 @@
 #pragma once
 
-#include "support/Eventually.h"
 #include "support/Sanitizers.h"
+#include "support/Testing.h"
 #include "support/Threads.h"
 
-#include <vesk/SysError.h>
 #include <vesk/Thread.h>
-
-#include <tarncommon/error/CommonError.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <ctime>
-#include <functional>
-#include <pthread.h>
-#include <sched.h>
-#include <thread>
-#include <unistd.h>
-#include <utility>
-#include <vector>
 
 /// What the tests of threads have in common.
 namespace support {

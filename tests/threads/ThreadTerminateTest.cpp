@@ -1,19 +1,12 @@
 #include "support/Cancellation.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Condition.h>
 #include <vesk/Mutex.h>
 #include <vesk/Time.h>
 
-#include <tarncommon/error/ErrorStorage.h>
-
 #include <limits>
-#include <memory>
-#include <tuple>
 
 namespace {
 

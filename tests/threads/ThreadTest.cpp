@@ -1,27 +1,11 @@
 #include "support/Aborts.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
-#include "support/TestBy.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <iterator>
 #include <limits>
-#include <memory>
-#include <type_traits>
 
 namespace {
 

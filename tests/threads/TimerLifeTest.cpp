@@ -1,11 +1,8 @@
 #include "SignalsToMainThread.h"
 #include "ThreadSupport.h"
 #include "support/HeapUse.h"
-#include "support/Inject.h"
 
 #include <vesk/Timer.h>
-
-#include <csignal>
 
 VESK_INJECT_ERRNO(int, -1, timer_delete, (timer_t timer), (timer))
 

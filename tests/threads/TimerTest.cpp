@@ -3,20 +3,9 @@
 #include "TimerSupport.h"
 #include "frame/FakeClock.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Privileges.h"
 #include "support/Processes.h"
-#include "support/TestBy.h"
 
 #include <vesk/Vesk.h>
-
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <algorithm>
-#include <csignal>
-#include <memory>
-#include <type_traits>
 
 namespace {
 
