@@ -260,7 +260,7 @@ void failExit(Injected& function, int nth) {
 struct FatalRow : NamedRow {
     void (*body)(Injected& function, int nth);
     Injected& function;
-    int nth; // Calls of the condition are between them.
+    int nth;
     char const* text;
 };
 
@@ -288,9 +288,9 @@ INSTANTIATE_TEST_SUITE_P(
           "processExited: fatal: error locking"},
          {"signal", failTheSignal, inject_pthread_cond_signal, 1,
           "processExited: fatal: error signaling condition"},
-         {"unlock of the object", failFromTheEndOn, inject_pthread_mutex_unlock, 3,
+         {"unlock of the object", failFromTheEndOn, inject_pthread_mutex_unlock, 2,
           "processExited: fatal: error unlocking"},
-         {"lock behind the hand-over", failFromTheEndOn, inject_pthread_mutex_lock, 4,
+         {"lock behind the hand-over", failFromTheEndOn, inject_pthread_mutex_lock, 3,
           "waitChild: fatal: error locking"},
          {"wait for the next child", failFromTheEndOn, inject_pthread_cond_wait, 1,
           "processCollector: fatal: error waiting on condition"},
@@ -299,7 +299,7 @@ INSTANTIATE_TEST_SUITE_P(
          {"lock of exit", failExit, inject_pthread_mutex_lock, 1, "exit: fatal: error locking"},
          {"signal of exit", failExit, inject_pthread_cond_signal, 1,
           "exit: fatal: error signaling condition"},
-         {"unlock of exit", failExit, inject_pthread_mutex_unlock, 2, "exit: fatal: error unlocking"},
+         {"unlock of exit", failExit, inject_pthread_mutex_unlock, 1, "exit: fatal: error unlocking"},
          {"join of exit", failExit, inject_pthread_join, 1, "exit: fatal: error joining"}}));
 
 // How many locks the thread takes before, one or two, depends on the scheduling.
