@@ -213,6 +213,37 @@ INSTANTIATE_TEST_SUITE_P(All, FatalLockInChild, testing::ValuesIn(OPERATIONS), [
     return row.param.name;
 });
 
+TEST(DispatcherLock, isTakenToDispatchOnlyWhileThereAreHandlers) {
+    IgnoringNotifier notifier;
+    Dispatcher dispatcher(notifier);
+    Handler handler;
+    KeptMessage message;
+    auto const countLocks = [&] {
+        Fault const locks(inject_pthread_mutex_lock, 0);
+        dispatcher.dispatch(&message);
+        return locks.getCalls();
+    };
+    EXPECT_EQ(0, countLocks());
+    dispatcher.add_handler(handler);
+    dispatcher.add_handler(handler);
+    EXPECT_EQ(1, countLocks());
+    EXPECT_EQ(2, handler.count);
+    dispatcher.remove_handler(handler);
+    EXPECT_EQ(0, countLocks());
+    EXPECT_EQ(3, message.invoked);
+}
+
+TEST(VanillaNotifierLock, isNotTakenToSignalWhileAWakeUpIsPending) {
+    Dispatcher::VanillaNotifier notifier;
+    notifier.signal();
+    Fault const locks(inject_pthread_mutex_lock, 0);
+    notifier.signal();
+    EXPECT_EQ(0, locks.getCalls());
+    notifier.wait();
+    notifier.signal();
+    EXPECT_EQ(2, locks.getCalls()) << "of the wait, and of the new wake-up";
+}
+
 TEST(DispatcherLock, isNotTakenToAddASource) {
     Dispatcher::VanillaNotifier notifier;
     Dispatcher dispatcher(notifier);
