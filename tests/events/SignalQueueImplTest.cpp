@@ -347,6 +347,22 @@ TEST(SignalNotifierTest, withoutAPipeEndsTheProcessWithTheFirstSignal) {
     EXPECT_TRUE(abortsWith("write to self-pipe failed with errno=9 (Bad file descriptor)", signal));
 }
 
+TEST(SignalNotifierTest, withoutAPipeWaitsForASignal) {
+    expectInChild([] {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        action.sa_flags = SA_RESTART;
+        EXPECT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
+        EventRecorder const recorder;
+        Fault const fault(inject_pipe, EMFILE);
+        Notifier notifier;
+        Sleeper waiter([&] { notifier.wait(); });
+        waiter.awaitSleep();
+        waiter.kill(SIGUSR1);
+        waiter.join();
+    });
+}
+
 // ---- cancellation ----
 
 TEST(SignalNotifierTest, signalIsNoCancellationPoint) {
