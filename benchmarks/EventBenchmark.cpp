@@ -173,6 +173,118 @@ void produceByHand(benchmark::State& state) {
 }
 BENCHMARK(produceByHand)->Name("One producer to a dispatcher (at most 1.10)/bare")->UseRealTime();
 
+// ---- Throughput with one producer and with two ----
+
+/// The fastest usual loop on bare pthread calls: one mutex, one condition, and the whole backlog taken at once.
+class SwappingLoop {
+public:
+    using Job = HandMadeLoop::Job;
+
+    void push(Job* job) {
+        pthread_mutex_lock(&m_mutex);
+        m_jobs.push_back(job);
+        bool const is_first = m_jobs.size() == 1;
+        pthread_mutex_unlock(&m_mutex);
+        if (is_first) {
+            pthread_cond_signal(&m_condition);
+        }
+    }
+
+    /// Ends with a null job.
+    void run() {
+        std::vector<Job*> jobs;
+        for (;;) {
+            pthread_mutex_lock(&m_mutex);
+            while (m_jobs.empty()) {
+                pthread_cond_wait(&m_condition, &m_mutex);
+            }
+            jobs.swap(m_jobs);
+            pthread_mutex_unlock(&m_mutex);
+            for (Job* const job : jobs) {
+                if (job == nullptr) {
+                    return;
+                }
+                job->run();
+                delete job;
+            }
+            jobs.clear();
+        }
+    }
+
+private:
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t m_condition = PTHREAD_COND_INITIALIZER;
+    std::vector<Job*> m_jobs;
+};
+
+struct VeskLoop {
+    VeskLoop() { dispatcher.add_source(queue); }
+    void post(Batch& batch) { queue.push(new vesk::Message::Callback(countDown, &batch)); }
+    void run() { dispatcher.run(); }
+    void end() { dispatcher.stop(); }
+
+    vesk::Dispatcher::VanillaNotifier notifier;
+    vesk::Dispatcher::VanillaQueue queue{notifier};
+    vesk::Dispatcher dispatcher{notifier};
+};
+
+struct BareLoop : SwappingLoop {
+    void post(Batch& batch) { push(new Job(countDown, &batch)); }
+    void end() { push(nullptr); }
+};
+
+/// Each producer posts half of a batch, or all of it, when the gate opens.
+template <typename Loop>
+void throughput(benchmark::State& state) {
+    Loop loop;
+    std::thread consumer([&loop] { loop.run(); });
+    auto const producers = static_cast<int>(state.range(0));
+    Batch batch;
+    sem_t gate;
+    sem_init(&gate, 0, 0);
+    std::atomic<bool> ended{false};
+    auto const produce = [&] {
+        for (int i = 0; i < BATCH / producers; ++i) {
+            loop.post(batch);
+        }
+    };
+    std::vector<std::thread> others;
+    for (int i = 1; i < producers; ++i) {
+        others.emplace_back([&] {
+            for (sem_wait(&gate); !ended; sem_wait(&gate)) {
+                produce();
+            }
+        });
+    }
+    for (auto _ : state) {
+        batch.left = BATCH / producers * producers;
+        for (size_t i = 0; i < others.size(); ++i) {
+            sem_post(&gate);
+        }
+        produce();
+        sem_wait(&batch.done);
+    }
+    state.SetItemsProcessed(state.iterations() * (BATCH / producers * producers));
+    ended = true;
+    for (std::thread& other : others) {
+        sem_post(&gate);
+        other.join();
+    }
+    loop.end();
+    consumer.join();
+    sem_destroy(&gate);
+}
+BENCHMARK(throughput<VeskLoop>)
+    ->Name("Dispatcher throughput, producers (at most 1.0)/vesk")
+    ->Arg(1)
+    ->Arg(2)
+    ->UseRealTime();
+BENCHMARK(throughput<BareLoop>)
+    ->Name("Dispatcher throughput, producers (at most 1.0)/bare")
+    ->Arg(1)
+    ->Arg(2)
+    ->UseRealTime();
+
 // ---- Poller cycle with 64 descriptors ----
 
 constexpr int DESCRIPTORS = 64;

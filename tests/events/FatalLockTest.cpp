@@ -118,9 +118,8 @@ Operation const OPERATIONS[] = {
      [](Objects& o) { EXPECT_EQ(nullptr, o.full_queue.pop_nonblock()); }},
     {"VanillaNotifier_wait", "Dispatcher wait", [](Objects& o) { o.signaled_notifier.wait(); },
      [](Objects& o) { o.signaled_notifier.signal(); }},
-    // The first unlock is that of the condition's own lock.
     {"VanillaNotifier_signal", "Dispatcher signal", [](Objects& o) { o.vanilla_notifier.signal(); },
-     [](Objects& o) { o.vanilla_notifier.wait(); }, 1, 2},
+     [](Objects& o) { o.vanilla_notifier.wait(); }},
     {"Poller_add", "posix/Poller add", [](Objects& o) { o.poller.add(o.client, 5); }, checkPoller},
     {"Poller_removeClient", "posix/Poller remove", [](Objects& o) { o.poller.remove(o.client); },
      checkPoller},
@@ -192,6 +191,37 @@ TEST_P(FatalLock, failureEndsTheProcess) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, FatalLock, testing::ValuesIn(OPERATIONS), support::RowName());
+
+TEST(DispatcherLock, isTakenToDispatchOnlyWhileThereAreHandlers) {
+    IgnoringNotifier notifier;
+    Dispatcher dispatcher(notifier);
+    Handler handler;
+    KeptMessage message;
+    auto const countLocks = [&] {
+        Fault const locks(inject_pthread_mutex_lock, 0);
+        dispatcher.dispatch(&message);
+        return locks.getCalls();
+    };
+    EXPECT_EQ(0, countLocks());
+    dispatcher.add_handler(handler);
+    dispatcher.add_handler(handler);
+    EXPECT_EQ(1, countLocks());
+    EXPECT_EQ(2, handler.count);
+    dispatcher.remove_handler(handler);
+    EXPECT_EQ(0, countLocks());
+    EXPECT_EQ(3, message.invoked);
+}
+
+TEST(VanillaNotifierLock, isNotTakenToSignalWhileAWakeUpIsPending) {
+    Dispatcher::VanillaNotifier notifier;
+    notifier.signal();
+    Fault const locks(inject_pthread_mutex_lock, 0);
+    notifier.signal();
+    EXPECT_EQ(0, locks.getCalls());
+    notifier.wait();
+    notifier.signal();
+    EXPECT_EQ(2, locks.getCalls()) << "of the wait, and of the new wake-up";
+}
 
 TEST(DispatcherLock, isNotTakenToAddASource) {
     Dispatcher::VanillaNotifier notifier;

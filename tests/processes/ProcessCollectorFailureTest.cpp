@@ -233,7 +233,7 @@ void failFromExitOn(Injected& function, int nth) {
 struct FatalRow : NamedRow {
     void (*body)(Injected& function, int nth);
     Injected& function;
-    int nth; // Calls of the condition are between them.
+    int nth;
     char const* text;
 };
 
@@ -261,9 +261,9 @@ INSTANTIATE_TEST_SUITE_P(
           "processExited: fatal: error locking"},
          {"signal", failFromTheEndOn<true>, inject_pthread_cond_signal, 1,
           "processExited: fatal: error signaling condition"},
-         {"unlock of the object", failFromTheEndOn<false>, inject_pthread_mutex_unlock, 3,
+         {"unlock of the object", failFromTheEndOn<false>, inject_pthread_mutex_unlock, 2,
           "processExited: fatal: error unlocking"},
-         {"lock behind the hand-over", failFromTheEndOn<false>, inject_pthread_mutex_lock, 4,
+         {"lock behind the hand-over", failFromTheEndOn<false>, inject_pthread_mutex_lock, 3,
           "waitChild: fatal: error locking"},
          {"wait for the next child", failFromTheEndOn<false>, inject_pthread_cond_wait, 1,
           "processCollector: fatal: error waiting on condition"},
@@ -273,7 +273,7 @@ INSTANTIATE_TEST_SUITE_P(
           "exit: fatal: error locking"},
          {"signal of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_cond_signal, 1,
           "exit: fatal: error signaling condition"},
-         {"unlock of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_mutex_unlock, 2,
+         {"unlock of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_mutex_unlock, 1,
           "exit: fatal: error unlocking"},
          {"join of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_join, 1,
           "exit: fatal: error joining"}}));

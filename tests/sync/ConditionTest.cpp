@@ -500,31 +500,43 @@ void expectAborts(Injected& function, std::string const& name, Operation&& opera
 TEST(ConditionInternalLock, failedLockOrUnlockAbortsInTheNameOfTheOperation) {
     for (Injected* const function : {&inject_pthread_mutex_lock, &inject_pthread_mutex_unlock}) {
         Mutex mutex;
+        Condition timed;
         std::optional<Condition> condition(std::in_place);
         ASSERT_FALSE(mutex.lock());
-        expectAborts(
-            *function, "waitTimeout", [&] { EXPECT_EQ(1, condition->waitTimeout(mutex, inMs(-1))); });
+        expectAborts(*function, "waitTimeout", [&] { EXPECT_EQ(1, timed.waitTimeout(mutex, inMs(-1))); });
         expectAborts(*function, "wait", [&] {
             Fault const fault(inject_pthread_cond_wait, ENOTRECOVERABLE);
             EXPECT_TRUE(condition->wait(mutex));
         });
-        expectAborts(*function, "signal", [&] { EXPECT_FALSE(condition->signal()); });
         expectAborts(*function, "~Condition", [&] { condition.reset(); });
         EXPECT_FALSE(mutex.unlock());
         std::ErrorStorage::ack();
     }
 }
 
+TEST(ConditionInternalLock, isNotTakenOnceTheConditionIsBound) {
+    Mutex mutex;
+    Condition condition;
+    MutexLock const lock(mutex);
+    ASSERT_EQ(1, condition.waitTimeout(mutex, inMs(-1)));
+    Fault const locks(inject_pthread_mutex_lock, 0);
+    EXPECT_EQ(1, condition.waitTimeout(mutex, inMs(-1)));
+    EXPECT_FALSE(condition.signal());
+    EXPECT_EQ(0, locks.getCalls());
+}
+
 TEST(ConditionInternalLock, failureEndsTheProcess) {
     for (Injected* const function : {&inject_pthread_mutex_lock, &inject_pthread_mutex_unlock}) {
-        auto const signal = [function] {
+        auto const wait = [function] {
+            Mutex mutex;
             Condition condition;
+            MutexLock const lock(mutex);
             Fault const fault(*function, EINVAL);
-            condition.signal();
+            condition.waitTimeout(mutex, inMs(-1));
         };
         bool const locks = function == &inject_pthread_mutex_lock;
-        EXPECT_TRUE(abortsWith(locks ? "error locking" : "error unlocking", signal));
-        EXPECT_TRUE(abortsWith("signal", signal));
+        EXPECT_TRUE(abortsWith(locks ? "error locking" : "error unlocking", wait));
+        EXPECT_TRUE(abortsWith("waitTimeout", wait));
     }
 }
 

@@ -223,8 +223,16 @@ Course const COURSES[] = {
       ring(250, "b", {ms(450)}), ring(800, "c")}},
     {"removingTheOnlyAlarmLeavesTheTimerArmedAndTheNextRingDoesNothing",
      {add('a', 100, {ms(100)}), remove('a'), ring(100, "")}},
-    {"removingTheEarliestLeavesTheTimerArmedButTheNextOneCounts",
-     {add('a', 100, {ms(100)}), add('b', 500), remove('a'), add('c', 500), add('c', 499, {ms(499)})}},
+    {"removingTheEarliestLeavesTheTimerArmedAndItsRingArmsForTheNextOne",
+     {add('a', 100, {ms(100)}), add('b', 500), remove('a'), add('c', 499), ring(100, "", {ms(399), ms(399)}),
+      ring(499, "c", {ms(1)})}},
+    {"timerThatRingsTooLateIsArmedAnew",
+     {add('a', 100, {ms(100)}), remove('a'), at(30), add('b', 69, {ms(69)})}},
+    {"ringThatIsOverdueIsNotReliedUpon",
+     {add('a', 100, {ms(100)}), remove('a'), at(100), add('b', 50, {ms(50)})}},
+    {"whatARingHasArmedIsNotReliedUpon",
+     {add('a', 100, {ms(100)}), add('b', 200), ring(100, "a", {ms(100)}), remove('b'),
+      add('b', 300, {ms(300)})}},
     {"removingWhatIsNotPendingIsHarmless",
      {remove('a'), add('b', 100, {ms(100)}), remove('a'), remove('a'), ring(100, "b"), remove('b'),
       ring(1000000000, "")}},
@@ -233,8 +241,8 @@ Course const COURSES[] = {
     {"movingAnAlarmToALaterTimeLeadsToAnEarlyRingThatArmsAgainAndRunsNothing",
      {add('a', 100, {ms(100)}), at(50), add('a', 200), ring(100, "", {ms(150)}), ring(250, "a")}},
     {"oldTimeOfAnAlarmThatWasPutOffStillCountsAsArmed",
-     {add('a', 100, {ms(100)}), add('a', 1000), add('b', 500), remove('c'), add('c', 500),
-      add('c', 499, {ms(499)})}},
+     {add('a', 100, {ms(100)}), add('a', 1000), add('b', 500), remove('c'), add('c', 500), add('c', 499),
+      ring(100, "", {ms(399), ms(399)})}},
     {"ringThatComesTooEarlyArmsTwice", {add('a', 100, {ms(100)}), ring(30, "", {ms(70), ms(70)})}},
     {"delayOf1MsIsSplit", {add('a', 1, {{0, 1000000}})}},
     {"delayOf999MsIsSplit", {add('a', 999, {{0, 999000000}})}},
@@ -455,6 +463,17 @@ TEST_F(AlarmTimer, resultOfTheSystemCallDoesNotMatter) {
     EXPECT_EQ((Rung{&m_a}), ringAt(100));
 }
 
+TEST_F(AlarmTimer, timerThatCouldNotBeArmedIsNotReliedUpon) {
+    KernelTimers timers(KernelTimers::ALL);
+    {
+        Fault const fault(inject_timer_settime, EINVAL);
+        add(m_a, 100);
+    }
+    remove(m_a);
+    add(m_b, 200);
+    EXPECT_EQ((Spans{ms(100), ms(200)}), timers.take());
+}
+
 TEST_F(AlarmTimer, engineWithoutATimerTouchesNoOtherTimer) {
     timer_t const timer_of_another_engine = m_timers.created_timer;
     {
@@ -652,8 +671,12 @@ class Model {
 public:
     void add(Bell* bell, long long now, long long delay) {
         m_expiries[bell] = now + delay;
-        if (m_next > now + delay) {
-            m_next = now + delay;
+        if (m_next <= now + delay) {
+            return;
+        }
+        m_next = now + delay;
+        if (now >= m_rings_at || m_rings_at > m_next) {
+            m_rings_at = m_next;
             arm(delay);
         }
     }
@@ -679,6 +702,7 @@ public:
         return due;
     }
     void armForNext(long long now) {
+        m_rings_at = 0;
         if (m_next < NEVER) {
             arm(m_next - now);
         }
@@ -704,6 +728,7 @@ private:
 
     std::map<Bell*, long long, std::less<>> m_expiries;
     long long m_next = FAR_AWAY;
+    long long m_rings_at = 0; // The kernel's timer, if known.
     Spans m_spans;
 };
 

@@ -526,8 +526,8 @@ PeriodCourse const PERIOD_COURSES[] = {
     {"startArmsForTheInterval", {start(1500, false, {ms(1500)})}},
     {"startArmsForTheLongestInterval", {start(4294967295U, false, {ms(4294967295)})}},
     {"startWhileItRunsBeginsThePeriodAnewFromNow",
-     {start(1000, false, {ms(1000)}), at(400), start(1000, false, {ms(1000)}),
-      ring(1000, 0, {ms(400), ms(400)}), ring(1400, 1)}},
+     {start(1000, false, {ms(1000)}), at(400), start(1000, false, {}), ring(1000, 0, {ms(400), ms(400)}),
+      ring(1400, 1)}},
     {"snoozeOfARunningTimerPutsItOffWithoutASystemCall",
      {start(1000, false, {ms(1000)}), at(400), SNOOZE_ONCE, ring(1000, 0, {ms(400)}), ring(1400, 1)}},
     {"stopMakesNoSystemCall", {start(1000, true, {ms(1000)}), STOP_ONCE, ring(1000, 0)}},
@@ -542,6 +542,19 @@ PeriodCourse const PERIOD_COURSES[] = {
      [](Clock& clock) { clock.stop(); }},
 };
 INSTANTIATE_TEST_SUITE_P(All, TimerPeriodCourse, testing::ValuesIn(PERIOD_COURSES), RowName());
+
+TEST_F(TimerPeriod, earlyRingDoesNotShortenAPeriodThatBeganWithinAMillisecond) {
+    ASSERT_FALSE(m_clock.start(1000, false));
+    m_fake.set(5000, 900000);
+    ASSERT_FALSE(m_clock.start(1000, false));
+    EXPECT_EQ(Spans{ms(1000)}, m_timers.take());
+    ringAt(1000);
+    EXPECT_EQ(0, m_clock.count);
+    EXPECT_EQ((Spans{{0, 900000}, {0, 900000}}), m_timers.take());
+    m_fake.set(5001, 900000);
+    vesk::Alarm::Timer::ring(m_engine.get());
+    EXPECT_EQ(1, m_clock.count);
+}
 
 TEST_F(TimerPeriod, isArmedBeforeTheCallbackRuns) {
     Spans before_callback;
