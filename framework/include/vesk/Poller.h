@@ -126,6 +126,7 @@ private:
     void queueRemovals(Matches matches);
     void send(unsigned char command) const noexcept;
     void rebuild(Calls& calls);
+    void changeSet(bool has_failures) TARN_REQUIRES(mutex);
     void waitForEvents();
     unsigned char receive() const;
     void forget() noexcept;

@@ -90,6 +90,10 @@ bool decode(unsigned char const* at, unsigned char const* end, wchar_t* destinat
     return at == end && count == limit;
 }
 
+uint32_t toCode(wchar_t character) noexcept {
+    return static_cast<uint32_t>(character); // NOLINT(bugprone-signed-char-misuse): it has 32 bits.
+}
+
 /// Writes a character that is not ASCII, and returns the position after it.
 char* writeCharacter(char* to, uint32_t code) noexcept {
     if (code < 0x800) {
@@ -135,7 +139,7 @@ size_t measureUtf8(std::wstring const& source) noexcept {
     size_t length = characters;
     size_t invalid = 0;
     for (size_t i = 0; i < characters; ++i) {
-        auto const code = static_cast<uint32_t>(source[i]);
+        auto const code = toCode(source[i]);
         length += (code >= 0x80 ? 1U : 0U) + (code >= 0x800 ? 1U : 0U) + (code >= 0x10000 ? 1U : 0U);
         invalid += (code >= 0x110000 ? 1U : 0U) + ((code & 0xFFFFF800) == 0xD800 ? 1U : 0U);
     }
@@ -144,7 +148,7 @@ size_t measureUtf8(std::wstring const& source) noexcept {
 
 void encodeUtf8(std::wstring const& source, char* destination) noexcept {
     for (wchar_t const* at = source.c_str(); *at != L'\0'; ++at) {
-        auto const code = static_cast<uint32_t>(*at);
+        auto const code = toCode(*at);
         if (code < 0x80) {
             *destination++ = static_cast<char>(code);
         } else {
