@@ -10,10 +10,12 @@
 #include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <arpa/inet.h>
+#include <cstring>
 #include <memory>
 #include <netdb.h>
 #include <new>
 #include <unistd.h>
+#include <utility>
 
 namespace vesk {
 
@@ -97,6 +99,26 @@ bool makeNumeric(std::string& host, IPSocket::IPProtocolVersion version) {
     return false;
 }
 
+/// Returns the text of an address as `inet_ntop` does, but without the formatted output of the C library: each
+/// accepted connection needs one.
+std::string formatIPv4(in_addr const& address) {
+    unsigned char bytes[4];
+    memcpy(bytes, &address, sizeof bytes);
+    char text[INET_ADDRSTRLEN];
+    char* end = text;
+    for (unsigned char const byte : bytes) {
+        if (byte >= 100) {
+            *end++ = static_cast<char>('0' + byte / 100);
+        }
+        if (byte >= 10) {
+            *end++ = static_cast<char>('0' + byte / 10 % 10);
+        }
+        *end++ = static_cast<char>('0' + byte % 10);
+        *end++ = '.';
+    }
+    return {text, end - 1};
+}
+
 /// Stores the address that `getsockname` or `getpeername` returns. Leaves `address` unchanged if the call
 /// fails, for another family, and for an address without a text.
 template <typename Call>
@@ -109,12 +131,14 @@ void update(IPSocket::IPAddress& address, int fd, Call call) {
     }
     IPSocket::IPAddress converted;
     if (storage.ss_family == AF_INET) {
-        converted = IPSocket::IPAddress(reinterpret_cast<sockaddr_in const&>(storage));
+        auto const& binary = reinterpret_cast<sockaddr_in const&>(storage);
+        converted.host = formatIPv4(binary.sin_addr);
+        converted.port = ntohs(binary.sin_port);
     } else if (storage.ss_family == AF_INET6) {
         converted = IPSocket::IPAddress(reinterpret_cast<sockaddr_in6 const&>(storage));
     }
     if (!converted.host.empty()) {
-        address = converted;
+        address = std::move(converted);
     }
 }
 
