@@ -11,6 +11,11 @@ if(VESK_SANITIZE)
     endif()
 endif()
 
+# Packed relative relocations take little more than one bit each. A linker that does not support them for its
+# target ignores the option with a warning.
+include(CheckLinkerFlag)
+check_linker_flag(CXX -Wl,--fatal-warnings,-z,pack-relative-relocs VESK_HAS_PACKED_RELOCATIONS)
+
 # Adds one of the two libraries. ARGN lists its sources. SYMBOL is the mangled name of a symbol that only this
 # library exports.
 function(vesk_add_library name symbol)
@@ -27,6 +32,11 @@ function(vesk_add_library name symbol)
     target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:vesk_build_flags>)
     # Calls inside a library are bound to the library; a program can replace only functions of libc.
     target_compile_options(${name} PRIVATE -fno-semantic-interposition -fno-plt)
+    # Functions only: programs have copies of exported data, and families are identified by their addresses.
+    target_link_options(${name} PRIVATE -Wl,-Bsymbolic-functions)
+    if(VESK_HAS_PACKED_RELOCATIONS)
+        target_link_options(${name} PRIVATE -Wl,-z,pack-relative-relocs)
+    endif()
     # A unique symbol would prevent the loader from ever unloading the library. Clang does not create such
     # symbols.
     target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)

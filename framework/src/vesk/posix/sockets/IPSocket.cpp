@@ -36,9 +36,24 @@ constexpr ErrnoRow HOST_NAME_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-/// The meaning of an error code of the resolver. The codes have numbers of their own, separate from `errno`.
+/// The error codes of the resolver that share a row. They have numbers of their own, which are negative. An
+/// empty list matches all codes that no row above matches.
+struct ResolverCodes {
+    signed char numbers[5] = {};
+
+    constexpr bool has(int code) const noexcept {
+        for (signed char const number : numbers) {
+            if (number == code && code != 0) {
+                return true;
+            }
+        }
+        return numbers[0] == 0;
+    }
+};
+
+/// The meaning of an error code of the resolver.
 struct ResolverRow {
-    Errnos codes;
+    ResolverCodes codes;
     RowReport cause;
     Outcome outcome = Outcome::FAILED;
 };
@@ -47,7 +62,7 @@ constexpr ResolverRow ADDRESS_ERRORS[] = {
     {{EAI_NONAME, EAI_NODATA, EAI_ADDRFAMILY}, NONE, Outcome::DONE},
     {{EAI_MEMORY}, SysErrorId::OUT_OF_MEMORY},
     {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_SOCKTYPE, EAI_SERVICE}, Socket::ErrorId::RESOLVE_FAILED},
-    {OTHERS, SysErrorId::UNCLASSIFIED},
+    {{}, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ResolverRow NAME_ERRORS[] = {
@@ -55,7 +70,7 @@ constexpr ResolverRow NAME_ERRORS[] = {
     {{EAI_OVERFLOW}, SysErrorId::SPOILED_INTEGRITY},
     {{EAI_MEMORY}, SysErrorId::OUT_OF_MEMORY},
     {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_FAMILY}, Socket::ErrorId::RESOLVE_FAILED},
-    {OTHERS, SysErrorId::UNCLASSIFIED},
+    {{}, SysErrorId::UNCLASSIFIED},
 };
 
 template <size_t N>
@@ -64,9 +79,9 @@ Outcome classifyResolver(Place place, ResolverRow const (&rows)[N], int code) {
         if (!row.codes.has(code)) {
             continue;
         }
-        if (row.cause.family != nullptr) {
+        if (row.cause.exists()) {
             report(
-                place, Chain::NEW, *row.cause.family, row.cause.id,
+                place, Chain::NEW, row.cause.getFamily(), row.cause.getId(),
                 code == EAI_SYSTEM ? SystemErrorText().get() : gai_strerror(code));
         }
         return row.outcome;
