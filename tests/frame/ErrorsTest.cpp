@@ -1,4 +1,6 @@
 #include "support/CleanEnd.h"
+#include "support/ErrnoCases.h"
+#include "support/TempFolder.h"
 #include "support/Testing.h"
 
 #include <vesk/Condition.h>
@@ -8,6 +10,11 @@
 #include <vesk/ShmCondition.h>
 #include <vesk/ShmMutex.h>
 #include <vesk/SystemError.h>
+
+#include <clocale>
+#include <filesystem>
+#include <fstream>
+#include <libintl.h>
 
 namespace {
 
@@ -165,6 +172,67 @@ TEST(SystemError, keepsItsNumberWhenErrnoChangesAndDoesNotChangeErrno) {
     errno = EPIPE;
     EXPECT_EQ(systemText(9999), SystemError(9999).getString());
     EXPECT_EQ(EPIPE, errno);
+}
+
+/// Translates the C library's text of EACCES into an invented language for its lifetime, in all locales
+/// except "C".
+class Translation {
+public:
+    Translation() {
+        std::string const header = "Content-Type: text/plain; charset=UTF-8\n";
+        std::string const original = "Permission denied";
+        std::string const translated = "Nepermesita";
+        // The numbers of a catalog: its mark, its format, two messages, the positions of the tables of
+        // originals and translations, and no hash table. A table has the length and position of each text.
+        uint32_t const end = 60 + static_cast<uint32_t>(header.size() + 1);
+        uint32_t const numbers[] = {
+            0x950412DE,
+            0,
+            2,
+            28,
+            44,
+            0,
+            0,
+            0,
+            59,
+            static_cast<uint32_t>(original.size()),
+            end,
+            static_cast<uint32_t>(header.size()),
+            60,
+            static_cast<uint32_t>(translated.size()),
+            end + static_cast<uint32_t>(original.size() + 1)};
+        std::filesystem::create_directories(m_folder / "xx/LC_MESSAGES");
+        std::ofstream(m_folder / "xx/LC_MESSAGES/libc.mo", std::ios::binary)
+                .write(reinterpret_cast<char const*>(numbers), sizeof numbers)
+            << header << '\0' << original << '\0' << translated << '\0';
+        bindtextdomain("libc", m_folder.getPath().c_str());
+        setenv("LANGUAGE", "xx", 1);
+    }
+    ~Translation() {
+        unsetenv("LANGUAGE");
+        setlocale(LC_MESSAGES, "C");
+        bindtextdomain("libc", "/usr/share/locale");
+    }
+
+private:
+    TempFolder m_folder;
+};
+
+TEST(SystemError, usesTheTranslationOfTheThreadsLocale) {
+    Translation const translation;
+    EXPECT_EQ("Permission denied (errno = 13)", SystemError(EACCES).getString());
+    ASSERT_NE(nullptr, setlocale(LC_MESSAGES, "C.UTF-8"));
+    if (systemText(EACCES) != "Nepermesita (errno = 13)") {
+        GTEST_SKIP() << "the C library does not translate messages in the locale C.UTF-8";
+    }
+    EXPECT_EQ("Nepermesita (errno = 13)", SystemError(EACCES).getString());
+    locale_t const untranslated = newlocale(LC_ALL_MASK, "C", nullptr);
+    locale_t const before = uselocale(untranslated);
+    EXPECT_EQ("Permission denied (errno = 13)", SystemError(EACCES).getString());
+    uselocale(before);
+    EXPECT_EQ("Nepermesita (errno = 13)", SystemError(EACCES).getString());
+    setlocale(LC_MESSAGES, "POSIX");
+    EXPECT_EQ("Permission denied (errno = 13)", SystemError(EACCES).getString());
 }
 
 TEST(SystemError, threadsHaveSeparateTexts) {

@@ -5,6 +5,7 @@
 #include <common/SharedBuf.h>
 #include <vesk/RefCounted.h>
 
+#include <future>
 #include <mutex>
 #include <stdexcept>
 
@@ -183,7 +184,7 @@ TEST(RefCounted, furtherPoolsComeAndGoWithTheCountersFromThe1025thOn) {
         {-1, 1, 2048},
         {-2047, 1, 2048},
         {-1, 0, 1024},
-        // A reserved item is used before the pool grows.
+        // A spare is used before the pool grows.
         {-1, 0, 1024},
         {1, 0, 1024},
         {-2, 0, 1024},
@@ -235,26 +236,57 @@ TEST(RefCounted, withoutMemoryForACounterAHandleWorksButNeverDestroys) {
     });
 }
 
-TEST(RefCounted, itemReservedWhileAnotherThreadWaitsForThePoolIsUsedBeforeThePoolGrows) {
-    Crowd crowd(1024);
-    std::thread other;
-    {
-        Handle::CounterPool::LockGuard const guard(*Handle::getPool());
-        // From here on only the other thread locks: it found no reserved item and waits for the pool.
-        Fault const locks(inject_pthread_mutex_lock, 0, 1, 1, Fault::Threads::ALL);
-        other = std::thread([] {
-            Thing thing;
-            Handle const handle(thing);
-            EXPECT_TRUE(Handle::getPool()->contains(handle.getCounter()));
+TEST(RefCounted, sparesOfOtherThreadsLeaveACountForEachOf1024HandlesWithoutMemory) {
+    expectInChild([] {
+        EventRecorder const recorder;
+        Thing thing;
+        std::promise<void> kept;
+        std::promise<void> end;
+        std::thread other([&] {
+            { Handle const handle(thing); }
+            kept.set_value();
+            end.get_future().wait();
         });
-        EXPECT_TRUE(eventually([&] { return locks.getCalls() != 0; }));
-        crowd.shrink(1);
-    }
-    other.join();
-    EXPECT_EQ(0u, getDepletion().getPoolCount());
+        kept.get_future().wait();
+        {
+            Crowd const crowd(1023);
+            for (int round = 0; round < 2; ++round) {
+                auto const make = [&thing] {
+                    NewFault const fault(New::NOTHROW_ARRAY);
+                    return Handle(thing);
+                };
+                Handle const last = make();
+                EXPECT_NE(nullptr, last.getCounter()) << round;
+                EXPECT_FALSE(Handle::getPool()->contains(last.getCounter()));
+                EXPECT_EQ(nullptr, make().getCounter()) << round;
+            }
+        }
+        end.set_value();
+        other.join();
+        Crowd const whole(1024);
+        for (auto const& handle : whole.get()) {
+            EXPECT_TRUE(Handle::getPool()->contains(handle->getCounter()));
+        }
+    });
 }
 
-TEST(RefCounted, threadsCompeteForTheReservedItem) {
+TEST(RefCounted, threadsThatEndLeaveTheirSparesToThePool) {
+    for (int round = 0; round < 3; ++round) {
+        // More threads at a time than may have spares.
+        std::atomic<int> ready{0};
+        runInThreads(100, [&ready](int) {
+            Thing thing;
+            { Handle const handle(thing); }
+            ++ready;
+            while (ready < 100) {
+                std::this_thread::yield();
+            }
+        });
+        expectPoolIsWhole();
+    }
+}
+
+TEST(RefCounted, threadsUseTheirSparesAtTheSameTime) {
     std::atomic<int> wrong{0};
     runInThreads(2, [&wrong](int) { // More threads would take turns on a small machine rather than compete.
         for (int round = 0; round < 500000; ++round) {

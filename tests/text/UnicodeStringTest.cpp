@@ -9,6 +9,7 @@
 
 #include <vesk/RefCounted.h>
 #include <vesk/UnicodeString.h>
+#include <vesk/WidePath.h>
 
 #include <atomic>
 #include <cstring>
@@ -318,6 +319,57 @@ INSTANTIATE_TEST_SUITE_P(
         Text{"C.UTF-8", "\xE4", L""}, Text{"C.UTF-8", "abc\x80", L""}, Text{"C.UTF-8", "abc\xE2\x82", L""},
         Text{"C.UTF-8", "\xC0\xAF", L""}, Text{"C.UTF-8", "\xFFz", L""}));
 
+/// Returns what the C library makes of a text; empty if it is malformed.
+std::wstring convertByLibc(std::string const& text) {
+    std::wstring wide(text.length() + 1, L'\0');
+    mbstate_t state{};
+    char const* source = text.c_str();
+    size_t const length = mbsrtowcs(wide.data(), &source, wide.length(), &state);
+    wide.resize(length != FAILED ? length : 0);
+    return wide;
+}
+
+TEST(UnicodeString, everyCharacterOfUtf8IsConvertedAsTheCLibraryDoes) {
+    ScopedLocale const locale("C.UTF-8");
+    constexpr int PIECE = 61; // Moves the characters over all positions in a word.
+    for (wchar_t code = 1; code < 0x110000;) {
+        std::wstring wide;
+        for (int i = 0; i < PIECE && code < 0x110000; ++i, ++code) {
+            if (code < 0xD800 || code > 0xDFFF) {
+                wide += code;
+            }
+        }
+        UnicodeString const narrow(wide);
+        ASSERT_NE(nullptr, narrow.c_str()) << std::hex << code;
+        ASSERT_EQ(convertByLibc(narrow.c_str()), wide) << std::hex << code;
+        ASSERT_EQ(wide, static_cast<std::wstring>(narrow)) << std::hex << code;
+        ASSERT_EQ(strlen(narrow.c_str()) + 1, narrow.getSize());
+    }
+}
+
+TEST(UnicodeString, sequencesOfUtf8AreMalformedWhereTheCLibrarySaysSo) {
+    ScopedLocale const locale("C.UTF-8");
+    std::string const bytes = "a\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xED\xEF\xF0\xF1\xF4"
+                              "\xF5\xF7\xF8\xFC\xFE\xFF";
+    int malformed = 0;
+    size_t round = 0;
+    for (char const first : bytes) {
+        for (char const second : bytes) {
+            for (char const third : bytes) {
+                for (char const* const rest : {"", "\x80", "\xBFz"}) {
+                    std::string const text = std::string(round++ % 9, 'x') + first + second + third + rest;
+                    std::wstring const expected = convertByLibc(text);
+                    ASSERT_EQ(expected, static_cast<std::wstring>(UnicodeString(text)))
+                        << testing::PrintToString(text);
+                    ASSERT_EQ(expected, vesk::WidePath(UnicodeString(text)));
+                    malformed += expected.empty() ? 1 : 0;
+                }
+            }
+        }
+    }
+    EXPECT_GT(malformed, 10000);
+}
+
 TEST(UnicodeString, isConvertedInALocaleOtherThanUTF8) {
     TempFolder const folder;
     if (!buildLatin1(folder.getPath())) {
@@ -351,27 +403,41 @@ void expectTwoPasses(std::vector<Pass> const& passes, size_t length) {
     EXPECT_EQ(length, passes[1].result);
 }
 
+/// Records the passes of the C library in the locale C.UTF-8. The library converts such text itself, unless the
+/// process has another locale at the start of the conversion.
+class PassesInUtf8 {
+public:
+    PassesInUtf8() {
+        m_conversions.before = [](size_t) { setlocale(LC_CTYPE, "C.UTF-8"); };
+    }
+    std::vector<Pass> const& get() const { return m_conversions.getPasses(); }
+
+private:
+    ScopedLocale m_locale{"C"};
+    Conversions m_conversions;
+};
+
 TEST(UnicodeString, isConvertedInTwoPassesIntoMemoryOfItsSize) {
-    ScopedLocale const locale("C.UTF-8");
     std::wstring const wide = L"\u20AC and more of it";
     std::optional<UnicodeString> narrow;
     {
-        Conversions const conversions;
+        PassesInUtf8 const passes;
         NewFault const count(New::NOTHROW_ARRAY, 1, 0);
         narrow.emplace(wide);
         EXPECT_EQ((std::vector<size_t>{wide.length() + 3}), count.getSizes());
-        expectTwoPasses(conversions.getPasses(), wide.length() + 2);
+        expectTwoPasses(passes.get(), wide.length() + 2);
     }
     {
+        ScopedLocale const locale("C.UTF-8");
         // The passes themselves are recorded below: a record allocates as well.
         NewFault const count(New::SINGLE, 1, 0);
         std::wstring const back = *narrow;
         EXPECT_EQ((std::vector<size_t>{17 * sizeof(wchar_t)}), count.getSizes());
         EXPECT_EQ(wide, back);
     }
-    Conversions const conversions;
+    PassesInUtf8 const passes;
     std::wstring const again = *narrow;
-    expectTwoPasses(conversions.getPasses(), 16);
+    expectTwoPasses(passes.get(), 16);
 }
 
 TEST(UnicodeString, emptyAndFailedConversionsHaveNoSecondPass) {
@@ -404,7 +470,7 @@ TEST(UnicodeString, changeOfTheTextOrTheLocaleBetweenThePassesKeepsTheConvertedP
         expectText(narrow, 4, 2, UnicodeString(wide));
         EXPECT_EQ(NARROW_WARNING, events.getText());
     }
-    ScopedLocale const locale("C.UTF-8");
+    ScopedLocale const locale("C");
     EventRecorder const events;
     Conversions conversions;
     conversions.before = [](size_t pass) { setlocale(LC_CTYPE, pass == 1 ? "C.UTF-8" : "C"); };

@@ -24,6 +24,10 @@
 
 namespace vesk {
 
+constexpr detail::FamilyIndex familyIndexOf(Socket::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::SOCKET;
+}
+
 using namespace detail;
 
 namespace {
