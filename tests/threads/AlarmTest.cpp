@@ -198,7 +198,7 @@ void expectCallbacks(Engine& engine, char const* thread_name, int nice) {
 TEST(AlarmEngine, isScheduledAsItsAttributesSay) {
     Attr attributes;
     attributes.policy = vesk::sched::VESK_SCHED_POLICY_NORMAL;
-    attributes.param.nice = getpriority(PRIO_PROCESS, 0) + 3;
+    attributes.param.nice = std::min(getpriority(PRIO_PROCESS, 0) + 3, 19);
     Engine engine(SIGNAL, "Engine", attributes);
     expectCallbacks(engine, "Engine", attributes.param.nice);
 }
