@@ -415,8 +415,8 @@ TEST_F(DispatcherTest, messagesOfManyThreadsAreAllInvokedInTheOrderOfEach) {
     };
     std::thread loop(Dispatcher::main, &m_dispatcher);
     std::vector<Producer> producers(4);
-    runInThreads(4, [&](size_t thread) {
-        Producer& producer = producers[thread];
+    runInThreads(4, [&](int thread) {
+        Producer& producer = producers[static_cast<size_t>(thread)];
         for (int i = 0; i < MESSAGES; ++i) {
             m_first.push(new Work([&producer, i] {
                 producer.in_order = producer.in_order && i == producer.last + 1;

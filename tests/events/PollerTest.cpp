@@ -469,7 +469,8 @@ TEST_F(PollerStorm, threadsAddAndRemoveWhileAnotherPolls) {
     // cycle.
     std::vector<Pair> pairs(THREADS);
     std::vector<Acknowledger> clients(THREADS);
-    auto const change = [&](size_t i) {
+    auto const change = [&](int thread) {
+        auto const i = static_cast<size_t>(thread);
         for (int round = 0; round < ROUNDS; ++round) {
             m_poller.add(clients[i], pairs[i].get());
             pairs[i].send();

@@ -705,7 +705,7 @@ struct OfShared : std::SharedBase {
     bool isIn(Reference const& reference) const {
         return reference.get() == &value && reference.getHolder() == this;
     }
-    int countOf(Reference const& /*reference*/) const { return refcount; }
+    int countOf(Reference const& /*reference*/) const { return static_cast<int>(refcount); }
     int countDestroyed() const { return destroyed; }
     void build() override { EXPECT_EQ(destroyed, built++); }
     void destroy() override { ++destroyed; }

@@ -243,7 +243,6 @@ TEST_P(ThreadCreationSched, followsTheAttributesAndTheCreatorWithoutAReport) {
     });
 }
 
-Injected* const INHERIT = &inject_pthread_attr_setinheritsched;
 Injected* const READ = &inject_pthread_getschedparam;
 Injected* const SET_POLICY = &inject_pthread_attr_setschedpolicy;
 Injected* const SET_PARAM = &inject_pthread_attr_setschedparam;
