@@ -318,7 +318,10 @@ TYPED_TEST(StreamDescription, isAdoptedByOneOfManyThreadsWithTheBuffersOfTheSock
             EXPECT_FALSE(taken.valid);
             EXPECT_TRUE(server.isInputBuffered());
             EXPECT_TRUE(server.isOutputBuffered());
-            writeTo(server, "<" + readFrom(server, 6) + ">");
+            std::string const first = readFrom(server, 1);
+            EXPECT_FALSE(isReady(server.getSocketFd(), POLLIN)) << "the rest is in the buffer";
+            writeTo(server, "<" + first + readFrom(server, 5) + ">");
+            EXPECT_FALSE(isReady(clients[i]->getSocketFd(), POLLIN)) << "nothing is sent yet";
             EXPECT_FALSE(server.flush(false));
             EXPECT_FALSE(server.close(true));
         }
