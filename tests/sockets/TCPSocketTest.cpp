@@ -349,6 +349,17 @@ TEST(TCPSocket, reportsAResetByThePeerOnceAndClosesWithBufferedData) {
     EXPECT_TRUE(closes(*buffered.client, false));
 }
 
+TEST(TCPSocket, failsToWriteToAResetConnectionWithoutASignal) {
+    signal(SIGPIPE, SIG_DFL);
+    ResetConnection const connection;
+    EXPECT_TRUE(failsToWrite(
+        *connection.client,
+        ErrnoRow(Socket::ErrorId::CONNECTION_RESET, ECONNRESET, {StreamErrorId::UNUSABLE})));
+    EXPECT_TRUE(failsToWrite(
+        *connection.client, ErrnoRow(Socket::ErrorId::INVALID_SOCKET, EPIPE, {StreamErrorId::UNUSABLE})));
+    EXPECT_TRUE(closes(*connection.client, true));
+}
+
 // ---- Servers ----
 
 TEST_P(TCPSocketVersions, thatListensKnowsItsPortAfterAnUpdateAndListensOnAllAddressesWithoutAHost) {
