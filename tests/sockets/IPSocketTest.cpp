@@ -300,7 +300,7 @@ TEST(IPSocket, withoutMemoryForABufferItDoesNotResolve) {
 
 // ---- virtual operations ----
 
-TEST(IPSocket, addsItsVirtualOperationsAfterThoseOfASocketAndClosingDoesNothingByDefault) {
+TEST(IPSocket, addsItsVirtualOperationsAfterThoseOfASocket) {
     EXPECT_EQ(7, getSlot(&IPSocket::maxTxSize));
     EXPECT_EQ(8, getSlot(&IPSocket::closing));
     class Plain : public IPSocket {
