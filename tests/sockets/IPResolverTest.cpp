@@ -348,6 +348,11 @@ int resolveBySystem(std::string const& name, int family, Items& addresses) {
     return code;
 }
 
+Items const MANY = {"10.0.0.9", "10.0.0.1", "10.0.0.5"};
+Items const SIX = {"fd00::9", "fd00::1"};
+
+Reports const UNRESOLVED = withText({std::CommonErrorId::INVALID_ARGUMENT}, "Couldn't resolve hostname");
+
 class IPResolverNames : public testing::Test {
 protected:
     void SetUp() override { VESK_SKIP_WITHOUT_NAMES(); }
@@ -450,6 +455,20 @@ VESK_TEST_WITH(
 }
 
 VESK_TEST_WITH(
+    run, IPResolverNames, secondResolveReplacesAllResultsOfTheFirst,
+    (Resolver & resolver, NameServer& server)) {
+    EXPECT_EQ(MANY, addressesOf(resolver, "many.test"));
+    EXPECT_EQ(Items{"10.0.0.7"}, addressesOf(resolver, "printer.test"));
+    EXPECT_EQ(SIX, addressesOf(resolver, "six.test", V6));
+    EXPECT_EQ(NONE, addressesOf(resolver, "unknown.test"));
+    EXPECT_EQ(MANY, addressesOf(resolver, "many.test"));
+    server.stop();
+    EXPECT_EQ(FAILED, addressesOf(resolver, "many.test"));
+    EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
+    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
+}
+
+VESK_TEST_WITH(
     runSilent, IPResolverNames, serverThatDoesNotAnswerFailsTheResolveAfterItsTimeout,
     (Resolver & resolver, SilentNameServer const& server)) {
     auto const begin = std::chrono::steady_clock::now();
@@ -493,6 +512,57 @@ TEST_F(IPResolverNames, labelCanHave63Letters) {
             EXPECT_EQ(Items{name}, namesOf(resolver, "10.0.0.3"));
         },
         "10.0.0.3 " + name + "\n");
+}
+
+VESK_TEST_WITH(
+    run, IPResolverNames, firstAddressReplacesTheHostUnlessItIsOfTheOtherVersion,
+    (Resolver&, NameServer& server)) {
+    IPAddress address("six.test", 80);
+    sockaddr_in binary;
+    EXPECT_TRUE(address.getBinary(binary));
+    EXPECT_TRUE(chainIs(UNRESOLVED));
+    EXPECT_EQ("six.test", address.host);
+    IPAddress address6("many.test", 80);
+    sockaddr_in6 binary6;
+    EXPECT_TRUE(address6.getBinary(binary6));
+    EXPECT_TRUE(chainIs(UNRESOLVED));
+    EXPECT_EQ("many.test", address6.host);
+    IPAddress many("many.test", 80);
+    EXPECT_FALSE(many.getBinary(binary));
+    EXPECT_EQ("10.0.0.9", many.host);
+    EXPECT_EQ("10.0.0.9", IPAddress(binary).host);
+    EXPECT_EQ(80, ntohs(binary.sin_port));
+
+    IPAddress six("six.test", 81);
+    EXPECT_FALSE(six.getBinary(binary6));
+    EXPECT_EQ("fd00::9", six.host);
+    EXPECT_EQ("fd00::9", IPAddress(binary6).host);
+    EXPECT_EQ(81, ntohs(binary6.sin6_port));
+
+    server.stop();
+    EXPECT_FALSE(many.getBinary(binary)) << "the name is not needed again";
+    EXPECT_FALSE(six.getBinary(binary6));
+}
+
+VESK_TEST_WITH(run, IPResolverNames, socketResolvesBothAddressesInItsConstructor, (Resolver&, NameServer&)) {
+    class NamedSocket : public IPSocket {
+    public:
+        NamedSocket(IPAddress const& local, IPAddress const& peer, IPProtocolVersion version)
+            : IPSocket(true, 0, 0, local, peer, version) {}
+        unsigned int maxTxSize() const override { return 0; }
+    };
+    NamedSocket socket({"localhost", 1}, {"many.test", 2}, V4);
+    EXPECT_TRUE(socket.isValid());
+    EXPECT_EQ("127.0.0.1", socket.getLocalAddress().host);
+    EXPECT_EQ("10.0.0.9", socket.getPeerAddress().host);
+    socket.close(false);
+
+    EXPECT_FALSE(NamedSocket(IPAddress(), {"unknown.test", 2}, V4).isValid());
+    EXPECT_TRUE(chainIs(UNRESOLVED));
+    EXPECT_FALSE(NamedSocket({"unknown.test", 2}, IPAddress(), V6).isValid());
+    EXPECT_TRUE(chainIs(UNRESOLVED));
+    EXPECT_FALSE(NamedSocket(IPAddress(), {"name.elsewhere", 2}, V4).isValid());
+    EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
 }
 
 } // namespace

@@ -300,7 +300,7 @@ TEST(IPSocket, withoutMemoryForABufferItDoesNotResolve) {
 
 // ---- virtual operations ----
 
-TEST(IPSocket, addsItsVirtualOperationsAfterThoseOfASocketAndClosingDoesNothingByDefault) {
+TEST(IPSocket, addsItsVirtualOperationsAfterThoseOfASocket) {
     EXPECT_EQ(7, getSlot(&IPSocket::maxTxSize));
     EXPECT_EQ(8, getSlot(&IPSocket::closing));
     class Plain : public IPSocket {
@@ -356,6 +356,9 @@ TEST_P(IPSocketClose, takesItsStepsAndSucceeds) {
         EXPECT_FALSE(socket.had_error_in_closing) << "the error flag is cleared";
         EXPECT_TRUE(succeeded(socket, Socket::DEAD));
         EXPECT_FALSE(isOpen(fd));
+        EXPECT_TRUE(socket.close(row.shuts_down));
+        EXPECT_TRUE(failed(socket, Socket::DEAD, {misuse("called close on already DEAD socket")}));
+        EXPECT_EQ(row.steps, steps.get()) << "a second close takes no step";
     }
     for (std::string const& text : row.received) {
         EXPECT_EQ(text, receiveAt(ends.getPeer()));

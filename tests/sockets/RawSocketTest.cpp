@@ -86,7 +86,7 @@ bool mayOpenPackets() {
 
 // ---- construction ----
 
-TEST(RawSocket, startsInactiveWithoutADescriptorAndHasTheBuffersOfItsConstructor) {
+TEST(RawSocket, startsInactiveWithTheBuffersOfItsConstructor) {
     Fault const sockets(inject_socket, 0);
     RawSocket const socket(true, 0, 0);
     EXPECT_TRUE(succeeded(socket, Socket::INACTIVE));
@@ -257,6 +257,24 @@ TEST(RawSocket, isDeniedToAnUnprivilegedProcessUntilThePrivilegeExists) {
     });
 }
 
+TEST(RawSocket, isNotOpenedWithoutAFreeDescriptor) {
+    VESK_SKIP_WITHOUT_PACKETS();
+    expectInChild([] {
+        {
+            // A sanitizer uses descriptors when it first sees an object.
+            RawSocket seen(true, 0, 0);
+            EXPECT_TRUE(seen.open("no-device"));
+            EXPECT_TRUE(causeIs(SysErrorId::NO_DEVICE, ENODEV));
+            EXPECT_NE(Socket::INACTIVE, seen.getState());
+        }
+        rlimit const limit{3, 3};
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+        RawSocket socket(true, 0, 0);
+        EXPECT_TRUE(socket.open(nullptr));
+        EXPECT_TRUE(failed(socket, Socket::INACTIVE, ErrnoRow(UNCLASSIFIED, EMFILE)));
+    });
+}
+
 // ---- close ----
 
 TEST(RawSocket, thatNeverOpenedStaysInactiveWhenItIsClosed) {
@@ -304,9 +322,18 @@ TEST_P(RawSocketClose, failureIsReportedNotRepeatedAndLeavesItDead) {
 
 INSTANTIATE_TEST_SUITE_P(errors, RawSocketClose, testing::Values(EINTR, EBADF, EIO, ENOSPC));
 
+TEST(RawSocket, closeFailsIfTheDescriptorIsAlreadyClosed) {
+    VESK_SKIP_WITHOUT_PACKETS();
+    RawSocket socket(true, 0, 0);
+    EXPECT_FALSE(socket.open("lo"));
+    close(socket.getSocketFd());
+    EXPECT_TRUE(socket.close());
+    EXPECT_TRUE(failed(socket, Socket::DEAD, ErrnoRow(UNCLASSIFIED, EBADF)));
+}
+
 // ---- destruction ----
 
-TEST(RawSocketEnd, ofAnOpenSocketFailsAnAssertionAndClosesItAndOfADeadSocketIsSilent) {
+TEST(RawSocketEnd, failsAnAssertionUnlessTheSocketIsDead) {
     VESK_SKIP_WITHOUT_PACKETS();
     for (int const close_error : {0, EIO}) {
         EventRecorder const events;
@@ -482,8 +509,7 @@ protected:
 };
 
 VESK_TEST_WITH(
-    withSocketOf("right"), RawSocketFrames,
-    areThoseOfOneDeviceWholeOrCutToTheSizeOfTheReadAndNotConsumedByAnEmptyRead, (RawSocket & socket)) {
+    withSocketOf("right"), RawSocketFrames, areThoseOfOneDeviceCutToTheSizeOfTheRead, (RawSocket & socket)) {
     sendFrom("left", "from the left");
     EXPECT_EQ(makeFrame("from the left"), readFrameWith(socket, "from the left"));
     sendFrom("left", "long " + std::string(500, 'x'));
@@ -575,8 +601,7 @@ VESK_TEST_WITH(
 class RawSocketDevices : public RawSocketFrames {};
 
 VESK_TEST_WITH(
-    withSocketOf("right"), RawSocketDevices,
-    thatGoDownOrAreRemovedFailTransfersAndCanBeUsedWhenTheyAreUpAgain, (RawSocket & socket)) {
+    withSocketOf("right"), RawSocketDevices, failTransfersWhileTheyAreDownOrRemoved, (RawSocket & socket)) {
     ASSERT_TRUE(setDown("right"));
     EXPECT_TRUE(failsToRead(socket, DOWN));
     EXPECT_TRUE(failsToWrite(
@@ -592,9 +617,7 @@ VESK_TEST_WITH(
     EXPECT_TRUE(failsToWrite(socket, NOWHERE, makeFrame("to nowhere")));
 }
 
-VESK_TEST_WITH(
-    expectInNetwork, RawSocketDevices, thatAreDownCanBeOpenedAndHaveNamesOfUpTo15LettersAndLongerNamesAreCut,
-    ()) {
+VESK_TEST_WITH(expectInNetwork, RawSocketDevices, haveNamesThatAreCutTo15Letters, ()) {
     ASSERT_TRUE(makeInterface("fifteen-letters"));
     for (char const* const name :
          {"fifteen-letters", "fifteen-letters!", "fifteen-letters-and-more-than-forty-in-all"}) {

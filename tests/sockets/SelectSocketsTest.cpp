@@ -352,7 +352,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(
     sets, SelectSocketsSet, testing::Values(&Sets::read, &Sets::write, &Sets::except), bySet);
 
-TEST_P(SelectSocketsSet, withASocketWithoutADescriptorOrANullPointerFailsAndKeepsAllSets) {
+TEST_P(SelectSocketsSet, isKeptIfASocketHasNoDescriptorOrIsNull) {
     TestSocket without;
     expectRefused(&without);
     EXPECT_FALSE(without.hadError());

@@ -2,8 +2,11 @@
 
 #include "SocketRows.h"
 #include "TestSocket.h"
+#include "support/calls/UDPCalls.h"
 
 /// What the helpers below the socket classes do and the tests of the classes cannot see.
+
+VESK_INJECT_ERRNO(int, -1, shutdown, (int fd, int how) noexcept, (fd, how))
 
 namespace {
 
@@ -47,17 +50,19 @@ TEST(WithoutADescriptor, helpersFailAnAssertionAndReturnAFailure) {
         {"connectSocket", [=] { return connectSocket(-1, generic, sizeof(sockaddr_in)) == -1; }},
         {"shutdownSocket", [] { return shutdownSocket(-1); }},
     };
+    CallRecorder calls;
+    Fault const shutdowns(inject_shutdown, 0);
     for (auto const& helper : helpers) {
         EventRecorder const events;
-        errno = EXDEV;
         EXPECT_TRUE(helper.call()) << helper.name;
-        EXPECT_EQ(EXDEV, errno) << "no call is made";
+        EXPECT_EQ("", calls.getText());
         EXPECT_EQ(
             std::string("ASSERT framework/src/vesk/posix/SocketPosixCommon ") + helper.name +
                 ": p_socket_fd != INVALID_SOCKET_FD",
             events.getText());
         EXPECT_TRUE(chainIs("p_socket_fd is invalid", {std::CommonErrorId::INVALID_ARGUMENT}));
     }
+    EXPECT_EQ(0, shutdowns.getCalls());
 }
 
 TEST(CloseKeepingChain, keepsThePendingReports) {

@@ -88,7 +88,7 @@ TEST(Socket, hasAnErrorFamilyDerivedFromThatOfTheSystem) {
 
 // ---- construction ----
 
-TEST(Socket, newSocketIsInactiveAndHasTheModeAndTheBuffersOfItsConstructor) {
+TEST(Socket, newSocketHasTheModeAndBuffersOfItsConstructor) {
     TestSocket const socket(true, 0, 0);
     EXPECT_FALSE(socket.hadError());
     EXPECT_EQ(-1, socket.getSocketFd());
@@ -110,7 +110,7 @@ TEST(Socket, newSocketIsInactiveAndHasTheModeAndTheBuffersOfItsConstructor) {
     EXPECT_EQ((std::vector<size_t>{100, 200, 100, 100}), allocations.getSizes());
 }
 
-TEST(Socket, withoutMemoryForABufferItIsInvalidInEveryStateAndTheDirectionIsUnusable) {
+TEST(Socket, withoutMemoryForABufferItIsInvalidInEveryState) {
     Ends ends = makeEnds();
     for (int const nth : {1, 2}) {
         NewFault const fault(New::NOTHROW_ARRAY, nth);
@@ -242,7 +242,7 @@ TEST(Socket, isReadByOneThreadAndWrittenByAnother) {
 
 // ---- the stream ----
 
-TEST(Socket, flushSucceedsInEveryStateAndClearsTheErrorFlagUnlessItIsOnlyOfTheBuffer) {
+TEST(Socket, flushSucceedsInEveryStateAndClearsTheErrorFlag) {
     TestSocket socket;
     for (auto const state : {Socket::INACTIVE, Socket::OPEN, Socket::DEAD}) {
         socket.set(-1, state);
@@ -434,7 +434,7 @@ TEST(SocketOptions, sizeBeyondTheSystemsLimitsIsReturnedAsGranted) {
     }
 }
 
-TEST(SocketOptions, halfOfTheSystemsSizeIsTakenAsASignedNumberAndAnotherLengthFailsAnAssertion) {
+TEST(SocketOptions, sizeIsHalfOfTheSystemsSignedNumber) {
     ConnectedSocket socket;
     for (auto const& [value, half] : {std::pair(7, 3U), std::pair(1, 0U), std::pair(-7, 0U - 3U)}) {
         PretendedOption const option(value, sizeof(int));
@@ -454,7 +454,7 @@ TEST(SocketOptions, halfOfTheSystemsSizeIsTakenAsASignedNumberAndAnotherLengthFa
     EXPECT_FALSE(socket.hadError());
 }
 
-TEST(SocketOptions, withoutADescriptorNoCallIsMadeAndADescriptorThatIsNoSocketFails) {
+TEST(SocketOptions, withoutADescriptorOfASocketFail) {
     TestSocket socket;
     for (auto const state : {Socket::INACTIVE, Socket::DEAD}) {
         socket.set(-1, state);

@@ -260,7 +260,7 @@ TEST(SocketRead, succeedsWithoutBytesOnANonBlockingDescriptor) {
     EXPECT_EQ(0U, got);
 }
 
-TEST(SocketRead, waitsAsItsDescriptorDoesEvenInANonBlockingStreamAndForThePeer) {
+TEST(SocketRead, waitsAsItsDescriptorDoesEvenInANonBlockingStream) {
     ConnectedSocket socket(makeEnds(), false, 0, 0);
     timeval const limit{0, 50000};
     ASSERT_EQ(0, setsockopt(socket.getSocketFd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit));

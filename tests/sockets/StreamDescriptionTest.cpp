@@ -141,7 +141,7 @@ TYPED_TEST(StreamDescription, closesItsConnectionWhenAnotherIsAssigned) {
     EXPECT_TRUE(transfers(server, *second.client, "second"));
 }
 
-TYPED_TEST(StreamDescription, canBeAssignedToItselfSwappedAndEmptiedWhileSignalsInterruptTheClose) {
+TYPED_TEST(StreamDescription, canBeAssignedWhileSignalsInterruptTheClose) {
     Fault const closes(inject_close, EINTR, 1, 5);
     { EXPECT_TRUE(isEmpty(typename TestFixture::Description())); }
     auto description = this->accept();
@@ -318,7 +318,10 @@ TYPED_TEST(StreamDescription, isAdoptedByOneOfManyThreadsWithTheBuffersOfTheSock
             EXPECT_FALSE(taken.valid);
             EXPECT_TRUE(server.isInputBuffered());
             EXPECT_TRUE(server.isOutputBuffered());
-            writeTo(server, "<" + readFrom(server, 6) + ">");
+            std::string const first = readFrom(server, 1);
+            EXPECT_FALSE(isReady(server.getSocketFd(), POLLIN)) << "the rest is in the buffer";
+            writeTo(server, "<" + first + readFrom(server, 5) + ">");
+            EXPECT_FALSE(isReady(clients[i]->getSocketFd(), POLLIN)) << "nothing is sent yet";
             EXPECT_FALSE(server.flush(false));
             EXPECT_FALSE(server.close(true));
         }
@@ -342,7 +345,7 @@ TEST_P(TCPDescription, hasTheAddressOfThePeerWithZerosAfterIt) {
     EXPECT_EQ(std::string(rest.size(), '\0'), rest);
 }
 
-TEST_P(TCPDescription, givesTheSocketTheAddressesOfThePeerAndThoseThatTheServerHasLookedUp) {
+TEST_P(TCPDescription, givesTheSocketTheAddressesThatTheServerKnows) {
     auto const version = getVersion(GetParam());
     std::string const loopback = getLoopback(version);
     for (bool const is_looked_up : {true, false}) {

@@ -55,7 +55,8 @@ inline std::vector<ErrnoRow> const ACCEPT_ROWS = errnoRows({
 
 /// Without EBADF, which is not reported.
 inline std::vector<ErrnoRow> const CLOSE_ROWS =
-    errnoRows({{{EIO, ENOSPC, EDQUOT, EAGAIN, EINVAL}, {SysErrorId::SPOILED_INTEGRITY}}});
+    errnoRows({{{EIO, ENOSPC, EDQUOT, EAGAIN, EINVAL, 4711}, {SysErrorId::SPOILED_INTEGRITY}}});
+
 // ---- Descriptors ----
 
 /// Closes a descriptor that the library could not close.

@@ -425,7 +425,7 @@ TEST_P(StreamSocketClass, withoutADescriptorFailsToStartAndToClose) {
     }
 }
 
-TEST_P(StreamSocketClass, repeatsTheCloseWhileSignalsInterruptItAndFailsOfAClosedDescriptor) {
+TEST_P(StreamSocketClass, repeatsTheCloseWhileSignalsInterruptIt) {
     SocketPtr const socket = make(GetParam());
     int const fd = socket->getSocketFd();
     Fault const fault(inject_close, EINTR, 1, 4);
@@ -625,6 +625,21 @@ TEST_P(StreamSocket, withBuffersSendsOnlyWhatIsFlushedAndReadsAhead) {
     EXPECT_EQ("3456789", readFrom(*ahead.client, 7));
 }
 
+TEST_P(StreamSocket, waitsForDataOrWithoutBlockingReadsNothing) {
+    Connection const connection(GetParam());
+    SleepingThread reader([&] {
+        char block[8];
+        unsigned int count = 0;
+        EXPECT_EQ(1, connection.server->read(block, sizeof block, count));
+        EXPECT_EQ("late", std::string(block, count));
+    });
+    writeTo(*connection.client, "late");
+    reader.join();
+    Connection const free(GetParam(), {false});
+    EXPECT_EQ(NOTHING, readByte(*free.client));
+    EXPECT_TRUE(succeeded(*free.client, Socket::OPEN));
+}
+
 /// Returns bytes that depend on their position.
 std::string makePattern(size_t size) {
     std::string pattern(size, '\0');
@@ -632,6 +647,34 @@ std::string makePattern(size_t size) {
         pattern[i] = static_cast<char>(i * 31 + (i >> 8) * 7);
     }
     return pattern;
+}
+
+TEST_P(StreamSocket, thatDoesNotBlockWritesNothingUntilThePeerReads) {
+    Listener const listener(GetParam());
+    EXPECT_FALSE(listener->setRecvBuffer(8192));
+    SocketPtr const client = listener.makeClient({false});
+    EXPECT_FALSE(client->setSendBuffer(8192));
+    EXPECT_EQ(isTcp(GetParam()), connectSocket(*client));
+    ASSERT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
+    SocketPtr const server = listener.accept();
+    std::string const pattern = makePattern(1U << 20);
+    std::string received;
+    size_t sent = 0;
+    int refusals = 0;
+    while (sent < pattern.size() && !HasFailure()) {
+        auto const [result, count] = write(*client, pattern.substr(sent, 65536));
+        ASSERT_EQ(1, result);
+        ASSERT_TRUE(succeeded(*client, Socket::OPEN));
+        sent += count;
+        if (count == 0) {
+            ++refusals;
+            received += readFrom(*server, sent - received.size());
+            ASSERT_TRUE(awaitEvents(client->getSocketFd(), POLLOUT));
+        }
+    }
+    received += readFrom(*server, sent - received.size());
+    EXPECT_GT(refusals, 0);
+    EXPECT_TRUE(pattern == received);
 }
 
 TEST_P(StreamSocket, carriesMegabytesBothWaysInBlocksOfAnySize) {
@@ -644,7 +687,7 @@ TEST_P(StreamSocket, carriesMegabytesBothWaysInBlocksOfAnySize) {
         }
         EXPECT_FALSE(socket.flush(false));
     };
-    for (unsigned int const buffers : {0U, 100U, 1000U}) {
+    for (unsigned int const buffers : {0U, 16U, 100U, 1000U}) {
         Connection const connection(GetParam(), {true, buffers, buffers});
         std::thread echo([&] {
             EXPECT_TRUE(pattern == readFrom(*connection.server, pattern.size()));
@@ -657,6 +700,34 @@ TEST_P(StreamSocket, carriesMegabytesBothWaysInBlocksOfAnySize) {
         EXPECT_FALSE(closeSocket(*connection.client, false));
         EXPECT_TRUE(isAtEnd(*connection.server));
     }
+}
+
+TEST_P(StreamSocket, staysOpenWhenThePeerClosesOrEndsItsHalf) {
+    Connection const connection(GetParam());
+    writeTo(*connection.client, "bye");
+    EXPECT_FALSE(closeSocket(*connection.client, true));
+    EXPECT_EQ("bye", readFrom(*connection.server, 3));
+    EXPECT_TRUE(isAtEnd(*connection.server));
+    EXPECT_TRUE(hasState(*connection.server, Socket::OPEN));
+    EXPECT_TRUE(isAtEnd(*connection.server)) << "each further read reports it";
+    Connection const half(GetParam());
+    writeTo(*half.server, "bye");
+    ASSERT_EQ(0, shutdown(half.server->getSocketFd(), SHUT_WR));
+    EXPECT_EQ("bye", readFrom(*half.client, 3));
+    EXPECT_TRUE(isAtEnd(*half.client));
+    EXPECT_TRUE(isAtEnd(*half.client)) << "each further read reports it";
+    EXPECT_TRUE(hasState(*half.client, Socket::OPEN));
+    EXPECT_TRUE(transfers(*half.client, *half.server, "answer"));
+}
+
+TEST_P(StreamSocket, canBeSelected) {
+    Connection const connection(GetParam());
+    writeTo(*connection.client, "x");
+    std::set<Socket const*> read = {connection.client.get(), connection.server.get()};
+    std::set<Socket const*> none;
+    EXPECT_EQ(1, Socket::selectSockets(read, none, none, 60000, true));
+    EXPECT_EQ(std::set<Socket const*>{connection.server.get()}, read);
+    EXPECT_EQ("x", readFrom(*connection.server, 1));
 }
 
 // ---- Servers ----
@@ -721,7 +792,7 @@ TEST_P(StreamServerSocket, cannotListenWhereAnotherListens) {
     EXPECT_FALSE(closeSocket(*first, false));
 }
 
-TEST_P(StreamServerSocket, passesEveryBacklogRoomForAWholeAddressAndAFlagForExecToTheSystem) {
+TEST_P(StreamServerSocket, passesItsArgumentsToTheSystem) {
     for (unsigned int const backlog : {0U, 1U, 100U, 1U << 16, 0x7fffffffU, 0xffffffffU}) {
         Waiting const each(GetParam(), {}, true, backlog);
         EXPECT_EQ(backlog, static_cast<unsigned int>(s_calls.backlog));

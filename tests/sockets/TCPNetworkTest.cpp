@@ -63,8 +63,9 @@ Client makeClient(std::string const& host, unsigned short port, bool blocking = 
 }
 
 /// Makes a server that listens on an address of a version, or fails to.
-std::unique_ptr<Server> listenOn(IPAddress const& address, IPSocket::IPProtocolVersion version) {
-    auto server = std::make_unique<Server>(address, true, true, version);
+std::unique_ptr<Server>
+listenOn(IPAddress const& address, IPSocket::IPProtocolVersion version, bool blocking = true) {
+    auto server = std::make_unique<Server>(address, blocking, true, version);
     server->enableListen(1);
     server->updateLocalAddress();
     return server;
@@ -187,6 +188,9 @@ VESK_TEST_WITH(expectInNetwork, TCPNetwork, lowPortsNeedAPermission, ()) {
     EXPECT_TRUE(failed(*listenOn(low, IPSocket::IPV4), Socket::DEAD, NO_ACCESS));
     Client client(true, 0, 0, low, IPAddress(IPSocket::LOOPBACK_IP, 9), false, IPSocket::IPV4);
     EXPECT_TRUE(failsToConnect(client, NO_ACCESS));
+    Closing<UDPSocket> udp(true, 0, 0, low, IPAddress(IPSocket::LOOPBACK_IP, 9), IPSocket::IPV4);
+    udp.open();
+    EXPECT_TRUE(failed(udp, Socket::DEAD, NO_ACCESS));
 }
 
 VESK_TEST_WITH(
@@ -252,6 +256,15 @@ VESK_TEST_WITH(withMachines, TCPNetwork, isUnavailableWhileItsOwnInterfaceIsDown
     EXPECT_TRUE(failsToConnect(client, REFUSED)) << "it may try again";
 }
 
+VESK_TEST_WITH(
+    withConnection, TCPNetwork, reportsThatThePeerResetsTheConnection,
+    (Machines const&, Client& client, Client& server)) {
+    makeCloseReset(server.getSocketFd());
+    EXPECT_FALSE(server.close(false));
+    ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLIN));
+    EXPECT_TRUE(isReset(client));
+}
+
 testing::AssertionResult timesOut(Client& client) {
     testing::AssertionResult const ready = awaitEvents(client.getSocketFd(), POLLIN);
     return ready
@@ -291,6 +304,16 @@ VESK_TEST_WITH(
 }
 
 VESK_TEST_WITH(
+    withConnection, TCPNetwork, canWriteToAPeerThatHasEndedItsHalf,
+    (Machines const&, Client& client, Client& server)) {
+    ASSERT_EQ(0, shutdown(server.getSocketFd(), SHUT_WR));
+    EXPECT_TRUE(isAtEnd(client));
+    EXPECT_TRUE(transfers(client, server, "still here"));
+    EXPECT_FALSE(client.close(true));
+    EXPECT_TRUE(isAtEnd(server));
+}
+
+VESK_TEST_WITH(
     withConnection, TCPNetwork, readsAllBytesButTheOutOfBandOne,
     (Machines const&, Client& client, Client& server)) {
     std::string bytes(3000, '\0');
@@ -307,6 +330,24 @@ VESK_TEST_WITH(
     EXPECT_EQ(bytes, readFrom(client, bytes.size()));
     EXPECT_EQ("abc", readFrom(client, 3));
     EXPECT_TRUE(chainIs({}));
+}
+
+VESK_TEST_WITH(
+    withMachines, TCPNetwork, acceptsWaitingConnectionsWithoutBlocking, (Machines const& machines)) {
+    ASSERT_TRUE(machines.enterRight());
+    auto const listener = listenOn(IPAddress(RIGHT[0], 0), IPSocket::IPV4, false);
+    EXPECT_TRUE(acceptsNothing(*listener));
+    ASSERT_TRUE(machines.enterLeft());
+    unsigned short const port = listener->getLocalAddress().port;
+    Client clients[] = {makeClient(RIGHT[0], port), makeClient(RIGHT[0], port)};
+    EXPECT_FALSE(clients[0].connect() || clients[1].connect());
+    for (Client const& client : clients) {
+        ASSERT_TRUE(awaitEvents(listener->getSocketFd(), POLLIN));
+        Client const accepted(true, 0, 0, listener->acceptConnection());
+        EXPECT_EQ(client.getLocalAddress().port, accepted.getPeerAddress().port);
+    }
+    EXPECT_TRUE(acceptsNothing(*listener));
+    EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
 }
 
 } // namespace
