@@ -216,7 +216,6 @@ class FileSysCopyEnd : public FileSysCopyTest, public testing::WithParamInterfac
 TEST_P(FileSysCopyEnd, failureEndsTheProcess) {
     makeSource("content");
     ChildEnd const end = runInChild([&] {
-        std::GlobalErrorHandler::setHook(nullptr);
         Fault const fault(*GetParam().call, EIO, GetParam().nth);
         copy(16);
         ADD_FAILURE() << "the process goes on";

@@ -1,8 +1,10 @@
 #include "support/Testing.h"
 
+#include <common/MemoryPool.h>
 #include <vesk/Condition.h>
 #include <vesk/FileAccess.h>
 #include <vesk/Mutex.h>
+#include <vesk/SystemLogger.h>
 #include <vesk/Thread.h>
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
@@ -57,6 +59,7 @@ VESK_INJECT_NOTING(void, , srand, (unsigned int seed), (seed), record("srand()")
 VESK_INJECT_NOTING(
     int, error, pthread_getschedparam, (pthread_t thread, int* policy, sched_param* param),
     (thread, policy, param), record("pthread_getschedparam()"))
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 
 support::Injected inject_clock_gettime("clock_gettime");
 extern "C" int clock_gettime(clockid_t clock, timespec* time) {
@@ -476,6 +479,65 @@ VESK_TEST_BY(inFreshProcess, VeskCleanup, beforeAnyStartUpDoesNothing) {
     EXPECT_EQ(WHOLE_START_UP, callsOf(true));
     EXPECT_EQ("", recorder.getText());
 }
+
+// ---- the default actions of events ----
+
+/// What causes an event without a hook, the signal that ends the process, and what is written.
+struct EventRow : NamedRow {
+    void (*cause)();
+    int signal;
+    std::vector<char const*> parts;
+};
+
+class VeskEvent : public testing::TestWithParam<EventRow> {};
+
+TEST_P(VeskEvent, endsTheProcessIfItIsAnAbort) {
+    ChildEnd const end = runInChild([] {
+        choosePipeSignal(SIG_DFL);
+        GetParam().cause();
+    });
+    EXPECT_EQ(GetParam().signal, end.signal) << end.output;
+    EXPECT_EQ(GetParam().signal == 0 ? 0 : -1, end.exit_code) << end.output;
+    for (char const* const part : GetParam().parts) {
+        EXPECT_NE(std::string::npos, end.errors.find(part)) << part << " in " << end.errors;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, VeskEvent,
+    rowsOf<EventRow>(
+        {{"failedStartUp",
+          [] {
+              Fault const fault(inject_sigaction, EINVAL);
+              Vesk const vesk(true, false);
+          },
+          SIGABRT,
+          {"framework/src/vesk/common/vesk", "Error initializing VESK"}},
+         {"startUpAfterACleanup",
+          [] {
+              { Vesk const vesk(true, false); }
+              Vesk::cleanupAll();
+              { Vesk const vesk(true, false); }
+              expectCount(2);
+          },
+          0,
+          {"!s_init_count.getCurrentCount()"}},
+         {"failedLockOfTheSystemLogger",
+          [] {
+              Fault const fault(inject_pthread_mutex_lock, EAGAIN);
+              vesk::SystemLogger::getInstance();
+          },
+          SIGABRT,
+          {"framework/src/vesk/linux/SystemLogger", "getInstance", "error locking"}},
+         {"itemThatIsNotFromItsPool",
+          [] {
+              std::MemoryPool<std::UsePoolOnDepletion, std::FakeLock, std::FakeCondition> pool(8, 1);
+              int elsewhere = 0;
+              pool.thankYou(&elsewhere);
+          },
+          SIGABRT,
+          {"item is not from here!"}}}),
+    byName);
 
 // ---- the main thread's scheduling ----
 

@@ -664,4 +664,15 @@ TEST_F(SharedMemoryServerTest, serverAndClientStreamThroughARing) {
     header->~Header();
 }
 
+TEST_F(SharedMemoryServerTest, contentOfAnEndedServerIsReadByAClientInAnotherProcess) {
+    EXPECT_EQ(0, Process([&] { makeOther("hello"); }).join());
+    expectInChild([&] {
+        SharedMemoryClient shm;
+        ASSERT_FALSE(shm.attach(m_name, MemMapping::READ));
+        MemMapping const mapping = shm.addMapping(MemMapping::READ, shm.getSize());
+        ASSERT_TRUE(mapping.isValid());
+        EXPECT_EQ(0, memcmp("hello", mapping.getAddress(), 5));
+    });
+}
+
 } // namespace
