@@ -377,9 +377,18 @@ struct FailureRow : NamedRow {
     std::vector<ExpectedReport> reports;
 };
 
-class VeskFailureRows : public testing::TestWithParam<FailureRow> {};
+FailureRow const VESK_FAILURE_ROWS[] = {
+    {"pipeSignalThatCannotBeRead", &inject_sigaction, EINVAL, 1, 2, {}},
+    {"pipeSignalThatCannotBeSet", &inject_sigaction, EPERM, 2, 3, {}},
+    {"clockThatIsMissing", &inject_clock_gettime, EINVAL, 1, 6, {vesk::SysErrorId::NOT_IMPLEMENTED}},
+    {"clockThatCannotBeRead",
+     &inject_clock_gettime,
+     EPERM,
+     1,
+     6,
+     {vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}}};
 
-TEST_P(VeskFailureRows, endsTheStartUp) {
+VESK_TEST_TABLE(VeskFailureRows, endsTheStartUp, testing::Test, VESK_FAILURE_ROWS) {
     inFreshProcess([] {
         FailureRow const& row = GetParam();
         EventRecorder const recorder;
@@ -392,20 +401,6 @@ TEST_P(VeskFailureRows, endsTheStartUp) {
         EXPECT_TRUE(chainIs(withErrno(row.reports, row.error)));
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, VeskFailureRows,
-    rowsOf<FailureRow>(
-        {{"pipeSignalThatCannotBeRead", &inject_sigaction, EINVAL, 1, 2, {}},
-         {"pipeSignalThatCannotBeSet", &inject_sigaction, EPERM, 2, 3, {}},
-         {"clockThatIsMissing", &inject_clock_gettime, EINVAL, 1, 6, {vesk::SysErrorId::NOT_IMPLEMENTED}},
-         {"clockThatCannotBeRead",
-          &inject_clock_gettime,
-          EPERM,
-          1,
-          6,
-          {vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}}}),
-    byName);
 
 VESK_TEST_BY(inFreshProcess, VeskFailure, isTheResultOfTheStep) {
     Vesk vesk(true, false);
@@ -489,9 +484,40 @@ struct EventRow : NamedRow {
     std::vector<char const*> parts;
 };
 
-class VeskEvent : public testing::TestWithParam<EventRow> {};
+EventRow const VESK_EVENT[] = {
+    {"failedStartUp",
+     [] {
+         Fault const fault(inject_sigaction, EINVAL);
+         Vesk const vesk(true, false);
+     },
+     SIGABRT,
+     {"framework/src/vesk/common/vesk", "Error initializing VESK"}},
+    {"startUpAfterACleanup",
+     [] {
+         { Vesk const vesk(true, false); }
+         Vesk::cleanupAll();
+         { Vesk const vesk(true, false); }
+         expectCount(2);
+     },
+     0,
+     {"!s_init_count.getCurrentCount()"}},
+    {"failedLockOfTheSystemLogger",
+     [] {
+         Fault const fault(inject_pthread_mutex_lock, EAGAIN);
+         vesk::SystemLogger::getInstance();
+     },
+     SIGABRT,
+     {"framework/src/vesk/linux/SystemLogger", "getInstance", "error locking"}},
+    {"itemThatIsNotFromItsPool",
+     [] {
+         std::MemoryPool<std::UsePoolOnDepletion, std::FakeLock, std::FakeCondition> pool(8, 1);
+         int elsewhere = 0;
+         pool.thankYou(&elsewhere);
+     },
+     SIGABRT,
+     {"item is not from here!"}}};
 
-TEST_P(VeskEvent, endsTheProcessIfItIsAnAbort) {
+VESK_TEST_TABLE(VeskEvent, endsTheProcessIfItIsAnAbort, testing::Test, VESK_EVENT) {
     ChildEnd const end = runInChild([] {
         choosePipeSignal(SIG_DFL);
         GetParam().cause();
@@ -502,42 +528,6 @@ TEST_P(VeskEvent, endsTheProcessIfItIsAnAbort) {
         EXPECT_NE(std::string::npos, end.errors.find(part)) << part << " in " << end.errors;
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, VeskEvent,
-    rowsOf<EventRow>(
-        {{"failedStartUp",
-          [] {
-              Fault const fault(inject_sigaction, EINVAL);
-              Vesk const vesk(true, false);
-          },
-          SIGABRT,
-          {"framework/src/vesk/common/vesk", "Error initializing VESK"}},
-         {"startUpAfterACleanup",
-          [] {
-              { Vesk const vesk(true, false); }
-              Vesk::cleanupAll();
-              { Vesk const vesk(true, false); }
-              expectCount(2);
-          },
-          0,
-          {"!s_init_count.getCurrentCount()"}},
-         {"failedLockOfTheSystemLogger",
-          [] {
-              Fault const fault(inject_pthread_mutex_lock, EAGAIN);
-              vesk::SystemLogger::getInstance();
-          },
-          SIGABRT,
-          {"framework/src/vesk/linux/SystemLogger", "getInstance", "error locking"}},
-         {"itemThatIsNotFromItsPool",
-          [] {
-              std::MemoryPool<std::UsePoolOnDepletion, std::FakeLock, std::FakeCondition> pool(8, 1);
-              int elsewhere = 0;
-              pool.thankYou(&elsewhere);
-          },
-          SIGABRT,
-          {"item is not from here!"}}}),
-    byName);
 
 // ---- the main thread's scheduling ----
 
