@@ -436,7 +436,8 @@ TEST_F(SharedMemoryServerTest, anotherCreationCloseAndDestructorUnmapAndCloseThe
 
 // ---- the size of new memory ----
 
-class SharedMemoryServerSize : public SharedMemoryServerTest, public testing::WithParamInterface<ErrorRow> {};
+class SharedMemoryServerSize : public SharedMemoryServerTest,
+                               public testing::WithParamInterface<ErrnoCase> {};
 
 constexpr char const* CREATE_WARNING = "WARNING framework/src/vesk/posix/SharedMemoryServer create: "
                                        "shm_open() okay, ftruncate() failed, close() failed!";
