@@ -98,9 +98,34 @@ Object makeUnixSocket(TempFolder const& /*unused*/) {
         true, 0U, 0U, vesk::Path(), vesk::Path("peer"), vesk::UnixSocketBase::ABSTRACT);
 }
 
-class Destructors : public testing::TestWithParam<Row> {};
+Row const DESTRUCTORS[] = {
+    {"BinFileBase", &inject_close, makeFile<BinFileBase>},
+    {"MemBinFileBase", &inject_close, makeFile<vesk::MemBinFileBase>},
+    {"StreamBinFileR", &inject_close, makeFile<vesk::StreamBinFileR, BinFileBase::ReadFlags>},
+    {"StreamBinFileW", &inject_fsync, makeFile<vesk::StreamBinFileW, BinFileBase::WriteFlags>},
+    {"StreamBinFileRW", &inject_fsync, makeFile<vesk::StreamBinFileRW, BinFileBase::ReadWriteFlags>},
+    {"SerialPort", &inject_tcdrain, makePort},
+    {"BinTempFileRWClose", &inject_close, makeTempFile},
+    {"BinTempFileRWRemove", &inject_unlink, makeTempFile},
+    {"Pipe", &inject_close, make<Pipe>},
+    {"FmtFileWrapper", &inject_close,
+     [](auto&) -> Object { return std::make_shared<TextFile>("/dev/null", BinFileBase::READ); }},
+    {"Directory", &inject_closedir,
+     [](auto& folder) -> Object { return std::make_shared<Directory>(folder.getPath(), true); }},
+    {"SharedMemoryServer", &inject_close,
+     [](auto&) { return makeServer<vesk::SharedMemoryServer>(4096U, Creatable::REPLACE); }},
+    {"MsgQueueServer", &inject_mq_close,
+     [](auto&) { return makeServer<vesk::MsgQueueServer>(16U, 1U, Creatable::REPLACE); }},
+    {"SemaphoreCreator", &inject_sem_close,
+     [](auto&) { return makeServer<vesk::SemaphoreCreator>(1U, Creatable::REPLACE); }},
+    {"SharedObj", &inject_dlclose, makeSharedObj},
+    {"RWLock", &inject_pthread_rwlock_destroy, make<vesk::RWLock>},
+    {"SpinLock", &inject_pthread_spin_destroy, make<vesk::SpinLock>},
+    {"IPSocket", &inject_close, makeTCPSocket},
+    {"UnixSocket", &inject_close, makeUnixSocket},
+};
 
-TEST_P(Destructors, failedCleanUpLeavesAnEarlierFailurePending) {
+VESK_TEST_TABLE(Destructors, failedCleanUpLeavesAnEarlierFailurePending, testing::Test, DESTRUCTORS) {
     TempFolder const folder;
     // In a child, so that nothing stays open.
     expectInChild([&] {
@@ -119,35 +144,5 @@ TEST_P(Destructors, failedCleanUpLeavesAnEarlierFailurePending) {
         EXPECT_TRUE(chainIs(pending));
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, Destructors,
-    rowsOf<Row>({
-        {"BinFileBase", &inject_close, makeFile<BinFileBase>},
-        {"MemBinFileBase", &inject_close, makeFile<vesk::MemBinFileBase>},
-        {"StreamBinFileR", &inject_close, makeFile<vesk::StreamBinFileR, BinFileBase::ReadFlags>},
-        {"StreamBinFileW", &inject_fsync, makeFile<vesk::StreamBinFileW, BinFileBase::WriteFlags>},
-        {"StreamBinFileRW", &inject_fsync, makeFile<vesk::StreamBinFileRW, BinFileBase::ReadWriteFlags>},
-        {"SerialPort", &inject_tcdrain, makePort},
-        {"BinTempFileRWClose", &inject_close, makeTempFile},
-        {"BinTempFileRWRemove", &inject_unlink, makeTempFile},
-        {"Pipe", &inject_close, make<Pipe>},
-        {"FmtFileWrapper", &inject_close,
-         [](auto&) -> Object { return std::make_shared<TextFile>("/dev/null", BinFileBase::READ); }},
-        {"Directory", &inject_closedir,
-         [](auto& folder) -> Object { return std::make_shared<Directory>(folder.getPath(), true); }},
-        {"SharedMemoryServer", &inject_close,
-         [](auto&) { return makeServer<vesk::SharedMemoryServer>(4096U, Creatable::REPLACE); }},
-        {"MsgQueueServer", &inject_mq_close,
-         [](auto&) { return makeServer<vesk::MsgQueueServer>(16U, 1U, Creatable::REPLACE); }},
-        {"SemaphoreCreator", &inject_sem_close,
-         [](auto&) { return makeServer<vesk::SemaphoreCreator>(1U, Creatable::REPLACE); }},
-        {"SharedObj", &inject_dlclose, makeSharedObj},
-        {"RWLock", &inject_pthread_rwlock_destroy, make<vesk::RWLock>},
-        {"SpinLock", &inject_pthread_spin_destroy, make<vesk::SpinLock>},
-        {"IPSocket", &inject_close, makeTCPSocket},
-        {"UnixSocket", &inject_close, makeUnixSocket},
-    }),
-    byName);
 
 } // namespace

@@ -211,12 +211,15 @@ struct FinalCall : NamedRow {
     int nth;
 };
 
-class FileSysCopyEnd : public FileSysCopyTest, public testing::WithParamInterface<FinalCall> {};
+FinalCall const FILE_SYS_COPY_END[] = {
+    {"closeOfTheSource", &inject_close, 1},
+    {"synchronization", &inject_fsync, 1},
+    {"closeOfTheDestination", &inject_close, 2},
+};
 
-TEST_P(FileSysCopyEnd, failureEndsTheProcess) {
+VESK_TEST_TABLE(FileSysCopyEnd, failureEndsTheProcess, FileSysCopyTest, FILE_SYS_COPY_END) {
     makeSource("content");
     ChildEnd const end = runInChild([&] {
-        std::GlobalErrorHandler::setHook(nullptr);
         Fault const fault(*GetParam().call, EIO, GetParam().nth);
         copy(16);
         ADD_FAILURE() << "the process goes on";
@@ -225,15 +228,6 @@ TEST_P(FileSysCopyEnd, failureEndsTheProcess) {
     EXPECT_NE(std::string::npos, end.errors.find("framework/src/vesk/common/FileSys")) << end.errors;
     EXPECT_NE(std::string::npos, end.errors.find("Error closing src/dst file(s)")) << end.errors;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, FileSysCopyEnd,
-    rowsOf<FinalCall>({
-        {"closeOfTheSource", &inject_close, 1},
-        {"synchronization", &inject_fsync, 1},
-        {"closeOfTheDestination", &inject_close, 2},
-    }),
-    byName);
 
 /// A copy of 10000 bytes through a buffer of 4096 bytes while calls of the system fail.
 struct CopyRow : NamedRow {
@@ -251,9 +245,66 @@ struct CopyRow : NamedRow {
     std::string events = "";
 };
 
-class FileSysCopyCalls : public FileSysCopyTest, public testing::WithParamInterface<CopyRow> {};
+constexpr char const* WARNING =
+    "WARNING framework/src/vesk/posix/StreamBinFileW ~StreamBinFileW: Error closing BinFileW";
+constexpr char const* ABORT = "ABORT framework/src/vesk/common/FileSys copy: Error closing src/dst file(s)";
 
-TEST_P(FileSysCopyCalls, haveTheirReportsEventsAndCopiedBytes) {
+CopyRow const FILE_SYS_COPY_CALLS[] = {
+    {"eachTransferFillsTheBuffer", {{&inject_read, 3 + 1}, {&inject_write, 3}}},
+    {"dataIsSynchronizedAndBothFilesAreClosedOnce", {{&inject_fsync, 1}, {&inject_close, 2}}},
+    {"interruptedCallsAreRepeated",
+     {{&inject_open, 2 + 2, EINTR, 1, 2},
+      {&inject_read, 4 + 3, EINTR, 2, 3},
+      {&inject_write, 3 + 2, EINTR, 1, 2},
+      {&inject_fsync, 1 + 2, EINTR, 1, 2},
+      {&inject_close, 2 + 2, EINTR, 1, 2}}},
+    {"failedRead",
+     {{&inject_read, 3, EIO, 3}},
+     true,
+     failedTransfer(SysErrorId::INPUT_OUTPUT, EIO),
+     makeBytes(8192)},
+    {"failedWrite",
+     {{&inject_write, 2, ENOSPC, 2}},
+     true,
+     failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
+     makeBytes(4096)},
+    {"failedWriteAndSynchronization",
+     {{&inject_write, 1, ENOSPC}, {&inject_fsync, 1, EIO}},
+     true,
+     failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
+     "",
+     WARNING},
+    {"failedWriteAndClose",
+     {{&inject_write, 1, ENOSPC}, {&inject_close, 3, EIO}},
+     true,
+     failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
+     "",
+     WARNING},
+    // As of a source in non-blocking mode.
+    {"readWithoutBytesIsTheEnd", {{&inject_read, 2, EAGAIN, 2}}, false, {}, makeBytes(4096)},
+    {"shortWriteTripsAnAssertion",
+     {{&inject_writeSlowly, 3, 1}},
+     false,
+     {},
+     makeBytes(10000).erase(4095, 1),
+     "ASSERT framework/src/vesk/common/FileSys copy: written_bytes == read_bytes"},
+    // The abort returns. The destructors close both files, and synchronize the destination.
+    {"failedCloseOfTheSource",
+     {{&inject_close, 3, EIO}, {&inject_fsync, 1}},
+     false,
+     failure(SysErrorId::INPUT_OUTPUT, EIO),
+     makeBytes(10000),
+     ABORT},
+    {"failedSynchronizationIsNotRepeated",
+     {{&inject_fsync, 1, EIO}, {&inject_close, 2}},
+     false,
+     failedTransfer(SysErrorId::INPUT_OUTPUT, EIO),
+     makeBytes(10000),
+     ABORT},
+};
+
+VESK_TEST_TABLE(
+    FileSysCopyCalls, haveTheirReportsEventsAndCopiedBytes, FileSysCopyTest, FILE_SYS_COPY_CALLS) {
     makeSource(makeBytes(10000));
     EventRecorder const recorder;
     {
@@ -271,66 +322,5 @@ TEST_P(FileSysCopyCalls, haveTheirReportsEventsAndCopiedBytes) {
     expectCopied(GetParam().copied);
     EXPECT_EQ(GetParam().events, recorder.getText());
 }
-
-constexpr char const* WARNING =
-    "WARNING framework/src/vesk/posix/StreamBinFileW ~StreamBinFileW: Error closing BinFileW";
-constexpr char const* ABORT = "ABORT framework/src/vesk/common/FileSys copy: Error closing src/dst file(s)";
-
-INSTANTIATE_TEST_SUITE_P(
-    All, FileSysCopyCalls,
-    rowsOf<CopyRow>({
-        {"eachTransferFillsTheBuffer", {{&inject_read, 3 + 1}, {&inject_write, 3}}},
-        {"dataIsSynchronizedAndBothFilesAreClosedOnce", {{&inject_fsync, 1}, {&inject_close, 2}}},
-        {"interruptedCallsAreRepeated",
-         {{&inject_open, 2 + 2, EINTR, 1, 2},
-          {&inject_read, 4 + 3, EINTR, 2, 3},
-          {&inject_write, 3 + 2, EINTR, 1, 2},
-          {&inject_fsync, 1 + 2, EINTR, 1, 2},
-          {&inject_close, 2 + 2, EINTR, 1, 2}}},
-        {"failedRead",
-         {{&inject_read, 3, EIO, 3}},
-         true,
-         failedTransfer(SysErrorId::INPUT_OUTPUT, EIO),
-         makeBytes(8192)},
-        {"failedWrite",
-         {{&inject_write, 2, ENOSPC, 2}},
-         true,
-         failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
-         makeBytes(4096)},
-        {"failedWriteAndSynchronization",
-         {{&inject_write, 1, ENOSPC}, {&inject_fsync, 1, EIO}},
-         true,
-         failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
-         "",
-         WARNING},
-        {"failedWriteAndClose",
-         {{&inject_write, 1, ENOSPC}, {&inject_close, 3, EIO}},
-         true,
-         failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
-         "",
-         WARNING},
-        // As of a source in non-blocking mode.
-        {"readWithoutBytesIsTheEnd", {{&inject_read, 2, EAGAIN, 2}}, false, {}, makeBytes(4096)},
-        {"shortWriteTripsAnAssertion",
-         {{&inject_writeSlowly, 3, 1}},
-         false,
-         {},
-         makeBytes(10000).erase(4095, 1),
-         "ASSERT framework/src/vesk/common/FileSys copy: written_bytes == read_bytes"},
-        // The abort returns. The destructors close both files, and synchronize the destination.
-        {"failedCloseOfTheSource",
-         {{&inject_close, 3, EIO}, {&inject_fsync, 1}},
-         false,
-         failure(SysErrorId::INPUT_OUTPUT, EIO),
-         makeBytes(10000),
-         ABORT},
-        {"failedSynchronizationIsNotRepeated",
-         {{&inject_fsync, 1, EIO}, {&inject_close, 2}},
-         false,
-         failedTransfer(SysErrorId::INPUT_OUTPUT, EIO),
-         makeBytes(10000),
-         ABORT},
-    }),
-    byName);
 
 } // namespace

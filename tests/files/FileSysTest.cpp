@@ -85,9 +85,14 @@ struct Entry : NamedRow {
     int if_not_followed;
 };
 
-class FileSysExists : public FileSysTest, public testing::WithParamInterface<Entry> {};
+Entry const FILE_SYS_EXISTS[] = {
+    {"file", "file", 0, 0},         {"directory", "directory", 0, 0},
+    {"missing", "missing", 1, 1},   {"danglingLink", "dangling", 1, 0},
+    {"loopOfLinks", "loop", -1, 0}, {"belowAFile", "file/below", 1, 1},
+    {"emptyPath", "", 1, 1},        {"largerThan2Gibibytes", "large", 0, 0},
+};
 
-TEST_P(FileSysExists, answersForLinksAndTheirTargets) {
+VESK_TEST_TABLE(FileSysExists, answersForLinksAndTheirTargets, FileSysTest, FILE_SYS_EXISTS) {
     m_folder.makeFolder("directory");
     m_folder.makeLink("dangling", "missing");
     m_folder.makeLink("loop", "loop");
@@ -99,20 +104,6 @@ TEST_P(FileSysExists, answersForLinksAndTheirTargets) {
     EXPECT_TRUE(GetParam().if_followed == -1 ? badPath(ELOOP).isPending(path) : chainIs({}));
     EXPECT_EQ(GetParam().if_not_followed, FileSys::exists(path.c_str(), false));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, FileSysExists,
-    rowsOf<Entry>({
-        {"file", "file", 0, 0},
-        {"directory", "directory", 0, 0},
-        {"missing", "missing", 1, 1},
-        {"danglingLink", "dangling", 1, 0},
-        {"loopOfLinks", "loop", -1, 0},
-        {"belowAFile", "file/below", 1, 1},
-        {"emptyPath", "", 1, 1},
-        {"largerThan2Gibibytes", "large", 0, 0},
-    }),
-    byName);
 
 TEST_F(FileSysTest, accessToANewDirectoryIsTheOwnersLessTheUmask) {
     for (auto const& [mask, access] : {std::pair(0U, 0700U), std::pair(0277U, 0500U)}) {
@@ -254,27 +245,22 @@ struct Variable : NamedRow {
     char const* expected;
 };
 
-class FileSysPaths : public testing::TestWithParam<Variable> {};
+Variable const FILE_SYS_PATHS[] = {
+    {"temp", "TMPDIR", FileSys::getTempPath, "/some/where", "/some/where"},
+    {"emptyTemp", "TMPDIR", FileSys::getTempPath, "", "/tmp"},
+    {"noTemp", "TMPDIR", FileSys::getTempPath, nullptr, "/tmp"},
+    {"home", "HOME", FileSys::getHomePath, "/home/user", "/home/user"},
+    {"emptyHome", "HOME", FileSys::getHomePath, "", ""},
+    {"noHome", "HOME", FileSys::getHomePath, nullptr, ""},
+};
 
-TEST_P(FileSysPaths, areThoseOfTheEnvironment) {
+VESK_TEST_TABLE(FileSysPaths, areThoseOfTheEnvironment, testing::Test, FILE_SYS_PATHS) {
     expectInChild([] {
         auto const& row = GetParam();
         EXPECT_EQ(0, row.value != nullptr ? setenv(row.name, row.value, 1) : unsetenv(row.name));
         EXPECT_STREQ(row.expected, row.get());
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, FileSysPaths,
-    rowsOf<Variable>({
-        {"temp", "TMPDIR", FileSys::getTempPath, "/some/where", "/some/where"},
-        {"emptyTemp", "TMPDIR", FileSys::getTempPath, "", "/tmp"},
-        {"noTemp", "TMPDIR", FileSys::getTempPath, nullptr, "/tmp"},
-        {"home", "HOME", FileSys::getHomePath, "/home/user", "/home/user"},
-        {"emptyHome", "HOME", FileSys::getHomePath, "", ""},
-        {"noHome", "HOME", FileSys::getHomePath, nullptr, ""},
-    }),
-    byName);
 
 TEST_F(FileSysTest, createdLinkHoldsItsTargetEvenIfItIsMissing) {
     EXPECT_FALSE(FileSys::createLink("no/such/file", at("link").c_str()));

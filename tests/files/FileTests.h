@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/Aborts.h"
 #include "support/CleanEnd.h"
 #include "support/TempFolder.h"
 #include "support/Testing.h"

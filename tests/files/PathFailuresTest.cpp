@@ -523,9 +523,30 @@ struct Refusal : NamedRow {
     char const* new_path = ""; ///< The destination of a move.
 };
 
-class Refusals : public FailureTest, public testing::WithParamInterface<Refusal> {};
+Refusal const REFUSALS[] = {
+    {"directoryExists", CREATE_DIR, "dir", EEXIST},
+    {"parentOfADirectoryIsMissing", CREATE_DIR, "none/new", ENOENT},
+    // Linux returns EISDIR; other systems may return EPERM.
+    {"directoryIsRemovedAsAFile", REMOVE_FILE, "dir", EISDIR},
+    {"fileIsRemovedAsADirectory", REMOVE_DIR, "file", ENOTDIR},
+    {"directoryIsRemovedByItsDot", REMOVE_DIR, "dir/.", EINVAL},
+    {"directoryIsNotEmpty", REMOVE_DIR, "full", ENOTEMPTY},
+    {"fileAsAWorkingDirectory", CHANGE_WD, "file", ENOTDIR},
+    {"linkExists", CREATE_LINK, "link", EEXIST},
+    {"fileIsNoLink", READ_LINK, "file", EINVAL},
+    {"directoryIsOpened", OPEN, "dir", EISDIR},
+    {"targetOfALinkIsMissing", OPEN, "link", ENOENT},
+    {"sourceIsMissing", MOVE, "none", ENOENT, "new"},
+    {"parentOfTheDestinationIsMissing", MOVE, "file", ENOENT, "none/new"},
+    {"destinationBelowAFile", MOVE, "file", ENOTDIR, "full/file/new"},
+    {"directoryToAFile", MOVE, "dir", ENOTDIR, "file"},
+    {"fileToADirectory", MOVE, "file", EISDIR, "dir"},
+    {"directoryIntoItself", MOVE, "dir", EINVAL, "dir/new"},
+    {"directoryToAFullOne", MOVE, "dir", ENOTEMPTY, "full"},
+    {"directoryByItsDot", MOVE, "dir/.", EBUSY, "new"},
+};
 
-TEST_P(Refusals, areReportedAndChangeNothing) {
+VESK_TEST_TABLE(Refusals, areReportedAndChangeNothing, FailureTest, REFUSALS) {
     m_folder.makeFile("file", "x");
     m_folder.makeFolder("dir");
     m_folder.makeFolder("full");
@@ -539,32 +560,6 @@ TEST_P(Refusals, areReportedAndChangeNothing) {
     EXPECT_EQ("x", contentOf(at("file")));
     EXPECT_TRUE(exists(at("full/file")));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, Refusals,
-    rowsOf<Refusal>({
-        {"directoryExists", CREATE_DIR, "dir", EEXIST},
-        {"parentOfADirectoryIsMissing", CREATE_DIR, "none/new", ENOENT},
-        // Linux returns EISDIR; other systems may return EPERM.
-        {"directoryIsRemovedAsAFile", REMOVE_FILE, "dir", EISDIR},
-        {"fileIsRemovedAsADirectory", REMOVE_DIR, "file", ENOTDIR},
-        {"directoryIsRemovedByItsDot", REMOVE_DIR, "dir/.", EINVAL},
-        {"directoryIsNotEmpty", REMOVE_DIR, "full", ENOTEMPTY},
-        {"fileAsAWorkingDirectory", CHANGE_WD, "file", ENOTDIR},
-        {"linkExists", CREATE_LINK, "link", EEXIST},
-        {"fileIsNoLink", READ_LINK, "file", EINVAL},
-        {"directoryIsOpened", OPEN, "dir", EISDIR},
-        {"targetOfALinkIsMissing", OPEN, "link", ENOENT},
-        {"sourceIsMissing", MOVE, "none", ENOENT, "new"},
-        {"parentOfTheDestinationIsMissing", MOVE, "file", ENOENT, "none/new"},
-        {"destinationBelowAFile", MOVE, "file", ENOTDIR, "full/file/new"},
-        {"directoryToAFile", MOVE, "dir", ENOTDIR, "file"},
-        {"fileToADirectory", MOVE, "file", EISDIR, "dir"},
-        {"directoryIntoItself", MOVE, "dir", EINVAL, "dir/new"},
-        {"directoryToAFullOne", MOVE, "dir", ENOTEMPTY, "full"},
-        {"directoryByItsDot", MOVE, "dir/.", EBUSY, "new"},
-    }),
-    byName);
 
 TEST_F(FailureTest, longPathsOfAMoveAreCutLikeEveryReport) {
     std::string const source = at(std::string(300, 'a'));

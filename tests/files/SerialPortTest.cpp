@@ -168,9 +168,22 @@ struct BadSettings : NamedRow {
     ExpectedReport report;
 };
 
-class SerialPortBadSettings : public SerialPortTest, public testing::WithParamInterface<BadSettings> {};
+ExpectedReport const UNSUPPORTED(
+    CommonErrorId::NOT_SUPPORTED,
+    rowText(CommonErrorId::NOT_SUPPORTED, "MARK/SPACE setting is not supported on POSIX"));
+ExpectedReport const NO_PATH(FileAccessErrorId::BAD_PATH, "Bad path '<empty string given>'");
 
-TEST_P(SerialPortBadSettings, areRefusedBeforeTheDeviceIsOpenedButCloseAnOpenPort) {
+BadSettings const SERIAL_PORT_BAD_SETTINGS[] = {
+    {"mark", Parity::MARK, true, UNSUPPORTED},
+    {"space", Parity::SPACE, true, UNSUPPORTED},
+    {"markWithoutADevice", Parity::MARK, false, UNSUPPORTED},
+    {"spaceWithoutADevice", Parity::SPACE, false, UNSUPPORTED},
+    {"noDevice", Parity::NONE, false, NO_PATH},
+};
+
+VESK_TEST_TABLE(
+    SerialPortBadSettings, areRefusedBeforeTheDeviceIsOpenedButCloseAnOpenPort, SerialPortTest,
+    SERIAL_PORT_BAD_SETTINGS) {
     for (bool const is_open : {false, true}) {
         SerialPort port(m_terminal.getPath());
         EXPECT_FALSE(is_open && port.open());
@@ -184,22 +197,6 @@ TEST_P(SerialPortBadSettings, areRefusedBeforeTheDeviceIsOpenedButCloseAnOpenPor
         EXPECT_TRUE(hasFailed(port, {GetParam().report}));
     }
 }
-
-ExpectedReport const UNSUPPORTED(
-    CommonErrorId::NOT_SUPPORTED,
-    rowText(CommonErrorId::NOT_SUPPORTED, "MARK/SPACE setting is not supported on POSIX"));
-ExpectedReport const NO_PATH(FileAccessErrorId::BAD_PATH, "Bad path '<empty string given>'");
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SerialPortBadSettings,
-    rowsOf<BadSettings>({
-        {"mark", Parity::MARK, true, UNSUPPORTED},
-        {"space", Parity::SPACE, true, UNSUPPORTED},
-        {"markWithoutADevice", Parity::MARK, false, UNSUPPORTED},
-        {"spaceWithoutADevice", Parity::SPACE, false, UNSUPPORTED},
-        {"noDevice", Parity::NONE, false, NO_PATH},
-    }),
-    byName);
 
 TEST_F(SerialPortTest, receiverIsSwitchedOn) {
     s_only_records = true;
@@ -243,9 +240,29 @@ struct SettingRow : NamedRow {
     std::optional<tcflag_t> flags;
 };
 
-class SerialPortSettings : public SerialPortTest, public testing::WithParamInterface<SettingRow> {};
+constexpr tcflag_t FLOW = IXON | IXOFF;
+constexpr tcflag_t PARITY = PARENB | PARODD;
+constexpr tcflag_t MODEM = CLOCAL | CRTSCTS;
 
-TEST_P(SerialPortSettings, areSetWhateverTheDeviceUsedBefore) {
+SettingRow const SERIAL_PORT_SETTINGS[] = {
+    {"noFlowControl", false, false, 1, Parity::NONE, &termios::c_iflag, FLOW, 0},
+    {"xonAlone", true, false, 1, Parity::NONE, &termios::c_iflag, FLOW, IXON},
+    {"xoffAlone", false, true, 1, Parity::NONE, &termios::c_iflag, FLOW, IXOFF},
+    {"xonAndXoff", true, true, 1, Parity::NONE, &termios::c_iflag, FLOW, FLOW},
+    {"twoStopBits", false, false, 2, Parity::NONE, &termios::c_cflag, CSTOPB, CSTOPB},
+    {"oneStopBit", false, false, 1, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+    {"noStopBitIsOne", false, false, 0, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+    {"threeStopBitsAreOne", false, false, 3, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+    {"255StopBitsAreOne", false, false, 255, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+    {"noParity", false, false, 1, Parity::NONE, &termios::c_cflag, PARENB, 0},
+    {"noParityKeepsOdd", false, false, 1, Parity::NONE, &termios::c_cflag, PARODD, {}},
+    {"evenParity", false, false, 1, Parity::EVEN, &termios::c_cflag, PARITY, PARENB},
+    {"oddParity", false, false, 1, Parity::ODD, &termios::c_cflag, PARITY, PARITY},
+    {"unknownParityIsNone", false, false, 1, Parity(5), &termios::c_cflag, PARENB, 0},
+    {"keepsModemLines", false, false, 1, Parity::NONE, &termios::c_cflag, MODEM, {}},
+};
+
+VESK_TEST_TABLE(SerialPortSettings, areSetWhateverTheDeviceUsedBefore, SerialPortTest, SERIAL_PORT_SETTINGS) {
     SettingRow const row = GetParam();
     // A pseudo-terminal checks no parity.
     tcflag_t const mask = row.mask & ~static_cast<tcflag_t>(row.field == &termios::c_cflag ? PARENB : 0);
@@ -270,31 +287,6 @@ TEST_P(SerialPortSettings, areSetWhateverTheDeviceUsedBefore) {
         EXPECT_EQ(before.c_cc[VSTART], line.c_cc[VSTART]);
     }
 }
-
-constexpr tcflag_t FLOW = IXON | IXOFF;
-constexpr tcflag_t PARITY = PARENB | PARODD;
-constexpr tcflag_t MODEM = CLOCAL | CRTSCTS;
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SerialPortSettings,
-    rowsOf<SettingRow>({
-        {"noFlowControl", false, false, 1, Parity::NONE, &termios::c_iflag, FLOW, 0},
-        {"xonAlone", true, false, 1, Parity::NONE, &termios::c_iflag, FLOW, IXON},
-        {"xoffAlone", false, true, 1, Parity::NONE, &termios::c_iflag, FLOW, IXOFF},
-        {"xonAndXoff", true, true, 1, Parity::NONE, &termios::c_iflag, FLOW, FLOW},
-        {"twoStopBits", false, false, 2, Parity::NONE, &termios::c_cflag, CSTOPB, CSTOPB},
-        {"oneStopBit", false, false, 1, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        {"noStopBitIsOne", false, false, 0, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        {"threeStopBitsAreOne", false, false, 3, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        {"255StopBitsAreOne", false, false, 255, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        {"noParity", false, false, 1, Parity::NONE, &termios::c_cflag, PARENB, 0},
-        {"noParityKeepsOdd", false, false, 1, Parity::NONE, &termios::c_cflag, PARODD, {}},
-        {"evenParity", false, false, 1, Parity::EVEN, &termios::c_cflag, PARITY, PARENB},
-        {"oddParity", false, false, 1, Parity::ODD, &termios::c_cflag, PARITY, PARITY},
-        {"unknownParityIsNone", false, false, 1, Parity(5), &termios::c_cflag, PARENB, 0},
-        {"keepsModemLines", false, false, 1, Parity::NONE, &termios::c_cflag, MODEM, {}},
-    }),
-    byName);
 
 using Speed = std::pair<unsigned int, speed_t>;
 

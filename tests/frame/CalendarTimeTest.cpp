@@ -325,17 +325,6 @@ struct DifferenceRow : NamedRow {
     int bad_year = 0;
 };
 
-class CalendarTimeDifferences : public testing::TestWithParam<DifferenceRow> {};
-
-TEST_P(CalendarTimeDifferences, areAbsoluteOrReported) {
-    DifferenceRow const& row = GetParam();
-    TimeZone const zone(row.zone);
-    EXPECT_EQ(row.ms, CalendarTime::getTimediff(row.first, row.second));
-    if (row.bad_year != 0) {
-        EXPECT_TRUE(isYearOutOfRange(row.bad_year));
-    }
-}
-
 DifferenceRow const DIFFERENCES[] = {
     {"ofADayAndASecond", UTC, makeDate(2026, 3, 1, 12), makeDate(2026, 3, 2, 12, 0, 1), DAY + 1000},
     {"inTheOtherOrder", UTC, makeDate(2026, 3, 2, 12, 0, 1), makeDate(2026, 3, 1, 12), DAY + 1000},
@@ -348,7 +337,14 @@ DifferenceRow const DIFFERENCES[] = {
     {"ofTwoYearsBelow1970EndWithTheFirst", UTC, makeDate(1969, 6, 1), makeDate(1968, 1, 1), -1, 1969},
 };
 
-INSTANTIATE_TEST_SUITE_P(All, CalendarTimeDifferences, testing::ValuesIn(DIFFERENCES), byName);
+VESK_TEST_TABLE(CalendarTimeDifferences, areAbsoluteOrReported, testing::Test, DIFFERENCES) {
+    DifferenceRow const& row = GetParam();
+    TimeZone const zone(row.zone);
+    EXPECT_EQ(row.ms, CalendarTime::getTimediff(row.first, row.second));
+    if (row.bad_year != 0) {
+        EXPECT_TRUE(isYearOutOfRange(row.bad_year));
+    }
+}
 
 TEST_F(CalendarTimeTest, firstHoursOf1970EastOfGreenwichAreNegativeAndHaveNoDifference) {
     TimeZone const zone(BERLIN);

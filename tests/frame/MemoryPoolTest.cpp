@@ -305,32 +305,6 @@ struct Growth : NamedRow {
     char const* seen;
 };
 
-class UsePoolOnDepletionSteps : public testing::TestWithParam<Growth> {};
-
-TEST_P(UsePoolOnDepletionSteps, growAndShrinkThePool) {
-    GrowingPool pool(POINTER, GetParam().size);
-    Items known;
-    std::string seen;
-    std::istringstream steps(GetParam().steps);
-    for (int step = 0; steps >> step;) {
-        if (step < 0) {
-            pool.thankYou(known[static_cast<size_t>(-step) - 1]);
-        }
-        for (int i = 0; i < step; ++i) {
-            unsigned int const pools = pool.getDepletion().getPoolCount();
-            void* const item = pool.get();
-            bool const is_first = pools < pool.getDepletion().getPoolCount();
-            auto found = is_first ? known.end() : std::find(known.begin(), known.end(), item);
-            if (found == known.end()) {
-                found = known.insert(found, item);
-            }
-            seen += i == 0 ? std::to_string(found - known.begin() + 1) + ": " : "";
-        }
-        seen += furtherOf(pool) + ", ";
-    }
-    EXPECT_EQ(GetParam().seen, seen.substr(0, seen.size() - 2));
-}
-
 Growth const GROWTHS[] = {
     {"nothingGrowsBeforeTheMainPoolIsEmpty", 4, "+4 +1", "1: 0/4/0, 5: 1/8/7 in 8"},
     {"poolIsFreedWithItsLastItemAndHalvesTheNextSize", 2, "+2 +4 -3 -4 -5 -6 +1",
@@ -357,7 +331,29 @@ Growth const GROWTHS[] = {
      "1: 0/2/0, 3: 1/4/3 in 4, 1/4/2 in 4, 1/4/1 in 4, 1/4/0 in 4, 0/2/4294967295, "
      "7: 1/4/2 in 4"}};
 
-INSTANTIATE_TEST_SUITE_P(All, UsePoolOnDepletionSteps, testing::ValuesIn(GROWTHS), byName);
+VESK_TEST_TABLE(UsePoolOnDepletionSteps, growAndShrinkThePool, testing::Test, GROWTHS) {
+    GrowingPool pool(POINTER, GetParam().size);
+    Items known;
+    std::string seen;
+    std::istringstream steps(GetParam().steps);
+    for (int step = 0; steps >> step;) {
+        if (step < 0) {
+            pool.thankYou(known[static_cast<size_t>(-step) - 1]);
+        }
+        for (int i = 0; i < step; ++i) {
+            unsigned int const pools = pool.getDepletion().getPoolCount();
+            void* const item = pool.get();
+            bool const is_first = pools < pool.getDepletion().getPoolCount();
+            auto found = is_first ? known.end() : std::find(known.begin(), known.end(), item);
+            if (found == known.end()) {
+                found = known.insert(found, item);
+            }
+            seen += i == 0 ? std::to_string(found - known.begin() + 1) + ": " : "";
+        }
+        seen += furtherOf(pool) + ", ";
+    }
+    EXPECT_EQ(GetParam().seen, seen.substr(0, seen.size() - 2));
+}
 
 /// A pool of pointers that is empty.
 class UsePoolOnDepletion : public testing::Test {

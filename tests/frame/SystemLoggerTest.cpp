@@ -120,28 +120,23 @@ struct MessageRow : NamedRow {
     char const* call;
 };
 
-class SystemLoggerMessages : public testing::TestWithParam<MessageRow> {};
+MessageRow const SYSTEM_LOGGER_MESSAGES[] = {
+    {"asASeparateArgument", ERROR, "disk on fire", "syslog 3 %s disk on fire"},
+    {"withPercentSigns", NOTICE, "100% %s%n %d", "syslog 5 %s 100% %s%n %d"},
+    {"evenIfEmpty", NOTICE, "", "syslog 5 %s "},
+    {"level0", 0, "text", "syslog 3 %s text"},
+    {"level1", 1, "text", "syslog 4 %s text"},
+    {"level2", 2, "text", "syslog 5 %s text"},
+    {"level3", 3, "text", "syslog 5 %s text"},
+    {"level7", 7, "text", "syslog 5 %s text"},
+    {"levelMinus1", -1, "text", "syslog 5 %s text"}};
 
-TEST_P(SystemLoggerMessages, areSentUnchanged) {
+VESK_TEST_TABLE(SystemLoggerMessages, areSentUnchanged, testing::Test, SYSTEM_LOGGER_MESSAGES) {
     withLogger([] {
         log(GetParam().level, GetParam().text);
         EXPECT_EQ(Lines{GetParam().call}, takeCalls());
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SystemLoggerMessages,
-    testing::Values(
-        MessageRow{"asASeparateArgument", ERROR, "disk on fire", "syslog 3 %s disk on fire"},
-        MessageRow{"withPercentSigns", NOTICE, "100% %s%n %d", "syslog 5 %s 100% %s%n %d"},
-        MessageRow{"evenIfEmpty", NOTICE, "", "syslog 5 %s "},
-        MessageRow{"level0", 0, "text", "syslog 3 %s text"},
-        MessageRow{"level1", 1, "text", "syslog 4 %s text"},
-        MessageRow{"level2", 2, "text", "syslog 5 %s text"},
-        MessageRow{"level3", 3, "text", "syslog 5 %s text"},
-        MessageRow{"level7", 7, "text", "syslog 5 %s text"},
-        MessageRow{"levelMinus1", -1, "text", "syslog 5 %s text"}),
-    byName);
 
 static_assert(static_cast<int>(LogLevel::ERROR) == ERROR && LOG_ERR == 3);
 static_assert(static_cast<int>(LogLevel::WARNING) == WARNING && LOG_WARNING == 4);

@@ -1,8 +1,10 @@
 #include "support/Testing.h"
 
+#include <common/MemoryPool.h>
 #include <vesk/Condition.h>
 #include <vesk/FileAccess.h>
 #include <vesk/Mutex.h>
+#include <vesk/SystemLogger.h>
 #include <vesk/Thread.h>
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
@@ -57,6 +59,7 @@ VESK_INJECT_NOTING(void, , srand, (unsigned int seed), (seed), record("srand()")
 VESK_INJECT_NOTING(
     int, error, pthread_getschedparam, (pthread_t thread, int* policy, sched_param* param),
     (thread, policy, param), record("pthread_getschedparam()"))
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 
 support::Injected inject_clock_gettime("clock_gettime");
 extern "C" int clock_gettime(clockid_t clock, timespec* time) {
@@ -374,9 +377,18 @@ struct FailureRow : NamedRow {
     std::vector<ExpectedReport> reports;
 };
 
-class VeskFailureRows : public testing::TestWithParam<FailureRow> {};
+FailureRow const VESK_FAILURE_ROWS[] = {
+    {"pipeSignalThatCannotBeRead", &inject_sigaction, EINVAL, 1, 2, {}},
+    {"pipeSignalThatCannotBeSet", &inject_sigaction, EPERM, 2, 3, {}},
+    {"clockThatIsMissing", &inject_clock_gettime, EINVAL, 1, 6, {vesk::SysErrorId::NOT_IMPLEMENTED}},
+    {"clockThatCannotBeRead",
+     &inject_clock_gettime,
+     EPERM,
+     1,
+     6,
+     {vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}}};
 
-TEST_P(VeskFailureRows, endsTheStartUp) {
+VESK_TEST_TABLE(VeskFailureRows, endsTheStartUp, testing::Test, VESK_FAILURE_ROWS) {
     inFreshProcess([] {
         FailureRow const& row = GetParam();
         EventRecorder const recorder;
@@ -389,20 +401,6 @@ TEST_P(VeskFailureRows, endsTheStartUp) {
         EXPECT_TRUE(chainIs(withErrno(row.reports, row.error)));
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, VeskFailureRows,
-    rowsOf<FailureRow>(
-        {{"pipeSignalThatCannotBeRead", &inject_sigaction, EINVAL, 1, 2, {}},
-         {"pipeSignalThatCannotBeSet", &inject_sigaction, EPERM, 2, 3, {}},
-         {"clockThatIsMissing", &inject_clock_gettime, EINVAL, 1, 6, {vesk::SysErrorId::NOT_IMPLEMENTED}},
-         {"clockThatCannotBeRead",
-          &inject_clock_gettime,
-          EPERM,
-          1,
-          6,
-          {vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}}}),
-    byName);
 
 VESK_TEST_BY(inFreshProcess, VeskFailure, isTheResultOfTheStep) {
     Vesk vesk(true, false);
@@ -475,6 +473,60 @@ VESK_TEST_BY(inFreshProcess, VeskCleanup, beforeAnyStartUpDoesNothing) {
     EventRecorder const recorder;
     EXPECT_EQ(WHOLE_START_UP, callsOf(true));
     EXPECT_EQ("", recorder.getText());
+}
+
+// ---- the default actions of events ----
+
+/// What causes an event without a hook, the signal that ends the process, and what is written.
+struct EventRow : NamedRow {
+    void (*cause)();
+    int signal;
+    std::vector<char const*> parts;
+};
+
+EventRow const VESK_EVENT[] = {
+    {"failedStartUp",
+     [] {
+         Fault const fault(inject_sigaction, EINVAL);
+         Vesk const vesk(true, false);
+     },
+     SIGABRT,
+     {"framework/src/vesk/common/vesk", "Error initializing VESK"}},
+    {"startUpAfterACleanup",
+     [] {
+         { Vesk const vesk(true, false); }
+         Vesk::cleanupAll();
+         { Vesk const vesk(true, false); }
+         expectCount(2);
+     },
+     0,
+     {"!s_init_count.getCurrentCount()"}},
+    {"failedLockOfTheSystemLogger",
+     [] {
+         Fault const fault(inject_pthread_mutex_lock, EAGAIN);
+         vesk::SystemLogger::getInstance();
+     },
+     SIGABRT,
+     {"framework/src/vesk/linux/SystemLogger", "getInstance", "error locking"}},
+    {"itemThatIsNotFromItsPool",
+     [] {
+         std::MemoryPool<std::UsePoolOnDepletion, std::FakeLock, std::FakeCondition> pool(8, 1);
+         int elsewhere = 0;
+         pool.thankYou(&elsewhere);
+     },
+     SIGABRT,
+     {"item is not from here!"}}};
+
+VESK_TEST_TABLE(VeskEvent, endsTheProcessIfItIsAnAbort, testing::Test, VESK_EVENT) {
+    ChildEnd const end = runInChild([] {
+        choosePipeSignal(SIG_DFL);
+        GetParam().cause();
+    });
+    EXPECT_EQ(GetParam().signal, end.signal) << end.output;
+    EXPECT_EQ(GetParam().signal == 0 ? 0 : -1, end.exit_code) << end.output;
+    for (char const* const part : GetParam().parts) {
+        EXPECT_NE(std::string::npos, end.errors.find(part)) << part << " in " << end.errors;
+    }
 }
 
 // ---- the main thread's scheduling ----

@@ -163,14 +163,14 @@ protected:
     std::string getShown(IpcName const& name) const {
         return &m_class == &SEMAPHORE_CLIENT ? std::string(name) : name.getSystemName();
     }
-    testing::AssertionResult isReported(ErrorRow const& row) const {
+    testing::AssertionResult isReported(ErrnoCase const& row) const {
         return chainIs(reportsOf(row, getShown(m_name)));
     }
     /// The reports of a name that cannot be removed.
     Reports removalReports(int error) const {
         bool const is_semaphore = &m_kind == &SEMAPHORE;
         bool const is_denied = error == EACCES || (error == EPERM && !is_semaphore);
-        Reports const denied = reportsOf({error, DENIED.id, DENIED.access}, getShown(m_name));
+        Reports const denied = reportsOf({error, DENIED.cause, DENIED.meaning}, getShown(m_name));
         Reports const other =
             reportsOf({error, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED}, getShown(m_name));
         return !is_denied ? other : is_semaphore ? denied : join(denied, other);
@@ -235,13 +235,13 @@ protected:
     static Row const& row() { return std::get<1>(Case::GetParam()); }
 };
 
-using OpenCase = std::tuple<Class const*, ErrorRow>;
+using OpenCase = std::tuple<Class const*, ErrnoCase>;
 
 /// Returns one case for each error of the tables of several classes.
-std::vector<OpenCase> casesOf(std::vector<std::pair<Class const*, std::vector<ErrorRows>>> const& tables) {
+std::vector<OpenCase> casesOf(std::vector<std::pair<Class const*, std::vector<ErrnoGroup>>> const& tables) {
     std::vector<OpenCase> cases;
     for (auto const& [tested, table] : tables) {
-        for (ErrorRow const& row : rowsOf(table)) {
+        for (ErrnoCase const& row : rowsOf(table)) {
             cases.emplace_back(tested, row);
         }
     }
@@ -348,7 +348,7 @@ protected:
             {"separator", {reportOf(CommonErrorId::INVALID_ARGUMENT, "path separator found in IPC name")}},
             {"strategy", {reportOf(CommonErrorId::CONTRACT_BROKEN, "Unsupported strategy passed")}},
             {"existing", reportsOf(EXISTING, getShown(m_name))},
-            {"missing", reportsOf(MISSING, getShown(m_name))},
+            {"missing", reportsOf(badPath(ENOENT), getShown(m_name))},
             {"denied", reportsOf(DENIED, getShown(m_name))}};
         Reports reports;
         if (auto const found = single.find(words[1]); found != single.end()) {
@@ -356,7 +356,7 @@ protected:
         }
         for (size_t i = 1; i + 1 < words.size(); i += 2) {
             int const error = getError(words[i + 1]);
-            ErrorRow const close{error, SysErrorId::SPOILED_INTEGRITY};
+            ErrnoCase const close{error, SysErrorId::SPOILED_INTEGRITY};
             reports = join(reports, words[i] == "close" ? reportsOf(close) : removalReports(error));
         }
         return reports;
@@ -551,7 +551,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- opening ----
 
-using IpcOpenRows = IpcRows<ErrorRow>;
+using IpcOpenRows = IpcRows<ErrnoCase>;
 
 TEST_P(IpcOpenRows, failureIsReported) {
     EXPECT_TRUE(failOnce(m_kind.open, row().error, [&] { return open(m_name); }));

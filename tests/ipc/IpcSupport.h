@@ -4,9 +4,7 @@
 #include "support/ErrorRow.h"
 #include "support/FailOnce.h"
 #include "support/Testing.h"
-#include "support/calls/QueueCalls.h"
-#include "support/calls/SemaphoreCalls.h"
-#include "support/calls/ShmCalls.h"
+#include "support/calls/NamedCalls.h"
 
 #include <vesk/FileAccessError.h>
 #include <vesk/MsgQueueClient.h>

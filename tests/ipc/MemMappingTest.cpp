@@ -160,7 +160,7 @@ TEST_F(MemMappingTest, refusalOfTheSystemIsReported) {
         MemAccessFlags flags;
         unsigned int length;
         unsigned int offset;
-        ErrorRow report;
+        ErrnoCase report;
     } const rows[] = {
         {"length 0", m_fd, MemMapping::READ, 0, 0, {EINVAL, SysErrorId::INVALID_PARAMETER}},
         {"offset within a page", m_fd, MemMapping::READ, m_page, 1, {EINVAL, SysErrorId::INVALID_PARAMETER}},
@@ -184,7 +184,7 @@ TEST_F(MemMappingTest, refusalOfTheSystemIsReported) {
 /// The call that fails: that of a plain mapping, or one of those of a ring.
 enum Step { PLAIN = 1, SECOND_HALF, FIRST_HALF };
 
-using MapCase = std::tuple<Step, ErrorRow>;
+using MapCase = std::tuple<Step, ErrnoCase>;
 
 class MemMappingFailure : public MemMappingTest, public testing::WithParamInterface<MapCase> {};
 
@@ -199,7 +199,7 @@ TEST_P(MemMappingFailure, isReportedAndGivesAnAddressOfAllOnes) {
     MapCalls const calls;
     Fault const fault(inject_mmap, row.error, step);
     MemMapping mapping(m_fd, READ_WRITE, m_page, 0, nullptr, ring);
-    EXPECT_TRUE(causeIs(row.id, row.error));
+    EXPECT_TRUE(causeIs(row.cause, row.error));
     EXPECT_EQ(step, fault.getCalls()) << "no call follows a failure";
     EXPECT_EQ(ALL_ONES, mapping.getAddress());
     EXPECT_FALSE(mapping.isValid());
@@ -216,7 +216,7 @@ TEST_P(MemMappingFailure, isReportedAndGivesAnAddressOfAllOnes) {
 auto const stepAndError = [](testing::TestParamInfo<MapCase> const& test) {
     char const* const steps[] = {"plain_", "secondHalf_", "firstHalf_"};
     return std::string(steps[std::get<Step>(test.param) - PLAIN]) +
-        strerrorname_np(std::get<ErrorRow>(test.param).error);
+        strerrorname_np(std::get<ErrnoCase>(test.param).error);
 };
 
 INSTANTIATE_TEST_SUITE_P(
@@ -437,12 +437,12 @@ TEST_F(MemMappingTest, syncOfARangeThatIsNotMappedFails) {
     EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
 }
 
-class MemMappingSync : public MemMappingTest, public testing::WithParamInterface<ErrorRow> {};
+class MemMappingSync : public MemMappingTest, public testing::WithParamInterface<ErrnoCase> {};
 
 TEST_P(MemMappingSync, failureIsReported) {
     MemMapping& mapping = map(READ_WRITE, m_page);
     EXPECT_TRUE(failOnce(inject_msync, GetParam().error, [&] { return mapping.sync(m_page, 0); }));
-    EXPECT_TRUE(causeIs(GetParam().id, GetParam().error));
+    EXPECT_TRUE(causeIs(GetParam().cause, GetParam().error));
     EXPECT_FALSE(mapping.sync(m_page, 0));
 }
 

@@ -436,7 +436,8 @@ TEST_F(SharedMemoryServerTest, anotherCreationCloseAndDestructorUnmapAndCloseThe
 
 // ---- the size of new memory ----
 
-class SharedMemoryServerSize : public SharedMemoryServerTest, public testing::WithParamInterface<ErrorRow> {};
+class SharedMemoryServerSize : public SharedMemoryServerTest,
+                               public testing::WithParamInterface<ErrnoCase> {};
 
 constexpr char const* CREATE_WARNING = "WARNING framework/src/vesk/posix/SharedMemoryServer create: "
                                        "shm_open() okay, ftruncate() failed, close() failed!";
@@ -662,6 +663,17 @@ TEST_F(SharedMemoryServerTest, serverAndClientStreamThroughARing) {
     EXPECT_EQ(0, writer.join());
     EXPECT_EQ(0, reader.join());
     header->~Header();
+}
+
+TEST_F(SharedMemoryServerTest, contentOfAnEndedServerIsReadByAClientInAnotherProcess) {
+    EXPECT_EQ(0, Process([&] { makeOther("hello"); }).join());
+    expectInChild([&] {
+        SharedMemoryClient shm;
+        ASSERT_FALSE(shm.attach(m_name, MemMapping::READ));
+        MemMapping const mapping = shm.addMapping(MemMapping::READ, shm.getSize());
+        ASSERT_TRUE(mapping.isValid());
+        EXPECT_EQ(0, memcmp("hello", mapping.getAddress(), 5));
+    });
 }
 
 } // namespace

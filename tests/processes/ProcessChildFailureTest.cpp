@@ -473,9 +473,13 @@ struct KillCase : NamedRow {
     bool graceful;
 };
 
-class ProcessEarlyKillRows : public ProcessChildFailure, public testing::WithParamInterface<KillCase> {};
+KillCase const EARLY_KILLS[] = {
+    {"terminate", false, true},
+    {"kill", false, false},
+    {"terminateItsGroup", true, true},
+    {"killItsGroup", true, false}};
 
-TEST_P(ProcessEarlyKillRows, reachAChildThatHasJustBegun) {
+VESK_TEST_TABLE(ProcessEarlyKillRows, reachAChildThatHasJustBegun, ProcessChildFailure, EARLY_KILLS) {
     ProcessPipe gate(ProcessPipe::ChildGets::READ_END);
     ProcessPipe handled(ProcessPipe::ChildGets::READ_END);
     static int s_handled = -1;
@@ -498,14 +502,6 @@ TEST_P(ProcessEarlyKillRows, reachAChildThatHasJustBegun) {
     signal(SIGTERM, before);
     EXPECT_EQ("", handled.readAll());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessEarlyKillRows,
-    rowsOf<KillCase>(
-        {{"terminate", false, true},
-         {"kill", false, false},
-         {"terminate its group", true, true},
-         {"kill its group", true, false}}));
 
 TEST_F(ProcessChildFailure, startRestoresTheMaskOfTheCallingThread) {
     sigset_t set;
@@ -585,9 +581,32 @@ struct ScheduleRow : NamedRow {
     std::string calls;
 };
 
-class ProcessScheduleRows : public ProcessChildFailure, public testing::WithParamInterface<ScheduleRow> {};
+constexpr int KEEP = VESK_SCHED_POLICY_KEEP;
 
-TEST_P(ProcessScheduleRows, makeTheseCallsAndWarnWhenTheLastOneFails) {
+ScheduleRow const SCHEDULES[] = {
+    {"noop", VESK_SCHED_NOOP, NOT_SET, SCHED_FIFO, ""},
+    {"noopAndPriority", VESK_SCHED_NOOP, 9, SCHED_FIFO, ""},
+    {"keepFIFO", KEEP, NOT_SET, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 4\n"},
+    {"keepRR", KEEP, NOT_SET, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 4\n"},
+    {"keepOTHER", KEEP, NOT_SET, SCHED_OTHER, "getscheduler 0\nsetpriority 0 0 6\n"},
+    {"keepBATCH", KEEP, NOT_SET, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"},
+    {"keepFIFOAndPriority", KEEP, 9, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 9\n"},
+    {"keepRRAndPriority", KEEP, 9, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 9\n"},
+    {"keepOTHERAndPriority", KEEP, 9, SCHED_OTHER, "getscheduler 0\nsetscheduler 0 0 0\nsetpriority 0 0 9\n"},
+    {"keepBATCHAndPriority", KEEP, 9, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"},
+    {"RR", VESK_SCHED_POLICY_RR, 9, SCHED_OTHER, "setscheduler 0 2 4\n"},
+    {"FIFO", VESK_SCHED_POLICY_FIFO, 9, SCHED_OTHER, "setscheduler 0 1 4\n"},
+    {"NORMAL", VESK_SCHED_POLICY_NORMAL, 9, SCHED_FIFO, "setscheduler 0 0 0\nsetpriority 0 0 6\n"},
+    {"idleClass", VESK_SCHED_CLASS_IDLE, 9, SCHED_OTHER, ""},
+    {"belowNormalClass", VESK_SCHED_CLASS_BELOW_NORMAL, 9, SCHED_OTHER, ""},
+    {"normalClass", VESK_SCHED_CLASS_NORMAL, 9, SCHED_OTHER, ""},
+    {"aboveNormalClass", VESK_SCHED_CLASS_ABOVE_NORMAL, 9, SCHED_OTHER, ""},
+    {"highClass", VESK_SCHED_CLASS_HIGH, 9, SCHED_OTHER, ""},
+    {"realTimeClass", VESK_SCHED_CLASS_REALTIME, 9, SCHED_OTHER, ""},
+    {"unknownPolicy", 11, 9, SCHED_OTHER, ""}};
+
+VESK_TEST_TABLE(
+    ProcessScheduleRows, makeTheseCallsAndWarnWhenTheLastOneFails, ProcessChildFailure, SCHEDULES) {
     auto const set = [](ProcessTNG& process) {
         if (GetParam().priority != NOT_SET) {
             process.setPriority(false, GetParam().priority);
@@ -616,33 +635,6 @@ TEST_P(ProcessScheduleRows, makeTheseCallsAndWarnWhenTheLastOneFails) {
         sets ? NOT_SCHEDULED + systemText(is_nice ? EACCES : EPERM) + "\nerr\n" : std::string("err\n")));
     EXPECT_EQ(0, seen.status + failed.status);
 }
-
-constexpr int KEEP = VESK_SCHED_POLICY_KEEP;
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessScheduleRows,
-    rowsOf<ScheduleRow>(
-        {{"noop", VESK_SCHED_NOOP, NOT_SET, SCHED_FIFO, ""},
-         {"noop and priority", VESK_SCHED_NOOP, 9, SCHED_FIFO, ""},
-         {"keep FIFO", KEEP, NOT_SET, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 4\n"},
-         {"keep RR", KEEP, NOT_SET, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 4\n"},
-         {"keep OTHER", KEEP, NOT_SET, SCHED_OTHER, "getscheduler 0\nsetpriority 0 0 6\n"},
-         {"keep BATCH", KEEP, NOT_SET, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"},
-         {"keep FIFO and priority", KEEP, 9, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 9\n"},
-         {"keep RR and priority", KEEP, 9, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 9\n"},
-         {"keep OTHER and priority", KEEP, 9, SCHED_OTHER,
-          "getscheduler 0\nsetscheduler 0 0 0\nsetpriority 0 0 9\n"},
-         {"keep BATCH and priority", KEEP, 9, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"},
-         {"RR", VESK_SCHED_POLICY_RR, 9, SCHED_OTHER, "setscheduler 0 2 4\n"},
-         {"FIFO", VESK_SCHED_POLICY_FIFO, 9, SCHED_OTHER, "setscheduler 0 1 4\n"},
-         {"NORMAL", VESK_SCHED_POLICY_NORMAL, 9, SCHED_FIFO, "setscheduler 0 0 0\nsetpriority 0 0 6\n"},
-         {"idle class", VESK_SCHED_CLASS_IDLE, 9, SCHED_OTHER, ""},
-         {"below-normal class", VESK_SCHED_CLASS_BELOW_NORMAL, 9, SCHED_OTHER, ""},
-         {"normal class", VESK_SCHED_CLASS_NORMAL, 9, SCHED_OTHER, ""},
-         {"above-normal class", VESK_SCHED_CLASS_ABOVE_NORMAL, 9, SCHED_OTHER, ""},
-         {"high class", VESK_SCHED_CLASS_HIGH, 9, SCHED_OTHER, ""},
-         {"real-time class", VESK_SCHED_CLASS_REALTIME, 9, SCHED_OTHER, ""},
-         {"unknown policy", 11, 9, SCHED_OTHER, ""}}));
 
 TEST_F(ProcessChildFailure, aPolicyThatCannotBeSetIsNoFailureOfTheNiceValue) {
     VESK_SKIP_UNLESS_NICE_MAY_BE(0);

@@ -335,12 +335,6 @@ struct Transcript : NamedRow {
     char const* seen;
 };
 
-class IBinInputStreamReads : public testing::TestWithParam<Transcript> {};
-
-TEST_P(IBinInputStreamReads, returnTheBytesOfTheSource) {
-    GetParam().expectFrom<Source>();
-}
-
 Transcript const READS[] = {
     {"readAheadOneBufferAndReturnItInPieces", 8, BLOCKING, "abcdefghijkl", "3 2 3 2",
      "?[8] 1 abc, 1 de, 1 fgh, ?[8] 1 ij"},
@@ -375,7 +369,9 @@ Transcript const READS[] = {
     {"fillABufferAgainThatADerivedClassHasEmptied", 4, BLOCKING, "abcdefgh", "2 drop 2",
      "?[4] 1 ab, ?[4] 1 ef"}};
 
-INSTANTIATE_TEST_SUITE_P(All, IBinInputStreamReads, testing::ValuesIn(READS), byName);
+VESK_TEST_TABLE(IBinInputStreamReads, returnTheBytesOfTheSource, testing::Test, READS) {
+    GetParam().expectFrom<Source>();
+}
 
 TEST(IBinInputStream, secondIdOfAnotherFamilyIsNoEnd) {
     struct Failing : Source {
@@ -387,12 +383,6 @@ TEST(IBinInputStream, secondIdOfAnotherFamilyIsNoEnd) {
     } source;
     EXPECT_EQ("? -1", source.perform("3"));
     EXPECT_TRUE(chainIs({{CommonErrorId::INTERNAL_FAILURE}}));
-}
-
-class IBinOutputStreamActions : public testing::TestWithParam<Transcript> {};
-
-TEST_P(IBinOutputStreamActions, reachTheSink) {
-    GetParam().expectFrom<Sink>();
 }
 
 Transcript const ACTIONS[] = {
@@ -457,7 +447,9 @@ Transcript const ACTIONS[] = {
     {"flushFailsWithTheReportOfTheSink", 8, BLOCKING, "", "abc jam flush",
      "? 1/3 +abc, ?[abc]!FLUSH failed {unsupported}"}};
 
-INSTANTIATE_TEST_SUITE_P(All, IBinOutputStreamActions, testing::ValuesIn(ACTIONS), byName);
+VESK_TEST_TABLE(IBinOutputStreamActions, reachTheSink, testing::Test, ACTIONS) {
+    GetParam().expectFrom<Sink>();
+}
 
 TEST(IBinOutputStream, pendingReportIsReplacedByThatOfAnIncompleteFlush) {
     for (char const* const flush : {"flush", "flush-buffer"}) {
@@ -645,9 +637,18 @@ struct Turns : NamedRow {
     char const* seen;
 };
 
-class IBinInOutStreamTurns : public testing::TestWithParam<Turns> {};
+Turns const TURNS[] = {
+    {"writeAfterReadStartsAtTheReadersPosition", "r1 wX flush r3",
+     "1:0@10 1:1@1w done@2w 1:234@12 0X23456789abcdef 2/1"},
+    {"writtenBytesReachTheFileBeforeARead", "wAB r2", "1:2@0w 1:23@12 AB23456789abcdef 1/1"},
+    {"writtenBytesStayInTheBuffer", "wAB", "1:2@0w 0123456789abcdef 0/0"},
+    {"readFailsIfWrittenBytesCannotBePassedOn", "wAB jam r2 free r2",
+     "1:2@0w -1: {failure<cause}@0w 1:23@12 AB23456789abcdef 1/1"},
+    {"flushWhileReadingKeepsTheReadAhead", "r1 flush r3", "1:0@10 done@10 1:123@10 0123456789abcdef 1/1"},
+    {"failedSeekBeforeAWriteFailsTheWriteAndKeepsTheReadAhead", "r1 pipe wX r3",
+     "1:0@10 -1:0 {no seek}@10 1:123@10 0123456789abcdef 1/0"}};
 
-TEST_P(IBinInOutStreamTurns, shareOnePosition) {
+VESK_TEST_TABLE(IBinInOutStreamTurns, shareOnePosition, testing::Test, TURNS) {
     MemoryFile file(10, 10);
     file.content = "0123456789abcdef";
     std::istringstream steps(GetParam().steps);
@@ -674,19 +675,6 @@ TEST_P(IBinInOutStreamTurns, shareOnePosition) {
     seen += file.content + " " + std::to_string(file.reads) + "/" + std::to_string(file.flushes);
     EXPECT_EQ(GetParam().seen, seen);
 }
-
-Turns const TURNS[] = {
-    {"writeAfterReadStartsAtTheReadersPosition", "r1 wX flush r3",
-     "1:0@10 1:1@1w done@2w 1:234@12 0X23456789abcdef 2/1"},
-    {"writtenBytesReachTheFileBeforeARead", "wAB r2", "1:2@0w 1:23@12 AB23456789abcdef 1/1"},
-    {"writtenBytesStayInTheBuffer", "wAB", "1:2@0w 0123456789abcdef 0/0"},
-    {"readFailsIfWrittenBytesCannotBePassedOn", "wAB jam r2 free r2",
-     "1:2@0w -1: {failure<cause}@0w 1:23@12 AB23456789abcdef 1/1"},
-    {"flushWhileReadingKeepsTheReadAhead", "r1 flush r3", "1:0@10 done@10 1:123@10 0123456789abcdef 1/1"},
-    {"failedSeekBeforeAWriteFailsTheWriteAndKeepsTheReadAhead", "r1 pipe wX r3",
-     "1:0@10 -1:0 {no seek}@10 1:123@10 0123456789abcdef 1/0"}};
-
-INSTANTIATE_TEST_SUITE_P(All, IBinInOutStreamTurns, testing::ValuesIn(TURNS), byName);
 
 TEST(IBinInOutStream, readingAndWritingAllocateNothing) {
     if (!COUNTS_ALLOCATIONS) {

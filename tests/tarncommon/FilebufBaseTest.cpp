@@ -405,13 +405,6 @@ struct Sequence : NamedRow {
     char const* seen;
 };
 
-class FilebufBaseSequences : public testing::TestWithParam<Sequence> {};
-
-TEST_P(FilebufBaseSequences, haveTheirResults) {
-    MemoryBuffer buffer(GetParam().mode, GetParam().size, GetParam().content);
-    EXPECT_EQ(GetParam().seen, performAll(buffer, GetParam().operations)) << GetParam().operations;
-}
-
 auto const IN = ios_base::in;
 auto const OUT = ios_base::out;
 
@@ -474,6 +467,9 @@ Sequence const SEQUENCES[] = {
     {"offsetsHave64Bits", BOTH, 4, "0123456789", "get cur:4294967296 pos:4886718345",
      "[read 4]0 [seek 4294967293 cur]4294967297 [seek 4886718345 beg]4886718345 idle 0123456789"}};
 
-INSTANTIATE_TEST_SUITE_P(All, FilebufBaseSequences, testing::ValuesIn(SEQUENCES), byName);
+VESK_TEST_TABLE(FilebufBaseSequences, haveTheirResults, testing::Test, SEQUENCES) {
+    MemoryBuffer buffer(GetParam().mode, GetParam().size, GetParam().content);
+    EXPECT_EQ(GetParam().seen, performAll(buffer, GetParam().operations)) << GetParam().operations;
+}
 
 } // namespace

@@ -203,9 +203,37 @@ struct FailureRow : NamedRow {
     std::string event;
 };
 
-class ThreadsafeFailures : public testing::TestWithParam<FailureRow> {};
+std::string const SOURCES = " tarncommon/src/threadsafe/";
+std::string const NO_MUTEX = "ABORT" + SOURCES + "MutexImpl MutexImpl: error creating mutex";
+std::string const NO_CONDITION = "ABORT" + SOURCES + "ConditionImpl ConditionImpl: error creating condition";
+auto const constructCondition = [](MutexImpl& mutex) { construct<ConditionImpl>(mutex); };
 
-TEST_P(ThreadsafeFailures, areFatalOrAsserted) {
+FailureRow const THREADSAFE_FAILURES[] = {
+    {"toCreateAMutex", &inject_pthread_mutex_init, ENOMEM, [](MutexImpl&) { construct<MutexImpl>(false); },
+     NO_MUTEX},
+    {"toCreateARecursiveMutex", &inject_pthread_mutexattr_init, ENOMEM,
+     [](MutexImpl&) { construct<MutexImpl>(true); }, NO_MUTEX},
+    {"toDestroyAMutex", &inject_pthread_mutex_destroy, EBUSY,
+     [](MutexImpl&) { destroyTwice<MutexImpl>(false); },
+     "ASSERT" + SOURCES + "MutexImpl ~MutexImpl: error == 0: destroying mutex failed"},
+    {"toInitializeTheAttributesOfACondition", &inject_pthread_condattr_init, ENOMEM, constructCondition,
+     NO_CONDITION},
+    {"toSetTheClockOfACondition", &inject_pthread_condattr_setclock, ENOMEM, constructCondition,
+     NO_CONDITION},
+    {"toCreateACondition", &inject_pthread_cond_init, ENOMEM, constructCondition, NO_CONDITION},
+    {"toDestroyACondition", &inject_pthread_cond_destroy, EBUSY,
+     [](MutexImpl& mutex) { destroyTwice<ConditionImpl>(mutex); },
+     "ASSERT" + SOURCES + "ConditionImpl ~ConditionImpl: error == 0: destroying condition failed"},
+    {"toCreateASlot", &inject_pthread_key_create, EAGAIN, [](MutexImpl&) { construct<TlsImpl>(); },
+     "ABORT" + SOURCES + "TlsImpl TlsImpl: error creating key"},
+    {"toStoreAValue", &inject_pthread_setspecific, ENOMEM,
+     [](MutexImpl&) {
+         TlsImpl slot;
+         slot.set(&slot);
+     },
+     "ABORT" + SOURCES + "TlsImpl set: error storing value"}};
+
+VESK_TEST_TABLE(ThreadsafeFailures, areFatalOrAsserted, testing::Test, THREADSAFE_FAILURES) {
     MutexImpl mutex(false);
     EventRecorder const recorder;
     {
@@ -214,38 +242,5 @@ TEST_P(ThreadsafeFailures, areFatalOrAsserted) {
     }
     EXPECT_EQ(GetParam().event + " (errno = " + std::to_string(GetParam().error) + ")", recorder.getText());
 }
-
-std::string const SOURCES = " tarncommon/src/threadsafe/";
-std::string const NO_MUTEX = "ABORT" + SOURCES + "MutexImpl MutexImpl: error creating mutex";
-std::string const NO_CONDITION = "ABORT" + SOURCES + "ConditionImpl ConditionImpl: error creating condition";
-auto const constructCondition = [](MutexImpl& mutex) { construct<ConditionImpl>(mutex); };
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadsafeFailures,
-    rowsOf<FailureRow>(
-        {{"toCreateAMutex", &inject_pthread_mutex_init, ENOMEM,
-          [](MutexImpl&) { construct<MutexImpl>(false); }, NO_MUTEX},
-         {"toCreateARecursiveMutex", &inject_pthread_mutexattr_init, ENOMEM,
-          [](MutexImpl&) { construct<MutexImpl>(true); }, NO_MUTEX},
-         {"toDestroyAMutex", &inject_pthread_mutex_destroy, EBUSY,
-          [](MutexImpl&) { destroyTwice<MutexImpl>(false); },
-          "ASSERT" + SOURCES + "MutexImpl ~MutexImpl: error == 0: destroying mutex failed"},
-         {"toInitializeTheAttributesOfACondition", &inject_pthread_condattr_init, ENOMEM, constructCondition,
-          NO_CONDITION},
-         {"toSetTheClockOfACondition", &inject_pthread_condattr_setclock, ENOMEM, constructCondition,
-          NO_CONDITION},
-         {"toCreateACondition", &inject_pthread_cond_init, ENOMEM, constructCondition, NO_CONDITION},
-         {"toDestroyACondition", &inject_pthread_cond_destroy, EBUSY,
-          [](MutexImpl& mutex) { destroyTwice<ConditionImpl>(mutex); },
-          "ASSERT" + SOURCES + "ConditionImpl ~ConditionImpl: error == 0: destroying condition failed"},
-         {"toCreateASlot", &inject_pthread_key_create, EAGAIN, [](MutexImpl&) { construct<TlsImpl>(); },
-          "ABORT" + SOURCES + "TlsImpl TlsImpl: error creating key"},
-         {"toStoreAValue", &inject_pthread_setspecific, ENOMEM,
-          [](MutexImpl&) {
-              TlsImpl slot;
-              slot.set(&slot);
-          },
-          "ABORT" + SOURCES + "TlsImpl set: error storing value"}}),
-    byName);
 
 } // namespace
