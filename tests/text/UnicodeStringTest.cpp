@@ -429,10 +429,11 @@ TEST(UnicodeString, isConvertedInTwoPassesIntoMemoryOfItsSize) {
     }
     {
         ScopedLocale const locale("C.UTF-8");
-        // The passes themselves are recorded below: a record allocates as well.
+        // The passes themselves are recorded below: a record allocates as well, and so does a comparison.
+        std::vector<size_t> const expected{17 * sizeof(wchar_t)};
         NewFault const count(New::SINGLE, 1, 0);
         std::wstring const back = *narrow;
-        EXPECT_EQ((std::vector<size_t>{17 * sizeof(wchar_t)}), count.getSizes());
+        EXPECT_EQ(expected, count.getSizes());
         EXPECT_EQ(wide, back);
     }
     PassesInUtf8 const passes;
