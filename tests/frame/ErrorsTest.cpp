@@ -1,5 +1,4 @@
 #include "support/CleanEnd.h"
-#include "support/ErrnoCases.h"
 #include "support/TempFolder.h"
 #include "support/Testing.h"
 
