@@ -283,9 +283,10 @@ public:
         pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
     }
 
-    void start() {
+    void start(long ns = NS_PER_MS, bool periodic = false) {
         itimerspec value{};
-        value.it_value.tv_nsec = NS_PER_MS;
+        value.it_value.tv_nsec = ns;
+        value.it_interval.tv_nsec = periodic ? ns : 0;
         timer_settime(m_timer, 0, &value, nullptr);
     }
 
@@ -320,5 +321,41 @@ void bareOneShot(benchmark::State& state) {
     show(state, delays);
 }
 BENCHMARK(bareOneShot)->Name("One-shot timer of 1 ms/bare")->UseRealTime();
+
+// ---- Mean period of a timer of ten milliseconds ----
+
+constexpr unsigned int PERIOD_MS = 10;
+
+/// Waits for one call in each iteration: the time of an iteration is the mean period.
+void waitForCalls(benchmark::State& state, Shot& shot) {
+    for (auto _ : state) {
+        shot.wait();
+    }
+}
+
+void periodic(benchmark::State& state) {
+    Shot shot;
+    ShootingTimer timer(shot);
+    timer.start(PERIOD_MS, true);
+    waitForCalls(state, shot);
+}
+BENCHMARK(periodic)->Name("Period of 10 ms, start/vesk")->UseRealTime();
+
+void fixedRate(benchmark::State& state) {
+    Shot shot;
+    ShootingTimer timer(shot);
+    timer.startFixedRate(PERIOD_MS);
+    waitForCalls(state, shot);
+}
+BENCHMARK(fixedRate)->Name("Period of 10 ms, startFixedRate/vesk")->UseRealTime();
+
+void barePeriodic(benchmark::State& state) {
+    Shot shot;
+    BareTimer timer(shot);
+    timer.start(PERIOD_MS * NS_PER_MS, true);
+    waitForCalls(state, shot);
+}
+BENCHMARK(barePeriodic)->Name("Period of 10 ms, start/bare")->UseRealTime();
+BENCHMARK(barePeriodic)->Name("Period of 10 ms, startFixedRate/bare")->UseRealTime();
 
 } // namespace

@@ -65,6 +65,7 @@ Step rings(int calls) {
         EXPECT_EQ(calls, clock.count);
     };
 }
+Step const START_FIXED_RATE = [](Clock& clock, bool) { EXPECT_FALSE(clock.startFixedRate(2)); };
 Step const STOP = [](Clock& clock, bool) { EXPECT_FALSE(clock.stop()); };
 Step const SNOOZE = [](Clock& clock, bool) { EXPECT_FALSE(clock.snooze()); };
 Step const GO_ON = [](Clock& clock, bool) { EXPECT_TRUE(clock.waitFor(clock.count + 5)); };
@@ -111,6 +112,8 @@ Course const COURSES[] = {
     {"callbackMayStartItsTimerAnew",
      {start(2, PERIODIC), rings(4)},
      [](Clock& clock) { EXPECT_FALSE(clock.count == 2 && clock.start(1, ONCE)); }},
+    {"fixedRateIsAKindOfPeriodicTimer",
+     {start(AN_HOUR, ONCE), START_FIXED_RATE, has(2, PERIODIC), GO_ON, STOP, SNOOZE, GO_ON, EXPIRE, GO_ON}},
     {"procedureIsTheCallOfTheEngine", {EXPIRE, rings(1), start(1, PERIODIC), STOP, EXPIRE, GO_ON}},
 };
 INSTANTIATE_TEST_SUITE_P(All, TimerCourse, testing::ValuesIn(COURSES), RowName());
@@ -497,6 +500,10 @@ PeriodStep start(unsigned int interval, bool periodic, Spans const& armed) {
     return {
         [=](TimerPeriod& test) { EXPECT_EQ(interval == 0, test.m_clock.start(interval, periodic)); }, armed};
 }
+PeriodStep startFixedRate(unsigned int interval, Spans const& armed) {
+    return {
+        [=](TimerPeriod& test) { EXPECT_EQ(interval == 0, test.m_clock.startFixedRate(interval)); }, armed};
+}
 /// Rings the engine at this time. Checks the number of calls so far.
 PeriodStep ring(long long time, int count, Spans const& armed = {}) {
     return {
@@ -537,6 +544,20 @@ PeriodCourse const PERIOD_COURSES[] = {
      {start(1000, true, {ms(1000)}), ring(1030, 1, {ms(1000), ms(1000)}), ring(2029, 1, {ms(1), ms(1)}),
       ring(2045, 2, {ms(1000), ms(1000)}), ring(3044, 2, {ms(1), ms(1)}),
       ring(3045, 3, {ms(1000), ms(1000)})}},
+    {"fixedRateCountsFromThePlannedMomentAndDoesNotDrift",
+     {startFixedRate(1000, {ms(1000)}), ring(1030, 1, {ms(970), ms(970)}), ring(1999, 1, {ms(1), ms(1)}),
+      ring(2000, 2, {ms(1000), ms(1000)}), ring(3999, 3, {ms(1), ms(1)}),
+      ring(4000, 4, {ms(1000), ms(1000)})}},
+    {"fixedRateSkipsPeriodsThatHavePassed",
+     {startFixedRate(1000, {ms(1000)}), ring(3400, 1, {ms(600), ms(600)}),
+      ring(4000, 2, {ms(1000), ms(1000)})}},
+    {"fixedRateWithZeroChangesNothing",
+     {start(1000, false, {ms(1000)}), startFixedRate(0, {}), ring(1000, 1)}},
+    {"startEndsAFixedRate",
+     {startFixedRate(1000, {ms(1000)}), start(1000, true, {}), ring(1030, 1, {ms(1000), ms(1000)})}},
+    {"snoozeBeginsAFixedRateAnew",
+     {startFixedRate(1000, {ms(1000)}), at(400), SNOOZE_ONCE, ring(1000, 0, {ms(400)}),
+      ring(1430, 1, {ms(970), ms(970)})}},
     {"callbackThatStopsRemovesWhatWasJustArmed",
      {start(1000, true, {ms(1000)}), ring(1000, 1, {ms(1000)}), ring(1000000, 1)},
      [](Clock& clock) { clock.stop(); }},
@@ -554,6 +575,16 @@ TEST_F(TimerPeriod, earlyRingDoesNotShortenAPeriodThatBeganWithinAMillisecond) {
     m_fake.set(5001, 900000);
     vesk::Alarm::Timer::ring(m_engine.get());
     EXPECT_EQ(1, m_clock.count);
+}
+
+TEST_F(TimerPeriod, fixedRateBeginsAtTheNextFullMillisecond) {
+    m_fake.set(5000, 200000);
+    EXPECT_FALSE(m_clock.startFixedRate(10));
+    EXPECT_EQ((Spans{{0, 10800000}}), m_timers.take());
+    m_fake.set(5000, 11000000);
+    vesk::Alarm::Timer::ring(m_engine.get());
+    EXPECT_EQ(1, m_clock.count);
+    EXPECT_EQ((Spans{ms(10), ms(10)}), m_timers.take());
 }
 
 TEST_F(TimerPeriod, isArmedBeforeTheCallbackRuns) {
