@@ -8,9 +8,7 @@
 namespace {
 
 using namespace support;
-using vesk::SignalCatcher;
-using vesk::SignalDispatcher;
-using vesk::TARN_NSIGNALS;
+using namespace vesk;
 
 constexpr int SIGNALS = 1'000'000;
 

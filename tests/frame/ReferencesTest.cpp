@@ -6,7 +6,6 @@
 #include <vesk/RefCounted.h>
 
 #include <future>
-#include <mutex>
 #include <stdexcept>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
