@@ -58,8 +58,10 @@ class Row:
 
     def __init__(self):
         self.values = []
+        self.measured = []
 
     def add(self, run):
+        self.measured.append(run["iterations"] * run["real_time"] * NS[run["time_unit"]])
         if "late_p50_us" in run:
             self.values.append(run["late_p50_us"] * 1e3)
         else:
@@ -75,6 +77,10 @@ class Row:
             self.low = self.high = self.median
         return self
 
+    def is_doubtful(self):
+        """Returns whether the first estimate was disturbed, so that a repetition has too few turns."""
+        return len(self.values) > 0 and min(self.measured) < 1e6
+
     def spread(self):
         return (self.high - self.low) / 2 / abs(self.median) if self.median else 0
 
@@ -84,7 +90,8 @@ def load(path):
     data = json.loads(path.read_text())
     rows = {}
     skipped = {}
-    for run in data["benchmarks"]:
+    # The order of registration: interleaving shuffles the runs.
+    for run in sorted(data["benchmarks"], key=lambda run: (run["family_index"], run["per_family_instance_index"])):
         if run.get("run_type") != "iteration":
             continue
         key, side = split(run["run_name"])
@@ -111,7 +118,8 @@ def ratio(value):
 def cell(row, bare):
     if row.median < 0:
         return f"early by {short(-row.median)}"
-    return f"{ratio(row.median / bare.median)} ±{100 * row.spread():.0f} %"
+    doubt = " ?" if row.is_doubtful() or bare.is_doubtful() else ""
+    return f"{ratio(row.median / bare.median)} ±{100 * row.spread():.0f} %{doubt}"
 
 
 def standing(sides):
@@ -302,18 +310,20 @@ Written by `scripts/bench --peers` and `scripts/bench --growth`; edit `benchmark
 ## How to read it
 
 Each row does the same work through each library, in one program, in repetitions of random order. The time is that of the
-processor, and the elapsed time where threads wait for each other. A cell is the median divided by that of the bare call (of libc or the kernel, or the shortest code on top of them); smaller is better. After ± is half
-of the range between the quartiles, in percent of the median. The last column names the libraries that are faster than libvesk
-by more than {tie} %; "within the spread" marks those with quartiles that overlap. Rows where another library is ahead stay.
+processor, and the elapsed time where threads wait for each other. A cell is the median divided by that of the bare call (of
+libc or the kernel, or the shortest code on top of them); smaller is better. After ± is half of the range between the quartiles,
+in percent of the median. The last column names the libraries that are faster than libvesk by more than {tie} %; "within the
+spread" marks them if the quartiles of the fastest overlap those of libvesk. Rows where another library is ahead stay.
 
+- "?" marks a figure from fewer turns than it needs, because the machine was disturbed when their number was estimated.
 - A library is used as its documentation recommends. A row without a figure means that it lacks the feature.
 - "One CPU" means that both threads or processes of the row are bound to one processor. Where two threads run on two processors,
   the scheduler has a large part in the time and its spread.
 - Boost has no files of its own: the rows show the streams of Boost.Filesystem. The buffer of POCO's file streams is 4 KiB.
 - The dispatcher of libuv is its `uv_async_t` beside a queue under its mutex, which is necessary because wake-ups coalesce. For
   GLib it is `GAsyncQueue`, for POCO `NotificationQueue`.
-- libvesk, Boost and the bare call may copy differently: libvesk calls `fsync` at the end, and so does the bare call; the
-  others do not. The files are in memory, where that costs little.
+- libvesk and the bare call end the copy of a file with `fsync`; the others do not. The files are in memory, where that costs
+  little.
 - In the rows of the one-shot timer libvesk, POCO and the bare call hand over between two threads; Boost, GLib and libuv run
   their loop in the calling thread. POCO and libuv count whole milliseconds and can be early.
 - POCO has no row with many pending timers: `Poco::Timer` has a thread each, and `Poco::Util::Timer` keeps a canceled task.
