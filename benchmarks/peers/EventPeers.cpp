@@ -34,7 +34,7 @@ PEER_CYCLE(cycle, "vesk");
 PEER_CYCLE(bareCycle, "bare");
 
 /// Checks that a cycle has served every ready descriptor.
-void expectAll(benchmark::State& state, size_t served) {
+[[maybe_unused]] void expectAll(benchmark::State& state, size_t served) {
     if (served != static_cast<size_t>(state.range(0)) / READY_EVERY) {
         state.SkipWithError("a ready descriptor was not served");
     }

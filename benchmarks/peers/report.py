@@ -264,7 +264,7 @@ def draw_growth(growth, path):
         axes.set_title(wrap(title.partition(", by ")[0], 36), fontsize=8)
         axes.set_xlabel(title.partition(", by ")[2], fontsize=7)
         axes.yaxis.set_major_formatter(lambda value, _: short(value))
-        axes.xaxis.set_major_formatter(lambda value, _: f"{value:,.0f}")
+        axes.xaxis.set_major_formatter(lambda value, _: f"{value / 1e6:g}M" if value >= 1e6 else f"{value / 1e3:g}k" if value >= 1e3 else f"{value:g}")
         axes.tick_params(labelsize=6.5)
         axes.minorticks_off()
         # At least two decades, so that a flat line looks flat.
@@ -292,7 +292,7 @@ def machine(contexts):
     compiler = run("g++", "-dumpfullversion")
     versions = ", ".join(f"{name} {version}" for side, name in PEERS.items()
                          if (version := run("dpkg-query", "-W", "-f", "${Version}", PACKAGES[side]).split("-")[0].split("+")[0]))
-    load = max(context["load_avg"][0] for context in contexts) if contexts else 0
+    load = statistics.median(context["load_avg"][0] for context in contexts) if contexts else 0
     text = [f"{contexts[0]['num_cpus'] if contexts else '?'} processors ({cpu.group(1) if cpu else 'unknown'}{', virtual machine' if virtual else ''}), "
             f"{run('uname', '-m')}, Linux {kernel.group(0) if kernel else ''}, GCC {compiler}, `-O3`; {versions}."]
     # The programs themselves load one or two processors.
