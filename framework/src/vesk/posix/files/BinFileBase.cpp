@@ -16,16 +16,9 @@
 
 #include <cstring>
 #include <fcntl.h>
-#include <ios>
-#include <ostream>
+#include <iostream>
 #include <sys/stat.h>
 #include <unistd.h>
-
-// <iostream> would initialize the standard streams and their locale whenever the library is loaded, which takes as
-// long as the rest of its initializers. They are needed only to print a warning.
-namespace std {
-extern ostream cerr; // NOLINT(cert-dcl58-cpp)
-}
 
 namespace vesk {
 
@@ -103,8 +96,6 @@ BinFileBase::~BinFileBase() {
     KeptErrorChain const kept_chain;
     if (BinFileBase::close()) {
         std::ErrorStorage::ack();
-        // Instead of the object that <iostream> puts into the source file.
-        static std::ios_base::Init const s_streams;
         std::cerr << "~BinFileBase"
                   << "|Warning: Error closing BinFile: " << tarn_error.getReasonList() << std::endl;
     }
