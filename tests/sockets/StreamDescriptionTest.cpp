@@ -207,13 +207,14 @@ TYPED_TEST(StreamDescription, isAdoptedOnceThroughAConstReference) {
 }
 
 TYPED_TEST(StreamDescription, thatIsEmptyOrOfAnAcceptWithoutAConnectionCannotBeAdopted) {
-    Calls const flags(inject_getfl, 0);
+    Fault const flags(inject_getfl, 0);
     for (bool const blocking : {true, false}) {
         typename TestFixture::Description const empty;
         typename TestFixture::Adopting const socket(blocking, 16, 16, empty);
         EXPECT_TRUE(isUnusable(socket));
         EXPECT_TRUE(this->refusedToAdopt());
     }
+    EXPECT_EQ(0, flags.getCalls());
     Listener const server(TypeParam::transport, false);
     SocketPtr const socket = server.accept();
     EXPECT_FALSE(server->hadError());
