@@ -8,15 +8,11 @@
 
 #include <arpa/inet.h>
 #include <array>
-#include <fcntl.h>
-#include <functional>
 #include <memory>
-#include <netinet/in.h>
 #include <optional>
 #include <poll.h>
 #include <random>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <thread>
 #include <vector>
 
@@ -75,7 +71,7 @@ testing::AssertionResult contains(std::string const& text, std::string const& pa
 }
 
 /// A program that runs concurrently with the test, and not longer.
-class Program {
+class Program : tarnbase::NonCopyable {
 public:
     explicit Program(Arguments const& command)
         : m_ends(makePipe()), m_process([&] {
@@ -87,9 +83,6 @@ public:
         ::close(m_ends[1]);
     }
     ~Program() { ::close(m_ends[0]); }
-
-    Program(Program const&) = delete;
-    Program& operator=(Program const&) = delete;
 
     /// Returns the next line of its output, or the part of it that exists when it ends.
     std::string readLine() const {
@@ -207,7 +200,7 @@ private:
 };
 
 /// A reserved port of this machine, without a listener unless `listen` is called.
-class Port {
+class Port : tarnbase::NonCopyable {
 public:
     Port() : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address = makeAddress(0);
@@ -217,9 +210,6 @@ public:
         m_number = ntohs(address.sin_port);
     }
     ~Port() { close(m_fd); }
-
-    Port(Port const&) = delete;
-    Port& operator=(Port const&) = delete;
 
     std::string getUrl() const { return "http://127.0.0.1:" + std::to_string(m_number); }
     void listen() const { EXPECT_EQ(0, ::listen(m_fd, 8)); }

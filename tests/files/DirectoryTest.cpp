@@ -5,8 +5,6 @@
 #include <tarncommon/error/ErrorApi.h>
 
 #include <dirent.h>
-#include <filesystem>
-#include <sys/resource.h>
 
 VESK_INJECT_ERRNO(dirent*, nullptr, readdir, (DIR * dir), (dir))
 VESK_INJECT_ERRNO(int, -1, closedir, (DIR * dir), (dir))
@@ -418,12 +416,10 @@ INSTANTIATE_TEST_SUITE_P(
             {{EPERM, EINTR, EBADF, ENOMEM, ENXIO}, SysErrorId::UNCLASSIFIED},
         })));
 
-auto nextErrors() {
-    return eachErrno({
-        {{EBADF, EOVERFLOW, ENOENT}, SysErrorId::SPOILED_INTEGRITY},
-        {{EIO, EINTR, EFAULT, EINVAL, ENOTDIR, 9999}, SysErrorId::UNCLASSIFIED},
-    });
-}
+auto const READDIR_ROWS = rowsOf({
+    {{EBADF, EOVERFLOW, ENOENT}, SysErrorId::SPOILED_INTEGRITY},
+    {{EIO, EINTR, EFAULT, EINVAL, ENOTDIR, 9999}, SysErrorId::UNCLASSIFIED},
+});
 
 INSTANTIATE_TEST_SUITE_P(
     FirstEntry, DirectoryOpenRows,
@@ -434,11 +430,9 @@ INSTANTIATE_TEST_SUITE_P(
             {"descriptor", &inject_readdir, takeOver, 1, State::INVALID_AT_END},
             {"entry", &inject_readdir, openCurrent, 1, State::INVALID_AT_END},
         }),
-        nextErrors()));
+        testing::ValuesIn(READDIR_ROWS)));
 
-class DirectoryNextRows : public DirectoryTest, public testing::WithParamInterface<ErrnoCase> {};
-
-TEST_P(DirectoryNextRows, failureEndsTheWalkAndKeepsTheEntry) {
+VESK_TEST_TABLE(DirectoryNextRows, failureEndsTheWalkAndKeepsTheEntry, DirectoryTest, READDIR_ROWS) {
     Directory directory = openFolder();
     std::string const name = directory.curName();
     Calls const calls(inject_readdir, 1, GetParam().error);
@@ -449,8 +443,6 @@ TEST_P(DirectoryNextRows, failureEndsTheWalkAndKeepsTheEntry) {
     EXPECT_FALSE(directory.curInfo(false).isValid());
     EXPECT_TRUE(isContractBroken(AT_END_INFO));
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, DirectoryNextRows, nextErrors());
 
 TEST_F(DirectoryTest, failedCloseOfAFileThatIsNoDirectoryEndsTheProcess) {
     std::string const path = m_folder.makeFile("file");
@@ -605,9 +597,12 @@ TEST_F(DirectoryTest, linkOrItsTargetIsDescribed) {
     EXPECT_FALSE(directory.atEnd()) << "the walk goes on";
 }
 
-class DirectoryCurInfoRows : public DirectoryTest, public testing::WithParamInterface<ErrnoCase> {};
-
-TEST_P(DirectoryCurInfoRows, failureIsReportedAndTheResultIsInvalid) {
+auto const FSTATAT_ROWS = rowsOf({
+    {{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{EBADF, ENOTDIR, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {{EACCES, ELOOP, EIO, EINTR, EOVERFLOW, ENOMEM}, SysErrorId::UNCLASSIFIED},
+});
+VESK_TEST_TABLE(DirectoryCurInfoRows, failureIsReportedAndTheResultIsInvalid, DirectoryTest, FSTATAT_ROWS) {
     Directory const directory = openFolder();
     for (bool const follow : {false, true}) {
         Calls const calls(inject_fstatat, 1, GetParam().error);
@@ -616,14 +611,6 @@ TEST_P(DirectoryCurInfoRows, failureIsReportedAndTheResultIsInvalid) {
     }
     EXPECT_FALSE(directory.atEnd());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, DirectoryCurInfoRows,
-    eachErrno({
-        {{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
-        {{EBADF, ENOTDIR, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
-        {{EACCES, ELOOP, EIO, EINTR, EOVERFLOW, ENOMEM}, SysErrorId::UNCLASSIFIED},
-    }));
 
 TEST_F(DirectoryTest, curDirFollowsLinksUnlessItsTwoArgumentsRefuseThem) {
     std::string const path = makeFullFolder();

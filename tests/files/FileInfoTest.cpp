@@ -4,7 +4,6 @@
 #include <vesk/UnicodeString.h>
 
 #include <clocale>
-#include <grp.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/sysmacros.h>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/Aborts.h"
+#include "support/Calls.h"
 #include "support/CleanEnd.h"
 #include "support/TempFolder.h"
 #include "support/Testing.h"
@@ -13,15 +14,11 @@
 #include <vesk/Directory.h>
 #include <vesk/Pipe.h>
 
-#include <initializer_list>
-
 /// What the tests of files share. Must be included in exactly one file of a test program, like `FileCalls.h`.
 
 namespace support {
 
 namespace CommonErrorId = std::CommonErrorId;
-namespace FileAccessErrorId = vesk::FileAccessErrorId;
-namespace SysErrorId = vesk::SysErrorId;
 using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 using std::IBinInputStream;
 using std::IBinOutputStream;
@@ -84,20 +81,6 @@ inline testing::AssertionResult isMissing(std::string const& path) {
 /// Reports of an `open` of a path that must be new.
 inline ErrnoCase const FILE_EXISTS = {EEXIST, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS};
 
-/// Expects a number of calls of a function during its lifetime, and makes the first ones fail.
-class Calls {
-public:
-    Calls(Injected& function, int expected, int error = 0, int failures = 1)
-        : m_fault(function, error, 1, failures), m_expected(expected) {}
-    ~Calls() { EXPECT_EQ(m_expected, m_fault.getCalls()) << "calls"; }
-    Calls(Calls const&) = delete;
-    Calls& operator=(Calls const&) = delete;
-
-private:
-    Fault m_fault;
-    int m_expected;
-};
-
 // ---- files ----
 
 inline bool isOpen(int fd) {
@@ -139,12 +122,10 @@ inline std::string drain(Pipe const& pipe) {
 }
 
 /// The umask of the process during the lifetime of the object.
-class ScopedUmask {
+class ScopedUmask : tarnbase::NonCopyable {
 public:
     explicit ScopedUmask(mode_t mask) : m_previous(umask(mask)) {}
     ~ScopedUmask() { umask(m_previous); }
-    ScopedUmask(ScopedUmask const&) = delete;
-    ScopedUmask& operator=(ScopedUmask const&) = delete;
 
 private:
     mode_t m_previous;

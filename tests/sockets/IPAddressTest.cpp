@@ -1,5 +1,4 @@
 #include "SocketRows.h"
-#include "support/InjectNoting.h"
 #include "support/NetworkNamespace.h"
 #include "support/calls/ResolverCalls.h"
 
@@ -193,9 +192,8 @@ TEST(IPAddress, binaryAddressOfAnotherFamilyOrWithoutATextMakesAnEmptyAddress) {
         EXPECT_TRUE(isEmpty(IPAddress(binary))) << family;
     }
     for (int const error : {ENOSPC, EAFNOSUPPORT}) {
-        Fault const fault(inject_inet_ntop, error);
+        Calls const fault(inject_inet_ntop, 1, error);
         EXPECT_TRUE(isEmpty(IPAddress(IPAddress::makeHandle(0x7F000001, 80))));
-        EXPECT_EQ(1, fault.getCalls());
     }
     for (int const code :
          {EAI_NONAME, EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_FAMILY, EAI_MEMORY, EAI_OVERFLOW, EAI_SYSTEM}) {
@@ -306,8 +304,7 @@ TEST(IPAddress, replacedHostIsNotLookedUpByItsNameAgain) {
 }
 
 /// The answers of the resolver, and what becomes of the host "some.example".
-struct AnswersRow {
-    char const* name;
+struct AnswersRow : NamedRow {
     IPSocket::IPProtocolVersion version;
     std::vector<Answer> answers;
     std::vector<std::string> lookups; ///< The names that are looked up after the host.
@@ -316,16 +313,14 @@ struct AnswersRow {
     Reports reports;
     unsigned int scope;
     char const* events;
-
-    friend std::ostream& operator<<(std::ostream& out, AnswersRow const& row) { return out << row.name; }
 };
 
 AnswersRow
 row(char const* name, IPSocket::IPProtocolVersion version, std::vector<Answer> answers,
     std::vector<std::string> lookups, char const* host, char const* binary, Reports reports = {},
     unsigned int scope = 0, char const* events = "") {
-    return {name,  version, std::move(answers), std::move(lookups), host, binary, std::move(reports),
-            scope, events};
+    return {{name}, version, std::move(answers), std::move(lookups), host, binary, std::move(reports),
+            scope,  events};
 }
 
 class IPAddressAnswers : public testing::TestWithParam<AnswersRow> {};

@@ -201,7 +201,7 @@ TEST_F(IPResolver, listIsKeptUntilTheNextResolveWhichReplacesAllResultsOrTheEnd)
 constexpr int LOOKUP_ERRNO = ENETUNREACH;
 
 /// Returns a row for each code of the groups. Without a report there are no results.
-auto codeRows(std::vector<ErrnoReports> const& groups) {
+std::vector<ErrnoRow> codeRows(std::vector<ErrnoReports> const& groups) {
     std::vector<ErrnoRow> rows;
     for (ErrnoReports const& group : groups) {
         for (int const code : group.errors) {
@@ -212,7 +212,7 @@ auto codeRows(std::vector<ErrnoReports> const& groups) {
                      code == EAI_SYSTEM ? systemText(LOOKUP_ERRNO) : std::string(gai_strerror(code)))});
         }
     }
-    return testing::ValuesIn(rows);
+    return rows;
 }
 
 class IPResolverLookupCodes : public testing::TestWithParam<ErrnoRow> {
@@ -242,18 +242,22 @@ TEST_P(IPResolverLookupCodes, haveTheirResultAndReportAndDiscardThePreviousResul
 
 INSTANTIATE_TEST_SUITE_P(
     All, IPResolverLookupCodes,
-    codeRows(
+    testing::ValuesIn(codeRows(
         {{{EAI_NONAME, EAI_NODATA, EAI_ADDRFAMILY}, {}},
          {{EAI_MEMORY}, {SysErrorId::OUT_OF_MEMORY}},
          {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_SOCKTYPE, EAI_SERVICE}, {SocketErrorId::RESOLVE_FAILED}},
          {{EAI_SYSTEM, EAI_FAMILY, EAI_OVERFLOW, EAI_IDN_ENCODE, EAI_INTR, EAI_CANCELED, 4711, -4711},
-          {SysErrorId::UNCLASSIFIED}}}));
+          {SysErrorId::UNCLASSIFIED}}})));
 
 // ---- failures of getnameinfo ----
 
-class IPResolverNamingCodes : public testing::TestWithParam<ErrnoRow> {};
-
-TEST_P(IPResolverNamingCodes, endTheResolveWithTheirReport) {
+auto const NAMING_CODES = codeRows(
+    {{{EAI_OVERFLOW}, {SysErrorId::SPOILED_INTEGRITY}},
+     {{EAI_MEMORY}, {SysErrorId::OUT_OF_MEMORY}},
+     {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_FAMILY}, {SocketErrorId::RESOLVE_FAILED}},
+     {{EAI_SYSTEM, EAI_NODATA, EAI_ADDRFAMILY, EAI_SERVICE, EAI_SOCKTYPE, EAI_IDN_ENCODE, 4711, -4711},
+      {SysErrorId::UNCLASSIFIED}}});
+VESK_TEST_TABLE(IPResolverNamingCodes, endTheResolveWithTheirReport, testing::Test, NAMING_CODES) {
     ResolverCalls calls;
     {
         calls.answer({list({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}}), Answer("one")});
@@ -269,15 +273,6 @@ TEST_P(IPResolverNamingCodes, endTheResolveWithTheirReport) {
     }
     EXPECT_EQ(2, calls.countFreed());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, IPResolverNamingCodes,
-    codeRows(
-        {{{EAI_OVERFLOW}, {SysErrorId::SPOILED_INTEGRITY}},
-         {{EAI_MEMORY}, {SysErrorId::OUT_OF_MEMORY}},
-         {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_FAMILY}, {SocketErrorId::RESOLVE_FAILED}},
-         {{EAI_SYSTEM, EAI_NODATA, EAI_ADDRFAMILY, EAI_SERVICE, EAI_SOCKTYPE, EAI_IDN_ENCODE, 4711, -4711},
-          {SysErrorId::UNCLASSIFIED}}}));
 
 TEST_F(IPResolver, entriesWithoutANameAreSkipped) {
     m_calls->answerList({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}});
@@ -379,28 +374,44 @@ void runSilent(std::function<void(Resolver& resolver, SilentNameServer const& se
 }
 
 /// A resolve and its items.
-struct NameRow {
-    char const* name;
+struct NameRow : NamedRow {
     IPSocket::IPProtocolVersion version;
     bool reverse;
     bool fqdn;
     char const* text; ///< A name, or with `reverse` an address.
     Items items;
-
-    friend std::ostream& operator<<(std::ostream& out, NameRow const& row) { return out << row.name; }
 };
 
 NameRow addresses(char const* name, IPSocket::IPProtocolVersion version, char const* text, Items items) {
-    return {name, version, false, false, text, std::move(items)};
+    return {{name}, version, false, false, text, std::move(items)};
 }
 NameRow
 names(char const* name, IPSocket::IPProtocolVersion version, char const* text, bool fqdn, Items items) {
-    return {name, version, true, fqdn, text, std::move(items)};
+    return {{name}, version, true, fqdn, text, std::move(items)};
 }
 
-class IPResolverNameRows : public IPResolverNames, public testing::WithParamInterface<NameRow> {};
-
-TEST_P(IPResolverNameRows, haveTheirItems) {
+NameRow const NAME_ROWS[] = {
+    addresses("several", V4, "many.test", {"10.0.0.9", "10.0.0.1", "10.0.0.5"}),
+    addresses("severalOfIPv6", V6, "six.test", {"fd00::9", "fd00::1"}),
+    addresses("onlyIPv4OfBoth", V4, "both.test", {"10.0.0.2"}),
+    addresses("onlyIPv6OfBoth", V6, "both.test", {"fd00::2"}),
+    addresses("noneOfIPv4", V4, "six.test", {}),
+    addresses("noneOfIPv6", V6, "many.test", {}),
+    addresses("unknownName", V4, "unknown.test", {}),
+    addresses("unknownNameOfIPv6", V6, "unknown.test", {}),
+    addresses("upperCase", V4, "PRINTER.test", {"10.0.0.7"}),
+    addresses("finalDot", V4, "printer.test.", {"10.0.0.7"}),
+    addresses("refusedName", V4, "name.elsewhere", {"(failed)"}),
+    names("withDomain", V4, "10.0.0.7", true, {"printer.test"}),
+    names("withoutDomain", V4, "10.0.0.7", false, {"printer"}),
+    names("withDomainOfIPv6", V6, "fd00::9", true, {"six.test"}),
+    names("withoutDomainOfIPv6", V6, "fd00::9", false, {"six"}),
+    names("withoutAnotherDomain", V4, "10.0.0.8", false, {"scanner.example"}),
+    names("addressWithoutAName", V4, "10.9.9.9", true, {}),
+    names("addressWithoutAShortName", V4, "10.9.9.9", false, {}),
+    names("addressOfIPv6WithoutAName", V6, "fd00::999", true, {}),
+    names("addressOfIPv6WithoutAShortName", V6, "fd00::999", false, {})};
+VESK_TEST_TABLE(IPResolverNameRows, haveTheirItems, IPResolverNames, NAME_ROWS) {
     run([](Resolver& resolver, NameServer&) {
         NameRow const& row = GetParam();
         if (row.reverse) {
@@ -414,30 +425,6 @@ TEST_P(IPResolverNameRows, haveTheirItems) {
         EXPECT_TRUE(chainIs(row.items == FAILED ? resolverFailed(EAI_AGAIN) : Reports{}));
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, IPResolverNameRows,
-    testing::Values(
-        addresses("several", V4, "many.test", {"10.0.0.9", "10.0.0.1", "10.0.0.5"}),
-        addresses("severalOfIPv6", V6, "six.test", {"fd00::9", "fd00::1"}),
-        addresses("onlyIPv4OfBoth", V4, "both.test", {"10.0.0.2"}),
-        addresses("onlyIPv6OfBoth", V6, "both.test", {"fd00::2"}),
-        addresses("noneOfIPv4", V4, "six.test", {}), addresses("noneOfIPv6", V6, "many.test", {}),
-        addresses("unknownName", V4, "unknown.test", {}),
-        addresses("unknownNameOfIPv6", V6, "unknown.test", {}),
-        addresses("upperCase", V4, "PRINTER.test", {"10.0.0.7"}),
-        addresses("finalDot", V4, "printer.test.", {"10.0.0.7"}),
-        addresses("refusedName", V4, "name.elsewhere", {"(failed)"}),
-        names("withDomain", V4, "10.0.0.7", true, {"printer.test"}),
-        names("withoutDomain", V4, "10.0.0.7", false, {"printer"}),
-        names("withDomainOfIPv6", V6, "fd00::9", true, {"six.test"}),
-        names("withoutDomainOfIPv6", V6, "fd00::9", false, {"six"}),
-        names("withoutAnotherDomain", V4, "10.0.0.8", false, {"scanner.example"}),
-        names("addressWithoutAName", V4, "10.9.9.9", true, {}),
-        names("addressWithoutAShortName", V4, "10.9.9.9", false, {}),
-        names("addressOfIPv6WithoutAName", V6, "fd00::999", true, {}),
-        names("addressOfIPv6WithoutAShortName", V6, "fd00::999", false, {})),
-    testing::PrintToStringParamName());
 
 VESK_TEST_WITH(
     runSilent, IPResolverNames, hostsFileAndNumericAddressesAreUsedWithoutAQuery,

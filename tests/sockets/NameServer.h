@@ -8,7 +8,6 @@
 
 #include <csignal>
 #include <netinet/in.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <utility>

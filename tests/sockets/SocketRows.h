@@ -1,13 +1,12 @@
 #pragma once
 
+#include "support/Calls.h"
 #include "support/CleanEnd.h"
 #include "support/Testing.h"
 
 #include <tarncommon/stream/IBinStreamBase.h>
 #include <vesk/RawSocket.h>
 
-#include <fcntl.h>
-#include <ostream>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -15,7 +14,6 @@
 
 namespace support {
 
-namespace SysErrorId = vesk::SysErrorId;
 using SocketErrorId = vesk::Socket::ErrorId;
 using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 using Reports = std::vector<ExpectedReport>;
@@ -85,8 +83,12 @@ inline std::vector<ErrnoRow> errnoRows(std::vector<ErrnoReports> const& groups) 
 ///         Fault const fault(inject_bind, GetParam().error);
 ///         ...
 ///     }
-#define VESK_TEST_ROWS(suite, name, ...)                                                                     \
-    class suite : public testing::TestWithParam<support::ErrnoRow> {};                                       \
+#define VESK_TEST_ROWS(suite, name, ...) VESK_TEST_EACH(suite, name, testing::Test, __VA_ARGS__)
+
+/// The same for the values of any array or vector, with a fixture.
+#define VESK_TEST_EACH(suite, name, fixture, ...)                                                            \
+    class suite : public fixture,                                                                            \
+                  public testing::WithParamInterface<std::decay_t<decltype((__VA_ARGS__)[0])>> {};           \
     INSTANTIATE_TEST_SUITE_P(                                                                                \
         rows, suite, testing::ValuesIn(__VA_ARGS__), testing::PrintToStringParamName());                     \
     TEST_P(suite, name)
