@@ -1,0 +1,4 @@
+#pragma once
+
+/// Marks the symbols that `libveskloop.so` exports. All others are hidden.
+#define VESK_LOOP_API [[gnu::visibility("default")]]
