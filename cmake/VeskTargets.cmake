@@ -11,7 +11,7 @@ if(VESK_SANITIZE)
     endif()
 endif()
 
-# Adds one of the two libraries. ARGN lists its sources. SYMBOL is the mangled name of a symbol that only this
+# Adds one of the libraries. ARGN lists its sources. SYMBOL is the mangled name of a symbol that only this
 # library exports.
 function(vesk_add_library name symbol)
     add_library(${name} SHARED ${ARGN})

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vesk/loop/Export.h>
+
 #include <cstddef>
 #include <new>
 #include <type_traits>
@@ -20,9 +22,10 @@ public:
     Callback() noexcept = default;
 
     template <
-        typename F, typename = std::enable_if_t<
-                        !std::is_same_v<std::decay_t<F>, Callback> &&
-                        std::is_invocable_r_v<Result, std::decay_t<F>&, Args...>>>
+        typename F,
+        typename = std::enable_if_t<
+            !std::is_same_v<std::decay_t<F>, Callback> &&
+            std::is_invocable_r_v<Result, std::decay_t<F>&, Args...>>>
     Callback(F&& callable) {
         using Callable = std::decay_t<F>;
         if constexpr (fits<Callable>()) {

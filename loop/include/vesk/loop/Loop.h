@@ -88,9 +88,9 @@ public:
     Result<Timer> after(
         Clock::duration delay, Callback<void()> callback, Priority priority = Priority::NORMAL,
         Place place = Place::here());
-    Result<Timer> at(
-        Clock::time_point moment, Callback<void()> callback, Priority priority = Priority::NORMAL,
-        Place place = Place::here());
+    Result<Timer>
+    at(Clock::time_point moment, Callback<void()> callback, Priority priority = Priority::NORMAL,
+       Place place = Place::here());
     /// Calls back every `period`, first after one period. The moments have no drift: a late call does not delay the
     /// next one, and moments that were missed while other callbacks ran are left out. The period is at least 1 ns.
     Result<Timer> every(
@@ -100,7 +100,8 @@ public:
     /// Calls back when the process or the calling thread gets the signal (`signalfd`). Blocks the signal in the
     /// calling thread: call it before the start of other threads, which inherit that.
     Result<Watch> onSignal(
-        int signal, Callback<void()> callback, Priority priority = Priority::HIGH, Place place = Place::here());
+        int signal, Callback<void()> callback, Priority priority = Priority::HIGH,
+        Place place = Place::here());
 
     /// Calls back once when a child has ended, and reaps it (`pidfd`, `waitid`). No other code may reap it.
     Result<Watch> onExit(

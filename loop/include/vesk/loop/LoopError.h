@@ -12,13 +12,13 @@ VESK_LOOP_API extern std::ErrorType const LoopError;
 /// The reports of `LoopError`.
 namespace LoopErrorId {
 enum Id : int {
-    NOT_CREATED = 0,     ///< The system refused the descriptors of the loop.
-    WAIT_FAILED = 1,     ///< The loop could not wait.
-    RUNNING = 2,         ///< The loop runs already: in another thread, or because a callback tries to run it.
-    FD_REFUSED = 3,      ///< The descriptor cannot be watched. Argument: the descriptor.
-    FD_WATCHED = 4,      ///< The loop watches this direction of the descriptor already. Argument: the descriptor.
-    SIGNAL_REFUSED = 5,  ///< The signal cannot be watched. Argument: the signal.
-    CHILD_REFUSED = 6,   ///< The process is not a child that can be watched. Argument: the process.
+    NOT_CREATED = 0, ///< The system refused the descriptors of the loop.
+    WAIT_FAILED = 1, ///< The loop could not wait.
+    RUNNING = 2,     ///< The loop runs already: in another thread, or because a callback tries to run it.
+    FD_REFUSED = 3,  ///< The descriptor cannot be watched. Argument: the descriptor.
+    FD_WATCHED = 4,  ///< The loop watches this direction of the descriptor already. Argument: the descriptor.
+    SIGNAL_REFUSED = 5, ///< The signal cannot be watched. Argument: the signal.
+    CHILD_REFUSED = 6,  ///< The process is not a child that can be watched. Argument: the process.
 };
 
 /// Returns the family of these ids.

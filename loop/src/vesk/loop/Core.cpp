@@ -109,9 +109,8 @@ bool Core::isLoopThread() const noexcept {
 // ---- posts and wake-ups ----
 
 bool Core::hasPosts() const noexcept {
-    return std::any_of(std::begin(m_posts), std::end(m_posts), [](Posts const& posts) {
-        return !posts.isEmpty();
-    });
+    return std::any_of(
+        std::begin(m_posts), std::end(m_posts), [](Posts const& posts) { return !posts.isEmpty(); });
 }
 
 bool Core::hasReady() const noexcept {
@@ -279,16 +278,22 @@ void Core::callOut(Source* source, Call&& call) {
 }
 
 void Core::setExceptionHook(Callback<void(std::exception_ptr)> hook) {
+    auto const shared = std::make_shared<Callback<void(std::exception_ptr)>>(std::move(hook));
     Locked const locked(m_lock);
-    m_exception_hook = std::move(hook);
+    m_exception_hook = shared;
 }
 
-/// Hands an exception of a callback to the hook. Without one nothing can handle it.
-void Core::handle(std::exception_ptr exception) {
-    if (!m_exception_hook) {
+/// Hands an exception of a callback to the hook. Without one nothing can handle it, nor one that the hook throws.
+void Core::handle(std::exception_ptr exception) noexcept {
+    std::shared_ptr<Callback<void(std::exception_ptr)>> hook;
+    {
+        Locked const locked(m_lock);
+        hook = m_exception_hook;
+    }
+    if (hook == nullptr) {
         std::terminate();
     }
-    m_exception_hook(std::move(exception));
+    (*hook)(std::move(exception));
 }
 
 } // namespace vesk::loop::detail

@@ -145,7 +145,7 @@ private:
     void fire(Source& source) TARN_REQUIRES(m_lock);
     template <typename Call>
     void callOut(Source* source, Call&& call) TARN_REQUIRES(m_lock) TARN_NOT_ANALYZED;
-    void handle(std::exception_ptr exception);
+    void handle(std::exception_ptr exception) noexcept TARN_EXCLUDES(m_lock);
 
     int update(int fd) noexcept TARN_REQUIRES(m_lock);
     int updateSignals() noexcept TARN_REQUIRES(m_lock);
@@ -196,7 +196,7 @@ private:
     // Used by the loop's thread only.
     std::array<epoll_event, 128> m_events{};
     bool m_waits_precisely = true;
-    Callback<void(std::exception_ptr)> m_exception_hook TARN_GUARDED_BY(m_lock);
+    std::shared_ptr<Callback<void(std::exception_ptr)>> m_exception_hook TARN_GUARDED_BY(m_lock);
 };
 
 } // namespace vesk::loop::detail

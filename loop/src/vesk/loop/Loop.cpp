@@ -157,14 +157,14 @@ Result<W> Loop::start(Id refused, int argument, Args&&... args) {
     });
 }
 
-Result<Watch> Loop::onReadable(
-    int fd, Callback<void()> callback, Priority priority, Trigger trigger, Place place) {
+Result<Watch>
+Loop::onReadable(int fd, Callback<void()> callback, Priority priority, Trigger trigger, Place place) {
     return start<Watch, ReadySource>(
         LoopErrorId::FD_REFUSED, fd, priority, place, fd, false, trigger, std::move(callback));
 }
 
-Result<Watch> Loop::onWritable(
-    int fd, Callback<void()> callback, Priority priority, Trigger trigger, Place place) {
+Result<Watch>
+Loop::onWritable(int fd, Callback<void()> callback, Priority priority, Trigger trigger, Place place) {
     return start<Watch, ReadySource>(
         LoopErrorId::FD_REFUSED, fd, priority, place, fd, true, trigger, std::move(callback));
 }
@@ -194,18 +194,15 @@ Result<Timer> Loop::startTimer(
     });
 }
 
-Result<Timer> Loop::after(
-    Clock::duration delay, Callback<void()> callback, Priority priority, Place place) {
+Result<Timer> Loop::after(Clock::duration delay, Callback<void()> callback, Priority priority, Place place) {
     return startTimer(Clock::now() + delay, Clock::duration::zero(), std::move(callback), priority, place);
 }
 
-Result<Timer> Loop::at(
-    Clock::time_point moment, Callback<void()> callback, Priority priority, Place place) {
+Result<Timer> Loop::at(Clock::time_point moment, Callback<void()> callback, Priority priority, Place place) {
     return startTimer(moment, Clock::duration::zero(), std::move(callback), priority, place);
 }
 
-Result<Timer> Loop::every(
-    Clock::duration period, Callback<void()> callback, Priority priority, Place place) {
+Result<Timer> Loop::every(Clock::duration period, Callback<void()> callback, Priority priority, Place place) {
     Clock::duration const interval = std::max(period, Clock::duration(1));
     return startTimer(Clock::now() + interval, interval, std::move(callback), priority, place);
 }

@@ -52,7 +52,8 @@ private:
 /// One direction of a descriptor.
 class FdSource : public Source {
 public:
-    FdSource(std::shared_ptr<Core> core, Priority priority, Place place, int descriptor, bool writes, Trigger how)
+    FdSource(
+        std::shared_ptr<Core> core, Priority priority, Place place, int descriptor, bool writes, Trigger how)
         : Source(std::move(core), priority, place), fd(descriptor), is_writer(writes), trigger(how) {}
 
     void detach() noexcept override;
@@ -68,7 +69,8 @@ public:
     ReadySource(
         std::shared_ptr<Core> core, Priority priority, Place place, int descriptor, bool writes, Trigger how,
         Callback<void()> callback)
-        : FdSource(std::move(core), priority, place, descriptor, writes, how), m_callback(std::move(callback)) {}
+        : FdSource(std::move(core), priority, place, descriptor, writes, how),
+          m_callback(std::move(callback)) {}
 
     void fire() override { m_callback(); }
 
@@ -93,8 +95,8 @@ public:
 
     Clock::duration const period; ///< Zero for a timer that expires once.
     Clock::time_point deadline;
-    unsigned long long order = 0;  ///< Timers of one deadline expire in the order of their starts.
-    size_t index = NOWHERE;        ///< In the heap of the core.
+    unsigned long long order = 0; ///< Timers of one deadline expire in the order of their starts.
+    size_t index = NOWHERE;       ///< In the heap of the core.
 
 private:
     Callback<void()> m_callback;
@@ -123,7 +125,9 @@ public:
         std::shared_ptr<Core> core, Priority priority, Place place, pid_t child, UniqueFd descriptor,
         Callback<void(Exit)> callback)
         : FdSource(std::move(core), priority, place, descriptor.get(), false, Trigger::LEVEL),
-          m_child(child), m_descriptor(std::move(descriptor)), m_callback(std::move(callback)) {}
+          m_child(child),
+          m_descriptor(std::move(descriptor)),
+          m_callback(std::move(callback)) {}
 
     bool prepare() noexcept override;
     void fire() override;

@@ -188,8 +188,7 @@ Clock::duration Core::getWait(Clock::duration timeout) const noexcept {
     if (m_heap.empty()) {
         return timeout;
     }
-    Clock::duration const rest =
-        std::max(m_heap.front()->deadline - Clock::now(), Clock::duration::zero());
+    Clock::duration const rest = std::max(m_heap.front()->deadline - Clock::now(), Clock::duration::zero());
     return timeout < Clock::duration::zero() ? rest : std::min(rest, timeout);
 }
 
