@@ -1,6 +1,7 @@
 #include "Often.h"
 
 #include <tarncommon/error/ErrorStorage.h>
+#include <vesk/FileInfo.h>
 #include <vesk/StreamBinFileR.h>
 #include <vesk/StreamBinFileW.h>
 
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -210,6 +212,30 @@ void failedOpenBare(benchmark::State& state) {
     }
 }
 
+void failedStatVesk(benchmark::State& state) {
+    for (auto _ : state) {
+        vesk::FileInfo const info(MISSING, true);
+        if (info.isValid()) {
+            state.SkipWithError("stat succeeded");
+            break;
+        }
+        benchmark::DoNotOptimize(std::ErrorStorage::get()->getText());
+        std::ErrorStorage::ack();
+    }
+}
+
+void failedStatBare(benchmark::State& state) {
+    char text[256];
+    struct stat info {};
+    for (auto _ : state) {
+        if (stat(MISSING, &info) == 0) {
+            state.SkipWithError("stat succeeded");
+            break;
+        }
+        benchmark::DoNotOptimize(strerror_r(errno, text, sizeof text));
+    }
+}
+
 void openAndCloseVesk(benchmark::State& state) {
     vesk::StreamBinFileR file;
     for (auto _ : state) {
@@ -238,8 +264,10 @@ BENCHMARK(readBlocksVesk)->Name("Buffered 16-byte read of a file, twin without a
 BENCHMARK(readBlocksBare)->Name("Buffered 16-byte read of a file, twin without a lock (at most 1.0)/bare");
 BENCHMARK(writeBlocksVesk)->Name("Buffered 16-byte write of a file, twin without a lock (at most 1.0)/vesk");
 BENCHMARK(writeBlocksBare)->Name("Buffered 16-byte write of a file, twin without a lock (at most 1.0)/bare");
-BENCHMARK(failedOpenVesk)->Name("Failed open with its reports (at most 2.0)/vesk");
-BENCHMARK(failedOpenBare)->Name("Failed open with its reports (at most 2.0)/bare");
+BENCHMARK(failedStatVesk)->Name("Failed stat with its reports (at most 1.3)/vesk")->Apply(often);
+BENCHMARK(failedStatBare)->Name("Failed stat with its reports (at most 1.3)/bare")->Apply(often);
+BENCHMARK(failedOpenVesk)->Name("Failed open with its reports (at most 1.2)/vesk")->Apply(often);
+BENCHMARK(failedOpenBare)->Name("Failed open with its reports (at most 1.2)/bare")->Apply(often);
 BENCHMARK(openAndCloseVesk)->Name("Open and close (at most 1.05)/vesk");
 BENCHMARK(openAndCloseBare)->Name("Open and close (at most 1.05)/bare");
 

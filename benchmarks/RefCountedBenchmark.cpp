@@ -105,8 +105,8 @@ void countUnderMutex(benchmark::State& state) {
 
 BENCHMARK(copyHandle)->Name("RefCounted handle copy (at most 1.0)/vesk");
 BENCHMARK(copySharedPtr)->Name("RefCounted handle copy (at most 1.0)/bare");
-BENCHMARK(createHandle)->Name("RefCounted create and destroy (at most 1.2)/vesk");
-BENCHMARK(createCounter)->Name("RefCounted create and destroy (at most 1.2)/bare");
+BENCHMARK(createHandle)->Name("RefCounted create and destroy (at most 1.0)/vesk");
+BENCHMARK(createCounter)->Name("RefCounted create and destroy (at most 1.0)/bare");
 BENCHMARK(copyPtr)->Name("Shared::Ptr copy/vesk");
 BENCHMARK(countUnderMutex)->Name("Shared::Ptr copy/bare");
 

@@ -25,7 +25,7 @@ namespace {
 using vesk::IPSocket;
 
 constexpr unsigned int PIECE = 64 << 10;
-constexpr unsigned int PIECES = 16;
+constexpr unsigned int PIECES_OF_A_MIB = 16;
 constexpr int WAITING = 64;
 
 void check(bool failed) {
@@ -265,21 +265,22 @@ void fixBuffers(int fd) {
     check(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0);
 }
 
-/// Sends a MiB in pieces and waits until the peer has received all of it.
+/// Sends some MiB in pieces and waits until the peer has received all of them.
 template <typename Connection>
 void stream(benchmark::State& state) {
     OneProcessor const together;
     Connection connection;
+    unsigned int const pieces = static_cast<unsigned int>(state.range(0)) * PIECES_OF_A_MIB;
     fixBuffers(connection.getClient().getFd());
     fixBuffers(connection.getPeer().getFd());
-    std::thread peer([end = connection.getPeer()]() mutable {
+    std::thread peer([end = connection.getPeer(), pieces]() mutable {
         unsigned int count = 0;
-        unsigned int left = PIECES * PIECE;
+        unsigned int left = pieces * PIECE;
         while (end.receive(s_received, PIECE, count)) {
             left -= count;
             if (left == 0) {
                 end.send(s_received, 1);
-                left = PIECES * PIECE;
+                left = pieces * PIECE;
             }
         }
     });
@@ -287,7 +288,7 @@ void stream(benchmark::State& state) {
     char byte = 0;
     unsigned int count = 0;
     measureTogether(state, [&] {
-        for (unsigned int i = 0; i < PIECES; ++i) {
+        for (unsigned int i = 0; i < pieces; ++i) {
             end.send(s_sent, PIECE);
         }
         check(!end.receive(&byte, 1, count));
@@ -296,11 +297,15 @@ void stream(benchmark::State& state) {
     peer.join();
 }
 BENCHMARK(stream<VeskTcp>)
-    ->Name("TCP stream of a MiB in pieces of 64 KiB (at most 1.02)/vesk")
-    ->Apply(copying);
+    ->Name("TCP stream in pieces of 64 KiB, MiB (at most 1.02)/vesk")
+    ->Apply(copying)
+    ->Arg(1)
+    ->Arg(16);
 BENCHMARK(stream<BareTcp>)
-    ->Name("TCP stream of a MiB in pieces of 64 KiB (at most 1.02)/bare")
-    ->Apply(copying);
+    ->Name("TCP stream in pieces of 64 KiB, MiB (at most 1.02)/bare")
+    ->Apply(copying)
+    ->Arg(1)
+    ->Arg(16);
 
 /// Accepts connections that are already pending, so that only `take` is measured.
 template <typename Take>
@@ -340,7 +345,7 @@ void adopt(benchmark::State& state) {
     });
     server.close(false);
 }
-BENCHMARK(adopt)->Name("TCP accept, adopt and close (at most 1.10)/vesk")->Apply(transfer);
+BENCHMARK(adopt)->Name("TCP accept, adopt and close (at most 1.05)/vesk")->Apply(transfer);
 
 /// Formats the peer's address as well, as the adopting socket does.
 void bareAdopt(benchmark::State& state) {
@@ -357,6 +362,6 @@ void bareAdopt(benchmark::State& state) {
         check(close(fd) != 0);
     });
 }
-BENCHMARK(bareAdopt)->Name("TCP accept, adopt and close (at most 1.10)/bare")->Apply(transfer);
+BENCHMARK(bareAdopt)->Name("TCP accept, adopt and close (at most 1.05)/bare")->Apply(transfer);
 
 } // namespace

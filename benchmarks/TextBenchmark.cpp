@@ -1,4 +1,5 @@
 #include <vesk/UnicodeString.h>
+#include <vesk/WidePath.h>
 
 #include <benchmark/benchmark.h>
 
@@ -30,17 +31,22 @@ void convert(benchmark::State& state) {
     }
 }
 
+std::wstring widenByHand(std::string const& path) {
+    mbstate_t shift{};
+    char const* source = path.c_str();
+    size_t const characters = mbsrtowcs(nullptr, &source, 0, &shift);
+    std::wstring wide(characters, L'\0');
+    shift = {};
+    source = path.c_str();
+    mbsrtowcs(wide.data(), &source, characters + 1, &shift);
+    return wide;
+}
+
 void convertByHand(benchmark::State& state) {
     std::string const path = makePath(state);
     for (auto _ : state) {
+        std::wstring const wide = widenByHand(path);
         mbstate_t shift{};
-        char const* source = path.c_str();
-        size_t const characters = mbsrtowcs(nullptr, &source, 0, &shift);
-        std::wstring wide(characters, L'\0');
-        shift = {};
-        source = path.c_str();
-        mbsrtowcs(wide.data(), &source, characters + 1, &shift);
-        shift = {};
         wchar_t const* wide_source = wide.c_str();
         size_t const bytes = wcsrtombs(nullptr, &wide_source, 0, &shift);
         std::unique_ptr<char[]> const narrow(new char[bytes + 1]);
@@ -52,7 +58,35 @@ void convertByHand(benchmark::State& state) {
     }
 }
 
-BENCHMARK(convert)->Name("narrow to wide and back (at most 1.05)/vesk")->Arg(100)->Arg(1000);
-BENCHMARK(convertByHand)->Name("narrow to wide and back (at most 1.05)/bare")->Arg(100)->Arg(1000);
+void makeWidePath(benchmark::State& state) {
+    std::string const path = makePath(state);
+    for (auto _ : state) {
+        vesk::WidePath const wide{vesk::UnicodeString(path)};
+        benchmark::DoNotOptimize(wide.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+void makeWidePathByHand(benchmark::State& state) {
+    std::string const path = makePath(state);
+    for (auto _ : state) {
+        std::wstring wide = widenByHand(path);
+        benchmark::DoNotOptimize(wide.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+constexpr int LENGTHS[] = {64, 1000};
+
+void lengths(benchmark::internal::Benchmark* row) {
+    for (int const length : LENGTHS) {
+        row->Arg(length);
+    }
+}
+
+BENCHMARK(convert)->Name("narrow to wide and back (at most 0.8)/vesk")->Apply(lengths);
+BENCHMARK(convertByHand)->Name("narrow to wide and back (at most 0.8)/bare")->Apply(lengths);
+BENCHMARK(makeWidePath)->Name("WidePath from narrow text (at most 1.2)/vesk")->Apply(lengths);
+BENCHMARK(makeWidePathByHand)->Name("WidePath from narrow text (at most 1.2)/bare")->Apply(lengths);
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <csignal>
 #include <ctime>
+#include <map>
 #include <memory>
 #include <pthread.h>
 #include <semaphore.h>
@@ -112,6 +113,91 @@ void restartAmongFew(benchmark::State& state) {
     restart(state, 10);
 }
 BENCHMARK(restartAmongFew)->Name("Timers stopped and started in turns, 10,000 against 10/bare");
+
+// ---- Start and stop against the bare way ----
+
+void startStopVesk(benchmark::State& state) {
+    startStop(state, static_cast<unsigned int>(state.range(0)));
+}
+BENCHMARK(startStopVesk)->Name("Timer start plus stop (at most 1.0)/vesk")->Arg(100)->Arg(1000)->Arg(10000);
+
+/// A hand-made engine: a mutex, a map of expiries, and one kernel timer, which is armed for the earliest expiry.
+class HandMadeTimers {
+public:
+    using Place = std::multimap<long long, int>::iterator;
+
+    HandMadeTimers() {
+        sigevent event{};
+        event.sigev_notify = SIGEV_SIGNAL; // Never raised: the benchmark is shorter than an hour.
+        event.sigev_signo = SIGRTMIN + 8;
+        timer_create(CLOCK_MONOTONIC, &event, &m_timer);
+    }
+    ~HandMadeTimers() { timer_delete(m_timer); }
+
+    Place start(unsigned int interval_ms, int id) {
+        pthread_mutex_lock(&m_mutex);
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        Place const place = m_expiries.emplace(now.tv_sec * 1000LL + now.tv_nsec / 1000000 + interval_ms, id);
+        if (place == m_expiries.begin()) {
+            itimerspec value{};
+            value.it_value.tv_sec = static_cast<time_t>(interval_ms / 1000);
+            value.it_value.tv_nsec = static_cast<long>(interval_ms % 1000) * 1000000;
+            timer_settime(m_timer, 0, &value, nullptr);
+        }
+        pthread_mutex_unlock(&m_mutex);
+        return place;
+    }
+    void stop(Place place) {
+        pthread_mutex_lock(&m_mutex);
+        m_expiries.erase(place);
+        pthread_mutex_unlock(&m_mutex);
+    }
+
+private:
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
+    std::multimap<long long, int> m_expiries;
+    timer_t m_timer{};
+};
+
+void startStopByHand(benchmark::State& state) {
+    HandMadeTimers timers;
+    auto const pending = static_cast<unsigned int>(state.range(0));
+    for (unsigned int i = 0; i < pending; ++i) {
+        timers.start(Running::getInterval(i), 0);
+    }
+    unsigned int i = 0;
+    for (auto _ : state) {
+        timers.stop(timers.start(Running::getInterval(++i), 1));
+    }
+}
+BENCHMARK(startStopByHand)->Name("Timer start plus stop (at most 1.0)/bare")->Arg(100)->Arg(1000)->Arg(10000);
+
+void startStopAlone(benchmark::State& state) {
+    vesk::Timer timer(doNothing, false);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(timer.start(HOUR_MS, false));
+        benchmark::DoNotOptimize(timer.stop());
+    }
+}
+BENCHMARK(startStopAlone)->Name("Timer start plus stop, none pending (at most 0.2)/vesk");
+
+void startStopOfTheKernel(benchmark::State& state) {
+    sigevent event{};
+    event.sigev_notify = SIGEV_SIGNAL; // Never raised: the benchmark is shorter than an hour.
+    event.sigev_signo = SIGRTMIN + 8;
+    timer_t timer{};
+    timer_create(CLOCK_MONOTONIC, &event, &timer);
+    itimerspec hour{};
+    hour.it_value.tv_sec = HOUR_MS / 1000;
+    itimerspec const never{};
+    for (auto _ : state) {
+        timer_settime(timer, 0, &hour, nullptr);
+        timer_settime(timer, 0, &never, nullptr);
+    }
+    timer_delete(timer);
+}
+BENCHMARK(startStopOfTheKernel)->Name("Timer start plus stop, none pending (at most 0.2)/bare");
 
 // ---- Delay of a timer of one millisecond ----
 

@@ -11,6 +11,15 @@ if(VESK_SANITIZE)
     endif()
 endif()
 
+# Packed relative relocations take little more than one bit each. A linker that does not support them for its
+# target ignores the option with a warning.
+include(CheckLinkerFlag)
+check_linker_flag(CXX -Wl,--fatal-warnings,-z,pack-relative-relocs VESK_HAS_PACKED_RELOCATIONS)
+
+if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+    set(VESK_OPTIMIZES_SIZE ON)
+endif()
+
 # Adds one of the libraries. ARGN lists its sources. SYMBOL is the mangled name of a symbol that only this
 # library exports.
 function(vesk_add_library name symbol)
@@ -27,6 +36,15 @@ function(vesk_add_library name symbol)
     target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:vesk_build_flags>)
     # Calls inside a library are bound to the library; a program can replace only functions of libc.
     target_compile_options(${name} PRIVATE -fno-semantic-interposition -fno-plt)
+    # Functions only: programs have copies of exported data, and families are identified by their addresses.
+    target_link_options(${name} PRIVATE -Wl,-Bsymbolic-functions)
+    if(VESK_HAS_PACKED_RELOCATIONS)
+        target_link_options(${name} PRIVATE -Wl,-z,pack-relative-relocs)
+    endif()
+    # On 32-bit systems memory is scarce. `vesk_optimize_speed` names the exceptions.
+    if(VESK_OPTIMIZES_SIZE)
+        target_compile_options(${name} PRIVATE -Os)
+    endif()
     # A unique symbol would prevent the loader from ever unloading the library. Clang does not create such
     # symbols.
     target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
@@ -48,6 +66,13 @@ function(vesk_add_library name symbol)
     endif()
     if(NOT VESK_SANITIZE)
         target_link_options(${name} PRIVATE -Wl,-z,defs)
+    endif()
+endfunction()
+
+# Optimizes sources for speed where the others are optimized for size.
+function(vesk_optimize_speed)
+    if(VESK_OPTIMIZES_SIZE)
+        set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -O2 SKIP_PRECOMPILE_HEADERS ON)
     endif()
 endfunction()
 

@@ -20,14 +20,7 @@ void TextWriter::put(char const* text) noexcept {
     if (text == nullptr) {
         text = "(null)";
     }
-    size_t const room = static_cast<size_t>(m_limit - m_end);
-    size_t length = strnlen(text, room + 1);
-    if (length > room) {
-        m_cut = true;
-        length = room;
-    }
-    memcpy(m_end, text, length);
-    m_end += length;
+    put(text, strnlen(text, static_cast<size_t>(m_limit - m_end) + 1));
 }
 
 void TextWriter::putSigned(long long value) noexcept {
@@ -142,14 +135,6 @@ void TextWriter::putPlace(char const* file, int line, char const* function) noex
     put(": ");
     put(function);
     put(": ");
-}
-
-size_t TextWriter::finish() noexcept {
-    if (m_cut) {
-        memcpy(m_limit - 3, "...", 3);
-    }
-    *m_end = '\0';
-    return static_cast<size_t>(m_end - m_begin);
 }
 
 void writeAll(int fd, char const* text, size_t length) noexcept {

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstring>
 
 namespace tarnbase::detail {
 
@@ -15,6 +16,15 @@ public:
 
     void put(char character) noexcept;
     void put(char const* text) noexcept;
+    void put(char const* text, size_t length) noexcept {
+        size_t const room = static_cast<size_t>(m_limit - m_end);
+        if (length > room) {
+            m_cut = true;
+            length = room;
+        }
+        memcpy(m_end, text, length);
+        m_end += length;
+    }
     void putSigned(long long value) noexcept;
     void putUnsigned(unsigned long long value, unsigned int base = 10) noexcept;
     void putAddress(void const* address) noexcept;
@@ -27,7 +37,13 @@ public:
     void putPlace(char const* file, int line, char const* function) noexcept;
 
     /// Appends the closing null and returns the length of the text without it.
-    size_t finish() noexcept;
+    size_t finish() noexcept {
+        if (m_cut) {
+            memcpy(m_limit - 3, "...", 3);
+        }
+        *m_end = '\0';
+        return static_cast<size_t>(m_end - m_begin);
+    }
 
 private:
     char* m_begin;

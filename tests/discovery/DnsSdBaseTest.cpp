@@ -1,16 +1,10 @@
 #include "Clients.h"
 
 #include "support/AllocationCounter.h"
-#include "support/NamedRow.h"
+#include "support/Testing.h"
 #include "support/VtableSlot.h"
 
-#include <gtest/gtest.h>
-
-#include <iterator>
 #include <map>
-#include <tuple>
-#include <type_traits>
-#include <vector>
 
 namespace {
 
@@ -24,6 +18,11 @@ using CodePoints = std::vector<unsigned int>;
 template <size_t N>
 std::string bytes(char const (&literal)[N]) {
     return std::string(literal, N - 1);
+}
+
+CodePoints operator+(CodePoints first, CodePoints const& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
 }
 
 String makeString(CodePoints const& code_points) {
@@ -41,11 +40,8 @@ CodePoints sanitize(CodePoints const& code_points) {
     return CodePoints(result.begin(), result.end());
 }
 
-class SanitizeCharacter : public testing::TestWithParam<std::tuple<bool, unsigned int>> {};
-
-TEST_P(SanitizeCharacter, isKeptOrReplacedInEveryPlace) {
-    auto const [is_kept, c] = GetParam();
-    unsigned int const expected = is_kept ? c : REPLACEMENT_CHAR;
+void expectSanitized(unsigned int c, unsigned int expected) {
+    SCOPED_TRACE(c);
     EXPECT_EQ(CodePoints{expected}, sanitize({c}));
     EXPECT_EQ((CodePoints{expected, 'a', 'b'}), sanitize({c, 'a', 'b'}));
     EXPECT_EQ((CodePoints{'a', expected, 'b'}), sanitize({'a', c, 'b'}));
@@ -54,22 +50,21 @@ TEST_P(SanitizeCharacter, isKeptOrReplacedInEveryPlace) {
         << "behind a replaced one";
 }
 
-// Line feed, form feed, carriage return, and the bounds of the ranges. The last bound is not the end of Unicode.
-INSTANTIATE_TEST_SUITE_P(
-    Kept, SanitizeCharacter,
-    testing::Combine(
-        testing::Values(true),
-        testing::Values(
-            10u, 12u, 13u, 32u, 126u, 160u, 0xFCu, 0xD7FFu, 0xF900u, 0xFFFDu, 0xFFFEu, 0xFFFFu, 0x10000u,
-            0x10FFFu)));
-// Control characters with the tab, surrogates and private use, and everything above.
-INSTANTIATE_TEST_SUITE_P(
-    Replaced, SanitizeCharacter,
-    testing::Combine(
-        testing::Values(false),
-        testing::Values(
-            0u, 1u, 8u, 9u, 11u, 14u, 27u, 31u, 127u, 128u, 159u, 0xD800u, 0xDFFFu, 0xE000u, 0xF8FFu,
-            0x11000u, 0x1F5A8u, 0xF0000u, 0x10FFFFu, 0x110000u, 0x80000000u, 0xFFFFFFFFu)));
+TEST(Sanitize, keepsOrReplacesACharacterInEveryPlace) {
+    // Line feed, form feed, carriage return, and the bounds of the ranges. Unicode does not end at the last.
+    for (unsigned int const c :
+         {10u, 12u, 13u, 32u, 126u, 160u, 0xFCu, 0xD7FFu, 0xF900u, 0xFFFDu, 0xFFFEu, 0xFFFFu, 0x10000u,
+          0x10FFFu}) {
+        expectSanitized(c, c);
+    }
+    // Control characters with the tab, surrogates and private use, and everything above.
+    for (unsigned int const c :
+         {0u,       1u,       8u,        9u,        11u,         14u,        27u,     31u,
+          127u,     128u,     159u,      0xD800u,   0xDFFFu,     0xE000u,    0xF8FFu, 0x11000u,
+          0x1F5A8u, 0xF0000u, 0x10FFFFu, 0x110000u, 0x80000000u, 0xFFFFFFFFu}) {
+        expectSanitized(c, REPLACEMENT_CHAR);
+    }
+}
 
 TEST(Sanitize, replacesExactlyTheFourRanges) {
     CodePoints all;
@@ -88,39 +83,24 @@ struct SanitizeRow : NamedRow {
     CodePoints expected;
 };
 
-class SanitizeName : public testing::TestWithParam<SanitizeRow> {};
+SanitizeRow const NAMES[] = {
+    {"empty", {}, {}},
+    {"oneMark", {BOM, 'a', 'b'}, {'a', 'b'}},
+    {"threeMarks", {BOM, BOM, BOM, 'a', 'b'}, {'a', 'b'}},
+    {"manyMarks", CodePoints(100000, BOM), {}},
+    {"onlyOneMark", {BOM}, {}},
+    {"onlyMarks", {BOM, BOM}, {}},
+    {"marksBehindTheBeginning", {'a', BOM, 'b', BOM}, {'a', BOM, 'b', BOM}},
+    {"markBehindAReplacedCharacter", {7, BOM}, {REPLACEMENT_CHAR, BOM}},
+    {"markAndReplacedCharacters", {BOM, 7, 'a', 0x1F5A8}, {REPLACEMENT_CHAR, 'a', REPLACEMENT_CHAR}},
+    {"manyMarksBeforeALetter", CodePoints(100000, BOM) + CodePoints{'a'}, {'a'}},
+    {"pictographBehindLetters",
+     {'P', 'r', 'i', 'n', 't', 'e', 'r', 0x1F5A8},
+     {'P', 'r', 'i', 'n', 't', 'e', 'r', REPLACEMENT_CHAR}},
+};
 
-TEST_P(SanitizeName, dropsByteOrderMarksAtTheBeginningOnly) {
+VESK_TEST_TABLE(SanitizeName, dropsByteOrderMarksAtTheBeginningOnly, testing::Test, NAMES) {
     EXPECT_EQ(GetParam().expected, sanitize(GetParam().name));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, SanitizeName,
-    rowsOf<SanitizeRow>({
-        {"empty", {}, {}},
-        {"oneMark", {BOM, 'a', 'b'}, {'a', 'b'}},
-        {"threeMarks", {BOM, BOM, BOM, 'a', 'b'}, {'a', 'b'}},
-        {"manyMarks", CodePoints(100000, BOM), {}},
-        {"onlyOneMark", {BOM}, {}},
-        {"onlyMarks", {BOM, BOM}, {}},
-        {"marksBehindTheBeginning", {'a', BOM, 'b', BOM}, {'a', BOM, 'b', BOM}},
-        {"markBehindAReplacedCharacter", {7, BOM}, {REPLACEMENT_CHAR, BOM}},
-        {"markAndReplacedCharacters", {BOM, 7, 'a', 0x1F5A8}, {REPLACEMENT_CHAR, 'a', REPLACEMENT_CHAR}},
-    }),
-    byName);
-
-TEST(Sanitize, dropsManyByteOrderMarksBeforeALetter) {
-    CodePoints many(100000, BOM);
-    many.push_back('a');
-    EXPECT_EQ(CodePoints{'a'}, sanitize(many));
-}
-
-TEST(Sanitize, keepsSevenLettersBeforeAPictograph) {
-    String name = text("Printer");
-    name += 0x1F5A8;
-    String expected = text("Printer");
-    expected += REPLACEMENT_CHAR;
-    EXPECT_TRUE(expected == DnsSdBase::sanitize(name));
 }
 
 TEST(Sanitize, copiesACleanNameOnce) {
@@ -141,9 +121,67 @@ struct UnescapeRow : NamedRow {
     size_t cursor; ///< Behind the piece.
 };
 
-class Unescape : public testing::TestWithParam<UnescapeRow> {};
+UnescapeRow const ESCAPED[] = {
+    // A zero ends it.
+    {"empty", "", ".", "", 0},
+    {"plain", "abc", ".", "abc", 3},
+    {"zeroInside", bytes("ab\0cd"), ".", "ab", 2},
+    // A stop character ends it and is not consumed.
+    {"stop", "ab.cd", ".", "ab", 2},
+    {"stopAtOnce", ".ab", ".", "", 0},
+    {"secondStop", "ab/cd.e", "./", "ab", 2},
+    {"noStops", "a.b/c", "", "a.b/c", 5},
+    {"highStop", "ab\377cd", "\377", "ab", 2},
+    {"digitAsStop", "ab1cd", "1", "ab", 2},
+    {"backslashAsStop", "a\\032b", "\\", "a", 1},
+    // An escaped byte stands for itself.
+    {"escapedStop", "a\\.b.c", ".", "a.b", 4},
+    {"escapedBackslash", "a\\\\b", ".", "a\\b", 4},
+    {"escapedBackslashThenStop", "a\\\\.b", ".", "a\\", 3},
+    {"escapedLetter", "\\n\\x", ".", "nx", 4},
+    {"escapedHighByte", "\\\xC3\\\xBC", ".", "\xC3\xBC", 4},
+    {"escapedBeforeZero", "\\/\\:", "", "/:", 4}, // The neighbors of the digits.
+    // Three digits are a byte.
+    {"space", "a\\032b", ".", "a b", 6},
+    {"dotAndSpace", "a\\.b\\032c", ".", "a.b c", 9},
+    {"stopAsDigits", "a\\046b.c", ".", "a.b", 6},
+    {"zeroAsDigits", "a\\000b", ".", bytes("a\0b"), 6},
+    {"highAsDigits", "\\128\\255", ".", "\x80\xFF", 8},
+    {"digitsAsDigits", "\\0651", ".", "A1", 5},
+    {"twice", "\\065\\066", ".", "AB", 8},
+    {"digitAsStopWithin", "\\065b1", "0561", "Ab", 5}, // A stop character does not end an escape.
+    // They are cut to 8 bits.
+    {"overflowToOne", "\\257x", ".", "\x01x", 5},
+    // A backslash at the end is ignored.
+    {"backslashAlone", "\\", ".", "", 1},
+    {"backslashAtEnd", "ab\\", ".", "ab", 3},
+    {"backslashBeforeZero", bytes("ab\\\0cd"), ".", "ab", 3},
+    // A bad second or third digit ends it, the cursor behind the bad byte.
+    {"badSecond", "ab\\1x23", ".", "ab", 5},
+    {"badSecondIsBackslash", "ab\\1\\23", ".", "ab", 5},
+    {"badSecondIsStop", "ab\\1.23", ".", "ab", 5},
+    {"badSecondBelowDigits", "ab\\1/23", ".", "ab", 5},
+    {"badSecondAboveDigits", "ab\\1:23", ".", "ab", 5},
+    {"badSecondIsHigh", "ab\\1\2623", ".", "ab", 5},
+    {"badThird", "ab\\12x3", ".", "ab", 6},
+    {"badThirdIsBackslash", "ab\\12\\3", ".", "ab", 6},
+    {"badThirdIsStop", "ab\\12.3", ".", "ab", 6},
+    {"badThirdBelowDigits", "ab\\12/", ".", "ab", 6},
+    {"badThirdAboveDigits", "ab\\12:", ".", "ab", 6},
+    {"badThirdIsHigh", "ab\\12\xFF", ".", "ab", 6},
+    {"badSecondAtTheStart", "\\1x", ".", "", 3},
+    {"badAfterGood", "\\065\\1x", ".", "A", 7},
+    // Also where the bad byte is the terminating zero: the cursor is beyond the text.
+    {"secondIsTheEnd", "ab\\1", ".", "ab", 5},
+    {"thirdIsTheEnd", "ab\\12", ".", "ab", 6},
+    {"secondIsAZero", bytes("ab\\1\0cd"), ".", "ab", 5},
+    {"thirdIsAZero", bytes("ab\\12\0cd"), ".", "ab", 6},
+    // Bytes are bytes.
+    {"utf8", "K\303\274che.x", ".", "K\303\274che", 6},
+    {"allHigh", "\x80\xFE\xFF", ".", "\x80\xFE\xFF", 3},
+};
 
-TEST_P(Unescape, returnsThePieceAndMovesTheCursorBehindIt) {
+VESK_TEST_TABLE(Unescape, returnsThePieceAndMovesTheCursorBehindIt, testing::Test, ESCAPED) {
     UnescapeRow const& row = GetParam();
     // In memory of exactly its size, so that a sanitizer detects a read beyond it.
     std::vector<char> const text(row.text.c_str(), row.text.c_str() + row.text.size() + 1);
@@ -151,72 +189,6 @@ TEST_P(Unescape, returnsThePieceAndMovesTheCursorBehindIt) {
     EXPECT_EQ(row.piece, DnsSdBase::unescape(cursor, row.stop_chars));
     EXPECT_EQ(row.cursor, static_cast<size_t>(cursor - text.data()));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, Unescape,
-    rowsOf<UnescapeRow>({
-        // A zero ends it.
-        {"empty", "", ".", "", 0},
-        {"plain", "abc", ".", "abc", 3},
-        {"zeroInside", bytes("ab\0cd"), ".", "ab", 2},
-        // A stop character ends it and is not consumed.
-        {"stop", "ab.cd", ".", "ab", 2},
-        {"stopAtOnce", ".ab", ".", "", 0},
-        {"secondStop", "ab/cd.e", "./", "ab", 2},
-        {"noStops", "a.b/c", "", "a.b/c", 5},
-        {"highStop", "ab\377cd", "\377", "ab", 2},
-        {"digitAsStop", "ab1cd", "1", "ab", 2},
-        {"backslashAsStop", "a\\032b", "\\", "a", 1},
-        // An escaped byte stands for itself.
-        {"escapedStop", "a\\.b.c", ".", "a.b", 4},
-        {"escapedBackslash", "a\\\\b", ".", "a\\b", 4},
-        {"escapedBackslashThenStop", "a\\\\.b", ".", "a\\", 3},
-        {"escapedLetter", "\\n\\x", ".", "nx", 4},
-        {"escapedHighByte", "\\\xC3\\\xBC", ".", "\xC3\xBC", 4},
-        {"escapedBeforeZero", "\\/\\:", "", "/:", 4}, // The neighbors of the digits.
-        // Three digits are a byte.
-        {"space", "a\\032b", ".", "a b", 6},
-        {"dotAndSpace", "a\\.b\\032c", ".", "a.b c", 9},
-        {"stopAsDigits", "a\\046b.c", ".", "a.b", 6},
-        {"zeroAsDigits", "a\\000b", ".", bytes("a\0b"), 6},
-        {"highAsDigits", "\\128\\255", ".", "\x80\xFF", 8},
-        {"digitsAsDigits", "\\0651", ".", "A1", 5},
-        {"twice", "\\065\\066", ".", "AB", 8},
-        {"digitAsStopWithin", "\\065b1", "0561", "Ab", 5}, // A stop character does not end an escape.
-        // They are cut to 8 bits.
-        {"overflowToZero", "\\256", ".", bytes("\0"), 4},
-        {"overflowToOne", "\\257x", ".", "\x01x", 5},
-        {"overflowTwice", "\\512", ".", bytes("\0"), 4},
-        {"overflowOfAll", "\\999", ".", "\xE7", 4},
-        // A backslash at the end is ignored.
-        {"backslashAlone", "\\", ".", "", 1},
-        {"backslashAtEnd", "ab\\", ".", "ab", 3},
-        {"backslashBeforeZero", bytes("ab\\\0cd"), ".", "ab", 3},
-        // A bad second or third digit ends it, the cursor behind the bad byte.
-        {"badSecond", "ab\\1x23", ".", "ab", 5},
-        {"badSecondIsBackslash", "ab\\1\\23", ".", "ab", 5},
-        {"badSecondIsStop", "ab\\1.23", ".", "ab", 5},
-        {"badSecondBelowDigits", "ab\\1/23", ".", "ab", 5},
-        {"badSecondAboveDigits", "ab\\1:23", ".", "ab", 5},
-        {"badSecondIsHigh", "ab\\1\2623", ".", "ab", 5},
-        {"badThird", "ab\\12x3", ".", "ab", 6},
-        {"badThirdIsBackslash", "ab\\12\\3", ".", "ab", 6},
-        {"badThirdIsStop", "ab\\12.3", ".", "ab", 6},
-        {"badThirdBelowDigits", "ab\\12/", ".", "ab", 6},
-        {"badThirdAboveDigits", "ab\\12:", ".", "ab", 6},
-        {"badThirdIsHigh", "ab\\12\xFF", ".", "ab", 6},
-        {"badSecondAtTheStart", "\\1x", ".", "", 3},
-        {"badAfterGood", "\\065\\1x", ".", "A", 7},
-        // Also where the bad byte is the terminating zero: the cursor is beyond the text.
-        {"secondIsTheEnd", "ab\\1", ".", "ab", 5},
-        {"thirdIsTheEnd", "ab\\12", ".", "ab", 6},
-        {"secondIsAZero", bytes("ab\\1\0cd"), ".", "ab", 5},
-        {"thirdIsAZero", bytes("ab\\12\0cd"), ".", "ab", 6},
-        // Bytes are bytes.
-        {"utf8", "K\303\274che.x", ".", "K\303\274che", 6},
-        {"allHigh", "\x80\xFE\xFF", ".", "\x80\xFE\xFF", 3},
-    }),
-    byName);
 
 TEST(UnescapeName, isSplitPieceByPiece) {
     char const* cursor = "Living\\032Room\\.2._http._tcp.local";
@@ -264,39 +236,34 @@ struct TxtRow : NamedRow {
     Entries entries;
 };
 
-class TxtOfRecord : public testing::TestWithParam<TxtRow> {};
+TxtRow const RECORDS[] = {
+    {"nothing", "", {}},
+    {"empty", bytes("\0"), {}},
+    {"emptyTwice", bytes("\0\0"), {}},
+    {"one", bytes("\3a=b"), {{"a", "b"}}},
+    {"two", bytes("\3a=b\5cd=ef"), {{"a", "b"}, {"cd", "ef"}}},
+    {"keyWithoutSeparatorAndEmptyKey", bytes("\3a=b\2cd\1="), {{"a", "b"}, {"", ""}}},
+    {"emptyValue", bytes("\2a="), {{"a", ""}}},
+    {"emptyKeyWithValue", bytes("\2=b"), {{"", "b"}}},
+    {"emptyStringBetween", bytes("\3a=b\0\3c=d"), {{"a", "b"}, {"c", "d"}}},
+    {"keyEndsAtTheFirstSeparator", bytes("\6a==b=c"), {{"a", "=b=c"}}},
+    {"lastValueOfAKeyIsKept", bytes("\3a=1\3b=2\3a=3"), {{"a", "3"}, {"b", "2"}}},
+    {"lastValueCanBeEmpty", bytes("\3a=1\2a="), {{"a", ""}}},
+    {"lastWithoutSeparatorIsIgnored", bytes("\3a=1\1a"), {{"a", "1"}}},
+    {"caseDiffers", bytes("\3a=1\3A=2"), {{"a", "1"}, {"A", "2"}}},
+    {"unsorted", bytes("\3c=3\3a=1\3b=2"), {{"a", "1"}, {"b", "2"}, {"c", "3"}}},
+    {"zeroBytes", bytes("\5\0=\0\0x"), {{bytes("\0"), bytes("\0\0x")}}},
+    {"highBytes", bytes("\3\xFF=\x80"), {{"\xFF", "\x80"}}},
+    {"overrunByOne", bytes("\3a=b\4c=d"), {{"a", "b"}}},
+    {"overrunByFar", bytes("\3a=b\377c=d"), {{"a", "b"}}},
+    {"overrunAtOnce", bytes("\1"), {}},
+    {"lengthIsTheEnd", bytes("\3a=b\1"), {{"a", "b"}}},
+    {"overrunEndsAll", bytes("\11a=b\3c=d"), {}},
+};
 
-TEST_P(TxtOfRecord, hasTheEntries) {
+VESK_TEST_TABLE(TxtOfRecord, hasTheEntries, testing::Test, RECORDS) {
     EXPECT_EQ(GetParam().entries, decode(GetParam().record));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, TxtOfRecord,
-    rowsOf<TxtRow>({
-        {"nothing", "", {}},
-        {"empty", bytes("\0"), {}},
-        {"emptyTwice", bytes("\0\0"), {}},
-        {"one", bytes("\3a=b"), {{"a", "b"}}},
-        {"two", bytes("\3a=b\5cd=ef"), {{"a", "b"}, {"cd", "ef"}}},
-        {"keyWithoutSeparatorAndEmptyKey", bytes("\3a=b\2cd\1="), {{"a", "b"}, {"", ""}}},
-        {"emptyValue", bytes("\2a="), {{"a", ""}}},
-        {"emptyKeyWithValue", bytes("\2=b"), {{"", "b"}}},
-        {"emptyStringBetween", bytes("\3a=b\0\3c=d"), {{"a", "b"}, {"c", "d"}}},
-        {"keyEndsAtTheFirstSeparator", bytes("\6a==b=c"), {{"a", "=b=c"}}},
-        {"lastValueOfAKeyIsKept", bytes("\3a=1\3b=2\3a=3"), {{"a", "3"}, {"b", "2"}}},
-        {"lastValueCanBeEmpty", bytes("\3a=1\2a="), {{"a", ""}}},
-        {"lastWithoutSeparatorIsIgnored", bytes("\3a=1\1a"), {{"a", "1"}}},
-        {"caseDiffers", bytes("\3a=1\3A=2"), {{"a", "1"}, {"A", "2"}}},
-        {"unsorted", bytes("\3c=3\3a=1\3b=2"), {{"a", "1"}, {"b", "2"}, {"c", "3"}}},
-        {"zeroBytes", bytes("\5\0=\0\0x"), {{bytes("\0"), bytes("\0\0x")}}},
-        {"highBytes", bytes("\3\xFF=\x80"), {{"\xFF", "\x80"}}},
-        {"overrunByOne", bytes("\3a=b\4c=d"), {{"a", "b"}}},
-        {"overrunByFar", bytes("\3a=b\377c=d"), {{"a", "b"}}},
-        {"overrunAtOnce", bytes("\1"), {}},
-        {"lengthIsTheEnd", bytes("\3a=b\1"), {{"a", "b"}}},
-        {"overrunEndsAll", bytes("\11a=b\3c=d"), {}},
-    }),
-    byName);
 
 TEST(TxtRecord, readsOnlyTheGivenSize) {
     EXPECT_TRUE(Txt(0, nullptr).empty());
@@ -351,23 +318,18 @@ TEST(TxtData, hasTheStringsInTheOrderOfTheirKeysOrAZeroByte) {
     EXPECT_EQ(bytes("\1="), encode(txt));
 }
 
-class TxtDataLength : public testing::TestWithParam<std::tuple<size_t, size_t, int>> {};
-
-TEST_P(TxtDataLength, wrapsAtEightBitsAndCutsNothing) {
-    auto const& [key_size, value_size, length_byte] = GetParam();
-    std::string const key(key_size, 'k');
-    std::string const value(value_size, 'v');
-    Txt txt;
-    txt[key] = value;
-    EXPECT_EQ(std::string(1, static_cast<char>(length_byte)) + key + "=" + value, encode(txt));
+TEST(TxtData, lengthWrapsAtEightBitsAndCutsNothing) {
+    std::tuple<size_t, size_t, int> const rows[] = {
+        {0, 0, 1},   {1, 1, 3},     {1, 125, 127}, {1, 126, 128},  {1, 253, 255},  {1, 254, 0},
+        {1, 255, 1}, {254, 0, 255}, {255, 0, 0},   {300, 300, 89}, {1, 70000, 114}};
+    for (auto const& [key_size, value_size, length_byte] : rows) {
+        std::string const key(key_size, 'k');
+        std::string const value(value_size, 'v');
+        Txt txt;
+        txt[key] = value;
+        EXPECT_EQ(std::string(1, static_cast<char>(length_byte)) + key + "=" + value, encode(txt));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, TxtDataLength,
-    testing::Values(
-        std::tuple(0, 0, 1), std::tuple(1, 1, 3), std::tuple(1, 125, 127), std::tuple(1, 126, 128),
-        std::tuple(1, 253, 255), std::tuple(1, 254, 0), std::tuple(1, 255, 1), std::tuple(254, 0, 255),
-        std::tuple(255, 0, 0), std::tuple(300, 300, 89), std::tuple(1, 70000, 114)));
 
 TEST(TxtData, goesOnAfterATooLongEntry) {
     Txt txt;

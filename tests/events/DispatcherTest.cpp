@@ -1,5 +1,8 @@
 #include "support/CleanEnd.h"
+#include "support/ErrnoRows.h"
+#include "support/NewFault.h"
 #include "support/RunInThreads.h"
+#include "support/VtableSlot.h"
 
 #include <vesk/Dispatcher.h>
 
@@ -12,9 +15,7 @@
 
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::runInThreads;
+using namespace support;
 using vesk::Dispatcher;
 using vesk::Message;
 using VanillaQueue = vesk::Dispatcher::VanillaQueue;
@@ -78,10 +79,11 @@ private:
     std::function<void()> m_work;
 };
 
-/// The ready-made notifier, which counts its waits.
+/// The ready-made notifier, which counts its calls.
 class CountingNotifier : public Dispatcher::VanillaNotifier {
 public:
     void signal() override {
+        ++signals;
         if (on_signal) {
             on_signal();
         }
@@ -99,6 +101,7 @@ public:
     }
 
     std::atomic<int> waits{0};
+    std::atomic<int> signals{0};
     std::function<void()> on_signal;
 };
 
@@ -124,8 +127,13 @@ public:
 class CountingHandler : public Message::Handler {
 public:
     ~CountingHandler() override { count = -1000000; }
-    void handle(Message&) override { EXPECT_GE(++count, 0) << "called after its end"; }
+    void handle(Message& message) override {
+        EXPECT_GE(++count, 0) << "called after its end";
+        last = &message;
+    }
+
     int count = 0;
+    Message* last = nullptr;
 };
 
 /// The dispatcher of the tests has the first queue as its source.
@@ -245,25 +253,10 @@ INSTANTIATE_TEST_SUITE_P(
     testing::ValuesIn(std::vector<Scenario>{
         {"runsFromItsConstructionOn", {"isRunning", "stop", "isStopped"}},
         {"stopBeforeRunMakesItReturnOnceWithoutAskingASource",
-         {"stop",
-          "first stop",
-          "run",
-          "log .",
-          "pops 0",
-          "waits 0",
-          "isRunning",
-          "run",
-          "log invoke stop; delete stop; .",
-          "pops 1",
-          "stop",
-          "stop",
-          "first stop",
-          "run",
-          "log .",
-          "pops 1",
-          "waits 0",
-          "isRunning",
-          "run",
+         {"stop", "first stop", "run", "log .", "pops 0", "waits 0", "isRunning", "run",
+          "log invoke stop; delete stop; .", "pops 1"}},
+        {"twoStopsBeforeRunMakeItReturnOnceWithoutAskingASource",
+         {"stop", "stop", "first stop", "run", "log .", "pops 0", "waits 0", "isRunning", "run",
           "log invoke stop; delete stop; ."}},
         {"twoStopsDuringARunEndOnlyThatRun",
          {"first both", "run", "isRunning", "log invoke both; delete both; .", "first stop", "run",
@@ -313,7 +306,7 @@ INSTANTIATE_TEST_SUITE_P(
          {"add handler", "dispatchThrows m", "log handler sees m; .", "remove handler", "dispatchAgain m",
           "log invoke m; delete m; ."},
          {{"handler", {"throw"}}}}}),
-    [](auto const& row) { return row.param.name; });
+    RowName());
 
 // ---- run and stop ----
 
@@ -348,17 +341,19 @@ TEST_F(DispatcherTest, aSleepingDispatcherIsStoppedByAnotherThread) {
 }
 
 TEST_F(DispatcherTest, destructorLeavesQueuedMessagesAlone) {
-    TestMessage* const left = make("left");
+    TestMessage* const left[] = {make("left"), make("last")};
     {
         CountingQueue queue(m_notifier);
         Dispatcher dispatcher(m_notifier);
         dispatcher.add_source(queue);
-        queue.push(left);
+        queue.push(left[0]);
+        queue.push(left[1]);
         dispatcher.stop();
         dispatcher.run();
     }
     EXPECT_TRUE(m_log.empty()) << "neither invoked nor dismissed nor aborted nor deleted";
-    delete left;
+    delete left[0];
+    delete left[1];
 }
 
 TEST_F(DispatcherTest, itCanBeStoppedAndRunAgainManyTimes) {
@@ -420,8 +415,8 @@ TEST_F(DispatcherTest, messagesOfManyThreadsAreAllInvokedInTheOrderOfEach) {
     };
     std::thread loop(Dispatcher::main, &m_dispatcher);
     std::vector<Producer> producers(4);
-    runInThreads(4, [&](size_t thread) {
-        Producer& producer = producers[thread];
+    runInThreads(4, [&](int thread) {
+        Producer& producer = producers[static_cast<size_t>(thread)];
         for (int i = 0; i < MESSAGES; ++i) {
             m_first.push(new Work([&producer, i] {
                 producer.in_order = producer.in_order && i == producer.last + 1;
@@ -448,6 +443,8 @@ TEST_F(DispatcherTest, aMessageIsDismissedByItsOwnOperation) {
     m_dispatcher.dispatch(&member);
     m_dispatcher.dispatch(&member);
     EXPECT_EQ(2, member.dismissed);
+    static_cast<Message&>(member).dismiss();
+    EXPECT_EQ(3, member.dismissed);
 }
 
 TEST_F(DispatcherTest, threadsDispatchWithOneHandlerCallAtATimeAndOverlappingWork) {
@@ -494,6 +491,190 @@ TEST(DispatcherClass, hasNoVirtualOperations) {
     EXPECT_FALSE(std::is_polymorphic_v<Dispatcher>);
     EXPECT_FALSE(std::is_copy_constructible_v<Dispatcher>);
     EXPECT_EQ(1U, sizeof(std::atomic<bool>)) << "the flag is a plain byte";
+}
+
+// ---- the queue ----
+
+class VanillaQueueTest : public testing::Test {
+protected:
+    CountingNotifier m_notifier;
+    VanillaQueue m_queue{m_notifier};
+};
+
+TEST_F(VanillaQueueTest, firstInIsFirstOutAndEveryPushSignalsOnce) {
+    EXPECT_EQ(nullptr, m_queue.pop_nonblock());
+    EXPECT_EQ(0, m_notifier.signals);
+    std::vector<Message> messages(1000);
+    int pushes = 0;
+    for (Message& message : messages) {
+        m_queue.push(&message);
+        EXPECT_EQ(++pushes, m_notifier.signals);
+    }
+    m_queue.push(&messages[0]); // Once more.
+    for (Message& message : messages) {
+        EXPECT_EQ(&message, m_queue.pop_nonblock());
+    }
+    EXPECT_EQ(&messages[0], m_queue.pop_nonblock());
+    EXPECT_EQ(nullptr, m_queue.pop_nonblock());
+}
+
+TEST_F(VanillaQueueTest, signalFollowsTheUnlockWithTheMessageInTheQueue) {
+    Message message;
+    Message* popped = nullptr; // An event would show that the lock is not free.
+    m_notifier.on_signal = [&] { popped = m_queue.pop_nonblock(); };
+    m_queue.push(&message);
+    EXPECT_EQ(&message, popped);
+}
+
+TEST_F(VanillaQueueTest, severalThreadsPopEachMessageOnceAndInOrder) {
+    constexpr int THREADS = 3;
+    constexpr int MESSAGES = 3000;
+    std::vector<Message> messages(MESSAGES);
+    std::vector<std::atomic<int>> seen(MESSAGES);
+    std::atomic<int> left{MESSAGES};
+    runInThreads(THREADS + 1, [&](int thread) {
+        if (thread == THREADS) {
+            for (Message& message : messages) {
+                m_queue.push(&message);
+            }
+        }
+        Message* last = nullptr;
+        while (thread < THREADS && left > 0) {
+            if (Message* const message = m_queue.pop_nonblock()) {
+                EXPECT_GT(message, last);
+                last = message;
+                ++seen[static_cast<size_t>(message - messages.data())];
+                --left;
+            } else {
+                std::this_thread::yield();
+            }
+        }
+    });
+    for (std::atomic<int> const& count : seen) {
+        EXPECT_EQ(1, count);
+    }
+    EXPECT_EQ(MESSAGES, m_notifier.signals);
+}
+
+TEST_F(VanillaQueueTest, withoutMemoryAPushThrowsAndLeavesTheMessageToTheCaller) {
+    Message message;
+    int pushed = 0;
+    bool refused = false;
+    while (!refused && pushed < 100000) {
+        try {
+            NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
+            m_queue.push(&message);
+            ++pushed;
+        } catch (std::bad_alloc const&) {
+            refused = true;
+        }
+    }
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(pushed, m_notifier.signals) << "a refused message is not signaled";
+    m_queue.push(&message);
+    for (int i = 0; i < pushed + 1; ++i) {
+        EXPECT_EQ(&message, m_queue.pop_nonblock());
+    }
+    EXPECT_EQ(nullptr, m_queue.pop_nonblock());
+}
+
+TEST(VanillaQueueClass, isASourceAndASinkWithoutMembersAndCanBeDeletedAsBoth) {
+    CountingNotifier notifier;
+    delete static_cast<Message::Source*>(new VanillaQueue(notifier));
+    delete static_cast<Message::Sink*>(new VanillaQueue(notifier));
+    EXPECT_EQ(0, notifier.signals);
+    EXPECT_TRUE((std::is_base_of_v<Message::Source, vesk::Dispatcher::Queue>));
+    EXPECT_TRUE((std::is_base_of_v<Message::Sink, vesk::Dispatcher::Queue>));
+    EXPECT_TRUE((std::is_base_of_v<vesk::Dispatcher::Queue, VanillaQueue>));
+    EXPECT_TRUE(std::is_abstract_v<vesk::Dispatcher::Queue>);
+    EXPECT_EQ(2 * sizeof(void*), sizeof(vesk::Dispatcher::Queue));
+}
+
+// ---- messages ----
+
+/// Counts its deletions.
+class CountingMessage : public Message {
+public:
+    explicit CountingMessage(int& deleted) : m_deleted(deleted) {}
+    ~CountingMessage() override { ++m_deleted; }
+
+private:
+    int& m_deleted;
+};
+
+/// Dismisses a message that may be null. The compiler neither sees the value nor checks the call.
+__attribute__((noinline, no_sanitize("undefined"))) void dismissPossiblyNull(Message* volatile pointer) {
+    Message* const message = pointer;
+    message->Message::dismiss();
+}
+
+class MessageTest : public testing::Test {
+protected:
+    int m_deleted = 0;
+    Message* m_message = new CountingMessage(m_deleted);
+};
+
+TEST_F(MessageTest, dismissOnANullPointerReturnsWithoutEffect) {
+    dismissPossiblyNull(nullptr);
+    EXPECT_EQ(0, m_deleted);
+    dismissPossiblyNull(m_message);
+    EXPECT_EQ(1, m_deleted);
+}
+
+TEST_F(MessageTest, baseInvokesNothingAndAbortsWithZeroAndStaysUntilItIsDismissed) {
+    m_message->invoke();
+    EXPECT_EQ(0, m_message->abort());
+    EXPECT_EQ(0, m_deleted);
+    m_message->dismiss();
+    EXPECT_EQ(1, m_deleted) << "through its virtual destructor";
+}
+
+TEST(Message, onlyADerivedMessagePassesItselfToTheHandler) {
+    class Shown : public Message {
+        void get_handled_by(Handler* handler) override { handler->handle(*this); }
+    } shown;
+    Message base;
+    Message& message = shown;
+    CountingHandler handler;
+    base.get_handled_by(&handler);
+    EXPECT_EQ(0, handler.count);
+    message.get_handled_by(&handler);
+    EXPECT_EQ(1, handler.count);
+    EXPECT_EQ(&message, handler.last);
+}
+
+TEST(MessageCallback, invokeCallsTheFunctionWithItsData) {
+    int calls = 0;
+    Message* const message = new Message::Callback([](void* data) { ++*static_cast<int*>(data); }, &calls);
+    EXPECT_EQ(0, calls);
+    message->invoke();
+    message->invoke();
+    EXPECT_EQ(2, calls);
+    message->dismiss();
+    EXPECT_EQ(2, calls);
+    static void const* s_seen = &calls;
+    Message::Callback callback([](void* data) { s_seen = data; }, nullptr);
+    static_cast<Message&>(callback).invoke();
+    EXPECT_EQ(nullptr, s_seen);
+    EXPECT_EQ(sizeof(Message) + 2 * sizeof(void*), sizeof(Message::Callback));
+}
+
+TEST(MessageSlots, interfacesArePureAndVirtualOperationsFollowTheirDestructorsInOrder) {
+    EXPECT_EQ(2, getSlot(&Message::get_handled_by));
+    EXPECT_EQ(3, getSlot(&Message::invoke));
+    EXPECT_EQ(4, getSlot(&Message::dismiss));
+    EXPECT_EQ(5, getSlot(&Message::abort));
+    EXPECT_EQ(2, getSlot(&Message::Source::pop_nonblock));
+    EXPECT_EQ(2, getSlot(&Message::Sink::push));
+    EXPECT_EQ(2, getSlot(&Message::Handler::handle));
+    EXPECT_TRUE(
+        std::is_abstract_v<Message::Source> && std::is_abstract_v<Message::Sink> &&
+        std::is_abstract_v<Message::Handler>);
+    EXPECT_FALSE(std::is_abstract_v<Message>);
+    EXPECT_TRUE(std::has_virtual_destructor_v<Message::Source>);
+    EXPECT_TRUE(std::has_virtual_destructor_v<Message::Sink>);
+    EXPECT_TRUE(std::has_virtual_destructor_v<Message::Handler>);
+    EXPECT_TRUE(std::has_virtual_destructor_v<Message>);
 }
 
 } // namespace

@@ -1,31 +1,16 @@
-#include "FatalSupport.h"
-#include "support/Chain.h"
+#include "support/Aborts.h"
+#include "support/ErrnoRows.h"
 #include "support/EventRecorder.h"
-#include "support/Inject.h"
+#include "support/UnlockFault.h"
 
 #include <tarncommon/error/ErrorStorage.h>
 #include <vesk/Dispatcher.h>
 #include <vesk/Poller.h>
 #include <vesk/SignalQueue.h>
 
-#include <ostream>
-
 /// What happens if the locks of dispatchers, queues, notifiers and pollers fail.
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
-
-support::Injected inject_pthread_mutex_unlock("pthread_mutex_unlock");
-extern "C" VESK_UNWATCHED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    int error = 0;
-    bool const fails = inject_pthread_mutex_unlock.fails(error);
-    if (fails && error == EPERM) {
-        return error;
-    }
-    // Other failures release the lock, so that it can be destroyed.
-    int const result =
-        reinterpret_cast<int (*)(pthread_mutex_t*)>(inject_pthread_mutex_unlock.getReal())(mutex);
-    return fails ? error : result;
-}
 
 namespace {
 
@@ -133,15 +118,13 @@ Operation const OPERATIONS[] = {
      [](Objects& o) { EXPECT_EQ(nullptr, o.full_queue.pop_nonblock()); }},
     {"VanillaNotifier_wait", "Dispatcher wait", [](Objects& o) { o.signaled_notifier.wait(); },
      [](Objects& o) { o.signaled_notifier.signal(); }},
-    // The first unlock is that of the condition's own lock.
     {"VanillaNotifier_signal", "Dispatcher signal", [](Objects& o) { o.vanilla_notifier.signal(); },
-     [](Objects& o) { o.vanilla_notifier.wait(); }, 1, 2},
+     [](Objects& o) { o.vanilla_notifier.wait(); }},
     {"Poller_add", "posix/Poller add", [](Objects& o) { o.poller.add(o.client, 5); }, checkPoller},
     {"Poller_removeClient", "posix/Poller remove", [](Objects& o) { o.poller.remove(o.client); },
      checkPoller},
     {"Poller_removeDescriptor", "posix/Poller remove", [](Objects& o) { o.poller.remove(5); }, checkPoller},
-    {"Poller_pollFirstLock", "posix/Poller poll", [](Objects& o) { o.poller.poll(); }, checkPoller},
-    {"Poller_pollSecondLock", "posix/Poller poll", [](Objects& o) { o.poller.poll(); }, checkPoller, 2, 2},
+    {"Poller_poll", "posix/Poller poll", [](Objects& o) { o.poller.poll(); }, checkPoller},
     {"SignalQueue_sign_on", "SignalQueuePosixBase sign_on",
      [](Objects& o) { o.signal_queue.sign_on(6, ignoreSignal, nullptr); }},
     {"SignalQueue_sign_off", "SignalQueuePosixBase sign_off", [](Objects& o) { o.signal_queue.sign_off(5); }},
@@ -156,6 +139,7 @@ protected:
     static std::string text(char const* message) {
         return std::string("ABORT framework/src/vesk/") + GetParam().place + ": " + message;
     }
+    void TearDown() override { support::g_failing_unlock_unlocks = true; }
     static bool isOfDispatcher() { return std::string(GetParam().name).find("Dispatcher") == 0; }
 
     EventRecorder m_recorder;
@@ -165,7 +149,8 @@ protected:
 TEST_P(FatalLock, failureToLockIsFatalAndTheOperationContinues) {
     {
         Fault const lock(inject_pthread_mutex_lock, EINVAL, GetParam().nth_lock);
-        // The first unlock is that of the recorder.
+        // The first unlock is that of the recorder. A plain mutex that is not locked must not be unlocked.
+        support::g_failing_unlock_unlocks = false;
         Fault const unlock(inject_pthread_mutex_unlock, checksOwner() ? 0 : EPERM, 2);
         GetParam().run(m_objects);
     }
@@ -182,6 +167,7 @@ TEST_P(FatalLock, failureToLockIsFatalAndTheOperationContinues) {
 
 TEST_P(FatalLock, failureToUnlockIsFatal) {
     {
+        support::g_failing_unlock_unlocks = !checksOwner(); // Else it is destroyed while it is locked.
         Fault const fault(inject_pthread_mutex_unlock, checksOwner() ? EPERM : EINVAL, GetParam().nth_unlock);
         GetParam().run(m_objects);
     }
@@ -196,23 +182,45 @@ TEST_P(FatalLock, failureToUnlockIsFatal) {
     std::ErrorStorage::ack();
 }
 
-INSTANTIATE_TEST_SUITE_P(All, FatalLock, testing::ValuesIn(OPERATIONS), [](auto const& row) {
-    return row.param.name;
-});
-
-class FatalLockInChild : public testing::TestWithParam<Operation> {};
-
-TEST_P(FatalLockInChild, failureEndsTheProcess) {
-    Objects objects;
-    EXPECT_TRUE(support::abortsWith("error locking", [&] {
+TEST_P(FatalLock, failureEndsTheProcess) {
+    EXPECT_TRUE(support::abortsWith("error locking", [this] {
         Fault const fault(inject_pthread_mutex_lock, EINVAL, GetParam().nth_lock);
-        GetParam().run(objects);
+        GetParam().run(m_objects);
     }));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, FatalLockInChild, testing::ValuesIn(OPERATIONS), [](auto const& row) {
-    return row.param.name;
-});
+INSTANTIATE_TEST_SUITE_P(All, FatalLock, testing::ValuesIn(OPERATIONS), support::RowName());
+
+TEST(DispatcherLock, isTakenToDispatchOnlyWhileThereAreHandlers) {
+    IgnoringNotifier notifier;
+    Dispatcher dispatcher(notifier);
+    Handler handler;
+    KeptMessage message;
+    auto const countLocks = [&] {
+        Fault const locks(inject_pthread_mutex_lock, 0);
+        dispatcher.dispatch(&message);
+        return locks.getCalls();
+    };
+    EXPECT_EQ(0, countLocks());
+    dispatcher.add_handler(handler);
+    dispatcher.add_handler(handler);
+    EXPECT_EQ(1, countLocks());
+    EXPECT_EQ(2, handler.count);
+    dispatcher.remove_handler(handler);
+    EXPECT_EQ(0, countLocks());
+    EXPECT_EQ(3, message.invoked);
+}
+
+TEST(VanillaNotifierLock, isNotTakenToSignalWhileAWakeUpIsPending) {
+    Dispatcher::VanillaNotifier notifier;
+    notifier.signal();
+    Fault const locks(inject_pthread_mutex_lock, 0);
+    notifier.signal();
+    EXPECT_EQ(0, locks.getCalls());
+    notifier.wait();
+    notifier.signal();
+    EXPECT_EQ(2, locks.getCalls()) << "of the wait, and of the new wake-up";
+}
 
 TEST(DispatcherLock, isNotTakenToAddASource) {
     Dispatcher::VanillaNotifier notifier;

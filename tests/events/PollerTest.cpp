@@ -1,40 +1,22 @@
-#include "FatalSupport.h"
 #include "SignalSupport.h"
+#include "support/Aborts.h"
 #include "support/AllocationCounter.h"
 #include "support/Descriptors.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
 #include "support/VtableSlot.h"
 
 #include <vesk/Poller.h>
 #include <vesk/Timer.h>
 
 #include <map>
-#include <ostream>
 #include <poll.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <type_traits>
 
 VESK_INJECT_ERRNO(int, -1, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 VESK_INJECT_ERRNO(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
 VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size), (fd, buffer, size))
-
-namespace {
-// The descriptors that were closed, if it is set.
-std::vector<int>* s_closed = nullptr;
-} // namespace
-
-support::Injected inject_close("close");
-extern "C" VESK_UNWATCHED int close(int fd) {
-    if (s_closed != nullptr) {
-        s_closed->push_back(fd);
-    }
-    return reinterpret_cast<int (*)(int)>(inject_close.getReal())(fd);
-}
 
 namespace {
 
@@ -199,64 +181,57 @@ protected:
             std::string second;
             std::string third;
             words >> verb >> first >> second >> third;
-            if (verb == "thread") {
-                std::thread([this, &step] { run({step.substr(strlen("thread "))}); }).join();
-            } else if (verb == "sleeping") {
-                changeAsleep({step.substr(strlen("sleeping "))});
-            } else if (verb == "once") {
-                if (!std::exchange(m_done_once, true)) {
-                    run({step.substr(strlen("once "))});
-                }
-            } else if (verb == "refused") {
-                NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
-                EXPECT_THROW(change(first, second, third), std::bad_alloc);
-            } else if (verb == "add" || verb == "remove" || verb == "stop") {
-                change(verb, first, second);
-            } else if (verb == "throw") {
-                throw std::runtime_error(step);
-            } else if (verb == "throwWhenAsked") {
-                client(first).reactions["asked"] = [this] { run({"throw"}); };
-            } else if (verb == "throws") {
-                EXPECT_THROW(m_poller.poll(), std::runtime_error);
-                m_client.reactions.clear();
-                m_other.reactions.clear();
-            } else if (verb == "inner") {
-                EXPECT_FALSE(m_poller.poll());
-            } else if (verb == "unreadable") {
-                Fault const fault(inject_read, EIO);
-                EXPECT_FALSE(m_poller.poll());
-            } else if (verb == "unreadAndHungUp") {
-                pollfd row{fd(first), POLLIN, 0};
-                EXPECT_EQ(1, poll(&row, 1, 0));
-                EXPECT_EQ(POLLIN | POLLHUP, row.revents);
-            } else if (verb == "last") {
-                EXPECT_EQ(fd(second), client(first).last_fd);
-            } else if (verb == "send") {
-                pair(first).send();
-            } else if (verb == "take") {
-                pair(first).take();
-            } else if (verb == "hangup") {
-                pair(first).closePeer();
-            } else if (verb == "close") {
-                pair(first).closeMine();
-            } else if (verb == "drain") {
-                drain();
-            } else if (verb == "commands") {
-                EXPECT_EQ(std::stoi(first), countCommands());
-            } else if (verb == "asked") {
-                std::vector<int> expected;
-                for (std::string const& name : {second, third}) {
-                    if (!name.empty()) {
-                        expected.push_back(fd(name));
-                    }
-                }
-                EXPECT_EQ(expected, client(first).asked);
-            } else if (verb == "stopped") {
-                EXPECT_EQ("", cycle(true));
-            } else {
-                Log const calls = cycle();
-                EXPECT_EQ(step, calls.empty() ? "cycle:" : "cycle: " + calls);
-            }
+            std::string const rest = step.substr(std::min(verb.size() + 1, step.size()));
+            std::map<std::string, std::function<void()>> const verbs{
+                {"add", [&] { change(verb, first, second); }},
+                {"remove", [&] { change(verb, first, second); }},
+                {"stop", [&] { change(verb, first, second); }},
+                {"refused",
+                 [&] {
+                     NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
+                     EXPECT_THROW(change(first, second, third), std::bad_alloc);
+                 }},
+                {"thread", [&] { std::thread([&] { run({rest}); }).join(); }},
+                {"sleeping", [&] { changeAsleep(rest); }},
+                {"once", [&] { run(std::exchange(m_done_once, true) ? Steps() : Steps{rest}); }},
+                {"throw", [&] { throw std::runtime_error(step); }},
+                {"throwWhenAsked", [&] { client(first).reactions["asked"] = [this] { run({"throw"}); }; }},
+                {"throws",
+                 [&] {
+                     EXPECT_THROW(m_poller.poll(), std::runtime_error);
+                     m_client.reactions.clear();
+                     m_other.reactions.clear();
+                 }},
+                {"inner", [&] { EXPECT_FALSE(m_poller.poll()); }},
+                {"unreadable",
+                 [&] {
+                     Fault const fault(inject_read, EIO);
+                     EXPECT_FALSE(m_poller.poll());
+                 }},
+                {"unreadAndHungUp",
+                 [&] {
+                     pollfd row{fd(first), POLLIN, 0};
+                     EXPECT_EQ(1, poll(&row, 1, 0));
+                     EXPECT_EQ(POLLIN | POLLHUP, row.revents);
+                 }},
+                {"last", [&] { EXPECT_EQ(fd(second), client(first).last_fd); }},
+                {"send", [&] { pair(first).send(); }},
+                {"take", [&] { pair(first).take(); }},
+                {"hangup", [&] { pair(first).closePeer(); }},
+                {"close", [&] { pair(first).closeMine(); }},
+                {"drain", [&] { drain(); }},
+                {"commands", [&] { EXPECT_EQ(std::stoi(first), countCommands()); }},
+                {"asked",
+                 [&] {
+                     std::vector<int> expected;
+                     for (std::string const& name : {second, third}) {
+                         name.empty() ? void() : expected.push_back(fd(name));
+                     }
+                     EXPECT_EQ(expected, client(first).asked);
+                 }},
+                {"stopped", [&] { EXPECT_EQ("", cycle(true)); }},
+                {"cycle:", [&] { EXPECT_EQ(rest, cycle()); }}};
+            verbs.at(verb)();
         }
     }
 
@@ -396,11 +371,10 @@ Scenario const STOPS[] = {
     {"stopTakesNoLock", {"add A a", "cycle:", "stopped"}, {{"A asked", {"stop"}}}},
 };
 
-auto const scenarioName = [](auto const& row) { return row.param.name; };
-INSTANTIATE_TEST_SUITE_P(Ready, PollerScenario, testing::ValuesIn(READY), scenarioName);
-INSTANTIATE_TEST_SUITE_P(Changes, PollerScenario, testing::ValuesIn(CHANGES), scenarioName);
-INSTANTIATE_TEST_SUITE_P(Failures, PollerScenario, testing::ValuesIn(FAILURES), scenarioName);
-INSTANTIATE_TEST_SUITE_P(Stops, PollerScenario, testing::ValuesIn(STOPS), scenarioName);
+INSTANTIATE_TEST_SUITE_P(Ready, PollerScenario, testing::ValuesIn(READY), RowName());
+INSTANTIATE_TEST_SUITE_P(Changes, PollerScenario, testing::ValuesIn(CHANGES), RowName());
+INSTANTIATE_TEST_SUITE_P(Failures, PollerScenario, testing::ValuesIn(FAILURES), RowName());
+INSTANTIATE_TEST_SUITE_P(Stops, PollerScenario, testing::ValuesIn(STOPS), RowName());
 
 TEST_F(PollerTest, aClientWithOnlyTheRequiredOperationIsCalledForErrorsOnly) {
     class Silent : public Poller::Client {
@@ -495,7 +469,8 @@ TEST_F(PollerStorm, threadsAddAndRemoveWhileAnotherPolls) {
     // cycle.
     std::vector<Pair> pairs(THREADS);
     std::vector<Acknowledger> clients(THREADS);
-    auto const change = [&](size_t i) {
+    auto const change = [&](int thread) {
+        auto const i = static_cast<size_t>(thread);
         for (int round = 0; round < ROUNDS; ++round) {
             m_poller.add(clients[i], pairs[i].get());
             pairs[i].send();
@@ -607,24 +582,22 @@ TEST_F(PollerTest, aCycleWithoutMemoryThrowsAndLosesNothing) {
 
 // ---- signals ----
 
-TEST(PollerSignals, thatAreOffDoNotInterruptACycleAndTimersRingOnTheirThread) {
-    expectInChild([] {
-        constexpr int CALLS = 100;
-        static std::atomic<int> calls{0};
-        static Poller poller;
-        vesk::Timer timer(
-            [](vesk::Timer*) {
-                if (++calls == CALLS) {
-                    poller.stop();
-                }
-            },
-            false);
-        Poller::SignalsOff const signals_off;
-        timer.start(1, true);
-        while (!poller.poll()) {}
-        timer.stop();
-        EXPECT_LE(CALLS, calls);
-    });
+VESK_TEST_BY(expectInChild, PollerSignals, thatAreOffDoNotInterruptACycleAndTimersRingOnTheirThread) {
+    constexpr int CALLS = 100;
+    static std::atomic<int> calls{0};
+    static Poller poller;
+    vesk::Timer timer(
+        [](vesk::Timer*) {
+            if (++calls == CALLS) {
+                poller.stop();
+            }
+        },
+        false);
+    Poller::SignalsOff const signals_off;
+    timer.start(1, true);
+    while (!poller.poll()) {}
+    timer.stop();
+    EXPECT_LE(CALLS, calls);
 }
 
 TEST(PollerSignals, areBlockedInAScopeExceptThoseOfFaults) {
@@ -705,50 +678,51 @@ TEST(PollerPipe, theDestructorClosesTheReadEndAndThenTheWriteEndAndNoClients) {
     EXPECT_GE(fcntl(pair.get(), F_GETFD), 0);
 }
 
-class PollerPipeCreation : public testing::TestWithParam<int> {};
-
-TEST_P(PollerPipeCreation, failureIsFatalButAPollerThatContinuesServesItsClients) {
-    EventRecorder const recorder;
-    Log log;
-    Pair pair;
-    TestClient client(log, "A");
-    int const before = countDescriptors();
-    {
-        Fault fault(inject_pipe, GetParam());
-        Poller poller;
+TEST(PollerPipe, creationThatFailsIsFatalButAPollerThatContinuesServesItsClients) {
+    for (int const error : {EMFILE, ENFILE}) {
+        SCOPED_TRACE(error);
+        EventRecorder const recorder;
+        Log log;
+        Pair pair;
+        TestClient client(log, "A");
+        int const before = countDescriptors();
+        {
+            Fault fault(inject_pipe, error);
+            Poller poller;
+            EXPECT_EQ(before, countDescriptors());
+            pair.send();
+            poller.add(client, pair.get());
+            poller.stop();
+            EXPECT_FALSE(poller.poll());
+            EXPECT_EQ("A read", log);
+        }
         EXPECT_EQ(before, countDescriptors());
-        pair.send();
-        poller.add(client, pair.get());
-        poller.stop();
-        EXPECT_FALSE(poller.poll());
-        EXPECT_EQ("A read", log);
+        EXPECT_EQ(
+            "ABORT framework/src/vesk/posix/Poller Poller: vesk::Poller::c'tor: cannot create self-pipe, "
+            "errno=" +
+                std::to_string(error) + " (" + strerror(error) + ")",
+            recorder.getText());
     }
-    EXPECT_EQ(before, countDescriptors());
-    EXPECT_EQ(
-        "ABORT framework/src/vesk/posix/Poller Poller: vesk::Poller::c'tor: cannot create self-pipe, errno=" +
-            std::to_string(GetParam()) + " (" + strerror(GetParam()) + ")",
-        recorder.getText());
 }
 
-INSTANTIATE_TEST_SUITE_P(All, PollerPipeCreation, testing::Values(EMFILE, ENFILE));
-
-class PollerPipeWrite : public PollerTest, public testing::WithParamInterface<int> {};
-
-TEST_P(PollerPipeWrite, failureIsIgnored) {
+TEST_F(PollerTest, writeToThePipeThatFailsIsIgnored) {
     m_a.send();
-    {
-        Fault const fault(inject_write, GetParam(), 1, Fault::FOREVER);
-        m_poller.add(m_client, m_a.get());
-        m_poller.remove(m_other);
-        m_poller.remove(m_b.get());
-        m_poller.stop();
-        EXPECT_EQ(4, fault.getCalls());
+    for (int const error : {EBADF, EPIPE, EINTR, EIO}) {
+        SCOPED_TRACE(error);
+        {
+            Fault const fault(inject_write, error, 1, Fault::FOREVER);
+            m_poller.add(m_client, m_a.get());
+            m_poller.remove(m_other);
+            m_poller.remove(m_b.get());
+            m_poller.stop();
+            EXPECT_EQ(4, fault.getCalls());
+        }
+        EXPECT_EQ(0, countCommands());
+        EXPECT_EQ("A read", cycle()) << "the change takes effect, the stop is lost";
+        m_poller.remove(m_client);
+        EXPECT_EQ("", cycle());
     }
-    EXPECT_EQ(0, countCommands());
-    EXPECT_EQ("A read", cycle()) << "the change takes effect, the stop is lost";
 }
-
-INSTANTIATE_TEST_SUITE_P(All, PollerPipeWrite, testing::Values(EBADF, EPIPE, EINTR, EIO));
 
 // ---- fatal failures, after which a process that survives continues ----
 
@@ -816,7 +790,7 @@ INSTANTIATE_TEST_SUITE_P(
                 ASSERT_EQ(s_pipe[1], dup2(null, s_pipe[1]));
                 close(null);
             }}),
-    [](auto const& row) { return row.param.name; });
+    RowName());
 
 // ---- the poller of the process ----
 

@@ -1,17 +1,12 @@
-#include "FatalSupport.h"
 #include "SignalSupport.h"
-#include "support/Privileges.h"
+#include "support/Aborts.h"
 
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
 #include <vesk/Timer.h>
 
-#include <climits>
-#include <iterator>
 #include <map>
-#include <sstream>
 #include <stdexcept>
-#include <type_traits>
 
 namespace {
 // Each runs once, in the next call of sigaction.
@@ -27,12 +22,10 @@ sigaction(int signal, struct sigaction const* action, struct sigaction* old) noe
     if (s_before_sigaction) {
         std::exchange(s_before_sigaction, nullptr)();
     }
-    int error = 0;
-    if (inject_sigaction.fails(error)) {
+    if (inject_sigaction.fails()) {
         if (s_old_of_failure != nullptr && old != nullptr) {
             *old = *s_old_of_failure;
         }
-        errno = error;
         return -1;
     }
     using Function = int (*)(int, struct sigaction const*, struct sigaction*);
@@ -115,9 +108,12 @@ TEST_F(SignalCatcherTest, handlesTheSignalInTheThreadThatReceivesItWithAllSignal
     notifier.on_signal = [&] {
         thread = getThreadId();
         pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+        errno = EAGAIN;
     };
     auto const catcher = makeQueued(SIGUSR1);
+    errno = EDOM;
     raise(SIGUSR1);
+    EXPECT_EQ(EDOM, errno) << "the interrupted code keeps its error number";
     EXPECT_EQ(getThreadId(), thread);
     for (int signal = 1; signal < 32; ++signal) {
         // Emulators report the two that cannot be blocked as blocked.
@@ -190,15 +186,6 @@ TEST_F(SignalCatcherTest, restartsTheSystemCallThatTheHandlerInterrupted) {
     close(ends[1]);
 }
 
-TEST_F(SignalCatcherTest, keepsTheErrorNumberOfTheInterruptedCode) {
-    notifier.on_signal = [] { errno = EAGAIN; };
-    auto const catcher = makeQueued(SIGUSR1);
-    errno = EDOM;
-    raise(SIGUSR1);
-    EXPECT_EQ(EDOM, errno);
-    EXPECT_EQ(1, popAll(queue));
-}
-
 // ---- the action ----
 
 TEST_F(SignalCatcherTest, installsItsHandlerWithAFullMaskAndOnlyTheRestartFlag) {
@@ -215,35 +202,31 @@ TEST_F(SignalCatcherTest, installsItsHandlerWithAFullMaskAndOnlyTheRestartFlag) 
     }
 }
 
-auto const nameOf = [](auto const& row) { return row.param.name; };
-
-struct Quiet {
-    char const* name;
-    void (*handler)(int);
-    int flags;
-};
-
-class SignalCatcherQuietActionTest : public SignalCatcherTest, public testing::WithParamInterface<Quiet> {};
-
-TEST_P(SignalCatcherQuietActionTest, isRestoredByTheDestructor) {
-    ActionGuard const guard(SIGUSR1, GetParam().handler, GetParam().flags);
-    struct sigaction const before = getAction(SIGUSR1);
-    {
-        auto const catcher = make(SIGUSR1);
-        raiseAndWait(SIGUSR1);
+TEST_F(SignalCatcherTest, restoresAQuietActionInItsDestructor) {
+    struct {
+        char const* name;
+        void (*handler)(int);
+        int flags;
+    } const rows[] = {
+        {"default", SIG_DFL, 0},
+        {"ignored", SIG_IGN, 0},
+        {"default with flags", SIG_DFL, SA_NODEFER},
+        {"default with siginfo", SIG_DFL, SA_SIGINFO},
+        {"ignored with siginfo", SIG_IGN, SA_SIGINFO},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.name);
+        ActionGuard const guard(SIGUSR1, row.handler, row.flags);
+        struct sigaction const before = getAction(SIGUSR1);
+        {
+            auto const catcher = make(SIGUSR1);
+            raiseAndWait(SIGUSR1);
+        }
+        struct sigaction const after = getAction(SIGUSR1);
+        EXPECT_EQ(before.sa_handler, after.sa_handler);
+        EXPECT_EQ(before.sa_flags, after.sa_flags);
     }
-    struct sigaction const after = getAction(SIGUSR1);
-    EXPECT_EQ(before.sa_handler, after.sa_handler);
-    EXPECT_EQ(before.sa_flags, after.sa_flags);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SignalCatcherQuietActionTest,
-    testing::Values(
-        Quiet{"Default", SIG_DFL, 0}, Quiet{"Ignored", SIG_IGN, 0},
-        Quiet{"DefaultWithFlags", SIG_DFL, SA_NODEFER}, Quiet{"DefaultWithSiginfo", SIG_DFL, SA_SIGINFO},
-        Quiet{"IgnoredWithSiginfo", SIG_IGN, SA_SIGINFO}),
-    nameOf);
 
 std::atomic<int> s_old_calls{0};
 void oldHandler(int) {
@@ -329,29 +312,17 @@ INSTANTIATE_TEST_SUITE_P(All, SignalCatcherOldHandlerTest, testing::Bool(), [](a
     return row.param ? "WithSiginfo" : "Plain";
 });
 
-struct Refused {
-    char const* name;
-    int signal;
-};
-
-class SignalCatcherRefusalTest : public SignalCatcherTest, public testing::WithParamInterface<Refused> {};
-
-TEST_P(SignalCatcherRefusalTest, isNotReportedAndTheDestructorSignsOff) {
-    for (int i = 0; i < 2; ++i) {
+TEST_F(SignalCatcherTest, refusalOfTheSystemIsNotReportedAndTheDestructorSignsOff) {
+    for (int const signal : {SIGKILL, SIGSTOP, 0, 32, SIGKILL, SIGSTOP, 0, 32}) {
+        SCOPED_TRACE(signal);
         Fault const calls(inject_sigaction, 0);
-        auto catcher = make(GetParam().signal);
+        auto catcher = make(signal);
         EXPECT_TRUE(chainIs({}));
         EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
         catcher.reset();
         EXPECT_EQ(1, calls.getCalls()) << "the old action is not restored, as it was not replaced";
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SignalCatcherRefusalTest,
-    testing::Values(
-        Refused{"SIGKILL", SIGKILL}, Refused{"SIGSTOP", SIGSTOP}, Refused{"Zero", 0}, Refused{"OfLibc", 32}),
-    nameOf);
 
 TEST_F(SignalCatcherTest, replacedHandlerIsAnAssertionAfterTheOldActionIsRestored) {
     ActionGuard const guard(SIGUSR1, SIG_IGN);
@@ -411,7 +382,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadNumber{"Lowest", INT_MIN, "0<=signal", "signal>=0"},
         BadNumber{"65", 65, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"},
         BadNumber{"Highest", INT_MAX, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"}),
-    nameOf);
+    RowName());
 
 TEST(SignalCatcherFatalTest, brokenSelfPipeEndsTheProcessAtTheNextSignal) {
     EXPECT_TRUE(abortsWith("write to self-pipe failed with errno=9 (Bad file descriptor)\n", [] {
@@ -450,6 +421,12 @@ protected:
             {"raise", [&] { raise(signal); }},
             {"kill", [&] { kill(getpid(), signal); }},
             {"enqueue", [&] { SignalCatcher::enqueue_signal(signal); }},
+            {"enqueueEach",
+             [&] {
+                 for (int each = 0; each < vesk::TARN_NSIGNALS; ++each) {
+                     SignalCatcher::enqueue_signal(each);
+                 }
+             }},
             {"block", [&] { SignalSet(signal).block(); }},
             {"unblock", [&] { SignalSet(signal).unblock(); }},
             {"ignored", [&] { m_guard.emplace(signal, SIG_IGN); }},
@@ -538,6 +515,8 @@ INSTANTIATE_TEST_SUITE_P(
         {"destructorDropsPendingSignals",
          {"makeQueued A USR1", "raise USR1", "raise USR1", "end A", "makeQueued A USR1", "pop 0",
           "raise USR1", "pop 1"}},
+        {"aHandlerThatFindsNoQueueDropsItsSignal",
+         {"makeQueued A USR1", "end A", "enqueueEach", "notified 0"}},
         {"twoWithoutAQueueUseOneThreadAndTheDestructionOfOneLeavesTheOtherWorking",
          {"make A1 USR1", "make A2 USR2", "threads 1", "raise USR1", "wait A 1", "raise USR2", "wait A 2",
           "end A1", "threads 1", "isDefault USR1", "raise USR2", "wait A 3", "calls A USR1 USR2 USR2",
@@ -545,15 +524,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"bothFormsWorkSideBySide",
          {"make A USR1", "makeQueued B USR2", "raise USR1", "raise USR2", "wait A 1", "pop 1", "calls A USR1",
           "calls B USR2"}}}),
-    nameOf);
-
-TEST_F(SignalCatcherTest, aHandlerThatFindsNoQueueDropsItsSignal) {
-    makeQueued(SIGUSR1).reset();
-    for (int signal = 0; signal < vesk::TARN_NSIGNALS; ++signal) {
-        SignalCatcher::enqueue_signal(signal);
-    }
-    EXPECT_EQ(0, notifier.signals);
-}
+    RowName());
 
 // ---- the order of making and destroying ----
 

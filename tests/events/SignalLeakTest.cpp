@@ -1,58 +1,8 @@
 #include "SignalSupport.h"
 #include "support/Descriptors.h"
-#include "support/RunInThreads.h"
+#include "support/HeapUse.h"
 
 #include <vesk/SignalCatcher.h>
-
-#include <malloc.h>
-
-namespace {
-// Bytes and blocks of the heap that are in use, in all threads. The sanitizers look for leaks themselves.
-std::atomic<long long> s_bytes{0};
-std::atomic<long long> s_blocks{0};
-} // namespace
-
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-
-namespace {
-
-void count(void* memory, int sign) {
-    if (memory != nullptr) {
-        s_bytes += sign * static_cast<long long>(malloc_usable_size(memory));
-        s_blocks += sign;
-    }
-}
-
-void* add(void* memory) {
-    count(memory, 1);
-    return memory;
-}
-
-} // namespace
-
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void __libc_free(void*);
-
-void* malloc(size_t size) {
-    return add(__libc_malloc(size));
-}
-void* calloc(size_t count, size_t size) {
-    return add(__libc_calloc(count, size));
-}
-void* realloc(void* memory, size_t size) {
-    count(memory, -1);
-    return add(__libc_realloc(memory, size));
-}
-void free(void* memory) {
-    count(memory, -1);
-    __libc_free(memory);
-}
-}
-
-#endif
 
 namespace {
 
@@ -85,13 +35,13 @@ void expectNoMoreAfter(std::mutex* lock) {
     EXPECT_TRUE(hasThreads(threads));
     int const threads_before = countThreads();
     int const descriptors = countDescriptors();
-    long long const blocks = s_blocks;
-    long long const bytes = s_bytes;
+    long long const blocks = g_heap_blocks;
+    long long const bytes = g_heap_bytes;
     cycle(CYCLES, lock);
     EXPECT_TRUE(hasThreads(threads_before));
     EXPECT_EQ(descriptors, countDescriptors());
-    EXPECT_EQ(blocks, s_blocks);
-    EXPECT_EQ(bytes, s_bytes);
+    EXPECT_EQ(blocks, g_heap_blocks);
+    EXPECT_EQ(bytes, g_heap_bytes);
 }
 
 TEST(SignalLeakTest, theLastCatcherMadeAndDestroyedTenThousandTimesLeavesNothing) {

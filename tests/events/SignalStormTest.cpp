@@ -1,11 +1,9 @@
 #include "SignalSupport.h"
-#include "support/RunInThreads.h"
 
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
 
 #include <array>
-#include <cstdint>
 
 namespace {
 

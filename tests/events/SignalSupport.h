@@ -1,41 +1,23 @@
 #pragma once
 
-#include "support/Child.h"
 #include "support/CleanEnd.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
 #include "support/Processes.h"
 #include "support/Sleeper.h"
+#include "support/Testing.h"
 #include "support/Threads.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/SignalQueue.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
-#include <cstddef>
-#include <cstdio>
-#include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <functional>
 #include <initializer_list>
-#include <memory>
 #include <mutex>
-#include <sched.h>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
-#include <utility>
-#include <vector>
 
 /// Support for tests of signals and self-pipes. Must be included in exactly one file of a test program,
-/// because it replaces `pipe`.
+/// because it replaces `pipe` and `close`.
 
 namespace support {
 
@@ -44,6 +26,14 @@ constexpr std::chrono::seconds DEADLINE(30);
 /// The last pipe that the library made, and how many it has made.
 inline int s_pipe[2] = {-1, -1};
 inline std::atomic<int> s_pipes{0};
+
+/// The descriptors that were closed, if it is set.
+inline std::vector<int>* s_closed = nullptr;
+inline void noteClosed(int fd) {
+    if (s_closed != nullptr) {
+        s_closed->push_back(fd);
+    }
+}
 
 /// Returns whether code of the library is at an address. A sanitizer's runtime calls replaced functions too.
 inline bool isOfLibrary(void const* address) {
@@ -59,9 +49,7 @@ extern "C" VESK_UNWATCHED int pipe(int* ends) {
     if (!support::isOfLibrary(__builtin_return_address(0))) {
         return real(ends);
     }
-    int error = 0;
-    if (inject_pipe.fails(error)) {
-        errno = error;
+    if (inject_pipe.fails()) {
         return -1;
     }
     int const result = real(ends);
@@ -70,6 +58,8 @@ extern "C" VESK_UNWATCHED int pipe(int* ends) {
     ++support::s_pipes;
     return result;
 }
+
+VESK_INJECT_NOTING(int, -1, close, (int fd), (fd), support::noteClosed(fd))
 
 namespace support {
 

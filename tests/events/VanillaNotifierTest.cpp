@@ -1,6 +1,6 @@
 #include "support/CleanEnd.h"
 #include "support/ErrorRow.h"
-#include "support/Inject.h"
+#include "support/FailOnce.h"
 #include "support/RunInThreads.h"
 #include "support/VtableSlot.h"
 
@@ -15,25 +15,8 @@ namespace {
 std::atomic<pthread_mutex_t*> s_waiters_mutex{nullptr};
 std::atomic<int> s_signals_with_mutex{0};
 std::atomic<int> s_signals_without_mutex{0};
-} // namespace
 
-support::Injected inject_pthread_cond_wait("pthread_cond_wait");
-extern "C" VESK_UNWATCHED int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-    int error = 0;
-    if (inject_pthread_cond_wait.fails(error)) {
-        return error;
-    }
-    s_waiters_mutex = mutex;
-    using Function = int (*)(pthread_cond_t*, pthread_mutex_t*);
-    return reinterpret_cast<Function>(inject_pthread_cond_wait.getReal())(condition, mutex);
-}
-
-support::Injected inject_pthread_cond_signal("pthread_cond_signal");
-extern "C" VESK_UNWATCHED int pthread_cond_signal(pthread_cond_t* condition) {
-    int error = 0;
-    if (inject_pthread_cond_signal.fails(error)) {
-        return error;
-    }
+void noteSignal() {
     if (pthread_mutex_t* const mutex = s_waiters_mutex) {
         if (pthread_mutex_trylock(mutex) == EBUSY) {
             ++s_signals_with_mutex;
@@ -42,8 +25,13 @@ extern "C" VESK_UNWATCHED int pthread_cond_signal(pthread_cond_t* condition) {
             pthread_mutex_unlock(mutex);
         }
     }
-    return reinterpret_cast<int (*)(pthread_cond_t*)>(inject_pthread_cond_signal.getReal())(condition);
 }
+} // namespace
+
+VESK_INJECT(
+    int, return error, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
+    (condition, mutex), s_waiters_mutex = mutex)
+VESK_INJECT(int, return error, pthread_cond_signal, (pthread_cond_t * condition), (condition), noteSignal())
 
 namespace {
 
@@ -170,74 +158,64 @@ struct Row {
     int error;
     SysErrorId::Id id;
     char const* argument;
+
+    testing::AssertionResult isPending() const { return chainIs({{id, rowText(id, argument)}}); }
 };
 
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << strerrorname_np(row.error);
-}
-
-class VanillaNotifierRows : public VanillaNotifier, public testing::WithParamInterface<Row> {
-protected:
-    static testing::AssertionResult isReported() {
-        return chainIs({{GetParam().id, rowText(GetParam().id, GetParam().argument)}});
+TEST_F(VanillaNotifier, aFailedWaitIsReportedAndRepeated) {
+    for (Row const& row :
+         {Row{EINVAL, SysErrorId::SPOILED_INTEGRITY, "-1"}, Row{EPERM, SysErrorId::SPOILED_INTEGRITY, "-1"},
+          Row{EAGAIN, SysErrorId::SPOILED_INTEGRITY, "11"}}) {
+        SCOPED_TRACE(row.error);
+        m_returned = 0;
+        watchWaits(row.error, 2);
+        std::thread waiter([this, &row] {
+            m_notifier.wait();
+            ++m_returned;
+            EXPECT_TRUE(row.isPending());
+        });
+        awaitWaits(3);
+        EXPECT_EQ(0, m_returned);
+        m_notifier.signal();
+        waiter.join();
+        EXPECT_EQ(1, m_returned);
     }
-};
-
-class VanillaNotifierWaitRows : public VanillaNotifierRows {};
-
-TEST_P(VanillaNotifierWaitRows, aFailedWaitIsReportedAndRepeated) {
-    watchWaits(GetParam().error, 2);
-    std::thread waiter([this] {
-        m_notifier.wait();
-        ++m_returned;
-        EXPECT_TRUE(isReported());
-    });
-    awaitWaits(3);
-    EXPECT_EQ(0, m_returned);
-    m_notifier.signal();
-    waiter.join();
-    EXPECT_EQ(1, m_returned);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, VanillaNotifierWaitRows,
-    testing::Values(
-        Row{EINVAL, SysErrorId::SPOILED_INTEGRITY, "-1"}, Row{EPERM, SysErrorId::SPOILED_INTEGRITY, "-1"},
-        Row{EAGAIN, SysErrorId::SPOILED_INTEGRITY, "11"}));
+Row const SIGNAL_ROWS[] = {
+    {EINVAL, SysErrorId::SPOILED_INTEGRITY, "-1"},
+    {EAGAIN, SysErrorId::UNCLASSIFIED, "11"},
+};
 
-class VanillaNotifierSignalRows : public VanillaNotifierRows {};
-
-TEST_P(VanillaNotifierSignalRows, aFailedSignalIsReportedAndEndsTheNextWait) {
+TEST_F(VanillaNotifier, aFailedSignalIsReportedAndEndsTheNextWait) {
     sleepOnce();
-    {
-        Fault const fault(inject_pthread_cond_signal, GetParam().error);
-        m_notifier.signal();
+    for (Row const& row : SIGNAL_ROWS) {
+        SCOPED_TRACE(row.error);
+        failOnce(inject_pthread_cond_signal, row.error, [this] { return m_notifier.signal(), 0; });
+        EXPECT_TRUE(row.isPending());
+        watchWaits();
+        m_notifier.wait();
+        EXPECT_EQ(0, m_waits->getCalls());
     }
-    EXPECT_TRUE(isReported());
-    watchWaits();
-    m_notifier.wait();
-    EXPECT_EQ(0, m_waits->getCalls());
 }
 
-TEST_P(VanillaNotifierSignalRows, aWaiterThatAFailedSignalDidNotReachIsWokenByTheNext) {
-    watchWaits();
-    std::thread waiter = startWaiter();
-    awaitWaits(1);
-    {
-        Fault const fault(inject_pthread_cond_signal, GetParam().error, 1, 2);
+TEST_F(VanillaNotifier, aWaiterThatAFailedSignalDidNotReachIsWokenByTheNext) {
+    for (Row const& row : SIGNAL_ROWS) {
+        SCOPED_TRACE(row.error);
+        watchWaits();
+        std::thread waiter = startWaiter();
+        awaitWaits(1);
+        {
+            Fault const fault(inject_pthread_cond_signal, row.error, 1, 2);
+            m_notifier.signal();
+            m_notifier.signal();
+            EXPECT_EQ(2, fault.getCalls());
+        }
+        EXPECT_TRUE(row.isPending());
         m_notifier.signal();
-        m_notifier.signal();
-        EXPECT_EQ(2, fault.getCalls());
+        waiter.join();
     }
-    EXPECT_TRUE(isReported());
-    m_notifier.signal();
-    waiter.join();
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, VanillaNotifierSignalRows,
-    testing::Values(
-        Row{EINVAL, SysErrorId::SPOILED_INTEGRITY, "-1"}, Row{EAGAIN, SysErrorId::UNCLASSIFIED, "11"}));
 
 TEST(VanillaNotifierClass, canBeDeletedAsANotifierWithWaitAndSignalAfterItsDestructors) {
     Notifier* const notifier = new Dispatcher::VanillaNotifier;

@@ -1,6 +1,5 @@
 #include "FileTests.h"
 
-#include <tarncommon/error/ErrorOutput.h>
 #include <vesk/BinTempFileRW.h>
 #include <vesk/FmtFileWrapper.h>
 #include <vesk/MemBinFileBase.h>
@@ -17,9 +16,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
-#include <memory>
 #include <mqueue.h>
-#include <pthread.h>
 #include <semaphore.h>
 #include <termios.h>
 
@@ -43,15 +40,10 @@ using Object = std::shared_ptr<void>;
 using TextFile = vesk::FmtFileWrapper<vesk::StreamBinFileR, std::istream, BinFileBase::ReadFlags>;
 
 /// An object of each class, and the call of its clean-up that fails.
-struct Row {
-    char const* name;
+struct Row : NamedRow {
     Injected* call;
     Object (*make)(TempFolder const& folder);
 };
-
-void PrintTo(Row const& row, std::ostream* out) {
-    *out << row.name;
-}
 
 template <typename T>
 Object make(TempFolder const& /*unused*/) {
@@ -106,9 +98,34 @@ Object makeUnixSocket(TempFolder const& /*unused*/) {
         true, 0U, 0U, vesk::Path(), vesk::Path("peer"), vesk::UnixSocketBase::ABSTRACT);
 }
 
-class Destructors : public testing::TestWithParam<Row> {};
+Row const DESTRUCTORS[] = {
+    {"BinFileBase", &inject_close, makeFile<BinFileBase>},
+    {"MemBinFileBase", &inject_close, makeFile<vesk::MemBinFileBase>},
+    {"StreamBinFileR", &inject_close, makeFile<vesk::StreamBinFileR, BinFileBase::ReadFlags>},
+    {"StreamBinFileW", &inject_fsync, makeFile<vesk::StreamBinFileW, BinFileBase::WriteFlags>},
+    {"StreamBinFileRW", &inject_fsync, makeFile<vesk::StreamBinFileRW, BinFileBase::ReadWriteFlags>},
+    {"SerialPort", &inject_tcdrain, makePort},
+    {"BinTempFileRWClose", &inject_close, makeTempFile},
+    {"BinTempFileRWRemove", &inject_unlink, makeTempFile},
+    {"Pipe", &inject_close, make<Pipe>},
+    {"FmtFileWrapper", &inject_close,
+     [](auto&) -> Object { return std::make_shared<TextFile>("/dev/null", BinFileBase::READ); }},
+    {"Directory", &inject_closedir,
+     [](auto& folder) -> Object { return std::make_shared<Directory>(folder.getPath(), true); }},
+    {"SharedMemoryServer", &inject_close,
+     [](auto&) { return makeServer<vesk::SharedMemoryServer>(4096U, Creatable::REPLACE); }},
+    {"MsgQueueServer", &inject_mq_close,
+     [](auto&) { return makeServer<vesk::MsgQueueServer>(16U, 1U, Creatable::REPLACE); }},
+    {"SemaphoreCreator", &inject_sem_close,
+     [](auto&) { return makeServer<vesk::SemaphoreCreator>(1U, Creatable::REPLACE); }},
+    {"SharedObj", &inject_dlclose, makeSharedObj},
+    {"RWLock", &inject_pthread_rwlock_destroy, make<vesk::RWLock>},
+    {"SpinLock", &inject_pthread_spin_destroy, make<vesk::SpinLock>},
+    {"IPSocket", &inject_close, makeTCPSocket},
+    {"UnixSocket", &inject_close, makeUnixSocket},
+};
 
-TEST_P(Destructors, failedCleanUpLeavesAnEarlierFailurePending) {
+VESK_TEST_TABLE(Destructors, failedCleanUpLeavesAnEarlierFailurePending, testing::Test, DESTRUCTORS) {
     TempFolder const folder;
     // In a child, so that nothing stays open.
     expectInChild([&] {
@@ -127,31 +144,5 @@ TEST_P(Destructors, failedCleanUpLeavesAnEarlierFailurePending) {
         EXPECT_TRUE(chainIs(pending));
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, Destructors,
-    testing::Values(
-        Row{"BinFileBase", &inject_close, makeFile<BinFileBase>},
-        Row{"MemBinFileBase", &inject_close, makeFile<vesk::MemBinFileBase>},
-        Row{"StreamBinFileR", &inject_close, makeFile<vesk::StreamBinFileR, BinFileBase::ReadFlags>},
-        Row{"StreamBinFileW", &inject_fsync, makeFile<vesk::StreamBinFileW, BinFileBase::WriteFlags>},
-        Row{"StreamBinFileRW", &inject_fsync, makeFile<vesk::StreamBinFileRW, BinFileBase::ReadWriteFlags>},
-        Row{"SerialPort", &inject_tcdrain, makePort}, Row{"BinTempFileRWClose", &inject_close, makeTempFile},
-        Row{"BinTempFileRWRemove", &inject_unlink, makeTempFile}, Row{"Pipe", &inject_close, make<Pipe>},
-        Row{"FmtFileWrapper", &inject_close,
-            [](auto&) -> Object { return std::make_shared<TextFile>("/dev/null", BinFileBase::READ); }},
-        Row{"Directory", &inject_closedir,
-            [](auto& folder) -> Object { return std::make_shared<Directory>(folder.getPath(), true); }},
-        Row{"SharedMemoryServer", &inject_close,
-            [](auto&) { return makeServer<vesk::SharedMemoryServer>(4096U, Creatable::REPLACE); }},
-        Row{"MsgQueueServer", &inject_mq_close,
-            [](auto&) { return makeServer<vesk::MsgQueueServer>(16U, 1U, Creatable::REPLACE); }},
-        Row{"SemaphoreCreator", &inject_sem_close,
-            [](auto&) { return makeServer<vesk::SemaphoreCreator>(1U, Creatable::REPLACE); }},
-        Row{"SharedObj", &inject_dlclose, makeSharedObj},
-        Row{"RWLock", &inject_pthread_rwlock_destroy, make<vesk::RWLock>},
-        Row{"SpinLock", &inject_pthread_spin_destroy, make<vesk::SpinLock>},
-        Row{"IPSocket", &inject_close, makeTCPSocket}, Row{"UnixSocket", &inject_close, makeUnixSocket}),
-    [](testing::TestParamInfo<Row> const& instance) { return instance.param.name; });
 
 } // namespace

@@ -1,27 +1,16 @@
-#include "support/CleanEnd.h"
-#include "support/ErrnoCases.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
-#include "support/TempFolder.h"
+#include "FileTests.h"
 
 #include <vesk/FileInfo.h>
 #include <vesk/UnicodeString.h>
 
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <ctime>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/sysmacros.h>
 #include <sys/time.h>
 #include <sys/un.h>
-#include <type_traits>
 
-VESK_INJECT_ERRNO(int, -1, stat, (char const* path, struct stat* data), (path, data))
-VESK_INJECT_ERRNO(int, -1, lstat, (char const* path, struct stat* data), (path, data))
-VESK_INJECT_ERRNO(int, -1, utimes, (char const* path, timeval const* times), (path, times))
 VESK_INJECT_RESULT(
     getpwuid_r, (uid_t id, passwd* entry, char* buffer, size_t size, passwd** found),
     (id, entry, buffer, size, found))
@@ -53,10 +42,7 @@ struct stat statOf(std::string const& path) {
     return data;
 }
 
-class FileInfoTest : public testing::Test {
-protected:
-    TempFolder m_folder;
-};
+using FileInfoTest = FileTest;
 
 TEST_F(FileInfoTest, holdsTheRecordOfTheSystem) {
     std::string const path = m_folder.makeFile("file", "12345");
@@ -102,6 +88,7 @@ TEST_F(FileInfoTest, linkOrItsTargetIsDescribed) {
     FileInfo const file(path, true);
     EXPECT_TRUE(file.isRegularFile());
     EXPECT_EQ(5, file.getSize());
+    EXPECT_TRUE(FileInfo(m_folder.makeLink("loop", "loop"), false).isValid()) << "the link is not followed";
 }
 
 TEST_F(FileInfoTest, realFilesHaveTheirTypes) {
@@ -191,13 +178,12 @@ TEST_F(FileInfoTest, accessIsThePermissionsWithoutTheType) {
 }
 
 TEST_F(FileInfoTest, ownerAndGroupAreKnownByIdAndNotLookedUp) {
-    std::string const path = m_folder.makeFile("file");
-    if (chown(path.c_str(), 12345, 54321) != 0) {
+    if (chown(m_path.c_str(), 12345, 54321) != 0) {
         GTEST_SKIP() << "only root can give a file away";
     }
-    Fault const user_calls(inject_getpwuid_r, 0);
-    Fault const group_calls(inject_getgrgid_r, 0);
-    FileInfo const info(path, true);
+    Calls const no_users(inject_getpwuid_r, 0);
+    Calls const no_groups(inject_getgrgid_r, 0);
+    FileInfo const info(m_path, true);
     User const owner = info.getOwner();
     EXPECT_TRUE(owner.isIdKnown());
     EXPECT_EQ(12345, owner.getId());
@@ -208,101 +194,46 @@ TEST_F(FileInfoTest, ownerAndGroupAreKnownByIdAndNotLookedUp) {
     EXPECT_EQ(54321, group.getId());
     EXPECT_FALSE(group.isNameKnown());
     EXPECT_EQ(Group::BAD_NAME, group.getKnownName());
-    EXPECT_EQ(0, user_calls.getCalls());
-    EXPECT_EQ(0, group_calls.getCalls());
 }
 
-TEST(FileInfo, largeOwnerIdStaysPositive) {
+TEST(FileInfo, ownerHasAPositiveIdAndANameOnRequest) {
     struct stat data = {};
     data.st_uid = 4294967294u;
     data.st_gid = 4294967293u;
     EXPECT_EQ(4294967294LL, FileInfo(data).getOwner().getId());
     EXPECT_EQ(4294967293LL, FileInfo(data).getGroup().getId());
-}
-
-TEST(FileInfo, nameOfTheOwnerIsLookedUpOnRequest) {
     EXPECT_EQ("root", FileInfo("/", true).getOwner().getName());
     EXPECT_EQ("root", FileInfo("/", true).getGroup().getName());
 }
 
 TEST_F(FileInfoTest, missingPathIsBadUntilTheNextInit) {
-    FileInfo info(m_folder.getPath(), true);
+    FileInfo info(m_path, true);
     EXPECT_TRUE(info.isValid());
-    for (std::string const& path : {m_folder / "missing", std::string()}) {
-        for (bool const follow : {false, true}) {
-            info.init(path.c_str(), follow);
-            EXPECT_FALSE(info.isValid());
-            EXPECT_TRUE(badPath(ENOENT).isPending(path));
-        }
-    }
-    info.init(m_folder.getPath().c_str(), true);
+    info.init(m_missing.c_str(), true);
+    EXPECT_FALSE(info.isValid());
+    EXPECT_TRUE(isMissing(m_missing));
+    info.init(m_path.c_str(), true);
     EXPECT_TRUE(info.isValid());
 }
 
-TEST_F(FileInfoTest, badPathsAreReported) {
-    std::string const loop = m_folder.makeLink("loop", "loop");
-    for (auto const& [error, path] :
-         {std::pair(ENOTDIR, m_folder.makeFile("file") + "/entry"), std::pair(ELOOP, loop),
-          std::pair(ENAMETOOLONG, m_folder / std::string(256, 'x'))}) {
-        EXPECT_FALSE(FileInfo(path, true).isValid());
-        EXPECT_TRUE(badPath(error).isPending(path));
-    }
-    EXPECT_TRUE(FileInfo(loop, false).isValid()) << "the link is not followed";
-}
-
-TEST_F(FileInfoTest, entryOfADirectoryWithoutSearchPermissionIsDenied) {
-    VESK_SKIP_UNLESS_ROOT();
-    m_folder.makeFolder("locked", 0600);
-    std::string const path = m_folder.makeFile("locked/file");
-    expectInChild([&path] {
-        ASSERT_TRUE(dropRights());
-        EXPECT_FALSE(FileInfo(path, true).isValid());
-        EXPECT_TRUE(accessDenied(EACCES).isPending(path));
-    });
-}
-
-TEST(FileInfo, nullPathIsRefusedByTheSystem) {
+TEST(FileInfo, nullTextIsRefusedByTheSystem) {
     ErrnoCase const reports{EFAULT, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED};
-    char const* const none = nullptr;
     for (bool const follow : {false, true}) {
-        EXPECT_FALSE(FileInfo(none, follow).isValid());
-        EXPECT_TRUE(reports.isPending("(null)"));
         EXPECT_FALSE(FileInfo(makeNullText(), follow).isValid());
         EXPECT_TRUE(reports.isPending("(null)"));
     }
+    EXPECT_TRUE(FileInfo::setModTime(makeNullText(), 1));
+    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EFAULT));
 }
-
-class FileInfoInitRows : public FileInfoTest, public testing::WithParamInterface<ErrnoCase> {};
-
-TEST_P(FileInfoInitRows, failureIsReportedWhetherTheLinkIsFollowedOrNot) {
-    for (bool const follow : {true, false}) {
-        Fault const fault(follow ? inject_stat : inject_lstat, GetParam().error);
-        EXPECT_FALSE(FileInfo(m_folder.getPath(), follow).isValid());
-        EXPECT_TRUE(GetParam().isPending(m_folder.getPath()));
-        EXPECT_EQ(1, fault.getCalls()) << "the call was repeated";
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, FileInfoInitRows,
-    eachErrno({
-        {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
-        {{EIO}, SysErrorId::INPUT_OUTPUT, FileAccessErrorId::NO_DEVICE},
-        {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
-        {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
-        {{EFAULT}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
-        {{EINTR, EOVERFLOW, EBADF, EPERM, 9999}, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
-    }));
 
 TEST_F(FileInfoTest, timeZeroSetsBothTimesToThePresent) {
-    std::string const path = m_folder.makeFile("file");
-    ASSERT_FALSE(FileInfo::setModTime(path, 1000000000));
+    ASSERT_FALSE(FileInfo::setModTime(m_path, 1000000000));
     // The clock of files may lag behind by a tick.
     time_t const before = time(nullptr) - 1;
-    EXPECT_FALSE(FileInfo::setModTime(path, 0));
+    EXPECT_FALSE(FileInfo::setModTime(m_path, 0));
     timespec after{};
     clock_gettime(CLOCK_REALTIME, &after); // Unlike time(), this clock does not lag behind that of files.
-    FileInfo const info(path, true);
+    FileInfo const info(m_path, true);
     EXPECT_LE(before, info.getModTime());
     EXPECT_GE(after.tv_sec, info.getModTime());
     timespec const& access = info.getStat().st_atim;
@@ -312,70 +243,25 @@ TEST_F(FileInfoTest, timeZeroSetsBothTimesToThePresent) {
 }
 
 TEST_F(FileInfoTest, anyOtherTimeIsSetInWholeSecondsForEveryFormOfAPath) {
-    std::string const path = m_folder.makeFile("file");
-    auto const expectTime = [&path](long seconds) {
-        FileInfo const info(path, true);
+    auto const expectTime = [this](long seconds) {
+        FileInfo const info(m_path, true);
         EXPECT_EQ(seconds, info.getModTime());
         EXPECT_EQ(seconds, info.getAccessTime());
         EXPECT_EQ(0, info.getStat().st_mtim.tv_nsec);
         EXPECT_EQ(0, info.getStat().st_atim.tv_nsec);
     };
     for (long const seconds : {1L, -1L, 1000000000L, 0x7FFFFFFFL}) {
-        EXPECT_FALSE(FileInfo::setModTime(path, seconds));
+        EXPECT_FALSE(FileInfo::setModTime(m_path, seconds));
         expectTime(seconds);
     }
-    EXPECT_FALSE(FileInfo::setModTime(path.c_str(), 2));
+    EXPECT_FALSE(FileInfo::setModTime(m_path.c_str(), 2));
     expectTime(2);
-    EXPECT_FALSE(FileInfo::setModTime(UnicodeString(path.c_str()), 3));
+    EXPECT_FALSE(FileInfo::setModTime(UnicodeString(m_path.c_str()), 3));
     expectTime(3);
-}
-
-TEST_F(FileInfoTest, timesOfTheTargetOfALinkAreSet) {
-    std::string const path = m_folder.makeFile("file");
     std::string const link = m_folder.makeLink("link", "file");
     EXPECT_FALSE(FileInfo::setModTime(link, 1000000000));
-    EXPECT_EQ(1000000000, FileInfo(path, true).getModTime());
+    EXPECT_EQ(1000000000, FileInfo(m_path, true).getModTime());
     EXPECT_NE(1000000000, FileInfo(link, false).getModTime());
 }
-
-TEST_F(FileInfoTest, timesOfAMissingFileCannotBeSet) {
-    EXPECT_TRUE(FileInfo::setModTime(m_folder / "missing", 0));
-    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PATH, ENOENT));
-    EXPECT_TRUE(FileInfo::setModTime(m_folder.makeFile("file") + "/entry", 1));
-    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PATH, ENOTDIR));
-    EXPECT_TRUE(FileInfo::setModTime(makeNullText(), 1));
-    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EFAULT));
-}
-
-TEST_F(FileInfoTest, timesOfFilesOfAnotherUserCannotBeSet) {
-    VESK_SKIP_UNLESS_ROOT();
-    std::string const path = m_folder.makeFile("file");
-    expectInChild([&path] {
-        ASSERT_TRUE(dropRights());
-        EXPECT_TRUE(FileInfo::setModTime(path, 0));
-        EXPECT_TRUE(causeIs(SysErrorId::PERMISSION_DENIED, EACCES));
-        EXPECT_TRUE(FileInfo::setModTime(path, 1));
-        EXPECT_TRUE(causeIs(SysErrorId::PERMISSION_DENIED, EPERM));
-    });
-}
-
-class FileInfoTimeRows : public FileInfoTest, public testing::WithParamInterface<ErrnoCase> {};
-
-TEST_P(FileInfoTimeRows, failureIsReportedWithoutAPath) {
-    for (long const seconds : {0L, 1L}) {
-        Fault const fault(inject_utimes, GetParam().error);
-        EXPECT_TRUE(FileInfo::setModTime(m_folder.getPath(), seconds));
-        EXPECT_TRUE(GetParam().isPending());
-        EXPECT_EQ(1, fault.getCalls()) << "the call was repeated";
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, FileInfoTimeRows,
-    eachErrno({
-        {{EPERM, EACCES, EROFS}, SysErrorId::PERMISSION_DENIED},
-        {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH},
-        {{EINTR, EFAULT, EIO, EINVAL}, SysErrorId::UNCLASSIFIED},
-    }));
 
 } // namespace

@@ -4,11 +4,7 @@
 
 #include <vesk/StreamBinFileBase.h>
 
-#include <algorithm>
-#include <cstring>
-#include <iterator>
 #include <map>
-#include <sstream>
 
 /// Tests of files as tables of steps.
 
@@ -130,6 +126,11 @@ public:
     }
 
     std::map<std::string, Verb> verbs;
+    /// The system calls that steps can count and make fail.
+    std::map<std::string, Injected*> calls = {{"open", &inject_open},   {"openat", &inject_openat},
+                                              {"close", &inject_close}, {"read", &inject_read},
+                                              {"write", &inject_write}, {"fsync", &inject_fsync},
+                                              {"lseek", &inject_lseek}, {"truncate", &inject_ftruncate}};
 
 private:
     template <typename T>
@@ -163,7 +164,7 @@ private:
             {"TRANSFER_FAILED", StreamErrorId::TRANSFER_FAILED},
             {"UNUSABLE", StreamErrorId::UNUSABLE}};
         if (ids[0] == "CLOSED") {
-            return closedFor(words[0]);
+            return closedFor(words[0] == "sync" ? "flush" : words[0]);
         }
         std::vector<ExpectedReport> chain = {reports.at(ids[0])};
         chain[0].text = rowText(*chain[0].family, chain[0].id, systemText(errorOf(ids[1])));
@@ -183,10 +184,6 @@ private:
     }
 
     int arm(std::string const& call, int error, int times) {
-        std::map<std::string, Injected*> const calls = {
-            {"open", &inject_open},   {"openat", &inject_openat},     {"close", &inject_close},
-            {"read", &inject_read},   {"write", &inject_write},       {"fsync", &inject_fsync},
-            {"lseek", &inject_lseek}, {"truncate", &inject_ftruncate}};
         m_faults.erase(call);
         m_faults[call] = std::make_unique<Fault>(*calls.at(call), error, 1, times);
         return 1;

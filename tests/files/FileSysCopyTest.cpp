@@ -1,31 +1,9 @@
-#include "support/CleanEnd.h"
-#include "support/ErrnoCases.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
+#include "FileTests.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
-#include "support/TempFolder.h"
 
 #include <vesk/FileSys.h>
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/stream/IBinOutputStream.h>
-
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <fcntl.h>
 #include <list>
-#include <tuple>
-
-VESK_INJECT_ERRNO(int, -1, fsync, (int fd), (fd))
-VESK_INJECT_ERRNO(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
-VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size), (fd, buffer, size))
-VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
-
-VESK_INJECT_OPEN()
 
 /// Writes for the base library. A fault makes it write one byte less, which no base library does.
 support::Injected inject_writeSlowly("_ZNSt16IBinOutputStream11writeSlowlyEPKvjRj");
@@ -56,7 +34,7 @@ std::string makeBytes(size_t size) {
 
 /// Returns the reports of a failed transfer of a stream.
 std::vector<ExpectedReport> failedTransfer(SysErrorId::Id id, int error) {
-    return {{id, rowText(id, systemText(error))}, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED};
+    return failure(id, error, StreamErrorId::TRANSFER_FAILED);
 }
 
 class FileSysCopyTest : public testing::Test {
@@ -110,9 +88,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(FileSysCopyTest, ownerAndGroupHaveAccessToTheCopyOfAnySource) {
     makeSource("x", 04755);
     for (auto const& [mask, access] : {std::pair(0U, 0660U), std::pair(027U, 0640U)}) {
-        mode_t const before = umask(mask);
+        ScopedUmask const scope(mask);
         EXPECT_FALSE(copy(16));
-        umask(before);
         EXPECT_EQ(access, modeOfCopy() & 07777);
         EXPECT_EQ(0, unlink(m_destination.c_str()));
     }
@@ -129,31 +106,25 @@ TEST_F(FileSysCopyTest, targetOfALinkIsCopiedAsAFile) {
 TEST_F(FileSysCopyTest, bufferSizeOfZeroIsRefusedBeforeAnyFileIsOpened) {
     makeSource("x");
     char buffer[1];
-    Fault const opened(inject_open, 0);
+    Calls const none(inject_open, 0);
     for (void* const given : {static_cast<void*>(nullptr), static_cast<void*>(buffer)}) {
-        std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
+        leaveOlderReport();
         EXPECT_TRUE(copy(0, given));
         EXPECT_TRUE(isContractBroken("zero bufsize given"));
     }
-    EXPECT_EQ(0, opened.getCalls());
 }
 
-TEST_F(FileSysCopyTest, missingBufferIsAllocatedOnce) {
+TEST_F(FileSysCopyTest, missingBufferIsAllocatedOnceBeforeAnyFileIsOpened) {
     makeSource("x");
+    {
+        Calls const none(inject_open, 0);
+        NewFault const fault(New::NOTHROW_ARRAY);
+        EXPECT_TRUE(copy(12345));
+    }
+    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}}));
     NewFault const counted(New::NOTHROW_ARRAY, 1, 0);
     EXPECT_FALSE(copy(12345));
     EXPECT_EQ(std::vector<size_t>{12345}, counted.getSizes());
-}
-
-TEST_F(FileSysCopyTest, noFileIsOpenedWithoutMemoryForABuffer) {
-    makeSource("x");
-    Fault const opened(inject_open, 0);
-    {
-        NewFault const fault(New::NOTHROW_ARRAY);
-        EXPECT_TRUE(copy(4096));
-    }
-    EXPECT_TRUE(chainIs({{std::CommonErrorId::OUT_OF_MEMORY}}));
-    EXPECT_EQ(0, opened.getCalls());
 }
 
 TEST_F(FileSysCopyTest, givenBufferIsUsedAndNothingIsAllocated) {
@@ -172,24 +143,27 @@ TEST_F(FileSysCopyTest, givenBufferIsUsedAndNothingIsAllocated) {
 }
 
 TEST_F(FileSysCopyTest, existingDestinationIsNotOverwritten) {
-    ErrnoCase const exists = {EEXIST, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS};
     makeSource("new");
     m_folder.makeFile("file", "old");
     m_folder.makeLink("dangling", "nowhere");
     for (char const* const name : {"file", "dangling", "source"}) {
         m_destination = m_folder / name;
         EXPECT_TRUE(copy(16));
-        EXPECT_TRUE(exists.isPending(m_destination)) << name;
+        EXPECT_TRUE(FILE_EXISTS.isPending(m_destination)) << name;
     }
     EXPECT_EQ("old", contentOf(m_folder / "file"));
     EXPECT_EQ(NOTHING, contentOf(m_folder / "nowhere"));
     EXPECT_EQ("new", contentOf(m_source));
 }
 
-TEST_F(FileSysCopyTest, missingSourceMakesNoCopy) {
+TEST_F(FileSysCopyTest, missingSourceMakesNoCopyAndADirectoryAnEmptyOne) {
     EXPECT_TRUE(copy(16));
     EXPECT_TRUE(badPath(ENOENT).isPending(m_source));
     EXPECT_EQ(NOTHING, contentOf(m_destination));
+    m_source = m_folder.makeFolder("dir");
+    EXPECT_TRUE(copy(16));
+    EXPECT_TRUE(chainIs(failedTransfer(SysErrorId::INVALID_PATH, EISDIR)));
+    EXPECT_EQ("", contentOf(m_destination));
 }
 
 class FileSysCopyWithoutPath : public FileSysCopyTest, public testing::WithParamInterface<char const*> {};
@@ -204,14 +178,7 @@ TEST_P(FileSysCopyWithoutPath, failsWithoutAReport) {
 
 INSTANTIATE_TEST_SUITE_P(All, FileSysCopyWithoutPath, testing::Values("", static_cast<char const*>(nullptr)));
 
-TEST_F(FileSysCopyTest, directoryCannotBeReadAndLeavesAnEmptyCopy) {
-    m_source = m_folder.makeFolder("dir");
-    EXPECT_TRUE(copy(16));
-    EXPECT_TRUE(chainIs(failedTransfer(SysErrorId::INVALID_PATH, EISDIR)));
-    EXPECT_EQ("", contentOf(m_destination));
-}
-
-TEST_F(FileSysCopyTest, fullFileSystemHoldsTheBytesThatFit) {
+TEST_F(FileSysCopyTest, fullFileSystemHoldsTheBytesThatFitAndAReadOnlyOneDeniesTheCopy) {
     VESK_SKIP_WITHOUT_MOUNTS();
     std::string const content = makeBytes(1 << 20);
     makeSource(content);
@@ -222,17 +189,8 @@ TEST_F(FileSysCopyTest, fullFileSystemHoldsTheBytesThatFit) {
         EXPECT_TRUE(copy(10000));
         EXPECT_TRUE(chainIs(failedTransfer(SysErrorId::NO_SPACE, ENOSPC)));
         expectCopied(content.substr(0, 65536));
-    });
-}
-
-TEST_F(FileSysCopyTest, copyToAReadOnlyFileSystemIsDenied) {
-    VESK_SKIP_WITHOUT_MOUNTS();
-    makeSource("content");
-    std::string const where = m_folder.makeFolder("mount");
-    expectInChild([&] {
-        ASSERT_TRUE(separateMounts() && mountMemory(where)) << strerror(errno);
         ASSERT_TRUE(mountMemory(where, "", MS_REMOUNT | MS_RDONLY)) << strerror(errno);
-        m_destination = where + "/copy";
+        m_destination = where + "/other";
         EXPECT_TRUE(copy(16));
         EXPECT_TRUE(accessDenied(EROFS).isPending(m_destination));
     });
@@ -253,12 +211,15 @@ struct FinalCall : NamedRow {
     int nth;
 };
 
-class FileSysCopyEnd : public FileSysCopyTest, public testing::WithParamInterface<FinalCall> {};
+FinalCall const FILE_SYS_COPY_END[] = {
+    {"closeOfTheSource", &inject_close, 1},
+    {"synchronization", &inject_fsync, 1},
+    {"closeOfTheDestination", &inject_close, 2},
+};
 
-TEST_P(FileSysCopyEnd, failureEndsTheProcess) {
+VESK_TEST_TABLE(FileSysCopyEnd, failureEndsTheProcess, FileSysCopyTest, FILE_SYS_COPY_END) {
     makeSource("content");
     ChildEnd const end = runInChild([&] {
-        std::GlobalErrorHandler::setHook(nullptr);
         Fault const fault(*GetParam().call, EIO, GetParam().nth);
         copy(16);
         ADD_FAILURE() << "the process goes on";
@@ -267,15 +228,6 @@ TEST_P(FileSysCopyEnd, failureEndsTheProcess) {
     EXPECT_NE(std::string::npos, end.errors.find("framework/src/vesk/common/FileSys")) << end.errors;
     EXPECT_NE(std::string::npos, end.errors.find("Error closing src/dst file(s)")) << end.errors;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, FileSysCopyEnd,
-    rowsOf<FinalCall>({
-        {"closeOfTheSource", &inject_close, 1},
-        {"synchronization", &inject_fsync, 1},
-        {"closeOfTheDestination", &inject_close, 2},
-    }),
-    byName);
 
 /// A copy of 10000 bytes through a buffer of 4096 bytes while calls of the system fail.
 struct CopyRow : NamedRow {
@@ -293,9 +245,66 @@ struct CopyRow : NamedRow {
     std::string events = "";
 };
 
-class FileSysCopyCalls : public FileSysCopyTest, public testing::WithParamInterface<CopyRow> {};
+constexpr char const* WARNING =
+    "WARNING framework/src/vesk/posix/StreamBinFileW ~StreamBinFileW: Error closing BinFileW";
+constexpr char const* ABORT = "ABORT framework/src/vesk/common/FileSys copy: Error closing src/dst file(s)";
 
-TEST_P(FileSysCopyCalls, haveTheirReportsEventsAndCopiedBytes) {
+CopyRow const FILE_SYS_COPY_CALLS[] = {
+    {"eachTransferFillsTheBuffer", {{&inject_read, 3 + 1}, {&inject_write, 3}}},
+    {"dataIsSynchronizedAndBothFilesAreClosedOnce", {{&inject_fsync, 1}, {&inject_close, 2}}},
+    {"interruptedCallsAreRepeated",
+     {{&inject_open, 2 + 2, EINTR, 1, 2},
+      {&inject_read, 4 + 3, EINTR, 2, 3},
+      {&inject_write, 3 + 2, EINTR, 1, 2},
+      {&inject_fsync, 1 + 2, EINTR, 1, 2},
+      {&inject_close, 2 + 2, EINTR, 1, 2}}},
+    {"failedRead",
+     {{&inject_read, 3, EIO, 3}},
+     true,
+     failedTransfer(SysErrorId::INPUT_OUTPUT, EIO),
+     makeBytes(8192)},
+    {"failedWrite",
+     {{&inject_write, 2, ENOSPC, 2}},
+     true,
+     failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
+     makeBytes(4096)},
+    {"failedWriteAndSynchronization",
+     {{&inject_write, 1, ENOSPC}, {&inject_fsync, 1, EIO}},
+     true,
+     failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
+     "",
+     WARNING},
+    {"failedWriteAndClose",
+     {{&inject_write, 1, ENOSPC}, {&inject_close, 3, EIO}},
+     true,
+     failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
+     "",
+     WARNING},
+    // As of a source in non-blocking mode.
+    {"readWithoutBytesIsTheEnd", {{&inject_read, 2, EAGAIN, 2}}, false, {}, makeBytes(4096)},
+    {"shortWriteTripsAnAssertion",
+     {{&inject_writeSlowly, 3, 1}},
+     false,
+     {},
+     makeBytes(10000).erase(4095, 1),
+     "ASSERT framework/src/vesk/common/FileSys copy: written_bytes == read_bytes"},
+    // The abort returns. The destructors close both files, and synchronize the destination.
+    {"failedCloseOfTheSource",
+     {{&inject_close, 3, EIO}, {&inject_fsync, 1}},
+     false,
+     failure(SysErrorId::INPUT_OUTPUT, EIO),
+     makeBytes(10000),
+     ABORT},
+    {"failedSynchronizationIsNotRepeated",
+     {{&inject_fsync, 1, EIO}, {&inject_close, 2}},
+     false,
+     failedTransfer(SysErrorId::INPUT_OUTPUT, EIO),
+     makeBytes(10000),
+     ABORT},
+};
+
+VESK_TEST_TABLE(
+    FileSysCopyCalls, haveTheirReportsEventsAndCopiedBytes, FileSysCopyTest, FILE_SYS_COPY_CALLS) {
     makeSource(makeBytes(10000));
     EventRecorder const recorder;
     {
@@ -313,66 +322,5 @@ TEST_P(FileSysCopyCalls, haveTheirReportsEventsAndCopiedBytes) {
     expectCopied(GetParam().copied);
     EXPECT_EQ(GetParam().events, recorder.getText());
 }
-
-constexpr char const* WARNING =
-    "WARNING framework/src/vesk/posix/StreamBinFileW ~StreamBinFileW: Error closing BinFileW";
-constexpr char const* ABORT = "ABORT framework/src/vesk/common/FileSys copy: Error closing src/dst file(s)";
-
-INSTANTIATE_TEST_SUITE_P(
-    All, FileSysCopyCalls,
-    rowsOf<CopyRow>({
-        {"eachTransferFillsTheBuffer", {{&inject_read, 3 + 1}, {&inject_write, 3}}},
-        {"dataIsSynchronizedAndBothFilesAreClosedOnce", {{&inject_fsync, 1}, {&inject_close, 2}}},
-        {"interruptedCallsAreRepeated",
-         {{&inject_open, 2 + 2, EINTR, 1, 2},
-          {&inject_read, 4 + 3, EINTR, 2, 3},
-          {&inject_write, 3 + 2, EINTR, 1, 2},
-          {&inject_fsync, 1 + 2, EINTR, 1, 2},
-          {&inject_close, 2 + 2, EINTR, 1, 2}}},
-        {"failedRead",
-         {{&inject_read, 3, EIO, 3}},
-         true,
-         failedTransfer(SysErrorId::INPUT_OUTPUT, EIO),
-         makeBytes(8192)},
-        {"failedWrite",
-         {{&inject_write, 2, ENOSPC, 2}},
-         true,
-         failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
-         makeBytes(4096)},
-        {"failedWriteAndSynchronization",
-         {{&inject_write, 1, ENOSPC}, {&inject_fsync, 1, EIO}},
-         true,
-         failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
-         "",
-         WARNING},
-        {"failedWriteAndClose",
-         {{&inject_write, 1, ENOSPC}, {&inject_close, 3, EIO}},
-         true,
-         failedTransfer(SysErrorId::NO_SPACE, ENOSPC),
-         "",
-         WARNING},
-        // As of a source in non-blocking mode.
-        {"readWithoutBytesIsTheEnd", {{&inject_read, 2, EAGAIN, 2}}, false, {}, makeBytes(4096)},
-        {"shortWriteTripsAnAssertion",
-         {{&inject_writeSlowly, 3, 1}},
-         false,
-         {},
-         makeBytes(10000).erase(4095, 1),
-         "ASSERT framework/src/vesk/common/FileSys copy: written_bytes == read_bytes"},
-        // The abort returns. The destructors close both files, and synchronize the destination.
-        {"failedCloseOfTheSource",
-         {{&inject_close, 3, EIO}, {&inject_fsync, 1}},
-         false,
-         {{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))}},
-         makeBytes(10000),
-         ABORT},
-        {"failedSynchronizationIsNotRepeated",
-         {{&inject_fsync, 1, EIO}, {&inject_close, 2}},
-         false,
-         failedTransfer(SysErrorId::INPUT_OUTPUT, EIO),
-         makeBytes(10000),
-         ABORT},
-    }),
-    byName);
 
 } // namespace

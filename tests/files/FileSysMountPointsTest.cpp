@@ -1,16 +1,11 @@
-#include "support/Chain.h"
-#include "support/EventRecorder.h"
+#include "support/CleanEnd.h"
+#include "support/ErrnoRows.h"
 #include "support/Inject.h"
 #include "support/NamedRow.h"
 #include "support/Privileges.h"
 #include "support/TempFolder.h"
 
 #include <vesk/FileSys.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/ErrorOutput.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -23,70 +18,27 @@ namespace {
 struct FakeMounts {
     std::string path;                ///< The file to read in its place.
     std::vector<size_t> chunks = {}; ///< The most bytes of each read; the reads behind have no limit.
-    int fail_read = 0;               ///< The number of the read that fails with EIO, counted from 1.
-
-    int fd = -1;
     int flags = 0;
     std::vector<size_t> reads = {}; ///< The requested sizes.
-    bool closed = false;
+
+    /// Records a read. Returns the most bytes that it may read.
+    size_t note(size_t size) {
+        reads.push_back(size);
+        return reads.size() <= chunks.size() ? std::min(size, chunks[reads.size() - 1]) : size;
+    }
 };
 FakeMounts* s_fake = nullptr;
 
 } // namespace
 
-support::Injected inject_open("open");
-extern "C" VESK_UNWATCHED int open(char const* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    int const mode = (flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0;
-    va_end(arguments);
-    auto const real = reinterpret_cast<int (*)(char const*, int, ...)>(inject_open.getReal());
-    if (strcmp(path, "/proc/mounts") != 0) {
-        return real(path, flags, mode);
-    }
-    int error = 0;
-    if (inject_open.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    if (s_fake == nullptr) {
-        return real(path, flags, mode);
-    }
+VESK_INJECT_OPEN(if (s_fake != nullptr) {
     s_fake->flags = flags;
-    s_fake->fd = real(s_fake->path.c_str(), flags, mode);
-    return s_fake->fd;
-}
-
-support::Injected inject_read("read");
-extern "C" VESK_UNWATCHED ssize_t read(int fd, void* buffer, size_t size) {
-    if (s_fake != nullptr && fd == s_fake->fd) {
-        size_t const index = s_fake->reads.size();
-        s_fake->reads.push_back(size);
-        if (index + 1 == static_cast<size_t>(s_fake->fail_read)) {
-            errno = EIO;
-            return -1;
-        }
-        if (index < s_fake->chunks.size()) {
-            size = std::min(size, s_fake->chunks[index]);
-        }
-    }
-    return reinterpret_cast<ssize_t (*)(int, void*, size_t)>(inject_read.getReal())(fd, buffer, size);
-}
-
-/// Closes even if it fails.
-support::Injected inject_close("close");
-extern "C" VESK_UNWATCHED int close(int fd) {
-    if (s_fake != nullptr && fd == s_fake->fd) {
-        s_fake->closed = true;
-    }
-    int const result = reinterpret_cast<int (*)(int)>(inject_close.getReal())(fd);
-    int error = 0;
-    if (inject_close.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return result;
-}
+    path = strcmp(path, "/proc/mounts") == 0 ? s_fake->path.c_str() : "";
+})
+VESK_INJECT_NOTING(
+    ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size),
+    size = s_fake != nullptr ? s_fake->note(size) : size)
+VESK_INJECT_ERRNO(int, -1, close, (int fd), (fd))
 
 namespace {
 
@@ -97,16 +49,17 @@ using List = std::list<std::string>;
 
 class FileSysMountPointsTest : public testing::Test {
 protected:
-    ~FileSysMountPointsTest() override { s_fake = nullptr; }
-
     /// Returns the mount points of a file with this content.
+    /// @param fail_read  the number of the read that fails with EIO, counted from 1
     List parse(std::string const& content, std::vector<size_t> const& chunks = {}, int fail_read = 0) {
-        m_fake = FakeMounts{m_folder.makeFile("mounts", content), chunks, fail_read};
+        m_fake = FakeMounts{m_folder.makeFile("mounts", content), chunks};
         s_fake = &m_fake;
+        Fault const failed_read(inject_read, fail_read == 0 ? 0 : EIO, fail_read);
+        Fault const closed(inject_close, 0);
         List list = FileSys::getMountPoints();
         s_fake = nullptr;
         EXPECT_EQ(O_RDONLY | O_CLOEXEC, m_fake.flags);
-        EXPECT_TRUE(m_fake.closed);
+        EXPECT_EQ(1, closed.getCalls());
         EXPECT_TRUE(chainIs({}));
         return list;
     }
@@ -210,29 +163,29 @@ TEST_F(FileSysMountPointsTest, borderSplitsAMountPointAndNothingElse) {
     }
 }
 
-TEST_F(FileSysMountPointsTest, listIsEmptyWithoutTheFileAndNothingIsReported) {
+TEST_F(FileSysMountPointsTest, listIsEmptyWithoutTheFileAndPendingReportsAreKept) {
+    leaveOlderReport();
     for (int const error : {ENOENT, EACCES, EMFILE, EINTR}) {
         Fault const fault(inject_open, error);
         EXPECT_EQ(List{}, FileSys::getMountPoints());
         EXPECT_EQ(1, fault.getCalls());
-        EXPECT_TRUE(chainIs({}));
     }
-}
-
-TEST_F(FileSysMountPointsTest, missingFileKeepsPendingReports) {
-    std::ErrorOutput("older", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
-    {
-        Fault const fault(inject_open, ENOENT);
-        EXPECT_EQ(List{}, FileSys::getMountPoints());
-    }
-    EXPECT_TRUE(chainIs({vesk::SysErrorId::NO_SUCH_PROCESS}));
+    EXPECT_TRUE(onlyOlderIsPending());
 }
 
 TEST_F(FileSysMountPointsTest, failedCloseTripsAnAssertionAndKeepsTheList) {
     EventRecorder const recorder;
-    Fault const fault(inject_close, EIO);
-    // Expects that nothing is reported.
-    EXPECT_EQ(List{"/a"}, parse("x /a t r 0 0\n"));
+    m_fake.path = m_folder.makeFile("mounts", "x /a t r 0 0\n");
+    int const next = dup(STDIN_FILENO);
+    close(next);
+    s_fake = &m_fake;
+    {
+        Fault const fault(inject_close, EIO);
+        EXPECT_EQ(List{"/a"}, FileSys::getMountPoints());
+        EXPECT_EQ(1, fault.getCalls());
+    }
+    s_fake = nullptr;
+    EXPECT_EQ(0, close(next));
     EXPECT_EQ("ASSERT framework/src/vesk/linux/FileSys getMountPoints: mount_fd == 0", recorder.getText());
 }
 

@@ -1,33 +1,19 @@
 #pragma once
 
-#include "support/Chain.h"
+#include "support/Aborts.h"
 #include "support/CleanEnd.h"
-#include "support/EventRecorder.h"
-#include "support/Privileges.h"
 #include "support/TempFolder.h"
+#include "support/Testing.h"
 #include "support/VtableSlot.h"
 #include "support/calls/FileCalls.h"
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/stream/IBinInputStream.h>
 #include <tarncommon/stream/IBinOutputStream.h>
 #include <vesk/BinFileBase.h>
 #include <vesk/Directory.h>
-#include <vesk/FileAccessError.h>
 #include <vesk/Pipe.h>
-#include <vesk/SysError.h>
 
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <functional>
 #include <initializer_list>
-#include <optional>
-#include <ostream>
-#include <string>
-#include <type_traits>
-#include <vector>
 
 /// What the tests of files share. Must be included in exactly one file of a test program, like `FileCalls.h`.
 
@@ -46,43 +32,6 @@ using vesk::FileAccess;
 using vesk::Pipe;
 
 // ---- reports ----
-
-struct Nothing {};
-
-/// An error number, the report that it causes, and the id of a report on top of that one.
-template <typename OnTop = Nothing>
-struct ErrnoRow {
-    int error;
-    SysErrorId::Id cause;
-    OnTop on_top{};
-};
-using StreamRow = ErrnoRow<std::optional<StreamErrorId>>;
-using PathRow = ErrnoRow<FileAccessErrorId::Id>;
-
-template <typename OnTop>
-void PrintTo(ErrnoRow<OnTop> const& row, std::ostream* out) {
-    *out << strerrorname_np(row.error);
-}
-
-/// Error numbers that cause the same reports.
-template <typename OnTop>
-struct ErrnoGroup {
-    std::vector<int> errors;
-    SysErrorId::Id cause;
-    OnTop on_top{};
-};
-
-/// Returns the parameters of a test with one row for each error number of a table.
-template <typename OnTop = Nothing>
-auto rowsOf(std::vector<ErrnoGroup<OnTop>> const& table) {
-    std::vector<ErrnoRow<OnTop>> rows;
-    for (auto const& group : table) {
-        for (int const error : group.errors) {
-            rows.push_back({error, group.cause, group.on_top});
-        }
-    }
-    return testing::ValuesIn(rows);
-}
 
 inline ExpectedReport causedBy(SysErrorId::Id cause, int error) {
     return {cause, rowText(cause, systemText(error))};
@@ -128,29 +77,12 @@ inline testing::AssertionResult hasFailed(
     return hasFailed(file, failure(cause, error, on_top));
 }
 
-/// Reports of a failed `open`: the cause with the system's text, and its meaning for the path on top.
-inline std::vector<ExpectedReport>
-openFailure(SysErrorId::Id cause, int error, FileAccessErrorId::Id on_top, std::string const& path) {
-    return {causedBy(cause, error), {on_top, rowText(on_top, path)}};
-}
-
-/// Reports of a failed `open` of a path that does not name what the operation needs.
-inline std::vector<ExpectedReport> badPath(int error, std::string const& path) {
-    return openFailure(SysErrorId::INVALID_PATH, error, FileAccessErrorId::BAD_PATH, path);
-}
-
-inline testing::AssertionResult
-openFailureIs(SysErrorId::Id cause, int error, FileAccessErrorId::Id on_top, std::string const& path) {
-    return chainIs(openFailure(cause, error, on_top, path));
-}
-
 inline testing::AssertionResult isMissing(std::string const& path) {
-    return chainIs(badPath(ENOENT, path));
+    return badPath(ENOENT).isPending(path);
 }
 
-inline testing::AssertionResult contractIsBroken(std::string const& text) {
-    return chainIs({{CommonErrorId::CONTRACT_BROKEN, rowText(CommonErrorId::CONTRACT_BROKEN, text)}});
-}
+/// Reports of an `open` of a path that must be new.
+inline ErrnoCase const FILE_EXISTS = {EEXIST, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS};
 
 /// Expects a number of calls of a function during its lifetime, and makes the first ones fail.
 class Calls {

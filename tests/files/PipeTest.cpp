@@ -10,43 +10,30 @@ static_assert(!std::is_polymorphic_v<Pipe> && !std::is_copy_constructible_v<Pipe
 static_assert(sizeof(Pipe) == 2 * sizeof(int));
 
 /// One end of a pipe, and its operations.
-struct End {
-    char const* name;
+struct End : NamedRow {
     int (Pipe::*get)() const;
     int (Pipe::*take)();
     bool (Pipe::*close)();
 };
 
-void PrintTo(End const& end, std::ostream* out) {
-    *out << end.name;
-}
-
 End const READ_END{"read", &Pipe::getReadEnd, &Pipe::takeReadEnd, &Pipe::closeReadEnd};
 End const WRITE_END{"write", &Pipe::getWriteEnd, &Pipe::takeWriteEnd, &Pipe::closeWriteEnd};
 
-TEST(Pipe, carriesBytesFromItsWriteEndToItsReadEnd) {
-    Pipe const pipe;
-    fill(pipe, "abc");
-    EXPECT_EQ("abc", drain(pipe));
-}
-
-class PipeCreation : public testing::TestWithParam<ErrnoRow<>> {};
+class PipeCreation : public testing::TestWithParam<ErrnoCase> {};
 
 TEST_P(PipeCreation, failureLeavesBothEndsClosed) {
-    {
-        Calls const calls(inject_pipe, 1, GetParam().error);
-        Pipe pipe;
-        EXPECT_TRUE(causeIs(GetParam().cause, GetParam().error));
-        EXPECT_EQ(-1, pipe.getReadEnd());
-        EXPECT_EQ(-1, pipe.getWriteEnd());
-        EXPECT_FALSE(pipe.closeReadEnd());
-        EXPECT_FALSE(pipe.closeWriteEnd());
-    }
+    Calls const calls(inject_pipe, 1, GetParam().error);
+    Pipe pipe;
+    EXPECT_TRUE(GetParam().isPending());
+    EXPECT_EQ(-1, pipe.getReadEnd());
+    EXPECT_EQ(-1, pipe.getWriteEnd());
+    EXPECT_FALSE(pipe.closeReadEnd());
+    EXPECT_FALSE(pipe.closeWriteEnd());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     rows, PipeCreation,
-    rowsOf({
+    eachErrno({
         {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
         {{ENOSPC}, SysErrorId::OUT_OF_MEMORY},
         {{ENOSYS}, SysErrorId::NOT_IMPLEMENTED},
@@ -75,14 +62,11 @@ protected:
     End m_other = GetParam().get == READ_END.get ? WRITE_END : READ_END;
 };
 
-TEST_P(PipeEnd, blocksAndStaysOpenAcrossExec) {
-    EXPECT_EQ(0, fcntl(get(), F_GETFL) & O_NONBLOCK);
-    EXPECT_EQ(0, fcntl(get(), F_GETFD) & FD_CLOEXEC);
-}
-
-TEST_P(PipeEnd, isClosedAloneAndOnce) {
+TEST_P(PipeEnd, blocksStaysOpenAcrossExecAndIsClosedAloneAndOnce) {
     int const fd = get();
     int const other = getOther();
+    EXPECT_EQ(0, fcntl(fd, F_GETFL) & O_NONBLOCK);
+    EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     Calls const calls(inject_close, 1);
     EXPECT_FALSE(close());
     EXPECT_EQ(-1, get());
@@ -108,7 +92,7 @@ TEST_P(PipeEnd, isClosedByTheDestructorUnlessItWasTaken) {
     EXPECT_EQ(0, ::close(fd));
 }
 
-INSTANTIATE_TEST_SUITE_P(ends, PipeEnd, testing::Values(READ_END, WRITE_END));
+INSTANTIATE_TEST_SUITE_P(ends, PipeEnd, testing::Values(READ_END, WRITE_END), byName);
 
 class PipeClose : public testing::TestWithParam<std::tuple<int, End>> {};
 

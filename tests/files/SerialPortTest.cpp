@@ -1,10 +1,8 @@
-#include "FileTests.h"
+#include "FileSteps.h"
 #include "support/NewFault.h"
 
-#include <tarncommon/error/ErrorOutput.h>
 #include <vesk/SerialPort.h>
 
-#include <cstdlib>
 #include <poll.h>
 #include <termios.h>
 
@@ -92,7 +90,20 @@ private:
 
 class SerialPortTest : public FileTest {
 protected:
+    SerialPortTest() {
+        m_steps.verbs["open"] = m_steps.operation([this](Words const&) { return m_used->open(); });
+        m_steps.verbs["send"] = Steps::check([this](Words const& words) { m_terminal.send(words[1]); });
+        m_steps.verbs["receive"] = Steps::check(
+            [this](Words const& words) { EXPECT_EQ(words[1], m_terminal.receive(words[1].size())); });
+        m_steps.calls["tcdrain"] = &inject_tcdrain;
+    }
     void TearDown() override { s_only_records = false; }
+
+    /// Performs steps on a port. They may also use the other end of the line ("send TEXT", "receive TEXT").
+    void run(SerialPort& port, StepList const& steps) {
+        m_used = &port;
+        m_steps.run(port, steps);
+    }
 
     /// Checks that `open` has failed to configure the line, and its reports after those of `before`.
     testing::AssertionResult isRefused(int error, std::vector<ExpectedReport> before = {}) const {
@@ -102,14 +113,13 @@ protected:
         return hasFailed(m_port, before);
     }
 
-    /// Leaves a report pending.
-    static void reportEarlierFailure() { std::ErrorOutput("earlier", 1, true)(SysErrorId::NO_SUCH_PROCESS); }
-
     PseudoTerminal m_terminal;
     SerialPort m_port{m_terminal.getPath()};
     /// Reads ahead, and has no buffer for writing.
     SerialPort m_reader{m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 16, 0};
     SerialPort m_writer{m_terminal.getPath(), 9600, Parity::NONE, 1, false, false, true, 0, 16};
+    SerialPort* m_used = nullptr; ///< The port of the steps.
+    Steps m_steps{m_folder, m_dir};
 };
 
 class OpenSerialPort : public SerialPortTest {
@@ -136,63 +146,63 @@ TEST_F(SerialPortTest, keepsItsSettingsWithoutAccessToTheDevice) {
     EXPECT_EQ(std::make_tuple("/other", 300U, Parity::EVEN, 1, false, true), get_settings());
 }
 
-TEST_F(SerialPortTest, passesTheBufferSizesOn) {
+struct Slots : SerialPort {
+    using SerialPort::performFlush;
+    using SerialPort::StreamBinFileRW::checkWriteBufferConsistency;
+};
+
+TEST_F(SerialPortTest, passesTheBufferSizesOnAndHasItsOwnFlush) {
     EXPECT_FALSE(m_port.isInputBuffered());
     EXPECT_FALSE(m_port.isOutputBuffered());
     EXPECT_TRUE(m_reader.isInputBuffered());
     EXPECT_FALSE(m_reader.isOutputBuffered());
     EXPECT_FALSE(m_writer.isInputBuffered());
     EXPECT_TRUE(m_writer.isOutputBuffered());
-}
-
-struct Slots : SerialPort {
-    using SerialPort::performFlush;
-    using SerialPort::StreamBinFileRW::checkWriteBufferConsistency;
-};
-
-TEST_F(SerialPortTest, flushFollowsTheOperationsOfTheBaseInItsSlot) {
     EXPECT_EQ(7, getSlot(&Slots::checkWriteBufferConsistency));
     EXPECT_EQ(8, getSlot(&Slots::performFlush));
 }
 
-struct BadSettings {
+struct BadSettings : NamedRow {
     Parity parity;
-    std::string device; ///< Empty, or "any" for a device that exists.
+    bool has_device;
     ExpectedReport report;
 };
-
-void PrintTo(BadSettings const& row, std::ostream* out) {
-    *out << static_cast<int>(row.parity) << " \"" << row.device << "\"";
-}
-
-class SerialPortBadSettings : public SerialPortTest, public testing::WithParamInterface<BadSettings> {};
-
-TEST_P(SerialPortBadSettings, areRefusedBeforeTheDeviceIsOpenedButCloseAnOpenPort) {
-    for (bool const is_open : {false, true}) {
-        SerialPort port(m_terminal.getPath());
-        EXPECT_FALSE(is_open && port.open());
-        EXPECT_EQ(is_open, port.isValid());
-        Calls const none(inject_open, 0);
-        port.setParity(GetParam().parity);
-        port.setDevice(GetParam().device.empty() ? "" : m_terminal.getPath());
-        reportEarlierFailure();
-        EXPECT_TRUE(port.open());
-        EXPECT_FALSE(port.isValid());
-        EXPECT_TRUE(hasFailed(port, {GetParam().report}));
-    }
-}
 
 ExpectedReport const UNSUPPORTED(
     CommonErrorId::NOT_SUPPORTED,
     rowText(CommonErrorId::NOT_SUPPORTED, "MARK/SPACE setting is not supported on POSIX"));
 ExpectedReport const NO_PATH(FileAccessErrorId::BAD_PATH, "Bad path '<empty string given>'");
 
-INSTANTIATE_TEST_SUITE_P(
-    All, SerialPortBadSettings,
-    testing::Values(
-        BadSettings{Parity::MARK, "any", UNSUPPORTED}, BadSettings{Parity::SPACE, "any", UNSUPPORTED},
-        BadSettings{Parity::MARK, "", UNSUPPORTED}, BadSettings{Parity::SPACE, "", UNSUPPORTED},
-        BadSettings{Parity::NONE, "", NO_PATH}));
+BadSettings const SERIAL_PORT_BAD_SETTINGS[] = {
+    {"mark", Parity::MARK, true, UNSUPPORTED},
+    {"space", Parity::SPACE, true, UNSUPPORTED},
+    {"markWithoutADevice", Parity::MARK, false, UNSUPPORTED},
+    {"spaceWithoutADevice", Parity::SPACE, false, UNSUPPORTED},
+    {"noDevice", Parity::NONE, false, NO_PATH},
+};
+
+VESK_TEST_TABLE(
+    SerialPortBadSettings, areRefusedBeforeTheDeviceIsOpenedButCloseAnOpenPort, SerialPortTest,
+    SERIAL_PORT_BAD_SETTINGS) {
+    for (bool const is_open : {false, true}) {
+        SerialPort port(m_terminal.getPath());
+        EXPECT_FALSE(is_open && port.open());
+        EXPECT_EQ(is_open, port.isValid());
+        Calls const none(inject_open, 0);
+        port.setParity(GetParam().parity);
+        port.setDevice(GetParam().has_device ? m_terminal.getPath() : "");
+        leaveOlderReport();
+        EXPECT_TRUE(port.open());
+        EXPECT_FALSE(port.isValid());
+        EXPECT_TRUE(hasFailed(port, {GetParam().report}));
+    }
+}
+
+TEST_F(SerialPortTest, receiverIsSwitchedOn) {
+    s_only_records = true;
+    ASSERT_FALSE(m_port.open());
+    EXPECT_NE(0U, s_set.c_cflag & CREAD);
+}
 
 TEST_F(SerialPortTest, missingDeviceIsReportedByTheOpenOfTheFile) {
     m_port.setDevice(m_missing);
@@ -220,8 +230,7 @@ TEST_F(OpenSerialPort, lineIsRawWithEightBits) {
 }
 
 /// Settings of a port, and the flags of the line that they set. Without flags, those of the device are kept.
-struct SettingRow {
-    char const* name;
+struct SettingRow : NamedRow {
     bool xon;
     bool xoff;
     int stop_bits;
@@ -231,13 +240,29 @@ struct SettingRow {
     std::optional<tcflag_t> flags;
 };
 
-void PrintTo(SettingRow const& row, std::ostream* out) {
-    *out << row.name;
-}
+constexpr tcflag_t FLOW = IXON | IXOFF;
+constexpr tcflag_t PARITY = PARENB | PARODD;
+constexpr tcflag_t MODEM = CLOCAL | CRTSCTS;
 
-class SerialPortSettings : public SerialPortTest, public testing::WithParamInterface<SettingRow> {};
+SettingRow const SERIAL_PORT_SETTINGS[] = {
+    {"noFlowControl", false, false, 1, Parity::NONE, &termios::c_iflag, FLOW, 0},
+    {"xonAlone", true, false, 1, Parity::NONE, &termios::c_iflag, FLOW, IXON},
+    {"xoffAlone", false, true, 1, Parity::NONE, &termios::c_iflag, FLOW, IXOFF},
+    {"xonAndXoff", true, true, 1, Parity::NONE, &termios::c_iflag, FLOW, FLOW},
+    {"twoStopBits", false, false, 2, Parity::NONE, &termios::c_cflag, CSTOPB, CSTOPB},
+    {"oneStopBit", false, false, 1, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+    {"noStopBitIsOne", false, false, 0, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+    {"threeStopBitsAreOne", false, false, 3, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+    {"255StopBitsAreOne", false, false, 255, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
+    {"noParity", false, false, 1, Parity::NONE, &termios::c_cflag, PARENB, 0},
+    {"noParityKeepsOdd", false, false, 1, Parity::NONE, &termios::c_cflag, PARODD, {}},
+    {"evenParity", false, false, 1, Parity::EVEN, &termios::c_cflag, PARITY, PARENB},
+    {"oddParity", false, false, 1, Parity::ODD, &termios::c_cflag, PARITY, PARITY},
+    {"unknownParityIsNone", false, false, 1, Parity(5), &termios::c_cflag, PARENB, 0},
+    {"keepsModemLines", false, false, 1, Parity::NONE, &termios::c_cflag, MODEM, {}},
+};
 
-TEST_P(SerialPortSettings, areSetWhateverTheDeviceUsedBefore) {
+VESK_TEST_TABLE(SerialPortSettings, areSetWhateverTheDeviceUsedBefore, SerialPortTest, SERIAL_PORT_SETTINGS) {
     SettingRow const row = GetParam();
     // A pseudo-terminal checks no parity.
     tcflag_t const mask = row.mask & ~static_cast<tcflag_t>(row.field == &termios::c_cflag ? PARENB : 0);
@@ -261,35 +286,6 @@ TEST_P(SerialPortSettings, areSetWhateverTheDeviceUsedBefore) {
         EXPECT_EQ(before.c_cc[VINTR], line.c_cc[VINTR]);
         EXPECT_EQ(before.c_cc[VSTART], line.c_cc[VSTART]);
     }
-}
-
-constexpr tcflag_t FLOW = IXON | IXOFF;
-constexpr tcflag_t PARITY = PARENB | PARODD;
-constexpr tcflag_t MODEM = CLOCAL | CRTSCTS;
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SerialPortSettings,
-    testing::Values(
-        SettingRow{"noFlowControl", false, false, 1, Parity::NONE, &termios::c_iflag, FLOW, 0},
-        SettingRow{"xonAlone", true, false, 1, Parity::NONE, &termios::c_iflag, FLOW, IXON},
-        SettingRow{"xoffAlone", false, true, 1, Parity::NONE, &termios::c_iflag, FLOW, IXOFF},
-        SettingRow{"xonAndXoff", true, true, 1, Parity::NONE, &termios::c_iflag, FLOW, FLOW},
-        SettingRow{"twoStopBits", false, false, 2, Parity::NONE, &termios::c_cflag, CSTOPB, CSTOPB},
-        SettingRow{"oneStopBit", false, false, 1, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        SettingRow{"noStopBitIsOne", false, false, 0, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        SettingRow{"threeStopBitsAreOne", false, false, 3, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        SettingRow{"255StopBitsAreOne", false, false, 255, Parity::NONE, &termios::c_cflag, CSTOPB, 0},
-        SettingRow{"noParity", false, false, 1, Parity::NONE, &termios::c_cflag, PARENB, 0},
-        SettingRow{"noParityKeepsOdd", false, false, 1, Parity::NONE, &termios::c_cflag, PARODD, {}},
-        SettingRow{"evenParity", false, false, 1, Parity::EVEN, &termios::c_cflag, PARITY, PARENB},
-        SettingRow{"oddParity", false, false, 1, Parity::ODD, &termios::c_cflag, PARITY, PARITY},
-        SettingRow{"unknownParityIsNone", false, false, 1, Parity(5), &termios::c_cflag, PARENB, 0},
-        SettingRow{"keepsModemLines", false, false, 1, Parity::NONE, &termios::c_cflag, MODEM, {}}));
-
-TEST_F(SerialPortTest, receiverIsSwitchedOn) {
-    s_only_records = true;
-    ASSERT_FALSE(m_port.open());
-    EXPECT_NE(0U, s_set.c_cflag & CREAD);
 }
 
 using Speed = std::pair<unsigned int, speed_t>;
@@ -353,7 +349,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Combine(testing::Values(&inject_tcsetattr), testing::Values(EINTR, EINVAL, EIO)));
 
 TEST_F(SerialPortTest, refusalIsReportedOnTopOfAnEarlierFailureAndOfAFailureToCloseTheLine) {
-    reportEarlierFailure();
+    leaveOlderReport();
     Fault const refused(inject_tcgetattr, EIO, 1, 2);
     EXPECT_TRUE(m_port.open());
     EXPECT_TRUE(isRefused(EIO, {SysErrorId::NO_SUCH_PROCESS}));
@@ -380,36 +376,23 @@ TEST_F(SerialPortTest, plainFileIsOpenedAndClosedAgain) {
 TEST_F(OpenSerialPort, openAppliesTheSettingsToANewDescriptor) {
     m_port.setBaudRate(115200);
     m_port.setStopBits(2);
-    {
-        Calls const opened(inject_open, 1);
-        Calls const closed(inject_close, 1);
-        Calls const drained(inject_tcdrain, 1);
-        EXPECT_FALSE(m_port.open());
-    }
+    run(m_port,
+        {"count open", "count close", "count tcdrain", "open", "calls open 1", "calls close 1",
+         "calls tcdrain 1"});
     termios const line = m_terminal.getSettings();
     EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&line));
     EXPECT_NE(0U, line.c_cflag & CSTOPB);
-    m_terminal.send("x");
-    EXPECT_EQ("x", readFrom(m_port, 1));
+    run(m_port, {"send x", "read 1 x", "seek current 0 FAILS SPOILED_INTEGRITY ESPIPE"});
 }
 
 TEST_F(OpenSerialPort, portThatCannotBeDrainedIsClosedAndNotOpenedAgain) {
-    {
-        Calls const none(inject_open, 0);
-        Fault const fault(inject_tcdrain, EIO);
-        EXPECT_TRUE(m_port.open());
-    }
-    EXPECT_FALSE(m_port.isValid());
-    EXPECT_TRUE(hasFailed(m_port, SysErrorId::INPUT_OUTPUT, EIO, StreamErrorId::TRANSFER_FAILED));
-    EXPECT_FALSE(m_port.open());
+    run(m_port,
+        {"count open", "fail tcdrain EIO", "open FAILS INPUT_OUTPUT EIO TRANSFER_FAILED", "invalid",
+         "calls open 0", "open"});
 }
 
 TEST_F(SerialPortTest, openKeepsTheReadAhead) {
-    ASSERT_FALSE(m_reader.open());
-    m_terminal.send("abc");
-    EXPECT_EQ("a", readFrom(m_reader, 1));
-    ASSERT_FALSE(m_reader.open());
-    EXPECT_EQ("bc", readFrom(m_reader, 2));
+    run(m_reader, {"open", "send abc", "read 1 a", "open", "read 2 bc"});
 }
 
 TEST_F(SerialPortTest, portWithoutItsBufferIsNeverValidAndLosesNoDescriptor) {
@@ -424,8 +407,8 @@ TEST_F(SerialPortTest, portWithoutItsBufferIsNeverValidAndLosesNoDescriptor) {
     port.setBaudRate(75);
     EXPECT_TRUE(port.open());
     EXPECT_EQ(-1, port.getDescriptor()) << "a refused line is not left open";
-    EXPECT_TRUE(openFailureIs(
-        SysErrorId::UNCLASSIFIED, EINVAL, FileAccessErrorId::UNCLASSIFIED, m_terminal.getPath()));
+    ErrnoCase const refused = {EINVAL, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED};
+    EXPECT_TRUE(refused.isPending(m_terminal.getPath()));
 }
 
 TEST_F(OpenSerialPort, bytesArriveUnchangedInBothDirections) {
@@ -445,13 +428,7 @@ TEST_F(OpenSerialPort, bytesArriveUnchangedInBothDirections) {
 }
 
 TEST_F(SerialPortTest, writtenBytesLeaveTheBufferWithTheFlushAndTheClose) {
-    ASSERT_FALSE(m_writer.open());
-    writeTo(m_writer, "abc");
-    EXPECT_FALSE(m_writer.flush(false));
-    EXPECT_EQ("abc", m_terminal.receive(3));
-    writeTo(m_writer, "de");
-    EXPECT_FALSE(m_writer.close());
-    EXPECT_EQ("de", m_terminal.receive(2));
+    run(m_writer, {"open", "write abc", "sync", "receive abc", "write de", "close", "receive de"});
 }
 
 TEST_F(SerialPortTest, onlyANonBlockingPortIsOpenedWithNonBlockAndReads0BytesWithSuccess) {
@@ -469,46 +446,26 @@ TEST_F(SerialPortTest, onlyANonBlockingPortIsOpenedWithNonBlockAndReads0BytesWit
     }
 }
 
-TEST_F(OpenSerialPort, lineHasNoPosition) {
-    EXPECT_TRUE(m_port.seek(0, SerialPort::Current, m_position));
-    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, ESPIPE));
-}
-
 TEST_F(OpenSerialPort, flushDrainsTheLineAndSynchronizesNothing) {
-    Fault const drained(inject_tcdrain, 0);
-    Calls const no_syncs(inject_fsync, 0);
-    EXPECT_FALSE(m_port.flush(false));
-    EXPECT_EQ(1, drained.getCalls());
-    EXPECT_FALSE(m_port.flush(true));
-    EXPECT_EQ(1, drained.getCalls());
-    EXPECT_FALSE(m_port.close());
-    EXPECT_EQ(2, drained.getCalls());
+    run(m_port,
+        {"count fsync", "fail tcdrain EINTR 3", "sync", "calls tcdrain 4", "count tcdrain", "flush",
+         "calls tcdrain 0", "count tcdrain", "close", "calls tcdrain 1", "calls fsync 0"});
 }
 
-TEST_F(OpenSerialPort, interruptedFlushIsRepeated) {
-    Calls const calls(inject_tcdrain, 4, EINTR, 3);
-    EXPECT_FALSE(m_port.flush(false));
-    EXPECT_FALSE(m_port.hadError());
+TEST_F(SerialPortTest, closedPortCannotBeFlushedButClosedAgain) {
+    run(m_port, {"sync FAILS CLOSED", "close"});
 }
 
 class SerialPortFlushRows : public OpenSerialPort, public testing::WithParamInterface<int> {};
 
 TEST_P(SerialPortFlushRows, isAnErrorOfTheLineForEveryReason) {
-    reportEarlierFailure();
+    leaveOlderReport();
     Calls const calls(inject_tcdrain, 2, GetParam());
-    EXPECT_TRUE(m_port.flush(false));
-    EXPECT_TRUE(hasFailed(m_port, SysErrorId::INPUT_OUTPUT, GetParam(), StreamErrorId::TRANSFER_FAILED));
-    EXPECT_FALSE(m_port.flush(false));
-    EXPECT_FALSE(m_port.hadError());
+    run(m_port,
+        {std::string("sync FAILS INPUT_OUTPUT ") + strerrorname_np(GetParam()) + " TRANSFER_FAILED", "sync"});
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SerialPortFlushRows, testing::Values(EIO, EBADF, ENOTTY, EINVAL, EAGAIN));
-
-TEST_F(SerialPortTest, closedPortCannotBeFlushedButClosedAgain) {
-    EXPECT_TRUE(m_port.flush(false));
-    EXPECT_TRUE(hasFailed(m_port, closedFor("flush")));
-    EXPECT_FALSE(m_port.close());
-}
 
 class SerialPortDestructor : public SerialPortTest {
 protected:

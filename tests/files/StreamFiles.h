@@ -7,9 +7,6 @@
 #include <vesk/StreamBinFileRW.h>
 #include <vesk/UnicodeString.h>
 
-#include <memory>
-#include <tuple>
-
 /// The suites that the stream files share. Must be included in exactly one file of a test program.
 
 namespace support {

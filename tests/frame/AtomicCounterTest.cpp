@@ -1,12 +1,6 @@
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/AtomicCounter.h>
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <thread>
-#include <type_traits>
 
 namespace {
 
@@ -20,18 +14,13 @@ extern AtomicCounter g_counter;
 uint32_t const g_early = g_counter.increment();
 AtomicCounter g_counter;
 
-TEST(AtomicCounter, beginsAtZero) {
-    AtomicCounter const counter;
-    EXPECT_EQ(0u, counter.getCurrentCount());
-    EXPECT_EQ(0u, counter.peekCount());
-}
-
-TEST(AtomicCounter, incrementReturnsTheNewCount) {
+TEST(AtomicCounter, beginsAtZeroAndIncrementReturnsTheNewCount) {
     AtomicCounter counter;
-    EXPECT_EQ(1u, counter.increment());
-    EXPECT_EQ(2u, counter.increment());
-    EXPECT_EQ(2u, counter.getCurrentCount());
-    EXPECT_EQ(2u, counter.peekCount());
+    for (uint32_t count = 0; count < 3; ++count) {
+        EXPECT_EQ(count, counter.getCurrentCount());
+        EXPECT_EQ(count, counter.peekCount());
+        EXPECT_EQ(count + 1, counter.increment());
+    }
 }
 
 TEST(AtomicCounter, globalCounterWorksBeforeItsOwnInitializerWouldRun) {

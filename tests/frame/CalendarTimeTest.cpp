@@ -1,30 +1,7 @@
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-#include "support/Privileges.h"
+#include "support/Testing.h"
 
 #include <vesk/CalendarTime.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <climits>
-#include <cstdlib>
-#include <ctime>
-#include <functional>
-#include <optional>
-#include <string>
-#include <type_traits>
-#include <utility>
-#include <vector>
-
-VESK_INJECT_ERRNO(time_t, -1, mktime, (tm * fields), (fields))
 
 namespace {
 
@@ -35,47 +12,21 @@ struct SetCall {
 };
 
 std::vector<SetCall> s_set_calls;
-int s_tzset_calls = 0;
-
-/// The result of `localtime_r`, unless it is the real one.
-struct FakeLocalTime {
-    bool fails;
-    tm fields;
-};
-FakeLocalTime const* s_local_time = nullptr;
+tm const* s_local_time = nullptr; ///< The result of `localtime_r`, if present.
 
 } // namespace
 
-support::Injected inject_clock_settime("clock_settime");
-support::Injected inject_localtime_r("localtime_r");
-support::Injected inject_tzset("tzset");
+VESK_INJECT_ERRNO(time_t, -1, mktime, (tm * fields), (fields))
+VESK_INJECT_ERRNO(void, , tzset, (), ())
+VESK_INJECT_NOTING(
+    tm*, nullptr, localtime_r, (time_t const* time, tm* fields), (time, fields),
+    if (s_local_time != nullptr) { return &(*fields = *s_local_time); })
 
+support::Injected inject_clock_settime("clock_settime");
 /// Never calls the real function: no test sets the machine's clock.
 extern "C" int clock_settime(clockid_t clock, timespec const* time) {
     s_set_calls.push_back({clock, *time});
-    int error = 0;
-    if (inject_clock_settime.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return 0;
-}
-
-extern "C" VESK_UNWATCHED tm* localtime_r(time_t const* time, tm* fields) {
-    if (s_local_time == nullptr) {
-        return reinterpret_cast<tm* (*)(time_t const*, tm*)>(inject_localtime_r.getReal())(time, fields);
-    }
-    if (s_local_time->fails) {
-        errno = EOVERFLOW;
-        return nullptr;
-    }
-    *fields = s_local_time->fields;
-    return fields;
-}
-
-extern "C" VESK_UNWATCHED void tzset() {
-    ++s_tzset_calls;
-    reinterpret_cast<void (*)()>(inject_tzset.getReal())();
+    return inject_clock_settime.fails() ? -1 : 0;
 }
 
 namespace {
@@ -220,11 +171,14 @@ TEST_F(CalendarTimeTest, eachSetterStoresAnyValueInItsFieldAlone) {
     }
 }
 
+static_assert(!std::is_polymorphic_v<CalendarTime>);
+
 TEST_F(CalendarTimeTest, wholeDateIsStoredAndReadWithoutTheWeekday) {
     CalendarTime date(false);
     date.setWeekday(WeekDay::WEDNESDAY);
     date.setDate(2024, Month::FEBRUARY, 29, 13, 14, 15);
-    EXPECT_EQ("2024-02-29 13:14:15 3", text(date));
+    CalendarTime const copy = date; // NOLINT: the copy is what is tested
+    EXPECT_EQ("2024-02-29 13:14:15 3", text(copy));
     unsigned short year = 0;
     Month month = Month::JANUARY;
     unsigned char rest[4] = {};
@@ -246,12 +200,6 @@ TEST_F(CalendarTimeTest, monthsAndWeekdaysHaveTheNumbersOfTheSystem) {
     EXPECT_STREQ("Nov Sat", buffer);
     static_assert(static_cast<int>(Month::JANUARY) == 0 && static_cast<int>(Month::DECEMBER) == 11);
     static_assert(static_cast<int>(WeekDay::SUNDAY) == 0 && static_cast<int>(WeekDay::SATURDAY) == 6);
-}
-
-TEST_F(CalendarTimeTest, hasNoVirtualOperationsAndCanBeCopied) {
-    static_assert(!std::is_polymorphic_v<CalendarTime>);
-    CalendarTime const copy = SOME_DATE; // NOLINT: the copy is what is tested
-    EXPECT_EQ(SOME_TEXT, text(copy));
 }
 
 // ---- from and to timestamps ----
@@ -320,18 +268,17 @@ INSTANTIATE_TEST_SUITE_P(
         MomentRow{UTC, FIRST_OF_YEAR_0 - 1000, SOME_TEXT}));
 
 TEST_F(CalendarTimeTest, leapSecondReadsAsFiftyNine) {
-    FakeLocalTime leap{false, {}};
-    ASSERT_NE(nullptr, strptime("2016-12-31 23:59:00", "%Y-%m-%d %H:%M:%S", &leap.fields));
+    tm leap{};
+    ASSERT_NE(nullptr, strptime("2016-12-31 23:59:00", "%Y-%m-%d %H:%M:%S", &leap));
     s_local_time = &leap;
     for (int const second : {60, 61, 58}) {
-        leap.fields.tm_sec = second;
+        leap.tm_sec = second;
         EXPECT_EQ("2016-12-31 23:59:" + std::to_string(second == 58 ? 58 : 59) + " 6", textAt(1483228800000));
     }
 }
 
 TEST_F(CalendarTimeTest, failureOfTheSystemToConvertAMomentLeavesTheObjectUnchanged) {
-    FakeLocalTime const failure{true, {}};
-    s_local_time = &failure;
+    Fault const failure(inject_localtime_r, EOVERFLOW, 1, Fault::FOREVER);
     EXPECT_EQ(SOME_TEXT, textAt(0));
     CalendarTime date = SOME_DATE;
     date.retrieveDate();
@@ -350,11 +297,10 @@ TEST_F(CalendarTimeTest, yearBelow1970HasNoTimestampAndMakesNoSystemCall) {
 }
 
 TEST_F(CalendarTimeTest, dateThatTheSystemRefusesIsMinusThousandWithoutAReport) {
-    Fault const fault(inject_mktime, EOVERFLOW);
-    EXPECT_EQ(-1000, SOME_DATE.getTimestamp());
-}
-
-TEST_F(CalendarTimeTest, yearsHaveNoUpperLimitExceptThatOfTimeT) {
+    {
+        Fault const fault(inject_mktime, EOVERFLOW);
+        EXPECT_EQ(-1000, SOME_DATE.getTimestamp());
+    }
     EXPECT_EQ(2147483647000, makeDate(2038, 1, 19, 3, 14, 7).getTimestamp());
     EXPECT_EQ(WIDE_TIME ? 2147483648000 : -1000, makeDate(2038, 1, 19, 3, 14, 8).getTimestamp());
     EXPECT_EQ(WIDE_TIME ? LAST_OF_YEAR_65535 : -1000, makeDate(65535, 12, 31, 23, 59, 59).getTimestamp());
@@ -379,17 +325,6 @@ struct DifferenceRow : NamedRow {
     int bad_year = 0;
 };
 
-class CalendarTimeDifferences : public testing::TestWithParam<DifferenceRow> {};
-
-TEST_P(CalendarTimeDifferences, areAbsoluteOrReported) {
-    DifferenceRow const& row = GetParam();
-    TimeZone const zone(row.zone);
-    EXPECT_EQ(row.ms, CalendarTime::getTimediff(row.first, row.second));
-    if (row.bad_year != 0) {
-        EXPECT_TRUE(isYearOutOfRange(row.bad_year));
-    }
-}
-
 DifferenceRow const DIFFERENCES[] = {
     {"ofADayAndASecond", UTC, makeDate(2026, 3, 1, 12), makeDate(2026, 3, 2, 12, 0, 1), DAY + 1000},
     {"inTheOtherOrder", UTC, makeDate(2026, 3, 2, 12, 0, 1), makeDate(2026, 3, 1, 12), DAY + 1000},
@@ -402,7 +337,14 @@ DifferenceRow const DIFFERENCES[] = {
     {"ofTwoYearsBelow1970EndWithTheFirst", UTC, makeDate(1969, 6, 1), makeDate(1968, 1, 1), -1, 1969},
 };
 
-INSTANTIATE_TEST_SUITE_P(All, CalendarTimeDifferences, testing::ValuesIn(DIFFERENCES), byName);
+VESK_TEST_TABLE(CalendarTimeDifferences, areAbsoluteOrReported, testing::Test, DIFFERENCES) {
+    DifferenceRow const& row = GetParam();
+    TimeZone const zone(row.zone);
+    EXPECT_EQ(row.ms, CalendarTime::getTimediff(row.first, row.second));
+    if (row.bad_year != 0) {
+        EXPECT_TRUE(isYearOutOfRange(row.bad_year));
+    }
+}
 
 TEST_F(CalendarTimeTest, firstHoursOf1970EastOfGreenwichAreNegativeAndHaveNoDifference) {
     TimeZone const zone(BERLIN);
@@ -417,7 +359,7 @@ TEST_F(CalendarTimeTest, differenceIsReportedIfTheSystemRefusesEitherDate) {
     for (int const nth : {1, 2}) {
         leaveOlderReport();
         Fault const fault(inject_mktime, EOVERFLOW, nth);
-        EXPECT_EQ(-1, CalendarTime::getTimediff(makeDate(2026, 1, 1), makeDate(2026, 1, 2)));
+        EXPECT_EQ(-1, CalendarTime::getTimediff(SOME_DATE, SOME_DATE));
         EXPECT_EQ(nth, fault.getCalls());
         EXPECT_TRUE(causeIs(CalendarTime::ErrorId::ASSEMBLY_FAILED, EOVERFLOW));
     }
@@ -496,9 +438,9 @@ TEST_F(CalendarTimeTest, refusedWallClockIsReportedAndTheNextAttemptWorks) {
 TEST_F(CalendarTimeTest, startReadsTheTimeZone) {
     expectInChild([] {
         setenv("TZ", NEW_YORK, 1);
-        int const calls = s_tzset_calls;
+        Fault const calls(inject_tzset, 0);
         EXPECT_FALSE(CalendarTime::init());
-        EXPECT_EQ(calls + 1, s_tzset_calls);
+        EXPECT_EQ(1, calls.getCalls());
         EXPECT_STREQ("EDT", tzname[1]);
         EXPECT_EQ("2026-07-01 06:00:00 3", textAt(1782900000000));
         EXPECT_TRUE(chainIs({}));

@@ -57,13 +57,9 @@ private:
 } // namespace support
 
 extern "C" VESK_UNWATCHED int clock_gettime(clockid_t clock, timespec* time) {
-    int error = 0;
-    if (inject_clock_gettime.fails(error)) {
-        errno = error;
+    if (inject_clock_gettime.fails()) {
         return -1;
     }
-    if (support::FakeClock::read(clock, time)) {
-        return 0;
-    }
-    return reinterpret_cast<int (*)(clockid_t, timespec*)>(inject_clock_gettime.getReal())(clock, time);
+    return support::FakeClock::read(clock, time) ? 0
+                                                 : inject_clock_gettime.getReal(clock_gettime)(clock, time);
 }

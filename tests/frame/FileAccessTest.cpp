@@ -1,12 +1,9 @@
-#include "support/NamedRow.h"
+#include "support/Testing.h"
 
 #include <vesk/FileAccess.h>
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 

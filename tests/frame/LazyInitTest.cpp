@@ -1,26 +1,10 @@
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 #include "support/VtableSlot.h"
 
-#include <vesk/SysError.h>
 #include <vesk/common/LazyInit.h>
 
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
 #include <new>
-#include <thread>
-#include <type_traits>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
@@ -75,28 +59,20 @@ TEST(LazyInit, failedSetUpIsReportedOnceAndNotRepeated) {
     EXPECT_EQ(1, thing.m_runs);
 }
 
-TEST(LazyInit, worksWithAnyTypeOfArgument) {
+TEST(LazyInit, worksWithAnyTypeOfArgumentAndIsDestroyedThroughItsBase) {
+    static int s_sum = 0;
     struct Sum : LazyInitBase<int> {
+        ~Sum() override { s_sum = 0; }
         bool doInit() override {
-            m_sum = m_argument + 1;
+            s_sum = m_argument + 1;
             return false;
         }
-        int m_sum = 0;
-    } sum;
-    EXPECT_FALSE(sum.checkInit(41));
-    EXPECT_EQ(42, sum.m_sum);
-}
-
-TEST(LazyInit, isDestroyedThroughItsBase) {
-    struct Noticed : LazyThing {
-        explicit Noticed(bool& destroyed) : m_destroyed(destroyed) {}
-        ~Noticed() override { m_destroyed = true; }
-        bool& m_destroyed;
     };
-    bool destroyed = false;
-    LazyInitBase<void*>* const base = new Noticed(destroyed);
-    delete base;
-    EXPECT_TRUE(destroyed);
+    std::unique_ptr<LazyInitBase<int>> base = std::make_unique<Sum>();
+    EXPECT_FALSE(base->checkInit(41));
+    EXPECT_EQ(42, s_sum);
+    base.reset();
+    EXPECT_EQ(0, s_sum);
 }
 
 // ---- the layout ----
@@ -165,14 +141,11 @@ struct SlowThing : LazyInitBase<void*> {
 TEST(LazyInit, threadThatWaitedForTheSetUpFindsItDoneAndSeesNoFailure) {
     SlowThing thing;
     std::thread first([&] { EXPECT_TRUE(thing.checkInit(nullptr)); });
-    while (!thing.m_running) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(eventually([&] { return thing.m_running.load(); }));
     Fault const locks(inject_pthread_mutex_lock, 0, 1, 1, Fault::Threads::ALL);
     std::thread second([&] { EXPECT_FALSE(thing.checkInit(nullptr)); });
-    while (locks.getCalls() == 0) { // The second thread saw the counter at 0 and waits for the lock.
-        std::this_thread::yield();
-    }
+    // The second thread saw the counter at 0 and waits for the lock.
+    EXPECT_TRUE(eventually([&] { return locks.getCalls() != 0; }));
     thing.m_go_on = true;
     first.join();
     second.join();

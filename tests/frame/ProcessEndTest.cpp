@@ -1,13 +1,6 @@
 #include "ProcessEndCommand.h"
 #include "Uses.h"
-#include "support/Child.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <tuple>
-#include <unistd.h>
-#include <vector>
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,31 +1,13 @@
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <common/Shared.h>
 #include <common/SharedBuf.h>
 #include <vesk/RefCounted.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <cstdint>
-#include <cstdlib>
-#include <memory>
+#include <future>
 #include <mutex>
-#include <set>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <type_traits>
-#include <unistd.h>
-#include <utility>
-#include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
@@ -188,18 +170,7 @@ TEST(RefCounted, handlesNeedNeitherMemoryNorALockExceptTheFirst) {
     EXPECT_EQ(3, thing.destroyed);
 }
 
-TEST(RefCounted, the1025thLiveCounterComesFromAFurtherPoolOf2048) {
-    Crowd crowd(1024);
-    expectPools(0, 1024);
-    crowd.grow(1);
-    expectPools(1, 2048);
-    EXPECT_EQ(2048u, getDepletion().getCurrent()->getItemCount());
-    EXPECT_TRUE(getDepletion().getCurrent()->contains(crowd.get().back()->getCounter()));
-    EXPECT_FALSE(Handle::getPool()->contains(crowd.get().back()->getCounter()));
-    EXPECT_EQ(1, crowd.get().back()->getCount());
-}
-
-TEST(RefCounted, furtherPoolsComeAndGoWithTheCounters) {
+TEST(RefCounted, furtherPoolsComeAndGoWithTheCountersFromThe1025thOn) {
     struct Step {
         int count;
         unsigned int pools;
@@ -207,12 +178,13 @@ TEST(RefCounted, furtherPoolsComeAndGoWithTheCounters) {
     };
     Step const steps[] = {
         {1024, 0, 1024},
-        {2048, 1, 2048},
+        {1, 1, 2048},
+        {2047, 1, 2048},
         {1, 2, 4096},
         {-1, 1, 2048},
         {-2047, 1, 2048},
         {-1, 0, 1024},
-        // A reserved item is used before the pool grows.
+        // A spare is used before the pool grows.
         {-1, 0, 1024},
         {1, 0, 1024},
         {-2, 0, 1024},
@@ -225,6 +197,13 @@ TEST(RefCounted, furtherPoolsComeAndGoWithTheCounters) {
         step.count > 0 ? crowd.grow(static_cast<unsigned int>(step.count))
                        : crowd.shrink(static_cast<unsigned int>(-step.count));
         expectPools(step.pools, step.next_size);
+        if (crowd.get().size() > 1024 && step.count > 0) {
+            void* const counter = crowd.get().back()->getCounter();
+            EXPECT_EQ(step.next_size, getDepletion().getCurrent()->getItemCount());
+            EXPECT_TRUE(getDepletion().getCurrent()->contains(counter));
+            EXPECT_FALSE(Handle::getPool()->contains(counter));
+            EXPECT_EQ(1, crowd.get().back()->getCount());
+        }
     }
 }
 
@@ -257,44 +236,57 @@ TEST(RefCounted, withoutMemoryForACounterAHandleWorksButNeverDestroys) {
     });
 }
 
-TEST(RefCounted, waitsForTheMemoryOfAnotherPool) {
-    EventRecorder const recorder;
-    Crowd crowd(1024);
-    Thing thing;
-    {
-        NewFault const fault(New::NOTHROW_SINGLE, 1, 2);
-        Handle const handle(thing);
-        EXPECT_EQ(1, handle.getCount());
-    }
-    EXPECT_EQ(
-        "OUT_OF_MEMORY framework/include/common/MemoryPool getHelp: need another pool\n"
-        "OUT_OF_MEMORY framework/include/common/MemoryPool getHelp: need another pool",
-        recorder.getText());
-    EXPECT_EQ(1, thing.destroyed);
-}
-
-TEST(RefCounted, itemReservedWhileAnotherThreadWaitsForThePoolIsUsedBeforeThePoolGrows) {
-    Crowd crowd(1024);
-    std::thread other;
-    {
-        Handle::CounterPool::LockGuard const guard(*Handle::getPool());
-        // From here on only the other thread locks: it found no reserved item and waits for the pool.
-        Fault const locks(inject_pthread_mutex_lock, 0, 1, 1, Fault::Threads::ALL);
-        other = std::thread([] {
-            Thing thing;
-            Handle const handle(thing);
-            EXPECT_TRUE(Handle::getPool()->contains(handle.getCounter()));
+TEST(RefCounted, sparesOfOtherThreadsLeaveACountForEachOf1024HandlesWithoutMemory) {
+    expectInChild([] {
+        EventRecorder const recorder;
+        Thing thing;
+        std::promise<void> kept;
+        std::promise<void> end;
+        std::thread other([&] {
+            { Handle const handle(thing); }
+            kept.set_value();
+            end.get_future().wait();
         });
-        while (locks.getCalls() == 0) {
-            std::this_thread::yield();
+        kept.get_future().wait();
+        {
+            Crowd const crowd(1023);
+            for (int round = 0; round < 2; ++round) {
+                auto const make = [&thing] {
+                    NewFault const fault(New::NOTHROW_ARRAY);
+                    return Handle(thing);
+                };
+                Handle const last = make();
+                EXPECT_NE(nullptr, last.getCounter()) << round;
+                EXPECT_FALSE(Handle::getPool()->contains(last.getCounter()));
+                EXPECT_EQ(nullptr, make().getCounter()) << round;
+            }
         }
-        crowd.shrink(1);
-    }
-    other.join();
-    EXPECT_EQ(0u, getDepletion().getPoolCount());
+        end.set_value();
+        other.join();
+        Crowd const whole(1024);
+        for (auto const& handle : whole.get()) {
+            EXPECT_TRUE(Handle::getPool()->contains(handle->getCounter()));
+        }
+    });
 }
 
-TEST(RefCounted, threadsCompeteForTheReservedItem) {
+TEST(RefCounted, threadsThatEndLeaveTheirSparesToThePool) {
+    for (int round = 0; round < 3; ++round) {
+        // More threads at a time than may have spares.
+        std::atomic<int> ready{0};
+        runInThreads(100, [&ready](int) {
+            Thing thing;
+            { Handle const handle(thing); }
+            ++ready;
+            while (ready < 100) {
+                std::this_thread::yield();
+            }
+        });
+        expectPoolIsWhole();
+    }
+}
+
+TEST(RefCounted, threadsUseTheirSparesAtTheSameTime) {
     std::atomic<int> wrong{0};
     runInThreads(2, [&wrong](int) { // More threads would take turns on a small machine rather than compete.
         for (int round = 0; round < 500000; ++round) {
@@ -316,18 +308,14 @@ TEST(RefCounted, threadsCompeteForThePoolNearItsDepletion) {
     constexpr int THREADS = 4;
     static constexpr int ROUNDS = 5000;
     Crowd const others(1024 - THREADS);
-    std::atomic<bool> grown{false};
-    runInThreads(THREADS, [&grown](int) {
+    runInThreads(THREADS, [](int) {
         Thing thing;
         for (int round = 0; round < ROUNDS; ++round) {
             Handle const handle(thing);
-            if (!Handle::getPool()->contains(handle.getCounter())) {
-                grown = true;
-            }
+            ASSERT_TRUE(Handle::getPool()->contains(handle.getCounter())) << "the pool has grown";
         }
         EXPECT_EQ(ROUNDS, thing.destroyed);
     });
-    EXPECT_FALSE(grown);
 }
 
 TEST(RefCounted, threadsExchangeHandlesBeyondTheMainPoolWithoutLoss) {
@@ -508,26 +496,21 @@ TEST(Shared, emptyReferenceNeedsNoHolder) {
     EXPECT_EQ(nullptr, empty.get());
 }
 
-TEST(Shared, referenceBehavesLikeAPointer) {
+TEST(Shared, referenceBehavesLikeAPointerAndThatToABaseKeepsTheDerivedObject) {
     using E = Engine<4>;
-    std::Shared<E> shared;
-    Ptr<E> const reference(shared);
-    EXPECT_TRUE(reference);
-    EXPECT_EQ(reference.get(), &*reference);
-    EXPECT_EQ(&reference->serial, &reference.get()->serial);
-    EXPECT_EQ(&shared, reference.getHolder());
-}
-
-TEST(Shared, referenceToABaseKeepsTheDerivedObject) {
-    struct Derived : Engine<5> {
+    struct Derived : E {
         int more = 42;
     };
     std::Shared<Derived> shared;
     {
-        Ptr<Engine<5>> const reference(shared);
+        Ptr<E> const reference(shared);
+        EXPECT_TRUE(reference);
+        EXPECT_EQ(reference.get(), &*reference);
+        EXPECT_EQ(&reference->serial, &reference.get()->serial);
+        EXPECT_EQ(&shared, reference.getHolder());
         EXPECT_EQ(42, static_cast<Derived&>(*reference).more);
     }
-    EXPECT_EQ(0, Engine<5>::alive);
+    EXPECT_EQ(0, E::alive);
 }
 
 TEST(Shared, constructorThatThrowsLeavesNoReference) {
@@ -655,18 +638,14 @@ struct Slow {
 TEST(Shared, otherReferencesWaitUntilTheObjectIsBuilt) {
     static std::Shared<Slow> shared;
     std::thread builder([] { Ptr<Slow> const reference(shared); });
-    while (!Slow::started) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(eventually([] { return Slow::started.load(); }));
     // From here on only the second reference locks.
     Fault const locks(inject_pthread_mutex_lock, 0, 1, 1, Fault::Threads::ALL);
     std::thread other([] {
         Ptr<Slow> const reference(shared);
         EXPECT_TRUE(reference->ready);
     });
-    while (locks.getCalls() == 0) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(eventually([&] { return locks.getCalls() != 0; }));
     Slow::may_end = true;
     builder.join();
     other.join();
@@ -726,7 +705,7 @@ struct OfShared : std::SharedBase {
     bool isIn(Reference const& reference) const {
         return reference.get() == &value && reference.getHolder() == this;
     }
-    int countOf(Reference const& /*reference*/) const { return refcount; }
+    int countOf(Reference const& /*reference*/) const { return static_cast<int>(refcount); }
     int countDestroyed() const { return destroyed; }
     void build() override { EXPECT_EQ(destroyed, built++); }
     void destroy() override { ++destroyed; }
@@ -783,24 +762,21 @@ TYPED_TEST(References, assignmentReleasesTheOldThingAndSharesTheNew) {
     EXPECT_EQ(1, this->m_right.countDestroyed());
 }
 
-TYPED_TEST(References, assignmentOfTheLastReferenceDestroys) {
-    using Reference = typename TypeParam::Reference;
-    Reference reference = this->m_left.make();
-    Reference const other = this->m_right.make();
-    reference = other;
-    EXPECT_EQ(1, this->m_left.countDestroyed());
-}
-
-TYPED_TEST(References, assignmentToItselfOrToACopyKeepsTheThing) {
+TYPED_TEST(References, assignmentToItselfOrACopyKeepsTheThingAndThatToTheLastReferenceDestroysIt) {
     using Reference = typename TypeParam::Reference;
     Reference reference = this->m_left.make();
     Reference& same = reference;
     reference = same;
-    Reference const copy(reference);
-    reference = copy;
-    EXPECT_EQ(2, this->m_left.countOf(copy));
-    EXPECT_EQ(0, this->m_left.countDestroyed());
-    EXPECT_TRUE(this->m_left.isIn(reference));
+    {
+        Reference const copy(reference);
+        reference = copy;
+        EXPECT_EQ(2, this->m_left.countOf(copy));
+        EXPECT_EQ(0, this->m_left.countDestroyed());
+        EXPECT_TRUE(this->m_left.isIn(reference));
+    }
+    Reference const other = this->m_right.make();
+    reference = other;
+    EXPECT_EQ(1, this->m_left.countDestroyed());
 }
 
 TYPED_TEST(References, threadsThatCopyAndReleaseDestroyOnce) {

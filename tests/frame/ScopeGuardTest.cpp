@@ -1,16 +1,9 @@
-#include "support/Child.h"
-#include "support/EventRecorder.h"
+#include "support/Testing.h"
 
 #include <common/ScopeGuard.h>
 
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <cstdio>
 #include <exception>
-#include <memory>
 #include <stdexcept>
-#include <type_traits>
 
 namespace {
 
@@ -63,7 +56,9 @@ TEST(ScopeGuard, releasedOrDisarmedItDoesNotCallTheFunction) {
     auto const release = [](Guard& guard) {
         guard.release();
         EXPECT_TRUE(guard.isReleased());
+        guard.arm(); // Has no effect then.
     };
+    EXPECT_EQ(0, callsAfter([](Guard& guard) { guard.release(); }));
     EXPECT_EQ(0, callsAfter(release));
     auto const disarm = [](Guard& guard) {
         guard.disarm();
@@ -74,38 +69,17 @@ TEST(ScopeGuard, releasedOrDisarmedItDoesNotCallTheFunction) {
     EXPECT_EQ(1, callsAfter([](Guard& guard) { guard.arm(); }, false));
 }
 
-TEST(ScopeGuard, staysReleasedWhenArmedAgain) {
-    auto const release = [](Guard& guard) {
-        guard.release();
-        guard.arm();
-    };
-    EXPECT_EQ(0, callsAfter(release));
-}
-
-TEST(ScopeGuard, failureOfTheFunctionTripsAnAssertion) {
+TEST(ScopeGuard, failureOfTheFunctionTripsAnAssertionAlsoOnAConstantObject) {
     EventRecorder const recorder;
     Door door;
     door.stuck = true;
     { Guard const guard(door, &Door::close); }
     EXPECT_EQ(1, door.closed);
     EXPECT_EQ("ASSERT framework/include/common/ScopeGuard ~ScopeGuard: ! release_failed", recorder.getText());
-}
-
-TEST(ScopeGuard, takesAConstantFunctionOfAConstantObject) {
-    EventRecorder const recorder;
-    Door door;
-    door.stuck = true;
+    using ConstantGuard = std::ScopeGuard<Door const, bool (Door::*)() const, std::NoopResultConv>;
     Door const& constant = door;
-    {
-        std::ScopeGuard<Door const, bool (Door::*)() const, std::NoopResultConv> const guard(
-            constant, &Door::lock);
-    }
-    EXPECT_EQ(1u, recorder.getCount());
-}
-
-TEST(ScopeGuard, noopConversionKeepsTheResult) {
-    EXPECT_TRUE(std::NoopResultConv()(true));
-    EXPECT_FALSE(std::NoopResultConv()(false));
+    { ConstantGuard const guard(constant, &Door::lock); }
+    EXPECT_EQ(2u, recorder.getCount());
 }
 
 TEST(ScopeGuard, conversionDecidesWhatCountsAsFailure) {
@@ -114,30 +88,22 @@ TEST(ScopeGuard, conversionDecidesWhatCountsAsFailure) {
     };
     EventRecorder const recorder;
     Door door;
-    door.stuck = true;
-    { std::ScopeGuard<Door, bool (Door::*)(), TrueIsGood> const guard(door, &Door::close); }
-    EXPECT_EQ("", recorder.getText());
-    door.stuck = false;
-    { std::ScopeGuard<Door, bool (Door::*)(), TrueIsGood> const guard(door, &Door::close); }
-    EXPECT_EQ(1u, recorder.getCount());
+    for (bool const stuck : {true, false}) {
+        EXPECT_EQ(stuck, std::NoopResultConv()(stuck));
+        door.stuck = stuck;
+        { std::ScopeGuard<Door, bool (Door::*)(), TrueIsGood> const guard(door, &Door::close); }
+        EXPECT_EQ(stuck ? 0u : 1u, recorder.getCount());
+    }
 }
 
-TEST(ScopeGuard, callsTheFunctionWhenDestroyedThroughABase) {
-    class Derived : public Guard {
-    public:
+TEST(ScopeGuard, callsTheFunctionWhenAnExceptionDestroysItThroughABase) {
+    struct Derived : Guard {
         explicit Derived(Door& door) : Guard(door, &Door::close) {}
     };
     Door door;
-    std::unique_ptr<Guard> guard = std::make_unique<Derived>(door);
-    guard.reset();
-    EXPECT_EQ(1, door.closed);
-}
-
-TEST(ScopeGuard, callsTheFunctionWhenAnExceptionLeavesTheScope) {
-    Door door;
     EXPECT_THROW(
         {
-            Guard const guard(door, &Door::close);
+            std::unique_ptr<Guard> const guard = std::make_unique<Derived>(door);
             throw std::runtime_error("elsewhere");
         },
         std::runtime_error);

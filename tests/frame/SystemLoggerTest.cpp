@@ -1,41 +1,17 @@
-#include "support/Chain.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
-#include "support/TestBy.h"
+#include "support/Testing.h"
 
 #include <vesk/Mutex.h>
 #include <vesk/SystemLogger.h>
 
 #include <tarncommon/error/ErrorObject.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <csignal>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <functional>
-#include <iterator>
 #include <mutex>
-#include <sched.h>
-#include <set>
-#include <string>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
-#include <type_traits>
-#include <unistd.h>
-#include <utility>
-#include <vector>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
@@ -61,13 +37,8 @@ void record(std::string const& call) {
 
 std::vector<std::string> takeCalls() {
     std::lock_guard<std::mutex> const guard(s_mutex);
-    std::vector<std::string> calls;
-    calls.swap(s_calls);
-    return calls;
+    return std::exchange(s_calls, {});
 }
-
-support::Injected s_real_openlog("openlog");
-support::Injected s_real_closelog("closelog");
 
 void recordMessage(int priority, char const* format, va_list args) {
     if (s_mode == Calls::REAL) {
@@ -83,23 +54,14 @@ void recordMessage(int priority, char const* format, va_list args) {
 
 } // namespace
 
-extern "C" void openlog(char const* identity, int options, int facility) {
-    if (s_mode == Calls::REAL) {
-        reinterpret_cast<void (*)(char const*, int, int)>(s_real_openlog.getReal())(
-            identity, options, facility);
-        return;
-    }
-    record(
-        std::string("openlog ") + identity + " " + std::to_string(options) + " " + std::to_string(facility));
-}
-
-extern "C" void closelog() {
-    if (s_mode == Calls::REAL) {
-        reinterpret_cast<void (*)()>(s_real_closelog.getReal())();
-        return;
-    }
-    record("closelog");
-}
+VESK_INJECT_NOTING(
+    void, , openlog, (char const* identity, int options, int facility), (identity, options, facility),
+    if (s_mode != Calls::REAL) {
+        return record(
+            "openlog " + (identity + (" " + std::to_string(options)) + " " + std::to_string(facility)));
+    })
+VESK_INJECT_NOTING(
+    void, , closelog, (), (), if (s_mode != Calls::REAL) { return record("closelog"); })
 
 extern "C" void syslog(int priority, char const* format, ...) {
     va_list args;
@@ -158,37 +120,27 @@ struct MessageRow : NamedRow {
     char const* call;
 };
 
-class SystemLoggerMessages : public testing::TestWithParam<MessageRow> {};
+MessageRow const SYSTEM_LOGGER_MESSAGES[] = {
+    {"asASeparateArgument", ERROR, "disk on fire", "syslog 3 %s disk on fire"},
+    {"withPercentSigns", NOTICE, "100% %s%n %d", "syslog 5 %s 100% %s%n %d"},
+    {"evenIfEmpty", NOTICE, "", "syslog 5 %s "},
+    {"level0", 0, "text", "syslog 3 %s text"},
+    {"level1", 1, "text", "syslog 4 %s text"},
+    {"level2", 2, "text", "syslog 5 %s text"},
+    {"level3", 3, "text", "syslog 5 %s text"},
+    {"level7", 7, "text", "syslog 5 %s text"},
+    {"levelMinus1", -1, "text", "syslog 5 %s text"}};
 
-TEST_P(SystemLoggerMessages, areSentUnchanged) {
+VESK_TEST_TABLE(SystemLoggerMessages, areSentUnchanged, testing::Test, SYSTEM_LOGGER_MESSAGES) {
     withLogger([] {
         log(GetParam().level, GetParam().text);
         EXPECT_EQ(Lines{GetParam().call}, takeCalls());
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, SystemLoggerMessages,
-    testing::Values(
-        MessageRow{"asASeparateArgument", ERROR, "disk on fire", "syslog 3 %s disk on fire"},
-        MessageRow{"withPercentSigns", NOTICE, "100% %s%n %d", "syslog 5 %s 100% %s%n %d"},
-        MessageRow{"evenIfEmpty", NOTICE, "", "syslog 5 %s "},
-        MessageRow{"level0", 0, "text", "syslog 3 %s text"},
-        MessageRow{"level1", 1, "text", "syslog 4 %s text"},
-        MessageRow{"level2", 2, "text", "syslog 5 %s text"},
-        MessageRow{"level3", 3, "text", "syslog 5 %s text"},
-        MessageRow{"level7", 7, "text", "syslog 5 %s text"},
-        MessageRow{"levelMinus1", -1, "text", "syslog 5 %s text"}),
-    byName);
-
-TEST(SystemLogger, levelsAndPrioritiesHaveTheirNumbers) {
-    static_assert(
-        static_cast<int>(LogLevel::ERROR) == ERROR && static_cast<int>(LogLevel::WARNING) == WARNING);
-    static_assert(static_cast<int>(LogLevel::NOTICE) == NOTICE);
-    EXPECT_EQ(3, LOG_ERR);
-    EXPECT_EQ(4, LOG_WARNING);
-    EXPECT_EQ(5, LOG_NOTICE);
-}
+static_assert(static_cast<int>(LogLevel::ERROR) == ERROR && LOG_ERR == 3);
+static_assert(static_cast<int>(LogLevel::WARNING) == WARNING && LOG_WARNING == 4);
+static_assert(static_cast<int>(LogLevel::NOTICE) == NOTICE && LOG_NOTICE == 5);
 
 VESK_TEST_BY(withLogger, SystemLogger, opensAndClosesTheLogOnceAndLoggingOpensIt) {
     std::pair<std::function<void()>, Lines> const steps[] = {
@@ -211,19 +163,14 @@ static_assert(!std::is_copy_constructible_v<SystemLogger> && !std::is_destructib
 
 // ---- the one object ----
 
-VESK_TEST_BY(expectInChild, SystemLoggerInstance, isMadeAndOpenedByItsFirstUse) {
+VESK_TEST_BY(expectInChild, SystemLoggerInstance, isMadeAndOpenedByItsFirstUseAndTheSameForAllThreads) {
     EXPECT_EQ(Lines{}, takeCalls());
-    SystemLogger& logger = SystemLogger::getInstance();
-    EXPECT_EQ(Lines{OPENED}, takeCalls());
-    EXPECT_EQ(&logger, &SystemLogger::getInstance());
-    EXPECT_EQ(Lines{}, takeCalls());
-}
-
-VESK_TEST_BY(expectInChild, SystemLoggerInstance, isTheSameForAllThreads) {
     SystemLogger* found[8] = {};
     runInThreads(8, [&found](int i) { found[i] = &SystemLogger::getInstance(); });
     EXPECT_EQ(1u, std::set<SystemLogger*>(std::begin(found), std::end(found)).size());
     EXPECT_EQ(Lines{OPENED}, takeCalls());
+    EXPECT_EQ(found[0], &SystemLogger::getInstance());
+    EXPECT_EQ(Lines{}, takeCalls());
 }
 
 /// Runs a body and then `exit`, and checks that the log is opened and closed.
@@ -245,33 +192,20 @@ VESK_TEST_BY(expectClosedOnce, SystemLoggerInstance, isNotClosedTwiceAtTheEndOfT
     closeLog();
 }
 
+std::string s_events;
+
 /// Records each event with the report that is pending then, and suppresses the default actions.
-class PendingRecorder {
-public:
-    PendingRecorder() :
-        m_hook{
-            [](std::GlobalErrorHandler::Event const& event, void* context) {
-                std::string& text = static_cast<PendingRecorder*>(context)->m_text;
-                text += std::string(event.file) + " " + event.function + ": " + event.message + ", pending: ";
-                auto const* const report = std::ErrorStorage::get();
-                text += report != nullptr ? report->getText() : "nothing";
-                text += '\n';
-                return true;
-            },
-            this},
-        m_previous(std::GlobalErrorHandler::setHook(&m_hook)) {}
-    ~PendingRecorder() { std::GlobalErrorHandler::setHook(m_previous); }
-
-    std::string const& getText() const { return m_text; }
-
-private:
-    std::string m_text;
-    std::GlobalErrorHandler::Hook m_hook;
-    std::GlobalErrorHandler::Hook const* m_previous;
-};
+std::GlobalErrorHandler::Hook const PENDING_RECORDER{
+    [](std::GlobalErrorHandler::Event const& event, void*) {
+        auto const* const report = std::ErrorStorage::get();
+        s_events += std::string(event.file) + " " + event.function + ": " + event.message +
+            ", pending: " + (report != nullptr ? report->getText() : "nothing") + "\n";
+        return true;
+    },
+    nullptr};
 
 VESK_TEST_BY(expectInChild, SystemLoggerInstance, failureToLockAbortsBehindItsReport) {
-    PendingRecorder const recorder;
+    std::GlobalErrorHandler::setHook(&PENDING_RECORDER);
     {
         Fault const fault(inject_pthread_mutex_lock, EAGAIN);
         SystemLogger::getInstance();
@@ -279,14 +213,14 @@ VESK_TEST_BY(expectInChild, SystemLoggerInstance, failureToLockAbortsBehindItsRe
     std::string const first = "framework/src/vesk/linux/SystemLogger getInstance: error locking, "
                               "pending: Mutex lock failed: " +
         systemText(EAGAIN) + "\n";
-    EXPECT_EQ(first, recorder.getText().substr(0, first.size()));
+    EXPECT_EQ(first, s_events.substr(0, first.size()));
     EXPECT_EQ(Lines{OPENED}, takeCalls()) << "the object is made all the same";
     std::ErrorStorage::ack();
 }
 
 TEST(SystemLoggerInstance, failureToUnlockAbortsBehindItsReport) {
     ChildEnd const end = runInChild([] {
-        PendingRecorder const recorder;
+        std::GlobalErrorHandler::setHook(&PENDING_RECORDER);
         {
             Fault const fault(inject_pthread_mutex_unlock, EPERM);
             s_mode = Calls::PRINTED; // The list has a lock of its own.
@@ -296,38 +230,20 @@ TEST(SystemLoggerInstance, failureToUnlockAbortsBehindItsReport) {
             "framework/src/vesk/linux/SystemLogger getInstance: error unlocking, pending: Mutex "
             "inconsistency detected: " +
                 systemText(EPERM) + "\n",
-            recorder.getText());
+            s_events);
         EXPECT_TRUE(chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}}));
     });
     EXPECT_EQ(0, end.exit_code) << end.output;
     EXPECT_EQ(std::string(OPENED) + "\n", end.output);
 }
 
-TEST(SystemLoggerInstance, failureToLockEndsTheProcess) {
-    ChildEnd const end = runInChild([] {
-        Fault const fault(inject_pthread_mutex_lock, EAGAIN);
-        SystemLogger::getInstance();
-    });
-    EXPECT_EQ(SIGABRT, end.signal);
-    for (char const* const part : {"framework/src/vesk/linux/SystemLogger", "getInstance", "error locking"}) {
-        EXPECT_NE(std::string::npos, end.errors.find(part)) << end.errors;
-    }
-}
-
 // ---- messages that arrive in a system log, in a child with a private /dev ----
-
-constexpr int NO_PRIVATE_LOG = 77;
 
 /// The receiving end of a system log at /dev/log.
 class Receiver {
 public:
     Receiver() {
-        // A child without a private log ends, and its test is skipped.
-        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0) {
-            dprintf(STDOUT_FILENO, "no mount namespace is available: %s", strerror(errno));
-            _exit(NO_PRIVATE_LOG);
-        }
+        EXPECT_TRUE(separateMounts() && mountMemory("/dev")) << strerror(errno);
         m_socket = socket(AF_UNIX, SOCK_DGRAM, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -346,7 +262,18 @@ public:
         return length < 0 ? std::string("nothing") : std::string(buffer, static_cast<size_t>(length));
     }
 
-    void expect(int priority, std::string const& text) const;
+    /// Checks that the next message is "<priority>date lumo framework[pid]: text".
+    void expect(int priority, std::string const& text) const {
+        std::string const message = take();
+        std::string const begin = "<" + std::to_string(priority) + ">";
+        std::string const end = " lumo framework[" + std::to_string(getpid()) + "]: " + text;
+        ASSERT_LT(begin.size() + end.size(), message.size()) << message;
+        tm fields{};
+        char const* const rest = strptime(message.c_str() + begin.size(), "%b %e %H:%M:%S", &fields);
+        ASSERT_NE(nullptr, rest) << message;
+        EXPECT_EQ(begin, message.substr(0, begin.size()));
+        EXPECT_EQ(end, rest);
+    }
     bool isEmpty() const {
         char byte;
         return recv(m_socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0;
@@ -356,29 +283,13 @@ private:
     int m_socket;
 };
 
-/// Checks that the next message is "<priority>date lumo framework[pid]: text".
-void Receiver::expect(int priority, std::string const& text) const {
-    std::string const message = take();
-    std::string const begin = "<" + std::to_string(priority) + ">";
-    std::string const end = " lumo framework[" + std::to_string(getpid()) + "]: " + text;
-    ASSERT_LT(begin.size() + end.size(), message.size()) << message;
-    tm fields{};
-    char const* const rest = strptime(message.c_str() + begin.size(), "%b %e %H:%M:%S", &fields);
-    ASSERT_NE(nullptr, rest) << message;
-    EXPECT_EQ(begin, message.substr(0, begin.size()));
-    EXPECT_EQ(end, rest);
-}
-
 /// Runs a test with a system log, or skips it.
 void withReceiver(void (*body)(Receiver const&)) {
-    ChildEnd const end = runInChild([body] {
+    VESK_SKIP_WITHOUT_MOUNTS();
+    expectInChild([body] {
         Receiver const receiver;
         body(receiver);
     });
-    if (end.exit_code == NO_PRIVATE_LOG) {
-        GTEST_SKIP() << end.output;
-    }
-    EXPECT_EQ(0, end.exit_code) << end.output;
 }
 
 TEST(SystemLoggerMessage, arrivesWithPriorityIdentityAndProcessIdAlsoAfterTheLogWasClosed) {

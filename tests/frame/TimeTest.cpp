@@ -1,31 +1,12 @@
 #include "frame/FakeClock.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/AbsTime.h>
-#include <vesk/SysError.h>
 #include <vesk/Time.h>
 
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <climits>
-#include <csignal>
-#include <ctime>
 #include <limits>
 #include <sys/time.h>
-#include <type_traits>
-#include <utility>
-#include <vector>
 
 namespace {
 
@@ -36,30 +17,53 @@ struct SleepCall {
     timespec deadline;
 };
 
-/// The calls of the test's thread during the lifetime of a `SleepRecorder`.
-std::vector<SleepCall>* s_sleep_calls = nullptr;
-pthread_t s_sleeper;
-bool s_sleep_is_over = false;
+/// Records the calls of `clock_nanosleep` by the test's thread, and may make them return at once.
+class SleepRecorder {
+public:
+    enum class Sleeps { REALLY, NOT_AT_ALL };
+
+    explicit SleepRecorder(Sleeps sleeps) : m_sleeps(sleeps) {
+        m_calls.reserve(1000);
+        s_current = this;
+    }
+    ~SleepRecorder() { s_current = nullptr; }
+
+    std::vector<SleepCall> const& getCalls() const { return m_calls; }
+
+    /// Checks that all calls have the same deadline on the monotonic clock.
+    void expectOneDeadline() const {
+        for (SleepCall const& call : m_calls) {
+            EXPECT_EQ(CLOCK_MONOTONIC, call.clock);
+            EXPECT_EQ(TIMER_ABSTIME, call.flags);
+            EXPECT_EQ(m_calls[0].deadline.tv_sec, call.deadline.tv_sec);
+            EXPECT_EQ(m_calls[0].deadline.tv_nsec, call.deadline.tv_nsec);
+        }
+    }
+
+    /// Adds a call, and moves its deadline into the past if the call must return at once. No sanitizer's runtime calls
+    /// the function before `main`, so it may use a vector.
+    static void note(clockid_t clock, int flags, timespec const*& deadline) {
+        static constexpr timespec PAST{};
+        if (s_current != nullptr && pthread_equal(s_current->m_thread, pthread_self()) != 0) {
+            s_current->m_calls.push_back({clock, flags, *deadline});
+            deadline = s_current->m_sleeps == Sleeps::REALLY ? deadline : &PAST;
+        }
+    }
+
+private:
+    static inline SleepRecorder* s_current = nullptr;
+
+    Sleeps m_sleeps;
+    pthread_t m_thread = pthread_self();
+    std::vector<SleepCall> m_calls;
+};
 
 } // namespace
 
-support::Injected inject_clock_nanosleep("clock_nanosleep");
-
-/// No sanitizer's runtime calls it before `main`, so it may use a vector.
-extern "C" int clock_nanosleep(clockid_t clock, int flags, timespec const* deadline, timespec* remaining) {
-    if (s_sleep_calls != nullptr && pthread_equal(s_sleeper, pthread_self()) != 0) {
-        s_sleep_calls->push_back({clock, flags, *deadline});
-    }
-    int error = 0;
-    if (inject_clock_nanosleep.fails(error)) {
-        return error;
-    }
-    if (s_sleep_is_over) {
-        return 0;
-    }
-    return reinterpret_cast<int (*)(clockid_t, int, timespec const*, timespec*)>(
-        inject_clock_nanosleep.getReal())(clock, flags, deadline, remaining);
-}
+VESK_INJECT(
+    int, return error, clock_nanosleep,
+    (clockid_t clock, int flags, timespec const* deadline, timespec* remaining),
+    (clock, flags, deadline, remaining), SleepRecorder::note(clock, flags, deadline))
 
 namespace {
 
@@ -76,38 +80,6 @@ long long readMs(clockid_t clock) {
 long long monotonicMs() {
     return readMs(CLOCK_MONOTONIC);
 }
-
-/// Records the calls of `clock_nanosleep`, and may make them return at once.
-class SleepRecorder {
-public:
-    enum class Sleeps { REALLY, NOT_AT_ALL };
-
-    explicit SleepRecorder(Sleeps sleeps) {
-        m_calls.reserve(1000);
-        s_sleeper = pthread_self();
-        s_sleep_is_over = sleeps == Sleeps::NOT_AT_ALL;
-        s_sleep_calls = &m_calls;
-    }
-    ~SleepRecorder() {
-        s_sleep_calls = nullptr;
-        s_sleep_is_over = false;
-    }
-
-    std::vector<SleepCall> const& getCalls() const { return m_calls; }
-
-    /// Checks that all calls have the same deadline on the monotonic clock.
-    void expectOneDeadline() const {
-        for (SleepCall const& call : m_calls) {
-            EXPECT_EQ(CLOCK_MONOTONIC, call.clock);
-            EXPECT_EQ(TIMER_ABSTIME, call.flags);
-            EXPECT_EQ(m_calls[0].deadline.tv_sec, call.deadline.tv_sec);
-            EXPECT_EQ(m_calls[0].deadline.tv_nsec, call.deadline.tv_nsec);
-        }
-    }
-
-private:
-    std::vector<SleepCall> m_calls;
-};
 
 // ---- the family ----
 
@@ -187,49 +159,38 @@ TEST(Time, uptimeBeforeTheStartOfTheLibraryIsTheTime) {
     EXPECT_EQ(now, uptime);
 }
 
-TEST(Time, uptimeCountsFromTheStartOfTheLibrary) {
-    expectInChild([] {
-        FakeClock clock(1000, 250000000);
-        EXPECT_FALSE(Time::init());
-        EXPECT_EQ(1000250, Time::getInitTime());
+VESK_TEST_BY(expectInChild, Time, uptimeCountsFromTheStartOfTheLibrary) {
+    FakeClock clock(1000, 250000000);
+    EXPECT_FALSE(Time::init());
+    EXPECT_EQ(1000250, Time::getInitTime());
+    long long uptime = -1;
+    EXPECT_FALSE(Time::getUptime(uptime));
+    EXPECT_EQ(0, uptime);
+    clock.set(1003, 0);
+    EXPECT_FALSE(Time::getUptime(uptime));
+    EXPECT_EQ(2750, uptime);
+    EXPECT_TRUE(chainIs({}));
+}
+
+VESK_TEST_BY(expectInChild, Time, everyThreadSeesTheSameOriginAndASecondStartMovesItInPlace) {
+    long long const& origin = Time::getInitTime();
+    long long const before_start = monotonicMs();
+    EXPECT_FALSE(Time::init());
+    EXPECT_LE(before_start, origin);
+    EXPECT_LE(origin, monotonicMs());
+    runInThreads(4, [&origin](int) {
         long long uptime = -1;
-        EXPECT_FALSE(Time::getUptime(uptime));
-        EXPECT_EQ(0, uptime);
-        clock.set(1003, 0);
-        EXPECT_FALSE(Time::getUptime(uptime));
-        EXPECT_EQ(2750, uptime);
-        EXPECT_TRUE(chainIs({}));
+        for (int round = 0; round < 1000; ++round) {
+            long long const before = monotonicMs();
+            EXPECT_FALSE(Time::getUptime(uptime));
+            EXPECT_LE(before - origin, uptime);
+            EXPECT_LE(uptime, monotonicMs() - origin);
+        }
     });
-}
-
-TEST(Time, secondStartMovesTheOriginWithinTheSameReference) {
-    expectInChild([] {
-        long long const& origin = Time::getInitTime();
-        long long const before = monotonicMs();
-        EXPECT_FALSE(Time::init());
-        EXPECT_LE(before, origin);
-        EXPECT_LE(origin, monotonicMs());
-        FakeClock const clock(1 << 30, 0);
-        EXPECT_FALSE(Time::init());
-        EXPECT_EQ((1LL << 30) * 1000, origin);
-        EXPECT_EQ(&origin, &Time::getInitTime());
-    });
-}
-
-TEST(Time, everyThreadSeesTheSameOrigin) {
-    expectInChild([] {
-        EXPECT_FALSE(Time::init());
-        long long const origin = Time::getInitTime();
-        runInThreads(4, [origin](int) {
-            long long uptime = -1;
-            for (int round = 0; round < 1000; ++round) {
-                long long const before = monotonicMs();
-                EXPECT_FALSE(Time::getUptime(uptime));
-                EXPECT_LE(before - origin, uptime);
-                EXPECT_LE(uptime, monotonicMs() - origin);
-            }
-        });
-    });
+    FakeClock const clock(1 << 30, 0);
+    EXPECT_FALSE(Time::init());
+    EXPECT_EQ((1LL << 30) * 1000, origin);
+    EXPECT_EQ(&origin, &Time::getInitTime());
 }
 
 // ---- sleep ----

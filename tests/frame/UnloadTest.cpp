@@ -2,6 +2,7 @@
 
 #include "Emulation.h"
 #include "ModulePath.h"
+#include "support/Descriptors.h"
 #include "support/Threads.h"
 
 #include <gtest/gtest.h>
@@ -122,16 +123,10 @@ int countFreeKeys() {
     return static_cast<int>(keys.size());
 }
 
-int countDescriptors() {
-    int count = 0;
-    for (int fd = 0; fd < 1024; ++fd) {
-        count += access(("/proc/self/fd/" + std::to_string(fd)).c_str(), F_OK) == 0 ? 1 : 0;
-    }
-    return count;
-}
-
 Resources count() {
-    return {support::countThreads(), countDescriptors(), countMappedPages(), countFreeKeys(), countBlocks()};
+    return {
+        support::countThreads(), support::countDescriptors(), countMappedPages(), countFreeKeys(),
+        countBlocks()};
 }
 
 void loadUseAndUnload() {
@@ -142,9 +137,7 @@ void loadUseAndUnload() {
     ASSERT_NE(nullptr, use);
     use(("vesk-unload-" + std::to_string(getpid()) + "-").c_str());
     // A terminated or detached thread may still run its last steps, which are code of the library.
-    for (int i = 0; support::countThreads() > support::g_threads_at_start && i < 100000; ++i) {
-        usleep(100);
-    }
+    support::eventually([] { return support::countThreads() <= support::g_threads_at_start; });
     ASSERT_EQ(0, dlclose(module)) << dlerror();
     for (char const* const library : {"libvesk", "libtarncommon"}) {
         ASSERT_FALSE(isLoaded(library)) << library;

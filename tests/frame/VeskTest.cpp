@@ -1,41 +1,16 @@
-#include "support/Chain.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
-#include "support/InjectNoting.h"
-#include "support/NamedRow.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
-#include "support/TestBy.h"
+#include "support/Testing.h"
 
+#include <common/MemoryPool.h>
 #include <vesk/Condition.h>
 #include <vesk/FileAccess.h>
 #include <vesk/Mutex.h>
-#include <vesk/SysError.h>
+#include <vesk/SystemLogger.h>
 #include <vesk/Thread.h>
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <clocale>
-#include <csignal>
-#include <cstddef>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <pthread.h>
-#include <sched.h>
-#include <string>
 #include <sys/resource.h>
-#include <thread>
-#include <type_traits>
-#include <unistd.h>
-#include <vector>
 
 // ---- the calls of the start-up, in order ----
 
@@ -84,28 +59,23 @@ VESK_INJECT_NOTING(void, , srand, (unsigned int seed), (seed), record("srand()")
 VESK_INJECT_NOTING(
     int, error, pthread_getschedparam, (pthread_t thread, int* policy, sched_param* param),
     (thread, policy, param), record("pthread_getschedparam()"))
+VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 
 support::Injected inject_clock_gettime("clock_gettime");
 extern "C" int clock_gettime(clockid_t clock, timespec* time) {
-    if (clock == CLOCK_MONOTONIC) {
-        record("clock_gettime(CLOCK_MONOTONIC)");
-        if (g_monotonic_clock.tv_sec != 0) {
-            *time = g_monotonic_clock;
-            return 0;
-        }
-    } else if (clock == CLOCK_REALTIME) {
-        record("clock_gettime(CLOCK_REALTIME)");
-        int error = 0;
-        if (inject_clock_gettime.fails(error)) {
-            errno = error;
+    bool const is_wall = clock == CLOCK_REALTIME;
+    if (is_wall || clock == CLOCK_MONOTONIC) {
+        record(is_wall ? "clock_gettime(CLOCK_REALTIME)" : "clock_gettime(CLOCK_MONOTONIC)");
+        if (is_wall && inject_clock_gettime.fails()) {
             return -1;
         }
-        if (g_wall_clock.tv_sec != 0) {
-            *time = g_wall_clock;
+        timespec const& fake = is_wall ? g_wall_clock : g_monotonic_clock;
+        if (fake.tv_sec != 0) {
+            *time = fake;
             return 0;
         }
     }
-    return reinterpret_cast<int (*)(clockid_t, timespec*)>(inject_clock_gettime.getReal())(clock, time);
+    return inject_clock_gettime.getReal(clock_gettime)(clock, time);
 }
 
 // The value that is unavailable. The thread sanitizer calls this function before its own start.
@@ -157,10 +127,10 @@ Calls const WHOLE_START_UP = {
     "pthread_getschedparam()",
 };
 
-/// Returns the calls of a start-up without one of them.
-Calls without(std::string const& call) {
-    Calls calls = WHOLE_START_UP;
-    calls.erase(std::find(calls.begin(), calls.end(), call));
+/// Returns the first calls of a start-up, and its last one.
+Calls firstAndLast(int count) {
+    Calls calls(WHOLE_START_UP.begin(), WHOLE_START_UP.begin() + count);
+    calls.push_back(WHOLE_START_UP.back());
     return calls;
 }
 
@@ -300,22 +270,20 @@ VESK_TEST_BY(inFreshProcess, VeskStartUp, keepsItsFirstArgumentAndTheSecondHasNo
     }
 }
 
-VESK_TEST_BY(inFreshProcess, VeskStartUp, setsTheLocaleAndTheTimeZoneOfTheEnvironment) {
-    ASSERT_EQ(0, setenv("LC_ALL", "C.UTF-8", 1));
-    ASSERT_EQ(0, setenv("TZ", "XYZ-5", 1));
-    ASSERT_STREQ("C", setlocale(LC_ALL, nullptr));
-    Vesk const vesk(true, false);
-    EXPECT_STREQ("C.UTF-8", setlocale(LC_ALL, nullptr));
-    EXPECT_STREQ("XYZ", tzname[0]);
-    EXPECT_EQ(-5 * 3600, timezone);
-}
-
-VESK_TEST_BY(inFreshProcess, VeskStartUp, unknownLocaleInTheEnvironmentIsNoFailure) {
-    ASSERT_EQ(0, setenv("LC_ALL", "nowhere_NOWHERE", 1));
-    EventRecorder const recorder;
-    Vesk const vesk(true, false);
-    EXPECT_STREQ("C", setlocale(LC_ALL, nullptr));
-    EXPECT_EQ("", recorder.getText());
+TEST(VeskStartUp, setsTheTimeZoneAndTheLocaleOfTheEnvironmentUnlessThatIsUnknown) {
+    for (bool const is_known : {true, false}) {
+        inFreshProcess([is_known] {
+            ASSERT_EQ(0, setenv("LC_ALL", is_known ? "C.UTF-8" : "nowhere_NOWHERE", 1));
+            ASSERT_EQ(0, setenv("TZ", "XYZ-5", 1));
+            ASSERT_STREQ("C", setlocale(LC_ALL, nullptr));
+            EventRecorder const recorder;
+            Vesk const vesk(true, false);
+            EXPECT_STREQ(is_known ? "C.UTF-8" : "C", setlocale(LC_ALL, nullptr));
+            EXPECT_EQ("", recorder.getText());
+            EXPECT_STREQ("XYZ", tzname[0]);
+            EXPECT_EQ(-5 * 3600, timezone);
+        });
+    }
 }
 
 VESK_TEST_BY(inFreshProcess, VeskStartUp, isTheOriginOfTheUptimeAndSeedsRandAndKeepsAPendingError) {
@@ -340,13 +308,12 @@ VESK_TEST_BY(inFreshProcess, VeskStartUp, isTheOriginOfTheUptimeAndSeedsRandAndK
 void handlePipe(int) {}
 void handlePipeInfo(int, siginfo_t*, void*) {}
 
-bool isSame(sigset_t const& left, sigset_t const& right) {
+std::vector<int> signalsOf(sigset_t const& set) {
+    std::vector<int> signals;
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
-        if (sigismember(&left, signal) != sigismember(&right, signal)) {
-            return false;
-        }
+        signals.push_back(sigismember(&set, signal) == 1 ? signal : 0);
     }
-    return true;
+    return signals;
 }
 
 VESK_TEST_BY(inFreshProcess, VeskPipeSignal, isIgnoredWithAFullMaskAndNoFlags) {
@@ -355,7 +322,7 @@ VESK_TEST_BY(inFreshProcess, VeskPipeSignal, isIgnoredWithAFullMaskAndNoFlags) {
     EXPECT_EQ(0, g_last_action.sa_flags);
     sigset_t full;
     sigfillset(&full);
-    EXPECT_TRUE(isSame(full, g_last_action.sa_mask));
+    EXPECT_EQ(signalsOf(full), signalsOf(g_last_action.sa_mask));
     EXPECT_EQ(SIG_IGN, getPipeSignal().sa_handler);
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
@@ -379,11 +346,13 @@ TEST_P(VeskPipeSignalChosen, isKept) {
         chosen.sa_flags |= SA_NODEFER;
         ASSERT_EQ(0, sigaction(SIGPIPE, &chosen, nullptr));
         struct sigaction const before = getPipeSignal();
-        EXPECT_EQ(without("sigaction(SIGPIPE, set)"), callsOf(true));
+        Calls expected = WHOLE_START_UP;
+        expected.erase(expected.begin() + 2); // It is not set.
+        EXPECT_EQ(expected, callsOf(true));
         struct sigaction const after = getPipeSignal();
         EXPECT_EQ(before.sa_sigaction, after.sa_sigaction);
         EXPECT_EQ(before.sa_flags, after.sa_flags);
-        EXPECT_TRUE(isSame(before.sa_mask, after.sa_mask));
+        EXPECT_EQ(signalsOf(before.sa_mask), signalsOf(after.sa_mask));
     });
 }
 
@@ -399,70 +368,38 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- a start-up that fails ----
 
-/// A call of the start-up that fails, the calls of the start-up then, and the report that stays pending.
+/// A call of the start-up that fails, the number of calls up to it, and the report that stays pending.
 struct FailureRow : NamedRow {
     Injected* function;
     int error;
     int nth;
-    Calls calls;
+    int calls;
     std::vector<ExpectedReport> reports;
 };
 
-class VeskFailureRows : public testing::TestWithParam<FailureRow> {};
+FailureRow const VESK_FAILURE_ROWS[] = {
+    {"pipeSignalThatCannotBeRead", &inject_sigaction, EINVAL, 1, 2, {}},
+    {"pipeSignalThatCannotBeSet", &inject_sigaction, EPERM, 2, 3, {}},
+    {"clockThatIsMissing", &inject_clock_gettime, EINVAL, 1, 6, {vesk::SysErrorId::NOT_IMPLEMENTED}},
+    {"clockThatCannotBeRead",
+     &inject_clock_gettime,
+     EPERM,
+     1,
+     6,
+     {vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}}};
 
-TEST_P(VeskFailureRows, endsTheStartUp) {
+VESK_TEST_TABLE(VeskFailureRows, endsTheStartUp, testing::Test, VESK_FAILURE_ROWS) {
     inFreshProcess([] {
         FailureRow const& row = GetParam();
         EventRecorder const recorder;
         {
             Fault const fault(*row.function, row.error, row.nth);
-            EXPECT_EQ(row.calls, callsOf(true));
+            // A hook that suppresses the abort lets the constructor continue behind the steps.
+            EXPECT_EQ(firstAndLast(row.calls), callsOf(true));
         }
         EXPECT_EQ(START_UP_FAILED, recorder.getText());
         EXPECT_TRUE(chainIs(withErrno(row.reports, row.error)));
     });
-}
-
-// A hook that suppresses the abort lets the constructor continue behind the steps.
-FailureRow const FAILURES[] = {
-    {"pipeSignalThatCannotBeRead",
-     &inject_sigaction,
-     EINVAL,
-     1,
-     {WHOLE_START_UP[0], WHOLE_START_UP[1], WHOLE_START_UP[7]},
-     {}},
-    {"pipeSignalThatCannotBeSet",
-     &inject_sigaction,
-     EPERM,
-     2,
-     {WHOLE_START_UP[0], WHOLE_START_UP[1], WHOLE_START_UP[2], WHOLE_START_UP[7]},
-     {}},
-    {"clockThatIsMissing",
-     &inject_clock_gettime,
-     EINVAL,
-     1,
-     without("srand()"),
-     {vesk::SysErrorId::NOT_IMPLEMENTED}},
-    {"clockThatCannotBeRead",
-     &inject_clock_gettime,
-     EPERM,
-     1,
-     without("srand()"),
-     {vesk::Time::ErrorId::GET_TIMESTAMP_FAILED}}};
-
-INSTANTIATE_TEST_SUITE_P(All, VeskFailureRows, testing::ValuesIn(FAILURES), byName);
-
-TEST(VeskFailure, endsTheProcess) {
-    ChildEnd const end = runInChild([] {
-        choosePipeSignal(SIG_DFL);
-        rlimit const no_core{0, 0};
-        setrlimit(RLIMIT_CORE, &no_core);
-        Fault const fault(inject_sigaction, EINVAL, 1);
-        Vesk const vesk(true, false);
-    });
-    EXPECT_EQ(SIGABRT, end.signal);
-    EXPECT_NE(std::string::npos, end.errors.find("framework/src/vesk/common/vesk")) << end.errors;
-    EXPECT_NE(std::string::npos, end.errors.find("Error initializing VESK")) << end.errors;
 }
 
 VESK_TEST_BY(inFreshProcess, VeskFailure, isTheResultOfTheStep) {
@@ -484,7 +421,8 @@ VESK_TEST_BY(inFreshProcess, VeskFailure, isTheResultOfTheStep) {
 
 VESK_TEST_BY(inFreshProcess, VeskSecond, changesNothingButTheCount) {
     g_monotonic_clock = {1000, 0};
-    Vesk const first(true, false);
+    { Vesk const first(true, false); }
+    expectCount(1);
     g_monotonic_clock = {1005, 0};
     int const kept_nice = Vesk::s_vesk_ctor_sched_attrs.param.nice;
     ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
@@ -498,13 +436,6 @@ VESK_TEST_BY(inFreshProcess, VeskSecond, changesNothingButTheCount) {
     EXPECT_EQ(SIG_DFL, getPipeSignal().sa_handler);
     EXPECT_EQ(kept_nice, Vesk::s_vesk_ctor_sched_attrs.param.nice);
     EXPECT_EQ("", recorder.getText());
-}
-
-VESK_TEST_BY(inFreshProcess, VeskSecond, destroyingOneUndoesNothing) {
-    { Vesk const vesk(true, false); }
-    expectCount(1);
-    EXPECT_EQ(Calls{}, callsOf(true));
-    expectCount(2);
 }
 
 VESK_TEST_BY(inFreshProcess, VeskSecond, threadsThatConstructFurtherOnesLoseNoCount) {
@@ -537,17 +468,6 @@ VESK_TEST_BY(inFreshProcess, VeskCleanup, startUpAfterItTripsAnAssertionAndRunsA
     expectCount(3);
 }
 
-TEST(VeskCleanup, assertionDoesNotEndTheProcess) {
-    ChildEnd const end = runInChild([] {
-        Vesk const vesk(true, false);
-        Vesk::cleanupAll();
-        Vesk const again(true, false);
-        EXPECT_TRUE(Vesk::s_initialized);
-    });
-    EXPECT_EQ(0, end.exit_code) << end.output;
-    EXPECT_NE(std::string::npos, end.errors.find("!s_init_count.getCurrentCount()")) << end.errors;
-}
-
 VESK_TEST_BY(inFreshProcess, VeskCleanup, beforeAnyStartUpDoesNothing) {
     Vesk::cleanupAll();
     EventRecorder const recorder;
@@ -555,13 +475,61 @@ VESK_TEST_BY(inFreshProcess, VeskCleanup, beforeAnyStartUpDoesNothing) {
     EXPECT_EQ("", recorder.getText());
 }
 
-// ---- the main thread's scheduling ----
+// ---- the default actions of events ----
 
-VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, areThoseOfTheThreadThatRanTheStartUp) {
-    ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
-    Vesk const vesk(true, false);
-    expectAttr(VESK_SCHED_POLICY_NORMAL, 0, 19);
+/// What causes an event without a hook, the signal that ends the process, and what is written.
+struct EventRow : NamedRow {
+    void (*cause)();
+    int signal;
+    std::vector<char const*> parts;
+};
+
+EventRow const VESK_EVENT[] = {
+    {"failedStartUp",
+     [] {
+         Fault const fault(inject_sigaction, EINVAL);
+         Vesk const vesk(true, false);
+     },
+     SIGABRT,
+     {"framework/src/vesk/common/vesk", "Error initializing VESK"}},
+    {"startUpAfterACleanup",
+     [] {
+         { Vesk const vesk(true, false); }
+         Vesk::cleanupAll();
+         { Vesk const vesk(true, false); }
+         expectCount(2);
+     },
+     0,
+     {"!s_init_count.getCurrentCount()"}},
+    {"failedLockOfTheSystemLogger",
+     [] {
+         Fault const fault(inject_pthread_mutex_lock, EAGAIN);
+         vesk::SystemLogger::getInstance();
+     },
+     SIGABRT,
+     {"framework/src/vesk/linux/SystemLogger", "getInstance", "error locking"}},
+    {"itemThatIsNotFromItsPool",
+     [] {
+         std::MemoryPool<std::UsePoolOnDepletion, std::FakeLock, std::FakeCondition> pool(8, 1);
+         int elsewhere = 0;
+         pool.thankYou(&elsewhere);
+     },
+     SIGABRT,
+     {"item is not from here!"}}};
+
+VESK_TEST_TABLE(VeskEvent, endsTheProcessIfItIsAnAbort, testing::Test, VESK_EVENT) {
+    ChildEnd const end = runInChild([] {
+        choosePipeSignal(SIG_DFL);
+        GetParam().cause();
+    });
+    EXPECT_EQ(GetParam().signal, end.signal) << end.output;
+    EXPECT_EQ(GetParam().signal == 0 ? 0 : -1, end.exit_code) << end.output;
+    for (char const* const part : GetParam().parts) {
+        EXPECT_NE(std::string::npos, end.errors.find(part)) << part << " in " << end.errors;
+    }
 }
+
+// ---- the main thread's scheduling ----
 
 TEST(VeskSchedAttrs, areKeptForARealTimeThread) {
     ChildEnd const end = runInChild([] {
@@ -580,9 +548,10 @@ TEST(VeskSchedAttrs, areKeptForARealTimeThread) {
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
 
-VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, failureToReadThemIsAcknowledgedAndChangesNothing) {
+VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, areThoseOfTheThreadUnlessTheyCannotBeReadWhichIsAcknowledged) {
     ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
     Vesk const first(true, false);
+    expectAttr(VESK_SCHED_POLICY_NORMAL, 0, 19);
     Vesk::cleanupAll();
     EventRecorder const recorder;
     Fault const fault(inject_pthread_getschedparam, EPERM);
@@ -595,22 +564,17 @@ VESK_TEST_BY(inFreshProcess, VeskSchedAttrs, failureToReadThemIsAcknowledgedAndC
 
 // ---- the configuration directory ----
 
-VESK_TEST_BY(inFreshProcess, VeskConfigDir, isEmptyTheFirstTimeAndKeepsTheValueSetByAnInitializer) {
+VESK_TEST_BY(inFreshProcess, VeskConfigDir, isEmptyAtFirstAndSettingItReturnsACopyOfThePreviousOne) {
     EXPECT_STREQ("", g_first_dir);
-    EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
-    EXPECT_EQ(EARLY_DIR, Vesk::setDefaultConfigDir(vesk::getDefaultConfigDir())) << "set to itself";
-    EXPECT_EQ(EARLY_DIR, vesk::getDefaultConfigDir());
-}
-
-VESK_TEST_BY(inFreshProcess, VeskConfigDir, setReturnsACopyOfThePreviousOneAndGetAReferenceToTheStoredOne) {
     std::string const& stored = vesk::getDefaultConfigDir();
-    Vesk::setDefaultConfigDir("/etc/one");
-    EXPECT_EQ("/etc/one", vesk::getDefaultConfigDir());
-    std::string const old = Vesk::setDefaultConfigDir("/etc/two");
-    EXPECT_EQ("/etc/one", old);
-    EXPECT_EQ("/etc/two", stored);
-    EXPECT_EQ("/etc/two", Vesk::setDefaultConfigDir(""));
-    EXPECT_EQ("", Vesk::setDefaultConfigDir("/etc/three"));
+    EXPECT_EQ(EARLY_DIR, stored) << "set before the initializers";
+    EXPECT_EQ(EARLY_DIR, Vesk::setDefaultConfigDir(stored)) << "set to itself";
+    std::string previous = EARLY_DIR;
+    for (std::string const next : {"/etc/one", "/etc/two", "", "/etc/three"}) {
+        EXPECT_EQ(previous, stored);
+        EXPECT_EQ(previous, Vesk::setDefaultConfigDir(next));
+        previous = next;
+    }
     EXPECT_EQ("/etc/three", vesk::getDefaultConfigDir());
     EXPECT_EQ(&stored, &vesk::getDefaultConfigDir());
     static_assert(std::is_same_v<std::string, decltype(Vesk::setDefaultConfigDir(""))>);
@@ -632,13 +596,7 @@ TEST(VeskArguments, areLeftAlone) {
 }
 
 TEST(VeskError, hasItsRowAndNoParentAndNamesTheSetUpThatFailed) {
-    std::ErrorID const* const row = Vesk::Error.getRow(0);
-    ASSERT_NE(nullptr, row);
-    EXPECT_EQ(0, row->id);
-    EXPECT_STREQ("Unable to initialize VESK: \"%s\" failed", row->format);
-    EXPECT_EQ(1, row->nargs);
-    EXPECT_EQ(nullptr, Vesk::Error.getRow(1));
-    EXPECT_FALSE(Vesk::Error.isA(vesk::SysError));
+    expectRows(Vesk::Error, {"Unable to initialize VESK: \"%s\" failed"}, 1, false);
     for (std::string const part :
          {"process impl. object is invalid", "process static impl. object is invalid"}) {
         std::ErrorOutput("source", 1, true)(Vesk::ErrorId::INIT_FAILED, part);

@@ -9,21 +9,20 @@
 namespace {
 
 using support::chainIs;
-using support::ExpectedReport;
 using support::rowText;
 using vesk::IPC_NAME_SIZE;
 using vesk::transformToIPCIdentifier;
+using Reports = std::vector<support::ExpectedReport>;
 
-ExpectedReport invalid(char const* text) {
-    return {std::CommonErrorId::INVALID_ARGUMENT, rowText(std::CommonErrorId::INVALID_ARGUMENT, text)};
+template <typename Id>
+Reports reportOf(Id id, char const* text) {
+    return {{id, rowText(id, text)}};
 }
 
-std::vector<ExpectedReport> const VALID;
-std::vector<ExpectedReport> const SEPARATOR{invalid("path separator found in IPC name")};
-std::vector<ExpectedReport> const NOTHING{invalid("null ptr. or zero size turned in")};
-std::vector<ExpectedReport> const TOO_LONG{
-    {std::CommonErrorId::UNSUPPORTED_VALUE,
-     rowText(std::CommonErrorId::UNSUPPORTED_VALUE, "given IPC name is too long")}};
+Reports const VALID;
+Reports const SEPARATOR = reportOf(std::CommonErrorId::INVALID_ARGUMENT, "path separator found in IPC name");
+Reports const NOTHING = reportOf(std::CommonErrorId::INVALID_ARGUMENT, "null ptr. or zero size turned in");
+Reports const TOO_LONG = reportOf(std::CommonErrorId::UNSUPPORTED_VALUE, "given IPC name is too long");
 
 std::string const LONGEST(254, 'n');
 
@@ -32,7 +31,7 @@ struct Row {
     std::string name;
     unsigned int size;
     std::string result;
-    std::vector<ExpectedReport> reports;
+    Reports reports;
 };
 
 class IPCIdentifier : public testing::TestWithParam<Row> {};

@@ -1,14 +1,11 @@
 #pragma once
 
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
 #include "support/ErrorRow.h"
 #include "support/FailOnce.h"
-#include "support/calls/QueueCalls.h"
-#include "support/calls/SemaphoreCalls.h"
-#include "support/calls/ShmCalls.h"
+#include "support/Testing.h"
+#include "support/calls/NamedCalls.h"
 
-#include <tarncommon/error/CommonError.h>
 #include <vesk/FileAccessError.h>
 #include <vesk/MsgQueueClient.h>
 #include <vesk/MsgQueueServer.h>
@@ -16,13 +13,6 @@
 #include <vesk/SemaphoreCreator.h>
 #include <vesk/SharedMemoryClient.h>
 #include <vesk/SharedMemoryServer.h>
-#include <vesk/SysError.h>
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <unistd.h>
-#include <vector>
 
 /// What the tests of message queues, semaphores and shared memory have in common. Must be included in exactly
 /// one file of a test program: it replaces the system calls below them.
@@ -40,7 +30,6 @@ ExpectedReport reportOf(Id id, char const* text) {
 /// One of the three kinds of named objects: its replaced calls, and access to its objects by their names
 /// alone.
 struct IpcKind {
-    char const* name;
     Injected& open;
     Injected& close;
     Injected& unlink;
@@ -50,68 +39,64 @@ struct IpcKind {
     void (*change)(char const* name);          ///< Changes the content.
 };
 
-namespace detail {
-
-inline std::string getQueueState(char const* name) {
-    mqd_t const queue = mq_open(name, O_RDONLY);
-    mq_attr attributes{};
-    if (queue == -1 || mq_getattr(queue, &attributes) != 0 || mq_close(queue) != 0) {
-        return "(none)";
-    }
-    return std::to_string(attributes.mq_curmsgs) + " of " + std::to_string(attributes.mq_maxmsg);
-}
-
-inline void changeQueue(char const* name) {
-    mqd_t const queue = mq_open(name, O_WRONLY);
-    EXPECT_EQ(0, mq_send(queue, "old", 3, 0));
-    EXPECT_EQ(0, mq_close(queue));
-}
-
-inline std::string getSemaphoreState(char const* name) {
-    sem_t* const semaphore = sem_open(name, 0);
-    int value = -1;
-    if (semaphore == SEM_FAILED || sem_getvalue(semaphore, &value) != 0 || sem_close(semaphore) != 0) {
-        return "(none)";
-    }
-    return std::to_string(value);
-}
-
-inline void changeSemaphore(char const* name) {
-    sem_t* const semaphore = sem_open(name, 0);
-    EXPECT_EQ(0, sem_post(semaphore));
-    EXPECT_EQ(0, sem_close(semaphore));
-}
-
-inline std::string getMemoryState(char const* name) {
-    int const fd = shm_open(name, O_RDONLY, 0);
-    struct stat data {};
-    char content[4] = "";
-    if (fd == -1 || fstat(fd, &data) != 0 || pread(fd, content, 3, 0) < 0 || close(fd) != 0) {
-        return "(none)";
-    }
-    return std::to_string(data.st_size) + " bytes: " + content;
-}
-
-inline void changeMemory(char const* name) {
-    int const fd = shm_open(name, O_RDWR, 0);
-    EXPECT_EQ(3, pwrite(fd, "old", 3, 0));
-    EXPECT_EQ(0, close(fd));
-}
-
-} // namespace detail
-
 inline IpcKind const QUEUE{
-    "MsgQueue",   inject_mq_open, inject_mq_close,       inject_mq_unlink,
-    s_queue_open, mq_unlink,      detail::getQueueState, detail::changeQueue,
-};
+    inject_mq_open,
+    inject_mq_close,
+    inject_mq_unlink,
+    s_queue_open,
+    mq_unlink,
+    [](char const* name) -> std::string {
+        mqd_t const queue = mq_open(name, O_RDONLY);
+        mq_attr attributes{};
+        if (queue == -1 || mq_getattr(queue, &attributes) != 0 || mq_close(queue) != 0) {
+            return "(none)";
+        }
+        return std::to_string(attributes.mq_curmsgs) + " of " + std::to_string(attributes.mq_maxmsg);
+    },
+    [](char const* name) {
+        mqd_t const queue = mq_open(name, O_WRONLY);
+        EXPECT_EQ(0, mq_send(queue, "old", 3, 0));
+        EXPECT_EQ(0, mq_close(queue));
+    }};
 inline IpcKind const SEMAPHORE{
-    "Semaphore",      inject_sem_open, inject_sem_close,          inject_sem_unlink,
-    s_semaphore_open, sem_unlink,      detail::getSemaphoreState, detail::changeSemaphore,
-};
+    inject_sem_open,
+    inject_sem_close,
+    inject_sem_unlink,
+    s_semaphore_open,
+    sem_unlink,
+    [](char const* name) -> std::string {
+        sem_t* const semaphore = sem_open(name, 0);
+        int value = -1;
+        if (semaphore == SEM_FAILED || sem_getvalue(semaphore, &value) != 0 || sem_close(semaphore) != 0) {
+            return "(none)";
+        }
+        return std::to_string(value);
+    },
+    [](char const* name) {
+        sem_t* const semaphore = sem_open(name, 0);
+        EXPECT_EQ(0, sem_post(semaphore));
+        EXPECT_EQ(0, sem_close(semaphore));
+    }};
 inline IpcKind const MEMORY{
-    "SharedMemory", inject_shm_open, inject_close,           inject_shm_unlink,
-    s_shm_open,     shm_unlink,      detail::getMemoryState, detail::changeMemory,
-};
+    inject_shm_open,
+    inject_close,
+    inject_shm_unlink,
+    s_shm_open,
+    shm_unlink,
+    [](char const* name) -> std::string {
+        int const fd = shm_open(name, O_RDONLY, 0);
+        struct stat data {};
+        char content[4] = "";
+        if (fd == -1 || fstat(fd, &data) != 0 || pread(fd, content, 3, 0) < 0 || close(fd) != 0) {
+            return "(none)";
+        }
+        return std::to_string(data.st_size) + " bytes: " + content;
+    },
+    [](char const* name) {
+        int const fd = shm_open(name, O_RDWR, 0);
+        EXPECT_EQ(3, pwrite(fd, "old", 3, 0));
+        EXPECT_EQ(0, close(fd));
+    }};
 
 /// A name that no other test uses. The process that made it removes it from the system at its end.
 class IpcName {

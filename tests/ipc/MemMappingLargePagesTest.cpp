@@ -20,22 +20,13 @@ namespace {
 using support::chainIs;
 using vesk::MemMapping;
 
-class MemMappingLargePages : public testing::Test {
-protected:
-    MemMappingLargePages() : m_path(m_folder.makeFile("object", std::string(131072, 'a'))) {
-        m_fd = open(m_path.c_str(), O_RDWR | O_CLOEXEC);
-    }
-    ~MemMappingLargePages() override { close(m_fd); }
-
-    support::TempFolder m_folder;
-    std::string m_path;
-    int m_fd;
-};
-
-TEST_F(MemMappingLargePages, ringIsOfWholePagesOfTheSystem) {
+TEST(MemMappingLargePages, ringMustBeOfWholePagesOfTheSystem) {
     ASSERT_EQ(65536U, vesk::Vesk::s_sys_info.page_size);
+    support::TempFolder const folder;
+    int const fd = open(folder.makeFile("object", std::string(131072, 'a')).c_str(), O_RDWR | O_CLOEXEC);
     for (unsigned int const length : {65536U, 131072U}) {
-        MemMapping ring(m_fd, MemMapping::READ | MemMapping::WRITE, length, 0, nullptr, true);
+        SCOPED_TRACE(length);
+        MemMapping ring(fd, MemMapping::READ | MemMapping::WRITE, length, 0, nullptr, true);
         ASSERT_TRUE(ring.isValid());
         auto* const bytes = static_cast<char*>(ring.getAddress());
         bytes[length - 1] = 'X';
@@ -43,14 +34,12 @@ TEST_F(MemMappingLargePages, ringIsOfWholePagesOfTheSystem) {
         EXPECT_EQ(2 * length, ring.getSize());
         EXPECT_FALSE(ring.destroy());
     }
-}
-
-TEST_F(MemMappingLargePages, ringOfSmallerPagesIsRefused) {
     for (unsigned int const length : {4096U, 16384U, 65536U + 4096U, 98304U}) {
-        MemMapping const ring(m_fd, MemMapping::READ, length, 0, nullptr, true);
+        MemMapping const ring(fd, MemMapping::READ, length, 0, nullptr, true);
         EXPECT_FALSE(ring.isValid());
         EXPECT_TRUE(chainIs({{std::CommonErrorId::CONTRACT_BROKEN}})) << length;
     }
+    close(fd);
 }
 
 } // namespace

@@ -123,28 +123,23 @@ TEST_F(MemMappingTest, outlivesItsDescriptorAndACopyRefersToTheSameMapping) {
     EXPECT_EQ(0U, mappedBytes(m_path));
 }
 
-struct FlagRow {
-    unsigned int word;
-    int protection;
-};
-
-void PrintTo(FlagRow const& row, std::ostream* out) {
-    *out << "0x" << std::hex << row.word << std::dec;
-}
+/// The flags as a number, and those of the system.
+using FlagRow = std::pair<unsigned int, int>;
 
 class MemMappingFlags : public testing::TestWithParam<FlagRow> {};
 
 TEST_P(MemMappingFlags, arePassedOnBitByBit) {
+    auto const [word, protection] = GetParam();
     Fault const fault(inject_mmap, ENOMEM);
     MapCalls const calls;
     auto* const hint = reinterpret_cast<void*>(uintptr_t{0x10000000});
-    MemMapping const mapping(77, MemAccessFlags(GetParam().word), 12345, 0x80001000, hint, false);
+    MemMapping const mapping(77, MemAccessFlags(word), 12345, 0x80001000, hint, false);
     EXPECT_TRUE(causeIs(SysErrorId::OUT_OF_MEMORY, ENOMEM));
     ASSERT_EQ(1U, calls.get().size());
-    MapCall const expected{
-        hint, 12345, GetParam().protection, MAP_SHARED, 77, static_cast<off_t>(0x80001000), MAP_FAILED};
-    EXPECT_TRUE(calls.get()[0] == expected);
-    EXPECT_EQ(GetParam().word, mapping.getFlags().getWord()) << "the word is kept unchanged";
+    EXPECT_TRUE(
+        (calls.get()[0] ==
+         MapCall{hint, 12345, protection, MAP_SHARED, 77, static_cast<off_t>(0x80001000), MAP_FAILED}));
+    EXPECT_EQ(word, mapping.getFlags().getWord()) << "the word is kept unchanged";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -165,7 +160,7 @@ TEST_F(MemMappingTest, refusalOfTheSystemIsReported) {
         MemAccessFlags flags;
         unsigned int length;
         unsigned int offset;
-        ErrorRow report;
+        ErrnoCase report;
     } const rows[] = {
         {"length 0", m_fd, MemMapping::READ, 0, 0, {EINVAL, SysErrorId::INVALID_PARAMETER}},
         {"offset within a page", m_fd, MemMapping::READ, m_page, 1, {EINVAL, SysErrorId::INVALID_PARAMETER}},
@@ -186,32 +181,26 @@ TEST_F(MemMappingTest, refusalOfTheSystemIsReported) {
 
 // ---- failures of mmap ----
 
-enum class Step { PLAIN, SECOND_HALF, FIRST_HALF };
+/// The call that fails: that of a plain mapping, or one of those of a ring.
+enum Step { PLAIN = 1, SECOND_HALF, FIRST_HALF };
 
-using MapCase = std::tuple<Step, ErrorRow>;
+using MapCase = std::tuple<Step, ErrnoCase>;
 
-class MemMappingFailure : public MemMappingTest, public testing::WithParamInterface<MapCase> {
-public:
-    static std::string nameOf(testing::TestParamInfo<MapCase> const& info) {
-        static char const* const steps[] = {"plain", "secondHalf", "firstHalf"};
-        return std::string(steps[static_cast<int>(std::get<0>(info.param))]) + "_" +
-            strerrorname_np(std::get<1>(info.param).error);
-    }
-};
+class MemMappingFailure : public MemMappingTest, public testing::WithParamInterface<MapCase> {};
 
 TEST_P(MemMappingFailure, isReportedAndGivesAnAddressOfAllOnes) {
     auto const [step, row] = GetParam();
-    bool const ring = step != Step::PLAIN;
+    bool const ring = step != PLAIN;
 #if defined(__arm__)
     if (ring) {
         GTEST_SKIP() << "QEMU's user mode lists ranges of its own in /proc/self/maps";
     }
 #endif
     MapCalls const calls;
-    Fault const fault(inject_mmap, row.error, static_cast<int>(step) + 1);
+    Fault const fault(inject_mmap, row.error, step);
     MemMapping mapping(m_fd, READ_WRITE, m_page, 0, nullptr, ring);
-    EXPECT_TRUE(causeIs(row.id, row.error));
-    EXPECT_EQ(static_cast<int>(step) + 1, fault.getCalls()) << "no call follows a failure";
+    EXPECT_TRUE(causeIs(row.cause, row.error));
+    EXPECT_EQ(step, fault.getCalls()) << "no call follows a failure";
     EXPECT_EQ(ALL_ONES, mapping.getAddress());
     EXPECT_FALSE(mapping.isValid());
     EXPECT_EQ(ring ? 2 * m_page : m_page, mapping.getSize());
@@ -219,15 +208,21 @@ TEST_P(MemMappingFailure, isReportedAndGivesAnAddressOfAllOnes) {
     if (ring) {
         void* const base = calls.get()[0].result;
         EXPECT_EQ("---p", accessAt(base)) << "the range stays reserved";
-        EXPECT_EQ(step == Step::SECOND_HALF ? "---p" : "rw-s", accessAt(static_cast<char*>(base) + m_page));
+        EXPECT_EQ(step == SECOND_HALF ? "---p" : "rw-s", accessAt(static_cast<char*>(base) + m_page));
         EXPECT_EQ(0, munmap(base, size_t{2} * m_page));
     }
 }
 
+auto const stepAndError = [](testing::TestParamInfo<MapCase> const& test) {
+    char const* const steps[] = {"plain_", "secondHalf_", "firstHalf_"};
+    return std::string(steps[std::get<Step>(test.param) - PLAIN]) +
+        strerrorname_np(std::get<ErrnoCase>(test.param).error);
+};
+
 INSTANTIATE_TEST_SUITE_P(
     rows, MemMappingFailure,
     testing::Combine(
-        testing::Values(Step::PLAIN, Step::SECOND_HALF, Step::FIRST_HALF),
+        testing::Values(PLAIN, SECOND_HALF, FIRST_HALF),
         testing::ValuesIn(rowsOf(
             {{{ENXIO, EBADF, ENOTSUP}, SysErrorId::SPOILED_INTEGRITY},
              {{EAGAIN, ENOMEM}, SysErrorId::OUT_OF_MEMORY},
@@ -236,7 +231,7 @@ INSTANTIATE_TEST_SUITE_P(
              {{EINVAL, EOVERFLOW}, SysErrorId::INVALID_PARAMETER},
              {{EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
              {{EPERM, EINTR, ENFILE}, SysErrorId::UNCLASSIFIED}}))),
-    MemMappingFailure::nameOf);
+    stepAndError);
 
 class MemMappingReservation : public MemMappingTest, public testing::WithParamInterface<int> {};
 
@@ -381,6 +376,7 @@ TEST_F(MemMappingTest, destroyOfAFailedMappingDoesNothing) {
 
 TEST_F(MemMappingTest, secondDestroyUnmapsNothingAndFails) {
     for (bool const ringbuffer : {false, true}) {
+        SCOPED_TRACE(ringbuffer ? "ring" : "plain");
         MemMapping mapping(m_fd, MemMapping::READ, m_page, 0, nullptr, ringbuffer);
         EXPECT_FALSE(mapping.destroy());
         EXPECT_EQ(nullptr, mapping.getAddress());
@@ -441,12 +437,12 @@ TEST_F(MemMappingTest, syncOfARangeThatIsNotMappedFails) {
     EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
 }
 
-class MemMappingSync : public MemMappingTest, public testing::WithParamInterface<ErrorRow> {};
+class MemMappingSync : public MemMappingTest, public testing::WithParamInterface<ErrnoCase> {};
 
 TEST_P(MemMappingSync, failureIsReported) {
     MemMapping& mapping = map(READ_WRITE, m_page);
     EXPECT_TRUE(failOnce(inject_msync, GetParam().error, [&] { return mapping.sync(m_page, 0); }));
-    EXPECT_TRUE(causeIs(GetParam().id, GetParam().error));
+    EXPECT_TRUE(causeIs(GetParam().cause, GetParam().error));
     EXPECT_FALSE(mapping.sync(m_page, 0));
 }
 

@@ -1,14 +1,10 @@
 #include "IpcSupport.h"
-#include "support/Privileges.h"
 #include "support/Processes.h"
-#include "support/RunInThreads.h"
+#include "support/TempFolder.h"
 
 #include <tarncommon/stream/IBinStreamBase.h>
 
-#include <fstream>
 #include <limits>
-#include <memory>
-#include <thread>
 
 VESK_INJECT_ERRNO(long, -1, sysconf, (int name), (name))
 VESK_INJECT_ERRNO(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
@@ -62,101 +58,6 @@ protected:
     Message const m_empty{m_buffer, 0, 0};
 };
 
-/// The operations of a queue.
-struct Operation {
-    char const* name;
-    long long (*run)(MsgQueueBase& queue, Message& message);
-    long long failure;
-    Injected* call;
-    bool reads;
-    long long size_failure = failure; ///< The result if the size of the message is wrong.
-};
-
-// A timed write that fails returns 1, as after a timeout.
-Operation const TRANSFERS[] = {
-    {"readMsg", [](MsgQueueBase& queue, Message& m) -> long long { return queue.readMsg(&m); }, 1,
-     &inject_mq_receive, true},
-    {"writeMsg", [](MsgQueueBase& queue, Message& m) -> long long { return queue.writeMsg(&m); }, 1,
-     &inject_mq_send, false},
-    {"readMsgTimeout",
-     [](MsgQueueBase& queue, Message& m) -> long long { return queue.readMsgTimeout(&m, 0); }, -1,
-     &inject_mq_timedreceive, true},
-    {"writeMsgTimeout",
-     [](MsgQueueBase& queue, Message& m) -> long long { return queue.writeMsgTimeout(&m, 0); }, 1,
-     &inject_mq_timedsend, false, -1},
-};
-
-Operation const ATTRIBUTES[] = {
-    {"maxMsgSize", [](MsgQueueBase& queue, Message&) -> long long { return queue.maxMsgSize(); }, 0,
-     &inject_mq_getattr, true},
-    {"maxMsgCount", [](MsgQueueBase& queue, Message&) -> long long { return queue.maxMsgCount(); }, 0,
-     &inject_mq_getattr, true},
-    {"availMsgs", [](MsgQueueBase& queue, Message&) -> long long { return queue.availMsgs(); }, 0,
-     &inject_mq_getattr, true},
-};
-
-struct OperationName {
-    std::string operator()(testing::TestParamInfo<Operation> const& info) const { return info.param.name; }
-};
-
-class MsgQueueOperation : public MsgQueueTest, public testing::WithParamInterface<Operation> {
-protected:
-    long long run() { return GetParam().run(m_queue, m_message); }
-};
-
-class MsgQueueTransfer : public MsgQueueOperation {};
-
-INSTANTIATE_TEST_SUITE_P(Transfers, MsgQueueOperation, testing::ValuesIn(TRANSFERS), OperationName());
-INSTANTIATE_TEST_SUITE_P(Attributes, MsgQueueOperation, testing::ValuesIn(ATTRIBUTES), OperationName());
-INSTANTIATE_TEST_SUITE_P(All, MsgQueueTransfer, testing::ValuesIn(TRANSFERS), OperationName());
-
-TEST_P(MsgQueueOperation, ofAClosedObjectIsRefusedByTheSystem) {
-    MsgQueueClient closed;
-    // Emulators set the priority also in a failed read.
-    Message message = GetParam().reads ? m_message : m_empty;
-    EXPECT_EQ(GetParam().failure, GetParam().run(closed, message));
-    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EBADF));
-    EXPECT_EQ(GetParam().reads ? MSG_SIZE : 0, message.size);
-}
-
-TEST_P(MsgQueueOperation, failureIsReportedAndLeavesTheMessage) {
-    EXPECT_TRUE(put(m_queue, "1"));
-    for (int const error : {EBADF, EINVAL, EAGAIN, EIO}) {
-        EXPECT_EQ(GetParam().failure, failOnce(*GetParam().call, error, [&] { return run(); }));
-        EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, error));
-        EXPECT_EQ(MSG_SIZE, m_message.size);
-    }
-    EXPECT_EQ(1U, m_queue.availMsgs());
-}
-
-TEST_P(MsgQueueTransfer, sizeThatTheSystemRefusesIsReported) {
-    Fault const fault(*GetParam().call, EMSGSIZE);
-    EXPECT_EQ(GetParam().size_failure, run());
-    EXPECT_EQ(1, fault.getCalls());
-    EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EMSGSIZE));
-    EXPECT_EQ(MSG_SIZE, m_message.size);
-}
-
-TEST_P(MsgQueueTransfer, bufferSmallerOrMessageLargerThanThoseOfTheQueueIsRefused) {
-    EXPECT_TRUE(put(m_queue, "tea"));
-    char large[MSG_SIZE + 1] = {};
-    for (unsigned int const size : {MSG_SIZE - 1, 0U}) {
-        Message message{large, GetParam().reads ? size : static_cast<unsigned int>(sizeof large), 0};
-        unsigned int const before = message.size;
-        EXPECT_EQ(GetParam().size_failure, GetParam().run(m_queue, message));
-        EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EMSGSIZE)) << size;
-        EXPECT_EQ(before, message.size);
-    }
-    EXPECT_EQ(1U, m_queue.availMsgs());
-}
-
-TEST_P(MsgQueueTransfer, missingBufferIsRefusedByTheSystem) {
-    EXPECT_TRUE(put(m_queue, "tea"));
-    Message message{nullptr, MSG_SIZE, 0};
-    EXPECT_EQ(GetParam().failure, GetParam().run(m_queue, message));
-    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EFAULT));
-}
-
 // ---- messages ----
 
 TEST_F(MsgQueueTest, messageArrivesWholeAlsoAnEmptyOne) {
@@ -179,14 +80,6 @@ TEST_F(MsgQueueTest, oldestMessageOfTheHighestPriorityComesFirst) {
     for (char const* const expected : {"high", "later", "low"}) {
         EXPECT_EQ(expected, get(m_queue));
     }
-}
-
-TEST_F(MsgQueueTest, timeoutOf0LeavesAFullQueueAndTheBufferAsTheyAre) {
-    EXPECT_EQ(1, m_queue.readMsgTimeout(&m_message, 0));
-    EXPECT_EQ(MSG_SIZE, m_message.size);
-    EXPECT_TRUE(put(m_queue, "1") && put(m_queue, "2") && put(m_queue, "3"));
-    EXPECT_FALSE(put(m_queue, "4"));
-    EXPECT_EQ(MAX_MSGS, m_queue.availMsgs());
 }
 
 TEST_F(MsgQueueTest, threadsShareOneObject) {
@@ -240,7 +133,7 @@ TEST_F(MsgQueueTest, serverAndClientAreDifferentProcesses) {
 
 // ---- creation ----
 
-TEST_F(MsgQueueTest, serverAndClientOpenTheQueueForReadingAndWriting) {
+TEST_F(MsgQueueTest, serverAndClientOpenTheQueueForReadingAndWritingAndSeeItsAttributes) {
     EXPECT_EQ(static_cast<long>(MAX_MSGS), s_queue_attributes.mq_maxmsg);
     EXPECT_EQ(static_cast<long>(MSG_SIZE), s_queue_attributes.mq_msgsize);
     EXPECT_EQ(0, s_queue_attributes.mq_flags);
@@ -249,10 +142,19 @@ TEST_F(MsgQueueTest, serverAndClientOpenTheQueueForReadingAndWriting) {
     EXPECT_FALSE(client.attach(m_name));
     EXPECT_EQ(m_name.getSystemName(), s_queue_open.name);
     EXPECT_EQ(O_RDWR, s_queue_open.flags);
-    for (MsgQueueBase* const queue : std::initializer_list<MsgQueueBase*>{&m_queue, &client}) {
-        EXPECT_TRUE(put(*queue, "tea"));
-        EXPECT_EQ("tea", get(*queue));
+    for (unsigned int const count : {0U, 1U, 2U}) {
+        for (MsgQueueBase* const queue : std::initializer_list<MsgQueueBase*>{&m_queue, &client}) {
+            SCOPED_TRACE((queue == &client ? "client " : "server ") + std::to_string(count));
+            EXPECT_EQ(MSG_SIZE, queue->maxMsgSize());
+            EXPECT_EQ(MAX_MSGS, queue->maxMsgCount());
+            EXPECT_EQ(count, queue->availMsgs());
+            EXPECT_TRUE(put(*queue, "tea", 1)); // Before the messages that stay.
+            EXPECT_EQ("tea", get(*queue));
+        }
+        EXPECT_TRUE(put(m_queue, "more"));
     }
+    EXPECT_EQ(MAX_MSGS, client.availMsgs());
+    EXPECT_FALSE(put(client, "too many"));
 }
 
 TEST_F(MsgQueueTest, replacedQueueStaysUsableByItsUsers) {
@@ -341,23 +243,8 @@ TEST_F(MsgQueueTest, highestPriorityIsOneBelowTheLimit) {
     EXPECT_EQ(-1, MsgQueueBase::getMaxPrio()) << "a missing limit of the system is passed on";
 }
 
-TEST_F(MsgQueueTest, attributesAreThoseOfTheQueue) {
-    MsgQueueClient client;
-    ASSERT_FALSE(client.attach(m_name));
-    for (unsigned int const count : {0U, 1U, 2U}) {
-        for (MsgQueueBase const* const queue : std::initializer_list<MsgQueueBase*>{&m_queue, &client}) {
-            EXPECT_EQ(MSG_SIZE, queue->maxMsgSize());
-            EXPECT_EQ(MAX_MSGS, queue->maxMsgCount());
-            EXPECT_EQ(count, queue->availMsgs());
-        }
-        EXPECT_TRUE(put(m_queue, "more"));
-    }
-}
-
 unsigned int numberIn(char const* path) {
-    unsigned int number = 0;
-    std::ifstream(path) >> number;
-    return number;
+    return static_cast<unsigned int>(std::stoul(contentOf(path)));
 }
 
 TEST_F(MsgQueueTest, limitsOfTheSystemAreThoseInProc) {
@@ -373,6 +260,7 @@ TEST_F(MsgQueueTest, limitThatCannotBeOpenedOrReadIs0AndOnlyTheReadIsReported) {
     unreadable.emplace_back(
         std::IBinStreamBase::StreamError, std::IBinStreamBase::StreamErrorId::TRANSFER_FAILED);
     for (auto const getLimit : {MsgQueueBase::systemMaxMsgSize, MsgQueueBase::systemMaxMsgCount}) {
+        SCOPED_TRACE(getLimit == MsgQueueBase::systemMaxMsgSize ? "size" : "count");
         EXPECT_EQ(0U, failOnce(inject_open, EACCES, getLimit));
         EXPECT_TRUE(chainIs({}));
         Fault const fault(inject_read, EIO, 1, Fault::FOREVER);

@@ -1,12 +1,5 @@
 #include "IpcSupport.h"
 #include "support/Processes.h"
-#include "support/Threads.h"
-
-#include <tarncommon/error/ErrorOutput.h>
-
-#include <chrono>
-#include <climits>
-#include <thread>
 
 namespace {
 
@@ -27,80 +20,6 @@ protected:
     SemaphoreCreator m_semaphore;
     SemaphoreClient m_closed;
 };
-
-/// One of the three ways to take. The result 0 means that it was taken.
-struct Way {
-    char const* name;
-    Injected* call;
-    int (*take)(SemaphoreBase const&);
-    char const* misuse;
-};
-
-Way const WAYS[] = {
-    {"take", &inject_sem_wait, [](SemaphoreBase const& semaphore) { return semaphore.take() ? -1 : 0; },
-     "__FUNCTION__ was called on invalid semaphore"},
-    {"tryTake", &inject_sem_trywait,
-     [](SemaphoreBase const& semaphore) -> int { return semaphore.tryTake(); },
-     "__FUNCTION__ was called on invalid semaphore"},
-    {"tryTakeTimeout", &inject_sem_timedwait,
-     [](SemaphoreBase const& semaphore) -> int { return semaphore.tryTakeTimeout(60000); },
-     "__FUNTION__ was called on invalid semaphore"},
-};
-
-class SemaphoreWays : public SemaphoreTest, public testing::WithParamInterface<Way> {
-protected:
-    int take() { return GetParam().take(m_semaphore); }
-};
-
-TEST_P(SemaphoreWays, decreaseAValueAbove0) {
-    create(2);
-    for (int const left : {1, 0}) {
-        EXPECT_EQ(0, take());
-        EXPECT_EQ(left, getValue());
-    }
-}
-
-TEST_P(SemaphoreWays, refuseAClosedObjectWithoutACall) {
-    Fault const calls(*GetParam().call, 0);
-    Fault const clock(inject_clock_gettime, EINVAL);
-    EXPECT_EQ(-1, GetParam().take(m_closed));
-    EXPECT_TRUE(chainIs({reportOf(CommonErrorId::CONTRACT_BROKEN, GetParam().misuse)}));
-    EXPECT_EQ(0, calls.getCalls());
-}
-
-TEST_P(SemaphoreWays, areRepeatedIfASignalInterrupts) {
-    create(1);
-    Fault const fault(*GetParam().call, EINTR, 1, 2);
-    EXPECT_EQ(0, take());
-    EXPECT_EQ(3, fault.getCalls());
-    EXPECT_EQ(0, getValue());
-}
-
-TEST_P(SemaphoreWays, endWithoutFailureIfTheObjectWasClosedMeanwhile) {
-    create(1);
-    s_on_semaphore_wait = [this] { EXPECT_FALSE(m_semaphore.close()); };
-    EXPECT_EQ(0, take());
-    EXPECT_FALSE(m_semaphore.isValid());
-    EXPECT_EQ(1, getValue()) << "nothing was taken";
-}
-
-TEST_P(SemaphoreWays, reportOtherFailures) {
-    create(1);
-    // What means "not now" to one way is a failure of the others.
-    int const foreign = GetParam().call == &inject_sem_trywait ? ETIMEDOUT : EAGAIN;
-    std::ErrorOutput(__FILE__, __LINE__, true)(SysErrorId::INPUT_OUTPUT, "earlier");
-    for (int const error : {EINVAL, EIO, EOVERFLOW, foreign}) {
-        Fault const fault(*GetParam().call, error);
-        EXPECT_EQ(-1, take());
-        EXPECT_EQ(1, fault.getCalls());
-        EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, error));
-    }
-    EXPECT_EQ(1, getValue());
-}
-
-INSTANTIATE_TEST_SUITE_P(All, SemaphoreWays, testing::ValuesIn(WAYS), [](auto const& row) {
-    return row.param.name;
-});
 
 // ---- release ----
 
@@ -161,43 +80,6 @@ TEST_F(SemaphoreTest, clientAttachesToTheSemaphoreOfItsCreatorAndKeepsItWhenItIs
 
 // ---- concurrency ----
 
-TEST_F(SemaphoreTest, waiterThatASignalWakesSeesThatItsObjectWasClosed) {
-    struct sigaction action {};
-    struct sigaction previous {};
-    action.sa_handler = [](int) {};
-    ASSERT_EQ(0, sigaction(SIGUSR1, &action, &previous));
-    // The semaphore itself stays in the process with the fixture's object.
-    SemaphoreClient client;
-    ASSERT_FALSE(client.attach(m_name));
-    std::atomic<bool> done{false};
-    std::atomic<pid_t> id{0};
-    bool failed = true;
-    std::thread waiter([&] {
-        id = getThreadId();
-        failed = client.take();
-        EXPECT_TRUE(chainIs({}));
-        done = true;
-    });
-    while (id == 0) {
-        std::this_thread::yield();
-    }
-    waitUntilAsleep(getpid(), id);
-    EXPECT_FALSE(client.close());
-    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!done && std::chrono::steady_clock::now() < end) {
-        pthread_kill(waiter.native_handle(), SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_TRUE(done);
-    if (!done) {
-        EXPECT_FALSE(m_semaphore.release());
-    }
-    waiter.join();
-    EXPECT_FALSE(failed);
-    EXPECT_EQ(0, getValue());
-    EXPECT_EQ(0, sigaction(SIGUSR1, &previous, nullptr));
-}
-
 TEST_F(SemaphoreTest, processesNeverTakeMoreThanTheValue) {
     constexpr int SLOTS = 2;
     create(SLOTS);
@@ -207,7 +89,9 @@ TEST_F(SemaphoreTest, processesNeverTakeMoreThanTheValue) {
             SemaphoreClient client;
             EXPECT_FALSE(client.attach(m_name));
             for (size_t round = 0; round < 200; ++round) {
-                int const result = WAYS[round % 3].take(client);
+                int const result = round % 3 == 0 ? -client.take()
+                    : round % 3 == 1              ? client.tryTake()
+                                                  : client.tryTakeTimeout(60000);
                 EXPECT_NE(-1, result);
                 if (result != 0) {
                     continue;

@@ -1,17 +1,13 @@
 #include "IpcSupport.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
 #include "support/Processes.h"
 #include "support/TempFolder.h"
 #include "support/calls/MapCalls.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/ShmCondition.h>
 #include <vesk/ShmMutex.h>
 #include <vesk/Vesk.h>
 
-#include <algorithm>
-#include <optional>
 #include <sys/socket.h>
 
 namespace {
@@ -121,7 +117,7 @@ TEST_F(SharedMemoryBaseTest, closedObjectMapsNothing) {
     Memory shm;
     MapCalls const calls;
     for (bool const ring : {false, true}) {
-        EXPECT_FALSE(shm.addMapping(READ_WRITE, m_page, 0, nullptr, ring).isValid());
+        EXPECT_FALSE(shm.addMapping(READ_WRITE, m_page, 0, nullptr, ring).isValid()) << ring;
         EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EBADF));
     }
     EXPECT_EQ(0U, shm.getMappingCount());
@@ -152,6 +148,7 @@ TEST_F(SharedMemoryBaseTest, mappingThatIsNotRegisteredIsNotRemoved) {
     MemMapping own(m_shm.getDescriptor(), READ_WRITE, m_page);
     Fault const calls(inject_munmap, 0);
     for (MemMapping const* const mapping : {&foreign, &gone, &failed, &static_cast<MemMapping const&>(own)}) {
+        SCOPED_TRACE(mapping->getAddress());
         EXPECT_TRUE(m_shm.removeMapping(*mapping));
         EXPECT_TRUE(isMisuse("Attempt to remove a mapping that isn't registered"));
     }
@@ -195,6 +192,7 @@ class SharedMemoryBaseClose : public SharedMemoryBaseTest, public testing::WithP
 TEST_P(SharedMemoryBaseClose, failureLeavesTheObjectOpenWithoutMappingsAndIsReportedOnTopOfThatOfAMapping) {
     int const fd = m_shm.getDescriptor();
     for (int const unmapping_error : {0, ENOMEM}) {
+        SCOPED_TRACE(unmapping_error);
         MemMapping mapping = add(m_shm);
         Fault const unmapping(inject_munmap, unmapping_error);
         EXPECT_TRUE(failOnce(inject_close, GetParam(), [&] { return m_shm.close(); }));
@@ -240,7 +238,7 @@ TEST_F(SharedMemoryBaseTest, sizeIsThatOfTheFileOr0IfA32BitSystemCannotReturnIt)
 #if defined(__LP64__)
     for (off_t const size : {0x80000000L, 0x100001000L}) {
         ASSERT_EQ(0, ftruncate(m_shm.getDescriptor(), size));
-        EXPECT_EQ(0U, m_shm.getSize());
+        EXPECT_EQ(0U, m_shm.getSize()) << size;
     }
 #endif
     EXPECT_TRUE(chainIs({}));
@@ -253,9 +251,7 @@ TEST_F(SharedMemoryBaseTest, sizeIsThatOfTheFileOr0IfA32BitSystemCannotReturnIt)
 
 TEST_F(SharedMemoryBaseTest, sizeThatTheSystemRefusesIsZeroWithoutAReport) {
     for (int const error : {EBADF, EIO, EOVERFLOW, EINTR}) {
-        Fault const fault(inject_fstat, error);
-        EXPECT_EQ(0U, m_shm.getSize());
-        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_EQ(0U, failOnce(inject_fstat, error, [this] { return m_shm.getSize(); })) << error;
         EXPECT_TRUE(chainIs({}));
     }
 }
@@ -351,26 +347,22 @@ TEST_P(SharedMemoryServerStrategy, decidesAboutSizeAndContent) {
 
 INSTANTIATE_TEST_SUITE_P(
     rows, SharedMemoryServerStrategy,
-    testing::Values(
-        StrategyRow{"newMemoryOfSize0", Creatable::CREATE_NEW, {}, 0, 0, "0 bytes: "},
-        StrategyRow{"openOrCreateWithSize0", Creatable::OPEN_OR_CREATE, {}, 0, 0, "0 bytes: "},
-        StrategyRow{"replaceWithSize0", Creatable::REPLACE, {}, 0, 0, "0 bytes: "},
-        StrategyRow{"truncateWithSize0", Creatable::TRUNCATE, {}, 0, 0, "0 bytes: "},
-        StrategyRow{"unknownStrategy99WithSize0", 99, {}, 0, 0, "0 bytes: "},
-        StrategyRow{"unknownStrategyMinus1WithSize0", -1, {}, 0, 0, "0 bytes: "},
-        StrategyRow{"unknownStrategy4WithSize0", 4, {}, 0, 0, "0 bytes: "},
-        StrategyRow{
-            "openOrCreateKeepsTheSizeOfExistingMemory", Creatable::OPEN_OR_CREATE, "old", 4096, 8192,
-            "4096 bytes: old"},
-        StrategyRow{
-            "openOrCreateSetsTheSizeOfExistingEmptyMemory", Creatable::OPEN_OR_CREATE, "", 0, 8192,
-            "8192 bytes: "},
-        StrategyRow{
-            "truncateEmptiesExistingMemoryAndSetsTheNewSize", Creatable::TRUNCATE, std::string(8192, 'x'),
-            8192, 4096, "4096 bytes: "},
-        StrategyRow{
-            "unknownStrategyOpensExistingMemoryAndSetsTheNewSize", 99, "old", 4096, 8192, "8192 bytes: old"}),
-    [](auto const& row) { return row.param.name; });
+    testing::ValuesIn(std::vector<StrategyRow>{
+        {"newMemoryOfSize0", Creatable::CREATE_NEW, {}, 0, 0, "0 bytes: "},
+        {"openOrCreateWithSize0", Creatable::OPEN_OR_CREATE, {}, 0, 0, "0 bytes: "},
+        {"replaceWithSize0", Creatable::REPLACE, {}, 0, 0, "0 bytes: "},
+        {"truncateWithSize0", Creatable::TRUNCATE, {}, 0, 0, "0 bytes: "},
+        {"unknownStrategy99WithSize0", 99, {}, 0, 0, "0 bytes: "},
+        {"unknownStrategyMinus1WithSize0", -1, {}, 0, 0, "0 bytes: "},
+        {"unknownStrategy4WithSize0", 4, {}, 0, 0, "0 bytes: "},
+        {"openOrCreateKeepsTheSizeOfExistingMemory", Creatable::OPEN_OR_CREATE, "old", 4096, 8192,
+         "4096 bytes: old"},
+        {"openOrCreateSetsTheSizeOfExistingEmptyMemory", Creatable::OPEN_OR_CREATE, "", 0, 8192,
+         "8192 bytes: "},
+        {"truncateEmptiesExistingMemoryAndSetsTheNewSize", Creatable::TRUNCATE, std::string(8192, 'x'), 8192,
+         4096, "4096 bytes: "},
+        {"unknownStrategyOpensExistingMemoryAndSetsTheNewSize", 99, "old", 4096, 8192, "8192 bytes: old"}}),
+    RowName());
 
 TEST_F(SharedMemoryServerTest, replacedMemoryStaysUsableByItsUsers) {
     makeOther();
@@ -403,55 +395,61 @@ TEST_F(SharedMemoryServerTest, nameIsKnownUntilItIsRemovedAndNotAfterAFailedCrea
     EXPECT_STREQ("", m_shm.getName());
     for (Strategy const strategy : {Creatable::CREATE_NEW, UNKNOWN}) {
         Fault const fault(inject_shm_open, EACCES);
-        EXPECT_TRUE(m_shm.create(m_name, 4096, strategy));
-        EXPECT_STREQ("", m_shm.getName());
+        EXPECT_TRUE(m_shm.create(m_name, 4096, strategy)) << strategy;
+        EXPECT_STREQ("", m_shm.getName()) << strategy;
     }
     EXPECT_TRUE(m_shm.create("ve/sk", 4096, Creatable::REPLACE));
     EXPECT_STREQ("", m_shm.getName());
     std::ErrorStorage::ack();
 }
 
+/// Expects that `release` unmaps and closes the memory of an open object.
+template <typename T, typename Release>
+void expectRelease(std::optional<T>& shm, IpcName const& name, Release release) {
+    EXPECT_TRUE(shm->addMapping(READ_WRITE, 4096).isValid());
+    int const fd = shm->getDescriptor();
+    release();
+    EXPECT_EQ(0U, mappedBytes(name.getSystemName()));
+    // Another object has the lowest number again.
+    EXPECT_EQ(shm && shm->isValid(), isOpen(fd));
+    EXPECT_TRUE(!isOpen(fd) || fd == shm->getDescriptor());
+}
+
 TEST_F(SharedMemoryServerTest, anotherCreationCloseAndDestructorUnmapAndCloseTheOldMemory) {
     IpcName const other(MEMORY);
-    for (char const* const way : {"creation", "close", "destructor"}) {
-        SharedMemoryServer shm;
-        shm.setUnlinkOnClose(true);
-        ASSERT_FALSE(shm.create(m_name, 4096, Creatable::CREATE_NEW));
-        EXPECT_TRUE(shm.addMapping(READ_WRITE, 4096).isValid());
-        int const fd = shm.getDescriptor();
-        bool const creates = strcmp(way, "creation") == 0;
-        if (creates) {
-            EXPECT_FALSE(shm.create(other, 8192, Creatable::CREATE_NEW));
-            EXPECT_EQ(fd, shm.getDescriptor()) << "the lowest number is free again";
-            EXPECT_EQ(other.getSystemName(), shm.getName());
-        } else if (strcmp(way, "close") == 0) {
-            EXPECT_FALSE(shm.close());
-        } else {
-            shm.~SharedMemoryServer();
-            new (&shm) SharedMemoryServer;
-        }
-        EXPECT_EQ(creates, isOpen(fd)) << way;
-        EXPECT_EQ(0U, mappedBytes(m_name.getSystemName())) << way;
+    std::optional<SharedMemoryServer> shm;
+    auto const createAgain = [&] {
+        EXPECT_FALSE(shm->create(other, 8192, Creatable::CREATE_NEW));
+        EXPECT_EQ(other.getSystemName(), shm->getName());
+    };
+    std::pair<char const*, std::function<void()>> const ways[] = {
+        {"creation", createAgain}, {"close", [&] { EXPECT_FALSE(shm->close()); }}, {"destructor", [&] {
+                                                                                        shm.reset();
+                                                                                    }}};
+    for (auto const& [way, release] : ways) {
+        SCOPED_TRACE(way);
+        shm.emplace().setUnlinkOnClose(true);
+        ASSERT_FALSE(shm->create(m_name, 4096, Creatable::CREATE_NEW));
+        expectRelease(shm, m_name, release);
     }
 }
 
 // ---- the size of new memory ----
 
-class SharedMemoryServerSize : public SharedMemoryServerTest, public testing::WithParamInterface<ErrorRow> {
-protected:
-    testing::AssertionResult isReported() { return chainIs(reportsOf(GetParam())); }
-};
+class SharedMemoryServerSize : public SharedMemoryServerTest,
+                               public testing::WithParamInterface<ErrnoCase> {};
 
 constexpr char const* CREATE_WARNING = "WARNING framework/src/vesk/posix/SharedMemoryServer create: "
                                        "shm_open() okay, ftruncate() failed, close() failed!";
 
 TEST_P(SharedMemoryServerSize, failureClosesTheMemoryAndRemovesItsNameOnRequest) {
     for (bool const unlinks : {false, true}) {
+        SCOPED_TRACE(unlinks ? "with the request" : "without the request");
         m_shm.setUnlinkOnClose(unlinks);
         EXPECT_TRUE(failOnce(inject_ftruncate, GetParam().error, [&] {
             return m_shm.create(m_name, 4096, Creatable::CREATE_NEW);
         }));
-        EXPECT_TRUE(isReported());
+        EXPECT_TRUE(chainIs(reportsOf(GetParam())));
         EXPECT_FALSE(m_shm.isValid());
         EXPECT_EQ(!unlinks, m_name.exists());
         EXPECT_EQ(unlinks ? "" : m_name.getSystemName(), m_shm.getName());
@@ -501,7 +499,7 @@ TEST_F(SharedMemoryServerTest, interruptedSizeIsRepeated) {
 
 TEST_F(SharedMemoryServerTest, sizeBeyond2GibIsRefused) {
     for (unsigned int const size : {0x80000000U, 0xFFFFFFFFU}) {
-        EXPECT_TRUE(m_shm.create(m_name, size, Creatable::REPLACE));
+        EXPECT_TRUE(m_shm.create(m_name, size, Creatable::REPLACE)) << size;
         EXPECT_TRUE(causeIs(SysErrorId::INVALID_PARAMETER, EINVAL));
         EXPECT_LT(s_shm_length, 0);
         EXPECT_FALSE(m_shm.isValid());
@@ -519,23 +517,18 @@ protected:
     SharedMemoryClient m_client;
 };
 
-struct FlagRow {
-    unsigned int word;
-    int system_flags;
-};
-
-void PrintTo(FlagRow const& row, std::ostream* out) {
-    *out << "0x" << std::hex << row.word << std::dec;
-}
+/// The flags of an attach as a number, and those of the system.
+using FlagRow = std::pair<unsigned int, int>;
 
 class SharedMemoryClientFlags : public SharedMemoryClientTest, public testing::WithParamInterface<FlagRow> {};
 
 TEST_P(SharedMemoryClientFlags, onlyTheWriteBitSelectsTheDirections) {
-    EXPECT_FALSE(m_client.attach(m_name, MemMapping::MemAccessFlags(GetParam().word)));
-    EXPECT_EQ(GetParam().system_flags, s_shm_open.flags);
+    auto const [word, system_flags] = GetParam();
+    EXPECT_FALSE(m_client.attach(m_name, MemMapping::MemAccessFlags(word)));
+    EXPECT_EQ(system_flags, s_shm_open.flags);
     EXPECT_EQ(0U, s_shm_open.mode);
     EXPECT_EQ(m_name.getSystemName(), s_shm_open.name);
-    EXPECT_EQ(GetParam().system_flags, fcntl(m_client.getDescriptor(), F_GETFL) & O_ACCMODE);
+    EXPECT_EQ(system_flags, fcntl(m_client.getDescriptor(), F_GETFL) & O_ACCMODE);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -573,6 +566,7 @@ TEST_F(SharedMemoryClientTest, memoryOfAnotherUserCannotBeReadOrWritten) {
     expectInChild([&] {
         ASSERT_TRUE(dropRights());
         for (auto const flags : {MemMapping::READ, MemMapping::WRITE}) {
+            SCOPED_TRACE(flags == MemMapping::READ ? "reading" : "writing");
             EXPECT_TRUE(m_client.attach(m_name, flags));
             EXPECT_TRUE(chainIs(reportsOf(DENIED, m_name.getSystemName())));
             EXPECT_FALSE(m_client.isValid());
@@ -583,21 +577,17 @@ TEST_F(SharedMemoryClientTest, memoryOfAnotherUserCannotBeReadOrWritten) {
 TEST_F(SharedMemoryClientTest, anotherAttachAndTheDestructorUnmapAndCloseTheOldMemoryAndKeepItsName) {
     IpcName const other(MEMORY);
     ASSERT_FALSE(m_shm.create(other, 3, Creatable::CREATE_NEW));
-    for (bool const by_destructor : {false, true}) {
-        SharedMemoryClient shm;
-        EXPECT_FALSE(shm.attach(m_name, READ_WRITE));
-        int const fd = shm.getDescriptor();
-        EXPECT_TRUE(shm.addMapping(READ_WRITE, 4096).isValid());
-        if (by_destructor) {
-            shm.~SharedMemoryClient();
-            new (&shm) SharedMemoryClient;
-        } else {
-            EXPECT_FALSE(shm.attach(other, READ_WRITE));
-            EXPECT_EQ(fd, shm.getDescriptor()) << "the lowest number is free again";
-            EXPECT_EQ(3U, shm.getSize());
-        }
-        EXPECT_EQ(!by_destructor, isOpen(fd));
-        EXPECT_EQ(0U, mappedBytes(m_name.getSystemName()));
+    std::optional<SharedMemoryClient> shm;
+    auto const attachAgain = [&] {
+        EXPECT_FALSE(shm->attach(other, READ_WRITE));
+        EXPECT_EQ(3U, shm->getSize());
+    };
+    std::pair<char const*, std::function<void()>> const ways[] = {
+        {"attach", attachAgain}, {"destructor", [&] { shm.reset(); }}};
+    for (auto const& [way, release] : ways) {
+        SCOPED_TRACE(way);
+        EXPECT_FALSE(shm.emplace().attach(m_name, READ_WRITE));
+        expectRelease(shm, m_name, release);
         EXPECT_TRUE(m_name.exists());
     }
 }
@@ -643,14 +633,13 @@ TEST_F(SharedMemoryServerTest, serverAndClientStreamThroughARing) {
         MemMapping const ring = m_shm.addMapping(READ_WRITE, length, length, nullptr, true);
         ASSERT_TRUE(ring.isValid());
         auto* const bytes = static_cast<char*>(ring.getAddress());
-        char block[701];
-        auto const mayWrite = [&] { return length - (header->written - header->consumed) >= sizeof block; };
+        constexpr unsigned int BLOCK = 701;
+        auto const mayWrite = [&] { return length - (header->written - header->consumed) >= BLOCK; };
         stream(*header, header->written, mayWrite, [&](unsigned int at) {
-            unsigned int const count = std::min<unsigned int>(sizeof block, TOTAL - at);
+            unsigned int const count = std::min(BLOCK, TOTAL - at);
             for (unsigned int i = 0; i < count; ++i) {
-                block[i] = byteAt(at + i);
+                bytes[at % length + i] = byteAt(at + i);
             }
-            memcpy(bytes + at % length, block, count);
             return count;
         });
     });
@@ -677,16 +666,14 @@ TEST_F(SharedMemoryServerTest, serverAndClientStreamThroughARing) {
 }
 
 TEST_F(SharedMemoryServerTest, contentOfAnEndedServerIsReadByAClientInAnotherProcess) {
-    Process server([&] { makeOther("hello"); });
-    EXPECT_EQ(0, server.join());
-    Process client([&] {
+    EXPECT_EQ(0, Process([&] { makeOther("hello"); }).join());
+    expectInChild([&] {
         SharedMemoryClient shm;
         ASSERT_FALSE(shm.attach(m_name, MemMapping::READ));
         MemMapping const mapping = shm.addMapping(MemMapping::READ, shm.getSize());
         ASSERT_TRUE(mapping.isValid());
         EXPECT_EQ(0, memcmp("hello", mapping.getAddress(), 5));
     });
-    EXPECT_EQ(0, client.join());
 }
 
 } // namespace

@@ -1,23 +1,12 @@
 #pragma once
 
-#include "support/Chain.h"
-#include "support/EventRecorder.h"
+#include "support/Testing.h"
 
 #include <vesk/NetDeviceMonitor.h>
-#include <vesk/SysError.h>
-
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
 
 /// Support for the tests of the monitor.
 namespace support {
@@ -97,11 +86,6 @@ public:
         return m_interface;
     }
 
-    AddrInfo getAddress() const {
-        std::lock_guard<std::mutex> const guard(m_mutex);
-        return m_address;
-    }
-
     /// Waits until a line has been recorded, and takes all lines up to it; after 40 seconds, takes all.
     Log takeUntil(std::string const& line) {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -128,7 +112,6 @@ private:
             std::lock_guard<std::mutex> const guard(m_mutex);
             m_log.push_back(line);
             m_interface = describe(interface);
-            m_address = address != nullptr ? *address : AddrInfo();
             m_called.notify_all();
         }
         if (on_call) {
@@ -140,7 +123,6 @@ private:
     std::condition_variable m_called;
     Log m_log;
     std::string m_interface;
-    AddrInfo m_address;
 };
 
 } // namespace support

@@ -1,5 +1,4 @@
 #include "support/CleanEnd.h"
-#include "support/Inject.h"
 #include "support/NewFault.h"
 
 #include "AnswerCalls.h"
@@ -7,14 +6,10 @@
 
 #include <arpa/inet.h>
 #include <cstdarg>
-#include <cstdlib>
-#include <cstring>
 #include <map>
 #include <net/if_arp.h>
 #include <netdb.h>
-#include <set>
 #include <sys/socket.h>
-#include <utility>
 
 namespace {
 
@@ -22,9 +17,7 @@ using Request = unsigned long;
 using Calls = std::vector<std::pair<Request, std::string>>;
 
 sockaddr makeAddress(char const* text) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    inet_pton(AF_INET, text, &address.sin_addr);
+    sockaddr_in const address{AF_INET, 0, {inet_addr(text)}, {}};
     sockaddr result;
     memcpy(&result, &address, sizeof result);
     return result;
@@ -33,9 +26,7 @@ sockaddr makeAddress(char const* text) {
 std::string textOf(sockaddr const& address) {
     sockaddr_in binary;
     memcpy(&binary, &address, sizeof binary);
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(binary.sin_family, &binary.sin_addr, text, sizeof text);
-    return text;
+    return binary.sin_family == AF_INET ? inet_ntoa(binary.sin_addr) : "";
 }
 
 std::map<Request, ifreq> makeReplies() {
@@ -137,6 +128,10 @@ using Info = NetDevice::InterfaceInfo;
 constexpr Request QUESTIONS[] = {SIOCGIFFLAGS, SIOCGIFMTU,     SIOCGIFHWADDR,
                                  SIOCGIFADDR,  SIOCGIFNETMASK, SIOCGIFBRDADDR};
 
+constexpr int ERRORS[] = {EPERM,        EACCES,          ENODEV, ENXIO,  ENOTTY, EBADF, EFAULT,
+                          EINVAL,       ENOMEM,          EINTR,  EIO,    EEXIST, EBUSY, EADDRNOTAVAIL,
+                          EAFNOSUPPORT, EPROTONOSUPPORT, EMFILE, ENFILE, ENOBUFS};
+
 /// Begins with a new system.
 void restart(std::vector<std::string> const& names = {"first", "second"}) {
     EXPECT_EQ(0, g.lists) << "a list was not freed";
@@ -149,34 +144,50 @@ protected:
     void TearDown() override { restart(); }
 };
 
-/// Returns the content of an info, one text for each question.
+/// Returns the content of an info, one text for each question. "URPMB" stands for up, running, promiscuous,
+/// multicast and broadcast.
 std::vector<std::string> partsOf(Info const& info) {
     auto const number = [](auto value) { return " " + std::to_string(value); };
+    auto const address = [number](auto const& ip, bool is_set) {
+        return ip.host + number(ip.port) + number(is_set);
+    };
+    char const* const types[] = {"loopback", "point to point", "other"};
+    std::string letters;
+    letters += info.up ? "U" : "";
+    letters += info.running ? "R" : "";
+    letters += info.promiscuous ? "P" : "";
+    letters += info.multicast ? "M" : "";
+    letters += info.broadcast ? "B" : "";
     std::string hardware = number(info.has_hardware_address);
     for (unsigned char const byte : info.hardware_address) {
         hardware += number(byte);
     }
     return {
-        info.name + number(info.type) + number(info.flags) + number(info.up) + number(info.running) +
-            number(info.promiscuous) + number(info.multicast) + number(info.broadcast),
+        info.name + number(info.flags) + " " + types[info.type] + (letters.empty() ? "" : " ") + letters,
         number(info.mtu),
         hardware,
-        info.address.host + number(info.address.port) + number(info.has_address),
-        info.netmask.host + number(info.netmask.port) + number(info.has_netmask),
-        info.broadcast_address.host + number(info.broadcast_address.port) +
-            number(info.has_broadcast_address)};
+        address(info.address, info.has_address),
+        address(info.netmask, info.has_netmask),
+        address(info.broadcast_address, info.has_broadcast_address)};
 }
 
 /// Expects the content of an info about the first interface after answers to these questions.
 void expectInfo(Info const& info, std::set<int> const& answered) {
-    std::vector<std::string> const all = {"first 2 4163 1 1 0 1 1", " 1400",
-                                          " 1 2 26 43 60 77 255",   "192.0.2.7 0 1",
-                                          "255.255.255.0 0 1",      "192.0.2.255 0 1"};
-    std::vector<std::string> expected = partsOf(Info());
+    std::vector<std::string> const all = {"first 4163 other URMB", " 1400",
+                                          " 1 2 26 43 60 77 255",  "192.0.2.7 0 1",
+                                          "255.255.255.0 0 1",     "192.0.2.255 0 1"};
+    std::vector<std::string> expected = {" 0 other", " 0", " 0 0 0 0 0 0 0", " 0 0", " 0 0", " 0 0"};
     for (int const question : answered) {
         expected[static_cast<size_t>(question)] = all[static_cast<size_t>(question)];
     }
     EXPECT_EQ(expected, partsOf(info));
+}
+
+TEST_F(NetDeviceFailure, hasAnEmptyInfoAtFirst) {
+    Info info;
+    EXPECT_FALSE(info.has_hardware_address);
+    memset(info.hardware_address, 0, sizeof info.hardware_address);
+    expectInfo(info, {});
 }
 
 // The earlier content of an info must not matter.
@@ -193,12 +204,23 @@ Info makeFull() {
     return info;
 }
 
+/// Returns the info about "first", read into one that is full.
+Info readFirst() {
+    NetDevice device("first");
+    Info info = makeFull();
+    EXPECT_EQ(0, device.getNextInfo(info));
+    return info;
+}
+
 /// Expects that the next interface of the walk is "second", and that the walk ends behind it.
 void expectSecondIsLast(NetDevice& devices) {
     Info info;
     EXPECT_EQ(0, devices.getNextInfo(info));
     EXPECT_EQ("second", info.name);
-    EXPECT_EQ(1, devices.getNextInfo(info));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(1, devices.getNextInfo(info));
+        EXPECT_EQ("second", info.name) << "the end of the walk must not change the info";
+    }
 }
 
 TEST_F(NetDeviceFailure, makesOneSocketAndCopiesItsName) {
@@ -224,6 +246,10 @@ void expectUseless(NetDevice& device) {
         EXPECT_TRUE(isPending(CommonErrorId::CONTRACT_BROKEN, INVALID_OBJECT));
         expectInfo(info, {});
         expectSettersFail(device, CommonErrorId::CONTRACT_BROKEN, INVALID_OBJECT);
+        for (char const* const text : {"no name at all", static_cast<char const*>(nullptr)}) {
+            EXPECT_TRUE(device.setAddress(text));
+            EXPECT_TRUE(isPending(CommonErrorId::CONTRACT_BROKEN, INVALID_OBJECT));
+        }
     }
     EXPECT_TRUE(g.calls.empty());
     EXPECT_TRUE(g.queries.empty());
@@ -240,9 +266,8 @@ TEST_F(NetDeviceFailure, isUselessWithoutASocketAListAnIndexOrMemory) {
           Row{inject_socket, nullptr, SysErrorId::UNCLASSIFIED},
           Row{inject_if_nameindex, nullptr, SysErrorId::OUT_OF_MEMORY},
           Row{inject_if_nametoindex, "first", SysErrorId::NO_DEVICE}}) {
-        for (int const error :
-             {EMFILE, ENFILE, EACCES, EPERM, ENOMEM, ENOBUFS, ENODEV, EAFNOSUPPORT, EPROTONOSUPPORT, EINVAL,
-              EINTR}) {
+        for (int const error : ERRORS) {
+            SCOPED_TRACE(std::to_string(id) + (name == nullptr ? " of all " : " ") + strerrorname_np(error));
             restart();
             Fault const fault(function, error);
             NetDevice device(name);
@@ -252,6 +277,7 @@ TEST_F(NetDeviceFailure, isUselessWithoutASocketAListAnIndexOrMemory) {
         }
     }
     for (int const nth : {1, 2}) {
+        SCOPED_TRACE(nth);
         restart();
         NewFault const fault(New::NOTHROW_ARRAY, nth);
         NetDevice device("first");
@@ -281,9 +307,7 @@ TEST_F(NetDeviceFailure, makesItsRequestsInThisOrder) {
 
     restart();
     g.flags = IFF_UP | IFF_POINTOPOINT; // No broadcast.
-    NetDevice device("first");
-    info = makeFull();
-    ASSERT_EQ(0, device.getNextInfo(info));
+    info = readFirst();
     expected.resize(5);
     EXPECT_EQ(expected, g.requests);
     EXPECT_FALSE(info.has_broadcast_address);
@@ -297,14 +321,14 @@ TEST_P(FailedQuestion, endsTheCallAndNotTheWalk) {
     for (int i = 0; i < GetParam(); ++i) {
         answered.insert(i);
     }
-    for (int const error :
-         {EPERM, EACCES, ENODEV, ENXIO, ENOTTY, EBADF, EFAULT, EINVAL, ENOMEM, EINTR, EIO, EADDRNOTAVAIL}) {
+    for (int const error : ERRORS) {
         // To a question about an address, this is an answer.
         if (error == EADDRNOTAVAIL && GetParam() > 2) {
             continue;
         }
         SCOPED_TRACE(strerror(error));
         for (bool const second_fails : {false, true}) {
+            SCOPED_TRACE(second_fails);
             restart();
             g.errors[QUESTIONS[GetParam()]] = error;
             NetDevice devices(nullptr);
@@ -335,66 +359,50 @@ INSTANTIATE_TEST_SUITE_P(Questions, FailedQuestion, testing::Range(0, 6));
 TEST_F(NetDeviceFailure, acceptsThatAnInterfaceHasNoAddress) {
     for (std::set<int> const& answered :
          {std::set{0, 1, 2, 4, 5}, {0, 1, 2, 3, 5}, {0, 1, 2, 3, 4}, {0, 1, 2}}) {
+        SCOPED_TRACE(testing::PrintToString(answered));
         restart();
         for (int question = 0; question < 6; ++question) {
             if (answered.count(question) == 0) {
                 g.errors[QUESTIONS[question]] = EADDRNOTAVAIL;
             }
         }
-        NetDevice device("first");
-        Info info = makeFull();
-        EXPECT_EQ(0, device.getNextInfo(info));
-        expectInfo(info, answered);
+        expectInfo(readFirst(), answered);
         EXPECT_EQ(6U, g.calls.size());
     }
 }
 
-/// Flags, those of "URPMB" that are set (up, running, promiscuous, multicast, broadcast), and the type.
-using FlagsRow = std::tuple<int, std::string, int>;
-class Flags : public NetDeviceFailure, public testing::WithParamInterface<FlagsRow> {};
-
-TEST_P(Flags, areReportedOneByOneAndUnchanged) {
-    auto const& [flags, letters, type] = GetParam();
-    g.flags = flags;
-    NetDevice device("first");
-    Info info = makeFull();
-    ASSERT_EQ(0, device.getNextInfo(info));
-    std::string meaning;
-    meaning += info.up ? "U" : "";
-    meaning += info.running ? "R" : "";
-    meaning += info.promiscuous ? "P" : "";
-    meaning += info.multicast ? "M" : "";
-    meaning += info.broadcast ? "B" : "";
-    EXPECT_EQ(letters, meaning);
-    EXPECT_EQ(type, info.type);
-    EXPECT_EQ(static_cast<uint32_t>(flags), info.flags);
+TEST_F(NetDeviceFailure, reportsFlagsOneByOneAndUnchanged) {
+    std::pair<int, std::string> const rows[] = {
+        {0, "other"},
+        {IFF_UP, "other U"},
+        {IFF_BROADCAST, "other B"},
+        {IFF_DEBUG, "other"},
+        {IFF_LOOPBACK, "loopback"},
+        {IFF_POINTOPOINT, "point to point"},
+        {IFF_LOOPBACK | IFF_POINTOPOINT, "point to point"},
+        {IFF_RUNNING, "other R"},
+        {IFF_NOARP, "other"},
+        {IFF_PROMISC, "other P"},
+        {IFF_ALLMULTI, "other"},
+        {IFF_MULTICAST, "other M"},
+        {IFF_DYNAMIC, "other"},
+        {IFF_UP | IFF_LOOPBACK | IFF_RUNNING, "loopback UR"},
+        {0xffff, "point to point URPMB"}};
+    for (auto const& [flags, meaning] : rows) {
+        g.flags = flags;
+        EXPECT_EQ("first " + std::to_string(flags) + " " + meaning, partsOf(readFirst())[0]);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Words, Flags,
-    testing::Values(
-        FlagsRow{0, "", Info::OTHER}, FlagsRow{IFF_UP, "U", Info::OTHER},
-        FlagsRow{IFF_BROADCAST, "B", Info::OTHER}, FlagsRow{IFF_DEBUG, "", Info::OTHER},
-        FlagsRow{IFF_LOOPBACK, "", Info::LOOPBACK}, FlagsRow{IFF_POINTOPOINT, "", Info::POINT_TO_POINT},
-        FlagsRow{IFF_LOOPBACK | IFF_POINTOPOINT, "", Info::POINT_TO_POINT},
-        FlagsRow{IFF_RUNNING, "R", Info::OTHER}, FlagsRow{IFF_NOARP, "", Info::OTHER},
-        FlagsRow{IFF_PROMISC, "P", Info::OTHER}, FlagsRow{IFF_ALLMULTI, "", Info::OTHER},
-        FlagsRow{IFF_MULTICAST, "M", Info::OTHER}, FlagsRow{IFF_DYNAMIC, "", Info::OTHER},
-        FlagsRow{IFF_UP | IFF_LOOPBACK | IFF_RUNNING, "UR", Info::LOOPBACK},
-        FlagsRow{0xffff, "URPMB", Info::POINT_TO_POINT}));
 
 TEST_F(NetDeviceFailure, reportsAHardwareAddressOnlyIfItIsEthernet) {
     for (int const type :
          {0, ARPHRD_ETHER, ARPHRD_EETHER, 257, ARPHRD_PPP, ARPHRD_LOOPBACK, ARPHRD_IEEE80211, ARPHRD_TUNNEL,
           0xfffe, 0xffff}) {
-        restart();
         g.replies[SIOCGIFHWADDR].ifr_hwaddr.sa_family = static_cast<unsigned short>(type);
-        NetDevice device("first");
-        Info info = makeFull();
-        ASSERT_EQ(0, device.getNextInfo(info));
-        EXPECT_EQ(type == 1, info.has_hardware_address);
-        if (info.has_hardware_address) {
-            EXPECT_EQ(0, memcmp("\x02\x1a\x2b\x3c\x4d\xff", info.hardware_address, 6));
+        Info const info = readFirst();
+        EXPECT_EQ(type == 1, info.has_hardware_address) << type;
+        if (type == 1) {
+            EXPECT_EQ(" 1 2 26 43 60 77 255", partsOf(info)[2]);
         }
     }
 }
@@ -403,6 +411,7 @@ TEST_F(NetDeviceFailure, cutsNamesToTheLimitOfTheSystem) {
     std::string const letters = "bcdefghijklmnopqrstuvwxyz" + std::string(275, 'a');
     for (size_t const length : {1U, 14U, 15U, 16U, 17U, 300U}) {
         for (bool const single : {true, false}) {
+            SCOPED_TRACE(std::to_string(length) + (single ? " single" : ""));
             std::string const name = letters.substr(0, length);
             restart({name});
             NetDevice device(single ? name.c_str() : nullptr);
@@ -448,9 +457,8 @@ protected:
 
 TEST_P(EverySetter, reportsTheCause) {
     for (size_t i = 0; i < GetParam().requests.size(); ++i) {
-        for (int const error :
-             {EPERM, EACCES, ENODEV, EADDRNOTAVAIL, EINVAL, EEXIST, ENOMEM, EBUSY, EIO, ENOTTY, EBADF, EINTR,
-              ENXIO, EFAULT}) {
+        for (int const error : ERRORS) {
+            SCOPED_TRACE(std::to_string(i) + " " + strerrorname_np(error));
             restart();
             g.errors[GetParam().requests[i]] = error;
             NetDevice device("first");
@@ -509,6 +517,7 @@ TEST_F(NetDeviceFailure, changesOneFlag) {
          {Row{&NetDevice::setInterfaceStatus, IFF_UP}, Row{&NetDevice::setPromiscuous, IFF_PROMISC}}) {
         for (int const before : {0, bit, 0xffff & ~bit, 0xffff}) {
             for (bool const on : {true, false}) {
+                SCOPED_TRACE(std::to_string(bit) + " of " + std::to_string(before) + (on ? " on" : " off"));
                 restart();
                 g.flags = before;
                 NetDevice device("first");
@@ -528,6 +537,7 @@ TEST_F(NetDeviceFailure, requestsTheAddressOfAText) {
           {"127.1", "127.0.0.1"},
           {"", "0.0.0.0"},
           {nullptr, "0.0.0.0"}}) {
+        SCOPED_TRACE(testing::PrintToString(text));
         restart();
         NetDevice device("first");
         EXPECT_FALSE(device.setAddress(text));
@@ -564,6 +574,7 @@ TEST_F(NetDeviceFailure, resolvesANameOnceAndItsResultOnceMore) {
 
 TEST_F(NetDeviceFailure, rejectsAnIPv6Address) {
     for (char const* const text : {"::1", "fe80::1", "2001:db8::1"}) {
+        SCOPED_TRACE(text);
         restart();
         NetDevice device("first");
         EXPECT_TRUE(device.setAddress(text));
@@ -577,21 +588,19 @@ TEST_F(NetDeviceFailure, rejectsAnIPv6Address) {
     }
 }
 
-template <typename Id>
-std::pair<int, ExpectedReport> row(int code, Id id) {
-    return {code, {id, rowText(id, gai_strerror(code))}};
-}
-std::pair<int, ExpectedReport> unresolved(int code) {
-    CommonErrorId::Id const id = CommonErrorId::INVALID_ARGUMENT;
-    return {code, {id, rowText(id, "Couldn't resolve hostname")}};
-}
-
 TEST_F(NetDeviceFailure, failsOnANameBeforeTheCursorMovesAndOnANumericTextBehindThat) {
-    for (auto const& [code, report] :
-         {unresolved(EAI_NONAME), unresolved(EAI_NODATA), unresolved(EAI_ADDRFAMILY),
-          row(EAI_AGAIN, vesk::Socket::ErrorId::RESOLVE_FAILED),
-          row(EAI_FAIL, vesk::Socket::ErrorId::RESOLVE_FAILED), row(EAI_MEMORY, SysErrorId::OUT_OF_MEMORY),
-          row(EAI_FAMILY, SysErrorId::UNCLASSIFIED)}) {
+    ExpectedReport const unresolved(CommonErrorId::INVALID_ARGUMENT, "Couldn't resolve hostname");
+    for (auto const& [code, id] :
+         {std::pair(EAI_NONAME, unresolved),
+          {EAI_NODATA, unresolved},
+          {EAI_ADDRFAMILY, unresolved},
+          {EAI_AGAIN, vesk::Socket::ErrorId::RESOLVE_FAILED},
+          {EAI_FAIL, vesk::Socket::ErrorId::RESOLVE_FAILED},
+          {EAI_MEMORY, SysErrorId::OUT_OF_MEMORY},
+          {EAI_FAMILY, SysErrorId::UNCLASSIFIED}}) {
+        SCOPED_TRACE(gai_strerror(code));
+        ExpectedReport report = id;
+        report.text = rowText(*id.family, id.id, id.text.value_or(gai_strerror(code)));
         restart();
         NetDevice device("first");
         // The query for a numeric text may fail in any way.

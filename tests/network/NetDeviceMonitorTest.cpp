@@ -1,16 +1,11 @@
 #include "support/CleanEnd.h"
 #include "support/Descriptors.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
 #include "support/VtableSlot.h"
 
 #include "MonitorSupport.h"
 
 #include <map>
-#include <ostream>
-#include <sstream>
-#include <tuple>
-#include <type_traits>
 
 // The table and the callbacks. NetlinkDecoderTest covers the way of the kernel's messages to them.
 
@@ -79,6 +74,7 @@ Log const NEW = {"interface_appeared eth0"};
 Log const UP = {"interface_status eth0"};
 Log const GONE = {"interface_disappeared eth0"};
 Log const NEW_UP = NEW + UP;
+Log const BLANK_UP = {"interface_status "};
 Log const BLANK_GONE = {"interface_disappeared "};
 
 /// Returns the text of the interface 3 after "up".
@@ -98,113 +94,89 @@ protected:
     NetDeviceMonitor m_monitor{&m_listener};
 };
 
-class TableScript : public Table, public testing::WithParamInterface<Row> {};
+Row const ROWS[] = {
+    {"interfaceIsReportedWithItsAddressesInThisOrder", "new up +mac +1",
+     NEW_UP + addressAppears(MAC) + addressAppears(IP1), eth0(MAC + ", " + IP1)},
+    {"interfaceBeginsWithNothingButItsNumberAndName", "new@65535", NEW, "65535 eth0 mtu 0 []"},
+    {"interfaceIsReportedOnce", "new new", NEW, "3 eth0 mtu 0 []"},
+    {"interfaceKeepsItsFirstName", "new new:lan up", NEW_UP, eth0("")},
+    {"interfaceReportsOnlyItsStatusOnceItIsKnown", "new up +mac new up +mac new up +mac new up +mac",
+     NEW_UP + addressAppears(MAC) + UP + UP + UP, eth0(MAC)},
+    {"interfaceKeepsTheOldMacBesideANewOne", "new up +mac +mac2",
+     NEW_UP + addressAppears(MAC) + addressAppears(MAC2), eth0(MAC + ", " + MAC2)},
+    {"interfaceMakesItsAddressesOperableWhenItComesUp", "new +2 +1 +mac up up",
+     NEW +
+         Log{"address_appeared eth0 " + IP2, "address_appeared eth0 " + IP1, "address_appeared eth0 " + MAC} +
+         UP +
+         Log{"address_operable eth0 " + IP2, "address_operable eth0 " + IP1, "address_operable eth0 " + MAC} +
+         UP,
+     eth0(IP2 + ", " + IP1 + ", " + MAC)},
+    {"interfaceIsIndependentOfOthers", "new up new:eth1@4 up@4 +1 +1@4 -1 gone up@4",
+     NEW_UP + interfaceAppears("eth1") + addressAppears(IP1) + addressAppears(IP1, "eth1") +
+         addressDisappears(IP1) + GONE + Log{"interface_status eth1"},
+     "4 eth1 mtu 1500 up operable broadcast [" + IP1 + "]"},
+    // The removal of an interface.
+    {"removalOfAnInterfaceReportsItsAddressesFirst", "new up +mac +1 gone",
+     NEW_UP + addressAppears(MAC) + addressAppears(IP1) + addressDisappears(MAC) + addressDisappears(IP1) +
+         GONE,
+     eth0(MAC + ", " + IP1)},
+    {"removalOfAnInterfaceReportsNoAddressInoperableThatWasNotOperable", "new +1 gone",
+     NEW + Log{"address_appeared eth0 " + IP1, "address_disappeared eth0 " + IP1} + GONE,
+     "3 eth0 mtu 0 [" + IP1 + "]"},
+    {"removalOfAnInterfaceDiscardsItsEntry", "new up +1 gone new:eth1",
+     NEW_UP + addressAppears(IP1) + addressDisappears(IP1) + GONE + Log{"interface_appeared eth1"},
+     "3 eth1 mtu 0 []"},
+    {"removalOfAnInterfaceReportsABlankOneIfItIsUnknown", "gone", BLANK_GONE, "0  mtu 0 []"},
+    {"removalOfAnInterfaceCreatesNoEntryIfItIsUnknown", "gone new", BLANK_GONE + NEW, "3 eth0 mtu 0 []"},
+    // Interface numbers are cut to 16 bits, except here.
+    {"removalOfAnInterfaceComparesItsWholeNumber", "new@1 up@1 gone@65537 gone@-65535 gone@1",
+     NEW_UP + BLANK_GONE + BLANK_GONE + GONE, "1 eth0 mtu 1500 up operable broadcast []"},
+    // Addresses.
+    {"addressIsReportedOnce", "new up +1 +1", NEW_UP + addressAppears(IP1), eth0(IP1)},
+    {"addressIsTheSameWithAnotherNetmaskOrPeer", "new up +1 +1/16 +1>2 gone",
+     NEW_UP + addressAppears(IP1) + addressDisappears(IP1) + GONE, eth0(IP1)},
+    {"addressIsAnotherOneWithAnotherType", "new up +same4 +sameLink",
+     NEW_UP + addressAppears("same") + addressAppears("same"), eth0("same, same")},
+    {"addressIsReportedWhenItIsRemoved", "new up +1 +2 +3 -2 -2 up",
+     NEW_UP + addressAppears(IP1) + addressAppears(IP2) + addressAppears(IP3) + addressDisappears(IP2) + UP,
+     eth0(IP1 + ", " + IP3)},
+    {"addressCanReturnAfterItsRemoval", "new up +1 +2 -2 +2",
+     NEW_UP + addressAppears(IP1) + addressAppears(IP2) + addressDisappears(IP2) + addressAppears(IP2),
+     eth0(IP1 + ", " + IP2)},
+    {"addressIsInTheListDuringTheReportOfItsRemoval", "new up +1 -1",
+     NEW_UP + addressAppears(IP1) + addressDisappears(IP1), eth0(IP1)},
+    {"addressIsReportedAsInTheMessageOfItsRemoval", "new up +1 -1/16>2",
+     NEW_UP + addressAppears(IP1) + addressDisappears("10.0.0.1/255.255.0.0 peer 10.0.0.2"), eth0(IP1)},
+    {"addressIsNotReportedInoperableIfItsInterfaceWasNotUp", "new +1 -1",
+     NEW + Log{"address_appeared eth0 " + IP1, "address_disappeared eth0 " + IP1},
+     "3 eth0 mtu 0 [" + IP1 + "]"},
+    // The address is in the peer, so that all IPv6 addresses of an interface without a far end are equal.
+    {"addressOfIPv6IsTheSameAsAnyOther", "new up +fe80 +fd00 -fd00 -fe80",
+     NEW_UP + addressAppears("-/ffff:: peer fe80::1") + addressDisappears("-/ffff:: peer fd00::1"),
+     eth0("-/ffff:: peer fe80::1")},
+    {"addressIsNotReportedIfItIsUnknown", "new up +1 -2", NEW_UP + addressAppears(IP1), eth0(IP1)},
+    // A known interface cannot appear, so that a blank one never gets its name.
+    {"blankInterfaceIsCreatedForAnAddress", "+1", {"address_appeared  " + IP1}, "0  mtu 0 [" + IP1 + "]"},
+    {"blankInterfaceIsCreatedForAStatus", "up", BLANK_UP, "0  mtu 1500 up operable broadcast []"},
+    {"blankInterfaceIsCreatedForARemovedAddress", "-1 new up", BLANK_UP,
+     "0  mtu 1500 up operable broadcast []"},
+};
 
-TEST_P(TableScript, makesTheseCalls) {
+VESK_TEST_TABLE(TableScript, makesTheseCalls, Table, ROWS) {
     run(m_monitor, GetParam().script);
     EXPECT_EQ(GetParam().interface, m_listener.getInterface());
     EXPECT_EQ(GetParam().log, m_listener.take());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Interface, TableScript,
-    rowsOf<Row>(
-        {{"isReportedWithItsAddressesInThisOrder", "new up +mac +1",
-          NEW_UP + addressAppears(MAC) + addressAppears(IP1), eth0(MAC + ", " + IP1)},
-         {"beginsWithNothingButItsNumberAndName", "new@65535", NEW, "65535 eth0 mtu 0 []"},
-         {"isReportedOnce", "new new", NEW, "3 eth0 mtu 0 []"},
-         {"keepsItsFirstName", "new new:lan up", NEW_UP, eth0("")},
-         {"reportsOnlyItsStatusOnceItIsKnown", "new up +mac new up +mac new up +mac new up +mac",
-          NEW_UP + addressAppears(MAC) + UP + UP + UP, eth0(MAC)},
-         {"keepsTheOldMacBesideANewOne", "new up +mac +mac2",
-          NEW_UP + addressAppears(MAC) + addressAppears(MAC2), eth0(MAC + ", " + MAC2)},
-         {"makesItsAddressesOperableWhenItComesUp", "new +2 +1 +mac up up",
-          NEW +
-              Log{"address_appeared eth0 " + IP2, "address_appeared eth0 " + IP1,
-                  "address_appeared eth0 " + MAC} +
-              UP +
-              Log{"address_operable eth0 " + IP2, "address_operable eth0 " + IP1,
-                  "address_operable eth0 " + MAC} +
-              UP,
-          eth0(IP2 + ", " + IP1 + ", " + MAC)},
-         {"isIndependentOfOthers", "new up new:eth1@4 up@4 +1 +1@4 -1 gone up@4",
-          NEW_UP + interfaceAppears("eth1") + addressAppears(IP1) + addressAppears(IP1, "eth1") +
-              addressDisappears(IP1) + GONE + Log{"interface_status eth1"},
-          "4 eth1 mtu 1500 up operable broadcast [" + IP1 + "]"}}),
-    byName);
-
-INSTANTIATE_TEST_SUITE_P(
-    RemovalOfAnInterface, TableScript,
-    rowsOf<Row>(
-        {{"reportsItsAddressesFirst", "new up +mac +1 gone",
-          NEW_UP + addressAppears(MAC) + addressAppears(IP1) + addressDisappears(MAC) +
-              addressDisappears(IP1) + GONE,
-          eth0(MAC + ", " + IP1)},
-         {"reportsNoAddressInoperableThatWasNotOperable", "new +1 gone",
-          NEW + Log{"address_appeared eth0 " + IP1, "address_disappeared eth0 " + IP1} + GONE,
-          "3 eth0 mtu 0 [" + IP1 + "]"},
-         {"discardsItsEntry", "new up +1 gone new:eth1",
-          NEW_UP + addressAppears(IP1) + addressDisappears(IP1) + GONE + Log{"interface_appeared eth1"},
-          "3 eth1 mtu 0 []"},
-         {"reportsABlankOneIfItIsUnknown", "gone", BLANK_GONE, "0  mtu 0 []"},
-         {"createsNoEntryIfItIsUnknown", "gone new", BLANK_GONE + NEW, "3 eth0 mtu 0 []"},
-         // Interface numbers are cut to 16 bits, except here.
-         {"comparesItsWholeNumber", "new@1 up@1 gone@65537 gone@-65535 gone@1",
-          NEW_UP + BLANK_GONE + BLANK_GONE + GONE, "1 eth0 mtu 1500 up operable broadcast []"}}),
-    byName);
-
-INSTANTIATE_TEST_SUITE_P(
-    Address, TableScript,
-    rowsOf<Row>(
-        {{"isReportedOnce", "new up +1 +1", NEW_UP + addressAppears(IP1), eth0(IP1)},
-         {"isTheSameWithAnotherNetmaskOrPeer", "new up +1 +1/16 +1>2 gone",
-          NEW_UP + addressAppears(IP1) + addressDisappears(IP1) + GONE, eth0(IP1)},
-         {"isAnotherOneWithAnotherType", "new up +same4 +sameLink",
-          NEW_UP + addressAppears("same") + addressAppears("same"), eth0("same, same")},
-         {"isReportedWhenItIsRemoved", "new up +1 +2 +3 -2 -2 up",
-          NEW_UP + addressAppears(IP1) + addressAppears(IP2) + addressAppears(IP3) + addressDisappears(IP2) +
-              UP,
-          eth0(IP1 + ", " + IP3)},
-         {"canReturnAfterItsRemoval", "new up +1 +2 -2 +2",
-          NEW_UP + addressAppears(IP1) + addressAppears(IP2) + addressDisappears(IP2) + addressAppears(IP2),
-          eth0(IP1 + ", " + IP2)},
-         {"isInTheListDuringTheReportOfItsRemoval", "new up +1 -1",
-          NEW_UP + addressAppears(IP1) + addressDisappears(IP1), eth0(IP1)},
-         {"isReportedAsInTheMessageOfItsRemoval", "new up +1 -1/16>2",
-          NEW_UP + addressAppears(IP1) + addressDisappears("10.0.0.1/255.255.0.0 peer 10.0.0.2"), eth0(IP1)},
-         {"isNotReportedInoperableIfItsInterfaceWasNotUp", "new +1 -1",
-          NEW + Log{"address_appeared eth0 " + IP1, "address_disappeared eth0 " + IP1},
-          "3 eth0 mtu 0 [" + IP1 + "]"},
-         {"isNotReportedIfItIsUnknown", "new up +1 -2", NEW_UP + addressAppears(IP1), eth0(IP1)}}),
-    byName);
-
-// A known interface cannot appear, so that a blank one never gets its name.
-INSTANTIATE_TEST_SUITE_P(
-    BlankInterface, TableScript,
-    rowsOf<Row>(
-        {{"isCreatedForAnAddress", "+1", {"address_appeared  " + IP1}, "0  mtu 0 [" + IP1 + "]"},
-         {"isCreatedForAStatus", "up", {"interface_status "}, "0  mtu 1500 up operable broadcast []"},
-         {"isCreatedForARemovedAddress",
-          "-1 new up",
-          {"interface_status "},
-          "0  mtu 1500 up operable broadcast []"}}),
-    byName);
-
-// The address is in the peer, so that all addresses of an interface are equal.
-TEST_F(Table, takesAllIPv6AddressesWithoutAFarEndForOne) {
-    run(m_monitor, "new up +fe80 +fd00 -fd00 -fe80");
-    EXPECT_EQ(
-        NEW_UP + addressAppears("-/ffff:: peer fe80::1") + addressDisappears("-/ffff:: peer fd00::1"),
-        m_listener.take());
-}
-
-TEST_F(Table, passesAnAddressOnUnchanged) {
-    run(m_monitor, "new up +1/16>2");
-    AddrInfo const address = m_listener.getAddress();
-    EXPECT_EQ(NetworkAddress::IPV4, address.address.getType());
-    EXPECT_EQ("10.0.0.1", address.address.getText());
-    EXPECT_EQ("255.255.0.0", address.netmask.getText());
-    EXPECT_EQ("10.0.0.2", address.peer.getText());
+TEST(NetDeviceMonitorListener, receivesAnAddressUnchanged) {
+    struct : NetDeviceMonitor::Listener {
+        void address_appeared(AddrInfo const& info, Info const& /*interface*/) override { address = info; }
+        AddrInfo address;
+    } listener;
+    NetDeviceMonitor monitor(&listener);
+    run(monitor, "new up +1/16>2");
+    EXPECT_EQ(NetworkAddress::IPV4, listener.address.address.getType());
+    EXPECT_EQ("10.0.0.1/255.255.0.0 peer 10.0.0.2", describe(listener.address));
 }
 
 struct StatusRow {
@@ -215,34 +187,25 @@ struct StatusRow {
     char const* interface;
 };
 
-class Status : public Table, public testing::WithParamInterface<std::tuple<StatusRow, bool, bool>> {};
-
 // The last two arguments, the state of the link, have no effect.
-TEST_P(Status, isStoredAndUp) {
-    auto const& [row, link_up, present] = GetParam();
+TEST_F(Table, storesAStatusWhichIsUp) {
+    StatusRow const rows[] = {
+        {false, false, false, 0, "3 eth0 mtu 0 up operable []"},
+        {true, false, false, 1500, "3 eth0 mtu 1500 up operable broadcast []"},
+        {false, true, false, 9000, "3 eth0 mtu 9000 up operable point_to_point []"},
+        {false, false, true, 65536, "3 eth0 mtu 65536 up operable loopback []"},
+        {true, true, true, -1, "3 eth0 mtu -1 up operable broadcast point_to_point loopback []"},
+        {false, false, false, 1500, "3 eth0 mtu 1500 up operable []"}};
     m_monitor.interface_appeared(3, "eth0");
-    m_monitor.interface_up(3, row.broadcast, row.point_to_point, row.loopback, row.mtu, link_up, present);
-    EXPECT_EQ(row.interface, m_listener.getInterface());
-    EXPECT_EQ(NEW_UP, m_listener.take());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, Status,
-    testing::Combine(
-        testing::Values(
-            StatusRow{false, false, false, 0, "3 eth0 mtu 0 up operable []"},
-            StatusRow{true, false, false, 1500, "3 eth0 mtu 1500 up operable broadcast []"},
-            StatusRow{false, true, false, 9000, "3 eth0 mtu 9000 up operable point_to_point []"},
-            StatusRow{false, false, true, 65536, "3 eth0 mtu 65536 up operable loopback []"},
-            StatusRow{
-                true, true, true, -1, "3 eth0 mtu -1 up operable broadcast point_to_point loopback []"}),
-        testing::Bool(), testing::Bool()));
-
-TEST_F(Table, clearsTheFlagsThatALaterStatusDoesNotHave) {
-    m_monitor.interface_appeared(3, "eth0");
-    m_monitor.interface_up(3, true, true, true, 9000, true, true);
-    m_monitor.interface_up(3, false, false, false, 1500, false, false);
-    EXPECT_EQ("3 eth0 mtu 1500 up operable []", m_listener.getInterface());
+    for (StatusRow const& row : rows) {
+        for (int state = 0; state < 4; ++state) {
+            m_listener.take();
+            m_monitor.interface_up(
+                3, row.broadcast, row.point_to_point, row.loopback, row.mtu, state % 2 != 0, state / 2 != 0);
+            EXPECT_EQ(row.interface, m_listener.getInterface()) << state;
+            EXPECT_EQ(UP, m_listener.take()) << row.interface << state;
+        }
+    }
 }
 
 TEST_F(Table, holdsManyInterfaces) {

@@ -1,22 +1,12 @@
 #pragma once
 
-#include "support/Chain.h"
+#include "support/Testing.h"
 
 #include <vesk/NetDevice.h>
-#include <vesk/SysError.h>
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstdint>
 #include <net/if.h>
 #include <ostream>
-#include <string>
 #include <sys/ioctl.h>
-#include <vector>
 
 /// Support for the tests of NetDevice.
 namespace support {

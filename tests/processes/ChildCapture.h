@@ -5,8 +5,7 @@
 #include <tarncommon/error/ErrorApi.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
-#include <functional>
-#include <string>
+#include <regex>
 
 /// Runs an object in a separate process, which captures the output that its child inherits.
 namespace support {
@@ -17,11 +16,7 @@ struct Capture {
         std::pair<char const*, std::string> const values[] = {
             {"PROGRAM", program}, {"PID", std::to_string(pid)}, {"FD", std::to_string(fd)}};
         for (auto const& [name, value] : values) {
-            size_t at = 0;
-            while ((at = text.find(name, at)) != std::string::npos) {
-                text.replace(at, strlen(name), value);
-                at += value.size();
-            }
+            text = std::regex_replace(text, std::regex(name), value);
         }
         return text;
     }

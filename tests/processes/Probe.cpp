@@ -95,18 +95,6 @@ int tell(int argc, char** argv) {
     return fclose(file) == 0 ? 0 : 1;
 }
 
-bool writeAll(int fd, char const* text, size_t length) {
-    while (length > 0) {
-        ssize_t const count = write(fd, text, length);
-        if (count <= 0) {
-            return false;
-        }
-        text += count;
-        length -= static_cast<size_t>(count);
-    }
-    return true;
-}
-
 int hold(int /*argc*/, char** argv) {
     char byte = '.';
     if (write(atoi(argv[2]), &byte, 1) != 1) {
@@ -125,22 +113,17 @@ int hold(int /*argc*/, char** argv) {
 
 int copy(int fd) {
     char buffer[4096];
-    for (;;) {
-        ssize_t const count = read(fd, buffer, sizeof buffer);
-        if (count <= 0) {
-            return count == 0 ? 0 : 1;
-        }
-        if (!writeAll(STDOUT_FILENO, buffer, static_cast<size_t>(count))) {
+    ssize_t count = 0;
+    while ((count = read(fd, buffer, sizeof buffer)) > 0) {
+        if (write(STDOUT_FILENO, buffer, static_cast<size_t>(count)) != count) {
             return 2;
         }
     }
+    return count == 0 ? 0 : 1;
 }
 
 int say(int /*argc*/, char** argv) {
-    return writeAll(STDOUT_FILENO, argv[2], strlen(argv[2])) &&
-            writeAll(STDERR_FILENO, argv[3], strlen(argv[3]))
-        ? 0
-        : 1;
+    return dprintf(STDOUT_FILENO, "%s", argv[2]) < 0 || dprintf(STDERR_FILENO, "%s", argv[3]) < 0 ? 1 : 0;
 }
 
 struct Mode {

@@ -1,16 +1,11 @@
 #include "processes/ChildCapture.h"
 
-#include "support/Inject.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
 
 #include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <cstdarg>
-#include <cstring>
 #include <fnmatch.h>
-#include <sched.h>
 #include <sys/resource.h>
 
 // The calls between fork and exec. The functions are replaced in the process; the child inherits their state
@@ -20,7 +15,7 @@ namespace {
 // The descriptor for the record of the child's calls between fork and exec.
 int g_record = -1;
 bool g_in_child = false;
-// The policy that the system reports, and whether setting one is omitted.
+// The policy that the system reports, and whether setting one or a nice value only seems to succeed.
 int g_policy = -1;
 bool g_pretends_to_schedule = false;
 // The descriptor from which the child reads a byte before it continues behind the fork.
@@ -32,7 +27,7 @@ bool g_is_strict = false;
 bool g_is_strict_child = false;
 
 VESK_UNWATCHED void forbid(char const* name) {
-    if (g_is_strict_child) {
+    if (g_is_strict_child && !support::Injected::isResolving()) {
         (void)!write(STDERR_FILENO, name, strlen(name));
         (void)!write(STDERR_FILENO, " is called in the child\n", 24);
         _exit(77);
@@ -50,33 +45,39 @@ VESK_UNWATCHED __attribute__((format(printf, 1, 2))) void record(char const* for
     }
 }
 
-template <typename Function>
-VESK_UNWATCHED Function* getReal(support::Injected& injected, Function*) {
-    return reinterpret_cast<Function*>(injected.getReal());
+/// Records that all signals are unblocked, and which of the signals were not blocked before.
+VESK_UNWATCHED void recordMask(int how, sigset_t const* set) {
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, nullptr, &before);
+    int unblocked = 0;
+    for (int i = 1; set != nullptr && i < NSIG; ++i) {
+        unblocked += sigismember(set, i) == 1 ? 1 : 0;
+    }
+    // All but the two that libc keeps for itself.
+    record(
+        "sigprocmask %s %s\n", how == SIG_UNBLOCK ? "unblock" : "other",
+        unblocked >= NSIG - 3 ? "all" : "some");
+    // User-mode QEMU keeps the last two for itself.
+    for (int i = 1; i < NSIG - (IS_EMULATED ? 2 : 0); ++i) {
+        bool const is_libcs = sigismember(set, i) != 1;
+        if (i != SIGKILL && i != SIGSTOP && !is_libcs && sigismember(&before, i) != 1) {
+            record("%d was not blocked\n", i);
+        }
+    }
 }
 
-} // namespace
-
-support::Injected inject_fork("fork");
-extern "C" VESK_UNWATCHED pid_t fork() {
-    int error = 0;
-    if (inject_fork.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    if (g_forked != -1) {
-        return g_forked;
-    }
-    pid_t const pid = getReal(inject_fork, &fork)();
-    if (pid != 0) {
-        return pid;
-    }
+VESK_UNWATCHED void beginChild() {
     g_in_child = g_record != -1;
     char byte = 0;
     while (g_gate != -1 && read(g_gate, &byte, 1) < 0 && errno == EINTR) {}
     g_is_strict_child = g_is_strict;
-    return 0;
 }
+int const g_registered = pthread_atfork(nullptr, nullptr, beginChild);
+
+} // namespace
+
+VESK_INJECT_NOTING(
+    pid_t, -1, fork, (), (), if (g_forked != -1) { return g_forked; })
 
 // Functions that take a lock, use the heap or depend on the locale. The sanitizers have a heap of their own.
 
@@ -95,92 +96,48 @@ VESK_FORBID_HEAP(void, free, (void* memory), (memory))
 #endif
 
 #define VESK_FORBID(result, name, parameters, arguments)                                                     \
-    support::Injected inject_##name(#name);                                                                  \
-    extern "C" VESK_UNWATCHED result name parameters noexcept {                                              \
-        forbid(#name);                                                                                       \
-        return getReal(inject_##name, &name) arguments;                                                      \
-    }
+    VESK_INJECT(result, return {}, name, parameters, arguments, forbid(#name))
 
 VESK_FORBID(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
-VESK_FORBID(char*, strerror, (int error), (error))
-VESK_FORBID(char*, strerror_r, (int error, char* text, size_t size), (error, text, size))
+VESK_FORBID(char*, strerror, (int number), (number))
+VESK_FORBID(char*, strerror_r, (int number, char* text, size_t size), (number, text, size))
 VESK_FORBID(
     int, vsnprintf, (char* text, size_t size, char const* format, va_list args), (text, size, format, args))
 
-support::Injected inject_sigaction("sigaction");
-extern "C" VESK_UNWATCHED int
-sigaction(int signal, struct sigaction const* action, struct sigaction* old) noexcept {
-    // Only signals that a sanitizer's runtime does not handle.
+#define VESK_RECORD(name, parameters, arguments, ...)                                                        \
+    VESK_INJECT_NOTING(int, -1, name, parameters, arguments, __VA_ARGS__)
+
+// Only signals that a sanitizer's runtime does not handle.
+VESK_RECORD(
+    sigaction, (int signal, struct sigaction const* action, struct sigaction* old), (signal, action, old),
     if (action != nullptr && (signal == SIGUSR1 || signal == SIGUSR2 || signal == SIGRTMIN + 1)) {
         record("sigaction %d %s\n", signal, action->sa_handler == SIG_DFL ? "default" : "other");
-    }
-    return getReal(inject_sigaction, &sigaction)(signal, action, old);
-}
-
-support::Injected inject_sigprocmask("sigprocmask");
-extern "C" VESK_UNWATCHED int sigprocmask(int how, sigset_t const* set, sigset_t* old) {
-    int blocked = 0;
-    for (int i = 1; set != nullptr && i < NSIG; ++i) {
-        blocked += sigismember(set, i) == 1 ? 1 : 0;
-    }
-    // All but the two that libc keeps for itself.
-    record(
-        "sigprocmask %s %s\n", how == SIG_UNBLOCK ? "unblock" : "other",
-        blocked >= NSIG - 3 ? "all" : "some");
-    sigset_t before;
-    getReal(inject_sigprocmask, &sigprocmask)(SIG_BLOCK, nullptr, &before);
-    // User-mode QEMU keeps the last two for itself.
-    for (int i = 1; i < NSIG - (IS_EMULATED ? 2 : 0); ++i) {
-        bool const is_libcs = sigismember(set, i) != 1;
-        if (i != SIGKILL && i != SIGSTOP && !is_libcs && sigismember(&before, i) != 1) {
-            record("%d was not blocked\n", i);
-        }
-    }
-    int error = 0;
-    if (inject_sigprocmask.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return getReal(inject_sigprocmask, &sigprocmask)(how, set, old);
-}
-
-support::Injected inject_sched_getscheduler("sched_getscheduler");
-extern "C" VESK_UNWATCHED int sched_getscheduler(pid_t pid) noexcept {
-    record("getscheduler %d\n", pid);
-    return g_policy != -1 ? g_policy : getReal(inject_sched_getscheduler, &sched_getscheduler)(pid);
-}
-
-// Records a call. Returns 0 instead of calling the real function if it is only pretended.
-#define VESK_RECORD(name, parameters, arguments, is_pretended, ...)                                          \
-    support::Injected inject_##name(#name);                                                                  \
-    extern "C" VESK_UNWATCHED int name parameters {                                                          \
-        record(__VA_ARGS__);                                                                                 \
-        int error = 0;                                                                                       \
-        if (inject_##name.fails(error)) {                                                                    \
-            errno = error;                                                                                   \
-            return -1;                                                                                       \
-        }                                                                                                    \
-        return is_pretended ? 0 : getReal(inject_##name, &name) arguments;                                   \
-    }
-
-VESK_RECORD(getpid, (), (), false, "getpid\n")
+    })
+VESK_RECORD(sigprocmask, (int how, sigset_t const* set, sigset_t* old), (how, set, old), recordMask(how, set))
+VESK_RECORD(
+    sched_getscheduler, (pid_t pid), (pid), record("getscheduler %d\n", pid);
+    if (g_policy != -1) { return g_policy; })
+VESK_RECORD(getpid, (), (), record("getpid\n"))
 VESK_RECORD(
     sched_setscheduler, (pid_t pid, int policy, sched_param const* param), (pid, policy, param),
-    g_pretends_to_schedule, "setscheduler %d %d %d\n", pid, policy, param->sched_priority)
+    record("setscheduler %d %d %d\n", pid, policy, param->sched_priority);
+    if (g_pretends_to_schedule) { return 0; })
 VESK_RECORD(
     setpriority, (__priority_which_t which, id_t id, int priority), (which, id, priority),
-    g_pretends_to_schedule, "setpriority %d %d %d\n", static_cast<int>(which), static_cast<int>(id), priority)
+    record("setpriority %d %d %d\n", static_cast<int>(which), static_cast<int>(id), priority);
+    if (g_pretends_to_schedule) { return 0; })
 VESK_RECORD(
-    sched_setaffinity, (pid_t pid, size_t size, cpu_set_t const* set), (pid, size, set), false,
-    "sched_setaffinity %d %zu %d\n", pid, size, CPU_COUNT(set))
+    sched_setaffinity, (pid_t pid, size_t size, cpu_set_t const* set), (pid, size, set),
+    record("sched_setaffinity %d %zu %d\n", pid, size, CPU_COUNT(set)))
 VESK_INJECT_OPEN(record("open %s %x %o\n", path, static_cast<unsigned int>(flags), mode))
-VESK_RECORD(dup2, (int from, int to), (from, to), false, "dup2 %d %d\n", from, to)
-VESK_RECORD(close, (int fd), (fd), false, "close %d\n", fd)
-VESK_RECORD(setpgid, (pid_t pid, pid_t group), (pid, group), false, "setpgid %d %d\n", pid, group)
-VESK_RECORD(execv, (char const* path, char* const* args), (path, args), false, "execv %s %s\n", path, args[0])
+VESK_RECORD(dup2, (int from, int to), (from, to), record("dup2 %d %d\n", from, to))
+VESK_RECORD(close, (int fd), (fd), record("close %d\n", fd))
+VESK_RECORD(setpgid, (pid_t pid, pid_t group), (pid, group), record("setpgid %d %d\n", pid, group))
 VESK_RECORD(
-    execve, (char const* path, char* const* args, char* const* env), (path, args, env), false,
-    "execve %s %s %s\n", path, args[0], env[0])
+    execv, (char const* path, char* const* args), (path, args), record("execv %s %s\n", path, args[0]))
+VESK_RECORD(
+    execve, (char const* path, char* const* args, char* const* env), (path, args, env),
+    record("execve %s %s %s\n", path, args[0], env[0]))
 VESK_INJECT_ERRNO(char*, nullptr, strdup, (char const* text), (text))
 
 namespace {
@@ -188,7 +145,6 @@ namespace {
 using namespace support;
 using namespace vesk::sched;
 namespace SysErrorId = vesk::SysErrorId;
-using Handler = std::GlobalErrorHandler;
 
 class ProcessChildFailure : public ProcessTest {
 protected:
@@ -198,7 +154,7 @@ protected:
         ProcessTest::TearDown();
     }
 
-    TempDir m_dir;
+    TempFolder m_dir;
 
 private:
     static void reset() {
@@ -248,14 +204,6 @@ Recorded record(Set const& set, Injected& function = inject_dup2, int error = 0)
     return seen;
 }
 
-size_t count(std::string const& text, std::string const& part) {
-    size_t number = 0;
-    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) {
-        ++number;
-    }
-    return number;
-}
-
 std::string unclassified(int error) {
     return rowText(SysErrorId::UNCLASSIFIED, systemText(error)) + "\n";
 }
@@ -267,13 +215,13 @@ TEST_F(ProcessChildFailure, aFailedForkFailsTheStartAndLeavesTheObjectIdleWithou
         {ENOSYS, ProcessTNG::ErrorId::START_FAILED}};
     for (bool const has_run : {false, true}) {
         for (auto const& [error, report] : rows) {
+            SCOPED_TRACE(std::string(strerrorname_np(error)) + (has_run ? " after a child" : ""));
             RecordingListener listener;
             ProcessTNG process;
-            process.setExitListener(&listener);
             setExit(process, 0);
             if (has_run) {
-                EXPECT_GT(process.start(), 0);
-                ASSERT_TRUE(listener.waitForCalls(1));
+                listener.start(process, 0);
+                ASSERT_TRUE(listener.waitForCalls());
             }
             {
                 Fault const fault(inject_fork, error);
@@ -319,8 +267,8 @@ TEST_P(ProcessChildRows, makeTheseCallsAndLines) {
 }
 
 int openGiven(int number = 60) {
-    int const fd = getReal(inject_open, &open)("/dev/null", O_RDWR);
-    EXPECT_EQ(number, getReal(inject_dup2, &dup2)(fd, number));
+    int const fd = inject_open.getReal(&open)("/dev/null", O_RDWR);
+    EXPECT_EQ(number, inject_dup2.getReal(&dup2)(fd, number));
     return number;
 }
 
@@ -343,51 +291,51 @@ notDuplicated(char const* first, std::string const& what, std::string const& las
         "! Reason: " + strerror(error) + "\nerr\n";
 }
 
-constexpr char const* OUT = "stdout";
-constexpr char const* ERR = "stderr";
-constexpr char const* IN = "stdin";
-constexpr char const* PROGRAM = "PROGRAM";
-constexpr char const* NULL_NAME = " (\"/dev/null\") ";
+std::string const NULL_NAME = " (\"/dev/null\") ";
 constexpr char const* NOT_SCHEDULED =
     "*: startChild: warning: ProcessTNG::startChild (forked): Error applying scheduling policy/parameters: ";
 std::string const NOT_RUN = "framework/src/vesk/posix/ProcessTNG_fork:*: startChild: fatal: error calling "
                             "exec() after fork()\n*";
 std::string const NO_GROUP = "Error setting new process group: framework/*: ";
+constexpr char const* NO_AFFINITY = "*: startChild: warning: after fork(): Error setting affinity\nerr\n";
 std::string const LONG_PATH = "/" + std::string(10000, 'x'); // Longer than one write to a pipe.
 
-void setNewGroup(ProcessTNG& process) {
-    process.setNewGroup(true);
-}
-template <int SIZE>
-void setNoProcessor(ProcessTNG& process) {
-    process.setAffinity(std::vector<bool>(SIZE, false));
-}
 void setNothing(ProcessTNG& /*process*/) {}
+Set noProcessorOf(size_t count) {
+    return [count](ProcessTNG& process) { process.setAffinity(std::vector<bool>(count, false)); };
+}
+/// Sets a program that cannot be executed.
+Set program(std::string const& path) {
+    return [path](ProcessTNG& process) {
+        process.setExecutable(path);
+        std::ErrorStorage::ack();
+    };
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Open, ProcessChildRows,
     // Not even EINTR is repeated.
     rowsOf<ChildRow>({
         {"out", [](auto& p) { p.setStdoutFile("/x", false); }, inject_open, EINTR,
-         notOpened(PROGRAM, OUT, "/x", EINTR)},
+         notOpened("PROGRAM", "stdout", "/x", EINTR)},
         {"outToNull", [](auto& p) { p.setStdoutNull(true); }, inject_open, EINTR,
-         notOpened(PROGRAM, OUT, "/dev/null", EINTR)},
+         notOpened("PROGRAM", "stdout", "/dev/null", EINTR)},
         {"err", [](auto& p) { p.setStderrFile("/x", false); }, inject_open, EINTR,
-         notOpened(PROGRAM, ERR, "/x", EINTR)},
+         notOpened("PROGRAM", "stderr", "/x", EINTR)},
         {"errToNull", [](auto& p) { p.setStderrNull(true); }, inject_open, EINTR,
-         notOpened(PROGRAM, ERR, "/dev/null", EINTR)},
+         notOpened("PROGRAM", "stderr", "/dev/null", EINTR)},
         {"in", [](auto& p) { p.setStdinFile("/x"); }, inject_open, EINTR,
-         notOpened(IN, PROGRAM, "/x", EINTR)},
+         notOpened("stdin", "PROGRAM", "/x", EINTR)},
         {"unknownNumber", [](auto& p) { p.setStdinFile("/x"); }, inject_open, 12345,
-         notOpened(IN, PROGRAM, "/x", 12345)},
+         notOpened("stdin", "PROGRAM", "/x", 12345)},
         {"longLine", [](auto& p) { p.setStdinFile(LONG_PATH); }, inject_open, 0,
-         notOpened(IN, PROGRAM, LONG_PATH, ENAMETOOLONG)},
+         notOpened("stdin", "PROGRAM", LONG_PATH, ENAMETOOLONG)},
         {"outToAMissingFile", [](auto& p) { p.setStdoutFile("/no/such/file", false); }, inject_open, 0,
-         notOpened(PROGRAM, OUT, "/no/such/file", ENOENT)},
+         notOpened("PROGRAM", "stdout", "/no/such/file", ENOENT)},
         {"errToADirectory", [](auto& p) { p.setStderrFile("/", true); }, inject_open, 0,
-         notOpened(PROGRAM, ERR, "/", EISDIR)},
+         notOpened("PROGRAM", "stderr", "/", EISDIR)},
         {"inFromAMissingFile", [](auto& p) { p.setStdinFile("/no/such/file"); }, inject_open, 0,
-         notOpened(IN, PROGRAM, "/no/such/file", ENOENT)},
+         notOpened("stdin", "PROGRAM", "/no/such/file", ENOENT)},
     }),
     byName);
 
@@ -395,23 +343,23 @@ INSTANTIATE_TEST_SUITE_P(
     Dup, ProcessChildRows,
     rowsOf<ChildRow>({
         {"outFile", [](auto& p) { p.setStdoutFile("/dev/null", false); }, inject_dup2, EMFILE,
-         notDuplicated(PROGRAM, "FD to 1", std::string(OUT) + NULL_NAME)},
+         notDuplicated("PROGRAM", "FD to 1", "stdout" + NULL_NAME)},
         {"errFile", [](auto& p) { p.setStderrFile("/dev/null", true); }, inject_dup2, EMFILE,
-         notDuplicated(PROGRAM, "FD to 2", std::string(ERR) + NULL_NAME)},
+         notDuplicated("PROGRAM", "FD to 2", "stderr" + NULL_NAME)},
         {"inFile", [](auto& p) { p.setStdinFile("/dev/null"); }, inject_dup2, EMFILE,
-         notDuplicated(IN, "FD to 0", std::string(PROGRAM) + NULL_NAME)},
+         notDuplicated("stdin", "FD to 0", "PROGRAM" + NULL_NAME)},
         {"out", [](auto& p) { p.setStdoutFd(openGiven()); }, inject_dup2, EMFILE,
-         notDuplicated(OUT, "60 to 1", PROGRAM)},
+         notDuplicated("stdout", "60 to 1", "PROGRAM")},
         {"err", [](auto& p) { p.setStderrFd(openGiven()); }, inject_dup2, EMFILE,
-         notDuplicated(PROGRAM, "60 to 2", ERR)},
+         notDuplicated("PROGRAM", "60 to 2", "stderr")},
         {"in", [](auto& p) { p.setStdinFd(openGiven()); }, inject_dup2, EMFILE,
-         notDuplicated(PROGRAM, "0 to 60", IN)},
+         notDuplicated("PROGRAM", "0 to 60", "stdin")},
         {"badOut", [](auto& p) { p.setStdoutFd(777); }, inject_dup2, 0,
-         notDuplicated(OUT, "777 to 1", PROGRAM, EBADF)},
+         notDuplicated("stdout", "777 to 1", "PROGRAM", EBADF)},
         {"badErr", [](auto& p) { p.setStderrFd(777); }, inject_dup2, 0,
-         notDuplicated(PROGRAM, "777 to 2", ERR, EBADF)},
+         notDuplicated("PROGRAM", "777 to 2", "stderr", EBADF)},
         {"badIn", [](auto& p) { p.setStdinFd(static_cast<int>(getDescriptorLimit())); }, inject_dup2, 0,
-         notDuplicated(PROGRAM, "0 to " + std::to_string(getDescriptorLimit()), IN, EBADF)},
+         notDuplicated("PROGRAM", "0 to " + std::to_string(getDescriptorLimit()), "stdin", EBADF)},
     }),
     byName);
 
@@ -420,32 +368,19 @@ INSTANTIATE_TEST_SUITE_P(
     rowsOf<ChildRow>({
         {"signals", setNothing, inject_sigprocmask, EINVAL,
          "*: startChild: warning: after fork(): error unblocking signals\nerr\n"},
-        {"group", setNewGroup, inject_setpgid, EPERM, NO_GROUP + unclassified(EPERM) + "err\n"},
-        {"groupWithAnUnknownNumber", setNewGroup, inject_setpgid, 12345,
+        {"group", [](auto& p) { p.setNewGroup(true); }, inject_setpgid, EPERM,
+         NO_GROUP + unclassified(EPERM) + "err\n"},
+        {"groupWithAnUnknownNumber", [](auto& p) { p.setNewGroup(true); }, inject_setpgid, 12345,
          NO_GROUP + unclassified(12345) + "err\n"},
         {"priority", [](auto& p) { p.setPriority(false, 5); }, inject_setpriority, EACCES,
          NOT_SCHEDULED + systemText(EACCES) + "\nerr\n"},
         {"policy", [](auto& p) { p.setSchedAttrs(makeAttributes(VESK_SCHED_POLICY_FIFO, 100000, 0)); },
          inject_open, 0, NOT_SCHEDULED + systemText(EINVAL) + "\nerr\n"},
-        {"noneOf1Processor", setNoProcessor<1>, inject_open, 0,
-         "*: startChild: warning: after fork(): Error setting affinity\nerr\n"},
-        {"noneOf2Processors", setNoProcessor<2>, inject_open, 0,
-         "*: startChild: warning: after fork(): Error setting affinity\nerr\n"},
-        {"noneOf5000Processors", setNoProcessor<5000>, inject_open, 0,
-         "*: startChild: warning: after fork(): Error setting affinity\nerr\n"},
+        {"noneOf1Processor", noProcessorOf(1), inject_open, 0, NO_AFFINITY},
+        {"noneOf2Processors", noProcessorOf(2), inject_open, 0, NO_AFFINITY},
+        {"noneOf5000Processors", noProcessorOf(5000), inject_open, 0, NO_AFFINITY},
     }),
     byName);
-
-/// Sets a program that may not be executed.
-template <char const* const& PATH>
-void setProgram(ProcessTNG& process) {
-    process.setExecutable(PATH);
-    std::ErrorStorage::ack();
-}
-char const* const MISSING = "/no/such/program";
-char const* const EMPTY = "";
-char const* const DIRECTORY = "/tmp";
-char const* const SEARCHED = "sh";
 
 INSTANTIATE_TEST_SUITE_P(
     Exec, ProcessChildRows,
@@ -454,10 +389,10 @@ INSTANTIATE_TEST_SUITE_P(
         {"ENOMEM", setNothing, inject_execv, ENOMEM, NOT_RUN},
         {"E2BIG", setNothing, inject_execv, E2BIG, NOT_RUN},
         {"ETXTBSY", setNothing, inject_execv, ETXTBSY, NOT_RUN},
-        {"missing", setProgram<MISSING>, inject_execv, 0, NOT_RUN},
-        {"empty", setProgram<EMPTY>, inject_execv, 0, NOT_RUN},
-        {"directory", setProgram<DIRECTORY>, inject_execv, 0, NOT_RUN},
-        {"notSearchedFor", setProgram<SEARCHED>, inject_execv, 0, NOT_RUN},
+        {"missing", program("/no/such/program"), inject_execv, 0, NOT_RUN},
+        {"empty", program(""), inject_execv, 0, NOT_RUN},
+        {"directory", program("/tmp"), inject_execv, 0, NOT_RUN},
+        {"notSearchedFor", program("sh"), inject_execv, 0, NOT_RUN},
     }),
     byName);
 
@@ -525,12 +460,8 @@ TEST_F(ProcessChildFailure, aChildWithEverySettingMakesItsCallsInThisOrder) {
 
 TEST_F(ProcessChildFailure, aFileThatIsNoProgramAbortsTheChild) {
     for (auto const& [content, mode] : {std::pair("#!/bin/sh\n", 0600U), {"no program at all", 0700U}}) {
-        writeFile(m_dir / "file", content);
-        EXPECT_EQ(0, chmod((m_dir / "file").c_str(), mode));
-        Recorded const seen = record([&](ProcessTNG& process) {
-            process.setExecutable(m_dir / "file");
-            std::ErrorStorage::ack();
-        });
+        SCOPED_TRACE(content);
+        Recorded const seen = record(program(m_dir.makeFile("file", content, mode)));
         EXPECT_EQ(SIGABRT, seen.killed ? seen.status : 0);
         EXPECT_EQ("", seen.output);
         EXPECT_TRUE(seen.matches(seen.errors, NOT_RUN));
@@ -542,9 +473,13 @@ struct KillCase : NamedRow {
     bool graceful;
 };
 
-class ProcessEarlyKillRows : public ProcessChildFailure, public testing::WithParamInterface<KillCase> {};
+KillCase const EARLY_KILLS[] = {
+    {"terminate", false, true},
+    {"kill", false, false},
+    {"terminateItsGroup", true, true},
+    {"killItsGroup", true, false}};
 
-TEST_P(ProcessEarlyKillRows, reachAChildThatHasJustBegun) {
+VESK_TEST_TABLE(ProcessEarlyKillRows, reachAChildThatHasJustBegun, ProcessChildFailure, EARLY_KILLS) {
     ProcessPipe gate(ProcessPipe::ChildGets::READ_END);
     ProcessPipe handled(ProcessPipe::ChildGets::READ_END);
     static int s_handled = -1;
@@ -567,14 +502,6 @@ TEST_P(ProcessEarlyKillRows, reachAChildThatHasJustBegun) {
     signal(SIGTERM, before);
     EXPECT_EQ("", handled.readAll());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessEarlyKillRows,
-    rowsOf<KillCase>(
-        {{"terminate", false, true},
-         {"kill", false, false},
-         {"terminate its group", true, true},
-         {"kill its group", true, false}}));
 
 TEST_F(ProcessChildFailure, startRestoresTheMaskOfTheCallingThread) {
     sigset_t set;
@@ -599,6 +526,7 @@ TEST_F(ProcessChildFailure, startRestoresTheMaskOfTheCallingThread) {
 
 TEST_F(ProcessChildFailure, noChildTakesALockOrUsesTheHeapAfterAnyFailure) {
     for (bool const executes : {true, false}) {
+        SCOPED_TRACE(executes ? "with a program" : "without a program");
         Capture const seen = capture([executes](ProcessTNG& process, Go const& go) {
             process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_POLICY_FIFO, 100000, 0));
             process.setAffinity({false});
@@ -608,8 +536,7 @@ TEST_F(ProcessChildFailure, noChildTakesALockOrUsesTheHeapAfterAnyFailure) {
             process.setStdinFd(0x7fffffff);
             process.setNewGroup(true);
             if (!executes) {
-                process.setExecutable("/no/such/program");
-                std::ErrorStorage::ack();
+                program("/no/such/program")(process);
             }
             Fault const group(inject_setpgid, EPERM);
             Fault const signals(inject_sigprocmask, EINVAL);
@@ -654,21 +581,45 @@ struct ScheduleRow : NamedRow {
     std::string calls;
 };
 
-class ProcessScheduleRows : public ProcessChildFailure, public testing::WithParamInterface<ScheduleRow> {};
+constexpr int KEEP = VESK_SCHED_POLICY_KEEP;
 
-TEST_P(ProcessScheduleRows, makeTheseCallsAndWarnWhenTheLastOneFails) {
+ScheduleRow const SCHEDULES[] = {
+    {"noop", VESK_SCHED_NOOP, NOT_SET, SCHED_FIFO, ""},
+    {"noopAndPriority", VESK_SCHED_NOOP, 9, SCHED_FIFO, ""},
+    {"keepFIFO", KEEP, NOT_SET, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 4\n"},
+    {"keepRR", KEEP, NOT_SET, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 4\n"},
+    {"keepOTHER", KEEP, NOT_SET, SCHED_OTHER, "getscheduler 0\nsetpriority 0 0 6\n"},
+    {"keepBATCH", KEEP, NOT_SET, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"},
+    {"keepFIFOAndPriority", KEEP, 9, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 9\n"},
+    {"keepRRAndPriority", KEEP, 9, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 9\n"},
+    {"keepOTHERAndPriority", KEEP, 9, SCHED_OTHER, "getscheduler 0\nsetscheduler 0 0 0\nsetpriority 0 0 9\n"},
+    {"keepBATCHAndPriority", KEEP, 9, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"},
+    {"RR", VESK_SCHED_POLICY_RR, 9, SCHED_OTHER, "setscheduler 0 2 4\n"},
+    {"FIFO", VESK_SCHED_POLICY_FIFO, 9, SCHED_OTHER, "setscheduler 0 1 4\n"},
+    {"NORMAL", VESK_SCHED_POLICY_NORMAL, 9, SCHED_FIFO, "setscheduler 0 0 0\nsetpriority 0 0 6\n"},
+    {"idleClass", VESK_SCHED_CLASS_IDLE, 9, SCHED_OTHER, ""},
+    {"belowNormalClass", VESK_SCHED_CLASS_BELOW_NORMAL, 9, SCHED_OTHER, ""},
+    {"normalClass", VESK_SCHED_CLASS_NORMAL, 9, SCHED_OTHER, ""},
+    {"aboveNormalClass", VESK_SCHED_CLASS_ABOVE_NORMAL, 9, SCHED_OTHER, ""},
+    {"highClass", VESK_SCHED_CLASS_HIGH, 9, SCHED_OTHER, ""},
+    {"realTimeClass", VESK_SCHED_CLASS_REALTIME, 9, SCHED_OTHER, ""},
+    {"unknownPolicy", 11, 9, SCHED_OTHER, ""}};
+
+VESK_TEST_TABLE(
+    ProcessScheduleRows, makeTheseCallsAndWarnWhenTheLastOneFails, ProcessChildFailure, SCHEDULES) {
     auto const set = [](ProcessTNG& process) {
         if (GetParam().priority != NOT_SET) {
             process.setPriority(false, GetParam().priority);
         }
         process.setSchedAttrs(makeAttributes(GetParam().policy, 4, 6));
         g_policy = GetParam().current;
-        g_pretends_to_schedule = true;
     };
+    g_pretends_to_schedule = true;
     std::string const& calls = GetParam().calls;
     Recorded const seen = record(set);
     EXPECT_TRUE(seen.matches(seen.calls, BEGIN + calls + "execv *"));
 
+    g_pretends_to_schedule = false;
     bool const sets = calls.find("set") != std::string::npos;
     // For a nice value in the attributes, only its own call counts.
     bool const is_nice =
@@ -684,33 +635,6 @@ TEST_P(ProcessScheduleRows, makeTheseCallsAndWarnWhenTheLastOneFails) {
         sets ? NOT_SCHEDULED + systemText(is_nice ? EACCES : EPERM) + "\nerr\n" : std::string("err\n")));
     EXPECT_EQ(0, seen.status + failed.status);
 }
-
-constexpr int KEEP = VESK_SCHED_POLICY_KEEP;
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessScheduleRows,
-    rowsOf<ScheduleRow>(
-        {{"noop", VESK_SCHED_NOOP, NOT_SET, SCHED_FIFO, ""},
-         {"noop and priority", VESK_SCHED_NOOP, 9, SCHED_FIFO, ""},
-         {"keep FIFO", KEEP, NOT_SET, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 4\n"},
-         {"keep RR", KEEP, NOT_SET, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 4\n"},
-         {"keep OTHER", KEEP, NOT_SET, SCHED_OTHER, "getscheduler 0\nsetpriority 0 0 6\n"},
-         {"keep BATCH", KEEP, NOT_SET, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"},
-         {"keep FIFO and priority", KEEP, 9, SCHED_FIFO, "getscheduler 0\nsetscheduler 0 1 9\n"},
-         {"keep RR and priority", KEEP, 9, SCHED_RR, "getscheduler 0\nsetscheduler 0 2 9\n"},
-         {"keep OTHER and priority", KEEP, 9, SCHED_OTHER,
-          "getscheduler 0\nsetscheduler 0 0 0\nsetpriority 0 0 9\n"},
-         {"keep BATCH and priority", KEEP, 9, SCHED_BATCH, "getscheduler 0\nsetscheduler 0 3 4\n"},
-         {"RR", VESK_SCHED_POLICY_RR, 9, SCHED_OTHER, "setscheduler 0 2 4\n"},
-         {"FIFO", VESK_SCHED_POLICY_FIFO, 9, SCHED_OTHER, "setscheduler 0 1 4\n"},
-         {"NORMAL", VESK_SCHED_POLICY_NORMAL, 9, SCHED_FIFO, "setscheduler 0 0 0\nsetpriority 0 0 6\n"},
-         {"idle class", VESK_SCHED_CLASS_IDLE, 9, SCHED_OTHER, ""},
-         {"below-normal class", VESK_SCHED_CLASS_BELOW_NORMAL, 9, SCHED_OTHER, ""},
-         {"normal class", VESK_SCHED_CLASS_NORMAL, 9, SCHED_OTHER, ""},
-         {"above-normal class", VESK_SCHED_CLASS_ABOVE_NORMAL, 9, SCHED_OTHER, ""},
-         {"high class", VESK_SCHED_CLASS_HIGH, 9, SCHED_OTHER, ""},
-         {"real-time class", VESK_SCHED_CLASS_REALTIME, 9, SCHED_OTHER, ""},
-         {"unknown policy", 11, 9, SCHED_OTHER, ""}}));
 
 TEST_F(ProcessChildFailure, aPolicyThatCannotBeSetIsNoFailureOfTheNiceValue) {
     VESK_SKIP_UNLESS_NICE_MAY_BE(0);
@@ -734,58 +658,42 @@ TEST_F(ProcessChildFailure, aChildWarnsIfItsProcessorsCannotBeSetAndAcknowledges
     EXPECT_TRUE(contains(seen.errors, unclassified(EPERM) + "err\n"));
 }
 
-std::string const OUT_OF_MEMORY = ": out of memory: native arguments vector\n";
+/// Returns the events of three failed allocations.
+std::string threeTimesWithoutMemory(char const* function) {
+    std::string const event = std::string("OUT_OF_MEMORY framework/src/vesk/posix/ProcessTNG_fork ") +
+        function + ": native arguments vector";
+    return event + "\n" + event + "\n" + event;
+}
 
-TEST_F(ProcessChildFailure, theAllocationOfTheArraysIsRepeated) {
-    Capture const seen = capture([](ProcessTNG& process, Go const& go) {
-        process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}});
+TEST_F(ProcessChildFailure, theAllocationOfTheArraysIsRepeatedAndHasRoomForTheirContent) {
+    EventRecorder recorder;
+    ProcessTNG process("/bin/sh", {"-c", "exit 3"});
+    process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}, {"THREE", "3"}, {"FOUR", "4"}});
+    {
         NewFault const fault(New::NOTHROW_ARRAY, 1, 3);
-        go();
-    });
-    EXPECT_EQ("out\n", seen.output);
-    EXPECT_EQ(3U, count(seen.errors, OUT_OF_MEMORY)) << seen.errors;
-    EXPECT_TRUE(contains(seen.errors, ": getArgs" + OUT_OF_MEMORY));
+        EXPECT_GT(process.start(), 0);
+        size_t const arguments = 4 * sizeof(char*);
+        size_t const environment = 5 * sizeof(char*);
+        EXPECT_EQ(
+            std::vector<size_t>({arguments, arguments, arguments, arguments, environment}), fault.getSizes());
+    }
+    EXPECT_TRUE(hasExitedWith(waitFor(process), 3));
+    EXPECT_EQ(threeTimesWithoutMemory("getArgs"), recorder.getText());
 }
 
 TEST_F(ProcessChildFailure, theAllocationOfTheEnvironmentIsRepeated) {
-    TempDir const dir;
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        setProbe(process, {"tell", dir / "sight"});
-        process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}});
+    EventRecorder recorder;
+    ProcessTNG process;
+    setProbe(process, {"tell", m_dir / "sight"});
+    process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}});
+    {
         NewFault const array(New::NOTHROW_ARRAY, 2, 1);
         Fault const fault(inject_strdup, ENOMEM, 2, 2);
-        go();
-    });
-    EXPECT_EQ(3U, count(seen.errors, ": getEnv" + OUT_OF_MEMORY)) << seen.errors;
-    EXPECT_EQ(std::vector<std::string>({"ONE=1", "TWO=2"}), Sight(dir / "sight").getEnvironment());
-}
-
-TEST_F(ProcessChildFailure, theArraysHaveRoomForTheirContent) {
-    ProcessPipe sizes(ProcessPipe::ChildGets::READ_END);
-    static int s_sizes = -1;
-    static NewFault const* s_fault = nullptr;
-    Handler::Hook const hook{
-        [](Handler::Event const&, void*) {
-            for (size_t const size : s_fault->getSizes()) {
-                dprintf(s_sizes, "%zu ", size / sizeof(char*));
-            }
-            return true;
-        },
-        nullptr};
-    Capture const seen = capture([&](ProcessTNG& process, Go const& go) {
-        process.setArguments({"1", "2"});
-        process.setEnvironment({{"ONE", "1"}, {"TWO", "2"}, {"THREE", "3"}, {"FOUR", "4"}});
-        process.setExecutable("/no/such/program"); // The abort calls the hook.
-        std::ErrorStorage::ack();
-        NewFault const fault(New::NOTHROW_ARRAY, 1, 0);
-        s_sizes = sizes.getWriteEnd();
-        s_fault = &fault;
-        Handler::Hook const* const before = Handler::setHook(&hook);
-        go();
-        Handler::setHook(before);
-    });
-    EXPECT_EQ(1, seen.status);
-    EXPECT_EQ("4 5 ", sizes.readAll());
+        EXPECT_GT(process.start(), 0);
+    }
+    EXPECT_TRUE(hasExitedWith(waitFor(process), 0));
+    EXPECT_EQ(threeTimesWithoutMemory("getEnv"), recorder.getText());
+    EXPECT_EQ(std::vector<std::string>({"ONE=1", "TWO=2"}), Sight(m_dir / "sight").getEnvironment());
 }
 
 } // namespace

@@ -1,10 +1,5 @@
 #include "processes/ChildCapture.h"
 
-#include <tarncommon/error/ErrorOutput.h>
-
-#include <cstring>
-#include <optional>
-#include <sched.h>
 #include <sys/resource.h>
 
 // The properties of a child, seen from the program that runs in it.
@@ -14,12 +9,6 @@ using namespace support;
 using Texts = std::vector<std::string>;
 
 class ProcessChild : public ProcessTest {};
-
-mode_t getMode(std::string const& path) {
-    struct stat data {};
-    EXPECT_EQ(0, stat(path.c_str(), &data));
-    return data.st_mode & 07777;
-}
 
 TEST_F(ProcessChild, receivesItsArgumentsUnchanged) {
     Texts const arguments = {
@@ -41,7 +30,7 @@ TEST_F(ProcessChild, receivesItsArgumentsUnchanged) {
 
 TEST_F(ProcessChild, hasThePathOfItsProgramAsArgumentZero) {
     HeldChild child;
-    std::string const command = readFile("/proc/" + std::to_string(child.pid) + "/cmdline");
+    std::string const command = contentOf("/proc/" + std::to_string(child.pid) + "/cmdline");
     EXPECT_STREQ(getProbePath().c_str(), command.c_str());
 }
 
@@ -98,7 +87,7 @@ protected:
     void setNull(bool null) { (m_process.*GetParam().set_null)(null); }
     void expectSuccess() { EXPECT_TRUE(hasExitedWith(run(m_process), 0)); }
 
-    TempDir m_dir;
+    TempFolder m_dir;
     std::string m_path = m_dir / "file";
     std::string m_text = GetParam().text;
     ProcessPipe m_pipe{ProcessPipe::ChildGets::WRITE_END};
@@ -106,28 +95,28 @@ protected:
     ProcessTNG m_process;
 };
 
-INSTANTIATE_TEST_SUITE_P(Both, ProcessChildOutput, testing::ValuesIn(OUTPUTS), [](auto const& test) {
-    return test.param.stream;
-});
+auto const byStream = [](auto const& test) { return test.param.stream; };
+
+INSTANTIATE_TEST_SUITE_P(Both, ProcessChildOutput, testing::ValuesIn(OUTPUTS), byStream);
 
 TEST_P(ProcessChildOutput, goesToAFileWithTheRightsOfItsOwnerMinusTheMask) {
     setFile(m_path, false);
-    mode_t const mask = umask(0);
+    for (mode_t const mask : {0000U, 0277U}) {
+        mode_t const before = umask(mask);
+        expectSuccess();
+        umask(before);
+        EXPECT_EQ(m_text, contentOf(m_path)) << mask;
+        struct stat data {};
+        EXPECT_EQ(0, stat(m_path.c_str(), &data));
+        EXPECT_EQ(0600U & ~mask, data.st_mode & 07777);
+        EXPECT_EQ(0, unlink(m_path.c_str()));
+    }
+    m_dir.makeFile("file", "a longer text"); // Is truncated.
     expectSuccess();
-    EXPECT_EQ(m_text, readFile(m_path));
-    EXPECT_EQ(0600U, getMode(m_path));
-    EXPECT_EQ(0, unlink(m_path.c_str()));
-    umask(0277);
-    expectSuccess();
-    umask(mask);
-    EXPECT_EQ(0400U, getMode(m_path));
-    EXPECT_EQ(0, chmod(m_path.c_str(), 0600));
-    writeFile(m_path, "a longer text"); // Is truncated.
-    expectSuccess();
-    EXPECT_EQ(m_text, readFile(m_path));
+    EXPECT_EQ(m_text, contentOf(m_path));
     setFile(m_path, true);
     expectSuccess();
-    EXPECT_EQ(m_text + m_text, readFile(m_path));
+    EXPECT_EQ(m_text + m_text, contentOf(m_path));
 }
 
 TEST_P(ProcessChildOutput, goesToADescriptorThatStaysOpenInTheProcessOnly) {
@@ -145,15 +134,15 @@ TEST_P(ProcessChildOutput, goesToADescriptorThatStaysOpenInTheProcessOnly) {
 }
 
 TEST_P(ProcessChildOutput, prefersAFileToADescriptorAndTheNullDeviceToBoth) {
-    writeFile(m_path, "untouched");
+    m_dir.makeFile("file", "untouched");
     setFile(m_path, false);
     setFd(m_pipe.getWriteEnd());
     setNull(true);
     expectSuccess();
-    EXPECT_EQ("untouched", readFile(m_path));
+    EXPECT_EQ("untouched", contentOf(m_path));
     setNull(false);
     expectSuccess();
-    EXPECT_EQ(m_text, readFile(m_path));
+    EXPECT_EQ(m_text, contentOf(m_path));
     EXPECT_EQ("", m_pipe.readAll());
 }
 
@@ -164,7 +153,7 @@ TEST_P(ProcessChildOutput, isTheOpenedFileAndLeavesNothingElseOpen) {
         held.set(m_process);
         std::string const process = "/proc/" + std::to_string(m_process.start());
         held.waitUntilBegun();
-        EXPECT_EQ(m_path, readLink(process + "/fd/" + std::to_string(GetParam().fd)));
+        EXPECT_EQ(m_path, std::filesystem::read_symlink(process + "/fd/" + std::to_string(GetParam().fd)));
         held.release();
         waitFor(m_process);
     }
@@ -177,62 +166,57 @@ TEST_P(ProcessChildOutput, isTheOpenedFileAndLeavesNothingElseOpen) {
     EXPECT_EQ(with_file.get("fd"), look(m_process).get("fd"));
 }
 
-/// Runs in a child process of the test, with its streams closed.
-class ProcessChildLostOutput : public ProcessTest, public testing::WithParamInterface<OutputCase> {
+/// Children of a separate process, which can lack a stream.
+class ProcessChildApart : public ProcessTest {
 protected:
-    void expectInFile(std::function<void(ProcessTNG& process)> const& set) {
+    static void runApart(Texts const& arguments, std::function<void(ProcessTNG& process)> const& set) {
         expectInChild([&] {
             ProcessTNG process;
-            setProbe(process, {"say", "out", "err"});
+            setProbe(process, arguments);
             set(process);
             EXPECT_TRUE(hasExitedWith(run(process), 0));
         });
-        EXPECT_EQ(GetParam().text, readFile(m_path));
     }
 
-    TempDir m_dir;
+    TempFolder m_dir;
     std::string m_path = m_dir / "file";
 };
 
-INSTANTIATE_TEST_SUITE_P(Both, ProcessChildLostOutput, testing::ValuesIn(OUTPUTS), [](auto const& test) {
-    return test.param.stream;
-});
+class ProcessChildLostOutput : public ProcessChildApart, public testing::WithParamInterface<OutputCase> {};
+
+INSTANTIATE_TEST_SUITE_P(Both, ProcessChildLostOutput, testing::ValuesIn(OUTPUTS), byStream);
 
 TEST_P(ProcessChildLostOutput, goesToAFile) {
     for (bool const with_input : {true, false}) {
-        expectInFile([&](ProcessTNG& process) {
+        SCOPED_TRACE(with_input ? "with input" : "without input");
+        runApart({"say", "out", "err"}, [&](ProcessTNG& process) {
             if (!with_input) {
                 close(STDIN_FILENO); // The file is opened with its number.
             }
             close(GetParam().fd);
             (process.*GetParam().set_file)(m_path, false);
         });
+        EXPECT_EQ(GetParam().text, contentOf(m_path));
     }
 }
 
 TEST_P(ProcessChildLostOutput, keepsItsDescriptorIfItsOwnNumberIsGiven) {
-    expectInFile([&](ProcessTNG& process) {
+    runApart({"say", "out", "err"}, [&](ProcessTNG& process) {
         int const fd = open(m_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
         EXPECT_EQ(GetParam().fd, dup3(fd, GetParam().fd, O_CLOEXEC));
         (process.*GetParam().set_fd)(GetParam().fd);
     });
-}
-
-TEST_F(ProcessChild, inheritsItsStreamsWhenNothingIsSet) {
-    Capture const seen = captureWith([](ProcessTNG&) {});
-    EXPECT_EQ("out\n", seen.output);
-    EXPECT_EQ("err\n", seen.errors);
-    EXPECT_EQ(0, seen.status);
+    EXPECT_EQ(GetParam().text, contentOf(m_path));
 }
 
 TEST_F(ProcessChild, canAppendBothOutputsToOneFile) {
-    TempDir const dir;
+    TempFolder const dir;
     ProcessTNG process;
     setProbe(process, {"say", "out", "err"});
     process.setStdoutFile(dir / "both", true);
     process.setStderrFile(dir / "both", true);
     EXPECT_TRUE(hasExitedWith(run(process), 0));
-    EXPECT_EQ("outerr", readFile(dir / "both"));
+    EXPECT_EQ("outerr", contentOf(dir / "both"));
 }
 
 TEST_F(ProcessChild, reportsItsOwnNumberIfThatIsNotOpen) {
@@ -260,7 +244,7 @@ TEST_F(ProcessChild, cannotHaveOneDescriptorForBothOutputs) {
 }
 
 TEST_F(ProcessChild, reportsItsInputOnItsNewErrorOutput) {
-    TempDir const dir;
+    TempFolder const dir;
     Capture const seen = captureWith([&](ProcessTNG& process) {
         process.setStdinFile("/no/such/file");
         process.setStderrFile(dir / "errors", false);
@@ -269,35 +253,30 @@ TEST_F(ProcessChild, reportsItsInputOnItsNewErrorOutput) {
     EXPECT_EQ(
         seen.fill("stdin [PID]: Couldn't open new PROGRAM \"/no/such/file\". Reason: No such file or "
                   "directory\nerr\n"),
-        readFile(dir / "errors"));
+        contentOf(dir / "errors"));
 }
 
-class ProcessChildInput : public ProcessTest {
+class ProcessChildInput : public ProcessChildApart {
 protected:
-    void SetUp() override { writeFile(m_in, "some input"); }
-
     /// Expects that a child copies this input.
     void expectInput(
         std::string const& input, std::function<void(ProcessTNG& process)> const& set,
-        std::vector<std::string> const& arguments = {"copy"}) {
-        expectInChild([&] {
-            ProcessTNG process;
-            setProbe(process, arguments);
+        Texts const& arguments = {"copy"}) {
+        runApart(arguments, [&](ProcessTNG& process) {
             process.setStdoutFile(m_dir / "out", false);
             process.setStderrFile(m_dir / "errors", false);
             set(process);
-            EXPECT_TRUE(hasExitedWith(run(process), 0));
         });
-        EXPECT_EQ(input, readFile(m_dir / "out"));
-        EXPECT_EQ("", readFile(m_dir / "errors"));
+        EXPECT_EQ(input, contentOf(m_dir / "out"));
+        EXPECT_EQ("", contentOf(m_dir / "errors"));
     }
 
-    TempDir m_dir;
-    std::string m_in = m_dir / "in";
+    std::string m_in = m_dir.makeFile("in", "some input");
 };
 
 TEST_F(ProcessChildInput, comesFromAFileEvenIfTheProcessHasNone) {
     for (bool const has_input : {true, false}) {
+        SCOPED_TRACE(has_input ? "with input" : "without input");
         expectInput("some input", [&](ProcessTNG& process) {
             has_input ? process.setStdinFd(777) : void(close(STDIN_FILENO)); // The descriptor is ignored.
             process.setStdinFile(m_in);
@@ -381,15 +360,6 @@ TEST_F(ProcessChild, isInTheGroupOfTheProcessOrInASeparateOne) {
     EXPECT_EQ(getpgid(0), look(process).getNumber("group"));
 }
 
-bool mayUseRealTime() {
-    sched_param param{};
-    param.sched_priority = 1;
-    bool const may = sched_setscheduler(0, SCHED_RR, &param) == 0;
-    param.sched_priority = 0;
-    sched_setscheduler(0, SCHED_OTHER, &param);
-    return may;
-}
-
 /// Expects the policy, and the priority and the nice value if given, of an object's child.
 void expectScheduling(ProcessTNG& process, int policy, std::optional<int> priority, std::optional<int> nice) {
     Sight sight = look(process);
@@ -417,9 +387,12 @@ TEST_F(ProcessChild, hasTheNiceValueOfItsAttributesOrThatWasSetAsItsPriority) {
 }
 
 TEST_F(ProcessChild, hasTheRealTimePolicyOfItsAttributesOrOfTheCallingThreadWithAnotherPriority) {
-    if (!mayUseRealTime()) {
+    sched_param param{1};
+    if (sched_setscheduler(0, SCHED_RR, &param) != 0) {
         GTEST_SKIP() << "no right to real-time scheduling";
     }
+    param = {0};
+    EXPECT_EQ(0, sched_setscheduler(0, SCHED_OTHER, &param));
     ProcessTNG process;
     process.setSchedAttrs(makeAttributes(vesk::sched::VESK_SCHED_POLICY_FIFO, 3, 0));
     expectScheduling(process, SCHED_FIFO, 3, {});
@@ -428,54 +401,45 @@ TEST_F(ProcessChild, hasTheRealTimePolicyOfItsAttributesOrOfTheCallingThreadWith
     ProcessTNG other;
     other.setPriority(false, 5);
     std::thread([&] {
-        sched_param param{};
-        param.sched_priority = 2;
+        param = {2};
         EXPECT_EQ(0, pthread_setschedparam(pthread_self(), SCHED_RR, &param));
         expectScheduling(other, SCHED_RR, 5, {});
     }).join();
 }
 
-class ProcessChildAffinity : public ProcessChild {
-protected:
-    void SetUp() override {
-        cpu_set_t set;
-        CPU_ZERO(&set);
-        ASSERT_EQ(0, sched_getaffinity(0, sizeof set, &set));
-        if (vesk::Vesk::s_sys_info.processor_count < 2 || !CPU_ISSET(0, &set) || !CPU_ISSET(1, &set)) {
-            GTEST_SKIP() << "needs the first two processors";
-        }
-        for (size_t i = 0; i < CPU_SETSIZE; ++i) {
-            if (CPU_ISSET(i, &set)) {
-                m_mine.push_back(std::to_string(i));
-            }
+TEST_F(ProcessChild, runsOnTheProcessorsOfTheProcessUnlessSomeAreSet) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    ASSERT_EQ(0, sched_getaffinity(0, sizeof set, &set));
+    if (vesk::Vesk::s_sys_info.processor_count < 2 || !CPU_ISSET(0, &set) || !CPU_ISSET(1, &set)) {
+        GTEST_SKIP() << "needs the first two processors";
+    }
+    Texts mine;
+    for (size_t i = 0; i < CPU_SETSIZE; ++i) {
+        if (CPU_ISSET(i, &set)) {
+            mine.push_back(std::to_string(i));
         }
     }
-
-    static Texts getProcessors(ProcessTNG& process, std::vector<bool> const& processors) {
-        process.setAffinity(processors);
-        return look(process).get("processor");
-    }
-
-    Texts m_mine;
-};
-
-TEST_F(ProcessChildAffinity, isThatOfTheProcessUnlessProcessorsAreSet) {
     ProcessTNG process;
-    EXPECT_EQ(m_mine, look(process).get("processor"));
-    EXPECT_EQ(Texts({"0"}), getProcessors(process, {true}));
-    EXPECT_EQ(Texts({"1"}), getProcessors(process, {false, true}));
-    EXPECT_EQ(Texts({"0", "1"}), getProcessors(process, {true, true}));
-    EXPECT_EQ(m_mine, getProcessors(process, {}));
-    std::vector<bool> processors(5000, true); // Those that the machine does not have are ignored.
-    processors[0] = false;
-    EXPECT_EQ(Texts(m_mine.begin() + 1, m_mine.end()), getProcessors(process, processors));
+    EXPECT_EQ(mine, look(process).get("processor"));
+    std::vector<bool> not_the_first(5000, true); // Those that the machine does not have are ignored.
+    not_the_first[0] = false;
+    std::pair<std::vector<bool>, Texts> const rows[] = {
+        {{true}, {"0"}},
+        {{false, true}, {"1"}},
+        {{true, true}, {"0", "1"}},
+        {{}, mine},
+        {not_the_first, Texts(mine.begin() + 1, mine.end())}};
+    for (auto const& [processors, expected] : rows) {
+        SCOPED_TRACE(testing::PrintToString(expected));
+        process.setAffinity(processors);
+        EXPECT_EQ(expected, look(process).get("processor"));
+    }
 }
 
 TEST_F(ProcessChild, runsAScriptByItsShell) {
-    TempDir const dir;
-    writeFile(dir / "file", "#!/bin/sh\nexit $1\n");
-    EXPECT_EQ(0, chmod((dir / "file").c_str(), 0700));
-    ProcessTNG process(dir / "file", {"12"});
+    TempFolder const dir("/tmp"); // Other file systems may be mounted without the right to execute.
+    ProcessTNG process(dir.makeFile("file", "#!/bin/sh\nexit $1\n", 0700), {"12"});
     EXPECT_TRUE(hasExitedWith(run(process), 12));
 }
 
@@ -511,5 +475,32 @@ TEST_F(ProcessChild, doesNotReportTheErrorsOfTheProcess) {
     });
     EXPECT_EQ("out\n", seen.output);
 }
+
+// ---- the texts of the lines that a child writes ----
+
+/// Returns the path of the loaded library, or an empty text.
+std::string findLibrary() {
+    std::istringstream maps(contentOf("/proc/self/maps"));
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find("/libvesk.so") != std::string::npos) {
+            return line.substr(line.find('/'));
+        }
+    }
+    return {};
+}
+
+// Developers search the sources for pieces of a log line, so the library must contain them in one piece.
+class LogTexts : public testing::TestWithParam<char const*> {};
+
+TEST_P(LogTexts, areInTheLibraryInOnePiece) {
+    std::string const library = contentOf(findLibrary());
+    EXPECT_NE(std::string::npos, library.find(std::string(GetParam()) + '\0')) << findLibrary();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, LogTexts,
+    testing::Values(
+        "unknown policy (", "unknown thread priority (", " or ", "]: Couldn't open new ",
+        "\". Reason: ", "]: Couldn't dup2 (", "! Reason: "));
 
 } // namespace

@@ -1,14 +1,10 @@
 #include "processes/ProcessSupport.h"
 
-#include "support/Inject.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
 #include "support/UnlockFault.h"
 
 #include <vesk/Mutex.h>
 #include <vesk/Thread.h>
-
-#include <memory>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * m), (m))
 VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
@@ -30,9 +26,6 @@ using vesk::Thread;
 using vesk::Vesk;
 namespace CommonErrorId = std::CommonErrorId;
 
-constexpr char const* NO_IMPL = "Unable to initialize VESK: \"process impl. object is invalid\" failed";
-constexpr char const* NO_STATIC_IMPL =
-    "Unable to initialize VESK: \"process static impl. object is invalid\" failed";
 constexpr char const* ABORTED_START = "ABORT framework/src/vesk/common/vesk Vesk: Error initializing VESK";
 
 /// Expects that nothing can be started after a failed set-up. Only the object that ran the set-up reported
@@ -44,23 +37,13 @@ void expectNoCollector() {
     EXPECT_TRUE(process.isValid());
     EXPECT_TRUE(chainIs({}));
     EXPECT_EQ(-1, process.start());
-    EXPECT_EQ("ASSERT framework/src/vesk/posix/ProcessTNG start: g_process_impl", recorder.getText());
+    EXPECT_EQ(NO_START, recorder.getText());
     EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_IMPL}, {ProcessTNG::ErrorId::START_FAILED}}));
     ProcessTNG::exit();
 }
 
-TEST(ProcessSetUp, failsWithoutMemory) {
-    Vesk const vesk(true, false);
-    {
-        NewFault const fault(New::NOTHROW_SINGLE);
-        ProcessTNG const process;
-        EXPECT_FALSE(process.isValid());
-    }
-    EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY, "Out of memory"}}));
-    expectNoCollector();
-}
-
-struct ThreadRow : NamedRow {
+struct SetUpRow : NamedRow {
+    bool has_memory;
     Injected& function;
     int error;
     int nth;
@@ -70,12 +53,13 @@ struct ThreadRow : NamedRow {
 std::vector<ExpectedReport> const START_FAILED = {
     {vesk::Mutex::ErrorId::INCONSISTENT}, {Thread::Error, Thread::ErrorId::START_FAILED}};
 
-class ProcessSetUpThread : public testing::TestWithParam<ThreadRow> {};
+class ProcessSetUpRows : public testing::TestWithParam<SetUpRow> {};
 
-TEST_P(ProcessSetUpThread, failsAndLeavesNothingBehind) {
+TEST_P(ProcessSetUpRows, failsAndLeavesNothingBehind) {
     Vesk const vesk(true, false);
     EventRecorder recorder;
     {
+        NewFault const memory(New::NOTHROW_SINGLE, 1, GetParam().has_memory ? 0 : 1);
         Fault const fault(GetParam().function, GetParam().error, GetParam().nth);
         ProcessTNG const process;
         EXPECT_FALSE(process.isValid());
@@ -87,10 +71,11 @@ TEST_P(ProcessSetUpThread, failsAndLeavesNothingBehind) {
 
 // The second lock of this thread is that of the thread's start; the first one is that of the lazy set-up.
 INSTANTIATE_TEST_SUITE_P(
-    Without, ProcessSetUpThread,
-    rowsOf<ThreadRow>({
-        {"aThread", inject_pthread_create, EAGAIN, 1, {{Vesk::ErrorId::INIT_FAILED, NO_IMPL}}},
-        {"theLockOfTheStart", inject_pthread_mutex_lock, EINVAL, 2, START_FAILED},
+    Without, ProcessSetUpRows,
+    rowsOf<SetUpRow>({
+        {"memory", false, inject_pthread_create, 0, 1, {{CommonErrorId::OUT_OF_MEMORY, "Out of memory"}}},
+        {"aThread", true, inject_pthread_create, EAGAIN, 1, {{Vesk::ErrorId::INIT_FAILED, NO_IMPL}}},
+        {"theLockOfTheStart", true, inject_pthread_mutex_lock, EINVAL, 2, START_FAILED},
     }),
     byName);
 
@@ -117,6 +102,7 @@ TEST(ProcessSetUp, keepsAThreadThatRunsAlthoughItsStartFailed) {
 TEST(ProcessSetUp, ofTheOwnNameFailsWithoutMemoryOrALockAndLeavesNothingBehind) {
     Vesk const vesk(true, false);
     for (bool const has_memory : {false, true}) {
+        SCOPED_TRACE(has_memory ? "without a lock" : "without memory");
         {
             NewFault const memory(New::NOTHROW_SINGLE, 1, has_memory ? 0 : 1);
             Fault const fault(inject_pthread_rwlock_init, has_memory ? ENOMEM : 0);
@@ -209,18 +195,14 @@ void makeIdle() {
     waitForCollector();
 }
 
-[[noreturn]] void waitForAbort() {
-    for (;;) {
-        pause();
-    }
-}
-
 /// Sets a fault that the collector meets first after `action`, and waits for the end of the process.
 template <typename Action>
 void failAfter(Injected& function, int nth, Action action, Fault::Threads threads = Fault::Threads::OTHERS) {
     Fault const fault(function, EINVAL, nth, 1, threads);
     action();
-    waitForAbort();
+    for (;;) {
+        pause();
+    }
 }
 
 void failFromTheStartOn(Injected& function, int nth) {
@@ -230,37 +212,28 @@ void failFromTheStartOn(Injected& function, int nth) {
     failAfter(function, nth, [&] { process.start(); });
 }
 
+/// With or without a wait for the child before, after which there is a condition to signal.
+template <bool WAITS>
 void failFromTheEndOn(Injected& function, int nth) {
     makeIdle();
     HeldChild child;
-    waitForCollector();
-    failAfter(function, nth, [&] { child.release(); });
-}
-
-/// The same after a wait for the child, so that there is a condition to signal.
-void failTheSignal(Injected& function, int nth) {
-    HeldChild child;
     ExitState state;
-    child.process.wait(state, true, 1); // Binds the condition.
+    EXPECT_FALSE(WAITS && child.process.wait(state, true, 1)); // Binds the condition.
     waitForCollector();
     failAfter(function, nth, [&] { child.release(); });
 }
 
-void failTheEndOfTheCollector(Injected& function, int nth) {
-    makeIdle();
-    failAfter(function, nth, [] { ProcessTNG::exit(); });
-}
-
-void failExit(Injected& function, int nth) {
+template <Fault::Threads THREADS>
+void failFromExitOn(Injected& function, int nth) {
     makeIdle();
     failAfter(
-        function, nth, [] { ProcessTNG::exit(); }, Fault::Threads::MINE);
+        function, nth, [] { ProcessTNG::exit(); }, THREADS);
 }
 
 struct FatalRow : NamedRow {
     void (*body)(Injected& function, int nth);
     Injected& function;
-    int nth; // Calls of the condition are between them.
+    int nth;
     char const* text;
 };
 
@@ -280,27 +253,30 @@ INSTANTIATE_TEST_SUITE_P(
     rowsOf<FatalRow>(
         {{"unlock for waiting", failFromTheStartOn, inject_pthread_mutex_unlock, 1,
           "processCollector: fatal: error unlocking"},
-         {"lock behind the end", failFromTheEndOn, inject_pthread_mutex_lock, 1,
+         {"lock behind the end", failFromTheEndOn<false>, inject_pthread_mutex_lock, 1,
           "waitChild: fatal: error locking"},
-         {"unlock before the hand-over", failFromTheEndOn, inject_pthread_mutex_unlock, 1,
+         {"unlock before the hand-over", failFromTheEndOn<false>, inject_pthread_mutex_unlock, 1,
           "waitChild: fatal: error unlocking"},
-         {"lock of the object", failFromTheEndOn, inject_pthread_mutex_lock, 2,
+         {"lock of the object", failFromTheEndOn<false>, inject_pthread_mutex_lock, 2,
           "processExited: fatal: error locking"},
-         {"signal", failTheSignal, inject_pthread_cond_signal, 1,
+         {"signal", failFromTheEndOn<true>, inject_pthread_cond_signal, 1,
           "processExited: fatal: error signaling condition"},
-         {"unlock of the object", failFromTheEndOn, inject_pthread_mutex_unlock, 3,
+         {"unlock of the object", failFromTheEndOn<false>, inject_pthread_mutex_unlock, 2,
           "processExited: fatal: error unlocking"},
-         {"lock behind the hand-over", failFromTheEndOn, inject_pthread_mutex_lock, 4,
+         {"lock behind the hand-over", failFromTheEndOn<false>, inject_pthread_mutex_lock, 3,
           "waitChild: fatal: error locking"},
-         {"wait for the next child", failFromTheEndOn, inject_pthread_cond_wait, 1,
+         {"wait for the next child", failFromTheEndOn<false>, inject_pthread_cond_wait, 1,
           "processCollector: fatal: error waiting on condition"},
-         {"unlock at the end", failTheEndOfTheCollector, inject_pthread_mutex_unlock, 1,
+         {"unlock at the end", failFromExitOn<Fault::Threads::OTHERS>, inject_pthread_mutex_unlock, 1,
           "processCollector: fatal: error unlocking"},
-         {"lock of exit", failExit, inject_pthread_mutex_lock, 1, "exit: fatal: error locking"},
-         {"signal of exit", failExit, inject_pthread_cond_signal, 1,
+         {"lock of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_mutex_lock, 1,
+          "exit: fatal: error locking"},
+         {"signal of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_cond_signal, 1,
           "exit: fatal: error signaling condition"},
-         {"unlock of exit", failExit, inject_pthread_mutex_unlock, 2, "exit: fatal: error unlocking"},
-         {"join of exit", failExit, inject_pthread_join, 1, "exit: fatal: error joining"}}));
+         {"unlock of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_mutex_unlock, 1,
+          "exit: fatal: error unlocking"},
+         {"join of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_join, 1,
+          "exit: fatal: error joining"}}));
 
 // How many locks the thread takes before, one or two, depends on the scheduling.
 TEST_F(ProcessFatalRows, includeTheFirstLockOfTheCollector) {

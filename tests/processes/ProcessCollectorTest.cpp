@@ -1,10 +1,5 @@
 #include "processes/ProcessSupport.h"
 
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-
-#include <functional>
-#include <memory>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
@@ -27,9 +22,7 @@ extern "C" VESK_UNWATCHED int waitid(idtype_t type, id_t id, siginfo_t* info, in
     if (is_any ? id != 0 || options != (WEXITED | WNOWAIT) : type != P_PID || (options & WNOHANG) == 0) {
         g_waits_are_odd = true;
     }
-    int error = 0;
-    if (is_any && inject_waitid.fails(error)) {
-        errno = error;
+    if (is_any && inject_waitid.fails()) {
         return -1;
     }
     if (pid_t const pid = is_any ? g_reported.exchange(0) : 0) {
@@ -39,8 +32,7 @@ extern "C" VESK_UNWATCHED int waitid(idtype_t type, id_t id, siginfo_t* info, in
         info->si_status = SIGUSR1;
         return 0;
     }
-    int const result = reinterpret_cast<int (*)(idtype_t, id_t, siginfo_t*, int)>(inject_waitid.getReal())(
-        type, id, info, options);
+    int const result = inject_waitid.getReal(&waitid)(type, id, info, options);
     char byte = 0;
     if (is_any && g_gate != -1) {
         g_is_at_gate = true;
@@ -54,24 +46,10 @@ namespace {
 using namespace support;
 using vesk::Vesk;
 
-constexpr char const* NO_IMPL = "Unable to initialize VESK: \"process impl. object is invalid\" failed";
-constexpr char const* NO_STATIC_IMPL =
-    "Unable to initialize VESK: \"process static impl. object is invalid\" failed";
-constexpr char const* NO_START = "ASSERT framework/src/vesk/posix/ProcessTNG start: g_process_impl";
 std::string const INIT_ASSERTS =
     "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_init\n"
     "ASSERT framework/src/vesk/posix/ProcessImpl init: !g_lazy_process_static_init";
 constexpr int ROUNDS = 100 / (SLOWDOWN > 10 ? 10 : 1);
-
-/// Forks a child without the library.
-pid_t forkRaw(void (*body)()) {
-    pid_t const pid = fork();
-    if (pid == 0) {
-        body();
-        _exit(99);
-    }
-    return pid;
-}
 
 std::string waitFailed(int error) {
     return "WARNING framework/src/vesk/posix/ProcessImpl waitChild: error waiting for the end of children: " +
@@ -84,16 +62,7 @@ testing::AssertionResult hasCollector(int threads) {
     return hasThreads(threads + 1);
 }
 
-class ProcessCollector : public ProcessTest {
-protected:
-    void SetUp() override {
-        g_waits = 0;
-        g_waits_are_odd = false;
-        g_reported = 0;
-        g_gate = -1;
-        g_is_at_gate = false;
-    }
-};
+class ProcessCollector : public ProcessTest {};
 
 TEST(ProcessCollectorStart, aLazyStartUpStartsNoThreadBeforeTheFirstObject) {
     Vesk const vesk(true, false);
@@ -118,6 +87,7 @@ TEST(ProcessCollectorStart, anEagerStartUpStartsTheThread) {
 
 TEST(ProcessCollectorStart, aStartUpWithoutUseEndsAtOnce) {
     for (bool const lazy : {true, false}) {
+        SCOPED_TRACE(lazy ? "lazy" : "eager");
         expectInChild([lazy] {
             Vesk const vesk(lazy, false);
             Vesk::cleanupAll(); // Perhaps before the thread has begun.
@@ -166,7 +136,7 @@ TEST(ProcessCollectorGone, anObjectFromAfterTheEndIsInvalidAndItsStartFailsBehin
     EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED}}));
     EXPECT_TRUE(old.isValid());
     for (ProcessTNG* const each : {&process, &old}) {
-        EXPECT_EQ(-1, each->start());
+        EXPECT_EQ(-1, each->start()) << (each == &old ? "the old object" : "the new object");
         EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED}, {ProcessTNG::ErrorId::START_FAILED}}));
     }
     EXPECT_EQ(std::string(NO_START) + "\n" + NO_START, recorder.getText());
@@ -174,6 +144,7 @@ TEST(ProcessCollectorGone, anObjectFromAfterTheEndIsInvalidAndItsStartFailsBehin
 
 TEST(ProcessCollectorGone, theOwnNameIsEmptyBeforeTheStartUpAndAfterTheEnd) {
     for (int i = 0; i < 2; ++i) {
+        SCOPED_TRACE(i == 0 ? "before" : "after");
         EXPECT_EQ("", ProcessTNG::getOwnProcessName());
         EXPECT_TRUE(chainIs({{Vesk::ErrorId::INIT_FAILED, NO_STATIC_IMPL}}));
         if (i == 0) {
@@ -205,12 +176,12 @@ TEST(ProcessCollectorGone, aNewStartUpRestoresEverything) {
 
 TEST(ProcessCollectorGone, settingUpTwiceIsAnAssertion) {
     for (bool const lazy : {true, false}) {
+        SCOPED_TRACE(lazy ? "lazy" : "eager");
         expectInChild([lazy] {
             Vesk const vesk(lazy, false);
-            if (!lazy) {
+            if (!lazy) { // The first collector has read what the second one changes.
                 ProcessTNG process;
-                EXPECT_TRUE(
-                    runsExit(process, 0)); // The first collector has read what the second one changes.
+                EXPECT_TRUE(runsExit(process, 0));
             }
             EventRecorder recorder;
             EXPECT_FALSE(ProcessTNG::init(lazy));
@@ -226,18 +197,14 @@ TEST(ProcessCollectorGone, settingUpTwiceIsAnAssertion) {
 
 TEST_F(ProcessCollector, theEndOfTheLibraryBlocksUntilAllChildrenHaveEnded) {
     HeldChild children[3];
-    Event ended;
-    SleepingThread thread([&] {
-        Vesk::cleanupAll();
-        ended.set();
-    });
+    SleepingThread thread([] { Vesk::cleanupAll(); });
     for (int i = 2; i >= 0; --i) {
-        EXPECT_FALSE(ended.isSet());
+        EXPECT_FALSE(thread.isDone());
         EXPECT_EQ(0, ProcessTNG::existsProcess(children[i].pid)); // It does not kill.
         EXPECT_TRUE(children[i].ends());
     }
-    EXPECT_TRUE(ended.wait());
     thread.join();
+    EXPECT_TRUE(thread.isDone());
 }
 
 TEST_F(ProcessCollector, theEndRightAfterAStartBlocksUntilTheChildHasEnded) {
@@ -247,9 +214,7 @@ TEST_F(ProcessCollector, theEndRightAfterAStartBlocksUntilTheChildHasEnded) {
         RecordingListener listener;
         {
             ProcessTNG process;
-            process.setExitListener(&listener);
-            setExit(process, 5);
-            EXPECT_GT(process.start(), 0);
+            listener.start(process, 5);
             ProcessTNG::exit();
             EXPECT_EQ(1, listener.calls);
             EXPECT_TRUE(hasExitedWith(waitFor(process), 5));
@@ -272,19 +237,20 @@ TEST_F(ProcessCollector, waitsForAnyChildAndFindsOneThatEndsAtOnce) {
 
 TEST_F(ProcessCollector, warnsAboutAChildThatTheProcessHasForked) {
     for (bool const killed : {false, true}) {
+        SCOPED_TRACE(killed ? "killed" : "exited");
         HeldChild child;
         EventRecorder recorder;
-        pid_t const raw = forkRaw(killed ? [] { (void)raise(SIGKILL); } : [] { _exit(3); });
+        Process const raw(killed ? +[] { (void)raise(SIGKILL); } : +[] { _exit(3); });
         EXPECT_TRUE(eventually([&] { return recorder.getCount() == 1; }));
         EXPECT_EQ(
             "WARNING framework/src/vesk/posix/ProcessImpl waitChild: waitChild: : got notification about "
             "exit of an unknown child process exit. PID = \"" +
-                std::to_string(raw) + "\", was_killed = " + (killed ? "1" : "0") +
+                std::to_string(raw.getId()) + "\", was_killed = " + (killed ? "1" : "0") +
                 ". If you intentionally created a child process outside of VESK then this is expected. "
                 "Otherwise a programming error might be involved.",
             recorder.getText());
         // The process cannot wait for it any more.
-        EXPECT_EQ(-1, waitpid(raw, nullptr, WNOHANG));
+        EXPECT_EQ(-1, waitpid(raw.getId(), nullptr, WNOHANG));
         EXPECT_EQ(ECHILD, errno);
         EXPECT_TRUE(child.ends());
         EXPECT_EQ(1U, recorder.getCount());
@@ -297,21 +263,20 @@ TEST_F(ProcessCollector, leavesOtherChildrenAloneWhileNoneOfItsOwnRuns) {
     EXPECT_EQ(1, g_waits);
     waitForCollector();
     EventRecorder recorder;
-    pid_t const raw = forkRaw([] { _exit(3); });
+    Process raw([] { _exit(3); });
     siginfo_t info{};
     // It has ended, but is not reaped yet.
-    EXPECT_EQ(0, syscall(SYS_waitid, P_PID, raw, &info, WEXITED | WNOWAIT, nullptr));
+    EXPECT_EQ(0, syscall(SYS_waitid, P_PID, raw.getId(), &info, WEXITED | WNOWAIT, nullptr));
     waitForCollector();
     EXPECT_EQ(1, g_waits);
-    int status = 0;
-    EXPECT_EQ(raw, waitpid(raw, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
+    EXPECT_EQ(3, raw.join());
     EXPECT_EQ(0U, recorder.getCount());
 }
 
 TEST_F(ProcessCollector, repeatsAnInterruptedWaitAndWarnsOnceAboutAFailedOne) {
     ProcessTNG process;
     for (int const error : {EINTR, EINVAL, EINVAL}) {
+        SCOPED_TRACE(strerrorname_np(error));
         EventRecorder recorder;
         Fault const fault(inject_waitid, error, 1, error == EINTR ? 2 : 4, Fault::Threads::OTHERS);
         EXPECT_TRUE(runsExit(process, 3));
@@ -320,19 +285,16 @@ TEST_F(ProcessCollector, repeatsAnInterruptedWaitAndWarnsOnceAboutAFailedOne) {
 }
 
 TEST_F(ProcessCollector, doesNotSpinWhileItsWaitFails) {
-    HeldProbe held;
-    ProcessTNG process;
-    held.set(process);
     EventRecorder recorder;
+    std::optional<HeldChild> child;
     {
         Fault const fault(inject_waitid, EINVAL, 1, Fault::FOREVER, Fault::Threads::OTHERS);
-        EXPECT_GT(process.start(), 0);
+        child.emplace();
         EXPECT_TRUE(eventually([] { return g_waits >= 5; }));
         waitForCollector();
     }
     EXPECT_EQ(1U, recorder.getCount());
-    held.release();
-    EXPECT_TRUE(hasExitedWith(waitFor(process), 0));
+    EXPECT_TRUE(child->ends());
 }
 
 struct IgnoreCase : NamedRow {
@@ -434,7 +396,7 @@ TEST_F(ProcessCollector, blocksAllSignals) {
     }
     HeldChild child;
     EXPECT_TRUE(eventually([] { return findCollector() != 0; }));
-    std::string const status = readFile("/proc/self/task/" + std::to_string(findCollector()) + "/status");
+    std::string const status = contentOf("/proc/self/task/" + std::to_string(findCollector()) + "/status");
     size_t const at = status.find("\nSigBlk:\t");
     ASSERT_NE(std::string::npos, at) << status;
     // All but those that cannot be blocked and the two that libc keeps for itself.
@@ -464,56 +426,27 @@ TEST_F(ProcessCollector, doesNotDelayStartsWhileItWaits) {
     EXPECT_TRUE(child.ends());
 }
 
-/// Runs a body in the listener and reports its end.
-class CallingListener : public ProcessTNG::ExitListener {
-public:
-    explicit CallingListener(std::function<void(ExitState const&)> body) : m_body(std::move(body)) {}
-    void processExited(ExitState const* state) override {
-        m_body(*state);
-        ++calls;
-    }
-
-    /// Starts a child with this listener that exits with `code`.
-    int start(ProcessTNG& process, int code) {
-        process.setExitListener(this);
-        setExit(process, code);
-        int const pid = process.start();
-        EXPECT_GT(pid, 0);
-        return pid;
-    }
-    bool waitForCalls(int count = 1) const {
-        return eventually([this, count] { return calls >= count; });
-    }
-
-    std::atomic<int> calls{0};
-
-private:
-    std::function<void(ExitState const&)> m_body;
-};
-
 TEST_F(ProcessCollector, callsTheListenerWithoutALockAndLetsItStartTheNextChild) {
     ProcessTNG process;
     pid_t const test = getThreadId();
-    int runs = 0;
-    CallingListener listener([&](ExitState const& state) {
+    RecordingListener listener([&](ExitState const& state) {
         EXPECT_NE(test, getThreadId());
         EXPECT_EQ(getThreadId(), findCollector());
         EXPECT_TRUE(hasExitedWith(waitFor(*state.process), 3)); // Takes the object's lock.
         EXPECT_FALSE(state.process->kill(true));
         EXPECT_TRUE(hasExitedWith(state, 3)); // A copy.
-        if (++runs < 5) {
+        if (listener.calls < 4) {
             EXPECT_GT(state.process->start(), 0);
         }
     });
     listener.start(process, 3);
     EXPECT_TRUE(listener.waitForCalls(5));
-    EXPECT_EQ(5, runs);
 }
 
 TEST_F(ProcessCollector, reapsNoChildWhileTheListenerRuns) {
     Event entered;
     Event leave;
-    CallingListener slow([&](ExitState const&) {
+    RecordingListener slow([&](ExitState const&) {
         entered.set();
         EXPECT_TRUE(leave.wait());
     });
@@ -535,10 +468,11 @@ TEST_F(ProcessCollector, reapsNoChildWhileTheListenerRuns) {
 
 TEST_F(ProcessCollector, allowsAWaiterOrTheListenerToDestroyTheObjectDuringTheListener) {
     for (bool const by_waiter : {true, false}) {
+        SCOPED_TRACE(by_waiter ? "by a waiter" : "by the listener");
         Event entered;
         Event destroyed;
         auto process = std::make_unique<ProcessTNG>();
-        CallingListener listener([&](ExitState const& state) {
+        RecordingListener listener([&](ExitState const& state) {
             EXPECT_TRUE(hasExitedWith(state, 6)); // A copy.
             entered.set();
             if (by_waiter) {
@@ -559,20 +493,6 @@ TEST_F(ProcessCollector, allowsAWaiterOrTheListenerToDestroyTheObjectDuringTheLi
         EXPECT_TRUE(listener.waitForCalls());
         EXPECT_EQ(nullptr, process);
     }
-}
-
-TEST_F(ProcessCollector, callsTheListenerThatIsSetAtTheEnd) {
-    RecordingListener first;
-    RecordingListener second;
-    HeldProbe held;
-    ProcessTNG process;
-    held.set(process);
-    process.setExitListener(&first);
-    EXPECT_GT(process.start(), 0);
-    process.setExitListener(&second);
-    held.release();
-    EXPECT_TRUE(second.waitForCalls(1));
-    EXPECT_EQ(0, first.calls);
 }
 
 } // namespace

@@ -1,11 +1,9 @@
 #include "processes/ProcessSupport.h"
 
 #include "support/CleanEnd.h"
-#include "support/Inject.h"
 
 #include <vesk/FileAccessError.h>
 
-#include <cstring>
 #include <sys/wait.h>
 
 namespace {
@@ -19,37 +17,16 @@ std::string g_open_mode;
 
 } // namespace
 
-support::Injected inject_readlink("readlink");
-extern "C" VESK_UNWATCHED ssize_t readlink(char const* path, char* buffer, size_t size) noexcept {
-    int error = 0;
-    if (inject_readlink.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    if (g_link != nullptr) {
-        size_t const length = std::min(size, g_link->size());
-        memcpy(buffer, g_link->data(), length);
-        return static_cast<ssize_t>(length);
-    }
-    return reinterpret_cast<ssize_t (*)(char const*, char*, size_t)>(inject_readlink.getReal())(
-        path, buffer, size);
-}
-
+VESK_INJECT_NOTING(
+    ssize_t, -1, readlink, (char const* path, char* buffer, size_t size), (path, buffer, size),
+    if (g_link != nullptr) { return static_cast<ssize_t>(g_link->copy(buffer, size)); })
 VESK_INJECT_OPEN(g_open_flags = flags;
                  path = g_proc != nullptr && strcmp(path, "/proc") == 0 ? g_proc->c_str() : path)
 
-support::Injected inject_fopen("fopen");
-extern "C" VESK_UNWATCHED FILE* fopen(char const* path, char const* mode) {
-    int error = 0;
-    if (inject_fopen.fails(error)) {
-        errno = error;
-        return nullptr;
-    }
-    g_open_mode = mode;
-    std::string const real =
-        g_proc != nullptr && strncmp(path, "/proc/", 6) == 0 ? *g_proc + (path + 5) : std::string(path);
-    return reinterpret_cast<FILE* (*)(char const*, char const*)>(inject_fopen.getReal())(real.c_str(), mode);
-}
+VESK_INJECT_NOTING(FILE*, nullptr, fopen, (char const* path, char const* mode), (real.c_str(), mode),
+                   g_open_mode = mode;
+                   bool const is_proc = g_proc != nullptr && strncmp(path, "/proc/", 6) == 0;
+                   std::string const real = is_proc ? *g_proc + (path + 5) : std::string(path))
 
 namespace {
 
@@ -59,19 +36,19 @@ using Pids = std::vector<int>;
 
 class ProcessQueries : public ProcessTest {
 protected:
-    void SetUp() override { g_link = g_proc = nullptr; }
     void TearDown() override {
-        g_link = g_proc = nullptr;
+        g_link = nullptr;
         ProcessTest::TearDown();
     }
 };
 
 TEST_F(ProcessQueries, theOwnIdAndNameAreThoseOfTheProgramAndTheNameIsReadOnce) {
     EXPECT_EQ(getpid(), ProcessTNG::getOwnProcessId());
-    std::string const path = readLink("/proc/self/exe");
+    std::string const path = std::filesystem::read_symlink("/proc/self/exe");
     EXPECT_EQ('/', path[0]);
     EXPECT_TRUE(contains(path, "test_processes_ProcessQueries"));
     for (bool const fails : {true, false}) {
+        SCOPED_TRACE(fails ? "the name cannot be read" : "the name is read");
         {
             Fault const fault(inject_readlink, fails ? EACCES : 0);
             for (int i = 0; i < 3; ++i) {
@@ -98,25 +75,23 @@ TEST_F(ProcessQueries, anOwnNameThatFillsTheBufferLosesItsLastByte) {
 }
 
 TEST_F(ProcessQueries, theOwnNameIsTheSameForManyFirstCallers) {
-    std::string const expected = readLink("/proc/self/exe");
+    std::string const expected = std::filesystem::read_symlink("/proc/self/exe");
     runInThreads(8, [&](int) { EXPECT_EQ(expected, ProcessTNG::getOwnProcessName()); });
 }
 
 TEST_F(ProcessQueries, aProcessExistsUntilItIsReaped) {
     EXPECT_EQ(0, ProcessTNG::existsProcess(getpid()));
-    pid_t const pid = fork();
-    if (pid == 0) {
-        _exit(0);
-    }
+    Process process([] {});
+    pid_t const pid = process.getId();
     EXPECT_EQ(0, ProcessTNG::existsProcess(pid));
-    EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+    EXPECT_EQ(0, process.join());
     EXPECT_EQ(1, ProcessTNG::existsProcess(pid));
     EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(ProcessQueries, aProcessOfAnotherUserExistsAndCannotBeKilled) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can become somebody else";
+        GTEST_SKIP() << "only root can become another user";
     }
     expectInChild([] {
         EXPECT_EQ(0, setuid(65534));
@@ -139,16 +114,11 @@ TEST_F(ProcessQueries, idsBelowOneAreThoseOfGroups) {
 
 TEST_F(ProcessQueries, killProcessEndsAProcessBySignal) {
     for (int const signal : {SIGTERM, SIGKILL}) {
-        Process process([] {
-            for (;;) {
-                pause();
-            }
-        });
+        SCOPED_TRACE(strsignal(signal));
+        Process process([] { pause(); });
         EXPECT_FALSE(ProcessTNG::killProcess(process.getId(), signal == SIGTERM));
-        int status = 0;
-        EXPECT_EQ(process.getId(), waitpid(process.getId(), &status, 0));
-        EXPECT_TRUE(WIFSIGNALED(status));
-        EXPECT_EQ(signal, WTERMSIG(status));
+        EXPECT_EQ(-1, process.join());
+        EXPECT_EQ(signal, process.getSignal());
         EXPECT_TRUE(ProcessTNG::killProcess(0x7ffffff0, signal == SIGTERM));
         EXPECT_TRUE(causeIs(ProcessTNG::ErrorId::NOT_FOUND, ESRCH));
     }
@@ -269,7 +239,7 @@ TEST_F(ProcessQueries, allProcessesOfANameAreAppended) {
 }
 
 TEST_F(ProcessQueries, theCallerAndAChildOfTheLibraryAreFoundByTheirPrograms) {
-    std::string own = readFile("/proc/self/cmdline");
+    std::string own = contentOf("/proc/self/cmdline");
     own.resize(strlen(own.c_str()));
     EXPECT_TRUE(isFoundByProgram(own, getpid()));
     HeldChild const child;
@@ -293,15 +263,14 @@ public:
     ~FakeProc() { g_proc = nullptr; }
 
     void add(std::string const& entry, std::string const& command, bool with_command = true) {
-        EXPECT_EQ(0, mkdir((m_dir / entry).c_str(), 0700));
+        m_dir.makeFolder(entry);
         if (with_command) {
-            writeFile(m_dir / (entry + "/cmdline"), command);
+            m_dir.makeFile(entry + "/cmdline", command);
         }
     }
 
 private:
-    // In memory: a 32-bit program under an emulator can read the directory positions there.
-    TempDir m_dir{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp"};
+    TempFolder m_dir;
     std::string m_path = m_dir / "";
 };
 

@@ -1,43 +1,17 @@
 #pragma once
 
 #include "ProbeCommand.h"
-#include "support/Chain.h"
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/Privileges.h"
 #include "support/Processes.h"
-#include "support/RunInThreads.h"
 #include "support/Sleeper.h"
+#include "support/TempFolder.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/ProcessTNG.h>
-#include <vesk/SysError.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <initializer_list>
 #include <map>
-#include <pthread.h>
-#include <sstream>
-#include <string>
-#include <sys/stat.h>
-#include <thread>
-#include <unistd.h>
-#include <utility>
-#include <vector>
 
 /// Support for the tests of child processes.
 namespace support {
@@ -52,6 +26,12 @@ constexpr int SLOWDOWN = 10;
 #else
 constexpr int SLOWDOWN = IS_EMULATED ? 50 : 1;
 #endif
+
+/// What a process without a collector, or without the means to find its own name, reports.
+constexpr char const* NO_IMPL = "Unable to initialize VESK: \"process impl. object is invalid\" failed";
+constexpr char const* NO_STATIC_IMPL =
+    "Unable to initialize VESK: \"process static impl. object is invalid\" failed";
+constexpr char const* NO_START = "ASSERT framework/src/vesk/posix/ProcessTNG start: g_process_impl";
 
 /// Returns the path of the probe's command line: of the probe itself or of the program that runs it.
 inline std::string getProbePath() {
@@ -75,38 +55,6 @@ inline testing::AssertionResult contains(std::string const& text, std::string co
     return text.find(part) != std::string::npos ? testing::AssertionSuccess()
                                                 : testing::AssertionFailure() << part << " not in " << text;
 }
-
-inline std::string readFile(std::string const& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-inline void writeFile(std::string const& path, std::string const& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-/// A temporary directory, removed with its content by the destructor.
-class TempDir {
-public:
-    explicit TempDir(std::string const& parent = "/tmp") : m_path(parent + "/vesk-process-XXXXXX") {
-        if (mkdtemp(m_path.data()) == nullptr) {
-            abort();
-        }
-    }
-    ~TempDir() {
-        std::error_code error;
-        std::filesystem::remove_all(m_path, error);
-    }
-    TempDir(TempDir const&) = delete;
-    TempDir& operator=(TempDir const&) = delete;
-
-    std::string operator/(std::string const& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
 
 /// A pipe. Children inherit only the given end.
 class ProcessPipe {
@@ -136,16 +84,11 @@ public:
         closeWriteEnd();
         std::string text;
         char buffer[4096];
-        for (;;) {
-            ssize_t const count = read(getReadEnd(), buffer, sizeof buffer);
-            if (count < 0 && errno == EINTR) {
-                continue;
-            }
-            if (count <= 0) {
-                return text;
-            }
+        ssize_t count = 0;
+        while ((count = TEMP_FAILURE_RETRY(read(getReadEnd(), buffer, sizeof buffer))) > 0) {
             text.append(buffer, static_cast<size_t>(count));
         }
+        return text;
     }
 
 private:
@@ -266,7 +209,7 @@ public:
 class Sight {
 public:
     explicit Sight(std::string const& path) {
-        std::istringstream text(readFile(path));
+        std::istringstream text(contentOf(path));
         std::string key;
         size_t length = 0;
         while (text >> key >> length) {
@@ -302,7 +245,7 @@ private:
 
 /// Starts the probe with the settings of an object. Returns its output.
 inline Sight look(ProcessTNG& process, std::vector<std::string> const& arguments = {}) {
-    TempDir const dir;
+    TempFolder const dir;
     std::vector<std::string> all = {"tell", dir / "sight"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     setProbe(process, all);
@@ -310,24 +253,14 @@ inline Sight look(ProcessTNG& process, std::vector<std::string> const& arguments
     return Sight(dir / "sight");
 }
 
-/// Returns the target of a link.
-inline std::string readLink(std::string const& path) {
-    char target[256] = "";
-    ssize_t const length = readlink(path.c_str(), target, sizeof target - 1);
-    return std::string(target, length > 0 ? static_cast<size_t>(length) : 0);
-}
-
 /// Returns the kernel's ids of the collectors of the process.
 inline std::vector<pid_t> getCollectors() {
     std::vector<pid_t> collectors;
-    if (DIR* const directory = opendir("/proc/self/task")) {
-        while (dirent const* const entry = readdir(directory)) {
-            if (entry->d_name[0] != '.' &&
-                readFile(std::string("/proc/self/task/") + entry->d_name + "/comm") == "rocessCollector\n") {
-                collectors.push_back(atoi(entry->d_name));
-            }
+    std::error_code error;
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/task", error)) {
+        if (contentOf(entry.path() / "comm") == "rocessCollector\n") {
+            collectors.push_back(std::stoi(entry.path().filename()));
         }
-        closedir(directory);
     }
     return collectors;
 }
@@ -354,19 +287,36 @@ inline void waitForCollector() {
     waitUntilAsleep(getpid(), collector);
 }
 
-/// Records the ends that the listener receives.
+/// Records the ends of children. Runs a body, if any, at each of them.
 class RecordingListener : public ProcessTNG::ExitListener {
 public:
+    explicit RecordingListener(std::function<void(ExitState const&)> body = nullptr)
+        : m_body(std::move(body)) {}
+
     void processExited(ExitState const* state) override {
         last = *state;
-        ++calls;
+        if (m_body) {
+            m_body(*state);
+        }
+        ++calls; // Last: tests wait for it as the end of the call.
     }
-    bool waitForCalls(int count) const {
-        return eventually([this, count] { return calls.load() >= count; });
+    /// Starts a child with this listener that exits with `code`. Returns its id.
+    int start(ProcessTNG& process, int code) {
+        process.setExitListener(this);
+        setExit(process, code);
+        int const pid = process.start();
+        EXPECT_GT(pid, 0);
+        return pid;
+    }
+    bool waitForCalls(int count = 1) const {
+        return eventually([this, count] { return calls >= count; });
     }
 
     ExitState last;
     std::atomic<int> calls{0};
+
+private:
+    std::function<void(ExitState const&)> m_body;
 };
 
 /// Runs the library for each test, as in every process that starts children. Ends the collector after each

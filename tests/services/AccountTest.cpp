@@ -1,19 +1,12 @@
 #include "support/CleanEnd.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/Group.h>
 #include <vesk/User.h>
 
-#include <gtest/gtest.h>
-
-#include <climits>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/resource.h>
-#include <tuple>
-#include <type_traits>
 
 /// `User` and `Group` have the same contract, each for its own database: every test runs for both.
 
@@ -122,21 +115,13 @@ class AccountTest : public testing::Test {
 protected:
     using Row = typename Traits<Account>::Row;
 
-    /// An entry with this name and id.
-    class Entry {
-    public:
-        Entry(std::string name, unsigned int id) : m_name(std::move(name)) {
-            m_entry.*Traits<Account>::NAME = m_name.data();
-            m_entry.*Traits<Account>::ID = id;
-            s_entry<Row> = &m_entry;
-        }
-        Entry(Entry const&) = delete;
-        Entry& operator=(Entry const&) = delete;
-
-    private:
-        std::string m_name;
-        Row m_entry = {};
-    };
+    /// Makes every look-up find an entry with this name and id.
+    void setEntry(std::string const& name, unsigned int id) {
+        m_name = name;
+        m_entry.*Traits<Account>::NAME = m_name.data();
+        m_entry.*Traits<Account>::ID = id;
+        s_entry<Row> = &m_entry;
+    }
 
     /// Looks an entry up both ways.
     static void expectFound(std::string const& name, long long id) {
@@ -164,6 +149,10 @@ protected:
     Injected& m_by_id = Traits<Account>::BY_ID;
     Injected& m_by_name = Traits<Account>::BY_NAME;
     std::vector<size_t> m_sizes;
+
+private:
+    std::string m_name;
+    Row m_entry = {};
 };
 
 struct Names {
@@ -203,27 +192,26 @@ TYPED_TEST(AccountTest, largestIdIsLookedUpAndImpossibleOnesAreNot) {
         EXPECT_EQ("", TypeParam::id2name(id)) << id;
     }
     EXPECT_TRUE(this->m_sizes.empty());
-    typename TestFixture::Entry const entry("largest", 4294967295u);
+    this->setEntry("largest", 4294967295u);
     this->expectFound("largest", 4294967295LL);
 }
 
-TYPED_TEST(AccountTest, bufferHasTheAdvisedSizeOr256Bytes) {
-    typename TestFixture::Entry const entry("root", 0);
-    s_advice = 777;
-    this->expectFound("root", 0);
-    Fault const fault(inject_sysconf, EINVAL, 1, Fault::FOREVER);
-    this->expectFound("root", 0);
-    EXPECT_EQ((std::vector<size_t>{777, 777, 256, 256}), this->m_sizes);
-    EXPECT_EQ(2, fault.getCalls());
-}
-
-TYPED_TEST(AccountTest, tooSmallBufferIsDoubled) {
-    Fault const advices(inject_sysconf, 0);
-    s_advice = 100;
-    typename TestFixture::Entry const entry(std::string(1000, 'n'), 5);
-    this->expectFound(std::string(1000, 'n'), 5);
-    EXPECT_EQ((std::vector<size_t>{100, 200, 400, 800, 1600, 100, 200, 400, 800, 1600}), this->m_sizes);
-    EXPECT_EQ(2, advices.getCalls()) << "once per look-up";
+TYPED_TEST(AccountTest, bufferHasTheAdvisedSizeOr256BytesAndIsDoubledUntilTheEntryFits) {
+    std::string const name(1000, 'n');
+    this->setEntry(name, 5);
+    std::pair<long, std::vector<size_t>> const rows[] = {
+        {1777, {1777}}, {100, {100, 200, 400, 800, 1600}}, {0, {256, 512, 1024}}};
+    for (auto const& [advice, sizes] : rows) {
+        s_advice = advice;
+        Fault const advices(inject_sysconf, advice == 0 ? EINVAL : 0, 1, Fault::FOREVER);
+        for (bool const by_id : {true, false}) {
+            SCOPED_TRACE(std::to_string(advice) + (by_id ? " by id" : " by name"));
+            this->m_sizes.clear();
+            EXPECT_TRUE(by_id ? TypeParam::id2name(5) == name : TypeParam::name2id(name) == 5);
+            EXPECT_EQ(sizes, this->m_sizes);
+        }
+        EXPECT_EQ(2, advices.getCalls()) << "once per look-up";
+    }
 }
 
 TYPED_TEST(AccountTest, bufferOfOneByteGrowsUntilARealEntryFits) {
@@ -280,7 +268,7 @@ TYPED_TEST(AccountTest, lookUpsOfManyThreadsDoNotDisturbEachOther) {
 }
 
 TYPED_TEST(AccountTest, objectWithAnIdAndItsCopyLookTheNameUpOnce) {
-    typename TestFixture::Entry const entry("root", 0);
+    this->setEntry("root", 0);
     Fault const calls(this->m_by_id, 0);
     TypeParam const object(0LL);
     EXPECT_TRUE(object.isIdKnown());
@@ -297,7 +285,7 @@ TYPED_TEST(AccountTest, objectWithAnIdAndItsCopyLookTheNameUpOnce) {
 }
 
 TYPED_TEST(AccountTest, objectWithANameLooksItsIdUpOnce) {
-    typename TestFixture::Entry const entry("root", 0);
+    this->setEntry("root", 0);
     Fault const calls(this->m_by_name, 0);
     TypeParam const object(std::string("root"));
     EXPECT_FALSE(object.isIdKnown());

@@ -1,11 +1,7 @@
 #include "support/CleanEnd.h"
-#include "support/Privileges.h"
+#include "support/Testing.h"
 
 #include <vesk/Environment.h>
-
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 
 namespace {
 

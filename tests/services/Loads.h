@@ -1,14 +1,8 @@
 #pragma once
 
-#include "support/Chain.h"
+#include "support/Testing.h"
 
-#include <vesk/SysError.h>
 #include <vesk/Time.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <string>
 
 /// Reports that the loads of a process and of the system have in common.
 
@@ -18,9 +12,6 @@ inline testing::AssertionResult isInvalidParameter(char const* name) {
     using vesk::SysErrorId::INVALID_PARAMETER;
     return chainIs({{INVALID_PARAMETER, rowText(INVALID_PARAMETER, name)}});
 }
-
-/// The error numbers of a failure to read the clock.
-inline auto const CLOCK_ERRORS = testing::Values(EINVAL, EFAULT);
 
 /// Checks that the pending chain is a query that fails because of the clock. Acknowledges the chain.
 inline testing::AssertionResult isClockFailure(int error) {

@@ -1,17 +1,7 @@
 #include "services/FakeProc.h"
-
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/ProcessInfo.h>
-
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
 
 // Each process queries the sizes of ticks and pages once. The tests run in children, which have not queried them yet.
 
@@ -39,62 +29,56 @@ namespace {
 using namespace support;
 using vesk::ProcessInfo;
 
-TEST(ProcessInfoOnce, sizesOfTicksAndPagesAreQueried) {
-    expectInChild([] {
-        FakeDaemon const proc;
-        s_ticks = 1000;
-        s_page_size = 65536;
-        for (int round = 0; round < 3; ++round) {
-            ProcessInfo const info = takeSnapshot();
-            EXPECT_TRUE(info.valid);
-            EXPECT_EQ(300u, info.user_time);
-            EXPECT_EQ(250u, info.system_time);
-            EXPECT_EQ(33u * 65536, info.resident);
-            // Later answers of the system have no effect.
-            s_ticks = 1;
-            s_page_size = 1;
+VESK_TEST_BY(expectInChild, ProcessInfoOnce, sizesOfTicksAndPagesAreQueried) {
+    FakeDaemon const proc;
+    s_ticks = 1000;
+    s_page_size = 65536;
+    for (int round = 0; round < 3; ++round) {
+        ProcessInfo const info = takeSnapshot();
+        EXPECT_TRUE(info.valid);
+        EXPECT_EQ(300u, info.user_time);
+        EXPECT_EQ(250u, info.system_time);
+        EXPECT_EQ(33u * 65536, info.resident);
+        // Later answers of the system have no effect.
+        s_ticks = 1;
+        s_page_size = 1;
+    }
+    EXPECT_EQ(1, s_tick_calls);
+    EXPECT_EQ(1, s_page_calls);
+}
+
+VESK_TEST_BY(expectInChild, ProcessInfoOnce, sizesAreQueriedOnceByThreadsAtTheSameTime) {
+    s_ticks = 1000;
+    s_page_size = 65536;
+    std::atomic<int> waiting{8};
+    runInThreads(8, [&waiting](int) {
+        ProcessInfo info(getppid());
+        --waiting;
+        while (waiting > 0) {
+            std::this_thread::yield();
         }
-        EXPECT_EQ(1, s_tick_calls);
-        EXPECT_EQ(1, s_page_calls);
+        info.init();
+        EXPECT_TRUE(info.valid);
+        EXPECT_LT(0u, info.resident);
+        EXPECT_EQ(0u, info.resident % 65536);
     });
+    EXPECT_EQ(1, s_tick_calls);
+    EXPECT_EQ(1, s_page_calls);
 }
 
-TEST(ProcessInfoOnce, sizesAreQueriedOnceByThreadsAtTheSameTime) {
-    expectInChild([] {
-        s_ticks = 1000;
-        s_page_size = 65536;
-        std::atomic<int> waiting{8};
-        runInThreads(8, [&waiting](int) {
-            ProcessInfo info(getppid());
-            --waiting;
-            while (waiting > 0) {
-                std::this_thread::yield();
-            }
-            info.init();
-            EXPECT_TRUE(info.valid);
-            EXPECT_LT(0u, info.resident);
-            EXPECT_EQ(0u, info.resident % 65536);
-        });
-        EXPECT_EQ(1, s_tick_calls);
-        EXPECT_EQ(1, s_page_calls);
-    });
-}
-
-TEST(ProcessInfoOnce, missingPageSizeTripsAnAssertionEachTime) {
-    expectInChild([] {
-        FakeDaemon const proc;
-        s_page_size = -1;
-        EventRecorder const recorder;
-        ProcessInfo info(PID);
-        info.init();
-        EXPECT_EQ("ASSERT framework/src/vesk/linux/ProcessInfo init: page_size != -1", recorder.getText());
-        EXPECT_TRUE(info.valid) << "the code behind the assertion goes on";
-        EXPECT_EQ(31u, info.available);
-        info.init();
-        EXPECT_EQ(2u, recorder.getCount());
-        EXPECT_EQ(1, s_page_calls);
-        EXPECT_FALSE(std::ErrorStorage::isError(true));
-    });
+VESK_TEST_BY(expectInChild, ProcessInfoOnce, missingPageSizeTripsAnAssertionEachTime) {
+    FakeDaemon const proc;
+    s_page_size = -1;
+    EventRecorder const recorder;
+    ProcessInfo info(PID);
+    info.init();
+    EXPECT_EQ("ASSERT framework/src/vesk/linux/ProcessInfo init: page_size != -1", recorder.getText());
+    EXPECT_TRUE(info.valid) << "the code behind the assertion goes on";
+    EXPECT_EQ(31u, info.available);
+    info.init();
+    EXPECT_EQ(2u, recorder.getCount());
+    EXPECT_EQ(1, s_page_calls);
+    EXPECT_FALSE(std::ErrorStorage::isError(true));
 }
 
 } // namespace

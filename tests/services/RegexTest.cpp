@@ -1,19 +1,10 @@
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/Regex.h>
 #include <vesk/RegexHandle.h>
 
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
 #include <regex.h>
-#include <type_traits>
 
 namespace {
 
@@ -76,21 +67,19 @@ TEST(Regex, reportsHaveTheirTextsAndNoParentFamily) {
     std::ErrorStorage::ack();
 }
 
-class RegexFlags : public testing::TestWithParam<std::pair<unsigned int, int>> {};
-
-TEST_P(RegexFlags, becomeTheFlagsOfTheSystem) {
-    Regex regex;
-    EXPECT_EQ(0, regex.compile("a", GetParam().first));
-    EXPECT_EQ(GetParam().second, s_flags);
-    EXPECT_TRUE(regex.isValid());
+TEST(Regex, flagsBecomeThoseOfTheSystem) {
+    for (auto const& [flags, system_flags] :
+         {std::pair(0u, REG_EXTENDED | REG_NOSUB),
+          {1u, REG_EXTENDED | REG_NOSUB | REG_ICASE},
+          {2u, REG_EXTENDED},
+          {3u, REG_EXTENDED | REG_ICASE},
+          {0xFFFFFFFCu, REG_EXTENDED | REG_NOSUB}}) {
+        Regex regex;
+        EXPECT_EQ(0, regex.compile("a", flags));
+        EXPECT_EQ(system_flags, s_flags) << flags;
+        EXPECT_TRUE(regex.isValid()) << flags;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, RegexFlags,
-    testing::Values(
-        std::pair(0u, REG_EXTENDED | REG_NOSUB), std::pair(1u, REG_EXTENDED | REG_NOSUB | REG_ICASE),
-        std::pair(2u, REG_EXTENDED), std::pair(3u, REG_EXTENDED | REG_ICASE),
-        std::pair(0xFFFFFFFCu, REG_EXTENDED | REG_NOSUB)));
 
 TEST(Regex, freesEachExpressionOnce) {
     s_frees = 0;
@@ -115,8 +104,6 @@ struct CompileRow : NamedRow {
     int fault = 0; ///< Of regcomp.
 };
 
-class RegexFailedCompile : public testing::TestWithParam<CompileRow> {};
-
 std::vector<ExpectedReport> syntaxError(int code) {
     return {reportOf(Regex::ErrorId::SYNTAX_ERROR, code)};
 }
@@ -124,8 +111,25 @@ std::vector<ExpectedReport> exhaustion(int code) {
     return {std::CommonErrorId::OUT_OF_MEMORY, reportOf(Regex::ErrorId::OUT_OF_MEMORY, code)};
 }
 
-TEST_P(RegexFailedCompile, isReportedAndDiscardsAnEarlierExpression) {
+CompileRow const FAILED_COMPILES[] = {
+    {"null", nullptr, {contractBroken("NULL pointer given for pattern")}},
+    {"openGroup", "(", syntaxError(REG_EPAREN)},
+    {"openGroupWithALetter", "(a", syntaxError(REG_EPAREN)},
+    {"openBracket", "[a", syntaxError(REG_EBRACK)},
+    {"unknownClass", "[[:nothing:]]", syntaxError(REG_ECTYPE)},
+    {"wrongRange", "[b-a]", syntaxError(REG_ERANGE)},
+    {"backslashAtTheEnd", "a\\", syntaxError(REG_EESCAPE)},
+    {"wrongCount", "a{2,1}", syntaxError(REG_BADBR)},
+    {"wrongReference", "(a)\\2", syntaxError(REG_ESUBREG)},
+    {"tooLargeForTheSystem", "a{40000}", exhaustion(0)},
+    {"noSpace", "a", exhaustion(REG_ESPACE), REG_ESPACE},
+    {"size", "a", exhaustion(REG_ESIZE), REG_ESIZE},
+};
+
+VESK_TEST_TABLE(
+    RegexFailedCompile, isReportedAndDiscardsAnEarlierExpression, testing::Test, FAILED_COMPILES) {
     for (bool const pending : {false, true}) {
+        SCOPED_TRACE(pending);
         Regex regex;
         ASSERT_EQ(0, regex.compile("a", Regex::SUB_MATCHES));
         s_frees = 0;
@@ -152,27 +156,6 @@ TEST_P(RegexFailedCompile, isReportedAndDiscardsAnEarlierExpression) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, RegexFailedCompile,
-    rowsOf<CompileRow>({
-        {"null",
-         nullptr,
-         {{std::CommonErrorId::CONTRACT_BROKEN,
-           rowText(std::CommonErrorId::CONTRACT_BROKEN, "NULL pointer given for pattern")}}},
-        {"openGroup", "(", syntaxError(REG_EPAREN)},
-        {"openGroupWithALetter", "(a", syntaxError(REG_EPAREN)},
-        {"openBracket", "[a", syntaxError(REG_EBRACK)},
-        {"unknownClass", "[[:nothing:]]", syntaxError(REG_ECTYPE)},
-        {"wrongRange", "[b-a]", syntaxError(REG_ERANGE)},
-        {"backslashAtTheEnd", "a\\", syntaxError(REG_EESCAPE)},
-        {"wrongCount", "a{2,1}", syntaxError(REG_BADBR)},
-        {"wrongReference", "(a)\\2", syntaxError(REG_ESUBREG)},
-        {"tooLargeForTheSystem", "a{40000}", exhaustion(0)},
-        {"noSpace", "a", exhaustion(REG_ESPACE), REG_ESPACE},
-        {"size", "a", exhaustion(REG_ESIZE), REG_ESIZE},
-    }),
-    byName);
-
 struct MatchRow : NamedRow {
     char const* pattern;
     unsigned int flags;
@@ -183,9 +166,27 @@ struct MatchRow : NamedRow {
     std::vector<std::string> found = {};
 };
 
-class RegexMatch : public testing::TestWithParam<MatchRow> {};
+std::vector<std::string> const VERSION = {"4+7 v12.345", "5+2 12", "8+3 345"};
 
-TEST_P(RegexMatch, returnsWhetherTheSubjectMatchesAndSetsTheRequestedSubMatches) {
+MatchRow const MATCHES[] = {
+    {"match", "^a+b$", 0, "aaab", 0},
+    {"noMatch", "^a+b$", 0, "aaabc", 1},
+    {"emptySubject", "^a+b$", 0, "", 1},
+    {"emptyPatternAndSubject", "", 0, "", 0},
+    {"emptyPattern", "", 0, "abc", 0},
+    {"otherCase", "Abc", 0, "aBC", 1},
+    {"ignoredCase", "Abc", Regex::IGNORE_CASE, "aBC", 0},
+    {"allSubMatches", "v([0-9]+)\\.([0-9]+)", SUB, "lib v12.345 beta", 0, 3, VERSION},
+    {"emptySubMatch", "a(b*)c", SUB, "xac", 0, 2, {"1+2 ac", "2+0 "}},
+    {"otherAlternativeIsNotSet", "(a)|(b)", SUB, "b", 0, 3, {"0+1 b", "", "0+1 b"}},
+    {"moreThanTheExpressionHas", "b", SUB, "abc", 0, 1, {"1+1 b", "", "", ""}},
+    {"fewerThanTheExpressionHas", "(a)(b)(c)", SUB, "abc", 0, 4, {"0+3 abc", "0+1 a"}},
+    {"noSubMatches", "(a)", SUB, "a", 0, 2},
+    {"noSubMatchesWithoutTheFlag", "(a)", 0, "a", 0},
+};
+
+VESK_TEST_TABLE(
+    RegexMatch, returnsWhetherTheSubjectMatchesAndSetsTheRequestedSubMatches, testing::Test, MATCHES) {
     auto const& row = GetParam();
     Regex regex;
     ASSERT_EQ(0, regex.compile(row.pattern, row.flags));
@@ -209,32 +210,6 @@ TEST_P(RegexMatch, returnsWhetherTheSubjectMatchesAndSetsTheRequestedSubMatches)
     EXPECT_EQ(row.result, regex.match(row.subject, nullptr, 5));
     EXPECT_EQ(0u, s_room);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, RegexMatch,
-    rowsOf<MatchRow>({
-        {"match", "^a+b$", 0, "aaab", 0},
-        {"noMatch", "^a+b$", 0, "aaabc", 1},
-        {"emptySubject", "^a+b$", 0, "", 1},
-        {"emptyPatternAndSubject", "", 0, "", 0},
-        {"emptyPattern", "", 0, "abc", 0},
-        {"otherCase", "Abc", 0, "aBC", 1},
-        {"ignoredCase", "Abc", Regex::IGNORE_CASE, "aBC", 0},
-        {"allSubMatches",
-         "v([0-9]+)\\.([0-9]+)",
-         2,
-         "lib v12.345 beta",
-         0,
-         3,
-         {"4+7 v12.345", "5+2 12", "8+3 345"}},
-        {"emptySubMatch", "a(b*)c", SUB, "xac", 0, 2, {"1+2 ac", "2+0 "}},
-        {"otherAlternativeIsNotSet", "(a)|(b)", SUB, "b", 0, 3, {"0+1 b", "", "0+1 b"}},
-        {"moreThanTheExpressionHas", "b", SUB, "abc", 0, 1, {"1+1 b", "", "", ""}},
-        {"fewerThanTheExpressionHas", "(a)(b)(c)", SUB, "abc", 0, 4, {"0+3 abc", "0+1 a"}},
-        {"noSubMatches", "(a)", SUB, "a", 0, 2},
-        {"noSubMatchesWithoutTheFlag", "(a)", 0, "a", 0},
-    }),
-    byName);
 
 TEST(Regex, subMatchIsNotSetBeforeItsFirstAndAfterAFailedMatch) {
     SubMatch found[2];
@@ -269,24 +244,23 @@ TEST(Regex, matchThatBreaksTheContractFailsWithoutACallOfTheSystem) {
     EXPECT_EQ(0, regex.match("a")) << "the expression stays usable";
 }
 
-class RegexCodes : public testing::TestWithParam<int> {};
-
-TEST_P(RegexCodes, failedMatchIsReported) {
-    reportBefore();
-    Regex regex;
-    ASSERT_EQ(0, regex.compile("(a)", Regex::SUB_MATCHES));
-    SubMatch found[2];
-    ASSERT_EQ(0, regex.match("a", found));
-    Fault const fault(inject_regexec, GetParam(), 1, 2);
-    EXPECT_EQ(-1, regex.match("a"));
-    EXPECT_TRUE(chainIs({reportOf(Regex::ErrorId::MATCH_FAILED, GetParam())}));
-    EXPECT_EQ(-1, regex.match("a", found));
-    EXPECT_TRUE(chainIs({reportOf(Regex::ErrorId::MATCH_FAILED, GetParam())}));
-    EXPECT_FALSE(found[0].isSet());
-    EXPECT_EQ(0, regex.match("a"));
+TEST(Regex, failedMatchIsReported) {
+    for (int const code : {REG_ESPACE, REG_ESIZE, REG_BADPAT, REG_EPAREN}) {
+        SCOPED_TRACE(code);
+        reportBefore();
+        Regex regex;
+        ASSERT_EQ(0, regex.compile("(a)", Regex::SUB_MATCHES));
+        SubMatch found[2];
+        ASSERT_EQ(0, regex.match("a", found));
+        Fault const fault(inject_regexec, code, 1, 2);
+        EXPECT_EQ(-1, regex.match("a"));
+        EXPECT_TRUE(chainIs({reportOf(Regex::ErrorId::MATCH_FAILED, code)}));
+        EXPECT_EQ(-1, regex.match("a", found));
+        EXPECT_TRUE(chainIs({reportOf(Regex::ErrorId::MATCH_FAILED, code)}));
+        EXPECT_FALSE(found[0].isSet());
+        EXPECT_EQ(0, regex.match("a"));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(All, RegexCodes, testing::Values(REG_ESPACE, REG_ESIZE, REG_BADPAT, REG_EPAREN));
 
 TEST(Regex, objectCanBeUsedByManyThreads) {
     Regex regex;

@@ -1,21 +1,9 @@
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-#include "support/RunInThreads.h"
 #include "support/TempFolder.h"
+#include "support/Testing.h"
 
 #include <vesk/SecureRandom.h>
 #include <vesk/StreamBinFileR.h>
-
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
-#include <memory>
-#include <type_traits>
 
 namespace {
 
@@ -50,20 +38,9 @@ using namespace vesk;
 using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 
 /// Replaces the devices by a file with the bytes "0123456789ABCDEF".
-class FakeDevice {
-public:
-    FakeDevice() : m_file(m_folder.makeFile("device", "0123456789ABCDEF")) { s_device = m_file.c_str(); }
-    ~FakeDevice() {
-        s_device = nullptr;
-        s_most = 0;
-    }
-
-    FakeDevice(FakeDevice const&) = delete;
-    FakeDevice& operator=(FakeDevice const&) = delete;
-
-private:
-    TempFolder m_folder;
-    std::string m_file;
+struct FakeDevice : FileInstead {
+    FakeDevice() : FileInstead(s_device, "0123456789ABCDEF") {}
+    ~FakeDevice() { s_most = 0; }
 };
 
 /// Twenty bytes that are not in the fake device.
@@ -90,43 +67,37 @@ TEST(SecureRandom, isAStreamWithoutFieldsOfItsOwn) {
     EXPECT_FALSE(random.isValid());
 }
 
-class SecureRandomOpen : public testing::TestWithParam<std::pair<bool, char const*>> {};
-
-TEST_P(SecureRandomOpen, usesTheDeviceOfTheRequestedStrength) {
+TEST(SecureRandom, opensTheDeviceOfTheRequestedStrength) {
     FakeDevice const device;
-    SecureRandom const random(GetParam().first);
-    EXPECT_EQ(GetParam().second, s_path);
-    EXPECT_EQ(O_RDONLY, s_flags & (O_ACCMODE | O_NONBLOCK | O_CREAT));
-    EXPECT_TRUE(random.isValid());
+    for (auto const& [strong, path] : {std::pair(true, "/dev/random"), {false, "/dev/urandom"}}) {
+        SecureRandom const random(strong);
+        EXPECT_EQ(path, s_path);
+        EXPECT_EQ(O_RDONLY, s_flags & (O_ACCMODE | O_NONBLOCK | O_CREAT)) << path;
+        EXPECT_TRUE(random.isValid()) << path;
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, SecureRandomOpen, testing::Values(std::pair(true, "/dev/random"), std::pair(false, "/dev/urandom")));
-
-class SecureRandomErrnos : public testing::TestWithParam<ErrnoCase> {};
-
-TEST_P(SecureRandomErrnos, failedOpenIsReportedAndTheObjectIsInvalid) {
-    auto const random = [] {
-        Fault const fault(inject_open, GetParam().error);
-        return std::make_unique<SecureRandom>(false);
-    }();
-    EXPECT_FALSE(random->isValid());
-    EXPECT_TRUE(GetParam().isPending("/dev/urandom"));
-    unsigned char value = 7;
-    EXPECT_TRUE(random->getRandByte(value));
-    EXPECT_EQ(7, value);
-    EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN, StreamErrorId::UNUSABLE}));
+TEST(SecureRandom, failedOpenIsReportedAndTheObjectIsInvalid) {
+    for (ErrnoCase const& row :
+         {badPath(ENOENT),
+          accessDenied(EACCES),
+          {EMFILE, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
+          {ENXIO, SysErrorId::NO_DEVICE, FileAccessErrorId::NO_DEVICE},
+          {ENOMEM, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED}}) {
+        SCOPED_TRACE(strerrorname_np(row.error));
+        std::optional<SecureRandom> random;
+        {
+            Fault const fault(inject_open, row.error);
+            random.emplace(false);
+        }
+        EXPECT_FALSE(random->isValid());
+        EXPECT_TRUE(row.isPending("/dev/urandom"));
+        unsigned char value = 7;
+        EXPECT_TRUE(random->getRandByte(value));
+        EXPECT_EQ(7, value);
+        EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN, StreamErrorId::UNUSABLE}));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SecureRandomErrnos,
-    eachErrno({
-        {{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
-        {{EACCES}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
-        {{EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
-        {{ENXIO}, SysErrorId::NO_DEVICE, FileAccessErrorId::NO_DEVICE},
-        {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
-    }));
 
 struct ReadRow : NamedRow {
     size_t most; ///< Bytes per read.
@@ -138,9 +109,19 @@ struct ReadRow : NamedRow {
     std::vector<ExpectedReport> reports = {}; ///< Of the failure, if any.
 };
 
-class SecureRandomReads : public testing::TestWithParam<ReadRow> {};
+std::vector<ExpectedReport> const FAILED = {
+    {SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))},
+    StreamErrorId::TRANSFER_FAILED};
 
-TEST_P(SecureRandomReads, fillTheBufferInTheOrderOfTheDeviceUntilOneFails) {
+ReadRow const READS[] = {
+    {"one", 0, 5, 0, 1, "01234...............", "567"},
+    {"many", 3, 10, 0, 4, "0123456789..........", "ABC"},
+    {"interrupted", 3, 6, EINTR, 4, "012345..............", "678"},
+    {"failed", 3, 10, EIO, 2, "012.................", "345", FAILED},
+    {"ended", 0, 20, 0, 2, "0123456789ABCDEF....", "", {StreamErrorId::END_OF_STREAM}},
+};
+
+VESK_TEST_TABLE(SecureRandomReads, fillTheBufferInTheOrderOfTheDeviceUntilOneFails, testing::Test, READS) {
     FakeDevice const device;
     SecureRandom random(false);
     s_most = GetParam().most;
@@ -158,25 +139,6 @@ TEST_P(SecureRandomReads, fillTheBufferInTheOrderOfTheDeviceUntilOneFails) {
     EXPECT_EQ(GetParam().text.substr(3), block.getText().substr(3));
     std::ErrorStorage::ack();
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SecureRandomReads,
-    rowsOf<ReadRow>({
-        {"one", 0, 5, 0, 1, "01234...............", "567"},
-        {"many", 3, 10, 0, 4, "0123456789..........", "ABC"},
-        {"interrupted", 3, 6, EINTR, 4, "012345..............", "678"},
-        {"failed",
-         3,
-         10,
-         EIO,
-         2,
-         "012.................",
-         "345",
-         {{SysErrorId::INPUT_OUTPUT, rowText(SysErrorId::INPUT_OUTPUT, systemText(EIO))},
-          StreamErrorId::TRANSFER_FAILED}},
-        {"ended", 0, 20, 0, 2, "0123456789ABCDEF....", "", {StreamErrorId::END_OF_STREAM}},
-    }),
-    byName);
 
 TEST(SecureRandom, sizeOfZeroReadsNothing) {
     SecureRandom random(false);
@@ -223,29 +185,26 @@ TEST(SecureRandom, qualityIsZero) {
     EXPECT_EQ(0, random.GetQuality());
 }
 
-class SecureRandomDevices : public testing::TestWithParam<bool> {};
-
-TEST_P(SecureRandomDevices, returnDifferentNumbersAndEvenlySetBits) {
-    SecureRandom random(GetParam());
-    ASSERT_TRUE(random.isValid());
-    std::vector<unsigned long long> values(100);
-    for (unsigned long long& value : values) {
-        EXPECT_FALSE(random.getRandUInt64(value));
-    }
-    EXPECT_TRUE(areDifferent(values));
-    // Each bit is set in about half of so many bytes: 32,768 of 65,536, give or take 20 standard deviations.
-    std::vector<unsigned char> data(65536);
-    EXPECT_FALSE(random.getRandData(data.data(), static_cast<unsigned int>(data.size())));
-    for (int bit = 0; bit < 8; ++bit) {
-        auto const count = std::count_if(
-            data.begin(), data.end(), [bit](unsigned char byte) { return (byte >> bit & 1) != 0; });
-        EXPECT_NEAR(32768.0, static_cast<double>(count), 2560.0);
+TEST(SecureRandom, returnsDifferentNumbersAndEvenlySetBits) {
+    for (bool const strong : {false, true}) {
+        SCOPED_TRACE(strong);
+        SecureRandom random(strong);
+        ASSERT_TRUE(random.isValid());
+        std::vector<unsigned long long> values(100);
+        for (unsigned long long& value : values) {
+            EXPECT_FALSE(random.getRandUInt64(value));
+        }
+        EXPECT_TRUE(areDifferent(values));
+        // Each bit is set in about half of the bytes: 32,768 of 65,536, give or take 20 standard deviations.
+        std::vector<unsigned char> data(65536);
+        EXPECT_FALSE(random.getRandData(data.data(), static_cast<unsigned int>(data.size())));
+        for (int bit = 0; bit < 8; ++bit) {
+            auto const count = std::count_if(
+                data.begin(), data.end(), [bit](unsigned char byte) { return (byte >> bit & 1) != 0; });
+            EXPECT_NEAR(32768.0, static_cast<double>(count), 2560.0) << bit;
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(All, SecureRandomDevices, testing::Bool(), [](auto const& row) {
-    return row.param ? "strong" : "fast";
-});
 
 TEST(SecureRandom, objectsOfDifferentThreadsReturnDifferentNumbers) {
     std::vector<unsigned long long> values(8);

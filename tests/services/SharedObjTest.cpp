@@ -1,22 +1,10 @@
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/NamedRow.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <vesk/RefCounted.h>
 #include <vesk/SharedObj.h>
 
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <cstdio>
 #include <dlfcn.h>
-#include <memory>
-#include <type_traits>
-#include <utility>
 
 namespace {
 
@@ -123,9 +111,34 @@ struct OperationRow : NamedRow {
     char const* loader_text = nullptr; ///< The beginning of the loader's text in the only report, if any.
 };
 
-class SharedObjOperation : public SharedObjTest, public testing::WithParamInterface<OperationRow> {};
+std::string const OPEN = "dlopen " + std::to_string(RTLD_LAZY);
+ExpectedReport const STUCK{SharedObj::ErrorId::UNLOAD_FAILED, "Failed to unload shared object: stuck"};
+std::vector<ExpectedReport> const STUCK_LOAD = {
+    STUCK,
+    {SharedObj::ErrorId::LOAD_FAILED,
+     "Failed to load shared object: Unload of previously loaded library failed"}};
 
-TEST_P(SharedObjOperation, callsTheLoaderAndReportsItsFailure) {
+OperationRow const OPERATIONS[] = {
+    {"loadIsLazy", false, FIRST_LIBRARY, 0, {OPEN}, "first"},
+    {"loadIntoALoadedObject", true, SECOND_LIBRARY, 0, {"dlclose", OPEN}, "second"},
+    {"loadIntoAnObjectThatCannotUnload", true, SECOND_LIBRARY, -1, {"dlclose"}, "first", STUCK_LOAD},
+    {"missingFile", false, MISSING, 0, {OPEN}, "", {}, "/nonexistent/libnothing.so: cannot open"},
+    {"missingFileIntoALoadedObject", true, MISSING, 0, {"dlclose", OPEN}, "", {}, MISSING},
+    {"fileThatIsNoLibrary", false, "/proc/self/stat", 0, {OPEN}, "", {}, ""},
+    {"null", false, nullptr, 0, {}, "", {contractBroken("NULL pointer given for path")}},
+    {"nullIntoALoadedObject",
+     true,
+     nullptr,
+     0,
+     {"dlclose"},
+     "",
+     {contractBroken("NULL pointer given for path")}},
+    {"unload", true, UNLOAD, 0, {"dlclose"}, ""},
+    {"unloadWithoutALibrary", false, UNLOAD, 0, {}, "", {contractBroken("No library loaded")}},
+    {"failedUnload", true, UNLOAD, -1, {"dlclose"}, "first", {STUCK}},
+};
+
+VESK_TEST_TABLE(SharedObjOperation, callsTheLoaderAndReportsItsFailure, SharedObjTest, OPERATIONS) {
     auto const& row = GetParam();
     EXPECT_FALSE(m_object.isValid());
     if (row.is_loaded) {
@@ -155,38 +168,6 @@ TEST_P(SharedObjOperation, callsTheLoaderAndReportsItsFailure) {
     load();
     EXPECT_EQ("first", callName(m_object));
 }
-
-ExpectedReport broken(char const* text) {
-    return {std::CommonErrorId::CONTRACT_BROKEN, rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
-}
-
-std::string const OPEN = "dlopen " + std::to_string(RTLD_LAZY);
-ExpectedReport const STUCK{SharedObj::ErrorId::UNLOAD_FAILED, "Failed to unload shared object: stuck"};
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SharedObjOperation,
-    rowsOf<OperationRow>({
-        {"loadIsLazy", false, FIRST_LIBRARY, 0, {OPEN}, "first"},
-        {"loadIntoALoadedObject", true, SECOND_LIBRARY, 0, {"dlclose", OPEN}, "second"},
-        {"loadIntoAnObjectThatCannotUnload",
-         true,
-         SECOND_LIBRARY,
-         -1,
-         {"dlclose"},
-         "first",
-         {STUCK,
-          {SharedObj::ErrorId::LOAD_FAILED,
-           "Failed to load shared object: Unload of previously loaded library failed"}}},
-        {"missingFile", false, MISSING, 0, {OPEN}, "", {}, "/nonexistent/libnothing.so: cannot open"},
-        {"missingFileIntoALoadedObject", true, MISSING, 0, {"dlclose", OPEN}, "", {}, MISSING},
-        {"fileThatIsNoLibrary", false, "/proc/self/stat", 0, {OPEN}, "", {}, ""},
-        {"null", false, nullptr, 0, {}, "", {broken("NULL pointer given for path")}},
-        {"nullIntoALoadedObject", true, nullptr, 0, {"dlclose"}, "", {broken("NULL pointer given for path")}},
-        {"unload", true, UNLOAD, 0, {"dlclose"}, ""},
-        {"unloadWithoutALibrary", false, UNLOAD, 0, {}, "", {broken("No library loaded")}},
-        {"failedUnload", true, UNLOAD, -1, {"dlclose"}, "first", {STUCK}},
-    }),
-    byName);
 
 TEST_F(SharedObjTest, libraryOfAnotherObjectStaysLoaded) {
     load();
@@ -226,8 +207,8 @@ TEST_F(SharedObjTest, symbolWithTheValueNullIsFoundDespiteAnEarlierTextOfTheLoad
     for (char const* const loader_text : {static_cast<char const*>(nullptr), "earlier failure"}) {
         s_loader_text = loader_text;
         void* address = &address;
-        EXPECT_FALSE(m_object.resolve("library_nothing", address));
-        EXPECT_EQ(nullptr, address);
+        EXPECT_FALSE(m_object.resolve("library_nothing", address)) << (loader_text != nullptr);
+        EXPECT_EQ(nullptr, address) << (loader_text != nullptr);
         EXPECT_TRUE(chainIs({}));
     }
 }

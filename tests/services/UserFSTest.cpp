@@ -1,11 +1,7 @@
 #include "support/CleanEnd.h"
+#include "support/Testing.h"
 
-#include <vesk/SysError.h>
 #include <vesk/UserFS.h>
-
-#include <gtest/gtest.h>
-
-#include <type_traits>
 
 namespace {
 

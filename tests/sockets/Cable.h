@@ -1,21 +1,12 @@
 #pragma once
 
 #include "support/NetworkNamespace.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <chrono>
-#include <cstring>
 #include <fcntl.h>
-#include <functional>
 #include <net/if.h>
-#include <poll.h>
-#include <sched.h>
-#include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace support {
 
@@ -100,13 +91,10 @@ private:
         int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         ifreq request{};
         name.copy(request.ifr_name, sizeof request.ifr_name - 1);
-        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING) == 0 &&
-               std::chrono::steady_clock::now() < deadline) {
-            poll(nullptr, 0, 1);
-        }
+        bool const is_connected = eventually(
+            [&] { return ioctl(fd, SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_RUNNING) != 0; });
         close(fd);
-        return (request.ifr_flags & IFF_RUNNING) != 0;
+        return is_connected && (request.ifr_flags & IFF_RUNNING) != 0;
     }
 
     int m_left;

@@ -3,11 +3,9 @@
 #include "support/NetworkNamespace.h"
 #include "support/calls/ResolverCalls.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/IPSocket.h>
 
 #include <net/if.h>
-#include <type_traits>
 
 namespace {
 // The size of the buffer that the last call of inet_ntop received.
@@ -209,7 +207,7 @@ TEST(IPAddress, binaryAddressOfAnotherFamilyOrWithoutATextMakesAnEmptyAddress) {
 
 // ---- the scope of an address of IPv6 ----
 
-TEST(IPAddress, scopeIsInTheTextByTheNameOfItsInterfaceAndDoesNotResolveIfThatIsUnknown) {
+TEST(IPAddress, scopeIsInTheTextByTheNameOfItsInterface) {
     unsigned int const lo = if_nametoindex("lo");
     ASSERT_NE(0U, lo);
     in6_addr const ip_address = addressOf("fe80::1");
@@ -417,28 +415,10 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(IPAddress, garbageOrAnAddressOfTheOtherVersionDoesNotResolve) {
     ResolverCalls const calls;
-    for (std::string const& host : std::initializer_list<std::string>{
-             "127.0.0.1 x",
-             "127.0.0.1:80",
-             "256.0.0.1",
-             "1.2.3.4.5",
-             "::1::",
-             "[::1]",
-             " ",
-             "-",
-             "%",
-             "\x01\x02\n",
-             "../..",
-             "%s%n%s",
-             "host/8",
-             "@",
-             std::string(300, '1'),
-             std::string(5000, 'x'),
-             "fe80::1%",
-             "\t::1",
-             "0x",
-             ":",
-             "."}) {
+    for (std::string const& host : stringsOf(
+             "127.0.0.1 x", "127.0.0.1:80", "256.0.0.1", "1.2.3.4.5", "::1::", "[::1]", " ", "-", "%",
+             "\x01\x02\n", "../..", "%s%n%s", "host/8", "@", std::string(300, '1'), std::string(5000, 'x'),
+             "fe80::1%", "\t::1", "0x", ":", ".")) {
         for (auto const version : {V4, V6}) {
             IPAddress address(host, 80);
             EXPECT_TRUE(toBinary(address, version).first) << host;
@@ -454,7 +434,7 @@ TEST(IPAddress, garbageOrAnAddressOfTheOtherVersionDoesNotResolve) {
     }
 }
 
-TEST(IPAddress, hostEndsAtItsFirstNulAndAFailureLeavesAZeroAddressWithTheFamilyAndPort) {
+TEST(IPAddress, failureLeavesAZeroAddressWithTheFamilyAndPort) {
     ResolverCalls const calls;
     IPAddress address(std::string("127.0.0.1\0garbage", 17), 80);
     EXPECT_FALSE(toBinary(address, V4).first);

@@ -2,11 +2,9 @@
 #include "SocketRows.h"
 #include "support/calls/ResolverCalls.h"
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/IPSocket.h>
 
 #include <chrono>
-#include <type_traits>
 
 /// The resolver with prepared answers, and in the suite `IPResolverNames` with a real name server.
 
@@ -203,9 +201,9 @@ TEST_F(IPResolver, listIsKeptUntilTheNextResolveWhichReplacesAllResultsOrTheEnd)
 constexpr int LOOKUP_ERRNO = ENETUNREACH;
 
 /// Returns a row for each code of the groups. Without a report there are no results.
-auto codeRows(std::vector<ErrnoGroup> const& groups) {
+auto codeRows(std::vector<ErrnoReports> const& groups) {
     std::vector<ErrnoRow> rows;
-    for (ErrnoGroup const& group : groups) {
+    for (ErrnoReports const& group : groups) {
         for (int const code : group.errors) {
             rows.push_back(
                 {code,
@@ -308,25 +306,16 @@ TEST_F(IPResolver, nullHasNoResultsAndReplacesThePreviousOnes) {
 
 TEST_F(IPResolver, textThatIsNoAddressHasNoName) {
     m_calls.reset();
-    std::string const of_four[] = {"name.invalid",
-                                   "",
-                                   std::string(300, 'x'),
-                                   std::string(5000, 'x'),
-                                   "127.0.0.1 x",
-                                   "256.0.0.1",
-                                   "%s%n",
-                                   " ",
-                                   "1.2.3.4/8",
-                                   "::1"};
-    std::string const of_six[] = {"name.invalid", "",      std::string(300, ':'), std::string(5000, '1'),
-                                  "[::1]",        "::1::", "fe80::1%nonesuch",    "127.0.0.1"};
     // The flag for numeric addresses keeps the real function from querying a name server.
-    for (std::string const& text : of_four) {
+    for (std::string const& text : stringsOf(
+             "name.invalid", "", "127.0.0.1 x", "256.0.0.1", "%s%n", " ", "1.2.3.4/8", "[::1]",
+             "::1::", "fe80::1%nonesuch", std::string(300, 'x'), std::string(5000, 'x'),
+             std::string(5000, '1'), std::string(300, ':'))) {
         EXPECT_EQ(NONE, namesOf(m_resolver, text)) << text;
-    }
-    for (std::string const& text : of_six) {
         EXPECT_EQ(NONE, namesOf(m_resolver, text, V6, false)) << text;
     }
+    EXPECT_EQ(NONE, namesOf(m_resolver, "::1"));
+    EXPECT_EQ(NONE, namesOf(m_resolver, "127.0.0.1", V6, false));
 }
 
 // ---- a real name server ----
@@ -340,11 +329,6 @@ constexpr char const* ZONE = "10.0.0.9 many.test\n"
                              "fd00::1 six.test\n"
                              "10.0.0.2 both.test\n"
                              "fd00::2 both.test\n";
-Items const MANY = {"10.0.0.9", "10.0.0.1", "10.0.0.5"};
-Items const SIX = {"fd00::9", "fd00::1"};
-
-Reports const UNRESOLVED = withText({std::CommonErrorId::INVALID_ARGUMENT}, "Couldn't resolve hostname");
-
 /// Resolves a name with the functions of the system. Returns the code.
 int resolveBySystem(std::string const& name, int family, Items& addresses) {
     addrinfo hints{};
@@ -364,32 +348,35 @@ int resolveBySystem(std::string const& name, int family, Items& addresses) {
     return code;
 }
 
+Items const MANY = {"10.0.0.9", "10.0.0.1", "10.0.0.5"};
+Items const SIX = {"fd00::9", "fd00::1"};
+
+Reports const UNRESOLVED = withText({std::CommonErrorId::INVALID_ARGUMENT}, "Couldn't resolve hostname");
+
 class IPResolverNames : public testing::Test {
 protected:
     void SetUp() override { VESK_SKIP_WITHOUT_NAMES(); }
-
-    /// Runs `body` with the name server of a zone. Checks that no report is left.
-    static void
-    run(std::function<void(Resolver& resolver, NameServer& server)> const& body,
-        std::string const& zone = ZONE) {
-        expectWithNameServer(zone, [&body](NameServer& server) {
-            Resolver resolver;
-            body(resolver, server);
-            EXPECT_TRUE(chainIs({}));
-        });
-    }
-
-    /// The same with a server that does not answer.
-    static void
-    runSilent(std::function<void(Resolver& resolver, SilentNameServer const& server)> const& body) {
-        expectWithNames([&body] {
-            SilentNameServer const server;
-            Resolver resolver;
-            body(resolver, server);
-            EXPECT_TRUE(chainIs({}));
-        });
-    }
 };
+
+/// Runs `body` with the name server of a zone. Checks that no report is left.
+void run(
+    std::function<void(Resolver& resolver, NameServer& server)> const& body, std::string const& zone = ZONE) {
+    expectWithNameServer(zone, [&body](NameServer& server) {
+        Resolver resolver;
+        body(resolver, server);
+        EXPECT_TRUE(chainIs({}));
+    });
+}
+
+/// The same with a server that does not answer.
+void runSilent(std::function<void(Resolver& resolver, SilentNameServer const& server)> const& body) {
+    expectWithNames([&body] {
+        SilentNameServer const server;
+        Resolver resolver;
+        body(resolver, server);
+        EXPECT_TRUE(chainIs({}));
+    });
+}
 
 /// A resolve and its items.
 struct NameRow {
@@ -452,90 +439,69 @@ INSTANTIATE_TEST_SUITE_P(
         names("addressOfIPv6WithoutAShortName", V6, "fd00::999", false, {})),
     testing::PrintToStringParamName());
 
-TEST_F(IPResolverNames, hostsFileAndNumericAddressesAreUsedWithoutAQuery) {
-    runSilent([](Resolver& resolver, SilentNameServer const& server) {
-        EXPECT_EQ(Items{"10.1.0.1"}, addressesOf(resolver, "listed.example"));
-        EXPECT_EQ(Items{"listed.example"}, namesOf(resolver, "10.1.0.1"));
-        EXPECT_EQ(0, server.countQuestions());
-        EXPECT_EQ(Items{"10.0.0.1"}, addressesOf(resolver, "10.0.0.1"));
-        EXPECT_EQ(Items{"fd00::1"}, addressesOf(resolver, "fd00::1", V6));
-        EXPECT_EQ(NONE, namesOf(resolver, "many.test"));
-        IPAddress address("10.0.0.1", 80);
-        sockaddr_in binary;
-        EXPECT_FALSE(address.getBinary(binary));
-        EXPECT_EQ(0, server.countQuestions());
-    });
+VESK_TEST_WITH(
+    runSilent, IPResolverNames, hostsFileAndNumericAddressesAreUsedWithoutAQuery,
+    (Resolver & resolver, SilentNameServer const& server)) {
+    EXPECT_EQ(Items{"10.1.0.1"}, addressesOf(resolver, "listed.example"));
+    EXPECT_EQ(Items{"listed.example"}, namesOf(resolver, "10.1.0.1"));
+    EXPECT_EQ(0, server.countQuestions());
+    EXPECT_EQ(Items{"10.0.0.1"}, addressesOf(resolver, "10.0.0.1"));
+    EXPECT_EQ(Items{"fd00::1"}, addressesOf(resolver, "fd00::1", V6));
+    EXPECT_EQ(NONE, namesOf(resolver, "many.test"));
+    IPAddress address("10.0.0.1", 80);
+    sockaddr_in binary;
+    EXPECT_FALSE(address.getBinary(binary));
+    EXPECT_EQ(0, server.countQuestions());
 }
 
-TEST_F(IPResolverNames, secondResolveReplacesAllResultsOfTheFirstAlsoIfItFails) {
-    run([](Resolver& resolver, NameServer& server) {
-        EXPECT_EQ(MANY, addressesOf(resolver, "many.test"));
-        EXPECT_EQ(Items{"10.0.0.7"}, addressesOf(resolver, "printer.test"));
-        EXPECT_EQ(SIX, addressesOf(resolver, "six.test", V6));
-        EXPECT_EQ(NONE, addressesOf(resolver, "unknown.test"));
-        EXPECT_EQ(MANY, addressesOf(resolver, "many.test"));
-        server.stop();
-        EXPECT_EQ(FAILED, addressesOf(resolver, "many.test"));
-        EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
-        EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
-    });
+VESK_TEST_WITH(
+    run, IPResolverNames, secondResolveReplacesAllResultsOfTheFirst,
+    (Resolver & resolver, NameServer& server)) {
+    EXPECT_EQ(MANY, addressesOf(resolver, "many.test"));
+    EXPECT_EQ(Items{"10.0.0.7"}, addressesOf(resolver, "printer.test"));
+    EXPECT_EQ(SIX, addressesOf(resolver, "six.test", V6));
+    EXPECT_EQ(NONE, addressesOf(resolver, "unknown.test"));
+    EXPECT_EQ(MANY, addressesOf(resolver, "many.test"));
+    server.stop();
+    EXPECT_EQ(FAILED, addressesOf(resolver, "many.test"));
+    EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
+    EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1"));
 }
 
-TEST_F(IPResolverNames, serverThatDoesNotAnswerFailsTheResolveAfterItsTimeout) {
-    runSilent([](Resolver& resolver, SilentNameServer const& server) {
-        auto const begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(FAILED, addressesOf(resolver, "many.test"));
-        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(900));
-        EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
-        EXPECT_GT(server.countQuestions(), 0);
-        EXPECT_EQ(FAILED, namesOf(resolver, "10.0.0.7"));
-        EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
-        EXPECT_GT(server.countQuestions(), 0);
-    });
+VESK_TEST_WITH(
+    runSilent, IPResolverNames, serverThatDoesNotAnswerFailsTheResolveAfterItsTimeout,
+    (Resolver & resolver, SilentNameServer const& server)) {
+    auto const begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(FAILED, addressesOf(resolver, "many.test"));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(900));
+    EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
+    EXPECT_GT(server.countQuestions(), 0);
+    EXPECT_EQ(FAILED, namesOf(resolver, "10.0.0.7"));
+    EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
+    EXPECT_GT(server.countQuestions(), 0);
 }
 
-TEST_F(IPResolverNames, garbageHasTheResultOfTheSystem) {
-    run([](Resolver& resolver, NameServer&) {
-        for (std::string const& name : std::initializer_list<std::string>{
-                 "",
-                 ".",
-                 "..",
-                 "-",
-                 "%",
-                 "@",
-                 "*",
-                 "a b.test",
-                 "127.0.0.1 x",
-                 "127.0.0.1:80",
-                 "127.0.0.1%lo",
-                 "\x01\x02\x03.test",
-                 "many.test\n",
-                 "..many.test",
-                 "many..test",
-                 std::string(63, 'a') + ".test",
-                 std::string(64, 'a') + ".test",
-                 std::string(300, 'x'),
-                 std::string(5000, 'x'),
-                 std::string(2600, '.'),
-                 "h\xC3\xB6hle.test",
-                 "\xff\xfe\xfd.test",
-                 "xn--hhle-5qa.test",
-                 "xn--\xff.test"}) {
-            for (auto const version : {V4, V6}) {
-                Items expected;
-                int const code = resolveBySystem(name, version == V6 ? AF_INET6 : AF_INET, expected);
-                EXPECT_NE(0, code) << name;
-                bool const is_unknown = code == EAI_NONAME || code == EAI_NODATA || code == EAI_ADDRFAMILY;
-                EXPECT_EQ(is_unknown ? NONE : FAILED, addressesOf(resolver, name, version))
-                    << name << ": " << gai_strerror(code);
-                EXPECT_TRUE(chainIs(
-                    is_unknown                   ? Reports{}
-                        : code == EAI_IDN_ENCODE ? withText({SysErrorId::UNCLASSIFIED}, gai_strerror(code))
-                                                 : resolverFailed(code)))
-                    << name << ": " << gai_strerror(code);
-            }
+VESK_TEST_WITH(run, IPResolverNames, garbageHasTheResultOfTheSystem, (Resolver & resolver, NameServer&)) {
+    for (std::string const& name : stringsOf(
+             "", ".", "..", "-", "%", "@", "*", "a b.test", "127.0.0.1 x", "127.0.0.1:80", "127.0.0.1%lo",
+             "\x01\x02\x03.test", "many.test\n", "..many.test", "many..test", std::string(63, 'a') + ".test",
+             std::string(64, 'a') + ".test", std::string(300, 'x'), std::string(5000, 'x'),
+             std::string(2600, '.'), "h\xC3\xB6hle.test", "\xff\xfe\xfd.test", "xn--hhle-5qa.test",
+             "xn--\xff.test")) {
+        for (auto const version : {V4, V6}) {
+            Items expected;
+            int const code = resolveBySystem(name, version == V6 ? AF_INET6 : AF_INET, expected);
+            EXPECT_NE(0, code) << name;
+            bool const is_unknown = code == EAI_NONAME || code == EAI_NODATA || code == EAI_ADDRFAMILY;
+            EXPECT_EQ(is_unknown ? NONE : FAILED, addressesOf(resolver, name, version))
+                << name << ": " << gai_strerror(code);
+            EXPECT_TRUE(chainIs(
+                is_unknown                   ? Reports{}
+                    : code == EAI_IDN_ENCODE ? withText({SysErrorId::UNCLASSIFIED}, gai_strerror(code))
+                                             : resolverFailed(code)))
+                << name << ": " << gai_strerror(code);
         }
-    });
+    }
 }
 
 TEST_F(IPResolverNames, labelCanHave63Letters) {
@@ -548,57 +514,55 @@ TEST_F(IPResolverNames, labelCanHave63Letters) {
         "10.0.0.3 " + name + "\n");
 }
 
-TEST_F(IPResolverNames, firstAddressReplacesTheHostUnlessItIsOfTheOtherVersion) {
-    run([](Resolver&, NameServer& server) {
-        IPAddress address("six.test", 80);
-        sockaddr_in binary;
-        EXPECT_TRUE(address.getBinary(binary));
-        EXPECT_TRUE(chainIs(UNRESOLVED));
-        EXPECT_EQ("six.test", address.host);
-        IPAddress address6("many.test", 80);
-        sockaddr_in6 binary6;
-        EXPECT_TRUE(address6.getBinary(binary6));
-        EXPECT_TRUE(chainIs(UNRESOLVED));
-        EXPECT_EQ("many.test", address6.host);
-        IPAddress many("many.test", 80);
-        EXPECT_FALSE(many.getBinary(binary));
-        EXPECT_EQ("10.0.0.9", many.host);
-        EXPECT_EQ("10.0.0.9", IPAddress(binary).host);
-        EXPECT_EQ(80, ntohs(binary.sin_port));
+VESK_TEST_WITH(
+    run, IPResolverNames, firstAddressReplacesTheHostUnlessItIsOfTheOtherVersion,
+    (Resolver&, NameServer& server)) {
+    IPAddress address("six.test", 80);
+    sockaddr_in binary;
+    EXPECT_TRUE(address.getBinary(binary));
+    EXPECT_TRUE(chainIs(UNRESOLVED));
+    EXPECT_EQ("six.test", address.host);
+    IPAddress address6("many.test", 80);
+    sockaddr_in6 binary6;
+    EXPECT_TRUE(address6.getBinary(binary6));
+    EXPECT_TRUE(chainIs(UNRESOLVED));
+    EXPECT_EQ("many.test", address6.host);
+    IPAddress many("many.test", 80);
+    EXPECT_FALSE(many.getBinary(binary));
+    EXPECT_EQ("10.0.0.9", many.host);
+    EXPECT_EQ("10.0.0.9", IPAddress(binary).host);
+    EXPECT_EQ(80, ntohs(binary.sin_port));
 
-        IPAddress six("six.test", 81);
-        EXPECT_FALSE(six.getBinary(binary6));
-        EXPECT_EQ("fd00::9", six.host);
-        EXPECT_EQ("fd00::9", IPAddress(binary6).host);
-        EXPECT_EQ(81, ntohs(binary6.sin6_port));
+    IPAddress six("six.test", 81);
+    EXPECT_FALSE(six.getBinary(binary6));
+    EXPECT_EQ("fd00::9", six.host);
+    EXPECT_EQ("fd00::9", IPAddress(binary6).host);
+    EXPECT_EQ(81, ntohs(binary6.sin6_port));
 
-        server.stop();
-        EXPECT_FALSE(many.getBinary(binary)) << "the name is not needed again";
-        EXPECT_FALSE(six.getBinary(binary6));
-    });
+    server.stop();
+    EXPECT_FALSE(many.getBinary(binary)) << "the name is not needed again";
+    EXPECT_FALSE(six.getBinary(binary6));
 }
 
-TEST_F(IPResolverNames, socketResolvesBothAddressesInItsConstructor) {
+VESK_TEST_WITH(run, IPResolverNames, socketResolvesBothAddressesInItsConstructor, (Resolver&, NameServer&)) {
     class NamedSocket : public IPSocket {
     public:
         NamedSocket(IPAddress const& local, IPAddress const& peer, IPProtocolVersion version)
             : IPSocket(true, 0, 0, local, peer, version) {}
         unsigned int maxTxSize() const override { return 0; }
     };
-    run([](Resolver&, NameServer&) {
-        NamedSocket socket({"localhost", 1}, {"many.test", 2}, V4);
-        EXPECT_TRUE(socket.isValid());
-        EXPECT_EQ("127.0.0.1", socket.getLocalAddress().host);
-        EXPECT_EQ("10.0.0.9", socket.getPeerAddress().host);
-        socket.close(false);
+    NamedSocket socket({"localhost", 1}, {"many.test", 2}, V4);
+    EXPECT_TRUE(socket.isValid());
+    EXPECT_EQ("127.0.0.1", socket.getLocalAddress().host);
+    EXPECT_EQ("10.0.0.9", socket.getPeerAddress().host);
+    socket.close(false);
 
-        EXPECT_FALSE(NamedSocket(IPAddress(), {"unknown.test", 2}, V4).isValid());
-        EXPECT_TRUE(chainIs(UNRESOLVED));
-        EXPECT_FALSE(NamedSocket({"unknown.test", 2}, IPAddress(), V6).isValid());
-        EXPECT_TRUE(chainIs(UNRESOLVED));
-        EXPECT_FALSE(NamedSocket(IPAddress(), {"name.elsewhere", 2}, V4).isValid());
-        EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
-    });
+    EXPECT_FALSE(NamedSocket(IPAddress(), {"unknown.test", 2}, V4).isValid());
+    EXPECT_TRUE(chainIs(UNRESOLVED));
+    EXPECT_FALSE(NamedSocket({"unknown.test", 2}, IPAddress(), V6).isValid());
+    EXPECT_TRUE(chainIs(UNRESOLVED));
+    EXPECT_FALSE(NamedSocket(IPAddress(), {"name.elsewhere", 2}, V4).isValid());
+    EXPECT_TRUE(chainIs(resolverFailed(EAI_AGAIN)));
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/Eventually.h"
 #include "support/NetworkNamespace.h"
 #include "support/TempFolder.h"
 
@@ -41,20 +42,16 @@ public:
     }
     ~NameServer() { stop(); }
 
-    /// Waits until the server listens. Returns false if it has ended or does not listen within a minute.
+    /// Waits until the server listens. Returns false if it has ended or does not listen.
     bool waitUntilReady() {
-        for (int round = 0; round < 60000; ++round) {
+        bool const is_decided = eventually([this] {
             if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
                 m_pid = -1;
-                return false;
             }
             // The table of the kernel is read, because the server would start a process for each connection.
-            if (contentOf("/proc/self/net/udp").find(":0035 ") != std::string::npos) {
-                return true;
-            }
-            usleep(1000);
-        }
-        return false;
+            return m_pid == -1 || contentOf("/proc/self/net/udp").find(":0035 ") != std::string::npos;
+        });
+        return is_decided && m_pid != -1;
     }
 
     void stop() {

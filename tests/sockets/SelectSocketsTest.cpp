@@ -1,22 +1,11 @@
 #include "SocketRows.h"
 #include "TestSocket.h"
-#include "support/Child.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
 #include "threads/ThreadSupport.h"
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <climits>
-#include <csignal>
 #include <ostream>
-#include <set>
-#include <string>
 #include <sys/select.h>
 #include <sys/time.h>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -48,9 +37,7 @@ support::Injected inject_select("select");
 extern "C" VESK_UNWATCHED int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* limit) {
     timeval const time = limit != nullptr ? *limit : timeval{};
     s_calls.push_back({count, limit, time, {getMarked(read), getMarked(write), getMarked(except)}});
-    int error = 0;
-    if (inject_select.fails(error)) {
-        errno = error;
+    if (inject_select.fails()) {
         return -1;
     }
     if (s_times_out) {
@@ -94,20 +81,15 @@ void PrintTo(Sets const& sets, std::ostream* out) {
 Sets const EMPTY;
 
 /// A connection with a socket on one end.
-struct Connection {
-    explicit Connection(Ends&& made) : ends(made.takeMine(), dup(made.getPeer())), socket(ends.takeMine()) {}
-    explicit Connection(char const* received = "") : Connection(makeEnds()) { ends.send(received); }
-
-    int getFd() const { return socket.getSocketFd(); }
+struct Connection : ConnectedSocket {
+    using ConnectedSocket::ConnectedSocket;
+    explicit Connection(char const* received) { ends.send(received); }
 
     /// Fills the buffers, so that nothing more can be written.
     void fill() const {
         std::vector<char> const block(1 << 20, 'x');
-        while (::send(getFd(), block.data(), block.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {}
+        while (::send(getSocketFd(), block.data(), block.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {}
     }
-
-    Ends ends;
-    TestSocket socket;
 };
 
 TEST(SelectSockets, leavesInEachSetWhatIsReady) {
@@ -118,39 +100,37 @@ TEST(SelectSockets, leavesInEachSetWhatIsReady) {
     Connection ended;
     ended.ends.closePeer();
     Connection inactive;
-    inactive.socket.set(inactive.getFd(), Socket::INACTIVE);
-    Sockets const all = {&silent.socket, &talking.socket, &full.socket, &inactive.socket};
+    inactive.set(inactive.getSocketFd(), Socket::INACTIVE);
+    Sockets const all = {&silent, &talking, &full, &inactive};
     Sets sets{all, all, all};
-    sets.read.insert(&ended.socket);
+    sets.read.insert(&ended);
     EXPECT_EQ(5, sets.select());
-    EXPECT_EQ(
-        (Sets{{&talking.socket, &ended.socket}, {&silent.socket, &talking.socket, &inactive.socket}, {}}),
-        sets);
+    EXPECT_EQ((Sets{{&talking, &ended}, {&silent, &talking, &inactive}, {}}), sets);
 }
 
 TEST(SelectSockets, passesTheMarksOfEachSetToTheSystem) {
     Connection const one;
     Connection const two;
     Connection const three;
-    Sets sets{{&one.socket, &two.socket}, {&three.socket}, {&two.socket}};
+    Sets sets{{&one, &two}, {&three}, {&two}};
     EXPECT_EQ(1, sets.select());
     ASSERT_EQ(1U, s_calls.size());
     Call const& call = s_calls[0];
-    EXPECT_EQ(std::max({one.getFd(), two.getFd(), three.getFd()}) + 1, call.count);
-    EXPECT_EQ((std::set<int>{one.getFd(), two.getFd()}), call.marks[0]);
-    EXPECT_EQ(std::set<int>{three.getFd()}, call.marks[1]);
-    EXPECT_EQ(std::set<int>{two.getFd()}, call.marks[2]);
+    EXPECT_EQ(std::max({one.getSocketFd(), two.getSocketFd(), three.getSocketFd()}) + 1, call.count);
+    EXPECT_EQ((std::set<int>{one.getSocketFd(), two.getSocketFd()}), call.marks[0]);
+    EXPECT_EQ(std::set<int>{three.getSocketFd()}, call.marks[1]);
+    EXPECT_EQ(std::set<int>{two.getSocketFd()}, call.marks[2]);
 }
 
 TEST(SelectSockets, countsMarksAndNotSockets) {
     Connection const connection("x");
-    Sets twice{{&connection.socket}, {&connection.socket}};
+    Sets twice{{&connection}, {&connection}};
     Sets const before = twice;
     EXPECT_EQ(2, twice.select()) << "one socket in two sets";
     EXPECT_EQ(before, twice);
 
-    TestSocket same(connection.getFd());
-    Sets two{{&connection.socket, &same}};
+    TestSocket same(connection.getSocketFd());
+    Sets two{{&connection, &same}};
     EXPECT_EQ(1, two.select()) << "two sockets, one descriptor";
     EXPECT_EQ(2U, two.read.size());
     same.forget();
@@ -161,16 +141,16 @@ TEST(SelectSockets, outOfBandDataIsAnException) {
     Connection const without(makeTcpEnds());
     ASSERT_EQ(1, ::send(with.ends.getPeer(), "!", 1, MSG_OOB));
     ASSERT_EQ(1, ::send(without.ends.getPeer(), "!", 1, 0));
-    Sets sets{{}, {}, {&with.socket, &without.socket}};
+    Sets sets{{}, {}, {&with, &without}};
     EXPECT_EQ(1, sets.select());
-    EXPECT_EQ((Sets{{}, {}, {&with.socket}}), sets);
+    EXPECT_EQ((Sets{{}, {}, {&with}}), sets);
 }
 
 TEST(SelectSockets, emptiesAllSetsAfterTheTimeAlsoWithoutSockets) {
     Connection const one;
     Connection const two;
     two.fill();
-    Sets sets{{&one.socket, &two.socket}, {&two.socket}, {&one.socket}};
+    Sets sets{{&one, &two}, {&two}, {&one}};
     auto const start = Clock::now();
     EXPECT_EQ(0, sets.select(50));
     EXPECT_EQ(EMPTY, sets);
@@ -182,11 +162,11 @@ TEST(SelectSockets, emptiesAllSetsAfterTheTimeAlsoWithoutSockets) {
 
 TEST(SelectSockets, doesNotWaitIfTheTimeIs0) {
     Connection const connection;
-    Sets sets{{&connection.socket}};
+    Sets sets{{&connection}};
     EXPECT_EQ(0, sets.select(0));
     EXPECT_EQ(EMPTY, sets);
     connection.ends.send("x");
-    sets.read = {&connection.socket};
+    sets.read = {&connection};
     EXPECT_EQ(1, sets.select(0));
     EXPECT_EQ(1U, sets.read.size());
 }
@@ -213,7 +193,7 @@ TEST(SelectSockets, passesTheTimeInSecondsAndMicroseconds) {
 
 TEST(SelectSockets, withoutALimitWaitsUntilASocketIsReady) {
     Connection const connection;
-    Sets sets{{&connection.socket}};
+    Sets sets{{&connection}};
     s_waits = false;
     std::thread peer([&connection] {
         EXPECT_TRUE(eventually([] { return s_waits.load(); }));
@@ -239,7 +219,7 @@ TEST(SelectSockets, withoutALimitAndWithoutSocketsNeverReturns) {
 
 TEST(SelectSockets, repeatsTheCallWithTheSameMarksAndTimeWhileSignalsInterruptIt) {
     Connection const connection("x");
-    Sockets const one = {&connection.socket};
+    Sockets const one = {&connection};
     for (bool const limited : {true, false}) {
         Sets sets{one, one, one};
         Fault const fault(inject_select, EINTR, 1, 3);
@@ -248,9 +228,9 @@ TEST(SelectSockets, repeatsTheCallWithTheSameMarksAndTimeWhileSignalsInterruptIt
         for (Call const& call : s_calls) {
             EXPECT_EQ(s_calls[0].limit, call.limit) << "the system notes the time left in one object";
             EXPECT_EQ(limited, call.limit != nullptr);
-            EXPECT_EQ(connection.getFd() + 1, call.count);
+            EXPECT_EQ(connection.getSocketFd() + 1, call.count);
             for (auto const& marks : call.marks) {
-                EXPECT_EQ(std::set<int>{connection.getFd()}, marks);
+                EXPECT_EQ(std::set<int>{connection.getSocketFd()}, marks);
             }
         }
         EXPECT_EQ((Sets{one, one, {}}), sets);
@@ -318,33 +298,32 @@ TEST(SelectSockets, signalsDoNotProlongTheTime) {
     }
 }
 
-std::vector<ErrnoRow> selectRows() {
-    return errnoRows({
+VESK_TEST_ROWS(
+    SelectSocketsRow, isReportedAndEmptiesAllSets,
+    errnoRows({
         {{ENOMEM}, {SysErrorId::OUT_OF_MEMORY}},
         {{EINVAL, EBADF}, {SysErrorId::SPOILED_INTEGRITY}},
         {{EFAULT, EAGAIN, EPERM}, {SysErrorId::UNCLASSIFIED}},
-    });
-}
-VESK_TEST_ROWS(SelectSocketsRow, isReportedAndEmptiesAllSets, selectRows()) {
+    })) {
     Connection const connection("x");
-    Sets sets{{&connection.socket}, {&connection.socket}, {&connection.socket}};
+    Sets sets{{&connection}, {&connection}, {&connection}};
     Fault const fault(inject_select, GetParam().error);
     EXPECT_EQ(-1, sets.select());
     EXPECT_EQ(1, fault.getCalls());
     EXPECT_TRUE(chainIs(GetParam().reports));
     EXPECT_EQ(EMPTY, sets);
-    EXPECT_FALSE(connection.socket.hadError());
+    EXPECT_FALSE(connection.hadError());
 }
 
 TEST(SelectSockets, failsIfADescriptorIsClosed) {
     Connection connection;
     Connection const other;
-    ASSERT_EQ(0, close(connection.getFd()));
-    Sets sets{{&other.socket}, {&connection.socket}, {&other.socket}};
+    ASSERT_EQ(0, close(connection.getSocketFd()));
+    Sets sets{{&other}, {&connection}, {&other}};
     EXPECT_EQ(-1, sets.select());
     EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EBADF));
     EXPECT_EQ(EMPTY, sets);
-    connection.socket.forget();
+    connection.forget();
 }
 
 constexpr auto bySet = [](testing::TestParamInfo<Sockets Sets::*> const& set) {
@@ -357,7 +336,7 @@ protected:
     static void expectRefused(Socket const* refused) {
         Connection const one("x");
         Connection const two;
-        Sockets const others = {&one.socket, &two.socket};
+        Sockets const others = {&one, &two};
         Sets sets{others, others, others};
         (sets.*GetParam()).insert(refused);
         Sets const before = sets;
@@ -373,7 +352,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(
     sets, SelectSocketsSet, testing::Values(&Sets::read, &Sets::write, &Sets::except), bySet);
 
-TEST_P(SelectSocketsSet, withASocketWithoutADescriptorOrANullPointerFailsAndKeepsAllSets) {
+TEST_P(SelectSocketsSet, isKeptIfASocketHasNoDescriptorOrIsNull) {
     TestSocket without;
     expectRefused(&without);
     EXPECT_FALSE(without.hadError());
@@ -398,10 +377,10 @@ TEST_P(SelectSocketsSet, withADescriptorBeyondThoseOfSelectEndsTheProcess) {
     ChildEnd const end = runInChild([] {
         std::GlobalErrorHandler::setHook(nullptr);
         Connection const connection;
-        ASSERT_TRUE(copyTo(FD_SETSIZE, connection.getFd())) << strerror(errno);
+        ASSERT_TRUE(copyTo(FD_SETSIZE, connection.getSocketFd())) << strerror(errno);
         TestSocket beyond(FD_SETSIZE);
         Sets sets;
-        sets.*GetParam() = {&connection.socket, &beyond};
+        sets.*GetParam() = {&connection, &beyond};
         sets.select(0);
         ADD_FAILURE() << "it returned";
     });
@@ -413,7 +392,7 @@ TEST_P(SelectSocketsSet, withADescriptorBeyondThoseOfSelectEndsTheProcess) {
 TEST(SelectSockets, takesTheHighestDescriptorOfSelect) {
     expectInChild([] {
         Connection const connection("x");
-        ASSERT_TRUE(copyTo(FD_SETSIZE - 1, connection.getFd())) << strerror(errno);
+        ASSERT_TRUE(copyTo(FD_SETSIZE - 1, connection.getSocketFd())) << strerror(errno);
         TestSocket const highest(FD_SETSIZE - 1);
         Sets sets{{&highest}};
         EXPECT_EQ(1, sets.select());

@@ -1,23 +1,15 @@
 #pragma once
 
 #include "support/CleanEnd.h"
+#include "support/Testing.h"
 
-#include <tarncommon/error/CommonError.h>
 #include <tarncommon/stream/IBinStreamBase.h>
 #include <vesk/RawSocket.h>
-#include <vesk/SysError.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <ostream>
 #include <poll.h>
-#include <string>
 #include <sys/socket.h>
-#include <utility>
-#include <vector>
 
 /// Chains of reports that show one text, and tables of them.
 
@@ -70,21 +62,16 @@ struct ErrnoRow {
     friend std::ostream& operator<<(std::ostream& out, ErrnoRow const& row) { return out << row.getName(); }
 };
 
-/// Names the case of a row after its error number.
-inline std::string errnoName(testing::TestParamInfo<ErrnoRow> const& info) {
-    return info.param.getName();
-}
-
 /// Error numbers that make the same chain of reports.
-struct ErrnoGroup {
+struct ErrnoReports {
     std::vector<int> errors;
     Reports reports;
 };
 
 /// Returns one row for each number of the groups.
-inline std::vector<ErrnoRow> errnoRows(std::vector<ErrnoGroup> const& groups) {
+inline std::vector<ErrnoRow> errnoRows(std::vector<ErrnoReports> const& groups) {
     std::vector<ErrnoRow> rows;
-    for (ErrnoGroup const& group : groups) {
+    for (ErrnoReports const& group : groups) {
         for (int const error : group.errors) {
             rows.push_back({error, withText(group.reports, systemText(error))});
         }
@@ -100,7 +87,8 @@ inline std::vector<ErrnoRow> errnoRows(std::vector<ErrnoGroup> const& groups) {
 ///     }
 #define VESK_TEST_ROWS(suite, name, ...)                                                                     \
     class suite : public testing::TestWithParam<support::ErrnoRow> {};                                       \
-    INSTANTIATE_TEST_SUITE_P(rows, suite, testing::ValuesIn(__VA_ARGS__), support::errnoName);               \
+    INSTANTIATE_TEST_SUITE_P(                                                                                \
+        rows, suite, testing::ValuesIn(__VA_ARGS__), testing::PrintToStringParamName());                     \
     TEST_P(suite, name)
 
 // ---- the tables that several classes share ----
@@ -192,6 +180,12 @@ sendRows(Reports const& others = {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLA
     });
 }
 
+/// Returns texts that are literals or strings.
+template <typename... Texts>
+std::vector<std::string> stringsOf(Texts const&... texts) {
+    return {std::string(texts)...};
+}
+
 // ---- descriptors and states ----
 
 inline bool isOpen(int fd) {
@@ -252,6 +246,40 @@ failed(vesk::Socket const& socket, vesk::Socket::State state, Reports const& rep
         return testing::AssertionFailure() << "the flag for errors is not set";
     }
     return reported ? hasState(socket, state) : reported;
+}
+
+/// Checks that the stream writes `data` as one request.
+inline testing::AssertionResult isWritten(vesk::Socket& socket, std::string const& data) {
+    unsigned int written = 0;
+    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), written);
+    if (result == 1 && written == data.size() && !socket.hadError()) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "result " << result << ", written " << written;
+}
+
+/// Checks that a transfer of the open socket fails with these reports and that nothing was transferred.
+inline testing::AssertionResult
+isFailure(vesk::Socket const& socket, int expected, int result, unsigned int count, Reports const& reports) {
+    return result == expected && count == 0
+        ? failed(socket, vesk::Socket::OPEN, reports)
+        : testing::AssertionFailure() << "result " << result << ", count " << count;
+}
+
+/// Checks that writing `data` fails with these reports and that the socket stays open.
+inline testing::AssertionResult
+failsToWrite(vesk::Socket& socket, Reports const& reports, std::string const& data = "x") {
+    unsigned int count = 77;
+    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), count);
+    return isFailure(socket, -1, result, count, reports);
+}
+
+/// Checks that reading fails, or with the result 0 ends, with these reports, and that the socket stays open.
+inline testing::AssertionResult failsToRead(vesk::Socket& socket, Reports const& reports, int expected = -1) {
+    char block[100];
+    unsigned int count = 77;
+    int const result = socket.read(block, sizeof block, count);
+    return isFailure(socket, expected, result, count, reports);
 }
 
 /// Checks that a constructor has failed.

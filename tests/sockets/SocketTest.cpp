@@ -3,14 +3,11 @@
 #include "support/AllocationCounter.h"
 #include "support/NewFault.h"
 #include "support/VtableSlot.h"
+#include "support/calls/UDPCalls.h"
 
 #include <vesk/Poller.h>
 
 #include <fcntl.h>
-#include <iterator>
-#include <memory>
-#include <thread>
-#include <type_traits>
 
 namespace {
 
@@ -78,27 +75,20 @@ TEST(Socket, fieldsHaveTheirOrder) {
 }
 
 TEST(Socket, hasAnErrorFamilyDerivedFromThatOfTheSystem) {
-    int id = 0;
-    for (char const* const format :
-         {"Invalid socket encountered: %s", "Unknown socket option: %s", "Invalid socket option: %s",
-          "Creating socket failed: %s", "Socket address busy: %s", "Socket address invalid: %s",
-          "Connection has been reset: %s", "Peer is not reachable: %s", "Network is unavailable: %s",
-          "Resolve operation failed: %s", "Communication failed: %s", "Connection closed: %s",
-          "Message too big: %s"}) {
-        ASSERT_NE(nullptr, Socket::Error.getRow(id)) << id;
-        EXPECT_EQ(id, Socket::Error.getRow(id)->id);
-        EXPECT_STREQ(format, Socket::Error.getRow(id)->format);
-        EXPECT_EQ(1, Socket::Error.getRow(id)->nargs);
-        ++id;
-    }
-    EXPECT_EQ(nullptr, Socket::Error.getRow(id));
-    EXPECT_TRUE(Socket::Error.isA(vesk::SysError));
+    expectRows(
+        Socket::Error,
+        {"Invalid socket encountered: %s", "Unknown socket option: %s", "Invalid socket option: %s",
+         "Creating socket failed: %s", "Socket address busy: %s", "Socket address invalid: %s",
+         "Connection has been reset: %s", "Peer is not reachable: %s", "Network is unavailable: %s",
+         "Resolve operation failed: %s", "Communication failed: %s", "Connection closed: %s",
+         "Message too big: %s"},
+        1);
     EXPECT_FALSE(vesk::SysError.isA(Socket::Error));
 }
 
 // ---- construction ----
 
-TEST(Socket, newSocketIsInactiveAndHasTheModeAndTheBuffersOfItsConstructor) {
+TEST(Socket, newSocketHasTheModeAndBuffersOfItsConstructor) {
     TestSocket const socket(true, 0, 0);
     EXPECT_FALSE(socket.hadError());
     EXPECT_EQ(-1, socket.getSocketFd());
@@ -120,7 +110,7 @@ TEST(Socket, newSocketIsInactiveAndHasTheModeAndTheBuffersOfItsConstructor) {
     EXPECT_EQ((std::vector<size_t>{100, 200, 100, 100}), allocations.getSizes());
 }
 
-TEST(Socket, withoutMemoryForABufferItIsInvalidInEveryStateAndTheDirectionIsUnusable) {
+TEST(Socket, withoutMemoryForABufferItIsInvalidInEveryState) {
     Ends ends = makeEnds();
     for (int const nth : {1, 2}) {
         NewFault const fault(New::NOTHROW_ARRAY, nth);
@@ -216,13 +206,6 @@ TEST(Socket, destructorAssertsThatAValidSocketHasNoDescriptorAndIsDead) {
     EXPECT_EQ("", eventsOfEnd(-1, Socket::INACTIVE, false));
 }
 
-TEST(Socket, canBeDestroyedAsItsBaseClass) {
-    Ends ends = makeEnds();
-    int const fd = ends.takeMine();
-    { std::unique_ptr<Socket> const owner = std::make_unique<TestSocket>(fd); }
-    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
-}
-
 // ---- two threads ----
 
 // `hadError` is the outcome of either thread. The thread sanitizer would report a race.
@@ -259,7 +242,7 @@ TEST(Socket, isReadByOneThreadAndWrittenByAnother) {
 
 // ---- the stream ----
 
-TEST(Socket, flushSucceedsInEveryStateAndClearsTheErrorFlagUnlessItIsOnlyOfTheBuffer) {
+TEST(Socket, flushSucceedsInEveryStateAndClearsTheErrorFlag) {
     TestSocket socket;
     for (auto const state : {Socket::INACTIVE, Socket::OPEN, Socket::DEAD}) {
         socket.set(-1, state);
@@ -272,27 +255,6 @@ TEST(Socket, flushSucceedsInEveryStateAndClearsTheErrorFlagUnlessItIsOnlyOfTheBu
             EXPECT_EQ(buffer_only, socket.hadError());
         }
     }
-}
-
-TEST(Socket, buffersBothDirections) {
-    ConnectedSocket socket(makeEnds(), true, 64, 64);
-    std::IBinInOutStream& stream = socket;
-    unsigned int count = 0;
-    EXPECT_EQ(1, stream.write("abc", 3, count));
-    EXPECT_EQ(1, stream.write("def", 3, count));
-    EXPECT_EQ(3U, count);
-    EXPECT_EQ(-1, recv(socket.ends.getPeer(), &count, sizeof count, MSG_DONTWAIT))
-        << "the data is in the buffer";
-    EXPECT_FALSE(stream.flush(false));
-    EXPECT_EQ("abcdef", socket.ends.receive(16));
-
-    socket.ends.send("123456");
-    char block[4] = {};
-    EXPECT_EQ(1, stream.read(block, 2, count));
-    EXPECT_EQ("12", std::string(block, count));
-    EXPECT_EQ(-1, recv(socket.getSocketFd(), block, 1, MSG_DONTWAIT)) << "the rest was read ahead";
-    EXPECT_EQ(1, stream.read(block, 4, count));
-    EXPECT_EQ("3456", std::string(block, count));
 }
 
 TEST(Socket, flushOfANonBlockingStreamFailsWhileThePeerHasNoRoom) {
@@ -351,13 +313,11 @@ public:
     }
     void error(int) override { ADD_FAILURE() << "the descriptor has failed"; }
 
-    std::string const& getText() const { return m_text; }
-    int getResult() const { return m_result; }
+    std::string m_text;
+    int m_result = -2;
 
 private:
     TestSocket& m_socket;
-    std::string m_text;
-    int m_result = -2;
 };
 
 TEST(Socket, canBePolled) {
@@ -366,16 +326,162 @@ TEST(Socket, canBePolled) {
     vesk::Poller poller;
     poller.add(reader, socket.getSocketFd());
     socket.ends.send("hello");
-    while (reader.getText() != "hello") {
+    while (reader.m_text != "hello") {
         ASSERT_FALSE(poller.poll());
     }
-    EXPECT_EQ(1, reader.getResult());
+    EXPECT_EQ(1, reader.m_result);
     EXPECT_EQ(0, shutdown(socket.ends.getPeer(), SHUT_WR));
-    while (reader.getResult() == 1) {
+    while (reader.m_result == 1) {
         ASSERT_FALSE(poller.poll());
     }
-    EXPECT_EQ(0, reader.getResult());
+    EXPECT_EQ(0, reader.m_result);
     EXPECT_TRUE(chainIs({SocketErrorId::CONNECTION_CLOSED, StreamErrorId::END_OF_STREAM}));
+}
+
+// ---- the sizes of the buffers ----
+
+/// A buffer's operations.
+struct Buffer {
+    char const* name;
+    char const* getter;
+    int option;
+    bool (Socket::*set)(unsigned int);
+    unsigned int (Socket::*get)() const;
+};
+
+constexpr Buffer BUFFERS[] = {
+    {"SO_SNDBUF", "getSendBuffer", SO_SNDBUF, &Socket::setSendBuffer, &Socket::getSendBuffer},
+    {"SO_RCVBUF", "getRecvBuffer", SO_RCVBUF, &Socket::setRecvBuffer, &Socket::getRecvBuffer},
+};
+
+/// Returns a call as a `CallRecorder` shows it for the last socket.
+std::string callOf(char const* function, Buffer const& buffer, char const* value) {
+    return std::string(function) + "(s, " + buffer.name + ", " + value + ")\n";
+}
+
+/// Checks that an operation on each buffer reports a failure once, keeps the state and succeeds afterwards.
+template <typename Operation>
+void expectFailure(Injected& call, ErrnoRow const& row, Operation const& succeeds) {
+    for (Buffer const& buffer : BUFFERS) {
+        ConnectedSocket socket;
+        Fault const fault(call, row.error);
+        EXPECT_FALSE(succeeds(socket, buffer));
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_TRUE(socket.hadError());
+        EXPECT_TRUE(chainIs(row.reports));
+        EXPECT_EQ(Socket::OPEN, socket.getState());
+        EXPECT_TRUE(socket.isValid());
+
+        EXPECT_TRUE(succeeds(socket, buffer));
+        EXPECT_FALSE(socket.hadError());
+    }
+}
+
+VESK_TEST_ROWS(SocketOptionSet, failureIsReportedAndKeepsTheState, setOptionRows()) {
+    expectFailure(inject_setsockopt, GetParam(), [](TestSocket& socket, Buffer const& buffer) {
+        return !(socket.*buffer.set)(16384);
+    });
+}
+
+VESK_TEST_ROWS(SocketOptionGet, failureIsReportedAndKeepsTheState, getOptionRows()) {
+    expectFailure(inject_getsockopt, GetParam(), [](TestSocket& socket, Buffer const& buffer) {
+        return (socket.*buffer.get)() != 0;
+    });
+}
+
+TEST(SocketOptions, sizeIsSetAsAnInt) {
+    for (Buffer const& buffer : BUFFERS) {
+        ConnectedSocket socket;
+        socket.setHadError();
+        CallRecorder calls;
+        CallRecorder::s_last_socket = socket.getSocketFd();
+        EXPECT_FALSE((socket.*buffer.set)(0x12345));
+        EXPECT_FALSE(socket.hadError());
+        EXPECT_EQ(callOf("setsockopt", buffer, "45230100"), calls.getText());
+        (socket.*buffer.set)(UINT_MAX);
+        EXPECT_EQ(callOf("setsockopt", buffer, "ffffffff"), calls.getText());
+    }
+}
+
+TEST(SocketOptions, sizeThatWasSetIsReturnedAlsoOfAnInactiveSocket) {
+    for (bool const tcp : {false, true}) {
+        for (Buffer const& buffer : BUFFERS) {
+            ConnectedSocket socket(tcp ? makeTcpEnds() : makeEnds());
+            EXPECT_FALSE((socket.*buffer.set)(20000));
+            socket.setHadError();
+            CallRecorder calls;
+            CallRecorder::s_last_socket = socket.getSocketFd();
+            EXPECT_EQ(20000U, (socket.*buffer.get)());
+            EXPECT_FALSE(socket.hadError());
+            EXPECT_EQ(callOf("getsockopt", buffer, "4"), calls.getText());
+        }
+    }
+    TestSocket socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), Socket::INACTIVE);
+    EXPECT_FALSE(socket.setRecvBuffer(20000));
+    EXPECT_EQ(20000U, socket.getRecvBuffer());
+    EXPECT_EQ(Socket::INACTIVE, socket.getState());
+}
+
+TEST(SocketOptions, sizeBeyondTheSystemsLimitsIsReturnedAsGranted) {
+    for (Buffer const& buffer : BUFFERS) {
+        ConnectedSocket socket;
+        for (unsigned int const size : {1U, static_cast<unsigned int>(INT_MAX)}) {
+            EXPECT_FALSE((socket.*buffer.set)(size));
+            int const granted = getOption(socket.getSocketFd(), SOL_SOCKET, buffer.option);
+            EXPECT_EQ(static_cast<unsigned int>(granted / 2), (socket.*buffer.get)());
+            EXPECT_NE(size, (socket.*buffer.get)());
+        }
+    }
+}
+
+TEST(SocketOptions, sizeIsHalfOfTheSystemsSignedNumber) {
+    ConnectedSocket socket;
+    for (auto const& [value, half] : {std::pair(7, 3U), std::pair(1, 0U), std::pair(-7, 0U - 3U)}) {
+        PretendedOption const option(value, sizeof(int));
+        EXPECT_EQ(half, socket.getSendBuffer());
+        EXPECT_EQ(half, socket.getRecvBuffer());
+    }
+    for (Buffer const& buffer : BUFFERS) {
+        std::string const assertion = std::string("ASSERT framework/src/vesk/posix/Socket ") + buffer.getter +
+            ": retsize == sizeof(int)";
+        for (socklen_t const length : {0U, 2U, 3U, 5U, 8U, 4U}) {
+            EventRecorder const events;
+            PretendedOption const option(4000, length);
+            EXPECT_EQ(2000U, (socket.*buffer.get)()) << "the function continues";
+            EXPECT_EQ(length == sizeof(int) ? "" : assertion, events.getText());
+        }
+    }
+    EXPECT_FALSE(socket.hadError());
+}
+
+TEST(SocketOptions, withoutADescriptorOfASocketFail) {
+    TestSocket socket;
+    for (auto const state : {Socket::INACTIVE, Socket::DEAD}) {
+        socket.set(-1, state);
+        for (Buffer const& buffer : BUFFERS) {
+            Fault const set(inject_setsockopt, 0);
+            Fault const get(inject_getsockopt, 0);
+            errno = EXDEV;
+            EXPECT_TRUE((socket.*buffer.set)(16384));
+            EXPECT_TRUE(socket.hadError());
+            EXPECT_TRUE(causeIs(SocketErrorId::INVALID_SOCKET, EXDEV));
+            errno = EXDEV;
+            EXPECT_EQ(0U, (socket.*buffer.get)());
+            EXPECT_TRUE(socket.hadError());
+            EXPECT_TRUE(causeIs(SocketErrorId::INVALID_SOCKET, EXDEV));
+            EXPECT_EQ(0, set.getCalls() + get.getCalls());
+        }
+    }
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    {
+        TestSocket pipe_end(ends[0]);
+        EXPECT_TRUE(pipe_end.setSendBuffer(16384));
+        EXPECT_TRUE(causeIs(SocketErrorId::INVALID_SOCKET, ENOTSOCK));
+        EXPECT_EQ(0U, pipe_end.getRecvBuffer());
+        EXPECT_TRUE(causeIs(SocketErrorId::INVALID_SOCKET, ENOTSOCK));
+    }
+    close(ends[1]);
 }
 
 } // namespace

@@ -1,14 +1,9 @@
 #include "SocketRows.h"
 #include "TestSocket.h"
 #include "support/InjectNoting.h"
-#include "support/Privileges.h"
-
-#include <tarncommon/error/ErrorStorage.h>
 
 #include <chrono>
-#include <csignal>
 #include <sys/time.h>
-#include <thread>
 
 /// Reading and writing of the base class of all sockets.
 
@@ -29,9 +24,7 @@ support::Injected inject_recv("recv");
 extern "C" VESK_UNWATCHED ssize_t recv(int fd, void* buffer, size_t size, int flags) {
     s_fd = fd;
     s_flags = flags;
-    int error = 0;
-    if (inject_recv.fails(error)) {
-        errno = error;
+    if (inject_recv.fails()) {
         return -1;
     }
     ssize_t const count = reinterpret_cast<decltype(&recv)>(inject_recv.getReal())(fd, buffer, size, flags);
@@ -92,11 +85,8 @@ void expectFailure(Direction const& direction, ErrnoRow const& row) {
     Fault const fault(direction.call, row.error, 1, 2);
     EXPECT_TRUE(direction.perform(socket, 2, count));
     EXPECT_EQ(1, fault.getCalls());
-    EXPECT_TRUE(chainIs(row.reports));
+    EXPECT_TRUE(failed(socket, Socket::OPEN, row));
     EXPECT_EQ(0U, count);
-    EXPECT_TRUE(socket.hadError());
-    EXPECT_EQ(Socket::OPEN, socket.getState());
-    EXPECT_TRUE(socket.isValid());
     EXPECT_EQ(fd, socket.getSocketFd());
     EXPECT_EQ(-1, direction.transfer(socket, 2, count));
     EXPECT_EQ(0U, count);
@@ -108,8 +98,9 @@ void expectFailure(Direction const& direction, ErrnoRow const& row) {
     expectTransferred(direction, socket.ends);
 }
 
-std::vector<ErrnoRow> readRows() {
-    return errnoRows({
+VESK_TEST_ROWS(
+    SocketReadRow, isReportedBelowTheStreamsErrorAndKeepsTheState,
+    errnoRows({
         {{ECONNRESET}, {SocketErrorId::CONNECTION_RESET, StreamErrorId::UNUSABLE}},
         {{EINVAL}, {SocketErrorId::INVALID_SOCKET, StreamErrorId::UNUSABLE}},
         {{EIO, EBADF, ENOTSOCK, EOPNOTSUPP}, {SysErrorId::SPOILED_INTEGRITY, StreamErrorId::UNUSABLE}},
@@ -119,10 +110,7 @@ std::vector<ErrnoRow> readRows() {
         {{ENOMEM}, {SysErrorId::OUT_OF_MEMORY, StreamErrorId::TRANSFER_FAILED}},
         {{EFAULT, EPIPE, EPERM, EHOSTUNREACH, EMSGSIZE, ENODEV},
          {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED}},
-    });
-}
-
-VESK_TEST_ROWS(SocketReadRow, isReportedBelowTheStreamsErrorAndKeepsTheState, readRows()) {
+    })) {
     expectFailure(READ, GetParam());
 }
 
@@ -231,37 +219,43 @@ INSTANTIATE_TEST_SUITE_P(directions, SocketTransfer, DIRECTIONS, testing::PrintT
 
 // ---- reading ----
 
+/// Whether a `performRead` has failed, and the bytes.
+using Received = std::pair<bool, std::string>;
+
+Received performRead(TestSocket& socket, unsigned int size) {
+    std::string block(size, '\0');
+    unsigned int got = UNTOUCHED;
+    bool const failed = socket.performRead(block.data(), size, got);
+    block.resize(got);
+    return {failed, block};
+}
+
 TEST(SocketRead, returnsTheReceivedBytesWithOneCallAndNoMoreThanRequested) {
     ConnectedSocket socket;
     socket.ends.send("hello");
     socket.setHadError();
-    char block[16];
-    unsigned int got = UNTOUCHED;
     Fault const calls(inject_recv, 0);
-    EXPECT_FALSE(socket.performRead(block, sizeof block, got));
-    EXPECT_EQ("hello", std::string(block, got));
+    EXPECT_EQ(Received(false, "hello"), performRead(socket, 16));
     EXPECT_FALSE(socket.hadError());
     EXPECT_EQ(1, calls.getCalls());
     EXPECT_EQ(socket.getSocketFd(), s_fd);
     EXPECT_EQ(0, s_flags);
     socket.ends.send("world");
-    strcpy(block, "xyz");
+    char block[] = "xyz";
+    unsigned int got = UNTOUCHED;
     EXPECT_FALSE(socket.performRead(block, 2, got));
     EXPECT_EQ(2U, got);
     EXPECT_STREQ("woz", block);
-    EXPECT_FALSE(socket.performRead(block, 3, got));
-    EXPECT_EQ("rld", std::string(block, got));
+    EXPECT_EQ(Received(false, "rld"), performRead(socket, 3));
 }
 
 TEST(SocketRead, succeedsWithoutBytesOnANonBlockingDescriptor) {
     ConnectedSocket socket(makeEnds(SOCK_STREAM | SOCK_NONBLOCK));
+    socket.setHadError();
+    EXPECT_EQ(Received(false, ""), performRead(socket, 1));
+    EXPECT_FALSE(socket.hadError());
     char byte = 0;
     unsigned int got = UNTOUCHED;
-    socket.setHadError();
-    EXPECT_FALSE(socket.performRead(&byte, 1, got));
-    EXPECT_EQ(0U, got);
-    EXPECT_FALSE(socket.hadError());
-    got = UNTOUCHED;
     EXPECT_EQ(1, socket.read(&byte, 1, got));
     EXPECT_EQ(0U, got);
 }
@@ -270,41 +264,21 @@ TEST(SocketRead, waitsAsItsDescriptorDoesEvenInANonBlockingStream) {
     ConnectedSocket socket(makeEnds(), false, 0, 0);
     timeval const limit{0, 50000};
     ASSERT_EQ(0, setsockopt(socket.getSocketFd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit));
-    char byte = 0;
-    unsigned int got = UNTOUCHED;
     auto const start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(socket.performRead(&byte, 1, got));
+    EXPECT_EQ(Received(false, ""), performRead(socket, 1));
     EXPECT_LE(SHORT_WAIT, std::chrono::steady_clock::now() - start);
-    EXPECT_EQ(0U, got);
-}
-
-TEST(SocketRead, waitsForThePeer) {
-    ConnectedSocket socket;
-    std::thread peer([&socket] { socket.ends.send("x"); });
-    char byte = 0;
-    unsigned int got = UNTOUCHED;
-    EXPECT_FALSE(socket.performRead(&byte, 1, got));
-    EXPECT_EQ(1U, got);
-    EXPECT_EQ('x', byte);
+    ConnectedSocket waiting;
+    std::thread peer([&waiting] { waiting.ends.send("x"); });
+    EXPECT_EQ(Received(false, "x"), performRead(waiting, 1));
     peer.join();
 }
 
 void expectEnd(TestSocket& socket) {
-    char block[4];
-    unsigned int got = UNTOUCHED;
-    EXPECT_TRUE(socket.performRead(block, sizeof block, got));
-    EXPECT_EQ(0U, got);
-    EXPECT_TRUE(socket.hadError());
-    EXPECT_EQ(Socket::OPEN, socket.getState());
-    EXPECT_TRUE(socket.isValid());
-    Reports const end = {SocketErrorId::CONNECTION_CLOSED, StreamErrorId::END_OF_STREAM};
-    EXPECT_TRUE(chainIs("Connection closed normally", end));
-    got = UNTOUCHED;
-    EXPECT_EQ(0, socket.read(block, sizeof block, got));
-    EXPECT_EQ(0U, got);
-    EXPECT_TRUE(std::ErrorStorage::isA(std::IBinStreamBase::StreamError));
-    EXPECT_EQ(StreamErrorId::END_OF_STREAM, std::ErrorStorage::id());
-    EXPECT_TRUE(chainIs(end));
+    Reports const end = withText(
+        {SocketErrorId::CONNECTION_CLOSED, StreamErrorId::END_OF_STREAM}, "Connection closed normally");
+    EXPECT_EQ(Received(true, ""), performRead(socket, 4));
+    EXPECT_TRUE(failed(socket, Socket::OPEN, end));
+    EXPECT_TRUE(failsToRead(socket, end, 0));
 }
 
 TEST(SocketRead, reachesTheEndAfterThePeerClosedAndLeavesTheSocketOpen) {
@@ -312,18 +286,14 @@ TEST(SocketRead, reachesTheEndAfterThePeerClosedAndLeavesTheSocketOpen) {
         ConnectedSocket socket(tcp ? makeTcpEnds() : makeEnds());
         socket.ends.send("last");
         socket.ends.closePeer();
-        char block[16];
-        unsigned int got = 0;
-        EXPECT_EQ(1, socket.read(block, sizeof block, got));
-        EXPECT_EQ("last", std::string(block, got));
+        EXPECT_EQ(Received(false, "last"), performRead(socket, 16));
         expectEnd(socket);
         expectEnd(socket);
     }
     ConnectedSocket half(makeTcpEnds());
     ASSERT_EQ(0, shutdown(half.ends.getPeer(), SHUT_WR));
     expectEnd(half);
-    unsigned int put = 0;
-    EXPECT_EQ(1, half.write("still", 5, put)) << "the other direction is usable";
+    EXPECT_TRUE(isWritten(half, "still")) << "the other direction is usable";
     EXPECT_EQ("still", half.ends.receive(16));
 }
 
@@ -370,13 +340,20 @@ TEST(SocketRead, ofMoreBytesThanRequestedIsCutAndFailsWithoutTheErrorFlag) {
 
 // ---- writing ----
 
+/// Whether a `performWrite` has failed, and the number of bytes.
+using Sent = std::pair<bool, unsigned int>;
+
+Sent performWrite(TestSocket& socket, std::string const& bytes) {
+    unsigned int put = UNTOUCHED;
+    bool const failed = socket.performWrite(bytes.data(), static_cast<unsigned int>(bytes.size()), put);
+    return {failed, put};
+}
+
 TEST(SocketWrite, sendsWithOneCallThatRaisesNoSignal) {
     ConnectedSocket socket;
     socket.setHadError();
-    unsigned int put = UNTOUCHED;
     Fault const calls(inject_send, 0);
-    EXPECT_FALSE(socket.performWrite("hello", 5, put));
-    EXPECT_EQ(5U, put);
+    EXPECT_EQ(Sent(false, 5), performWrite(socket, "hello"));
     EXPECT_FALSE(socket.hadError());
     EXPECT_EQ(1, calls.getCalls());
     EXPECT_EQ(socket.getSocketFd(), s_fd);
@@ -386,31 +363,29 @@ TEST(SocketWrite, sendsWithOneCallThatRaisesNoSignal) {
 
 TEST(SocketWrite, ofMoreThanThereIsRoomForIsShortAndThenSucceedsWithoutBytes) {
     ConnectedSocket socket(makeEnds(SOCK_STREAM | SOCK_NONBLOCK), false, 0, 0);
-    std::vector<char> const much(16 << 20, 'x');
-    auto const size = static_cast<unsigned int>(much.size());
-    unsigned int put = 0;
+    std::string const much(16 << 20, 'x');
+    unsigned int sent = 0;
     {
         Fault const calls(inject_send, 0);
-        EXPECT_FALSE(socket.performWrite(much.data(), size, put));
+        sent = performWrite(socket, much).second;
         EXPECT_EQ(1, calls.getCalls()) << "sending the rest is left to the caller";
         EXPECT_EQ(much.size(), s_size);
     }
-    EXPECT_LT(0U, put);
-    EXPECT_GT(size, put);
-    unsigned int sent = put;
-    for (; put != 0; sent += put) {
-        ASSERT_FALSE(socket.performWrite(much.data(), size, put));
+    EXPECT_LT(0U, sent);
+    EXPECT_GT(much.size(), sent);
+    for (Sent next(false, 1); next.second != 0; sent += next.second) {
+        next = performWrite(socket, much);
+        ASSERT_FALSE(next.first);
     }
-    put = UNTOUCHED;
     socket.setHadError();
-    EXPECT_FALSE(socket.performWrite("x", 1, put));
-    EXPECT_EQ(0U, put);
+    EXPECT_EQ(Sent(false, 0), performWrite(socket, "x"));
     EXPECT_FALSE(socket.hadError());
 
     ConnectedSocket stream(makeEnds(SOCK_STREAM | SOCK_NONBLOCK), false, 0, 0);
-    EXPECT_EQ(1, stream.write(much.data(), size, put));
+    unsigned int put = 0;
+    EXPECT_EQ(1, stream.write(much.data(), static_cast<unsigned int>(much.size()), put));
     EXPECT_LT(0U, put);
-    EXPECT_GT(size, put);
+    EXPECT_GT(much.size(), put);
     EXPECT_EQ(1, stream.write("x", 1, put));
     EXPECT_EQ(0U, put);
 
@@ -458,15 +433,11 @@ TEST(SocketWrite, waitsAsItsDescriptorDoes) {
     ConnectedSocket socket;
     timeval const limit{0, 50000};
     ASSERT_EQ(0, setsockopt(socket.getSocketFd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit));
-    std::vector<char> const much(1 << 20, 'x');
-    unsigned int put = 0;
-    do {
-        ASSERT_FALSE(socket.performWrite(much.data(), static_cast<unsigned int>(much.size()), put));
-    } while (put == much.size());
+    std::string const much(1 << 20, 'x');
+    while (performWrite(socket, much) == Sent(false, 1 << 20)) {}
     auto const start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(socket.performWrite(much.data(), static_cast<unsigned int>(much.size()), put));
+    EXPECT_EQ(Sent(false, 0), performWrite(socket, much));
     EXPECT_LE(SHORT_WAIT, std::chrono::steady_clock::now() - start);
-    EXPECT_EQ(0U, put);
 }
 
 class SocketWriteClosed : public testing::TestWithParam<bool> {};
@@ -476,18 +447,14 @@ TEST_P(SocketWriteClosed, connectionFailsTheWriteAndRaisesNoSignal) {
         signal(SIGPIPE, SIG_DFL);
         ConnectedSocket socket(tcp ? makeTcpEnds() : makeEnds());
         socket.ends.closePeer();
-        unsigned int put = UNTOUCHED;
         if (tcp) {
             // The first write detects it: the peer's system answers with a reset.
-            EXPECT_FALSE(socket.performWrite("x", 1, put));
-            EXPECT_EQ(1U, put);
+            EXPECT_EQ(Sent(false, 1), performWrite(socket, "x"));
             ASSERT_TRUE(awaitEvents(socket.getSocketFd(), POLLHUP));
         }
-        EXPECT_TRUE(socket.performWrite("x", 1, put));
-        EXPECT_EQ(0U, put);
-        EXPECT_TRUE(socket.hadError());
-        EXPECT_EQ(Socket::OPEN, socket.getState());
-        EXPECT_TRUE(chainIs(EPIPE, {SocketErrorId::INVALID_SOCKET, StreamErrorId::UNUSABLE}));
+        EXPECT_EQ(Sent(true, 0), performWrite(socket, "x"));
+        EXPECT_TRUE(failed(
+            socket, Socket::OPEN, ErrnoRow(SocketErrorId::INVALID_SOCKET, EPIPE, {StreamErrorId::UNUSABLE})));
     });
 }
 
@@ -497,10 +464,7 @@ INSTANTIATE_TEST_SUITE_P(peers, SocketWriteClosed, testing::Bool(), [](auto cons
 
 TEST(SocketWrite, ofADatagramThatIsTooBigFails) {
     ConnectedSocket socket(makeEnds(SOCK_DGRAM));
-    std::vector<char> const much(64 << 20, 'x');
-    unsigned int put = UNTOUCHED;
-    EXPECT_TRUE(socket.performWrite(much.data(), static_cast<unsigned int>(much.size()), put));
-    EXPECT_EQ(0U, put);
+    EXPECT_EQ(Sent(true, 0), performWrite(socket, std::string(64 << 20, 'x')));
     EXPECT_TRUE(chainIs(EMSGSIZE, {SocketErrorId::MESSAGE_TOO_BIG, StreamErrorId::TRANSFER_FAILED}));
 }
 

@@ -2,29 +2,19 @@
 
 #include "SocketRows.h"
 #include "support/Descriptors.h"
-#include "support/Processes.h"
-#include "support/Threads.h"
+#include "support/Sleeper.h"
 #include "support/calls/StreamSocketCalls.h"
 
 #include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <vesk/TCPServerSocket.h>
+#include <vesk/UDPSocket.h>
 #include <vesk/UnixServerSocket.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
 #include <netinet/tcp.h>
-#include <ostream>
-#include <string>
 #include <sys/stat.h>
-#include <thread>
-#include <tuple>
-#include <utility>
-#include <vector>
 
-/// What the tests of TCP and Unix sockets share: the tables of errors, and connections of each transport.
+/// What the tests of TCP and Unix sockets share: the tables of errors, and connections of each transport. UDP sockets take
+/// part where they behave like the clients.
 
 namespace support {
 
@@ -32,6 +22,7 @@ using vesk::IPSocket;
 using vesk::Socket;
 using vesk::TCPServerSocket;
 using vesk::TCPSocket;
+using vesk::UDPSocket;
 using vesk::UnixServerSocket;
 using vesk::UnixSocket;
 using vesk::UnixSocketBase;
@@ -39,16 +30,6 @@ using IPAddress = vesk::IPSocket::IPAddress;
 namespace CommonErrorId = std::CommonErrorId;
 
 // ---- Tables of errors ----
-
-/// A report with the name of its cause.
-struct NamedRow {
-    std::string name;
-    ErrnoRow row;
-};
-
-inline void PrintTo(NamedRow const& named, std::ostream* out) {
-    *out << named.name;
-}
 
 inline std::vector<ErrnoRow> const FLAG_ROWS =
     errnoRows({{{EBADF, EACCES, EAGAIN, EINTR, EINVAL, EPERM}, {SysErrorId::UNCLASSIFIED}}});
@@ -74,14 +55,9 @@ inline std::vector<ErrnoRow> const ACCEPT_ROWS = errnoRows({
 
 /// Without EBADF, which is not reported.
 inline std::vector<ErrnoRow> const CLOSE_ROWS =
-    errnoRows({{{EIO, ENOSPC, EDQUOT, EAGAIN, EINVAL}, {SysErrorId::SPOILED_INTEGRITY}}});
-// ---- Descriptors ----
+    errnoRows({{{EIO, ENOSPC, EDQUOT, EAGAIN, EINVAL, 4711}, {SysErrorId::SPOILED_INTEGRITY}}});
 
-inline int getNextDescriptor() {
-    int const fd = dup(STDERR_FILENO);
-    close(fd);
-    return fd;
-}
+// ---- Descriptors ----
 
 /// Closes a descriptor that the library could not close.
 inline void closeForReal(int fd) {
@@ -104,21 +80,6 @@ inline bool isSocketFile(std::string const& path) {
     return lstat(path.c_str(), &data) == 0 && S_ISSOCK(data.st_mode);
 }
 
-/// Starts a thread and waits until it sleeps in the kernel.
-template <typename Body>
-std::thread startUntilAsleep(Body body) {
-    std::atomic<pid_t> id{0};
-    std::thread thread([&id, body] {
-        id = getThreadId();
-        body();
-    });
-    while (id == 0) {
-        sched_yield();
-    }
-    waitUntilAsleep(getpid(), id);
-    return thread;
-}
-
 // ---- Transports ----
 
 inline std::string makeName() {
@@ -127,7 +88,7 @@ inline std::string makeName() {
 }
 
 /// How sockets are connected.
-enum class Transport { IPV4, IPV6, ABSTRACT, PATH };
+enum class Transport { IPV4, IPV6, ABSTRACT, PATH, UDP, UDP6 };
 
 constexpr Transport TRANSPORTS[] = {Transport::IPV4, Transport::IPV6, Transport::ABSTRACT, Transport::PATH};
 
@@ -137,8 +98,16 @@ constexpr bool isTcp(Transport transport) {
     return transport == Transport::IPV4 || transport == Transport::IPV6;
 }
 
+constexpr bool isUdp(Transport transport) {
+    return transport == Transport::UDP || transport == Transport::UDP6;
+}
+
+constexpr bool isUnix(Transport transport) {
+    return transport == Transport::ABSTRACT || transport == Transport::PATH;
+}
+
 constexpr IPSocket::IPProtocolVersion getVersion(Transport transport) {
-    return transport == Transport::IPV6 ? IPSocket::IPV6 : IPSocket::IPV4;
+    return transport == Transport::IPV6 || transport == Transport::UDP6 ? IPSocket::IPV6 : IPSocket::IPV4;
 }
 
 inline char const* getLoopback(IPSocket::IPProtocolVersion version) {
@@ -146,7 +115,7 @@ inline char const* getLoopback(IPSocket::IPProtocolVersion version) {
 }
 
 inline std::string getName(Transport transport) {
-    char const* const names[] = {"IPv4", "IPv6", "abstractName", "path"};
+    char const* const names[] = {"IPv4", "IPv6", "abstractName", "path", "UDP", "UDPv6"};
     return names[static_cast<int>(transport)];
 }
 inline std::string getName(ErrnoRow const& row) {
@@ -159,17 +128,12 @@ inline std::string getName(Socket::State state) {
 inline std::string getName(Injected* call) {
     return call == &inject_getfl ? "F_GETFL" : call == &inject_setfl ? "F_SETFL" : "SO_REUSEADDR";
 }
-inline std::string getName(NamedRow const& named) {
-    std::string name = named.name;
-    std::replace(name.begin(), name.end(), '/', '_');
-    return name;
-}
 template <typename First, typename Second>
 std::string getName(std::tuple<First, Second> const& both) {
     return getName(std::get<0>(both)) + "_" + getName(std::get<1>(both));
 }
 
-constexpr auto byName = [](auto const& info) { return getName(info.param); };
+constexpr auto byParameters = [](auto const& info) { return getName(info.param); };
 
 /// Where a socket listens or connects to.
 struct Place {
@@ -204,7 +168,8 @@ constexpr Kind TCP_CLIENT{Transport::IPV4, false};
 constexpr Kind TCP_SERVER{Transport::IPV4, true};
 constexpr Kind UNIX_CLIENT{Transport::PATH, false};
 constexpr Kind UNIX_SERVER{Transport::PATH, true};
-constexpr Kind CLASSES[] = {TCP_CLIENT, TCP_SERVER, UNIX_CLIENT, UNIX_SERVER};
+constexpr Kind UDP_CLIENT{Transport::UDP, false};
+constexpr Kind CLASSES[] = {TCP_CLIENT, TCP_SERVER, UNIX_CLIENT, UNIX_SERVER, UDP_CLIENT};
 constexpr Kind CLIENTS[] = {TCP_CLIENT, UNIX_CLIENT};
 constexpr Kind SERVERS[] = {TCP_SERVER, UNIX_SERVER};
 constexpr Kind TCP_CLASSES[] = {TCP_CLIENT, TCP_SERVER};
@@ -218,11 +183,13 @@ protected:
     Place const m_place{m_transport};
 };
 
-/// Declares a suite for the rows of a table.
-#define VESK_ROW_SUITE(suite, kinds, ...)                                                                    \
+/// Starts the test of a suite that runs once for each kind and row.
+#define VESK_TEST_KIND_ROWS(suite, name, kinds, ...)                                                         \
     class suite : public support::KindRow {};                                                                \
     INSTANTIATE_TEST_SUITE_P(                                                                                \
-        rows, suite, testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(__VA_ARGS__)), byName)
+        rows, suite, testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(__VA_ARGS__)),             \
+        byParameters);                                                                                       \
+    TEST_P(suite, name)
 
 inline std::string pathAddress(std::string const& path) {
     sa_family_t const family = AF_UNIX;
@@ -373,8 +340,13 @@ struct Options {
 
 inline SocketPtr makeClient(Place const& peer, Options const& options = {}) {
     auto const& [blocking, read_buffer, write_buffer, name, reuse] = options;
+    auto const version = getVersion(peer.transport);
+    if (isUdp(peer.transport)) {
+        std::string const host = getLoopback(version);
+        return std::make_unique<Closing<UDPSocket>>(
+            blocking, read_buffer, write_buffer, IPAddress(host, 0), IPAddress(host, peer.port), version);
+    }
     if (isTcp(peer.transport)) {
-        auto const version = getVersion(peer.transport);
         return std::make_unique<Client>(
             blocking, read_buffer, write_buffer, IPAddress(), IPAddress(getLoopback(version), peer.port),
             reuse, version);
@@ -383,8 +355,9 @@ inline SocketPtr makeClient(Place const& peer, Options const& options = {}) {
         blocking, read_buffer, write_buffer, name, peer.name, peer.getNameSpace());
 }
 
+/// For UDP, makes a TCP server, which has a port for the clients.
 inline SocketPtr makeServer(Place const& place, bool blocking = true, bool reuse = false) {
-    if (isTcp(place.transport)) {
+    if (!isUnix(place.transport)) {
         auto const version = getVersion(place.transport);
         return std::make_unique<Server>(
             IPAddress(getLoopback(version), place.port), blocking, reuse, version);
@@ -399,7 +372,12 @@ auto visit(Socket& socket, Call call) {
     return tcp != nullptr ? call(*tcp) : call(dynamic_cast<Unix&>(socket));
 }
 
+/// Connects a client; opens a UDP socket.
 inline bool connectSocket(Socket& client) {
+    if (auto* const udp = dynamic_cast<UDPSocket*>(&client)) {
+        udp->open();
+        return udp->hadError();
+    }
     return visit<TCPSocket, UnixSocket>(client, [](auto& socket) { return socket.connect(); });
 }
 
@@ -503,8 +481,7 @@ inline Transfer write(Socket& socket, std::string const& bytes) {
 }
 
 inline void writeTo(Socket& socket, std::string const& bytes) {
-    EXPECT_EQ(Transfer(1, bytes.size()), write(socket, bytes));
-    EXPECT_FALSE(socket.hadError());
+    EXPECT_TRUE(isWritten(socket, bytes));
 }
 
 /// Reads until `size` bytes have arrived, also from a socket that does not block.
@@ -538,23 +515,17 @@ inline testing::AssertionResult isAtEnd(Socket& socket) {
     if (!awaitEvents(socket.getSocketFd(), POLLIN)) {
         return testing::AssertionFailure() << "nothing happened";
     }
-    Transfer const transfer = readByte(socket);
-    if (transfer != Transfer(0, 0) || !socket.hadError()) {
-        return testing::AssertionFailure() << testing::PrintToString(transfer);
-    }
-    return chainIs(
+    return failsToRead(
+        socket,
         {{Socket::ErrorId::CONNECTION_CLOSED, "Connection closed: Connection closed normally"},
-         StreamErrorId::END_OF_STREAM});
+         StreamErrorId::END_OF_STREAM},
+        0);
 }
 
 /// Reads from a connection that the peer has reset.
 inline testing::AssertionResult isReset(Socket& socket) {
-    if (readByte(socket) != FAILED) {
-        return testing::AssertionFailure() << "it can be read";
-    }
-    return failed(
-        socket, Socket::OPEN,
-        ErrnoRow(Socket::ErrorId::CONNECTION_RESET, ECONNRESET, {StreamErrorId::UNUSABLE}));
+    return failsToRead(
+        socket, ErrnoRow(Socket::ErrorId::CONNECTION_RESET, ECONNRESET, {StreamErrorId::UNUSABLE}));
 }
 
 // ---- Connections ----
@@ -566,7 +537,7 @@ public:
         : m_place(transport), m_server(makeServer(m_place, blocking)) {
         enableListen(*m_server, backlog);
         EXPECT_TRUE(succeeded(*m_server, Socket::OPEN));
-        if (isTcp(transport)) {
+        if (!isUnix(transport)) {
             getTcp().updateLocalAddress();
             m_place.port = getTcp().getLocalAddress().port;
             EXPECT_NE(0, m_place.port);

@@ -1,15 +1,9 @@
 #include "StreamSocketSupport.h"
-#include "support/Child.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
 
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <set>
 #include <sys/resource.h>
 
-/// What TCP and Unix sockets do in the same way.
+/// What TCP and Unix sockets do in the same way, and UDP sockets as far as they do.
 
 namespace {
 
@@ -18,8 +12,16 @@ using namespace support;
 // ---- Clients and servers ----
 
 constexpr Kind KINDS[] = {
-    TCP_CLIENT,  TCP_SERVER,  {Transport::IPV6, false},     {Transport::IPV6, true},
-    UNIX_CLIENT, UNIX_SERVER, {Transport::ABSTRACT, false}, {Transport::ABSTRACT, true}};
+    TCP_CLIENT,
+    TCP_SERVER,
+    {Transport::IPV6, false},
+    {Transport::IPV6, true},
+    UDP_CLIENT,
+    {Transport::UDP6, false},
+    UNIX_CLIENT,
+    UNIX_SERVER,
+    {Transport::ABSTRACT, false},
+    {Transport::ABSTRACT, true}};
 
 SocketPtr make(Kind kind, bool blocking = true, bool reuse = false) {
     Place const place(kind.transport);
@@ -36,47 +38,59 @@ void start(Kind kind, Socket& socket) {
     EXPECT_TRUE(succeeded(socket, Socket::OPEN));
 }
 
-/// Returns the report of an abort in the constructor.
-std::string getAbort(Kind kind) {
+/// Returns the event of a constructor that has failed and cannot close its descriptor.
+std::string getEvent(Kind kind) {
+    if (isUdp(kind.transport)) {
+        return "WARNING framework/src/vesk/posix/UDPSocket UDPSocket: close error";
+    }
     std::string const name = std::string(isTcp(kind.transport) ? "TCP" : "Unix");
-    return kind.is_server ? name + "ServerSocket " + name + "ServerSocket: error constructing, error closing"
-                          : name + "Socket " + name + "Socket: ctor error, close error";
+    return "ABORT framework/src/vesk/posix/" +
+        (kind.is_server ? name + "ServerSocket " + name + "ServerSocket: error constructing, error closing"
+                        : name + "Socket " + name + "Socket: ctor error, close error");
 }
 
 std::string getAssertion(Kind kind, std::string const& text) {
-    std::string const name = isTcp(kind.transport) ? "IPSocket" : "UnixSocketBase";
+    std::string const name = isUnix(kind.transport) ? "UnixSocketBase" : "IPSocket";
     return "ASSERT framework/src/vesk/posix/" + name + " ~" + name + ": " + text;
 }
 
 class StreamSocketConstruction : public testing::TestWithParam<Kind> {};
 
-INSTANTIATE_TEST_SUITE_P(kinds, StreamSocketConstruction, testing::ValuesIn(KINDS), byName);
+INSTANTIATE_TEST_SUITE_P(kinds, StreamSocketConstruction, testing::ValuesIn(KINDS), byParameters);
 
 TEST_P(StreamSocketConstruction, makesAnInactiveSocketWithADescriptorThatExecCloses) {
-    Fault const binds(inject_bind, 0);
-    Fault const options(inject_setsockopt, 0);
-    Fault const reads(inject_getfl, 0);
-    Fault const flags(inject_setfl, 0);
+    Transport const transport = GetParam().transport;
+    Fault const calls[] = {{inject_bind, 0}, {inject_setsockopt, 0}, {inject_getfl, 0}, {inject_setfl, 0}};
     SocketPtr const socket = make(GetParam());
     EXPECT_TRUE(succeeded(*socket, Socket::INACTIVE));
-    EXPECT_EQ(0, binds.getCalls() + options.getCalls() + reads.getCalls() + flags.getCalls());
+    for (Fault const& call : calls) {
+        EXPECT_EQ(0, call.getCalls());
+    }
     EXPECT_FALSE(socket->isInputBuffered());
     EXPECT_FALSE(socket->isOutputBuffered());
-    int const families[] = {AF_INET, AF_INET6, AF_UNIX, AF_UNIX};
-    int const family = families[static_cast<int>(GetParam().transport)];
-    EXPECT_EQ((std::array<int, 3>{family, SOCK_STREAM | SOCK_CLOEXEC, 0}), s_calls.created);
+    int const families[] = {AF_INET, AF_INET6, AF_UNIX, AF_UNIX, AF_INET, AF_INET6};
+    int const family = families[static_cast<int>(transport)];
+    int const type = isUdp(transport) ? SOCK_DGRAM : SOCK_STREAM;
+    EXPECT_EQ((std::array<int, 3>{family, type | SOCK_CLOEXEC, 0}), s_calls.created);
     int const fd = socket->getSocketFd();
-    EXPECT_EQ(SOCK_STREAM, getOption(fd, SOL_SOCKET, SO_TYPE));
+    EXPECT_EQ(type, getOption(fd, SOL_SOCKET, SO_TYPE));
     EXPECT_EQ(family, getOption(fd, SOL_SOCKET, SO_DOMAIN));
     EXPECT_EQ(0, getOption(fd, SOL_SOCKET, SO_REUSEADDR));
     EXPECT_EQ(0, getOption(fd, SOL_SOCKET, SO_ACCEPTCONN)) << "it does not listen yet";
     EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD));
     EXPECT_EQ(O_RDWR, fcntl(fd, F_GETFL)) << "it blocks";
+    if (!isUnix(transport)) {
+        EXPECT_EQ(getVersion(transport), dynamic_cast<IPSocket&>(*socket).getVersion());
+    }
 }
 
 TEST_P(StreamSocketConstruction, makesADescriptorThatDoesNotBlockOrReusesAddressesOnRequest) {
+    Fault const reads(inject_getfl, 0);
+    Fault const writes(inject_setfl, 0);
     SocketPtr const socket = make(GetParam(), false);
     EXPECT_TRUE(succeeded(*socket, Socket::INACTIVE));
+    EXPECT_EQ(1, reads.getCalls());
+    EXPECT_EQ(1, writes.getCalls());
     EXPECT_EQ(O_RDWR | O_NONBLOCK, s_calls.status_flags);
     EXPECT_EQ(O_RDWR | O_NONBLOCK, fcntl(socket->getSocketFd(), F_GETFL));
     Fault const options(inject_setsockopt, 0);
@@ -98,9 +112,25 @@ TEST_P(StreamSocketConstruction, withoutDescriptorsLeftFails) {
     });
 }
 
-VESK_ROW_SUITE(StreamSocketCreationRows, CLASSES, createRows());
+class StreamSocketBuffer : public testing::TestWithParam<Transport> {};
 
-TEST_P(StreamSocketCreationRows, failureMakesTheSocketInvalid) {
+INSTANTIATE_TEST_SUITE_P(
+    transports, StreamSocketBuffer,
+    testing::Values(Transport::IPV4, Transport::IPV6, Transport::ABSTRACT, Transport::PATH, Transport::UDP),
+    byParameters);
+
+TEST_P(StreamSocketBuffer, withoutMemoryMakesTheSocketInvalidWithoutADescriptor) {
+    Fault const sockets(inject_socket, 0);
+    for (unsigned int const read_buffer : {0U, 64U}) {
+        NewFault const fault(New::NOTHROW_ARRAY);
+        SocketPtr const socket = makeClient(Place(GetParam()), {true, read_buffer, 64 - read_buffer});
+        EXPECT_TRUE(chainIs({CommonErrorId::OUT_OF_MEMORY}));
+        EXPECT_TRUE(isUnusable(*socket));
+    }
+    EXPECT_EQ(0, sockets.getCalls());
+}
+
+VESK_TEST_KIND_ROWS(StreamSocketCreationRows, failureMakesTheSocketInvalid, CLASSES, createRows()) {
     Fault const fault(inject_socket, m_row.error);
     Fault const closes(inject_close, 0);
     SocketPtr const socket = make(m_kind, false, true);
@@ -124,60 +154,59 @@ void expectCauseToSurviveClose(Kind kind, Injected& call, ErrnoRow const& row) {
     EXPECT_EQ(descriptors, countDescriptors());
 }
 
-VESK_ROW_SUITE(StreamSocketFlagRows, CLASSES, FLAG_ROWS);
-
-TEST_P(StreamSocketFlagRows, failureToReadOrToSetTheFlagsMakesTheSocketInvalid) {
+VESK_TEST_KIND_ROWS(
+    StreamSocketFlagRows, failureToReadOrToSetTheFlagsMakesTheSocketInvalid, CLASSES, FLAG_ROWS) {
     expectCauseToSurviveClose(m_kind, inject_getfl, m_row);
     Fault const options(inject_setsockopt, 0);
     expectCauseToSurviveClose(m_kind, inject_setfl, m_row);
     EXPECT_EQ(0, options.getCalls()) << "the reuse of addresses is not set any more";
 }
 
-VESK_ROW_SUITE(StreamSocketReuseRows, TCP_CLASSES, setOptionRows());
-
-TEST_P(StreamSocketReuseRows, failureMakesTheSocketInvalid) {
+VESK_TEST_KIND_ROWS(StreamSocketReuseRows, failureMakesTheSocketInvalid, TCP_CLASSES, setOptionRows()) {
     expectCauseToSurviveClose(m_kind, inject_setsockopt, m_row);
 }
 
 /// A failure of a constructor that is followed by a failure to close.
-class StreamSocketAbort : public testing::TestWithParam<std::tuple<Kind, Injected*>> {
-protected:
-    Kind const m_kind = std::get<0>(GetParam());
-    Injected& m_call = *std::get<1>(GetParam());
-};
+class StreamSocketAbort : public testing::TestWithParam<std::tuple<Kind, Injected*>> {};
 
 INSTANTIATE_TEST_SUITE_P(
     flags, StreamSocketAbort,
-    testing::Combine(testing::ValuesIn(CLASSES), testing::Values(&inject_getfl, &inject_setfl)), byName);
+    testing::Combine(testing::ValuesIn(CLASSES), testing::Values(&inject_getfl, &inject_setfl)),
+    byParameters);
 INSTANTIATE_TEST_SUITE_P(
     reuse, StreamSocketAbort,
-    testing::Combine(testing::ValuesIn(TCP_CLASSES), testing::Values(&inject_setsockopt)), byName);
+    testing::Combine(testing::ValuesIn(TCP_CLASSES), testing::Values(&inject_setsockopt)), byParameters);
 
-TEST_P(StreamSocketAbort, endsTheProcess) {
-    ChildEnd const end = runInChild([this] {
+TEST_P(StreamSocketAbort, endsTheProcessOrReturnsWithTheCauseReported) {
+    auto const [kind, call] = GetParam();
+    std::string const event = getEvent(kind);
+    for (int const close_error : {EIO, EBADF}) {
+        EventRecorder const events;
+        int const fd = dup(STDERR_FILENO); // The number that the socket gets.
+        close(fd);
+        {
+            Fault const fault(*call, EPERM);
+            Fault const closes(inject_close, close_error);
+            SocketPtr const socket = make(kind, false, true);
+            EXPECT_EQ(1, closes.getCalls());
+            EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EPERM));
+            EXPECT_TRUE(isUnusable(*socket, Socket::DEAD));
+        }
+        EXPECT_EQ(event, events.getText());
+        closeForReal(fd);
+    }
+    if (isUdp(kind.transport)) {
+        return; // Only warns.
+    }
+    ChildEnd const end = runInChild([kind = kind, call = call] {
         std::GlobalErrorHandler::setHook(nullptr);
-        Fault const fault(m_call, EPERM);
+        Fault const fault(*call, EPERM);
         Fault const closes(inject_close, EBADF);
-        SocketPtr const socket = make(m_kind, false, true);
+        SocketPtr const socket = make(kind, false, true);
         ADD_FAILURE() << "not reached";
     });
     EXPECT_EQ(SIGABRT, end.signal);
-    std::string const abort = getAbort(m_kind);
-    EXPECT_NE(std::string::npos, end.errors.find(abort.substr(abort.find(':') + 2))) << end.errors;
-}
-
-TEST_P(StreamSocketAbort, thatReturnsLeavesTheCauseReported) {
-    EventRecorder const events;
-    int const fd = getNextDescriptor();
-    {
-        Fault const fault(m_call, EPERM);
-        Fault const closes(inject_close, EIO);
-        SocketPtr const socket = make(m_kind, false, true);
-        EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EPERM));
-        EXPECT_TRUE(isUnusable(*socket, Socket::DEAD));
-    }
-    EXPECT_EQ("ABORT framework/src/vesk/posix/" + getAbort(m_kind), events.getText());
-    closeForReal(fd);
+    EXPECT_NE(std::string::npos, end.errors.find(event.substr(event.find(':') + 2))) << end.errors;
 }
 
 // ---- States ----
@@ -208,7 +237,113 @@ protected:
 INSTANTIATE_TEST_SUITE_P(
     kinds, StreamSocketState,
     testing::Combine(testing::ValuesIn(KINDS), testing::Values(Socket::INACTIVE, Socket::OPEN, Socket::DEAD)),
-    byName);
+    byParameters);
+
+constexpr auto isClient = [](Kind kind) { return !kind.is_server; };
+constexpr auto isServer = [](Kind kind) { return kind.is_server; };
+constexpr auto isStreamClient = [](Kind kind) { return !kind.is_server && !isUdp(kind.transport); };
+constexpr auto isTcpClient = [](Kind kind) { return !kind.is_server && isTcp(kind.transport); };
+constexpr auto isUdpSocket = [](Kind kind) { return isUdp(kind.transport); };
+
+Reports refusal(std::string const& text, Reports on_top = {}) {
+    on_top.insert(on_top.begin(), misuse(text));
+    return on_top;
+}
+
+Reports refusalOfServer(std::string const& operation) {
+    return refusal(operation + " is invalid", {StreamErrorId::NOT_SUPPORTED});
+}
+
+Reports const NO_DESCRIPTOR{Socket::ErrorId::INVALID_SOCKET};
+
+using States = std::set<Socket::State>;
+States const ALL{Socket::INACTIVE, Socket::OPEN, Socket::DEAD};
+States const NOT_OPEN{Socket::INACTIVE, Socket::DEAD};
+States const NOT_INACTIVE{Socket::OPEN, Socket::DEAD};
+States const ONLY_DEAD{Socket::DEAD};
+
+/// An operation of some kinds of sockets in the states that refuse it.
+struct Refusal {
+    char const* name;
+    bool (*has)(Kind kind);
+    States const& states;
+    bool (*refuses)(Socket& socket); ///< Whether the result is that of a refusal.
+    Reports reports;
+} const REFUSALS[] = {
+    {"read", isClient, NOT_OPEN, [](Socket& socket) { return readByte(socket) == FAILED; },
+     refusal("called read on non-OPEN socket", {StreamErrorId::UNUSABLE})},
+    {"write", isClient, NOT_OPEN, [](Socket& socket) { return write(socket, "x") == FAILED; },
+     refusal("called write on non-OPEN socket", {StreamErrorId::UNUSABLE})},
+    {"read of a server", isServer, ALL,
+     [](Socket& socket) {
+         char byte = 'x';
+         unsigned int count = 0;
+         return socket.read(&byte, 1, count) == -1 && byte == 'x';
+     },
+     refusalOfServer("read operation on server socket")},
+    {"empty read of a server", isServer, ALL,
+     [](Socket& socket) {
+         unsigned int count = 0;
+         return socket.read(nullptr, 0, count) == -1;
+     },
+     refusalOfServer("read operation on server socket")},
+    {"write of a server", isServer, ALL, [](Socket& socket) { return write(socket, "x").first == -1; },
+     refusalOfServer("write operation on server socket")},
+    {"empty write of a server", isServer, ALL,
+     [](Socket& socket) {
+         unsigned int count = 0;
+         return socket.write(nullptr, 0, count) == -1;
+     },
+     refusalOfServer("write operation on server socket")},
+    {"flush of a server", isServer, ALL, [](Socket& socket) { return socket.flush(false); },
+     refusalOfServer("flush operation on socket")},
+    {"connect", isStreamClient, NOT_INACTIVE, [](Socket& socket) { return !connectSocket(socket); },
+     refusal("connect called in state != INACTIVE")},
+    {"open", isUdpSocket, NOT_INACTIVE, connectSocket, refusal("open() called in state != INACTIVE")},
+    {"enableListen", isServer, NOT_INACTIVE,
+     [](Socket& socket) {
+         enableListen(socket);
+         return true;
+     },
+     refusal("enableListen() called in state != INACTIVE")},
+    {"acceptConnection", isServer, NOT_OPEN, acceptsNothing,
+     refusal("acceptConnection() called in state != OPEN")},
+    {"setTCPNoDelay", isTcpClient, ONLY_DEAD,
+     [](Socket& socket) { return dynamic_cast<TCPSocket&>(socket).setTCPNoDelay(true); }, NO_DESCRIPTOR},
+    {"setKeepalive", isTcpClient, ONLY_DEAD,
+     [](Socket& socket) {
+         return dynamic_cast<TCPSocket&>(socket).setKeepalive({true, 1, 1, 1});
+     },
+     NO_DESCRIPTOR},
+    {"setKeepalive off", isTcpClient, ONLY_DEAD,
+     [](Socket& socket) {
+         return dynamic_cast<TCPSocket&>(socket).setKeepalive({false, 1, 1, 1});
+     },
+     NO_DESCRIPTOR},
+};
+
+TEST_P(StreamSocketState, refusesOperationsWithoutACallOfTheSystem) {
+    Fault const calls[] = {
+        {inject_bind, 0},
+        {inject_listen, 0},
+        {inject_connect, 0},
+        {inject_accept4, 0},
+        {inject_setsockopt, 0}};
+    for (Refusal const& row : REFUSALS) {
+        if (row.has(m_kind) && row.states.count(m_state) != 0) {
+            SCOPED_TRACE(row.name);
+            EXPECT_TRUE(row.refuses(*m_socket));
+            EXPECT_TRUE(failed(*m_socket, m_state, row.reports));
+        }
+    }
+    for (Fault const& call : calls) {
+        EXPECT_EQ(0, call.getCalls());
+    }
+    if (isClient(m_kind)) {
+        EXPECT_FALSE(m_socket->flush(false)) << "the buffer is empty";
+        EXPECT_TRUE(succeeded(*m_socket, m_state));
+    }
+}
 
 TEST_P(StreamSocketState, allowsAShutdownUnlessDead) {
     bool const is_dead = m_state == Socket::DEAD;
@@ -239,7 +374,7 @@ TEST_P(StreamSocketState, allowsOptionsUnlessDeadAndCanBeClosedOnce) {
         EXPECT_FALSE(isOpen(m_fd));
     }
     Fault const closes(inject_close, 0);
-    EXPECT_TRUE(closeSocket(*m_socket, true));
+    EXPECT_TRUE(closeSocket(*m_socket, false));
     EXPECT_TRUE(failed(*m_socket, Socket::DEAD, {misuse("called close on already DEAD socket")}));
     EXPECT_EQ(0, closes.getCalls() + shutdowns.getCalls());
 }
@@ -258,84 +393,39 @@ TEST_P(StreamSocketState, decidesWhatTheDestructorReports) {
     EXPECT_FALSE(isSocketFile(m_own.name));
 }
 
-class StreamSocketNotOpen : public StreamSocketState {};
-
-INSTANTIATE_TEST_SUITE_P(
-    clients, StreamSocketNotOpen,
-    testing::Combine(testing::ValuesIn(CLIENTS), testing::Values(Socket::INACTIVE, Socket::DEAD)), byName);
-
-TEST_P(StreamSocketNotOpen, refusesToReadAndToWrite) {
-    EXPECT_EQ(FAILED, readByte(*m_socket));
-    EXPECT_TRUE(
-        failed(*m_socket, m_state, {misuse("called read on non-OPEN socket"), StreamErrorId::UNUSABLE}));
-    EXPECT_EQ(FAILED, write(*m_socket, "x"));
-    EXPECT_TRUE(
-        failed(*m_socket, m_state, {misuse("called write on non-OPEN socket"), StreamErrorId::UNUSABLE}));
-    EXPECT_FALSE(m_socket->flush(false)) << "the buffer is empty";
-    EXPECT_TRUE(succeeded(*m_socket, m_state));
-}
-
-class StreamServerSocketState : public StreamSocketState {
-protected:
-    testing::AssertionResult refuses(std::string const& operation) {
-        return failed(*m_socket, m_state, {misuse(operation + " is invalid"), StreamErrorId::NOT_SUPPORTED});
-    }
-};
-
-INSTANTIATE_TEST_SUITE_P(
-    servers, StreamServerSocketState,
-    testing::Combine(
-        testing::ValuesIn(SERVERS), testing::Values(Socket::INACTIVE, Socket::OPEN, Socket::DEAD)),
-    byName);
-
-TEST_P(StreamServerSocketState, refusesToReadToWriteAndToFlush) {
-    char byte = 'x';
-    for (unsigned int const size : {1U, 0U}) {
-        unsigned int count = 12345;
-        EXPECT_EQ(-1, m_socket->read(size != 0 ? &byte : nullptr, size, count));
-        EXPECT_TRUE(refuses("read operation on server socket"));
-        EXPECT_EQ('x', byte);
-    }
-    for (unsigned int const size : {1U, 0U}) {
-        unsigned int count = 12345;
-        EXPECT_EQ(-1, m_socket->write(size != 0 ? "x" : nullptr, size, count));
-        EXPECT_TRUE(refuses("write operation on server socket"));
-    }
-    EXPECT_TRUE(m_socket->flush(false));
-    EXPECT_TRUE(refuses("flush operation on socket"));
-}
-
 class StreamSocketClass : public testing::TestWithParam<Kind> {};
 
-INSTANTIATE_TEST_SUITE_P(classes, StreamSocketClass, testing::ValuesIn(CLASSES), byName);
+INSTANTIATE_TEST_SUITE_P(classes, StreamSocketClass, testing::ValuesIn(CLASSES), byParameters);
 
 TEST_P(StreamSocketClass, withoutADescriptorFailsToStartAndToClose) {
+    auto const [transport, is_server] = GetParam();
     EventRecorder const events;
     Fault const fault(inject_socket, EACCES);
     SocketPtr const socket = make(GetParam());
     std::ErrorStorage::ack();
-    if (GetParam().is_server) {
+    if (is_server) {
         enableListen(*socket);
     } else {
         EXPECT_TRUE(connectSocket(*socket));
     }
     EXPECT_TRUE(socket->hadError());
-    std::string const text = rowText(CommonErrorId::INVALID_ARGUMENT, "p_socket_fd is invalid");
-    EXPECT_TRUE(chainIs({{CommonErrorId::INVALID_ARGUMENT, text}}));
-    EXPECT_TRUE(isUnusable(*socket, GetParam().is_server ? Socket::DEAD : Socket::INACTIVE));
+    EXPECT_TRUE(chainIs("p_socket_fd is invalid", {CommonErrorId::INVALID_ARGUMENT}));
+    bool const was_closed = is_server || isUdp(transport);
+    EXPECT_TRUE(isUnusable(*socket, was_closed ? Socket::DEAD : Socket::INACTIVE));
     // A Unix client without a name of its own does not bind.
-    bool const binds = GetParam().is_server || isTcp(GetParam().transport);
     EXPECT_EQ(
         std::string("ASSERT framework/src/vesk/posix/SocketPosixCommon ") +
-            (binds ? "bindSocket" : "connectSocket") + ": p_socket_fd != INVALID_SOCKET_FD",
+            (is_server || !isUnix(transport) ? "bindSocket" : "connectSocket") +
+            ": p_socket_fd != INVALID_SOCKET_FD" +
+            (isUdp(transport) ? "\nWARNING framework/src/vesk/posix/UDPSocket open: error closing" : ""),
         events.getText());
-    if (!GetParam().is_server) {
+    if (!was_closed) {
         EXPECT_TRUE(closeSocket(*socket, false));
         EXPECT_TRUE(failed(*socket, Socket::DEAD, {}));
     }
 }
 
-TEST_P(StreamSocketClass, repeatsTheCloseWhileSignalsInterruptItAndFailsOfAClosedDescriptor) {
+TEST_P(StreamSocketClass, repeatsTheCloseWhileSignalsInterruptIt) {
     SocketPtr const socket = make(GetParam());
     int const fd = socket->getSocketFd();
     Fault const fault(inject_close, EINTR, 1, 4);
@@ -344,26 +434,26 @@ TEST_P(StreamSocketClass, repeatsTheCloseWhileSignalsInterruptItAndFailsOfAClose
     EXPECT_FALSE(isOpen(fd));
     SocketPtr const closed = make(GetParam());
     close(closed->getSocketFd());
-    EXPECT_TRUE(closeSocket(*closed, false));
+    EXPECT_TRUE(closeSocket(*closed, true));
     EXPECT_TRUE(failed(*closed, Socket::DEAD, {}));
 }
 
 TEST_P(StreamSocketClass, thatTheDestructorCannotCloseIsABrokenInvariant) {
     WithoutClosing const without_closing;
-    EventRecorder const events;
-    SocketPtr socket = make(GetParam());
-    int const fd = socket->getSocketFd();
-    Fault const fault(inject_close, EIO);
-    socket.reset();
-    EXPECT_EQ(1, fault.getCalls());
-    EXPECT_EQ(getAssertion(GetParam(), "!has_error: error closing socket"), events.getText());
-    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EIO));
-    closeForReal(fd);
+    for (ErrnoRow const& row : {ErrnoRow(SysErrorId::SPOILED_INTEGRITY, EIO), ErrnoRow(EBADF, {})}) {
+        EventRecorder const events;
+        SocketPtr socket = make(GetParam());
+        int const fd = socket->getSocketFd();
+        Fault const fault(inject_close, row.error);
+        socket.reset();
+        EXPECT_EQ(1, fault.getCalls());
+        EXPECT_EQ(getAssertion(GetParam(), "!has_error: error closing socket"), events.getText());
+        EXPECT_TRUE(chainIs(row.reports));
+        closeForReal(fd);
+    }
 }
 
-VESK_ROW_SUITE(StreamSocketCloseRows, CLASSES, CLOSE_ROWS);
-
-TEST_P(StreamSocketCloseRows, failureIsReportedAndTheSocketIsDead) {
+VESK_TEST_KIND_ROWS(StreamSocketCloseRows, failureIsReportedAndTheSocketIsDead, CLASSES, CLOSE_ROWS) {
     Listener const listener(m_kind.transport);
     Place const own(m_kind.transport);
     SocketPtr const socket = m_kind.is_server ? makeServer(own) : listener.makeClient({true, 0, 0, own.name});
@@ -381,18 +471,7 @@ TEST_P(StreamSocketCloseRows, failureIsReportedAndTheSocketIsDead) {
 
 class StreamSocket : public testing::TestWithParam<Transport> {};
 
-INSTANTIATE_TEST_SUITE_P(transports, StreamSocket, testing::ValuesIn(TRANSPORTS), byName);
-
-TEST_P(StreamSocket, withoutMemoryForABufferIsInvalidAndHasNoDescriptor) {
-    Fault const sockets(inject_socket, 0);
-    for (unsigned int const read_buffer : {0U, 64U}) {
-        NewFault const fault(New::NOTHROW_ARRAY);
-        SocketPtr const socket = makeClient(Place(GetParam()), {true, read_buffer, 64 - read_buffer});
-        EXPECT_TRUE(chainIs({CommonErrorId::OUT_OF_MEMORY}));
-        EXPECT_TRUE(isUnusable(*socket));
-    }
-    EXPECT_EQ(0, sockets.getCalls());
-}
+INSTANTIATE_TEST_SUITE_P(transports, StreamSocket, testing::ValuesIn(TRANSPORTS), byParameters);
 
 TEST_P(StreamSocket, connectsOnceAndCallsItsHookOnce) {
     Connection const connection(GetParam());
@@ -405,9 +484,6 @@ TEST_P(StreamSocket, connectsOnceAndCallsItsHookOnce) {
         EXPECT_TRUE(failed(*socket, Socket::OPEN, {misuse("connect called in state != INACTIVE")}));
     }
     EXPECT_TRUE(transfers(*connection.client, *connection.server, "still connected"));
-    EXPECT_FALSE(closeSocket(*connection.client, false));
-    EXPECT_FALSE(connectSocket(*connection.client));
-    EXPECT_TRUE(failed(*connection.client, Socket::DEAD, {misuse("connect called in state != INACTIVE")}));
     EXPECT_EQ(hooks, countHookCalls(*connection.client));
     EXPECT_EQ(0, calls.getCalls());
 }
@@ -423,9 +499,9 @@ TEST_P(StreamSocket, thatWasRefusedMayTryAgain) {
     EXPECT_TRUE(connects(*client));
 }
 
-VESK_ROW_SUITE(StreamSocketBindRows, CLIENTS, bindRows());
-
-TEST_P(StreamSocketBindRows, failureLeavesTheSocketInactiveExceptATcpClientThatIsBoundAlready) {
+VESK_TEST_KIND_ROWS(
+    StreamSocketBindRows, failureLeavesTheSocketInactiveExceptATcpClientThatIsBoundAlready, CLIENTS,
+    bindRows()) {
     Listener const listener(m_transport);
     SocketPtr const client = listener.makeClient({true, 0, 0, m_place.name});
     int const descriptors = countDescriptors();
@@ -448,9 +524,9 @@ TEST_P(StreamSocketBindRows, failureLeavesTheSocketInactiveExceptATcpClientThatI
 }
 
 std::vector<ErrnoRow> const CONNECT_ROWS = connectRows();
-VESK_ROW_SUITE(StreamSocketConnectRows, CLIENTS, std::vector(CONNECT_ROWS.begin() + 2, CONNECT_ROWS.end()));
-
-TEST_P(StreamSocketConnectRows, failureLeavesTheSocketInactive) {
+VESK_TEST_KIND_ROWS(
+    StreamSocketConnectRows, failureLeavesTheSocketInactive, CLIENTS,
+    std::vector(CONNECT_ROWS.begin() + 2, CONNECT_ROWS.end())) {
     Listener const listener(m_transport);
     SocketPtr const client = listener.makeClient({true, 0, 0, m_place.name});
     int const descriptors = countDescriptors();
@@ -472,10 +548,9 @@ TEST_P(StreamSocketConnectRows, failureLeavesTheSocketInactive) {
     EXPECT_FALSE(isSocketFile(m_place.name));
 }
 
-VESK_ROW_SUITE(
-    StreamSocketUnderWayRows, CLIENTS, std::vector(CONNECT_ROWS.begin(), CONNECT_ROWS.begin() + 2));
-
-TEST_P(StreamSocketUnderWayRows, makeTheSocketOpenWithoutAnError) {
+VESK_TEST_KIND_ROWS(
+    StreamSocketUnderWayRows, makeTheSocketOpenWithoutAnError, CLIENTS,
+    std::vector(CONNECT_ROWS.begin(), CONNECT_ROWS.begin() + 2)) {
     Listener const listener(m_transport);
     SocketPtr const client = listener.makeClient();
     Fault const fault(inject_connect, m_row.error);
@@ -518,9 +593,7 @@ TEST_P(StreamSocket, closedWithAShutdownEndsTheConnectionForOtherDescriptors) {
     }
 }
 
-VESK_ROW_SUITE(StreamSocketShutdownRows, CLIENTS, shutdownRows());
-
-TEST_P(StreamSocketShutdownRows, failureDoesNotStopTheClose) {
+VESK_TEST_KIND_ROWS(StreamSocketShutdownRows, failureDoesNotStopTheClose, CLIENTS, shutdownRows()) {
     Connection const connection(m_transport);
     int const descriptors = countDescriptors();
     Fault const fault(inject_shutdown, m_row.error);
@@ -535,15 +608,6 @@ TEST_P(StreamSocketShutdownRows, failureDoesNotStopTheClose) {
 }
 
 // ---- Traffic ----
-
-TEST_P(StreamSocket, carriesBytesBothWays) {
-    for (unsigned int const buffers : {0U, 16U, 512U}) {
-        Connection const connection(GetParam(), {true, buffers, buffers});
-        EXPECT_TRUE(transfers(*connection.client, *connection.server, "question, and a long one"));
-        EXPECT_TRUE(transfers(*connection.server, *connection.client, "answer"));
-        EXPECT_TRUE(succeeded(*connection.client, Socket::OPEN));
-    }
-}
 
 TEST_P(StreamSocket, withBuffersSendsOnlyWhatIsFlushedAndReadsAhead) {
     Connection const connection(GetParam(), {true, 0, 64});
@@ -563,7 +627,7 @@ TEST_P(StreamSocket, withBuffersSendsOnlyWhatIsFlushedAndReadsAhead) {
 
 TEST_P(StreamSocket, waitsForDataOrWithoutBlockingReadsNothing) {
     Connection const connection(GetParam());
-    std::thread reader = startUntilAsleep([&] {
+    SleepingThread reader([&] {
         char block[8];
         unsigned int count = 0;
         EXPECT_EQ(1, connection.server->read(block, sizeof block, count));
@@ -623,7 +687,7 @@ TEST_P(StreamSocket, carriesMegabytesBothWaysInBlocksOfAnySize) {
         }
         EXPECT_FALSE(socket.flush(false));
     };
-    for (unsigned int const buffers : {0U, 100U, 1000U}) {
+    for (unsigned int const buffers : {0U, 16U, 100U, 1000U}) {
         Connection const connection(GetParam(), {true, buffers, buffers});
         std::thread echo([&] {
             EXPECT_TRUE(pattern == readFrom(*connection.server, pattern.size()));
@@ -632,12 +696,13 @@ TEST_P(StreamSocket, carriesMegabytesBothWaysInBlocksOfAnySize) {
         send_all(*connection.client);
         EXPECT_TRUE(pattern == readFrom(*connection.client, pattern.size()));
         echo.join();
+        EXPECT_TRUE(succeeded(*connection.client, Socket::OPEN));
         EXPECT_FALSE(closeSocket(*connection.client, false));
         EXPECT_TRUE(isAtEnd(*connection.server));
     }
 }
 
-TEST_P(StreamSocket, staysOpenWhenThePeerClosesAndCanWriteWhenThePeerHasEndedOnlyItsHalf) {
+TEST_P(StreamSocket, staysOpenWhenThePeerClosesOrEndsItsHalf) {
     Connection const connection(GetParam());
     writeTo(*connection.client, "bye");
     EXPECT_FALSE(closeSocket(*connection.client, true));
@@ -669,7 +734,7 @@ TEST_P(StreamSocket, canBeSelected) {
 
 class StreamServerSocket : public testing::TestWithParam<Transport> {};
 
-INSTANTIATE_TEST_SUITE_P(transports, StreamServerSocket, testing::ValuesIn(TRANSPORTS), byName);
+INSTANTIATE_TEST_SUITE_P(transports, StreamServerSocket, testing::ValuesIn(TRANSPORTS), byParameters);
 
 TEST_P(StreamServerSocket, listensOnlyOnce) {
     Place const place(GetParam());
@@ -678,15 +743,9 @@ TEST_P(StreamServerSocket, listensOnlyOnce) {
     EXPECT_TRUE(succeeded(*server, Socket::OPEN));
     EXPECT_EQ(1, getOption(server->getSocketFd(), SOL_SOCKET, SO_ACCEPTCONN));
     EXPECT_EQ(GetParam() == Transport::PATH, isSocketFile(place.name));
-    Fault const binds(inject_bind, 0);
     enableListen(*server);
     EXPECT_TRUE(failed(*server, Socket::OPEN, {misuse("enableListen() called in state != INACTIVE")}));
     EXPECT_EQ(1, getOption(server->getSocketFd(), SOL_SOCKET, SO_ACCEPTCONN)) << "it still listens";
-    EXPECT_FALSE(closeSocket(*server, false));
-    EXPECT_FALSE(isSocketFile(place.name));
-    enableListen(*server);
-    EXPECT_TRUE(failed(*server, Socket::DEAD, {misuse("enableListen() called in state != INACTIVE")}));
-    EXPECT_EQ(0, binds.getCalls());
 }
 
 /// Checks that a failure to listen closes the server and stays reported, also if closing fails.
@@ -711,17 +770,14 @@ void expectFailureToClose(Transport transport, Injected& call, ErrnoRow const& r
     }
 }
 
-VESK_ROW_SUITE(StreamServerSocketBindRows, SERVERS, bindRows());
-
-TEST_P(StreamServerSocketBindRows, failureClosesTheServerAndRemovesNoFile) {
+VESK_TEST_KIND_ROWS(StreamServerSocketBindRows, failureClosesTheServerAndRemovesNoFile, SERVERS, bindRows()) {
     Fault const listens(inject_listen, 0);
     expectFailureToClose(m_transport, inject_bind, m_row, 0);
     EXPECT_EQ(0, listens.getCalls());
 }
 
-VESK_ROW_SUITE(StreamServerSocketListenRows, SERVERS, LISTEN_ROWS);
-
-TEST_P(StreamServerSocketListenRows, failureClosesTheServerAndRemovesItsFile) {
+VESK_TEST_KIND_ROWS(
+    StreamServerSocketListenRows, failureClosesTheServerAndRemovesItsFile, SERVERS, LISTEN_ROWS) {
     expectFailureToClose(m_transport, inject_listen, m_row, isTcp(m_transport) ? 0 : 1);
 }
 
@@ -736,7 +792,7 @@ TEST_P(StreamServerSocket, cannotListenWhereAnotherListens) {
     EXPECT_FALSE(closeSocket(*first, false));
 }
 
-TEST_P(StreamServerSocket, passesEveryBacklogRoomForAWholeAddressAndAFlagForExecToTheSystem) {
+TEST_P(StreamServerSocket, passesItsArgumentsToTheSystem) {
     for (unsigned int const backlog : {0U, 1U, 100U, 1U << 16, 0x7fffffffU, 0xffffffffU}) {
         Waiting const each(GetParam(), {}, true, backlog);
         EXPECT_EQ(backlog, static_cast<unsigned int>(s_calls.backlog));
@@ -764,7 +820,7 @@ TEST_P(StreamServerSocket, withAHugeBacklogAcceptsManyConnectionsInTheirOrder) {
 
 TEST_P(StreamServerSocket, waitsForAConnectionOrWithoutBlockingAcceptsNothing) {
     Listener const listener(GetParam());
-    std::thread thread = startUntilAsleep([&] { EXPECT_TRUE(listener.accept()->isValid()); });
+    SleepingThread thread([&] { EXPECT_TRUE(listener.accept()->isValid()); });
     SocketPtr const client = listener.makeClient();
     EXPECT_FALSE(connectSocket(*client));
     thread.join();
@@ -782,22 +838,8 @@ TEST_P(StreamServerSocket, waitsForAConnectionOrWithoutBlockingAcceptsNothing) {
     EXPECT_TRUE(succeeded(*free, Socket::OPEN));
 }
 
-TEST_P(StreamServerSocket, acceptsOnlyWhileItIsOpen) {
-    SocketPtr const server = makeServer(Place(GetParam()));
-    Fault const calls(inject_accept4, 0);
-    for (Socket::State const state : {Socket::INACTIVE, Socket::DEAD}) {
-        EXPECT_TRUE(acceptsNothing(*server));
-        EXPECT_TRUE(failed(*server, state, {misuse("acceptConnection() called in state != OPEN")}));
-        if (state == Socket::INACTIVE) {
-            EXPECT_FALSE(closeSocket(*server, false));
-        }
-    }
-    EXPECT_EQ(0, calls.getCalls());
-}
-
-VESK_ROW_SUITE(StreamServerSocketAcceptRows, SERVERS, ACCEPT_ROWS);
-
-TEST_P(StreamServerSocketAcceptRows, failureAcceptsNothingAndKeepsTheServerOpen) {
+VESK_TEST_KIND_ROWS(
+    StreamServerSocketAcceptRows, failureAcceptsNothingAndKeepsTheServerOpen, SERVERS, ACCEPT_ROWS) {
     Waiting const waiting(m_transport);
     Listener const& listener = waiting.listener;
     int const descriptors = countDescriptors();

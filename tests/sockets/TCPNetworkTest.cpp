@@ -1,8 +1,6 @@
 #include "Cable.h"
 #include "StreamSocketSupport.h"
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using namespace support;
@@ -97,275 +95,259 @@ testing::AssertionResult failsToConnect(std::string const& host, ErrnoRow const&
 class TCPNetwork : public testing::Test {
 protected:
     void SetUp() override { VESK_SKIP_WITHOUT_NETWORKS(); }
-
-    /// Runs `body` in a child, on the left machine.
-    template <typename Body>
-    static void withMachines(Body body) {
-        expectInNetwork([&body] { body(Machines()); });
-    }
-
-    /// The same with a connection to the right machine.
-    template <typename Body>
-    static void withConnection(Body body) {
-        withMachines([&body](Machines const& machines) {
-            FarConnection const connection(machines);
-            body(machines, *connection.client, *connection.server);
-        });
-    }
 };
 
-TEST_F(TCPNetwork, connectsMachines) {
-    withMachines([](Machines const& machines) {
-        for (IPSocket::IPProtocolVersion const version : VERSIONS) {
-            FarConnection const connection(machines, version);
-            EXPECT_EQ(LEFT[version], connection.client->getLocalAddress().host);
-            EXPECT_EQ(RIGHT[version], connection.client->getPeerAddress().host);
-            EXPECT_EQ(LEFT[version], connection.server->getPeerAddress().host);
-            EXPECT_EQ(connection.client->getLocalAddress().port, connection.server->getPeerAddress().port);
-            EXPECT_FALSE(connection.server->setRecvBuffer(200000));
-            EXPECT_TRUE(transfers(*connection.client, *connection.server, std::string(100000, 'x')));
-            EXPECT_FALSE(connection.server->close(true));
-            EXPECT_TRUE(isAtEnd(*connection.client));
-        }
+/// Runs `body` in a child, on the left machine.
+template <typename Body>
+void withMachines(Body body) {
+    expectInNetwork([&body] { body(Machines()); });
+}
+
+/// The same with a connection to the right machine.
+template <typename Body>
+void withConnection(Body body) {
+    withMachines([&body](Machines const& machines) {
+        FarConnection const connection(machines);
+        body(machines, *connection.client, *connection.server);
     });
 }
 
-TEST_F(TCPNetwork, connectsByLinkLocalAddressesWithTheirScope) {
-    expectInNetwork([] {
-        Cable const cable;
-        ASSERT_TRUE(cable.isThere());
-        ASSERT_TRUE(cable.enterRight());
-        auto const listener = listenOn(IPAddress("fe80::2%right", 0), IPSocket::IPV6);
-        EXPECT_EQ("fe80::2%right", listener->getLocalAddress().host);
-        ASSERT_TRUE(cable.enterLeft());
-        Client client(
-            true, 0, 0, IPAddress("fe80::1%left", 0),
-            IPAddress("fe80::2%left", listener->getLocalAddress().port), false, IPSocket::IPV6);
-        EXPECT_TRUE(connects(client));
-        EXPECT_EQ("fe80::1%left", client.getLocalAddress().host);
-        EXPECT_EQ("fe80::2%left", client.getPeerAddress().host);
-        TCPSocket::Description const accepted = listener->acceptConnection();
-        EXPECT_NE(0U, accepted.peer_binary.v6.sin6_scope_id);
-    });
+VESK_TEST_WITH(withMachines, TCPNetwork, connectsMachines, (Machines const& machines)) {
+    for (IPSocket::IPProtocolVersion const version : VERSIONS) {
+        FarConnection const connection(machines, version);
+        EXPECT_EQ(LEFT[version], connection.client->getLocalAddress().host);
+        EXPECT_EQ(RIGHT[version], connection.client->getPeerAddress().host);
+        EXPECT_EQ(LEFT[version], connection.server->getPeerAddress().host);
+        EXPECT_EQ(connection.client->getLocalAddress().port, connection.server->getPeerAddress().port);
+        EXPECT_FALSE(connection.server->setRecvBuffer(200000));
+        EXPECT_TRUE(transfers(*connection.client, *connection.server, std::string(100000, 'x')));
+        EXPECT_FALSE(connection.server->close(true));
+        EXPECT_TRUE(isAtEnd(*connection.client));
+    }
 }
 
-TEST_F(TCPNetwork, connectsToAndFromAnyPort) {
-    expectInNetwork([] {
-        for (IPSocket::IPProtocolVersion const version : VERSIONS) {
-            for (unsigned short const port : std::initializer_list<unsigned short>{1, 80, 65535}) {
-                auto const server = listenOn(IPAddress(getLoopback(version), port), version);
-                ASSERT_TRUE(succeeded(*server, Socket::OPEN));
-                Client client = makeClient(getLoopback(version), port);
-                EXPECT_FALSE(client.connect());
-                EXPECT_EQ(port, client.getPeerAddress().port);
-                Client const accepted(true, 0, 0, server->acceptConnection());
-                EXPECT_EQ(port, accepted.getLocalAddress().port);
-            }
-        }
-        Listener const listener;
-        for (unsigned short const port : std::initializer_list<unsigned short>{1, 65535}) {
-            Client client(
-                true, 0, 0, IPAddress(IPSocket::LOOPBACK_IP, port), listener.getTcp().getLocalAddress(), true,
-                IPSocket::IPV4);
+VESK_TEST_WITH(expectInNetwork, TCPNetwork, connectsByLinkLocalAddressesWithTheirScope, ()) {
+    Cable const cable;
+    ASSERT_TRUE(cable.isThere());
+    ASSERT_TRUE(cable.enterRight());
+    auto const listener = listenOn(IPAddress("fe80::2%right", 0), IPSocket::IPV6);
+    EXPECT_EQ("fe80::2%right", listener->getLocalAddress().host);
+    ASSERT_TRUE(cable.enterLeft());
+    Client client(
+        true, 0, 0, IPAddress("fe80::1%left", 0), IPAddress("fe80::2%left", listener->getLocalAddress().port),
+        false, IPSocket::IPV6);
+    EXPECT_TRUE(connects(client));
+    EXPECT_EQ("fe80::1%left", client.getLocalAddress().host);
+    EXPECT_EQ("fe80::2%left", client.getPeerAddress().host);
+    TCPSocket::Description const accepted = listener->acceptConnection();
+    EXPECT_NE(0U, accepted.peer_binary.v6.sin6_scope_id);
+}
+
+VESK_TEST_WITH(expectInNetwork, TCPNetwork, connectsToAndFromAnyPort, ()) {
+    for (IPSocket::IPProtocolVersion const version : VERSIONS) {
+        for (unsigned short const port : std::initializer_list<unsigned short>{1, 80, 65535}) {
+            auto const server = listenOn(IPAddress(getLoopback(version), port), version);
+            ASSERT_TRUE(succeeded(*server, Socket::OPEN));
+            Client client = makeClient(getLoopback(version), port);
             EXPECT_FALSE(client.connect());
-            EXPECT_EQ(port, client.getLocalAddress().port);
-            Client const accepted(true, 0, 0, listener.getTcp().acceptConnection());
-            EXPECT_EQ(port, accepted.getPeerAddress().port);
+            EXPECT_EQ(port, client.getPeerAddress().port);
+            Client const accepted(true, 0, 0, server->acceptConnection());
+            EXPECT_EQ(port, accepted.getLocalAddress().port);
         }
-    });
+    }
+    Listener const listener;
+    for (unsigned short const port : std::initializer_list<unsigned short>{1, 65535}) {
+        Client client(
+            true, 0, 0, IPAddress(IPSocket::LOOPBACK_IP, port), listener.getTcp().getLocalAddress(), true,
+            IPSocket::IPV4);
+        EXPECT_FALSE(client.connect());
+        EXPECT_EQ(port, client.getLocalAddress().port);
+        Client const accepted(true, 0, 0, listener.getTcp().acceptConnection());
+        EXPECT_EQ(port, accepted.getPeerAddress().port);
+    }
 }
 
-TEST_F(TCPNetwork, connectsAgainFromItsPortAfterARefusal) {
-    expectInNetwork([] {
-        for (Transport const transport : {Transport::IPV4, Transport::IPV6}) {
-            auto const version = getVersion(transport);
-            Place place(transport);
-            PlainServer const peer(place);
-            IPAddress const own(getLoopback(version), 4711);
-            Client client(true, 0, 0, own, IPAddress(own.host, place.port), false, version);
-            EXPECT_TRUE(failsToConnect(client, REFUSED));
-            peer.listen();
-            EXPECT_FALSE(client.connect()) << "the socket may be bound already";
-            EXPECT_EQ(own.port, client.getLocalAddress().port);
-            EXPECT_TRUE(succeeded(client, Socket::OPEN));
-        }
-    });
+VESK_TEST_WITH(expectInNetwork, TCPNetwork, connectsAgainFromItsPortAfterARefusal, ()) {
+    for (Transport const transport : {Transport::IPV4, Transport::IPV6}) {
+        auto const version = getVersion(transport);
+        Place place(transport);
+        PlainServer const peer(place);
+        IPAddress const own(getLoopback(version), 4711);
+        Client client(true, 0, 0, own, IPAddress(own.host, place.port), false, version);
+        EXPECT_TRUE(failsToConnect(client, REFUSED));
+        peer.listen();
+        EXPECT_FALSE(client.connect()) << "the socket may be bound already";
+        EXPECT_EQ(own.port, client.getLocalAddress().port);
+        EXPECT_TRUE(succeeded(client, Socket::OPEN));
+    }
 }
 
-TEST_F(TCPNetwork, lowPortsNeedAPermission) {
-    expectInNetwork([] {
-        ASSERT_TRUE(dropRights());
-        IPAddress const low(IPSocket::LOOPBACK_IP, 80);
-        EXPECT_TRUE(failed(*listenOn(low, IPSocket::IPV4), Socket::DEAD, NO_ACCESS));
-        Client client(true, 0, 0, low, IPAddress(IPSocket::LOOPBACK_IP, 9), false, IPSocket::IPV4);
-        EXPECT_TRUE(failsToConnect(client, NO_ACCESS));
-    });
+VESK_TEST_WITH(expectInNetwork, TCPNetwork, lowPortsNeedAPermission, ()) {
+    ASSERT_TRUE(dropRights());
+    IPAddress const low(IPSocket::LOOPBACK_IP, 80);
+    EXPECT_TRUE(failed(*listenOn(low, IPSocket::IPV4), Socket::DEAD, NO_ACCESS));
+    Client client(true, 0, 0, low, IPAddress(IPSocket::LOOPBACK_IP, 9), false, IPSocket::IPV4);
+    EXPECT_TRUE(failsToConnect(client, NO_ACCESS));
+    Closing<UDPSocket> udp(true, 0, 0, low, IPAddress(IPSocket::LOOPBACK_IP, 9), IPSocket::IPV4);
+    udp.open();
+    EXPECT_TRUE(failed(udp, Socket::DEAD, NO_ACCESS));
 }
 
-TEST_F(TCPNetwork, cannotReachAMachineThatDoesNotExistOrWhereNoSocketListens) {
-    withMachines([](Machines const&) {
-        EXPECT_TRUE(failsToConnect(RIGHT[0], REFUSED));
-        EXPECT_TRUE(failsToConnect(RIGHT[1], REFUSED));
-        EXPECT_TRUE(failsToConnect("10.77.0.99", UNREACHABLE));
-        Client client = makeClient(RIGHT[0], 80, false);
-        EXPECT_TRUE(connects(client, true));
-        ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLOUT));
-        EXPECT_EQ(FAILED, write(client, "x"));
-        EXPECT_TRUE(failed(
-            client, Socket::OPEN,
-            ErrnoRow(SysErrorId::UNCLASSIFIED, ECONNREFUSED, {StreamErrorId::UNCLASSIFIED})));
-    });
+VESK_TEST_WITH(
+    withMachines, TCPNetwork, cannotReachAMachineThatDoesNotExistOrWhereNoSocketListens, (Machines const&)) {
+    EXPECT_TRUE(failsToConnect(RIGHT[0], REFUSED));
+    EXPECT_TRUE(failsToConnect(RIGHT[1], REFUSED));
+    EXPECT_TRUE(failsToConnect("10.77.0.99", UNREACHABLE));
+    Client client = makeClient(RIGHT[0], 80, false);
+    EXPECT_TRUE(connects(client, true));
+    ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLOUT));
+    EXPECT_TRUE(failsToWrite(
+        client, ErrnoRow(SysErrorId::UNCLASSIFIED, ECONNREFUSED, {StreamErrorId::UNCLASSIFIED})));
 }
 
-TEST_F(TCPNetwork, isUnavailableWithoutARoute) {
-    expectInNetwork([] {
-        for (char const* const host : {"10.88.0.1", "fd88::1"}) {
-            EXPECT_TRUE(failsToConnect(host, UNAVAILABLE));
-            EXPECT_TRUE(failsToConnect(host, UNAVAILABLE, false));
-        }
-    });
+VESK_TEST_WITH(expectInNetwork, TCPNetwork, isUnavailableWithoutARoute, ()) {
+    for (char const* const host : {"10.88.0.1", "fd88::1"}) {
+        EXPECT_TRUE(failsToConnect(host, UNAVAILABLE));
+        EXPECT_TRUE(failsToConnect(host, UNAVAILABLE, false));
+    }
 }
 
-class TCPNetworkRoutes : public TCPNetwork, public testing::WithParamInterface<NamedRow> {};
-
-TEST_P(TCPNetworkRoutes, withoutADestinationAreReported) {
-    expectInNetwork([] {
-        ASSERT_TRUE(ip("route add " + GetParam().name + " 10.88.0.0/24"));
-        EXPECT_TRUE(failsToConnect("10.88.0.1", GetParam().row));
-    });
+TEST_F(TCPNetwork, reportsRoutesWithoutADestination) {
+    struct {
+        std::string type;
+        ErrnoRow row;
+    } const routes[] = {
+        {"unreachable", UNREACHABLE},
+        {"prohibit", NO_ACCESS},
+        {"blackhole", {SysErrorId::SPOILED_INTEGRITY, EINVAL}},
+    };
+    for (auto const& route : routes) {
+        SCOPED_TRACE(route.type);
+        expectInNetwork([&route] {
+            ASSERT_TRUE(ip("route add " + route.type + " 10.88.0.0/24"));
+            EXPECT_TRUE(failsToConnect("10.88.0.1", route.row));
+        });
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    types, TCPNetworkRoutes,
-    testing::Values(
-        NamedRow{"unreachable", UNREACHABLE}, NamedRow{"prohibit", NO_ACCESS},
-        NamedRow{"blackhole", {SysErrorId::SPOILED_INTEGRITY, EINVAL}}),
-    byName);
-
-TEST_F(TCPNetwork, timesOutOrIsUnderWayWithoutBlockingIfTheMachineDoesNotAnswer) {
-    withMachines([](Machines const& machines) {
-        machines.pull();
-        Client client = makeClient(RIGHT[0], 80);
-        setOption(client.getSocketFd(), IPPROTO_TCP, TCP_SYNCNT, 1);
-        EXPECT_TRUE(failsToConnect(client, {SysErrorId::SPOILED_INTEGRITY, ETIMEDOUT}));
-        Client waiting = makeClient(RIGHT[0], 80, false);
-        EXPECT_TRUE(connects(waiting, true));
-        EXPECT_FALSE(isReady(waiting.getSocketFd(), POLLOUT));
-        EXPECT_FALSE(waiting.connect());
-        EXPECT_TRUE(failed(waiting, Socket::OPEN, {misuse("connect called in state != INACTIVE")}));
-        EXPECT_EQ(NOTHING, readByte(waiting));
-        EXPECT_EQ(NOTHING, write(waiting, "x"));
-        EXPECT_FALSE(waiting.close(true)) << "it can be closed";
-        EXPECT_TRUE(chainIs({}));
-    });
+VESK_TEST_WITH(
+    withMachines, TCPNetwork, timesOutOrIsUnderWayWithoutBlockingIfTheMachineDoesNotAnswer,
+    (Machines const& machines)) {
+    machines.pull();
+    Client client = makeClient(RIGHT[0], 80);
+    setOption(client.getSocketFd(), IPPROTO_TCP, TCP_SYNCNT, 1);
+    EXPECT_TRUE(failsToConnect(client, {SysErrorId::SPOILED_INTEGRITY, ETIMEDOUT}));
+    Client waiting = makeClient(RIGHT[0], 80, false);
+    EXPECT_TRUE(connects(waiting, true));
+    EXPECT_FALSE(isReady(waiting.getSocketFd(), POLLOUT));
+    EXPECT_FALSE(waiting.connect());
+    EXPECT_TRUE(failed(waiting, Socket::OPEN, {misuse("connect called in state != INACTIVE")}));
+    EXPECT_EQ(NOTHING, readByte(waiting));
+    EXPECT_EQ(NOTHING, write(waiting, "x"));
+    EXPECT_FALSE(waiting.close(true)) << "it can be closed";
+    EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(TCPNetwork, isUnavailableWhileItsOwnInterfaceIsDown) {
-    withMachines([](Machines const&) {
-        ASSERT_TRUE(setDown("left"));
-        Client client = makeClient(RIGHT[0], 80);
-        EXPECT_TRUE(failsToConnect(client, UNAVAILABLE));
-        ASSERT_TRUE(setUp("left"));
-        EXPECT_TRUE(failsToConnect(client, REFUSED)) << "it may try again";
-    });
+VESK_TEST_WITH(withMachines, TCPNetwork, isUnavailableWhileItsOwnInterfaceIsDown, (Machines const&)) {
+    ASSERT_TRUE(setDown("left"));
+    Client client = makeClient(RIGHT[0], 80);
+    EXPECT_TRUE(failsToConnect(client, UNAVAILABLE));
+    ASSERT_TRUE(setUp("left"));
+    EXPECT_TRUE(failsToConnect(client, REFUSED)) << "it may try again";
 }
 
-TEST_F(TCPNetwork, reportsThatThePeerResetsTheConnection) {
-    withConnection([](Machines const&, Client& client, Client& server) {
-        makeCloseReset(server.getSocketFd());
-        EXPECT_FALSE(server.close(false));
-        ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLIN));
-        EXPECT_TRUE(isReset(client));
-    });
+VESK_TEST_WITH(
+    withConnection, TCPNetwork, reportsThatThePeerResetsTheConnection,
+    (Machines const&, Client& client, Client& server)) {
+    makeCloseReset(server.getSocketFd());
+    EXPECT_FALSE(server.close(false));
+    ASSERT_TRUE(awaitEvents(client.getSocketFd(), POLLIN));
+    EXPECT_TRUE(isReset(client));
 }
 
 testing::AssertionResult timesOut(Client& client) {
     testing::AssertionResult const ready = awaitEvents(client.getSocketFd(), POLLIN);
-    if (!ready || readByte(client) != FAILED) {
-        return testing::AssertionFailure() << "the connection is still there";
+    return ready
+        ? failsToRead(
+              client,
+              ErrnoRow(Socket::ErrorId::COMMUNICATION_FAILED, ETIMEDOUT, {StreamErrorId::TRANSFER_FAILED}))
+        : ready;
+}
+
+VESK_TEST_WITH(
+    withConnection, TCPNetwork, detectsAVanishedPeerByKeepalive,
+    (Machines const& machines, Client& client, Client&)) {
+    ASSERT_FALSE(client.setKeepalive({true, 1, 1, 1}));
+    machines.pull();
+    EXPECT_TRUE(timesOut(client));
+    EXPECT_FALSE(client.close(true));
+}
+
+VESK_TEST_WITH(
+    withConnection, TCPNetwork, detectsAVanishedPeerByUnacknowledgedData,
+    (Machines const& machines, Client& client, Client&)) {
+    unsigned int const milliseconds = 500;
+    setOption(client.getSocketFd(), IPPROTO_TCP, TCP_USER_TIMEOUT, milliseconds);
+    machines.pull();
+    writeTo(client, "data");
+    EXPECT_TRUE(timesOut(client));
+}
+
+VESK_TEST_WITH(
+    withConnection, TCPNetwork, reachesAPeerThatReturns,
+    (Machines const& machines, Client& client, Client& server)) {
+    machines.pull();
+    writeTo(client, "later");
+    EXPECT_FALSE(isReady(server.getSocketFd(), POLLIN));
+    machines.plug();
+    EXPECT_EQ("later", readFrom(server, 5));
+}
+
+VESK_TEST_WITH(
+    withConnection, TCPNetwork, canWriteToAPeerThatHasEndedItsHalf,
+    (Machines const&, Client& client, Client& server)) {
+    ASSERT_EQ(0, shutdown(server.getSocketFd(), SHUT_WR));
+    EXPECT_TRUE(isAtEnd(client));
+    EXPECT_TRUE(transfers(client, server, "still here"));
+    EXPECT_FALSE(client.close(true));
+    EXPECT_TRUE(isAtEnd(server));
+}
+
+VESK_TEST_WITH(
+    withConnection, TCPNetwork, readsAllBytesButTheOutOfBandOne,
+    (Machines const&, Client& client, Client& server)) {
+    std::string bytes(3000, '\0');
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<char>(i * i * 7 + i);
     }
-    return failed(
-        client, Socket::OPEN,
-        ErrnoRow(Socket::ErrorId::COMMUNICATION_FAILED, ETIMEDOUT, {StreamErrorId::TRANSFER_FAILED}));
+    int const fd = server.getSocketFd();
+    for (size_t at = 0; at < bytes.size(); at += 100) {
+        ASSERT_EQ(100, send(fd, bytes.data() + at, 100, MSG_NOSIGNAL));
+    }
+    // The last byte is out of band, and only a read with a flag for it returns it.
+    ASSERT_EQ(3, send(fd, "ab!", 3, MSG_NOSIGNAL | MSG_OOB));
+    ASSERT_EQ(1, send(fd, "c", 1, MSG_NOSIGNAL));
+    EXPECT_EQ(bytes, readFrom(client, bytes.size()));
+    EXPECT_EQ("abc", readFrom(client, 3));
+    EXPECT_TRUE(chainIs({}));
 }
 
-TEST_F(TCPNetwork, detectsAVanishedPeerByKeepalive) {
-    withConnection([](Machines const& machines, Client& client, Client&) {
-        ASSERT_FALSE(client.setKeepalive({true, 1, 1, 1}));
-        machines.pull();
-        EXPECT_TRUE(timesOut(client));
-        EXPECT_FALSE(client.close(true));
-    });
-}
-
-TEST_F(TCPNetwork, detectsAVanishedPeerByUnacknowledgedData) {
-    withConnection([](Machines const& machines, Client& client, Client&) {
-        unsigned int const milliseconds = 500;
-        setOption(client.getSocketFd(), IPPROTO_TCP, TCP_USER_TIMEOUT, milliseconds);
-        machines.pull();
-        writeTo(client, "data");
-        EXPECT_TRUE(timesOut(client));
-    });
-}
-
-TEST_F(TCPNetwork, reachesAPeerThatReturns) {
-    withConnection([](Machines const& machines, Client& client, Client& server) {
-        machines.pull();
-        writeTo(client, "later");
-        EXPECT_FALSE(isReady(server.getSocketFd(), POLLIN));
-        machines.plug();
-        EXPECT_EQ("later", readFrom(server, 5));
-    });
-}
-
-TEST_F(TCPNetwork, canWriteToAPeerThatHasEndedItsHalf) {
-    withConnection([](Machines const&, Client& client, Client& server) {
-        ASSERT_EQ(0, shutdown(server.getSocketFd(), SHUT_WR));
-        EXPECT_TRUE(isAtEnd(client));
-        EXPECT_TRUE(transfers(client, server, "still here"));
-        EXPECT_FALSE(client.close(true));
-        EXPECT_TRUE(isAtEnd(server));
-    });
-}
-
-TEST_F(TCPNetwork, readsAllBytesButTheOutOfBandOne) {
-    withConnection([](Machines const&, Client& client, Client& server) {
-        std::string bytes(3000, '\0');
-        for (size_t i = 0; i < bytes.size(); ++i) {
-            bytes[i] = static_cast<char>(i * i * 7 + i);
-        }
-        int const fd = server.getSocketFd();
-        for (size_t at = 0; at < bytes.size(); at += 100) {
-            ASSERT_EQ(100, send(fd, bytes.data() + at, 100, MSG_NOSIGNAL));
-        }
-        // The last byte is out of band, and only a read with a flag for it returns it.
-        ASSERT_EQ(3, send(fd, "ab!", 3, MSG_NOSIGNAL | MSG_OOB));
-        ASSERT_EQ(1, send(fd, "c", 1, MSG_NOSIGNAL));
-        EXPECT_EQ(bytes, readFrom(client, bytes.size()));
-        EXPECT_EQ("abc", readFrom(client, 3));
-        EXPECT_TRUE(chainIs({}));
-    });
-}
-
-TEST_F(TCPNetwork, acceptsWaitingConnectionsWithoutBlocking) {
-    withMachines([](Machines const& machines) {
-        ASSERT_TRUE(machines.enterRight());
-        auto const listener = listenOn(IPAddress(RIGHT[0], 0), IPSocket::IPV4, false);
-        EXPECT_TRUE(acceptsNothing(*listener));
-        EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
-        ASSERT_TRUE(machines.enterLeft());
-        Client first = makeClient(RIGHT[0], listener->getLocalAddress().port);
-        Client second = makeClient(RIGHT[0], listener->getLocalAddress().port);
-        EXPECT_FALSE(first.connect());
-        EXPECT_FALSE(second.connect());
-        for (Client const* const client : {&first, &second}) {
-            ASSERT_TRUE(awaitEvents(listener->getSocketFd(), POLLIN));
-            Client const accepted(true, 0, 0, listener->acceptConnection());
-            EXPECT_EQ(client->getLocalAddress().port, accepted.getPeerAddress().port);
-        }
-        EXPECT_TRUE(acceptsNothing(*listener));
-        EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
-    });
+VESK_TEST_WITH(
+    withMachines, TCPNetwork, acceptsWaitingConnectionsWithoutBlocking, (Machines const& machines)) {
+    ASSERT_TRUE(machines.enterRight());
+    auto const listener = listenOn(IPAddress(RIGHT[0], 0), IPSocket::IPV4, false);
+    EXPECT_TRUE(acceptsNothing(*listener));
+    ASSERT_TRUE(machines.enterLeft());
+    unsigned short const port = listener->getLocalAddress().port;
+    Client clients[] = {makeClient(RIGHT[0], port), makeClient(RIGHT[0], port)};
+    EXPECT_FALSE(clients[0].connect() || clients[1].connect());
+    for (Client const& client : clients) {
+        ASSERT_TRUE(awaitEvents(listener->getSocketFd(), POLLIN));
+        Client const accepted(true, 0, 0, listener->acceptConnection());
+        EXPECT_EQ(client.getLocalAddress().port, accepted.getPeerAddress().port);
+    }
+    EXPECT_TRUE(acceptsNothing(*listener));
+    EXPECT_TRUE(succeeded(*listener, Socket::OPEN));
 }
 
 } // namespace

@@ -1,17 +1,11 @@
 #pragma once
 
+#include "support/Testing.h"
+
 #include <vesk/Socket.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
 #include <netinet/in.h>
-#include <poll.h>
-#include <string>
 #include <sys/socket.h>
-#include <unistd.h>
-#include <utility>
 
 /// Support for tests of the socket base class.
 namespace support {

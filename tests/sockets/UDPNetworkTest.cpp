@@ -4,7 +4,6 @@
 
 #include <arpa/inet.h>
 #include <fstream>
-#include <sstream>
 #include <sys/eventfd.h>
 
 /// UDP sockets in network namespaces. The suites `UDPNetwork` and `UDPSizes` have one peer, the others groups.
@@ -60,9 +59,6 @@ void expectSizesPass(UDPSocket& left, UDPSocket& right) {
     expectDelivered(left, right, "the next");
 }
 
-/// The largest packet of the cable, in bytes.
-auto const MTUS = testing::Values(1500, 9000, 65535);
-
 class UDPNetwork : public testing::Test {
 protected:
     void SetUp() override { VESK_SKIP_WITHOUT_NETWORKS(); }
@@ -82,99 +78,95 @@ protected:
 
 // ---- one peer ----
 
-/// Opens a socket that has no route to its peer.
-void expectUnreachable(IPSocket::IPAddress const& peer, IPSocket::IPProtocolVersion version) {
-    EventRecorder const events;
-    OpenUDPSocket socket({"", 5000}, peer, version);
-    socket.open();
-    EXPECT_EQ(WARNING, events.getText());
-    EXPECT_FALSE(socket.hadError());
-    EXPECT_TRUE(causeIs(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH));
-    EXPECT_TRUE(failsToWrite(
-        socket, ErrnoRow(SocketErrorId::ADDRESS_INVALID, EDESTADDRREQ, {StreamErrorId::UNUSABLE})))
-        << "the socket is not connected";
-    char const* const loopback = version == IPSocket::IPV6 ? IPSocket::LOOPBACK_IP6 : IPSocket::LOOPBACK_IP;
-    EXPECT_TRUE(Peer(version).sendTo({loopback, 5000}, "hello"));
-    EXPECT_EQ("hello", receive(socket));
+/// The version of the addresses.
+class UDPVersions : public UDPNetwork, public testing::WithParamInterface<IPSocket::IPProtocolVersion> {
+protected:
+    void SetUp() override {
+        UDPNetwork::SetUp();
+        if (m_six) {
+            VESK_SKIP_WITHOUT_IPV6();
+        }
+    }
+
+    bool const m_six = GetParam() == IPSocket::IPV6;
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    versions, UDPVersions, testing::Values(IPSocket::IPV4, IPSocket::IPV6),
+    [](auto const& row) { return std::string(row.param == IPSocket::IPV6 ? "IPv6" : "IPv4"); });
+
+TEST_P(UDPVersions, unreachableNetworkOnlyWarns) {
+    expectInNetwork([this] {
+        EventRecorder const events;
+        OpenUDPSocket socket({"", 5000}, {m_six ? "2001:db8::7" : "192.0.2.7", 5000}, GetParam());
+        socket.open();
+        EXPECT_EQ(WARNING, events.getText());
+        EXPECT_FALSE(socket.hadError());
+        EXPECT_TRUE(causeIs(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH));
+        EXPECT_TRUE(failsToWrite(
+            socket, ErrnoRow(SocketErrorId::ADDRESS_INVALID, EDESTADDRREQ, {StreamErrorId::UNUSABLE})))
+            << "the socket is not connected";
+        char const* const loopback = m_six ? IPSocket::LOOPBACK_IP6 : IPSocket::LOOPBACK_IP;
+        EXPECT_TRUE(Peer(GetParam()).sendTo({loopback, 5000}, "hello"));
+        EXPECT_EQ("hello", receive(socket));
+    });
 }
 
-TEST_F(UDPNetwork, unreachableNetworkOnlyWarnsAndTheOpenSocketReceivesFromEverySender) {
-    expectInNetwork([] { expectUnreachable({"192.0.2.7", 5000}, IPSocket::IPV4); });
-}
-
-TEST_F(UDPNetwork, unreachableNetworkOfIPv6OnlyWarnsAndTheOpenSocketReceivesFromEverySender) {
-    VESK_SKIP_WITHOUT_IPV6();
-    expectInNetwork([] { expectUnreachable({"2001:db8::7", 5000}, IPSocket::IPV6); });
-}
-
-/// Exchanges datagrams between two networks. The route to the peer determines the address on the right.
-void expectExchange(
-    IPSocket::IPProtocolVersion version, char const* left_host, char const* right_host, char const* left_peer,
-    char const* right_peer) {
-    expectWithCable([=](Cable const& cable) {
-        OpenedUDPSocket left({left_host, 5001}, {left_peer, 5002}, version);
+TEST_P(UDPVersions, datagramsPassBetweenNetworksAlsoWithTheScopeOfLinkLocalAddresses) {
+    expectWithCable([this](Cable const& cable) {
+        OpenedUDPSocket left(
+            {m_six ? "fe80::1%left" : "10.0.0.1", 5001}, {m_six ? "fe80::2%left" : "10.0.0.2", 5002},
+            GetParam());
         ASSERT_TRUE(cable.enterRight());
-        OpenedUDPSocket right({"", 5002}, {right_peer, 5001}, version);
+        OpenedUDPSocket right({"", 5002}, {m_six ? "fe80::1%right" : "10.0.0.1", 5001}, GetParam());
         expectDelivered(left, right, "to the right");
         expectDelivered(right, left, "to the left");
         right.updateLocalAddress();
-        EXPECT_EQ(right_host, right.getLocalAddress().host);
+        EXPECT_EQ(m_six ? "fe80::2%right" : "10.0.0.2", right.getLocalAddress().host)
+            << "the address of the route to the peer";
     });
 }
 
-TEST_F(UDPNetwork, datagramsPassBetweenNetworks) {
-    expectExchange(IPSocket::IPV4, "10.0.0.1", "10.0.0.2", "10.0.0.2", "10.0.0.1");
+VESK_TEST_WITH(
+    expectWithCable, UDPNetwork, refusalArrivesFromAnotherNetworkAndTheSocketStaysUsable,
+    (Cable const& cable)) {
+    OpenedUDPSocket left({"", 0}, {"10.0.0.2", 5002});
+    EXPECT_TRUE(isWritten(left, "to a port that is not bound"));
+    EXPECT_TRUE(awaitEvents(left.getSocketFd(), POLLIN));
+    EXPECT_TRUE(failsToRead(
+        left, ErrnoRow(SocketErrorId::PEER_UNREACHABLE, ECONNREFUSED, {StreamErrorId::UNUSABLE})));
+    ASSERT_TRUE(cable.enterRight());
+    OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
+    EXPECT_TRUE(isWritten(left, "to a port that is bound"));
 }
 
-TEST_F(UDPNetwork, linkLocalAddressesWithTheirScopesPassBetweenNetworks) {
-    VESK_SKIP_WITHOUT_IPV6();
-    expectExchange(IPSocket::IPV6, "fe80::1%left", "fe80::2%right", "fe80::2%left", "fe80::1%right");
+VESK_TEST_WITH(expectWithCable, UDPNetwork, writingFailsWhileTheInterfaceIsDown, (Cable const& cable)) {
+    OpenedUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
+    ASSERT_TRUE(setDown("left"));
+    EXPECT_TRUE(failsToWrite(
+        left, ErrnoRow(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, {StreamErrorId::UNUSABLE})));
+    ASSERT_TRUE(setUp("left"));
+    ASSERT_TRUE(cable.enterRight());
+    OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
+    expectDelivered(left, right, "back");
 }
 
-TEST_F(UDPNetwork, refusalArrivesFromAnotherNetworkAndTheSocketStaysUsable) {
-    expectWithCable([](Cable const& cable) {
-        OpenedUDPSocket left({"", 0}, {"10.0.0.2", 5002});
-        EXPECT_TRUE(isWritten(left, "to a port that is not bound"));
-        EXPECT_TRUE(awaitEvents(left.getSocketFd(), POLLIN));
-        EXPECT_TRUE(failsToRead(
-            left, ErrnoRow(SocketErrorId::PEER_UNREACHABLE, ECONNREFUSED, {StreamErrorId::UNUSABLE})));
-
-        ASSERT_TRUE(cable.enterRight());
-        OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        EXPECT_TRUE(isWritten(left, "to a port that is bound"));
-    });
-}
-
-TEST_F(UDPNetwork, writingFailsWhileTheInterfaceIsDown) {
-    expectWithCable([](Cable const& cable) {
-        OpenedUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
-        ASSERT_TRUE(setDown("left"));
-        EXPECT_TRUE(failsToWrite(
-            left, ErrnoRow(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, {StreamErrorId::UNUSABLE})));
-        ASSERT_TRUE(setUp("left"));
-        ASSERT_TRUE(cable.enterRight());
-        OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
-        expectDelivered(left, right, "back");
-    });
-}
-
-TEST_F(UDPNetwork, broadcastReachesTheOtherEndOnlyWithThePermission) {
-    expectWithCable([](Cable const& cable) {
-        EventRecorder const events;
-        OpenUDPSocket left({"", 0}, {"10.0.0.255", 5002});
-        left.open();
-        EXPECT_EQ(WARNING, events.getText());
-        EXPECT_FALSE(left.hadError());
-        EXPECT_TRUE(causeIs(SysErrorId::PERMISSION_DENIED, EACCES));
-        EXPECT_EQ(Socket::OPEN, left.getState());
-        OpenUDPSocket allowed({"", 5001}, {"10.0.0.255", 5002});
-        allowed.setBroadcast(true);
-        ASSERT_TRUE(opens(allowed));
-        EXPECT_EQ(WARNING, events.getText());
-        ASSERT_TRUE(cable.enterRight());
-        OpenedUDPSocket right({"10.0.0.255", 5002}, {"10.0.0.1", 5001});
-        expectDelivered(allowed, right, "to all");
-    });
+VESK_TEST_WITH(
+    expectWithCable, UDPNetwork, broadcastReachesTheOtherEndOnlyWithThePermission, (Cable const& cable)) {
+    EventRecorder const events;
+    OpenUDPSocket left({"", 0}, {"10.0.0.255", 5002});
+    left.open();
+    EXPECT_EQ(WARNING, events.getText());
+    EXPECT_FALSE(left.hadError());
+    EXPECT_TRUE(causeIs(SysErrorId::PERMISSION_DENIED, EACCES));
+    EXPECT_EQ(Socket::OPEN, left.getState());
+    OpenUDPSocket allowed({"", 5001}, {"10.0.0.255", 5002});
+    allowed.setBroadcast(true);
+    ASSERT_TRUE(opens(allowed));
+    EXPECT_EQ(WARNING, events.getText());
+    ASSERT_TRUE(cable.enterRight());
+    OpenedUDPSocket right({"10.0.0.255", 5002}, {"10.0.0.1", 5001});
+    expectDelivered(allowed, right, "to all");
 }
 
 TEST_F(UDPNetwork, datagramOfTheReportedLargestSizePasses) {
@@ -191,20 +183,29 @@ TEST_F(UDPNetwork, datagramOfTheReportedLargestSizePasses) {
         9000);
 }
 
-class UDPSizes : public UDPNetwork, public testing::WithParamInterface<int> {};
+/// The largest packet of the cable, in bytes, and whether the peer is a group.
+class UDPSizes : public UDPNetwork, public testing::WithParamInterface<std::tuple<int, bool>> {};
 
 TEST_P(UDPSizes, datagramsPassWholeUpToTheLargest) {
+    auto const [mtu, is_group] = GetParam();
+    if (is_group) {
+        VESK_SKIP_WITHOUT_GROUPS(IPSocket::IPV4);
+    }
     expectWithCable(
-        [](Cable const& cable) {
-            OpenedUDPSocket left({"", 5001}, {"10.0.0.2", 5002});
+        [is_group = is_group](Cable const& cable) {
+            OpenedUDPSocket left({"10.0.0.1", 5000}, {is_group ? GROUP : "10.0.0.2", 5000});
             ASSERT_TRUE(cable.enterRight());
-            OpenedUDPSocket right({"", 5002}, {"10.0.0.1", 5001});
+            OpenedUDPSocket right({"", 5000}, {is_group ? GROUP : "10.0.0.1", 5000});
             expectSizesPass(left, right);
         },
-        GetParam());
+        mtu);
 }
 
-INSTANTIATE_TEST_SUITE_P(mtu, UDPSizes, MTUS, testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(
+    mtu, UDPSizes, testing::Combine(testing::Values(1500, 9000, 65535), testing::Bool()),
+    [](auto const& row) {
+        return (std::get<1>(row.param) ? "group" : "peer") + std::to_string(std::get<0>(row.param));
+    });
 
 // ---- groups, one network ----
 
@@ -241,44 +242,42 @@ bool isJoined(std::string const& interface, char const* group) {
     return false;
 }
 
-TEST_F(UDPMulticast, everyMemberOfAGroupReceivesUnlessItHasTheAddressOfAnInterface) {
-    expectWithCable([](Cable const&) {
-        OpenedUDPSocket first({"", 5000}, {GROUP, 5000});
-        OpenedUDPSocket second({"", 5000}, {GROUP, 5000});
-        OpenedUDPSocket sender({"10.0.0.1", 0}, {GROUP, 5000});
-        expectDelivered(sender, first, "to all");
-        EXPECT_EQ("to all", receive(second));
-        expectDelivered(first, first, "also to itself");
-        EXPECT_EQ("also to itself", receive(second));
-        OpenedUDPSocket bound({"10.0.0.1", 5000}, {GROUP, 5000});
-        OpenedUDPSocket member({"", 5000}, {GROUP, 5000});
-        OpenedUDPSocket direct({"", 5001}, {"10.0.0.1", 5000});
-        expectDelivered(bound, member, "to the group");
-        expectDelivered(direct, bound, "directly");
-    });
+VESK_TEST_WITH(
+    expectWithCable, UDPMulticast, everyMemberOfAGroupReceivesUnlessItHasTheAddressOfAnInterface,
+    (Cable const&)) {
+    OpenedUDPSocket first({"", 5000}, {GROUP, 5000});
+    OpenedUDPSocket second({"", 5000}, {GROUP, 5000});
+    OpenedUDPSocket sender({"10.0.0.1", 0}, {GROUP, 5000});
+    expectDelivered(sender, first, "to all");
+    EXPECT_EQ("to all", receive(second));
+    expectDelivered(first, first, "also to itself");
+    EXPECT_EQ("also to itself", receive(second));
+    OpenedUDPSocket bound({"10.0.0.1", 5000}, {GROUP, 5000});
+    OpenedUDPSocket member({"", 5000}, {GROUP, 5000});
+    OpenedUDPSocket direct({"", 5001}, {"10.0.0.1", 5000});
+    expectDelivered(bound, member, "to the group");
+    expectDelivered(direct, bound, "directly");
 }
 
-TEST_F(UDPMulticast, localAddressSelectsTheInterface) {
-    expectWithCable([](Cable const&) {
-        ASSERT_TRUE(makePair("one", "two"));
-        ASSERT_TRUE(addAddress("one", "10.1.0.1/24"));
-        ASSERT_TRUE(setUp("one"));
-        ASSERT_TRUE(setUp("two"));
+VESK_TEST_WITH(expectWithCable, UDPMulticast, localAddressSelectsTheInterface, (Cable const&)) {
+    ASSERT_TRUE(makePair("one", "two"));
+    ASSERT_TRUE(addAddress("one", "10.1.0.1/24"));
+    ASSERT_TRUE(setUp("one"));
+    ASSERT_TRUE(setUp("two"));
 
-        OpenedUDPSocket by_route({"", 5000}, {GROUP, 5000});
-        EXPECT_TRUE(isJoined("left", GROUP));
-        EXPECT_FALSE(isJoined("one", GROUP));
-        EXPECT_FALSE(by_route.close(false));
-        EXPECT_FALSE(isJoined("left", GROUP)) << "the system leaves the group";
+    OpenedUDPSocket by_route({"", 5000}, {GROUP, 5000});
+    EXPECT_TRUE(isJoined("left", GROUP));
+    EXPECT_FALSE(isJoined("one", GROUP));
+    EXPECT_FALSE(by_route.close(false));
+    EXPECT_FALSE(isJoined("left", GROUP)) << "the system leaves the group";
 
-        OpenedUDPSocket by_address({"10.1.0.1", 5000}, {GROUP, 5000});
-        EXPECT_TRUE(isJoined("one", GROUP));
-        EXPECT_FALSE(isJoined("left", GROUP));
-        in_addr selected{};
-        socklen_t length = sizeof selected;
-        EXPECT_EQ(0, getsockopt(by_address.getSocketFd(), IPPROTO_IP, IP_MULTICAST_IF, &selected, &length));
-        EXPECT_EQ(inet_addr("10.1.0.1"), selected.s_addr);
-    });
+    OpenedUDPSocket by_address({"10.1.0.1", 5000}, {GROUP, 5000});
+    EXPECT_TRUE(isJoined("one", GROUP));
+    EXPECT_FALSE(isJoined("left", GROUP));
+    in_addr selected{};
+    socklen_t length = sizeof selected;
+    EXPECT_EQ(0, getsockopt(by_address.getSocketFd(), IPPROTO_IP, IP_MULTICAST_IF, &selected, &length));
+    EXPECT_EQ(inet_addr("10.1.0.1"), selected.s_addr);
 }
 
 TEST_F(UDPMulticast, scopeOfTheLocalAddressSelectsTheInterface) {
@@ -307,18 +306,16 @@ TEST_F(UDPMulticast, scopeOfTheLocalAddressSelectsTheInterface) {
     });
 }
 
-TEST_F(UDPMulticast, groupCannotBeJoinedWithoutARouteToIt) {
-    expectInNetwork([] {
-        EventRecorder const events;
-        {
-            UDPSocket socket(true, 0, 0, {"", 5000}, {GROUP, 5000}, IPSocket::IPV4);
-            EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE, ErrnoRow(SysErrorId::UNCLASSIFIED, ENODEV)));
-            unsigned int written = 77;
-            EXPECT_EQ(-1, socket.write("x", 1, written));
-            EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN, StreamErrorId::UNUSABLE}));
-        }
-        EXPECT_EQ("", events.getText());
-    });
+VESK_TEST_WITH(expectInNetwork, UDPMulticast, groupCannotBeJoinedWithoutARouteToIt, ()) {
+    EventRecorder const events;
+    {
+        UDPSocket socket(true, 0, 0, {"", 5000}, {GROUP, 5000}, IPSocket::IPV4);
+        EXPECT_TRUE(failsToOpen(socket, Socket::INACTIVE, ErrnoRow(SysErrorId::UNCLASSIFIED, ENODEV)));
+        unsigned int written = 77;
+        EXPECT_EQ(-1, socket.write("x", 1, written));
+        EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN, StreamErrorId::UNUSABLE}));
+    }
+    EXPECT_EQ("", events.getText());
 }
 
 TEST_F(UDPMulticast, groupOfIPv6CannotBeJoinedOnAnInterfaceThatDoesNotExist) {
@@ -329,62 +326,55 @@ TEST_F(UDPMulticast, groupOfIPv6CannotBeJoinedOnAnInterfaceThatDoesNotExist) {
     });
 }
 
-TEST_F(UDPMulticast, unlistedErrorNumberMakesOnlyTheReportOfTheStreamAndWritingFailsWithoutTheNetwork) {
-    expectWithCable([](Cable const&) {
-        OpenedUDPSocket socket({"10.0.0.1", 5000}, {GROUP, 0});
-        EXPECT_TRUE(failsToWrite(socket, {StreamErrorId::UNCLASSIFIED})) << "port 0 is not a destination";
-        OpenedUDPSocket cut_off({"10.0.0.1", 5000}, {GROUP, 5000});
-        ASSERT_TRUE(removeAddress("left", "10.0.0.1/24"));
-        ASSERT_TRUE(setDown("left"));
-        EXPECT_TRUE(failsToWrite(
-            cut_off, ErrnoRow(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, {StreamErrorId::UNUSABLE})));
-    });
+VESK_TEST_WITH(expectWithCable, UDPMulticast, unlistedErrorMakesOnlyTheReportOfTheStream, (Cable const&)) {
+    OpenedUDPSocket socket({"10.0.0.1", 5000}, {GROUP, 0});
+    EXPECT_TRUE(failsToWrite(socket, {StreamErrorId::UNCLASSIFIED})) << "port 0 is not a destination";
+    OpenedUDPSocket cut_off({"10.0.0.1", 5000}, {GROUP, 5000});
+    ASSERT_TRUE(removeAddress("left", "10.0.0.1/24"));
+    ASSERT_TRUE(setDown("left"));
+    EXPECT_TRUE(failsToWrite(
+        cut_off, ErrnoRow(SocketErrorId::NETWORK_UNAVAILABLE, ENETUNREACH, {StreamErrorId::UNUSABLE})));
 }
 
-TEST_F(UDPMulticast, streamBuffersAndTruncatesAsWithOnePeer) {
-    expectWithCable([](Cable const&) {
-        UDPSocket sender(true, 0, 16, {"10.0.0.1", 0}, {GROUP, 5000}, IPSocket::IPV4);
-        OpenedUDPSocket receiver({"", 5000}, {GROUP, 5000}, IPSocket::IPV4, false);
-        ASSERT_TRUE(opens(sender));
-        char block[8];
-        unsigned int count = 77;
-        EXPECT_EQ(1, receiver.read(block, sizeof block, count)) << "nothing has arrived";
-        EXPECT_EQ(0U, count);
-        EXPECT_TRUE(isWritten(sender, "abc"));
-        EXPECT_TRUE(isWritten(sender, "def"));
-        EXPECT_FALSE(sender.flush(false));
-        EXPECT_TRUE(isWritten(sender, "last"));
-        EXPECT_FALSE(sender.close(false));
-        EXPECT_EQ("abcd", receive(receiver, 4));
-        EXPECT_EQ("last", receive(receiver, 4));
-    });
+VESK_TEST_WITH(expectWithCable, UDPMulticast, streamBuffersAndTruncatesAsWithOnePeer, (Cable const&)) {
+    UDPSocket sender(true, 0, 16, {"10.0.0.1", 0}, {GROUP, 5000}, IPSocket::IPV4);
+    OpenedUDPSocket receiver({"", 5000}, {GROUP, 5000}, IPSocket::IPV4, false);
+    ASSERT_TRUE(opens(sender));
+    char block[8];
+    unsigned int count = 77;
+    EXPECT_EQ(1, receiver.read(block, sizeof block, count)) << "nothing has arrived";
+    EXPECT_EQ(0U, count);
+    EXPECT_TRUE(isWritten(sender, "abc"));
+    EXPECT_TRUE(isWritten(sender, "def"));
+    EXPECT_FALSE(sender.flush(false));
+    EXPECT_TRUE(isWritten(sender, "last"));
+    EXPECT_FALSE(sender.close(false));
+    EXPECT_EQ("abcd", receive(receiver, 4));
+    EXPECT_EQ("last", receive(receiver, 4));
 }
 
-TEST_F(UDPMulticast, emptyDatagramToTheGroupReadsAsTheEndOfTheStream) {
-    expectWithCable([](Cable const&) {
-        OpenedUDPSocket socket({"", 5000}, {GROUP, 5000});
-        sockaddr_in group{};
-        ASSERT_FALSE(IPSocket::IPAddress(GROUP, 5000).getBinary(group));
-        auto const* const address = reinterpret_cast<sockaddr const*>(&group);
-        EXPECT_EQ(0, sendto(socket.getSocketFd(), "", 0, 0, address, sizeof group));
-        EXPECT_TRUE(awaitEvents(socket.getSocketFd(), POLLIN));
-        EXPECT_TRUE(failsToRead(socket, {SocketErrorId::CONNECTION_CLOSED, StreamErrorId::END_OF_STREAM}, 0));
-    });
+VESK_TEST_WITH(
+    expectWithCable, UDPMulticast, emptyDatagramToTheGroupReadsAsTheEndOfTheStream, (Cable const&)) {
+    OpenedUDPSocket socket({"", 5000}, {GROUP, 5000});
+    sockaddr_in group{};
+    ASSERT_FALSE(IPSocket::IPAddress(GROUP, 5000).getBinary(group));
+    auto const* const address = reinterpret_cast<sockaddr const*>(&group);
+    EXPECT_EQ(0, sendto(socket.getSocketFd(), "", 0, 0, address, sizeof group));
+    EXPECT_TRUE(awaitEvents(socket.getSocketFd(), POLLIN));
+    EXPECT_TRUE(failsToRead(socket, {SocketErrorId::CONNECTION_CLOSED, StreamErrorId::END_OF_STREAM}, 0));
 }
 
 // ---- groups, two networks ----
 
-TEST_F(UDPMulticast, datagramsToAGroupReachAnotherNetwork) {
-    expectWithCable([](Cable const& cable) {
-        OpenedUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
-        OpenedUDPSocket left_member({"", 5000}, {GROUP, 5000});
-        ASSERT_TRUE(cable.enterRight());
-        OpenedUDPSocket right({"", 5000}, {GROUP, 5000});
-        EXPECT_TRUE(isJoined("right", GROUP));
-        expectDelivered(left, right, "from the left");
-        EXPECT_EQ("from the left", receive(left_member));
-        expectDelivered(right, left_member, "from the right");
-    });
+VESK_TEST_WITH(expectWithCable, UDPMulticast, datagramsToAGroupReachAnotherNetwork, (Cable const& cable)) {
+    OpenedUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
+    OpenedUDPSocket left_member({"", 5000}, {GROUP, 5000});
+    ASSERT_TRUE(cable.enterRight());
+    OpenedUDPSocket right({"", 5000}, {GROUP, 5000});
+    EXPECT_TRUE(isJoined("right", GROUP));
+    expectDelivered(left, right, "from the left");
+    EXPECT_EQ("from the left", receive(left_member));
+    expectDelivered(right, left_member, "from the right");
 }
 
 /// The local address of the receiver; "#" stands for the index of its interface.
@@ -423,21 +413,6 @@ TEST_F(UDPMulticast, linkLocalAddressOfAGroupMemberReceivesOnlyWhatIsSentToItsel
         expectDelivered(left, member, "from the left");
     });
 }
-
-class UDPMulticastSizes : public UDPMulticast, public testing::WithParamInterface<int> {};
-
-TEST_P(UDPMulticastSizes, datagramsPassWholeUpToTheLargest) {
-    expectWithCable(
-        [](Cable const& cable) {
-            OpenedUDPSocket left({"10.0.0.1", 5001}, {GROUP, 5000});
-            ASSERT_TRUE(cable.enterRight());
-            OpenedUDPSocket right({"", 5000}, {GROUP, 5000});
-            expectSizesPass(left, right);
-        },
-        GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(mtu, UDPMulticastSizes, MTUS, testing::PrintToStringParamName());
 
 // ---- groups, two processes ----
 

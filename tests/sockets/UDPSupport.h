@@ -4,12 +4,7 @@
 
 #include <vesk/UDPSocket.h>
 
-#include <gtest/gtest.h>
-
 #include <netinet/in.h>
-#include <optional>
-#include <string>
-#include <unistd.h>
 
 /// Support for tests of UDP sockets.
 
@@ -50,39 +45,6 @@ inline testing::AssertionResult opens(UDPSocket& socket) {
 inline testing::AssertionResult failsToOpen(UDPSocket& socket, Socket::State state, Reports const& reports) {
     socket.open();
     return failed(socket, state, reports);
-}
-/// Checks that the stream writes `data` as one request.
-inline testing::AssertionResult isWritten(UDPSocket& socket, std::string const& data) {
-    unsigned int written = 0;
-    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), written);
-    if (result == 1 && written == data.size() && !socket.hadError()) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "result " << result << ", written " << written;
-}
-
-/// Checks that a transfer of the open socket fails with these reports and that nothing was transferred.
-inline testing::AssertionResult
-isFailure(UDPSocket const& socket, int expected, int result, unsigned int count, Reports const& reports) {
-    return result == expected && count == 0
-        ? failed(socket, Socket::OPEN, reports)
-        : testing::AssertionFailure() << "result " << result << ", count " << count;
-}
-
-/// Checks that writing `data` fails with these reports and that the socket stays open.
-inline testing::AssertionResult
-failsToWrite(UDPSocket& socket, Reports const& reports, std::string const& data = "x") {
-    unsigned int count = 77;
-    int const result = socket.write(data.data(), static_cast<unsigned int>(data.size()), count);
-    return isFailure(socket, -1, result, count, reports);
-}
-
-/// Checks that reading fails, or with the result 0 ends, with these reports, and that the socket stays open.
-inline testing::AssertionResult failsToRead(UDPSocket& socket, Reports const& reports, int expected = -1) {
-    char block[8];
-    unsigned int count = 77;
-    int const result = socket.read(block, sizeof block, count);
-    return isFailure(socket, expected, result, count, reports);
 }
 
 /// Waits for a datagram and returns it, or nothing if that fails.

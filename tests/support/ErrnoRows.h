@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <initializer_list>
+#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -72,10 +73,13 @@ inline ErrnoCase accessDenied(int error) {
     return {error, vesk::SysErrorId::PERMISSION_DENIED, vesk::FileAccessErrorId::ACCESS_DENIED};
 }
 
-/// Checks that the pending chain says only that a contract with the caller is broken. Acknowledges the chain.
+/// Returns the report that a contract with the caller is broken.
+inline ExpectedReport contractBroken(std::string const& text) {
+    return {std::CommonErrorId::CONTRACT_BROKEN, rowText(std::CommonErrorId::CONTRACT_BROKEN, text)};
+}
+/// Checks that only this report is pending. Acknowledges it.
 inline testing::AssertionResult isContractBroken(std::string const& text) {
-    return chainIs(
-        {{std::CommonErrorId::CONTRACT_BROKEN, rowText(std::CommonErrorId::CONTRACT_BROKEN, text)}});
+    return chainIs({contractBroken(text)});
 }
 
 // ---- Rows of any type: a struct with the numbers in `errors`, and an `error` that stays at its default.
@@ -142,19 +146,23 @@ inline testing::AssertionResult onlyOlderIsPending() {
     return chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}});
 }
 
-/// Checks the texts of a family's rows, all of which have as many arguments, and that it has no further row.
-inline void
-expectRows(std::ErrorType const& family, std::initializer_list<char const*> texts, int argument_count) {
+/// Checks the texts of a family's rows, all of which have as many arguments unless listed in `other_counts` by their
+/// ids, that it has no further row, and whether it belongs to the errors of the system.
+inline void expectRows(
+    std::ErrorType const& family, std::initializer_list<char const*> texts, int argument_count,
+    bool is_system = true, std::map<int, int> const& other_counts = {}) {
     int id = 0;
     for (char const* const text : texts) {
+        auto const other = other_counts.find(id);
         ASSERT_NE(nullptr, family.getRow(id)) << id;
         EXPECT_EQ(id, family.getRow(id)->id);
         EXPECT_STREQ(text, family.getRow(id)->format);
-        EXPECT_EQ(argument_count, family.getRow(id)->nargs) << id;
+        EXPECT_EQ(other == other_counts.end() ? argument_count : other->second, family.getRow(id)->nargs)
+            << id;
         ++id;
     }
     EXPECT_EQ(nullptr, family.getRow(id));
-    EXPECT_TRUE(family.isA(vesk::SysError));
+    EXPECT_EQ(is_system, family.isA(vesk::SysError));
 }
 
 } // namespace support

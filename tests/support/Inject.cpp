@@ -30,12 +30,20 @@ void* findReal(char const* name) noexcept {
     return dlsym(RTLD_NEXT, name);
 }
 
+thread_local bool t_is_resolving = false;
+
 } // namespace
+
+bool Injected::isResolving() noexcept {
+    return t_is_resolving;
+}
 
 void* Injected::getReal() noexcept {
     void* real = m_real.load(std::memory_order_relaxed);
     if (real == nullptr) {
+        t_is_resolving = true;
         real = findReal(m_name);
+        t_is_resolving = false;
         if (real == nullptr) {
             abort();
         }

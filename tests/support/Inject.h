@@ -33,6 +33,10 @@ public:
     /// Counts the call. Returns whether it must fail, and sets `errno` if so.
     bool fails() noexcept;
 
+    /// Returns whether the calling thread looks up a real function for the first time. The loader may allocate
+    /// memory for that.
+    static bool isResolving() noexcept;
+
     /// Returns the real function.
     void* getReal() noexcept;
     /// Returns the real function that `replacement` replaces.

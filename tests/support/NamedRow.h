@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <ostream>
 #include <string>
+#include <type_traits>
 
 namespace support {
 
@@ -29,3 +30,13 @@ auto rowsOf(std::initializer_list<Row> rows) {
 inline auto const byName = [](auto const& info) { return std::string(info.param.what); };
 
 } // namespace support
+
+/// Defines a test of a fixture that runs once for each row of an array, with the row as `GetParam()`.
+///
+///     VESK_TEST_TABLE(TextSize, isTheNumberOfBytes, testing::Test, ROWS) {
+///         EXPECT_EQ(GetParam().size, strlen(GetParam().text));
+///     }
+#define VESK_TEST_TABLE(suite, name, fixture, rows)                                                          \
+    class suite : public fixture, public testing::WithParamInterface<std::decay_t<decltype((rows)[0])>> {};  \
+    INSTANTIATE_TEST_SUITE_P(All, suite, testing::ValuesIn(rows), support::byName);                          \
+    TEST_P(suite, name)

@@ -19,14 +19,11 @@
 /// outside and ends with its last process. Interfaces are created and changed with the program `ip`, which
 /// also works for a 32-bit program and under an emulator.
 ///
-///     TEST(TCPSocket, ReachesTheOtherEndOfAPair) {
-///         VESK_SKIP_WITHOUT_NETWORKS();
-///         support::expectInNetwork([] {
-///             ASSERT_TRUE(support::makePair("left", "right"));
-///             ASSERT_TRUE(support::addAddress("left", "10.0.0.1/24"));
-///             ASSERT_TRUE(support::setUp("left"));
-///             ...
-///         });
+///     VESK_NETWORK_TEST(TCPSocket, reachesTheOtherEndOfAPair) {
+///         ASSERT_TRUE(support::makePair("left", "right"));
+///         ASSERT_TRUE(support::addAddress("left", "10.0.0.1/24"));
+///         ASSERT_TRUE(support::setUp("left"));
+///         ...
 ///     }
 
 namespace support {
@@ -141,3 +138,12 @@ inline bool mayMakeNetworks() {
     if (!support::mayMakeNetworks()) {                                                                       \
         GTEST_SKIP() << "a network namespace of its own is not granted to the test, or has no veth pairs";   \
     }
+
+/// Defines a test with a body that runs in a child with a separate network namespace.
+#define VESK_NETWORK_TEST(suite, name)                                                                       \
+    static void suite##_##name();                                                                            \
+    TEST(suite, name) {                                                                                      \
+        VESK_SKIP_WITHOUT_NETWORKS();                                                                        \
+        support::expectInNetwork(suite##_##name);                                                            \
+    }                                                                                                        \
+    static void suite##_##name()

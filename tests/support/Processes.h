@@ -1,7 +1,10 @@
 #pragma once
 
+#include "support/Eventually.h"
+
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -91,6 +94,24 @@ public:
 private:
     pid_t m_pid = -1;
     int m_signal = 0;
+};
+
+/// A child that has run `prepare` when the constructor returns. Then it calls `go_on` until it is killed.
+class PreparedChild : public Process {
+public:
+    template <typename Prepare, typename GoOn>
+    PreparedChild(
+        Prepare const& prepare, GoOn const& go_on,
+        SharedObject<std::atomic<bool>> const& is_ready = SharedObject<std::atomic<bool>>(false))
+        : Process([&] {
+              prepare();
+              *is_ready = true;
+              for (;;) {
+                  go_on();
+              }
+          }) {
+        EXPECT_TRUE(eventually([&] { return is_ready->load(); }));
+    }
 };
 
 /// Returns one field of a thread's `stat` line in /proc, counted from 1 as in proc(5); 3 is the state.

@@ -11,3 +11,8 @@ constexpr bool FORGETS_UNWOUND_FRAMES = true;
 #endif
 
 } // namespace support
+
+#define VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN()                                                              \
+    if (!support::FORGETS_UNWOUND_FRAMES) {                                                                  \
+        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";                \
+    }

@@ -19,7 +19,15 @@ namespace support {
 /// because their directory positions exceed 32 bits.
 class TempFolder {
 public:
-    TempFolder() : m_path(getParent() + "/vesk-test-XXXXXX") {
+    /// Returns the folder in memory in which temporary folders are created.
+    static std::string getParent() {
+        std::string const memory = "/dev/shm";
+        std::error_code error;
+        return std::filesystem::is_directory(memory, error) ? memory : testing::TempDir();
+    }
+
+    /// @param parent  the folder in which it is created; by default one in memory
+    explicit TempFolder(std::string const& parent = getParent()) : m_path(parent + "/vesk-test-XXXXXX") {
         EXPECT_NE(nullptr, mkdtemp(m_path.data())) << m_path;
         EXPECT_EQ(0, chmod(m_path.c_str(), 0755));
     }
@@ -62,12 +70,6 @@ public:
     }
 
 private:
-    static std::string getParent() {
-        std::string const memory = "/dev/shm";
-        std::error_code error;
-        return std::filesystem::is_directory(memory, error) ? memory : testing::TempDir();
-    }
-
     std::string m_path;
 };
 
@@ -85,6 +87,26 @@ public:
 
 private:
     std::filesystem::path m_previous;
+};
+
+/// A file that a replaced function opens instead of another one. Its path is in `path` during its lifetime.
+class FileInstead {
+public:
+    FileInstead(char const*& path, std::string const& content)
+        : m_file(m_folder.makeFile("file", content)), m_path(path) {
+        m_path = m_file.c_str();
+    }
+    ~FileInstead() { m_path = nullptr; }
+
+    FileInstead(FileInstead const&) = delete;
+    FileInstead& operator=(FileInstead const&) = delete;
+
+    std::string const& getFolder() const { return m_folder.getPath(); }
+
+private:
+    TempFolder m_folder;
+    std::string m_file;
+    char const*& m_path;
 };
 
 /// Returns the content of a file, or "(none)" if it cannot be read.

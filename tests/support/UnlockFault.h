@@ -2,16 +2,26 @@
 
 #include "support/Inject.h"
 
+#include <atomic>
 #include <pthread.h>
 
-/// Makes `pthread_mutex_unlock` fail. The injected failure releases the mutex all the same: a mutex that
-/// stays locked could never be destroyed. Must be included at the top of a test file, like the macros of
-/// Inject.h.
+/// Makes `pthread_mutex_unlock` fail. Must be included at the top of a test file, like the macros of Inject.h.
+
+namespace support {
+
+/// Whether the injected failure releases the mutex all the same: a mutex that stays locked could never be
+/// destroyed.
+inline std::atomic<bool> g_failing_unlock_unlocks{true};
+
+} // namespace support
+
 support::Injected inject_pthread_mutex_unlock("pthread_mutex_unlock");
 extern "C" VESK_UNWATCHED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
     int error = 0;
     bool const fails = inject_pthread_mutex_unlock.fails(error);
-    int const result =
-        reinterpret_cast<int (*)(pthread_mutex_t*)>(inject_pthread_mutex_unlock.getReal())(mutex);
+    if (fails && !support::g_failing_unlock_unlocks) {
+        return error;
+    }
+    int const result = inject_pthread_mutex_unlock.getReal(pthread_mutex_unlock)(mutex);
     return fails ? error : result;
 }

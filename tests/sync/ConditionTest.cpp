@@ -1,42 +1,17 @@
-#include "support/Child.h"
+#include "support/Aborts.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
-#include "support/Processes.h"
-#include "support/RunInThreads.h"
+#include "support/Sleeper.h"
 #include "support/UnlockFault.h"
+#include "sync/LockCalls.h"
+#include "sync/LockSupport.h"
 
 #include <vesk/Condition.h>
 #include <vesk/ShmCondition.h>
 
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/threadsafe/ConditionImpl.h>
 
 #include <limits>
-#include <optional>
-#include <thread>
-
-namespace {
-
-std::atomic<int> g_clock{-1};
-std::atomic<int> g_shared{-1};
-
-int note(std::atomic<int>& to, int value) {
-    to = value;
-    return value;
-}
-
-} // namespace
-
-VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * m), (m))
-VESK_INJECT_RESULT(pthread_condattr_setclock, (pthread_condattr_t * a, clockid_t c), (a, note(g_clock, c)))
-VESK_INJECT_RESULT(pthread_condattr_setpshared, (pthread_condattr_t * a, int s), (a, note(g_shared, s)))
-VESK_INJECT_RESULT(pthread_cond_init, (pthread_cond_t * c, pthread_condattr_t const* a), (c, a))
-VESK_INJECT_RESULT(pthread_cond_destroy, (pthread_cond_t * c), (c))
-VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
-VESK_INJECT_RESULT(
-    pthread_cond_timedwait, (pthread_cond_t * c, pthread_mutex_t* m, timespec const* t), (c, m, t))
-VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * c), (c))
 
 namespace {
 
@@ -56,12 +31,6 @@ constexpr auto SPOILED = SysErrorId::SPOILED_INTEGRITY;
 
 AbsTimeT inMs(long long ms) {
     return AbsTimeT((TimePoint::now() + Duration(ms)).getCount());
-}
-
-void await(std::atomic<bool> const& flag) {
-    while (!flag) {
-        sched_yield();
-    }
 }
 
 TEST(ShmCondition, familyIsThatOfCondition) {
@@ -112,26 +81,9 @@ struct Shared {
 };
 
 /// The other side of a test: a thread for `Condition`, a process for `ShmCondition`.
-struct ThreadPartner {
-    template <typename Body>
-    explicit ThreadPartner(Body body)
-        : thread([this, body] {
-              id = gettid();
-              body();
-          }) {}
-    int join() {
-        thread.join();
-        return 0;
-    }
-    void awaitSleep() const {
-        while (id == 0) {
-            sched_yield();
-        }
-        waitUntilAsleep(getpid(), id);
-    }
-
-    std::atomic<pid_t> id{0};
-    std::thread thread;
+struct ThreadPartner : Sleeper {
+    using Sleeper::Sleeper;
+    int join() { return Sleeper::join() == nullptr ? 0 : -1; }
 };
 struct ProcessPartner : Process {
     using Process::Process;
@@ -255,7 +207,7 @@ TYPED_TEST(Conditions, signalWithoutAWaiterDoesNothing) {
 TEST(Condition, firstWaitCreatesItOnceOnTheMonotonicClockAndSignalsBeforeItMakeNoSystemCall) {
     Mutex mutex;
     for (int const waits : {0, 2}) {
-        g_clock = -1;
+        t_clock = -1;
         Fault const made(inject_pthread_cond_init, 0);
         Fault const signaled(inject_pthread_cond_signal, EINVAL, 1, Fault::FOREVER);
         Fault const destroyed(inject_pthread_cond_destroy, 0);
@@ -272,33 +224,29 @@ TEST(Condition, firstWaitCreatesItOnceOnTheMonotonicClockAndSignalsBeforeItMakeN
         EXPECT_EQ(waits == 0 ? 0 : 1, made.getCalls());
         EXPECT_EQ(0, signaled.getCalls());
         EXPECT_EQ(waits == 0 ? 0 : 1, destroyed.getCalls());
-        EXPECT_EQ(waits == 0 ? -1 : CLOCK_MONOTONIC, g_clock);
+        EXPECT_EQ(waits == 0 ? -1 : CLOCK_MONOTONIC, t_clock);
     }
 }
 
 TEST(Condition, creationThatFailsEndsTheProcess) {
     for (Injected* const function : {&inject_pthread_condattr_setclock, &inject_pthread_cond_init}) {
-        ChildEnd const end = runInChild([function] {
-            std::GlobalErrorHandler::setHook(nullptr);
+        std::string const text = "error creating condition (errno = " + std::to_string(EINVAL);
+        EXPECT_TRUE(abortsWith(text, [function] {
             Mutex mutex;
             Condition condition;
             MutexLock const lock(mutex);
             Fault const fault(*function, EINVAL);
             condition.waitTimeout(mutex, inMs(-1));
-        });
-        EXPECT_EQ(SIGABRT, end.signal);
-        EXPECT_NE(
-            std::string::npos, end.errors.find("error creating condition (errno = " + std::to_string(EINVAL)))
-            << end.errors;
+        }));
     }
 }
 
 TEST(ShmCondition, isForProcessesAndOnTheMonotonicClock) {
-    g_clock = g_shared = -1;
+    t_clock = t_shared = -1;
     ShmCondition const condition;
     EXPECT_TRUE(condition.isValid());
-    EXPECT_EQ(CLOCK_MONOTONIC, g_clock);
-    EXPECT_EQ(PTHREAD_PROCESS_SHARED, g_shared);
+    EXPECT_EQ(CLOCK_MONOTONIC, t_clock);
+    EXPECT_EQ(PTHREAD_PROCESS_SHARED, t_shared);
 }
 
 TEST(ShmCondition, isInvalidAndNotDestroyedIfCreationFails) {
@@ -441,82 +389,77 @@ TEST(ShmCondition, waitWithoutTheMutexFailsIfTheMutexKnowsItsOwner) {
     EXPECT_TRUE(chainIs(expected));
 }
 
-constexpr int ITSELF = 0;
-
 struct Row {
     char const* name;
     std::vector<int> errors;
     SysErrorId::Id id;
-    int argument; ///< What the text shows of a condition's failure; `ITSELF` is the error number.
+    std::optional<int> argument =
+        {}; ///< What the text shows of a condition's failure instead of the error number.
     int error = 0;
 };
 
-/// The failures of `T`, which holds its mutex for each of them.
-template <typename T>
-class FailingCondition : public testing::TestWithParam<Row> {
+class ConditionRows : public testing::TestWithParam<Row> {
 protected:
-    /// Runs the operation of the row, the call below which fails. Returns its result.
-    int run() {
+    /// Checks that the operation of the row fails, the call below which fails, with the mutex locked.
+    template <typename T>
+    static void expectFailure(T& shared) {
         std::string const operation = GetParam().name;
         int const error = GetParam().error;
-        auto& condition = m_shared.to_test;
-        typename T::Lock const lock(m_shared.mutex);
+        auto& condition = shared.to_test;
+        typename T::Lock const lock(shared.mutex);
         EXPECT_TRUE(
-            operation != "signal" || condition.waitTimeout(m_shared.mutex, inMs(-1)) == 1); // Creates it.
+            operation != "signal" || condition.waitTimeout(shared.mutex, inMs(-1)) == 1); // Creates it.
         leaveOlderReport();
         Fault const wait(inject_pthread_cond_wait, error);
         Fault const timed_wait(inject_pthread_cond_timedwait, error);
         Fault const signal(inject_pthread_cond_signal, error);
-        return operation == "wait"     ? (condition.wait(m_shared.mutex) ? -1 : 0)
-            : operation == "timedWait" ? condition.waitTimeout(m_shared.mutex, inMs(60000))
-                                       : (condition.signal() ? -1 : 0);
+        int const result = operation == "wait" ? (condition.wait(shared.mutex) ? -1 : 0)
+            : operation == "timedWait"         ? condition.waitTimeout(shared.mutex, inMs(60000))
+                                               : (condition.signal() ? -1 : 0);
+        EXPECT_EQ(-1, result);
     }
-
-    T m_shared;
 };
 
-class ConditionRows : public FailingCondition<OfThreads> {};
-
 TEST_P(ConditionRows, reportTheRawResult) {
-    Row const& row = GetParam();
-    EXPECT_EQ(-1, run());
-    EXPECT_TRUE(chainIs({rawResult(row.id, row.argument == ITSELF ? row.error : row.argument)}));
-    EXPECT_FALSE(m_shared.to_test.signal()) << "the internal lock is free again";
+    OfThreads shared;
+    expectFailure(shared);
+    EXPECT_TRUE(chainIs({rawResult(GetParam().id, GetParam().argument.value_or(GetParam().error))}));
+    EXPECT_FALSE(shared.to_test.signal()) << "the internal lock is free again";
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, ConditionRows,
     testing::ValuesIn(eachErrno<Row>({
         {"wait", {EINVAL, EPERM}, SPOILED, -1},
-        {"wait", {ENOTRECOVERABLE, EAGAIN}, SPOILED, ITSELF},
+        {"wait", {ENOTRECOVERABLE, EAGAIN}, SPOILED},
         {"wait", {ETIMEDOUT}, SPOILED, 1}, // Without a deadline a timeout is a failure.
         {"timedWait", {EINVAL, EPERM}, SPOILED, -1},
-        {"timedWait", {ENOTRECOVERABLE, EAGAIN}, SPOILED, ITSELF},
+        {"timedWait", {ENOTRECOVERABLE, EAGAIN}, SPOILED},
         {"signal", {EINVAL, EPERM}, SPOILED, -1},
-        {"signal", {EAGAIN, ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED, ITSELF},
+        {"signal", {EAGAIN, ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
     })),
     ErrnoName());
 
-class ShmConditionRows : public FailingCondition<OfProcesses> {};
+class ShmConditionRows : public ConditionRows {};
 
 TEST_P(ShmConditionRows, reportTheCauseAndTheOperation) {
-    Row const& row = GetParam();
-    EXPECT_EQ(-1, run());
-    bool const signals = row.name == std::string("signal");
+    OfProcesses shared;
+    expectFailure(shared);
+    bool const signals = GetParam().name == std::string("signal");
     auto const operation =
         signals ? ShmCondition::ErrorId::SIGNAL_FAILED : ShmCondition::ErrorId::WAIT_FAILED;
-    EXPECT_TRUE(chainIs(withErrno({row.id, operation}, row.error)));
+    EXPECT_TRUE(chainIs(withErrno({GetParam().id, operation}, GetParam().error)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, ShmConditionRows,
     testing::ValuesIn(eachErrno<Row>({
-        {"wait", {EINVAL, EPERM}, SPOILED, ITSELF},
-        {"wait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED, ITSELF},
-        {"timedWait", {EINVAL, EPERM}, SPOILED, ITSELF},
-        {"timedWait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED, ITSELF},
-        {"signal", {EINVAL}, SPOILED, ITSELF},
-        {"signal", {EPERM}, SysErrorId::UNCLASSIFIED, ITSELF},
+        {"wait", {EINVAL, EPERM}, SPOILED},
+        {"wait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
+        {"timedWait", {EINVAL, EPERM}, SPOILED},
+        {"timedWait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
+        {"signal", {EINVAL}, SPOILED},
+        {"signal", {EPERM}, SysErrorId::UNCLASSIFIED},
     })),
     ErrnoName());
 
@@ -557,33 +500,43 @@ void expectAborts(Injected& function, std::string const& name, Operation&& opera
 TEST(ConditionInternalLock, failedLockOrUnlockAbortsInTheNameOfTheOperation) {
     for (Injected* const function : {&inject_pthread_mutex_lock, &inject_pthread_mutex_unlock}) {
         Mutex mutex;
+        Condition timed;
         std::optional<Condition> condition(std::in_place);
         ASSERT_FALSE(mutex.lock());
-        expectAborts(
-            *function, "waitTimeout", [&] { EXPECT_EQ(1, condition->waitTimeout(mutex, inMs(-1))); });
+        expectAborts(*function, "waitTimeout", [&] { EXPECT_EQ(1, timed.waitTimeout(mutex, inMs(-1))); });
         expectAborts(*function, "wait", [&] {
             Fault const fault(inject_pthread_cond_wait, ENOTRECOVERABLE);
             EXPECT_TRUE(condition->wait(mutex));
         });
-        expectAborts(*function, "signal", [&] { EXPECT_FALSE(condition->signal()); });
         expectAborts(*function, "~Condition", [&] { condition.reset(); });
         EXPECT_FALSE(mutex.unlock());
         std::ErrorStorage::ack();
     }
 }
 
+TEST(ConditionInternalLock, isNotTakenOnceTheConditionIsBound) {
+    Mutex mutex;
+    Condition condition;
+    MutexLock const lock(mutex);
+    ASSERT_EQ(1, condition.waitTimeout(mutex, inMs(-1)));
+    Fault const locks(inject_pthread_mutex_lock, 0);
+    EXPECT_EQ(1, condition.waitTimeout(mutex, inMs(-1)));
+    EXPECT_FALSE(condition.signal());
+    EXPECT_EQ(0, locks.getCalls());
+}
+
 TEST(ConditionInternalLock, failureEndsTheProcess) {
     for (Injected* const function : {&inject_pthread_mutex_lock, &inject_pthread_mutex_unlock}) {
-        ChildEnd const end = runInChild([function] {
-            std::GlobalErrorHandler::setHook(nullptr);
+        auto const wait = [function] {
+            Mutex mutex;
             Condition condition;
+            MutexLock const lock(mutex);
             Fault const fault(*function, EINVAL);
-            condition.signal();
-        });
-        EXPECT_EQ(SIGABRT, end.signal);
-        char const* const text = function == &inject_pthread_mutex_lock ? "error locking" : "error unlocking";
-        EXPECT_NE(std::string::npos, end.errors.find(text)) << end.errors;
-        EXPECT_NE(std::string::npos, end.errors.find("signal")) << end.errors;
+            condition.waitTimeout(mutex, inMs(-1));
+        };
+        bool const locks = function == &inject_pthread_mutex_lock;
+        EXPECT_TRUE(abortsWith(locks ? "error locking" : "error unlocking", wait));
+        EXPECT_TRUE(abortsWith("waitTimeout", wait));
     }
 }
 

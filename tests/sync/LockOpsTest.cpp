@@ -1,15 +1,13 @@
 #include "frame/FakeClock.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
+#include "sync/LockCalls.h"
+#include "sync/LockSupport.h"
 
 #include <vesk/Condition.h>
 #include <vesk/ConditionOps.h>
-#include <vesk/Mutex.h>
 #include <vesk/MutexOps.h>
-#include <vesk/RWLock.h>
 #include <vesk/RWLockOps.h>
-#include <vesk/SpinLock.h>
 #include <vesk/SpinLockOps.h>
 
 #include <tarncommon/tarnbase/TimePoint.h>
@@ -17,55 +15,8 @@
 #include <chrono>
 #include <deque>
 #include <limits>
-#include <thread>
 
-namespace {
-
-// The arguments of this thread's last system calls.
-thread_local int t_shared = -1;
-thread_local int t_clock = -1;
-thread_local bool t_has_attributes = false;
-thread_local timespec t_deadline{};
-
-int note(int& to, int value) {
-    to = value;
-    return value;
-}
-pthread_rwlockattr_t const* note(pthread_rwlockattr_t const* attributes) {
-    t_has_attributes = attributes != nullptr;
-    return attributes;
-}
-timespec const* note(timespec const* deadline) {
-    t_deadline = *deadline;
-    return deadline;
-}
-
-} // namespace
-
-VESK_INJECT_RESULT(pthread_mutexattr_init, (pthread_mutexattr_t * a), (a))
-VESK_INJECT_RESULT(pthread_mutexattr_settype, (pthread_mutexattr_t * a, int type), (a, type))
-VESK_INJECT_RESULT(pthread_mutexattr_setprotocol, (pthread_mutexattr_t * a, int protocol), (a, protocol))
-VESK_INJECT_RESULT(pthread_mutexattr_setpshared, (pthread_mutexattr_t * a, int s), (a, note(t_shared, s)))
-VESK_INJECT_RESULT(pthread_mutexattr_destroy, (pthread_mutexattr_t * a), (a))
-VESK_INJECT_RESULT(pthread_mutex_init, (pthread_mutex_t * m, pthread_mutexattr_t const* a), (m, a))
-VESK_INJECT_RESULT(pthread_mutex_destroy, (pthread_mutex_t * m), (m))
-VESK_INJECT_RESULT(pthread_mutex_timedlock, (pthread_mutex_t * m, timespec const* t), (m, t))
-VESK_INJECT_RESULT(pthread_rwlockattr_init, (pthread_rwlockattr_t * a), (a))
-VESK_INJECT_RESULT(pthread_rwlockattr_setpshared, (pthread_rwlockattr_t * a, int s), (a, note(t_shared, s)))
-VESK_INJECT_RESULT(pthread_rwlockattr_destroy, (pthread_rwlockattr_t * a), (a))
-VESK_INJECT_RESULT(pthread_rwlock_init, (pthread_rwlock_t * l, pthread_rwlockattr_t const* a), (l, note(a)))
-VESK_INJECT_RESULT(pthread_rwlock_destroy, (pthread_rwlock_t * l), (l))
-VESK_INJECT_RESULT(pthread_rwlock_rdlock, (pthread_rwlock_t * l), (l))
-VESK_INJECT_RESULT(pthread_rwlock_wrlock, (pthread_rwlock_t * l), (l))
-VESK_INJECT_RESULT(pthread_rwlock_tryrdlock, (pthread_rwlock_t * l), (l))
-VESK_INJECT_RESULT(pthread_rwlock_trywrlock, (pthread_rwlock_t * l), (l))
-VESK_INJECT_RESULT(pthread_rwlock_timedrdlock, (pthread_rwlock_t * l, timespec const* t), (l, note(t)))
-VESK_INJECT_RESULT(pthread_rwlock_timedwrlock, (pthread_rwlock_t * l, timespec const* t), (l, note(t)))
-VESK_INJECT_RESULT(pthread_condattr_init, (pthread_condattr_t * a), (a))
-VESK_INJECT_RESULT(pthread_condattr_setclock, (pthread_condattr_t * a, clockid_t c), (a, note(t_clock, c)))
-VESK_INJECT_RESULT(pthread_condattr_setpshared, (pthread_condattr_t * a, int s), (a, note(t_shared, s)))
-VESK_INJECT_RESULT(pthread_condattr_destroy, (pthread_condattr_t * a), (a))
-VESK_INJECT_RESULT(pthread_cond_init, (pthread_cond_t * c, pthread_condattr_t const* a), (c, a))
+VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 
 namespace {
 
@@ -78,6 +29,9 @@ using vesk::Mutex;
 using vesk::MutexOps;
 using vesk::RWLock;
 using vesk::RWLockOps;
+using vesk::ShmMutex;
+using vesk::ShmRWLock;
+using vesk::ShmSpinLock;
 using vesk::SpinLock;
 using vesk::SpinLockOps;
 namespace SysErrorId = vesk::SysErrorId;
@@ -272,20 +226,6 @@ TEST_P(LockOpsInit, attributesThatCannotBeDestroyedAreOnlyAWarning) {
 
 INSTANTIATE_TEST_SUITE_P(All, LockOpsInit, testing::Values(&MUTEX, &RWLOCK, &CONDITION), KindName());
 
-TEST(MutexOpsInit, recursiveLockIsFreeAfterAsManyUnlocksAndInheritsPriorityOnlyIfWanted) {
-    pthread_mutex_t mutex;
-    Fault const protocol(inject_pthread_mutexattr_setprotocol, 0);
-    for (int const wanted : {0, 1}) {
-        ASSERT_FALSE(MutexOps::init(&mutex, true, wanted == 1, wanted == 1));
-        EXPECT_EQ(wanted, protocol.getCalls());
-        EXPECT_EQ(0, pthread_mutex_lock(&mutex));
-        EXPECT_EQ(0, pthread_mutex_trylock(&mutex));
-        EXPECT_EQ(0, pthread_mutex_unlock(&mutex));
-        EXPECT_EQ(0, pthread_mutex_unlock(&mutex));
-        EXPECT_FALSE(MutexOps::destroy(&mutex));
-    }
-}
-
 TEST(RWLockOpsInit, privateLockThatCannotBeMadeReportsTheTextOfNumberZero) {
     pthread_rwlock_t lock;
     EXPECT_TRUE(
@@ -390,51 +330,65 @@ template <bool FOR_WRITE>
 int failRWLock(int error) {
     return RWLockOps::handleLockError(error, FOR_WRITE);
 }
-template <auto HANDLER>
-int handle(int error) {
-    return HANDLER(error);
+/// Checks that an operation sets errno to its error number.
+template <auto OPERATION>
+int setsErrno(int error) {
+    int const result = OPERATION(error);
+    EXPECT_EQ(error, errno);
+    return result;
+}
+/// Checks that an operation leaves errno as it is.
+template <auto OPERATION>
+int keepsErrno(int error) {
+    errno = ENOEXEC;
+    int const result = OPERATION(error);
+    EXPECT_EQ(ENOEXEC, errno);
+    return result;
+}
+int unlockRWLock(int error) {
+    return RWLockOps::handleUnlockError(error);
 }
 
-constexpr auto MUTEX_LOCK = handle<MutexOps::handleLockError>;
-constexpr auto MUTEX_UNLOCK = handle<MutexOps::handleUnlockError>;
-constexpr auto MUTEX_TRY = handle<MutexOps::handleTryLockError>;
-constexpr auto SPIN_INIT = handle<SpinLockOps::handleInitError>;
-constexpr auto SPIN_DESTROY = handle<SpinLockOps::handleDestroyError>;
-constexpr auto SPIN_LOCK = handle<SpinLockOps::handleLockError>;
-constexpr auto SPIN_TRY = handle<SpinLockOps::handleTryLockError>;
-constexpr auto SPIN_UNLOCK = handle<SpinLockOps::handleUnlockError>;
-constexpr auto RW_UNLOCK = handle<RWLockOps::handleUnlockError>;
-constexpr auto COND_INIT = handle<ConditionOps::handleInitError>;
-constexpr auto COND_DESTROY = handle<ConditionOps::handleDestroyError>;
-constexpr auto COND_WAIT = handle<ConditionOps::handleWaitError>;
-constexpr auto COND_SIGNAL = handle<ConditionOps::handleSignalError>;
+constexpr auto MUTEX_DESTROY = setsErrno<failMutexDestroy>;
+constexpr auto MUTEX_TIMED = setsErrno<failMutexTimedLock>;
+constexpr auto MUTEX_LOCK = setsErrno<MutexOps::handleLockError>;
+constexpr auto MUTEX_UNLOCK = setsErrno<MutexOps::handleUnlockError>;
+constexpr auto MUTEX_TRY = setsErrno<MutexOps::handleTryLockError>;
+constexpr auto SPIN_INIT = setsErrno<SpinLockOps::handleInitError>;
+constexpr auto SPIN_DESTROY = setsErrno<SpinLockOps::handleDestroyError>;
+constexpr auto SPIN_LOCK = setsErrno<SpinLockOps::handleLockError>;
+constexpr auto SPIN_TRY = setsErrno<SpinLockOps::handleTryLockError>;
+constexpr auto SPIN_UNLOCK = setsErrno<SpinLockOps::handleUnlockError>;
+constexpr auto COND_INIT = keepsErrno<ConditionOps::handleInitError>;
+constexpr auto COND_DESTROY = keepsErrno<ConditionOps::handleDestroyError>;
+constexpr auto COND_WAIT = keepsErrno<ConditionOps::handleWaitError>;
+constexpr auto COND_SIGNAL = keepsErrno<ConditionOps::handleSignalError>;
 
 constexpr auto NOT_CREATED = Condition::ErrorId::CREATE_FAILED;
 constexpr auto NOT_WAITED = Condition::ErrorId::WAIT_FAILED;
 constexpr auto NOT_SIGNALED = Condition::ErrorId::SIGNAL_FAILED;
 
-class LockOpsRows : public testing::TestWithParam<Row> {};
+class LockOpsRows : public testing::TestWithParam<Row> {
+protected:
+    static void check() {
+        Row const& row = GetParam();
+        leaveOlderReport();
+        EXPECT_EQ(row.result, row.operation(row.error));
+        EXPECT_TRUE(row.reports.empty() ? onlyOlderIsPending() : chainIs(withErrno(row.reports, row.error)));
+    }
+};
 
 TEST_P(LockOpsRows, areClassifiedAndSetErrnoForMutexesAndSpinLocksOnly) {
-    Row const& row = GetParam();
-    std::string const suite = testing::UnitTest::GetInstance()->current_test_info()->test_suite_name();
-    leaveOlderReport();
-    errno = ENOEXEC;
-    EXPECT_EQ(row.result, row.operation(row.error));
-    int const errno_after = errno;
-    EXPECT_TRUE(row.reports.empty() ? onlyOlderIsPending() : chainIs(withErrno(row.reports, row.error)));
-    if (suite != "RWLock/LockOpsRows") {
-        EXPECT_EQ(suite == "Condition/LockOpsRows" ? ENOEXEC : row.error, errno_after);
-    }
+    check();
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Mutex, LockOpsRows,
     testing::ValuesIn(eachErrno<Row>({
-        {"destroy", failMutexDestroy, {EBUSY, EINVAL}, 1, {SysErrorId::UNCLASSIFIED}},
-        {"timedlock", failMutexTimedLock, {EBUSY, ETIMEDOUT}, 1, {}},
-        {"timedlock", failMutexTimedLock, {EAGAIN, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
-        {"timedlock", failMutexTimedLock, {EPERM, ENOTRECOVERABLE}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"destroy", MUTEX_DESTROY, {EBUSY, EINVAL}, 1, {SysErrorId::UNCLASSIFIED}},
+        {"timedlock", MUTEX_TIMED, {EBUSY, ETIMEDOUT}, 1, {}},
+        {"timedlock", MUTEX_TIMED, {EAGAIN, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
+        {"timedlock", MUTEX_TIMED, {EPERM, ENOTRECOVERABLE}, -1, {Mutex::ErrorId::LOCK_FAILED}},
         {"lock", MUTEX_LOCK, {EPERM, EBUSY, EINVAL, EDEADLK}, 1, {Mutex::ErrorId::INCONSISTENT}},
         {"lock", MUTEX_LOCK, {EAGAIN, ENOMEM}, 1, {Mutex::ErrorId::LOCK_FAILED}},
         {"unlock", MUTEX_UNLOCK, {EPERM, EINVAL}, 1, {Mutex::ErrorId::INCONSISTENT}},
@@ -445,6 +399,7 @@ INSTANTIATE_TEST_SUITE_P(
     })),
     ErrnoName());
 
+// A lock that fails reports the row of unlocking, and the reverse.
 INSTANTIATE_TEST_SUITE_P(
     SpinLock, LockOpsRows,
     testing::ValuesIn(eachErrno<Row>({
@@ -474,8 +429,8 @@ INSTANTIATE_TEST_SUITE_P(
         {"write", failRWLock<WRITE>, {EDEADLK}, -1, {RWLock::ErrorId::DEADLOCK}},
         {"write", failRWLock<WRITE>, {EAGAIN}, -1, {RWLock::ErrorId::TOO_MANY_LOCKS}},
         {"write", failRWLock<WRITE>, {EINVAL, EPERM}, -1, {RWLock::ErrorId::WRITE_LOCK_FAILED}},
-        {"unlock", RW_UNLOCK, {EPERM}, 1, {SysErrorId::PERMISSION_DENIED, RWLock::ErrorId::UNLOCK_FAILED}},
-        {"unlock", RW_UNLOCK, {EINVAL, EDEADLK, EAGAIN}, 1, {RWLock::ErrorId::UNLOCK_FAILED}},
+        {"unlock", unlockRWLock, {EPERM}, 1, {SysErrorId::PERMISSION_DENIED, RWLock::ErrorId::UNLOCK_FAILED}},
+        {"unlock", unlockRWLock, {EINVAL, EDEADLK, EAGAIN}, 1, {RWLock::ErrorId::UNLOCK_FAILED}},
     })),
     ErrnoName());
 
@@ -496,13 +451,97 @@ INSTANTIATE_TEST_SUITE_P(
     })),
     ErrnoName());
 
-TEST(SpinLockOps, failedLockReportsTheRowOfUnlockingAndTheReverse) {
-    EXPECT_TRUE(SpinLockOps::handleLockError(EINVAL));
-    EXPECT_TRUE(
-        chainIs({{SpinLock::ErrorId::UNLOCK_FAILED, "SpinLock unlock failed: " + systemText(EINVAL)}}));
-    EXPECT_TRUE(SpinLockOps::handleUnlockError(EINVAL));
-    EXPECT_TRUE(chainIs({{SpinLock::ErrorId::LOCK_FAILED, "SpinLock lock failed: " + systemText(EINVAL)}}));
+// ---- what the locks make of a system call that fails ----
+
+/// Returns the result of an operation with a system call that fails. The lock is held before and after it.
+template <typename Lock, auto OPERATION, Injected* FUNCTION>
+int fail(int error) {
+    Lock const lock;
+    EXPECT_FALSE(lockForWrite(lock));
+    leaveOlderReport();
+    int const result = failOnce(*FUNCTION, error, [&lock] { return std::invoke(OPERATION, lock); });
+    if constexpr (!std::is_same_v<Lock, Mutex>) {
+        std::thread([&lock] {
+            EXPECT_EQ(1, tryForWrite(lock)) << "a failure does not release the lock";
+        }).join();
+        EXPECT_FALSE(lock.unlock());
+        EXPECT_EQ(0, tryForWrite(lock)) << "a failure does not take the lock";
+    }
+    EXPECT_FALSE(lock.unlock());
+    return result;
 }
+signed char tryFor1000Ms(ShmMutex const& mutex) {
+    return mutex.tryLockTimeout(1000);
+}
+
+class LockRows : public LockOpsRows {};
+
+TEST_P(LockRows, reportAndLeaveTheLockAsItIs) {
+    check();
+}
+
+constexpr auto LOCK = fail<Mutex, &Mutex::lock, &inject_pthread_mutex_lock>;
+constexpr auto UNLOCK = fail<Mutex, &Mutex::unlock, &inject_pthread_mutex_unlock>;
+constexpr auto SHM_LOCK = fail<ShmMutex, &ShmMutex::lock, &inject_pthread_mutex_lock>;
+constexpr auto SHM_TRY = fail<ShmMutex, &ShmMutex::tryLock, &inject_pthread_mutex_trylock>;
+constexpr auto SHM_TIMED = fail<ShmMutex, tryFor1000Ms, &inject_pthread_mutex_timedlock>;
+constexpr auto SHM_UNLOCK = fail<ShmMutex, &ShmMutex::unlock, &inject_pthread_mutex_unlock>;
+constexpr auto READ_LOCK = fail<RWLock, &RWLock::lockForRead, &inject_pthread_rwlock_rdlock>;
+constexpr auto WRITE_LOCK = fail<RWLock, &RWLock::lockForWrite, &inject_pthread_rwlock_wrlock>;
+constexpr auto RW_UNLOCK = fail<RWLock, &RWLock::unlock, &inject_pthread_rwlock_unlock>;
+constexpr auto SHM_RW_UNLOCK = fail<ShmRWLock, &ShmRWLock::unlock, &inject_pthread_rwlock_unlock>;
+constexpr auto INCONSISTENT = Mutex::ErrorId::INCONSISTENT;
+std::vector<ExpectedReport> const NOT_PERMITTED = {SysErrorId::PERMISSION_DENIED, RWLock::UNLOCK_FAILED};
+
+INSTANTIATE_TEST_SUITE_P(
+    Mutexes, LockRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"Mutex_lock", LOCK, {EDEADLK, EINVAL, EPERM}, 1, {INCONSISTENT}},
+        {"Mutex_lock", LOCK, {EAGAIN, ENOTRECOVERABLE}, 1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"Mutex_unlock", UNLOCK, {EPERM, EINVAL, EDEADLK}, 1, {INCONSISTENT}},
+        {"Mutex_unlock", UNLOCK, {EAGAIN}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
+        {"ShmMutex_lock", SHM_LOCK, {EPERM, EBUSY, EINVAL, EDEADLK}, 1, {INCONSISTENT}},
+        {"ShmMutex_lock", SHM_LOCK, {EAGAIN}, 1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"ShmMutex_trylock", SHM_TRY, {EBUSY}, 1, {}},
+        {"ShmMutex_trylock", SHM_TRY, {EPERM, EINVAL, EDEADLK}, -1, {INCONSISTENT}},
+        {"ShmMutex_trylock", SHM_TRY, {EAGAIN}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"ShmMutex_timedlock", SHM_TIMED, {ETIMEDOUT}, 1, {}},
+        {"ShmMutex_timedlock", SHM_TIMED, {EDEADLK}, -1, {INCONSISTENT}},
+        {"ShmMutex_timedlock", SHM_TIMED, {EPERM}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+        {"ShmMutex_unlock", SHM_UNLOCK, {EPERM, EINVAL}, 1, {INCONSISTENT}},
+        {"ShmMutex_unlock", SHM_UNLOCK, {EBUSY}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
+    })),
+    ErrnoName());
+
+INSTANTIATE_TEST_SUITE_P(
+    RWLocks, LockRows,
+    testing::ValuesIn(eachErrno<Row>({
+        {"rdlock", READ_LOCK, {EAGAIN}, 1, {RWLock::TOO_MANY_LOCKS}},
+        {"wrlock", WRITE_LOCK, {EINVAL}, 1, {RWLock::WRITE_LOCK_FAILED}},
+        {"unlock", RW_UNLOCK, {EPERM}, 1, NOT_PERMITTED},
+        {"unlock", RW_UNLOCK, {EINVAL}, 1, {RWLock::UNLOCK_FAILED}},
+        {"shmUnlock", SHM_RW_UNLOCK, {EPERM}, 1, NOT_PERMITTED},
+    })),
+    ErrnoName());
+
+template <typename Lock>
+std::vector<Row> spinLockRows() {
+    constexpr auto lock = fail<Lock, &Lock::lock, &inject_pthread_spin_lock>;
+    constexpr auto try_lock = fail<Lock, &Lock::tryLock, &inject_pthread_spin_trylock>;
+    constexpr auto unlock = fail<Lock, &Lock::unlock, &inject_pthread_spin_unlock>;
+    return eachErrno<Row>({
+        {"lock", lock, {EPERM}, 1, {SpinLock::ErrorId::INCONSISTENT}},
+        {"lock", lock, {EDEADLK}, 1, {SpinLock::ErrorId::UNLOCK_FAILED}},
+        {"trylock", try_lock, {EDEADLK}, -1, {SpinLock::ErrorId::INCONSISTENT}},
+        {"trylock", try_lock, {EPERM}, -1, {SpinLock::ErrorId::LOCK_FAILED}},
+        {"trylock", try_lock, {EBUSY}, 1, {}},
+        {"unlock", unlock, {EDEADLK}, 1, {SpinLock::ErrorId::INCONSISTENT}},
+        {"unlock", unlock, {EPERM}, 1, {SpinLock::ErrorId::LOCK_FAILED}},
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(SpinLock, LockRows, testing::ValuesIn(spinLockRows<SpinLock>()), ErrnoName());
+INSTANTIATE_TEST_SUITE_P(ShmSpinLock, LockRows, testing::ValuesIn(spinLockRows<ShmSpinLock>()), ErrnoName());
 
 // ---- timed locks of mutexes ----
 
@@ -515,18 +554,16 @@ protected:
     pthread_mutex_t m_mutex;
 };
 
-class MutexOpsTimeouts : public MutexOpsTest, public testing::WithParamInterface<long long> {};
-
-TEST_P(MutexOpsTimeouts, lockAFreeMutexAndNotAHeldOne) {
-    EXPECT_EQ(0, MutexOps::tryLockTimeout(&m_mutex, GetParam()));
-    std::thread([this] {
-        EXPECT_TRUE(MutexOps::tryLockTimeout(&m_mutex, GetParam()) == 1 && chainIs({}));
-    }).join();
-    EXPECT_EQ(0, pthread_mutex_unlock(&m_mutex));
+TEST_F(MutexOpsTest, timeoutInThePastLocksAFreeMutexAndNotAHeldOne) {
+    for (long long const ms : {0LL, -1LL, -2500LL, std::numeric_limits<long long>::min()}) {
+        SCOPED_TRACE(ms);
+        EXPECT_EQ(0, MutexOps::tryLockTimeout(&m_mutex, ms));
+        std::thread([this, ms] {
+            EXPECT_TRUE(MutexOps::tryLockTimeout(&m_mutex, ms) == 1 && chainIs({}));
+        }).join();
+        EXPECT_EQ(0, pthread_mutex_unlock(&m_mutex));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, MutexOpsTimeouts, testing::Values(0, -1, -2500, std::numeric_limits<long long>::min()));
 
 TEST_F(MutexOpsTest, timeoutIsWaitedForToTheEndOrUntilTheMutexIsFree) {
     ASSERT_EQ(0, pthread_mutex_lock(&m_mutex));
@@ -629,34 +666,32 @@ TEST_P(RWLockOpsForms, classifiesTheErrorOfItsOwnCall) {
 
 INSTANTIATE_TEST_SUITE_P(All, RWLockOpsForms, testing::ValuesIn(FORMS), RowName());
 
-struct DeadlineRow {
-    timespec now;
-    unsigned int timeout_ms;
-    timespec deadline;
-};
-
-class RWLockOpsDeadlines : public RWLockOpsTest, public testing::WithParamInterface<DeadlineRow> {};
-
-TEST_P(RWLockOpsDeadlines, areTheWallClockPlusTheTimeout) {
-    DeadlineRow const& row = GetParam();
-    for (bool const for_write : {READ, WRITE}) {
-        FakeClock const clock(row.now.tv_sec, row.now.tv_nsec);
-        EXPECT_EQ(0, lockWithin(m_lock, for_write, row.timeout_ms));
-        EXPECT_EQ(CLOCK_REALTIME, clock.getClock());
-        EXPECT_EQ(row.deadline.tv_sec, t_deadline.tv_sec);
-        EXPECT_EQ(row.deadline.tv_nsec, t_deadline.tv_nsec);
-        EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
+TEST_F(RWLockOpsTest, deadlineIsTheWallClockPlusTheTimeout) {
+    struct {
+        timespec now;
+        unsigned int timeout_ms;
+        timespec deadline;
+    } const rows[] = {
+        {{1000, 0}, 1, {1000, 1000000}},
+        {{1000, 5}, 2500, {1002, 500000005}},
+        {{1000, 998999999}, 1, {1000, 999999999}},
+        {{1000, 999000000}, 1, {1001, 0}},
+        {{1000, 999999999}, 999, {1001, 998999999}},
+        {{1000, 999999999}, 1000, {1001, 999999999}},
+        {{1000, 0}, 4294967295U, {4295967, 295000000}},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.timeout_ms);
+        for (bool const for_write : {READ, WRITE}) {
+            FakeClock const clock(row.now.tv_sec, row.now.tv_nsec);
+            EXPECT_EQ(0, lockWithin(m_lock, for_write, row.timeout_ms));
+            EXPECT_EQ(CLOCK_REALTIME, clock.getClock());
+            EXPECT_EQ(row.deadline.tv_sec, t_deadline.tv_sec);
+            EXPECT_EQ(row.deadline.tv_nsec, t_deadline.tv_nsec);
+            EXPECT_EQ(0, pthread_rwlock_unlock(&m_lock));
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, RWLockOpsDeadlines,
-    testing::Values(
-        DeadlineRow{{1000, 0}, 1, {1000, 1000000}}, DeadlineRow{{1000, 5}, 2500, {1002, 500000005}},
-        DeadlineRow{{1000, 998999999}, 1, {1000, 999999999}}, DeadlineRow{{1000, 999000000}, 1, {1001, 0}},
-        DeadlineRow{{1000, 999999999}, 999, {1001, 998999999}},
-        DeadlineRow{{1000, 999999999}, 1000, {1001, 999999999}},
-        DeadlineRow{{1000, 0}, 4294967295U, {4295967, 295000000}}));
 
 TEST_F(RWLockOpsTest, clockThatCannotBeReadIsAFailureOfATimedFormOnly) {
     Fault const fault(inject_clock_gettime, EINVAL, 1, Fault::FOREVER);

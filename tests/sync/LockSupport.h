@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/Inject.h"
+#include "support/Testing.h"
 
 #include <vesk/Mutex.h>
 #include <vesk/RWLock.h>
@@ -8,14 +8,6 @@
 #include <vesk/ShmRWLock.h>
 #include <vesk/ShmSpinLock.h>
 #include <vesk/SpinLock.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <pthread.h>
-#include <sched.h>
-#include <string>
-#include <type_traits>
 
 /// What the suites of the lock classes share.
 namespace support {

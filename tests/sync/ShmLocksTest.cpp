@@ -1,12 +1,7 @@
-#include "support/Chain.h"
 #include "support/Processes.h"
 #include "sync/LockSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <chrono>
-#include <vector>
 
 /// The locks that processes share.
 

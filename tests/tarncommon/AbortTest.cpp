@@ -1,16 +1,7 @@
 #include "support/AllocationCounter.h"
-#include "support/Child.h"
-#include "support/Inject.h"
+#include "support/Testing.h"
 
 #include <tarncommon/tarnbase/abort.h>
-
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <csignal>
-#include <cstdlib>
-#include <string>
-#include <unistd.h>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 
@@ -36,22 +27,16 @@ namespace {
 
 using namespace support;
 
-TEST(Abort, writesOneLineAndEndsTheProcessWithSigabrt) {
-    ChildEnd const end =
-        runInChild([] { tarnbase::abort("some/File", 12, "function", "error %d (%s)", 5, "text"); });
-    EXPECT_EQ(SIGABRT, end.signal);
-    EXPECT_EQ("some/File:12: function: fatal: error 5 (text)\n", end.errors);
-}
-
-TEST(Abort, supportsTheConversions) {
+TEST(Abort, writesOneLineWithAllConversionsAndEndsTheProcessWithSigabrt) {
     ChildEnd const end = runInChild([] {
         tarnbase::abort(
-            "f", 1, "g", "%s|%c|%d|%i|%u|%x|%ld|%lu|%lld|%llu|%zu|%hd|%p|%%", "s", 'c', INT_MIN, -1,
-            4000000000u, 255u, LONG_MAX, 7ul, LLONG_MIN, ULLONG_MAX, static_cast<size_t>(9),
+            "some/File", 12, "function", "%s|%c|%d|%i|%u|%x|%ld|%lu|%lld|%llu|%zu|%hd|%p|%%", "s", 'c',
+            INT_MIN, -1, 4000000000u, 255u, LONG_MAX, 7ul, LLONG_MIN, ULLONG_MAX, static_cast<size_t>(9),
             static_cast<short>(-5), reinterpret_cast<void*>(0xabc));
     });
+    EXPECT_EQ(SIGABRT, end.signal);
     EXPECT_EQ(
-        "f:1: g: fatal: s|c|-2147483648|-1|4000000000|ff|" + std::to_string(LONG_MAX) +
+        "some/File:12: function: fatal: s|c|-2147483648|-1|4000000000|ff|" + std::to_string(LONG_MAX) +
             "|7|-9223372036854775808|18446744073709551615|9|-5|0xabc|%\n",
         end.errors);
 }

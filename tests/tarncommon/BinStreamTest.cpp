@@ -1,26 +1,13 @@
 #include "support/AllocationCounter.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
+#include "support/Testing.h"
 #include "support/VtableSlot.h"
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/stream/IBinInOutStream.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
 #include <deque>
 #include <random>
-#include <sstream>
-#include <string>
-#include <tuple>
-#include <type_traits>
-#include <utility>
 
 namespace {
 
@@ -250,16 +237,11 @@ std::string play(Stream& stream, std::string const& actions) {
 // ---- the family and the classes ----
 
 TEST(StreamError, hasItsTexts) {
-    char const* const texts[] = {
-        "Stream cannot be used", "Stream transfer failed", "End of stream",
-        "Operation is not supported by the stream", "Unclassified stream failure"};
-    for (int id = 0; id < 5; ++id) {
-        std::ErrorID const& row = *IBinStreamBase::StreamError.getRow(id);
-        EXPECT_EQ(id, row.id);
-        EXPECT_STREQ(texts[id], row.format);
-        EXPECT_EQ(0, row.nargs);
-    }
-    EXPECT_EQ(nullptr, IBinStreamBase::StreamError.getRow(5));
+    expectRows(
+        IBinStreamBase::StreamError,
+        {"Stream cannot be used", "Stream transfer failed", "End of stream",
+         "Operation is not supported by the stream", "Unclassified stream failure"},
+        0, false);
     EXPECT_FALSE(IBinStreamBase::StreamError.isA(std::CommonError));
 }
 
@@ -340,19 +322,18 @@ constexpr bool NON_BLOCKING = false;
 
 /// The actions on one stream with its script, and what `play` returns for them.
 struct Transcript : NamedRow {
+    template <typename Stream>
+    void expectFrom() const {
+        Stream stream(buffer_size, blocking, script);
+        EXPECT_EQ(seen, play(stream, actions));
+    }
+
     unsigned int buffer_size;
     bool blocking;
     char const* script;
     char const* actions;
     char const* seen;
 };
-
-class IBinInputStreamReads : public testing::TestWithParam<Transcript> {};
-
-TEST_P(IBinInputStreamReads, returnTheBytesOfTheSource) {
-    Source source(GetParam().buffer_size, GetParam().blocking, GetParam().script);
-    EXPECT_EQ(GetParam().seen, play(source, GetParam().actions));
-}
 
 Transcript const READS[] = {
     {"readAheadOneBufferAndReturnItInPieces", 8, BLOCKING, "abcdefghijkl", "3 2 3 2",
@@ -388,7 +369,9 @@ Transcript const READS[] = {
     {"fillABufferAgainThatADerivedClassHasEmptied", 4, BLOCKING, "abcdefgh", "2 drop 2",
      "?[4] 1 ab, ?[4] 1 ef"}};
 
-INSTANTIATE_TEST_SUITE_P(All, IBinInputStreamReads, testing::ValuesIn(READS), byName);
+VESK_TEST_TABLE(IBinInputStreamReads, returnTheBytesOfTheSource, testing::Test, READS) {
+    GetParam().expectFrom<Source>();
+}
 
 TEST(IBinInputStream, secondIdOfAnotherFamilyIsNoEnd) {
     struct Failing : Source {
@@ -400,13 +383,6 @@ TEST(IBinInputStream, secondIdOfAnotherFamilyIsNoEnd) {
     } source;
     EXPECT_EQ("? -1", source.perform("3"));
     EXPECT_TRUE(chainIs({{CommonErrorId::INTERNAL_FAILURE}}));
-}
-
-class IBinOutputStreamActions : public testing::TestWithParam<Transcript> {};
-
-TEST_P(IBinOutputStreamActions, reachTheSink) {
-    Sink sink(GetParam().buffer_size, GetParam().blocking, GetParam().script);
-    EXPECT_EQ(GetParam().seen, play(sink, GetParam().actions));
 }
 
 Transcript const ACTIONS[] = {
@@ -471,7 +447,9 @@ Transcript const ACTIONS[] = {
     {"flushFailsWithTheReportOfTheSink", 8, BLOCKING, "", "abc jam flush",
      "? 1/3 +abc, ?[abc]!FLUSH failed {unsupported}"}};
 
-INSTANTIATE_TEST_SUITE_P(All, IBinOutputStreamActions, testing::ValuesIn(ACTIONS), byName);
+VESK_TEST_TABLE(IBinOutputStreamActions, reachTheSink, testing::Test, ACTIONS) {
+    GetParam().expectFrom<Sink>();
+}
 
 TEST(IBinOutputStream, pendingReportIsReplacedByThatOfAnIncompleteFlush) {
     for (char const* const flush : {"flush", "flush-buffer"}) {
@@ -512,9 +490,19 @@ public:
                 return true;
             }
         } else {
-            offset = dropReadAhead(offset, from);
+            offset -=
+                from == From::CURRENT ? static_cast<int>(IBinInputStream::m_end - IBinInputStream::m_pos) : 0;
+            IBinInputStream::m_pos = IBinInputStream::m_end = 0;
         }
-        return moveTo(offset, from, position);
+        size_t const bases[] = {m_position, 0, content.size()};
+        long long const target = static_cast<long long>(bases[static_cast<int>(from)]) + offset;
+        if (target < 0) {
+            ErrorOutput("test", __LINE__, true)(CommonErrorId::UNSUPPORTED_VALUE, "negative position");
+            return true;
+        }
+        m_position = static_cast<size_t>(target);
+        position = static_cast<unsigned int>(target);
+        return false;
     }
 
     bool isBlocking() const { return m_blocking; }
@@ -607,51 +595,22 @@ private:
         return std::uniform_int_distribution<unsigned int>(least, count)(m_random);
     }
 
-    int dropReadAhead(int offset, From from) {
-        if (from == From::CURRENT) {
-            offset -= static_cast<int>(IBinInputStream::m_end - IBinInputStream::m_pos);
-        }
-        IBinInputStream::m_pos = IBinInputStream::m_end = 0;
-        return offset;
-    }
-
-    bool moveTo(int offset, From from, unsigned int& position) {
-        long long base = 0;
-        if (from == From::CURRENT) {
-            base = static_cast<long long>(m_position);
-        } else if (from == From::END) {
-            base = static_cast<long long>(content.size());
-        }
-        if (base + offset < 0) {
-            ErrorOutput("test", __LINE__, true)(CommonErrorId::UNSUPPORTED_VALUE, "negative position");
-            return true;
-        }
-        m_position = static_cast<size_t>(base + offset);
-        position = static_cast<unsigned int>(m_position);
-        return false;
-    }
-
     Mode m_mode;
     size_t m_position = 0;
     bool m_writing = false;
     std::mt19937 m_random{20240229};
 };
 
-TEST(IBinInOutStream, hasOneBaseForBothDirections) {
-    MemoryFile file(4, 8);
-    IBinInputStream& input = file;
-    IBinOutputStream& output = file;
-    EXPECT_EQ(static_cast<IBinStreamBase*>(&input), static_cast<IBinStreamBase*>(&output));
-    EXPECT_TRUE(input.isValid());
-    EXPECT_TRUE(output.isValid());
-}
-
-TEST(IBinInOutStream, constructorPassesItsArgumentsToTheDirections) {
+TEST(IBinInOutStream, hasOneBaseForBothDirectionsAndPassesThemTheArgumentsOfItsConstructor) {
     for (bool const input : {true, false}) {
-        MemoryFile const file(input ? 4 : 0, input ? 0 : 4, input ? Mode::WHOLE : Mode::PARTIAL);
+        MemoryFile file(input ? 4 : 0, input ? 0 : 4, input ? Mode::WHOLE : Mode::PARTIAL);
         EXPECT_EQ(input, file.isInputBuffered());
         EXPECT_EQ(!input, file.isOutputBuffered());
         EXPECT_EQ(input, file.isBlocking());
+        IBinInputStream& reader = file;
+        IBinOutputStream& writer = file;
+        EXPECT_EQ(static_cast<IBinStreamBase*>(&reader), static_cast<IBinStreamBase*>(&writer));
+        EXPECT_TRUE(reader.isValid() && writer.isValid());
     }
 }
 
@@ -678,9 +637,18 @@ struct Turns : NamedRow {
     char const* seen;
 };
 
-class IBinInOutStreamTurns : public testing::TestWithParam<Turns> {};
+Turns const TURNS[] = {
+    {"writeAfterReadStartsAtTheReadersPosition", "r1 wX flush r3",
+     "1:0@10 1:1@1w done@2w 1:234@12 0X23456789abcdef 2/1"},
+    {"writtenBytesReachTheFileBeforeARead", "wAB r2", "1:2@0w 1:23@12 AB23456789abcdef 1/1"},
+    {"writtenBytesStayInTheBuffer", "wAB", "1:2@0w 0123456789abcdef 0/0"},
+    {"readFailsIfWrittenBytesCannotBePassedOn", "wAB jam r2 free r2",
+     "1:2@0w -1: {failure<cause}@0w 1:23@12 AB23456789abcdef 1/1"},
+    {"flushWhileReadingKeepsTheReadAhead", "r1 flush r3", "1:0@10 done@10 1:123@10 0123456789abcdef 1/1"},
+    {"failedSeekBeforeAWriteFailsTheWriteAndKeepsTheReadAhead", "r1 pipe wX r3",
+     "1:0@10 -1:0 {no seek}@10 1:123@10 0123456789abcdef 1/0"}};
 
-TEST_P(IBinInOutStreamTurns, shareOnePosition) {
+VESK_TEST_TABLE(IBinInOutStreamTurns, shareOnePosition, testing::Test, TURNS) {
     MemoryFile file(10, 10);
     file.content = "0123456789abcdef";
     std::istringstream steps(GetParam().steps);
@@ -707,19 +675,6 @@ TEST_P(IBinInOutStreamTurns, shareOnePosition) {
     seen += file.content + " " + std::to_string(file.reads) + "/" + std::to_string(file.flushes);
     EXPECT_EQ(GetParam().seen, seen);
 }
-
-Turns const TURNS[] = {
-    {"writeAfterReadStartsAtTheReadersPosition", "r1 wX flush r3",
-     "1:0@10 1:1@1w done@2w 1:234@12 0X23456789abcdef 2/1"},
-    {"writtenBytesReachTheFileBeforeARead", "wAB r2", "1:2@0w 1:23@12 AB23456789abcdef 1/1"},
-    {"writtenBytesStayInTheBuffer", "wAB", "1:2@0w 0123456789abcdef 0/0"},
-    {"readFailsIfWrittenBytesCannotBePassedOn", "wAB jam r2 free r2",
-     "1:2@0w -1: {failure<cause}@0w 1:23@12 AB23456789abcdef 1/1"},
-    {"flushWhileReadingKeepsTheReadAhead", "r1 flush r3", "1:0@10 done@10 1:123@10 0123456789abcdef 1/1"},
-    {"failedSeekBeforeAWriteFailsTheWriteAndKeepsTheReadAhead", "r1 pipe wX r3",
-     "1:0@10 -1:0 {no seek}@10 1:123@10 0123456789abcdef 1/0"}};
-
-INSTANTIATE_TEST_SUITE_P(All, IBinInOutStreamTurns, testing::ValuesIn(TURNS), byName);
 
 TEST(IBinInOutStream, readingAndWritingAllocateNothing) {
     if (!COUNTS_ALLOCATIONS) {
@@ -758,31 +713,6 @@ TEST(IBinInOutStream, readingAndWritingAllocateNothing) {
 
 using Setting = std::tuple<unsigned int, unsigned int, Mode>;
 
-/// The behavior that callers rely on: one text and one position in it, without buffers.
-class Model {
-public:
-    void expectRead(std::string const& bytes) {
-        ASSERT_LE(m_position + bytes.size(), m_content.size());
-        ASSERT_EQ(m_content.substr(m_position, bytes.size()), bytes);
-        m_position += bytes.size();
-    }
-    void write(std::string const& bytes) {
-        if (!bytes.empty() && m_content.size() < m_position + bytes.size()) {
-            m_content.resize(m_position + bytes.size());
-        }
-        m_content.replace(m_position, bytes.size(), bytes);
-        m_position += bytes.size();
-    }
-    void setPosition(size_t position) { m_position = position; }
-    size_t getPosition() const { return m_position; }
-    std::string const& getContent() const { return m_content; }
-    bool isAtEnd() const { return m_position >= m_content.size(); }
-
-private:
-    std::string m_content;
-    size_t m_position = 0;
-};
-
 class IBinInOutStreamModel : public testing::TestWithParam<Setting> {
 protected:
     unsigned int pick(unsigned int least, unsigned int most) {
@@ -814,7 +744,9 @@ protected:
         ASSERT_LE(count, size);
         if (result == 1) {
             ASSERT_TRUE(count != 0 || size == 0 || isNonBlocking());
-            m_model.expectRead(block.substr(0, count));
+            ASSERT_EQ(
+                m_content.substr(std::min(m_position, m_content.size()), count), block.substr(0, count));
+            m_position += count;
             return;
         }
         ASSERT_EQ(0U, count);
@@ -823,7 +755,7 @@ protected:
             return;
         }
         ASSERT_EQ(0, result);
-        ASSERT_TRUE(m_model.isAtEnd());
+        ASSERT_GE(m_position, m_content.size());
         ASSERT_EQ(" {end}", takeReports());
     }
 
@@ -835,33 +767,25 @@ protected:
         unsigned int written = 12345;
         ASSERT_EQ(1, m_file.write(bytes.data(), static_cast<unsigned int>(bytes.size()), written));
         ASSERT_TRUE(written == bytes.size() || (isNonBlocking() && written < bytes.size()));
-        m_model.write(bytes.substr(0, written));
+        m_content.replace(m_position, written, bytes, 0, written);
+        m_position += written;
     }
 
     void seek() {
-        auto const from = static_cast<From>(pick(0, 2));
-        int offset = static_cast<int>(pick(0, 40));
+        unsigned int const from = pick(0, 2);
+        int const size = static_cast<int>(m_content.size());
+        int const bases[] = {static_cast<int>(m_position), 0, size};
+        int const least[] = {-20, 0, -40};
+        int const most[] = {20, 120, 0};
+        int const offset = std::uniform_int_distribution<int>(least[from], most[from])(m_random);
         // Not beyond the end: the content there does not depend on streams.
-        size_t const size = m_model.getContent().size();
-        size_t target = std::min(static_cast<size_t>(offset) * 3, size);
-        if (from == From::CURRENT) {
-            target = m_model.getPosition() + static_cast<size_t>(offset) -
-                std::min<size_t>(20, m_model.getPosition());
-            target = std::min(target, size);
-            offset = static_cast<int>(target) - static_cast<int>(m_model.getPosition());
-        } else if (from == From::BEGIN) {
-            offset = static_cast<int>(target);
-        } else {
-            // The file must have all written bytes to find its end.
-            target = size - std::min(static_cast<size_t>(offset), size);
-            offset = static_cast<int>(target) - static_cast<int>(size);
-        }
+        int const target = std::clamp(bases[from] + offset, 0, size);
         unsigned int position = 0;
-        if (m_file.seek(offset, from, position)) {
+        if (m_file.seek(target - bases[from], static_cast<From>(from), position)) {
             expectNotNow();
         } else {
-            ASSERT_EQ(target, position);
-            m_model.setPosition(target);
+            ASSERT_EQ(static_cast<unsigned int>(target), position);
+            m_position = position;
         }
     }
 
@@ -872,13 +796,15 @@ protected:
             expectNotNow();
             ASSERT_EQ(flushes, m_file.flushes);
         } else {
-            ASSERT_EQ(m_model.getContent(), m_file.content);
+            ASSERT_EQ(m_content, m_file.content);
             ASSERT_EQ(flushes + (buffer_only ? 0 : 1), m_file.flushes);
         }
     }
 
     MemoryFile m_file{std::get<0>(GetParam()), std::get<1>(GetParam()), std::get<2>(GetParam())};
-    Model m_model;
+    // The behavior that callers rely on: one text and one position in it, without buffers.
+    std::string m_content;
+    size_t m_position = 0;
     std::mt19937 m_random{std::get<0>(GetParam()) * 31 + std::get<1>(GetParam()) + 7};
 };
 
@@ -900,7 +826,7 @@ TEST_P(IBinInOutStreamModel, behavesAsOneFileWithOnePosition) {
     while (m_file.flush(false)) {
         expectNotNow();
     }
-    EXPECT_EQ(m_model.getContent(), m_file.content);
+    EXPECT_EQ(m_content, m_file.content);
     EXPECT_GT(m_file.content.size(), 100U);
     EXPECT_GT(m_file.reads, 5);
     EXPECT_GT(m_file.writes, 5);

@@ -1,18 +1,10 @@
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
 #include "support/NewFault.h"
+#include "support/Testing.h"
 
 #include <tarncommon/Buf.h>
-#include <tarncommon/error/CommonError.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
 #include <map>
-#include <string>
-#include <type_traits>
-#include <utility>
 
 namespace {
 
@@ -67,37 +59,27 @@ std::string getText(Buf const& buf) {
 // Constructed before main, with the allocator that must exist by then.
 Buf const early = makeBuf("early");
 
-TEST(Buf, canBeConstructedInAnyInitializer) {
+TEST(Buf, hasTheRequestedZeroBytesAndReleasesThemAndOfSizeZeroAllocatesNone) {
+    TestAllocator const allocator; // Its destructor checks that every block is released.
+    Buf const none(0, allocator);
+    Buf const copy(none);
+    for (Buf const* const empty : {&none, &copy}) {
+        EXPECT_TRUE(empty->isValid());
+        EXPECT_EQ(0U, empty->getSize());
+        EXPECT_EQ(nullptr, empty->data);
+    }
+    EXPECT_EQ(0, allocator.getCalls());
+    Buf const buf(300, allocator);
+    EXPECT_TRUE(buf.isValid());
+    ASSERT_EQ(300U, buf.getSize());
+    EXPECT_EQ(std::string(300, '\0'), getText(buf));
+    EXPECT_EQ(1, allocator.getCalls());
+    EXPECT_EQ(1U, allocator.countBlocks());
+}
+
+TEST(Buf, copyHasSeparateBytesAlsoInAnInitializer) {
     EXPECT_TRUE(early.isValid());
     EXPECT_EQ("early", getText(early));
-}
-
-TEST(Buf, hasTheRequestedZeroBytesAndReleasesThem) {
-    TestAllocator const allocator;
-    {
-        Buf const buf(300, allocator);
-        EXPECT_TRUE(buf.isValid());
-        ASSERT_EQ(300U, buf.getSize());
-        EXPECT_EQ(std::string(300, '\0'), getText(buf));
-        EXPECT_EQ(1, allocator.getCalls());
-        EXPECT_EQ(1U, allocator.countBlocks());
-    }
-    EXPECT_EQ(0U, allocator.countBlocks());
-}
-
-TEST(Buf, ofSizeZeroIsValidAndAllocatesNothing) {
-    TestAllocator const allocator;
-    Buf const buf(0, allocator);
-    EXPECT_TRUE(buf.isValid());
-    EXPECT_EQ(0U, buf.getSize());
-    EXPECT_EQ(nullptr, buf.data);
-    Buf const copy(buf);
-    EXPECT_TRUE(copy.isValid());
-    EXPECT_EQ(nullptr, copy.data);
-    EXPECT_EQ(0, allocator.getCalls());
-}
-
-TEST(Buf, copyHasSeparateBytes) {
     TestAllocator const allocator;
     Buf original = makeBuf("abc", allocator);
     Buf copy(original);

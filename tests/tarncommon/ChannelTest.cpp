@@ -1,26 +1,14 @@
-#include "support/Child.h"
+#include "support/Testing.h"
 
 #include <tarncommon/tarnbase/TimePoint.h>
 #include <tarncommon/tracing/Channel.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <string>
 #include <sys/syscall.h>
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
 using namespace support;
 using tracing::Channel;
-
-TEST(Channel, hasTheThresholdOfItsConstruction) {
-    Channel const channel("Test_Channel", 7, 2);
-    EXPECT_EQ(7, channel.m_threshold);
-    EXPECT_EQ("Test_Channel", channel.getName());
-}
 
 TEST(Channel, writesOneLineAtAnyThreshold) {
     ChildEnd const end = runInChild([] {
@@ -62,6 +50,8 @@ TEST(Channel, thresholdIsSetByName) {
     Channel const one("Same", 7, 2);
     Channel const two("Same", 7, 2);
     Channel const other("Other", 7, 2);
+    EXPECT_EQ("Same", two.getName());
+    EXPECT_EQ(7, two.m_threshold) << "that of its construction";
     EXPECT_TRUE(Channel::setThreshold("Same", 2));
     EXPECT_EQ(2, one.m_threshold);
     EXPECT_EQ(2, two.m_threshold);

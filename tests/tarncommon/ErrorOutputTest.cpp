@@ -1,13 +1,5 @@
 #include "support/AllocationCounter.h"
-#include "support/Chain.h"
-
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <string>
+#include "support/Testing.h"
 
 /// `ErrorOutput::operator()(std::ErrorType const&, int, ...) const`, which only programs linked earlier call.
 extern "C" void reportOfEarlier(
@@ -33,12 +25,16 @@ constexpr std::ErrorID ROWS[] = {
 };
 TARN_CONSTANT_INIT std::ErrorType const Family(ROWS, std::size(ROWS));
 
-template <typename... Args>
-std::string textOf(int id, Args const&... args) {
-    ErrorOutput("file", 1, true)(Family, id, args...);
+std::string takeText() {
     std::string const text = ErrorStorage::get()->getText();
     ErrorStorage::ack();
     return text;
+}
+
+template <typename... Args>
+std::string textOf(int id, Args const&... args) {
+    ErrorOutput("file", 1, true)(Family, id, args...);
+    return takeText();
 }
 
 TEST(ErrorOutput, formatsEachKindOfArgument) {
@@ -70,9 +66,7 @@ TEST(ErrorOutput, operationOfEarlierProgramsFormatsTheSame) {
     auto const textOfEarlier = [](int id, auto... args) {
         ErrorOutput const output("file", 1, true);
         reportOfEarlier(&output, Family, id, args...);
-        std::string const text = ErrorStorage::get()->getText();
-        ErrorStorage::ack();
-        return text;
+        return takeText();
     };
     EXPECT_EQ("nothing to add", textOfEarlier(0));
     EXPECT_EQ("text abc.", textOfEarlier(1, "abc"));

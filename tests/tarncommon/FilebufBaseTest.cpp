@@ -1,25 +1,13 @@
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/NamedRow.h"
 #include "support/NewFault.h"
+#include "support/Testing.h"
 #include "support/VtableSlot.h"
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorOutput.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/filebuf_base.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
 #include <istream>
-#include <iterator>
+#include <map>
 #include <ostream>
-#include <sstream>
-#include <string>
-#include <type_traits>
-#include <vector>
 
 namespace {
 
@@ -104,18 +92,14 @@ protected:
     int actuallySeek(long long offset, ios_base::seekdir way, std::streampos& result) override {
         char const* const name = way == ios_base::beg ? "beg" : way == ios_base::cur ? "cur" : "end";
         log.push_back("seek " + std::to_string(offset) + " " + name);
-        long long base = 0;
-        if (way == ios_base::cur) {
-            base = static_cast<long long>(position);
-        } else if (way == ios_base::end) {
-            base = static_cast<long long>(content.size());
-        }
-        if (seek_fails || base + offset < 0) {
+        size_t const base = way == ios_base::beg ? 0 : way == ios_base::cur ? position : content.size();
+        long long const target = static_cast<long long>(base) + offset;
+        if (seek_fails || target < 0) {
             ErrorOutput("test", __LINE__, true)(CommonErrorId::UNSUPPORTED_VALUE, "seek");
             return 1;
         }
-        position = static_cast<size_t>(base + offset);
-        result = std::streampos(base + offset);
+        position = static_cast<size_t>(target);
+        result = std::streampos(target);
         return 0;
     }
 
@@ -158,15 +142,14 @@ TEST(FilebufBase, fieldsFollowThoseOfTheStandardBufferInTheirOrder) {
     class Fields : public filebuf_base {
     public:
         Fields() {
-            char const* const start = reinterpret_cast<char const*>(this);
-            char const* const places[] = {reinterpret_cast<char const*>(&m_buffer),
-                                          reinterpret_cast<char const*>(&m_buffer_size),
-                                          reinterpret_cast<char const*>(&m_open_mode),
-                                          reinterpret_cast<char const*>(&m_external_buffer),
-                                          reinterpret_cast<char const*>(&m_reading),
-                                          reinterpret_cast<char const*>(&m_writing)};
+            std::ptrdiff_t places[6];
+            void const* const fields[] = {&m_buffer,          &m_buffer_size, &m_open_mode,
+                                          &m_external_buffer, &m_reading,     &m_writing};
+            std::transform(std::begin(fields), std::end(fields), places, [this](void const* field) {
+                return static_cast<char const*>(field) - reinterpret_cast<char const*>(this);
+            });
             EXPECT_TRUE(std::is_sorted(std::begin(places), std::end(places)));
-            EXPECT_EQ(static_cast<std::ptrdiff_t>(sizeof(std::streambuf)), places[0] - start);
+            EXPECT_EQ(static_cast<std::ptrdiff_t>(sizeof(std::streambuf)), places[0]);
             EXPECT_EQ(4, places[2] - places[1]);
             EXPECT_EQ(4, places[3] - places[2]);
             EXPECT_EQ(1, places[5] - places[4]);
@@ -189,32 +172,41 @@ TEST(FilebufBase, fieldsFollowThoseOfTheStandardBufferInTheirOrder) {
 
 // ---- the buffer ----
 
+/// Returns the state of the buffer and the content of the file.
+std::string stateOf(MemoryBuffer const& buffer) {
+    EXPECT_FALSE(buffer.m_reading && buffer.m_writing);
+    std::string const state = buffer.m_reading ? "reading " + std::to_string(buffer.getUnread())
+        : buffer.m_writing                     ? "writing " + std::to_string(buffer.getUnwritten())
+        : buffer.hasPutArea()                  ? "idle with a put area"
+        : !buffer.hasEmptyGetArea()            ? "idle with a get area"
+                                               : "idle";
+    return state + " " + buffer.content;
+}
+
 TEST(FilebufBase, createBufferProvidesEmptyAreas) {
     MemoryBuffer buffer(BOTH, 8);
     EXPECT_FALSE(buffer.creation_failed);
     EXPECT_NE(nullptr, buffer.m_buffer);
-    EXPECT_TRUE(buffer.hasEmptyGetArea());
-    EXPECT_FALSE(buffer.hasPutArea());
-    EXPECT_FALSE(buffer.m_reading || buffer.m_writing);
+    EXPECT_EQ("idle ", stateOf(buffer));
     EXPECT_EQ((Log{}), buffer.log);
 }
 
 TEST(FilebufBase, memoryOfTheCallerIsUsedAndNotFreed) {
-    char memory[4] = {'#', '#', '#', '#'};
+    char memory[] = "####";
     {
         NewFault const fault(New::NOTHROW_ARRAY, 1, NewFault::FOREVER);
         MemoryBuffer buffer(BOTH, 3, "abcdef", memory);
         EXPECT_FALSE(buffer.creation_failed);
         EXPECT_EQ(memory, buffer.m_buffer);
         EXPECT_EQ('a', buffer.sbumpc());
-        EXPECT_EQ(0, memcmp(memory, "abc#", 4));
+        EXPECT_STREQ("abc#", memory);
         buffer.destroyBuffer();
         EXPECT_EQ(memory, buffer.m_buffer);
-        EXPECT_EQ(0, memcmp(memory, "abc#", 4));
+        EXPECT_STREQ("abc#", memory);
         EXPECT_FALSE(buffer.createBuffer());
         EXPECT_EQ('d', buffer.sbumpc());
     }
-    EXPECT_EQ(0, memcmp(memory, "def#", 4));
+    EXPECT_STREQ("def#", memory);
 }
 
 TEST(FilebufBase, withoutMemoryNothingCanBeReadOrWritten) {
@@ -236,16 +228,14 @@ TEST_P(FilebufBaseSizes, streamReadsNumbersAndLines) {
     std::istream in(&buffer);
     int small = 0;
     int large = 0;
-    std::string rest;
-    std::string line;
     in >> small >> large;
     EXPECT_EQ(10, small);
     EXPECT_EQ(8192, large);
-    EXPECT_TRUE(std::getline(in, rest) && rest.empty());
-    EXPECT_TRUE(std::getline(in, line));
-    EXPECT_EQ("a line", line);
-    EXPECT_TRUE(std::getline(in, line));
-    EXPECT_EQ("last", line);
+    std::string line;
+    for (char const* const expected : {"", "a line", "last"}) {
+        EXPECT_TRUE(std::getline(in, line));
+        EXPECT_EQ(expected, line);
+    }
     EXPECT_TRUE(in.eof());
     EXPECT_FALSE(std::getline(in, line));
 }
@@ -367,14 +357,18 @@ std::string perform(MemoryBuffer& buffer, std::string const& operation) {
         buffer.destroyBuffer();
         return buffer.m_buffer == nullptr ? "null" : "kept";
     }
-    bool const fails = name == "fail";
-    buffer.read_fails = argument == "read" ? fails : buffer.read_fails;
-    buffer.write_fails = argument == "write" ? fails : buffer.write_fails;
-    buffer.write_stalls = argument == "stalled" ? fails : buffer.write_stalls;
-    buffer.seek_fails = argument == "seek" ? fails : buffer.seek_fails;
-    buffer.flush_fails = argument == "flush" ? fails : buffer.flush_fails;
-    buffer.most = name == "most" ? static_cast<unsigned int>(std::stoi(argument)) : buffer.most;
-    buffer.read_result = name == "result" ? std::stoi(argument) : buffer.read_result;
+    if (name == "most") {
+        buffer.most = static_cast<unsigned int>(std::stoi(argument));
+    } else if (name == "result") {
+        buffer.read_result = std::stoi(argument);
+    } else {
+        std::map<std::string, bool*> const faults = {
+            {"write", &buffer.write_fails},
+            {"stalled", &buffer.write_stalls},
+            {"seek", &buffer.seek_fails},
+            {"flush", &buffer.flush_fails}};
+        *faults.at(argument) = name == "fail";
+    }
     return "";
 }
 
@@ -400,13 +394,7 @@ std::string performAll(MemoryBuffer& buffer, std::string const& operations) {
         }
         seen += result.empty() ? "" : " ";
     }
-    EXPECT_FALSE(buffer.m_reading && buffer.m_writing);
-    seen += buffer.m_reading        ? "reading " + std::to_string(buffer.getUnread())
-        : buffer.m_writing          ? "writing " + std::to_string(buffer.getUnwritten())
-        : buffer.hasPutArea()       ? "idle with a put area"
-        : !buffer.hasEmptyGetArea() ? "idle with a get area"
-                                    : "idle";
-    return seen + " " + buffer.content;
+    return seen + stateOf(buffer);
 }
 
 struct Sequence : NamedRow {
@@ -416,13 +404,6 @@ struct Sequence : NamedRow {
     char const* operations;
     char const* seen;
 };
-
-class FilebufBaseSequences : public testing::TestWithParam<Sequence> {};
-
-TEST_P(FilebufBaseSequences, haveTheirResults) {
-    MemoryBuffer buffer(GetParam().mode, GetParam().size, GetParam().content);
-    EXPECT_EQ(GetParam().seen, performAll(buffer, GetParam().operations)) << GetParam().operations;
-}
 
 auto const IN = ios_base::in;
 auto const OUT = ios_base::out;
@@ -486,6 +467,9 @@ Sequence const SEQUENCES[] = {
     {"offsetsHave64Bits", BOTH, 4, "0123456789", "get cur:4294967296 pos:4886718345",
      "[read 4]0 [seek 4294967293 cur]4294967297 [seek 4886718345 beg]4886718345 idle 0123456789"}};
 
-INSTANTIATE_TEST_SUITE_P(All, FilebufBaseSequences, testing::ValuesIn(SEQUENCES), byName);
+VESK_TEST_TABLE(FilebufBaseSequences, haveTheirResults, testing::Test, SEQUENCES) {
+    MemoryBuffer buffer(GetParam().mode, GetParam().size, GetParam().content);
+    EXPECT_EQ(GetParam().seen, performAll(buffer, GetParam().operations)) << GetParam().operations;
+}
 
 } // namespace

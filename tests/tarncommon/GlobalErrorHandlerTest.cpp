@@ -1,17 +1,10 @@
 #include "support/AllocationCounter.h"
-#include "support/Child.h"
-#include "support/EventRecorder.h"
-#include "support/RunInThreads.h"
+#include "support/Testing.h"
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <csignal>
-#include <cstdio>
 #include <stdexcept>
-#include <string>
 
 namespace {
 
@@ -79,14 +72,6 @@ TEST(GlobalErrorHandler, hookMayLetTheDefaultActionRun) {
     EXPECT_EQ("some/File:2: two: fatal: the end\n", end.errors);
 }
 
-TEST(GlobalErrorHandler, setHookReturnsThePreviousHook) {
-    Handler::Hook const first{[](Handler::Event const&, void*) { return true; }, nullptr};
-    Handler::Hook const second = first;
-    Handler::Hook const* const before = Handler::setHook(&first);
-    EXPECT_EQ(&first, Handler::setHook(&second));
-    EXPECT_EQ(&second, Handler::setHook(before));
-}
-
 TEST(GlobalErrorHandler, longLineIsCut) {
     ChildEnd const end = runInChild([] {
         std::string const name(2000, 'x');
@@ -120,7 +105,9 @@ TEST(GlobalErrorHandler, exceptionOfTheHookReachesTheCaller) {
             throw std::runtime_error(std::string(event.function) + " " + event.message);
         },
         nullptr};
-    Handler::Hook const* const before = Handler::setHook(&hook);
+    Handler::Hook const same = hook;
+    Handler::Hook const* const before = Handler::setHook(&same);
+    EXPECT_EQ(&same, Handler::setHook(&hook)) << "the previous one";
     std::string caught;
     auto const call = [&](auto const& entry) {
         try {
@@ -133,7 +120,7 @@ TEST(GlobalErrorHandler, exceptionOfTheHookReachesTheCaller) {
     call([] { Handler::doAbort("some/File", 1, "two", "%d", 2); });
     call([] { Handler::doWarning("some/File", 1, "three", "%d", 3); });
     call([] { Handler::doOutOfMem("some/File", 1, "four", "%d", 4); });
-    Handler::setHook(before);
+    EXPECT_EQ(&hook, Handler::setHook(before));
     EXPECT_EQ("one 1; two 2; three 3; four 4; ", caught);
 }
 

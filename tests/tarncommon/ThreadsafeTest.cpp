@@ -1,33 +1,14 @@
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
+#include "sync/LockCalls.h"
+
+#include "support/Testing.h"
 
 #include <tarncommon/threadsafe/ConditionImpl.h>
 #include <tarncommon/threadsafe/MutexImpl.h>
 #include <tarncommon/threadsafe/TlsImpl.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <climits>
 #include <initializer_list>
-#include <pthread.h>
-#include <string>
-#include <thread>
-#include <utility>
 
-VESK_INJECT_RESULT(pthread_mutexattr_init, (pthread_mutexattr_t * a), (a))
-VESK_INJECT_RESULT(pthread_mutex_init, (pthread_mutex_t * m, pthread_mutexattr_t const* a), (m, a))
-VESK_INJECT_RESULT(pthread_mutex_destroy, (pthread_mutex_t * m), (m))
-VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * m), (m))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * m), (m))
-VESK_INJECT_RESULT(pthread_condattr_init, (pthread_condattr_t * a), (a))
-VESK_INJECT_RESULT(pthread_condattr_setclock, (pthread_condattr_t * a, clockid_t clock), (a, clock))
-VESK_INJECT_RESULT(pthread_cond_init, (pthread_cond_t * c, pthread_condattr_t const* a), (c, a))
-VESK_INJECT_RESULT(pthread_cond_destroy, (pthread_cond_t * c), (c))
-VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
-VESK_INJECT_RESULT(
-    pthread_cond_timedwait, (pthread_cond_t * c, pthread_mutex_t* m, timespec const* t), (c, m, t))
-VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * c), (c))
 VESK_INJECT_RESULT(pthread_key_create, (pthread_key_t * key, void (*destructor)(void*)), (key, destructor))
 VESK_INJECT_RESULT(pthread_setspecific, (pthread_key_t key, void const* value), (key, value))
 
@@ -37,17 +18,6 @@ using namespace support;
 using namespace threadsafe;
 using tarnbase::Duration;
 using tarnbase::TimePoint;
-
-/// Returns the event of a failure: "KIND source text (errno = 12)".
-std::string eventOf(std::string const& kind, std::string const& text, int error) {
-    return kind + " tarncommon/src/threadsafe/" + text + " (errno = " + std::to_string(error) + ")";
-}
-
-/// Memory for an object that is not destroyed, because its construction fails.
-template <typename T>
-struct Memory {
-    alignas(T) unsigned char bytes[sizeof(T)];
-};
 
 // ---- mutexes ----
 
@@ -82,34 +52,6 @@ TEST(MutexImpl, locksAndUnlocksAndReturnsInconsistencies) {
         EXPECT_EQ(int{MutexBase::ERROR_INCONSISTENCY}, mutex.unlock());
     }
     ASSERT_EQ(0, mutex.unlock());
-}
-
-TEST(MutexImpl, failureToCreateItIsFatal) {
-    EventRecorder const recorder;
-    Memory<MutexImpl> memory;
-    {
-        Fault const fault(inject_pthread_mutex_init, ENOMEM);
-        new (memory.bytes) MutexImpl(false);
-    }
-    {
-        Fault const fault(inject_pthread_mutexattr_init, ENOMEM);
-        new (memory.bytes) MutexImpl(true);
-    }
-    std::string const line = eventOf("ABORT", "MutexImpl MutexImpl: error creating mutex", ENOMEM);
-    EXPECT_EQ(line + "\n" + line, recorder.getText());
-}
-
-TEST(MutexImpl, failureToDestroyItIsAsserted) {
-    EventRecorder const recorder;
-    {
-        MutexImpl mutex(false);
-        Fault const fault(inject_pthread_mutex_destroy, EBUSY);
-        mutex.~MutexImpl();
-        new (&mutex) MutexImpl(false);
-    }
-    EXPECT_EQ(
-        eventOf("ASSERT", "MutexImpl ~MutexImpl: error == 0: destroying mutex failed", EBUSY),
-        recorder.getText());
 }
 
 // ---- conditions ----
@@ -180,37 +122,6 @@ TEST_F(ConditionImplTest, everyOperationReturnsTheCodeOfItsFailure) {
     ASSERT_EQ(0, m_mutex.unlock());
 }
 
-TEST(ConditionImpl, failureToCreateItIsFatal) {
-    MutexImpl mutex(false);
-    for (Injected* const step :
-         {&inject_pthread_condattr_init, &inject_pthread_condattr_setclock, &inject_pthread_cond_init}) {
-        EventRecorder const recorder;
-        Memory<ConditionImpl> memory;
-        {
-            Fault const fault(*step, ENOMEM);
-            new (memory.bytes) ConditionImpl(mutex);
-        }
-        EXPECT_EQ(
-            eventOf("ABORT", "ConditionImpl ConditionImpl: error creating condition", ENOMEM),
-            recorder.getText());
-    }
-}
-
-TEST(ConditionImpl, failureToDestroyItIsAsserted) {
-    EventRecorder const recorder;
-    MutexImpl mutex(false);
-    {
-        ConditionImpl condition(mutex);
-        // Counted from 1: the destructor's own call is the first.
-        Fault const fault(inject_pthread_cond_destroy, EBUSY);
-        condition.~ConditionImpl();
-        new (&condition) ConditionImpl(mutex);
-    }
-    EXPECT_EQ(
-        eventOf("ASSERT", "ConditionImpl ~ConditionImpl: error == 0: destroying condition failed", EBUSY),
-        recorder.getText());
-}
-
 // ---- thread-specific storage ----
 
 TEST(TlsImpl, valueBelongsToOneSlotAndOneThread) {
@@ -257,22 +168,69 @@ TEST(TlsImpl, staticSlotTakesAKeyWithItsFirstValue) {
     std::thread([] { EXPECT_EQ(nullptr, slot.get()); }).join();
 }
 
-TEST(TlsImpl, failuresAreFatal) {
+// ---- failures that are events ----
+
+/// Constructs an object that is not destroyed, because its construction fails.
+template <typename T, typename... Arguments>
+void construct(Arguments&&... arguments) {
+    alignas(T) unsigned char memory[sizeof(T)];
+    new (memory) T(arguments...);
+}
+
+/// Destroys an object with a failure, and once more without one.
+template <typename T, typename... Arguments>
+void destroyTwice(Arguments&&... arguments) {
+    T object(arguments...);
+    object.~T();
+    new (&object) T(arguments...);
+}
+
+/// A call that fails, the operation that makes it, and the event without the number of the error.
+struct FailureRow : NamedRow {
+    Injected* function;
+    int error;
+    void (*perform)(MutexImpl& mutex);
+    std::string event;
+};
+
+std::string const SOURCES = " tarncommon/src/threadsafe/";
+std::string const NO_MUTEX = "ABORT" + SOURCES + "MutexImpl MutexImpl: error creating mutex";
+std::string const NO_CONDITION = "ABORT" + SOURCES + "ConditionImpl ConditionImpl: error creating condition";
+auto const constructCondition = [](MutexImpl& mutex) { construct<ConditionImpl>(mutex); };
+
+FailureRow const THREADSAFE_FAILURES[] = {
+    {"toCreateAMutex", &inject_pthread_mutex_init, ENOMEM, [](MutexImpl&) { construct<MutexImpl>(false); },
+     NO_MUTEX},
+    {"toCreateARecursiveMutex", &inject_pthread_mutexattr_init, ENOMEM,
+     [](MutexImpl&) { construct<MutexImpl>(true); }, NO_MUTEX},
+    {"toDestroyAMutex", &inject_pthread_mutex_destroy, EBUSY,
+     [](MutexImpl&) { destroyTwice<MutexImpl>(false); },
+     "ASSERT" + SOURCES + "MutexImpl ~MutexImpl: error == 0: destroying mutex failed"},
+    {"toInitializeTheAttributesOfACondition", &inject_pthread_condattr_init, ENOMEM, constructCondition,
+     NO_CONDITION},
+    {"toSetTheClockOfACondition", &inject_pthread_condattr_setclock, ENOMEM, constructCondition,
+     NO_CONDITION},
+    {"toCreateACondition", &inject_pthread_cond_init, ENOMEM, constructCondition, NO_CONDITION},
+    {"toDestroyACondition", &inject_pthread_cond_destroy, EBUSY,
+     [](MutexImpl& mutex) { destroyTwice<ConditionImpl>(mutex); },
+     "ASSERT" + SOURCES + "ConditionImpl ~ConditionImpl: error == 0: destroying condition failed"},
+    {"toCreateASlot", &inject_pthread_key_create, EAGAIN, [](MutexImpl&) { construct<TlsImpl>(); },
+     "ABORT" + SOURCES + "TlsImpl TlsImpl: error creating key"},
+    {"toStoreAValue", &inject_pthread_setspecific, ENOMEM,
+     [](MutexImpl&) {
+         TlsImpl slot;
+         slot.set(&slot);
+     },
+     "ABORT" + SOURCES + "TlsImpl set: error storing value"}};
+
+VESK_TEST_TABLE(ThreadsafeFailures, areFatalOrAsserted, testing::Test, THREADSAFE_FAILURES) {
+    MutexImpl mutex(false);
     EventRecorder const recorder;
-    TlsImpl slot;
     {
-        Fault const fault(inject_pthread_setspecific, ENOMEM);
-        slot.set(&slot);
+        Fault const fault(*GetParam().function, GetParam().error);
+        GetParam().perform(mutex);
     }
-    {
-        Memory<TlsImpl> memory;
-        Fault const fault(inject_pthread_key_create, EAGAIN);
-        new (memory.bytes) TlsImpl;
-    }
-    EXPECT_EQ(
-        eventOf("ABORT", "TlsImpl set: error storing value", ENOMEM) + "\n" +
-            eventOf("ABORT", "TlsImpl TlsImpl: error creating key", EAGAIN),
-        recorder.getText());
+    EXPECT_EQ(GetParam().event + " (errno = " + std::to_string(GetParam().error) + ")", recorder.getText());
 }
 
 } // namespace

@@ -1,13 +1,10 @@
+#include "support/Testing.h"
+
 #include <tarncommon/tarnbase/Duration.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
 #include <tarncommon/tarnbase/TimePoint.h>
 
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <ctime>
 #include <limits>
-#include <type_traits>
 
 namespace {
 

@@ -1,10 +1,6 @@
+#include "support/Testing.h"
+
 #include <vesk/PathParts.h>
-
-#include <gtest/gtest.h>
-
-#include <cstddef>
-#include <string>
-#include <type_traits>
 
 namespace {
 

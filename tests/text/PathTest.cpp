@@ -1,7 +1,5 @@
 #include "Conversions.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/EventRecorder.h"
 #include "support/Inject.h"
 #include "support/Locales.h"
 #include "support/TempFolder.h"
@@ -10,8 +8,6 @@
 #include <vesk/Path.h>
 #include <vesk/SysError.h>
 #include <vesk/WidePath.h>
-
-#include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <type_traits>
@@ -83,12 +79,18 @@ TEST(WidePath, ofATextIsValid) {
     expectPath(L"/\u20AC/\U0001F5A8", true, UnicodeString("/\xE2\x82\xAC/\xF0\x9F\x96\xA8"));
 }
 
-TEST(WidePath, ofAnEmptyTextIsEmptyAndNotValid) {
+TEST(WidePath, ofAnEmptyOrNullTextIsEmptyAndNotValid) {
     Conversions const conversions;
+    UnicodeString const failed(std::wstring(L"\u20AC"));
+    ASSERT_EQ(nullptr, failed.c_str());
+    expectPath(L"", false, failed);
+    char const* const nothing = nullptr;
+    for (unsigned int const length : {0U, 3U, 5U}) {
+        expectPath(L"", false, WidePath("", length));
+        expectPath(L"", false, WidePath(nothing, length));
+    }
     expectPath(L"", false, UnicodeString(""));
-    expectPath(L"", false, WidePath("", 0));
-    expectPath(L"", false, WidePath("", 5));
-    EXPECT_EQ(3U, conversions.getPasses().size());
+    EXPECT_EQ(1U + 3U + 1U, conversions.getPasses().size()) << "a null text is not converted";
 }
 
 TEST(WidePath, ofAMalformedTextIsEmptyAndNotValid) {
@@ -103,26 +105,15 @@ TEST(WidePath, ofAMalformedTextIsEmptyAndNotValid) {
     }
 }
 
-TEST(WidePath, ofANullTextIsEmptyAndNotValid) {
-    UnicodeString const failed(std::wstring(L"\u20AC"));
-    ASSERT_EQ(nullptr, failed.c_str());
-    char const* const nothing = nullptr;
-    expectPath(L"", false, failed);
-    expectPath(L"", false, WidePath(nothing, 0));
-    expectPath(L"", false, WidePath(nothing, 3));
-}
-
 TEST(WidePath, isNotCutByTheLengthOfItsText) {
     for (unsigned int const length : {0U, 1U, 3U, 6U, 7U, 1000U, 0xFFFFFFFFU}) {
         expectPath(L"abcdef", true, WidePath("abcdef", length));
     }
     EXPECT_EQ(10U, WidePath("0123456789", 3).length());
     EXPECT_EQ(L"abc", WidePath("abc\0def", 7));
-}
-
-TEST(WidePath, isConvertedInTwoPasses) {
-    ScopedLocale const locale("C.UTF-8");
-    Conversions const conversions;
+    ScopedLocale const locale("C");
+    Conversions conversions;
+    conversions.before = [](size_t) { setlocale(LC_CTYPE, "C.UTF-8"); };
     WidePath const path("\xE2\x82\xAC/b", 1);
     ASSERT_EQ(2U, conversions.getPasses().size());
     EXPECT_TRUE(conversions.getPasses()[0].measures);
@@ -135,24 +126,22 @@ constexpr char const* WARNING = "WARNING framework/src/vesk/posix/WidePath WideP
                                 "returned different result!";
 
 TEST(WidePath, isEmptyWithAWarningIfThePassesDiffer) {
-    for (size_t const second : {FAILED, size_t{0}, size_t{5}, size_t{7}}) {
-        SCOPED_TRACE(second);
+    auto const expectWarning = [](char const* text) {
         EventRecorder const events;
-        Conversions conversions;
-        conversions.change = [second](size_t pass, size_t result) { return pass == 2 ? second : result; };
-        expectPath(L"", false, WidePath("abcdef", 0));
+        expectPath(L"", false, WidePath(text, 0));
         EXPECT_EQ(WARNING, events.getText());
         EXPECT_TRUE(chainIs({}));
+    };
+    for (size_t const second : {FAILED, size_t{0}, size_t{5}, size_t{7}}) {
+        SCOPED_TRACE(second);
+        Conversions conversions;
+        conversions.change = [second](size_t pass, size_t result) { return pass == 2 ? second : result; };
+        expectWarning("abcdef");
     }
-}
-
-TEST(WidePath, isEmptyWithAWarningIfTheLocaleChangesBetweenThePasses) {
-    ScopedLocale const locale("C.UTF-8");
-    EventRecorder const events;
+    ScopedLocale const locale("C");
     Conversions conversions;
     conversions.before = [](size_t pass) { setlocale(LC_CTYPE, pass == 1 ? "C.UTF-8" : "C"); };
-    expectPath(L"", false, UnicodeString("ab\xE2\x82\xAC"));
-    EXPECT_EQ(WARNING, events.getText());
+    expectWarning("ab\xE2\x82\xAC");
 }
 
 TEST(WidePath, staysValidOrInvalidInStringOperations) {
@@ -165,9 +154,6 @@ TEST(WidePath, staysValidOrInvalidInStringOperations) {
     WidePath invalid("");
     invalid.assign(L"text");
     expectPath(L"text", false, invalid);
-}
-
-TEST(WidePath, copyHasTextAndValidity) {
     for (bool const valid : {true, false}) {
         WidePath const source = makePath(L"text", valid);
         WidePath const copy(source);
@@ -180,24 +166,19 @@ TEST(WidePath, copyHasTextAndValidity) {
     }
 }
 
-TEST(WidePath, isConvertedToAStringWhetherValidOrNot) {
-    ScopedLocale const locale("C.UTF-8");
-    for (bool const valid : {true, false}) {
-        std::string const narrow = makePath(L"a/\u20AC", valid);
-        EXPECT_EQ("a/\xE2\x82\xAC", narrow);
-        EXPECT_EQ("", static_cast<std::string>(makePath(L"", valid)));
-    }
-}
-
 TEST(WidePath, conversionToAStringThrowsIfTheLocaleCannotExpressIt) {
-    for (auto const& [name, text] :
-         {std::pair("C", std::wstring(L"a\u00E4")), std::pair("C", std::wstring(L"\u20AC")),
-          std::pair("C.UTF-8", std::wstring(1, wchar_t{0xD800}))}) {
-        ScopedLocale const locale(name);
-        ASSERT_TRUE(locale.isSet());
-        EXPECT_THROW((void)static_cast<std::string>(makePath(text, true)), std::logic_error);
-        EXPECT_THROW((void)static_cast<std::string>(makePath(text, false)), std::logic_error);
-        EXPECT_TRUE(chainIs({}));
+    for (bool const valid : {true, false}) {
+        for (auto const& [name, text] :
+             {std::pair("C", std::wstring(L"a\u00E4")), std::pair("C", std::wstring(L"\u20AC")),
+              std::pair("C.UTF-8", std::wstring(1, wchar_t{0xD800}))}) {
+            ScopedLocale const locale(name);
+            ASSERT_TRUE(locale.isSet());
+            EXPECT_THROW((void)static_cast<std::string>(makePath(text, valid)), std::logic_error);
+            EXPECT_TRUE(chainIs({}));
+        }
+        ScopedLocale const locale("C.UTF-8");
+        EXPECT_EQ("a/\xE2\x82\xAC", static_cast<std::string>(makePath(L"a/\u20AC", valid)));
+        EXPECT_EQ("", static_cast<std::string>(makePath(L"", valid)));
     }
 }
 
@@ -214,13 +195,18 @@ TEST(WidePath, isConvertedInALocaleOtherThanUTF8) {
     EXPECT_THROW((void)static_cast<std::string>(makePath(L"\u20AC", true)), std::logic_error);
 }
 
-TEST(WidePath, absoluteFormIsInvalidIfTheWorkingDirectoryCannotBeConverted) {
+TEST(WidePath, absoluteFormKeepsCharactersAndIsInvalidIfTheWorkingDirectoryCannotBeConverted) {
     WorkingFolder const directory;
+    std::wstring const here = widen(directory.getCanonicalPath());
+    for (bool const valid : {true, false}) {
+        expectPath(L"/\u20AC", valid, makePath(L"/\u20AC", valid).getAbsolute());
+        expectPath(here + L"/\u20AC", true, makePath(L"\u20AC", valid).getAbsolute());
+    }
     ASSERT_EQ(0, mkdir("\xE2\x82\xAC", 0700));
     ASSERT_EQ(0, chdir("\xE2\x82\xAC"));
     expectPath(L"/a", false, makePath(L"a", true).getAbsolute());
     ScopedLocale const locale("C.UTF-8");
-    expectPath(widen(directory.getCanonicalPath()) + L"/\u20AC/a", true, makePath(L"a", true).getAbsolute());
+    expectPath(here + L"/\u20AC/a", true, makePath(L"a", true).getAbsolute());
 }
 
 TEST(WidePath, canonicalFormIsConvertedInTheLocale) {
@@ -363,15 +349,6 @@ TYPED_TEST(PathForms, failureToCanonicalizeKeepsPendingReports) {
         EXPECT_EQ(1, fault.getCalls());
     }
     EXPECT_TRUE(chainIs({vesk::SysErrorId::PERMISSION_DENIED}));
-}
-
-TEST(WidePath, absoluteFormKeepsCharactersThatTheLocaleCannotExpress) {
-    WorkingFolder const directory;
-    for (bool const valid : {true, false}) {
-        expectPath(L"/\u20AC", valid, makePath(L"/\u20AC", valid).getAbsolute());
-        expectPath(
-            widen(directory.getCanonicalPath()) + L"/\u20AC", true, makePath(L"\u20AC", valid).getAbsolute());
-    }
 }
 
 } // namespace

@@ -1,14 +1,9 @@
+#include "support/Testing.h"
+
 #include <vesk/ProcessTNG.h>
 #include <vesk/TextUtils.h>
 
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <cstring>
-#include <string>
 #include <sys/mman.h>
-#include <type_traits>
-#include <unistd.h>
 
 namespace {
 
@@ -26,9 +21,6 @@ TEST(TextUtils, lengthEndsAtTheNulOrTheLimit) {
     EXPECT_EQ(0U, vesk::strnlen("abc", 0));
     EXPECT_EQ(1U, vesk::strnlen("a\0b", 3));
     EXPECT_EQ(3U, vesk::strnlen("abc", UINT_MAX));
-}
-
-TEST(TextUtils, wideLengthCountsCharacters) {
     EXPECT_EQ(0U, vesk::wcsnlen(L"", 10));
     EXPECT_EQ(3U, vesk::wcsnlen(L"a\u20ACc", 10));
     EXPECT_EQ(3U, vesk::wcsnlen(L"abc", 3));
@@ -52,22 +44,16 @@ TEST(TextUtils, lengthReadsNothingBeyondTheLimit) {
     EXPECT_EQ(0, munmap(memory, 2 * page));
 }
 
-TEST(TextUtils, searchPathVariableHasItsName) {
-    EXPECT_STREQ("PATH", vesk::getPathLiteral<char>());
-    EXPECT_STREQ(L"PATH", vesk::getPathLiteral<wchar_t>());
-}
-
-TEST(TextUtils, executablesHaveNoSuffix) {
-    EXPECT_STREQ("", vesk::ProcessTNG::ExecutableSuffix);
-    EXPECT_EQ("", vesk::getExecutableSuffix<std::string>());
-    EXPECT_EQ(L"", vesk::getExecutableSuffix<std::wstring>());
-}
-
 /// Initialized before main.
 std::string const s_early = std::string("x") + vesk::ProcessTNG::ExecutableSuffix;
 
-TEST(TextUtils, suffixIsInitializedBeforeGlobalObjects) {
-    EXPECT_EQ("x", s_early);
+TEST(TextUtils, executablesHaveNoSuffixAndTheVariableOfTheirFoldersItsName) {
+    EXPECT_STREQ("", vesk::ProcessTNG::ExecutableSuffix);
+    EXPECT_EQ("", vesk::getExecutableSuffix<std::string>());
+    EXPECT_EQ(L"", vesk::getExecutableSuffix<std::wstring>());
+    EXPECT_EQ("x", s_early) << "the suffix is initialized before global objects";
+    EXPECT_STREQ("PATH", vesk::getPathLiteral<char>());
+    EXPECT_STREQ(L"PATH", vesk::getPathLiteral<wchar_t>());
 }
 
 } // namespace

@@ -1,8 +1,6 @@
 #include "Conversions.h"
 #include "support/AllocationCounter.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/EventRecorder.h"
 #include "support/Locales.h"
 #include "support/NewFault.h"
 #include "support/RunInThreads.h"
@@ -11,14 +9,12 @@
 
 #include <vesk/RefCounted.h>
 #include <vesk/UnicodeString.h>
-
-#include <gtest/gtest.h>
+#include <vesk/WidePath.h>
 
 #include <atomic>
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <sched.h>
 #include <type_traits>
 
 namespace support {
@@ -109,46 +105,37 @@ private:
     bool m_expected = false;
 };
 
-TEST(UnicodeString, encodingIsOne) {
+TEST(UnicodeString, encodingIsOneAndDestroyHasTheThirdSlot) {
     EXPECT_EQ(1U, UnicodeString::s_encoding);
-}
-
-TEST(UnicodeString, destroyHasTheThirdSlot) {
     EXPECT_EQ(2, getSlot(&UnicodeString::destroy)) << "behind the two destructors";
 }
 
-TEST(UnicodeString, borrowsATextOfAGivenSize) {
+TEST(UnicodeString, borrowsATextAndDoesNotCheckItsSize) {
     char text[] = "abc";
     UnicodeString const borrowed(text, 4);
     EXPECT_EQ(text, borrowed.c_str());
     text[0] = 'x';
     expectText("xbc", 4, 0, borrowed);
-}
-
-TEST(UnicodeString, doesNotCheckTheSizeOfABorrowedText) {
     for (unsigned int const size : {0U, 1U, 100U, FAILED_SIZE}) {
-        EXPECT_EQ(size, UnicodeString("abc", size).getSize());
+        expectText("abc", size, 0, UnicodeString("abc", size));
+        expectText(nullptr, size, 0, UnicodeString(nullptr, size));
     }
     EXPECT_EQ(L"abc", static_cast<std::wstring>(UnicodeString("abc", 0)));
+    EXPECT_EQ(L"", static_cast<std::wstring>(UnicodeString(nullptr, 7)));
 }
 
-TEST(UnicodeString, borrowsAString) {
-    std::string const text(100, 'x');
-    UnicodeString const borrowed(text);
-    EXPECT_EQ(text.c_str(), borrowed.c_str());
-    expectText(text.c_str(), 101, 0, borrowed);
-    EXPECT_EQ(1U, UnicodeString(std::string()).getSize());
-}
-
-TEST(UnicodeString, borrowingAllocatesNothing) {
+TEST(UnicodeString, borrowsAStringWithoutAnAllocation) {
     std::string const text(100, 'x');
     AllocationCounter const allocations;
     {
         UnicodeString const borrowed(text);
         UnicodeString const bare(text.c_str(), 101);
         UnicodeString const copy(bare);
+        EXPECT_EQ(0, allocations.getCount());
+        EXPECT_EQ(text.c_str(), borrowed.c_str());
+        expectText(text.c_str(), 101, 0, borrowed);
     }
-    EXPECT_EQ(0, allocations.getCount());
+    EXPECT_EQ(1U, UnicodeString(std::string()).getSize());
 }
 
 TEST(UnicodeString, neverFreesABorrowedText) {
@@ -166,13 +153,7 @@ TEST(UnicodeString, neverFreesABorrowedText) {
     EXPECT_STREQ("abc", text);
 }
 
-TEST(UnicodeString, borrowsANullPointer) {
-    UnicodeString const borrowed(nullptr, 7);
-    expectText(nullptr, 7, 0, borrowed);
-    EXPECT_EQ(L"", static_cast<std::wstring>(borrowed));
-}
-
-TEST(UnicodeString, copiesABareText) {
+TEST(UnicodeString, copiesABareTextAndTakesANullPointerForTheEmptyText) {
     char text[] = "abcdef";
     NewFault const count(New::NOTHROW_ARRAY, 1, 0);
     UnicodeString const owned(text);
@@ -180,26 +161,29 @@ TEST(UnicodeString, copiesABareText) {
     EXPECT_NE(text, owned.c_str());
     memset(text, 'x', sizeof text - 1);
     expectText("abcdef", 7, 2, owned);
-}
-
-TEST(UnicodeString, copyOfAnEmptyTextOrANullPointerIsTheEmptyText) {
-    for (char const* const text : {"", static_cast<char const*>(nullptr)}) {
-        expectText("", 1, 2, UnicodeString(text));
+    for (char const* const empty : {"", static_cast<char const*>(nullptr)}) {
+        expectText("", 1, 2, UnicodeString(empty));
     }
 }
 
-TEST(UnicodeString, copyWaitsForMemory) {
+/// Constructs a string while three allocations fail, and checks that it waits for memory.
+template <typename Source>
+void expectWait(Source const& source, std::string const& event) {
     EventRecorder const events;
-    std::optional<UnicodeString> owned;
+    std::optional<UnicodeString> text;
     {
         NewFault const fault(New::NOTHROW_ARRAY, 1, 3);
-        owned.emplace("abcdef");
+        text.emplace(source);
         EXPECT_EQ((std::vector<size_t>{7, 7, 7, 7}), fault.getSizes());
     }
-    std::string const line =
-        "OUT_OF_MEMORY framework/src/vesk/posix/UnicodeString checkStorage: cannot make UC copy";
+    std::string const line = "OUT_OF_MEMORY framework/src/vesk/posix/UnicodeString " + event;
     EXPECT_EQ(line + '\n' + line + '\n' + line, events.getText());
-    EXPECT_STREQ("abcdef", owned->c_str());
+    EXPECT_STREQ("abcdef", text->c_str());
+}
+
+TEST(UnicodeString, copyAndConversionWaitForMemory) {
+    expectWait("abcdef", "checkStorage: cannot make UC copy");
+    expectWait(std::wstring(L"abcdef"), "UnicodeString: cannot allocate data for wcs conversion");
 }
 
 TEST(UnicodeString, lastCopyFreesTheSharedTextOnce) {
@@ -257,12 +241,7 @@ TEST(UnicodeString, copiesCanBeDestroyedInDifferentThreads) {
         for (int i = 1; i < THREADS; ++i) {
             copies.push_back(std::make_unique<UnicodeString>(*copies[0]));
         }
-        std::atomic<int> ready{0};
         runInThreads(THREADS, [&](int number) {
-            ++ready;
-            while (ready < THREADS) {
-                sched_yield();
-            }
             auto const original = std::move(copies[static_cast<size_t>(number)]);
             UnicodeString const mine(*original);
             wrong += strcmp("shared by all of them", mine.c_str()) != 0;
@@ -340,6 +319,57 @@ INSTANTIATE_TEST_SUITE_P(
         Text{"C.UTF-8", "\xE4", L""}, Text{"C.UTF-8", "abc\x80", L""}, Text{"C.UTF-8", "abc\xE2\x82", L""},
         Text{"C.UTF-8", "\xC0\xAF", L""}, Text{"C.UTF-8", "\xFFz", L""}));
 
+/// Returns what the C library makes of a text; empty if it is malformed.
+std::wstring convertByLibc(std::string const& text) {
+    std::wstring wide(text.length() + 1, L'\0');
+    mbstate_t state{};
+    char const* source = text.c_str();
+    size_t const length = mbsrtowcs(wide.data(), &source, wide.length(), &state);
+    wide.resize(length != FAILED ? length : 0);
+    return wide;
+}
+
+TEST(UnicodeString, everyCharacterOfUtf8IsConvertedAsTheCLibraryDoes) {
+    ScopedLocale const locale("C.UTF-8");
+    constexpr int PIECE = 61; // Moves the characters over all positions in a word.
+    for (wchar_t code = 1; code < 0x110000;) {
+        std::wstring wide;
+        for (int i = 0; i < PIECE && code < 0x110000; ++i, ++code) {
+            if (code < 0xD800 || code > 0xDFFF) {
+                wide += code;
+            }
+        }
+        UnicodeString const narrow(wide);
+        ASSERT_NE(nullptr, narrow.c_str()) << std::hex << code;
+        ASSERT_EQ(convertByLibc(narrow.c_str()), wide) << std::hex << code;
+        ASSERT_EQ(wide, static_cast<std::wstring>(narrow)) << std::hex << code;
+        ASSERT_EQ(strlen(narrow.c_str()) + 1, narrow.getSize());
+    }
+}
+
+TEST(UnicodeString, sequencesOfUtf8AreMalformedWhereTheCLibrarySaysSo) {
+    ScopedLocale const locale("C.UTF-8");
+    std::string const bytes = "a\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xED\xEF\xF0\xF1\xF4"
+                              "\xF5\xF7\xF8\xFC\xFE\xFF";
+    int malformed = 0;
+    size_t round = 0;
+    for (char const first : bytes) {
+        for (char const second : bytes) {
+            for (char const third : bytes) {
+                for (char const* const rest : {"", "\x80", "\xBFz"}) {
+                    std::string const text = std::string(round++ % 9, 'x') + first + second + third + rest;
+                    std::wstring const expected = convertByLibc(text);
+                    ASSERT_EQ(expected, static_cast<std::wstring>(UnicodeString(text)))
+                        << testing::PrintToString(text);
+                    ASSERT_EQ(expected, vesk::WidePath(UnicodeString(text)));
+                    malformed += expected.empty() ? 1 : 0;
+                }
+            }
+        }
+    }
+    EXPECT_GT(malformed, 10000);
+}
+
 TEST(UnicodeString, isConvertedInALocaleOtherThanUTF8) {
     TempFolder const folder;
     if (!buildLatin1(folder.getPath())) {
@@ -373,31 +403,42 @@ void expectTwoPasses(std::vector<Pass> const& passes, size_t length) {
     EXPECT_EQ(length, passes[1].result);
 }
 
-TEST(UnicodeString, wideTextIsConvertedInTwoPassesIntoMemoryOfItsSize) {
-    ScopedLocale const locale("C.UTF-8");
-    std::wstring const wide = L"\u20AC and more of it";
-    Conversions const conversions;
-    NewFault const count(New::NOTHROW_ARRAY, 1, 0);
-    UnicodeString const narrow(wide);
-    EXPECT_EQ((std::vector<size_t>{wide.length() + 3}), count.getSizes());
-    expectTwoPasses(conversions.getPasses(), wide.length() + 2);
-}
-
-TEST(UnicodeString, narrowTextIsConvertedInTwoPassesIntoMemoryOfItsSize) {
-    ScopedLocale const locale("C.UTF-8");
-    UnicodeString const narrow("\xE2\x82\xAC and more of it");
-    // The passes themselves are recorded elsewhere: a record allocates as well.
-    std::vector<size_t> sizes;
-    {
-        NewFault const count(New::SINGLE, 1, 0);
-        std::wstring const wide = narrow;
-        sizes = count.getSizes();
-        EXPECT_EQ(L"\u20AC and more of it", wide);
+/// Records the passes of the C library in the locale C.UTF-8. The library converts such text itself, unless the
+/// process has another locale at the start of the conversion.
+class PassesInUtf8 {
+public:
+    PassesInUtf8() {
+        m_conversions.before = [](size_t) { setlocale(LC_CTYPE, "C.UTF-8"); };
     }
-    EXPECT_EQ((std::vector<size_t>{17 * sizeof(wchar_t)}), sizes);
-    Conversions const conversions;
-    std::wstring const wide = narrow;
-    expectTwoPasses(conversions.getPasses(), 16);
+    std::vector<Pass> const& get() const { return m_conversions.getPasses(); }
+
+private:
+    ScopedLocale m_locale{"C"};
+    Conversions m_conversions;
+};
+
+TEST(UnicodeString, isConvertedInTwoPassesIntoMemoryOfItsSize) {
+    std::wstring const wide = L"\u20AC and more of it";
+    std::optional<UnicodeString> narrow;
+    {
+        PassesInUtf8 const passes;
+        NewFault const count(New::NOTHROW_ARRAY, 1, 0);
+        narrow.emplace(wide);
+        EXPECT_EQ((std::vector<size_t>{wide.length() + 3}), count.getSizes());
+        expectTwoPasses(passes.get(), wide.length() + 2);
+    }
+    {
+        ScopedLocale const locale("C.UTF-8");
+        // The passes themselves are recorded below: a record allocates as well, and so does a comparison.
+        std::vector<size_t> const expected{17 * sizeof(wchar_t)};
+        NewFault const count(New::SINGLE, 1, 0);
+        std::wstring const back = *narrow;
+        EXPECT_EQ(expected, count.getSizes());
+        EXPECT_EQ(wide, back);
+    }
+    PassesInUtf8 const passes;
+    std::wstring const again = *narrow;
+    expectTwoPasses(passes.get(), 16);
 }
 
 TEST(UnicodeString, emptyAndFailedConversionsHaveNoSecondPass) {
@@ -410,38 +451,13 @@ TEST(UnicodeString, emptyAndFailedConversionsHaveNoSecondPass) {
     EXPECT_EQ(3U, conversions.getPasses().size());
 }
 
-TEST(UnicodeString, wideConversionWaitsForMemory) {
-    EventRecorder const events;
-    std::optional<UnicodeString> narrow;
-    {
-        std::wstring const wide = L"abcdef";
-        NewFault const fault(New::NOTHROW_ARRAY, 1, 3);
-        narrow.emplace(wide);
-        EXPECT_EQ((std::vector<size_t>(4, 7)), fault.getSizes());
-    }
-    std::string const line = "OUT_OF_MEMORY framework/src/vesk/posix/UnicodeString UnicodeString: "
-                             "cannot allocate data for wcs conversion";
-    EXPECT_EQ(line + '\n' + line + '\n' + line, events.getText());
-    EXPECT_STREQ("abcdef", narrow->c_str());
-}
-
 constexpr char const* NARROW_WARNING = "WARNING framework/src/vesk/posix/UnicodeString UnicodeString: got "
                                        "different result in second call to wide_to_utf8";
 constexpr char const* WIDE_WARNING = "WARNING framework/src/vesk/posix/UnicodeString operator "
                                      "std::__cxx11::wstring: second call to utf8_to_wide returned different "
                                      "result";
 
-TEST(UnicodeString, changeOfTheLocaleBetweenThePassesKeepsTheConvertedPart) {
-    ScopedLocale const locale("C.UTF-8");
-    EventRecorder const events;
-    Conversions conversions;
-    conversions.before = [](size_t pass) { setlocale(LC_CTYPE, pass == 1 ? "C.UTF-8" : "C"); };
-    UnicodeString const narrow(std::wstring(L"ab\u20ACcd"));
-    EXPECT_EQ(NARROW_WARNING, events.getText());
-    expectText("ab", 8, 2, narrow);
-}
-
-TEST(UnicodeString, textThatChangesBetweenThePassesIsCutAndTerminated) {
+TEST(UnicodeString, changeOfTheTextOrTheLocaleBetweenThePassesKeepsTheConvertedPart) {
     for (auto const& [second, narrow] : {std::pair(L"abcd", "abc"), std::pair(L"a", "a")}) {
         EventRecorder const events;
         std::wstring wide = L"abc";
@@ -455,6 +471,13 @@ TEST(UnicodeString, textThatChangesBetweenThePassesIsCutAndTerminated) {
         expectText(narrow, 4, 2, UnicodeString(wide));
         EXPECT_EQ(NARROW_WARNING, events.getText());
     }
+    ScopedLocale const locale("C");
+    EventRecorder const events;
+    Conversions conversions;
+    conversions.before = [](size_t pass) { setlocale(LC_CTYPE, pass == 1 ? "C.UTF-8" : "C"); };
+    UnicodeString const narrow(std::wstring(L"ab\u20ACcd"));
+    EXPECT_EQ(NARROW_WARNING, events.getText());
+    expectText("ab", 8, 2, narrow);
 }
 
 TEST(UnicodeString, wideTextOfDifferentPassesIsTheSecondOne) {
@@ -468,9 +491,6 @@ TEST(UnicodeString, wideTextOfDifferentPassesIsTheSecondOne) {
         EXPECT_EQ(WIDE_WARNING, events.getText());
         EXPECT_TRUE(chainIs({}));
     }
-}
-
-TEST(UnicodeString, narrowTextThatShrinksBetweenThePassesKeepsItsLength) {
     EventRecorder const events;
     char text[] = "abcdef";
     UnicodeString const narrow(text, sizeof text);

@@ -1,22 +1,16 @@
 #include "KernelTimers.h"
 #include "SignalsToMainThread.h"
-#include "ThreadSupport.h"
+#include "TimerSupport.h"
 #include "frame/FakeClock.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
 #include "support/NewFault.h"
-#include "support/Privileges.h"
-#include "support/Processes.h"
+#include "support/Sleeper.h"
 
-#include <vesk/Alarm.h>
 #include <vesk/Dispatcher.h>
 
-#include <algorithm>
 #include <deque>
 #include <limits>
 #include <map>
-#include <memory>
 #include <new>
 #include <random>
 #include <stdexcept>
@@ -29,9 +23,6 @@ using namespace support;
 using tarnbase::Duration;
 using vesk::Alarm;
 using vesk::Message;
-
-using Engine = Alarm::Timer;
-using EnginePtr = std::SharedBase::Ptr<Engine>;
 
 int const SIGNAL = SIGRTMIN + 5;
 constexpr long long START = 5000000; // The clock at first, in milliseconds.
@@ -82,11 +73,25 @@ protected:
         EXPECT_EQ(rung, ringAt(since_start));
         EXPECT_EQ(armed, m_timers.take());
     }
+    /// Rings at that time. Checks what the ring throws and arms, and that another thread can lock the engine then.
+    template <typename Exception>
+    void expectThrow(long long since_start, Spans const& armed = {}, int nth_allocation = 0) {
+        setTime(since_start);
+        m_timers.take();
+        {
+            NewFault const fault(New::SINGLE, std::max(nth_allocation, 1), nth_allocation == 0 ? 0 : 1);
+            EXPECT_THROW(Engine::ring(&m_engine), Exception);
+        }
+        EXPECT_EQ(armed, m_timers.take());
+        Bell unknown(m_engine, m_rung);
+        Sleeper other([&] { remove(unknown); });
+        EXPECT_TRUE(eventually([&other] { return other.isDone(); }));
+    }
     void expectNothingPending() { expectRing(1000000000, {}); }
 
     FakeClock m_clock{START / 1000, 0};
     KernelTimers m_timers;
-    Engine m_engine{SIGNAL, "Engine", vesk::sched::Attr()};
+    Engine m_engine{SIGNAL, "Engine", Attr()};
     Rung m_rung;
     // Their addresses rise.
     Bell m_a{m_engine, m_rung};
@@ -218,8 +223,16 @@ Course const COURSES[] = {
       ring(250, "b", {ms(450)}), ring(800, "c")}},
     {"removingTheOnlyAlarmLeavesTheTimerArmedAndTheNextRingDoesNothing",
      {add('a', 100, {ms(100)}), remove('a'), ring(100, "")}},
-    {"removingTheEarliestLeavesTheTimerArmedButTheNextOneCounts",
-     {add('a', 100, {ms(100)}), add('b', 500), remove('a'), add('c', 500), add('c', 499, {ms(499)})}},
+    {"removingTheEarliestLeavesTheTimerArmedAndItsRingArmsForTheNextOne",
+     {add('a', 100, {ms(100)}), add('b', 500), remove('a'), add('c', 499), ring(100, "", {ms(399), ms(399)}),
+      ring(499, "c", {ms(1)})}},
+    {"timerThatRingsTooLateIsArmedAnew",
+     {add('a', 100, {ms(100)}), remove('a'), at(30), add('b', 69, {ms(69)})}},
+    {"ringThatIsOverdueIsNotReliedUpon",
+     {add('a', 100, {ms(100)}), remove('a'), at(100), add('b', 50, {ms(50)})}},
+    {"whatARingHasArmedIsNotReliedUpon",
+     {add('a', 100, {ms(100)}), add('b', 200), ring(100, "a", {ms(100)}), remove('b'),
+      add('b', 300, {ms(300)})}},
     {"removingWhatIsNotPendingIsHarmless",
      {remove('a'), add('b', 100, {ms(100)}), remove('a'), remove('a'), ring(100, "b"), remove('b'),
       ring(1000000000, "")}},
@@ -228,8 +241,8 @@ Course const COURSES[] = {
     {"movingAnAlarmToALaterTimeLeadsToAnEarlyRingThatArmsAgainAndRunsNothing",
      {add('a', 100, {ms(100)}), at(50), add('a', 200), ring(100, "", {ms(150)}), ring(250, "a")}},
     {"oldTimeOfAnAlarmThatWasPutOffStillCountsAsArmed",
-     {add('a', 100, {ms(100)}), add('a', 1000), add('b', 500), remove('c'), add('c', 500),
-      add('c', 499, {ms(499)})}},
+     {add('a', 100, {ms(100)}), add('a', 1000), add('b', 500), remove('c'), add('c', 500), add('c', 499),
+      ring(100, "", {ms(399), ms(399)})}},
     {"ringThatComesTooEarlyArmsTwice", {add('a', 100, {ms(100)}), ring(30, "", {ms(70), ms(70)})}},
     {"delayOf1MsIsSplit", {add('a', 1, {{0, 1000000}})}},
     {"delayOf999MsIsSplit", {add('a', 999, {{0, 999000000}})}},
@@ -281,11 +294,11 @@ TEST_F(AlarmTimer, engineWithoutAlarmsCountsAsArmedForAFarTimeUntilItHasLostAnAl
     EXPECT_EQ(Spans(), m_timers.take());
     add(m_a, FAR_AWAY - 1);
     EXPECT_EQ(1U, m_timers.take().size());
-    Engine idle(SIGNAL + 1, "Idle", vesk::sched::Attr());
+    Engine idle(SIGNAL + 1, "Idle", Attr());
     Engine::ring(&idle);
     m_timers.take();
     EXPECT_EQ(Rung(), m_rung);
-    Engine other(SIGNAL + 2, "Other", vesk::sched::Attr());
+    Engine other(SIGNAL + 2, "Other", Attr());
     other.remove(&m_b.alarm);
     other.add(&m_b.alarm, Duration(FAR_AWAY + 1));
     EXPECT_EQ(1U, m_timers.take().size());
@@ -339,7 +352,7 @@ protected:
         other.join();
     }
 
-    Engine m_other{SIGNAL + 1, "Other", vesk::sched::Attr()};
+    Engine m_other{SIGNAL + 1, "Other", Attr()};
     Rung m_other_rung;
     Bell m_other_first{m_other, m_other_rung};
     Bell m_other_second{m_other, m_other_rung};
@@ -372,7 +385,7 @@ TEST_F(AlarmTimerOfTwo, alarmWithAWaitingCallbackDoesNotRingAgain) {
 }
 
 TEST_F(AlarmTimerOfTwo, thirdEngineMayStandBetweenThem) {
-    Engine third(SIGNAL + 2, "Third", vesk::sched::Attr());
+    Engine third(SIGNAL + 2, "Third", Attr());
     Rung third_rung;
     Bell bell(third, third_rung);
     // Waits for the other engine, which waits for the first one.
@@ -441,18 +454,6 @@ TEST_F(AlarmTimer, readsOnlyTheMonotonicClockAndOnlyToAddAndToRing) {
 
 // ---- failures ----
 
-/// Returns whether another thread can lock the engine.
-bool isUnlocked(Engine& engine, Alarm& alarm) {
-    Event done;
-    std::thread other([&] {
-        engine.remove(&alarm);
-        done.set();
-    });
-    bool const unlocked = done.wait();
-    other.join();
-    return unlocked;
-}
-
 TEST_F(AlarmTimer, resultOfTheSystemCallDoesNotMatter) {
     KernelTimers const all(KernelTimers::ALL);
     Fault const fault(inject_timer_settime, EINVAL, 1, Fault::FOREVER);
@@ -462,11 +463,22 @@ TEST_F(AlarmTimer, resultOfTheSystemCallDoesNotMatter) {
     EXPECT_EQ((Rung{&m_a}), ringAt(100));
 }
 
+TEST_F(AlarmTimer, timerThatCouldNotBeArmedIsNotReliedUpon) {
+    KernelTimers timers(KernelTimers::ALL);
+    {
+        Fault const fault(inject_timer_settime, EINVAL);
+        add(m_a, 100);
+    }
+    remove(m_a);
+    add(m_b, 200);
+    EXPECT_EQ((Spans{ms(100), ms(200)}), timers.take());
+}
+
 TEST_F(AlarmTimer, engineWithoutATimerTouchesNoOtherTimer) {
     timer_t const timer_of_another_engine = m_timers.created_timer;
     {
         Fault const fault(inject_timer_create, EAGAIN);
-        Engine engine(SIGNAL + 1, "Other", vesk::sched::Attr());
+        Engine engine(SIGNAL + 1, "Other", Attr());
         EXPECT_TRUE(chainIs({}));
         Bell bell(engine, m_rung);
         engine.add(&bell.alarm, Duration(10));
@@ -484,12 +496,7 @@ TEST_F(AlarmTimer, engineWithoutATimerTouchesNoOtherTimer) {
 TEST_F(AlarmTimer, ringWithoutMemoryThrowsAndChangesNothing) {
     add(m_a, 100);
     add(m_b, 200);
-    setTime(100);
-    {
-        NewFault const fault(New::SINGLE);
-        EXPECT_THROW(Engine::ring(&m_engine), std::bad_alloc);
-    }
-    EXPECT_TRUE(isUnlocked(m_engine, m_c.alarm));
+    expectThrow<std::bad_alloc>(100, {}, 1);
     expectRing(100, {&m_a}, {ms(100)});
 }
 
@@ -518,14 +525,7 @@ TEST_F(AlarmTimer, messageWithoutMemoryLeavesTheEngineArmedAndUnlocked) {
     Bell bell(m_engine, m_rung, &sink);
     add(bell, 100);
     add(m_b, 300);
-    m_timers.take();
-    setTime(100);
-    {
-        NewFault const fault(New::SINGLE, 2);
-        EXPECT_THROW(Engine::ring(&m_engine), std::bad_alloc);
-    }
-    EXPECT_EQ(Spans{ms(200)}, m_timers.take());
-    EXPECT_TRUE(isUnlocked(m_engine, m_c.alarm));
+    expectThrow<std::bad_alloc>(100, {ms(200)}, 2);
     EXPECT_EQ(Rung{&m_b}, ringAt(300));
 }
 
@@ -534,9 +534,7 @@ TEST_F(AlarmTimer, sinkThatThrowsLosesNoMemory) {
     sink.throws = true;
     Bell bell(m_engine, m_rung, &sink);
     add(bell, 100);
-    setTime(100);
-    EXPECT_THROW(Engine::ring(&m_engine), std::runtime_error); // The address sanitizer sees the message.
-    EXPECT_TRUE(isUnlocked(m_engine, m_c.alarm));
+    expectThrow<std::runtime_error>(100); // The address sanitizer sees the message.
     expectNothingPending();
 }
 
@@ -545,12 +543,8 @@ TEST_F(AlarmTimer, callbackThatThrowsLeavesTheEngineArmedAndUnlocked) {
     add(m_a, 100);
     add(m_b, 100);
     add(m_c, 400);
-    m_timers.take();
-    setTime(100);
-    EXPECT_THROW(Engine::ring(&m_engine), std::runtime_error);
-    EXPECT_EQ(Spans{ms(300)}, m_timers.take());
+    expectThrow<std::runtime_error>(100, {ms(300)});
     Bell other(m_engine, m_rung);
-    EXPECT_TRUE(isUnlocked(m_engine, other.alarm));
     add(other, 250);
     EXPECT_EQ(Spans{ms(250)}, m_timers.take());
     EXPECT_EQ(Rung{&other}, ringAt(350));
@@ -614,7 +608,7 @@ TEST(AlarmTimerLife, threadAndHandlerExistBeforeTheTimerAndTheThreadEndsBeforeIt
     timers.on_delete = [&] { check(threads); };
     EXPECT_FALSE(isCaught(SIGNAL));
     {
-        Engine const engine(SIGNAL, "Engine", vesk::sched::Attr());
+        Engine const engine(SIGNAL, "Engine", Attr());
         EXPECT_EQ(1, calls);
     }
     EXPECT_EQ(2, calls);
@@ -625,30 +619,28 @@ TEST(AlarmTimerLife, threadAndHandlerExistBeforeTheTimerAndTheThreadEndsBeforeIt
 }
 
 /// The kernel may have raised the signal when the timer is deleted, without a thread having handled it yet.
-TEST(AlarmTimerLife, signalThatIsPendingAtTheEndDoesNotEndTheProcess) {
-    expectInChild([] {
-        KernelTimers timers;
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGNAL);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr); // Also for the engine's thread.
-        timers.on_delete = [] {
-            kill(getpid(), SIGNAL);
-            kill(getpid(), SIGNAL);
-        };
-        { Engine const engine(SIGNAL, "Engine", vesk::sched::Attr()); }
-        EXPECT_EQ(1, timers.deleted);
-        sigset_t pending;
-        sigpending(&pending);
-        EXPECT_EQ(0, sigismember(&pending, SIGNAL));
-        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-    });
+VESK_TEST_BY(expectInChild, AlarmTimerLife, signalThatIsPendingAtTheEndDoesNotEndTheProcess) {
+    KernelTimers timers;
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGNAL);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr); // Also for the engine's thread.
+    timers.on_delete = [] {
+        kill(getpid(), SIGNAL);
+        kill(getpid(), SIGNAL);
+    };
+    { Engine const engine(SIGNAL, "Engine", Attr()); }
+    EXPECT_EQ(1, timers.deleted);
+    sigset_t pending;
+    sigpending(&pending);
+    EXPECT_EQ(0, sigismember(&pending, SIGNAL));
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 TEST(AlarmTimerLife, engineForASignalThatCannotBeCaughtIsCreatedAndDestroyed) {
     KernelTimers const timers; // Keeps SIGKILL from being raised.
     for (int const signal : {0, SIGKILL}) {
-        Engine engine(signal, "Engine", vesk::sched::Attr());
+        Engine engine(signal, "Engine", Attr());
         Rung rung;
         Bell bell(engine, rung);
         engine.add(&bell.alarm, Duration(0));
@@ -661,7 +653,7 @@ TEST(AlarmTimerLife, signalFromElsewhereIsAnEarlyRingAndAlarmsThatArePendingAtTh
     KernelTimers timers;
     Rung rung;
     {
-        Engine engine(SIGNAL, "Engine", vesk::sched::Attr());
+        Engine engine(SIGNAL, "Engine", Attr());
         Bell bell(engine, rung);
         engine.add(&bell.alarm, Duration(3600000));
         timers.take();
@@ -679,8 +671,12 @@ class Model {
 public:
     void add(Bell* bell, long long now, long long delay) {
         m_expiries[bell] = now + delay;
-        if (m_next > now + delay) {
-            m_next = now + delay;
+        if (m_next <= now + delay) {
+            return;
+        }
+        m_next = now + delay;
+        if (now >= m_rings_at || m_rings_at > m_next) {
+            m_rings_at = m_next;
             arm(delay);
         }
     }
@@ -706,6 +702,7 @@ public:
         return due;
     }
     void armForNext(long long now) {
+        m_rings_at = 0;
         if (m_next < NEVER) {
             arm(m_next - now);
         }
@@ -731,6 +728,7 @@ private:
 
     std::map<Bell*, long long, std::less<>> m_expiries;
     long long m_next = FAR_AWAY;
+    long long m_rings_at = 0; // The kernel's timer, if known.
     Spans m_spans;
 };
 

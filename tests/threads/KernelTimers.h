@@ -1,18 +1,9 @@
 #pragma once
 
-#include "support/Inject.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <climits>
-#include <csignal>
-#include <ctime>
-#include <functional>
 #include <mutex>
 #include <ostream>
-#include <vector>
 
 /// Replaces `timer_create`, `timer_settime` and `timer_delete`. Must be included in one file of a test program. During
 /// the lifetime of a `KernelTimers` it records their calls and decides which of them reach the kernel.
@@ -118,13 +109,10 @@ extern "C" int timer_create(clockid_t clock, sigevent* event, timer_t* timer) no
             timers->on_create();
         }
     }
-    int error = 0;
-    if (inject_timer_create.fails(error)) {
-        errno = error;
+    if (inject_timer_create.fails()) {
         return -1;
     }
-    int const result = reinterpret_cast<int (*)(clockid_t, sigevent*, timer_t*)>(
-        inject_timer_create.getReal())(clock, event, timer);
+    int const result = inject_timer_create.getReal(timer_create)(clock, event, timer);
     if (timers != nullptr) {
         timers->created_timer = *timer;
     }
@@ -133,16 +121,12 @@ extern "C" int timer_create(clockid_t clock, sigevent* event, timer_t* timer) no
 
 extern "C" int timer_settime(timer_t timer, int flags, itimerspec const* value, itimerspec* old) noexcept {
     support::KernelTimers* const timers = support::KernelTimers::getCurrent();
-    int error = 0;
     if (timers != nullptr && !timers->record(timer, flags, *value, old)) {
         return 0;
     }
-    if (inject_timer_settime.fails(error)) {
-        errno = error;
-        return -1;
-    }
-    return reinterpret_cast<int (*)(timer_t, int, itimerspec const*, itimerspec*)>(
-        inject_timer_settime.getReal())(timer, flags, value, old);
+    return inject_timer_settime.fails()
+        ? -1
+        : inject_timer_settime.getReal(timer_settime)(timer, flags, value, old);
 }
 
 extern "C" int timer_delete(timer_t timer) noexcept {
@@ -154,5 +138,5 @@ extern "C" int timer_delete(timer_t timer) noexcept {
             timers->on_delete();
         }
     }
-    return reinterpret_cast<int (*)(timer_t)>(inject_timer_delete.getReal())(timer);
+    return inject_timer_delete.getReal(timer_delete)(timer);
 }

@@ -1,19 +1,11 @@
 #pragma once
 
-#include "support/Chain.h"
+#include "support/Testing.h"
 
 #include <vesk/sched.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <pthread.h>
-#include <sched.h>
-#include <string>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <thread>
-#include <unistd.h>
 
 /// What the tests of scheduling have in common.
 namespace support {

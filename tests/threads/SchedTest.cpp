@@ -1,15 +1,9 @@
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
 #include "threads/SchedSupport.h"
 
 #include <vesk/sched.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <iomanip>
 #include <limits>
-#include <sstream>
-#include <type_traits>
 
 VESK_INJECT_RESULT(
     pthread_getschedparam, (pthread_t thread, int* policy, sched_param* param), (thread, policy, param))
@@ -47,28 +41,31 @@ TEST(SchedAttr, beginsAllZeroWhichIsNoop) {
 
 // ---- the constructor ----
 
-struct PlacingRow {
-    int policy;
-    int priority;
-    int nice;
-};
-
-class SchedParamPlacing : public testing::TestWithParam<PlacingRow> {};
-
-TEST_P(SchedParamPlacing, putsTheValueWhereThePolicyLooksForIt) {
-    expectParam(Param(static_cast<Policy_E>(GetParam().policy), 5), GetParam().priority, GetParam().nice);
-    EXPECT_TRUE(chainIs({}));
+TEST(SchedParam, putsTheValueWhereThePolicyLooksForIt) {
+    struct {
+        int policy;
+        int priority;
+        int nice;
+    } const rows[] = {
+        {VESK_SCHED_NOOP, 0, 0},
+        {VESK_SCHED_POLICY_RR, 5, 0},
+        {VESK_SCHED_POLICY_FIFO, 5, 0},
+        {VESK_SCHED_POLICY_NORMAL, 0, 5},
+        {VESK_SCHED_CLASS_IDLE, 5, 0},
+        {VESK_SCHED_CLASS_BELOW_NORMAL, 5, 0},
+        {VESK_SCHED_CLASS_NORMAL, 5, 0},
+        {VESK_SCHED_CLASS_ABOVE_NORMAL, 5, 0},
+        {VESK_SCHED_CLASS_HIGH, 5, 0},
+        {VESK_SCHED_CLASS_REALTIME, 5, 0},
+        {11, 0, 0},
+        {-1, 0, 0},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.policy);
+        expectParam(Param(static_cast<Policy_E>(row.policy), 5), row.priority, row.nice);
+        EXPECT_TRUE(chainIs({}));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SchedParamPlacing,
-    testing::Values(
-        PlacingRow{VESK_SCHED_NOOP, 0, 0}, PlacingRow{VESK_SCHED_POLICY_RR, 5, 0},
-        PlacingRow{VESK_SCHED_POLICY_FIFO, 5, 0}, PlacingRow{VESK_SCHED_POLICY_NORMAL, 0, 5},
-        PlacingRow{VESK_SCHED_CLASS_IDLE, 5, 0}, PlacingRow{VESK_SCHED_CLASS_BELOW_NORMAL, 5, 0},
-        PlacingRow{VESK_SCHED_CLASS_NORMAL, 5, 0}, PlacingRow{VESK_SCHED_CLASS_ABOVE_NORMAL, 5, 0},
-        PlacingRow{VESK_SCHED_CLASS_HIGH, 5, 0}, PlacingRow{VESK_SCHED_CLASS_REALTIME, 5, 0},
-        PlacingRow{11, 0, 0}, PlacingRow{-1, 0, 0}));
 
 TEST(SchedParam, takesAnyValueUnchecked) {
     expectParam(Param(VESK_SCHED_POLICY_FIFO, std::numeric_limits<int>::min()), INT32_MIN, 0);
@@ -88,23 +85,14 @@ TEST(SchedParam, readsTheCallersPolicyOnlyForKeep) {
     EXPECT_EQ(1, reads.getCalls());
 }
 
-/// Checks `VESK_SCHED_POLICY_KEEP` in a thread of this policy. Skips the test if the system refuses the policy.
-void expectKept(int policy, int caller_priority, int priority, int nice) {
-    inPreparedThread(
-        "no real-time scheduling here", [=] { return setPolicy(policy, caller_priority); },
-        [=] { expectParam(Param(VESK_SCHED_POLICY_KEEP, 5), priority, nice); });
-}
-
-TEST(SchedParam, keepInAFifoThreadIsAPriority) {
-    expectKept(SCHED_FIFO, 1, 5, 0);
-}
-
-TEST(SchedParam, keepInARoundRobinThreadIsAPriority) {
-    expectKept(SCHED_RR, 1, 5, 0);
-}
-
-TEST(SchedParam, keepInATimeSharingThreadIsANiceValue) {
-    expectKept(SCHED_OTHER, 0, 0, 5);
+TEST(SchedParam, keepIsAPriorityInARealTimeThreadAndANiceValueInATimeSharingOne) {
+    for (int const policy : {SCHED_FIFO, SCHED_RR, SCHED_OTHER}) {
+        SCOPED_TRACE(policy);
+        bool const shares = policy == SCHED_OTHER;
+        inPreparedThread(
+            "no real-time scheduling here", [=] { return setPolicy(policy, shares ? 0 : 1); },
+            [=] { expectParam(Param(VESK_SCHED_POLICY_KEEP, 5), shares ? 0 : 5, shares ? 5 : 0); });
+    }
 }
 
 TEST(SchedParam, keepThatCannotReadStaysAllZeroWithTheErrorPending) {
@@ -129,15 +117,6 @@ struct NameRow {
     char const* name;
 };
 
-class SchedPolicyNames : public testing::TestWithParam<NameRow> {};
-
-TEST_P(SchedPolicyNames, areWritten) {
-    EXPECT_EQ(GetParam().number, GetParam().value);
-    auto const policy = static_cast<Policy_E>(GetParam().value);
-    EXPECT_EQ(GetParam().name, textOf(policy));
-    EXPECT_EQ(GetParam().name, textOf(Policy(policy))) << "through the class around it";
-}
-
 NameRow const POLICIES[] = {
     {VESK_SCHED_NOOP, 0, "VESK_SCHED_NOOP"},
     {VESK_SCHED_POLICY_KEEP, 1, "VESK_SCHED_POLICY_KEEP"},
@@ -155,14 +134,6 @@ NameRow const POLICIES[] = {
     {INT32_MIN, INT32_MIN, "unknown policy (-2147483648)"},
     {INT32_MAX, INT32_MAX, "unknown policy (2147483647)"},
 };
-INSTANTIATE_TEST_SUITE_P(All, SchedPolicyNames, testing::ValuesIn(POLICIES));
-
-class SchedWinThreadPrioNames : public testing::TestWithParam<NameRow> {};
-
-TEST_P(SchedWinThreadPrioNames, areWritten) {
-    EXPECT_EQ(GetParam().number, GetParam().value);
-    EXPECT_EQ(GetParam().name, textOf(static_cast<WinThreadPrio>(GetParam().value)));
-}
 
 NameRow const PRIORITIES[] = {
     {VESK_WIN_THREAD_PRIO_IDLE, 0, "VESK_WIN_THREAD_PRIO_IDLE"},
@@ -176,7 +147,22 @@ NameRow const PRIORITIES[] = {
     {-1, -1, "unknown thread priority (-1)"},
     {INT32_MIN, INT32_MIN, "unknown thread priority (-2147483648)"},
 };
-INSTANTIATE_TEST_SUITE_P(All, SchedWinThreadPrioNames, testing::ValuesIn(PRIORITIES));
+
+TEST(SchedText, namesPolicies) {
+    for (NameRow const& row : POLICIES) {
+        EXPECT_EQ(row.number, row.value) << row.name;
+        EXPECT_EQ(row.name, textOf(static_cast<Policy_E>(row.value)));
+        EXPECT_EQ(row.name, textOf(Policy(static_cast<Policy_E>(row.value))))
+            << "through the class around it";
+    }
+}
+
+TEST(SchedText, namesPriorities) {
+    for (NameRow const& row : PRIORITIES) {
+        EXPECT_EQ(row.number, row.value) << row.name;
+        EXPECT_EQ(row.name, textOf(static_cast<WinThreadPrio>(row.value)));
+    }
+}
 
 TEST(SchedText, showsPriorityAndNiceValueOfParameters) {
     EXPECT_EQ("priority=0, nice=0", textOf(Param()));

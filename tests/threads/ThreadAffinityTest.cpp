@@ -1,5 +1,4 @@
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
+#include "support/FailOnce.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Vesk.h>
@@ -12,16 +11,13 @@ VESK_INJECT_RESULT(
 namespace {
 
 using namespace support;
-namespace SysErrorId = vesk::SysErrorId;
 
 using Processors = std::vector<bool>;
 
-/// A thread that is in its body until the test ends.
 class ThreadAffinity : public ThreadsGone {
 protected:
     void TearDown() override {
-        m_go.set();
-        EXPECT_FALSE(m_thread.join());
+        m_thread.end();
         ThreadsGone::TearDown();
     }
 
@@ -46,6 +42,11 @@ protected:
         EXPECT_TRUE(CPU_ISSET(processor, &set));
     }
 
+    Processors makeOne() const {
+        Processors one(m_usable + 1);
+        one.back() = true;
+        return one;
+    }
     /// Returns the number of a processor on which this process may run.
     size_t getUsable() const {
         Processors const processors = read();
@@ -57,45 +58,32 @@ protected:
     }
 
     size_t m_count = vesk::Vesk::s_sys_info.processor_count;
-    Event m_go;
-    StartedThread m_thread{[this] { EXPECT_TRUE(m_go.wait()); }};
+    HeldThread m_thread;
     size_t const m_usable = getUsable();
+    Processors const m_one = makeOne();
 };
 
-TEST_F(ThreadAffinity, isSetAndRead) {
-    Processors one(m_count);
-    one[m_usable] = true;
+TEST_F(ThreadAffinity, isSetAndReadAndThatOfOthersStaysAsItIs) {
+    cpu_set_t before;
+    ASSERT_EQ(0, pthread_getaffinity_np(pthread_self(), sizeof before, &before));
+    Processors one = m_one;
+    EXPECT_FALSE(m_thread.setCPUAffinity(one)) << "a vector up to the processor is enough";
+    expectOnly(m_usable);
+    one.resize(m_count);
     EXPECT_FALSE(m_thread.setCPUAffinity(one));
     EXPECT_EQ(one, read());
     Processors got;
     EXPECT_FALSE(m_thread.getCPUAffinity(got));
     EXPECT_EQ(one, got);
-    EXPECT_TRUE(chainIs({}));
-}
-
-TEST_F(ThreadAffinity, vectorUpToTheProcessorIsEnough) {
-    Processors processors(m_usable + 1);
-    processors[m_usable] = true;
-    EXPECT_FALSE(m_thread.setCPUAffinity(processors));
-    expectOnly(m_usable);
-}
-
-TEST_F(ThreadAffinity, ofOthersStaysAsItIs) {
-    cpu_set_t before;
-    ASSERT_EQ(0, pthread_getaffinity_np(pthread_self(), sizeof before, &before));
-    Processors one(m_usable + 1);
-    one.back() = true;
-    EXPECT_FALSE(m_thread.setCPUAffinity(one));
     cpu_set_t after;
     ASSERT_EQ(0, pthread_getaffinity_np(pthread_self(), sizeof after, &after));
     EXPECT_TRUE(CPU_EQUAL(&before, &after));
+    EXPECT_TRUE(chainIs({}));
 }
 
 TEST_F(ThreadAffinity, emptyVectorAllowsAllProcessors) {
     Processors const before = read();
-    Processors one(m_usable + 1);
-    one.back() = true;
-    EXPECT_FALSE(m_thread.setCPUAffinity(one));
+    EXPECT_FALSE(m_thread.setCPUAffinity(m_one));
     EXPECT_FALSE(m_thread.setCPUAffinity({}));
     EXPECT_EQ(before, read());
     Processors got;
@@ -151,28 +139,22 @@ TEST_F(ThreadAffinity, readingItResizesTheVector) {
     }
 }
 
-class ThreadAffinityErrors : public ThreadAffinity, public testing::WithParamInterface<int> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadAffinityErrors, testing::Values(EINVAL, ESRCH, EPERM, EFAULT), NumberName());
-
-TEST_P(ThreadAffinityErrors, areUnclassified) {
+TEST_F(ThreadAffinity, failuresAreUnclassifiedAndChangeNothing) {
     Processors const before = read();
-    leaveOlderReport();
-    {
-        Fault const fault(inject_pthread_setaffinity_np, GetParam());
-        EXPECT_TRUE(m_thread.setCPUAffinity({}));
+    for (int const error : {EINVAL, ESRCH, EPERM, EFAULT}) {
+        SCOPED_TRACE(error);
+        leaveOlderReport();
+        EXPECT_TRUE(
+            failOnce(inject_pthread_setaffinity_np, error, [this] { return m_thread.setCPUAffinity({}); }));
+        EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, error));
+        EXPECT_EQ(before, read());
+        leaveOlderReport();
+        Processors processors(7, true);
+        EXPECT_TRUE(failOnce(
+            inject_pthread_getaffinity_np, error, [&] { return m_thread.getCPUAffinity(processors); }));
+        EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, error));
+        EXPECT_EQ(Processors(7, true), processors) << "left as it was";
     }
-    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, GetParam()));
-    EXPECT_EQ(before, read());
-    leaveOlderReport();
-    Processors processors(7, true);
-    {
-        Fault const fault(inject_pthread_getaffinity_np, GetParam());
-        EXPECT_TRUE(m_thread.getCPUAffinity(processors));
-    }
-    EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, GetParam()));
-    EXPECT_EQ(Processors(7, true), processors) << "left as it was";
 }
 
 } // namespace

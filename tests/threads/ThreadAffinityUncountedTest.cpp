@@ -1,10 +1,6 @@
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Vesk.h>
-
-#include <tarncommon/error/CommonError.h>
 
 // The library counts while it is loaded, so the count fails in the whole program.
 support::Injected inject_sysconf("sysconf");
@@ -22,30 +18,30 @@ VESK_INJECT_RESULT(
 namespace {
 
 using namespace support;
-namespace CommonErrorId = std::CommonErrorId;
-namespace SysErrorId = vesk::SysErrorId;
 
-TEST(ThreadAffinityUncounted, cannotBeRead) {
+class ThreadAffinityUncounted : public testing::Test {
+protected:
+    TestThread m_thread{[] {}};
+};
+
+TEST_F(ThreadAffinityUncounted, cannotBeRead) {
     ASSERT_EQ(0u, vesk::Vesk::s_sys_info.processor_count);
-    TestThread thread([] {});
     std::vector<bool> processors(3, true);
-    EXPECT_TRUE(thread.getCPUAffinity(processors));
+    EXPECT_TRUE(m_thread.getCPUAffinity(processors));
     auto const id = CommonErrorId::UNSUPPORTED_VALUE;
     EXPECT_TRUE(chainIs({{id, rowText(id, "cpu count is 0")}}));
     EXPECT_EQ(std::vector<bool>(3, true), processors);
 }
 
-TEST(ThreadAffinityUncounted, isReadBeforeTheCountIsChecked) {
-    TestThread thread([] {});
+TEST_F(ThreadAffinityUncounted, isReadBeforeTheCountIsChecked) {
     std::vector<bool> processors;
     Fault const fault(inject_pthread_getaffinity_np, ESRCH);
-    EXPECT_TRUE(thread.getCPUAffinity(processors));
+    EXPECT_TRUE(m_thread.getCPUAffinity(processors));
     EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, ESRCH));
 }
 
-TEST(ThreadAffinityUncounted, emptyVectorNamesNoProcessorAndIsRefused) {
-    TestThread thread([] {});
-    EXPECT_TRUE(thread.setCPUAffinity({}));
+TEST_F(ThreadAffinityUncounted, emptyVectorNamesNoProcessorAndIsRefused) {
+    EXPECT_TRUE(m_thread.setCPUAffinity({}));
     EXPECT_TRUE(causeIs(SysErrorId::UNCLASSIFIED, EINVAL));
 }
 

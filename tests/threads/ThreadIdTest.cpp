@@ -1,14 +1,9 @@
-#include <vesk/Thread.h>
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
+#include <vesk/Thread.h>
 
 #include <iomanip>
 #include <map>
-#include <pthread.h>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <type_traits>
 
 namespace {
 
@@ -63,20 +58,17 @@ TEST(ThreadId, isOrderedWithoutASignAndCanBeAKey) {
     EXPECT_EQ(1, numbers.begin()->second);
 }
 
-TEST(ThreadId, isWrittenWithEightDigitsAtLeast) {
+TEST(ThreadId, isWrittenWithEightDigitsAtLeastAndAllOfTheSystem) {
     EXPECT_EQ("0x00000000", textOf(ThreadId(0)));
     EXPECT_EQ("0x0000002a", textOf(ThreadId(42)));
     EXPECT_EQ("0x89abcdef", textOf(ThreadId(0x89abcdefU)));
     EXPECT_EQ("0x" + std::string(2 * sizeof(pthread_t), 'f'), textOf(ThreadId()));
-}
-
-TEST(ThreadId, isWrittenWithAllDigitsOfTheSystem) {
     bool const is_short = sizeof(pthread_t) <= 4;
     ThreadId const id = is_short ? ThreadId() : ThreadId(static_cast<pthread_t>(0x7fedcba987654321LL));
     EXPECT_EQ(is_short ? "0xffffffff" : "0x7fedcba987654321", textOf(id));
 }
 
-TEST(ThreadId, restoresTheFlagsOfTheStreamAndLeavesItsFillAtZero) {
+TEST(ThreadId, restoresTheFlagsOfTheStreamLeavesItsFillAtZeroAndIgnoresItsWidth) {
     std::ostringstream out;
     out << std::left << std::uppercase << std::showbase << std::setfill('*');
     std::ios_base::fmtflags const flags = out.flags();
@@ -87,10 +79,7 @@ TEST(ThreadId, restoresTheFlagsOfTheStreamAndLeavesItsFillAtZero) {
     out.str("");
     out << std::right << std::dec << std::noshowbase << std::setw(4) << 7;
     EXPECT_EQ("0007", out.str());
-}
-
-TEST(ThreadId, ignoresTheWidthOfTheStream) {
-    std::ostringstream out;
+    out.str("");
     out << std::setw(20) << ThreadId(1) << "|" << 2;
     EXPECT_EQ("0x00000001|2", out.str());
 }

@@ -1,7 +1,5 @@
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
-#include "support/Privileges.h"
 #include "support/UnlockFault.h"
 #include "threads/SchedSupport.h"
 #include "threads/ThreadSupport.h"
@@ -9,15 +7,7 @@
 #include <vesk/Mutex.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/tracing/Channel.h>
-
-#include <csignal>
-#include <cstdio>
-#include <grp.h>
-#include <memory>
-#include <optional>
 
 VESK_INJECT_RESULT(
     pthread_getschedparam, (pthread_t thread, int* policy, sched_param* param), (thread, policy, param))
@@ -37,9 +27,8 @@ namespace {
 using namespace support;
 using namespace vesk::sched;
 using vesk::Mutex;
-using vesk::Thread;
-namespace SysErrorId = vesk::SysErrorId;
 
+constexpr auto UNCLASSIFIED = SysErrorId::UNCLASSIFIED;
 constexpr int LOWEST_INT = -2147483647 - 1;
 
 Attr makeAttr(Policy_E policy, int priority = 0, int nice = 0) {
@@ -127,16 +116,12 @@ TEST(ThreadCallerSchedAttrs, realTimeThreadHasItsPriorityAndItsNiceValueIsNotRea
     inPolicy(SCHED_RR, 99, [=] { expectPriority(VESK_SCHED_POLICY_RR, 99); });
 }
 
-class ThreadCallerNice : public testing::TestWithParam<int> {};
-
-TEST_P(ThreadCallerNice, isThatOfTheThreadItself) {
-    inNice(GetParam(), [] { expectCallerAttr(VESK_SCHED_POLICY_NORMAL, 0, GetParam()); });
+TEST(ThreadCallerSchedAttrs, niceValueIsThatOfTheThreadItself) {
+    for (int const nice : {-20, -2, -1, 0, 1, 5, 19}) {
+        SCOPED_TRACE(nice);
+        inNice(nice, [nice] { expectCallerAttr(VESK_SCHED_POLICY_NORMAL, 0, nice); });
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadCallerNice, testing::Values(-20, -2, -1, 0, 1, 5, 19), [](auto const& row) {
-        return (row.param < 0 ? "minus" : "plus") + std::to_string(row.param < 0 ? -row.param : row.param);
-    });
 
 TEST(ThreadCallerSchedAttrs, niceValueIsNotThatOfTheProcess) {
     int const process_nice = getpriority(PRIO_PROCESS, 0);
@@ -258,7 +243,6 @@ TEST_P(ThreadCreationSched, followsTheAttributesAndTheCreatorWithoutAReport) {
     });
 }
 
-Injected* const INHERIT = &inject_pthread_attr_setinheritsched;
 Injected* const READ = &inject_pthread_getschedparam;
 Injected* const SET_POLICY = &inject_pthread_attr_setschedpolicy;
 Injected* const SET_PARAM = &inject_pthread_attr_setschedparam;
@@ -318,16 +302,6 @@ TEST(ThreadOlderConstructor, canDetachAndReadsThePolicyOnlyForAPriority) {
     EXPECT_TRUE(hasThreads(before));
 }
 
-auto const CLASSES = testing::Values(
-    VESK_SCHED_CLASS_IDLE, VESK_SCHED_CLASS_BELOW_NORMAL, VESK_SCHED_CLASS_NORMAL,
-    VESK_SCHED_CLASS_ABOVE_NORMAL, VESK_SCHED_CLASS_HIGH, VESK_SCHED_CLASS_REALTIME, 11, -1);
-
-void runToEnd(Thread& thread) {
-    ASSERT_TRUE(thread.isValid());
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-}
-
 Seen seeIn(Policy_E policy, int priority, int nice) {
     Seen seen;
     Thread thread(look, &seen, "modest", makeAttr(policy, priority, nice), false);
@@ -337,78 +311,15 @@ Seen seeIn(Policy_E policy, int priority, int nice) {
     return seen;
 }
 
-class ThreadCreationClasses : public testing::TestWithParam<int> {};
-
-TEST_P(ThreadCreationClasses, inherit) {
-    inPolicy(SCHED_RR, 4, [] {
-        Fault const policies(inject_pthread_attr_setschedpolicy, 0);
-        Seen const seen = seeIn(static_cast<Policy_E>(GetParam()), 8, 18);
-        EXPECT_EQ(SCHED_RR, seen.policy);
-        EXPECT_EQ(4, seen.priority);
-        EXPECT_NE(18, seen.nice);
-        EXPECT_EQ(0, policies.getCalls());
-    });
-}
-
-INSTANTIATE_TEST_SUITE_P(All, ThreadCreationClasses, CLASSES);
-
-std::vector<ExpectedReport> notCreated(SysErrorId::Id cause, int error, std::string const& text) {
-    return {
-        {cause, rowText(cause, systemText(error))},
-        {Thread::ErrorId::CREATE_FAILED, "Thread creation failed: " + text}};
-}
-
-constexpr char const* NO_INHERITANCE = "setting scheduler inheritance failed";
-constexpr char const* NO_ATTRIBUTES = "setting scheduling attributes failed";
-
 TEST(ThreadCreation, priorityOutOfRangeIsAnInvalidParameter) {
     leaveOlderReport();
     Thread const thread(doNothing, nullptr, nullptr, makeAttr(VESK_SCHED_POLICY_RR, 1000), false);
     EXPECT_FALSE(thread.isValid());
-    EXPECT_TRUE(chainIs(notCreated(SysErrorId::INVALID_PARAMETER, EINVAL, NO_ATTRIBUTES)));
+    auto const id = SysErrorId::INVALID_PARAMETER;
+    EXPECT_TRUE(chainIs(
+        {{id, rowText(id, systemText(EINVAL))},
+         {Thread::ErrorId::CREATE_FAILED, "Thread creation failed: setting scheduling attributes failed"}}));
 }
-
-struct FailedCreationRow {
-    char const* name;
-    Injected* function;
-    int nth;
-    Policy_E policy; ///< That makes this call.
-    std::vector<int> errors;
-    SysErrorId::Id id;
-    char const* text;
-    int error = 0;
-};
-
-class ThreadCreationSchedRows : public testing::TestWithParam<FailedCreationRow> {};
-
-TEST_P(ThreadCreationSchedRows, leaveAnInvalidObject) {
-    FailedCreationRow const& row = GetParam();
-    leaveOlderReport();
-    Fault const fault(*row.function, row.error, row.nth);
-    Thread const thread(doNothing, nullptr, "name", makeAttr(row.policy), false);
-    EXPECT_FALSE(thread.isValid());
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-    EXPECT_EQ(row.nth, fault.getCalls());
-    EXPECT_TRUE(chainIs(notCreated(row.id, row.error, row.text)));
-}
-
-constexpr Policy_E HIGH = VESK_SCHED_CLASS_HIGH;
-constexpr auto UNCLASSIFIED = SysErrorId::UNCLASSIFIED;
-constexpr auto INVALID = SysErrorId::INVALID_PARAMETER;
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadCreationSchedRows,
-    testing::ValuesIn(eachErrno<FailedCreationRow>({
-        {"setinheritsched", INHERIT, 1, KEEP, {EINVAL, EPERM}, UNCLASSIFIED, NO_INHERITANCE},
-        {"secondSetinheritsched", INHERIT, 2, HIGH, {EINVAL, ENOTSUP}, UNCLASSIFIED, NO_INHERITANCE},
-        {"getschedparam", READ, 1, KEEP, {EINVAL}, INVALID, NO_ATTRIBUTES},
-        {"getschedparam", READ, 1, KEEP, {ESRCH}, UNCLASSIFIED, NO_ATTRIBUTES},
-        {"setschedpolicy", SET_POLICY, 1, KEEP, {EINVAL}, INVALID, NO_ATTRIBUTES},
-        {"setschedpolicy", SET_POLICY, 1, KEEP, {ENOTSUP}, UNCLASSIFIED, NO_ATTRIBUTES},
-        {"setschedparam", SET_PARAM, 1, KEEP, {EINVAL}, INVALID, NO_ATTRIBUTES},
-        {"setschedparam", SET_PARAM, 1, KEEP, {ENOTSUP}, UNCLASSIFIED, NO_ATTRIBUTES},
-    })),
-    ErrnoName());
 
 TEST(ThreadCreation, niceValueIsLeftAloneInARealTimeThread) {
     inPolicy(SCHED_RR, 4, [] {
@@ -466,38 +377,26 @@ void dropSchedulingRights() {
     EXPECT_TRUE(geteuid() != 0 || dropRights());
 }
 
-TEST(ThreadWithoutRights, newThreadInheritsWhatItMayNotHave) {
-    expectInChild([] {
-        dropSchedulingRights();
-        for (Policy_E const policy : {VESK_SCHED_POLICY_FIFO, VESK_SCHED_POLICY_RR}) {
-            Seen const seen = seeIn(policy, 10, 0);
-            EXPECT_EQ(SCHED_OTHER, seen.policy);
-            EXPECT_EQ(0, seen.priority);
-            EXPECT_STREQ("modest", seen.name);
-        }
-        EXPECT_EQ(getNice(), seeIn(NORMAL, 0, getNice() - 1).nice);
-    });
+VESK_TEST_BY(expectInChild, ThreadWithoutRights, newThreadInheritsWhatItMayNotHave) {
+    dropSchedulingRights();
+    for (Policy_E const policy : {VESK_SCHED_POLICY_FIFO, VESK_SCHED_POLICY_RR}) {
+        Seen const seen = seeIn(policy, 10, 0);
+        EXPECT_EQ(SCHED_OTHER, seen.policy);
+        EXPECT_EQ(0, seen.priority);
+        EXPECT_STREQ("modest", seen.name);
+    }
+    EXPECT_EQ(getNice(), seeIn(NORMAL, 0, getNice() - 1).nice);
 }
 
-TEST(ThreadWithoutRights, settingARealTimePolicyAndLoweringANiceValueAreRefused) {
-    expectInChild([] {
-        dropSchedulingRights();
-        Event ready;
-        Event go;
-        StartedThread thread([&] {
-            ready.set();
-            EXPECT_TRUE(go.wait());
-        });
-        EXPECT_TRUE(ready.wait());
-        EXPECT_TRUE(thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_RR, 1)));
-        EXPECT_TRUE(chainIs(schedulingFailed(UNCLASSIFIED, EPERM, NOT_SET)));
-        EXPECT_EQ(SCHED_OTHER, sched_getscheduler(0));
-        EXPECT_TRUE(thread.setPriority(getNice() - 1));
-        // The system fails with EACCES, which is not the row of missing privileges.
-        EXPECT_TRUE(chainIs(schedulingFailed(systemText(EACCES))));
-        go.set();
-        EXPECT_FALSE(thread.join());
-    });
+VESK_TEST_BY(expectInChild, ThreadWithoutRights, settingARealTimePolicyAndLoweringANiceValueAreRefused) {
+    dropSchedulingRights();
+    HeldThread thread;
+    EXPECT_TRUE(thread.setSchedAttrs(makeAttr(VESK_SCHED_POLICY_RR, 1)));
+    EXPECT_TRUE(chainIs(schedulingFailed(UNCLASSIFIED, EPERM, NOT_SET)));
+    EXPECT_EQ(SCHED_OTHER, sched_getscheduler(0));
+    EXPECT_TRUE(thread.setPriority(getNice() - 1));
+    // The system fails with EACCES, which is not the row of missing privileges.
+    EXPECT_TRUE(chainIs(schedulingFailed(systemText(EACCES))));
 }
 
 TEST(ThreadWithoutRights, raisingARealTimePriorityIsRefused) {
@@ -507,35 +406,19 @@ TEST(ThreadWithoutRights, raisingARealTimePriorityIsRefused) {
         GTEST_SKIP() << "no real-time scheduling here: " << systemText(refused);
     }
     expectInChild([] {
-        Event go;
-        StartedThread thread([&go] { EXPECT_TRUE(go.wait()); }, nullptr, makeAttr(VESK_SCHED_POLICY_RR, 1));
+        HeldThread thread(makeAttr(VESK_SCHED_POLICY_RR, 1));
         dropSchedulingRights();
         EXPECT_TRUE(thread.setPriority(2));
         EXPECT_TRUE(
             chainIs(schedulingFailed(SysErrorId::PERMISSION_DENIED, EPERM, "insufficient privileges")));
         EXPECT_EQ(1, thread.getPriority());
-        go.set();
-        EXPECT_FALSE(thread.join());
     });
 }
 
 // ---- a thread that runs ----
 
-/// A thread that is in its body until the test ends it.
 class ThreadRunning : public ThreadsGone {
 protected:
-    void SetUp() override { EXPECT_TRUE(m_ready.wait()); }
-    void TearDown() override {
-        end();
-        ThreadsGone::TearDown();
-    }
-    void end() {
-        m_go.set();
-        if (m_thread.getThreadState() != Thread::DEAD) {
-            EXPECT_FALSE(m_thread.join());
-        }
-    }
-
     /// Checks what the system shows.
     void expectKernel(int policy, int priority, int nice) const {
         sched_param param{};
@@ -557,15 +440,14 @@ protected:
         return pthread_setschedparam(m_thread.getThreadId().getValue(), policy, &param) == 0;
     }
 
-    Event m_ready;
-    Event m_go;
-    std::atomic<pid_t> m_tid{0};
+    void TearDown() override {
+        m_thread.end();
+        ThreadsGone::TearDown();
+    }
+
     int m_nice = getpriority(PRIO_PROCESS, 0);
-    StartedThread m_thread{[this] {
-        m_tid = getThreadId();
-        m_ready.set();
-        EXPECT_TRUE(m_go.wait());
-    }};
+    HeldThread m_thread;
+    pid_t const m_tid = m_thread.getId();
 };
 
 #define SKIP_UNLESS_REAL_TIME(policy, priority)                                                              \
@@ -601,16 +483,31 @@ TEST_F(ThreadRunning, schedAttrsAreSetAndRead) {
     EXPECT_EQ(0, reads.getCalls() + writes.getCalls()) << "noop makes no system call";
 }
 
-class ThreadRunningClasses : public ThreadRunning, public testing::WithParamInterface<int> {};
+class ThreadClasses : public ThreadRunning, public testing::WithParamInterface<int> {};
 
-TEST_P(ThreadRunningClasses, areRefused) {
+TEST_P(ThreadClasses, areInheritedByANewThread) {
+    inPolicy(SCHED_RR, 4, [] {
+        Fault const policies(inject_pthread_attr_setschedpolicy, 0);
+        Seen const seen = seeIn(static_cast<Policy_E>(GetParam()), 8, 18);
+        EXPECT_EQ(SCHED_RR, seen.policy);
+        EXPECT_EQ(4, seen.priority);
+        EXPECT_NE(18, seen.nice);
+        EXPECT_EQ(0, policies.getCalls());
+    });
+}
+
+TEST_P(ThreadClasses, areRefusedInAThreadThatRuns) {
     leaveOlderReport();
     EXPECT_TRUE(m_thread.setSchedAttrs(makeAttr(static_cast<Policy_E>(GetParam()), 1, 1)));
     EXPECT_TRUE(chainIs(schedulingFailed("unexpected policy")));
     expectKernel(SCHED_OTHER, 0, m_nice);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ThreadRunningClasses, CLASSES);
+INSTANTIATE_TEST_SUITE_P(
+    All, ThreadClasses,
+    testing::Values(
+        VESK_SCHED_CLASS_IDLE, VESK_SCHED_CLASS_BELOW_NORMAL, VESK_SCHED_CLASS_NORMAL,
+        VESK_SCHED_CLASS_ABOVE_NORMAL, VESK_SCHED_CLASS_HIGH, VESK_SCHED_CLASS_REALTIME, 11, -1));
 
 TEST_F(ThreadRunning, keepOnATimeSharingThreadIsRefusedWithAPriority) {
     EXPECT_TRUE(m_thread.setSchedAttrs(makeAttr(KEEP, 1, 0)));
@@ -679,16 +576,8 @@ TEST_F(ThreadRunning, setPriorityThatCannotLockOrUnlockDoesNothing) {
     expectKernel(SCHED_OTHER, 0, m_nice);
 }
 
-TEST_F(ThreadRunning, setPriorityThatCannotReadThePolicyReportsOnTop) {
-    leaveOlderReport();
-    Fault const fault(inject_pthread_getschedparam, ESRCH);
-    EXPECT_TRUE(m_thread.setPriority(19));
-    EXPECT_TRUE(chainIs({SysErrorId::NO_SUCH_PROCESS, schedulingFailed(systemText(ESRCH))[0]}));
-    expectKernel(SCHED_OTHER, 0, m_nice);
-}
-
 TEST_F(ThreadRunning, setPriorityOfAThreadThatIsOverDoesNothing) {
-    m_go.set();
+    m_thread.release();
     EXPECT_TRUE(m_thread.isIn(Thread::FINISHED));
     Fault const reads(inject_pthread_getschedparam, 0);
     EXPECT_FALSE(m_thread.setPriority(1000));
@@ -723,7 +612,7 @@ void expectGone(Thread& thread) {
 }
 
 TEST_F(ThreadRunning, nothingIsSetOnceItWasJoinedOrATerminatedOneHasEnded) {
-    end();
+    m_thread.end();
     expectGone(m_thread);
     int const before = countThreads();
     Event ready;
@@ -743,14 +632,11 @@ TEST_F(ThreadRunning, nothingIsSetOnceADetachedOneHasEnded) {
     EXPECT_FALSE(thread.start());
     EXPECT_TRUE(hasThreads(before));
     // A new thread mostly takes the place of the old one.
-    Event go;
-    StartedThread next([&go] { EXPECT_TRUE(go.wait()); });
+    HeldThread const next;
     expectGone(thread);
     EXPECT_TRUE(thread.setPriority(19));
     EXPECT_TRUE(chainIs(schedulingFailed(systemText(ESRCH))));
     EXPECT_EQ(m_nice, next.getPriority());
-    go.set();
-    EXPECT_FALSE(next.join());
 }
 
 TEST_F(ThreadRunning, operationsRaceWithTheEndOfADetachedThread) {
@@ -861,6 +747,10 @@ std::vector<ExpectedReport> failed(int error) {
     return withErrno({Thread::ErrorId::SCHEDULING_FAILED}, error);
 }
 
+std::vector<ExpectedReport> onTopOfTheOlderOne(int error) {
+    return {SysErrorId::NO_SUCH_PROCESS, failed(error)[0]};
+}
+
 Injected* const READ_NICE = &inject_getpriority;
 Injected* const SET = &inject_pthread_setschedparam;
 Injected* const SET_NICE = &inject_setpriority;
@@ -876,6 +766,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"fifoSetschedparam", SET, setAttrWithoutNice<FIFO>, {EINVAL}, 1, notSet},
         {"normalSetschedparam", SET, setAttrWithoutNice<NORMAL>, {ENOTSUP}, 1, notSet},
         {"normalSetpriority", SET_NICE, setAttr<NORMAL>, {EACCES, ESRCH}, 1, notSet},
+        {"setPriorityPolicy", READ, setPriority, {ESRCH}, 1, onTopOfTheOlderOne},
         {"setPriority", SET_NICE, setPriority, {EPERM}, 1, notPermitted},
         {"setPriority", SET_NICE, setPriority, {EACCES, ESRCH}, 1, failed},
         {"setPriorityOfRoundRobin", SET, setPriority, {EPERM}, 1, notPermitted, true},
@@ -891,14 +782,12 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- the main thread ----
 
-TEST(ThreadMainSchedAttrs, areThoseOfTheStartUp) {
-    expectInChild([] {
-        expectAttr(Thread::getMainSchedAttrs(), VESK_SCHED_NOOP, 0, 0);
-        ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 18));
-        vesk::Vesk const vesk(true, false);
-        ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
-        expectAttr(Thread::getMainSchedAttrs(), VESK_SCHED_POLICY_NORMAL, 0, 18);
-    });
+VESK_TEST_BY(expectInChild, ThreadMainSchedAttrs, areThoseOfTheStartUp) {
+    expectAttr(Thread::getMainSchedAttrs(), VESK_SCHED_NOOP, 0, 0);
+    ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 18));
+    vesk::Vesk const vesk(true, false);
+    ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 19));
+    expectAttr(Thread::getMainSchedAttrs(), VESK_SCHED_POLICY_NORMAL, 0, 18);
 }
 
 // ---- the family ----
@@ -948,16 +837,11 @@ void* runBehindTheGate(void* argument) {
 
 } // namespace
 
-support::Injected inject_pthread_create("pthread_create");
-extern "C" VESK_UNWATCHED int pthread_create(
-    pthread_t* thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument) {
-    if (g_gate != nullptr) {
-        g_held_function = function;
-        function = runBehindTheGate;
-    }
-    return reinterpret_cast<decltype(&pthread_create)>(inject_pthread_create.getReal())(
-        thread, attributes, function, argument);
-}
+VESK_INJECT(
+    int, return error, pthread_create,
+    (pthread_t * thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument),
+    (thread, attributes, g_gate != nullptr ? runBehindTheGate : function, argument),
+    g_held_function = function)
 
 namespace {
 

@@ -1,25 +1,18 @@
 #pragma once
 
-#include "support/Eventually.h"
 #include "support/Sanitizers.h"
+#include "support/Testing.h"
 #include "support/Threads.h"
 
 #include <vesk/Thread.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <ctime>
-#include <functional>
-#include <pthread.h>
-#include <sched.h>
-#include <thread>
-#include <unistd.h>
-#include <utility>
-#include <vector>
-
 /// What the tests of threads have in common.
 namespace support {
+
+namespace CommonErrorId = std::CommonErrorId;
+namespace SysErrorId = vesk::SysErrorId;
+using vesk::Thread;
+using vesk::sched::Attr;
 
 /// An event that happens once.
 class Event {
@@ -79,24 +72,25 @@ inline void run(void* body) {
 }
 inline void doNothing(void* /*unused*/) {}
 
+/// Starts a thread and joins it.
+inline void runToEnd(Thread& thread) {
+    ASSERT_TRUE(thread.isValid());
+    EXPECT_FALSE(thread.start());
+    EXPECT_FALSE(thread.join());
+}
+
 struct BodyOwner {
     Body body;
 };
 
 /// A thread that owns its body. Not for bodies that outlive the object.
-class TestThread : private BodyOwner, public vesk::Thread {
+class TestThread : private BodyOwner, public Thread {
 public:
     explicit TestThread(
-        Body callable, char const* name = nullptr, vesk::sched::Attr const& attributes = vesk::sched::Attr(),
-        bool detached = false)
+        Body callable, char const* name = nullptr, Attr const& attributes = Attr(), bool detached = false)
         : BodyOwner{std::move(callable)}, Thread(run, &body, name, attributes, detached) {}
 
-    /// Starts the thread and joins it.
-    void runToEnd() {
-        ASSERT_TRUE(isValid());
-        EXPECT_FALSE(start());
-        EXPECT_FALSE(join());
-    }
+    void runToEnd() { support::runToEnd(*this); }
     bool isIn(State state) const {
         return eventually([this, state] { return getThreadState() == state; });
     }
@@ -108,6 +102,36 @@ public:
     template <typename... Args>
     explicit StartedThread(Args&&... args) : TestThread(std::forward<Args>(args)...) {
         EXPECT_FALSE(start());
+    }
+};
+
+struct Hold {
+    Event ready;
+    Event go;
+    std::atomic<pid_t> thread{0};
+};
+
+/// A thread that is in its body until the test releases it.
+class HeldThread : private Hold, public StartedThread {
+public:
+    explicit HeldThread(Attr const& attributes = Attr())
+        : StartedThread(
+              [this] {
+                  thread = support::getThreadId();
+                  ready.set();
+                  EXPECT_TRUE(go.wait());
+              },
+              nullptr, attributes) {
+        EXPECT_TRUE(ready.wait());
+    }
+    ~HeldThread() override { end(); }
+
+    pid_t getId() const { return thread; }
+    void release() { go.set(); }
+    /// Releases the thread and joins it, if that has not been done.
+    void end() {
+        release();
+        EXPECT_FALSE(getThreadState() != DEAD && join());
     }
 };
 
@@ -129,8 +153,8 @@ void runThreads(int count, Callable body) {
 }
 
 /// Returns the object of the calling thread.
-inline vesk::Thread& self() {
-    return *static_cast<vesk::Thread*>(vesk::Thread::s_tls_ctrl_object.get());
+inline Thread& self() {
+    return *static_cast<Thread*>(Thread::s_tls_ctrl_object.get());
 }
 
 } // namespace support

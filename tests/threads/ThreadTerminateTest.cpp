@@ -1,31 +1,19 @@
 #include "support/Cancellation.h"
-#include "support/Chain.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Condition.h>
 #include <vesk/Mutex.h>
 #include <vesk/Time.h>
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
-
 #include <limits>
-#include <memory>
-#include <tuple>
 
 namespace {
 
 using namespace support;
-namespace CommonErrorId = std::CommonErrorId;
-namespace SysErrorId = vesk::SysErrorId;
 using vesk::Condition;
 using vesk::Mutex;
 using vesk::MutexLock;
-using vesk::Thread;
-using vesk::sched::Attr;
 
 std::atomic<int> g_normal{0};
 std::atomic<int> g_terminated{0};
@@ -83,32 +71,33 @@ testing::AssertionResult isRefused() {
 TEST_F(ThreadTerminate, unwindsTheBodyAndCallsTheHandlersInTheCaller) {
     static Thread::ThreadId s_caller;
     static Thread::ThreadId s_id;
-    TestThread thread([this] {
-        Thread::registerExitHandler([](Thread::ThreadId const& id, Thread::ExitReason reason) {
-            s_id = id;
-            s_caller = Thread::getCallerThreadId();
-            EXPECT_EQ(Thread::EXIT_TERMINATED, reason);
-        });
-        m_cancelable();
-    });
-    start(thread);
-    EXPECT_FALSE(thread.terminate());
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-    EXPECT_EQ(Thread::getCallerThreadId(), s_caller);
-    EXPECT_EQ(thread.getThreadId(), s_id);
-    EXPECT_TRUE(m_left.wait());
-    EXPECT_TRUE(thread.terminate());
-    EXPECT_TRUE(isRefused());
-    expectCalls(0, 1);
-}
-
-TEST_F(ThreadTerminate, ofADetachedOneCallsItsHandlers) {
-    TestThread thread(m_cancelable, nullptr, Attr(), true);
-    start(thread);
-    EXPECT_FALSE(thread.terminate());
-    EXPECT_EQ(Thread::DEAD, thread.getThreadState());
-    EXPECT_TRUE(m_left.wait());
-    expectCalls(0, 1);
+    for (bool const detached : {false, true}) {
+        SCOPED_TRACE(detached);
+        Event ready;
+        Event left;
+        StartedThread thread(
+            [&] {
+                SetAtEnd const end(left);
+                Thread::registerExitHandler([](Thread::ThreadId const& id, Thread::ExitReason reason) {
+                    s_id = id;
+                    s_caller = Thread::getCallerThreadId();
+                    EXPECT_EQ(Thread::EXIT_TERMINATED, reason);
+                });
+                Thread::registerExitHandler(count);
+                ready.set();
+                waitForCancellation();
+            },
+            nullptr, Attr(), detached);
+        EXPECT_TRUE(ready.wait());
+        EXPECT_FALSE(thread.terminate());
+        EXPECT_EQ(Thread::DEAD, thread.getThreadState());
+        EXPECT_EQ(Thread::getCallerThreadId(), s_caller);
+        EXPECT_EQ(thread.getThreadId(), s_id);
+        EXPECT_TRUE(left.wait());
+        EXPECT_TRUE(thread.terminate());
+        EXPECT_TRUE(isRefused());
+        expectCalls(0, detached ? 2 : 1);
+    }
 }
 
 TEST_F(ThreadTerminate, byTheThreadItselfTakesEffectAtTheNextCancellationPoint) {
@@ -147,13 +136,8 @@ TEST_F(ThreadTerminate, bodyThatReturnsAfterItsObjectIsDestroyedTouchesNothing) 
 
 // ---- locks and unwinding ----
 
-#define SKIP_UNLESS_FRAMES_ARE_FORGOTTEN()                                                                   \
-    if (!support::FORGETS_UNWOUND_FRAMES) {                                                                  \
-        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";                \
-    }
-
 TEST_F(ThreadTerminate, conditionWaitIsLeftWithTheLockFree) {
-    SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
+    VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     for (bool const timed : {false, true}) {
         Mutex mutex;
         Condition condition;
@@ -182,7 +166,7 @@ TEST_F(ThreadTerminate, conditionWaitIsLeftWithTheLockFree) {
 }
 
 TEST_F(ThreadTerminate, cancellationInSuspendLeavesTheLockFree) {
-    SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
+    VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     for (long long const ms : {0LL, 3600000LL}) {
         Event left;
         StartedThread thread([&left, ms] {
@@ -231,12 +215,10 @@ TEST_F(ThreadTerminate, cancellationBeforeTheStartDoesNotKeepTheObjectFromItsEnd
 }
 
 TEST_F(ThreadTerminate, unwindingPassesABodyThatCatchesEverythingAndRethrows) {
-    bool caught = false;
+    std::atomic<bool> caught{false};
     TestThread thread([&] {
-        SetAtEnd const end(m_left);
         try {
-            m_ready.set();
-            waitForCancellation();
+            m_cancelable();
         } catch (...) {
             caught = true;
             throw;
@@ -244,13 +226,13 @@ TEST_F(ThreadTerminate, unwindingPassesABodyThatCatchesEverythingAndRethrows) {
     });
     start(thread);
     EXPECT_FALSE(thread.terminate());
-    EXPECT_TRUE(m_left.wait());
+    EXPECT_TRUE(eventually(areThreadsGone));
     EXPECT_TRUE(caught);
 }
 
 TEST_F(ThreadTerminate, sleepOfTheLibraryIsCanceled) {
-    SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
-    if (!support::WATCHES_CANCELLED_CALLS) {
+    VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
+    if (!WATCHES_CANCELLED_CALLS) {
         GTEST_SKIP() << "the thread sanitizer does not know threads that are cancelled in clock_nanosleep";
     }
     TestThread thread([this] {
@@ -289,9 +271,7 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 TEST_P(ThreadEndInSuspend, wokenTerminatedAndDestroyedAtOnceLeavesNoTrace) {
-    if (!support::FORGETS_UNWOUND_FRAMES) {
-        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
-    }
+    VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     std::atomic<int> ended{0};
     m_body = [this, &ended] {
         std::unique_ptr<std::atomic<int>, void (*)(std::atomic<int>*)> const count(
@@ -300,7 +280,7 @@ TEST_P(ThreadEndInSuspend, wokenTerminatedAndDestroyedAtOnceLeavesNoTrace) {
             suspend();
         }
     };
-    support::EventRecorder const recorder;
+    EventRecorder const recorder;
     for (int round = 0; round < 300; ++round) {
         std::unique_ptr<Thread> thread = start();
         ASSERT_TRUE(eventually([&thread] { return thread->getThreadState() == Thread::SUSPENDED; }));
@@ -310,7 +290,7 @@ TEST_P(ThreadEndInSuspend, wokenTerminatedAndDestroyedAtOnceLeavesNoTrace) {
         }
         thread.reset();
         waitForTheEnd();
-        if (support::UNWINDS_ASYNCHRONOUSLY) {
+        if (UNWINDS_ASYNCHRONOUSLY) {
             EXPECT_EQ(round + 1, ended);
         }
     }
@@ -343,7 +323,7 @@ TEST_F(ThreadTerminate, destructorOfADetachedSuspendedThreadWakesIt) {
             EXPECT_FALSE(self.load()->suspend(ms));
             EXPECT_TRUE(gone.wait());
             EXPECT_TRUE(self.load()->suspend(ms));
-            EXPECT_TRUE(chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
+            EXPECT_TRUE(chainIs({CommonErrorId::CONTRACT_BROKEN}));
             done.set();
         };
         auto thread = std::make_unique<Thread>(run, &body, nullptr, Attr(), true);
@@ -476,11 +456,11 @@ TEST_F(ThreadTerminate, racesWithAJoinAndBothComeToAnEnd) {
         std::thread joiner([&] {
             if (round % 4 < 2) {
                 joined = !thread->join();
-                EXPECT_TRUE(joined || chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
+                EXPECT_TRUE(joined || chainIs({CommonErrorId::CONTRACT_BROKEN}));
             } else {
                 signed char const result = thread->joinTimeout(round % 3);
                 joined = result == 0;
-                EXPECT_TRUE(result >= 0 || chainIs({{CommonErrorId::CONTRACT_BROKEN}}));
+                EXPECT_TRUE(result >= 0 || chainIs({CommonErrorId::CONTRACT_BROKEN}));
             }
         });
         linger(round);

@@ -1,32 +1,11 @@
-#include "support/Child.h"
+#include "support/Aborts.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/EventRecorder.h"
-#include "support/Inject.h"
-#include "support/Privileges.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
 
-#include <tarncommon/error/CommonError.h>
-#include <tarncommon/error/ErrorStorage.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <functional>
-#include <iterator>
 #include <limits>
-#include <memory>
-#include <sys/resource.h>
-#include <type_traits>
 
 namespace {
 
@@ -34,37 +13,24 @@ namespace {
 int g_main_known_at_monotonic = -1;
 int g_main_known_at_wall_clock = -1;
 
-bool isMainThreadKnown() {
-    return vesk::Thread::s_main_thread_id != vesk::Thread::ThreadId::INVALID_THREAD_ID;
+VESK_UNWATCHED void noteClock(clockid_t clock) {
+    bool const known = vesk::Thread::s_main_thread_id != vesk::Thread::ThreadId::INVALID_THREAD_ID;
+    if (clock == CLOCK_REALTIME) {
+        g_main_known_at_wall_clock = known;
+    } else if (clock == CLOCK_MONOTONIC && g_main_known_at_monotonic == -1) {
+        g_main_known_at_monotonic = known;
+    }
 }
 
 } // namespace
 
-support::Injected inject_clock_gettime("clock_gettime");
-extern "C" VESK_UNWATCHED int clock_gettime(clockid_t clock, timespec* time) {
-    if (clock == CLOCK_REALTIME) {
-        g_main_known_at_wall_clock = isMainThreadKnown();
-        int error = 0;
-        if (inject_clock_gettime.fails(error)) {
-            errno = error;
-            return -1;
-        }
-    } else if (clock == CLOCK_MONOTONIC && g_main_known_at_monotonic == -1) {
-        g_main_known_at_monotonic = isMainThreadKnown();
-    }
-    return reinterpret_cast<int (*)(clockid_t, timespec*)>(inject_clock_gettime.getReal())(clock, time);
-}
-
+VESK_INJECT_NOTING(int, -1, clock_gettime, (clockid_t clock, timespec* time), (clock, time), noteClock(clock))
 VESK_INJECT_ERRNO(int, -1, sigaction, (int s, struct sigaction const* a, struct sigaction* o), (s, a, o))
 VESK_INJECT_ERRNO(int, -1, sched_yield, (), ())
 
 namespace {
 
 using namespace support;
-namespace CommonErrorId = std::CommonErrorId;
-namespace SysErrorId = vesk::SysErrorId;
-using vesk::Thread;
-using vesk::sched::Attr;
 
 ExpectedReport contractBroken(char const* text) {
     auto const id = CommonErrorId::CONTRACT_BROKEN;
@@ -107,22 +73,16 @@ TEST_F(ThreadTest, isASystemThreadFromTheConstructorOnAndRunsItsBodyWithItsArgum
     EXPECT_NE(Thread::ThreadId::INVALID_THREAD_ID, thread.getThreadId());
     EXPECT_NE(Thread::getCallerThreadId(), thread.getThreadId());
     EXPECT_EQ(nullptr, argument.load());
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
+    runToEnd(thread);
     EXPECT_EQ(&argument, argument.load());
 }
 
-TEST_F(ThreadTest, destroyedWithoutAStartRunsNoBodyAndWaitsForTheEnd) {
-    for (bool const detached : {false, true}) {
-        EXPECT_TRUE(TestThread(m_count, "not started", Attr(), detached).isValid());
-        EXPECT_TRUE(hasThreads(m_threads));
-    }
-    EXPECT_EQ(0, m_runs);
-}
-
-TEST_F(ThreadTest, manyAreDestroyedWithoutAStartAtAnyMoment) {
+TEST_F(ThreadTest, destroyedWithoutAStartAtAnyMomentRunsNoBodyAndWaitsForTheEnd) {
     for (int round = 0; round < 500; ++round) {
-        TestThread const thread(m_count, nullptr, Attr(), round % 2 == 1);
+        bool const detached = round % 2 == 1;
+        EXPECT_TRUE(TestThread(m_count, "not started", Attr(), detached).isValid());
+        EXPECT_TRUE(round > 1 || hasThreads(m_threads));
+        TestThread const thread(m_count, nullptr, Attr(), detached);
         for (volatile int i = 0; i < round * 20; i = i + 1) {}
     }
     EXPECT_EQ(0, m_runs);
@@ -327,30 +287,29 @@ std::string getName() {
     return name;
 }
 
-struct NameRow {
-    char const* given;
-    char const* shown;
-};
-
-class ThreadNames : public ThreadsGone, public testing::WithParamInterface<NameRow> {};
-
-TEST_P(ThreadNames, areShownWithTheirTail) {
-    std::string shown;
-    Body body = [&shown] { shown = getName(); };
-    std::string name = GetParam().given == nullptr ? "" : GetParam().given;
-    Thread thread(run, &body, GetParam().given == nullptr ? nullptr : name.c_str());
-    name.assign(name.size(), '#'); // The thread has a copy.
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join());
-    EXPECT_EQ(GetParam().shown == nullptr ? getName() : GetParam().shown, shown) << "the creator has a name";
+TEST_F(ThreadTest, nameIsShownWithItsTail) {
+    struct {
+        char const* given;
+        std::string shown;
+    } const rows[] = {
+        {"a", "a"},
+        {"fifteen-letters", "fifteen-letters"},
+        {"sixteen--letters", "ixteen--letters"},
+        {"name-of-20-characters", "f-20-characters"},
+        {"abcdefghij0123456789", "fghij0123456789"},
+        {"", ""},
+        {nullptr, getName()}, // That of the creator.
+    };
+    for (auto const& row : rows) {
+        std::string shown;
+        Body body = [&shown] { shown = getName(); };
+        std::string name = row.given == nullptr ? "" : row.given;
+        Thread thread(run, &body, row.given == nullptr ? nullptr : name.c_str());
+        name.assign(name.size(), '#'); // The thread has a copy.
+        runToEnd(thread);
+        EXPECT_EQ(row.shown, shown);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadNames,
-    testing::Values(
-        NameRow{"a", "a"}, NameRow{"fifteen-letters", "fifteen-letters"},
-        NameRow{"sixteen--letters", "ixteen--letters"}, NameRow{"name-of-20-characters", "f-20-characters"},
-        NameRow{"abcdefghij0123456789", "fghij0123456789"}, NameRow{"", ""}, NameRow{nullptr, nullptr}));
 
 // ---- the store of errors ----
 
@@ -403,8 +362,8 @@ struct LeftError {
 class ThreadLeftErrors : public testing::TestWithParam<LeftError> {};
 
 TEST_P(ThreadLeftErrors, areWrittenToStandardOutput) {
-    if (GetParam().body == replaceErrorWhenCancelled && !FORGETS_UNWOUND_FRAMES) {
-        GTEST_SKIP() << "the address sanitizer takes frames that were unwound for live ones";
+    if (GetParam().body == replaceErrorWhenCancelled) {
+        VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     }
     ChildEnd const end = runInChild([] {
         int const before = countThreads();
@@ -509,15 +468,9 @@ constexpr char const* STILL_RUNNING =
     "ASSERT framework/src/vesk/posix/Thread ~Thread: getThreadState() == DEAD || m_detached_mode";
 
 TEST_F(ThreadTest, destroyingOneThatRunsEndsTheProcess) {
-    ChildEnd const end = runInChild([] {
-        rlimit const no_core{0, 0};
-        setrlimit(RLIMIT_CORE, &no_core);
-        std::GlobalErrorHandler::setHook(nullptr);
-        StartedThread const thread([] { waitForCancellation(); });
-    });
-    EXPECT_EQ(SIGABRT, end.signal);
-    EXPECT_NE(std::string::npos, end.errors.find("framework/src/vesk/posix/Thread")) << end.errors;
-    EXPECT_NE(std::string::npos, end.errors.find("thread still running")) << end.errors;
+    auto const destroy = [] { StartedThread const thread([] { waitForCancellation(); }); };
+    EXPECT_TRUE(abortsWith("framework/src/vesk/posix/Thread", destroy));
+    EXPECT_TRUE(abortsWith("thread still running", destroy));
 }
 
 /// A body with events of its own, for a thread that outlives its object.
@@ -530,7 +483,7 @@ struct LongBody {
         body.running.set();
         EXPECT_TRUE(body.go.wait());
         body.registration_failed =
-            Thread::registerExitHandler([](Thread::ThreadId const&, Thread::ExitReason) {});
+            Thread::registerExitHandler([](Thread::ThreadId const&, Thread::ExitReason) { ADD_FAILURE(); });
         body.done.set();
     }
     void end() {
@@ -587,6 +540,7 @@ TEST_F(ThreadTest, detachedOneDestroyedRightAfterItsStartRunsOn) {
         } // Waits for the hand-over, not for the body, which waits for this thread.
         EXPECT_FALSE(body.done.isSet());
         body.end();
+        EXPECT_FALSE(body.registration_failed) << "exit handlers can be registered without the object";
     }
 }
 
@@ -626,17 +580,12 @@ TEST_F(ThreadTest, suspendWaitsForTheWakeup) {
     EXPECT_FALSE(thread.join());
 }
 
-TEST_F(ThreadTest, suspendForANegativeTimeTimesOutAtOnce) {
-    runInThread([] {
-        EXPECT_FALSE(self().suspend(-1));
-        EXPECT_FALSE(self().suspend(LOWEST));
-    });
-}
-
 TEST_F(ThreadTest, suspendThatTimesOutLeavesTheStateSuspended) {
     Event first;
     Event second;
     StartedThread thread([&] {
+        EXPECT_FALSE(self().suspend(-1)) << "times out at once";
+        EXPECT_FALSE(self().suspend(LOWEST));
         long long const before = getTime();
         EXPECT_FALSE(self().suspend(20));
         EXPECT_GE(getTime() - before, 20);
@@ -738,17 +687,6 @@ TEST_F(ThreadExitHandlers, ofADetachedOneDoNotRunWhenItsBodyReturns) {
     EXPECT_EQ(Handled{"1 normal"}, g_handled) << "it was registered";
 }
 
-TEST_F(ThreadExitHandlers, canBeRegisteredWhenTheObjectIsDestroyed) {
-    LongBody body;
-    {
-        Thread thread(LongBody::run, &body, nullptr, Attr(), true);
-        EXPECT_FALSE(thread.start());
-    }
-    body.end();
-    EXPECT_FALSE(body.registration_failed);
-    EXPECT_TRUE(g_handled.empty());
-}
-
 /// Registers a handler at the very end of its thread, behind the wrapper of the body.
 class RegistersLate {
 public:
@@ -789,45 +727,34 @@ TEST_F(ThreadExitHandlers, ofTheMainThreadAreKeptAndNeverCalled) {
 
 // ---- the start-up ----
 
-TEST_F(ThreadTest, startUpStoresTheMainThreadBetweenTheClocksAndTheRest) {
-    expectInChild([] {
-        EXPECT_EQ(Thread::ThreadId::INVALID_THREAD_ID, Thread::s_main_thread_id);
-        g_main_known_at_monotonic = -1;
-        g_main_known_at_wall_clock = -1;
-        vesk::Vesk const vesk(true, false);
+VESK_TEST_BY(expectInChild, ThreadStartUp, storesTheMainThreadBetweenTheClocksAndTheRest) {
+    EXPECT_EQ(Thread::ThreadId::INVALID_THREAD_ID, Thread::s_main_thread_id);
+    g_main_known_at_monotonic = -1;
+    g_main_known_at_wall_clock = -1;
+    vesk::Vesk const vesk(true, false);
+    EXPECT_EQ(Thread::getCallerThreadId(), Thread::s_main_thread_id);
+    EXPECT_EQ(0, g_main_known_at_monotonic) << "Time::init runs before";
+    EXPECT_EQ(1, g_main_known_at_wall_clock) << "Vesk::postInit runs behind";
+}
+
+VESK_TEST_BY(expectInChild, ThreadStartUp, thatFailsEarlierDoesNotStoreTheMainThread) {
+    EventRecorder const recorder;
+    Fault const fault(inject_sigaction, EINVAL);
+    vesk::Vesk const vesk(true, false);
+    EXPECT_EQ(Thread::ThreadId::INVALID_THREAD_ID, Thread::s_main_thread_id);
+    EXPECT_EQ(1u, recorder.getCount());
+}
+
+VESK_TEST_BY(expectInChild, ThreadStartUp, secondOneInAnotherThreadKeepsTheMainThreadAndInitTakesTheCaller) {
+    vesk::Vesk const first(true, false);
+    Thread::ThreadId const main_id = Thread::getCallerThreadId();
+    std::thread([] { vesk::Vesk const second(true, false); }).join();
+    EXPECT_EQ(main_id, Thread::s_main_thread_id);
+    std::thread([] {
+        EXPECT_FALSE(Thread::init());
         EXPECT_EQ(Thread::getCallerThreadId(), Thread::s_main_thread_id);
-        EXPECT_EQ(0, g_main_known_at_monotonic) << "Time::init runs before";
-        EXPECT_EQ(1, g_main_known_at_wall_clock) << "Vesk::postInit runs behind";
-    });
-}
-
-TEST_F(ThreadTest, startUpThatFailsEarlierDoesNotStoreTheMainThread) {
-    expectInChild([] {
-        EventRecorder const recorder;
-        Fault const fault(inject_sigaction, EINVAL);
-        vesk::Vesk const vesk(true, false);
-        EXPECT_EQ(Thread::ThreadId::INVALID_THREAD_ID, Thread::s_main_thread_id);
-        EXPECT_EQ(1u, recorder.getCount());
-    });
-}
-
-TEST_F(ThreadTest, secondStartUpInAnotherThreadKeepsTheMainThread) {
-    expectInChild([] {
-        vesk::Vesk const first(true, false);
-        Thread::ThreadId const main_id = Thread::getCallerThreadId();
-        std::thread([] { vesk::Vesk const second(true, false); }).join();
-        EXPECT_EQ(main_id, Thread::s_main_thread_id);
-    });
-}
-
-TEST_F(ThreadTest, initAlwaysSucceeds) {
-    expectInChild([] {
-        std::thread([] {
-            EXPECT_FALSE(Thread::init());
-            EXPECT_EQ(Thread::getCallerThreadId(), Thread::s_main_thread_id);
-            EXPECT_TRUE(chainIs({}));
-        }).join();
-    });
+        EXPECT_TRUE(chainIs({}));
+    }).join();
 }
 
 TEST_F(ThreadTest, yieldReportsOnlyAFailure) {
@@ -842,8 +769,7 @@ TEST_F(ThreadTest, yieldReportsOnlyAFailure) {
 
 TEST_F(ThreadTest, holdsTheLowestIntegerInAFieldThatIsNeverRead) {
     Thread thread([](void*) {}, nullptr);
-    EXPECT_FALSE(thread.start());
-    EXPECT_FALSE(thread.join()); // The thread no longer writes to the object.
+    runToEnd(thread); // The thread no longer writes to the object.
     int32_t words[sizeof(Thread) / sizeof(int32_t)];
     memcpy(words, static_cast<void const*>(&thread), sizeof words);
     EXPECT_NE(std::end(words), std::find(std::begin(words), std::end(words), INT32_MIN));

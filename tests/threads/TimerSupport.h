@@ -6,40 +6,85 @@
 
 #include <tarncommon/tarnbase/TimePoint.h>
 
-#include <atomic>
-#include <functional>
-#include <pthread.h>
-#include <string>
-#include <utility>
+#include <sys/resource.h>
 
+/// What the tests of timers and alarms have in common.
 namespace support {
 
-/// A timer that counts its calls and runs an action in each.
-class Clock : public vesk::Timer {
+using Engine = vesk::Alarm::Timer;
+using EnginePtr = std::SharedBase::Ptr<Engine>;
+
+/// The base of a timer or an alarm that counts its calls, runs an action in each, and keeps when, on which thread and
+/// with which nice value the last one was made.
+template <typename Self>
+class Ringing {
 public:
-    explicit Clock(bool high_priority = false, std::function<void(Clock&)> then = nullptr)
-        : Timer(tick, high_priority), action(std::move(then)) {}
-    ~Clock() override { stop(); }
+    using Action = std::function<void(Self&)>;
 
     bool waitFor(int calls) const {
-        return eventually([&] { return count >= calls; });
+        return eventually([this, calls] { return count >= calls; });
     }
 
     std::atomic<int> count{0};
-    std::string thread_name; ///< Of the last call.
-    std::function<void(Clock&)> action;
+    std::atomic<long long> at{0};
+    int nice = -100;
+    pthread_t thread{};
+    std::string thread_name;
+    Action action;
 
-private:
-    static void tick(Timer* timer) {
-        Clock& self = *static_cast<Clock*>(timer);
+protected:
+    explicit Ringing(Action then) : action(std::move(then)) {}
+
+    void ring() {
         char name[16] = {};
         pthread_getname_np(pthread_self(), name, sizeof name);
-        self.thread_name = name;
-        if (self.action) {
-            self.action(self);
+        thread = pthread_self();
+        thread_name = name;
+        nice = getpriority(PRIO_PROCESS, 0);
+        at = tarnbase::TimePoint::now().getCount();
+        if (action) {
+            action(static_cast<Self&>(*this));
         }
-        ++self.count;
+        ++count;
     }
+};
+
+/// The destructor stops it.
+class Clock : public Ringing<Clock>, public vesk::Timer {
+public:
+    explicit Clock(bool high_priority = false, Action then = nullptr)
+        : Ringing(std::move(then)),
+          Timer([](Timer* timer) { static_cast<Clock*>(timer)->ring(); }, high_priority) {}
+    ~Clock() override { stop(); }
+};
+
+/// The destructor stops it.
+class TestAlarm : public Ringing<TestAlarm> {
+public:
+    explicit TestAlarm(EnginePtr const& engine, Action then = nullptr, vesk::Message::Sink* sink = nullptr)
+        : Ringing(std::move(then)),
+          alarm(
+              engine, sink, [](void* self) { static_cast<TestAlarm*>(self)->ring(); }, this) {}
+    ~TestAlarm() { stop(); }
+
+    void start(long long ms) { alarm.start(tarnbase::Duration(ms)); }
+    void stop() { alarm.stop(); }
+
+    vesk::Alarm alarm;
+};
+
+/// An action that lasts until the test releases it.
+struct Lingering {
+    template <typename Self>
+    void operator()(Self&) {
+        entered.set();
+        EXPECT_TRUE(leave.wait());
+        left = true;
+    }
+
+    Event entered;
+    Event leave;
+    bool left = false; // Not atomic: the engine's lock orders it.
 };
 
 /// Waits until `ms` milliseconds have passed.

@@ -1,19 +1,11 @@
+#include "KernelTimers.h"
 #include "SignalsToMainThread.h"
 #include "TimerSupport.h"
+#include "frame/FakeClock.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Privileges.h"
 #include "support/Processes.h"
 
 #include <vesk/Vesk.h>
-
-#include <tarncommon/error/CommonError.h>
-
-#include <algorithm>
-#include <csignal>
-#include <memory>
-#include <sys/resource.h>
-#include <type_traits>
 
 namespace {
 
@@ -40,8 +32,6 @@ void letPass(unsigned int ms, bool high_priority = false) {
 }
 
 // ---- what timers do step by step ----
-
-using Action = std::function<void(Clock&)>;
 
 /// One step of a timer of high or low priority.
 using Step = std::function<void(Clock&, bool)>;
@@ -84,7 +74,7 @@ Step const EXPIRE = [](Clock& clock, bool) { Timer::procedure(static_cast<Timer*
 struct Course {
     char const* name;
     std::vector<Step> steps;
-    Action action = nullptr; ///< Of each call.
+    Clock::Action action = nullptr; ///< Of each call.
 };
 
 class TimerCourse : public testing::TestWithParam<Course> {};
@@ -139,49 +129,17 @@ TEST_P(TimerOfPriority, periodicTimerGoesOnOnTheThreadOfItsPriority) {
     EXPECT_EQ(GetParam() ? "HighPrioTimer" : "Timer", clock.thread_name);
 }
 
-TEST_P(TimerOfPriority, theLastOneEndsTheThreadAndANewOneStartsANewOne) {
-    for (int i = 0; i < 3; ++i) {
-        {
-            Clock const first(GetParam());
-            EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
-            {
-                Clock second(GetParam());
-                EXPECT_FALSE(second.start(AN_HOUR, true));
-                EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
-            }
-            EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
-        }
-        EXPECT_TRUE(hasThreads(g_threads_at_start));
-    }
-    Clock clock(GetParam());
-    EXPECT_FALSE(clock.start(1, true));
-    EXPECT_TRUE(clock.waitFor(3));
-}
-
-TEST_P(TimerOfPriority, hasItsSignalWhileThereAreSome) {
-    int const signal = SIGRTMIN + (GetParam() ? 2 : 3);
-    struct sigaction action {};
-    {
-        Clock const clock(GetParam());
-        sigaction(signal, nullptr, &action);
-        EXPECT_EQ(vesk::SignalCatcherImpl::enqueue_signal, action.sa_handler);
-    }
-    sigaction(signal, nullptr, &action);
-    EXPECT_EQ(SIG_DFL, action.sa_handler);
-}
-
 TEST_P(TimerOfPriority, itsThreadIsScheduledAsTheOneThatStartedTheLibrary) {
     VESK_SKIP_UNLESS_NICE_MAY_BE(5, 7, 5);
     expectInChild([] {
         ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 5));
         vesk::Vesk const vesk(true, false);
         ASSERT_EQ(0, setpriority(PRIO_PROCESS, 0, 7));
-        int seen = -100;
-        Clock clock(GetParam(), [&seen](Clock&) { seen = getpriority(PRIO_PROCESS, 0); });
+        Clock clock(GetParam());
         EXPECT_FALSE(clock.start(1, false));
         EXPECT_TRUE(clock.waitFor(1));
         clock.stop();
-        EXPECT_EQ(5, seen);
+        EXPECT_EQ(5, clock.nice);
     });
 }
 
@@ -231,37 +189,6 @@ TEST(Timer, aCallbackMayDestroyItsOwnTimerWhileThereAreOthers) {
     letPass(3);
 }
 
-TEST(Timer, stopAndTheDestructorWaitForACallbackThatIsRunning) {
-    for (bool const destroy : {false, true}) {
-        Event entered;
-        Event leave;
-        bool left = false; // No atomic: the engine's lock orders it.
-        auto clock = std::make_unique<Clock>(false, [&](Clock&) {
-            entered.set();
-            EXPECT_TRUE(leave.wait());
-            left = true;
-        });
-        EXPECT_FALSE(clock->start(1, false));
-        ASSERT_TRUE(entered.wait());
-        std::atomic<bool> done{false};
-        std::thread other([&] {
-            if (destroy) {
-                clock.reset();
-            } else {
-                clock->stop();
-            }
-            EXPECT_TRUE(left);
-            done = true;
-        });
-        for (int i = 0; i < 1000; ++i) {
-            sched_yield();
-            ASSERT_FALSE(done);
-        }
-        leave.set();
-        other.join();
-    }
-}
-
 TEST(Timer, callbacksOfOnePriorityRunOneAfterTheOther) {
     int inside = 0;   // No atomics: they would
     int together = 0; // hide what is looked for.
@@ -282,26 +209,120 @@ TEST(Timer, callbacksOfOnePriorityRunOneAfterTheOther) {
     EXPECT_EQ(0, together);
 }
 
-TEST(Timer, slowCallbackDelaysItsPriorityAndNotTheOther) {
-    Event entered;
-    Event leave;
-    Clock slow(false, [&](Clock&) {
-        entered.set();
-        EXPECT_TRUE(leave.wait());
-    });
-    Clock low;
-    Clock high(true);
-    EXPECT_FALSE(low.start(150, true));
-    EXPECT_FALSE(slow.start(1, false));
-    ASSERT_TRUE(entered.wait());
-    int const before = low.count;
-    EXPECT_FALSE(high.start(1, true));
-    EXPECT_TRUE(high.waitFor(20));
-    pass(300);
-    EXPECT_EQ(before, low.count);
-    leave.set();
-    EXPECT_TRUE(low.waitFor(before + 1));
+// ---- what timers and alarms have in common ----
+
+struct LowTimer : Clock {
+    explicit LowTimer(Action then = nullptr) : Clock(false, std::move(then)) {}
+    static constexpr int SIGNAL = 3; ///< From SIGRTMIN on.
+    static constexpr char const* THREAD = "Timer";
+};
+struct HighTimer : Clock {
+    explicit HighTimer(Action then = nullptr) : Clock(true, std::move(then)) {}
+    static constexpr int SIGNAL = 2;
+    static constexpr char const* THREAD = "HighPrioTimer";
+};
+struct DefaultAlarm : TestAlarm {
+    explicit DefaultAlarm(Action then = nullptr)
+        : TestAlarm(EnginePtr(vesk::Alarm::DEFAULT_TIMER), std::move(then)) {}
+    static constexpr int SIGNAL = 3;
+    static constexpr char const* THREAD = "Timer";
+};
+
+void startOnce(Clock& clock, unsigned int ms) {
+    EXPECT_FALSE(clock.start(ms, false));
 }
+void startOnce(TestAlarm& alarm, unsigned int ms) {
+    alarm.start(ms);
+}
+
+template <typename T>
+class TimersAndAlarms : public testing::Test {};
+using AllKinds = testing::Types<LowTimer, HighTimer, DefaultAlarm>;
+struct KindName {
+    template <typename T>
+    static std::string GetName(int i) {
+        return i == 0 ? "LowTimer" : i == 1 ? "HighTimer" : "DefaultAlarm";
+    }
+};
+TYPED_TEST_SUITE(TimersAndAlarms, AllKinds, KindName);
+
+TYPED_TEST(TimersAndAlarms, theLastOneEndsTheThreadAndANewOneStartsANewOne) {
+    for (int i = 0; i < 3; ++i) {
+        {
+            TypeParam const first;
+            EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
+            {
+                TypeParam second;
+                startOnce(second, AN_HOUR);
+                EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
+            }
+            EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
+        }
+        EXPECT_TRUE(hasThreads(g_threads_at_start));
+    }
+    TypeParam next;
+    startOnce(next, 1);
+    EXPECT_TRUE(next.waitFor(1));
+    EXPECT_EQ(TypeParam::THREAD, next.thread_name);
+}
+
+TYPED_TEST(TimersAndAlarms, haveTheirSignalWhileThereAreSome) {
+    struct sigaction action {};
+    {
+        TypeParam const one;
+        sigaction(SIGRTMIN + TypeParam::SIGNAL, nullptr, &action);
+        EXPECT_EQ(vesk::SignalCatcherImpl::enqueue_signal, action.sa_handler);
+    }
+    sigaction(SIGRTMIN + TypeParam::SIGNAL, nullptr, &action);
+    EXPECT_EQ(SIG_DFL, action.sa_handler);
+}
+
+TYPED_TEST(TimersAndAlarms, stopAndTheDestructorWaitForACallbackThatIsRunning) {
+    for (bool const destroy : {false, true}) {
+        Lingering lingering;
+        auto one = std::make_unique<TypeParam>(std::ref(lingering));
+        startOnce(*one, 1);
+        ASSERT_TRUE(lingering.entered.wait());
+        std::atomic<bool> done{false};
+        std::thread other([&] {
+            if (destroy) {
+                one.reset();
+            } else {
+                one->stop();
+            }
+            EXPECT_TRUE(lingering.left);
+            done = true;
+        });
+        for (int i = 0; i < 1000; ++i) {
+            sched_yield();
+            ASSERT_FALSE(done);
+        }
+        lingering.leave.set();
+        other.join();
+    }
+}
+
+TYPED_TEST(TimersAndAlarms, slowCallbackDelaysItsEngineAndNotTheOther) {
+    using Other = std::conditional_t<std::is_same_v<TypeParam, HighTimer>, LowTimer, HighTimer>;
+    Lingering lingering;
+    TypeParam slow(std::ref(lingering));
+    TypeParam delayed([](auto& self) { startOnce(self, 150); });
+    Other other([](auto& self) { startOnce(self, 1); });
+    startOnce(delayed, 150);
+    startOnce(slow, 1);
+    ASSERT_TRUE(lingering.entered.wait());
+    int const before = delayed.count;
+    startOnce(other, 1);
+    EXPECT_TRUE(other.waitFor(20));
+    pass(300);
+    EXPECT_EQ(before, delayed.count);
+    lingering.leave.set();
+    EXPECT_TRUE(delayed.waitFor(before + 1));
+    other.stop();
+    EXPECT_EQ(Other::THREAD, other.thread_name);
+}
+
+// ---- a busy engine ----
 
 /// A call that needs the engine while a callback runs, made by several threads at once.
 struct WaitingCall {
@@ -375,38 +396,35 @@ INSTANTIATE_TEST_SUITE_P(
         WaitingCall{"snoozeOfMany", 6, [](std::unique_ptr<Clock>& own) { own->snooze(); }}),
     RowName());
 
-TEST(Timer, callbacksOfBothPrioritiesMayStopAndStartEachOthersTimers) {
-    expectInChild([] {
-        Clock* clocks[2] = {};
-        Event entered[2];
-        auto const stopOther = [&](Clock& self) {
-            size_t const own = &self == clocks[0] ? 0 : 1;
-            entered[own].set();
-            if (self.count == 0) {
-                EXPECT_TRUE(entered[1 - own].wait());
-            }
-            EXPECT_FALSE(clocks[1 - own]->stop());
-            EXPECT_FALSE(clocks[1 - own]->start(1, true));
-        };
-        Clock low(false, stopOther);
-        Clock high(true, stopOther);
-        clocks[0] = &low;
-        clocks[1] = &high;
-        EXPECT_FALSE(low.start(1, true));
-        EXPECT_FALSE(high.start(1, true));
-        EXPECT_TRUE(low.waitFor(300));
-        EXPECT_TRUE(high.waitFor(300));
-        low.stop();
-        high.stop();
-    });
+VESK_TEST_BY(expectInChild, Timer, callbacksOfBothPrioritiesMayStopAndStartEachOthersTimers) {
+    Clock* clocks[2] = {};
+    Event entered[2];
+    auto const stopOther = [&](Clock& self) {
+        size_t const own = &self == clocks[0] ? 0 : 1;
+        entered[own].set();
+        if (self.count == 0) {
+            EXPECT_TRUE(entered[1 - own].wait());
+        }
+        EXPECT_FALSE(clocks[1 - own]->stop());
+        EXPECT_FALSE(clocks[1 - own]->start(1, true));
+    };
+    Clock low(false, stopOther);
+    Clock high(true, stopOther);
+    clocks[0] = &low;
+    clocks[1] = &high;
+    EXPECT_FALSE(low.start(1, true));
+    EXPECT_FALSE(high.start(1, true));
+    EXPECT_TRUE(low.waitFor(300));
+    EXPECT_TRUE(high.waitFor(300));
+    low.stop();
+    high.stop();
 }
 
 TEST(Timer, anAlarmAndAnOrdinaryTimerShareTheEngineAndItsThread) {
     EXPECT_EQ(&vesk::Alarm::DEFAULT_TIMER, &Timer::timer_low_prio);
-    int const threads = countThreads();
     Clock const clock;
-    std::SharedBase::Ptr<vesk::Alarm::Timer> const engine(vesk::Alarm::DEFAULT_TIMER);
-    EXPECT_TRUE(hasThreads(threads + 1));
+    DefaultAlarm const alarm;
+    EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
 }
 
 TEST(TimerError, hasItsTexts) {
@@ -432,6 +450,149 @@ TEST(Timer, manyThreadsUseTimersOfTheirOwn) {
             EXPECT_EQ(count, clock.count);
         }
     });
+}
+
+// ---- what timers have armed, and when ----
+
+class TimerPeriod;
+
+/// One step of a test, and what it arms.
+struct PeriodStep {
+    std::function<void(TimerPeriod&)> run;
+    Spans armed = {};
+};
+
+/// The test sets the clock and rings the engine, and the kernel's timer is only recorded.
+class TimerPeriod : public testing::Test {
+public:
+    void setTime(long long since_start) {
+        m_fake.set(
+            5000 + static_cast<time_t>(since_start / 1000), static_cast<long>(since_start % 1000) * 1000000);
+    }
+    void ringAt(long long since_start) {
+        setTime(since_start);
+        vesk::Alarm::Timer::ring(m_engine.get());
+    }
+    /// Runs the steps. Checks what each of them has armed.
+    void run(std::vector<PeriodStep> const& steps) {
+        int number = 0;
+        for (PeriodStep const& step : steps) {
+            SCOPED_TRACE(++number);
+            step.run(*this);
+            EXPECT_EQ(step.armed, m_timers.take());
+        }
+        std::ErrorStorage::ack();
+    }
+
+    FakeClock m_fake{5000, 0};
+    KernelTimers m_timers;
+    std::SharedBase::Ptr<vesk::Alarm::DefaultTimer> m_engine{Timer::timer_low_prio};
+    Clock m_clock;
+};
+
+PeriodStep at(long long time) {
+    return {[=](TimerPeriod& test) { test.setTime(time); }};
+}
+PeriodStep start(unsigned int interval, bool periodic, Spans const& armed) {
+    return {
+        [=](TimerPeriod& test) { EXPECT_EQ(interval == 0, test.m_clock.start(interval, periodic)); }, armed};
+}
+/// Rings the engine at this time. Checks the number of calls so far.
+PeriodStep ring(long long time, int count, Spans const& armed = {}) {
+    return {
+        [=](TimerPeriod& test) {
+            test.ringAt(time);
+            EXPECT_EQ(count, test.m_clock.count);
+        },
+        armed};
+}
+PeriodStep const SNOOZE_ONCE{[](TimerPeriod& test) { EXPECT_FALSE(test.m_clock.snooze()); }};
+PeriodStep const STOP_ONCE{[](TimerPeriod& test) { EXPECT_FALSE(test.m_clock.stop()); }};
+
+struct PeriodCourse {
+    char const* name;
+    std::vector<PeriodStep> steps;
+    void (*action)(Clock&) = nullptr; ///< Of each call.
+};
+
+class TimerPeriodCourse : public TimerPeriod, public testing::WithParamInterface<PeriodCourse> {};
+
+TEST_P(TimerPeriodCourse, armsAndRings) {
+    m_clock.action = GetParam().action;
+    run(GetParam().steps);
+}
+
+PeriodCourse const PERIOD_COURSES[] = {
+    {"startArmsForTheInterval", {start(1500, false, {ms(1500)})}},
+    {"startArmsForTheLongestInterval", {start(4294967295U, false, {ms(4294967295)})}},
+    {"startWhileItRunsBeginsThePeriodAnewFromNow",
+     {start(1000, false, {ms(1000)}), at(400), start(1000, false, {}), ring(1000, 0, {ms(400), ms(400)}),
+      ring(1400, 1)}},
+    {"snoozeOfARunningTimerPutsItOffWithoutASystemCall",
+     {start(1000, false, {ms(1000)}), at(400), SNOOZE_ONCE, ring(1000, 0, {ms(400)}), ring(1400, 1)}},
+    {"stopMakesNoSystemCall", {start(1000, true, {ms(1000)}), STOP_ONCE, ring(1000, 0)}},
+    {"startWithZeroChangesNothing",
+     {start(1000, false, {ms(1000)}), at(400), start(0, true, {}), ring(1000, 1)}},
+    {"countsFromTheMomentOfTheExpiryAndSoDrifts",
+     {start(1000, true, {ms(1000)}), ring(1030, 1, {ms(1000), ms(1000)}), ring(2029, 1, {ms(1), ms(1)}),
+      ring(2045, 2, {ms(1000), ms(1000)}), ring(3044, 2, {ms(1), ms(1)}),
+      ring(3045, 3, {ms(1000), ms(1000)})}},
+    {"callbackThatStopsRemovesWhatWasJustArmed",
+     {start(1000, true, {ms(1000)}), ring(1000, 1, {ms(1000)}), ring(1000000, 1)},
+     [](Clock& clock) { clock.stop(); }},
+};
+INSTANTIATE_TEST_SUITE_P(All, TimerPeriodCourse, testing::ValuesIn(PERIOD_COURSES), RowName());
+
+TEST_F(TimerPeriod, earlyRingDoesNotShortenAPeriodThatBeganWithinAMillisecond) {
+    ASSERT_FALSE(m_clock.start(1000, false));
+    m_fake.set(5000, 900000);
+    ASSERT_FALSE(m_clock.start(1000, false));
+    EXPECT_EQ(Spans{ms(1000)}, m_timers.take());
+    ringAt(1000);
+    EXPECT_EQ(0, m_clock.count);
+    EXPECT_EQ((Spans{{0, 900000}, {0, 900000}}), m_timers.take());
+    m_fake.set(5001, 900000);
+    vesk::Alarm::Timer::ring(m_engine.get());
+    EXPECT_EQ(1, m_clock.count);
+}
+
+TEST_F(TimerPeriod, isArmedBeforeTheCallbackRuns) {
+    Spans before_callback;
+    m_clock.action = [&](Clock&) {
+        before_callback = m_timers.take();
+        setTime(1300);
+    };
+    run({start(1000, true, {ms(1000)}), ring(1000, 1, {ms(1000)})});
+    EXPECT_EQ(Spans{ms(1000)}, before_callback);
+    m_clock.action = nullptr;
+    run({ring(1999, 1, {ms(1), ms(1)}), ring(2000, 2, {ms(1000), ms(1000)})});
+}
+
+TEST_F(TimerPeriod, callbackCannotStopAnotherTimerThatIsDueWithIt) {
+    // The one with the lower address is called first, and stops the other one.
+    Clock other(false, [this](Clock&) { m_clock.stop(); });
+    m_clock.action = [&other](Clock&) { other.stop(); };
+    EXPECT_FALSE(m_clock.start(1000, true));
+    EXPECT_FALSE(other.start(1000, true));
+    ringAt(1000);
+    EXPECT_EQ(1, m_clock.count);
+    EXPECT_EQ(1, other.count);
+    ringAt(2000);
+    EXPECT_EQ(3, m_clock.count + other.count) << "the first one is stopped by the other, which runs on";
+}
+
+/// The kernel gets the arming of the start and the one before the callback, and no later one: only the signal that came
+/// while the callback ran can bring the second call.
+TEST(TimerOnItsThread, callbackThatTakesLongerThanTheIntervalIsFollowedAtOnceByTheNextCall) {
+    KernelTimers timers(2);
+    Clock clock(false, [](Clock& self) {
+        if (self.count == 0) {
+            pass(100);
+        }
+    });
+    EXPECT_FALSE(clock.start(20, true));
+    EXPECT_TRUE(eventually([&] { return clock.count == 2; }));
+    clock.stop();
 }
 
 TEST(Timer, keepsItsPriorityInAFieldThatIsNeverRead) {

@@ -21,9 +21,12 @@
 
 namespace vesk {
 
+class Timer;
+
 namespace detail {
 class AlarmTable;
 struct AlarmRinger;
+struct Moment;
 } // namespace detail
 
 /// A single pending timeout. Any number of alarms share an engine, which consists of one kernel timer and one
@@ -68,7 +71,10 @@ public:
     void stop();
 
 private:
+    friend class vesk::Timer;
+
     void deliver() const;
+    TARN_HIDDEN void restart(tarnbase::Duration const& delay, void (*change)(void*), void* argument);
 
     std::SharedBase::Ptr<Timer> m_engine;
     Message::Sink* m_sink;
@@ -122,8 +128,8 @@ public:
     ~Timer();
 
     /// Sets the expiry of an alarm to `delay` from now, whether it is pending or not. Makes a system call
-    /// (`timer_settime`) only if the alarm becomes the earliest of all. Blocks while a callback runs in
-    /// another thread.
+    /// (`timer_settime`) only if the alarm becomes the earliest of all and the kernel's timer, which stays
+    /// armed when an alarm is removed, does not ring before. Blocks while a callback runs in another thread.
     ///
     /// Throws `std::bad_alloc` if there is no memory for another pending alarm, and leaves everything
     /// unchanged.
@@ -155,6 +161,8 @@ public:
     void waitForCallback() noexcept;
 
 private:
+    friend class Alarm;
+
     class Access;
     class Ring;
     class Waiting;
@@ -170,6 +178,16 @@ private:
     bool waitForCalls(char const* function) noexcept TARN_REQUIRES(m_lock);
     void wakeNext() noexcept TARN_REQUIRES(m_lock);
     void dropSignals() noexcept;
+    TARN_HIDDEN void
+    restart(Alarm* alarm, tarnbase::Duration const& delay, void (*change)(void*), void* argument);
+    TARN_HIDDEN void set(Alarm* alarm, tarnbase::Duration delay) TARN_REQUIRES(m_lock);
+    TARN_HIDDEN void erase(Alarm const* alarm) noexcept TARN_REQUIRES(m_lock);
+    TARN_HIDDEN void
+    armFor(detail::Moment const& now, tarnbase::TimePoint expiry, tarnbase::Duration delay) noexcept
+        TARN_REQUIRES(m_lock);
+    TARN_HIDDEN bool isEarly(tarnbase::TimePoint now) const noexcept TARN_REQUIRES(m_lock);
+    TARN_HIDDEN long long getExactRest() const noexcept TARN_REQUIRES(m_lock);
+    TARN_HIDDEN bool arm(timespec const& delay) noexcept;
     void armTimer(tarnbase::Duration delay) noexcept;
     void armForNext(tarnbase::TimePoint now) noexcept TARN_REQUIRES(m_lock);
     void takeDue(tarnbase::TimePoint now, std::vector<Alarm const*>& due) TARN_REQUIRES(m_lock);

@@ -90,10 +90,15 @@ public:
 
 private:
     Message* pop();
+    TARN_HIDDEN void show(Message* message);
 
     Mutex mutex;
     // Relaxed: threads only poll the flag. The notifier provides the memory ordering that is needed.
     std::atomic<bool> running{true};
+    // 0 only if there are no handlers: `dispatch` then needs no lock. In what was padding before: the size
+    // of the class must not change. Code that was compiled without this member leaves it undefined at first,
+    // which costs a lock, but is never wrong: `add_handler` sets it.
+    std::atomic<unsigned char> has_handlers{0};
     Notifier* notifier;
     std::list<Message::Source*> sources;
     std::list<Message::Handler*> handlers TARN_GUARDED_BY(mutex);
@@ -161,9 +166,13 @@ public:
 private:
     Mutex mutex;
     Condition condition;
-    bool signalled TARN_GUARDED_BY(mutex) = false;
-    bool waiter_woken TARN_GUARDED_BY(mutex) =
-        false; // Whether `condition.signal` succeeded for the pending signal.
+    enum State : unsigned char {
+        NONE,
+        PENDING, // Signaled, but waking a waiter has failed.
+        WOKEN,   // Signaled, and a waiter is woken if there is one.
+    };
+    // Leaves NONE only with the mutex held.
+    std::atomic<unsigned char> state{NONE};
 };
 
 } // namespace vesk

@@ -126,6 +126,7 @@ private:
     void queueRemovals(Matches matches);
     void send(unsigned char command) const noexcept;
     void rebuild(Calls& calls);
+    TARN_HIDDEN void changeSet(bool has_failures) TARN_REQUIRES(mutex);
     TARN_HIDDEN void waitForEvents();
     unsigned char receive() const;
     void forget() noexcept;

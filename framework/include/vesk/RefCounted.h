@@ -33,8 +33,9 @@ namespace vesk {
 /// handle belongs to one thread at a time. The counts come from one pool of the process with space for 1,024
 /// of them, which grows beyond that and shrinks again. A copy costs one atomic increment and never allocates,
 /// blocks or fails. Creating a handle that is not a copy, and destroying the last handle of a resource, may
-/// take the pool's lock, a leaf lock: no other lock of the library is taken under it. Handles may be global
-/// objects of any library or program.
+/// take the pool's lock, a leaf lock: no other lock of the library is taken under it. Up to 64 threads keep
+/// the count that they released last for their next handle, and need no lock for a temporary handle. Handles
+/// may be global objects of any library or program.
 ///
 /// If there is no memory for a count, the handle has none. It and its copies work, but the last of them
 /// cannot be determined, so `destroy()` is never called for them.
@@ -49,10 +50,7 @@ protected:
     /// Takes a new count, 1. The first handle of the process creates the pool, which may throw
     /// `std::bad_alloc`. In that case the next handle tries again.
     VESK_API_INLINE RefCounted() : counter(nullptr) {
-        void* item = takeSpare();
-        if (__builtin_expect(item == nullptr, 0)) {
-            item = takeFromPool();
-        }
+        void* const item = takeFromPool();
         if (item != nullptr) {
             counter = new (item) Counter(1);
         }
@@ -83,7 +81,10 @@ protected:
     /// Releases the count. The last release frees the shared resource. Must be called once for each handle,
     /// from the destructor of the derived class.
     VESK_API_INLINE void decrement() {
-        if (counter != nullptr && counter->fetch_sub(1) == 1) {
+        // A count of 1 is this handle's own: no other thread has a handle that it could copy or destroy, so
+        // the count cannot change any more. The acquiring load pairs with the decrements of the other handles.
+        if (counter != nullptr &&
+            (counter->load(std::memory_order_acquire) == 1 || counter->fetch_sub(1) == 1)) {
             endLast();
         }
     }
@@ -122,17 +123,11 @@ private:
         return s_counter_pool.load(std::memory_order_acquire);
     }
 
-    /// Takes the spare item, null if there is none. The item of the pool's own block that was put back last
-    /// stays out of the free stack as a spare: creating and destroying a temporary handle takes no lock.
-    static void* takeSpare() noexcept {
-        return s_spare.load(std::memory_order_relaxed) != nullptr
-            ? s_spare.exchange(nullptr, std::memory_order_acquire)
-            : nullptr;
-    }
-
+    /// Takes an item: the thread's spare, or one of the pool.
     static void* takeFromPool();
     void endLast();
 
+    /// Always null. Programs that were compiled with an earlier version look here before `takeFromPool`.
     static std::atomic<void*> s_spare;
     static PoolEnd const s_pool_end;
 };

@@ -68,9 +68,9 @@ public:
     /// Closes the pipe.
     ~NotifierImpl() override;
 
-    /// Blocks until there is a byte in the pipe (`poll`) and takes one byte, even if there are more, so that
-    /// each `signal` ends one wait. Returns early if a signal handler runs in the thread meanwhile and leaves
-    /// nothing in the pipe. A cancellation point.
+    /// Blocks until there is a byte in the pipe and takes one byte (`read`), even if there are more, so that
+    /// each `signal` ends one wait. Returns early if a signal handler without `SA_RESTART` runs in the thread
+    /// meanwhile and leaves nothing in the pipe. A cancellation point.
     void wait() override;
 
     /// Writes a byte. A full pipe is not a failure: a wake-up is pending then. May be called from any thread

@@ -16,7 +16,8 @@ namespace vesk {
 ///     std::wstring const back = narrow;                 // and back
 ///
 /// Narrow text is in the encoding of the process's locale, as set by `setlocale`; nothing here assumes UTF-8
-/// unless the locale does.
+/// unless the locale does. In a UTF-8 locale, valid text is converted without the functions of the C library,
+/// with the same results.
 ///
 /// A handle either *borrows* or *owns* its text. Borrowing makes no copy: the caller must keep the text valid
 /// and unchanged as long as a handle refers to it. An owned text is freed by the last handle that shares it.

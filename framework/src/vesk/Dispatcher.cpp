@@ -19,11 +19,13 @@ void Dispatcher::add_source(Message::Source& source) {
 void Dispatcher::add_handler(Message::Handler& handler) {
     InternalLock const lock(mutex, SOURCE, "add_handler");
     handlers.push_back(&handler);
+    has_handlers.store(1, std::memory_order_relaxed);
 }
 
 void Dispatcher::remove_handler(Message::Handler& handler) {
     InternalLock const lock(mutex, SOURCE, "remove_handler");
     handlers.remove(&handler);
+    has_handlers.store(handlers.empty() ? 0 : 1, std::memory_order_relaxed);
 }
 
 void Dispatcher::run() {
@@ -53,16 +55,22 @@ void Dispatcher::stop() {
 }
 
 void Dispatcher::dispatch(Message* message) {
-    {
-        InternalLock const lock(mutex, SOURCE, "dispatch");
-        for (auto next = handlers.begin(); next != handlers.end();) {
-            // Advance before the call: if the process survives a fatal error in it, the handler may be gone.
-            Message::Handler* const handler = *next++;
-            message->get_handled_by(handler);
-        }
+    // Relaxed: only the lock makes the list visible. A handler that is added at the same time may miss the
+    // message, as if it had been added after it.
+    if (has_handlers.load(std::memory_order_relaxed) != 0) {
+        show(message);
     }
     message->invoke();
     message->dismiss();
+}
+
+void Dispatcher::show(Message* message) {
+    InternalLock const lock(mutex, SOURCE, "dispatch");
+    for (auto next = handlers.begin(); next != handlers.end();) {
+        // Advance before the call: if the process survives a fatal error in it, the handler may be gone.
+        Message::Handler* const handler = *next++;
+        message->get_handled_by(handler);
+    }
 }
 
 void Dispatcher::main(void* dispatcher) {
@@ -93,19 +101,26 @@ Dispatcher::VanillaNotifier::~VanillaNotifier() = default;
 
 void Dispatcher::VanillaNotifier::wait() {
     InternalLock const lock(mutex, SOURCE, "wait");
-    while (!signalled) {
+    while (state.load(std::memory_order_relaxed) == NONE) {
         // A wait that fails is reported, but does not count as a signal.
         condition.wait(mutex);
     }
-    signalled = false;
+    // Acquire: makes visible what precedes each `signal` that this wait takes, also those without the mutex.
+    state.exchange(NONE, std::memory_order_acq_rel);
 }
 
 void Dispatcher::VanillaNotifier::signal() {
+    // While the previous signal is pending, the waiter that it woke takes this one as well. An exchange, although
+    // the value stays: `wait` then reads this value, and sees what precedes this call. A load could be carried
+    // out before a preceding store.
+    unsigned char expected = WOKEN;
+    if (state.compare_exchange_strong(
+            expected, WOKEN, std::memory_order_acq_rel, std::memory_order_relaxed)) {
+        return;
+    }
     InternalLock const lock(mutex, SOURCE, "signal");
-    // While the previous signal is pending, the waiter that it woke takes this one as well.
-    if (!signalled || !waiter_woken) {
-        signalled = true;
-        waiter_woken = !condition.signal();
+    if (state.load(std::memory_order_relaxed) != WOKEN) {
+        state.store(condition.signal() ? PENDING : WOKEN, std::memory_order_release);
     }
 }
 

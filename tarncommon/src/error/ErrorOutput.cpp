@@ -36,16 +36,13 @@ void putArgument(TextWriter& writer, ErrorArgument const& argument) noexcept {
 /// Formats the text of a row. The type of an argument decides how it prints, so the letter of a conversion is
 /// skipped.
 void putRow(TextWriter& writer, char const* format, ErrorArgument const* args, unsigned int count) noexcept {
-    for (; *format != '\0'; ++format) {
-        if (*format != '%') {
-            writer.put(*format);
-            continue;
-        }
-        ++format;
-        if (*format == '\0') {
+    for (;;) {
+        char const* const conversion = strchrnul(format, '%');
+        writer.put(format, static_cast<size_t>(conversion - format));
+        if (conversion[0] == '\0' || conversion[1] == '\0') {
             return;
         }
-        if (*format == '%') {
+        if (conversion[1] == '%') {
             writer.put('%');
         } else if (count > 0) {
             putArgument(writer, *args++);
@@ -53,6 +50,7 @@ void putRow(TextWriter& writer, char const* format, ErrorArgument const* args, u
         } else {
             writer.put('?');
         }
+        format = conversion + 2;
     }
 }
 

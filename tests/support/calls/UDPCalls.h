@@ -17,7 +17,7 @@
 #include <unistd.h>
 #include <utility>
 
-/// Replaces the system calls below the UDP sockets: a `support::Fault` makes them fail, and a `CallRecorder`
+/// Replaces the system calls below the UDP sockets and the options of all sockets: a `support::Fault` makes them fail, and a `CallRecorder`
 /// records them with their arguments. Must be included in exactly one file of a test program.
 
 namespace support {
@@ -84,6 +84,7 @@ public:
             {SOL_SOCKET, SO_REUSEADDR, "SO_REUSEADDR"},
             {SOL_SOCKET, SO_BROADCAST, "SO_BROADCAST"},
             {SOL_SOCKET, SO_SNDBUF, "SO_SNDBUF"},
+            {SOL_SOCKET, SO_RCVBUF, "SO_RCVBUF"},
             {IPPROTO_IP, IP_MULTICAST_IF, "IPPROTO_IP IP_MULTICAST_IF"},
             {IPPROTO_IP, IP_ADD_MEMBERSHIP, "IPPROTO_IP IP_ADD_MEMBERSHIP"},
             {IPPROTO_IPV6, IPV6_MULTICAST_IF, "IPPROTO_IPV6 IPV6_MULTICAST_IF"},

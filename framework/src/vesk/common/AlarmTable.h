@@ -25,7 +25,21 @@ namespace vesk::detail {
 /// All operations but `getCount` are called with the engine's lock held.
 class AlarmTable : private tarnbase::NonCopyable {
 public:
+    /// The state of the kernel's timer, which belongs to the engine. It is here because the size of the engine
+    /// must not change: programs contain engines. Moments are nanoseconds of the monotonic clock.
+    struct KernelTimer {
+        /// When it rings at the latest; 0 if unknown.
+        long long rings_at = 0;
+        /// The exact moment of the expiry `exact_for`, for which the kernel's timer was not armed because it
+        /// rings before.
+        long long exact = 0;
+        tarnbase::TimePoint exact_for = tarnbase::TimePoint::MAX;
+    };
+
     AlarmTable();
+
+    KernelTimer& getKernelTimer() noexcept { return m_kernel_timer; }
+    KernelTimer const& getKernelTimer() const noexcept { return m_kernel_timer; }
 
     /// Returns the number of pending alarms. May be called without the lock.
     size_t getCount() const noexcept { return m_count.load(std::memory_order_relaxed); }
@@ -76,6 +90,7 @@ private:
     std::vector<Entry> m_heap;
     unsigned int m_shift; // Turns a 64-bit hash into the index of a slot.
     std::atomic<size_t> m_count{0};
+    KernelTimer m_kernel_timer;
 };
 
 } // namespace vesk::detail

@@ -2,26 +2,114 @@
 
 #include <tarncommon/Export.h>
 
+#include <pthread.h>
+
 namespace vesk {
 
 namespace {
 
 constexpr unsigned int COUNTERS = 1024;
+/// The number of threads that may have a spare item at the same time.
+constexpr unsigned int SPARES = 64;
+
+/// The item of the pool's own block that the thread released last.
+struct Spare {
+    void* item;
+    bool allowed; ///< The thread is one of the `SPARES`.
+};
+
+// In the static block of the thread: a few bytes, which the loader has room for even when the library is loaded
+// at run time. Any other model calls the loader for the address.
+TARN_CONSTANT_INIT thread_local Spare t_spare __attribute__((tls_model("initial-exec"))) = {nullptr, false};
+
+constexpr pthread_key_t NO_KEY = ~pthread_key_t{0};
+
+/// Calls `Supply::endThread` at the end of each thread that may have a spare.
+TARN_CONSTANT_INIT std::atomic<pthread_key_t> s_key{NO_KEY};
+TARN_CONSTANT_INIT std::atomic<unsigned int> s_spare_threads{0};
+
+/// Stops observing the ends of threads. Deleting the key keeps the C library from calling code that is
+/// unloaded. Runs at the end of the process too: the program may still unload the library then.
+__attribute__((destructor)) void forgetThreads() noexcept {
+    pthread_key_t const key = s_key.exchange(NO_KEY);
+    if (key != NO_KEY) {
+        pthread_key_delete(key);
+    }
+}
+
+/// Makes the calling thread one of those that may have a spare. Returns false if there are too many of them,
+/// or if the end of the thread cannot be observed.
+bool allowSpare() noexcept {
+    pthread_key_t const key = s_key.load(std::memory_order_relaxed);
+    if (key == NO_KEY || s_spare_threads.load(std::memory_order_relaxed) >= SPARES) {
+        return false;
+    }
+    if (s_spare_threads.fetch_add(1) >= SPARES || pthread_setspecific(key, &t_spare) != 0) {
+        s_spare_threads.fetch_sub(1);
+        return false;
+    }
+    t_spare.allowed = true;
+    return true;
+}
+
+/// Items that replace those that other threads have as spares. They are used when all others are and the pool
+/// cannot grow: 1,024 handles have a count, wherever the spares are. Guarded by the lock of the pool.
+class Reserve {
+public:
+    /// Returns null if as many items are in use as other threads may have spares.
+    void* get() noexcept {
+        unsigned int const threads = s_spare_threads.load(std::memory_order_relaxed);
+        unsigned int const others = threads - (t_spare.allowed ? 1 : 0);
+        for (unsigned int i = 0; i < SPARES && m_used_count < others; ++i) {
+            if (!m_used[i]) {
+                m_used[i] = true;
+                ++m_used_count;
+                return &m_items[i];
+            }
+        }
+        return nullptr;
+    }
+
+    bool contains(void const* item) const noexcept {
+        return !std::less<void const*>()(item, m_items) && std::less<void const*>()(item, m_items + SPARES);
+    }
+
+    void put(void* item) noexcept {
+        m_used[static_cast<void**>(item) - m_items] = false;
+        --m_used_count;
+    }
+
+private:
+    void* m_items[SPARES] = {};
+    bool m_used[SPARES] = {};
+    unsigned int m_used_count = 0;
+};
+
+TARN_CONSTANT_INIT Reserve s_reserve;
 
 } // namespace
 
 TARN_CONSTANT_INIT Mutex RefCounted::s_init_lock(threadsafe::CONSTANT_INIT);
 TARN_CONSTANT_INIT std::atomic<int32_t> RefCounted::s_init_counter{0};
 TARN_CONSTANT_INIT std::atomic<RefCounted::CounterPool*> RefCounted::s_counter_pool{nullptr};
-// On a cache line of its own: threads write to it, but only read the data around it.
-alignas(64) TARN_CONSTANT_INIT std::atomic<void*> RefCounted::s_spare{nullptr};
+TARN_CONSTANT_INIT std::atomic<void*> RefCounted::s_spare{nullptr};
 
 /// Owner of the pool, which it frees when the library is unloaded. Its priority makes it the last static
 /// object to be destroyed, after the handles that are static objects of the library.
-class RefCounted::PoolEnd {
+class TARN_HIDDEN RefCounted::PoolEnd {
 public:
     PoolEnd() noexcept = default;
-    ~PoolEnd() { delete s_counter_pool.load(std::memory_order_acquire); }
+    ~PoolEnd() {
+        forgetThreads();
+        delete s_counter_pool.load(std::memory_order_acquire);
+    }
+
+    /// Takes an item of the pool under its lock.
+    static void* take();
+    /// Puts an item back under the lock of the pool.
+    static void put(void* item);
+    /// Puts back the spare of a thread that ends.
+    static void endThread(void* spare);
 };
 __attribute__((init_priority(101))) RefCounted::PoolEnd const RefCounted::s_pool_end;
 
@@ -32,9 +120,13 @@ void RefCounted::doInit() {
         s_init_counter.store(0);
         throw;
     }
+    pthread_key_t key{};
+    if (pthread_key_create(&key, PoolEnd::endThread) == 0) {
+        s_key.store(key);
+    }
 }
 
-void* RefCounted::takeFromPool() {
+void* RefCounted::PoolEnd::take() {
     CounterPool* const pool = checkInit();
     if (pool == nullptr) {
         return nullptr;
@@ -43,22 +135,48 @@ void* RefCounted::takeFromPool() {
     if (void* const item = pool->getFreeStack().pop()) {
         return item;
     }
-    // Another thread may have put a spare back since the first look. If not, all counts are in use.
-    if (void* const item = takeSpare()) {
-        return item;
+    void* const item = pool->getDepletion().getHelp();
+    return item != nullptr ? item : s_reserve.get();
+}
+
+void RefCounted::PoolEnd::put(void* item) {
+    CounterPool* const pool = s_counter_pool.load(std::memory_order_acquire);
+    if (s_reserve.contains(item)) {
+        CounterPool::LockGuard const guard(*pool);
+        s_reserve.put(item);
+    } else {
+        pool->thankYou(item);
     }
-    return pool->getDepletion().getHelp();
+}
+
+void RefCounted::PoolEnd::endThread(void* /*spare*/) {
+    void* const item = t_spare.item;
+    t_spare = {nullptr, false};
+    if (item != nullptr) {
+        put(item);
+    }
+    s_spare_threads.fetch_sub(1);
+}
+
+void* RefCounted::takeFromPool() {
+    void* const item = t_spare.item;
+    if (__builtin_expect(item == nullptr, 0)) {
+        return PoolEnd::take();
+    }
+    t_spare.item = nullptr;
+    return item;
 }
 
 void RefCounted::endLast() {
+    counter->store(0, std::memory_order_relaxed);
     destroy();
-    CounterPool* const pool = s_counter_pool.load(std::memory_order_acquire);
-    void* expected = nullptr;
-    bool const spared = pool->contains(counter) && s_spare.load(std::memory_order_relaxed) == nullptr &&
-        s_spare.compare_exchange_strong(
-            expected, counter, std::memory_order_release, std::memory_order_relaxed);
-    if (!spared) {
-        pool->thankYou(counter);
+    bool const keeps = t_spare.item == nullptr &&
+        s_counter_pool.load(std::memory_order_acquire)->contains(counter) &&
+        (t_spare.allowed || allowSpare());
+    if (keeps) {
+        t_spare.item = counter;
+    } else {
+        PoolEnd::put(counter);
     }
     counter = nullptr;
 }

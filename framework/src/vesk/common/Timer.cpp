@@ -54,10 +54,18 @@ bool Timer::start(unsigned int interval_ms, bool periodic) {
         report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "zero tick interval specified");
         return true;
     }
-    m_alarm.stop();
-    m_interval.store(interval_ms, std::memory_order_relaxed);
-    m_periodic.store(periodic, std::memory_order_relaxed);
-    m_alarm.start(Duration(interval_ms));
+    struct Settings {
+        Timer& timer;
+        unsigned int interval_ms;
+        bool periodic;
+    } settings{*this, interval_ms, periodic};
+    auto const store = [](void* argument) {
+        auto const& wanted = *static_cast<Settings*>(argument);
+        wanted.timer.m_interval.store(wanted.interval_ms, std::memory_order_relaxed);
+        wanted.timer.m_periodic.store(wanted.periodic, std::memory_order_relaxed);
+    };
+    // With the engine's lock held: a callback that is running still sees the old values.
+    m_alarm.restart(Duration(interval_ms), store, &settings);
     return false;
 }
 

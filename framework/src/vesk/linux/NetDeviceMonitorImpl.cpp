@@ -1,6 +1,8 @@
 #include "NetDeviceMonitorImpl.h"
 
 #include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/sockets/SocketPosixCommon.h"
+
 #include <vesk/common/CancellationOff.h>
 #include <vesk/common/UniqueFd.h>
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "FamilyIndex.h"
+
 #include "vesk/common/Report.h"
 
 #include <tarncommon/error/ErrorType.h>
@@ -11,7 +13,7 @@
 namespace vesk::detail {
 
 /// The meaning of a failed call for the operation that made it.
-enum class Outcome {
+enum class Outcome : unsigned char {
     FAILED,  ///< The operation fails.
     DONE,    ///< It succeeds despite the failed call.
     BUSY,    ///< Not now: the object is in use, or the time has expired. A regular result.
@@ -33,44 +35,63 @@ constexpr signed char toResult(Outcome outcome) noexcept {
     }
 }
 
+// Rows consist of bytes. The tables are then read-only data that the loader need not touch: with addresses in
+// them, each row would cost a relocation, and its page would be copied for each process.
+
 /// The error numbers that share a row of a table. An empty list matches all numbers that no row above
 /// matches.
-struct Errnos {
-    short numbers[16] = {};
+template <typename Number, size_t CAPACITY>
+struct ErrorNumbers {
+    Number numbers[CAPACITY] = {};
 
     constexpr bool has(int error) const noexcept {
-        for (short const number : numbers) {
-            if (number == error && error != 0) {
+        for (Number const number : numbers) {
+            if (number == 0) {
+                break;
+            }
+            if (number == error) {
                 return true;
             }
         }
         return numbers[0] == 0;
     }
 };
+using Errnos = ErrorNumbers<unsigned char, 15>;
 
 constexpr Errnos OTHERS{};
 
 /// The arguments of the report of a cause.
-enum class Telling {
+enum class Telling : unsigned char {
     SYSTEM_TEXT,     ///< The system's text for the number.
     NAME_AND_LENGTH, ///< The name of the object that the call was made on, and the length of the name.
 };
 
-/// One report that a row makes. Without a family the row makes no report.
-struct RowReport {
-    std::ErrorType const* family = nullptr;
-    int id = 0;
-    Telling telling = Telling::SYSTEM_TEXT;
+/// A second argument of the cause, after the system's text.
+enum class Further : unsigned char {
+    NOTHING,
+    OFFSET_TOO_LARGE,         ///< "file-offset is too large"
+    OFFSET_OR_SIZE_TOO_LARGE, ///< "file-offset is too large or file is too big in general"
+};
 
+/// One report that a row makes. Without a family the row makes no report.
+class RowReport {
+public:
     constexpr RowReport() noexcept = default;
-    constexpr RowReport(
-        std::ErrorType const& row_family, int row_id, Telling row_telling = Telling::SYSTEM_TEXT) noexcept
-        : family(&row_family), id(row_id), telling(row_telling) {}
 
     /// Takes the family from the enumeration of the id.
-    template <typename Id, typename = decltype(familyOf(std::declval<Id>()))>
-    constexpr RowReport(Id row_id, Telling row_telling = Telling::SYSTEM_TEXT) noexcept
-        : RowReport(familyOf(row_id), static_cast<int>(row_id), row_telling) {}
+    template <typename Id, typename = decltype(familyIndexOf(std::declval<Id>()))>
+    constexpr RowReport(Id id, Telling telling = Telling::SYSTEM_TEXT) noexcept
+        : m_family(familyIndexOf(id)), m_id(static_cast<unsigned char>(id)), m_telling(telling) {}
+
+    constexpr bool exists() const noexcept { return m_family != FamilyIndex::NONE; }
+    std::ErrorType const& getFamily() const noexcept;
+    constexpr int getId() const noexcept { return m_id; }
+    constexpr Telling getTelling() const noexcept { return m_telling; }
+
+private:
+    FamilyIndex m_family = FamilyIndex::NONE;
+    unsigned char m_id = 0;
+    Telling m_telling = Telling::SYSTEM_TEXT;
 };
 
 constexpr RowReport NONE{};
@@ -87,8 +108,9 @@ struct ErrnoRow {
     RowReport cause;
     RowReport on_top = {};
     Outcome outcome = Outcome::FAILED;
-    char const* further = nullptr; ///< A second argument of the cause, after the system's text.
+    Further further = Further::NOTHING;
 };
+static_assert(alignof(ErrnoRow) == 1);
 
 /// A view of a table. Any `constexpr` array of rows converts to it.
 struct ErrnoTable {

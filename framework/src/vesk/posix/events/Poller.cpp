@@ -165,12 +165,29 @@ void Poller::waitForEvents() {
     }
 }
 
-/// Updates the set: removes the descriptors that failed in the previous cycle, applies the pending changes,
-/// and builds the rows.
+/// Prepares the rows of a cycle.
 void Poller::rebuild(Calls& calls) {
     InternalLock const lock(mutex, SOURCE, "poll");
+    bool const has_failures = (fds[0].revents & FAILURES) != 0;
+    if (has_failures || !removals.empty() || !additions.empty()) {
+        changeSet(has_failures);
+    }
+    fds[0].revents = 0;
+    makeRoom(calls.errors, clients.size());
+    makeRoom(calls.reads, clients.size());
+    makeRoom(calls.writes, clients.size());
+    struct pollfd* row = fds.data();
+    for (Entry const& entry : clients) {
+        ++row;
+        row->revents = 0;
+        row->events = static_cast<short>(entry.client->poll_events(entry.fd));
+    }
+}
+
+/// Updates the set: removes the descriptors that failed in the previous cycle, and applies the pending changes.
+void Poller::changeSet(bool has_failures) {
     // The rows of the previous cycle are the only record of its failures.
-    for (size_t i = 0; i < clients.size(); ++i) {
+    for (size_t i = 0; has_failures && i < clients.size(); ++i) {
         if ((fds[i + 1].revents & FAILURES) != 0) {
             removals.push_back(clients[i]);
         }
@@ -180,9 +197,6 @@ void Poller::rebuild(Calls& calls) {
     size_t const most = clients.size() + additions.size();
     makeRoom(clients, most);
     makeRoom(fds, most + 1);
-    makeRoom(calls.errors, most);
-    makeRoom(calls.reads, most);
-    makeRoom(calls.writes, most);
 
     if (!removals.empty()) {
         auto const is_removed = [this](Entry const& entry) TARN_REQUIRES(mutex) {
@@ -194,14 +208,11 @@ void Poller::rebuild(Calls& calls) {
     clients.insert(clients.end(), additions.begin(), additions.end());
     additions.clear();
 
+    // All rows before the first call of a client: if a client throws, no row may still contain the events of
+    // another client.
     fds.resize(clients.size() + 1);
-    fds[0].revents = 0;
     for (size_t i = 0; i < clients.size(); ++i) {
         fds[i + 1] = {clients[i].fd, 0, 0};
-    }
-    // A separate loop: if a client throws, no row may still contain the events of another client.
-    for (size_t i = 0; i < clients.size(); ++i) {
-        fds[i + 1].events = static_cast<short>(clients[i].client->poll_events(clients[i].fd));
     }
 }
 
@@ -222,20 +233,25 @@ void Poller::forget() noexcept {
     }
 }
 
-/// Sorts the rows by the calls that they require.
-void Poller::collect(Calls& calls) {
-    InternalLock const lock(mutex, SOURCE, "poll");
-    for (size_t i = 0; i < clients.size(); ++i) {
-        short const events = fds[i + 1].revents;
+/// Sorts the rows by the calls that they require. Takes no lock: only the polling thread changes `clients`, and
+/// other threads merely read it under the lock.
+void Poller::collect(Calls& calls) TARN_NOT_ANALYZED {
+    struct pollfd const* row = fds.data();
+    for (Entry const& entry : clients) {
+        short const events = (++row)->revents;
+        if (events == 0) {
+            continue;
+        }
         if ((events & FAILURES) != 0) {
-            calls.errors.push_back(clients[i]);
+            calls.errors.push_back(entry);
+            fds[0].revents |= POLLERR; // For the next cycle, which need not search the rows without it.
             continue;
         }
         if ((events & POLLIN) != 0) {
-            calls.reads.push_back(clients[i]);
+            calls.reads.push_back(entry);
         }
         if ((events & POLLOUT) != 0) {
-            calls.writes.push_back(clients[i]);
+            calls.writes.push_back(entry);
         }
     }
 }

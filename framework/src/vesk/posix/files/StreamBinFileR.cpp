@@ -31,7 +31,7 @@ constexpr ErrnoRow READ_ERRORS[] = {
      SysErrorId::INVALID_PARAMETER,
      StreamErrorId::TRANSFER_FAILED,
      Outcome::FAILED,
-     "file-offset is too large"},
+     Further::OFFSET_TOO_LARGE},
     {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED},
     {OTHERS, SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLASSIFIED},
 };

@@ -35,7 +35,7 @@ constexpr ErrnoRow WRITE_ERRORS[] = {
      SysErrorId::INVALID_PARAMETER,
      StreamErrorId::TRANSFER_FAILED,
      Outcome::FAILED,
-     "file-offset is too large or file is too big in general"},
+     Further::OFFSET_OR_SIZE_TOO_LARGE},
     {{ENOSPC}, SysErrorId::NO_SPACE, StreamErrorId::TRANSFER_FAILED},
     {{ENOBUFS}, SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED},
     {OTHERS, SysErrorId::UNCLASSIFIED, StreamErrorId::TRANSFER_FAILED},

@@ -13,6 +13,10 @@
 
 namespace vesk {
 
+constexpr detail::FamilyIndex familyIndexOf(CalendarTime::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::CALENDAR_TIME;
+}
+
 using namespace detail;
 
 namespace {

@@ -12,6 +12,10 @@
 
 namespace vesk {
 
+constexpr detail::FamilyIndex familyIndexOf(Time::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::TIME;
+}
+
 using namespace detail;
 using tarnbase::Duration;
 using tarnbase::TimePoint;

@@ -1,5 +1,6 @@
 #include <vesk/ProcessTNG.h>
 
+#include "ProcessImpl.h"
 #include "vesk/posix/detail/ErrnoTable.h"
 #include "vesk/posix/detail/SignalsBlocked.h"
 #include "vesk/posix/detail/SystemErrorText.h"

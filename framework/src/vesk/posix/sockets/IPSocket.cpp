@@ -10,10 +10,12 @@
 #include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <arpa/inet.h>
+#include <cstring>
 #include <memory>
 #include <netdb.h>
 #include <new>
 #include <unistd.h>
+#include <utility>
 
 namespace vesk {
 
@@ -34,9 +36,9 @@ constexpr ErrnoRow HOST_NAME_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-/// The meaning of an error code of the resolver. The codes have numbers of their own, separate from `errno`.
+/// The meaning of an error code of the resolver. The codes have numbers of their own, which are negative.
 struct ResolverRow {
-    Errnos codes;
+    ErrorNumbers<signed char, 5> codes;
     RowReport cause;
     Outcome outcome = Outcome::FAILED;
 };
@@ -45,7 +47,7 @@ constexpr ResolverRow ADDRESS_ERRORS[] = {
     {{EAI_NONAME, EAI_NODATA, EAI_ADDRFAMILY}, NONE, Outcome::DONE},
     {{EAI_MEMORY}, SysErrorId::OUT_OF_MEMORY},
     {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_SOCKTYPE, EAI_SERVICE}, Socket::ErrorId::RESOLVE_FAILED},
-    {OTHERS, SysErrorId::UNCLASSIFIED},
+    {{}, SysErrorId::UNCLASSIFIED},
 };
 
 constexpr ResolverRow NAME_ERRORS[] = {
@@ -53,7 +55,7 @@ constexpr ResolverRow NAME_ERRORS[] = {
     {{EAI_OVERFLOW}, SysErrorId::SPOILED_INTEGRITY},
     {{EAI_MEMORY}, SysErrorId::OUT_OF_MEMORY},
     {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_FAMILY}, Socket::ErrorId::RESOLVE_FAILED},
-    {OTHERS, SysErrorId::UNCLASSIFIED},
+    {{}, SysErrorId::UNCLASSIFIED},
 };
 
 template <size_t N>
@@ -62,9 +64,9 @@ Outcome classifyResolver(Place place, ResolverRow const (&rows)[N], int code) {
         if (!row.codes.has(code)) {
             continue;
         }
-        if (row.cause.family != nullptr) {
+        if (row.cause.exists()) {
             report(
-                place, Chain::NEW, *row.cause.family, row.cause.id,
+                place, Chain::NEW, row.cause.getFamily(), row.cause.getId(),
                 code == EAI_SYSTEM ? SystemErrorText().get() : gai_strerror(code));
         }
         return row.outcome;
@@ -97,6 +99,26 @@ bool makeNumeric(std::string& host, IPSocket::IPProtocolVersion version) {
     return false;
 }
 
+/// Returns the text of an address as `inet_ntop` does, but without the formatted output of the C library: each
+/// accepted connection needs one.
+std::string formatIPv4(in_addr const& address) {
+    unsigned char bytes[4];
+    memcpy(bytes, &address, sizeof bytes);
+    char text[INET_ADDRSTRLEN];
+    char* end = text;
+    for (unsigned char const byte : bytes) {
+        if (byte >= 100) {
+            *end++ = static_cast<char>('0' + byte / 100);
+        }
+        if (byte >= 10) {
+            *end++ = static_cast<char>('0' + byte / 10 % 10);
+        }
+        *end++ = static_cast<char>('0' + byte % 10);
+        *end++ = '.';
+    }
+    return {text, end - 1};
+}
+
 /// Stores the address that `getsockname` or `getpeername` returns. Leaves `address` unchanged if the call
 /// fails, for another family, and for an address without a text.
 template <typename Call>
@@ -109,12 +131,14 @@ void update(IPSocket::IPAddress& address, int fd, Call call) {
     }
     IPSocket::IPAddress converted;
     if (storage.ss_family == AF_INET) {
-        converted = IPSocket::IPAddress(reinterpret_cast<sockaddr_in const&>(storage));
+        auto const& binary = reinterpret_cast<sockaddr_in const&>(storage);
+        converted.host = formatIPv4(binary.sin_addr);
+        converted.port = ntohs(binary.sin_port);
     } else if (storage.ss_family == AF_INET6) {
         converted = IPSocket::IPAddress(reinterpret_cast<sockaddr_in6 const&>(storage));
     }
     if (!converted.host.empty()) {
-        address = converted;
+        address = std::move(converted);
     }
 }
 

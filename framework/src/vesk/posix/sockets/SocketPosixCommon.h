@@ -13,6 +13,14 @@
 /// The shared implementation of the socket classes. Unless stated otherwise, a true result is a failure that
 /// has been reported.
 
+namespace vesk {
+
+constexpr detail::FamilyIndex familyIndexOf(Socket::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::SOCKET;
+}
+
+} // namespace vesk
+
 namespace vesk::detail {
 
 /// The rows of `send` and `sendto`, which differ only in the cause of an unlisted error number.

@@ -36,7 +36,7 @@ Condition::Condition() : m_lock(false) {}
 
 Condition::~Condition() {
     InternalLock const lock(m_lock, SOURCE, "~Condition");
-    if (m_mutex != nullptr) {
+    if (m_mutex.load(std::memory_order_relaxed) != nullptr) {
         getImpl().~ConditionImpl();
     }
 }
@@ -45,20 +45,30 @@ threadsafe::ConditionImpl& Condition::getImpl() noexcept {
     return *std::launder(reinterpret_cast<threadsafe::ConditionImpl*>(m_storage));
 }
 
-/// Binds the condition to the mutex of its first wait. Returns true if it is bound to another mutex. The
-/// internal lock is not held during the wait itself.
+/// Binds the condition to the mutex of its first wait. Returns true if it is bound to another mutex.
 bool Condition::bind(Mutex& mutex, char const* function) {
-    InternalLock const lock(m_lock, SOURCE, function);
-    if (m_mutex == nullptr) {
-        new (m_storage) threadsafe::ConditionImpl(mutex.m_impl);
-        m_mutex = &mutex;
-        m_mutex_impl = &mutex.m_impl;
+    // The binding never changes, so only the first wait needs the lock. Acquire: pairs with the release in
+    // `bindFirst`, which follows the construction of the implementation.
+    Mutex const* bound = m_mutex.load(std::memory_order_acquire);
+    if (bound == nullptr) {
+        bound = bindFirst(mutex, function);
     }
-    if (m_mutex != &mutex) {
+    if (bound != &mutex) {
         report(SOURCE, Chain::NEW, SysErrorId::SPOILED_INTEGRITY, "Using Condition with different Mutexes");
         return true;
     }
     return false;
+}
+
+/// Returns the mutex to which the condition is bound, `mutex` if there has been no wait yet.
+Mutex const* Condition::bindFirst(Mutex& mutex, char const* function) {
+    InternalLock const lock(m_lock, SOURCE, function);
+    if (m_mutex.load(std::memory_order_relaxed) == nullptr) {
+        new (m_storage) threadsafe::ConditionImpl(mutex.m_impl);
+        m_mutex_impl = &mutex.m_impl;
+        m_mutex.store(&mutex, std::memory_order_release);
+    }
+    return m_mutex.load(std::memory_order_relaxed);
 }
 
 bool Condition::wait(Mutex& mutex) {
@@ -89,8 +99,11 @@ signed char Condition::waitTimeout(Mutex& mutex, AbsTimeT const& deadline) {
 }
 
 bool Condition::signal() {
-    InternalLock const lock(m_lock, SOURCE, "signal");
-    int const result = m_mutex != nullptr ? getImpl().signal_one() : 0;
+    // No lock: a woken thread would contend for it with this one. The first waiter binds before it releases the
+    // mutex, so a thread that acquires the mutex later sees the binding; any other signal need not reach that
+    // wait. Acquire: pairs with the release in `bindFirst`.
+    bool const is_bound = m_mutex.load(std::memory_order_acquire) != nullptr;
+    int const result = is_bound ? getImpl().signal_one() : 0;
     if (result == 0) {
         return false;
     }

@@ -11,6 +11,10 @@
 
 namespace vesk {
 
+constexpr detail::FamilyIndex familyIndexOf(Condition::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::CONDITION;
+}
+
 using namespace detail;
 
 namespace {

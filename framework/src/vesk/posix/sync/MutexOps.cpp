@@ -13,6 +13,10 @@
 
 namespace vesk {
 
+constexpr detail::FamilyIndex familyIndexOf(Mutex::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::MUTEX;
+}
+
 using namespace detail;
 
 namespace {

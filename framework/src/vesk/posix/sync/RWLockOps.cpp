@@ -13,6 +13,10 @@
 
 namespace vesk {
 
+constexpr detail::FamilyIndex familyIndexOf(RWLock::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::RW_LOCK;
+}
+
 using namespace detail;
 
 namespace {
@@ -40,16 +44,13 @@ constexpr ErrnoRow DESTROY_ERRORS[] = {
 };
 
 /// The rows for reading and for writing. Only the report for all other numbers differs.
-template <int OTHERS_ID>
+template <RWLock::ErrorId OTHERS_ID>
 constexpr ErrnoRow LOCK_ERRORS[4] = {
     {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::BUSY},
     {{EDEADLK}, RWLock::ErrorId::DEADLOCK},
     {{EAGAIN}, RWLock::ErrorId::TOO_MANY_LOCKS},
-    {OTHERS, {RWLock::Error, OTHERS_ID}},
+    {OTHERS, OTHERS_ID},
 };
-
-constexpr int READ_FAILED = 3;
-constexpr int WRITE_FAILED = 4;
 
 constexpr ErrnoRow UNLOCK_ERRORS[] = {
     {{EPERM}, SysErrorId::PERMISSION_DENIED, RWLock::ErrorId::UNLOCK_FAILED},
@@ -61,7 +62,7 @@ constexpr ErrnoRow UNLOCK_ERRORS[] = {
 void reportInit(int error) noexcept {
     for (ErrnoRow const& row : INIT_ERRORS) {
         if (row.errnos.has(error)) {
-            report(SOURCE, Chain::NEW, *row.cause.family, row.cause.id, SystemErrorText(0).get());
+            report(SOURCE, Chain::NEW, row.cause.getFamily(), row.cause.getId(), SystemErrorText(0).get());
             return;
         }
     }
@@ -121,8 +122,9 @@ signed char RWLockOps::lock(pthread_rwlock_t* lock, bool for_write, unsigned int
     } else {
         WallDeadline const deadline(*timeout_ms);
         if (!deadline.isValid()) {
-            int const id = for_write ? WRITE_FAILED : READ_FAILED;
-            report(SOURCE, Chain::NEW, RWLock::Error, id, SystemErrorText().get());
+            RWLock::ErrorId const id =
+                for_write ? RWLock::ErrorId::WRITE_LOCK_FAILED : RWLock::ErrorId::READ_LOCK_FAILED;
+            report(SOURCE, Chain::NEW, id, SystemErrorText().get());
             return -1;
         }
         error = for_write ? pthread_rwlock_timedwrlock(lock, deadline.get())
@@ -132,7 +134,8 @@ signed char RWLockOps::lock(pthread_rwlock_t* lock, bool for_write, unsigned int
 }
 
 signed char RWLockOps::handleLockError(int error, bool for_write) {
-    ErrnoTable const table = for_write ? LOCK_ERRORS<WRITE_FAILED> : LOCK_ERRORS<READ_FAILED>;
+    ErrnoTable const table = for_write ? LOCK_ERRORS<RWLock::ErrorId::WRITE_LOCK_FAILED>
+                                       : LOCK_ERRORS<RWLock::ErrorId::READ_LOCK_FAILED>;
     return toResult(classify(SOURCE, table, error));
 }
 

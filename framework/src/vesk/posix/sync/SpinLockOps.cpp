@@ -7,6 +7,10 @@
 
 namespace vesk {
 
+constexpr detail::FamilyIndex familyIndexOf(SpinLock::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::SPIN_LOCK;
+}
+
 using namespace detail;
 
 namespace {

@@ -24,7 +24,9 @@ constexpr uint32_t FAILED_SIZE = 0xFFFFFFFF;
 TARN_CONSTANT_INIT uint32_t const UnicodeString::s_encoding = 1;
 
 UnicodeString::UnicodeString(std::wstring const& text) : m_data(nullptr), m_size(0), m_storage(OWNED) {
-    size_t const measured = wide_to_utf8(nullptr, text.c_str(), CONVERSION_FAILED);
+    size_t const plain = measureUtf8(text);
+    bool const is_plain = plain != CONVERSION_FAILED;
+    size_t const measured = is_plain ? plain : wide_to_utf8(nullptr, text.c_str(), CONVERSION_FAILED);
     // Also true for a text that is too long for a 32-bit size, which is possible on 64-bit systems only.
     if (measured >= FAILED_SIZE) {
         m_size = FAILED_SIZE;
@@ -35,7 +37,9 @@ UnicodeString::UnicodeString(std::wstring const& text) : m_data(nullptr), m_size
     m_data = std::allocateOrWait(
         [this] { return new (std::nothrow) char[m_size](); }, SOURCE, "UnicodeString",
         "cannot allocate data for wcs conversion");
-    if (wide_to_utf8(m_data, text.c_str(), m_size) != measured) {
+    if (is_plain) {
+        encodeUtf8(text, m_data);
+    } else if (wide_to_utf8(m_data, text.c_str(), m_size) != measured) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "UnicodeString", "got different result in second call to wide_to_utf8");
         m_data[measured] = '\0';
@@ -43,11 +47,15 @@ UnicodeString::UnicodeString(std::wstring const& text) : m_data(nullptr), m_size
 }
 
 UnicodeString::operator std::wstring() const {
-    size_t const measured = m_data != nullptr ? utf8_to_wide(nullptr, m_data, CONVERSION_FAILED) : 0;
-    if (measured == 0 || measured == CONVERSION_FAILED) {
-        return {};
+    std::wstring result;
+    if (m_data == nullptr || decodeUtf8(m_data, result)) {
+        return result;
     }
-    std::wstring result(measured, L'\0');
+    size_t const measured = utf8_to_wide(nullptr, m_data, CONVERSION_FAILED);
+    if (measured == 0 || measured == CONVERSION_FAILED) {
+        return result;
+    }
+    result.resize(measured);
     if (utf8_to_wide(result.data(), m_data, measured + 1) != result.length()) {
         std::GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "operator std::__cxx11::wstring",

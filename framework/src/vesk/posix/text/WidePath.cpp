@@ -30,7 +30,14 @@ unsigned int sizeOf(char const* text, unsigned int length) noexcept {
 
 WidePath::WidePath(UnicodeString const& text) : m_valid(false) {
     char const* const narrow = text.c_str();
-    size_t const measured = narrow != nullptr ? utf8_to_wide(nullptr, narrow, CONVERSION_FAILED) : 0;
+    if (narrow == nullptr) {
+        return;
+    }
+    if (decodeUtf8(narrow, *this)) {
+        m_valid = !empty();
+        return;
+    }
+    size_t const measured = utf8_to_wide(nullptr, narrow, CONVERSION_FAILED);
     if (measured == 0 || measured == CONVERSION_FAILED) {
         return;
     }

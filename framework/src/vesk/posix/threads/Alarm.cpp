@@ -21,9 +21,30 @@ namespace vesk {
 using tarnbase::Duration;
 using tarnbase::TimePoint;
 
+/// A moment of the monotonic clock in two resolutions. Expiries are in milliseconds.
+struct detail::Moment {
+    Moment() noexcept {
+        timespec time{};
+        clock_gettime(CLOCK_MONOTONIC, &time);
+        ns = static_cast<long long>(time.tv_sec) * NS_PER_S + time.tv_nsec;
+        ms = TimePoint(ns / NS_PER_MS);
+    }
+
+    static constexpr long long NS_PER_MS = 1000000;
+    static constexpr long long NS_PER_S = 1000000000;
+
+    long long ns;
+    TimePoint ms;
+};
+
 namespace {
 
+using detail::Moment;
+
 constexpr char const* SOURCE = "framework/src/vesk/posix/Alarm";
+
+/// The longest delay for which moments are kept in nanoseconds, about 30 years. Moments do not overflow.
+constexpr Duration LONGEST_EXACT_DELAY(1000000000000);
 
 /// Before the first alarm the kernel timer is treated as armed for the far future.
 constexpr Duration FAR_AWAY(std::numeric_limits<unsigned long long>::max() / 1000);
@@ -69,6 +90,10 @@ void Alarm::deliver() const {
     auto message = std::make_unique<Message::Callback>(m_callback, m_data);
     m_sink->push(message.get());
     static_cast<void>(message.release());
+}
+
+void Alarm::restart(Duration const& delay, void (*change)(void*), void* argument) {
+    m_engine->restart(this, delay, change, argument);
 }
 
 /// Holds the engine's lock for one of its operations. It does not wait for the current ring in a callback of
@@ -201,19 +226,36 @@ void Alarm::Timer::caught(int, void* engine) {
 }
 
 void Alarm::Timer::add(Alarm* alarm, Duration const& delay) {
-    Duration const wait = std::max(delay, Duration(0));
     Access const access(*this, "add");
-    TimePoint const expiry = addTo(TimePoint::now(), wait);
+    set(alarm, std::max(delay, Duration(0)));
+}
+
+void Alarm::Timer::remove(Alarm* alarm) {
+    Access const access(*this, "remove");
+    erase(alarm);
+}
+
+/// Removes an alarm and adds it again, in one step. Calls `change` in between, with the lock held. Throws as
+/// `add` does, and leaves the alarm removed.
+void Alarm::Timer::restart(Alarm* alarm, Duration const& delay, void (*change)(void*), void* argument) {
+    Access const access(*this, "remove"); // The first of the two steps: a failure is reported in its name.
+    erase(alarm);
+    change(argument);
+    set(alarm, delay);
+}
+
+void Alarm::Timer::set(Alarm* alarm, Duration delay) {
+    Moment const now;
+    TimePoint const expiry = addTo(now.ms, delay);
     m_alarms->set(alarm, expiry);
     if (m_next_expiry <= expiry) {
         return;
     }
     m_next_expiry = expiry;
-    armTimer(wait);
+    armFor(now, expiry, delay);
 }
 
-void Alarm::Timer::remove(Alarm* alarm) {
-    Access const access(*this, "remove");
+void Alarm::Timer::erase(Alarm const* alarm) noexcept {
     m_alarms->erase(alarm);
     // The kernel timer stays as it is: a superfluous ring is cheaper than a system call here.
     m_next_expiry = m_alarms->getEarliest();
@@ -223,6 +265,22 @@ void Alarm::Timer::remove(Alarm* alarm) {
             ring->forget(alarm);
         }
     }
+}
+
+/// Arms the kernel's timer for the earliest alarm, unless it rings before that alarm anyway. Its ring then finds
+/// the alarm early, and arms for the rest.
+void Alarm::Timer::armFor(Moment const& now, TimePoint expiry, Duration delay) noexcept {
+    detail::AlarmTable::KernelTimer& timer = m_alarms->getKernelTimer();
+    bool const is_exact = delay < LONGEST_EXACT_DELAY;
+    long long const exact = is_exact ? now.ns + delay.getCount() * Moment::NS_PER_MS : 0;
+    // A ring that should have come already may have been lost, and is not relied upon.
+    if (is_exact && now.ns < timer.rings_at && timer.rings_at <= exact) {
+        timer.exact_for = expiry;
+        timer.exact = exact;
+        return;
+    }
+    timer.exact_for = TimePoint::MAX;
+    timer.rings_at = arm(TimePoint(delay.getCount()).toTimespec()) ? exact : 0;
 }
 
 bool Alarm::Timer::isCallingBack() const noexcept {
@@ -316,7 +374,7 @@ bool Alarm::Timer::Ring::begin() {
     if (!m_engine.waitForCalls("ring")) {
         return false; // The current ring arms the timer when it ends.
     }
-    if (m_engine.m_next_expiry > m_now) {
+    if (m_engine.isEarly(m_now)) {
         // The call is early, or the alarm was removed or postponed. Arms twice on purpose, once for the
         // remaining time and once as every ring does at its end: the call sequence is part of the contract
         // with callers.
@@ -370,21 +428,46 @@ void Alarm::Timer::takeDue(TimePoint now, std::vector<Alarm const*>& due) {
     std::sort(due.begin(), due.end(), std::less<>());
 }
 
+/// Returns whether the earliest alarm is not due yet.
+bool Alarm::Timer::isEarly(TimePoint now) const noexcept {
+    return m_next_expiry > now || getExactRest() > 0;
+}
+
+/// Returns the time to the earliest alarm in nanoseconds, if its moment is known exactly, else 0.
+long long Alarm::Timer::getExactRest() const noexcept {
+    detail::AlarmTable::KernelTimer const& timer = m_alarms->getKernelTimer();
+    return m_next_expiry == timer.exact_for ? std::max(timer.exact - Moment().ns, 0LL) : 0;
+}
+
 void Alarm::Timer::armForNext(TimePoint now) noexcept {
-    if (m_next_expiry < TimePoint::MAX) {
+    // When the timer rings is unknown from here on: `now` may be long ago.
+    m_alarms->getKernelTimer().rings_at = 0;
+    if (m_next_expiry == TimePoint::MAX) {
+        return;
+    }
+    if (long long const rest = getExactRest(); rest > 0) {
+        timespec delay{};
+        delay.tv_sec = static_cast<time_t>(rest / Moment::NS_PER_S);
+        delay.tv_nsec = static_cast<long>(rest % Moment::NS_PER_S);
+        arm(delay);
+    } else {
         armTimer(m_next_expiry - now);
     }
 }
 
+/// A delay that is too long for the system becomes the longest: the ring comes too early and arms for the rest.
 void Alarm::Timer::armTimer(Duration delay) noexcept {
+    arm(TimePoint(delay.getCount()).toTimespec());
+}
+
+/// Arms the kernel's timer for one ring. Returns whether it succeeded.
+bool Alarm::Timer::arm(timespec const& delay) noexcept {
     itimerspec value{}; // One shot.
-    // A delay that is too long for the system becomes the longest: the ring comes too early and arms for the
-    // rest.
-    value.it_value = TimePoint(delay.getCount()).toTimespec();
+    value.it_value = delay;
     if (value.it_value.tv_sec == 0 && value.it_value.tv_nsec == 0) {
         value.it_value.tv_nsec = 1; // All zero would disarm the timer.
     }
-    timer_settime(m_timer.load(std::memory_order_relaxed), 0, &value, nullptr);
+    return timer_settime(m_timer.load(std::memory_order_relaxed), 0, &value, nullptr) == 0;
 }
 
 } // namespace vesk
