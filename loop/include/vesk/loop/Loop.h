@@ -30,7 +30,7 @@ struct Place {
 struct Exit {
     pid_t pid = -1;
     int code = -1;            ///< The exit status, -1 after the end by a signal.
-    int signal = 0;           ///< The signal that ended it, otherwise 0.
+    int signal = 0;           ///< The signal that ended it, otherwise 0. Unknown after the end: -1 and 0.
     bool dumped_core = false; ///< Whether it left a core dump.
     bool ok() const noexcept { return code == 0; }
 };
@@ -44,7 +44,8 @@ struct Exit {
 ///
 /// A watch may be made and destroyed in any thread and in every callback, also before and after the life of the
 /// loop. Callbacks run in the thread that runs the loop, without any lock. A loop whose descriptors the system
-/// refused reports that from each operation.
+/// refused reports that from each operation; a child of `fork` gets `ECHILD` and cannot disturb its parent's loop.
+/// Only a callable that is larger than four pointers can make the caller throw `std::bad_alloc`.
 class VESK_LOOP_API Loop {
 public:
     Loop();
@@ -98,12 +99,13 @@ public:
         Place place = Place::here());
 
     /// Calls back when the process or the calling thread gets the signal (`signalfd`). Blocks the signal in the
-    /// calling thread: call it before the start of other threads, which inherit that.
+    /// calling thread, also beyond the watch: call it before the start of other threads, which inherit that.
     Result<Watch> onSignal(
         int signal, Callback<void()> callback, Priority priority = Priority::HIGH,
         Place place = Place::here());
 
-    /// Calls back once when a child has ended, and reaps it (`pidfd`, `waitid`). No other code may reap it.
+    /// Calls back once when a child has ended, and reaps it (`pidfd_open`, before Linux 5.3 a thread; `waitid`).
+    /// If other code has reaped it, how it ended is unknown.
     Result<Watch> onExit(
         pid_t child, Callback<void(Exit)> callback, Priority priority = Priority::NORMAL,
         Place place = Place::here());
@@ -113,7 +115,7 @@ public:
 
     // ---- exceptions ----
 
-    /// Sets the function that gets the exceptions of callbacks. Without one the process ends.
+    /// Sets the function that gets the exceptions of callbacks. Without one, and if it throws, the process ends.
     void setExceptionHook(Callback<void(std::exception_ptr)> hook);
 
 private:

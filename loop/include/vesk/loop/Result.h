@@ -19,7 +19,8 @@ namespace vesk::loop {
 class VESK_LOOP_API Error {
 public:
     /// Takes the chain that is pending in the calling thread's store, and acknowledges it.
-    static Error take();
+    /// @param number  the error number of the failed system call below it, 0 if the chain tells it
+    static Error take(int number = 0);
 
     Error(Error const& other);
     Error(Error&& other) noexcept;
@@ -52,6 +53,7 @@ private:
     void link() noexcept;
 
     unsigned int m_count = 0;
+    int m_number = 0;
     alignas(std::ErrorObject) unsigned char m_first[INLINE_REPORTS * sizeof(std::ErrorObject)];
     std::unique_ptr<std::ErrorObject[]> m_more;
 };

@@ -16,8 +16,28 @@ using vesk::detail::CancellationOff;
 
 // ---- life ----
 
+namespace {
+
+/// The number of forks between the first process with a loop and this one. A child of `fork` shares the epoll set
+/// with its parent, and must not change it.
+std::atomic<unsigned int> s_forks{0};
+
+unsigned int countForks() noexcept {
+    static int const s_result = pthread_atfork(nullptr, nullptr, [] { ++s_forks; });
+    static_cast<void>(s_result);
+    return s_forks;
+}
+
+} // namespace
+
+bool Core::isInherited() const noexcept {
+    return m_forks != s_forks;
+}
+
 Core::Core() noexcept
-    : m_epoll(epoll_create1(EPOLL_CLOEXEC)), m_event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    : m_forks(countForks()),
+      m_epoll(epoll_create1(EPOLL_CLOEXEC)),
+      m_event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!m_epoll.isOpen() || !m_event.isOpen() || !add(m_event, EVENT, EPOLLIN | EPOLLET)) {
         m_creation_error = errno;
     }
@@ -29,12 +49,17 @@ Core::~Core() = default;
 bool Core::add(UniqueFd const& fd, int number, uint32_t events) noexcept {
     epoll_event event{};
     event.events = events;
-    event.data.fd = number;
+    event.data.u64 = toData(number, 0);
     return epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, fd.get(), &event) == 0;
 }
 
 void Core::close() noexcept {
+    // Destroyed without the lock: their objects may own watches.
+    Posts posts[PRIORITIES];
+    std::shared_ptr<Callback<void(std::exception_ptr)>> hook;
     Locked const locked(m_lock);
+    std::swap(posts, m_posts);
+    std::swap(hook, m_exception_hook);
     for (size_t fd = 0; fd < m_slots.size(); ++fd) {
         for (FdSource* const source : {m_slots[fd].reader, m_slots[fd].writer}) {
             if (source != nullptr) {
@@ -97,7 +122,7 @@ void Core::cancel(Source& source) noexcept {
         setOver(source);
     }
     source.leave();
-    while (m_running == &source && !isLoopThread()) {
+    while (m_running == &source && !isLoopThread() && !isInherited()) {
         m_lock.wait(m_callback_over);
     }
 }
@@ -122,7 +147,7 @@ bool Core::hasReady() const noexcept {
 /// Ends the wait of the loop's thread, or the next one. The counter of the descriptor is never read: the loop
 /// watches its edges.
 void Core::wake() noexcept {
-    if (!m_is_awake && !m_is_woken) {
+    if (!m_is_awake && !m_is_woken && !isInherited()) {
         m_is_woken = true;
         CancellationOff const cancellation_off;
         eventfd_write(m_event.get(), 1);
@@ -167,6 +192,7 @@ int Core::runOnce(Clock::duration timeout, bool& called) {
     Clock::duration limit{};
     {
         Locked const locked(m_lock);
+        m_is_awake = false; // A thread that was canceled in a callback has left it set.
         limit = getWait(timeout);
     }
     int const count = wait(limit);
@@ -183,7 +209,7 @@ int Core::runOnce(Clock::duration timeout, bool& called) {
     called = fireAll();
     m_is_awake = false;
     armTimerFd();
-    if (m_timer_fd.isOpen() && (hasPosts() || hasReady())) {
+    if (m_timer_fd.isOpen() && (hasPosts() || hasReady() || !m_idle.empty())) {
         wake();
     }
     return 0;
@@ -215,13 +241,17 @@ bool Core::fireAll() {
 void Core::fire(Source& source) {
     std::shared_ptr<Source> owner = source.shared_from_this();
     source.remove();
-    if (!source.prepare()) {
+    Call const call = source.prepare();
+    if (call == Call::NONE) {
+        return; // The watch owns it, too.
+    }
+    if (call == Call::LAST) {
         setOver(source);
     }
     callOut(&source, [&owner] {
-        owner->fire();
-        // May be the last owner, and end the objects of the callback, which may use the loop.
-        owner.reset();
+        // May be the last owner, and destroy the objects of the callback, which may use the loop.
+        std::shared_ptr<Source> const mine = std::move(owner);
+        mine->fire();
     });
 }
 
@@ -237,9 +267,10 @@ void Core::Posts::takeIncoming() {
 bool Core::firePosts(Posts& posts) {
     bool const called = posts.next < posts.batch.size();
     while (posts.next < posts.batch.size() && !m_stop) {
-        callOut(nullptr, [&posts] {
-            Callback<void()> call = std::move(posts.batch[posts.next++]);
-            call();
+        Callback<void()> call = std::move(posts.batch[posts.next++]);
+        callOut(nullptr, [&call] {
+            Callback<void()> mine = std::move(call);
+            mine();
         });
     }
     return called;
@@ -278,9 +309,9 @@ void Core::callOut(Source* source, Call&& call) {
 }
 
 void Core::setExceptionHook(Callback<void(std::exception_ptr)> hook) {
-    auto const shared = std::make_shared<Callback<void(std::exception_ptr)>>(std::move(hook));
+    auto shared = std::make_shared<Callback<void(std::exception_ptr)>>(std::move(hook));
     Locked const locked(m_lock);
-    m_exception_hook = shared;
+    std::swap(m_exception_hook, shared);
 }
 
 /// Hands an exception of a callback to the hook. Without one nothing can handle it, nor one that the hook throws.
@@ -290,7 +321,7 @@ void Core::handle(std::exception_ptr exception) noexcept {
         Locked const locked(m_lock);
         hook = m_exception_hook;
     }
-    if (hook == nullptr) {
+    if (hook == nullptr || !*hook) {
         std::terminate();
     }
     (*hook)(std::move(exception));

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <csignal>
 #include <cstddef>
@@ -47,6 +48,9 @@ private:
     Lock& m_lock;
 };
 
+/// Returns a moment later or earlier, or the last or first one that there is.
+Clock::time_point add(Clock::time_point moment, Clock::duration time) noexcept;
+
 /// The state of a loop. Its watches own it too, so that they can outlive the loop.
 ///
 /// A round waits for descriptors (`epoll`), moves the sources that are due to the ready list of their priority, and
@@ -62,8 +66,9 @@ public:
 
     // ---- for the loop ----
 
-    /// Returns `errno` of the failure that left the loop without its descriptors, otherwise 0.
-    int getCreationError() const noexcept { return m_creation_error; }
+    /// Returns `errno` of the failure that left the loop without its descriptors, `ECHILD` in a child of `fork`,
+    /// otherwise 0.
+    int getState() const noexcept { return isInherited() ? ECHILD : m_creation_error; }
     /// Makes the calling thread the loop's thread. Returns false if there is one already.
     bool enter() noexcept TARN_EXCLUDES(m_lock);
     void leave() noexcept TARN_EXCLUDES(m_lock);
@@ -108,6 +113,9 @@ private:
         FdSource* reader = nullptr;
         FdSource* writer = nullptr;
         uint32_t events = 0; ///< As the system has them.
+        /// Counts the descriptors that had this number, so that an event of a former one is not taken for one of
+        /// the present one.
+        uint32_t generation = 0;
     };
 
     /// Posted calls of one priority. Those of `batch` run first, from `next` on.
@@ -126,6 +134,11 @@ private:
     static constexpr int TIMER = -2;
     static constexpr int SIGNALS = -3;
 
+    /// What an event carries: the number, and the generation of its slot.
+    static uint64_t toData(int number, uint32_t generation) noexcept {
+        return static_cast<uint64_t>(generation) << 32 | static_cast<uint32_t>(number);
+    }
+    bool isInherited() const noexcept;
     bool add(UniqueFd const& fd, int number, uint32_t events) noexcept;
     void setActive(Source& source) noexcept TARN_REQUIRES(m_lock);
     void setOver(Source& source) noexcept TARN_REQUIRES(m_lock);
@@ -138,6 +151,7 @@ private:
     Clock::duration getWait(Clock::duration timeout) const noexcept TARN_REQUIRES(m_lock);
     int wait(Clock::duration limit) noexcept;
     void collect(epoll_event const& event) noexcept TARN_REQUIRES(m_lock);
+    void collectOwn(int number) noexcept TARN_REQUIRES(m_lock);
     void collectSignals() noexcept TARN_REQUIRES(m_lock);
     void collectTimers() noexcept TARN_REQUIRES(m_lock);
     bool fireAll() TARN_REQUIRES(m_lock);
@@ -160,6 +174,7 @@ private:
     void insert(TimerSource& source) noexcept TARN_REQUIRES(m_lock);
     void extract(TimerSource& source) noexcept TARN_REQUIRES(m_lock);
 
+    unsigned int const m_forks;
     int m_creation_error = 0;
     UniqueFd m_epoll;
     UniqueFd m_event;

@@ -8,14 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <new>
-#include <sys/syscall.h>
-#include <unistd.h>
 #include <utility>
-
-// The number is the same on all architectures.
-#ifndef SYS_pidfd_open
-#define SYS_pidfd_open 434
-#endif
 
 namespace vesk::loop {
 
@@ -66,7 +59,7 @@ private:
 /// Runs rounds until `stop`, or until a condition holds after a round.
 template <typename IsOver>
 Result<> Loop::runUntil(IsOver is_over, Clock::duration timeout) {
-    if (int const error = m_core->getCreationError()) {
+    if (int const error = m_core->getState()) {
         return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
     }
     Turn const turn(*m_core);
@@ -116,7 +109,7 @@ void Loop::stop() noexcept {
 }
 
 Result<int> Loop::fd() {
-    if (int const error = m_core->getCreationError()) {
+    if (int const error = m_core->getState()) {
         return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
     }
     int const fd = m_core->exposeFd();
@@ -127,6 +120,9 @@ Result<int> Loop::fd() {
 }
 
 Result<> Loop::post(Callback<void()> call, Priority priority) {
+    if (int const error = m_core->getState()) {
+        return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
+    }
     return withoutThrowing([&]() -> Result<> {
         m_core->post(std::move(call), priority);
         return {};
@@ -141,7 +137,7 @@ void Loop::setExceptionHook(Callback<void(std::exception_ptr)> hook) {
 
 template <typename W, typename S, typename Id, typename... Args>
 Result<W> Loop::start(Id refused, int argument, Args&&... args) {
-    if (int const error = m_core->getCreationError()) {
+    if (int const error = m_core->getState()) {
         return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
     }
     return withoutThrowing([&]() -> Result<W> {
@@ -175,7 +171,7 @@ Result<Watch> Loop::onSignal(int signal, Callback<void()> callback, Priority pri
 }
 
 Result<Watch> Loop::onExit(pid_t child, Callback<void(Exit)> callback, Priority priority, Place place) {
-    UniqueFd fd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+    UniqueFd fd = openChild(child);
     if (!fd.isOpen()) {
         return makeError(SOURCE, errno, LoopErrorId::CHILD_REFUSED, static_cast<int>(child));
     }
@@ -187,6 +183,9 @@ Result<Watch> Loop::onExit(pid_t child, Callback<void(Exit)> callback, Priority 
 Result<Timer> Loop::startTimer(
     Clock::time_point deadline, Clock::duration period, Callback<void()> callback, Priority priority,
     Place place) {
+    if (int const error = m_core->getState()) {
+        return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
+    }
     return withoutThrowing([&]() -> Result<Timer> {
         auto source = std::make_shared<TimerSource>(m_core, priority, place, period, std::move(callback));
         m_core->attach(*source, deadline);
@@ -195,7 +194,8 @@ Result<Timer> Loop::startTimer(
 }
 
 Result<Timer> Loop::after(Clock::duration delay, Callback<void()> callback, Priority priority, Place place) {
-    return startTimer(Clock::now() + delay, Clock::duration::zero(), std::move(callback), priority, place);
+    return startTimer(
+        add(Clock::now(), delay), Clock::duration::zero(), std::move(callback), priority, place);
 }
 
 Result<Timer> Loop::at(Clock::time_point moment, Callback<void()> callback, Priority priority, Place place) {
@@ -204,10 +204,13 @@ Result<Timer> Loop::at(Clock::time_point moment, Callback<void()> callback, Prio
 
 Result<Timer> Loop::every(Clock::duration period, Callback<void()> callback, Priority priority, Place place) {
     Clock::duration const interval = std::max(period, Clock::duration(1));
-    return startTimer(Clock::now() + interval, interval, std::move(callback), priority, place);
+    return startTimer(add(Clock::now(), interval), interval, std::move(callback), priority, place);
 }
 
 Result<Watch> Loop::onIdle(Callback<void()> callback, Place place) {
+    if (int const error = m_core->getState()) {
+        return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
+    }
     return withoutThrowing([&]() -> Result<Watch> {
         auto source = std::make_shared<IdleSource>(m_core, place, std::move(callback));
         m_core->attach(*source);
@@ -230,7 +233,7 @@ bool Watch::isActive() const noexcept {
 
 void Timer::restart(Clock::duration delay) noexcept {
     if (m_source != nullptr) {
-        m_source->getCore().restart(static_cast<TimerSource&>(*m_source), Clock::now() + delay);
+        m_source->getCore().restart(static_cast<TimerSource&>(*m_source), add(Clock::now(), delay));
     }
 }
 

@@ -34,7 +34,7 @@ Error makeError(Here here, int error, Id id, Args const&... args) {
     std::ErrorStorage const store(nullptr);
     reportErrno(here.file, here.line, error);
     std::ErrorOutput(here.file, here.line, false)(id, args...);
-    return Error::take();
+    return Error::take(error);
 }
 
 } // namespace vesk::loop::detail

@@ -16,6 +16,8 @@ namespace vesk::loop {
 
 namespace {
 
+constexpr char const* SOURCE = "loop/src/vesk/loop/Result";
+
 /// The rows of `SysError` for the numbers that have one. All others are unclassified.
 struct Meaning {
     int error;
@@ -33,7 +35,6 @@ constexpr Meaning MEANINGS[] = {
     {EEXIST, SysErrorId::FILE_EXISTS},         {EBUSY, SysErrorId::IN_USE},
     {EADDRINUSE, SysErrorId::IN_USE},          {ENOSPC, SysErrorId::NO_SPACE},
     {ENODEV, SysErrorId::NO_DEVICE},           {ENXIO, SysErrorId::NO_DEVICE},
-    {ESRCH, SysErrorId::NO_SUCH_PROCESS},      {ECHILD, SysErrorId::NO_SUCH_PROCESS},
 };
 
 /// Returns the number in the text of a report about a system call: "... (errno = 2)". Returns 0 without one.
@@ -71,10 +72,15 @@ void detail::reportErrno(char const* file, int line, int error) noexcept {
     std::ErrorOutput(file, line, true)(id, SystemError(error).getString());
 }
 
-Error Error::take() {
+Error Error::take(int number) {
     Error error;
+    error.m_number = number;
     unsigned int count = 0;
-    std::ErrorObject const* const head = std::ErrorStorage::get();
+    std::ErrorObject const* head = std::ErrorStorage::get();
+    if (head == nullptr) {
+        std::ErrorOutput(SOURCE, __LINE__, true)(std::CommonErrorId::CONTRACT_BROKEN, "no report is pending");
+        head = std::ErrorStorage::get();
+    }
     for (std::ErrorObject const* report = head; report != nullptr; report = report->next) {
         ++count;
     }
@@ -83,11 +89,11 @@ Error Error::take() {
     return error;
 }
 
-Error::Error(Error const& other) {
+Error::Error(Error const& other) : m_number(other.m_number) {
     copy(&other.head(), other.m_count);
 }
 
-Error::Error(Error&& other) noexcept : m_more(std::move(other.m_more)) {
+Error::Error(Error&& other) noexcept : m_number(other.m_number), m_more(std::move(other.m_more)) {
     // The other one keeps its first reports: a moved error can still be read.
     for (unsigned int i = 0; i < std::min(other.m_count, INLINE_REPORTS); ++i) {
         new (m_first + i * sizeof(std::ErrorObject)) std::ErrorObject(other.get(i));
@@ -138,6 +144,9 @@ void Error::link() noexcept {
 }
 
 std::error_code Error::code() const noexcept {
+    if (m_number != 0) {
+        return {m_number, std::system_category()};
+    }
     for (unsigned int i = m_count; i > 0; --i) {
         if (int const number = findErrno(get(i - 1))) {
             return {number, std::system_category()};

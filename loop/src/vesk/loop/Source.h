@@ -17,6 +17,9 @@ using vesk::detail::UniqueFd;
 
 class Core;
 
+/// What follows when a source is due.
+enum class Call : unsigned char { NONE, AGAIN, LAST };
+
 /// What a watch owns: its callback, and its place in the structures of the core. The core's lock guards all fields
 /// but the callback, which the loop's thread uses without a lock, and which the destructor destroys.
 ///
@@ -32,8 +35,8 @@ public:
     virtual void detach() noexcept = 0;
     /// The watch is gone.
     virtual void leave() noexcept {}
-    /// Begins a call. Returns false if it is the last one.
-    virtual bool prepare() noexcept { return true; }
+    /// Begins a call. Returns whether there is one, and whether it is the last one.
+    virtual Call prepare() noexcept { return Call::AGAIN; }
     /// Calls back. Runs without the lock.
     virtual void fire() = 0;
 
@@ -90,7 +93,7 @@ public:
 
     void detach() noexcept override;
     void leave() noexcept override;
-    bool prepare() noexcept override;
+    Call prepare() noexcept override;
     void fire() override { m_callback(); }
 
     Clock::duration const period; ///< Zero for a timer that expires once.
@@ -118,6 +121,9 @@ private:
     Callback<void()> m_callback;
 };
 
+/// Returns a descriptor that is readable when a child has ended, or one that is not open, with `errno` set.
+UniqueFd openChild(pid_t child) noexcept;
+
 /// A child, by a descriptor of its own.
 class ChildSource final : public FdSource {
 public:
@@ -129,7 +135,7 @@ public:
           m_descriptor(std::move(descriptor)),
           m_callback(std::move(callback)) {}
 
-    bool prepare() noexcept override;
+    Call prepare() noexcept override;
     void fire() override;
 
 private:

@@ -1,9 +1,22 @@
 #include "Core.h"
+#include "SignalsBlocked.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
+#include <new>
+#include <pthread.h>
 #include <sys/signalfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+// The number is the same on all architectures.
+#ifndef SYS_pidfd_open
+#define SYS_pidfd_open 434
+#endif
 
 namespace vesk::loop::detail {
 
@@ -29,6 +42,9 @@ int Core::attach(FdSource& source) {
     Locked const locked(m_lock);
     auto const index = static_cast<size_t>(source.fd);
     if (index >= m_slots.size()) {
+        if (fcntl(source.fd, F_GETFD) < 0) {
+            return errno; // No memory for a number that is not a descriptor.
+        }
         m_slots.resize(std::max(index + 1, 2 * m_slots.size()));
     }
     FdSource*& direction = source.is_writer ? m_slots[index].writer : m_slots[index].reader;
@@ -55,8 +71,10 @@ void Core::detach(FdSource& source) noexcept {
 /// Tells the system what to wait for. Returns `errno`, 0 on success.
 int Core::update(int fd) noexcept {
     Slot& slot = m_slots[static_cast<size_t>(fd)];
+    if (isInherited()) {
+        return ECHILD;
+    }
     epoll_event event{};
-    event.data.fd = fd;
     event.events = (slot.reader != nullptr ? READABLE : 0) | (slot.writer != nullptr ? WRITABLE : 0);
     if (event.events == 0) {
         slot.events = 0;
@@ -64,9 +82,12 @@ int Core::update(int fd) noexcept {
     }
     // Both directions share one setting: the edges of one must not hide that the other is still ready.
     event.events |= isEdge(slot.reader) && isEdge(slot.writer) ? static_cast<uint32_t>(EPOLLET) : 0;
+    slot.generation += slot.events == 0 ? 1 : 0;
+    event.data.u64 = toData(fd, slot.generation);
     int result = epoll_ctl(m_epoll.get(), slot.events == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd, &event);
     if (result != 0 && errno == ENOENT && slot.events != 0) {
         // The descriptor was closed, and its number belongs to another one now.
+        event.data.u64 = toData(fd, ++slot.generation);
         result = epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, fd, &event);
     }
     if (result != 0) {
@@ -77,23 +98,29 @@ int Core::update(int fd) noexcept {
 }
 
 void Core::collect(epoll_event const& event) noexcept {
-    if (event.data.fd == SIGNALS) {
-        collectSignals();
+    auto const number = static_cast<int>(static_cast<uint32_t>(event.data.u64));
+    if (number < 0) {
+        collectOwn(number);
         return;
     }
-    if (event.data.fd == TIMER) {
-        m_armed = Clock::time_point::max();
-        return;
+    Slot const& slot = m_slots[static_cast<size_t>(number)];
+    if (event.data.u64 != toData(number, slot.generation)) {
+        return; // The watch has ended since the wait.
     }
-    if (event.data.fd == EVENT) {
-        return;
-    }
-    Slot const& slot = m_slots[static_cast<size_t>(event.data.fd)];
     if (slot.reader != nullptr && (event.events & (READABLE | ENDED)) != 0) {
         setReady(*slot.reader);
     }
     if (slot.writer != nullptr && (event.events & (WRITABLE | ENDED)) != 0) {
         setReady(*slot.writer);
+    }
+}
+
+/// Serves a descriptor of the loop's own.
+void Core::collectOwn(int number) noexcept {
+    if (number == SIGNALS) {
+        collectSignals();
+    } else if (number == TIMER) {
+        m_armed = Clock::time_point::max();
     }
 }
 
@@ -130,6 +157,9 @@ void Core::detach(SignalSource& source) noexcept {
 }
 
 int Core::updateSignals() noexcept {
+    if (isInherited()) {
+        return ECHILD;
+    }
     sigset_t set;
     sigemptyset(&set);
     for (SignalSource const* const source : m_signals) {
@@ -167,16 +197,62 @@ void SignalSource::detach() noexcept {
 
 // ---- children ----
 
-bool ChildSource::prepare() noexcept {
+namespace {
+
+/// Waits for a child in a thread that closes a pipe then: before Linux 5.3, or behind a filter that does not know
+/// `pidfd_open`. A thread leaves the signals of the process alone, unlike a handler of `SIGCHLD`.
+UniqueFd waitInThread(pid_t child) noexcept {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return UniqueFd();
+    }
+    UniqueFd reader(ends[0]);
+    UniqueFd writer(ends[1]);
+    try {
+        SignalsBlocked const blocked; // The thread inherits that.
+        std::thread([child, end = std::move(writer)] {
+            siginfo_t info;
+            while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+            }
+        }).detach();
+    } catch (std::system_error const& error) {
+        errno = error.code().value();
+        return UniqueFd();
+    } catch (std::bad_alloc const&) {
+        errno = ENOMEM;
+        return UniqueFd();
+    }
+    return reader;
+}
+
+} // namespace
+
+UniqueFd openChild(pid_t child) noexcept {
+    siginfo_t info;
+    if (child <= 0) {
+        errno = EINVAL;
+        return UniqueFd();
+    }
+    if (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
+        return UniqueFd();
+    }
+    UniqueFd fd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+    return fd.isOpen() || (errno != ENOSYS && errno != EPERM) ? std::move(fd) : waitInThread(child);
+}
+
+Call ChildSource::prepare() noexcept {
     siginfo_t info{};
-    if (waitid(P_PID, static_cast<id_t>(m_child), &info, WEXITED | WNOHANG) == 0 && info.si_pid == m_child) {
+    if (waitid(P_PID, static_cast<id_t>(m_child), &info, WEXITED | WNOHANG) == 0) {
+        if (info.si_pid != m_child) {
+            return Call::NONE;
+        }
         bool const exited = info.si_code == CLD_EXITED;
         m_exit.code = exited ? info.si_status : -1;
         m_exit.signal = exited ? 0 : info.si_status;
         m_exit.dumped_core = info.si_code == CLD_DUMPED;
     }
     m_exit.pid = m_child;
-    return false;
+    return Call::LAST;
 }
 
 void ChildSource::fire() {

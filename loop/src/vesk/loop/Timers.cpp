@@ -26,6 +26,8 @@ struct WideTime {
 
 template <typename Time>
 Time toSystem(Clock::duration time) noexcept {
+    // Half a century is never: a later moment does not fit everywhere.
+    time = std::min<Clock::duration>(time, std::chrono::hours(24 * 365 * 50));
     auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
     return {
         static_cast<decltype(Time{}.tv_sec)>(seconds.count()),
@@ -33,6 +35,13 @@ Time toSystem(Clock::duration time) noexcept {
 }
 
 } // namespace
+
+Clock::time_point add(Clock::time_point moment, Clock::duration time) noexcept {
+    if (time > Clock::duration::zero()) {
+        return moment > Clock::time_point::max() - time ? Clock::time_point::max() : moment + time;
+    }
+    return moment < Clock::time_point::min() - time ? Clock::time_point::min() : moment + time;
+}
 
 // ---- the heap ----
 
@@ -117,7 +126,9 @@ void Core::attach(TimerSource& source, Clock::time_point deadline) {
 
 void Core::restart(TimerSource& source, Clock::time_point deadline) noexcept {
     Locked const locked(m_lock);
-    begin(source, deadline);
+    if (m_epoll.isOpen()) { // The loop exists.
+        begin(source, deadline);
+    }
 }
 
 void Core::begin(TimerSource& source, Clock::time_point deadline) noexcept {
@@ -150,17 +161,17 @@ void TimerSource::detach() noexcept {
 }
 
 /// Starts a periodic timer again. The next moment is on the grid of its periods and in the future.
-bool TimerSource::prepare() noexcept {
+Call TimerSource::prepare() noexcept {
     if (period == Clock::duration::zero()) {
-        return false;
+        return Call::LAST;
     }
     Clock::time_point const now = Clock::now();
-    deadline += period;
+    deadline = add(deadline, period);
     if (deadline <= now) {
         deadline += ((now - deadline) / period + 1) * period;
     }
     getCore().renew(*this);
-    return true;
+    return Call::AGAIN;
 }
 
 void Core::renew(TimerSource& source) noexcept {
@@ -188,7 +199,9 @@ Clock::duration Core::getWait(Clock::duration timeout) const noexcept {
     if (m_heap.empty()) {
         return timeout;
     }
-    Clock::duration const rest = std::max(m_heap.front()->deadline - Clock::now(), Clock::duration::zero());
+    Clock::time_point const now = Clock::now();
+    Clock::time_point const next = m_heap.front()->deadline;
+    Clock::duration const rest = next <= now ? Clock::duration::zero() : next - now;
     return timeout < Clock::duration::zero() ? rest : std::min(rest, timeout);
 }
 
@@ -202,10 +215,10 @@ int Core::wait(Clock::duration limit) noexcept {
         auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
         WideTime const time{seconds.count(), std::chrono::nanoseconds(limit - seconds).count()};
         long const count = syscall(SYS_epoll_pwait2, m_epoll.get(), m_events.data(), size, &time, nullptr, 0);
-        if (count >= 0 || errno != ENOSYS) {
+        if (count >= 0 || (errno != ENOSYS && errno != EPERM)) {
             return static_cast<int>(count);
         }
-        // Before Linux 5.11. The descriptor of a timer ends a wait more precisely than the call does.
+        // Before Linux 5.11, or a filter that does not know the call. The descriptor of a timer ends a wait more precisely than the call does.
         m_waits_precisely = false;
         Locked const locked(m_lock);
         makeTimerFd();
@@ -229,7 +242,7 @@ bool Core::makeTimerFd() noexcept {
 
 /// Sets the descriptor of the timer, unless it rings early enough already.
 void Core::armTimerFd() noexcept {
-    if (!m_timer_fd.isOpen() || m_heap.empty() || m_heap.front()->deadline >= m_armed) {
+    if (!m_timer_fd.isOpen() || isInherited() || m_heap.empty() || m_heap.front()->deadline >= m_armed) {
         return;
     }
     m_armed = m_heap.front()->deadline;
