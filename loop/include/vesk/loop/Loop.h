@@ -10,6 +10,10 @@
 
 namespace vesk::loop {
 
+class Command;
+class Process;
+struct Output;
+
 /// The order of the callbacks of one round. A round calls each callback that was due at its begin, so that no
 /// priority starves another one.
 enum class Priority : unsigned char { HIGH, NORMAL, LOW };
@@ -108,6 +112,12 @@ public:
     /// If other code has reaped it, how it ended is unknown.
     Result<Watch> onExit(
         pid_t child, Callback<void(Exit)> callback, Priority priority = Priority::NORMAL,
+        Place place = Place::here());
+
+    /// Starts a program, and calls back once when it has ended and its captured streams are closed. See
+    /// `vesk/loop/Command.h`.
+    Result<Process> start(
+        Command const& command, Callback<void(Output)> callback, Priority priority = Priority::NORMAL,
         Place place = Place::here());
 
     /// Calls back in each round in which nothing else is due.

@@ -18,7 +18,8 @@ enum Id : int {
     FD_REFUSED = 3,  ///< The descriptor cannot be watched. Argument: the descriptor.
     FD_WATCHED = 4,  ///< The loop watches this direction of the descriptor already. Argument: the descriptor.
     SIGNAL_REFUSED = 5, ///< The signal cannot be watched. Argument: the signal.
-    CHILD_REFUSED = 6,  ///< The process is not a child that can be watched. Argument: the process.
+    CHILD_REFUSED = 6, ///< The process is not a child that can be watched or signaled. Argument: the process.
+    NOT_STARTED = 7,   ///< A program cannot be started. Arguments: the program, and the step that has failed.
 };
 
 /// Returns the family of these ids.

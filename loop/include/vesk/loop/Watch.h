@@ -10,6 +10,7 @@ namespace vesk::loop {
 
 namespace detail {
 class Core;
+class JobSource;
 class Source;
 } // namespace detail
 
@@ -47,6 +48,7 @@ protected:
     std::shared_ptr<detail::Source> m_source;
 
     friend class Loop;
+    friend class detail::JobSource;
 };
 
 /// A watch of a moment in time.

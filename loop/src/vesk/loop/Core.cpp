@@ -1,4 +1,5 @@
 #include "Core.h"
+#include "Job.h"
 
 #include <vesk/common/CancellationOff.h>
 
@@ -112,7 +113,16 @@ void Core::setReady(Source& source) noexcept {
 
 bool Core::isActive(Source const& source) noexcept {
     Locked const locked(m_lock);
-    return source.is_attached;
+    return source.is_attached && m_epoll.isOpen();
+}
+
+bool Core::finish(Source& source) noexcept {
+    Locked const locked(m_lock);
+    bool const was_active = source.is_attached;
+    if (was_active) {
+        setOver(source);
+    }
+    return was_active;
 }
 
 void Core::cancel(Source& source) noexcept {
@@ -129,6 +139,16 @@ void Core::cancel(Source& source) noexcept {
 
 bool Core::isLoopThread() const noexcept {
     return m_is_entered && pthread_equal(m_thread, pthread_self()) != 0;
+}
+
+void Core::attach(JobSource& source) noexcept {
+    Locked const locked(m_lock);
+    setActive(source);
+}
+
+int Core::signal(Source const& child, pid_t pid, int number) noexcept {
+    Locked const locked(m_lock);
+    return child.is_attached ? kill(pid, number) == 0 ? 0 : errno : ESRCH;
 }
 
 // ---- posts and wake-ups ----

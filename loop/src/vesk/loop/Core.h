@@ -92,10 +92,15 @@ public:
     int attach(FdSource& source) TARN_EXCLUDES(m_lock);
     int attach(SignalSource& source) TARN_EXCLUDES(m_lock);
     void attach(IdleSource& source) TARN_EXCLUDES(m_lock);
+    void attach(JobSource& source) noexcept TARN_EXCLUDES(m_lock);
     void attach(TimerSource& source, Clock::time_point deadline) TARN_EXCLUDES(m_lock);
     void restart(TimerSource& source, Clock::time_point deadline) noexcept TARN_EXCLUDES(m_lock);
     void cancel(Source& source) noexcept TARN_EXCLUDES(m_lock);
     bool isActive(Source const& source) noexcept TARN_EXCLUDES(m_lock);
+    /// Ends the activity of a source. Returns false if it has ended before.
+    bool finish(Source& source) noexcept TARN_EXCLUDES(m_lock);
+    /// Sends a signal to a child that has not been reaped. Returns `errno`, 0 on success.
+    int signal(Source const& child, pid_t pid, int number) noexcept TARN_EXCLUDES(m_lock);
 
     // ---- for sources, which call with the lock held ----
 

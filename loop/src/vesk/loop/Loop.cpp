@@ -18,16 +18,6 @@ namespace {
 
 constexpr char const* SOURCE = "loop/src/vesk/loop/Loop";
 
-/// Runs an operation that allocates. Converts the lack of memory to an error.
-template <typename Operation>
-auto withoutThrowing(Operation operation) -> decltype(operation()) {
-    try {
-        return operation();
-    } catch (std::bad_alloc const&) {
-        return makeError(SOURCE, std::CommonErrorId::OUT_OF_MEMORY);
-    }
-}
-
 } // namespace
 
 Loop::Loop() : m_core(std::make_shared<Core>()) {}
@@ -123,7 +113,7 @@ Result<> Loop::post(Callback<void()> call, Priority priority) {
     if (int const error = m_core->getState()) {
         return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
     }
-    return withoutThrowing([&]() -> Result<> {
+    return withoutThrowing(SOURCE, [&]() -> Result<> {
         m_core->post(std::move(call), priority);
         return {};
     });
@@ -140,7 +130,7 @@ Result<W> Loop::start(Id refused, int argument, Args&&... args) {
     if (int const error = m_core->getState()) {
         return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
     }
-    return withoutThrowing([&]() -> Result<W> {
+    return withoutThrowing(SOURCE, [&]() -> Result<W> {
         auto source = std::make_shared<S>(m_core, std::forward<Args>(args)...);
         int const error = m_core->attach(*source);
         if (error == EEXIST) {
@@ -186,7 +176,7 @@ Result<Timer> Loop::startTimer(
     if (int const error = m_core->getState()) {
         return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
     }
-    return withoutThrowing([&]() -> Result<Timer> {
+    return withoutThrowing(SOURCE, [&]() -> Result<Timer> {
         auto source = std::make_shared<TimerSource>(m_core, priority, place, period, std::move(callback));
         m_core->attach(*source, deadline);
         return Timer(std::move(source));
@@ -211,7 +201,7 @@ Result<Watch> Loop::onIdle(Callback<void()> callback, Place place) {
     if (int const error = m_core->getState()) {
         return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
     }
-    return withoutThrowing([&]() -> Result<Watch> {
+    return withoutThrowing(SOURCE, [&]() -> Result<Watch> {
         auto source = std::make_shared<IdleSource>(m_core, place, std::move(callback));
         m_core->attach(*source);
         return Watch(std::move(source));

@@ -14,6 +14,7 @@ constexpr std::ErrorID ROWS[] = {
     {LoopErrorId::FD_WATCHED, "This direction of descriptor %d is watched already", 1},
     {LoopErrorId::SIGNAL_REFUSED, "Signal %d cannot be watched", 1},
     {LoopErrorId::CHILD_REFUSED, "Process %d is not a child that can be watched", 1},
+    {LoopErrorId::NOT_STARTED, "Program \"%s\" cannot be started: %s", 2},
 };
 
 } // namespace

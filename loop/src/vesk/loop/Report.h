@@ -3,9 +3,11 @@
 #include <vesk/loop/LoopError.h>
 #include <vesk/loop/Result.h>
 
+#include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorOutput.h>
 #include <tarncommon/error/ErrorStorage.h>
 
+#include <new>
 #include <utility>
 
 namespace vesk::loop::detail {
@@ -35,6 +37,16 @@ Error makeError(Here here, int error, Id id, Args const&... args) {
     reportErrno(here.file, here.line, error);
     std::ErrorOutput(here.file, here.line, false)(id, args...);
     return Error::take(error);
+}
+
+/// Runs an operation that allocates. Converts the lack of memory to an error.
+template <typename Operation>
+auto withoutThrowing(char const* source, Operation operation) -> decltype(operation()) {
+    try {
+        return operation();
+    } catch (std::bad_alloc const&) {
+        return makeError(source, std::CommonErrorId::OUT_OF_MEMORY);
+    }
 }
 
 } // namespace vesk::loop::detail

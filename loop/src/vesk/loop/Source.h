@@ -16,6 +16,7 @@ namespace vesk::loop::detail {
 using vesk::detail::UniqueFd;
 
 class Core;
+class JobSource;
 
 /// What follows when a source is due.
 enum class Call : unsigned char { NONE, AGAIN, LAST };

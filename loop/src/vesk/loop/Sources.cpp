@@ -1,5 +1,6 @@
 #include "Core.h"
 #include "SignalsBlocked.h"
+#include "Start.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -246,10 +247,7 @@ Call ChildSource::prepare() noexcept {
         if (info.si_pid != m_child) {
             return Call::NONE;
         }
-        bool const exited = info.si_code == CLD_EXITED;
-        m_exit.code = exited ? info.si_status : -1;
-        m_exit.signal = exited ? 0 : info.si_status;
-        m_exit.dumped_core = info.si_code == CLD_DUMPED;
+        m_exit = toExit(m_child, info);
     }
     m_exit.pid = m_child;
     return Call::LAST;
