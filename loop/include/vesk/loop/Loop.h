@@ -131,9 +131,9 @@ public:
 private:
     class Turn;
     template <typename IsOver>
-    Result<> runUntil(IsOver is_over, Clock::duration timeout);
+    [[gnu::visibility("hidden")]] Result<> runUntil(IsOver is_over, Clock::duration timeout);
     template <typename W, typename S, typename Id, typename... Args>
-    Result<W> start(Id refused, int argument, Args&&... args);
+    [[gnu::visibility("hidden")]] Result<W> add(Id refused, int argument, Args&&... args);
     Result<Timer> startTimer(
         Clock::time_point deadline, Clock::duration period, Callback<void()> callback, Priority priority,
         Place place);

@@ -316,8 +316,9 @@ private:
     Core& m_core;
 };
 
+/// The exception of a cancellation has no object, so that the reference to it is null.
 template <typename Call>
-void Core::callOut(Source* source, Call&& call) {
+[[gnu::no_sanitize("null")]] void Core::callOut(Source* source, Call&& call) {
     Running const running(*this, source);
     try {
         call();

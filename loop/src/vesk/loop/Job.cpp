@@ -5,8 +5,10 @@
 
 #include <vesk/common/CancellationOff.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <iterator>
 #include <utility>
 
 namespace vesk::loop {
@@ -22,10 +24,13 @@ constexpr char const* SOURCE = "loop/src/vesk/loop/Command";
 namespace detail {
 
 JobSource::~JobSource() {
-    // Ends the watches before the members that they use.
-    m_programs.clear();
-    for (Watch& watch : m_watches) {
-        watch.cancel();
+    {
+        // Ended without the mutex, because a callback that is running, and for which this waits, may need it.
+        std::vector<Watch> programs;
+        Watch streams[Streams::COUNT];
+        std::lock_guard<std::mutex> const held(m_mutex);
+        programs.swap(m_programs);
+        std::move(std::begin(m_watches), std::end(m_watches), std::begin(streams));
     }
     for (size_t i = m_exits.size(); i-- > 0;) {
         if (m_exits[i].pid != -1) {
@@ -84,8 +89,10 @@ void JobSource::serve(size_t stream) {
     if (streams.get(stream) < 0) {
         return;
     }
-    if (!streams.serve(stream, m_output)) {
-        m_watches[stream].cancel(); // Before its descriptor is closed.
+    Source* const watched = m_watches[stream].m_source.get();
+    if (watched != nullptr && !streams.serve(stream, m_output)) {
+        // Over before its descriptor is closed. The watch stays, so that the destructor waits for this call.
+        getCore().finish(*watched);
         streams.m_ends[stream].close();
         finish(std::move(held));
     }

@@ -126,7 +126,7 @@ void Loop::setExceptionHook(Callback<void(std::exception_ptr)> hook) {
 // ---- watches ----
 
 template <typename W, typename S, typename Id, typename... Args>
-Result<W> Loop::start(Id refused, int argument, Args&&... args) {
+Result<W> Loop::add(Id refused, int argument, Args&&... args) {
     if (int const error = m_core->getState()) {
         return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
     }
@@ -145,18 +145,18 @@ Result<W> Loop::start(Id refused, int argument, Args&&... args) {
 
 Result<Watch>
 Loop::onReadable(int fd, Callback<void()> callback, Priority priority, Trigger trigger, Place place) {
-    return start<Watch, ReadySource>(
+    return add<Watch, ReadySource>(
         LoopErrorId::FD_REFUSED, fd, priority, place, fd, false, trigger, std::move(callback));
 }
 
 Result<Watch>
 Loop::onWritable(int fd, Callback<void()> callback, Priority priority, Trigger trigger, Place place) {
-    return start<Watch, ReadySource>(
+    return add<Watch, ReadySource>(
         LoopErrorId::FD_REFUSED, fd, priority, place, fd, true, trigger, std::move(callback));
 }
 
 Result<Watch> Loop::onSignal(int signal, Callback<void()> callback, Priority priority, Place place) {
-    return start<Watch, SignalSource>(
+    return add<Watch, SignalSource>(
         LoopErrorId::SIGNAL_REFUSED, signal, priority, place, signal, std::move(callback));
 }
 
@@ -165,7 +165,7 @@ Result<Watch> Loop::onExit(pid_t child, Callback<void(Exit)> callback, Priority 
     if (!fd.isOpen()) {
         return makeError(SOURCE, errno, LoopErrorId::CHILD_REFUSED, static_cast<int>(child));
     }
-    return start<Watch, ChildSource>(
+    return add<Watch, ChildSource>(
         LoopErrorId::CHILD_REFUSED, static_cast<int>(child), priority, place, child, std::move(fd),
         std::move(callback));
 }
@@ -185,7 +185,7 @@ Result<Timer> Loop::startTimer(
 
 Result<Timer> Loop::after(Clock::duration delay, Callback<void()> callback, Priority priority, Place place) {
     return startTimer(
-        add(Clock::now(), delay), Clock::duration::zero(), std::move(callback), priority, place);
+        detail::add(Clock::now(), delay), Clock::duration::zero(), std::move(callback), priority, place);
 }
 
 Result<Timer> Loop::at(Clock::time_point moment, Callback<void()> callback, Priority priority, Place place) {
@@ -194,7 +194,7 @@ Result<Timer> Loop::at(Clock::time_point moment, Callback<void()> callback, Prio
 
 Result<Timer> Loop::every(Clock::duration period, Callback<void()> callback, Priority priority, Place place) {
     Clock::duration const interval = std::max(period, Clock::duration(1));
-    return startTimer(add(Clock::now(), interval), interval, std::move(callback), priority, place);
+    return startTimer(detail::add(Clock::now(), interval), interval, std::move(callback), priority, place);
 }
 
 Result<Watch> Loop::onIdle(Callback<void()> callback, Place place) {
@@ -223,7 +223,7 @@ bool Watch::isActive() const noexcept {
 
 void Timer::restart(Clock::duration delay) noexcept {
     if (m_source != nullptr) {
-        m_source->getCore().restart(static_cast<TimerSource&>(*m_source), add(Clock::now(), delay));
+        m_source->getCore().restart(static_cast<TimerSource&>(*m_source), detail::add(Clock::now(), delay));
     }
 }
 
