@@ -318,7 +318,7 @@ private:
 
 /// The exception of a cancellation has no object, so that the reference to it is null.
 template <typename Call>
-[[gnu::no_sanitize("null")]] void Core::callOut(Source* source, Call&& call) {
+__attribute__((no_sanitize("null"))) void Core::callOut(Source* source, Call&& call) {
     Running const running(*this, source);
     try {
         call();
