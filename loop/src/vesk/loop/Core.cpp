@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cxxabi.h>
 #include <exception>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -316,16 +315,17 @@ private:
     Core& m_core;
 };
 
-/// The exception of a cancellation has no object, so that the reference to it is null.
 template <typename Call>
-__attribute__((no_sanitize("null"))) void Core::callOut(Source* source, Call&& call) {
+void Core::callOut(Source* source, Call&& call) {
     Running const running(*this, source);
     try {
         call();
-    } catch (abi::__forced_unwind const&) {
-        throw; // The thread is canceled.
     } catch (...) {
-        handle(std::current_exception());
+        std::exception_ptr exception = std::current_exception();
+        if (exception == nullptr) {
+            throw; // Not an exception of the language: the thread is canceled.
+        }
+        handle(std::move(exception));
     }
 }
 
