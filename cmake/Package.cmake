@@ -1,4 +1,4 @@
-# Defines what `cmake --install` installs: both libraries, their headers, the CMake package `vesk` and a
+# Defines what `cmake --install` installs: the libraries, their headers, the CMake package `vesk` and a
 # pkg-config file for each library. The installed tree is relocatable: no file in it contains the install
 # prefix.
 include(CMakePackageConfigHelpers)
@@ -6,12 +6,12 @@ include(CMakePackageConfigHelpers)
 set(VESK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vesk)
 set(VESK_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# libvesk finds the base library in its own directory, independently of the program's search path.
-set_target_properties(vesk PROPERTIES INSTALL_RPATH "$ORIGIN")
+# The libraries find each other in their own directory, independently of the program's search path.
+set_target_properties(vesk veskloop PROPERTIES INSTALL_RPATH "$ORIGIN")
 
-install(TARGETS tarncommon vesk EXPORT veskTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS tarncommon vesk veskloop EXPORT veskTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(
-    DIRECTORY tarncommon/include/ framework/include/
+    DIRECTORY tarncommon/include/ framework/include/ loop/include/
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     FILES_MATCHING
     PATTERN "*.h")
@@ -44,7 +44,7 @@ install(
 file(RELATIVE_PATH VESK_PREFIX_FROM_PKGCONFIG /prefix/${VESK_PKGCONFIG_DIR} /prefix)
 list(TRANSFORM VESK_WIDTH_DEFINITIONS PREPEND " -D" OUTPUT_VARIABLE VESK_WIDTH_FLAGS)
 list(JOIN VESK_WIDTH_FLAGS "" VESK_WIDTH_FLAGS)
-foreach(library tarncommon vesk)
+foreach(library tarncommon vesk veskloop)
     configure_file(cmake/${library}.pc.in ${PROJECT_BINARY_DIR}/package/${library}.pc @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/package/${library}.pc DESTINATION ${VESK_PKGCONFIG_DIR})
 endforeach()

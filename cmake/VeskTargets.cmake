@@ -20,7 +20,7 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     set(VESK_OPTIMIZES_SIZE ON)
 endif()
 
-# Adds one of the two libraries. ARGN lists its sources. SYMBOL is the mangled name of a symbol that only this
+# Adds one of the libraries. ARGN lists its sources. SYMBOL is the mangled name of a symbol that only this
 # library exports.
 function(vesk_add_library name symbol)
     add_library(${name} SHARED ${ARGN})
