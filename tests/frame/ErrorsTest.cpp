@@ -2,6 +2,8 @@
 #include "support/TempFolder.h"
 #include "support/Testing.h"
 
+#include "vesk/posix/detail/ErrorDescriptions.h"
+
 #include <vesk/Condition.h>
 #include <vesk/Mutex.h>
 #include <vesk/SavedErrorChain.h>
@@ -240,6 +242,12 @@ TEST(SystemError, threadsHaveSeparateTexts) {
             ASSERT_EQ(expected, SystemError(number).getString());
         }
     });
+}
+
+TEST(ErrorDescriptions, haveTheTextsOfTheCLibrary) {
+    for (int number = -1; number < 4096; ++number) {
+        EXPECT_STREQ(strerrordesc_np(number), vesk::detail::findErrorDescription(number)) << number;
+    }
 }
 
 // ---- saved chains ----
