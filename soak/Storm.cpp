@@ -83,8 +83,12 @@ bool Storm::eventually(std::function<bool()> const& condition) const {
 
 std::vector<std::unique_ptr<Storm>> makeStorms() {
     std::vector<std::unique_ptr<Storm>> storms;
+#if !defined(__SANITIZE_THREAD__)
+    // The thread sanitizer runs handlers later than the kernel would, and keeps only one pending signal of each
+    // number: signals, and with them expiries of timers, are lost.
     storms.push_back(makeSignalStorm());
     storms.push_back(makeTimerStorm());
+#endif
     storms.push_back(makeChildStorm());
     storms.push_back(makeTcpStorm());
     storms.push_back(makeUnixStorm());

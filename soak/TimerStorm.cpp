@@ -14,6 +14,9 @@ class CountingTimer : public vesk::Timer {
 public:
     CountingTimer(bool high_priority, unsigned int kind) : Timer(ring, high_priority), m_kind(kind) {}
 
+    /// The base class would stop the timer only after this part of the object is gone.
+    ~CountingTimer() override { stop(); }
+
     unsigned int getRings() const noexcept { return m_rings; }
 
 private:
