@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <csignal>
 #include <new>
-#include <sys/prctl.h>
+#include <unistd.h>
 
 namespace soak {
 
@@ -105,7 +105,7 @@ private:
 } // namespace
 
 int writeRing(char const* name) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    pid_t const parent = getppid();
     vesk::SharedMemoryClient client;
     unsigned int const page = vesk::Vesk::s_sys_info.page_size;
     if (client.attach(name, MemMapping::READ | MemMapping::WRITE)) {
@@ -119,7 +119,7 @@ int writeRing(char const* name) {
     }
     auto& front = *static_cast<Front*>(front_page.getAddress());
     auto* const bytes = static_cast<char*>(ring.getAddress());
-    while (!front.mutex.lock()) {
+    while (getppid() == parent && !front.mutex.lock()) {
         unsigned int const size = std::min(RING_SIZE - (front.written - front.read), 5000U);
         for (unsigned int i = 0; i < size; ++i) {
             bytes[front.written % RING_SIZE + i] = static_cast<char>((front.written + i) / 251);
