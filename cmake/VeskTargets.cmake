@@ -20,6 +20,22 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     set(VESK_OPTIMIZES_SIZE ON)
 endif()
 
+# A canary in each frame with an array or a local variable whose address is used makes the libraries 8 % larger.
+# Where memory is scarce, only frames with a buffer of bytes have one.
+if(VESK_OPTIMIZES_SIZE)
+    set(VESK_STACK_PROTECTOR -fstack-protector)
+else()
+    set(VESK_STACK_PROTECTOR -fstack-protector-strong)
+endif()
+
+# Hardens a library: canaries in stack frames with arrays, no lazy binding (which makes all relocated data
+# read-only), no executable stack, no relocations in code. The checks of buffer sizes in the C library are left to
+# the flags of the distribution: they call other functions than those that the tests replace.
+function(vesk_harden name)
+    target_compile_options(${name} PRIVATE ${VESK_STACK_PROTECTOR})
+    target_link_options(${name} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,-z,text)
+endfunction()
+
 # The libraries are shared unless BUILD_SHARED_LIBS is off, also in a project that does not set it: a process
 # must have only one copy of their process-wide state.
 if(DEFINED BUILD_SHARED_LIBS AND NOT BUILD_SHARED_LIBS)
@@ -49,6 +65,7 @@ function(vesk_add_library name symbol)
         PRIVATE $<BUILD_INTERFACE:vesk_build_flags> ${VESK_SYSTEM_LIBRARIES})
     # Calls inside a library are bound to the library; a program can replace only functions of libc.
     target_compile_options(${name} PRIVATE -fno-semantic-interposition -fno-plt)
+    vesk_harden(${name})
     # On 32-bit systems memory is scarce. `vesk_optimize_speed` names the exceptions.
     if(VESK_OPTIMIZES_SIZE)
         target_compile_options(${name} PRIVATE -Os)
