@@ -46,7 +46,9 @@ TEST(Callback, destroysItsCallableOnceWhetherItFitsOrNot) {
     int existing = 0;
     {
         Callback<void()> small = [counted = Counted(existing)] {};
-        Callback<void()> large = [counted = Counted(existing), more = std::array<char, 100>{}] {};
+        Callback<void()> large = [counted = Counted(existing), more = std::array<char, 100>{}] {
+            static_cast<void>(more);
+        };
         EXPECT_EQ(2, existing);
         Callback<void()> moved = std::move(large);
         EXPECT_EQ(2, existing);
