@@ -152,6 +152,12 @@ runWithMount(std::string const& mount_point, char const* options, std::function<
     return end.exit_code != NO_RIGHT;
 }
 
+/// A file that shows its flags.
+class FlaggedFile : public BinFileBase {
+public:
+    uint32_t getFlags() const { return m_flags.getWord(); }
+};
+
 /// A file in a folder of its own.
 class FileTest : public testing::Test {
 protected:
