@@ -6,8 +6,10 @@
 #include "support/Processes.h"
 #include "support/TempFolder.h"
 
+#include <vesk/IPSocket.h>
 #include <vesk/Pipe.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <memory>
@@ -24,6 +26,7 @@ namespace {
 
 using namespace support;
 using Arguments = std::vector<std::string>;
+using IPAddress = vesk::IPSocket::IPAddress;
 
 constexpr int DEADLINE_MS = 60000;
 
@@ -119,19 +122,11 @@ private:
 
 // ---- bare connections ----
 
-sockaddr_in makeAddress(unsigned short port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
 /// A TCP socket without a class of the library, for peers that break the rules.
 class Wire {
 public:
     explicit Wire(unsigned short port) : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in const address = makeAddress(port);
+        sockaddr_in const address = IPAddress::makeHandle(INADDR_LOOPBACK, port);
         EXPECT_EQ(0, connect(m_fd, reinterpret_cast<sockaddr const*>(&address), sizeof address))
             << strerror(errno);
     }
@@ -193,7 +188,7 @@ private:
 class Port : tarnbase::NonCopyable {
 public:
     Port() : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address = makeAddress(0);
+        sockaddr_in address = IPAddress::makeHandle(INADDR_LOOPBACK, 0);
         socklen_t length = sizeof address;
         EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr const*>(&address), length));
         EXPECT_EQ(0, getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length));
@@ -213,9 +208,7 @@ private:
 std::string makeNoise(size_t size, unsigned int seed) {
     std::mt19937 random(seed);
     std::string noise(size, '\0');
-    for (char& c : noise) {
-        c = static_cast<char>(random() & 0xFF);
-    }
+    std::generate(noise.begin(), noise.end(), [&random] { return static_cast<char>(random() & 0xFF); });
     return noise;
 }
 
@@ -265,7 +258,6 @@ protected:
     }
 
     std::string url(std::string const& path) const { return m_url + path; }
-    std::string get(std::string const& path) const { return curl({url(path)}).output; }
 
     /// Sends a request on a separate connection. Returns all that is received.
     std::string ask(std::string const& request) const { return Wire(m_port, request).receive(); }
@@ -370,8 +362,8 @@ TEST_F(HttpServer, unreadableFileIsForbidden) {
     expectInChild([this] {
         ASSERT_TRUE(dropRights());
         start();
-        EXPECT_EQ("403 Forbidden\n", get("locked"));
-        EXPECT_EQ(HELLO, get("hello.txt"));
+        EXPECT_EQ("403 Forbidden\n", curl({url("locked")}).output);
+        EXPECT_EQ(HELLO, curl({url("hello.txt")}).output);
         EXPECT_EQ(0, m_program->end(SIGTERM));
     });
     m_program.reset();

@@ -78,6 +78,15 @@ inline testing::AssertionResult isMissing(std::string const& path) {
     return badPath(ENOENT).isPending(path);
 }
 
+inline bool isZeroed(vesk::FileInfo const& info) {
+    struct stat const zeros{};
+    return memcmp(&zeros, &info.getStat(), sizeof zeros) == 0;
+}
+
+/// Reports of an `open` of a path without descriptors left.
+inline ErrnoCase const EXHAUSTED = {
+    EMFILE, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR};
+
 /// Reports of an `open` of a path that must be new.
 inline ErrnoCase const FILE_EXISTS = {EEXIST, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS};
 
