@@ -78,6 +78,15 @@ inline testing::AssertionResult isMissing(std::string const& path) {
     return badPath(ENOENT).isPending(path);
 }
 
+inline bool isZeroed(vesk::FileInfo const& info) {
+    struct stat const zeros{};
+    return memcmp(&zeros, &info.getStat(), sizeof zeros) == 0;
+}
+
+/// Reports of an `open` of a path without descriptors left.
+inline ErrnoCase const EXHAUSTED = {
+    EMFILE, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR};
+
 /// Reports of an `open` of a path that must be new.
 inline ErrnoCase const FILE_EXISTS = {EEXIST, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS};
 
@@ -151,6 +160,12 @@ runWithMount(std::string const& mount_point, char const* options, std::function<
     EXPECT_TRUE(end.exit_code == 0 || end.exit_code == NO_RIGHT) << end.output << end.errors;
     return end.exit_code != NO_RIGHT;
 }
+
+/// A file that shows its flags.
+class FlaggedFile : public BinFileBase {
+public:
+    uint32_t getFlags() const { return m_flags.getWord(); }
+};
 
 /// A file in a folder of its own.
 class FileTest : public testing::Test {

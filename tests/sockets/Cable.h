@@ -39,10 +39,9 @@ private:
     static int openNetwork() { return open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC); }
 
     static testing::AssertionResult enter(int network) {
-        if (setns(network, CLONE_NEWNET) == 0) {
-            return testing::AssertionSuccess();
-        }
-        return testing::AssertionFailure() << "setns: " << strerror(errno);
+        return setns(network, CLONE_NEWNET) == 0
+            ? testing::AssertionSuccess()
+            : testing::AssertionFailure() << "setns: " << strerror(errno);
     }
 
     testing::AssertionResult lay(int mtu) {

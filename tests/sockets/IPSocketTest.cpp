@@ -88,8 +88,6 @@ static_assert(std::is_base_of_v<Socket, IPSocket> && std::is_abstract_v<IPSocket
 static_assert(!std::is_copy_constructible_v<IPSocket> && std::has_virtual_destructor_v<IPSocket>);
 static_assert(std::is_destructible_v<IPSocket>);
 
-Reports const UNRESOLVED = withText({std::CommonErrorId::INVALID_ARGUMENT}, "Couldn't resolve hostname");
-
 /// A socket that takes any descriptor and records its hooks, which can fail.
 class HookedSocket : public IPSocket {
 public:
@@ -277,7 +275,7 @@ TEST_P(IPSocketUnresolvable, addressOfAnyTextOrTheOtherVersionMakesAnInvalidSock
 TEST_P(IPSocketUnresolvable, failureOfTheResolverIsReported) {
     ResolverCalls calls;
     calls.failList(EAI_AGAIN);
-    expectInvalid("none.example", withText({SocketErrorId::RESOLVE_FAILED}, gai_strerror(EAI_AGAIN)));
+    expectInvalid("none.example", resolverFailed(EAI_AGAIN));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -330,9 +328,26 @@ row(char const* name, Socket::State state, bool shuts_down, bool has_data, int s
             send_error, failing_hook, std::move(steps), std::move(received)};
 }
 
-class IPSocketClose : public testing::TestWithParam<CloseRow> {};
-
-TEST_P(IPSocketClose, takesItsStepsAndSucceeds) {
+CloseRow const CLOSES[] = {
+    row("flushesRunsTheHookShutsDownAndCloses", Socket::OPEN, true, true, 0, "",
+        {"send", "flush", "closing", "shutdown", "close"}, {"hello", "(end)"}),
+    row("withoutAShutdownLeavesTheConnectionToOtherDescriptors", Socket::OPEN, false, false, 0, "",
+        {"flush", "closing", "close"}, {"(nothing)"}),
+    row("withAShutdownEndsTheConnectionForOtherDescriptors", Socket::OPEN, true, false, 0, "",
+        {"flush", "closing", "shutdown", "close"}, {"(end)"}),
+    row("ofAnInactiveSocketTakesTheSameSteps", Socket::INACTIVE, true, false, 0, "",
+        {"flush", "closing", "shutdown", "close"}, {"(end)"}),
+    row("continuesIfDataCannotBeSent", Socket::OPEN, true, true, EPIPE, "",
+        {"send", "closing", "shutdown", "close"}, {"(end)"}),
+    row("doesNotWaitForRoom", Socket::OPEN, false, true, EAGAIN, "", {"send", "closing", "close"},
+        {"(nothing)"}),
+    row("ofAnInactiveSocketDropsItsData", Socket::INACTIVE, false, true, 0, "", {"closing", "close"},
+        {"(nothing)"}),
+    row("continuesIfTheFlushFails", Socket::OPEN, true, false, 0, "flush",
+        {"flush", "closing", "shutdown", "close"}, {"(end)"}),
+    row("continuesIfTheHookFails", Socket::OPEN, true, false, 0, "closing",
+        {"flush", "closing", "shutdown", "close"}, {"(end)"})};
+VESK_TEST_TABLE(IPSocketClose, takesItsStepsAndSucceeds, testing::Test, CLOSES) {
     CloseRow const& row = GetParam();
     Ends ends = makeEnds();
     int const fd = ends.takeMine();
@@ -363,29 +378,6 @@ TEST_P(IPSocketClose, takesItsStepsAndSucceeds) {
     EXPECT_EQ(row.shuts_down ? "(end)" : "x", receiveAt(ends.getPeer()));
     ::close(other);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    closes, IPSocketClose,
-    testing::Values(
-        row("flushesRunsTheHookShutsDownAndCloses", Socket::OPEN, true, true, 0, "",
-            {"send", "flush", "closing", "shutdown", "close"}, {"hello", "(end)"}),
-        row("withoutAShutdownLeavesTheConnectionToOtherDescriptors", Socket::OPEN, false, false, 0, "",
-            {"flush", "closing", "close"}, {"(nothing)"}),
-        row("withAShutdownEndsTheConnectionForOtherDescriptors", Socket::OPEN, true, false, 0, "",
-            {"flush", "closing", "shutdown", "close"}, {"(end)"}),
-        row("ofAnInactiveSocketTakesTheSameSteps", Socket::INACTIVE, true, false, 0, "",
-            {"flush", "closing", "shutdown", "close"}, {"(end)"}),
-        row("continuesIfDataCannotBeSent", Socket::OPEN, true, true, EPIPE, "",
-            {"send", "closing", "shutdown", "close"}, {"(end)"}),
-        row("doesNotWaitForRoom", Socket::OPEN, false, true, EAGAIN, "", {"send", "closing", "close"},
-            {"(nothing)"}),
-        row("ofAnInactiveSocketDropsItsData", Socket::INACTIVE, false, true, 0, "", {"closing", "close"},
-            {"(nothing)"}),
-        row("continuesIfTheFlushFails", Socket::OPEN, true, false, 0, "flush",
-            {"flush", "closing", "shutdown", "close"}, {"(end)"}),
-        row("continuesIfTheHookFails", Socket::OPEN, true, false, 0, "closing",
-            {"flush", "closing", "shutdown", "close"}, {"(end)"})),
-    testing::PrintToStringParamName());
 
 TEST(IPSocket, closeWithoutADescriptorFailsWithoutAReport) {
     for (bool const do_shutdown : {false, true}) {

@@ -531,9 +531,7 @@ VESK_TEST_WITH(
 
 VESK_TEST_WITH(withSocketOf("lo"), RawSocketFrames, areOfAllProtocols, (RawSocket & raw)) {
     int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in binary{};
-    binary.sin_family = AF_INET;
-    binary.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in binary = vesk::IPSocket::IPAddress::makeHandle(INADDR_LOOPBACK, 0);
     auto* const address = reinterpret_cast<sockaddr*>(&binary);
     socklen_t length = sizeof binary;
     ASSERT_EQ(0, bind(fd, address, length));

@@ -5,8 +5,10 @@
 #include "support/Testing.h"
 
 #include <tarncommon/stream/IBinStreamBase.h>
+#include <vesk/IPSocket.h>
 #include <vesk/RawSocket.h>
 
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -180,6 +182,18 @@ sendRows(Reports const& others = {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLA
         {{ENOBUFS}, {SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED}},
         {{ECONNREFUSED, EINVAL, EFAULT, ENOMEM, EHOSTUNREACH, EISCONN, ETIMEDOUT, EAFNOSUPPORT}, others},
     });
+}
+
+// ---- the resolver ----
+
+constexpr auto V4 = vesk::IPSocket::IPV4;
+constexpr auto V6 = vesk::IPSocket::IPV6;
+
+inline Reports const UNRESOLVED =
+    withText({std::CommonErrorId::INVALID_ARGUMENT}, "Couldn't resolve hostname");
+
+inline Reports resolverFailed(int code) {
+    return withText({SocketErrorId::RESOLVE_FAILED}, gai_strerror(code));
 }
 
 /// Returns texts that are literals or strings.

@@ -254,27 +254,32 @@ TEST(UnixSocket, cannotBindAnAbstractNameAgainAfterAFailedConnectOrConnectWithou
 }
 
 /// A path, and what connecting to it and listening on it report.
-struct PathRow {
-    std::string name;
+struct PathRow : NamedRow {
+    char const* path;
     ErrnoRow connecting;
     ErrnoRow listening;
 };
 
-std::string getName(PathRow const& row) {
-    std::string name = row.name;
-    std::replace(name.begin(), name.end(), '/', '_');
-    return name;
+ErrnoRow spoiledBy(int error) {
+    return {SysErrorId::SPOILED_INTEGRITY, error};
 }
 
-class UnixSocketPath : public UnixSocketFile, public testing::WithParamInterface<PathRow> {};
-
-TEST_P(UnixSocketPath, thatIsNoSocketIsReported) {
+PathRow const PATHS[] = {
+    {"belowNothing", "none/own", spoiledBy(ENOENT), spoiledBy(ENOENT)},
+    {"belowAFile", "file/own", spoiledBy(ENOTDIR), spoiledBy(ENOTDIR)},
+    {"belowALoop", "loop/own", spoiledBy(ELOOP), spoiledBy(ELOOP)},
+    {"file", "file", REFUSED, IN_USE},
+    {"folder", "folder", REFUSED, IN_USE},
+    {"loop", "loop", spoiledBy(ELOOP), IN_USE},
+    {"closed", "closed", REFUSED, IN_USE},
+    {"datagrams", "datagrams", spoiledBy(EPROTOTYPE), IN_USE}};
+VESK_TEST_TABLE(UnixSocketPath, thatIsNoSocketIsReported, UnixSocketFile, PATHS) {
     m_folder.makeFile("file", "precious");
     m_folder.makeFolder("folder");
     m_folder.makeLink("loop", m_folder / "loop");
     { PlainServer const closed(pathAddress(m_folder / "closed")); }
     PlainServer const datagrams(pathAddress(m_folder / "datagrams"), SOCK_DGRAM);
-    std::string const path = m_folder / GetParam().name;
+    std::string const path = m_folder / GetParam().path;
     UnixClient client = makeClient("", path);
     EXPECT_TRUE(failsToConnect(client, GetParam().connecting));
     EXPECT_EQ(path, client.getPeerPath());
@@ -282,20 +287,6 @@ TEST_P(UnixSocketPath, thatIsNoSocketIsReported) {
     EXPECT_TRUE(failsToListen(server, GetParam().listening));
     EXPECT_EQ("precious", contentOf(m_folder / "file"));
 }
-
-ErrnoRow spoiledBy(int error) {
-    return {SysErrorId::SPOILED_INTEGRITY, error};
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    paths, UnixSocketPath,
-    testing::Values(
-        PathRow{"none/own", spoiledBy(ENOENT), spoiledBy(ENOENT)},
-        PathRow{"file/own", spoiledBy(ENOTDIR), spoiledBy(ENOTDIR)},
-        PathRow{"loop/own", spoiledBy(ELOOP), spoiledBy(ELOOP)}, PathRow{"file", REFUSED, IN_USE},
-        PathRow{"folder", REFUSED, IN_USE}, PathRow{"loop", spoiledBy(ELOOP), IN_USE},
-        PathRow{"closed", REFUSED, IN_USE}, PathRow{"datagrams", spoiledBy(EPROTOTYPE), IN_USE}),
-    byParameters);
 
 TEST_F(UnixSocketFile, isNeitherReachedNorCreatedWithoutPermission) {
     VESK_SKIP_UNLESS_ROOT();
