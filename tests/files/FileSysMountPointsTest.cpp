@@ -1,5 +1,5 @@
-#include "support/CleanEnd.h"
 #include "support/Calls.h"
+#include "support/CleanEnd.h"
 #include "support/NamedRow.h"
 #include "support/Privileges.h"
 #include "support/TempFolder.h"
