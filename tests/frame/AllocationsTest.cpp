@@ -287,7 +287,7 @@ Row const ROWS[] = {
          server.setUnlinkOnClose(true);
          return server.create(getName("queue").c_str(), 8, 2, vesk::Creatable::REPLACE) || server.close();
      }},
-    {"Semaphore", "TT-R",
+    {"Semaphore", "*",
      [] {
          vesk::SemaphoreCreator creator;
          creator.setUnlinkOnClose(true);
