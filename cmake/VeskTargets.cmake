@@ -20,7 +20,7 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     set(VESK_OPTIMIZES_SIZE ON)
 endif()
 
-# A canary in each frame with an array or a local variable whose address is used makes the libraries 8 % larger.
+# A canary in each frame that has an array or a variable with its address taken makes the libraries 8 % larger.
 # Where memory is scarce, only frames with a buffer of bytes have one.
 if(VESK_OPTIMIZES_SIZE)
     set(VESK_STACK_PROTECTOR -fstack-protector)

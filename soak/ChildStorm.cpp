@@ -13,7 +13,7 @@ namespace {
 
 using vesk::ProcessTNG;
 
-/// A pipe whose ends no child inherits, unlike those of `vesk::Pipe`.
+/// A pipe with ends that no child inherits, unlike those of `vesk::Pipe`.
 struct Pipe {
     Pipe() {
         if (pipe2(ends, O_CLOEXEC) != 0) {

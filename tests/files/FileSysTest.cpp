@@ -355,7 +355,7 @@ TEST_F(FileSysOwnerTest, nameIsLookedUpOnceAndItsIdKept) {
     }
     endpwent();
     if (name.empty()) {
-        GTEST_SKIP() << "the system knows nobody but root";
+        GTEST_SKIP() << "the system has no user but root";
     }
     User const user(name);
     EXPECT_FALSE(user.isIdKnown());

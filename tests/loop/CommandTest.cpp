@@ -1,6 +1,7 @@
 #include "LoopSupport.h"
 #include "support/Descriptors.h"
 #include "support/Inject.h"
+#include "support/SyscallFault.h"
 #include "support/TempFolder.h"
 
 #include <vesk/loop/Command.h>
@@ -8,7 +9,6 @@
 #include <fstream>
 #include <sstream>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 
 /// Programs that are started well: what they get, what they report, and how they end.
 
@@ -18,23 +18,6 @@ support::Injected inject_clone("clone");
 extern "C" VESK_UNWATCHED int
 clone(int (*function)(void*), void* stack, int flags, void* argument, ...) noexcept {
     return inject_clone.fails() ? -1 : inject_clone.getReal(clone)(function, stack, flags, argument);
-}
-
-support::Injected inject_syscall("syscall");
-extern "C" VESK_UNWATCHED long syscall(long number, ...) noexcept {
-    va_list list;
-    va_start(list, number);
-    long arguments[6];
-    for (long& argument : arguments) {
-        argument = va_arg(list, long);
-    }
-    va_end(list);
-    constexpr long CLOSE_RANGE = 436;
-    if (number == CLOSE_RANGE && inject_syscall.fails()) {
-        return -1;
-    }
-    return inject_syscall.getReal(syscall)(
-        number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }
 
 namespace {
@@ -124,12 +107,15 @@ INSTANTIATE_TEST_SUITE_P(All, CommandSetting, testing::ValuesIn(SETTINGS), [](au
     return std::string(row.param.name);
 });
 
+constexpr long CLOSE_RANGE = 436;
+
 TEST(Command, givesTheProgramNoDescriptorButTheNamedOnes) {
     TestPipe pipe;
     int const inheritable = dup(pipe.getReader());
     int const high = fcntl(inheritable, F_DUPFD, 900);
     for (int const error : {0, ENOSYS}) {
         // Before Linux 5.11 the descriptors are listed.
+        g_failing_syscall = CLOSE_RANGE;
         Fault const old(inject_syscall, error, 1, error == 0 ? 0 : Fault::FOREVER);
         std::string const list = outputOf(
             shell("n=0; while [ $n -lt 999 ]; do [ -e /proc/$$/fd/$n ] && echo $n; n=$((n+1)); done; true")

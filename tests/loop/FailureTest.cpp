@@ -1,11 +1,11 @@
 #include "LoopSupport.h"
 #include "support/Inject.h"
 #include "support/NewFault.h"
+#include "support/SyscallFault.h"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
-#include <sys/syscall.h>
 #include <sys/timerfd.h>
 
 /// What the operations report when a system call or an allocation fails, and how they do without a missing call.
@@ -21,24 +21,6 @@ VESK_INJECT_ERRNO(
     int, -1, epoll_wait, (int epoll, epoll_event* events, int size, int timeout),
     (epoll, events, size, timeout))
 VESK_INJECT_ERRNO(int, -1, pipe2, (int* ends, int flags) noexcept, (ends, flags))
-
-/// The calls without a function of their own: one number is that of the call that fails.
-support::Injected inject_syscall("syscall");
-long s_failing = -1;
-extern "C" VESK_UNWATCHED long syscall(long number, ...) noexcept {
-    va_list list;
-    va_start(list, number);
-    long arguments[6];
-    for (long& argument : arguments) {
-        argument = va_arg(list, long);
-    }
-    va_end(list);
-    if (number == s_failing && inject_syscall.fails()) {
-        return -1;
-    }
-    return inject_syscall.getReal(syscall)(
-        number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
-}
 
 namespace {
 
@@ -90,7 +72,7 @@ class LoopFailure : public testing::TestWithParam<Row> {};
 
 TEST_P(LoopFailure, reportsTheNumberOnceAndThenSucceeds) {
     Loop loop;
-    s_failing = PIDFD_OPEN;
+    g_failing_syscall = PIDFD_OPEN;
     {
         Fault const fault(GetParam().function, EMFILE, GetParam().nth);
         std::error_code const code = GetParam().operation(loop);
@@ -104,7 +86,7 @@ INSTANTIATE_TEST_SUITE_P(All, LoopFailure, testing::ValuesIn(ROWS), [](auto cons
 });
 
 TEST(LoopOnAnOldSystem, waitsForItsTimersByADescriptorOrInMilliseconds) {
-    s_failing = EPOLL_PWAIT2;
+    g_failing_syscall = EPOLL_PWAIT2;
     for (int const timerfd_error : {0, EMFILE}) {
         for (int const missing : {ENOSYS, EPERM}) {
             Fault const old(inject_syscall, missing, 1, Fault::FOREVER);
@@ -124,7 +106,7 @@ TEST(LoopOnAnOldSystem, waitsForItsTimersByADescriptorOrInMilliseconds) {
 }
 
 TEST(LoopOnAnOldSystem, waitsForChildrenInAThread) {
-    s_failing = PIDFD_OPEN;
+    g_failing_syscall = PIDFD_OPEN;
     for (int const missing : {ENOSYS, EPERM}) {
         Fault const old(inject_syscall, missing, 1, Fault::FOREVER);
         Loop loop;

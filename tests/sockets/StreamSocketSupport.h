@@ -137,7 +137,7 @@ std::string getName(std::tuple<First, Second> const& both) {
 
 constexpr auto byParameters = [](auto const& info) { return getName(info.param); };
 
-/// Defines the fixture of a suite whose tests run once for each value of an array.
+/// Defines the fixture of a suite that runs each test once for each value of an array.
 #define VESK_SUITE(suite, values)                                                                            \
     class suite : public testing::TestWithParam<std::decay_t<decltype((values)[0])>> {};                     \
     INSTANTIATE_TEST_SUITE_P(values, suite, testing::ValuesIn(values), byParameters)

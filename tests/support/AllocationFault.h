@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/Inject.h"
+#include "support/LibcHeap.h"
 
 #include <atomic>
 #include <cerrno>
@@ -131,12 +132,6 @@ inline void* countBlock(void* block) noexcept {
 } // namespace support
 
 extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void* __libc_memalign(size_t, size_t);
-void __libc_free(void*);
-
 void* malloc(size_t size) {
     return support::AllocationFault::fails() ? nullptr : support::countBlock(__libc_malloc(size));
 }

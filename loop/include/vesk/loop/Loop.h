@@ -47,8 +47,8 @@ struct Exit {
 ///     return loop.run() ? 0 : 1;
 ///
 /// A watch may be made and destroyed in any thread and in every callback, also before and after the life of the
-/// loop. Callbacks run in the thread that runs the loop, without any lock. A loop whose descriptors the system
-/// refused reports that from each operation; a child of `fork` gets `ECHILD` and cannot disturb its parent's loop.
+/// loop. Callbacks run in the thread that runs the loop, without any lock. If the system refuses the descriptors of
+/// a loop, each operation reports that; a child of `fork` gets `ECHILD` and cannot disturb its parent's loop.
 /// Only a callable that is larger than four pointers can make the caller throw `std::bad_alloc`.
 class VESK_LOOP_API Loop {
 public:

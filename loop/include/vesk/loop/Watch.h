@@ -39,8 +39,8 @@ public:
     /// Ends the watch, as the destructor does. Does nothing for a watch that is over.
     void cancel() noexcept;
 
-    /// Returns whether the callback can still be called: a timer that has expired, or a child whose end was
-    /// reported, is over.
+    /// Returns whether the callback can still be called. That of a single-shot timer cannot after its expiry, that
+    /// of a child not after the report of its end.
     bool isActive() const noexcept;
 
 protected:

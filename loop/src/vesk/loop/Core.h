@@ -108,7 +108,7 @@ public:
     void detach(SignalSource& source) noexcept TARN_NOT_ANALYZED;
     void detach(IdleSource& source) noexcept TARN_NOT_ANALYZED;
     void detach(TimerSource& source) noexcept TARN_NOT_ANALYZED;
-    /// Starts a timer again whose memory is in the heap's capacity.
+    /// Starts a timer again. Needs no memory: the heap has kept the capacity for it.
     void renew(TimerSource& source) noexcept TARN_NOT_ANALYZED;
     void leave(TimerSource& source) noexcept TARN_NOT_ANALYZED;
 
@@ -189,7 +189,7 @@ private:
     std::condition_variable m_callback_over;
     bool m_is_entered TARN_GUARDED_BY(m_lock) = false;
     pthread_t m_thread TARN_GUARDED_BY(m_lock){};
-    // The source whose callback runs.
+    // The source of the callback that runs.
     Source* m_running TARN_GUARDED_BY(m_lock) = nullptr;
     // Whether the loop's thread looks at the posts before it waits, so that it needs no wake-up.
     bool m_is_awake TARN_GUARDED_BY(m_lock) = false;

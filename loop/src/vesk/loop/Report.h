@@ -30,7 +30,7 @@ Error makeError(Here here, Id id, Args const&... args) {
     return Error::take();
 }
 
-/// Returns an error whose cause is a system call that has failed with `error`.
+/// Returns an error caused by a system call that has failed with `error`.
 template <typename Id, typename... Args, typename = decltype(familyOf(std::declval<Id>()))>
 Error makeError(Here here, int error, Id id, Args const&... args) {
     std::ErrorStorage const store(nullptr);

@@ -234,7 +234,7 @@ pid_t createChild(Context& context) noexcept {
     }
 }
 
-/// Returns the failure of a child whose memory is not shared: it comes by the pipe, which exec closes.
+/// Returns the failure of a child that was started by `fork`: it comes by the pipe, which exec closes.
 Failure receive(int pipe) noexcept {
     Failure failure;
     ssize_t size = 0;
