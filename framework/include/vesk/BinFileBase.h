@@ -92,7 +92,7 @@ public:
     /// @return true on failure. `SysErrorId::SPOILED_INTEGRITY` (the descriptor was not open) and
     ///         `SysErrorId::NO_SUCH_PROCESS` (`ESRCH`) leave the object closed. `SysErrorId::INPUT_OUTPUT`
     ///         and `SysErrorId::UNCLASSIFIED` leave it open
-    virtual bool close();
+    [[nodiscard]] virtual bool close();
 
     /// Closes the file. A failure is only printed to `std::cerr`.
     virtual ~BinFileBase();
@@ -106,12 +106,12 @@ public:
     /// @return true on failure. If the previous file could not be closed, what `close` reported; `isValid`
     ///         then returns whether that file is still open. Otherwise what `handleOpenError` reports: a row
     ///         of `SysError` with a row of `FileAccessError` on top
-    bool open(char const* path, OpenFlags const& flags, FileAccess const& access);
+    [[nodiscard]] bool open(char const* path, OpenFlags const& flags, FileAccess const& access);
 
     /// Takes ownership of one end of a pipe, after closing the file that is open. If the pipe no longer has
     /// that end, the call leaves the object closed and succeeds.
     /// @return true on failure: what `close` reported; the pipe is unchanged
-    bool open(Pipe& pipe, bool write_end);
+    [[nodiscard]] bool open(Pipe& pipe, bool write_end);
 
     /// Takes ownership of a temporary file, after closing the file that is open. The file then stays on the
     /// disk: the new owner must remove it. If `temp` no longer has the file, the call leaves the object
@@ -119,7 +119,7 @@ public:
     /// @param keep_path  whether `getTempPath` returns its path from now on. Throws `std::logic_error` if the
     ///                   locale has changed and cannot express the path; the file then stays with `temp`
     /// @return true on failure: what `close` reported; the temporary file is unchanged
-    bool open(BinTempFileRW& temp, bool keep_path);
+    [[nodiscard]] bool open(BinTempFileRW& temp, bool keep_path);
 
     /// Opens an entry of a directory (`openat`, repeated while a signal interrupts it). It works even if the
     /// directory has been moved since it was opened. Call it on a closed object only: it does not
@@ -131,7 +131,7 @@ public:
     /// @param access  as for `open`
     /// @return true on failure: `CommonErrorId::OPEN_FILE_OPERATION_FAILED` if the name is null, empty or
     ///         contains `'/'`, or if the directory is invalid; otherwise as for `open`
-    bool openAt(
+    [[nodiscard]] bool openAt(
         Directory const& dir, char const* name, bool follow, OpenFlags const& flags,
         FileAccess const& access);
 
@@ -151,7 +151,7 @@ public:
     ///         file is not open for writing, is of a kind without a size, or if the size is refused,
     ///         `SysErrorId::NO_SPACE` if the file becomes too large, `SysErrorId::PERMISSION_DENIED` on a
     ///         read-only file system, otherwise `SysErrorId::UNCLASSIFIED`
-    bool truncateSize(unsigned int size);
+    [[nodiscard]] bool truncateSize(unsigned int size);
 
     /// Returns whether the last `open`, `close`, `seek`, `flush` or transfer failed, including the part that
     /// a buffer did. It is also true after a `close` that a signal interrupted and that then succeeded.

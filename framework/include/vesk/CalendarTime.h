@@ -107,7 +107,7 @@ public:
     ///         refuses: `SysErrorId::PERMISSION_DENIED` without the privilege,
     ///         `SysErrorId::INVALID_PARAMETER` for a time that it does not accept,
     ///         `SysErrorId::SPOILED_INTEGRITY` for a bad address, otherwise `ErrorId::SET_DATE_FAILED`.
-    bool changeDate();
+    [[nodiscard]] bool changeDate();
 
     /// Stores all fields except the weekday, which keeps its value.
     /// @param year    full year, such as 2026

@@ -16,7 +16,7 @@ public:
     /// memory are 0xEB.
     /// @param process_shared  whether other processes that map the memory may use it
     /// @return true on failure, with the reports of `handleInitError`
-    static bool init(pthread_cond_t* condition, bool process_shared);
+    [[nodiscard]] static bool init(pthread_cond_t* condition, bool process_shared);
 
     /// Each of these classifies the result of a failed call and makes its reports: a row of `SysError` that
     /// opens a chain and, except for destroying, a row of `Condition::Error` on top of it. Those that return

@@ -146,9 +146,9 @@ public:
     template <typename... Fields>
     void push(char const* callback, Fields const&... fields);
 
-    bool wait();
-    bool wait(tarnbase::TimePoint const& deadline);
-    bool get(Result& out);
+    [[nodiscard]] bool wait();
+    [[nodiscard]] bool wait(tarnbase::TimePoint const& deadline);
+    [[nodiscard]] bool get(Result& out);
 
 private:
     threadsafe::MutexImpl m_mutex;
@@ -189,17 +189,17 @@ public:
     /// Blocks until there is a result to read, without a time limit. Does not remove it. A cancellation
     /// point.
     /// @return false
-    bool wait();
+    [[nodiscard]] bool wait();
 
     /// Blocks until there is a result to read, or until `deadline`. An existing result is found even if the
     /// deadline has passed. Does not remove it. A cancellation point.
     /// @return true if the time has run out; nothing is reported
-    bool wait(tarnbase::TimePoint const& deadline);
+    [[nodiscard]] bool wait(tarnbase::TimePoint const& deadline);
 
     /// Removes and returns the oldest result. Does not block.
     /// @param out  unchanged if there is no result
     /// @return true if there is no result; nothing is reported
-    bool get(Result& out);
+    [[nodiscard]] bool get(Result& out);
 
     /// Asserts (`std::GlobalErrorHandler::doAssert`): a synchronous client cannot return a failure of its
     /// engine, so a call breaks an invariant.
@@ -238,9 +238,9 @@ public:
     SyncResolver(std::unicode::String const& name, std::string const& type, std::string const& domain);
     ~SyncResolver() override;
 
-    bool wait();
-    bool wait(tarnbase::TimePoint const& deadline);
-    bool get(Result& out);
+    [[nodiscard]] bool wait();
+    [[nodiscard]] bool wait(tarnbase::TimePoint const& deadline);
+    [[nodiscard]] bool get(Result& out);
 
     void error() override;
     void resolved(
@@ -265,9 +265,9 @@ public:
     explicit SyncLookup(std::string const& name);
     ~SyncLookup() override;
 
-    bool wait();
-    bool wait(tarnbase::TimePoint const& deadline);
-    bool get(Result& out);
+    [[nodiscard]] bool wait();
+    [[nodiscard]] bool wait(tarnbase::TimePoint const& deadline);
+    [[nodiscard]] bool get(Result& out);
 
     void error() override;
     void address(std::string const& name, std::string const& address) override;

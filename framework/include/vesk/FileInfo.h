@@ -120,9 +120,9 @@ public:
     /// `SysErrorId::UNCLASSIFIED` for others.
     /// @param time  seconds since the epoch; 0 stands for the current time
     /// @return true on failure
-    static bool setModTime(char const* path, long time);
-    static bool setModTime(std::string const& path, long time);
-    static bool setModTime(UnicodeString const& path, long time);
+    [[nodiscard]] static bool setModTime(char const* path, long time);
+    [[nodiscard]] static bool setModTime(std::string const& path, long time);
+    [[nodiscard]] static bool setModTime(UnicodeString const& path, long time);
 
 private:
     bool m_valid;

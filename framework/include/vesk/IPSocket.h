@@ -59,8 +59,8 @@ public:
         /// @return true on failure: the reports of `IPResolver`; `CommonErrorId::INVALID_ARGUMENT` if the
         ///         name has no address of this version; no report if the system cannot read the numeric form
         ///         that it returned
-        bool getBinary(sockaddr_in& out);
-        bool getBinary(sockaddr_in6& out);
+        [[nodiscard]] bool getBinary(sockaddr_in& out);
+        [[nodiscard]] bool getBinary(sockaddr_in6& out);
 
         /// Returns the binary form of an address and a port in host byte order.
         static sockaddr_in makeHandle(unsigned int ip, unsigned int port_number);
@@ -99,15 +99,15 @@ public:
 
         /// Resolves a name to numeric addresses of one version.
         /// @param name  the name; null has no addresses
-        int resolveName(char const* name, IPProtocolVersion version);
+        [[nodiscard]] int resolveName(char const* name, IPProtocolVersion version);
 
         /// Resolves a numeric address to its names. A text that is not numeric has none.
         /// @param fqdn  whether to return the names with their domains
-        int resolveIP(char const* ip, bool fqdn, IPProtocolVersion version);
+        [[nodiscard]] int resolveIP(char const* ip, bool fqdn, IPProtocolVersion version);
 
         /// Resolves in either direction.
         /// @param reverse  whether to resolve an address to names; `fqdn` has an effect only then
-        int resolveAddr(char const* addr, bool fqdn, bool reverse, IPProtocolVersion version);
+        [[nodiscard]] int resolveAddr(char const* addr, bool fqdn, bool reverse, IPProtocolVersion version);
 
         /// Returns the number of results of the last resolve operation.
         VESK_API_INLINE unsigned int getCount() const noexcept {
@@ -158,7 +158,7 @@ public:
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is already `DEAD`;
     ///         `SysErrorId::SPOILED_INTEGRITY` if the `close` fails; no report for a descriptor that is not
     ///         open, for example in a subclass that never created one
-    bool close(bool do_shutdown);
+    [[nodiscard]] bool close(bool do_shutdown);
 
     /// Updates the local address (`getsockname`) or the peer's address (`getpeername`) of an open socket. The
     /// address is unchanged, without a report, if the system call fails or if the result has no text.
@@ -169,7 +169,7 @@ public:
     /// @return true on failure, with an unchanged name: `CommonErrorId::OUT_OF_MEMORY` without memory;
     ///         `SysErrorId::SPOILED_INTEGRITY` for a name of more than 63 bytes; otherwise
     ///         `SysErrorId::UNCLASSIFIED`
-    static bool getHostname(std::string& name);
+    [[nodiscard]] static bool getHostname(std::string& name);
 
 protected:
     /// Resolves both addresses. Does not create a descriptor. After a failure, which stays reported, the

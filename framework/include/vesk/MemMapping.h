@@ -90,7 +90,7 @@ public:
     /// longer valid. Does nothing, with success, if the mapping could not be made.
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, with the object unchanged. A second call
     ///         fails in this way
-    bool destroy();
+    [[nodiscard]] bool destroy();
 
     /// Blocks until written data has reached the file (`msync`).
     /// @param length  bytes

@@ -87,7 +87,7 @@ public:
     /// @return 0 done; 1 after the last interface, also for further calls; -1 on failure:
     ///         `SysErrorId::UNCLASSIFIED`, for example for an interface that has been removed. The next call
     ///         continues with the interface after it
-    int getNextInfo(InterfaceInfo& info);
+    [[nodiscard]] int getNextInfo(InterfaceInfo& info);
 
     /// Sets the IPv4 address or the netmask of the interface (`ioctl`). A new address sets the netmask and
     /// the broadcast address of its class, so set the address first.
@@ -97,16 +97,16 @@ public:
     ///         without an IPv4 address; `CommonErrorId::CONTRACT_BROKEN` "no current interface" after the
     ///         last one; `SysErrorId::PERMISSION_DENIED` without the permission; otherwise
     ///         `SysErrorId::UNCLASSIFIED`, for example for a netmask without an address
-    bool setAddress(char const* address);
-    bool setNetmask(char const* netmask);
+    [[nodiscard]] bool setAddress(char const* address);
+    [[nodiscard]] bool setNetmask(char const* netmask);
 
     /// Switches the interface on or off, or switches the reception of packets for other receivers on or off
     /// (`ioctl`, twice). Changes to the interface's flags that are made between the two calls are lost.
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` "no current interface" after the last
     ///         interface; `SysErrorId::PERMISSION_DENIED` without the permission; otherwise
     ///         `SysErrorId::UNCLASSIFIED`
-    bool setInterfaceStatus(bool up);
-    bool setPromiscuous(bool on);
+    [[nodiscard]] bool setInterfaceStatus(bool up);
+    [[nodiscard]] bool setPromiscuous(bool on);
 
 private:
     bool open(char const* name);

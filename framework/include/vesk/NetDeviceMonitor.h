@@ -104,7 +104,7 @@ public:
     /// report. Exceptions of the listener and `std::bad_alloc` pass through; the monitor can be used again
     /// afterwards.
     /// @return true if anything failed, even if the operation continued
-    bool watch();
+    [[nodiscard]] bool watch();
 
     /// Ends `watch` permanently. Does not wait for its end, and reports nothing. If no thread is inside
     /// `watch`, a later `watch` returns soon after its beginning.

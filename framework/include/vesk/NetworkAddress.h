@@ -43,7 +43,7 @@ public:
     /// @param type    `IPV4`, or `IPV6`, which has eight groups of four digits each
     /// @param length  the number of leading bits that are set; bits beyond the family's 32 or 128 are ignored
     /// @return true for any other type, with no address left
-    bool set_prefix(Type type, unsigned int length);
+    [[nodiscard]] bool set_prefix(Type type, unsigned int length);
 
 protected:
     Type m_type = NONE;
@@ -65,7 +65,7 @@ public:
     ///
     /// @return true on failure: with nothing changed if `data` is null, with no address left for any other
     ///         family
-    bool set(int family, void const* data);
+    [[nodiscard]] bool set(int family, void const* data);
 };
 
 inline bool operator==(NetworkAddressBase const& left, NetworkAddressBase const& right) noexcept {

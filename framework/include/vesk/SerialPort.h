@@ -81,7 +81,7 @@ public:
     ///   before the close fails as well, as it does on a regular file, its reports are below these two.
     ///
     /// @return true on failure
-    bool open();
+    [[nodiscard]] bool open();
 
     std::string const& getDevice() const noexcept { return m_device; }
     unsigned int getBaudRate() const noexcept { return m_baud_rate; }

@@ -59,13 +59,13 @@ public:
     /// @return true on failure: `ErrorId::LOAD_FAILED`; if unloading the previous one fails, which then stays
     ///         loaded, `ErrorId::LOAD_FAILED` on top of the reports of `unload`;
     ///         `CommonErrorId::CONTRACT_BROKEN` if `path` is null
-    bool load(char const* path);
+    [[nodiscard]] bool load(char const* path);
 
     /// Releases the shared object (`dlclose`). It stays in the process while other objects have loaded it.
     /// Not a cancellation point, whatever its finalizers do.
     /// @return true on failure: `ErrorId::UNLOAD_FAILED`, with the shared object still loaded;
     ///         `CommonErrorId::CONTRACT_BROKEN` if nothing is loaded
-    bool unload();
+    [[nodiscard]] bool unload();
 
     /// Finds a function or a variable by its name (`dlsym`), also in the dependencies of the shared object.
     /// @param symbol   the name as the linker sees it: C++ functions need `extern "C"`
@@ -73,7 +73,7 @@ public:
     ///                 failure
     /// @return true on failure: `ErrorId::RESOLVE_FAILED`; `CommonErrorId::CONTRACT_BROKEN` if nothing is
     ///         loaded or `symbol` is null
-    bool resolve(char const* symbol, void*& address) const;
+    [[nodiscard]] bool resolve(char const* symbol, void*& address) const;
 
 protected:
     int destroy() override;

@@ -61,7 +61,7 @@ public:
     /// Waits for a signal (`pthread_cond_wait`). The caller must hold `mutex`. May return without a signal.
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` or `SysErrorId::UNCLASSIFIED`, then
     ///         `ErrorId::WAIT_FAILED`
-    bool wait(ShmMutex& mutex) {
+    [[nodiscard]] bool wait(ShmMutex& mutex) {
         int const error = pthread_cond_wait(&m_condition, &mutex.m_mutex);
         return error != 0 && ConditionOps::handleWaitError(error) != 0;
     }
@@ -78,7 +78,7 @@ public:
     /// Wakes one waiter (`pthread_cond_signal`). Does not block, unless a process has ended during its wait.
     /// Returns true on failure: `SysErrorId::SPOILED_INTEGRITY` or `SysErrorId::UNCLASSIFIED`, then
     /// `ErrorId::SIGNAL_FAILED`.
-    bool signal() {
+    [[nodiscard]] bool signal() {
         int const error = pthread_cond_signal(&m_condition);
         return error != 0 && ConditionOps::handleSignalError(error);
     }

@@ -44,7 +44,7 @@ public:
 
     /// Destroys the lock. A failure leaves its report pending. Only one process may destroy it, when no other
     /// uses it.
-    ~ShmMutex() { MutexOps::destroy(&m_mutex); }
+    ~ShmMutex() { static_cast<void>(MutexOps::destroy(&m_mutex)); }
 
     bool isValid() const noexcept { return m_valid; }
 
@@ -69,7 +69,7 @@ public:
 
     /// Releases the lock (`pthread_mutex_unlock`). Returns true on failure: `ErrorId::INCONSISTENT` if the
     /// lock is broken or its state does not allow the call, otherwise `ErrorId::UNLOCK_FAILED`.
-    bool unlock() const TARN_RELEASE() TARN_NOT_ANALYZED {
+    [[nodiscard]] bool unlock() const TARN_RELEASE() TARN_NOT_ANALYZED {
         int const error = pthread_mutex_unlock(&m_mutex);
         return __builtin_expect(error != 0, 0) && MutexOps::handleUnlockError(error);
     }

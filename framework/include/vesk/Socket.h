@@ -90,7 +90,7 @@ public:
 
     /// Returns true if there is no descriptor, after it has set `hadError` and reported
     /// `ErrorId::INVALID_SOCKET` with the text of the current `errno`. Works in every state.
-    bool checkValidSocket() const;
+    [[nodiscard]] bool checkValidSocket() const;
 
     /// Sets the size of the system's send or receive buffer (`setsockopt`, `SO_SNDBUF` and `SO_RCVBUF`). The
     /// system raises small sizes to its minimum and limits large ones to its maximum.
@@ -99,8 +99,8 @@ public:
     ///         socket; `SysErrorId::INVALID_PATH` for a value that the system rejects;
     ///         `ErrorId::UNKNOWN_OPTION` for an option that it does not know; otherwise
     ///         `SysErrorId::UNCLASSIFIED`
-    bool setSendBuffer(unsigned int bytes);
-    bool setRecvBuffer(unsigned int bytes);
+    [[nodiscard]] bool setSendBuffer(unsigned int bytes);
+    [[nodiscard]] bool setRecvBuffer(unsigned int bytes);
 
     /// Returns the granted size of the system's send or receive buffer in bytes (`getsockopt`). The system
     /// reports twice that size, which includes its bookkeeping; this is half of it.
@@ -128,7 +128,7 @@ public:
     ///         and for a socket without a descriptor, with unchanged sets; with empty sets
     ///         `SysErrorId::OUT_OF_MEMORY` without memory, `SysErrorId::SPOILED_INTEGRITY` for a descriptor
     ///         that was closed without the socket, otherwise `SysErrorId::UNCLASSIFIED`
-    static int selectSockets(
+    [[nodiscard]] static int selectSockets(
         std::set<Socket const*>& read, std::set<Socket const*>& write, std::set<Socket const*>& except,
         unsigned int timeout_ms, bool use_timeout);
 

@@ -93,7 +93,7 @@ public:
     /// `Socket::ErrorId::ADDRESS_INVALID`, `Socket::ErrorId::CONNECTION_RESET` and
     /// `Socket::ErrorId::NETWORK_UNAVAILABLE` as the system returns them; otherwise
     /// `SysErrorId::UNCLASSIFIED`.
-    bool connect();
+    [[nodiscard]] bool connect();
 };
 
 } // namespace vesk

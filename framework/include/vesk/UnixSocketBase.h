@@ -54,7 +54,7 @@ public:
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is already `DEAD`;
     ///         `SysErrorId::SPOILED_INTEGRITY` for a `close` that fails, without a report if the descriptor
     ///         was not open; `SysErrorId::SPOILED_INTEGRITY` on top of the report of `FileSys::removeFile`
-    bool close(bool do_shutdown);
+    [[nodiscard]] bool close(bool do_shutdown);
 
     /// Writes the binary form of a name of this socket's kind. Truncates a path to 107 bytes, an abstract
     /// name to 106. Cannot fail, and makes no system call.

@@ -37,7 +37,7 @@ public:
     /// `m_buffer_size` of 0 becomes 1.
     /// @return true if the allocation failed, after `CommonErrorId::OUT_OF_MEMORY`; reading and writing are
     ///         then impossible
-    bool createBuffer() noexcept;
+    [[nodiscard]] bool createBuffer() noexcept;
 
     /// Releases the memory unless it is the caller's, and discards the contents of both areas. `createBuffer`
     /// makes the object usable again.

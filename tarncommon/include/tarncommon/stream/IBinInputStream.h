@@ -40,7 +40,7 @@ public:
     ///         bytes before the end; -1 on failure: `StreamErrorId::UNUSABLE` if the stream lacks the buffer
     ///         that it was created for, otherwise the reports of `performRead` or
     ///         `checkReadBufferConsistency`
-    TARN_API_INLINE int read(void* buffer, unsigned int size, unsigned int& read) {
+    [[nodiscard]] TARN_API_INLINE int read(void* buffer, unsigned int size, unsigned int& read) {
         // A buffer with contents shows that the last operation was a read, so no consistency check is needed.
         if (__builtin_expect(size - 1 < m_end - m_pos, 1)) {
             memcpy(buffer, m_buffer + m_pos, size);
