@@ -44,14 +44,21 @@ public:
     class OpenFlags {
     public:
         constexpr OpenFlags() noexcept = default;
+        /// Creates a set of one flag.
         constexpr OpenFlags(OpenFlag flags) noexcept : m_word(flags) {}
+        /// Creates a set from the sum of its flags.
         constexpr explicit OpenFlags(uint32_t word) noexcept : m_word(word) {}
 
+        /// Returns the sum of the flags.
         constexpr uint32_t getWord() const noexcept { return m_word; }
+        /// Returns whether a flag is set.
         constexpr bool has(OpenFlag flag) const noexcept { return (m_word & flag) != 0; }
 
+        /// @{
+        /// Compares two sets.
         friend constexpr bool operator==(OpenFlags a, OpenFlags b) noexcept { return a.m_word == b.m_word; }
         friend constexpr bool operator!=(OpenFlags a, OpenFlags b) noexcept { return a.m_word != b.m_word; }
+        /// @}
 
     private:
         uint32_t m_word = 0;
@@ -62,6 +69,7 @@ public:
     class ReadFlags : public OpenFlags {
     public:
         constexpr ReadFlags() noexcept : OpenFlags(READ) {}
+        /// Creates a set as `OpenFlags` does.
         using OpenFlags::OpenFlags;
     };
 
@@ -69,6 +77,7 @@ public:
     class WriteFlags : public OpenFlags {
     public:
         constexpr WriteFlags() noexcept : OpenFlags(WRITE) {}
+        /// Creates a set as `OpenFlags` does.
         using OpenFlags::OpenFlags;
     };
 
@@ -76,6 +85,7 @@ public:
     class ReadWriteFlags : public OpenFlags {
     public:
         constexpr ReadWriteFlags() noexcept : OpenFlags(READ_WRITE) {}
+        /// Creates a set as `OpenFlags` does.
         using OpenFlags::OpenFlags;
     };
 
@@ -168,9 +178,12 @@ public:
     std::string const& getTempPath() const noexcept { return m_temp_path; }
 
 protected:
+    /// The descriptor, -1 if the file is closed.
     int m_fd = -1;
     OpenFlags m_flags; ///< Of the last `open`; `READ` or `WRITE` for the end of a pipe.
+    /// The result of `hadError`.
     bool m_had_error = false;
+    /// The path of a temporary file that `close` removes; otherwise empty.
     std::string m_temp_path;
 };
 

@@ -18,14 +18,18 @@ public:
     /// @return true on failure, with the reports of `handleInitError`
     [[nodiscard]] static bool init(pthread_cond_t* condition, bool process_shared);
 
+    /// @{
     /// Each of these classifies the result of a failed call and makes its reports: a row of `SysError` that
     /// opens a chain and, except for destroying, a row of `Condition::Error` on top of it. Those that return
     /// bool always return true.
     static bool handleInitError(int error);
     static bool handleDestroyError(int error);
+    /// @}
+    /// @{
     /// Returns 1 for a timeout (not reported), -1 after the reports.
     static signed char handleWaitError(int error);
     static bool handleSignalError(int error);
+    /// @}
 };
 
 } // namespace vesk

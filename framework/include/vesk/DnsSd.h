@@ -172,7 +172,9 @@ public:
     /// A change of a single service.
     struct Result {
         std::unicode::String name; ///< The name of the service instance.
+        /// The type of the service.
         std::string type;
+        /// The domain of the service.
         std::string domain;
         bool appeared = false; ///< False: it has disappeared.
     };
@@ -207,6 +209,7 @@ public:
 
     void service_appeared(
         std::unicode::String const& name, std::string const& type, std::string const& domain) override;
+    /// Queues a result.
     void service_disappeared(
         std::unicode::String const& name, std::string const& type, std::string const& domain) override;
 
@@ -221,15 +224,19 @@ public:
     /// A resolved service instance, with its own copy of the TXT record.
     struct Result {
         Result() = default;
+        /// Creates a result from its parts.
         Result(
             std::unicode::String const& its_name, std::string const& its_type, std::string const& its_domain,
             std::string const& its_host, unsigned short its_port, DnsSdBase::Txt const& its_txt);
 
         std::unicode::String name; ///< The name of the service instance.
+        /// The type of the service.
         std::string type;
+        /// The domain of the service.
         std::string domain;
         std::string host;        ///< The host that offers the service.
         unsigned short port = 0; ///< In host byte order.
+        /// The additional data of the service.
         DnsSdBase::Txt txt;
     };
 
@@ -238,9 +245,12 @@ public:
     SyncResolver(std::unicode::String const& name, std::string const& type, std::string const& domain);
     ~SyncResolver() override;
 
+    /// @{
+    /// See `SyncBrowser`.
     [[nodiscard]] bool wait();
     [[nodiscard]] bool wait(tarnbase::TimePoint const& deadline);
     [[nodiscard]] bool get(Result& out);
+    /// @}
 
     void error() override;
     void resolved(
@@ -257,6 +267,7 @@ public:
     /// A single address of a host.
     struct Result {
         std::string name; ///< The host that was looked up.
+        /// The address of the host.
         std::string address;
     };
 
@@ -265,9 +276,12 @@ public:
     explicit SyncLookup(std::string const& name);
     ~SyncLookup() override;
 
+    /// @{
+    /// See `SyncBrowser`.
     [[nodiscard]] bool wait();
     [[nodiscard]] bool wait(tarnbase::TimePoint const& deadline);
     [[nodiscard]] bool get(Result& out);
+    /// @}
 
     void error() override;
     void address(std::string const& name, std::string const& address) override;

@@ -44,6 +44,7 @@ public:
     [[nodiscard]] bool removeMapping(MemMapping const& mapping);
 
 protected:
+    /// The existing mappings, by their addresses.
     std::map<void const*, MemMapping> m_mappings;
 };
 

@@ -22,6 +22,7 @@ namespace vesk {
 /// attached or closed. The blocking calls hold no lock.
 class VESK_API MsgQueueBase : private tarnbase::NonCopyable {
 public:
+    /// A message of a queue.
     struct Message {
         char* buffer;          ///< The content.
         unsigned int size;     ///< Its size in bytes. Input of a read: the size of `buffer`.
@@ -96,10 +97,12 @@ public:
     static unsigned int systemMaxMsgCount();
 
 protected:
+    /// The descriptor of a closed queue.
     static constexpr mqd_t CLOSED = -1;
 
     MsgQueueBase() noexcept = default;
 
+    /// The descriptor of the queue.
     mqd_t queue = CLOSED;
 };
 

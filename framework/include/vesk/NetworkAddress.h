@@ -24,11 +24,13 @@ public:
         IPV6 = 3, ///< "fe80::1"; a netmask is not abbreviated: "ffff:ffff:ffff:ffff:0000:0000:0000:0000".
     };
 
+    /// @{
     /// The any addresses "0.0.0.0" and "::". They are constructed when the library is loaded, before the
     /// initializers of anything that is linked to it. The initializers of the library itself must not use
     /// them.
     static NetworkAddressBase const ANY_IPv4;
     static NetworkAddressBase const ANY_IPv6;
+    /// @}
 
     /// Creates an object without an address.
     NetworkAddressBase() = default;
@@ -36,7 +38,9 @@ public:
     /// Stores type and text without a check.
     NetworkAddressBase(Type type, std::string text) : m_type(type), m_text(std::move(text)) {}
 
+    /// Returns the family.
     Type getType() const noexcept { return m_type; }
+    /// Returns the address as text, empty without one.
     std::string const& getText() const noexcept { return m_text; }
 
     /// Sets the netmask of a prefix.
@@ -46,7 +50,9 @@ public:
     [[nodiscard]] bool set_prefix(Type type, unsigned int length);
 
 protected:
+    /// The family.
     Type m_type = NONE;
+    /// The address as text.
     std::string m_text;
 };
 

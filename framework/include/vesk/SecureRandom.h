@@ -31,12 +31,14 @@ public:
     ///         failure: `StreamErrorId::END_OF_STREAM`
     [[nodiscard]] bool getRandData(unsigned char* buffer, unsigned int size);
 
+    /// @{
     /// Fill a number with random bytes. Return true on failure, as `getRandData` does.
     [[nodiscard]] VESK_API_INLINE bool getRandByte(unsigned char& value) {
         return getRandData(&value, sizeof value);
     }
     [[nodiscard]] bool getRandUInt32(unsigned int& value);
     [[nodiscard]] bool getRandUInt64(unsigned long long& value);
+    /// @}
 
     /// Returns the quality of the data, which is unknown: always 0.
     VESK_API_INLINE int GetQuality() const noexcept { return 0; }

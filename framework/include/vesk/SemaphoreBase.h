@@ -64,7 +64,9 @@ public:
 protected:
     SemaphoreBase() noexcept = default;
 
+    /// Returns the semaphore, null if it is closed.
     sem_t* getSemaphore() const noexcept { return semaphore.load(std::memory_order_relaxed); }
+    /// Sets the semaphore.
     void setSemaphore(sem_t* opened) noexcept { semaphore.store(opened, std::memory_order_relaxed); }
 
 private:

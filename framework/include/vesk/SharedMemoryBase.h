@@ -61,7 +61,9 @@ public:
 protected:
     SharedMemoryBase() = default;
 
+    /// The descriptor, -1 if the object is closed.
     int descriptor = -1;
+    /// The existing mappings, by their addresses.
     std::map<void const*, MemMapping> mappings;
 };
 

@@ -36,14 +36,18 @@ public:
     /// Returns the family of these ids.
     friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
+    /// @{
     /// Prefix and suffix of the file name of a library: "lib" and ".so".
     static char const* const SharedLibraryPrefix;
     static char const* const SharedLibrarySuffix;
+    /// @}
 
+    /// @{
     /// Constructs an object without a shared object.
     SharedObj() = default;
     SharedObj(SharedObj const&) = default;
     SharedObj& operator=(SharedObj const&) = default;
+    /// @}
 
     /// Unloads the shared object if this is the last copy. A failure gives only a warning of
     /// `std::GlobalErrorHandler`.

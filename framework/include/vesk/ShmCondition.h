@@ -36,9 +36,11 @@ namespace vesk {
 ///   `ShmMutex` describes.
 class ShmCondition : private tarnbase::NonCopyable {
 public:
+    /// @{
     /// The family of `Condition`.
     static VESK_API std::ErrorType const& Error;
     using ErrorId = Condition::ErrorId;
+    /// @}
 
     /// Creates the condition (see `ConditionOps::handleInitError` for its reports). `isValid` returns whether
     /// it succeeded.
@@ -56,6 +58,7 @@ public:
         }
     }
 
+    /// Returns whether the condition could be created.
     bool isValid() const noexcept { return m_valid; }
 
     /// Waits for a signal (`pthread_cond_wait`). The caller must hold `mutex`. May return without a signal.

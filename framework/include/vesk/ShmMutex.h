@@ -34,9 +34,11 @@ namespace vesk {
 ///   again.
 class TARN_LOCK ShmMutex : private tarnbase::NonCopyable {
 public:
+    /// @{
     /// The family of `Mutex`.
     static VESK_API std::ErrorType const& Error;
     using ErrorId = Mutex::ErrorId;
+    /// @}
 
     /// Creates the lock (see `MutexOps::init` for its reports). `isValid` returns whether it succeeded.
     explicit ShmMutex(bool recursive = false, bool priority_inherit = false)
@@ -46,6 +48,7 @@ public:
     /// uses it.
     ~ShmMutex() { static_cast<void>(MutexOps::destroy(&m_mutex)); }
 
+    /// Returns whether the mutex could be created.
     bool isValid() const noexcept { return m_valid; }
 
     /// Waits for the lock (`pthread_mutex_lock`). Returns true on failure: `ErrorId::INCONSISTENT` if the

@@ -80,6 +80,7 @@ protected:
         WRITING = 1,
     };
 
+    /// The direction of the last transfer.
     LastOperation m_last_op = READING;
 
 private:

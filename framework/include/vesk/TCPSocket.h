@@ -51,6 +51,7 @@ public:
         /// Creates an empty description.
         Description() noexcept = default;
 
+        /// Takes the connection of another description.
         Description(Description&& other) noexcept;
         /// Closes the descriptor that this object owned before.
         Description& operator=(Description&& other) noexcept;
@@ -62,6 +63,7 @@ public:
         /// an interruption by a signal is a warning.
         ~Description();
 
+        /// Exchanges two descriptions.
         void swap(Description& other) noexcept;
 
         /// Whether this object owns `socket_fd`. The socket that adopts it clears it.

@@ -100,18 +100,24 @@ public:
         /// An id with all bits set, which no thread has.
         static ThreadId const INVALID_THREAD_ID;
 
+        /// @{
         /// Creates the invalid id.
         constexpr ThreadId() noexcept = default;
         constexpr explicit ThreadId(pthread_t value) noexcept : m_value(value) {}
+        /// @}
 
+        /// Returns the system's id.
         constexpr pthread_t getValue() const noexcept { return m_value; }
 
+        /// @{
+        /// Compares two ids.
         friend constexpr bool operator==(ThreadId const& a, ThreadId const& b) noexcept {
             return a.m_value == b.m_value;
         }
         friend constexpr bool operator!=(ThreadId const& a, ThreadId const& b) noexcept {
             return a.m_value != b.m_value;
         }
+        /// @}
         /// Defines an arbitrary order, for sorted containers.
         friend constexpr bool operator<(ThreadId const& a, ThreadId const& b) noexcept {
             return a.m_value < b.m_value;
@@ -313,10 +319,12 @@ public:
     /// Returns how the main thread was scheduled when it created the `Vesk`; all zero before.
     static sched::Attr getMainSchedAttrs();
 
+    /// @{
     /// Returns the lowest or the highest priority of the calling thread's policy (`sched_get_priority_min`
     /// and `_max`). Returns -2,147,483,648 on failure, with `ErrorId::SCHEDULING_FAILED`.
     [[nodiscard]] static int getMinPriority();
     [[nodiscard]] static int getMaxPriority();
+    /// @}
 
     /// Sets the processors on which the thread may run (`pthread_setaffinity_np`).
     /// @param processors  one entry per processor, by its number; entries from 1,024 on are ignored. Empty

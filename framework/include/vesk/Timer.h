@@ -131,6 +131,7 @@ public:
         return m_interval.load(std::memory_order_relaxed);
     }
 
+    /// Returns whether the timer is periodic.
     VESK_API_INLINE bool isPeriodic() const noexcept { return m_periodic.load(std::memory_order_relaxed); }
 
     /// Calls the callback, and restarts a periodic timer before that. The engine calls it at each expiry, in

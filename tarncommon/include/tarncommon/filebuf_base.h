@@ -97,8 +97,11 @@ public:
     virtual bool isOpen() = 0;
 
 protected:
+    /// The buffer of both directions.
     char* m_buffer = nullptr;
+    /// The size of the buffer in bytes.
     unsigned int m_buffer_size = 1;
+    /// The directions that are open.
     ios_base::openmode m_open_mode{};
     bool m_external_buffer = false; ///< The memory of `m_buffer` belongs to the caller.
     bool m_reading = false;         ///< The get area holds bytes that were read from the file.

@@ -28,6 +28,7 @@ public:
         }
     }
 
+    /// Returns whether the lock is held.
     bool isLocked() const noexcept { return m_locked; }
 
     /// Unlocks before the end of the scope. Returns true on failure, with the report of the lock's `unlock`.

@@ -83,6 +83,7 @@ protected:
 
     unsigned int m_pos = 0; ///< Start of the bytes in the buffer that are not yet consumed.
     unsigned int m_end = 0; ///< End of the filled bytes; equal to `m_pos` if the buffer is empty.
+    /// The size of the buffer in bytes, 0 for none.
     unsigned int const m_buffer_size;
     unsigned char* const m_buffer; ///< Null also if the allocation failed.
 
