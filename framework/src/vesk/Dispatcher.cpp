@@ -149,7 +149,7 @@ void Dispatcher::VanillaNotifier::wait() {
     InternalLock const lock(mutex, SOURCE, "wait");
     while (state.load(std::memory_order_relaxed) == NONE) {
         // A wait that fails is reported, but does not count as a signal.
-        condition.wait(mutex);
+        static_cast<void>(condition.wait(mutex));
     }
     // Acquire: makes visible what precedes each `signal` that this wait takes, also those without the mutex.
     state.exchange(NONE, std::memory_order_acq_rel);
