@@ -63,16 +63,22 @@ public:
     /// Calls the function, in the thread that invokes the message.
     void invoke() override;
 
-    /// Allocate as the global functions do, which they call if no block is kept.
+    /// Returns a kept block, otherwise one of the global function. Throws `std::bad_alloc` without memory.
     static void* operator new(std::size_t size);
+    /// Returns a kept block, otherwise one of the global function, null without memory.
     static void* operator new(std::size_t size, std::nothrow_t const& nothrow) noexcept;
+    /// Calls the global function, for a derived class with a stricter alignment.
     static void* operator new(std::size_t size, std::align_val_t alignment);
+    /// Returns `place`.
     static void* operator new(std::size_t /*size*/, void* place) noexcept { return place; }
 
-    /// Keep the block, or free it as the global functions do.
+    /// Keeps the block, or frees it if enough are kept.
     static void operator delete(void* block, std::size_t size) noexcept;
+    /// Frees the block, if a constructor throws.
     static void operator delete(void* block, std::nothrow_t const& nothrow) noexcept;
+    /// Frees the block of a derived class with a stricter alignment.
     static void operator delete(void* block, std::size_t size, std::align_val_t alignment) noexcept;
+    /// Does nothing, if a constructor throws.
     static void operator delete(void* /*block*/, void* /*place*/) noexcept {}
 
 private:
