@@ -23,13 +23,15 @@ public:
     /// caller holds it for writing, `ErrorId::TOO_MANY_LOCKS` for too many readers, otherwise
     /// `ErrorId::READ_LOCK_FAILED`.
     [[nodiscard]] bool lockForRead() const TARN_ACQUIRE_SHARED_IF_ZERO TARN_NOT_ANALYZED {
-        return RWLockOps::lock(&m_lock, false, nullptr) != 0;
+        int const error = pthread_rwlock_rdlock(&m_lock);
+        return __builtin_expect(error != 0, 0) && RWLockOps::handleLockError(error, false) != 0;
     }
 
     /// Waits for the lock (`pthread_rwlock_wrlock`). Returns true on failure: `ErrorId::DEADLOCK` if the
     /// caller holds it for writing, otherwise `ErrorId::WRITE_LOCK_FAILED`.
     [[nodiscard]] bool lockForWrite() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
-        return RWLockOps::lock(&m_lock, true, nullptr) != 0;
+        int const error = pthread_rwlock_wrlock(&m_lock);
+        return __builtin_expect(error != 0, 0) && RWLockOps::handleLockError(error, true) != 0;
     }
 
     /// Takes the lock if no writer holds it (`pthread_rwlock_tryrdlock`). Returns 0 if locked, 1 if busy (not
