@@ -1,5 +1,8 @@
 #include "LoopSupport.h"
 
+#include <vesk/loop/Datagram.h>
+#include <vesk/loop/Listener.h>
+
 /// Each kind of watch, destroyed at each moment and from each place: its callback neither runs nor will run when the
 /// destructor has returned, and what it holds is destroyed.
 
@@ -79,6 +82,50 @@ class IdleSubject : public Subject {
     void makeDue() override {}
 };
 
+class ConnectionSubject : public Subject {
+public:
+    ConnectionSubject() { EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends)); }
+    ~ConnectionSubject() override { close(m_ends[1]); }
+
+private:
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        auto connection = valueOf(vesk::loop::Connection::adopt(loop, vesk::loop::Fd(m_ends[0])));
+        EXPECT_TRUE(connection.onData([callback](std::string_view) { callback(); }));
+        return std::move(connection);
+    }
+    void makeDue() override { (void)send(m_ends[1], "x", 1, MSG_NOSIGNAL); }
+    int m_ends[2];
+};
+
+class ListenerSubject : public Subject {
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        auto listener =
+            valueOf(vesk::loop::Listener::open(loop, "127.0.0.1:0", [callback](auto const&) { callback(); }));
+        m_address = listener.address();
+        return std::move(listener);
+    }
+    void makeDue() override {
+        m_client = vesk::loop::Fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        (void)connect(m_client.get(), m_address.get(), m_address.size());
+    }
+    vesk::loop::Address m_address;
+    vesk::loop::Fd m_client;
+};
+
+class DatagramSubject : public Subject {
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        auto datagram = valueOf(vesk::loop::Datagram::open(
+            loop, "127.0.0.1:0", [callback](auto const&, auto const&) { callback(); }));
+        m_address = datagram.address();
+        return std::move(datagram);
+    }
+    void makeDue() override {
+        vesk::loop::Fd const sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(1, sendto(sender.get(), "x", 1, 0, m_address.get(), m_address.size()));
+    }
+    vesk::loop::Address m_address;
+};
+
 struct Kind {
     char const* name;
     std::unique_ptr<Subject> (*make)();
@@ -88,9 +135,11 @@ std::unique_ptr<Subject> makeSubject() {
     return std::make_unique<S>();
 }
 constexpr Kind KINDS[] = {
-    {"readable", makeSubject<ReadableSubject>}, {"writable", makeSubject<WritableSubject>},
-    {"signal", makeSubject<SignalSubject>},     {"child", makeSubject<ChildSubject>},
-    {"timer", makeSubject<TimerSubject>},       {"idle", makeSubject<IdleSubject>},
+    {"readable", makeSubject<ReadableSubject>},     {"writable", makeSubject<WritableSubject>},
+    {"signal", makeSubject<SignalSubject>},         {"child", makeSubject<ChildSubject>},
+    {"timer", makeSubject<TimerSubject>},           {"idle", makeSubject<IdleSubject>},
+    {"connection", makeSubject<ConnectionSubject>}, {"listener", makeSubject<ListenerSubject>},
+    {"datagram", makeSubject<DatagramSubject>},
 };
 
 class WatchLife : public testing::TestWithParam<Kind> {

@@ -9,6 +9,7 @@
 namespace vesk::loop {
 
 namespace detail {
+struct Access;
 class Core;
 class JobSource;
 class Source;
@@ -49,6 +50,7 @@ protected:
 
     friend class Loop;
     friend class detail::JobSource;
+    friend struct detail::Access;
 };
 
 /// A watch of a moment in time.

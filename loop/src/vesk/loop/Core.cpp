@@ -127,6 +127,7 @@ bool Core::finish(Source& source) noexcept {
 void Core::cancel(Source& source) noexcept {
     CancellationOff const cancellation_off;
     Locked const locked(m_lock);
+    source.is_canceled = true;
     if (source.is_attached) {
         setOver(source);
     }
@@ -134,6 +135,14 @@ void Core::cancel(Source& source) noexcept {
     while (m_running == &source && !isLoopThread() && !isInherited()) {
         m_lock.wait(m_callback_over);
     }
+}
+
+void Source::cancel() noexcept {
+    m_core->cancel(*this);
+}
+
+bool Source::isActive() const noexcept {
+    return m_core->isActive(*this);
 }
 
 bool Core::isLoopThread() const noexcept {

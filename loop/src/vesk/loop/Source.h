@@ -40,12 +40,17 @@ public:
     virtual Call prepare() noexcept { return Call::AGAIN; }
     /// Calls back. Runs without the lock.
     virtual void fire() = 0;
+    /// Ends the watch. When it returns, the callback does not run in another thread.
+    virtual void cancel() noexcept;
+    virtual bool isActive() const noexcept;
 
     Core& getCore() const noexcept { return *m_core; }
+    std::shared_ptr<Core> const& shareCore() const noexcept { return m_core; }
     Priority getPriority() const noexcept { return m_priority; }
     Place getPlace() const noexcept { return m_place; }
 
     bool is_attached = false;
+    bool is_canceled = false; ///< A source that was canceled is never attached again.
 
 private:
     std::shared_ptr<Core> const m_core;

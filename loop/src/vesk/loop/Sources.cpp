@@ -41,6 +41,9 @@ int Core::attach(FdSource& source) {
         return EBADF;
     }
     Locked const locked(m_lock);
+    if (source.is_canceled) {
+        return ECANCELED;
+    }
     auto const index = static_cast<size_t>(source.fd);
     if (index >= m_slots.size()) {
         if (fcntl(source.fd, F_GETFD) < 0) {
