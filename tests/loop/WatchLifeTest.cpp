@@ -1,6 +1,8 @@
 #include "LoopSupport.h"
+#include "support/TempFolder.h"
 
 #include <vesk/loop/Datagram.h>
+#include <vesk/loop/FileWatch.h>
 #include <vesk/loop/Listener.h>
 
 /// Each kind of watch, destroyed at each moment and from each place: its callback neither runs nor will run when the
@@ -126,6 +128,23 @@ class DatagramSubject : public Subject {
     vesk::loop::Address m_address;
 };
 
+class FileSubject : public Subject {
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        auto files = valueOf(vesk::loop::FileWatch::open(loop, [callback](auto const&) { callback(); }));
+        EXPECT_TRUE(files.add(m_folder.getPath()));
+        return std::move(files);
+    }
+    void makeDue() override { EXPECT_EQ(0, mkdir((m_folder / "x").c_str(), 0700)); }
+    TempFolder m_folder;
+};
+
+class LookUpSubject : public Subject {
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        return valueOf(vesk::loop::lookUp(loop, "127.0.0.1:7", [callback](auto const&) { callback(); }));
+    }
+    void makeDue() override { std::this_thread::sleep_for(2ms); }
+};
+
 struct Kind {
     char const* name;
     std::unique_ptr<Subject> (*make)();
@@ -139,7 +158,8 @@ constexpr Kind KINDS[] = {
     {"signal", makeSubject<SignalSubject>},         {"child", makeSubject<ChildSubject>},
     {"timer", makeSubject<TimerSubject>},           {"idle", makeSubject<IdleSubject>},
     {"connection", makeSubject<ConnectionSubject>}, {"listener", makeSubject<ListenerSubject>},
-    {"datagram", makeSubject<DatagramSubject>},
+    {"datagram", makeSubject<DatagramSubject>},     {"file", makeSubject<FileSubject>},
+    {"lookUp", makeSubject<LookUpSubject>},
 };
 
 class WatchLife : public testing::TestWithParam<Kind> {

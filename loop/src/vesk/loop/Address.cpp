@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <mutex>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/un.h>
@@ -72,6 +73,7 @@ int query(HostAndPort const& name, int flags, std::vector<Address>& addresses) {
 
 /// The answer of a look-up, for the thread that asks and for the loop.
 struct Answer {
+    std::mutex mutex;
     int error = 0;
     std::vector<Address> addresses;
 };
@@ -90,10 +92,14 @@ public:
 
     Call prepare() noexcept override { return Call::LAST; }
     void fire() override {
-        if (m_answer->error != 0) {
-            m_callback(refuseAddress(m_answer->error, m_name, "look-up"));
+        std::unique_lock<std::mutex> held(m_answer->mutex);
+        int const error = m_answer->error;
+        std::vector<Address> addresses = std::move(m_answer->addresses);
+        held.unlock();
+        if (error != 0) {
+            m_callback(refuseAddress(error, m_name, "look-up"));
         } else {
-            m_callback(std::move(m_answer->addresses));
+            m_callback(std::move(addresses));
         }
     }
 
@@ -109,11 +115,16 @@ int ask(std::string const& name, std::shared_ptr<Answer> const& answer, UniqueFd
     try {
         SignalsBlocked const blocked; // The thread inherits that.
         std::thread([parts = HostAndPort(name), answer, end = std::move(writer)] {
+            int error = ENOMEM;
+            std::vector<Address> addresses;
             try {
-                answer->error = query(parts, 0, answer->addresses);
+                error = query(parts, 0, addresses);
             } catch (std::bad_alloc const&) {
-                answer->error = ENOMEM;
+                // Reported like any other failure.
             }
+            std::lock_guard<std::mutex> const held(answer->mutex);
+            answer->error = error;
+            answer->addresses = std::move(addresses);
         }).detach();
     } catch (std::system_error const& error) {
         return error.code().value();

@@ -305,20 +305,22 @@ bool Core::firePosts(Posts& posts) {
 }
 
 /// The time during which a callback runs and the lock is not held. Also ends when the thread is canceled.
-class Core::Running {
+class Core::Unlocked {
 public:
-    Running(Core& core, Source* source) noexcept TARN_NOT_ANALYZED : m_core(core) {
+    Unlocked(Core& core, Source* source) noexcept TARN_NOT_ANALYZED : m_core(core) {
         m_core.m_running = source;
+        ++m_core.m_calls;
         m_core.m_lock.unlock();
     }
-    ~Running() TARN_NOT_ANALYZED {
+    ~Unlocked() TARN_NOT_ANALYZED {
         CancellationOff const cancellation_off;
         m_core.m_lock.lock();
         m_core.m_running = nullptr;
+        ++m_core.m_calls;
         m_core.m_callback_over.notify_all();
     }
-    Running(Running const&) = delete;
-    Running& operator=(Running const&) = delete;
+    Unlocked(Unlocked const&) = delete;
+    Unlocked& operator=(Unlocked const&) = delete;
 
 private:
     Core& m_core;
@@ -326,7 +328,7 @@ private:
 
 template <typename Call>
 void Core::callOut(Source* source, Call&& call) {
-    Running const running(*this, source);
+    Unlocked const unlocked(*this, source);
     try {
         call();
     } catch (...) {
@@ -336,6 +338,11 @@ void Core::callOut(Source* source, Call&& call) {
         }
         handle(std::move(exception));
     }
+}
+
+Core::Running Core::getRunning() noexcept {
+    Locked const locked(m_lock);
+    return {m_calls, m_running != nullptr ? m_running->getPlace() : Place{"post", 0}};
 }
 
 void Core::setExceptionHook(Callback<void(std::exception_ptr)> hook) {
