@@ -24,6 +24,7 @@ class Stream {
 public:
     /// The stream of the caller.
     static Stream inherit() { return {Kind::INHERIT, {}, 0}; }
+    /// No data: reading finds the end, and what is written is dropped.
     static Stream null() { return {Kind::FILE, "/dev/null", 0}; }
     /// A file. It is read from its begin, or created (mode 0666 without the mask) and emptied.
     static Stream file(std::string path) { return {Kind::FILE, std::move(path), 0}; }
@@ -41,9 +42,12 @@ public:
     /// For `Command::output` and `Loop::start`.
     static Stream capture(size_t limit = 1 << 20) { return {Kind::CAPTURE, {}, limit}; }
 
+    /// @{
+    /// A file, as `file` opens it.
     Stream(std::filesystem::path const& path) : Stream(file(path.string())) {}
     Stream(std::string path) : Stream(file(std::move(path))) {}
     Stream(char const* path) : Stream(file(path)) {}
+    /// @}
 
 private:
     friend class detail::Start;
@@ -70,16 +74,20 @@ struct Output : Exit {
 /// Can be moved, but not be used by two threads at once.
 class [[nodiscard]] VESK_LOOP_API Child {
 public:
+    /// Takes the program of another object.
     Child(Child&& other) noexcept = default;
+    /// Leaves its program running, and takes that of another object.
     Child& operator=(Child&& other) noexcept;
     ~Child();
 
     /// Returns the process of the last program.
     pid_t pid() const noexcept { return m_pids.back(); }
+    /// @{
     /// The other ends of the streams that are pipes.
     Fd in;
     Fd out;
     Fd err;
+    /// @}
 
     /// Blocks until the program has ended, and reaps it (`waitid`).
     Result<Exit> wait();
@@ -96,11 +104,14 @@ private:
 /// A program of a loop. The destructor silences the callback at once, and leaves the program running.
 class [[nodiscard]] VESK_LOOP_API Process : public Watch {
 public:
+    /// Returns the process of the last program.
     pid_t pid() const noexcept { return m_pid; }
+    /// @{
     /// The other ends of the streams that are pipes.
     Fd in;
     Fd out;
     Fd err;
+    /// @}
 
     /// Sends a signal to the last program (`kill`). Fails with `ESRCH` as soon as its end was seen.
     Result<> kill(int signal);
@@ -129,19 +140,26 @@ public:
     /// @param program  a path, or a name that is searched in `PATH`, that of the program's environment
     explicit Command(std::string program);
 
+    /// @{
+    /// Appends arguments.
     Command& arg(std::string text);
     Command& args(std::vector<std::string> const& texts);
+    /// @}
     /// Sets what the program sees as its name (`argv[0]`), by default the program.
     Command& name(std::string text);
 
+    /// @{
     /// Set the streams, by default those of the caller. Files are opened by the caller, in its folder.
     Command& in(Stream stream);
     Command& out(Stream stream);
     Command& err(Stream stream);
+    /// @}
     /// Gives the program a copy of the caller's descriptor `own` under the number `number`, at least 3.
     Command& fd(int number, int own);
 
+    /// Sets a variable of the program's environment.
     Command& env(std::string const& name, std::string value);
+    /// Removes a variable from the program's environment.
     Command& unsetEnv(std::string const& name);
     /// Leaves out the caller's environment.
     Command& clearEnv();

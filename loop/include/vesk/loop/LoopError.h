@@ -11,6 +11,7 @@ VESK_LOOP_API extern std::ErrorType const LoopError;
 
 /// The reports of `LoopError`.
 namespace LoopErrorId {
+/// The reports of `LoopError`.
 enum Id : int {
     NOT_CREATED = 0, ///< The system refused the descriptors of the loop.
     WAIT_FAILED = 1, ///< The loop could not wait.

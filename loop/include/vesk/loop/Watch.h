@@ -29,7 +29,9 @@ class [[nodiscard]] VESK_LOOP_API Watch {
 public:
     /// Watches nothing.
     Watch() noexcept = default;
+    /// Takes the callback of another watch, which then watches nothing.
     Watch(Watch&& other) noexcept = default;
+    /// Ends this watch, and takes the callback of another one.
     Watch& operator=(Watch&& other) noexcept {
         Watch taken(std::move(other));
         std::swap(m_source, taken.m_source);
@@ -45,7 +47,9 @@ public:
     bool isActive() const noexcept;
 
 protected:
+    /// Owns a source of a loop.
     explicit Watch(std::shared_ptr<detail::Source> source) noexcept : m_source(std::move(source)) {}
+    /// What the loop calls back for, null for an ended watch.
     std::shared_ptr<detail::Source> m_source;
 
     friend class Loop;
