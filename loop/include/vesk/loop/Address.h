@@ -25,17 +25,23 @@ public:
     /// Reads a text. Looks up no names: see `lookUp`. Fails with `EINVAL`.
     static Result<Address> parse(std::string_view text);
 
+    /// Returns the text of the table, empty without an address.
     std::string text() const;
     /// Returns `AF_INET`, `AF_INET6`, `AF_UNIX`, or `AF_UNSPEC` without an address.
     int family() const noexcept { return m_address.ss_family; }
     /// Returns the port, 0 without one.
     int port() const noexcept;
 
+    /// Returns the address as system calls take it.
     sockaddr const* get() const noexcept { return reinterpret_cast<sockaddr const*>(&m_address); }
+    /// Returns the size of `get` in bytes.
     socklen_t size() const noexcept { return m_size; }
 
+    /// @{
+    /// Compare the texts.
     friend bool operator==(Address const& one, Address const& other) { return one.text() == other.text(); }
     friend bool operator!=(Address const& one, Address const& other) { return !(one == other); }
+    /// @}
 
 private:
     sockaddr_storage m_address{};

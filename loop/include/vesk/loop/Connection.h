@@ -26,13 +26,15 @@ public:
     };
     /// The process at the other end of a Unix socket when it connected.
     struct Credentials {
-        pid_t pid;
-        uid_t user;
-        gid_t group;
+        pid_t pid;   ///< Its id.
+        uid_t user;  ///< Its effective user.
+        gid_t group; ///< Its effective group.
     };
 
+    /// Watches nothing.
     Connection() noexcept = default;
 
+    /// @{
     /// Connects to an address. What is written until then is queued. A failure comes with `onEnd`.
     static Result<Connection> open(
         Loop& loop, Address const& address, Priority priority = Priority::NORMAL,
@@ -40,6 +42,7 @@ public:
     static Result<Connection> open(
         Loop& loop, std::string_view address, Priority priority = Priority::NORMAL,
         Place place = Place::here());
+    /// @}
     /// Takes over a connected stream socket, such as one of `socketpair`.
     static Result<Connection>
     adopt(Loop& loop, Fd socket, Priority priority = Priority::NORMAL, Place place = Place::here());
@@ -68,10 +71,12 @@ public:
     std::size_t queued() const noexcept;
     /// Sets the marks of the queue in bytes, by default 64 KiB and 1 MiB.
     void setMarks(std::size_t low, std::size_t high) noexcept;
+    /// Sets all deadlines, and begins to count.
     void setDeadlines(Deadlines const& deadlines) noexcept;
 
-    /// Stop reading, so that the peer has to wait, and go on.
+    /// Stops reading, so that the peer has to wait.
     void pause() noexcept;
+    /// Reads again.
     Result<> resume();
 
     /// Stops reading, sends what is queued, and closes. Then calls back: success if everything was sent. The
@@ -81,7 +86,9 @@ public:
 
     /// Returns the descriptor, for options, -1 after the end.
     int fd() const noexcept;
+    /// Returns the address of the peer, none after the end.
     Address peer() const;
+    /// Returns the process of the peer (`SO_PEERCRED`). For Unix sockets.
     Result<Credentials> credentials() const;
 
 private:

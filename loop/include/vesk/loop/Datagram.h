@@ -15,6 +15,7 @@ namespace vesk::loop {
 /// Operations that send may be used by any thread. The destructor closes the socket, and removes its socket file.
 class [[nodiscard]] VESK_LOOP_API Datagram : public Watch {
 public:
+    /// Watches nothing.
     Datagram() noexcept = default;
 
     /// Binds a socket to an address. Port 0 lets the system choose. The callback gets each datagram whole, and the
@@ -27,15 +28,18 @@ public:
     /// when it has.
     Result<> sendTo(Address const& to, std::string_view data) const;
 
-    /// Receives the datagrams of a multicast group, too. The interface is chosen by the system if its name is empty.
+    /// Joins a multicast group (`MCAST_JOIN_GROUP`): its datagrams are received, too. The interface is chosen by the system if its name is empty.
     Result<> join(Address const& group, std::string const& interface_name = {}) const;
+    /// Leaves a multicast group (`MCAST_LEAVE_GROUP`).
     Result<> leave(Address const& group, std::string const& interface_name = {}) const;
     /// Sets how many routers a multicast datagram passes, and whether this machine receives its own ones.
     Result<> setMulticast(int ttl, bool loops_back) const;
     /// Allows to send to a broadcast address.
     Result<> setBroadcast(bool on) const;
 
+    /// Returns the descriptor, for options, or -1.
     int fd() const noexcept;
+    /// Returns the address of the socket, with the port that the system has chosen.
     Address address() const;
 
 private:

@@ -8,6 +8,7 @@ namespace vesk::loop {
 
 /// What has happened to a file or in a folder.
 struct FileEvent {
+    /// The kind of an event.
     enum Kind : unsigned char {
         CREATED,    ///< An entry was made, or moved to here from a folder that is not watched.
         CHANGED,    ///< A file that was open for writing was closed.
@@ -17,10 +18,10 @@ struct FileEvent {
         GONE,       ///< The watched path itself was removed, moved or unmounted. It is not watched any more.
         OVERFLOW,   ///< The system has lost events: look at everything again. No path.
     };
-    Kind kind;
-    bool is_folder = false;
-    std::filesystem::path path; ///< The watched path, with the name of the entry if it is a folder.
-    std::filesystem::path old_path;
+    Kind kind;                      ///< What has happened.
+    bool is_folder = false;         ///< Whether it has happened to a folder.
+    std::filesystem::path path;     ///< The watched path, with the name of the entry if it is a folder.
+    std::filesystem::path old_path; ///< The former path of a renamed entry.
 };
 
 /// Watches files and folders (`inotify`), not what is below the folders of a folder.
@@ -31,8 +32,10 @@ struct FileEvent {
 /// An editor often writes a new file and renames it: watch the folder rather than the file.
 class [[nodiscard]] VESK_LOOP_API FileWatch : public Watch {
 public:
+    /// Watches nothing.
     FileWatch() noexcept = default;
 
+    /// Makes a watch without paths (`inotify_init1`).
     static Result<FileWatch> open(
         Loop& loop, Callback<void(FileEvent const&)> callback, Priority priority = Priority::NORMAL,
         Place place = Place::here());

@@ -13,6 +13,7 @@ namespace vesk::loop {
 /// The destructor closes the socket, and removes its socket file. Connections that were accepted stay open.
 class [[nodiscard]] VESK_LOOP_API Listener : public Watch {
 public:
+    /// Watches nothing.
     Listener() noexcept = default;
 
     /// Listens at an address (`bind`, `listen`). Port 0 lets the system choose. A socket file at which no process

@@ -19,8 +19,11 @@ namespace vesk::loop {
 /// Any thread, as long as no thread changes the environment.
 class VESK_LOOP_API ServiceManager {
 public:
+    /// Tells that the service has started, or has reloaded its configuration (`READY=1`).
     static Result<bool> ready();
+    /// Tells that the service begins to reload its configuration (`RELOADING=1`, with the time). `ready` ends it.
     static Result<bool> reloading();
+    /// Tells that the service begins to stop (`STOPPING=1`).
     static Result<bool> stopping();
     /// Sets the text that the manager shows. One line.
     static Result<bool> status(std::string_view text);

@@ -20,8 +20,11 @@ public:
     /// the place where the watch was made, for a posted call "post". Must not throw.
     static Result<Watchdog> start(Loop& loop, Clock::duration limit, Callback<void(Place const&)> report);
 
+    /// Watches nothing.
     Watchdog() noexcept = default;
+    /// Takes over the watchdog of `other`, which watches nothing then.
     Watchdog(Watchdog&& other) noexcept = default;
+    /// Ends the own watchdog, and takes over that of `other`.
     Watchdog& operator=(Watchdog&& other) noexcept;
     ~Watchdog();
 
