@@ -1,4 +1,5 @@
 #include "LoopSupport.h"
+#include "support/Descriptors.h"
 #include "support/TempFolder.h"
 
 #include <vesk/loop/Datagram.h>
@@ -139,10 +140,18 @@ class FileSubject : public Subject {
 };
 
 class LookUpSubject : public Subject {
+public:
+    /// Waits for the thread of a look-up that the loop does not wait for any more.
+    ~LookUpSubject() override {
+        EXPECT_TRUE(eventually([this] { return countDescriptors() == m_descriptors; }));
+    }
+
+private:
     Watch watch(Loop& loop, std::function<void()> callback) override {
         return valueOf(vesk::loop::lookUp(loop, "127.0.0.1:7", [callback](auto const&) { callback(); }));
     }
     void makeDue() override { std::this_thread::sleep_for(2ms); }
+    int const m_descriptors = countDescriptors();
 };
 
 struct Kind {

@@ -66,6 +66,9 @@ public:
     /// for a timer that has expired.
     void restart(Clock::duration delay) noexcept;
 
+    /// Stops the timer until `restart`. Unlike `cancel` it does not wait for a callback that is running.
+    void stop() noexcept;
+
 private:
     using Watch::Watch;
     friend class Loop;

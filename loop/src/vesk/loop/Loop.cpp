@@ -227,4 +227,10 @@ void Timer::restart(Clock::duration delay) noexcept {
     }
 }
 
+void Timer::stop() noexcept {
+    if (m_source != nullptr) {
+        m_source->getCore().finish(*m_source);
+    }
+}
+
 } // namespace vesk::loop
