@@ -28,9 +28,9 @@ public:
     /// when it has.
     Result<> sendTo(Address const& to, std::string_view data) const;
 
-    /// Joins a multicast group (`MCAST_JOIN_GROUP`): its datagrams are received, too. The interface is chosen by the system if its name is empty.
+    /// Joins a multicast group (`IP_ADD_MEMBERSHIP`, `IPV6_JOIN_GROUP`): its datagrams are received, too. The interface is chosen by the system if its name is empty.
     Result<> join(Address const& group, std::string const& interface_name = {}) const;
-    /// Leaves a multicast group (`MCAST_LEAVE_GROUP`).
+    /// Leaves a multicast group (`IP_DROP_MEMBERSHIP`, `IPV6_LEAVE_GROUP`).
     Result<> leave(Address const& group, std::string const& interface_name = {}) const;
     /// Sets how many routers a multicast datagram passes, and whether this machine receives its own ones.
     Result<> setMulticast(int ttl, bool loops_back) const;

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -69,18 +68,28 @@ Result<> setOption(
     return {};
 }
 
+/// Joins a multicast group, or leaves it.
 Result<>
-setMembership(Datagram const& socket, Address const& group, std::string const& interface_name, int option) {
-    group_req request{};
-    if (!interface_name.empty()) {
-        request.gr_interface = if_nametoindex(interface_name.c_str());
-        if (request.gr_interface == 0) {
-            return refuseAddress(errno, group.text(), "interface");
-        }
+setMembership(Datagram const& socket, Address const& group, std::string const& interface_name, bool joins) {
+    unsigned int const index = if_nametoindex(interface_name.c_str());
+    if (index == 0 && !interface_name.empty()) {
+        return refuseAddress(errno, group.text(), "interface");
     }
-    memcpy(&request.gr_group, group.get(), group.size());
-    int const level = group.family() == AF_INET6 ? IPPROTO_IPV6 : IPPROTO_IP;
-    if (setsockopt(socket.fd(), level, option, &request, sizeof request) != 0) {
+    int outcome = 0;
+    if (group.family() == AF_INET6) {
+        ipv6_mreq request{};
+        request.ipv6mr_multiaddr = reinterpret_cast<sockaddr_in6 const*>(group.get())->sin6_addr;
+        request.ipv6mr_interface = index;
+        int const option = joins ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP;
+        outcome = setsockopt(socket.fd(), IPPROTO_IPV6, option, &request, sizeof request);
+    } else {
+        ip_mreqn request{};
+        request.imr_multiaddr = reinterpret_cast<sockaddr_in const*>(group.get())->sin_addr;
+        request.imr_ifindex = static_cast<int>(index);
+        int const option = joins ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP;
+        outcome = setsockopt(socket.fd(), IPPROTO_IP, option, &request, sizeof request);
+    }
+    if (outcome != 0) {
         return refuseAddress(errno, group.text(), "group");
     }
     return {};
@@ -123,11 +132,11 @@ Result<> Datagram::sendTo(Address const& to, std::string_view data) const {
 }
 
 Result<> Datagram::join(Address const& group, std::string const& interface_name) const {
-    return setMembership(*this, group, interface_name, MCAST_JOIN_GROUP);
+    return setMembership(*this, group, interface_name, true);
 }
 
 Result<> Datagram::leave(Address const& group, std::string const& interface_name) const {
-    return setMembership(*this, group, interface_name, MCAST_LEAVE_GROUP);
+    return setMembership(*this, group, interface_name, false);
 }
 
 Result<> Datagram::setMulticast(int ttl, bool loops_back) const {
