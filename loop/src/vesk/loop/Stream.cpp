@@ -105,7 +105,7 @@ ssize_t StreamSource::receive(char* buffer, size_t size, std::vector<Fd>& fds) c
 }
 
 void StreamSource::serveReader() {
-    std::array<char, 16 * 1024> buffer;
+    std::array<char, 16384> buffer;
     std::vector<Fd> fds;
     ssize_t const count = receive(buffer.data(), buffer.size(), fds);
     if (count < 0) {
