@@ -245,7 +245,7 @@ Status openFile(std::string const& root, std::string& path, vesk::StreamBinFileR
     if (info.isRegularFile()) {
         return OK;
     }
-    file.close();
+    static_cast<void>(file.close());
     if (!info.isDirectory() || path.find("/index.html") != std::string::npos) {
         return NOT_FOUND;
     }

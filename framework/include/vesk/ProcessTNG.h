@@ -54,8 +54,8 @@ class ProcessImpl;
 ///
 /// **How children end.** One thread of the library, "vesk::ProcessCollector", waits for the end of children
 /// while any object has a running child, and passes each exit state to its object. It also reaps children
-/// that were started without this class, with a warning; their `waitpid` then finds no child. The collector
-/// requires that the library is started. A process that was forked without executing a new program has no
+/// that were started without this class, with a warning; their `waitpid` then finds no child. It leaves those
+/// of `KeptChildren` alone. The collector requires that the library is started. A process that was forked without executing a new program has no
 /// collector.
 ///
 /// Nothing else may reap these children. The process must not ignore `SIGCHLD` or set `SA_NOCLDWAIT` for it,

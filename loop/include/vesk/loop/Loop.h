@@ -136,6 +136,7 @@ public:
     void setExceptionHook(Callback<void(std::exception_ptr)> hook);
 
 private:
+    friend struct detail::Access;
     class Turn;
     template <typename IsOver>
     [[gnu::visibility("hidden")]] Result<> runUntil(IsOver is_over, Clock::duration timeout);

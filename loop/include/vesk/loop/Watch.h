@@ -9,6 +9,7 @@
 namespace vesk::loop {
 
 namespace detail {
+struct Access;
 class Core;
 class JobSource;
 class Source;
@@ -53,6 +54,7 @@ protected:
 
     friend class Loop;
     friend class detail::JobSource;
+    friend struct detail::Access;
 };
 
 /// A watch of a moment in time.
@@ -63,6 +65,9 @@ public:
     /// Lets the callback be called after `delay` from now, and then every period if the timer is periodic. Also
     /// for a timer that has expired.
     void restart(Clock::duration delay) noexcept;
+
+    /// Stops the timer until `restart`. Unlike `cancel` it does not wait for a callback that is running.
+    void stop() noexcept;
 
 private:
     using Watch::Watch;
