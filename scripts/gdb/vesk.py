@@ -23,7 +23,7 @@ def enumerator(value):
 def atomic(value):
     """Returns what a std::atomic holds, or the first field of its kin."""
     while value.type.strip_typedefs().code == gdb.TYPE_CODE_STRUCT:
-        fields = value.type.strip_typedefs().fields()
+        fields = [field for field in value.type.strip_typedefs().fields() if hasattr(field, "bitpos")]  # Not static.
         value = value[fields[-1]]
     return value
 
