@@ -63,6 +63,8 @@ Row const ROWS[] = {
     {"epollCtlOfSignals", inject_epoll_ctl, 1,
      [](Loop& loop) { return codeOf(loop.onSignal(SIGURG, [] {})); }},
     {"timerfd", inject_timerfd_create, 1, [](Loop& loop) { return codeOf(loop.fd()); }},
+    {"timerfdOfTheClock", inject_timerfd_create, 1,
+     [](Loop& loop) { return codeOf(loop.onClockSet([] {})); }},
     {"epollCtlOfTheTimer", inject_epoll_ctl, 1, [](Loop& loop) { return codeOf(loop.fd()); }},
     {"pidfdOpen", inject_syscall, 1, watchChild},
     {"epollCtlOfAChild", inject_epoll_ctl, 1, watchChild},
