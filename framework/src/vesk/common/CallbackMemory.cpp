@@ -130,7 +130,7 @@ struct Cache {
 
 // In the static block of the thread, as the spare counts of handles are.
 TARN_CONSTANT_INIT thread_local Cache t_cache
-    __attribute__((tls_model("initial-exec"))) = {nullptr, nullptr, nullptr, nullptr, 0, Cache::NEW};
+    __attribute__((tls_model(TARN_TLS_MODEL))) = {nullptr, nullptr, nullptr, nullptr, 0, Cache::NEW};
 
 /// Observes the ends of threads, and frees the blocks when the library is unloaded.
 class Caches {
