@@ -153,8 +153,8 @@ void expectNoTrace(int rounds, LoadAndUnload const& load_and_unload) {
     Resources const after = count();
     EXPECT_EQ(before.threads, after.threads);
     EXPECT_EQ(before.descriptors, after.descriptors);
-    if (!IS_EMULATED) { // An emulator maps memory for its translations.
-        EXPECT_EQ(before.mapped_pages, after.mapped_pages);
+    if (!IS_EMULATED) {                                     // An emulator maps memory for its translations.
+        EXPECT_GE(before.mapped_pages, after.mapped_pages); // The heap may end a page lower.
     }
     EXPECT_EQ(before.free_keys, after.free_keys);
     EXPECT_EQ(before.blocks, after.blocks);
