@@ -85,9 +85,13 @@ function(vesk_add_library name symbol)
     if(NOT VESK_HEADER_CHECK)
         target_precompile_headers(${name} PRIVATE <algorithm> <atomic> <functional> <memory> <string> <vector>)
     endif()
+    # The loader has room in the static block of a thread for the few bytes of the shared libraries. A module that
+    # contains static libraries would place all of their thread-local data there.
     if(VESK_LIBRARY_TYPE STREQUAL SHARED)
+        target_compile_definitions(${name} PRIVATE TARN_TLS_MODEL="initial-exec")
         vesk_set_up_shared(${name} ${symbol})
     else()
+        target_compile_definitions(${name} PRIVATE TARN_TLS_MODEL="global-dynamic")
         vesk_set_up_static(${name} ${symbol})
     endif()
 endfunction()

@@ -27,7 +27,7 @@ public:
         fuzz::check(m_socket.isValid(), "the connection is adopted");
     }
     ~Connection() {
-        m_socket.close(true);
+        static_cast<void>(m_socket.close(true));
         ::close(m_peer);
         std::ErrorStorage::ack();
     }

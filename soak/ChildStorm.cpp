@@ -99,7 +99,7 @@ private:
     void missTheProgram() {
         ProcessTNG process("/no/such/program", {});
         process.setStderrNull(true);
-        process.start();
+        static_cast<void>(process.start());
         countProvoked();
         if (process.getPid() != ProcessTNG::INVALID_PROCESS_ID) {
             check(!waitFor(process).killed, "a child without a program ends itself");

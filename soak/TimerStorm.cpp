@@ -15,7 +15,7 @@ public:
     CountingTimer(bool high_priority, unsigned int kind) : Timer(ring, high_priority), m_kind(kind) {}
 
     /// The base class would stop the timer only after this part of the object is gone.
-    ~CountingTimer() override { stop(); }
+    ~CountingTimer() override { static_cast<void>(stop()); }
 
     unsigned int getRings() const noexcept { return m_rings; }
 
@@ -25,10 +25,10 @@ private:
         ++self.m_rings;
         switch (self.m_kind) {
         case 0:
-            self.stop();
+            static_cast<void>(self.stop());
             break;
         case 1:
-            self.start(1 + self.m_rings % 3, self.m_rings % 2 == 0);
+            static_cast<void>(self.start(1 + self.m_rings % 3, self.m_rings % 2 == 0));
             break;
         default:
             break;
@@ -61,7 +61,7 @@ public:
         for (CountingTimer const& timer : timers) {
             rings += timer.getRings();
         }
-        vesk::Time::sleep(2);
+        static_cast<void>(vesk::Time::sleep(2));
         for (CountingTimer const& timer : timers) {
             rings -= timer.getRings();
         }

@@ -245,7 +245,7 @@ Status openFile(std::string const& root, std::string& path, vesk::StreamBinFileR
     if (info.isRegularFile()) {
         return OK;
     }
-    file.close();
+    static_cast<void>(file.close());
     if (!info.isDirectory() || path.find("/index.html") != std::string::npos) {
         return NOT_FOUND;
     }
@@ -295,7 +295,7 @@ public:
         : m_server(server), m_socket(false, 0, 0, accepted), m_last_use(now) {
         // An answer is sent in two pieces. The second must not wait until the first is acknowledged.
         if (m_socket.isValid()) {
-            m_socket.setTCPNoDelay(true);
+            static_cast<void>(m_socket.setTCPNoDelay(true));
         }
         std::ErrorStorage::ack(); // The peer may have closed the connection already.
     }
@@ -412,7 +412,7 @@ private:
             // Most likely the process has no free descriptor: closes a connection, or waits if there is none.
             std::ErrorStorage::ack();
             if (m_connections.empty()) {
-                vesk::Time::sleep(50);
+                static_cast<void>(vesk::Time::sleep(50));
             } else {
                 endOldest();
             }
@@ -505,7 +505,7 @@ void Connection::answerFile(Request& request) {
     long long const size = m_file.getFileInfo().getSize();
     begin(OK, std::string("Content-Type: ") + typeOf(request.path) + "\r\n", size, request.keep_alive);
     if (request.method == "HEAD") {
-        m_file.close();
+        static_cast<void>(m_file.close());
     } else {
         m_file_left = size;
     }
@@ -568,7 +568,7 @@ bool Connection::refill() {
 }
 
 void Connection::endAnswer() {
-    m_file.close();
+    static_cast<void>(m_file.close());
     m_out.clear();
     if (m_keep_alive) {
         m_phase = Phase::READING;

@@ -199,7 +199,7 @@ void pollPipes() {
             for (Passer& client : clients) {
                 changed.add(client, fd);
                 while (!client.wasAsked()) {
-                    vesk::Thread::yield();
+                    static_cast<void>(vesk::Thread::yield());
                 }
                 changed.remove(client);
             }
@@ -213,7 +213,7 @@ void pollPipes() {
     }
     failed(changes.join(), "joining the changes");
     while (counter.getBytes() < BYTES) {
-        vesk::Thread::yield();
+        static_cast<void>(vesk::Thread::yield());
     }
     double const us = microseconds(watch);
     poller.stop();

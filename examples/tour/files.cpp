@@ -47,7 +47,8 @@ public:
 
 private:
     static void empty(std::string const& path) {
-        for (vesk::Directory folder(path, true); folder.isValid() && !folder.atEnd(); folder.next()) {
+        for (vesk::Directory folder(path, true); folder.isValid() && !folder.atEnd();
+             static_cast<void>(folder.next())) {
             std::string const name = folder.curName();
             if (name == "." || name == "..") {
                 continue;
@@ -89,7 +90,7 @@ struct Counts {
 };
 
 void walk(vesk::Directory folder, Counts& counts) {
-    for (; folder.isValid() && !folder.atEnd(); folder.next()) {
+    for (; folder.isValid() && !folder.atEnd(); static_cast<void>(folder.next())) {
         if (strcmp(folder.curName(), ".") == 0 || strcmp(folder.curName(), "..") == 0) {
             continue;
         }

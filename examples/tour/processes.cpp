@@ -128,7 +128,7 @@ void changeEnvironment() {
     ProcessTNG group;
     group.setNewGroup(true);
     if (!start(group, "/bin/sh", {"-c", "sleep 100 & sleep 100"})) {
-        vesk::Time::sleep(50); // Lets the shell start its children.
+        static_cast<void>(vesk::Time::sleep(50)); // Lets the shell start its children.
         failed(group.kill(true), "killing the group");
         ProcessTNG::ExitState const state = waitFor(group);
         failed(!state.killed || state.status != SIGTERM, "the group ended by SIGTERM");
@@ -136,7 +136,7 @@ void changeEnvironment() {
     }
 
     ProcessTNG missing;
-    missing.setExecutable("/usr/bin/no-such-program");
+    static_cast<void>(missing.setExecutable("/usr/bin/no-such-program"));
     // `setExecutable` reports the failure at once. A child that is started all the same ends early.
     std::ErrorStorage::ack();
     missing.setStderrNull(true);
@@ -158,7 +158,7 @@ void measureLoad() {
     }
     vesk::ProcessInfo before(busy.getPid());
     before.init();
-    vesk::Time::sleep(300);
+    static_cast<void>(vesk::Time::sleep(300));
     vesk::ProcessInfo after(busy.getPid());
     after.init();
     vesk::SystemLoad system_end;

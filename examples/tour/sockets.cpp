@@ -251,7 +251,7 @@ void echoOverTcp() {
         failed(client.close(false), "closing a client");
     }
     while (!hasFailed() && server.countEnded() != clients.size()) {
-        vesk::Thread::yield();
+        static_cast<void>(vesk::Thread::yield());
     }
     poller.stop();
     failed(loop.join(), "joining the loop");

@@ -23,7 +23,7 @@ char const* stateOf(vesk::Thread const& thread) {
 /// Waits at most ten seconds until a thread is in a state. Returns true on failure.
 bool waitForState(vesk::Thread const& thread, vesk::Thread::State state) {
     for (int i = 0; i < 10000 && thread.getThreadState() != state; ++i) {
-        vesk::Time::sleep(1);
+        static_cast<void>(vesk::Time::sleep(1));
     }
     return thread.getThreadState() != state;
 }

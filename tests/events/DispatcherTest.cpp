@@ -573,6 +573,18 @@ TEST_F(VanillaQueueTest, withoutMemoryAPushThrowsAndLeavesTheMessageToTheCaller)
     EXPECT_EQ(nullptr, m_queue.pop_nonblock());
 }
 
+TEST_F(VanillaQueueTest, popsABacklogWithoutMemory) {
+    Message messages[3];
+    for (Message& message : messages) {
+        m_queue.push(&message);
+    }
+    NewFault const no_memory(New::SINGLE, 1, NewFault::FOREVER);
+    for (Message& message : messages) {
+        EXPECT_EQ(&message, m_queue.pop_nonblock());
+    }
+    EXPECT_EQ(nullptr, m_queue.pop_nonblock());
+}
+
 TEST(VanillaQueueClass, isASourceAndASinkWithoutMembersAndCanBeDeletedAsBoth) {
     CountingNotifier notifier;
     delete static_cast<Message::Source*>(new VanillaQueue(notifier));

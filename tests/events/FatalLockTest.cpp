@@ -215,6 +215,25 @@ TEST(VanillaNotifierLock, isNotTakenToSignalWhileAWakeUpIsPending) {
     EXPECT_EQ(2, locks.getCalls()) << "of the wait, and of the new wake-up";
 }
 
+TEST(VanillaQueueLock, isTakenOnceToPopABacklogOf65Messages) {
+    IgnoringNotifier notifier;
+    Dispatcher::VanillaQueue queue(notifier);
+    KeptMessage messages[66];
+    auto const countLocks = [&](int pops) {
+        Fault const locks(inject_pthread_mutex_lock, 0);
+        for (int i = 0; i < pops; ++i) {
+            EXPECT_NE(nullptr, queue.pop_nonblock());
+        }
+        return locks.getCalls();
+    };
+    for (KeptMessage& message : messages) {
+        queue.push(&message);
+    }
+    EXPECT_EQ(1, countLocks(65));
+    EXPECT_EQ(1, countLocks(1));
+    EXPECT_EQ(nullptr, queue.pop_nonblock());
+}
+
 TEST(DispatcherLock, isNotTakenToAddASource) {
     Dispatcher::VanillaNotifier notifier;
     Dispatcher dispatcher(notifier);

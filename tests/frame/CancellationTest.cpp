@@ -394,6 +394,17 @@ std::vector<Row> getRows() {
             vesk::SignalQueueBase::Message const signal(1, ignoreSignal, nullptr);
             cancelSelf();
         });
+    add("vesk::detail::MessageBatch::take vesk::detail::MessageBatch::fill ~vesk::detail::MessageBatch", [] {
+        vesk::Dispatcher::VanillaNotifier notifier;
+        vesk::Dispatcher::VanillaQueue queue(notifier);
+        cancelSelf();
+        for (int i = 0; i < 3; ++i) {
+            queue.push(new (std::nothrow) vesk::Message::Callback([](void*) {}, nullptr));
+        }
+        while (vesk::Message* const message = queue.pop_nonblock()) {
+            delete message;
+        }
+    });
     add("~vesk::Dispatcher ~vesk::Dispatcher::Queue ~vesk::Dispatcher::VanillaQueue "
         "~vesk::Dispatcher::VanillaNotifier ~vesk::Dispatcher::Notifier",
         [] {

@@ -358,6 +358,23 @@ TEST_F(LoopTest, restartMovesATimerAlsoAfterItHasExpired) {
     EXPECT_EQ(2, calls);
 }
 
+TEST_F(LoopTest, stoppedTimerIsNotCalledUntilItIsRestarted) {
+    Timer timer;
+    timer = valueOf(loop.every(1ms, [&] {
+        log += "x";
+        timer.stop();
+    }));
+    EXPECT_TRUE(loop.runToEnd());
+    EXPECT_FALSE(timer.isActive());
+    timer.restart(0s);
+    timer.stop();
+    EXPECT_TRUE(loop.runToEnd());
+    timer.restart(0s);
+    EXPECT_TRUE(loop.runToEnd());
+    EXPECT_EQ("xx", log);
+    Timer().stop();
+}
+
 TEST_F(LoopTest, restartOfATimerThatIsDueInThisRoundPutsItOff) {
     Timer second;
     Timer const first = valueOf(loop.after(0s, [&] {

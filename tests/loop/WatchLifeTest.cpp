@@ -1,4 +1,10 @@
 #include "LoopSupport.h"
+#include "support/Descriptors.h"
+#include "support/TempFolder.h"
+
+#include <vesk/loop/Datagram.h>
+#include <vesk/loop/FileWatch.h>
+#include <vesk/loop/Listener.h>
 
 /// Each kind of watch, destroyed at each moment and from each place: its callback neither runs nor will run when the
 /// destructor has returned, and what it holds is destroyed.
@@ -79,6 +85,75 @@ class IdleSubject : public Subject {
     void makeDue() override {}
 };
 
+class ConnectionSubject : public Subject {
+public:
+    ConnectionSubject() { EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends)); }
+    ~ConnectionSubject() override { close(m_ends[1]); }
+
+private:
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        auto connection = valueOf(vesk::loop::Connection::adopt(loop, vesk::loop::Fd(m_ends[0])));
+        EXPECT_TRUE(connection.onData([callback](std::string_view) { callback(); }));
+        return std::move(connection);
+    }
+    void makeDue() override { (void)send(m_ends[1], "x", 1, MSG_NOSIGNAL); }
+    int m_ends[2];
+};
+
+class ListenerSubject : public Subject {
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        auto listener =
+            valueOf(vesk::loop::Listener::open(loop, "127.0.0.1:0", [callback](auto const&) { callback(); }));
+        m_address = listener.address();
+        return std::move(listener);
+    }
+    void makeDue() override {
+        m_client = vesk::loop::Fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        (void)connect(m_client.get(), m_address.get(), m_address.size());
+    }
+    vesk::loop::Address m_address;
+    vesk::loop::Fd m_client;
+};
+
+class DatagramSubject : public Subject {
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        auto datagram = valueOf(vesk::loop::Datagram::open(
+            loop, "127.0.0.1:0", [callback](auto const&, auto const&) { callback(); }));
+        m_address = datagram.address();
+        return std::move(datagram);
+    }
+    void makeDue() override {
+        vesk::loop::Fd const sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(1, sendto(sender.get(), "x", 1, 0, m_address.get(), m_address.size()));
+    }
+    vesk::loop::Address m_address;
+};
+
+class FileSubject : public Subject {
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        auto files = valueOf(vesk::loop::FileWatch::open(loop, [callback](auto const&) { callback(); }));
+        EXPECT_TRUE(files.add(m_folder.getPath()));
+        return std::move(files);
+    }
+    void makeDue() override { EXPECT_EQ(0, mkdir((m_folder / "x").c_str(), 0700)); }
+    TempFolder m_folder;
+};
+
+class LookUpSubject : public Subject {
+public:
+    /// Waits for the thread of a look-up that the loop does not wait for any more.
+    ~LookUpSubject() override {
+        EXPECT_TRUE(eventually([this] { return countDescriptors() == m_descriptors; }));
+    }
+
+private:
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        return valueOf(vesk::loop::lookUp(loop, "127.0.0.1:7", [callback](auto const&) { callback(); }));
+    }
+    void makeDue() override { std::this_thread::sleep_for(2ms); }
+    int const m_descriptors = countDescriptors();
+};
+
 struct Kind {
     char const* name;
     std::unique_ptr<Subject> (*make)();
@@ -88,9 +163,12 @@ std::unique_ptr<Subject> makeSubject() {
     return std::make_unique<S>();
 }
 constexpr Kind KINDS[] = {
-    {"readable", makeSubject<ReadableSubject>}, {"writable", makeSubject<WritableSubject>},
-    {"signal", makeSubject<SignalSubject>},     {"child", makeSubject<ChildSubject>},
-    {"timer", makeSubject<TimerSubject>},       {"idle", makeSubject<IdleSubject>},
+    {"readable", makeSubject<ReadableSubject>},     {"writable", makeSubject<WritableSubject>},
+    {"signal", makeSubject<SignalSubject>},         {"child", makeSubject<ChildSubject>},
+    {"timer", makeSubject<TimerSubject>},           {"idle", makeSubject<IdleSubject>},
+    {"connection", makeSubject<ConnectionSubject>}, {"listener", makeSubject<ListenerSubject>},
+    {"datagram", makeSubject<DatagramSubject>},     {"file", makeSubject<FileSubject>},
+    {"lookUp", makeSubject<LookUpSubject>},
 };
 
 class WatchLife : public testing::TestWithParam<Kind> {

@@ -16,16 +16,21 @@ namespace std {
 /// guards.
 class FakeLock {
 public:
+    /// @{
+    /// Succeeds.
     bool lock() const noexcept { return false; }
     signed char tryLock() const noexcept { return 0; }
     signed char tryLockTimeout(long long const&) const noexcept { return 0; }
     bool unlock() const noexcept { return false; }
+    /// @}
 };
 
 /// A condition that does nothing and always succeeds, for a pool without waiting callers.
 class FakeCondition {
 public:
     template <typename Lock>
+    /// @{
+    /// Succeeds without waiting.
     bool wait(Lock&) const noexcept {
         return false;
     }
@@ -34,6 +39,7 @@ public:
         return 0;
     }
     bool signal() const noexcept { return false; }
+    /// @}
 };
 
 /// The free items of one block, last in first out. It starts full, with the first item of the block at the
@@ -72,10 +78,12 @@ public:
         items[m_left++] = item;
     }
 
+    /// @{
     /// Returns the number of free items, and the number of all items.
     unsigned int getLeft() const noexcept { return m_left; }
     unsigned int getSize() const noexcept { return m_size; }
     bool isFull() const noexcept { return m_left == m_size; }
+    /// @}
 
 private:
     static constexpr char const* SOURCE = "framework/include/common/MemoryPool";
@@ -88,8 +96,10 @@ private:
 /// Depletion policy that returns null when the pool is empty.
 class NullOnDepletion {
 public:
+    /// Ignores the sizes of the pool.
     NullOnDepletion(unsigned int, unsigned int) noexcept {}
 
+    /// Returns null.
     void* getHelp() noexcept { return nullptr; }
 
     /// Trips an assertion unless `ptr` is null: this policy provides no items.
@@ -120,6 +130,7 @@ public:
     /// Guard that holds the pool's lock for the duration of a scope.
     class LockGuard : public ScopeGuard<Lock const, bool (Lock::*)() const, NoopResultConv> {
     public:
+        /// Locks the pool.
         explicit LockGuard(MemoryPool const& pool)
             : ScopeGuard<Lock const, bool (Lock::*)() const, NoopResultConv>(
                   pool.m_lock, &Lock::unlock, !pool.m_lock.lock()) {
@@ -179,12 +190,16 @@ public:
         return !less<void const*>()(item, m_memblock_start) && less<void const*>()(item, m_memblock_end);
     }
 
+    /// Returns the size of an item in bytes.
     unsigned int getItemSize() const noexcept { return m_item_size; }
+    /// Returns the number of items.
     unsigned int getItemCount() const noexcept { return m_item_count; }
 
+    /// @{
     /// Return the two sources of items. The caller must hold a `LockGuard`.
     FreeStack& getFreeStack() noexcept { return m_free_stack; }
     Depletion& getDepletion() noexcept { return m_depletion; }
+    /// @}
 
 private:
     static constexpr char const* SOURCE = "framework/include/common/MemoryPool";
@@ -211,6 +226,7 @@ private:
 /// serves.
 class UsePoolOnDepletion : private tarnbase::NonCopyable {
 public:
+    /// The pool of one block.
     using Pool = MemoryPool<NullOnDepletion, FakeLock, FakeCondition>;
 
     /// @param item_size   item size of the served pool
@@ -274,10 +290,12 @@ public:
         }
     }
 
+    /// @{
     /// Returns half the item count of the next additional pool. Initially that is the item count of the
     /// served pool. Each new pool doubles it, and each destroyed pool halves it.
     unsigned int getNextSize() const noexcept { return m_next_size; }
     unsigned int getItemSize() const noexcept { return m_item_size; }
+    /// @}
 
     /// Returns an estimate of the free items in the additional pools. It decreases with each item that is put
     /// back and with each item that a search finds, and wraps around below 0.

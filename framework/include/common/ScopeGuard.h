@@ -13,6 +13,7 @@ namespace std {
 /// The result conversion of a `ScopeGuard` for functions that return true on failure: returns the result
 /// unchanged.
 struct NoopResultConv {
+    /// Returns whether the guarded operation failed.
     constexpr bool operator()(bool result) const noexcept { return result; }
 };
 
@@ -58,9 +59,12 @@ public:
 
     /// Keeps the guard from calling the function until `arm` is called.
     void disarm() noexcept { m_armed = false; }
+    /// Makes the guard call the function again.
     void arm() noexcept { m_armed = true; }
 
+    /// Returns whether `release` was called.
     bool isReleased() const noexcept { return m_released; }
+    /// Returns whether the destructor calls the function.
     bool isArmed() const noexcept { return m_armed; }
 
 private:

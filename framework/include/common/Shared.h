@@ -32,10 +32,12 @@ protected:
     constexpr SharedBase() noexcept : refcount(0), m_lock(threadsafe::CONSTANT_INIT) {}
     virtual ~SharedBase() {} // NOLINT(modernize-use-equals-default): it must leave the lock alone.
 
+    /// @{
     /// Construct the object, called for the first reference, and destroy it, called for the last. The
     /// holder's lock is held during both.
     virtual void build() = 0;
     virtual void destroy() = 0;
+    /// @}
 
     /// Waits, on behalf of `destroy`, until no thread of the object runs a callback. Releases the lock and
     /// keeps the object meanwhile, so that these callbacks may take references.
@@ -43,6 +45,7 @@ protected:
     template <typename T>
     bool isTakenInCallback(T& object) TARN_REQUIRES(m_lock);
 
+    /// The number of holders.
     std::atomic<unsigned int> refcount;
 
 private:
@@ -73,12 +76,14 @@ bool SharedBase::isTakenInCallback(T& object) TARN_NOT_ANALYZED {
     return false;
 }
 
+/// The part of a reference that does not depend on the type of the object.
 class SharedBase::PtrBase {
 public:
     /// Returns the holder, null for an empty reference.
     SharedBase* getHolder() const noexcept { return m_shared; }
 
 protected:
+    /// Becomes a holder of the object, unless it is null.
     explicit PtrBase(SharedBase* shared) : m_shared(shared) {
         if (shared == nullptr) {
             return;
@@ -94,6 +99,7 @@ protected:
         }
     }
 
+    /// Becomes a further holder of the same object.
     PtrBase(PtrBase const& other) : PtrBase(other.m_shared) {}
     PtrBase& operator=(PtrBase const&) = delete;
 
@@ -112,6 +118,7 @@ protected:
         }
     }
 
+    /// Exchanges the objects of two holders.
     void swapHolders(PtrBase& other) noexcept {
         SharedBase* const shared = m_shared;
         m_shared = other.m_shared;
@@ -154,6 +161,7 @@ public:
     template <typename U>
     explicit Ptr(Shared<U>& holder) : PtrBase(&holder), m_object(holder.getObject()) {}
 
+    /// Becomes a further holder of the same object.
     Ptr(Ptr const& other) = default;
 
     /// Takes the new reference before it releases the old one, so that an object that both share is kept.
@@ -171,9 +179,13 @@ public:
     /// thread disabled.
     ~Ptr() = default;
 
+    /// Returns the object, null for an empty reference.
     T* get() const noexcept { return m_object; }
+    /// Gives access to the object. Must not be used on an empty reference.
     T* operator->() const noexcept { return m_object; }
+    /// Returns the object. Must not be used on an empty reference.
     T& operator*() const noexcept { return *m_object; }
+    /// Returns whether there is an object.
     explicit operator bool() const noexcept { return m_object != nullptr; }
 
 private:
@@ -214,6 +226,7 @@ public:
 protected:
     void build() override { new (m_storage) T(); }
     // Not analyzed: the base class holds its lock.
+    /// Returns the object to its pool.
     void destroy() override TARN_NOT_ANALYZED {
         T& object = *launder(getObject());
         if constexpr (CallsBack<T>::value) {

@@ -45,11 +45,13 @@ public:
     SharedBuf(atomic<int32_t>* count, Owner* owner, void* data, unsigned int size) noexcept
         : m_count(count), m_owner(owner), m_data(data), m_size(size) {}
 
+    /// Shares the data of another object.
     SharedBuf(SharedBuf const& other) noexcept
         : m_count(other.m_count), m_owner(other.m_owner), m_data(other.m_data), m_size(other.m_size) {
         ref();
     }
 
+    /// Releases its own data and shares that of another object.
     SharedBuf& operator=(SharedBuf const& other) { // NOLINT(bugprone-unhandled-self-assignment)
         // The new reference is taken first: both handles may refer to the same memory.
         other.ref();
@@ -84,8 +86,11 @@ public:
         }
     }
 
+    /// Returns the data, null without any.
     void* getData() const noexcept { return m_data; }
+    /// Returns the size of the data in bytes.
     unsigned int getSize() const noexcept { return m_size; }
+    /// Returns the owner of the data, null without one.
     Owner* getOwner() const noexcept { return m_owner; }
 
 private:

@@ -44,14 +44,21 @@ public:
     class OpenFlags {
     public:
         constexpr OpenFlags() noexcept = default;
+        /// Creates a set of one flag.
         constexpr OpenFlags(OpenFlag flags) noexcept : m_word(flags) {}
+        /// Creates a set from the sum of its flags.
         constexpr explicit OpenFlags(uint32_t word) noexcept : m_word(word) {}
 
+        /// Returns the sum of the flags.
         constexpr uint32_t getWord() const noexcept { return m_word; }
+        /// Returns whether a flag is set.
         constexpr bool has(OpenFlag flag) const noexcept { return (m_word & flag) != 0; }
 
+        /// @{
+        /// Compares two sets.
         friend constexpr bool operator==(OpenFlags a, OpenFlags b) noexcept { return a.m_word == b.m_word; }
         friend constexpr bool operator!=(OpenFlags a, OpenFlags b) noexcept { return a.m_word != b.m_word; }
+        /// @}
 
     private:
         uint32_t m_word = 0;
@@ -62,6 +69,7 @@ public:
     class ReadFlags : public OpenFlags {
     public:
         constexpr ReadFlags() noexcept : OpenFlags(READ) {}
+        /// Creates a set as `OpenFlags` does.
         using OpenFlags::OpenFlags;
     };
 
@@ -69,6 +77,7 @@ public:
     class WriteFlags : public OpenFlags {
     public:
         constexpr WriteFlags() noexcept : OpenFlags(WRITE) {}
+        /// Creates a set as `OpenFlags` does.
         using OpenFlags::OpenFlags;
     };
 
@@ -76,6 +85,7 @@ public:
     class ReadWriteFlags : public OpenFlags {
     public:
         constexpr ReadWriteFlags() noexcept : OpenFlags(READ_WRITE) {}
+        /// Creates a set as `OpenFlags` does.
         using OpenFlags::OpenFlags;
     };
 
@@ -92,7 +102,7 @@ public:
     /// @return true on failure. `SysErrorId::SPOILED_INTEGRITY` (the descriptor was not open) and
     ///         `SysErrorId::NO_SUCH_PROCESS` (`ESRCH`) leave the object closed. `SysErrorId::INPUT_OUTPUT`
     ///         and `SysErrorId::UNCLASSIFIED` leave it open
-    virtual bool close();
+    [[nodiscard]] virtual bool close();
 
     /// Closes the file. A failure is only printed to `std::cerr`.
     virtual ~BinFileBase();
@@ -106,12 +116,12 @@ public:
     /// @return true on failure. If the previous file could not be closed, what `close` reported; `isValid`
     ///         then returns whether that file is still open. Otherwise what `handleOpenError` reports: a row
     ///         of `SysError` with a row of `FileAccessError` on top
-    bool open(char const* path, OpenFlags const& flags, FileAccess const& access);
+    [[nodiscard]] bool open(char const* path, OpenFlags const& flags, FileAccess const& access);
 
     /// Takes ownership of one end of a pipe, after closing the file that is open. If the pipe no longer has
     /// that end, the call leaves the object closed and succeeds.
     /// @return true on failure: what `close` reported; the pipe is unchanged
-    bool open(Pipe& pipe, bool write_end);
+    [[nodiscard]] bool open(Pipe& pipe, bool write_end);
 
     /// Takes ownership of a temporary file, after closing the file that is open. The file then stays on the
     /// disk: the new owner must remove it. If `temp` no longer has the file, the call leaves the object
@@ -119,7 +129,7 @@ public:
     /// @param keep_path  whether `getTempPath` returns its path from now on. Throws `std::logic_error` if the
     ///                   locale has changed and cannot express the path; the file then stays with `temp`
     /// @return true on failure: what `close` reported; the temporary file is unchanged
-    bool open(BinTempFileRW& temp, bool keep_path);
+    [[nodiscard]] bool open(BinTempFileRW& temp, bool keep_path);
 
     /// Opens an entry of a directory (`openat`, repeated while a signal interrupts it). It works even if the
     /// directory has been moved since it was opened. Call it on a closed object only: it does not
@@ -131,7 +141,7 @@ public:
     /// @param access  as for `open`
     /// @return true on failure: `CommonErrorId::OPEN_FILE_OPERATION_FAILED` if the name is null, empty or
     ///         contains `'/'`, or if the directory is invalid; otherwise as for `open`
-    bool openAt(
+    [[nodiscard]] bool openAt(
         Directory const& dir, char const* name, bool follow, OpenFlags const& flags,
         FileAccess const& access);
 
@@ -151,7 +161,7 @@ public:
     ///         file is not open for writing, is of a kind without a size, or if the size is refused,
     ///         `SysErrorId::NO_SPACE` if the file becomes too large, `SysErrorId::PERMISSION_DENIED` on a
     ///         read-only file system, otherwise `SysErrorId::UNCLASSIFIED`
-    bool truncateSize(unsigned int size);
+    [[nodiscard]] bool truncateSize(unsigned int size);
 
     /// Returns whether the last `open`, `close`, `seek`, `flush` or transfer failed, including the part that
     /// a buffer did. It is also true after a `close` that a signal interrupted and that then succeeded.
@@ -168,9 +178,12 @@ public:
     std::string const& getTempPath() const noexcept { return m_temp_path; }
 
 protected:
+    /// The descriptor, -1 if the file is closed.
     int m_fd = -1;
     OpenFlags m_flags; ///< Of the last `open`; `READ` or `WRITE` for the end of a pipe.
+    /// The result of `hadError`.
     bool m_had_error = false;
+    /// The path of a temporary file that `close` removes; otherwise empty.
     std::string m_temp_path;
 };
 

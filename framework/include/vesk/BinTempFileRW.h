@@ -47,7 +47,7 @@ public:
 
     /// Returns the descriptor and passes its ownership to the caller, which must close it and remove the
     /// file.
-    int takeDescriptor() noexcept { return std::exchange(m_fd, -1); }
+    [[nodiscard]] int takeDescriptor() noexcept { return std::exchange(m_fd, -1); }
 
     /// Returns the path of the file, also after its ownership was taken. It is valid if the prefix was valid.
     WidePath const& getPath() const noexcept { return m_path; }

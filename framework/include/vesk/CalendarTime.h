@@ -107,7 +107,7 @@ public:
     ///         refuses: `SysErrorId::PERMISSION_DENIED` without the privilege,
     ///         `SysErrorId::INVALID_PARAMETER` for a time that it does not accept,
     ///         `SysErrorId::SPOILED_INTEGRITY` for a bad address, otherwise `ErrorId::SET_DATE_FAILED`.
-    bool changeDate();
+    [[nodiscard]] bool changeDate();
 
     /// Stores all fields except the weekday, which keeps its value.
     /// @param year    full year, such as 2026
@@ -124,6 +124,8 @@ public:
         unsigned short& year, CalendarTime::Month& month, unsigned char& day, unsigned char& hour,
         unsigned char& minute, unsigned char& second) const noexcept;
 
+    /// @{
+    /// Returns one part of the date.
     unsigned short getYear() const noexcept { return m_year; }
     Month getMonth() const noexcept { return m_month; }
     unsigned char getDay() const noexcept { return m_day; }
@@ -131,7 +133,10 @@ public:
     unsigned char getMinute() const noexcept { return m_minute; }
     unsigned char getSecond() const noexcept { return m_second; }
     WeekDay getWeekday() const noexcept { return m_weekday; }
+    /// @}
 
+    /// @{
+    /// Sets one part of the date. Checks nothing, and leaves the other parts unchanged.
     void setYear(unsigned short year) noexcept { m_year = year; }
     void setMonth(Month month) noexcept { m_month = month; }
     void setDay(unsigned char day) noexcept { m_day = day; }
@@ -139,6 +144,7 @@ public:
     void setMinute(unsigned char minute) noexcept { m_minute = minute; }
     void setSecond(unsigned char second) noexcept { m_second = second; }
     void setWeekday(WeekDay weekday) noexcept { m_weekday = weekday; }
+    /// @}
 
 private:
     uint16_t m_year = 1970;

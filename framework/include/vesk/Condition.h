@@ -51,7 +51,7 @@ public:
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`. If `mutex` is not that of the first wait,
     ///         the text is "Using Condition with different Mutexes", and neither the binding nor other
     ///         waiters are affected. Otherwise the argument is the result of the wait.
-    bool wait(Mutex& mutex) TARN_REQUIRES(mutex);
+    [[nodiscard]] bool wait(Mutex& mutex) TARN_REQUIRES(mutex);
 
     /// Waits for a signal until a deadline at most (`pthread_cond_timedwait`).
     /// @param deadline  on the monotonic clock; `tarnbase::TimePoint::MAX` waits without a limit, a deadline
@@ -63,7 +63,7 @@ public:
     /// Does not block. The caller need not hold the mutex.
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` for a broken condition, otherwise
     ///         `SysErrorId::UNCLASSIFIED`, with the result as the argument
-    bool signal();
+    [[nodiscard]] bool signal();
 
 private:
     bool bind(Mutex& mutex, char const* function);

@@ -16,16 +16,20 @@ public:
     /// memory are 0xEB.
     /// @param process_shared  whether other processes that map the memory may use it
     /// @return true on failure, with the reports of `handleInitError`
-    static bool init(pthread_cond_t* condition, bool process_shared);
+    [[nodiscard]] static bool init(pthread_cond_t* condition, bool process_shared);
 
+    /// @{
     /// Each of these classifies the result of a failed call and makes its reports: a row of `SysError` that
     /// opens a chain and, except for destroying, a row of `Condition::Error` on top of it. Those that return
     /// bool always return true.
     static bool handleInitError(int error);
     static bool handleDestroyError(int error);
+    /// @}
+    /// @{
     /// Returns 1 for a timeout (not reported), -1 after the reports.
     static signed char handleWaitError(int error);
     static bool handleSignalError(int error);
+    /// @}
 };
 
 } // namespace vesk

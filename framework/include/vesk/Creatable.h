@@ -29,10 +29,12 @@ public:
         TRUNCATE = 3, ///< Opens and empties it, even if another user created it. For shared memory only.
     };
 
+    /// @{
     /// Selects whether `close` also removes the name from the system. Initially false: names exist for other
     /// processes, and they persist after their creator has ended.
     void setUnlinkOnClose(bool unlink) noexcept { unlink_on_close = unlink; }
     bool isUnlinkOnClose() const noexcept { return unlink_on_close; }
+    /// @}
 
 protected:
     constexpr Creatable() noexcept = default;

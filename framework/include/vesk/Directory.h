@@ -104,7 +104,7 @@ public:
     /// not be opened also gives, for `EOVERFLOW` (a 32-bit program cannot represent the entry) and for
     /// `ENOENT`; `SysErrorId::UNCLASSIFIED` for others.
     /// @return 0 if there is an entry; 1 at the end; -1 on failure. After 1 and -1 `atEnd` is true
-    int next();
+    [[nodiscard]] int next();
 
     /// Returns the attributes of the current entry (`fstatat`).
     ///

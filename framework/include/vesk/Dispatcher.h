@@ -4,6 +4,7 @@
 #include <vesk/Export.h>
 #include <vesk/Message.h>
 #include <vesk/Mutex.h>
+#include <vesk/common/MessageBatch.h>
 
 #include <atomic>
 #include <deque>
@@ -123,8 +124,9 @@ class VESK_API Dispatcher::Queue : public Message::Source, public Message::Sink 
 ///
 /// It owns the messages in it, but only transfers them: those that remain when it is destroyed are neither
 /// invoked nor dismissed nor deleted. All operations may be called from any thread, but not from a signal
-/// handler, since they take a lock for a few instructions. A lock that fails goes to
-/// `std::GlobalErrorHandler::doAbort` with "error locking" or "error unlocking".
+/// handler, since they take a lock for a few instructions. Of a backlog, `pop_nonblock` takes the lock only for
+/// every 65th message. A lock that fails goes to `std::GlobalErrorHandler::doAbort` with "error locking" or
+/// "error unlocking".
 class VESK_API Dispatcher::VanillaQueue : public Dispatcher::Queue {
 public:
     /// @param queue_notifier  the notifier of the dispatcher that has this queue as a source; not owned
@@ -140,9 +142,13 @@ public:
     void push(Message* message) override;
 
 private:
+    TARN_HIDDEN Message* popUnderLock();
+
     Notifier* notifier;
     Mutex mutex;
+    // The messages behind those of the batch.
     std::deque<Message*> messages TARN_GUARDED_BY(mutex);
+    detail::MessageBatch batch;
 };
 
 /// The standard notifier for signals from ordinary threads: an event with two states. Any number of signals
@@ -164,6 +170,11 @@ public:
     void signal() override;
 
 private:
+    friend class VanillaQueue;
+
+    TARN_HIDDEN void signalAfterLock();
+    TARN_HIDDEN void wake();
+
     Mutex mutex;
     Condition condition;
     enum State : unsigned char {

@@ -146,9 +146,9 @@ public:
     template <typename... Fields>
     void push(char const* callback, Fields const&... fields);
 
-    bool wait();
-    bool wait(tarnbase::TimePoint const& deadline);
-    bool get(Result& out);
+    [[nodiscard]] bool wait();
+    [[nodiscard]] bool wait(tarnbase::TimePoint const& deadline);
+    [[nodiscard]] bool get(Result& out);
 
 private:
     threadsafe::MutexImpl m_mutex;
@@ -172,7 +172,9 @@ public:
     /// A change of a single service.
     struct Result {
         std::unicode::String name; ///< The name of the service instance.
+        /// The type of the service.
         std::string type;
+        /// The domain of the service.
         std::string domain;
         bool appeared = false; ///< False: it has disappeared.
     };
@@ -189,17 +191,17 @@ public:
     /// Blocks until there is a result to read, without a time limit. Does not remove it. A cancellation
     /// point.
     /// @return false
-    bool wait();
+    [[nodiscard]] bool wait();
 
     /// Blocks until there is a result to read, or until `deadline`. An existing result is found even if the
     /// deadline has passed. Does not remove it. A cancellation point.
     /// @return true if the time has run out; nothing is reported
-    bool wait(tarnbase::TimePoint const& deadline);
+    [[nodiscard]] bool wait(tarnbase::TimePoint const& deadline);
 
     /// Removes and returns the oldest result. Does not block.
     /// @param out  unchanged if there is no result
     /// @return true if there is no result; nothing is reported
-    bool get(Result& out);
+    [[nodiscard]] bool get(Result& out);
 
     /// Asserts (`std::GlobalErrorHandler::doAssert`): a synchronous client cannot return a failure of its
     /// engine, so a call breaks an invariant.
@@ -207,6 +209,7 @@ public:
 
     void service_appeared(
         std::unicode::String const& name, std::string const& type, std::string const& domain) override;
+    /// Queues a result.
     void service_disappeared(
         std::unicode::String const& name, std::string const& type, std::string const& domain) override;
 
@@ -221,15 +224,19 @@ public:
     /// A resolved service instance, with its own copy of the TXT record.
     struct Result {
         Result() = default;
+        /// Creates a result from its parts.
         Result(
             std::unicode::String const& its_name, std::string const& its_type, std::string const& its_domain,
             std::string const& its_host, unsigned short its_port, DnsSdBase::Txt const& its_txt);
 
         std::unicode::String name; ///< The name of the service instance.
+        /// The type of the service.
         std::string type;
+        /// The domain of the service.
         std::string domain;
         std::string host;        ///< The host that offers the service.
         unsigned short port = 0; ///< In host byte order.
+        /// The additional data of the service.
         DnsSdBase::Txt txt;
     };
 
@@ -238,9 +245,12 @@ public:
     SyncResolver(std::unicode::String const& name, std::string const& type, std::string const& domain);
     ~SyncResolver() override;
 
-    bool wait();
-    bool wait(tarnbase::TimePoint const& deadline);
-    bool get(Result& out);
+    /// @{
+    /// See `SyncBrowser`.
+    [[nodiscard]] bool wait();
+    [[nodiscard]] bool wait(tarnbase::TimePoint const& deadline);
+    [[nodiscard]] bool get(Result& out);
+    /// @}
 
     void error() override;
     void resolved(
@@ -257,6 +267,7 @@ public:
     /// A single address of a host.
     struct Result {
         std::string name; ///< The host that was looked up.
+        /// The address of the host.
         std::string address;
     };
 
@@ -265,9 +276,12 @@ public:
     explicit SyncLookup(std::string const& name);
     ~SyncLookup() override;
 
-    bool wait();
-    bool wait(tarnbase::TimePoint const& deadline);
-    bool get(Result& out);
+    /// @{
+    /// See `SyncBrowser`.
+    [[nodiscard]] bool wait();
+    [[nodiscard]] bool wait(tarnbase::TimePoint const& deadline);
+    [[nodiscard]] bool get(Result& out);
+    /// @}
 
     void error() override;
     void address(std::string const& name, std::string const& address) override;

@@ -35,8 +35,8 @@ public:
     ///   these characters.
     static std::unicode::String sanitize(std::unicode::String const& name);
 
-    /// Extracts a piece of a name in the DNS text form and converts it to plain bytes: `\.` is a dot that
-    /// does not separate labels, `\032` is the byte 32.
+    /// Extracts a piece of a name in the DNS text form and converts it to plain bytes: a dot after a backslash
+    /// does not separate labels, and three digits after one are a byte.
     ///
     ///     char const* cursor = "living\\032room._http._tcp";
     ///     std::string const label = vesk::DnsSdBase::unescape(cursor, ".");
@@ -112,6 +112,7 @@ public:
     /// The engine has failed for this client.
     virtual void error() = 0;
 
+    /// @{
     /// A service was found, or has disappeared.
     /// @param name    of the service instance: "Printer in the hall"
     /// @param type    "_ipp._tcp"
@@ -120,6 +121,7 @@ public:
     service_appeared(std::unicode::String const& name, std::string const& type, std::string const& domain);
     virtual void
     service_disappeared(std::unicode::String const& name, std::string const& type, std::string const& domain);
+    /// @}
 
     /// The engine has reported everything that it knows for now; more may follow.
     virtual void all_for_now();

@@ -31,9 +31,11 @@ public:
     /// Returns a pointer past the last row.
     VESK_API_INLINE char** end() const noexcept { return last; }
 
+    /// @{
     /// Return the same as `begin` and `end`: no conversion is needed on this system.
     VESK_API_INLINE char** begin_ucs() const noexcept { return first; }
     VESK_API_INLINE char** end_ucs() const noexcept { return last; }
+    /// @}
 
     /// Returns the value of a variable (`getenv`). An unset variable and an empty one give the same result.
     /// @param name  not null

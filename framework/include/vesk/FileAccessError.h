@@ -12,6 +12,7 @@ extern VESK_API std::ErrorType const FileAccessError;
 
 /// The reports of `FileAccessError`.
 namespace FileAccessErrorId {
+/// The reports of `FileAccessError`.
 enum Id : int {
     BAD_PATH = 0,        ///< The path does not name what the operation needs.
     NOT_A_DIRECTORY = 1, ///< The path is not a directory.

@@ -62,8 +62,10 @@ protected:
     /// Flushes the sink. Returns 0 on success.
     int actuallyFlush() override;
 
+    /// The input stream of the file, null if there is none.
     std::IBinInputStream* m_in;
     std::IBinOutputStream* m_out = nullptr; ///< Null unless a derived class sets it.
+    /// The file if it has a position, otherwise null.
     StreamBinFileBase* m_seekable;
 };
 

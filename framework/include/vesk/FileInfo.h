@@ -24,6 +24,7 @@ class UnicodeString;
 /// program cannot describe, for example one of 2 GiB or more, fails with `EOVERFLOW` there.
 class VESK_API FileInfo {
 public:
+    /// The kinds of files.
     enum class Type {
         UNKNOWN, ///< None of the types below, or the object is invalid.
         REGULAR,
@@ -41,10 +42,12 @@ public:
     /// Creates a valid object from the result of `fstat` or a related call.
     explicit FileInfo(struct stat const& data) noexcept : m_valid(true), m_stat(data) {}
 
+    /// @{
     /// Reads the attributes of a path; see `init`. The name goes to the system unchanged.
     FileInfo(char const* path, bool follow);
     FileInfo(std::string const& path, bool follow);
     FileInfo(UnicodeString const& path, bool follow);
+    /// @}
 
     /// Reads the attributes of a path (`stat`, `lstat`). Check `isValid` afterwards. Blocks as long as the
     /// file system does.
@@ -74,9 +77,13 @@ public:
     /// Returns the group by id; the name is looked up on its first use.
     VESK_API_INLINE Group getGroup() const { return Group(static_cast<long long>(m_stat.st_gid)); }
 
+    /// Returns the kind of the file.
     Type getType() const noexcept;
+    /// Returns whether it is a regular file.
     bool isRegularFile() const noexcept { return S_ISREG(m_stat.st_mode); }
+    /// Returns whether it is a directory.
     bool isDirectory() const noexcept { return S_ISDIR(m_stat.st_mode); }
+    /// Returns whether it is a symbolic link.
     bool isSymbolicLink() const noexcept { return S_ISLNK(m_stat.st_mode); }
 
     /// Returns the size in bytes of a regular file's content, or of the path in a symbolic link.
@@ -112,6 +119,7 @@ public:
         return m_stat;
     }
 
+    /// @{
     /// Sets the times of last access and last modification to the same value (`utimes`). Symbolic links are
     /// followed.
     ///
@@ -120,9 +128,10 @@ public:
     /// `SysErrorId::UNCLASSIFIED` for others.
     /// @param time  seconds since the epoch; 0 stands for the current time
     /// @return true on failure
-    static bool setModTime(char const* path, long time);
-    static bool setModTime(std::string const& path, long time);
-    static bool setModTime(UnicodeString const& path, long time);
+    [[nodiscard]] static bool setModTime(char const* path, long time);
+    [[nodiscard]] static bool setModTime(std::string const& path, long time);
+    [[nodiscard]] static bool setModTime(UnicodeString const& path, long time);
+    /// @}
 
 private:
     bool m_valid;

@@ -50,7 +50,7 @@ public:
     /// @return true on failure. Besides the reports above: what `handleOpenError` reports of an open that
     ///         fails, and a row of `SysError` with a row of `StreamError` on top for a read or a write that
     ///         fails (for a full file system `SysErrorId::NO_SPACE` and `StreamErrorId::TRANSFER_FAILED`)
-    static bool copy(
+    [[nodiscard]] static bool copy(
         UnicodeString const& source, UnicodeString const& destination, unsigned int buffer_size,
         void* buffer);
 
@@ -68,7 +68,7 @@ public:
     ///                (`lstat`)
     /// @return 0 if it exists, also if it is too large for this system to describe; 1 if it does not exist,
     ///         also if a directory on the way is not a directory; -1 on failure
-    static int exists(char const* path, bool follow);
+    [[nodiscard]] static int exists(char const* path, bool follow);
 
     /// Creates a directory for its owner only: 0700, less the umask (`mkdir`).
     ///
@@ -80,7 +80,7 @@ public:
     /// | too many directories in the directory above (`EMLINK`) | `RESOURCES_EXHAUSTED` | `UNCLASSIFIED` |
     /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @return true on failure
-    static bool createDir(char const* path);
+    [[nodiscard]] static bool createDir(char const* path);
 
     /// Removes one name of a file, or a symbolic link (`unlink`). The file is deleted with its last name.
     ///
@@ -94,14 +94,14 @@ public:
     /// | no memory | `OUT_OF_MEMORY` | none |
     /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @return true on failure
-    static bool removeFile(char const* path);
+    [[nodiscard]] static bool removeFile(char const* path);
 
     /// Removes an empty directory (`rmdir`).
     ///
     /// Reports as `removeFile` does, except for a directory that is not empty:
     /// `SysErrorId::DIRECTORY_NOT_EMPTY` with `FileAccessErrorId::BUSY` on top.
     /// @return true on failure
-    static bool removeDir(char const* path);
+    [[nodiscard]] static bool removeDir(char const* path);
 
     /// Renames a file or directory within its file system (`rename`). An existing file at the destination is
     /// replaced atomically. Between two file systems nothing is copied, and the source stays.
@@ -119,7 +119,7 @@ public:
     /// | too many directories in a directory (`EMLINK`) | `RESOURCES_EXHAUSTED` | `UNCLASSIFIED` |
     /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @return true on failure
-    static bool move(char const* source, char const* destination);
+    [[nodiscard]] static bool move(char const* source, char const* destination);
 
     /// Reads the absolute path of the working directory (`getcwd`).
     ///
@@ -129,7 +129,7 @@ public:
     /// `SysErrorId::UNCLASSIFIED` for others.
     /// @param result  receives the path; unchanged on failure
     /// @return true on failure
-    static bool currentWD(std::string& result);
+    [[nodiscard]] static bool currentWD(std::string& result);
 
     /// Changes the working directory of the process, and so of all its threads (`chdir`).
     ///
@@ -142,7 +142,7 @@ public:
     /// | bad address | `SPOILED_INTEGRITY` | `UNCLASSIFIED` |
     /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @return true on failure
-    static bool changeWD(char const* path);
+    [[nodiscard]] static bool changeWD(char const* path);
 
     /// Returns the roots of the file system, always the single entry "/".
     static std::list<std::string> getEntryPoints();
@@ -162,7 +162,7 @@ public:
     /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @param length  in bytes, without a NUL; 0 on failure
     /// @return true on failure
-    static bool maxComponentLength(char const* path, unsigned int& length);
+    [[nodiscard]] static bool maxComponentLength(char const* path, unsigned int& length);
 
     /// Returns the directory for temporary files: the environment variable "TMPDIR" if it is set and not
     /// empty, otherwise "/tmp". The text is valid until the variable is changed. See
@@ -190,7 +190,7 @@ public:
     /// @param size    in: the bytes of the buffer, at least 2. It must not be 0, which wraps around to the
     ///                largest size. Out: the length of the text without its NUL, 0 on failure
     /// @return true on failure
-    static bool readLink(char const* path, char* buffer, unsigned int& size);
+    [[nodiscard]] static bool readLink(char const* path, char* buffer, unsigned int& size);
 
     /// Creates a symbolic link (`symlink`). The path in the report is always the link.
     ///
@@ -206,7 +206,7 @@ public:
     /// @param target  the content of the link; it need not exist
     /// @param link    the link to create
     /// @return true on failure
-    static bool createLink(char const* target, char const* link);
+    [[nodiscard]] static bool createLink(char const* target, char const* link);
 
     /// Sets the permissions of a file or directory, or of the target of a symbolic link (`chmod`, repeated
     /// while a signal interrupts it).
@@ -221,7 +221,7 @@ public:
     /// | other | `UNCLASSIFIED` | `UNCLASSIFIED` |
     /// @param access  only the bits of `FileAccess::mask` are used
     /// @return true on failure
-    static bool changeAccess(char const* path, FileAccess const& access);
+    [[nodiscard]] static bool changeAccess(char const* path, FileAccess const& access);
 
     /// Sets the owner and the group of a file or directory, or of the target of a symbolic link (`chown`,
     /// repeated while a signal interrupts it). An id that is not known yet is looked up by the name and
@@ -232,7 +232,8 @@ public:
     ///               unchanged
     /// @param group  without an id it leaves the group unchanged
     /// @return true on failure
-    static bool changeOwnerGroup(UnicodeString const& path, User const& user, Group const& group);
+    [[nodiscard]] static bool
+    changeOwnerGroup(UnicodeString const& path, User const& user, Group const& group);
 
     /// Returns the mount points, in the order and the encoding of "/proc/mounts": a blank in a path reads
     /// "\040", and so on.

@@ -62,9 +62,9 @@ public:
     /// Closes the file and discards what is buffered. Nothing can be read afterwards, although the stream
     /// state is good.
     /// @return true on failure, as `File::close`
-    bool close() {
+    [[nodiscard]] bool close() {
         m_buffer.destroyBuffer();
-        m_buffer.createBuffer();
+        static_cast<void>(m_buffer.createBuffer());
         bool const failed = m_file.close();
         this->clear(std::ios_base::goodbit);
         return failed;
@@ -72,7 +72,7 @@ public:
 
 private:
     File* openFile(char const* path, Flags const& flags, FileAccess const& access) {
-        m_file.BinFileBase::open(path, flags, access);
+        static_cast<void>(m_file.BinFileBase::open(path, flags, access));
         return &m_file;
     }
 

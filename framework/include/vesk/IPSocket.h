@@ -22,22 +22,28 @@ namespace vesk {
 /// An open socket must be closed before it is destroyed. See `Socket` for threads.
 class VESK_API IPSocket : public Socket {
 public:
+    /// The versions of the Internet Protocol.
     enum IPProtocolVersion : uint32_t { IPV4 = 0, IPV6 = 1 };
 
+    /// @{
+    /// The texts of the addresses that stand for all interfaces, and for the machine itself.
     VESK_API_INLINE static constexpr char const* ANY_IP = "0.0.0.0";
     VESK_API_INLINE static constexpr char const* ANY_IP6 = "::";
     VESK_API_INLINE static constexpr char const* LOOPBACK_IP = "127.0.0.1";
     VESK_API_INLINE static constexpr char const* LOOPBACK_IP6 = "::1";
+    /// @}
 
     /// An address as text with a port.
     ///
     ///     vesk::IPSocket::IPAddress const server("device.local", 80);
     class VESK_API IPAddress {
     public:
+        /// @{
         /// The any address and port 0. They are constructed when the library is loaded, so initializers of
         /// other global objects must not use them.
         static IPAddress const ANY_ADDRESS;
         static IPAddress const ANY_ADDRESS6;
+        /// @}
 
         /// Creates the any address of either version, with port 0.
         IPAddress() = default;
@@ -47,30 +53,36 @@ public:
         IPAddress(std::string const& host_text, unsigned short port_number)
             : host(host_text), port(port_number) {}
 
+        /// @{
         /// Converts a binary address to its numeric text. The text of an IPv6 address includes its scope, as
         /// in "fe80::1%eth0". The result is empty with port 0 if the address is not of that family, or if its
         /// text with the name of the interface exceeds 45 characters. Reports nothing.
         explicit IPAddress(sockaddr_in const& binary);
         explicit IPAddress(sockaddr_in6 const& binary);
+        /// @}
 
+        /// @{
         /// Returns the binary form. A host that is not empty is resolved, and `host` becomes the first result
         /// in numeric form, even if the conversion fails afterwards. Blocks as long as the resolver does.
         /// Every form that the system accepts as numeric is numeric, for example "127.1".
         /// @return true on failure: the reports of `IPResolver`; `CommonErrorId::INVALID_ARGUMENT` if the
         ///         name has no address of this version; no report if the system cannot read the numeric form
         ///         that it returned
-        bool getBinary(sockaddr_in& out);
-        bool getBinary(sockaddr_in6& out);
+        [[nodiscard]] bool getBinary(sockaddr_in& out);
+        [[nodiscard]] bool getBinary(sockaddr_in6& out);
+        /// @}
 
         /// Returns the binary form of an address and a port in host byte order.
         static sockaddr_in makeHandle(unsigned int ip, unsigned int port_number);
         /// @param scope  the index of the interface of a link-local address, otherwise 0
         static sockaddr_in6 makeHandle(in6_addr const& ip, unsigned int port_number, unsigned int scope);
 
+        /// @{
         /// Returns the parts of a binary address. The port and an IPv4 address are in host byte order.
         static void getBinary(sockaddr_in const& in, unsigned int& ip, unsigned int& port_number);
         static void
         getBinary(sockaddr_in6 const& in, in6_addr& ip, unsigned int& port_number, unsigned int& scope);
+        /// @}
 
         std::string host;        ///< A numeric address or a host name; empty: the any address.
         unsigned short port = 0; ///< In host byte order.
@@ -99,15 +111,15 @@ public:
 
         /// Resolves a name to numeric addresses of one version.
         /// @param name  the name; null has no addresses
-        int resolveName(char const* name, IPProtocolVersion version);
+        [[nodiscard]] int resolveName(char const* name, IPProtocolVersion version);
 
         /// Resolves a numeric address to its names. A text that is not numeric has none.
         /// @param fqdn  whether to return the names with their domains
-        int resolveIP(char const* ip, bool fqdn, IPProtocolVersion version);
+        [[nodiscard]] int resolveIP(char const* ip, bool fqdn, IPProtocolVersion version);
 
         /// Resolves in either direction.
         /// @param reverse  whether to resolve an address to names; `fqdn` has an effect only then
-        int resolveAddr(char const* addr, bool fqdn, bool reverse, IPProtocolVersion version);
+        [[nodiscard]] int resolveAddr(char const* addr, bool fqdn, bool reverse, IPProtocolVersion version);
 
         /// Returns the number of results of the last resolve operation.
         VESK_API_INLINE unsigned int getCount() const noexcept {
@@ -131,7 +143,9 @@ public:
 
     /// The binary form of an address. The version of the socket selects the member.
     union BinaryAddress {
+        /// An IPv6 address, or the memory of either.
         sockaddr_in6 v6; // First, so that an initializer clears the whole union.
+        /// An IPv4 address.
         sockaddr_in v4;
     };
 
@@ -139,10 +153,12 @@ public:
     /// afterwards.
     ~IPSocket() override;
 
+    /// @{
     /// Returns an address as text: the resolved argument of the constructor until it is updated.
     IPAddress const& getLocalAddress() const noexcept { return m_local_address; }
     IPAddress const& getPeerAddress() const noexcept { return m_peer_address; }
     IPProtocolVersion getVersion() const noexcept { return m_version; }
+    /// @}
 
     /// Returns the largest size in bytes that a single send can take.
     virtual unsigned int maxTxSize() const = 0;
@@ -158,18 +174,20 @@ public:
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is already `DEAD`;
     ///         `SysErrorId::SPOILED_INTEGRITY` if the `close` fails; no report for a descriptor that is not
     ///         open, for example in a subclass that never created one
-    bool close(bool do_shutdown);
+    [[nodiscard]] bool close(bool do_shutdown);
 
+    /// @{
     /// Updates the local address (`getsockname`) or the peer's address (`getpeername`) of an open socket. The
     /// address is unchanged, without a report, if the system call fails or if the result has no text.
     void updateLocalAddress();
     void updatePeerAddress();
+    /// @}
 
     /// Returns the name of this machine (`gethostname`). Callable from any thread.
     /// @return true on failure, with an unchanged name: `CommonErrorId::OUT_OF_MEMORY` without memory;
     ///         `SysErrorId::SPOILED_INTEGRITY` for a name of more than 63 bytes; otherwise
     ///         `SysErrorId::UNCLASSIFIED`
-    static bool getHostname(std::string& name);
+    [[nodiscard]] static bool getHostname(std::string& name);
 
 protected:
     /// Resolves both addresses. Does not create a descriptor. After a failure, which stays reported, the
@@ -186,17 +204,25 @@ protected:
     /// @param close_failed  called if closing the descriptor after a failure fails as well
     void createDescriptor(int type, bool blocking, bool reuse, void (*close_failed)());
 
+    /// @{
+    /// Returns the binary form of an address, for system calls.
     sockaddr const* getLocalBinary() const noexcept;
     sockaddr const* getPeerBinary() const noexcept;
+    /// @}
     /// Returns the length of the binary addresses in bytes.
     socklen_t getBinaryLength() const noexcept {
         return m_version == IPV6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
     }
 
+    /// The local address.
     IPAddress m_local_address;
+    /// The address of the peer.
     IPAddress m_peer_address;
+    /// The local address in binary form.
     BinaryAddress m_local_binary{};
+    /// The address of the peer in binary form.
     BinaryAddress m_peer_binary{};
+    /// The version of both addresses.
     IPProtocolVersion m_version;
 };
 

@@ -24,7 +24,7 @@ public:
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` of a mapping, or what `BinFileBase::close`
     ///         reported; of several failures the last one is pending. The object discards its mappings in any
     ///         case
-    bool close() override;
+    [[nodiscard]] bool close() override;
 
     /// Does what `close` does. A failure is only a warning.
     ~MemBinFileBase() override;
@@ -41,9 +41,10 @@ public:
     /// @param mapping  a mapping that `addMapping` of this object returned
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a mapping that the object does not own;
     ///         otherwise what `MemMapping::destroy` reported, and the object has discarded the mapping
-    bool removeMapping(MemMapping const& mapping);
+    [[nodiscard]] bool removeMapping(MemMapping const& mapping);
 
 protected:
+    /// The existing mappings, by their addresses.
     std::map<void const*, MemMapping> m_mappings;
 };
 

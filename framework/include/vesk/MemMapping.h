@@ -43,18 +43,25 @@ public:
     class MemAccessFlags {
     public:
         constexpr MemAccessFlags() noexcept = default;
+        /// Creates a set of one flag.
         constexpr MemAccessFlags(MemAccessFlag flags) noexcept : m_word(flags) {}
+        /// Creates a set from the sum of its flags.
         constexpr explicit MemAccessFlags(uint32_t word) noexcept : m_word(word) {}
 
+        /// Returns the sum of the flags.
         constexpr uint32_t getWord() const noexcept { return m_word; }
+        /// Returns whether a flag is set.
         constexpr bool has(MemAccessFlag flag) const noexcept { return (m_word & flag) != 0; }
 
+        /// @{
+        /// Compares two sets.
         friend constexpr bool operator==(MemAccessFlags a, MemAccessFlags b) noexcept {
             return a.m_word == b.m_word;
         }
         friend constexpr bool operator!=(MemAccessFlags a, MemAccessFlags b) noexcept {
             return a.m_word != b.m_word;
         }
+        /// @}
 
     private:
         uint32_t m_word = 0;
@@ -90,7 +97,7 @@ public:
     /// longer valid. Does nothing, with success, if the mapping could not be made.
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, with the object unchanged. A second call
     ///         fails in this way
-    bool destroy();
+    [[nodiscard]] bool destroy();
 
     /// Blocks until written data has reached the file (`msync`).
     /// @param length  bytes
@@ -113,6 +120,7 @@ public:
     /// Returns the requested size in bytes, doubled for a ring buffer. Returns 0 after `destroy`.
     unsigned int getSize() const noexcept { return size; }
 
+    /// Returns the access that the mapping was created with.
     MemAccessFlags getFlags() const noexcept { return flags; }
 
 private:

@@ -22,6 +22,7 @@ namespace vesk {
 /// attached or closed. The blocking calls hold no lock.
 class VESK_API MsgQueueBase : private tarnbase::NonCopyable {
 public:
+    /// A message of a queue.
     struct Message {
         char* buffer;          ///< The content.
         unsigned int size;     ///< Its size in bytes. Input of a read: the size of `buffer`.
@@ -36,7 +37,7 @@ public:
     /// closed object.
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, on top of pending reports. The object stays
     ///         open, except if the system does not know its descriptor (`EBADF`)
-    virtual bool close();
+    [[nodiscard]] virtual bool close();
 
     /// Returns whether the queue is open.
     bool isValid() const noexcept { return queue != CLOSED; }
@@ -48,14 +49,14 @@ public:
     /// @return true on failure: `SysErrorId::INVALID_PARAMETER` if the buffer is smaller than `maxMsgSize()`,
     ///         whatever the size of the message; else `SysErrorId::SPOILED_INTEGRITY`, also on a closed
     ///         object
-    bool readMsg(Message* message);
+    [[nodiscard]] bool readMsg(Message* message);
 
     /// Adds a message to the queue. Blocks until the queue has space (`mq_send`, repeated while a signal
     /// interrupts it).
     /// @return true on failure: `SysErrorId::INVALID_PARAMETER` if the message is larger than `maxMsgSize()`;
     ///         else `SysErrorId::SPOILED_INTEGRITY`, also for a priority that is too high and on a closed
     ///         object
-    bool writeMsg(Message const* message);
+    [[nodiscard]] bool writeMsg(Message const* message);
 
     /// Does the same as `readMsg`, but blocks for at most `timeout` milliseconds (`mq_timedreceive`). The
     /// deadline is on the wall clock: setting the clock moves it. With a `timeout` of 0 or less it does not
@@ -96,10 +97,12 @@ public:
     static unsigned int systemMaxMsgCount();
 
 protected:
+    /// The descriptor of a closed queue.
     static constexpr mqd_t CLOSED = -1;
 
     MsgQueueBase() noexcept = default;
 
+    /// The descriptor of the queue.
     mqd_t queue = CLOSED;
 };
 

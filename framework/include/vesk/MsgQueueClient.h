@@ -27,7 +27,7 @@ public:
     ///         permission; `SysErrorId::PATH_TOO_LONG` with `FileAccessErrorId::BAD_PATH` if the name is too
     ///         long for the system; `SysErrorId::RESOURCES_EXHAUSTED` without descriptors; else
     ///         `SysErrorId::UNCLASSIFIED`
-    bool attach(char const* name);
+    [[nodiscard]] bool attach(char const* name);
 };
 
 } // namespace vesk

@@ -41,14 +41,14 @@ public:
     ///         system; `SysErrorId::INVALID_PARAMETER` if `msg_size` or `max_msgs` is invalid or too large;
     ///         `SysErrorId::RESOURCES_EXHAUSTED` without descriptors or if the user's limit is reached; else
     ///         `SysErrorId::UNCLASSIFIED`
-    bool create(
+    [[nodiscard]] bool create(
         char const* name, unsigned int msg_size, unsigned int max_msgs,
         Creatable::CreationStrategy const& strategy);
 
     /// Removes the name if `isUnlinkOnClose()`, and closes the queue.
     /// @return true on failure: as for `deleteName`, after which the queue is closed nevertheless, or as for
     ///         `MsgQueueBase::close`
-    bool close() override;
+    [[nodiscard]] bool close() override;
 
     /// Removes the name of this object's queue from the system (`mq_unlink`), also after the queue was
     /// closed. Processes that have the queue open keep it. Succeeds if the name does not exist, and if the
@@ -56,10 +56,10 @@ public:
     /// @return true on failure: `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED` on top;
     ///         without the permission, `SysErrorId::PERMISSION_DENIED` with
     ///         `FileAccessErrorId::ACCESS_DENIED` below these
-    bool deleteName();
+    [[nodiscard]] bool deleteName();
 
     /// Removes any name from the system; see `transformToIPCIdentifier` for the reports about the name.
-    static bool deleteName(char const* name);
+    [[nodiscard]] static bool deleteName(char const* name);
 
 private:
     bool open(int flags, unsigned int msg_size, unsigned int max_msgs, bool replace);

@@ -55,7 +55,7 @@ public:
     /// Releases the lock (`pthread_mutex_unlock`). Does not block.
     /// @return true on failure: `ErrorId::INCONSISTENT` if the caller does not hold the lock, or if it is
     ///         broken; otherwise `ErrorId::UNLOCK_FAILED`
-    VESK_API_INLINE bool unlock() const noexcept TARN_RELEASE() TARN_NOT_ANALYZED {
+    [[nodiscard]] VESK_API_INLINE bool unlock() const noexcept TARN_RELEASE() TARN_NOT_ANALYZED {
         int const result = m_impl.unlock();
         return __builtin_expect(result != 0, 0) && reportUnlock(result);
     }

@@ -22,12 +22,13 @@ public:
     ///         memory, `SysErrorId::NOT_IMPLEMENTED` if the system does not support such a lock,
     ///         `SysErrorId::RESOURCES_EXHAUSTED` without resources, otherwise
     ///         `SysErrorId::SPOILED_INTEGRITY`.
-    static bool init(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared);
+    [[nodiscard]] static bool
+    init(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared);
 
     /// Destroys a lock that no thread holds (`pthread_mutex_destroy`). Does nothing and succeeds if the
     /// creation of the lock failed.
     /// @return true on failure: `SysErrorId::UNCLASSIFIED`
-    static bool destroy(pthread_mutex_t* mutex);
+    [[nodiscard]] static bool destroy(pthread_mutex_t* mutex);
 
     /// Waits for the lock for at most a given time (`pthread_mutex_timedlock`). The timeout uses the wall
     /// clock, so setting the date changes when it expires.

@@ -43,25 +43,31 @@ class VESK_API NetDevice : private tarnbase::NonCopyable {
 public:
     /// The properties of an interface.
     struct InterfaceInfo {
+        /// The kinds of interfaces.
         enum Type : int {
             LOOPBACK = 0,       ///< The machine itself.
             POINT_TO_POINT = 1, ///< A link with a single other end; also if it is a loopback.
             OTHER = 2,
         };
 
+        /// The name, such as "eth0".
         std::string name;
         IPSocket::IPAddress address; ///< The IPv4 address (the first of several), if `has_address`; port 0.
         IPSocket::IPAddress netmask; ///< The netmask of `address`, if `has_netmask`; port 0.
         IPSocket::IPAddress broadcast_address; ///< If `has_broadcast_address`; port 0.
         bool has_broadcast_address = false;    ///< Only for an interface that can broadcast.
+        /// Whether the interface has an address.
         bool has_address = false;
+        /// Whether the interface has a netmask.
         bool has_netmask = false;
         unsigned char hardware_address[6] = {}; ///< The MAC address, if `has_hardware_address`.
         bool has_hardware_address = false;      ///< Only for a device of the Ethernet type.
         bool up = false;                        ///< Switched on administratively.
         bool running = false;                   ///< Ready for traffic, for example with a cable connected.
         bool promiscuous = false;               ///< Also receives packets for other receivers.
+        /// Whether the interface supports multicast.
         bool multicast = false;
+        /// Whether the interface supports broadcast.
         bool broadcast = false;
         int mtu = 0;        ///< The largest packet in bytes.
         int type = OTHER;   ///< One of `Type`.
@@ -87,26 +93,30 @@ public:
     /// @return 0 done; 1 after the last interface, also for further calls; -1 on failure:
     ///         `SysErrorId::UNCLASSIFIED`, for example for an interface that has been removed. The next call
     ///         continues with the interface after it
-    int getNextInfo(InterfaceInfo& info);
+    [[nodiscard]] int getNextInfo(InterfaceInfo& info);
 
+    /// @{
     /// Sets the IPv4 address or the netmask of the interface (`ioctl`). A new address sets the netmask and
     /// the broadcast address of its class, so set the address first.
-    /// @param address  numeric, or a host name, for which the call blocks as long as the resolver does; empty
-    ///                 or null: "0.0.0.0", which removes the address
+    /// The text is numeric, or a host name, for which the call blocks as long as the resolver does. An empty
+    /// text or null is "0.0.0.0", which removes the address.
     /// @return true on failure: the reports of `IPResolver`; `CommonErrorId::INVALID_ARGUMENT` for a text
     ///         without an IPv4 address; `CommonErrorId::CONTRACT_BROKEN` "no current interface" after the
     ///         last one; `SysErrorId::PERMISSION_DENIED` without the permission; otherwise
     ///         `SysErrorId::UNCLASSIFIED`, for example for a netmask without an address
-    bool setAddress(char const* address);
-    bool setNetmask(char const* netmask);
+    [[nodiscard]] bool setAddress(char const* address);
+    [[nodiscard]] bool setNetmask(char const* netmask);
+    /// @}
 
+    /// @{
     /// Switches the interface on or off, or switches the reception of packets for other receivers on or off
     /// (`ioctl`, twice). Changes to the interface's flags that are made between the two calls are lost.
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` "no current interface" after the last
     ///         interface; `SysErrorId::PERMISSION_DENIED` without the permission; otherwise
     ///         `SysErrorId::UNCLASSIFIED`
-    bool setInterfaceStatus(bool up);
-    bool setPromiscuous(bool on);
+    [[nodiscard]] bool setInterfaceStatus(bool up);
+    [[nodiscard]] bool setPromiscuous(bool on);
+    /// @}
 
 private:
     bool open(char const* name);

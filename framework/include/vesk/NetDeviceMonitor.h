@@ -68,8 +68,11 @@ class NetDeviceMonitorImpl;
 class VESK_API NetDeviceMonitor : private tarnbase::NonCopyable {
 public:
     class Listener;
+    /// @{
+    /// A short name.
     using AddrInfo = NetworkInterface::AddrInfo;
     using Info = NetworkInterface::Info;
+    /// @}
 
     /// Reports `std::CommonErrorId::INVALID_ARGUMENT` "Listener must not be null" for a null listener, and
     /// `std::CommonErrorId::CONTRACT_BROKEN` without memory. A monitor without memory cannot watch.
@@ -104,7 +107,7 @@ public:
     /// report. Exceptions of the listener and `std::bad_alloc` pass through; the monitor can be used again
     /// afterwards.
     /// @return true if anything failed, even if the operation continued
-    bool watch();
+    [[nodiscard]] bool watch();
 
     /// Ends `watch` permanently. Does not wait for its end, and reports nothing. If no thread is inside
     /// `watch`, a later `watch` returns soon after its beginning.
@@ -167,8 +170,11 @@ private:
 /// An IPv6 address is usually in `AddrInfo::peer`; see `NetDeviceMonitor`.
 class VESK_API NetDeviceMonitor::Listener {
 public:
+    /// @{
+    /// A short name.
     using AddrInfo = NetworkInterface::AddrInfo;
     using Info = NetworkInterface::Info;
+    /// @}
 
     virtual ~Listener() = default;
 

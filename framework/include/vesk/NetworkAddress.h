@@ -24,11 +24,13 @@ public:
         IPV6 = 3, ///< "fe80::1"; a netmask is not abbreviated: "ffff:ffff:ffff:ffff:0000:0000:0000:0000".
     };
 
+    /// @{
     /// The any addresses "0.0.0.0" and "::". They are constructed when the library is loaded, before the
     /// initializers of anything that is linked to it. The initializers of the library itself must not use
     /// them.
     static NetworkAddressBase const ANY_IPv4;
     static NetworkAddressBase const ANY_IPv6;
+    /// @}
 
     /// Creates an object without an address.
     NetworkAddressBase() = default;
@@ -36,17 +38,21 @@ public:
     /// Stores type and text without a check.
     NetworkAddressBase(Type type, std::string text) : m_type(type), m_text(std::move(text)) {}
 
+    /// Returns the family.
     Type getType() const noexcept { return m_type; }
+    /// Returns the address as text, empty without one.
     std::string const& getText() const noexcept { return m_text; }
 
     /// Sets the netmask of a prefix.
     /// @param type    `IPV4`, or `IPV6`, which has eight groups of four digits each
     /// @param length  the number of leading bits that are set; bits beyond the family's 32 or 128 are ignored
     /// @return true for any other type, with no address left
-    bool set_prefix(Type type, unsigned int length);
+    [[nodiscard]] bool set_prefix(Type type, unsigned int length);
 
 protected:
+    /// The family.
     Type m_type = NONE;
+    /// The address as text.
     std::string m_text;
 };
 
@@ -65,7 +71,7 @@ public:
     ///
     /// @return true on failure: with nothing changed if `data` is null, with no address left for any other
     ///         family
-    bool set(int family, void const* data);
+    [[nodiscard]] bool set(int family, void const* data);
 };
 
 inline bool operator==(NetworkAddressBase const& left, NetworkAddressBase const& right) noexcept {

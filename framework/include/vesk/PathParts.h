@@ -21,6 +21,7 @@ namespace vesk {
 ///
 /// Only the text is examined: nothing is looked up, and `.` and `..` are ordinary names.
 struct VESK_API PathParts {
+    /// Splits a path.
     explicit PathParts(std::string const& path);
 
     std::string directory; ///< Without trailing separators, unless it is the root.

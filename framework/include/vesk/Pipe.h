@@ -34,10 +34,10 @@ public:
     /// Closes the read end (`close`, not repeated); a writer then gets `EPIPE`. The object discards the end
     /// even if the system reports a failure. Without an open end it does nothing and succeeds.
     /// @return true on failure: `SysErrorId::UNCLASSIFIED`
-    bool closeReadEnd();
+    [[nodiscard]] bool closeReadEnd();
 
     /// Closes the write end in the same way; a reader then sees the end of the stream.
-    bool closeWriteEnd();
+    [[nodiscard]] bool closeWriteEnd();
 
     /// Returns the descriptor of the read end, -1 if there is none. The object keeps the ownership.
     int getReadEnd() const noexcept { return read_end; }
@@ -45,9 +45,9 @@ public:
     int getWriteEnd() const noexcept { return write_end; }
 
     /// Returns the descriptor of the read end and passes its ownership to the caller, which must close it.
-    int takeReadEnd() noexcept { return std::exchange(read_end, -1); }
+    [[nodiscard]] int takeReadEnd() noexcept { return std::exchange(read_end, -1); }
     /// Returns the descriptor of the write end and passes its ownership to the caller, which must close it.
-    int takeWriteEnd() noexcept { return std::exchange(write_end, -1); }
+    [[nodiscard]] int takeWriteEnd() noexcept { return std::exchange(write_end, -1); }
 
 private:
     int read_end = -1;

@@ -89,7 +89,7 @@ public:
     /// `SignalsOff`. Exceptions of clients, and `std::bad_alloc`, pass through; `poll` may be called again.
     /// In a steady state it does not use the heap.
     /// @return true if it was stopped, without a call to a client; false after a cycle: call again
-    bool poll();
+    [[nodiscard]] bool poll();
 
 private:
     /// A client and a descriptor about which it is called.

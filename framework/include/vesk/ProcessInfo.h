@@ -56,7 +56,7 @@ public:
     /// @param pids  cleared, then filled with the process ids in no particular order
     /// @return true on failure: `SysErrorId::QUERY_FAILED` on top of the report of `Directory`; `pids` holds
     ///         the ids found before the failure
-    static bool getPIDs(std::vector<int>& pids);
+    [[nodiscard]] static bool getPIDs(std::vector<int>& pids);
 
     /// Returns the process id.
     int getPID() const noexcept { return m_pid; }

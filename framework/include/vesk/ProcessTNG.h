@@ -54,8 +54,8 @@ class ProcessImpl;
 ///
 /// **How children end.** One thread of the library, "vesk::ProcessCollector", waits for the end of children
 /// while any object has a running child, and passes each exit state to its object. It also reaps children
-/// that were started without this class, with a warning; their `waitpid` then finds no child. The collector
-/// requires that the library is started. A process that was forked without executing a new program has no
+/// that were started without this class, with a warning; their `waitpid` then finds no child. It leaves those
+/// of `KeptChildren` alone. The collector requires that the library is started. A process that was forked without executing a new program has no
 /// collector.
 ///
 /// Nothing else may reap these children. The process must not ignore `SIGCHLD` or set `SA_NOCLDWAIT` for it,
@@ -155,7 +155,7 @@ public:
     /// permission to execute the file, only the child fails.
     /// @return true on failure, with the path set and the object invalid: the report of `FileInfo`, or
     ///         `FileAccessErrorId::BAD_PATH` if the owner must not execute the file
-    bool setExecutable(std::string const& path);
+    [[nodiscard]] bool setExecutable(std::string const& path);
 
     /// Sets the arguments from `argv[1]` on. Each text ends at its first null byte.
     void setArguments(std::vector<std::string> const& argument_list);
@@ -204,14 +204,14 @@ public:
     /// @param use_default  true: leaves scheduling unchanged, and clears an earlier priority
     /// @param priority     real-time priority, or nice value under time sharing
     /// @return false
-    bool setPriority(bool use_default, int priority);
+    [[nodiscard]] bool setPriority(bool use_default, int priority);
 
     /// Sets the scheduling policy and parameters of the child. `VESK_SCHED_NOOP` and the classes leave
     /// scheduling unchanged. `VESK_SCHED_POLICY_KEEP` uses the priority of `setPriority`, or the parameters
     /// of `attrs` if none is set. If the system rejects the settings, the child makes a warning and
     /// continues.
     /// @return false
-    bool setSchedAttrs(sched::Attr const& attrs);
+    [[nodiscard]] bool setSchedAttrs(sched::Attr const& attrs);
 
     /// Sets the processors on which the child may run: one entry per processor, indexed by its number. Empty:
     /// those of the process. Entries beyond the machine's processors are ignored. Without a true entry the
@@ -236,7 +236,7 @@ public:
     ///         memory; else `ErrorId::START_FAILED`. Without a collector an assertion fails first, and
     ///         `ErrorId::START_FAILED` is on top of `Vesk::ErrorId::INIT_FAILED`. If the collector's lock
     ///         fails, the object stays locked.
-    int start();
+    [[nodiscard]] int start();
 
     /// Fetches the exit state of the child. Blocks until the child has ended. Each exit state can be fetched
     /// once, at any time until the next start. A cancellation point.
@@ -248,13 +248,13 @@ public:
     ///         state is left, with `state` unchanged; `ErrorId::WAIT_FAILED` on top of the report of the lock
     ///         or the condition if one of them fails; `state` is set if only unlocking failed. A timeout is
     ///         not a failure: check `state.hasExited()`.
-    bool wait(ExitState& state, bool timed, long long timeout);
+    [[nodiscard]] bool wait(ExitState& state, bool timed, long long timeout);
 
     /// Sends a signal to the child, or to its whole process group if it has its own. Does nothing, with
     /// success, if no child is running or the child has just ended. Does not wait for the end.
     /// @param graceful  `SIGTERM`, which a program can handle, instead of `SIGKILL`
     /// @return true on failure, as for `killProcess`; `ErrorId::KILL_FAILED` if the lock fails
-    bool kill(bool graceful);
+    [[nodiscard]] bool kill(bool graceful);
 
     // ---- any process ----
 
@@ -265,7 +265,7 @@ public:
     /// @return true on failure: `ErrorId::NOT_FOUND` if there is no such process; without the permission to
     ///         signal it, `SysErrorId::PERMISSION_DENIED` with `ErrorId::KILL_FAILED` on top; else
     ///         `ErrorId::KILL_FAILED`
-    static bool killProcess(int const& process_id, bool graceful);
+    [[nodiscard]] static bool killProcess(int const& process_id, bool graceful);
 
     /// Returns whether a process exists (`kill` with signal 0). A process that the caller must not signal
     /// exists, and so does one that has ended but was not reaped. For ids of 0 and less see `killProcess`.
@@ -296,7 +296,7 @@ public:
 
     /// Called when the library is started: prepares the state behind this class, and sets it up at once
     /// unless `lazy`. Returns true on failure, with the reports of the setup.
-    static bool init(bool lazy);
+    [[nodiscard]] static bool init(bool lazy);
 
     /// Called by `Vesk::cleanupAll`: blocks until all children have ended, without ending them, and stops the
     /// collector. Does nothing before `init`. No object may be in use during the call. Objects that still

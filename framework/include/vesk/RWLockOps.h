@@ -21,13 +21,13 @@ public:
     ///         without resources, `SysErrorId::OUT_OF_MEMORY` without memory, `SysErrorId::SPOILED_INTEGRITY`
     ///         for a broken invariant (`EBUSY`, `EINVAL`), otherwise `SysErrorId::UNCLASSIFIED`, each with
     ///         the text of error number 0.
-    static bool init(pthread_rwlock_t* lock, bool process_shared);
+    [[nodiscard]] static bool init(pthread_rwlock_t* lock, bool process_shared);
 
     /// Destroys a lock that no thread holds (`pthread_rwlock_destroy`). Does nothing and succeeds if all
     /// bytes of the lock are 0xFF.
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` for a lock that is broken or in use,
     ///         otherwise `SysErrorId::UNCLASSIFIED`
-    static bool destroy(pthread_rwlock_t* lock);
+    [[nodiscard]] static bool destroy(pthread_rwlock_t* lock);
 
     /// Takes the lock, together with other readers or alone for writing.
     /// @param timeout_ms  null: waits without a limit (`pthread_rwlock_rdlock`, `_wrlock`). 0: takes the lock

@@ -40,12 +40,12 @@ public:
     ///         `SysErrorId::PERMISSION_DENIED` without the permission, otherwise `SysErrorId::UNCLASSIFIED`;
     ///         the socket is still `INACTIVE`. Afterwards `SysErrorId::NO_DEVICE` for a device that does not
     ///         exist, otherwise `SysErrorId::UNCLASSIFIED`; the socket is `DEAD`
-    bool open(char const* device);
+    [[nodiscard]] bool open(char const* device);
 
     /// Closes the descriptor (`close`, not repeated). The socket is `DEAD` afterwards, even on failure.
     /// Without a descriptor the state is unchanged and the result false.
     /// @return true on failure: `SysErrorId::UNCLASSIFIED`
-    bool close();
+    [[nodiscard]] bool close();
 };
 
 } // namespace vesk

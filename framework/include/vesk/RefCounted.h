@@ -44,7 +44,9 @@ public:
     virtual ~RefCounted() = default;
 
 protected:
+    /// The pool of the counters.
     using CounterPool = std::MemoryPool<std::UsePoolOnDepletion, Mutex, std::FakeCondition>;
+    /// A counter of references.
     using Counter = std::atomic<int32_t>;
 
     /// Takes a new count, 1. The first handle of the process creates the pool, which may throw

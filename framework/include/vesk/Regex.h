@@ -73,14 +73,14 @@ public:
     /// @return 0 on success; 1 on failure, after which nothing can be matched: `ErrorId::SYNTAX_ERROR`, on
     ///         top of pending reports; `ErrorId::OUT_OF_MEMORY` on top of `CommonErrorId::OUT_OF_MEMORY`;
     ///         `CommonErrorId::CONTRACT_BROKEN` if `pattern` is null
-    int compile(char const* pattern, unsigned int const& flags);
+    [[nodiscard]] int compile(char const* pattern, unsigned int const& flags);
 
     /// Finds the first match of the expression in `subject` (`regexec`). Does not block.
     /// @param subject  null-terminated text
     /// @return 0 if it matches; 1 if it does not, which is not reported; -1 on failure:
     ///         `ErrorId::MATCH_FAILED`; `CommonErrorId::CONTRACT_BROKEN` if no expression is compiled or
     ///         `subject` is null
-    int match(char const* subject) const { return match(subject, nullptr, 0); }
+    [[nodiscard]] int match(char const* subject) const { return match(subject, nullptr, 0); }
 
     /// Does the same, and returns the sub-matches.
     /// @param subject  null-terminated text

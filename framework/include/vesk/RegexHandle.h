@@ -29,7 +29,9 @@ protected:
     /// Frees the expression if there is one (`regfree`).
     void release() noexcept;
 
+    /// The compiled expression.
     regex_t preg{};
+    /// Whether `preg` has an expression.
     bool compiled = false;
     bool sub_matches = false; ///< Whether the last `compile` requested sub-matches.
 };

@@ -29,12 +29,16 @@ public:
     /// @return true on failure, with the bytes read so far in the buffer: the reports of the stream's `read`.
     ///         The end of the data, which is possible only if the device was replaced by a file, is a
     ///         failure: `StreamErrorId::END_OF_STREAM`
-    bool getRandData(unsigned char* buffer, unsigned int size);
+    [[nodiscard]] bool getRandData(unsigned char* buffer, unsigned int size);
 
+    /// @{
     /// Fill a number with random bytes. Return true on failure, as `getRandData` does.
-    VESK_API_INLINE bool getRandByte(unsigned char& value) { return getRandData(&value, sizeof value); }
-    bool getRandUInt32(unsigned int& value);
-    bool getRandUInt64(unsigned long long& value);
+    [[nodiscard]] VESK_API_INLINE bool getRandByte(unsigned char& value) {
+        return getRandData(&value, sizeof value);
+    }
+    [[nodiscard]] bool getRandUInt32(unsigned int& value);
+    [[nodiscard]] bool getRandUInt64(unsigned long long& value);
+    /// @}
 
     /// Returns the quality of the data, which is unknown: always 0.
     VESK_API_INLINE int GetQuality() const noexcept { return 0; }

@@ -29,7 +29,7 @@ public:
     /// Closes the semaphore (`sem_close`). The object is closed even on failure. Does nothing, with success,
     /// on a closed object.
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY`, on top of pending reports
-    virtual bool close();
+    [[nodiscard]] virtual bool close();
 
     /// Returns whether the semaphore is open.
     bool isValid() const noexcept { return getSemaphore() != nullptr; }
@@ -38,7 +38,7 @@ public:
     /// it).
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` on a closed object, else
     ///         `SysErrorId::SPOILED_INTEGRITY`
-    VESK_API_INLINE bool take() const {
+    [[nodiscard]] VESK_API_INLINE bool take() const {
         sem_t* const opened = getSemaphore();
         return (opened == nullptr || sem_wait(opened) != 0) && handleTakeError(opened);
     }
@@ -56,7 +56,7 @@ public:
     /// Increments the value and wakes one waiting thread (`sem_post`). Never blocks.
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` on a closed object,
     ///         `SysErrorId::RESOURCES_EXHAUSTED` at the highest value, else `SysErrorId::SPOILED_INTEGRITY`
-    VESK_API_INLINE bool release() const {
+    [[nodiscard]] VESK_API_INLINE bool release() const {
         sem_t* const opened = getSemaphore();
         return (opened == nullptr || sem_post(opened) != 0) && handleReleaseError(opened);
     }
@@ -64,7 +64,9 @@ public:
 protected:
     SemaphoreBase() noexcept = default;
 
+    /// Returns the semaphore, null if it is closed.
     sem_t* getSemaphore() const noexcept { return semaphore.load(std::memory_order_relaxed); }
+    /// Sets the semaphore.
     void setSemaphore(sem_t* opened) noexcept { semaphore.store(opened, std::memory_order_relaxed); }
 
 private:

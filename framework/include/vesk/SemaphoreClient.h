@@ -27,7 +27,7 @@ public:
     ///         creating a semaphore gives (`EEXIST`, `ENOSPC`); else `SysErrorId::UNCLASSIFIED` with
     ///         `FileAccessErrorId::UNCLASSIFIED`. The reports of `FileAccessError` show `name` as it was
     ///         given
-    bool attach(char const* name);
+    [[nodiscard]] bool attach(char const* name);
 };
 
 } // namespace vesk

@@ -41,12 +41,12 @@ public:
     ///         `SysErrorId::SPOILED_INTEGRITY` with `FileAccessErrorId::UNCLASSIFIED` without space; else
     ///         `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED`. The reports of
     ///         `FileAccessError` show the system's name
-    bool create(char const* name, unsigned int value, Creatable::CreationStrategy strategy);
+    [[nodiscard]] bool create(char const* name, unsigned int value, Creatable::CreationStrategy strategy);
 
     /// Removes the name if `isUnlinkOnClose()`, and closes the semaphore.
     /// @return true on failure: as for `deleteName`, after which the semaphore is closed nevertheless, or as
     ///         for `SemaphoreBase::close`
-    bool close() override;
+    [[nodiscard]] bool close() override;
 
     /// Removes the name of this object's semaphore from the system (`sem_unlink`). Processes that have the
     /// semaphore open keep it. Succeeds if the name does not exist. Does nothing, with success, on a closed
@@ -54,10 +54,10 @@ public:
     /// @return true on failure: `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED` on
     ///         top without the permission, else `SysErrorId::UNCLASSIFIED` with
     ///         `FileAccessErrorId::UNCLASSIFIED`
-    bool deleteName();
+    [[nodiscard]] bool deleteName();
 
     /// Removes any name from the system; see `transformToIPCIdentifier` for the reports about the name.
-    static bool deleteName(char const* name);
+    [[nodiscard]] static bool deleteName(char const* name);
 
 private:
     char name[IPC_NAME_SIZE] = {};

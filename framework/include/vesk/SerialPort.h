@@ -27,6 +27,7 @@ namespace vesk {
 /// An object must be used by one thread at a time.
 class VESK_API SerialPort : public StreamBinFileRW {
 public:
+    /// The kinds of parity bits.
     enum class Parity : uint32_t {
         NONE = 0,
         EVEN = 1,
@@ -81,15 +82,20 @@ public:
     ///   before the close fails as well, as it does on a regular file, its reports are below these two.
     ///
     /// @return true on failure
-    bool open();
+    [[nodiscard]] bool open();
 
+    /// Returns the path of the device.
     std::string const& getDevice() const noexcept { return m_device; }
+    /// @{
+    /// Returns a setting, which `open` applies.
     unsigned int getBaudRate() const noexcept { return m_baud_rate; }
     bool getXon() const noexcept { return m_xon; }
     bool getXoff() const noexcept { return m_xoff; }
     uint8_t getStopBits() const noexcept { return m_stop_bits; }
     Parity getParity() const noexcept { return m_parity; }
+    /// @}
 
+    /// @{
     /// Change what the next `open` applies; see the constructor.
     void setDevice(std::string const& device) { m_device = device; }
     void setBaudRate(unsigned int baud_rate) noexcept { m_baud_rate = baud_rate; }
@@ -97,6 +103,7 @@ public:
     void setXoff(bool xoff) noexcept { m_xoff = xoff; }
     void setStopBits(uint8_t stop_bits) noexcept { m_stop_bits = stop_bits; }
     void setParity(Parity parity) noexcept { m_parity = parity; }
+    /// @}
 
 protected:
     /// Blocks until the output has been transmitted (`tcdrain`, repeated while a signal interrupts it).

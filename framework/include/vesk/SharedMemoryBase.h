@@ -30,7 +30,7 @@ public:
     /// @return true on failure of a mapping or of the object: `SysErrorId::SPOILED_INTEGRITY`. The mappings
     ///         are discarded in any case. If closing the object itself fails, it stays open, except if the
     ///         system does not know its descriptor (`EBADF`)
-    virtual bool close();
+    [[nodiscard]] virtual bool close();
 
     /// Returns whether the object is open.
     bool isValid() const noexcept { return descriptor != -1; }
@@ -56,12 +56,14 @@ public:
     /// @param mapping  a result of `addMapping` of this object
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if the object does not have this mapping;
     ///         else the report of `MemMapping::destroy`, and the object discards the mapping nevertheless
-    bool removeMapping(MemMapping const& mapping);
+    [[nodiscard]] bool removeMapping(MemMapping const& mapping);
 
 protected:
     SharedMemoryBase() = default;
 
+    /// The descriptor, -1 if the object is closed.
     int descriptor = -1;
+    /// The existing mappings, by their addresses.
     std::map<void const*, MemMapping> mappings;
 };
 

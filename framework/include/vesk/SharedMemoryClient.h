@@ -31,7 +31,7 @@ public:
     /// @param flags  with `WRITE` the memory is opened for reading and writing, otherwise for reading only.
     ///               Its mappings cannot have more access than that
     /// @return true on failure
-    bool attach(char const* name, MemMapping::MemAccessFlags const& flags);
+    [[nodiscard]] bool attach(char const* name, MemMapping::MemAccessFlags const& flags);
 };
 
 } // namespace vesk

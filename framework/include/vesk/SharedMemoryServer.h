@@ -29,7 +29,7 @@ public:
     /// the memory.
     /// @return true on failure: as for `deleteName`, after which the memory is closed nevertheless, or as for
     ///         `SharedMemoryBase::close`
-    bool close() override;
+    [[nodiscard]] bool close() override;
 
     /// Creates or opens shared memory for reading and writing (`shm_open`, `ftruncate`, both repeated while a
     /// signal interrupts them). An open object is closed first. The mode is 0600: only processes of the same
@@ -52,7 +52,7 @@ public:
     /// @param strategy  what to do if the name exists. Not checked: an unknown value opens or creates the
     ///                  memory, and sets the size
     /// @return true on failure
-    bool create(char const* name, unsigned int size, CreationStrategy const& strategy);
+    [[nodiscard]] bool create(char const* name, unsigned int size, CreationStrategy const& strategy);
 
     /// Removes the name of this object from the system (`shm_unlink`) and clears it. Processes that have the
     /// memory open keep it. Succeeds if the name does not exist, and if the object has no name.
@@ -60,11 +60,11 @@ public:
     /// Reports `SysErrorId::UNCLASSIFIED` with `FileAccessErrorId::UNCLASSIFIED`; without the permission,
     /// `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED` below these.
     /// @return true on failure, with the name kept
-    bool deleteName();
+    [[nodiscard]] bool deleteName();
 
     /// Removes any name from the system.
     /// @param name  as for `create`
-    static bool deleteName(char const* name);
+    [[nodiscard]] static bool deleteName(char const* name);
 
     /// Returns the system's name of the memory, which begins with "/". It is kept after `close`. It is empty
     /// after the name was removed, and after a `create` that could not open the memory.

@@ -36,14 +36,18 @@ public:
     /// Returns the family of these ids.
     friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
+    /// @{
     /// Prefix and suffix of the file name of a library: "lib" and ".so".
     static char const* const SharedLibraryPrefix;
     static char const* const SharedLibrarySuffix;
+    /// @}
 
+    /// @{
     /// Constructs an object without a shared object.
     SharedObj() = default;
     SharedObj(SharedObj const&) = default;
     SharedObj& operator=(SharedObj const&) = default;
+    /// @}
 
     /// Unloads the shared object if this is the last copy. A failure gives only a warning of
     /// `std::GlobalErrorHandler`.
@@ -59,13 +63,13 @@ public:
     /// @return true on failure: `ErrorId::LOAD_FAILED`; if unloading the previous one fails, which then stays
     ///         loaded, `ErrorId::LOAD_FAILED` on top of the reports of `unload`;
     ///         `CommonErrorId::CONTRACT_BROKEN` if `path` is null
-    bool load(char const* path);
+    [[nodiscard]] bool load(char const* path);
 
     /// Releases the shared object (`dlclose`). It stays in the process while other objects have loaded it.
     /// Not a cancellation point, whatever its finalizers do.
     /// @return true on failure: `ErrorId::UNLOAD_FAILED`, with the shared object still loaded;
     ///         `CommonErrorId::CONTRACT_BROKEN` if nothing is loaded
-    bool unload();
+    [[nodiscard]] bool unload();
 
     /// Finds a function or a variable by its name (`dlsym`), also in the dependencies of the shared object.
     /// @param symbol   the name as the linker sees it: C++ functions need `extern "C"`
@@ -73,7 +77,7 @@ public:
     ///                 failure
     /// @return true on failure: `ErrorId::RESOLVE_FAILED`; `CommonErrorId::CONTRACT_BROKEN` if nothing is
     ///         loaded or `symbol` is null
-    bool resolve(char const* symbol, void*& address) const;
+    [[nodiscard]] bool resolve(char const* symbol, void*& address) const;
 
 protected:
     int destroy() override;

@@ -36,9 +36,11 @@ namespace vesk {
 ///   `ShmMutex` describes.
 class ShmCondition : private tarnbase::NonCopyable {
 public:
+    /// @{
     /// The family of `Condition`.
     static VESK_API std::ErrorType const& Error;
     using ErrorId = Condition::ErrorId;
+    /// @}
 
     /// Creates the condition (see `ConditionOps::handleInitError` for its reports). `isValid` returns whether
     /// it succeeded.
@@ -56,12 +58,13 @@ public:
         }
     }
 
+    /// Returns whether the condition could be created.
     bool isValid() const noexcept { return m_valid; }
 
     /// Waits for a signal (`pthread_cond_wait`). The caller must hold `mutex`. May return without a signal.
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` or `SysErrorId::UNCLASSIFIED`, then
     ///         `ErrorId::WAIT_FAILED`
-    bool wait(ShmMutex& mutex) {
+    [[nodiscard]] bool wait(ShmMutex& mutex) {
         int const error = pthread_cond_wait(&m_condition, &mutex.m_mutex);
         return error != 0 && ConditionOps::handleWaitError(error) != 0;
     }
@@ -78,7 +81,7 @@ public:
     /// Wakes one waiter (`pthread_cond_signal`). Does not block, unless a process has ended during its wait.
     /// Returns true on failure: `SysErrorId::SPOILED_INTEGRITY` or `SysErrorId::UNCLASSIFIED`, then
     /// `ErrorId::SIGNAL_FAILED`.
-    bool signal() {
+    [[nodiscard]] bool signal() {
         int const error = pthread_cond_signal(&m_condition);
         return error != 0 && ConditionOps::handleSignalError(error);
     }

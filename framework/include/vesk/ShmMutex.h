@@ -34,9 +34,11 @@ namespace vesk {
 ///   again.
 class TARN_LOCK ShmMutex : private tarnbase::NonCopyable {
 public:
+    /// @{
     /// The family of `Mutex`.
     static VESK_API std::ErrorType const& Error;
     using ErrorId = Mutex::ErrorId;
+    /// @}
 
     /// Creates the lock (see `MutexOps::init` for its reports). `isValid` returns whether it succeeded.
     explicit ShmMutex(bool recursive = false, bool priority_inherit = false)
@@ -44,8 +46,9 @@ public:
 
     /// Destroys the lock. A failure leaves its report pending. Only one process may destroy it, when no other
     /// uses it.
-    ~ShmMutex() { MutexOps::destroy(&m_mutex); }
+    ~ShmMutex() { static_cast<void>(MutexOps::destroy(&m_mutex)); }
 
+    /// Returns whether the mutex could be created.
     bool isValid() const noexcept { return m_valid; }
 
     /// Waits for the lock (`pthread_mutex_lock`). Returns true on failure: `ErrorId::INCONSISTENT` if the
@@ -69,7 +72,7 @@ public:
 
     /// Releases the lock (`pthread_mutex_unlock`). Returns true on failure: `ErrorId::INCONSISTENT` if the
     /// lock is broken or its state does not allow the call, otherwise `ErrorId::UNLOCK_FAILED`.
-    bool unlock() const TARN_RELEASE() TARN_NOT_ANALYZED {
+    [[nodiscard]] bool unlock() const TARN_RELEASE() TARN_NOT_ANALYZED {
         int const error = pthread_mutex_unlock(&m_mutex);
         return __builtin_expect(error != 0, 0) && MutexOps::handleUnlockError(error);
     }

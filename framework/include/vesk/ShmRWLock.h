@@ -20,9 +20,11 @@ namespace vesk {
 /// end while it holds the lock or waits for it.
 class ShmRWLock : public RWLockBase {
 public:
+    /// @{
     /// The family of `RWLock`.
     static VESK_API std::ErrorType const& Error;
     using ErrorId = RWLock::ErrorId;
+    /// @}
 
     /// Creates the lock (see `RWLockOps::init` for its reports). `isValid` returns whether it succeeded. Only
     /// one process may destroy it, when no other uses it.

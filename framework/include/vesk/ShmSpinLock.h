@@ -21,9 +21,11 @@ namespace vesk {
 /// not end while it holds the lock.
 class ShmSpinLock : public SpinLockBase {
 public:
+    /// @{
     /// The family of `SpinLock`.
     static VESK_API std::ErrorType const& Error;
     using ErrorId = SpinLock::ErrorId;
+    /// @}
 
     /// Creates the lock (`pthread_spin_init`). `isValid` returns whether it succeeded. On failure
     /// `ErrorId::CREATE_FAILED` is pending. Only one process may destroy it, when no other uses it.

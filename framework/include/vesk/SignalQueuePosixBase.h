@@ -32,7 +32,7 @@ public:
     /// @param number    the signal, 0 to 64
     /// @param function  called with the signal and `argument` for each occurrence; not null
     /// @return true if a precondition was broken and the assertion returned
-    bool sign_on(int number, void (*function)(int, void*), void* argument);
+    [[nodiscard]] bool sign_on(int number, void (*function)(int, void*), void* argument);
 
     /// Disables callbacks for the occurrences of a signal from now on, and discards those that are pending. A
     /// message that was popped before still makes its call.

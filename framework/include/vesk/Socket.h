@@ -60,8 +60,10 @@ public:
     /// Returns the family of these ids.
     friend constexpr std::ErrorType const& familyOf(ErrorId /*unused*/) noexcept { return Error; }
 
+    /// The descriptor of a socket without one.
     static constexpr int INVALID_SOCKET_FD = -1;
 
+    /// The states of a socket; see the table of the class.
     enum State : uint32_t {
         INACTIVE = 0, ///< Neither bound nor connected; there may be a descriptor.
         OPEN = 1,     ///< Ready for traffic, or listening.
@@ -82,6 +84,7 @@ public:
     /// express it. Operations that report through it clear it when they begin.
     bool hadError() const noexcept { return m_had_error; }
 
+    /// Returns the state.
     State getState() const noexcept { return m_socket_state; }
 
     /// Returns the descriptor, for `Poller` and for system calls that this library does not wrap; -1 if there
@@ -90,8 +93,9 @@ public:
 
     /// Returns true if there is no descriptor, after it has set `hadError` and reported
     /// `ErrorId::INVALID_SOCKET` with the text of the current `errno`. Works in every state.
-    bool checkValidSocket() const;
+    [[nodiscard]] bool checkValidSocket() const;
 
+    /// @{
     /// Sets the size of the system's send or receive buffer (`setsockopt`, `SO_SNDBUF` and `SO_RCVBUF`). The
     /// system raises small sizes to its minimum and limits large ones to its maximum.
     /// @param bytes  the size
@@ -99,9 +103,11 @@ public:
     ///         socket; `SysErrorId::INVALID_PATH` for a value that the system rejects;
     ///         `ErrorId::UNKNOWN_OPTION` for an option that it does not know; otherwise
     ///         `SysErrorId::UNCLASSIFIED`
-    bool setSendBuffer(unsigned int bytes);
-    bool setRecvBuffer(unsigned int bytes);
+    [[nodiscard]] bool setSendBuffer(unsigned int bytes);
+    [[nodiscard]] bool setRecvBuffer(unsigned int bytes);
+    /// @}
 
+    /// @{
     /// Returns the granted size of the system's send or receive buffer in bytes (`getsockopt`). The system
     /// reports twice that size, which includes its bookkeeping; this is half of it.
     /// @return 0 on failure, with `hadError` set: `ErrorId::INVALID_SOCKET` without a descriptor or for one
@@ -110,6 +116,7 @@ public:
     ///         otherwise `SysErrorId::UNCLASSIFIED`
     unsigned int getSendBuffer() const;
     unsigned int getRecvBuffer() const;
+    /// @}
 
     /// Blocks until at least one of the sockets is ready, and removes all others from the sets (`select`,
     /// repeated with the remaining time while a signal interrupts it).
@@ -128,7 +135,7 @@ public:
     ///         and for a socket without a descriptor, with unchanged sets; with empty sets
     ///         `SysErrorId::OUT_OF_MEMORY` without memory, `SysErrorId::SPOILED_INTEGRITY` for a descriptor
     ///         that was closed without the socket, otherwise `SysErrorId::UNCLASSIFIED`
-    static int selectSockets(
+    [[nodiscard]] static int selectSockets(
         std::set<Socket const*>& read, std::set<Socket const*>& write, std::set<Socket const*>& except,
         unsigned int timeout_ms, bool use_timeout);
 
@@ -203,11 +210,14 @@ protected:
         return true;
     }
 
+    /// The result of `hadError`.
     mutable RelaxedFlag m_had_error;
+    /// The descriptor.
     struct {
-        int socket_fd = INVALID_SOCKET_FD;
+        int socket_fd = INVALID_SOCKET_FD; ///< -1 if there is none.
     } m_socket_handle;
     bool m_object_valid = false; ///< The buffers are allocated, and no constructor has failed.
+    /// The state.
     State m_socket_state = INACTIVE;
 
 private:

@@ -20,7 +20,7 @@ public:
 
     /// Closes the file. A standard channel is only released, not closed. The object is invalid afterwards.
     /// @return true if a file could not be closed, after the reports of `StreamBinFileW`
-    bool close() override;
+    [[nodiscard]] bool close() override;
 };
 
 } // namespace vesk

@@ -58,15 +58,21 @@ public:
     bool hasFailed() const noexcept { return m_failed; }
 
 protected:
+    /// Creates a stop watch on a clock of the system.
     explicit StopWatchBase(clockid_t clock) noexcept : m_clock(clock) {}
     ~StopWatchBase() = default;
+    /// @{
+    /// Copies clock, start and sum.
     StopWatchBase(StopWatchBase const&) noexcept = default;
     StopWatchBase& operator=(StopWatchBase const&) noexcept = default;
+    /// @}
 
+    /// @{
     /// Marks the stopwatch as having no clock, for a constructor that does not find its clock: it is stopped,
     /// `hasFailed` returns true, and every `start` fails.
     void setNoClock() noexcept;
     void setClock(clockid_t clock) noexcept { m_clock = clock; }
+    /// @}
 
 private:
     /// A length of time, in 32 bits in every build.

@@ -27,7 +27,7 @@ public:
     ///         `SysErrorId::SPOILED_INTEGRITY` for a descriptor that is not open or has no position (a pipe)
     ///         and for a position beyond 2,147,483,647; `SysErrorId::INVALID_PARAMETER` for a position before
     ///         the beginning; otherwise `SysErrorId::UNCLASSIFIED`
-    virtual bool seek(int offset, SeekDirection direction, unsigned int& position);
+    [[nodiscard]] virtual bool seek(int offset, SeekDirection direction, unsigned int& position);
 
 protected:
     StreamBinFileBase() = default;

@@ -41,25 +41,27 @@ public:
     /// Data that was read ahead before is discarded.
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if the requested buffer was not allocated,
     ///         otherwise as the base class
-    bool open(Pipe& pipe);
+    [[nodiscard]] bool open(Pipe& pipe);
 
     /// Opens a file; see `BinFileBase::open`. Data that was read ahead before is discarded.
     /// @param flags   with `NON_BLOCK`, a read that finds no data yet succeeds with a count of 0
     /// @param access  permissions of a created file
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if the requested buffer was not allocated,
     ///         otherwise as the base class
-    bool open(char const* path, ReadFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
+    [[nodiscard]] bool
+    open(char const* path, ReadFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
     /// Opens a file by a path in the encoding of the locale; otherwise as above.
-    bool open(UnicodeString const& path, ReadFlags flags, FileAccess const& access = DEFAULT_ACCESS);
+    [[nodiscard]] bool
+    open(UnicodeString const& path, ReadFlags flags, FileAccess const& access = DEFAULT_ACCESS);
 
     /// Opens an entry of a directory; see `BinFileBase::openAt`. Call it on a closed object only.
-    bool openAt(
+    [[nodiscard]] bool openAt(
         Directory const& dir, char const* name, bool follow, ReadFlags const& flags,
         FileAccess const& access = DEFAULT_ACCESS);
 
     /// Moves the position, counted as the reader sees it: data that was read ahead and not consumed does not
     /// count. That data is discarded whether the seek succeeds or not.
-    bool seek(int offset, SeekDirection direction, unsigned int& position) override;
+    [[nodiscard]] bool seek(int offset, SeekDirection direction, unsigned int& position) override;
 
 protected:
     /// Called before a read. Clears the error state of the previous operation.

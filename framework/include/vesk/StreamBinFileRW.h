@@ -44,26 +44,27 @@ public:
     /// @param access  permissions of a created file
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if a requested buffer was not allocated,
     ///         otherwise what `close` reported, or as the base class
-    bool open(char const* path, ReadWriteFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
+    [[nodiscard]] bool
+    open(char const* path, ReadWriteFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
     /// Opens a file by a path in the encoding of the locale; otherwise as above.
-    bool
+    [[nodiscard]] bool
     open(UnicodeString const& path, ReadWriteFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
 
     /// Takes ownership of a temporary file and uses it in blocking mode; see `BinFileBase::open`. The
     /// previous file and the reports are handled as for `open`.
-    bool open(BinTempFileRW& temp, bool keep_path);
+    [[nodiscard]] bool open(BinTempFileRW& temp, bool keep_path);
 
     /// Opens an entry of a directory; see `BinFileBase::openAt`. Call it on a closed object only.
-    bool openAt(
+    [[nodiscard]] bool openAt(
         Directory const& dir, char const* name, bool follow, ReadWriteFlags const& flags,
         FileAccess const& access = DEFAULT_ACCESS);
 
     /// Moves the position of both directions: after a read as `StreamBinFileR` does, after a write as
     /// `StreamBinFileW` does.
-    bool seek(int offset, SeekDirection direction, unsigned int& position) override;
+    [[nodiscard]] bool seek(int offset, SeekDirection direction, unsigned int& position) override;
 
     /// Closes the file as `StreamBinFileW::close` does.
-    bool close() override;
+    [[nodiscard]] bool close() override;
 
 protected:
     /// Called before a read. Flushes the data that was written.
@@ -79,6 +80,7 @@ protected:
         WRITING = 1,
     };
 
+    /// The direction of the last transfer.
     LastOperation m_last_op = READING;
 
 private:

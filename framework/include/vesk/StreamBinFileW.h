@@ -39,30 +39,32 @@ public:
     /// The previous file is flushed and closed.
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if the requested buffer was not allocated,
     ///         otherwise what `close` reported, or as the base class
-    bool open(Pipe& pipe);
+    [[nodiscard]] bool open(Pipe& pipe);
 
     /// Opens a file; see `BinFileBase::open`. The previous file is flushed and closed.
     /// @param flags   with `NON_BLOCK`, a write that would block is short
     /// @param access  permissions of a created file
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` if the requested buffer was not allocated,
     ///         otherwise what `close` reported, or as the base class
-    bool open(char const* path, WriteFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
+    [[nodiscard]] bool
+    open(char const* path, WriteFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
     /// Opens a file by a path in the encoding of the locale; otherwise as above.
-    bool open(UnicodeString const& path, WriteFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
+    [[nodiscard]] bool
+    open(UnicodeString const& path, WriteFlags const& flags, FileAccess const& access = DEFAULT_ACCESS);
 
     /// Opens an entry of a directory; see `BinFileBase::openAt`. Call it on a closed object only.
-    bool openAt(
+    [[nodiscard]] bool openAt(
         Directory const& dir, char const* name, bool follow, WriteFlags const& flags,
         FileAccess const& access = DEFAULT_ACCESS);
 
     /// Flushes the buffer and closes the file, even if the flush fails. Of two failures the second is
     /// pending. Once the file is closed, data that it did not take is discarded. On an object that is not
     /// valid, does nothing and succeeds.
-    bool close() override;
+    [[nodiscard]] bool close() override;
 
     /// Flushes the buffer and then moves the position. The position does not move while data remains in the
     /// buffer.
-    bool seek(int offset, SeekDirection direction, unsigned int& position) override;
+    [[nodiscard]] bool seek(int offset, SeekDirection direction, unsigned int& position) override;
 
 protected:
     /// Called before a write. Clears the error state of the previous operation.

@@ -14,6 +14,7 @@ extern VESK_API std::ErrorType const SysError;
 
 /// The reports of `SysError`.
 namespace SysErrorId {
+/// The reports of `SysError`.
 enum Id : int {
     RESOURCES_EXHAUSTED = 0,  ///< The system has no descriptor, process, or other resource left.
     OUT_OF_MEMORY = 1,        ///< The system has no memory left.

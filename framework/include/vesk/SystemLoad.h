@@ -19,7 +19,7 @@ public:
     /// Takes the snapshot (`fopen`, `fscanf` of "/proc/uptime"). Does not block. Works in every locale.
     /// @return true on failure, with `valid` set to false: `SysErrorId::QUERY_FAILED`, on top of the report
     ///         of `Time::getTimestamp` if the clock cannot be read
-    bool sample();
+    [[nodiscard]] bool sample();
 
     /// Returns the load of the system between two snapshots, as a percentage of the capacity of all
     /// processors. The timestamps are read from the wall clock: setting the clock between the snapshots

@@ -51,6 +51,7 @@ public:
         /// Creates an empty description.
         Description() noexcept = default;
 
+        /// Takes the connection of another description.
         Description(Description&& other) noexcept;
         /// Closes the descriptor that this object owned before.
         Description& operator=(Description&& other) noexcept;
@@ -62,6 +63,7 @@ public:
         /// an interruption by a signal is a warning.
         ~Description();
 
+        /// Exchanges two descriptions.
         void swap(Description& other) noexcept;
 
         /// Whether this object owns `socket_fd`. The socket that adopts it clears it.
@@ -133,16 +135,16 @@ public:
     /// `SysErrorId::PERMISSION_DENIED` without the permission; `SysErrorId::RESOURCES_EXHAUSTED` without a
     /// free port or buffers; `SysErrorId::SPOILED_INTEGRITY` for a time-out and for an unusable socket or
     /// address; otherwise `SysErrorId::UNCLASSIFIED`.
-    bool connect();
+    [[nodiscard]] bool connect();
 
     /// Selects whether small pieces of data are sent immediately, instead of being collected until the peer
     /// has acknowledged earlier data (`setsockopt`, `TCP_NODELAY`). Fails as `setSendBuffer` does.
-    bool setTCPNoDelay(bool on);
+    [[nodiscard]] bool setTCPNoDelay(bool on);
 
     /// Selects whether and how the system probes an idle connection (`setsockopt`, `SO_KEEPALIVE`,
     /// `TCP_KEEPIDLE`, `TCP_KEEPCNT`, `TCP_KEEPINTVL`). Stops at the first option that fails. Fails as
     /// `setSendBuffer` does.
-    bool setKeepalive(KeepaliveSettings const& settings);
+    [[nodiscard]] bool setKeepalive(KeepaliveSettings const& settings);
 
     /// Returns the size of the send buffer in bytes, at most `MAX_SEGMENT_SIZE`. Returns 0 on failure, after
     /// a warning, with `hadError` set and no report pending.

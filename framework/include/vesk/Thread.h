@@ -100,18 +100,24 @@ public:
         /// An id with all bits set, which no thread has.
         static ThreadId const INVALID_THREAD_ID;
 
+        /// @{
         /// Creates the invalid id.
         constexpr ThreadId() noexcept = default;
         constexpr explicit ThreadId(pthread_t value) noexcept : m_value(value) {}
+        /// @}
 
+        /// Returns the system's id.
         constexpr pthread_t getValue() const noexcept { return m_value; }
 
+        /// @{
+        /// Compares two ids.
         friend constexpr bool operator==(ThreadId const& a, ThreadId const& b) noexcept {
             return a.m_value == b.m_value;
         }
         friend constexpr bool operator!=(ThreadId const& a, ThreadId const& b) noexcept {
             return a.m_value != b.m_value;
         }
+        /// @}
         /// Defines an arbitrary order, for sorted containers.
         friend constexpr bool operator<(ThreadId const& a, ThreadId const& b) noexcept {
             return a.m_value < b.m_value;
@@ -182,13 +188,13 @@ public:
     /// @return true on failure, with the state unchanged unless unlocking fails:
     ///         `std::CommonErrorId::CONTRACT_BROKEN` in any other state than `CREATED`; the report of the
     ///         lock or of the condition, then `ErrorId::START_FAILED`, if one of them fails
-    bool start();
+    [[nodiscard]] bool start();
 
     /// Blocks until the thread has ended (`pthread_join`). A cancellation point.
     /// @return true on failure: `std::CommonErrorId::CONTRACT_BROKEN` if the thread is detached, is not
     ///         started, was joined or terminated before, or is the calling thread; otherwise
     ///         `ErrorId::JOIN_FAILED`
-    bool join();
+    [[nodiscard]] bool join();
 
     /// Blocks until the thread has ended or the time has expired (`pthread_timedjoin_np`). The time is
     /// measured on the wall clock, so setting the date changes when it expires. A cancellation point.
@@ -209,13 +215,13 @@ public:
     /// @return true on failure: `std::CommonErrorId::CONTRACT_BROKEN` in another thread, and in a detached
     ///         thread with a destroyed object; the report of the lock or of the condition, then
     ///         `ErrorId::SUSPEND_FAILED`, if one of them fails
-    bool suspend(long long ms);
+    [[nodiscard]] bool suspend(long long ms);
 
     /// Ends a `suspend` of the thread. In any other state than `SUSPENDED` it does nothing, with success.
     /// Does not block.
     /// @return true on failure, with the state unchanged unless unlocking fails: `ErrorId::WAKEUP_FAILED`
     ///         alone
-    bool wakeup();
+    [[nodiscard]] bool wakeup();
 
     /// Cancels the thread (`pthread_cancel`), and calls its exit handlers in the calling thread. The thread
     /// ends at its next cancellation point, with the destructors of the objects on its stack; a body that has
@@ -231,14 +237,14 @@ public:
     ///         if the body has returned; `ErrorId::TERMINATE_FAILED` if the lock or the system call fails. A
     ///         thread that the system refuses to cancel is detached by then, and continues: it can be
     ///         terminated again, but not joined.
-    bool terminate();
+    [[nodiscard]] bool terminate();
 
     /// Registers a handler for the end of the calling thread. Handlers cannot be removed. Handlers of the
     /// main thread, which is the thread that created the `Vesk`, are stored but never called. Handlers of a
     /// detached thread are called by `terminate` only.
     /// @return true on failure: `std::CommonErrorId::CONTRACT_BROKEN` if the calling thread is not a
     ///         `Thread`, `SysErrorId::RESOURCES_EXHAUSTED` if it has four handlers
-    static bool registerExitHandler(ExitHandler handler);
+    [[nodiscard]] static bool registerExitHandler(ExitHandler handler);
 
     /// Calls the exit handlers that the thread has registered, in the order of registration.
     void callExitHandlers(ThreadId const& id, ExitReason reason);
@@ -255,7 +261,7 @@ public:
 
     /// Yields the processor to other threads (`sched_yield`). Returns true on failure:
     /// `ErrorId::YIELD_FAILED`.
-    static bool yield();
+    [[nodiscard]] static bool yield();
 
     /// Returns the state, read under its lock. A lock that fails goes to `std::GlobalErrorHandler::doAssert`.
     State getThreadState() const {
@@ -282,7 +288,7 @@ public:
     /// @return true on failure: `SysErrorId::PERMISSION_DENIED`, then `ErrorId::SCHEDULING_FAILED`, for
     ///         `EPERM`; otherwise `ErrorId::SCHEDULING_FAILED`, also for the `EACCES` with which the kernel
     ///         refuses a lower nice value
-    bool setPriority(int priority);
+    [[nodiscard]] bool setPriority(int priority);
 
     /// Returns the real-time priority, or the nice value of a time-sharing thread. Returns -2,147,483,648 on
     /// failure, reported as by `getSchedAttrs`.
@@ -293,7 +299,7 @@ public:
     /// and keeps the thread's policy.
     /// @return true on failure: `ErrorId::SCHEDULING_FAILED` for a class; `SysErrorId::UNCLASSIFIED`, then
     ///         `ErrorId::SCHEDULING_FAILED`, if the system refuses
-    bool setSchedAttrs(sched::Attr const& attributes);
+    [[nodiscard]] bool setSchedAttrs(sched::Attr const& attributes);
 
     /// Reads how the thread is scheduled. Results and failures are those of `getCallerSchedAttrs`.
     bool getSchedAttrs(sched::Attr& attributes) const;
@@ -308,27 +314,29 @@ public:
     /// @return true on failure: `SysErrorId::UNCLASSIFIED` if the system refuses;
     ///         `ErrorId::SCHEDULING_FAILED` with "read unexpected policy from thread" if the library does not
     ///         know the policy, such as `SCHED_BATCH`
-    static bool getCallerSchedAttrs(sched::Attr& attributes);
+    [[nodiscard]] static bool getCallerSchedAttrs(sched::Attr& attributes);
 
     /// Returns how the main thread was scheduled when it created the `Vesk`; all zero before.
     static sched::Attr getMainSchedAttrs();
 
+    /// @{
     /// Returns the lowest or the highest priority of the calling thread's policy (`sched_get_priority_min`
     /// and `_max`). Returns -2,147,483,648 on failure, with `ErrorId::SCHEDULING_FAILED`.
-    static int getMinPriority();
-    static int getMaxPriority();
+    [[nodiscard]] static int getMinPriority();
+    [[nodiscard]] static int getMaxPriority();
+    /// @}
 
     /// Sets the processors on which the thread may run (`pthread_setaffinity_np`).
     /// @param processors  one entry per processor, by its number; entries from 1,024 on are ignored. Empty
     ///                    means all. Without a true entry nothing changes, with success.
     /// @return true on failure, for example if the machine has none of them: `SysErrorId::UNCLASSIFIED`
-    bool setCPUAffinity(std::vector<bool> const& processors);
+    [[nodiscard]] bool setCPUAffinity(std::vector<bool> const& processors);
 
     /// Reads the processors on which the thread may run (`pthread_getaffinity_np`).
     /// @param processors  resized to the number of processors that were online when the library was loaded
     /// @return true on failure: `SysErrorId::UNCLASSIFIED`; `std::CommonErrorId::UNSUPPORTED_VALUE` if that
     ///         number is not known
-    bool getCPUAffinity(std::vector<bool>& processors);
+    [[nodiscard]] bool getCPUAffinity(std::vector<bool>& processors);
 
     // Read-only for callers.
     static ThreadId s_main_thread_id;  ///< The thread that created the `Vesk`; invalid before.

@@ -39,7 +39,7 @@ public:
 
     /// Makes the present moment the origin of `getUptime`. Called by the start-up of the library, in `Vesk`.
     /// @return true on failure: `ErrorId::NO_CLOCK`
-    static bool init();
+    [[nodiscard]] static bool init();
 
     /// Reads the monotonic clock, which counts from the boot of the system and never jumps (`clock_gettime`,
     /// `CLOCK_MONOTONIC`). Does not block. Callable in a signal handler.
@@ -54,13 +54,13 @@ public:
     /// first object the time is that of `getTime`. Does not block.
     /// @param ms  set to the time
     /// @return true on failure: `ErrorId::GET_UPTIME_FAILED`
-    static bool getUptime(long long& ms);
+    [[nodiscard]] static bool getUptime(long long& ms);
 
     /// Reads the time since the beginning of 1970, UTC (`clock_gettime`, `CLOCK_REALTIME`). Does not block.
     /// @param ms  set to the time, rounded down; unchanged on failure
     /// @return true on failure: `SysErrorId::NOT_IMPLEMENTED` if the system does not have the clock,
     ///         otherwise `ErrorId::GET_TIMESTAMP_FAILED`
-    static bool getTimestamp(long long& ms);
+    [[nodiscard]] static bool getTimestamp(long long& ms);
 
     /// Returns the origin of `getUptime` on the clock of `getTime`, in milliseconds; 0 until the library has
     /// started. Only the start-up writes it, so any thread may read it afterwards without a lock.
@@ -74,7 +74,7 @@ public:
     /// @return true if the system refused to sleep at least once: `ErrorId::SLEEP_FAILED`. The sleep is
     ///         retried until it succeeds, so the time has passed in any case. If it never succeeds, the call
     ///         does not return.
-    static bool sleep(long long ms);
+    [[nodiscard]] static bool sleep(long long ms);
 
 private:
     static long long s_init_time;

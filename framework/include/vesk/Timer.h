@@ -94,7 +94,7 @@ public:
     /// @param periodic     whether to continue after the first call
     /// @return true on failure, with everything unchanged: `std::CommonErrorId::CONTRACT_BROKEN` for an
     ///         interval of 0
-    bool start(unsigned int interval_ms, bool periodic);
+    [[nodiscard]] bool start(unsigned int interval_ms, bool periodic);
 
     /// Starts or restarts the timer as a periodic one that does not drift: the calls are planned for the first
     /// full millisecond of the clock that is `interval_ms` from now, and for each multiple of the interval
@@ -108,7 +108,7 @@ public:
     /// @param interval_ms  milliseconds, not 0
     /// @return true on failure, with everything unchanged: `std::CommonErrorId::CONTRACT_BROKEN` for an
     ///         interval of 0
-    bool startFixedRate(unsigned int interval_ms);
+    [[nodiscard]] bool startFixedRate(unsigned int interval_ms);
 
     /// Stops the timer; a stopped timer stays stopped. Interval and kind are unchanged. After the return the
     /// callback will not be called. It is not running either, unless it makes this call or waits for the
@@ -118,19 +118,20 @@ public:
     /// The callback of another timer of the same priority cannot stop a timer that is due at the same moment:
     /// that timer is still called, and continues if it is periodic.
     /// @return false
-    bool stop();
+    [[nodiscard]] bool stop();
 
     /// Starts a period from now, with the current interval and kind; a stopped timer runs again. Before the
     /// first `start` the interval is 0: the callback is called once, immediately. Blocks and throws as
     /// `start` does; after an exception a running timer is unchanged.
     /// @return false
-    bool snooze();
+    [[nodiscard]] bool snooze();
 
     /// Returns the interval in milliseconds; 0 before the first `start`.
     VESK_API_INLINE unsigned int getInterval() const noexcept {
         return m_interval.load(std::memory_order_relaxed);
     }
 
+    /// Returns whether the timer is periodic.
     VESK_API_INLINE bool isPeriodic() const noexcept { return m_periodic.load(std::memory_order_relaxed); }
 
     /// Calls the callback, and restarts a periodic timer before that. The engine calls it at each expiry, in

@@ -92,7 +92,7 @@ public:
     ///         for one that is not a socket; `SysErrorId::PERMISSION_DENIED` without the permission;
     ///         `ErrorId::UNKNOWN_OPTION` for an unknown option; `SysErrorId::OUT_OF_MEMORY` without memory;
     ///         otherwise `SysErrorId::UNCLASSIFIED`
-    bool getBroadcast() const;
+    [[nodiscard]] bool getBroadcast() const;
 
     /// Permits or forbids datagrams to the broadcast address (`setsockopt`, `SO_BROADCAST`). Does nothing
     /// with IPv6. If it is permitted before `open`, the peer may be the broadcast address of an interface's

@@ -26,6 +26,7 @@ public:
         /// Creates an empty description.
         Description() noexcept = default;
 
+        /// Takes the connection of another description.
         Description(Description&& other) noexcept;
         /// Closes the descriptor that this object owned before.
         Description& operator=(Description&& other) noexcept;
@@ -37,6 +38,7 @@ public:
         /// an interruption by a signal is a warning.
         ~Description();
 
+        /// Exchanges two descriptions.
         void swap(Description& other) noexcept;
 
         /// Whether this object owns `socket_fd`. The socket that adopts it clears it.
@@ -93,7 +95,7 @@ public:
     /// `Socket::ErrorId::ADDRESS_INVALID`, `Socket::ErrorId::CONNECTION_RESET` and
     /// `Socket::ErrorId::NETWORK_UNAVAILABLE` as the system returns them; otherwise
     /// `SysErrorId::UNCLASSIFIED`.
-    bool connect();
+    [[nodiscard]] bool connect();
 };
 
 } // namespace vesk

@@ -31,6 +31,7 @@ namespace vesk {
 /// An open socket must be closed before it is destroyed. See `Socket` for threads.
 class VESK_API UnixSocketBase : public Socket {
 public:
+    /// Where a name is looked up.
     enum NameSpace : uint32_t {
         ABSTRACT = 0,   ///< A name without a file, which disappears with its last socket.
         FILESYSTEM = 1, ///< The path of a file.
@@ -40,11 +41,13 @@ public:
     /// afterwards.
     ~UnixSocketBase() override;
 
+    /// @{
     /// Returns a name as it was given; empty for none. The peer's name is the last one that the system
     /// returned, see `updatePeerAddress`.
     Path const& getLocalPath() const noexcept { return m_local_path; }
     Path const& getPeerPath() const noexcept { return m_peer_path; }
     NameSpace getNameSpace() const noexcept { return m_name_space; }
+    /// @}
 
     /// Closes the descriptor (`close`, repeated while a signal interrupts it), and removes the file of a name
     /// that this object has bound (`unlink`). The socket is `DEAD` afterwards, even on failure.
@@ -54,7 +57,7 @@ public:
     /// @return true on failure: `CommonErrorId::CONTRACT_BROKEN` for a socket that is already `DEAD`;
     ///         `SysErrorId::SPOILED_INTEGRITY` for a `close` that fails, without a report if the descriptor
     ///         was not open; `SysErrorId::SPOILED_INTEGRITY` on top of the report of `FileSys::removeFile`
-    bool close(bool do_shutdown);
+    [[nodiscard]] bool close(bool do_shutdown);
 
     /// Writes the binary form of a name of this socket's kind. Truncates a path to 107 bytes, an abstract
     /// name to 106. Cannot fail, and makes no system call.
@@ -89,16 +92,26 @@ protected:
     /// @param close_failed  called if that close fails
     void createDescriptor(bool blocking, void (*close_failed)());
 
+    /// @{
+    /// Returns the binary form of a name, for system calls.
     sockaddr const* getLocalBinary() const noexcept;
     sockaddr const* getPeerBinary() const noexcept;
+    /// @}
 
+    /// The own name, empty without one.
     Path m_local_path;
+    /// The name of the peer, empty without one.
     Path m_peer_path;
+    /// The length of the own name in binary form.
     socklen_t m_local_length = 0;
+    /// The length of the name of the peer in binary form.
     socklen_t m_peer_length = 0;
+    /// The own name in binary form.
     sockaddr_un m_local_binary{};
+    /// The name of the peer in binary form.
     sockaddr_un m_peer_binary{};
     bool m_bound = false; ///< This object has bound its name: there may be a file to remove.
+    /// Where both names are looked up.
     NameSpace m_name_space;
 
 private:

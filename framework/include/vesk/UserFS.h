@@ -22,7 +22,7 @@ public:
     /// Always fails, with `SysErrorId::NOT_IMPLEMENTED` and the text "No FUSE available". Both arguments are
     /// ignored.
     /// @return true
-    bool mount(char const* path, IFileSystem* file_system);
+    [[nodiscard]] bool mount(char const* path, IFileSystem* file_system);
 
     /// Does nothing.
     /// @return false

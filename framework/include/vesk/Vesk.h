@@ -85,12 +85,12 @@ public:
     /// Runs the first step of the start-up: sets the environment's locale (`setlocale`) and the disposition
     /// of `SIGPIPE` (`sigaction`).
     /// @return true on failure, without a report: the disposition of `SIGPIPE` could not be read or set
-    bool preInit();
+    [[nodiscard]] bool preInit();
 
     /// Runs the last step of the start-up: seeds `rand` (`srand`) with the low 32 bits of the wall-clock time
     /// in milliseconds.
     /// @return true on failure: the report of `Time::getTimestamp`
-    bool postInit();
+    [[nodiscard]] bool postInit();
 
     // The state of the library. Read only.
     static AtomicCounter s_init_count;           ///< The number of objects created; never decreases.

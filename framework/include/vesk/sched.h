@@ -47,8 +47,10 @@ enum WinThreadPrio : int32_t {
 class Policy {
 public:
     constexpr Policy() noexcept = default;
+    /// Creates a policy from its number.
     constexpr Policy(Policy_E value) noexcept : m_value(value) {}
 
+    /// Returns the number of the policy.
     constexpr operator Policy_E() const noexcept { return m_value; }
 
 private:
@@ -79,7 +81,9 @@ public:
 
 /// A policy with its parameters. The initial state is all zero and means `VESK_SCHED_NOOP`.
 struct Attr {
+    /// The policy.
     Policy policy;
+    /// The parameters of the policy.
     Param param;
 };
 

@@ -2,6 +2,9 @@
 
 #include <vesk/common/AbortingLock.h>
 
+#include <algorithm>
+#include <typeinfo>
+
 namespace vesk {
 
 namespace {
@@ -77,15 +80,53 @@ void Dispatcher::main(void* dispatcher) {
     static_cast<Dispatcher*>(dispatcher)->run();
 }
 
+Message* detail::MessageBatch::take() noexcept {
+    // Acquire: makes visible what `fill` stored, and what the producers did before they pushed.
+    Cursor cursor = m_cursor.load(std::memory_order_acquire);
+    while ((cursor & INDEX) != 0) {
+        Message* const message = m_messages[(cursor & INDEX) - 1].load(std::memory_order_relaxed);
+        // Succeeds only if no other thread took a message since the load above: each value of the cursor occurs once.
+        // Release: the load of the message precedes the store, so `fill` cannot replace it before.
+        if (m_cursor.compare_exchange_weak(
+                cursor, cursor - 1, std::memory_order_acq_rel, std::memory_order_acquire)) {
+            return message;
+        }
+    }
+    return nullptr;
+}
+
+void detail::MessageBatch::fill(std::deque<Message*>& backlog) noexcept {
+    // Acquire: pairs with the release of the threads that took the last messages.
+    Cursor const cursor = m_cursor.load(std::memory_order_acquire);
+    size_t const count = std::min(backlog.size(), CAPACITY);
+    for (size_t i = count; i > 0; --i) {
+        m_messages[i - 1].store(backlog.front(), std::memory_order_relaxed);
+        backlog.pop_front();
+    }
+    m_cursor.store(cursor + GENERATION + count, std::memory_order_release);
+}
+
 Dispatcher::VanillaQueue::~VanillaQueue() = default;
 
 Message* Dispatcher::VanillaQueue::pop_nonblock() {
+    Message* const message = batch.take();
+    return message != nullptr ? message : popUnderLock();
+}
+
+Message* Dispatcher::VanillaQueue::popUnderLock() {
     InternalLock const lock(mutex, SOURCE, "pop_nonblock");
+    // Another thread may have filled the batch before this one had the lock.
+    if (Message* const message = batch.take()) {
+        return message;
+    }
     if (messages.empty()) {
         return nullptr;
     }
     Message* const message = messages.front();
     messages.pop_front();
+    if (!messages.empty()) {
+        batch.fill(messages);
+    }
     return message;
 }
 
@@ -94,7 +135,12 @@ void Dispatcher::VanillaQueue::push(Message* message) {
         InternalLock const lock(mutex, SOURCE, "push");
         messages.push_back(message);
     }
-    notifier->signal();
+    // The usual notifier needs less from a caller that has held the lock without which no thread finds the queue empty.
+    if (typeid(*notifier) == typeid(VanillaNotifier)) {
+        static_cast<VanillaNotifier*>(notifier)->signalAfterLock();
+    } else {
+        notifier->signal();
+    }
 }
 
 Dispatcher::VanillaNotifier::~VanillaNotifier() = default;
@@ -103,10 +149,19 @@ void Dispatcher::VanillaNotifier::wait() {
     InternalLock const lock(mutex, SOURCE, "wait");
     while (state.load(std::memory_order_relaxed) == NONE) {
         // A wait that fails is reported, but does not count as a signal.
-        condition.wait(mutex);
+        static_cast<void>(condition.wait(mutex));
     }
     // Acquire: makes visible what precedes each `signal` that this wait takes, also those without the mutex.
     state.exchange(NONE, std::memory_order_acq_rel);
+}
+
+/// Signals after the caller has filled a source under a lock, and only that lock shows a thread that the source is
+/// empty. A load is then enough to find out that a wake-up is pending: if the waiter takes that wake-up before it is
+/// loaded here, and misses what the caller has stored, it had the lock first, and the load finds the wake-up taken.
+void Dispatcher::VanillaNotifier::signalAfterLock() {
+    if (state.load(std::memory_order_relaxed) != WOKEN) {
+        wake();
+    }
 }
 
 void Dispatcher::VanillaNotifier::signal() {
@@ -118,6 +173,10 @@ void Dispatcher::VanillaNotifier::signal() {
             expected, WOKEN, std::memory_order_acq_rel, std::memory_order_relaxed)) {
         return;
     }
+    wake();
+}
+
+void Dispatcher::VanillaNotifier::wake() {
     InternalLock const lock(mutex, SOURCE, "signal");
     if (state.load(std::memory_order_relaxed) != WOKEN) {
         state.store(condition.signal() ? PENDING : WOKEN, std::memory_order_release);

@@ -103,14 +103,14 @@ template <typename... Fields>
 void DnsSd::ResultQueue<Result>::push(char const* callback, Fields const&... fields) {
     InternalLock const lock(m_mutex, SOURCE, callback);
     m_results.push_back(Result{fields...});
-    m_condition.signal_one();
+    static_cast<void>(m_condition.signal_one());
 }
 
 template <typename Result>
 bool DnsSd::ResultQueue<Result>::wait() {
     InternalLock const lock(m_mutex, SOURCE, "wait");
     while (m_results.empty()) {
-        m_condition.wait();
+        static_cast<void>(m_condition.wait());
     }
     return false;
 }

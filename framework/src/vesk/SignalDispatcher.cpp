@@ -44,7 +44,7 @@ SignalDispatcher::SignalDispatcher(char const* thread_name, int const& priority)
 /// its start.
 void SignalDispatcher::start() {
     dispatcher.add_source(calls);
-    thread.start();
+    static_cast<void>(thread.start());
 }
 
 void SignalDispatcher::main(void* signal_dispatcher) {
@@ -67,7 +67,7 @@ void SignalDispatcher::stop() {
     if (thread.isValid()) {
         // The destructor of the last catcher leads here, and must not be unwound.
         detail::CancellationOff const cancellation_off;
-        thread.join();
+        static_cast<void>(thread.join());
     }
 }
 
@@ -98,7 +98,7 @@ Message* SignalDispatcher::Calls::pop_nonblock() {
 void SignalDispatcher::Calls::end() noexcept {
     if (state.exchange(State::NONE) == State::AWAITED) {
         InternalLock const lock(mutex, SOURCE, "end");
-        ended.signal_one();
+        static_cast<void>(ended.signal_one());
     }
 }
 
@@ -109,8 +109,8 @@ void SignalDispatcher::Calls::wait() noexcept {
     State expected = State::UNDER_WAY;
     state.compare_exchange_strong(expected, State::AWAITED);
     if (state == State::AWAITED) {
-        ended.wait();
-        ended.signal_one(); // Wakes the next thread that waits for the same call.
+        static_cast<void>(ended.wait());
+        static_cast<void>(ended.signal_one()); // Wakes the next thread that waits for the same call.
     }
 }
 

@@ -48,11 +48,13 @@ public:
     /// Takes ownership of the bytes of `other`, which becomes a valid block of size 0.
     Buf(Buf&& other) noexcept;
 
+    /// @{
     /// Replaces the block with what the matching constructor creates from `other`. The previous bytes go back
     /// to the allocator that they came from. If the allocation for a copy fails, the block is invalid
     /// afterwards.
     Buf& operator=(Buf const& other) noexcept;
     Buf& operator=(Buf&& other) noexcept;
+    /// @}
 
     ~Buf();
 
@@ -62,9 +64,11 @@ public:
     /// Returns the number of bytes that `data` points to, 0 for an invalid block.
     unsigned int getSize() const noexcept { return data != nullptr ? m_size : 0; }
 
+    /// @{
     /// Returns whether both blocks have the same bytes. An invalid block equals an empty one.
     bool operator==(Buf const& other) const noexcept;
     bool operator!=(Buf const& other) const noexcept { return !(*this == other); }
+    /// @}
 
     /// The bytes; null if the size is 0 or the block is invalid. The block owns them: callers must not change
     /// the pointer.

@@ -37,7 +37,7 @@ public:
     /// `m_buffer_size` of 0 becomes 1.
     /// @return true if the allocation failed, after `CommonErrorId::OUT_OF_MEMORY`; reading and writing are
     ///         then impossible
-    bool createBuffer() noexcept;
+    [[nodiscard]] bool createBuffer() noexcept;
 
     /// Releases the memory unless it is the caller's, and discards the contents of both areas. `createBuffer`
     /// makes the object usable again.
@@ -97,8 +97,11 @@ public:
     virtual bool isOpen() = 0;
 
 protected:
+    /// The buffer of both directions.
     char* m_buffer = nullptr;
+    /// The size of the buffer in bytes.
     unsigned int m_buffer_size = 1;
+    /// The directions that are open.
     ios_base::openmode m_open_mode{};
     bool m_external_buffer = false; ///< The memory of `m_buffer` belongs to the caller.
     bool m_reading = false;         ///< The get area holds bytes that were read from the file.

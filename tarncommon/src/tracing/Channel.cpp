@@ -25,8 +25,8 @@ TARN_CONSTANT_INIT Channel* s_first TARN_GUARDED_BY(s_mutex) = nullptr;
 /// already holds the lock could cause one.
 class [[nodiscard]] TARN_SCOPED_LOCK RegistryLock : private tarnbase::NonCopyable {
 public:
-    RegistryLock() TARN_ACQUIRE(s_mutex) TARN_NOT_ANALYZED { s_mutex.lock(); }
-    ~RegistryLock() TARN_RELEASE() TARN_NOT_ANALYZED { s_mutex.unlock(); }
+    RegistryLock() TARN_ACQUIRE(s_mutex) TARN_NOT_ANALYZED { static_cast<void>(s_mutex.lock()); }
+    ~RegistryLock() TARN_RELEASE() TARN_NOT_ANALYZED { static_cast<void>(s_mutex.unlock()); }
 };
 
 /// Returns the level of the channel in `TARN_TRACE` ("name=level,name=level"), or `fallback` if the channel

@@ -55,6 +55,7 @@ private:
     Mutex m_mutex;
 
 protected:
+    /// The argument of the first `checkInit`.
     T m_argument{};
 };
 

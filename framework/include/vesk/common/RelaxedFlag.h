@@ -11,14 +11,17 @@ namespace vesk {
 class RelaxedFlag {
 public:
     // NOLINTNEXTLINE(google-explicit-constructor): takes the place of a plain bool.
+    /// Creates a flag.
     constexpr RelaxedFlag(bool value = false) noexcept : m_value(value) {}
 
+    /// Sets the flag.
     RelaxedFlag& operator=(bool value) noexcept {
         m_value.store(value, std::memory_order_relaxed);
         return *this;
     }
 
     // NOLINTNEXTLINE(google-explicit-constructor): takes the place of a plain bool.
+    /// Returns the flag.
     operator bool() const noexcept { return m_value.load(std::memory_order_relaxed); }
 
 private:

@@ -28,11 +28,12 @@ public:
         }
     }
 
+    /// Returns whether the lock is held.
     bool isLocked() const noexcept { return m_locked; }
 
     /// Unlocks before the end of the scope. Returns true on failure, with the report of the lock's `unlock`.
     /// The guard does not touch the lock again in either case.
-    bool unlock() TARN_RELEASE() TARN_NOT_ANALYZED {
+    [[nodiscard]] bool unlock() TARN_RELEASE() TARN_NOT_ANALYZED {
         m_locked = false;
         return m_lock.unlock();
     }

@@ -30,7 +30,7 @@ public:
     bool isOpen() const noexcept { return m_fd >= 0; }
 
     /// Returns the descriptor, which the caller then owns.
-    int release() noexcept { return std::exchange(m_fd, -1); }
+    [[nodiscard]] int release() noexcept { return std::exchange(m_fd, -1); }
 
     /// Closes the descriptor, if there is one (`close`, never repeated: the system has released the number
     /// even if it reports an interruption). Disables cancellation of the thread meanwhile.

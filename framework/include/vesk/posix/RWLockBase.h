@@ -22,14 +22,16 @@ public:
     /// Waits for the lock (`pthread_rwlock_rdlock`). Returns true on failure: `ErrorId::DEADLOCK` if the
     /// caller holds it for writing, `ErrorId::TOO_MANY_LOCKS` for too many readers, otherwise
     /// `ErrorId::READ_LOCK_FAILED`.
-    bool lockForRead() const TARN_ACQUIRE_SHARED_IF_ZERO TARN_NOT_ANALYZED {
-        return RWLockOps::lock(&m_lock, false, nullptr) != 0;
+    [[nodiscard]] bool lockForRead() const TARN_ACQUIRE_SHARED_IF_ZERO TARN_NOT_ANALYZED {
+        int const error = pthread_rwlock_rdlock(&m_lock);
+        return __builtin_expect(error != 0, 0) && RWLockOps::handleLockError(error, false) != 0;
     }
 
     /// Waits for the lock (`pthread_rwlock_wrlock`). Returns true on failure: `ErrorId::DEADLOCK` if the
     /// caller holds it for writing, otherwise `ErrorId::WRITE_LOCK_FAILED`.
-    bool lockForWrite() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
-        return RWLockOps::lock(&m_lock, true, nullptr) != 0;
+    [[nodiscard]] bool lockForWrite() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
+        int const error = pthread_rwlock_wrlock(&m_lock);
+        return __builtin_expect(error != 0, 0) && RWLockOps::handleLockError(error, true) != 0;
     }
 
     /// Takes the lock if no writer holds it (`pthread_rwlock_tryrdlock`). Returns 0 if locked, 1 if busy (not
@@ -56,7 +58,7 @@ public:
 
     /// Releases the lock, whether held for reading or for writing (`pthread_rwlock_unlock`). Does not block.
     /// Only a thread that holds the lock may call it. Returns true on failure: `ErrorId::UNLOCK_FAILED`.
-    bool unlock() const TARN_RELEASE_ANY TARN_NOT_ANALYZED {
+    [[nodiscard]] bool unlock() const TARN_RELEASE_ANY TARN_NOT_ANALYZED {
         int const error = pthread_rwlock_unlock(&m_lock);
         return __builtin_expect(error != 0, 0) && RWLockOps::handleUnlockError(error);
     }

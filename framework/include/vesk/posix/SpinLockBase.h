@@ -35,7 +35,7 @@ public:
 
     /// Releases the lock (`pthread_spin_unlock`). Does not check the owner. Returns true on failure:
     /// `ErrorId::INCONSISTENT` or `ErrorId::LOCK_FAILED`; see `SpinLockOps::handleUnlockError`.
-    bool unlock() const TARN_RELEASE() TARN_NOT_ANALYZED {
+    [[nodiscard]] bool unlock() const TARN_RELEASE() TARN_NOT_ANALYZED {
         int const error = pthread_spin_unlock(&m_lock);
         return __builtin_expect(error != 0, 0) && SpinLockOps::handleUnlockError(error);
     }

@@ -35,7 +35,7 @@ FileBuffer::FileBuffer(StreamBinFileR* in, unsigned int size, void const* buffer
     m_buffer_size = size != 0 ? size : 1;
     m_open_mode = std::ios_base::in;
     m_external_buffer = buffer != nullptr;
-    createBuffer();
+    static_cast<void>(createBuffer());
     if (in == nullptr || in->isInputBuffered()) {
         std::GlobalErrorHandler::doAssert(
             false, "in && ! in->isInputBuffered()", SOURCE, __LINE__, "FileBuffer", nullptr);

@@ -80,13 +80,14 @@ bool detail::copyFile(
     }
 
     StreamBinFileR source_file(0);
-    source_file.open(source, BinFileBase::READ);
+    static_cast<void>(source_file.open(source, BinFileBase::READ));
     // Checks the file instead of the result of `open`, which succeeds for an empty path.
     if (!source_file.isValid()) {
         return true;
     }
     StreamBinFileW destination_file(0);
-    destination_file.open(destination, BinFileBase::WRITE | BinFileBase::CREATE | BinFileBase::EXCLUSIVE);
+    static_cast<void>(destination_file.open(
+        destination, BinFileBase::WRITE | BinFileBase::CREATE | BinFileBase::EXCLUSIVE));
     if (!destination_file.isValid()) {
         return true;
     }

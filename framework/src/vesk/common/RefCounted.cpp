@@ -35,7 +35,7 @@ struct Spares {
 // In the static block of the thread: a few bytes, which the loader has room for even when the library is loaded
 // at run time. Any other model calls the loader for the address.
 TARN_CONSTANT_INIT thread_local Spares t_spares
-    __attribute__((tls_model("initial-exec"))) = {nullptr, 0, false};
+    __attribute__((tls_model(TARN_TLS_MODEL))) = {nullptr, 0, false};
 
 constexpr pthread_key_t NO_KEY = ~pthread_key_t{0};
 

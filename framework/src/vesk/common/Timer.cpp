@@ -99,7 +99,7 @@ void Timer::procedure(void* timer) {
     if (self->m_fixed_rate.load(std::memory_order_relaxed)) {
         self->m_alarm.startNext(Duration(self->getInterval()));
     } else if (self->isPeriodic()) {
-        self->snooze();
+        static_cast<void>(self->snooze());
     }
     self->m_callback(self);
 }

@@ -237,19 +237,20 @@ NetworkInterface::AddrInfo readAddress(ifaddrmsg const& info, Bytes attributes) 
     attributes.read(0, first_word);
 
     NetworkInterface::AddrInfo address;
-    address.netmask.set_prefix(
-        info.ifa_family == AF_INET ? NetworkAddress::IPV4 : NetworkAddress::IPV6, info.ifa_prefixlen);
+    static_cast<void>(address.netmask.set_prefix(
+        info.ifa_family == AF_INET ? NetworkAddress::IPV4 : NetworkAddress::IPV6, info.ifa_prefixlen));
     for (Attributes walk(attributes); walk.next();) {
         void const* const data = getAddress(walk.getData(), info.ifa_family);
         switch (walk.getHeader().rta_type) {
         case IFA_LOCAL:
-            address.address.set(info.ifa_family, data);
+            static_cast<void>(address.address.set(info.ifa_family, data));
             break;
         case IFA_BROADCAST:
-            address.peer.set(info.ifa_family, data);
+            static_cast<void>(address.peer.set(info.ifa_family, data));
             break;
         case IFA_ADDRESS:
-            ((first_word & PEER_BIT) != 0 ? address.peer : address.address).set(info.ifa_family, data);
+            static_cast<void>(
+                ((first_word & PEER_BIT) != 0 ? address.peer : address.address).set(info.ifa_family, data));
             break;
         default:
             break;

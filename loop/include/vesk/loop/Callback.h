@@ -21,6 +21,7 @@ class Callback<Result(Args...)> {
 public:
     Callback() noexcept = default;
 
+    /// Owns a copy of a callable, or the callable itself if it can be moved.
     template <
         typename F,
         typename = std::enable_if_t<
@@ -37,11 +38,13 @@ public:
         }
     }
 
+    /// Takes the callable of another callback, which is empty afterwards.
     Callback(Callback&& other) noexcept : m_operations(std::exchange(other.m_operations, nullptr)) {
         if (m_operations != nullptr) {
             m_operations->move(m_storage, other.m_storage);
         }
     }
+    /// Destroys its callable, and takes that of another callback.
     Callback& operator=(Callback&& other) noexcept {
         if (this != &other) {
             this->~Callback();
@@ -55,8 +58,10 @@ public:
         }
     }
 
+    /// Returns whether there is a callable.
     explicit operator bool() const noexcept { return m_operations != nullptr; }
 
+    /// Calls the callable.
     Result operator()(Args... args) { return m_operations->call(m_storage, std::forward<Args>(args)...); }
 
 private:

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <vesk/loop/Fd.h>
-#include <vesk/loop/Loop.h>
+#include <vesk/loop/Child.h>
+#include <vesk/loop/Stream.h>
 
-#include <cstddef>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -18,100 +17,6 @@ namespace vesk::loop {
 namespace detail {
 class Start;
 } // namespace detail
-
-/// Where a stream of a program comes from or leads to.
-class Stream {
-public:
-    /// The stream of the caller.
-    static Stream inherit() { return {Kind::INHERIT, {}, 0}; }
-    static Stream null() { return {Kind::FILE, "/dev/null", 0}; }
-    /// A file. It is read from its begin, or created (mode 0666 without the mask) and emptied.
-    static Stream file(std::string path) { return {Kind::FILE, std::move(path), 0}; }
-    /// The end of a file.
-    static Stream append(std::string path) { return {Kind::APPEND, std::move(path), 0}; }
-    /// A pipe. `Child` has the other end.
-    static Stream pipe() { return {Kind::PIPE, {}, 0}; }
-    /// A copy of a descriptor of the caller, which must be open at the start.
-    static Stream fd(int number) { return {Kind::FD, {}, static_cast<size_t>(number)}; }
-    /// Where standard output leads, for standard error.
-    static Stream sameAsOut() { return {Kind::SAME, {}, 0}; }
-    /// A text as the input, written while the program runs. For `Command::output` and `Loop::start`.
-    static Stream text(std::string text) { return {Kind::TEXT, std::move(text), 0}; }
-    /// Collected in `Output`. What exceeds the limit (bytes) is read and dropped, so that the program goes on.
-    /// For `Command::output` and `Loop::start`.
-    static Stream capture(size_t limit = 1 << 20) { return {Kind::CAPTURE, {}, limit}; }
-
-    Stream(std::filesystem::path const& path) : Stream(file(path.string())) {}
-    Stream(std::string path) : Stream(file(std::move(path))) {}
-    Stream(char const* path) : Stream(file(path)) {}
-
-private:
-    friend class detail::Start;
-    bool hasOtherEnd() const noexcept { return m_kind == Kind::PIPE || m_kind == Kind::CAPTURE; }
-    enum class Kind : unsigned char { INHERIT, FILE, APPEND, PIPE, FD, SAME, TEXT, CAPTURE };
-    Stream(Kind kind, std::string text, size_t number)
-        : m_kind(kind), m_text(std::move(text)), m_number(number) {}
-
-    Kind m_kind;
-    std::string m_text;
-    size_t m_number;
-};
-
-/// How a program ended, and what it wrote.
-struct Output : Exit {
-    std::string out;            ///< The captured standard output.
-    std::string err;            ///< The captured standard error.
-    bool is_cut = false;        ///< Whether a limit was exceeded.
-    std::vector<Exit> upstream; ///< How the earlier programs of a pipeline ended.
-};
-
-/// A running program, or a pipeline of them. The destructor leaves it running; a thread of the library reaps it.
-///
-/// Can be moved, but not be used by two threads at once.
-class [[nodiscard]] VESK_LOOP_API Child {
-public:
-    Child(Child&& other) noexcept = default;
-    Child& operator=(Child&& other) noexcept;
-    ~Child();
-
-    /// Returns the process of the last program.
-    pid_t pid() const noexcept { return m_pids.back(); }
-    /// The other ends of the streams that are pipes.
-    Fd in;
-    Fd out;
-    Fd err;
-
-    /// Blocks until the program has ended, and reaps it (`waitid`).
-    Result<Exit> wait();
-    /// Sends a signal to the last program (`kill`). Fails with `ESRCH` after `wait`.
-    Result<> kill(int signal);
-
-private:
-    friend class detail::Start;
-    explicit Child(std::vector<pid_t> pids) noexcept : m_pids(std::move(pids)) {}
-
-    std::vector<pid_t> m_pids; ///< Empty after `wait`.
-};
-
-/// A program of a loop. The destructor silences the callback at once, and leaves the program running.
-class [[nodiscard]] VESK_LOOP_API Process : public Watch {
-public:
-    pid_t pid() const noexcept { return m_pid; }
-    /// The other ends of the streams that are pipes.
-    Fd in;
-    Fd out;
-    Fd err;
-
-    /// Sends a signal to the last program (`kill`). Fails with `ESRCH` as soon as its end was seen.
-    Result<> kill(int signal);
-
-private:
-    friend class Loop;
-    Process(std::shared_ptr<detail::Source> source, pid_t pid) noexcept
-        : Watch(std::move(source)), m_pid(pid) {}
-
-    pid_t m_pid;
-};
 
 /// How to start a program.
 ///
@@ -129,31 +34,46 @@ public:
     /// @param program  a path, or a name that is searched in `PATH`, that of the program's environment
     explicit Command(std::string program);
 
+    // ---- arguments: no text may have a null character ----
+
+    /// Adds an argument.
     Command& arg(std::string text);
+    /// Adds arguments.
     Command& args(std::vector<std::string> const& texts);
     /// Sets what the program sees as its name (`argv[0]`), by default the program.
     Command& name(std::string text);
 
-    /// Set the streams, by default those of the caller. Files are opened by the caller, in its folder.
+    // ---- streams: by default those of the caller, which also opens the files, in its folder ----
+
+    /// Sets standard input.
     Command& in(Stream stream);
+    /// Sets standard output.
     Command& out(Stream stream);
+    /// Sets standard error.
     Command& err(Stream stream);
     /// Gives the program a copy of the caller's descriptor `own` under the number `number`, at least 3.
     Command& fd(int number, int own);
 
+    // ---- environment: by default that of the caller at the start ----
+
+    /// Sets a variable.
     Command& env(std::string const& name, std::string value);
+    /// Leaves out a variable of the caller.
     Command& unsetEnv(std::string const& name);
-    /// Leaves out the caller's environment.
+    /// Leaves out the caller's environment, and forgets all variables that were set.
     Command& clearEnv();
-    /// Sets the working folder. It is entered by the program's user.
+
+    // ---- process ----
+
+    /// Sets the working folder (`chdir`). It is entered by the program's user.
     Command& folder(std::filesystem::path const& path);
-    /// Sets user, group and all supplementary groups. Needs the right to.
+    /// Sets user, group and all supplementary groups (`setresuid`, `setresgid`, `setgroups`). Needs the right to.
     Command& user(uid_t user, gid_t group, std::vector<gid_t> groups = {});
-    /// Sets a limit, such as `RLIMIT_NOFILE`, both soft and hard (`setrlimit`).
+    /// Sets a limit, such as `RLIMIT_NOFILE`, both soft and hard (`setrlimit`). May be called for several limits.
     Command& limit(int resource, rlim_t value);
     /// Puts the program into a process group, 0 for a new one (`setpgid`).
     Command& group(pid_t leader = 0);
-    /// Makes the program the leader of a new session (`setsid`).
+    /// Makes the program the leader of a new session, without a terminal (`setsid`).
     Command& session();
 
     /// Starts the program. Returns as soon as it executes.

@@ -23,19 +23,24 @@ enum class Trigger : unsigned char { LEVEL, EDGE };
 
 /// Where a callback was given to a loop.
 struct Place {
+    /// Returns the place of the caller.
     static constexpr Place here(char const* file = __builtin_FILE(), int line = __builtin_LINE()) noexcept {
         return {file, line};
     }
+    /// The source file.
     char const* file;
+    /// The line.
     int line;
 };
 
 /// How a child process ended.
 struct Exit {
+    /// The process.
     pid_t pid = -1;
     int code = -1;            ///< The exit status, -1 after the end by a signal.
     int signal = 0;           ///< The signal that ended it, otherwise 0. Unknown after the end: -1 and 0.
     bool dumped_core = false; ///< Whether it left a core dump.
+    /// Returns whether the exit status is 0.
     bool ok() const noexcept { return code == 0; }
 };
 
@@ -89,6 +94,7 @@ public:
         int fd, Callback<void()> callback, Priority priority = Priority::NORMAL,
         Trigger trigger = Trigger::LEVEL, Place place = Place::here());
 
+    /// @{
     /// Calls back once after `delay`, or at a moment (`CLOCK_MONOTONIC`: setting the date changes nothing).
     Result<Timer> after(
         Clock::duration delay, Callback<void()> callback, Priority priority = Priority::NORMAL,
@@ -96,6 +102,7 @@ public:
     Result<Timer>
     at(Clock::time_point moment, Callback<void()> callback, Priority priority = Priority::NORMAL,
        Place place = Place::here());
+    /// @}
     /// Calls back every `period`, first after one period. The moments have no drift: a late call does not delay the
     /// next one, and moments that were missed while other callbacks ran are left out. The period is at least 1 ns.
     Result<Timer> every(
@@ -129,6 +136,7 @@ public:
     void setExceptionHook(Callback<void(std::exception_ptr)> hook);
 
 private:
+    friend struct detail::Access;
     class Turn;
     template <typename IsOver>
     [[gnu::visibility("hidden")]] Result<> runUntil(IsOver is_over, Clock::duration timeout);

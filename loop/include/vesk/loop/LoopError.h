@@ -11,6 +11,7 @@ VESK_LOOP_API extern std::ErrorType const LoopError;
 
 /// The reports of `LoopError`.
 namespace LoopErrorId {
+/// The reports of `LoopError`.
 enum Id : int {
     NOT_CREATED = 0, ///< The system refused the descriptors of the loop.
     WAIT_FAILED = 1, ///< The loop could not wait.
@@ -20,6 +21,13 @@ enum Id : int {
     SIGNAL_REFUSED = 5, ///< The signal cannot be watched. Argument: the signal.
     CHILD_REFUSED = 6, ///< The process is not a child that can be watched or signaled. Argument: the process.
     NOT_STARTED = 7,   ///< A program cannot be started. Arguments: the program, and the step that has failed.
+    ADDRESS_REFUSED =
+        8, ///< The address cannot be used. Arguments: the address, and the step that has failed.
+    CONNECTION_FAILED = 9, ///< The connection has failed.
+    NOT_SENT = 10,         ///< A datagram was not sent. Argument: the address.
+    PATH_REFUSED = 11,     ///< The path cannot be watched. Argument: the path.
+    NOT_NOTIFIED = 12,     ///< The service manager was not notified.
+    NO_WATCHDOG = 13,      ///< The thread of a watchdog was refused.
 };
 
 /// Returns the family of these ids.

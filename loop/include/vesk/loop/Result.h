@@ -22,24 +22,32 @@ public:
     /// @param number  the error number of the failed system call below it, 0 if the chain tells it
     static Error take(int number = 0);
 
+    /// @{
+    /// Copies or takes the chain of another error.
     Error(Error const& other);
     Error(Error&& other) noexcept;
     Error& operator=(Error other) noexcept;
     ~Error();
+    /// @}
 
     /// Returns the report of the highest level. Its `next` leads to the root cause.
     std::ErrorObject const& head() const noexcept { return get(0); }
     /// Returns the root cause.
     std::ErrorObject const& root() const noexcept { return get(m_count - 1); }
+    /// Returns the number of reports.
     unsigned int count() const noexcept { return m_count; }
 
     /// Returns the system's error number of the root cause, in the category of the system. A root cause that is
     /// not a failed system call has the nearest number, such as `ENOMEM`, or else `EIO`.
     std::error_code code() const noexcept;
+    /// Returns `code`.
     operator std::error_code() const noexcept { return code(); }
 
+    /// @{
+    /// Compares `code` with a condition that does not depend on the system.
     friend bool operator==(Error const& error, std::errc condition) { return error.code() == condition; }
     friend bool operator!=(Error const& error, std::errc condition) { return error.code() != condition; }
+    /// @}
 
     /// Returns the whole chain as text, one line a report, the root cause last.
     std::string text() const;
@@ -72,16 +80,23 @@ VESK_LOOP_API std::ostream& operator<<(std::ostream& stream, Error const& error)
 template <typename T = void>
 class [[nodiscard]] Result {
 public:
+    /// The operation has succeeded with this value.
     Result(T value) : m_content(std::in_place_index<0>, std::move(value)) {}
+    /// The operation has failed.
     Result(Error error) : m_content(std::in_place_index<1>, std::move(error)) {}
 
+    /// Returns whether the operation has succeeded.
     explicit operator bool() const noexcept { return m_content.index() == 0; }
 
     /// Returns the value. The operation must have succeeded.
     T& operator*() & noexcept { return *std::get_if<0>(&m_content); }
+    /// Returns the value. The operation must have succeeded.
     T const& operator*() const& noexcept { return *std::get_if<0>(&m_content); }
+    /// Returns the value. The operation must have succeeded.
     T&& operator*() && noexcept { return std::move(*std::get_if<0>(&m_content)); }
+    /// Gives access to the value. The operation must have succeeded.
     T* operator->() noexcept { return std::get_if<0>(&m_content); }
+    /// Gives access to the value. The operation must have succeeded.
     T const* operator->() const noexcept { return std::get_if<0>(&m_content); }
 
     /// Returns why the operation failed. It must have failed.
@@ -89,16 +104,19 @@ public:
 
     /// Returns the error number, 0 after success.
     std::error_code code() const noexcept { return *this ? std::error_code() : error().code(); }
+    /// Returns `code`.
     operator std::error_code() const noexcept { return code(); }
 
 private:
     std::variant<T, Error> m_content;
 };
 
+/// The outcome of an operation without a value.
 template <>
 class [[nodiscard]] Result<void> : public Result<std::monostate> {
 public:
     Result() : Result<std::monostate>(std::monostate{}) {}
+    /// The operation has failed.
     Result(Error error) : Result<std::monostate>(std::move(error)) {}
 };
 

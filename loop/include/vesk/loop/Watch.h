@@ -9,6 +9,7 @@
 namespace vesk::loop {
 
 namespace detail {
+struct Access;
 class Core;
 class JobSource;
 class Source;
@@ -28,7 +29,9 @@ class [[nodiscard]] VESK_LOOP_API Watch {
 public:
     /// Watches nothing.
     Watch() noexcept = default;
+    /// Takes the callback of another watch, which then watches nothing.
     Watch(Watch&& other) noexcept = default;
+    /// Ends this watch, and takes the callback of another one.
     Watch& operator=(Watch&& other) noexcept {
         Watch taken(std::move(other));
         std::swap(m_source, taken.m_source);
@@ -44,11 +47,14 @@ public:
     bool isActive() const noexcept;
 
 protected:
+    /// Owns a source of a loop.
     explicit Watch(std::shared_ptr<detail::Source> source) noexcept : m_source(std::move(source)) {}
+    /// What the loop calls back for, null for an ended watch.
     std::shared_ptr<detail::Source> m_source;
 
     friend class Loop;
     friend class detail::JobSource;
+    friend struct detail::Access;
 };
 
 /// A watch of a moment in time.
@@ -59,6 +65,9 @@ public:
     /// Lets the callback be called after `delay` from now, and then every period if the timer is periodic. Also
     /// for a timer that has expired.
     void restart(Clock::duration delay) noexcept;
+
+    /// Stops the timer until `restart`. Unlike `cancel` it does not wait for a callback that is running.
+    void stop() noexcept;
 
 private:
     using Watch::Watch;

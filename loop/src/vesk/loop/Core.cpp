@@ -127,6 +127,7 @@ bool Core::finish(Source& source) noexcept {
 void Core::cancel(Source& source) noexcept {
     CancellationOff const cancellation_off;
     Locked const locked(m_lock);
+    source.is_canceled = true;
     if (source.is_attached) {
         setOver(source);
     }
@@ -134,6 +135,14 @@ void Core::cancel(Source& source) noexcept {
     while (m_running == &source && !isLoopThread() && !isInherited()) {
         m_lock.wait(m_callback_over);
     }
+}
+
+void Source::cancel() noexcept {
+    m_core->cancel(*this);
+}
+
+bool Source::isActive() const noexcept {
+    return m_core->isActive(*this);
 }
 
 bool Core::isLoopThread() const noexcept {
@@ -296,20 +305,22 @@ bool Core::firePosts(Posts& posts) {
 }
 
 /// The time during which a callback runs and the lock is not held. Also ends when the thread is canceled.
-class Core::Running {
+class Core::Unlocked {
 public:
-    Running(Core& core, Source* source) noexcept TARN_NOT_ANALYZED : m_core(core) {
+    Unlocked(Core& core, Source* source) noexcept TARN_NOT_ANALYZED : m_core(core) {
         m_core.m_running = source;
+        ++m_core.m_calls;
         m_core.m_lock.unlock();
     }
-    ~Running() TARN_NOT_ANALYZED {
+    ~Unlocked() TARN_NOT_ANALYZED {
         CancellationOff const cancellation_off;
         m_core.m_lock.lock();
         m_core.m_running = nullptr;
+        ++m_core.m_calls;
         m_core.m_callback_over.notify_all();
     }
-    Running(Running const&) = delete;
-    Running& operator=(Running const&) = delete;
+    Unlocked(Unlocked const&) = delete;
+    Unlocked& operator=(Unlocked const&) = delete;
 
 private:
     Core& m_core;
@@ -317,7 +328,7 @@ private:
 
 template <typename Call>
 void Core::callOut(Source* source, Call&& call) {
-    Running const running(*this, source);
+    Unlocked const unlocked(*this, source);
     try {
         call();
     } catch (...) {
@@ -327,6 +338,11 @@ void Core::callOut(Source* source, Call&& call) {
         }
         handle(std::move(exception));
     }
+}
+
+Core::Running Core::getRunning() noexcept {
+    Locked const locked(m_lock);
+    return {m_calls, m_running != nullptr ? m_running->getPlace() : Place{"post", 0}};
 }
 
 void Core::setExceptionHook(Callback<void(std::exception_ptr)> hook) {

@@ -83,6 +83,12 @@ public:
     int exposeFd() noexcept TARN_EXCLUDES(m_lock);
     void post(Callback<void()> call, Priority priority) TARN_EXCLUDES(m_lock);
     void setExceptionHook(Callback<void(std::exception_ptr)> hook) TARN_EXCLUDES(m_lock);
+    /// The callback that runs, for a watchdog.
+    struct Running {
+        unsigned long call = 0; ///< Counts begins and ends: odd during a callback.
+        Place place{};
+    };
+    Running getRunning() noexcept TARN_EXCLUDES(m_lock);
     /// Ends all watches.
     void close() noexcept TARN_EXCLUDES(m_lock);
 
@@ -132,7 +138,7 @@ private:
         void takeIncoming();
     };
 
-    class Running;
+    class Unlocked;
 
     // The order of the numbers by which `epoll` tells the loop's own descriptors from those of sources.
     static constexpr int EVENT = -1;
@@ -191,6 +197,7 @@ private:
     pthread_t m_thread TARN_GUARDED_BY(m_lock){};
     // The source of the callback that runs.
     Source* m_running TARN_GUARDED_BY(m_lock) = nullptr;
+    unsigned long m_calls TARN_GUARDED_BY(m_lock) = 0;
     // Whether the loop's thread looks at the posts before it waits, so that it needs no wake-up.
     bool m_is_awake TARN_GUARDED_BY(m_lock) = false;
     bool m_is_woken TARN_GUARDED_BY(m_lock) = false;

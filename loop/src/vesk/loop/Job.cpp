@@ -3,6 +3,7 @@
 #include "Core.h"
 #include "Report.h"
 
+#include <vesk/KeptChildren.h>
 #include <vesk/common/CancellationOff.h>
 
 #include <algorithm>
@@ -80,6 +81,7 @@ Result<> JobSource::watchStream(Loop& loop, size_t stream) {
 void JobSource::end(size_t index, Exit const& exit) {
     std::unique_lock<std::mutex> held(m_mutex);
     m_exits[index] = exit;
+    KeptChildren::release(exit.pid);
     finish(std::move(held));
 }
 

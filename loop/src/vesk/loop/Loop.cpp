@@ -212,18 +212,24 @@ Result<Watch> Loop::onIdle(Callback<void()> callback, Place place) {
 
 void Watch::cancel() noexcept {
     if (m_source != nullptr) {
-        m_source->getCore().cancel(*m_source);
+        m_source->cancel();
         m_source.reset();
     }
 }
 
 bool Watch::isActive() const noexcept {
-    return m_source != nullptr && m_source->getCore().isActive(*m_source);
+    return m_source != nullptr && m_source->isActive();
 }
 
 void Timer::restart(Clock::duration delay) noexcept {
     if (m_source != nullptr) {
         m_source->getCore().restart(static_cast<TimerSource&>(*m_source), detail::add(Clock::now(), delay));
+    }
+}
+
+void Timer::stop() noexcept {
+    if (m_source != nullptr) {
+        m_source->getCore().finish(*m_source);
     }
 }
 

@@ -15,6 +15,12 @@ constexpr std::ErrorID ROWS[] = {
     {LoopErrorId::SIGNAL_REFUSED, "Signal %d cannot be watched", 1},
     {LoopErrorId::CHILD_REFUSED, "Process %d is not a child that can be watched", 1},
     {LoopErrorId::NOT_STARTED, "Program \"%s\" cannot be started: %s", 2},
+    {LoopErrorId::ADDRESS_REFUSED, "Address \"%s\" cannot be used: %s", 2},
+    {LoopErrorId::CONNECTION_FAILED, "The connection has failed", 0},
+    {LoopErrorId::NOT_SENT, "The datagram was not sent to \"%s\"", 1},
+    {LoopErrorId::PATH_REFUSED, "Path \"%s\" cannot be watched", 1},
+    {LoopErrorId::NOT_NOTIFIED, "The service manager was not notified", 0},
+    {LoopErrorId::NO_WATCHDOG, "The thread of a watchdog was refused", 0},
 };
 
 } // namespace

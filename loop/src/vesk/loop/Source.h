@@ -40,12 +40,17 @@ public:
     virtual Call prepare() noexcept { return Call::AGAIN; }
     /// Calls back. Runs without the lock.
     virtual void fire() = 0;
+    /// Ends the watch. When it returns, the callback does not run in another thread.
+    virtual void cancel() noexcept;
+    virtual bool isActive() const noexcept;
 
     Core& getCore() const noexcept { return *m_core; }
+    std::shared_ptr<Core> const& shareCore() const noexcept { return m_core; }
     Priority getPriority() const noexcept { return m_priority; }
     Place getPlace() const noexcept { return m_place; }
 
     bool is_attached = false;
+    bool is_canceled = false; ///< A source that was canceled is never attached again.
 
 private:
     std::shared_ptr<Core> const m_core;
@@ -125,21 +130,20 @@ private:
 /// Returns a descriptor that is readable when a child has ended, or one that is not open, with `errno` set.
 UniqueFd openChild(pid_t child) noexcept;
 
-/// A child, by a descriptor of its own.
+/// A child, by a descriptor of its own. The collector of `ProcessTNG` leaves it alone until it is reaped.
 class ChildSource final : public FdSource {
 public:
     ChildSource(
         std::shared_ptr<Core> core, Priority priority, Place place, pid_t child, UniqueFd descriptor,
-        Callback<void(Exit)> callback)
-        : FdSource(std::move(core), priority, place, descriptor.get(), false, Trigger::LEVEL),
-          m_child(child),
-          m_descriptor(std::move(descriptor)),
-          m_callback(std::move(callback)) {}
-
+        Callback<void(Exit)> callback);
+    ~ChildSource() override;
     Call prepare() noexcept override;
     void fire() override;
 
 private:
+    void release() noexcept;
+
+    bool m_is_kept = true;
     pid_t const m_child;
     UniqueFd m_descriptor;
     Exit m_exit;

@@ -2,6 +2,8 @@
 #include "SignalsBlocked.h"
 #include "Start.h"
 
+#include <vesk/KeptChildren.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
@@ -41,6 +43,9 @@ int Core::attach(FdSource& source) {
         return EBADF;
     }
     Locked const locked(m_lock);
+    if (source.is_canceled) {
+        return ECANCELED;
+    }
     auto const index = static_cast<size_t>(source.fd);
     if (index >= m_slots.size()) {
         if (fcntl(source.fd, F_GETFD) < 0) {
@@ -241,6 +246,27 @@ UniqueFd openChild(pid_t child) noexcept {
     return fd.isOpen() || (errno != ENOSYS && errno != EPERM) ? std::move(fd) : waitInThread(child);
 }
 
+ChildSource::ChildSource(
+    std::shared_ptr<Core> core, Priority priority, Place place, pid_t child, UniqueFd descriptor,
+    Callback<void(Exit)> callback)
+    : FdSource(std::move(core), priority, place, descriptor.get(), false, Trigger::LEVEL),
+      m_child(child),
+      m_descriptor(std::move(descriptor)),
+      m_callback(std::move(callback)) {
+    KeptChildren::Start keeping;
+    keeping.keep(m_child);
+}
+
+ChildSource::~ChildSource() {
+    release();
+}
+
+void ChildSource::release() noexcept {
+    if (std::exchange(m_is_kept, false)) {
+        KeptChildren::release(m_child);
+    }
+}
+
 Call ChildSource::prepare() noexcept {
     siginfo_t info{};
     if (waitid(P_PID, static_cast<id_t>(m_child), &info, WEXITED | WNOHANG) == 0) {
@@ -250,6 +276,7 @@ Call ChildSource::prepare() noexcept {
         m_exit = toExit(m_child, info);
     }
     m_exit.pid = m_child;
+    release();
     return Call::LAST;
 }
 

@@ -3,6 +3,7 @@
 #include "Report.h"
 #include "SignalsBlocked.h"
 
+#include <vesk/KeptChildren.h>
 #include <vesk/common/CancellationOff.h>
 
 #include <algorithm>
@@ -63,12 +64,15 @@ Exit toExit(pid_t child, siginfo_t const& info) noexcept {
 
 Exit waitFor(pid_t child) {
     siginfo_t info{};
-    while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED) != 0) {
-        if (errno != EINTR) {
-            Exit unknown;
-            unknown.pid = child;
-            return unknown;
-        }
+    int result = 0;
+    do {
+        result = waitid(P_PID, static_cast<id_t>(child), &info, WEXITED);
+    } while (result != 0 && errno == EINTR);
+    KeptChildren::release(child);
+    if (result != 0) {
+        Exit unknown;
+        unknown.pid = child;
+        return unknown;
     }
     return toExit(child, info);
 }
@@ -78,6 +82,7 @@ void reapLater(std::vector<pid_t> const& children) noexcept {
     for (pid_t const child : children) {
         siginfo_t info{};
         if (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG) != 0 || info.si_pid == child) {
+            KeptChildren::release(child);
             continue;
         }
         try {
@@ -287,7 +292,9 @@ Result<> Start::start(Started& started, UniqueFd& input, bool is_last) {
     }
     makePlan();
     Failure failure;
+    KeptChildren::Start keeping;
     pid_t const child = spawn(m_plan, failure);
+    keeping.keep(child);
     if (child < 0) {
         std::string what = STEPS[static_cast<int>(failure.step)];
         what += failure.step == Step::FOLDER ? " \"" + m_command.m_folder + '"' : "";

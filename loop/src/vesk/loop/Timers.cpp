@@ -126,7 +126,7 @@ void Core::attach(TimerSource& source, Clock::time_point deadline) {
 
 void Core::restart(TimerSource& source, Clock::time_point deadline) noexcept {
     Locked const locked(m_lock);
-    if (m_epoll.isOpen()) { // The loop exists.
+    if (m_epoll.isOpen() && !source.is_canceled) { // The loop exists.
         begin(source, deadline);
     }
 }

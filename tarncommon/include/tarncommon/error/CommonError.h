@@ -10,6 +10,7 @@ extern TARN_API ErrorType const CommonError;
 
 /// The reports of `CommonError`.
 namespace CommonErrorId {
+/// The reports of `CommonError`.
 enum Id : int {
     OUT_OF_MEMORY = 0,              ///< An allocation failed. No arguments.
     CONTRACT_BROKEN = 1,            ///< The caller broke the contract: wrong state, invalid object. Argument:

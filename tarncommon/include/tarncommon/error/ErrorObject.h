@@ -18,10 +18,12 @@ public:
     /// Creates an empty report: no family, id -1, no text.
     TARN_API_INLINE constexpr ErrorObject() noexcept {}
 
+    /// @{
     /// Copies the report without its chain: `next` is null in the copy, because the chain of the source may
     /// be discarded at any time.
     ErrorObject(ErrorObject const& other) noexcept;
     ErrorObject& operator=(ErrorObject const& other) noexcept;
+    /// @}
 
     /// Returns the family, or null for an empty report.
     ErrorType const* getType() const noexcept { return m_type; }

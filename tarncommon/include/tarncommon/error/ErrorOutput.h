@@ -15,13 +15,18 @@ namespace std {
 /// text is referenced, not copied.
 class ErrorArgument {
 public:
+    /// The types that an argument can have.
     enum class Kind : unsigned char { TEXT, SIGNED, UNSIGNED, ADDRESS };
 
+    /// @{
+    /// Creates an argument. A text must exist as long as the argument.
     ErrorArgument(char const* text) noexcept : m_kind(Kind::TEXT), m_text(text) {}
     ErrorArgument(string const& text) noexcept : m_kind(Kind::TEXT), m_text(text.c_str()) {}
     ErrorArgument(void const* address) noexcept : m_kind(Kind::ADDRESS), m_address(address) {}
+    /// @}
 
     template <typename T, enable_if_t<is_integral_v<T> || is_enum_v<T>, int> = 0>
+    /// Creates an argument from an integer or an enumeration.
     ErrorArgument(T value) noexcept : m_kind(isSigned<T>() ? Kind::SIGNED : Kind::UNSIGNED) {
         if constexpr (isSigned<T>()) {
             m_signed = static_cast<long long>(value);
@@ -30,11 +35,15 @@ public:
         }
     }
 
+    /// Returns the type.
     Kind getKind() const noexcept { return m_kind; }
+    /// @{
+    /// Returns the value, for an argument of this type only.
     char const* getText() const noexcept { return m_text; }
     long long getSigned() const noexcept { return m_signed; }
     unsigned long long getUnsigned() const noexcept { return m_unsigned; }
     void const* getAddress() const noexcept { return m_address; }
+    /// @}
 
 private:
     template <typename T>
@@ -69,8 +78,8 @@ public:
     /// @param line       source line
     /// @param new_chain  true: the report is the root cause of a new chain, and a pending chain is discarded.
     ///                   False: the report goes on top of the pending chain, or starts a chain if none is
-    ///                   pending. Pass `!ErrorStorage::isError(true)` where a lower level may or may not have
-    ///                   reported.
+    ///                   pending. Pass the opposite of `ErrorStorage::isError` where a lower level may or may
+    ///                   not have reported.
     TARN_API_INLINE ErrorOutput(char const* file, int line, bool new_chain) noexcept
         : m_file(file), m_line(line), m_new_chain(new_chain) {}
 

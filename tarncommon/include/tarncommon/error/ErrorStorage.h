@@ -92,17 +92,24 @@ public:
         /// Number of reports that lie in the store itself.
         static constexpr unsigned int INLINE_REPORTS = 4;
 
+        /// Creates an empty chain with the action of its store.
         constexpr explicit Chain(Action action) noexcept : m_action(action) {}
 
+        /// Returns the report of the highest level, null for an empty chain.
         ErrorObject const* getHead() const noexcept { return m_count == 0 ? nullptr : m_head; }
+        /// Returns whether the chain is not acknowledged.
         bool isPending() const noexcept { return m_pending; }
+        /// Acknowledges the chain.
         void acknowledge() noexcept { m_pending = false; }
 
+        /// @{
         /// Returns the object for the next report, linked as the new head.
         ErrorObject& open(bool new_chain) noexcept;
         void giveUp(char const* reason) noexcept;
         void unmap() noexcept;
+        /// @}
 
+        /// Returns the chain of the calling thread.
         static Chain& ofThread() noexcept;
 
     private:

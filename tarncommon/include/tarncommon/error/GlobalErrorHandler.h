@@ -17,21 +17,27 @@ public:
 
     /// One call of an entry point. Its contents are valid only while the hook runs.
     struct Event {
+        /// The kind of the event.
         Kind kind;
         char const* expression; ///< The condition of an assertion; null for the other kinds.
+        /// The source file, without its extension.
         char const* file;
+        /// The line.
         int line;
+        /// The function.
         char const* function;
         char const* message; ///< The formatted message; empty if there is none.
     };
 
     /// A process-wide observer that sees every event first, for example to route events to a log.
     struct Hook {
+        /// @{
         /// Called in the thread of the event. If it returns true, the default action does not run: no line is
         /// written, `doAbort` returns, and `doOutOfMem` does not wait. An exception propagates to the caller
         /// of the entry point, and ends the process if that is a destructor or a `noexcept` function.
         bool (*call)(Event const& event, void* context);
         void* context;
+        /// @}
     };
 
     /// Installs a hook for the process and returns the previous one. Null means no hook. The object must stay

@@ -40,7 +40,7 @@ public:
     ///         bytes before the end; -1 on failure: `StreamErrorId::UNUSABLE` if the stream lacks the buffer
     ///         that it was created for, otherwise the reports of `performRead` or
     ///         `checkReadBufferConsistency`
-    TARN_API_INLINE int read(void* buffer, unsigned int size, unsigned int& read) {
+    [[nodiscard]] TARN_API_INLINE int read(void* buffer, unsigned int size, unsigned int& read) {
         // A buffer with contents shows that the last operation was a read, so no consistency check is needed.
         if (__builtin_expect(size - 1 < m_end - m_pos, 1)) {
             memcpy(buffer, m_buffer + m_pos, size);
@@ -83,6 +83,7 @@ protected:
 
     unsigned int m_pos = 0; ///< Start of the bytes in the buffer that are not yet consumed.
     unsigned int m_end = 0; ///< End of the filled bytes; equal to `m_pos` if the buffer is empty.
+    /// The size of the buffer in bytes, 0 for none.
     unsigned int const m_buffer_size;
     unsigned char* const m_buffer; ///< Null also if the allocation failed.
 

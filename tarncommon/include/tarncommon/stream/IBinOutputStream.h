@@ -40,7 +40,7 @@ public:
     ///         `StreamErrorId::UNUSABLE` if the stream lacks the buffer that it was created for, otherwise
     ///         the reports of `performWrite` or `checkWriteBufferConsistency`. Buffered bytes that were
     ///         not passed on stay buffered.
-    TARN_API_INLINE int write(void const* buffer, unsigned int size, unsigned int& written) {
+    [[nodiscard]] TARN_API_INLINE int write(void const* buffer, unsigned int size, unsigned int& written) {
         // A buffer with contents shows that the last operation was a write, so no consistency check is
         // needed.
         if (__builtin_expect(m_pos != m_end && size - 1 < m_buffer_size - m_end, 1)) {
@@ -60,7 +60,7 @@ public:
     ///         as the root of a new chain, if a sink in non-blocking mode did not accept all bytes; otherwise
     ///         the reports of `performWrite`, `checkWriteBufferConsistency` or `performFlush`. Bytes that
     ///         were not passed on stay in the buffer, and `performFlush` is then not called.
-    bool flush(bool buffer_only);
+    [[nodiscard]] bool flush(bool buffer_only);
 
     /// Returns whether the stream was created with a write buffer.
     bool isOutputBuffered() const noexcept { return m_buffer_size != 0; }
@@ -97,6 +97,7 @@ protected:
 
     unsigned int m_pos = 0; ///< Start of the bytes in the buffer that are not yet passed on.
     unsigned int m_end = 0; ///< End of the filled bytes; equal to `m_pos` if the buffer is empty.
+    /// The size of the buffer in bytes, 0 for none.
     unsigned int const m_buffer_size;
     unsigned char* const m_buffer; ///< Null also if the allocation failed.
 

@@ -15,6 +15,7 @@ public:
     static TimePoint const MAX;
 
     constexpr TimePoint() noexcept = default;
+    /// Creates a point from milliseconds of its clock.
     TARN_API_INLINE constexpr explicit TimePoint(long long ms) noexcept : m_ms(ms) {}
 
     /// Reads the clock (`clock_gettime`), rounded down to the millisecond. Cannot fail. Callable from any
@@ -32,12 +33,16 @@ public:
     /// that the system's `time_t` cannot hold becomes its largest value. A negative moment becomes 0.
     timespec toTimespec() const noexcept;
 
+    /// Returns the time between two points.
     TARN_API_INLINE friend constexpr Duration operator-(TimePoint a, TimePoint b) noexcept {
         return Duration(a.m_ms - b.m_ms);
     }
+    /// Returns a later point.
     TARN_API_INLINE friend constexpr TimePoint operator+(TimePoint a, Duration b) noexcept {
         return TimePoint(a.m_ms + b.getCount());
     }
+    /// @{
+    /// Compares two points.
     TARN_API_INLINE friend constexpr bool operator==(TimePoint a, TimePoint b) noexcept {
         return a.m_ms == b.m_ms;
     }
@@ -56,6 +61,7 @@ public:
     TARN_API_INLINE friend constexpr bool operator>=(TimePoint a, TimePoint b) noexcept {
         return a.m_ms >= b.m_ms;
     }
+    /// @}
 
 private:
     long long m_ms = 0;

@@ -33,17 +33,17 @@ public:
 
     /// Blocks until the condition is signaled (`pthread_cond_wait`). The caller must hold the mutex.
     /// @return 0 after a wake-up, which may be spurious; any other value is a failure
-    int wait();
+    [[nodiscard]] int wait();
 
     /// Blocks until the condition is signaled or the deadline passes (`pthread_cond_timedwait`). The caller
     /// must hold the mutex. `TimePoint::MAX` means no deadline.
     /// @return 0 after a wake-up, which may be spurious; `TIMEOUT` at the deadline; any other value is a
     ///         failure
-    int wait_timeout(tarnbase::TimePoint const& deadline);
+    [[nodiscard]] int wait_timeout(tarnbase::TimePoint const& deadline);
 
     /// Wakes one waiting thread, if there is one (`pthread_cond_signal`).
     /// @return 0 on success; `ERROR_INCONSISTENCY`; any other value is another failure
-    int signal_one() noexcept;
+    [[nodiscard]] int signal_one() noexcept;
 
 private:
     static int classify(int error) noexcept;

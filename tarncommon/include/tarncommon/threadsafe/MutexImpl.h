@@ -39,13 +39,13 @@ public:
 
     /// Blocks until the lock is acquired (`pthread_mutex_lock`).
     /// @return 0 on success; `ERROR_INCONSISTENCY`; any other value is another failure
-    TARN_API_INLINE int lock() noexcept TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
+    [[nodiscard]] TARN_API_INLINE int lock() noexcept TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
         int const error = pthread_mutex_lock(&m_mutex);
         return __builtin_expect(error == 0, 1) ? 0 : classify(error);
     }
 
     /// Releases the lock (`pthread_mutex_unlock`). Returns the same results as `lock`.
-    TARN_API_INLINE int unlock() noexcept TARN_RELEASE() TARN_NOT_ANALYZED {
+    [[nodiscard]] TARN_API_INLINE int unlock() noexcept TARN_RELEASE() TARN_NOT_ANALYZED {
         int const error = pthread_mutex_unlock(&m_mutex);
         return __builtin_expect(error == 0, 1) ? 0 : classify(error);
     }

@@ -29,17 +29,25 @@ public:
     /// destroyed.
     class Iterator {
     public:
+        /// @{
+        /// A type that the standard library requires.
         using iterator_category = random_access_iterator_tag;
         using value_type = unsigned int;
         using difference_type = ptrdiff_t;
         using pointer = void;
         using reference = unsigned int;
+        /// @}
 
         constexpr Iterator() noexcept = default;
 
+        /// @{
+        /// Returns a code point.
         unsigned int operator*() const noexcept { return *m_at; }
         unsigned int operator[](difference_type n) const noexcept { return m_at[n]; }
+        /// @}
 
+        /// @{
+        /// Moves the iterator.
         Iterator& operator++() noexcept { return *this += 1; }
         Iterator& operator--() noexcept { return *this -= 1; }
         Iterator operator++(int) noexcept { return Iterator(m_at++); }
@@ -52,7 +60,10 @@ public:
             m_at -= n;
             return *this;
         }
+        /// @}
 
+        /// @{
+        /// Returns a moved iterator, or the distance of two of them, or compares two of them.
         friend Iterator operator+(Iterator i, difference_type n) noexcept { return i += n; }
         friend Iterator operator+(difference_type n, Iterator i) noexcept { return i += n; }
         friend Iterator operator-(Iterator i, difference_type n) noexcept { return i -= n; }
@@ -63,6 +74,7 @@ public:
         friend bool operator<=(Iterator a, Iterator b) noexcept { return a.m_at <= b.m_at; }
         friend bool operator>(Iterator a, Iterator b) noexcept { return a.m_at > b.m_at; }
         friend bool operator>=(Iterator a, Iterator b) noexcept { return a.m_at >= b.m_at; }
+        /// @}
 
     private:
         friend class String;
@@ -73,18 +85,24 @@ public:
     };
 
     // Member types that standard algorithms and containers require.
+    /// @{
+    /// A type that the standard library requires.
     using value_type = unsigned int;
     using iterator = Iterator;
     using const_iterator = Iterator;
+    /// @}
 
     /// Creates an empty text.
     String() noexcept;
 
+    /// @{
+    /// Copies or moves the text.
     String(String const& other);
     String(String&& other) noexcept;
     String& operator=(String const& other);
     String& operator=(String&& other) noexcept;
     ~String();
+    /// @}
 
     /// Creates a text of one character. The conversion is implicit on purpose: `name + REPLACEMENT_CHAR`.
     TARN_API_INLINE String(unsigned int code_point) : m_text(1, static_cast<char32_t>(code_point)) {}
@@ -103,10 +121,14 @@ public:
         return static_cast<unsigned int>(m_text.size());
     }
 
+    /// Returns whether the text has no character.
     bool isEmpty() const noexcept { return m_text.empty(); }
 
+    /// @{
+    /// Returns the limits of the text, for loops and algorithms.
     TARN_API_INLINE Iterator begin() const noexcept { return Iterator(m_text.data()); }
     TARN_API_INLINE Iterator end() const noexcept { return Iterator(m_text.data() + m_text.size()); }
+    /// @}
 
     /// Returns `count` characters from position `first`, which counts from 0. A negative `first` counts as 0.
     /// A `first` beyond the end or a negative `count` gives an empty text. A `count` that reaches beyond the
@@ -117,19 +139,24 @@ public:
     /// is empty unless `begin` lies before `end`.
     String substr(Iterator const& begin, Iterator const& end) const;
 
+    /// Appends a text.
     String& operator+=(String const& other) {
         m_text += other.m_text;
         return *this;
     }
 
+    /// Returns two texts joined.
     TARN_API_INLINE friend String operator+(String a, String const& b) {
         a += b;
         return a;
     }
+    /// @{
+    /// Compares two texts.
     TARN_API_INLINE friend bool operator==(String const& a, String const& b) noexcept {
         return a.m_text == b.m_text;
     }
     friend bool operator!=(String const& a, String const& b) noexcept { return a.m_text != b.m_text; }
+    /// @}
 
 private:
     explicit String(u32string text) noexcept : m_text(std::move(text)) {}

@@ -33,7 +33,7 @@ void unlockAgainOrAbort(
     TARN_RELEASE(lock) TARN_NOT_ANALYZED {
     if (lock.unlock()) {
         std::GlobalErrorHandler::doAbort(place.file, place.line, function, "%s", failure);
-        lock.unlock();
+        static_cast<void>(lock.unlock());
     }
 }
 

@@ -89,7 +89,7 @@ Directory takeOver(UniqueFd fd, char const* function) {
     handle.fd = fd.get();
     Directory directory(&handle);
     if (directory.isValid() || directory.atEnd()) {
-        fd.release();
+        static_cast<void>(fd.release());
         return directory;
     }
     SavedErrorChain const saved;

@@ -137,7 +137,7 @@ bool SerialPort::configure() {
 bool SerialPort::giveUp() {
     // Taken before the close, which changes `errno`.
     SystemErrorText const reason;
-    close();
+    static_cast<void>(close());
     closeUnbuffered();
     m_had_error = true;
     report(SOURCE, Chain::UNKNOWN, SysErrorId::UNCLASSIFIED, reason.get());

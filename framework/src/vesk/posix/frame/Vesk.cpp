@@ -99,8 +99,9 @@ void Vesk::cleanupAll() {
 
 // ---- system ----
 
-// Unlike the other static objects, this one needs system calls while the library is loaded.
-Vesk::SystemInfo const Vesk::s_sys_info;
+// Unlike the other static objects, this one needs system calls while the library is loaded. Before the program's own
+// static objects, also in a static library.
+__attribute__((init_priority(101))) Vesk::SystemInfo const Vesk::s_sys_info;
 
 Vesk::SystemInfo::SystemInfo() noexcept
     : page_size(readSystemNumber(_SC_PAGESIZE)), processor_count(readSystemNumber(_SC_NPROCESSORS_ONLN)) {}

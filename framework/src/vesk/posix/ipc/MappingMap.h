@@ -20,7 +20,7 @@ inline void enterMapping(MappingMap& mappings, MemMapping mapping) {
         // entry is stale.
         mappings.insert_or_assign(mapping.getAddress(), mapping);
     } catch (...) {
-        mapping.destroy();
+        static_cast<void>(mapping.destroy());
         throw;
     }
 }

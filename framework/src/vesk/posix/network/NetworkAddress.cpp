@@ -56,9 +56,10 @@ std::string getLinkText(unsigned char const* bytes) {
 
 } // namespace
 
-// Not constant-initialized: even a short std::string has no constant initializer.
-NetworkAddressBase const NetworkAddressBase::ANY_IPv4(IPV4, "0.0.0.0");
-NetworkAddressBase const NetworkAddressBase::ANY_IPv6(IPV6, "::");
+// Not constant-initialized: even a short std::string has no constant initializer. Before the program's own static
+// objects, also in a static library.
+__attribute__((init_priority(101))) NetworkAddressBase const NetworkAddressBase::ANY_IPv4(IPV4, "0.0.0.0");
+__attribute__((init_priority(101))) NetworkAddressBase const NetworkAddressBase::ANY_IPv6(IPV6, "::");
 
 bool NetworkAddressBase::set_prefix(Type type, unsigned int length) {
     switch (type) {

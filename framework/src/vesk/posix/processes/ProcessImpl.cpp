@@ -7,6 +7,7 @@
 #include "vesk/posix/detail/SystemErrorText.h"
 
 #include <vesk/AbsTime.h>
+#include <vesk/KeptChildren.h>
 #include <vesk/Vesk.h>
 #include <vesk/common/AbortingLock.h>
 
@@ -32,6 +33,9 @@ constexpr char const* SOURCE = PROCESS_IMPL_SOURCE;
 
 // How long the collector pauses after a failed wait before it waits again.
 constexpr long long WAIT_AGAIN_MS = 100;
+
+// How long it pauses while a kept child has ended and is not reaped yet, which ends every wait for any child.
+constexpr long long KEPT_AGAIN_MS = 10;
 
 /// Resets an ignored `SIGCHLD` to its default action, and clears `SA_NOCLDWAIT`: with either of them the
 /// kernel discards the exit states of children. A program inherits an ignored `SIGCHLD` across exec.
@@ -114,6 +118,11 @@ void ProcessImpl::waitChild() {
     lockOrAbort(SOURCE, mutex, "waitChild");
     auto const child = proc_obj_map.find(pid);
     if (child == proc_obj_map.end()) {
+        if (KeptChildren::isKept(pid)) {
+            auto const ended = findEnded(info);
+            ended != proc_obj_map.end() ? finish(ended, info) : pause(KEPT_AGAIN_MS);
+            return;
+        }
         reap(pid);
         GlobalErrorHandler::doWarning(
             SOURCE, __LINE__, "waitChild",
@@ -131,12 +140,34 @@ void ProcessImpl::waitChild() {
         }
         info = now;
     }
+    finish(child, info);
+}
+
+/// Passes the exit state of a child to its object.
+void ProcessImpl::finish(Children::iterator child, siginfo_t const& info) {
     ProcessTNG* const process = child->second;
     proc_obj_map.erase(child);
     // Lock order: an object's mutex is taken before this one.
     unlockOrAbort(SOURCE, mutex, "waitChild");
     ProcessTNG::processExited(process, info.si_code != CLD_EXITED, info.si_status);
     lockOrAbort(SOURCE, mutex, "waitChild");
+}
+
+/// Looks for a child that has ended behind one that the collector leaves alone.
+ProcessImpl::Children::iterator ProcessImpl::findEnded(siginfo_t& info) {
+    return std::find_if(proc_obj_map.begin(), proc_obj_map.end(), [&info](auto const& entry) {
+        siginfo_t now{};
+        bool const has_ended = waitForEnd(P_PID, entry.first, now, WNOWAIT | WNOHANG) == 0 && now.si_pid != 0;
+        info = has_ended ? now : info;
+        return has_ended;
+    });
+}
+
+void ProcessImpl::pause(long long milliseconds) {
+    AbsTimeT const again(tarnbase::TimePoint::now().getCount() + milliseconds);
+    if (condition.waitTimeout(mutex, again) < 0) {
+        GlobalErrorHandler::doAbort(SOURCE, __LINE__, "waitChild", "error waiting on condition");
+    }
 }
 
 /// Handles a failed wait. The usual cause is that there are entries but no children: the process ignores
@@ -153,10 +184,7 @@ void ProcessImpl::handleWaitFailure(int error) {
         return kill(entry.first, 0) != 0 && errno == ESRCH;
     });
     if (child == proc_obj_map.end()) {
-        AbsTimeT const again(tarnbase::TimePoint::now().getCount() + WAIT_AGAIN_MS);
-        if (condition.waitTimeout(mutex, again) < 0) {
-            GlobalErrorHandler::doAbort(SOURCE, __LINE__, "waitChild", "error waiting on condition");
-        }
+        pause(WAIT_AGAIN_MS);
         return;
     }
     ProcessTNG* const process = child->second;

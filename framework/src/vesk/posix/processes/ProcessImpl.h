@@ -9,6 +9,7 @@
 #include <vesk/Thread.h>
 #include <vesk/common/LazyInit.h>
 
+#include <csignal>
 #include <map>
 #include <string>
 
@@ -52,6 +53,9 @@ private:
     void processCollector();
     void waitChild() TARN_ACQUIRE(mutex);
     void handleWaitFailure(int error) TARN_ACQUIRE(mutex);
+    Children::iterator findEnded(siginfo_t& info) TARN_REQUIRES(mutex);
+    void pause(long long milliseconds) TARN_REQUIRES(mutex);
+    void finish(Children::iterator child, siginfo_t const& info) TARN_REQUIRES(mutex);
 
     bool m_wait_failed = false; // Used by the collector's thread only.
 };

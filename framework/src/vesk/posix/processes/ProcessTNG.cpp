@@ -95,7 +95,7 @@ ProcessTNG::ProcessTNG() {
 }
 
 ProcessTNG::ProcessTNG(std::string const& path) : ProcessTNG() {
-    setExecutable(path);
+    static_cast<void>(setExecutable(path));
 }
 
 ProcessTNG::ProcessTNG(std::string const& path, std::vector<std::string> const& argument_list)
@@ -339,7 +339,7 @@ bool ProcessTNG::wait(ExitState& state, bool timed, long long timeout) {
         return true;
     }
     if (pid == INVALID_PROCESS_ID && !m_last_state.hasExited()) {
-        lock.unlock();
+        static_cast<void>(lock.unlock());
         report(
             SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
             "no child process running, no child exit states left");

@@ -109,7 +109,7 @@ void ProcessTNG::getProcessId(std::string const& name, std::vector<int>& pids, b
         return;
     }
     std::string command;
-    for (; !directory.atEnd(); directory.next()) {
+    for (; !directory.atEnd(); static_cast<void>(directory.next())) {
         char* end = nullptr;
         unsigned long const pid = strtoul(directory.curName(), &end, 10);
         if (end == directory.curName() || *end != '\0') {

@@ -5,7 +5,7 @@ namespace vesk {
 static_assert(sizeof(unsigned int) == 4 && sizeof(unsigned long long) == 8);
 
 SecureRandom::SecureRandom(bool strong) {
-    open(strong ? "/dev/random" : "/dev/urandom", READ);
+    static_cast<void>(open(strong ? "/dev/random" : "/dev/urandom", READ));
 }
 
 SecureRandom::~SecureRandom() = default;

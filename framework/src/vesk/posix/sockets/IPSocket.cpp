@@ -144,8 +144,9 @@ void update(IPSocket::IPAddress& address, int fd, Call call) {
 
 } // namespace
 
-IPSocket::IPAddress const IPSocket::IPAddress::ANY_ADDRESS(ANY_IP, 0);
-IPSocket::IPAddress const IPSocket::IPAddress::ANY_ADDRESS6(ANY_IP6, 0);
+// Before the program's own static objects, also in a static library.
+__attribute__((init_priority(101))) IPSocket::IPAddress const IPSocket::IPAddress::ANY_ADDRESS(ANY_IP, 0);
+__attribute__((init_priority(101))) IPSocket::IPAddress const IPSocket::IPAddress::ANY_ADDRESS6(ANY_IP6, 0);
 
 IPSocket::IPAddress::IPAddress(sockaddr_in const& binary) {
     char text[INET_ADDRSTRLEN];

@@ -415,7 +415,7 @@ bool Alarm::Timer::waitForCalls(char const* function) noexcept {
 /// Wakes the next waiter: a call, or the ring that follows all calls. Each waiter that continues wakes the
 /// next.
 void Alarm::Timer::wakeNext() noexcept {
-    (m_waiting_calls != 0 ? m_calls_may_go_on : m_ring_may_begin).signal_one();
+    static_cast<void>((m_waiting_calls != 0 ? m_calls_may_go_on : m_ring_may_begin).signal_one());
 }
 
 void Alarm::Timer::ring(void* engine) {

@@ -291,7 +291,7 @@ bool Thread::start() {
         return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED);
     }
     if (getState() != CREATED) {
-        lock.unlock();
+        static_cast<void>(lock.unlock());
         report(
             SOURCE, Chain::UNKNOWN, std::CommonErrorId::CONTRACT_BROKEN, "start() called in invalid state");
         return true;
@@ -300,7 +300,7 @@ bool Thread::start() {
     // not visible.
     if (m_shared.condition.signal()) {
         SystemErrorText const text;
-        lock.unlock();
+        static_cast<void>(lock.unlock());
         report(SOURCE, Chain::ON_TOP, ErrorId::START_FAILED, text.get());
         return true;
     }
@@ -345,7 +345,7 @@ bool Thread::prepareJoin() {
         return reportFailure(SOURCE, Chain::ON_TOP, ErrorId::JOIN_FAILED);
     }
     if (getState() == CREATED || getState() == DEAD || getThreadId() == getCallerThreadId()) {
-        lock.unlock();
+        static_cast<void>(lock.unlock());
         report(
             SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
             "Invalid state for join, or tried to join the own thread");
@@ -450,7 +450,7 @@ bool Thread::suspendCaller(Shared& shared, long long ms) {
         return false;
     }
     if (shared.object_gone) {
-        lock.unlock();
+        static_cast<void>(lock.unlock());
         report(
             SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN,
             "suspend() called by non-associated thread");
@@ -462,7 +462,7 @@ bool Thread::suspendCaller(Shared& shared, long long ms) {
         if (isSuspended(shared)) {
             shared.state.store(before, std::memory_order_relaxed);
         }
-        lock.unlock();
+        static_cast<void>(lock.unlock());
         report(SOURCE, Chain::ON_TOP, ErrorId::SUSPEND_FAILED, text.get());
         return true;
     }
@@ -480,7 +480,7 @@ bool Thread::wakeup() {
     if (getState() == SUSPENDED) {
         if (m_shared.condition.signal()) {
             SystemErrorText const text;
-            lock.unlock();
+            static_cast<void>(lock.unlock());
             report(SOURCE, Chain::NEW, ErrorId::WAKEUP_FAILED, text.get());
             return true;
         }
@@ -509,14 +509,14 @@ bool Thread::terminate() {
         });
     }
     if (error == ThreadLink::TOO_LATE) {
-        lock.unlock();
+        static_cast<void>(lock.unlock());
         report(
             SOURCE, Chain::UNKNOWN, std::CommonErrorId::CONTRACT_BROKEN,
             "Invalid state for termination request");
         return true;
     }
     if (error != 0) {
-        lock.unlock();
+        static_cast<void>(lock.unlock());
         errno = error;
         return reportFailure(SOURCE, Chain::UNKNOWN, ErrorId::TERMINATE_FAILED);
     }
