@@ -494,7 +494,7 @@ struct Throwing : Socket {
     bool performFlush() override { return true; }
 };
 
-TEST(SocketTest, closesTheDescriptorWithoutAnAssertionIfAConstructorOfASubclassThrows) {
+TEST(Socket, closesTheDescriptorWithoutAnAssertionIfAConstructorOfASubclassThrows) {
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
     EventRecorder const events;
