@@ -1,5 +1,6 @@
 #include "Emulation.h"
 #include "LifeCycleSubjects.h"
+#include "support/Cancellation.h"
 #include "support/Descriptors.h"
 #include "support/Sanitizers.h"
 #include "support/Sleeper.h"
@@ -348,9 +349,12 @@ TEST_P(LifeCycle, isAsTheMatrixSays) {
     char const letter = getLetters(*row, event)[state];
     if (event == TERMINATED && state != IDLE) {
         VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
-    }
-    if (event == TERMINATED && state != IDLE && !support::FOLLOWS_CANCELED_THREADS) {
-        GTEST_SKIP() << "the thread sanitizer does not follow a thread that is canceled in a system call";
+        if (!support::FOLLOWS_CANCELED_THREADS) {
+            GTEST_SKIP() << "the thread sanitizer does not follow a thread that is canceled in a system call";
+        }
+        if (!support::UNWINDS_ASYNCHRONOUSLY) {
+            GTEST_SKIP() << "the C library has no unwind tables for some of its cancellation points";
+        }
     }
     support::ChildEnd const end =
         support::runInChild([&, its_row = row, its_event = event, its_state = state] {
