@@ -1,12 +1,16 @@
 // A module that a program loads and unloads, with the libraries that it uses.
 
+#include "LifeCycleSubjects.h"
 #include "Uses.h"
 
 #include <vesk/Vesk.h>
 
+#include <cstring>
 #include <pthread.h>
+#include <thread>
 
 extern "C" __attribute__((visibility("default"))) void use_the_libraries(char const* prefix);
+extern "C" __attribute__((visibility("default"))) void live_and_end(bool with_children);
 
 /// Uses every class, once in a thread that ends and once in the calling one.
 void use_the_libraries(char const* prefix) {
@@ -24,5 +28,28 @@ void use_the_libraries(char const* prefix) {
         }
     }
     uses::removeNames();
+    vesk::Vesk::cleanupAll();
+}
+
+/// Brings an object of each class of the matrix into each of its states, and destroys it.
+void live_and_end(bool with_children) {
+    vesk::Vesk const vesk(false, false);
+    for (life::Class const& row : life::getClasses()) {
+        if (!with_children && strcmp(row.name, "ProcessTNG") == 0) {
+            continue;
+        }
+        std::unique_ptr<life::Subject> const subject = row.make();
+        subject->use();
+        if (row.callbacks == life::Callbacks::OF_WAITER) {
+            subject->in_callback = [] {};
+            subject->trigger();
+        }
+        if (row.waits) {
+            subject->prepareWait();
+            std::thread waiter([&] { subject->wait(); });
+            subject->wake();
+            waiter.join();
+        }
+    }
     vesk::Vesk::cleanupAll();
 }

@@ -482,4 +482,27 @@ TEST(SocketOptions, withoutADescriptorOfASocketFail) {
     close(ends[1]);
 }
 
+/// A subclass with a constructor that throws when there is a descriptor.
+struct Throwing : Socket {
+    explicit Throwing(int fd) : Socket(true, 100, 100) {
+        m_socket_handle.socket_fd = fd;
+        m_socket_state = OPEN;
+        throw std::bad_alloc();
+    }
+    bool performRead(void*, unsigned int, unsigned int&) override { return true; }
+    bool performWrite(void const*, unsigned int, unsigned int&) override { return true; }
+    bool performFlush() override { return true; }
+};
+
+TEST(Socket, closesTheDescriptorWithoutAnAssertionIfAConstructorOfASubclassThrows) {
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    EventRecorder const events;
+    EXPECT_THROW(Throwing{ends[0]}, std::bad_alloc);
+    EXPECT_EQ("", events.getText());
+    EXPECT_EQ(-1, fcntl(ends[0], F_GETFD)) << "the descriptor is lost";
+    EXPECT_TRUE(chainIs({}));
+    close(ends[1]);
+}
+
 } // namespace

@@ -10,6 +10,13 @@ constexpr bool FORGETS_UNWOUND_FRAMES = false;
 constexpr bool FORGETS_UNWOUND_FRAMES = true;
 #endif
 
+#if defined(__SANITIZE_THREAD__)
+/// The thread sanitizer does not follow a thread that is canceled in a system call.
+constexpr bool FOLLOWS_CANCELED_THREADS = false;
+#else
+constexpr bool FOLLOWS_CANCELED_THREADS = true;
+#endif
+
 } // namespace support
 
 #define VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN()                                                              \

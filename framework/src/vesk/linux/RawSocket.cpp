@@ -1,5 +1,6 @@
 #include <vesk/RawSocket.h>
 
+#include "vesk/posix/detail/CloseFd.h"
 #include "vesk/posix/sockets/SocketPosixCommon.h"
 
 #include <vesk/common/CancellationOff.h>
@@ -114,7 +115,7 @@ bool RawSocket::close() {
     }
     m_had_error = false;
     // Not repeated when a signal interrupts it: the system has already released the descriptor then.
-    int const result = ::close(m_socket_handle.socket_fd);
+    int const result = closeFd(m_socket_handle.socket_fd);
     m_socket_handle.socket_fd = INVALID_SOCKET_FD;
     m_socket_state = DEAD;
     if (result == 0) {

@@ -160,7 +160,7 @@ private:
     void wake() noexcept TARN_REQUIRES(m_lock);
 
     Clock::duration getWait(Clock::duration timeout) const noexcept TARN_REQUIRES(m_lock);
-    int wait(Clock::duration limit) noexcept;
+    int wait(Clock::duration limit);
     void collect(epoll_event const& event) noexcept TARN_REQUIRES(m_lock);
     void collectOwn(int number) noexcept TARN_REQUIRES(m_lock);
     void collectSignals() noexcept TARN_REQUIRES(m_lock);

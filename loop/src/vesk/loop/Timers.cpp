@@ -206,7 +206,8 @@ Clock::duration Core::getWait(Clock::duration timeout) const noexcept {
 }
 
 /// Waits for descriptors. A negative limit is none. Returns the number of events, or -1 with `errno` set.
-int Core::wait(Clock::duration limit) noexcept {
+/// A cancellation point, and therefore not `noexcept`.
+int Core::wait(Clock::duration limit) {
     int const size = static_cast<int>(m_events.size());
     if (limit <= Clock::duration::zero()) {
         return epoll_wait(m_epoll.get(), m_events.data(), size, limit < Clock::duration::zero() ? -1 : 0);

@@ -1,5 +1,6 @@
 #include <vesk/BinFileBase.h>
 
+#include "vesk/posix/detail/CloseFd.h"
 #include "vesk/posix/detail/ErrnoTable.h"
 #include "vesk/posix/detail/SystemErrorText.h"
 
@@ -110,7 +111,7 @@ bool BinFileBase::close() {
     if (!isValid()) {
         return false;
     }
-    while (::close(m_fd) != 0) {
+    while (closeFd(m_fd) != 0) {
         // Stays set even if the repeated call succeeds; therefore not `retryOnEintr`.
         m_had_error = true;
         int const error = errno;

@@ -1,6 +1,7 @@
 #include <vesk/Directory.h>
 
 #include "PrivateDirectory.h"
+#include "vesk/posix/detail/CloseFd.h"
 #include "vesk/posix/detail/ErrnoTable.h"
 #include "vesk/posix/detail/SystemErrorText.h"
 
@@ -152,7 +153,7 @@ void Directory::adopt(char const* path) {
     }
     classify(SOURCE, OPEN_ERRORS, errno, path);
     if (m_handle.fd != -1) {
-        if (close(m_handle.fd) != 0) {
+        if (closeFd(m_handle.fd) != 0) {
             std::GlobalErrorHandler::doAbort(SOURCE, __LINE__, "Directory", "Error closing dir FD");
         }
         m_handle.fd = -1;
@@ -173,7 +174,7 @@ void Directory::init() {
         // Usually the descriptor is closed already, and this call warns. If another thread has received the
         // same number in between, the call closes the descriptor of that thread. This is accepted, because a
         // failure of the first step is rare.
-        closeOrWarn([this] { return close(m_handle.fd); }, "init", "error closing dir-fd");
+        closeOrWarn([this] { return closeFd(m_handle.fd); }, "init", "error closing dir-fd");
     }
     m_handle = DirectoryHandle();
     saved.restore();

@@ -1,5 +1,6 @@
 #include <vesk/Pipe.h>
 
+#include "vesk/posix/detail/CloseFd.h"
 #include "vesk/posix/detail/ErrnoTable.h"
 
 #include <vesk/SysError.h>
@@ -31,7 +32,7 @@ constexpr ErrnoRow CLOSE_ERRORS[] = {
 
 /// Closes an open descriptor. Returns true on failure, after a report.
 bool closeEnd(int fd) {
-    if (close(fd) != 0) {
+    if (closeFd(fd) != 0) {
         classify(SOURCE, CLOSE_ERRORS, errno);
         return true;
     }

@@ -1,5 +1,6 @@
 #include <vesk/SerialPort.h>
 
+#include "vesk/posix/detail/CloseFd.h"
 #include "vesk/posix/detail/ErrnoTable.h"
 #include "vesk/posix/detail/SystemErrorText.h"
 
@@ -148,7 +149,7 @@ bool SerialPort::giveUp() {
 /// that nothing else closes the descriptor.
 void SerialPort::closeUnbuffered() {
     if (m_fd != -1 && !isValid()) {
-        ::close(m_fd);
+        closeFd(m_fd);
         m_fd = -1;
     }
 }

@@ -1,6 +1,7 @@
 #include <vesk/SharedMemoryBase.h>
 
 #include "MappingMap.h"
+#include "vesk/posix/detail/CloseFd.h"
 #include "vesk/posix/detail/ErrnoTable.h"
 
 #include <vesk/SysError.h>
@@ -47,7 +48,7 @@ bool SharedMemoryBase::close() {
         return false;
     }
     bool const unmapping_failed = destroyMappings(mappings);
-    if (retryOnEintr([this] { return ::close(descriptor); }) == 0) {
+    if (retryOnEintr([this] { return closeFd(descriptor); }) == 0) {
         descriptor = -1;
         return unmapping_failed;
     }

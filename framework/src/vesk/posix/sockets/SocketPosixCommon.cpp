@@ -1,5 +1,7 @@
 #include "SocketPosixCommon.h"
 
+#include "vesk/posix/detail/CloseFd.h"
+
 #include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/CommonError.h>
@@ -213,7 +215,7 @@ bool shutdownSocket(int fd) {
 }
 
 bool closeSocket(int fd) {
-    if (retryOnEintr([&] { return close(fd); }) == 0) {
+    if (retryOnEintr([&] { return closeFd(fd); }) == 0) {
         return false;
     }
     classify(SOURCE, CLOSE_ERRORS, errno);
