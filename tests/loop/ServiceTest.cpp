@@ -75,6 +75,15 @@ TEST_F(ServiceManagerTest, isNotThereOrCannotBeReached) {
     }
 }
 
+TEST_F(ServiceManagerTest, doesNotBlockTheServiceIfItDoesNotRead) {
+    openManager(folder / "notify");
+    std::error_code code;
+    for (int sent = 0; sent < 10000 && !code; ++sent) {
+        code = ServiceManager::ready().code();
+    }
+    EXPECT_EQ(std::errc::resource_unavailable_try_again, code);
+}
+
 TEST_F(ServiceManagerTest, getsSignsOfLifeIfItWantsThemOfThisProcess) {
     openManager(folder / "notify");
     setenv("WATCHDOG_USEC", "4000", 1);

@@ -16,7 +16,8 @@ namespace vesk::loop {
 ///     loop.run();
 ///     (void)ServiceManager::stopping();
 ///
-/// Any thread, as long as no thread changes the environment.
+/// No operation blocks: a manager that does not read its socket makes them fail with `EAGAIN`. Any thread may call them,
+/// as long as no thread changes the environment.
 class VESK_LOOP_API ServiceManager {
 public:
     /// Tells that the service has started, or has reloaded its configuration (`READY=1`).

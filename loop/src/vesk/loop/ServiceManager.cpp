@@ -44,8 +44,8 @@ int sendTo(std::string_view path, std::string_view text) noexcept {
     ssize_t sent = -1;
     do {
         sent = sendto(
-            fd.get(), text.data(), text.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr const*>(&address),
-            size);
+            fd.get(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+            reinterpret_cast<sockaddr const*>(&address), size);
     } while (sent < 0 && errno == EINTR);
     return sent < 0 ? errno : 0;
 }
