@@ -81,6 +81,11 @@ install(
     COMPONENT development)
 
 install(
+    FILES scripts/gdb/vesk.py
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/gdb
+    COMPONENT development)
+
+install(
     FILES README.md CHANGELOG.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR}
     COMPONENT docs)

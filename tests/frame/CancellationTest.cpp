@@ -377,6 +377,13 @@ std::vector<Row> getRows() {
     add("~vesk::Timer::HighPrioTimer ~vesk::Alarm::Timer", ends<vesk::Timer::HighPrioTimer>);
     add("~vesk::Alarm::DefaultTimer vesk::Alarm::Timer::waitForCallback",
         [] { cancelThen<vesk::Alarm::DefaultTimer>([](auto& engine) { engine.waitForCallback(); }); });
+    add("~vesk::KeptChildren::Start vesk::KeptChildren::Start::keep vesk::KeptChildren::release", [] {
+        constexpr int CHILD = 1 << 30; // More than any id of a process.
+        vesk::KeptChildren::Start start;
+        cancelSelf();
+        start.keep(CHILD);
+        vesk::KeptChildren::release(CHILD);
+    });
     add("~vesk::Alarm", [] {
         static vesk::Alarm::Timer s_engine(SIGRTMIN + 5, "engine", vesk::sched::Attr());
         std::SharedBase::Ptr<vesk::Alarm::Timer> const engine(nullptr, &s_engine);
@@ -647,13 +654,14 @@ static_assert(
         vesk::AtomicCounter, vesk::BinFileBase::OpenFlags, vesk::BinFileBase::ReadFlags,
         vesk::BinFileBase::ReadWriteFlags, vesk::BinFileBase::WriteFlags, vesk::CalendarTime,
         vesk::ConditionOps, vesk::DirectoryHandle, vesk::DnsSd, vesk::DnsSdBase, vesk::Environment,
-        vesk::FileAccess, vesk::FileInfo, vesk::FileSys, vesk::IPSocket::BinaryAddress, vesk::MemMapping,
-        vesk::MemMapping::MemAccessFlags, vesk::MsgQueueBase::Message, vesk::MutexOps, vesk::NetworkInterface,
-        vesk::ProcessTNG::ExitState, vesk::ProcessTimeStopWatch, vesk::RWLockOps, vesk::RelaxedFlag,
-        vesk::RealtimeStopWatch, vesk::Regex::SubMatch, vesk::SavedErrorChain, vesk::SignalQueueBase,
-        vesk::SpinLockOps, vesk::SystemError, vesk::SystemLoad, vesk::TCPSocket::KeepaliveSettings, vesk::TLS,
-        vesk::Thread::ThreadId, vesk::ThreadTimeStopWatch, vesk::Time, vesk::UserFS, vesk::Vesk,
-        vesk::Vesk::SystemInfo, vesk::sched::Attr, vesk::sched::Param, vesk::sched::Policy>);
+        vesk::FileAccess, vesk::FileInfo, vesk::FileSys, vesk::IPSocket::BinaryAddress, vesk::KeptChildren,
+        vesk::MemMapping, vesk::MemMapping::MemAccessFlags, vesk::MsgQueueBase::Message, vesk::MutexOps,
+        vesk::NetworkInterface, vesk::ProcessTNG::ExitState, vesk::ProcessTimeStopWatch, vesk::RWLockOps,
+        vesk::RelaxedFlag, vesk::RealtimeStopWatch, vesk::Regex::SubMatch, vesk::SavedErrorChain,
+        vesk::SignalQueueBase, vesk::SpinLockOps, vesk::SystemError, vesk::SystemLoad,
+        vesk::TCPSocket::KeepaliveSettings, vesk::TLS, vesk::Thread::ThreadId, vesk::ThreadTimeStopWatch,
+        vesk::Time, vesk::UserFS, vesk::Vesk, vesk::Vesk::SystemInfo, vesk::sched::Attr, vesk::sched::Param,
+        vesk::sched::Policy>);
 
 // ---- the test ----
 

@@ -294,6 +294,50 @@ TEST_F(ConnectionTest, withoutASocketEachOperationFails) {
     one.pause();
 }
 
+TEST(ConnectionStorm, isEndedInAnotherThreadAtAnyMomentOfAnEcho) {
+    Loop loop;
+    Watch const keeps = valueOf(loop.every(1h, [] {}));
+    std::thread runner([&loop] { EXPECT_TRUE(loop.run()); });
+    std::string buffer(1000, 'x');
+    for (int round = 0; round < 300; ++round) {
+        int sockets[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets));
+        Fd const client(sockets[1]);
+        std::atomic<bool> is_over{false};
+        std::atomic<int> calls{0};
+        Connection connection = valueOf(Connection::adopt(loop, Fd(sockets[0])));
+        std::atomic<bool> is_ready{false};
+        EXPECT_TRUE(loop.post([&] {
+            connection.setDeadlines({1ms * (round % 7), 1ms * (round % 5), 1ms * (round % 3)});
+            connection.onEnd([&](Result<> const&) {
+                ++calls;
+                EXPECT_FALSE(is_over);
+            });
+            EXPECT_TRUE(connection.onData([&](std::string_view data) {
+                ++calls;
+                EXPECT_FALSE(is_over);
+                (void)connection.write(data);
+                if (round % 4 == 0) {
+                    (void)connection.close();
+                }
+            }));
+            is_ready = true;
+        }));
+        EXPECT_TRUE(eventually([&is_ready] { return is_ready.load(); }));
+        for (int i = 0; i < round % 6; ++i) {
+            (void)send(client.get(), buffer.data(), buffer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            (void)recv(
+                client.get(), buffer.data(), buffer.size(),
+                i % 2 == 0 ? MSG_DONTWAIT : MSG_PEEK | MSG_DONTWAIT);
+        }
+        EXPECT_TRUE(round % 6 == 0 || eventually([&calls] { return calls > 0; }));
+        connection.cancel();
+        is_over = true;
+    }
+    loop.stop();
+    runner.join();
+}
+
 // ---- listeners ----
 
 TEST(ListenerTest, replacesALeftOverSocketFileButNotOneInUse) {

@@ -3,9 +3,15 @@
 #include "support/NewFault.h"
 #include "support/SyscallFault.h"
 
+#include <vesk/loop/Datagram.h>
+#include <vesk/loop/FileWatch.h>
+#include <vesk/loop/Listener.h>
+
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/timerfd.h>
 
 /// What the operations report when a system call or an allocation fails, and how they do without a missing call.
@@ -20,11 +26,21 @@ VESK_INJECT_ERRNO(
 VESK_INJECT_ERRNO(
     int, -1, epoll_wait, (int epoll, epoll_event* events, int size, int timeout),
     (epoll, events, size, timeout))
+VESK_INJECT_ERRNO(int, -1, socket, (int domain, int type, int protocol) noexcept, (domain, type, protocol))
+VESK_INJECT_ERRNO(int, -1, listen, (int fd, int backlog) noexcept, (fd, backlog))
+VESK_INJECT_ERRNO(int, -1, inotify_init1, (int flags) noexcept, (flags))
 VESK_INJECT_ERRNO(int, -1, pipe2, (int* ends, int flags) noexcept, (ends, flags))
 
 namespace {
 
 using namespace support;
+using vesk::loop::Address;
+using vesk::loop::Connection;
+using vesk::loop::Datagram;
+using vesk::loop::FileEvent;
+using vesk::loop::FileWatch;
+using vesk::loop::Listener;
+using vesk::loop::lookUp;
 
 constexpr long PIDFD_OPEN = 434;
 constexpr long EPOLL_PWAIT2 = 441;
@@ -53,7 +69,40 @@ std::error_code watchChild(Loop& loop) {
     return result;
 }
 
+std::error_code openListener(Loop& loop) {
+    return Listener::open(loop, "127.0.0.1:0", [](Connection const&) {}).code();
+}
+std::error_code openConnection(Loop& loop) {
+    Listener const server =
+        valueOf(Listener::open(loop, "unix:@vesk-loop-failure", [](Connection const&) {}));
+    Address const address = server.address();
+    return Connection::open(loop, address).code();
+}
+std::error_code openDatagram(Loop& loop) {
+    return Datagram::open(loop, "127.0.0.1:0", [](std::string_view, Address const&) {}).code();
+}
+std::error_code openFiles(Loop& loop) {
+    return FileWatch::open(loop, [](FileEvent const&) {}).code();
+}
+
+/// Waits for the end, so that the thread of the look-up has closed its descriptors.
+std::error_code lookUpNumber(Loop& loop) {
+    auto const watch = lookUp(loop, "127.0.0.1:7", [](auto) {});
+    EXPECT_TRUE(loop.runToEnd());
+    return watch.code();
+}
+
 Row const ROWS[] = {
+    {"socketOfAListener", inject_socket, 1, openListener},
+    {"listen", inject_listen, 1, openListener},
+    {"epollCtlOfAListener", inject_epoll_ctl, 1, openListener},
+    {"socketOfAConnection", inject_socket, 2, openConnection},
+    {"epollCtlOfAConnection", inject_epoll_ctl, 2, openConnection},
+    {"socketOfDatagrams", inject_socket, 1, openDatagram},
+    {"epollCtlOfDatagrams", inject_epoll_ctl, 1, openDatagram},
+    {"inotify", inject_inotify_init1, 1, openFiles},
+    {"epollCtlOfFiles", inject_epoll_ctl, 1, openFiles},
+    {"pipeOfALookUp", inject_pipe2, 1, lookUpNumber},
     {"epollCreate", inject_epoll_create1, 1, onNewLoop},
     {"eventfd", inject_eventfd, 1, onNewLoop},
     {"epollCtlOfTheLoop", inject_epoll_ctl, 1, onNewLoop},
@@ -63,6 +112,8 @@ Row const ROWS[] = {
     {"epollCtlOfSignals", inject_epoll_ctl, 1,
      [](Loop& loop) { return codeOf(loop.onSignal(SIGURG, [] {})); }},
     {"timerfd", inject_timerfd_create, 1, [](Loop& loop) { return codeOf(loop.fd()); }},
+    {"timerfdOfTheClock", inject_timerfd_create, 1,
+     [](Loop& loop) { return codeOf(loop.onClockSet([] {})); }},
     {"epollCtlOfTheTimer", inject_epoll_ctl, 1, [](Loop& loop) { return codeOf(loop.fd()); }},
     {"pidfdOpen", inject_syscall, 1, watchChild},
     {"epollCtlOfAChild", inject_epoll_ctl, 1, watchChild},
@@ -128,6 +179,7 @@ TEST(LoopOnAnOldSystem, waitsForChildrenInAThread) {
 }
 
 TEST(LoopWithoutMemory, reportsThatFromEachOperationAndKeepsWorking) {
+    static std::string const LARGE(2000000, 'x');
     using Operation = std::function<std::error_code(Loop&)>;
     Operation const operations[] = {
         [](Loop& loop) { return codeOf(loop.post([] {})); },
@@ -135,6 +187,17 @@ TEST(LoopWithoutMemory, reportsThatFromEachOperationAndKeepsWorking) {
         [](Loop& loop) { return codeOf(loop.onReadable(0, [] {})); },
         [](Loop& loop) { return codeOf(loop.onSignal(SIGURG, [] {})); },
         [](Loop& loop) { return codeOf(loop.onIdle([] {})); },
+        [](Loop& loop) { return codeOf(loop.onClockSet([] {})); },
+        openListener,
+        openDatagram,
+        openFiles,
+        [](Loop& loop) {
+            int sockets[2];
+            EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets));
+            vesk::loop::Fd const other(sockets[1]);
+            auto connection = Connection::adopt(loop, vesk::loop::Fd(sockets[0]));
+            return connection ? codeOf(connection->write(LARGE)) : connection.code();
+        },
     };
     for (Operation const& operation : operations) {
         Loop loop;

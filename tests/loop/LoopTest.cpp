@@ -418,6 +418,27 @@ TEST_F(LoopTest, timerOfAnotherThreadEndsAWaitThatIsTooLong) {
     other.join();
 }
 
+// ---- the real-time clock ----
+
+TEST_F(LoopTest, datesComeOnceAndLateOnesAtOnce) {
+    using Date = std::chrono::system_clock;
+    Date::time_point const date = Date::now() + 5ms;
+    Watch const soon = valueOf(loop.atDate(date, [&] {
+        EXPECT_LE(date, Date::now());
+        log += "s";
+    }));
+    Watch const past = valueOf(loop.atDate(Date::time_point(), note("p"), Priority::HIGH));
+    Watch const ancient = valueOf(loop.atDate(Date::time_point(-1h), note("a"), Priority::LOW));
+    EXPECT_TRUE(valueOf(loop.runOnce(-1s)));
+    EXPECT_EQ("pa", log.substr(0, 2));
+    EXPECT_TRUE(loop.runToEnd());
+    EXPECT_EQ("pas", log);
+    Watch const never = valueOf(loop.atDate(Date::time_point::max(), note("n")));
+    Watch const set = valueOf(loop.onClockSet(note("c")));
+    EXPECT_FALSE(valueOf(loop.runOnce(5ms)));
+    EXPECT_TRUE(never.isActive() && set.isActive());
+}
+
 // ---- signals and children ----
 
 TEST_F(LoopTest, signalsOfTheProcessAndTheThreadCallAllTheirWatches) {

@@ -53,6 +53,13 @@ class TimerSubject : public Subject {
     void makeDue() override { std::this_thread::sleep_for(2ms); }
 };
 
+class DateSubject : public Subject {
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        return valueOf(loop.atDate(std::chrono::system_clock::now() + 1ms, std::move(callback)));
+    }
+    void makeDue() override { std::this_thread::sleep_for(2ms); }
+};
+
 class SignalSubject : public Subject {
     Watch watch(Loop& loop, std::function<void()> callback) override {
         return valueOf(loop.onSignal(SIGUSR1, std::move(callback), Priority::NORMAL));
@@ -168,7 +175,7 @@ constexpr Kind KINDS[] = {
     {"timer", makeSubject<TimerSubject>},           {"idle", makeSubject<IdleSubject>},
     {"connection", makeSubject<ConnectionSubject>}, {"listener", makeSubject<ListenerSubject>},
     {"datagram", makeSubject<DatagramSubject>},     {"file", makeSubject<FileSubject>},
-    {"lookUp", makeSubject<LookUpSubject>},
+    {"lookUp", makeSubject<LookUpSubject>},         {"date", makeSubject<DateSubject>},
 };
 
 class WatchLife : public testing::TestWithParam<Kind> {

@@ -4,6 +4,7 @@
 #include <vesk/loop/Result.h>
 #include <vesk/loop/Watch.h>
 
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <sys/types.h>
@@ -109,6 +110,14 @@ public:
         Clock::duration period, Callback<void()> callback, Priority priority = Priority::NORMAL,
         Place place = Place::here());
 
+    /// Calls back once at a moment of the real-time clock, also if the clock is set meanwhile (`timerfd`).
+    Result<Watch> atDate(
+        std::chrono::system_clock::time_point moment, Callback<void()> callback,
+        Priority priority = Priority::NORMAL, Place place = Place::here());
+    /// Calls back each time the real-time clock has been set (`TFD_TIMER_CANCEL_ON_SET`).
+    Result<Watch>
+    onClockSet(Callback<void()> callback, Priority priority = Priority::NORMAL, Place place = Place::here());
+
     /// Calls back when the process or the calling thread gets the signal (`signalfd`). Blocks the signal in the
     /// calling thread, also beyond the watch: call it before the start of other threads, which inherit that.
     Result<Watch> onSignal(
@@ -144,6 +153,10 @@ private:
     [[gnu::visibility("hidden")]] Result<W> add(Id refused, int argument, Args&&... args);
     Result<Timer> startTimer(
         Clock::time_point deadline, Clock::duration period, Callback<void()> callback, Priority priority,
+        Place place);
+
+    Result<Watch> watchClock(
+        long long seconds, long nanoseconds, int flags, Callback<void()> callback, Priority priority,
         Place place);
 
     std::shared_ptr<detail::Core> m_core;

@@ -28,6 +28,7 @@ enum Id : int {
     PATH_REFUSED = 11,     ///< The path cannot be watched. Argument: the path.
     NOT_NOTIFIED = 12,     ///< The service manager was not notified.
     NO_WATCHDOG = 13,      ///< The thread of a watchdog was refused.
+    CLOCK_REFUSED = 14,    ///< The real-time clock cannot be watched.
 };
 
 /// Returns the family of these ids.

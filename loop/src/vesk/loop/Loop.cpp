@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <new>
+#include <sys/timerfd.h>
 #include <utility>
 
 namespace vesk::loop {
@@ -195,6 +197,36 @@ Result<Timer> Loop::at(Clock::time_point moment, Callback<void()> callback, Prio
 Result<Timer> Loop::every(Clock::duration period, Callback<void()> callback, Priority priority, Place place) {
     Clock::duration const interval = std::max(period, Clock::duration(1));
     return startTimer(detail::add(Clock::now(), interval), interval, std::move(callback), priority, place);
+}
+
+Result<Watch> Loop::watchClock(
+    long long seconds, long nanoseconds, int flags, Callback<void()> callback, Priority priority,
+    Place place) {
+    UniqueFd fd(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK));
+    itimerspec setting{};
+    // A date that the system cannot represent never comes.
+    setting.it_value.tv_sec =
+        static_cast<time_t>(std::clamp<long long>(seconds, 0, std::numeric_limits<time_t>::max()));
+    setting.it_value.tv_nsec = seconds < 0 ? 1 : nanoseconds;
+    if (!fd.isOpen() || timerfd_settime(fd.get(), TFD_TIMER_ABSTIME | flags, &setting, nullptr) != 0) {
+        return makeError(SOURCE, errno, LoopErrorId::CLOCK_REFUSED);
+    }
+    return add<Watch, ClockSource>(
+        LoopErrorId::FD_REFUSED, fd.get(), priority, place, std::move(fd), std::move(callback));
+}
+
+Result<Watch> Loop::atDate(
+    std::chrono::system_clock::time_point moment, Callback<void()> callback, Priority priority, Place place) {
+    auto const time = moment.time_since_epoch();
+    auto const seconds = std::chrono::floor<std::chrono::seconds>(time);
+    // Zero would stop the timer.
+    auto const rest = std::max<long long>(std::chrono::nanoseconds(time - seconds).count(), 1);
+    return watchClock(seconds.count(), static_cast<long>(rest), 0, std::move(callback), priority, place);
+}
+
+Result<Watch> Loop::onClockSet(Callback<void()> callback, Priority priority, Place place) {
+    return watchClock(
+        std::numeric_limits<time_t>::max(), 0, TFD_TIMER_CANCEL_ON_SET, std::move(callback), priority, place);
 }
 
 Result<Watch> Loop::onIdle(Callback<void()> callback, Place place) {

@@ -21,6 +21,7 @@ constexpr std::ErrorID ROWS[] = {
     {LoopErrorId::PATH_REFUSED, "Path \"%s\" cannot be watched", 1},
     {LoopErrorId::NOT_NOTIFIED, "The service manager was not notified", 0},
     {LoopErrorId::NO_WATCHDOG, "The thread of a watchdog was refused", 0},
+    {LoopErrorId::CLOCK_REFUSED, "The real-time clock cannot be watched", 0},
 };
 
 } // namespace

@@ -150,6 +150,24 @@ private:
     Callback<void(Exit)> m_callback;
 };
 
+/// The real-time clock, by a descriptor of its own.
+class ClockSource final : public FdSource {
+public:
+    ClockSource(
+        std::shared_ptr<Core> core, Priority priority, Place place, UniqueFd descriptor,
+        Callback<void()> callback)
+        : FdSource(std::move(core), priority, place, descriptor.get(), false, Trigger::LEVEL),
+          m_descriptor(std::move(descriptor)),
+          m_callback(std::move(callback)) {}
+
+    Call prepare() noexcept override;
+    void fire() override { m_callback(); }
+
+private:
+    UniqueFd m_descriptor;
+    Callback<void()> m_callback;
+};
+
 /// A round without anything else.
 class IdleSource final : public Source {
 public:

@@ -284,6 +284,16 @@ void ChildSource::fire() {
     m_callback(m_exit);
 }
 
+// ---- the real-time clock ----
+
+Call ClockSource::prepare() noexcept {
+    uint64_t expiries = 0;
+    if (read(m_descriptor.get(), &expiries, sizeof expiries) > 0) {
+        return Call::LAST;
+    }
+    return errno == ECANCELED ? Call::AGAIN : Call::NONE;
+}
+
 // ---- idle rounds ----
 
 void Core::attach(IdleSource& source) {

@@ -191,7 +191,7 @@ Start::Fault Start::openStreams(Streams& streams, UniqueFd& input, bool is_last)
         Fault fault;
         if (number == 0 && input.isOpen()) {
             redirect(0, input.get());
-            m_opened.push_back(std::move(input));
+            m_opened.emplace_back(input.release());
         } else if (number == 1 && !is_last) {
             fault = openPipe(1, input, true);
         } else if (number == 2 && !is_last && m_command.m_streams[2].hasOtherEnd()) {
@@ -249,8 +249,9 @@ void Start::makePaths() {
     }
     for (size_t at = 0; at <= search.size();) {
         size_t const end = std::min(search.find(':', at), search.size());
-        std::string const folder = search.substr(at, end - at);
-        m_plan.paths.push_back(folder.empty() ? program : folder + '/' + program);
+        std::string path = search.substr(at, end - at);
+        path += path.empty() ? "" : "/";
+        m_plan.paths.push_back(path += program);
         at = end + 1;
     }
 }
