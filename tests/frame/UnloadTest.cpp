@@ -1,8 +1,8 @@
 // Not linked with the libraries: it loads them at run time, with the module that uses them.
 
-#include "Emulation.h"
 #include "ModulePath.h"
 #include "support/Descriptors.h"
+#include "support/Emulation.h"
 #include "support/Threads.h"
 
 #include <gtest/gtest.h>
@@ -157,7 +157,7 @@ TEST(Unload, leavesNoResource) {
     Resources const after = count();
     EXPECT_EQ(before.threads, after.threads);
     EXPECT_EQ(before.descriptors, after.descriptors);
-    if (!IS_EMULATED) { // An emulator maps memory for its translations.
+    if (!support::IS_EMULATED) { // An emulator maps memory for its translations.
         EXPECT_EQ(before.mapped_pages, after.mapped_pages);
     }
     EXPECT_EQ(before.free_keys, after.free_keys);

@@ -1,5 +1,6 @@
 #include "processes/ChildCapture.h"
 
+#include "support/Emulation.h"
 #include "support/NewFault.h"
 
 #include <tarncommon/error/ErrorApi.h>
