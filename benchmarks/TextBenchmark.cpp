@@ -31,17 +31,22 @@ void convert(benchmark::State& state) {
     }
 }
 
+std::wstring widenByHand(std::string const& path) {
+    mbstate_t shift{};
+    char const* source = path.c_str();
+    size_t const characters = mbsrtowcs(nullptr, &source, 0, &shift);
+    std::wstring wide(characters, L'\0');
+    shift = {};
+    source = path.c_str();
+    mbsrtowcs(wide.data(), &source, characters + 1, &shift);
+    return wide;
+}
+
 void convertByHand(benchmark::State& state) {
     std::string const path = makePath(state);
     for (auto _ : state) {
+        std::wstring const wide = widenByHand(path);
         mbstate_t shift{};
-        char const* source = path.c_str();
-        size_t const characters = mbsrtowcs(nullptr, &source, 0, &shift);
-        std::wstring wide(characters, L'\0');
-        shift = {};
-        source = path.c_str();
-        mbsrtowcs(wide.data(), &source, characters + 1, &shift);
-        shift = {};
         wchar_t const* wide_source = wide.c_str();
         size_t const bytes = wcsrtombs(nullptr, &wide_source, 0, &shift);
         std::unique_ptr<char[]> const narrow(new char[bytes + 1]);
@@ -65,13 +70,7 @@ void makeWidePath(benchmark::State& state) {
 void makeWidePathByHand(benchmark::State& state) {
     std::string const path = makePath(state);
     for (auto _ : state) {
-        mbstate_t shift{};
-        char const* source = path.c_str();
-        size_t const characters = mbsrtowcs(nullptr, &source, 0, &shift);
-        std::wstring wide(characters, L'\0');
-        shift = {};
-        source = path.c_str();
-        mbsrtowcs(wide.data(), &source, characters + 1, &shift);
+        std::wstring wide = widenByHand(path);
         benchmark::DoNotOptimize(wide.data());
         benchmark::ClobberMemory();
     }

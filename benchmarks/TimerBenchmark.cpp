@@ -121,7 +121,7 @@ void startStopVesk(benchmark::State& state) {
 }
 BENCHMARK(startStopVesk)->Name("Timer start plus stop (at most 1.0)/vesk")->Arg(100)->Arg(1000)->Arg(10000);
 
-/// The usual form by hand: a mutex, and a map of the expiries whose first one the kernel's timer is armed for.
+/// A hand-made engine: a mutex, a map of expiries, and one kernel timer, which is armed for the earliest expiry.
 class HandMadeTimers {
 public:
     using Place = std::multimap<long long, int>::iterator;

@@ -14,7 +14,8 @@
 
 namespace support {
 
-/// A thread that runs `body`, and whose sleep in the kernel can be awaited. The destructor joins it.
+/// Runs `body` in a thread, and can wait until this thread sleeps in a system call. The destructor joins the
+/// thread.
 class Sleeper {
 public:
     explicit Sleeper(std::function<void()> body) : m_body(std::move(body)) {

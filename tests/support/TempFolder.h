@@ -19,6 +19,13 @@ namespace support {
 /// because their directory positions exceed 32 bits.
 class TempFolder {
 public:
+    /// Returns the folder in memory in which temporary folders are created.
+    static std::string getParent() {
+        std::string const memory = "/dev/shm";
+        std::error_code error;
+        return std::filesystem::is_directory(memory, error) ? memory : testing::TempDir();
+    }
+
     /// @param parent  the folder in which it is created; by default one in memory
     explicit TempFolder(std::string const& parent = getParent()) : m_path(parent + "/vesk-test-XXXXXX") {
         EXPECT_NE(nullptr, mkdtemp(m_path.data())) << m_path;
@@ -63,12 +70,6 @@ public:
     }
 
 private:
-    static std::string getParent() {
-        std::string const memory = "/dev/shm";
-        std::error_code error;
-        return std::filesystem::is_directory(memory, error) ? memory : testing::TempDir();
-    }
-
     std::string m_path;
 };
 

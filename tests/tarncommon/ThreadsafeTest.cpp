@@ -1,3 +1,5 @@
+#include "sync/LockCalls.h"
+
 #include "support/Testing.h"
 
 #include <tarncommon/threadsafe/ConditionImpl.h>
@@ -6,19 +8,7 @@
 
 #include <initializer_list>
 
-VESK_INJECT_RESULT(pthread_mutexattr_init, (pthread_mutexattr_t * a), (a))
-VESK_INJECT_RESULT(pthread_mutex_init, (pthread_mutex_t * m, pthread_mutexattr_t const* a), (m, a))
-VESK_INJECT_RESULT(pthread_mutex_destroy, (pthread_mutex_t * m), (m))
-VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * m), (m))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * m), (m))
-VESK_INJECT_RESULT(pthread_condattr_init, (pthread_condattr_t * a), (a))
-VESK_INJECT_RESULT(pthread_condattr_setclock, (pthread_condattr_t * a, clockid_t clock), (a, clock))
-VESK_INJECT_RESULT(pthread_cond_init, (pthread_cond_t * c, pthread_condattr_t const* a), (c, a))
-VESK_INJECT_RESULT(pthread_cond_destroy, (pthread_cond_t * c), (c))
-VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
-VESK_INJECT_RESULT(
-    pthread_cond_timedwait, (pthread_cond_t * c, pthread_mutex_t* m, timespec const* t), (c, m, t))
-VESK_INJECT_RESULT(pthread_cond_signal, (pthread_cond_t * c), (c))
 VESK_INJECT_RESULT(pthread_key_create, (pthread_key_t * key, void (*destructor)(void*)), (key, destructor))
 VESK_INJECT_RESULT(pthread_setspecific, (pthread_key_t key, void const* value), (key, value))
 

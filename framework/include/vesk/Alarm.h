@@ -74,8 +74,7 @@ private:
     friend class vesk::Timer;
 
     void deliver() const;
-    __attribute__((visibility("hidden"))) void
-    restart(tarnbase::Duration const& delay, void (*change)(void*), void* argument);
+    TARN_HIDDEN void restart(tarnbase::Duration const& delay, void (*change)(void*), void* argument);
 
     std::SharedBase::Ptr<Timer> m_engine;
     Message::Sink* m_sink;
@@ -179,18 +178,16 @@ private:
     bool waitForCalls(char const* function) noexcept TARN_REQUIRES(m_lock);
     void wakeNext() noexcept TARN_REQUIRES(m_lock);
     void dropSignals() noexcept;
-    __attribute__((visibility("hidden"))) void
+    TARN_HIDDEN void
     restart(Alarm* alarm, tarnbase::Duration const& delay, void (*change)(void*), void* argument);
-    __attribute__((visibility("hidden"))) void set(Alarm* alarm, tarnbase::Duration delay)
-        TARN_REQUIRES(m_lock);
-    __attribute__((visibility("hidden"))) void erase(Alarm const* alarm) noexcept TARN_REQUIRES(m_lock);
-    __attribute__((visibility("hidden"))) void
+    TARN_HIDDEN void set(Alarm* alarm, tarnbase::Duration delay) TARN_REQUIRES(m_lock);
+    TARN_HIDDEN void erase(Alarm const* alarm) noexcept TARN_REQUIRES(m_lock);
+    TARN_HIDDEN void
     armFor(detail::Moment const& now, tarnbase::TimePoint expiry, tarnbase::Duration delay) noexcept
         TARN_REQUIRES(m_lock);
-    __attribute__((visibility("hidden"))) bool isEarly(tarnbase::TimePoint now) const noexcept
-        TARN_REQUIRES(m_lock);
-    __attribute__((visibility("hidden"))) long long getExactRest() const noexcept TARN_REQUIRES(m_lock);
-    __attribute__((visibility("hidden"))) bool arm(timespec const& delay) noexcept;
+    TARN_HIDDEN bool isEarly(tarnbase::TimePoint now) const noexcept TARN_REQUIRES(m_lock);
+    TARN_HIDDEN long long getExactRest() const noexcept TARN_REQUIRES(m_lock);
+    TARN_HIDDEN bool arm(timespec const& delay) noexcept;
     void armTimer(tarnbase::Duration delay) noexcept;
     void armForNext(tarnbase::TimePoint now) noexcept TARN_REQUIRES(m_lock);
     void takeDue(tarnbase::TimePoint now, std::vector<Alarm const*>& due) TARN_REQUIRES(m_lock);

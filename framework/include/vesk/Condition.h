@@ -67,12 +67,12 @@ public:
 
 private:
     bool bind(Mutex& mutex, char const* function);
-    __attribute__((visibility("hidden"))) Mutex const* bindFirst(Mutex& mutex, char const* function);
+    TARN_HIDDEN Mutex const* bindFirst(Mutex& mutex, char const* function);
     threadsafe::ConditionImpl& getImpl() noexcept;
 
     threadsafe::MutexImpl m_lock;
-    std::atomic<Mutex*> m_mutex{
-        nullptr}; // Set once, with the lock held, after the implementation is complete.
+    // Set once, with the lock held, after the implementation is complete.
+    std::atomic<Mutex*> m_mutex{nullptr};
     threadsafe::MutexImpl* m_mutex_impl TARN_GUARDED_BY(m_lock) = nullptr;
     alignas(threadsafe::ConditionImpl) unsigned char m_storage[sizeof(threadsafe::ConditionImpl)];
 };

@@ -90,7 +90,7 @@ public:
 
 private:
     Message* pop();
-    __attribute__((visibility("hidden"))) void show(Message* message);
+    TARN_HIDDEN void show(Message* message);
 
     Mutex mutex;
     // Relaxed: threads only poll the flag. The notifier provides the memory ordering that is needed.

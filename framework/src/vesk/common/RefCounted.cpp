@@ -96,7 +96,7 @@ TARN_CONSTANT_INIT std::atomic<void*> RefCounted::s_spare{nullptr};
 
 /// Owner of the pool, which it frees when the library is unloaded. Its priority makes it the last static
 /// object to be destroyed, after the handles that are static objects of the library.
-class __attribute__((visibility("hidden"))) RefCounted::PoolEnd {
+class TARN_HIDDEN RefCounted::PoolEnd {
 public:
     PoolEnd() noexcept = default;
     ~PoolEnd() {

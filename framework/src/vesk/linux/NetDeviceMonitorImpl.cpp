@@ -1,6 +1,8 @@
 #include "NetDeviceMonitorImpl.h"
 
 #include "vesk/posix/detail/ErrnoTable.h"
+#include "vesk/posix/sockets/SocketPosixCommon.h"
+
 #include <vesk/common/CancellationOff.h>
 #include <vesk/common/UniqueFd.h>
 
@@ -23,10 +25,6 @@
 #include <unistd.h>
 
 namespace vesk {
-
-constexpr detail::FamilyIndex familyIndexOf(Socket::ErrorId /*unused*/) noexcept {
-    return detail::FamilyIndex::SOCKET;
-}
 
 using namespace detail;
 

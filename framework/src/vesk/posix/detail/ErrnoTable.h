@@ -40,11 +40,12 @@ constexpr signed char toResult(Outcome outcome) noexcept {
 
 /// The error numbers that share a row of a table. An empty list matches all numbers that no row above
 /// matches.
-struct Errnos {
-    unsigned char numbers[15] = {};
+template <typename Number, size_t CAPACITY>
+struct ErrorNumbers {
+    Number numbers[CAPACITY] = {};
 
     constexpr bool has(int error) const noexcept {
-        for (unsigned char const number : numbers) {
+        for (Number const number : numbers) {
             if (number == 0) {
                 break;
             }
@@ -55,6 +56,7 @@ struct Errnos {
         return numbers[0] == 0;
     }
 };
+using Errnos = ErrorNumbers<unsigned char, 15>;
 
 constexpr Errnos OTHERS{};
 

@@ -29,7 +29,7 @@ enum class FamilyIndex : unsigned char {
 
 } // namespace vesk::detail
 
-// The index for each enumeration of ids. Those of the families of single classes stand in the source files that
+// The index for each enumeration of ids. Those of the families of single classes stand beside the tables that
 // use them.
 
 namespace vesk::SysErrorId {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vesk/posix/detail/FamilyIndex.h"
+
 #include <vesk/Condition.h>
 #include <vesk/Mutex.h>
 #include <vesk/ProcessTNG.h>
@@ -11,6 +13,10 @@
 #include <string>
 
 namespace vesk {
+
+constexpr detail::FamilyIndex familyIndexOf(ProcessTNG::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::PROCESS;
+}
 
 /// The `file` of reports about the collector, and about the ends of children that it passes on.
 constexpr char const* PROCESS_IMPL_SOURCE = "framework/src/vesk/posix/ProcessImpl";

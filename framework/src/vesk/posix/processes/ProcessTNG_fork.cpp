@@ -1,5 +1,6 @@
 #include <vesk/ProcessTNG.h>
 
+#include "ProcessImpl.h"
 #include "vesk/posix/detail/ErrnoTable.h"
 #include "vesk/posix/detail/SignalsBlocked.h"
 #include "vesk/posix/detail/SystemErrorText.h"
@@ -31,10 +32,6 @@
 // fork, and its texts are built on its stack.
 
 namespace vesk {
-
-constexpr detail::FamilyIndex familyIndexOf(ProcessTNG::ErrorId /*unused*/) noexcept {
-    return detail::FamilyIndex::PROCESS;
-}
 
 using namespace detail;
 using std::GlobalErrorHandler;

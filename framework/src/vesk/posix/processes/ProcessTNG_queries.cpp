@@ -21,10 +21,6 @@
 
 namespace vesk {
 
-constexpr detail::FamilyIndex familyIndexOf(ProcessTNG::ErrorId /*unused*/) noexcept {
-    return detail::FamilyIndex::PROCESS;
-}
-
 using namespace detail;
 using std::GlobalErrorHandler;
 

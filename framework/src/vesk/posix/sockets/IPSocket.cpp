@@ -36,24 +36,9 @@ constexpr ErrnoRow HOST_NAME_ERRORS[] = {
     {OTHERS, SysErrorId::UNCLASSIFIED},
 };
 
-/// The error codes of the resolver that share a row. They have numbers of their own, which are negative. An
-/// empty list matches all codes that no row above matches.
-struct ResolverCodes {
-    signed char numbers[5] = {};
-
-    constexpr bool has(int code) const noexcept {
-        for (signed char const number : numbers) {
-            if (number == code && code != 0) {
-                return true;
-            }
-        }
-        return numbers[0] == 0;
-    }
-};
-
-/// The meaning of an error code of the resolver.
+/// The meaning of an error code of the resolver. The codes have numbers of their own, which are negative.
 struct ResolverRow {
-    ResolverCodes codes;
+    ErrorNumbers<signed char, 5> codes;
     RowReport cause;
     Outcome outcome = Outcome::FAILED;
 };

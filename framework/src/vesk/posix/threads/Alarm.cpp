@@ -238,7 +238,7 @@ void Alarm::Timer::remove(Alarm* alarm) {
 /// Removes an alarm and adds it again, in one step. Calls `change` in between, with the lock held. Throws as
 /// `add` does, and leaves the alarm removed.
 void Alarm::Timer::restart(Alarm* alarm, Duration const& delay, void (*change)(void*), void* argument) {
-    Access const access(*this, "restart");
+    Access const access(*this, "remove"); // The first of the two steps: a failure is reported in its name.
     erase(alarm);
     change(argument);
     set(alarm, delay);

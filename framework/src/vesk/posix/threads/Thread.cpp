@@ -27,10 +27,6 @@
 
 namespace vesk {
 
-constexpr detail::FamilyIndex familyIndexOf(Thread::ErrorId /*unused*/) noexcept {
-    return detail::FamilyIndex::THREAD;
-}
-
 using namespace detail;
 using std::GlobalErrorHandler;
 

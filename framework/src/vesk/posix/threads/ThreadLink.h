@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vesk/posix/detail/FamilyIndex.h"
+
 #include <vesk/Thread.h>
 #include <vesk/common/AbortingLock.h>
 
@@ -8,6 +10,14 @@
 
 #include <atomic>
 #include <cerrno>
+
+namespace vesk {
+
+constexpr detail::FamilyIndex familyIndexOf(Thread::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::THREAD;
+}
+
+} // namespace vesk
 
 namespace vesk::detail {
 
