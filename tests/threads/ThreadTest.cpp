@@ -442,14 +442,19 @@ TEST_F(ThreadTest, joinCanBeCancelledAndLeavesTheThreadToBeJoined) {
     }
     Event joining;
     Event left;
+    pid_t joiner_id = 0;
     StartedThread joined(m_wait);
     {
         StartedThread joiner([&] {
             SetAtEnd const end(left);
+            joiner_id = getThreadId();
             joining.set();
             joined.join();
         });
         EXPECT_TRUE(joining.wait());
+        if (!UNWINDS_ASYNCHRONOUSLY) {
+            waitUntilAsleep(getpid(), joiner_id); // Beyond the instructions that cannot be unwound.
+        }
         EXPECT_FALSE(joiner.terminate());
         EXPECT_TRUE(left.wait());
     }
