@@ -1,6 +1,8 @@
 #include "support/Aborts.h"
+#include "support/Cancellation.h"
 #include "support/CleanEnd.h"
 #include "support/Emulation.h"
+#include "support/Processes.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Time.h>
