@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -77,6 +78,27 @@ void createCounter(benchmark::State& state) {
     }
 }
 
+/// As many bytes as a `Handle`.
+struct Counted {
+    virtual ~Counted() = default;
+    std::atomic<int> count{1};
+};
+
+/// Allocates some objects, and deletes them in the same order.
+template <typename Object>
+void allocate(benchmark::State& state) {
+    std::vector<Object*> objects(static_cast<size_t>(state.range(0)));
+    for (auto _ : state) {
+        for (Object*& object : objects) {
+            object = new Object;
+            benchmark::DoNotOptimize(object);
+        }
+        for (Object* const object : objects) {
+            delete object;
+        }
+    }
+}
+
 void copyPtr(benchmark::State& state) {
     static std::Shared<int> shared;
     std::SharedBase::Ptr<int> const pointer(shared);
@@ -107,6 +129,8 @@ BENCHMARK(copyHandle)->Name("RefCounted handle copy (at most 1.0)/vesk");
 BENCHMARK(copySharedPtr)->Name("RefCounted handle copy (at most 1.0)/bare");
 BENCHMARK(createHandle)->Name("RefCounted create and destroy (at most 1.0)/vesk");
 BENCHMARK(createCounter)->Name("RefCounted create and destroy (at most 1.0)/bare");
+BENCHMARK(allocate<Handle>)->Name("RefCounted handles on the heap (at most 2.0)/vesk")->Arg(1)->Arg(8);
+BENCHMARK(allocate<Counted>)->Name("RefCounted handles on the heap (at most 2.0)/bare")->Arg(1)->Arg(8);
 BENCHMARK(copyPtr)->Name("Shared::Ptr copy/vesk");
 BENCHMARK(countUnderMutex)->Name("Shared::Ptr copy/bare");
 

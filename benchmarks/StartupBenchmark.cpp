@@ -1,7 +1,7 @@
 // Measures the start-up time of the library in a fresh process: loading libvesk.so and libtarncommon.so with
-// their initializers, and the first Vesk(true, false). The twin makes the same system calls directly; libc
-// spends most of their time on reading the locale of the environment. Each sample needs a new process, which
-// Google Benchmark does not support.
+// their initializers, and the first Vesk(true, false). The twin loads two libraries that contain one function each,
+// and makes the same system calls directly; libc spends most of their time on reading the locale of the
+// environment. Each sample needs a new process, which Google Benchmark does not support.
 //
 //     bench_Startup [PROCESSES]
 
@@ -22,7 +22,7 @@ struct Sample {
 };
 
 constexpr char const* WITH_LIBRARY = "exec '" VESK_STARTUP_PROBE "' '" VESK_LIBRARY "'";
-constexpr char const* BARE = "exec '" VESK_STARTUP_PROBE "'";
+constexpr char const* BARE = "exec '" VESK_STARTUP_PROBE "' '" VESK_EMPTY_LIBRARY "' bare";
 
 bool takeSample(char const* command, Sample& sample) {
     FILE* const probe = popen(command, "r");
@@ -33,13 +33,27 @@ bool takeSample(char const* command, Sample& sample) {
     return pclose(probe) == 0 && numbers == 2;
 }
 
-void printRow(char const* name, std::vector<long long>& times_ns) {
+struct Times {
+    void add(Sample const& sample) {
+        load.push_back(sample.load_ns);
+        start.push_back(sample.start_ns);
+        both.push_back(sample.load_ns + sample.start_ns);
+    }
+
+    std::vector<long long> load;
+    std::vector<long long> start;
+    std::vector<long long> both;
+};
+
+/// Returns the median.
+double printRow(char const* name, std::vector<long long>& times_ns) {
     std::sort(times_ns.begin(), times_ns.end());
     auto const at = [&](double share) {
         auto const index = static_cast<size_t>(share * static_cast<double>(times_ns.size()));
         return static_cast<double>(times_ns[std::min(index, times_ns.size() - 1)]) / 1000.0;
     };
     printf("%-44s %12.1f %12.1f\n", name, at(0.5), at(0.99));
+    return at(0.5);
 }
 
 } // namespace
@@ -50,10 +64,8 @@ int main(int argc, char** argv) {
         fputs("usage: bench_Startup [PROCESSES]\n", stderr);
         return 2;
     }
-    std::vector<long long> load;
-    std::vector<long long> start;
-    std::vector<long long> both;
-    std::vector<long long> bare;
+    Times vesk;
+    Times bare;
     for (int i = 0; i < WARM_UP_PROCESSES + processes; ++i) {
         Sample sample{};
         Sample bare_sample{};
@@ -62,17 +74,17 @@ int main(int argc, char** argv) {
             return 1;
         }
         if (i >= WARM_UP_PROCESSES) {
-            load.push_back(sample.load_ns);
-            start.push_back(sample.start_ns);
-            both.push_back(sample.load_ns + sample.start_ns);
-            bare.push_back(bare_sample.start_ns);
+            vesk.add(sample);
+            bare.add(bare_sample);
         }
     }
     printf("%-44s %12s %12s\n", "start-up of a fresh process, in us", "median", "99 %");
-    printRow("Load both libraries", load);
-    printRow("First Vesk(true, false)", start);
-    printRow("Load both libraries and first Vesk", both);
-    printRow("The system calls of the first Vesk, bare", bare);
+    printRow("Load both libraries", vesk.load);
+    printRow("Load two empty libraries", bare.load);
+    printRow("First Vesk(true, false)", vesk.start);
+    printRow("The system calls of the first Vesk, bare", bare.start);
+    double const ratio = printRow("Load both libraries and first Vesk", vesk.both);
+    printf("ratio %.2f\n", ratio / printRow("Load two empty libraries and system calls", bare.both));
     printf("(%d processes each; no limit)\n", processes);
     return 0;
 }

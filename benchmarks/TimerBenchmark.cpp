@@ -266,9 +266,6 @@ BENCHMARK(oneShot)->Name("One-shot timer of 1 ms/vesk")->UseRealTime();
 class BareTimer {
 public:
     explicit BareTimer(Shot& target) : m_shot(target) {
-        sigemptyset(&m_signals);
-        sigaddset(&m_signals, SIGNAL);
-        pthread_sigmask(SIG_BLOCK, &m_signals, nullptr);
         sigevent event{};
         event.sigev_notify = SIGEV_SIGNAL;
         event.sigev_signo = SIGNAL;
@@ -280,12 +277,12 @@ public:
         pthread_kill(m_thread, SIGNAL);
         pthread_join(m_thread, nullptr);
         timer_delete(m_timer);
-        pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
     }
 
-    void start() {
+    void start(long ns = NS_PER_MS, bool periodic = false) {
         itimerspec value{};
-        value.it_value.tv_nsec = NS_PER_MS;
+        value.it_value.tv_nsec = ns;
+        value.it_interval.tv_nsec = periodic ? ns : 0;
         timer_settime(m_timer, 0, &value, nullptr);
     }
 
@@ -293,16 +290,24 @@ private:
     static void* serve(void* argument) {
         auto& self = *static_cast<BareTimer*>(argument);
         siginfo_t info;
-        while (sigwaitinfo(&self.m_signals, &info) == SIGNAL && !self.m_ending) {
+        while (sigwaitinfo(&s_signals, &info) == SIGNAL && !self.m_ending) {
             self.m_shot.hit();
         }
         return nullptr;
     }
 
     static inline int const SIGNAL = SIGRTMIN + 9;
+    /// Blocked before the first thread exists, so that all threads inherit that. A thread that did not block the
+    /// signal would take it, and end the process.
+    static inline sigset_t const s_signals = [] {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGNAL);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        return signals;
+    }();
 
     Shot& m_shot;
-    sigset_t m_signals{};
     timer_t m_timer{};
     pthread_t m_thread{};
     std::atomic<bool> m_ending{false};
@@ -320,5 +325,41 @@ void bareOneShot(benchmark::State& state) {
     show(state, delays);
 }
 BENCHMARK(bareOneShot)->Name("One-shot timer of 1 ms/bare")->UseRealTime();
+
+// ---- Mean period of a timer of ten milliseconds ----
+
+constexpr unsigned int PERIOD_MS = 10;
+
+/// Waits for one call in each iteration: the time of an iteration is the mean period.
+void waitForCalls(benchmark::State& state, Shot& shot) {
+    for (auto _ : state) {
+        shot.wait();
+    }
+}
+
+void periodic(benchmark::State& state) {
+    Shot shot;
+    ShootingTimer timer(shot);
+    timer.start(PERIOD_MS, true);
+    waitForCalls(state, shot);
+}
+BENCHMARK(periodic)->Name("Period of 10 ms, start/vesk")->UseRealTime();
+
+void fixedRate(benchmark::State& state) {
+    Shot shot;
+    ShootingTimer timer(shot);
+    timer.startFixedRate(PERIOD_MS);
+    waitForCalls(state, shot);
+}
+BENCHMARK(fixedRate)->Name("Period of 10 ms, startFixedRate/vesk")->UseRealTime();
+
+void barePeriodic(benchmark::State& state) {
+    Shot shot;
+    BareTimer timer(shot);
+    timer.start(PERIOD_MS * NS_PER_MS, true);
+    waitForCalls(state, shot);
+}
+BENCHMARK(barePeriodic)->Name("Period of 10 ms, start/bare")->UseRealTime();
+BENCHMARK(barePeriodic)->Name("Period of 10 ms, startFixedRate/bare")->UseRealTime();
 
 } // namespace

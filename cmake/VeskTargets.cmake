@@ -36,8 +36,8 @@ function(vesk_add_library name symbol)
     target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:vesk_build_flags>)
     # Calls inside a library are bound to the library; a program can replace only functions of libc.
     target_compile_options(${name} PRIVATE -fno-semantic-interposition -fno-plt)
-    # Functions only: programs have copies of exported data, and families are identified by their addresses.
-    target_link_options(${name} PRIVATE -Wl,-Bsymbolic-functions)
+    target_link_options(${name} PRIVATE -Wl,--dynamic-list=${PROJECT_SOURCE_DIR}/cmake/preemptible.list)
+    set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/preemptible.list)
     if(VESK_HAS_PACKED_RELOCATIONS)
         target_link_options(${name} PRIVATE -Wl,-z,pack-relative-relocs)
     endif()

@@ -6,12 +6,9 @@
 
 #include <vesk/Dispatcher.h>
 
-#include <cstring>
 #include <functional>
-#include <map>
 #include <sstream>
 #include <stdexcept>
-#include <type_traits>
 
 namespace {
 
@@ -248,65 +245,63 @@ TEST_P(DispatcherScenario, makesTheExpectedCalls) {
     EXPECT_TRUE(recorder.getCount() == 0 || chainIs({{vesk::Mutex::ErrorId::INCONSISTENT}}));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, DispatcherScenario,
-    testing::ValuesIn(std::vector<Scenario>{
-        {"runsFromItsConstructionOn", {"isRunning", "stop", "isStopped"}},
-        {"stopBeforeRunMakesItReturnOnceWithoutAskingASource",
-         {"stop", "first stop", "run", "log .", "pops 0", "waits 0", "isRunning", "run",
-          "log invoke stop; delete stop; .", "pops 1"}},
-        {"twoStopsBeforeRunMakeItReturnOnceWithoutAskingASource",
-         {"stop", "stop", "first stop", "run", "log .", "pops 0", "waits 0", "isRunning", "run",
-          "log invoke stop; delete stop; ."}},
-        {"twoStopsDuringARunEndOnlyThatRun",
-         {"first both", "run", "isRunning", "log invoke both; delete both; .", "first stop", "run",
-          "log invoke stop; delete stop; ."},
-         {{"both", {"stop", "stop"}}}},
-        {"messagesQueuedWhenStopTakesEffectAreLeftForALaterRun",
-         {"first stop", "first left", "first end", "run", "log invoke stop; delete stop; .", "run",
-          "log invoke left; delete left; invoke end; delete end; ."},
-         {{"end", {"stop"}}}},
-        {"allMessagesOfTheFirstSourceComeBeforeTheSecondOnes",
-         {"useSecond", "second b1", "second stop", "first a1", "first a2", "run",
-          "log invoke a1; delete a1; invoke a2; delete a2; invoke b1; delete b1; invoke stop; delete stop; "
-          "."}},
-        {"aMessagePushedIntoTheFirstSourceOvertakesTheSecondOnes",
-         {"useSecond", "second b1", "second stop", "run",
-          "log invoke b1; delete b1; invoke urgent; delete urgent; invoke stop; delete stop; ."},
-         {{"b1", {"first urgent"}}}},
-        {"aMessageBetweenTheLastLookAndTheSleepIsNotLost",
-         {"useSecond", "firstAfterPopOfSecond", "run", "log invoke stop; delete stop; .", "waits 1"}},
-        {"handlersSeeAMessageInOrderBeforeItsWorkAndThenItIsDismissed",
-         {"add one", "add two", "dispatch m", "log one sees m; two sees m; invoke m; delete m; .",
-          "first stop", "run", "log one sees stop; two sees stop; invoke stop; delete stop; ."}},
-        {"handlersRunWithTheLockLocked",
-         {"add handler", "dispatch m", "log handler sees m; invoke m; delete m; ."},
-         {{"handler", {"remove other"}}},
-         "ABORT framework/src/vesk/Dispatcher remove_handler: error locking\n"
-         "ABORT framework/src/vesk/Dispatcher dispatch: error unlocking"},
-        {"aHandlerThatRemovesItselfDuringADispatchDoesNotEndIt",
-         {"add one", "add two", "dispatch m", "log one sees m; two sees m; invoke m; delete m; ."},
-         {{"one", {"remove one"}}},
-         "ABORT framework/src/vesk/Dispatcher remove_handler: error locking\n"
-         "ABORT framework/src/vesk/Dispatcher dispatch: error unlocking"},
-        {"workRunsWithoutALock",
-         {"dispatch m", "log invoke m; handler sees inner; invoke inner; delete inner; delete m; ."},
-         {{"m", {"add handler", "dispatch inner", "remove handler"}}}},
-        {"aHandlerAddedTwiceSeesEachMessageTwiceAndIsRemovedCompletely",
-         {"add handler", "add handler", "dispatch m", "remove handler", "dispatch n",
-          "log handler sees m; handler sees m; invoke m; delete m; invoke n; delete n; ."}},
-        {"removingAnUnknownHandlerIsIgnored",
-         {"remove unknown", "add handler", "remove unknown", "dispatch m",
-          "log handler sees m; invoke m; delete m; ."}},
-        {"anExceptionOfTheWorkPassesOutAndLeavesTheMessageUndismissed",
-         {"first bad", "first stop", "runThrows", "log invoke bad; .", "delete bad", "log delete bad; .",
-          "isRunning", "run", "log invoke stop; delete stop; ."},
-         {{"bad", {"throw"}}}},
-        {"anExceptionOfAHandlerPassesOutAndFreesTheLock",
-         {"add handler", "dispatchThrows m", "log handler sees m; .", "remove handler", "dispatchAgain m",
-          "log invoke m; delete m; ."},
-         {{"handler", {"throw"}}}}}),
-    RowName());
+Scenario const SCENARIOS[] = {
+    {"runsFromItsConstructionOn", {"isRunning", "stop", "isStopped"}},
+    {"stopBeforeRunMakesItReturnOnceWithoutAskingASource",
+     {"stop", "first stop", "run", "log .", "pops 0", "waits 0", "isRunning", "run",
+      "log invoke stop; delete stop; .", "pops 1"}},
+    {"twoStopsBeforeRunMakeItReturnOnceWithoutAskingASource",
+     {"stop", "stop", "first stop", "run", "log .", "pops 0", "waits 0", "isRunning", "run",
+      "log invoke stop; delete stop; ."}},
+    {"twoStopsDuringARunEndOnlyThatRun",
+     {"first both", "run", "isRunning", "log invoke both; delete both; .", "first stop", "run",
+      "log invoke stop; delete stop; ."},
+     {{"both", {"stop", "stop"}}}},
+    {"messagesQueuedWhenStopTakesEffectAreLeftForALaterRun",
+     {"first stop", "first left", "first end", "run", "log invoke stop; delete stop; .", "run",
+      "log invoke left; delete left; invoke end; delete end; ."},
+     {{"end", {"stop"}}}},
+    {"allMessagesOfTheFirstSourceComeBeforeTheSecondOnes",
+     {"useSecond", "second b1", "second stop", "first a1", "first a2", "run",
+      "log invoke a1; delete a1; invoke a2; delete a2; invoke b1; delete b1; invoke stop; delete stop; "
+      "."}},
+    {"aMessagePushedIntoTheFirstSourceOvertakesTheSecondOnes",
+     {"useSecond", "second b1", "second stop", "run",
+      "log invoke b1; delete b1; invoke urgent; delete urgent; invoke stop; delete stop; ."},
+     {{"b1", {"first urgent"}}}},
+    {"aMessageBetweenTheLastLookAndTheSleepIsNotLost",
+     {"useSecond", "firstAfterPopOfSecond", "run", "log invoke stop; delete stop; .", "waits 1"}},
+    {"handlersSeeAMessageInOrderBeforeItsWorkAndThenItIsDismissed",
+     {"add one", "add two", "dispatch m", "log one sees m; two sees m; invoke m; delete m; .", "first stop",
+      "run", "log one sees stop; two sees stop; invoke stop; delete stop; ."}},
+    {"handlersRunWithTheLockLocked",
+     {"add handler", "dispatch m", "log handler sees m; invoke m; delete m; ."},
+     {{"handler", {"remove other"}}},
+     "ABORT framework/src/vesk/Dispatcher remove_handler: error locking\n"
+     "ABORT framework/src/vesk/Dispatcher dispatch: error unlocking"},
+    {"aHandlerThatRemovesItselfDuringADispatchDoesNotEndIt",
+     {"add one", "add two", "dispatch m", "log one sees m; two sees m; invoke m; delete m; ."},
+     {{"one", {"remove one"}}},
+     "ABORT framework/src/vesk/Dispatcher remove_handler: error locking\n"
+     "ABORT framework/src/vesk/Dispatcher dispatch: error unlocking"},
+    {"workRunsWithoutALock",
+     {"dispatch m", "log invoke m; handler sees inner; invoke inner; delete inner; delete m; ."},
+     {{"m", {"add handler", "dispatch inner", "remove handler"}}}},
+    {"aHandlerAddedTwiceSeesEachMessageTwiceAndIsRemovedCompletely",
+     {"add handler", "add handler", "dispatch m", "remove handler", "dispatch n",
+      "log handler sees m; handler sees m; invoke m; delete m; invoke n; delete n; ."}},
+    {"removingAnUnknownHandlerIsIgnored",
+     {"remove unknown", "add handler", "remove unknown", "dispatch m",
+      "log handler sees m; invoke m; delete m; ."}},
+    {"anExceptionOfTheWorkPassesOutAndLeavesTheMessageUndismissed",
+     {"first bad", "first stop", "runThrows", "log invoke bad; .", "delete bad", "log delete bad; .",
+      "isRunning", "run", "log invoke stop; delete stop; ."},
+     {{"bad", {"throw"}}}},
+    {"anExceptionOfAHandlerPassesOutAndFreesTheLock",
+     {"add handler", "dispatchThrows m", "log handler sees m; .", "remove handler", "dispatchAgain m",
+      "log invoke m; delete m; ."},
+     {{"handler", {"throw"}}}}};
+INSTANTIATE_TEST_SUITE_P(All, DispatcherScenario, testing::ValuesIn(SCENARIOS), RowName());
 
 // ---- run and stop ----
 

@@ -14,13 +14,8 @@ VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 
 namespace {
 
-using support::chainIs;
-using support::EventRecorder;
-using support::Fault;
-using vesk::Dispatcher;
-using vesk::Message;
-using vesk::Poller;
-using vesk::SignalQueue;
+using namespace support;
+using namespace vesk;
 
 struct IgnoringNotifier : Dispatcher::Notifier {
     void wait() override {}
@@ -79,8 +74,6 @@ struct Operation {
     /// Checks the effect after a failure, and locks again, which is fatal and releases a lock that is still
     /// held.
     void (*check)(Objects&) = nullptr;
-    int nth_lock = 1;
-    int nth_unlock = 1;
 };
 
 void checkDispatcher(Objects& objects) {
@@ -139,7 +132,7 @@ protected:
     static std::string text(char const* message) {
         return std::string("ABORT framework/src/vesk/") + GetParam().place + ": " + message;
     }
-    void TearDown() override { support::g_failing_unlock_unlocks = true; }
+    void TearDown() override { g_failing_unlock_unlocks = true; }
     static bool isOfDispatcher() { return std::string(GetParam().name).find("Dispatcher") == 0; }
 
     EventRecorder m_recorder;
@@ -148,9 +141,9 @@ protected:
 
 TEST_P(FatalLock, failureToLockIsFatalAndTheOperationContinues) {
     {
-        Fault const lock(inject_pthread_mutex_lock, EINVAL, GetParam().nth_lock);
+        Fault const lock(inject_pthread_mutex_lock, EINVAL);
         // The first unlock is that of the recorder. A plain mutex that is not locked must not be unlocked.
-        support::g_failing_unlock_unlocks = false;
+        g_failing_unlock_unlocks = false;
         Fault const unlock(inject_pthread_mutex_unlock, checksOwner() ? 0 : EPERM, 2);
         GetParam().run(m_objects);
     }
@@ -167,8 +160,8 @@ TEST_P(FatalLock, failureToLockIsFatalAndTheOperationContinues) {
 
 TEST_P(FatalLock, failureToUnlockIsFatal) {
     {
-        support::g_failing_unlock_unlocks = !checksOwner(); // Else it is destroyed while it is locked.
-        Fault const fault(inject_pthread_mutex_unlock, checksOwner() ? EPERM : EINVAL, GetParam().nth_unlock);
+        g_failing_unlock_unlocks = !checksOwner(); // Else it is destroyed while it is locked.
+        Fault const fault(inject_pthread_mutex_unlock, checksOwner() ? EPERM : EINVAL);
         GetParam().run(m_objects);
     }
     EXPECT_EQ(text("error unlocking"), m_recorder.getText().substr(0, text("error unlocking").size()));
@@ -183,13 +176,13 @@ TEST_P(FatalLock, failureToUnlockIsFatal) {
 }
 
 TEST_P(FatalLock, failureEndsTheProcess) {
-    EXPECT_TRUE(support::abortsWith("error locking", [this] {
-        Fault const fault(inject_pthread_mutex_lock, EINVAL, GetParam().nth_lock);
+    EXPECT_TRUE(abortsWith("error locking", [this] {
+        Fault const fault(inject_pthread_mutex_lock, EINVAL);
         GetParam().run(m_objects);
     }));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, FatalLock, testing::ValuesIn(OPERATIONS), support::RowName());
+INSTANTIATE_TEST_SUITE_P(All, FatalLock, testing::ValuesIn(OPERATIONS), RowName());
 
 TEST(DispatcherLock, isTakenToDispatchOnlyWhileThereAreHandlers) {
     IgnoringNotifier notifier;

@@ -8,7 +8,6 @@
 #include <vesk/Poller.h>
 #include <vesk/Timer.h>
 
-#include <map>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/ioctl.h>
@@ -253,7 +252,8 @@ TEST_P(PollerScenario, makesTheExpectedCalls) {
 
 constexpr int READ_WRITE = POLLIN | POLLOUT;
 
-Scenario const READY[] = {
+Scenario const SCENARIOS[] = {
+    // Ready descriptors.
     {"aReadableDescriptorIsReadInEveryCycle",
      {"add A a", "cycle:", "send a", "cycle: A read", "cycle: A read", "take a", "remove 99999", "cycle:"}},
     {"aDescriptorReadyForBothIsReadAndWritten",
@@ -271,9 +271,7 @@ Scenario const READY[] = {
     {"aNegativeDescriptorIsNeverReady",
      {"send b", "add A -1", "add B b", "cycle: B read", "asked A -1", "remove -1", "cycle: B read",
       "asked A"}},
-};
-
-Scenario const CHANGES[] = {
+    // Changes by threads and callbacks.
     {"anAdditionTakesEffectInTheNextCycle", {"send a", "thread add A a", "asked A", "cycle: A read"}},
     {"aCycleWithoutClientsWaitsForACommand", {"sleeping stop"}},
     {"aSleepingCycleIsWokenByAnAdditionWhichTheNextServesAndByARemoval",
@@ -319,9 +317,7 @@ Scenario const CHANGES[] = {
     {"callsRunWithoutALock",
      {"hangup c", "send a", "add A a", "add C c", "cycle: C error, A read"},
      {{"A read", {"remove B"}}, {"C error", {"remove B"}}}},
-};
-
-Scenario const FAILURES[] = {
+    // Failures of clients.
     {"aHungUpDescriptorWithDataLeftGetsTheErrorOnly",
      {"send a", "hangup a", "unreadAndHungUp a", "add A a", "cycle: A error"}},
     // The row of the failed client belongs to the other one when that throws.
@@ -355,9 +351,7 @@ Scenario const FAILURES[] = {
     {"aFailedClientMayRemoveItself",
      {"hangup a", "add A a", "cycle: A error", "cycle:", "commands 0"},
      {{"A error", {"remove A"}}}},
-};
-
-Scenario const STOPS[] = {
+    // Stops.
     {"aCommandThatCannotBeReadIsReadInTheNextCycle", {"stop", "unreadable", "stopped"}},
     {"aStoppedCycleMakesNoCallsAndTheNextMakesThem",
      {"add A a", "drain", "send a", "stop", "stopped", "cycle: A read"}},
@@ -371,10 +365,7 @@ Scenario const STOPS[] = {
     {"stopTakesNoLock", {"add A a", "cycle:", "stopped"}, {{"A asked", {"stop"}}}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Ready, PollerScenario, testing::ValuesIn(READY), RowName());
-INSTANTIATE_TEST_SUITE_P(Changes, PollerScenario, testing::ValuesIn(CHANGES), RowName());
-INSTANTIATE_TEST_SUITE_P(Failures, PollerScenario, testing::ValuesIn(FAILURES), RowName());
-INSTANTIATE_TEST_SUITE_P(Stops, PollerScenario, testing::ValuesIn(STOPS), RowName());
+INSTANTIATE_TEST_SUITE_P(All, PollerScenario, testing::ValuesIn(SCENARIOS), RowName());
 
 TEST_F(PollerTest, aClientWithOnlyTheRequiredOperationIsCalledForErrorsOnly) {
     class Silent : public Poller::Client {
@@ -622,10 +613,8 @@ TEST(PollerSignals, areBlockedInAScopeExceptThoseOfFaults) {
 TEST(PollerSignals, thatAreHandledInThePollingThreadEndTheProcess) {
     EXPECT_TRUE(abortsWith(
         "vesk::Poller::poll: poll failed, errno=" + std::to_string(EINTR) + " (" + strerror(EINTR) + ")", [] {
-            struct sigaction action {};
-            action.sa_handler = [](int) {};
-            action.sa_flags = SA_RESTART;
-            ASSERT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
+            ActionGuard const handled(
+                SIGUSR1, [](int) {}, SA_RESTART);
             Poller poller;
             pid_t const target = getpid();
             if (fork() == 0) {
@@ -748,12 +737,30 @@ FatalRow failedPoll(int error) {
         [] {}, error};
 }
 
-class PollerFatal : public PollerTest, public testing::WithParamInterface<FatalRow> {
+class PollerFatalTest : public PollerTest {
 protected:
     EventRecorder const m_recorder;
 };
 
-TEST_P(PollerFatal, failureIsFatalAndACycleThatContinuesServesTheReadyDescriptors) {
+FatalRow const FATAL_ROWS[] = {
+    unknownCommand(2),
+    unknownCommand(7),
+    unknownCommand(127),
+    unknownCommand(128),
+    unknownCommand(255),
+    failedPoll(EINTR),
+    failedPoll(EINVAL),
+    failedPoll(ENOMEM),
+    failedPoll(EFAULT),
+    {"closedReadEnd", "vesk::Poller::poll: self-pipe failed", [] { EXPECT_EQ(0, close(s_pipe[0])); }},
+    {"closedWriteEnd", "vesk::Poller::poll: self-pipe failed", [] {
+         int const null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+         ASSERT_EQ(s_pipe[1], dup2(null, s_pipe[1]));
+         close(null);
+     }}};
+
+VESK_TEST_TABLE(
+    PollerFatal, failureIsFatalAndACycleThatContinuesServesTheReadyDescriptors, PollerFatalTest, FATAL_ROWS) {
     addReadable();
     GetParam().fail();
     {
@@ -775,22 +782,6 @@ TEST_P(PollerFatal, failureIsFatalAndACycleThatContinuesServesTheReadyDescriptor
         EXPECT_EQ("A read", cycle());
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, PollerFatal,
-    testing::Values(
-        unknownCommand(2), unknownCommand(7), unknownCommand(127), unknownCommand(128), unknownCommand(255),
-        failedPoll(EINTR), failedPoll(EINVAL), failedPoll(ENOMEM), failedPoll(EFAULT),
-        FatalRow{
-            "closedReadEnd", "vesk::Poller::poll: self-pipe failed", [] { EXPECT_EQ(0, close(s_pipe[0])); }},
-        FatalRow{
-            "closedWriteEnd", "vesk::Poller::poll: self-pipe failed",
-            [] {
-                int const null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-                ASSERT_EQ(s_pipe[1], dup2(null, s_pipe[1]));
-                close(null);
-            }}),
-    RowName());
 
 // ---- the poller of the process ----
 

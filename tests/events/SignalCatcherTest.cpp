@@ -5,7 +5,6 @@
 #include <vesk/SignalDispatcher.h>
 #include <vesk/Timer.h>
 
-#include <map>
 #include <stdexcept>
 
 namespace {
@@ -39,10 +38,7 @@ sigaction(int signal, struct sigaction const* action, struct sigaction* old) noe
 namespace {
 
 using namespace support;
-using vesk::Dispatcher;
-using vesk::SignalCatcher;
-using vesk::SignalDispatcher;
-using vesk::SignalQueue;
+using namespace vesk;
 using Handler = std::GlobalErrorHandler;
 using Signals = std::vector<int>;
 
@@ -362,9 +358,14 @@ struct BadNumber {
     char const* in_handler;
 };
 
-class SignalCatcherNumberTest : public SignalCatcherTest, public testing::WithParamInterface<BadNumber> {};
+BadNumber const BAD_NUMBERS[] = {
+    {"Minus1", -1, "0<=signal", "signal>=0"},
+    {"Lowest", INT_MIN, "0<=signal", "signal>=0"},
+    {"65", 65, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"},
+    {"Highest", INT_MAX, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"}};
 
-TEST_P(SignalCatcherNumberTest, outOfRangeIsAnAssertionAndCatchesNothing) {
+VESK_TEST_TABLE(
+    SignalCatcherNumberTest, outOfRangeIsAnAssertionAndCatchesNothing, SignalCatcherTest, BAD_NUMBERS) {
     Fault const calls(inject_sigaction, 0);
     makeQueued(GetParam().signal).reset();
     make(GetParam().signal).reset();
@@ -374,15 +375,6 @@ TEST_P(SignalCatcherNumberTest, outOfRangeIsAnAssertionAndCatchesNothing) {
     expectEvents(line + line + place + "enqueue_signal: " + GetParam().in_handler);
     EXPECT_EQ(0, calls.getCalls());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SignalCatcherNumberTest,
-    testing::Values(
-        BadNumber{"Minus1", -1, "0<=signal", "signal>=0"},
-        BadNumber{"Lowest", INT_MIN, "0<=signal", "signal>=0"},
-        BadNumber{"65", 65, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"},
-        BadNumber{"Highest", INT_MAX, "signal<TARN_NSIGNALS", "signal<TARN_NSIGNALS"}),
-    RowName());
 
 TEST(SignalCatcherFatalTest, brokenSelfPipeEndsTheProcessAtTheNextSignal) {
     EXPECT_TRUE(abortsWith("write to self-pipe failed with errno=9 (Bad file descriptor)\n", [] {
@@ -401,7 +393,7 @@ struct Scenario {
     std::vector<std::string> steps;
 };
 
-class SignalCatcherScenario : public SignalCatcherTest, public testing::WithParamInterface<Scenario> {
+class SignalCatcherSteps : public SignalCatcherTest {
 protected:
     using Words = std::vector<std::string>;
 
@@ -467,7 +459,48 @@ protected:
     std::map<std::string, std::optional<SignalCatcher>> m_catchers;
 };
 
-TEST_P(SignalCatcherScenario, hasTheExpectedEffects) {
+Scenario const SCENARIOS[] = {
+    {"callsBackOnAnotherThreadForASignalToTheProcessOrToAThread",
+     {"make A USR1", "kill USR1", "wait A 1", "raise USR1", "wait A 2", "calls A USR1 USR1",
+      "calledOnOneOtherThread A"}},
+    // The signal with the higher number comes after pending signals of the lower one.
+    {"callsBackOnceForStandardSignalsThatTheKernelMerged",
+     {"block USR1", "make A1 USR1", "make A2 USR2", "kill USR1", "kill USR1", "kill USR1", "unblock USR1",
+      "raise USR2", "wait A 2", "calls A USR1 USR2"}},
+    {"passesItsOwnDataToEachCallback",
+     {"make A USR1", "make B USR2", "raise USR2", "wait B 1", "raise USR1", "wait A 1", "calls A USR1",
+      "calls B USR2"}},
+    {"refusedByTheSystemItLeavesTheActionAloneButClearsItsRow",
+     {"refused", "makeQueued A USR1", "isDefault USR1", "enqueue USR1", "notified 1", "end A", "enqueue USR1",
+      "notified 1", "pop 0"}},
+    {"failureToRestoreTheActionIsNoAssertionAndTheHandlerThatStaysFindsNoQueue",
+     {"restored USR1", "makeQueued A USR1", "refused", "end A", "refusals 1", "isCaught USR1", "raise USR1",
+      "notified 0"}},
+    {"secondCatcherOfASignalIsAnAssertionAndTheFirstContinues",
+     {"make A USR1", "make B USR1",
+      "ASSERT framework/src/vesk/SignalQueuePosixBase sign_on: signals[signal].callback==NULL", "raise USR1",
+      "wait A 1", "calls B", "end B", "raise USR1", "wait A 2", "isCaught USR1"}},
+    {"catcherWithASecondQueueIsAnAssertionAndStaysIfTheFirstEnds",
+     {"ignored USR1", "makeQueued A1 USR1", "makeOther A2 USR1", OLD_HANDLER, "raise USR1", "pop 0",
+      "popOther 1", "end A1", "isCaught USR1", "raise USR1", "pop 0", "popOther 1", "end A2",
+      "isIgnored USR1", "isFree USR1", "isFreeInOther USR1"}},
+    {"catcherWithASecondQueueIsAnAssertionAndGivesTheSignalBackAtItsEnd",
+     {"ignored USR1", "makeQueued A1 USR1", "makeOther A2 USR1", OLD_HANDLER, "raise USR1", "pop 0",
+      "popOther 1", "end A2", "isCaught USR1", "raise USR1", "pop 1", "popOther 0", "end A1",
+      "isIgnored USR1", "isFree USR1", "isFreeInOther USR1"}},
+    {"destructorDropsPendingSignals",
+     {"makeQueued A USR1", "raise USR1", "raise USR1", "end A", "makeQueued A USR1", "pop 0", "raise USR1",
+      "pop 1"}},
+    {"aHandlerThatFindsNoQueueDropsItsSignal", {"makeQueued A USR1", "end A", "enqueueEach", "notified 0"}},
+    {"twoWithoutAQueueUseOneThreadAndTheDestructionOfOneLeavesTheOtherWorking",
+     {"make A1 USR1", "make A2 USR2", "threads 1", "raise USR1", "wait A 1", "raise USR2", "wait A 2",
+      "end A1", "threads 1", "isDefault USR1", "raise USR2", "wait A 3", "calls A USR1 USR2 USR2",
+      "calledOnOneOtherThread A"}},
+    {"bothFormsWorkSideBySide",
+     {"make A USR1", "makeQueued B USR2", "raise USR1", "raise USR2", "wait A 1", "pop 1", "calls A USR1",
+      "calls B USR2"}}};
+
+VESK_TEST_TABLE(SignalCatcherScenario, hasTheExpectedEffects, SignalCatcherSteps, SCENARIOS) {
     for (std::string const& step : GetParam().steps) {
         SCOPED_TRACE(step);
         std::istringstream words(step);
@@ -480,51 +513,6 @@ TEST_P(SignalCatcherScenario, hasTheExpectedEffects) {
     m_catchers.clear();
     popAll(m_other_queue);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SignalCatcherScenario,
-    testing::ValuesIn(std::vector<Scenario>{
-        {"callsBackOnAnotherThreadForASignalToTheProcessOrToAThread",
-         {"make A USR1", "kill USR1", "wait A 1", "raise USR1", "wait A 2", "calls A USR1 USR1",
-          "calledOnOneOtherThread A"}},
-        // The signal with the higher number comes after pending signals of the lower one.
-        {"callsBackOnceForStandardSignalsThatTheKernelMerged",
-         {"block USR1", "make A1 USR1", "make A2 USR2", "kill USR1", "kill USR1", "kill USR1", "unblock USR1",
-          "raise USR2", "wait A 2", "calls A USR1 USR2"}},
-        {"passesItsOwnDataToEachCallback",
-         {"make A USR1", "make B USR2", "raise USR2", "wait B 1", "raise USR1", "wait A 1", "calls A USR1",
-          "calls B USR2"}},
-        {"refusedByTheSystemItLeavesTheActionAloneButClearsItsRow",
-         {"refused", "makeQueued A USR1", "isDefault USR1", "enqueue USR1", "notified 1", "end A",
-          "enqueue USR1", "notified 1", "pop 0"}},
-        {"failureToRestoreTheActionIsNoAssertionAndTheHandlerThatStaysFindsNoQueue",
-         {"restored USR1", "makeQueued A USR1", "refused", "end A", "refusals 1", "isCaught USR1",
-          "raise USR1", "notified 0"}},
-        {"secondCatcherOfASignalIsAnAssertionAndTheFirstContinues",
-         {"make A USR1", "make B USR1",
-          "ASSERT framework/src/vesk/SignalQueuePosixBase sign_on: signals[signal].callback==NULL",
-          "raise USR1", "wait A 1", "calls B", "end B", "raise USR1", "wait A 2", "isCaught USR1"}},
-        {"catcherWithASecondQueueIsAnAssertionAndStaysIfTheFirstEnds",
-         {"ignored USR1", "makeQueued A1 USR1", "makeOther A2 USR1", OLD_HANDLER, "raise USR1", "pop 0",
-          "popOther 1", "end A1", "isCaught USR1", "raise USR1", "pop 0", "popOther 1", "end A2",
-          "isIgnored USR1", "isFree USR1", "isFreeInOther USR1"}},
-        {"catcherWithASecondQueueIsAnAssertionAndGivesTheSignalBackAtItsEnd",
-         {"ignored USR1", "makeQueued A1 USR1", "makeOther A2 USR1", OLD_HANDLER, "raise USR1", "pop 0",
-          "popOther 1", "end A2", "isCaught USR1", "raise USR1", "pop 1", "popOther 0", "end A1",
-          "isIgnored USR1", "isFree USR1", "isFreeInOther USR1"}},
-        {"destructorDropsPendingSignals",
-         {"makeQueued A USR1", "raise USR1", "raise USR1", "end A", "makeQueued A USR1", "pop 0",
-          "raise USR1", "pop 1"}},
-        {"aHandlerThatFindsNoQueueDropsItsSignal",
-         {"makeQueued A USR1", "end A", "enqueueEach", "notified 0"}},
-        {"twoWithoutAQueueUseOneThreadAndTheDestructionOfOneLeavesTheOtherWorking",
-         {"make A1 USR1", "make A2 USR2", "threads 1", "raise USR1", "wait A 1", "raise USR2", "wait A 2",
-          "end A1", "threads 1", "isDefault USR1", "raise USR2", "wait A 3", "calls A USR1 USR2 USR2",
-          "calledOnOneOtherThread A"}},
-        {"bothFormsWorkSideBySide",
-         {"make A USR1", "makeQueued B USR2", "raise USR1", "raise USR2", "wait A 1", "pop 1", "calls A USR1",
-          "calls B USR2"}}}),
-    RowName());
 
 // ---- the order of making and destroying ----
 

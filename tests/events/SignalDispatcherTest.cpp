@@ -14,10 +14,7 @@ VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size),
 namespace {
 
 using namespace support;
-using vesk::SignalCatcher;
-using vesk::SignalDispatcher;
-using vesk::SignalQueue;
-using vesk::Thread;
+using namespace vesk;
 using Reference = std::SharedBase::Ptr<SignalDispatcher>;
 
 /// What the thread of a dispatcher finds out about itself.

@@ -69,9 +69,21 @@ struct Scenario {
     std::vector<std::string> steps;
 };
 
-class SignalQueueScenario : public SignalQueueTest, public testing::WithParamInterface<Scenario> {};
+Scenario const SCENARIOS[] = {
+    {"eachPushSignalsTheNotifierOnceAlsoIfItsSignalIsNotSignedOn",
+     {"on 3", "push 3", "notified 1", "push 4", "notified 2", "pop1 3", "pop", "notified 2"}},
+    {"threePushesGiveThreeMessagesAndThenNone",
+     {"on 5", "push 5 5 5", "pop1 5", "pop1 5", "pop1 5", "pop", "push 5", "pop1 5", "pop"}},
+    {"theLowerSignalComesFirstInAnyOrderOfPushes",
+     {"on 10 2", "push 10 2", "pop 2 10", "push 2 10", "pop 2 10", "push 10 10 2 2", "pop 2 2 10 10"}},
+    {"aSignOffDiscardsPendingSignalsAndANewSignOnStartsFromZero",
+     {"on 7", "push 7 7", "off 7", "pop", "on 7", "pop", "push 7", "pop 7"}},
+    {"pushesBeforeASignOnAreDiscarded", {"push 7 7", "on 7", "pop", "off 7", "push 7", "on 7", "pop"}},
+    {"aSignOffLeavesOtherSignalsAlone", {"on 7 8", "push 8 7", "off 7", "pop 8"}},
+    {"aPopLeavesOtherOccurrencesAlone",
+     {"on 1 30 64", "push 1 30 64 1 30 64", "pop1 1", "pop 1 30 30 64 64"}}};
 
-TEST_P(SignalQueueScenario, givesTheExpectedMessages) {
+VESK_TEST_TABLE(SignalQueueScenario, givesTheExpectedMessages, SignalQueueTest, SCENARIOS) {
     for (std::string const& step : GetParam().steps) {
         SCOPED_TRACE(step);
         std::istringstream words(step);
@@ -97,23 +109,6 @@ TEST_P(SignalQueueScenario, givesTheExpectedMessages) {
         }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SignalQueueScenario,
-    testing::ValuesIn(std::vector<Scenario>{
-        {"eachPushSignalsTheNotifierOnceAlsoIfItsSignalIsNotSignedOn",
-         {"on 3", "push 3", "notified 1", "push 4", "notified 2", "pop1 3", "pop", "notified 2"}},
-        {"threePushesGiveThreeMessagesAndThenNone",
-         {"on 5", "push 5 5 5", "pop1 5", "pop1 5", "pop1 5", "pop", "push 5", "pop1 5", "pop"}},
-        {"theLowerSignalComesFirstInAnyOrderOfPushes",
-         {"on 10 2", "push 10 2", "pop 2 10", "push 2 10", "pop 2 10", "push 10 10 2 2", "pop 2 2 10 10"}},
-        {"aSignOffDiscardsPendingSignalsAndANewSignOnStartsFromZero",
-         {"on 7", "push 7 7", "off 7", "pop", "on 7", "pop", "push 7", "pop 7"}},
-        {"pushesBeforeASignOnAreDiscarded", {"push 7 7", "on 7", "pop", "off 7", "push 7", "on 7", "pop"}},
-        {"aSignOffLeavesOtherSignalsAlone", {"on 7 8", "push 8 7", "off 7", "pop 8"}},
-        {"aPopLeavesOtherOccurrencesAlone",
-         {"on 1 30 64", "push 1 30 64 1 30 64", "pop1 1", "pop 1 30 30 64 64"}}}),
-    RowName());
 
 TEST_F(SignalQueueTest, aSignalThatIsSignedOnAgainCallsTheNewCallbackWithItsData) {
     CallLog other;
@@ -199,9 +194,13 @@ struct BadNumber {
     int signal;
     char const* condition;
 };
-class SignalQueueNumberTest : public SignalQueueTest, public testing::WithParamInterface<BadNumber> {};
+BadNumber const BAD_NUMBERS[] = {
+    {"minus1", -1, "signal>=0"},
+    {"lowest", INT_MIN, "signal>=0"},
+    {"first", 65, "signal<TARN_NSIGNALS"},
+    {"highest", INT_MAX, "signal<TARN_NSIGNALS"}};
 
-TEST_P(SignalQueueNumberTest, outOfRangeIsAnAssertionWithoutEffect) {
+VESK_TEST_TABLE(SignalQueueNumberTest, outOfRangeIsAnAssertionWithoutEffect, SignalQueueTest, BAD_NUMBERS) {
     sign_on(0);
     sign_on(64);
     queue.push(64);
@@ -218,14 +217,6 @@ TEST_P(SignalQueueNumberTest, outOfRangeIsAnAssertionWithoutEffect) {
     EXPECT_EQ(1, notifier.signals);
     EXPECT_EQ((Signals{64}), popSignals());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SignalQueueNumberTest,
-    testing::Values(
-        BadNumber{"minus1", -1, "signal>=0"}, BadNumber{"lowest", INT_MIN, "signal>=0"},
-        BadNumber{"first", 65, "signal<TARN_NSIGNALS"},
-        BadNumber{"highest", INT_MAX, "signal<TARN_NSIGNALS"}),
-    RowName());
 
 TEST_F(SignalQueueTest, signingOnTwiceAndSigningOffTwiceAreAssertionsAndKeepTheFirstCallback) {
     queue.sign_off(5);
@@ -638,9 +629,7 @@ TEST(SignalNotifierTest, takesItsByteAfterAnInterruptedWait) {
 }
 
 VESK_TEST_BY(expectInChild, SignalNotifierTest, returnsFromAnInterruptedWaitWithAnEmptyPipe) {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    EXPECT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
+    ActionGuard const handled(SIGUSR1, [](int) {});
     Notifier notifier;
     Sleeper waiter([&] { notifier.wait(); });
     waiter.awaitSleep();
@@ -692,10 +681,8 @@ TEST(SignalNotifierTest, withoutAPipeEndsTheProcessWithTheFirstSignal) {
 
 TEST(SignalNotifierTest, withoutAPipeWaitsForASignal) {
     expectInChild([] {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        action.sa_flags = SA_RESTART;
-        EXPECT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
+        ActionGuard const handled(
+            SIGUSR1, [](int) {}, SA_RESTART);
         EventRecorder const recorder;
         Fault const fault(inject_pipe, EMFILE);
         Notifier notifier;

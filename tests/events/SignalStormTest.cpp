@@ -9,9 +9,7 @@
 namespace {
 
 using namespace support;
-using vesk::SignalCatcher;
-using vesk::SignalDispatcher;
-using vesk::TARN_NSIGNALS;
+using namespace vesk;
 
 // A machine that is emulated as a whole handles a signal a hundred times more slowly.
 #if defined(__arm__)

@@ -2,20 +2,14 @@
 
 #include "support/CleanEnd.h"
 #include "support/Emulation.h"
-#include "support/Processes.h"
 #include "support/Sleeper.h"
 #include "support/Testing.h"
-#include "support/Threads.h"
 
 #include <vesk/SignalQueue.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <initializer_list>
-#include <mutex>
-#include <sys/resource.h>
 
 /// Support for tests of signals and self-pipes. Must be included in exactly one file of a test program,
 /// because it replaces `pipe` and `close`.

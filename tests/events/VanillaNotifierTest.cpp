@@ -7,8 +7,6 @@
 #include <vesk/Dispatcher.h>
 
 #include <memory>
-#include <thread>
-#include <type_traits>
 
 namespace {
 // The mutex of the condition's wait, and whether it was locked when the condition was signaled.

@@ -224,9 +224,38 @@ void PrintTo(MomentRow const& row, std::ostream* out) {
     *out << row.zone << " " << row.ms << " " << row.text;
 }
 
-class CalendarTimeMoments : public testing::TestWithParam<MomentRow> {};
+MomentRow const MOMENTS[] = {
+    {UTC, 0, "1970-01-01 00:00:00 4", true},
+    {UTC, 951782400000, "2000-02-29 00:00:00 2", true},
+    {UTC, 1767225599999, "2025-12-31 23:59:59 3", true},
+    {UTC, 2147483647999, "2038-01-19 03:14:07 2", true},
+    {BERLIN, 1774745999000, "2026-03-29 01:59:59 0", true},
+    {BERLIN, 1774746000000, "2026-03-29 03:00:00 0", true},
+    {BERLIN, 1782900000000, "2026-07-01 12:00:00 3", true},
+    {BERLIN, 1792884600000, "2026-10-25 01:30:00 0", true},
+    // The hour that comes twice when daylight saving ends.
+    {BERLIN, 1792888200000, "2026-10-25 02:30:00 0"},
+    {BERLIN, 1792891800000, "2026-10-25 02:30:00 0"},
+    {NEW_YORK, 1782900000000, "2026-07-01 06:00:00 3", true},
+    {NEW_YORK, 1768475045000, "2026-01-15 06:04:05 4", true},
+    // Negative moments are cut toward zero.
+    {UTC, -1500, "1969-12-31 23:59:59 3"},
+    {UTC, -999, "1970-01-01 00:00:00 4"},
+    {UTC, -1000, "1969-12-31 23:59:59 3"},
+    {UTC, -DAY * 365, "1969-01-01 00:00:00 3"},
+    {UTC, -2147483648000, "1901-12-13 20:45:52 5"},
+    // Beyond 32-bit seconds.
+    {UTC, 2147483648000, ifWide("2038-01-19 03:14:08 2"), WIDE_TIME},
+    {UTC, -2147483649000, ifWide("1901-12-13 20:45:51 5")},
+    {UTC, LAST_OF_YEAR_65535, ifWide("65535-12-31 23:59:59 2"), WIDE_TIME},
+    {UTC, FIRST_OF_YEAR_0, ifWide("0000-01-01 00:00:00 6")},
+    // Out of range: the object is unchanged.
+    {UTC, LLONG_MAX, SOME_TEXT},
+    {UTC, LLONG_MIN, SOME_TEXT},
+    {UTC, LAST_OF_YEAR_65535 + 1000, SOME_TEXT},
+    {UTC, FIRST_OF_YEAR_0 - 1000, SOME_TEXT}};
 
-TEST_P(CalendarTimeMoments, areLocalTime) {
+VESK_TEST_TABLE(CalendarTimeMoments, areLocalTime, testing::Test, MOMENTS) {
     MomentRow const& row = GetParam();
     TimeZone const zone(row.zone);
     CalendarTime date = SOME_DATE;
@@ -236,36 +265,6 @@ TEST_P(CalendarTimeMoments, areLocalTime) {
         EXPECT_EQ(row.ms - row.ms % 1000, date.getTimestamp());
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, CalendarTimeMoments,
-    testing::Values(
-        MomentRow{UTC, 0, "1970-01-01 00:00:00 4", true},
-        MomentRow{UTC, 951782400000, "2000-02-29 00:00:00 2", true},
-        MomentRow{UTC, 1767225599999, "2025-12-31 23:59:59 3", true},
-        MomentRow{UTC, 2147483647999, "2038-01-19 03:14:07 2", true},
-        MomentRow{BERLIN, 1774745999000, "2026-03-29 01:59:59 0", true},
-        MomentRow{BERLIN, 1774746000000, "2026-03-29 03:00:00 0", true},
-        MomentRow{BERLIN, 1782900000000, "2026-07-01 12:00:00 3", true},
-        MomentRow{BERLIN, 1792884600000, "2026-10-25 01:30:00 0", true},
-        // The hour that comes twice when daylight saving ends.
-        MomentRow{BERLIN, 1792888200000, "2026-10-25 02:30:00 0"},
-        MomentRow{BERLIN, 1792891800000, "2026-10-25 02:30:00 0"},
-        MomentRow{NEW_YORK, 1782900000000, "2026-07-01 06:00:00 3", true},
-        MomentRow{NEW_YORK, 1768475045000, "2026-01-15 06:04:05 4", true},
-        // Negative moments are cut toward zero.
-        MomentRow{UTC, -1500, "1969-12-31 23:59:59 3"}, MomentRow{UTC, -999, "1970-01-01 00:00:00 4"},
-        MomentRow{UTC, -1000, "1969-12-31 23:59:59 3"}, MomentRow{UTC, -DAY * 365, "1969-01-01 00:00:00 3"},
-        MomentRow{UTC, -2147483648000, "1901-12-13 20:45:52 5"},
-        // Beyond 32-bit seconds.
-        MomentRow{UTC, 2147483648000, ifWide("2038-01-19 03:14:08 2"), WIDE_TIME},
-        MomentRow{UTC, -2147483649000, ifWide("1901-12-13 20:45:51 5")},
-        MomentRow{UTC, LAST_OF_YEAR_65535, ifWide("65535-12-31 23:59:59 2"), WIDE_TIME},
-        MomentRow{UTC, FIRST_OF_YEAR_0, ifWide("0000-01-01 00:00:00 6")},
-        // Out of range: the object is unchanged.
-        MomentRow{UTC, LLONG_MAX, SOME_TEXT}, MomentRow{UTC, LLONG_MIN, SOME_TEXT},
-        MomentRow{UTC, LAST_OF_YEAR_65535 + 1000, SOME_TEXT},
-        MomentRow{UTC, FIRST_OF_YEAR_0 - 1000, SOME_TEXT}));
 
 TEST_F(CalendarTimeTest, leapSecondReadsAsFiftyNine) {
     tm leap{};

@@ -2,7 +2,6 @@
 #include "support/Testing.h"
 
 #include <cctype>
-#include <fcntl.h>
 #include <istream>
 
 // A canceled thread completes every operation that must not throw, and ends at the next cancellation point

@@ -3,7 +3,6 @@
 #include "support/Testing.h"
 
 #include <vesk/Condition.h>
-#include <vesk/FileAccessError.h>
 #include <vesk/Mutex.h>
 #include <vesk/SavedErrorChain.h>
 #include <vesk/ShmCondition.h>
@@ -11,8 +10,6 @@
 #include <vesk/SystemError.h>
 
 #include <clocale>
-#include <filesystem>
-#include <fstream>
 #include <libintl.h>
 
 namespace {

@@ -2,10 +2,7 @@
 
 #include "support/Inject.h"
 
-#include <atomic>
-#include <cerrno>
 #include <ctime>
-#include <pthread.h>
 
 /// Replaces `clock_gettime`. Must be included in exactly one file of a test program. A `support::Fault` on
 /// `inject_clock_gettime` counts and fails its calls, a `FakeClock` sets the time that it returns.

@@ -2,7 +2,6 @@
 
 #include <vesk/FileAccess.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {

@@ -110,7 +110,7 @@ StackRow const CALLS[] = {
     {"report", 4096, reportFailure},
     {"log", 8192, log},
     {"sleep", 1024, [] { EXPECT_FALSE(vesk::Time::sleep(1)); }},
-    {"timer", 4096,
+    {"timer", 8192,
      [] {
          vesk::Timer timer(ignore, false);
          EXPECT_TRUE(!timer.start(60000, true) && !timer.stop());

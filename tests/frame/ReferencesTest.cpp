@@ -6,7 +6,6 @@
 #include <vesk/RefCounted.h>
 
 #include <future>
-#include <mutex>
 #include <stdexcept>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
@@ -236,6 +235,8 @@ TEST(RefCounted, withoutMemoryForACounterAHandleWorksButNeverDestroys) {
     });
 }
 
+constexpr unsigned int SPARES = 8; // Of a thread.
+
 TEST(RefCounted, sparesOfOtherThreadsLeaveACountForEachOf1024HandlesWithoutMemory) {
     expectInChild([] {
         EventRecorder const recorder;
@@ -243,22 +244,25 @@ TEST(RefCounted, sparesOfOtherThreadsLeaveACountForEachOf1024HandlesWithoutMemor
         std::promise<void> kept;
         std::promise<void> end;
         std::thread other([&] {
-            { Handle const handle(thing); }
+            { Crowd const crowd(SPARES); }
             kept.set_value();
             end.get_future().wait();
         });
         kept.get_future().wait();
         {
-            Crowd const crowd(1023);
+            Crowd const crowd(1024 - SPARES);
             for (int round = 0; round < 2; ++round) {
                 auto const make = [&thing] {
                     NewFault const fault(New::NOTHROW_ARRAY);
-                    return Handle(thing);
+                    return std::make_unique<Handle>(thing);
                 };
-                Handle const last = make();
-                EXPECT_NE(nullptr, last.getCounter()) << round;
-                EXPECT_FALSE(Handle::getPool()->contains(last.getCounter()));
-                EXPECT_EQ(nullptr, make().getCounter()) << round;
+                std::vector<std::unique_ptr<Handle>> last;
+                for (unsigned int i = 0; i < SPARES; ++i) {
+                    last.push_back(make());
+                    EXPECT_NE(nullptr, last.back()->getCounter()) << round;
+                    EXPECT_FALSE(Handle::getPool()->contains(last.back()->getCounter()));
+                }
+                EXPECT_EQ(nullptr, make()->getCounter()) << round;
             }
         }
         end.set_value();
@@ -275,8 +279,7 @@ TEST(RefCounted, threadsThatEndLeaveTheirSparesToThePool) {
         // More threads at a time than may have spares.
         std::atomic<int> ready{0};
         runInThreads(100, [&ready](int) {
-            Thing thing;
-            { Handle const handle(thing); }
+            { Crowd const crowd(SPARES + 1); }
             ++ready;
             while (ready < 100) {
                 std::this_thread::yield();

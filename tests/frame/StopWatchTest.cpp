@@ -13,12 +13,7 @@ VESK_INJECT_RESULT(clock_getcpuclockid, (pid_t pid, clockid_t* clock), (pid, clo
 namespace {
 
 using namespace support;
-namespace SysErrorId = vesk::SysErrorId;
-using vesk::ProcessTimeStopWatch;
-using vesk::RealtimeStopWatch;
-using vesk::StopWatchBase;
-using vesk::ThreadTimeStopWatch;
-using vesk::Time;
+using namespace vesk;
 
 constexpr auto MS = StopWatchBase::TimeUnit::MILLISECONDS;
 constexpr auto US = StopWatchBase::TimeUnit::MICROSECONDS;

@@ -4,11 +4,7 @@
 #include <vesk/SystemLogger.h>
 
 #include <tarncommon/error/ErrorObject.h>
-#include <tarncommon/error/GlobalErrorHandler.h>
 
-#include <cstdarg>
-#include <mutex>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>

@@ -5,17 +5,12 @@
 #include "support/Emulation.h"
 #include "support/Threads.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fstream>
 #include <malloc.h>
-#include <pthread.h>
-#include <string>
-#include <unistd.h>
 #include <vector>
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

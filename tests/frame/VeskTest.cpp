@@ -10,7 +10,6 @@
 #include <vesk/Vesk.h>
 
 #include <clocale>
-#include <sys/resource.h>
 
 // ---- the calls of the start-up, in order ----
 
@@ -336,9 +335,15 @@ struct Disposition : NamedRow {
     void (*choose)(struct sigaction& action);
 };
 
-class VeskPipeSignalChosen : public testing::TestWithParam<Disposition> {};
+Disposition const DISPOSITIONS[] = {
+    {"ignored", [](struct sigaction& action) { action.sa_handler = SIG_IGN; }},
+    {"handled", [](struct sigaction& action) { action.sa_handler = handlePipe; }},
+    {"handledWithInformation", [](struct sigaction& action) {
+         action.sa_sigaction = handlePipeInfo;
+         action.sa_flags = SA_SIGINFO;
+     }}};
 
-TEST_P(VeskPipeSignalChosen, isKept) {
+VESK_TEST_TABLE(VeskPipeSignalChosen, isKept, testing::Test, DISPOSITIONS) {
     inFreshProcess([] {
         struct sigaction chosen {};
         GetParam().choose(chosen);
@@ -355,16 +360,6 @@ TEST_P(VeskPipeSignalChosen, isKept) {
         EXPECT_EQ(signalsOf(before.sa_mask), signalsOf(after.sa_mask));
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, VeskPipeSignalChosen,
-    testing::Values(
-        Disposition{"ignored", [](struct sigaction& action) { action.sa_handler = SIG_IGN; }},
-        Disposition{"handled", [](struct sigaction& action) { action.sa_handler = handlePipe; }},
-        Disposition{"handled with information", [](struct sigaction& action) {
-                        action.sa_sigaction = handlePipeInfo;
-                        action.sa_flags = SA_SIGINFO;
-                    }}));
 
 // ---- a start-up that fails ----
 

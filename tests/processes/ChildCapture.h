@@ -3,7 +3,6 @@
 #include "processes/ProcessSupport.h"
 
 #include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <regex>
 

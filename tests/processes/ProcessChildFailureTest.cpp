@@ -3,11 +3,7 @@
 #include "support/Emulation.h"
 #include "support/NewFault.h"
 
-#include <tarncommon/error/ErrorApi.h>
-
-#include <cstdarg>
 #include <fnmatch.h>
-#include <sys/resource.h>
 
 // The calls between fork and exec. The functions are replaced in the process; the child inherits their state
 // and the faults that are set.
@@ -247,26 +243,6 @@ struct ChildRow : NamedRow {
     std::string calls = "*";      ///< Its calls between fork and exec.
 };
 
-class ProcessChildRows : public ProcessChildFailure, public testing::WithParamInterface<ChildRow> {};
-
-TEST_P(ProcessChildRows, makeTheseCallsAndLines) {
-    Recorded const seen = record(GetParam().set, GetParam().function, GetParam().error);
-    EXPECT_TRUE(seen.matches(seen.calls, GetParam().calls));
-    EXPECT_TRUE(seen.matches(seen.errors, GetParam().errors));
-    EXPECT_GT(seen.pid, 0); // The start itself succeeds.
-    bool const aborts = GetParam().errors.find("fatal") != std::string::npos;
-    EXPECT_EQ(aborts, seen.killed);
-    EXPECT_EQ(aborts ? SIGABRT : 0, seen.status);
-    // The rows without errors redirect both outputs.
-    EXPECT_EQ(aborts || GetParam().errors.empty() ? "" : "out\n", seen.output);
-    if (&GetParam().function == &inject_dup2 && GetParam().error != 0) {
-        // A descriptor that the child has opened stays open, a given one is closed.
-        bool const opened = seen.calls.find("open ") != std::string::npos;
-        std::string const close = "close " + std::to_string(seen.getDuplicated()) + "\n";
-        EXPECT_EQ(!opened, seen.calls.find(close) != std::string::npos) << seen.calls;
-    }
-}
-
 int openGiven(int number = 60) {
     int const fd = inject_open.getReal(&open)("/dev/null", O_RDWR);
     EXPECT_EQ(number, inject_dup2.getReal(&dup2)(fd, number));
@@ -313,130 +289,120 @@ Set program(std::string const& path) {
     };
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Open, ProcessChildRows,
-    // Not even EINTR is repeated.
-    rowsOf<ChildRow>({
-        {"out", [](auto& p) { p.setStdoutFile("/x", false); }, inject_open, EINTR,
-         notOpened("PROGRAM", "stdout", "/x", EINTR)},
-        {"outToNull", [](auto& p) { p.setStdoutNull(true); }, inject_open, EINTR,
-         notOpened("PROGRAM", "stdout", "/dev/null", EINTR)},
-        {"err", [](auto& p) { p.setStderrFile("/x", false); }, inject_open, EINTR,
-         notOpened("PROGRAM", "stderr", "/x", EINTR)},
-        {"errToNull", [](auto& p) { p.setStderrNull(true); }, inject_open, EINTR,
-         notOpened("PROGRAM", "stderr", "/dev/null", EINTR)},
-        {"in", [](auto& p) { p.setStdinFile("/x"); }, inject_open, EINTR,
-         notOpened("stdin", "PROGRAM", "/x", EINTR)},
-        {"unknownNumber", [](auto& p) { p.setStdinFile("/x"); }, inject_open, 12345,
-         notOpened("stdin", "PROGRAM", "/x", 12345)},
-        {"longLine", [](auto& p) { p.setStdinFile(LONG_PATH); }, inject_open, 0,
-         notOpened("stdin", "PROGRAM", LONG_PATH, ENAMETOOLONG)},
-        {"outToAMissingFile", [](auto& p) { p.setStdoutFile("/no/such/file", false); }, inject_open, 0,
-         notOpened("PROGRAM", "stdout", "/no/such/file", ENOENT)},
-        {"errToADirectory", [](auto& p) { p.setStderrFile("/", true); }, inject_open, 0,
-         notOpened("PROGRAM", "stderr", "/", EISDIR)},
-        {"inFromAMissingFile", [](auto& p) { p.setStdinFile("/no/such/file"); }, inject_open, 0,
-         notOpened("stdin", "PROGRAM", "/no/such/file", ENOENT)},
-    }),
-    byName);
-
-INSTANTIATE_TEST_SUITE_P(
-    Dup, ProcessChildRows,
-    rowsOf<ChildRow>({
-        {"outFile", [](auto& p) { p.setStdoutFile("/dev/null", false); }, inject_dup2, EMFILE,
-         notDuplicated("PROGRAM", "FD to 1", "stdout" + NULL_NAME)},
-        {"errFile", [](auto& p) { p.setStderrFile("/dev/null", true); }, inject_dup2, EMFILE,
-         notDuplicated("PROGRAM", "FD to 2", "stderr" + NULL_NAME)},
-        {"inFile", [](auto& p) { p.setStdinFile("/dev/null"); }, inject_dup2, EMFILE,
-         notDuplicated("stdin", "FD to 0", "PROGRAM" + NULL_NAME)},
-        {"out", [](auto& p) { p.setStdoutFd(openGiven()); }, inject_dup2, EMFILE,
-         notDuplicated("stdout", "60 to 1", "PROGRAM")},
-        {"err", [](auto& p) { p.setStderrFd(openGiven()); }, inject_dup2, EMFILE,
-         notDuplicated("PROGRAM", "60 to 2", "stderr")},
-        {"in", [](auto& p) { p.setStdinFd(openGiven()); }, inject_dup2, EMFILE,
-         notDuplicated("PROGRAM", "0 to 60", "stdin")},
-        {"badOut", [](auto& p) { p.setStdoutFd(777); }, inject_dup2, 0,
-         notDuplicated("stdout", "777 to 1", "PROGRAM", EBADF)},
-        {"badErr", [](auto& p) { p.setStderrFd(777); }, inject_dup2, 0,
-         notDuplicated("PROGRAM", "777 to 2", "stderr", EBADF)},
-        {"badIn", [](auto& p) { p.setStdinFd(static_cast<int>(getDescriptorLimit())); }, inject_dup2, 0,
-         notDuplicated("PROGRAM", "0 to " + std::to_string(getDescriptorLimit()), "stdin", EBADF)},
-    }),
-    byName);
-
-INSTANTIATE_TEST_SUITE_P(
-    Setting, ProcessChildRows,
-    rowsOf<ChildRow>({
-        {"signals", setNothing, inject_sigprocmask, EINVAL,
-         "*: startChild: warning: after fork(): error unblocking signals\nerr\n"},
-        {"group", [](auto& p) { p.setNewGroup(true); }, inject_setpgid, EPERM,
-         NO_GROUP + unclassified(EPERM) + "err\n"},
-        {"groupWithAnUnknownNumber", [](auto& p) { p.setNewGroup(true); }, inject_setpgid, 12345,
-         NO_GROUP + unclassified(12345) + "err\n"},
-        {"priority", [](auto& p) { p.setPriority(false, 5); }, inject_setpriority, EACCES,
-         NOT_SCHEDULED + systemText(EACCES) + "\nerr\n"},
-        {"policy", [](auto& p) { p.setSchedAttrs(makeAttributes(VESK_SCHED_POLICY_FIFO, 100000, 0)); },
-         inject_open, 0, NOT_SCHEDULED + systemText(EINVAL) + "\nerr\n"},
-        {"noneOf1Processor", noProcessorOf(1), inject_open, 0, NO_AFFINITY},
-        {"noneOf2Processors", noProcessorOf(2), inject_open, 0, NO_AFFINITY},
-        {"noneOf5000Processors", noProcessorOf(5000), inject_open, 0, NO_AFFINITY},
-    }),
-    byName);
-
-INSTANTIATE_TEST_SUITE_P(
-    Exec, ProcessChildRows,
-    rowsOf<ChildRow>({
-        {"EACCES", setNothing, inject_execv, EACCES, NOT_RUN},
-        {"ENOMEM", setNothing, inject_execv, ENOMEM, NOT_RUN},
-        {"E2BIG", setNothing, inject_execv, E2BIG, NOT_RUN},
-        {"ETXTBSY", setNothing, inject_execv, ETXTBSY, NOT_RUN},
-        {"missing", program("/no/such/program"), inject_execv, 0, NOT_RUN},
-        {"empty", program(""), inject_execv, 0, NOT_RUN},
-        {"directory", program("/tmp"), inject_execv, 0, NOT_RUN},
-        {"notSearchedFor", program("sh"), inject_execv, 0, NOT_RUN},
-    }),
-    byName);
-
 constexpr char const* BEGIN = "getpid\nsigprocmask unblock all\n";
 
-INSTANTIATE_TEST_SUITE_P(
-    Calls, ProcessChildRows,
-    rowsOf<ChildRow>({
-        {"ofAPlainChild", setNothing, inject_dup2, 0, "err\n",
-         std::string(BEGIN) + "execv PROGRAM PROGRAM\n"},
-        // The mask omits processors that the machine does not have.
-        {"withProcessors", [](auto& p) { p.setAffinity(std::vector<bool>(5000, true)); }, inject_dup2, 0,
-         "err\n",
-         "*\nsched_setaffinity 0 128 " + std::to_string(vesk::Vesk::s_sys_info.processor_count) + "\n*"},
-        {"withDescriptors",
-         [](auto& p) {
-             p.setStdoutFd(openGiven(60));
-             p.setStderrFd(openGiven(61));
-             p.setStdinFd(62);
-         },
-         inject_open, 0, "",
-         "*sigprocmask unblock all\ndup2 60 1\nclose 60\ndup2 61 2\nclose 61\ndup2 0 62\nclose 0\nexecv *"},
-        {"withTheNullDevice",
-         [](auto& p) {
-             p.setStdoutNull(true);
-             p.setStderrFile("ignored", true);
-             p.setStderrNull(true);
-         },
-         inject_open, 0, "", "*open /dev/null 241 600\n*open /dev/null 441 600\n*"},
-        {"resetHandlersBeforeSignalsAreUnblocked",
-         [](auto&) {
-             signal(SIGUSR1, [](int) {});
-             signal(SIGUSR2, SIG_IGN);
-             struct sigaction action {};
-             action.sa_flags = SA_SIGINFO;
-             action.sa_sigaction = [](int, siginfo_t*, void*) {};
-             EXPECT_EQ(0, sigaction(SIGRTMIN + 1, &action, nullptr));
-         },
-         inject_dup2, 0, "err\n",
-         "getpid\nsigaction " + std::to_string(SIGUSR1) + " default\nsigaction " +
-             std::to_string(SIGRTMIN + 1) + " default\nsigprocmask unblock all\nexecv *"},
-    }),
-    byName);
+ChildRow const CHILD_ROWS[] = {
+    // Not even EINTR is repeated.
+    {"openOut", [](auto& p) { p.setStdoutFile("/x", false); }, inject_open, EINTR,
+     notOpened("PROGRAM", "stdout", "/x", EINTR)},
+    {"openOutToNull", [](auto& p) { p.setStdoutNull(true); }, inject_open, EINTR,
+     notOpened("PROGRAM", "stdout", "/dev/null", EINTR)},
+    {"openErr", [](auto& p) { p.setStderrFile("/x", false); }, inject_open, EINTR,
+     notOpened("PROGRAM", "stderr", "/x", EINTR)},
+    {"openErrToNull", [](auto& p) { p.setStderrNull(true); }, inject_open, EINTR,
+     notOpened("PROGRAM", "stderr", "/dev/null", EINTR)},
+    {"openIn", [](auto& p) { p.setStdinFile("/x"); }, inject_open, EINTR,
+     notOpened("stdin", "PROGRAM", "/x", EINTR)},
+    {"openUnknownNumber", [](auto& p) { p.setStdinFile("/x"); }, inject_open, 12345,
+     notOpened("stdin", "PROGRAM", "/x", 12345)},
+    {"openLongLine", [](auto& p) { p.setStdinFile(LONG_PATH); }, inject_open, 0,
+     notOpened("stdin", "PROGRAM", LONG_PATH, ENAMETOOLONG)},
+    {"openOutToAMissingFile", [](auto& p) { p.setStdoutFile("/no/such/file", false); }, inject_open, 0,
+     notOpened("PROGRAM", "stdout", "/no/such/file", ENOENT)},
+    {"openErrToADirectory", [](auto& p) { p.setStderrFile("/", true); }, inject_open, 0,
+     notOpened("PROGRAM", "stderr", "/", EISDIR)},
+    {"openInFromAMissingFile", [](auto& p) { p.setStdinFile("/no/such/file"); }, inject_open, 0,
+     notOpened("stdin", "PROGRAM", "/no/such/file", ENOENT)},
+    {"dupOutFile", [](auto& p) { p.setStdoutFile("/dev/null", false); }, inject_dup2, EMFILE,
+     notDuplicated("PROGRAM", "FD to 1", "stdout" + NULL_NAME)},
+    {"dupErrFile", [](auto& p) { p.setStderrFile("/dev/null", true); }, inject_dup2, EMFILE,
+     notDuplicated("PROGRAM", "FD to 2", "stderr" + NULL_NAME)},
+    {"dupInFile", [](auto& p) { p.setStdinFile("/dev/null"); }, inject_dup2, EMFILE,
+     notDuplicated("stdin", "FD to 0", "PROGRAM" + NULL_NAME)},
+    {"dupOut", [](auto& p) { p.setStdoutFd(openGiven()); }, inject_dup2, EMFILE,
+     notDuplicated("stdout", "60 to 1", "PROGRAM")},
+    {"dupErr", [](auto& p) { p.setStderrFd(openGiven()); }, inject_dup2, EMFILE,
+     notDuplicated("PROGRAM", "60 to 2", "stderr")},
+    {"dupIn", [](auto& p) { p.setStdinFd(openGiven()); }, inject_dup2, EMFILE,
+     notDuplicated("PROGRAM", "0 to 60", "stdin")},
+    {"dupBadOut", [](auto& p) { p.setStdoutFd(777); }, inject_dup2, 0,
+     notDuplicated("stdout", "777 to 1", "PROGRAM", EBADF)},
+    {"dupBadErr", [](auto& p) { p.setStderrFd(777); }, inject_dup2, 0,
+     notDuplicated("PROGRAM", "777 to 2", "stderr", EBADF)},
+    {"dupBadIn", [](auto& p) { p.setStdinFd(static_cast<int>(getDescriptorLimit())); }, inject_dup2, 0,
+     notDuplicated("PROGRAM", "0 to " + std::to_string(getDescriptorLimit()), "stdin", EBADF)},
+    {"setSignals", setNothing, inject_sigprocmask, EINVAL,
+     "*: startChild: warning: after fork(): error unblocking signals\nerr\n"},
+    {"setGroup", [](auto& p) { p.setNewGroup(true); }, inject_setpgid, EPERM,
+     NO_GROUP + unclassified(EPERM) + "err\n"},
+    {"setGroupWithAnUnknownNumber", [](auto& p) { p.setNewGroup(true); }, inject_setpgid, 12345,
+     NO_GROUP + unclassified(12345) + "err\n"},
+    {"setPriority", [](auto& p) { p.setPriority(false, 5); }, inject_setpriority, EACCES,
+     NOT_SCHEDULED + systemText(EACCES) + "\nerr\n"},
+    {"setPolicy", [](auto& p) { p.setSchedAttrs(makeAttributes(VESK_SCHED_POLICY_FIFO, 100000, 0)); },
+     inject_open, 0, NOT_SCHEDULED + systemText(EINVAL) + "\nerr\n"},
+    {"setNoneOf1Processor", noProcessorOf(1), inject_open, 0, NO_AFFINITY},
+    {"setNoneOf2Processors", noProcessorOf(2), inject_open, 0, NO_AFFINITY},
+    {"setNoneOf5000Processors", noProcessorOf(5000), inject_open, 0, NO_AFFINITY},
+    {"execEACCES", setNothing, inject_execv, EACCES, NOT_RUN},
+    {"execENOMEM", setNothing, inject_execv, ENOMEM, NOT_RUN},
+    {"execE2BIG", setNothing, inject_execv, E2BIG, NOT_RUN},
+    {"execETXTBSY", setNothing, inject_execv, ETXTBSY, NOT_RUN},
+    {"execMissing", program("/no/such/program"), inject_execv, 0, NOT_RUN},
+    {"execEmpty", program(""), inject_execv, 0, NOT_RUN},
+    {"execDirectory", program("/tmp"), inject_execv, 0, NOT_RUN},
+    {"execNotSearchedFor", program("sh"), inject_execv, 0, NOT_RUN},
+    {"callsOfAPlainChild", setNothing, inject_dup2, 0, "err\n",
+     std::string(BEGIN) + "execv PROGRAM PROGRAM\n"},
+    // The mask omits processors that the machine does not have.
+    {"callsWithProcessors", [](auto& p) { p.setAffinity(std::vector<bool>(5000, true)); }, inject_dup2, 0,
+     "err\n", "*\nsched_setaffinity 0 128 " + std::to_string(vesk::Vesk::s_sys_info.processor_count) + "\n*"},
+    {"callsWithDescriptors",
+     [](auto& p) {
+         p.setStdoutFd(openGiven(60));
+         p.setStderrFd(openGiven(61));
+         p.setStdinFd(62);
+     },
+     inject_open, 0, "",
+     "*sigprocmask unblock all\ndup2 60 1\nclose 60\ndup2 61 2\nclose 61\ndup2 0 62\nclose 0\nexecv *"},
+    {"callsWithTheNullDevice",
+     [](auto& p) {
+         p.setStdoutNull(true);
+         p.setStderrFile("ignored", true);
+         p.setStderrNull(true);
+     },
+     inject_open, 0, "", "*open /dev/null 241 600\n*open /dev/null 441 600\n*"},
+    {"callsResetHandlersBeforeSignalsAreUnblocked",
+     [](auto&) {
+         signal(SIGUSR1, [](int) {});
+         signal(SIGUSR2, SIG_IGN);
+         struct sigaction action {};
+         action.sa_flags = SA_SIGINFO;
+         action.sa_sigaction = [](int, siginfo_t*, void*) {};
+         EXPECT_EQ(0, sigaction(SIGRTMIN + 1, &action, nullptr));
+     },
+     inject_dup2, 0, "err\n",
+     "getpid\nsigaction " + std::to_string(SIGUSR1) + " default\nsigaction " + std::to_string(SIGRTMIN + 1) +
+         " default\nsigprocmask unblock all\nexecv *"},
+};
+
+VESK_TEST_TABLE(ProcessChildRows, makeTheseCallsAndLines, ProcessChildFailure, CHILD_ROWS) {
+    Recorded const seen = record(GetParam().set, GetParam().function, GetParam().error);
+    EXPECT_TRUE(seen.matches(seen.calls, GetParam().calls));
+    EXPECT_TRUE(seen.matches(seen.errors, GetParam().errors));
+    EXPECT_GT(seen.pid, 0); // The start itself succeeds.
+    bool const aborts = GetParam().errors.find("fatal") != std::string::npos;
+    EXPECT_EQ(aborts, seen.killed);
+    EXPECT_EQ(aborts ? SIGABRT : 0, seen.status);
+    // The rows without errors redirect both outputs.
+    EXPECT_EQ(aborts || GetParam().errors.empty() ? "" : "out\n", seen.output);
+    if (&GetParam().function == &inject_dup2 && GetParam().error != 0) {
+        // A descriptor that the child has opened stays open, a given one is closed.
+        bool const opened = seen.calls.find("open ") != std::string::npos;
+        std::string const close = "close " + std::to_string(seen.getDuplicated()) + "\n";
+        EXPECT_EQ(!opened, seen.calls.find(close) != std::string::npos) << seen.calls;
+    }
+}
 
 TEST_F(ProcessChildFailure, aChildWithEverySettingMakesItsCallsInThisOrder) {
     std::string const out = m_dir / "out";

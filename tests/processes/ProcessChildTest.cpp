@@ -1,7 +1,5 @@
 #include "processes/ChildCapture.h"
 
-#include <sys/resource.h>
-
 // The properties of a child, seen from the program that runs in it.
 namespace {
 
@@ -490,17 +488,13 @@ std::string findLibrary() {
 }
 
 // Developers search the sources for pieces of a log line, so the library must contain them in one piece.
-class LogTexts : public testing::TestWithParam<char const*> {};
+char const* const LOG_TEXTS[] = {
+    "unknown policy (", "unknown thread priority (", " or ",      "]: Couldn't open new ",
+    "\". Reason: ",     "]: Couldn't dup2 (",        "! Reason: "};
 
-TEST_P(LogTexts, areInTheLibraryInOnePiece) {
+VESK_TEST_TABLE(LogTexts, areInTheLibraryInOnePiece, testing::Test, LOG_TEXTS) {
     std::string const library = contentOf(findLibrary());
     EXPECT_NE(std::string::npos, library.find(std::string(GetParam()) + '\0')) << findLibrary();
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, LogTexts,
-    testing::Values(
-        "unknown policy (", "unknown thread priority (", " or ", "]: Couldn't open new ",
-        "\". Reason: ", "]: Couldn't dup2 (", "! Reason: "));
 
 } // namespace

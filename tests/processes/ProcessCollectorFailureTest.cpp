@@ -4,7 +4,6 @@
 #include "support/UnlockFault.h"
 
 #include <vesk/Mutex.h>
-#include <vesk/Thread.h>
 
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * m), (m))
 VESK_INJECT_RESULT(pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
@@ -53,9 +52,14 @@ struct SetUpRow : NamedRow {
 std::vector<ExpectedReport> const START_FAILED = {
     {vesk::Mutex::ErrorId::INCONSISTENT}, {Thread::Error, Thread::ErrorId::START_FAILED}};
 
-class ProcessSetUpRows : public testing::TestWithParam<SetUpRow> {};
+// The second lock of this thread is that of the thread's start; the first one is that of the lazy set-up.
+SetUpRow const SET_UPS[] = {
+    {"memory", false, inject_pthread_create, 0, 1, {{CommonErrorId::OUT_OF_MEMORY, "Out of memory"}}},
+    {"aThread", true, inject_pthread_create, EAGAIN, 1, {{Vesk::ErrorId::INIT_FAILED, NO_IMPL}}},
+    {"theLockOfTheStart", true, inject_pthread_mutex_lock, EINVAL, 2, START_FAILED},
+};
 
-TEST_P(ProcessSetUpRows, failsAndLeavesNothingBehind) {
+VESK_TEST_TABLE(ProcessSetUpRows, failsAndLeavesNothingBehind, testing::Test, SET_UPS) {
     Vesk const vesk(true, false);
     EventRecorder recorder;
     {
@@ -68,16 +72,6 @@ TEST_P(ProcessSetUpRows, failsAndLeavesNothingBehind) {
     EXPECT_EQ(0U, recorder.getCount()) << recorder.getText();
     expectNoCollector();
 }
-
-// The second lock of this thread is that of the thread's start; the first one is that of the lazy set-up.
-INSTANTIATE_TEST_SUITE_P(
-    Without, ProcessSetUpRows,
-    rowsOf<SetUpRow>({
-        {"memory", false, inject_pthread_create, 0, 1, {{CommonErrorId::OUT_OF_MEMORY, "Out of memory"}}},
-        {"aThread", true, inject_pthread_create, EAGAIN, 1, {{Vesk::ErrorId::INIT_FAILED, NO_IMPL}}},
-        {"theLockOfTheStart", true, inject_pthread_mutex_lock, EINVAL, 2, START_FAILED},
-    }),
-    byName);
 
 TEST(ProcessSetUp, keepsAThreadThatRunsAlthoughItsStartFailed) {
     Vesk const vesk(true, false);
@@ -237,9 +231,35 @@ struct FatalRow : NamedRow {
     char const* text;
 };
 
-class ProcessFatalRows : public ProcessTest, public testing::WithParamInterface<FatalRow> {};
+FatalRow const FATAL_ROWS[] = {
+    {"unlockForWaiting", failFromTheStartOn, inject_pthread_mutex_unlock, 1,
+     "processCollector: fatal: error unlocking"},
+    {"lockBehindTheEnd", failFromTheEndOn<false>, inject_pthread_mutex_lock, 1,
+     "waitChild: fatal: error locking"},
+    {"unlockBeforeTheHandOver", failFromTheEndOn<false>, inject_pthread_mutex_unlock, 1,
+     "waitChild: fatal: error unlocking"},
+    {"lockOfTheObject", failFromTheEndOn<false>, inject_pthread_mutex_lock, 2,
+     "processExited: fatal: error locking"},
+    {"signal", failFromTheEndOn<true>, inject_pthread_cond_signal, 1,
+     "processExited: fatal: error signaling condition"},
+    {"unlockOfTheObject", failFromTheEndOn<false>, inject_pthread_mutex_unlock, 2,
+     "processExited: fatal: error unlocking"},
+    {"lockBehindTheHandOver", failFromTheEndOn<false>, inject_pthread_mutex_lock, 3,
+     "waitChild: fatal: error locking"},
+    {"waitForTheNextChild", failFromTheEndOn<false>, inject_pthread_cond_wait, 1,
+     "processCollector: fatal: error waiting on condition"},
+    {"unlockAtTheEnd", failFromExitOn<Fault::Threads::OTHERS>, inject_pthread_mutex_unlock, 1,
+     "processCollector: fatal: error unlocking"},
+    {"lockOfExit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_mutex_lock, 1,
+     "exit: fatal: error locking"},
+    {"signalOfExit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_cond_signal, 1,
+     "exit: fatal: error signaling condition"},
+    {"unlockOfExit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_mutex_unlock, 1,
+     "exit: fatal: error unlocking"},
+    {"joinOfExit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_join, 1,
+     "exit: fatal: error joining"}};
 
-TEST_P(ProcessFatalRows, endTheProcess) {
+VESK_TEST_TABLE(ProcessFatalRows, endTheProcess, ProcessTest, FATAL_ROWS) {
     FatalRow const& row = GetParam();
     ChildEnd const end = runInChild([&] { row.body(row.function, row.nth); });
     EXPECT_EQ(SIGABRT, end.signal) << end.output << end.errors;
@@ -247,36 +267,6 @@ TEST_P(ProcessFatalRows, endTheProcess) {
     std::string const expected = std::string(": ") + row.text + "\n";
     EXPECT_EQ(end.errors.size() - expected.size(), end.errors.find(expected)) << end.errors;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessFatalRows,
-    rowsOf<FatalRow>(
-        {{"unlock for waiting", failFromTheStartOn, inject_pthread_mutex_unlock, 1,
-          "processCollector: fatal: error unlocking"},
-         {"lock behind the end", failFromTheEndOn<false>, inject_pthread_mutex_lock, 1,
-          "waitChild: fatal: error locking"},
-         {"unlock before the hand-over", failFromTheEndOn<false>, inject_pthread_mutex_unlock, 1,
-          "waitChild: fatal: error unlocking"},
-         {"lock of the object", failFromTheEndOn<false>, inject_pthread_mutex_lock, 2,
-          "processExited: fatal: error locking"},
-         {"signal", failFromTheEndOn<true>, inject_pthread_cond_signal, 1,
-          "processExited: fatal: error signaling condition"},
-         {"unlock of the object", failFromTheEndOn<false>, inject_pthread_mutex_unlock, 2,
-          "processExited: fatal: error unlocking"},
-         {"lock behind the hand-over", failFromTheEndOn<false>, inject_pthread_mutex_lock, 3,
-          "waitChild: fatal: error locking"},
-         {"wait for the next child", failFromTheEndOn<false>, inject_pthread_cond_wait, 1,
-          "processCollector: fatal: error waiting on condition"},
-         {"unlock at the end", failFromExitOn<Fault::Threads::OTHERS>, inject_pthread_mutex_unlock, 1,
-          "processCollector: fatal: error unlocking"},
-         {"lock of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_mutex_lock, 1,
-          "exit: fatal: error locking"},
-         {"signal of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_cond_signal, 1,
-          "exit: fatal: error signaling condition"},
-         {"unlock of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_mutex_unlock, 1,
-          "exit: fatal: error unlocking"},
-         {"join of exit", failFromExitOn<Fault::Threads::MINE>, inject_pthread_join, 1,
-          "exit: fatal: error joining"}}));
 
 // How many locks the thread takes before, one or two, depends on the scheduling.
 TEST_F(ProcessFatalRows, includeTheFirstLockOfTheCollector) {

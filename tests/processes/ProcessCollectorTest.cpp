@@ -1,8 +1,5 @@
 #include "processes/ProcessSupport.h"
 
-#include <sys/syscall.h>
-#include <sys/wait.h>
-
 namespace {
 
 // The number of waits for any child, and whether a wait had other arguments than expected.

@@ -1,7 +1,6 @@
 #include "processes/ProcessSupport.h"
 
 #include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/tracing/Channel.h>
 
 #include <iostream>

@@ -2,10 +2,6 @@
 
 #include "support/CleanEnd.h"
 
-#include <vesk/FileAccessError.h>
-
-#include <sys/wait.h>
-
 namespace {
 
 // The result of readlink, and the directory that replaces "/proc".

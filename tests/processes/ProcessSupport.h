@@ -2,17 +2,12 @@
 
 #include "ProbeCommand.h"
 #include "support/Emulation.h"
-#include "support/Processes.h"
 #include "support/Sleeper.h"
 #include "support/TempFolder.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/ProcessTNG.h>
 #include <vesk/Vesk.h>
-
-#include <fcntl.h>
-#include <filesystem>
-#include <map>
 
 /// Support for the tests of child processes.
 namespace support {

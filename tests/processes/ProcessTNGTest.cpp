@@ -3,7 +3,6 @@
 #include "support/CleanEnd.h"
 #include "support/UnlockFault.h"
 
-#include <vesk/FileAccessError.h>
 #include <vesk/Mutex.h>
 
 #include <tarncommon/tarnbase/TimePoint.h>
@@ -404,27 +403,6 @@ struct OperationRow : NamedRow {
     std::string event{};
 };
 
-class ProcessOperationRows : public ProcessTNGFailure, public testing::WithParamInterface<OperationRow> {};
-
-TEST_P(ProcessOperationRows, haveThisOutcomeAndLeaveTheLocksFree) {
-    HeldChild child;
-    ExitState state;
-    state.status = 77;
-    {
-        EventRecorder recorder;
-        Fault const fault(GetParam().function, GetParam().error);
-        EXPECT_EQ(!GetParam().chain.empty(), GetParam().call(child.process, state));
-        EXPECT_EQ(GetParam().event, recorder.getText());
-        if (&GetParam().function == &inject_kill) {
-            EXPECT_EQ(1, fault.getCalls());
-        }
-    }
-    EXPECT_TRUE(chainIs(GetParam().chain));
-    EXPECT_FALSE(state.hasExited());
-    EXPECT_EQ(GetParam().status, state.status);
-    EXPECT_TRUE(GetParam().signal == 0 ? child.ends() : wasKilledBy(waitFor(child.process), SIGTERM));
-}
-
 bool start(ProcessTNG& process, ExitState& /*state*/) {
     return process.start() == -1;
 }
@@ -443,34 +421,48 @@ Chain killRefused(int error) {
     return {report(SysErrorId::PERMISSION_DENIED, error), report(Id::KILL_FAILED, error)};
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    DuringAChild, ProcessOperationRows,
-    rowsOf<OperationRow>({
-        {"startWithoutItsLock", start, inject_pthread_mutex_lock, EINVAL, lockFailed(Id::START_FAILED)},
-        {"startWithoutUnlock",
-         start,
-         inject_pthread_mutex_unlock,
-         EINVAL,
-         {{std::CommonErrorId::CONTRACT_BROKEN}},
-         77,
-         0,
-         aborted("start", "error unlocking")},
-        {"waitWithoutItsLock", wait<false>, inject_pthread_mutex_lock, EINVAL, lockFailed(Id::WAIT_FAILED)},
-        {"timedWaitWithoutItsLock", wait<true>, inject_pthread_mutex_lock, EINVAL,
-         lockFailed(Id::WAIT_FAILED)},
-        {"waitWithoutItsCondition", wait<false>, inject_pthread_cond_wait, EINVAL, CONDITION_FAILED, -1},
-        {"timedWaitWithoutItsCondition", wait<true>, inject_pthread_cond_timedwait, EINVAL, CONDITION_FAILED,
-         -1},
-        {"killWithoutItsLock", kill<true>, inject_pthread_mutex_lock, EINVAL, lockFailed(Id::KILL_FAILED)},
-        {"killWithoutUnlock", kill<true>, inject_pthread_mutex_unlock, EINVAL,
-         lockFailed(Id::KILL_FAILED, "unlocking operation failed"), 77, SIGTERM},
-        {"killOfAChildThatHasJustEnded", kill<true>, inject_kill, ESRCH},
-        {"killOfAChildThatHasJustEndedByForce", kill<false>, inject_kill, ESRCH},
-        {"killWithEINVAL", kill<false>, inject_kill, EINVAL, killRefused(EINVAL)},
-        {"killWithEPERM", kill<false>, inject_kill, EPERM, killRefused(EPERM)},
-        {"killWithENOSYS", kill<false>, inject_kill, ENOSYS, {report(Id::KILL_FAILED, ENOSYS)}},
-    }),
-    byName);
+OperationRow const OPERATIONS[] = {
+    {"startWithoutItsLock", start, inject_pthread_mutex_lock, EINVAL, lockFailed(Id::START_FAILED)},
+    {"startWithoutUnlock",
+     start,
+     inject_pthread_mutex_unlock,
+     EINVAL,
+     {{std::CommonErrorId::CONTRACT_BROKEN}},
+     77,
+     0,
+     aborted("start", "error unlocking")},
+    {"waitWithoutItsLock", wait<false>, inject_pthread_mutex_lock, EINVAL, lockFailed(Id::WAIT_FAILED)},
+    {"timedWaitWithoutItsLock", wait<true>, inject_pthread_mutex_lock, EINVAL, lockFailed(Id::WAIT_FAILED)},
+    {"waitWithoutItsCondition", wait<false>, inject_pthread_cond_wait, EINVAL, CONDITION_FAILED, -1},
+    {"timedWaitWithoutItsCondition", wait<true>, inject_pthread_cond_timedwait, EINVAL, CONDITION_FAILED, -1},
+    {"killWithoutItsLock", kill<true>, inject_pthread_mutex_lock, EINVAL, lockFailed(Id::KILL_FAILED)},
+    {"killWithoutUnlock", kill<true>, inject_pthread_mutex_unlock, EINVAL,
+     lockFailed(Id::KILL_FAILED, "unlocking operation failed"), 77, SIGTERM},
+    {"killOfAChildThatHasJustEnded", kill<true>, inject_kill, ESRCH},
+    {"killOfAChildThatHasJustEndedByForce", kill<false>, inject_kill, ESRCH},
+    {"killWithEINVAL", kill<false>, inject_kill, EINVAL, killRefused(EINVAL)},
+    {"killWithEPERM", kill<false>, inject_kill, EPERM, killRefused(EPERM)},
+    {"killWithENOSYS", kill<false>, inject_kill, ENOSYS, {report(Id::KILL_FAILED, ENOSYS)}},
+};
+
+VESK_TEST_TABLE(ProcessOperationRows, haveThisOutcomeAndLeaveTheLocksFree, ProcessTNGFailure, OPERATIONS) {
+    HeldChild child;
+    ExitState state;
+    state.status = 77;
+    {
+        EventRecorder recorder;
+        Fault const fault(GetParam().function, GetParam().error);
+        EXPECT_EQ(!GetParam().chain.empty(), GetParam().call(child.process, state));
+        EXPECT_EQ(GetParam().event, recorder.getText());
+        if (&GetParam().function == &inject_kill) {
+            EXPECT_EQ(1, fault.getCalls());
+        }
+    }
+    EXPECT_TRUE(chainIs(GetParam().chain));
+    EXPECT_FALSE(state.hasExited());
+    EXPECT_EQ(GetParam().status, state.status);
+    EXPECT_TRUE(GetParam().signal == 0 ? child.ends() : wasKilledBy(waitFor(child.process), SIGTERM));
+}
 
 TEST_F(ProcessTNGFailure, theStaticOperationsReportTheirErrors) {
     std::pair<int, Chain> const kills[] = {
@@ -628,9 +620,30 @@ struct LockingRow : NamedRow {
     void (*call)(std::unique_ptr<ProcessTNG>& process);
 };
 
-class ProcessLocking : public ProcessTNGFailure, public testing::WithParamInterface<LockingRow> {};
+LockingRow const LOCKING_OPERATIONS[] = {
+    {"destructor", [](auto& p) { p.reset(); }},
+    {"setExecutable", [](auto& p) { p->setExecutable("/"); }},
+    {"setArguments", [](auto& p) { p->setArguments({}); }},
+    {"setEnvironment", [](auto& p) { p->setEnvironment({}); }},
+    {"setStdoutFile", [](auto& p) { p->setStdoutFile("", false); }},
+    {"setStderrFile", [](auto& p) { p->setStderrFile("", false); }},
+    {"setStdinFile", [](auto& p) { p->setStdinFile(""); }},
+    {"setStdoutFd", [](auto& p) { p->setStdoutFd(-1); }},
+    {"setStderrFd", [](auto& p) { p->setStderrFd(-1); }},
+    {"setStdinFd", [](auto& p) { p->setStdinFd(-1); }},
+    {"setStdoutNull", [](auto& p) { p->setStdoutNull(false); }},
+    {"setStderrNull", [](auto& p) { p->setStderrNull(false); }},
+    {"setNewGroup", [](auto& p) { p->setNewGroup(false); }},
+    {"setPriority", [](auto& p) { p->setPriority(true, 0); }},
+    {"setSchedAttrs", [](auto& p) { p->setSchedAttrs({}); }},
+    {"setAffinity", [](auto& p) { p->setAffinity({}); }},
+    {"setExitListener", [](auto& p) { p->setExitListener(nullptr); }},
+    {"init", [](auto& p) { p->init(); }},
+    {"isValid", [](auto& p) { p->isValid(); }},
+    {"getPid", [](auto& p) { p->getPid(); }},
+    {"getLastPid", [](auto& p) { p->getLastPid(); }}};
 
-TEST_P(ProcessLocking, abortsIfItCannotUnlock) {
+VESK_TEST_TABLE(ProcessLocking, abortsIfItCannotUnlock, ProcessTNGFailure, LOCKING_OPERATIONS) {
     auto process = std::make_unique<ProcessTNG>();
     EventRecorder recorder;
     {
@@ -641,31 +654,5 @@ TEST_P(ProcessLocking, abortsIfItCannotUnlock) {
     EXPECT_EQ(aborted(name, "error unlocking"), recorder.getText());
     std::ErrorStorage::ack();
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ProcessLocking,
-    rowsOf<LockingRow>(
-        {{"destructor", [](auto& p) { p.reset(); }},
-         {"setExecutable", [](auto& p) { p->setExecutable("/"); }},
-         {"setArguments", [](auto& p) { p->setArguments({}); }},
-         {"setEnvironment", [](auto& p) { p->setEnvironment({}); }},
-         {"setStdoutFile", [](auto& p) { p->setStdoutFile("", false); }},
-         {"setStderrFile", [](auto& p) { p->setStderrFile("", false); }},
-         {"setStdinFile", [](auto& p) { p->setStdinFile(""); }},
-         {"setStdoutFd", [](auto& p) { p->setStdoutFd(-1); }},
-         {"setStderrFd", [](auto& p) { p->setStderrFd(-1); }},
-         {"setStdinFd", [](auto& p) { p->setStdinFd(-1); }},
-         {"setStdoutNull", [](auto& p) { p->setStdoutNull(false); }},
-         {"setStderrNull", [](auto& p) { p->setStderrNull(false); }},
-         {"setNewGroup", [](auto& p) { p->setNewGroup(false); }},
-         {"setPriority", [](auto& p) { p->setPriority(true, 0); }},
-         {"setSchedAttrs", [](auto& p) { p->setSchedAttrs({}); }},
-         {"setAffinity", [](auto& p) { p->setAffinity({}); }},
-         {"setExitListener", [](auto& p) { p->setExitListener(nullptr); }},
-         {"init", [](auto& p) { p->init(); }},
-         {"isValid", [](auto& p) { p->isValid(); }},
-         {"getPid", [](auto& p) { p->getPid(); }},
-         {"getLastPid", [](auto& p) { p->getLastPid(); }}}),
-    byName);
 
 } // namespace

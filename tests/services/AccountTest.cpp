@@ -4,9 +4,7 @@
 #include <vesk/Group.h>
 #include <vesk/User.h>
 
-#include <grp.h>
 #include <pwd.h>
-#include <sys/resource.h>
 
 /// `User` and `Group` have the same contract, each for its own database: every test runs for both.
 
@@ -155,15 +153,8 @@ private:
     Row m_entry = {};
 };
 
-struct Names {
-    template <typename Account>
-    static std::string GetName(int) {
-        return std::is_same_v<Account, User> ? "User" : "Group";
-    }
-};
-
 using Both = testing::Types<User, Group>;
-TYPED_TEST_SUITE(AccountTest, Both, Names);
+TYPED_TEST_SUITE(AccountTest, Both, TypeName);
 
 TYPED_TEST(AccountTest, rootAndEveryEntryOfTheSystemAreFoundBothWays) {
     this->expectFound("root", 0);

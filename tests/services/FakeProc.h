@@ -6,8 +6,6 @@
 #include <vesk/ProcessInfo.h>
 
 #include <cstring>
-#include <filesystem>
-#include <string>
 #include <vector>
 
 /// Replaces `open`. Must be included in only one file of a test program. A `support::Fault` on `inject_open` counts its

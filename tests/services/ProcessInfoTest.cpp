@@ -6,10 +6,8 @@
 #include "support/Processes.h"
 
 #include <vesk/ProcessInfo.h>
-#include <vesk/Time.h>
 
 #include <dirent.h>
-#include <fstream>
 #include <sys/prctl.h>
 
 namespace {

@@ -8,7 +8,6 @@
 #include <vesk/Vesk.h>
 
 #include <clocale>
-#include <fstream>
 #include <limits>
 
 namespace {

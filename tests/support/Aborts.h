@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <functional>
-#include <string>
 
 namespace support {
 

@@ -2,9 +2,7 @@
 
 #include "support/Processes.h"
 
-#include <cerrno>
 #include <poll.h>
-#include <unistd.h>
 
 namespace support {
 

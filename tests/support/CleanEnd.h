@@ -3,9 +3,6 @@
 #include "support/Chain.h"
 #include "support/EventRecorder.h"
 
-#include <gtest/gtest.h>
-
-#include <optional>
 #include <pthread.h>
 
 /// Makes each test of the program fail that leaves a report pending in its thread, or that causes an event of

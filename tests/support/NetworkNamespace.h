@@ -2,18 +2,10 @@
 
 #include "support/Privileges.h"
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
-#include <functional>
-#include <sched.h>
 #include <spawn.h>
-#include <string>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 /// Gives a test a network namespace with interfaces that it can change freely. The namespace is not visible
 /// outside and ends with its last process. Interfaces are created and changed with the program `ip`, which

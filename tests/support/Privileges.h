@@ -6,11 +6,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <grp.h>
 #include <initializer_list>
 #include <sched.h>
-#include <string>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
-#include <sched.h>
 #include <string>
 #include <sys/mman.h>
 #include <sys/wait.h>

@@ -1,16 +1,9 @@
 #pragma once
 
-#include "support/Eventually.h"
 #include "support/Processes.h"
 #include "support/Threads.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <functional>
-#include <pthread.h>
-#include <unistd.h>
-#include <utility>
 
 namespace support {
 

@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <pthread.h>
-#include <sched.h>
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>

@@ -2,9 +2,6 @@
 
 #include "support/Inject.h"
 
-#include <atomic>
-#include <pthread.h>
-
 /// Makes `pthread_mutex_unlock` fail. Must be included at the top of a test file, like the macros of Inject.h.
 
 namespace support {

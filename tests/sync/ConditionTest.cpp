@@ -16,16 +16,9 @@
 namespace {
 
 using namespace support;
+using namespace vesk;
 using tarnbase::Duration;
 using tarnbase::TimePoint;
-using vesk::AbsTimeT;
-using vesk::Condition;
-using vesk::Mutex;
-using vesk::MutexLock;
-using vesk::ShmCondition;
-using vesk::ShmMutex;
-using vesk::ShmMutexLock;
-namespace SysErrorId = vesk::SysErrorId;
 
 constexpr auto SPOILED = SysErrorId::SPOILED_INTEGRITY;
 
@@ -107,14 +100,8 @@ protected:
     decltype(T::to_partner)& m_condition = m_shared->to_partner;
 };
 
-struct ClassName {
-    template <typename T>
-    static std::string GetName(int i) {
-        return i == 0 ? "Condition" : "ShmCondition";
-    }
-};
 using BothClasses = testing::Types<OfThreads, OfProcesses>;
-TYPED_TEST_SUITE(Conditions, BothClasses, ClassName);
+TYPED_TEST_SUITE(Conditions, BothClasses, TypeName);
 
 TYPED_TEST(Conditions, handOverInBothDirections) {
     constexpr int ROUNDS = 2000;
@@ -398,70 +385,57 @@ struct Row {
     int error = 0;
 };
 
-class ConditionRows : public testing::TestWithParam<Row> {
-protected:
-    /// Checks that the operation of the row fails, the call below which fails, with the mutex locked.
-    template <typename T>
-    static void expectFailure(T& shared) {
-        std::string const operation = GetParam().name;
-        int const error = GetParam().error;
-        auto& condition = shared.to_test;
-        typename T::Lock const lock(shared.mutex);
-        EXPECT_TRUE(
-            operation != "signal" || condition.waitTimeout(shared.mutex, inMs(-1)) == 1); // Creates it.
-        leaveOlderReport();
-        Fault const wait(inject_pthread_cond_wait, error);
-        Fault const timed_wait(inject_pthread_cond_timedwait, error);
-        Fault const signal(inject_pthread_cond_signal, error);
-        int const result = operation == "wait" ? (condition.wait(shared.mutex) ? -1 : 0)
-            : operation == "timedWait"         ? condition.waitTimeout(shared.mutex, inMs(60000))
-                                               : (condition.signal() ? -1 : 0);
-        EXPECT_EQ(-1, result);
-    }
-};
+/// Checks that the operation of a row fails, the call below which fails, with the mutex locked.
+template <typename T>
+void expectFailure(T& shared, Row const& row) {
+    std::string const operation = row.name;
+    auto& condition = shared.to_test;
+    typename T::Lock const lock(shared.mutex);
+    EXPECT_TRUE(operation != "signal" || condition.waitTimeout(shared.mutex, inMs(-1)) == 1); // Creates it.
+    leaveOlderReport();
+    Fault const wait(inject_pthread_cond_wait, row.error);
+    Fault const timed_wait(inject_pthread_cond_timedwait, row.error);
+    Fault const signal(inject_pthread_cond_signal, row.error);
+    int const result = operation == "wait" ? (condition.wait(shared.mutex) ? -1 : 0)
+        : operation == "timedWait"         ? condition.waitTimeout(shared.mutex, inMs(60000))
+                                           : (condition.signal() ? -1 : 0);
+    EXPECT_EQ(-1, result);
+}
 
-TEST_P(ConditionRows, reportTheRawResult) {
+auto const ROWS = eachErrno<Row>({
+    {"wait", {EINVAL, EPERM}, SPOILED, -1},
+    {"wait", {ENOTRECOVERABLE, EAGAIN}, SPOILED},
+    {"wait", {ETIMEDOUT}, SPOILED, 1}, // Without a deadline a timeout is a failure.
+    {"timedWait", {EINVAL, EPERM}, SPOILED, -1},
+    {"timedWait", {ENOTRECOVERABLE, EAGAIN}, SPOILED},
+    {"signal", {EINVAL, EPERM}, SPOILED, -1},
+    {"signal", {EAGAIN, ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
+});
+
+VESK_TEST_TABLE(ConditionRows, reportTheRawResult, testing::Test, ROWS) {
     OfThreads shared;
-    expectFailure(shared);
+    expectFailure(shared, GetParam());
     EXPECT_TRUE(chainIs({rawResult(GetParam().id, GetParam().argument.value_or(GetParam().error))}));
     EXPECT_FALSE(shared.to_test.signal()) << "the internal lock is free again";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, ConditionRows,
-    testing::ValuesIn(eachErrno<Row>({
-        {"wait", {EINVAL, EPERM}, SPOILED, -1},
-        {"wait", {ENOTRECOVERABLE, EAGAIN}, SPOILED},
-        {"wait", {ETIMEDOUT}, SPOILED, 1}, // Without a deadline a timeout is a failure.
-        {"timedWait", {EINVAL, EPERM}, SPOILED, -1},
-        {"timedWait", {ENOTRECOVERABLE, EAGAIN}, SPOILED},
-        {"signal", {EINVAL, EPERM}, SPOILED, -1},
-        {"signal", {EAGAIN, ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
-    })),
-    ErrnoName());
+auto const SHM_ROWS = eachErrno<Row>({
+    {"wait", {EINVAL, EPERM}, SPOILED},
+    {"wait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
+    {"timedWait", {EINVAL, EPERM}, SPOILED},
+    {"timedWait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
+    {"signal", {EINVAL}, SPOILED},
+    {"signal", {EPERM}, SysErrorId::UNCLASSIFIED},
+});
 
-class ShmConditionRows : public ConditionRows {};
-
-TEST_P(ShmConditionRows, reportTheCauseAndTheOperation) {
+VESK_TEST_TABLE(ShmConditionRows, reportTheCauseAndTheOperation, testing::Test, SHM_ROWS) {
     OfProcesses shared;
-    expectFailure(shared);
+    expectFailure(shared, GetParam());
     bool const signals = GetParam().name == std::string("signal");
     auto const operation =
         signals ? ShmCondition::ErrorId::SIGNAL_FAILED : ShmCondition::ErrorId::WAIT_FAILED;
     EXPECT_TRUE(chainIs(withErrno({GetParam().id, operation}, GetParam().error)));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ShmConditionRows,
-    testing::ValuesIn(eachErrno<Row>({
-        {"wait", {EINVAL, EPERM}, SPOILED},
-        {"wait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
-        {"timedWait", {EINVAL, EPERM}, SPOILED},
-        {"timedWait", {ENOTRECOVERABLE}, SysErrorId::UNCLASSIFIED},
-        {"signal", {EINVAL}, SPOILED},
-        {"signal", {EPERM}, SysErrorId::UNCLASSIFIED},
-    })),
-    ErrnoName());
 
 TEST(ShmCondition, outlivesAProcessThatIsKilledWithoutWaiting) {
     constexpr int ROUNDS = 10;

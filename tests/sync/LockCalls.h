@@ -3,7 +3,6 @@
 #include "support/Inject.h"
 
 #include <ctime>
-#include <pthread.h>
 
 /// Replaces the calls below locks and conditions, except `pthread_mutex_unlock`. Must be included at the top of one file
 /// of a test program, like the macros of Inject.h.

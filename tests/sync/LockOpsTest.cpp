@@ -21,20 +21,9 @@ VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 namespace {
 
 using namespace support;
+using namespace vesk;
 using tarnbase::Duration;
 using tarnbase::TimePoint;
-using vesk::Condition;
-using vesk::ConditionOps;
-using vesk::Mutex;
-using vesk::MutexOps;
-using vesk::RWLock;
-using vesk::RWLockOps;
-using vesk::ShmMutex;
-using vesk::ShmRWLock;
-using vesk::ShmSpinLock;
-using vesk::SpinLock;
-using vesk::SpinLockOps;
-namespace SysErrorId = vesk::SysErrorId;
 
 constexpr bool READ = false;
 constexpr bool WRITE = true;
@@ -125,9 +114,38 @@ struct InitRow {
     int error = 0;
 };
 
-class LockOpsInitRows : public testing::TestWithParam<InitRow> {};
+auto const INIT_ROWS = eachErrno<InitRow>({
+    {"mutexattr_init", &MUTEX, &inject_pthread_mutexattr_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {"mutexattr_init", &MUTEX, &inject_pthread_mutexattr_init, {EAGAIN}, SysErrorId::UNCLASSIFIED},
+    {"settype", &MUTEX, &inject_pthread_mutexattr_settype, {EINVAL, ENOMEM}, SysErrorId::UNCLASSIFIED},
+    {"setprotocol", &MUTEX, &inject_pthread_mutexattr_setprotocol, {ENOTSUP}, SysErrorId::UNCLASSIFIED},
+    {"mutexattr_setpshared", &MUTEX, MUTEX.share, {EINVAL}, SysErrorId::UNCLASSIFIED},
+    {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {ENOTSUP}, SysErrorId::NOT_IMPLEMENTED},
+    {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+    {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {EINVAL, EPERM}, SysErrorId::SPOILED_INTEGRITY},
+    {"rwlockattr_init", &RWLOCK, &inject_pthread_rwlockattr_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {"rwlockattr_init", &RWLOCK, RWLOCK.init_attributes, {EAGAIN, EPERM}, SysErrorId::UNCLASSIFIED},
+    {"rwlockattr_setpshared", &RWLOCK, RWLOCK.share, {EINVAL, ENOMEM}, SysErrorId::UNCLASSIFIED},
+    {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {EPERM}, SysErrorId::PERMISSION_DENIED},
+    {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+    {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {"rwlock_init", &RWLOCK, RWLOCK.create, {EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {ENOTSUP}, SysErrorId::UNCLASSIFIED},
+    {"condattr_init", &CONDITION, CONDITION.init_attributes, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+    {"condattr_init", &CONDITION, CONDITION.init_attributes, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {"condattr_init", &CONDITION, CONDITION.init_attributes, {EPERM}, SysErrorId::UNCLASSIFIED},
+    {"setclock", &CONDITION, &inject_pthread_condattr_setclock, {EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {"setclock", &CONDITION, &inject_pthread_condattr_setclock, {ENOTSUP}, SysErrorId::UNCLASSIFIED},
+    {"condattr_setpshared", &CONDITION, CONDITION.share, {EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {"condattr_setpshared", &CONDITION, CONDITION.share, {EPERM}, SysErrorId::UNCLASSIFIED},
+    {"cond_init", &CONDITION, &inject_pthread_cond_init, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
+    {"cond_init", &CONDITION, &inject_pthread_cond_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
+    {"cond_init", &CONDITION, CONDITION.create, {EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {"cond_init", &CONDITION, &inject_pthread_cond_init, {EPERM}, SysErrorId::UNCLASSIFIED},
+});
 
-TEST_P(LockOpsInitRows, reportAndMarkTheMemory) {
+VESK_TEST_TABLE(LockOpsInitRows, reportAndMarkTheMemory, testing::Test, INIT_ROWS) {
     InitRow const& row = GetParam();
     Memory memory;
     row.kind->fill(memory, 0xFF);
@@ -145,40 +163,6 @@ TEST_P(LockOpsInitRows, reportAndMarkTheMemory) {
         EXPECT_FALSE(row.kind->destroy(memory));
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, LockOpsInitRows,
-    testing::ValuesIn(eachErrno<InitRow>({
-        {"mutexattr_init", &MUTEX, &inject_pthread_mutexattr_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
-        {"mutexattr_init", &MUTEX, &inject_pthread_mutexattr_init, {EAGAIN}, SysErrorId::UNCLASSIFIED},
-        {"settype", &MUTEX, &inject_pthread_mutexattr_settype, {EINVAL, ENOMEM}, SysErrorId::UNCLASSIFIED},
-        {"setprotocol", &MUTEX, &inject_pthread_mutexattr_setprotocol, {ENOTSUP}, SysErrorId::UNCLASSIFIED},
-        {"mutexattr_setpshared", &MUTEX, MUTEX.share, {EINVAL}, SysErrorId::UNCLASSIFIED},
-        {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
-        {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {ENOTSUP}, SysErrorId::NOT_IMPLEMENTED},
-        {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
-        {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {EINVAL, EPERM}, SysErrorId::SPOILED_INTEGRITY},
-        {"rwlockattr_init", &RWLOCK, &inject_pthread_rwlockattr_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
-        {"rwlockattr_init", &RWLOCK, RWLOCK.init_attributes, {EAGAIN, EPERM}, SysErrorId::UNCLASSIFIED},
-        {"rwlockattr_setpshared", &RWLOCK, RWLOCK.share, {EINVAL, ENOMEM}, SysErrorId::UNCLASSIFIED},
-        {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {EPERM}, SysErrorId::PERMISSION_DENIED},
-        {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
-        {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
-        {"rwlock_init", &RWLOCK, RWLOCK.create, {EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
-        {"rwlock_init", &RWLOCK, &inject_pthread_rwlock_init, {ENOTSUP}, SysErrorId::UNCLASSIFIED},
-        {"condattr_init", &CONDITION, CONDITION.init_attributes, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
-        {"condattr_init", &CONDITION, CONDITION.init_attributes, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
-        {"condattr_init", &CONDITION, CONDITION.init_attributes, {EPERM}, SysErrorId::UNCLASSIFIED},
-        {"setclock", &CONDITION, &inject_pthread_condattr_setclock, {EINVAL}, SysErrorId::SPOILED_INTEGRITY},
-        {"setclock", &CONDITION, &inject_pthread_condattr_setclock, {ENOTSUP}, SysErrorId::UNCLASSIFIED},
-        {"condattr_setpshared", &CONDITION, CONDITION.share, {EINVAL}, SysErrorId::SPOILED_INTEGRITY},
-        {"condattr_setpshared", &CONDITION, CONDITION.share, {EPERM}, SysErrorId::UNCLASSIFIED},
-        {"cond_init", &CONDITION, &inject_pthread_cond_init, {EAGAIN}, SysErrorId::RESOURCES_EXHAUSTED},
-        {"cond_init", &CONDITION, &inject_pthread_cond_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
-        {"cond_init", &CONDITION, CONDITION.create, {EBUSY, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
-        {"cond_init", &CONDITION, &inject_pthread_cond_init, {EPERM}, SysErrorId::UNCLASSIFIED},
-    })),
-    ErrnoName());
 
 struct KindName {
     std::string operator()(testing::TestParamInfo<Kind const*> const& info) const { return info.param->name; }
@@ -368,88 +352,68 @@ constexpr auto NOT_CREATED = Condition::ErrorId::CREATE_FAILED;
 constexpr auto NOT_WAITED = Condition::ErrorId::WAIT_FAILED;
 constexpr auto NOT_SIGNALED = Condition::ErrorId::SIGNAL_FAILED;
 
-class LockOpsRows : public testing::TestWithParam<Row> {
-protected:
-    static void check() {
-        Row const& row = GetParam();
-        leaveOlderReport();
-        EXPECT_EQ(row.result, row.operation(row.error));
-        EXPECT_TRUE(row.reports.empty() ? onlyOlderIsPending() : chainIs(withErrno(row.reports, row.error)));
-    }
-};
-
-TEST_P(LockOpsRows, areClassifiedAndSetErrnoForMutexesAndSpinLocksOnly) {
-    check();
+/// Checks the result and the reports of a row.
+void check(Row const& row) {
+    leaveOlderReport();
+    EXPECT_EQ(row.result, row.operation(row.error));
+    EXPECT_TRUE(row.reports.empty() ? onlyOlderIsPending() : chainIs(withErrno(row.reports, row.error)));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Mutex, LockOpsRows,
-    testing::ValuesIn(eachErrno<Row>({
-        {"destroy", MUTEX_DESTROY, {EBUSY, EINVAL}, 1, {SysErrorId::UNCLASSIFIED}},
-        {"timedlock", MUTEX_TIMED, {EBUSY, ETIMEDOUT}, 1, {}},
-        {"timedlock", MUTEX_TIMED, {EAGAIN, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
-        {"timedlock", MUTEX_TIMED, {EPERM, ENOTRECOVERABLE}, -1, {Mutex::ErrorId::LOCK_FAILED}},
-        {"lock", MUTEX_LOCK, {EPERM, EBUSY, EINVAL, EDEADLK}, 1, {Mutex::ErrorId::INCONSISTENT}},
-        {"lock", MUTEX_LOCK, {EAGAIN, ENOMEM}, 1, {Mutex::ErrorId::LOCK_FAILED}},
-        {"unlock", MUTEX_UNLOCK, {EPERM, EINVAL}, 1, {Mutex::ErrorId::INCONSISTENT}},
-        {"unlock", MUTEX_UNLOCK, {EBUSY, EAGAIN}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
-        {"trylock", MUTEX_TRY, {EBUSY}, 1, {}},
-        {"trylock", MUTEX_TRY, {EPERM, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
-        {"trylock", MUTEX_TRY, {EAGAIN}, -1, {Mutex::ErrorId::LOCK_FAILED}},
-    })),
-    ErrnoName());
+auto const ROWS = eachErrno<Row>({
+    {"Mutex_destroy", MUTEX_DESTROY, {EBUSY, EINVAL}, 1, {SysErrorId::UNCLASSIFIED}},
+    {"Mutex_timedlock", MUTEX_TIMED, {EBUSY, ETIMEDOUT}, 1, {}},
+    {"Mutex_timedlock", MUTEX_TIMED, {EAGAIN, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
+    {"Mutex_timedlock", MUTEX_TIMED, {EPERM, ENOTRECOVERABLE}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+    {"Mutex_lock", MUTEX_LOCK, {EPERM, EBUSY, EINVAL, EDEADLK}, 1, {Mutex::ErrorId::INCONSISTENT}},
+    {"Mutex_lock", MUTEX_LOCK, {EAGAIN, ENOMEM}, 1, {Mutex::ErrorId::LOCK_FAILED}},
+    {"Mutex_unlock", MUTEX_UNLOCK, {EPERM, EINVAL}, 1, {Mutex::ErrorId::INCONSISTENT}},
+    {"Mutex_unlock", MUTEX_UNLOCK, {EBUSY, EAGAIN}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
+    {"Mutex_trylock", MUTEX_TRY, {EBUSY}, 1, {}},
+    {"Mutex_trylock", MUTEX_TRY, {EPERM, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
+    {"Mutex_trylock", MUTEX_TRY, {EAGAIN}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+    // A lock that fails reports the row of unlocking, and the reverse.
+    {"SpinLock_init", SPIN_INIT, {ENOMEM, EAGAIN}, 1, {SpinLock::ErrorId::CREATE_FAILED}},
+    {"SpinLock_destroy", SPIN_DESTROY, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY}},
+    {"SpinLock_destroy", SPIN_DESTROY, {EPERM}, 1, {SysErrorId::UNCLASSIFIED}},
+    {"SpinLock_lock", SPIN_LOCK, {EPERM}, 1, {SpinLock::ErrorId::INCONSISTENT}},
+    {"SpinLock_lock", SPIN_LOCK, {EDEADLK, EBUSY, EINVAL}, 1, {SpinLock::ErrorId::UNLOCK_FAILED}},
+    {"SpinLock_trylock", SPIN_TRY, {EBUSY}, 1, {}},
+    {"SpinLock_trylock", SPIN_TRY, {EDEADLK}, -1, {SpinLock::ErrorId::INCONSISTENT}},
+    {"SpinLock_trylock", SPIN_TRY, {EPERM, EINVAL}, -1, {SpinLock::ErrorId::LOCK_FAILED}},
+    {"SpinLock_unlock", SPIN_UNLOCK, {EDEADLK}, 1, {SpinLock::ErrorId::INCONSISTENT}},
+    {"SpinLock_unlock", SPIN_UNLOCK, {EPERM, EINVAL}, 1, {SpinLock::ErrorId::LOCK_FAILED}},
+    {"RWLock_destroy", failRWLockDestroy, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY}},
+    {"RWLock_destroy", failRWLockDestroy, {EPERM, ENOMEM}, 1, {SysErrorId::UNCLASSIFIED}},
+    {"RWLock_read", failRWLock<READ>, {EBUSY, ETIMEDOUT}, 1, {}},
+    {"RWLock_read", failRWLock<READ>, {EDEADLK}, -1, {RWLock::ErrorId::DEADLOCK}},
+    {"RWLock_read", failRWLock<READ>, {EAGAIN}, -1, {RWLock::ErrorId::TOO_MANY_LOCKS}},
+    {"RWLock_read", failRWLock<READ>, {EINVAL, EPERM}, -1, {RWLock::ErrorId::READ_LOCK_FAILED}},
+    {"RWLock_write", failRWLock<WRITE>, {EBUSY, ETIMEDOUT}, 1, {}},
+    {"RWLock_write", failRWLock<WRITE>, {EDEADLK}, -1, {RWLock::ErrorId::DEADLOCK}},
+    {"RWLock_write", failRWLock<WRITE>, {EAGAIN}, -1, {RWLock::ErrorId::TOO_MANY_LOCKS}},
+    {"RWLock_write", failRWLock<WRITE>, {EINVAL, EPERM}, -1, {RWLock::ErrorId::WRITE_LOCK_FAILED}},
+    {"RWLock_unlock",
+     unlockRWLock,
+     {EPERM},
+     1,
+     {SysErrorId::PERMISSION_DENIED, RWLock::ErrorId::UNLOCK_FAILED}},
+    {"RWLock_unlock", unlockRWLock, {EINVAL, EDEADLK, EAGAIN}, 1, {RWLock::ErrorId::UNLOCK_FAILED}},
+    {"Condition_init", COND_INIT, {EAGAIN}, 1, {SysErrorId::RESOURCES_EXHAUSTED, NOT_CREATED}},
+    {"Condition_init", COND_INIT, {ENOMEM}, 1, {SysErrorId::OUT_OF_MEMORY, NOT_CREATED}},
+    {"Condition_init", COND_INIT, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY, NOT_CREATED}},
+    {"Condition_init", COND_INIT, {EPERM, ENOTSUP}, 1, {SysErrorId::UNCLASSIFIED, NOT_CREATED}},
+    {"Condition_destroy", COND_DESTROY, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY}},
+    {"Condition_destroy", COND_DESTROY, {EPERM}, 1, {SysErrorId::UNCLASSIFIED}},
+    {"Condition_wait", COND_WAIT, {ETIMEDOUT}, 1, {}},
+    {"Condition_wait", COND_WAIT, {EINVAL, EPERM}, -1, {SysErrorId::SPOILED_INTEGRITY, NOT_WAITED}},
+    {"Condition_wait", COND_WAIT, {ENOTRECOVERABLE, EBUSY}, -1, {SysErrorId::UNCLASSIFIED, NOT_WAITED}},
+    {"Condition_signal", COND_SIGNAL, {EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY, NOT_SIGNALED}},
+    {"Condition_signal", COND_SIGNAL, {EPERM, EBUSY}, 1, {SysErrorId::UNCLASSIFIED, NOT_SIGNALED}},
+});
 
-// A lock that fails reports the row of unlocking, and the reverse.
-INSTANTIATE_TEST_SUITE_P(
-    SpinLock, LockOpsRows,
-    testing::ValuesIn(eachErrno<Row>({
-        {"init", SPIN_INIT, {ENOMEM, EAGAIN}, 1, {SpinLock::ErrorId::CREATE_FAILED}},
-        {"destroy", SPIN_DESTROY, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY}},
-        {"destroy", SPIN_DESTROY, {EPERM}, 1, {SysErrorId::UNCLASSIFIED}},
-        {"lock", SPIN_LOCK, {EPERM}, 1, {SpinLock::ErrorId::INCONSISTENT}},
-        {"lock", SPIN_LOCK, {EDEADLK, EBUSY, EINVAL}, 1, {SpinLock::ErrorId::UNLOCK_FAILED}},
-        {"trylock", SPIN_TRY, {EBUSY}, 1, {}},
-        {"trylock", SPIN_TRY, {EDEADLK}, -1, {SpinLock::ErrorId::INCONSISTENT}},
-        {"trylock", SPIN_TRY, {EPERM, EINVAL}, -1, {SpinLock::ErrorId::LOCK_FAILED}},
-        {"unlock", SPIN_UNLOCK, {EDEADLK}, 1, {SpinLock::ErrorId::INCONSISTENT}},
-        {"unlock", SPIN_UNLOCK, {EPERM, EINVAL}, 1, {SpinLock::ErrorId::LOCK_FAILED}},
-    })),
-    ErrnoName());
-
-INSTANTIATE_TEST_SUITE_P(
-    RWLock, LockOpsRows,
-    testing::ValuesIn(eachErrno<Row>({
-        {"destroy", failRWLockDestroy, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY}},
-        {"destroy", failRWLockDestroy, {EPERM, ENOMEM}, 1, {SysErrorId::UNCLASSIFIED}},
-        {"read", failRWLock<READ>, {EBUSY, ETIMEDOUT}, 1, {}},
-        {"read", failRWLock<READ>, {EDEADLK}, -1, {RWLock::ErrorId::DEADLOCK}},
-        {"read", failRWLock<READ>, {EAGAIN}, -1, {RWLock::ErrorId::TOO_MANY_LOCKS}},
-        {"read", failRWLock<READ>, {EINVAL, EPERM}, -1, {RWLock::ErrorId::READ_LOCK_FAILED}},
-        {"write", failRWLock<WRITE>, {EBUSY, ETIMEDOUT}, 1, {}},
-        {"write", failRWLock<WRITE>, {EDEADLK}, -1, {RWLock::ErrorId::DEADLOCK}},
-        {"write", failRWLock<WRITE>, {EAGAIN}, -1, {RWLock::ErrorId::TOO_MANY_LOCKS}},
-        {"write", failRWLock<WRITE>, {EINVAL, EPERM}, -1, {RWLock::ErrorId::WRITE_LOCK_FAILED}},
-        {"unlock", unlockRWLock, {EPERM}, 1, {SysErrorId::PERMISSION_DENIED, RWLock::ErrorId::UNLOCK_FAILED}},
-        {"unlock", unlockRWLock, {EINVAL, EDEADLK, EAGAIN}, 1, {RWLock::ErrorId::UNLOCK_FAILED}},
-    })),
-    ErrnoName());
-
-INSTANTIATE_TEST_SUITE_P(
-    Condition, LockOpsRows,
-    testing::ValuesIn(eachErrno<Row>({
-        {"init", COND_INIT, {EAGAIN}, 1, {SysErrorId::RESOURCES_EXHAUSTED, NOT_CREATED}},
-        {"init", COND_INIT, {ENOMEM}, 1, {SysErrorId::OUT_OF_MEMORY, NOT_CREATED}},
-        {"init", COND_INIT, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY, NOT_CREATED}},
-        {"init", COND_INIT, {EPERM, ENOTSUP}, 1, {SysErrorId::UNCLASSIFIED, NOT_CREATED}},
-        {"destroy", COND_DESTROY, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY}},
-        {"destroy", COND_DESTROY, {EPERM}, 1, {SysErrorId::UNCLASSIFIED}},
-        {"wait", COND_WAIT, {ETIMEDOUT}, 1, {}},
-        {"wait", COND_WAIT, {EINVAL, EPERM}, -1, {SysErrorId::SPOILED_INTEGRITY, NOT_WAITED}},
-        {"wait", COND_WAIT, {ENOTRECOVERABLE, EBUSY}, -1, {SysErrorId::UNCLASSIFIED, NOT_WAITED}},
-        {"signal", COND_SIGNAL, {EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY, NOT_SIGNALED}},
-        {"signal", COND_SIGNAL, {EPERM, EBUSY}, 1, {SysErrorId::UNCLASSIFIED, NOT_SIGNALED}},
-    })),
-    ErrnoName());
+VESK_TEST_TABLE(LockOpsRows, areClassifiedAndSetErrnoForMutexesAndSpinLocksOnly, testing::Test, ROWS) {
+    check(GetParam());
+}
 
 // ---- what the locks make of a system call that fails ----
 
@@ -474,12 +438,6 @@ signed char tryFor1000Ms(ShmMutex const& mutex) {
     return mutex.tryLockTimeout(1000);
 }
 
-class LockRows : public LockOpsRows {};
-
-TEST_P(LockRows, reportAndLeaveTheLockAsItIs) {
-    check();
-}
-
 constexpr auto LOCK = fail<Mutex, &Mutex::lock, &inject_pthread_mutex_lock>;
 constexpr auto UNLOCK = fail<Mutex, &Mutex::unlock, &inject_pthread_mutex_unlock>;
 constexpr auto SHM_LOCK = fail<ShmMutex, &ShmMutex::lock, &inject_pthread_mutex_lock>;
@@ -493,36 +451,31 @@ constexpr auto SHM_RW_UNLOCK = fail<ShmRWLock, &ShmRWLock::unlock, &inject_pthre
 constexpr auto INCONSISTENT = Mutex::ErrorId::INCONSISTENT;
 std::vector<ExpectedReport> const NOT_PERMITTED = {SysErrorId::PERMISSION_DENIED, RWLock::UNLOCK_FAILED};
 
-INSTANTIATE_TEST_SUITE_P(
-    Mutexes, LockRows,
-    testing::ValuesIn(eachErrno<Row>({
-        {"Mutex_lock", LOCK, {EDEADLK, EINVAL, EPERM}, 1, {INCONSISTENT}},
-        {"Mutex_lock", LOCK, {EAGAIN, ENOTRECOVERABLE}, 1, {Mutex::ErrorId::LOCK_FAILED}},
-        {"Mutex_unlock", UNLOCK, {EPERM, EINVAL, EDEADLK}, 1, {INCONSISTENT}},
-        {"Mutex_unlock", UNLOCK, {EAGAIN}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
-        {"ShmMutex_lock", SHM_LOCK, {EPERM, EBUSY, EINVAL, EDEADLK}, 1, {INCONSISTENT}},
-        {"ShmMutex_lock", SHM_LOCK, {EAGAIN}, 1, {Mutex::ErrorId::LOCK_FAILED}},
-        {"ShmMutex_trylock", SHM_TRY, {EBUSY}, 1, {}},
-        {"ShmMutex_trylock", SHM_TRY, {EPERM, EINVAL, EDEADLK}, -1, {INCONSISTENT}},
-        {"ShmMutex_trylock", SHM_TRY, {EAGAIN}, -1, {Mutex::ErrorId::LOCK_FAILED}},
-        {"ShmMutex_timedlock", SHM_TIMED, {ETIMEDOUT}, 1, {}},
-        {"ShmMutex_timedlock", SHM_TIMED, {EDEADLK}, -1, {INCONSISTENT}},
-        {"ShmMutex_timedlock", SHM_TIMED, {EPERM}, -1, {Mutex::ErrorId::LOCK_FAILED}},
-        {"ShmMutex_unlock", SHM_UNLOCK, {EPERM, EINVAL}, 1, {INCONSISTENT}},
-        {"ShmMutex_unlock", SHM_UNLOCK, {EBUSY}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
-    })),
-    ErrnoName());
+auto const LOCK_ROWS = eachErrno<Row>({
+    {"Mutex_lock", LOCK, {EDEADLK, EINVAL, EPERM}, 1, {INCONSISTENT}},
+    {"Mutex_lock", LOCK, {EAGAIN, ENOTRECOVERABLE}, 1, {Mutex::ErrorId::LOCK_FAILED}},
+    {"Mutex_unlock", UNLOCK, {EPERM, EINVAL, EDEADLK}, 1, {INCONSISTENT}},
+    {"Mutex_unlock", UNLOCK, {EAGAIN}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
+    {"ShmMutex_lock", SHM_LOCK, {EPERM, EBUSY, EINVAL, EDEADLK}, 1, {INCONSISTENT}},
+    {"ShmMutex_lock", SHM_LOCK, {EAGAIN}, 1, {Mutex::ErrorId::LOCK_FAILED}},
+    {"ShmMutex_trylock", SHM_TRY, {EBUSY}, 1, {}},
+    {"ShmMutex_trylock", SHM_TRY, {EPERM, EINVAL, EDEADLK}, -1, {INCONSISTENT}},
+    {"ShmMutex_trylock", SHM_TRY, {EAGAIN}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+    {"ShmMutex_timedlock", SHM_TIMED, {ETIMEDOUT}, 1, {}},
+    {"ShmMutex_timedlock", SHM_TIMED, {EDEADLK}, -1, {INCONSISTENT}},
+    {"ShmMutex_timedlock", SHM_TIMED, {EPERM}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+    {"ShmMutex_unlock", SHM_UNLOCK, {EPERM, EINVAL}, 1, {INCONSISTENT}},
+    {"ShmMutex_unlock", SHM_UNLOCK, {EBUSY}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
+    {"RWLock_rdlock", READ_LOCK, {EAGAIN}, 1, {RWLock::TOO_MANY_LOCKS}},
+    {"RWLock_wrlock", WRITE_LOCK, {EINVAL}, 1, {RWLock::WRITE_LOCK_FAILED}},
+    {"RWLock_unlock", RW_UNLOCK, {EPERM}, 1, NOT_PERMITTED},
+    {"RWLock_unlock", RW_UNLOCK, {EINVAL}, 1, {RWLock::UNLOCK_FAILED}},
+    {"ShmRWLock_unlock", SHM_RW_UNLOCK, {EPERM}, 1, NOT_PERMITTED},
+});
 
-INSTANTIATE_TEST_SUITE_P(
-    RWLocks, LockRows,
-    testing::ValuesIn(eachErrno<Row>({
-        {"rdlock", READ_LOCK, {EAGAIN}, 1, {RWLock::TOO_MANY_LOCKS}},
-        {"wrlock", WRITE_LOCK, {EINVAL}, 1, {RWLock::WRITE_LOCK_FAILED}},
-        {"unlock", RW_UNLOCK, {EPERM}, 1, NOT_PERMITTED},
-        {"unlock", RW_UNLOCK, {EINVAL}, 1, {RWLock::UNLOCK_FAILED}},
-        {"shmUnlock", SHM_RW_UNLOCK, {EPERM}, 1, NOT_PERMITTED},
-    })),
-    ErrnoName());
+VESK_TEST_TABLE(LockRows, reportAndLeaveTheLockAsItIs, testing::Test, LOCK_ROWS) {
+    check(GetParam());
+}
 
 template <typename Lock>
 std::vector<Row> spinLockRows() {

@@ -103,13 +103,4 @@ inline void await(std::atomic<bool> const& flag) {
     }
 }
 
-/// Names the types of a suite by their classes, for example "ShmRWLock".
-struct LockName {
-    template <typename T>
-    static std::string GetName(int) {
-        std::string name = testing::internal::GetTypeName<T>();
-        return name.substr(name.rfind(':') + 1);
-    }
-};
-
 } // namespace support

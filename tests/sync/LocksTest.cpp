@@ -13,13 +13,7 @@ VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 namespace {
 
 using namespace support;
-using vesk::Mutex;
-using vesk::RWLock;
-using vesk::ShmMutex;
-using vesk::ShmRWLock;
-using vesk::ShmSpinLock;
-using vesk::SpinLock;
-namespace SysErrorId = vesk::SysErrorId;
+using namespace vesk;
 
 constexpr auto INCONSISTENT = Mutex::ErrorId::INCONSISTENT;
 
@@ -56,7 +50,7 @@ template <typename Lock>
 class Locks : public testing::Test {};
 
 using AllLocks = testing::Types<Mutex, ShmMutex, RWLock, ShmRWLock, SpinLock, ShmSpinLock>;
-TYPED_TEST_SUITE(Locks, AllLocks, LockName);
+TYPED_TEST_SUITE(Locks, AllLocks, TypeName);
 
 TYPED_TEST(Locks, areBusyForATryWhileTheyAreHeld) {
     TypeParam const lock;
@@ -198,7 +192,7 @@ TEST(Mutex, lockingTwiceAndUnlockingAFreeOneAreInconsistencies) {
 template <typename Lock>
 class OwnedMutexes : public testing::Test {};
 using AllOwnedMutexes = testing::Types<Mutex, RecursiveMutex>;
-TYPED_TEST_SUITE(OwnedMutexes, AllOwnedMutexes, LockName);
+TYPED_TEST_SUITE(OwnedMutexes, AllOwnedMutexes, TypeName);
 
 TYPED_TEST(OwnedMutexes, refuseToUnlockForAnotherThread) {
     TypeParam const mutex;
@@ -223,7 +217,7 @@ TEST(Mutex, recursiveOneIsFreeAfterAsManyUnlocks) {
 template <typename Lock>
 class RecursiveMutexes : public testing::Test {};
 using AllRecursiveMutexes = testing::Types<RecursiveMutex, RecursiveInheritingMutex>;
-TYPED_TEST_SUITE(RecursiveMutexes, AllRecursiveMutexes, LockName);
+TYPED_TEST_SUITE(RecursiveMutexes, AllRecursiveMutexes, TypeName);
 
 TYPED_TEST(RecursiveMutexes, areFreeAfterAsManyUnlocks) {
     TypeParam const mutex;
@@ -289,7 +283,7 @@ protected:
 };
 
 using BothRWLocks = testing::Types<RWLock, ShmRWLock>;
-TYPED_TEST_SUITE(RWLocks, BothRWLocks, LockName);
+TYPED_TEST_SUITE(RWLocks, BothRWLocks, TypeName);
 
 TYPED_TEST(RWLocks, readersShareIt) {
     EXPECT_FALSE(this->m_lock.lockForRead());
@@ -397,7 +391,7 @@ protected:
 using AllGuards = testing::Types<
     MutexLock, ShmMutexLock, RWLockForRead, RWLockForWrite, ShmRWLockForRead, ShmRWLockForWrite,
     SpinLockGuard, ShmSpinLockGuard>;
-TYPED_TEST_SUITE(Guards, AllGuards, LockName);
+TYPED_TEST_SUITE(Guards, AllGuards, TypeName);
 
 TYPED_TEST(Guards, lockAndUnlockOnce) {
     for (bool const early : {false, true}) {

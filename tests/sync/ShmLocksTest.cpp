@@ -22,7 +22,7 @@ protected:
 using AllShmLocks = testing::Types<
     PlainMutex, RecursiveMutex, InheritingMutex, RecursiveInheritingMutex, ShmRWLock, ShmSpinLock>;
 
-TYPED_TEST_SUITE(ShmLocks, AllShmLocks, LockName);
+TYPED_TEST_SUITE(ShmLocks, AllShmLocks, TypeName);
 
 TYPED_TEST(ShmLocks, excludeProcesses) {
     constexpr int ROUNDS = 20000;

@@ -276,15 +276,8 @@ static_assert(std::has_virtual_destructor_v<IBinStreamBase>);
 template <typename Stream>
 class IBinStreamDirection : public testing::Test {};
 
-struct DirectionName {
-    template <typename Stream>
-    static std::string GetName(int /*index*/) {
-        return std::is_same_v<Stream, Source> ? "input" : "output";
-    }
-};
-
 using Directions = testing::Types<Source, Sink>;
-TYPED_TEST_SUITE(IBinStreamDirection, Directions, DirectionName);
+TYPED_TEST_SUITE(IBinStreamDirection, Directions, TypeName);
 
 TYPED_TEST(IBinStreamDirection, constructorSetsModeAndBuffer) {
     for (unsigned int const size : {16U, 0U}) {

@@ -4,8 +4,6 @@
 
 #include <tarncommon/Buf.h>
 
-#include <map>
-
 namespace {
 
 using std::Buf;

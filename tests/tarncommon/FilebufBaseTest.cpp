@@ -6,8 +6,6 @@
 #include <tarncommon/filebuf_base.h>
 
 #include <istream>
-#include <map>
-#include <ostream>
 
 namespace {
 

@@ -6,8 +6,6 @@
 #include <tarncommon/threadsafe/MutexImpl.h>
 #include <tarncommon/threadsafe/TlsImpl.h>
 
-#include <initializer_list>
-
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 VESK_INJECT_RESULT(pthread_key_create, (pthread_key_t * key, void (*destructor)(void*)), (key, destructor))
 VESK_INJECT_RESULT(pthread_setspecific, (pthread_key_t key, void const* value), (key, value))

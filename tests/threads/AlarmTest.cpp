@@ -17,11 +17,9 @@ VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 namespace {
 
 using namespace support;
+using namespace vesk;
 using tarnbase::Duration;
 using tarnbase::TimePoint;
-using vesk::Alarm;
-using vesk::Dispatcher;
-using vesk::Message;
 
 int const SIGNAL = SIGRTMIN + 6;
 constexpr long long AT_ONCE = 0;

@@ -10,8 +10,6 @@
 
 #include <deque>
 #include <limits>
-#include <map>
-#include <new>
 #include <random>
 #include <stdexcept>
 
@@ -151,7 +149,7 @@ struct Course {
     std::vector<Step> steps;
 };
 
-class AlarmTimerCourse : public AlarmTimer, public testing::WithParamInterface<Course> {
+class AlarmTimerSteps : public AlarmTimer {
 protected:
     Bell& get(char bell) { return bell == 'a' ? m_a : bell == 'b' ? m_b : m_c; }
 
@@ -181,15 +179,6 @@ protected:
         }
     }
 };
-
-TEST_P(AlarmTimerCourse, armsAndRings) {
-    int number = 0;
-    for (Step const& step : GetParam().steps) {
-        run(step);
-        EXPECT_EQ(step.armed, m_timers.take()) << "step " << ++number;
-        EXPECT_TRUE(step.armed.empty() || m_timers.armed_timer == m_timers.created_timer);
-    }
-}
 
 /// Delays below zero count as zero: all alarms are due together.
 Course belowZero(char const* name, long long delay) {
@@ -274,7 +263,14 @@ Course const COURSES[] = {
      {action('a', {ringInside()}), action('b', {add('c', 0)}), add('a', 100, {ms(100)}), add('b', 100),
       ring(100, "ab", {AT_ONCE, AT_ONCE}), ring(100, "c")}},
 };
-INSTANTIATE_TEST_SUITE_P(All, AlarmTimerCourse, testing::ValuesIn(COURSES), RowName());
+VESK_TEST_TABLE(AlarmTimerCourse, armsAndRings, AlarmTimerSteps, COURSES) {
+    int number = 0;
+    for (Step const& step : GetParam().steps) {
+        run(step);
+        EXPECT_EQ(step.armed, m_timers.take()) << "step " << ++number;
+        EXPECT_TRUE(step.armed.empty() || m_timers.armed_timer == m_timers.created_timer);
+    }
+}
 
 /// 32-bit systems have a short `time_t`.
 TEST_F(AlarmTimer, delayBeyondTheSystemsLongestIsArmedInPieces) {
@@ -516,7 +512,7 @@ TEST_F(AlarmTimer, ringAllocatesOnceForItsListAndNotForEachAlarm) {
         sizes = count.getSizes();
     }
     EXPECT_EQ(1, calls);
-    EXPECT_EQ(300 * sizeof(Alarm*), sizes.at(0));
+    EXPECT_LE(sizes.at(0), 300 * 2 * sizeof(tarnbase::TimePoint)) << "an entry is an alarm and its expiry";
     EXPECT_EQ(300U, m_rung.size());
 }
 

@@ -2,9 +2,6 @@
 
 #include "support/Testing.h"
 
-#include <mutex>
-#include <ostream>
-
 /// Replaces `timer_create`, `timer_settime` and `timer_delete`. Must be included in one file of a test program. During
 /// the lifetime of a `KernelTimers` it records their calls and decides which of them reach the kernel.
 

@@ -4,7 +4,6 @@
 
 #include <vesk/sched.h>
 
-#include <sys/resource.h>
 #include <sys/syscall.h>
 
 /// What the tests of scheduling have in common.

@@ -1,7 +1,5 @@
 #include "threads/SchedSupport.h"
 
-#include <vesk/sched.h>
-
 #include <iomanip>
 #include <limits>
 

@@ -30,4 +30,17 @@ extern "C" __attribute__((no_sanitize_thread)) int pthread_create(
     return result;
 }
 
+/// Lets the main thread take signals again. If a signal interrupts the thread sanitizer just before it runs the handler
+/// of another one, the sanitizer restores the mask of the handler instead of that of the thread: all signals stay
+/// blocked.
+inline void unblockSignals() {
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
+}
+
+#else
+
+inline void unblockSignals() {}
+
 #endif

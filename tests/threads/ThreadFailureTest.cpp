@@ -109,9 +109,42 @@ struct CreationRow {
     int error = 0;
 };
 
-class ThreadCreationRows : public ThreadFailure, public testing::WithParamInterface<CreationRow> {};
+Injected* const ATTR_INIT = &inject_pthread_attr_init;
+Injected* const DETACH_STATE = &inject_pthread_attr_setdetachstate;
+Injected* const CREATE = &inject_pthread_create;
+constexpr auto UNCLASSIFIED = SysErrorId::UNCLASSIFIED;
+Injected* const INHERIT = &inject_pthread_attr_setinheritsched;
+Injected* const READ = &inject_pthread_getschedparam;
+Injected* const SET_POLICY = &inject_pthread_attr_setschedpolicy;
+Injected* const SET_PARAM = &inject_pthread_attr_setschedparam;
+constexpr auto INVALID = SysErrorId::INVALID_PARAMETER;
+constexpr Policy_E KEEP = VESK_SCHED_POLICY_KEEP;
+constexpr Policy_E HIGH = VESK_SCHED_CLASS_HIGH;
+constexpr char const* NO_INHERITANCE = "setting scheduler inheritance failed";
+constexpr char const* NO_ATTRIBUTES = "setting scheduling attributes failed";
+constexpr char const* NO_INIT = "attribute init failed";
+constexpr char const* NO_STATE = "Error setting detached state";
+constexpr char const* NO_THREAD = "thread creation failed";
 
-TEST_P(ThreadCreationRows, leaveAnInvalidObject) {
+auto const CREATION_ROWS = eachErrno<CreationRow>({
+    {"attrInit", ATTR_INIT, {ENOMEM}, 1, SysErrorId::OUT_OF_MEMORY, NO_INIT},
+    {"attrInit", ATTR_INIT, {EINVAL}, 1, UNCLASSIFIED, NO_INIT},
+    {"setdetachstate", DETACH_STATE, {EINVAL, ENOMEM}, 1, UNCLASSIFIED, NO_STATE},
+    {"setinheritsched", INHERIT, {EINVAL, EPERM}, 1, UNCLASSIFIED, NO_INHERITANCE, KEEP},
+    {"secondSetinheritsched", INHERIT, {EINVAL, ENOTSUP}, 1, UNCLASSIFIED, NO_INHERITANCE, HIGH, 2},
+    {"getschedparam", READ, {EINVAL}, 1, INVALID, NO_ATTRIBUTES, KEEP},
+    {"getschedparam", READ, {ESRCH}, 1, UNCLASSIFIED, NO_ATTRIBUTES, KEEP},
+    {"setschedpolicy", SET_POLICY, {EINVAL}, 1, INVALID, NO_ATTRIBUTES, KEEP},
+    {"setschedpolicy", SET_POLICY, {ENOTSUP}, 1, UNCLASSIFIED, NO_ATTRIBUTES, KEEP},
+    {"setschedparam", SET_PARAM, {EINVAL}, 1, INVALID, NO_ATTRIBUTES, KEEP},
+    {"setschedparam", SET_PARAM, {ENOTSUP}, 1, UNCLASSIFIED, NO_ATTRIBUTES, KEEP},
+    {"create", CREATE, {EPERM}, 2, SysErrorId::PERMISSION_DENIED, NO_THREAD},
+    {"create", CREATE, {EAGAIN}, 1, SysErrorId::RESOURCES_EXHAUSTED, NO_THREAD},
+    {"create", CREATE, {EINVAL}, 2, UNCLASSIFIED, NO_THREAD},
+    {"create", CREATE, {ENOMEM}, 1, UNCLASSIFIED, NO_THREAD},
+});
+
+VESK_TEST_TABLE(ThreadCreationRows, leaveAnInvalidObject, ThreadFailure, CREATION_ROWS) {
     CreationRow const& row = GetParam();
     for (bool const has_older : {true, false}) {
         SCOPED_TRACE(has_older);
@@ -142,44 +175,6 @@ TEST_P(ThreadCreationRows, leaveAnInvalidObject) {
         EXPECT_EQ(row.function == &inject_pthread_attr_init ? 0 : 1, destroyed.getCalls());
     }
 }
-
-Injected* const ATTR_INIT = &inject_pthread_attr_init;
-Injected* const DETACH_STATE = &inject_pthread_attr_setdetachstate;
-Injected* const CREATE = &inject_pthread_create;
-constexpr auto UNCLASSIFIED = SysErrorId::UNCLASSIFIED;
-Injected* const INHERIT = &inject_pthread_attr_setinheritsched;
-Injected* const READ = &inject_pthread_getschedparam;
-Injected* const SET_POLICY = &inject_pthread_attr_setschedpolicy;
-Injected* const SET_PARAM = &inject_pthread_attr_setschedparam;
-constexpr auto INVALID = SysErrorId::INVALID_PARAMETER;
-constexpr Policy_E KEEP = VESK_SCHED_POLICY_KEEP;
-constexpr Policy_E HIGH = VESK_SCHED_CLASS_HIGH;
-constexpr char const* NO_INHERITANCE = "setting scheduler inheritance failed";
-constexpr char const* NO_ATTRIBUTES = "setting scheduling attributes failed";
-constexpr char const* NO_INIT = "attribute init failed";
-constexpr char const* NO_STATE = "Error setting detached state";
-constexpr char const* NO_THREAD = "thread creation failed";
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadCreationRows,
-    testing::ValuesIn(eachErrno<CreationRow>({
-        {"attrInit", ATTR_INIT, {ENOMEM}, 1, SysErrorId::OUT_OF_MEMORY, NO_INIT},
-        {"attrInit", ATTR_INIT, {EINVAL}, 1, UNCLASSIFIED, NO_INIT},
-        {"setdetachstate", DETACH_STATE, {EINVAL, ENOMEM}, 1, UNCLASSIFIED, NO_STATE},
-        {"setinheritsched", INHERIT, {EINVAL, EPERM}, 1, UNCLASSIFIED, NO_INHERITANCE, KEEP},
-        {"secondSetinheritsched", INHERIT, {EINVAL, ENOTSUP}, 1, UNCLASSIFIED, NO_INHERITANCE, HIGH, 2},
-        {"getschedparam", READ, {EINVAL}, 1, INVALID, NO_ATTRIBUTES, KEEP},
-        {"getschedparam", READ, {ESRCH}, 1, UNCLASSIFIED, NO_ATTRIBUTES, KEEP},
-        {"setschedpolicy", SET_POLICY, {EINVAL}, 1, INVALID, NO_ATTRIBUTES, KEEP},
-        {"setschedpolicy", SET_POLICY, {ENOTSUP}, 1, UNCLASSIFIED, NO_ATTRIBUTES, KEEP},
-        {"setschedparam", SET_PARAM, {EINVAL}, 1, INVALID, NO_ATTRIBUTES, KEEP},
-        {"setschedparam", SET_PARAM, {ENOTSUP}, 1, UNCLASSIFIED, NO_ATTRIBUTES, KEEP},
-        {"create", CREATE, {EPERM}, 2, SysErrorId::PERMISSION_DENIED, NO_THREAD},
-        {"create", CREATE, {EAGAIN}, 1, SysErrorId::RESOURCES_EXHAUSTED, NO_THREAD},
-        {"create", CREATE, {EINVAL}, 2, UNCLASSIFIED, NO_THREAD},
-        {"create", CREATE, {ENOMEM}, 1, UNCLASSIFIED, NO_THREAD},
-    })),
-    ErrnoName());
 
 TEST_F(ThreadFailure, secondTryForMissingRightsAndInvalidParametersInheritsItsScheduling) {
     Attr attributes;
@@ -273,10 +268,38 @@ int suspendFor1Ms(Thread& thread) {
     return thread.suspend(1);
 }
 
-class ThreadRows : public ThreadFailure, public testing::WithParamInterface<Row> {
-protected:
-    void check(Thread& thread) {
-        Row const& row = GetParam();
+Injected* const LOCK = &inject_pthread_mutex_lock;
+Injected* const UNLOCK = &inject_pthread_mutex_unlock;
+Injected* const JOIN = &inject_pthread_join;
+Injected* const TIMED_JOIN = &inject_pthread_timedjoin_np;
+constexpr auto START_FAILED = Thread::ErrorId::START_FAILED;
+constexpr auto JOIN_FAILED = Thread::ErrorId::JOIN_FAILED;
+constexpr auto SUSPEND_FAILED = Thread::ErrorId::SUSPEND_FAILED;
+constexpr auto WAKEUP_FAILED = Thread::ErrorId::WAKEUP_FAILED;
+constexpr auto TERMINATE_FAILED = Thread::ErrorId::TERMINATE_FAILED;
+constexpr auto OLDER = SysErrorId::NO_SUCH_PROCESS;
+constexpr auto CREATED = Thread::CREATED;
+constexpr auto RUNNING = Thread::RUNNING;
+constexpr auto SUSPENDED = Thread::SUSPENDED;
+
+auto const ROWS = eachErrno<Row>({
+    {"startLock", LOCK, 1, {EINVAL}, start, 1, {INCONSISTENT, START_FAILED}, CREATED},
+    {"startUnlock", UNLOCK, 1, {EPERM}, start, 1, {INCONSISTENT, START_FAILED}, RUNNING},
+    {"joinLock", LOCK, 1, {EINVAL}, join, 1, {INCONSISTENT, JOIN_FAILED}, RUNNING},
+    {"timedJoinLock", LOCK, 1, {EPERM}, joinTimeout, -1, {INCONSISTENT, JOIN_FAILED}, RUNNING},
+    {"joinUnlock", UNLOCK, 1, {EPERM}, join, 1, {INCONSISTENT, JOIN_FAILED}, RUNNING},
+    {"join", JOIN, 1, {EDEADLK, EINVAL, ESRCH}, join, 1, {JOIN_FAILED}, RUNNING},
+    {"timedJoin", TIMED_JOIN, 1, {EDEADLK, EINVAL, ESRCH}, joinTimeout, -1, {JOIN_FAILED}, RUNNING},
+    {"timedJoin", TIMED_JOIN, 1, {ETIMEDOUT}, joinTimeout, 1, {OLDER}, RUNNING},
+    {"wakeupLock", LOCK, 1, {EINVAL}, wakeup, 1, {WAKEUP_FAILED}, CREATED},
+    {"wakeupUnlock", UNLOCK, 1, {EPERM}, wakeup, 1, {WAKEUP_FAILED}, CREATED},
+    {"suspendLock", LOCK, 1, {EINVAL}, suspend, 1, {INCONSISTENT, SUSPEND_FAILED}, RUNNING},
+    {"suspendUnlock", UNLOCK, 1, {EPERM}, suspendFor1Ms, 1, {INCONSISTENT, SUSPEND_FAILED}, SUSPENDED},
+});
+
+VESK_TEST_TABLE(ThreadRows, reportAndLeaveAThreadThatCanBeJoined, ThreadFailure, ROWS) {
+    Row const& row = GetParam();
+    auto const check = [&row](Thread& thread) {
         leaveOlderReport();
         {
             Fault const fault(*row.function, row.error, row.nth);
@@ -284,11 +307,7 @@ protected:
         }
         EXPECT_TRUE(failed(row.reports, row.error));
         EXPECT_EQ(row.state, thread.getThreadState());
-    }
-};
-
-TEST_P(ThreadRows, reportAndLeaveAThreadThatCanBeJoined) {
-    Row const& row = GetParam();
+    };
     bool const by_itself = row.operation == suspend || row.operation == suspendFor1Ms;
     TestThread thread([&, this] {
         if (!by_itself) {
@@ -311,38 +330,6 @@ TEST_P(ThreadRows, reportAndLeaveAThreadThatCanBeJoined) {
     m_go.set();
     EXPECT_FALSE(thread.join());
 }
-
-Injected* const LOCK = &inject_pthread_mutex_lock;
-Injected* const UNLOCK = &inject_pthread_mutex_unlock;
-Injected* const JOIN = &inject_pthread_join;
-Injected* const TIMED_JOIN = &inject_pthread_timedjoin_np;
-constexpr auto START_FAILED = Thread::ErrorId::START_FAILED;
-constexpr auto JOIN_FAILED = Thread::ErrorId::JOIN_FAILED;
-constexpr auto SUSPEND_FAILED = Thread::ErrorId::SUSPEND_FAILED;
-constexpr auto WAKEUP_FAILED = Thread::ErrorId::WAKEUP_FAILED;
-constexpr auto TERMINATE_FAILED = Thread::ErrorId::TERMINATE_FAILED;
-constexpr auto OLDER = SysErrorId::NO_SUCH_PROCESS;
-constexpr auto CREATED = Thread::CREATED;
-constexpr auto RUNNING = Thread::RUNNING;
-constexpr auto SUSPENDED = Thread::SUSPENDED;
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadRows,
-    testing::ValuesIn(eachErrno<Row>({
-        {"startLock", LOCK, 1, {EINVAL}, start, 1, {INCONSISTENT, START_FAILED}, CREATED},
-        {"startUnlock", UNLOCK, 1, {EPERM}, start, 1, {INCONSISTENT, START_FAILED}, RUNNING},
-        {"joinLock", LOCK, 1, {EINVAL}, join, 1, {INCONSISTENT, JOIN_FAILED}, RUNNING},
-        {"timedJoinLock", LOCK, 1, {EPERM}, joinTimeout, -1, {INCONSISTENT, JOIN_FAILED}, RUNNING},
-        {"joinUnlock", UNLOCK, 1, {EPERM}, join, 1, {INCONSISTENT, JOIN_FAILED}, RUNNING},
-        {"join", JOIN, 1, {EDEADLK, EINVAL, ESRCH}, join, 1, {JOIN_FAILED}, RUNNING},
-        {"timedJoin", TIMED_JOIN, 1, {EDEADLK, EINVAL, ESRCH}, joinTimeout, -1, {JOIN_FAILED}, RUNNING},
-        {"timedJoin", TIMED_JOIN, 1, {ETIMEDOUT}, joinTimeout, 1, {OLDER}, RUNNING},
-        {"wakeupLock", LOCK, 1, {EINVAL}, wakeup, 1, {WAKEUP_FAILED}, CREATED},
-        {"wakeupUnlock", UNLOCK, 1, {EPERM}, wakeup, 1, {WAKEUP_FAILED}, CREATED},
-        {"suspendLock", LOCK, 1, {EINVAL}, suspend, 1, {INCONSISTENT, SUSPEND_FAILED}, RUNNING},
-        {"suspendUnlock", UNLOCK, 1, {EPERM}, suspendFor1Ms, 1, {INCONSISTENT, SUSPEND_FAILED}, SUSPENDED},
-    })),
-    ErrnoName());
 
 TEST_F(ThreadFailure, timedJoinThatReturnsMinusOneReportsErrno) {
     StartedThread thread([] {});
@@ -557,9 +544,20 @@ struct WrapperRow {
     bool starts = true;
 };
 
-class ThreadWrapperRows : public ThreadFailure, public testing::WithParamInterface<WrapperRow> {};
+WrapperRow const WRAPPER_ROWS[] = {
+    {"lock", LOCK, LOCK_STATE, "error getting state lock"},
+    {"wait", &inject_pthread_cond_wait, 1, "error waiting on condition"},
+    {"signal", &inject_pthread_cond_signal, 1, "wait failed", true},
+    {"unlock", UNLOCK, UNLOCK_STATE, "error unlocking"},
+    {"unlockThatLeavesTheLock", UNLOCK, UNLOCK_STATE, "error unlocking", false, false},
+    {"unlockOfAThreadThatIsNotToRun", UNLOCK, UNLOCK_STATE, "error unlocking", false, true, false},
+    {"lockAtTheEnd", LOCK, LOCK_TO_FINISH, "error locking"},
+    {"unlockAtTheEnd", UNLOCK, UNLOCK_TO_FINISH, "error unlocking"},
+    {"unlockAtTheEndThatLeavesTheLock", UNLOCK, UNLOCK_TO_FINISH, "error unlocking", false, false},
+};
 
-TEST_P(ThreadWrapperRows, areFatalAndNeitherHangNorStopTheThreadIfTheyAreSurvived) {
+VESK_TEST_TABLE(
+    ThreadWrapperRows, areFatalAndNeitherHangNorStopTheThreadIfTheyAreSurvived, ThreadFailure, WRAPPER_ROWS) {
     WrapperRow const& row = GetParam();
     g_failing_unlock_unlocks = row.unlocks;
     EventRecorder const recorder;
@@ -583,19 +581,6 @@ TEST_P(ThreadWrapperRows, areFatalAndNeitherHangNorStopTheThreadIfTheyAreSurvive
     EXPECT_EQ(aborted("threadWrapper", row.text), recorder.getText());
 }
 
-WrapperRow const WRAPPER_ROWS[] = {
-    {"lock", LOCK, LOCK_STATE, "error getting state lock"},
-    {"wait", &inject_pthread_cond_wait, 1, "error waiting on condition"},
-    {"signal", &inject_pthread_cond_signal, 1, "wait failed", true},
-    {"unlock", UNLOCK, UNLOCK_STATE, "error unlocking"},
-    {"unlockThatLeavesTheLock", UNLOCK, UNLOCK_STATE, "error unlocking", false, false},
-    {"unlockOfAThreadThatIsNotToRun", UNLOCK, UNLOCK_STATE, "error unlocking", false, true, false},
-    {"lockAtTheEnd", LOCK, LOCK_TO_FINISH, "error locking"},
-    {"unlockAtTheEnd", UNLOCK, UNLOCK_TO_FINISH, "error unlocking"},
-    {"unlockAtTheEndThatLeavesTheLock", UNLOCK, UNLOCK_TO_FINISH, "error unlocking", false, false},
-};
-INSTANTIATE_TEST_SUITE_P(All, ThreadWrapperRows, testing::ValuesIn(WRAPPER_ROWS), RowName());
-
 // ---- the destructor ----
 
 enum class Life { UNSTARTED, UNSTARTED_DETACHED, FINISHED, JOINED, ACTIVE };
@@ -609,9 +594,26 @@ struct DestructorRow {
     bool unlocks = true;
 };
 
-class ThreadDestructorRows : public ThreadFailure, public testing::WithParamInterface<DestructorRow> {};
+constexpr char const* NO_SIGNAL = "error unlocking and signaling";
 
-TEST_P(ThreadDestructorRows, areFatalAndNeitherHangNorLeaveTheThreadIfTheyAreSurvived) {
+// Locks of the destructor of a thread that was not started: the state, and, if detached, the state again.
+DestructorRow const DESTRUCTOR_ROWS[] = {
+    {"lock", Life::UNSTARTED, LOCK, 1, "error getting state lock"},
+    {"signal", Life::UNSTARTED, &inject_pthread_cond_signal, 1, NO_SIGNAL},
+    {"unlockBehindTheSignal", Life::UNSTARTED, UNLOCK, 1, NO_SIGNAL},
+    {"unlockBehindTheSignalThatLeavesTheLock", Life::UNSTARTED, UNLOCK, 1, NO_SIGNAL, false},
+    {"join", Life::UNSTARTED, JOIN, 1, "error joining non-detached thread"},
+    {"lockOfADetachedOne", Life::UNSTARTED_DETACHED, LOCK, 2, "error locking"},
+    {"joinOfAFinishedOne", Life::FINISHED, JOIN, 1, "error joining"},
+    {"unlockOfAFinishedOne", Life::FINISHED, UNLOCK, 1, "error joining"},
+    {"unlockOfAJoinedOne", Life::JOINED, UNLOCK, 1, "error unlocking"},
+    {"unlockOfAJoinedOneThatLeavesTheLock", Life::JOINED, UNLOCK, 1, "error unlocking", false},
+    {"unlockOfARunningOne", Life::ACTIVE, UNLOCK, 1, "error unlocking"},
+};
+
+VESK_TEST_TABLE(
+    ThreadDestructorRows, areFatalAndNeitherHangNorLeaveTheThreadIfTheyAreSurvived, ThreadFailure,
+    DESTRUCTOR_ROWS) {
     DestructorRow const& row = GetParam();
     g_failing_unlock_unlocks = row.unlocks;
     EventRecorder const recorder;
@@ -655,24 +657,6 @@ TEST_P(ThreadDestructorRows, areFatalAndNeitherHangNorLeaveTheThreadIfTheyAreSur
     EXPECT_EQ(expected, recorder.getText());
     std::ErrorStorage::ack();
 }
-
-constexpr char const* NO_SIGNAL = "error unlocking and signaling";
-
-// Locks of the destructor of a thread that was not started: the state, and, if detached, the state again.
-DestructorRow const DESTRUCTOR_ROWS[] = {
-    {"lock", Life::UNSTARTED, LOCK, 1, "error getting state lock"},
-    {"signal", Life::UNSTARTED, &inject_pthread_cond_signal, 1, NO_SIGNAL},
-    {"unlockBehindTheSignal", Life::UNSTARTED, UNLOCK, 1, NO_SIGNAL},
-    {"unlockBehindTheSignalThatLeavesTheLock", Life::UNSTARTED, UNLOCK, 1, NO_SIGNAL, false},
-    {"join", Life::UNSTARTED, JOIN, 1, "error joining non-detached thread"},
-    {"lockOfADetachedOne", Life::UNSTARTED_DETACHED, LOCK, 2, "error locking"},
-    {"joinOfAFinishedOne", Life::FINISHED, JOIN, 1, "error joining"},
-    {"unlockOfAFinishedOne", Life::FINISHED, UNLOCK, 1, "error joining"},
-    {"unlockOfAJoinedOne", Life::JOINED, UNLOCK, 1, "error unlocking"},
-    {"unlockOfAJoinedOneThatLeavesTheLock", Life::JOINED, UNLOCK, 1, "error unlocking", false},
-    {"unlockOfARunningOne", Life::ACTIVE, UNLOCK, 1, "error unlocking"},
-};
-INSTANTIATE_TEST_SUITE_P(All, ThreadDestructorRows, testing::ValuesIn(DESTRUCTOR_ROWS), RowName());
 
 TEST_F(ThreadFailure, waitsOfTheDestructorThatFailAreFatalAndRepeated) {
     EventRecorder const recorder;

@@ -3,7 +3,6 @@
 #include <vesk/Thread.h>
 
 #include <iomanip>
-#include <map>
 
 namespace {
 

@@ -211,9 +211,38 @@ struct CreationRow {
     }
 };
 
-class ThreadCreationSched : public testing::TestWithParam<CreationRow> {};
+Injected* const READ = &inject_pthread_getschedparam;
+Injected* const SET_POLICY = &inject_pthread_attr_setschedpolicy;
+Injected* const SET_PARAM = &inject_pthread_attr_setschedparam;
 
-TEST_P(ThreadCreationSched, followsTheAttributesAndTheCreatorWithoutAReport) {
+// The creator's real-time policy shows the difference between inheriting and setting the default.
+auto const CREATION_ROWS = eachErrno<CreationRow>({
+    {"noopInherits", ROUND_ROBIN, {VESK_SCHED_NOOP}, ROUND_ROBIN, ANY, 0},
+    {"roundRobin", ROUND_ROBIN, {RR, 7}, {SCHED_RR, 7}, ANY, 1},
+    {"fifo", ROUND_ROBIN, {FIFO, 9}, {SCHED_FIFO, 9}, ANY, 1},
+    {"timeSharingInARealTimeThread", ROUND_ROBIN, {NORMAL, 50, -7}, SHARING, -7, 1},
+    {"timeSharingWithoutTheRight", SHARING, {NORMAL, 0, 19}, SHARING, 19, 1},
+    {"keepInARoundRobinThread", ROUND_ROBIN, {KEEP, 8, 19}, {SCHED_RR, 8}, ANY, 1},
+    {"keepInAFifoThread", {SCHED_FIFO, 1}, {KEEP, 2, 19}, {SCHED_FIFO, 2}, ANY, 1},
+    {"keepInATimeSharingThread", SHARING, {KEEP, 8, 18}, SHARING, 18, 1},
+    {"keepOfAnUnknownPolicyInherits", UNKNOWN, {KEEP, 8, 18}, UNKNOWN, ANY, 2},
+    // A call that fails.
+    {"failRead", SHARING, {KEEP, 0, 17}, SHARING, ANY, 2, READ, {EPERM, EACCES}},
+    {"failPolicy", SHARING, {KEEP, 0, 17}, SHARING, 17, 2, SET_POLICY, {EPERM, EACCES}},
+    {"failParam", SHARING, {KEEP, 0, 17}, SHARING, 17, 2, SET_PARAM, {EPERM, EACCES}},
+    {"failTimeSharingPolicy", SHARING, {NORMAL, 0, 17}, SHARING, 17, 2, SET_POLICY, {EPERM}},
+    {"failTimeSharingParam", SHARING, {NORMAL, 0, 17}, SHARING, 17, 2, SET_PARAM, {EPERM}},
+    // The older constructor.
+    {"olderWithoutAPriorityInherits", ROUND_ROBIN, {OLDER, 50}, ROUND_ROBIN, ANY, 0},
+    {"olderKeepsRoundRobin", ROUND_ROBIN, {OLDER_PRIO, 6}, {SCHED_RR, 6}, ANY, 1},
+    {"olderKeepsFifo", {SCHED_FIFO, 2}, {OLDER_PRIO, 5}, {SCHED_FIFO, 5}, ANY, 1},
+    {"olderIsNiceInATimeSharingThread", SHARING, {OLDER_PRIO, 16}, SHARING, 16, 1},
+    {"olderLosesItsNameIfUnknown", UNKNOWN, {OLDER_PRIO, 6}, UNKNOWN, ANY, 0, READ, {0}, "creator"},
+    {"olderLosesItsName", ROUND_ROBIN, {OLDER_PRIO, 6}, ROUND_ROBIN, ANY, 0, READ, {EPERM}, "creator"},
+});
+
+VESK_TEST_TABLE(
+    ThreadCreationSched, followsTheAttributesAndTheCreatorWithoutAReport, testing::Test, CREATION_ROWS) {
     CreationRow const& row = GetParam();
     inPolicy(row.creator.policy, row.creator.priority, [&row] {
         ASSERT_EQ(0, pthread_setname_np(pthread_self(), "creator"));
@@ -242,49 +271,6 @@ TEST_P(ThreadCreationSched, followsTheAttributesAndTheCreatorWithoutAReport) {
         EXPECT_TRUE(row.isOlder() ? chainIs({}) : onlyOlderIsPending());
     });
 }
-
-Injected* const READ = &inject_pthread_getschedparam;
-Injected* const SET_POLICY = &inject_pthread_attr_setschedpolicy;
-Injected* const SET_PARAM = &inject_pthread_attr_setschedparam;
-
-// The creator's real-time policy shows the difference between inheriting and setting the default.
-INSTANTIATE_TEST_SUITE_P(
-    Wanted, ThreadCreationSched,
-    testing::ValuesIn(eachErrno<CreationRow>({
-        {"noopInherits", ROUND_ROBIN, {VESK_SCHED_NOOP}, ROUND_ROBIN, ANY, 0},
-        {"roundRobin", ROUND_ROBIN, {RR, 7}, {SCHED_RR, 7}, ANY, 1},
-        {"fifo", ROUND_ROBIN, {FIFO, 9}, {SCHED_FIFO, 9}, ANY, 1},
-        {"timeSharingInARealTimeThread", ROUND_ROBIN, {NORMAL, 50, -7}, SHARING, -7, 1},
-        {"timeSharingWithoutTheRight", SHARING, {NORMAL, 0, 19}, SHARING, 19, 1},
-        {"keepInARoundRobinThread", ROUND_ROBIN, {KEEP, 8, 19}, {SCHED_RR, 8}, ANY, 1},
-        {"keepInAFifoThread", {SCHED_FIFO, 1}, {KEEP, 2, 19}, {SCHED_FIFO, 2}, ANY, 1},
-        {"keepInATimeSharingThread", SHARING, {KEEP, 8, 18}, SHARING, 18, 1},
-        {"keepOfAnUnknownPolicyInherits", UNKNOWN, {KEEP, 8, 18}, UNKNOWN, ANY, 2},
-    })),
-    ErrnoName());
-
-INSTANTIATE_TEST_SUITE_P(
-    Fallback, ThreadCreationSched,
-    testing::ValuesIn(eachErrno<CreationRow>({
-        {"read", SHARING, {KEEP, 0, 17}, SHARING, ANY, 2, READ, {EPERM, EACCES}},
-        {"policy", SHARING, {KEEP, 0, 17}, SHARING, 17, 2, SET_POLICY, {EPERM, EACCES}},
-        {"param", SHARING, {KEEP, 0, 17}, SHARING, 17, 2, SET_PARAM, {EPERM, EACCES}},
-        {"timeSharingPolicy", SHARING, {NORMAL, 0, 17}, SHARING, 17, 2, SET_POLICY, {EPERM}},
-        {"timeSharingParam", SHARING, {NORMAL, 0, 17}, SHARING, 17, 2, SET_PARAM, {EPERM}},
-    })),
-    ErrnoName());
-
-INSTANTIATE_TEST_SUITE_P(
-    OlderConstructor, ThreadCreationSched,
-    testing::ValuesIn(eachErrno<CreationRow>({
-        {"withoutAPriorityInherits", ROUND_ROBIN, {OLDER, 50}, ROUND_ROBIN, ANY, 0},
-        {"keepsRoundRobin", ROUND_ROBIN, {OLDER_PRIO, 6}, {SCHED_RR, 6}, ANY, 1},
-        {"keepsFifo", {SCHED_FIFO, 2}, {OLDER_PRIO, 5}, {SCHED_FIFO, 5}, ANY, 1},
-        {"isNiceInATimeSharingThread", SHARING, {OLDER_PRIO, 16}, SHARING, 16, 1},
-        {"losesItsNameIfThePolicyIsUnknown", UNKNOWN, {OLDER_PRIO, 6}, UNKNOWN, ANY, 0, READ, {0}, "creator"},
-        {"losesItsName", ROUND_ROBIN, {OLDER_PRIO, 6}, ROUND_ROBIN, ANY, 0, READ, {EPERM}, "creator"},
-    })),
-    ErrnoName());
 
 TEST(ThreadOlderConstructor, canDetachAndReadsThePolicyOnlyForAPriority) {
     Event done;
@@ -692,19 +678,6 @@ struct Row {
     int error = 0;
 };
 
-class ThreadSchedRows : public ThreadRunning, public testing::WithParamInterface<Row> {};
-
-TEST_P(ThreadSchedRows, reportAndChangeNothing) {
-    Row const& row = GetParam();
-    if (row.needs_real_time) {
-        SKIP_UNLESS_REAL_TIME(SCHED_RR, 1);
-    }
-    leaveOlderReport();
-    EXPECT_EQ(row.result, failOnce(*row.function, row.error, [&] { return row.operation(m_thread); }));
-    EXPECT_TRUE(chainIs(row.reports(row.error)));
-    expectKernel(row.needs_real_time ? SCHED_RR : SCHED_OTHER, row.needs_real_time ? 1 : 0, m_nice);
-}
-
 int readCaller(Thread&) {
     Attr attributes = makeMarked();
     bool const failed = Thread::getCallerSchedAttrs(attributes);
@@ -755,30 +728,38 @@ Injected* const READ_NICE = &inject_getpriority;
 Injected* const SET = &inject_pthread_setschedparam;
 Injected* const SET_NICE = &inject_setpriority;
 
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadSchedRows,
-    testing::ValuesIn(eachErrno<Row>({
-        {"callerPolicy", READ, readCallerPolicy, {ESRCH, EPERM, EINVAL, ENOSYS}, 1, unclassified},
-        {"callerNice", READ_NICE, readCaller, {ESRCH, EINVAL, EACCES, EPERM}, 1, unclassified},
-        {"keepGetschedparam", READ, setAttrWithoutNice<KEEP>, {ESRCH}, 1, notSet},
-        {"keepSetschedparam", SET, setAttrWithoutNice<KEEP>, {EINVAL}, 1, notSet},
-        {"roundRobinSetschedparam", SET, setAttrWithoutNice<RR>, {EPERM}, 1, notSet},
-        {"fifoSetschedparam", SET, setAttrWithoutNice<FIFO>, {EINVAL}, 1, notSet},
-        {"normalSetschedparam", SET, setAttrWithoutNice<NORMAL>, {ENOTSUP}, 1, notSet},
-        {"normalSetpriority", SET_NICE, setAttr<NORMAL>, {EACCES, ESRCH}, 1, notSet},
-        {"setPriorityPolicy", READ, setPriority, {ESRCH}, 1, onTopOfTheOlderOne},
-        {"setPriority", SET_NICE, setPriority, {EPERM}, 1, notPermitted},
-        {"setPriority", SET_NICE, setPriority, {EACCES, ESRCH}, 1, failed},
-        {"setPriorityOfRoundRobin", SET, setPriority, {EPERM}, 1, notPermitted, true},
-        {"setPriorityOfRoundRobin", SET, setPriority, {EINVAL}, 1, failed, true},
-        {"getPriorityPolicy", READ, getPriority, {EPERM}, LOWEST_INT, unclassified},
-        {"getPriorityNice", READ_NICE, getPriority, {EACCES}, LOWEST_INT, unclassified},
-        {"minimumPolicy", READ, getMin, {ESRCH}, LOWEST_INT, failed},
-        {"maximumPolicy", READ, getMax, {EPERM}, LOWEST_INT, failed},
-        {"minimum", &inject_sched_get_priority_min, getMin, {EINVAL}, LOWEST_INT, failed},
-        {"maximum", &inject_sched_get_priority_max, getMax, {ENOSYS}, LOWEST_INT, failed},
-    })),
-    ErrnoName());
+auto const ROWS = eachErrno<Row>({
+    {"callerPolicy", READ, readCallerPolicy, {ESRCH, EPERM, EINVAL, ENOSYS}, 1, unclassified},
+    {"callerNice", READ_NICE, readCaller, {ESRCH, EINVAL, EACCES, EPERM}, 1, unclassified},
+    {"keepGetschedparam", READ, setAttrWithoutNice<KEEP>, {ESRCH}, 1, notSet},
+    {"keepSetschedparam", SET, setAttrWithoutNice<KEEP>, {EINVAL}, 1, notSet},
+    {"roundRobinSetschedparam", SET, setAttrWithoutNice<RR>, {EPERM}, 1, notSet},
+    {"fifoSetschedparam", SET, setAttrWithoutNice<FIFO>, {EINVAL}, 1, notSet},
+    {"normalSetschedparam", SET, setAttrWithoutNice<NORMAL>, {ENOTSUP}, 1, notSet},
+    {"normalSetpriority", SET_NICE, setAttr<NORMAL>, {EACCES, ESRCH}, 1, notSet},
+    {"setPriorityPolicy", READ, setPriority, {ESRCH}, 1, onTopOfTheOlderOne},
+    {"setPriority", SET_NICE, setPriority, {EPERM}, 1, notPermitted},
+    {"setPriority", SET_NICE, setPriority, {EACCES, ESRCH}, 1, failed},
+    {"setPriorityOfRoundRobin", SET, setPriority, {EPERM}, 1, notPermitted, true},
+    {"setPriorityOfRoundRobin", SET, setPriority, {EINVAL}, 1, failed, true},
+    {"getPriorityPolicy", READ, getPriority, {EPERM}, LOWEST_INT, unclassified},
+    {"getPriorityNice", READ_NICE, getPriority, {EACCES}, LOWEST_INT, unclassified},
+    {"minimumPolicy", READ, getMin, {ESRCH}, LOWEST_INT, failed},
+    {"maximumPolicy", READ, getMax, {EPERM}, LOWEST_INT, failed},
+    {"minimum", &inject_sched_get_priority_min, getMin, {EINVAL}, LOWEST_INT, failed},
+    {"maximum", &inject_sched_get_priority_max, getMax, {ENOSYS}, LOWEST_INT, failed},
+});
+
+VESK_TEST_TABLE(ThreadSchedRows, reportAndChangeNothing, ThreadRunning, ROWS) {
+    Row const& row = GetParam();
+    if (row.needs_real_time) {
+        SKIP_UNLESS_REAL_TIME(SCHED_RR, 1);
+    }
+    leaveOlderReport();
+    EXPECT_EQ(row.result, failOnce(*row.function, row.error, [&] { return row.operation(m_thread); }));
+    EXPECT_TRUE(chainIs(row.reports(row.error)));
+    expectKernel(row.needs_real_time ? SCHED_RR : SCHED_OTHER, row.needs_real_time ? 1 : 0, m_nice);
+}
 
 // ---- the main thread ----
 

@@ -183,30 +183,6 @@ struct Course {
     bool detached = false;
 };
 
-class ThreadCourse : public ThreadsGone, public testing::WithParamInterface<Course> {};
-
-TEST_P(ThreadCourse, eachStepHasItsReportAndItsState) {
-    Subject subject(GetParam().body, GetParam().detached);
-    int number = 0;
-    for (Step const& step : GetParam().steps) {
-        SCOPED_TRACE(++number);
-        leaveOlderReport();
-        EXPECT_EQ(step.result, step.call.run(subject));
-        bool const joins = step.call.misuse == NO_JOIN;
-        auto const misuse = contractBroken(joins && GetParam().detached ? DETACHED : step.call.misuse);
-        if (!step.is_misuse) {
-            EXPECT_TRUE(onlyOlderIsPending());
-        } else if (joins || step.call.misuse == OTHER_THREAD) {
-            EXPECT_TRUE(chainIs({misuse}));
-        } else {
-            EXPECT_TRUE(chainIs({SysErrorId::NO_SUCH_PROCESS, misuse})) << "on top of what is pending";
-        }
-        EXPECT_TRUE(subject.thread.isIn(step.state)) << subject.thread.getThreadState();
-    }
-    EXPECT_TRUE(eventually(areThreadsGone));
-    EXPECT_EQ(1, subject.runs);
-}
-
 constexpr auto CREATED = Thread::CREATED;
 constexpr auto RUNNING = Thread::RUNNING;
 constexpr auto SUSPENDED = Thread::SUSPENDED;
@@ -267,7 +243,28 @@ Course const COURSES[] = {
      {succeeds(START, RUNNING), succeeds(LET_GO, FINISHED), fails(TERMINATE, FINISHED), succeeds(JOIN, DEAD),
       fails(TERMINATE, DEAD)}},
 };
-INSTANTIATE_TEST_SUITE_P(All, ThreadCourse, testing::ValuesIn(COURSES), RowName());
+
+VESK_TEST_TABLE(ThreadCourse, eachStepHasItsReportAndItsState, ThreadsGone, COURSES) {
+    Subject subject(GetParam().body, GetParam().detached);
+    int number = 0;
+    for (Step const& step : GetParam().steps) {
+        SCOPED_TRACE(++number);
+        leaveOlderReport();
+        EXPECT_EQ(step.result, step.call.run(subject));
+        bool const joins = step.call.misuse == NO_JOIN;
+        auto const misuse = contractBroken(joins && GetParam().detached ? DETACHED : step.call.misuse);
+        if (!step.is_misuse) {
+            EXPECT_TRUE(onlyOlderIsPending());
+        } else if (joins || step.call.misuse == OTHER_THREAD) {
+            EXPECT_TRUE(chainIs({misuse}));
+        } else {
+            EXPECT_TRUE(chainIs({SysErrorId::NO_SUCH_PROCESS, misuse})) << "on top of what is pending";
+        }
+        EXPECT_TRUE(subject.thread.isIn(step.state)) << subject.thread.getThreadState();
+    }
+    EXPECT_TRUE(eventually(areThreadsGone));
+    EXPECT_EQ(1, subject.runs);
+}
 
 // ---- what the thread knows about itself ----
 
@@ -362,9 +359,14 @@ struct LeftError {
     bool terminate;
 };
 
-class ThreadLeftErrors : public testing::TestWithParam<LeftError> {};
+LeftError const LEFT_ERRORS[] = {
+    {"byReturning", leaveError, false},
+    {"byItsOwnExit", leaveErrorAndExit, false},
+    {"whenCancelled", leaveErrorAndWait, true},
+    {"byReturningAfterItsCancellation", leaveErrorAndReturnCancelled, true},
+    {"whenReplacedAfterItsCancellation", replaceErrorWhenCancelled, true}};
 
-TEST_P(ThreadLeftErrors, areWrittenToStandardOutput) {
+VESK_TEST_TABLE(ThreadLeftErrors, areWrittenToStandardOutput, testing::Test, LEFT_ERRORS) {
     if (GetParam().body == replaceErrorWhenCancelled) {
         VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     }
@@ -385,15 +387,6 @@ TEST_P(ThreadLeftErrors, areWrittenToStandardOutput) {
     EXPECT_NE(std::string::npos, end.output.find("unacknowledged error chain of 1 report")) << end.output;
     EXPECT_NE(std::string::npos, end.output.find("some/file:12")) << end.output;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ThreadLeftErrors,
-    testing::Values(
-        LeftError{"byReturning", leaveError, false}, LeftError{"byItsOwnExit", leaveErrorAndExit, false},
-        LeftError{"whenCancelled", leaveErrorAndWait, true},
-        LeftError{"byReturningAfterItsCancellation", leaveErrorAndReturnCancelled, true},
-        LeftError{"whenReplacedAfterItsCancellation", replaceErrorWhenCancelled, true}),
-    RowName());
 
 // ---- join ----
 

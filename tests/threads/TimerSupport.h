@@ -6,8 +6,6 @@
 
 #include <tarncommon/tarnbase/TimePoint.h>
 
-#include <sys/resource.h>
-
 /// What the tests of timers and alarms have in common.
 namespace support {
 

@@ -73,8 +73,14 @@ public:
 private:
     friend class vesk::Timer;
 
+    /// When a restarted alarm expires: after the delay, or at the beginning of the millisecond after that. The
+    /// second is the beginning of a fixed rate, which has only full milliseconds.
+    enum class Start : unsigned char { EXACT, AT_FULL_MILLISECOND };
+
     void deliver() const;
-    TARN_HIDDEN void restart(tarnbase::Duration const& delay, void (*change)(void*), void* argument);
+    TARN_HIDDEN void
+    restart(Start start, tarnbase::Duration const& delay, void (*change)(void*), void* argument);
+    TARN_HIDDEN void startNext(tarnbase::Duration const& interval);
 
     std::SharedBase::Ptr<Timer> m_engine;
     Message::Sink* m_sink;
@@ -166,6 +172,7 @@ private:
     class Access;
     class Ring;
     class Waiting;
+    struct DueAlarm;
 
     template <typename Scheduling>
     Timer(Scheduling const& scheduling, int signal, char const* thread_name);
@@ -178,19 +185,25 @@ private:
     bool waitForCalls(char const* function) noexcept TARN_REQUIRES(m_lock);
     void wakeNext() noexcept TARN_REQUIRES(m_lock);
     void dropSignals() noexcept;
-    TARN_HIDDEN void
-    restart(Alarm* alarm, tarnbase::Duration const& delay, void (*change)(void*), void* argument);
+    TARN_HIDDEN void restart(
+        Alarm* alarm, Start start, tarnbase::Duration const& delay, void (*change)(void*), void* argument);
+    TARN_HIDDEN void addNext(Alarm* alarm, tarnbase::Duration const& interval);
     TARN_HIDDEN void set(Alarm* alarm, tarnbase::Duration delay) TARN_REQUIRES(m_lock);
+    TARN_HIDDEN void setAt(Alarm* alarm, detail::Moment const& now, tarnbase::TimePoint expiry)
+        TARN_REQUIRES(m_lock);
+    TARN_HIDDEN bool putIn(Alarm* alarm, tarnbase::TimePoint expiry) TARN_REQUIRES(m_lock);
     TARN_HIDDEN void erase(Alarm const* alarm) noexcept TARN_REQUIRES(m_lock);
     TARN_HIDDEN void
     armFor(detail::Moment const& now, tarnbase::TimePoint expiry, tarnbase::Duration delay) noexcept
+        TARN_REQUIRES(m_lock);
+    TARN_HIDDEN void armAt(detail::Moment const& now, tarnbase::TimePoint expiry) noexcept
         TARN_REQUIRES(m_lock);
     TARN_HIDDEN bool isEarly(tarnbase::TimePoint now) const noexcept TARN_REQUIRES(m_lock);
     TARN_HIDDEN long long getExactRest() const noexcept TARN_REQUIRES(m_lock);
     TARN_HIDDEN bool arm(timespec const& delay) noexcept;
     void armTimer(tarnbase::Duration delay) noexcept;
     void armForNext(tarnbase::TimePoint now) noexcept TARN_REQUIRES(m_lock);
-    void takeDue(tarnbase::TimePoint now, std::vector<Alarm const*>& due) TARN_REQUIRES(m_lock);
+    TARN_HIDDEN void takeDue(tarnbase::TimePoint now, std::vector<DueAlarm>& due) TARN_REQUIRES(m_lock);
 
     // Everything that `ring` uses is initialized before the thread starts, since the signal may come from
     // elsewhere.

@@ -34,8 +34,8 @@ namespace vesk {
 /// of them, which grows beyond that and shrinks again. A copy costs one atomic increment and never allocates,
 /// blocks or fails. Creating a handle that is not a copy, and destroying the last handle of a resource, may
 /// take the pool's lock, a leaf lock: no other lock of the library is taken under it. Up to 64 threads keep
-/// the count that they released last for their next handle, and need no lock for a temporary handle. Handles
-/// may be global objects of any library or program.
+/// the eight counts that they released last for their next handles, and need no lock for temporary handles.
+/// Handles may be global objects of any library or program.
 ///
 /// If there is no memory for a count, the handle has none. It and its copies work, but the last of them
 /// cannot be determined, so `destroy()` is never called for them.
@@ -123,7 +123,7 @@ private:
         return s_counter_pool.load(std::memory_order_acquire);
     }
 
-    /// Takes an item: the thread's spare, or one of the pool.
+    /// Takes an item: a spare of the thread, or one of the pool.
     static void* takeFromPool();
     void endLast();
 

@@ -86,7 +86,7 @@ public:
     /// Starts the timer, or restarts it from now.
     ///
     /// A periodic timer measures each period from the moment of the previous call, so it drifts by the delay
-    /// of each call. A callback that takes longer than the interval is called again immediately. Blocks while
+    /// of each call; `startFixedRate` does not. A callback that takes longer than the interval is called again immediately. Blocks while
     /// a callback is running in another thread. Throws `std::bad_alloc` if there is no memory for another
     /// running timer, and leaves the timer stopped.
     /// @param interval_ms  milliseconds, not 0
@@ -94,6 +94,20 @@ public:
     /// @return true on failure, with everything unchanged: `std::CommonErrorId::CONTRACT_BROKEN` for an
     ///         interval of 0
     bool start(unsigned int interval_ms, bool periodic);
+
+    /// Starts or restarts the timer as a periodic one that does not drift: the calls are planned for the first
+    /// full millisecond of the clock that is `interval_ms` from now, and for each multiple of the interval
+    /// after that. The delay of a call does not postpone the next one. Periods that have passed completely
+    /// before a call begins are skipped. Blocks and throws as `start` does.
+    ///
+    ///     vesk::Timer sampler(sample, true);
+    ///     sampler.startFixedRate(10); // 100 calls in each second
+    ///
+    /// `snooze` begins the periods anew, and `start` ends the fixed rate.
+    /// @param interval_ms  milliseconds, not 0
+    /// @return true on failure, with everything unchanged: `std::CommonErrorId::CONTRACT_BROKEN` for an
+    ///         interval of 0
+    bool startFixedRate(unsigned int interval_ms);
 
     /// Stops the timer; a stopped timer stays stopped. Interval and kind are unchanged. After the return the
     /// callback will not be called. It is not running either, unless it makes this call or waits for the
@@ -124,13 +138,17 @@ public:
     static void procedure(void* timer);
 
 private:
+    struct Settings;
+
     static std::SharedBase::Ptr<Alarm::Timer> getEngine(bool high_priority);
+    TARN_HIDDEN bool start(Settings settings);
 
     void (*m_callback)(Timer*);
     [[maybe_unused]] bool m_high_priority; // Unused.
     // Read by the engine's thread without a lock.
     std::atomic<uint32_t> m_interval{0};
     std::atomic<bool> m_periodic{false};
+    std::atomic<bool> m_fixed_rate{false}; // In what was padding: the size is the same as before.
     Alarm m_alarm;
 };
 

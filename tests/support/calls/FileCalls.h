@@ -2,11 +2,8 @@
 
 #include "support/Inject.h"
 
-#include <cerrno>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

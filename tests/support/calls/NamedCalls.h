@@ -2,9 +2,7 @@
 
 #include "support/Inject.h"
 
-#include <cstdarg>
 #include <ctime>
-#include <fcntl.h>
 #include <functional>
 #include <mqueue.h>
 #include <semaphore.h>

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <deque>

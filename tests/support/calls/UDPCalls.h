@@ -4,12 +4,9 @@
 
 #include <tarncommon/tarnbase/NonCopyable.h>
 
-#include <cerrno>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <string>

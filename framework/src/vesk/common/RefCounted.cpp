@@ -9,22 +9,37 @@ namespace vesk {
 namespace {
 
 constexpr unsigned int COUNTERS = 1024;
-/// The number of threads that may have a spare item at the same time.
-constexpr unsigned int SPARES = 64;
+/// The number of threads that may have spare items at the same time, and how many of them.
+constexpr unsigned int SPARE_THREADS = 64;
+constexpr unsigned int SPARES_OF_THREAD = 8;
+constexpr unsigned int SPARES = SPARE_THREADS * SPARES_OF_THREAD;
 
-/// The item of the pool's own block that the thread released last.
-struct Spare {
-    void* item;
-    bool allowed; ///< The thread is one of the `SPARES`.
+/// The items of the pool's own block that the thread released last. Each contains the address of the next.
+struct Spares {
+    void* first;
+    unsigned char count;
+    bool allowed; ///< The thread is one of the `SPARE_THREADS`.
+
+    void* pop() noexcept {
+        void* const item = first;
+        first = *static_cast<void**>(item);
+        --count;
+        return item;
+    }
+    void push(void* item) noexcept {
+        first = new (item) void*(first);
+        ++count;
+    }
 };
 
 // In the static block of the thread: a few bytes, which the loader has room for even when the library is loaded
 // at run time. Any other model calls the loader for the address.
-TARN_CONSTANT_INIT thread_local Spare t_spare __attribute__((tls_model("initial-exec"))) = {nullptr, false};
+TARN_CONSTANT_INIT thread_local Spares t_spares
+    __attribute__((tls_model("initial-exec"))) = {nullptr, 0, false};
 
 constexpr pthread_key_t NO_KEY = ~pthread_key_t{0};
 
-/// Calls `Supply::endThread` at the end of each thread that may have a spare.
+/// Calls `PoolEnd::endThread` at the end of each thread that may have spares.
 TARN_CONSTANT_INIT std::atomic<pthread_key_t> s_key{NO_KEY};
 TARN_CONSTANT_INIT std::atomic<unsigned int> s_spare_threads{0};
 
@@ -37,18 +52,18 @@ __attribute__((destructor)) void forgetThreads() noexcept {
     }
 }
 
-/// Makes the calling thread one of those that may have a spare. Returns false if there are too many of them,
+/// Makes the calling thread one of those that may have spares. Returns false if there are too many of them,
 /// or if the end of the thread cannot be observed.
-bool allowSpare() noexcept {
+bool allowSpares() noexcept {
     pthread_key_t const key = s_key.load(std::memory_order_relaxed);
-    if (key == NO_KEY || s_spare_threads.load(std::memory_order_relaxed) >= SPARES) {
+    if (key == NO_KEY || s_spare_threads.load(std::memory_order_relaxed) >= SPARE_THREADS) {
         return false;
     }
-    if (s_spare_threads.fetch_add(1) >= SPARES || pthread_setspecific(key, &t_spare) != 0) {
+    if (s_spare_threads.fetch_add(1) >= SPARE_THREADS || pthread_setspecific(key, &t_spares) != 0) {
         s_spare_threads.fetch_sub(1);
         return false;
     }
-    t_spare.allowed = true;
+    t_spares.allowed = true;
     return true;
 }
 
@@ -59,7 +74,7 @@ public:
     /// Returns null if as many items are in use as other threads may have spares.
     void* get() noexcept {
         unsigned int const threads = s_spare_threads.load(std::memory_order_relaxed);
-        unsigned int const others = threads - (t_spare.allowed ? 1 : 0);
+        unsigned int const others = (threads - (t_spares.allowed ? 1 : 0)) * SPARES_OF_THREAD;
         for (unsigned int i = 0; i < SPARES && m_used_count < others; ++i) {
             if (!m_used[i]) {
                 m_used[i] = true;
@@ -108,8 +123,8 @@ public:
     static void* take();
     /// Puts an item back under the lock of the pool.
     static void put(void* item);
-    /// Puts back the spare of a thread that ends.
-    static void endThread(void* spare);
+    /// Puts back the spares of a thread that ends.
+    static void endThread(void* spares);
 };
 __attribute__((init_priority(101))) RefCounted::PoolEnd const RefCounted::s_pool_end;
 
@@ -149,32 +164,26 @@ void RefCounted::PoolEnd::put(void* item) {
     }
 }
 
-void RefCounted::PoolEnd::endThread(void* /*spare*/) {
-    void* const item = t_spare.item;
-    t_spare = {nullptr, false};
-    if (item != nullptr) {
-        put(item);
+void RefCounted::PoolEnd::endThread(void* /*spares*/) {
+    while (t_spares.first != nullptr) {
+        put(t_spares.pop());
     }
+    t_spares.allowed = false;
     s_spare_threads.fetch_sub(1);
 }
 
 void* RefCounted::takeFromPool() {
-    void* const item = t_spare.item;
-    if (__builtin_expect(item == nullptr, 0)) {
-        return PoolEnd::take();
-    }
-    t_spare.item = nullptr;
-    return item;
+    return __builtin_expect(t_spares.first == nullptr, 0) ? PoolEnd::take() : t_spares.pop();
 }
 
 void RefCounted::endLast() {
     counter->store(0, std::memory_order_relaxed);
     destroy();
-    bool const keeps = t_spare.item == nullptr &&
+    bool const keeps = t_spares.count < SPARES_OF_THREAD &&
         s_counter_pool.load(std::memory_order_acquire)->contains(counter) &&
-        (t_spare.allowed || allowSpare());
+        (t_spares.allowed || allowSpares());
     if (keeps) {
-        t_spare.item = counter;
+        t_spares.push(counter);
     } else {
         PoolEnd::put(counter);
     }

@@ -49,23 +49,37 @@ Timer::~Timer() {
     m_alarm.stop();
 }
 
+/// The kinds of timers, as `start` and `startFixedRate` set them.
+struct Timer::Settings {
+    Timer& timer;
+    uint32_t interval;
+    bool periodic;
+    bool fixed_rate;
+
+    static void store(void* settings) {
+        auto const& wanted = *static_cast<Settings*>(settings);
+        wanted.timer.m_interval.store(wanted.interval, std::memory_order_relaxed);
+        wanted.timer.m_periodic.store(wanted.periodic, std::memory_order_relaxed);
+        wanted.timer.m_fixed_rate.store(wanted.fixed_rate, std::memory_order_relaxed);
+    }
+};
+
 bool Timer::start(unsigned int interval_ms, bool periodic) {
-    if (interval_ms == 0) {
+    return start({*this, interval_ms, periodic, false});
+}
+
+bool Timer::startFixedRate(unsigned int interval_ms) {
+    return start({*this, interval_ms, true, true});
+}
+
+bool Timer::start(Settings settings) {
+    if (settings.interval == 0) {
         report(SOURCE, Chain::NEW, std::CommonErrorId::CONTRACT_BROKEN, "zero tick interval specified");
         return true;
     }
-    struct Settings {
-        Timer& timer;
-        unsigned int interval_ms;
-        bool periodic;
-    } settings{*this, interval_ms, periodic};
-    auto const store = [](void* argument) {
-        auto const& wanted = *static_cast<Settings*>(argument);
-        wanted.timer.m_interval.store(wanted.interval_ms, std::memory_order_relaxed);
-        wanted.timer.m_periodic.store(wanted.periodic, std::memory_order_relaxed);
-    };
-    // With the engine's lock held: a callback that is running still sees the old values.
-    m_alarm.restart(Duration(interval_ms), store, &settings);
+    Alarm::Start const start = settings.fixed_rate ? Alarm::Start::AT_FULL_MILLISECOND : Alarm::Start::EXACT;
+    // Stores with the engine's lock held: a callback that is running still sees the old values.
+    m_alarm.restart(start, Duration(settings.interval), Settings::store, &settings);
     return false;
 }
 
@@ -82,7 +96,9 @@ bool Timer::snooze() {
 void Timer::procedure(void* timer) {
     Timer* const self = static_cast<Timer*>(timer);
     // Before the callback, which may stop or destroy the timer.
-    if (self->isPeriodic()) {
+    if (self->m_fixed_rate.load(std::memory_order_relaxed)) {
+        self->m_alarm.startNext(Duration(self->getInterval()));
+    } else if (self->isPeriodic()) {
         self->snooze();
     }
     self->m_callback(self);

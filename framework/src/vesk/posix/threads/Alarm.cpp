@@ -60,6 +60,13 @@ TimePoint addTo(TimePoint now, Duration delay) noexcept {
     return delay < TimePoint::MAX - now ? now + delay : TimePoint::MAX;
 }
 
+timespec toTimespec(long long ns) noexcept {
+    timespec time{};
+    time.tv_sec = static_cast<time_t>(ns / Moment::NS_PER_S);
+    time.tv_nsec = static_cast<long>(ns % Moment::NS_PER_S);
+    return time;
+}
+
 /// Returns an id that the kernel assigns to no timer. A null pointer is no such id: the kernel numbers timers
 /// from 0.
 timer_t getNoTimer() noexcept {
@@ -92,9 +99,19 @@ void Alarm::deliver() const {
     static_cast<void>(message.release());
 }
 
-void Alarm::restart(Duration const& delay, void (*change)(void*), void* argument) {
-    m_engine->restart(this, delay, change, argument);
+void Alarm::restart(Start start, Duration const& delay, void (*change)(void*), void* argument) {
+    m_engine->restart(this, start, delay, change, argument);
 }
+
+void Alarm::startNext(Duration const& interval) {
+    m_engine->addNext(this, interval);
+}
+
+/// An alarm that a ring calls. It is null if it was removed meanwhile.
+struct Alarm::Timer::DueAlarm {
+    Alarm const* alarm;
+    TimePoint expiry;
+};
 
 /// Holds the engine's lock for one of its operations. It does not wait for the current ring in a callback of
 /// that ring, nor if the ring waits for the calling thread.
@@ -155,19 +172,18 @@ public:
 
     bool begin();
     void deliver();
-    void forget(Alarm const* alarm) noexcept {
-        std::replace(m_due.begin() + static_cast<ptrdiff_t>(m_next), m_due.end(), alarm, NONE);
-    }
+    void forget(Alarm const* alarm) noexcept;
     Ring* getOuter() const noexcept { return m_outer; }
 
-private:
-    static constexpr Alarm const* NONE = nullptr;
+    /// Returns for when the alarm that is being called was planned.
+    TimePoint getPlanned() const noexcept { return m_due[m_next - 1].expiry; }
 
+private:
     void enter() noexcept TARN_REQUIRES(m_engine.m_lock);
     void end() noexcept;
 
     Timer& m_engine;
-    std::vector<Alarm const*> m_due;
+    std::vector<DueAlarm> m_due;
     TimePoint m_now;
     size_t m_next = 0;
     bool m_begun = false;
@@ -237,22 +253,53 @@ void Alarm::Timer::remove(Alarm* alarm) {
 
 /// Removes an alarm and adds it again, in one step. Calls `change` in between, with the lock held. Throws as
 /// `add` does, and leaves the alarm removed.
-void Alarm::Timer::restart(Alarm* alarm, Duration const& delay, void (*change)(void*), void* argument) {
+void Alarm::Timer::restart(
+    Alarm* alarm, Start start, Duration const& delay, void (*change)(void*), void* argument) {
     Access const access(*this, "remove"); // The first of the two steps: a failure is reported in its name.
     erase(alarm);
     change(argument);
-    set(alarm, delay);
+    if (start == Start::AT_FULL_MILLISECOND) {
+        Moment const now;
+        bool const is_full = now.ns % Moment::NS_PER_MS == 0;
+        setAt(alarm, now, addTo(now.ms, Duration(delay.getCount() + (is_full ? 0 : 1))));
+    } else {
+        set(alarm, delay);
+    }
+}
+
+/// Adds an alarm from its own callback, `interval` after the moment for which this call was planned. Skips the
+/// periods that have passed since. Outside of a callback the period begins now.
+void Alarm::Timer::addNext(Alarm* alarm, Duration const& interval) {
+    Access const access(*this, "add");
+    Moment const now;
+    bool const is_called = m_ring != nullptr && !isOfOtherThread();
+    TimePoint const planned = is_called ? m_ring->getPlanned() : now.ms;
+    long long const skipped = std::max((now.ms - planned).getCount(), 0LL) / interval.getCount();
+    setAt(alarm, now, addTo(planned, Duration((skipped + 1) * interval.getCount())));
 }
 
 void Alarm::Timer::set(Alarm* alarm, Duration delay) {
     Moment const now;
     TimePoint const expiry = addTo(now.ms, delay);
+    if (putIn(alarm, expiry)) {
+        armFor(now, expiry, delay);
+    }
+}
+
+void Alarm::Timer::setAt(Alarm* alarm, Moment const& now, TimePoint expiry) {
+    if (putIn(alarm, expiry)) {
+        armAt(now, expiry);
+    }
+}
+
+/// Returns whether the alarm has become the earliest of all.
+bool Alarm::Timer::putIn(Alarm* alarm, TimePoint expiry) {
     m_alarms->set(alarm, expiry);
     if (m_next_expiry <= expiry) {
-        return;
+        return false;
     }
     m_next_expiry = expiry;
-    armFor(now, expiry, delay);
+    return true;
 }
 
 void Alarm::Timer::erase(Alarm const* alarm) noexcept {
@@ -281,6 +328,17 @@ void Alarm::Timer::armFor(Moment const& now, TimePoint expiry, Duration delay) n
     }
     timer.exact_for = TimePoint::MAX;
     timer.rings_at = arm(TimePoint(delay.getCount()).toTimespec()) ? exact : 0;
+}
+
+/// Arms the kernel's timer for the beginning of the millisecond `expiry`, unless it rings before that anyway.
+void Alarm::Timer::armAt(Moment const& now, TimePoint expiry) noexcept {
+    detail::AlarmTable::KernelTimer& timer = m_alarms->getKernelTimer();
+    timer.exact_for = expiry;
+    timer.exact = expiry.getCount() * Moment::NS_PER_MS;
+    if (now.ns < timer.rings_at && timer.rings_at <= timer.exact) {
+        return;
+    }
+    timer.rings_at = arm(toTimespec(timer.exact - now.ns)) ? timer.exact : 0;
 }
 
 bool Alarm::Timer::isCallingBack() const noexcept {
@@ -391,9 +449,17 @@ bool Alarm::Timer::Ring::begin() {
 /// Calls the due alarms in the order of their addresses, without the mutex.
 void Alarm::Timer::Ring::deliver() {
     while (m_next < m_due.size()) {
-        Alarm const* const alarm = m_due[m_next++];
-        if (alarm != NONE) {
+        Alarm const* const alarm = m_due[m_next++].alarm;
+        if (alarm != nullptr) {
             alarm->deliver();
+        }
+    }
+}
+
+void Alarm::Timer::Ring::forget(Alarm const* alarm) noexcept {
+    for (size_t i = m_next; i < m_due.size(); ++i) {
+        if (m_due[i].alarm == alarm) {
+            m_due[i].alarm = nullptr;
         }
     }
 }
@@ -419,13 +485,16 @@ void Alarm::Timer::Ring::end() noexcept {
     --t_ringer.rings;
 }
 
-void Alarm::Timer::takeDue(TimePoint now, std::vector<Alarm const*>& due) {
+void Alarm::Timer::takeDue(TimePoint now, std::vector<DueAlarm>& due) {
     due.reserve(m_alarms->getCount()); // Alarms may have been added while the lock was not held.
     while (m_alarms->getEarliest() <= now) {
-        due.push_back(m_alarms->takeEarliest());
+        TimePoint const expiry = m_alarms->getEarliest();
+        due.push_back({m_alarms->takeEarliest(), expiry});
     }
     m_next_expiry = m_alarms->getEarliest();
-    std::sort(due.begin(), due.end(), std::less<>());
+    std::sort(due.begin(), due.end(), [](DueAlarm const& a, DueAlarm const& b) {
+        return std::less<>()(a.alarm, b.alarm);
+    });
 }
 
 /// Returns whether the earliest alarm is not due yet.
@@ -446,10 +515,7 @@ void Alarm::Timer::armForNext(TimePoint now) noexcept {
         return;
     }
     if (long long const rest = getExactRest(); rest > 0) {
-        timespec delay{};
-        delay.tv_sec = static_cast<time_t>(rest / Moment::NS_PER_S);
-        delay.tv_nsec = static_cast<long>(rest % Moment::NS_PER_S);
-        arm(delay);
+        arm(toTimespec(rest));
     } else {
         armTimer(m_next_expiry - now);
     }
