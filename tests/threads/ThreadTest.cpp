@@ -1,8 +1,6 @@
 #include "support/Aborts.h"
-#include "support/Cancellation.h"
 #include "support/CleanEnd.h"
 #include "support/Emulation.h"
-#include "support/Processes.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Time.h>
@@ -437,19 +435,14 @@ TEST_F(ThreadTest, joinCanBeCancelledAndLeavesTheThreadToBeJoined) {
     }
     Event joining;
     Event left;
-    pid_t joiner_id = 0;
     StartedThread joined(m_wait);
     {
         StartedThread joiner([&] {
             SetAtEnd const end(left);
-            joiner_id = getThreadId();
             joining.set();
             joined.join();
         });
         EXPECT_TRUE(joining.wait());
-        if (!UNWINDS_ASYNCHRONOUSLY) {
-            waitUntilAsleep(getpid(), joiner_id); // Beyond the instructions that cannot be unwound.
-        }
         EXPECT_FALSE(joiner.terminate());
         EXPECT_TRUE(left.wait());
     }
