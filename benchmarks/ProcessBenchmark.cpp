@@ -1,3 +1,5 @@
+#include "Ballast.h"
+
 #include <vesk/ProcessTNG.h>
 #include <vesk/Vesk.h>
 
@@ -26,39 +28,10 @@ namespace {
 
 constexpr char const* PROGRAM = "/bin/true";
 
-void check(bool failed) {
-    if (failed) {
-        abort();
-    }
-}
-
 vesk::Vesk const& startLibrary() {
     static vesk::Vesk const s_vesk(true, false);
     return s_vesk;
 }
-
-/// Memory of the parent. All of its pages are in use, so that a fork must copy their page tables.
-class Ballast {
-public:
-    explicit Ballast(benchmark::State const& state) : m_size(static_cast<size_t>(state.range(0)) << 20) {
-        if (m_size != 0) {
-            m_memory = mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-            check(m_memory == MAP_FAILED);
-            memset(m_memory, 1, m_size);
-        }
-    }
-    ~Ballast() {
-        if (m_size != 0) {
-            munmap(m_memory, m_size);
-        }
-    }
-    Ballast(Ballast const&) = delete;
-    Ballast& operator=(Ballast const&) = delete;
-
-private:
-    size_t m_size;
-    void* m_memory = nullptr;
-};
 
 long long now() {
     timespec time{};

@@ -1,6 +1,6 @@
 // Loads a library, initializes it, and prints how many nanoseconds each step took. The program is linked against
-// neither library, so that nothing of them is loaded before. It is linked against the C++ library, whose loading is
-// not measured. With "bare" it makes the system calls of the initialization directly.
+// neither library, so that nothing of them is loaded before. It is linked against the C++ library, because the time
+// to load that is not measured. With "bare" it makes the system calls of the initialization directly.
 //
 //     startup_probe LIBRARY [bare]
 

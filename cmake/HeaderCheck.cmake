@@ -5,7 +5,7 @@
 set(VESK_HEADER_CHECK_STANDARDS 17 20 23)
 
 add_custom_target(header_check)
-foreach(library tarncommon vesk)
+foreach(library tarncommon vesk veskloop)
     get_target_property(source_dir ${library} SOURCE_DIR)
     file(
         GLOB_RECURSE headers

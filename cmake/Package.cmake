@@ -1,24 +1,62 @@
-# Defines what `cmake --install` installs: both libraries, their headers, the CMake package `vesk` and a
-# pkg-config file for each library. The installed tree is relocatable: no file in it contains the install
-# prefix.
+# Defines what `cmake --install` installs: the libraries, their headers, the CMake package `vesk`, a pkg-config
+# file for each library, and the guide pages. The installed tree is relocatable: no file in it contains the
+# install prefix. The components are `runtime`, `development` and `docs`.
+#
+# A library that is added with `vesk_add_library` is installed with the headers of its folder `include`. It
+# needs a file LIBRARY.pc.in beside this one.
 include(CMakePackageConfigHelpers)
 
 set(VESK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vesk)
 set(VESK_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+get_property(VESK_LIBRARIES GLOBAL PROPERTY VESK_LIBRARIES)
 
-# libvesk finds the base library in its own directory, independently of the program's search path.
-set_target_properties(vesk PROPERTIES INSTALL_RPATH "$ORIGIN")
-
-install(TARGETS tarncommon vesk EXPORT veskTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(
-    DIRECTORY tarncommon/include/ framework/include/
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-    FILES_MATCHING
-    PATTERN "*.h")
-install(FILES ${PROJECT_BINARY_DIR}/tarncommon/include/tarncommon/Widths.h
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarncommon)
+    TARGETS ${VESK_LIBRARIES}
+    EXPORT veskTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+            COMPONENT runtime
+            NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+install(
+    FILES ${PROJECT_BINARY_DIR}/tarncommon/include/tarncommon/Widths.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarncommon
+    COMPONENT development)
 
-# Before 1.0 a new minor version may change the interface.
+# The relative path from a .pc file to the prefix. It depends on the depth of the library folder.
+file(RELATIVE_PATH VESK_PREFIX_FROM_PKGCONFIG /prefix/${VESK_PKGCONFIG_DIR} /prefix)
+list(TRANSFORM VESK_WIDTH_DEFINITIONS PREPEND " -D" OUTPUT_VARIABLE VESK_WIDTH_FLAGS)
+list(JOIN VESK_WIDTH_FLAGS "" VESK_WIDTH_FLAGS)
+# A program needs the system's libraries itself only if it contains these libraries.
+list(TRANSFORM VESK_SYSTEM_LIBRARIES PREPEND " -l" OUTPUT_VARIABLE VESK_PC_SYSTEM_LIBS)
+list(JOIN VESK_PC_SYSTEM_LIBS "" VESK_PC_SYSTEM_LIBS)
+set(VESK_PC_LIBS "${CMAKE_THREAD_LIBS_INIT}")
+if(VESK_LIBRARY_TYPE STREQUAL STATIC)
+    string(APPEND VESK_PC_LIBS "${VESK_PC_SYSTEM_LIBS}")
+endif()
+if(VESK_PC_LIBS MATCHES "^[^ ]")
+    string(PREPEND VESK_PC_LIBS " ")
+endif()
+
+foreach(library IN LISTS VESK_LIBRARIES)
+    # libvesk finds the base library in its own directory, independently of the program's search path.
+    if(NOT library STREQUAL tarncommon)
+        set_target_properties(${library} PROPERTIES INSTALL_RPATH "$ORIGIN")
+    endif()
+    get_target_property(source_dir ${library} SOURCE_DIR)
+    install(
+        DIRECTORY ${source_dir}/include/
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        COMPONENT development
+        FILES_MATCHING
+        PATTERN "*.h")
+    configure_file(cmake/${library}.pc.in ${PROJECT_BINARY_DIR}/package/${library}.pc @ONLY)
+    install(
+        FILES ${PROJECT_BINARY_DIR}/package/${library}.pc
+        DESTINATION ${VESK_PKGCONFIG_DIR}
+        COMPONENT development)
+endforeach()
+
+# A version is accepted in the place of another one exactly if both have the same soname.
 if(PROJECT_VERSION_MAJOR EQUAL 0)
     set(compatibility SameMinorVersion)
 else()
@@ -34,17 +72,22 @@ write_basic_package_version_file(
     COMPATIBILITY ${compatibility})
 install(
     FILES ${PROJECT_BINARY_DIR}/package/veskConfig.cmake ${PROJECT_BINARY_DIR}/package/veskConfigVersion.cmake
-    DESTINATION ${VESK_CMAKE_DIR})
+    DESTINATION ${VESK_CMAKE_DIR}
+    COMPONENT development)
 install(
     EXPORT veskTargets
     NAMESPACE vesk::
-    DESTINATION ${VESK_CMAKE_DIR})
+    DESTINATION ${VESK_CMAKE_DIR}
+    COMPONENT development)
 
-# The relative path from a .pc file to the prefix. It depends on the depth of the library folder.
-file(RELATIVE_PATH VESK_PREFIX_FROM_PKGCONFIG /prefix/${VESK_PKGCONFIG_DIR} /prefix)
-list(TRANSFORM VESK_WIDTH_DEFINITIONS PREPEND " -D" OUTPUT_VARIABLE VESK_WIDTH_FLAGS)
-list(JOIN VESK_WIDTH_FLAGS "" VESK_WIDTH_FLAGS)
-foreach(library tarncommon vesk)
-    configure_file(cmake/${library}.pc.in ${PROJECT_BINARY_DIR}/package/${library}.pc @ONLY)
-    install(FILES ${PROJECT_BINARY_DIR}/package/${library}.pc DESTINATION ${VESK_PKGCONFIG_DIR})
-endforeach()
+install(
+    FILES README.md CHANGELOG.md
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}
+    COMPONENT docs)
+install(
+    DIRECTORY docs
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}
+    COMPONENT docs
+    FILES_MATCHING
+    PATTERN "*.md"
+    PATTERN "*.svg")

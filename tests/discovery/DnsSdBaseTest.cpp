@@ -4,8 +4,6 @@
 #include "support/Testing.h"
 #include "support/VtableSlot.h"
 
-#include <map>
-
 namespace {
 
 using namespace support;

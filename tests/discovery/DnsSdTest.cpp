@@ -7,8 +7,6 @@
 #include "support/Testing.h"
 #include "support/UnlockFault.h"
 
-#include <mutex>
-#include <new>
 #include <stdexcept>
 
 namespace {

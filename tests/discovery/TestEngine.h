@@ -1,5 +1,6 @@
 #pragma once
 
+#include <tarncommon/tarnbase/NonCopyable.h>
 #include <vesk/DnsSd.h>
 
 #include <algorithm>
@@ -15,13 +16,10 @@
 namespace support {
 
 /// Installs an engine during its lifetime.
-class Installed {
+class Installed : tarnbase::NonCopyable {
 public:
     explicit Installed(vesk::DnsSd::Engine& engine) : m_before(vesk::DnsSd::setEngine(&engine)) {}
     ~Installed() { vesk::DnsSd::setEngine(m_before); }
-
-    Installed(Installed const&) = delete;
-    Installed& operator=(Installed const&) = delete;
 
 private:
     vesk::DnsSd::Engine* m_before;

@@ -1,5 +1,5 @@
 #include "SignalSupport.h"
-#include "support/ErrorRow.h"
+#include "support/ErrnoRows.h"
 
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>

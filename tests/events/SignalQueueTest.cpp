@@ -537,13 +537,18 @@ TEST(SelfPipeTest, closesItsReadEndFirst) {
 }
 
 /// The number of the read end, and the assertion of a set.
-struct HighNumber {
+struct HighNumber : NamedRow {
     int read_end;
     char const* events_of_set;
 };
-class SelfPipeHighNumberTest : public testing::TestWithParam<HighNumber> {};
 
-TEST_P(SelfPipeHighNumberTest, isWaitedForAndASetChangesNoMemoryBeyondItsEnd) {
+constexpr char const* NOT_IN_SET = "ASSERT framework/src/vesk/SignalQueueImpl-posix set: read_end<FD_SETSIZE";
+HighNumber const HIGH_NUMBERS[] = {
+    {"lastOfASet", FD_SETSIZE - 1, ""},
+    {"firstBeyond", FD_SETSIZE, NOT_IN_SET},
+    {"beyond", 1500, NOT_IN_SET}};
+VESK_TEST_TABLE(
+    SelfPipeHighNumberTest, isWaitedForAndASetChangesNoMemoryBeyondItsEnd, testing::Test, HIGH_NUMBERS) {
     ChildEnd const end = runWithDescriptors(GetParam().read_end, [] {
         EventRecorder const events;
         Notifier notifier;
@@ -580,14 +585,6 @@ TEST_P(SelfPipeHighNumberTest, isWaitedForAndASetChangesNoMemoryBeyondItsEnd) {
     VESK_SKIP_WITHOUT_DESCRIPTORS(end);
     EXPECT_EQ(0, end.exit_code) << end.output << end.errors;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SelfPipeHighNumberTest,
-    testing::Values(
-        HighNumber{FD_SETSIZE - 1, ""},
-        HighNumber{FD_SETSIZE, "ASSERT framework/src/vesk/SignalQueueImpl-posix set: read_end<FD_SETSIZE"},
-        HighNumber{1500, "ASSERT framework/src/vesk/SignalQueueImpl-posix set: read_end<FD_SETSIZE"}),
-    [](auto const& row) { return std::to_string(row.param.read_end); });
 
 // ---- the notifier ----
 

@@ -32,8 +32,12 @@ inline void noteClosed(int fd) {
 
 /// Returns whether code of the library is at an address. A sanitizer's runtime calls replaced functions too.
 inline bool isOfLibrary(void const* address) {
+#ifdef VESK_STATIC_LIBRARIES
+    return address != nullptr;
+#else
     Dl_info info{};
     return dladdr(address, &info) != 0 && strstr(info.dli_fname, "libvesk.so") != nullptr;
+#endif
 }
 
 } // namespace support

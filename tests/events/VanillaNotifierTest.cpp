@@ -1,5 +1,5 @@
 #include "support/CleanEnd.h"
-#include "support/ErrorRow.h"
+#include "support/ErrnoRows.h"
 #include "support/FailOnce.h"
 #include "support/RunInThreads.h"
 #include "support/VtableSlot.h"

@@ -6,17 +6,17 @@
 #include "support/Processes.h"
 #include "support/TempFolder.h"
 
+#include <vesk/IPSocket.h>
+#include <vesk/Pipe.h>
+
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
-#include <fcntl.h>
-#include <functional>
 #include <memory>
-#include <netinet/in.h>
 #include <optional>
 #include <poll.h>
 #include <random>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <thread>
 #include <vector>
 
@@ -26,6 +26,7 @@ namespace {
 
 using namespace support;
 using Arguments = std::vector<std::string>;
+using IPAddress = vesk::IPSocket::IPAddress;
 
 constexpr int DEADLINE_MS = 60000;
 
@@ -53,11 +54,11 @@ ChildEnd run(Arguments const& command) {
     return runInChild([&command] { execute(command); });
 }
 
+constexpr char const* CURL[] = {"curl", "--silent", "--disable", "--noproxy", "*", "--max-time", "50"};
+
 /// Runs `curl` without its configuration and without a proxy.
 ChildEnd curl(Arguments const& arguments) {
-    Arguments command{"curl", "--silent", "--disable", "--noproxy", "*", "--max-time", "50"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return run(command);
+    return run(commandOf(CURL, arguments));
 }
 
 ChildEnd fetch(std::string const& url) {
@@ -75,29 +76,25 @@ testing::AssertionResult contains(std::string const& text, std::string const& pa
 }
 
 /// A program that runs concurrently with the test, and not longer.
-class Program {
+class Program : tarnbase::NonCopyable {
 public:
     explicit Program(Arguments const& command)
-        : m_ends(makePipe()), m_process([&] {
+        : m_process([&] {
               alarm(0);
               prctl(PR_SET_PDEATHSIG, SIGKILL);
-              dup2(m_ends[1], STDOUT_FILENO);
+              dup2(m_pipe.getWriteEnd(), STDOUT_FILENO);
               execute(command);
           }) {
-        ::close(m_ends[1]);
+        m_pipe.closeWriteEnd();
     }
-    ~Program() { ::close(m_ends[0]); }
-
-    Program(Program const&) = delete;
-    Program& operator=(Program const&) = delete;
 
     /// Returns the next line of its output, or the part of it that exists when it ends.
     std::string readLine() const {
         std::string line;
         char c = 0;
         while (line.empty() || line.back() != '\n') {
-            pollfd row{m_ends[0], POLLIN, 0};
-            if (poll(&row, 1, DEADLINE_MS) != 1 || ::read(m_ends[0], &c, 1) != 1) {
+            pollfd row{m_pipe.getReadEnd(), POLLIN, 0};
+            if (poll(&row, 1, DEADLINE_MS) != 1 || ::read(m_pipe.getReadEnd(), &c, 1) != 1) {
                 break;
             }
             line += c;
@@ -119,31 +116,17 @@ public:
     }
 
 private:
-    static std::array<int, 2> makePipe() {
-        std::array<int, 2> ends{-1, -1};
-        EXPECT_EQ(0, pipe2(ends.data(), O_CLOEXEC));
-        return ends;
-    }
-
-    std::array<int, 2> m_ends;
+    vesk::Pipe m_pipe;
     Process m_process;
 };
 
 // ---- bare connections ----
 
-sockaddr_in makeAddress(unsigned short port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
 /// A TCP socket without a class of the library, for peers that break the rules.
 class Wire {
 public:
     explicit Wire(unsigned short port) : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in const address = makeAddress(port);
+        sockaddr_in const address = IPAddress::makeHandle(INADDR_LOOPBACK, port);
         EXPECT_EQ(0, connect(m_fd, reinterpret_cast<sockaddr const*>(&address), sizeof address))
             << strerror(errno);
     }
@@ -193,12 +176,7 @@ public:
         setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
         close();
     }
-    void close() {
-        if (m_fd != -1) {
-            ::close(m_fd);
-            m_fd = -1;
-        }
-    }
+    void close() { ::close(std::exchange(m_fd, -1)); }
 
 private:
     Wire(int fd, int) : m_fd(fd) {}
@@ -207,19 +185,16 @@ private:
 };
 
 /// A reserved port of this machine, without a listener unless `listen` is called.
-class Port {
+class Port : tarnbase::NonCopyable {
 public:
     Port() : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address = makeAddress(0);
+        sockaddr_in address = IPAddress::makeHandle(INADDR_LOOPBACK, 0);
         socklen_t length = sizeof address;
         EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr const*>(&address), length));
         EXPECT_EQ(0, getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length));
         m_number = ntohs(address.sin_port);
     }
     ~Port() { close(m_fd); }
-
-    Port(Port const&) = delete;
-    Port& operator=(Port const&) = delete;
 
     std::string getUrl() const { return "http://127.0.0.1:" + std::to_string(m_number); }
     void listen() const { EXPECT_EQ(0, ::listen(m_fd, 8)); }
@@ -233,9 +208,7 @@ private:
 std::string makeNoise(size_t size, unsigned int seed) {
     std::mt19937 random(seed);
     std::string noise(size, '\0');
-    for (char& c : noise) {
-        c = static_cast<char>(random() & 0xFF);
-    }
+    std::generate(noise.begin(), noise.end(), [&random] { return static_cast<char>(random() & 0xFF); });
     return noise;
 }
 
@@ -285,7 +258,6 @@ protected:
     }
 
     std::string url(std::string const& path) const { return m_url + path; }
-    std::string get(std::string const& path) const { return curl({url(path)}).output; }
 
     /// Sends a request on a separate connection. Returns all that is received.
     std::string ask(std::string const& request) const { return Wire(m_port, request).receive(); }
@@ -390,8 +362,8 @@ TEST_F(HttpServer, unreadableFileIsForbidden) {
     expectInChild([this] {
         ASSERT_TRUE(dropRights());
         start();
-        EXPECT_EQ("403 Forbidden\n", get("locked"));
-        EXPECT_EQ(HELLO, get("hello.txt"));
+        EXPECT_EQ("403 Forbidden\n", curl({url("locked")}).output);
+        EXPECT_EQ(HELLO, curl({url("hello.txt")}).output);
         EXPECT_EQ(0, m_program->end(SIGTERM));
     });
     m_program.reset();
@@ -733,6 +705,7 @@ struct Script : NamedRow {
     std::string answer;
     int exit_code;
     std::string output;
+    char const* errors = ""; ///< A part of its standard error.
 };
 
 /// Accepts a connection, receives a request and calls `answer`. Returns the end of a client with this
@@ -747,25 +720,6 @@ ChildEnd fetchFrom(Port const& port, Arguments const& client, Answer const& answ
     ChildEnd const end = run(client);
     server.join();
     return end;
-}
-
-class HttpClientScript : public testing::TestWithParam<Script> {};
-
-TEST_P(HttpClientScript, endsWithItsExitCode) {
-    Port const port;
-    std::string request;
-    std::string const host = port.getUrl().substr(7);
-    auto const end = fetchFrom(
-        port, commandOf(HTTP_CLIENT, {"HTTP://" + host + "/a%20b?c=d#e"}),
-        [&](Wire const& wire, std::string const& received) {
-            request = received;
-            wire.ask(GetParam().answer);
-        });
-    EXPECT_EQ(
-        "GET /a%20b?c=d HTTP/1.1\r\nHost: " + host +
-            "\r\nUser-Agent: http_client\r\nAccept: */*\r\nConnection: close\r\n\r\n",
-        request);
-    expectEnd(GetParam().exit_code, GetParam().output, end);
 }
 
 std::string const OK = "HTTP/1.1 200 OK\r\n";
@@ -785,60 +739,69 @@ std::string repeat(std::string const& text, int times) {
 
 Script const SCRIPTS[] = {
     {"size", sized(" 2", "\r\nhi"), 0, "hi"},
-    {"more than the size", OK + "content-length:2  \r\n\r\nhi there", 0, "hi"},
-    {"until the end", "HTTP/1.0 200 OK\r\n\r\nhi there", 0, "hi there"},
-    {"line feeds", "HTTP/1.1 200 OK\nContent-Length: 2\n\nhi", 0, "hi"},
-    {"no reason", "HTTP/1.1 200\r\nContent-Length: 2\r\n\r\nhi", 0, "hi"},
-    {"two equal sizes", sized(" 2", "Content-Length: 2\r\n\r\nhi"), 0, "hi"},
-    {"no content", "HTTP/1.1 204 No Content\r\n\r\nhi", 0, ""},
-    {"not modified", "HTTP/1.1 304 Not Modified\r\nContent-Length: 9\r\n\r\n", 1, ""},
-    {"status 299", "HTTP/1.1 299 Fine\r\nContent-Length: 0\r\n\r\n", 0, ""},
-    {"status 300", "HTTP/1.1 300 Choices\r\nContent-Length: 0\r\n\r\n", 1, ""},
-    {"status 500", "HTTP/1.1 500 Oops\r\nContent-Length: 4\r\n\r\noops", 1, "oops"},
-    {"wait first", "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nA: b\r\n\r\nHTTP/1.1 200 OK\r\n\r\nhi",
+    {"moreThanTheSize", OK + "content-length:2  \r\n\r\nhi there", 0, "hi"},
+    {"untilTheEnd", "HTTP/1.0 200 OK\r\n\r\nhi there", 0, "hi there"},
+    {"lineFeeds", "HTTP/1.1 200 OK\nContent-Length: 2\n\nhi", 0, "hi"},
+    {"noReason", "HTTP/1.1 200\r\nContent-Length: 2\r\n\r\nhi", 0, "hi"},
+    {"twoEqualSizes", sized(" 2", "Content-Length: 2\r\n\r\nhi"), 0, "hi"},
+    {"noContent", "HTTP/1.1 204 No Content\r\n\r\nhi", 0, ""},
+    {"notModified", "HTTP/1.1 304 Not Modified\r\nContent-Length: 9\r\n\r\n", 1, ""},
+    {"status299", "HTTP/1.1 299 Fine\r\nContent-Length: 0\r\n\r\n", 0, ""},
+    {"status300", "HTTP/1.1 300 Choices\r\nContent-Length: 0\r\n\r\n", 1, ""},
+    {"status500", "HTTP/1.1 500 Oops\r\nContent-Length: 4\r\n\r\noops", 1, "oops"},
+    {"waitFirst", "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nA: b\r\n\r\nHTTP/1.1 200 OK\r\n\r\nhi",
      0, "hi"},
     {"chunks", CHUNKED + "2\r\nhi\r\n00B;x=y\r\n there you\n\r\n0\r\n\r\n", 0, "hi there you\n"},
-    {"chunks before a size",
-     OK + "Transfer-Encoding: CHUNKED\r\nContent-Length: 1\r\n\r\n2\r\nhi\r\n0\r\n\r\n", 0, "hi"},
+    {"chunksBeforeASize", OK + "Transfer-Encoding: CHUNKED\r\nContent-Length: 1\r\n\r\n2\r\nhi\r\n0\r\n\r\n",
+     0, "hi"},
     {"nothing", "", 3, ""},
-    {"no protocol", "hello\r\n\r\n", 3, ""},
-    {"another protocol", "SSH-2.0-OpenSSH_9.2\r\n", 3, ""},
-    {"old protocol", "<p>hello</p>", 3, ""},
-    {"version 2", "HTTP/2 200 OK\r\n\r\n", 3, ""},
-    {"short status", "HTTP/1.1 20\r\n\r\n", 3, ""},
-    {"long status", "HTTP/1.1 2000 OK\r\n\r\n", 3, ""},
-    {"no number", "HTTP/1.1 OK! OK\r\n\r\n", 3, ""},
-    {"negative status", "HTTP/1.1 -20 OK\r\n\r\n", 3, ""},
-    {"half a head", sized(" 2", ""), 3, ""},
-    {"field without colon", OK + "nonsense\r\n\r\nhi", 3, ""},
-    {"endless line", "HTTP/1.1 200 " + std::string(200000, 'x'), 3, ""},
-    {"endless fields", "HTTP/1.1 200 OK\r\n" + repeat("A: b\r\n", 20000), 3, ""},
-    {"endless waiting", repeat("HTTP/1.1 100 Continue\r\n\r\n", 1000), 3, ""},
-    {"negative size", sized(" -1", "\r\nhi"), 3, ""},
-    {"no size", sized("", "\r\nhi"), 3, ""},
-    {"odd size", sized(" 2x", "\r\nhi"), 3, ""},
-    {"huge size", sized(" 99999999999999999999", "\r\nhi"), 3, ""},
-    {"two sizes", sized(" 2", "Content-Length: 3\r\n\r\nhi"), 3, ""},
-    {"less than the size", sized(" 20", "\r\nhi"), 3, "hi"},
-    {"unknown coding", OK + "Transfer-Encoding: gzip\r\n\r\nhi", 3, ""},
-    {"no chunk", CHUNKED, 3, ""},
-    {"odd chunk", CHUNKED + "xyz\r\nhi\r\n0\r\n\r\n", 3, ""},
-    {"negative chunk", CHUNKED + "-1\r\nhi\r\n0\r\n\r\n", 3, ""},
-    {"huge chunk", CHUNKED + "FFFFFFFFFFFFFFFF\r\nhi\r\n0\r\n\r\n", 3, ""},
-    {"chunk without an end", CHUNKED + "2\r\nhi", 3, "hi"},
-    {"chunk with a wrong end", CHUNKED + "2\r\nhi!\r\n0\r\n\r\n", 3, "hi"},
-    {"chunks without an end", CHUNKED + "2\r\nhi\r\n", 3, "hi"},
-    {"noise", makeNoise(100000, 9), 3, ""}};
-
-INSTANTIATE_TEST_SUITE_P(All, HttpClientScript, testing::ValuesIn(SCRIPTS));
-
-TEST(HttpClientFailures, controlCharactersDoNotReachTheTerminal) {
+    {"noProtocol", "hello\r\n\r\n", 3, ""},
+    {"anotherProtocol", "SSH-2.0-OpenSSH_9.2\r\n", 3, ""},
+    {"oldProtocol", "<p>hello</p>", 3, ""},
+    {"version2", "HTTP/2 200 OK\r\n\r\n", 3, ""},
+    {"shortStatus", "HTTP/1.1 20\r\n\r\n", 3, ""},
+    {"longStatus", "HTTP/1.1 2000 OK\r\n\r\n", 3, ""},
+    {"noNumber", "HTTP/1.1 OK! OK\r\n\r\n", 3, ""},
+    {"negativeStatus", "HTTP/1.1 -20 OK\r\n\r\n", 3, ""},
+    {"halfAHead", sized(" 2", ""), 3, ""},
+    {"fieldWithoutColon", OK + "nonsense\r\n\r\nhi", 3, ""},
+    {"endlessLine", "HTTP/1.1 200 " + std::string(200000, 'x'), 3, ""},
+    {"endlessFields", "HTTP/1.1 200 OK\r\n" + repeat("A: b\r\n", 20000), 3, ""},
+    {"endlessWaiting", repeat("HTTP/1.1 100 Continue\r\n\r\n", 1000), 3, ""},
+    {"negativeSize", sized(" -1", "\r\nhi"), 3, ""},
+    {"noSize", sized("", "\r\nhi"), 3, ""},
+    {"oddSize", sized(" 2x", "\r\nhi"), 3, ""},
+    {"hugeSize", sized(" 99999999999999999999", "\r\nhi"), 3, ""},
+    {"twoSizes", sized(" 2", "Content-Length: 3\r\n\r\nhi"), 3, ""},
+    {"lessThanTheSize", sized(" 20", "\r\nhi"), 3, "hi"},
+    {"unknownCoding", OK + "Transfer-Encoding: gzip\r\n\r\nhi", 3, ""},
+    {"noChunk", CHUNKED, 3, ""},
+    {"oddChunk", CHUNKED + "xyz\r\nhi\r\n0\r\n\r\n", 3, ""},
+    {"negativeChunk", CHUNKED + "-1\r\nhi\r\n0\r\n\r\n", 3, ""},
+    {"hugeChunk", CHUNKED + "FFFFFFFFFFFFFFFF\r\nhi\r\n0\r\n\r\n", 3, ""},
+    {"chunkWithoutAnEnd", CHUNKED + "2\r\nhi", 3, "hi"},
+    {"chunkWithAWrongEnd", CHUNKED + "2\r\nhi!\r\n0\r\n\r\n", 3, "hi"},
+    {"chunksWithoutAnEnd", CHUNKED + "2\r\nhi\r\n", 3, "hi"},
+    {"noise", makeNoise(100000, 9), 3, ""},
+    // The terminal does not receive them.
+    {"controlCharacters", "HTTP/1.1 200 \x1B[2J\x07\x7F\r\nContent-Length: 0\r\n\r\n", 0, "",
+     "HTTP/1.1 200 ?[2J??\n"}};
+VESK_TEST_TABLE(HttpClientScript, endsWithItsExitCode, testing::Test, SCRIPTS) {
     Port const port;
-    auto const end = fetchFrom(port, commandOf(HTTP_CLIENT, {port.getUrl()}), [](Wire& wire, auto const&) {
-        wire.ask("HTTP/1.1 200 \x1B[2J\x07\x7F\r\nContent-Length: 0\r\n\r\n");
-    });
-    EXPECT_EQ(0, end.exit_code);
-    EXPECT_TRUE(contains(end.errors, "HTTP/1.1 200 ?[2J??\n"));
+    std::string request;
+    std::string const host = port.getUrl().substr(7);
+    auto const end = fetchFrom(
+        port, commandOf(HTTP_CLIENT, {"HTTP://" + host + "/a%20b?c=d#e"}),
+        [&](Wire const& wire, std::string const& received) {
+            request = received;
+            wire.ask(GetParam().answer);
+        });
+    EXPECT_EQ(
+        "GET /a%20b?c=d HTTP/1.1\r\nHost: " + host +
+            "\r\nUser-Agent: http_client\r\nAccept: */*\r\nConnection: close\r\n\r\n",
+        request);
+    expectEnd(GetParam().exit_code, GetParam().output, end);
+    EXPECT_TRUE(contains(end.errors, GetParam().errors));
 }
 
 TEST(HttpClientFailures, resetConnection) {

@@ -17,12 +17,6 @@ static_assert(std::is_convertible_v<BinFileBase::WriteFlags, OpenFlags>);
 static_assert(!std::is_convertible_v<BinFileBase::WriteFlags, BinFileBase::ReadFlags>);
 static_assert(BinFileBase::DEFAULT_ACCESS.getBits() == 0660);
 
-/// Makes protected members visible.
-class File : public BinFileBase {
-public:
-    uint32_t getFlags() const { return m_flags.getWord(); }
-};
-
 class BinFileBaseTest : public FileTest {
 protected:
     BinFileBaseTest() : FileTest("abc") {
@@ -52,7 +46,7 @@ protected:
                                            << m_file.getFlags() << ", hadError() " << m_file.hadError();
     }
 
-    File m_file;
+    FlaggedFile m_file;
     Pipe m_pipe;
     Steps m_steps{m_folder, m_dir};
 };
@@ -80,9 +74,20 @@ TEST_F(BinFileBaseTest, flagsOfADirectionStartWithItsBits) {
 /// The flags of a file, and those of the system.
 using FlagRow = std::pair<unsigned int, int>;
 
-class BinFileBaseFlags : public BinFileBaseTest, public testing::WithParamInterface<FlagRow> {};
-
-TEST_P(BinFileBaseFlags, areTranslatedForTheSystem) {
+FlagRow const FLAG_ROWS[] = {
+    {0x01, O_RDONLY},
+    {0x02, O_WRONLY},
+    {0x03, O_RDWR},
+    {0x00, O_RDWR},
+    {0x05, O_RDONLY | O_NONBLOCK},
+    {0x0A, O_WRONLY | O_CREAT},
+    {0x12, O_WRONLY | O_TRUNC},
+    {0x22, O_WRONLY | O_APPEND},
+    {0x42, O_WRONLY | O_CREAT | O_EXCL},
+    {0x08, O_RDWR | O_CREAT},
+    {0x7F, O_RDWR | O_NONBLOCK | O_CREAT | O_TRUNC | O_APPEND | O_EXCL},
+    {0xFFFFFF81, O_RDONLY}};
+VESK_TEST_TABLE(BinFileBaseFlags, areTranslatedForTheSystem, BinFileBaseTest, FLAG_ROWS) {
     auto const [word, system_flags] = GetParam();
     auto const expect_call = [mode = (system_flags & O_CREAT) != 0 ? 0640U : 0U](int flags) {
         EXPECT_EQ(flags | O_CLOEXEC, s_file_calls.open_flags);
@@ -99,16 +104,6 @@ TEST_P(BinFileBaseFlags, areTranslatedForTheSystem) {
     expect_call(system_flags | O_NOFOLLOW);
     EXPECT_TRUE(isMissing("name"));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, BinFileBaseFlags,
-    testing::Values(
-        FlagRow{0x01, O_RDONLY}, FlagRow{0x02, O_WRONLY}, FlagRow{0x03, O_RDWR}, FlagRow{0x00, O_RDWR},
-        FlagRow{0x05, O_RDONLY | O_NONBLOCK}, FlagRow{0x0A, O_WRONLY | O_CREAT},
-        FlagRow{0x12, O_WRONLY | O_TRUNC}, FlagRow{0x22, O_WRONLY | O_APPEND},
-        FlagRow{0x42, O_WRONLY | O_CREAT | O_EXCL}, FlagRow{0x08, O_RDWR | O_CREAT},
-        FlagRow{0x7F, O_RDWR | O_NONBLOCK | O_CREAT | O_TRUNC | O_APPEND | O_EXCL},
-        FlagRow{0xFFFFFF81, O_RDONLY}));
 
 TEST_F(BinFileBaseTest, accessIsPassedOnAndTheSystemAppliesTheUmask) {
     ScopedUmask const mask(027);
@@ -243,9 +238,7 @@ TEST_F(BinFileBaseTest, openWithoutDescriptorsLeftFails) {
         rlimit const limit{3, 3};
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
         EXPECT_TRUE(open(m_path));
-        ErrnoCase const exhausted = {
-            EMFILE, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR};
-        EXPECT_TRUE(exhausted.isPending(m_path));
+        EXPECT_TRUE(EXHAUSTED.isPending(m_path));
     });
 }
 
@@ -336,12 +329,18 @@ struct CloseRow {
     SysErrorId::Id cause;
     bool stays_open;
     int error = 0;
+    char const* name = "close";
 };
 
-class BinFileBaseClose : public BinFileBaseTest, public testing::WithParamInterface<CloseRow> {};
-
-TEST_P(BinFileBaseClose, failureIsReportedAndLeavesTheObjectOpenOrClosed) {
-    auto const& [errors, cause, stays_open, error] = GetParam();
+auto const CLOSE_ROWS = eachErrno<CloseRow>({
+    {{EBADF}, SysErrorId::SPOILED_INTEGRITY, false},
+    {{ESRCH}, SysErrorId::NO_SUCH_PROCESS, false},
+    {{EIO}, SysErrorId::INPUT_OUTPUT, true},
+    {{ENOSPC, EAGAIN}, SysErrorId::UNCLASSIFIED, true},
+});
+VESK_TEST_TABLE(
+    BinFileBaseClose, failureIsReportedAndLeavesTheObjectOpenOrClosed, BinFileBaseTest, CLOSE_ROWS) {
+    auto const& [errors, cause, stays_open, error, name] = GetParam();
     int const fd = getOpened();
     Fault const fault(inject_close, error);
     EXPECT_TRUE(m_file.close());
@@ -352,16 +351,6 @@ TEST_P(BinFileBaseClose, failureIsReportedAndLeavesTheObjectOpenOrClosed) {
     EXPECT_EQ(!stays_open, isOpen(fd));
     close(fd);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, BinFileBaseClose,
-    testing::ValuesIn(eachErrno<CloseRow>({
-        {{EBADF}, SysErrorId::SPOILED_INTEGRITY, false},
-        {{ESRCH}, SysErrorId::NO_SUCH_PROCESS, false},
-        {{EIO}, SysErrorId::INPUT_OUTPUT, true},
-        {{ENOSPC, EAGAIN}, SysErrorId::UNCLASSIFIED, true},
-    })),
-    RowName());
 
 TEST_F(BinFileBaseTest, interruptedCloseSucceedsButCountsAsAnError) {
     int const fd = getOpened();
@@ -375,11 +364,7 @@ TEST_F(BinFileBaseTest, descriptorThatIsNoLongerOpenFailsEachOperation) {
     close(getOpened());
     EXPECT_FALSE(m_file.getFileInfo().isValid());
     EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EBADF));
-    EXPECT_TRUE(m_file.truncateSize(1));
-    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EBADF));
-    EXPECT_TRUE(m_file.close());
-    EXPECT_TRUE(causeIs(SysErrorId::SPOILED_INTEGRITY, EBADF));
-    EXPECT_FALSE(m_file.isValid());
+    run({"truncate 1 FAILS SPOILED_INTEGRITY EBADF", "close FAILS SPOILED_INTEGRITY EBADF", "invalid"});
 }
 
 struct Operation {
@@ -389,9 +374,8 @@ struct Operation {
 };
 
 bool failsToGetFileInfo(BinFileBase& file) {
-    struct stat const zeros{};
     FileInfo const info = file.getFileInfo();
-    EXPECT_TRUE(info.isValid() || memcmp(&zeros, &info.getStat(), sizeof zeros) == 0);
+    EXPECT_TRUE(info.isValid() || isZeroed(info));
     return !info.isValid();
 }
 

@@ -4,7 +4,6 @@
 #include <vesk/BinTempFileRW.h>
 #include <vesk/MemBinFileBase.h>
 
-#include <filesystem>
 #include <stdexcept>
 
 namespace {
@@ -122,9 +121,20 @@ TEST_F(BinTempFileRWTest, pathContainsWideCharacters) {
     EXPECT_EQ("", contentOf(pathOf(temp)));
 }
 
-class BinTempFileRWRows : public BinTempFileRWTest, public testing::WithParamInterface<ErrnoCase> {};
-
-TEST_P(BinTempFileRWRows, failureIsReportedWithTheTemplate) {
+auto const MKSTEMP_ROWS = rowsOf({
+    {{EEXIST}, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS},
+    {{EINVAL}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
+    {{EACCES, EPERM, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{ENXIO}, SysErrorId::NO_DEVICE, FileAccessErrorId::NO_DEVICE},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
+    {{ETXTBSY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
+    {{EOVERFLOW}, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
+    {{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE},
+    {{EIO}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
+});
+VESK_TEST_TABLE(BinTempFileRWRows, failureIsReportedWithTheTemplate, BinTempFileRWTest, MKSTEMP_ROWS) {
     {
         Calls const calls(inject_mkstemp, 1, GetParam().error);
         BinTempFileRW const temp(m_wide_prefix);
@@ -135,22 +145,6 @@ TEST_P(BinTempFileRWRows, failureIsReportedWithTheTemplate) {
     EXPECT_EQ(0U, countFiles());
     EXPECT_EQ("", m_events.getText());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, BinTempFileRWRows,
-    eachErrno({
-        {{EEXIST}, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS},
-        {{EINVAL}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
-        {{EACCES, EPERM, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
-        {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
-        {{ENXIO}, SysErrorId::NO_DEVICE, FileAccessErrorId::NO_DEVICE},
-        {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
-        {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
-        {{ETXTBSY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
-        {{EOVERFLOW}, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
-        {{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE},
-        {{EIO}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
-    }));
 
 TEST_F(BinTempFileRWTest, interruptedAttemptIsRepeatedWithAFreshTemplate) {
     s_spoils_template = true;

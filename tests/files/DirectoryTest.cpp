@@ -5,8 +5,6 @@
 #include <tarncommon/error/ErrorApi.h>
 
 #include <dirent.h>
-#include <filesystem>
-#include <sys/resource.h>
 
 VESK_INJECT_ERRNO(dirent*, nullptr, readdir, (DIR * dir), (dir))
 VESK_INJECT_ERRNO(int, -1, closedir, (DIR * dir), (dir))
@@ -92,9 +90,7 @@ char const* const WARNING = "WARNING framework/src/vesk/posix/Directory ";
 
 void expectInvalidAndZeroed(FileInfo const& info) {
     EXPECT_FALSE(info.isValid());
-    struct stat zeros;
-    memset(&zeros, 0, sizeof zeros);
-    EXPECT_EQ(0, memcmp(&zeros, &info.getStat(), sizeof zeros));
+    EXPECT_TRUE(isZeroed(info));
 }
 
 ErrnoCase const NO_DIRECTORY = {ENOTDIR, SysErrorId::NOT_A_DIRECTORY, FileAccessErrorId::NOT_A_DIRECTORY};
@@ -107,13 +103,6 @@ protected:
     Directory openAt(std::string const& name) const {
         Directory directory = openFolder();
         moveTo(directory, name);
-        return directory;
-    }
-
-    /// Opens the folder and moves to its end.
-    Directory openAtEnd() const {
-        Directory directory = openFolder();
-        list(directory);
         return directory;
     }
 
@@ -294,20 +283,18 @@ TEST_F(DirectoryTest, processOutOfDescriptorsCannotOpenADirectory) {
     m_folder.makeFolder("folder");
     expectInChild([&] {
         Directory const directory = openAt("folder");
-        ErrnoCase const exhausted{EMFILE, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR};
         auto const openAll = [&](bool opens) {
             EXPECT_EQ(opens, openFolder().isValid());
-            EXPECT_TRUE(opens ? chainIs({}) : exhausted.isPending(m_folder.getPath()));
+            EXPECT_TRUE(opens ? chainIs({}) : EXHAUSTED.isPending(m_folder.getPath()));
             EXPECT_EQ(opens, Directory(directory, "folder", true, false).isValid());
-            EXPECT_TRUE(opens ? chainIs({}) : exhausted.isPending("folder"));
+            EXPECT_TRUE(opens ? chainIs({}) : EXHAUSTED.isPending("folder"));
             EXPECT_EQ(opens, directory.curDir(true).isValid());
             EXPECT_TRUE(opens ? chainIs({}) : causeIs(SysErrorId::RESOURCES_EXHAUSTED, EMFILE));
         };
         // Also for the sanitizers, which need descriptors when they meet a type for the first time.
         openAll(true);
-        rlimit limit;
-        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-        limit.rlim_cur = static_cast<rlim_t>(getNextDescriptor());
+        auto const next = static_cast<rlim_t>(getNextDescriptor());
+        rlimit const limit{next, next};
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
         openAll(false);
     });
@@ -330,9 +317,6 @@ Directory openName(TempFolder const& /*unused*/, Directory const& parent) {
 }
 Directory openCurrent(TempFolder const& /*unused*/, Directory const& parent) {
     return parent.curDir(true, false);
-}
-Directory openCurrentItself(TempFolder const& /*unused*/, Directory const& parent) {
-    return parent.curDir(false, false);
 }
 Directory takeOver(TempFolder const& folder, Directory const& /*unused*/) {
     DirectoryHandle handle;
@@ -408,7 +392,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Combine(
         rowsOf<Opening>({
             {"entry", &inject_openat, openCurrent, 0, State::INVALID_AT_END},
-            {"entryItself", &inject_openat, openCurrentItself, 0, State::INVALID_AT_END},
+            {"entryItself", &inject_openat, [](auto&, auto& parent) { return parent.curDir(false, false); },
+             0, State::INVALID_AT_END},
         }),
         eachErrno({
             {{ENOENT, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH},
@@ -418,12 +403,10 @@ INSTANTIATE_TEST_SUITE_P(
             {{EPERM, EINTR, EBADF, ENOMEM, ENXIO}, SysErrorId::UNCLASSIFIED},
         })));
 
-auto nextErrors() {
-    return eachErrno({
-        {{EBADF, EOVERFLOW, ENOENT}, SysErrorId::SPOILED_INTEGRITY},
-        {{EIO, EINTR, EFAULT, EINVAL, ENOTDIR, 9999}, SysErrorId::UNCLASSIFIED},
-    });
-}
+auto const READDIR_ROWS = rowsOf({
+    {{EBADF, EOVERFLOW, ENOENT}, SysErrorId::SPOILED_INTEGRITY},
+    {{EIO, EINTR, EFAULT, EINVAL, ENOTDIR, 9999}, SysErrorId::UNCLASSIFIED},
+});
 
 INSTANTIATE_TEST_SUITE_P(
     FirstEntry, DirectoryOpenRows,
@@ -434,11 +417,9 @@ INSTANTIATE_TEST_SUITE_P(
             {"descriptor", &inject_readdir, takeOver, 1, State::INVALID_AT_END},
             {"entry", &inject_readdir, openCurrent, 1, State::INVALID_AT_END},
         }),
-        nextErrors()));
+        testing::ValuesIn(READDIR_ROWS)));
 
-class DirectoryNextRows : public DirectoryTest, public testing::WithParamInterface<ErrnoCase> {};
-
-TEST_P(DirectoryNextRows, failureEndsTheWalkAndKeepsTheEntry) {
+VESK_TEST_TABLE(DirectoryNextRows, failureEndsTheWalkAndKeepsTheEntry, DirectoryTest, READDIR_ROWS) {
     Directory directory = openFolder();
     std::string const name = directory.curName();
     Calls const calls(inject_readdir, 1, GetParam().error);
@@ -449,8 +430,6 @@ TEST_P(DirectoryNextRows, failureEndsTheWalkAndKeepsTheEntry) {
     EXPECT_FALSE(directory.curInfo(false).isValid());
     EXPECT_TRUE(isContractBroken(AT_END_INFO));
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, DirectoryNextRows, nextErrors());
 
 TEST_F(DirectoryTest, failedCloseOfAFileThatIsNoDirectoryEndsTheProcess) {
     std::string const path = m_folder.makeFile("file");
@@ -605,9 +584,12 @@ TEST_F(DirectoryTest, linkOrItsTargetIsDescribed) {
     EXPECT_FALSE(directory.atEnd()) << "the walk goes on";
 }
 
-class DirectoryCurInfoRows : public DirectoryTest, public testing::WithParamInterface<ErrnoCase> {};
-
-TEST_P(DirectoryCurInfoRows, failureIsReportedAndTheResultIsInvalid) {
+auto const FSTATAT_ROWS = rowsOf({
+    {{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{EBADF, ENOTDIR, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
+    {{EACCES, ELOOP, EIO, EINTR, EOVERFLOW, ENOMEM}, SysErrorId::UNCLASSIFIED},
+});
+VESK_TEST_TABLE(DirectoryCurInfoRows, failureIsReportedAndTheResultIsInvalid, DirectoryTest, FSTATAT_ROWS) {
     Directory const directory = openFolder();
     for (bool const follow : {false, true}) {
         Calls const calls(inject_fstatat, 1, GetParam().error);
@@ -616,14 +598,6 @@ TEST_P(DirectoryCurInfoRows, failureIsReportedAndTheResultIsInvalid) {
     }
     EXPECT_FALSE(directory.atEnd());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, DirectoryCurInfoRows,
-    eachErrno({
-        {{ENOENT}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
-        {{EBADF, ENOTDIR, EINVAL}, SysErrorId::SPOILED_INTEGRITY},
-        {{EACCES, ELOOP, EIO, EINTR, EOVERFLOW, ENOMEM}, SysErrorId::UNCLASSIFIED},
-    }));
 
 TEST_F(DirectoryTest, curDirFollowsLinksUnlessItsTwoArgumentsRefuseThem) {
     std::string const path = makeFullFolder();
@@ -666,7 +640,9 @@ TEST_F(DirectoryTest, entryThatIsNoDirectoryIsClosedWithAWarningIfThatFails) {
 TEST_F(DirectoryTest, curInfoAndCurDirWithoutAnEntryBreakTheContract) {
     Calls const no_calls(inject_fstatat, 0);
     Calls const no_opens(inject_openat, 0);
-    for (Directory const& directory : {openAtEnd(), openMissing()}) {
+    Directory at_end = openFolder();
+    list(at_end);
+    for (Directory const& directory : {at_end, openMissing()}) {
         State const before = stateOf(directory);
         for (bool const flag : {false, true}) {
             expectInvalidAndZeroed(directory.curInfo(flag));
@@ -761,15 +737,10 @@ TEST_F(DirectoryTest, assignmentReleasesOneStreamAndSharesTheOther) {
 TEST_F(DirectoryTest, copiesCanBeDestroyedInDifferentThreads) {
     Fault const calls(inject_closedir, 0, 1, 1, Fault::Threads::ALL);
     for (int round = 0; round < 50; ++round) {
-        auto first = std::make_unique<Directory>(m_folder.getPath(), false);
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([copy = std::make_unique<Directory>(*first)]() mutable { copy.reset(); });
-        }
-        first.reset();
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        std::optional<Directory> copies[5];
+        copies[0].emplace(m_folder.getPath(), false);
+        std::fill(std::begin(copies) + 1, std::end(copies), copies[0]);
+        runInThreads(5, [&copies](int i) { copies[i].reset(); });
         EXPECT_EQ(round + 1, calls.getCalls());
     }
 }

@@ -4,8 +4,6 @@
 
 #include <vesk/StreamBinFileBase.h>
 
-#include <map>
-
 /// Tests of files as tables of steps.
 
 namespace support {

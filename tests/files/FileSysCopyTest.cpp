@@ -166,17 +166,14 @@ TEST_F(FileSysCopyTest, missingSourceMakesNoCopyAndADirectoryAnEmptyOne) {
     EXPECT_EQ("", contentOf(m_destination));
 }
 
-class FileSysCopyWithoutPath : public FileSysCopyTest, public testing::WithParamInterface<char const*> {};
-
-TEST_P(FileSysCopyWithoutPath, failsWithoutAReport) {
+constexpr char const* NO_PATHS[] = {"", nullptr};
+VESK_TEST_TABLE(FileSysCopyWithoutPath, failsWithoutAReport, FileSysCopyTest, NO_PATHS) {
     makeSource("content");
     UnicodeString const none(GetParam(), GetParam() != nullptr ? 1 : 0);
     EXPECT_TRUE(FileSys::copy(none, m_destination, 16, nullptr));
     EXPECT_EQ(NOTHING, contentOf(m_destination));
     EXPECT_TRUE(FileSys::copy(m_source, none, 16, nullptr));
 }
-
-INSTANTIATE_TEST_SUITE_P(All, FileSysCopyWithoutPath, testing::Values("", static_cast<char const*>(nullptr)));
 
 TEST_F(FileSysCopyTest, fullFileSystemHoldsTheBytesThatFitAndAReadOnlyOneDeniesTheCopy) {
     VESK_SKIP_WITHOUT_MOUNTS();

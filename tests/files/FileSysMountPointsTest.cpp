@@ -1,6 +1,5 @@
+#include "support/Calls.h"
 #include "support/CleanEnd.h"
-#include "support/ErrnoRows.h"
-#include "support/Inject.h"
 #include "support/NamedRow.h"
 #include "support/Privileges.h"
 #include "support/TempFolder.h"
@@ -55,11 +54,10 @@ protected:
         m_fake = FakeMounts{m_folder.makeFile("mounts", content), chunks};
         s_fake = &m_fake;
         Fault const failed_read(inject_read, fail_read == 0 ? 0 : EIO, fail_read);
-        Fault const closed(inject_close, 0);
+        Calls const closed(inject_close, 1);
         List list = FileSys::getMountPoints();
         s_fake = nullptr;
         EXPECT_EQ(O_RDONLY | O_CLOEXEC, m_fake.flags);
-        EXPECT_EQ(1, closed.getCalls());
         EXPECT_TRUE(chainIs({}));
         return list;
     }
@@ -166,9 +164,8 @@ TEST_F(FileSysMountPointsTest, borderSplitsAMountPointAndNothingElse) {
 TEST_F(FileSysMountPointsTest, listIsEmptyWithoutTheFileAndPendingReportsAreKept) {
     leaveOlderReport();
     for (int const error : {ENOENT, EACCES, EMFILE, EINTR}) {
-        Fault const fault(inject_open, error);
+        Calls const calls(inject_open, 1, error);
         EXPECT_EQ(List{}, FileSys::getMountPoints());
-        EXPECT_EQ(1, fault.getCalls());
     }
     EXPECT_TRUE(onlyOlderIsPending());
 }
@@ -180,9 +177,8 @@ TEST_F(FileSysMountPointsTest, failedCloseTripsAnAssertionAndKeepsTheList) {
     close(next);
     s_fake = &m_fake;
     {
-        Fault const fault(inject_close, EIO);
+        Calls const fault(inject_close, 1, EIO);
         EXPECT_EQ(List{"/a"}, FileSys::getMountPoints());
-        EXPECT_EQ(1, fault.getCalls());
     }
     s_fake = nullptr;
     EXPECT_EQ(0, close(next));

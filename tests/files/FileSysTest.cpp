@@ -65,19 +65,14 @@ protected:
     std::string at(std::string const& name) const { return m_folder / name; }
 };
 
-class FileSysExistsAnswers : public testing::TestWithParam<std::pair<int, int>> {};
-
-TEST_P(FileSysExistsAnswers, isReturnedAndNothingIsReported) {
+constexpr std::pair<int, int> STAT_ANSWERS[] = {{ENOENT, 1}, {ENOTDIR, 1}, {EOVERFLOW, 0}};
+VESK_TEST_TABLE(FileSysExistsAnswers, isReturnedAndNothingIsReported, testing::Test, STAT_ANSWERS) {
     auto const& [error, result] = GetParam();
     Fault const fault(inject_stat, error);
     Fault const link_fault(inject_lstat, error);
     EXPECT_EQ(result, FileSys::exists("/some/path", true));
     EXPECT_EQ(result, FileSys::exists("/some/path", false));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, FileSysExistsAnswers,
-    testing::Values(std::pair(ENOENT, 1), std::pair(ENOTDIR, 1), std::pair(EOVERFLOW, 0)));
 
 struct Entry : NamedRow {
     char const* path;
@@ -276,9 +271,8 @@ TEST_F(FileSysTest, createdLinkHoldsItsTargetEvenIfItIsMissing) {
     EXPECT_TRUE(badPath(ENOENT).isPending(at("empty")));
 }
 
-class FileSysReadLink : public FileSysTest, public testing::WithParamInterface<char const*> {};
-
-TEST_P(FileSysReadLink, cutsTheTargetToTheBufferWithoutAReport) {
+constexpr char const* TARGETS[] = {"12345678901234567890", "1234567"};
+VESK_TEST_TABLE(FileSysReadLink, cutsTheTargetToTheBufferWithoutAReport, FileSysTest, TARGETS) {
     std::string const link = m_folder.makeLink("link", GetParam());
     char buffer[9];
     memset(buffer, '#', sizeof buffer);
@@ -288,8 +282,6 @@ TEST_P(FileSysReadLink, cutsTheTargetToTheBufferWithoutAReport) {
     EXPECT_STREQ("1234567", buffer);
     EXPECT_EQ('#', buffer[8]) << "behind the buffer nothing is changed";
 }
-
-INSTANTIATE_TEST_SUITE_P(All, FileSysReadLink, testing::Values("12345678901234567890", "1234567"));
 
 TEST_F(FileSysTest, bufferSizeOfZeroIsTheLargestSize) {
     {
@@ -363,7 +355,7 @@ TEST_F(FileSysOwnerTest, nameIsLookedUpOnceAndItsIdKept) {
     }
     endpwent();
     if (name.empty()) {
-        GTEST_SKIP() << "the system knows nobody but root";
+        GTEST_SKIP() << "the system has no user but root";
     }
     User const user(name);
     EXPECT_FALSE(user.isIdKnown());

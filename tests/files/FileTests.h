@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/Aborts.h"
+#include "support/Calls.h"
 #include "support/CleanEnd.h"
 #include "support/TempFolder.h"
 #include "support/Testing.h"
@@ -13,15 +14,11 @@
 #include <vesk/Directory.h>
 #include <vesk/Pipe.h>
 
-#include <initializer_list>
-
 /// What the tests of files share. Must be included in exactly one file of a test program, like `FileCalls.h`.
 
 namespace support {
 
 namespace CommonErrorId = std::CommonErrorId;
-namespace FileAccessErrorId = vesk::FileAccessErrorId;
-namespace SysErrorId = vesk::SysErrorId;
 using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 using std::IBinInputStream;
 using std::IBinOutputStream;
@@ -81,22 +78,17 @@ inline testing::AssertionResult isMissing(std::string const& path) {
     return badPath(ENOENT).isPending(path);
 }
 
+inline bool isZeroed(vesk::FileInfo const& info) {
+    struct stat const zeros{};
+    return memcmp(&zeros, &info.getStat(), sizeof zeros) == 0;
+}
+
+/// Reports of an `open` of a path without descriptors left.
+inline ErrnoCase const EXHAUSTED = {
+    EMFILE, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR};
+
 /// Reports of an `open` of a path that must be new.
 inline ErrnoCase const FILE_EXISTS = {EEXIST, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS};
-
-/// Expects a number of calls of a function during its lifetime, and makes the first ones fail.
-class Calls {
-public:
-    Calls(Injected& function, int expected, int error = 0, int failures = 1)
-        : m_fault(function, error, 1, failures), m_expected(expected) {}
-    ~Calls() { EXPECT_EQ(m_expected, m_fault.getCalls()) << "calls"; }
-    Calls(Calls const&) = delete;
-    Calls& operator=(Calls const&) = delete;
-
-private:
-    Fault m_fault;
-    int m_expected;
-};
 
 // ---- files ----
 
@@ -139,12 +131,10 @@ inline std::string drain(Pipe const& pipe) {
 }
 
 /// The umask of the process during the lifetime of the object.
-class ScopedUmask {
+class ScopedUmask : tarnbase::NonCopyable {
 public:
     explicit ScopedUmask(mode_t mask) : m_previous(umask(mask)) {}
     ~ScopedUmask() { umask(m_previous); }
-    ScopedUmask(ScopedUmask const&) = delete;
-    ScopedUmask& operator=(ScopedUmask const&) = delete;
 
 private:
     mode_t m_previous;
@@ -170,6 +160,12 @@ runWithMount(std::string const& mount_point, char const* options, std::function<
     EXPECT_TRUE(end.exit_code == 0 || end.exit_code == NO_RIGHT) << end.output << end.errors;
     return end.exit_code != NO_RIGHT;
 }
+
+/// A file that shows its flags.
+class FlaggedFile : public BinFileBase {
+public:
+    uint32_t getFlags() const { return m_flags.getWord(); }
+};
 
 /// A file in a folder of its own.
 class FileTest : public testing::Test {

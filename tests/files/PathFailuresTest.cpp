@@ -235,16 +235,10 @@ Operation const SET_PRESENT(
     "setModTimeToThePresent", inject_utimes, [](char const* path) { return FileInfo::setModTime(path, 0); },
     TIME_ERRORS);
 
-/// Makes protected members visible.
-class File : public BinFileBase {
-public:
-    uint32_t getFlags() const { return m_flags.getWord(); }
-};
-
 Operation const OPEN(
     "open", inject_open,
     [](char const* path) {
-        File file;
+        FlaggedFile file;
         bool const failed = file.open(path, BinFileBase::READ_WRITE, FileAccess::none);
         EXPECT_EQ(failed, file.hadError());
         EXPECT_EQ(-1, file.getDescriptor());
@@ -255,7 +249,7 @@ Operation const OPEN(
 Operation const OPEN_AT(
     "openAt", inject_openat,
     [](char const*) {
-        File file;
+        FlaggedFile file;
         Directory const directory(TempFolder::getParent(), true);
         bool const failed = file.openAt(directory, "name", true, BinFileBase::READ, FileAccess::none);
         EXPECT_EQ(-1, file.getDescriptor());
@@ -272,20 +266,23 @@ Operation const* const OPERATIONS[] = {
 
 /// An operation, an error number, and a path that causes it, if any.
 struct Failure {
-    Operation const* operation;
-    int error;
-    char const* name = "";
-    std::optional<std::string> path = {};
+    Failure(
+        Operation const* its_operation, int number, char const* cause = "",
+        std::optional<std::string> its_path = {})
+        : operation(*its_operation), errno_value(number), path(std::move(its_path)) {
+        char const* const error_name = strerrorname_np(number);
+        name = std::string(operation.name) + cause + "_" +
+            (error_name != nullptr ? error_name : std::to_string(number));
+    }
+
+    Operation const& operation;
+    int errno_value;
+    std::optional<std::string> path;
+    std::string name; ///< That of the test.
 };
 
 void PrintTo(Failure const& failure, std::ostream* out) {
-    *out << failure.operation->name << " with errno " << failure.error;
-}
-
-std::string nameOf(testing::TestParamInfo<Failure> const& info) {
-    char const* const error = strerrorname_np(info.param.error);
-    return std::string(info.param.operation->name) + info.param.name + "_" +
-        (error != nullptr ? error : std::to_string(info.param.error));
+    *out << failure.name;
 }
 
 void expectFailure(Operation const& operation, int error, char const* path) {
@@ -310,20 +307,7 @@ protected:
     TempFolder m_folder;
 };
 
-class Failures : public FailureTest, public testing::WithParamInterface<Failure> {
-protected:
-    Operation const& m_operation = *GetParam().operation;
-};
-
-class FailureRows : public Failures {};
-
-TEST_P(FailureRows, areReportedInPlaceOfWhatIsPending) {
-    leaveOlderReport();
-    Calls const calls(m_operation.call, 1, GetParam().error);
-    expectFailure(m_operation, GetParam().error, "/some/path");
-}
-
-auto eachRow() {
+std::vector<Failure> eachRow() {
     std::vector<Failure> failures;
     for (Operation const* const operation : OPERATIONS) {
         for (ErrnoGroup const& group : operation->errors) {
@@ -332,24 +316,21 @@ auto eachRow() {
             }
         }
     }
-    return testing::ValuesIn(failures);
+    return failures;
 }
 
-INSTANTIATE_TEST_SUITE_P(All, FailureRows, eachRow(), nameOf);
-
-class InterruptedCalls : public Failures {};
-
-TEST_P(InterruptedCalls, areRepeatedAndAFailureBehindThemIsReported) {
-    Calls const calls(m_operation.call, 4, EINTR, 3);
-    expectFailure(m_operation, ENOENT, "/no/such/path");
+VESK_TEST_TABLE(FailureRows, areReportedInPlaceOfWhatIsPending, FailureTest, eachRow()) {
+    leaveOlderReport();
+    Calls const calls(GetParam().operation.call, 1, GetParam().errno_value);
+    expectFailure(GetParam().operation, GetParam().errno_value, "/some/path");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, InterruptedCalls,
-    testing::Values(
-        Failure{&MAX_COMPONENT_LENGTH, EINTR}, Failure{&CHANGE_ACCESS, EINTR},
-        Failure{&CHANGE_OWNER_GROUP, EINTR}, Failure{&OPEN, EINTR}),
-    nameOf);
+Failure const INTERRUPTED[] = {
+    {&MAX_COMPONENT_LENGTH, EINTR}, {&CHANGE_ACCESS, EINTR}, {&CHANGE_OWNER_GROUP, EINTR}, {&OPEN, EINTR}};
+VESK_TEST_TABLE(InterruptedCalls, areRepeatedAndAFailureBehindThemIsReported, FailureTest, INTERRUPTED) {
+    Calls const calls(GetParam().operation.call, 4, EINTR, 3);
+    expectFailure(GetParam().operation, ENOENT, "/no/such/path");
+}
 
 TEST_F(FailureTest, maxComponentLengthIsRepeatedAfterAnyNumberOfInterruptions) {
     constexpr int MANY = 1'000'000;
@@ -357,17 +338,6 @@ TEST_F(FailureTest, maxComponentLengthIsRepeatedAfterAnyNumberOfInterruptions) {
     Calls const calls(inject_file_system, MANY + 1, EINTR, MANY);
     EXPECT_FALSE(FileSys::maxComponentLength("/", length));
     EXPECT_NE(0U, length);
-}
-
-class BadPaths : public Failures {};
-
-TEST_P(BadPaths, areReported) {
-    m_folder.makeFile("file");
-    m_folder.makeLink("loop", "loop");
-    s_new_path = at("new");
-    auto const& path = GetParam().path;
-    std::string const full = path ? at(*path) : "";
-    expectFailure(m_operation, GetParam().error, !path ? nullptr : path->empty() ? "" : full.c_str());
 }
 
 /// Returns each operation with each path that it must report.
@@ -393,32 +363,39 @@ std::vector<Failure> eachBadPath() {
     return failures;
 }
 
-INSTANTIATE_TEST_SUITE_P(All, BadPaths, testing::ValuesIn(eachBadPath()), nameOf);
+VESK_TEST_TABLE(BadPaths, areReported, FailureTest, eachBadPath()) {
+    m_folder.makeFile("file");
+    m_folder.makeLink("loop", "loop");
+    s_new_path = at("new");
+    auto const& path = GetParam().path;
+    std::string const full = path ? at(*path) : "";
+    expectFailure(
+        GetParam().operation, GetParam().errno_value,
+        !path               ? nullptr
+            : path->empty() ? ""
+                            : full.c_str());
+}
 
 /// Returns each operation that reports an error number of a path.
-auto eachOperation(int error) {
+std::vector<Failure> eachOperation(int error) {
     std::vector<Failure> failures;
     for (Operation const* const operation : OPERATIONS) {
         if (operation->find(error) && operation->paths != Paths::NONE) {
             failures.push_back({operation, error});
         }
     }
-    return testing::ValuesIn(failures);
+    return failures;
 }
 
-class FolderWithoutRights : public Failures {};
-
-TEST_P(FolderWithoutRights, deniesAccess) {
+VESK_TEST_TABLE(FolderWithoutRights, deniesAccess, FailureTest, eachOperation(EACCES)) {
     VESK_SKIP_UNLESS_ROOT();
     m_folder.makeFolder("closed", 0700);
     m_folder.makeFile("closed/x");
     expectInChild([&] {
         ASSERT_TRUE(dropRights());
-        expectFailure(m_operation, EACCES, at("closed/x"));
+        expectFailure(GetParam().operation, EACCES, at("closed/x"));
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(All, FolderWithoutRights, eachOperation(EACCES), nameOf);
 
 TEST_F(FailureTest, changeOrRemovalOfAFileOfAnotherUserIsDenied) {
     VESK_SKIP_UNLESS_ROOT();
@@ -439,9 +416,7 @@ TEST_F(FailureTest, changeOrRemovalOfAFileOfAnotherUserIsDenied) {
     });
 }
 
-class ReadOnlyFileSystem : public Failures {};
-
-TEST_P(ReadOnlyFileSystem, deniesAccess) {
+VESK_TEST_TABLE(ReadOnlyFileSystem, deniesAccess, FailureTest, eachOperation(EROFS)) {
     VESK_SKIP_WITHOUT_MOUNTS();
     std::string const where = m_folder.makeFolder("mount");
     expectInChild([&] {
@@ -450,13 +425,12 @@ TEST_P(ReadOnlyFileSystem, deniesAccess) {
         m_folder.makeFolder("mount/dir");
         ASSERT_TRUE(mountMemory(where, "", MS_REMOUNT | MS_RDONLY)) << strerror(errno);
         s_new_path = at("mount/new");
-        bool const creates = &m_operation == &CREATE_DIR || &m_operation == &CREATE_LINK;
-        char const* const name = creates ? "new" : &m_operation == &REMOVE_DIR ? "dir" : "file";
-        expectFailure(m_operation, EROFS, where + "/" + name);
+        Operation const& operation = GetParam().operation;
+        bool const creates = &operation == &CREATE_DIR || &operation == &CREATE_LINK;
+        char const* const name = creates ? "new" : &operation == &REMOVE_DIR ? "dir" : "file";
+        expectFailure(operation, EROFS, where + "/" + name);
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(All, ReadOnlyFileSystem, eachOperation(EROFS), nameOf);
 
 /// Runs its tests in children with the mount point "mount".
 class MountTest : public FailureTest {

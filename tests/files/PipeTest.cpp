@@ -19,9 +19,13 @@ struct End : NamedRow {
 End const READ_END{"read", &Pipe::getReadEnd, &Pipe::takeReadEnd, &Pipe::closeReadEnd};
 End const WRITE_END{"write", &Pipe::getWriteEnd, &Pipe::takeWriteEnd, &Pipe::closeWriteEnd};
 
-class PipeCreation : public testing::TestWithParam<ErrnoCase> {};
-
-TEST_P(PipeCreation, failureLeavesBothEndsClosed) {
+auto const PIPE_ROWS = rowsOf({
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
+    {{ENOSPC}, SysErrorId::OUT_OF_MEMORY},
+    {{ENOSYS}, SysErrorId::NOT_IMPLEMENTED},
+    {{EFAULT, EINTR, ENOMEM}, SysErrorId::UNCLASSIFIED},
+});
+VESK_TEST_TABLE(PipeCreation, failureLeavesBothEndsClosed, testing::Test, PIPE_ROWS) {
     Calls const calls(inject_pipe, 1, GetParam().error);
     Pipe pipe;
     EXPECT_TRUE(GetParam().isPending());
@@ -30,15 +34,6 @@ TEST_P(PipeCreation, failureLeavesBothEndsClosed) {
     EXPECT_FALSE(pipe.closeReadEnd());
     EXPECT_FALSE(pipe.closeWriteEnd());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, PipeCreation,
-    eachErrno({
-        {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED},
-        {{ENOSPC}, SysErrorId::OUT_OF_MEMORY},
-        {{ENOSYS}, SysErrorId::NOT_IMPLEMENTED},
-        {{EFAULT, EINTR, ENOMEM}, SysErrorId::UNCLASSIFIED},
-    }));
 
 TEST(Pipe, isNotCreatedWithoutDescriptorsLeft) {
     expectInChild([] {

@@ -34,7 +34,7 @@ static_assert(static_cast<int>(Parity::ODD) == 2 && static_cast<int>(Parity::MAR
 static_assert(static_cast<int>(Parity::SPACE) == 4);
 
 /// Both ends of a line. The test keeps the device open too, so that it keeps its settings.
-class PseudoTerminal {
+class PseudoTerminal : tarnbase::NonCopyable {
 public:
     PseudoTerminal() : m_master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
         char path[64] = "";
@@ -49,8 +49,6 @@ public:
         ::close(m_device);
         ::close(m_master);
     }
-    PseudoTerminal(PseudoTerminal const&) = delete;
-    PseudoTerminal& operator=(PseudoTerminal const&) = delete;
 
     std::string const& getPath() const { return m_path; }
 
@@ -288,11 +286,22 @@ VESK_TEST_TABLE(SerialPortSettings, areSetWhateverTheDeviceUsedBefore, SerialPor
     }
 }
 
-using Speed = std::pair<unsigned int, speed_t>;
-
-class SerialPortSpeeds : public SerialPortTest, public testing::WithParamInterface<Speed> {};
-
-TEST_P(SerialPortSpeeds, areSetForBothDirections) {
+constexpr std::pair<unsigned int, speed_t> SPEEDS[] = {
+    {50, B50},
+    {300, B300},
+    {1200, B1200},
+    {2400, B2400},
+    {4800, B4800},
+    {9600, B9600},
+    {19200, B19200},
+    {38400, B38400},
+    {57600, B57600},
+    {115200, B115200},
+    {230400, B230400},
+    // A number that happens to be a constant of the system is passed on as it is.
+    {13, B9600},
+    {0x1002, B115200}};
+VESK_TEST_TABLE(SerialPortSpeeds, areSetForBothDirections, SerialPortTest, SPEEDS) {
     m_port.setBaudRate(GetParam().first);
     ASSERT_FALSE(m_port.open());
     termios const line = m_terminal.getSettings();
@@ -300,18 +309,10 @@ TEST_P(SerialPortSpeeds, areSetForBothDirections) {
     EXPECT_EQ(GetParam().second, cfgetispeed(&line));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, SerialPortSpeeds,
-    testing::Values(
-        Speed{50, B50}, Speed{300, B300}, Speed{1200, B1200}, Speed{2400, B2400}, Speed{4800, B4800},
-        Speed{9600, B9600}, Speed{19200, B19200}, Speed{38400, B38400}, Speed{57600, B57600},
-        Speed{115200, B115200}, Speed{230400, B230400},
-        // A number that happens to be a constant of the system is passed on as it is.
-        Speed{13, B9600}, Speed{0x1002, B115200}));
-
-class SerialPortBadSpeeds : public SerialPortTest, public testing::WithParamInterface<unsigned int> {};
-
-TEST_P(SerialPortBadSpeeds, areRefusedForBothDirectionsAndTheLineIsClosed) {
+constexpr unsigned int BAD_SPEEDS[] = {75,   110,    134,    150,    200,     600,
+                                       1800, 460800, 500000, 921600, 4000000, 0xFFFFFFFF};
+VESK_TEST_TABLE(
+    SerialPortBadSpeeds, areRefusedForBothDirectionsAndTheLineIsClosed, SerialPortTest, BAD_SPEEDS) {
     m_port.setBaudRate(GetParam());
     Calls const output(inject_cfsetospeed, 1);
     Calls const input(inject_cfsetispeed, 1);
@@ -320,10 +321,6 @@ TEST_P(SerialPortBadSpeeds, areRefusedForBothDirectionsAndTheLineIsClosed) {
     EXPECT_EQ(-1, m_port.getDescriptor());
     EXPECT_TRUE(isRefused(EINVAL));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SerialPortBadSpeeds,
-    testing::Values(75, 110, 134, 150, 200, 600, 1800, 460800, 500000, 921600, 4000000, 0xFFFFFFFF));
 
 class SerialPortConfigureRows : public SerialPortTest,
                                 public testing::WithParamInterface<std::tuple<Injected*, int>> {};
@@ -456,16 +453,13 @@ TEST_F(SerialPortTest, closedPortCannotBeFlushedButClosedAgain) {
     run(m_port, {"sync FAILS CLOSED", "close"});
 }
 
-class SerialPortFlushRows : public OpenSerialPort, public testing::WithParamInterface<int> {};
-
-TEST_P(SerialPortFlushRows, isAnErrorOfTheLineForEveryReason) {
+constexpr int FLUSH_ERRORS[] = {EIO, EBADF, ENOTTY, EINVAL, EAGAIN};
+VESK_TEST_TABLE(SerialPortFlushRows, isAnErrorOfTheLineForEveryReason, OpenSerialPort, FLUSH_ERRORS) {
     leaveOlderReport();
     Calls const calls(inject_tcdrain, 2, GetParam());
     run(m_port,
         {std::string("sync FAILS INPUT_OUTPUT ") + strerrorname_np(GetParam()) + " TRANSFER_FAILED", "sync"});
 }
-
-INSTANTIATE_TEST_SUITE_P(All, SerialPortFlushRows, testing::Values(EIO, EBADF, ENOTTY, EINVAL, EAGAIN));
 
 class SerialPortDestructor : public SerialPortTest {
 protected:

@@ -2,6 +2,8 @@
 #include "support/TempFolder.h"
 #include "support/Testing.h"
 
+#include "vesk/posix/detail/ErrorDescriptions.h"
+
 #include <vesk/Condition.h>
 #include <vesk/Mutex.h>
 #include <vesk/SavedErrorChain.h>
@@ -98,30 +100,23 @@ TEST(SysError, familiesOfClassesDeriveFromItAndFileAccessErrorDoesNot) {
 
 // ---- errors of open ----
 
-class HandleOpenErrorRows : public testing::TestWithParam<ErrnoCase> {};
-
-TEST_P(HandleOpenErrorRows, reportsTheCauseAndThePath) {
+auto const OPEN_ROWS = rowsOf({
+    {{EPERM, EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
+    {{ENOENT, ENOTDIR, EISDIR, ENAMETOOLONG, ELOOP}, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH},
+    {{ENXIO, ENODEV}, SysErrorId::NO_DEVICE, FileAccessErrorId::NO_DEVICE},
+    {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
+    {{EEXIST}, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS},
+    {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
+    {{ETXTBSY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
+    {{EFBIG, EOVERFLOW}, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
+    {{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE},
+    {{EIO, EBADF}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
+});
+VESK_TEST_TABLE(HandleOpenErrorRows, reportsTheCauseAndThePath, testing::Test, OPEN_ROWS) {
     leaveOlderReport();
     EXPECT_FALSE(handleOpenError(GetParam().error, "/some/path"));
     EXPECT_TRUE(GetParam().isPending("/some/path"));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, HandleOpenErrorRows,
-    eachErrno({
-        {{EPERM, EACCES, EROFS}, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED},
-        {{ENOENT, ENOTDIR, EISDIR, ENAMETOOLONG, ELOOP},
-         SysErrorId::INVALID_PATH,
-         FileAccessErrorId::BAD_PATH},
-        {{ENXIO, ENODEV}, SysErrorId::NO_DEVICE, FileAccessErrorId::NO_DEVICE},
-        {{ENOMEM}, SysErrorId::OUT_OF_MEMORY, FileAccessErrorId::UNCLASSIFIED},
-        {{EEXIST}, SysErrorId::IN_USE, FileAccessErrorId::ALREADY_EXISTS},
-        {{ENFILE, EMFILE}, SysErrorId::RESOURCES_EXHAUSTED, FileAccessErrorId::NO_DESCRIPTOR},
-        {{ETXTBSY}, SysErrorId::IN_USE, FileAccessErrorId::BUSY},
-        {{EFBIG, EOVERFLOW}, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED},
-        {{ENOSPC}, SysErrorId::NO_SPACE, FileAccessErrorId::NO_SPACE},
-        {{EIO, EBADF}, SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED},
-    }));
 
 TEST(HandleOpenError, interruptionRequestsARepetitionWithoutAReport) {
     EXPECT_TRUE(handleOpenError(EINTR, "/some/path"));
@@ -240,6 +235,12 @@ TEST(SystemError, threadsHaveSeparateTexts) {
             ASSERT_EQ(expected, SystemError(number).getString());
         }
     });
+}
+
+TEST(ErrorDescriptions, haveTheTextsOfTheCLibrary) {
+    for (int number = -1; number < 4096; ++number) {
+        EXPECT_STREQ(strerrordesc_np(number), vesk::detail::findErrorDescription(number)) << number;
+    }
 }
 
 // ---- saved chains ----

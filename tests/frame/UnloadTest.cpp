@@ -3,6 +3,7 @@
 #include "ModulePath.h"
 #include "support/Descriptors.h"
 #include "support/Emulation.h"
+#include "support/LibcHeap.h"
 #include "support/Threads.h"
 
 #include <atomic>
@@ -21,13 +22,6 @@ std::atomic<long> s_blocks{0};
 
 // Counts the blocks itself: the C library's numbers include blocks that threads have freed and keep.
 extern "C" {
-
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* block, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
-void __libc_free(void* block);
-
 void* malloc(size_t size) {
     ++s_blocks;
     return __libc_malloc(size);

@@ -1,10 +1,9 @@
-#include "support/Chain.h"
+#include "support/NamedRow.h"
 
 #include <tarncommon/error/CommonError.h>
 #include <vesk/IPCIdentifier.h>
 
 #include <cstring>
-#include <ostream>
 
 namespace {
 
@@ -26,17 +25,31 @@ Reports const TOO_LONG = reportOf(std::CommonErrorId::UNSUPPORTED_VALUE, "given 
 
 std::string const LONGEST(254, 'n');
 
-struct Row {
-    char const* what;
+struct Row : support::NamedRow {
     std::string name;
     unsigned int size;
     std::string result;
     Reports reports;
 };
 
-class IPCIdentifier : public testing::TestWithParam<Row> {};
-
-TEST_P(IPCIdentifier, isASeparatorAndTheNameAndNothingIsWrittenBehindIt) {
+Row const ROWS[] = {
+    {"shortName", "orders", IPC_NAME_SIZE, "/orders", VALID},
+    {"emptyName", "", IPC_NAME_SIZE, "/", VALID},
+    {"nameOf254Characters", LONGEST, IPC_NAME_SIZE, "/" + LONGEST, VALID},
+    {"nameOf255Characters", LONGEST + "n", IPC_NAME_SIZE, "/" + LONGEST, TOO_LONG},
+    {"separatorFirst", "/orders", IPC_NAME_SIZE, "/", SEPARATOR},
+    {"separatorInTheMiddle", "or/ders", IPC_NAME_SIZE, "/or", SEPARATOR},
+    {"separatorLast", "orders/", IPC_NAME_SIZE, "/orders", SEPARATOR},
+    {"separatorAlone", "/", IPC_NAME_SIZE, "/", SEPARATOR},
+    {"twoSeparators", "//", IPC_NAME_SIZE, "/", SEPARATOR},
+    {"separatorDirectlyAfterTheLastCharacterThatFits", LONGEST + "/more", IPC_NAME_SIZE, "/" + LONGEST,
+     SEPARATOR},
+    {"separatorFurtherBehindIsNotFound", LONGEST + "n/more", IPC_NAME_SIZE, "/" + LONGEST, TOO_LONG},
+    {"nameThatFitsASmallSize", "abc", 5, "/abc", VALID},
+    {"nameLargerThanASmallSize", "abcd", 5, "/abc", TOO_LONG},
+    {"emptyNameInTheSmallestSize", "", 2, "/", VALID},
+    {"nameInTheSmallestSize", "a", 2, "/", TOO_LONG}};
+VESK_TEST_TABLE(IPCIdentifier, isASeparatorAndTheNameAndNothingIsWrittenBehindIt, testing::Test, ROWS) {
     Row const& row = GetParam();
     char result[512];
     memset(result, 'x', sizeof result);
@@ -47,27 +60,6 @@ TEST_P(IPCIdentifier, isASeparatorAndTheNameAndNothingIsWrittenBehindIt) {
         EXPECT_EQ('x', result[i]) << i;
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, IPCIdentifier,
-    testing::ValuesIn(std::vector<Row>{
-        {"shortName", "orders", IPC_NAME_SIZE, "/orders", VALID},
-        {"emptyName", "", IPC_NAME_SIZE, "/", VALID},
-        {"nameOf254Characters", LONGEST, IPC_NAME_SIZE, "/" + LONGEST, VALID},
-        {"nameOf255Characters", LONGEST + "n", IPC_NAME_SIZE, "/" + LONGEST, TOO_LONG},
-        {"separatorFirst", "/orders", IPC_NAME_SIZE, "/", SEPARATOR},
-        {"separatorInTheMiddle", "or/ders", IPC_NAME_SIZE, "/or", SEPARATOR},
-        {"separatorLast", "orders/", IPC_NAME_SIZE, "/orders", SEPARATOR},
-        {"separatorAlone", "/", IPC_NAME_SIZE, "/", SEPARATOR},
-        {"twoSeparators", "//", IPC_NAME_SIZE, "/", SEPARATOR},
-        {"separatorDirectlyAfterTheLastCharacterThatFits", LONGEST + "/more", IPC_NAME_SIZE, "/" + LONGEST,
-         SEPARATOR},
-        {"separatorFurtherBehindIsNotFound", LONGEST + "n/more", IPC_NAME_SIZE, "/" + LONGEST, TOO_LONG},
-        {"nameThatFitsASmallSize", "abc", 5, "/abc", VALID},
-        {"nameLargerThanASmallSize", "abcd", 5, "/abc", TOO_LONG},
-        {"emptyNameInTheSmallestSize", "", 2, "/", VALID},
-        {"nameInTheSmallestSize", "a", 2, "/", TOO_LONG}}),
-    [](auto const& row) { return row.param.what; });
 
 TEST(IPCIdentifierArguments, nullAndSize0AreRefusedAndNothingIsWritten) {
     char result[4] = "xyz";

@@ -2,8 +2,6 @@
 #include "support/Processes.h"
 #include "support/VtableSlot.h"
 
-#include <map>
-
 /// What the servers and clients of message queues, semaphores and shared memory have in common: names, errors
 /// of opening and creation, removal of names, close, and destruction.
 
@@ -613,14 +611,13 @@ INSTANTIATE_TEST_SUITE_P(
 using IpcStrategies = IpcRows<StrategyRow>;
 
 TEST_P(IpcStrategies, createAMissingObjectWithTheFlagsOfTheStrategy) {
-    Fault const removals(m_kind.unlink, 0);
+    Calls const removals(m_kind.unlink, 0);
     EXPECT_FALSE(open(m_name, static_cast<Strategy>(row().strategy)));
     EXPECT_EQ(row().flags, m_kind.last_open.flags);
     EXPECT_EQ(0600U, m_kind.last_open.mode);
     EXPECT_EQ(m_name.getSystemName(), m_kind.last_open.name);
     EXPECT_TRUE(m_object->isValid());
     EXPECT_EQ(getNewState(), m_name.getState());
-    EXPECT_EQ(0, removals.getCalls());
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -1,12 +1,11 @@
 #pragma once
 
+#include "support/Calls.h"
 #include "support/CleanEnd.h"
-#include "support/ErrorRow.h"
 #include "support/FailOnce.h"
 #include "support/Testing.h"
 #include "support/calls/NamedCalls.h"
 
-#include <vesk/FileAccessError.h>
 #include <vesk/MsgQueueClient.h>
 #include <vesk/MsgQueueServer.h>
 #include <vesk/SemaphoreClient.h>
@@ -99,7 +98,7 @@ inline IpcKind const MEMORY{
     }};
 
 /// A name that no other test uses. The process that made it removes it from the system at its end.
-class IpcName {
+class IpcName : tarnbase::NonCopyable {
 public:
     /// @param length  the length of the name, which is padded; 0 for a short one
     explicit IpcName(IpcKind const& kind, size_t length = 0)
@@ -114,9 +113,6 @@ public:
             m_kind.remove(m_system_name.c_str());
         }
     }
-
-    IpcName(IpcName const&) = delete;
-    IpcName& operator=(IpcName const&) = delete;
 
     /// The name for servers and clients.
     operator char const*() const { return m_system_name.c_str() + 1; }

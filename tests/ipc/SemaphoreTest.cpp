@@ -24,11 +24,10 @@ protected:
 // ---- release ----
 
 TEST_F(SemaphoreTest, releaseOfAClosedObjectIsRefused) {
-    Fault const posts(inject_sem_post, 0);
+    Calls const posts(inject_sem_post, 0);
     EXPECT_TRUE(m_closed.release());
     EXPECT_TRUE(
         chainIs({reportOf(CommonErrorId::CONTRACT_BROKEN, "__FUNCTION__ was called on invalid semaphore")}));
-    EXPECT_EQ(0, posts.getCalls());
 }
 
 TEST_F(SemaphoreTest, releaseIncreasesTheValueAndFailuresAreReported) {

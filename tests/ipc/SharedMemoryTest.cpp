@@ -244,10 +244,9 @@ TEST_F(SharedMemoryBaseTest, sizeIsThatOfTheFileOr0IfA32BitSystemCannotReturnIt)
 #endif
     EXPECT_TRUE(chainIs({}));
     EXPECT_FALSE(m_shm.close());
-    Fault const calls(inject_fstat, 0);
+    Calls const calls(inject_fstat, 0);
     EXPECT_EQ(0U, m_shm.getSize());
     EXPECT_TRUE(isMisuse("size of invalid SHM object requested"));
-    EXPECT_EQ(0, calls.getCalls());
 }
 
 TEST_F(SharedMemoryBaseTest, sizeThatTheSystemRefusesIsZeroWithoutAReport) {
@@ -328,10 +327,22 @@ struct StrategyRow {
     char const* state_after;
 };
 
-class SharedMemoryServerStrategy : public SharedMemoryServerTest,
-                                   public testing::WithParamInterface<StrategyRow> {};
-
-TEST_P(SharedMemoryServerStrategy, decidesAboutSizeAndContent) {
+StrategyRow const STRATEGY_ROWS[] = {
+    {"newMemoryOfSize0", Creatable::CREATE_NEW, {}, 0, 0, "0 bytes: "},
+    {"openOrCreateWithSize0", Creatable::OPEN_OR_CREATE, {}, 0, 0, "0 bytes: "},
+    {"replaceWithSize0", Creatable::REPLACE, {}, 0, 0, "0 bytes: "},
+    {"truncateWithSize0", Creatable::TRUNCATE, {}, 0, 0, "0 bytes: "},
+    {"unknownStrategy99WithSize0", 99, {}, 0, 0, "0 bytes: "},
+    {"unknownStrategyMinus1WithSize0", -1, {}, 0, 0, "0 bytes: "},
+    {"unknownStrategy4WithSize0", 4, {}, 0, 0, "0 bytes: "},
+    {"openOrCreateKeepsTheSizeOfExistingMemory", Creatable::OPEN_OR_CREATE, "old", 4096, 8192,
+     "4096 bytes: old"},
+    {"openOrCreateSetsTheSizeOfExistingEmptyMemory", Creatable::OPEN_OR_CREATE, "", 0, 8192, "8192 bytes: "},
+    {"truncateEmptiesExistingMemoryAndSetsTheNewSize", Creatable::TRUNCATE, std::string(8192, 'x'), 8192,
+     4096, "4096 bytes: "},
+    {"unknownStrategyOpensExistingMemoryAndSetsTheNewSize", 99, "old", 4096, 8192, "8192 bytes: old"}};
+VESK_TEST_TABLE(
+    SharedMemoryServerStrategy, decidesAboutSizeAndContent, SharedMemoryServerTest, STRATEGY_ROWS) {
     StrategyRow const& row = GetParam();
     if (row.old) {
         makeOther(*row.old, row.old_size);
@@ -345,25 +356,6 @@ TEST_P(SharedMemoryServerStrategy, decidesAboutSizeAndContent) {
         EXPECT_EQ(std::string(size, '\0'), std::string(bytes, size));
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, SharedMemoryServerStrategy,
-    testing::ValuesIn(std::vector<StrategyRow>{
-        {"newMemoryOfSize0", Creatable::CREATE_NEW, {}, 0, 0, "0 bytes: "},
-        {"openOrCreateWithSize0", Creatable::OPEN_OR_CREATE, {}, 0, 0, "0 bytes: "},
-        {"replaceWithSize0", Creatable::REPLACE, {}, 0, 0, "0 bytes: "},
-        {"truncateWithSize0", Creatable::TRUNCATE, {}, 0, 0, "0 bytes: "},
-        {"unknownStrategy99WithSize0", 99, {}, 0, 0, "0 bytes: "},
-        {"unknownStrategyMinus1WithSize0", -1, {}, 0, 0, "0 bytes: "},
-        {"unknownStrategy4WithSize0", 4, {}, 0, 0, "0 bytes: "},
-        {"openOrCreateKeepsTheSizeOfExistingMemory", Creatable::OPEN_OR_CREATE, "old", 4096, 8192,
-         "4096 bytes: old"},
-        {"openOrCreateSetsTheSizeOfExistingEmptyMemory", Creatable::OPEN_OR_CREATE, "", 0, 8192,
-         "8192 bytes: "},
-        {"truncateEmptiesExistingMemoryAndSetsTheNewSize", Creatable::TRUNCATE, std::string(8192, 'x'), 8192,
-         4096, "4096 bytes: "},
-        {"unknownStrategyOpensExistingMemoryAndSetsTheNewSize", 99, "old", 4096, 8192, "8192 bytes: old"}}),
-    RowName());
 
 TEST_F(SharedMemoryServerTest, replacedMemoryStaysUsableByItsUsers) {
     makeOther();
@@ -521,9 +513,11 @@ protected:
 /// The flags of an attach as a number, and those of the system.
 using FlagRow = std::pair<unsigned int, int>;
 
-class SharedMemoryClientFlags : public SharedMemoryClientTest, public testing::WithParamInterface<FlagRow> {};
-
-TEST_P(SharedMemoryClientFlags, onlyTheWriteBitSelectsTheDirections) {
+FlagRow const FLAG_ROWS[] = {{0, O_RDONLY},       {1, O_RDONLY}, {4, O_RDONLY}, {5, O_RDONLY},
+                             {2, O_RDWR},         {3, O_RDWR},   {7, O_RDWR},   {0xFFFFFFFD, O_RDONLY},
+                             {0xFFFFFFFF, O_RDWR}};
+VESK_TEST_TABLE(
+    SharedMemoryClientFlags, onlyTheWriteBitSelectsTheDirections, SharedMemoryClientTest, FLAG_ROWS) {
     auto const [word, system_flags] = GetParam();
     EXPECT_FALSE(m_client.attach(m_name, MemMapping::MemAccessFlags(word)));
     EXPECT_EQ(system_flags, s_shm_open.flags);
@@ -531,13 +525,6 @@ TEST_P(SharedMemoryClientFlags, onlyTheWriteBitSelectsTheDirections) {
     EXPECT_EQ(m_name.getSystemName(), s_shm_open.name);
     EXPECT_EQ(system_flags, fcntl(m_client.getDescriptor(), F_GETFL) & O_ACCMODE);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, SharedMemoryClientFlags,
-    testing::Values(
-        FlagRow{0, O_RDONLY}, FlagRow{1, O_RDONLY}, FlagRow{4, O_RDONLY}, FlagRow{5, O_RDONLY},
-        FlagRow{2, O_RDWR}, FlagRow{3, O_RDWR}, FlagRow{7, O_RDWR}, FlagRow{0xFFFFFFFD, O_RDONLY},
-        FlagRow{0xFFFFFFFF, O_RDWR}));
 
 TEST_F(SharedMemoryClientTest, withOnlyTheReadBitCannotWrite) {
     EXPECT_FALSE(m_client.attach(m_name, MemMapping::READ));

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 
 /// Support for the tests of the monitor.
 namespace support {

@@ -5,8 +5,6 @@
 #include "NetDeviceSupport.h"
 
 #include <arpa/inet.h>
-#include <cstdarg>
-#include <map>
 #include <net/if_arp.h>
 #include <netdb.h>
 #include <sys/socket.h>

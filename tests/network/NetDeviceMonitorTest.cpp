@@ -5,8 +5,6 @@
 
 #include "MonitorSupport.h"
 
-#include <map>
-
 // The table and the callbacks. NetlinkDecoderTest covers the way of the kernel's messages to them.
 
 namespace {

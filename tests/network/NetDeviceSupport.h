@@ -5,7 +5,6 @@
 #include <vesk/NetDevice.h>
 
 #include <net/if.h>
-#include <ostream>
 #include <sys/ioctl.h>
 
 /// Support for the tests of NetDevice.

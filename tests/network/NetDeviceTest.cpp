@@ -5,8 +5,6 @@
 
 #include <tarncommon/tarnbase/NonCopyable.h>
 
-#include <sys/mount.h>
-
 // Real interfaces, those of the machine and in networks of the tests.
 
 namespace {

@@ -8,11 +8,9 @@
 
 #include <arpa/inet.h>
 #include <deque>
-#include <fcntl.h>
 #include <linux/if_addr.h>
 #include <net/if.h>
 #include <stdexcept>
-#include <sys/socket.h>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>

@@ -3,7 +3,6 @@
 #include "support/NetworkNamespace.h"
 #include "support/Testing.h"
 
-#include <fcntl.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -21,7 +20,7 @@ namespace support {
 ///         ASSERT_TRUE(cable.enterRight());
 ///         vesk::UDPSocket receiver(...);
 ///     });
-class Cable {
+class Cable : tarnbase::NonCopyable {
 public:
     /// @param mtu  the largest packet, in bytes
     explicit Cable(int mtu = 1500) : m_left(openNetwork()), m_there(lay(mtu)) {}
@@ -29,9 +28,6 @@ public:
         close(m_left);
         close(m_right);
     }
-
-    Cable(Cable const&) = delete;
-    Cable& operator=(Cable const&) = delete;
 
     testing::AssertionResult const& isThere() const { return m_there; }
 
@@ -43,10 +39,9 @@ private:
     static int openNetwork() { return open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC); }
 
     static testing::AssertionResult enter(int network) {
-        if (setns(network, CLONE_NEWNET) == 0) {
-            return testing::AssertionSuccess();
-        }
-        return testing::AssertionFailure() << "setns: " << strerror(errno);
+        return setns(network, CLONE_NEWNET) == 0
+            ? testing::AssertionSuccess()
+            : testing::AssertionFailure() << "setns: " << strerror(errno);
     }
 
     testing::AssertionResult lay(int mtu) {

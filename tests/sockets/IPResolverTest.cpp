@@ -16,9 +16,6 @@ using IPAddress = vesk::IPSocket::IPAddress;
 using Resolver = vesk::IPSocket::IPResolver;
 using Items = std::vector<std::string>;
 
-constexpr auto V4 = IPSocket::IPV4;
-constexpr auto V6 = IPSocket::IPV6;
-
 static_assert(!std::is_copy_constructible_v<Resolver> && !std::is_copy_assignable_v<Resolver>);
 
 Items itemsOf(Resolver const& resolver) {
@@ -52,10 +49,6 @@ Items namesOf(
     Resolver& resolver, std::string const& address, IPSocket::IPProtocolVersion version = V4,
     bool fqdn = true) {
     return itemsOf(resolver, resolver.resolveIP(address.c_str(), fqdn, version));
-}
-
-Reports resolverFailed(int code) {
-    return withText({SocketErrorId::RESOLVE_FAILED}, gai_strerror(code));
 }
 
 // ---- the requests to the system ----
@@ -201,7 +194,7 @@ TEST_F(IPResolver, listIsKeptUntilTheNextResolveWhichReplacesAllResultsOrTheEnd)
 constexpr int LOOKUP_ERRNO = ENETUNREACH;
 
 /// Returns a row for each code of the groups. Without a report there are no results.
-auto codeRows(std::vector<ErrnoReports> const& groups) {
+std::vector<ErrnoRow> codeRows(std::vector<ErrnoReports> const& groups) {
     std::vector<ErrnoRow> rows;
     for (ErrnoReports const& group : groups) {
         for (int const code : group.errors) {
@@ -212,48 +205,44 @@ auto codeRows(std::vector<ErrnoReports> const& groups) {
                      code == EAI_SYSTEM ? systemText(LOOKUP_ERRNO) : std::string(gai_strerror(code)))});
         }
     }
-    return testing::ValuesIn(rows);
+    return rows;
 }
 
-class IPResolverLookupCodes : public testing::TestWithParam<ErrnoRow> {
-protected:
-    /// Lets the next lookup fail with the code.
-    void failLookup() { m_calls.failList(GetParam().error, LOOKUP_ERRNO); }
-
-    ResolverCalls m_calls;
-    Items const m_expected = GetParam().reports.empty() ? NONE : FAILED;
-};
-
-TEST_P(IPResolverLookupCodes, haveTheirResultAndReportAndDiscardThePreviousResults) {
+auto const LOOKUP_CODES = codeRows(
+    {{{EAI_NONAME, EAI_NODATA, EAI_ADDRFAMILY}, {}},
+     {{EAI_MEMORY}, {SysErrorId::OUT_OF_MEMORY}},
+     {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_SOCKTYPE, EAI_SERVICE}, {SocketErrorId::RESOLVE_FAILED}},
+     {{EAI_SYSTEM, EAI_FAMILY, EAI_OVERFLOW, EAI_IDN_ENCODE, EAI_INTR, EAI_CANCELED, 4711, -4711},
+      {SysErrorId::UNCLASSIFIED}}});
+VESK_TEST_TABLE(
+    IPResolverLookupCodes, haveTheirResultAndReportAndDiscardThePreviousResults, testing::Test,
+    LOOKUP_CODES) {
+    Items const& expected = GetParam().reports.empty() ? NONE : FAILED;
+    ResolverCalls calls;
     {
         Resolver resolver;
-        failLookup();
-        EXPECT_EQ(m_expected, addressesOf(resolver, "some.example"));
+        calls.failList(GetParam().error, LOOKUP_ERRNO);
+        EXPECT_EQ(expected, addressesOf(resolver, "some.example"));
         EXPECT_TRUE(chainIs(GetParam().reports));
-        EXPECT_TRUE(m_calls.getNamings().empty());
+        EXPECT_TRUE(calls.getNamings().empty());
         EXPECT_EQ(Items{"127.0.0.1"}, addressesOf(resolver, "127.0.0.1")) << "it resolves again";
-        failLookup();
-        EXPECT_EQ(m_expected, namesOf(resolver, "fd00::1", V6)) << "the same for an address";
+        calls.failList(GetParam().error, LOOKUP_ERRNO);
+        EXPECT_EQ(expected, namesOf(resolver, "fd00::1", V6)) << "the same for an address";
         EXPECT_TRUE(chainIs(GetParam().reports));
-        EXPECT_EQ(1, m_calls.countFreed());
+        EXPECT_EQ(1, calls.countFreed());
     }
-    EXPECT_EQ(1, m_calls.countFreed());
+    EXPECT_EQ(1, calls.countFreed());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, IPResolverLookupCodes,
-    codeRows(
-        {{{EAI_NONAME, EAI_NODATA, EAI_ADDRFAMILY}, {}},
-         {{EAI_MEMORY}, {SysErrorId::OUT_OF_MEMORY}},
-         {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_SOCKTYPE, EAI_SERVICE}, {SocketErrorId::RESOLVE_FAILED}},
-         {{EAI_SYSTEM, EAI_FAMILY, EAI_OVERFLOW, EAI_IDN_ENCODE, EAI_INTR, EAI_CANCELED, 4711, -4711},
-          {SysErrorId::UNCLASSIFIED}}}));
 
 // ---- failures of getnameinfo ----
 
-class IPResolverNamingCodes : public testing::TestWithParam<ErrnoRow> {};
-
-TEST_P(IPResolverNamingCodes, endTheResolveWithTheirReport) {
+auto const NAMING_CODES = codeRows(
+    {{{EAI_OVERFLOW}, {SysErrorId::SPOILED_INTEGRITY}},
+     {{EAI_MEMORY}, {SysErrorId::OUT_OF_MEMORY}},
+     {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_FAMILY}, {SocketErrorId::RESOLVE_FAILED}},
+     {{EAI_SYSTEM, EAI_NODATA, EAI_ADDRFAMILY, EAI_SERVICE, EAI_SOCKTYPE, EAI_IDN_ENCODE, 4711, -4711},
+      {SysErrorId::UNCLASSIFIED}}});
+VESK_TEST_TABLE(IPResolverNamingCodes, endTheResolveWithTheirReport, testing::Test, NAMING_CODES) {
     ResolverCalls calls;
     {
         calls.answer({list({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}}), Answer("one")});
@@ -269,15 +258,6 @@ TEST_P(IPResolverNamingCodes, endTheResolveWithTheirReport) {
     }
     EXPECT_EQ(2, calls.countFreed());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, IPResolverNamingCodes,
-    codeRows(
-        {{{EAI_OVERFLOW}, {SysErrorId::SPOILED_INTEGRITY}},
-         {{EAI_MEMORY}, {SysErrorId::OUT_OF_MEMORY}},
-         {{EAI_AGAIN, EAI_FAIL, EAI_BADFLAGS, EAI_FAMILY}, {SocketErrorId::RESOLVE_FAILED}},
-         {{EAI_SYSTEM, EAI_NODATA, EAI_ADDRFAMILY, EAI_SERVICE, EAI_SOCKTYPE, EAI_IDN_ENCODE, 4711, -4711},
-          {SysErrorId::UNCLASSIFIED}}}));
 
 TEST_F(IPResolver, entriesWithoutANameAreSkipped) {
     m_calls->answerList({{"10.0.0.1"}, {"10.0.0.2"}, {"10.0.0.3"}});
@@ -351,8 +331,6 @@ int resolveBySystem(std::string const& name, int family, Items& addresses) {
 Items const MANY = {"10.0.0.9", "10.0.0.1", "10.0.0.5"};
 Items const SIX = {"fd00::9", "fd00::1"};
 
-Reports const UNRESOLVED = withText({std::CommonErrorId::INVALID_ARGUMENT}, "Couldn't resolve hostname");
-
 class IPResolverNames : public testing::Test {
 protected:
     void SetUp() override { VESK_SKIP_WITHOUT_NAMES(); }
@@ -379,32 +357,39 @@ void runSilent(std::function<void(Resolver& resolver, SilentNameServer const& se
 }
 
 /// A resolve and its items.
-struct NameRow {
-    char const* name;
+struct NameRow : NamedRow {
     IPSocket::IPProtocolVersion version;
-    bool reverse;
-    bool fqdn;
-    char const* text; ///< A name, or with `reverse` an address.
+    char const* text; ///< A name, or with `fqdn` an address.
     Items items;
-
-    friend std::ostream& operator<<(std::ostream& out, NameRow const& row) { return out << row.name; }
+    std::optional<bool> fqdn = {};
 };
 
-NameRow addresses(char const* name, IPSocket::IPProtocolVersion version, char const* text, Items items) {
-    return {name, version, false, false, text, std::move(items)};
-}
-NameRow
-names(char const* name, IPSocket::IPProtocolVersion version, char const* text, bool fqdn, Items items) {
-    return {name, version, true, fqdn, text, std::move(items)};
-}
-
-class IPResolverNameRows : public IPResolverNames, public testing::WithParamInterface<NameRow> {};
-
-TEST_P(IPResolverNameRows, haveTheirItems) {
+NameRow const NAME_ROWS[] = {
+    {"several", V4, "many.test", {"10.0.0.9", "10.0.0.1", "10.0.0.5"}},
+    {"severalOfIPv6", V6, "six.test", {"fd00::9", "fd00::1"}},
+    {"onlyIPv4OfBoth", V4, "both.test", {"10.0.0.2"}},
+    {"onlyIPv6OfBoth", V6, "both.test", {"fd00::2"}},
+    {"noneOfIPv4", V4, "six.test", {}},
+    {"noneOfIPv6", V6, "many.test", {}},
+    {"unknownName", V4, "unknown.test", {}},
+    {"unknownNameOfIPv6", V6, "unknown.test", {}},
+    {"upperCase", V4, "PRINTER.test", {"10.0.0.7"}},
+    {"finalDot", V4, "printer.test.", {"10.0.0.7"}},
+    {"refusedName", V4, "name.elsewhere", {"(failed)"}},
+    {"withDomain", V4, "10.0.0.7", {"printer.test"}, true},
+    {"withoutDomain", V4, "10.0.0.7", {"printer"}, false},
+    {"withDomainOfIPv6", V6, "fd00::9", {"six.test"}, true},
+    {"withoutDomainOfIPv6", V6, "fd00::9", {"six"}, false},
+    {"withoutAnotherDomain", V4, "10.0.0.8", {"scanner.example"}, false},
+    {"addressWithoutAName", V4, "10.9.9.9", {}, true},
+    {"addressWithoutAShortName", V4, "10.9.9.9", {}, false},
+    {"addressOfIPv6WithoutAName", V6, "fd00::999", {}, true},
+    {"addressOfIPv6WithoutAShortName", V6, "fd00::999", {}, false}};
+VESK_TEST_TABLE(IPResolverNameRows, haveTheirItems, IPResolverNames, NAME_ROWS) {
     run([](Resolver& resolver, NameServer&) {
         NameRow const& row = GetParam();
-        if (row.reverse) {
-            EXPECT_EQ(row.items, namesOf(resolver, row.text, row.version, row.fqdn));
+        if (row.fqdn) {
+            EXPECT_EQ(row.items, namesOf(resolver, row.text, row.version, *row.fqdn));
         } else {
             EXPECT_EQ(row.items, addressesOf(resolver, row.text, row.version));
             Items expected;
@@ -414,30 +399,6 @@ TEST_P(IPResolverNameRows, haveTheirItems) {
         EXPECT_TRUE(chainIs(row.items == FAILED ? resolverFailed(EAI_AGAIN) : Reports{}));
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, IPResolverNameRows,
-    testing::Values(
-        addresses("several", V4, "many.test", {"10.0.0.9", "10.0.0.1", "10.0.0.5"}),
-        addresses("severalOfIPv6", V6, "six.test", {"fd00::9", "fd00::1"}),
-        addresses("onlyIPv4OfBoth", V4, "both.test", {"10.0.0.2"}),
-        addresses("onlyIPv6OfBoth", V6, "both.test", {"fd00::2"}),
-        addresses("noneOfIPv4", V4, "six.test", {}), addresses("noneOfIPv6", V6, "many.test", {}),
-        addresses("unknownName", V4, "unknown.test", {}),
-        addresses("unknownNameOfIPv6", V6, "unknown.test", {}),
-        addresses("upperCase", V4, "PRINTER.test", {"10.0.0.7"}),
-        addresses("finalDot", V4, "printer.test.", {"10.0.0.7"}),
-        addresses("refusedName", V4, "name.elsewhere", {"(failed)"}),
-        names("withDomain", V4, "10.0.0.7", true, {"printer.test"}),
-        names("withoutDomain", V4, "10.0.0.7", false, {"printer"}),
-        names("withDomainOfIPv6", V6, "fd00::9", true, {"six.test"}),
-        names("withoutDomainOfIPv6", V6, "fd00::9", false, {"six"}),
-        names("withoutAnotherDomain", V4, "10.0.0.8", false, {"scanner.example"}),
-        names("addressWithoutAName", V4, "10.9.9.9", true, {}),
-        names("addressWithoutAShortName", V4, "10.9.9.9", false, {}),
-        names("addressOfIPv6WithoutAName", V6, "fd00::999", true, {}),
-        names("addressOfIPv6WithoutAShortName", V6, "fd00::999", false, {})),
-    testing::PrintToStringParamName());
 
 VESK_TEST_WITH(
     runSilent, IPResolverNames, hostsFileAndNumericAddressesAreUsedWithoutAQuery,
@@ -517,28 +478,22 @@ TEST_F(IPResolverNames, labelCanHave63Letters) {
 VESK_TEST_WITH(
     run, IPResolverNames, firstAddressReplacesTheHostUnlessItIsOfTheOtherVersion,
     (Resolver&, NameServer& server)) {
-    IPAddress address("six.test", 80);
+    auto const expectReplaced = [](auto& binary, char const* name, char const* numeric, char const* other) {
+        IPAddress of_other_version(other, 80);
+        EXPECT_TRUE(of_other_version.getBinary(binary));
+        EXPECT_TRUE(chainIs(UNRESOLVED));
+        EXPECT_EQ(other, of_other_version.host);
+        IPAddress address(name, 81);
+        EXPECT_FALSE(address.getBinary(binary));
+        EXPECT_EQ(numeric, address.host);
+        EXPECT_EQ(numeric, IPAddress(binary).host);
+        EXPECT_EQ(81, IPAddress(binary).port);
+        return address;
+    };
     sockaddr_in binary;
-    EXPECT_TRUE(address.getBinary(binary));
-    EXPECT_TRUE(chainIs(UNRESOLVED));
-    EXPECT_EQ("six.test", address.host);
-    IPAddress address6("many.test", 80);
     sockaddr_in6 binary6;
-    EXPECT_TRUE(address6.getBinary(binary6));
-    EXPECT_TRUE(chainIs(UNRESOLVED));
-    EXPECT_EQ("many.test", address6.host);
-    IPAddress many("many.test", 80);
-    EXPECT_FALSE(many.getBinary(binary));
-    EXPECT_EQ("10.0.0.9", many.host);
-    EXPECT_EQ("10.0.0.9", IPAddress(binary).host);
-    EXPECT_EQ(80, ntohs(binary.sin_port));
-
-    IPAddress six("six.test", 81);
-    EXPECT_FALSE(six.getBinary(binary6));
-    EXPECT_EQ("fd00::9", six.host);
-    EXPECT_EQ("fd00::9", IPAddress(binary6).host);
-    EXPECT_EQ(81, ntohs(binary6.sin6_port));
-
+    IPAddress many = expectReplaced(binary, "many.test", "10.0.0.9", "six.test");
+    IPAddress six = expectReplaced(binary6, "six.test", "fd00::9", "many.test");
     server.stop();
     EXPECT_FALSE(many.getBinary(binary)) << "the name is not needed again";
     EXPECT_FALSE(six.getBinary(binary6));

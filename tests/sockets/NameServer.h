@@ -2,13 +2,14 @@
 
 #include "support/Eventually.h"
 #include "support/NetworkNamespace.h"
+#include "support/Processes.h"
 #include "support/TempFolder.h"
 
 #include <tarncommon/tarnbase/NonCopyable.h>
+#include <vesk/IPSocket.h>
 
 #include <csignal>
 #include <netinet/in.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <utility>
@@ -25,63 +26,47 @@ class NameServer : private tarnbase::NonCopyable {
 public:
     /// @param zone  lines as in a hosts file, which are also used for addresses. Other addresses, and other
     ///              names in ".test", do not exist; queries for all other names are refused.
-    explicit NameServer(std::string const& zone) {
-        std::string const hosts = "--addn-hosts=" + m_folder.makeFile("zone", zone);
-        std::string const log = "--log-facility=" + m_folder / "log";
-        m_pid = fork();
-        if (m_pid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            setenv("PATH", "/usr/sbin:/sbin:/usr/local/sbin:/usr/bin:/bin", 1);
-            execlp(
-                "dnsmasq", "dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--no-hosts",
-                "--no-resolv", "--listen-address=127.0.0.1", "--bind-interfaces",
-                "--pid-file=", "--user=root", "--no-round-robin", "--local=/test/", "--local=/in-addr.arpa/",
-                "--local=/ip6.arpa/", hosts.c_str(), log.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-    }
-    ~NameServer() { stop(); }
+    explicit NameServer(std::string const& zone)
+        : m_process([&] {
+              std::string const hosts = "--addn-hosts=" + m_folder.makeFile("zone", zone);
+              std::string const log = "--log-facility=" + m_folder / "log";
+              alarm(0);
+              prctl(PR_SET_PDEATHSIG, SIGKILL);
+              setenv("PATH", "/usr/sbin:/sbin:/usr/local/sbin:/usr/bin:/bin", 1);
+              execlp(
+                  "dnsmasq", "dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--no-hosts",
+                  "--no-resolv", "--listen-address=127.0.0.1", "--bind-interfaces",
+                  "--pid-file=", "--user=root", "--no-round-robin", "--local=/test/",
+                  "--local=/in-addr.arpa/", "--local=/ip6.arpa/", hosts.c_str(), log.c_str(),
+                  static_cast<char*>(nullptr));
+              _exit(127);
+          }) {}
 
     /// Waits until the server listens. Returns false if it has ended or does not listen.
-    bool waitUntilReady() {
-        bool const is_decided = eventually([this] {
-            if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
-                m_pid = -1;
-            }
+    bool waitUntilReady() const {
+        siginfo_t end{};
+        bool const is_decided = eventually([this, &end] {
+            waitid(P_PID, static_cast<id_t>(m_process.getId()), &end, WEXITED | WNOHANG | WNOWAIT);
             // The table of the kernel is read, because the server would start a process for each connection.
-            return m_pid == -1 || contentOf("/proc/self/net/udp").find(":0035 ") != std::string::npos;
+            return end.si_pid != 0 || contentOf("/proc/self/net/udp").find(":0035 ") != std::string::npos;
         });
-        return is_decided && m_pid != -1;
+        return is_decided && end.si_pid == 0;
     }
 
-    void stop() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            while (waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {}
-            m_pid = -1;
-        }
-    }
+    void stop() { m_process.kill(); }
 
     std::string getLog() const { return contentOf(m_folder / "log"); }
 
-    static sockaddr_in getAddress() {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(53);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return address;
-    }
-
 private:
     TempFolder const m_folder;
-    pid_t m_pid = -1;
+    Process m_process;
 };
 
 /// A name server that receives queries and does not answer.
 class SilentNameServer : private tarnbase::NonCopyable {
 public:
     SilentNameServer() : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in const address = NameServer::getAddress();
+        sockaddr_in const address = vesk::IPSocket::IPAddress::makeHandle(INADDR_LOOPBACK, 53);
         EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr const*>(&address), sizeof address));
     }
     ~SilentNameServer() { close(m_fd); }
@@ -102,10 +87,9 @@ private:
 
 /// Replaces a file for the calling process, which must be a child.
 inline testing::AssertionResult replaceFile(std::string const& path, std::string const& own) {
-    if (mount(own.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-        return testing::AssertionFailure() << path << ": " << strerror(errno);
-    }
-    return testing::AssertionSuccess();
+    return mount(own.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0
+        ? testing::AssertionSuccess()
+        : testing::AssertionFailure() << path << ": " << strerror(errno);
 }
 
 /// Moves the calling process, which must be a child, to a network namespace and files in which 127.0.0.1 is

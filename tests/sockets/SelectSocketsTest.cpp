@@ -3,7 +3,6 @@
 #include "threads/ThreadSupport.h"
 
 #include <chrono>
-#include <ostream>
 #include <sys/select.h>
 #include <sys/time.h>
 
@@ -238,7 +237,7 @@ TEST(SelectSockets, repeatsTheCallWithTheSameMarksAndTimeWhileSignalsInterruptIt
 }
 
 /// Sends the process a limited number of signals, one each 20 ms.
-class Storm {
+class Storm : tarnbase::NonCopyable {
 public:
     explicit Storm(int signals) {
         s_left = signals;
@@ -255,9 +254,6 @@ public:
         ring(0);
         EXPECT_EQ(0, sigaction(SIGALRM, &m_before, nullptr));
     }
-
-    Storm(Storm const&) = delete;
-    Storm& operator=(Storm const&) = delete;
 
     static int getLeft() { return s_left; }
 
@@ -340,12 +336,11 @@ protected:
         Sets sets{others, others, others};
         (sets.*GetParam()).insert(refused);
         Sets const before = sets;
-        Fault const calls(inject_select, 0);
+        Calls const calls(inject_select, 0);
         errno = EXDEV;
         EXPECT_EQ(-1, sets.select());
         EXPECT_TRUE(causeIs(Socket::ErrorId::INVALID_SOCKET, EXDEV));
         EXPECT_EQ(before, sets);
-        EXPECT_EQ(0, calls.getCalls());
     }
 };
 

@@ -1,13 +1,14 @@
 #pragma once
 
+#include "support/Calls.h"
 #include "support/CleanEnd.h"
 #include "support/Testing.h"
 
 #include <tarncommon/stream/IBinStreamBase.h>
+#include <vesk/IPSocket.h>
 #include <vesk/RawSocket.h>
 
-#include <fcntl.h>
-#include <ostream>
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -15,7 +16,6 @@
 
 namespace support {
 
-namespace SysErrorId = vesk::SysErrorId;
 using SocketErrorId = vesk::Socket::ErrorId;
 using StreamErrorId = std::IBinStreamBase::StreamErrorId;
 using Reports = std::vector<ExpectedReport>;
@@ -85,8 +85,12 @@ inline std::vector<ErrnoRow> errnoRows(std::vector<ErrnoReports> const& groups) 
 ///         Fault const fault(inject_bind, GetParam().error);
 ///         ...
 ///     }
-#define VESK_TEST_ROWS(suite, name, ...)                                                                     \
-    class suite : public testing::TestWithParam<support::ErrnoRow> {};                                       \
+#define VESK_TEST_ROWS(suite, name, ...) VESK_TEST_EACH(suite, name, testing::Test, __VA_ARGS__)
+
+/// The same for the values of any array or vector, with a fixture.
+#define VESK_TEST_EACH(suite, name, fixture, ...)                                                            \
+    class suite : public fixture,                                                                            \
+                  public testing::WithParamInterface<std::decay_t<decltype((__VA_ARGS__)[0])>> {};           \
     INSTANTIATE_TEST_SUITE_P(                                                                                \
         rows, suite, testing::ValuesIn(__VA_ARGS__), testing::PrintToStringParamName());                     \
     TEST_P(suite, name)
@@ -178,6 +182,18 @@ sendRows(Reports const& others = {SysErrorId::UNCLASSIFIED, StreamErrorId::UNCLA
         {{ENOBUFS}, {SysErrorId::RESOURCES_EXHAUSTED, StreamErrorId::TRANSFER_FAILED}},
         {{ECONNREFUSED, EINVAL, EFAULT, ENOMEM, EHOSTUNREACH, EISCONN, ETIMEDOUT, EAFNOSUPPORT}, others},
     });
+}
+
+// ---- the resolver ----
+
+constexpr auto V4 = vesk::IPSocket::IPV4;
+constexpr auto V6 = vesk::IPSocket::IPV6;
+
+inline Reports const UNRESOLVED =
+    withText({std::CommonErrorId::INVALID_ARGUMENT}, "Couldn't resolve hostname");
+
+inline Reports resolverFailed(int code) {
+    return withText({SocketErrorId::RESOLVE_FAILED}, gai_strerror(code));
 }
 
 /// Returns texts that are literals or strings.

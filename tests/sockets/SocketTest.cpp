@@ -7,8 +7,6 @@
 
 #include <vesk/Poller.h>
 
-#include <fcntl.h>
-
 namespace {
 
 using namespace support;

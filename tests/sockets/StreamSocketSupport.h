@@ -91,6 +91,8 @@ inline std::string makeName() {
 enum class Transport { IPV4, IPV6, ABSTRACT, PATH, UDP, UDP6 };
 
 constexpr Transport TRANSPORTS[] = {Transport::IPV4, Transport::IPV6, Transport::ABSTRACT, Transport::PATH};
+constexpr Transport TCP_TRANSPORTS[] = {Transport::IPV4, Transport::IPV6};
+constexpr Transport UNIX_TRANSPORTS[] = {Transport::ABSTRACT, Transport::PATH};
 
 constexpr IPSocket::IPProtocolVersion VERSIONS[] = {IPSocket::IPV4, IPSocket::IPV6};
 
@@ -134,6 +136,11 @@ std::string getName(std::tuple<First, Second> const& both) {
 }
 
 constexpr auto byParameters = [](auto const& info) { return getName(info.param); };
+
+/// Defines the fixture of a suite that runs each test once for each value of an array.
+#define VESK_SUITE(suite, values)                                                                            \
+    class suite : public testing::TestWithParam<std::decay_t<decltype((values)[0])>> {};                     \
+    INSTANTIATE_TEST_SUITE_P(values, suite, testing::ValuesIn(values), byParameters)
 
 /// Where a socket listens or connects to.
 struct Place {
@@ -234,7 +241,7 @@ int withAddress(Call call, int fd, std::string const& address) {
 }
 
 /// A socket of plain system calls, bound to an address: connections to it are refused until it listens.
-class PlainServer {
+class PlainServer : tarnbase::NonCopyable {
 public:
     explicit PlainServer(std::string const& address, int type = SOCK_STREAM)
         : m_fd(socket(reinterpret_cast<sa_family_t const&>(*address.data()), type | SOCK_CLOEXEC, 0)) {
@@ -252,9 +259,6 @@ public:
         close(m_fd);
         unlink(m_file.c_str());
     }
-
-    PlainServer(PlainServer const&) = delete;
-    PlainServer& operator=(PlainServer const&) = delete;
 
     int getFd() const { return m_fd; }
     void listen(int backlog = 8) const { EXPECT_EQ(0, ::listen(m_fd, backlog)); }

@@ -2,7 +2,7 @@
 
 #include "support/Testing.h"
 
-#include <vesk/Socket.h>
+#include <vesk/IPSocket.h>
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -103,9 +103,7 @@ inline Ends makeEnds(int type = SOCK_STREAM) {
 /// Returns the ends of a TCP connection over loopback.
 inline Ends makeTcpEnds() {
     int const listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = vesk::IPSocket::IPAddress::makeHandle(INADDR_LOOPBACK, 0);
     socklen_t length = sizeof address;
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
     EXPECT_EQ(0, bind(listener, generic, length)) << strerror(errno);

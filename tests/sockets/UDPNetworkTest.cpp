@@ -378,9 +378,8 @@ VESK_TEST_WITH(expectWithCable, UDPMulticast, datagramsToAGroupReachAnotherNetwo
 }
 
 /// The local address of the receiver; "#" stands for the index of its interface.
-class UDPMulticast6 : public UDPMulticast, public testing::WithParamInterface<char const*> {};
-
-TEST_P(UDPMulticast6, datagramsToAGroupReachAnotherNetwork) {
+constexpr char const* LOCALS6[] = {"ff02::1:3%right", "ff02::1:3%#", "::%#", "::", ""};
+VESK_TEST_TABLE(UDPMulticast6, datagramsToAGroupReachAnotherNetwork, UDPMulticast, LOCALS6) {
     VESK_SKIP_WITHOUT_IPV6_GROUPS();
     expectWithCable([local = std::string(GetParam())](Cable const& cable) mutable {
         OpenedUDPSocket left({"fe80::1%left", 5001}, {GROUP6, 5000}, IPSocket::IPV6);
@@ -396,9 +395,6 @@ TEST_P(UDPMulticast6, datagramsToAGroupReachAnotherNetwork) {
         expectDelivered(right, right, "to itself");
     });
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    locals, UDPMulticast6, testing::Values("ff02::1:3%right", "ff02::1:3%#", "::%#", "::", ""));
 
 TEST_F(UDPMulticast, linkLocalAddressOfAGroupMemberReceivesOnlyWhatIsSentToItself) {
     VESK_SKIP_WITHOUT_IPV6_GROUPS();

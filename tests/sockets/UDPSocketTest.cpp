@@ -124,20 +124,60 @@ TEST(UDPClassification, emptyPeerIsTheAnyAddressAndNoGroup) {
 
 // ---- the calls of open and write ----
 
-struct CallsRow {
-    char const* name;
+struct CallsRow : NamedRow {
     IPSocket::IPProtocolVersion version;
     IPAddress local;
     IPAddress peer;
     char const* opening;
     std::string writing; ///< The arguments of the call that writes "abc".
-
-    friend std::ostream& operator<<(std::ostream& out, CallsRow const& row) { return out << row.name; }
 };
 
-class UDPOpen : public testing::TestWithParam<CallsRow> {};
+std::string const SEND = "send(s, 616263, " + std::to_string(MSG_NOSIGNAL) + ")\n";
+std::string const SEND_TO = "sendto(s, 616263, " + std::to_string(MSG_NOSIGNAL) + ", ";
 
-TEST_P(UDPOpen, makesTheCalls) {
+CallsRow const CALLS_ROWS[] = {
+    {"bindsAndConnectsToThePeer",
+     IPSocket::IPV4,
+     {"127.0.0.1", 5000},
+     {"192.0.2.7", 5001},
+     "bind(s, 020013887f0000010000000000000000)\n"
+     "connect(s, 02001389c00002070000000000000000)\n",
+     SEND},
+    {"bindsAndConnectsToThePeerOfIPv6",
+     IPSocket::IPV6,
+     {"::1", 5000},
+     {"fe80::7%lo", 5001},
+     "bind(s, 0a001388000000000000000000000000000000000000000100000000)\n"
+     "connect(s, 0a00138900000000fe80000000000000000000000000000701000000)\n",
+     SEND},
+    {"sharesTheAddressBindsSetsTheInterfaceAndJoinsTheGroup",
+     IPSocket::IPV4,
+     {"10.0.0.1", 5000},
+     {"239.1.2.3", 5001},
+     "setsockopt(s, SO_REUSEADDR, 01000000)\n"
+     "bind(s, 020013880a0000010000000000000000)\n"
+     "setsockopt(s, IPPROTO_IP IP_MULTICAST_IF, 0a000001)\n"
+     "setsockopt(s, IPPROTO_IP IP_ADD_MEMBERSHIP, ef0102030a000001)\n",
+     SEND_TO + "02001389ef0102030000000000000000)\n"},
+    {"joinsAGroupOfIPv6OnTheInterfaceOfTheLocalScope",
+     IPSocket::IPV6,
+     {"fe80::1%258", 5000},
+     {"ff02::1:3", 5001},
+     "setsockopt(s, SO_REUSEADDR, 01000000)\n"
+     "bind(s, 0a00138800000000fe80000000000000000000000000000102010000)\n"
+     "setsockopt(s, IPPROTO_IPV6 IPV6_MULTICAST_IF, 02010000)\n"
+     "setsockopt(s, IPPROTO_IPV6 IPV6_ADD_MEMBERSHIP, ff02000000000000000000000001000302010000)\n",
+     SEND_TO + "0a00138900000000ff02000000000000000000000001000300000000)\n"},
+    {"leavesTheInterfaceToTheSystemIfOnlyThePeerHasAScope",
+     IPSocket::IPV6,
+     {"::", 0},
+     {"ff02::1:3%lo", 5001},
+     "setsockopt(s, SO_REUSEADDR, 01000000)\n"
+     "bind(s, 0a000000000000000000000000000000000000000000000000000000)\n"
+     "setsockopt(s, IPPROTO_IPV6 IPV6_MULTICAST_IF, 00000000)\n"
+     "setsockopt(s, IPPROTO_IPV6 IPV6_ADD_MEMBERSHIP, ff02000000000000000000000001000300000000)\n",
+     SEND_TO + "0a00138900000000ff02000000000000000000000001000301000000)\n"}};
+VESK_TEST_TABLE(UDPOpen, makesTheCalls, testing::Test, CALLS_ROWS) {
     CallsRow const& row = GetParam();
     RecordedSocket recorded(row.local, row.peer, row.version);
     EXPECT_EQ(row.opening, recorded.open());
@@ -145,49 +185,6 @@ TEST_P(UDPOpen, makesTheCalls) {
     EXPECT_FALSE(recorded.socket.close(false));
     EXPECT_EQ("close(s)\n", recorded.calls.getText()) << "the system leaves the group";
 }
-
-CallsRow
-row(char const* name, IPSocket::IPProtocolVersion version, IPAddress const& local, IPAddress const& peer,
-    char const* opening, std::string writing) {
-    return {name, version, local, peer, opening, std::move(writing)};
-}
-
-std::string const SEND = "send(s, 616263, " + std::to_string(MSG_NOSIGNAL) + ")\n";
-std::string const SEND_TO = "sendto(s, 616263, " + std::to_string(MSG_NOSIGNAL) + ", ";
-
-INSTANTIATE_TEST_SUITE_P(
-    peers, UDPOpen,
-    testing::Values(
-        row("bindsAndConnectsToThePeer", IPSocket::IPV4, {"127.0.0.1", 5000}, {"192.0.2.7", 5001},
-            "bind(s, 020013887f0000010000000000000000)\n"
-            "connect(s, 02001389c00002070000000000000000)\n",
-            SEND),
-        row("bindsAndConnectsToThePeerOfIPv6", IPSocket::IPV6, {"::1", 5000}, {"fe80::7%lo", 5001},
-            "bind(s, 0a001388000000000000000000000000000000000000000100000000)\n"
-            "connect(s, 0a00138900000000fe80000000000000000000000000000701000000)\n",
-            SEND),
-        row("sharesTheAddressBindsSetsTheInterfaceAndJoinsTheGroup", IPSocket::IPV4, {"10.0.0.1", 5000},
-            {"239.1.2.3", 5001},
-            "setsockopt(s, SO_REUSEADDR, 01000000)\n"
-            "bind(s, 020013880a0000010000000000000000)\n"
-            "setsockopt(s, IPPROTO_IP IP_MULTICAST_IF, 0a000001)\n"
-            "setsockopt(s, IPPROTO_IP IP_ADD_MEMBERSHIP, ef0102030a000001)\n",
-            SEND_TO + "02001389ef0102030000000000000000)\n"),
-        row("joinsAGroupOfIPv6OnTheInterfaceOfTheLocalScope", IPSocket::IPV6, {"fe80::1%258", 5000},
-            {"ff02::1:3", 5001},
-            "setsockopt(s, SO_REUSEADDR, 01000000)\n"
-            "bind(s, 0a00138800000000fe80000000000000000000000000000102010000)\n"
-            "setsockopt(s, IPPROTO_IPV6 IPV6_MULTICAST_IF, 02010000)\n"
-            "setsockopt(s, IPPROTO_IPV6 IPV6_ADD_MEMBERSHIP, ff02000000000000000000000001000302010000)\n",
-            SEND_TO + "0a00138900000000ff02000000000000000000000001000300000000)\n"),
-        row("leavesTheInterfaceToTheSystemIfOnlyThePeerHasAScope", IPSocket::IPV6, {"::", 0},
-            {"ff02::1:3%lo", 5001},
-            "setsockopt(s, SO_REUSEADDR, 01000000)\n"
-            "bind(s, 0a000000000000000000000000000000000000000000000000000000)\n"
-            "setsockopt(s, IPPROTO_IPV6 IPV6_MULTICAST_IF, 00000000)\n"
-            "setsockopt(s, IPPROTO_IPV6 IPV6_ADD_MEMBERSHIP, ff02000000000000000000000001000300000000)\n",
-            SEND_TO + "0a00138900000000ff02000000000000000000000001000301000000)\n")),
-    testing::PrintToStringParamName());
 
 TEST(UDPSocket, emptyWriteSendsNothing) {
     for (auto const& peer : {PEER, GROUP}) {

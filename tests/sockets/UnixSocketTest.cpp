@@ -1,7 +1,6 @@
 #include "StreamSocketSupport.h"
 #include "support/TempFolder.h"
 
-#include <vesk/FileAccessError.h>
 #include <vesk/Group.h>
 #include <vesk/ProcessTNG.h>
 #include <vesk/User.h>
@@ -12,7 +11,6 @@ namespace {
 
 using namespace support;
 
-namespace FileAccessErrorId = vesk::FileAccessErrorId;
 using NameSpace = UnixSocketBase::NameSpace;
 
 constexpr auto ABSTRACT = UnixSocketBase::ABSTRACT;
@@ -122,9 +120,9 @@ TEST(UnixSocket, thatListensHasANameButNoPeer) {
     }
 }
 
-class UnixSocketAddress : public testing::TestWithParam<size_t> {};
-
-TEST_P(UnixSocketAddress, isCutToTheRoomButHasTheWholeLength) {
+VESK_TEST_EACH(
+    UnixSocketAddress, isCutToTheRoomButHasTheWholeLength, testing::Test,
+    (std::vector<size_t>{0, 1, 2, 104, 105, 106, 107, 108, 109, 110, 300})) {
     std::string const name(GetParam(), 'n');
     for (auto const name_space : {ABSTRACT, FILESYSTEM}) {
         sockaddr_un address{};
@@ -133,10 +131,6 @@ TEST_P(UnixSocketAddress, isCutToTheRoomButHasTheWholeLength) {
         EXPECT_EQ(filled(addressIn(name_space, cut)), bytesOf(&address, 110));
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    lengths, UnixSocketAddress, testing::Values(0, 1, 2, 104, 105, 106, 107, 108, 109, 110, 300),
-    testing::PrintToStringParamName());
 
 TEST(UnixSocket, addressTakesEveryByteButZero) {
     std::string name;
@@ -162,9 +156,9 @@ TEST(UnixSocket, addressHasRoomForAllThatTheSystemCopies) {
     EXPECT_GE(end - reinterpret_cast<char const*>(&socket.m_local_binary), 128);
 }
 
-class UnixSocketLongName : public testing::TestWithParam<size_t> {};
-
-TEST_P(UnixSocketLongName, isRejectedByTheSystem) {
+VESK_TEST_EACH(
+    UnixSocketLongName, isRejectedByTheSystem, testing::Test,
+    (std::vector<size_t>{108, 109, 125, 126, 300, 5000})) {
     if (!keepsAddresses()) {
         GTEST_SKIP() << "the emulator shortens addresses that are too long";
     }
@@ -184,16 +178,9 @@ TEST_P(UnixSocketLongName, isRejectedByTheSystem) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    lengths, UnixSocketLongName, testing::Values(108, 109, 125, 126, 300, 5000),
-    testing::PrintToStringParamName());
-
 // ---- Connecting ----
 
-class UnixSocketNameSpaces : public testing::TestWithParam<Transport> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    nameSpaces, UnixSocketNameSpaces, testing::Values(Transport::ABSTRACT, Transport::PATH), byParameters);
+VESK_SUITE(UnixSocketNameSpaces, UNIX_TRANSPORTS);
 
 TEST_P(UnixSocketNameSpaces, connectsByNameAndBindsOnlyANameOfItsOwn) {
     Listener const listener(GetParam());
@@ -267,27 +254,32 @@ TEST(UnixSocket, cannotBindAnAbstractNameAgainAfterAFailedConnectOrConnectWithou
 }
 
 /// A path, and what connecting to it and listening on it report.
-struct PathRow {
-    std::string name;
+struct PathRow : NamedRow {
+    char const* path;
     ErrnoRow connecting;
     ErrnoRow listening;
 };
 
-std::string getName(PathRow const& row) {
-    std::string name = row.name;
-    std::replace(name.begin(), name.end(), '/', '_');
-    return name;
+ErrnoRow spoiledBy(int error) {
+    return {SysErrorId::SPOILED_INTEGRITY, error};
 }
 
-class UnixSocketPath : public UnixSocketFile, public testing::WithParamInterface<PathRow> {};
-
-TEST_P(UnixSocketPath, thatIsNoSocketIsReported) {
+PathRow const PATHS[] = {
+    {"belowNothing", "none/own", spoiledBy(ENOENT), spoiledBy(ENOENT)},
+    {"belowAFile", "file/own", spoiledBy(ENOTDIR), spoiledBy(ENOTDIR)},
+    {"belowALoop", "loop/own", spoiledBy(ELOOP), spoiledBy(ELOOP)},
+    {"file", "file", REFUSED, IN_USE},
+    {"folder", "folder", REFUSED, IN_USE},
+    {"loop", "loop", spoiledBy(ELOOP), IN_USE},
+    {"closed", "closed", REFUSED, IN_USE},
+    {"datagrams", "datagrams", spoiledBy(EPROTOTYPE), IN_USE}};
+VESK_TEST_TABLE(UnixSocketPath, thatIsNoSocketIsReported, UnixSocketFile, PATHS) {
     m_folder.makeFile("file", "precious");
     m_folder.makeFolder("folder");
     m_folder.makeLink("loop", m_folder / "loop");
     { PlainServer const closed(pathAddress(m_folder / "closed")); }
     PlainServer const datagrams(pathAddress(m_folder / "datagrams"), SOCK_DGRAM);
-    std::string const path = m_folder / GetParam().name;
+    std::string const path = m_folder / GetParam().path;
     UnixClient client = makeClient("", path);
     EXPECT_TRUE(failsToConnect(client, GetParam().connecting));
     EXPECT_EQ(path, client.getPeerPath());
@@ -295,20 +287,6 @@ TEST_P(UnixSocketPath, thatIsNoSocketIsReported) {
     EXPECT_TRUE(failsToListen(server, GetParam().listening));
     EXPECT_EQ("precious", contentOf(m_folder / "file"));
 }
-
-ErrnoRow spoiledBy(int error) {
-    return {SysErrorId::SPOILED_INTEGRITY, error};
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    paths, UnixSocketPath,
-    testing::Values(
-        PathRow{"none/own", spoiledBy(ENOENT), spoiledBy(ENOENT)},
-        PathRow{"file/own", spoiledBy(ENOTDIR), spoiledBy(ENOTDIR)},
-        PathRow{"loop/own", spoiledBy(ELOOP), spoiledBy(ELOOP)}, PathRow{"file", REFUSED, IN_USE},
-        PathRow{"folder", REFUSED, IN_USE}, PathRow{"loop", spoiledBy(ELOOP), IN_USE},
-        PathRow{"closed", REFUSED, IN_USE}, PathRow{"datagrams", spoiledBy(EPROTOTYPE), IN_USE}),
-    byParameters);
 
 TEST_F(UnixSocketFile, isNeitherReachedNorCreatedWithoutPermission) {
     VESK_SKIP_UNLESS_ROOT();
@@ -369,9 +347,16 @@ Reports getReports(ErrnoRow const& row, std::string const& path) {
     return reports;
 }
 
-class UnixSocketRemoval : public UnixSocketFile, public testing::WithParamInterface<ErrnoRow> {};
-
-TEST_P(UnixSocketRemoval, failureIsReportedOnTopAndTheSocketIsDead) {
+auto const UNLINK_ROWS = errnoRows({
+    {{EPERM, EACCES, EROFS}, {SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED}},
+    {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, {SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH}},
+    {{EBUSY}, {SysErrorId::IN_USE, FileAccessErrorId::BUSY}},
+    {{EISDIR}, {SysErrorId::INVALID_PATH, FileAccessErrorId::IS_A_DIRECTORY}},
+    {{EFAULT}, {SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED}},
+    {{ENOMEM}, {SysErrorId::OUT_OF_MEMORY}},
+    {{EINTR, EIO}, {SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED}},
+});
+VESK_TEST_EACH(UnixSocketRemoval, failureIsReportedOnTopAndTheSocketIsDead, UnixSocketFile, UNLINK_ROWS) {
     auto const client = connect();
     int const fd = client->getSocketFd();
     Fault const fault(inject_unlink, GetParam().error);
@@ -381,19 +366,6 @@ TEST_P(UnixSocketRemoval, failureIsReportedOnTopAndTheSocketIsDead) {
     EXPECT_FALSE(isOpen(fd));
     EXPECT_TRUE(isSocketFile(m_own));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, UnixSocketRemoval,
-    testing::ValuesIn(errnoRows({
-        {{EPERM, EACCES, EROFS}, {SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED}},
-        {{ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP}, {SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH}},
-        {{EBUSY}, {SysErrorId::IN_USE, FileAccessErrorId::BUSY}},
-        {{EISDIR}, {SysErrorId::INVALID_PATH, FileAccessErrorId::IS_A_DIRECTORY}},
-        {{EFAULT}, {SysErrorId::SPOILED_INTEGRITY, FileAccessErrorId::UNCLASSIFIED}},
-        {{ENOMEM}, {SysErrorId::OUT_OF_MEMORY}},
-        {{EINTR, EIO}, {SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED}},
-    })),
-    byParameters);
 
 TEST_F(UnixSocketFile, thatWasRemovedByAnotherIsReportedByClose) {
     UnixServer server(m_folder / "other", true, FILESYSTEM);
@@ -417,10 +389,9 @@ TEST_F(UnixSocketFile, thatWasRemovedByAnotherIsReportedByClose) {
 
 TEST_F(UnixSocketFile, withTheNameOfAnAbstractSocketIsNotRemoved) {
     m_folder.makeFile("own", "precious");
-    Fault const removals(inject_unlink, 0);
+    Calls const removals(inject_unlink, 0);
     Connection const connection(Transport::ABSTRACT, {true, 0, 0, m_own});
     EXPECT_FALSE(closeSocket(*connection.client, false));
-    EXPECT_EQ(0, removals.getCalls());
     EXPECT_EQ("precious", contentOf(m_own));
 }
 
@@ -485,9 +456,8 @@ TEST(UnixServerSocket, withAnAbstractNameOfOneLetterBindsFourBytesAndCreatesNoFi
         });
         EXPECT_EQ("met", readFrom(*acceptSocket(server), 3));
         EXPECT_EQ(0, child.join());
-        Fault const removals(inject_unlink, 0);
+        Calls const removals(inject_unlink, 0);
         EXPECT_FALSE(server.close(false));
-        EXPECT_EQ(0, removals.getCalls());
         UnixServer next(letter, true, ABSTRACT);
         EXPECT_TRUE(listens(next)) << "the name has ended with its socket";
         return;
@@ -495,9 +465,9 @@ TEST(UnixServerSocket, withAnAbstractNameOfOneLetterBindsFourBytesAndCreatesNoFi
     FAIL() << "none of the names was free";
 }
 
-class UnixServerSocketName : public testing::TestWithParam<size_t> {};
-
-TEST_P(UnixServerSocketName, thatIsAbstractIsBoundExactlyUpTo106Bytes) {
+VESK_TEST_EACH(
+    UnixServerSocketName, thatIsAbstractIsBoundExactlyUpTo106Bytes, testing::Test,
+    (std::vector<size_t>{40, 104, 105, 106, 107})) {
     std::string name = makeName() + "-\x80\xff\1\n ";
     name.resize(GetParam(), 'n');
     // The last byte of a longer name becomes zero, for servers and for clients.
@@ -517,13 +487,9 @@ TEST_P(UnixServerSocketName, thatIsAbstractIsBoundExactlyUpTo106Bytes) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    lengths, UnixServerSocketName, testing::Values(40, 104, 105, 106, 107),
-    testing::PrintToStringParamName());
-
-class UnixServerSocketPath : public UnixSocketFile, public testing::WithParamInterface<size_t> {};
-
-TEST_P(UnixServerSocketPath, isTheNameOfAFileOfUpTo107Bytes) {
+VESK_TEST_EACH(
+    UnixServerSocketPath, isTheNameOfAFileOfUpTo107Bytes, UnixSocketFile,
+    (std::vector<size_t>{60, 105, 106, 107})) {
     std::string path = m_own;
     path.resize(GetParam(), 'p');
     UnixServer server(path, true, FILESYSTEM);
@@ -538,9 +504,6 @@ TEST_P(UnixServerSocketPath, isTheNameOfAFileOfUpTo107Bytes) {
     EXPECT_FALSE(server.close(false));
     EXPECT_FALSE(isSocketFile(path));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    lengths, UnixServerSocketPath, testing::Values(60, 105, 106, 107), testing::PrintToStringParamName());
 
 TEST_F(UnixSocketFile, isAnAddressInUseAfterItsProcessHasCrashed) {
     for (auto const name_space : {ABSTRACT, FILESYSTEM}) {
@@ -660,46 +623,34 @@ TEST_F(UnixSocketPeerName, isKeptIfThePeerHasNoneOrTheCallFailsOrReturnsAnotherF
     EXPECT_EQ(m_before, update());
     setAnswer(abstractAddress("other"));
     for (int const error : {EBADF, EFAULT, EINVAL, ENOBUFS, ENOTCONN, ENOTSOCK}) {
-        Fault const fault(inject_getpeername, error);
+        Calls const calls(inject_getpeername, 1, error);
         EXPECT_EQ(m_before, update());
-        EXPECT_EQ(1, fault.getCalls());
     }
     EXPECT_EQ("other", update());
 }
 
-struct PeerNameRow {
-    char const* name;
+struct PeerNameRow : NamedRow {
     std::string address;
     size_t length;
     std::string expected;
 };
 
-std::string getName(PeerNameRow const& row) {
-    return row.name;
-}
-
-class UnixSocketPeerNameRows : public UnixSocketPeerName, public testing::WithParamInterface<PeerNameRow> {};
-
-TEST_P(UnixSocketPeerNameRows, isTakenFromTheAddress) {
-    setAnswer(GetParam().address, GetParam().length);
-    EXPECT_EQ(GetParam().expected, update());
-    EXPECT_EQ(GetParam().expected.size(), m_client.getPeerPath().size());
-}
-
 std::string const PATH108(108, 'p');
 std::string const NAME107(107, 'n');
 std::string const BYTES("\0a\0\xff\n/\0", 7);
 
-INSTANTIATE_TEST_SUITE_P(
-    rows, UnixSocketPeerNameRows,
-    testing::Values(
-        PeerNameRow{"pathUpToItsZero", pathAddress(std::string("/run/x\0rest", 11)), 14, "/run/x"},
-        PeerNameRow{"pathWithoutAZero", pathAddress(PATH108), 111, PATH108},
-        PeerNameRow{"abstractNameOfAnyBytes", abstractAddress(BYTES), 10, BYTES},
-        PeerNameRow{"abstractNameThatFillsTheAddress", abstractAddress(NAME107), 110, NAME107},
-        PeerNameRow{"abstractNameWithALengthBeyondTheAddress", abstractAddress(NAME107), 200, NAME107},
-        PeerNameRow{"emptyAbstractName", abstractAddress(""), 3, ""}),
-    byParameters);
+PeerNameRow const PEER_NAME_ROWS[] = {
+    {"pathUpToItsZero", pathAddress(std::string("/run/x\0rest", 11)), 14, "/run/x"},
+    {"pathWithoutAZero", pathAddress(PATH108), 111, PATH108},
+    {"abstractNameOfAnyBytes", abstractAddress(BYTES), 10, BYTES},
+    {"abstractNameThatFillsTheAddress", abstractAddress(NAME107), 110, NAME107},
+    {"abstractNameWithALengthBeyondTheAddress", abstractAddress(NAME107), 200, NAME107},
+    {"emptyAbstractName", abstractAddress(""), 3, ""}};
+VESK_TEST_TABLE(UnixSocketPeerNameRows, isTakenFromTheAddress, UnixSocketPeerName, PEER_NAME_ROWS) {
+    setAnswer(GetParam().address, GetParam().length);
+    EXPECT_EQ(GetParam().expected, update());
+    EXPECT_EQ(GetParam().expected.size(), m_client.getPeerPath().size());
+}
 
 TEST(UnixSocket, learnsAbstractNamesWithEveryByte) {
     if (!keepsAddresses()) {
@@ -774,9 +725,8 @@ protected:
 
 TEST_F(UnixSocketCredentialsAnswer, isUnknownIfItFailsOrHasAnotherSizeOrNoUser) {
     for (int const error : {EBADF, EFAULT, EINVAL, ENOPROTOOPT, ENOTSOCK, ENODATA, EINTR}) {
-        Fault const fault(inject_getsockopt, error);
+        Calls const calls(inject_getsockopt, 1, error);
         EXPECT_EQ(UNKNOWN, getPeer(*client));
-        EXPECT_EQ(1, fault.getCalls());
         EXPECT_FALSE(client->hadError());
     }
     for (socklen_t const length : {0U, 1U, 4U, 8U, 11U, 13U, 16U, 128U}) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/LibcHeap.h"
+
 #include <cstddef>
 #include <cstdlib>
 #include <new>
@@ -23,10 +25,6 @@ inline thread_local int t_allocations = 0;
 } // namespace support
 
 extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-
 void* malloc(size_t size) {
     ++support::t_allocations;
     return __libc_malloc(size);

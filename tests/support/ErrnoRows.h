@@ -24,21 +24,18 @@
 
 namespace support {
 
+namespace SysErrorId = vesk::SysErrorId;
+namespace FileAccessErrorId = vesk::FileAccessErrorId;
+
 /// An error number of a system call, and the reports that an operation makes of it: the cause with the system's
 /// text and, if the operation reports it, the meaning for the path on top.
 struct ErrnoCase {
     int error;
-    vesk::SysErrorId::Id cause;
-    std::optional<vesk::FileAccessErrorId::Id> meaning = {};
+    SysErrorId::Id cause;
+    std::optional<FileAccessErrorId::Id> meaning = {};
 
     /// Checks that the pending chain is exactly these reports. Acknowledges the chain.
-    testing::AssertionResult isPending(std::string const& path = "") const {
-        std::vector<ExpectedReport> reports{{cause, rowText(cause, systemText(error))}};
-        if (meaning) {
-            reports.emplace_back(*meaning, rowText(*meaning, path));
-        }
-        return chainIs(reports);
-    }
+    testing::AssertionResult isPending(std::string const& path = "") const;
 };
 
 inline void PrintTo(ErrnoCase const& errno_case, std::ostream* out) {
@@ -48,29 +45,55 @@ inline void PrintTo(ErrnoCase const& errno_case, std::ostream* out) {
 /// Error numbers that an operation reports alike: one row of the library's table.
 struct ErrnoGroup {
     std::vector<int> errors;
-    vesk::SysErrorId::Id cause;
-    std::optional<vesk::FileAccessErrorId::Id> meaning = {};
+    SysErrorId::Id cause;
+    std::optional<FileAccessErrorId::Id> meaning = {};
 };
 
-/// Returns one test parameter per error number of a table.
-inline auto eachErrno(std::vector<ErrnoGroup> const& table) {
+/// Returns one case for each error number of a table.
+inline std::vector<ErrnoCase> rowsOf(std::vector<ErrnoGroup> const& table) {
     std::vector<ErrnoCase> cases;
     for (ErrnoGroup const& group : table) {
         for (int const error : group.errors) {
             cases.push_back({error, group.cause, group.meaning});
         }
     }
-    return testing::ValuesIn(cases);
+    return cases;
+}
+
+/// Returns them as test parameters.
+inline auto eachErrno(std::vector<ErrnoGroup> const& table) {
+    return testing::ValuesIn(rowsOf(table));
 }
 
 /// Returns the reports of a path that does not name what the operation needs.
 inline ErrnoCase badPath(int error) {
-    return {error, vesk::SysErrorId::INVALID_PATH, vesk::FileAccessErrorId::BAD_PATH};
+    return {error, SysErrorId::INVALID_PATH, FileAccessErrorId::BAD_PATH};
 }
 
 /// Returns the reports of a path to which access is denied.
 inline ErrnoCase accessDenied(int error) {
-    return {error, vesk::SysErrorId::PERMISSION_DENIED, vesk::FileAccessErrorId::ACCESS_DENIED};
+    return {error, SysErrorId::PERMISSION_DENIED, FileAccessErrorId::ACCESS_DENIED};
+}
+
+inline ErrnoCase const DENIED = accessDenied(EACCES);
+inline ErrnoCase const EXISTING{EEXIST, SysErrorId::FILE_EXISTS, FileAccessErrorId::ALREADY_EXISTS};
+
+/// Returns the reports of a row, the root cause first.
+inline std::vector<ExpectedReport> reportsOf(ErrnoCase const& row, std::string const& name = {}) {
+    std::string text = rowText(row.cause, systemText(row.error));
+    if (row.cause == SysErrorId::PATH_TOO_LONG) {
+        text = "Given path exceeds system maximum: " + name + " (" + std::to_string(name.size()) +
+            " chars encountered, only max ? chars allowed)";
+    }
+    std::vector<ExpectedReport> reports{{row.cause, text}};
+    if (row.meaning) {
+        reports.emplace_back(*row.meaning, rowText(*row.meaning, name));
+    }
+    return reports;
+}
+
+inline testing::AssertionResult ErrnoCase::isPending(std::string const& path) const {
+    return chainIs(reportsOf(*this, path));
 }
 
 /// Returns the report that a contract with the caller is broken.
@@ -138,12 +161,12 @@ inline std::vector<ExpectedReport> withErrno(std::vector<ExpectedReport> reports
 
 /// Leaves a report pending, which shows whether an operation opens a new chain.
 inline void leaveOlderReport() {
-    std::ErrorOutput("older", 1, true)(vesk::SysErrorId::NO_SUCH_PROCESS);
+    std::ErrorOutput("older", 1, true)(SysErrorId::NO_SUCH_PROCESS);
 }
 
 /// Checks that only the report of `leaveOlderReport` is pending.
 inline testing::AssertionResult onlyOlderIsPending() {
-    return chainIs({{vesk::SysErrorId::NO_SUCH_PROCESS}});
+    return chainIs({{SysErrorId::NO_SUCH_PROCESS}});
 }
 
 /// Checks the texts of a family's rows, all of which have as many arguments unless listed in `other_counts` by their

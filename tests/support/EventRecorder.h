@@ -1,6 +1,7 @@
 #pragma once
 
 #include <tarncommon/error/GlobalErrorHandler.h>
+#include <tarncommon/tarnbase/NonCopyable.h>
 
 #include <mutex>
 #include <string>
@@ -20,13 +21,10 @@ struct RecordedEvent {
 
 /// Records every event of `std::GlobalErrorHandler` during its lifetime and suppresses the default actions:
 /// an abort returns, and the code after it continues.
-class EventRecorder {
+class EventRecorder : tarnbase::NonCopyable {
 public:
     EventRecorder();
     ~EventRecorder();
-
-    EventRecorder(EventRecorder const&) = delete;
-    EventRecorder& operator=(EventRecorder const&) = delete;
 
     /// Returns the events so far, in order.
     std::vector<RecordedEvent> getEvents() const;

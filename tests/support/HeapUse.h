@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/LibcHeap.h"
+
 #include <atomic>
 #include <cstddef>
 #include <malloc.h>
@@ -31,12 +33,6 @@ inline void* countBlock(void* block, int sign = 1) {
 } // namespace support
 
 extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void* __libc_memalign(size_t, size_t);
-void __libc_free(void*);
-
 void* malloc(size_t size) {
     return support::countBlock(__libc_malloc(size));
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -62,7 +64,7 @@ private:
 
 /// Counts the calls of a function during its lifetime and makes some of them fail. Each function can have
 /// only one `Fault` at a time.
-class Fault {
+class Fault : tarnbase::NonCopyable {
 public:
     static constexpr int FOREVER = 1 << 30;
 
@@ -75,9 +77,6 @@ public:
     Fault(
         Injected& function, int error, int nth = 1, int times = 1, Threads threads = Threads::MINE) noexcept;
     ~Fault();
-
-    Fault(Fault const&) = delete;
-    Fault& operator=(Fault const&) = delete;
 
     /// Returns the number of calls so far.
     int getCalls() const noexcept { return m_function.m_calls; }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <clocale>
 #include <cstdlib>
 #include <cwchar>
@@ -11,14 +13,11 @@
 namespace support {
 
 /// Sets the locale of the process during its lifetime. "C" and "C.UTF-8" are part of libc and need no files.
-class ScopedLocale {
+class ScopedLocale : tarnbase::NonCopyable {
 public:
     explicit ScopedLocale(char const* name)
         : m_previous(setlocale(LC_CTYPE, nullptr)), m_set(setlocale(LC_CTYPE, name) != nullptr) {}
     ~ScopedLocale() { setlocale(LC_CTYPE, m_previous.c_str()); }
-
-    ScopedLocale(ScopedLocale const&) = delete;
-    ScopedLocale& operator=(ScopedLocale const&) = delete;
 
     /// Returns whether the system has the locale.
     bool isSet() const { return m_set; }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <cstddef>
 #include <cstdlib>
 #include <new>
@@ -15,7 +17,7 @@ enum class New { SINGLE, NOTHROW_SINGLE, NOTHROW_ARRAY };
 
 /// Counts the calls of one allocation function by this thread during its lifetime and makes some of them
 /// fail. A thread can have only one `NewFault` at a time.
-class NewFault {
+class NewFault : tarnbase::NonCopyable {
 public:
     static constexpr int FOREVER = 1 << 30;
 
@@ -27,9 +29,6 @@ public:
         t_current = this;
     }
     ~NewFault() { t_current = nullptr; }
-
-    NewFault(NewFault const&) = delete;
-    NewFault& operator=(NewFault const&) = delete;
 
     /// Returns the number of calls so far.
     int getCalls() const noexcept { return m_calls; }

@@ -2,6 +2,8 @@
 
 #include "support/Eventually.h"
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -22,7 +24,7 @@ namespace support {
 
 /// An object in a mapping that forked children share with the test.
 template <typename T>
-class SharedObject {
+class SharedObject : tarnbase::NonCopyable {
 public:
     template <typename... Args>
     explicit SharedObject(Args&&... args)
@@ -36,9 +38,6 @@ public:
         m_object->~T();
         munmap(m_memory, sizeof(T));
     }
-
-    SharedObject(SharedObject const&) = delete;
-    SharedObject& operator=(SharedObject const&) = delete;
 
     T& operator*() const noexcept { return *m_object; }
     T* operator->() const noexcept { return m_object; }

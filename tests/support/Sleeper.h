@@ -3,21 +3,20 @@
 #include "support/Processes.h"
 #include "support/Threads.h"
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <functional>
 
 namespace support {
 
 /// Runs `body` in a thread, and can wait until this thread sleeps in a system call. The destructor joins the
 /// thread.
-class Sleeper {
+class Sleeper : tarnbase::NonCopyable {
 public:
     explicit Sleeper(std::function<void()> body) : m_body(std::move(body)) {
         EXPECT_EQ(0, pthread_create(&m_thread, nullptr, run, this));
     }
     ~Sleeper() { join(); }
-
-    Sleeper(Sleeper const&) = delete;
-    Sleeper& operator=(Sleeper const&) = delete;
 
     /// Waits until the thread sleeps in the wait that it enters next.
     void awaitSleep() const {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -17,7 +19,7 @@ namespace support {
 ///
 /// It is in memory: a 32-bit program under user-mode QEMU cannot list a folder on most disk file systems,
 /// because their directory positions exceed 32 bits.
-class TempFolder {
+class TempFolder : tarnbase::NonCopyable {
 public:
     /// Returns the folder in memory in which temporary folders are created.
     static std::string getParent() {
@@ -36,9 +38,6 @@ public:
         std::filesystem::remove_all(m_path, error);
         EXPECT_FALSE(error) << m_path << ": " << error.message();
     }
-
-    TempFolder(TempFolder const&) = delete;
-    TempFolder& operator=(TempFolder const&) = delete;
 
     std::string const& getPath() const { return m_path; }
 
@@ -90,16 +89,13 @@ private:
 };
 
 /// A file that a replaced function opens instead of another one. Its path is in `path` during its lifetime.
-class FileInstead {
+class FileInstead : tarnbase::NonCopyable {
 public:
     FileInstead(char const*& path, std::string const& content)
         : m_file(m_folder.makeFile("file", content)), m_path(path) {
         m_path = m_file.c_str();
     }
     ~FileInstead() { m_path = nullptr; }
-
-    FileInstead(FileInstead const&) = delete;
-    FileInstead& operator=(FileInstead const&) = delete;
 
     std::string const& getFolder() const { return m_folder.getPath(); }
 

@@ -173,40 +173,33 @@ struct Malformed : support::NamedRow {
     CodePoints code_points;
 };
 
-class UnicodeStringMalformed : public testing::TestWithParam<Malformed> {};
-
-TEST_P(UnicodeStringMalformed, becomesOneReplacementForEachMaximalPiece) {
+constexpr unsigned int R = REPLACEMENT_CHAR;
+Malformed const MALFORMED[] = {
+    {"followingByteAlone", "a\x80z", {'a', R, 'z'}},
+    {"twoFollowingBytes", "\x80\xBF", {R, R}},
+    {"firstByteAtTheEnd", "a\xC3", {'a', R}},
+    {"firstByteBeforeASCII", "\xC3z", {R, 'z'}},
+    {"twoOfThreeBytesAtTheEnd", "\xE2\x82", {R}},
+    {"twoOfThreeBytes", "\xE2\x82z", {R, 'z'}},
+    {"threeOfFourBytes", "\xF0\x9F\x96z", {R, 'z'}},
+    {"twoOfFourBytes", "\xF1\x80z", {R, 'z'}},
+    {"brokenOffByTheNextCharacter", "\xE2\x82\xC3\xA4", {R, 0xE4}},
+    {"overlongTwoBytes", "\xC0\xAF", {R, R}},
+    {"overlongThreeBytes", "\xE0\x9F\xBF", {R, R, R}},
+    {"overlongFourBytes", "\xF0\x8F\xBF\xBF", {R, R, R, R}},
+    {"surrogate", "\xED\xA0\x80", {R, R, R}},
+    {"beyondTheLastCodePoint", "\xF4\x90\x80\x80", {R, R, R, R}},
+    {"firstByteBeyond", "\xF5\x80\x80\x80", {R, R, R, R}},
+    {"bytesThatNeverOccur", "\xFE\xFF", {R, R}},
+    {"severalInARow",
+     "a\xF1\x80\x80\xE1\x80\xC2"
+     "b\x80"
+     "c\x80\xBF"
+     "d",
+     {'a', R, R, R, 'b', R, 'c', R, R, 'd'}}};
+VESK_TEST_TABLE(UnicodeStringMalformed, becomesOneReplacementForEachMaximalPiece, testing::Test, MALFORMED) {
     EXPECT_EQ(GetParam().code_points, getCodePoints(String::fromUTF8(GetParam().bytes)));
 }
-
-constexpr unsigned int R = REPLACEMENT_CHAR;
-
-INSTANTIATE_TEST_SUITE_P(
-    All, UnicodeStringMalformed,
-    testing::Values(
-        Malformed{"following byte alone", "a\x80z", {'a', R, 'z'}},
-        Malformed{"two following bytes", "\x80\xBF", {R, R}},
-        Malformed{"first byte at the end", "a\xC3", {'a', R}},
-        Malformed{"first byte before ASCII", "\xC3z", {R, 'z'}},
-        Malformed{"two of three bytes at the end", "\xE2\x82", {R}},
-        Malformed{"two of three bytes", "\xE2\x82z", {R, 'z'}},
-        Malformed{"three of four bytes", "\xF0\x9F\x96z", {R, 'z'}},
-        Malformed{"two of four bytes", "\xF1\x80z", {R, 'z'}},
-        Malformed{"broken off by the next character", "\xE2\x82\xC3\xA4", {R, 0xE4}},
-        Malformed{"overlong two bytes", "\xC0\xAF", {R, R}},
-        Malformed{"overlong three bytes", "\xE0\x9F\xBF", {R, R, R}},
-        Malformed{"overlong four bytes", "\xF0\x8F\xBF\xBF", {R, R, R, R}},
-        Malformed{"surrogate", "\xED\xA0\x80", {R, R, R}},
-        Malformed{"beyond the last code point", "\xF4\x90\x80\x80", {R, R, R, R}},
-        Malformed{"first byte beyond", "\xF5\x80\x80\x80", {R, R, R, R}},
-        Malformed{"bytes that never occur", "\xFE\xFF", {R, R}},
-        Malformed{
-            "several in a row",
-            "a\xF1\x80\x80\xE1\x80\xC2"
-            "b\x80"
-            "c\x80\xBF"
-            "d",
-            {'a', R, R, R, 'b', R, 'c', R, R, 'd'}}));
 
 TEST(UnicodeString, invalidElementsBecomeReplacementsInUTF8) {
     for (unsigned int const element : {0xD800U, 0xDFFFU, 0x110000U, 0xFFFFFFFFU}) {

@@ -20,13 +20,10 @@ struct Pass {
 };
 
 /// Records each conversion during its lifetime. Only one can exist at a time.
-class Conversions {
+class Conversions : tarnbase::NonCopyable {
 public:
     Conversions() { s_current = this; }
     ~Conversions() { s_current = nullptr; }
-
-    Conversions(Conversions const&) = delete;
-    Conversions& operator=(Conversions const&) = delete;
 
     /// Runs before each pass, counted from 1.
     std::function<void(size_t)> before = [](size_t) {};

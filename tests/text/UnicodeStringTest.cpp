@@ -11,10 +11,7 @@
 #include <vesk/UnicodeString.h>
 #include <vesk/WidePath.h>
 
-#include <atomic>
-#include <cstring>
 #include <memory>
-#include <optional>
 #include <type_traits>
 
 namespace support {
@@ -80,7 +77,7 @@ void expectText(char const* text, unsigned int size, uint32_t storage, UnicodeSt
 }
 
 /// Watches a piece of memory. The destructor frees it.
-class Watch {
+class Watch : tarnbase::NonCopyable {
 public:
     explicit Watch(char const* memory) : m_memory(const_cast<char*>(memory)) {
         s_watched = m_memory;
@@ -92,8 +89,6 @@ public:
             free(m_memory);
         }
     }
-    Watch(Watch const&) = delete;
-    Watch& operator=(Watch const&) = delete;
 
     void expectFreed(int count) {
         m_expected = count != 0;

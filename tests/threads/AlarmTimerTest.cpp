@@ -592,7 +592,7 @@ bool isCaught(int signal) {
 }
 
 TEST(AlarmTimerLife, threadAndHandlerExistBeforeTheTimerAndTheThreadEndsBeforeIt) {
-    int const threads = countThreads();
+    int const threads = g_threads_at_start;
     KernelTimers timers;
     int calls = 0;
     auto const check = [&](int expected_threads) {

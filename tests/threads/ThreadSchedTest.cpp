@@ -275,7 +275,6 @@ VESK_TEST_TABLE(
 TEST(ThreadOlderConstructor, canDetachAndReadsThePolicyOnlyForAPriority) {
     Event done;
     Body body = [&done] { done.set(); };
-    int const before = countThreads();
     Fault const reads(inject_pthread_getschedparam, 0);
     { Thread const thread(doNothing, nullptr, "older", false, 50, 0, false); }
     EXPECT_EQ(0, reads.getCalls());
@@ -285,7 +284,7 @@ TEST(ThreadOlderConstructor, canDetachAndReadsThePolicyOnlyForAPriority) {
     EXPECT_TRUE(thread.join());
     EXPECT_TRUE(chainIs({std::CommonErrorId::CONTRACT_BROKEN}));
     EXPECT_TRUE(done.wait());
-    EXPECT_TRUE(hasThreads(before));
+    EXPECT_TRUE(hasThreads(g_threads_at_start));
 }
 
 Seen seeIn(Policy_E policy, int priority, int nice) {
@@ -600,7 +599,6 @@ void expectGone(Thread& thread) {
 TEST_F(ThreadRunning, nothingIsSetOnceItWasJoinedOrATerminatedOneHasEnded) {
     m_thread.end();
     expectGone(m_thread);
-    int const before = countThreads();
     Event ready;
     StartedThread thread([&ready] {
         ready.set();
@@ -608,15 +606,14 @@ TEST_F(ThreadRunning, nothingIsSetOnceItWasJoinedOrATerminatedOneHasEnded) {
     });
     EXPECT_TRUE(ready.wait());
     EXPECT_FALSE(thread.terminate());
-    EXPECT_TRUE(hasThreads(before));
+    EXPECT_TRUE(hasThreads(g_threads_at_start));
     expectGone(thread);
 }
 
 TEST_F(ThreadRunning, nothingIsSetOnceADetachedOneHasEnded) {
-    int const before = countThreads();
     Thread thread(doNothing, nullptr, nullptr, Attr(), true);
     EXPECT_FALSE(thread.start());
-    EXPECT_TRUE(hasThreads(before));
+    EXPECT_TRUE(hasThreads(g_threads_at_start + 1));
     // A new thread mostly takes the place of the old one.
     HeldThread const next;
     expectGone(thread);

@@ -32,7 +32,7 @@ void use(int round) {
 }
 
 TEST(TimerLife, lastTimerIsCreatedAndDestroyedManyTimesInARow) {
-    int const threads = countThreads();
+    int const threads = g_threads_at_start;
     for (int i = 0; i < 8; ++i) {
         use(i); // The first threads of a process leave stacks to be used again.
     }
@@ -48,7 +48,7 @@ TEST(TimerLife, lastTimerIsCreatedAndDestroyedManyTimesInARow) {
 }
 
 TEST(TimerLife, lastTimerIsCreatedAndDestroyedManyTimesByManyThreads) {
-    int const threads = countThreads();
+    int const threads = g_threads_at_start;
     constexpr int THREADS = 4;
     auto const useManyTimes = [](int rounds) {
         runThreads(THREADS, [rounds](int thread) {

@@ -2,6 +2,7 @@
 
 #include <vesk/Export.h>
 #include <vesk/common/ScopedLock.h>
+#include <vesk/common/StandardGuards.h>
 
 #include <tarncommon/error/ErrorType.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
@@ -46,7 +47,7 @@ public:
     /// Waits for the lock (`pthread_mutex_lock`).
     /// @return true on failure: `ErrorId::INCONSISTENT` if the caller already holds a lock that is not
     ///         recursive, or if the lock is broken; otherwise `ErrorId::LOCK_FAILED`
-    VESK_API_INLINE bool lock() const noexcept TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
+    [[nodiscard]] VESK_API_INLINE bool lock() const noexcept TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
         int const result = m_impl.lock();
         return __builtin_expect(result != 0, 0) && reportLock(result);
     }
@@ -72,3 +73,5 @@ private:
 using MutexLock = ScopedLock<Mutex const>;
 
 } // namespace vesk
+
+VESK_REFUSE_STANDARD_GUARDS(vesk::Mutex, vesk::MutexLock)

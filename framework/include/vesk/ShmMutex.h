@@ -4,6 +4,7 @@
 #include <vesk/Mutex.h>
 #include <vesk/MutexOps.h>
 #include <vesk/common/ScopedLock.h>
+#include <vesk/common/StandardGuards.h>
 
 #include <tarncommon/error/ErrorType.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
@@ -49,7 +50,7 @@ public:
 
     /// Waits for the lock (`pthread_mutex_lock`). Returns true on failure: `ErrorId::INCONSISTENT` if the
     /// lock is broken or its state does not allow the call, otherwise `ErrorId::LOCK_FAILED`.
-    bool lock() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
+    [[nodiscard]] bool lock() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
         int const error = pthread_mutex_lock(&m_mutex);
         return __builtin_expect(error != 0, 0) && MutexOps::handleLockError(error);
     }
@@ -84,3 +85,5 @@ private:
 using ShmMutexLock = ScopedLock<ShmMutex const>;
 
 } // namespace vesk
+
+VESK_REFUSE_STANDARD_GUARDS(vesk::ShmMutex, vesk::ShmMutexLock)

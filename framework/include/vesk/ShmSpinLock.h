@@ -3,6 +3,7 @@
 #include <vesk/Export.h>
 #include <vesk/SpinLock.h>
 #include <vesk/common/ScopedLock.h>
+#include <vesk/common/StandardGuards.h>
 #include <vesk/posix/SpinLockBase.h>
 
 #include <tarncommon/error/ErrorType.h>
@@ -33,3 +34,5 @@ public:
 using ShmSpinLockGuard = ScopedLock<ShmSpinLock const>;
 
 } // namespace vesk
+
+VESK_REFUSE_STANDARD_GUARDS(vesk::ShmSpinLock, vesk::ShmSpinLockGuard)

@@ -70,7 +70,8 @@ public:
 
     /// Asserts that a valid socket is closed: "m_socket_handle.socket_fd == INVALID_SOCKET_FD" and
     /// "m_socket_state == DEAD". Every subclass with a constructor of its own closes the socket in its
-    /// destructor, which runs before this one.
+    /// destructor, which runs before this one. If such a constructor throws, there is no assertion, and the
+    /// descriptor is closed.
     ~Socket() override;
 
     /// Returns whether the socket can be used: its buffers were allocated, its constructor succeeded, and it

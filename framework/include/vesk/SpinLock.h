@@ -2,6 +2,7 @@
 
 #include <vesk/Export.h>
 #include <vesk/common/ScopedLock.h>
+#include <vesk/common/StandardGuards.h>
 #include <vesk/posix/SpinLockBase.h>
 
 #include <tarncommon/error/ErrorType.h>
@@ -45,3 +46,5 @@ public:
 using SpinLockGuard = ScopedLock<SpinLock const>;
 
 } // namespace vesk
+
+VESK_REFUSE_STANDARD_GUARDS(vesk::SpinLock, vesk::SpinLockGuard)

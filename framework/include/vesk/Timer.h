@@ -29,7 +29,8 @@ namespace vesk {
 /// The callback may call `start`, `stop` and `snooze` of any timer, of both priorities. It may destroy its
 /// own timer, unless that is the last one of its priority. It must not destroy another timer, since the
 /// callback of that timer may be due at the same moment. An exception that leaves the callback ends the
-/// process.
+/// process. A derived class must call `stop` in its own destructor: the callback may otherwise run when only
+/// the base class is left.
 ///
 /// Two callbacks of different priority may stop or start each other's timers at the same time. The second of
 /// these calls does not wait: it returns while the other callback is still inside its own call, which

@@ -1,5 +1,7 @@
 #include <vesk/SignalQueueImpl.h>
 
+#include "vesk/posix/detail/SystemErrorText.h"
+
 #include <vesk/common/CancellationOff.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -111,7 +113,7 @@ void SignalQueueImpl::NotifierImpl::signal() {
         return;
     }
     // strerror is not used here: it may take a lock.
-    char const* const text = strerrordesc_np(error);
+    char const* const text = getErrorDescription(error);
     tarnbase::abort(
         SOURCE, __LINE__, "signal", "write to self-pipe failed with errno=%d (%s)", error,
         text != nullptr ? text : "Unknown error");

@@ -2,6 +2,8 @@
 
 #include "support/Inject.h"
 
+#include <tarncommon/tarnbase/NonCopyable.h>
+
 #include <cinttypes>
 #include <cstddef>
 #include <cstdint>
@@ -34,13 +36,10 @@ struct MapCall {
 };
 
 /// Records the first `MAX` calls during its lifetime.
-class MapCalls {
+class MapCalls : tarnbase::NonCopyable {
 public:
     MapCalls() { s_current = this; }
     ~MapCalls() { s_current = nullptr; }
-
-    MapCalls(MapCalls const&) = delete;
-    MapCalls& operator=(MapCalls const&) = delete;
 
     static void add(MapCall const& call) noexcept {
         if (s_current != nullptr && s_current->m_count < MAX) {

@@ -21,7 +21,7 @@ public:
     /// Spins until the lock is acquired (`pthread_spin_lock`). Does not sleep. A caller that already holds
     /// the lock spins forever. Returns true on failure: `ErrorId::INCONSISTENT` or `ErrorId::UNLOCK_FAILED`;
     /// see `SpinLockOps::handleLockError`.
-    bool lock() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
+    [[nodiscard]] bool lock() const TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
         int const error = pthread_spin_lock(&m_lock);
         return __builtin_expect(error != 0, 0) && SpinLockOps::handleLockError(error);
     }

@@ -27,7 +27,7 @@ public:
     ErrorType const* getType() const noexcept { return m_type; }
 
     /// Returns the id of the row in its family. The id may lie outside of the table.
-    int getID() const noexcept { return m_id; }
+    int getID() const noexcept { return m_type == nullptr ? -1 : m_id; }
 
     /// Returns the formatted text, at most `TEXT_SIZE` - 1 bytes.
     char const* getText() const noexcept { return m_text; }
@@ -39,8 +39,9 @@ public:
 private:
     friend class ErrorOutput;
 
+    // All zero in an empty report, so that the chain of each thread needs no initial image in the library.
     ErrorType const* m_type = nullptr;
-    int m_id = -1;
+    int m_id = 0;
     unsigned int m_length = 0;
     char m_text[TEXT_SIZE] = {};
 };

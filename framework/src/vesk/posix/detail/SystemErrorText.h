@@ -1,21 +1,21 @@
 #pragma once
 
+#include "vesk/posix/detail/ErrorDescriptions.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 namespace vesk::detail {
 
-/// Returns the system's text for an error number, in English. The text is a constant: reading it takes
-/// neither a lock nor the heap, while glibc's `strerror` may translate and takes the lock of the locale. With
-/// glibc the result is null for a number that the system does not know.
+/// Returns the system's text for an error number, in English, or null for a number that the system does not
+/// know. The text is a constant: reading it takes neither a lock nor the heap, while glibc's `strerror` may
+/// translate and takes the lock of the locale.
 inline char const* getErrorDescription(int error_number) noexcept {
-#if !defined(__GLIBC__)
-    return strerror(error_number); // NOLINT(concurrency-mt-unsafe): it looks the text up in a constant table.
-#elif __GLIBC_PREREQ(2, 32)
+#if defined(VESK_HAS_STRERRORDESC_NP)
     return strerrordesc_np(error_number);
 #else
-    return error_number >= 0 && error_number < sys_nerr ? sys_errlist[error_number] : nullptr;
+    return findErrorDescription(error_number);
 #endif
 }
 

@@ -7,6 +7,7 @@
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
 #include <vesk/common/KeptErrorChain.h>
+#include <vesk/common/UniqueFd.h>
 
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -54,9 +55,18 @@ BinTempFileRW::BinTempFileRW(WidePath const& prefix) : m_path(prefix) {
         // Built anew for each attempt: a failed attempt may have changed the template.
         m_path.assign(prefix).append(L"XXXXXX");
         UnicodeString const narrow(m_path);
-        m_fd = makeFile(narrow);
+        UniqueFd created(makeFile(narrow));
         error = errno;
-        m_path.assign(narrow);
+        // Without memory for its name, the file must not stay behind: no destructor would remove it.
+        try {
+            m_path.assign(narrow);
+        } catch (...) {
+            if (created.isOpen()) {
+                unlink(narrow.c_str());
+            }
+            throw;
+        }
+        m_fd = created.release();
     } while (m_fd == -1 && handleTemplateError(error, UnicodeString(m_path).c_str()));
 }
 

@@ -3,10 +3,13 @@
 #include "SocketPosixCommon.h"
 #include "vesk/posix/detail/SystemErrorText.h"
 
+#include <vesk/common/UniqueFd.h>
+
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <algorithm>
+#include <exception>
 #include <fcntl.h>
 #include <iterator>
 #include <poll.h>
@@ -90,6 +93,11 @@ Socket::Socket(bool blocking, unsigned int read_buffer, unsigned int write_buffe
 
 Socket::~Socket() {
     if (!m_object_valid) {
+        return;
+    }
+    // A constructor of a subclass has thrown: the destructor of that class, which closes the socket, did not run.
+    if (m_socket_state != DEAD && std::uncaught_exceptions() != 0) {
+        UniqueFd const unused(m_socket_handle.socket_fd);
         return;
     }
     std::GlobalErrorHandler::doAssert(

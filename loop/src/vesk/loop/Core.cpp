@@ -1,0 +1,351 @@
+#include "Core.h"
+#include "Job.h"
+
+#include <vesk/common/CancellationOff.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <sys/eventfd.h>
+#include <unistd.h>
+#include <utility>
+
+namespace vesk::loop::detail {
+
+using vesk::detail::CancellationOff;
+
+// ---- life ----
+
+namespace {
+
+/// The number of forks between the first process with a loop and this one. A child of `fork` shares the epoll set
+/// with its parent, and must not change it.
+std::atomic<unsigned int> s_forks{0};
+
+unsigned int countForks() noexcept {
+    static int const s_result = pthread_atfork(nullptr, nullptr, [] { ++s_forks; });
+    static_cast<void>(s_result);
+    return s_forks;
+}
+
+} // namespace
+
+bool Core::isInherited() const noexcept {
+    return m_forks != s_forks;
+}
+
+Core::Core() noexcept
+    : m_forks(countForks()),
+      m_epoll(epoll_create1(EPOLL_CLOEXEC)),
+      m_event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (!m_epoll.isOpen() || !m_event.isOpen() || !add(m_event, EVENT, EPOLLIN | EPOLLET)) {
+        m_creation_error = errno;
+    }
+}
+
+Core::~Core() = default;
+
+/// Adds a descriptor of the loop's own.
+bool Core::add(UniqueFd const& fd, int number, uint32_t events) noexcept {
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = toData(number, 0);
+    return epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, fd.get(), &event) == 0;
+}
+
+void Core::close() noexcept {
+    // Destroyed without the lock: their objects may own watches.
+    Posts posts[PRIORITIES];
+    std::shared_ptr<Callback<void(std::exception_ptr)>> hook;
+    Locked const locked(m_lock);
+    std::swap(posts, m_posts);
+    std::swap(hook, m_exception_hook);
+    for (size_t fd = 0; fd < m_slots.size(); ++fd) {
+        for (FdSource* const source : {m_slots[fd].reader, m_slots[fd].writer}) {
+            if (source != nullptr) {
+                setOver(*source);
+            }
+        }
+    }
+    while (!m_heap.empty()) {
+        setOver(*m_heap.back());
+    }
+    while (!m_signals.empty()) {
+        setOver(*m_signals.back());
+    }
+    while (!m_idle.empty()) {
+        setOver(*m_idle.back());
+    }
+    // Timers that have expired but were not fired.
+    for (size_t i = 0; i < PRIORITIES; ++i) {
+        m_due[i].takeAll(m_ready[i]);
+        while (!m_due[i].isAlone()) {
+            setOver(static_cast<Source&>(*m_due[i].getNext()));
+        }
+    }
+    m_signal_fd.close();
+    m_timer_fd.close();
+    m_event.close();
+    m_epoll.close();
+}
+
+// ---- sources ----
+
+void Core::setActive(Source& source) noexcept {
+    source.is_attached = true;
+    ++m_active;
+}
+
+/// Ends the activity of an attached source.
+void Core::setOver(Source& source) noexcept {
+    source.detach();
+    source.remove();
+    source.is_attached = false;
+    --m_active;
+}
+
+void Core::setReady(Source& source) noexcept {
+    if (source.isAlone()) {
+        m_ready[static_cast<size_t>(source.getPriority())].insert(source);
+    }
+}
+
+bool Core::isActive(Source const& source) noexcept {
+    Locked const locked(m_lock);
+    return source.is_attached && m_epoll.isOpen();
+}
+
+bool Core::finish(Source& source) noexcept {
+    Locked const locked(m_lock);
+    bool const was_active = source.is_attached;
+    if (was_active) {
+        setOver(source);
+    }
+    return was_active;
+}
+
+void Core::cancel(Source& source) noexcept {
+    CancellationOff const cancellation_off;
+    Locked const locked(m_lock);
+    if (source.is_attached) {
+        setOver(source);
+    }
+    source.leave();
+    while (m_running == &source && !isLoopThread() && !isInherited()) {
+        m_lock.wait(m_callback_over);
+    }
+}
+
+bool Core::isLoopThread() const noexcept {
+    return m_is_entered && pthread_equal(m_thread, pthread_self()) != 0;
+}
+
+void Core::attach(JobSource& source) noexcept {
+    Locked const locked(m_lock);
+    setActive(source);
+}
+
+int Core::signal(Source const& child, pid_t pid, int number) noexcept {
+    Locked const locked(m_lock);
+    return child.is_attached ? kill(pid, number) == 0 ? 0 : errno : ESRCH;
+}
+
+// ---- posts and wake-ups ----
+
+bool Core::hasPosts() const noexcept {
+    return std::any_of(
+        std::begin(m_posts), std::end(m_posts), [](Posts const& posts) { return !posts.isEmpty(); });
+}
+
+bool Core::hasReady() const noexcept {
+    constexpr auto IS_FILLED = [](Link const& list) { return !list.isAlone(); };
+    return std::any_of(std::begin(m_ready), std::end(m_ready), IS_FILLED) ||
+        std::any_of(std::begin(m_due), std::end(m_due), IS_FILLED);
+}
+
+/// Ends the wait of the loop's thread, or the next one. The counter of the descriptor is never read: the loop
+/// watches its edges.
+void Core::wake() noexcept {
+    if (!m_is_awake && !m_is_woken && !isInherited()) {
+        m_is_woken = true;
+        CancellationOff const cancellation_off;
+        eventfd_write(m_event.get(), 1);
+    }
+}
+
+void Core::post(Callback<void()> call, Priority priority) {
+    Locked const locked(m_lock);
+    m_posts[static_cast<size_t>(priority)].incoming.push_back(std::move(call));
+    wake();
+}
+
+void Core::stop() noexcept {
+    m_stop = true;
+    Locked const locked(m_lock);
+    wake();
+}
+
+bool Core::isDone() noexcept {
+    Locked const locked(m_lock);
+    return m_active == 0 && !hasPosts();
+}
+
+// ---- a round ----
+
+bool Core::enter() noexcept {
+    Locked const locked(m_lock);
+    if (m_is_entered) {
+        return false;
+    }
+    m_is_entered = true;
+    m_thread = pthread_self();
+    return true;
+}
+
+void Core::leave() noexcept {
+    Locked const locked(m_lock);
+    m_is_entered = false;
+}
+
+int Core::runOnce(Clock::duration timeout, bool& called) {
+    Clock::duration limit{};
+    {
+        Locked const locked(m_lock);
+        m_is_awake = false; // A thread that was canceled in a callback has left it set.
+        limit = getWait(timeout);
+    }
+    int const count = wait(limit);
+    if (count < 0 && errno != EINTR) {
+        return errno;
+    }
+    Locked const locked(m_lock);
+    m_is_awake = true;
+    m_is_woken = false;
+    for (int i = 0; i < count; ++i) {
+        collect(m_events[static_cast<size_t>(i)]);
+    }
+    collectTimers();
+    called = fireAll();
+    m_is_awake = false;
+    armTimerFd();
+    if (m_timer_fd.isOpen() && (hasPosts() || hasReady() || !m_idle.empty())) {
+        wake();
+    }
+    return 0;
+}
+
+/// Fires what is due, in the order of the priorities. Idle sources fire only if nothing else does.
+bool Core::fireAll() {
+    if (!hasReady() && !hasPosts()) {
+        for (IdleSource* const source : m_idle) {
+            setReady(*source);
+        }
+    }
+    // What becomes ready from here on waits for the next round.
+    for (size_t i = 0; i < PRIORITIES; ++i) {
+        m_due[i].takeAll(m_ready[i]);
+        m_posts[i].takeIncoming();
+    }
+    bool called = false;
+    for (size_t i = 0; i < PRIORITIES; ++i) {
+        called |= firePosts(m_posts[i]);
+        while (!m_due[i].isAlone() && !m_stop) {
+            called = true;
+            fire(static_cast<Source&>(*m_due[i].getNext()));
+        }
+    }
+    return called;
+}
+
+void Core::fire(Source& source) {
+    std::shared_ptr<Source> owner = source.shared_from_this();
+    source.remove();
+    Call const call = source.prepare();
+    if (call == Call::NONE) {
+        return; // The watch owns it, too.
+    }
+    if (call == Call::LAST) {
+        setOver(source);
+    }
+    callOut(&source, [&owner] {
+        // May be the last owner, and destroy the objects of the callback, which may use the loop.
+        std::shared_ptr<Source> const mine = std::move(owner);
+        mine->fire();
+    });
+}
+
+/// After the batch has been called its next one is what was posted meanwhile. A batch that `stop` has cut goes on.
+void Core::Posts::takeIncoming() {
+    if (next == batch.size()) {
+        batch.clear();
+        next = 0;
+        batch.swap(incoming);
+    }
+}
+
+bool Core::firePosts(Posts& posts) {
+    bool const called = posts.next < posts.batch.size();
+    while (posts.next < posts.batch.size() && !m_stop) {
+        Callback<void()> call = std::move(posts.batch[posts.next++]);
+        callOut(nullptr, [&call] {
+            Callback<void()> mine = std::move(call);
+            mine();
+        });
+    }
+    return called;
+}
+
+/// The time during which a callback runs and the lock is not held. Also ends when the thread is canceled.
+class Core::Running {
+public:
+    Running(Core& core, Source* source) noexcept TARN_NOT_ANALYZED : m_core(core) {
+        m_core.m_running = source;
+        m_core.m_lock.unlock();
+    }
+    ~Running() TARN_NOT_ANALYZED {
+        CancellationOff const cancellation_off;
+        m_core.m_lock.lock();
+        m_core.m_running = nullptr;
+        m_core.m_callback_over.notify_all();
+    }
+    Running(Running const&) = delete;
+    Running& operator=(Running const&) = delete;
+
+private:
+    Core& m_core;
+};
+
+template <typename Call>
+void Core::callOut(Source* source, Call&& call) {
+    Running const running(*this, source);
+    try {
+        call();
+    } catch (...) {
+        std::exception_ptr exception = std::current_exception();
+        if (exception == nullptr) {
+            throw; // Not an exception of the language: the thread is canceled.
+        }
+        handle(std::move(exception));
+    }
+}
+
+void Core::setExceptionHook(Callback<void(std::exception_ptr)> hook) {
+    auto shared = std::make_shared<Callback<void(std::exception_ptr)>>(std::move(hook));
+    Locked const locked(m_lock);
+    std::swap(m_exception_hook, shared);
+}
+
+/// Hands an exception of a callback to the hook. Without one nothing can handle it, nor one that the hook throws.
+void Core::handle(std::exception_ptr exception) noexcept {
+    std::shared_ptr<Callback<void(std::exception_ptr)>> hook;
+    {
+        Locked const locked(m_lock);
+        hook = m_exception_hook;
+    }
+    if (hook == nullptr || !*hook) {
+        std::terminate();
+    }
+    (*hook)(std::move(exception));
+}
+
+} // namespace vesk::loop::detail
