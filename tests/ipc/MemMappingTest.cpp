@@ -1,5 +1,6 @@
 #include "support/Calls.h"
 #include "support/CleanEnd.h"
+#include "support/Emulation.h"
 #include "support/FailOnce.h"
 #include "support/NamedRow.h"
 #include "support/Processes.h"
