@@ -1,7 +1,7 @@
-#include "Emulation.h"
 #include "LifeCycleSubjects.h"
 #include "support/Cancellation.h"
 #include "support/Descriptors.h"
+#include "support/Emulation.h"
 #include "support/Sanitizers.h"
 #include "support/Sleeper.h"
 #include "support/Testing.h"
@@ -28,7 +28,7 @@ extern "C" char const* __tsan_default_options() {
 }
 constexpr bool HAS_RUNTIME_WITH_LOCKS = true;
 #else
-constexpr bool HAS_RUNTIME_WITH_LOCKS = IS_EMULATED;
+bool const HAS_RUNTIME_WITH_LOCKS = support::IS_EMULATED;
 #endif
 
 namespace {
