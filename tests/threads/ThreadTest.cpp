@@ -1,6 +1,5 @@
 #include "support/Aborts.h"
 #include "support/CleanEnd.h"
-#include "support/Emulation.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Time.h>
@@ -428,10 +427,6 @@ TEST_F(ThreadTest, timedJoinThatCannotReadTheClockFailsAndLeavesTheThreadToBeJoi
 TEST_F(ThreadTest, joinCanBeCancelledAndLeavesTheThreadToBeJoined) {
     if (!WATCHES_CANCELLED_CALLS) {
         GTEST_SKIP() << "the thread sanitizer does not know threads that are cancelled in pthread_join";
-    }
-    if (IS_EMULATED) {
-        GTEST_SKIP()
-            << "QEMU's user mode may lose a cancellation that comes while a thread enters pthread_join";
     }
     Event joining;
     Event left;
