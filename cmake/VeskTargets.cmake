@@ -10,6 +10,18 @@ if(VESK_SANITIZE)
         target_compile_options(vesk_build_flags INTERFACE -fno-sanitize-recover=undefined)
     endif()
 endif()
+# The counters are in a file that all processes map, so that they survive every end of a process: a signal, abort,
+# _exit and exec.
+if(VESK_COVERAGE)
+    target_compile_options(
+        vesk_build_flags
+        INTERFACE -fprofile-instr-generate -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation"
+                  -fprofile-list=${PROJECT_SOURCE_DIR}/cmake/coverage.list)
+    # The libraries do not export the symbols of the compiler's runtime.
+    target_link_options(
+        vesk_build_flags INTERFACE -fprofile-instr-generate -Wl,--exclude-libs=ALL
+                                   -Wl,-z,start-stop-visibility=hidden)
+endif()
 
 # Packed relative relocations take little more than one bit each. A linker that does not support them for its
 # target ignores the option with a warning.
