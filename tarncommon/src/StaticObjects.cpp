@@ -59,10 +59,12 @@ int __wrap___cxa_atexit(Destructor destructor, void* object, void* library) {
     return add(destructor, object);
 }
 
+#ifdef __arm__
 /// The registration function of 32-bit ARM. Its ABI defines another name and another order of arguments.
-int __wrap___aeabi_atexit(void* object, Destructor destructor, void* library) { // LCOV_EXCL_LINE: 32-bit ARM
+int __wrap___aeabi_atexit(void* object, Destructor destructor, void* library) {
     return __wrap___cxa_atexit(destructor, object, library);
 }
+#endif
 
 } // extern "C"
 

@@ -51,16 +51,6 @@ TEST_P(StreamPipe, movesItsEndIntoTheFileWhichClosesTheOldFileAndBlocks) {
     runOn(file, {"open file nonblock", "pipe", "invalid", "blocks"});
 }
 
-TEST_P(StreamPipe, keepsItsEndIfTheOldFileCannotBeClosed) {
-    StreamBinFileBase& file = open(m_class.isReader() ? 0 : 16, m_path, 0);
-    int const old = file.getDescriptor();
-    Fault const fault(inject_close, EIO);
-    EXPECT_TRUE(openPipe(file));
-    EXPECT_TRUE(causeIs(SysErrorId::INPUT_OUTPUT, EIO));
-    EXPECT_EQ(old, file.getDescriptor());
-    EXPECT_NE(-1, getEnd());
-}
-
 TEST_P(StreamPipe, keepsItsEndIfTheFileHasNoBuffer) {
     NewFault const fault(New::NOTHROW_ARRAY);
     StreamBinFileBase& file = make(16);

@@ -36,6 +36,7 @@ public:
     using filebuf_base::m_buffer_size;
     using filebuf_base::m_reading;
     using filebuf_base::m_writing;
+    using filebuf_base::overflow;
     using filebuf_base::underflow;
 
     std::ptrdiff_t getUnread() const { return egptr() - gptr(); }
@@ -213,6 +214,12 @@ TEST(FilebufBase, readsNothingWhileItHasCharacters) {
     EXPECT_EQ('a', buffer.underflow());
     EXPECT_EQ('a', buffer.underflow());
     EXPECT_EQ((Log{"read 4"}), buffer.log);
+}
+
+TEST(FilebufBase, overflowWithoutACharacterWritesNone) {
+    MemoryBuffer buffer(BOTH, 4);
+    EXPECT_NE(EOF, buffer.overflow(EOF));
+    EXPECT_EQ(0, buffer.getUnwritten());
 }
 
 TEST(FilebufBase, withoutMemoryNothingCanBeReadOrWritten) {
