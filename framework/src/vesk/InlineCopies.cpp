@@ -46,10 +46,10 @@ VESK_API bool selfPipeIsSet(SignalQueueImpl::SelfPipe const* pipe, fd_set* set) 
     "_ZNK4vesk15SignalQueueImpl8SelfPipe6is_setEP6fd_set");
 
 ssize_t selfPipeWrite(SignalQueueImpl::SelfPipe* pipe, void* buffer, unsigned int length) {
-    return pipe->write(buffer, length); // LCOV_EXCL_LINE: only old programs call it
+    return pipe->write(buffer, length);
 }
 
 bool selfPipeIsSet(SignalQueueImpl::SelfPipe const* pipe, fd_set* set) {
-    return pipe->is_set(set); // LCOV_EXCL_LINE: only old programs call it
+    return pipe->is_set(set);
 }
 }
