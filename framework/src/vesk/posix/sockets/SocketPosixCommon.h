@@ -96,6 +96,7 @@ bool classifySocketCreateError();
 /// Sets an option. The value is an integer or a structure of the system.
 template <typename Value>
 bool setOption(int fd, int level, int option, Value const& value) {
+    // LCOV_EXCL_BR_LINE: the last function always returns true
     return setsockopt(fd, level, option, &value, sizeof value) != 0 && classifySetOptError();
 }
 
