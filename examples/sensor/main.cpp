@@ -71,20 +71,20 @@ public:
               m_publisher.queue(), [](void*) { examples::notify("WATCHDOG=1"); }, nullptr),
           m_line(device, *this) {}
 
-    [[nodiscard]] bool start(std::string const& name, unsigned int period_ms) {
-        unsigned int const keep_alive = examples::getKeepAliveInterval();
-        return m_output.open(name, period_ms) || m_publisher.start() || m_line.start() ||
-            m_summary.startFixedRate(period_ms) || (keep_alive != 0 && m_alive.startFixedRate(keep_alive));
-    }
-
     /// The order counts: nothing is measured any more, nothing is due any more, then the last summary.
-    void finish() {
+    ~Daemon() {
         m_line.stop();
         static_cast<void>(m_summary.stop());
         static_cast<void>(m_alive.stop());
         m_publisher.stop();
         publish();
         m_output.close();
+    }
+
+    [[nodiscard]] bool start(std::string const& name, unsigned int period_ms) {
+        unsigned int const keep_alive = examples::getKeepAliveInterval();
+        return m_output.open(name, period_ms) || m_publisher.start() || m_line.start() ||
+            m_summary.startFixedRate(period_ms) || (keep_alive != 0 && m_alive.startFixedRate(keep_alive));
     }
 
 private:
@@ -121,7 +121,6 @@ private:
     Output m_output;
     vesk::Mutex m_mutex;
     Statistics m_statistics;
-    // The reverse of the order of their ends: what uses the members above goes first.
     Worker m_publisher;
     examples::Tick m_summary;
     examples::Tick m_alive;
@@ -146,7 +145,6 @@ int run(std::string const& device, std::string const& name, unsigned int period_
     examples::notify("READY=1");
     dispatcher.run();
     examples::notify("STOPPING=1");
-    daemon.finish();
     return 0;
 }
 
