@@ -10,7 +10,8 @@ import threading
 import time
 
 DEADLINE = 60
-folder = pathlib.Path(tempfile.mkdtemp(prefix="example-"))
+# In memory: positions in folders of other file systems do not fit into the 32 bits of an emulated program.
+folder = pathlib.Path(tempfile.mkdtemp(prefix="example-", dir="/dev/shm" if os.path.isdir("/dev/shm") else None))
 notices = []
 processes = []
 
