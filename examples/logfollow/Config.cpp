@@ -1,6 +1,6 @@
 #include "Config.h"
 
-#include "Files.h"
+#include "ReadAll.h"
 
 #include <tarncommon/error/ErrorApi.h>
 #include <tarncommon/error/ErrorStorage.h>
@@ -48,7 +48,7 @@ bool parseLine(std::string const& line, Config& config, std::string& problem) {
 
 bool readConfig(std::string const& path, Config& config, std::string& problem) {
     std::string text;
-    if (readAll(path, text, problem)) {
+    if (examples::readAll(path, text, problem)) {
         return true;
     }
     std::istringstream lines(text);
@@ -56,7 +56,7 @@ bool readConfig(std::string const& path, Config& config, std::string& problem) {
     for (std::string line; std::getline(lines, line);) {
         ++number;
         if (parseLine(line, config, problem)) {
-            problem = path + ":" + std::to_string(number) + ": " + line + ": " + problem;
+            problem.insert(0, path + ":" + std::to_string(number) + ": " + line + ": ");
             return true;
         }
     }

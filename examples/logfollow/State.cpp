@@ -1,5 +1,7 @@
 #include "State.h"
 
+#include "ReadAll.h"
+
 #include <vesk/BinTempFileRW.h>
 #include <vesk/FileSys.h>
 #include <vesk/StreamBinFileRW.h>
@@ -34,7 +36,7 @@ bool readState(std::string const& path, State& state, std::string& problem) {
         return false;
     }
     std::string text;
-    if (readAll(path, text, problem)) {
+    if (examples::readAll(path, text, problem)) {
         return true;
     }
     std::istringstream lines(text);

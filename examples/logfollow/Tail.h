@@ -2,6 +2,8 @@
 
 #include "Files.h"
 
+#include <vesk/StreamBinFileR.h>
+
 #include <memory>
 #include <string>
 

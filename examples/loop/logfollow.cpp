@@ -1,5 +1,6 @@
 // The log follower of ../logfollow on one loop. Its README.md tells how to use it.
 #include "Follower.h"
+#include "Keep.h"
 
 #include <vesk/Vesk.h>
 #include <vesk/loop/FileWatch.h>
@@ -11,6 +12,7 @@
 
 using namespace std::chrono_literals;
 using namespace vesk::loop;
+using examples::keep;
 
 namespace logfollow {
 namespace {
@@ -40,17 +42,6 @@ public:
     void finish() { m_follower.save(); }
 
 private:
-    /// Keeps a watch, or reports why there is none. Returns true on failure.
-    template <typename W>
-    [[nodiscard]] static bool keep(W& place, Result<W> watch) {
-        if (!watch) {
-            std::cerr << watch.error() << '\n';
-            return true;
-        }
-        place = std::move(*watch);
-        return false;
-    }
-
     /// Watches the folders that are there. One that is not may come later, and one that has gone may be back.
     void watchFolders() {
         for (std::string const& folder : m_follower.folders()) {

@@ -1,4 +1,5 @@
 // The sensor daemon of ../sensor on one loop, in one thread. Its README.md tells how to use it.
+#include "Keep.h"
 #include "Output.h"
 #include "Parser.h"
 #include "Statistics.h"
@@ -18,6 +19,7 @@
 
 using namespace std::chrono_literals;
 using namespace vesk::loop;
+using examples::keep;
 
 namespace sensor {
 namespace {
@@ -45,17 +47,6 @@ public:
     }
 
 private:
-    /// Keeps a watch, or reports why there is none. Returns true on failure.
-    template <typename W>
-    [[nodiscard]] static bool keep(W& place, Result<W> watch) {
-        if (!watch) {
-            std::cerr << watch.error() << '\n';
-            return true;
-        }
-        place = std::move(*watch);
-        return false;
-    }
-
     void openLine() {
         if (m_port.open()) {
             loseLine(tarn_error.getReasonList());

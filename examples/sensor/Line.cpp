@@ -3,7 +3,6 @@
 #include <tarncommon/error/ErrorApi.h>
 #include <tarncommon/error/ErrorStorage.h>
 
-#include <poll.h>
 #include <utility>
 
 namespace sensor {
@@ -30,12 +29,12 @@ Line::Line(std::string const& device, Client& client)
       m_thread([](void* line) { static_cast<Line*>(line)->run(); }, this, "sensor-line", urgent(), false) {}
 
 bool Line::start() {
-    m_is_started = m_parser.isValid() && m_end.getReadEnd() != -1 && m_thread.isValid() && !m_thread.start();
+    m_is_started = m_parser.isValid() && m_end.isValid() && m_thread.isValid() && !m_thread.start();
     return !m_is_started;
 }
 
 void Line::stop() {
-    static_cast<void>(m_end.closeWriteEnd());
+    m_end.end();
     static_cast<void>(std::exchange(m_is_started, false) && m_thread.join());
 }
 
@@ -46,15 +45,7 @@ void Line::run() {
         } else {
             read();
         }
-    } while (wait(m_port.isValid() ? -1 : PAUSE_MS));
-}
-
-/// Waits for data, for the end of a pause, or for the destructor: returns false then.
-bool Line::wait(int timeout_ms) {
-    // The system ignores the descriptor -1 of a closed line. A signal may end the wait early, without harm.
-    pollfd fds[] = {{m_end.getReadEnd(), POLLIN, 0}, {m_port.getDescriptor(), POLLIN, 0}};
-    static_cast<void>(::poll(fds, 2, timeout_ms));
-    return fds[0].revents == 0;
+    } while (m_end.wait(m_port.getDescriptor(), m_port.isValid() ? -1 : PAUSE_MS));
 }
 
 void Line::open() {

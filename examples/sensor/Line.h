@@ -1,8 +1,8 @@
 #pragma once
 
+#include "End.h"
 #include "Parser.h"
 
-#include <vesk/Pipe.h>
 #include <vesk/SerialPort.h>
 #include <vesk/Thread.h>
 
@@ -34,7 +34,6 @@ public:
 
 private:
     void run();
-    bool wait(int timeout_ms);
     void open();
     void read();
     void lose();
@@ -42,7 +41,7 @@ private:
     Client& m_client;
     vesk::SerialPort m_port;
     Parser m_parser;
-    vesk::Pipe m_end; ///< Closing its write end ends the thread.
+    examples::End m_end;
     vesk::Thread m_thread;
     bool m_is_started = false;
     bool m_is_reported = false; ///< Whether the client knows that the line is gone.

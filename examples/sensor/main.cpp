@@ -1,5 +1,6 @@
 // Reads sensors at a serial line, and passes on what they measure. README.md tells how to use it.
 #include "Line.h"
+#include "MainThread.h"
 #include "Notify.h"
 #include "Output.h"
 #include "Statistics.h"
@@ -7,13 +8,10 @@
 
 #include <vesk/Dispatcher.h>
 #include <vesk/Mutex.h>
-#include <vesk/SignalCatcher.h>
-#include <vesk/SignalQueue.h>
 #include <vesk/Vesk.h>
 
 #include <tarncommon/error/ErrorApi.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <iostream>
 
@@ -128,22 +126,14 @@ private:
 };
 
 int run(std::string const& device, std::string const& name, unsigned int period_ms) {
-    // Signals become messages of the main thread, which has nothing else to do.
-    vesk::SignalQueue::Notifier notifier;
-    vesk::SignalQueue signals(notifier);
-    vesk::Dispatcher dispatcher(notifier);
-    dispatcher.add_source(signals);
-    auto const end = [](int, void* argument) { static_cast<vesk::Dispatcher*>(argument)->stop(); };
-    vesk::SignalCatcher const terminate(SIGTERM, signals, end, &dispatcher);
-    vesk::SignalCatcher const interrupt(SIGINT, signals, end, &dispatcher);
-
+    examples::MainThread main_thread;
     Daemon daemon(device);
     if (daemon.start(name, period_ms)) {
         std::cerr << tarn_error.getReasonList() << '\n';
         return 1;
     }
     examples::notify("READY=1");
-    dispatcher.run();
+    main_thread.run();
     examples::notify("STOPPING=1");
     return 0;
 }

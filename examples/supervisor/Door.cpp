@@ -4,9 +4,7 @@
 
 #include <tarncommon/error/ErrorStorage.h>
 
-#include <fcntl.h>
 #include <memory>
-#include <poll.h>
 #include <unistd.h>
 #include <utility>
 
@@ -37,14 +35,10 @@ Door::Door(std::string const& path, vesk::Message::Sink& queue, Answer answer)
     : m_server(path, false, m_server.FILESYSTEM),
       m_queue(queue),
       m_answer(std::move(answer)),
-      m_thread([](void* door) { static_cast<Door*>(door)->run(); }, this, "door") {
-    // The ends of a pipe are inherited. A program with the write end would keep the pipe open.
-    static_cast<void>(fcntl(m_end.getReadEnd(), F_SETFD, FD_CLOEXEC));
-    static_cast<void>(fcntl(m_end.getWriteEnd(), F_SETFD, FD_CLOEXEC));
-}
+      m_thread([](void* door) { static_cast<Door*>(door)->run(); }, this, "door") {}
 
 bool Door::open() {
-    if (!m_server.isValid() || m_end.getReadEnd() == -1 || !m_thread.isValid()) {
+    if (!m_server.isValid() || !m_end.isValid() || !m_thread.isValid()) {
         return true;
     }
     m_server.enableListen(8);
@@ -53,7 +47,7 @@ bool Door::open() {
 }
 
 void Door::close() {
-    static_cast<void>(m_end.closeWriteEnd());
+    m_end.end();
     if (std::exchange(m_is_started, false)) {
         static_cast<void>(m_thread.join());
         static_cast<void>(m_server.close(false)); // Removes its file.
@@ -61,17 +55,10 @@ void Door::close() {
 }
 
 void Door::run() {
-    while (wait(m_server.getSocketFd(), -1)) {
+    while (m_end.wait(m_server.getSocketFd(), -1)) {
         serve(m_server.acceptConnection());
         std::ErrorStorage::ack();
     }
-}
-
-/// Waits for a descriptor. Returns false for the end of the thread. A signal may end the wait early.
-bool Door::wait(int fd, int timeout_ms) const {
-    pollfd fds[] = {{m_end.getReadEnd(), POLLIN, 0}, {fd, POLLIN, 0}};
-    static_cast<void>(::poll(fds, 2, timeout_ms));
-    return fds[0].revents == 0;
 }
 
 void Door::serve(vesk::UnixSocket::Description const& accepted) {
@@ -101,7 +88,7 @@ std::string Door::readLine(vesk::UnixSocket& socket) const {
     while (result == 1 && text.find('\n') == std::string::npos && text.size() <= LONGEST_LINE) {
         char piece[LONGEST_LINE];
         unsigned int count = 0;
-        if (!wait(socket.getSocketFd(), PATIENCE_MS)) {
+        if (!m_end.wait(socket.getSocketFd(), PATIENCE_MS)) {
             return "";
         }
         result = socket.read(piece, sizeof piece, count);

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "End.h"
+
 #include <vesk/Message.h>
-#include <vesk/Pipe.h>
 #include <vesk/Thread.h>
 #include <vesk/UnixServerSocket.h>
 #include <vesk/UnixSocket.h>
@@ -27,14 +28,13 @@ public:
 
 private:
     void run();
-    bool wait(int fd, int timeout_ms) const;
     void serve(vesk::UnixSocket::Description const& accepted);
     std::string readLine(vesk::UnixSocket& socket) const;
 
     vesk::UnixServerSocket m_server;
     vesk::Message::Sink& m_queue;
     Answer m_answer;
-    vesk::Pipe m_end; ///< Closing its write end ends the thread.
+    examples::End m_end;
     vesk::Thread m_thread;
     bool m_is_started = false;
 };

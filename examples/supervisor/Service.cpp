@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <csignal>
 #include <iostream>
+#include <utility>
 
 namespace supervisor {
 
@@ -100,7 +101,7 @@ void Service::ended(bool was_killed, int status) {
     if (m_state == State::STOPPING) {
         enter(State::STOPPED);
         // Moved first: the callback may start the service again.
-        std::function<void()> const stopped = std::move(m_stopped);
+        std::function<void()> const stopped = std::exchange(m_stopped, {});
         stopped();
         return;
     }

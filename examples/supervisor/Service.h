@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Call.h"
-#include "Config.h"
+#include "Services.h"
 
 #include <vesk/ProcessTNG.h>
 
@@ -23,20 +23,20 @@ namespace supervisor {
 ///
 /// All operations are for the thread of the queue. The library calls back in threads of its own: what happens there is
 /// only to push a message.
-class Service : public std::enable_shared_from_this<Service>, private vesk::ProcessTNG::ExitListener {
+class Service : public AnyService,
+                public std::enable_shared_from_this<Service>,
+                private vesk::ProcessTNG::ExitListener {
 public:
     Service(vesk::Message::Sink& queue, std::string name, ServiceConfig config);
     ~Service() override;
 
-    void start();
-    /// Ends the program: `SIGTERM`, and `SIGKILL` after 5 s. Calls back when it has ended.
-    void stop(std::function<void()> stopped);
-    /// Replaces the configuration, and restarts a running program.
-    void change(ServiceConfig config);
+    void start() override;
+    /// `SIGTERM`, and `SIGKILL` after 5 s.
+    void stop(std::function<void()> stopped) override;
+    void change(ServiceConfig config) override;
 
-    ServiceConfig const& config() const { return m_config; }
-    /// Returns "NAME GROUP STATE PID RESTARTS LAST-END".
-    std::string status() const;
+    ServiceConfig const& config() const override { return m_config; }
+    std::string status() const override;
 
 private:
     enum class State { STOPPED, RUNNING, BACKING_OFF, STOPPING };

@@ -2,10 +2,9 @@
 
 #include "Door.h"
 #include "Service.h"
+#include "Services.h"
 
 #include <functional>
-#include <map>
-#include <memory>
 #include <string>
 
 namespace supervisor {
@@ -21,22 +20,16 @@ public:
 
     /// Reads the configuration, listens and starts all services. Returns true on failure.
     [[nodiscard]] bool start();
-    /// Reads the configuration again, and starts, stops and restarts what has changed.
-    void reload();
+    /// Reads the configuration again.
+    void reload() { m_services.reload(); }
     /// Stops all services.
     void stop();
 
 private:
-    std::string answer(std::string const& line);
-    void remove(std::string const& name);
-    void reportIfStopped();
-
-    vesk::Message::Sink& m_queue;
-    std::string m_config_path;
     std::function<void()> m_stopped;
-    std::map<std::string, std::shared_ptr<Service>> m_services;
-    bool m_stopping = false;
-    Door m_door;
+    bool m_is_stopping = false;
+    Services m_services;
+    Door m_door; ///< After the services: its thread ends first.
 };
 
 } // namespace supervisor

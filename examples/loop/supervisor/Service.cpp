@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <iostream>
+#include <utility>
 
 namespace supervisor {
 
@@ -70,7 +71,7 @@ void Service::ended(vesk::loop::Exit const& exit) {
     if (m_state == State::STOPPING) {
         m_state = State::STOPPED;
         // Moved first: the callback may destroy this object.
-        if (vesk::loop::Callback<void()> stopped = std::move(m_stopped)) {
+        if (auto const stopped = std::exchange(m_stopped, {})) {
             stopped();
         }
         return;
@@ -95,7 +96,7 @@ void Service::backOff() {
     m_next_pause = std::min(2 * m_next_pause, LONGEST_PAUSE);
 }
 
-void Service::stop(vesk::loop::Callback<void()> stopped) {
+void Service::stop(std::function<void()> stopped) {
     m_pause.cancel();
     if (!m_process) {
         m_state = State::STOPPED;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Config.h"
+#include "Services.h"
 
 #include <vesk/loop/Command.h>
 #include <vesk/loop/Loop.h>
@@ -18,23 +18,20 @@ namespace supervisor {
 /// | RUNNING | wanted, and there | BACKING_OFF at its end, STOPPING by `stop` |
 /// | BACKING_OFF | wanted, but it ended or did not start | RUNNING after the pause |
 /// | STOPPING | not wanted, but still there | STOPPED at its end, which a signal forces after 5 s |
-class Service {
+class Service : public AnyService {
 public:
     Service(vesk::loop::Loop& loop, std::string name, ServiceConfig config);
     Service(Service const&) = delete;
     Service& operator=(Service const&) = delete;
-    ~Service();
+    ~Service() override;
 
-    void start();
-    /// Ends the program: `SIGTERM`, and `SIGKILL` after 5 s. Calls back when it has ended.
-    void stop(vesk::loop::Callback<void()> stopped);
+    void start() override;
+    /// `SIGTERM`, and `SIGKILL` after 5 s.
+    void stop(std::function<void()> stopped) override;
+    void change(ServiceConfig config) override;
 
-    /// Replaces the configuration, and restarts a running program.
-    void change(ServiceConfig config);
-
-    ServiceConfig const& config() const { return m_config; }
-    /// Returns "NAME GROUP STATE PID RESTARTS LAST-END".
-    std::string status() const;
+    ServiceConfig const& config() const override { return m_config; }
+    std::string status() const override;
 
 private:
     enum class State { STOPPED, RUNNING, BACKING_OFF, STOPPING };
@@ -54,7 +51,7 @@ private:
     vesk::loop::Timer m_patience; ///< Until `SIGKILL`.
     vesk::loop::Clock::duration m_next_pause;
     vesk::loop::Clock::time_point m_started;
-    vesk::loop::Callback<void()> m_stopped;
+    std::function<void()> m_stopped;
     unsigned int m_restarts = 0;
     std::string m_last_end = "-";
 };

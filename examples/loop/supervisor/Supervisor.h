@@ -1,13 +1,11 @@
 #pragma once
 
 #include "Service.h"
+#include "Services.h"
 
-#include <vesk/UnixServerSocket.h>
-#include <vesk/UnixSocket.h>
+#include <vesk/loop/Listener.h>
 
-#include <list>
 #include <map>
-#include <memory>
 #include <string>
 
 namespace supervisor {
@@ -15,39 +13,31 @@ namespace supervisor {
 /// All services of a configuration file, and the socket for commands.
 class Supervisor {
 public:
-    Supervisor(vesk::loop::Loop& loop, std::string config_path, std::string const& socket_path);
+    Supervisor(vesk::loop::Loop& loop, std::string config_path);
 
     /// Reads the configuration, listens and starts all services. Returns true on failure.
-    [[nodiscard]] bool start();
+    [[nodiscard]] bool start(std::string const& socket_path);
     /// Reads the configuration again, and starts, stops and restarts what has changed.
-    void reload();
+    void reload() { m_services.reload(); }
     /// Stops all services, then the loop.
     void stop();
 
 private:
     /// A peer of the socket, which has sent no complete line yet.
     struct Client {
-        Client(vesk::UnixSocket::Description const& accepted) : socket(false, 0, 0, accepted) {}
-        ~Client() { static_cast<void>(!socket.isValid() || socket.close(false)); }
-        vesk::UnixSocket socket;
+        vesk::loop::Connection connection;
         std::string line;
-        vesk::loop::Watch watch; ///< Last: it ends before the descriptor closes.
     };
 
-    void accept();
-    void receive(Client& client);
-    void forget(Client& client);
-    std::string answer(std::string const& line);
-    void remove(std::string const& name);
-    void stopLoopIfIdle();
+    void accept(vesk::loop::Connection peer);
+    void receive(int id, std::string_view data);
 
     vesk::loop::Loop& m_loop;
-    std::string m_config_path;
-    std::map<std::string, std::unique_ptr<Service>> m_services;
-    vesk::UnixServerSocket m_server;
-    std::list<Client> m_clients;
-    vesk::loop::Watch m_watch;
-    bool m_stopping = false;
+    Services m_services;
+    vesk::loop::Listener m_server;
+    std::map<int, Client> m_clients;
+    int m_last_id = 0;
+    bool m_is_stopping = false;
 };
 
 } // namespace supervisor

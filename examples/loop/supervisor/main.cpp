@@ -13,7 +13,7 @@ using vesk::loop::ServiceManager;
 
 int run(std::string const& config, std::string const& socket) {
     vesk::loop::Loop loop;
-    supervisor::Supervisor supervisor(loop, config, socket);
+    supervisor::Supervisor supervisor(loop, config);
     auto const end = [&supervisor] {
         static_cast<void>(ServiceManager::stopping());
         supervisor.stop();
@@ -21,7 +21,7 @@ int run(std::string const& config, std::string const& socket) {
     auto const terminate = loop.onSignal(SIGTERM, end);
     auto const interrupt = loop.onSignal(SIGINT, end);
     auto const reload = loop.onSignal(SIGHUP, [&] { supervisor.reload(); });
-    if (!terminate || !interrupt || !reload || supervisor.start()) {
+    if (!terminate || !interrupt || !reload || supervisor.start(socket)) {
         return 1;
     }
     auto const alive = ServiceManager::keepAlive(loop);
