@@ -161,7 +161,8 @@ public:
     VanillaNotifier() = default;
     ~VanillaNotifier() override;
 
-    /// Blocks until a signal comes; returns immediately if a signal is pending. `Condition` reports a wait
+    /// Blocks until a signal comes; returns immediately if a signal is pending. Looks for a signal for up to ten
+    /// microseconds before it sleeps, unless that was in vain the last times. `Condition` reports a wait
     /// that fails (`SysErrorId::SPOILED_INTEGRITY`, left pending), and the waiting continues.
     void wait() override;
 
@@ -172,6 +173,7 @@ public:
 private:
     friend class VanillaQueue;
 
+    TARN_HIDDEN void lookForSignal() noexcept;
     TARN_HIDDEN void signalAfterLock();
     TARN_HIDDEN void wake();
 
@@ -184,6 +186,9 @@ private:
     };
     // Leaves NONE only with the mutex held.
     std::atomic<unsigned char> state{NONE};
+    std::atomic<unsigned char> untried_waits{
+        0}; // The next waits that sleep without looking for a signal before.
+    std::atomic<unsigned char> vain_looks{0}; // The value of `untried_waits` after the last vain look.
 };
 
 } // namespace vesk

@@ -13,6 +13,26 @@ constexpr char const* SOURCE = "framework/src/vesk/Dispatcher";
 
 using InternalLock = AbortingLock<Mutex const>;
 
+/// How often `VanillaNotifier::wait` looks for a signal before it sleeps.
+constexpr int LOOKS = 4;
+
+/// The largest number of waits that sleep without a look.
+constexpr unsigned int MOST_UNTRIED = 63;
+
+/// Passes one or a few microseconds without giving up the processor.
+void pauseBriefly() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    for (int i = 0; i < 128; ++i) {
+        __builtin_ia32_pause();
+    }
+#else
+    for (int i = 0; i < 1024; ++i) {
+        // Keeps the loop, which the compiler may otherwise remove.
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+#endif
+}
+
 } // namespace
 
 void Dispatcher::add_source(Message::Source& source) {
@@ -146,6 +166,7 @@ void Dispatcher::VanillaQueue::push(Message* message) {
 Dispatcher::VanillaNotifier::~VanillaNotifier() = default;
 
 void Dispatcher::VanillaNotifier::wait() {
+    lookForSignal();
     InternalLock const lock(mutex, SOURCE, "wait");
     while (state.load(std::memory_order_relaxed) == NONE) {
         // A wait that fails is reported, but does not count as a signal.
@@ -153,6 +174,28 @@ void Dispatcher::VanillaNotifier::wait() {
     }
     // Acquire: makes visible what precedes each `signal` that this wait takes, also those without the mutex.
     state.exchange(NONE, std::memory_order_acq_rel);
+}
+
+/// Looks for a signal for a few microseconds. If one comes, its sender saves the system call that wakes a thread. The
+/// looks are not closer together, because a thread that takes each message alone, as soon as it is pushed, contends with
+/// the producers for every one of them. After a vain attempt the next waits sleep at once: one at first, up to
+/// `MOST_UNTRIED`, so that rare signals, or a producer that needs this processor, cost next to nothing.
+void Dispatcher::VanillaNotifier::lookForSignal() noexcept {
+    // Relaxed, and not as one operation: concurrent waiters may disturb each other's counts, which decide nothing else.
+    if (unsigned int const untried = untried_waits.load(std::memory_order_relaxed)) {
+        untried_waits.store(static_cast<unsigned char>(untried - 1), std::memory_order_relaxed);
+        return;
+    }
+    for (int i = 0; i < LOOKS; ++i) {
+        if (state.load(std::memory_order_relaxed) != NONE) {
+            vain_looks.store(0, std::memory_order_relaxed);
+            return;
+        }
+        pauseBriefly();
+    }
+    unsigned int const next = std::min(2U * vain_looks.load(std::memory_order_relaxed) + 1, MOST_UNTRIED);
+    vain_looks.store(static_cast<unsigned char>(next), std::memory_order_relaxed);
+    untried_waits.store(static_cast<unsigned char>(next), std::memory_order_relaxed);
 }
 
 /// Signals after the caller has filled a source under a lock, and only that lock shows a thread that the source is
