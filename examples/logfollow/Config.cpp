@@ -21,6 +21,12 @@ bool compile(vesk::Regex& form, std::string const& text, std::string& problem) {
     return failed;
 }
 
+/// Adds the place to a problem. Returns true.
+bool failAt(std::string const& path, unsigned int number, std::string const& line, std::string& problem) {
+    problem = path + ":" + std::to_string(number) + ": " + line + ": " + problem;
+    return true;
+}
+
 bool parseLine(std::string const& line, Config& config, std::string& problem) {
     size_t const blank = line.find(' ');
     if (line.empty() || line[0] == '#') {
@@ -56,8 +62,7 @@ bool readConfig(std::string const& path, Config& config, std::string& problem) {
     for (std::string line; std::getline(lines, line);) {
         ++number;
         if (parseLine(line, config, problem)) {
-            problem.insert(0, path + ":" + std::to_string(number) + ": " + line + ": ");
-            return true;
+            return failAt(path, number, line, problem);
         }
     }
     if (config.folders.empty() || !config.files.isValid()) {

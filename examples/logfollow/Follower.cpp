@@ -57,7 +57,7 @@ void Follower::look() {
     for (std::string const& folder : m_config->folders) {
         forEachFile(folder, [&](std::string const& name, vesk::FileInfo const& info) {
             if (m_config->files.match(name.c_str()) == 0) {
-                lookAt(folder + '/' + name, info);
+                lookAt(std::string(folder).append("/").append(name), info);
             }
         });
     }
