@@ -35,8 +35,9 @@ bool Tail::readPiece() {
         return false;
     }
     unsigned int count = 0;
-    long long const size = m_file->getFileInfo().getSize();
-    if (size < m_position + static_cast<long long>(m_text.size())) {
+    vesk::FileInfo const info = m_file->getFileInfo();
+    // Not valid: a 32-bit program cannot see the size of a large file, but still read it.
+    if (info.isValid() && info.getSize() < m_position + static_cast<long long>(m_text.size())) {
         // Emptied to be written anew. What was written before and not read yet is lost.
         static_cast<void>(m_file->seek(0, m_file->Begin, count));
         m_position = 0;
@@ -49,17 +50,16 @@ bool Tail::readPiece() {
     }
     char piece[PIECE];
     static_cast<void>(m_file->read(piece, sizeof piece, count));
-    std::ErrorStorage::
-        ack(); // The end of the file is a report, too; reading goes on when the file has grown.
+    // The end of the file is a report, too. Reading goes on when the file has grown.
+    std::ErrorStorage::ack();
     m_text.append(piece, count);
     return count != 0;
 }
 
-void Tail::closeIfRemoved() {
-    if (isOpen() && m_file->getFileInfo().getLinkCount() == 0) {
-        m_file.reset();
-    }
+bool Tail::isRemoved() const {
+    vesk::FileInfo const info = isOpen() ? m_file->getFileInfo() : vesk::FileInfo();
     std::ErrorStorage::ack();
+    return info.isValid() && info.getLinkCount() == 0;
 }
 
 } // namespace logfollow

@@ -23,9 +23,12 @@ public:
     /// @return whether there may be more to read at once: a large file must not keep the caller from other work
     template <typename Use>
     bool read(Use&& use) {
+        bool const is_removed = isRemoved(); // Asked first: what was written before that is read.
         for (int i = 0; i < 16; ++i) {
             if (!readPiece()) {
-                closeIfRemoved();
+                if (is_removed) {
+                    m_file.reset();
+                }
                 return false;
             }
             size_t begin = 0;
@@ -40,7 +43,7 @@ public:
 
 private:
     bool readPiece();
-    void closeIfRemoved();
+    bool isRemoved() const;
 
     std::unique_ptr<vesk::StreamBinFileR> m_file; ///< Can be moved, unlike the file itself.
     FileId m_id;

@@ -43,13 +43,12 @@ void Output::send(std::string text, Priority priority) {
     if (priority == SUMMARY && m_queue.availMsgs() + FOR_NEWS >= MESSAGES) {
         return;
     }
-    while (m_queue.writeMsgTimeout(&message, 0) == 1) {
+    // A few times at most: 1 is also the result of some failures.
+    for (int i = 0; i < 3 && m_queue.writeMsgTimeout(&message, 0) == 1; ++i) {
         // Reading takes the oldest message of the highest priority: the oldest news.
         char old[LONGEST_MESSAGE];
         vesk::MsgQueueBase::Message dropped{old, sizeof old, 0};
-        if (m_queue.readMsgTimeout(&dropped, 0) == -1) {
-            break;
-        }
+        static_cast<void>(m_queue.readMsgTimeout(&dropped, 0));
     }
     std::ErrorStorage::ack();
 }
