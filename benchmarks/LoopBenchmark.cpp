@@ -61,6 +61,7 @@ T need(vesk::loop::Result<T> result) {
 
 struct VeskEngine {
     void watch(int fd, size_t& served) {
+        fds.emplace_back(fd);
         watches.push_back(need(loop.onReadable(fd, [fd, &served] {
             takeByte(fd);
             ++served;
@@ -87,6 +88,7 @@ struct VeskEngine {
     void runOnce() { check(!loop.runOnce(std::chrono::seconds(1))); }
 
     vesk::loop::Loop loop;
+    std::vector<vesk::loop::Fd> fds;
     std::vector<vesk::loop::Watch> watches;
     std::vector<std::unique_ptr<vesk::loop::Connection>> connections;
     std::vector<vesk::loop::Timer> timers;
@@ -112,6 +114,7 @@ struct BareEngine {
         check(epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &row) != 0);
     }
     void watch(int fd, size_t& count) {
+        fds.emplace_back(fd);
         add(fd);
         served = &count;
     }
@@ -169,6 +172,7 @@ struct BareEngine {
     int timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
     size_t* served = nullptr;
     bool echoes = false;
+    std::vector<vesk::loop::Fd> fds;
     std::mutex mutex;
     std::vector<size_t*> posts;
 };

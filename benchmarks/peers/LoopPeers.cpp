@@ -17,7 +17,7 @@ namespace {
 struct UvEngine {
     struct Poll {
         uv_poll_t raw;
-        int fd;
+        vesk::loop::Fd fd;
         size_t* served;
     };
     struct Pipe {
@@ -34,12 +34,12 @@ struct UvEngine {
     UvEngine& operator=(UvEngine const&) = delete;
 
     void watch(int fd, size_t& served) {
-        auto& poll = *polls.emplace_back(std::make_unique<Poll>(Poll{{}, fd, &served}));
+        auto& poll = *polls.emplace_back(std::make_unique<Poll>(Poll{{}, vesk::loop::Fd(fd), &served}));
         poll.raw.data = &poll;
         check(uv_poll_init(&loop.raw, &poll.raw, fd) != 0);
         uv_poll_start(&poll.raw, UV_READABLE, [](uv_poll_t* raw, int, int) {
             auto& self = *static_cast<Poll*>(raw->data);
-            takeByte(self.fd);
+            takeByte(self.fd.get());
             ++*self.served;
         });
     }
@@ -105,7 +105,7 @@ LOOP_ROWS(UvEngine, "uv");
 #ifdef VESK_PEER_GLIB
 struct GlibEngine {
     struct Watched {
-        int fd;
+        vesk::loop::Fd fd;
         size_t* served;
     };
     ~GlibEngine() {
@@ -128,7 +128,7 @@ struct GlibEngine {
             ++*static_cast<Watched*>(data)->served;
             return G_SOURCE_CONTINUE;
         };
-        add(g_unix_fd_source_new(fd, G_IO_IN), G_SOURCE_FUNC(+CALL), new Watched{fd, &served}, destroy);
+        add(g_unix_fd_source_new(fd, G_IO_IN), G_SOURCE_FUNC(+CALL), new Watched{vesk::loop::Fd(fd), &served}, destroy);
     }
     void echo(int fd, size_t& served) {
         constexpr auto CALL = [](int own, GIOCondition, void* data) -> gboolean {
@@ -138,7 +138,7 @@ struct GlibEngine {
             ++*static_cast<Watched*>(data)->served;
             return G_SOURCE_CONTINUE;
         };
-        add(g_unix_fd_source_new(fd, G_IO_IN), G_SOURCE_FUNC(+CALL), new Watched{fd, &served}, destroy);
+        add(g_unix_fd_source_new(fd, G_IO_IN), G_SOURCE_FUNC(+CALL), new Watched{vesk::loop::Fd(fd), &served}, destroy);
     }
     static gboolean ignore(void* /*data*/) { return G_SOURCE_REMOVE; }
     void addTimer() { add(g_timeout_source_new(3600000), ignore, nullptr, nullptr); }

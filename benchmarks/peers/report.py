@@ -26,6 +26,7 @@ TOPICS = {
     "sockets": "Sockets",
     "memory": "Memory",
     "time": "Time",
+    "loop": "The loop",
 }
 PACKAGES = {"boost": "libboost-dev", "poco": "libpoco-dev", "glib": "libglib2.0-dev", "uv": "libuv1-dev", "apr": "libapr1-dev"}
 NS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
