@@ -210,7 +210,7 @@ int Core::runOnce(Clock::duration timeout, bool& called) {
     Clock::duration limit{};
     {
         Locked const locked(m_lock);
-        m_is_awake = false; // A thread that was canceled in a callback has left it set.
+        m_is_awake = false;
         limit = getWait(timeout);
     }
     int const count = wait(limit);
@@ -225,7 +225,7 @@ int Core::runOnce(Clock::duration timeout, bool& called) {
     }
     collectTimers();
     called = fireAll();
-    m_is_awake = false;
+    m_is_awake = !m_timer_fd.isOpen(); // Another loop may wait for this one by its descriptor.
     armTimerFd();
     if (m_timer_fd.isOpen() && (hasPosts() || hasReady() || !m_idle.empty())) {
         wake();

@@ -201,8 +201,8 @@ private:
     // The source of the callback that runs.
     Source* m_running TARN_GUARDED_BY(m_lock) = nullptr;
     std::atomic<unsigned long> m_calls{0}; ///< Changed by the loop's thread only.
-    // Whether the loop's thread looks at the posts before it waits, so that it needs no wake-up.
-    bool m_is_awake TARN_GUARDED_BY(m_lock) = false;
+    // Whether nothing waits that does not look at the posts and timers before, so that no wake-up is needed.
+    bool m_is_awake TARN_GUARDED_BY(m_lock) = true;
     bool m_is_woken TARN_GUARDED_BY(m_lock) = false;
     size_t m_active TARN_GUARDED_BY(m_lock) = 0;
     Link m_ready[PRIORITIES] TARN_GUARDED_BY(m_lock);

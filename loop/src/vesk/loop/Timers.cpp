@@ -270,6 +270,7 @@ int Core::exposeFd() noexcept {
     if (!makeTimerFd()) {
         return -1;
     }
+    m_is_awake = false;
     if (hasPosts() || hasReady() || !m_idle.empty()) {
         wake();
     }
