@@ -10,6 +10,20 @@ if(VESK_SANITIZE)
         target_compile_options(vesk_build_flags INTERFACE -fno-sanitize-recover=undefined)
     endif()
 endif()
+# The counters are in a file that all processes map, so that they survive every end of a process: a signal, abort,
+# _exit and exec. They are atomic and counted at once, because the count of one outcome of a condition is the
+# difference between two counters.
+if(VESK_COVERAGE)
+    target_compile_options(
+        vesk_build_flags
+        INTERFACE -fprofile-instr-generate -fcoverage-mapping -fprofile-update=atomic
+                  "SHELL:-mllvm -runtime-counter-relocation" "SHELL:-mllvm -do-counter-promotion=false"
+                  -fprofile-list=${PROJECT_SOURCE_DIR}/cmake/coverage.list)
+    # The libraries do not export the symbols of the compiler's runtime.
+    target_link_options(
+        vesk_build_flags INTERFACE -fprofile-instr-generate -Wl,--exclude-libs=ALL
+                                   -Wl,-z,start-stop-visibility=hidden)
+endif()
 
 # Packed relative relocations take little more than one bit each. A linker that does not support them for its
 # target ignores the option with a warning.

@@ -1,31 +1,12 @@
 #include "Config.h"
 
-#include <vesk/StreamBinFileR.h>
-
-#include <tarncommon/error/ErrorApi.h>
-#include <tarncommon/error/ErrorStorage.h>
+#include "ReadAll.h"
 
 #include <sstream>
 
 namespace supervisor {
 
 namespace {
-
-bool readAll(std::string const& path, std::string& text, std::string& problem) {
-    vesk::StreamBinFileR file(4096);
-    char piece[4096];
-    unsigned int count = 0;
-    int result = file.open(path, file.READ) ? -1 : 1;
-    while (result == 1) {
-        result = file.read(piece, sizeof piece, count);
-        text.append(piece, count);
-    }
-    if (result == -1) {
-        problem = tarn_error.getReasonList();
-    }
-    std::ErrorStorage::ack(); // The end of the file is a report, too.
-    return result == -1;
-}
 
 std::string trim(std::string const& text) {
     size_t const begin = text.find_first_not_of(" \t");
@@ -91,7 +72,7 @@ bool parseLine(std::string const& line, Config& config, ServiceConfig*& service)
 
 bool readConfig(std::string const& path, Config& config, std::string& problem) {
     std::string text;
-    if (readAll(path, text, problem)) {
+    if (examples::readAll(path, text, problem)) {
         return true;
     }
     std::istringstream lines(text);

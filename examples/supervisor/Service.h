@@ -1,11 +1,13 @@
 #pragma once
 
-#include "Config.h"
+#include "Call.h"
+#include "Services.h"
 
-#include <vesk/loop/Command.h>
-#include <vesk/loop/Loop.h>
+#include <vesk/ProcessTNG.h>
 
-#include <optional>
+#include <chrono>
+#include <functional>
+#include <memory>
 #include <string>
 
 namespace supervisor {
@@ -18,45 +20,50 @@ namespace supervisor {
 /// | RUNNING | wanted, and there | BACKING_OFF at its end, STOPPING by `stop` |
 /// | BACKING_OFF | wanted, but it ended or did not start | RUNNING after the pause |
 /// | STOPPING | not wanted, but still there | STOPPED at its end, which a signal forces after 5 s |
-class Service {
+///
+/// All operations are for the thread of the queue. The library calls back in threads of its own: what happens there is
+/// only to push a message.
+class Service : public AnyService,
+                public std::enable_shared_from_this<Service>,
+                private vesk::ProcessTNG::ExitListener {
 public:
-    Service(vesk::loop::Loop& loop, std::string name, ServiceConfig config);
-    Service(Service const&) = delete;
-    Service& operator=(Service const&) = delete;
-    ~Service();
+    Service(vesk::Message::Sink& queue, std::string name, ServiceConfig config);
+    ~Service() override;
 
-    void start();
-    /// Ends the program: `SIGTERM`, and `SIGKILL` after 5 s. Calls back when it has ended.
-    void stop(vesk::loop::Callback<void()> stopped);
+    void start() override;
+    /// `SIGTERM`, and `SIGKILL` after 5 s.
+    void stop(std::function<void()> stopped) override;
+    void change(ServiceConfig config) override;
 
-    /// Replaces the configuration, and restarts a running program.
-    void change(ServiceConfig config);
-
-    ServiceConfig const& config() const { return m_config; }
-    /// Returns "NAME GROUP STATE PID RESTARTS LAST-END".
-    std::string status() const;
+    ServiceConfig const& config() const override { return m_config; }
+    std::string status() const override;
 
 private:
     enum class State { STOPPED, RUNNING, BACKING_OFF, STOPPING };
 
-    vesk::loop::Command command() const;
-    void ended(vesk::loop::Exit const& exit);
+    [[nodiscard]] bool startProcess();
+    void processExited(vesk::ProcessTNG::ExitState const* state) override;
+    void ended(bool was_killed, int status);
+    void enter(State state);
+    void enter(State state, unsigned int ms, void (Service::*then)());
     void backOff();
-    void signalGroup(int signal) const;
+    void restart();
+    void forceEnd();
     void log(std::string const& text) const;
 
-    vesk::loop::Loop& m_loop;
+    vesk::Message::Sink& m_queue;
     std::string m_name;
     ServiceConfig m_config;
     State m_state = State::STOPPED;
-    std::optional<vesk::loop::Process> m_process;
-    vesk::loop::Timer m_pause;    ///< Until the next start.
-    vesk::loop::Timer m_patience; ///< Until `SIGKILL`.
-    vesk::loop::Clock::duration m_next_pause;
-    vesk::loop::Clock::time_point m_started;
-    vesk::loop::Callback<void()> m_stopped;
+    unsigned int m_epoch = 0; ///< The number of states entered.
+    unsigned int m_next_pause_ms;
+    std::chrono::steady_clock::time_point m_started;
+    std::function<void()> m_stopped;
     unsigned int m_restarts = 0;
     std::string m_last_end = "-";
+    int m_pid = vesk::ProcessTNG::INVALID_PROCESS_ID;
+    examples::Delay m_delay; ///< Until the next start, or until `SIGKILL`.
+    vesk::ProcessTNG m_process;
 };
 
 } // namespace supervisor

@@ -1,34 +1,36 @@
 // Supervises programs. README.md tells how to use it.
+#include "MainThread.h"
+#include "Notify.h"
 #include "Supervisor.h"
+#include "Tick.h"
 
 #include <vesk/Vesk.h>
-#include <vesk/loop/ServiceManager.h>
 
 #include <csignal>
 #include <iostream>
 
 namespace {
 
-using vesk::loop::ServiceManager;
-
 int run(std::string const& config, std::string const& socket) {
-    vesk::loop::Loop loop;
-    supervisor::Supervisor supervisor(loop, config, socket);
-    auto const end = [&supervisor] {
-        static_cast<void>(ServiceManager::stopping());
+    examples::MainThread main_thread;
+    supervisor::Supervisor supervisor(main_thread.queue(), config, socket, [&] { main_thread.stop(); });
+    main_thread.onEnd([&] {
+        examples::notify("STOPPING=1");
         supervisor.stop();
-    };
-    auto const terminate = loop.onSignal(SIGTERM, end);
-    auto const interrupt = loop.onSignal(SIGINT, end);
-    auto const reload = loop.onSignal(SIGHUP, [&] { supervisor.reload(); });
-    if (!terminate || !interrupt || !reload || supervisor.start()) {
+    });
+    vesk::SignalCatcher const reload(
+        SIGHUP, main_thread.signals(),
+        [](int, void* argument) { static_cast<supervisor::Supervisor*>(argument)->reload(); }, &supervisor);
+    examples::Tick alive(
+        main_thread.queue(), [](void*) { examples::notify("WATCHDOG=1"); }, nullptr);
+    unsigned int const keep_alive = examples::getKeepAliveInterval();
+    if (supervisor.start() || (keep_alive != 0 && alive.startFixedRate(keep_alive))) {
         return 1;
     }
-    auto const alive = ServiceManager::keepAlive(loop);
-    // All services have been started, or have reported why not. Without a service manager nothing is sent.
-    static_cast<void>(ServiceManager::ready());
-    auto const result = loop.run();
-    return result ? 0 : 1;
+    // All services have been started, or have reported why not.
+    examples::notify("READY=1");
+    main_thread.run();
+    return 0;
 }
 
 } // namespace

@@ -154,6 +154,11 @@ TEST(CallbackMemory, mayBeGivenByTheCallerOrBeMissing) {
         NewFault const no_memory(New::NOTHROW_SINGLE, 1, NewFault::FOREVER);
         EXPECT_EQ(nullptr, new (std::nothrow) Message::Callback([](void*) {}, nullptr));
     }
+    struct Throwing : Message::Callback {
+        Throwing() : Message::Callback([](void*) {}, nullptr) { throw 1; }
+    };
+    EXPECT_THROW(new (place) Throwing, int);
+    EXPECT_THROW(new (std::nothrow) Throwing, int);
     delete new (std::nothrow) Message::Callback([](void*) {}, nullptr);
     EXPECT_EQ(KEEPS_BLOCKS ? 1U : 0U, takeKept().size());
 }

@@ -36,6 +36,12 @@ using vesk::SignalQueue;
 using Handler = std::GlobalErrorHandler;
 using Signals = std::vector<int>;
 using SelfPipe = vesk::SignalQueueImpl::SelfPipe;
+
+// The former names of two functions, which programs call that were built with an older header.
+extern "C" ssize_t writeByFormerName(SelfPipe* pipe, void* buffer, unsigned int length) __asm__(
+    "_ZN4vesk15SignalQueueImpl8SelfPipe5writeEPvj");
+extern "C" bool isSetByFormerName(SelfPipe const* pipe, fd_set* set) __asm__(
+    "_ZNK4vesk15SignalQueueImpl8SelfPipe6is_setEP6fd_set");
 using Notifier = vesk::SignalQueue::Notifier;
 
 void ignore(int, void*) {}
@@ -459,6 +465,17 @@ TEST(SelfPipeTest, putsItsReadEndIntoASetAndRaisesTheHighestToOneMore) {
         FD_CLR(end, &set);
         EXPECT_FALSE(self_pipe.is_set(&set));
     }
+}
+
+TEST(SelfPipeTest, worksByItsFormerNames) {
+    SelfPipe self_pipe;
+    char byte = 'a';
+    EXPECT_EQ(1, writeByFormerName(&self_pipe, &byte, 1));
+    fd_set set;
+    FD_ZERO(&set);
+    EXPECT_FALSE(isSetByFormerName(&self_pipe, &set));
+    FD_SET(self_pipe.getReadEnd(), &set);
+    EXPECT_TRUE(isSetByFormerName(&self_pipe, &set));
 }
 
 TEST(SelfPipeTest, creationThatFailsIsAnAssertionAndLeavesNoPipe) {

@@ -355,6 +355,15 @@ TEST_P(StreamFile, failedOpenIsReportedAsInTheBase) {
     }
 }
 
+TEST_P(StreamFile, keepsTheOldFileIfThatCannotBeClosed) {
+    StreamBinFileBase& file = open(0, m_path);
+    int const old = file.getDescriptor();
+    Fault const fault(inject_close, EIO);
+    EXPECT_TRUE(reopen(file, m_path.c_str()));
+    EXPECT_TRUE(causeIs(SysErrorId::INPUT_OUTPUT, EIO));
+    EXPECT_EQ(old, file.getDescriptor());
+}
+
 TEST_P(StreamFile, openWithoutAPathSucceedsAndStaysClosed) {
     StreamBinFileBase& file = make();
     EXPECT_FALSE(m_class.open(file, nullptr, m_class.direction, FileAccess::none));

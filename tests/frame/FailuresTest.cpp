@@ -1,6 +1,7 @@
 #include "Operations.h"
 #include "support/AllocationFault.h"
 #include "support/Descriptors.h"
+#include "support/EventRecorder.h"
 #include "support/Testing.h"
 #include "support/Threads.h"
 
@@ -35,9 +36,11 @@ public:
 
     int getCount() const { return m_count; }
     int getFailures() const { return m_failures; }
+    /// Returns the name of the last function that failed.
+    std::string getFailed() const { return m_failed; }
 
-    /// Counts a call. Returns whether it must fail, with one of these numbers in `errno`.
-    VESK_UNWATCHED static bool fails(int error, int other) noexcept {
+    /// Counts a call of a function. Returns whether it must fail, with one of these numbers in `errno`.
+    VESK_UNWATCHED static bool fails(char const* function, int error, int other) noexcept {
         Plan* const plan = t_current;
         if (plan == nullptr || support::Injected::isResolving()) {
             return false;
@@ -48,6 +51,7 @@ public:
             : plan->m_count == plan->m_first || plan->m_count == plan->m_second;
         if (failing) {
             ++plan->m_failures;
+            plan->m_failed = function;
             errno = plan->m_count % 2 == 0 ? other : error;
         }
         return failing;
@@ -61,6 +65,7 @@ private:
     int m_second = 0;
     int m_count = 0;
     int m_failures = 0;
+    char const* m_failed = "";
 };
 
 } // namespace
@@ -68,7 +73,7 @@ private:
 #define VESK_FAILING(result, failure, error, other, name, parameters, arguments)                             \
     support::Injected inject_##name(#name);                                                                  \
     extern "C" VESK_UNWATCHED result name parameters {                                                       \
-        if (Plan::fails(error, other)) {                                                                     \
+        if (Plan::fails(#name, error, other)) {                                                              \
             return failure;                                                                                  \
         }                                                                                                    \
         return reinterpret_cast<result(*) parameters>(inject_##name.getReal()) arguments;                    \
@@ -79,10 +84,10 @@ private:
     support::Injected inject_##name(#name);                                                                  \
     extern "C" VESK_UNWATCHED int name parameters {                                                          \
         int const result = reinterpret_cast<int(*) parameters>(inject_##name.getReal()) arguments;           \
-        return result == 0 && Plan::fails(EIO, ENOSPC) ? -1 : result;                                        \
+        return result == 0 && Plan::fails(#name, EIO, ENOSPC) ? -1 : result;                                 \
     }
 
-VESK_INJECT_OPEN(if (Plan::fails(EMFILE, ENOMEM)) { return -1; })
+VESK_INJECT_OPEN(if (Plan::fails("open", EMFILE, ENOMEM)) { return -1; })
 VESK_FAILING_AFTER(close, (int fd), (fd))
 VESK_FAILING_AFTER(closedir, (DIR * directory), (directory))
 VESK_FAILING_AFTER(mq_close, (mqd_t queue), (queue))
@@ -213,6 +218,98 @@ TEST_P(Failures, mayComeInPairs) {
                                     << " have failed: " << tarn_error.getReasonList();
         }
     }
+}
+
+/// How an operation tells its caller that one of its system calls has failed: a letter for each function.
+/// R  it fails with a chain of reports
+/// F  it fails without a report
+/// E  an event of `GlobalErrorHandler`, such as the warning of a destructor, which has no other way
+/// P  it succeeds, and a chain is pending: its result is not the one of the operation that failed
+/// -  it succeeds, because it does not need the call
+/// 2  several of these
+struct Told : support::NamedRow {
+    char const* functions;
+};
+
+Told const TOLD[] = {
+    {"ErrorStorage_fiveLevels", "munmap:-"},
+    {"FileInfo", "stat:R"},
+    {"FileInfo_getOwner", "stat:P"},
+    // The copy ends the process after its report. Here it continues, and the destructors close the files again.
+    {"FileSys_copy", "close:2 open:R read:R unlink:- write:R"},
+    // After its report, the constructor closes the descriptor again, and warns that it is closed.
+    {"Directory", "closedir:E fdopendir:R open:R readdir:2"},
+    {"Directory_curDir", "closedir:E fdopendir:R open:R readdir:2R"},
+    {"StreamBinFileR", "close:- open:R"},
+    // The file keeps its descriptor, which the destructors of both halves close again.
+    {"StreamBinFileRW", "close:2 open:R"},
+    {"BinTempFileRW", "close:E mkstemp:R unlink:E"},
+    {"FmtFileWrapper", "close:E open:R"},
+    // The object keeps its descriptor, which the destructor closes again.
+    {"SharedMemory", "close:2 ftruncate:R shm_open:R shm_unlink:R"},
+    {"SharedMemory_ring", "close:2 ftruncate:R shm_open:R shm_unlink:R"},
+    {"MsgQueue", "mq_unlink:-R"}, // A name that is missing before the creation is no failure.
+    {"Semaphore", "sem_unlink:-R"},
+    {"NetDevice", "close:- socket:R"},
+    {"NetDevice_all", "close:- socket:R"},
+    {"ProcessInfo", "close:- open:R read:R"},
+    {"ProcessInfo_getPIDs", "fdopendir:R open:R readdir:2R"}, // As `Directory`.
+    {"ProcessTNG_settings", "stat:PR"},
+    {"ProcessTNG_getProcessId", "fdopendir:P open:P readdir:2P"}, // Returns nothing; as `Directory`.
+    {"TCPSocket",
+     "accept4:R bind:R close:P connect:R getpeername:- getsockname:-R listen:R setsockopt:R socket:R"},
+    {"UDPSocket", "bind:R close:P connect:2 socket:R"}, // `open` has no result: it reports and warns.
+    {"UnixSocket", "accept4:R bind:R close:P connect:R getpeername:- listen:R socket:R"},
+};
+
+/// Operations without a row make no system call that this program replaces.
+std::string getTold(char const* operation) {
+    for (Told const& row : TOLD) {
+        if (strcmp(row.what, operation) == 0) {
+            return row.functions;
+        }
+    }
+    return "";
+}
+
+/// Counts the chains that were replaced before the test has seen them.
+class Discarded {
+public:
+    Discarded() { s_count = 0; }
+    size_t getCount() const { return s_count; }
+
+private:
+    static inline thread_local size_t s_count;
+    std::ErrorStorage m_store{[](void*, char const*, std::ErrorObject const*, unsigned int) { ++s_count; }};
+};
+
+/// Runs an operation while this call fails, and adds the letter of what happens to those of the function.
+void addTold(Row const& row, int nth, std::map<std::string, std::set<char>>& told) {
+    Discarded const discarded;
+    support::EventRecorder const events;
+    Plan const plan(nth, 0);
+    bool const failed = row.run();
+    bool const pending = std::ErrorStorage::isError(true);
+    std::ErrorStorage::ack();
+    size_t const times = discarded.getCount() + events.getCount() + (pending ? 1 : 0);
+    char const once = events.getCount() != 0 ? 'E' : failed ? 'R' : 'P';
+    told[plan.getFailed()].insert(times > 1 ? '2' : times == 1 ? once : failed ? 'F' : '-');
+}
+
+TEST_P(Failures, areToldOnce) {
+    Row const& row = GetParam();
+    ASSERT_EQ(0, chdir("/"));
+    ASSERT_FALSE(row.run()) << tarn_error.getReasonList();
+    int const calls = std::min(runWith(row, 0, 0), 60);
+    std::map<std::string, std::set<char>> told;
+    for (int nth = 1; nth <= calls; ++nth) {
+        addTold(row, nth, told);
+    }
+    std::string text;
+    for (auto const& [function, letters] : told) {
+        text += (text.empty() ? "" : " ") + function + ":" + std::string(letters.begin(), letters.end());
+    }
+    EXPECT_EQ(getTold(row.name), text);
 }
 
 class RandomFailures : public testing::TestWithParam<unsigned long> {

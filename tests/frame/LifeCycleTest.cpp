@@ -1,7 +1,6 @@
-#include "Emulation.h"
 #include "LifeCycleSubjects.h"
-#include "support/Cancellation.h"
 #include "support/Descriptors.h"
+#include "support/Emulation.h"
 #include "support/Sanitizers.h"
 #include "support/Sleeper.h"
 #include "support/Testing.h"
@@ -28,7 +27,7 @@ extern "C" char const* __tsan_default_options() {
 }
 constexpr bool HAS_RUNTIME_WITH_LOCKS = true;
 #else
-constexpr bool HAS_RUNTIME_WITH_LOCKS = IS_EMULATED;
+bool const HAS_RUNTIME_WITH_LOCKS = support::IS_EMULATED;
 #endif
 
 namespace {
@@ -351,9 +350,6 @@ TEST_P(LifeCycle, isAsTheMatrixSays) {
         VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
         if (!support::FOLLOWS_CANCELED_THREADS) {
             GTEST_SKIP() << "the thread sanitizer does not follow a thread that is canceled in a system call";
-        }
-        if (!support::UNWINDS_ASYNCHRONOUSLY) {
-            GTEST_SKIP() << "the C library has no unwind tables for some of its cancellation points";
         }
     }
     support::ChildEnd const end =

@@ -45,7 +45,10 @@ struct Handler : vesk::Message::Handler {
 template <typename Socket>
 struct Closing {
     Closing(Socket& its_socket) : socket(its_socket) {}
-    ~Closing() { socket.close(false); }
+    ~Closing() {
+        vesk::detail::KeptErrorChain const kept_chain; // A socket that failed may be closed already.
+        socket.close(false);
+    }
     Closing(Closing const&) = delete;
     Closing& operator=(Closing const&) = delete;
 
@@ -234,12 +237,15 @@ Row const ROWS[] = {
     {"Directory_curDir", "RR",
      [] {
          vesk::Directory directory("/proc/self", true);
+         if (isBroken(directory)) {
+             return true;
+         }
          while (!directory.atEnd() && strcmp(directory.curName(), "task") != 0) {
              if (directory.next() == -1) {
                  return true;
              }
          }
-         return isBroken(directory) || isBroken(directory.curDir(true, true));
+         return isBroken(directory.curDir(true, true));
      }},
     {"StreamBinFileR", "R",
      [] {
@@ -346,10 +352,10 @@ Row const ROWS[] = {
          process.setAffinity({true});
          return process.setExecutable("/bin/sh");
      }},
-    {"ProcessTNG_start", "TTTTTWWW",
+    {"ProcessTNG_start", "TTTTTTTTWWWW",
      [] {
          vesk::ProcessTNG process("/bin/true", {"argument"});
-         process.setEnvironment({{"NAME", "value"}});
+         process.setEnvironment({{"NAME", LONG}});
          return process.start() == -1 || process.wait(g_state, false, 0);
      }},
     {"ProcessTNG_getOwnProcessName", "T", [] { return vesk::ProcessTNG::getOwnProcessName().empty(); }},
@@ -397,7 +403,11 @@ Row const ROWS[] = {
          if (server.hadError() || isBroken(client) || client.connect()) {
              return true;
          }
-         vesk::TCPSocket peer(true, 100, 100, server.acceptConnection());
+         auto const accepted = server.acceptConnection();
+         if (server.hadError()) {
+             return true;
+         }
+         vesk::TCPSocket peer(true, 100, 100, accepted);
          Closing const closing_peer(peer);
          return isBroken(peer);
      }},
@@ -425,7 +435,11 @@ Row const ROWS[] = {
          if (server.hadError() || isBroken(client) || client.connect()) {
              return true;
          }
-         vesk::UnixSocket peer(true, 100, 100, server.acceptConnection());
+         auto const accepted = server.acceptConnection();
+         if (server.hadError()) {
+             return true;
+         }
+         vesk::UnixSocket peer(true, 100, 100, accepted);
          Closing const closing_peer(peer);
          return isBroken(peer);
      }},

@@ -1,7 +1,7 @@
 // Ends while its threads use the libraries: ProcessEndProgram WAY PREFIX. Prints "ending" just before.
 
-#include "Emulation.h"
 #include "Uses.h"
+#include "support/Emulation.h"
 #include "threads/SignalsToMainThread.h"
 
 #include <vesk/SignalCatcher.h>
@@ -95,7 +95,7 @@ int main(int argc, char** argv) {
     vesk::Vesk const vesk(true, false);
     uses::setUp(argv[2]);
     s_reader.expected = vesk::getDefaultConfigDir();
-    if (IS_EMULATED) {
+    if (support::IS_EMULATED) {
         // Keep both engines: an emulator may delay an expiry until the end of an engine has released its
         // signal.
         new vesk::Timer([](vesk::Timer*) {}, false);

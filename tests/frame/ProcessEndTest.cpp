@@ -1,5 +1,6 @@
 #include "ProcessEndCommand.h"
 #include "Uses.h"
+#include "support/Emulation.h"
 #include "support/Testing.h"
 
 namespace {
@@ -8,7 +9,7 @@ namespace {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int PROCESSES = 5;
 #else
-constexpr int PROCESSES = IS_EMULATED ? 2 : 50;
+int const PROCESSES = support::IS_EMULATED ? 2 : support::IS_SLOW ? 10 : 50;
 #endif
 
 /// How the process ends, and the number of the batch.

@@ -1,7 +1,7 @@
 #include "Uses.h"
 
-#include "Emulation.h"
 #include "EveryHeader.h"
+#include "support/Emulation.h"
 
 #include <atomic>
 #include <csignal>
@@ -233,7 +233,7 @@ void processes() {
 #if defined(__SANITIZE_THREAD__)
     constexpr bool HAS_RUNTIME_WITH_LOCKS = true;
 #else
-    constexpr bool HAS_RUNTIME_WITH_LOCKS = IS_EMULATED;
+    bool const HAS_RUNTIME_WITH_LOCKS = support::IS_EMULATED;
 #endif
     if (HAS_RUNTIME_WITH_LOCKS) {
         return; // Its locks stay locked in a child that is forked while other threads hold them.

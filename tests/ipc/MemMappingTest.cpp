@@ -1,5 +1,6 @@
 #include "support/Calls.h"
 #include "support/CleanEnd.h"
+#include "support/Emulation.h"
 #include "support/FailOnce.h"
 #include "support/NamedRow.h"
 #include "support/Processes.h"
@@ -184,11 +185,9 @@ class MemMappingFailure : public MemMappingTest, public testing::WithParamInterf
 TEST_P(MemMappingFailure, isReportedAndGivesAnAddressOfAllOnes) {
     auto const [step, row] = GetParam();
     bool const ring = step != PLAIN;
-#if defined(__arm__)
-    if (ring) {
+    if (ring && IS_EMULATED) {
         GTEST_SKIP() << "QEMU's user mode lists ranges of its own in /proc/self/maps";
     }
-#endif
     MapCalls const calls;
     Fault const fault(inject_mmap, row.error, step);
     MemMapping mapping(m_fd, READ_WRITE, m_page, 0, nullptr, ring);
@@ -413,9 +412,9 @@ TEST_F(MemMappingTest, syncTakesALengthAndThenAnOffset) {
 }
 
 TEST_F(MemMappingTest, syncOfARangeThatIsNotMappedFails) {
-#if defined(__arm__)
-    GTEST_SKIP() << "QEMU's user mode does not refuse it";
-#endif
+    if (IS_EMULATED) {
+        GTEST_SKIP() << "QEMU's user mode does not refuse it";
+    }
     MemMapping& mapping = map(READ_WRITE, 2 * m_page);
     EXPECT_EQ(0, munmap(bytesOf(mapping) + m_page, m_page));
     EXPECT_TRUE(mapping.sync(m_page, m_page));

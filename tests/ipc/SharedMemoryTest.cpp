@@ -1,4 +1,5 @@
 #include "IpcSupport.h"
+#include "support/Emulation.h"
 #include "support/NewFault.h"
 #include "support/Processes.h"
 #include "support/TempFolder.h"
@@ -99,9 +100,9 @@ TEST_F(SharedMemoryBaseTest, failedMappingIsNotRegistered) {
 }
 
 TEST_F(SharedMemoryBaseTest, ringWithAFailedHalfIsNotRegisteredAndLeavesItsRangeReserved) {
-#if defined(__arm__)
-    GTEST_SKIP() << "QEMU's user mode lists ranges of its own in /proc/self/maps";
-#endif
+    if (IS_EMULATED) {
+        GTEST_SKIP() << "QEMU's user mode lists ranges of its own in /proc/self/maps";
+    }
     MapCalls const calls;
     Fault const fault(inject_mmap, ENOMEM, 3);
     EXPECT_FALSE(m_shm.addMapping(READ_WRITE, m_page, 0, nullptr, true).isValid());

@@ -1,4 +1,5 @@
 #include "support/Descriptors.h"
+#include "support/Emulation.h"
 #include "support/NetworkNamespace.h"
 #include "support/Processes.h"
 #include "support/Sleeper.h"
@@ -15,10 +16,10 @@ using namespace support;
 using vesk::NetDeviceMonitor;
 namespace SysErrorId = vesk::SysErrorId;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(__arm__)
+#if defined(__SANITIZE_ADDRESS__)
 constexpr int ROUNDS = 20;
 #else
-constexpr int ROUNDS = 100;
+constexpr int ROUNDS = IS_SLOW ? 20 : 100;
 #endif
 
 /// Returns the lines about one interface. The kernel may repeat its status any number of times: only the

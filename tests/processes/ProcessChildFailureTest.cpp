@@ -1,5 +1,6 @@
 #include "processes/ChildCapture.h"
 
+#include "support/Emulation.h"
 #include "support/NewFault.h"
 
 #include <fnmatch.h>
@@ -54,7 +55,7 @@ VESK_UNWATCHED void recordMask(int how, sigset_t const* set) {
         "sigprocmask %s %s\n", how == SIG_UNBLOCK ? "unblock" : "other",
         unblocked >= NSIG - 3 ? "all" : "some");
     // User-mode QEMU keeps the last two for itself.
-    for (int i = 1; i < NSIG - (IS_EMULATED ? 2 : 0); ++i) {
+    for (int i = 1; i < NSIG - (support::IS_EMULATED ? 2 : 0); ++i) {
         bool const is_libcs = sigismember(set, i) != 1;
         if (i != SIGKILL && i != SIGSTOP && !is_libcs && sigismember(&before, i) != 1) {
             record("%d was not blocked\n", i);

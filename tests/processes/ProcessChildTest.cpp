@@ -1,4 +1,5 @@
 #include "processes/ChildCapture.h"
+#include "support/Coverage.h"
 
 // The properties of a child, seen from the program that runs in it.
 namespace {
@@ -497,6 +498,9 @@ char const* const LOG_TEXTS[] = {
     "\". Reason: ",     "]: Couldn't dup2 (",        "! Reason: "};
 
 VESK_TEST_TABLE(LogTexts, areInTheLibraryInOnePiece, testing::Test, LOG_TEXTS) {
+    if (isCounting()) {
+        GTEST_SKIP() << "a counter for each piece of code makes the compiler split the texts";
+    }
     std::string const library = contentOf(findLibrary());
     EXPECT_NE(std::string::npos, library.find(std::string(GetParam()) + '\0')) << findLibrary();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ProbeCommand.h"
+#include "support/Emulation.h"
 #include "support/Sleeper.h"
 #include "support/TempFolder.h"
 #include "threads/ThreadSupport.h"
@@ -19,7 +20,7 @@ constexpr int SLOWDOWN = 20;
 #elif defined(__SANITIZE_ADDRESS__)
 constexpr int SLOWDOWN = 10;
 #else
-constexpr int SLOWDOWN = IS_EMULATED ? 50 : 1;
+inline int const SLOWDOWN = IS_SLOW ? 50 : 1;
 #endif
 
 /// What a process without a collector, or without the means to find its own name, reports.

@@ -51,6 +51,13 @@ TEST(Abort, cutsALongLine) {
     EXPECT_EQ("...\n", end.errors.substr(end.errors.size() - 4));
 }
 
+TEST(Abort, dropsAConversionWithoutALetter) {
+    for (std::string const format : {"%s%", "%s%l"}) {
+        ChildEnd const end = runInChild([&] { tarnbase::abort("f", 1, "g", format.c_str(), "text"); });
+        EXPECT_EQ("f:1: g: fatal: text\n", end.errors);
+    }
+}
+
 TEST(Abort, worksInASignalHandlerWithoutTheHeapAndWithoutALock) {
     if (!COUNTS_ALLOCATIONS) {
         GTEST_SKIP() << "the sanitizers bring their own allocation functions";

@@ -36,6 +36,8 @@ public:
     using filebuf_base::m_buffer_size;
     using filebuf_base::m_reading;
     using filebuf_base::m_writing;
+    using filebuf_base::overflow;
+    using filebuf_base::underflow;
 
     std::ptrdiff_t getUnread() const { return egptr() - gptr(); }
     std::ptrdiff_t getUnwritten() const { return pptr() - pbase(); }
@@ -205,6 +207,19 @@ TEST(FilebufBase, memoryOfTheCallerIsUsedAndNotFreed) {
         EXPECT_EQ('d', buffer.sbumpc());
     }
     EXPECT_STREQ("def#", memory);
+}
+
+TEST(FilebufBase, readsNothingWhileItHasCharacters) {
+    MemoryBuffer buffer(BOTH, 4, "abcdef");
+    EXPECT_EQ('a', buffer.underflow());
+    EXPECT_EQ('a', buffer.underflow());
+    EXPECT_EQ((Log{"read 4"}), buffer.log);
+}
+
+TEST(FilebufBase, overflowWithoutACharacterWritesNone) {
+    MemoryBuffer buffer(BOTH, 4);
+    EXPECT_NE(EOF, buffer.overflow(EOF));
+    EXPECT_EQ(0, buffer.getUnwritten());
 }
 
 TEST(FilebufBase, withoutMemoryNothingCanBeReadOrWritten) {

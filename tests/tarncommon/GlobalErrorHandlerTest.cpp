@@ -1,4 +1,5 @@
 #include "support/AllocationCounter.h"
+#include "support/SyscallFault.h"
 #include "support/Testing.h"
 
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -70,6 +71,21 @@ TEST(GlobalErrorHandler, hookMayLetTheDefaultActionRun) {
     EXPECT_EQ(SIGABRT, end.signal);
     EXPECT_EQ("seen the end\n", end.output);
     EXPECT_EQ("some/File:2: two: fatal: the end\n", end.errors);
+}
+
+TEST(GlobalErrorHandler, anInterruptedWriteIsRepeatedAndAFailedOneIsNot) {
+    ChildEnd const end = runInChild([] {
+        g_failing_syscall = SYS_write;
+        for (int const error : {EINTR, EIO}) {
+            Fault const fault(inject_syscall, error);
+            errno = EDOM;
+            Handler::doWarning("some/File", error == EINTR ? 1 : 2, "function", "text");
+            EXPECT_EQ(EDOM, errno);
+            EXPECT_EQ(error == EINTR ? 2 : 1, fault.getCalls());
+        }
+    });
+    EXPECT_EQ(0, end.exit_code);
+    EXPECT_EQ("some/File:1: function: warning: text\n", end.errors);
 }
 
 TEST(GlobalErrorHandler, longLineIsCut) {

@@ -1,6 +1,7 @@
 #include "SignalsToMainThread.h"
 #include "TimerSupport.h"
 #include "support/CleanEnd.h"
+#include "support/Emulation.h"
 #include "support/Processes.h"
 #include "support/UnlockFault.h"
 
@@ -31,11 +32,7 @@ static_assert(sizeof(Alarm) == 5 * sizeof(void*));
 static_assert(std::is_base_of_v<Engine, Alarm::DefaultTimer>);
 static_assert(std::is_same_v<decltype(Alarm::DEFAULT_TIMER), std::Shared<Alarm::DefaultTimer>>);
 
-#if defined(__SANITIZE_THREAD__) || defined(__arm__)
-constexpr int SLOW = 10; // Divides the numbers of rounds.
-#else
-constexpr int SLOW = 1;
-#endif
+constexpr int SLOW = IS_SLOW ? 10 : 1; // Divides the numbers of rounds.
 
 class AlarmOnEngine : public testing::Test {
 protected:

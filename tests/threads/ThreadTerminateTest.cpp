@@ -1,5 +1,6 @@
 #include "support/Cancellation.h"
 #include "support/CleanEnd.h"
+#include "support/Emulation.h"
 #include "threads/ThreadSupport.h"
 
 #include <vesk/Condition.h>
@@ -340,11 +341,7 @@ TEST_F(ThreadTerminate, destructorOfADetachedSuspendedThreadWakesIt) {
 
 // ---- races ----
 
-#if defined(__SANITIZE_THREAD__) || defined(__arm__)
-constexpr int ROUNDS = 3000; // Each takes about ten times as long.
-#else
-constexpr int ROUNDS = 10000;
-#endif
+constexpr int ROUNDS = IS_SLOW ? 3000 : 10000; // Each takes about ten times as long.
 
 /// Passes a little time, different in every round, to hit every moment of a thread's life.
 void linger(int round, int longest = 100000) {

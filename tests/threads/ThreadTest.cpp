@@ -428,10 +428,6 @@ TEST_F(ThreadTest, joinCanBeCancelledAndLeavesTheThreadToBeJoined) {
     if (!WATCHES_CANCELLED_CALLS) {
         GTEST_SKIP() << "the thread sanitizer does not know threads that are cancelled in pthread_join";
     }
-#if defined(__arm__)
-    GTEST_SKIP()
-        << "under QEMU's user mode a cancellation that comes while a thread enters pthread_join may get lost";
-#endif
     Event joining;
     Event left;
     StartedThread joined(m_wait);

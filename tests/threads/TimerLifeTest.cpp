@@ -1,5 +1,6 @@
 #include "SignalsToMainThread.h"
 #include "ThreadSupport.h"
+#include "support/Emulation.h"
 #include "support/HeapUse.h"
 
 #include <vesk/Timer.h>
@@ -13,11 +14,7 @@ namespace {
 using namespace support;
 using vesk::Timer;
 
-#if defined(__SANITIZE_THREAD__) || defined(__arm__)
-constexpr int ROUNDS = 1000;
-#else
-constexpr int ROUNDS = 10000;
-#endif
+constexpr int ROUNDS = IS_SLOW ? 1000 : 10000;
 
 void ignore(Timer*) {}
 

@@ -39,7 +39,6 @@ public:
     AlarmTable();
 
     KernelTimer& getKernelTimer() noexcept { return m_kernel_timer; }
-    KernelTimer const& getKernelTimer() const noexcept { return m_kernel_timer; }
 
     /// Returns the number of pending alarms. May be called without the lock.
     size_t getCount() const noexcept { return m_count.load(std::memory_order_relaxed); }

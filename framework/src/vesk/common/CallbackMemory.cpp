@@ -49,7 +49,7 @@ public:
                 return chunk;
             }
         }
-        return nullptr;
+        return nullptr; // LCOV_EXCL_LINE: only if other threads take all chunks meanwhile
     }
 
     /// Returns false if there is no place for it.
@@ -157,7 +157,7 @@ __attribute__((init_priority(101))) Caches s_caches;
 /// way. Does not wait for the lock, which a child of `fork` may find locked forever.
 bool Caches::observe() noexcept {
     if (t_cache.state == Cache::ENDED || !m_has_key || pthread_mutex_trylock(&m_mutex) != 0) {
-        return false;
+        return false; // LCOV_EXCL_LINE: only while another thread begins or ends
     }
     bool const is_observed = pthread_setspecific(m_key, &t_cache) == 0;
     if (is_observed) {
@@ -197,7 +197,7 @@ Caches::~Caches() {
         cache->clear();
     }
     while (Block* const chunk = s_depot.take()) {
-        freeAll(chunk);
+        freeAll(chunk); // LCOV_EXCL_LINE: only in a program that unloads the library
     }
 }
 

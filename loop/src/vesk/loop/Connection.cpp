@@ -4,6 +4,8 @@
 #include "Sockets.h"
 #include "Stream.h"
 
+#include <vesk/common/Unwindable.h>
+
 #include <cerrno>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -68,7 +70,8 @@ public:
 private:
     void serveReader() {
         for (int i = 0; i < ACCEPTS_PER_CALL && !isSilent(); ++i) {
-            UniqueFd fd(accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+            UniqueFd fd(unwindable(
+                [this] { return accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); }));
             if (!fd.isOpen()) {
                 waitAfter(errno);
                 return;

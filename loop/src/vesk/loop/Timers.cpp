@@ -1,5 +1,7 @@
 #include "Core.h"
 
+#include <vesk/common/Unwindable.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -221,9 +223,12 @@ Clock::duration Core::getWait(Clock::duration timeout) const noexcept {
 /// Waits for descriptors. A negative limit is none. Returns the number of events, or -1 with `errno` set.
 /// A cancellation point, and therefore not `noexcept`.
 int Core::wait(Clock::duration limit) {
-    int const size = static_cast<int>(m_events.size());
+    auto const size = static_cast<int>(m_events.size());
+    auto const waitForEvents = [&](int milliseconds) {
+        return unwindable([&] { return epoll_wait(m_epoll.get(), m_events.data(), size, milliseconds); });
+    };
     if (limit <= Clock::duration::zero()) {
-        return epoll_wait(m_epoll.get(), m_events.data(), size, limit < Clock::duration::zero() ? -1 : 0);
+        return waitForEvents(limit < Clock::duration::zero() ? -1 : 0);
     }
     if (m_waits_precisely) {
         auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
@@ -238,8 +243,7 @@ int Core::wait(Clock::duration limit) {
         makeTimerFd();
     }
     auto const milliseconds = std::chrono::ceil<std::chrono::milliseconds>(limit).count();
-    return epoll_wait(
-        m_epoll.get(), m_events.data(), size, static_cast<int>(std::min<long long>(milliseconds, INT_MAX)));
+    return waitForEvents(static_cast<int>(std::min<long long>(milliseconds, INT_MAX)));
 }
 
 bool Core::makeTimerFd() noexcept {

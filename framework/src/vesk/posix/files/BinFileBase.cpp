@@ -11,6 +11,7 @@
 #include <vesk/SysError.h>
 #include <vesk/common/CancellationOff.h>
 #include <vesk/common/KeptErrorChain.h>
+#include <vesk/common/Unwindable.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorApi.h>
@@ -182,7 +183,8 @@ bool BinFileBase::openAt(
     m_flags = flags;
     int const system_flags = translate(flags) | (follow ? 0 : O_NOFOLLOW);
     do {
-        m_fd = openat(dir.getHandle().fd, name, system_flags, static_cast<mode_t>(access));
+        m_fd = unwindable(
+            [&] { return openat(dir.getHandle().fd, name, system_flags, static_cast<mode_t>(access)); });
     } while (m_fd == -1 && handleOpenError(errno, name));
     return m_fd == -1;
 }

@@ -11,6 +11,7 @@
 #include <vesk/common/CancellationOff.h>
 #include <vesk/common/KeptErrorChain.h>
 #include <vesk/common/UniqueFd.h>
+#include <vesk/common/Unwindable.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/ErrorStorage.h>
@@ -126,7 +127,8 @@ Directory::Directory(Directory const& parent, std::string const& name, bool foll
             "Directory c'tor called on invalid directory.");
         return;
     }
-    m_handle.fd = openat(parent.m_handle.fd, name.c_str(), follow ? 0 : O_NOFOLLOW);
+    m_handle.fd =
+        unwindable([&] { return openat(parent.m_handle.fd, name.c_str(), follow ? 0 : O_NOFOLLOW); });
     adopt(name.c_str());
 }
 
@@ -222,7 +224,8 @@ Directory Directory::curDir(bool follow, bool) const {
             "curDir() called on directory with atEnd() == true");
         return Directory();
     }
-    UniqueFd fd(openat(m_handle.fd, m_handle.entry->d_name, follow ? 0 : O_NOFOLLOW));
+    UniqueFd fd(
+        unwindable([&] { return openat(m_handle.fd, m_handle.entry->d_name, follow ? 0 : O_NOFOLLOW); }));
     if (!fd.isOpen()) {
         classify(SOURCE, CUR_DIR_ERRORS, errno);
         return Directory();

@@ -59,6 +59,8 @@ void setFlag(tcflag_t& flags, tcflag_t flag, bool on) noexcept {
 void setCheck(tcflag_t& flags, SerialPort::Parity parity) noexcept {
     switch (parity) {
     case SerialPort::Parity::NONE:
+    case SerialPort::Parity::MARK: // `open` has refused these two.
+    case SerialPort::Parity::SPACE:
         setFlag(flags, PARENB, false);
         break;
     case SerialPort::Parity::EVEN:
@@ -67,9 +69,6 @@ void setCheck(tcflag_t& flags, SerialPort::Parity parity) noexcept {
         break;
     case SerialPort::Parity::ODD:
         setFlag(flags, PARENB | PARODD, true);
-        break;
-    case SerialPort::Parity::MARK:
-    case SerialPort::Parity::SPACE:
         break;
     }
 }

@@ -119,7 +119,7 @@ private:
         while (m_length > 0) {
             ssize_t const done = retryOnEintr([&] { return write(STDERR_FILENO, at, m_length); });
             if (done <= 0) {
-                break;
+                break; // LCOV_EXCL_LINE: only if standard error cannot be written
             }
             at += done;
             m_length -= static_cast<size_t>(done);
@@ -354,12 +354,11 @@ void ProcessTNG::runChild(char* const* args, char* const* env) noexcept {
 void ProcessTNG::applyScheduling() const {
     int error = 0;
     switch (sched_attrs.policy) {
-    case sched::VESK_SCHED_POLICY_KEEP: {
-        int const current = sched_getscheduler(0);
-        error = priority_value == NO_PRIORITY ? keepPolicy(current, sched_attrs.param)
-                                              : keepPolicy(current, sched_attrs.param, priority_value);
+    case sched::VESK_SCHED_POLICY_KEEP:
+        error = priority_value == NO_PRIORITY
+            ? keepPolicy(sched_getscheduler(0), sched_attrs.param)
+            : keepPolicy(sched_getscheduler(0), sched_attrs.param, priority_value);
         break;
-    }
     case sched::VESK_SCHED_POLICY_RR:
         error = setPolicy(SCHED_RR, sched_attrs.param.priority);
         break;

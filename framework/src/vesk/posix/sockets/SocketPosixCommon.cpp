@@ -3,6 +3,7 @@
 #include "vesk/posix/detail/CloseFd.h"
 
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/Unwindable.h>
 
 #include <tarncommon/error/CommonError.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
@@ -172,7 +173,7 @@ bool listenSocket(int fd, unsigned int backlog) {
 Outcome acceptSocket(int fd, sockaddr* address, socklen_t length, int& accepted) {
     accepted = retryOnEintr([&] {
         socklen_t room = length;
-        return accept4(fd, address, &room, SOCK_CLOEXEC);
+        return unwindable([&] { return accept4(fd, address, &room, SOCK_CLOEXEC); });
     });
     return accepted >= 0 ? Outcome::DONE : classify(SOURCE, ACCEPT_ERRORS, errno);
 }

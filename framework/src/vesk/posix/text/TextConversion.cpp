@@ -59,7 +59,7 @@ Character readCharacter(unsigned char const* at, unsigned char const* end) noexc
         return INVALID;
     }
     uint32_t const code = (first & 0xFU) << 18 | bits(1) << 12 | bits(2) << 6 | bits(3);
-    return code >= 0x10000 && code < 0x110000 && first < 0xF8 ? Character{code, 4} : INVALID;
+    return code >= 0x10000 && code < 0x110000 ? Character{code, 4} : INVALID;
 }
 
 /// Decodes a text of `limit` characters. Returns false if one is not valid.

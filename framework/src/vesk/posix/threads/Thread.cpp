@@ -8,6 +8,7 @@
 #include "vesk/posix/detail/SystemErrorText.h"
 #include "vesk/posix/detail/WallDeadline.h"
 #include <vesk/common/CancellationOff.h>
+#include <vesk/common/Unwindable.h>
 
 #include <vesk/SysError.h>
 
@@ -374,7 +375,7 @@ bool Thread::join() {
         return true;
     }
     Joining joining(*this);
-    if (int const error = pthread_join(m_handle, nullptr)) {
+    if (int const error = unwindable([this] { return pthread_join(m_handle, nullptr); })) {
         errno = error;
         return reportFailure(SOURCE, Chain::NEW, ErrorId::JOIN_FAILED);
     }
@@ -388,7 +389,9 @@ signed char Thread::joinTimeout(long long const& ms) {
     }
     Joining joining(*this);
     WallDeadline const deadline(ms);
-    int const result = deadline.isValid() ? pthread_timedjoin_np(m_handle, nullptr, deadline.get()) : -1;
+    int const result = deadline.isValid()
+        ? unwindable([&] { return pthread_timedjoin_np(m_handle, nullptr, deadline.get()); })
+        : -1;
     if (result == 0) {
         joining.setJoined();
         return markJoined() ? -1 : 0;
