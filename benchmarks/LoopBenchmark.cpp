@@ -47,8 +47,13 @@ void startBare(benchmark::State& state) {
 BENCHMARK(startWithCommand)
     ->Name("Command start and wait, MiB of the parent (at most 1.2)/vesk")
     ->Arg(0)
-    ->Arg(512);
-BENCHMARK(startBare)->Name("Command start and wait, MiB of the parent (at most 1.2)/bare")->Arg(0)->Arg(512);
+    ->Arg(512)
+    ->UseRealTime();
+BENCHMARK(startBare)
+    ->Name("Command start and wait, MiB of the parent (at most 1.2)/bare")
+    ->Arg(0)
+    ->Arg(512)
+    ->UseRealTime();
 
 // ---- the loop: each engine does the work of LoopWork.h ----
 
