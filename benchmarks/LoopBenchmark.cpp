@@ -47,8 +47,13 @@ void startBare(benchmark::State& state) {
 BENCHMARK(startWithCommand)
     ->Name("Command start and wait, MiB of the parent (at most 1.2)/vesk")
     ->Arg(0)
-    ->Arg(512);
-BENCHMARK(startBare)->Name("Command start and wait, MiB of the parent (at most 1.2)/bare")->Arg(0)->Arg(512);
+    ->Arg(512)
+    ->UseRealTime();
+BENCHMARK(startBare)
+    ->Name("Command start and wait, MiB of the parent (at most 1.2)/bare")
+    ->Arg(0)
+    ->Arg(512)
+    ->UseRealTime();
 
 // ---- the loop: each engine does the work of LoopWork.h ----
 
@@ -61,6 +66,7 @@ T need(vesk::loop::Result<T> result) {
 
 struct VeskEngine {
     void watch(int fd, size_t& served) {
+        fds.emplace_back(fd);
         watches.push_back(need(loop.onReadable(fd, [fd, &served] {
             takeByte(fd);
             ++served;
@@ -87,6 +93,7 @@ struct VeskEngine {
     void runOnce() { check(!loop.runOnce(std::chrono::seconds(1))); }
 
     vesk::loop::Loop loop;
+    std::vector<vesk::loop::Fd> fds;
     std::vector<vesk::loop::Watch> watches;
     std::vector<std::unique_ptr<vesk::loop::Connection>> connections;
     std::vector<vesk::loop::Timer> timers;
@@ -112,6 +119,7 @@ struct BareEngine {
         check(epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &row) != 0);
     }
     void watch(int fd, size_t& count) {
+        fds.emplace_back(fd);
         add(fd);
         served = &count;
     }
@@ -169,6 +177,7 @@ struct BareEngine {
     int timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
     size_t* served = nullptr;
     bool echoes = false;
+    std::vector<vesk::loop::Fd> fds;
     std::mutex mutex;
     std::vector<size_t*> posts;
 };

@@ -23,7 +23,7 @@ inline void takeByte(int fd) {
     check(read(fd, &byte, 1) != 1);
 }
 
-/// Connected sockets. The loop owns the second ones.
+/// Connected sockets. The engine owns the second ones, and closes them: thousands of them are opened in a run.
 class Peers {
 public:
     explicit Peers(size_t count) : m_fds(count) {

@@ -11,13 +11,98 @@
 #include <boost/asio/steady_timer.hpp>
 #endif
 
+#ifdef VESK_PEER_POCO
+#include <Poco/Process.h>
+#endif
+#ifdef VESK_PEER_APR
+#include <apr_thread_proc.h>
+#endif
+
 namespace {
+
+// ---- programs ----
+
+/// Adds the rows of a peer that starts a program and waits for its end.
+#define COMMAND_ROWS(function, side)                                                                         \
+    BENCHMARK(function)                                                                                      \
+        ->Name("Command start and wait, MiB of the parent (at most 1.2)/" side)                              \
+        ->Arg(0)                                                                                             \
+        ->Arg(512)                                                                                           \
+        ->UseRealTime()
+
+#ifdef VESK_PEER_UV
+void startWithUv(benchmark::State& state) {
+    Ballast const ballast(state);
+    UvLoop loop;
+    std::string program = PROGRAM;
+    std::array<char*, 2> arguments = {program.data(), nullptr};
+    uv_process_options_t options{};
+    options.file = PROGRAM;
+    options.args = arguments.data();
+    options.exit_cb = [](uv_process_t* process, int64_t, int) {
+        uv_close(reinterpret_cast<uv_handle_t*>(process), nullptr);
+    };
+    for (auto _ : state) {
+        uv_process_t process;
+        check(uv_spawn(&loop.raw, &process, &options) != 0 || uv_run(&loop.raw, UV_RUN_DEFAULT) != 0);
+    }
+}
+COMMAND_ROWS(startWithUv, "uv");
+#endif
+
+#ifdef VESK_PEER_GLIB
+void startWithGlib(benchmark::State& state) {
+    Ballast const ballast(state);
+    std::string program = PROGRAM;
+    std::array<char*, 2> arguments = {program.data(), nullptr};
+    for (auto _ : state) {
+        GPid child = 0;
+        check(
+            g_spawn_async(
+                nullptr, arguments.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr, &child,
+                nullptr) == 0);
+        check(waitpid(child, nullptr, 0) != child);
+    }
+}
+COMMAND_ROWS(startWithGlib, "glib");
+#endif
+
+#ifdef VESK_PEER_POCO
+void startWithPoco(benchmark::State& state) {
+    Ballast const ballast(state);
+    for (auto _ : state) {
+        check(Poco::Process::launch(PROGRAM, {}).wait() != 0);
+    }
+}
+COMMAND_ROWS(startWithPoco, "poco");
+#endif
+
+#ifdef VESK_PEER_APR
+void startWithApr(benchmark::State& state) {
+    Ballast const ballast(state);
+    std::array<char const*, 2> const arguments = {PROGRAM, nullptr};
+    for (auto _ : state) {
+        AprPool const pool;
+        apr_procattr_t* attributes = nullptr;
+        apr_proc_t process{};
+        check(apr_procattr_create(&attributes, pool.raw) != APR_SUCCESS);
+        check(apr_procattr_cmdtype_set(attributes, APR_PROGRAM_ENV) != APR_SUCCESS);
+        check(
+            apr_proc_create(&process, PROGRAM, arguments.data(), nullptr, attributes, pool.raw) !=
+            APR_SUCCESS);
+        check(apr_proc_wait(&process, nullptr, nullptr, APR_WAIT) != APR_CHILD_DONE);
+    }
+}
+COMMAND_ROWS(startWithApr, "apr");
+#endif
+
+// ---- loops ----
 
 #ifdef VESK_PEER_UV
 struct UvEngine {
     struct Poll {
         uv_poll_t raw;
-        int fd;
+        vesk::loop::Fd fd;
         size_t* served;
     };
     struct Pipe {
@@ -34,12 +119,12 @@ struct UvEngine {
     UvEngine& operator=(UvEngine const&) = delete;
 
     void watch(int fd, size_t& served) {
-        auto& poll = *polls.emplace_back(std::make_unique<Poll>(Poll{{}, fd, &served}));
+        auto& poll = *polls.emplace_back(std::make_unique<Poll>(Poll{{}, vesk::loop::Fd(fd), &served}));
         poll.raw.data = &poll;
         check(uv_poll_init(&loop.raw, &poll.raw, fd) != 0);
         uv_poll_start(&poll.raw, UV_READABLE, [](uv_poll_t* raw, int, int) {
             auto& self = *static_cast<Poll*>(raw->data);
-            takeByte(self.fd);
+            takeByte(self.fd.get());
             ++*self.served;
         });
     }
@@ -105,7 +190,7 @@ LOOP_ROWS(UvEngine, "uv");
 #ifdef VESK_PEER_GLIB
 struct GlibEngine {
     struct Watched {
-        int fd;
+        vesk::loop::Fd fd;
         size_t* served;
     };
     ~GlibEngine() {
@@ -128,7 +213,8 @@ struct GlibEngine {
             ++*static_cast<Watched*>(data)->served;
             return G_SOURCE_CONTINUE;
         };
-        add(g_unix_fd_source_new(fd, G_IO_IN), G_SOURCE_FUNC(+CALL), new Watched{fd, &served}, destroy);
+        add(g_unix_fd_source_new(fd, G_IO_IN), G_SOURCE_FUNC(+CALL), new Watched{vesk::loop::Fd(fd), &served},
+            destroy);
     }
     void echo(int fd, size_t& served) {
         constexpr auto CALL = [](int own, GIOCondition, void* data) -> gboolean {
@@ -138,7 +224,8 @@ struct GlibEngine {
             ++*static_cast<Watched*>(data)->served;
             return G_SOURCE_CONTINUE;
         };
-        add(g_unix_fd_source_new(fd, G_IO_IN), G_SOURCE_FUNC(+CALL), new Watched{fd, &served}, destroy);
+        add(g_unix_fd_source_new(fd, G_IO_IN), G_SOURCE_FUNC(+CALL), new Watched{vesk::loop::Fd(fd), &served},
+            destroy);
     }
     static gboolean ignore(void* /*data*/) { return G_SOURCE_REMOVE; }
     void addTimer() { add(g_timeout_source_new(3600000), ignore, nullptr, nullptr); }

@@ -26,6 +26,7 @@ TOPICS = {
     "sockets": "Sockets",
     "memory": "Memory",
     "time": "Time",
+    "loop": "The loop",
 }
 PACKAGES = {"boost": "libboost-dev", "poco": "libpoco-dev", "glib": "libglib2.0-dev", "uv": "libuv1-dev", "apr": "libapr1-dev"}
 NS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
@@ -326,6 +327,8 @@ spread" marks them if the quartiles of the fastest overlap those of libvesk. Row
   little.
 - In the rows of the one-shot timer libvesk, POCO and the bare call hand over between two threads; Boost, GLib and libuv run
   their loop in the calling thread. POCO and libuv count whole milliseconds and can be early.
+- The loops of libuv and GLib count whole milliseconds. A timer of libuv belongs to the thread of its loop and starts from the
+  time of the last round; one of libvesk may be started by any thread, and reads the exact clock.
 - POCO has no row with many pending timers: `Poco::Timer` has a thread each, and `Poco::Util::Timer` keeps a canceled task.
 
 {topics}

@@ -5,6 +5,7 @@
 
 #include <vesk/loop/Datagram.h>
 #include <vesk/loop/FileWatch.h>
+#include <vesk/loop/Interfaces.h>
 #include <vesk/loop/Listener.h>
 
 #include <sys/epoll.h>
@@ -85,6 +86,10 @@ std::error_code openFiles(Loop& loop) {
     return FileWatch::open(loop, [](FileEvent const&) {}).code();
 }
 
+std::error_code openInterfaces(Loop& loop) {
+    return vesk::loop::watchInterfaces(loop, [](auto const&) {}).code();
+}
+
 /// Waits for the end, so that the thread of the look-up has closed its descriptors.
 std::error_code lookUpNumber(Loop& loop) {
     auto const watch = lookUp(loop, "127.0.0.1:7", [](auto) {});
@@ -102,6 +107,8 @@ Row const ROWS[] = {
     {"epollCtlOfDatagrams", inject_epoll_ctl, 1, openDatagram},
     {"inotify", inject_inotify_init1, 1, openFiles},
     {"epollCtlOfFiles", inject_epoll_ctl, 1, openFiles},
+    {"eventfdOfInterfaces", inject_eventfd, 1, openInterfaces},
+    {"epollCtlOfInterfaces", inject_epoll_ctl, 1, openInterfaces},
     {"pipeOfALookUp", inject_pipe2, 1, lookUpNumber},
     {"epollCreate", inject_epoll_create1, 1, onNewLoop},
     {"eventfd", inject_eventfd, 1, onNewLoop},

@@ -4,6 +4,7 @@
 
 #include <vesk/loop/Datagram.h>
 #include <vesk/loop/FileWatch.h>
+#include <vesk/loop/Interfaces.h>
 #include <vesk/loop/Listener.h>
 
 /// Each kind of watch, destroyed at each moment and from each place: its callback neither runs nor will run when the
@@ -161,6 +162,13 @@ private:
     int const m_descriptors = countDescriptors();
 };
 
+class InterfacesSubject : public Subject {
+    Watch watch(Loop& loop, std::function<void()> callback) override {
+        return valueOf(vesk::loop::watchInterfaces(loop, [callback](auto const&) { callback(); }));
+    }
+    void makeDue() override { std::this_thread::sleep_for(2ms); }
+};
+
 struct Kind {
     char const* name;
     std::unique_ptr<Subject> (*make)();
@@ -176,6 +184,7 @@ constexpr Kind KINDS[] = {
     {"connection", makeSubject<ConnectionSubject>}, {"listener", makeSubject<ListenerSubject>},
     {"datagram", makeSubject<DatagramSubject>},     {"file", makeSubject<FileSubject>},
     {"lookUp", makeSubject<LookUpSubject>},         {"date", makeSubject<DateSubject>},
+    {"interfaces", makeSubject<InterfacesSubject>},
 };
 
 class WatchLife : public testing::TestWithParam<Kind> {

@@ -3,6 +3,8 @@
 #include <vesk/loop/Export.h>
 
 #include <cstddef>
+#include <cstring>
+#include <memory>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -31,17 +33,19 @@ public:
         using Callable = std::decay_t<F>;
         if constexpr (fits<Callable>()) {
             new (m_storage) Callable(std::forward<F>(callable));
-            m_operations = &LOCAL<Callable>;
+            m_operations = &OPERATIONS<Callable>;
         } else {
-            *reinterpret_cast<Callable**>(m_storage) = new Callable(std::forward<F>(callable));
-            m_operations = &ON_HEAP<Callable>;
+            new (m_storage) Remote<Callable>{std::make_unique<Callable>(std::forward<F>(callable))};
+            m_operations = &OPERATIONS<Remote<Callable>>;
         }
     }
 
     /// Takes the callable of another callback, which is empty afterwards.
     Callback(Callback&& other) noexcept : m_operations(std::exchange(other.m_operations, nullptr)) {
-        if (m_operations != nullptr) {
+        if (m_operations != nullptr && m_operations->move != nullptr) {
             m_operations->move(m_storage, other.m_storage);
+        } else {
+            std::memcpy(m_storage, other.m_storage, sizeof m_storage);
         }
     }
     /// Destroys its callable, and takes that of another callback.
@@ -53,7 +57,7 @@ public:
         return *this;
     }
     ~Callback() {
-        if (m_operations != nullptr) {
+        if (m_operations != nullptr && m_operations->destroy != nullptr) {
             m_operations->destroy(m_storage);
         }
     }
@@ -65,6 +69,7 @@ public:
     Result operator()(Args... args) { return m_operations->call(m_storage, std::forward<Args>(args)...); }
 
 private:
+    /// What is done with the bytes of a callable. Those that need no function to be moved or destroyed have none.
     struct Operations {
         Result (*call)(void* storage, Args&&... args);
         void (*move)(void* to, void* from) noexcept;
@@ -76,27 +81,35 @@ private:
         return sizeof(Callable) <= sizeof m_storage && alignof(Callable) <= alignof(std::max_align_t) &&
             std::is_nothrow_move_constructible_v<Callable>;
     }
-
     template <typename Callable>
-    static constexpr Operations LOCAL = {
-        [](void* storage, Args&&... args) -> Result {
-            return (*static_cast<Callable*>(storage))(std::forward<Args>(args)...);
-        },
-        [](void* to, void* from) noexcept {
-            new (to) Callable(std::move(*static_cast<Callable*>(from)));
-            static_cast<Callable*>(from)->~Callable();
-        },
-        [](void* storage) noexcept { static_cast<Callable*>(storage)->~Callable(); }};
-
+    static Result call(void* storage, Args&&... args) {
+        return (*static_cast<Callable*>(storage))(std::forward<Args>(args)...);
+    }
     template <typename Callable>
-    static constexpr Operations ON_HEAP = {
-        [](void* storage, Args&&... args) -> Result {
-            return (**static_cast<Callable**>(storage))(std::forward<Args>(args)...);
-        },
-        [](void* to, void* from) noexcept { *static_cast<Callable**>(to) = *static_cast<Callable**>(from); },
-        [](void* storage) noexcept { delete *static_cast<Callable**>(storage); }};
+    static void move(void* to, void* from) noexcept {
+        new (to) Callable(std::move(*static_cast<Callable*>(from)));
+        static_cast<Callable*>(from)->~Callable();
+    }
+    template <typename Callable>
+    static void destroy(void* storage) noexcept {
+        static_cast<Callable*>(storage)->~Callable();
+    }
+    template <typename Callable>
+    static constexpr bool IS_PLAIN =
+        std::is_trivially_copyable_v<Callable>&& std::is_trivially_destructible_v<Callable>;
+    template <typename Callable>
+    static constexpr Operations OPERATIONS = {
+        call<Callable>, IS_PLAIN<Callable> ? nullptr : move<Callable>,
+        IS_PLAIN<Callable> ? nullptr : destroy<Callable>};
 
-    alignas(std::max_align_t) unsigned char m_storage[4 * sizeof(void*)];
+    /// A callable on the heap.
+    template <typename Callable>
+    struct Remote {
+        Result operator()(Args... args) { return (*callable)(std::forward<Args>(args)...); }
+        std::unique_ptr<Callable> callable;
+    };
+
+    alignas(std::max_align_t) unsigned char m_storage[4 * sizeof(void*)] = {};
     Operations const* m_operations = nullptr;
 };
 

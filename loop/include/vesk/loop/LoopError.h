@@ -23,12 +23,13 @@ enum Id : int {
     NOT_STARTED = 7,   ///< A program cannot be started. Arguments: the program, and the step that has failed.
     ADDRESS_REFUSED =
         8, ///< The address cannot be used. Arguments: the address, and the step that has failed.
-    CONNECTION_FAILED = 9, ///< The connection has failed.
-    NOT_SENT = 10,         ///< A datagram was not sent. Argument: the address.
-    PATH_REFUSED = 11,     ///< The path cannot be watched. Argument: the path.
-    NOT_NOTIFIED = 12,     ///< The service manager was not notified.
-    NO_WATCHDOG = 13,      ///< The thread of a watchdog was refused.
-    CLOCK_REFUSED = 14,    ///< The real-time clock cannot be watched.
+    CONNECTION_FAILED = 9,   ///< The connection has failed.
+    NOT_SENT = 10,           ///< A datagram was not sent. Argument: the address.
+    PATH_REFUSED = 11,       ///< The path cannot be watched. Argument: the path.
+    NOT_NOTIFIED = 12,       ///< The service manager was not notified.
+    NO_WATCHDOG = 13,        ///< The thread of a watchdog was refused.
+    CLOCK_REFUSED = 14,      ///< The real-time clock cannot be watched.
+    INTERFACES_REFUSED = 15, ///< The network interfaces cannot be watched, or not any more.
 };
 
 /// Returns the family of these ids.

@@ -33,6 +33,7 @@ public:
         m_callback = std::move(callback);
     }
     Callback<void(Args...)> take() noexcept { return std::move(m_callback); }
+    explicit operator bool() const noexcept { return static_cast<bool>(m_callback); }
     /// Calls back, if there is a callback.
     void operator()(Args... args) {
         if (m_callback) {

@@ -55,10 +55,13 @@ bool Core::add(UniqueFd const& fd, int number, uint32_t events) noexcept {
 
 void Core::close() noexcept {
     // Destroyed without the lock: their objects may own watches.
-    Posts posts[PRIORITIES];
+    Calls posts[PRIORITIES];
+    Batch batches[PRIORITIES];
     std::shared_ptr<Callback<void(std::exception_ptr)>> hook;
     Locked const locked(m_lock);
     std::swap(posts, m_posts);
+    std::swap(batches, m_batches);
+    m_has_batch = false;
     std::swap(hook, m_exception_hook);
     for (size_t fd = 0; fd < m_slots.size(); ++fd) {
         for (FdSource* const source : {m_slots[fd].reader, m_slots[fd].writer}) {
@@ -145,10 +148,6 @@ bool Source::isActive() const noexcept {
     return m_core->isActive(*this);
 }
 
-bool Core::isLoopThread() const noexcept {
-    return m_is_entered && pthread_equal(m_thread, pthread_self()) != 0;
-}
-
 void Core::attach(JobSource& source) noexcept {
     Locked const locked(m_lock);
     setActive(source);
@@ -162,8 +161,9 @@ int Core::signal(Source const& child, pid_t pid, int number) noexcept {
 // ---- posts and wake-ups ----
 
 bool Core::hasPosts() const noexcept {
-    return std::any_of(
-        std::begin(m_posts), std::end(m_posts), [](Posts const& posts) { return !posts.isEmpty(); });
+    return m_has_batch || std::any_of(std::begin(m_posts), std::end(m_posts), [](Calls const& calls) {
+               return !calls.empty();
+           });
 }
 
 bool Core::hasReady() const noexcept {
@@ -182,9 +182,9 @@ void Core::wake() noexcept {
     }
 }
 
-void Core::post(Callback<void()> call, Priority priority) {
+void Core::post(Callback<void()>&& call, Priority priority) {
     Locked const locked(m_lock);
-    m_posts[static_cast<size_t>(priority)].incoming.push_back(std::move(call));
+    m_posts[static_cast<size_t>(priority)].push_back(std::move(call));
     wake();
 }
 
@@ -202,25 +202,15 @@ bool Core::isDone() noexcept {
 // ---- a round ----
 
 bool Core::enter() noexcept {
-    Locked const locked(m_lock);
-    if (m_is_entered) {
-        return false;
-    }
-    m_is_entered = true;
-    m_thread = pthread_self();
-    return true;
-}
-
-void Core::leave() noexcept {
-    Locked const locked(m_lock);
-    m_is_entered = false;
+    pthread_t none{};
+    return m_thread.compare_exchange_strong(none, pthread_self());
 }
 
 int Core::runOnce(Clock::duration timeout, bool& called) {
     Clock::duration limit{};
     {
         Locked const locked(m_lock);
-        m_is_awake = false; // A thread that was canceled in a callback has left it set.
+        m_is_awake = false;
         limit = getWait(timeout);
     }
     int const count = wait(limit);
@@ -235,13 +225,35 @@ int Core::runOnce(Clock::duration timeout, bool& called) {
     }
     collectTimers();
     called = fireAll();
-    m_is_awake = false;
+    m_is_awake = !m_timer_fd.isOpen(); // Another loop may wait for this one by its descriptor.
     armTimerFd();
     if (m_timer_fd.isOpen() && (hasPosts() || hasReady() || !m_idle.empty())) {
         wake();
     }
     return 0;
 }
+
+/// The time during which callbacks run and the lock is not held. Also ends when the thread is canceled.
+class Core::Unlocked {
+public:
+    Unlocked(Core& core, Source* source) noexcept TARN_NOT_ANALYZED : m_core(core) {
+        m_core.m_running = source;
+        m_core.countCalls(1);
+        m_core.m_lock.unlock();
+    }
+    ~Unlocked() TARN_NOT_ANALYZED {
+        CancellationOff const cancellation_off;
+        m_core.m_lock.lock();
+        m_core.m_running = nullptr;
+        m_core.countCalls(1);
+        m_core.m_callback_over.notify_all();
+    }
+    Unlocked(Unlocked const&) = delete;
+    Unlocked& operator=(Unlocked const&) = delete;
+
+private:
+    Core& m_core;
+};
 
 /// Fires what is due, in the order of the priorities. Idle sources fire only if nothing else does.
 bool Core::fireAll() {
@@ -253,16 +265,18 @@ bool Core::fireAll() {
     // What becomes ready from here on waits for the next round.
     for (size_t i = 0; i < PRIORITIES; ++i) {
         m_due[i].takeAll(m_ready[i]);
-        m_posts[i].takeIncoming();
     }
+    takePosts();
     bool called = false;
     for (size_t i = 0; i < PRIORITIES; ++i) {
-        called |= firePosts(m_posts[i]);
+        called |= firePosts(m_batches[i]);
         while (!m_due[i].isAlone() && !m_stop) {
             called = true;
             fire(static_cast<Source&>(*m_due[i].getNext()));
         }
     }
+    m_has_batch = std::any_of(
+        std::begin(m_batches), std::end(m_batches), [](Batch const& batch) { return !batch.isOver(); });
     return called;
 }
 
@@ -276,59 +290,46 @@ void Core::fire(Source& source) {
     if (call == Call::LAST) {
         setOver(source);
     }
-    callOut(&source, [&owner] {
+    Unlocked const unlocked(*this, &source);
+    callOut([&owner] {
         // May be the last owner, and destroy the objects of the callback, which may use the loop.
         std::shared_ptr<Source> const mine = std::move(owner);
         mine->fire();
     });
 }
 
-/// After the batch has been called its next one is what was posted meanwhile. A batch that `stop` has cut goes on.
-void Core::Posts::takeIncoming() {
-    if (next == batch.size()) {
-        batch.clear();
-        next = 0;
-        batch.swap(incoming);
+/// Takes what was posted. A batch that `stop` has cut goes on before.
+void Core::takePosts() {
+    for (size_t i = 0; i < PRIORITIES; ++i) {
+        Batch& batch = m_batches[i];
+        if (batch.isOver()) {
+            batch.calls.clear();
+            batch.next = 0;
+            batch.calls.swap(m_posts[i]);
+        }
+        m_has_batch |= !batch.isOver();
     }
 }
 
-bool Core::firePosts(Posts& posts) {
-    bool const called = posts.next < posts.batch.size();
-    while (posts.next < posts.batch.size() && !m_stop) {
-        Callback<void()> call = std::move(posts.batch[posts.next++]);
-        callOut(nullptr, [&call] {
+/// Calls a batch without the lock: only this thread uses it.
+bool Core::firePosts(Batch& batch) {
+    if (batch.isOver()) {
+        return false;
+    }
+    Unlocked const unlocked(*this, nullptr);
+    while (!batch.isOver() && !m_stop) {
+        Callback<void()>& call = batch.calls[batch.next++];
+        callOut([&call] {
             Callback<void()> mine = std::move(call);
             mine();
         });
+        countCalls(2); // The end and a begin.
     }
-    return called;
+    return true;
 }
 
-/// The time during which a callback runs and the lock is not held. Also ends when the thread is canceled.
-class Core::Unlocked {
-public:
-    Unlocked(Core& core, Source* source) noexcept TARN_NOT_ANALYZED : m_core(core) {
-        m_core.m_running = source;
-        ++m_core.m_calls;
-        m_core.m_lock.unlock();
-    }
-    ~Unlocked() TARN_NOT_ANALYZED {
-        CancellationOff const cancellation_off;
-        m_core.m_lock.lock();
-        m_core.m_running = nullptr;
-        ++m_core.m_calls;
-        m_core.m_callback_over.notify_all();
-    }
-    Unlocked(Unlocked const&) = delete;
-    Unlocked& operator=(Unlocked const&) = delete;
-
-private:
-    Core& m_core;
-};
-
 template <typename Call>
-void Core::callOut(Source* source, Call&& call) {
-    Unlocked const unlocked(*this, source);
+void Core::callOut(Call&& call) {
     try {
         call();
     } catch (...) {

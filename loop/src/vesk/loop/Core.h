@@ -70,18 +70,18 @@ public:
     /// otherwise 0.
     int getState() const noexcept { return isInherited() ? ECHILD : m_creation_error; }
     /// Makes the calling thread the loop's thread. Returns false if there is one already.
-    bool enter() noexcept TARN_EXCLUDES(m_lock);
-    void leave() noexcept TARN_EXCLUDES(m_lock);
+    bool enter() noexcept;
+    void leave() noexcept { m_thread = pthread_t{}; }
     /// Runs one round. Stores whether a callback was called. Returns `errno` of a wait that failed, otherwise 0.
     int runOnce(Clock::duration timeout, bool& called) TARN_EXCLUDES(m_lock);
     /// Returns whether to stop, and forgets it.
-    bool takeStop() noexcept { return m_stop.exchange(false); }
+    bool takeStop() noexcept { return m_stop && m_stop.exchange(false); }
     void stop() noexcept TARN_EXCLUDES(m_lock);
     /// Returns whether there is nothing left to wait for.
     bool isDone() noexcept TARN_EXCLUDES(m_lock);
     /// Returns the descriptor of the loop, or -1 with `errno` set.
     int exposeFd() noexcept TARN_EXCLUDES(m_lock);
-    void post(Callback<void()> call, Priority priority) TARN_EXCLUDES(m_lock);
+    void post(Callback<void()>&& call, Priority priority) TARN_EXCLUDES(m_lock);
     void setExceptionHook(Callback<void(std::exception_ptr)> hook) TARN_EXCLUDES(m_lock);
     /// The callback that runs, for a watchdog.
     struct Running {
@@ -129,13 +129,12 @@ private:
         uint32_t generation = 0;
     };
 
-    /// Posted calls of one priority. Those of `batch` run first, from `next` on.
-    struct Posts {
-        std::vector<Callback<void()>> incoming;
-        std::vector<Callback<void()>> batch;
+    using Calls = std::vector<Callback<void()>>;
+    /// Posted calls of one priority that the loop's thread has taken. It calls those from `next` on.
+    struct Batch {
+        bool isOver() const noexcept { return next == calls.size(); }
+        Calls calls;
         size_t next = 0;
-        bool isEmpty() const noexcept { return incoming.empty() && next == batch.size(); }
-        void takeIncoming();
     };
 
     class Unlocked;
@@ -154,10 +153,13 @@ private:
     void setActive(Source& source) noexcept TARN_REQUIRES(m_lock);
     void setOver(Source& source) noexcept TARN_REQUIRES(m_lock);
     void setReady(Source& source) noexcept TARN_REQUIRES(m_lock);
-    bool isLoopThread() const noexcept TARN_REQUIRES(m_lock);
+    bool isLoopThread() const noexcept { return pthread_equal(m_thread, pthread_self()) != 0; }
     bool hasPosts() const noexcept TARN_REQUIRES(m_lock);
     bool hasReady() const noexcept TARN_REQUIRES(m_lock);
     void wake() noexcept TARN_REQUIRES(m_lock);
+    void countCalls(unsigned long ends) noexcept {
+        m_calls.store(m_calls.load(std::memory_order_relaxed) + ends, std::memory_order_relaxed);
+    }
 
     Clock::duration getWait(Clock::duration timeout) const noexcept TARN_REQUIRES(m_lock);
     int wait(Clock::duration limit);
@@ -166,10 +168,11 @@ private:
     void collectSignals() noexcept TARN_REQUIRES(m_lock);
     void collectTimers() noexcept TARN_REQUIRES(m_lock);
     bool fireAll() TARN_REQUIRES(m_lock);
-    bool firePosts(Posts& posts) TARN_REQUIRES(m_lock);
+    bool firePosts(Batch& batch) TARN_REQUIRES(m_lock) TARN_NOT_ANALYZED;
+    void takePosts() TARN_REQUIRES(m_lock);
     void fire(Source& source) TARN_REQUIRES(m_lock);
     template <typename Call>
-    void callOut(Source* source, Call&& call) TARN_REQUIRES(m_lock) TARN_NOT_ANALYZED;
+    void callOut(Call&& call) TARN_EXCLUDES(m_lock);
     void handle(std::exception_ptr exception) noexcept TARN_EXCLUDES(m_lock);
 
     int update(int fd) noexcept TARN_REQUIRES(m_lock);
@@ -177,6 +180,7 @@ private:
     bool makeTimerFd() noexcept TARN_REQUIRES(m_lock);
     void armTimerFd() noexcept TARN_REQUIRES(m_lock);
 
+    static bool isFar(Clock::time_point moment, Clock::duration time) noexcept;
     static bool isBefore(TimerSource const& one, TimerSource const& other) noexcept;
     void place(size_t index, TimerSource& source) noexcept TARN_REQUIRES(m_lock);
     void moveUp(TimerSource& source) noexcept TARN_REQUIRES(m_lock);
@@ -193,19 +197,19 @@ private:
 
     Lock m_lock;
     std::condition_variable m_callback_over;
-    bool m_is_entered TARN_GUARDED_BY(m_lock) = false;
-    pthread_t m_thread TARN_GUARDED_BY(m_lock){};
+    std::atomic<pthread_t> m_thread{pthread_t{}}; ///< That runs the loop.
     // The source of the callback that runs.
     Source* m_running TARN_GUARDED_BY(m_lock) = nullptr;
-    unsigned long m_calls TARN_GUARDED_BY(m_lock) = 0;
-    // Whether the loop's thread looks at the posts before it waits, so that it needs no wake-up.
-    bool m_is_awake TARN_GUARDED_BY(m_lock) = false;
+    std::atomic<unsigned long> m_calls{0}; ///< Changed by the loop's thread only.
+    // Whether nothing waits that does not look at the posts and timers before, so that no wake-up is needed.
+    bool m_is_awake TARN_GUARDED_BY(m_lock) = true;
     bool m_is_woken TARN_GUARDED_BY(m_lock) = false;
     size_t m_active TARN_GUARDED_BY(m_lock) = 0;
     Link m_ready[PRIORITIES] TARN_GUARDED_BY(m_lock);
     // What fires in this round.
     Link m_due[PRIORITIES] TARN_GUARDED_BY(m_lock);
-    Posts m_posts[PRIORITIES] TARN_GUARDED_BY(m_lock);
+    Calls m_posts[PRIORITIES] TARN_GUARDED_BY(m_lock);
+    bool m_has_batch TARN_GUARDED_BY(m_lock) = false;
     std::vector<Slot> m_slots TARN_GUARDED_BY(m_lock);
     std::vector<SignalSource*> m_signals TARN_GUARDED_BY(m_lock);
     std::vector<IdleSource*> m_idle TARN_GUARDED_BY(m_lock);
@@ -222,6 +226,7 @@ private:
 
     // Used by the loop's thread only.
     std::array<epoll_event, 128> m_events{};
+    Batch m_batches[PRIORITIES];
     bool m_waits_precisely = true;
     std::shared_ptr<Callback<void(std::exception_ptr)>> m_exception_hook TARN_GUARDED_BY(m_lock);
 };

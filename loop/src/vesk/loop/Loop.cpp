@@ -85,9 +85,9 @@ Result<> Loop::runToEnd() {
 Result<bool> Loop::runOnce(Clock::duration timeout) {
     bool result = false;
     Result<> const outcome = runUntil(
-        [&result](bool called) {
+        [&result, timeout](bool called) {
             result = called;
-            return true;
+            return called || timeout >= Clock::duration::zero(); // Otherwise only woken.
         },
         timeout);
     if (!outcome) {

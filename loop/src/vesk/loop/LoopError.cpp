@@ -22,6 +22,7 @@ constexpr std::ErrorID ROWS[] = {
     {LoopErrorId::NOT_NOTIFIED, "The service manager was not notified", 0},
     {LoopErrorId::NO_WATCHDOG, "The thread of a watchdog was refused", 0},
     {LoopErrorId::CLOCK_REFUSED, "The real-time clock cannot be watched", 0},
+    {LoopErrorId::INTERFACES_REFUSED, "The network interfaces cannot be watched", 0},
 };
 
 } // namespace

@@ -74,6 +74,9 @@ void StreamSource::pause() noexcept {
 
 /// Receives data, and the descriptors that came with it.
 ssize_t StreamSource::receive(char* buffer, size_t size, std::vector<Fd>& fds) const noexcept {
+    if (!on_fd) {
+        return recv(m_fd.get(), buffer, size, MSG_DONTWAIT); // Drops descriptors, and costs less.
+    }
     alignas(cmsghdr) std::array<char, CMSG_SPACE(MAX_FDS * sizeof(int))> control{};
     iovec part{buffer, size};
     msghdr message{};

@@ -117,6 +117,16 @@ void Core::extract(TimerSource& source) noexcept {
 
 // ---- timers ----
 
+/// Returns whether a moment is later than a time from now, without the cost of the exact clock. The coarse one is at
+/// most a tick late; a moment that is near the limit counts as earlier.
+bool Core::isFar(Clock::time_point moment, Clock::duration time) noexcept {
+    constexpr auto TICK = std::chrono::milliseconds(100);
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    Clock::duration const coarse = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    return moment > detail::add(Clock::time_point(coarse) + TICK, time);
+}
+
 void Core::attach(TimerSource& source, Clock::time_point deadline) {
     Locked const locked(m_lock);
     if (m_timers == m_heap.capacity()) {
@@ -181,7 +191,7 @@ void Core::renew(TimerSource& source) noexcept {
 }
 
 void Core::collectTimers() noexcept {
-    if (m_heap.empty()) {
+    if (m_heap.empty() || isFar(m_heap.front()->deadline, Clock::duration::zero())) {
         return;
     }
     Clock::time_point const now = Clock::now();
@@ -201,8 +211,11 @@ Clock::duration Core::getWait(Clock::duration timeout) const noexcept {
     if (m_heap.empty()) {
         return timeout;
     }
-    Clock::time_point const now = Clock::now();
     Clock::time_point const next = m_heap.front()->deadline;
+    if (timeout >= Clock::duration::zero() && isFar(next, timeout)) {
+        return timeout;
+    }
+    Clock::time_point const now = Clock::now();
     Clock::duration const rest = next <= now ? Clock::duration::zero() : next - now;
     return timeout < Clock::duration::zero() ? rest : std::min(rest, timeout);
 }
@@ -261,6 +274,7 @@ int Core::exposeFd() noexcept {
     if (!makeTimerFd()) {
         return -1;
     }
+    m_is_awake = false;
     if (hasPosts() || hasReady() || !m_idle.empty()) {
         wake();
     }
