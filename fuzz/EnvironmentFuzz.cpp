@@ -42,6 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     std::string const name = rows.front();
     rows.erase(rows.begin());
     std::vector<char*> pointers;
+    pointers.reserve(rows.size() + 1);
     for (std::string& row : rows) {
         pointers.push_back(row.data());
     }
