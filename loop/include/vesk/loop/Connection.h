@@ -35,7 +35,8 @@ public:
     Connection() noexcept = default;
 
     /// @{
-    /// Connects to an address. What is written until then is queued. A failure comes with `onEnd`.
+    /// Connects to an address. What is written until then is queued. A failure comes with `onEnd`, or is the result if
+    /// the system reports it at once, as for Unix sockets.
     static Result<Connection> open(
         Loop& loop, Address const& address, Priority priority = Priority::NORMAL,
         Place place = Place::here());
