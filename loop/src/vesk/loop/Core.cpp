@@ -234,14 +234,14 @@ int Core::runOnce(Clock::duration timeout, bool& called) {
 }
 
 /// The time during which callbacks run and the lock is not held. Also ends when the thread is canceled.
-class Core::Unlocked {
+class TARN_SCOPED_LOCK Core::Unlocked {
 public:
-    Unlocked(Core& core, Source* source) noexcept TARN_NOT_ANALYZED : m_core(core) {
+    Unlocked(Core& core, Source* source) noexcept TARN_RELEASE(core.m_lock) TARN_NOT_ANALYZED : m_core(core) {
         m_core.m_running = source;
         m_core.countCalls(1);
         m_core.m_lock.unlock();
     }
-    ~Unlocked() TARN_NOT_ANALYZED {
+    ~Unlocked() TARN_RELEASE() TARN_NOT_ANALYZED {
         CancellationOff const cancellation_off;
         m_core.m_lock.lock();
         m_core.m_running = nullptr;
