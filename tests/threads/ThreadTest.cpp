@@ -4,6 +4,7 @@
 
 #include <vesk/Time.h>
 #include <vesk/Vesk.h>
+#include <vesk/common/Unwindable.h>
 
 #include <limits>
 
@@ -443,6 +444,14 @@ TEST_F(ThreadTest, joinCanBeCancelledAndLeavesTheThreadToBeJoined) {
     }
     m_go.set();
     EXPECT_FALSE(joined.join());
+}
+
+// On 32-bit ARM it surrounds the calls that cannot be unwound there.
+TEST(CallUnwindable, callsTheFunctionOnce) {
+    int calls = 0;
+    vesk::callUnwindable([](void* count) { ++*static_cast<int*>(count); }, &calls);
+    EXPECT_EQ(1, calls);
+    EXPECT_EQ(7, vesk::unwindable([&calls] { return ++calls + 5; }));
 }
 
 // ---- the destructor ----
