@@ -1,6 +1,7 @@
 # Defines what `cmake --install` installs: the libraries, their headers, the CMake package `vesk`, a pkg-config
 # file for each library, and the guide pages. The installed tree is relocatable: no file in it contains the
-# install prefix. The components are `runtime`, `development` and `docs`.
+# install prefix. The components are `runtime`, `development`, `docs` and, for the plug-in,
+# `avahi`.
 #
 # A library that is added with `vesk_add_library` is installed with the headers of its folder `include`. It
 # needs a file LIBRARY.pc.in beside this one.
@@ -19,6 +20,7 @@ install(
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 install(
     FILES ${PROJECT_BINARY_DIR}/tarncommon/include/tarncommon/Widths.h
+          ${PROJECT_BINARY_DIR}/tarncommon/include/tarncommon/Checks.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarncommon
     COMPONENT development)
 
@@ -55,6 +57,22 @@ foreach(library IN LISTS VESK_LIBRARIES)
         DESTINATION ${VESK_PKGCONFIG_DIR}
         COMPONENT development)
 endforeach()
+
+# The header of the plug-in needs nothing of it: programs load it at run time.
+install(
+    DIRECTORY avahi/include/
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    COMPONENT development
+    FILES_MATCHING
+    PATTERN "*.h")
+if(TARGET vesk-avahi)
+    set_target_properties(vesk-avahi PROPERTIES INSTALL_RPATH "$ORIGIN")
+    install(
+        TARGETS vesk-avahi
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+                COMPONENT avahi
+                NAMELINK_SKIP)
+endif()
 
 # A version is accepted in the place of another one exactly if both have the same soname.
 if(PROJECT_VERSION_MAJOR EQUAL 0)

@@ -164,7 +164,7 @@ private:
 
 /// Returns a deadline that an engine in the same process always meets.
 tarnbase::TimePoint soon() {
-    return tarnbase::TimePoint::now() + tarnbase::Duration(10000);
+    return tarnbase::TimePoint::now() + tarnbase::Duration(60 * 1000);
 }
 
 void browseAndResolve() {

@@ -95,7 +95,9 @@ void DnsSd::Client::leave() {
 }
 
 template <typename Result>
-DnsSd::ResultQueue<Result>::ResultQueue() : m_mutex(false), m_condition(m_mutex) {}
+DnsSd::ResultQueue<Result>::ResultQueue() : m_mutex(false), m_condition(m_mutex) {
+    TARN_NAME_LOCK(m_mutex, DISCOVERY_RESULTS);
+}
 
 /// @param callback  the name of the calling operation, for the message of a lock that fails
 template <typename Result>
