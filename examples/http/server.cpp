@@ -14,6 +14,8 @@
 // path leads out of FOLDER, neither by ".." nor by a symbolic link. Exit codes: 0 ended by a signal, 1 cannot
 // serve, 2 usage.
 
+#include "Notify.h"
+
 #include <vesk/FileAccessError.h>
 #include <vesk/Poller.h>
 #include <vesk/SignalCatcher.h>
@@ -638,6 +640,11 @@ int main(int argc, char** argv) {
         "serving %s at http://%s%s%s:%d/\n", argv[1], is_v6 ? "[" : "", address.host.c_str(),
         is_v6 ? "]" : "", address.port);
     fflush(stdout);
+    examples::notify("READY=1");
     vesk::Thread loop(serve, &server, "http server");
-    return loop.start() || loop.join() ? fail("no thread for the loop") : 0;
+    if (loop.start() || loop.join()) {
+        return fail("no thread for the loop");
+    }
+    examples::notify("STOPPING=1");
+    return 0;
 }

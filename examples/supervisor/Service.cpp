@@ -53,6 +53,8 @@ Service::Service(vesk::Message::Sink& queue, std::string name, ServiceConfig con
 
 Service::~Service() {
     static_cast<void>(m_process.kill(false)); // Its destructor waits for the end.
+    // The message that destroys this object may be carried out before `push` has returned, and the queue may end next.
+    vesk::MutexLock const pushed(m_pushing);
 }
 
 bool Service::startProcess() {
@@ -83,6 +85,7 @@ void Service::start() {
 
 /// Called by the thread that reaps the children.
 void Service::processExited(vesk::ProcessTNG::ExitState const* state) {
+    vesk::MutexLock const pushing(m_pushing);
     // A weak pointer: the message is carried out later, and this object may be gone by then.
     m_queue.push(
         new examples::Call([weak = weak_from_this(), was_killed = state->killed, status = state->status] {

@@ -3,6 +3,7 @@
 #include "Call.h"
 #include "Services.h"
 
+#include <vesk/Mutex.h>
 #include <vesk/ProcessTNG.h>
 
 #include <chrono>
@@ -52,6 +53,7 @@ private:
     void log(std::string const& text) const;
 
     vesk::Message::Sink& m_queue;
+    vesk::Mutex m_pushing; ///< Held while the collector pushes.
     std::string m_name;
     ServiceConfig m_config;
     State m_state = State::STOPPED;

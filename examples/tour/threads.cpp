@@ -20,9 +20,9 @@ char const* stateOf(vesk::Thread const& thread) {
     return STATES[thread.getThreadState()];
 }
 
-/// Waits at most ten seconds until a thread is in a state. Returns true on failure.
+/// Waits at most a minute until a thread is in a state. Returns true on failure.
 bool waitForState(vesk::Thread const& thread, vesk::Thread::State state) {
-    for (int i = 0; i < 10000 && thread.getThreadState() != state; ++i) {
+    for (int i = 0; i < 60 * 1000 && thread.getThreadState() != state; ++i) {
         static_cast<void>(vesk::Time::sleep(1));
     }
     return thread.getThreadState() != state;

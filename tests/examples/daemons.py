@@ -19,7 +19,8 @@ processes = []
 def check(condition, text):
     if not condition:
         for file in folder.glob("*.out"):
-            print(f"--- {file.name}\n{file.read_text(errors='replace')[-2000:]}")
+            output = file.read_text(errors="replace")
+            print(f"--- {file.name}\n{output if len(output) <= 20000 else output[:10000] + ' [...] ' + output[-10000:]}")
         sys.exit(f"failed: {text}")
     print(text, flush=True)
 
