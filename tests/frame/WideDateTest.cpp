@@ -1,22 +1,14 @@
+#include "frame/TimedWaits.h"
 #include "support/CleanEnd.h"
-#include "support/Sleeper.h"
 #include "support/TempFolder.h"
 #include "support/Testing.h"
 
-#include <vesk/AbsTime.h>
 #include <vesk/CalendarTime.h>
-#include <vesk/Condition.h>
+#include <vesk/FileAccessError.h>
 #include <vesk/FileInfo.h>
-#include <vesk/Mutex.h>
-#include <vesk/RWLock.h>
-#include <vesk/SemaphoreCreator.h>
-#include <vesk/ShmMutex.h>
 #include <vesk/SysError.h>
-#include <vesk/Thread.h>
 #include <vesk/Time.h>
-#include <vesk/Timer.h>
 
-#include <atomic>
 #include <limits>
 #include <sys/syscall.h>
 
@@ -88,7 +80,8 @@ TEST(WideDate, fileHasTheTimeOfItsChangeOrNoInformation) {
     vesk::FileInfo const info(path.c_str(), true);
     if (!fits()) {
         EXPECT_FALSE(info.isValid());
-        EXPECT_TRUE(causeIs(vesk::SysErrorId::UNCLASSIFIED, EOVERFLOW));
+        std::string const text = rowText(vesk::SysErrorId::UNCLASSIFIED, systemText(EOVERFLOW));
+        EXPECT_TRUE(chainIs({{vesk::SysErrorId::UNCLASSIFIED, text}, vesk::FileAccessErrorId::UNCLASSIFIED}));
         return;
     }
     ASSERT_TRUE(info.isValid());
@@ -98,88 +91,13 @@ TEST(WideDate, fileHasTheTimeOfItsChangeOrNoInformation) {
     EXPECT_EQ(std::numeric_limits<int32_t>::max(), vesk::FileInfo(path.c_str(), true).getModTime());
 }
 
-/// A wait with a time limit, on the wall clock where the system has no other.
-struct Wait {
-    char const* name;
-    bool uses_wall_clock;
-    signed char (*run)(long long ms);
-};
-
-vesk::ShmMutex const* s_mutex;
-vesk::RWLock const* s_lock;
-
-constexpr Wait WAITS[] = {
-    {"ShmMutex", true, [](long long ms) { return s_mutex->tryLockTimeout(ms); }},
-    {"RWLock", true, [](long long ms) { return s_lock->tryLockForRead(static_cast<unsigned int>(ms)); }},
-    {"Semaphore", true,
-     [](long long ms) {
-         vesk::SemaphoreCreator semaphore;
-         EXPECT_FALSE(semaphore.create("vesk-wide-date", 0, vesk::Creatable::REPLACE));
-         signed char const result = semaphore.tryTakeTimeout(ms);
-         EXPECT_FALSE(semaphore.deleteName());
-         return result;
-     }},
-    {"Thread", true,
-     [](long long ms) {
-         std::atomic<bool> ends{false};
-         vesk::Thread thread(
-             [](void* flag) {
-                 while (!*static_cast<std::atomic<bool>*>(flag)) {
-                     Time::sleep(1);
-                 }
-             },
-             &ends);
-         EXPECT_FALSE(thread.start());
-         signed char const result = thread.joinTimeout(ms);
-         ends = true;
-         EXPECT_FALSE(thread.join());
-         return result;
-     }},
-    {"Condition", false,
-     [](long long ms) {
-         vesk::Mutex mutex;
-         vesk::Condition condition;
-         vesk::MutexLock const guard(mutex);
-         long long now = 0;
-         EXPECT_FALSE(Time::getTime(now));
-         return condition.waitTimeout(mutex, vesk::AbsTimeT(now + ms));
-     }},
-    {"Timer", false,
-     [](long long ms) {
-         static std::atomic<bool> s_has_expired;
-         s_has_expired = false;
-         vesk::Timer timer([](vesk::Timer*) { s_has_expired = true; }, false);
-         timer.start(static_cast<unsigned int>(ms), false);
-         return static_cast<signed char>(eventually([] { return s_has_expired.load(); }) ? 1 : -1);
-     }},
-};
-
-class WideDateWaits : public testing::TestWithParam<Wait> {};
+class WideDateWaits : public testing::TestWithParam<TimedWait> {};
 
 TEST_P(WideDateWaits, lastAsLongAsToldOrFail) {
-    vesk::ShmMutex const mutex;
-    vesk::RWLock const lock;
-    s_mutex = &mutex;
-    s_lock = &lock;
-    ASSERT_EQ(0, mutex.lock());
-    ASSERT_EQ(0, lock.lockForWrite());
-    signed char result = 0;
-    timespec before;
-    clock_gettime(CLOCK_MONOTONIC, &before);
-    Sleeper([&result] { result = GetParam().run(50); }).join();
-    timespec after;
-    clock_gettime(CLOCK_MONOTONIC, &after);
-    if (GetParam().uses_wall_clock && !fits()) {
-        EXPECT_EQ(-1, result);
-    } else {
-        EXPECT_EQ(1, result);
-        EXPECT_LE(49, (after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1'000'000);
-    }
-    EXPECT_EQ(0, mutex.unlock());
-    EXPECT_EQ(0, lock.unlock());
+    GetParam().expectTimeout(GetParam().uses_wall_clock && !fits() ? Ending::FAILS : Ending::IN_TIME);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, WideDateWaits, testing::ValuesIn(WAITS), [](auto const& row) {
+INSTANTIATE_TEST_SUITE_P(All, WideDateWaits, testing::ValuesIn(TIMED_WAITS), [](auto const& row) {
     return row.param.name;
 });
 

@@ -7,7 +7,9 @@
 #include <tarncommon/error/ErrorType.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 
 namespace vesk::detail {
@@ -35,8 +37,8 @@ constexpr signed char toResult(Outcome outcome) noexcept {
     }
 }
 
-// Rows consist of bytes. The tables are then read-only data that the loader need not touch: with addresses in
-// them, each row would cost a relocation, and its page would be copied for each process.
+// Rows contain no addresses. The tables are then read-only data that the loader need not touch. With addresses
+// in it, each row would cost a relocation, and its page would be copied for each process.
 
 /// The error numbers that share a row of a table. An empty list matches all numbers that no row above
 /// matches.
@@ -56,7 +58,9 @@ struct ErrorNumbers {
         return numbers[0] == 0;
     }
 };
-using Errnos = ErrorNumbers<unsigned char, 15>;
+// One byte where it is enough. MIPS has the largest number: EDQUOT is 1133 there.
+using Errno = std::conditional_t<(EDQUOT > UCHAR_MAX), unsigned short, unsigned char>;
+using Errnos = ErrorNumbers<Errno, 15>;
 
 constexpr Errnos OTHERS{};
 
@@ -110,7 +114,7 @@ struct ErrnoRow {
     Outcome outcome = Outcome::FAILED;
     Further further = Further::NOTHING;
 };
-static_assert(alignof(ErrnoRow) == 1);
+static_assert(alignof(ErrnoRow) == sizeof(Errno));
 
 /// A view of a table. Any `constexpr` array of rows converts to it.
 struct ErrnoTable {
