@@ -1,5 +1,6 @@
 #include "sync/LockCalls.h"
 
+#include "support/Child.h"
 #include "support/Testing.h"
 
 #include <tarncommon/threadsafe/ConditionImpl.h>
@@ -230,5 +231,64 @@ VESK_TEST_TABLE(ThreadsafeFailures, areFatalOrAsserted, testing::Test, THREADSAF
     }
     EXPECT_EQ(GetParam().event + " (errno = " + std::to_string(GetParam().error) + ")", recorder.getText());
 }
+
+#if defined(TARN_CHECKS_LOCK_ORDER)
+
+/// A lock with a place in the order of the library's locks.
+struct OrderedLock : threadsafe::MutexImpl {
+    explicit OrderedLock(threadsafe::LockName name, bool recursive = false) : MutexImpl(recursive) {
+        setOrderName(name);
+    }
+};
+
+using threadsafe::LockName;
+
+TEST(LockOrder, wrongOrderEndsTheProcessWithBothNames) {
+    struct Row {
+        LockName first;
+        LockName second;
+        char const* message; // Null if the order is right.
+    };
+    constexpr Row ROWS[] = {
+        {LockName::CHILD, LockName::COLLECTOR, nullptr},
+        {LockName::COLLECTOR, LockName::CHILD,
+         "wrong lock order: CHILD is acquired after COLLECTOR, but must be acquired before it"},
+        {LockName::CHILD, LockName::CHILD, "wrong lock order: CHILD is acquired after CHILD"},
+        {LockName::SHARED_OBJECT, LockName::SHARED_OBJECT, nullptr},
+        {LockName::UNNAMED, LockName::CHILD, nullptr},
+        {LockName::TRACE_CHANNELS, LockName::UNNAMED, nullptr},
+    };
+    for (Row const& row : ROWS) {
+        SCOPED_TRACE(row.message != nullptr ? row.message : "right");
+        support::ChildEnd const end = support::runInChild([&row] {
+            OrderedLock first(row.first);
+            OrderedLock second(row.second);
+            EXPECT_EQ(0, first.lock());
+            EXPECT_EQ(0, second.lock());
+            EXPECT_EQ(0, second.unlock());
+            EXPECT_EQ(0, first.unlock());
+        });
+        EXPECT_EQ(row.message != nullptr ? SIGABRT : 0, end.signal) << end.output;
+        EXPECT_NE(std::string::npos, end.errors.find(row.message != nullptr ? row.message : ""))
+            << end.errors;
+    }
+}
+
+TEST(LockOrder, releasedLocksDoNotCountAndRecursiveOnesMayBeLockedAgain) {
+    OrderedLock late(LockName::COLLECTOR, true);
+    OrderedLock early(LockName::CHILD);
+    EXPECT_EQ(0, late.lock());
+    EXPECT_EQ(0, late.lock());
+    EXPECT_EQ(0, late.unlock());
+    EXPECT_EQ(0, late.unlock());
+    EXPECT_EQ(0, early.lock());
+    EXPECT_EQ(0, late.lock());
+    EXPECT_EQ(0, early.unlock()) << "in any order";
+    EXPECT_EQ(0, late.unlock());
+    EXPECT_EQ(0, early.lock());
+    EXPECT_EQ(0, early.unlock());
+}
+
+#endif
 
 } // namespace

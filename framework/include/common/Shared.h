@@ -29,7 +29,8 @@ public:
     class Ptr;
 
 protected:
-    constexpr SharedBase() noexcept : refcount(0), m_lock(threadsafe::CONSTANT_INIT) {}
+    constexpr SharedBase() noexcept
+        : refcount(0), m_lock(threadsafe::ConstantInit{TARN_LOCK_NAME(SHARED_OBJECT)}) {}
     virtual ~SharedBase() {} // NOLINT(modernize-use-equals-default): it must leave the lock alone.
 
     /// @{

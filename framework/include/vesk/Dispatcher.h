@@ -93,7 +93,7 @@ private:
     Message* pop();
     TARN_HIDDEN void show(Message* message);
 
-    Mutex mutex;
+    Mutex mutex{TARN_LOCK_NAME(DISPATCHER)};
     // Relaxed: threads only poll the flag. The notifier provides the memory ordering that is needed.
     std::atomic<bool> running{true};
     // 0 only if there are no handlers: `dispatch` then needs no lock. In what was padding before: the size
@@ -123,7 +123,8 @@ class VESK_API Dispatcher::Queue : public Message::Source, public Message::Sink 
 /// The standard queue for messages from ordinary threads: first in, first out, without a limit.
 ///
 /// It owns the messages in it, but only transfers them: those that remain when it is destroyed are neither
-/// invoked nor dismissed nor deleted. All operations may be called from any thread, but not from a signal
+/// invoked nor dismissed nor deleted. The queue and its notifier must exist until each `push` has returned. A
+/// message can be carried out before that, so a message that ends the program does not prove it: join the thread. All operations may be called from any thread, but not from a signal
 /// handler, since they take a lock for a few instructions. Of a backlog, `pop_nonblock` takes the lock only for
 /// every 65th message. A lock that fails goes to `std::GlobalErrorHandler::doAbort` with "error locking" or
 /// "error unlocking".
@@ -145,7 +146,7 @@ private:
     TARN_HIDDEN Message* popUnderLock();
 
     Notifier* notifier;
-    Mutex mutex;
+    Mutex mutex{TARN_LOCK_NAME(MESSAGE_QUEUE)};
     // The messages behind those of the batch.
     std::deque<Message*> messages TARN_GUARDED_BY(mutex);
     detail::MessageBatch batch;
@@ -177,7 +178,7 @@ private:
     TARN_HIDDEN void signalAfterLock();
     TARN_HIDDEN void wake();
 
-    Mutex mutex;
+    Mutex mutex{TARN_LOCK_NAME(NOTIFIER)};
     Condition condition;
     enum State : unsigned char {
         NONE,

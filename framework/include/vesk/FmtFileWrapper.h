@@ -64,7 +64,9 @@ public:
     /// @return true on failure, as `File::close`
     [[nodiscard]] bool close() {
         m_buffer.destroyBuffer();
-        static_cast<void>(m_buffer.createBuffer());
+        if (m_buffer.createBuffer()) {
+            std::ErrorStorage::ack(); // Nothing is read any more.
+        }
         bool const failed = m_file.close();
         this->clear(std::ios_base::goodbit);
         return failed;

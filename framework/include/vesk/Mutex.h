@@ -42,7 +42,19 @@ public:
     VESK_API_INLINE explicit Mutex(bool recursive = false) : m_impl(recursive) {}
 
     /// Creates a static lock, which is constant-initialized: `vesk::Mutex s_lock(threadsafe::CONSTANT_INIT);`
-    constexpr explicit Mutex(threadsafe::ConstantInit) noexcept : m_impl(threadsafe::CONSTANT_INIT) {}
+    constexpr explicit Mutex(threadsafe::ConstantInit init) noexcept : m_impl(init) {}
+
+#if defined(TARN_CHECKS_LOCK_ORDER)
+    /// Creates a lock of the libraries, with its place in their order.
+    explicit Mutex(threadsafe::LockName name) : m_impl(false) {
+        m_impl.setOrderName(name);
+    }
+
+    /// Gives the lock its place in the order. The lock must be free.
+    void setOrderName(threadsafe::LockName name) noexcept {
+        m_impl.setOrderName(name);
+    }
+#endif
 
     /// Waits for the lock (`pthread_mutex_lock`).
     /// @return true on failure: `ErrorId::INCONSISTENT` if the caller already holds a lock that is not

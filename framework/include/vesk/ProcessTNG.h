@@ -274,7 +274,8 @@ public:
     static signed char existsProcess(int const& process_id);
 
     /// Finds processes by the first argument of their command line. Includes the calling process. Processes
-    /// without a command line, such as those of the kernel, are not found.
+    /// without a command line, such as those of the kernel, are not found, nor are those with one that cannot be
+    /// opened, also for lack of memory.
     ///
     /// @param name   compared byte by byte
     /// @param pids   receives the ids, appended in the order of the directory; unchanged, with the report of
@@ -340,7 +341,7 @@ private:
     bool stdout_append TARN_GUARDED_BY(mutex) = false;
     bool stderr_append TARN_GUARDED_BY(mutex) = false;
     bool new_group TARN_GUARDED_BY(mutex) = false; // Of the next child.
-    Mutex mutex;                                   // Taken before the collector's.
+    Mutex mutex{TARN_LOCK_NAME(CHILD)};            // Taken before the collector's.
     Condition exit_condition;
     ExitState m_last_state TARN_GUARDED_BY(mutex);
     int priority_value TARN_GUARDED_BY(mutex) = NO_PRIORITY;

@@ -352,7 +352,7 @@ private:
     /// detached may still be leaving `suspend` after its object was destroyed.
     struct Shared {
         Condition condition; // Bound to the mutex.
-        Mutex mutex;
+        Mutex mutex{TARN_LOCK_NAME(THREAD_STATE)};
         // Changed under the mutex. Atomic for the single case that locking it fails after a join.
         std::atomic<State> state{DEAD};
         bool taken_over TARN_GUARDED_BY(mutex) = false;  // The wrapper's start-up no longer needs the object.

@@ -27,7 +27,7 @@ void fail(char const* condition, char const* function, int line = __builtin_LINE
 }
 
 // Serializes the installation and removal of catchers. Handlers do not take it.
-detail::StaticMutex s_catchers;
+detail::StaticMutex s_catchers(threadsafe::ConstantInit{TARN_LOCK_NAME(SIGNAL_CATCHERS)});
 
 } // namespace
 

@@ -79,7 +79,9 @@ void SignalDispatcher::waitForCallback() noexcept {
     calls.wait();
 }
 
-SignalDispatcher::Calls::Calls(SignalQueue& signal_queue) : queue(signal_queue), mutex(false), ended(mutex) {}
+SignalDispatcher::Calls::Calls(SignalQueue& signal_queue) : queue(signal_queue), mutex(false), ended(mutex) {
+    TARN_NAME_LOCK(mutex, SIGNAL_CALLS);
+}
 
 SignalDispatcher::Calls::~Calls() = default;
 

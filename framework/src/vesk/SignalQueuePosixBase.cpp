@@ -41,7 +41,9 @@ void clear(int32_t& counter) noexcept {
 } // namespace
 
 SignalQueuePosixBase::SignalQueuePosixBase(Dispatcher::Notifier& queue_notifier)
-    : mutex(false), notifier(&queue_notifier) {}
+    : mutex(false), notifier(&queue_notifier) {
+    TARN_NAME_LOCK(mutex, SIGNAL_QUEUE);
+}
 
 SignalQueuePosixBase::~SignalQueuePosixBase() = default;
 

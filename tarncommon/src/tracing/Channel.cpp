@@ -18,7 +18,7 @@ namespace {
 
 // For the registry only. Writing a message takes no lock, so that a child process can trace between fork and
 // exec.
-TARN_CONSTANT_INIT threadsafe::MutexImpl s_mutex(threadsafe::CONSTANT_INIT);
+TARN_CONSTANT_INIT threadsafe::MutexImpl s_mutex(threadsafe::ConstantInit{TARN_LOCK_NAME(TRACE_CHANNELS)});
 TARN_CONSTANT_INIT Channel* s_first TARN_GUARDED_BY(s_mutex) = nullptr;
 
 /// Guard that holds the lock of the registry until the end of a scope. Ignores failures: only a thread that

@@ -52,7 +52,7 @@ public:
 
 private:
     AtomicCounter m_count;
-    Mutex m_mutex;
+    Mutex m_mutex{TARN_LOCK_NAME(LAZY_INIT)};
 
 protected:
     /// The argument of the first `checkInit`.

@@ -104,7 +104,7 @@ TARN_CONSTANT_INIT Reserve s_reserve;
 
 } // namespace
 
-TARN_CONSTANT_INIT Mutex RefCounted::s_init_lock(threadsafe::CONSTANT_INIT);
+TARN_CONSTANT_INIT Mutex RefCounted::s_init_lock(threadsafe::ConstantInit{TARN_LOCK_NAME(COUNTERS)});
 TARN_CONSTANT_INIT std::atomic<int32_t> RefCounted::s_init_counter{0};
 TARN_CONSTANT_INIT std::atomic<RefCounted::CounterPool*> RefCounted::s_counter_pool{nullptr};
 TARN_CONSTANT_INIT std::atomic<void*> RefCounted::s_spare{nullptr};

@@ -32,7 +32,8 @@ int getPriority(LogLevel level) noexcept {
 
 } // namespace
 
-TARN_CONSTANT_INIT Mutex SystemLogger::s_singleton_mutex(threadsafe::CONSTANT_INIT);
+TARN_CONSTANT_INIT Mutex SystemLogger::s_singleton_mutex(threadsafe::ConstantInit{
+    TARN_LOCK_NAME(SYSTEM_LOGGER)});
 
 namespace {
 

@@ -29,6 +29,7 @@ public:
     /// Creates an argument from an integer or an enumeration.
     ErrorArgument(T value) noexcept : m_kind(isSigned<T>() ? Kind::SIGNED : Kind::UNSIGNED) {
         if constexpr (isSigned<T>()) {
+            // NOLINTNEXTLINE(bugprone-signed-char-misuse): a number, whatever its type is called.
             m_signed = static_cast<long long>(value);
         } else {
             m_unsigned = static_cast<unsigned long long>(value);

@@ -3,13 +3,18 @@
 #include <tarncommon/Export.h>
 #include <tarncommon/tarnbase/NonCopyable.h>
 #include <tarncommon/threadsafe/Annotations.h>
+#include <tarncommon/threadsafe/LockOrder.h>
 
 #include <pthread.h>
 
 namespace threadsafe {
 
 /// Selects the constructor for a static object that must exist before any initializer runs.
-struct ConstantInit {};
+struct ConstantInit {
+#if defined(TARN_CHECKS_LOCK_ORDER)
+    LockName name = LockName::UNNAMED;
+#endif
+};
 constexpr ConstantInit CONSTANT_INIT{};
 
 /// Results that all locks of the base library share.
@@ -30,8 +35,13 @@ public:
     /// as many calls of `unlock`.
     explicit MutexImpl(bool recursive);
 
-    /// Creates a non-recursive lock without a system call (`PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP`).
+/// Creates a non-recursive lock without a system call (`PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP`).
+#if defined(TARN_CHECKS_LOCK_ORDER)
+    constexpr explicit MutexImpl(ConstantInit init) noexcept
+        : m_mutex PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, m_name(init.name) {}
+#else
     constexpr explicit MutexImpl(ConstantInit) noexcept : m_mutex PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP {}
+#endif
 
     /// Destroys the lock (`pthread_mutex_destroy`). Destroying a locked lock is reported to
     /// `GlobalErrorHandler::doAssert`.
@@ -40,15 +50,33 @@ public:
     /// Blocks until the lock is acquired (`pthread_mutex_lock`).
     /// @return 0 on success; `ERROR_INCONSISTENCY`; any other value is another failure
     [[nodiscard]] TARN_API_INLINE int lock() noexcept TARN_ACQUIRE_IF_ZERO TARN_NOT_ANALYZED {
+#if defined(TARN_CHECKS_LOCK_ORDER)
+        LockOrder::check(this, m_name);
+#endif
         int const error = pthread_mutex_lock(&m_mutex);
+#if defined(TARN_CHECKS_LOCK_ORDER)
+        if (error == 0) {
+            LockOrder::enter(this, m_name);
+        }
+#endif
         return __builtin_expect(error == 0, 1) ? 0 : classify(error);
     }
 
     /// Releases the lock (`pthread_mutex_unlock`). Returns the same results as `lock`.
     [[nodiscard]] TARN_API_INLINE int unlock() noexcept TARN_RELEASE() TARN_NOT_ANALYZED {
         int const error = pthread_mutex_unlock(&m_mutex);
+#if defined(TARN_CHECKS_LOCK_ORDER)
+        LockOrder::leave(this, m_name); // Also after a failure: callers continue as if they had released it.
+#endif
         return __builtin_expect(error == 0, 1) ? 0 : classify(error);
     }
+
+#if defined(TARN_CHECKS_LOCK_ORDER)
+    /// Gives the lock its place in the order. The lock must be free.
+    constexpr void setOrderName(LockName name) noexcept {
+        m_name = name;
+    }
+#endif
 
 private:
     friend class ConditionImpl;
@@ -56,6 +84,9 @@ private:
     static int classify(int error) noexcept;
 
     pthread_mutex_t m_mutex;
+#if defined(TARN_CHECKS_LOCK_ORDER)
+    LockName m_name = LockName::UNNAMED;
+#endif
 };
 
 } // namespace threadsafe

@@ -80,6 +80,7 @@ private:
 };
 
 Poller::Poller() : mutex(false), fds(1) {
+    TARN_NAME_LOCK(mutex, POLLER);
     int ends[2] = {-1, -1};
     // Without close-on-exec: the code that starts a program decides what it inherits.
     if (pipe(ends) != 0) {

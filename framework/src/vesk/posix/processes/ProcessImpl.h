@@ -44,7 +44,7 @@ public:
 
     Thread thread;
     bool collector_running TARN_GUARDED_BY(mutex) = true;
-    Mutex mutex;
+    Mutex mutex{TARN_LOCK_NAME(COLLECTOR)};
     Condition condition;
     Children proc_obj_map TARN_GUARDED_BY(mutex);
 

@@ -32,7 +32,9 @@ TARN_CONSTANT_INIT std::ErrorType const& ShmCondition::Error = Condition::Error;
 
 // `ConditionImpl` needs its mutex at construction. Only the first wait supplies it, so it is constructed
 // there.
-Condition::Condition() : m_lock(false) {}
+Condition::Condition() : m_lock(false) {
+    TARN_NAME_LOCK(m_lock, CONDITION_BINDING);
+}
 
 Condition::~Condition() {
     InternalLock const lock(m_lock, SOURCE, "~Condition");

@@ -52,7 +52,7 @@ constexpr Duration FAR_AWAY(std::numeric_limits<unsigned long long>::max() / 100
 using InternalLock = AbortingLock<threadsafe::MutexImpl>;
 
 // Guards the ringers of all engines, and what these threads wait for.
-detail::StaticMutex s_ringers;
+detail::StaticMutex s_ringers(threadsafe::ConstantInit{TARN_LOCK_NAME(ALARM_RINGERS)});
 
 /// Returns `now` plus `delay`, at most `TimePoint::MAX`. An expiry is neither negative nor wraps around, so
 /// the order is the same with signed and unsigned numbers.
@@ -209,6 +209,7 @@ Alarm::Timer::Timer(Scheduling const& scheduling, int signal, char const* thread
       m_signal(signal),
       m_dispatcher(thread_name, scheduling),
       m_catcher(signal, m_dispatcher.getQueue(), caught, this) {
+    TARN_NAME_LOCK(m_lock, ALARM_ENGINE);
     sigevent event{};
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = signal;

@@ -112,7 +112,7 @@ private:
 
     enum class End { OPEN, BY_THREAD, BY_OBJECT };
 
-    ThreadLink() : m_lock(false) {}
+    ThreadLink() : m_lock(false) { TARN_NAME_LOCK(m_lock, THREAD_LINK); }
     ~ThreadLink() = default;
 
     void release() noexcept;
