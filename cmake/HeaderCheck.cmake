@@ -5,7 +5,11 @@
 set(VESK_HEADER_CHECK_STANDARDS 17 20 23)
 
 add_custom_target(header_check)
-foreach(library tarncommon vesk veskloop)
+set(libraries tarncommon vesk veskloop)
+if(TARGET vesk-avahi)
+    list(APPEND libraries vesk-avahi)
+endif()
+foreach(library IN LISTS libraries)
     get_target_property(source_dir ${library} SOURCE_DIR)
     file(
         GLOB_RECURSE headers

@@ -1,21 +1,13 @@
+#include "FailingCalls.h"
 #include "Operations.h"
 #include "support/AllocationFault.h"
 #include "support/Descriptors.h"
 #include "support/EventRecorder.h"
+#include "support/Processes.h"
 #include "support/Testing.h"
 #include "support/Threads.h"
 
 #include <tarncommon/error/ErrorApi.h>
-
-#include <dirent.h>
-#include <fcntl.h>
-#include <mqueue.h>
-#include <random>
-#include <semaphore.h>
-#include <sys/ioctl.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 
 // The system calls below the operations fail: each one together with each of the calls that follow it, which are
 // those of the clean-up, and 1 % of the calls of many operations at random. What must hold: nothing crashes, hangs
@@ -23,114 +15,14 @@
 
 namespace {
 
-/// Decides which system calls of the calling thread fail during its lifetime.
-class Plan {
-public:
-    /// The calls with these numbers fail, counted from 1.
-    Plan(int first, int second) : m_first(first), m_second(second) { t_current = this; }
-    /// One call of a hundred fails.
-    explicit Plan(std::minstd_rand& random) : m_random(&random) { t_current = this; }
-    ~Plan() { t_current = nullptr; }
-    Plan(Plan const&) = delete;
-    Plan& operator=(Plan const&) = delete;
+#if defined(__SANITIZE_THREAD__)
+constexpr bool IS_SLOW = true; // A fork takes half a second.
+#else
+constexpr bool IS_SLOW = false;
+#endif
 
-    int getCount() const { return m_count; }
-    int getFailures() const { return m_failures; }
-    /// Returns the name of the last function that failed.
-    std::string getFailed() const { return m_failed; }
-
-    /// Counts a call of a function. Returns whether it must fail, with one of these numbers in `errno`.
-    VESK_UNWATCHED static bool fails(char const* function, int error, int other) noexcept {
-        Plan* const plan = t_current;
-        if (plan == nullptr || support::Injected::isResolving()) {
-            return false;
-        }
-        ++plan->m_count;
-        bool const failing = plan->m_random != nullptr
-            ? (*plan->m_random)() % 100 == 0
-            : plan->m_count == plan->m_first || plan->m_count == plan->m_second;
-        if (failing) {
-            ++plan->m_failures;
-            plan->m_failed = function;
-            errno = plan->m_count % 2 == 0 ? other : error;
-        }
-        return failing;
-    }
-
-private:
-    static inline thread_local Plan* t_current = nullptr;
-
-    std::minstd_rand* m_random = nullptr;
-    int m_first = 0;
-    int m_second = 0;
-    int m_count = 0;
-    int m_failures = 0;
-    char const* m_failed = "";
-};
-
-} // namespace
-
-#define VESK_FAILING(result, failure, error, other, name, parameters, arguments)                             \
-    support::Injected inject_##name(#name);                                                                  \
-    extern "C" VESK_UNWATCHED result name parameters {                                                       \
-        if (Plan::fails(#name, error, other)) {                                                              \
-            return failure;                                                                                  \
-        }                                                                                                    \
-        return reinterpret_cast<result(*) parameters>(inject_##name.getReal()) arguments;                    \
-    }
-
-/// The system releases a descriptor even if its close fails.
-#define VESK_FAILING_AFTER(name, parameters, arguments)                                                      \
-    support::Injected inject_##name(#name);                                                                  \
-    extern "C" VESK_UNWATCHED int name parameters {                                                          \
-        int const result = reinterpret_cast<int(*) parameters>(inject_##name.getReal()) arguments;           \
-        return result == 0 && Plan::fails(#name, EIO, ENOSPC) ? -1 : result;                                 \
-    }
-
-VESK_INJECT_OPEN(if (Plan::fails("open", EMFILE, ENOMEM)) { return -1; })
-VESK_FAILING_AFTER(close, (int fd), (fd))
-VESK_FAILING_AFTER(closedir, (DIR * directory), (directory))
-VESK_FAILING_AFTER(mq_close, (mqd_t queue), (queue))
-VESK_FAILING_AFTER(sem_close, (sem_t * semaphore), (semaphore))
-VESK_FAILING(ssize_t, -1, EIO, ENOMEM, read, (int fd, void* to, size_t size), (fd, to, size))
-VESK_FAILING(ssize_t, -1, EIO, ENOSPC, write, (int fd, void const* from, size_t size), (fd, from, size))
-VESK_FAILING(int, -1, EIO, EOVERFLOW, fstat, (int fd, struct stat* data), (fd, data))
-VESK_FAILING(int, -1, EACCES, ENOENT, stat, (char const* path, struct stat* data), (path, data))
-VESK_FAILING(int, -1, EACCES, ENOENT, lstat, (char const* path, struct stat* data), (path, data))
-VESK_FAILING(off_t, -1, ESPIPE, EOVERFLOW, lseek, (int fd, off_t offset, int from), (fd, offset, from))
-VESK_FAILING(int, -1, ENOSPC, EFBIG, ftruncate, (int fd, off_t length), (fd, length))
-VESK_FAILING(int, -1, EACCES, EROFS, unlink, (char const* path), (path))
-VESK_FAILING(int, -1, EACCES, EEXIST, mkstemp, (char* path), (path))
-VESK_FAILING(DIR*, nullptr, ENOMEM, EMFILE, fdopendir, (int fd), (fd))
-VESK_FAILING(dirent*, nullptr, EIO, ENOENT, readdir, (DIR * directory), (directory))
-VESK_FAILING(int, -1, ENOMEM, EINVAL, munmap, (void* at, size_t size), (at, size))
-VESK_FAILING(
-    int, -1, EMFILE, EACCES, shm_open, (char const* name, int flags, mode_t mode), (name, flags, mode))
-VESK_FAILING(int, -1, EACCES, ENOENT, shm_unlink, (char const* name), (name))
-VESK_FAILING(int, -1, EACCES, ENOENT, mq_unlink, (char const* name), (name))
-VESK_FAILING(int, -1, EACCES, ENOENT, sem_unlink, (char const* name), (name))
-VESK_FAILING(int, -1, EBADF, EINVAL, mq_getattr, (mqd_t queue, mq_attr* attributes), (queue, attributes))
-VESK_FAILING(int, -1, EMFILE, ENOBUFS, socket, (int family, int type, int protocol), (family, type, protocol))
-VESK_FAILING(int, -1, EADDRINUSE, EACCES, bind, (int fd, sockaddr const* to, socklen_t size), (fd, to, size))
-VESK_FAILING(
-    int, -1, ECONNREFUSED, EAGAIN, connect, (int fd, sockaddr const* to, socklen_t size), (fd, to, size))
-VESK_FAILING(int, -1, EADDRINUSE, EOPNOTSUPP, listen, (int fd, int backlog), (fd, backlog))
-VESK_FAILING(
-    int, -1, EMFILE, ECONNABORTED, accept4, (int fd, sockaddr* from, socklen_t* size, int flags),
-    (fd, from, size, flags))
-VESK_FAILING(
-    int, -1, ENOPROTOOPT, EDOM, setsockopt,
-    (int fd, int level, int option, void const* value, socklen_t size), (fd, level, option, value, size))
-VESK_FAILING(
-    int, -1, ENOBUFS, ENOTCONN, getsockname, (int fd, sockaddr* own, socklen_t* size), (fd, own, size))
-VESK_FAILING(
-    int, -1, ENOBUFS, ENOTCONN, getpeername, (int fd, sockaddr* peer, socklen_t* size), (fd, peer, size))
-VESK_FAILING(int, -1, ENOTCONN, EINVAL, shutdown, (int fd, int how), (fd, how))
-
-namespace {
-
+using failing::Plan;
 using operations::Row;
-using operations::ROWS;
 
 /// What the process uses, without what the C library keeps for later.
 struct Usage {
@@ -181,24 +73,34 @@ int runWith(Row const& row, int first, int second) {
     return runWith(row, plan);
 }
 
-/// Returns the operations that make system calls and return after each failure.
-std::vector<Row> getRows() {
-    // A failure of their pipe ends the process; another thread goes on with the child of the last one.
-    std::set<std::string> const others{"Poller", "SignalQueue_pop", "Timer", "ProcessTNG_start"};
-    std::vector<Row> rows;
-    std::copy_if(std::begin(ROWS), std::end(ROWS), std::back_inserter(rows), [&](Row const& row) {
-        return others.count(row.name) == 0;
-    });
+/// Returns whether an operation makes threads or children that are part of the failure: a failure of their pipe or
+/// timer ends the process. Such an operation runs in a process of its own.
+bool isFatal(Row const& row) {
+    std::set<std::string> const names{
+        "Poller",           "SignalQueue_pop",   "SignalDispatcher",  "Timer",
+        "Timer_start",      "Timer_otherStarts", "Alarm_ofOwnEngine", "SignalCatcher",
+        "ProcessTNG_start", "Dispatcher",        "VanillaQueue_push"};
+    return names.count(row.name) != 0;
+}
+
+std::vector<Row> getRows(bool fatal) {
+    std::vector<Row> rows = operations::getRows();
+    rows.erase(
+        std::remove_if(rows.begin(), rows.end(), [=](Row const& row) { return isFatal(row) != fatal; }),
+        rows.end());
     return rows;
 }
 
 class Failures : public testing::TestWithParam<Row> {
 protected:
     static void SetUpTestSuite() { operations::setUp(); }
-    static void TearDownTestSuite() { operations::g_timer.reset(); }
+    static void TearDownTestSuite() {
+        operations::g_timer.reset();
+        operations::removeNames();
+    }
 };
 
-INSTANTIATE_TEST_SUITE_P(All, Failures, testing::ValuesIn(getRows()), support::RowName());
+INSTANTIATE_TEST_SUITE_P(All, Failures, testing::ValuesIn(getRows(false)), support::RowName());
 
 TEST_P(Failures, mayComeInPairs) {
     constexpr int FOLLOWING = 12; // The clean-up is not longer.
@@ -227,6 +129,8 @@ TEST_P(Failures, mayComeInPairs) {
 /// P  it succeeds, and a chain is pending: its result is not the one of the operation that failed
 /// -  it succeeds, because it does not need the call
 /// 2  several of these
+/// X  the process ends with a message
+/// Y  the process ends with an assertion and a message
 struct Told : support::NamedRow {
     char const* functions;
 };
@@ -238,28 +142,56 @@ Told const TOLD[] = {
     // The copy ends the process after its report. Here it continues, and the destructors close the files again.
     {"FileSys_copy", "close:2 open:R read:R unlink:- write:R"},
     // After its report, the constructor closes the descriptor again, and warns that it is closed.
-    {"Directory", "closedir:E fdopendir:R open:R readdir:2"},
-    {"Directory_curDir", "closedir:E fdopendir:R open:R readdir:2R"},
+    {"Directory", "closedir:E fcntl:- fdopendir:R open:R readdir:2"},
+    {"Directory_curDir", "closedir:E fcntl:- fdopendir:R open:R openat:R readdir:2R"},
     {"StreamBinFileR", "close:- open:R"},
     // The file keeps its descriptor, which the destructors of both halves close again.
     {"StreamBinFileRW", "close:2 open:R"},
     {"BinTempFileRW", "close:E mkstemp:R unlink:E"},
-    {"FmtFileWrapper", "close:E open:R"},
+    {"FmtFileWrapper", "close:E open:R read:R"},
     // The object keeps its descriptor, which the destructor closes again.
-    {"SharedMemory", "close:2 ftruncate:R shm_open:R shm_unlink:R"},
-    {"SharedMemory_ring", "close:2 ftruncate:R shm_open:R shm_unlink:R"},
-    {"MsgQueue", "mq_unlink:-R"}, // A name that is missing before the creation is no failure.
-    {"Semaphore", "sem_unlink:-R"},
-    {"NetDevice", "close:- socket:R"},
-    {"NetDevice_all", "close:- socket:R"},
+    {"SharedMemory", "close:2 ftruncate:R munmap:R shm_open:R shm_unlink:R"},
+    {"SharedMemory_ring", "close:2 ftruncate:R munmap:R shm_open:R shm_unlink:R"},
+    {"MsgQueue",
+     "mq_close:2 mq_open:R mq_unlink:-R"}, // A name that is missing before the creation is no failure.
+    {"Semaphore", "sem_close:R sem_open:R sem_unlink:-R"},
+    {"NetDevice", "close:- ioctl:R socket:R"},
+    {"NetDevice_all", "close:- if_nameindex:R socket:R"},
     {"ProcessInfo", "close:- open:R read:R"},
     {"ProcessInfo_getPIDs", "fdopendir:R open:R readdir:2R"}, // As `Directory`.
     {"ProcessTNG_settings", "stat:PR"},
-    {"ProcessTNG_getProcessId", "fdopendir:P open:P readdir:2P"}, // Returns nothing; as `Directory`.
+    {"ProcessTNG_getProcessId", "fdopendir:P fopen:- open:P readdir:2P"}, // Returns nothing; as `Directory`.
     {"TCPSocket",
      "accept4:R bind:R close:P connect:R getpeername:- getsockname:-R listen:R setsockopt:R socket:R"},
     {"UDPSocket", "bind:R close:P connect:2 socket:R"}, // `open` has no result: it reports and warns.
     {"UnixSocket", "accept4:R bind:R close:P connect:R getpeername:- listen:R socket:R"},
+    {"WidePath", "getcwd:F"},
+    {"Path_getAbsolute", "getcwd:F"},
+    {"Path_getCanonicalized", "realpath:F"},
+    {"WidePath_getCanonicalized", "realpath:F"},
+    {"FileSys_currentWD", "getcwd:R"},
+    {"FileInfo_setModTime", "utimes:R"},
+    {"FileSys_changeOwnerGroup", "chown:R"},
+    {"FileSys_getMountPoints", "close:E open:F read:-F"},
+    {"SecureRandom", "close:- open:R"},
+    // As `StreamBinFileRW`. The row itself writes.
+    {"SerialPort", "close:-2 open:R read:R tcgetattr:R tcsetattr:R write:F"},
+    {"MemBinFileBase", "close:2 munmap:R open:R"},
+    {"MsgQueue_systemMax", "close:E open:F read:R"},
+    {"SemaphoreClient", "sem_close:R sem_open:R"},
+    {"NetDevice_setAddress", "close:- socket:R"},
+    {"NetDeviceMonitor_watch", "bind:R close:- recvmsg:-R sendmsg:R socket:R"},
+    {"SystemLoad", "fopen:R"},
+    // These end the process if the pipe fails that all their threads use. The results of timers and of `sigaction`
+    // are not looked at, as their documentation says.
+    {"Timer", "close:- fcntl:E pipe:Y sigaction:- timer_create:- timer_delete:- timer_settime:- write:X"},
+    {"Alarm_ofOwnEngine",
+     "close:- fcntl:E pipe:Y sigaction:- timer_create:- timer_delete:- timer_settime:- write:X"},
+    {"SignalCatcher", "sigaction:-"},
+    {"SignalDispatcher", "close:- fcntl:E pipe:Y write:X"},
+    {"SignalQueue_pop", "close:- fcntl:E pipe:Y sigaction:-F write:X"},
+    {"Poller", "close:- pipe:X poll:X read:- write:-"},
+    {"ProcessTNG_start", "fork:R stat:P"},
 };
 
 /// Operations without a row make no system call that this program replaces.
@@ -270,6 +202,14 @@ std::string getTold(char const* operation) {
         }
     }
     return "";
+}
+
+std::string getText(std::map<std::string, std::set<char>> const& told) {
+    std::string text;
+    for (auto const& [function, letters] : told) {
+        text += (text.empty() ? "" : " ") + function + ":" + std::string(letters.begin(), letters.end());
+    }
+    return text;
 }
 
 /// Counts the chains that were replaced before the test has seen them.
@@ -284,10 +224,10 @@ private:
 };
 
 /// Runs an operation while this call fails, and adds the letter of what happens to those of the function.
-void addTold(Row const& row, int nth, std::map<std::string, std::set<char>>& told) {
+void addTold(Row const& row, int nth, bool others, std::map<std::string, std::set<char>>& told) {
     Discarded const discarded;
     support::EventRecorder const events;
-    Plan const plan(nth, 0);
+    Plan const plan(nth, 0, others);
     bool const failed = row.run();
     bool const pending = std::ErrorStorage::isError(true);
     std::ErrorStorage::ack();
@@ -303,23 +243,87 @@ TEST_P(Failures, areToldOnce) {
     int const calls = std::min(runWith(row, 0, 0), 60);
     std::map<std::string, std::set<char>> told;
     for (int nth = 1; nth <= calls; ++nth) {
-        addTold(row, nth, told);
+        addTold(row, nth, false, told);
+        addTold(row, nth, true, told);
     }
-    std::string text;
-    for (auto const& [function, letters] : told) {
-        text += (text.empty() ? "" : " ") + function + ":" + std::string(letters.begin(), letters.end());
+    EXPECT_EQ(getTold(row.name), getText(told));
+}
+
+// Named so that it runs first, before the process has threads: each case forks.
+class FatalFailuresDeathTest : public testing::TestWithParam<Row> {
+protected:
+    /// Runs the operation in a process of its own while these calls fail. Returns the letter of what happens:
+    /// X  the process ends with a message, Y with several; otherwise those of `Told`
+    char run(int first, int second, bool others = false) {
+        *m_calls = 0;
+        *m_told = 'X';
+        *m_failed = "";
+        Plan::s_note = &*m_failed;
+        support::ChildEnd const end = support::runInChild([&] {
+            operations::setUp();
+            EXPECT_FALSE(GetParam().run()) << tarn_error.getReasonList();
+            Discarded const discarded;
+            Plan const plan(first, second, others);
+            bool const failed = GetParam().run();
+            bool const pending = std::ErrorStorage::isError(true);
+            std::ErrorStorage::ack();
+            *m_calls = plan.getCount();
+            *m_told = discarded.getCount() + (pending ? 1 : 0) > 1 ? '2'
+                : pending                                          ? failed ? 'R' : 'P'
+                : failed                                           ? 'F'
+                                                                   : '-';
+        });
+        Plan::s_note = nullptr;
+        auto const lines = std::count(end.errors.begin(), end.errors.end(), '\n');
+        EXPECT_EQ("", end.output);
+        EXPECT_TRUE(end.signal == 0 || (end.signal == SIGABRT && lines != 0)) << end.signal << end.errors;
+        if (end.signal != 0) {
+            return lines == 1 ? 'X' : 'Y';
+        }
+        if (lines != 0) {
+            return *m_told == '-' || *m_told == 'F' ? 'E' : '2';
+        }
+        return *m_told;
     }
-    EXPECT_EQ(getTold(row.name), text);
+    int getCalls() const { return *m_calls; }
+    std::string getFailed() const { return *m_failed; }
+
+private:
+    support::SharedObject<int> m_calls;
+    support::SharedObject<char> m_told;
+    support::SharedObject<char const*> m_failed;
+};
+
+INSTANTIATE_TEST_SUITE_P(All, FatalFailuresDeathTest, testing::ValuesIn(getRows(true)), support::RowName());
+
+TEST_P(FatalFailuresDeathTest, areToldOnceAndMayComeInPairs) {
+    constexpr int FOLLOWING = IS_SLOW ? 0 : 4;
+    ASSERT_EQ('-', run(0, 0));
+    int const calls = getCalls();
+    std::map<std::string, std::set<char>> told;
+    for (int first = 1; first <= calls; ++first) {
+        char const letter = run(first, 0);
+        told[getFailed()].insert(letter);
+        told[getFailed()].insert(run(first, 0, true));
+        int const last = letter >= 'X' ? 0 : std::min(getCalls(), first + FOLLOWING);
+        for (int second = first + 1; second <= last; ++second) {
+            run(first, second);
+        }
+    }
+    EXPECT_EQ(getTold(GetParam().name), getText(told));
 }
 
 class RandomFailures : public testing::TestWithParam<unsigned long> {
 protected:
     static void SetUpTestSuite() { operations::setUp(); }
-    static void TearDownTestSuite() { operations::g_timer.reset(); }
+    static void TearDownTestSuite() {
+        operations::g_timer.reset();
+        operations::removeNames();
+    }
 
     /// Runs a thousand operations. Returns the number of failures.
     static int runAll(unsigned long seed) {
-        std::vector<Row> const rows = getRows();
+        std::vector<Row> const rows = getRows(false);
         std::minstd_rand random(static_cast<std::minstd_rand::result_type>(seed));
         int failures = 0;
         for (int i = 0; i < 1000; ++i) {
@@ -350,8 +354,38 @@ TEST_P(RandomFailures, leaveNothingBehind) {
     Usage const before;
     EXPECT_GT(runAll(GetParam()), 10);
     EXPECT_TRUE(hasNotGrownSince(before)) << "seed " << GetParam();
-    for (Row const& row : getRows()) {
+    for (Row const& row : getRows(false)) {
         EXPECT_FALSE(row.run()) << row.name << ", seed " << GetParam() << ": " << tarn_error.getReasonList();
+    }
+}
+
+class RandomFailuresDeathTest : public testing::TestWithParam<unsigned long> {
+protected:
+    static void TearDownTestSuite() { operations::removeNames(); }
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Seed, RandomFailuresDeathTest, testing::ValuesIn(getSeeds()), testing::PrintToStringParamName());
+
+TEST_P(RandomFailuresDeathTest, endAProcessOnlyWithAMessage) {
+    std::minstd_rand random(static_cast<std::minstd_rand::result_type>(GetParam()));
+    std::vector<Row> const rows = operations::getRows();
+    for (int process = 0; process < (IS_SLOW ? 3 : 20); ++process) {
+        auto const seed = random();
+        support::ChildEnd const end = support::runInChild([&] {
+            operations::setUp();
+            std::minstd_rand its_random(seed);
+            for (int i = 0; i < 50; ++i) {
+                Row const& row = rows[its_random() % rows.size()];
+                Plan const plan(its_random);
+                row.run();
+                std::ErrorStorage::ack();
+            }
+        });
+        SCOPED_TRACE("seed " + std::to_string(GetParam()) + ", process " + std::to_string(process));
+        EXPECT_EQ("", end.output);
+        EXPECT_TRUE(end.signal == 0 || end.signal == SIGABRT) << end.signal << end.errors;
+        EXPECT_EQ(end.signal == SIGABRT, end.errors.find("fatal") != std::string::npos) << end.errors;
     }
 }
 

@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <istream>
+#include <mqueue.h>
 #include <sched.h>
+#include <semaphore.h>
 #include <string>
 #include <unistd.h>
 #include <vesk/loop/Loop.h>
@@ -398,8 +400,9 @@ struct LoopSubject : Of<vesk::loop::Loop> {
 
 struct SemaphoreSubject : Of<vesk::SemaphoreCreator> {
     SemaphoreSubject() {
-        m_object->setUnlinkOnClose(true);
-        m_object->create(getName("semaphore").c_str(), 0, vesk::Creatable::REPLACE);
+        std::string const name = getName("semaphore");
+        m_object->create(name.c_str(), 0, vesk::Creatable::REPLACE);
+        sem_unlink(name.c_str()); // The process may end before the object.
     }
     bool use() override { return m_object->release() || m_object->take(); }
     void wait() override { m_object->take(); }
@@ -408,8 +411,9 @@ struct SemaphoreSubject : Of<vesk::SemaphoreCreator> {
 
 struct QueueSubject : Of<vesk::MsgQueueServer> {
     QueueSubject() {
-        m_object->setUnlinkOnClose(true);
-        m_object->create(getName("queue").c_str(), 8, 8, vesk::Creatable::REPLACE);
+        std::string const name = getName("queue");
+        m_object->create(name.c_str(), 8, 8, vesk::Creatable::REPLACE);
+        mq_unlink(('/' + name).c_str()); // As above.
     }
     bool use() override { return write() || read(); }
     void wait() override { read(); }

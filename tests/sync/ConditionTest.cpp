@@ -46,6 +46,7 @@ struct Shared {
     ConditionType to_partner;
     ConditionType to_test;
     std::atomic<bool> ready{false};
+    std::atomic<bool> held{false};
     std::atomic<bool> go{false};
     int volatile turn = 0; // Even: the test's. Not atomic: the mutex guards it.
 
@@ -163,17 +164,20 @@ TYPED_TEST(Conditions, timedOutWaiterReturnsWithTheMutexThoughItWasHeldElsewhere
     typename TypeParam::Partner waiter([&shared] {
         typename TypeParam::Lock const lock(shared.mutex);
         shared.ready = true;
-        AbsTimeT const deadline = inMs(20);
-        signed char result = 0;
-        do {
-            result = shared.to_partner.waitTimeout(shared.mutex, deadline);
-        } while (result == 0);
-        EXPECT_EQ(1, result);
+        do { // The time may expire before the test has the mutex.
+            AbsTimeT const deadline = inMs(20);
+            signed char result = 0;
+            do {
+                result = shared.to_partner.waitTimeout(shared.mutex, deadline);
+            } while (result == 0);
+            EXPECT_EQ(1, result);
+        } while (!shared.held);
         EXPECT_TRUE(shared.go) << "it has the mutex again when it returns";
     });
     await(shared.ready);
     {
         typename TypeParam::Lock const lock(shared.mutex);
+        shared.held = true;
         long long const end = inMs(40).value;
         while (TimePoint::now().getCount() < end) {
             sched_yield();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <vesk/common/CancellationOff.h>
 #include <vesk/loop/Export.h>
 
 #include <unistd.h>
@@ -34,6 +35,7 @@ public:
     /// Closes the descriptor at once (`close`).
     void close() noexcept {
         if (m_number >= 0) {
+            vesk::detail::CancellationOff const cancellation_off;
             ::close(release());
         }
     }

@@ -4,6 +4,8 @@
 #include "SignalsBlocked.h"
 #include "Sockets.h"
 
+#include <vesk/common/CancellationOff.h>
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
@@ -247,6 +249,7 @@ namespace {
 
 /// Returns whether a socket file belongs to no socket any more.
 bool isLeftOver(Address const& address, int type) noexcept {
+    vesk::detail::CancellationOff const cancellation_off;
     UniqueFd const probe(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     return probe.isOpen() && connect(probe.get(), address.get(), address.size()) != 0 &&
         errno == ECONNREFUSED;

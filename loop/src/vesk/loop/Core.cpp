@@ -354,6 +354,7 @@ void Core::setExceptionHook(Callback<void(std::exception_ptr)> hook) {
 
 /// Hands an exception of a callback to the hook. Without one nothing can handle it, nor one that the hook throws.
 void Core::handle(std::exception_ptr exception) noexcept {
+    CancellationOff const cancellation_off;
     std::shared_ptr<Callback<void(std::exception_ptr)>> hook;
     {
         Locked const locked(m_lock);

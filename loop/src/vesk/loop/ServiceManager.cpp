@@ -2,6 +2,7 @@
 
 #include "Report.h"
 
+#include <vesk/common/CancellationOff.h>
 #include <vesk/common/UniqueFd.h>
 
 #include <cerrno>
@@ -24,6 +25,7 @@ constexpr char const* SOURCE = "loop/src/vesk/loop/ServiceManager";
 
 /// Returns an error number, 0 on success.
 int sendTo(std::string_view path, std::string_view text) noexcept {
+    vesk::detail::CancellationOff const cancellation_off;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() < 2 || (path.front() != '/' && path.front() != '@')) {

@@ -3,6 +3,7 @@
 #include "Start.h"
 
 #include <vesk/KeptChildren.h>
+#include <vesk/common/CancellationOff.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -183,6 +184,7 @@ int Core::updateSignals() noexcept {
 }
 
 void Core::collectSignals() noexcept {
+    vesk::detail::CancellationOff const cancellation_off;
     signalfd_siginfo infos[8];
     ssize_t size = read(m_signal_fd.get(), infos, sizeof infos);
     while (size > 0) {
@@ -234,6 +236,7 @@ UniqueFd waitInThread(pid_t child) noexcept {
 } // namespace
 
 UniqueFd openChild(pid_t child) noexcept {
+    vesk::detail::CancellationOff const cancellation_off;
     siginfo_t info;
     if (child <= 0) {
         errno = EINVAL;
@@ -268,6 +271,7 @@ void ChildSource::release() noexcept {
 }
 
 Call ChildSource::prepare() noexcept {
+    vesk::detail::CancellationOff const cancellation_off;
     siginfo_t info{};
     if (waitid(P_PID, static_cast<id_t>(m_child), &info, WEXITED | WNOHANG) == 0) {
         if (info.si_pid != m_child) {
@@ -287,6 +291,7 @@ void ChildSource::fire() {
 // ---- the real-time clock ----
 
 Call ClockSource::prepare() noexcept {
+    vesk::detail::CancellationOff const cancellation_off;
     uint64_t expiries = 0;
     if (read(m_descriptor.get(), &expiries, sizeof expiries) > 0) {
         return Call::LAST;

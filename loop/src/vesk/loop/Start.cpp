@@ -30,6 +30,7 @@ bool hasNullIn(std::string const& text) noexcept {
 
 /// Writes to a pipe. A pipe without a reader fails, and does not end the process with a signal.
 ssize_t writeQuietly(int fd, char const* data, size_t size) noexcept {
+    vesk::detail::CancellationOff const cancellation_off;
     sigset_t pipe;
     sigset_t before;
     sigset_t pending;

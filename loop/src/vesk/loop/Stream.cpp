@@ -1,5 +1,7 @@
 #include "Stream.h"
 
+#include <vesk/common/CancellationOff.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -74,6 +76,7 @@ void StreamSource::pause() noexcept {
 
 /// Receives data, and the descriptors that came with it.
 ssize_t StreamSource::receive(char* buffer, size_t size, std::vector<Fd>& fds) const noexcept {
+    vesk::detail::CancellationOff const cancellation_off;
     if (!on_fd) {
         return recv(m_fd.get(), buffer, size, MSG_DONTWAIT); // Drops descriptors, and costs less.
     }
@@ -147,6 +150,7 @@ void StreamSource::endOfData() {
 // ---- writing ----
 
 ssize_t StreamSource::send(std::string_view data, int fd) const noexcept {
+    vesk::detail::CancellationOff const cancellation_off;
     if (fd < 0) {
         return ::send(m_fd.get(), data.data(), data.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     }
