@@ -25,6 +25,10 @@ extern "C" char const* __asan_default_options() {
 extern "C" char const* __tsan_default_options() {
     return "report_thread_leaks=0:die_after_fork=0:atexit_sleep_ms=0";
 }
+#endif
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// A thread that starts during the fork can hold a lock of the allocator, which stays locked in the child.
 constexpr bool HAS_RUNTIME_WITH_LOCKS = true;
 #else
 bool const HAS_RUNTIME_WITH_LOCKS = support::IS_EMULATED;
