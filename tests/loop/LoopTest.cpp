@@ -138,6 +138,27 @@ TEST_F(LoopTest, canRunAgainAfterItsThreadWasCanceledInACallback) {
     other.join();
 }
 
+TEST_F(LoopTest, canBeCanceledWhileItWaitsForATimer) {
+    for (auto const delay : {Clock::duration(1h), Clock::duration(1h + 1ns)}) {
+        auto const timer = valueOf(loop.after(delay, note("late")));
+        std::atomic<bool> runs{false};
+        std::atomic<bool> has_ended{false};
+        ASSERT_TRUE(loop.post([&runs] { runs = true; }));
+        std::thread runner([&] {
+            std::unique_ptr<std::atomic<bool>, void (*)(std::atomic<bool>*)> const end(
+                &has_ended, [](std::atomic<bool>* ended) { *ended = true; });
+            (void)loop.run();
+        });
+        EXPECT_TRUE(eventually([&runs] { return runs.load(); }));
+        pthread_cancel(runner.native_handle());
+        if (!eventually([&has_ended] { return has_ended.load(); })) {
+            ADD_FAILURE() << "not canceled";
+            loop.stop();
+        }
+        runner.join();
+    }
+}
+
 // ---- order ----
 
 TEST_F(LoopTest, oneRoundCallsInTheOrderOfThePriorities) {

@@ -36,6 +36,18 @@ Time toSystem(Clock::duration time) noexcept {
         static_cast<decltype(Time{}.tv_nsec)>(std::chrono::nanoseconds(time - seconds).count())};
 }
 
+/// Waits with the precision of the clock. A cancellation point like `epoll_wait`: the C library has no such function
+/// before version 2.35.
+long waitPrecisely(int epoll, epoll_event* events, int size, WideTime const& time) {
+    // By a pointer, because `syscall` is declared without exceptions, and its callers could not be unwound.
+    long (*const volatile call)(long, ...) = syscall;
+    int type = PTHREAD_CANCEL_DEFERRED;
+    pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &type);
+    long const count = call(SYS_epoll_pwait2, epoll, events, size, &time, nullptr, 0);
+    pthread_setcanceltype(type, nullptr);
+    return count;
+}
+
 } // namespace
 
 Clock::time_point add(Clock::time_point moment, Clock::duration time) noexcept {
@@ -227,13 +239,15 @@ int Core::wait(Clock::duration limit) {
     auto const waitForEvents = [&](int milliseconds) {
         return unwindable([&] { return epoll_wait(m_epoll.get(), m_events.data(), size, milliseconds); });
     };
+    constexpr auto TICK = std::chrono::milliseconds(1);
     if (limit <= Clock::duration::zero()) {
         return waitForEvents(limit < Clock::duration::zero() ? -1 : 0);
     }
-    if (m_waits_precisely) {
+    if (m_waits_precisely && limit % TICK != Clock::duration::zero()) {
         auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
         WideTime const time{seconds.count(), std::chrono::nanoseconds(limit - seconds).count()};
-        long const count = syscall(SYS_epoll_pwait2, m_epoll.get(), m_events.data(), size, &time, nullptr, 0);
+        long const count =
+            unwindable([&] { return waitPrecisely(m_epoll.get(), m_events.data(), size, time); });
         if (count >= 0 || (errno != ENOSYS && errno != EPERM)) {
             return static_cast<int>(count);
         }
