@@ -135,9 +135,15 @@ void Core::cancel(Source& source) noexcept {
         setOver(source);
     }
     source.leave();
-    while (m_running == &source && !isLoopThread() && !isInherited()) {
+    if (m_running == &source && isLoopThread()) {
+        m_kept = source.shared_from_this(); // Its watch is destroyed by its own callback.
+        return;
+    }
+    ++m_waiting;
+    while (m_running == &source && !isInherited()) {
         m_lock.wait(m_callback_over);
     }
+    --m_waiting;
 }
 
 void Source::cancel() noexcept {
@@ -242,11 +248,16 @@ public:
         m_core.m_lock.unlock();
     }
     ~Unlocked() TARN_RELEASE() TARN_NOT_ANALYZED {
-        CancellationOff const cancellation_off;
+        if (m_core.m_kept != nullptr) {
+            CancellationOff const cancellation_off;
+            m_core.m_kept.reset(); // Destroys the objects of the callback, which may use the loop.
+        }
         m_core.m_lock.lock();
         m_core.m_running = nullptr;
         m_core.countCalls(1);
-        m_core.m_callback_over.notify_all();
+        if (m_core.m_waiting != 0) {
+            m_core.m_callback_over.notify_all();
+        }
     }
     Unlocked(Unlocked const&) = delete;
     Unlocked& operator=(Unlocked const&) = delete;
@@ -281,21 +292,17 @@ bool Core::fireAll() {
 }
 
 void Core::fire(Source& source) {
-    std::shared_ptr<Source> owner = source.shared_from_this();
     source.remove();
     Call const call = source.prepare();
     if (call == Call::NONE) {
-        return; // The watch owns it, too.
+        return;
     }
     if (call == Call::LAST) {
         setOver(source);
     }
+    // The watch owns the source. Other threads cannot destroy it during the call, and the call itself has it kept.
     Unlocked const unlocked(*this, &source);
-    callOut([&owner] {
-        // May be the last owner, and destroy the objects of the callback, which may use the loop.
-        std::shared_ptr<Source> const mine = std::move(owner);
-        mine->fire();
-    });
+    callOut([&source] { source.fire(); });
 }
 
 /// Takes what was posted. A batch that `stop` has cut goes on before.
@@ -311,6 +318,16 @@ void Core::takePosts() {
     }
 }
 
+namespace {
+
+/// Destroys the objects of a callback at the end of its call.
+struct Emptied {
+    ~Emptied() { callback = {}; }
+    Callback<void()>& callback;
+};
+
+} // namespace
+
 /// Calls a batch without the lock: only this thread uses it.
 bool Core::firePosts(Batch& batch) {
     if (batch.isOver()) {
@@ -320,8 +337,8 @@ bool Core::firePosts(Batch& batch) {
     while (!batch.isOver() && !m_stop) {
         Callback<void()>& call = batch.calls[batch.next++];
         callOut([&call] {
-            Callback<void()> mine = std::move(call);
-            mine();
+            Emptied const emptied{call};
+            call();
         });
         countCalls(2); // The end and a begin.
     }

@@ -71,7 +71,7 @@ public:
     int getState() const noexcept { return isInherited() ? ECHILD : m_creation_error; }
     /// Makes the calling thread the loop's thread. Returns false if there is one already.
     bool enter() noexcept;
-    void leave() noexcept { m_thread = pthread_t{}; }
+    void leave() noexcept { m_thread.store(pthread_t{}, std::memory_order_release); }
     /// Runs one round. Stores whether a callback was called. Returns `errno` of a wait that failed, otherwise 0.
     int runOnce(Clock::duration timeout, bool& called) TARN_EXCLUDES(m_lock);
     /// Returns whether to stop, and forgets it.
@@ -200,7 +200,9 @@ private:
     std::atomic<pthread_t> m_thread{pthread_t{}}; ///< That runs the loop.
     // The source of the callback that runs.
     Source* m_running TARN_GUARDED_BY(m_lock) = nullptr;
-    std::atomic<unsigned long> m_calls{0}; ///< Changed by the loop's thread only.
+    std::shared_ptr<Source> m_kept; ///< That source, once its watch is gone. For the loop's thread.
+    size_t m_waiting TARN_GUARDED_BY(m_lock) = 0; ///< Threads that wait for the end of a callback.
+    std::atomic<unsigned long> m_calls{0};        ///< Changed by the loop's thread only.
     // Whether nothing waits that does not look at the posts and timers before, so that no wake-up is needed.
     bool m_is_awake TARN_GUARDED_BY(m_lock) = true;
     bool m_is_woken TARN_GUARDED_BY(m_lock) = false;
