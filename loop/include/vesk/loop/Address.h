@@ -54,6 +54,6 @@ private:
 /// @param name  "example.org:80"; the port may be the name of a service
 VESK_LOOP_API Result<Watch> lookUp(
     Loop& loop, std::string const& name, Callback<void(Result<std::vector<Address>>)> callback,
-    Priority priority = Priority::NORMAL, Place place = Place::here());
+    Options options = {});
 
 } // namespace vesk::loop

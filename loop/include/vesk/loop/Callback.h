@@ -31,12 +31,12 @@ public:
             std::is_invocable_r_v<Result, std::decay_t<F>&, Args...>>>
     Callback(F&& callable) {
         using Callable = std::decay_t<F>;
-        if constexpr (fits<Callable>()) {
-            new (m_storage) Callable(std::forward<F>(callable));
-            m_operations = &OPERATIONS<Callable>;
+        if constexpr (FITS<Callable>) {
+            put<Callable>(std::forward<F>(callable));
         } else {
-            new (m_storage) Remote<Callable>{std::make_unique<Callable>(std::forward<F>(callable))};
-            m_operations = &OPERATIONS<Remote<Callable>>;
+            auto remote = [owner = std::make_unique<Callable>(std::forward<F>(callable))](
+                              Args... args) -> Result { return (*owner)(std::forward<Args>(args)...); };
+            put<decltype(remote)>(std::move(remote));
         }
     }
 
@@ -50,11 +50,9 @@ public:
     }
     /// Destroys its callable, and takes that of another callback.
     Callback& operator=(Callback&& other) noexcept {
-        if (this != &other) {
-            this->~Callback();
-            new (this) Callback(std::move(other));
-        }
-        return *this;
+        Callback taken(std::move(other)); // Which may be this one.
+        this->~Callback();
+        return *new (this) Callback(std::move(taken));
     }
     ~Callback() {
         if (m_operations != nullptr && m_operations->destroy != nullptr) {
@@ -64,7 +62,6 @@ public:
 
     /// Returns whether there is a callable.
     explicit operator bool() const noexcept { return m_operations != nullptr; }
-
     /// Calls the callable.
     Result operator()(Args... args) { return m_operations->call(m_storage, std::forward<Args>(args)...); }
 
@@ -75,39 +72,25 @@ private:
         void (*move)(void* to, void* from) noexcept;
         void (*destroy)(void* storage) noexcept;
     };
-
     template <typename Callable>
-    static constexpr bool fits() {
-        return sizeof(Callable) <= sizeof m_storage && alignof(Callable) <= alignof(std::max_align_t) &&
-            std::is_nothrow_move_constructible_v<Callable>;
-    }
-    template <typename Callable>
-    static Result call(void* storage, Args&&... args) {
-        return (*static_cast<Callable*>(storage))(std::forward<Args>(args)...);
-    }
-    template <typename Callable>
-    static void move(void* to, void* from) noexcept {
-        new (to) Callable(std::move(*static_cast<Callable*>(from)));
-        static_cast<Callable*>(from)->~Callable();
-    }
-    template <typename Callable>
-    static void destroy(void* storage) noexcept {
-        static_cast<Callable*>(storage)->~Callable();
-    }
-    template <typename Callable>
-    static constexpr bool IS_PLAIN =
-        std::is_trivially_copyable_v<Callable>&& std::is_trivially_destructible_v<Callable>;
+    static constexpr bool FITS = sizeof(Callable) <= 4 * sizeof(void*) &&
+        alignof(Callable) <= alignof(std::max_align_t) && std::is_nothrow_move_constructible_v<Callable>;
     template <typename Callable>
     static constexpr Operations OPERATIONS = {
-        call<Callable>, IS_PLAIN<Callable> ? nullptr : move<Callable>,
-        IS_PLAIN<Callable> ? nullptr : destroy<Callable>};
-
-    /// A callable on the heap.
-    template <typename Callable>
-    struct Remote {
-        Result operator()(Args... args) { return (*callable)(std::forward<Args>(args)...); }
-        std::unique_ptr<Callable> callable;
-    };
+        [](void* storage, Args&&... args) -> Result {
+            return (*static_cast<Callable*>(storage))(std::forward<Args>(args)...);
+        },
+        std::is_trivially_copyable_v<Callable> ? nullptr : +[](void* to, void* from) noexcept {
+            new (to) Callable(std::move(*static_cast<Callable*>(from)));
+            static_cast<Callable*>(from)->~Callable();
+        },
+        std::is_trivially_copyable_v<Callable> ? nullptr
+                           : +[](void* storage) noexcept { static_cast<Callable*>(storage)->~Callable(); }};
+    template <typename Callable, typename From>
+    void put(From&& callable) {
+        new (m_storage) Callable(std::forward<From>(callable));
+        m_operations = &OPERATIONS<Callable>;
+    }
 
     alignas(std::max_align_t) unsigned char m_storage[4 * sizeof(void*)] = {};
     Operations const* m_operations = nullptr;

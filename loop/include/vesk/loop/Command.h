@@ -36,32 +36,23 @@ public:
 
     // ---- arguments: no text may have a null character ----
 
-    /// Adds an argument.
-    Command& arg(std::string text);
-    /// Adds arguments.
-    Command& args(std::vector<std::string> const& texts);
-    /// Sets what the program sees as its name (`argv[0]`), by default the program.
-    Command& name(std::string text);
+    Command& arg(std::string text);                       ///< Adds an argument.
+    Command& args(std::vector<std::string> const& texts); ///< Adds arguments.
+    Command& name(std::string text); ///< Sets what the program sees as its name (`argv[0]`).
 
     // ---- streams: by default those of the caller, which also opens the files, in its folder ----
 
-    /// Sets standard input.
-    Command& in(Stream stream);
-    /// Sets standard output.
-    Command& out(Stream stream);
-    /// Sets standard error.
-    Command& err(Stream stream);
+    Command& in(Stream stream);  ///< Sets standard input.
+    Command& out(Stream stream); ///< Sets standard output.
+    Command& err(Stream stream); ///< Sets standard error.
     /// Gives the program a copy of the caller's descriptor `own` under the number `number`, at least 3.
     Command& fd(int number, int own);
 
     // ---- environment: by default that of the caller at the start ----
 
-    /// Sets a variable.
-    Command& env(std::string const& name, std::string value);
-    /// Leaves out a variable of the caller.
-    Command& unsetEnv(std::string const& name);
-    /// Leaves out the caller's environment, and forgets all variables that were set.
-    Command& clearEnv();
+    Command& env(std::string const& name, std::string value); ///< Sets a variable.
+    Command& unsetEnv(std::string const& name);               ///< Leaves out a variable of the caller.
+    Command& clearEnv(); ///< Leaves out the caller's variables, and forgets those that were set.
 
     // ---- process ----
 
@@ -71,24 +62,17 @@ public:
     Command& user(uid_t user, gid_t group, std::vector<gid_t> groups = {});
     /// Sets a limit, such as `RLIMIT_NOFILE`, both soft and hard (`setrlimit`). May be called for several limits.
     Command& limit(int resource, rlim_t value);
-    /// Puts the program into a process group, 0 for a new one (`setpgid`).
-    Command& group(pid_t leader = 0);
-    /// Makes the program the leader of a new session, without a terminal (`setsid`).
-    Command& session();
+    Command& group(pid_t leader = 0); ///< Puts the program into a process group, 0 for a new one (`setpgid`).
+    Command& session(); ///< Makes the program the leader of a new session, without a terminal (`setsid`).
 
     /// Starts the program. Returns as soon as it executes.
     Result<Child> start() const;
     /// Starts the program, and blocks until it has ended and all captured streams are closed.
     Result<Output> output() const;
 
-    /// Returns a pipeline: the first command writes to the input of the second one. Only the last command has
+    /// Returns a pipeline: this command writes to the input of the second one. Only the last command has
     /// an error stream with an end at the caller.
-    friend Command operator|(Command first, Command second) {
-        second.m_upstream = std::move(first.m_upstream);
-        first.m_upstream.clear();
-        second.m_upstream.push_back(std::move(first));
-        return second;
-    }
+    Command operator|(Command second) const;
 
 private:
     friend class detail::Start;

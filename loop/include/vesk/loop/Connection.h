@@ -37,16 +37,11 @@ public:
     /// @{
     /// Connects to an address. What is written until then is queued. A failure comes with `onEnd`, or is the result if
     /// the system reports it at once, as for Unix sockets.
-    static Result<Connection> open(
-        Loop& loop, Address const& address, Priority priority = Priority::NORMAL,
-        Place place = Place::here());
-    static Result<Connection> open(
-        Loop& loop, std::string_view address, Priority priority = Priority::NORMAL,
-        Place place = Place::here());
+    static Result<Connection> open(Loop& loop, Address const& address, Options options = {});
+    static Result<Connection> open(Loop& loop, std::string_view address, Options options = {});
     /// @}
     /// Takes over a connected stream socket, such as one of `socketpair`.
-    static Result<Connection>
-    adopt(Loop& loop, Fd socket, Priority priority = Priority::NORMAL, Place place = Place::here());
+    static Result<Connection> adopt(Loop& loop, Fd socket, Options options = {});
 
     // ---- callbacks: each replaces the one before ----
 

@@ -22,7 +22,7 @@ public:
     /// address of its sender. The data is valid during the call.
     static Result<Datagram> open(
         Loop& loop, std::string_view address, Callback<void(std::string_view, Address const&)> callback,
-        Priority priority = Priority::NORMAL, Place place = Place::here());
+        Options options = {});
 
     /// Sends a datagram (`sendto`). Fails with `EAGAIN` if the system has no room: `Loop::onWritable` of `fd` tells
     /// when it has.

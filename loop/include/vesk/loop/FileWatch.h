@@ -36,9 +36,8 @@ public:
     FileWatch() noexcept = default;
 
     /// Makes a watch without paths (`inotify_init1`).
-    static Result<FileWatch> open(
-        Loop& loop, Callback<void(FileEvent const&)> callback, Priority priority = Priority::NORMAL,
-        Place place = Place::here());
+    static Result<FileWatch>
+    open(Loop& loop, Callback<void(FileEvent const&)> callback, Options options = {});
 
     /// Watches a file or folder, too. Like `remove`, for the loop's thread, or while no thread runs the loop.
     Result<> add(std::filesystem::path const& path);

@@ -32,8 +32,7 @@ struct InterfaceEvent {
 ///
 /// An error is the last call: the system has refused or ended the monitor. Changes that the system has lost are found
 /// by a comparison with all interfaces.
-VESK_LOOP_API Result<Watch> watchInterfaces(
-    Loop& loop, Callback<void(Result<InterfaceEvent> const&)> callback, Priority priority = Priority::NORMAL,
-    Place place = Place::here());
+VESK_LOOP_API Result<Watch>
+watchInterfaces(Loop& loop, Callback<void(Result<InterfaceEvent> const&)> callback, Options options = {});
 
 } // namespace vesk::loop

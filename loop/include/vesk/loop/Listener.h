@@ -18,9 +18,8 @@ public:
 
     /// Listens at an address (`bind`, `listen`). Port 0 lets the system choose. A socket file at which no process
     /// listens is replaced. Without descriptors or memory for a connection it waits 100 ms and tries again.
-    static Result<Listener> open(
-        Loop& loop, std::string_view address, Callback<void(Connection)> callback,
-        Priority priority = Priority::NORMAL, Place place = Place::here());
+    static Result<Listener>
+    open(Loop& loop, std::string_view address, Callback<void(Connection)> callback, Options options = {});
 
     /// Returns the address of the socket, with the port that the system has chosen.
     Address address() const;

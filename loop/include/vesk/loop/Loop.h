@@ -1,6 +1,8 @@
 #pragma once
 
 #include <vesk/loop/Callback.h>
+#include <vesk/loop/Exit.h>
+#include <vesk/loop/Options.h>
 #include <vesk/loop/Result.h>
 #include <vesk/loop/Watch.h>
 
@@ -14,36 +16,6 @@ namespace vesk::loop {
 class Command;
 class Process;
 struct Output;
-
-/// The order of the callbacks of one round. A round calls each callback that was due at its begin, so that no
-/// priority starves another one.
-enum class Priority : unsigned char { HIGH, NORMAL, LOW };
-
-/// When a descriptor calls back: as long as it is ready, or each time it becomes ready.
-enum class Trigger : unsigned char { LEVEL, EDGE };
-
-/// Where a callback was given to a loop.
-struct Place {
-    /// Returns the place of the caller.
-    static constexpr Place here(char const* file = __builtin_FILE(), int line = __builtin_LINE()) noexcept {
-        return {file, line};
-    }
-    /// The source file.
-    char const* file;
-    /// The line.
-    int line;
-};
-
-/// How a child process ended.
-struct Exit {
-    /// The process.
-    pid_t pid = -1;
-    int code = -1;            ///< The exit status, -1 after the end by a signal.
-    int signal = 0;           ///< The signal that ended it, otherwise 0. Unknown after the end: -1 and 0.
-    bool dumped_core = false; ///< Whether it left a core dump.
-    /// Returns whether the exit status is 0.
-    bool ok() const noexcept { return code == 0; }
-};
 
 /// Waits in one thread for descriptors, timers, signals, children and the calls of other threads, and calls back.
 ///
@@ -64,8 +36,6 @@ public:
     Loop(Loop const&) = delete;
     Loop& operator=(Loop const&) = delete;
 
-    // ---- running ----
-
     /// Calls back until `stop`.
     Result<> run();
     /// Calls back until `stop`, or until no active watch and no posted call is left.
@@ -77,87 +47,48 @@ public:
     void stop() noexcept;
     /// Returns a descriptor that is readable when `runOnce` would call back, for use in another loop.
     Result<int> fd();
-
-    // ---- calls ----
-
     /// Lets the loop call back once, in the order of the calls. Any thread.
     Result<> post(Callback<void()> call, Priority priority = Priority::NORMAL);
-
-    // ---- watches ----
-
-    /// Calls back when a read would not block, at the end of the data too (`epoll`). The descriptor must not be a
-    /// file. It stays the caller's, and must stay open as long as the watch is active.
-    Result<Watch> onReadable(
-        int fd, Callback<void()> callback, Priority priority = Priority::NORMAL,
-        Trigger trigger = Trigger::LEVEL, Place place = Place::here());
-    /// Calls back when a write would not block. Otherwise like `onReadable`.
-    Result<Watch> onWritable(
-        int fd, Callback<void()> callback, Priority priority = Priority::NORMAL,
-        Trigger trigger = Trigger::LEVEL, Place place = Place::here());
-
-    /// @{
-    /// Calls back once after `delay`, or at a moment (`CLOCK_MONOTONIC`: setting the date changes nothing).
-    Result<Timer> after(
-        Clock::duration delay, Callback<void()> callback, Priority priority = Priority::NORMAL,
-        Place place = Place::here());
-    Result<Timer>
-    at(Clock::time_point moment, Callback<void()> callback, Priority priority = Priority::NORMAL,
-       Place place = Place::here());
-    /// @}
-    /// Calls back every `period`, first after one period. The moments have no drift: a late call does not delay the
-    /// next one, and moments that were missed while other callbacks ran are left out. The period is at least 1 ns.
-    Result<Timer> every(
-        Clock::duration period, Callback<void()> callback, Priority priority = Priority::NORMAL,
-        Place place = Place::here());
-
-    /// Calls back once at a moment of the real-time clock, also if the clock is set meanwhile (`timerfd`).
-    Result<Watch> atDate(
-        std::chrono::system_clock::time_point moment, Callback<void()> callback,
-        Priority priority = Priority::NORMAL, Place place = Place::here());
-    /// Calls back each time the real-time clock has been set (`TFD_TIMER_CANCEL_ON_SET`).
-    Result<Watch>
-    onClockSet(Callback<void()> callback, Priority priority = Priority::NORMAL, Place place = Place::here());
-
-    /// Calls back when the process or the calling thread gets the signal (`signalfd`). Blocks the signal in the
-    /// calling thread, also beyond the watch: call it before the start of other threads, which inherit that.
-    Result<Watch> onSignal(
-        int signal, Callback<void()> callback, Priority priority = Priority::HIGH,
-        Place place = Place::here());
-
-    /// Calls back once when a child has ended, and reaps it (`pidfd_open`, before Linux 5.3 a thread; `waitid`).
-    /// If other code has reaped it, how it ended is unknown.
-    Result<Watch> onExit(
-        pid_t child, Callback<void(Exit)> callback, Priority priority = Priority::NORMAL,
-        Place place = Place::here());
-
-    /// Starts a program, and calls back once when it has ended and its captured streams are closed. See
-    /// `vesk/loop/Command.h`.
-    Result<Process> start(
-        Command const& command, Callback<void(Output)> callback, Priority priority = Priority::NORMAL,
-        Place place = Place::here());
-
-    /// Calls back in each round in which nothing else is due.
-    Result<Watch> onIdle(Callback<void()> callback, Place place = Place::here());
-
-    // ---- exceptions ----
-
     /// Sets the function that gets the exceptions of callbacks. Without one, and if it throws, the process ends.
     void setExceptionHook(Callback<void(std::exception_ptr)> hook);
 
+    /// @{
+    /// Calls back when a read (at the end of the data too) or a write would not block (`epoll`). The descriptor must
+    /// not be a file. It stays the caller's, and must stay open as long as the watch is active.
+    Result<Watch>
+    onReadable(int fd, Callback<void()> callback, Options options = {}, Trigger trigger = Trigger::LEVEL);
+    Result<Watch>
+    onWritable(int fd, Callback<void()> callback, Options options = {}, Trigger trigger = Trigger::LEVEL);
+    /// @}
+
+    /// @{
+    /// Calls back once after `delay`, or at a moment (`CLOCK_MONOTONIC`: setting the date changes nothing).
+    Result<Timer> after(Clock::duration delay, Callback<void()> callback, Options options = {});
+    Result<Timer> at(Clock::time_point moment, Callback<void()> callback, Options options = {});
+    /// @}
+    /// Calls back every `period`, first after one period. The moments have no drift: a late call does not delay the
+    /// next one, and moments that were missed while other callbacks ran are left out. The period is at least 1 ns.
+    Result<Timer> every(Clock::duration period, Callback<void()> callback, Options options = {});
+    /// Calls back once at a moment of the real-time clock, also if the clock is set meanwhile (`timerfd`).
+    Result<Watch>
+    atDate(std::chrono::system_clock::time_point moment, Callback<void()> callback, Options options = {});
+    /// Calls back each time the real-time clock has been set (`TFD_TIMER_CANCEL_ON_SET`).
+    Result<Watch> onClockSet(Callback<void()> callback, Options options = {});
+
+    /// Calls back when the process or the calling thread gets the signal (`signalfd`). Blocks the signal in the
+    /// calling thread, also beyond the watch: call it before the start of other threads, which inherit that.
+    Result<Watch> onSignal(int signal, Callback<void()> callback, Options options = Priority::HIGH);
+    /// Calls back once when a child has ended, and reaps it (`pidfd_open`, before Linux 5.3 a thread; `waitid`).
+    /// If other code has reaped it, how it ended is unknown.
+    Result<Watch> onExit(pid_t child, Callback<void(Exit)> callback, Options options = {});
+    /// Starts a program, and calls back once when it has ended and its captured streams are closed. See
+    /// `vesk/loop/Command.h`.
+    Result<Process> start(Command const& command, Callback<void(Output)> callback, Options options = {});
+    /// Calls back in each round in which nothing else is due.
+    Result<Watch> onIdle(Callback<void()> callback, Options options = Priority::LOW);
+
 private:
     friend struct detail::Access;
-    class Turn;
-    template <typename IsOver>
-    [[gnu::visibility("hidden")]] Result<> runUntil(IsOver is_over, Clock::duration timeout);
-    template <typename W, typename S, typename Id, typename... Args>
-    [[gnu::visibility("hidden")]] Result<W> add(Id refused, int argument, Args&&... args);
-    Result<Timer> startTimer(
-        Clock::time_point deadline, Clock::duration period, Callback<void()> callback, Priority priority,
-        Place place);
-
-    Result<Watch> watchClock(
-        long long seconds, long nanoseconds, int flags, Callback<void()> callback, Priority priority,
-        Place place);
 
     std::shared_ptr<detail::Core> m_core;
 };

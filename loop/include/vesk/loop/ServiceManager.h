@@ -34,7 +34,7 @@ public:
     /// Returns within which time the manager wants a sign of life of this process (`WATCHDOG_USEC`, `WATCHDOG_PID`).
     static std::optional<std::chrono::microseconds> watchdog();
     /// Sends a sign of life twice in that time as long as the loop runs. Without `watchdog` the timer is over at once.
-    static Result<Timer> keepAlive(Loop& loop, Place place = Place::here());
+    static Result<Timer> keepAlive(Loop& loop, Options options = {});
 };
 
 } // namespace vesk::loop

@@ -84,9 +84,9 @@ struct Answer {
 class LookUpSource final : public FdSource {
 public:
     LookUpSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, UniqueFd end, std::string name,
+        std::shared_ptr<Core> core, Options options, UniqueFd end, std::string name,
         std::shared_ptr<Answer> answer, Callback<void(Result<std::vector<Address>>)> callback)
-        : FdSource(std::move(core), priority, place, end.get(), false, Trigger::LEVEL),
+        : FdSource(std::move(core), options, end.get(), false, Trigger::LEVEL),
           m_end(std::move(end)),
           m_name(std::move(name)),
           m_answer(std::move(answer)),
@@ -208,7 +208,7 @@ int Address::port() const noexcept {
 
 Result<Watch> lookUp(
     Loop& loop, std::string const& name, Callback<void(Result<std::vector<Address>>)> callback,
-    Priority priority, Place place) {
+    Options options) {
     return withoutThrowing(ADDRESS_SOURCE, [&]() -> Result<Watch> {
         if (!HostAndPort(name).isValid()) {
             return refuseAddress(EINVAL, name, "text");
@@ -222,7 +222,7 @@ Result<Watch> lookUp(
         auto answer = std::make_shared<Answer>();
         auto const& core = Access::getCore(loop);
         auto source = std::make_shared<LookUpSource>(
-            core, priority, place, std::move(reader), name, answer, std::move(callback));
+            core, options, std::move(reader), name, answer, std::move(callback));
         int error = core->getState();
         error = error != 0 ? error : core->attach(*source);
         if (error != 0) {

@@ -165,6 +165,14 @@ Result<Output> Command::output() const {
     });
 }
 
+Command Command::operator|(Command second) const {
+    Command first(*this);
+    second.m_upstream = std::move(first.m_upstream);
+    first.m_upstream.clear();
+    second.m_upstream.push_back(std::move(first));
+    return second;
+}
+
 // ---- children ----
 
 Child& Child::operator=(Child&& other) noexcept {

@@ -77,13 +77,13 @@ protected:
     template <typename T>
     std::shared_ptr<ReadySource> addFd(int fd, bool writes, void (T::*method)()) {
         return addPart(std::make_shared<ReadySource>(
-            shareCore(), getPriority(), getPlace(), fd, writes, Trigger::LEVEL, callTo(method)));
+            shareCore(), getOptions(), fd, writes, Trigger::LEVEL, callTo(method)));
     }
     template <typename T>
     std::shared_ptr<TimerSource> addTimer(void (T::*method)()) {
         m_parts.reserve(m_parts.size() + 1);
-        auto timer = std::make_shared<TimerSource>(
-            shareCore(), getPriority(), getPlace(), Clock::duration::zero(), callTo(method));
+        auto timer =
+            std::make_shared<TimerSource>(shareCore(), getOptions(), Clock::duration::zero(), callTo(method));
         getCore().attach(*timer, Clock::time_point::max());
         getCore().finish(*timer);
         return addPart(std::move(timer));

@@ -33,9 +33,8 @@ Result<> toResult(int error, int line = __builtin_LINE()) {
     return {};
 }
 
-Result<Connection>
-make(std::shared_ptr<Core> const& core, UniqueFd fd, bool is_open, Priority priority, Place place) {
-    auto stream = std::make_shared<StreamSource>(core, priority, place, std::move(fd), is_open);
+Result<Connection> make(std::shared_ptr<Core> const& core, UniqueFd fd, bool is_open, Options options) {
+    auto stream = std::make_shared<StreamSource>(core, options, std::move(fd), is_open);
     int error = core->getState();
     error = error != 0 ? error : stream->begin();
     if (error != 0) {
@@ -54,11 +53,8 @@ void sendAtOnce(int fd) noexcept {
 class ListenSource final : public Composite {
 public:
     ListenSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, BoundSocket socket,
-        Callback<void(Connection)> callback)
-        : Composite(std::move(core), priority, place),
-          m_socket(std::move(socket)),
-          m_callback(std::move(callback)) {}
+        std::shared_ptr<Core> core, Options options, BoundSocket socket, Callback<void(Connection)> callback)
+        : Composite(std::move(core), options), m_socket(std::move(socket)), m_callback(std::move(callback)) {}
 
     int begin() {
         m_reader = addFd(m_socket.get(), false, &ListenSource::serveReader);
@@ -77,7 +73,7 @@ private:
                 return;
             }
             sendAtOnce(fd.get());
-            if (auto connection = make(shareCore(), std::move(fd), true, getPriority(), getPlace())) {
+            if (auto connection = make(shareCore(), std::move(fd), true, getOptions())) {
                 m_callback(std::move(*connection));
             }
         }
@@ -104,9 +100,8 @@ private:
 
 // ---- Listener ----
 
-Result<Listener> Listener::open(
-    Loop& loop, std::string_view address, Callback<void(Connection)> callback, Priority priority,
-    Place place) {
+Result<Listener>
+Listener::open(Loop& loop, std::string_view address, Callback<void(Connection)> callback, Options options) {
     return withoutThrowing(SOURCE, [&]() -> Result<Listener> {
         Result<Address> const parsed = Address::parse(address);
         if (!parsed) {
@@ -120,8 +115,7 @@ Result<Listener> Listener::open(
             return refuseAddress(errno, std::string(address), "listen");
         }
         auto const& core = Access::getCore(loop);
-        auto source =
-            std::make_shared<ListenSource>(core, priority, place, std::move(*socket), std::move(callback));
+        auto source = std::make_shared<ListenSource>(core, options, std::move(*socket), std::move(callback));
         int error = core->getState();
         error = error != 0 ? error : source->begin();
         if (error != 0) {
@@ -138,7 +132,7 @@ Address Listener::address() const {
 
 // ---- Connection ----
 
-Result<Connection> Connection::open(Loop& loop, Address const& address, Priority priority, Place place) {
+Result<Connection> Connection::open(Loop& loop, Address const& address, Options options) {
     return withoutThrowing(SOURCE, [&]() -> Result<Connection> {
         UniqueFd fd(socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         if (!fd.isOpen()) {
@@ -148,21 +142,21 @@ Result<Connection> Connection::open(Loop& loop, Address const& address, Priority
         if (connect(fd.get(), address.get(), address.size()) != 0 && errno != EINPROGRESS) {
             return refuseAddress(errno, address.text(), "connect");
         }
-        return make(Access::getCore(loop), std::move(fd), false, priority, place);
+        return make(Access::getCore(loop), std::move(fd), false, options);
     });
 }
 
-Result<Connection> Connection::open(Loop& loop, std::string_view address, Priority priority, Place place) {
+Result<Connection> Connection::open(Loop& loop, std::string_view address, Options options) {
     Result<Address> const parsed = Address::parse(address);
     if (!parsed) {
         return parsed.error();
     }
-    return open(loop, *parsed, priority, place);
+    return open(loop, *parsed, options);
 }
 
-Result<Connection> Connection::adopt(Loop& loop, Fd socket, Priority priority, Place place) {
+Result<Connection> Connection::adopt(Loop& loop, Fd socket, Options options) {
     return withoutThrowing(SOURCE, [&]() -> Result<Connection> {
-        return make(Access::getCore(loop), UniqueFd(socket.release()), true, priority, place);
+        return make(Access::getCore(loop), UniqueFd(socket.release()), true, options);
     });
 }
 

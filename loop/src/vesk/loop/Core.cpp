@@ -109,7 +109,7 @@ void Core::setOver(Source& source) noexcept {
 
 void Core::setReady(Source& source) noexcept {
     if (source.isAlone()) {
-        m_ready[static_cast<size_t>(source.getPriority())].insert(source);
+        m_ready[static_cast<size_t>(source.getOptions().priority)].insert(source);
     }
 }
 
@@ -360,7 +360,7 @@ void Core::callOut(Call&& call) {
 
 Core::Running Core::getRunning() noexcept {
     Locked const locked(m_lock);
-    return {m_calls, m_running != nullptr ? m_running->getPlace() : Place{"post", 0}};
+    return {m_calls, m_running != nullptr ? m_running->getOptions().place : Place{"post", 0}};
 }
 
 void Core::setExceptionHook(Callback<void(std::exception_ptr)> hook) {

@@ -23,9 +23,9 @@ constexpr int DATAGRAMS_PER_CALL = 64;
 class DatagramSource final : public FdSource {
 public:
     DatagramSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, BoundSocket socket,
+        std::shared_ptr<Core> core, Options options, BoundSocket socket,
         Callback<void(std::string_view, Address const&)> callback)
-        : FdSource(std::move(core), priority, place, socket.get(), false, Trigger::LEVEL),
+        : FdSource(std::move(core), options, socket.get(), false, Trigger::LEVEL),
           m_socket(std::move(socket)),
           m_buffer(MAX_SIZE),
           m_callback(std::move(callback)) {}
@@ -99,7 +99,7 @@ setMembership(Datagram const& socket, Address const& group, std::string const& i
 
 Result<Datagram> Datagram::open(
     Loop& loop, std::string_view address, Callback<void(std::string_view, Address const&)> callback,
-    Priority priority, Place place) {
+    Options options) {
     return withoutThrowing(ADDRESS_SOURCE, [&]() -> Result<Datagram> {
         Result<Address> const parsed = Address::parse(address);
         if (!parsed) {
@@ -111,7 +111,7 @@ Result<Datagram> Datagram::open(
         }
         auto const& core = Access::getCore(loop);
         auto source =
-            std::make_shared<DatagramSource>(core, priority, place, std::move(*socket), std::move(callback));
+            std::make_shared<DatagramSource>(core, options, std::move(*socket), std::move(callback));
         int error = core->getState();
         error = error != 0 ? error : core->attach(*source);
         if (error != 0) {

@@ -40,9 +40,8 @@ constexpr Meaning MEANINGS[] = {
 class FileSource final : public Composite {
 public:
     FileSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, UniqueFd fd,
-        Callback<void(FileEvent const&)> callback)
-        : Composite(std::move(core), priority, place), m_fd(std::move(fd)), m_callback(std::move(callback)) {}
+        std::shared_ptr<Core> core, Options options, UniqueFd fd, Callback<void(FileEvent const&)> callback)
+        : Composite(std::move(core), options), m_fd(std::move(fd)), m_callback(std::move(callback)) {}
 
     int begin() {
         m_reader = addFd(m_fd.get(), false, &FileSource::serveReader);
@@ -167,15 +166,14 @@ Result<> change(Watch const& watch, std::filesystem::path const& path, Operation
 
 } // namespace
 
-Result<FileWatch>
-FileWatch::open(Loop& loop, Callback<void(FileEvent const&)> callback, Priority priority, Place place) {
+Result<FileWatch> FileWatch::open(Loop& loop, Callback<void(FileEvent const&)> callback, Options options) {
     return withoutThrowing(SOURCE, [&]() -> Result<FileWatch> {
         auto const& core = Access::getCore(loop);
         UniqueFd fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
         if (!fd.isOpen()) {
             return makeError(SOURCE, errno, LoopErrorId::PATH_REFUSED, "");
         }
-        auto source = std::make_shared<FileSource>(core, priority, place, std::move(fd), std::move(callback));
+        auto source = std::make_shared<FileSource>(core, options, std::move(fd), std::move(callback));
         int error = core->getState();
         error = error != 0 ? error : source->begin();
         if (error != 0) {

@@ -118,9 +118,9 @@ private:
 class InterfaceSource final : public FdSource {
 public:
     InterfaceSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, std::unique_ptr<SharedMonitor> monitor,
+        std::shared_ptr<Core> core, Options options, std::unique_ptr<SharedMonitor> monitor,
         Callback<void(Result<InterfaceEvent> const&)> callback)
-        : FdSource(std::move(core), priority, place, monitor->semaphore.get(), false, Trigger::LEVEL),
+        : FdSource(std::move(core), options, monitor->semaphore.get(), false, Trigger::LEVEL),
           m_monitor(std::move(monitor)),
           m_callback(std::move(callback)) {}
     ~InterfaceSource() override {
@@ -143,16 +143,16 @@ private:
 
 } // namespace
 
-Result<Watch> watchInterfaces(
-    Loop& loop, Callback<void(Result<InterfaceEvent> const&)> callback, Priority priority, Place place) {
+Result<Watch>
+watchInterfaces(Loop& loop, Callback<void(Result<InterfaceEvent> const&)> callback, Options options) {
     return withoutThrowing(SOURCE, [&]() -> Result<Watch> {
         auto const& core = Access::getCore(loop);
         int error = core->getState();
         if (error == 0) {
             auto monitor = std::make_unique<SharedMonitor>();
             error = monitor->creation_error;
-            auto source = std::make_shared<InterfaceSource>(
-                core, priority, place, std::move(monitor), std::move(callback));
+            auto source =
+                std::make_shared<InterfaceSource>(core, options, std::move(monitor), std::move(callback));
             error = error != 0 ? error : core->attach(*source);
             Watch watch = Access::make<Watch>(source);
             error = error != 0 ? error : source->begin();

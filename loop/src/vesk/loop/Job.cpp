@@ -52,7 +52,7 @@ Result<> JobSource::begin(Loop& loop) {
     }
     for (size_t i = 0; i < count; ++i) {
         auto watch = loop.onExit(
-            m_started.pids[i], [this, i](Exit const& exit) { end(i, exit); }, getPriority(), getPlace());
+            m_started.pids[i], [this, i](Exit const& exit) { end(i, exit); }, getOptions());
         if (!watch) {
             return watch.error();
         }
@@ -67,9 +67,8 @@ Result<> JobSource::watchStream(Loop& loop, size_t stream) {
         return {};
     }
     auto callback = [this, stream] { serve(stream); };
-    auto watch = stream == 0
-        ? loop.onWritable(fd, std::move(callback), getPriority(), Trigger::LEVEL, getPlace())
-        : loop.onReadable(fd, std::move(callback), getPriority(), Trigger::LEVEL, getPlace());
+    auto watch = stream == 0 ? loop.onWritable(fd, std::move(callback), getOptions())
+                             : loop.onReadable(fd, std::move(callback), getOptions());
     if (!watch) {
         return watch.error();
     }
@@ -124,8 +123,7 @@ int JobSource::signal(int number) noexcept {
 
 } // namespace detail
 
-Result<Process>
-Loop::start(Command const& command, Callback<void(Output)> callback, Priority priority, Place place) {
+Result<Process> Loop::start(Command const& command, Callback<void(Output)> callback, Options options) {
     if (int const error = m_core->getState()) {
         return makeError(SOURCE, error, LoopErrorId::NOT_CREATED);
     }
@@ -135,7 +133,7 @@ Loop::start(Command const& command, Callback<void(Output)> callback, Priority pr
             return started.error();
         }
         auto const job =
-            std::make_shared<JobSource>(m_core, priority, place, std::move(*started), std::move(callback));
+            std::make_shared<JobSource>(m_core, options, std::move(*started), std::move(callback));
         m_core->attach(*job);
         Process process(job, job->getPid());
         if (Result<> const result = job->begin(*this); !result) {

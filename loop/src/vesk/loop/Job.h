@@ -12,10 +12,8 @@ namespace vesk::loop::detail {
 /// They call from the loop's thread while the starting thread may still be adding them.
 class JobSource final : public Source {
 public:
-    JobSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, Started started,
-        Callback<void(Output)> callback)
-        : Source(std::move(core), priority, place),
+    JobSource(std::shared_ptr<Core> core, Options options, Started started, Callback<void(Output)> callback)
+        : Source(std::move(core), options),
           m_left(started.pids.size()),
           m_started(std::move(started)),
           m_callback(std::move(callback)) {}

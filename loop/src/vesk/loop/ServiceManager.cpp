@@ -99,13 +99,13 @@ std::optional<std::chrono::microseconds> ServiceManager::watchdog() {
     return count > 0 ? std::optional(std::chrono::microseconds(count)) : std::nullopt;
 }
 
-Result<Timer> ServiceManager::keepAlive(Loop& loop, Place place) {
+Result<Timer> ServiceManager::keepAlive(Loop& loop, Options options) {
     auto const time = watchdog();
     if (!time.has_value()) {
         return Timer();
     }
     return loop.every(
-        *time / 2, [] { (void)send("WATCHDOG=1"); }, Priority::NORMAL, place);
+        *time / 2, [] { (void)send("WATCHDOG=1"); }, options);
 }
 
 } // namespace vesk::loop

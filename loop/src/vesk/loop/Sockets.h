@@ -38,7 +38,6 @@ private:
 };
 
 /// Returns the connection of a socket that has been accepted.
-Result<Connection>
-makeConnection(std::shared_ptr<Core> const& core, UniqueFd socket, Priority priority, Place place);
+Result<Connection> makeConnection(std::shared_ptr<Core> const& core, UniqueFd socket, Options options);
 
 } // namespace vesk::loop::detail

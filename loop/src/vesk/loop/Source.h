@@ -28,8 +28,8 @@ enum class Call : unsigned char { NONE, AGAIN, LAST };
 /// core refers only to attached sources.
 class Source : public Link, public std::enable_shared_from_this<Source> {
 public:
-    Source(std::shared_ptr<Core> core, Priority priority, Place place) noexcept
-        : m_core(std::move(core)), m_priority(priority), m_place(place) {}
+    Source(std::shared_ptr<Core> core, Options options) noexcept
+        : m_core(std::move(core)), m_options(options) {}
     virtual ~Source() = default;
 
     /// Takes the source out of the structures of its kind.
@@ -46,24 +46,21 @@ public:
 
     Core& getCore() const noexcept { return *m_core; }
     std::shared_ptr<Core> const& shareCore() const noexcept { return m_core; }
-    Priority getPriority() const noexcept { return m_priority; }
-    Place getPlace() const noexcept { return m_place; }
+    Options const& getOptions() const noexcept { return m_options; }
 
     bool is_attached = false;
     bool is_canceled = false; ///< A source that was canceled is never attached again.
 
 private:
     std::shared_ptr<Core> const m_core;
-    Priority const m_priority;
-    Place const m_place;
+    Options const m_options;
 };
 
 /// One direction of a descriptor.
 class FdSource : public Source {
 public:
-    FdSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, int descriptor, bool writes, Trigger how)
-        : Source(std::move(core), priority, place), fd(descriptor), is_writer(writes), trigger(how) {}
+    FdSource(std::shared_ptr<Core> core, Options options, int descriptor, bool writes, Trigger how)
+        : Source(std::move(core), options), fd(descriptor), is_writer(writes), trigger(how) {}
 
     void detach() noexcept override;
 
@@ -76,10 +73,9 @@ public:
 class ReadySource final : public FdSource {
 public:
     ReadySource(
-        std::shared_ptr<Core> core, Priority priority, Place place, int descriptor, bool writes, Trigger how,
+        std::shared_ptr<Core> core, Options options, int descriptor, bool writes, Trigger how,
         Callback<void()> callback)
-        : FdSource(std::move(core), priority, place, descriptor, writes, how),
-          m_callback(std::move(callback)) {}
+        : FdSource(std::move(core), options, descriptor, writes, how), m_callback(std::move(callback)) {}
 
     void fire() override { m_callback(); }
 
@@ -93,9 +89,8 @@ public:
     static constexpr size_t NOWHERE = static_cast<size_t>(-1);
 
     TimerSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, Clock::duration interval,
-        Callback<void()> callback)
-        : Source(std::move(core), priority, place), period(interval), m_callback(std::move(callback)) {}
+        std::shared_ptr<Core> core, Options options, Clock::duration interval, Callback<void()> callback)
+        : Source(std::move(core), options), period(interval), m_callback(std::move(callback)) {}
 
     void detach() noexcept override;
     void leave() noexcept override;
@@ -114,9 +109,8 @@ private:
 /// A signal.
 class SignalSource final : public Source {
 public:
-    SignalSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, int number, Callback<void()> callback)
-        : Source(std::move(core), priority, place), signal(number), m_callback(std::move(callback)) {}
+    SignalSource(std::shared_ptr<Core> core, Options options, int number, Callback<void()> callback)
+        : Source(std::move(core), options), signal(number), m_callback(std::move(callback)) {}
 
     void detach() noexcept override;
     void fire() override { m_callback(); }
@@ -134,7 +128,7 @@ UniqueFd openChild(pid_t child) noexcept;
 class ChildSource final : public FdSource {
 public:
     ChildSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, pid_t child, UniqueFd descriptor,
+        std::shared_ptr<Core> core, Options options, pid_t child, UniqueFd descriptor,
         Callback<void(Exit)> callback);
     ~ChildSource() override;
     Call prepare() noexcept override;
@@ -153,10 +147,8 @@ private:
 /// The real-time clock, by a descriptor of its own.
 class ClockSource final : public FdSource {
 public:
-    ClockSource(
-        std::shared_ptr<Core> core, Priority priority, Place place, UniqueFd descriptor,
-        Callback<void()> callback)
-        : FdSource(std::move(core), priority, place, descriptor.get(), false, Trigger::LEVEL),
+    ClockSource(std::shared_ptr<Core> core, Options options, UniqueFd descriptor, Callback<void()> callback)
+        : FdSource(std::move(core), options, descriptor.get(), false, Trigger::LEVEL),
           m_descriptor(std::move(descriptor)),
           m_callback(std::move(callback)) {}
 
@@ -171,8 +163,8 @@ private:
 /// A round without anything else.
 class IdleSource final : public Source {
 public:
-    IdleSource(std::shared_ptr<Core> core, Place place, Callback<void()> callback)
-        : Source(std::move(core), Priority::LOW, place), m_callback(std::move(callback)) {}
+    IdleSource(std::shared_ptr<Core> core, Options options, Callback<void()> callback)
+        : Source(std::move(core), options), m_callback(std::move(callback)) {}
 
     void detach() noexcept override;
     void fire() override { m_callback(); }

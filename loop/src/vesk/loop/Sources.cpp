@@ -250,9 +250,9 @@ UniqueFd openChild(pid_t child) noexcept {
 }
 
 ChildSource::ChildSource(
-    std::shared_ptr<Core> core, Priority priority, Place place, pid_t child, UniqueFd descriptor,
+    std::shared_ptr<Core> core, Options options, pid_t child, UniqueFd descriptor,
     Callback<void(Exit)> callback)
-    : FdSource(std::move(core), priority, place, descriptor.get(), false, Trigger::LEVEL),
+    : FdSource(std::move(core), options, descriptor.get(), false, Trigger::LEVEL),
       m_child(child),
       m_descriptor(std::move(descriptor)),
       m_callback(std::move(callback)) {

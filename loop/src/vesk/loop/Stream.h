@@ -13,8 +13,8 @@ namespace vesk::loop::detail {
 /// The state of a `Connection`.
 class StreamSource final : public Composite {
 public:
-    StreamSource(std::shared_ptr<Core> core, Priority priority, Place place, UniqueFd fd, bool is_open)
-        : Composite(std::move(core), priority, place),
+    StreamSource(std::shared_ptr<Core> core, Options options, UniqueFd fd, bool is_open)
+        : Composite(std::move(core), options),
           m_state(is_open ? State::OPEN : State::OPENING),
           m_fd(std::move(fd)) {}
 
