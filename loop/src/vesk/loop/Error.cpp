@@ -16,7 +16,7 @@ namespace vesk::loop {
 
 namespace {
 
-constexpr char const* SOURCE = "loop/src/vesk/loop/Result";
+constexpr char const* SOURCE = "loop/src/vesk/loop/Error";
 
 /// The rows of `SysError` for the numbers that have one. All others are unclassified.
 struct Meaning {
