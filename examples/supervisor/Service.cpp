@@ -40,11 +40,13 @@ std::vector<std::string> commandOf(ServiceConfig const& config) {
 
 } // namespace
 
-Service::Service(vesk::Message::Sink& queue, std::string name, ServiceConfig config)
+Service::Service(
+    vesk::Message::Sink& queue, std::string name, ServiceConfig config, std::function<void()> stopped)
     : m_queue(queue),
       m_name(std::move(name)),
       m_config(std::move(config)),
       m_next_pause_ms(FIRST_PAUSE_MS),
+      m_stopped(std::move(stopped)),
       m_delay(queue) {
     m_process.setNewGroup(true);
     m_process.setStdinFile("/dev/null");
@@ -68,6 +70,7 @@ bool Service::startProcess() {
 }
 
 void Service::start() {
+    m_is_wanted = true;
     if (m_state != State::STOPPED && m_state != State::BACKING_OFF) {
         return;
     }
@@ -103,9 +106,7 @@ void Service::ended(bool was_killed, int status) {
     log("ended with " + m_last_end);
     if (m_state == State::STOPPING) {
         enter(State::STOPPED);
-        // Moved first: the callback may start the service again.
-        std::function<void()> const stopped = std::exchange(m_stopped, {});
-        stopped();
+        m_is_wanted ? start() : m_stopped();
         return;
     }
     if (std::chrono::steady_clock::now() - m_started > STABLE) {
@@ -148,14 +149,12 @@ void Service::forceEnd() {
     static_cast<void>(m_process.kill(false));
 }
 
-void Service::stop(std::function<void()> stopped) {
-    if (m_state != State::RUNNING && m_state != State::STOPPING) {
+void Service::stop() {
+    m_is_wanted = false;
+    if (m_state == State::BACKING_OFF) {
         enter(State::STOPPED);
-        stopped();
-        return;
-    }
-    m_stopped = std::move(stopped);
-    if (m_state == State::RUNNING) {
+        m_stopped();
+    } else if (m_state == State::RUNNING) {
         enter(State::STOPPING, PATIENCE_MS, &Service::forceEnd);
         static_cast<void>(m_process.kill(true)); // It may have ended: its message is on the way then.
         std::ErrorStorage::ack();
@@ -165,8 +164,9 @@ void Service::stop(std::function<void()> stopped) {
 void Service::change(ServiceConfig config) {
     m_config = std::move(config);
     m_next_pause_ms = FIRST_PAUSE_MS;
-    if (m_state == State::RUNNING || m_state == State::BACKING_OFF) {
-        stop([this] { start(); });
+    if (m_is_wanted) {
+        stop();
+        start();
     }
 }
 

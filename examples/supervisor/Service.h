@@ -20,7 +20,7 @@ namespace supervisor {
 /// | STOPPED | not wanted | RUNNING by `start` |
 /// | RUNNING | wanted, and there | BACKING_OFF at its end, STOPPING by `stop` |
 /// | BACKING_OFF | wanted, but it ended or did not start | RUNNING after the pause |
-/// | STOPPING | not wanted, but still there | STOPPED at its end, which a signal forces after 5 s |
+/// | STOPPING | still there | at its end, which a signal forces after 5 s: STOPPED, RUNNING if it is wanted again |
 ///
 /// All operations are for the thread of the queue. The library calls back in threads of its own: what happens there is
 /// only to push a message.
@@ -28,12 +28,14 @@ class Service : public AnyService,
                 public std::enable_shared_from_this<Service>,
                 private vesk::ProcessTNG::ExitListener {
 public:
-    Service(vesk::Message::Sink& queue, std::string name, ServiceConfig config);
+    Service(
+        vesk::Message::Sink& queue, std::string name, ServiceConfig config, std::function<void()> stopped);
     ~Service() override;
 
     void start() override;
     /// `SIGTERM`, and `SIGKILL` after 5 s.
-    void stop(std::function<void()> stopped) override;
+    void stop() override;
+    bool isStopped() const override { return m_state == State::STOPPED; }
     void change(ServiceConfig config) override;
 
     ServiceConfig const& config() const override { return m_config; }
@@ -61,6 +63,7 @@ private:
     unsigned int m_next_pause_ms;
     std::chrono::steady_clock::time_point m_started;
     std::function<void()> m_stopped;
+    bool m_is_wanted = false;
     unsigned int m_restarts = 0;
     std::string m_last_end = "-";
     int m_pid = vesk::ProcessTNG::INVALID_PROCESS_ID;

@@ -10,6 +10,9 @@ Services::Services(std::string config_path, Make make, Post post)
     : m_config_path(std::move(config_path)), m_make(std::move(make)), m_post(std::move(post)) {}
 
 void Services::reload() {
+    if (m_stopped) {
+        return;
+    }
     Config config;
     std::string problem;
     if (readConfig(m_config_path, config, problem)) {
@@ -29,23 +32,33 @@ void Services::reload() {
         remove(name);
     }
     for (auto const& [name, entry] : config) {
-        auto const [position, is_new] = m_services.try_emplace(name);
-        if (is_new) {
-            position->second = m_make(name, entry);
-            position->second->start();
+        auto& service = m_services[name];
+        if (service == nullptr) {
+            // Posted: a service must not be destroyed while it calls back.
+            auto const stopped = [this, its_name = name] { m_post([this, its_name] { forget(its_name); }); };
+            service = m_make(name, entry, stopped);
+            service->start();
+        } else if (m_gone.erase(name) > 0) {
+            service->start();
         }
     }
     std::cout << "configuration read: " << m_services.size() << " services" << std::endl;
 }
 
 void Services::remove(std::string const& name) {
-    // Posted: a service must not be destroyed while it calls back.
-    m_services.at(name)->stop([this, name] {
-        m_post([this, name] {
-            m_services.erase(name);
-            reportIfStopped();
-        });
-    });
+    m_gone.insert(name);
+    m_services.at(name)->stop();
+    m_post([this, name] { forget(name); }); // It may have been stopped before.
+}
+
+/// Forgets a service that is gone from the configuration and has stopped.
+void Services::forget(std::string const& name) {
+    auto const found = m_services.find(name);
+    if (found != m_services.end() && m_gone.count(name) > 0 && found->second->isStopped()) {
+        m_services.erase(found);
+        m_gone.erase(name);
+    }
+    reportIfStopped();
 }
 
 void Services::stop(std::function<void()> stopped) {
@@ -78,7 +91,7 @@ std::string Services::answer(std::string const& line) {
         if (command == "start") {
             service->start();
         } else if (command == "stop") {
-            service->stop([] {});
+            service->stop();
         } else if (command != "status") {
             return "commands: status, start, stop; then nothing, a service or a group\n";
         }

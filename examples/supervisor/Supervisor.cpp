@@ -16,8 +16,8 @@ Supervisor::Supervisor(
     : m_stopped(std::move(stopped)),
       m_services(
           std::move(config_path),
-          [&queue](auto const& name, auto const& config) {
-              return std::make_shared<Service>(queue, name, config);
+          [&queue](auto const& name, auto const& config, auto then) {
+              return std::make_shared<Service>(queue, name, config, std::move(then));
           },
           [&queue](auto call) { queue.push(new examples::Call(std::move(call))); }),
       m_door(socket_path, queue, [this](std::string const& line) { return m_services.answer(line); }) {}

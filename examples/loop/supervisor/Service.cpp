@@ -20,8 +20,13 @@ constexpr Clock::duration PATIENCE = 5s;
 
 } // namespace
 
-Service::Service(vesk::loop::Loop& loop, std::string name, ServiceConfig config)
-    : m_loop(loop), m_name(std::move(name)), m_config(std::move(config)), m_next_pause(FIRST_PAUSE) {}
+Service::Service(
+    vesk::loop::Loop& loop, std::string name, ServiceConfig config, std::function<void()> stopped)
+    : m_loop(loop),
+      m_name(std::move(name)),
+      m_config(std::move(config)),
+      m_next_pause(FIRST_PAUSE),
+      m_stopped(std::move(stopped)) {}
 
 Service::~Service() {
     signalGroup(SIGKILL);
@@ -43,6 +48,7 @@ Command Service::command() const {
 }
 
 void Service::start() {
+    m_is_wanted = true;
     if (m_state != State::STOPPED && m_state != State::BACKING_OFF) {
         return;
     }
@@ -70,10 +76,7 @@ void Service::ended(vesk::loop::Exit const& exit) {
     log("ended with " + m_last_end);
     if (m_state == State::STOPPING) {
         m_state = State::STOPPED;
-        // Moved first: the callback may destroy this object.
-        if (auto const stopped = std::exchange(m_stopped, {})) {
-            stopped();
-        }
+        m_is_wanted ? start() : m_stopped();
         return;
     }
     if (Clock::now() - m_started > STABLE) {
@@ -96,15 +99,14 @@ void Service::backOff() {
     m_next_pause = std::min(2 * m_next_pause, LONGEST_PAUSE);
 }
 
-void Service::stop(std::function<void()> stopped) {
+void Service::stop() {
+    m_is_wanted = false;
     m_pause.cancel();
-    if (!m_process) {
+    if (m_state == State::BACKING_OFF) {
         m_state = State::STOPPED;
-        stopped();
-        return;
+        m_stopped();
     }
-    m_stopped = std::move(stopped);
-    if (m_state == State::STOPPING) {
+    if (m_state != State::RUNNING) {
         return;
     }
     m_state = State::STOPPING;
@@ -123,8 +125,9 @@ void Service::stop(std::function<void()> stopped) {
 void Service::change(ServiceConfig config) {
     m_config = std::move(config);
     m_next_pause = FIRST_PAUSE;
-    if (m_state == State::RUNNING || m_state == State::BACKING_OFF) {
-        stop([this] { start(); });
+    if (m_is_wanted) {
+        stop();
+        start();
     }
 }
 

@@ -17,17 +17,18 @@ namespace supervisor {
 /// | STOPPED | not wanted | RUNNING by `start` |
 /// | RUNNING | wanted, and there | BACKING_OFF at its end, STOPPING by `stop` |
 /// | BACKING_OFF | wanted, but it ended or did not start | RUNNING after the pause |
-/// | STOPPING | not wanted, but still there | STOPPED at its end, which a signal forces after 5 s |
+/// | STOPPING | still there | at its end, which a signal forces after 5 s: STOPPED, RUNNING if it is wanted again |
 class Service : public AnyService {
 public:
-    Service(vesk::loop::Loop& loop, std::string name, ServiceConfig config);
+    Service(vesk::loop::Loop& loop, std::string name, ServiceConfig config, std::function<void()> stopped);
     Service(Service const&) = delete;
     Service& operator=(Service const&) = delete;
     ~Service() override;
 
     void start() override;
     /// `SIGTERM`, and `SIGKILL` after 5 s.
-    void stop(std::function<void()> stopped) override;
+    void stop() override;
+    bool isStopped() const override { return m_state == State::STOPPED; }
     void change(ServiceConfig config) override;
 
     ServiceConfig const& config() const override { return m_config; }
@@ -52,6 +53,7 @@ private:
     vesk::loop::Clock::duration m_next_pause;
     vesk::loop::Clock::time_point m_started;
     std::function<void()> m_stopped;
+    bool m_is_wanted = false;
     unsigned int m_restarts = 0;
     std::string m_last_end = "-";
 };

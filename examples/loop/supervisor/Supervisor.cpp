@@ -27,8 +27,8 @@ Supervisor::Supervisor(vesk::loop::Loop& loop, std::string config_path)
     : m_loop(loop),
       m_services(
           std::move(config_path),
-          [&loop](auto const& name, auto const& config) {
-              return std::make_shared<Service>(loop, name, config);
+          [&loop](auto const& name, auto const& config, auto then) {
+              return std::make_shared<Service>(loop, name, config, std::move(then));
           },
           [&loop](auto call) { static_cast<void>(loop.post(std::move(call))); }) {}
 
