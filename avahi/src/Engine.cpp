@@ -2,6 +2,8 @@
 
 #include "Operation.h"
 
+#include <vesk/common/CancellationOff.h>
+
 #include <tarncommon/error/ErrorStorage.h>
 #include <tarncommon/error/GlobalErrorHandler.h>
 
@@ -11,21 +13,12 @@
 #include <pthread.h>
 #include <stdexcept>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 namespace vesk::avahi {
 
+using vesk::detail::CancellationOff;
+
 namespace {
-
-/// Disables the cancellation of the calling thread: it must not end between two steps of an operation.
-class CancellationOff : private tarnbase::NonCopyable {
-public:
-    CancellationOff() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
-    ~CancellationOff() { pthread_setcancelstate(m_before, nullptr); }
-
-private:
-    int m_before = 0;
-};
 
 /// Blocks all signals of the calling thread, so that a thread that it creates accepts none.
 class SignalsOff : private tarnbase::NonCopyable {
@@ -55,8 +48,8 @@ private:
 
 Engine::Engine() : m_wake_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_poll(avahi_simple_poll_new()) {
     AvahiPoll const* const poll = m_poll ? avahi_simple_poll_get(m_poll.get()) : nullptr;
-    bool failed = m_wake_fd < 0 || poll == nullptr ||
-        poll->watch_new(poll, m_wake_fd, AVAHI_WATCH_IN, &onWakeUp, this) == nullptr;
+    bool failed = !m_wake_fd.isOpen() || poll == nullptr ||
+        poll->watch_new(poll, m_wake_fd.get(), AVAHI_WATCH_IN, &onWakeUp, this) == nullptr;
     if (!failed) {
         SignalsOff const signals_off;
         // The constructor creates the thread, with the blocked signals of the caller.
@@ -66,10 +59,6 @@ Engine::Engine() : m_wake_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_poll(ava
     }
     if (failed) {
         std::ErrorStorage::ack();
-        m_poll.reset();
-        if (m_wake_fd >= 0) {
-            close(m_wake_fd);
-        }
         throw std::runtime_error("the engine on Avahi cannot start its thread");
     }
 }
@@ -84,8 +73,6 @@ Engine::~Engine() {
     if (m_thread->join()) {
         std::ErrorStorage::ack();
     }
-    m_poll.reset();
-    close(m_wake_fd);
 }
 
 // ---- any thread ----
@@ -134,7 +121,7 @@ void Engine::cancel(Client& client) {
 
 void Engine::wakeUp() const noexcept {
     // Fails only if the counter is at its limit; the thread is awake then.
-    static_cast<void>(eventfd_write(m_wake_fd, 1));
+    static_cast<void>(eventfd_write(m_wake_fd.get(), 1));
 }
 
 // ---- the thread ----
@@ -170,13 +157,12 @@ void Engine::endCall() {
 
 void Engine::run() {
     Operations gone;
-    while (!takeChanges(gone)) {
-        for (auto const& operation : gone) {
-            operation->halt();
+    bool goes_on = true;
+    while (goes_on) {
+        if (hasNoMemory([&] { goes_on = step(gone); })) {
+            constexpr auto PAUSE_MS = std::chrono::milliseconds(PAUSE).count();
+            static_cast<void>(avahi_simple_poll_iterate(m_poll.get(), PAUSE_MS));
         }
-        gone.clear();
-        // Fails if the connection has failed, which `onState` has told, or without memory.
-        static_cast<void>(avahi_simple_poll_iterate(m_poll.get(), advance()));
     }
     for (Operation* const operation : m_known) {
         operation->halt();
@@ -184,6 +170,20 @@ void Engine::run() {
     if (m_daemon != nullptr) {
         avahi_client_free(m_daemon);
     }
+}
+
+/// Does what is due, and waits for more. Returns false if the engine must end.
+bool Engine::step(Operations& gone) {
+    if (takeChanges(gone)) {
+        return false;
+    }
+    for (auto const& operation : gone) {
+        operation->halt();
+    }
+    gone.clear();
+    // Fails if the connection has failed, which `onState` has told, or without memory.
+    static_cast<void>(avahi_simple_poll_iterate(m_poll.get(), advance()));
+    return true;
 }
 
 /// Updates `m_known`, and moves canceled operations to `gone`. Returns whether the engine must end.
@@ -245,14 +245,19 @@ int Engine::advance() {
     return static_cast<int>(std::clamp<long long>(rest, 0, INT_MAX));
 }
 
-std::string Engine::findRaw(std::string const& name) const {
+std::string
+Engine::findRaw(std::string const& name, std::string const& type, std::string const& domain) const {
+    std::string result = name;
     for (Operation const* const operation : m_known) {
-        std::string raw = operation->findRaw(name);
-        if (raw != name) {
-            return raw;
+        std::optional<std::string> raw = operation->findRaw(name, type, domain);
+        if (raw == name) {
+            return name; // A service has this very name.
+        }
+        if (raw) {
+            result = std::move(*raw);
         }
     }
-    return name;
+    return result;
 }
 
 } // namespace vesk::avahi

@@ -2,6 +2,7 @@
 
 #include <vesk/DnsSd.h>
 #include <vesk/Thread.h>
+#include <vesk/common/UniqueFd.h>
 
 #include <avahi-client/client.h>
 #include <avahi-common/simple-watch.h>
@@ -43,22 +44,34 @@ public:
         unsigned short port, DnsSdBase::Txt const& txt) override;
     void cancel(Client& client) override;
 
-    /// Calls the client of an operation, unless it is canceled. Used by the thread only.
+    /// Calls the client of an operation, unless it is canceled. Returns true, after a warning, without memory. Used by
+    /// the thread only.
     template <typename Call>
-    void report(Operation const& operation, Call const& call) {
+    [[nodiscard]] bool report(Operation const& operation, Call const& call) {
         Client* const client = beginCall(operation);
-        if (client != nullptr) {
-            try {
-                call(*client);
-            } catch (std::bad_alloc const&) {
-                warnNoMemory();
-            }
-            endCall();
+        if (client == nullptr) {
+            return false;
+        }
+        bool const failed = hasNoMemory([&] { call(*client); });
+        endCall();
+        return failed;
+    }
+
+    /// Calls a function. Returns true, after a warning, without memory.
+    template <typename Call>
+    [[nodiscard]] static bool hasNoMemory(Call const& call) {
+        try {
+            call();
+            return false;
+        } catch (std::bad_alloc const&) {
+            warnNoMemory();
+            return true;
         }
     }
 
-    /// Returns the name of an instance before `sanitize`. Used by the thread only.
-    std::string findRaw(std::string const& name) const;
+    /// Returns the name of an instance before `sanitize`, if a browser has reported it; else `name`. Used by the thread
+    /// only.
+    std::string findRaw(std::string const& name, std::string const& type, std::string const& domain) const;
 
 private:
     using Operations = std::list<std::unique_ptr<Operation>>;
@@ -75,12 +88,13 @@ private:
     void endCall();
     void wakeUp() const noexcept;
     void run();
+    [[nodiscard]] bool step(Operations& gone);
     bool takeChanges(Operations& gone);
     void connect(TimePoint now);
     void disconnect();
     int advance();
 
-    int m_wake_fd;
+    detail::UniqueFd m_wake_fd;
     std::unique_ptr<AvahiSimplePoll, FreePoll> m_poll;
     AvahiClient* m_daemon = nullptr;
     AvahiClientState m_state = AVAHI_CLIENT_CONNECTING;

@@ -73,12 +73,15 @@ private:
         if (event == AVAHI_BROWSER_FAILURE) {
             self.fail(avahi_client_errno(avahi_record_browser_get_client(browser)));
         } else if (event == AVAHI_BROWSER_NEW) {
-            std::string const address = toText(interface, data, size);
-            if (!address.empty() && self.m_addresses.add(address, {interface, family})) {
-                self.report([&](Client& client) { client.address(self.m_name, address); });
-            }
+            self.handle([&] { self.add(toText(interface, data, size), {interface, family}); });
         } else if (event == AVAHI_BROWSER_REMOVE) {
-            self.m_addresses.remove(toText(interface, data, size), {interface, family});
+            self.handle([&] { self.m_addresses.remove(toText(interface, data, size), {interface, family}); });
+        }
+    }
+
+    void add(std::string const& address, Sightings<std::string>::Place place) {
+        if (!address.empty() && m_addresses.add(address, place)) {
+            report([&](Client& client) { client.address(m_name, address); });
         }
     }
 

@@ -68,6 +68,9 @@ void Operation::lose() {
 }
 
 void Operation::fail(int number) {
+    if (m_restarts) {
+        return; // Each object at the daemon tells the failure.
+    }
     m_restarts = true;
     m_due = std::chrono::steady_clock::now() + PAUSE;
     if (!isTemporary(number)) {

@@ -3,10 +3,12 @@
 #include "Engine.h"
 
 #include <avahi-common/address.h>
+#include <avahi-common/error.h>
 #include <avahi-common/strlst.h>
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <tuple>
@@ -37,8 +39,12 @@ public:
         }
         return m_due > now ? m_due : NEVER;
     }
-    /// Returns the name that `name` was before `sanitize`, if this operation has reported it; else `name`.
-    virtual std::string findRaw(std::string const& name) const { return name; }
+    /// Returns the name that `name` was before `sanitize`, if this operation has reported a service that is shown so, and
+    /// preferably the name itself.
+    virtual std::optional<std::string>
+    findRaw(std::string const& /*name*/, std::string const& /*type*/, std::string const& /*domain*/) const {
+        return std::nullopt;
+    }
 
 protected:
     using Objects = std::unique_ptr<void, void (*)(void*)>;
@@ -57,9 +63,21 @@ protected:
     /// Starts the operation anew with the next step of the engine.
     void restart() noexcept { m_restarts = true; }
 
+    /// Calls the client. Returns true without memory; the operation is started again in a second then.
     template <typename Call>
-    void report(Call const& call) {
-        m_engine.report(*this, call);
+    bool report(Call const& call) {
+        bool const failed = m_engine.report(*this, call);
+        if (failed) {
+            fail(AVAHI_ERR_NO_MEMORY);
+        }
+        return failed;
+    }
+    /// Handles an event of the daemon. Without memory the operation is started again in a second.
+    template <typename Handle>
+    void handle(Handle const& handle) noexcept {
+        if (Engine::hasNoMemory(handle)) {
+            fail(AVAHI_ERR_NO_MEMORY);
+        }
     }
 
     Engine& m_engine;

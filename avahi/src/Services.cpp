@@ -25,13 +25,21 @@ public:
     Browser(Engine& engine, Client& client, std::string type, std::string domain)
         : Operation(engine, client), m_type(std::move(type)), m_domain(std::move(domain)) {}
 
-    std::string findRaw(std::string const& name) const override {
+    std::optional<std::string>
+    findRaw(std::string const& name, std::string const& type, std::string const& domain) const override {
+        std::optional<std::string> result;
         for (auto const& [service, places] : m_services.get()) {
+            if (service.type != type || (!domain.empty() && service.domain != domain)) {
+                continue;
+            }
+            if (service.name == name) {
+                return name;
+            }
             if (toShown(service.name).toUTF8() == name) {
-                return service.name;
+                result = service.name;
             }
         }
-        return name;
+        return result;
     }
 
 protected:
@@ -63,33 +71,39 @@ private:
     };
 
     static void onEvent(
-        AvahiServiceBrowser* /*unused*/, AvahiIfIndex interface, AvahiProtocol family,
-        AvahiBrowserEvent event, char const* name, char const* type, char const* domain,
-        AvahiLookupResultFlags /*unused*/, void* browser) noexcept {
-        Browser& self = *static_cast<Browser*>(browser);
+        AvahiServiceBrowser* browser, AvahiIfIndex interface, AvahiProtocol family, AvahiBrowserEvent event,
+        char const* name, char const* type, char const* domain, AvahiLookupResultFlags /*unused*/,
+        void* operation) noexcept {
+        Browser& self = *static_cast<Browser*>(operation);
         switch (event) {
         case AVAHI_BROWSER_NEW:
-            if (Service const service{name, type, domain};
-                self.m_services.add(service, {interface, family})) {
-                self.report([&](Client& client) {
-                    client.service_appeared(toShown(service.name), service.type, service.domain);
-                });
-            }
+            self.handle([&] { self.add({name, type, domain}, {interface, family}); });
             break;
         case AVAHI_BROWSER_REMOVE:
-            if (Service const service{name, type, domain};
-                self.m_services.remove(service, {interface, family})) {
-                self.reportGone(service);
-            }
+            self.handle([&] { self.remove({name, type, domain}, {interface, family}); });
             break;
         case AVAHI_BROWSER_ALL_FOR_NOW:
             self.report([](Client& client) { client.all_for_now(); });
             break;
         case AVAHI_BROWSER_FAILURE:
-            self.fail(avahi_client_errno(avahi_service_browser_get_client(self.m_browser)));
+            self.fail(avahi_client_errno(avahi_service_browser_get_client(browser)));
             break;
         case AVAHI_BROWSER_CACHE_EXHAUSTED:
             break;
+        }
+    }
+
+    void add(Service const& service, Sightings<Service>::Place place) {
+        if (m_services.add(service, place)) {
+            report([&](Client& client) {
+                client.service_appeared(toShown(service.name), service.type, service.domain);
+            });
+        }
+    }
+
+    void remove(Service const& service, Sightings<Service>::Place place) {
+        if (m_services.remove(service, place)) {
+            reportGone(service);
         }
     }
 
@@ -123,8 +137,9 @@ public:
 protected:
     bool start(AvahiClient* daemon) override {
         m_resolver = avahi_service_resolver_new(
-            daemon, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, m_engine.findRaw(m_name).c_str(), m_type.c_str(),
-            orDefault(m_domain), AVAHI_PROTO_UNSPEC, static_cast<AvahiLookupFlags>(0), &onEvent, this);
+            daemon, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, m_engine.findRaw(m_name, m_type, m_domain).c_str(),
+            m_type.c_str(), orDefault(m_domain), AVAHI_PROTO_UNSPEC, static_cast<AvahiLookupFlags>(0),
+            &onEvent, this);
         return m_resolver == nullptr;
     }
     void stop() noexcept override {
@@ -147,23 +162,27 @@ private:
     }
 
     static void onEvent(
-        AvahiServiceResolver* /*unused*/, AvahiIfIndex /*unused*/, AvahiProtocol /*unused*/,
+        AvahiServiceResolver* resolver, AvahiIfIndex /*unused*/, AvahiProtocol /*unused*/,
         AvahiResolverEvent event, char const* name, char const* type, char const* domain, char const* host,
         AvahiAddress const* /*unused*/, uint16_t port, AvahiStringList* txt,
-        AvahiLookupResultFlags /*unused*/, void* resolver) noexcept {
-        Resolver& self = *static_cast<Resolver*>(resolver);
+        AvahiLookupResultFlags /*unused*/, void* operation) noexcept {
+        Resolver& self = *static_cast<Resolver*>(operation);
         if (event == AVAHI_RESOLVER_FAILURE) {
-            self.fail(avahi_client_errno(avahi_service_resolver_get_client(self.m_resolver)));
+            self.fail(avahi_client_errno(avahi_service_resolver_get_client(resolver)));
             return;
         }
-        // Each network interface and family may tell the same.
-        Found found(host, port, readTxt(txt));
-        if (self.m_last == found) {
-            return;
-        }
-        self.m_last = std::move(found);
-        self.report([&](Client& client) {
-            client.resolved(toShown(name), type, domain, host, port, std::get<Txt>(*self.m_last));
+        self.handle([&] {
+            // Each network interface and family may tell the same.
+            Found found(host, port, readTxt(txt));
+            if (self.m_last == found) {
+                return;
+            }
+            bool const failed = self.report([&](Client& client) {
+                client.resolved(toShown(name), type, domain, host, port, std::get<Txt>(found));
+            });
+            if (!failed) {
+                self.m_last = std::move(found);
+            }
         });
     }
 

@@ -1,7 +1,7 @@
 // Runs operations of the engine on Avahi as its standard input demands, and prints what they report.
 //
 //     browse ID TYPE | resolve ID TYPE NAME | lookup ID HOST | publish ID TYPE PORT KEY=VALUE NAME
-//     cancel ID | self ID TYPE | storm COUNT TYPE | sync TYPE NAME | bad | sigpipe | signals
+//     cancel ID | self ID TYPE | storm COUNT TYPE | sync TYPE NAME | bad | sigpipe | signals | memory SUCCESSES
 
 #include <vesk/Vesk.h>
 #include <vesk/avahi/Plugin.h>
@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -17,10 +18,47 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <pthread.h>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 #include <vector>
+
+namespace {
+
+std::atomic<int> g_successes{
+    -1}; ///< Allocations of the engine's thread until all fail, negative for no failure.
+std::atomic<int> g_failures{0};
+
+bool isOfEngine() {
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return std::string_view(name) == "vesk::Avahi";
+}
+
+} // namespace
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    if (g_successes >= 0 && isOfEngine() && g_successes.fetch_sub(1) <= 0) {
+        g_successes = 0;
+        ++g_failures;
+        throw std::bad_alloc();
+    }
+    if (void* const memory = std::malloc(size)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
 
 namespace {
 
@@ -72,6 +110,10 @@ private:
             print("called after its end, or twice at a time");
             std::abort();
         }
+        struct Calling {
+            ~Calling() { flag = false; }
+            std::atomic<bool>& flag;
+        } const calling{m_calling}; // Without memory it ends early.
         ++calls;
         if (!m_id.empty()) {
             print(m_id + " " + what);
@@ -79,7 +121,6 @@ private:
         if (m_cancels_itself) {
             m_engine.cancel(*this);
         }
-        m_calling = false;
     }
 
     vesk::DnsSd::Engine& m_engine;
@@ -226,6 +267,9 @@ void serve(vesk::DnsSd::Engine& engine) {
             useSyncClients(id, name);
         } else if (verb == "bad") {
             tryBadArguments(engine);
+        } else if (verb == "memory") {
+            g_successes = std::stoi(id);
+            print("failures " + std::to_string(g_failures.exchange(0)));
         } else if (verb == "signals") {
             print(blocksSignals() ? "signals blocked" : "signals accepted");
         } else if (verb == "sigpipe") {

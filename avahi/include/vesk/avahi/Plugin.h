@@ -39,6 +39,9 @@ namespace vesk::avahi {
 /// `error` is called when the daemon refuses an operation, for example because its configuration forbids to
 /// publish. The operation is started again when the daemon has been restarted.
 ///
+/// Operations may throw `std::bad_alloc`, too. A callback may throw nothing else: it ends the process. Without memory the
+/// handler of warnings is called, and the operation is started again in a second, so that what it reports comes again.
+///
 /// A callback may start operations and cancel any, its own included. The constructor and the destructor may
 /// block until the thread has started and ended; they must not be called by several threads at once, nor
 /// while clients exist. Not for a forked child, in which the thread does not exist. In a process that changes
