@@ -1,5 +1,6 @@
 #include "SignalSupport.h"
 #include "support/ErrnoRows.h"
+#include "support/SyscallFault.h"
 
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
@@ -9,7 +10,6 @@ VESK_INJECT_RESULT(
     pthread_create,
     (pthread_t * thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument),
     (thread, attributes, function, argument))
-VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size), (fd, buffer, size))
 
 namespace {
 
@@ -165,7 +165,8 @@ TEST_F(SignalDispatcherTest, stopsOnce) {
     // Catchers may still be there.
     queue.push(1);
     {
-        Fault const writes(inject_write, 0);
+        g_failing_syscall = SYS_write;
+        Fault const writes(inject_syscall, 0);
         dispatcher->stop();
         dispatcher.reset();
         EXPECT_EQ(0, writes.getCalls());

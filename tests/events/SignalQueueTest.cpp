@@ -4,6 +4,7 @@
 #include "support/FailOnce.h"
 #include "support/NewFault.h"
 #include "support/Sanitizers.h"
+#include "support/SyscallFault.h"
 #include "support/VtableSlot.h"
 
 #include <array>
@@ -11,7 +12,6 @@
 #include <sys/ioctl.h>
 #include <sys/select.h>
 
-VESK_INJECT_ERRNO(ssize_t, -1, write, (int fd, void const* buffer, size_t size), (fd, buffer, size))
 VESK_INJECT_RESULT(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_RESULT(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 VESK_INJECT_ERRNO(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
@@ -433,7 +433,8 @@ TEST(SelfPipeTest, readsAndWritesWithTheResultsOfTheSystem) {
     EXPECT_EQ('c', buffer[0]);
     EXPECT_EQ(-1, self_pipe.write(nullptr, 5));
     EXPECT_EQ(EFAULT, errno);
-    EXPECT_EQ(-1, failOnce(inject_write, EIO, [&] { return self_pipe.write(data, 1); }));
+    g_failing_syscall = SYS_write;
+    EXPECT_EQ(-1, failOnce(inject_syscall, EIO, [&] { return self_pipe.write(data, 1); }));
     EXPECT_EQ(EIO, errno);
     EXPECT_EQ(0, countBytes());
     std::string const much(1 << 20, 'x');
@@ -666,7 +667,8 @@ TEST(SignalNotifierTest, allocatesNothingAndTakesNoLock) {
 
 TEST(SignalNotifierTest, ignoresAFullPipe) {
     Notifier notifier;
-    failOnce(inject_write, EAGAIN, [&] { return notifier.signal(), 0; });
+    g_failing_syscall = SYS_write;
+    failOnce(inject_syscall, EAGAIN, [&] { return notifier.signal(), 0; });
     EXPECT_EQ(0, countBytes());
 }
 
@@ -675,7 +677,8 @@ TEST(SignalNotifierTest, writeThatFailsEndsTheProcess) {
         std::string const text = std::to_string(error) + " (" + strerror(error) + ")\n";
         auto const signal = [error] {
             Notifier notifier;
-            Fault const fault(inject_write, error);
+            g_failing_syscall = SYS_write;
+            Fault const fault(inject_syscall, error);
             notifier.signal();
         };
         EXPECT_TRUE(abortsWith("write to self-pipe failed with errno=" + text, signal));

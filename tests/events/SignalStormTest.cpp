@@ -1,5 +1,6 @@
 #include "SignalSupport.h"
 #include "support/Emulation.h"
+#include "support/Sanitizers.h"
 
 #include <vesk/SignalCatcher.h>
 #include <vesk/SignalDispatcher.h>
@@ -186,6 +187,97 @@ TEST_F(SignalStormOfDestroyed, usesNoDestroyedQueueOfAClient) {
         auto const dispatcher = std::make_unique<SignalDispatcher>("client", vesk::sched::Attr());
         SignalCatcher const catcher(signal, dispatcher->getQueue(), SignalCounts::count, &countsOf(signal));
         sched_yield();
+    });
+}
+
+// The rounds of the storm of canceled threads: each starts two threads and cancels them.
+constexpr int CANCELED_ROUNDS = IS_SLOW ? 100 : 500;
+
+/// Cancels threads while signals arrive in them. Only these threads receive the signal.
+class SignalStormOfCanceled : public testing::Test {
+protected:
+    static constexpr int MOST_PENDING = 64;
+
+    /// Receives signals until it is canceled: in a cancellation point, or anywhere.
+    static void* receive(void* test) {
+        auto& self = *static_cast<SignalStormOfCanceled*>(test);
+        bool const anywhere = self.started++ % 2 == 0;
+        pthread_sigmask(SIG_UNBLOCK, &self.signals, nullptr);
+        if (anywhere) {
+            pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+            for (unsigned int volatile spins = 0;;) {
+                spins = spins + 1;
+            }
+        }
+        for (;;) {
+            pause();
+        }
+    }
+
+    /// Starts and cancels threads while another thread sends.
+    void storm() {
+        std::atomic<bool> sending{true};
+        std::thread sender([&] {
+            while (sending) {
+                if (counts.sent - counts.calls >= MOST_PENDING) {
+                    sched_yield();
+                    continue;
+                }
+                ++counts.sent;
+                kill(getpid(), counts.number);
+            }
+        });
+        cancelThreads();
+        sending = false;
+        sender.join();
+    }
+
+    void cancelThreads() {
+        for (int round = 0; round < CANCELED_ROUNDS; ++round) {
+            pthread_t threads[2];
+            for (pthread_t& thread : threads) {
+                ASSERT_EQ(0, pthread_create(&thread, nullptr, receive, this));
+            }
+            while (started < 2 * (round + 1)) {
+                sched_yield();
+            }
+            for (pthread_t const thread : threads) {
+                ASSERT_EQ(0, pthread_cancel(thread));
+            }
+            for (pthread_t const thread : threads) {
+                void* result = nullptr;
+                ASSERT_EQ(0, pthread_join(thread, &result));
+                ASSERT_EQ(PTHREAD_CANCELED, result);
+            }
+        }
+    }
+
+    sigset_t signals{};
+    SignalCounts counts;
+    std::atomic<int> started{0};
+};
+
+TEST_F(SignalStormOfCanceled, doesNotCancelAHandler) {
+    if (!FOLLOWS_CANCELED_THREADS) {
+        GTEST_SKIP() << "the thread sanitizer does not follow a thread that is canceled in a system call";
+    }
+    expectInChild([this] {
+        // Real-time signals are queued: none is merged with another.
+        counts.number = SIGRTMIN + 5;
+        sigemptyset(&signals);
+        sigaddset(&signals, counts.number);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        {
+            SignalCatcher const catcher(counts.number, SignalCounts::count, &counts);
+            storm();
+            pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+            EXPECT_TRUE(eventually([this] { return counts.calls == counts.sent; }))
+                << counts.calls << " of " << counts.sent;
+            alarm(20); // The destructor waits for a handler that was canceled.
+        }
+        EXPECT_EQ(counts.sent, counts.calls);
+        EXPECT_EQ(0, counts.wrong);
+        EXPECT_LT(CANCELED_ROUNDS, counts.calls);
     });
 }
 

@@ -2,6 +2,7 @@
 
 #include "support/Inject.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <ctime>
 #include <dirent.h>
@@ -16,6 +17,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <termios.h>
 #include <unistd.h>
@@ -106,6 +108,22 @@ VESK_FAILING_AFTER(mq_close, (mqd_t queue), (queue))
 VESK_FAILING_AFTER(sem_close, (sem_t * semaphore), (semaphore))
 VESK_FAILING(ssize_t, -1, EIO, ENOMEM, read, (int fd, void* to, size_t size), (fd, to, size))
 VESK_FAILING(ssize_t, -1, EIO, ENOSPC, write, (int fd, void const* from, size_t size), (fd, from, size))
+/// Self-pipes are written without `write`, which is a cancellation point. Messages to standard error do not fail.
+support::Injected inject_syscall("syscall");
+extern "C" VESK_UNWATCHED long syscall(long number, ...) noexcept {
+    va_list list;
+    va_start(list, number);
+    long arguments[6];
+    for (long& argument : arguments) {
+        argument = va_arg(list, long);
+    }
+    va_end(list);
+    if (number == SYS_write && arguments[0] != STDERR_FILENO && failing::Plan::fails("write", EIO, ENOSPC)) {
+        return -1;
+    }
+    return inject_syscall.getReal(syscall)(
+        number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+}
 VESK_FAILING(int, -1, EIO, EOVERFLOW, fstat, (int fd, struct stat* data), (fd, data))
 VESK_FAILING(int, -1, EACCES, ENOENT, stat, (char const* path, struct stat* data), (path, data))
 VESK_FAILING(int, -1, EACCES, ENOENT, lstat, (char const* path, struct stat* data), (path, data))

@@ -18,7 +18,7 @@ class SignalDispatcher;
 class VESK_API SignalCatcherImpl : private tarnbase::NonCopyable {
 public:
     /// Signs on with the queue, then installs the handler (`sigaction`), which runs with all signals blocked
-    /// and with `SA_RESTART`.
+    /// and with `SA_RESTART`. The cancellation of a thread that runs the handler takes effect after it.
     ///
     /// A broken precondition goes to `std::GlobalErrorHandler::doAssert`, with the condition as its text. A
     /// number out of range, or a queue on which the signal is signed on already, leaves an object that

@@ -37,7 +37,8 @@ public:
     /// point.
     ssize_t read(void* buffer, unsigned int length);
 
-    /// Calls `write` on the write end, and returns its result. A cancellation point.
+    /// Writes to the write end (`write`), and returns the result of the call. Not a cancellation point. May be
+    /// called from signal handlers.
     ssize_t write(void const* buffer, unsigned int length);
 
     /// Adds the read end to a set for `select`. A set holds descriptors below `FD_SETSIZE` (1024). With a

@@ -9,6 +9,7 @@
 #include <tarncommon/error/GlobalErrorHandler.h>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 
 namespace vesk {
@@ -69,7 +70,9 @@ void SignalCatcherImpl::install() {
     row.queue.store(queue);
     struct sigaction action {};
     action.sa_handler = enqueue_signal;
-    sigfillset(&action.sa_mask);
+    // Also blocks the signal with which the C library cancels a thread, which `sigfillset` leaves out: a handler that
+    // is unwound would leave its count and its occurrence behind. A cancellation takes effect after the handler.
+    memset(&action.sa_mask, 0xff, sizeof action.sa_mask);
     action.sa_flags = SA_RESTART;
     installed = sigaction(signal, &action, &old_action) == 0;
 }
@@ -148,8 +151,8 @@ void SignalCatcherImpl::waitForHandlers() const {
 }
 
 void SignalCatcherImpl::enqueue_signal(int signal_number) {
-    // The signal may have interrupted a destructor, out of which a thread must not be unwound.
-    detail::CancellationOff const cancellation_off;
+    // Not guarded by `CancellationOff`: where the signal interrupted a cancellation point, restoring the state would
+    // cancel the thread here. Nothing below is a cancellation point.
     if (signal_number < 0) {
         fail("signal>=0", "enqueue_signal");
         return;

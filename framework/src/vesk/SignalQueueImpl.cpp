@@ -2,8 +2,6 @@
 
 #include "vesk/posix/detail/SystemErrorText.h"
 
-#include <vesk/common/CancellationOff.h>
-
 #include <tarncommon/error/GlobalErrorHandler.h>
 #include <tarncommon/tarnbase/abort.h>
 
@@ -11,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace vesk {
@@ -54,7 +53,8 @@ ssize_t SignalQueueImpl::SelfPipe::read(void* buffer, unsigned int length) {
 }
 
 ssize_t SignalQueueImpl::SelfPipe::write(void const* buffer, unsigned int length) {
-    return ::write(write_end.get(), buffer, length);
+    // Not the function of the C library, which is a cancellation point: signal handlers get here.
+    return syscall(SYS_write, write_end.get(), buffer, static_cast<size_t>(length));
 }
 
 void SignalQueueImpl::SelfPipe::set(fd_set* set, int& highest) const {
@@ -102,8 +102,6 @@ void SignalQueueImpl::NotifierImpl::wait() {
 }
 
 void SignalQueueImpl::NotifierImpl::signal() {
-    // A thread must not be unwound out of a signal handler.
-    CancellationOff const cancellation_off;
     char const wake_up = 0;
     if (self_pipe.write(&wake_up, 1) == 1) {
         return;
