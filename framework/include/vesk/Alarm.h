@@ -118,6 +118,9 @@ private:
 class VESK_API Alarm::Timer : private tarnbase::NonCopyable {
 public:
     /// Starts the thread, catches the signal (`sigaction`) and creates the timer (`timer_create`).
+    ///
+    /// If the system has no timer, no alarm rings, and nothing reports it. A timer needs one of the signals that the
+    /// user may have queued (`RLIMIT_SIGPENDING`).
     /// @param signal       a real-time signal without another user; `SIGRTMIN` plus 2 and plus 3 belong to
     ///                     the library
     /// @param thread_name  name of the thread; copied

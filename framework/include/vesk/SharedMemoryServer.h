@@ -35,6 +35,9 @@ public:
     /// signal interrupts them). An open object is closed first. The mode is 0600: only processes of the same
     /// user have access. New memory is filled with zeros.
     ///
+    /// The system reserves no pages: where the file system of the shared memory ("/dev/shm") is full, `create` and the
+    /// mapping succeed, and `SIGBUS` ends a process that writes to a page for which there is no room.
+    ///
     /// The reports are those of `close`, `transformToIPCIdentifier` and, for `REPLACE`, `deleteName`;
     /// `SysErrorId::PERMISSION_DENIED` with `FileAccessErrorId::ACCESS_DENIED` on top without the permission;
     /// `SysErrorId::FILE_EXISTS` with `FileAccessErrorId::ALREADY_EXISTS` if the name exists;

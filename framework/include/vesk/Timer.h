@@ -47,6 +47,10 @@ namespace vesk {
 /// A timer may be used by one thread at a time and by its callback. `stop` and the destructor return when no
 /// callback of any timer of the same priority is running: calling them while holding a lock that a callback
 /// takes is a deadlock. An internal lock that fails goes to `std::GlobalErrorHandler::doAbort`.
+///
+/// Each priority needs one thread, one pipe and one timer of the system. Without the thread the error of `Thread` is
+/// pending after the constructor; without the timer there is no report (see `Alarm::Timer`). No timer of the priority
+/// rings then. Without the pipe, which takes two descriptors, the process ends.
 class VESK_API Timer : private tarnbase::NonCopyable {
 public:
     class HighPrioTimer;
