@@ -1,5 +1,7 @@
 #include "Tail.h"
 
+#include <algorithm>
+
 namespace logfollow {
 
 namespace {
@@ -7,19 +9,29 @@ namespace {
 constexpr unsigned int PIECE = 65536;
 constexpr size_t LONGEST_LINE = 1 << 20;
 
+/// Moves to a position. A seek counts 32 bits, and reports a position beyond 2 GiB as a failure after it has moved.
+void seekFar(vesk::StreamBinFileR& file, long long position) {
+    while (position > 0) {
+        long long const step = std::min<long long>(position, INT32_MAX);
+        unsigned int reached = 0;
+        static_cast<void>(file.seek(static_cast<int>(step), file.Current, reached));
+        position -= step;
+    }
+}
+
 } // namespace
 
 bool Tail::open(std::string const& path, long long position) {
     auto file = std::make_unique<vesk::StreamBinFileR>();
-    unsigned int reached = 0;
-    bool failed = file->open(path, file->READ);
+    bool const failed = file->open(path, file->READ);
     vesk::FileInfo const info = failed ? vesk::FileInfo() : file->getFileInfo();
     // Shorter than it was: emptied, or another file that got the number of a removed one.
     long long const begin = info.isValid() && info.getSize() >= position ? position : 0;
-    failed = failed || !info.isValid() || begin > INT32_MAX ||
-        file->seek(static_cast<int>(begin), file->Begin, reached);
+    if (info.isValid()) {
+        seekFar(*file, begin);
+    }
     std::ErrorStorage::ack();
-    if (failed) {
+    if (!info.isValid()) {
         return true;
     }
     m_file = std::move(file);
