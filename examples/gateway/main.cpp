@@ -3,6 +3,7 @@
 #include "Discovery.h"
 #include "Links.h"
 #include "Notify.h"
+#include "Number.h"
 #include "Server.h"
 
 #include <vesk/Poller.h>
@@ -11,7 +12,6 @@
 #include <vesk/Vesk.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 
@@ -108,8 +108,8 @@ int run(std::string const& name, unsigned short port) {
 } // namespace gateway
 
 int main(int count, char** arguments) {
-    unsigned long const port = count == 3 ? strtoul(arguments[2], nullptr, 10) : 65536;
-    if (port > 65535) {
+    unsigned int port = 0;
+    if (count != 3 || !examples::readNumber(arguments[2], 0, 65535, port)) {
         std::cerr << "usage: " << arguments[0] << " NAME PORT\n";
         return 2;
     }

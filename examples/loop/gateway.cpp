@@ -4,6 +4,7 @@
 #include "Hub.h"
 #include "Keep.h"
 #include "Links.h"
+#include "Number.h"
 
 #include <vesk/Vesk.h>
 #include <vesk/loop/Listener.h>
@@ -11,11 +12,12 @@
 #include <vesk/loop/ServiceManager.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <iostream>
 #include <map>
+#include <netinet/tcp.h>
 #include <stdexcept>
 #include <string>
+#include <sys/socket.h>
 
 using namespace std::chrono_literals;
 using namespace vesk::loop;
@@ -25,6 +27,18 @@ namespace {
 
 constexpr std::size_t MOST_CLIENTS = 200;
 constexpr std::size_t LONGEST_QUEUE = 64 * 1024;
+
+/// Lets the system find a peer that is gone without a word.
+void keepAlive(int fd) {
+    constexpr int ON = 1;
+    constexpr int IDLE_SECONDS = 60;
+    constexpr int PROBES = 3;
+    constexpr int PAUSE_SECONDS = 10;
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &ON, sizeof ON);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &IDLE_SECONDS, sizeof IDLE_SECONDS);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &PROBES, sizeof PROBES);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &PAUSE_SECONDS, sizeof PAUSE_SECONDS);
+}
 
 class Gateway {
 public:
@@ -71,6 +85,7 @@ private:
         ~Session() override { m_gateway.m_hub.remove(*this); }
 
         [[nodiscard]] bool start() {
+            keepAlive(m_connection.fd());
             // The peer's end of sending is its end.
             m_connection.onEnd([this](Result<> const&) { m_gateway.m_sessions.erase(m_id); });
             auto const begun = m_connection.onData([this](std::string_view data) {
@@ -143,8 +158,8 @@ private:
 } // namespace gateway
 
 int main(int count, char** arguments) {
-    unsigned long const port = count == 3 ? strtoul(arguments[2], nullptr, 10) : 65536;
-    if (port > 65535) {
+    unsigned int port = 0;
+    if (count != 3 || !examples::readNumber(arguments[2], 0, 65535, port)) {
         std::cerr << "usage: " << arguments[0] << " NAME PORT\n";
         return 2;
     }

@@ -1,5 +1,6 @@
 // The sensor daemon of ../sensor on one loop, in one thread. Its README.md tells how to use it.
 #include "Keep.h"
+#include "Number.h"
 #include "Output.h"
 #include "Parser.h"
 #include "Statistics.h"
@@ -13,7 +14,6 @@
 #include <tarncommon/error/ErrorStorage.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <iostream>
 #include <pthread.h>
 
@@ -142,11 +142,11 @@ int run(std::string const& device, std::string const& name, unsigned int period_
 } // namespace sensor
 
 int main(int count, char** arguments) {
-    unsigned long const period = count == 4 ? strtoul(arguments[3], nullptr, 10) : 1000;
-    if ((count != 3 && count != 4) || period == 0 || period > 3600000) {
+    unsigned int period = 1000;
+    if (count < 3 || count > 4 || (count == 4 && !examples::readNumber(arguments[3], 1, 3600000, period))) {
         std::cerr << "usage: " << arguments[0] << " DEVICE NAME [MILLISECONDS]\n";
         return 2;
     }
     vesk::Vesk const vesk(true, false);
-    return sensor::run(arguments[1], arguments[2], static_cast<unsigned int>(period));
+    return sensor::run(arguments[1], arguments[2], period);
 }

@@ -80,6 +80,11 @@ class Host:
         if self.spawn(list(command), "commands").wait() != 0:
             fail(" ".join(command))
 
+    def read(self, *command):
+        """Returns what a command prints."""
+        process = self.spawn(list(command), "commands", stdout=subprocess.PIPE, text=True)
+        return process.communicate()[0]
+
     def start_bus(self):
         (self.folder / "bus").unlink(missing_ok=True)
         self.bus = self.spawn(["dbus-daemon", "--nofork", "--nopidfile", f"--config-file={self.folder}/bus.conf"], "bus")

@@ -53,6 +53,12 @@ def take_notices():
             notices.append(manager.recv(64).decode())
 
 
+def check_usage(command):
+    """Checks that a program refuses its arguments."""
+    done = subprocess.run(command, capture_output=True, text=True, timeout=DEADLINE)
+    check(done.returncode == 2 and done.stderr.startswith("usage: "), f"refuses {command[-1]!r}")
+
+
 def start_daemon(title, command):
     """Starts a daemon as a service manager does, and waits until it is ready."""
     if not (folder / "notify").exists():
