@@ -2,8 +2,10 @@
 
 #include <vesk/UDPSocket.h>
 
+#include <tarncommon/error/ErrorApi.h>
 #include <tarncommon/error/ErrorStorage.h>
 
+#include <iostream>
 #include <map>
 #include <string>
 
@@ -37,7 +39,10 @@ public:
                 position.first->second.open();
             }
         }
-        std::ErrorStorage::ack();
+        if (std::ErrorStorage::isError(false)) {
+            std::cerr << "no announcements at " << address << ": " << tarn_error.getReasonList() << std::endl;
+            std::ErrorStorage::ack();
+        }
     }
 
     /// Sends a datagram on each link. A link without a cable is no failure.
