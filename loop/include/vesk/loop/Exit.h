@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vesk/loop/Export.h>
+
 #include <sys/types.h>
 
 namespace vesk::loop {

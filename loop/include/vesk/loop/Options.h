@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vesk/loop/Export.h>
+
 namespace vesk::loop {
 
 /// The order of the callbacks of one round. A round calls each callback that was due at its begin, so that no

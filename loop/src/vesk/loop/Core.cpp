@@ -178,20 +178,34 @@ bool Core::hasReady() const noexcept {
         std::any_of(std::begin(m_due), std::end(m_due), IS_FILLED);
 }
 
-/// Ends the wait of the loop's thread, or the next one. The counter of the descriptor is never read: the loop
-/// watches its edges.
+/// Returns whether the loop's thread waits, or will wait, and no other thread is about to end that.
+bool Core::mustRing() noexcept {
+    return !m_is_awake && !isInherited() && !std::exchange(m_is_woken, true);
+}
+
+/// Ends the wait of the loop's thread. The counter of the descriptor is never read: the loop watches its edges.
+void Core::ring() const noexcept {
+    CancellationOff const cancellation_off;
+    eventfd_write(m_event.get(), 1);
+}
+
+/// Ends the wait of the loop's thread, or the next one.
 void Core::wake() noexcept {
-    if (!m_is_awake && !m_is_woken && !isInherited()) {
-        m_is_woken = true;
-        CancellationOff const cancellation_off;
-        eventfd_write(m_event.get(), 1);
+    if (mustRing()) {
+        ring();
     }
 }
 
 void Core::post(Callback<void()>&& call, Priority priority) {
-    Locked const locked(m_lock);
-    m_posts[static_cast<size_t>(priority)].push_back(std::move(call));
-    wake();
+    bool rings = false;
+    {
+        Locked const locked(m_lock);
+        m_posts[static_cast<size_t>(priority)].push_back(std::move(call));
+        rings = mustRing();
+    }
+    if (rings) {
+        ring(); // Without the lock, which the woken thread takes first.
+    }
 }
 
 void Core::stop() noexcept {

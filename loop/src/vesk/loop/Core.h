@@ -156,6 +156,8 @@ private:
     bool isLoopThread() const noexcept { return pthread_equal(m_thread, pthread_self()) != 0; }
     bool hasPosts() const noexcept TARN_REQUIRES(m_lock);
     bool hasReady() const noexcept TARN_REQUIRES(m_lock);
+    bool mustRing() noexcept TARN_REQUIRES(m_lock);
+    void ring() const noexcept;
     void wake() noexcept TARN_REQUIRES(m_lock);
     void countCalls(unsigned long ends) noexcept {
         m_calls.store(m_calls.load(std::memory_order_relaxed) + ends, std::memory_order_relaxed);
