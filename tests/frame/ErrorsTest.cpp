@@ -69,7 +69,7 @@ TEST(MutexError, hasItsRowsAlsoUnderItsOtherNameAndSoHasConditionError) {
     expectRows(
         vesk::Mutex::Error,
         {"Mutex creation failed: %s", "Mutex lock failed: %s", "Mutex unlock failed: %s",
-         "Mutex inconsistency detected: %s"},
+         "Mutex inconsistency detected: %s", "Mutex owner ended while holding it: %s"},
         1);
     EXPECT_EQ(&vesk::Mutex::Error, &vesk::ShmMutex::Error);
     expectRows(

@@ -6,6 +6,7 @@
 #include "support/TempFolder.h"
 #include "support/Testing.h"
 #include "support/Threads.h"
+#include "threads/SchedSupport.h"
 
 #include <array>
 #include <deque>
@@ -284,21 +285,6 @@ TEST_F(Load, tenThousandTimersRingAndNoneThatWasStopped) {
 }
 
 // ---- One processor ----
-
-bool useOneProcessor() {
-    cpu_set_t all;
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    if (sched_getaffinity(0, sizeof all, &all) != 0) {
-        return false;
-    }
-    for (size_t i = 0; i < CPU_SETSIZE && CPU_COUNT(&one) == 0; ++i) {
-        if (CPU_ISSET(i, &all)) {
-            CPU_SET(i, &one);
-        }
-    }
-    return sched_setaffinity(0, sizeof one, &one) == 0;
-}
 
 TEST_F(Load, onOneProcessorAllOperationsWork) {
     expectInChild([] {

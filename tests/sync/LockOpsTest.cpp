@@ -72,7 +72,7 @@ Kind const MUTEX = makeKind(
     "mutex", sizeof(pthread_mutex_t), &inject_pthread_mutexattr_init, &inject_pthread_mutexattr_setpshared,
     &inject_pthread_mutexattr_destroy, &inject_pthread_mutex_init, &inject_pthread_mutex_destroy,
     SysErrorId::UNCLASSIFIED, 0xEB, "MutexOps ~AttrCleaner: destroying mutex attributes failed, res = 22",
-    [](Memory& memory, bool shared) { return MutexOps::init(&memory.mutex, shared, shared, shared); },
+    [](Memory& memory, bool shared) { return MutexOps::init(&memory.mutex, shared, shared, shared, shared); },
     [](Memory& memory) { return MutexOps::destroy(&memory.mutex); },
     [](Memory& memory) { return pthread_mutex_lock(&memory.mutex) + pthread_mutex_unlock(&memory.mutex); });
 Kind const RWLOCK = makeKind(
@@ -119,6 +119,7 @@ auto const INIT_ROWS = eachErrno<InitRow>({
     {"mutexattr_init", &MUTEX, &inject_pthread_mutexattr_init, {EAGAIN}, SysErrorId::UNCLASSIFIED},
     {"settype", &MUTEX, &inject_pthread_mutexattr_settype, {EINVAL, ENOMEM}, SysErrorId::UNCLASSIFIED},
     {"setprotocol", &MUTEX, &inject_pthread_mutexattr_setprotocol, {ENOTSUP}, SysErrorId::UNCLASSIFIED},
+    {"setrobust", &MUTEX, &inject_pthread_mutexattr_setrobust, {EINVAL}, SysErrorId::UNCLASSIFIED},
     {"mutexattr_setpshared", &MUTEX, MUTEX.share, {EINVAL}, SysErrorId::UNCLASSIFIED},
     {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {ENOMEM}, SysErrorId::OUT_OF_MEMORY},
     {"mutex_init", &MUTEX, &inject_pthread_mutex_init, {ENOTSUP}, SysErrorId::NOT_IMPLEMENTED},
@@ -306,6 +307,10 @@ int failMutexTimedLock(int error) {
     return failOnce(
         inject_pthread_mutex_timedlock, error, [&] { return MutexOps::tryLockTimeout(&mutex, 10); });
 }
+int failMutexRecovery(int error) {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    return failOnce(inject_pthread_mutex_consistent, error, [&] { return MutexOps::recover(&mutex); });
+}
 int failRWLockDestroy(int error) {
     pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
     return failOnce(inject_pthread_rwlock_destroy, error, [&] { return RWLockOps::destroy(&lock); });
@@ -335,6 +340,7 @@ int unlockRWLock(int error) {
 
 constexpr auto MUTEX_DESTROY = setsErrno<failMutexDestroy>;
 constexpr auto MUTEX_TIMED = setsErrno<failMutexTimedLock>;
+constexpr auto MUTEX_RECOVERY = setsErrno<failMutexRecovery>;
 constexpr auto MUTEX_LOCK = setsErrno<MutexOps::handleLockError>;
 constexpr auto MUTEX_UNLOCK = setsErrno<MutexOps::handleUnlockError>;
 constexpr auto MUTEX_TRY = setsErrno<MutexOps::handleTryLockError>;
@@ -364,11 +370,16 @@ auto const ROWS = eachErrno<Row>({
     {"Mutex_timedlock", MUTEX_TIMED, {EBUSY, ETIMEDOUT}, 1, {}},
     {"Mutex_timedlock", MUTEX_TIMED, {EAGAIN, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
     {"Mutex_timedlock", MUTEX_TIMED, {EPERM, ENOTRECOVERABLE}, -1, {Mutex::ErrorId::LOCK_FAILED}},
+    {"Mutex_timedlock", MUTEX_TIMED, {EOWNERDEAD}, -1, {Mutex::ErrorId::OWNER_DIED}},
+    {"Mutex_consistent", MUTEX_RECOVERY, {EINVAL}, 1, {Mutex::ErrorId::INCONSISTENT}},
+    {"Mutex_consistent", MUTEX_RECOVERY, {EPERM}, 1, {Mutex::ErrorId::LOCK_FAILED}},
+    {"Mutex_lock", MUTEX_LOCK, {EOWNERDEAD}, 1, {Mutex::ErrorId::OWNER_DIED}},
     {"Mutex_lock", MUTEX_LOCK, {EPERM, EBUSY, EINVAL, EDEADLK}, 1, {Mutex::ErrorId::INCONSISTENT}},
     {"Mutex_lock", MUTEX_LOCK, {EAGAIN, ENOMEM}, 1, {Mutex::ErrorId::LOCK_FAILED}},
     {"Mutex_unlock", MUTEX_UNLOCK, {EPERM, EINVAL}, 1, {Mutex::ErrorId::INCONSISTENT}},
     {"Mutex_unlock", MUTEX_UNLOCK, {EBUSY, EAGAIN}, 1, {Mutex::ErrorId::UNLOCK_FAILED}},
     {"Mutex_trylock", MUTEX_TRY, {EBUSY}, 1, {}},
+    {"Mutex_trylock", MUTEX_TRY, {EOWNERDEAD}, -1, {Mutex::ErrorId::OWNER_DIED}},
     {"Mutex_trylock", MUTEX_TRY, {EPERM, EINVAL, EDEADLK}, -1, {Mutex::ErrorId::INCONSISTENT}},
     {"Mutex_trylock", MUTEX_TRY, {EAGAIN}, -1, {Mutex::ErrorId::LOCK_FAILED}},
     // A lock that fails reports the row of unlocking, and the reverse.
@@ -405,6 +416,7 @@ auto const ROWS = eachErrno<Row>({
     {"Condition_destroy", COND_DESTROY, {EBUSY, EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY}},
     {"Condition_destroy", COND_DESTROY, {EPERM}, 1, {SysErrorId::UNCLASSIFIED}},
     {"Condition_wait", COND_WAIT, {ETIMEDOUT}, 1, {}},
+    {"Condition_wait", COND_WAIT, {EOWNERDEAD}, -1, {Mutex::ErrorId::OWNER_DIED}},
     {"Condition_wait", COND_WAIT, {EINVAL, EPERM}, -1, {SysErrorId::SPOILED_INTEGRITY, NOT_WAITED}},
     {"Condition_wait", COND_WAIT, {ENOTRECOVERABLE, EBUSY}, -1, {SysErrorId::UNCLASSIFIED, NOT_WAITED}},
     {"Condition_signal", COND_SIGNAL, {EINVAL}, 1, {SysErrorId::SPOILED_INTEGRITY, NOT_SIGNALED}},

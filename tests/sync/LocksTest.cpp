@@ -23,7 +23,7 @@ TEST(LockFamilies, rowsHaveTheirTexts) {
     expectRows(
         Mutex::Error,
         {"Mutex creation failed: %s", "Mutex lock failed: %s", "Mutex unlock failed: %s",
-         "Mutex inconsistency detected: %s"},
+         "Mutex inconsistency detected: %s", "Mutex owner ended while holding it: %s"},
         1);
     expectRows(
         RWLock::Error,

@@ -4,6 +4,7 @@
 
 #include <vesk/sched.h>
 
+#include <sched.h>
 #include <sys/syscall.h>
 
 /// What the tests of scheduling have in common.
@@ -25,6 +26,22 @@ inline int setPolicy(int policy, int priority) {
     sched_param param{};
     param.sched_priority = priority;
     return pthread_setschedparam(pthread_self(), policy, &param);
+}
+
+/// Binds the calling thread to the first processor that it may use.
+inline bool useOneProcessor() {
+    cpu_set_t all;
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    if (sched_getaffinity(0, sizeof all, &all) != 0) {
+        return false;
+    }
+    for (size_t i = 0; i < CPU_SETSIZE && CPU_COUNT(&one) == 0; ++i) {
+        if (CPU_ISSET(i, &all)) {
+            CPU_SET(i, &one);
+        }
+    }
+    return sched_setaffinity(0, sizeof one, &one) == 0;
 }
 
 /// Runs `body` in a thread that `setUp` has prepared. Skips the test if the system refuses that.

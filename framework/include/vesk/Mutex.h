@@ -31,6 +31,7 @@ public:
         LOCK_FAILED = 1,   ///< Locking failed.
         UNLOCK_FAILED = 2, ///< Unlocking failed.
         INCONSISTENT = 3,  ///< The lock is broken, or its state does not allow the call.
+        OWNER_DIED = 4,    ///< The owner of a robust `ShmMutex` ended. The caller holds the lock.
     };
 
     /// Returns the family of these ids.
@@ -40,6 +41,14 @@ public:
     /// @param recursive  whether the owner may lock it again; it is free after an equal number of calls of
     ///                   `unlock`
     VESK_API_INLINE explicit Mutex(bool recursive = false) : m_impl(recursive) {}
+
+    /// What a waiting thread does to the priority of the owner: `Protocol::NONE` or `Protocol::INHERIT`.
+    using Protocol = threadsafe::MutexBase::Protocol;
+
+    /// Creates the lock with a protocol, for threads with real-time priorities:
+    /// `vesk::Mutex mutex(false, vesk::Mutex::Protocol::INHERIT);`. A lock that inherits costs more than a plain
+    /// one, also while it is free. A failure, such as a system without priority inheritance, ends the process.
+    VESK_API_INLINE Mutex(bool recursive, Protocol protocol) : m_impl(recursive, protocol) {}
 
     /// Creates a static lock, which is constant-initialized: `vesk::Mutex s_lock(threadsafe::CONSTANT_INIT);`
     constexpr explicit Mutex(threadsafe::ConstantInit init) noexcept : m_impl(init) {}

@@ -25,6 +25,16 @@ public:
     [[nodiscard]] static bool
     init(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared);
 
+    /// Creates a lock as the other `init` does, robust on request (`pthread_mutexattr_setrobust`).
+    /// @param robust  whether a caller gets the lock, and `Mutex::ErrorId::OWNER_DIED`, after its owner ended
+    [[nodiscard]] static bool
+    init(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared, bool robust);
+
+    /// Makes a lock usable again whose owner ended (`pthread_mutex_consistent`). The caller must hold it.
+    /// @return true on failure: `Mutex::ErrorId::INCONSISTENT` if the lock is not robust or needs no recovery,
+    ///         otherwise `Mutex::ErrorId::LOCK_FAILED`
+    [[nodiscard]] static bool recover(pthread_mutex_t* mutex);
+
     /// Destroys a lock that no thread holds (`pthread_mutex_destroy`). Does nothing and succeeds if the
     /// creation of the lock failed.
     /// @return true on failure: `SysErrorId::UNCLASSIFIED`
@@ -34,8 +44,8 @@ public:
     /// clock, so setting the date changes when it expires.
     /// @param timeout_ms  from now, in milliseconds; with one that has expired, a free lock is still taken
     /// @return 0 if locked, 1 if not locked in time (not reported), -1 on failure:
-    ///         `Mutex::ErrorId::INCONSISTENT` for a broken lock or one that the caller holds, otherwise
-    ///         `Mutex::ErrorId::LOCK_FAILED`
+    ///         `Mutex::ErrorId::INCONSISTENT` for a broken lock or one that the caller holds,
+    ///         `Mutex::ErrorId::OWNER_DIED` as `ShmMutex` describes, otherwise `Mutex::ErrorId::LOCK_FAILED`
     static signed char tryLockTimeout(pthread_mutex_t* mutex, long long const& timeout_ms);
 
     /// Classifies and reports the result of a failed `pthread_mutex_lock`. Always returns true.

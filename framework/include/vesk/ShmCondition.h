@@ -63,7 +63,8 @@ public:
 
     /// Waits for a signal (`pthread_cond_wait`). The caller must hold `mutex`. May return without a signal.
     /// @return true on failure: `SysErrorId::SPOILED_INTEGRITY` or `SysErrorId::UNCLASSIFIED`, then
-    ///         `ErrorId::WAIT_FAILED`
+    ///         `ErrorId::WAIT_FAILED`. `Mutex::ErrorId::OWNER_DIED` if the owner of a robust `mutex` ended: the
+    ///         caller holds the lock and calls `ShmMutex::recover`.
     [[nodiscard]] bool wait(ShmMutex& mutex) {
         int const error = pthread_cond_wait(&m_condition, &mutex.m_mutex);
         return error != 0 && ConditionOps::handleWaitError(error) != 0;

@@ -31,6 +31,14 @@ public:
     /// Returns whether the lock is held.
     bool isLocked() const noexcept { return m_locked; }
 
+    /// Takes over a robust lock that the constructor could not take because its owner ended, see `ShmMutex`. To be
+    /// called after the repair of what the lock guards. Returns true on failure, with the report of the lock's
+    /// `recover`.
+    [[nodiscard]] bool recover() TARN_NOT_ANALYZED {
+        m_locked = !m_lock.recover();
+        return !m_locked;
+    }
+
     /// Unlocks before the end of the scope. Returns true on failure, with the report of the lock's `unlock`.
     /// The guard does not touch the lock again in either case.
     [[nodiscard]] bool unlock() TARN_RELEASE() TARN_NOT_ANALYZED {

@@ -24,6 +24,12 @@ public:
     /// that another thread holds, or locking a non-recursive lock twice. Defined in the library rather than
     /// here, so that programs use the value of the library that they run with.
     static int const ERROR_INCONSISTENCY;
+
+    /// What a waiting thread does to the priority of the owner.
+    enum class Protocol : unsigned char {
+        NONE, ///< Nothing. A thread of middle priority can keep the owner, and so the waiter, from running.
+        INHERIT, ///< The owner runs at the priority of the most urgent waiter (`PTHREAD_PRIO_INHERIT`).
+    };
 };
 
 /// A mutex between the threads of one process that checks its owner. The class makes no reports: operations
@@ -34,6 +40,9 @@ public:
     /// `GlobalErrorHandler::doAbort`. The owner of a recursive lock may lock it again; the lock is free after
     /// as many calls of `unlock`.
     explicit MutexImpl(bool recursive);
+
+    /// Creates the lock with a protocol. A system without priority inheritance is such a failure.
+    MutexImpl(bool recursive, Protocol protocol);
 
 /// Creates a non-recursive lock without a system call (`PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP`).
 #if defined(TARN_CHECKS_LOCK_ORDER)

@@ -15,6 +15,10 @@ constexpr detail::FamilyIndex familyIndexOf(Condition::ErrorId /*unused*/) noexc
     return detail::FamilyIndex::CONDITION;
 }
 
+constexpr detail::FamilyIndex familyIndexOf(Mutex::ErrorId /*unused*/) noexcept {
+    return detail::FamilyIndex::MUTEX;
+}
+
 using namespace detail;
 
 namespace {
@@ -36,6 +40,8 @@ constexpr ErrnoRow DESTROY_ERRORS[] = {
 constexpr ErrnoRow WAIT_ERRORS[] = {
     {{ETIMEDOUT}, NONE, NONE, Outcome::BUSY},
     {{EINVAL, EPERM}, SysErrorId::SPOILED_INTEGRITY, Condition::ErrorId::WAIT_FAILED},
+    // Alone, as from a lock: the caller was woken, holds the lock, and recovers it in the same way.
+    {{EOWNERDEAD}, Mutex::ErrorId::OWNER_DIED},
     {OTHERS, SysErrorId::UNCLASSIFIED, Condition::ErrorId::WAIT_FAILED},
 };
 

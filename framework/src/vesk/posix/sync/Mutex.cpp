@@ -21,6 +21,7 @@ constexpr std::ErrorID ROWS[] = {
     {1, "Mutex lock failed: %s", 1},
     {2, "Mutex unlock failed: %s", 1},
     {3, "Mutex inconsistency detected: %s", 1},
+    {4, "Mutex owner ended while holding it: %s", 1},
 };
 
 } // namespace

@@ -46,11 +46,13 @@ constexpr ErrnoRow DESTROY_ERRORS[] = {
 constexpr ErrnoRow TIMED_LOCK_ERRORS[] = {
     {{EBUSY, ETIMEDOUT}, NONE, NONE, Outcome::BUSY},
     {{EAGAIN, EINVAL, EDEADLK}, Mutex::ErrorId::INCONSISTENT},
+    {{EOWNERDEAD}, Mutex::ErrorId::OWNER_DIED},
     {OTHERS, Mutex::ErrorId::LOCK_FAILED},
 };
 
 constexpr ErrnoRow LOCK_ERRORS[] = {
     {{EPERM, EBUSY, EINVAL, EDEADLK}, Mutex::ErrorId::INCONSISTENT},
+    {{EOWNERDEAD}, Mutex::ErrorId::OWNER_DIED},
     {OTHERS, Mutex::ErrorId::LOCK_FAILED},
 };
 
@@ -62,10 +64,16 @@ constexpr ErrnoRow UNLOCK_ERRORS[] = {
 constexpr ErrnoRow TRY_LOCK_ERRORS[] = {
     {{EBUSY}, NONE, NONE, Outcome::BUSY},
     {{EPERM, EINVAL, EDEADLK}, Mutex::ErrorId::INCONSISTENT},
+    {{EOWNERDEAD}, Mutex::ErrorId::OWNER_DIED},
     {OTHERS, Mutex::ErrorId::LOCK_FAILED},
 };
 
-bool create(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared) {
+constexpr ErrnoRow RECOVER_ERRORS[] = {
+    {{EINVAL}, Mutex::ErrorId::INCONSISTENT},
+    {OTHERS, Mutex::ErrorId::LOCK_FAILED},
+};
+
+bool create(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared, bool robust) {
     pthread_mutexattr_t attributes;
     if (int const error = pthread_mutexattr_init(&attributes)) {
         classifyResult(SOURCE, ATTRIBUTE_ERRORS, error);
@@ -94,6 +102,12 @@ bool create(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool 
             return true;
         }
     }
+    if (robust) {
+        if (int const error = pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST)) {
+            classifyResult(SOURCE, SETTING_ERRORS, error);
+            return true;
+        }
+    }
     if (int const error = pthread_mutex_init(mutex, &attributes)) {
         classifyResult(SOURCE, INIT_ERRORS, error);
         return true;
@@ -104,8 +118,21 @@ bool create(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool 
 } // namespace
 
 bool MutexOps::init(pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared) {
-    if (create(mutex, recursive, priority_inherit, process_shared)) {
+    return init(mutex, recursive, priority_inherit, process_shared, false);
+}
+
+bool MutexOps::init(
+    pthread_mutex_t* mutex, bool recursive, bool priority_inherit, bool process_shared, bool robust) {
+    if (create(mutex, recursive, priority_inherit, process_shared, robust)) {
         poison(mutex, FAILED_LOCK);
+        return true;
+    }
+    return false;
+}
+
+bool MutexOps::recover(pthread_mutex_t* mutex) {
+    if (int const error = pthread_mutex_consistent(mutex)) {
+        classifyResult(SOURCE, RECOVER_ERRORS, error);
         return true;
     }
     return false;
