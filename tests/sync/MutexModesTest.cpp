@@ -286,8 +286,7 @@ TEST_F(RobustShmMutex, isTakenOverByAGuardThatRecoversIt) {
 
 TEST_F(RobustShmMutex, hasNothingToRecoverWhileItsOwnersLive) {
     for (bool const is_robust : {true, false}) {
-        SharedObject<ShmMutex> const mutex(
-            false, NONE, is_robust ? ROBUST : ShmMutex::Robustness::STALLED);
+        SharedObject<ShmMutex> const mutex(false, NONE, is_robust ? ROBUST : ShmMutex::Robustness::STALLED);
         ShmMutexLock lock(*mutex);
         EXPECT_TRUE(mutex->recover());
         EXPECT_TRUE(causeIs(Mutex::ErrorId::INCONSISTENT, EINVAL));
