@@ -3,6 +3,10 @@
 add_library(vesk_build_flags INTERFACE)
 target_compile_features(vesk_build_flags INTERFACE cxx_std_17)
 target_compile_options(vesk_build_flags INTERFACE -Wall -Wextra -Wshadow -Wconversion $<$<BOOL:${VESK_WERROR}>:-Werror>)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # Notes on how version 7 of the compiler has changed the passing of some arguments; nothing is older here.
+    target_compile_options(vesk_build_flags INTERFACE -Wno-psabi)
+endif()
 if(VESK_SANITIZE)
     target_compile_options(vesk_build_flags INTERFACE -fsanitize=${VESK_SANITIZE} -fno-omit-frame-pointer)
     target_link_options(vesk_build_flags INTERFACE -fsanitize=${VESK_SANITIZE})

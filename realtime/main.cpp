@@ -181,7 +181,8 @@ void measureSignal(int samples) {
         Given given;
     } caught;
     vesk::SignalCatcher const catcher(
-        SIGUSR1, [](int, void* data) {
+        SIGUSR1,
+        [](int, void* data) {
             auto& to = *static_cast<Caught*>(data);
             to.given.take(to.row);
         },
@@ -365,7 +366,8 @@ void measure(Scene const& scene, int samples) {
     measureLoop(samples);
     if (scene.is_real_time) {
         int const rounds = std::min(samples, 50);
-        measureInversion(rounds, "`lock` of an urgent thread, 20 ms of middle work", vesk::Mutex::Protocol::NONE);
+        measureInversion(
+            rounds, "`lock` of an urgent thread, 20 ms of middle work", vesk::Mutex::Protocol::NONE);
         measureInversion(rounds, "the same, `Protocol::INHERIT`", vesk::Mutex::Protocol::INHERIT);
     }
 }

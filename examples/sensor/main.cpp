@@ -86,6 +86,7 @@ public:
     }
 
 private:
+    // The urgent thread may print these: it has nothing to read while the line opens or is gone.
     void lineOpened() override { tell("line open"); }
     void lineLost(std::string const& why) override {
         std::cerr << why << std::endl;
@@ -117,7 +118,8 @@ private:
     }
 
     Output m_output;
-    vesk::Mutex m_mutex;
+    // The publisher has the lowest priority: nothing may keep it from leaving the lock while the line's thread waits.
+    vesk::Mutex m_mutex{false, vesk::Mutex::Protocol::INHERIT};
     Statistics m_statistics;
     Worker m_publisher;
     examples::Tick m_summary;
