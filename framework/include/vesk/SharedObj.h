@@ -66,7 +66,8 @@ public:
     [[nodiscard]] bool load(char const* path);
 
     /// Releases the shared object (`dlclose`). It stays in the process while other objects have loaded it.
-    /// Not a cancellation point, whatever its finalizers do.
+    /// Not a cancellation point, whatever its finalizers do. May fail while another thread ends the process: the C
+    /// library then counts the users of shared objects without a lock.
     /// @return true on failure: `ErrorId::UNLOAD_FAILED`, with the shared object still loaded;
     ///         `CommonErrorId::CONTRACT_BROKEN` if nothing is loaded
     [[nodiscard]] bool unload();
