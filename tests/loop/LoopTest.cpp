@@ -231,6 +231,37 @@ TEST_F(LoopTest, postsOfManyThreadsArriveInOrderWithoutLoss) {
     EXPECT_EQ(THREADS * POSTS, calls);
 }
 
+TEST_F(LoopTest, noPostIsLeftWaitingIfTheLoopBeginsToWaitAtTheSameTime) {
+    constexpr int POSTS = 20000;
+    std::atomic<int> calls{0};
+    std::thread poster([&] {
+        for (int i = 1; i <= POSTS; ++i) {
+            EXPECT_TRUE(loop.post([&calls] { ++calls; }));
+            ASSERT_TRUE(eventually([&] { return calls == i; })) << i; // The loop is about to wait now.
+        }
+        loop.stop();
+    });
+    EXPECT_TRUE(loop.run());
+    poster.join();
+    EXPECT_EQ(POSTS, calls);
+}
+
+TEST(LoopOfPosts, mayBeDestroyedAsSoonAsTheLastOneHasStoppedIt) {
+    for (int round = 0; round < 500; ++round) {
+        auto loop = std::make_unique<Loop>();
+        std::thread poster([&loop = *loop, round] {
+            if (round % 2 == 0) {
+                EXPECT_TRUE(loop.post([&loop] { loop.stop(); }));
+            } else {
+                loop.stop();
+            }
+        });
+        EXPECT_TRUE(loop->run());
+        loop.reset(); // The other thread may be inside its call still.
+        poster.join();
+    }
+}
+
 TEST_F(LoopTest, postOfACallbackWaitsForTheNextRound) {
     ASSERT_TRUE(loop.post([this] {
         log += "a";

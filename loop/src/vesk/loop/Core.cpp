@@ -59,7 +59,11 @@ void Core::close() noexcept {
     Batch batches[PRIORITIES];
     std::shared_ptr<Callback<void(std::exception_ptr)>> hook;
     Locked const locked(m_lock);
-    std::swap(posts, m_posts);
+    {
+        Locked const posts_locked(m_post_lock);
+        std::swap(posts, m_posts);
+        m_has_posts = false;
+    }
     std::swap(batches, m_batches);
     m_has_batch = false;
     std::swap(hook, m_exception_hook);
@@ -166,51 +170,35 @@ int Core::signal(Source const& child, pid_t pid, int number) noexcept {
 
 // ---- posts and wake-ups ----
 
-bool Core::hasPosts() const noexcept {
-    return m_has_batch || std::any_of(std::begin(m_posts), std::end(m_posts), [](Calls const& calls) {
-               return !calls.empty();
-           });
-}
-
 bool Core::hasReady() const noexcept {
     constexpr auto IS_FILLED = [](Link const& list) { return !list.isAlone(); };
     return std::any_of(std::begin(m_ready), std::end(m_ready), IS_FILLED) ||
         std::any_of(std::begin(m_due), std::end(m_due), IS_FILLED);
 }
 
-/// Returns whether the loop's thread waits, or will wait, and no other thread is about to end that.
-bool Core::mustRing() noexcept {
-    return !m_is_awake && !isInherited() && !std::exchange(m_is_woken, true);
-}
-
-/// Ends the wait of the loop's thread. The counter of the descriptor is never read: the loop watches its edges.
-void Core::ring() const noexcept {
-    CancellationOff const cancellation_off;
-    eventfd_write(m_event.get(), 1);
-}
-
-/// Ends the wait of the loop's thread, or the next one.
+/// Ends the wait of the loop's thread, or the next one, unless another thread is about to do that. The counter of the
+/// descriptor is never read: the loop watches its edges.
 void Core::wake() noexcept {
-    if (mustRing()) {
-        ring();
+    if (!m_is_awake && !isInherited() && !m_is_woken.exchange(true)) {
+        CancellationOff const cancellation_off;
+        eventfd_write(m_event.get(), 1);
     }
 }
 
+// The lock is held to the end: the loop may be destroyed as soon as the call has run.
 void Core::post(Callback<void()>&& call, Priority priority) {
-    bool rings = false;
-    {
-        Locked const locked(m_lock);
-        m_posts[static_cast<size_t>(priority)].push_back(std::move(call));
-        rings = mustRing();
+    Locked const locked(m_post_lock);
+    m_posts[static_cast<size_t>(priority)].push_back(std::move(call));
+    if (!m_has_posts.load(std::memory_order_relaxed)) {
+        m_has_posts = true;
     }
-    if (rings) {
-        ring(); // Without the lock, which the woken thread takes first.
-    }
+    wake();
 }
 
+// The lock is held to the end: the loop may be destroyed as soon as it has stopped.
 void Core::stop() noexcept {
-    m_stop = true;
     Locked const locked(m_lock);
+    m_stop = true;
     wake();
 }
 
@@ -238,17 +226,20 @@ int Core::runOnce(Clock::duration timeout, bool& called) {
         return errno;
     }
     Locked const locked(m_lock);
-    m_is_awake = true;
-    m_is_woken = false;
+    // The order of these does not matter: a thread that sees one of them late ends the next wait without need.
+    m_is_awake.store(true, std::memory_order_relaxed);
+    m_is_woken.store(false, std::memory_order_relaxed);
     for (int i = 0; i < count; ++i) {
         collect(m_events[static_cast<size_t>(i)]);
     }
     collectTimers();
     called = fireAll();
-    m_is_awake = !m_timer_fd.isOpen(); // Another loop may wait for this one by its descriptor.
-    armTimerFd();
-    if (m_timer_fd.isOpen() && (hasPosts() || hasReady() || !m_idle.empty())) {
-        wake();
+    if (m_timer_fd.isOpen()) { // Another loop may wait for this one by its descriptor.
+        m_is_awake = false;
+        armTimerFd();
+        if (hasPosts() || hasReady() || !m_idle.empty()) {
+            wake();
+        }
     }
     return 0;
 }
@@ -321,6 +312,11 @@ void Core::fire(Source& source) {
 
 /// Takes what was posted. A batch that `stop` has cut goes on before.
 void Core::takePosts() {
+    if (!m_has_posts) {
+        return;
+    }
+    bool has_more = false;
+    Locked const locked(m_post_lock);
     for (size_t i = 0; i < PRIORITIES; ++i) {
         Batch& batch = m_batches[i];
         if (batch.isOver()) {
@@ -329,7 +325,9 @@ void Core::takePosts() {
             batch.calls.swap(m_posts[i]);
         }
         m_has_batch |= !batch.isOver();
+        has_more |= !m_posts[i].empty();
     }
+    m_has_posts = has_more;
 }
 
 namespace {

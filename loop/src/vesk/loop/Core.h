@@ -154,11 +154,9 @@ private:
     void setOver(Source& source) noexcept TARN_REQUIRES(m_lock);
     void setReady(Source& source) noexcept TARN_REQUIRES(m_lock);
     bool isLoopThread() const noexcept { return pthread_equal(m_thread, pthread_self()) != 0; }
-    bool hasPosts() const noexcept TARN_REQUIRES(m_lock);
+    bool hasPosts() const noexcept TARN_REQUIRES(m_lock) { return m_has_batch || m_has_posts; }
     bool hasReady() const noexcept TARN_REQUIRES(m_lock);
-    bool mustRing() noexcept TARN_REQUIRES(m_lock);
-    void ring() const noexcept;
-    void wake() noexcept TARN_REQUIRES(m_lock);
+    void wake() noexcept;
     void countCalls(unsigned long ends) noexcept {
         m_calls.store(m_calls.load(std::memory_order_relaxed) + ends, std::memory_order_relaxed);
     }
@@ -171,7 +169,7 @@ private:
     void collectTimers() noexcept TARN_REQUIRES(m_lock);
     bool fireAll() TARN_REQUIRES(m_lock);
     bool firePosts(Batch& batch) TARN_REQUIRES(m_lock) TARN_NOT_ANALYZED;
-    void takePosts() TARN_REQUIRES(m_lock);
+    void takePosts() TARN_REQUIRES(m_lock) TARN_EXCLUDES(m_post_lock);
     void fire(Source& source) TARN_REQUIRES(m_lock);
     template <typename Call>
     void callOut(Call&& call) TARN_EXCLUDES(m_lock);
@@ -196,6 +194,10 @@ private:
     UniqueFd m_epoll;
     UniqueFd m_event;
     std::atomic<bool> m_stop{false};
+    // Whether the loop's thread looks at all that other threads change before it waits, so that nothing must end its wait.
+    // It clears this and then reads `m_has_posts`; a thread that posts sets that and then reads this.
+    std::atomic<bool> m_is_awake{true};
+    std::atomic<bool> m_is_woken{false};
 
     Lock m_lock;
     std::condition_variable m_callback_over;
@@ -205,14 +207,10 @@ private:
     std::shared_ptr<Source> m_kept; ///< That source, once its watch is gone. For the loop's thread.
     size_t m_waiting TARN_GUARDED_BY(m_lock) = 0; ///< Threads that wait for the end of a callback.
     std::atomic<unsigned long> m_calls{0};        ///< Changed by the loop's thread only.
-    // Whether nothing waits that does not look at the posts and timers before, so that no wake-up is needed.
-    bool m_is_awake TARN_GUARDED_BY(m_lock) = true;
-    bool m_is_woken TARN_GUARDED_BY(m_lock) = false;
     size_t m_active TARN_GUARDED_BY(m_lock) = 0;
     Link m_ready[PRIORITIES] TARN_GUARDED_BY(m_lock);
     // What fires in this round.
     Link m_due[PRIORITIES] TARN_GUARDED_BY(m_lock);
-    Calls m_posts[PRIORITIES] TARN_GUARDED_BY(m_lock);
     bool m_has_batch TARN_GUARDED_BY(m_lock) = false;
     std::vector<Slot> m_slots TARN_GUARDED_BY(m_lock);
     std::vector<SignalSource*> m_signals TARN_GUARDED_BY(m_lock);
@@ -233,6 +231,12 @@ private:
     Batch m_batches[PRIORITIES];
     bool m_waits_precisely = true;
     std::shared_ptr<Callback<void(std::exception_ptr)>> m_exception_hook TARN_GUARDED_BY(m_lock);
+
+    // Far from `m_lock`, which the loop's thread takes several times in a round: its cache line would go to and fro
+    // between this thread and those that post. Acquired alone, or after `m_lock`.
+    Lock m_post_lock;
+    Calls m_posts[PRIORITIES] TARN_GUARDED_BY(m_post_lock);
+    std::atomic<bool> m_has_posts{false}; ///< Changed with the lock held.
 };
 
 } // namespace vesk::loop::detail
