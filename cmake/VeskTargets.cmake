@@ -79,10 +79,15 @@ function(vesk_add_library name symbol)
     target_compile_features(${name} PUBLIC cxx_std_17)
     target_link_libraries(
         ${name}
-        PUBLIC Threads::Threads
+        PUBLIC Threads::Threads ${VESK_ATOMIC_LIBRARY}
         PRIVATE $<BUILD_INTERFACE:vesk_build_flags> ${VESK_SYSTEM_LIBRARIES})
     # Calls inside a library are bound to the library; a program can replace only functions of libc.
-    target_compile_options(${name} PRIVATE -fno-semantic-interposition -fno-plt)
+    target_compile_options(${name} PRIVATE -fno-semantic-interposition)
+    # On PowerPC, the linker (Binutils 2.40) redirects calls of `__tls_get_addr` to `__tls_get_addr_opt`, which only
+    # the PLT may call: code without a PLT would get a wrong address of each thread-local object.
+    if(NOT VESK_IS_POWERPC)
+        target_compile_options(${name} PRIVATE -fno-plt)
+    endif()
     vesk_harden(${name})
     # On 32-bit systems memory is scarce. `vesk_optimize_speed` names the exceptions.
     if(VESK_OPTIMIZES_SIZE)

@@ -131,15 +131,15 @@ public:
     void read(int fd) override {
         std::array<char, 256> bytes;
         ssize_t const count = ::read(fd, bytes.data(), bytes.size());
-        m_bytes += count > 0 ? static_cast<long long>(count) : 0;
+        m_bytes += count > 0 ? static_cast<long>(count) : 0;
     }
 
     void error(int fd) override { tell("descriptor %d has failed", fd); }
 
-    long long getBytes() const { return m_bytes; }
+    long getBytes() const { return m_bytes; }
 
 private:
-    std::atomic<long long> m_bytes{0};
+    std::atomic<long> m_bytes{0};
 };
 
 /// A client that is added, polled without receiving an event, and removed.
@@ -221,7 +221,7 @@ void pollPipes() {
     close(silent[0]);
     close(silent[1]);
     tell(
-        "%lld of %d bytes through %zu pipes, while %zu other clients were added and removed: %.0f ms",
+        "%ld of %d bytes through %zu pipes, while %zu other clients were added and removed: %.0f ms",
         counter.getBytes(), BYTES, PIPES, PASSERS, us / 1000);
 }
 

@@ -300,7 +300,7 @@ constexpr std::pair<unsigned int, speed_t> SPEEDS[] = {
     {230400, B230400},
     // A number that happens to be a constant of the system is passed on as it is.
     {13, B9600},
-    {0x1002, B115200}};
+    {static_cast<unsigned int>(B115200), B115200}};
 VESK_TEST_TABLE(SerialPortSpeeds, areSetForBothDirections, SerialPortTest, SPEEDS) {
     m_port.setBaudRate(GetParam().first);
     ASSERT_FALSE(m_port.open());
@@ -309,8 +309,11 @@ VESK_TEST_TABLE(SerialPortSpeeds, areSetForBothDirections, SerialPortTest, SPEED
     EXPECT_EQ(GetParam().second, cfgetispeed(&line));
 }
 
-constexpr unsigned int BAD_SPEEDS[] = {75,   110,    134,    150,    200,     600,
-                                       1800, 460800, 500000, 921600, 4000000, 0xFFFFFFFF};
+constexpr unsigned int BAD_SPEEDS[] = {
+#ifndef __powerpc__ // The C library accepts each number below 256 there.
+    75,  110,  134,    150,    200,
+#endif
+    600, 1800, 460800, 500000, 921600, 4000000, 0xFFFFFFFF};
 VESK_TEST_TABLE(
     SerialPortBadSpeeds, areRefusedForBothDirectionsAndTheLineIsClosed, SerialPortTest, BAD_SPEEDS) {
     m_port.setBaudRate(GetParam());
@@ -401,7 +404,7 @@ TEST_F(SerialPortTest, portWithoutItsBufferIsNeverValidAndLosesNoDescriptor) {
     EXPECT_FALSE(port.open());
     EXPECT_EQ("", readFrom(port, 1, -1));
     EXPECT_TRUE(chainIs({{CommonErrorId::OUT_OF_MEMORY}, {StreamErrorId::UNUSABLE}}));
-    port.setBaudRate(75);
+    port.setBaudRate(600);
     EXPECT_TRUE(port.open());
     EXPECT_EQ(-1, port.getDescriptor()) << "a refused line is not left open";
     ErrnoCase const refused = {EINVAL, SysErrorId::UNCLASSIFIED, FileAccessErrorId::UNCLASSIFIED};

@@ -40,7 +40,13 @@ constexpr SpeedRow SPEEDS[] = {
     {19200, B19200}, {38400, B38400}, {57600, B57600}, {115200, B115200}, {230400, B230400},
 };
 static_assert(B50 == 1 && B300 == 7 && B1200 == 9 && B2400 == 11 && B4800 == 12 && B9600 == 13);
-static_assert(B19200 == 14 && B38400 == 15 && B57600 == 0x1001 && B115200 == 0x1002 && B230400 == 0x1003);
+static_assert(B19200 == 14 && B38400 == 15);
+#ifdef __powerpc__
+// The numbers of the fast speeds follow the others. `cfsetospeed` accepts each number below 256 there.
+static_assert(B57600 == 0x10 && B115200 == 0x11 && B230400 == 0x12);
+#else
+static_assert(B57600 == 0x1001 && B115200 == 0x1002 && B230400 == 0x1003);
+#endif
 
 /// Returns the system's constant for a speed. Returns an unknown speed unchanged, and the system refuses it.
 speed_t getSpeed(unsigned int baud_rate) noexcept {
