@@ -3,6 +3,7 @@
 #include "AnswerCalls.h"
 #include "MonitorSupport.h"
 #include "NetlinkMessages.h"
+#include "support/ByteOrder.h"
 
 #include <vesk/Socket.h>
 
@@ -64,6 +65,19 @@ std::string toHex(void const* data, size_t size) {
     return text;
 }
 
+/// Returns the digits of an address.
+std::string addressToHex(void const* address, size_t size) {
+    std::string const bytes = support::addressToLittleEndian(address, size);
+    return toHex(bytes.data(), bytes.size());
+}
+
+/// Returns the digits of a message that begins with its header.
+std::string messageToHex(void const* message, size_t size) {
+    std::string const bytes =
+        support::toLittleEndian(message, size, {{0, 4}, {4, 2}, {6, 2}, {8, 4}, {12, 4}});
+    return toHex(bytes.data(), bytes.size());
+}
+
 /// The kernel's end of the socket during its lifetime. After the last step it stops the monitor.
 class Kernel {
 public:
@@ -104,14 +118,15 @@ public:
         return m_fd;
     }
     int bind(int fd, sockaddr const* address, socklen_t size) {
-        record("bind", nameOf(fd), toHex(address, size));
+        record("bind", nameOf(fd), addressToHex(address, size));
         return 0;
     }
     ssize_t sendmsg(int fd, msghdr const* message, int flags) {
         record(
-            "sendmsg", nameOf(fd), flags, message->msg_flags, toHex(message->msg_name, message->msg_namelen),
-            message->msg_iovlen, message->msg_controllen, message->msg_control == nullptr ? "-" : "control");
-        requests.push_back(toHex(message->msg_iov->iov_base, message->msg_iov->iov_len));
+            "sendmsg", nameOf(fd), flags, message->msg_flags,
+            addressToHex(message->msg_name, message->msg_namelen), message->msg_iovlen,
+            message->msg_controllen, message->msg_control == nullptr ? "-" : "control");
+        requests.push_back(messageToHex(message->msg_iov->iov_base, message->msg_iov->iov_len));
         return static_cast<ssize_t>(message->msg_iov->iov_len);
     }
     ssize_t recvmsg(int fd, msghdr* message, int flags) {
@@ -144,7 +159,7 @@ public:
         return static_cast<ssize_t>(size);
     }
     ssize_t send(int fd, void const* data, size_t size, int flags) {
-        wakes.push_back(nameOf(fd) + " " + std::to_string(flags) + " " + toHex(data, size));
+        wakes.push_back(nameOf(fd) + " " + std::to_string(flags) + " " + messageToHex(data, size));
         on_send();
         return static_cast<ssize_t>(size);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/ByteOrder.h"
 #include "support/Inject.h"
 
 #include <tarncommon/tarnbase/NonCopyable.h>
@@ -70,6 +71,19 @@ public:
             text += digits;
         }
         return text;
+    }
+    static std::string toHex(std::string const& bytes) { return toHex(bytes.data(), bytes.size()); }
+    /// Returns the digits of an address.
+    static std::string toHex(sockaddr const* address, socklen_t size) {
+        return toHex(addressToLittleEndian(address, size));
+    }
+    /// Returns the digits of the value of an option: an `int`, or addresses and the index of an interface.
+    static std::string toHex(int level, int option, void const* value, socklen_t size) {
+        if (level == IPPROTO_IP) {
+            return toHex(value, size);
+        }
+        bool const is_group = level == IPPROTO_IPV6 && option == IPV6_ADD_MEMBERSHIP;
+        return toHex(toLittleEndian(value, size, {{is_group ? sizeof(in6_addr) : 0, sizeof(int)}}));
     }
     static std::string toText(int level, int option) {
         struct Name {
@@ -147,7 +161,7 @@ VESK_INJECT_ERRNO(
 VESK_INJECT_RECORDED(
     int, setsockopt, (int fd, int level, int option, void const* value, socklen_t length) noexcept,
     (fd, level, option, value, length), 0,
-    CallRecorder::toText(level, option) + ", " + CallRecorder::toHex(value, length))
+    CallRecorder::toText(level, option) + ", " + CallRecorder::toHex(level, option, value, length))
 VESK_INJECT_RECORDED(
     int, bind, (int fd, sockaddr const* address, socklen_t length) noexcept, (fd, address, length), 0,
     CallRecorder::toHex(address, length))

@@ -63,7 +63,7 @@ bool takeAddress(Place place, int result, ifreq const& answer, bool& has, IPSock
 }
 
 void takeFlags(ifreq const& answer, NetDevice::InterfaceInfo& info) noexcept {
-    memcpy(&info.flags, &answer.ifr_ifru, sizeof info.flags);
+    info.flags = static_cast<uint16_t>(answer.ifr_flags); // A `short` at the start of its word.
     info.up = (info.flags & IFF_UP) != 0;
     info.running = (info.flags & IFF_RUNNING) != 0;
     info.promiscuous = (info.flags & IFF_PROMISC) != 0;
@@ -84,7 +84,7 @@ void takeHardwareAddress(ifreq const& answer, NetDevice::InterfaceInfo& info) no
 }
 
 void prepare(ifreq& request, struct if_nameindex const& row) noexcept {
-    // Clear the whole request: the flags fill only half of their word.
+    // Clear the whole request: the name must end with a zero.
     request = ifreq{};
     strncpy(request.ifr_name, row.if_name, IFNAMSIZ - 1);
 }

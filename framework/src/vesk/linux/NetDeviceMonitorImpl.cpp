@@ -230,11 +230,11 @@ void handleIfInfo(NetDeviceMonitor& monitor, Snapshot& snapshot, uint16_t type, 
 }
 
 NetworkInterface::AddrInfo readAddress(ifaddrmsg const& info, Bytes attributes) {
-    // The header of the first attribute. Its length has this bit set for an IPv6 address, but not for an IPv4
-    // address. So an IPv6 address without another end becomes the peer.
-    constexpr uint32_t PEER_BIT = 0x10;
-    uint32_t first_word = 0;
-    attributes.read(0, first_word);
+    // The length of the first attribute has this bit set for an IPv6 address, but not for an IPv4 address. So an
+    // IPv6 address without another end becomes the peer.
+    constexpr unsigned short PEER_BIT = 0x10;
+    rtattr first{};
+    attributes.read(0, first);
 
     NetworkInterface::AddrInfo address;
     static_cast<void>(address.netmask.set_prefix(
@@ -249,8 +249,8 @@ NetworkInterface::AddrInfo readAddress(ifaddrmsg const& info, Bytes attributes) 
             static_cast<void>(address.peer.set(info.ifa_family, data));
             break;
         case IFA_ADDRESS:
-            static_cast<void>(
-                ((first_word & PEER_BIT) != 0 ? address.peer : address.address).set(info.ifa_family, data));
+            static_cast<void>(((first.rta_len & PEER_BIT) != 0 ? address.peer : address.address)
+                                  .set(info.ifa_family, data));
             break;
         default:
             break;
