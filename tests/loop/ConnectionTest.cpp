@@ -1,5 +1,6 @@
 #include "LoopSupport.h"
 #include "support/Descriptors.h"
+#include "support/Emulation.h"
 #include "support/TempFolder.h"
 
 #include <vesk/loop/Datagram.h>
@@ -239,9 +240,10 @@ TEST_F(ConnectionTest, eachDeadlineEndsTheConnection) {
 
 TEST_F(ConnectionTest, activityPutsADeadlineOff) {
     connectPair();
-    other.setDeadlines({40ms, {}, 40ms});
+    constexpr int SLOWDOWN = support::IS_SLOW ? 10 : 1;
+    other.setDeadlines({SLOWDOWN * 40ms, {}, SLOWDOWN * 40ms});
     Timer const timer = valueOf(loop.every(5ms, [this] { EXPECT_TRUE(one.write("x")); }));
-    EXPECT_TRUE(runUntil(loop, [this] { return text.size() == 20 || ends > 0; }));
+    EXPECT_TRUE(runUntil(loop, [this] { return text.size() >= SLOWDOWN * 20 || ends > 0; }));
     EXPECT_EQ(0, ends);
 }
 
@@ -413,8 +415,11 @@ TEST(DatagramTest, hasTheSettingsOfMulticastAndBroadcast) {
             valueOf(Datagram::open(loop, text.substr(0, space), [](std::string_view, Address const&) {}));
         Address const group = valueOf(Address::parse(text.substr(space + 1)));
         EXPECT_TRUE(socket.setMulticast(3, false));
-        EXPECT_TRUE(socket.join(group, "lo"));
-        EXPECT_TRUE(socket.leave(group, "lo"));
+        // For 64-bit programs QEMU's user mode passes another index than that of the interface.
+        if (group.family() == AF_INET6 || sizeof(void*) == 4 || !support::IS_EMULATED) {
+            EXPECT_TRUE(socket.join(group, "lo"));
+            EXPECT_TRUE(socket.leave(group, "lo"));
+        }
         EXPECT_FALSE(socket.leave(group, "lo"));
         EXPECT_TRUE(socket.join(group, "no such").error() == std::errc::no_such_device);
         EXPECT_TRUE(socket.setMulticast(300, false).error() == std::errc::invalid_argument);

@@ -92,7 +92,7 @@ std::string const MASK64 = "/ffff:ffff:ffff:ffff:0000:0000:0000:0000";
 std::string const MASK128 = "/ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff";
 constexpr char const* LO_ADDRESS = "address_operable lo 127.0.0.1/255.0.0.0";
 
-VESK_NETWORK_TEST(Kernel, reportsTheExistingInterface) {
+VESK_MONITOR_TEST(Kernel, reportsTheExistingInterface) {
     Watcher watcher;
     watcher.start();
     std::string const ipv6 = "-" + MASK128 + " peer ::1";
@@ -107,7 +107,7 @@ VESK_NETWORK_TEST(Kernel, reportsTheExistingInterface) {
     EXPECT_FALSE(watcher.stop());
 }
 
-VESK_NETWORK_TEST(Kernel, reportsManyExistingInterfaces) {
+VESK_MONITOR_TEST(Kernel, reportsManyExistingInterfaces) {
     constexpr int COUNT = 60; // More than one datagram of each kind.
     auto const addressOf = [](int i) {
         std::string const net = "10." + std::to_string(i);
@@ -133,7 +133,7 @@ VESK_NETWORK_TEST(Kernel, reportsManyExistingInterfaces) {
     }
 }
 
-VESK_NETWORK_TEST(Kernel, reportsAPairFromItsCreationToItsRemoval) {
+VESK_MONITOR_TEST(Kernel, reportsAPairFromItsCreationToItsRemoval) {
     Watcher watcher;
     watcher.start();
     std::string const mac = "02:1a:2b:3c:4d:5e";
@@ -171,7 +171,7 @@ VESK_NETWORK_TEST(Kernel, reportsAPairFromItsCreationToItsRemoval) {
         rest.empty() && std::find(end.begin(), end.end(), "interface_disappeared right") == end.end());
 }
 
-VESK_NETWORK_TEST(Kernel, reportsTheFarEndOfIPv6Only) {
+VESK_MONITOR_TEST(Kernel, reportsTheFarEndOfIPv6Only) {
     ASSERT_TRUE(makeInterface("lone"));
     Watcher watcher("lone");
     ASSERT_TRUE(addAddress("lone", "10.0.0.1 peer 10.0.0.2/32"));
@@ -190,7 +190,7 @@ VESK_NETWORK_TEST(Kernel, reportsTheFarEndOfIPv6Only) {
     }
 }
 
-VESK_NETWORK_TEST(Kernel, reportsATentativeAddressWhenItsCheckHasEnded) {
+VESK_MONITOR_TEST(Kernel, reportsATentativeAddressWhenItsCheckHasEnded) {
     if (!hasIPv6()) {
         GTEST_SKIP() << "the kernel has no IPv6";
     }
@@ -209,7 +209,7 @@ VESK_NETWORK_TEST(Kernel, reportsATentativeAddressWhenItsCheckHasEnded) {
         "left", Log{"interface_status left"} + addressAppears("-" + MASK64 + " peer fd00::1", "left"));
 }
 
-VESK_NETWORK_TEST(Kernel, reportsThatAnInterfaceMovesToAnotherNetwork) {
+VESK_MONITOR_TEST(Kernel, reportsThatAnInterfaceMovesToAnotherNetwork) {
     ASSERT_TRUE(makePair("left", "right"));
     Watcher watcher("left");
     PreparedChild const other([] { ASSERT_TRUE(separateNetwork()); }, pause);
@@ -219,7 +219,7 @@ VESK_NETWORK_TEST(Kernel, reportsThatAnInterfaceMovesToAnotherNetwork) {
 }
 
 // The kernel reports the removal of the port as that of an interface, and then the interface again.
-VESK_NETWORK_TEST(Kernel, reportsAnInterfaceThatLeavesItsBridgeAsRemovedAndNew) {
+VESK_MONITOR_TEST(Kernel, reportsAnInterfaceThatLeavesItsBridgeAsRemovedAndNew) {
     ASSERT_TRUE(makeInterface("lone"));
     ASSERT_TRUE(makePair("left", "right"));
     ASSERT_TRUE(ip("link set dev left master lone"));
@@ -232,7 +232,7 @@ VESK_NETWORK_TEST(Kernel, reportsAnInterfaceThatLeavesItsBridgeAsRemovedAndNew) 
 }
 
 // In steps, so that the kernel drops none of them.
-VESK_NETWORK_TEST(Kernel, reportsEachOfHundredsOfChangesOnce) {
+VESK_MONITOR_TEST(Kernel, reportsEachOfHundredsOfChangesOnce) {
     ASSERT_TRUE(makeInterface("lone"));
     Watcher watcher("lone");
     for (int round = 0; round < 10; ++round) {
@@ -372,7 +372,7 @@ there(std::vector<std::string> const& interfaces, char const* with, int first, i
     return all;
 }
 
-VESK_NETWORK_TEST(Loss, ofChangesIsMadeGood) {
+VESK_MONITOR_TEST(Loss, ofChangesIsMadeGood) {
     for (char const* const name : {"gate", "lone", "old"}) {
         ASSERT_TRUE(makeInterface(name));
     }
@@ -394,7 +394,7 @@ VESK_NETWORK_TEST(Loss, ofChangesIsMadeGood) {
 }
 
 // The monitor receives messages again while the small room still makes the kernel drop others.
-VESK_NETWORK_TEST(Loss, isMadeGoodDuringFurtherChangesAndTheRemovalOfAnInterfaceWithManyAddresses) {
+VESK_MONITOR_TEST(Loss, isMadeGoodDuringFurtherChangesAndTheRemovalOfAnInterfaceWithManyAddresses) {
     ASSERT_TRUE(makeInterface("gate"));
     ASSERT_TRUE(makeInterface("lone"));
     SlowWatcher watcher;
@@ -412,7 +412,7 @@ VESK_NETWORK_TEST(Loss, isMadeGoodDuringFurtherChangesAndTheRemovalOfAnInterface
     EXPECT_TRUE(watcher.stop());
 }
 
-VESK_NETWORK_TEST(Kernel, isStoppedAtAnyMomentAndAfterTheDumps) {
+VESK_MONITOR_TEST(Kernel, isStoppedAtAnyMomentAndAfterTheDumps) {
     int const descriptors = countDescriptors();
     for (int round = 0; round < ROUNDS; ++round) {
         for (bool const after_the_dumps : {false, true}) {
@@ -429,7 +429,7 @@ VESK_NETWORK_TEST(Kernel, isStoppedAtAnyMomentAndAfterTheDumps) {
     EXPECT_EQ(descriptors, countDescriptors());
 }
 
-VESK_NETWORK_TEST(Kernel, isStoppedDuringEachCallbackOfTheDumps) {
+VESK_MONITOR_TEST(Kernel, isStoppedDuringEachCallbackOfTheDumps) {
     ASSERT_TRUE(ip("link add name one type bridge\nlink add name two type bridge"));
     for (int call = 0; call < 14; ++call) {
         Watcher watcher;
@@ -444,7 +444,7 @@ VESK_NETWORK_TEST(Kernel, isStoppedDuringEachCallbackOfTheDumps) {
     }
 }
 
-VESK_NETWORK_TEST(Kernel, isStoppedBySeveralThreadsAtOnce) {
+VESK_MONITOR_TEST(Kernel, isStoppedBySeveralThreadsAtOnce) {
     int const descriptors = countDescriptors();
     for (int round = 0; round < ROUNDS; ++round) {
         Watcher watcher;
@@ -456,7 +456,7 @@ VESK_NETWORK_TEST(Kernel, isStoppedBySeveralThreadsAtOnce) {
 }
 
 // The other thread opens descriptors with the number of the closed socket at once.
-VESK_NETWORK_TEST(Kernel, closesNoDescriptorOfAnotherThread) {
+VESK_MONITOR_TEST(Kernel, closesNoDescriptorOfAnotherThread) {
     std::atomic<bool> is_over{false};
     std::thread other([&] {
         while (!is_over) {
@@ -480,6 +480,7 @@ VESK_NETWORK_TEST(Kernel, closesNoDescriptorOfAnotherThread) {
 }
 
 TEST(Kernel, closesTheSocketOfACanceledThread) {
+    VESK_SKIP_WITHOUT_BYTE_ORDER_OF_KERNEL();
     VESK_SKIP_WITHOUT_NETWORKS();
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizer keeps its marks of the stack frames that a cancelled thread has left";

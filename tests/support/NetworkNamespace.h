@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/Emulation.h"
 #include "support/Privileges.h"
 
 #include <fcntl.h>
@@ -132,10 +133,16 @@ inline bool mayMakeNetworks() {
     }
 
 /// Defines a test with a body that runs in a child with a separate network namespace.
-#define VESK_NETWORK_TEST(suite, name)                                                                       \
+#define VESK_NETWORK_TEST_IF(suite, name, skip)                                                              \
     static void suite##_##name();                                                                            \
     TEST(suite, name) {                                                                                      \
+        skip;                                                                                                \
         VESK_SKIP_WITHOUT_NETWORKS();                                                                        \
         support::expectInNetwork(suite##_##name);                                                            \
     }                                                                                                        \
     static void suite##_##name()
+#define VESK_NETWORK_TEST(suite, name) VESK_NETWORK_TEST_IF(suite, name, static_cast<void>(0))
+
+/// The same for a monitor of the kernel's interfaces, which wakes itself by a netlink message without content.
+#define VESK_MONITOR_TEST(suite, name)                                                                       \
+    VESK_NETWORK_TEST_IF(suite, name, VESK_SKIP_WITHOUT_BYTE_ORDER_OF_KERNEL())

@@ -1,3 +1,4 @@
+#include "support/Emulation.h"
 #include "support/Processes.h"
 #include "sync/LockSupport.h"
 
@@ -15,6 +16,12 @@ template <typename Lock>
 class ShmLocks : public testing::Test {
 protected:
     static constexpr bool HAS_TIMEOUTS = !IS_SPIN_LOCK<Lock>;
+
+    void SetUp() override {
+        if (std::is_same_v<Lock, InheritingMutex> || std::is_same_v<Lock, RecursiveInheritingMutex>) {
+            VESK_SKIP_WITHOUT_BYTE_ORDER_OF_KERNEL();
+        }
+    }
 
     SharedObject<Contended<Lock>> const m_shared;
 };

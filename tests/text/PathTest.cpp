@@ -183,7 +183,8 @@ TEST(WidePath, conversionToAStringThrowsIfTheLocaleCannotExpressIt) {
 
 TEST(WidePath, isConvertedInALocaleOtherThanUTF8) {
     WorkingFolder const directory;
-    if (!support::buildLatin1(directory.getPath())) {
+    support::Latin1 const latin1(directory.getPath());
+    if (!latin1.isBuilt()) {
         GTEST_SKIP() << "there is no 8-bit locale for this libc";
     }
     ScopedLocale const locale("latin1");

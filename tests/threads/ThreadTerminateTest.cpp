@@ -70,6 +70,7 @@ testing::AssertionResult isRefused() {
 // ---- what it does ----
 
 TEST_F(ThreadTerminate, unwindsTheBodyAndCallsTheHandlersInTheCaller) {
+    VESK_SKIP_WITHOUT_CANCELLATION();
     static Thread::ThreadId s_caller;
     static Thread::ThreadId s_id;
     for (bool const detached : {false, true}) {
@@ -138,6 +139,7 @@ TEST_F(ThreadTerminate, bodyThatReturnsAfterItsObjectIsDestroyedTouchesNothing) 
 // ---- locks and unwinding ----
 
 TEST_F(ThreadTerminate, conditionWaitIsLeftWithTheLockFree) {
+    VESK_SKIP_WITHOUT_CANCELLATION();
     VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     for (bool const timed : {false, true}) {
         Mutex mutex;
@@ -167,6 +169,7 @@ TEST_F(ThreadTerminate, conditionWaitIsLeftWithTheLockFree) {
 }
 
 TEST_F(ThreadTerminate, cancellationInSuspendLeavesTheLockFree) {
+    VESK_SKIP_WITHOUT_CANCELLATION();
     VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     for (long long const ms : {0LL, 3600000LL}) {
         Event left;
@@ -216,6 +219,7 @@ TEST_F(ThreadTerminate, cancellationBeforeTheStartDoesNotKeepTheObjectFromItsEnd
 }
 
 TEST_F(ThreadTerminate, unwindingPassesABodyThatCatchesEverythingAndRethrows) {
+    VESK_SKIP_WITHOUT_CANCELLATION();
     std::atomic<bool> caught{false};
     TestThread thread([&] {
         try {
@@ -232,6 +236,7 @@ TEST_F(ThreadTerminate, unwindingPassesABodyThatCatchesEverythingAndRethrows) {
 }
 
 TEST_F(ThreadTerminate, sleepOfTheLibraryIsCanceled) {
+    VESK_SKIP_WITHOUT_CANCELLATION();
     VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     if (!WATCHES_CANCELLED_CALLS) {
         GTEST_SKIP() << "the thread sanitizer does not know threads that are cancelled in clock_nanosleep";
@@ -272,6 +277,7 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 TEST_P(ThreadEndInSuspend, wokenTerminatedAndDestroyedAtOnceLeavesNoTrace) {
+    VESK_SKIP_WITHOUT_CANCELLATION();
     VESK_SKIP_UNLESS_FRAMES_ARE_FORGOTTEN();
     std::atomic<int> ended{0};
     m_body = [this, &ended] {
@@ -396,6 +402,7 @@ TEST_P(ThreadTerminateRace, withTheEndOfTheBodyHasOneWinner) {
 }
 
 TEST_P(ThreadTerminateRace, withTheBeginningOfTheThreadHasOneWinner) {
+    VESK_SKIP_WITHOUT_CANCELLATION();
     for (int round = 0; round < ROUNDS; ++round) {
         auto thread = std::make_unique<Thread>(registerAndWait, nullptr, "racing", Attr(), GetParam());
         if (round % 2 == 1) {
@@ -420,6 +427,7 @@ TEST_F(ThreadTerminate, isNotNeededIfTheObjectOfADetachedThreadIsDestroyedAtAnyM
 }
 
 TEST_F(ThreadTerminate, ofSeveralAtOnceOneSucceeds) {
+    VESK_SKIP_WITHOUT_CANCELLATION();
     for (int round = 0; round < ROUNDS / 10; ++round) {
         g_terminated = 0;
         Event ready;
@@ -445,6 +453,7 @@ TEST_F(ThreadTerminate, ofSeveralAtOnceOneSucceeds) {
 }
 
 TEST_F(ThreadTerminate, racesWithAJoinAndBothComeToAnEnd) {
+    VESK_SKIP_WITHOUT_CANCELLATION();
     for (int round = 0; round < ROUNDS / 5; ++round) {
         auto thread =
             std::make_unique<Thread>(round % 2 == 0 ? registerAndWait : registerCount, nullptr, "contended");
