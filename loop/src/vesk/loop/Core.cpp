@@ -59,13 +59,7 @@ void Core::close() noexcept {
     Batch batches[PRIORITIES];
     std::shared_ptr<Callback<void(std::exception_ptr)>> hook;
     Locked const locked(m_lock);
-    {
-        Locked const posts_locked(m_post_lock);
-        std::swap(posts, m_posts);
-        m_has_posts = false;
-    }
-    std::swap(batches, m_batches);
-    m_has_batch = false;
+    giveUpPosts(posts, batches);
     std::swap(hook, m_exception_hook);
     for (size_t fd = 0; fd < m_slots.size(); ++fd) {
         for (FdSource* const source : {m_slots[fd].reader, m_slots[fd].writer}) {
@@ -94,6 +88,15 @@ void Core::close() noexcept {
     m_timer_fd.close();
     m_event.close();
     m_epoll.close();
+}
+
+/// Moves what was posted out of the loop.
+void Core::giveUpPosts(Calls (&posts)[PRIORITIES], Batch (&batches)[PRIORITIES]) noexcept {
+    Locked const locked(m_post_lock);
+    std::swap(posts, m_posts);
+    std::swap(batches, m_batches);
+    m_has_posts = false;
+    m_has_batch = false;
 }
 
 // ---- sources ----

@@ -170,6 +170,8 @@ private:
     bool fireAll() TARN_REQUIRES(m_lock);
     bool firePosts(Batch& batch) TARN_REQUIRES(m_lock) TARN_NOT_ANALYZED;
     void takePosts() TARN_REQUIRES(m_lock) TARN_EXCLUDES(m_post_lock);
+    void giveUpPosts(Calls (&posts)[PRIORITIES], Batch (&batches)[PRIORITIES]) noexcept TARN_REQUIRES(m_lock)
+        TARN_EXCLUDES(m_post_lock);
     void fire(Source& source) TARN_REQUIRES(m_lock);
     template <typename Call>
     void callOut(Call&& call) TARN_EXCLUDES(m_lock);
