@@ -47,8 +47,8 @@ public:
     }
 
 private:
+    int m_refused = 0; // Before the thread, which writes it.
     std::thread m_thread;
-    int m_refused = 0;
 };
 
 struct Semaphore {
