@@ -40,8 +40,8 @@ namespace vesk {
 ///
 /// If that caller ends too, the next one gets the report. If it unlocks without `recover`, the lock is given up:
 /// all later calls fail with `ErrorId::LOCK_FAILED`. A thread that ends while it holds the lock counts as a
-/// process that does. A robust lock costs a little more than others. `isValid` returns false where the system has no
-/// such locks, with the report `SysErrorId::NOT_IMPLEMENTED`.
+/// process that does. A robust lock costs a little more than others. QEMU's user mode has no
+/// robust locks, and does not tell: they remain locked there.
 ///
 /// Any other lock remains locked permanently: `lock` blocks forever in every other process, `tryLock` returns 1,
 /// and `tryLockTimeout` returns 1 after its timeout. Where a process may be killed:
